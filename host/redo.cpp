@@ -1,0 +1,8 @@
+// No redo log: nothing listens.
+#include "tslb_rd_api.h"
+
+RedoHandler_t *g_redo_handle = nullptr;
+
+int tslb_redo_log_ex(uint64_t, char, char *, uint32_t, uint64_t, uint32_t, void *, unsigned int) {
+  return 0;
+}

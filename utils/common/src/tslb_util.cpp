@@ -1,0 +1,130 @@
+// The library's one clock. Its settings are relaxed words: nothing orders them against each other, and a
+// reading that overlaps a setter may mix old and new.
+#include "tslb_util.h"
+
+#include <math.h>
+#include <signal.h>
+#include <stdio.h>
+
+#include "tslb_report.h"
+
+int8_t g_tslb_abort_on_error = 0;
+
+static double timer_factor = 1.0;
+static time_t tsdb_start_ts = 0;
+static int timestamp_offset = 0;
+
+template <class T>
+static T get(const T &setting) {
+  T value;
+  __atomic_load(&setting, &value, __ATOMIC_RELAXED);
+  return value;
+}
+
+template <class T>
+static void set(T &setting, T value) {
+  __atomic_store(&setting, &value, __ATOMIC_RELAXED);
+}
+
+// Toward zero, as the cast goes; the cast itself is undefined beyond the range.
+static int64_t seconds_of(double value) {
+  if (value >= 0x1p63) return INT64_MAX;
+  if (value < -0x1p63) return INT64_MIN;
+  return static_cast<int64_t>(value);
+}
+
+static time_t deliver(time_t value, time_t *time_loc) {
+  if (time_loc != nullptr) *time_loc = value;
+  return value;
+}
+
+void tslb_set_abort_on_error(void) {
+  g_tslb_abort_on_error = 1;
+}
+
+void tslb_set_timer_factor(double factor) {
+  if (!isfinite(factor) || factor <= 0.0) {
+    fprintf(stderr, "%s:%d:%s: Error: timer factor %g is not finite and positive, %g stays\n",
+            TSLB_FILE_LINE_FUNC, factor, get(timer_factor));
+    return;
+  }
+  set(timer_factor, factor);
+}
+
+double tslb_get_timer_factor(void) {
+  return get(timer_factor);
+}
+void tslb_set_tsdb_start_ts(time_t ts) {
+  set(tsdb_start_ts, ts);
+}
+time_t tslb_get_tsdb_start_ts(void) {
+  return get(tsdb_start_ts);
+}
+void tslb_set_timestamp_offset(int offset) {
+  set(timestamp_offset, offset);
+}
+int tslb_get_timestamp_offset(void) {
+  return get(timestamp_offset);
+}
+
+time_t tslb_get_time(time_t *time_loc) {
+  const int64_t now = time(nullptr) + int64_t{get(timestamp_offset)};
+  // Unsigned: a host may set any origin, and a difference that leaves 64 bits wraps instead of being
+  // undefined.
+  const int64_t elapsed =
+      static_cast<int64_t>(static_cast<uint64_t>(now) - static_cast<uint64_t>(get(tsdb_start_ts)));
+  // The origin is added after the division: at factor 1.0 whole seconds below 2^53 come out as they went in.
+  const double scaled =
+      static_cast<double>(elapsed) / get(timer_factor) + static_cast<double>(get(tsdb_start_ts));
+  return deliver(seconds_of(scaled), time_loc);
+}
+
+time_t tslb_get_time_without_tf(time_t *time_loc) {
+  return deliver(time(nullptr) + int64_t{get(timestamp_offset)}, time_loc);
+}
+
+// A handler that calls localtime_r while this thread is inside it would wait for the time zone's lock for
+// ever.
+static struct tm *local_time_signals_blocked(const time_t *at, struct tm *parts) {
+  sigset_t all, before;
+  sigfillset(&all);
+  sigprocmask(SIG_BLOCK, &all, &before);
+  struct tm *const result = localtime_r(at, parts);
+  sigprocmask(SIG_SETMASK, &before, nullptr);
+  return result;
+}
+
+char *tslb_get_cur_date_time(char *time_string, int need_to_block_signal) {
+  struct tm parts;
+  const time_t tloc = tslb_get_time(nullptr);
+  const struct tm *const local =
+      need_to_block_signal == 1 ? local_time_signals_blocked(&tloc, &parts) : localtime_r(&tloc, &parts);
+  if (local == nullptr) {
+    sprintf(time_string, "Error|Error");
+    return time_string;
+  }
+  // tm_year + 1900 in 64 bits: the largest tm_year is near the end of int.
+  sprintf(time_string, "%02d/%02d/%02d %02d:%02d:%02d", local->tm_mon + 1, local->tm_mday,
+          static_cast<int>((int64_t{local->tm_year} + 1900) % 2000), local->tm_hour, local->tm_min,
+          local->tm_sec);
+  return time_string;
+}
+
+// Leaves `text` empty for an instant without a broken-down form, or whose text does not fit.
+static void render_instant(char (&text)[32], const struct tm *parts) {
+  if (parts == nullptr || strftime(text, sizeof(text), "%d/%m/%G %T %Z", parts) == 0) text[0] = '\0';
+}
+
+char *tslb_ts_string(time_t partition_start_time, const char *name, char *buff, int buff_size) {
+  struct tm parts;
+  char local[32], utc[32];
+  render_instant(local, localtime_r(&partition_start_time, &parts));
+  render_instant(utc, gmtime_r(&partition_start_time, &parts));
+  const size_t room = buff_size > 0 ? static_cast<size_t>(buff_size) : 0;
+  const long seconds = partition_start_time;
+  if (name != nullptr)
+    snprintf(buff, room, " %s = %ld %s %s", name, seconds, utc, local);
+  else
+    snprintf(buff, room, "%ld %s %s", seconds, utc, local);
+  return buff;
+}

@@ -1,0 +1,272 @@
+// Record arrays: creation of block 0, issue of ids, and the lookup that makes tables and blocks on its way.
+// Lock-free: a table entry goes from null to a pointer once, by one swap, and the loser of a race releases
+// what it made.
+#include "dynamic_array.h"
+
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <type_traits>
+
+#include "dynarr_internal.h"
+#include "tslb_report.h"
+
+// A gap in one of these would carry stray bytes into a file.
+static_assert(std::has_unique_object_representations_v<DynHdr_t>);
+static_assert(std::has_unique_object_representations_v<DynArrLLI_t>);
+static_assert(std::has_unique_object_representations_v<node_fw> &&
+              std::has_unique_object_representations_v<node_bw>);
+
+uint32_t single_redirection_elements_count = 1u << 8;
+uint32_t second_redirection_elements_count = 1u << 12;
+uint32_t third_redirection_elements_count = 1u << 16;
+uint32_t fourth_redirection_elements_count = 1u << 20;
+uint32_t fifth_redirection_elements_count = 1u << 24;
+uint32_t sixth_redirection_elements_count = 1u << 28;
+
+char g_base_path[1025];
+
+constexpr uint8_t LIB_VERSION = 2;
+
+// ---- Creation
+// -------------------------------------------------------------------------------------------------------
+
+// 0 if an array of these sizes can exist, else the errno that tells why not. `block_bytes` is the size of
+// block 0.
+static int refusal_of(int32_t usrhdr_sz, int32_t record_sz, int32_t n_direct, uint32_t node_bytes,
+                      int64_t block_bytes) {
+  if (usrhdr_sz < 0 || record_sz < 0 || n_direct < 0) return EINVAL;
+  if (usrhdr_sz > UINT16_MAX || block_bytes > INT32_MAX) return EOVERFLOW;
+  const uint64_t slot_bytes = uint64_t{static_cast<uint32_t>(record_sz)} + node_bytes;
+  return slot_bytes * SLOTS_PER_BLOCK > UINT32_MAX ? EOVERFLOW : 0;
+}
+
+// Memory of block 0, zeroed; null with errno set.
+static void *make_block0(char mem_type, int64_t bytes) {
+  if (mem_type == MPOOL_TYPE_SHM || mem_type == MPOOL_TYPE_PMEM) {
+    errno = ENOTSUP;
+    return nullptr;
+  }
+  return calloc(1, static_cast<size_t>(bytes));
+}
+
+static void fill_handle(DynArrHandle_t *array, void *block0, char mem_type, int64_t tbl_id,
+                        const char *ctx_name, uint8_t daflag, int32_t n_direct) {
+  array->arr_base = block0;
+  array->tbl_id = static_cast<uint32_t>(tbl_id);
+  array->mem_type = mem_type;
+  array->daflag = daflag;
+  array->n_direct = static_cast<uint32_t>(n_direct);
+  // The rest stays zero: lock free, no root table, and the name's terminator.
+  if (ctx_name != nullptr) memcpy(array->ctx_name, ctx_name, strnlen(ctx_name, sizeof(array->ctx_name) - 1));
+}
+
+static void fill_headers(DynArrHandle_t *array, int32_t usrhdr_sz, int32_t record_sz, uint8_t rec_version) {
+  DynHdr_t *const hdr = dyn_hdr_of(array);
+  hdr->lib_version = LIB_VERSION;
+  hdr->rec_version = rec_version;
+  hdr->hdr_size = static_cast<uint16_t>(usrhdr_sz);
+  hdr->lli_sz = has_lists(array) ? LLI_BYTES : 0;
+  if (has_lists(array)) {
+    DynArrLLI_t *const lli = lli_of(array);
+    lli->free_head = lli->free_tail = lli->inact_head = lli->inact_tail = TSLB_DA_NIL_IDX;
+    lli->lltype = array->daflag;
+  }
+  DynArrHdr_t *const arr_hdr = arr_hdr_of(array);
+  arr_hdr->n_alloc = arr_hdr->n_direct = array->n_direct;
+  arr_hdr->record_size = static_cast<uint32_t>(record_sz);
+}
+
+DynamicArray_t get_default_dyn_array_ex_ex(int32_t usrhdr_sz, int32_t size_of_single_data_slot,
+                                           int32_t number_of_direct_slots, char mem_type, int64_t tbl_id,
+                                           const char *ctx_name, uint8_t daflag, uint8_t rec_version) {
+  const uint32_t node_bytes = node_bytes_of(daflag);
+  const int64_t tot_hdrsz = int64_t{usrhdr_sz} + (node_bytes != 0 ? LLI_BYTES : 0) + FIXED_HDR_BYTES;
+  const int64_t default_dyn_array_size =
+      tot_hdrsz + (int64_t{size_of_single_data_slot} + node_bytes) * number_of_direct_slots;
+
+  DynArrHandle_t *const array = static_cast<DynArrHandle_t *>(calloc(1, sizeof(DynArrHandle_t)));
+  if (array == nullptr) {
+    const int err = errno;
+    fprintf(stderr, "Error(%s:%d): unable to allocate memory for DynArrHandle_t of size %ld. err(%d)=(%s).\n",
+            TSLB_FUNC_LINE, static_cast<long>(sizeof(DynArrHandle_t)), err, strerror(err));
+    errno = err;
+    return nullptr;
+  }
+  int err = refusal_of(usrhdr_sz, size_of_single_data_slot, number_of_direct_slots, node_bytes,
+                       default_dyn_array_size);
+  void *block0 = nullptr;
+  if (err == 0) {
+    block0 = make_block0(mem_type, default_dyn_array_size);
+    err = errno;
+  }
+  if (block0 == nullptr) {
+    free(array);
+    fprintf(stderr,
+            "Error(%s:%d) failed to allocate memory for Dynamic Array of size %ld for ContextName %s and "
+            "TableId %ld, "
+            "g_base_path = %s, err(%d)=%s.\n",
+            TSLB_FUNC_LINE, static_cast<long>(default_dyn_array_size),
+            ctx_name != nullptr ? ctx_name : "(null)", static_cast<long>(tbl_id), g_base_path, err,
+            strerror(err));
+    errno = err;
+    return nullptr;
+  }
+  fill_handle(array, block0, mem_type, tbl_id, ctx_name, daflag, number_of_direct_slots);
+  fill_headers(array, usrhdr_sz, size_of_single_data_slot, rec_version);
+  return array;
+}
+
+DynamicArray_t get_default_dyn_array_ex(int32_t usrhdr_sz, int32_t size_of_single_data_slot,
+                                        int32_t number_of_direct_slots, char mem_type, int64_t tbl_id,
+                                        const char *ctx_name, uint8_t daflag) {
+  return get_default_dyn_array_ex_ex(usrhdr_sz, size_of_single_data_slot, number_of_direct_slots, mem_type,
+                                     tbl_id, ctx_name, daflag, 0);
+}
+
+DynamicArray_t get_default_dyn_array(int32_t size_of_single_data_slot, int32_t number_of_direct_slots,
+                                     char mem_type) {
+  return get_default_dyn_array_ex(0, size_of_single_data_slot, number_of_direct_slots, mem_type, 0, nullptr,
+                                  0);
+}
+
+// ---- Getters
+// --------------------------------------------------------------------------------------------------------
+
+DynArrHdr_t *get_dyn_hdr(DynamicArray_t array) {
+  return arr_hdr_of(array);
+}
+void *get_user_hdr(DynamicArray_t array) {
+  return dyn_hdr_of(array)->hdr_size != 0 ? user_hdr_of(array) : nullptr;
+}
+uint32_t get_dyn_arr_size(DynamicArray_t array) {
+  return get32(&arr_hdr_of(array)->n_used);
+}
+uint32_t get_dyn_arr_record_sz(DynamicArray_t array) {
+  return arr_hdr_of(array)->record_size;
+}
+uint32_t get_dyn_total_allocated_records(DynamicArray_t array) {
+  return get32(&arr_hdr_of(array)->n_alloc);
+}
+void *dyn_array_record(DynamicArray_t, int32_t) {
+  return nullptr;
+}
+
+// ---- Growth
+// ---------------------------------------------------------------------------------------------------------
+
+// Acquire, paired with the barrier in cas64: who sees the pointer also sees the zeroes behind it.
+static inline void *load_entry(void *const *entry) {
+  return __atomic_load_n(entry, __ATOMIC_ACQUIRE);
+}
+
+// Offers `fresh` for an empty entry and says whether it serves now. No retry: cas64 fails only when a rival
+// was first, and then the entry is filled for good.
+static bool publish(void *entry, void *fresh) {
+  if (cas64(static_cast<uint64_t *>(entry), 0, reinterpret_cast<uint64_t>(fresh)) != 0) return true;
+  free(fresh);
+  return false;
+}
+
+void get_dyn_array_of_pointers(int32_t count, void *addr) {
+  const size_t bytes = static_cast<size_t>(count) * sizeof(void *);
+  void *const table = calloc(1, bytes);
+  if (table == nullptr) {
+    const int err = errno;
+    fprintf(
+        stderr,
+        "Error(%s:%d) failed to allocate memory for PtrTabl_t of Dynamic Array of size %zd. err(%d)=%s.\n",
+        TSLB_FUNC_LINE, static_cast<ssize_t>(bytes), err, strerror(err));
+    return;
+  }
+  publish(addr, table);
+}
+
+void get_dyn_data_array(DynamicArray_t array, uint32_t record_size, int32_t count, int32_t, void *addr) {
+  const size_t chunk_size = static_cast<uint32_t>(count) * record_size;
+  // Zeroed before the swap: a rival may read the block the moment it is published.
+  void *const block = calloc(1, chunk_size);
+  if (block == nullptr) {
+    fprintf(stderr, "Error(DALib): Failed to allocted memory of size %ld\n", static_cast<long>(chunk_size));
+    return;
+  }
+  if (publish(addr, block)) add32(&arr_hdr_of(array)->n_alloc, static_cast<uint32_t>(count));
+}
+
+// ---- Lookup
+// ---------------------------------------------------------------------------------------------------------
+
+__attribute__((noinline, cold)) static void *make_table(void **entry) {
+  get_dyn_array_of_pointers(ENTRIES_PER_TABLE, entry);
+  return load_entry(entry);
+}
+
+__attribute__((noinline, cold)) static PtrTbl_t *make_root(DynArrHandle_t *array) {
+  get_dyn_array_of_pointers(ENTRIES_PER_TABLE, &array->ir_base);
+  return __atomic_load_n(&array->ir_base, __ATOMIC_ACQUIRE);
+}
+
+__attribute__((noinline, cold)) static void *make_block(DynArrHandle_t *array, uint32_t beyond,
+                                                        uint32_t slot_bytes, void **entry) {
+  get_dyn_data_array(array, slot_bytes, SLOTS_PER_BLOCK, static_cast<int32_t>(block_num_of(beyond)), entry);
+  return load_entry(entry);
+}
+
+__attribute__((noinline, cold)) static void *report_beyond_levels(const DynArrHandle_t *array,
+                                                                  uint32_t beyond) {
+  const uint32_t n_direct = array->n_direct;
+  fprintf(stderr, "ID %d is not correct, n_direct:%d\n", static_cast<int>(beyond + n_direct),
+          static_cast<int>(n_direct));
+  return nullptr;
+}
+
+void *dynarr_data_block(DynArrHandle_t *array, uint32_t beyond, uint32_t slot_bytes) {
+  PtrTbl_t *root = __atomic_load_n(&array->ir_base, __ATOMIC_ACQUIRE);
+  if (__builtin_expect(root == nullptr, 0) && (root = make_root(array)) == nullptr) return nullptr;
+  const place_t place = place_of(beyond);
+  if (__builtin_expect(place.level > LEVELS, 0)) return report_beyond_levels(array, beyond);
+
+  // Every entry is read from its parent, and again after it was made: what a rival published is what serves.
+  void **entry = reinterpret_cast<void **>(root) + place.level - 1;
+  for (unsigned shift = 4 * place.level; shift != 0; shift -= 4) {
+    void *table = load_entry(entry);
+    if (__builtin_expect(table == nullptr, 0) && (table = make_table(entry)) == nullptr) return nullptr;
+    entry = static_cast<void **>(table) + (place.actual_id >> shift) % ENTRIES_PER_TABLE;
+  }
+  void *const block = load_entry(entry);
+  return __builtin_expect(block == nullptr, 0) ? make_block(array, beyond, slot_bytes, entry) : block;
+}
+
+void *get_dyn_arr_record_position_ex(DynamicArray_t array, uint32_t id, int64_t, const char *,
+                                     uint8_t daflag) {
+  return position_of(array, id, daflag);
+}
+
+void *get_dyn_arr_record_position(DynamicArray_t array, uint32_t id) {
+  return position_of(array, id, 0);
+}
+
+// ---- New ids
+// --------------------------------------------------------------------------------------------------------
+
+int32_t get_dyn_arr_new_record_id_ex(DynamicArray_t array, void **ptr, uint8_t daflag) {
+  DynArrHdr_t *const hdr = arr_hdr_of(array);
+  const uint32_t id = add32(&hdr->n_used, 1);
+  const uint32_t n_alloc = get32(&hdr->n_alloc);
+  if (__builtin_expect(n_alloc == UINT32_MAX, 0)) {
+    // The id stays counted: taking it back would race with those who came after.
+    fprintf(stderr, "Can not allocate more space as array is full. Total allocated space = %hu\n",
+            static_cast<unsigned short>(n_alloc));
+    *ptr = nullptr;
+    return -1;
+  }
+  *ptr = position_of(array, id, daflag);
+  return *ptr != nullptr ? static_cast<int32_t>(id) : -1;
+}
+
+int32_t get_dyn_arr_new_record_id(DynamicArray_t array) {
+  void *record;
+  return get_dyn_arr_new_record_id_ex(array, &record, 0);
+}

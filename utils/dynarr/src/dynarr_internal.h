@@ -1,0 +1,171 @@
+// What the modules that work on arrays share: where the parts of block 0 lie, the geometry of slots and
+// levels, the lookup, and the shapes of redo records. Private: never installed.
+#ifndef DYNARR_INTERNAL_H
+#define DYNARR_INTERNAL_H
+
+#include "dynamic_array.h"
+#include "tslb_dynarr.h"
+#include "tslb_rd_api.h"
+
+// ---- Shared words
+// --------------------------------------------------------------------------------------------------- Words
+// of stored structures that one thread reads while another writes. They can lie at any address, hence the
+// untyped pointers. Relaxed: what must be ordered is ordered by the spin lock or by the barrier in the host's
+// atomics.
+
+static inline uint32_t get32(const void *word) {
+  return __atomic_load_n(static_cast<const uint32_t *>(word), __ATOMIC_RELAXED);
+}
+static inline void set32(void *word, uint32_t value) {
+  __atomic_store_n(static_cast<uint32_t *>(word), value, __ATOMIC_RELAXED);
+}
+static inline uint32_t add32(void *word, uint32_t amount) {
+  return get_and_inc32(static_cast<uint32_t *>(word), amount);
+}
+
+// ---- Parts of block 0
+// -----------------------------------------------------------------------------------------------
+
+constexpr uint32_t LLI_BYTES = sizeof(DynArrLLI_t);
+constexpr uint32_t FIXED_HDR_BYTES = sizeof(DynHdr_t) + sizeof(DynArrHdr_t);
+
+static inline char *block0_of(const DynArrHandle_t *array) {
+  return static_cast<char *>(array->arr_base);
+}
+static inline DynHdr_t *dyn_hdr_of(const DynArrHandle_t *array) {
+  return static_cast<DynHdr_t *>(array->arr_base);
+}
+
+static inline void *user_hdr_of(const DynArrHandle_t *array) {
+  return block0_of(array) + sizeof(DynHdr_t);
+}
+
+// Points at DynArrHdr_t where there are no nodes.
+static inline DynArrLLI_t *lli_of(const DynArrHandle_t *array) {
+  return reinterpret_cast<DynArrLLI_t *>(block0_of(array) + sizeof(DynHdr_t) + dyn_hdr_of(array)->hdr_size);
+}
+
+static inline DynArrHdr_t *arr_hdr_of(const DynArrHandle_t *array) {
+  const DynHdr_t *const hdr = dyn_hdr_of(array);
+  return reinterpret_cast<DynArrHdr_t *>(block0_of(array) + sizeof(DynHdr_t) + hdr->hdr_size + hdr->lli_sz);
+}
+
+// Bytes ahead of slot 0.
+static inline uint32_t header_bytes_of(const DynArrHandle_t *array) {
+  const DynHdr_t *const hdr = dyn_hdr_of(array);
+  return FIXED_HDR_BYTES + hdr->hdr_size + hdr->lli_sz;
+}
+
+// ---- Geometry of slots
+// ----------------------------------------------------------------------------------------------
+
+constexpr uint32_t SLOTS_PER_BLOCK = 16;
+constexpr uint32_t ENTRIES_PER_TABLE = 16;
+constexpr uint32_t NODE_BYTES = sizeof(node_fw);
+static_assert(sizeof(node_fw) == sizeof(node_bw), "a slot has one node on each side, of one size");
+
+// Bytes of list nodes in a slot. The second node lies behind the record, so the record's own place in the
+// slot, its shift, is one node for both kinds of list.
+static inline constexpr uint32_t node_bytes_of(uint8_t daflag) {
+  return (daflag & TSLB_DA_DAFLAG_INLL) != 0 ? 2 * NODE_BYTES
+         : (daflag & TSLB_DA_DAFLAG_LL) != 0 ? NODE_BYTES
+                                             : 0;
+}
+static inline constexpr uint32_t shift_of(uint8_t daflag) {
+  return node_bytes_of(daflag) != 0 ? NODE_BYTES : 0;
+}
+
+static inline bool has_lists(const DynArrHandle_t *array) {
+  return node_bytes_of(array->daflag) != 0;
+}
+static inline bool has_inactive_list(const DynArrHandle_t *array) {
+  return (array->daflag & TSLB_DA_DAFLAG_INLL) != 0;
+}
+
+static inline uint32_t slot_bytes_of(const DynArrHandle_t *array) {
+  return arr_hdr_of(array)->record_size + node_bytes_of(array->daflag);
+}
+
+static inline node_fw *fw_of(void *slot_ptr) {
+  return reinterpret_cast<node_fw *>(static_cast<char *>(slot_ptr) - NODE_BYTES);
+}
+static inline node_bw *bw_of(void *slot_ptr, uint32_t record_size) {
+  return reinterpret_cast<node_bw *>(static_cast<char *>(slot_ptr) + record_size);
+}
+
+// ---- Geometry of levels
+// ---------------------------------------------------------------------------------------------
+
+constexpr unsigned LEVELS = 6;
+
+// Where an id beyond the direct area lies. Written in base 16, actual_id is the path through the level's
+// tables: its highest digit picks an entry of the top one, its lowest the slot in the data block.
+struct place_t {
+  unsigned level;      // 1 to 6; 7 if no level holds the id
+  uint32_t actual_id;  // the id's place in its level
+};
+
+// `beyond` is the id less n_direct. Level L holds 16^(L+1) ids, so its first one is (16^(L+1) - 256) / 15,
+// and L can be read from the position of the highest bit of 15 * beyond + 256, with no comparison against six
+// bounds. In base 16 those first ids are 0, 100, 1100, 11100 ...: low digits of one constant.
+static inline place_t place_of(uint32_t beyond) {
+  const uint64_t scaled = uint64_t{beyond} * 15 + 256;
+  if (scaled >> 32 != 0) return {LEVELS + 1, 0};
+  const unsigned digit_bits = static_cast<unsigned>(31 - __builtin_clz(static_cast<uint32_t>(scaled))) & ~3u;
+  const uint32_t first = 0x11111100u & ((1u << digit_bits) - 1);
+  return {digit_bits / 4 - 1, beyond - first};
+}
+
+// Data blocks are numbered over all levels, since every level holds a multiple of 16 ids.
+static inline uint32_t block_num_of(uint32_t beyond) {
+  return beyond / SLOTS_PER_BLOCK + 1;
+}
+
+// ---- Lookup
+// ---------------------------------------------------------------------------------------------------------
+
+// The data block that holds the id `beyond` past the direct area, made if it is missing. Null after a report.
+void *dynarr_data_block(DynArrHandle_t *array, uint32_t beyond, uint32_t slot_bytes);
+
+// get_dyn_arr_record_position_ex, inlined where a lookup is part of a hot path.
+static inline void *position_of(DynArrHandle_t *array, uint32_t id, uint8_t daflag) {
+  DynArrHdr_t *const hdr = arr_hdr_of(array);
+  // Relaxed: whoever was given the id sees a count above it; for anybody else it is a bound, not a
+  // publication.
+  if (id >= get32(&hdr->n_used)) return nullptr;
+  const uint32_t slot_bytes = hdr->record_size + node_bytes_of(daflag);
+  // The header of a mapped file is within others' reach; the handle is not.
+  const uint32_t n_direct = array->mem_type == MPOOL_TYPE_SHM ? array->n_direct : hdr->n_direct;
+  if (id < n_direct) return hdr->elem_direct + uint64_t{id} * slot_bytes + shift_of(daflag);
+  const uint32_t beyond = id - n_direct;
+  char *const block = static_cast<char *>(dynarr_data_block(array, beyond, slot_bytes));
+  if (block == nullptr) return nullptr;
+  return block + uint64_t{beyond % SLOTS_PER_BLOCK} * slot_bytes + shift_of(daflag);
+}
+
+static inline void *slot_ptr_of(DynArrHandle_t *array, uint32_t idx) {
+  return position_of(array, idx, array->daflag);
+}
+
+// ---- Redo records
+// ---------------------------------------------------------------------------------------------------
+
+constexpr uint64_t NO_TXN = ~uint64_t{0};
+constexpr uint32_t NO_AUX = 0xFFFFFFFFu;
+
+// Only arrays in process memory are logged: the others have files, or are not meant to last.
+static inline bool redo_is_on(const DynArrHandle_t *array) {
+  return __atomic_load_n(&g_redo_handle, __ATOMIC_RELAXED) != nullptr && array->mem_type == MPOOL_TYPE_DRAM;
+}
+
+// What the slot layer logs of its own accord needs a name as well, under which a replay could find the array.
+static inline bool redo_is_on_by_name(const DynArrHandle_t *array) {
+  return redo_is_on(array) && array->ctx_name[0] != '\0';
+}
+
+// Library's own records of an array's header and of a slot's nodes, untested: callers ask one of the two
+// above.
+void redo_header(DynArrHandle_t *array, uint64_t txn_id, char rec_type);
+void redo_nodes(DynArrHandle_t *array, uint32_t idx, void *slot_ptr);
+
+#endif

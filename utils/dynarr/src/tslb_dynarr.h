@@ -1,0 +1,154 @@
+/* Slot arrays: record arrays whose slots carry list nodes, so that a slot can be given back and taken again.
+ *
+ * A slot pointer (`slot_ptr`) is the address of the payload, the caller's record, not of the slot's start:
+ * node_fw lies 8 bytes ahead of it, node_bw record_size bytes behind it. The first 32 bits of the payload are
+ * the gatekeeper word: taking and freeing a slot store 0xFFFFFFFF there, and nothing here tests it. So a
+ * record has 4 bytes or more.
+ *
+ * Lists. Slots that were freed wait on the free list, first in first out. With TSLB_DA_DAFLAG_INLL a slot can
+ * also be parked on the inactive list with its record intact. Both are threaded through the slots by index;
+ * their roots are DynArrLLI_t in block 0. The handle's spin lock guards roots, counters and nodes.
+ *
+ * An index belongs to one caller at a time. Handles must be valid where a null handle is not mentioned. */
+#ifndef TSLB_DYNARR_H
+#define TSLB_DYNARR_H
+
+#include "dynamic_array.h"
+
+TSLB_BEGIN_DECLS
+
+typedef DynArrHandle_t dynarr_t; /* opaque: a dynarr_t * is a DynamicArray_t */
+
+#define TSLB_DA_NIL_IDX 0xFFFFFFFFu /* end of a list, no slot */
+
+/* Slot status: a plain value, tested for equality only. */
+#define TSLB_DA_SLOT_UNSET 0u              /* id issued, never allocated; on no list */
+#define TSLB_DA_SLOT_FREE 1u               /* on the free list */
+#define TSLB_DA_SLOT_ACTIVE 2u             /* a caller's; on no list */
+#define TSLB_DA_SLOT_INACTIVE 3u           /* on the inactive list, record intact */
+#define TSLB_DA_SLOT_NOT_READY 0xFFFFFFFFu /* only a host writes this one */
+
+/* List node ahead of a slot's record. In files, snapshots and redo records as it lies here. Records can have
+ * any size, so it stands at any address. */
+typedef struct TSLB_UNALIGNED DynArrSlotLLIFW_t {
+  uint32_t status; /* TSLB_DA_SLOT_* */
+  uint32_t next;   /* next slot on its list; TSLB_DA_NIL_IDX at the end or on no list */
+} node_fw;
+TSLB_STORED_SIZE(node_fw, 8);
+TSLB_STORED_AT(node_fw, status, 0);
+TSLB_STORED_AT(node_fw, next, 4);
+
+/* List node behind a slot's record, with TSLB_DA_DAFLAG_INLL. */
+typedef struct TSLB_UNALIGNED DynArrSlotLLIBW_t {
+  uint32_t prev; /* previous slot on the inactive list; TSLB_DA_NIL_IDX at its head or off that list */
+  uint32_t ts;   /* seconds of the library's clock: when it was taken, then when it was inactivated */
+} node_bw;
+TSLB_STORED_SIZE(node_bw, 8);
+TSLB_STORED_AT(node_bw, prev, 0);
+TSLB_STORED_AT(node_bw, ts, 4);
+
+/* ---- Creation
+ * ----------------------------------------------------------------------------------------------------
+ *
+ * slot_sz      bytes of a record; the nodes come on top.
+ * n_slots      slots in block 0.
+ * pool_type    MPOOL_TYPE_*.
+ * ctx_name     name of the context or NULL; without a name, allocation is not redo logged.
+ * tbl_id       table id.
+ * daflag       TSLB_DA_DAFLAG_* and no other bits; tslb_da_init_v5 makes a plain array (0).
+ * rec_version  version of the caller's records; 0 in the first two.
+ * Result       the handle, or NULL after a line on stderr (get_default_dyn_array_ex_ex). */
+TSLB_API dynarr_t *tslb_da_init_v5(int slot_sz, int n_slots, char pool_type, const char *ctx_name,
+                                   int tbl_id);
+TSLB_API dynarr_t *tslb_da_init_ll(int slot_sz, int n_slots, char pool_type, const char *ctx_name, int tbl_id,
+                                   uint8_t daflag);
+TSLB_API dynarr_t *tslb_da_init_ver(int slot_sz, int n_slots, char pool_type, const char *ctx_name,
+                                    int tbl_id, uint8_t daflag, uint8_t rec_version);
+
+/* ---- Accessors
+ * --------------------------------------------------------------------------------------------------- None
+ * takes the lock: while others allocate, a value was true a moment ago. */
+
+/* n_alloc, n_used and record_size; 0 for a null handle. */
+TSLB_API unsigned int tslb_da_get_total_size(dynarr_t *h_dynarr);
+TSLB_API unsigned int tslb_da_get_size(dynarr_t *h_dynarr);
+TSLB_API unsigned int tslb_da_get_record_size(dynarr_t *h_dynarr);
+
+/* Slot size in bytes, nodes included; 0xFFFFFFFF for a null handle. Stores 8, the distance from the slot's
+ * start to its payload, in `*shift` if that is not null and the slots have nodes; else leaves it, so the
+ * caller starts it at 0. */
+TSLB_API uint32_t tslb_da_get_slotsz(dynarr_t *h_dynarr, int *shift);
+
+/* Parts of block 0: DynHdr_t, user header, DynArrLLI_t, DynArrHdr_t. Plain sums: on an array without a user
+ * header or without nodes, the second and third give the address of what follows. */
+TSLB_API void *tslb_da_get_dynhdr(void *handle_dynarr);
+TSLB_API void *tslb_da_get_usrhdr(void *handle_dynarr);
+TSLB_API void *tslb_da_get_lli(void *handle_dynarr);
+TSLB_API void *tslb_da_get_dynarrhdr(void *handle_dynarr);
+
+/* Slot pointer of `idx`. NULL for a null handle, for an index not handed out (TSLB_DA_NIL_IDX among them), or
+ * if a block that is missing cannot be had. */
+TSLB_API void *tslb_da_get_ptr(dynarr_t *handle_dynarr, unsigned int idx);
+
+/* One line about the array, without a line end, in a buffer of the calling thread that its next call
+ * overwrites. NULL for a null handle. */
+TSLB_API char *tslb_da_get_hdr_str(DynamicArray_t dyn_handle);
+
+/* ---- Spin lock
+ * --------------------------------------------------------------------------------------------------- For
+ * DynArrHandle_t.spinlock. A busy wait without bound, not re-entrant, known to this process alone. Releasing
+ * a lock that is not held does nothing. */
+TSLB_API void tslb_da_spin_lock16(uint16_t *spinlock);
+TSLB_API void tslb_da_spin_unlock16(uint16_t *spinlock);
+
+/* ---- Allocation
+ * --------------------------------------------------------------------------------------------------
+ *
+ * A slot comes from the head of the free list, else from the head of the inactive list where the reuse policy
+ * allows it, else it is a fresh id. It comes out active, on no list, with the gatekeeper word set; the rest
+ * of the payload is zero if the slot was used before, and what the block holds (zero in process memory) if it
+ * is fresh. On a plain array (daflag 0) it is always a fresh id, without nodes and without a lock.
+ *
+ * new_idx   receives the index; 0xFFFFFFFF if there is none.
+ * lock_off  0: the caller holds the handle's spin lock already. Any other value: the call takes it.
+ * Result    the slot pointer. NULL if the array is full or memory was refused (a line on stderr); nothing
+ * else changed then. tslb_da_get_newptr is the locking form, and gives NULL for a null handle with `*new_idx`
+ * untouched. Threads   any number. */
+TSLB_API void *tslb_da_get_newptr(dynarr_t *handle_dynarr, uint32_t *new_idx);
+TSLB_API void *tslb_da_get_newptr_ex(dynarr_t *handle_dynarr, uint32_t *new_idx, uint8_t lock_off);
+
+/* Takes `num_entries` slots of a list array under one hold of the lock.
+ *
+ * Result   the index of the first. The others follow it only if all were fresh ids. TSLB_DA_NIL_IDX for 0
+ * entries, or if one could not be had: those taken before it stay taken, and their indices are lost. */
+TSLB_API uint32_t tslb_da_get_range(dynarr_t *handle_dynarr, uint32_t num_entries);
+
+/* Issues an id and nothing else: no list, no lock, no node. For plain arrays. 0xFFFFFFFF if the array is
+ * full. */
+TSLB_API unsigned int tslb_da_get_newidx(dynarr_t *handle_dynarr);
+
+/* ---- Redo logging
+ * ------------------------------------------------------------------------------------------------
+ *
+ * These write records through tslb_redo_log_ex, and nothing if g_redo_handle is null, if the array is not of
+ * MPOOL_TYPE_DRAM, or if `sidx` has no slot. They take no lock: whoever logs a slot keeps it quiet meanwhile.
+ *
+ * sidx          slot index; not used by tslb_redo_log_da_hdr.
+ * txn_id        passed on.
+ * rec_type      passed on; 0 becomes 2, but not for a header.
+ * rec_hdr_only  non-zero: the first 8 bytes of the slot only (its node_fw).
+ * field_offset, field_size
+ *               a range of the payload in bytes. Taken if the offset is 0 or more and the size 1 or more,
+ * ahead of rec_hdr_only and not compared with record_size; else the whole slot is logged. */
+TSLB_API void tslb_redo_log_da(dynarr_t *h_dynarr, unsigned int sidx, uint64_t txn_id, char rec_type);
+TSLB_API void tslb_redo_log_da_ex(dynarr_t *h_dynarr, unsigned int sidx, uint64_t txn_id, char rec_type,
+                                  char rec_hdr_only);
+TSLB_API void tslb_redo_log_da_field(dynarr_t *h_dynarr, unsigned int sidx, uint64_t txn_id, char rec_type,
+                                     int field_offset, int field_size);
+TSLB_API void tslb_redo_log_da_internal(dynarr_t *h_dynarr, unsigned int sidx, uint64_t txn_id, char rec_type,
+                                        char rec_hdr_only, int field_offset, int field_size);
+TSLB_API void tslb_redo_log_da_hdr(dynarr_t *h_dynarr, unsigned int sidx, uint64_t txn_id, char rec_type);
+
+TSLB_END_DECLS
+
+#endif

@@ -1,0 +1,79 @@
+// What the modules of the chunk pool share. Private: never installed.
+#ifndef DYNMEM_INTERNAL_H
+#define DYNMEM_INTERNAL_H
+
+#include "dynarr_internal.h"
+#include "tslb_dynmem.h"
+
+constexpr uint32_t NO_SLOT = 0xFFFFFFFFu;  // mslot_idx of a cursor before the first chunk
+constexpr uint32_t COMPAT_BYTES = sizeof(compat_t);
+static_assert(sizeof(compat_t) == sizeof(compat64_t), "both allocators reserve the same header");
+
+// Always aligned: it stands 8 bytes into block 0, ahead of everything of odd length.
+static inline DynMemHdr_t *pool_hdr_of(const dynmem_t *pool) {
+  return static_cast<DynMemHdr_t *>(user_hdr_of(pool));
+}
+
+static inline bool has_compat(const DynMemHdr_t *hdr) {
+  return (hdr->flag & MPOOL_FLAG_COMPAT) != 0;
+}
+static inline bool is_bitvector(const DynMemHdr_t *hdr) {
+  return (hdr->flag & MPOOL_FLAG_BV) != 0;
+}
+static inline bool is_ring(const dynmem_t *pool) {
+  return is_bitvector(pool_hdr_of(pool)) && pool->mem_type == MPOOL_TYPE_DRAM_TMP;
+}
+
+// Counters that other threads move meanwhile; each reading is true of some moment, and nothing is read
+// through it.
+static inline uint64_t get64(const uint64_t *word) {
+  return __atomic_load_n(word, __ATOMIC_RELAXED);
+}
+
+// The cursor: both halves in one word, so that no thread pairs an old slot with a new offset.
+static inline uint64_t cursor_of(uint32_t slot_idx, uint32_t byte_off) {
+  return slot_idx | (static_cast<uint64_t>(byte_off) << 32);
+}
+static inline uint32_t cursor_slot(uint64_t cursor) {
+  return static_cast<uint32_t>(cursor);
+}
+static inline uint32_t cursor_off(uint64_t cursor) {
+  return static_cast<uint32_t>(cursor >> 32);
+}
+
+// A chunk's place, whatever kind of address named it.
+struct chunk_place_t {
+  uint32_t slot_idx;
+  uint32_t byte_off;
+};
+
+constexpr uint32_t BV_UNIT_BYTES = 8;     // a bit-vector address keeps offsets in these
+constexpr uint32_t BV_GROUP_SLOTS = 256;  // slots that its low 8 bits tell apart
+
+static inline maddr_t encode_address(const DynMemHdr_t *hdr, chunk_place_t place) {
+  maddr_t address;
+  if (is_bitvector(hdr)) {
+    maddrBV_t bv;
+    bv.mslot_idx = place.slot_idx & 0xFF;
+    bv.mslotgroup_idx = (place.slot_idx / BV_GROUP_SLOTS) & 7;
+    bv.mchunk_idx = (place.byte_off / BV_UNIT_BYTES) & 0x1FFFFF;
+    __builtin_memcpy(&address, &bv, sizeof(address));
+  } else {
+    address.mslot_idx = place.slot_idx & 0xFF;
+    address.mchunk_idx = place.byte_off & 0xFFFFFF;
+  }
+  return address;
+}
+
+static inline chunk_place_t decode_address(const DynMemHdr_t *hdr, maddr_t address) {
+  if (!is_bitvector(hdr)) return {address.mslot_idx, address.mchunk_idx};
+  maddrBV_t bv;
+  __builtin_memcpy(&bv, &address, sizeof(bv));
+  return {bv.mslotgroup_idx * BV_GROUP_SLOTS + bv.mslot_idx, bv.mchunk_idx * BV_UNIT_BYTES};
+}
+
+static inline MemSlot_t *slot_of(dynmem_t *pool, uint32_t slot_idx) {
+  return static_cast<MemSlot_t *>(slot_ptr_of(pool, slot_idx));
+}
+
+#endif

@@ -1,0 +1,229 @@
+// Chunk allocation. Bytes of the current slot are won by one swap of the pool's cursor; only the change to a
+// new slot takes the handle's spin lock. One reservation serves both address widths: an address policy says
+// how a chunk is named and what happens when the current slot has no room.
+#include <stdio.h>
+#include <stdlib.h>
+
+#include "dynmem_internal.h"
+#include "tslb_dynmem.h"
+#include "tslb_report.h"
+
+// The pool promises to stop when the array below has no slot for it: in every build.
+#undef NDEBUG
+#include <assert.h>
+
+constexpr uint32_t CHUNK_OVERHEAD =
+    16;  // what total_mwast counts for a chunk, with or without a compaction header
+constexpr uint32_t SLOT_OVERHEAD = 8;  // and for a slot that made the pool grow
+
+constexpr uint32_t BIGBUF_LAST_SLOT = 255;       // what 8 bits of an address can name
+constexpr uint32_t BITVEC_LAST_SLOT = 2040;      // the last one in use
+constexpr uint32_t BITVEC_ADDRESS_SLOTS = 2048;  // what 11 bits of an address can name
+constexpr uint32_t BITVEC_WARN_SLOTS = 255;      // a warning each time so many have been filled
+constexpr uint32_t RING_SLOTS = 254;
+
+// ---- Reservation
+// ----------------------------------------------------------------------------------------------------
+
+enum claim_t { CLAIM_WON, CLAIM_RACED, CLAIM_NO_ROOM };
+
+// One attempt to reserve `len` bytes at the cursor, which is told in `*seen` as it was.
+static inline claim_t try_claim(DynMemHdr_t *hdr, uint32_t len, uint64_t *seen) {
+  // Relaxed: nothing is read through these bits before the swap, and the swap is a full barrier.
+  *seen = get64(&hdr->cur_slot_addr);
+  if (hdr->mslot_sz - cursor_off(*seen) < len || cursor_slot(*seen) == NO_SLOT) return CLAIM_NO_ROOM;
+  // The sum stays in the upper half: a slot's size bounds it.
+  return cas64(&hdr->cur_slot_addr, *seen, *seen + cursor_of(0, len)) != 0 ? CLAIM_WON : CLAIM_RACED;
+}
+
+// What `slot_idx`, found without room, says about going on.
+enum no_room_t { TAKE_NEW_SLOT, TRY_AGAIN, REFUSE };
+
+[[noreturn]] __attribute__((noinline, cold)) static void stop_exhausted(dynmem_t *pool) {
+  static const char function[] = "tslb_dynmem_get_mchunk";
+  if (is_bitvector(pool_hdr_of(pool)))
+    fprintf(stderr, "%s:%s:%d: Error: %s exhausted. %s\n", __FILE_NAME__, function, __LINE__,
+            "BitVector pool", tslb_print_poolhdr(pool));
+  else
+    fprintf(stderr, "%s:%s:%d: Warning: %s exhausted. %s\n", __FILE_NAME__, function, __LINE__,
+            "Bigbuffer pool", tslb_print_poolhdr(pool));
+  abort();
+}
+
+// Moves the cursor of a ring whose slots all exist to the next one. One attempt: if it fails, another thread
+// moved it.
+static no_room_t no_room_in_ring(DynMemHdr_t *hdr, uint64_t seen, uint32_t n_used) {
+  const uint32_t slot_idx = cursor_slot(seen);
+  const bool wraps = slot_idx == RING_SLOTS - 1;
+  if (wraps) puts("Bitvect tmp pool, switching into slot it 0");
+  // n_used may be stale: where it stands at less although the last slot was seen, the next attempt reads it
+  // anew.
+  if (n_used < RING_SLOTS) return wraps ? TRY_AGAIN : TAKE_NEW_SLOT;
+  cas64(&hdr->cur_slot_addr, seen, cursor_of(wraps ? 0 : slot_idx + 1, 0));
+  return TRY_AGAIN;
+}
+
+static no_room_t no_room_in_bitvector(dynmem_t *pool, uint32_t slot_idx) {
+  if (slot_idx != NO_SLOT && slot_idx >= BITVEC_LAST_SLOT) stop_exhausted(pool);
+  if (slot_idx != NO_SLOT && slot_idx > 0 && slot_idx % BITVEC_WARN_SLOTS == 0)
+    fprintf(stderr, "%s:%s:%d: BitVector overusage Warning: %s [%s], it has already used %d slot index.\n",
+            __FILE_NAME__, "tslb_dynmem_get_mchunk", __LINE__, "Bitvect pool", tslb_print_poolhdr(pool),
+            static_cast<int>(slot_idx));
+  return TAKE_NEW_SLOT;
+}
+
+static no_room_t no_room_in_bigbuffer(dynmem_t *pool, DynMemHdr_t *hdr, uint32_t slot_idx) {
+  if (slot_idx == BIGBUF_LAST_SLOT) stop_exhausted(pool);
+  // Against the slots that memory exists for, and sign-extended: a negative limit never limits.
+  if (hdr->max_slots != 0 &&
+      get32(&arr_hdr_of(pool)->n_alloc) >= static_cast<uint32_t>(int32_t{hdr->max_slots}))
+    return REFUSE;
+  return TAKE_NEW_SLOT;
+}
+
+// ---- Address policies
+// -----------------------------------------------------------------------------------------------
+
+// Chunks named by 32 bits, whose reading and limits depend on the pool's kind.
+struct address32_t {
+  using name_t = maddr_t;
+  using source_t = srcaddr_t;
+  using header_t = compat_t;
+  static constexpr const char *FUNCTION = "tslb_dynmem_get_mchunk";
+
+  static no_room_t no_room(dynmem_t *pool, DynMemHdr_t *hdr, uint64_t seen, uint32_t n_used) {
+    if (is_ring(pool)) return no_room_in_ring(hdr, seen, n_used);
+    if (is_bitvector(hdr)) return no_room_in_bitvector(pool, cursor_slot(seen));
+    return no_room_in_bigbuffer(pool, hdr, cursor_slot(seen));
+  }
+
+  // In a pool with lists the current slot can be a reused one below the limit while the ids stand at it: then
+  // it is the fresh index that no address can hold.
+  static bool can_name(const DynMemHdr_t *hdr, uint32_t slot_idx) {
+    return slot_idx < (is_bitvector(hdr) ? BITVEC_ADDRESS_SLOTS : BIGBUF_LAST_SLOT + 1);
+  }
+
+  // Bytes of the pool up to the new slot, and whether that is news: a slot from the free list can lie below
+  // others.
+  static uint32_t grown_size(dynmem_t *pool, uint32_t slot_idx) {
+    return slot_bytes_of(pool) * (slot_idx + 1) + header_bytes_of(pool);
+  }
+  static bool counts_growth(uint64_t size, uint64_t total_msz) { return size >= total_msz; }
+
+  static chunk_place_t name(const DynMemHdr_t *hdr, maddr_t *maddr, chunk_place_t place) {
+    *maddr = encode_address(hdr, place);
+    // As the address reads: in a bit-vector pool an odd length would leave the chunk where no address points.
+    return {place.slot_idx, decode_address(hdr, *maddr).byte_off};
+  }
+};
+
+// ---- New slot
+// -------------------------------------------------------------------------------------------------------
+
+// Makes a new slot current, with the caller's `chunk_sz` bytes at its start reserved. Null if another thread
+// moved the cursor away from `cslot_idx` first; the caller tries again then.
+static MemSlot_t *tslb_dynmem_get_newslot(dynmem_t *dynmem_handle, DynMemHdr_t *dynmem_hdr,
+                                          uint32_t cslot_idx, uint32_t *new_mslot_idx_ref,
+                                          uint32_t chunk_sz) {
+  tslb_da_spin_lock16(&dynmem_handle->spinlock);
+  // The slot index alone: what others reserved in the same slot meanwhile does not matter.
+  if (cursor_slot(get64(&dynmem_hdr->cur_slot_addr)) != cslot_idx) {
+    tslb_da_spin_unlock16(&dynmem_handle->spinlock);
+    return nullptr;
+  }
+  MemSlot_t *slot = static_cast<MemSlot_t *>(tslb_da_get_newptr_ex(dynmem_handle, new_mslot_idx_ref, 0));
+  MemSlot_t **const mslot_ref = &slot;
+  assert(*mslot_ref);
+  if (!address32_t::can_name(dynmem_hdr, *new_mslot_idx_ref)) stop_exhausted(dynmem_handle);
+  // Ahead of the cursor: a reservation by another thread must not be wiped out. The first word also loses the
+  // mark that slot allocation left there.
+  set32(&slot->bytes_used, 0);
+  set32(&slot->bytes_del, 0);
+  // A plain store: a rival's swap of the old cursor either came before, and its bytes stand, or fails from
+  // now on. Release, so that whoever reserves in the new slot finds its counters at zero.
+  __atomic_store_n(&dynmem_hdr->cur_slot_addr, cursor_of(*new_mslot_idx_ref, chunk_sz), __ATOMIC_RELEASE);
+  tslb_da_spin_unlock16(&dynmem_handle->spinlock);
+  return slot;
+}
+
+// The pool's size after a new slot. One attempt, no retry: a rival's figure is as good.
+template <class Address>
+static void account_new_slot(dynmem_t *pool, DynMemHdr_t *hdr, uint32_t slot_idx) {
+  const uint64_t size = Address::grown_size(pool, slot_idx);
+  const uint64_t total_msz = get64(&hdr->total_msz);
+  if (!Address::counts_growth(size, total_msz)) return;
+  cas64(&hdr->total_msz, total_msz, size);
+  get_and_inc64(&hdr->total_mwast, SLOT_OVERHEAD);
+  if (__atomic_load_n(&g_redo_handle, __ATOMIC_RELAXED) != nullptr && (hdr->flag & MPOOL_FLAG_PERSIST) != 0)
+    tslb_redo_log_ex(NO_TXN, TSLB_REDO_GROWTH, pool->ctx_name, pool->tbl_id, get64(&hdr->total_msz), NO_AUX,
+                     nullptr, 0);
+}
+
+// ---- Allocation
+// -----------------------------------------------------------------------------------------------------
+
+static inline void account_chunk(dynmem_t *pool, DynMemHdr_t *hdr, MemSlot_t *slot, uint32_t len) {
+  add32(&slot->bytes_used, len);
+  get_and_inc64(&hdr->total_mused, len);
+  get_and_inc64(&g_mem_st.total_mused, len);
+  get_and_inc64(&hdr->total_mwast, CHUNK_OVERHEAD);
+  const uint64_t avail =
+      get64(&hdr->total_msz) - (header_bytes_of(pool) + get64(&hdr->total_mused) + get64(&hdr->total_mwast));
+  // One attempt each: these two are figures of a moment, and whichever thread's stands is as good.
+  cas64(&hdr->total_mavail, get64(&hdr->total_mavail), avail);
+  cas64(&g_mem_st.total_mavail, get64(&g_mem_st.total_mavail), avail);
+}
+
+__attribute__((noinline, cold)) static void *refuse_length(const char *function, const DynMemHdr_t *hdr,
+                                                           uint32_t len, int mchunk_len) {
+  fprintf(stderr,
+          "Error: (%s:%d): Memory chunk len %d(Hdr:%lu + Data:%d) should not be greater than memory slot "
+          "length %d.\n",
+          function, __LINE__, static_cast<int>(len), static_cast<unsigned long>(COMPAT_BYTES), mchunk_len,
+          static_cast<int>(hdr->mslot_sz));
+  return nullptr;
+}
+
+template <class Address>
+static inline void *take_chunk(dynmem_t *pool, typename Address::name_t *maddr, int mchunk_len,
+                               const typename Address::source_t &saddr) {
+  DynMemHdr_t *const hdr = pool_hdr_of(pool);
+  const uint32_t len = static_cast<uint32_t>(mchunk_len) + (has_compat(hdr) ? COMPAT_BYTES : 0);
+  // A negative length is tested by itself: the header can lift it to a small positive one.
+  if (__builtin_expect(mchunk_len < 0 || hdr->mslot_sz < len, 0))
+    return refuse_length(Address::FUNCTION, hdr, len, mchunk_len);
+
+  chunk_place_t place;
+  MemSlot_t *slot = nullptr;
+  do {
+    const uint32_t n_used = get32(&arr_hdr_of(pool)->n_used);
+    uint64_t seen;
+    const claim_t claim = try_claim(hdr, len, &seen);
+    place = {cursor_slot(seen), cursor_off(seen)};
+    if (__builtin_expect(claim == CLAIM_WON, 1)) {
+      slot = slot_of(pool, place.slot_idx);
+    } else if (claim == CLAIM_NO_ROOM) {
+      const no_room_t next = Address::no_room(pool, hdr, seen, n_used);
+      if (next == REFUSE) return nullptr;
+      if (next == TRY_AGAIN) continue;
+      slot = tslb_dynmem_get_newslot(pool, hdr, place.slot_idx, &place.slot_idx, len);
+      if (slot == nullptr) continue;
+      place.byte_off = 0;
+      account_new_slot<Address>(pool, hdr, place.slot_idx);
+    }
+  } while (slot == nullptr);
+
+  char *const chunk = slot->mslot + Address::name(hdr, maddr, place).byte_off;
+  account_chunk(pool, hdr, slot, len);
+  if (has_compat(hdr)) {
+    auto *const compat = reinterpret_cast<typename Address::header_t *>(chunk);
+    compat->srcaddr = saddr;
+    compat->flag = static_cast<char>(compat->flag & ~MCHUNK_FLAG_DELETED);
+    compat->mchunk_len = static_cast<uint16_t>(mchunk_len);
+  }
+  return chunk;
+}
+
+void *tslb_dynmem_get_mchunk(dynmem_t *dynmem_handle, maddr_t *maddr, int mchunk_len, srcaddr_t saddr) {
+  return take_chunk<address32_t>(dynmem_handle, maddr, mchunk_len, saddr);
+}
