@@ -266,6 +266,11 @@ TSLB_API void get_dyn_array_of_pointers(int32_t count, void *addr);
 TSLB_API void get_dyn_data_array(DynamicArray_t array, uint32_t record_size, int32_t count, int32_t block_num,
                                  void *addr);
 
+/* Gives back an array: its blocks, tables and handle. A null handle is left alone.
+ *
+ * Threads  the array must be out of use: no record pointer, lookup or new id on any thread, now or later. */
+TSLB_API void destroy_dyn_arr(DynamicArray_t array);
+
 TSLB_END_DECLS
 
 #endif

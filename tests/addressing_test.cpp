@@ -1,0 +1,184 @@
+// Where an id lies: the direct area, six levels, and what a lookup makes on its way.
+#include "array_support.h"
+#include "dynarr_internal.h"
+
+TEST(Addressing, PlaceOfId) {
+  static const struct {
+    const char *fault;  // what the row would catch
+    uint32_t n_direct, id;
+    unsigned level;
+    uint32_t actual_id, block_num;
+  } rows[] = {
+      {"level 1 begins one late", 16, 16, 1, 0, 1},
+      {"level 1 ends one early", 16, 271, 1, 255, 16},
+      {"level 2 numbers its blocks from 1 again, so two blocks share a file", 16, 272, 2, 0, 17},
+      {"level 2 ends one early", 0, 4351, 2, 0xFFF, 272},
+      {"level 3 begins one late", 0, 4352, 3, 0, 273},
+      {"level 3 ends one early", 0, 69887, 3, 0xFFFF, 4368},
+      {"level 4 begins one late", 0, 69888, 4, 0, 4369},
+      {"level 4 ends one early", 0, 1118463, 4, 0xFFFFF, 69904},
+      {"level 5 begins one late", 0, 1118464, 5, 0, 69905},
+      {"level 5 ends one early", 0, 17895679, 5, 0xFFFFFF, 1118480},
+      {"level 6 begins one late", 0, 17895680, 6, 0, 1118481},
+      {"the very last id refused", 0, 286331135, 6, 0xFFFFFFF, 17895696},
+      {"worked by hand: entries 14 and 10, slot 0", 1000, 5000, 2, 0xEA0, 251},
+      {"worked by hand: entries 14, 2, 13, 5, slot 8", 1000, 1000000, 4, 0xE2D58, 62438},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    const place_t got = place_of(row.id - row.n_direct);
+    EXPECT_EQ(got.level, row.level);
+    EXPECT_EQ(got.actual_id, row.actual_id);
+    EXPECT_EQ(block_num_of(row.id - row.n_direct), row.block_num);
+  }
+  EXPECT_EQ(place_of(286331136).level, 7u);
+  EXPECT_EQ(place_of(0xFFFFFFFF).level, 7u);
+}
+
+TEST(Addressing, LevelSizesAreTheOnesThatTheLookupUses) {
+  const uint32_t sizes[] = {single_redirection_elements_count, second_redirection_elements_count,
+                            third_redirection_elements_count,  fourth_redirection_elements_count,
+                            fifth_redirection_elements_count,  sixth_redirection_elements_count};
+  uint32_t first = 0;
+  for (unsigned level = 1; level <= 6; ++level) {
+    EXPECT_EQ(place_of(first).level, level);
+    EXPECT_EQ(place_of(first).actual_id, 0u);
+    first += sizes[level - 1];
+    EXPECT_EQ(place_of(first - 1).level, level);
+    EXPECT_EQ(place_of(first - 1).actual_id, sizes[level - 1] - 1);
+  }
+  EXPECT_EQ(first, 286331136u);
+}
+
+// Follows the tables by hand, independent of the lookup: entry by entry of the path in base 16.
+static void *slot_by_hand(DynArrHandle_t *array, unsigned level, uint32_t actual_id, uint32_t slot_bytes) {
+  void *at = reinterpret_cast<void **>(array->ir_base)[level - 1];
+  for (unsigned digit = level; digit >= 1; --digit) {
+    if (at == nullptr) return nullptr;
+    at = static_cast<void **>(at)[(actual_id >> (4 * digit)) & 15];
+  }
+  return at != nullptr ? bytes_of(at) + (actual_id & 15) * slot_bytes : nullptr;
+}
+
+TEST(Addressing, OneLookupMakesOnePath) {
+  const uint32_t n = 1000;
+  const uint32_t offsets[] = {0,     255,     256,     4351,     4352,     69887,
+                              69888, 1118463, 1118464, 17895679, 17895680, 286331135};
+  for (const uint8_t daflag : std::initializer_list<uint8_t>{0, 1, 2}) {
+    const uint32_t slot_bytes = 7 + node_bytes_of(daflag);
+    for (const uint32_t beyond : offsets) {
+      SCOPED_TRACE(beyond);
+      const array_t array(get_default_dyn_array_ex(57, 7, n, MPOOL_TYPE_DRAM, 0, nullptr, daflag));
+      pretend_issued(array.get(), n + beyond + 1);
+      char *const record =
+          bytes_of(get_dyn_arr_record_position_ex(array.get(), n + beyond, 0, nullptr, daflag));
+      ASSERT_NE(record, nullptr);
+      const place_t place = place_of(beyond);
+      EXPECT_EQ(record, bytes_of(slot_by_hand(array.get(), place.level, place.actual_id, slot_bytes)) +
+                            shift_of(daflag));
+      EXPECT_EQ(get_dyn_total_allocated_records(array.get()), n + 16);
+      EXPECT_EQ(get_dyn_arr_record_position_ex(array.get(), n + beyond, 0, nullptr, daflag), record);
+      EXPECT_EQ(get_dyn_total_allocated_records(array.get()), n + 16);
+      // Zeroed, to the last byte of its nodes.
+      const char *const slot = record - shift_of(daflag);
+      for (uint32_t i = 0; i < slot_bytes; ++i) EXPECT_EQ(slot[i], 0) << i;
+      for (unsigned level = 1; level <= 6; ++level)
+        EXPECT_EQ(reinterpret_cast<void **>(array->ir_base)[level - 1] != nullptr, level == place.level)
+            << level;
+    }
+  }
+}
+
+// Stamps every byte of every slot, nodes included, and reads all back at the end: slots that overlap, a slot
+// size that forgets a node and a record that moves all show.
+TEST(Addressing, SlotsNeverOverlapNorMove) {
+  for (const uint8_t daflag : std::initializer_list<uint8_t>{0, 1, 2, 3}) {
+    SCOPED_TRACE(int{daflag});
+    const uint32_t slot_bytes = 13 + node_bytes_of(daflag);
+    const array_t array(get_default_dyn_array_ex(3, 13, 16, MPOOL_TYPE_DRAM, 0, nullptr, daflag));
+    std::vector<char *> slots;
+    for (int32_t want = 0; want < 5000; ++want) {  // into level 3
+      void *record;
+      ASSERT_EQ(get_dyn_arr_new_record_id_ex(array.get(), &record, daflag), want);
+      slots.push_back(bytes_of(record) - shift_of(daflag));
+      memset(slots.back(), want * 7 + 1, slot_bytes);
+    }
+    EXPECT_EQ(get_dyn_arr_size(array.get()), 5000u);
+    EXPECT_EQ(get_dyn_total_allocated_records(array.get()), 16u + 16 * 312);
+    for (uint32_t id = 0; id < 5000; ++id) {
+      char *const record = bytes_of(get_dyn_arr_record_position_ex(array.get(), id, 0, nullptr, daflag));
+      ASSERT_EQ(record - shift_of(daflag), slots[id]) << id;
+      const std::string want(slot_bytes, static_cast<char>(id * 7 + 1));
+      ASSERT_EQ(std::string(slots[id], slot_bytes), want) << id;
+    }
+  }
+}
+
+TEST(Lookup, RefusalsMakeNothing) {
+  const array_t array(get_default_dyn_array(8, 4, MPOOL_TYPE_DRAM));
+  EXPECT_EQ(stderr_of([&] {
+              EXPECT_EQ(get_dyn_arr_record_position(array.get(), 0), nullptr);
+              EXPECT_EQ(get_dyn_arr_record_position(array.get(), 0xFFFFFFFF), nullptr);
+            }),
+            "");
+  EXPECT_EQ(array->ir_base, nullptr);
+  pretend_issued(array.get(), 1000000);
+  EXPECT_NE(get_dyn_arr_record_position(array.get(), 3), nullptr);
+  EXPECT_EQ(array->ir_base, nullptr);
+}
+
+TEST(Lookup, EveryIdBelowTheCountIsServedNotOnlyTheLast) {
+  const array_t array(get_default_dyn_array(8, 16, MPOOL_TYPE_DRAM));
+  pretend_issued(array.get(), 100);
+  EXPECT_EQ(get_dyn_arr_record_position(array.get(), 100), nullptr);
+  EXPECT_NE(get_dyn_arr_record_position(array.get(), 99), nullptr);
+  EXPECT_NE(get_dyn_arr_record_position(array.get(), 40), nullptr);
+  EXPECT_EQ(get_dyn_total_allocated_records(array.get()), 48u);
+}
+
+TEST(Lookup, BeyondTheSixthLevelIsReportedAndNull) {
+  const array_t array(get_default_dyn_array(8, 5, MPOOL_TYPE_DRAM));
+  pretend_issued(array.get(), 286331141);
+  void *record = &record;
+  EXPECT_EQ(stderr_of([&] { record = get_dyn_arr_record_position(array.get(), 286331140); }), "");
+  EXPECT_NE(record, nullptr);
+  int32_t id = 0;
+  EXPECT_EQ(stderr_of([&] { id = get_dyn_arr_new_record_id_ex(array.get(), &record, 0); }),
+            "ID 286331141 is not correct, n_direct:5\n");
+  EXPECT_EQ(id, -1);
+  EXPECT_EQ(record, nullptr);
+  EXPECT_EQ(get_dyn_arr_size(array.get()), 286331142u);
+}
+
+TEST(NewId, FullArrayRefusesAndKeepsTheCount) {
+  const array_t array(get_default_dyn_array(8, 5, MPOOL_TYPE_DRAM));
+  get_dyn_hdr(array.get())->n_alloc = 0xFFFFFFFF;
+  void *record = &record;
+  int32_t id = 0;
+  EXPECT_EQ(stderr_of([&] { id = get_dyn_arr_new_record_id_ex(array.get(), &record, 0); }),
+            "Can not allocate more space as array is full. Total allocated space = 65535\n");
+  EXPECT_EQ(id, -1);
+  EXPECT_EQ(record, nullptr);
+  EXPECT_EQ(get_dyn_arr_size(array.get()), 1u);
+  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(tslb_da_get_newidx(array.get()), 0xFFFFFFFFu); }).size(), 76u);
+}
+
+TEST(NewId, SeventeenthIdOfSixteenDirectMakesOneBlock) {
+  const array_t array(get_default_dyn_array(8, 16, MPOOL_TYPE_DRAM));
+  for (int i = 0; i < 16; ++i) get_dyn_arr_new_record_id(array.get());
+  EXPECT_EQ(array->ir_base, nullptr);
+  EXPECT_EQ(get_dyn_arr_new_record_id(array.get()), 16);
+  EXPECT_EQ(get_dyn_total_allocated_records(array.get()), 32u);
+  EXPECT_EQ(get_dyn_arr_size(array.get()), 17u);
+}
+
+TEST(Lookup, MixedRecordsOfWrongIdsReachTheEntriesNamed) {
+  // Level 2 path by hand for the ids around its start: last of ir1 and first of ir2 are different memory.
+  const array_t array(get_default_dyn_array(8, 3, MPOOL_TYPE_DRAM));
+  pretend_issued(array.get(), 300);
+  char *const last1 = bytes_of(get_dyn_arr_record_position(array.get(), 3 + 255));
+  char *const first2 = bytes_of(get_dyn_arr_record_position(array.get(), 3 + 256));
+  EXPECT_EQ(last1 - 15 * 8, array->ir_base->ir1[15]);
+  EXPECT_EQ(first2, array->ir_base->ir2[0][0]);
+  EXPECT_EQ(array->ir_base->ir1[0], nullptr);
+}

@@ -1,0 +1,143 @@
+// Block 0 and creation: where its parts lie, what they hold at first, and what creation refuses.
+#include <errno.h>
+
+#include "array_support.h"
+
+TEST(Layout, PartsOfBlock0LieAtPlainSums) {
+  static const struct {
+    const char *fault;
+    int usrhdr_sz;
+    uint8_t daflag;
+    uint32_t lli_at, hdr_at, slot0_at, shift, slot_bytes;  // record size 100; lli_at 0: none
+  } rows[] = {
+      {"plain array gets nodes", 0, 0, 0, 8, 24, 0, 100},
+      {"free list alone has a back node", 0, TSLB_DA_DAFLAG_LL, 8, 68, 84, 8, 108},
+      {"back node ahead of the record", 0, TSLB_DA_DAFLAG_INLL, 8, 68, 84, 8, 116},
+      {"both flags add up to 24", 0, TSLB_DA_DAFLAG_LL | TSLB_DA_DAFLAG_INLL, 8, 68, 84, 8, 116},
+      {"user header of a plain array", 56, 0, 0, 64, 80, 0, 100},
+      {"counters rounded up to 8 bytes", 56, TSLB_DA_DAFLAG_INLL, 64, 124, 140, 8, 116},
+      {"odd user header padded", 57, TSLB_DA_DAFLAG_LL, 65, 125, 141, 8, 108},
+      {"header size kept in 15 bits", 65535, TSLB_DA_DAFLAG_LL, 65543, 65603, 65619, 8, 108},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    const array_t array(
+        get_default_dyn_array_ex_ex(row.usrhdr_sz, 100, 3, MPOOL_TYPE_DRAM, 7, "ctx", row.daflag, 9));
+    ASSERT_TRUE(array);
+    char *const base = bytes_of(array->arr_base);
+    EXPECT_EQ(bytes_of(get_dyn_hdr(array.get())) - base, row.hdr_at);
+    EXPECT_EQ(get_user_hdr(array.get()), row.usrhdr_sz != 0 ? base + 8 : nullptr);
+    if (row.lli_at != 0) {
+      EXPECT_EQ(bytes_of(tslb_da_get_lli(array.get())) - base, row.lli_at);
+    }
+    EXPECT_EQ(tslb_dynmem_get_hdrsz(array.get()), static_cast<int>(row.slot0_at));
+
+    const DynHdr_t *const hdr = static_cast<const DynHdr_t *>(array->arr_base);
+    EXPECT_EQ(hdr->lib_version, 2);
+    EXPECT_EQ(hdr->rec_version, 9);
+    EXPECT_EQ(hdr->hdr_size, row.usrhdr_sz);
+    EXPECT_EQ(hdr->lli_sz, row.lli_at != 0 ? 60 : 0);
+    EXPECT_EQ(array->daflag, row.daflag);
+
+    void *record;
+    ASSERT_EQ(get_dyn_arr_new_record_id_ex(array.get(), &record, row.daflag), 0);
+    EXPECT_EQ(bytes_of(record) - base, row.slot0_at + row.shift);
+    ASSERT_EQ(get_dyn_arr_new_record_id_ex(array.get(), &record, row.daflag), 1);
+    EXPECT_EQ(bytes_of(record) - base, row.slot0_at + row.slot_bytes + row.shift);
+  }
+}
+
+TEST(Layout, ListRootsStartEmptyAndTheRestZero) {
+  const array_t array(get_default_dyn_array_ex(57, 20, 4, MPOOL_TYPE_DRAM, 0, nullptr, 3));
+  const void *const roots = tslb_da_get_lli(array.get());
+  for (size_t offset = 0; offset < 16; offset += 4)
+    EXPECT_EQ(read_at<uint32_t>(roots, offset), 0xFFFFFFFFu) << offset;
+  for (size_t offset = 16; offset < 28; offset += 4)
+    EXPECT_EQ(read_at<uint32_t>(roots, offset), 0u) << offset;
+  EXPECT_EQ(read_at<uint8_t>(roots, 28), 3);
+  for (size_t offset = 29; offset < 60; ++offset) EXPECT_EQ(read_at<uint8_t>(roots, offset), 0) << offset;
+}
+
+TEST(Layout, FreshArrayIsEmptyAndCountsItsDirectArea) {
+  for (const uint8_t daflag : std::initializer_list<uint8_t>{0, 1, 2}) {
+    const array_t array(get_default_dyn_array_ex(0, 100, 1000, MPOOL_TYPE_DRAM, 0, nullptr, daflag));
+    EXPECT_EQ(get_dyn_arr_size(array.get()), 0u);
+    EXPECT_EQ(get_dyn_total_allocated_records(array.get()), 1000u);
+    EXPECT_EQ(get_dyn_arr_record_sz(array.get()), 100u);
+    EXPECT_EQ(array->n_direct, 1000u);
+    EXPECT_EQ(array->ir_base, nullptr);
+    EXPECT_EQ(array->spinlock, 0);
+    EXPECT_EQ(dyn_array_record(array.get(), 0), nullptr);
+  }
+}
+
+TEST(Layout, HandleKeepsNameAndTableIdCut) {
+  const std::string long_name(40, 'n');
+  const array_t array(
+      get_default_dyn_array_ex(0, 8, 1, MPOOL_TYPE_DRAM, 0x1234567890, long_name.c_str(), TSLB_DA_DAFLAG_LL));
+  EXPECT_STREQ(array->ctx_name, std::string(32, 'n').c_str());
+  EXPECT_EQ(array->tbl_id, 0x34567890u);
+  const array_t nameless(get_default_dyn_array(8, 1, MPOOL_TYPE_DRAM));
+  EXPECT_STREQ(nameless->ctx_name, "");
+}
+
+TEST(Layout, UnknownMemoryTypesAreProcessMemory) {
+  for (const char mem_type : std::initializer_list<char>{3, 4, 5, 6, 77, -1}) {
+    const array_t array(get_default_dyn_array(8, 0, mem_type));
+    ASSERT_TRUE(array) << int{mem_type};
+    EXPECT_EQ(get_dyn_arr_new_record_id(array.get()), 0);
+    EXPECT_EQ(array->mem_type, mem_type);
+  }
+}
+
+TEST(Creation, RefusesWhatCannotBeLaidOut) {
+  static const struct {
+    const char *fault;
+    int usrhdr_sz, record_sz, n_direct;
+    char mem_type;
+    uint8_t daflag;
+    int err;
+    const char *size;
+  } rows[] = {
+      {"negative user header", -1, 8, 1, MPOOL_TYPE_DRAM, 0, EINVAL, "31"},
+      {"negative record", 0, -8, 1, MPOOL_TYPE_DRAM, 0, EINVAL, "16"},
+      {"two negatives multiply to a size that fits", 0, -8, -4, MPOOL_TYPE_DRAM, 0, EINVAL, "56"},
+      {"header size wraps in its 16 bits", 65536, 8, 1, MPOOL_TYPE_DRAM, 0, EOVERFLOW, "65568"},
+      {"block 0 wraps in 32 bits to a small one", 0, 65536, 65536, MPOOL_TYPE_DRAM, 0, EOVERFLOW,
+       "4294967320"},
+      {"block 0 one byte too long", 0, 1, 2147483624, MPOOL_TYPE_DRAM, 0, EOVERFLOW, "2147483648"},
+      {"data block wraps in 32 bits", 0, 268435456, 0, MPOOL_TYPE_DRAM, 0, EOVERFLOW, "24"},
+      {"nodes push the data block over", 0, 268435455 - 15, 0, MPOOL_TYPE_DRAM, TSLB_DA_DAFLAG_INLL,
+       EOVERFLOW, "84"},
+      {"persistent memory served from the heap", 0, 8, 1, MPOOL_TYPE_PMEM, 0, ENOTSUP, "32"},
+      {"a wrong size printed for want of memory type", 0, 8, 1, MPOOL_TYPE_SHM, 0, ENOTSUP, "32"},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    DynamicArray_t array = nullptr;
+    int err = 0;
+    const std::string report = stderr_of([&] {
+      array = get_default_dyn_array_ex_ex(row.usrhdr_sz, row.record_sz, row.n_direct, row.mem_type, -3,
+                                          "metrics", row.daflag, 0);
+      err = errno;
+    });
+    EXPECT_EQ(array, nullptr);
+    EXPECT_EQ(err, row.err);
+    const std::string line = "Error(get_default_dyn_array_ex_ex:";
+    EXPECT_EQ(report.substr(0, line.size()), line);
+    EXPECT_NE(report.find(std::string(") failed to allocate memory for Dynamic Array of size ") + row.size +
+                          " for ContextName metrics and TableId -3, g_base_path = , err(" +
+                          std::to_string(row.err) + ")=" + strerror(row.err) + ".\n"),
+              std::string::npos)
+        << report;
+  }
+}
+
+TEST(Creation, AcceptsTheLargestSizes) {
+  // calloc of the largest block touches no page until something is written behind the headers.
+  const array_t block(get_default_dyn_array(1, 2147483623, MPOOL_TYPE_DRAM));
+  ASSERT_TRUE(block);
+  EXPECT_EQ(get_dyn_total_allocated_records(block.get()), 2147483623u);
+  const array_t record(get_default_dyn_array(268435455, 0, MPOOL_TYPE_DRAM));
+  EXPECT_TRUE(record);
+}

@@ -1,0 +1,130 @@
+// The n-th allocation fails, for every n: null, the message, nothing leaked, and the array still usable.
+#include <errno.h>
+
+#include "array_support.h"
+#include "fault_alloc.h"
+
+static bool mentions(const std::string &report, const char *text) {
+  return report.find(text) != std::string::npos;
+}
+
+TEST(OutOfMemory, Creation) {
+  static const char *const reports[] = {
+      "unable to allocate memory for DynArrHandle_t of size 64. err(12)=(Cannot allocate memory).\n",
+      "failed to allocate memory for Dynamic Array of size 424 for ContextName (null) and TableId 0, "
+      "g_base_path = , err(12)=Cannot allocate memory.\n"};
+  for (int nth = 1;; ++nth) {
+    array_t array;
+    bool struck = false;
+    int err = 0;
+    testing::internal::CaptureStderr();
+    {
+      const fault_t fault(nth);
+      array.reset(get_default_dyn_array(100, 4, MPOOL_TYPE_DRAM));
+      err = errno;
+      struck = fault.struck();
+    }
+    const std::string report = testing::internal::GetCapturedStderr();
+    if (!struck) {
+      EXPECT_TRUE(array);
+      EXPECT_EQ(nth, 3) << "a creation allocates its handle and block 0";
+      break;
+    }
+    EXPECT_FALSE(array);
+    EXPECT_EQ(err, ENOMEM);
+    ASSERT_LE(nth, 2);
+    EXPECT_TRUE(mentions(report, reports[nth - 1])) << report;
+  }
+}
+
+// A lookup of an id of the sixth level: root table, six tiers, data block.
+TEST(OutOfMemory, LookupAtEachStepOfItsPath) {
+  for (int nth = 1; nth <= 8; ++nth) {
+    SCOPED_TRACE(nth);
+    const array_t array(get_default_dyn_array(100, 4, MPOOL_TYPE_DRAM));
+    pretend_issued(array.get(), 286331000);
+    void *record = nullptr;
+    testing::internal::CaptureStderr();
+    {
+      const fault_t fault(nth);
+      record = get_dyn_arr_record_position(array.get(), 286330000);
+      EXPECT_TRUE(fault.struck());
+    }
+    const std::string report = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(record, nullptr);
+    EXPECT_TRUE(nth < 8 ? mentions(report,
+                                   "failed to allocate memory for PtrTabl_t of Dynamic Array of size 128. "
+                                   "err(12)=Cannot allocate memory.\n")
+                        : report == "Error(DALib): Failed to allocted memory of size 1600\n")
+        << report;
+    EXPECT_EQ(get_dyn_total_allocated_records(array.get()), 4u);
+    record = get_dyn_arr_record_position(array.get(), 286330000);
+    ASSERT_NE(record, nullptr);
+    memset(record, 1, 100);
+    EXPECT_EQ(get_dyn_total_allocated_records(array.get()), 20u);
+  }
+}
+
+TEST(OutOfMemory, NewIdIsMinusOneAndTheNextOneWorks) {
+  const array_t array(get_default_dyn_array(100, 0, MPOOL_TYPE_DRAM));
+  void *record = &record;
+  int32_t id = 0;
+  EXPECT_FALSE(stderr_of([&] {
+                 const fault_t fault(1);
+                 id = get_dyn_arr_new_record_id_ex(array.get(), &record, 0);
+               }).empty());
+  EXPECT_EQ(id, -1);
+  EXPECT_EQ(record, nullptr);
+  EXPECT_EQ(get_dyn_arr_new_record_id_ex(array.get(), &record, 0), 1);
+  EXPECT_NE(record, nullptr);
+  EXPECT_NE(get_dyn_arr_record_position(array.get(), 0), nullptr) << "the id that failed stays issued";
+}
+
+TEST(OutOfMemory, SlotAllocationLeavesTheListsAlone) {
+  const array_t array(tslb_da_init_ll(16, 1, MPOOL_TYPE_DRAM, "ctx", 0, TSLB_DA_DAFLAG_INLL));
+  uint32_t idx;
+  ASSERT_NE(tslb_da_get_newptr(array.get(), &idx), nullptr);
+  for (const bool as_range : {false, true}) {
+    void *slot = &slot;
+    uint32_t first = 0;
+    EXPECT_FALSE(stderr_of([&] {
+                   const fault_t fault(1);
+                   if (as_range)
+                     first = tslb_da_get_range(array.get(), 3);
+                   else
+                     slot = tslb_da_get_newptr(array.get(), &idx);
+                 }).empty());
+    if (as_range) {
+      EXPECT_EQ(first, TSLB_DA_NIL_IDX);
+    } else {
+      EXPECT_EQ(slot, nullptr);
+      EXPECT_EQ(idx, TSLB_DA_NIL_IDX);
+    }
+    EXPECT_EQ(array->spinlock, 0);
+    EXPECT_EQ(list_roots(array.get()).n_free, 0u);
+  }
+  EXPECT_NE(tslb_da_get_newptr(array.get(), &idx), nullptr);
+  EXPECT_EQ(idx, 3u);
+}
+
+TEST(OutOfMemory, ChunkThatNeedsASlotStopsTheProcess) {
+  const array_t pool(tslb_init_dynmem(1000, 0, 0, MPOOL_TYPE_DRAM, 0, nullptr, 0, 0));
+  maddr_t address;
+  EXPECT_DEATH(
+      {
+        const fault_t fault(1);
+        tslb_dynmem_get_mchunk(pool.get(), &address, 100, srcaddr_t{});
+      },
+      "PtrTabl_t.*\n.*Assertion `\\*mslot_ref' failed");
+}
+
+TEST(OutOfMemory, CommonChunkAllocatesNothing) {
+  const array_t pool(tslb_init_dynmem(100000, 1, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM, 0, "p", 0, 0));
+  maddr_t address;
+  tslb_dynmem_get_mchunk(pool.get(), &address, 100, srcaddr_t{});
+  const unsigned long before = allocations_so_far();
+  for (int i = 0; i < 500; ++i) tslb_dynmem_get_mchunk(pool.get(), &address, 100, srcaddr_t{});
+  EXPECT_EQ(allocations_so_far(), before);
+  destroy_dyn_arr(get_default_dyn_array(8, 1, MPOOL_TYPE_DRAM));
+  EXPECT_EQ(allocations_so_far(), before + 2) << "the counter does not see the library";
+}

@@ -1,0 +1,233 @@
+// Redo records: which bytes, under which position, in which order. The program brings its own redo pair.
+#include "array_support.h"
+#include "redo_recorder.h"
+
+constexpr uint64_t kNoTxn = ~uint64_t{0};
+
+struct want_t {
+  uint64_t data_off;
+  const void *data_ptr;
+  size_t data_sz;
+};
+
+static void expect_records(const std::vector<redo_record_t> &got, const std::vector<want_t> &want) {
+  ASSERT_EQ(got.size(), want.size());
+  for (size_t i = 0; i < want.size(); ++i) {
+    SCOPED_TRACE(i);
+    EXPECT_EQ(got[i].data_off, want[i].data_off);
+    EXPECT_EQ(got[i].data_ptr, want[i].data_ptr);
+    EXPECT_EQ(got[i].bytes.size(), want[i].data_sz);
+    EXPECT_EQ(got[i].aux_idx, 0xFFFFFFFFu);
+  }
+}
+
+// daflag 2, record size 32: headers take 84 bytes, a slot 48. Slot 10 begins at 564, in a redirected block
+// here.
+static array_t worked_example(const char *ctx_name = "metrics", char mem_type = MPOOL_TYPE_DRAM) {
+  array_t array(tslb_da_init_ll(32, 3, mem_type, ctx_name, -9, TSLB_DA_DAFLAG_INLL));
+  uint32_t idx;
+  for (int i = 0; i <= 10; ++i) tslb_da_get_newptr(array.get(), &idx);
+  return array;
+}
+
+TEST(Redo, ShapesOfTheWorkedExample) {
+  const array_t array = worked_example();
+  char *const slot = bytes_of(tslb_da_get_ptr(array.get(), 10));
+  redo_recorder_t log;
+  static const struct {
+    const char *fault;
+    char hdr_only;
+    int field_offset, field_size;
+    uint64_t off;
+    int ptr;  // from the payload
+    size_t size;
+  } rows[] = {
+      {"whole slot begins at its payload", 0, -1, -1, 564, -8, 48},
+      {"first node takes more than 8 bytes", 1, -1, -1, 564, -8, 8},
+      {"field counted from the slot's start", 0, 4, 8, 576, 4, 8},
+      {"field of no bytes is not a field", 0, 4, 0, 564, -8, 48},
+      {"negative offset is not a field", 0, -4, 8, 564, -8, 48},
+      {"field yields to the first node", 1, 0, 1, 572, 0, 1},
+      {"field checked against the record", 0, 30, 10, 602, 30, 10},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    tslb_redo_log_da_internal(array.get(), 10, 77, 42, row.hdr_only, row.field_offset, row.field_size);
+    const auto records = log.take();
+    expect_records(records, {{row.off, slot + row.ptr, row.size}});
+    EXPECT_EQ(records[0].txn_id, 77u);
+    EXPECT_EQ(records[0].rec_type, 42);
+    EXPECT_EQ(records[0].ctx_name, "metrics");
+    EXPECT_EQ(records[0].tbl_id, 0xFFFFFFF7u);
+  }
+  tslb_redo_log_da(array.get(), 10, 1, 5);
+  tslb_redo_log_da_ex(array.get(), 10, 1, 5, 1);
+  tslb_redo_log_da_field(array.get(), 10, 1, 5, 4, 8);
+  tslb_redo_log_da_hdr(array.get(), 10, 1, 5);
+  expect_records(log.take(),
+                 {{564, slot - 8, 48}, {564, slot - 8, 8}, {576, slot + 4, 8}, {0, array->arr_base, 84}});
+}
+
+TEST(Redo, PlainArraysHaveNoShift) {
+  const array_t array(tslb_da_init_v5(10, 3, MPOOL_TYPE_DRAM, "", 1));
+  for (int i = 0; i < 6; ++i) tslb_da_get_newidx(array.get());
+  redo_recorder_t log;
+  char *const slot = bytes_of(tslb_da_get_ptr(array.get(), 5));
+  tslb_redo_log_da(array.get(), 5, 0, 5);
+  tslb_redo_log_da_field(array.get(), 5, 0, 5, 4, 6);
+  expect_records(log.take(), {{24 + 50, slot, 10}, {24 + 54, slot + 4, 6}});
+}
+
+TEST(Redo, RecordTypes) {
+  const array_t array = worked_example();
+  redo_recorder_t log;
+  tslb_redo_log_da(array.get(), 0, 0, 0);
+  tslb_redo_log_da_hdr(array.get(), 0, 0, 0);
+  tslb_redo_log_da(array.get(), 0, 0, -3);
+  const auto records = log.take();
+  ASSERT_EQ(records.size(), 3u);
+  EXPECT_EQ(records[0].rec_type, 2) << "a slot's 0 becomes 2";
+  EXPECT_EQ(records[1].rec_type, 0) << "a header's 0 stays";
+  EXPECT_EQ(records[2].rec_type, -3) << "widened with its sign";
+}
+
+TEST(Redo, AllocationLogsHeaderAndNodesAfterTheLock) {
+  static const struct {
+    uint8_t daflag;
+    size_t slot_bytes, n_records;
+  } rows[] = {{TSLB_DA_DAFLAG_LL, 40, 2}, {TSLB_DA_DAFLAG_INLL, 48, 3}};
+  for (const auto &row : rows) {
+    SCOPED_TRACE(int{row.daflag});
+    const array_t array(tslb_da_init_ll(32, 3, MPOOL_TYPE_DRAM, "metrics", -9, row.daflag));
+    uint32_t idx;
+    for (int i = 0; i < 10; ++i) tslb_da_get_newptr(array.get(), &idx);
+    redo_recorder_t log(&array->spinlock);
+    char *const slot = bytes_of(tslb_da_get_newptr(array.get(), &idx));
+    const auto records = log.take();
+    const uint64_t base = 84 + 10 * row.slot_bytes;
+    std::vector<want_t> want = {{0, array->arr_base, 84}, {base, slot - 8, 8}, {base + 40, slot + 32, 8}};
+    want.resize(row.n_records);
+    expect_records(records, want);
+    for (const auto &record : records) {
+      EXPECT_EQ(record.txn_id, kNoTxn);
+      EXPECT_EQ(record.rec_type, 5);
+      EXPECT_FALSE(record.locked);
+    }
+    // The header shows the new count, the nodes what they hold.
+    EXPECT_EQ(read_at<uint32_t>(records[0].bytes.data(), 68 + 4), 11u);
+    EXPECT_EQ(read_at<uint32_t>(records[1].bytes.data(), 0), TSLB_DA_SLOT_ACTIVE);
+    EXPECT_EQ(read_at<uint32_t>(records[1].bytes.data(), 4), TSLB_DA_NIL_IDX);
+    if (row.n_records == 3) {
+      EXPECT_EQ(read_at<uint32_t>(records[2].bytes.data(), 0), TSLB_DA_NIL_IDX);
+      EXPECT_EQ(read_at<uint32_t>(records[2].bytes.data(), 4), backward_node(array.get(), slot).ts);
+    }
+
+    // Under the caller's lock the records come with the lock held.
+    tslb_da_spin_lock16(&array->spinlock);
+    tslb_da_get_newptr_ex(array.get(), &idx, 0);
+    tslb_da_spin_unlock16(&array->spinlock);
+    const auto held = log.take();
+    ASSERT_EQ(held.size(), row.n_records);
+    for (const auto &record : held) EXPECT_TRUE(record.locked);
+  }
+}
+
+TEST(Redo, WhatIsNotLogged) {
+  redo_recorder_t log;
+  uint32_t idx;
+  for (const char mem_type : std::initializer_list<char>{3, 4, 5}) {
+    const array_t array = worked_example("metrics", mem_type);
+    tslb_redo_log_da(array.get(), 0, 0, 5);
+    tslb_redo_log_da_hdr(array.get(), 0, 0, 5);
+    EXPECT_TRUE(log.take().empty()) << int{mem_type};
+  }
+  const array_t nameless = worked_example("");
+  EXPECT_TRUE(log.take().empty()) << "creation and allocation need a name";
+  tslb_redo_log_da(nameless.get(), 0, 0, 5);
+  tslb_redo_log_da_hdr(nameless.get(), 0, 0, 5);
+  EXPECT_EQ(log.take().size(), 2u) << "the host's own logging needs none";
+  tslb_redo_log_da(nameless.get(), 11, 0, 5);
+  EXPECT_TRUE(log.take().empty()) << "no slot, no record";
+
+  const array_t plain(tslb_da_init_v5(32, 3, MPOOL_TYPE_DRAM, "metrics", 1));
+  log.take();
+  tslb_da_get_newptr(plain.get(), &idx);
+  tslb_da_get_newidx(plain.get());
+  EXPECT_TRUE(log.take().empty()) << "plain arrays have no nodes to log";
+
+  const array_t named = worked_example();
+  log.take();
+  g_redo_handle = nullptr;
+  tslb_da_get_newptr(named.get(), &idx);
+  tslb_redo_log_da(named.get(), 0, 0, 5);
+  EXPECT_TRUE(log.take().empty()) << "logging is off";
+}
+
+TEST(Redo, PositionsBeyondFourGiB) {
+  const array_t array(get_default_dyn_array_ex(0, 1u << 20, 0, MPOOL_TYPE_DRAM, 1, "big", 0));
+  pretend_issued(array.get(), 5000);
+  redo_recorder_t log;
+  tslb_redo_log_da_field(array.get(), 4999, 0, 5, 0, 8);
+  EXPECT_EQ(log.take().at(0).data_off, 24 + (uint64_t{4999} << 20));
+}
+
+TEST(Redo, CreationLogsTheFilledHeader) {
+  static const struct {
+    const char *fault;
+    const char *ctx_name;
+    uint8_t is_persist;
+    size_t n_records;
+    bool persists;
+  } rows[] = {
+      {"persistent pool not logged", "pool", 1, 1, true},
+      {"any wish is taken for growth logging", "pool", 2, 1, false},
+      {"logged against the caller's wish", "pool", 0, 0, false},
+      {"logged without a name", "", 1, 0, true},
+      {"logged without a name", nullptr, 1, 0, true},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    redo_recorder_t log;
+    const array_t pool(tslb_init_dynmem_ex1(1000, 4, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM, MPOOL_FLAG_BV,
+                                            row.ctx_name, -3, TSLB_DA_DAFLAG_LL, 6, row.is_persist, 9));
+    const auto records = log.take();
+    EXPECT_EQ(static_cast<DynMemHdr_t *>(get_user_hdr(pool.get()))->flag, row.persists ? 0x13 : 0x11);
+    ASSERT_EQ(records.size(), row.n_records);
+    if (row.n_records == 0) continue;
+    expect_records(records, {{0, pool->arr_base, 140}});
+    EXPECT_EQ(records[0].txn_id, kNoTxn);
+    EXPECT_EQ(records[0].rec_type, 5);
+    EXPECT_EQ(records[0].tbl_id, 0xFFFFFFFDu);
+    // As it stands at the end of creation.
+    EXPECT_EQ(records[0].bytes, std::string(bytes_of(pool->arr_base), 140));
+    EXPECT_EQ(read_at<uint32_t>(records[0].bytes.data(), 8 + 4), 1000u);
+  }
+  redo_recorder_t log;
+  const array_t temporary(tslb_init_dynmem(1000, 4, 0, MPOOL_TYPE_DRAM_TMP, 0, "pool", 1, 0));
+  EXPECT_TRUE(log.take().empty());
+  const array_t slots(tslb_da_init_v5(100, 4, MPOOL_TYPE_DRAM, "slots", 1));
+  expect_records(log.take(), {{0, slots->arr_base, 24}});
+}
+
+TEST(Redo, GrowthOfAPersistentPool) {
+  redo_recorder_t log;
+  const array_t pool(tslb_init_dynmem(1000, 1, 0, MPOOL_TYPE_DRAM, 0, "pool", -4, 0));
+  log.watch(&pool->spinlock);
+  log.take();
+  maddr_t address;
+  for (int i = 0; i < 3; ++i) tslb_dynmem_get_mchunk(pool.get(), &address, 1000, srcaddr_t{});
+  const auto records = log.take();
+  ASSERT_EQ(records.size(), 3u) << "the first slot fills the direct area exactly and is told as well";
+  for (uint64_t i = 0; i < 3; ++i) {
+    EXPECT_EQ(records[i].rec_type, 13);
+    EXPECT_EQ(records[i].txn_id, kNoTxn);
+    EXPECT_EQ(records[i].data_off, 80 + 1008 * (i + 1));
+    EXPECT_EQ(records[i].data_ptr, nullptr);
+    EXPECT_EQ(records[i].bytes.size(), 0u);
+    EXPECT_FALSE(records[i].locked);
+  }
+  // A pool that does not persist grows in silence.
+  const array_t quiet(tslb_init_dynmem_ex1(1000, 1, 0, MPOOL_TYPE_DRAM, 0, "pool", -4, 0, 0, 0, 0));
+  tslb_dynmem_get_mchunk(quiet.get(), &address, 10, srcaddr_t{});
+  EXPECT_TRUE(log.take().empty());
+}

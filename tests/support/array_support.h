@@ -1,0 +1,75 @@
+// What tests of arrays share: an owner for handles, captured output, and small readers of stored bytes.
+#ifndef TSLB_TESTS_ARRAY_SUPPORT_H
+#define TSLB_TESTS_ARRAY_SUPPORT_H
+
+#include <gtest/gtest.h>
+#include <string.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tslb_dynarr.h"
+#include "tslb_dynmem.h"
+
+struct array_release_t {
+  void operator()(DynArrHandle_t *array) const { destroy_dyn_arr(array); }
+};
+using array_t = std::unique_ptr<DynArrHandle_t, array_release_t>;
+
+// What `work` writes to the standard error stream.
+template <class Work>
+std::string stderr_of(Work work) {
+  testing::internal::CaptureStderr();
+  work();
+  return testing::internal::GetCapturedStderr();
+}
+
+template <class Work>
+std::string stdout_of(Work work) {
+  fflush(stdout);
+  testing::internal::CaptureStdout();
+  work();
+  fflush(stdout);
+  return testing::internal::GetCapturedStdout();
+}
+
+inline char *bytes_of(void *at) {
+  return static_cast<char *>(at);
+}
+
+template <class T>
+T read_at(const void *base, size_t offset) {
+  T value;
+  memcpy(&value, static_cast<const char *>(base) + offset, sizeof(value));
+  return value;
+}
+
+template <class T>
+void write_at(void *base, size_t offset, T value) {
+  memcpy(static_cast<char *>(base) + offset, &value, sizeof(value));
+}
+
+// Claims that `count` ids were issued, without making memory for them: the next lookups make just their own
+// paths.
+inline void pretend_issued(DynArrHandle_t *array, uint32_t count) {
+  get_dyn_hdr(array)->n_used = count;
+}
+
+inline node_fw &forward_node(void *slot_ptr) {
+  return *reinterpret_cast<node_fw *>(bytes_of(slot_ptr) - 8);
+}
+inline node_bw &backward_node(DynArrHandle_t *array, void *slot_ptr) {
+  return *reinterpret_cast<node_bw *>(bytes_of(slot_ptr) + get_dyn_arr_record_sz(array));
+}
+inline DynArrLLI_t &list_roots(DynArrHandle_t *array) {
+  return *static_cast<DynArrLLI_t *>(tslb_da_get_lli(array));
+}
+
+inline uint32_t as_word(maddr_t address) {
+  uint32_t word;
+  memcpy(&word, &address, sizeof(word));
+  return word;
+}
+
+#endif
