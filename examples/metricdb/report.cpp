@@ -1,0 +1,129 @@
+#include "report.h"
+
+#include <fmt/format.h>
+#include <fnmatch.h>
+
+#include <algorithm>
+#include <iterator>
+#include <string_view>
+#include <vector>
+
+namespace metricdb {
+namespace {
+
+constexpr size_t SPARK_CELLS = 32;
+constexpr const char *LEVELS[] = {"▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
+constexpr size_t N_LEVELS = std::size(LEVELS);
+
+// Sums in long double: its range holds the sum of any number of doubles that memory holds.
+struct Mean {
+  long double sum = 0.0L;
+  uint64_t count = 0;
+
+  void add(double value) {
+    sum += static_cast<long double>(value);
+    ++count;
+  }
+  double value() const { return static_cast<double>(sum / static_cast<long double>(count)); }
+};
+
+struct Row {
+  std::string key;
+  std::string count, min, max, mean, last;
+  std::string spark;
+};
+
+std::string number(double value) {
+  return fmt::format("{:.6g}", value);
+}
+
+Row row_of(const Store &store, uint32_t series) {
+  const uint64_t n_points = store.record(series).n_points;
+  std::vector<Mean> cells(std::min<uint64_t>(n_points, SPARK_CELLS));
+  Mean all;
+  Point point{0, 0.0};
+  double min = 0.0;
+  double max = 0.0;
+  for (PointCursor cursor(store, series); cursor.next(point);) {
+    min = all.count == 0 ? point.value : std::min(min, point.value);
+    max = all.count == 0 ? point.value : std::max(max, point.value);
+    cells[all.count * cells.size() / n_points].add(point.value);
+    all.add(point.value);
+  }
+  std::vector<double> values;
+  for (const Mean &cell : cells) values.push_back(cell.value());
+  return {std::string(store.key(series)),
+          std::to_string(all.count),
+          number(min),
+          number(max),
+          number(all.value()),
+          number(point.value),
+          sparkline(values)};
+}
+
+std::string table_of(const std::vector<Row> &rows) {
+  size_t widths[6] = {};
+  const auto cells_of = [](const Row &row) {
+    return std::vector<std::string_view>{row.key, row.count, row.min, row.max, row.mean, row.last};
+  };
+  for (const Row &row : rows) {
+    const auto cells = cells_of(row);
+    for (size_t i = 0; i < cells.size(); ++i)
+      widths[i] = std::max(widths[i], fmt::formatted_size("{:1}", cells[i]));
+  }
+  std::string table;
+  for (const Row &row : rows)
+    fmt::format_to(std::back_inserter(table), "{:<{}}  {:>{}}  {:>{}}  {:>{}}  {:>{}}  {:>{}}  {}\n", row.key,
+                   widths[0], row.count, widths[1], row.min, widths[2], row.max, widths[3], row.mean,
+                   widths[4], row.last, widths[5], row.spark);
+  return table;
+}
+
+}  // namespace
+
+std::string sparkline(std::span<const double> values) {
+  std::string line;
+  if (values.empty()) return line;
+  const auto [min, max] = std::minmax_element(values.begin(), values.end());
+  // In long double: the span of two doubles can be beyond a double.
+  const long double low = *min;
+  const long double height = static_cast<long double>(*max) - low;
+  for (const double value : values) {
+    const long double share = height > 0 ? (static_cast<long double>(value) - low) / height : 0.5L;
+    line += LEVELS[std::min(static_cast<size_t>(share * N_LEVELS), N_LEVELS - 1)];
+  }
+  return line;
+}
+
+std::string series_table(const Store &store, const std::string &pattern) {
+  std::vector<Row> rows;
+  for (uint32_t series = 0; series < store.n_series(); ++series)
+    if (store.record(series).n_points != 0 && fnmatch(pattern.c_str(), store.key(series).data(), 0) == 0)
+      rows.push_back(row_of(store, series));
+  if (rows.empty()) return fmt::format("no series matches {}\n", pattern);
+  std::sort(rows.begin(), rows.end(), [](const Row &a, const Row &b) { return a.key < b.key; });
+  rows.insert(rows.begin(), {"series", "count", "min", "max", "mean", "last", "in order of arrival"});
+  return table_of(rows);
+}
+
+std::string load_summary(const Store &store, const LoadStats &stats, double seconds) {
+  const double n_points = static_cast<double>(std::max<uint64_t>(stats.points, 1));
+  std::string text;
+  const auto out = std::back_inserter(text);
+  fmt::format_to(out, "lines            {}\n", stats.lines);
+  fmt::format_to(out, "series           {}\n", store.n_series());
+  fmt::format_to(out, "points           {}\n", stats.points);
+  fmt::format_to(out, "strings skipped  {}\n", stats.strings_skipped);
+  fmt::format_to(out, "malformed lines  {}\n", stats.malformed);
+  fmt::format_to(out, "bytes per point  {:.2f} in use, {:.2f} reserved\n",
+                 static_cast<double>(store.bytes_in_use()) / n_points,
+                 static_cast<double>(store.bytes_reserved()) / n_points);
+  fmt::format_to(out, "points per s     {:.0f} ({:.3f} s without reading the inputs)\n",
+                 seconds > 0.0 ? static_cast<double>(stats.points) / seconds : 0.0, seconds);
+  fmt::format_to(out, "catalogue        {}\n", tslb_da_get_hdr_str(store.catalogue()));
+  fmt::format_to(out, "keys             {}\n", tslb_print_poolhdr(store.keys()));
+  fmt::format_to(out, "points           {}\n", tslb_print_poolhdr(store.points()));
+  return text;
+}
+
+}  // namespace metricdb
