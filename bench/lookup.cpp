@@ -1,0 +1,151 @@
+// What does it cost to reach a record by its id?
+//
+// Asked: get_dyn_arr_record_position_ex on records of 100 bytes, in the direct area and at levels 1, 3 and 5,
+// and one load from the record it returns. Against the floor (floor.h), and against std::vector and
+// std::deque of the same records. Three orders: sequential, random (ids known ahead, so that lookups
+// overlap), and chained (each record names the next id, so that a lookup waits for the one before).
+//
+// Not asked: arrays with nodes; lookups beside a writer; memory that is in no cache (the ids of a run are the
+// same in every round, and their records stay within the last-level cache); ids that change level from one to
+// the next, which adds a mispredicted branch. The vector never moves here; one that grows would, and is no
+// peer then.
+//
+// Run: bench_lookup [--quick] [--benchmark_filter=REGEX]
+#include <stdlib.h>
+
+#include <algorithm>
+#include <deque>
+#include <numeric>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "dynamic_array.h"
+#include "floor.h"
+#include "ratio.h"
+
+struct record_t {
+  uint32_t id;
+  uint32_t next;  // the following id of a chain through all ids of the level
+  unsigned char rest[92];
+};
+static_assert(sizeof(record_t) == 100);
+
+constexpr uint32_t N_DIRECT = 1000;
+constexpr uint32_t LOOKUPS = 1u << 15;
+
+struct level_t {
+  const char *name;
+  uint32_t first, count;
+};
+constexpr level_t DIRECT = {"direct", 0, N_DIRECT};
+constexpr level_t LEVEL1 = {"level 1", N_DIRECT, 0x100};
+constexpr level_t LEVEL3 = {"level 3", N_DIRECT + 0x1100, 0x10000};
+constexpr level_t LEVEL5 = {"level 5", N_DIRECT + 0x111100,
+                            0x40000};  // its first quarter million of 16 million
+constexpr uint32_t TOTAL = N_DIRECT + 0x111100 + 0x40000;
+
+// The same records three times.
+struct records_t {
+  DynamicArray_t array;
+  std::vector<record_t> vector;
+  std::deque<record_t> deque;
+};
+
+// Links a level's records into one ring in random order.
+static void link_level(const level_t &level, std::vector<record_t> *records, std::mt19937 *random) {
+  std::vector<uint32_t> ids(level.count);
+  std::iota(ids.begin(), ids.end(), level.first);
+  std::shuffle(ids.begin(), ids.end(), *random);
+  for (uint32_t i = 0; i < level.count; ++i) (*records)[ids[i]].next = ids[(i + 1) % level.count];
+}
+
+static records_t make_records() {
+  records_t made = {get_default_dyn_array(sizeof(record_t), N_DIRECT, MPOOL_TYPE_DRAM), {}, {}};
+  made.vector.resize(TOTAL);
+  for (uint32_t id = 0; id < TOTAL; ++id) made.vector[id].id = id;
+  std::mt19937 random(1);
+  for (const level_t &level : {DIRECT, LEVEL1, LEVEL3, LEVEL5}) link_level(level, &made.vector, &random);
+  for (const record_t &record : made.vector) {
+    void *place;
+    if (get_dyn_arr_new_record_id_ex(made.array, &place, 0) != static_cast<int32_t>(record.id)) abort();
+    *static_cast<record_t *>(place) = record;
+    made.deque.push_back(record);
+  }
+  return made;
+}
+
+static records_t &records() {
+  static records_t made = make_records();
+  return made;
+}
+
+enum order_t { SEQUENTIAL, RANDOM, CHAINED };
+
+static std::vector<uint32_t> ids_of(const level_t &level, order_t order) {
+  std::mt19937 random(2);
+  std::vector<uint32_t> ids(LOOKUPS);
+  for (uint32_t i = 0; i < LOOKUPS; ++i)
+    ids[i] = level.first + (order == RANDOM ? random() : i) % level.count;
+  return ids;
+}
+
+// The loop that all rivals share; `find` is what differs.
+template <class Find>
+static rival_t rival(const char *name, const std::vector<uint32_t> &ids, order_t order, Find find) {
+  if (order == CHAINED)
+    return {name,
+            [first = ids[0], find](unsigned) {
+              uint64_t sum = 0;
+              uint32_t id = first;
+              for (uint32_t i = 0; i < LOOKUPS; ++i) sum += id = find(id)->next;
+              return sum;
+            },
+            {}};
+  return {name,
+          [ids, find](unsigned) {
+            uint64_t sum = 0;
+            for (const uint32_t id : ids) sum += find(id)->id;
+            return sum;
+          },
+          {}};
+}
+
+// The floor is a parameter of the template, so that it is called by its name, as the library is.
+template <void *(*FLOOR)(DynamicArray_t, uint32_t, int64_t, const char *, uint8_t)>
+static std::vector<rival_t> make_rivals(const level_t &level, order_t order) {
+  const std::vector<uint32_t> ids = ids_of(level, order);
+  const records_t &all = records();
+  const DynamicArray_t array = all.array;
+  const auto ours = [array](uint32_t id) {
+    return static_cast<const record_t *>(get_dyn_arr_record_position_ex(array, id, 0, nullptr, 0));
+  };
+  const auto floor = [array](uint32_t id) {
+    return static_cast<const record_t *>(FLOOR(array, id, 0, nullptr, 0));
+  };
+  const auto in_vector = [vector = &all.vector](uint32_t id) { return &(*vector)[id]; };
+  const auto in_deque = [deque = &all.deque](uint32_t id) { return &(*deque)[id]; };
+  return {rival("tslb", ids, order, ours), rival("floor", ids, order, floor),
+          rival("std::vector", ids, order, in_vector), rival("std::deque", ids, order, in_deque)};
+}
+
+template <void *(*FLOOR)(DynamicArray_t, uint32_t, int64_t, const char *, uint8_t)>
+static void add_level(const level_t &level) {
+  static const std::pair<order_t, const char *> orders[] = {
+      {SEQUENTIAL, "sequential"}, {RANDOM, "random"}, {CHAINED, "chained"}};
+  for (const auto &[order, name] : orders)
+    add_case(std::string(level.name) + ", " + name, 1,
+             [&level, order = order] { return make_rivals<FLOOR>(level, order); });
+}
+
+static void add_cases() {
+  add_level<floor_find_direct>(DIRECT);
+  add_level<floor_find_level1>(LEVEL1);
+  add_level<floor_find_level3>(LEVEL3);
+  add_level<floor_find_level5>(LEVEL5);
+}
+
+int main(int argc, char **argv) {
+  return run_cases(argc, argv, "| lookup, time relative to", add_cases);
+}

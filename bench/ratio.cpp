@@ -1,0 +1,149 @@
+#include "ratio.h"
+
+#include <benchmark/benchmark.h>
+#include <stdio.h>
+#include <string.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+using bench_clock = std::chrono::steady_clock;
+
+static bool quick = false;
+static bool failed = false;
+static const char *table_title = "";
+static std::vector<std::string> columns;  // names of the rivals, the library's left out
+
+bool is_quick() {
+  return quick;
+}
+
+// Seconds from the first thread's start to the last one's end. With one thread nothing but the caller runs.
+static double time_of(const rival_t &rival, unsigned threads, uint64_t *checksum) {
+  struct part_t {
+    bench_clock::time_point start, end;
+    uint64_t checksum;
+  };
+  std::vector<part_t> parts(threads);
+  std::atomic<unsigned> missing{threads};
+  const auto work = [&](unsigned thread) {
+    missing.fetch_sub(1);
+    while (missing.load() != 0) {
+    }
+    part_t part;
+    part.start = bench_clock::now();
+    part.checksum = rival.run(thread);
+    part.end = bench_clock::now();
+    parts[thread] = part;
+  };
+  if (rival.prepare) rival.prepare();
+  std::vector<std::thread> others;
+  for (unsigned thread = 1; thread < threads; ++thread) others.emplace_back(work, thread);
+  work(0);
+  for (std::thread &other : others) other.join();
+
+  bench_clock::time_point first = parts[0].start, last = parts[0].end;
+  for (const part_t &part : parts) {
+    first = std::min(first, part.start);
+    last = std::max(last, part.end);
+    *checksum += part.checksum;
+  }
+  return std::chrono::duration<double>(last - first).count();
+}
+
+static double quantile(std::vector<double> values, double share) {
+  const auto at =
+      values.begin() + static_cast<std::ptrdiff_t>(share * static_cast<double>(values.size() - 1));
+  std::nth_element(values.begin(), at, values.end());
+  return *at;
+}
+
+static void measure(benchmark::State &state, unsigned threads, const std::vector<rival_t> &rivals) {
+  columns.clear();
+  for (size_t i = 1; i < rivals.size(); ++i) columns.push_back(rivals[i].name);
+  std::vector<std::vector<double>> ratios(rivals.size());
+  std::vector<uint64_t> checksums(rivals.size());
+  size_t round = 0;
+  // A first run of each fills caches, tables and the allocator's lists; it is not counted.
+  for (size_t i = 0; i < rivals.size(); ++i) time_of(rivals[i], threads, &checksums[i]);
+  for (auto _ : state) {
+    std::vector<double> seconds(rivals.size());
+    for (size_t turn = 0; turn < rivals.size(); ++turn) {
+      // Every other round backward: what a rival leaves in the caches serves both its neighbours.
+      const size_t i = round % 2 == 0 ? turn : rivals.size() - 1 - turn;
+      seconds[i] = time_of(rivals[i], threads, &checksums[i]);
+    }
+    for (size_t i = 1; i < rivals.size(); ++i) ratios[i].push_back(seconds[0] / seconds[i]);
+    state.SetIterationTime(seconds[0]);
+    ++round;
+  }
+  for (size_t i = 1; i < rivals.size(); ++i) {
+    if (checksums[i] != checksums[0]) state.SkipWithError("the rivals did not do the same work");
+    const std::string name = rivals[i].name;
+    state.counters[name] = quantile(ratios[i], 0.5);
+    state.counters[name + " spread"] = (quantile(ratios[i], 0.75) - quantile(ratios[i], 0.25)) / 2;
+  }
+  char text[32];
+  snprintf(text, sizeof(text), "%016lx", static_cast<unsigned long>(checksums[0]));
+  state.SetLabel(text);
+}
+
+void add_case(const std::string &name, unsigned threads, std::function<std::vector<rival_t>()> make) {
+  benchmark::RegisterBenchmark(name.c_str(),
+                               [threads, make](benchmark::State &state) { measure(state, threads, make()); })
+      ->Iterations(quick ? 3 : ROUNDS)
+      ->UseManualTime();
+}
+
+// A row per case, the median with half the distance between the quartiles.
+class markdown_t : public benchmark::BenchmarkReporter {
+ public:
+  bool ReportContext(const Context &) override { return true; }
+
+  void ReportRuns(const std::vector<Run> &runs) override {
+    for (const Run &run : runs) {
+      if (run.error_occurred) {
+        fprintf(stderr, "%s: %s\n", run.run_name.function_name.c_str(), run.error_message.c_str());
+        failed = true;
+        continue;
+      }
+      if (!titled_) print_head();
+      printf("| %s |", run.run_name.function_name.c_str());
+      for (const std::string &column : columns)
+        printf(" %.2f ± %.2f |", run.counters.at(column).value, run.counters.at(column + " spread").value);
+      printf(" %s |\n", run.report_label.c_str());
+      fflush(stdout);
+    }
+  }
+
+ private:
+  void print_head() {
+    printf("%s |", table_title);
+    for (const std::string &column : columns) printf(" %s |", column.c_str());
+    printf(" checksum |\n|---|");
+    for (size_t i = 0; i < columns.size(); ++i) printf("---:|");
+    printf("---|\n");
+    titled_ = true;
+  }
+
+  bool titled_ = false;
+};
+
+int run_cases(int argc, char **argv, const char *title, void (*add_cases)()) {
+  table_title = title;
+  const auto is_quick_flag = [](const char *arg) { return strcmp(arg, "--quick") == 0; };
+  char **const end = std::remove_if(argv + 1, argv + argc, is_quick_flag);
+  quick = end != argv + argc;
+  argc = static_cast<int>(end - argv);
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
+  add_cases();
+  markdown_t table;
+  if (benchmark::RunSpecifiedBenchmarks(&table) == 0) {
+    fprintf(stderr, "no case ran\n");
+    return 1;
+  }
+  return failed ? 1 : 0;
+}
