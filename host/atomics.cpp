@@ -3,8 +3,7 @@
 
 template <class Word>
 static int32_t swap(Word *word, Word expected, Word desired) {
-  return __atomic_compare_exchange_n(word, &expected, desired, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST) ? 1
-                                                                                                          : 0;
+  return __atomic_compare_exchange_n(word, &expected, desired, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST) ? 1 : 0;
 }
 
 int32_t cas16(uint16_t *word, uint16_t expected, uint16_t desired) {

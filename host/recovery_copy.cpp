@@ -33,8 +33,7 @@ void tsdb_recov_version_copy_rc(void *cbargs) {
   dynarr_t *const from = static_cast<dynarr_t *>(args->h_mpool_prev);
   dynarr_t *const to = static_cast<dynarr_t *>(args->h_mpool_cur);
   if (!same_geometry(from, to) || tslb_da_get_size(to) > tslb_da_get_size(from) || !copy_slots(from, to)) {
-    fprintf(stderr,
-            "record type %u: an array cannot be copied into one of another geometry or without room\n",
+    fprintf(stderr, "record type %u: an array cannot be copied into one of another geometry or without room\n",
             args->rec_type);
     return;
   }

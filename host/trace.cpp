@@ -60,7 +60,7 @@ const char *g_tstl_module_names[TSTL_NUM_MODULES] = {
     "tarn_tsdb",
 };
 
-int tslb_mt_trace_log(void *, const char *, int32_t, int64_t, const char *, const char *, const char *,
-                      int32_t, const char *, const char *, ...) {
+int tslb_mt_trace_log(void *, const char *, int32_t, int64_t, const char *, const char *, const char *, int32_t,
+                      const char *, const char *, ...) {
   return 0;
 }

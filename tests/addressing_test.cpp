@@ -62,20 +62,18 @@ static void *slot_by_hand(DynArrHandle_t *array, unsigned level, uint32_t actual
 
 TEST(Addressing, OneLookupMakesOnePath) {
   const uint32_t n = 1000;
-  const uint32_t offsets[] = {0,     255,     256,     4351,     4352,     69887,
-                              69888, 1118463, 1118464, 17895679, 17895680, 286331135};
+  const uint32_t offsets[] = {0, 255, 256, 4351, 4352, 69887, 69888, 1118463, 1118464, 17895679, 17895680, 286331135};
   for (const uint8_t daflag : std::initializer_list<uint8_t>{0, 1, 2}) {
     const uint32_t slot_bytes = 7 + node_bytes_of(daflag);
     for (const uint32_t beyond : offsets) {
       SCOPED_TRACE(beyond);
       const array_t array(get_default_dyn_array_ex(57, 7, n, MPOOL_TYPE_DRAM, 0, nullptr, daflag));
       pretend_issued(array.get(), n + beyond + 1);
-      char *const record =
-          bytes_of(get_dyn_arr_record_position_ex(array.get(), n + beyond, 0, nullptr, daflag));
+      char *const record = bytes_of(get_dyn_arr_record_position_ex(array.get(), n + beyond, 0, nullptr, daflag));
       ASSERT_NE(record, nullptr);
       const place_t place = place_of(beyond);
-      EXPECT_EQ(record, bytes_of(slot_by_hand(array.get(), place.level, place.actual_id, slot_bytes)) +
-                            shift_of(daflag));
+      EXPECT_EQ(record,
+                bytes_of(slot_by_hand(array.get(), place.level, place.actual_id, slot_bytes)) + shift_of(daflag));
       EXPECT_EQ(get_dyn_total_allocated_records(array.get()), n + 16);
       EXPECT_EQ(get_dyn_arr_record_position_ex(array.get(), n + beyond, 0, nullptr, daflag), record);
       EXPECT_EQ(get_dyn_total_allocated_records(array.get()), n + 16);
@@ -83,8 +81,7 @@ TEST(Addressing, OneLookupMakesOnePath) {
       const char *const slot = record - shift_of(daflag);
       for (uint32_t i = 0; i < slot_bytes; ++i) EXPECT_EQ(slot[i], 0) << i;
       for (unsigned level = 1; level <= 6; ++level)
-        EXPECT_EQ(reinterpret_cast<void **>(array->ir_base)[level - 1] != nullptr, level == place.level)
-            << level;
+        EXPECT_EQ(reinterpret_cast<void **>(array->ir_base)[level - 1] != nullptr, level == place.level) << level;
     }
   }
 }

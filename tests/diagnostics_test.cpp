@@ -16,8 +16,8 @@ static std::string head_of(const DynArrHandle_t *array, const char *name, unsign
       "[MPOOL-HDR] DynArrHandle(%p): {arr_base = %p, ir_base = (nil), ctx_name = %s, tbl_id = %u, mem_type = "
       "%d, "
       "daflag = 0x%02x, n_direct = %d}, DynHdr(%p): {%s}, ",
-      static_cast<const void *>(array), array->arr_base, name, tbl_id, mem_type, daflag, n_direct,
-      array->arr_base, versions);
+      static_cast<const void *>(array), array->arr_base, name, tbl_id, mem_type, daflag, n_direct, array->arr_base,
+      versions);
 }
 
 static std::string tail_of(DynArrHandle_t *array, const char *counts) {
@@ -25,8 +25,8 @@ static std::string tail_of(DynArrHandle_t *array, const char *counts) {
       "DynArr(%p): {%s}, DS_SIZE: {DynHdr_t = 8, DynMemHdr_t = 56, DynArrLLI_t = 60, DynArrHdr = 16, "
       "DynMemCompactAttr_t = 16}, GlobalMemStats: {total_msz = %lu, total_nused = %lu, total_mwaist = %lu, "
       "total_avaial = %lu, total_mdel = %lu}",
-      static_cast<void *>(get_dyn_hdr(array)), counts, g_mem_st.total_msz, g_mem_st.total_mused,
-      g_mem_st.total_mwaist, g_mem_st.total_mavail, g_mem_st.total_mdel);
+      static_cast<void *>(get_dyn_hdr(array)), counts, g_mem_st.total_msz, g_mem_st.total_mused, g_mem_st.total_mwaist,
+      g_mem_st.total_mavail, g_mem_st.total_mdel);
 }
 
 TEST(PoolLine, FreshPoolWithLists) {
@@ -34,32 +34,29 @@ TEST(PoolLine, FreshPoolWithLists) {
       tslb_init_dynmem_ex1(1000, 4, 1, MPOOL_TYPE_DRAM, 0x10, "bit vectors", -3, TSLB_DA_DAFLAG_LL, 5, 1, 0));
   tsdb_mem_pressure_config_t policy = {1, {}, {200, 0, 40000, 7, 8}, {60, 0, 50, 9, 10}};
   list_roots(pool.get()).mem_pressure_conf = policy;
-  EXPECT_EQ(
-      std::string(tslb_print_poolhdr(pool.get())),
-      head_of(pool.get(), "bit vectors", 4294967293u, 0, 1, 4,
-              "lib_version = 2, rec_version = 5, pad = 0, hdr_size = 56, lli_sz = 60") +
-          text("DynMemHdr(%p): {flag = 0x13, cur_slot_addr = 4294967295 (mslot_idx = 4294967295, byte_off = "
-               "0), "
-               "mslot_sz = 1000, total_msz = 4172, total_mused = 0, total_mwast = 0, total_mavail = 0}, "
-               "DynArrLLI_t(%p): {free_head = 4294967295, free_tail = 4294967295, inact_head = 4294967295, "
-               "inact_tail = 4294967295, n_inact = 0, n_act = 0, n_free = 0, mvt_reuse_policy_use = 1, "
-               "critical.inactive_threshold_pct = -56, critical.inactive_threshold_cnt = -25536, "
-               "critical.min_days_since_inactive = 7, major.inactive_threshold_pct = 60, "
-               "major.inactive_threshold_cnt = 50, majot.min_days_since_inactive = 9}, ",
-               get_user_hdr(pool.get()), tslb_da_get_lli(pool.get())) +
-          tail_of(pool.get(), "n_alloc = 4, n_used = 0, n_direct = 4, record_size = 1008"));
+  EXPECT_EQ(std::string(tslb_print_poolhdr(pool.get())),
+            head_of(pool.get(), "bit vectors", 4294967293u, 0, 1, 4,
+                    "lib_version = 2, rec_version = 5, pad = 0, hdr_size = 56, lli_sz = 60") +
+                text("DynMemHdr(%p): {flag = 0x13, cur_slot_addr = 4294967295 (mslot_idx = 4294967295, byte_off = "
+                     "0), "
+                     "mslot_sz = 1000, total_msz = 4172, total_mused = 0, total_mwast = 0, total_mavail = 0}, "
+                     "DynArrLLI_t(%p): {free_head = 4294967295, free_tail = 4294967295, inact_head = 4294967295, "
+                     "inact_tail = 4294967295, n_inact = 0, n_act = 0, n_free = 0, mvt_reuse_policy_use = 1, "
+                     "critical.inactive_threshold_pct = -56, critical.inactive_threshold_cnt = -25536, "
+                     "critical.min_days_since_inactive = 7, major.inactive_threshold_pct = 60, "
+                     "major.inactive_threshold_cnt = 50, majot.min_days_since_inactive = 9}, ",
+                     get_user_hdr(pool.get()), tslb_da_get_lli(pool.get())) +
+                tail_of(pool.get(), "n_alloc = 4, n_used = 0, n_direct = 4, record_size = 1008"));
 }
 
 TEST(PoolLine, PoolInUseShowsItsTotals) {
   const array_t pool(tslb_init_dynmem(1000, 4, 0, MPOOL_TYPE_DRAM, static_cast<char>(0x80), "p", 1, 0));
   maddr_t address;
   tslb_dynmem_get_mchunk(pool.get(), &address, 300, srcaddr_t{});
-  EXPECT_NE(
-      std::string(tslb_print_poolhdr(pool.get()))
-          .find(
-              "{flag = 0xffffff82, cur_slot_addr = 1288490188800 (mslot_idx = 0, byte_off = 300), mslot_sz = "
-              "1000, total_msz = 4112, total_mused = 300, total_mwast = 16, total_mavail = 3716}, "),
-      std::string::npos)
+  EXPECT_NE(std::string(tslb_print_poolhdr(pool.get()))
+                .find("{flag = 0xffffff82, cur_slot_addr = 1288490188800 (mslot_idx = 0, byte_off = 300), mslot_sz = "
+                      "1000, total_msz = 4112, total_mused = 300, total_mwast = 16, total_mavail = 3716}, "),
+            std::string::npos)
       << tslb_print_poolhdr(pool.get());
 }
 
@@ -76,8 +73,7 @@ TEST(PoolLine, ArraysWithoutPoolHeader) {
   EXPECT_NE(line.find("DynMemHdr((nil)): {--}, DynArrLLI_t(0x"), std::string::npos) << line;
   // A user header that is too short for a pool's is not read as one.
   const array_t shorter(get_default_dyn_array_ex(4, 4, 0, MPOOL_TYPE_DRAM, 0, nullptr, 0));
-  EXPECT_NE(std::string(tslb_print_poolhdr(shorter.get())).find("DynMemHdr((nil)): {--}, "),
-            std::string::npos);
+  EXPECT_NE(std::string(tslb_print_poolhdr(shorter.get())).find("DynMemHdr((nil)): {--}, "), std::string::npos);
 }
 
 TEST(PoolLine, LongestLineIsNotCut) {
@@ -100,8 +96,7 @@ TEST(PoolLine, BufferIsTheThreadsOwn) {
   std::thread([&] {
     EXPECT_NE(std::string(tslb_print_poolhdr(second.get())).find("second"), std::string::npos);
   }).join();
-  EXPECT_NE(std::string(line).find("first"), std::string::npos)
-      << "another thread wrote into this one's text";
+  EXPECT_NE(std::string(line).find("first"), std::string::npos) << "another thread wrote into this one's text";
   tslb_print_poolhdr(second.get());
   EXPECT_NE(std::string(line).find("second"), std::string::npos);
 }

@@ -93,8 +93,7 @@ TEST(Threads, IdsAreUniqueAndRecordsDistinct) {
   for (int self = 0; self < kThreads; ++self) {
     for (const auto &[id, record] : taken[static_cast<size_t>(self)]) {
       ids.insert(id);
-      ASSERT_EQ(get_dyn_arr_record_position_ex(array.get(), static_cast<uint32_t>(id), 0, nullptr, 2),
-                record);
+      ASSERT_EQ(get_dyn_arr_record_position_ex(array.get(), static_cast<uint32_t>(id), 0, nullptr, 2), record);
       ASSERT_EQ(std::string(bytes_of(record) - 8, 28), std::string(28, static_cast<char>(self + 1)));
     }
   }
@@ -146,9 +145,8 @@ TEST(Threads, SlotsOfAListArrayAreHandedOutOnce) {
 TEST(Threads, ChunksAreDisjointAndCountedToTheByte) {
   constexpr int kThreads = 4, kChunks = 4000;
   for (const char slot_type : std::initializer_list<char>{0, MPOOL_FLAG_BV}) {
-    const array_t pool(tslb_init_dynmem(16384, 2, MPOOL_FLAG_COMPAT,
-                                        MPOOL_TYPE_DRAM_TMP + (slot_type == 0 ? 0 : -1), slot_type, "p", 1,
-                                        TSLB_DA_DAFLAG_LL));
+    const array_t pool(tslb_init_dynmem(16384, 2, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM_TMP + (slot_type == 0 ? 0 : -1),
+                                        slot_type, "p", 1, TSLB_DA_DAFLAG_LL));
     struct chunk_t {
       maddr_t address;
       int len;

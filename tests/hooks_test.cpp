@@ -45,12 +45,10 @@ TEST(StandIn, LogsAreOff) {
 }
 
 TEST(StandIn, RecoveryCopyBringsSlotsListsAndUserHeader) {
-  const array_t from(
-      tslb_init_dynmem(64, 2, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM, 0, "p", 1, TSLB_DA_DAFLAG_LL));
+  const array_t from(tslb_init_dynmem(64, 2, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM, 0, "p", 1, TSLB_DA_DAFLAG_LL));
   std::vector<maddr_t> addresses(60);
   for (size_t i = 0; i < addresses.size(); ++i)
-    memset(bytes_of(tslb_dynmem_get_mchunk(from.get(), &addresses[i], 20, srcaddr_t{})) + 16,
-           static_cast<int>(i), 20);
+    memset(bytes_of(tslb_dynmem_get_mchunk(from.get(), &addresses[i], 20, srcaddr_t{})) + 16, static_cast<int>(i), 20);
   list_roots(from.get()).n_act = 17;
   const array_t to(tslb_init_dynmem(64, 5, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM, 0, "p", 1, TSLB_DA_DAFLAG_LL));
   TSDBVerCBArgs_t args = {1, from.get(), to.get()};

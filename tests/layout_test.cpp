@@ -21,8 +21,7 @@ TEST(Layout, PartsOfBlock0LieAtPlainSums) {
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);
-    const array_t array(
-        get_default_dyn_array_ex_ex(row.usrhdr_sz, 100, 3, MPOOL_TYPE_DRAM, 7, "ctx", row.daflag, 9));
+    const array_t array(get_default_dyn_array_ex_ex(row.usrhdr_sz, 100, 3, MPOOL_TYPE_DRAM, 7, "ctx", row.daflag, 9));
     ASSERT_TRUE(array);
     char *const base = bytes_of(array->arr_base);
     EXPECT_EQ(bytes_of(get_dyn_hdr(array.get())) - base, row.hdr_at);
@@ -50,10 +49,8 @@ TEST(Layout, PartsOfBlock0LieAtPlainSums) {
 TEST(Layout, ListRootsStartEmptyAndTheRestZero) {
   const array_t array(get_default_dyn_array_ex(57, 20, 4, MPOOL_TYPE_DRAM, 0, nullptr, 3));
   const void *const roots = tslb_da_get_lli(array.get());
-  for (size_t offset = 0; offset < 16; offset += 4)
-    EXPECT_EQ(read_at<uint32_t>(roots, offset), 0xFFFFFFFFu) << offset;
-  for (size_t offset = 16; offset < 28; offset += 4)
-    EXPECT_EQ(read_at<uint32_t>(roots, offset), 0u) << offset;
+  for (size_t offset = 0; offset < 16; offset += 4) EXPECT_EQ(read_at<uint32_t>(roots, offset), 0xFFFFFFFFu) << offset;
+  for (size_t offset = 16; offset < 28; offset += 4) EXPECT_EQ(read_at<uint32_t>(roots, offset), 0u) << offset;
   EXPECT_EQ(read_at<uint8_t>(roots, 28), 3);
   for (size_t offset = 29; offset < 60; ++offset) EXPECT_EQ(read_at<uint8_t>(roots, offset), 0) << offset;
 }
@@ -103,12 +100,10 @@ TEST(Creation, RefusesWhatCannotBeLaidOut) {
       {"negative record", 0, -8, 1, MPOOL_TYPE_DRAM, 0, EINVAL, "16"},
       {"two negatives multiply to a size that fits", 0, -8, -4, MPOOL_TYPE_DRAM, 0, EINVAL, "56"},
       {"header size wraps in its 16 bits", 65536, 8, 1, MPOOL_TYPE_DRAM, 0, EOVERFLOW, "65568"},
-      {"block 0 wraps in 32 bits to a small one", 0, 65536, 65536, MPOOL_TYPE_DRAM, 0, EOVERFLOW,
-       "4294967320"},
+      {"block 0 wraps in 32 bits to a small one", 0, 65536, 65536, MPOOL_TYPE_DRAM, 0, EOVERFLOW, "4294967320"},
       {"block 0 one byte too long", 0, 1, 2147483624, MPOOL_TYPE_DRAM, 0, EOVERFLOW, "2147483648"},
       {"data block wraps in 32 bits", 0, 268435456, 0, MPOOL_TYPE_DRAM, 0, EOVERFLOW, "24"},
-      {"nodes push the data block over", 0, 268435455 - 15, 0, MPOOL_TYPE_DRAM, TSLB_DA_DAFLAG_INLL,
-       EOVERFLOW, "84"},
+      {"nodes push the data block over", 0, 268435455 - 15, 0, MPOOL_TYPE_DRAM, TSLB_DA_DAFLAG_INLL, EOVERFLOW, "84"},
       {"persistent memory served from the heap", 0, 8, 1, MPOOL_TYPE_PMEM, 0, ENOTSUP, "32"},
       {"a wrong size printed for want of memory type", 0, 8, 1, MPOOL_TYPE_SHM, 0, ENOTSUP, "32"},
   };
@@ -117,8 +112,8 @@ TEST(Creation, RefusesWhatCannotBeLaidOut) {
     DynamicArray_t array = nullptr;
     int err = 0;
     const std::string report = stderr_of([&] {
-      array = get_default_dyn_array_ex_ex(row.usrhdr_sz, row.record_sz, row.n_direct, row.mem_type, -3,
-                                          "metrics", row.daflag, 0);
+      array = get_default_dyn_array_ex_ex(row.usrhdr_sz, row.record_sz, row.n_direct, row.mem_type, -3, "metrics",
+                                          row.daflag, 0);
       err = errno;
     });
     EXPECT_EQ(array, nullptr);
@@ -126,8 +121,8 @@ TEST(Creation, RefusesWhatCannotBeLaidOut) {
     const std::string line = "Error(get_default_dyn_array_ex_ex:";
     EXPECT_EQ(report.substr(0, line.size()), line);
     EXPECT_NE(report.find(std::string(") failed to allocate memory for Dynamic Array of size ") + row.size +
-                          " for ContextName metrics and TableId -3, g_base_path = , err(" +
-                          std::to_string(row.err) + ")=" + strerror(row.err) + ".\n"),
+                          " for ContextName metrics and TableId -3, g_base_path = , err(" + std::to_string(row.err) +
+                          ")=" + strerror(row.err) + ".\n"),
               std::string::npos)
         << report;
   }

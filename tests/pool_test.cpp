@@ -18,13 +18,10 @@ static MemSlot_t &slot_at(const array_t &pool, uint32_t idx) {
   return *static_cast<MemSlot_t *>(tslb_da_get_ptr(pool.get(), idx));
 }
 
-static array_t big_buffer(int slot_sz, int n_slots, char compat = 0, uint8_t daflag = 0,
-                          short max_slots = 0) {
-  return array_t(
-      tslb_init_dynmem_ex1(slot_sz, n_slots, compat, MPOOL_TYPE_DRAM, 0, "bb", -4, daflag, 0, 0, max_slots));
+static array_t big_buffer(int slot_sz, int n_slots, char compat = 0, uint8_t daflag = 0, short max_slots = 0) {
+  return array_t(tslb_init_dynmem_ex1(slot_sz, n_slots, compat, MPOOL_TYPE_DRAM, 0, "bb", -4, daflag, 0, 0, max_slots));
 }
-static array_t bit_vector(int slot_sz, int n_slots, unsigned char mem_type = MPOOL_TYPE_DRAM,
-                          char compat = 0) {
+static array_t bit_vector(int slot_sz, int n_slots, unsigned char mem_type = MPOOL_TYPE_DRAM, char compat = 0) {
   return array_t(tslb_init_dynmem(slot_sz, n_slots, compat, mem_type, MPOOL_FLAG_BV, "bv", -3, 0));
 }
 static maddr_t take(const array_t &pool, int len) {
@@ -78,9 +75,8 @@ TEST(PoolCreation, FlagsKeepWhatTheArgumentsCarry) {
 TEST(PoolCreation, FailureCountsNothing) {
   const size_t msz = g_mem_st.total_msz, overhead = g_mem_st.pool_hdr_overhead;
   for (const int slot_sz : {-5, -1, 2147483647}) {
-    stderr_of([&] {
-      EXPECT_EQ(tslb_init_dynmem(slot_sz, 0, 0, MPOOL_TYPE_DRAM, 0, nullptr, 0, 0), nullptr) << slot_sz;
-    });
+    stderr_of(
+        [&] { EXPECT_EQ(tslb_init_dynmem(slot_sz, 0, 0, MPOOL_TYPE_DRAM, 0, nullptr, 0, 0), nullptr) << slot_sz; });
   }
   EXPECT_EQ(g_mem_st.total_msz, msz);
   EXPECT_EQ(g_mem_st.pool_hdr_overhead, overhead);
@@ -222,8 +218,8 @@ TEST(Chunks, RefusesWhatNoSlotCanHold) {
     SCOPED_TRACE(row.fault);
     maddr_t address = {7, 7};
     const std::string before(bytes_of(row.pool->arr_base), 80);
-    const std::string report = stderr_of(
-        [&] { EXPECT_EQ(tslb_dynmem_get_mchunk(row.pool.get(), &address, row.len, srcaddr_t{}), nullptr); });
+    const std::string report =
+        stderr_of([&] { EXPECT_EQ(tslb_dynmem_get_mchunk(row.pool.get(), &address, row.len, srcaddr_t{}), nullptr); });
     EXPECT_EQ(report.rfind("Error: (tslb_dynmem_get_mchunk:", 0), 0u) << report;
     EXPECT_NE(report.find(std::string("): Memory chunk ") + row.text +
                           " should not be greater than memory slot length 1000.\n"),
@@ -241,9 +237,7 @@ TEST(BigBuffer, MaxSlotsLimitsWhatMemoryExistsFor) {
   for (int i = 0; i < 5; ++i) take(pool, 900);  // slot 4 publishes a block of 16
   EXPECT_EQ(tslb_da_get_total_size(pool.get()), 20u);
   maddr_t address = {9, 9};
-  EXPECT_EQ(
-      stderr_of([&] { EXPECT_EQ(tslb_dynmem_get_mchunk(pool.get(), &address, 900, srcaddr_t{}), nullptr); }),
-      "");
+  EXPECT_EQ(stderr_of([&] { EXPECT_EQ(tslb_dynmem_get_mchunk(pool.get(), &address, 900, srcaddr_t{}), nullptr); }), "");
   EXPECT_EQ(as_word(address), 9u | (9u << 8));
   EXPECT_EQ(as_word(take(pool, 100)), 4u | (900u << 8)) << "the current slot still serves";
   EXPECT_EQ(tslb_dynmem_get_mchunk(big_buffer(1000, 8, 0, 0, 8).get(), &address, 1, srcaddr_t{}), nullptr);

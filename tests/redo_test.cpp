@@ -64,8 +64,7 @@ TEST(Redo, ShapesOfTheWorkedExample) {
   tslb_redo_log_da_ex(array.get(), 10, 1, 5, 1);
   tslb_redo_log_da_field(array.get(), 10, 1, 5, 4, 8);
   tslb_redo_log_da_hdr(array.get(), 10, 1, 5);
-  expect_records(log.take(),
-                 {{564, slot - 8, 48}, {564, slot - 8, 8}, {576, slot + 4, 8}, {0, array->arr_base, 84}});
+  expect_records(log.take(), {{564, slot - 8, 48}, {564, slot - 8, 8}, {576, slot + 4, 8}, {0, array->arr_base, 84}});
 }
 
 TEST(Redo, PlainArraysHaveNoShift) {
@@ -188,8 +187,8 @@ TEST(Redo, CreationLogsTheFilledHeader) {
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);
     redo_recorder_t log;
-    const array_t pool(tslb_init_dynmem_ex1(1000, 4, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM, MPOOL_FLAG_BV,
-                                            row.ctx_name, -3, TSLB_DA_DAFLAG_LL, 6, row.is_persist, 9));
+    const array_t pool(tslb_init_dynmem_ex1(1000, 4, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM, MPOOL_FLAG_BV, row.ctx_name,
+                                            -3, TSLB_DA_DAFLAG_LL, 6, row.is_persist, 9));
     const auto records = log.take();
     EXPECT_EQ(static_cast<DynMemHdr_t *>(get_user_hdr(pool.get()))->flag, row.persists ? 0x13 : 0x11);
     ASSERT_EQ(records.size(), row.n_records);

@@ -153,9 +153,8 @@ TEST(Allocation, ContradictoryRootsArePassedOverInSilence) {
   static const struct {
     const char *fault;
     uint32_t n_free, free_head;
-  } rows[] = {{"count without a head", 3, TSLB_DA_NIL_IDX},
-              {"head without a count", 0, 0},
-              {"head without a slot", 1, 4711}};
+  } rows[] = {
+      {"count without a head", 3, TSLB_DA_NIL_IDX}, {"head without a count", 0, 0}, {"head without a slot", 1, 4711}};
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);
     const array_t array = list_array(8, 4, TSLB_DA_DAFLAG_INLL);
@@ -233,10 +232,9 @@ TEST(Description, ShowsListsOfInactiveListArraysOnly) {
   char handle[64];
   const array_t both = list_array(100, 5, TSLB_DA_DAFLAG_INLL);
   snprintf(handle, sizeof(handle), "dyn_arr ptr[%p], ", static_cast<void *>(both.get()));
-  EXPECT_EQ(text_of(both),
-            std::string(handle) +
-                "da_flag[2], n_alloc[5], n_used[0], n_direct[5], record_size[100], n_inact[0], "
-                "n_free[0], n_act[0], inact_head[-1], inact_tail[-1], free_head[-1], free_tail[-1]");
+  EXPECT_EQ(text_of(both), std::string(handle) +
+                               "da_flag[2], n_alloc[5], n_used[0], n_direct[5], record_size[100], n_inact[0], "
+                               "n_free[0], n_act[0], inact_head[-1], inact_tail[-1], free_head[-1], free_tail[-1]");
   const array_t free_only = list_array(100, 5, TSLB_DA_DAFLAG_LL);
   uint32_t idx;
   tslb_da_get_newptr(free_only.get(), &idx);

@@ -86,9 +86,8 @@ extern TSLB_API const char *g_tstl_module_names[TSTL_NUM_MODULES];
  * format, ...   the text, as printf takes it.
  * Threads       any number at once. */
 TSLB_API int tslb_mt_trace_log(void *log_key, const char *module_name, int32_t level, int64_t request_id,
-                               const char *component, const char *severity, const char *file_name,
-                               int32_t line, const char *function, const char *format, ...)
-    __attribute__((format(printf, 10, 11)));
+                               const char *component, const char *severity, const char *file_name, int32_t line,
+                               const char *function, const char *format, ...) __attribute__((format(printf, 10, 11)));
 
 TSLB_END_DECLS
 

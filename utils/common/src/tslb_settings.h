@@ -1,5 +1,4 @@
-/* Settings that the host writes and the library reads, as plain words without a lock. No operation writes
- * them. */
+/* Settings that the host writes and the library reads, as plain words without a lock. No operation writes them. */
 #ifndef TSLB_SETTINGS_H
 #define TSLB_SETTINGS_H
 
@@ -12,9 +11,9 @@ TSLB_BEGIN_DECLS
 typedef struct tslb_configuration_t {
   time_t tslb_recovery_snapshot;                 /* not read here */
   int8_t tslb_remove_indirect_slots_after_merge; /* not read here */
-  char tslb_mvt_reuse_enabled;            /* 0: tslb_da_get_newptr_inll* never reuse an inactive slot */
-  uint8_t tslb_create_inline_bv;          /* not read here */
-  uint8_t tslb_enable_file_trimming_flag; /* not 0: a snapshot may end with a short slot */
+  char tslb_mvt_reuse_enabled;                   /* 0: tslb_da_get_newptr_inll* never reuse an inactive slot */
+  uint8_t tslb_create_inline_bv;                 /* not read here */
+  uint8_t tslb_enable_file_trimming_flag;        /* not 0: a snapshot may end with a short slot */
 } tslb_configuration_t;
 
 extern TSLB_API tslb_configuration_t lib_config;    /* all zero at load */

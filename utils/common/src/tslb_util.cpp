@@ -44,8 +44,8 @@ void tslb_set_abort_on_error(void) {
 
 void tslb_set_timer_factor(double factor) {
   if (!isfinite(factor) || factor <= 0.0) {
-    fprintf(stderr, "%s:%d:%s: Error: timer factor %g is not finite and positive, %g stays\n",
-            TSLB_FILE_LINE_FUNC, factor, get(timer_factor));
+    fprintf(stderr, "%s:%d:%s: Error: timer factor %g is not finite and positive, %g stays\n", TSLB_FILE_LINE_FUNC,
+            factor, get(timer_factor));
     return;
   }
   set(timer_factor, factor);
@@ -71,11 +71,9 @@ time_t tslb_get_time(time_t *time_loc) {
   const int64_t now = time(nullptr) + int64_t{get(timestamp_offset)};
   // Unsigned: a host may set any origin, and a difference that leaves 64 bits wraps instead of being
   // undefined.
-  const int64_t elapsed =
-      static_cast<int64_t>(static_cast<uint64_t>(now) - static_cast<uint64_t>(get(tsdb_start_ts)));
+  const int64_t elapsed = static_cast<int64_t>(static_cast<uint64_t>(now) - static_cast<uint64_t>(get(tsdb_start_ts)));
   // The origin is added after the division: at factor 1.0 whole seconds below 2^53 come out as they went in.
-  const double scaled =
-      static_cast<double>(elapsed) / get(timer_factor) + static_cast<double>(get(tsdb_start_ts));
+  const double scaled = static_cast<double>(elapsed) / get(timer_factor) + static_cast<double>(get(tsdb_start_ts));
   return deliver(seconds_of(scaled), time_loc);
 }
 
@@ -105,8 +103,7 @@ char *tslb_get_cur_date_time(char *time_string, int need_to_block_signal) {
   }
   // tm_year + 1900 in 64 bits: the largest tm_year is near the end of int.
   sprintf(time_string, "%02d/%02d/%02d %02d:%02d:%02d", local->tm_mon + 1, local->tm_mday,
-          static_cast<int>((int64_t{local->tm_year} + 1900) % 2000), local->tm_hour, local->tm_min,
-          local->tm_sec);
+          static_cast<int>((int64_t{local->tm_year} + 1900) % 2000), local->tm_hour, local->tm_min, local->tm_sec);
   return time_string;
 }
 

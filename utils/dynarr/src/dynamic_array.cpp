@@ -16,8 +16,7 @@
 // A gap in one of these would carry stray bytes into a file.
 static_assert(std::has_unique_object_representations_v<DynHdr_t>);
 static_assert(std::has_unique_object_representations_v<DynArrLLI_t>);
-static_assert(std::has_unique_object_representations_v<node_fw> &&
-              std::has_unique_object_representations_v<node_bw>);
+static_assert(std::has_unique_object_representations_v<node_fw> && std::has_unique_object_representations_v<node_bw>);
 
 uint32_t single_redirection_elements_count = 1u << 8;
 uint32_t second_redirection_elements_count = 1u << 12;
@@ -30,8 +29,7 @@ char g_base_path[1025];
 
 constexpr uint8_t LIB_VERSION = 2;
 
-// ---- Creation
-// -------------------------------------------------------------------------------------------------------
+// ---- Creation -----------------------------------------------------------------------------------------------------
 
 // 0 if an array of these sizes can exist, else the errno that tells why not. `block_bytes` is the size of
 // block 0.
@@ -52,8 +50,8 @@ static void *make_block0(char mem_type, int64_t bytes) {
   return calloc(1, static_cast<size_t>(bytes));
 }
 
-static void fill_handle(DynArrHandle_t *array, void *block0, char mem_type, int64_t tbl_id,
-                        const char *ctx_name, uint8_t daflag, int32_t n_direct) {
+static void fill_handle(DynArrHandle_t *array, void *block0, char mem_type, int64_t tbl_id, const char *ctx_name,
+                        uint8_t daflag, int32_t n_direct) {
   array->arr_base = block0;
   array->tbl_id = static_cast<uint32_t>(tbl_id);
   array->mem_type = mem_type;
@@ -87,7 +85,7 @@ DynamicArray_t get_default_dyn_array_ex_ex(int32_t usrhdr_sz, int32_t size_of_si
   const int64_t default_dyn_array_size =
       tot_hdrsz + (int64_t{size_of_single_data_slot} + node_bytes) * number_of_direct_slots;
 
-  DynArrHandle_t *const array = static_cast<DynArrHandle_t *>(calloc(1, sizeof(DynArrHandle_t)));
+  DynArrHandle_t *const array = static_cast<DynArrHandle_t *>(calloc(1, sizeof(array_private_t)));
   if (array == nullptr) {
     const int err = errno;
     fprintf(stderr, "Error(%s:%d): unable to allocate memory for DynArrHandle_t of size %ld. err(%d)=(%s).\n",
@@ -95,8 +93,7 @@ DynamicArray_t get_default_dyn_array_ex_ex(int32_t usrhdr_sz, int32_t size_of_si
     errno = err;
     return nullptr;
   }
-  int err = refusal_of(usrhdr_sz, size_of_single_data_slot, number_of_direct_slots, node_bytes,
-                       default_dyn_array_size);
+  int err = refusal_of(usrhdr_sz, size_of_single_data_slot, number_of_direct_slots, node_bytes, default_dyn_array_size);
   void *block0 = nullptr;
   if (err == 0) {
     block0 = make_block0(mem_type, default_dyn_array_size);
@@ -108,9 +105,8 @@ DynamicArray_t get_default_dyn_array_ex_ex(int32_t usrhdr_sz, int32_t size_of_si
             "Error(%s:%d) failed to allocate memory for Dynamic Array of size %ld for ContextName %s and "
             "TableId %ld, "
             "g_base_path = %s, err(%d)=%s.\n",
-            TSLB_FUNC_LINE, static_cast<long>(default_dyn_array_size),
-            ctx_name != nullptr ? ctx_name : "(null)", static_cast<long>(tbl_id), g_base_path, err,
-            strerror(err));
+            TSLB_FUNC_LINE, static_cast<long>(default_dyn_array_size), ctx_name != nullptr ? ctx_name : "(null)",
+            static_cast<long>(tbl_id), g_base_path, err, strerror(err));
     errno = err;
     return nullptr;
   }
@@ -122,18 +118,15 @@ DynamicArray_t get_default_dyn_array_ex_ex(int32_t usrhdr_sz, int32_t size_of_si
 DynamicArray_t get_default_dyn_array_ex(int32_t usrhdr_sz, int32_t size_of_single_data_slot,
                                         int32_t number_of_direct_slots, char mem_type, int64_t tbl_id,
                                         const char *ctx_name, uint8_t daflag) {
-  return get_default_dyn_array_ex_ex(usrhdr_sz, size_of_single_data_slot, number_of_direct_slots, mem_type,
-                                     tbl_id, ctx_name, daflag, 0);
+  return get_default_dyn_array_ex_ex(usrhdr_sz, size_of_single_data_slot, number_of_direct_slots, mem_type, tbl_id,
+                                     ctx_name, daflag, 0);
 }
 
-DynamicArray_t get_default_dyn_array(int32_t size_of_single_data_slot, int32_t number_of_direct_slots,
-                                     char mem_type) {
-  return get_default_dyn_array_ex(0, size_of_single_data_slot, number_of_direct_slots, mem_type, 0, nullptr,
-                                  0);
+DynamicArray_t get_default_dyn_array(int32_t size_of_single_data_slot, int32_t number_of_direct_slots, char mem_type) {
+  return get_default_dyn_array_ex(0, size_of_single_data_slot, number_of_direct_slots, mem_type, 0, nullptr, 0);
 }
 
-// ---- Getters
-// --------------------------------------------------------------------------------------------------------
+// ---- Getters ------------------------------------------------------------------------------------------------------
 
 DynArrHdr_t *get_dyn_hdr(DynamicArray_t array) {
   return arr_hdr_of(array);
@@ -154,8 +147,7 @@ void *dyn_array_record(DynamicArray_t, int32_t) {
   return nullptr;
 }
 
-// ---- Growth
-// ---------------------------------------------------------------------------------------------------------
+// ---- Growth -------------------------------------------------------------------------------------------------------
 
 // Acquire, paired with the barrier in cas64: who sees the pointer also sees the zeroes behind it.
 static inline void *load_entry(void *const *entry) {
@@ -175,10 +167,8 @@ void get_dyn_array_of_pointers(int32_t count, void *addr) {
   void *const table = calloc(1, bytes);
   if (table == nullptr) {
     const int err = errno;
-    fprintf(
-        stderr,
-        "Error(%s:%d) failed to allocate memory for PtrTabl_t of Dynamic Array of size %zd. err(%d)=%s.\n",
-        TSLB_FUNC_LINE, static_cast<ssize_t>(bytes), err, strerror(err));
+    fprintf(stderr, "Error(%s:%d) failed to allocate memory for PtrTabl_t of Dynamic Array of size %zd. err(%d)=%s.\n",
+            TSLB_FUNC_LINE, static_cast<ssize_t>(bytes), err, strerror(err));
     return;
   }
   publish(addr, table);
@@ -195,8 +185,7 @@ void get_dyn_data_array(DynamicArray_t array, uint32_t record_size, int32_t coun
   if (publish(addr, block)) add32(&arr_hdr_of(array)->n_alloc, static_cast<uint32_t>(count));
 }
 
-// ---- Lookup
-// ---------------------------------------------------------------------------------------------------------
+// ---- Lookup -------------------------------------------------------------------------------------------------------
 
 __attribute__((noinline, cold)) static void *make_table(void **entry) {
   get_dyn_array_of_pointers(ENTRIES_PER_TABLE, entry);
@@ -208,39 +197,82 @@ __attribute__((noinline, cold)) static PtrTbl_t *make_root(DynArrHandle_t *array
   return __atomic_load_n(&array->ir_base, __ATOMIC_ACQUIRE);
 }
 
-__attribute__((noinline, cold)) static void *make_block(DynArrHandle_t *array, uint32_t beyond,
-                                                        uint32_t slot_bytes, void **entry) {
+__attribute__((noinline, cold)) static void *make_block(DynArrHandle_t *array, uint32_t beyond, uint32_t slot_bytes,
+                                                        void **entry) {
   get_dyn_data_array(array, slot_bytes, SLOTS_PER_BLOCK, static_cast<int32_t>(block_num_of(beyond)), entry);
   return load_entry(entry);
 }
 
-__attribute__((noinline, cold)) static void *report_beyond_levels(const DynArrHandle_t *array,
-                                                                  uint32_t beyond) {
-  const uint32_t n_direct = array->n_direct;
+__attribute__((noinline, cold)) static void *report_beyond_levels(const DynArrHandle_t *array, uint32_t beyond) {
+  const uint32_t n_direct = n_direct_of(array);
   fprintf(stderr, "ID %d is not correct, n_direct:%d\n", static_cast<int>(beyond + n_direct),
           static_cast<int>(n_direct));
   return nullptr;
 }
 
-void *dynarr_data_block(DynArrHandle_t *array, uint32_t beyond, uint32_t slot_bytes) {
-  PtrTbl_t *root = __atomic_load_n(&array->ir_base, __ATOMIC_ACQUIRE);
-  if (__builtin_expect(root == nullptr, 0) && (root = make_root(array)) == nullptr) return nullptr;
-  const place_t place = place_of(beyond);
-  if (__builtin_expect(place.level > LEVELS, 0)) return report_beyond_levels(array, beyond);
-
-  // Every entry is read from its parent, and again after it was made: what a rival published is what serves.
-  void **entry = reinterpret_cast<void **>(root) + place.level - 1;
-  for (unsigned shift = 4 * place.level; shift != 0; shift -= 4) {
-    void *table = load_entry(entry);
-    if (__builtin_expect(table == nullptr, 0) && (table = make_table(entry)) == nullptr) return nullptr;
-    entry = static_cast<void **>(table) + (place.actual_id >> shift) % ENTRIES_PER_TABLE;
-  }
-  void *const block = load_entry(entry);
-  return __builtin_expect(block == nullptr, 0) ? make_block(array, beyond, slot_bytes, entry) : block;
+static inline void *record_in(void *block, uint32_t beyond, uint32_t slot_bytes, uint32_t shift) {
+  return static_cast<char *>(block) + uint64_t{beyond % SLOTS_PER_BLOCK} * slot_bytes + shift;
 }
 
-void *get_dyn_arr_record_position_ex(DynamicArray_t array, uint32_t id, int64_t, const char *,
-                                     uint8_t daflag) {
+// The way to a record of which some part is missing, or which lies beyond all levels. Every entry is read from its
+// parent, and again after it was made: what a rival published is what serves.
+__attribute__((noinline, cold)) static void *make_record_beyond(DynArrHandle_t *array, uint32_t beyond,
+                                                                uint32_t slot_bytes, uint32_t shift) {
+  PtrTbl_t *root = __atomic_load_n(&array->ir_base, __ATOMIC_ACQUIRE);
+  if (root == nullptr && (root = make_root(array)) == nullptr) return nullptr;
+  const place_t place = place_of(beyond);
+  if (place.level > LEVELS) return report_beyond_levels(array, beyond);
+
+  void **entry = reinterpret_cast<void **>(root) + place.level - 1;
+  for (unsigned digit = 4 * place.level; digit != 0; digit -= 4) {
+    void *table = load_entry(entry);
+    if (table == nullptr && (table = make_table(entry)) == nullptr) return nullptr;
+    entry = static_cast<void **>(table) + (place.actual_id >> digit) % ENTRIES_PER_TABLE;
+  }
+  void *block = load_entry(entry);
+  if (block == nullptr) block = make_block(array, beyond, slot_bytes, entry);
+  return block != nullptr ? record_in(block, beyond, slot_bytes, shift) : nullptr;
+}
+
+// The data block on a way that is all there; null if it is not.
+template <unsigned LEVEL>
+static inline void *descend(PtrTbl_t *root, uint32_t beyond) {
+  constexpr uint32_t FIRST = first_of_level(LEVEL);
+  void *table = load_entry(reinterpret_cast<void **>(root) + LEVEL - 1);
+  for (unsigned digit = 4 * LEVEL; digit != 0 && table != nullptr; digit -= 4)
+    table = load_entry(static_cast<void **>(table) + ((beyond - FIRST) >> digit) % ENTRIES_PER_TABLE);
+  return table;
+}
+
+// A case for each level: the processor goes ahead on the level that it expects, where an entry computed from the id
+// would have to be waited for.
+static inline void *find_block(PtrTbl_t *root, uint32_t beyond) {
+  switch (place_of(beyond).level) {
+    case 1:
+      return descend<1>(root, beyond);
+    case 2:
+      return descend<2>(root, beyond);
+    case 3:
+      return descend<3>(root, beyond);
+    case 4:
+      return descend<4>(root, beyond);
+    case 5:
+      return descend<5>(root, beyond);
+    case 6:
+      return descend<6>(root, beyond);
+    default:
+      return nullptr;
+  }
+}
+
+void *dynarr_record_beyond(DynArrHandle_t *array, uint32_t beyond, uint32_t slot_bytes, uint32_t shift) {
+  PtrTbl_t *const root = __atomic_load_n(&array->ir_base, __ATOMIC_ACQUIRE);
+  void *const block = __builtin_expect(root != nullptr, 1) ? find_block(root, beyond) : nullptr;
+  if (__builtin_expect(block == nullptr, 0)) return make_record_beyond(array, beyond, slot_bytes, shift);
+  return record_in(block, beyond, slot_bytes, shift);
+}
+
+void *get_dyn_arr_record_position_ex(DynamicArray_t array, uint32_t id, int64_t, const char *, uint8_t daflag) {
   return position_of(array, id, daflag);
 }
 
@@ -248,8 +280,7 @@ void *get_dyn_arr_record_position(DynamicArray_t array, uint32_t id) {
   return position_of(array, id, 0);
 }
 
-// ---- New ids
-// --------------------------------------------------------------------------------------------------------
+// ---- New ids ------------------------------------------------------------------------------------------------------
 
 int32_t get_dyn_arr_new_record_id_ex(DynamicArray_t array, void **ptr, uint8_t daflag) {
   DynArrHdr_t *const hdr = arr_hdr_of(array);

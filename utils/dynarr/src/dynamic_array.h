@@ -1,16 +1,15 @@
 /* Record arrays: growing arrays of fixed-size records, addressed by a 32-bit id.
  *
- * Ids are issued in order from 0. A record never moves, and reaching one takes no lock. An array starts as
- * one piece of memory, block 0: its headers and the first `n_direct` slots. Every later record lies in a data
- * block of 16 slots, reached through six levels of 16-way tables, which a lookup makes on its way where they
- * are missing.
+ * Ids are issued in order from 0. A record never moves, and reaching one takes no lock. An array starts as one piece
+ * of memory, block 0: its headers and the first `n_direct` slots. Every later record lies in a data block of 16
+ * slots, reached through six levels of 16-way tables, which a lookup makes on its way where they are missing.
  *
  * Terms
  *   record      the caller's bytes, record_size of them.
  *   slot        a record with its list nodes: one element of the array, record_size + slotlli_sz bytes.
- *   slotlli_sz  bytes of list nodes in a slot: 16 with TSLB_DA_DAFLAG_INLL, else 8 with TSLB_DA_DAFLAG_LL,
- * else 0. block 0     headers and direct area. Stored: it is the content of a block file and the head of a
- * snapshot. data block  16 slots and nothing else, numbered from 1 in id order over all levels (block_num).
+ *   slotlli_sz  bytes of list nodes in a slot: 16 with TSLB_DA_DAFLAG_INLL, else 8 with TSLB_DA_DAFLAG_LL, else 0.
+ *   block 0     headers and direct area. Stored: it is the content of a block file and the head of a snapshot.
+ *   data block  16 slots and nothing else, numbered from 1 in id order over all levels (block_num).
  *   flat image  block 0 followed by the data blocks: slot `id` at header size + id * slot size.
  *
  * Block 0, without padding between its parts
@@ -25,8 +24,7 @@
  *   TSLB_DA_DAFLAG_LL       node_fw (8), record
  *   TSLB_DA_DAFLAG_INLL     node_fw (8), record, node_bw (8)
  *
- * Failures are a null result and a line on the standard error stream. Handles are not tested for null here.
- */
+ * Failures are a null result and a line on the standard error stream. Handles are not tested for null here. */
 #ifndef DYNAMIC_ARRAY_H
 #define DYNAMIC_ARRAY_H
 
@@ -35,9 +33,8 @@
 
 TSLB_BEGIN_DECLS
 
-#define TSLB_DA_DAFLAG_LL 0x01 /* slots can be freed and taken again */
-#define TSLB_DA_DAFLAG_INLL \
-  0x02 /* and parked on an inactive list; decides the slot's shape if both are set */
+#define TSLB_DA_DAFLAG_LL 0x01   /* slots can be freed and taken again */
+#define TSLB_DA_DAFLAG_INLL 0x02 /* and parked on an inactive list; decides the slot's shape if both are set */
 
 /* Where an array's blocks come from. One value per array, for good. */
 enum {
@@ -65,8 +62,8 @@ TSLB_STORED_AT(DynHdr_t, pad, 2);
 TSLB_STORED_AT(DynHdr_t, hdr_size, 4);
 TSLB_STORED_AT(DynHdr_t, lli_sz, 6);
 
-/* One set of limits of a reuse policy. A set passes when n_used has reached min_overall_cnt and either the
- * share or the count of inactive slots has reached its limit. */
+/* One set of limits of a reuse policy. A set passes when n_used has reached min_overall_cnt and either the share or
+ * the count of inactive slots has reached its limit. */
 typedef struct tsdb_inactive_thshld_policy_t {
   uint8_t inactive_threshold_pct;
   uint8_t reserved;
@@ -94,8 +91,8 @@ TSLB_STORED_AT(tsdb_mem_pressure_config_t, reserved, 1);
 TSLB_STORED_AT(tsdb_mem_pressure_config_t, critical, 4);
 TSLB_STORED_AT(tsdb_mem_pressure_config_t, major, 16);
 
-/* Roots of the free list and the inactive list, one per array with nodes. Indices are slot indices,
- * 0xFFFFFFFF is none. Stands behind a user header of any size. Changed under the handle's spin lock. */
+/* Roots of the free list and the inactive list, one per array with nodes. Indices are slot indices, 0xFFFFFFFF is
+ * none. Stands behind a user header of any size. Changed under the handle's spin lock. */
 typedef struct TSLB_UNALIGNED DynArrLLI_t {
   uint32_t free_head;  /* what allocation takes next */
   uint32_t free_tail;  /* freed last */
@@ -122,8 +119,8 @@ TSLB_STORED_AT(DynArrLLI_t, pad1, 29);
 TSLB_STORED_AT(DynArrLLI_t, pad2, 30);
 TSLB_STORED_AT(DynArrLLI_t, mem_pressure_conf, 32);
 
-/* Geometry and counts. Stands behind headers of any size; n_alloc and n_used change by get_and_inc32 alone,
- * the other two never. */
+/* Geometry and counts. Stands behind headers of any size; n_alloc and n_used change by get_and_inc32 alone, the other
+ * two never. */
 typedef struct TSLB_UNALIGNED DynArrHdr_t {
   uint32_t n_alloc;                              /* slots that memory exists for */
   uint32_t n_used;                               /* ids issued so far, which is the next id */
@@ -147,8 +144,7 @@ typedef DynArr_ptr_3 *DynArr_ptr_4;
 typedef DynArr_ptr_4 *DynArr_ptr_5;
 typedef DynArr_ptr_5 *DynArr_ptr_6;
 
-/* Root table: the root of each level, null until an id of that level is looked up. Process memory, like all
- * tables. */
+/* Root table: the root of each level, null until an id of that level is looked up. Process memory, like all tables. */
 typedef struct PtrTbl_t {
   DynArr_ptr_1 ir1;
   DynArr_ptr_2 ir2;
@@ -173,8 +169,8 @@ static_assert(sizeof(DynArrHandle_t) == 64, "a handle is one cache line");
 
 typedef DynArrHandle_t *DynamicArray_t;
 
-/* Ids that each level holds: 16 to the power level + 1. They describe the addressing, whose tables and blocks
- * have 16 entries for good; they do not tune it. */
+/* Ids that each level holds: 16 to the power level + 1. They describe the addressing, whose tables and blocks have 16
+ * entries for good; they do not tune it. */
 extern TSLB_API uint32_t single_redirection_elements_count;
 extern TSLB_API uint32_t second_redirection_elements_count;
 extern TSLB_API uint32_t third_redirection_elements_count;
@@ -197,29 +193,28 @@ extern TSLB_API char g_base_path[1025];
  * ctx_name     name of the context, or NULL; the handle keeps 32 characters.
  * daflag       TSLB_DA_DAFLAG_*; 0 for an array without nodes. Stored as it is.
  * rec_version  goes to DynHdr_t.
- * Result       the handle, which the caller owns. NULL after a line on stderr if an argument is refused
- * (errno EINVAL for a negative one, EOVERFLOW beyond a limit, ENOTSUP for a type that is not available) or
- * memory is. Threads      shares nothing with other calls. */
+ * Result       the handle, which the caller owns. NULL after a line on stderr if an argument is refused (errno EINVAL
+ *              for a negative one, EOVERFLOW beyond a limit, ENOTSUP for a type that is not available) or memory is.
+ * Threads      shares nothing with other calls. */
 TSLB_API DynamicArray_t get_default_dyn_array_ex_ex(int32_t usrhdr_sz, int32_t size_of_single_data_slot,
-                                                    int32_t number_of_direct_slots, char mem_type,
-                                                    int64_t tbl_id, const char *ctx_name, uint8_t daflag,
-                                                    uint8_t rec_version);
+                                                    int32_t number_of_direct_slots, char mem_type, int64_t tbl_id,
+                                                    const char *ctx_name, uint8_t daflag, uint8_t rec_version);
 
 /* The same with rec_version 0. */
 TSLB_API DynamicArray_t get_default_dyn_array_ex(int32_t usrhdr_sz, int32_t size_of_single_data_slot,
-                                                 int32_t number_of_direct_slots, char mem_type,
-                                                 int64_t tbl_id, const char *ctx_name, uint8_t daflag);
+                                                 int32_t number_of_direct_slots, char mem_type, int64_t tbl_id,
+                                                 const char *ctx_name, uint8_t daflag);
 
 /* The same without user header, table id, name and nodes. */
-TSLB_API DynamicArray_t get_default_dyn_array(int32_t size_of_single_data_slot,
-                                              int32_t number_of_direct_slots, char mem_type);
+TSLB_API DynamicArray_t get_default_dyn_array(int32_t size_of_single_data_slot, int32_t number_of_direct_slots,
+                                              char mem_type);
 
 /* Headers of block 0. They belong to the array and live as long. get_user_hdr gives NULL if hdr_size is 0. */
 TSLB_API DynArrHdr_t *get_dyn_hdr(DynamicArray_t array);
 TSLB_API void *get_user_hdr(DynamicArray_t array);
 
-/* n_used, record_size and n_alloc. Threads: any; while ids are being issued the counts are true of a moment
- * ago, and n_used can be ahead of the memory that exists. */
+/* n_used, record_size and n_alloc. Threads: any; while ids are being issued the counts are true of a moment ago, and
+ * n_used can be ahead of the memory that exists. */
 TSLB_API uint32_t get_dyn_arr_size(DynamicArray_t array);
 TSLB_API uint32_t get_dyn_arr_record_sz(DynamicArray_t array);
 TSLB_API uint32_t get_dyn_total_allocated_records(DynamicArray_t array);
@@ -232,13 +227,14 @@ TSLB_API void *dyn_array_record(DynamicArray_t array, int32_t pos);
  * id       0 to n_used - 1: a position in the array, not a byte offset.
  * tbl_id, ctx_name
  *          not consulted: block files are named from the handle. Callers pass the handle's values.
- * daflag   the array's own flags. They give the slot size of this call: with others the address is wrong, and
- * so is the size of a block that the call makes. Result   the record, behind the slot's first node if there
- * is one. It belongs to the array, never moves and lives until destroy_dyn_arr. NULL if `id` was not issued
- * (silent), lies beyond the sixth level or memory was refused (a line on stderr); the array stays usable.
+ * daflag   the array's own flags. They give the slot size of this call: with others the address is wrong, and so is
+ *          the size of a block that the call makes.
+ * Result   the record, behind the slot's first node if there is one. It belongs to the array, never moves and lives
+ *          until destroy_dyn_arr. NULL if `id` was not issued (silent), lies beyond the sixth level or memory was
+ *          refused (a line on stderr); the array stays usable.
  * Threads  any number, also while the array grows. No lock; writes nothing once the memory exists. */
-TSLB_API void *get_dyn_arr_record_position_ex(DynamicArray_t array, uint32_t id, int64_t tbl_id,
-                                              const char *ctx_name, uint8_t daflag);
+TSLB_API void *get_dyn_arr_record_position_ex(DynamicArray_t array, uint32_t id, int64_t tbl_id, const char *ctx_name,
+                                              uint8_t daflag);
 
 /* The same for an array with daflag 0. */
 TSLB_API void *get_dyn_arr_record_position(DynamicArray_t array, uint32_t id);
@@ -247,9 +243,9 @@ TSLB_API void *get_dyn_arr_record_position(DynamicArray_t array, uint32_t id);
  *
  * ptr      receives the record, or NULL.
  * daflag   the array's own flags, as above.
- * Result   the id; -1 with a null `*ptr` if the array is full or its memory was refused (a line on stderr).
- * An id that failed so stays issued: a later lookup tries again. Threads  any number; each gets ids of its
- * own. */
+ * Result   the id; -1 with a null `*ptr` if the array is full or its memory was refused (a line on stderr). An id
+ *          that failed so stays issued: a later lookup tries again.
+ * Threads  any number; each gets ids of its own. */
 TSLB_API int32_t get_dyn_arr_new_record_id_ex(DynamicArray_t array, void **ptr, uint8_t daflag);
 
 /* The same for an array with daflag 0, without the pointer. */
@@ -257,11 +253,12 @@ TSLB_API int32_t get_dyn_arr_new_record_id(DynamicArray_t array);
 
 /* Fill an empty table entry: with a zeroed table of `count` pointers, or with a data block of `count` slots.
  *
- * addr         address of the entry, aligned to 8 bytes, which holds null or becomes non-null by another
- * thread. record_size  bytes of one slot, nodes included. block_num    number of the block, from 1; names its
- * file. Result       none. `*addr` is filled afterwards, by this call or a rival's; still null if memory was
- * refused (a line on stderr). Only the call that filled it adds `count` to n_alloc. Threads      any number,
- * on the same entry too. */
+ * addr         address of the entry, aligned to 8 bytes, which holds null or becomes non-null by another thread.
+ * record_size  bytes of one slot, nodes included.
+ * block_num    number of the block, from 1; names its file.
+ * Result       none. `*addr` is filled afterwards, by this call or a rival's; still null if memory was refused (a line
+ *              on stderr). Only the call that filled it adds `count` to n_alloc.
+ * Threads      any number, on the same entry too. */
 TSLB_API void get_dyn_array_of_pointers(int32_t count, void *addr);
 TSLB_API void get_dyn_data_array(DynamicArray_t array, uint32_t record_size, int32_t count, int32_t block_num,
                                  void *addr);

@@ -27,6 +27,11 @@ void destroy_dyn_arr(DynamicArray_t array) {
     }
     free(array->ir_base);
   }
+  for (unsettled_slot_t *slot = private_of(array)->unsettled; slot != nullptr;) {
+    unsettled_slot_t *const next = slot->next;
+    free(slot);
+    slot = next;
+  }
   free(array->arr_base);
   free(array);
 }

@@ -23,8 +23,26 @@ static inline uint32_t add32(void *word, uint32_t amount) {
   return get_and_inc32(static_cast<uint32_t *>(word), amount);
 }
 
-// ---- Parts of block 0
-// -----------------------------------------------------------------------------------------------
+// ---- Behind the handle ---------------------------------------------------------------------------------------------
+// What belongs to an array, lives in process memory and concerns no caller: it follows the handle in one allocation.
+
+// A memory slot that stopped being current while reservations in it had not reached its counter yet.
+struct unsettled_slot_t {
+  unsettled_slot_t *next;
+  uint32_t slot_idx;
+  uint32_t bytes_reserved;  // what bytes_used comes to when all have
+};
+
+struct array_private_t {
+  DynArrHandle_t handle;
+  unsettled_slot_t *unsettled;  // under the spin lock; a handful, as many as threads were caught in between
+};
+
+static inline array_private_t *private_of(DynArrHandle_t *array) {
+  return reinterpret_cast<array_private_t *>(array);
+}
+
+// ---- Parts of block 0 ---------------------------------------------------------------------------------------------
 
 constexpr uint32_t LLI_BYTES = sizeof(DynArrLLI_t);
 constexpr uint32_t FIXED_HDR_BYTES = sizeof(DynHdr_t) + sizeof(DynArrHdr_t);
@@ -56,8 +74,7 @@ static inline uint32_t header_bytes_of(const DynArrHandle_t *array) {
   return FIXED_HDR_BYTES + hdr->hdr_size + hdr->lli_sz;
 }
 
-// ---- Geometry of slots
-// ----------------------------------------------------------------------------------------------
+// ---- Geometry of slots --------------------------------------------------------------------------------------------
 
 constexpr uint32_t SLOTS_PER_BLOCK = 16;
 constexpr uint32_t ENTRIES_PER_TABLE = 16;
@@ -66,13 +83,11 @@ static_assert(sizeof(node_fw) == sizeof(node_bw), "a slot has one node on each s
 
 // Bytes of list nodes in a slot. The second node lies behind the record, so the record's own place in the
 // slot, its shift, is one node for both kinds of list.
-static inline constexpr uint32_t node_bytes_of(uint8_t daflag) {
-  return (daflag & TSLB_DA_DAFLAG_INLL) != 0 ? 2 * NODE_BYTES
-         : (daflag & TSLB_DA_DAFLAG_LL) != 0 ? NODE_BYTES
-                                             : 0;
-}
 static inline constexpr uint32_t shift_of(uint8_t daflag) {
-  return node_bytes_of(daflag) != 0 ? NODE_BYTES : 0;
+  return (daflag & (TSLB_DA_DAFLAG_INLL | TSLB_DA_DAFLAG_LL)) != 0 ? NODE_BYTES : 0;
+}
+static inline constexpr uint32_t node_bytes_of(uint8_t daflag) {
+  return shift_of(daflag) + ((daflag & TSLB_DA_DAFLAG_INLL) != 0 ? NODE_BYTES : 0);
 }
 
 static inline bool has_lists(const DynArrHandle_t *array) {
@@ -93,10 +108,27 @@ static inline node_bw *bw_of(void *slot_ptr, uint32_t record_size) {
   return reinterpret_cast<node_bw *>(static_cast<char *>(slot_ptr) + record_size);
 }
 
-// ---- Geometry of levels
-// ---------------------------------------------------------------------------------------------
+// First word of a payload after taking or freeing it.
+constexpr uint32_t GATEKEEPER = 0xFFFFFFFFu;
+
+// A slot's status is read without the lock, and what it says about the slot's contents must be there to see: stored with
+// release, loaded with acquire.
+static inline uint32_t status_of(const void *slot_ptr) {
+  return __atomic_load_n(reinterpret_cast<const uint32_t *>(static_cast<const char *>(slot_ptr) - NODE_BYTES),
+                         __ATOMIC_ACQUIRE);
+}
+static inline void set_status(void *slot_ptr, uint32_t status) {
+  __atomic_store_n(reinterpret_cast<uint32_t *>(static_cast<char *>(slot_ptr) - NODE_BYTES), status, __ATOMIC_RELEASE);
+}
+
+// ---- Geometry of levels -------------------------------------------------------------------------------------------
 
 constexpr unsigned LEVELS = 6;
+
+// First id of a level, past the direct area: in base 16 they run 0, 100, 1100, 11100 ..., low digits of one constant.
+static inline constexpr uint32_t first_of_level(unsigned level) {
+  return 0x11111100u & ((1u << (4 * (level + 1))) - 1);
+}
 
 // Where an id beyond the direct area lies. Written in base 16, actual_id is the path through the level's
 // tables: its highest digit picks an entry of the top one, its lowest the slot in the data block.
@@ -105,15 +137,13 @@ struct place_t {
   uint32_t actual_id;  // the id's place in its level
 };
 
-// `beyond` is the id less n_direct. Level L holds 16^(L+1) ids, so its first one is (16^(L+1) - 256) / 15,
-// and L can be read from the position of the highest bit of 15 * beyond + 256, with no comparison against six
-// bounds. In base 16 those first ids are 0, 100, 1100, 11100 ...: low digits of one constant.
+// `beyond` is the id less n_direct. Level L holds 16^(L+1) ids, so its first one is (16^(L+1) - 256) / 15, and L can be
+// read from the position of the highest bit of 15 * beyond + 256, with no comparison against six bounds.
 static inline place_t place_of(uint32_t beyond) {
   const uint64_t scaled = uint64_t{beyond} * 15 + 256;
   if (scaled >> 32 != 0) return {LEVELS + 1, 0};
-  const unsigned digit_bits = static_cast<unsigned>(31 - __builtin_clz(static_cast<uint32_t>(scaled))) & ~3u;
-  const uint32_t first = 0x11111100u & ((1u << digit_bits) - 1);
-  return {digit_bits / 4 - 1, beyond - first};
+  const unsigned level = static_cast<unsigned>(31 - __builtin_clz(static_cast<uint32_t>(scaled))) / 4 - 1;
+  return {level, beyond - first_of_level(level)};
 }
 
 // Data blocks are numbered over all levels, since every level holds a multiple of 16 ids.
@@ -121,34 +151,43 @@ static inline uint32_t block_num_of(uint32_t beyond) {
   return beyond / SLOTS_PER_BLOCK + 1;
 }
 
-// ---- Lookup
-// ---------------------------------------------------------------------------------------------------------
+// ---- Lookup -------------------------------------------------------------------------------------------------------
 
-// The data block that holds the id `beyond` past the direct area, made if it is missing. Null after a report.
-void *dynarr_data_block(DynArrHandle_t *array, uint32_t beyond, uint32_t slot_bytes);
+// The record of the id `beyond` past the direct area; its memory is made if it is missing. Null after a report.
+void *dynarr_record_beyond(DynArrHandle_t *array, uint32_t beyond, uint32_t slot_bytes, uint32_t shift);
+
+// The header of a mapped file is within others' reach; the handle is not.
+static inline uint32_t n_direct_of(const DynArrHandle_t *array) {
+  return array->mem_type == MPOOL_TYPE_SHM ? array->n_direct : arr_hdr_of(array)->n_direct;
+}
 
 // get_dyn_arr_record_position_ex, inlined where a lookup is part of a hot path.
 static inline void *position_of(DynArrHandle_t *array, uint32_t id, uint8_t daflag) {
   DynArrHdr_t *const hdr = arr_hdr_of(array);
-  // Relaxed: whoever was given the id sees a count above it; for anybody else it is a bound, not a
-  // publication.
+  // Relaxed: whoever was given the id sees a count above it; for anybody else it is a bound, not a publication.
   if (id >= get32(&hdr->n_used)) return nullptr;
   const uint32_t slot_bytes = hdr->record_size + node_bytes_of(daflag);
-  // The header of a mapped file is within others' reach; the handle is not.
-  const uint32_t n_direct = array->mem_type == MPOOL_TYPE_SHM ? array->n_direct : hdr->n_direct;
+  const uint32_t n_direct = n_direct_of(array);
   if (id < n_direct) return hdr->elem_direct + uint64_t{id} * slot_bytes + shift_of(daflag);
-  const uint32_t beyond = id - n_direct;
-  char *const block = static_cast<char *>(dynarr_data_block(array, beyond, slot_bytes));
-  if (block == nullptr) return nullptr;
-  return block + uint64_t{beyond % SLOTS_PER_BLOCK} * slot_bytes + shift_of(daflag);
+  // The last thing done: nothing waits on the stack for its result.
+  return dynarr_record_beyond(array, id - n_direct, slot_bytes, shift_of(daflag));
 }
 
 static inline void *slot_ptr_of(DynArrHandle_t *array, uint32_t idx) {
   return position_of(array, idx, array->daflag);
 }
 
-// ---- Redo records
-// ---------------------------------------------------------------------------------------------------
+// ---- Lists, under the lock -----------------------------------------------------------------------------------------
+
+// Sets the back link of slot `idx` and logs that whole slot.
+void lists_relink_prev(dynarr_t *array, uint32_t idx, uint32_t prev);
+
+// The two halves of tslb_da_free_idx, for whoever has to decide and free in one hold of the lock: the first under it,
+// with the result of that function; the second, if the first gave 0, after its release.
+int slot_free_locked(dynarr_t *array, uint32_t idx, void *slot_ptr);
+void slot_free_log(dynarr_t *array, uint32_t idx);
+
+// ---- Redo records -------------------------------------------------------------------------------------------------
 
 constexpr uint64_t NO_TXN = ~uint64_t{0};
 constexpr uint32_t NO_AUX = 0xFFFFFFFFu;
@@ -165,7 +204,7 @@ static inline bool redo_is_on_by_name(const DynArrHandle_t *array) {
 
 // Library's own records of an array's header and of a slot's nodes, untested: callers ask one of the two
 // above.
-void redo_header(DynArrHandle_t *array, uint64_t txn_id, char rec_type);
+void redo_header(DynArrHandle_t *array, uint64_t txn_id = NO_TXN, char rec_type = TSLB_REDO_SLOT);
 void redo_nodes(DynArrHandle_t *array, uint32_t idx, void *slot_ptr);
 
 #endif

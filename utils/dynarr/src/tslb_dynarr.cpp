@@ -7,8 +7,7 @@
 // The one call upward in the layers: pools and slot arrays have one creator, which knows both.
 #include "tslb_dynmem.h"
 
-// ---- Creation
-// -------------------------------------------------------------------------------------------------------
+// ---- Creation -----------------------------------------------------------------------------------------------------
 
 // compat_flag of a slot array. It has no effect without a pool header, and says so to whoever reads a trace
 // of calls.
@@ -18,20 +17,18 @@ dynarr_t *tslb_da_init_v5(int slot_sz, int n_slots, char pool_type, const char *
   return tslb_da_init_ll(slot_sz, n_slots, pool_type, ctx_name, tbl_id, 0);
 }
 
-dynarr_t *tslb_da_init_ll(int slot_sz, int n_slots, char pool_type, const char *ctx_name, int tbl_id,
-                          uint8_t daflag) {
-  return tslb_init_dynmem(slot_sz, n_slots, NO_COMPAT, static_cast<unsigned char>(pool_type),
-                          MPOOL_SLOT_TYPE_DA, ctx_name, tbl_id, daflag);
+dynarr_t *tslb_da_init_ll(int slot_sz, int n_slots, char pool_type, const char *ctx_name, int tbl_id, uint8_t daflag) {
+  return tslb_init_dynmem(slot_sz, n_slots, NO_COMPAT, static_cast<unsigned char>(pool_type), MPOOL_SLOT_TYPE_DA,
+                          ctx_name, tbl_id, daflag);
 }
 
-dynarr_t *tslb_da_init_ver(int slot_sz, int n_slots, char pool_type, const char *ctx_name, int tbl_id,
-                           uint8_t daflag, uint8_t rec_version) {
-  return tslb_init_dynmem_ex(slot_sz, n_slots, NO_COMPAT, static_cast<unsigned char>(pool_type),
-                             MPOOL_SLOT_TYPE_DA, ctx_name, tbl_id, daflag, rec_version);
+dynarr_t *tslb_da_init_ver(int slot_sz, int n_slots, char pool_type, const char *ctx_name, int tbl_id, uint8_t daflag,
+                           uint8_t rec_version) {
+  return tslb_init_dynmem_ex(slot_sz, n_slots, NO_COMPAT, static_cast<unsigned char>(pool_type), MPOOL_SLOT_TYPE_DA,
+                             ctx_name, tbl_id, daflag, rec_version);
 }
 
-// ---- Accessors
-// ------------------------------------------------------------------------------------------------------
+// ---- Accessors ----------------------------------------------------------------------------------------------------
 
 unsigned int tslb_da_get_total_size(dynarr_t *h_dynarr) {
   return h_dynarr != nullptr ? get_dyn_total_allocated_records(h_dynarr) : 0;
@@ -74,24 +71,21 @@ char *tslb_da_get_hdr_str(DynamicArray_t dyn_handle) {
   const DynArrHdr_t *const hdr = arr_hdr_of(dyn_handle);
   // The numbers print signed, so that TSLB_DA_NIL_IDX shows as -1.
   const auto shown = [](const void *word) { return static_cast<int>(get32(word)); };
-  const int used_len =
-      snprintf(text, sizeof(text),
-               "dyn_arr ptr[%p], da_flag[%d], n_alloc[%d], n_used[%d], n_direct[%d], record_size[%d]",
-               static_cast<void *>(dyn_handle), dyn_handle->daflag, shown(&hdr->n_alloc), shown(&hdr->n_used),
-               shown(&hdr->n_direct), shown(&hdr->record_size));
+  const int used_len = snprintf(text, sizeof(text),
+                                "dyn_arr ptr[%p], da_flag[%d], n_alloc[%d], n_used[%d], n_direct[%d], record_size[%d]",
+                                static_cast<void *>(dyn_handle), dyn_handle->daflag, shown(&hdr->n_alloc),
+                                shown(&hdr->n_used), shown(&hdr->n_direct), shown(&hdr->record_size));
   if (has_inactive_list(dyn_handle) && used_len >= 0 && static_cast<size_t>(used_len) < sizeof(text)) {
     const DynArrLLI_t *const lli = lli_of(dyn_handle);
-    snprintf(
-        text + used_len, sizeof(text) - static_cast<size_t>(used_len),
-        ", n_inact[%d], n_free[%d], n_act[%d], inact_head[%d], inact_tail[%d], free_head[%d], free_tail[%d]",
-        shown(&lli->n_inact), shown(&lli->n_free), shown(&lli->n_act), shown(&lli->inact_head),
-        shown(&lli->inact_tail), shown(&lli->free_head), shown(&lli->free_tail));
+    snprintf(text + used_len, sizeof(text) - static_cast<size_t>(used_len),
+             ", n_inact[%d], n_free[%d], n_act[%d], inact_head[%d], inact_tail[%d], free_head[%d], free_tail[%d]",
+             shown(&lli->n_inact), shown(&lli->n_free), shown(&lli->n_act), shown(&lli->inact_head),
+             shown(&lli->inact_tail), shown(&lli->free_head), shown(&lli->free_tail));
   }
   return text;
 }
 
-// ---- Spin lock
-// ------------------------------------------------------------------------------------------------------
+// ---- Spin lock ----------------------------------------------------------------------------------------------------
 
 void tslb_da_spin_lock16(uint16_t *spinlock) {
   while (cas16(spinlock, 0, 1) == 0) {

@@ -1,13 +1,15 @@
 // Slot allocation: free list, then inactive list, then a fresh id. With lists, everything from the choice of
 // the slot to its status happens under the handle's spin lock; a plain array has no lock on this path.
+#include <stdio.h>
 #include <string.h>
+#include <time.h>
 
 #include "dynarr_internal.h"
 #include "tslb_dynarr.h"
+#include "tslb_dynmem.h"
+#include "tslb_report.h"
+#include "tslb_settings.h"
 #include "tslb_util.h"
-
-// First word of a payload after taking or freeing it.
-constexpr uint32_t GATEKEEPER = 0xFFFFFFFFu;
 
 // Takes the head of the free list; null if the list gives none. A control block that contradicts itself (a
 // count without a head, a head without a count or without a slot) is passed over and left as it is.
@@ -28,11 +30,80 @@ static void *take_free_head(dynarr_t *array, uint32_t *idx) {
   return slot_ptr;
 }
 
-// Takes the head of the inactive list if the array's policy allows it. No policy can be registered yet, so
-// none does.
-static void *take_inactive_head(dynarr_t *, uint32_t *) {
-  return nullptr;
+// ---- Reuse of inactive slots --------------------------------------------------------------------------------------
+
+// Share of inactive slots in percent, cut: the quotient is formed first, so 29 of 100 come out as 28. Kept in 8 bits,
+// as the limits are.
+static uint8_t inactive_percent(uint32_t n_inact, uint32_t n_used) {
+  if (n_used == 0) return 0;
+  return static_cast<uint8_t>(
+      static_cast<uint64_t>(100.0 * (static_cast<double>(n_inact) / static_cast<double>(n_used))));
 }
+
+static bool passes(const tsdb_inactive_thshld_policy_t &set, uint32_t n_used, uint32_t n_inact, uint8_t percent) {
+  return n_used >= set.min_overall_cnt &&
+         (percent >= set.inactive_threshold_pct || n_inact >= set.inactive_threshold_cnt);
+}
+
+// Whether enough of the array lies idle for its policy to take inactive slots back.
+static bool policy_wants_reuse(const dynarr_t *array, const DynArrLLI_t *lli) {
+  const tsdb_mem_pressure_config_t policy = lli->mem_pressure_conf;
+  const uint32_t n_inact = get32(&lli->n_inact);
+  if (policy.mvt_reuse_policy_use == 0 || n_inact == 0 || get32(&lli->inact_head) == TSLB_DA_NIL_IDX) return false;
+  const uint32_t n_used = get32(&arr_hdr_of(array)->n_used);
+  const uint8_t percent = inactive_percent(n_inact, n_used);
+  return passes(policy.major, n_used, n_inact, percent) || passes(policy.critical, n_used, n_inact, percent);
+}
+
+// Takes the head of the inactive list if policy and age allow it; null if not. `*head_ts` is the head's time whenever a
+// head was looked at. No other slot is: the head has been inactive for longest.
+static void *take_inactive_head(dynarr_t *array, uint32_t *idx, uint32_t *head_ts) {
+  DynArrLLI_t *const lli = lli_of(array);
+  if (!policy_wants_reuse(array, lli)) return nullptr;
+  const uint32_t head = get32(&lli->inact_head);
+  void *const slot_ptr = slot_ptr_of(array, head);
+  if (slot_ptr == nullptr) return nullptr;
+  *head_ts = get32(&bw_of(slot_ptr, arr_hdr_of(array)->record_size)->ts);
+  // The limit comes from `critical` whichever set passed.
+  const uint32_t min_age = lli->mem_pressure_conf.critical.min_days_since_inactive;
+  if (tslb_validate_days_since_node_inact(*head_ts, static_cast<int>(min_age)) == 0) return nullptr;
+
+  if (head == get32(&lli->inact_tail)) {
+    set32(&lli->inact_tail, TSLB_DA_NIL_IDX);
+    set32(&lli->inact_head, TSLB_DA_NIL_IDX);
+  } else {
+    const uint32_t next = get32(&fw_of(slot_ptr)->next);
+    set32(&lli->inact_head, next);
+    lists_relink_prev(array, next, TSLB_DA_NIL_IDX);
+  }
+  set32(&lli->n_inact, get32(&lli->n_inact) - 1);
+  *idx = head;
+  return slot_ptr;
+}
+
+// Days in name only: both sides are seconds of the library's clock. Single precision is part of the answer.
+int tslb_validate_days_since_node_inact(time_t node_ts, int days_since_node_for_reuse) {
+  const float time_duration = static_cast<float>(difftime(tslb_get_time(nullptr), node_ts));
+  const int32_t seconds = time_duration >= 0x1p31f    ? INT32_MAX
+                          : time_duration <= -0x1p31f ? INT32_MIN
+                                                      : static_cast<int32_t>(time_duration);
+  return days_since_node_for_reuse <= seconds ? 1 : 0;
+}
+
+void tslb_da_register_reuse_policy(dynarr_t *handle_dynarr, tsdb_mem_pressure_config_t *mvt_reuse_policy) {
+  if (mvt_reuse_policy == nullptr) return;
+  if (!has_inactive_list(handle_dynarr)) {
+    fprintf(stderr,
+            "%s:%d:%s: Warrning: Trying to set reuse policy with dynamic array which do not have inactive linked "
+            "list. DAInfo: %s",
+            TSLB_FILE_LINE_FUNC, tslb_print_poolhdr(handle_dynarr));
+    return;
+  }
+  lli_of(handle_dynarr)->mem_pressure_conf = *mvt_reuse_policy;
+  if (redo_is_on_by_name(handle_dynarr)) redo_header(handle_dynarr);
+}
+
+// ---- Allocation ---------------------------------------------------------------------------------------------------
 
 static void *take_fresh(dynarr_t *array, uint32_t *idx) {
   void *slot_ptr;
@@ -48,19 +119,49 @@ static void write_nodes(dynarr_t *array, void *slot_ptr, uint32_t now) {
     set32(&bw->ts, now);
   }
   set32(&fw_of(slot_ptr)->next, TSLB_DA_NIL_IDX);
-  set32(&fw_of(slot_ptr)->status, TSLB_DA_SLOT_ACTIVE);
+  set_status(slot_ptr, TSLB_DA_SLOT_ACTIVE);
 }
 
-// A slot of a list array, its nodes written; null if there is none. Under the lock.
-static void *take_slot(dynarr_t *array, uint32_t *idx, uint32_t now) {
-  void *slot_ptr = take_free_head(array, idx);
-  if (slot_ptr == nullptr) slot_ptr = take_inactive_head(array, idx);
-  if (slot_ptr != nullptr)
-    memset(slot_ptr, 0, arr_hdr_of(array)->record_size);
-  else
-    slot_ptr = take_fresh(array, idx);
-  if (slot_ptr != nullptr) write_nodes(array, slot_ptr, now);
-  return slot_ptr;
+// What an allocation took, and what the slot was before.
+struct taken_t {
+  void *slot_ptr;  // null: the array is full or memory was refused
+  uint32_t idx;
+  uint32_t last_ts;
+  uint8_t last_status;
+};
+
+// The first two words of a payload are what others look at without the lock: the gatekeeper word, and a memory slot's
+// counters. They change one by one; the rest has no reader.
+static void clear_payload(void *payload, uint32_t record_size) {
+  uint32_t done = 0;
+  for (; done < 8 && done + 4 <= record_size; done += 4) set32(static_cast<char *>(payload) + done, 0);
+  memset(static_cast<char *>(payload) + done, 0, record_size - done);
+}
+
+// A slot of a list array, its nodes written. The payload of a used one goes to `last_value` if that is not null. Under
+// the lock.
+static taken_t take_slot(dynarr_t *array, uint32_t now, bool may_reuse, void *last_value) {
+  taken_t taken = {nullptr, TSLB_DA_NIL_IDX, now, TSLB_DA_SLOT_UNSET};
+  const uint32_t record_size = arr_hdr_of(array)->record_size;
+  if ((taken.slot_ptr = take_free_head(array, &taken.idx)) != nullptr)
+    taken.last_status = TSLB_DA_SLOT_FREE;
+  else if (may_reuse && (taken.slot_ptr = take_inactive_head(array, &taken.idx, &taken.last_ts)) != nullptr)
+    taken.last_status = TSLB_DA_SLOT_INACTIVE;
+
+  if (taken.slot_ptr != nullptr) {
+    if (last_value != nullptr) memcpy(last_value, taken.slot_ptr, record_size);
+    clear_payload(taken.slot_ptr, record_size);
+  } else {
+    taken.slot_ptr = take_fresh(array, &taken.idx);
+  }
+  if (taken.slot_ptr != nullptr) write_nodes(array, taken.slot_ptr, now);
+  return taken;
+}
+
+static taken_t take_plain(dynarr_t *array, uint32_t now) {
+  taken_t taken = {nullptr, TSLB_DA_NIL_IDX, now, TSLB_DA_SLOT_UNSET};
+  taken.slot_ptr = take_fresh(array, &taken.idx);
+  return taken;
 }
 
 void *tslb_da_get_newptr(dynarr_t *handle_dynarr, uint32_t *new_idx) {
@@ -70,24 +171,47 @@ void *tslb_da_get_newptr(dynarr_t *handle_dynarr, uint32_t *new_idx) {
 void *tslb_da_get_newptr_ex(dynarr_t *handle_dynarr, uint32_t *new_idx, uint8_t lock_off) {
   const uint32_t now = static_cast<uint32_t>(tslb_get_time(nullptr));
   const bool lists = has_lists(handle_dynarr);
-  uint32_t idx;
-  void *slot_ptr;
+  taken_t taken;
   if (!lists) {
-    slot_ptr = take_fresh(handle_dynarr, &idx);
+    taken = take_plain(handle_dynarr, now);
   } else {
     if (lock_off != 0) tslb_da_spin_lock16(&handle_dynarr->spinlock);
-    slot_ptr = take_slot(handle_dynarr, &idx, now);
+    taken = take_slot(handle_dynarr, now, true, nullptr);
     if (lock_off != 0) tslb_da_spin_unlock16(&handle_dynarr->spinlock);
   }
-  *new_idx = idx;
-  if (slot_ptr == nullptr) return nullptr;
-
-  if (lists && redo_is_on_by_name(handle_dynarr)) {
-    redo_header(handle_dynarr, NO_TXN, TSLB_REDO_SLOT);
-    redo_nodes(handle_dynarr, idx, slot_ptr);
+  if (taken.slot_ptr != nullptr) {
+    if (lists && redo_is_on_by_name(handle_dynarr)) {
+      redo_header(handle_dynarr);
+      redo_nodes(handle_dynarr, taken.idx, taken.slot_ptr);
+    }
+    set32(taken.slot_ptr, GATEKEEPER);
   }
-  set32(slot_ptr, GATEKEEPER);
-  return slot_ptr;
+  *new_idx = taken.idx;
+  return taken.slot_ptr;
+}
+
+void *tslb_da_get_newptr_inll(dynarr_t *handle_dynarr, uint32_t *new_idx, uint32_t *slot_last_ts,
+                              uint8_t *slot_last_status) {
+  return tslb_da_get_newptr_inll_ex(handle_dynarr, new_idx, slot_last_ts, slot_last_status, nullptr);
+}
+
+void *tslb_da_get_newptr_inll_ex(dynarr_t *handle_dynarr, uint32_t *new_idx, uint32_t *slot_last_ts,
+                                 uint8_t *slot_last_status, void *last_slot_val) {
+  const uint32_t now = static_cast<uint32_t>(tslb_get_time(nullptr));
+  taken_t taken;
+  if (!has_lists(handle_dynarr)) {
+    taken = take_plain(handle_dynarr, now);
+  } else {
+    tslb_da_spin_lock16(&handle_dynarr->spinlock);
+    const bool may_reuse = __atomic_load_n(&lib_config.tslb_mvt_reuse_enabled, __ATOMIC_RELAXED) != 0;
+    taken = take_slot(handle_dynarr, now, may_reuse, last_slot_val);
+    tslb_da_spin_unlock16(&handle_dynarr->spinlock);
+  }
+  if (taken.slot_ptr != nullptr) set32(taken.slot_ptr, GATEKEEPER);
+  *new_idx = taken.idx;
+  *slot_last_ts = taken.last_ts;
+  *slot_last_status = taken.last_status;
+  return taken.slot_ptr;
 }
 
 uint32_t tslb_da_get_range(dynarr_t *handle_dynarr, uint32_t num_entries) {

@@ -5,14 +5,12 @@
 #include "dynarr_internal.h"
 #include "tslb_dynarr.h"
 
-constexpr char SLOT_RECORD = TSLB_REDO_SLOT;
-
 static uint64_t image_offset_of(const DynArrHandle_t *array, uint32_t idx) {
   return header_bytes_of(array) + uint64_t{slot_bytes_of(array)} * idx;
 }
 
-static void write_record(DynArrHandle_t *array, uint64_t txn_id, char rec_type, uint64_t data_off,
-                         void *data_ptr, uint32_t data_sz) {
+static void write_record(DynArrHandle_t *array, uint64_t txn_id, char rec_type, uint64_t data_off, void *data_ptr,
+                         uint32_t data_sz) {
   tslb_redo_log_ex(txn_id, rec_type, array->ctx_name, array->tbl_id, data_off, NO_AUX, data_ptr, data_sz);
 }
 
@@ -22,10 +20,10 @@ void redo_header(DynArrHandle_t *array, uint64_t txn_id, char rec_type) {
 
 void redo_nodes(DynArrHandle_t *array, uint32_t idx, void *slot_ptr) {
   const uint64_t base = image_offset_of(array, idx);
-  write_record(array, NO_TXN, SLOT_RECORD, base, fw_of(slot_ptr), NODE_BYTES);
+  write_record(array, NO_TXN, TSLB_REDO_SLOT, base, fw_of(slot_ptr), NODE_BYTES);
   if (!has_inactive_list(array)) return;
   const uint32_t record_size = arr_hdr_of(array)->record_size;
-  write_record(array, NO_TXN, SLOT_RECORD, base + NODE_BYTES + record_size, bw_of(slot_ptr, record_size),
+  write_record(array, NO_TXN, TSLB_REDO_SLOT, base + NODE_BYTES + record_size, bw_of(slot_ptr, record_size),
                NODE_BYTES);
 }
 
@@ -33,18 +31,17 @@ void tslb_redo_log_da(dynarr_t *h_dynarr, unsigned int sidx, uint64_t txn_id, ch
   tslb_redo_log_da_ex(h_dynarr, sidx, txn_id, rec_type, 0);
 }
 
-void tslb_redo_log_da_ex(dynarr_t *h_dynarr, unsigned int sidx, uint64_t txn_id, char rec_type,
-                         char rec_hdr_only) {
+void tslb_redo_log_da_ex(dynarr_t *h_dynarr, unsigned int sidx, uint64_t txn_id, char rec_type, char rec_hdr_only) {
   tslb_redo_log_da_internal(h_dynarr, sidx, txn_id, rec_type, rec_hdr_only, -1, -1);
 }
 
-void tslb_redo_log_da_field(dynarr_t *h_dynarr, unsigned int sidx, uint64_t txn_id, char rec_type,
-                            int field_offset, int field_size) {
+void tslb_redo_log_da_field(dynarr_t *h_dynarr, unsigned int sidx, uint64_t txn_id, char rec_type, int field_offset,
+                            int field_size) {
   tslb_redo_log_da_internal(h_dynarr, sidx, txn_id, rec_type, 0, field_offset, field_size);
 }
 
-void tslb_redo_log_da_internal(dynarr_t *h_dynarr, unsigned int sidx, uint64_t txn_id, char rec_type,
-                               char rec_hdr_only, int field_offset, int field_size) {
+void tslb_redo_log_da_internal(dynarr_t *h_dynarr, unsigned int sidx, uint64_t txn_id, char rec_type, char rec_hdr_only,
+                               int field_offset, int field_size) {
   if (!redo_is_on(h_dynarr)) return;
   char *const slot_ptr = static_cast<char *>(slot_ptr_of(h_dynarr, sidx));
   if (slot_ptr == nullptr) return;

@@ -72,6 +72,10 @@ static inline chunk_place_t decode_address(const DynMemHdr_t *hdr, maddr_t addre
   return {bv.mslotgroup_idx * BV_GROUP_SLOTS + bv.mslot_idx, bv.mchunk_idx * BV_UNIT_BYTES};
 }
 
+// Remembers that a slot stopped being current with so many bytes reserved in it, if not all have reached its counter yet.
+// Under the spin lock.
+void note_slot_left(dynmem_t *pool, chunk_place_t end);
+
 static inline MemSlot_t *slot_of(dynmem_t *pool, uint32_t slot_idx) {
   return static_cast<MemSlot_t *>(slot_ptr_of(pool, slot_idx));
 }

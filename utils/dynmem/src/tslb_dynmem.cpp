@@ -11,8 +11,7 @@ GlobalMemStats_t g_mem_st;
 __thread char g_mpool_hdr_str[2049];
 __thread int g_mpool_hdr_str_sz;
 
-// ---- Creation
-// -------------------------------------------------------------------------------------------------------
+// ---- Creation -----------------------------------------------------------------------------------------------------
 
 // Record size of a pool: its slot header and the usable bytes, rounded up to a multiple of 4. A negative wish
 // stays negative and one beyond 31 bits stays too large, so that array creation refuses both.
@@ -22,27 +21,25 @@ static int record_bytes_of(int mslot_sz) {
   return bytes <= INT_MAX ? static_cast<int>(bytes) : INT_MAX;
 }
 
-static void fill_pool_hdr(dynmem_t *pool, uint64_t direct_bytes, int record_bytes, char flag_bits,
-                          bool growth_logged, short max_slots) {
+static void fill_pool_hdr(dynmem_t *pool, uint64_t direct_bytes, int record_bytes, char flag_bits, bool growth_logged,
+                          short max_slots) {
   DynMemHdr_t *const hdr = pool_hdr_of(pool);
   hdr->cur_slot_addr = cursor_of(NO_SLOT, 0);
   hdr->total_msz = direct_bytes + header_bytes_of(pool);
   hdr->mslot_sz = static_cast<uint32_t>(record_bytes) - static_cast<uint32_t>(sizeof(MemSlot_t));
   // Bits that the two arguments carry beyond the known ones stay; only this one is the library's to say.
-  hdr->flag =
-      static_cast<char>(growth_logged ? flag_bits | MPOOL_FLAG_PERSIST : flag_bits & ~MPOOL_FLAG_PERSIST);
+  hdr->flag = static_cast<char>(growth_logged ? flag_bits | MPOOL_FLAG_PERSIST : flag_bits & ~MPOOL_FLAG_PERSIST);
   hdr->max_slots = max_slots;
 }
 
-dynmem_t *tslb_init_dynmem_ex1(int mslot_sz, int num_mslot, char compat_flag, unsigned char mpool_type,
-                               char slot_type, const char *ctx_name, int tbl_id, uint8_t daflag,
-                               uint8_t rec_version, uint8_t is_persist, short max_slots) {
+dynmem_t *tslb_init_dynmem_ex1(int mslot_sz, int num_mslot, char compat_flag, unsigned char mpool_type, char slot_type,
+                               const char *ctx_name, int tbl_id, uint8_t daflag, uint8_t rec_version,
+                               uint8_t is_persist, short max_slots) {
   const bool is_pool = slot_type != MPOOL_SLOT_TYPE_DA;
   const int tot_mslot_sz = is_pool ? record_bytes_of(mslot_sz) : mslot_sz;
   const int user_hdrsz = is_pool ? static_cast<int>(sizeof(DynMemHdr_t)) : 0;
-  dynmem_t *const pool =
-      get_default_dyn_array_ex_ex(user_hdrsz, tot_mslot_sz, num_mslot, static_cast<char>(mpool_type), tbl_id,
-                                  ctx_name, daflag, rec_version);
+  dynmem_t *const pool = get_default_dyn_array_ex_ex(user_hdrsz, tot_mslot_sz, num_mslot, static_cast<char>(mpool_type),
+                                                     tbl_id, ctx_name, daflag, rec_version);
   if (pool == nullptr) return nullptr;
 
   // Without the slots' nodes: this figure counts what chunks and records can use.
@@ -50,36 +47,32 @@ dynmem_t *tslb_init_dynmem_ex1(int mslot_sz, int num_mslot, char compat_flag, un
   get_and_inc64(&g_mem_st.total_msz, direct_bytes);
   get_and_inc64(&g_mem_st.pool_hdr_overhead, header_bytes_of(pool));
   if (is_pool)
-    fill_pool_hdr(pool, direct_bytes, tot_mslot_sz, static_cast<char>(compat_flag | slot_type),
-                  is_persist == 1, max_slots);
+    fill_pool_hdr(pool, direct_bytes, tot_mslot_sz, static_cast<char>(compat_flag | slot_type), is_persist == 1,
+                  max_slots);
 
-  // Whatever the memory type, unlike the slot layer's records: is_persist is the caller's wish.
-  if (__atomic_load_n(&g_redo_handle, __ATOMIC_RELAXED) != nullptr && ctx_name != nullptr &&
-      ctx_name[0] != '\0' && is_persist != 0)
-    tslb_redo_log_ex(NO_TXN, TSLB_REDO_SLOT, const_cast<char *>(ctx_name), static_cast<uint32_t>(tbl_id), 0,
-                     NO_AUX, pool->arr_base, header_bytes_of(pool));
+  // Whatever the memory type, unlike the slot layer's records: is_persist is the caller's wish. Under the handle's name,
+  // as all later records of the array.
+  if (__atomic_load_n(&g_redo_handle, __ATOMIC_RELAXED) != nullptr && pool->ctx_name[0] != '\0' && is_persist != 0)
+    redo_header(pool);
   return pool;
 }
 
-dynmem_t *tslb_init_dynmem_ex(int mslot_sz, int num_mslot, char compat_flag, unsigned char mpool_type,
-                              char slot_type, const char *ctx_name, int tbl_id, uint8_t daflag,
-                              uint8_t rec_version) {
-  return tslb_init_dynmem_ex1(mslot_sz, num_mslot, compat_flag, mpool_type, slot_type, ctx_name, tbl_id,
-                              daflag, rec_version, mpool_type == MPOOL_TYPE_DRAM ? 1 : 0, 0);
+dynmem_t *tslb_init_dynmem_ex(int mslot_sz, int num_mslot, char compat_flag, unsigned char mpool_type, char slot_type,
+                              const char *ctx_name, int tbl_id, uint8_t daflag, uint8_t rec_version) {
+  return tslb_init_dynmem_ex1(mslot_sz, num_mslot, compat_flag, mpool_type, slot_type, ctx_name, tbl_id, daflag,
+                              rec_version, mpool_type == MPOOL_TYPE_DRAM ? 1 : 0, 0);
 }
 
-dynmem_t *tslb_init_dynmem(int mslot_sz, int num_mslot, char compat_flag, unsigned char mpool_type,
-                           char slot_type, const char *ctx_name, int tbl_id, uint8_t daflag) {
-  return tslb_init_dynmem_ex(mslot_sz, num_mslot, compat_flag, mpool_type, slot_type, ctx_name, tbl_id,
-                             daflag, 0);
+dynmem_t *tslb_init_dynmem(int mslot_sz, int num_mslot, char compat_flag, unsigned char mpool_type, char slot_type,
+                           const char *ctx_name, int tbl_id, uint8_t daflag) {
+  return tslb_init_dynmem_ex(mslot_sz, num_mslot, compat_flag, mpool_type, slot_type, ctx_name, tbl_id, daflag, 0);
 }
 
 int tslb_dynmem_get_hdrsz(dynmem_t *dynmem_handle) {
   return static_cast<int>(header_bytes_of(dynmem_handle));
 }
 
-// ---- Diagnostics
-// ----------------------------------------------------------------------------------------------------
+// ---- Diagnostics --------------------------------------------------------------------------------------------------
 
 // Formats behind what a buffer holds already, and never past its end.
 struct line_t {
@@ -105,10 +98,9 @@ static void append_handle(line_t *line, const DynArrHandle_t *array) {
          "daflag = 0x%02x, n_direct = %d}, DynHdr(%p): {lib_version = %hhu, rec_version = %hhu, pad = %hu, "
          "hdr_size = %hu, lli_sz = %hu}, ",
          static_cast<const void *>(array), array->arr_base,
-         static_cast<void *>(__atomic_load_n(&array->ir_base, __ATOMIC_RELAXED)), array->ctx_name,
-         array->tbl_id, array->mem_type, array->daflag, static_cast<int>(array->n_direct),
-         static_cast<const void *>(hdr), hdr->lib_version, hdr->rec_version, hdr->pad, hdr->hdr_size,
-         hdr->lli_sz);
+         static_cast<void *>(__atomic_load_n(&array->ir_base, __ATOMIC_RELAXED)), array->ctx_name, array->tbl_id,
+         array->mem_type, array->daflag, static_cast<int>(array->n_direct), static_cast<const void *>(hdr),
+         hdr->lib_version, hdr->rec_version, hdr->pad, hdr->hdr_size, hdr->lli_sz);
 }
 
 static void append_pool_hdr(line_t *line, const DynMemHdr_t *hdr) {
@@ -121,8 +113,8 @@ static void append_pool_hdr(line_t *line, const DynMemHdr_t *hdr) {
          "DynMemHdr(%p): {flag = 0x%02x, cur_slot_addr = %lu (mslot_idx = %u, byte_off = %u), mslot_sz = %u, "
          "total_msz = %lu, total_mused = %lu, total_mwast = %lu, total_mavail = %lu}, ",
          static_cast<const void *>(hdr), static_cast<unsigned int>(hdr->flag), cursor, cursor_slot(cursor),
-         cursor_off(cursor), hdr->mslot_sz, get64(&hdr->total_msz), get64(&hdr->total_mused),
-         get64(&hdr->total_mwast), get64(&hdr->total_mavail));
+         cursor_off(cursor), hdr->mslot_sz, get64(&hdr->total_msz), get64(&hdr->total_mused), get64(&hdr->total_mwast),
+         get64(&hdr->total_mavail));
 }
 
 static void append_policy(line_t *line, const DynArrLLI_t *lli) {
@@ -143,9 +135,8 @@ static void append_list_roots(line_t *line, const DynArrLLI_t *lli) {
   append(line,
          "DynArrLLI_t(%p): {free_head = %u, free_tail = %u, inact_head = %u, inact_tail = %u, n_inact = %u, "
          "n_act = %u, n_free = %u",
-         static_cast<const void *>(lli), get32(&lli->free_head), get32(&lli->free_tail),
-         get32(&lli->inact_head), get32(&lli->inact_tail), get32(&lli->n_inact), get32(&lli->n_act),
-         get32(&lli->n_free));
+         static_cast<const void *>(lli), get32(&lli->free_head), get32(&lli->free_tail), get32(&lli->inact_head),
+         get32(&lli->inact_tail), get32(&lli->n_inact), get32(&lli->n_act), get32(&lli->n_free));
 }
 
 static void append_array_and_totals(line_t *line, const DynArrHdr_t *hdr) {

@@ -1,18 +1,18 @@
-/* Chunk pools: chunks of any length, carved front to back from large memory slots and named by compact
- * addresses.
+/* Chunk pools: chunks of any length, carved front to back from large memory slots and named by compact addresses.
  *
- * A pool is a record array whose records are memory slots (MemSlot_t) and whose user header is DynMemHdr_t.
- * One slot is current; its bytes are won by a swap of the pool's cursor, without a lock. A chunk never
- * crosses a slot: when the current one cannot hold a request, its tail is given up and the pool moves on.
+ * A pool is a record array whose records are memory slots (MemSlot_t) and whose user header is DynMemHdr_t. One slot
+ * is current; its bytes are won by a swap of the pool's cursor, without a lock. A chunk never crosses a slot: when
+ * the current one cannot hold a request, its tail is given up and the pool moves on.
  *
  * Kinds
- *   big-buffer pool   addresses are maddr_t, slots 0 to 255. The process stops when they run out; max_slots
- * can refuse earlier. bit-vector pool   slot_type has bit 0x10. Addresses are maddrBV_t, slots 0 to 2040,
- * lengths multiples of 8. Warns every 255 slots and stops the process when they run out. temporary one     a
- * bit-vector pool of MPOOL_TYPE_DRAM_TMP: slots 0 to 253, used again as a ring.
+ *   big-buffer pool   addresses are maddr_t, slots 0 to 255. The process stops when they run out; max_slots can
+ *                     refuse earlier.
+ *   bit-vector pool   slot_type has bit 0x10. Addresses are maddrBV_t, slots 0 to 2040, lengths multiples of 8. Warns
+ *                     every 255 slots and stops the process when they run out.
+ *   temporary one     a bit-vector pool of MPOOL_TYPE_DRAM_TMP: slots 0 to 253, used again as a ring.
  *
- * In a pool with MPOOL_FLAG_COMPAT every chunk begins with a compaction header (compat_t) of 16 bytes, which
- * counts as part of the chunk.
+ * In a pool with MPOOL_FLAG_COMPAT every chunk begins with a compaction header (compat_t) of 16 bytes, which counts
+ * as part of the chunk.
  *
  * Nothing stored in a pool is a pointer, so addresses hold wherever its blocks are mapped. */
 #ifndef TSLB_DYNMEM_H
@@ -38,7 +38,9 @@ typedef struct DynMemHdr_t {
   char pad_byte; /* 0 */
   __extension__ union {
     short pad_bytes;
-    short max_slots; /* limit on the slots of a big-buffer pool; 0 for none */
+    /* A big-buffer pool takes no new slot once memory exists for this many; 0 for no limit. Beyond the direct area
+     * memory comes 16 slots at a time. */
+    short max_slots;
   };
   u_int32_t mslot_sz;      /* bytes of a slot that chunks can use */
   u_int64_t cur_slot_addr; /* the cursor, a MemSlotAddr_t in one word */
@@ -46,8 +48,7 @@ typedef struct DynMemHdr_t {
   u_int64_t total_mused;   /* bytes reserved for chunks; only grows */
   u_int64_t total_mwast;   /* 16 for each chunk, 8 for each slot that made the pool grow */
   u_int64_t total_mdel;    /* 0 */
-  u_int64_t
-      total_mavail; /* what total_msz leaves beside headers, total_mused and total_mwast, at the last chunk */
+  u_int64_t total_mavail;  /* what total_msz leaves beside headers, total_mused and total_mwast, at the last chunk */
 } DynMemHdr_t;
 TSLB_STORED_SIZE(DynMemHdr_t, 56);
 TSLB_STORED_AT(DynMemHdr_t, flag, 0);
@@ -129,8 +130,8 @@ TSLB_STORED_AT(srcaddr64_t, tbl_id, 0);
 TSLB_STORED_AT(srcaddr64_t, tbl_idx, 4);
 TSLB_STORED_AT(srcaddr64_t, tbl_moff, 8);
 
-/* Compaction header: the first bytes of a chunk where the pool has MPOOL_FLAG_COMPAT. Chunks lie back to
- * back, so it stands at any address. */
+/* Compaction header: the first bytes of a chunk where the pool has MPOOL_FLAG_COMPAT. Chunks lie back to back, so it
+ * stands at any address. */
 typedef struct TSLB_UNALIGNED DynMemCompactAttr_t {
   srcaddr_t srcaddr;
   char flag;           /* MCHUNK_FLAG_DELETED; the other bits are left alone */
@@ -175,70 +176,98 @@ extern TSLB_API GlobalMemStats_t g_mem_st;
 extern TSLB_API __thread char g_mpool_hdr_str[2049];
 extern TSLB_API __thread int g_mpool_hdr_str_sz;
 
-/* ---- Creation
- * ----------------------------------------------------------------------------------------------------
+/* ---- Creation -----------------------------------------------------------------------------------------------------
  *
  * Makes an empty pool, or a slot array if slot_type is MPOOL_SLOT_TYPE_DA. No slot is taken yet.
  *
- * mslot_sz     usable bytes wanted of a slot, rounded up to a multiple of 4; at most 16,777,216 for 32-bit
- * addresses. For a slot array the record size, as it is. num_mslot    slots in block 0; more come 16 at a
- * time. compat_flag  MPOOL_FLAG_COMPAT or 0. mpool_type   MPOOL_TYPE_*. slot_type    MPOOL_SLOT_TYPE_DA, or a
- * pool: with bit 0x10 a bit-vector pool, else a big-buffer pool. Together with compat_flag it becomes
- * DynMemHdr_t.flag, further bits included. ctx_name     name, or NULL; without one the creation is not redo
- * logged. tbl_id       table id. daflag       TSLB_DA_DAFLAG_*; slots can be released only with nodes.
+ * mslot_sz     usable bytes wanted of a slot, rounded up to a multiple of 4; at most 16,777,216 for 32-bit addresses.
+ *              For a slot array the record size, as it is.
+ * num_mslot    slots in block 0; more come 16 at a time.
+ * compat_flag  MPOOL_FLAG_COMPAT or 0.
+ * mpool_type   MPOOL_TYPE_*.
+ * slot_type    MPOOL_SLOT_TYPE_DA, or a pool: with bit 0x10 a bit-vector pool, else a big-buffer pool. Together with
+ *              compat_flag it becomes DynMemHdr_t.flag, further bits included.
+ * ctx_name     name, or NULL; without one the creation is not redo logged.
+ * tbl_id       table id.
+ * daflag       TSLB_DA_DAFLAG_*; slots can be released only with nodes.
  * rec_version  goes to DynHdr_t.
- * is_persist   not 0: the headers are written to the redo log at creation. 1: growth as well
- * (MPOOL_FLAG_PERSIST). The shorter forms take 1 for MPOOL_TYPE_DRAM, else 0. max_slots    see DynMemHdr_t; 0
- * in the shorter forms. Result       the handle, or NULL after a line on stderr; nothing was counted or
- * logged then. */
-TSLB_API dynmem_t *tslb_init_dynmem_ex1(int mslot_sz, int num_mslot, char compat_flag,
-                                        unsigned char mpool_type, char slot_type, const char *ctx_name,
-                                        int tbl_id, uint8_t daflag, uint8_t rec_version, uint8_t is_persist,
-                                        short max_slots);
-TSLB_API dynmem_t *tslb_init_dynmem_ex(int mslot_sz, int num_mslot, char compat_flag,
-                                       unsigned char mpool_type, char slot_type, const char *ctx_name,
-                                       int tbl_id, uint8_t daflag, uint8_t rec_version);
+ * is_persist   not 0: the headers are written to the redo log at creation. 1: growth as well (MPOOL_FLAG_PERSIST).
+ *              The shorter forms take 1 for MPOOL_TYPE_DRAM, else 0.
+ * max_slots    see DynMemHdr_t; 0 in the shorter forms.
+ * Result       the handle, or NULL after a line on stderr; nothing was counted or logged then. */
+TSLB_API dynmem_t *tslb_init_dynmem_ex1(int mslot_sz, int num_mslot, char compat_flag, unsigned char mpool_type,
+                                        char slot_type, const char *ctx_name, int tbl_id, uint8_t daflag,
+                                        uint8_t rec_version, uint8_t is_persist, short max_slots);
+TSLB_API dynmem_t *tslb_init_dynmem_ex(int mslot_sz, int num_mslot, char compat_flag, unsigned char mpool_type,
+                                       char slot_type, const char *ctx_name, int tbl_id, uint8_t daflag,
+                                       uint8_t rec_version);
 TSLB_API dynmem_t *tslb_init_dynmem(int mslot_sz, int num_mslot, char compat_flag, unsigned char mpool_type,
                                     char slot_type, const char *ctx_name, int tbl_id, uint8_t daflag);
 
 /* Bytes ahead of the first slot, of any array: hdr_size + lli_sz + 24. */
 TSLB_API int tslb_dynmem_get_hdrsz(dynmem_t *dynmem_handle);
 
-/* ---- Chunks
- * ------------------------------------------------------------------------------------------------------
+/* ---- Chunks -------------------------------------------------------------------------------------------------------
  *
  * Takes a chunk of a pool.
  *
- * maddr       receives the address, in steps: nobody else reads it until the call is back. Untouched if
- * refused. mchunk_len  bytes of the caller's data: at least 1 and at most 65,535 in a pool with compaction
- * headers; with the header a multiple of 8 in a bit-vector pool. saddr       goes to the compaction header;
- * ignored without one. Result      the chunk's first byte, which is the compaction header where there is one:
- * the data then begins 16 bytes further on. NULL if the chunk is longer than a slot or negative (a line on
- * stderr), or if a big-buffer pool is at its max_slots (silent); the pool is unchanged. Stops       abort
- * after a line on stderr when the pool's addresses run out; a failed assertion when the array itself has no
- * slot, for instance for want of memory. Threads     any number. Lock-free within a slot; the change of slot
- * takes the handle's spin lock. */
-TSLB_API void *tslb_dynmem_get_mchunk(dynmem_t *dynmem_handle, maddr_t *maddr, int mchunk_len,
-                                      srcaddr_t saddr);
+ * maddr       receives the address, in steps: nobody else reads it until the call is back. Untouched if refused.
+ * mchunk_len  bytes of the caller's data. In a pool with compaction headers at least 1, and at most 65,535: more is
+ *             reserved as asked, but the header keeps 16 bits of the length. In a bit-vector pool a multiple of 8
+ *             together with the header. Neither is checked.
+ * saddr       goes to the compaction header; ignored without one.
+ * Result      the chunk's first byte, which is the compaction header where there is one: the data then begins 16
+ *             bytes further on. NULL if the chunk is longer than a slot or negative (a line on stderr), or if a
+ *             big-buffer pool is at its max_slots (silent); the pool is unchanged.
+ * Stops       abort after a line on stderr when the pool's addresses run out; a failed assertion when the array
+ *             itself has no slot, for instance for want of memory.
+ * Threads     any number. Lock-free within a slot; the change of slot takes the handle's spin lock. */
+TSLB_API void *tslb_dynmem_get_mchunk(dynmem_t *dynmem_handle, maddr_t *maddr, int mchunk_len, srcaddr_t saddr);
+
+/* The same under a 64-bit address, in pools of any kind: no limit on slots, none of the warnings, no ring, any byte
+ * offset. Chunks named so are not deleted one by one. */
+TSLB_API void *tslb_dynmem_get_mchunk64(dynmem_t *dynmem_handle, maddr64_t *maddr, int mchunk_len, srcaddr64_t saddr);
 
 /* Turns an address into a pointer to the chunk's data, behind its compaction header.
  *
- * data_sz   receives mchunk_len - 1 in a pool with compaction headers, else 0; 0 too if there is no such
- * slot. Not null. Result    the data; NULL if the address names a slot that the pool never took. The rest of
- * an address is trusted: one that did not come from this pool, or whose slot was released since, points into
- * whatever is there. Threads   any number, beside all other operations. No lock. */
+ * data_sz   receives mchunk_len - 1 in a pool with compaction headers, else 0; 0 too if there is no such slot. Not
+ *           null.
+ * Result    the data; NULL if the address names a slot that the pool never took. The rest of an address is trusted:
+ *           one that did not come from this pool, or whose slot was released since, points into whatever is there.
+ * Threads   any number, beside all other operations. No lock. */
 TSLB_API void *tslb_dynmem_get_maddr2ptr_ex(dynmem_t *dynmem_handle, maddr_t maddr, uint32_t *data_sz);
 TSLB_API void *tslb_dynmem_get_maddr2ptr(dynmem_t *dynmem_handle, maddr_t maddr);
 
-/* ---- Diagnostics
- * ------------------------------------------------------------------------------------------------- Plain
- * reads of live headers: under load a line can mix values of different moments. */
+/* The same for an address of the 64-bit allocator. `*data_sz`, where data_sz is not null, receives the whole mchunk_len.
+ * NULL too for an offset from 2^31 on, the compaction header included. */
+TSLB_API void *tslb_dynmem_get_maddr2ptr64_ex(dynmem_t *dynmem_handle, maddr64_t maddr, uint32_t *data_sz);
+TSLB_API void *tslb_dynmem_get_maddr2ptr64(dynmem_t *dynmem_handle, maddr64_t maddr);
+
+/* Marks a chunk deleted. The slot goes back to the free list with the deletion that empties it, unless it is current;
+ * until then the chunk's bytes stay, and resolve. Without compaction headers nothing happens; a second deletion counts
+ * nothing; in a pool without lists a slot cannot go back (a line on stdout).
+ *
+ * Threads  any number; a chunk has one owner, who deletes it once. */
+TSLB_API void tslb_dynmem_del_mchunk(dynmem_t *dynmem_handle, maddr_t maddr);
+
+/* Gives back every emptied slot that is not current, and adds up the others: `*used_sz` bytes of chunks, `*del_sz` of
+ * them deleted, in `*total_sz` bytes of pool. None may be null. The sums are 0 and nothing is given back in a pool
+ * without compaction headers or without TSLB_DA_DAFLAG_LL. Linear in the slots.
+ *
+ * Threads  any number, also beside allocation; slots taken meanwhile wait for the next sweep. */
+TSLB_API void tslb_dynmem_update_free_list(dynmem_t *dynmem_handle, size_t *total_sz, size_t *used_sz, size_t *del_sz);
+
+/* Compaction, which moves nothing yet. Harmless on every pool. */
+TSLB_API void tslb_dynmem_memcompat(dynmem_t *dynmem_handle);
+
+/* ---- Diagnostics --------------------------------------------------------------------------------------------------
+ * Plain reads of live headers: under load a line can mix values of different moments. */
 
 /* One line about any array or pool, without a line end, in g_mpool_hdr_str of the calling thread. */
 TSLB_API char *tslb_print_poolhdr(void *h_pool);
 
-/* The list roots of an array with nodes, into `out` of at least 2,048 bytes. Result: out; an empty text for
- * an array without nodes. */
+/* The list roots of an array with nodes, into `out` of at least 2,048 bytes. Result: out; an empty text for an array
+ * without nodes. */
 TSLB_API char *tslb_dynarr_lli_string(void *h_pool, char *out);
 
 TSLB_END_DECLS

@@ -12,18 +12,18 @@
 #undef NDEBUG
 #include <assert.h>
 
-constexpr uint32_t CHUNK_OVERHEAD =
-    16;  // what total_mwast counts for a chunk, with or without a compaction header
-constexpr uint32_t SLOT_OVERHEAD = 8;  // and for a slot that made the pool grow
+constexpr uint32_t CHUNK_OVERHEAD = 16;  // what total_mwast counts for a chunk, with or without a compaction header
+constexpr uint32_t SLOT_OVERHEAD = 8;    // and for a slot that made the pool grow
 
-constexpr uint32_t BIGBUF_LAST_SLOT = 255;       // what 8 bits of an address can name
-constexpr uint32_t BITVEC_LAST_SLOT = 2040;      // the last one in use
-constexpr uint32_t BITVEC_ADDRESS_SLOTS = 2048;  // what 11 bits of an address can name
-constexpr uint32_t BITVEC_WARN_SLOTS = 255;      // a warning each time so many have been filled
+constexpr uint32_t BIGBUF_LAST_SLOT = 255;   // what 8 bits of an address can name
+constexpr uint32_t BITVEC_LAST_SLOT = 2040;  // the last one in use, a little short of what 11 bits can name
+constexpr uint32_t BITVEC_WARN_SLOTS = 255;  // a warning each time so many have been filled
 constexpr uint32_t RING_SLOTS = 254;
 
-// ---- Reservation
-// ----------------------------------------------------------------------------------------------------
+// Reports name the public function, whichever helper writes them.
+constexpr const char *ALLOCATOR32 = "tslb_dynmem_get_mchunk";
+
+// ---- Reservation --------------------------------------------------------------------------------------------------
 
 enum claim_t { CLAIM_WON, CLAIM_RACED, CLAIM_NO_ROOM };
 
@@ -40,26 +40,27 @@ static inline claim_t try_claim(DynMemHdr_t *hdr, uint32_t len, uint64_t *seen) 
 enum no_room_t { TAKE_NEW_SLOT, TRY_AGAIN, REFUSE };
 
 [[noreturn]] __attribute__((noinline, cold)) static void stop_exhausted(dynmem_t *pool) {
-  static const char function[] = "tslb_dynmem_get_mchunk";
   if (is_bitvector(pool_hdr_of(pool)))
-    fprintf(stderr, "%s:%s:%d: Error: %s exhausted. %s\n", __FILE_NAME__, function, __LINE__,
-            "BitVector pool", tslb_print_poolhdr(pool));
+    fprintf(stderr, "%s:%s:%d: Error: %s exhausted. %s\n", __FILE_NAME__, ALLOCATOR32, __LINE__, "BitVector pool",
+            tslb_print_poolhdr(pool));
   else
-    fprintf(stderr, "%s:%s:%d: Warning: %s exhausted. %s\n", __FILE_NAME__, function, __LINE__,
-            "Bigbuffer pool", tslb_print_poolhdr(pool));
+    fprintf(stderr, "%s:%s:%d: Warning: %s exhausted. %s\n", __FILE_NAME__, ALLOCATOR32, __LINE__, "Bigbuffer pool",
+            tslb_print_poolhdr(pool));
   abort();
 }
 
-// Moves the cursor of a ring whose slots all exist to the next one. One attempt: if it fails, another thread
-// moved it.
-static no_room_t no_room_in_ring(DynMemHdr_t *hdr, uint64_t seen, uint32_t n_used) {
+// Moves the cursor of a ring whose slots all exist to the next one. One attempt: if it fails, another thread moved it.
+// Under the lock, so that the slot half of a cursor changes nowhere else: a thread that is still setting up the ring's
+// last slot must not find it taken.
+static no_room_t no_room_in_ring(dynmem_t *pool, DynMemHdr_t *hdr, uint64_t seen, uint32_t n_used) {
   const uint32_t slot_idx = cursor_slot(seen);
   const bool wraps = slot_idx == RING_SLOTS - 1;
   if (wraps) puts("Bitvect tmp pool, switching into slot it 0");
-  // n_used may be stale: where it stands at less although the last slot was seen, the next attempt reads it
-  // anew.
+  // n_used may be stale: where it stands at less although the last slot was seen, the next attempt reads it anew.
   if (n_used < RING_SLOTS) return wraps ? TRY_AGAIN : TAKE_NEW_SLOT;
+  tslb_da_spin_lock16(&pool->spinlock);
   cas64(&hdr->cur_slot_addr, seen, cursor_of(wraps ? 0 : slot_idx + 1, 0));
+  tslb_da_spin_unlock16(&pool->spinlock);
   return TRY_AGAIN;
 }
 
@@ -67,40 +68,49 @@ static no_room_t no_room_in_bitvector(dynmem_t *pool, uint32_t slot_idx) {
   if (slot_idx != NO_SLOT && slot_idx >= BITVEC_LAST_SLOT) stop_exhausted(pool);
   if (slot_idx != NO_SLOT && slot_idx > 0 && slot_idx % BITVEC_WARN_SLOTS == 0)
     fprintf(stderr, "%s:%s:%d: BitVector overusage Warning: %s [%s], it has already used %d slot index.\n",
-            __FILE_NAME__, "tslb_dynmem_get_mchunk", __LINE__, "Bitvect pool", tslb_print_poolhdr(pool),
-            static_cast<int>(slot_idx));
+            __FILE_NAME__, ALLOCATOR32, __LINE__, "Bitvect pool", tslb_print_poolhdr(pool), static_cast<int>(slot_idx));
   return TAKE_NEW_SLOT;
 }
 
 static no_room_t no_room_in_bigbuffer(dynmem_t *pool, DynMemHdr_t *hdr, uint32_t slot_idx) {
   if (slot_idx == BIGBUF_LAST_SLOT) stop_exhausted(pool);
   // Against the slots that memory exists for, and sign-extended: a negative limit never limits.
-  if (hdr->max_slots != 0 &&
-      get32(&arr_hdr_of(pool)->n_alloc) >= static_cast<uint32_t>(int32_t{hdr->max_slots}))
+  if (hdr->max_slots != 0 && get32(&arr_hdr_of(pool)->n_alloc) >= static_cast<uint32_t>(int32_t{hdr->max_slots}))
     return REFUSE;
   return TAKE_NEW_SLOT;
 }
 
-// ---- Address policies
-// -----------------------------------------------------------------------------------------------
+// ---- Address policies ---------------------------------------------------------------------------------------------
 
 // Chunks named by 32 bits, whose reading and limits depend on the pool's kind.
 struct address32_t {
   using name_t = maddr_t;
   using source_t = srcaddr_t;
   using header_t = compat_t;
-  static constexpr const char *FUNCTION = "tslb_dynmem_get_mchunk";
+  static constexpr const char *FUNCTION = ALLOCATOR32;
+  static constexpr bool CLEARS_DELETED = true;
+
+  // Slots that exist, read ahead of the cursor: acquire keeps the two in this order, so that a ring seen complete is.
+  static uint32_t slots_ahead_of_cursor(dynmem_t *pool) {
+    return __atomic_load_n(static_cast<uint32_t *>(static_cast<void *>(&arr_hdr_of(pool)->n_used)), __ATOMIC_ACQUIRE);
+  }
 
   static no_room_t no_room(dynmem_t *pool, DynMemHdr_t *hdr, uint64_t seen, uint32_t n_used) {
-    if (is_ring(pool)) return no_room_in_ring(hdr, seen, n_used);
+    if (is_ring(pool)) return no_room_in_ring(pool, hdr, seen, n_used);
     if (is_bitvector(hdr)) return no_room_in_bitvector(pool, cursor_slot(seen));
     return no_room_in_bigbuffer(pool, hdr, cursor_slot(seen));
   }
 
-  // In a pool with lists the current slot can be a reused one below the limit while the ids stand at it: then
-  // it is the fresh index that no address can hold.
+  // In a pool with lists the current slot can be a reused one below the limit while the ids stand at it: then it is
+  // the fresh index that no address can have.
   static bool can_name(const DynMemHdr_t *hdr, uint32_t slot_idx) {
-    return slot_idx < (is_bitvector(hdr) ? BITVEC_ADDRESS_SLOTS : BIGBUF_LAST_SLOT + 1);
+    return slot_idx <= (is_bitvector(hdr) ? BITVEC_LAST_SLOT : BIGBUF_LAST_SLOT);
+  }
+
+  // The expression is what the process says when it stops.
+  static void assert_slot(MemSlot_t *slot) {
+    MemSlot_t **const mslot_ref = &slot;
+    assert(*mslot_ref);
   }
 
   // Bytes of the pool up to the new slot, and whether that is news: a slot from the free list can lie below
@@ -117,31 +127,57 @@ struct address32_t {
   }
 };
 
-// ---- New slot
-// -------------------------------------------------------------------------------------------------------
+// Chunks named by 64 bits, alike in pools of every kind: no limit, no warning, no ring.
+struct address64_t {
+  using name_t = maddr64_t;
+  using source_t = srcaddr64_t;
+  using header_t = compat64_t;
+  static constexpr const char *FUNCTION = "tslb_dynmem_get_mchunk64";
+  static constexpr bool CLEARS_DELETED = false;  // a slot comes from the slot layer with 0 there
 
-// Makes a new slot current, with the caller's `chunk_sz` bytes at its start reserved. Null if another thread
-// moved the cursor away from `cslot_idx` first; the caller tries again then.
-static MemSlot_t *tslb_dynmem_get_newslot(dynmem_t *dynmem_handle, DynMemHdr_t *dynmem_hdr,
-                                          uint32_t cslot_idx, uint32_t *new_mslot_idx_ref,
-                                          uint32_t chunk_sz) {
+  static uint32_t slots_ahead_of_cursor(dynmem_t *) { return 0; }
+  static no_room_t no_room(dynmem_t *, DynMemHdr_t *, uint64_t, uint32_t) { return TAKE_NEW_SLOT; }
+  static bool can_name(const DynMemHdr_t *, uint32_t) { return true; }
+  static void assert_slot(MemSlot_t *cur_mslot) { assert(cur_mslot); }
+
+  // Without the slots' nodes, and told for every new slot: one below the highest lowers the figure.
+  static uint32_t grown_size(dynmem_t *pool, uint32_t slot_idx) {
+    return arr_hdr_of(pool)->record_size * (slot_idx + 1) + header_bytes_of(pool);
+  }
+  static bool counts_growth(uint64_t, uint64_t) { return true; }
+
+  static chunk_place_t name(const DynMemHdr_t *, maddr64_t *maddr, chunk_place_t place) {
+    *maddr = {place.slot_idx, place.byte_off};
+    return place;
+  }
+};
+
+// ---- New slot ------------------------------------------------------------------------------------------------------
+
+// Makes a new slot current, with the caller's `chunk_sz` bytes at its start reserved. Null if another thread moved the
+// cursor away from `cslot_idx` first; the caller tries again then.
+template <class Address>
+static MemSlot_t *tslb_dynmem_get_newslot(dynmem_t *dynmem_handle, DynMemHdr_t *dynmem_hdr, uint32_t cslot_idx,
+                                          uint32_t *new_mslot_idx_ref, uint32_t chunk_sz) {
   tslb_da_spin_lock16(&dynmem_handle->spinlock);
   // The slot index alone: what others reserved in the same slot meanwhile does not matter.
-  if (cursor_slot(get64(&dynmem_hdr->cur_slot_addr)) != cslot_idx) {
+  uint64_t seen = get64(&dynmem_hdr->cur_slot_addr);
+  if (cursor_slot(seen) != cslot_idx) {
     tslb_da_spin_unlock16(&dynmem_handle->spinlock);
     return nullptr;
   }
-  MemSlot_t *slot = static_cast<MemSlot_t *>(tslb_da_get_newptr_ex(dynmem_handle, new_mslot_idx_ref, 0));
-  MemSlot_t **const mslot_ref = &slot;
-  assert(*mslot_ref);
-  if (!address32_t::can_name(dynmem_hdr, *new_mslot_idx_ref)) stop_exhausted(dynmem_handle);
-  // Ahead of the cursor: a reservation by another thread must not be wiped out. The first word also loses the
-  // mark that slot allocation left there.
+  MemSlot_t *const slot = static_cast<MemSlot_t *>(tslb_da_get_newptr_ex(dynmem_handle, new_mslot_idx_ref, 0));
+  Address::assert_slot(slot);
+  if (!Address::can_name(dynmem_hdr, *new_mslot_idx_ref)) stop_exhausted(dynmem_handle);
+  // Ahead of the cursor: a reservation by another thread must not be wiped out. The first word also loses the mark that
+  // slot allocation left there.
   set32(&slot->bytes_used, 0);
-  set32(&slot->bytes_del, 0);
-  // A plain store: a rival's swap of the old cursor either came before, and its bytes stand, or fails from
-  // now on. Release, so that whoever reserves in the new slot finds its counters at zero.
-  __atomic_store_n(&dynmem_hdr->cur_slot_addr, cursor_of(*new_mslot_idx_ref, chunk_sz), __ATOMIC_RELEASE);
+  if (Address::CLEARS_DELETED) set32(&slot->bytes_del, 0);
+  // Rivals can still reserve in the old slot until this swap, and no longer after it: the offset that it replaces is
+  // all that was ever reserved there.
+  const uint64_t moved = cursor_of(*new_mslot_idx_ref, chunk_sz);
+  while (cas64(&dynmem_hdr->cur_slot_addr, seen, moved) == 0) seen = get64(&dynmem_hdr->cur_slot_addr);
+  if (cslot_idx != NO_SLOT) note_slot_left(dynmem_handle, {cslot_idx, cursor_off(seen)});
   tslb_da_spin_unlock16(&dynmem_handle->spinlock);
   return slot;
 }
@@ -155,12 +191,11 @@ static void account_new_slot(dynmem_t *pool, DynMemHdr_t *hdr, uint32_t slot_idx
   cas64(&hdr->total_msz, total_msz, size);
   get_and_inc64(&hdr->total_mwast, SLOT_OVERHEAD);
   if (__atomic_load_n(&g_redo_handle, __ATOMIC_RELAXED) != nullptr && (hdr->flag & MPOOL_FLAG_PERSIST) != 0)
-    tslb_redo_log_ex(NO_TXN, TSLB_REDO_GROWTH, pool->ctx_name, pool->tbl_id, get64(&hdr->total_msz), NO_AUX,
-                     nullptr, 0);
+    tslb_redo_log_ex(NO_TXN, TSLB_REDO_GROWTH, pool->ctx_name, pool->tbl_id, get64(&hdr->total_msz), NO_AUX, nullptr,
+                     0);
 }
 
-// ---- Allocation
-// -----------------------------------------------------------------------------------------------------
+// ---- Allocation ---------------------------------------------------------------------------------------------------
 
 static inline void account_chunk(dynmem_t *pool, DynMemHdr_t *hdr, MemSlot_t *slot, uint32_t len) {
   add32(&slot->bytes_used, len);
@@ -174,14 +209,28 @@ static inline void account_chunk(dynmem_t *pool, DynMemHdr_t *hdr, MemSlot_t *sl
   cas64(&g_mem_st.total_mavail, get64(&g_mem_st.total_mavail), avail);
 }
 
-__attribute__((noinline, cold)) static void *refuse_length(const char *function, const DynMemHdr_t *hdr,
-                                                           uint32_t len, int mchunk_len) {
+__attribute__((noinline, cold)) static void *refuse_length(const char *function, const DynMemHdr_t *hdr, uint32_t len,
+                                                           int mchunk_len) {
   fprintf(stderr,
           "Error: (%s:%d): Memory chunk len %d(Hdr:%lu + Data:%d) should not be greater than memory slot "
           "length %d.\n",
           function, __LINE__, static_cast<int>(len), static_cast<unsigned long>(COMPAT_BYTES), mchunk_len,
           static_cast<int>(hdr->mslot_sz));
   return nullptr;
+}
+
+// What to do when the slot seen has no room: TAKE_NEW_SLOT says that it was done, with the chunk at the new slot's start.
+template <class Address>
+__attribute__((noinline, cold)) static no_room_t change_slot(dynmem_t *pool, DynMemHdr_t *hdr, uint64_t seen,
+                                                             uint32_t n_used, uint32_t len, chunk_place_t *place,
+                                                             MemSlot_t **slot) {
+  const no_room_t answer = Address::no_room(pool, hdr, seen, n_used);
+  if (answer != TAKE_NEW_SLOT) return answer;
+  place->byte_off = 0;
+  *slot = tslb_dynmem_get_newslot<Address>(pool, hdr, cursor_slot(seen), &place->slot_idx, len);
+  if (*slot == nullptr) return TRY_AGAIN;
+  account_new_slot<Address>(pool, hdr, place->slot_idx);
+  return TAKE_NEW_SLOT;
 }
 
 template <class Address>
@@ -195,23 +244,21 @@ static inline void *take_chunk(dynmem_t *pool, typename Address::name_t *maddr, 
 
   chunk_place_t place;
   MemSlot_t *slot = nullptr;
-  do {
-    const uint32_t n_used = get32(&arr_hdr_of(pool)->n_used);
+  for (;;) {
+    const uint32_t n_used = Address::slots_ahead_of_cursor(pool);
     uint64_t seen;
     const claim_t claim = try_claim(hdr, len, &seen);
-    place = {cursor_slot(seen), cursor_off(seen)};
     if (__builtin_expect(claim == CLAIM_WON, 1)) {
+      place = {cursor_slot(seen), cursor_off(seen)};
       slot = slot_of(pool, place.slot_idx);
-    } else if (claim == CLAIM_NO_ROOM) {
-      const no_room_t next = Address::no_room(pool, hdr, seen, n_used);
-      if (next == REFUSE) return nullptr;
-      if (next == TRY_AGAIN) continue;
-      slot = tslb_dynmem_get_newslot(pool, hdr, place.slot_idx, &place.slot_idx, len);
-      if (slot == nullptr) continue;
-      place.byte_off = 0;
-      account_new_slot<Address>(pool, hdr, place.slot_idx);
+      Address::assert_slot(slot);
+      break;
     }
-  } while (slot == nullptr);
+    if (claim == CLAIM_RACED) continue;
+    const no_room_t answer = change_slot<Address>(pool, hdr, seen, n_used, len, &place, &slot);
+    if (answer == REFUSE) return nullptr;
+    if (answer == TAKE_NEW_SLOT) break;
+  }
 
   char *const chunk = slot->mslot + Address::name(hdr, maddr, place).byte_off;
   account_chunk(pool, hdr, slot, len);
@@ -226,4 +273,8 @@ static inline void *take_chunk(dynmem_t *pool, typename Address::name_t *maddr, 
 
 void *tslb_dynmem_get_mchunk(dynmem_t *dynmem_handle, maddr_t *maddr, int mchunk_len, srcaddr_t saddr) {
   return take_chunk<address32_t>(dynmem_handle, maddr, mchunk_len, saddr);
+}
+
+void *tslb_dynmem_get_mchunk64(dynmem_t *dynmem_handle, maddr64_t *maddr, int mchunk_len, srcaddr64_t saddr) {
+  return take_chunk<address64_t>(dynmem_handle, maddr, mchunk_len, saddr);
 }

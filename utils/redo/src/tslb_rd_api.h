@@ -1,9 +1,8 @@
 /* The redo log, which is the host's. The library tells it, through one function, which bytes of an array have
  * changed, and whether anybody listens is told by one variable. The host defines both.
  *
- * Positions are those of an array's flat image: its headers, then slot after slot in order of their ids,
- * wherever the slots lie in memory. A reader of the log needs the header size and the slot size to find its
- * way, no address. */
+ * Positions are those of an array's flat image: its headers, then slot after slot in order of their ids, wherever the
+ * slots lie in memory. A reader of the log needs the header size and the slot size to find its way, no address. */
 #ifndef TSLB_RD_API_H
 #define TSLB_RD_API_H
 
@@ -42,8 +41,7 @@ typedef enum tslb_fixed_tblid_t {
   __FIXED_TBLIDS_LAST__ = 0
 } tslb_fixed_tblid_t;
 
-/* The host's writer and its buffers. The library tests g_redo_handle against NULL and reads nothing through
- * it. */
+/* The host's writer and its buffers. The library tests g_redo_handle against NULL and reads nothing through it. */
 typedef struct RedoBuffer_t {
   char buffer[16777000];
   int fd;
@@ -93,12 +91,12 @@ extern TSLB_API RedoHandler_t *g_redo_handle;
  *           the array's name (possibly empty) and table id.
  * data_off  position in the flat image of the array, in bytes; for TSLB_REDO_GROWTH the pool's new size.
  * aux_idx   always 0xFFFFFFFF.
- * data_ptr  the bytes in live array memory, not a copy: the hook consumes them before it returns, since the
- * next operation overwrites them. NULL when data_sz is 0. Threads   any number at once, also for one array,
- * and some calls come with the array's spin lock held. So the hook does its own locking, and calls nothing
- * that waits for that spin lock: it would wait for ever. */
-TSLB_API int tslb_redo_log_ex(uint64_t txn_id, char rec_type, char *ctx_name, uint32_t tbl_id,
-                              uint64_t data_off, uint32_t aux_idx, void *data_ptr, unsigned int data_sz);
+ * data_ptr  the bytes in live array memory, not a copy: the hook consumes them before it returns, since the next
+ *           operation overwrites them. NULL when data_sz is 0.
+ * Threads   any number at once, also for one array, and some calls come with the array's spin lock held. So the hook
+ *           does its own locking, and calls nothing that waits for that spin lock: it would wait for ever. */
+TSLB_API int tslb_redo_log_ex(uint64_t txn_id, char rec_type, char *ctx_name, uint32_t tbl_id, uint64_t data_off,
+                              uint32_t aux_idx, void *data_ptr, unsigned int data_sz);
 
 TSLB_END_DECLS
 

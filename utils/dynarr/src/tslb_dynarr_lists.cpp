@@ -1,0 +1,233 @@
+// Life of a slot after allocation: freed, inactivated, activated, looked at. Lists are joined at their tail and left by
+// the links in the slot, so nothing here walks. Roots, counters and nodes change under the handle's spin lock; records
+// of a slot's neighbours are logged under it, the slot's own after its release.
+#include <stdio.h>
+
+#include "dynarr_internal.h"
+#include "tslb_dynarr.h"
+#include "tslb_report.h"
+
+// ---- List surgery -------------------------------------------------------------------------------------------------
+// A stored index can name a slot that does not exist, in an array that somebody else wrote: it is stepped over.
+
+static void log_slot(dynarr_t *array, uint32_t idx) {
+  tslb_redo_log_da(array, idx, NO_TXN, TSLB_REDO_SLOT);
+}
+static void log_forward_node(dynarr_t *array, uint32_t idx) {
+  tslb_redo_log_da_ex(array, idx, NO_TXN, TSLB_REDO_SLOT, 1);
+}
+
+// Points a neighbour's forward or back link elsewhere, and logs that whole slot.
+static void relink_next(dynarr_t *array, uint32_t idx, uint32_t next) {
+  void *const slot_ptr = slot_ptr_of(array, idx);
+  if (slot_ptr != nullptr) set32(&fw_of(slot_ptr)->next, next);
+  log_slot(array, idx);
+}
+
+void lists_relink_prev(dynarr_t *array, uint32_t idx, uint32_t prev) {
+  void *const slot_ptr = slot_ptr_of(array, idx);
+  if (slot_ptr != nullptr) set32(&bw_of(slot_ptr, arr_hdr_of(array)->record_size)->prev, prev);
+  log_slot(array, idx);
+}
+
+// A count without a head is a list that was lost: it is started anew. Its slots keep their status, out of reach.
+static void repair_free_list(dynarr_t *array, DynArrLLI_t *lli) {
+  if (get32(&lli->n_free) == 0 || get32(&lli->free_head) != TSLB_DA_NIL_IDX) return;
+  fprintf(stderr,
+          "%s:%d:%s: Warning: Trying to get slot from NULL free_head, resetting n_free,n_free - %d, ctx_name - %s, "
+          "tbl_id - %d",
+          __FILE_NAME__, __LINE__, "tslb_da_free_idx", static_cast<int>(get32(&lli->n_free)), array->ctx_name,
+          static_cast<int>(array->tbl_id));
+  set32(&lli->n_free, 0);
+  set32(&lli->free_tail, TSLB_DA_NIL_IDX);
+}
+
+static void repair_inactive_list(dynarr_t *array, DynArrLLI_t *lli) {
+  if (get32(&lli->n_inact) == 0 || get32(&lli->inact_head) != TSLB_DA_NIL_IDX) return;
+  fprintf(stderr,
+          "%s:%d:%s: Warning: Trying to get slot from NULL inact_head, resetting n_inact, n_inact - %d, ctx_name - "
+          "%s, tbl_id - %d",
+          __FILE_NAME__, __LINE__, "tslb_da_inactivate_idx", static_cast<int>(get32(&lli->n_inact)), array->ctx_name,
+          static_cast<int>(array->tbl_id));
+  set32(&lli->n_inact, 0);
+  set32(&lli->inact_tail, TSLB_DA_NIL_IDX);
+}
+
+static void append_free(dynarr_t *array, uint32_t idx, void *slot_ptr) {
+  DynArrLLI_t *const lli = lli_of(array);
+  repair_free_list(array, lli);
+  const uint32_t tail = get32(&lli->free_tail);
+  if (tail != TSLB_DA_NIL_IDX) {
+    void *const tail_ptr = slot_ptr_of(array, tail);
+    if (tail_ptr != nullptr) set32(&fw_of(tail_ptr)->next, idx);
+    log_forward_node(array, tail);
+  }
+  set32(&lli->free_tail, idx);
+  set32(&lli->n_free, get32(&lli->n_free) + 1);
+  if (get32(&lli->free_head) == TSLB_DA_NIL_IDX) set32(&lli->free_head, idx);
+  set_status(slot_ptr, TSLB_DA_SLOT_FREE);
+  set32(&fw_of(slot_ptr)->next, TSLB_DA_NIL_IDX);
+}
+
+static void append_inactive(dynarr_t *array, uint32_t idx, void *slot_ptr, uint32_t ts) {
+  DynArrLLI_t *const lli = lli_of(array);
+  repair_inactive_list(array, lli);
+  const uint32_t tail = get32(&lli->inact_tail);
+  if (tail != TSLB_DA_NIL_IDX) relink_next(array, tail, idx);
+  node_bw *const bw = bw_of(slot_ptr, arr_hdr_of(array)->record_size);
+  set32(&bw->prev, tail);
+  set32(&fw_of(slot_ptr)->next, TSLB_DA_NIL_IDX);
+  set32(&bw->ts, ts);
+  set_status(slot_ptr, TSLB_DA_SLOT_INACTIVE);
+  set32(&lli->inact_tail, idx);
+  if (get32(&lli->inact_head) == TSLB_DA_NIL_IDX) set32(&lli->inact_head, idx);
+  set32(&lli->n_inact, get32(&lli->n_inact) + 1);
+}
+
+// Takes a slot out from wherever it stands: two tests cover head, tail, middle and only member. The counter is left to
+// the caller, who has a status to set ahead of it.
+static void unlink_inactive(dynarr_t *array, void *slot_ptr) {
+  DynArrLLI_t *const lli = lli_of(array);
+  node_fw *const fw = fw_of(slot_ptr);
+  node_bw *const bw = bw_of(slot_ptr, arr_hdr_of(array)->record_size);
+  const uint32_t prev = get32(&bw->prev), next = get32(&fw->next);
+  if (prev == TSLB_DA_NIL_IDX)
+    set32(&lli->inact_head, next);
+  else
+    relink_next(array, prev, next);
+  if (next == TSLB_DA_NIL_IDX)
+    set32(&lli->inact_tail, prev);
+  else
+    lists_relink_prev(array, next, prev);
+  set32(&bw->prev, TSLB_DA_NIL_IDX);
+  set32(&fw->next, TSLB_DA_NIL_IDX);
+}
+
+static void count_one_inactive_less(dynarr_t *array) {
+  DynArrLLI_t *const lli = lli_of(array);
+  set32(&lli->n_inact, get32(&lli->n_inact) - 1);
+}
+
+// ---- Free ---------------------------------------------------------------------------------------------------------
+
+int slot_free_locked(dynarr_t *array, uint32_t idx, void *slot_ptr) {
+  // Read under the lock: of two frees at the same moment the second one finds the slot free.
+  switch (status_of(slot_ptr)) {
+    case TSLB_DA_SLOT_FREE:
+      return 1;
+    case TSLB_DA_SLOT_ACTIVE:
+      append_free(array, idx, slot_ptr);
+      break;
+    case TSLB_DA_SLOT_INACTIVE:
+      unlink_inactive(array, slot_ptr);
+      set_status(slot_ptr, TSLB_DA_SLOT_FREE);
+      count_one_inactive_less(array);
+      append_free(array, idx, slot_ptr);
+      break;
+    default:
+      break;  // not a status of this library: no list knows the slot
+  }
+  set32(slot_ptr, GATEKEEPER);
+  return 0;
+}
+
+void slot_free_log(dynarr_t *array, uint32_t idx) {
+  log_forward_node(array, idx);
+  tslb_redo_log_da_hdr(array, idx, NO_TXN, TSLB_REDO_SLOT);
+}
+
+int tslb_da_free_idx(dynarr_t *handle_dynarr, uint32_t idx) {
+  if (!has_lists(handle_dynarr)) {
+    printf("%s:%d:%s: Warning: provided dynamic array has not advance features but using APIs for the same.\n",
+           TSLB_FILE_LINE_FUNC);
+    return 1;
+  }
+  void *const slot_ptr = slot_ptr_of(handle_dynarr, idx);
+  if (slot_ptr == nullptr) return -1;
+  tslb_da_spin_lock16(&handle_dynarr->spinlock);
+  const int refused = slot_free_locked(handle_dynarr, idx, slot_ptr);
+  tslb_da_spin_unlock16(&handle_dynarr->spinlock);
+  if (refused == 0) slot_free_log(handle_dynarr, idx);
+  return refused;
+}
+
+// ---- Inactivate and activate --------------------------------------------------------------------------------------
+
+// Takes the lock if the slot has the status that the caller wants to change, and holds it then. The first look is
+// without the lock, so that a refusal costs none; the second confirms it against a rival.
+static bool lock_if_status(dynarr_t *array, const void *slot_ptr, uint32_t wanted, uint32_t *status) {
+  if ((*status = status_of(slot_ptr)) != wanted) return false;
+  tslb_da_spin_lock16(&array->spinlock);
+  if ((*status = status_of(slot_ptr)) == wanted) return true;
+  tslb_da_spin_unlock16(&array->spinlock);
+  return false;
+}
+
+int tslb_da_inactivate_idx(dynarr_t *handle_dynarr, uint32_t idx, time_t ts) {
+  if (!has_inactive_list(handle_dynarr)) {
+    printf(
+        "%s:%d:%s: Warning: can not inactive idx %u because given dynamic array %p has not initialized by flag "
+        "TSLB_DA_DAFLAG_INLL\n",
+        TSLB_FILE_LINE_FUNC, idx, static_cast<void *>(handle_dynarr));
+    return 1;
+  }
+  void *const slot_ptr = slot_ptr_of(handle_dynarr, idx);
+  if (slot_ptr == nullptr) return -1;
+  uint32_t status;
+  if (!lock_if_status(handle_dynarr, slot_ptr, TSLB_DA_SLOT_ACTIVE, &status)) {
+    fprintf(stderr, "%s:%d:%s: Warning: cannot inactivate idx %u as its status is not active, slot status is %u\n",
+            TSLB_FILE_LINE_FUNC, idx, status);
+    return 1;
+  }
+  append_inactive(handle_dynarr, idx, slot_ptr, static_cast<uint32_t>(ts));
+  tslb_da_spin_unlock16(&handle_dynarr->spinlock);
+  log_slot(handle_dynarr, idx);
+  return 0;
+}
+
+int tslb_da_activate_idx(dynarr_t *handle_dynarr, uint32_t idx) {
+  if (!has_inactive_list(handle_dynarr)) {
+    printf(
+        "%s:%d:%s: Warning: idx %u cannot be activate because dynamic array %p is not initialized by "
+        "TSLB_DA_DAFLAG_INLL\n",
+        TSLB_FILE_LINE_FUNC, idx, static_cast<void *>(handle_dynarr));
+    return 1;
+  }
+  void *const slot_ptr = slot_ptr_of(handle_dynarr, idx);
+  if (slot_ptr == nullptr) return -1;
+  uint32_t status;
+  if (!lock_if_status(handle_dynarr, slot_ptr, TSLB_DA_SLOT_INACTIVE, &status)) {
+    fprintf(stderr, "%s:%d:%s: Warning: cannot activate idx %u as not exist into inactive list, slot status is %u\n",
+            TSLB_FILE_LINE_FUNC, idx, status);
+    return 1;
+  }
+  unlink_inactive(handle_dynarr, slot_ptr);
+  set_status(slot_ptr, TSLB_DA_SLOT_ACTIVE);
+  count_one_inactive_less(handle_dynarr);
+  tslb_da_spin_unlock16(&handle_dynarr->spinlock);
+  log_slot(handle_dynarr, idx);
+  return 0;
+}
+
+// ---- Readiness, and the head of the inactive list -----------------------------------------------------------------
+
+void tslb_da_make_ready(dynarr_t *handle_dynarr, void *slot_ptr) {
+  if (!has_lists(handle_dynarr)) return;
+  tslb_da_spin_lock16(&handle_dynarr->spinlock);
+  if (status_of(slot_ptr) == TSLB_DA_SLOT_NOT_READY) set_status(slot_ptr, TSLB_DA_SLOT_ACTIVE);
+  tslb_da_spin_unlock16(&handle_dynarr->spinlock);
+}
+
+int tslb_da_is_ready(dynarr_t *, void *slot_ptr) {
+  return status_of(slot_ptr) != TSLB_DA_SLOT_NOT_READY ? 1 : 0;
+}
+
+void *tslb_da_get_inactive_head_ptr(dynarr_t *handle_dynarr, uint32_t *head_idx) {
+  if (handle_dynarr == nullptr) {
+    printf("%s:%d:%s: failed to get inactive head pointer because handle of dynamic array is NULL.\n",
+           TSLB_FILE_LINE_FUNC);
+    return nullptr;
+  }
+  *head_idx = get32(&lli_of(handle_dynarr)->inact_head);
+  return tslb_da_get_ptr(handle_dynarr, *head_idx);
+}

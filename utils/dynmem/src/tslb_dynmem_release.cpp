@@ -1,0 +1,123 @@
+// Deletion of chunks and the way of emptied slots back to the free list.
+//
+// A slot is given back when it is not current, everything that was reserved in it has reached bytes_used, and bytes_del
+// has come up to that. All three are looked at under the handle's spin lock and the slot is freed in the same hold: the
+// slot half of the cursor changes under that lock alone, so a slot that was given back and taken again meanwhile shows
+// as current, or as filled anew, and is left.
+//
+// The second condition needs memory beside the counters. A reservation is a swap of the cursor, and its counter follows
+// a few instructions later. Whoever moves the cursor on knows how far the old slot was reserved; where the counter has
+// not come so far, it is noted behind the handle. The reservation that is late owns a chunk whose deletion comes later
+// still, and asks again: no release is lost.
+#include <stdlib.h>
+
+#include "dynmem_internal.h"
+#include "tslb_dynmem.h"
+
+// ---- Slots that were left before they were settled -----------------------------------------------------------------
+
+// Not less, where it could be more: a ring's slots keep the counts of earlier rounds.
+static bool has_settled(const MemSlot_t *slot, uint32_t bytes_reserved) {
+  return get32(&slot->bytes_used) >= bytes_reserved;
+}
+
+static void drop_settled(dynmem_t *pool) {
+  for (unsettled_slot_t **at = &private_of(pool)->unsettled; *at != nullptr;) {
+    unsettled_slot_t *const noted = *at;
+    const MemSlot_t *const slot = slot_of(pool, noted->slot_idx);
+    if (slot != nullptr && !has_settled(slot, noted->bytes_reserved)) {
+      at = &noted->next;
+      continue;
+    }
+    *at = noted->next;
+    free(noted);
+  }
+}
+
+void note_slot_left(dynmem_t *pool, chunk_place_t end) {
+  // Elsewhere no slot is ever given back.
+  if (!has_compat(pool_hdr_of(pool)) || !has_lists(pool)) return;
+  drop_settled(pool);
+  const MemSlot_t *const slot = slot_of(pool, end.slot_idx);
+  if (slot == nullptr || has_settled(slot, end.byte_off)) return;
+  unsettled_slot_t *const noted = static_cast<unsettled_slot_t *>(malloc(sizeof(unsettled_slot_t)));
+  if (noted == nullptr) {
+    // Nothing to note it on: wait for the few instructions that the others are behind.
+    while (!has_settled(slot, end.byte_off)) {
+    }
+    return;
+  }
+  *noted = {private_of(pool)->unsettled, end.slot_idx, end.byte_off};
+  private_of(pool)->unsettled = noted;
+}
+
+static bool is_settled(dynmem_t *pool, uint32_t slot_idx) {
+  drop_settled(pool);
+  for (const unsettled_slot_t *noted = private_of(pool)->unsettled; noted != nullptr; noted = noted->next) {
+    if (noted->slot_idx == slot_idx) return false;
+  }
+  return true;
+}
+
+// ---- Release -------------------------------------------------------------------------------------------------------
+
+// Whether everything in a slot looks deleted. Acquire, paired with the barrier of the addition to bytes_del: who sees
+// the last deletion may clear what the deleters had in hand.
+static bool looks_empty(const MemSlot_t *slot) {
+  return __atomic_load_n(&slot->bytes_del, __ATOMIC_ACQUIRE) == get32(&slot->bytes_used);
+}
+
+static bool is_current(const dynmem_t *pool, uint32_t slot_idx) {
+  return cursor_slot(get64(&pool_hdr_of(pool)->cur_slot_addr)) == slot_idx;
+}
+
+// Gives a slot back if it is empty still, and says whether it did.
+static bool release_if_empty(dynmem_t *pool, uint32_t slot_idx, MemSlot_t *slot) {
+  if (!has_lists(pool)) return tslb_da_free_idx(pool, slot_idx) == 0;  // which says why it cannot
+  tslb_da_spin_lock16(&pool->spinlock);
+  const bool released = !is_current(pool, slot_idx) && looks_empty(slot) && is_settled(pool, slot_idx) &&
+                        slot_free_locked(pool, slot_idx, slot) == 0;
+  tslb_da_spin_unlock16(&pool->spinlock);
+  if (released) slot_free_log(pool, slot_idx);
+  return released;
+}
+
+void tslb_dynmem_del_mchunk(dynmem_t *dynmem_handle, maddr_t maddr) {
+  const DynMemHdr_t *const hdr = pool_hdr_of(dynmem_handle);
+  if (!has_compat(hdr)) return;
+  const chunk_place_t place = decode_address(hdr, maddr);
+  MemSlot_t *const slot = slot_of(dynmem_handle, place.slot_idx);
+  if (slot == nullptr) return;
+  compat_t *const compat = reinterpret_cast<compat_t *>(slot->mslot + place.byte_off);
+  if ((compat->flag & MCHUNK_FLAG_DELETED) != 0) return;
+  const uint32_t mchunk_len = compat->mchunk_len;
+  compat->flag = static_cast<char>(compat->flag | MCHUNK_FLAG_DELETED);
+  if (mchunk_len == 0) return;
+  // The last touch of the chunk: from here on another deletion can give the slot away.
+  add32(&slot->bytes_del, mchunk_len + COMPAT_BYTES);
+  if (looks_empty(slot) && !is_current(dynmem_handle, place.slot_idx))
+    release_if_empty(dynmem_handle, place.slot_idx, slot);
+}
+
+void tslb_dynmem_update_free_list(dynmem_t *dynmem_handle, size_t *total_sz, size_t *used_sz, size_t *del_sz) {
+  const DynMemHdr_t *const hdr = pool_hdr_of(dynmem_handle);
+  *del_sz = *used_sz = 0;
+  *total_sz = get64(&hdr->total_msz);
+  if (!has_compat(hdr) || (dynmem_handle->daflag & TSLB_DA_DAFLAG_LL) == 0) return;
+  const uint32_t n_slots = tslb_da_get_size(dynmem_handle);
+  for (uint32_t slot_idx = 0; slot_idx < n_slots; ++slot_idx) {
+    MemSlot_t *const slot = slot_of(dynmem_handle, slot_idx);
+    if (slot == nullptr || status_of(slot) != TSLB_DA_SLOT_ACTIVE) continue;
+    if (looks_empty(slot) && !is_current(dynmem_handle, slot_idx) && release_if_empty(dynmem_handle, slot_idx, slot))
+      continue;
+    // A slot that is being set up still shows the slot layer's mark in place of a count.
+    const uint32_t bytes_used = get32(&slot->bytes_used);
+    if (bytes_used == GATEKEEPER) continue;
+    *used_sz += bytes_used;
+    *del_sz += get32(&slot->bytes_del);
+  }
+}
+
+// Nothing moves yet. What stands ready: chunks of a slot can be walked by their headers, the deleted bit tells which are
+// dead, and srcaddr names the place that holds a chunk's address.
+void tslb_dynmem_memcompat(dynmem_t *) {}
