@@ -79,10 +79,16 @@ TEST(PoolLine, ArraysWithoutPoolHeader) {
 TEST(PoolLine, LongestLineIsNotCut) {
   const array_t pool(tslb_init_dynmem(1000, 4, -1, MPOOL_TYPE_DRAM, -1, std::string(50, 'w').c_str(), -1, 3));
   memset(get_user_hdr(pool.get()), 0xFE, 56 + 60 + 16);
+  const DynArrHandle_t saved = *pool;
+  pool->ir_base = reinterpret_cast<PtrTbl_t *>(pool.get());
+  pool->n_direct = 0x80000000;
+  pool->mem_type = -128;
+  *static_cast<DynHdr_t *>(pool->arr_base) = {255, 255, 65535, 56, 60};
   const GlobalMemStats_t before = g_mem_st;
   memset(&g_mem_st, 0xFE, sizeof(g_mem_st));
   const std::string line = tslb_print_poolhdr(pool.get());
   g_mem_st = before;
+  *pool = saved;
   EXPECT_LT(line.size(), 2048u);
   EXPECT_NE(line.find("total_mdel = 18374403900871474942}"), std::string::npos) << line;
   EXPECT_EQ(g_mpool_hdr_str[2048], 0);

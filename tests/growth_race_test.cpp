@@ -8,13 +8,22 @@
 #include "array_support.h"
 
 static __thread void *rival;  // the next swap of an empty entry by this thread meets this pointer
+static __thread unsigned lock_calls;
+// Runs once, ahead of this thread's next swap of the word watched.
+static __thread const uint64_t *watched_word;
+static __thread void (*before_swap)(uint64_t desired);
 
 extern "C" int32_t cas16(uint16_t *word, uint16_t expected, uint16_t desired) {
+  ++lock_calls;
   return __atomic_compare_exchange_n(word, &expected, desired, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
 }
 extern "C" int32_t cas64(uint64_t *word, uint64_t expected, uint64_t desired) {
   if (rival != nullptr && expected == 0 && *word == 0)
     *word = reinterpret_cast<uint64_t>(std::exchange(rival, nullptr));
+  if (word == watched_word) {
+    watched_word = nullptr;
+    before_swap(desired);
+  }
   return __atomic_compare_exchange_n(word, &expected, desired, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
 }
 extern "C" uint32_t get_and_inc32(uint32_t *word, uint32_t amount) {
@@ -75,6 +84,75 @@ TEST(Growth, FilledEntryIsLeftAlone) {
   EXPECT_EQ(get_dyn_total_allocated_records(array.get()), 0u);
 }
 
+// What a pool's change of slot must keep, with the rival's move made by hand just ahead of a swap of the cursor.
+static DynArrHandle_t *pool_under_test;
+static DynMemHdr_t &hdr_under_test() {
+  return *static_cast<DynMemHdr_t *>(get_user_hdr(pool_under_test));
+}
+static uint32_t as_seen;
+
+TEST(ChangeOfSlot, CountersAreZeroBeforeTheCursorShowsTheSlot) {
+  const array_t pool(tslb_init_dynmem(1000, 4, 0, MPOOL_TYPE_DRAM, 0, nullptr, 0, TSLB_DA_DAFLAG_LL));
+  pool_under_test = pool.get();
+  maddr_t address;
+  tslb_dynmem_get_mchunk(pool.get(), &address, 1000, srcaddr_t{});
+  as_seen = 77;
+  before_swap = [](uint64_t desired) {
+    const uint32_t new_slot = static_cast<uint32_t>(desired);
+    as_seen = static_cast<MemSlot_t *>(tslb_da_get_ptr(pool_under_test, new_slot))->bytes_used;
+  };
+  watched_word = &hdr_under_test().cur_slot_addr;
+  tslb_dynmem_get_mchunk(pool.get(), &address, 500, srcaddr_t{});
+  EXPECT_EQ(as_seen, 0u) << "a rival's first reservation would be wiped out";
+}
+
+TEST(ChangeOfSlot, LateReservationInTheOldSlotStands) {
+  const array_t pool(tslb_init_dynmem(1000, 4, 0, MPOOL_TYPE_DRAM, 0, nullptr, 0, 0));
+  pool_under_test = pool.get();
+  maddr_t address;
+  tslb_dynmem_get_mchunk(pool.get(), &address, 900, srcaddr_t{});
+  before_swap = [](uint64_t) {
+    maddr_t late;  // fits where the caller's chunk did not
+    tslb_dynmem_get_mchunk(pool_under_test, &late, 60, srcaddr_t{});
+    as_seen = as_word(late);
+  };
+  watched_word = &hdr_under_test().cur_slot_addr;
+  tslb_dynmem_get_mchunk(pool.get(), &address, 500, srcaddr_t{});
+  EXPECT_EQ(as_seen, 900u << 8);
+  EXPECT_EQ(as_word(address), 1u) << "the change of slot gave up, or took a second slot";
+  EXPECT_EQ(tslb_da_get_size(pool.get()), 2u);
+  EXPECT_EQ(hdr_under_test().cur_slot_addr, 1 | (uint64_t{500} << 32));
+}
+
+TEST(ChangeOfSlot, RingThatARivalMovedIsNotMovedAgain) {
+  const array_t pool(tslb_init_dynmem(64, 4, 0, MPOOL_TYPE_DRAM_TMP, MPOOL_FLAG_BV, nullptr, 0, 0));
+  pool_under_test = pool.get();
+  maddr_t address;
+  for (int i = 0; i < 254 + 10; ++i) tslb_dynmem_get_mchunk(pool.get(), &address, 64, srcaddr_t{});
+  ASSERT_EQ(as_word(address), 9u) << "the ring has wrapped and slot 9 is full";
+  before_swap = [](uint64_t) { hdr_under_test().cur_slot_addr = 10 | (uint64_t{24} << 32); };
+  watched_word = &hdr_under_test().cur_slot_addr;
+  tslb_dynmem_get_mchunk(pool.get(), &address, 8, srcaddr_t{});
+  EXPECT_EQ(as_word(address), 10u | (3u << 11)) << "a rival's bytes were handed out twice";
+}
+
+TEST(Locks, TakenOnceWhereAListIsTouchedAndNowhereElse) {
+  const array_t lists(tslb_da_init_ll(8, 4, MPOOL_TYPE_DRAM, nullptr, 0, TSLB_DA_DAFLAG_LL));
+  const array_t plain(tslb_da_init_v5(8, 4, MPOOL_TYPE_DRAM, nullptr, 0));
+  const auto calls_of = [](auto work) {
+    const unsigned before = lock_calls;
+    work();
+    return lock_calls - before;
+  };
+  uint32_t idx;
+  EXPECT_EQ(calls_of([&] { tslb_da_get_newptr(lists.get(), &idx); }), 2u);
+  EXPECT_EQ(calls_of([&] { tslb_da_get_newptr_ex(lists.get(), &idx, 0); }), 0u);
+  EXPECT_EQ(calls_of([&] { tslb_da_get_range(lists.get(), 0); }), 2u);
+  EXPECT_EQ(calls_of([&] { tslb_da_get_range(lists.get(), 3); }), 2u);
+  EXPECT_EQ(calls_of([&] { tslb_da_get_newptr(plain.get(), &idx); }), 0u);
+  EXPECT_EQ(calls_of([&] { tslb_da_get_ptr(lists.get(), 1); }), 0u);
+}
+
 TEST(Threads, IdsAreUniqueAndRecordsDistinct) {
   constexpr int kThreads = 4, kIds = 6000;
   const array_t array(get_default_dyn_array_ex(57, 12, 20, MPOOL_TYPE_DRAM, 0, nullptr, TSLB_DA_DAFLAG_INLL));
@@ -121,6 +199,9 @@ TEST(Threads, LookupsOfUntouchedBlocksEndUpWithOneEach) {
 
 TEST(Threads, SlotsOfAListArrayAreHandedOutOnce) {
   const array_t array(tslb_da_init_ll(16, 8, MPOOL_TYPE_DRAM_TMP, nullptr, 0, TSLB_DA_DAFLAG_INLL));
+  uint32_t used;
+  for (int i = 0; i < 6000; ++i) tslb_da_get_newptr(array.get(), &used);
+  for (uint32_t i = 0; i < 6000; ++i) tslb_da_free_idx(array.get(), i);  // half of what follows comes from the list
   std::vector<std::vector<uint32_t>> taken(4);
   on_threads(4, [&](int self) {
     for (int i = 0; i < 3000; ++i) {
@@ -133,6 +214,8 @@ TEST(Threads, SlotsOfAListArrayAreHandedOutOnce) {
   std::set<uint32_t> all;
   for (const auto &part : taken) all.insert(part.begin(), part.end());
   EXPECT_EQ(all.size(), 12000u);
+  EXPECT_EQ(list_roots(array.get()).n_free, 0u);
+  EXPECT_EQ(tslb_da_get_size(array.get()), 12000u);
   for (const uint32_t idx : all) {
     void *const slot = tslb_da_get_ptr(array.get(), idx);
     ASSERT_EQ(read_at<uint32_t>(slot, 8), idx);
@@ -181,5 +264,7 @@ TEST(Threads, ChunksAreDisjointAndCountedToTheByte) {
     EXPECT_EQ(hdr->total_mused, reserved);
     EXPECT_EQ(g_mem_st.total_mused - global_before, reserved);
     EXPECT_GE(hdr->total_mwast, 16u * kThreads * kChunks);
+    // A slot is given up with less than the longest chunk left: more slots than this were taken by two threads for one.
+    EXPECT_LE(tslb_da_get_size(pool.get()), reserved / (16384 - 176) + 1);
   }
 }

@@ -41,7 +41,35 @@ TEST(StandIn, LogsAreOff) {
     EXPECT_NE(g_tstl_module_names[module], nullptr);
     for (const uint8_t level : g_tstl_module_debug_arr[module]) EXPECT_EQ(level, 0);
   }
-  EXPECT_STREQ(g_tstl_module_names[tstl_module_recovery], "recovery");
+}
+
+TEST(HostsNumbers, AreTheOnesThatHostsWereBuiltWith) {
+  static const struct {
+    int value, want;
+  } rows[] = {
+      {tstl_module_ingestion_subject_registration, 0},
+      {tstl_module_bj_common, 6},
+      {tstl_module_bj_stale_bitmask_update_time, 16},
+      {tstl_module_bj_percentile, 21},
+      {tstl_module_query_utils, 22},
+      {tstl_module_query_tag_list_calls, 37},
+      {tstl_module_common_mvt_utils, 38},
+      {tstl_module_rsb, 41},
+      {tstl_module_readmap, 44},
+      {tstl_module_snapshot, 50},
+      {tstl_module_tarn_tsdb, 51},
+      {__FIXED_TBLIDS_FISRT__, -17},
+      {PDP2_TBLID, -16},
+      {PDP6_TBLID, -12},
+      {DP0_TBLID, -11},
+      {DP6_TBLID, -5},
+      {BBP_TBLID, -4},
+      {BVP_TBLID, -3},
+      {TOT_TBLID, -2},
+      {TOC_TBLID, -1},
+      {__FIXED_TBLIDS_LAST__, 0},
+  };
+  for (const auto &row : rows) EXPECT_EQ(row.value, row.want);
 }
 
 TEST(StandIn, RecoveryCopyBringsSlotsListsAndUserHeader) {

@@ -36,7 +36,10 @@ TEST(Layout, PartsOfBlock0LieAtPlainSums) {
     EXPECT_EQ(hdr->rec_version, 9);
     EXPECT_EQ(hdr->hdr_size, row.usrhdr_sz);
     EXPECT_EQ(hdr->lli_sz, row.lli_at != 0 ? 60 : 0);
+    EXPECT_EQ(hdr->pad, 0);
     EXPECT_EQ(array->daflag, row.daflag);
+    EXPECT_EQ(std::string(base + 8, static_cast<size_t>(row.usrhdr_sz)),
+              std::string(static_cast<size_t>(row.usrhdr_sz), '\0'));
 
     void *record;
     ASSERT_EQ(get_dyn_arr_new_record_id_ex(array.get(), &record, row.daflag), 0);
@@ -58,6 +61,7 @@ TEST(Layout, ListRootsStartEmptyAndTheRestZero) {
 TEST(Layout, FreshArrayIsEmptyAndCountsItsDirectArea) {
   for (const uint8_t daflag : std::initializer_list<uint8_t>{0, 1, 2}) {
     const array_t array(get_default_dyn_array_ex(0, 100, 1000, MPOOL_TYPE_DRAM, 0, nullptr, daflag));
+    EXPECT_EQ(static_cast<DynHdr_t *>(array->arr_base)->rec_version, 0);
     EXPECT_EQ(get_dyn_arr_size(array.get()), 0u);
     EXPECT_EQ(get_dyn_total_allocated_records(array.get()), 1000u);
     EXPECT_EQ(get_dyn_arr_record_sz(array.get()), 100u);

@@ -107,6 +107,21 @@ TEST(OutOfMemory, SlotAllocationLeavesTheListsAlone) {
   EXPECT_EQ(idx, 3u);
 }
 
+TEST(OutOfMemory, RangeThatFailsHalfwayKeepsWhatItTook) {
+  const array_t array(tslb_da_init_ll(16, 1, MPOOL_TYPE_DRAM, nullptr, 0, TSLB_DA_DAFLAG_LL));
+  uint32_t first = 0;
+  stderr_of([&] {
+    const fault_t fault(4);  // root table, table, block 1; then block 2
+    first = tslb_da_get_range(array.get(), 20);
+    EXPECT_TRUE(fault.struck());
+  });
+  EXPECT_EQ(first, TSLB_DA_NIL_IDX);
+  EXPECT_EQ(array->spinlock, 0);
+  for (uint32_t idx = 0; idx < 17; ++idx)
+    EXPECT_EQ(forward_node(tslb_da_get_ptr(array.get(), idx)).status, TSLB_DA_SLOT_ACTIVE) << idx;
+  EXPECT_EQ(tslb_da_get_size(array.get()), 18u);
+}
+
 TEST(OutOfMemory, ChunkThatNeedsASlotStopsTheProcess) {
   const array_t pool(tslb_init_dynmem(1000, 0, 0, MPOOL_TYPE_DRAM, 0, nullptr, 0, 0));
   maddr_t address;

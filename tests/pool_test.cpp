@@ -65,6 +65,13 @@ TEST(PoolCreation, SizesAreRoundedAndCounted) {
   }
 }
 
+TEST(PoolCreation, SlotArraysAreCountedToo) {
+  const size_t msz = g_mem_st.total_msz, overhead = g_mem_st.pool_hdr_overhead;
+  const array_t array(tslb_da_init_ll(100, 5, MPOOL_TYPE_DRAM, nullptr, 0, TSLB_DA_DAFLAG_INLL));
+  EXPECT_EQ(g_mem_st.total_msz - msz, 500u);
+  EXPECT_EQ(g_mem_st.pool_hdr_overhead - overhead, 84u);
+}
+
 TEST(PoolCreation, FlagsKeepWhatTheArgumentsCarry) {
   const array_t pool(tslb_init_dynmem_ex1(100, 1, 0x41, MPOOL_TYPE_DRAM_TMP, 0x12, "p", 1, 0, 5, 0, -7));
   EXPECT_EQ(hdr_of(pool).flag, 0x51) << "growth logging is is_persist's to say, not the arguments'";
@@ -154,6 +161,21 @@ TEST(Accounting, ReusedSlotBelowTheHighestIsNoGrowth) {
   EXPECT_EQ(slot_at(pool, 1).bytes_del, 0u);
 }
 
+TEST(Accounting, SizeOfAPoolIsCountedIn32Bits) {
+  const array_t pool = bit_vector(16777216, 0);
+  pretend_issued(pool.get(), 299);
+  set_cursor(pool, 298, 16777216);
+  take(pool, 8);
+  EXPECT_EQ(hdr_of(pool).total_msz, (uint64_t{16777224} * 300 + 80) & 0xFFFFFFFF);
+}
+
+TEST(Accounting, PersistentPoolWithoutALogGrowsAllTheSame) {
+  const array_t pool(tslb_init_dynmem_ex1(1000, 0, 0, MPOOL_TYPE_DRAM, 0, "bb", -4, 0, 0, 1, 0));
+  take(pool, 10);
+  EXPECT_EQ(hdr_of(pool).flag, MPOOL_FLAG_PERSIST);
+  EXPECT_EQ(hdr_of(pool).total_msz, 80u + 1008);
+}
+
 TEST(Compat, HeaderStandsAheadOfTheData) {
   const array_t pool = big_buffer(70000, 1, MPOOL_FLAG_COMPAT);
   take(pool, 3);  // the next header stands at an odd address
@@ -198,6 +220,15 @@ TEST(BitVector, AddressesAreGroupsAndUnitsOfEight) {
   const maddr_t address = take(pool, 8);
   EXPECT_EQ(as_word(address), 5u | (2u << 8) | (3u << 11));
   EXPECT_EQ(bytes_of(tslb_dynmem_get_maddr2ptr(pool.get(), address)), slot_at(pool, 517).mslot + 24);
+}
+
+TEST(BitVector, ChunkLiesWhereItsAddressPoints) {
+  const array_t pool = bit_vector(64, 4);
+  take(pool, 12);  // not a multiple of 8: the next address cannot say 12
+  maddr_t address;
+  void *const chunk = tslb_dynmem_get_mchunk(pool.get(), &address, 8, srcaddr_t{});
+  EXPECT_EQ(chunk, slot_at(pool, 0).mslot + 8);
+  EXPECT_EQ(chunk, tslb_dynmem_get_maddr2ptr(pool.get(), address));
 }
 
 TEST(Chunks, RefusesWhatNoSlotCanHold) {
@@ -253,12 +284,27 @@ TEST(BigBuffer, StopsWhenSlot255IsFull) {
                "\\[MPOOL-HDR\\] DynArrHandle.*");
 }
 
+TEST(BigBuffer, StopsAt255WhateverItsLimit) {
+  const array_t pool = big_buffer(16, 0, 0, 0, 20);
+  pretend_issued(pool.get(), 256);
+  set_cursor(pool, 255, 16);
+  maddr_t address;
+  EXPECT_DEATH(tslb_dynmem_get_mchunk(pool.get(), &address, 1, srcaddr_t{}), "Bigbuffer pool exhausted");
+}
+
 TEST(BigBuffer, FreshSlotThatNoAddressCanNameIsExhaustion) {
   const array_t pool = big_buffer(16, 0, 0, TSLB_DA_DAFLAG_LL);
   advance_to(pool, 255);
   set_cursor(pool, 3, 16);  // as if slot 3 had been freed and taken again
   maddr_t address;
   EXPECT_DEATH(tslb_dynmem_get_mchunk(pool.get(), &address, 1, srcaddr_t{}), "Bigbuffer pool exhausted");
+
+  const array_t vectors(tslb_init_dynmem(8, 0, 0, MPOOL_TYPE_DRAM, MPOOL_FLAG_BV, "bv", -3, TSLB_DA_DAFLAG_LL));
+  pretend_issued(vectors.get(), 2040);
+  set_cursor(vectors, 3, 8);
+  EXPECT_NE(tslb_dynmem_get_mchunk(vectors.get(), &address, 8, srcaddr_t{}), nullptr) << "slot 2040 is in use";
+  set_cursor(vectors, 3, 8);
+  EXPECT_DEATH(tslb_dynmem_get_mchunk(vectors.get(), &address, 8, srcaddr_t{}), "BitVector pool exhausted");
 }
 
 TEST(BitVector, WarnsEvery255SlotsAndStopsAt2040) {

@@ -10,7 +10,8 @@ struct want_t {
   size_t data_sz;
 };
 
-static void expect_records(const std::vector<redo_record_t> &got, const std::vector<want_t> &want) {
+static void expect_records(const DynArrHandle_t *array, const std::vector<redo_record_t> &got,
+                           const std::vector<want_t> &want) {
   ASSERT_EQ(got.size(), want.size());
   for (size_t i = 0; i < want.size(); ++i) {
     SCOPED_TRACE(i);
@@ -18,6 +19,8 @@ static void expect_records(const std::vector<redo_record_t> &got, const std::vec
     EXPECT_EQ(got[i].data_ptr, want[i].data_ptr);
     EXPECT_EQ(got[i].bytes.size(), want[i].data_sz);
     EXPECT_EQ(got[i].aux_idx, 0xFFFFFFFFu);
+    EXPECT_EQ(got[i].ctx_name, array->ctx_name);
+    EXPECT_EQ(got[i].tbl_id, array->tbl_id);
   }
 }
 
@@ -54,17 +57,16 @@ TEST(Redo, ShapesOfTheWorkedExample) {
     SCOPED_TRACE(row.fault);
     tslb_redo_log_da_internal(array.get(), 10, 77, 42, row.hdr_only, row.field_offset, row.field_size);
     const auto records = log.take();
-    expect_records(records, {{row.off, slot + row.ptr, row.size}});
+    expect_records(array.get(), records, {{row.off, slot + row.ptr, row.size}});
     EXPECT_EQ(records[0].txn_id, 77u);
     EXPECT_EQ(records[0].rec_type, 42);
-    EXPECT_EQ(records[0].ctx_name, "metrics");
-    EXPECT_EQ(records[0].tbl_id, 0xFFFFFFF7u);
   }
   tslb_redo_log_da(array.get(), 10, 1, 5);
   tslb_redo_log_da_ex(array.get(), 10, 1, 5, 1);
   tslb_redo_log_da_field(array.get(), 10, 1, 5, 4, 8);
   tslb_redo_log_da_hdr(array.get(), 10, 1, 5);
-  expect_records(log.take(), {{564, slot - 8, 48}, {564, slot - 8, 8}, {576, slot + 4, 8}, {0, array->arr_base, 84}});
+  expect_records(array.get(), log.take(),
+                 {{564, slot - 8, 48}, {564, slot - 8, 8}, {576, slot + 4, 8}, {0, array->arr_base, 84}});
 }
 
 TEST(Redo, PlainArraysHaveNoShift) {
@@ -74,7 +76,8 @@ TEST(Redo, PlainArraysHaveNoShift) {
   char *const slot = bytes_of(tslb_da_get_ptr(array.get(), 5));
   tslb_redo_log_da(array.get(), 5, 0, 5);
   tslb_redo_log_da_field(array.get(), 5, 0, 5, 4, 6);
-  expect_records(log.take(), {{24 + 50, slot, 10}, {24 + 54, slot + 4, 6}});
+  tslb_redo_log_da_ex(array.get(), 5, 0, 5, 1);
+  expect_records(array.get(), log.take(), {{24 + 50, slot, 10}, {24 + 54, slot + 4, 6}, {24 + 50, slot, 8}});
 }
 
 TEST(Redo, RecordTypes) {
@@ -106,7 +109,7 @@ TEST(Redo, AllocationLogsHeaderAndNodesAfterTheLock) {
     const uint64_t base = 84 + 10 * row.slot_bytes;
     std::vector<want_t> want = {{0, array->arr_base, 84}, {base, slot - 8, 8}, {base + 40, slot + 32, 8}};
     want.resize(row.n_records);
-    expect_records(records, want);
+    expect_records(array.get(), records, want);
     for (const auto &record : records) {
       EXPECT_EQ(record.txn_id, kNoTxn);
       EXPECT_EQ(record.rec_type, 5);
@@ -120,6 +123,15 @@ TEST(Redo, AllocationLogsHeaderAndNodesAfterTheLock) {
       EXPECT_EQ(read_at<uint32_t>(records[2].bytes.data(), 0), TSLB_DA_NIL_IDX);
       EXPECT_EQ(read_at<uint32_t>(records[2].bytes.data(), 4), backward_node(array.get(), slot).ts);
     }
+
+    // The gatekeeper word follows the records: while they are written a used slot shows a cleared payload.
+    tslb_da_free_idx(array.get(), 4);
+    log.take();
+    log.watch_word(tslb_da_get_ptr(array.get(), 4));
+    tslb_da_get_newptr(array.get(), &idx);
+    ASSERT_EQ(idx, 4u);
+    for (const auto &record : log.take()) EXPECT_EQ(record.word, 0u);
+    log.watch_word(nullptr);
 
     // Under the caller's lock the records come with the lock held.
     tslb_da_spin_lock16(&array->spinlock);
@@ -193,10 +205,9 @@ TEST(Redo, CreationLogsTheFilledHeader) {
     EXPECT_EQ(static_cast<DynMemHdr_t *>(get_user_hdr(pool.get()))->flag, row.persists ? 0x13 : 0x11);
     ASSERT_EQ(records.size(), row.n_records);
     if (row.n_records == 0) continue;
-    expect_records(records, {{0, pool->arr_base, 140}});
+    expect_records(pool.get(), records, {{0, pool->arr_base, 140}});
     EXPECT_EQ(records[0].txn_id, kNoTxn);
     EXPECT_EQ(records[0].rec_type, 5);
-    EXPECT_EQ(records[0].tbl_id, 0xFFFFFFFDu);
     // As it stands at the end of creation.
     EXPECT_EQ(records[0].bytes, std::string(bytes_of(pool->arr_base), 140));
     EXPECT_EQ(read_at<uint32_t>(records[0].bytes.data(), 8 + 4), 1000u);
@@ -205,7 +216,11 @@ TEST(Redo, CreationLogsTheFilledHeader) {
   const array_t temporary(tslb_init_dynmem(1000, 4, 0, MPOOL_TYPE_DRAM_TMP, 0, "pool", 1, 0));
   EXPECT_TRUE(log.take().empty());
   const array_t slots(tslb_da_init_v5(100, 4, MPOOL_TYPE_DRAM, "slots", 1));
-  expect_records(log.take(), {{0, slots->arr_base, 24}});
+  expect_records(slots.get(), log.take(), {{0, slots->arr_base, 24}});
+  // The wish counts, not the memory type; and the name as the handle keeps it, under which all later records come.
+  const array_t wished(
+      tslb_init_dynmem_ex1(100, 1, 0, MPOOL_TYPE_SHM_TMP, 0, std::string(40, 'n').c_str(), 1, 0, 0, 1, 0));
+  expect_records(wished.get(), log.take(), {{0, wished->arr_base, 80}});
 }
 
 TEST(Redo, GrowthOfAPersistentPool) {
@@ -223,6 +238,9 @@ TEST(Redo, GrowthOfAPersistentPool) {
     EXPECT_EQ(records[i].data_off, 80 + 1008 * (i + 1));
     EXPECT_EQ(records[i].data_ptr, nullptr);
     EXPECT_EQ(records[i].bytes.size(), 0u);
+    EXPECT_EQ(records[i].ctx_name, "pool");
+    EXPECT_EQ(records[i].tbl_id, 0xFFFFFFFCu);
+    EXPECT_EQ(records[i].aux_idx, 0xFFFFFFFFu);
     EXPECT_FALSE(records[i].locked);
   }
   // A pool that does not persist grows in silence.

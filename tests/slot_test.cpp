@@ -1,4 +1,6 @@
 // Slot arrays: geometry and accessors, and the order, status and contents of what allocation gives.
+#include <thread>
+
 #include "array_support.h"
 #include "tslb_util.h"
 
@@ -71,6 +73,9 @@ TEST(Slots, SpinLockIsTakenReleasedAndReleasedTwice) {
   tslb_da_spin_unlock16(&lock);
   tslb_da_spin_unlock16(&lock);
   EXPECT_EQ(lock, 0);
+  lock = 2;
+  tslb_da_spin_unlock16(&lock);
+  EXPECT_EQ(lock, 2) << "only a held lock is released";
 }
 
 TEST(Allocation, FreshSlotsOfEachKind) {
@@ -102,6 +107,10 @@ TEST(Allocation, FreshSlotsOfEachKind) {
     }
     EXPECT_EQ(tslb_da_get_size(array.get()), 20u);
     EXPECT_EQ(array->spinlock, 0);
+    if (daflag != 0) {
+      EXPECT_EQ(list_roots(array.get()).n_free, 0u);
+      EXPECT_EQ(list_roots(array.get()).n_inact, 0u);
+    }
   }
 }
 
@@ -241,4 +250,12 @@ TEST(Description, ShowsListsOfInactiveListArraysOnly) {
   snprintf(handle, sizeof(handle), "dyn_arr ptr[%p], ", static_cast<void *>(free_only.get()));
   EXPECT_EQ(text_of(free_only),
             std::string(handle) + "da_flag[1], n_alloc[5], n_used[1], n_direct[5], record_size[100]");
+}
+
+TEST(Description, BufferIsTheThreadsOwn) {
+  const array_t first = list_array(100, 5, 0), second = list_array(200, 5, 0);
+  const std::string line = tslb_da_get_hdr_str(first.get());
+  const char *const here = tslb_da_get_hdr_str(first.get());
+  std::thread([&] { EXPECT_NE(std::string(tslb_da_get_hdr_str(second.get())), line); }).join();
+  EXPECT_EQ(here, line);
 }

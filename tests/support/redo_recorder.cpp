@@ -1,5 +1,7 @@
 #include "redo_recorder.h"
 
+#include <string.h>
+
 #include <mutex>
 #include <utility>
 
@@ -31,7 +33,9 @@ int tslb_redo_log_ex(uint64_t txn_id, char rec_type, char *ctx_name, uint32_t tb
   const std::lock_guard guard(recorder_mutex);
   if (recorder == nullptr) return -1;
   const uint16_t *const lock = recorder->watched_lock();
+  uint32_t word = 0;
+  if (recorder->watched_word() != nullptr) memcpy(&word, recorder->watched_word(), sizeof(word));
   recorder->add({txn_id, rec_type, ctx_name, tbl_id, data_off, aux_idx, data_ptr,
-                 std::string(static_cast<const char *>(data_ptr), data_sz), lock != nullptr && *lock != 0});
+                 std::string(static_cast<const char *>(data_ptr), data_sz), lock != nullptr && *lock != 0, word});
   return 0;
 }

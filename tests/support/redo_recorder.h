@@ -19,6 +19,7 @@ struct redo_record_t {
   const void *data_ptr;
   std::string bytes;  // as they were when the hook was called
   bool locked;        // the watched spin lock was held
+  uint32_t word;      // what the watched word held
 };
 
 // Records everything while it lives, with logging switched on.
@@ -29,12 +30,15 @@ class redo_recorder_t {
   redo_recorder_t(const redo_recorder_t &) = delete;
 
   void watch(const uint16_t *lock) { lock_ = lock; }
+  void watch_word(const void *word) { word_ = word; }
   std::vector<redo_record_t> take();  // what came since the last call
   void add(redo_record_t record);
   const uint16_t *watched_lock() const { return lock_; }
+  const void *watched_word() const { return word_; }
 
  private:
   const uint16_t *lock_;
+  const void *word_ = nullptr;
   std::vector<redo_record_t> records_;
 };
 
