@@ -109,7 +109,6 @@ TEST(Creation, RefusesWhatCannotBeLaidOut) {
       {"data block wraps in 32 bits", 0, 268435456, 0, MPOOL_TYPE_DRAM, 0, EOVERFLOW, "24"},
       {"nodes push the data block over", 0, 268435455 - 15, 0, MPOOL_TYPE_DRAM, TSLB_DA_DAFLAG_INLL, EOVERFLOW, "84"},
       {"persistent memory served from the heap", 0, 8, 1, MPOOL_TYPE_PMEM, 0, ENOTSUP, "32"},
-      {"a wrong size printed for want of memory type", 0, 8, 1, MPOOL_TYPE_SHM, 0, ENOTSUP, "32"},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);

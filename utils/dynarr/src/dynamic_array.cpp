@@ -25,8 +25,6 @@ uint32_t fourth_redirection_elements_count = 1u << 20;
 uint32_t fifth_redirection_elements_count = 1u << 24;
 uint32_t sixth_redirection_elements_count = 1u << 28;
 
-char g_base_path[1025];
-
 constexpr uint8_t LIB_VERSION = 2;
 
 // ---- Creation -----------------------------------------------------------------------------------------------------
@@ -41,13 +39,18 @@ static int refusal_of(int32_t usrhdr_sz, int32_t record_sz, int32_t n_direct, ui
   return slot_bytes * SLOTS_PER_BLOCK > UINT32_MAX ? EOVERFLOW : 0;
 }
 
-// Memory of block 0, zeroed; null with errno set.
-static void *make_block0(char mem_type, int64_t bytes) {
-  if (mem_type == MPOOL_TYPE_SHM || mem_type == MPOOL_TYPE_PMEM) {
+// Memory of block 0, zeroed; null with errno set. A file's old content is lost here: a new array is always empty.
+static void *make_block0(char mem_type, int64_t bytes, const char *ctx_name, int32_t tbl_id) {
+  if (mem_type != MPOOL_TYPE_SHM && mem_type != MPOOL_TYPE_PMEM) return calloc(1, static_cast<size_t>(bytes));
+  void *block0 = nullptr;
+  if (mem_type == MPOOL_TYPE_SHM) {
+    get_shm_block(bytes, ctx_name, tbl_id, 0, &block0);
+  } else {
+    get_pmem_block(bytes, ctx_name, tbl_id, 0, &block0);
     errno = ENOTSUP;
-    return nullptr;
   }
-  return calloc(1, static_cast<size_t>(bytes));
+  if (block0 != nullptr) memset(block0, 0, static_cast<size_t>(bytes));
+  return block0;
 }
 
 static void fill_handle(DynArrHandle_t *array, void *block0, char mem_type, int64_t tbl_id, const char *ctx_name,
@@ -96,7 +99,7 @@ DynamicArray_t get_default_dyn_array_ex_ex(int32_t usrhdr_sz, int32_t size_of_si
   int err = refusal_of(usrhdr_sz, size_of_single_data_slot, number_of_direct_slots, node_bytes, default_dyn_array_size);
   void *block0 = nullptr;
   if (err == 0) {
-    block0 = make_block0(mem_type, default_dyn_array_size);
+    block0 = make_block0(mem_type, default_dyn_array_size, ctx_name, static_cast<int32_t>(tbl_id));
     err = errno;
   }
   if (block0 == nullptr) {
@@ -174,15 +177,30 @@ void get_dyn_array_of_pointers(int32_t count, void *addr) {
   publish(addr, table);
 }
 
-void get_dyn_data_array(DynamicArray_t array, uint32_t record_size, int32_t count, int32_t, void *addr) {
-  const size_t chunk_size = static_cast<uint32_t>(count) * record_size;
+// Swaps a data block from the process allocator in. False if a rival's serves, or after a report.
+static bool publish_heap_block(size_t chunk_size, void *addr) {
   // Zeroed before the swap: a rival may read the block the moment it is published.
   void *const block = calloc(1, chunk_size);
-  if (block == nullptr) {
-    fprintf(stderr, "Error(DALib): Failed to allocted memory of size %ld\n", static_cast<long>(chunk_size));
-    return;
-  }
-  if (publish(addr, block)) add32(&arr_hdr_of(array)->n_alloc, static_cast<uint32_t>(count));
+  if (block != nullptr) return publish(addr, block);
+  fprintf(stderr, "Error(DALib): Failed to allocted memory of size %ld\n", static_cast<long>(chunk_size));
+  return false;
+}
+
+void get_dyn_data_array(DynamicArray_t array, uint32_t record_size, int32_t count, int32_t block_num, void *addr) {
+  const uint32_t chunk_size = static_cast<uint32_t>(count) * record_size;
+  const int32_t tbl_id = static_cast<int32_t>(array->tbl_id);
+  const bool from_file = array->mem_type == MPOOL_TYPE_SHM || array->mem_type == MPOOL_TYPE_PMEM;
+  bool published;
+  if (array->mem_type == MPOOL_TYPE_SHM)
+    published = get_shm_block(chunk_size, array->ctx_name, tbl_id, block_num, addr) != 0;
+  else if (array->mem_type == MPOOL_TYPE_PMEM)
+    published = get_pmem_block(chunk_size, array->ctx_name, tbl_id, block_num, addr) != 0;
+  else
+    published = publish_heap_block(chunk_size, addr);
+  if (published) add32(&arr_hdr_of(array)->n_alloc, static_cast<uint32_t>(count));
+  // A heap block that could not be had was reported above.
+  if (from_file && load_entry(static_cast<void **>(addr)) == nullptr)
+    fprintf(stderr, "Unexpected data_addr NULL, count: %d, block_num: %d\n", count, block_num);
 }
 
 // ---- Lookup -------------------------------------------------------------------------------------------------------

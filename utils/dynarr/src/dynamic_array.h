@@ -178,8 +178,36 @@ extern TSLB_API uint32_t fourth_redirection_elements_count;
 extern TSLB_API uint32_t fifth_redirection_elements_count;
 extern TSLB_API uint32_t sixth_redirection_elements_count;
 
-/* Root of the block files of MPOOL_TYPE_SHM arrays; empty at load. */
+/* ---- Block files -------------------------------------------------------------------------------------------------
+ * An MPOOL_TYPE_SHM array has one file per block: "base/ctx_name/tbl_id.block_id.darr", block 0 with id 0, data blocks
+ * from 1; without a base path "ctx_name/tbl_id.block_id.darr". A file is its block's memory image and nothing else, just
+ * as long. Files outlive the process. Nothing attaches to old ones: creation zeroes file 0, and a data block file that
+ * was there before comes back with its old bytes. Tables are process memory and in no file. */
+
+/* Root of the block files; empty at load. Read without a lock. */
 extern TSLB_API char g_base_path[1025];
+
+/* Sets it, ahead of the first MPOOL_TYPE_SHM array. At most 1,023 characters are stored whole, 1,024 are cut by one;
+ * more end the process with status 1 after a line on stderr. */
+TSLB_API void tslb_set_base_path(const char *base_path);
+
+/* Maps a block file and swaps the mapping into an entry that is null.
+ *
+ * chunk_size  bytes; an existing file is cut or extended to that.
+ * ctx_name    NULL counts as empty. Its directory is made if it is missing, but none above it; one that cannot be made
+ *             ends the process with status 1 after a line on stderr.
+ * tbl_id, block_id
+ *             name the file, as signed numbers.
+ * addr        address of the entry, aligned to 8 bytes.
+ * Result      1 if this call filled the entry. 0 if a rival's mapping serves, or if there is none: then a line on
+ *             stderr says why, but for a file that cannot be sized, and errno is set. The entry tells the two apart.
+ * Threads     any number, on the same entry too. */
+TSLB_API int32_t get_shm_block(int64_t chunk_size, const char *ctx_name, int32_t tbl_id, int32_t block_id, void *addr);
+
+/* The same for persistent memory, which is not available: leaves the entry alone and returns 1. */
+TSLB_API int32_t get_pmem_block(int64_t chunk_size, const char *ctx_name, int32_t tbl_id, int32_t block_id, void *addr);
+
+/* ---- Creation ---------------------------------------------------------------------------------------------------- */
 
 /* Makes an empty array.
  *
@@ -263,7 +291,15 @@ TSLB_API void get_dyn_array_of_pointers(int32_t count, void *addr);
 TSLB_API void get_dyn_data_array(DynamicArray_t array, uint32_t record_size, int32_t count, int32_t block_num,
                                  void *addr);
 
-/* Gives back an array: its blocks, tables and handle. A null handle is left alone.
+/* ---- Whole arrays ------------------------------------------------------------------------------------------------ */
+
+/* Forces the blocks of an MPOOL_TYPE_SHM array out to their files, up to the last one in use. A block that fails gets a
+ * line on stderr (without a line end), and the walk goes on.
+ *
+ * Threads  beside writers of records, whose later bytes wait for the next sync; not while an id is being taken. */
+TSLB_API void tslb_syn_shm_dynarr(DynamicArray_t array);
+
+/* Gives back an array: its blocks, tables and handle. Block files are unmapped and stay. A null handle is left alone.
  *
  * Threads  the array must be out of use: no record pointer, lookup or new id on any thread, now or later. */
 TSLB_API void destroy_dyn_arr(DynamicArray_t array);

@@ -1,37 +1,82 @@
-// Walks over a whole array. At rest tables and blocks fill densely, from entry 0 upward; a hole is what a
-// lookup left that was refused memory, and a walk steps over it.
+// Teardown and sync.
+#include <errno.h>
+#include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
 
 #include "dynamic_array.h"
 #include "dynarr_internal.h"
+#include "dynarr_walk.h"
 
-// Gives back what hangs below a table, children before parents, then the table. `tiers` is 1 where its
-// entries are data blocks.
-static void release_tree(void **table, unsigned tiers) {
-  for (uint32_t i = 0; i < ENTRIES_PER_TABLE; ++i) {
-    if (table[i] == nullptr) continue;
-    if (tiers > 1)
-      release_tree(static_cast<void **>(table[i]), tiers - 1);
-    else
-      free(table[i]);
+// ---- Teardown ------------------------------------------------------------------------------------------------------
+
+static void release_block(const DynArrHandle_t *array, void *block, size_t bytes) {
+  if (array->mem_type == MPOOL_TYPE_SHM)
+    munmap(block, bytes);
+  else
+    free(block);
+}
+
+// Gives back the tables below one, children before parents, and that one. The blocks are gone already.
+static void release_tables(void **table, unsigned tiers) {
+  for (uint32_t i = 0; tiers > 1 && i < ENTRIES_PER_TABLE; ++i) {
+    if (table[i] != nullptr) release_tables(static_cast<void **>(table[i]), tiers - 1);
   }
   free(table);
 }
 
 void destroy_dyn_arr(DynamicArray_t array) {
   if (array == nullptr) return;
+  // Sizes first: they stand in block 0, whose number of slots the handle knows on its own.
+  const size_t slot_bytes = slot_bytes_of(array);
+  const size_t block0_bytes = header_bytes_of(array) + slot_bytes * array->n_direct;
+  walk_data_blocks(array, [&](void *block, unsigned) {
+    release_block(array, block, slot_bytes * SLOTS_PER_BLOCK);
+    return true;
+  });
   if (array->ir_base != nullptr) {
     void **const roots = reinterpret_cast<void **>(array->ir_base);
     for (unsigned level = 1; level <= LEVELS; ++level) {
-      if (roots[level - 1] != nullptr) release_tree(static_cast<void **>(roots[level - 1]), level);
+      if (roots[level - 1] != nullptr) release_tables(static_cast<void **>(roots[level - 1]), level);
     }
-    free(array->ir_base);
+    free(roots);
   }
   for (unsettled_slot_t *slot = private_of(array)->unsettled; slot != nullptr;) {
     unsettled_slot_t *const next = slot->next;
     free(slot);
     slot = next;
   }
-  free(array->arr_base);
+  release_block(array, array->arr_base, block0_bytes);
   free(array);
+}
+
+// ---- Sync ----------------------------------------------------------------------------------------------------------
+
+// `shown_bytes` is what the report counts: for block 0 the direct area alone, although its headers are flushed too.
+static void sync_block(const DynArrHandle_t *array, void *block, size_t bytes, size_t shown_bytes, unsigned level) {
+  if (msync(block, bytes, MS_SYNC) == 0) return;
+  const int err = errno;
+  fprintf(stderr,
+          "msync failed for ctx - %s, mpool - %p, indirection level - %d, block addr - %p, size - %ld, record_size - "
+          "%u, error - %s",
+          array->ctx_name, static_cast<const void *>(array), static_cast<int>(level), block,
+          static_cast<long>(shown_bytes), slot_bytes_of(array), strerror(err));
+}
+
+void tslb_syn_shm_dynarr(DynamicArray_t array) {
+  const DynArrHdr_t *const hdr = arr_hdr_of(array);
+  const size_t slot_bytes = slot_bytes_of(array);
+  const size_t direct_bytes = slot_bytes * hdr->n_direct;
+  sync_block(array, array->arr_base, header_bytes_of(array) + direct_bytes, direct_bytes, 0);
+
+  // Slots covered, not records used; n_used is read anew each time, so ids issued meanwhile are followed.
+  uint64_t num_ele_synced = hdr->n_direct;
+  if (num_ele_synced >= get32(&hdr->n_used)) return;
+  walk_data_blocks(array, [&](void *block, unsigned level) {
+    const size_t bytes = slot_bytes * SLOTS_PER_BLOCK;
+    sync_block(array, block, bytes, bytes, level);
+    num_ele_synced += SLOTS_PER_BLOCK;
+    return num_ele_synced < get32(&hdr->n_used);
+  });
 }

@@ -201,6 +201,55 @@ TSLB_API void tslb_redo_log_da_internal(dynarr_t *h_dynarr, unsigned int sidx, u
                                         char rec_hdr_only, int field_offset, int field_size);
 TSLB_API void tslb_redo_log_da_hdr(dynarr_t *h_dynarr, unsigned int sidx, uint64_t txn_id, char rec_type);
 
+/* ---- Whole arrays --------------------------------------------------------------------------------------------------
+ * Walks over all blocks in id order, on any array or pool. They take no lock and change nothing; what others change
+ * meanwhile is met as it stands, so a host that wants one moment's picture keeps writers out. Slots issued after the
+ * start are not reached. */
+
+/* Called for each block; a result other than 0 ends the walk.
+ *
+ * array         the array being walked.
+ * block         block 0: its headers; else the data block.
+ * n_block_elem  slots in use here.
+ * bytes         what they take, with the headers.
+ * hdr_size      bytes of headers at the block's start; 0 for a data block.
+ * level         0 for block 0, 1 to 6 for a data block.
+ * record_size   bytes of a record, without nodes.
+ * reserved      0.
+ * user_data     as given to the walk. */
+typedef int (*tslb_dyn_arr_block_iterator_t)(DynamicArray_t array, void *block, int n_block_elem, size_t bytes,
+                                             int hdr_size, int level, int record_size, int reserved, void *user_data);
+
+TSLB_API void tslb_iterate_dyn_array_blocks(DynamicArray_t dyn_handle, tslb_dyn_arr_block_iterator_t iterator_fn,
+                                            void *user_data);
+
+/* Writes the snapshot stream: the flat image of the array up to its last slot, without any framing. Slot i stands at
+ * tslb_dynmem_get_hdrsz + i * slot size. Tables are not in it.
+ *
+ * The last slot is cut behind the bytes that the pool's cursor has reached if the array's table id is BBP_TBLID or
+ * BVP_TBLID, its current slot is its last one, tslb_test_mode is not 0xFF and has bit 0 clear, and
+ * lib_config.tslb_enable_file_trimming_flag has bit 0 set. Nothing in the stream says so.
+ *
+ * fd      written to at its position; not synced, not closed.
+ * flag    not used.
+ * total_write_sz
+ *         the blocks' bytes are added to it, a cut slot in full, a failed block too.
+ * Result  0, or -1 after a failed write (a line on stderr; the stream is broken where it failed) or if slots are missing
+ *         because the memory of some was once refused. */
+TSLB_API int tslb_create_dump_for_dynarr(DynamicArray_t dyn_handle, int fd, uint8_t flag, size_t *total_write_sz);
+
+/* One write of a snapshot: `num_elements` slots of `record_sz` bytes behind `hdr_size` bytes of headers, from blk_ptr
+ * on. Repeats what a signal interrupted and continues what was written short.
+ *
+ * dyn_handle_hdr  the array's header, for its n_used and for the report; depth and ctx_name are for the report.
+ * num_elem_dumped running count of slots; raised if all was written.
+ * last_slot_byte_off
+ *                 0, or the length of the last of these slots.
+ * Result          -1 after a failed write (a line on stderr), 1 if the count has reached n_used, else 0. */
+TSLB_API int tslb_dump_data_into_dds_file(const char *ctx_name, void *blk_ptr, int num_elements,
+                                          DynArrHdr_t *dyn_handle_hdr, int depth, int hdr_size, unsigned int record_sz,
+                                          int fd, int *num_elem_dumped, uint32_t last_slot_byte_off);
+
 TSLB_END_DECLS
 
 #endif

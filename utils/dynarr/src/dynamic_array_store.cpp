@@ -1,0 +1,118 @@
+// Where blocks come from besides the process allocator: mapped files, and the place that waits for persistent memory.
+//
+// A block file is handed over like every block: its mapping is swapped into an entry that must be null. Threads that
+// race for one block open, size and map the same file at the same size, and each loser drops its own mapping.
+#include <errno.h>
+#include <fcntl.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "dynamic_array.h"
+#include "tslb_report.h"
+
+char g_base_path[1025];
+
+constexpr int BASE_PATH_ROOM = 1024;  // terminator included; a path of just that length is stored cut
+constexpr mode_t DIR_MODE = 0744;
+constexpr mode_t FILE_MODE = 0666;
+
+void tslb_set_base_path(const char *base_path) {
+  const int len = snprintf(g_base_path, BASE_PATH_ROOM, "%s", base_path);
+  if (len < 0 || len > BASE_PATH_ROOM) {
+    const int err = errno;
+    fprintf(stderr, "Error (%s:%d): Fail to store PMEM path. err(%d) = %s\n", TSLB_FUNC_LINE, err, strerror(err));
+    exit(1);
+  }
+  g_base_path[len] = '\0';
+}
+
+// ---- Paths ---------------------------------------------------------------------------------------------------------
+
+struct path_t {
+  char text[4096];
+};
+
+// False, with errno set, if the path does not fit.
+__attribute__((format(printf, 2, 3))) static bool format_path(path_t *path, const char *format, ...) {
+  va_list values;
+  va_start(values, format);
+  const int len = vsnprintf(path->text, sizeof(path->text), format, values);
+  va_end(values);
+  if (len >= 0 && static_cast<size_t>(len) < sizeof(path->text)) return true;
+  errno = ENAMETOOLONG;
+  return false;
+}
+
+static bool format_file_path(path_t *path, const char *ctx_name, int32_t tbl_id, int32_t block_id) {
+  if (g_base_path[0] != '\0') return format_path(path, "%s/%s/%d.%d.darr", g_base_path, ctx_name, tbl_id, block_id);
+  return format_path(path, "%s/%d.%d.darr", ctx_name, tbl_id, block_id);
+}
+
+// The last component only: what lies above it must exist. A block that has nowhere to go ends the process.
+static void need_directory(const path_t *dir) {
+  struct stat ignored;
+  if (stat(dir->text, &ignored) == 0 || mkdir(dir->text, DIR_MODE) == 0 || errno == EEXIST) return;
+  const int err = errno;
+  fprintf(stderr, "Erro(%s:%d): failed to create pmem path %s. err(%d)=%s\n", "get_shm_block", __LINE__, dir->text, err,
+          strerror(err));
+  exit(1);
+}
+
+// ---- Blocks --------------------------------------------------------------------------------------------------------
+
+// The file, opened and sized; -1 with errno set after its report. Being unable to size it is told by the callers.
+static int open_sized(const path_t *file, int64_t bytes) {
+  const int fd = open(file->text, O_RDWR | O_CREAT | O_CLOEXEC, FILE_MODE);
+  if (fd < 0) {
+    const int err = errno;
+    perror("open");
+    errno = err;
+    return -1;
+  }
+  if (ftruncate(fd, bytes) == 0) return fd;
+  const int err = errno;
+  close(fd);
+  errno = err;
+  return -1;
+}
+
+// A mapping of the whole file, which lives on without a descriptor; null with errno set after its report.
+static void *map_file(const path_t *file, int64_t bytes) {
+  const int fd = open_sized(file, bytes);
+  if (fd < 0) return nullptr;
+  void *const block = mmap(nullptr, static_cast<size_t>(bytes), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  const int err = errno;
+  close(fd);
+  if (block != MAP_FAILED) return block;
+  fprintf(stderr, "mmap file failed: %s\n", strerror(err));
+  errno = err;
+  return nullptr;
+}
+
+int32_t get_shm_block(int64_t chunk_size, const char *ctx_name, int32_t tbl_id, int32_t block_id, void *addr) {
+  if (ctx_name == nullptr) ctx_name = "";
+  path_t file, dir;
+  if (!format_file_path(&file, ctx_name, tbl_id, block_id) || !format_path(&dir, "%s/%s", g_base_path, ctx_name)) {
+    const int err = errno;
+    fprintf(stderr, "Error(%s:%d): path of block %d of table %d is too long. err(%d)=%s\n", TSLB_FUNC_LINE, block_id,
+            tbl_id, err, strerror(err));
+    errno = err;
+    return 0;
+  }
+  need_directory(&dir);
+  void *const block = map_file(&file, chunk_size);
+  if (block == nullptr) return 0;
+  if (cas64(static_cast<uint64_t *>(addr), 0, reinterpret_cast<uint64_t>(block)) != 0) return 1;
+  munmap(block, static_cast<size_t>(chunk_size));
+  return 0;
+}
+
+// A place for a store that delivers: what it would return, "published", and nothing done.
+int32_t get_pmem_block(int64_t, const char *, int32_t, int32_t, void *) {
+  return 1;
+}

@@ -1,0 +1,120 @@
+// Walks for the host: each block to a callback, or to a descriptor. What the second writes is the array's flat image, cut
+// behind the last slot: the one stored form of an array as a whole.
+#include <errno.h>
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "dynarr_internal.h"
+#include "dynarr_walk.h"
+#include "tslb_dynarr.h"
+#include "tslb_dynmem.h"
+#include "tslb_settings.h"
+
+// A block of the walk, and its slots that are in use.
+struct walked_block_t {
+  void *at;  // block 0: its headers
+  int n_block_elem;
+  int hdr_size;         // bytes of headers at the block's start
+  unsigned level;       // 0 for block 0
+  bool ends_the_array;  // no slot is left behind it
+};
+
+enum walk_end_t { WALK_ENDED, WALK_RAN_OUT };
+
+// deal(block) ends the walk with a result other than 0. Slots behind the count read here are not reached.
+template <class Deal>
+static walk_end_t walk_blocks(DynArrHandle_t *array, Deal deal) {
+  const DynArrHdr_t *const hdr = arr_hdr_of(array);
+  const uint32_t n_used = get32(&hdr->n_used);
+  int num_elem_left = static_cast<int>(n_used);
+  const int in_block0 = static_cast<int>(hdr->n_direct < n_used ? hdr->n_direct : n_used);
+  const int outcome = deal(walked_block_t{array->arr_base, in_block0, static_cast<int>(header_bytes_of(array)), 0,
+                                          num_elem_left == in_block0});
+  num_elem_left -= in_block0;
+  if (num_elem_left == 0 || outcome != 0 || __atomic_load_n(&array->ir_base, __ATOMIC_ACQUIRE) == nullptr)
+    return WALK_ENDED;
+
+  const bool ran_out = walk_data_blocks(array, [&](void *block, unsigned level) {
+    const int per_block = static_cast<int>(SLOTS_PER_BLOCK);
+    const int in_block = num_elem_left <= per_block ? num_elem_left : per_block;
+    const bool goes_on = deal(walked_block_t{block, in_block, 0, level, num_elem_left == in_block}) == 0;
+    num_elem_left -= in_block;
+    return goes_on && num_elem_left != 0;
+  });
+  return ran_out ? WALK_RAN_OUT : WALK_ENDED;
+}
+
+static size_t bytes_of(const walked_block_t &block, uint32_t slot_bytes) {
+  return static_cast<uint32_t>(block.hdr_size) + static_cast<uint32_t>(block.n_block_elem) * slot_bytes;
+}
+
+// ---- Callback ------------------------------------------------------------------------------------------------------
+
+void tslb_iterate_dyn_array_blocks(DynamicArray_t dyn_handle, tslb_dyn_arr_block_iterator_t iterator_fn,
+                                   void *user_data) {
+  const uint32_t slot_bytes = slot_bytes_of(dyn_handle);
+  const int record_size = static_cast<int>(arr_hdr_of(dyn_handle)->record_size);
+  walk_blocks(dyn_handle, [&](const walked_block_t &block) {
+    return iterator_fn(dyn_handle, block.at, block.n_block_elem, bytes_of(block, slot_bytes), block.hdr_size,
+                       static_cast<int>(block.level), record_size, 0, user_data);
+  });
+}
+
+// ---- Snapshot ------------------------------------------------------------------------------------------------------
+
+int tslb_dump_data_into_dds_file(const char *ctx_name, void *blk_ptr, int num_elements, DynArrHdr_t *dyn_handle_hdr,
+                                 int depth, int hdr_size, unsigned int record_sz, int fd, int *num_elem_dumped,
+                                 uint32_t last_slot_byte_off) {
+  const int64_t size = int64_t{hdr_size} + int64_t{num_elements} * record_sz;
+  int64_t amt_written = 0;
+  int64_t amt_to_copy = last_slot_byte_off != 0 ? size - record_sz + last_slot_byte_off : size;
+  while (amt_to_copy != 0) {
+    const ssize_t ret = write(fd, static_cast<const char *>(blk_ptr) + amt_written, static_cast<size_t>(amt_to_copy));
+    const int err = errno;
+    if (ret >= 0) {
+      amt_written += ret;
+      amt_to_copy -= ret;
+    } else if (err != EINTR) {
+      fprintf(stderr,
+              "failed to write data in dds snapshot file. ctx_name %s, mpool - %p, indirection level - %d,block addr - "
+              "%p, size - %ld, amt_written - %ld, amt_to_copy - %ld, ret - %d, error - %s\n",
+              ctx_name, static_cast<void *>(dyn_handle_hdr), depth, blk_ptr, static_cast<long>(size),
+              static_cast<long>(amt_written), static_cast<long>(amt_to_copy), static_cast<int>(ret), strerror(err));
+      return -1;
+    }
+  }
+  *num_elem_dumped += num_elements;
+  return static_cast<uint32_t>(*num_elem_dumped) >= get32(&dyn_handle_hdr->n_used) ? 1 : 0;
+}
+
+// Bytes of the array's last slot that are worth storing, where the host has asked for a cut: what the pool's cursor has
+// reached, if that slot is the current one. 0: the slot is stored whole.
+static uint32_t short_last_slot_bytes(const DynArrHandle_t *array) {
+  const int32_t tbl_id = static_cast<int32_t>(array->tbl_id);
+  const uint8_t test_mode = static_cast<uint8_t>(tslb_test_mode);
+  if (tbl_id != BBP_TBLID && tbl_id != BVP_TBLID) return 0;
+  if (test_mode == 0xFF || (test_mode & 1) != 0 || (lib_config.tslb_enable_file_trimming_flag & 1) == 0) return 0;
+  if (dyn_hdr_of(array)->hdr_size < sizeof(DynMemHdr_t)) return 0;  // the host gave a pool's table id to another array
+  const DynMemHdr_t *const hdr = static_cast<const DynMemHdr_t *>(user_hdr_of(array));
+  const uint64_t cursor = __atomic_load_n(&hdr->cur_slot_addr, __ATOMIC_RELAXED);
+  const uint32_t n_used = get32(&arr_hdr_of(array)->n_used);
+  if (n_used == 0 || static_cast<uint32_t>(cursor) != n_used - 1) return 0;
+  return static_cast<uint32_t>(cursor >> 32) + shift_of(array->daflag) + static_cast<uint32_t>(sizeof(MemSlot_t));
+}
+
+int tslb_create_dump_for_dynarr(DynamicArray_t dyn_handle, int fd, uint8_t, size_t *total_write_sz) {
+  const uint32_t slot_bytes = slot_bytes_of(dyn_handle);
+  const uint32_t last_slot_byte_off = short_last_slot_bytes(dyn_handle);
+  int num_elem_dumped = 0;
+  int outcome = 0;
+  const walk_end_t end = walk_blocks(dyn_handle, [&](const walked_block_t &block) {
+    outcome = tslb_dump_data_into_dds_file(dyn_handle->ctx_name, block.at, block.n_block_elem, arr_hdr_of(dyn_handle),
+                                           static_cast<int>(block.level), block.hdr_size, slot_bytes, fd,
+                                           &num_elem_dumped, block.ends_the_array ? last_slot_byte_off : 0);
+    *total_write_sz += bytes_of(block, slot_bytes);
+    return outcome;
+  });
+  // After a failed write too: a host must not take a broken stream for a whole one.
+  return end == WALK_RAN_OUT || outcome < 0 ? -1 : 0;
+}
