@@ -1,0 +1,134 @@
+// Conversions of stored arrays to older layouts. The seven record routines are one frame over a copy step each.
+#include "tsdb_recovery_version_downgrade_fn.h"
+
+#include <string.h>
+
+#include "recovery_trace.h"
+#include "tsdb_recovery_schema.h"
+#include "tslb_dynarr.h"
+#include "tslb_dynmem.h"
+
+constexpr const char *COMPONENT = "TSDBRecovery";
+
+// ---- Frame ---------------------------------------------------------------------------------------------------------
+
+// Converts record after record: copy(to, from) fills a new record of the destination. Records lie at any address.
+template <class Copy>
+static void convert(const char *function, void *cbargs, uint8_t target_version, Copy copy) {
+  const TSDBVerCBArgs_t args = *static_cast<const TSDBVerCBArgs_t *>(cbargs);
+  dynarr_t *const source = static_cast<dynarr_t *>(args.h_mpool_prev);
+  dynarr_t *const destination = static_cast<dynarr_t *>(args.h_mpool_cur);
+  static_cast<DynHdr_t *>(tslb_da_get_dynhdr(destination))->rec_version = target_version;
+  RECOVERY_TRACE(1, COMPONENT, function, "Method called, h_mpool_newver = %p, h_mpool_oldver = %p, n_alloc = %u",
+                 args.h_mpool_cur, args.h_mpool_prev, tslb_da_get_total_size(destination));
+  for (uint32_t i = 0; i < tslb_da_get_total_size(destination); ++i) {
+    const char *const node_pv = static_cast<const char *>(tslb_da_get_ptr(source, i));
+    if (node_pv == nullptr) return;
+    uint32_t idx;
+    char *const node_cv = static_cast<char *>(tslb_da_get_newptr(destination, &idx));
+    if (node_cv == nullptr) return;
+    copy(node_cv, node_pv);
+  }
+}
+
+// ---- Records whose older layout is the start of the newer one ------------------------------------------------------
+
+template <class Older>
+static void convert_by_prefix(const char *function, void *cbargs, uint8_t target_version) {
+  convert(function, cbargs, target_version, [](char *to, const char *from) { memcpy(to, from, sizeof(Older)); });
+}
+
+void tsdb_recov_downgrade_g_mg_2_0(void *cbargs) {
+  convert_by_prefix<g_mg_t_v0>(__func__, cbargs, 0);
+}
+void tsdb_recov_downgrade_g_mg_2_1(void *cbargs) {
+  convert_by_prefix<g_mg_t_v1>(__func__, cbargs, 1);
+}
+void tsdb_recov_downgrade_g_mt_1_0(void *cbargs) {
+  convert_by_prefix<g_mt_t_v0>(__func__, cbargs, 0);
+}
+void tsdb_recov_downgrade_derived_var_value_t_1_0(void *cbargs) {
+  convert_by_prefix<derived_var_value_t_v0>(__func__, cbargs, 0);
+}
+// All bytes: the field that goes stays, in what is padding to the older reader.
+void tsdb_recov_downgrade_derived_metric_t_1_0(void *cbargs) {
+  convert_by_prefix<derived_metric_t_v0>(__func__, cbargs, 0);
+}
+
+// ---- Records that change shape -------------------------------------------------------------------------------------
+
+void tsdb_recov_downgrade_rc_tysub_1_0(void *cbargs) {
+  convert(__func__, cbargs, 0, [](char *to, const char *from) {
+    ty_sub_t_v1 newer;
+    memcpy(&newer, from, sizeof(newer));
+    ty_sub_t_v0 older = {};  // gaps stay zero
+    older.i_name = newer.i_name;
+    older.prev_id = newer.prev_id;
+    older.next_id = newer.next_id;
+    older.ts = newer.ts;
+    older.nodes_group = newer.nodes_group;
+    older.flag_bitmask = newer.flag_bitmask;
+    older.mg = newer.mg;
+    older.ag = newer.ag;
+    older.reserved = newer.reserved;
+    for (int j = 0; j < 5; ++j) older.rsb_arr[j] = {newer.rsb_arr[j].base_seq_no, newer.rsb_arr[j].tt_rsb};
+    older.i_offline_dirpath = newer.i_offline_dirpath;
+    older.i_namepath = newer.i_namepath;
+    memcpy(to, &older, sizeof(older));
+  });
+}
+
+// Copies a string into a field that is not longer than the one it stands in, terminated; what does not fit is cut, as is
+// what has no terminator. Result: its length.
+template <size_t OLDER, size_t NEWER>
+static uint8_t copy_text(char (&older)[OLDER], const char (&newer)[NEWER]) {
+  static_assert(OLDER <= NEWER && OLDER - 1 <= UINT8_MAX, "the length has one byte");
+  const size_t len = strnlen(newer, OLDER - 1);
+  memcpy(older, newer, len);
+  older[len] = '\0';
+  return static_cast<uint8_t>(len);
+}
+
+void tsdb_recov_downgrade_derived_subject_value_t_1_0(void *cbargs) {
+  const char *const function = __func__;
+  convert(function, cbargs, 0, [function](char *to, const char *from) {
+    subject_value_t_v1 newer;
+    memcpy(&newer, from, sizeof(newer));
+    subject_value_t_v0 older = {};
+    older.tag_len = copy_text(older.tag, newer.tag);
+    older.value_len = copy_text(older.value, newer.value);
+    older.mode = newer.mode;
+    memcpy(&older.regex, &newer.regex, sizeof(older.regex));
+    memcpy(to, &older, sizeof(older));
+    RECOVERY_TRACE(2, COMPONENT, function, "Subjet:- %s:%s, mode:- %d", older.tag, older.value, older.mode);
+  });
+}
+
+// ---- The library's own layouts -------------------------------------------------------------------------------------
+
+void tsdb_recov_downgrade_rc_lib_2_1(void *cbargs) {
+  const TSDBVerCBArgs_t args = *static_cast<const TSDBVerCBArgs_t *>(cbargs);
+  RECOVERY_TRACE(2, COMPONENT, __func__, "Method called, rec_type = %hu, args.h_mpool_prev = %p, args.h_mpool_cur = %p",
+                 args.rec_type, args.h_mpool_prev, args.h_mpool_cur);
+  const DynHdr_t *const dyn_hdr_pv = static_cast<const DynHdr_t *>(tslb_da_get_dynhdr(args.h_mpool_prev));
+  DynHdr_t *const dyn_hdr_cv = static_cast<DynHdr_t *>(tslb_da_get_dynhdr(args.h_mpool_cur));
+  dyn_hdr_cv->lib_version = 1;
+  dyn_hdr_cv->rec_version = dyn_hdr_pv->rec_version;
+  // The handle's byte alone: what the array's block stores of its flags stays.
+  static_cast<DynArrHandle_t *>(args.h_mpool_cur)->daflag = 0;
+  if (dyn_hdr_pv->hdr_size == 0) return;
+  if (dyn_hdr_pv->hdr_size == dyn_hdr_cv->hdr_size) {
+    const size_t bytes = dyn_hdr_pv->hdr_size < sizeof(DynMemHdr_t) ? dyn_hdr_pv->hdr_size : sizeof(DynMemHdr_t);
+    memcpy(tslb_da_get_usrhdr(args.h_mpool_cur), tslb_da_get_usrhdr(args.h_mpool_prev), bytes);
+    return;
+  }
+  RECOVERY_TRACE(2, COMPONENT, __func__, "DynMemHdr size for rec_type = %d, mismatched, prev_sz = %hu, cur_sz = %hu",
+                 args.rec_type, dyn_hdr_pv->hdr_size, dyn_hdr_cv->hdr_size);
+}
+
+void tsdb_recov_downgrade_rc_lib_bb_1_0(void *cbargs) {
+  tsdb_recov_version_copy_rc(cbargs);
+}
+void tsdb_recov_downgrade_rc_lib_bv_1_0(void *cbargs) {
+  tsdb_recov_version_copy_rc(cbargs);
+}
