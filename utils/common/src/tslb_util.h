@@ -8,6 +8,7 @@
 #include <time.h>
 
 #include "tslb_decl.h"
+#include "tslb_util_common.h"
 
 TSLB_BEGIN_DECLS
 

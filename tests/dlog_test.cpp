@@ -1,0 +1,278 @@
+// The debug log's files and lines: rollover, deletion, many threads, cut lines, and what a full disk or a bad name does.
+#include <fcntl.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <sstream>
+#include <thread>
+
+#include "array_support.h"
+#include "tslb_dlog_macros.h"
+
+namespace fs = std::filesystem;
+
+constexpr char kHeader[] = "#DateTime|FileName|LineNo|FunName|PID|TID|THName|Msg\n";
+
+static size_t count_lines(const std::string &text) {
+  return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
+}
+
+class DebugLog : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::string pattern = (fs::temp_directory_path() / "tslb_dlog_XXXXXX").string();
+    dir_ = mkdtemp(pattern.data());
+    base_ = dir_ / "log";
+  }
+  void TearDown() override { fs::remove_all(dir_); }
+  fs::path file(int version) const {
+    return base_.string() + "." + std::to_string(getpid()) + "." + std::to_string(version);
+  }
+  static std::string content(const fs::path &path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+  }
+  std::string lines_of(int version) const {
+    const std::string all = content(file(version));
+    EXPECT_EQ(all.substr(0, 53), kHeader);
+    return all.size() > 53 ? all.substr(53) : "";
+  }
+  static void log(int level, const char *text) { tslb_dl_logging(level, "dir/source.cpp", "place", 7, "%s", text); }
+  fs::path dir_, base_;
+};
+
+// Runs first in this program, on a log that nobody has started.
+TEST(ADebugLogThatWasNeverStarted, DoesNothing) {
+  ASSERT_EQ(g_dl, nullptr);
+  tslb_dl_logging(-1, "f", "g", 1, "lost");
+  tslb_dl_set_thname_internal("name");
+  EXPECT_EQ(g_thname[0], '\0');
+  EXPECT_EQ(g_tid, -1);
+}
+
+TEST_F(DebugLog, FirstLineMakesTheFileWithItsHeader) {
+  tslb_dl_init_internal(base_.c_str(), 3, -1);
+  EXPECT_EQ(g_dl->fmax_sz, 10485760);
+  EXPECT_FALSE(fs::exists(file(0)));
+  errno = 77;
+  tslb_dl_logging(3, "some/dir/source.cpp", "place", 42, "%d apples", 5);
+  EXPECT_EQ(errno, 77);
+  const std::regex line("\\d\\d/\\d\\d/\\d+ \\d\\d:\\d\\d:\\d\\d\\|source.cpp\\|42\\|place\\|" +
+                        std::to_string(getpid()) + "\\|" + std::to_string(g_tid) + "\\|-\\|5 apples\n");
+  EXPECT_TRUE(std::regex_match(lines_of(0), line)) << lines_of(0);
+  EXPECT_EQ(fs::status(file(0)).permissions() & fs::perms::others_write, fs::perms::none);
+}
+
+TEST_F(DebugLog, LevelsAreTestedBeforeAnythingElse) {
+  tslb_dl_init_internal(base_.c_str(), 2, -1);
+  int evaluated = 0;
+  std::thread([&] {
+    log(3, "no");
+    TSLB_DLOG(3, "%d", ++evaluated);
+    EXPECT_EQ(g_tid, -1) << "a line that is not wanted takes a number";
+    EXPECT_FALSE(fs::exists(file(0)));
+    log(2, "yes");
+    log(-5, "yes");
+    TSLB_DLOG(2, "%d", ++evaluated);
+    EXPECT_GE(g_tid, 0);
+  }).join();
+  EXPECT_EQ(evaluated, 1);
+  EXPECT_EQ(count_lines(lines_of(0)), 3u);
+  EXPECT_NE(lines_of(0).find("|dlog_test.cpp|"), std::string::npos);
+}
+
+TEST_F(DebugLog, SizesForRollover) {
+  static const struct {
+    int argument, bytes;
+  } rows[] = {{-1, 10485760}, {-2, 10485760},     {-2147483647, 10485760}, {0, 0},
+              {1, 1048576},   {2047, 2146435072}, {2048, 2146435072},      {2147483647, 2146435072}};
+  for (const auto &row : rows) {
+    tslb_dl_init_internal(base_.c_str(), 0, row.argument);
+    EXPECT_EQ(g_dl->fmax_sz, row.bytes) << row.argument;
+  }
+}
+
+TEST_F(DebugLog, RollsOverAtExactlyItsSize) {
+  tslb_dl_init_internal(base_.c_str(), 0, 1);
+  log(0, "first");
+  fs::resize_file(file(0), 1048575);
+  log(0, "still in 0");
+  EXPECT_FALSE(fs::exists(file(1)));
+  EXPECT_NE(content(file(0)).find("still in 0\n"), std::string::npos);
+  fs::resize_file(file(0), 1048576);
+  log(0, "in 1");
+  EXPECT_NE(lines_of(1).find("|in 1\n"), std::string::npos);
+
+  tslb_dl_init_internal((base_.string() + "each").c_str(), 0, 0);
+  for (int i = 0; i < 3; ++i) log(0, "one line each");
+  for (int i = 0; i < 3; ++i) {
+    const std::string all = content(base_.string() + "each." + std::to_string(getpid()) + "." + std::to_string(i));
+    EXPECT_EQ(all.substr(0, 53), kHeader);
+    EXPECT_EQ(count_lines(all), 2u);
+  }
+}
+
+TEST_F(DebugLog, DeletionOfTheCurrentFileRestartsTheNumbers) {
+  tslb_dl_init_internal(base_.c_str(), 0, 0);
+  for (int i = 0; i < 3; ++i) log(0, "x");
+  fs::remove(file(2));
+  fs::remove(file(0));
+  log(0, "again");
+  EXPECT_NE(lines_of(0).find("|again\n"), std::string::npos);
+  EXPECT_FALSE(fs::exists(file(3)));
+}
+
+TEST_F(DebugLog, LinesAreCutToFit) {
+  tslb_dl_init_internal(base_.c_str(), 0, -1);
+  log(0, "");
+  const size_t prefix = lines_of(0).size() - 1;
+  static const struct {
+    const char *fault;
+    size_t message_over, line;  // beyond what fits with its newline
+  } rows[] = {{"the longest line cut", 0, 4096}, {"newline lost", 1, 4096}, {"terminator written", 1000, 4096}};
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    const size_t before = content(file(0)).size();
+    const size_t fits = 4095 - prefix;
+    log(0, std::string(fits + row.message_over, 'm').c_str());
+    const std::string line = content(file(0)).substr(before);
+    EXPECT_EQ(line.size(), row.line);
+    EXPECT_EQ(line.substr(prefix), std::string(fits, 'm') + "\n");
+  }
+  // A prefix that fills the line by itself.
+  const size_t before = content(file(0)).size();
+  tslb_dl_logging(0, "f", std::string(6000, 'p').c_str(), 1, "message");
+  const std::string line = content(file(0)).substr(before);
+  EXPECT_EQ(line.size(), 4096u);
+  EXPECT_EQ(line.back(), '\n');
+  EXPECT_EQ(line.find('\0'), std::string::npos);
+}
+
+TEST_F(DebugLog, NamesAndNumbersOfThreads) {
+  tslb_dl_init_internal(base_.c_str(), 0, -1);
+  int first = -1, second = -1;
+  std::thread([&] {
+    tslb_dl_set_thname_internal(std::string(40, 'n').c_str());
+    first = g_tid;
+    log(0, "named");
+    log(0, "named");
+  }).join();
+  std::thread([&] {
+    log(0, "nameless");
+    second = g_tid;
+    tslb_dl_set_thname_internal(nullptr);
+    log(0, "dash");
+    tslb_dl_set_thname_internal("");
+    log(0, "dash");
+    EXPECT_EQ(g_tid, second) << "a number stays with its thread";
+  }).join();
+  EXPECT_EQ(second, first + 1);
+  const auto ends = [](int tid, const std::string &name, const char *text) {
+    return std::string("|").append(std::to_string(tid)).append("|").append(name).append("|").append(text).append("\n");
+  };
+  const std::string lines = lines_of(0);
+  std::vector<std::string> got;
+  for (size_t at = 0, end; (end = lines.find('\n', at)) != std::string::npos; at = end + 1)
+    got.push_back(lines.substr(at, end - at + 1));
+  const std::string want[] = {ends(first, std::string(31, 'n'), "named"), ends(first, std::string(31, 'n'), "named"),
+                              ends(second, "", "nameless"), ends(second, "-", "dash"), ends(second, "-", "dash")};
+  ASSERT_EQ(got.size(), 5u);
+  for (size_t i = 0; i < 5; ++i) EXPECT_EQ(got[i].substr(got[i].size() - want[i].size()), want[i]);
+}
+
+TEST_F(DebugLog, NullTextsDoNotCrash) {
+  tslb_dl_init_internal(base_.c_str(), 0, -1);
+  tslb_dl_logging(0, nullptr, nullptr, 1, "text");
+  tslb_dl_logging(0, "", "", 1, "text");
+  EXPECT_EQ(count_lines(lines_of(0)), 2u);
+  tslb_dl_init_internal(nullptr, -1000, -1);
+  EXPECT_STREQ(g_dl->fname_abs, "/tmp/tslb_dlog");
+}
+
+TEST_F(DebugLog, StandardOutputHasNoFileAndStaysOpen) {
+  const std::string said = stdout_of([] {
+    tslb_dl_init_internal("stdout", 0, 0);
+    log(0, "one");
+    log(0, "two");
+  });
+  EXPECT_EQ(count_lines(said), 2u);
+  EXPECT_NE(said.find("|one\n"), std::string::npos);
+  tslb_dl_init_internal(base_.c_str(), 0, -1);
+  EXPECT_GE(fcntl(1, F_GETFD), 0) << "standard output was closed";
+}
+
+TEST_F(DebugLog, SecondStartClosesTheFileAndKeepsCounting) {
+  tslb_dl_init_internal(base_.c_str(), 0, -1);
+  log(0, "x");
+  const int fd = g_dl->fd;
+  const unsigned int n_threads = g_dl->n_threads;
+  TSLBDLog_t *const before = g_dl;
+  tslb_dl_init_internal((base_.string() + "2").c_str(), 5, 3);
+  EXPECT_EQ(g_dl, before);
+  EXPECT_EQ(fcntl(fd, F_GETFD), -1) << "the first file's descriptor leaked";
+  EXPECT_EQ(g_dl->n_threads, n_threads);
+  EXPECT_EQ(g_dl->level, 5);
+  EXPECT_EQ(g_tid, -1);
+}
+
+TEST_F(DebugLog, FailuresAreReportedAndTheNextLineTriesAgain) {
+  const auto expect_report = [](const std::string &report, const std::string &tail) {
+    EXPECT_TRUE(std::regex_search(report, std::regex("^tslb_dlog.cpp\\|\\d+\\|tslb_dl_fwrite\\|Error: failed to ")))
+        << report;
+    EXPECT_NE(report.find(tail), std::string::npos) << report;
+  };
+  const std::string missing = (dir_ / "no" / "log").string();
+  tslb_dl_init_internal(missing.c_str(), 0, -1);
+  expect_report(stderr_of([] { log(0, "lost"); }), "open file " + missing + ". err(2)=No such file or directory\n");
+  fs::create_directory(dir_ / "no");
+  EXPECT_EQ(stderr_of([] { log(0, "kept"); }), "");
+  EXPECT_TRUE(fs::exists(missing + "." + std::to_string(getpid()) + ".0")) << "the numbers begin again";
+
+  const std::string too_long = dir_.string() + "/" + std::string(1023 - dir_.string().size() - 1 - 5, 'l');
+  tslb_dl_init_internal(too_long.c_str(), 0, -1);
+  expect_report(stderr_of([] { log(0, "lost"); }), "open file " + too_long + ". err(36)=File name too long\n");
+
+  // A full disk.
+  fs::create_symlink("/dev/full", file(0));
+  tslb_dl_init_internal(base_.c_str(), 0, -1);
+  const std::string name = file(0).string() + ", fd = ";
+  expect_report(stderr_of([] { log(0, "lost with the header"); }), "write file header into file = " + name);
+  expect_report(stderr_of([] { log(0, "lost; a header gets no second attempt"); }), "write into file = " + name);
+  fs::remove(file(0));
+  EXPECT_EQ(stderr_of([] { log(0, "kept"); }), "");
+  EXPECT_NE(lines_of(0).find("|kept\n"), std::string::npos);
+}
+
+TEST_F(DebugLog, ManyThreadsLoseTearAndDoubleNothing) {
+  constexpr int kThreads = 4, kLines = 3000;
+  tslb_dl_init_internal(base_.c_str(), 0, 0);  // a new file for each line: rollover all the time
+  g_dl->fmax_sz = 20000;
+  std::vector<std::thread> threads;
+  for (int self = 0; self < kThreads; ++self)
+    threads.emplace_back([self] {
+      for (int i = 0; i < kLines; ++i)
+        TSLB_DLOG(0, "[%d:%d] %s", self, i, std::string(static_cast<size_t>(i % 90), 'x').c_str());
+    });
+  for (auto &thread : threads) thread.join();
+  std::map<std::pair<int, int>, int> seen;
+  int last[kThreads] = {-1, -1, -1, -1};
+  for (int version = 0; fs::exists(file(version)); ++version) {
+    EXPECT_LT(fs::file_size(file(version)), 20000u + 4096);
+    std::istringstream lines(lines_of(version));
+    for (std::string line; std::getline(lines, line);) {
+      int self, i;
+      const size_t at = line.find('[');
+      ASSERT_EQ(sscanf(line.c_str() + at, "[%d:%d] ", &self, &i), 2) << line;
+      ASSERT_EQ(line.substr(line.find("] ") + 2), std::string(static_cast<size_t>(i % 90), 'x')) << line;
+      ++seen[{self, i}];
+      EXPECT_EQ(i, last[self] + 1) << "a thread's lines changed their order";
+      last[self] = i;
+    }
+  }
+  EXPECT_EQ(seen.size(), size_t{kThreads * kLines});
+}

@@ -1,0 +1,330 @@
+// Processes and commands: real children of every kind, pid files, and the SIGCHLD handler before and after.
+#include <errno.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "array_support.h"
+#include "tslb_settings.h"
+#include "tslb_util.h"
+
+namespace fs = std::filesystem;
+
+// A child that runs `setup` and then waits to be killed; it is ready when this returns.
+class child_t {
+ public:
+  explicit child_t(const char *name, uid_t uid = 0) {
+    int ready[2];
+    if (pipe(ready) != 0) abort();
+    pid_ = fork();
+    if (pid_ == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      prctl(PR_SET_NAME, name);
+      if (uid != 0 && setuid(uid) != 0) _exit(9);
+      if (write(ready[1], "r", 1) != 1) _exit(9);
+      for (;;) pause();
+    }
+    char byte;
+    if (read(ready[0], &byte, 1) != 1) abort();
+    close(ready[0]);
+    close(ready[1]);
+  }
+  ~child_t() { end(); }
+  void die() {  // and stay a zombie
+    kill(pid_, SIGKILL);
+    siginfo_t ignored;
+    waitid(P_PID, static_cast<id_t>(pid_), &ignored, WEXITED | WNOWAIT);
+  }
+  void end() {
+    if (pid_ <= 0) return;
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+    pid_ = 0;
+  }
+  pid_t pid() const { return pid_; }
+
+ private:
+  pid_t pid_;
+};
+
+// ---- By number -----------------------------------------------------------------------------------------------------
+
+TEST(Alive, ByNumberAndName) {
+  child_t child("exactly_fifteen");
+  EXPECT_EQ(tslb_check_is_process_zombie(child.pid()), 1);
+  EXPECT_EQ(tslb_check_pid_alive(child.pid(), nullptr), 1);
+  EXPECT_EQ(tslb_check_pid_alive(child.pid(), "exactly_fifteen"), 1);
+  EXPECT_EQ(tslb_check_pid_alive(child.pid(), "exactly_fifteen_and_more"), 0);
+  EXPECT_EQ(tslb_check_pid_alive(child.pid(), "exactly_fiftee"), 0);
+  EXPECT_EQ(tslb_check_pid_alive(child.pid(), "other"), 0);
+  const pid_t pid = child.pid();
+  child.die();
+  EXPECT_EQ(tslb_check_is_process_zombie(pid), 0);
+  EXPECT_EQ(kill(pid, 0), 0) << "kill itself would say alive";
+  EXPECT_EQ(tslb_check_pid_alive(pid, nullptr), 0);
+  child.end();
+  EXPECT_EQ(tslb_check_is_process_zombie(pid), 2);
+  EXPECT_EQ(tslb_check_pid_alive(pid, nullptr), 0);
+  EXPECT_EQ(tslb_check_pid_alive(0, nullptr), 0);
+  EXPECT_EQ(tslb_check_pid_alive(-1, nullptr), 0);
+}
+
+TEST(Alive, AnotherUsersProcessIsNotAskedForItsName) {
+  if (getuid() != 0) GTEST_SKIP() << "needs to change users";
+  const child_t other("theirs", 65534);
+  const pid_t asker = fork();
+  if (asker == 0) {
+    if (setuid(65533) != 0) _exit(9);
+    _exit(tslb_check_pid_alive(other.pid(), "wrong name"));
+  }
+  int status;
+  waitpid(asker, &status, 0);
+  EXPECT_EQ(WEXITSTATUS(status), 1);
+}
+
+// ---- By pid file ---------------------------------------------------------------------------------------------------
+
+class PidFile : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::string pattern = (fs::temp_directory_path() / "tslb_pid_XXXXXX").string();
+    dir_ = mkdtemp(pattern.data());
+    memset(error_, 'e', sizeof(error_));
+  }
+  void TearDown() override {
+    fs::remove_all(dir_);
+    unsetenv("QX_WDIR");
+  }
+  void write(const std::string &text) { std::ofstream(dir_ / ".Part.pid") << text; }
+  int get(const char *bin_name) {
+    said_ = stdout_of([&] { result_ = tslb_get_pid(dir_.c_str(), "Part", bin_name, error_); });
+    return result_;
+  }
+  fs::path dir_;
+  char error_[512];
+  std::string said_;
+  int result_;
+};
+
+TEST_F(PidFile, FilesThatNameNoProcess) {
+  EXPECT_EQ(get("x"), -1);
+  EXPECT_EQ(std::string(error_), "Not able to open " + (dir_ / ".Part.pid").string() + " file, so returning.\n");
+  static const struct {
+    const char *fault, *text, *said;
+  } rows[] = {
+      {"empty file", "", "Component: Part, Error in reading pid, so returning."},
+      {"no number", "abc", "Component: Part, invalid pid [abc] found, so returning."},
+      {"no number on a line", "abc\n17\n", "Component: Part, invalid pid [abc] found, so returning."},
+      {"zero", "0\n", "Component: Part, invalid pid [0] found, so returning."},
+      {"more read than seven characters", "abcdefghij", "Component: Part, invalid pid [abcdefg] found, so returning."},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    write(row.text);
+    EXPECT_EQ(get("x"), -2);
+    EXPECT_EQ(said_, row.said);
+  }
+}
+
+TEST_F(PidFile, NamesDecide) {
+  static const struct {
+    const char *fault, *process, *bin_name;
+    bool matches;
+  } rows[] = {
+      {"same name", "velomark", "velomark", true},
+      {"another name", "velomark", "other", false},
+      {"a longer name than ps shows", "fifteen_letters", "fifteen_letters_and_more", true},
+      {"a name in front of the dot", "velomark.new", "velomark", true},
+      {"a part of it in front of the dot", "velo.x", "velomark", true},
+      {"another one in front of the dot", "vexo.x", "velomark", false},
+      {"dot on the wrong side", "velomark", "velomark.new", false},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    const child_t child(row.process);
+    write(std::to_string(child.pid()) + "\n");
+    EXPECT_EQ(get(row.bin_name), row.matches ? child.pid() : -4);
+    EXPECT_EQ(said_, row.matches ? "" : "Binary name not matched.\n");
+    EXPECT_EQ(std::string(error_).rfind("Method called. Command = ps -p ", 0), 0u) << error_;
+  }
+}
+
+TEST_F(PidFile, OwnNameAndGoneProcesses) {
+  char own[16] = {};
+  prctl(PR_GET_NAME, own);
+  {
+    const child_t child(own);
+    write(std::to_string(child.pid()));
+    EXPECT_EQ(get(nullptr), child.pid());
+  }
+  EXPECT_EQ(get(nullptr), -5);
+  EXPECT_EQ(said_, "");
+  EXPECT_EQ(get("x"), -5);
+}
+
+TEST_F(PidFile, PathsThatDoNotFitAreRefusedNotCut) {
+  // Cut at 1,023 characters this one would name a file that exists.
+  std::string deep = dir_.string();
+  while (deep.size() < 1010) deep += "/.";
+  const std::string component(600, 'c');
+  EXPECT_EQ(tslb_get_pid(deep.c_str(), component.c_str(), "x", error_), -1);
+  EXPECT_EQ(std::string(error_).rfind("Not able to open ", 0), 0u);
+  EXPECT_LT(strlen(error_), 511u);
+}
+
+TEST_F(PidFile, MainComponentOfARun) {
+  EXPECT_EQ(check_tarnhub_pid_alive(), -1) << "no QX_WDIR";
+  setenv("QX_WDIR", dir_.c_str(), 1);
+  fs::create_directories(dir_ / "logs" / "TR17" / ".pidfiles");
+  const child_t child("velomark.17");
+  std::ofstream(dir_ / "logs" / "TR17" / ".pidfiles" / ".TarnHub.pid") << child.pid();
+  EXPECT_EQ(check_tarnhub_pid_alive_ex(17), child.pid());
+  EXPECT_EQ(check_tarnhub_pid_alive_tr(17), child.pid());
+  EXPECT_EQ(check_tarnhub_pid_alive_ex(18), -1);
+  tslb_testidx = 17;
+  EXPECT_EQ(check_tarnhub_pid_alive(), child.pid());
+  tslb_testidx = 0;
+  setenv("QX_WDIR", (dir_.string() + "/" + std::string(300, '.')).c_str(), 1);
+  EXPECT_EQ(check_tarnhub_pid_alive_ex(17), -1);
+}
+
+// ---- Commands ------------------------------------------------------------------------------------------------------
+
+static void hosts_handler(int) {}
+
+// Every form, run under the host's own handler, which has to be back afterwards.
+class Commands : public testing::Test {
+ protected:
+  void SetUp() override { signal(SIGCHLD, hosts_handler); }
+  void TearDown() override {
+    EXPECT_EQ(signal(SIGCHLD, SIG_DFL), hosts_handler) << "the host's SIGCHLD handler did not come back";
+  }
+};
+
+// No process can be started while it lives.
+struct no_processes_t {
+  no_processes_t() {
+    getrlimit(RLIMIT_NOFILE, &before_);
+    const rlimit none = {3, before_.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+  }
+  ~no_processes_t() { setrlimit(RLIMIT_NOFILE, &before_); }
+  rlimit before_;
+};
+
+TEST_F(Commands, ExitStatus) {
+  static const struct {
+    const char *command;
+    int result;
+    const char *text;
+  } rows[] = {
+      {"true", 0, "untouched"},
+      {"exit 3", 3, "Error in running command with exit status = 3. Err["},
+      {"exit 255", 255, "Error in running command with exit status = 255. Err["},
+      {"kill -9 $$", 9, "untouched"},
+      {"no_such_command_here 2>/dev/null", 127, "Error in running command with exit status = 127. Err["},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.command);
+    char err_msg[256] = "untouched";
+    EXPECT_EQ(tslb_system(row.command, err_msg), row.result);
+    EXPECT_EQ(std::string(err_msg).rfind(row.text, 0), 0u) << err_msg;
+    if (row.text[0] == 'E') {
+      EXPECT_NE(std::string(err_msg).find(std::string(". Command = ") + row.command), std::string::npos) << err_msg;
+    }
+  }
+  char bounded[257];
+  bounded[256] = 'g';
+  EXPECT_EQ(tslb_system(("exit 3 # " + std::string(1000, 'x')).c_str(), bounded), 3);
+  EXPECT_EQ(strlen(bounded), 255u);
+  EXPECT_EQ(bounded[256], 'g');
+}
+
+TEST_F(Commands, LastLine) {
+  static const struct {
+    const char *fault, *command;
+    int length;
+    const char *out;
+  } rows[] = {
+      {"first line kept", "printf 'one\\ntwo\\nthree\\n'", 100, "three"},
+      {"last line needs a newline", "printf 'one\\ntwo'", 100, "two"},
+      {"exit status looked at", "echo line; exit 1", 100, "line"},
+      {"emptied without output", "true", 100, "before"},
+      {"whole line kept", "echo abcdefgh", 6, "fgh"},
+      {"piece that is a newline", "echo abcde", 6, ""},
+      {"no room for a character", "echo abc", 1, ""},
+      {"no room and nothing written", "true", 1, "before"},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    char out[100] = "before", error[512];
+    EXPECT_EQ(tslb_run_cmd_and_get_last_line(row.command, row.length, out, error), 0);
+    EXPECT_STREQ(out, row.out);
+    EXPECT_EQ(std::string(error), std::string("Method called. Command = ") + row.command);
+  }
+  // Longer lines than any stack has room for.
+  std::vector<char> large(3 << 20);
+  char error[512];
+  EXPECT_EQ(tslb_run_cmd_and_get_last_line("head -c 2000000 /dev/zero | tr '\\0' a", 3 << 20, large.data(), error), 0);
+  EXPECT_EQ(strlen(large.data()), 2000000u);
+}
+
+TEST_F(Commands, LastLineRefusals) {
+  char out[8] = "before", error[513];
+  error[512] = 'g';
+  const std::string long_command = "true # " + std::string(1000, 'x');
+  EXPECT_EQ(tslb_run_cmd_and_get_last_line(long_command.c_str(), 0, out, error), -1);
+  EXPECT_STREQ(out, "before");
+  EXPECT_LT(strlen(error), 511u);
+  EXPECT_EQ(stderr_of([&] {
+              const no_processes_t limit;
+              EXPECT_EQ(tslb_run_cmd_and_get_last_line("true", 8, out, error), -1);
+            }),
+            "Error: Error in executing command = true. Error = Too many open files\n");
+  EXPECT_EQ(error[512], 'g');
+}
+
+TEST_F(Commands, WholeOutput) {
+  static const struct {
+    const char *fault, *command;
+    int room;
+    const char *output;
+  } rows[] = {
+      {"newlines dropped", "printf 'one\\ntwo\\n'", 100, "one\ntwo\n"},
+      {"terminator not counted", "printf abcdefgh", 6, "abcde"},
+      {"several pieces run over", "printf 'ab\\ncd\\nef\\n'", 6, "ab\ncd"},
+      {"no room for a character", "echo abc", 1, ""},
+      {"old text kept", "true", 100, ""},
+      {"waits for a command that never ends", "yes", 5, "y\ny\n"},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    char output[100] = "before", err_msg[256] = "untouched";
+    EXPECT_EQ(tslb_exe_command_and_get_op(row.command, err_msg, output, row.room), output);
+    EXPECT_STREQ(output, row.output);
+    EXPECT_STREQ(err_msg, "untouched");
+  }
+  std::vector<char> large(200001);
+  tslb_exe_command_and_get_op("head -c 200000 /dev/zero | tr '\\0' a", nullptr, large.data(), 200001);
+  EXPECT_EQ(strlen(large.data()), 200000u);
+}
+
+TEST_F(Commands, WholeOutputRefusals) {
+  char output[8] = "before", err_msg[256];
+  EXPECT_EQ(tslb_exe_command_and_get_op("true", err_msg, output, 0), nullptr);
+  EXPECT_EQ(tslb_exe_command_and_get_op("true", nullptr, output, -5), nullptr);
+  EXPECT_STREQ(output, "before");
+  EXPECT_EQ(stderr_of([&] {
+              const no_processes_t limit;
+              EXPECT_EQ(tslb_exe_command_and_get_op("true", err_msg, output, 8), nullptr);
+              EXPECT_EQ(tslb_exe_command_and_get_op("true", nullptr, output, 8), nullptr);
+            }),
+            "");
+  EXPECT_STREQ(err_msg, "command execution failed, error - Too many open files");
+}

@@ -1,0 +1,261 @@
+// The snapshot stream, byte for byte, and the walk that hands blocks to a callback.
+#include <dlfcn.h>
+#include <errno.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include "array_support.h"
+
+#include "tslb_rd_api.h"
+#include "tslb_settings.h"
+
+// What the next calls of write do: a count is written at most that far, -1 fails with EINTR.
+static std::vector<int> script;
+static size_t script_at;
+static int write_calls;
+
+extern "C" __attribute__((visibility("default"))) ssize_t write(int fd, const void *bytes, size_t size) {
+  static const auto real = reinterpret_cast<ssize_t (*)(int, const void *, size_t)>(dlsym(RTLD_NEXT, "write"));
+  ++write_calls;
+  if (script_at < script.size()) {
+    const int step = script[script_at++];
+    if (step < 0) {
+      errno = EINTR;
+      return -1;
+    }
+    if (static_cast<size_t>(step) < size) size = static_cast<size_t>(step);
+  }
+  return real(fd, bytes, size);
+}
+
+class Snapshot : public testing::Test {
+ protected:
+  void SetUp() override { file_ = tmpfile(); }
+  void TearDown() override {
+    fclose(file_);
+    lib_config.tslb_enable_file_trimming_flag = 0;
+    tslb_test_mode = static_cast<char>(0xFF);
+    script.clear();
+    script_at = 0;
+  }
+  // The stream of an array; result and total_write_sz stay in the members.
+  std::string dump(DynArrHandle_t *array) {
+    EXPECT_EQ(ftruncate(fileno(file_), 0), 0);
+    lseek(fileno(file_), 0, SEEK_SET);
+    total_ = 1000;
+    result_ = tslb_create_dump_for_dynarr(array, fileno(file_), 77, &total_);
+    total_ -= 1000;
+    std::string stream(static_cast<size_t>(lseek(fileno(file_), 0, SEEK_END)), '\0');
+    EXPECT_EQ(pread(fileno(file_), stream.data(), stream.size(), 0), static_cast<ssize_t>(stream.size()));
+    return stream;
+  }
+  FILE *file_;
+  size_t total_;
+  int result_;
+};
+
+// The flat image by hand: headers, then slot after slot as lookups find them.
+static std::string image_of(DynArrHandle_t *array) {
+  int shift = 0;
+  const uint32_t slot_bytes = tslb_da_get_slotsz(array, &shift);
+  std::string image(bytes_of(array->arr_base), static_cast<size_t>(tslb_dynmem_get_hdrsz(array)));
+  for (uint32_t idx = 0; idx < tslb_da_get_size(array); ++idx)
+    image.append(bytes_of(tslb_da_get_ptr(array, idx)) - shift, slot_bytes);
+  return image;
+}
+
+static array_t filled(int record_size, int n_direct, uint8_t daflag, int n_used) {
+  array_t array(tslb_da_init_ll(record_size, n_direct, MPOOL_TYPE_DRAM, "ctx", 12, daflag));
+  for (int i = 0; i < n_used; ++i) {
+    uint32_t idx;
+    memset(tslb_da_get_newptr(array.get(), &idx), i * 3 + 1, static_cast<size_t>(record_size));
+  }
+  return array;
+}
+
+TEST_F(Snapshot, IsTheFlatImageOfWhatIsInUse) {
+  static const struct {
+    const char *fault;
+    int n_direct, n_used;
+  } rows[] = {
+      {"empty array writes its direct area", 4, 0},
+      {"direct area beyond n_used written", 4, 3},
+      {"tables touched without need", 4, 4},
+      {"last block written whole", 4, 5},
+      {"full last block cut", 4, 20},
+      {"level 1 left early", 4, 4 + 256},
+      {"level 2 missed", 4, 4 + 256 + 5},
+      {"level 3 missed", 0, 4352 + 17},
+  };
+  for (const uint8_t daflag : std::initializer_list<uint8_t>{0, 1, 2}) {
+    for (const auto &row : rows) {
+      SCOPED_TRACE(testing::Message() << row.fault << ", flags " << int{daflag});
+      const array_t array = filled(13, row.n_direct, daflag, row.n_used);
+      const std::string stream = dump(array.get());
+      EXPECT_EQ(result_, 0);
+      EXPECT_EQ(stream, image_of(array.get()));
+      EXPECT_EQ(total_, stream.size());
+    }
+  }
+}
+
+TEST_F(Snapshot, OneWritePerBlock) {
+  const array_t array = filled(13, 100, 0, 100 + 40);
+  write_calls = 0;
+  dump(array.get());
+  EXPECT_EQ(write_calls, 1 + 3);
+}
+
+TEST_F(Snapshot, InterruptedAndShortWritesGoOn) {
+  const array_t array = filled(13, 10, 2, 40);
+  script = {-1, 5, -1, -1, 0, 1, 7, -1, 100, 3, 2, -1};
+  std::string stream;
+  EXPECT_EQ(stderr_of([&] { stream = dump(array.get()); }), "");
+  EXPECT_EQ(script_at, script.size());
+  EXPECT_EQ(result_, 0);
+  EXPECT_EQ(stream, image_of(array.get()));
+}
+
+TEST_F(Snapshot, FailedWriteIsReportedAndMinusOne) {
+  const array_t array = filled(100, 2, 0, 40);
+  signal(SIGXFSZ, SIG_IGN);
+  rlimit before;
+  getrlimit(RLIMIT_FSIZE, &before);
+  const rlimit small = {2000, before.rlim_max};  // in the middle of the second data block
+  std::string stream, report = stderr_of([&] {
+                        setrlimit(RLIMIT_FSIZE, &small);
+                        stream = dump(array.get());
+                        setrlimit(RLIMIT_FSIZE, &before);
+                      });
+  EXPECT_EQ(result_, -1);
+  EXPECT_EQ(stream, image_of(array.get()).substr(0, 2000)) << "what was written before stays";
+  EXPECT_EQ(total_, 224u + 1600 + 1600) << "the failed block counts in full";
+  char want[512];
+  snprintf(
+      want, sizeof(want),
+      "failed to write data in dds snapshot file. ctx_name ctx, mpool - %p, indirection level - 1,block addr - %p, "
+      "size - 1600, amt_written - 176, amt_to_copy - 1424, ret - -1, error - File too large\n",
+      static_cast<void *>(get_dyn_hdr(array.get())), array->ir_base->ir1[1]);
+  EXPECT_EQ(report, want);
+
+  EXPECT_NE(stderr_of([&] { EXPECT_EQ(tslb_create_dump_for_dynarr(array.get(), -1, 0, &total_), -1); }), "");
+}
+
+TEST_F(Snapshot, HoleIsSteppedOverAndTold) {
+  const array_t array(get_default_dyn_array(8, 0, MPOOL_TYPE_DRAM));
+  pretend_issued(array.get(), 40);
+  write_at(get_dyn_arr_record_position(array.get(), 39), 0, uint64_t{39});  // blocks 1 and 2 are missing
+  const std::string stream = dump(array.get());
+  EXPECT_EQ(result_, -1);
+  EXPECT_EQ(stream.size(), 24u + 16 * 8);
+}
+
+TEST_F(Snapshot, ShortLastSlotAndItsConditions) {
+  static const struct {
+    const char *fault;
+    int tbl_id, test_mode, trimming;
+    uint32_t cursor_slot;
+    bool cut;
+  } rows[] = {
+      {"big-buffer pool not cut", BBP_TBLID, 0, 1, 1, true},
+      {"bit-vector pool not cut", BVP_TBLID, 2, 3, 1, true},
+      {"any table cut", -5, 0, 1, 1, false},
+      {"cut although the host never set the mode", BBP_TBLID, 0xFF, 1, 1, false},
+      {"cut in the mode that forbids it", BBP_TBLID, 1, 1, 1, false},
+      {"cut without trimming", BBP_TBLID, 0, 0, 1, false},
+      {"trimming taken for any bit", BBP_TBLID, 0, 2, 1, false},
+      {"cut although the current slot is not the last", BBP_TBLID, 0, 1, 0, false},
+  };
+  for (const uint8_t daflag : std::initializer_list<uint8_t>{0, 1, 2}) {
+    for (const auto &row : rows) {
+      SCOPED_TRACE(testing::Message() << row.fault << ", flags " << int{daflag});
+      const array_t pool(tslb_init_dynmem(1000, 4, 0, MPOOL_TYPE_DRAM, 0, "bb", row.tbl_id, daflag));
+      maddr_t address;
+      tslb_dynmem_get_mchunk(pool.get(), &address, 1000, srcaddr_t{});
+      memset(tslb_dynmem_get_mchunk(pool.get(), &address, 300, srcaddr_t{}), 'c', 300);
+      DynMemHdr_t *const hdr = static_cast<DynMemHdr_t *>(get_user_hdr(pool.get()));
+      hdr->cur_slot_addr = row.cursor_slot | (uint64_t{300} << 32);
+      tslb_test_mode = static_cast<char>(row.test_mode);
+      lib_config.tslb_enable_file_trimming_flag = static_cast<uint8_t>(row.trimming);
+      const std::string whole = image_of(pool.get()), stream = dump(pool.get());
+      EXPECT_EQ(result_, 0);
+      EXPECT_EQ(total_, whole.size()) << "a cut slot counts in full";
+      const size_t slot_bytes = tslb_da_get_slotsz(pool.get(), nullptr);
+      const size_t cut_size = whole.size() - slot_bytes + (daflag != 0 ? 8 : 0) + 8 + 300;
+      EXPECT_EQ(stream, row.cut ? whole.substr(0, cut_size) : whole);
+      if (row.cut && daflag < 2) {
+        EXPECT_EQ(stream.size(), daflag == 0 ? 1396u : 1472u);
+      }
+    }
+  }
+}
+
+TEST_F(Snapshot, ShortSlotInADataBlockAndNoneInAnEmptyPool) {
+  tslb_test_mode = 0;
+  lib_config.tslb_enable_file_trimming_flag = 1;
+  const array_t empty(tslb_init_dynmem(1000, 4, 0, MPOOL_TYPE_DRAM, 0, "bb", BBP_TBLID, 0));
+  EXPECT_EQ(dump(empty.get()).size(), 80u);
+  const array_t pool(tslb_init_dynmem(1000, 1, 0, MPOOL_TYPE_DRAM, 0, "bb", BBP_TBLID, 0));
+  maddr_t address;
+  for (int i = 0; i < 20; ++i) tslb_dynmem_get_mchunk(pool.get(), &address, 700, srcaddr_t{});
+  EXPECT_EQ(dump(pool.get()), image_of(pool.get()).substr(0, 80 + 19 * 1008 + 708));
+  // A slot array under a pool's table id has no cursor to go by.
+  const array_t slots(tslb_da_init_v5(100, 4, MPOOL_TYPE_DRAM, "x", BBP_TBLID));
+  tslb_da_get_newidx(slots.get());
+  EXPECT_EQ(dump(slots.get()).size(), 124u);
+}
+
+// ---- Callback ------------------------------------------------------------------------------------------------------
+
+struct visit_t {
+  void *block;
+  int n_block_elem;
+  size_t bytes;
+  int hdr_size, level, record_size, reserved;
+};
+struct visits_t {
+  std::vector<visit_t> seen;
+  size_t stop_after;
+};
+
+static int on_block(DynamicArray_t, void *block, int n_block_elem, size_t bytes, int hdr_size, int level,
+                    int record_size, int reserved, void *user_data) {
+  visits_t &visits = *static_cast<visits_t *>(user_data);
+  visits.seen.push_back({block, n_block_elem, bytes, hdr_size, level, record_size, reserved});
+  return visits.seen.size() == visits.stop_after ? -7 : 0;
+}
+
+TEST(Iteration, BlocksInOrderWithTheirShares) {
+  const array_t array = filled(100, 4, TSLB_DA_DAFLAG_INLL, 4 + 256 + 5);
+  visits_t visits = {{}, 0};
+  tslb_iterate_dyn_array_blocks(array.get(), on_block, &visits);
+  ASSERT_EQ(visits.seen.size(), 1u + 16 + 1);
+  for (size_t i = 0; i < visits.seen.size(); ++i) {
+    SCOPED_TRACE(i);
+    const visit_t &visit = visits.seen[i];
+    const int want_elem = i == 0 ? 4 : i == 17 ? 5 : 16;
+    EXPECT_EQ(visit.block, i == 0 ? array->arr_base : i == 17 ? array->ir_base->ir2[0][0] : array->ir_base->ir1[i - 1]);
+    EXPECT_EQ(visit.n_block_elem, want_elem);
+    EXPECT_EQ(visit.hdr_size, i == 0 ? 84 : 0);
+    EXPECT_EQ(visit.bytes, static_cast<size_t>((i == 0 ? 84 : 0) + want_elem * 116));
+    EXPECT_EQ(visit.level, i == 0 ? 0 : i == 17 ? 2 : 1);
+    EXPECT_EQ(visit.record_size, 100);
+    EXPECT_EQ(visit.reserved, 0);
+  }
+  for (const size_t stop_after : {size_t{1}, size_t{2}, size_t{17}}) {
+    visits = {{}, stop_after};
+    tslb_iterate_dyn_array_blocks(array.get(), on_block, &visits);
+    EXPECT_EQ(visits.seen.size(), stop_after) << "a callback's result ends the walk";
+  }
+}
+
+TEST(Iteration, EmptyArrayIsOneBlockOfHeaders) {
+  const array_t array = filled(100, 4, 0, 0);
+  visits_t visits = {{}, 0};
+  tslb_iterate_dyn_array_blocks(array.get(), on_block, &visits);
+  ASSERT_EQ(visits.seen.size(), 1u);
+  EXPECT_EQ(visits.seen[0].n_block_elem, 0);
+  EXPECT_EQ(visits.seen[0].bytes, 24u);
+}

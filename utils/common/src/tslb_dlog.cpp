@@ -1,0 +1,183 @@
+// The debug log. One mutex covers a line from its time stamp to its write, so lines stand in the order of their stamps and
+// a rollover happens between two of them.
+#include "tslb_dlog.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <libgen.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "tslb_atomics.h"
+#include "tslb_util.h"
+
+TSLBDLog_t *g_dl = nullptr;
+__thread int g_tid = -1;
+__thread char g_thname[33];
+
+constexpr char DEFAULT_BASE[] = "/tmp/tslb_dlog";
+constexpr char FILE_HEADER[] = "#DateTime|FileName|LineNo|FunName|PID|TID|THName|Msg\n";
+constexpr size_t FILE_HEADER_LEN = sizeof(FILE_HEADER) - 1;
+constexpr size_t BASE_LEN = 1023;
+constexpr size_t LINE_BYTES = 4096;  // newline included
+constexpr size_t NAME_LEN = 31;
+constexpr int DEFAULT_MIB = 10;
+constexpr int MIB_MAX = 2047;  // more does not fit an int as bytes
+
+// Acquire, paired with the release of the first initialisation: who sees the log sees it set up.
+static TSLBDLog_t *the_log() {
+  return __atomic_load_n(&g_dl, __ATOMIC_ACQUIRE);
+}
+
+// ---- Initialisation ------------------------------------------------------------------------------------------------
+
+static void set_up(TSLBDLog_t *log, const char *dlog_fname, int dlevel, int fmax_sz) {
+  // What the log opened itself; never a standard stream.
+  if (log->fname_abs[0] != '\0' && log->fd > STDERR_FILENO) close(log->fd);
+  const int mib = fmax_sz < 0 ? DEFAULT_MIB : fmax_sz > MIB_MAX ? MIB_MAX : fmax_sz;
+  const bool to_stdout = dlog_fname != nullptr && strcmp(dlog_fname, "stdout") == 0;
+  log->pid = getpid();
+  log->fver = -1;
+  log->fmax_sz = mib << 20;
+  log->fd = to_stdout ? STDOUT_FILENO : -1;
+  snprintf(log->fname_abs, BASE_LEN + 1, "%s", to_stdout ? "" : dlog_fname != nullptr ? dlog_fname : DEFAULT_BASE);
+  __atomic_store_n(&log->level, dlevel, __ATOMIC_RELAXED);
+}
+
+void tslb_dl_init_internal(const char *dlog_fname, int dlevel, int fmax_sz) {
+  TSLBDLog_t *log = the_log();
+  if (log == nullptr) {
+    log = static_cast<TSLBDLog_t *>(calloc(1, sizeof(TSLBDLog_t)));
+    if (log == nullptr) {
+      fprintf(stderr, "Error: failed to allocate memory for DLOG handle of size %ld.\n",
+              static_cast<long>(sizeof(TSLBDLog_t)));
+      return;
+    }
+    pthread_mutex_init(&log->dl_thlock, nullptr);
+    set_up(log, dlog_fname, dlevel, fmax_sz);
+    __atomic_store_n(&g_dl, log, __ATOMIC_RELEASE);
+  } else {
+    pthread_mutex_lock(&log->dl_thlock);
+    set_up(log, dlog_fname, dlevel, fmax_sz);
+    pthread_mutex_unlock(&log->dl_thlock);
+  }
+  g_tid = -1;
+  snprintf(g_thname, sizeof(g_thname), "-");
+}
+
+// ---- Threads -------------------------------------------------------------------------------------------------------
+
+static void tslb_dl_set_thid() {
+  TSLBDLog_t *const log = the_log();
+  if (log != nullptr && g_tid == -1) g_tid = static_cast<int>(get_and_inc32(&log->n_threads, 1));
+}
+
+void tslb_dl_set_thname_internal(const char *thname) {
+  if (the_log() == nullptr) return;
+  const bool named = thname != nullptr && thname[0] != '\0';
+  snprintf(g_thname, NAME_LEN + 1, "%s", named ? thname : "-");
+  tslb_dl_set_thid();
+}
+
+// ---- Files ---------------------------------------------------------------------------------------------------------
+
+#define REPORT_PLACE __FILE_NAME__, __LINE__, "tslb_dl_fwrite"
+
+// "base.pid.version"; false, with errno set, if that does not fit: cut numbers would name one file for all versions.
+static bool name_file(const TSLBDLog_t *log, char (&name)[BASE_LEN + 1]) {
+  const int len = snprintf(name, sizeof(name), "%s.%d.%d", log->fname_abs, log->pid, log->fver);
+  if (len >= 0 && static_cast<size_t>(len) < sizeof(name)) return true;
+  errno = ENAMETOOLONG;
+  return false;
+}
+
+static void leave_file(TSLBDLog_t *log) {
+  if (log->fd > 0) close(log->fd);
+  log->fd = -1;
+}
+
+// Leaves a file that has grown to its size, and one that is gone, whose numbering begins again.
+static void roll_over(TSLBDLog_t *log) {
+  char name[BASE_LEN + 1];
+  struct stat file;
+  if (!name_file(log, name) || stat(name, &file) != 0) {
+    leave_file(log);
+    log->fver = -1;
+  } else if (file.st_size >= log->fmax_sz) {
+    leave_file(log);
+  }
+}
+
+// Opens the next version with its header; false after a report.
+static bool open_next(TSLBDLog_t *log, char (&name)[BASE_LEN + 1]) {
+  ++log->fver;
+  if (name_file(log, name)) log->fd = open(name, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  if (log->fd < 0) {
+    const int err = errno;
+    fprintf(stderr, "%s|%d|%s|Error: failed to open file %s. err(%d)=%s\n", REPORT_PLACE, log->fname_abs, err,
+            strerror(err));
+    return false;
+  }
+  if (write(log->fd, FILE_HEADER, FILE_HEADER_LEN) >= 0) return true;
+  const int err = errno;
+  fprintf(stderr, "%s|%d|%s|Error: failed to write file header into file = %s, fd = %d. err(%d)=%s\n", REPORT_PLACE,
+          name, log->fd, err, strerror(err));
+  return false;
+}
+
+// Writes one line, to the file that is due. Under the lock.
+static void tslb_dl_fwrite(TSLBDLog_t *log, const char *msg, size_t msg_len) {
+  char name[BASE_LEN + 1] = "";
+  if (log->fname_abs[0] != '\0') {
+    roll_over(log);
+    if (log->fd == -1 && !open_next(log, name)) return;
+  }
+  if (write(log->fd, msg, msg_len) >= 0) return;
+  const int err = errno;
+  if (log->fname_abs[0] != '\0') name_file(log, name);
+  fprintf(stderr, "%s|%d|%s|Error: failed to write into file = %s, fd = %d. err(%d)=%s\n", REPORT_PLACE, name, log->fd,
+          err, strerror(err));
+}
+
+// ---- Lines ---------------------------------------------------------------------------------------------------------
+
+// Base name of a path, in a buffer, since basename may change what it is given. A path too long for it loses its start.
+static const char *base_name_of(const char *path, char (&copy)[1024]) {
+  if (path == nullptr) return "-";
+  const size_t len = strlen(path);
+  const size_t skipped = len < sizeof(copy) ? 0 : len - sizeof(copy) + 1;
+  memcpy(copy, path + skipped, len - skipped + 1);
+  return basename(copy);
+}
+
+// What a bounded format left in its room, which it may have wanted to exceed.
+static size_t kept_of(int formatted, size_t room) {
+  if (formatted < 0) return 0;
+  return static_cast<size_t>(formatted) < room ? static_cast<size_t>(formatted) : room - 1;
+}
+
+void tslb_dl_logging(int dlevel, const char *file_name, const char *fun_name, int line_no, const char *fmt, ...) {
+  TSLBDLog_t *const log = the_log();
+  if (log == nullptr || dlevel > __atomic_load_n(&log->level, __ATOMIC_RELAXED)) return;
+  const int caller_errno = errno;
+  tslb_dl_set_thid();
+  char base[1024], date_time[65], msg_buff[LINE_BYTES + 1];
+  const char *const file = base_name_of(file_name, base);
+
+  pthread_mutex_lock(&log->dl_thlock);
+  size_t wbytes = kept_of(snprintf(msg_buff, LINE_BYTES, "%s|%s|%d|%s|%d|%d|%s|", tslb_get_cur_date_time(date_time, 1),
+                                   file, line_no, fun_name != nullptr ? fun_name : "-", log->pid, g_tid, g_thname),
+                          LINE_BYTES);
+  va_list values;
+  va_start(values, fmt);
+  wbytes += kept_of(vsnprintf(msg_buff + wbytes, LINE_BYTES - wbytes, fmt, values), LINE_BYTES - wbytes);
+  va_end(values);
+  msg_buff[wbytes++] = '\n';
+  tslb_dl_fwrite(log, msg_buff, wbytes);
+  pthread_mutex_unlock(&log->dl_thlock);
+  errno = caller_errno;
+}
