@@ -115,8 +115,7 @@ bool LineParser::parse_head() {
     sorted = sorted && (n < 2 || tags_[n - 2].key < tags_[n - 1].key);
   }
   if (pos_ != end_ && !at(' '))
-    return fail(
-        fmt::format("control character behind {}", quoted({begin, static_cast<size_t>(pos_ - begin)})));
+    return fail(fmt::format("control character behind {}", quoted({begin, static_cast<size_t>(pos_ - begin)})));
   line_.head = {begin, static_cast<size_t>(pos_ - begin)};
   return sorted || join_sorted_head();
 }
@@ -137,8 +136,8 @@ bool LineParser::parse_tag() {
 // The uncommon path: the tags came in another order, or one came twice.
 bool LineParser::join_sorted_head() {
   std::sort(tags_.begin(), tags_.end(), [](const Tag &a, const Tag &b) { return a.key < b.key; });
-  const auto twice = std::adjacent_find(tags_.begin(), tags_.end(),
-                                        [](const Tag &a, const Tag &b) { return a.key == b.key; });
+  const auto twice =
+      std::adjacent_find(tags_.begin(), tags_.end(), [](const Tag &a, const Tag &b) { return a.key == b.key; });
   if (twice != tags_.end()) return fail(fmt::format("tag {} is given twice", quoted(twice->key)));
   sorted_head_ = measurement_;
   for (const Tag &tag : tags_) sorted_head_.append(1, ',').append(tag.text);
@@ -179,8 +178,7 @@ bool LineParser::parse_string(std::string_view key) {
   }
   if (pos_ == end_) return fail(fmt::format("the string of field {} has no closing quote", quoted(key)));
   ++pos_;
-  if (pos_ != end_ && !at(',') && !at(' '))
-    return fail(fmt::format("text behind the string of field {}", quoted(key)));
+  if (pos_ != end_ && !at(',') && !at(' ')) return fail(fmt::format("text behind the string of field {}", quoted(key)));
   ++line_.strings_skipped;
   return true;
 }
@@ -202,8 +200,7 @@ bool LineParser::parse_value(std::string_view key, std::string_view text, double
   if (error == std::errc::result_out_of_range)
     return fail(fmt::format("field {}: {} is out of range", quoted(key), quoted(text)));
   const std::optional<double> boolean = boolean_of(text);
-  if (!boolean)
-    return fail(fmt::format("field {}: {} is no number, boolean or string", quoted(key), quoted(text)));
+  if (!boolean) return fail(fmt::format("field {}: {} is no number, boolean or string", quoted(key), quoted(text)));
   value = *boolean;
   return true;
 }
@@ -217,8 +214,7 @@ bool LineParser::parse_timestamp() {
   int64_t units = 0;
   int64_t ts_ns = 0;
   const std::errc error = number_of(text, units);
-  if (error == std::errc::invalid_argument)
-    return fail(fmt::format("timestamp {} is no integer", quoted(text)));
+  if (error == std::errc::invalid_argument) return fail(fmt::format("timestamp {} is no integer", quoted(text)));
   if (error != std::errc() || __builtin_mul_overflow(units, ns_per_unit_, &ts_ns))
     return fail(fmt::format("timestamp {} is out of range", quoted(text)));
   skip_blanks();

@@ -24,7 +24,7 @@ void Loader::store_line() {
   for (const ParsedField &field : line.fields) {
     key_.resize(prefix);
     key_.append(field.key);
-    store_.append(store_.series_of(key_), {ts_ns, field.value});
+    store_.add(key_, {ts_ns, field.value});
     ++stats_.points;
   }
   stats_.strings_skipped += line.strings_skipped;

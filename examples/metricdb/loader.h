@@ -12,8 +12,8 @@
 namespace metricdb {
 
 struct LoadStats {
-  uint64_t lines = 0;  // all of them, comments and blank ones too
-  uint64_t points = 0;
+  uint64_t lines = 0;   // all of them, comments and blank ones too
+  uint64_t points = 0;  // those that the store forgot too
   uint64_t strings_skipped = 0;
   uint64_t malformed = 0;
 };

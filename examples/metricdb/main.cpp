@@ -29,12 +29,16 @@ constexpr int EXIT_ERROR = 1;
 constexpr int EXIT_SOME_MALFORMED = 2;
 
 constexpr int64_t NS_PER_S = 1'000'000'000;
+constexpr int64_t LONGEST_S = INT64_MAX / NS_PER_S;
 
 struct LoadArguments {
   std::vector<std::string> files;
   std::string precision = "ns";
   std::string series_pattern;
   bool check = false;
+  int64_t retain_s = 0;
+  int64_t idle_s = 0;
+  int reuse_inactive_pct = 0;
 };
 
 struct RecordArguments {
@@ -55,8 +59,13 @@ void print(const std::string &text) {
     fail_output("stdout");
 }
 
-bool checks_out(const Store &store, std::vector<Input> &inputs, Precision precision, int64_t now_ns) {
-  Check check(store, precision, now_ns);
+bool checks_out(const Store &store, std::vector<Input> &inputs, Precision precision, int64_t now_ns,
+                int64_t retain_ns) {
+  Check check(store, precision, now_ns, retain_ns);
+  for (size_t i = 0; retain_ns != 0 && i < inputs.size(); ++i) {
+    check.find_newest(inputs[i].text());
+    inputs[i].release(true);
+  }
   for (Input &input : inputs) {
     check.compare(input.text());
     input.release(false);
@@ -68,8 +77,7 @@ bool checks_out(const Store &store, std::vector<Input> &inputs, Precision precis
   }
   std::string text;
   for (const std::string &difference : check.first_differences()) text += "check: " + difference + "\n";
-  print(text +
-        fmt::format("check: {} differences, {} points match\n", check.n_differences(), check.n_matching()));
+  print(text + fmt::format("check: {} differences, {} points match\n", check.n_differences(), check.n_matching()));
   return false;
 }
 
@@ -80,13 +88,22 @@ Precision precision_of(const std::string &unit) {
 }
 
 int load(const LoadArguments &arguments) {
+  // Refused rather than weakened: which series gave way follows from the policy and the moments of the sweeps, and the
+  // check knows neither.
+  if (arguments.check && arguments.reuse_inactive_pct != 0)
+    throw std::runtime_error("--check cannot tell which series --reuse-inactive-pct gives away: use one of them");
+  if (arguments.reuse_inactive_pct != 0 && arguments.idle_s == 0)
+    throw std::runtime_error("--reuse-inactive-pct needs --idle: without it no series is inactive");
   using Clock = std::chrono::steady_clock;
   const Precision precision = precision_of(arguments.precision);
   // One reading for the whole load: a second pass over the same text must come to the same points.
   const int64_t now_ns = static_cast<int64_t>(tslb_get_time(nullptr)) * NS_PER_S;
-  Store store;
-  Loader loader(store, precision, now_ns,
-                [](const std::string &message) { fmt::print(stderr, "{}\n", message); });
+  StoreConfig config;
+  config.retain_ns = arguments.retain_s * NS_PER_S;
+  config.idle_ns = arguments.idle_s * NS_PER_S;
+  config.reuse_inactive_pct = static_cast<uint8_t>(arguments.reuse_inactive_pct);
+  Store store(config);
+  Loader loader(store, precision, now_ns, [](const std::string &message) { fmt::print(stderr, "{}\n", message); });
   std::vector<Input> inputs(arguments.files.begin(), arguments.files.end());
   Clock::duration busy{};
   for (Input &input : inputs) {
@@ -98,9 +115,13 @@ int load(const LoadArguments &arguments) {
     input.release(arguments.check);
   }
 
-  print(load_summary(store, loader.stats(), std::chrono::duration<double>(busy).count()));
+  const Clock::time_point begin = Clock::now();
+  const Sweep last = store.sweep();
+  busy += Clock::now() - begin;
+
+  print(load_summary(store, loader.stats(), last, std::chrono::duration<double>(busy).count()));
   if (!arguments.series_pattern.empty()) print(series_table(store, arguments.series_pattern));
-  if (arguments.check && !checks_out(store, inputs, precision, now_ns)) return EXIT_ERROR;
+  if (arguments.check && !checks_out(store, inputs, precision, now_ns, config.retain_ns)) return EXIT_ERROR;
   return loader.stats().malformed == 0 ? EXIT_GOOD : EXIT_SOME_MALFORMED;
 }
 
@@ -126,8 +147,7 @@ int record(const RecordArguments &arguments) {
     std::string text;
     sampler.sample(wall_clock_ns(), text);
     // Flushed at once: whoever reads along, or stops the recording, has whole samples.
-    if (std::fwrite(text.data(), 1, text.size(), out) != text.size() || std::fflush(out) != 0)
-      fail_output(name);
+    if (std::fwrite(text.data(), 1, text.size(), out) != text.size() || std::fflush(out) != 0) fail_output(name);
   }
   return EXIT_GOOD;
 }
@@ -135,6 +155,9 @@ int record(const RecordArguments &arguments) {
 const char *const LOAD_FOOTER =
     "Numbers and booleans become points; quoted strings are counted and skipped. A malformed line\n"
     "is reported on stderr and skipped as a whole.\n"
+    "\n"
+    "Forgetting goes by data time, which is the newest timestamp so far: one far ahead of the others\n"
+    "makes them all old. With --check, what is retained is compared with what should be.\n"
     "\n"
     "Exit: 0 all was loaded\n"
     "      1 an input cannot be read, the store is full, the check found a difference, or the\n"
@@ -154,16 +177,29 @@ void add_load(CLI::App &app, LoadArguments &arguments) {
       ->add_option("--series", arguments.series_pattern,
                    "show the series whose keys match this pattern, as in 'cpu,*core=0* user'")
       ->type_name("PATTERN");
-  command->add_flag("--check", arguments.check,
-                    "read the inputs again and compare every point with the arrays");
+  command->add_flag("--check", arguments.check, "read the inputs again and compare every point with the arrays");
+  command
+      ->add_option("--retain", arguments.retain_s,
+                   "forget points that are more than this behind the newest of all series")
+      ->check(CLI::Range(int64_t{1}, LONGEST_S).description(""))
+      ->type_name("SECONDS");
+  command
+      ->add_option("--idle", arguments.idle_s,
+                   "make a series inactive that was not written for so long; it keeps its points")
+      ->check(CLI::Range(int64_t{1}, LONGEST_S).description(""))
+      ->type_name("SECONDS");
+  command
+      ->add_option("--reuse-inactive-pct", arguments.reuse_inactive_pct,
+                   "once so many percent of the slots are inactive, new series replace those\n"
+                   "inactive for longest; needs --idle, and cannot be combined with --check")
+      ->check(CLI::Range(1, 100).description(""))
+      ->type_name("PERCENT");
   command->footer(LOAD_FOOTER);
 }
 
 void add_record(CLI::App &app, RecordArguments &arguments) {
   CLI::App *const command = app.add_subcommand("record", "sample this machine's counters as line protocol");
-  command->add_option("--seconds", arguments.seconds, "how long")
-      ->required()
-      ->check(CLI::Range(1, 10'000'000));
+  command->add_option("--seconds", arguments.seconds, "how long")->required()->check(CLI::Range(1, 10'000'000));
   command->add_option("--interval-ms", arguments.interval_ms, "milliseconds from one sample to the next")
       ->check(CLI::Range(1, 86'400'000))
       ->capture_default_str();

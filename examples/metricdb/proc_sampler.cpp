@@ -78,8 +78,7 @@ std::string named_fields(std::string_view text, const Renamed (&wanted)[N]) {
 // lists the disk first.
 bool is_partition(std::string_view name, const Words &disks) {
   for (const std::string_view disk : disks)
-    if (name.size() > disk.size() && name.starts_with(disk) && name.back() >= '0' && name.back() <= '9')
-      return true;
+    if (name.size() > disk.size() && name.starts_with(disk) && name.back() >= '0' && name.back() <= '9') return true;
   return false;
 }
 
@@ -115,8 +114,7 @@ void ProcSampler::sample_cpus(int64_t ts_ns, std::string &out) {
     now.busy = now.total - number(words[4]) - number(words[5]);  // without idle and iowait
 
     const std::string_view core = words[0] == "cpu" ? "all" : words[0].substr(3);
-    static constexpr Column columns[] = {
-        {"user", 1}, {"system", 3}, {"idle", 4}, {"iowait", 5}, {"steal", 8}};
+    static constexpr Column columns[] = {{"user", 1}, {"system", 3}, {"idle", 4}, {"iowait", 5}, {"steal", 8}};
     fmt::format_to(std::back_inserter(out), "cpu{},core={} {}", tags_, core, integer_fields(words, columns));
     const auto last = previous_.find(words[0]);
     if (last != previous_.end() && now.total > last->second.total)
@@ -132,9 +130,8 @@ void ProcSampler::sample_load(int64_t ts_ns, std::string &out) const {
   const std::string text = file("loadavg");
   const Words words = words_of(text, " \n/");
   if (words.size() < 5) return;
-  fmt::format_to(std::back_inserter(out), "load{} load1={},load5={},load15={},runnable={}i,threads={}i {}\n",
-                 tags_, fraction(words[0]), fraction(words[1]), fraction(words[2]), number(words[3]),
-                 number(words[4]), ts_ns);
+  fmt::format_to(std::back_inserter(out), "load{} load1={},load5={},load15={},runnable={}i,threads={}i {}\n", tags_,
+                 fraction(words[0]), fraction(words[1]), fraction(words[2]), number(words[3]), number(words[4]), ts_ns);
 }
 
 void ProcSampler::sample_memory(int64_t ts_ns, std::string &out) const {

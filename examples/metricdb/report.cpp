@@ -37,8 +37,16 @@ std::string number(double value) {
   return fmt::format("{:.6g}", value);
 }
 
+uint64_t count_visible(const Store &store, uint32_t series) {
+  uint64_t count = 0;
+  PointCursor cursor(store, series);
+  for (Point point; cursor.next(point);) ++count;
+  return count;
+}
+
+// Of a series with a visible point.
 Row row_of(const Store &store, uint32_t series) {
-  const uint64_t n_points = store.record(series).n_points;
+  const uint64_t n_points = count_visible(store, series);
   std::vector<Mean> cells(std::min<uint64_t>(n_points, SPARK_CELLS));
   Mean all;
   Point point{0, 0.0};
@@ -58,7 +66,28 @@ Row row_of(const Store &store, uint32_t series) {
           number(max),
           number(all.value()),
           number(point.value),
-          sparkline(values)};
+          sparkline(values) + (store.is_inactive(series) ? "  inactive" : "")};
+}
+
+bool forgets(const StoreConfig &config) {
+  return config.retain_ns != 0 || config.idle_ns != 0;
+}
+
+std::string swept(const char *name, const PoolSweep &pool, uint64_t slots_in_all) {
+  return fmt::format(
+      "{:<17}{} memory slots came back in all; the last sweep: {} free before it, {} after, {} bytes used, {} of them "
+      "deleted, in {} bytes of pool\n",
+      name, slots_in_all, pool.free_before, pool.free_after, pool.used_bytes, pool.deleted_bytes, pool.total_bytes);
+}
+
+std::string forgetting(const Store &store, uint64_t n_visible, const Sweep &last) {
+  const Forgotten &gone = store.forgotten();
+  std::string text =
+      fmt::format("visible points   {}, and {} hidden beside them\n", n_visible, store.n_points() - n_visible);
+  text += fmt::format("forgotten        {} points in {} chunks, {} that came too late; {} series aged, {} reused\n",
+                      gone.points, gone.chunks, gone.late_points, gone.series_aged, gone.series_reused);
+  text += swept("keys swept", last.keys, gone.key_slots);
+  return text + swept("points swept", last.points, gone.point_slots);
 }
 
 std::string table_of(const std::vector<Row> &rows) {
@@ -68,14 +97,13 @@ std::string table_of(const std::vector<Row> &rows) {
   };
   for (const Row &row : rows) {
     const auto cells = cells_of(row);
-    for (size_t i = 0; i < cells.size(); ++i)
-      widths[i] = std::max(widths[i], fmt::formatted_size("{:1}", cells[i]));
+    for (size_t i = 0; i < cells.size(); ++i) widths[i] = std::max(widths[i], fmt::formatted_size("{:1}", cells[i]));
   }
   std::string table;
   for (const Row &row : rows)
     fmt::format_to(std::back_inserter(table), "{:<{}}  {:>{}}  {:>{}}  {:>{}}  {:>{}}  {:>{}}  {}\n", row.key,
-                   widths[0], row.count, widths[1], row.min, widths[2], row.max, widths[3], row.mean,
-                   widths[4], row.last, widths[5], row.spark);
+                   widths[0], row.count, widths[1], row.min, widths[2], row.max, widths[3], row.mean, widths[4],
+                   row.last, widths[5], row.spark);
   return table;
 }
 
@@ -97,8 +125,9 @@ std::string sparkline(std::span<const double> values) {
 
 std::string series_table(const Store &store, const std::string &pattern) {
   std::vector<Row> rows;
-  for (uint32_t series = 0; series < store.n_series(); ++series)
-    if (store.record(series).n_points != 0 && fnmatch(pattern.c_str(), store.key(series).data(), 0) == 0)
+  for (uint32_t series = 0; series < store.n_slots(); ++series)
+    if (store.holds_series(series) && fnmatch(pattern.c_str(), store.key(series).data(), 0) == 0 &&
+        count_visible(store, series) != 0)
       rows.push_back(row_of(store, series));
   if (rows.empty()) return fmt::format("no series matches {}\n", pattern);
   std::sort(rows.begin(), rows.end(), [](const Row &a, const Row &b) { return a.key < b.key; });
@@ -106,18 +135,21 @@ std::string series_table(const Store &store, const std::string &pattern) {
   return table_of(rows);
 }
 
-std::string load_summary(const Store &store, const LoadStats &stats, double seconds) {
-  const double n_points = static_cast<double>(std::max<uint64_t>(stats.points, 1));
+std::string load_summary(const Store &store, const LoadStats &stats, const Sweep &last, double seconds) {
+  const uint64_t n_visible = store.n_visible();
+  const double n_points = static_cast<double>(std::max<uint64_t>(n_visible, 1));
   std::string text;
   const auto out = std::back_inserter(text);
   fmt::format_to(out, "lines            {}\n", stats.lines);
-  fmt::format_to(out, "series           {}\n", store.n_series());
+  fmt::format_to(out, "series           {}{}\n", store.n_series(),
+                 store.config().idle_ns != 0 ? fmt::format(", {} inactive", store.n_inactive()) : "");
   fmt::format_to(out, "points           {}\n", stats.points);
   fmt::format_to(out, "strings skipped  {}\n", stats.strings_skipped);
   fmt::format_to(out, "malformed lines  {}\n", stats.malformed);
   fmt::format_to(out, "bytes per point  {:.2f} in use, {:.2f} reserved\n",
                  static_cast<double>(store.bytes_in_use()) / n_points,
                  static_cast<double>(store.bytes_reserved()) / n_points);
+  if (forgets(store.config())) text += forgetting(store, n_visible, last);
   fmt::format_to(out, "points per s     {:.0f} ({:.3f} s without reading the inputs)\n",
                  seconds > 0.0 ? static_cast<double>(stats.points) / seconds : 0.0, seconds);
   fmt::format_to(out, "catalogue        {}\n", tslb_da_get_hdr_str(store.catalogue()));

@@ -1,18 +1,15 @@
 #include "store.h"
 
 #include <fmt/format.h>
+#include <tslb_settings.h>
 
-#include <cstddef>
-#include <cstring>
+#include <algorithm>
 #include <new>
+
+#include "store_internal.h"
 
 namespace metricdb {
 namespace {
-
-// Table ids of the arrays. Where a chunk is referred to is written into its compaction header with them.
-constexpr int CATALOGUE_TABLE = 1;
-constexpr int KEYS_TABLE = 2;
-constexpr int POINTS_TABLE = 3;
 
 constexpr const char *CONTEXT = "metricdb";
 constexpr uint8_t RECORD_VERSION = 0;
@@ -20,31 +17,32 @@ constexpr int CATALOGUE_DIRECT_SLOTS = 64;
 constexpr int NO_DIRECT_SLOTS = 0;  // block 0 of a pool would hold its first memory slot before it is needed
 
 constexpr uint32_t NO_SLOT = 0xFFFFFFFFu;  // the cursor's slot ahead of the first chunk
-constexpr uint32_t KEYS_LAST_SLOT = 255;   // when these are full, the library stops the process
-constexpr uint32_t POINTS_LAST_SLOT = 2040;
 
-constexpr uint8_t CAPACITIES[] = {4, 16, 64};  // of the first chunks of a series; the last one repeats
+// One less than the pools' addresses can name. The library stops the process when a pool's last slot is current and
+// full, even if other slots are free by then: so that one is never taken.
+constexpr uint32_t MOST_KEY_SLOTS = 255;
+constexpr uint32_t MOST_POINT_SLOTS = 2040;
 
-uint8_t capacity_of(uint32_t chunk_number) {
-  return CAPACITIES[std::min<size_t>(chunk_number, std::size(CAPACITIES) - 1)];
+constexpr uint8_t FIRST_CAPACITY = 4;
+constexpr int LARGEST_CAPACITY = 64;
+
+// By what came before: a chain that lost its front goes on in large chunks.
+uint8_t capacity_behind(const PointChunk *previous) {
+  return previous == nullptr ? FIRST_CAPACITY
+                             : static_cast<uint8_t>(std::min(previous->capacity * 4, LARGEST_CAPACITY));
 }
 
 int bytes_of(uint8_t capacity) {
   return static_cast<int>(sizeof(PointChunk) + capacity * sizeof(Point));
 }
 
-// Points need not be aligned where they lie.
-char *point_at(const PointChunk *chunk, size_t index) {
-  return const_cast<char *>(reinterpret_cast<const char *>(chunk + 1)) + index * sizeof(Point);
-}
-
 DynMemHdr_t *header_of(dynmem_t *pool) {
   return static_cast<DynMemHdr_t *>(tslb_da_get_usrhdr(pool));
 }
 
-// Takes a chunk, and returns its data behind the compaction header. The library stops the process when a
-// pool's addresses run out, so what would need one more slot than there can be is refused here.
-void *take_chunk(dynmem_t *pool, uint32_t last_slot, const char *what, int bytes, const srcaddr_t &referrer,
+// Takes a chunk, and returns its data behind the compaction header. Refuses what would take one slot too many: a slot
+// that the current one has no room for comes from the free list, and is a fresh one only if that is empty.
+void *take_chunk(dynmem_t *pool, uint32_t most_slots, const char *what, int bytes, const srcaddr_t &referrer,
                  maddr_t &address) {
   const DynMemHdr_t *const hdr = header_of(pool);
   const size_t total = static_cast<size_t>(bytes) + sizeof(compat_t);
@@ -52,16 +50,13 @@ void *take_chunk(dynmem_t *pool, uint32_t last_slot, const char *what, int bytes
     throw StoreFull(fmt::format("{} bytes of {} do not fit a memory slot of {}", total, what, hdr->mslot_sz));
   MemSlotAddr_t cursor;
   std::memcpy(&cursor, &hdr->cur_slot_addr, sizeof cursor);
-  if (cursor.mslot_idx != NO_SLOT && cursor.mslot_idx >= last_slot && hdr->mslot_sz - cursor.byte_off < total)
-    throw StoreFull(fmt::format("no room for more {}: all {} memory slots of {} bytes are full", what,
-                                last_slot + 1, hdr->mslot_sz));
+  const bool fits_current = cursor.mslot_idx != NO_SLOT && hdr->mslot_sz - cursor.byte_off >= total;
+  if (!fits_current && lists_of(pool)->n_free == 0 && tslb_da_get_size(pool) >= most_slots)
+    throw StoreFull(
+        fmt::format("no room for more {}: all {} memory slots of {} bytes are full", what, most_slots, hdr->mslot_sz));
   char *const chunk = static_cast<char *>(tslb_dynmem_get_mchunk(pool, &address, bytes, referrer));
   if (chunk == nullptr) throw StoreFull(fmt::format("the pool of {} refused {} bytes", what, bytes));
   return chunk + sizeof(compat_t);
-}
-
-srcaddr_t referrer_of(int table, uint32_t index, size_t offset) {
-  return {static_cast<uint32_t>(table), index, static_cast<short>(offset), {0, 0}};
 }
 
 uint32_t bits_of(const maddr_t &address) {
@@ -75,31 +70,81 @@ uint64_t block_bytes(DynArrHandle_t *array) {
          uint64_t{tslb_da_get_total_size(array)} * tslb_da_get_slotsz(array, nullptr);
 }
 
+// Of the slots that are not free: what was reserved there, deleted or not.
+uint64_t chunk_bytes(dynmem_t *pool) {
+  uint64_t bytes = 0;
+  for (uint32_t index = 0; index < tslb_da_get_size(pool); ++index) {
+    const auto *const slot = static_cast<const MemSlot_t *>(tslb_da_get_ptr(pool, index));
+    if (slot != nullptr && status_of(slot) == TSLB_DA_SLOT_ACTIVE) bytes += slot->bytes_used;
+  }
+  return bytes;
+}
+
+// Both sets alike, so that either decides. A count that only 65,535 inactive slots reach, and no age: who is idle was
+// decided in data time.
+tsdb_mem_pressure_config_t reuse_policy(uint8_t inactive_pct) {
+  tsdb_inactive_thshld_policy_t limits = {};
+  limits.inactive_threshold_pct = inactive_pct;
+  limits.inactive_threshold_cnt = UINT16_MAX;
+  tsdb_mem_pressure_config_t policy = {};
+  policy.mvt_reuse_policy_use = 1;
+  policy.critical = limits;
+  policy.major = limits;
+  return policy;
+}
+
 }  // namespace
 
 Store::Store(const StoreConfig &config)
-    : catalogue_(tslb_da_init_ver(sizeof(SeriesRecord), CATALOGUE_DIRECT_SLOTS, MPOOL_TYPE_DRAM, CONTEXT,
+    : config_(config),
+      catalogue_(tslb_da_init_ver(sizeof(SeriesRecord), CATALOGUE_DIRECT_SLOTS, MPOOL_TYPE_DRAM, CONTEXT,
                                   CATALOGUE_TABLE, TSLB_DA_DAFLAG_INLL, RECORD_VERSION)),
-      keys_(tslb_init_dynmem_ex(config.key_slot_bytes, NO_DIRECT_SLOTS, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM, 0,
-                                CONTEXT, KEYS_TABLE, TSLB_DA_DAFLAG_LL, RECORD_VERSION)),
-      points_(tslb_init_dynmem_ex(config.point_slot_bytes, NO_DIRECT_SLOTS, MPOOL_FLAG_COMPAT,
-                                  MPOOL_TYPE_DRAM, MPOOL_FLAG_BV, CONTEXT, POINTS_TABLE, TSLB_DA_DAFLAG_LL,
-                                  RECORD_VERSION)) {
+      keys_(tslb_init_dynmem_ex(config.key_slot_bytes, NO_DIRECT_SLOTS, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM, 0, CONTEXT,
+                                KEYS_TABLE, TSLB_DA_DAFLAG_LL, RECORD_VERSION)),
+      points_(tslb_init_dynmem_ex(config.point_slot_bytes, NO_DIRECT_SLOTS, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM,
+                                  MPOOL_FLAG_BV, CONTEXT, POINTS_TABLE, TSLB_DA_DAFLAG_LL, RECORD_VERSION)) {
   if (!catalogue_ || !keys_ || !points_) throw std::bad_alloc();
+  if (config.reuse_inactive_pct == 0) return;
+  tsdb_mem_pressure_config_t policy = reuse_policy(config.reuse_inactive_pct);
+  tslb_da_register_reuse_policy(catalogue_.get(), &policy);
+  // A setting of the whole process, and never cleared here: arrays without a policy are not concerned.
+  lib_config.tslb_mvt_reuse_enabled = 1;
 }
 
 SeriesRecord *Store::slot(uint32_t series) const {
   return static_cast<SeriesRecord *>(tslb_da_get_ptr(catalogue_.get(), series));
 }
 
+PointChunk *Store::chunk_at(const maddr_t &address) const {
+  return static_cast<PointChunk *>(tslb_dynmem_get_maddr2ptr(points_.get(), address));
+}
+
 const SeriesRecord &Store::record(uint32_t series) const {
   return *slot(series);
 }
 
-std::string_view Store::key(uint32_t series) const {
+// A slot that memory was refused for keeps its index.
+bool Store::holds_series(uint32_t slot_index) const {
+  const SeriesRecord *const record = slot(slot_index);
+  return record != nullptr && record->gatekeeper == SERIES_READY;
+}
+
+bool Store::is_inactive(uint32_t series) const {
+  return status_of(slot(series)) == TSLB_DA_SLOT_INACTIVE;
+}
+
+uint32_t Store::n_inactive() const {
+  return lists_of(catalogue_.get())->n_inact;
+}
+
+std::string_view Store::key_of(const SeriesRecord &record) const {
   uint32_t length;  // without the zero: the pool tells one less than the chunk holds
-  const void *const text = tslb_dynmem_get_maddr2ptr_ex(keys_.get(), record(series).key, &length);
+  const void *const text = tslb_dynmem_get_maddr2ptr_ex(keys_.get(), record.key, &length);
   return {static_cast<const char *>(text), length};
+}
+
+std::string_view Store::key(uint32_t series) const {
+  return key_of(record(series));
 }
 
 uint32_t Store::series_of(std::string_view key) {
@@ -109,40 +154,37 @@ uint32_t Store::series_of(std::string_view key) {
 
 uint32_t Store::add_series(std::string_view key) {
   if (key.size() > LONGEST_KEY) throw StoreFull("a series key is too long");
-  // The key first: if there is no room for it, no slot of the catalogue is taken. The next index is known,
-  // because slots are never given back.
-  const uint32_t expected = n_series();
+  // The slot first: its index goes into the key's chunk, and a series that gives way for it makes room for the key.
+  uint32_t index;
+  SeriesRecord *const record = take_slot(index);
   maddr_t address;
-  char *const text = static_cast<char *>(
-      take_chunk(keys_.get(), KEYS_LAST_SLOT, "series keys", static_cast<int>(key.size() + 1),
-                 referrer_of(CATALOGUE_TABLE, expected, offsetof(SeriesRecord, key)), address));
+  char *text;
+  try {
+    text = static_cast<char *>(take_chunk(keys_.get(), MOST_KEY_SLOTS, "series keys", static_cast<int>(key.size() + 1),
+                                          referrer_of(CATALOGUE_TABLE, index, offsetof(SeriesRecord, key)), address));
+  } catch (const StoreFull &) {
+    tslb_da_free_idx(catalogue_.get(), index);
+    throw;
+  }
   std::memcpy(text, key.data(), key.size());
   text[key.size()] = '\0';
-
-  uint32_t index;
-  auto *const record = static_cast<SeriesRecord *>(tslb_da_get_newptr(catalogue_.get(), &index));
-  if (record == nullptr || index != expected) throw StoreFull("the catalogue has no room for another series");
   record->key = address;
+  record->written_at_ns = data_time_ns_;
   record->gatekeeper = SERIES_READY;
   series_by_key_.emplace(std::string_view(text, key.size()), index);
   return index;
 }
 
-PointChunk *Store::last_chunk(const SeriesRecord &series) const {
-  if (series.n_chunks == 0) return nullptr;
-  return static_cast<PointChunk *>(tslb_dynmem_get_maddr2ptr(points_.get(), series.last_chunk));
-}
-
 PointChunk *Store::add_chunk(uint32_t series) {
   SeriesRecord &record = *slot(series);
-  PointChunk *const previous = last_chunk(record);
-  const uint8_t capacity = capacity_of(record.n_chunks);
-  const srcaddr_t referrer =
-      previous == nullptr ? referrer_of(CATALOGUE_TABLE, series, offsetof(SeriesRecord, first_chunk))
-                          : referrer_of(POINTS_TABLE, bits_of(record.last_chunk), offsetof(PointChunk, next));
+  PointChunk *const previous = record.n_chunks == 0 ? nullptr : chunk_at(record.last_chunk);
+  const uint8_t capacity = capacity_behind(previous);
+  const srcaddr_t referrer = previous == nullptr
+                                 ? referrer_of(CATALOGUE_TABLE, series, offsetof(SeriesRecord, first_chunk))
+                                 : referrer_of(POINTS_TABLE, bits_of(record.last_chunk), offsetof(PointChunk, next));
   maddr_t address;
   auto *const chunk = static_cast<PointChunk *>(
-      take_chunk(points_.get(), POINTS_LAST_SLOT, "points", bytes_of(capacity), referrer, address));
+      take_chunk(points_.get(), MOST_POINT_SLOTS, "points", bytes_of(capacity), referrer, address));
   *chunk = {};
   chunk->capacity = capacity;
 
@@ -159,42 +201,73 @@ PointChunk *Store::add_chunk(uint32_t series) {
 
 void Store::append(uint32_t series, const Point &point) {
   SeriesRecord &record = *slot(series);
-  PointChunk *chunk = last_chunk(record);
+  PointChunk *chunk = record.n_chunks == 0 ? nullptr : chunk_at(record.last_chunk);
   if (chunk == nullptr || chunk->count == chunk->capacity) chunk = add_chunk(series);
   std::memcpy(point_at(chunk, chunk->count), &point, sizeof point);
   ++chunk->count;
   ++record.n_points;
   ++n_points_;
+  data_time_ns_ = std::max(data_time_ns_, point.ts_ns);
+  record.written_at_ns = data_time_ns_;
+  if (status_of(&record) == TSLB_DA_SLOT_INACTIVE) tslb_da_activate_idx(catalogue_.get(), series);
+}
+
+void Store::add(std::string_view key, const Point &point) {
+  data_time_ns_ = std::max(data_time_ns_, point.ts_ns);
+  const bool forgets = config_.retain_ns != 0 || config_.idle_ns != 0;
+  if (forgets && ++n_since_sweep_ > std::max(config_.points_per_sweep, n_slots())) sweep();
+  if (point.ts_ns < visible_from_ns())
+    ++forgotten_.late_points;
+  else
+    append(series_of(key), point);
+}
+
+uint64_t Store::n_visible() const {
+  if (visible_from_ns() == INT64_MIN) return n_points_;
+  uint64_t count = 0;
+  for (uint32_t series = 0; series < n_slots(); ++series) {
+    if (!holds_series(series)) continue;
+    PointCursor cursor(*this, series);
+    for (Point point; cursor.next(point);) ++count;
+  }
+  return count;
 }
 
 uint64_t Store::bytes_in_use() const {
   const uint64_t headers = static_cast<uint64_t>(tslb_dynmem_get_hdrsz(catalogue_.get())) +
                            static_cast<uint64_t>(tslb_dynmem_get_hdrsz(keys_.get())) +
                            static_cast<uint64_t>(tslb_dynmem_get_hdrsz(points_.get()));
-  return headers + uint64_t{n_series()} * tslb_da_get_slotsz(catalogue_.get(), nullptr) +
-         header_of(keys_.get())->total_mused + header_of(points_.get())->total_mused;
+  return headers + uint64_t{n_series()} * tslb_da_get_slotsz(catalogue_.get(), nullptr) + chunk_bytes(keys_.get()) +
+         chunk_bytes(points_.get());
 }
 
 uint64_t Store::bytes_reserved() const {
   return block_bytes(catalogue_.get()) + block_bytes(keys_.get()) + block_bytes(points_.get());
 }
 
-PointCursor::PointCursor(const Store &store, uint32_t series) : pool_(store.points()) {
+PointCursor::PointCursor(const Store &store, uint32_t series)
+    : pool_(store.points()), visible_from_ns_(store.visible_from_ns()) {
   const SeriesRecord &record = store.record(series);
   if (record.n_chunks != 0)
     chunk_ = static_cast<const PointChunk *>(tslb_dynmem_get_maddr2ptr(pool_, record.first_chunk));
 }
 
 bool PointCursor::next(Point &point) {
-  while (chunk_ != nullptr && taken_ == chunk_->count) {
+  while (chunk_ != nullptr) {
+    while (taken_ < chunk_->count) {
+      Point found;
+      std::memcpy(&found, point_at(chunk_, taken_++), sizeof found);
+      ++n_passed_;
+      if (found.ts_ns < visible_from_ns_) continue;
+      point = found;
+      return true;
+    }
     chunk_ = (chunk_->flags & CHUNK_HAS_NEXT) == 0
                  ? nullptr
                  : static_cast<const PointChunk *>(tslb_dynmem_get_maddr2ptr(pool_, chunk_->next));
     taken_ = 0;
   }
-  if (chunk_ == nullptr) return false;
-  std::memcpy(&point, point_at(chunk_, taken_++), sizeof point);
-  return true;
+  return false;
 }
 
 }  // namespace metricdb

@@ -1,0 +1,412 @@
+// What a metricdb store forgets, and that it forgets nothing else: retention, idle series, reuse of their slots, and
+// the memory that comes back.
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "check.h"
+#include "loader.h"
+#include "report.h"
+#include "store.h"
+
+namespace metricdb {
+namespace {
+
+// "value@time ..." of each series that the catalogue holds, by key.
+using Content = std::map<std::string, std::string>;
+
+Content content_of(const Store &store) {
+  Content content;
+  for (uint32_t series = 0; series < store.n_slots(); ++series) {
+    if (!store.holds_series(series)) continue;
+    std::string &shown = content[std::string(store.key(series))];
+    PointCursor cursor(store, series);
+    for (Point point; cursor.next(point);) shown += fmt::format("{}@{} ", point.value, point.ts_ns);
+  }
+  return content;
+}
+
+uint32_t slot_of(const Store &store, std::string_view key) {
+  uint32_t series = 0;
+  while (series < store.n_slots() && !(store.holds_series(series) && store.key(series) == key)) ++series;
+  return series;
+}
+
+uint32_t n_free(DynArrHandle_t *array) {
+  return static_cast<DynArrLLI_t *>(tslb_da_get_lli(array))->n_free;
+}
+
+// As the program does, but for the sweep behind the last text.
+LoadStats load(Store &store, std::string_view text) {
+  Loader loader(store, Precision::ns, 77, [](const std::string &message) { ADD_FAILURE() << message; });
+  loader.load("t.lp", text);
+  return loader.stats();
+}
+
+std::string points_text(std::string_view head, int first, int last) {
+  std::string text;
+  for (int i = first; i <= last; ++i) text += fmt::format("{}={} {}\n", head, i, i);
+  return text;
+}
+
+std::string repeated(std::string_view line, int times) {
+  std::string text;
+  for (int i = 0; i < times; ++i) text += line;
+  return text;
+}
+
+TEST(Retention, KeepsExactlyWhatIsYoungEnough) {
+  static const struct {
+    const char *fault;
+    std::string text;
+    Content content;  // after a load with a retention of 10 and a sweep
+    struct {
+      uint64_t chunks, late_points;
+      uint32_t series;
+    } gone;
+  } rows[] = {
+      {"the point at the limit is forgotten", "m f=1 0\nm f=2 10\n", {{"m f", "1@0 2@10 "}}, {0, 0, 0}},
+      {"the point beyond it is shown", "m f=1 0\nm f=2 11\n", {{"m f", "2@11 "}}, {0, 0, 0}},
+      {"a straddling chunk goes whole, or stays with all its points",
+       points_text("m f", 1, 6) + "n f=0 12\n",
+       {{"m f", "2@2 3@3 4@4 5@5 6@6 "}, {"n f", "0@12 "}},
+       {0, 0, 0}},
+      {"a chunk stays whose points are all old",
+       points_text("m f", 1, 6) + "n f=0 15\n",
+       {{"m f", "5@5 6@6 "}, {"n f", "0@15 "}},
+       {1, 0, 0}},
+      {"the last point of a chunk stands for all",
+       "m f=1 9\nm f=2 1\nm f=3 1\nm f=4 1\nn f=0 12\n",
+       {{"m f", "1@9 "}, {"n f", "0@12 "}},
+       {0, 0, 0}},
+      {"an old chunk behind a young one is shown, or takes the young one with it",
+       "m f=9 9\n" + repeated("m f=0 0\n", 19) + "m f=20 10\nn f=0 12\n",
+       {{"m f", "9@9 20@10 "}, {"n f", "0@12 "}},
+       {0, 0, 0}},
+      {"a point that comes too late is stored", "m f=1 20\nm f=2 9\nm f=3 10\n", {{"m f", "1@20 3@10 "}}, {0, 1, 0}},
+      {"a point that comes too late makes a series", "m f=1 20\nn f=2 9\n", {{"m f", "1@20 "}}, {0, 1, 0}},
+      {"a series outlives its points", points_text("m f", 1, 25) + "n f=0 100\n", {{"n f", "0@100 "}}, {3, 0, 1}},
+      {"the limit passes the least time",
+       "m f=1 -9223372036854775808\nm f=2 -9223372036854775800\n",
+       {{"m f", "1@-9223372036854775808 2@-9223372036854775800 "}},
+       {0, 0, 0}},
+      {"the distance of the extremes wraps",
+       "m f=1 -9223372036854775808\nm f=2 9223372036854775807\n",
+       {{"m f", "2@9223372036854775807 "}},
+       {0, 0, 0}},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    Store store({.retain_ns = 10});
+    const LoadStats stats = load(store, row.text);
+    uint64_t n_visible = 0;
+    for (const auto &[key, shown] : content_of(store))
+      n_visible += static_cast<uint64_t>(std::count(shown.begin(), shown.end(), '@'));
+    EXPECT_EQ(store.n_visible(), n_visible);
+    Content shown_early = content_of(store);
+    std::erase_if(shown_early, [](const auto &series) { return series.second.empty(); });
+    EXPECT_EQ(shown_early, row.content) << "what is visible must not wait for a sweep";
+    store.sweep();
+    EXPECT_EQ(content_of(store), row.content);
+    const Forgotten &gone = store.forgotten();
+    EXPECT_EQ(gone.chunks, row.gone.chunks);
+    EXPECT_EQ(gone.late_points, row.gone.late_points);
+    EXPECT_EQ(gone.series_aged, row.gone.series);
+    EXPECT_EQ(n_free(store.catalogue()), row.gone.series);
+    EXPECT_EQ(gone.points + gone.late_points + store.n_points(), stats.points);
+
+    Check check(store, Precision::ns, 77, 10);
+    check.find_newest(row.text);
+    check.compare(row.text);
+    check.finish();
+    EXPECT_EQ(check.n_differences(), 0u) << check.first_differences()[0];
+    EXPECT_EQ(check.n_matching(), store.n_visible());
+  }
+}
+
+TEST(Retention, ASeriesThatVanishedComesBackEmpty) {
+  Store store({.retain_ns = 10});
+  load(store, points_text("m,host=a f", 1, 30) + "n f=0 100\n");
+  const uint32_t slot = slot_of(store, "m,host=a f");
+  maddr_t key_address = store.record(slot).key;
+  const auto *const key_chunk = static_cast<const char *>(tslb_dynmem_get_maddr2ptr(store.keys(), key_address));
+  store.sweep();
+  compat_t header;
+  std::memcpy(&header, key_chunk - sizeof header, sizeof header);
+  EXPECT_NE(header.flag & MCHUNK_FLAG_DELETED, 0) << "the key's chunk stays";
+  EXPECT_EQ(store.n_series(), 1u);
+  EXPECT_FALSE(store.holds_series(slot));
+
+  load(store, "m,host=a f=5 101\n");
+  EXPECT_EQ(slot_of(store, "m,host=a f"), slot) << "the free slot is not taken again";
+  EXPECT_EQ(content_of(store), (Content{{"m,host=a f", "5@101 "}, {"n f", "0@100 "}}));
+  EXPECT_EQ(uint64_t{store.record(slot).n_points}, 1u);
+}
+
+// Compaction goes by it: the first chunk of a chain is referred to by the record, each other one by its predecessor.
+TEST(Retention, TheFirstChunkThatStaysIsTheRecordsOwn) {
+  Store store({.retain_ns = 10});
+  load(store, points_text("m f", 1, 25));
+  store.sweep();
+  const SeriesRecord record = store.record(0);
+  EXPECT_EQ(record.n_chunks, 2u);
+  const char *const chunk = static_cast<char *>(tslb_dynmem_get_maddr2ptr(store.points(), record.first_chunk));
+  compat_t header;
+  std::memcpy(&header, chunk - sizeof header, sizeof header);
+  EXPECT_EQ(uint32_t{header.srcaddr.tbl_id}, store.catalogue()->tbl_id);
+  EXPECT_EQ(uint32_t{header.srcaddr.tbl_idx}, 0u);
+  EXPECT_EQ(short{header.srcaddr.tbl_moff}, static_cast<short>(offsetof(SeriesRecord, first_chunk)));
+}
+
+TEST(Idle, SeriesAreParkedAndComeBackWithTheirPoints) {
+  static const struct {
+    const char *fault;
+    std::string text;
+    bool a_is_inactive;
+    Content content;
+  } rows[] = {
+      {"parked too early", "a f=1 0\nb f=1 9\n", false, {{"a f", "1@0 "}, {"b f", "1@9 "}}},
+      {"parked too late, or hidden", "a f=1 0\nb f=1 10\n", true, {{"a f", "1@0 "}, {"b f", "1@10 "}}},
+      {"an old timestamp counts as an old write", "b f=1 10\na f=1 0\n", false, {{"a f", "1@0 "}, {"b f", "1@10 "}}},
+      {"the first write counts, not the last",
+       "a f=1 0\na f=2 5\nb f=1 12\n",
+       false,
+       {{"a f", "1@0 2@5 "}, {"b f", "1@12 "}}},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    Store store({.idle_ns = 10});
+    load(store, row.text);
+    store.sweep();
+    const uint32_t a = slot_of(store, "a f");
+    EXPECT_EQ(store.is_inactive(a), row.a_is_inactive);
+    EXPECT_EQ(store.n_inactive(), row.a_is_inactive ? 1u : 0u);
+    EXPECT_EQ(content_of(store), row.content);
+    EXPECT_EQ(series_table(store, "a f").find("inactive") != std::string::npos, row.a_is_inactive);
+
+    load(store, "a f=7 13\n");
+    EXPECT_EQ(slot_of(store, "a f"), a);
+    EXPECT_EQ(store.n_inactive(), 0u) << "a written series stays parked";
+    Content expected = row.content;
+    expected["a f"] += "7@13 ";
+    EXPECT_EQ(content_of(store), expected);
+  }
+}
+
+TEST(Reuse, TakesTheSlotUnwrittenForLongestAndForgetsItsSeries) {
+  // A slot of points holds one chunk of 64, or the two small ones of a series.
+  Store store({.point_slot_bytes = 16 + 8 + 64 * 16, .idle_ns = 100, .reuse_inactive_pct = 50});
+  load(store, "b f=1 1\n" + points_text("a f", 1, 84) + "b f=2 100\nc f=1 205\nd f=1 205\n");
+  store.sweep();
+  const uint32_t a = slot_of(store, "a f");
+  ASSERT_EQ(store.n_inactive(), 2u);
+  uint32_t head;
+  tslb_da_get_inactive_head_ptr(store.catalogue(), &head);
+  EXPECT_EQ(head, a) << "of one sweep the lower slot goes first, not the earlier write";
+
+  load(store, "b f=3 206\ne f=1 207\n");
+  EXPECT_EQ(slot_of(store, "e f"), store.n_slots() - 1) << "one of four is less than the policy's half";
+  load(store, "c f=2 400\n");
+  store.sweep();
+  EXPECT_EQ(store.n_inactive(), 4u);
+
+  const uint32_t free_before = n_free(store.points());
+  load(store, "new f=1 401\n");
+  EXPECT_EQ(slot_of(store, "new f"), a) << "a was last written at 84, d at 205, b at 206, e at 207";
+  EXPECT_EQ(store.forgotten().series_reused, 1u);
+  EXPECT_EQ(store.forgotten().chunks, 3u);
+  EXPECT_EQ(store.forgotten().points, 84u);
+  EXPECT_EQ(n_free(store.points()), free_before + 1) << "the slot of a's large chunk does not come back";
+  const Content expected = {
+      {"b f", "1@1 2@100 3@206 "}, {"c f", "1@205 2@400 "}, {"d f", "1@205 "}, {"e f", "1@207 "}, {"new f", "1@401 "}};
+  EXPECT_EQ(content_of(store), expected);
+  EXPECT_EQ(store.n_series(), expected.size()) << "the store's look-up and the catalogue disagree";
+
+  load(store, "a f=9 402\n");
+  EXPECT_EQ(content_of(store).at("a f"), "9@402 ") << "a reused series comes back as a new one";
+  EXPECT_EQ(content_of(store).count("d f"), 0u) << "half of the slots are inactive still: d gives way to a";
+}
+
+// More than 100 times what is retained, and three times what the pool could hold, under keys that come and go.
+TEST(Retention, MemoryOfALongLoadIsBounded) {
+  constexpr int64_t RETAIN_NS = 2000;
+  constexpr int64_t N_POINTS = 400'000;
+  Store store({.key_slot_bytes = 256, .point_slot_bytes = 1048, .retain_ns = RETAIN_NS, .points_per_sweep = 1000});
+  uint32_t point_slots = 0, key_slots = 0, catalogue_slots = 0;
+  testing::internal::CaptureStderr();  // should a bound not hold, the pool warns on its way
+  for (int64_t i = 0; i < N_POINTS; ++i) {
+    store.add(fmt::format("m,pod={} f", i / 500 * 3 + i % 3), {i, 1.0 * i});
+    if (i != N_POINTS / 10) continue;
+    point_slots = tslb_da_get_size(store.points());
+    key_slots = tslb_da_get_size(store.keys());
+    catalogue_slots = store.n_slots();
+  }
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  // One more, because sweeps and pods meet in other phases later on.
+  EXPECT_LE(tslb_da_get_size(store.points()), point_slots + 1) << "emptied slots of points are not taken again";
+  EXPECT_LE(tslb_da_get_size(store.keys()), key_slots + 1);
+  EXPECT_EQ(store.n_slots(), catalogue_slots);
+  store.sweep();
+  EXPECT_EQ(store.n_visible(), static_cast<uint64_t>(RETAIN_NS) + 1);
+  EXPECT_EQ(store.n_series(), 3u * 4 + 1) << "500 points to a generation of three pods";
+  EXPECT_EQ(store.n_points() + store.forgotten().points, static_cast<uint64_t>(N_POINTS));
+}
+
+// The library ends the process when the last slot of a pool is current and full, or a fresh one beyond it is needed,
+// whatever else is free. The store must refuse ahead of both, and go on once slots are free: in the first round the
+// highest slot is the current one when all are full, in later ones it is a reused one.
+TEST(Retention, AFullPoolGoesOnWhenSlotsComeBack) {
+  static const struct {
+    const char *pool;
+    StoreConfig config;
+    bool new_key_each;
+    uint64_t room;  // of the first round; later ones lack the slot that was current at the sweep
+    uint64_t room_of_a_slot;
+  } rows[] = {
+      {"points", {.point_slot_bytes = 1048, .retain_ns = 10}, false, 4 + 16 + 2039 * 64, 64},
+      {"keys", {.key_slot_bytes = 64, .retain_ns = 10}, true, 255, 1},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.pool);
+    Store store(row.config);
+    int64_t ts_ns = 0;
+    uint64_t n_stored = 0;
+    const auto add = [&] {
+      const uint64_t number = row.new_key_each ? n_stored : 0;
+      store.add(fmt::format("measurement,number={:010} field", number), {ts_ns, 1.0});
+      ++n_stored;
+    };
+    testing::internal::CaptureStderr();  // the pool warns on its way
+    for (int round = 0; round < 4; ++round, ts_ns += 100) {
+      if (round != 0) {
+        EXPECT_THROW(add(), StoreFull) << "data time moves on all the same";
+        store.sweep();
+        EXPECT_EQ(store.n_series(), 0u);
+      }
+      const uint64_t before = n_stored;
+      EXPECT_THROW(while (n_stored - before <= row.room) add(), StoreFull);
+      EXPECT_LE(n_stored - before, row.room);
+      EXPECT_EQ(store.n_series() + n_free(store.catalogue()), store.n_slots()) << "a refused series keeps its slot";
+      EXPECT_GE(n_stored - before, row.room - 2 * row.room_of_a_slot) << "round " << round;
+    }
+    testing::internal::GetCapturedStderr();
+  }
+}
+
+// Against a plain list of all points: some come late, series fall silent and return, and sweeps come when they like.
+TEST(Retention, AgreesWithAPlainModel) {
+  constexpr uint32_t SEED = 20250131;
+  constexpr int64_t RETAIN_NS = 300, IDLE_NS = 60;
+  constexpr int N_KEYS = 12, N_BATCHES = 300;
+  std::mt19937 random(SEED);
+  Store store({.key_slot_bytes = 64, .point_slot_bytes = 1048, .retain_ns = RETAIN_NS, .idle_ns = IDLE_NS});
+  struct Written {
+    std::string key;
+    Point point;
+  };
+  std::vector<Written> all;
+  std::map<std::string, int64_t> written_at;
+  int64_t data_time = 0;
+  uint64_t n_gone = 0, n_parked = 0;
+  for (int batch = 0; batch < N_BATCHES; ++batch) {
+    const uint32_t n_active = 1 + random() % N_KEYS;  // the others are silent for this batch
+    for (int i = 0; i < 60; ++i) {
+      const std::string key = fmt::format("m,n={} f", random() % n_active * (batch / 40 + 1));
+      const int64_t lag = random() % 8 == 0 ? random() % 400 : random() % 5;
+      const Point point = {data_time + 1 - lag, 1.0 * static_cast<double>(all.size())};
+      store.add(key, point);
+      data_time = std::max(data_time, point.ts_ns);
+      all.push_back({key, point});
+      if (point.ts_ns >= data_time - RETAIN_NS) written_at[key] = data_time;
+    }
+    if (random() % 3 == 0) continue;
+    store.sweep();
+    Content expected;
+    for (const Written &written : all)
+      if (written.point.ts_ns >= data_time - RETAIN_NS)
+        expected[written.key] += fmt::format("{}@{} ", written.point.value, written.point.ts_ns);
+    ASSERT_EQ(content_of(store), expected) << "seed " << SEED << ", batch " << batch;
+    ASSERT_EQ(store.n_series(), expected.size());
+    for (const auto &[key, shown] : expected) {
+      const bool is_idle = data_time - written_at[key] >= IDLE_NS;
+      ASSERT_EQ(store.is_inactive(slot_of(store, key)), is_idle) << key << ", batch " << batch;
+      n_parked += is_idle ? 1 : 0;
+    }
+    n_gone = store.forgotten().series_aged;
+  }
+  EXPECT_GT(n_gone, 20u) << "too few series vanish for this to show anything";
+  EXPECT_GT(n_parked, 100u) << "too few are idle";
+  EXPECT_GT(store.forgotten().late_points, 100u);
+}
+
+TEST(Check, FindsWhatDiffersFromTheRetention) {
+  struct Row {
+    const char *fault;
+    int64_t retain_of_store, retain_of_check;
+    std::string text;
+    bool sweep;
+    enum { NOTHING, VALUE_OF_LAST_CHUNK, TIME_OF_HIDDEN } tamper;
+    uint64_t n_matching, n_differences;
+    const char *first;
+  };
+  const std::string plain = points_text("m f", 1, 30) + "n f=0 30\n";
+  const Row rows[] = {
+      {"nothing", 10, 10, plain, true, Row::NOTHING, 12, 0, ""},
+      {"points stay too long", 11, 10, plain, true, Row::NOTHING, 1, 12,
+       "series \"m f\", point 0: expected 20 at 20, found 19 at 19"},
+      {"points go too early", 9, 10, plain, true, Row::NOTHING, 1, 11,
+       "series \"m f\", point 0: expected 20 at 20, found 21 at 21"},
+      {"a value in a chunk that stayed", 10, 10, plain, true, Row::VALUE_OF_LAST_CHUNK, 11, 1,
+       "series \"m f\", point 1: expected 21 at 21, found 21.000000000000004 at 21"},
+      {"a forgotten point that shows", 10, 10, plain, true, Row::TIME_OF_HIDDEN, 1, 12,
+       "series \"m f\", point 0: expected 20 at 20, found 5 at 25"},
+      {"a series without points", 10, 10, "m f=1 1\nn f=0 30\n", false, Row::NOTHING, 1, 1,
+       "series \"m f\": expected none, found one without points"},
+  };
+  for (const Row &row : rows) {
+    SCOPED_TRACE(row.fault);
+    Store store({.retain_ns = row.retain_of_store});
+    load(store, row.text);
+    if (row.sweep) store.sweep();
+    const SeriesRecord record = store.record(0);
+    const maddr_t address = row.tamper == Row::TIME_OF_HIDDEN ? record.first_chunk : record.last_chunk;
+    char *const point = static_cast<char *>(tslb_dynmem_get_maddr2ptr(store.points(), address)) + sizeof(PointChunk);
+    const int64_t visible_ns = 25;
+    if (row.tamper == Row::TIME_OF_HIDDEN) std::memcpy(point + offsetof(Point, ts_ns), &visible_ns, sizeof visible_ns);
+    if (row.tamper == Row::VALUE_OF_LAST_CHUNK) point[offsetof(Point, value)] ^= 1;
+    Check check(store, Precision::ns, 77, row.retain_of_check);
+    check.find_newest(row.text);
+    check.compare(row.text);
+    check.finish();
+    EXPECT_EQ(check.n_matching(), row.n_matching);
+    EXPECT_EQ(check.n_differences(), row.n_differences);
+    EXPECT_EQ(check.first_differences().empty() ? "" : check.first_differences()[0], row.first);
+  }
+}
+
+TEST(Report, SaysWhatWasForgotten) {
+  Store store({.point_slot_bytes = 1048, .retain_ns = 10, .idle_ns = 5});
+  const LoadStats stats = load(store, points_text("m f", 1, 200) + "m f=0 1\nn f=0 206\n");
+  const Sweep last = store.sweep();
+  const std::string summary = load_summary(store, stats, last, 1.0);
+  const uint64_t headers = (8 + 60 + 16) + 2 * (8 + 56 + 60 + 16);
+  EXPECT_EQ(store.bytes_in_use(), headers + 2 * (40 + 16) + last.keys.used_bytes + last.points.used_bytes);
+  // Chunks of m end behind 4, 20, 84, 148: the last one straddles 196. One slot holds the small chunks and was left.
+  EXPECT_EQ(store.n_visible(), 6u);
+  for (const std::string &line :
+       {std::string("series           2, 1 inactive\n"), std::string("points           202\n"),
+        std::string("visible points   6, and 47 hidden beside them\n"),
+        std::string("forgotten        148 points in 4 chunks, 1 that came too late; 0 series aged, 0 reused\n"),
+        std::string("points swept     3 memory slots came back in all; the last sweep: 0 free before it, 3 after, "),
+        fmt::format("bytes per point  {:.2f} in use", static_cast<double>(store.bytes_in_use()) / 6)})
+    EXPECT_NE(summary.find(line), summary.npos) << line << "is missing in\n" << summary;
+}
+
+}  // namespace
+}  // namespace metricdb
