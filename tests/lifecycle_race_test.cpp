@@ -1,0 +1,358 @@
+// Threads that take and give back: slots of one list array with a reuse policy, and chunks of one pool with sweeps in
+// between. A table of owners finds a slot that two threads were given at the moment it happens; at rest everything is
+// counted. Where an outcome must be forced, a rival's work is put ahead of the lock: this program defines the atomics.
+#include <atomic>
+#include <functional>
+#include <random>
+#include <thread>
+#include <utility>
+
+#include "list_audit.h"
+#include "tslb_settings.h"
+#include "tslb_util.h"
+
+struct rival_t {
+  const uint16_t *lock = nullptr;
+  std::function<void()> work;
+};
+static rival_t rival;  // met once, by whoever is about to take that lock
+
+extern "C" int32_t cas16(uint16_t *word, uint16_t expected, uint16_t desired) {
+  if (rival.lock == word && desired != 0) {
+    rival.lock = nullptr;
+    std::exchange(rival.work, {})();
+  }
+  return __atomic_compare_exchange_n(word, &expected, desired, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
+}
+extern "C" int32_t cas64(uint64_t *word, uint64_t expected, uint64_t desired) {
+  return __atomic_compare_exchange_n(word, &expected, desired, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
+}
+// Gives the processor away now and then: here a thread can be between a reservation and its counter.
+extern "C" uint32_t get_and_inc32(uint32_t *word, uint32_t amount) {
+  static thread_local uint32_t turns;
+  if (++turns % 16 == 0) std::this_thread::yield();
+  return __atomic_fetch_add(word, amount, __ATOMIC_SEQ_CST);
+}
+extern "C" uint64_t get_and_inc64(uint64_t *word, uint64_t amount) {
+  return __atomic_fetch_add(word, amount, __ATOMIC_SEQ_CST);
+}
+
+constexpr int kThreads = 4;
+
+template <class Work>
+static void on_threads(int n, Work work) {
+  std::vector<std::thread> threads;
+  std::atomic<int> ready{0};
+  for (int i = 0; i < n; ++i) {
+    threads.emplace_back([&, i] {
+      ready.fetch_add(1);
+      while (ready.load() < n) {
+      }
+      work(i);
+    });
+  }
+  for (auto &thread : threads) thread.join();
+}
+
+// ---- One index, two threads -------------------------------------------------------------------------------------------
+
+TEST(OneIndex, DecisionIsConfirmedUnderTheLock) {
+  using operation_t = int (*)(DynArrHandle_t *);
+  const operation_t free_it = [](DynArrHandle_t *array) { return tslb_da_free_idx(array, 3); };
+  const operation_t park_it = [](DynArrHandle_t *array) { return tslb_da_inactivate_idx(array, 3, 5); };
+  const operation_t wake_it = [](DynArrHandle_t *array) { return tslb_da_activate_idx(array, 3); };
+  const struct {
+    const char *fault;
+    bool parked;
+    operation_t ours, rivals;
+    int result;
+    indices_t free, inactive;
+  } rows[] = {
+      {"put on the free list twice", false, free_it, free_it, 1, {1, 3}, {0}},
+      {"put on the inactive list twice", false, park_it, park_it, 1, {1}, {0, 3}},
+      {"on both lists, parked behind a free", false, park_it, free_it, 1, {1, 3}, {0}},
+      {"on both lists, freed behind a park", false, free_it, park_it, 0, {1, 3}, {0}},
+      {"unlinked twice", true, wake_it, wake_it, 1, {1}, {0}},
+      {"active and on the free list", true, wake_it, free_it, 1, {1, 3}, {0}},
+      {"unlinked by the free though activated", true, free_it, wake_it, 0, {1, 3}, {0}},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    const array_t array(tslb_da_init_ll(16, 8, MPOOL_TYPE_DRAM_TMP, nullptr, 0, TSLB_DA_DAFLAG_INLL));
+    tslb_da_get_range(array.get(), 6);
+    tslb_da_free_idx(array.get(), 1);
+    tslb_da_inactivate_idx(array.get(), 0, 1);
+    if (row.parked) park_it(array.get());
+    rival = {&array->spinlock, [&] { EXPECT_EQ(row.rivals(array.get()), 0); }};
+    stderr_of([&] { EXPECT_EQ(row.ours(array.get()), row.result); });
+    ASSERT_EQ(rival.lock, nullptr) << "the lock was not taken";
+    const lists_t lists = audit_lists(array.get());
+    EXPECT_EQ(lists.free, row.free);
+    EXPECT_EQ(lists.inactive, row.inactive);
+  }
+}
+
+TEST(OneIndex, FreedByTwoThreadsAtOnceGoesOnTheListOnce) {
+  constexpr uint32_t kRounds = 4000;
+  const array_t array(tslb_da_init_ll(16, 8, MPOOL_TYPE_DRAM_TMP, nullptr, 0, TSLB_DA_DAFLAG_LL));
+  tslb_da_get_range(array.get(), kRounds);
+  std::vector<std::atomic<int>> arrived(kRounds), freed(kRounds);
+  on_threads(2, [&](int) {
+    for (uint32_t idx = 0; idx < kRounds; ++idx) {
+      arrived[idx].fetch_add(1);
+      for (int spins = 1; arrived[idx].load() < 2; ++spins)
+        if (spins % 1000 == 0) std::this_thread::yield();  // the other thread may wait for this processor
+      freed[idx].fetch_add(tslb_da_free_idx(array.get(), idx) == 0 ? 1 : 0);
+    }
+  });
+  for (uint32_t idx = 0; idx < kRounds; ++idx) ASSERT_EQ(freed[idx].load(), 1) << idx;
+  EXPECT_EQ(audit_lists(array.get()).free.size(), kRounds);
+}
+
+// ---- Slots ------------------------------------------------------------------------------------------------------------
+
+class slot_user_t {
+ public:
+  static constexpr uint32_t kRecordSize = 24;
+  static constexpr size_t kMost = 60;  // slots of one thread
+
+  slot_user_t(DynArrHandle_t *array, std::vector<std::atomic<int>> &owners, int self)
+      : array_(array), owners_(owners), self_(self), random_(static_cast<uint32_t>(self) + 17) {}
+
+  void step() {
+    const uint32_t choice = mine_.empty() ? 0 : mine_.size() == kMost ? 40 + random_() % 60 : random_() % 100;
+    if (choice < 40) return take();
+    slot_t &slot = mine_[random_() % mine_.size()];
+    check(slot);
+    if (choice < 60) {
+      give_up(slot, [&](uint32_t idx) { return tslb_da_free_idx(array_, idx); });
+    } else if (slot.parked) {
+      EXPECT_EQ(tslb_da_activate_idx(array_, slot.idx), 0);
+      slot.parked = false;
+    } else if (choice < 80) {
+      // Too young for reuse for as long as this test runs: it stays this thread's.
+      EXPECT_EQ(tslb_da_inactivate_idx(array_, slot.idx, tslb_get_time(nullptr) + 1000000), 0);
+      slot.parked = true;
+    } else {
+      give_up(slot, [&](uint32_t idx) { return tslb_da_inactivate_idx(array_, idx, 1); });
+    }
+  }
+
+  void check_all() {
+    for (const slot_t &slot : mine_) check(slot);
+  }
+  size_t active() const {
+    size_t n = 0;
+    for (const slot_t &slot : mine_) n += slot.parked ? 0 : 1;
+    return n;
+  }
+  uint32_t reused() const { return reused_; }
+
+ private:
+  struct slot_t {
+    uint32_t idx;
+    char mark;
+    bool parked;
+  };
+
+  void take() {
+    uint32_t idx, last_ts;
+    uint8_t last_status = 0;
+    void *const slot = random_() % 2 != 0 ? tslb_da_get_newptr(array_, &idx)
+                                          : tslb_da_get_newptr_inll(array_, &idx, &last_ts, &last_status);
+    EXPECT_EQ(owners_[idx].exchange(self_ + 1), 0) << "slot " << idx << " was given to two threads";
+    reused_ += last_status == TSLB_DA_SLOT_INACTIVE ? 1 : 0;
+    EXPECT_EQ(std::string(bytes_of(slot) + 4, kRecordSize - 4), std::string(kRecordSize - 4, '\0'));
+    mine_.push_back({idx, static_cast<char>(random_()), false});
+    memset(bytes_of(slot) + 4, mine_.back().mark, kRecordSize - 4);
+  }
+
+  void check(const slot_t &slot) {
+    void *const payload = tslb_da_get_ptr(array_, slot.idx);
+    EXPECT_EQ(std::string(bytes_of(payload) + 4, kRecordSize - 4), std::string(kRecordSize - 4, slot.mark));
+    EXPECT_EQ(owners_[slot.idx].load(), self_ + 1);
+  }
+
+  template <class Operation>
+  void give_up(slot_t &slot, Operation operation) {
+    const uint32_t idx = slot.idx;
+    slot = mine_.back();
+    mine_.pop_back();
+    owners_[idx].store(0);
+    EXPECT_EQ(operation(idx), 0);
+  }
+
+  DynArrHandle_t *array_;
+  std::vector<std::atomic<int>> &owners_;
+  int self_;
+  std::mt19937 random_;
+  std::vector<slot_t> mine_;
+  uint32_t reused_ = 0;
+};
+
+TEST(Slots, TakenFreedParkedAndReusedSideBySide) {
+  constexpr int kSteps = 20000;
+  const array_t array(
+      tslb_da_init_ll(slot_user_t::kRecordSize, 8, MPOOL_TYPE_DRAM_TMP, nullptr, 0, TSLB_DA_DAFLAG_INLL));
+  tsdb_mem_pressure_config_t policy = {};
+  policy.mvt_reuse_policy_use = 1;
+  policy.critical.min_days_since_inactive = 100;
+  tslb_da_register_reuse_policy(array.get(), &policy);
+  lib_config.tslb_mvt_reuse_enabled = 1;
+  // Both lists have members from the start: threads meet at their heads at once.
+  tslb_da_get_range(array.get(), 400);
+  for (uint32_t idx = 0; idx < 400; ++idx) {
+    if (idx % 2 == 0)
+      tslb_da_free_idx(array.get(), idx);
+    else
+      tslb_da_inactivate_idx(array.get(), idx, 1);
+  }
+
+  std::vector<std::atomic<int>> owners(kThreads * kSteps);
+  std::vector<slot_user_t> users;
+  for (int self = 0; self < kThreads; ++self) users.emplace_back(array.get(), owners, self);
+  on_threads(kThreads, [&](int self) {
+    for (int i = 0; i < kSteps && !testing::Test::HasFailure(); ++i) users[static_cast<size_t>(self)].step();
+  });
+  lib_config.tslb_mvt_reuse_enabled = 0;
+
+  const lists_t lists = audit_lists(array.get());
+  size_t active = 0;
+  uint32_t reused = 0;
+  for (slot_user_t &user : users) {
+    user.check_all();
+    active += user.active();
+    reused += user.reused();
+  }
+  EXPECT_EQ(lists.free.size() + lists.inactive.size() + active, tslb_da_get_size(array.get()));
+  EXPECT_GT(reused, 100u) << "the inactive list was not drawn on";
+}
+
+// ---- Chunks -----------------------------------------------------------------------------------------------------------
+
+static MemSlot_t &slot_at(DynArrHandle_t *pool, uint32_t idx) {
+  return *static_cast<MemSlot_t *>(tslb_da_get_ptr(pool, idx));
+}
+static uint32_t current_slot(DynArrHandle_t *pool) {
+  return static_cast<uint32_t>(static_cast<const DynMemHdr_t *>(get_user_hdr(pool))->cur_slot_addr);
+}
+
+// The chunks of a slot, header by header, come to what its counters say.
+static void expect_counted(MemSlot_t &slot) {
+  uint32_t used = 0, deleted = 0;
+  while (used < slot.bytes_used) {
+    const compat_t *const chunk = reinterpret_cast<const compat_t *>(slot.mslot + used);
+    if ((chunk->flag & MCHUNK_FLAG_DELETED) != 0) deleted += chunk->mchunk_len + 16u;
+    used += chunk->mchunk_len + 16u;
+  }
+  EXPECT_EQ(used, slot.bytes_used);
+  EXPECT_EQ(deleted, slot.bytes_del);
+}
+
+class chunk_user_t {
+ public:
+  static constexpr size_t kMost = 24;  // chunks of one thread
+
+  chunk_user_t(DynArrHandle_t *pool, int self) : pool_(pool), random_(static_cast<uint32_t>(self) + 71) {}
+
+  void step() {
+    const uint32_t choice = random_() % 100;
+    if (choice < 4) {
+      size_t total, used, deleted;
+      tslb_dynmem_update_free_list(pool_, &total, &used, &deleted);
+    } else if (live_.empty() || (choice < 53 && live_.size() < kMost)) {
+      chunk_t chunk = {{}, static_cast<size_t>(8 + random_() % 300), static_cast<char>(random_())};
+      char *const at = bytes_of(tslb_dynmem_get_mchunk(pool_, &chunk.address, static_cast<int>(chunk.len), {}));
+      memset(at + 16, chunk.mark, chunk.len);
+      live_.push_back(chunk);
+    } else {
+      std::swap(live_[random_() % live_.size()], live_.back());
+      delete_last();
+    }
+  }
+  void delete_last() {
+    check(live_.back());
+    tslb_dynmem_del_mchunk(pool_, live_.back().address);
+    live_.pop_back();
+  }
+  void delete_all() {
+    while (!live_.empty()) delete_last();
+  }
+  size_t check_all() {
+    size_t bytes = 0;
+    for (const chunk_t &chunk : live_) {
+      check(chunk);
+      bytes += chunk.len + 16;
+    }
+    return bytes;
+  }
+
+ private:
+  struct chunk_t {
+    maddr_t address;
+    size_t len;
+    char mark;
+  };
+
+  void check(const chunk_t &chunk) {
+    uint32_t size;
+    const char *const data = bytes_of(tslb_dynmem_get_maddr2ptr_ex(pool_, chunk.address, &size));
+    EXPECT_EQ(size, chunk.len - 1);
+    EXPECT_EQ(std::string(data, chunk.len), std::string(chunk.len, chunk.mark));
+  }
+
+  DynArrHandle_t *pool_;
+  std::mt19937 random_;
+  std::vector<chunk_t> live_;
+};
+
+TEST(Chunks, TakenDeletedAndSweptSideBySide) {
+  constexpr int kSteps = 12000;
+  const array_t pool(tslb_init_dynmem(2048, 4, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM_TMP, 0, nullptr, 0, 1));
+  std::vector<chunk_user_t> users;
+  for (int self = 0; self < kThreads; ++self) users.emplace_back(pool.get(), self);
+  on_threads(kThreads, [&](int self) {
+    for (int i = 0; i < kSteps && !testing::Test::HasFailure(); ++i) users[static_cast<size_t>(self)].step();
+  });
+
+  size_t total, used, deleted, live = 0;
+  for (chunk_user_t &user : users) live += user.check_all();
+  tslb_dynmem_update_free_list(pool.get(), &total, &used, &deleted);
+  EXPECT_EQ(used - deleted, live) << "a live chunk lies in a slot that was given back, or was counted wrong";
+  const uint32_t n_slots = tslb_da_get_size(pool.get()), current = current_slot(pool.get());
+  EXPECT_EQ(status_at(pool.get(), current), TSLB_DA_SLOT_ACTIVE);
+  for (uint32_t idx = 0; idx < n_slots; ++idx) {
+    if (status_at(pool.get(), idx) != TSLB_DA_SLOT_ACTIVE) continue;
+    MemSlot_t &slot = slot_at(pool.get(), idx);
+    expect_counted(slot);
+    EXPECT_TRUE(idx == current || slot.bytes_del != slot.bytes_used) << "emptied slot " << idx << " outlived a sweep";
+  }
+  // What lay emptied for its last chunk's time as the current slot is found by one sweep.
+  for (chunk_user_t &user : users) user.delete_all();
+  tslb_dynmem_update_free_list(pool.get(), &total, &used, &deleted);
+  EXPECT_EQ(used, deleted);
+  EXPECT_EQ(used, slot_at(pool.get(), current).bytes_used);
+  EXPECT_EQ(audit_lists(pool.get()).free.size(), n_slots - 1);
+}
+
+// All deletions meet in one counter: one addition lost, and the slot would never come back.
+TEST(Chunks, EmptiedByManyAtOnceASlotComesBackOnce) {
+  constexpr int kChunks = 12000, kRounds = 8;
+  const array_t pool(tslb_init_dynmem(kChunks * 17, 2, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM_TMP, 0, nullptr, 0, 1));
+  for (uint32_t round = 0; round < kRounds; ++round) {
+    std::vector<maddr_t> chunks(kChunks);
+    for (maddr_t &address : chunks) tslb_dynmem_get_mchunk(pool.get(), &address, 1, {});
+    const uint32_t filled = chunks[0].mslot_idx;
+    ASSERT_EQ(chunks.back().mslot_idx, filled);
+    maddr_t next;
+    tslb_dynmem_get_mchunk(pool.get(), &next, kChunks * 17 - 16, {});
+    on_threads(kThreads, [&](int self) {
+      for (size_t i = static_cast<size_t>(self); i < kChunks; i += kThreads)
+        tslb_dynmem_del_mchunk(pool.get(), chunks[i]);
+    });
+    ASSERT_EQ(slot_at(pool.get(), filled).bytes_del, kChunks * 17u);
+    ASSERT_EQ(audit_lists(pool.get()).free, indices_t{filled});
+    tslb_dynmem_del_mchunk(pool.get(), next);  // current still; the next round takes the slot that came back
+    ASSERT_EQ(status_at(pool.get(), next.mslot_idx), TSLB_DA_SLOT_ACTIVE);
+  }
+}

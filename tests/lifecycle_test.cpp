@@ -1,0 +1,454 @@
+// Life of a slot after allocation: list surgery at every position with the records that tell it, every status under
+// every operation, refusals to the character, and lists that were lost.
+#include <functional>
+#include <regex>
+
+#include "list_audit.h"
+#include "redo_recorder.h"
+
+constexpr uint32_t kNil = TSLB_DA_NIL_IDX;
+constexpr uint32_t kNotReady = TSLB_DA_SLOT_NOT_READY;
+constexpr int kRecordSize = 21;  // odd: nodes at any address
+constexpr uint32_t kSlots = 12;
+
+// 12 active slots, each payload full of its own mark.
+static array_t marked_array(uint8_t daflag = TSLB_DA_DAFLAG_INLL, int n_direct = 3) {
+  array_t array(tslb_da_init_ll(kRecordSize, n_direct, MPOOL_TYPE_DRAM, "metrics", -9, daflag));
+  for (uint32_t i = 0; i < kSlots; ++i) {
+    uint32_t idx;
+    memset(tslb_da_get_newptr(array.get(), &idx), static_cast<int>('a' + i), kRecordSize);
+  }
+  return array;
+}
+
+static void put_on_lists(DynArrHandle_t *array, const indices_t &inactive, const indices_t &free = {}) {
+  for (const uint32_t idx : inactive) ASSERT_EQ(tslb_da_inactivate_idx(array, idx, 1000 + idx), 0);
+  for (const uint32_t idx : free) ASSERT_EQ(tslb_da_free_idx(array, idx), 0);
+}
+
+// Block 0, which holds all that an array with a direct area of kSlots has.
+static std::string image_of(DynArrHandle_t *array) {
+  const size_t bytes = static_cast<size_t>(tslb_dynmem_get_hdrsz(array)) + kSlots * tslb_da_get_slotsz(array, nullptr);
+  return std::string(bytes_of(array->arr_base), bytes);
+}
+
+static std::string payload_of(DynArrHandle_t *array, uint32_t idx) {
+  return std::string(bytes_of(tslb_da_get_ptr(array, idx)), kRecordSize);
+}
+
+static std::string shown(uint32_t idx) {
+  return idx == kNil ? "nil" : std::to_string(idx);
+}
+
+// Records as text: what each covers, and what its bytes said when it was written: status, next, and in a whole slot prev.
+static std::string told(DynArrHandle_t *array, const std::vector<redo_record_t> &records) {
+  const uint32_t hdr_bytes = static_cast<uint32_t>(tslb_dynmem_get_hdrsz(array));
+  const uint32_t slot_bytes = tslb_da_get_slotsz(array, nullptr);
+  std::string text;
+  for (const auto &record : records) {
+    const void *const bytes = record.bytes.data();
+    const uint32_t idx = static_cast<uint32_t>((record.data_off - hdr_bytes) / slot_bytes);
+    text += record.locked ? "locked " : "";
+    if (record.txn_id != ~uint64_t{0} || record.rec_type != 5 || record.ctx_name != "metrics" ||
+        record.tbl_id != 0xFFFFFFF7u || record.aux_idx != 0xFFFFFFFFu)
+      text += "misnamed ";
+    if (record.data_off == 0 && record.bytes.size() == hdr_bytes && record.data_ptr == array->arr_base) {
+      const DynArrLLI_t lli = read_at<DynArrLLI_t>(bytes, 8);
+      text += "header: free " + shown(lli.free_head) + ".." + shown(lli.free_tail) + "/" + std::to_string(lli.n_free) +
+              " inactive " + shown(lli.inact_head) + ".." + shown(lli.inact_tail) + "/" + std::to_string(lli.n_inact);
+    } else if (record.data_off != hdr_bytes + uint64_t{idx} * slot_bytes ||
+               record.data_ptr != bytes_of(tslb_da_get_ptr(array, idx)) - 8 ||
+               (record.bytes.size() != 8 && record.bytes.size() != slot_bytes)) {
+      text += "stray";
+    } else {
+      const bool whole = record.bytes.size() != 8;
+      text += (whole ? "slot " : "node ") + shown(idx) + ": " + std::to_string(read_at<uint32_t>(bytes, 0)) + " >" +
+              shown(read_at<uint32_t>(bytes, 4));
+      if (whole) text += " <" + shown(read_at<uint32_t>(bytes, 8 + kRecordSize));
+    }
+    text += "; ";
+  }
+  return text;
+}
+
+// ---- Surgery ------------------------------------------------------------------------------------------------------
+
+enum step_t { FREE, INACTIVATE, ACTIVATE };
+
+static int perform(step_t step, DynArrHandle_t *array, uint32_t idx, time_t ts = 77) {
+  switch (step) {
+    case FREE:
+      return tslb_da_free_idx(array, idx);
+    case INACTIVATE:
+      return tslb_da_inactivate_idx(array, idx, ts);
+    case ACTIVATE:
+      return tslb_da_activate_idx(array, idx);
+  }
+  return -2;
+}
+
+// Lists from head to tail. Records: neighbours under the lock, the one before first; the slot and then the header after
+// its release.
+static const struct {
+  const char *fault;
+  indices_t inactive, free;
+  step_t step;
+  uint32_t idx;
+  indices_t inactive_after, free_after;
+  const char *records;
+} kSurgery[] = {
+    // clang-format off
+    {"first free slot is not both ends", {}, {}, FREE, 5, {}, {5},
+     "node 5: 1 >nil; header: free 5..5/1 inactive nil..nil/0; "},
+    {"freed slot joins elsewhere than at the tail, or the old tail is not told", {}, {7, 0}, FREE, 5, {}, {7, 0, 5},
+     "locked node 0: 1 >5; node 5: 1 >nil; header: free 7..5/3 inactive nil..nil/0; "},
+    {"only inactive slot leaves an end behind", {4}, {}, FREE, 4, {}, {4},
+     "node 4: 1 >nil; header: free 4..4/1 inactive nil..nil/0; "},
+    {"freed head stays head", {4, 9, 2}, {}, FREE, 4, {9, 2}, {4},
+     "locked slot 9: 3 >2 <nil; node 4: 1 >nil; header: free 4..4/1 inactive 9..2/2; "},
+    {"freed middle is not bridged both ways", {4, 9, 2}, {}, FREE, 9, {4, 2}, {9},
+     "locked slot 4: 3 >2 <nil; locked slot 2: 3 >nil <4; node 9: 1 >nil; header: free 9..9/1 inactive 4..2/2; "},
+    {"freed tail stays tail", {4, 9, 2}, {}, FREE, 2, {4, 9}, {2},
+     "locked slot 9: 3 >nil <4; node 2: 1 >nil; header: free 2..2/1 inactive 4..9/2; "},
+    {"free list joined ahead of leaving the inactive list", {4, 9, 2}, {7, 0}, FREE, 9, {4, 2}, {7, 0, 9},
+     "locked slot 4: 3 >2 <nil; locked slot 2: 3 >nil <4; locked node 0: 1 >9; node 9: 1 >nil; "
+     "header: free 7..9/3 inactive 4..2/2; "},
+    {"only inactive slot, activated, leaves an end behind", {4}, {}, ACTIVATE, 4, {}, {}, "slot 4: 2 >nil <nil; "},
+    {"activated head stays head", {4, 9, 2}, {}, ACTIVATE, 4, {9, 2}, {},
+     "locked slot 9: 3 >2 <nil; slot 4: 2 >nil <nil; "},
+    {"activated middle is not bridged both ways", {4, 9, 2}, {7}, ACTIVATE, 9, {4, 2}, {7},
+     "locked slot 4: 3 >2 <nil; locked slot 2: 3 >nil <4; slot 9: 2 >nil <nil; "},
+    {"activated tail stays tail", {4, 9, 2}, {}, ACTIVATE, 2, {4, 9}, {},
+     "locked slot 9: 3 >nil <4; slot 2: 2 >nil <nil; "},
+    {"first inactive slot is not both ends", {}, {7}, INACTIVATE, 5, {5}, {7}, "slot 5: 3 >nil <nil; "},
+    {"inactivated slot joins elsewhere than at the tail", {4, 9}, {}, INACTIVATE, 0, {4, 9, 0}, {},
+     "locked slot 9: 3 >0 <4; slot 0: 3 >nil <9; "},
+    // clang-format on
+};
+
+TEST(Surgery, EveryPositionWithItsRecords) {
+  for (const auto &row : kSurgery) {
+    for (const uint8_t daflag : std::initializer_list<uint8_t>{2, 3}) {
+      SCOPED_TRACE(testing::Message() << row.fault << ", daflag " << int{daflag});
+      const array_t owner = marked_array(daflag);
+      DynArrHandle_t *const array = owner.get();
+      put_on_lists(array, row.inactive, row.free);
+      const uint32_t ts_before = backward_node(array, tslb_da_get_ptr(array, row.idx)).ts;
+      redo_recorder_t log(&array->spinlock);
+      EXPECT_EQ(perform(row.step, array, row.idx), 0);
+      const auto records = log.take();
+      EXPECT_EQ(told(array, records), row.records);
+      if (row.step != FREE) {
+        EXPECT_EQ(records.back().bytes,
+                  std::string(bytes_of(tslb_da_get_ptr(array, row.idx)) - 8, 8 + kRecordSize + 8));
+      }
+
+      const lists_t lists = audit_lists(array);
+      EXPECT_EQ(lists.inactive, row.inactive_after);
+      EXPECT_EQ(lists.free, row.free_after);
+      EXPECT_EQ(tslb_da_get_size(array), kSlots);
+      EXPECT_EQ(list_roots(array).n_act, 0u);
+      EXPECT_EQ(backward_node(array, tslb_da_get_ptr(array, row.idx)).ts, row.step == INACTIVATE ? 77u : ts_before);
+      // The record is kept, but for the mark that a free leaves in its first word.
+      std::string payload(kRecordSize, static_cast<char>('a' + row.idx));
+      if (row.step == FREE) payload.replace(0, 4, "\xFF\xFF\xFF\xFF");
+      EXPECT_EQ(payload_of(array, row.idx), payload);
+    }
+  }
+}
+
+TEST(Surgery, FreeListAloneWritesNothingBehindThePayload) {
+  const array_t owner = marked_array(TSLB_DA_DAFLAG_LL, kSlots);
+  DynArrHandle_t *const array = owner.get();
+  redo_recorder_t log(&array->spinlock);
+  put_on_lists(array, {}, {5, 3});
+  EXPECT_EQ(told(array, log.take()),
+            "node 5: 1 >nil; header: free 5..5/1 inactive nil..nil/0; "
+            "locked node 5: 1 >3; node 3: 1 >nil; header: free 5..3/2 inactive nil..nil/0; ");
+  EXPECT_EQ(audit_lists(array).free, (indices_t{5, 3}));
+  for (const uint32_t idx : {4u, 6u}) {  // the neighbours in memory
+    EXPECT_EQ(payload_of(array, idx), std::string(kRecordSize, static_cast<char>('a' + idx)));
+    EXPECT_EQ(status_at(array, idx), TSLB_DA_SLOT_ACTIVE);
+  }
+}
+
+TEST(Surgery, SecondInactivationIsAtTheTailWithItsOwnTime) {
+  const array_t owner = marked_array();
+  DynArrHandle_t *const array = owner.get();
+  put_on_lists(array, {4, 9, 2});
+  EXPECT_EQ(tslb_da_activate_idx(array, 4), 0);
+  EXPECT_EQ(backward_node(array, tslb_da_get_ptr(array, 4)).ts, 1004u) << "an activated slot keeps its time";
+  EXPECT_EQ(tslb_da_inactivate_idx(array, 4, 0x100000005), 0);
+  EXPECT_EQ(backward_node(array, tslb_da_get_ptr(array, 4)).ts, 5u) << "a time is cut to 32 bits";
+  EXPECT_EQ(audit_lists(array).inactive, (indices_t{9, 2, 4}));
+}
+
+TEST(Surgery, StoredNeighboursWithoutASlotAreSteppedOver) {
+  for (const step_t step : {FREE, ACTIVATE}) {
+    const array_t owner = marked_array();
+    DynArrHandle_t *const array = owner.get();
+    put_on_lists(array, {4, 9, 2});
+    void *const slot = tslb_da_get_ptr(array, 9);
+    forward_node(slot).next = 4711;
+    backward_node(array, slot).prev = kSlots;
+    redo_recorder_t log;
+    EXPECT_EQ(perform(step, array, 9), 0);
+    EXPECT_EQ(log.take().size(), step == FREE ? 2u : 1u) << "a slot that does not exist was logged";
+    EXPECT_EQ(status_at(array, 9), step == FREE ? TSLB_DA_SLOT_FREE : TSLB_DA_SLOT_ACTIVE);
+    EXPECT_EQ(list_roots(array).n_inact, 2u);
+    EXPECT_EQ(array->spinlock, 0);
+  }
+  const array_t owner = marked_array();
+  DynArrLLI_t &lli = list_roots(owner.get());
+  lli.free_tail = lli.inact_tail = 4711;
+  EXPECT_EQ(tslb_da_free_idx(owner.get(), 5), 0);
+  EXPECT_EQ(tslb_da_inactivate_idx(owner.get(), 6, 1), 0);
+  EXPECT_EQ(lli.free_tail, 5u);
+  EXPECT_EQ(lli.inact_tail, 6u);
+}
+
+// ---- States -------------------------------------------------------------------------------------------------------
+
+enum said_t { SILENT, NOT_ACTIVE, NOT_INACTIVE };
+
+static void expect_said(said_t said, uint32_t idx, uint32_t status, const std::string &report) {
+  static const char *const functions[] = {"", "tslb_da_inactivate_idx: Warning: cannot inactivate idx ",
+                                          "tslb_da_activate_idx: Warning: cannot activate idx "};
+  static const char *const reasons[] = {"", " as its status is not active, slot status is ",
+                                        " as not exist into inactive list, slot status is "};
+  if (said == SILENT) {
+    EXPECT_EQ(report, "");
+  } else {
+    const std::regex text("tslb_dynarr_lists\\.cpp:[0-9]+:" + std::string(functions[said]) + std::to_string(idx) +
+                          reasons[said] + std::to_string(status) + "\n");
+    EXPECT_TRUE(std::regex_match(report, text)) << report;
+  }
+}
+
+TEST(States, EveryStatusUnderEveryOperation) {
+  static const struct {
+    const char *fault;
+    uint32_t status;
+    step_t step;
+    int result;
+    uint32_t status_after;
+    said_t said;
+    int free_change, inactive_change;  // of the counters and of the lists
+  } rows[] = {
+      {"unset slot put on the free list", 0, FREE, 0, 0, SILENT, 0, 0},
+      {"unset slot inactivated", 0, INACTIVATE, 1, 0, NOT_ACTIVE, 0, 0},
+      {"unset slot activated", 0, ACTIVATE, 1, 0, NOT_INACTIVE, 0, 0},
+      {"free slot freed again", 1, FREE, 1, 1, SILENT, 0, 0},
+      {"free slot parked", 1, INACTIVATE, 1, 1, NOT_ACTIVE, 0, 0},
+      {"free slot activated", 1, ACTIVATE, 1, 1, NOT_INACTIVE, 0, 0},
+      {"active slot not freed", 2, FREE, 0, 1, SILENT, 1, 0},
+      {"active slot not parked", 2, INACTIVATE, 0, 3, SILENT, 0, 1},
+      {"active slot activated", 2, ACTIVATE, 1, 2, NOT_INACTIVE, 0, 0},
+      {"inactive slot on both lists", 3, FREE, 0, 1, SILENT, 1, -1},
+      {"inactive slot parked twice", 3, INACTIVATE, 1, 3, NOT_ACTIVE, 0, 0},
+      {"inactive slot not activated", 3, ACTIVATE, 0, 2, SILENT, 0, -1},
+      {"status read as bits", 7, FREE, 0, 7, SILENT, 0, 0},
+      {"status read as bits", 6, INACTIVATE, 1, 6, NOT_ACTIVE, 0, 0},
+      {"status read as bits", 7, ACTIVATE, 1, 7, NOT_INACTIVE, 0, 0},
+      {"slot not ready put on the free list", kNotReady, FREE, 0, kNotReady, SILENT, 0, 0},
+      {"slot not ready parked", kNotReady, INACTIVATE, 1, kNotReady, NOT_ACTIVE, 0, 0},
+      {"slot not ready activated", kNotReady, ACTIVATE, 1, kNotReady, NOT_INACTIVE, 0, 0},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(testing::Message() << row.fault << ": status " << row.status << ", operation " << row.step);
+    const array_t owner = marked_array(TSLB_DA_DAFLAG_INLL, kSlots);
+    DynArrHandle_t *const array = owner.get();
+    put_on_lists(array, {4, 9}, {7, 0});
+    if (row.status == TSLB_DA_SLOT_FREE)
+      put_on_lists(array, {}, {5});
+    else if (row.status == TSLB_DA_SLOT_INACTIVE)
+      put_on_lists(array, {5});
+    else
+      forward_node(tslb_da_get_ptr(array, 5)).status = row.status;
+    const DynArrLLI_t before = list_roots(array);
+    const std::string image = image_of(array), payload = payload_of(array, 5);
+    redo_recorder_t log(&array->spinlock);
+    int result = -2;
+    std::string warnings;
+    // Other than a free, a refusal takes no lock: with this one held it would never come back.
+    if (row.said != SILENT) array->spinlock = 1;
+    EXPECT_EQ(stdout_of([&] { warnings = stderr_of([&] { result = perform(row.step, array, 5); }); }), "");
+    if (row.said != SILENT) array->spinlock = 0;
+    EXPECT_EQ(result, row.result);
+    EXPECT_EQ(status_at(array, 5), row.status_after);
+    expect_said(row.said, 5, row.status, warnings);
+    EXPECT_EQ(list_roots(array).n_free, before.n_free + static_cast<uint32_t>(row.free_change));
+    EXPECT_EQ(list_roots(array).n_inact, before.n_inact + static_cast<uint32_t>(row.inactive_change));
+    audit_lists(array);
+    const std::string records = told(array, log.take());
+    if (row.result != 0) {
+      EXPECT_EQ(image_of(array), image) << "a refusal changed something";
+      EXPECT_EQ(records, "");
+    } else if (row.step == FREE && row.free_change == 0) {
+      // A status of the host's own: marked and logged, on no list.
+      EXPECT_EQ(payload_of(array, 5), "\xFF\xFF\xFF\xFF" + payload.substr(4));
+      EXPECT_EQ(records, "node 5: " + std::to_string(row.status) + " >nil; header: free 7..0/2 inactive 4..9/2; ");
+    }
+  }
+}
+
+TEST(States, RefusalsOfTheArrayItself) {
+  struct row_t {
+    const char *fault;
+    uint8_t daflag;
+    step_t step;
+    uint32_t idx;
+    int result;
+    const char *text;  // on stdout, behind the line number; %p is the handle
+  };
+  static const char kPlain[] =
+      "tslb_da_free_idx: Warning: provided dynamic array has not advance features but using APIs for the same.\n";
+  static const char kNoPark[] =
+      "tslb_da_inactivate_idx: Warning: can not inactive idx 5 because given dynamic array %p has not initialized by "
+      "flag TSLB_DA_DAFLAG_INLL\n";
+  static const char kNoWake[] =
+      "tslb_da_activate_idx: Warning: idx 5 cannot be activate because dynamic array %p is not initialized by "
+      "TSLB_DA_DAFLAG_INLL\n";
+  static const row_t rows[] = {
+      {"plain array has a free list", 0, FREE, 5, 1, kPlain},
+      {"index looked at ahead of the array", 0, FREE, kSlots, 1, kPlain},
+      {"plain array parks", 0, INACTIVATE, 5, 1, kNoPark},
+      {"plain array activates", 0, ACTIVATE, 5, 1, kNoWake},
+      {"free list taken for an inactive list", TSLB_DA_DAFLAG_LL, INACTIVATE, 5, 1, kNoPark},
+      {"free list taken for an inactive list", TSLB_DA_DAFLAG_LL, ACTIVATE, 5, 1, kNoWake},
+      {"free of no slot", TSLB_DA_DAFLAG_LL, FREE, kSlots, -1, nullptr},
+      {"free of no slot", TSLB_DA_DAFLAG_INLL, FREE, kNil, -1, nullptr},
+      {"no slot parked", TSLB_DA_DAFLAG_INLL, INACTIVATE, kSlots, -1, nullptr},
+      {"no slot activated", TSLB_DA_DAFLAG_INLL, ACTIVATE, kNil, -1, nullptr},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    const array_t owner = marked_array(row.daflag, kSlots);
+    DynArrHandle_t *const array = owner.get();
+    const std::string image = image_of(array);
+    redo_recorder_t log;
+    std::string output;
+    array->spinlock = 1;  // none of these takes the lock
+    EXPECT_EQ(stderr_of([&] { output = stdout_of([&] { EXPECT_EQ(perform(row.step, array, row.idx), row.result); }); }),
+              "");
+    EXPECT_EQ(array->spinlock, 1);
+    EXPECT_EQ(image_of(array), image);
+    EXPECT_TRUE(log.take().empty());
+    if (row.text == nullptr) {
+      EXPECT_EQ(output, "");
+      continue;
+    }
+    char text[256];
+    // An argument that a format does not use is ignored.
+    snprintf(text, sizeof(text), std::string(row.text).c_str(), static_cast<void *>(array));
+    const std::regex prefix("tslb_dynarr_lists\\.cpp:[0-9]+:");
+    std::smatch found;
+    ASSERT_TRUE(std::regex_search(output, found, prefix, std::regex_constants::match_continuous)) << output;
+    EXPECT_EQ(found.suffix(), text);
+  }
+}
+
+TEST(States, Readiness) {
+  const array_t owner = marked_array(TSLB_DA_DAFLAG_LL, kSlots);
+  DynArrHandle_t *const array = owner.get();
+  redo_recorder_t log;
+  void *const slot = tslb_da_get_ptr(array, 5);
+  for (const uint32_t status : {0u, 1u, 2u, 3u, 0xFFFFFFFEu, kNotReady}) {
+    forward_node(slot) = {status, 8};
+    const DynArrLLI_t before = list_roots(array);
+    EXPECT_EQ(tslb_da_is_ready(nullptr, slot), status == kNotReady ? 0 : 1) << "the handle is not used";
+    tslb_da_make_ready(array, slot);
+    EXPECT_EQ(forward_node(slot).status, status == kNotReady ? TSLB_DA_SLOT_ACTIVE : status);
+    EXPECT_EQ(forward_node(slot).next, 8u);
+    EXPECT_EQ(tslb_da_is_ready(array, slot), 1);
+    EXPECT_EQ(memcmp(&before, &list_roots(array), sizeof(before)), 0);
+    EXPECT_EQ(array->spinlock, 0);
+  }
+  EXPECT_TRUE(log.take().empty());
+
+  // In a plain array the 8 bytes ahead of a record belong to the record before it.
+  const array_t plain = marked_array(0, kSlots);
+  memset(tslb_da_get_ptr(plain.get(), 4), 0xFF, kRecordSize);
+  tslb_da_make_ready(plain.get(), tslb_da_get_ptr(plain.get(), 5));
+  EXPECT_EQ(payload_of(plain.get(), 4), std::string(kRecordSize, '\xFF'));
+}
+
+TEST(States, LookAtTheInactiveHead) {
+  const array_t owner = marked_array();
+  DynArrHandle_t *const array = owner.get();
+  uint32_t idx = 6;
+  const std::string report = stdout_of([&] { EXPECT_EQ(tslb_da_get_inactive_head_ptr(nullptr, &idx), nullptr); });
+  EXPECT_TRUE(std::regex_match(report, std::regex("tslb_dynarr_lists\\.cpp:[0-9]+:tslb_da_get_inactive_head_ptr: "
+                                                  "failed to get inactive head pointer because handle of dynamic "
+                                                  "array is NULL\\.\n")))
+      << report;
+  EXPECT_EQ(idx, 6u);
+  EXPECT_EQ(tslb_da_get_inactive_head_ptr(array, &idx), nullptr);
+  EXPECT_EQ(idx, kNil);
+  put_on_lists(array, {9, 4});
+  EXPECT_EQ(tslb_da_get_inactive_head_ptr(array, &idx), tslb_da_get_ptr(array, 9));
+  EXPECT_EQ(idx, 9u);
+  EXPECT_EQ(audit_lists(array).inactive, (indices_t{9, 4})) << "a look removed something";
+}
+
+// ---- Lists that were lost -----------------------------------------------------------------------------------------
+
+TEST(Repair, CountWithoutAHeadStartsTheListAnew) {
+  static const struct {
+    const char *fault;
+    step_t step;
+    uint32_t count, tail;
+    bool reported;
+    uint32_t prev_after;  // back link of the slot that joins
+  } rows[] = {
+      {"lost free list not started anew", FREE, 3, 7, true, kNil},
+      {"tail without a count repaired", FREE, 0, 7, false, kNil},
+      {"lost inactive list not started anew", INACTIVATE, 3, 7, true, kNil},
+      {"tail without a count repaired", INACTIVATE, 0, 7, false, 7},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(testing::Message() << row.fault << ", operation " << row.step);
+    const array_t owner = marked_array();
+    DynArrHandle_t *const array = owner.get();
+    DynArrLLI_t &lli = list_roots(array);
+    const bool frees = row.step == FREE;
+    (frees ? lli.n_free : lli.n_inact) = row.count;
+    (frees ? lli.free_tail : lli.inact_tail) = row.tail;
+    forward_node(tslb_da_get_ptr(array, 7)).next = 1;
+    // The other list is whole and stays so.
+    put_on_lists(array, frees ? indices_t{4, 9} : indices_t{}, frees ? indices_t{} : indices_t{4, 9});
+    redo_recorder_t log(&array->spinlock);
+    const std::string report = stderr_of([&] { EXPECT_EQ(perform(row.step, array, 5), 0); });
+    const std::regex text(
+        frees ? "tslb_dynarr_lists\\.cpp:[0-9]+:tslb_da_free_idx: Warning: Trying to get slot from NULL free_head, "
+                "resetting n_free,n_free - 3, ctx_name - metrics, tbl_id - -9"
+              : "tslb_dynarr_lists\\.cpp:[0-9]+:tslb_da_inactivate_idx: Warning: Trying to get slot from NULL "
+                "inact_head, resetting n_inact, n_inact - 3, ctx_name - metrics, tbl_id - -9");
+    EXPECT_TRUE(row.reported ? std::regex_match(report, text) : report.empty()) << report;
+    EXPECT_EQ(frees ? lli.n_free : lli.n_inact, 1u);
+    EXPECT_EQ(frees ? lli.free_head : lli.inact_head, 5u);
+    EXPECT_EQ(frees ? lli.free_tail : lli.inact_tail, 5u);
+    EXPECT_EQ(forward_node(tslb_da_get_ptr(array, 7)).next, row.reported ? 1u : 5u) << "the lost list's slots";
+    EXPECT_EQ(status_at(array, 7), TSLB_DA_SLOT_ACTIVE);
+    EXPECT_EQ(backward_node(array, tslb_da_get_ptr(array, 5)).prev, row.prev_after);
+    EXPECT_EQ(frees ? lli.n_inact : lli.n_free, 2u);
+    const size_t n_records = (row.reported ? 0u : 1u) + (frees ? 2u : 1u);
+    EXPECT_EQ(log.take().size(), n_records);
+  }
+}
+
+TEST(Repair, OnlyWhatAppendsRepairs) {
+  const array_t owner = marked_array();
+  DynArrHandle_t *const array = owner.get();
+  put_on_lists(array, {4, 9, 2});
+  list_roots(array).inact_head = kNil;
+  list_roots(array).n_free = 3;
+  uint32_t idx;
+  EXPECT_EQ(stderr_of([&] {
+              EXPECT_EQ(tslb_da_activate_idx(array, 9), 0);
+              EXPECT_NE(tslb_da_get_newptr(array, &idx), nullptr);
+            }),
+            "");
+  EXPECT_EQ(list_roots(array).n_inact, 2u);
+  EXPECT_EQ(list_roots(array).n_free, 3u);
+}

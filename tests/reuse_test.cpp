@@ -1,0 +1,399 @@
+// Reuse of inactive slots: when a policy takes one back, how old it has to be, and what the caller is told. The system's
+// time is ours here.
+#include <limits.h>
+
+#include <regex>
+
+#include "list_audit.h"
+#include "redo_recorder.h"
+#include "tslb_settings.h"
+#include "tslb_util.h"
+
+constexpr uint32_t kNil = TSLB_DA_NIL_IDX;
+constexpr int kRecordSize = 21;
+constexpr time_t kNow = 1000000000;
+constexpr time_t kLate = 0xFFFFFFF0;  // does not fit 31 bits
+
+static time_t system_now = kNow;
+
+extern "C" __attribute__((visibility("default"))) time_t time(time_t *at) {
+  if (at != nullptr) *at = system_now;
+  return system_now;
+}
+
+struct limits_t {
+  uint32_t pct, cnt, min_used, min_age;
+};
+
+// What no array of these tests reaches; a set of nothing passes always.
+constexpr limits_t kNever = {101, 65535, 0, 0}, kAlways = {0, 0, 0, 0};
+
+static tsdb_mem_pressure_config_t policy_of(limits_t major, limits_t critical, uint8_t use = 1) {
+  const auto set_of = [](limits_t limits) {
+    tsdb_inactive_thshld_policy_t set = {};
+    set.inactive_threshold_pct = static_cast<uint8_t>(limits.pct);
+    set.inactive_threshold_cnt = static_cast<uint16_t>(limits.cnt);
+    set.min_overall_cnt = limits.min_used;
+    set.min_days_since_inactive = limits.min_age;
+    return set;
+  };
+  tsdb_mem_pressure_config_t policy = {};
+  policy.mvt_reuse_policy_use = use;
+  policy.major = set_of(major);
+  policy.critical = set_of(critical);
+  return policy;
+}
+
+// `n_used` slots, the first `n_inactive` of which were inactivated at the clock's time, highest index first: the head
+// is the last of them.
+static array_t idle_array(uint32_t n_used, uint32_t n_inactive, const char *ctx_name = "metrics") {
+  array_t array(tslb_da_init_ll(kRecordSize, 4, MPOOL_TYPE_DRAM, ctx_name, 7, TSLB_DA_DAFLAG_INLL));
+  for (uint32_t i = 0; i < n_used; ++i) {
+    uint32_t idx;
+    memset(tslb_da_get_newptr(array.get(), &idx), static_cast<int>('a' + i % 20), kRecordSize);
+  }
+  for (uint32_t idx = n_inactive; idx-- > 0;) tslb_da_inactivate_idx(array.get(), idx, system_now);
+  return array;
+}
+
+static void with_policy(const array_t &array, limits_t major, limits_t critical, uint8_t use = 1) {
+  tsdb_mem_pressure_config_t policy = policy_of(major, critical, use);
+  tslb_da_register_reuse_policy(array.get(), &policy);
+}
+
+class Reuse : public testing::Test {
+ protected:
+  void SetUp() override { lib_config.tslb_mvt_reuse_enabled = 1; }
+  void TearDown() override {
+    lib_config.tslb_mvt_reuse_enabled = 0;
+    system_now = kNow;
+    tslb_set_timer_factor(1.0);
+  }
+};
+
+// ---- Whether --------------------------------------------------------------------------------------------------------
+
+TEST_F(Reuse, Thresholds) {
+  static const struct {
+    const char *fault;
+    uint32_t n_used, n_inactive;
+    limits_t major, critical;
+    uint8_t use;
+    bool reuses;
+  } rows[] = {
+      {"percentage multiplied ahead of the division, or rounded", 100, 29, {29, 65535, 0, 0}, kNever, 1, false},
+      {"29 of 100 is not 28", 100, 29, {28, 65535, 0, 0}, kNever, 1, true},
+      {"percentage at the limit does not pass", 100, 25, {25, 65535, 0, 0}, kNever, 1, true},
+      {"percentage below the limit passes", 100, 24, {25, 65535, 0, 0}, kNever, 1, false},
+      {"1 of 3 is not 33", 3, 1, {33, 65535, 0, 0}, kNever, 1, true},
+      {"1 of 3 rounded up", 3, 1, {34, 65535, 0, 0}, kNever, 1, false},
+      {"2 of 3 is not 66", 3, 2, {66, 65535, 0, 0}, kNever, 1, true},
+      {"2 of 3 rounded to 67", 3, 2, {67, 65535, 0, 0}, kNever, 1, false},
+      {"all of them is not 100", 7, 7, {100, 65535, 0, 0}, kNever, 1, true},
+      {"a set of nothing does not pass", 100, 1, kAlways, kNever, 1, true},
+      {"count at the limit does not pass", 400, 50, {101, 50, 0, 0}, kNever, 1, true},
+      {"count below the limit passes", 400, 50, {101, 51, 0, 0}, kNever, 1, false},
+      {"count kept in 8 bits", 400, 256, {101, 256, 0, 0}, kNever, 1, true},
+      {"both limits asked for at once", 400, 50, {101, 50, 0, 0}, {101, 51, 0, 0}, 1, true},
+      {"both limits of critical asked for at once", 100, 25, kNever, {25, 65535, 0, 0}, 1, true},
+      {"critical's percentage at the limit", 100, 25, kNever, {26, 65535, 0, 0}, 1, false},
+      {"critical's count at the limit does not pass", 100, 25, kNever, {101, 25, 0, 0}, 1, true},
+      {"critical's count below the limit passes", 100, 25, kNever, {101, 26, 0, 0}, 1, false},
+      {"n_used at major's minimum is not enough", 100, 5, {0, 0, 100, 0}, kNever, 1, true},
+      {"major considered below its minimum", 100, 5, {0, 0, 101, 0}, kNever, 1, false},
+      {"critical not tried where major is skipped", 100, 5, {0, 0, 101, 0}, kAlways, 1, true},
+      {"critical not tried where major fails", 100, 5, kNever, kAlways, 1, true},
+      {"n_used at critical's minimum is not enough", 100, 5, kNever, {0, 0, 100, 0}, 1, true},
+      {"critical considered below its minimum", 100, 5, kNever, {0, 0, 101, 0}, 1, false},
+      {"critical's minimum held against major", 100, 5, kAlways, {0, 0, 101, 0}, 1, true},
+      {"limits taken from the other set", 100, 5, kNever, kNever, 1, false},
+      {"used although switched off", 100, 90, kAlways, kAlways, 0, false},
+      {"switch read as a bit", 100, 90, kAlways, kAlways, 0x80, true},
+      {"no inactive slot", 100, 0, kAlways, kAlways, 1, false},
+      {"age limit of major asked for", 100, 5, {0, 0, 0, 86400}, kAlways, 1, true},
+      {"age limit of critical left out where major passes", 100, 5, kAlways, {0, 0, 0, 86400}, 1, false},
+      {"age limit of critical left out", 100, 5, kNever, {0, 0, 0, 1}, 1, false},
+      {"age limit compared without sign", 100, 5, kAlways, {0, 0, 0, 0xFFFFFFFF}, 1, true},
+  };
+  for (const auto &row : rows) {
+    for (const bool tells : {false, true}) {
+      SCOPED_TRACE(testing::Message() << row.fault << (tells ? ", telling" : ""));
+      const array_t array = idle_array(row.n_used, row.n_inactive);
+      with_policy(array, row.major, row.critical, row.use);
+      const indices_t before = audit_lists(array.get()).inactive;
+      uint32_t idx, last_ts;
+      uint8_t last_status;
+      EXPECT_NE(tells ? tslb_da_get_newptr_inll(array.get(), &idx, &last_ts, &last_status)
+                      : tslb_da_get_newptr(array.get(), &idx),
+                nullptr);
+      EXPECT_EQ(idx, row.reuses ? before.at(0) : row.n_used);
+      EXPECT_EQ(tslb_da_get_size(array.get()), row.n_used + (row.reuses ? 0 : 1));
+      EXPECT_EQ(audit_lists(array.get()).inactive, indices_t(before.begin() + (row.reuses ? 1 : 0), before.end()));
+    }
+  }
+}
+
+TEST_F(Reuse, HostsSwitchActsInTheTellingFormAlone) {
+  lib_config.tslb_mvt_reuse_enabled = 0;
+  const array_t array = idle_array(6, 3);
+  with_policy(array, kAlways, kAlways);
+  uint32_t idx, last_ts;
+  uint8_t last_status;
+  tslb_da_get_newptr_inll(array.get(), &idx, &last_ts, &last_status);
+  EXPECT_EQ(idx, 6u);
+  tslb_da_get_newptr(array.get(), &idx);
+  EXPECT_EQ(idx, 2u) << "the policy in the array alone decides";
+  lib_config.tslb_mvt_reuse_enabled = 2;
+  tslb_da_get_newptr_inll(array.get(), &idx, &last_ts, &last_status);
+  EXPECT_EQ(idx, 1u);
+  EXPECT_EQ(tslb_da_get_range(array.get(), 2), 0u) << "a range reuses as well";
+  EXPECT_EQ(tslb_da_get_size(array.get()), 8u);
+}
+
+TEST_F(Reuse, FreeSlotsFirstAndRootsThatContradictArePassedOver) {
+  for (const uint32_t head : {4u, kNil, 4711u}) {
+    const array_t array = idle_array(6, 5);
+    with_policy(array, kAlways, kAlways);
+    tslb_da_free_idx(array.get(), 5);
+    list_roots(array.get()).inact_head = head;
+    for (const uint32_t want : {5u, head == 4 ? 4u : 6u, head == 4 ? 3u : 7u}) {
+      uint32_t idx;
+      EXPECT_EQ(stderr_of([&] { tslb_da_get_newptr(array.get(), &idx); }), "");
+      EXPECT_EQ(idx, want);
+    }
+    EXPECT_EQ(list_roots(array.get()).n_inact, head == 4 ? 3u : 5u);
+  }
+}
+
+// ---- Age ------------------------------------------------------------------------------------------------------------
+
+TEST_F(Reuse, AgeInSeconds) {
+  static const struct {
+    const char *fault;
+    time_t age;
+    int limit;
+    int old_enough;
+  } rows[] = {
+      {"no age at all does not reach 0", 0, 0, 1},
+      {"a time ahead of the clock passes", -1, 0, 0},
+      {"negative ages are not compared", -1, -1, 1},
+      {"the limit itself does not pass", 86400, 86400, 1},
+      {"days instead of seconds", 86400, 86401, 0},
+      {"seconds times 86400", 100, 100, 1},
+      {"the last exact difference", 16777216, 16777216, 1},
+      {"double instead of single precision", 16777217, 16777217, 0},
+      {"more than the lowest bit lost", 16777217, 16777216, 1},
+      {"cut instead of rounded to single precision", 16777219, 16777220, 1},
+      {"largest age wraps", INT64_C(1) << 40, INT_MAX, 1},
+      {"just beyond 32 bits wraps", INT64_C(1) << 31, INT_MAX, 1},
+      {"most negative age wraps", -(INT64_C(1) << 40), INT_MIN + 1, 0},
+      {"most negative age is below every limit", -(INT64_C(1) << 40), INT_MIN, 1},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    EXPECT_EQ(tslb_validate_days_since_node_inact(kNow - row.age, row.limit), row.old_enough);
+  }
+}
+
+TEST_F(Reuse, AgeOnTheScaledClockThroughTheList) {
+  static const struct {
+    const char *fault;
+    double factor;
+    time_t inactivated, now;
+    uint32_t limit;
+    bool reuses;
+  } rows[] = {
+      {"one second short", 1.0, kNow, kNow + 99, 100, false},
+      {"at the limit", 1.0, kNow, kNow + 100, 100, true},
+      {"unscaled clock", 2.0, kNow / 2, kNow + 198, 100, false},
+      {"scaled clock", 2.0, kNow / 2, kNow + 200, 100, true},
+      {"time of the slot widened with its sign", 1.0, kLate, kLate + 100, 101, false},
+      {"time of the slot cut", 1.0, kLate, kLate + 100, 100, true},
+      {"single precision lost on the way", 1.0, kNow, kNow + 16777217, 16777217, false},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    tslb_set_timer_factor(row.factor);
+    const array_t array = idle_array(6, 0);
+    tslb_da_inactivate_idx(array.get(), 3, row.inactivated);
+    // An older one behind the head is not looked at.
+    tslb_da_inactivate_idx(array.get(), 1, 1);
+    with_policy(array, kAlways, {0, 0, 0, row.limit});
+    system_now = row.now;
+    uint32_t idx;
+    tslb_da_get_newptr(array.get(), &idx);
+    EXPECT_EQ(idx, row.reuses ? 3u : 6u);
+    EXPECT_EQ(audit_lists(array.get()).inactive, row.reuses ? (indices_t{1}) : (indices_t{3, 1}));
+  }
+}
+
+// ---- What is told -----------------------------------------------------------------------------------------------------
+
+enum source_t { PLAIN, FREED, INACTIVE, FRESH, FRESH_UNSEEN_HEAD, FRESH_YOUNG_HEAD, FULL };
+
+TEST_F(Reuse, WhatTheCallerIsToldBySource) {
+  static const struct {
+    const char *fault;
+    source_t source;
+    uint32_t idx;
+    uint8_t status;
+    time_t ts;  // as an offset from the time of the call
+    bool tells_payload;
+  } rows[] = {
+      {"plain array", PLAIN, 6, 0, 0, false},
+      {"slot from the free list", FREED, 3, TSLB_DA_SLOT_FREE, 0, true},
+      {"slot from the inactive list", INACTIVE, 3, TSLB_DA_SLOT_INACTIVE, -500, true},
+      {"fresh slot, nothing idle", FRESH, 6, 0, 0, false},
+      {"fresh slot, thresholds not met", FRESH_UNSEEN_HEAD, 6, 0, 0, false},
+      {"fresh slot, head too young", FRESH_YOUNG_HEAD, 6, 0, -500, false},
+      {"no slot", FULL, kNil, 0, 0, false},
+  };
+  for (const auto &row : rows) {
+    for (const bool wants_payload : {true, false}) {
+      SCOPED_TRACE(testing::Message() << row.fault << (wants_payload ? "" : ", payload not asked for"));
+      system_now = kNow - 500;
+      const array_t owner = row.source == PLAIN
+                                ? array_t(tslb_da_init_v5(kRecordSize, 4, MPOOL_TYPE_DRAM, "metrics", 7))
+                                : idle_array(6, 0);
+      DynArrHandle_t *const array = owner.get();
+      if (row.source == PLAIN) {
+        for (int i = 0; i < 6; ++i) tslb_da_get_newidx(array);
+        array->spinlock = 1;  // a plain array does not take it
+      } else if (row.source == FREED) {
+        tslb_da_free_idx(array, 3);
+      } else if (row.source == FULL) {
+        get_dyn_hdr(array)->n_alloc = 0xFFFFFFFF;
+      } else if (row.source != FRESH) {
+        tslb_da_inactivate_idx(array, 3, kNow - 500);
+        tslb_da_inactivate_idx(array, 5, kNow - 400);
+        with_policy(owner, row.source == FRESH_UNSEEN_HEAD ? kNever : kAlways,
+                    row.source == FRESH_UNSEEN_HEAD ? kNever : limits_t{0, 0, 0, row.source == INACTIVE ? 500u : 501u});
+      }
+      system_now = kNow;
+      uint32_t idx = 99, last_ts = 99;
+      uint8_t last_status = 99;
+      char last_value[kRecordSize + 1];
+      memset(last_value, '#', sizeof(last_value));
+      const auto take = [&] {
+        return tslb_da_get_newptr_inll_ex(array, &idx, &last_ts, &last_status, wants_payload ? last_value : nullptr);
+      };
+      void *slot = nullptr;
+      const std::string report = stderr_of([&] { slot = take(); });
+      EXPECT_EQ(report.empty(), row.source != FULL) << report;
+      EXPECT_EQ(idx, row.idx);
+      EXPECT_EQ(slot, row.source == FULL ? nullptr : tslb_da_get_ptr(array, row.idx));
+      EXPECT_EQ(last_status, row.status);
+      EXPECT_EQ(last_ts, static_cast<uint32_t>(kNow + row.ts));
+      std::string payload(kRecordSize, row.tells_payload && wants_payload ? 'd' : '#');
+      if (row.source == FREED && wants_payload) payload.replace(0, 4, "\xFF\xFF\xFF\xFF");
+      EXPECT_EQ(std::string(last_value, sizeof(last_value)), payload + '#');
+      EXPECT_EQ(array->spinlock, row.source == PLAIN ? 1 : 0);
+      if (slot == nullptr) continue;
+      // Whatever it was, it comes out in one shape.
+      EXPECT_EQ(std::string(bytes_of(slot), kRecordSize), "\xFF\xFF\xFF\xFF" + std::string(kRecordSize - 4, '\0'));
+      if (row.source == PLAIN) continue;
+      EXPECT_EQ(forward_node(slot).status, TSLB_DA_SLOT_ACTIVE);
+      EXPECT_EQ(forward_node(slot).next, kNil);
+      EXPECT_EQ(backward_node(array, slot).prev, kNil);
+      EXPECT_EQ(backward_node(array, slot).ts, static_cast<uint32_t>(kNow));
+      audit_lists(array);
+    }
+  }
+}
+
+// ---- Records --------------------------------------------------------------------------------------------------------
+
+TEST_F(Reuse, RecordsOfATakenHead) {
+  constexpr size_t kSlotBytes = 8 + kRecordSize + 8;
+  // The telling form tells nothing but the neighbour; a head that is the tail has none.
+  static const struct {
+    const char *fault;
+    uint32_t n_inactive;
+    bool tells;
+    std::vector<std::pair<uint64_t, size_t>> records;  // position and bytes
+    bool first_locked;
+  } rows[] = {
+      {"new head not told, or slot told by the telling form", 3, true, {{84 + 1 * kSlotBytes, kSlotBytes}}, true},
+      {"neighbour of an only member told", 1, true, {}, false},
+      {"new head not told first",
+       3,
+       false,
+       {{84 + 1 * kSlotBytes, kSlotBytes}, {0, 84}, {84 + 2 * kSlotBytes, 8}, {84 + 2 * kSlotBytes + 29, 8}},
+       true},
+      {"neighbour of an only member told", 1, false, {{0, 84}, {84, 8}, {84 + 29, 8}}, false},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(testing::Message() << row.fault << (row.tells ? ", telling" : ""));
+    const array_t array = idle_array(6, row.n_inactive);
+    with_policy(array, kAlways, kAlways);
+    redo_recorder_t log(&array->spinlock);
+    uint32_t idx, last_ts;
+    uint8_t last_status;
+    if (row.tells)
+      tslb_da_get_newptr_inll(array.get(), &idx, &last_ts, &last_status);
+    else
+      tslb_da_get_newptr(array.get(), &idx);
+    EXPECT_EQ(idx, row.n_inactive - 1);
+    const auto records = log.take();
+    ASSERT_EQ(records.size(), row.records.size());
+    for (size_t i = 0; i < records.size(); ++i) {
+      SCOPED_TRACE(i);
+      EXPECT_EQ(records[i].data_off, row.records[i].first);
+      EXPECT_EQ(records[i].bytes.size(), row.records[i].second);
+      EXPECT_EQ(records[i].txn_id, ~uint64_t{0});
+      EXPECT_EQ(records[i].rec_type, 5);
+      EXPECT_EQ(records[i].locked, i == 0 && row.first_locked);
+    }
+    if (row.n_inactive == 3) {
+      EXPECT_EQ(read_at<uint32_t>(records[0].bytes.data(), 8 + kRecordSize), kNil) << "told ahead of the cut back link";
+      EXPECT_EQ(read_at<uint32_t>(records[0].bytes.data(), 4), 0u);
+      audit_lists(array.get());
+    }
+  }
+}
+
+TEST_F(Reuse, RegistrationStoresAllBytesAndLogsTheHeader) {
+  tsdb_mem_pressure_config_t policy;
+  for (size_t i = 0; i < sizeof(policy); ++i) bytes_of(&policy)[i] = static_cast<char>(i + 1);  // reserved ones too
+  const array_t array = idle_array(2, 0), nameless = idle_array(2, 0, "");
+  const array_t temporary(tslb_da_init_ll(kRecordSize, 4, MPOOL_TYPE_DRAM_TMP, "metrics", 7, TSLB_DA_DAFLAG_INLL));
+  redo_recorder_t log(&array->spinlock);
+  for (DynArrHandle_t *const each : {array.get(), nameless.get(), temporary.get()}) {
+    tslb_da_register_reuse_policy(each, &policy);
+    EXPECT_EQ(memcmp(&list_roots(each).mem_pressure_conf, &policy, 28), 0);
+  }
+  const auto records = log.take();
+  ASSERT_EQ(records.size(), 1u) << "the named array in process memory alone is logged";
+  EXPECT_EQ(records[0].data_off, 0u);
+  EXPECT_EQ(records[0].data_ptr, array->arr_base);
+  EXPECT_EQ(records[0].bytes, std::string(bytes_of(array->arr_base), 84)) << "with the policy in it";
+  EXPECT_EQ(records[0].rec_type, 5);
+  EXPECT_EQ(records[0].txn_id, ~uint64_t{0});
+  EXPECT_FALSE(records[0].locked);
+
+  const std::string before(bytes_of(array->arr_base), 84);
+  EXPECT_EQ(stderr_of([&] { tslb_da_register_reuse_policy(array.get(), nullptr); }), "");
+  EXPECT_EQ(std::string(bytes_of(array->arr_base), 84), before);
+  EXPECT_TRUE(log.take().empty());
+}
+
+TEST_F(Reuse, RegistrationNeedsAnInactiveList) {
+  tsdb_mem_pressure_config_t policy = policy_of(kAlways, kAlways);
+  for (const uint8_t daflag : std::initializer_list<uint8_t>{0, TSLB_DA_DAFLAG_LL}) {
+    const array_t array(tslb_da_init_ll(kRecordSize, 4, MPOOL_TYPE_DRAM, "metrics", 7, daflag));
+    const std::string before(bytes_of(array->arr_base), 84);
+    redo_recorder_t log;
+    const std::string report = stderr_of([&] { tslb_da_register_reuse_policy(array.get(), &policy); });
+    std::smatch found;
+    ASSERT_TRUE(std::regex_search(report, found,
+                                  std::regex("tslb_dynarr_alloc\\.cpp:[0-9]+:tslb_da_register_reuse_policy: "),
+                                  std::regex_constants::match_continuous))
+        << report;
+    EXPECT_EQ(found.suffix(),
+              std::string("Warrning: Trying to set reuse policy with dynamic array which do not have inactive linked "
+                          "list. DAInfo: ") +
+                  tslb_print_poolhdr(array.get()));
+    EXPECT_EQ(std::string(bytes_of(array->arr_base), 84), before);
+    EXPECT_TRUE(log.take().empty());
+  }
+}
