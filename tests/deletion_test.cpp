@@ -54,6 +54,7 @@ extern "C" uint64_t get_and_inc64(uint64_t *word, uint64_t amount) {
 static bool release_is_met;
 static std::function<void()> before_release;  // of memory, by whoever is next
 
+#ifndef __SANITIZE_ADDRESS__  // which needs its own free before symbols can be looked up
 extern "C" __attribute__((visibility("default"))) void free(void *block) {
   static const auto real = reinterpret_cast<void (*)(void *)>(dlsym(RTLD_NEXT, "free"));
   if (release_is_met) {
@@ -62,6 +63,7 @@ extern "C" __attribute__((visibility("default"))) void free(void *block) {
   }
   real(block);
 }
+#endif
 
 constexpr int kSlotBytes = 1000;
 
@@ -306,42 +308,30 @@ TEST(Sweep, CompactionIsHarmlessOnEveryPool) {
 
 // ---- Between a reservation and its counter ----------------------------------------------------------------------------
 
-// Deletes all but the late chunk while its bytes are reserved and not counted, and lets `meanwhile` look.
-static void late_chunk(const array_t &pool, int late_len, const std::function<void()> &meanwhile) {
-  const auto early = take_several(pool, 3);
-  before_addition.arm(&slot_at(pool, 0).bytes_used, [&] {
-    take(pool, 900);  // moves the cursor on
-    EXPECT_EQ(cursor_slot(pool), 1u);
-    for (const maddr_t address : early) del(pool, address);
-    EXPECT_EQ(slot_at(pool, 0).bytes_used, slot_at(pool, 0).bytes_del);
-    meanwhile();
-  });
-  const maddr_t late = take(pool, late_len);
-  ASSERT_EQ(before_addition.word, nullptr) << "nothing came between";
-  EXPECT_EQ(status_at(pool.get(), 0), TSLB_DA_SLOT_ACTIVE) << "a slot was given away with a chunk on its way";
-  EXPECT_TRUE(free_slots(pool).empty());
-  EXPECT_EQ(slot_at(pool, 0).bytes_used, 750u + static_cast<uint32_t>(late_len));
-  char *const data = bytes_of(tslb_dynmem_get_maddr2ptr(pool.get(), late));
-  EXPECT_EQ(std::string(data, static_cast<size_t>(late_len) - 16),
-            std::string(static_cast<size_t>(late_len) - 16, 'x'));
-  sweep(pool);
-  EXPECT_TRUE(free_slots(pool).empty());
-  del(pool, late);
-  EXPECT_EQ(free_slots(pool), indices_t{0}) << "the late chunk's deletion gives the slot back";
-}
-
 TEST(Window, SlotOfALateChunkIsKeptAndGivenBackWithIt) {
   for (const uint8_t daflag : std::initializer_list<uint8_t>{TSLB_DA_DAFLAG_LL, 3}) {
-    for (const int late_len : {250, 20}) {  // up to the slot's end, and short of it
+    for (const uint32_t late_len : {250u, 20u}) {  // up to the slot's end, and short of it
       const array_t pool = pool_of({.daflag = daflag});
-      late_chunk(pool, late_len, [&] {
+      const auto early = take_several(pool, 3);
+      before_addition.arm(&slot_at(pool, 0).bytes_used, [&] {
+        take(pool, 900);  // moves the cursor on
+        for (const maddr_t address : early) del(pool, address);
+        EXPECT_EQ(slot_at(pool, 0).bytes_used, slot_at(pool, 0).bytes_del);
         expect_sums(pool, 750 + 900, 750);
         EXPECT_TRUE(free_slots(pool).empty());
-        // Neither does a later slot take the note away.
-        take(pool, 900);
+        take(pool, 900);  // neither does a later slot take the note away
         sweep(pool);
         EXPECT_TRUE(free_slots(pool).empty());
       });
+      const maddr_t late = take(pool, static_cast<int>(late_len));
+      ASSERT_EQ(before_addition.word, nullptr) << "nothing came between";
+      EXPECT_EQ(slot_at(pool, 0).bytes_used, 750 + late_len);
+      const std::string data(bytes_of(tslb_dynmem_get_maddr2ptr(pool.get(), late)), late_len - 16);
+      EXPECT_EQ(data, std::string(late_len - 16, 'x'));
+      sweep(pool);
+      EXPECT_TRUE(free_slots(pool).empty()) << "a slot was given away with a live chunk in it";
+      del(pool, late);
+      EXPECT_EQ(free_slots(pool), indices_t{0}) << "the late chunk's deletion gives the slot back";
     }
   }
 }
@@ -397,6 +387,9 @@ TEST(Window, SlotsLeftUnsettledAtOnceAreToldApart) {
 // A slot is looked at for deletions after it was found settled, not before: here the late chunk is counted while notes
 // are searched, and an older look would say that everything counted is deleted.
 TEST(Window, CounterThatCatchesUpDuringTheSearchIsSeen) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "free is the sanitizer's";
+#endif
   const array_t pool = pool_of();
   const maddr_t early = take(pool, 700);
   uint32_t *const counter = &slot_at(pool, 0).bytes_used;

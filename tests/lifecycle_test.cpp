@@ -397,14 +397,16 @@ TEST(Repair, CountWithoutAHeadStartsTheListAnew) {
   static const struct {
     const char *fault;
     step_t step;
-    uint32_t count, tail;
+    uint32_t count, head;
     bool reported;
-    uint32_t prev_after;  // back link of the slot that joins
+    uint32_t head_after, prev_after;  // the second: back link of the slot that joins
   } rows[] = {
-      {"lost free list not started anew", FREE, 3, 7, true, kNil},
-      {"tail without a count repaired", FREE, 0, 7, false, kNil},
-      {"lost inactive list not started anew", INACTIVATE, 3, 7, true, kNil},
-      {"tail without a count repaired", INACTIVATE, 0, 7, false, 7},
+      {"lost free list not started anew", FREE, 3, kNil, true, 5, kNil},
+      {"tail without a count repaired", FREE, 0, kNil, false, 5, kNil},
+      {"head without a count replaced", FREE, 0, 3, false, 3, kNil},
+      {"lost inactive list not started anew", INACTIVATE, 3, kNil, true, 5, kNil},
+      {"tail without a count repaired", INACTIVATE, 0, kNil, false, 5, 7},
+      {"head without a count replaced", INACTIVATE, 0, 3, false, 3, 7},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(testing::Message() << row.fault << ", operation " << row.step);
@@ -413,7 +415,8 @@ TEST(Repair, CountWithoutAHeadStartsTheListAnew) {
     DynArrLLI_t &lli = list_roots(array);
     const bool frees = row.step == FREE;
     (frees ? lli.n_free : lli.n_inact) = row.count;
-    (frees ? lli.free_tail : lli.inact_tail) = row.tail;
+    (frees ? lli.free_head : lli.inact_head) = row.head;
+    (frees ? lli.free_tail : lli.inact_tail) = 7;
     forward_node(tslb_da_get_ptr(array, 7)).next = 1;
     // The other list is whole and stays so.
     put_on_lists(array, frees ? indices_t{4, 9} : indices_t{}, frees ? indices_t{} : indices_t{4, 9});
@@ -426,7 +429,7 @@ TEST(Repair, CountWithoutAHeadStartsTheListAnew) {
                 "inact_head, resetting n_inact, n_inact - 3, ctx_name - metrics, tbl_id - -9");
     EXPECT_TRUE(row.reported ? std::regex_match(report, text) : report.empty()) << report;
     EXPECT_EQ(frees ? lli.n_free : lli.n_inact, 1u);
-    EXPECT_EQ(frees ? lli.free_head : lli.inact_head, 5u);
+    EXPECT_EQ(frees ? lli.free_head : lli.inact_head, row.head_after);
     EXPECT_EQ(frees ? lli.free_tail : lli.inact_tail, 5u);
     EXPECT_EQ(forward_node(tslb_da_get_ptr(array, 7)).next, row.reported ? 1u : 5u) << "the lost list's slots";
     EXPECT_EQ(status_at(array, 7), TSLB_DA_SLOT_ACTIVE);

@@ -1,0 +1,17 @@
+// Any bytes as a snapshot stream: refused with a line, or an array that can be used.
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include "exercise.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  const int fd = memfd_create("stream", MFD_CLOEXEC);
+  if (fd < 0 || write(fd, data, size) != static_cast<ssize_t>(size) || lseek(fd, 0, SEEK_SET) != 0) return -1;
+  const array_load_options_t options = options_for(data, size);
+  char error[256];
+  const DynamicArray_t array = array_load_stream(fd, &options, error, sizeof(error));
+  close(fd);
+  expect_told(array, error);
+  if (array != nullptr) exercise(array, options.kind, data, size);
+  return 0;
+}

@@ -1,0 +1,425 @@
+// Conversions to older layouts: every byte of every record, strings at their limits, what is traced when, and both maps
+// whole. The program brings its own trace log and its own recovery copy.
+#include <stdarg.h>
+
+#include <random>
+
+#include "array_support.h"
+#include "tsdb_multi_thread_trace_log.h"
+#include "tsdb_recovery_schema.h"
+#include "tsdb_recovery_version_downgrade_fn.h"
+
+// ---- The host's part -----------------------------------------------------------------------------------------------
+
+struct trace_t {
+  int level;
+  std::string component, function, text;
+};
+static std::vector<trace_t> traced;
+static int hook_mistakes;  // arguments that are the same at every call
+
+MTTraceLogKey *trace_log_key = nullptr;
+uint8_t g_tstl_module_debug_arr[TSTL_NUM_MODULES][4];
+const char *g_tstl_module_names[TSTL_NUM_MODULES];
+
+int tslb_mt_trace_log(void *log_key, const char *module_name, int32_t level, int64_t request_id, const char *component,
+                      const char *severity, const char *file_name, int32_t line, const char *function,
+                      const char *format, ...) {
+  hook_mistakes += log_key != trace_log_key || std::string(module_name) != "the recovery" || request_id != -1 ||
+                   std::string(severity) != "Info" || std::string(file_name) != "tsdb_recovery_version_downgrade_fn" ||
+                   line <= 0;
+  char text[8192];
+  va_list values;
+  va_start(values, format);
+  vsnprintf(text, sizeof(text), format, values);
+  va_end(values);
+  traced.push_back({level, component, function, text});
+  return -1;
+}
+
+static void *copy_called_with;
+void tsdb_recov_version_copy_rc(void *cbargs) {
+  copy_called_with = cbargs;
+}
+
+// Tracing for the module's two levels while it lives.
+struct tracing_t {
+  tracing_t(bool on, bool level1, bool level2) {
+    traced.clear();
+    hook_mistakes = 0;
+    trace_log_key = on ? reinterpret_cast<MTTraceLogKey *>(&traced) : nullptr;
+    g_tstl_module_names[tstl_module_recovery] = "the recovery";
+    // Every other switch is the opposite, so that a wrong row or column shows.
+    memset(g_tstl_module_debug_arr, 1, sizeof(g_tstl_module_debug_arr));
+    g_tstl_module_debug_arr[tstl_module_recovery][0] = level1;
+    g_tstl_module_debug_arr[tstl_module_recovery][1] = level2;
+  }
+  ~tracing_t() {
+    trace_log_key = nullptr;
+    EXPECT_EQ(hook_mistakes, 0);
+  }
+};
+
+// ---- Record routines -----------------------------------------------------------------------------------------------
+
+struct range_t {
+  size_t from, to, bytes;
+};
+struct routine_t {
+  const char *name;
+  void (*run)(void *);
+  int newer_bytes, older_bytes;
+  uint8_t target;
+  std::vector<range_t> carried;  // everything else of the older record is zero
+};
+
+static std::vector<range_t> ty_sub_ranges() {
+  // Word, three shorts; then the fields between the gaps.
+  std::vector<range_t> ranges = {{0, 0, 10}, {12, 12, 5}, {20, 20, 9}, {92, 72, 8}};
+  for (size_t j = 0; j < 5; ++j) ranges.push_back({32 + 12 * j, 32 + 8 * j, 8});
+  return ranges;
+}
+
+static const routine_t kRoutines[] = {
+    {"tsdb_recov_downgrade_g_mg_2_0", tsdb_recov_downgrade_g_mg_2_0, 44, 36, 0, {{0, 0, 36}}},
+    {"tsdb_recov_downgrade_g_mg_2_1", tsdb_recov_downgrade_g_mg_2_1, 44, 40, 1, {{0, 0, 40}}},
+    {"tsdb_recov_downgrade_g_mt_1_0", tsdb_recov_downgrade_g_mt_1_0, 28, 24, 0, {{0, 0, 24}}},
+    {"tsdb_recov_downgrade_derived_var_value_t_1_0",
+     tsdb_recov_downgrade_derived_var_value_t_1_0,
+     536,
+     512,
+     0,
+     {{0, 0, 512}}},
+    {"tsdb_recov_downgrade_derived_metric_t_1_0",
+     tsdb_recov_downgrade_derived_metric_t_1_0,
+     112,
+     112,
+     0,
+     {{0, 0, 112}}},
+    {"tsdb_recov_downgrade_rc_tysub_1_0", tsdb_recov_downgrade_rc_tysub_1_0, 100, 80, 0, ty_sub_ranges()},
+};
+
+static array_t array_of(int record_size, int n_direct, uint8_t daflag, uint8_t rec_version = 9) {
+  return array_t(tslb_da_init_ver(record_size, n_direct, MPOOL_TYPE_DRAM, nullptr, 0, daflag, rec_version));
+}
+
+// `n` records of random bytes, some of them in data blocks, every third one freed where there are lists.
+static array_t random_source(int record_size, uint32_t n, uint8_t daflag, std::mt19937 &random) {
+  array_t source = array_of(record_size, 3, daflag);
+  uint32_t idx;
+  for (uint32_t i = 0; i < n; ++i) tslb_da_get_newptr(source.get(), &idx);
+  for (uint32_t i = 0; i < n; ++i) {
+    if (daflag != 0 && i % 3 == 2) tslb_da_free_idx(source.get(), i);
+    char *const record = bytes_of(tslb_da_get_ptr(source.get(), i));
+    for (int b = 0; b < record_size; ++b) record[b] = static_cast<char>(random());
+  }
+  return source;
+}
+
+TEST(RecordDowngrade, CarriesEveryByteThatBothVersionsHave) {
+  std::mt19937 random(20261124);
+  for (const routine_t &routine : kRoutines) {
+    for (const uint8_t daflag : std::initializer_list<uint8_t>{0, TSLB_DA_DAFLAG_INLL}) {
+      SCOPED_TRACE(testing::Message() << routine.name << ", flags " << int{daflag});
+      constexpr uint32_t kRecords = 40;
+      const array_t source = random_source(routine.newer_bytes, kRecords, daflag, random);
+      const array_t destination = array_of(routine.older_bytes, kRecords, daflag);
+      const std::string source_header(bytes_of(source->arr_base), 84);
+      TSDBVerCBArgs_t args = {7, source.get(), destination.get()};
+      routine.run(&args);
+      EXPECT_EQ(static_cast<DynHdr_t *>(destination->arr_base)->rec_version, routine.target);
+      EXPECT_EQ(static_cast<DynHdr_t *>(destination->arr_base)->lib_version, 2);
+      ASSERT_EQ(tslb_da_get_size(destination.get()), kRecords);
+      EXPECT_EQ(tslb_da_get_total_size(destination.get()), kRecords);
+      EXPECT_EQ(std::string(bytes_of(source->arr_base), 84), source_header) << "the source is only read";
+      for (uint32_t i = 0; i < kRecords; ++i) {
+        const char *const newer = bytes_of(tslb_da_get_ptr(source.get(), i));
+        std::string want(static_cast<size_t>(routine.older_bytes), '\0');
+        for (const range_t &range : routine.carried)
+          want.replace(range.to, range.bytes, newer + range.from, range.bytes);
+        char *const older = bytes_of(tslb_da_get_ptr(destination.get(), i));
+        ASSERT_EQ(std::string(older, static_cast<size_t>(routine.older_bytes)), want) << i;
+        if (daflag != 0) {
+          ASSERT_EQ(forward_node(older).status, TSLB_DA_SLOT_ACTIVE) << "a freed record's status came along";
+        }
+      }
+      if (daflag != 0) {
+        EXPECT_EQ(list_roots(destination.get()).n_free, 0u);
+      }
+    }
+  }
+}
+
+TEST(RecordDowngrade, StridesOfTheEmbeddedArray) {
+  const array_t source = array_of(sizeof(ty_sub_t_v1), 1, 0), destination = array_of(sizeof(ty_sub_t_v0), 1, 0);
+  uint32_t idx;
+  ty_sub_t_v1 newer = {};
+  for (int j = 0; j < 5; ++j)
+    newer.rsb_arr[j] = {10 + j, 20u + static_cast<unsigned>(j), 30u + static_cast<unsigned>(j)};
+  newer.i_offline_dirpath = 77;
+  newer.i_namepath = 78;
+  memcpy(tslb_da_get_newptr(source.get(), &idx), &newer, sizeof(newer));
+  TSDBVerCBArgs_t args = {RECTYPE_TYPE, source.get(), destination.get()};
+  tsdb_recov_downgrade_rc_tysub_1_0(&args);
+  const char *const older = bytes_of(tslb_da_get_ptr(destination.get(), 0));
+  for (size_t j = 0; j < 5; ++j) {
+    EXPECT_EQ(read_at<int>(older, 32 + 8 * j), 10 + static_cast<int>(j));
+    EXPECT_EQ(read_at<uint32_t>(older, 36 + 8 * j), 20 + j);
+  }
+  EXPECT_EQ(read_at<uint32_t>(older, 72), 77u);
+  EXPECT_EQ(read_at<uint32_t>(older, 76), 78u);
+}
+
+TEST(RecordDowngrade, EndsWhereSourceOrDestinationDoes) {
+  std::mt19937 random(1);
+  const array_t source = random_source(44, 5, 0, random);
+  TSDBVerCBArgs_t args = {RECTYPE_G_MG, source.get(), nullptr};
+  const array_t none = array_of(36, 0, 0);
+  args.h_mpool_cur = none.get();
+  tsdb_recov_downgrade_g_mg_2_0(&args);
+  EXPECT_EQ(tslb_da_get_size(none.get()), 0u);
+  EXPECT_EQ(static_cast<DynHdr_t *>(none->arr_base)->rec_version, 0) << "the version is stamped all the same";
+
+  const array_t larger = array_of(36, 9, 0);
+  args.h_mpool_cur = larger.get();
+  tsdb_recov_downgrade_g_mg_2_0(&args);
+  EXPECT_EQ(tslb_da_get_size(larger.get()), 5u);
+
+  const array_t full = array_of(36, 9, 0);
+  get_dyn_hdr(full.get())->n_alloc = 0xFFFFFFFF;
+  args.h_mpool_cur = full.get();
+  stderr_of([&] { tsdb_recov_downgrade_g_mg_2_0(&args); });
+  EXPECT_EQ(tslb_da_get_size(full.get()), 1u) << "the first refusal is the last try";
+}
+
+TEST(RecordDowngrade, StringsAtTheirLimits) {
+  static const struct {
+    const char *fault;
+    size_t tag, value;  // characters; at the size of the field: no terminator
+    size_t tag_kept, value_kept;
+  } rows[] = {
+      {"empty value", 0, 0, 0, 0},
+      {"stored length believed", 3, 5, 3, 5},
+      {"longest tag cut", 63, 254, 63, 254},
+      {"255 characters cut", 1, 255, 1, 255},
+      {"256 characters come out empty", 1, 256, 1, 255},
+      {"300 characters come out as 44", 1, 300, 1, 255},
+      {"the longest value", 1, 4095, 1, 255},
+      {"read on past fields without a terminator", 64, 4096, 63, 255},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    const array_t source = array_of(sizeof(subject_value_t_v1), 1, TSLB_DA_DAFLAG_LL);
+    const array_t destination = array_of(sizeof(subject_value_t_v0), 1, TSLB_DA_DAFLAG_LL);
+    uint32_t idx;
+    char *const newer = bytes_of(tslb_da_get_newptr(source.get(), &idx));
+    memset(newer, 0, sizeof(subject_value_t_v1));
+    newer[0] = 99;  // a length that disagrees with its string
+    write_at(newer, 66, uint16_t{999});
+    for (size_t i = 0; i < row.tag; ++i) newer[1 + i] = static_cast<char>('a' + i % 26);
+    for (size_t i = 0; i < row.value; ++i) newer[68 + i] = static_cast<char>('A' + i % 23);
+    newer[4164] = 5;
+    for (size_t i = 0; i < 64; ++i) newer[4168 + i] = static_cast<char>(200 + i);
+    TSDBVerCBArgs_t args = {RECTYPE_DMT_SUBJECT, source.get(), destination.get()};
+    tsdb_recov_downgrade_derived_subject_value_t_1_0(&args);
+    std::string want(392, '\0');
+    want[0] = static_cast<char>(row.tag_kept);
+    want.replace(1, row.tag_kept, newer + 1, row.tag_kept);
+    want[65] = static_cast<char>(row.value_kept);
+    want.replace(66, row.value_kept, newer + 68, row.value_kept);
+    want[322] = 5;
+    want.replace(328, 64, newer + 4168, 64);
+    EXPECT_EQ(std::string(bytes_of(tslb_da_get_ptr(destination.get(), 0)), 392), want);
+  }
+}
+
+// ---- Library routines ----------------------------------------------------------------------------------------------
+
+TEST(LibraryDowngrade, HeadersAndPoolHeader) {
+  static const struct {
+    const char *fault;
+    int prev_hdr, cur_hdr;
+    size_t copied;
+    const char *mismatch;
+  } rows[] = {
+      {"header of another size copied", 56, 0, 0, ", mismatched, prev_sz = 56, cur_sz = 0"},
+      {"nothing to copy is a mismatch", 0, 56, 0, nullptr},
+      {"pool header not carried", 56, 56, 56, nullptr},
+      {"copied past a short header", 8, 8, 8, nullptr},
+      {"more than a pool header copied", 100, 100, 56, nullptr},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    const array_t source(get_default_dyn_array_ex_ex(row.prev_hdr, 8, 1, MPOOL_TYPE_DRAM, 0, nullptr, 1, 2));
+    const array_t destination(get_default_dyn_array_ex_ex(row.cur_hdr, 8, 1, MPOOL_TYPE_DRAM, 0, nullptr, 1, 7));
+    memset(bytes_of(source->arr_base) + 8, 'S', static_cast<size_t>(row.prev_hdr));
+    memset(bytes_of(destination->arr_base) + 8, 'D', static_cast<size_t>(row.cur_hdr));
+    const std::string behind(bytes_of(destination->arr_base) + 8 + row.cur_hdr, 60 + 16 + 16);
+    TSDBVerCBArgs_t args = {RECTYPE_LIB_BV, source.get(), destination.get()};
+    const tracing_t tracing(true, false, true);
+    tsdb_recov_downgrade_rc_lib_2_1(&args);
+    const DynHdr_t *const hdr = static_cast<const DynHdr_t *>(destination->arr_base);
+    EXPECT_EQ(hdr->lib_version, 1);
+    EXPECT_EQ(hdr->rec_version, 2);
+    EXPECT_EQ(hdr->hdr_size, row.cur_hdr);
+    EXPECT_EQ(hdr->lli_sz, 60);
+    EXPECT_EQ(std::string(bytes_of(destination->arr_base) + 8, static_cast<size_t>(row.cur_hdr)),
+              std::string(row.copied, 'S') + std::string(static_cast<size_t>(row.cur_hdr) - row.copied, 'D'));
+    EXPECT_EQ(std::string(bytes_of(destination->arr_base) + 8 + row.cur_hdr, 60 + 16 + 16), behind);
+    EXPECT_EQ(destination->daflag, 0);
+    EXPECT_EQ(list_roots(destination.get()).lltype, 1) << "stored flags stay";
+    destination->daflag = 1;
+
+    char called[200];
+    snprintf(called, sizeof(called), "Method called, rec_type = 2, args.h_mpool_prev = %p, args.h_mpool_cur = %p",
+             args.h_mpool_prev, args.h_mpool_cur);
+    ASSERT_EQ(traced.size(), row.mismatch != nullptr ? 2u : 1u);
+    EXPECT_EQ(traced[0].text, called);
+    if (row.mismatch != nullptr) {
+      EXPECT_EQ(traced[1].text, std::string("DynMemHdr size for rec_type = 2") + row.mismatch);
+    }
+    for (const trace_t &line : traced) {
+      EXPECT_EQ(line.level, 2);
+      EXPECT_EQ(line.component, "TSDBRecovery");
+      EXPECT_EQ(line.function, "tsdb_recov_downgrade_rc_lib_2_1");
+    }
+  }
+}
+
+TEST(LibraryDowngrade, PoolsGoByTheHostsCopy) {
+  TSDBVerCBArgs_t args = {};
+  for (const auto routine : {tsdb_recov_downgrade_rc_lib_bb_1_0, tsdb_recov_downgrade_rc_lib_bv_1_0}) {
+    copy_called_with = nullptr;
+    routine(&args);
+    EXPECT_EQ(copy_called_with, &args);
+  }
+}
+
+// ---- Trace ---------------------------------------------------------------------------------------------------------
+
+TEST(Trace, LinesFollowTheirSwitches) {
+  std::mt19937 random(1);
+  const array_t source = random_source(44, 2, 0, random);
+  const array_t subjects = array_of(sizeof(subject_value_t_v1), 2, 0);
+  for (int i = 0; i < 2; ++i) {
+    uint32_t idx;
+    char *const record = bytes_of(tslb_da_get_newptr(subjects.get(), &idx));
+    memset(record, 0, sizeof(subject_value_t_v1));
+    memcpy(record + 1, "tier", 4);
+    memcpy(record + 68, i == 0 ? "web" : "db", 3);
+    record[4164] = static_cast<char>(i + 4);
+  }
+  for (const bool on : {false, true}) {
+    for (const bool level1 : {false, true}) {
+      for (const bool level2 : {false, true}) {
+        SCOPED_TRACE(testing::Message() << on << level1 << level2);
+        const array_t groups = array_of(36, 2, 0), older = array_of(sizeof(subject_value_t_v0), 2, 0);
+        const tracing_t tracing(on, level1, level2);
+        TSDBVerCBArgs_t args = {1, source.get(), groups.get()};
+        tsdb_recov_downgrade_g_mg_2_0(&args);
+        TSDBVerCBArgs_t subject_args = {1, subjects.get(), older.get()};
+        tsdb_recov_downgrade_derived_subject_value_t_1_0(&subject_args);
+        std::vector<std::string> want;
+        char line[200];
+        const auto frame = [&](const TSDBVerCBArgs_t &of) {
+          snprintf(line, sizeof(line), "Method called, h_mpool_newver = %p, h_mpool_oldver = %p, n_alloc = 2",
+                   of.h_mpool_cur, of.h_mpool_prev);
+          if (on && level1) want.push_back(line);
+        };
+        frame(args);
+        frame(subject_args);
+        if (on && level2) want.insert(want.end(), {"Subjet:- tier:web, mode:- 4", "Subjet:- tier:db, mode:- 5"});
+        std::vector<std::string> got;
+        for (const trace_t &trace : traced) {
+          got.push_back(trace.text);
+          EXPECT_EQ(trace.component, "TSDBRecovery");
+          EXPECT_EQ(trace.level, trace.text[0] == 'S' ? 2 : 1);
+          EXPECT_EQ(trace.function, &trace == &traced[0] && level1
+                                        ? "tsdb_recov_downgrade_g_mg_2_0"
+                                        : "tsdb_recov_downgrade_derived_subject_value_t_1_0");
+        }
+        EXPECT_EQ(got, want);
+      }
+    }
+  }
+}
+
+// ---- Maps ----------------------------------------------------------------------------------------------------------
+
+struct map_row_t {
+  int row, rec_type, version, daflag;
+  void (*to_0)(void *);
+  void (*to_1)(void *);
+};
+
+static void expect_row(const TSDBVerMap_t &got, const map_row_t &want, uint8_t is_lib) {
+  SCOPED_TRACE(want.row);
+  EXPECT_EQ(got.rec_type, want.rec_type);
+  EXPECT_EQ(got.version, want.version);
+  EXPECT_EQ(got.daflag, want.daflag);
+  void (*const ways[4])(void *) = {want.to_0, want.to_1, nullptr, nullptr};
+  for (uint8_t version = 0; version < 4; ++version) {
+    EXPECT_EQ(got.cb[version].depricate, 0);
+    EXPECT_EQ(got.cb[version].upgrade_cb, nullptr);
+    EXPECT_EQ(got.cb[version].downgrade_cb, ways[version]);
+    EXPECT_EQ(tsdb_recovery_version_get_downgrade_fn_ptr(static_cast<uint16_t>(want.row), version, is_lib),
+              reinterpret_cast<void *>(ways[version]));
+  }
+}
+
+TEST(Maps, Catalogue) {
+  map_row_t want[33];
+  for (int i = 0; i < 33; ++i) want[i] = {i, i, 0, 0, nullptr, nullptr};
+  want[0].daflag = 2;
+  want[1] = want[10] = {1, 1, 1, 2, tsdb_recov_downgrade_rc_tysub_1_0, nullptr};
+  want[2] = want[16] = {2, 2, 2, 0, tsdb_recov_downgrade_g_mg_2_0, tsdb_recov_downgrade_g_mg_2_1};
+  want[3] = {3, 3, 1, 0, tsdb_recov_downgrade_g_mt_1_0, nullptr};
+  want[14] = {14, 14, 1, 0, tsdb_recov_downgrade_derived_metric_t_1_0, nullptr};
+  want[19] = {19, 19, 1, 0, tsdb_recov_downgrade_derived_var_value_t_1_0, nullptr};
+  want[20] = {20, 20, 1, 0, tsdb_recov_downgrade_derived_subject_value_t_1_0, nullptr};
+  want[10].row = want[10].rec_type = 10;
+  want[16].row = want[16].rec_type = 16;
+  for (int i = 0; i < 33; ++i) expect_row(g_old_vermap[i], want[i], 0);
+  EXPECT_EQ(int{RECTYPE_LOCAL_ROOT_SUBJECT}, 10);
+  EXPECT_EQ(int{RECTYPE_G_DMG}, 16);
+  EXPECT_EQ(int{RECTYPE_DMT_SUBJECT}, 20);
+  EXPECT_EQ(int{RECTYPE_MG_TAG_MAPPING}, 32);
+  EXPECT_EQ(int{__TSDB_RECORD_TYPES_LAST__}, 33);
+}
+
+TEST(Maps, Library) {
+  const map_row_t want[] = {{0, 0, 2, 0, nullptr, tsdb_recov_downgrade_rc_lib_2_1},
+                            {1, 1, 1, 1, tsdb_recov_downgrade_rc_lib_bb_1_0, nullptr},
+                            {2, 2, 1, 1, tsdb_recov_downgrade_rc_lib_bv_1_0, nullptr},
+                            {3, 0, 0, 0, nullptr, nullptr},
+                            {4, 0, 0, 0, nullptr, nullptr}};
+  for (const auto &row : want) expect_row(g_old_lib_vermap[row.row], row, 2);
+}
+
+TEST(Maps, NothingLiesOutside) {
+  static const struct {
+    uint16_t rec_type;
+    uint8_t version, is_lib;
+  } rows[] = {{33, 0, 0}, {65535, 0, 0}, {1, 4, 0}, {1, 255, 0}, {5, 0, 1}, {20, 0, 1}, {0, 4, 1}};
+  for (const auto &row : rows)
+    EXPECT_EQ(tsdb_recovery_version_get_downgrade_fn_ptr(row.rec_type, row.version, row.is_lib), nullptr);
+}
+
+TEST(Maps, LookupAndPrintAreTraced) {
+  for (const bool level1 : {false, true}) {
+    const tracing_t tracing(true, level1, !level1);
+    tsdb_recovery_version_get_downgrade_fn_ptr(RECTYPE_G_MG, 1, 2);
+    EXPECT_EQ(tsdb_print_old_version_tb(), nullptr);
+    ASSERT_EQ(traced.size(), level1 ? 34u : 0u);
+    if (!level1) continue;
+    EXPECT_EQ(traced[0].text, "Method Called. is_lib_rc_type 2 rec_type 2, version - 1");
+    EXPECT_EQ(traced[0].function, "tsdb_recovery_version_get_downgrade_fn_ptr");
+    EXPECT_EQ(traced[3].text, "Rec_type = 2, rec_version_prev = 2");
+    EXPECT_EQ(traced[33].text, "Rec_type = 32, rec_version_prev = 0");
+    for (const trace_t &line : traced) {
+      EXPECT_EQ(line.component, "TSDBRecovVerCompat");
+      EXPECT_EQ(line.level, 1);
+    }
+    EXPECT_EQ(traced[33].function, "tsdb_print_old_version_tb");
+  }
+}
