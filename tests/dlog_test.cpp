@@ -1,6 +1,9 @@
 // The debug log's files and lines: rollover, deletion, many threads, cut lines, and what a full disk or a bad name does.
+#include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,6 +15,7 @@
 #include <thread>
 
 #include "array_support.h"
+#include "fault_alloc.h"
 #include "tslb_dlog_macros.h"
 
 namespace fs = std::filesystem;
@@ -48,6 +52,12 @@ class DebugLog : public testing::Test {
 
 // Runs first in this program, on a log that nobody has started.
 TEST(ADebugLogThatWasNeverStarted, DoesNothing) {
+  EXPECT_EQ(stderr_of([] {
+              const fault_t fault(1);
+              tslb_dl_init_internal(nullptr, 0, 0);
+            }),
+            "Error: failed to allocate memory for DLOG handle of size " + std::to_string(sizeof(TSLBDLog_t)) + ".\n");
+
   ASSERT_EQ(g_dl, nullptr);
   tslb_dl_logging(-1, "f", "g", 1, "lost");
   tslb_dl_set_thname_internal("name");
@@ -56,16 +66,21 @@ TEST(ADebugLogThatWasNeverStarted, DoesNothing) {
 }
 
 TEST_F(DebugLog, FirstLineMakesTheFileWithItsHeader) {
+  const mode_t mask = umask(0);
   tslb_dl_init_internal(base_.c_str(), 3, -1);
   EXPECT_EQ(g_dl->fmax_sz, 10485760);
   EXPECT_FALSE(fs::exists(file(0)));
-  errno = 77;
-  tslb_dl_logging(3, "some/dir/source.cpp", "place", 42, "%d apples", 5);
-  EXPECT_EQ(errno, 77);
+  errno = EACCES;
+  const std::string format = "%d apples, %m";  // the C library's own
+  tslb_dl_logging(3, "some/dir/source.cpp", "place", 42, format.c_str(), 5);
+  EXPECT_EQ(errno, EACCES);
+  umask(mask);
   const std::regex line("\\d\\d/\\d\\d/\\d+ \\d\\d:\\d\\d:\\d\\d\\|source.cpp\\|42\\|place\\|" +
-                        std::to_string(getpid()) + "\\|" + std::to_string(g_tid) + "\\|-\\|5 apples\n");
+                        std::to_string(getpid()) + "\\|" + std::to_string(g_tid) +
+                        "\\|-\\|5 apples, Permission denied\n");
   EXPECT_TRUE(std::regex_match(lines_of(0), line)) << lines_of(0);
-  EXPECT_EQ(fs::status(file(0)).permissions() & fs::perms::others_write, fs::perms::none);
+  EXPECT_EQ(fs::status(file(0)).permissions(), fs::perms(0644));
+  EXPECT_NE(fcntl(g_dl->fd, F_GETFD) & FD_CLOEXEC, 0) << "children of the host inherit the file";
 }
 
 TEST_F(DebugLog, LevelsAreTestedBeforeAnythingElse) {
@@ -127,6 +142,51 @@ TEST_F(DebugLog, DeletionOfTheCurrentFileRestartsTheNumbers) {
   EXPECT_FALSE(fs::exists(file(3)));
 }
 
+TEST_F(DebugLog, RolloverKeepsOneDescriptor) {
+  tslb_dl_init_internal(base_.c_str(), 0, 0);
+  log(0, "x");
+  const int fd = g_dl->fd;
+  for (int i = 0; i < 5; ++i) log(0, "x");
+  EXPECT_EQ(g_dl->fd, fd) << "the files that were left stay open";
+  fs::remove(file(5));
+  log(0, "x");
+  EXPECT_EQ(g_dl->fd, fd);
+}
+
+TEST_F(DebugLog, FileThatExistsIsAppendedToBehindAnotherHeader) {
+  tslb_dl_init_internal(base_.c_str(), 0, -1);
+  log(0, "first start");
+  tslb_dl_init_internal(base_.c_str(), 0, -1);
+  log(0, "second start");
+  const std::string all = content(file(0));
+  EXPECT_NE(all.find("|first start\n" + std::string(kHeader)), std::string::npos) << all;
+  EXPECT_NE(all.find("|second start\n"), std::string::npos);
+}
+
+TEST_F(DebugLog, ChildWritesUnderTheNumberOfItsParent) {
+  tslb_dl_init_internal(base_.c_str(), 0, -1);
+  log(0, "parent");
+  const pid_t parent = getpid();
+  const pid_t child = fork();
+  if (child == 0) {
+    log(0, "child");
+    _exit(0);
+  }
+  waitpid(child, nullptr, 0);
+  const std::string lines = lines_of(0);
+  EXPECT_NE(lines.find("|place|" + std::to_string(parent) + "|" + std::to_string(g_tid) + "|-|child\n"),
+            std::string::npos)
+      << lines;
+}
+
+TEST_F(DebugLog, LevelAloneIsChangedByItsOwnPath) {
+  tslb_dl_init_internal(base_.c_str(), 0, -1);
+  tslb_dl_init_internal(g_dl->fname_abs, 5, -1);
+  EXPECT_EQ(std::string(g_dl->fname_abs), base_.string());
+  log(5, "kept");
+  EXPECT_NE(lines_of(0).find("|kept\n"), std::string::npos);
+}
+
 TEST_F(DebugLog, LinesAreCutToFit) {
   tslb_dl_init_internal(base_.c_str(), 0, -1);
   log(0, "");
@@ -165,7 +225,7 @@ TEST_F(DebugLog, NamesAndNumbersOfThreads) {
   std::thread([&] {
     log(0, "nameless");
     second = g_tid;
-    tslb_dl_set_thname_internal(nullptr);
+    TSLB_DLOG_THREAD_NAME(nullptr);
     log(0, "dash");
     tslb_dl_set_thname_internal("");
     log(0, "dash");
@@ -199,8 +259,10 @@ TEST_F(DebugLog, StandardOutputHasNoFileAndStaysOpen) {
     tslb_dl_init_internal("stdout", 0, 0);
     log(0, "one");
     log(0, "two");
+    tslb_dl_init_internal("", 0, 0);  // no path is standard output as well
+    log(0, "three");
   });
-  EXPECT_EQ(count_lines(said), 2u);
+  EXPECT_EQ(count_lines(said), 3u);
   EXPECT_NE(said.find("|one\n"), std::string::npos);
   tslb_dl_init_internal(base_.c_str(), 0, -1);
   EXPECT_GE(fcntl(1, F_GETFD), 0) << "standard output was closed";

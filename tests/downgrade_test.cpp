@@ -176,7 +176,11 @@ TEST(RecordDowngrade, EndsWhereSourceOrDestinationDoes) {
   TSDBVerCBArgs_t args = {RECTYPE_G_MG, source.get(), nullptr};
   const array_t none = array_of(36, 0, 0);
   args.h_mpool_cur = none.get();
-  tsdb_recov_downgrade_g_mg_2_0(&args);
+  {
+    const tracing_t tracing(true, true, true);
+    tsdb_recov_downgrade_g_mg_2_0(&args);
+    EXPECT_EQ(traced.size(), 1u) << "the call is traced whether there are records or not";
+  }
   EXPECT_EQ(tslb_da_get_size(none.get()), 0u);
   EXPECT_EQ(static_cast<DynHdr_t *>(none->arr_base)->rec_version, 0) << "the version is stamped all the same";
 
@@ -268,6 +272,12 @@ TEST(LibraryDowngrade, HeadersAndPoolHeader) {
     EXPECT_EQ(std::string(bytes_of(destination->arr_base) + 8 + row.cur_hdr, 60 + 16 + 16), behind);
     EXPECT_EQ(destination->daflag, 0);
     EXPECT_EQ(list_roots(destination.get()).lltype, 1) << "stored flags stay";
+    // A plain array from here on: no list is asked, no lock taken, no node written.
+    list_roots(destination.get()).n_free = 1;
+    list_roots(destination.get()).free_head = 0;
+    uint32_t idx;
+    EXPECT_EQ(tslb_da_get_newptr(destination.get(), &idx), get_dyn_hdr(destination.get())->elem_direct);
+    EXPECT_EQ(list_roots(destination.get()).n_free, 1u);
     destination->daflag = 1;
 
     char called[200];

@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -96,6 +97,10 @@ class Directories : public testing::Test {
 TEST_F(Directories, ChainsUpToTheLastSlash) {
   EXPECT_EQ(mkdir_ex((dir_ / "a/b/c").c_str()), 1);
   EXPECT_TRUE(fs::is_directory(dir_ / "a/b"));
+  const mode_t mask = umask(0);
+  EXPECT_EQ(mkdir_ex((dir_ / "open/x").c_str()), 1);
+  umask(mask);
+  EXPECT_EQ(fs::status(dir_ / "open").permissions(), fs::perms(0777));
   EXPECT_FALSE(fs::exists(dir_ / "a/b/c")) << "a name without a slash behind it is a file's";
   EXPECT_EQ(mkdir_ex((dir_ / "a/b/c/").c_str()), 1);
   EXPECT_TRUE(fs::is_directory(dir_ / "a/b/c"));
@@ -176,6 +181,8 @@ TEST(Addresses, AsText) {
   EXPECT_EQ(memcmp(&before, &local, sizeof(local)), 0);
   v4.sin_family = 17;
   EXPECT_EQ(text_of(&v4, 1), "Bad Family or Address not used");
+  char *const mine = tslb_sockaddr_to_ip(reinterpret_cast<struct sockaddr *>(&v6), 0);
+  std::thread([&] { EXPECT_NE(tslb_sockaddr_to_ip(reinterpret_cast<struct sockaddr *>(&v6), 0), mine); }).join();
   EXPECT_EQ(tslb_sockaddr_to_ip(reinterpret_cast<struct sockaddr *>(&v6), 0),
             tslb_sockaddr_to_ip(reinterpret_cast<struct sockaddr *>(&v4), 0));
 }
@@ -195,6 +202,14 @@ TEST(Sockets, ListeningAndItsFailures) {
   ASSERT_GT(port, 0);
   EXPECT_EQ(std::string(tslb_get_src_addr_ex(listening, 1)), "127.0.0.1:" + std::to_string(port));
   EXPECT_STREQ(tslb_get_dest_addr_ex(listening, 1), "Unknown or Not Connected");
+  int reuse = 0;
+  socklen_t reuse_len = sizeof(reuse);
+  EXPECT_EQ(getsockopt(listening, SOL_SOCKET, SO_REUSEADDR, &reuse, &reuse_len), 0);
+  EXPECT_NE(reuse, 0);
+  int all_port = 0;
+  const int on_all = tslb_tcp_listen(&all_port, 5, nullptr, err_msg);
+  EXPECT_EQ(std::string(tslb_get_src_addr_ex(on_all, 1)), "0.0.0.0:" + std::to_string(all_port));
+  close(on_all);
   const std::string port_text = std::to_string(port);
   EXPECT_EQ(tslb_tcp_listen(&port, 5, "127.0.0.1", err_msg), -2);
   EXPECT_EQ(std::string(err_msg), "Error in binding for listen socket (IP = 127.0.0.1, Port = " + port_text +
@@ -284,4 +299,8 @@ TEST(Epoll, SetsAndTheirFailures) {
   EXPECT_EQ(errno, EINVAL);
   EXPECT_STREQ(err_msg, "tslb_epoll_init, epoll_create: err = Invalid argument err_msg: from before \n");
   EXPECT_EQ(tslb_epoll_init(0, nullptr), -1);
+  memset(err_msg, 'h', sizeof(err_msg));
+  err_msg[511] = '\0';
+  EXPECT_EQ(tslb_epoll_init(0, err_msg), -1);
+  EXPECT_NE(std::string(err_msg).find("err_msg: " + std::string(255, 'h') + " \n"), std::string::npos) << err_msg;
 }

@@ -7,8 +7,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "array_support.h"
 #include "tslb_settings.h"
@@ -169,10 +171,13 @@ TEST_F(PidFile, OwnNameAndGoneProcesses) {
 }
 
 TEST_F(PidFile, PathsThatDoNotFitAreRefusedNotCut) {
-  // Cut at 1,023 characters this one would name a file that exists.
+  // Cut at 1,023 characters this one names a file of a process that lives.
   std::string deep = dir_.string();
-  while (deep.size() < 1010) deep += "/.";
+  while (deep.size() < 900) deep += "/.";
   const std::string component(600, 'c');
+  const std::string cut = (deep + "/." + component + ".pid").substr(0, 1023);
+  std::ofstream(cut) << getpid();
+  ASSERT_TRUE(fs::exists(cut));
   EXPECT_EQ(tslb_get_pid(deep.c_str(), component.c_str(), "x", error_), -1);
   EXPECT_EQ(std::string(error_).rfind("Not able to open ", 0), 0u);
   EXPECT_LT(strlen(error_), 511u);
@@ -190,22 +195,57 @@ TEST_F(PidFile, MainComponentOfARun) {
   tslb_testidx = 17;
   EXPECT_EQ(check_tarnhub_pid_alive(), child.pid());
   tslb_testidx = 0;
-  setenv("QX_WDIR", (dir_.string() + "/" + std::string(300, '.')).c_str(), 1);
+  // One character too long: cut, this one names a directory with a pid file of a process that lives.
+  std::string padded = dir_.string();
+  const std::string tail = "/logs/TR17/.pidfiles";
+  while (padded.size() + tail.size() < 255) padded += "/.";
+  padded.resize(256 - tail.size(), '/');
+  const std::string cut = (padded + tail).substr(0, 255);
+  fs::create_directories(cut);
+  std::ofstream(cut + "/.TarnHub.pid") << child.pid();
+  setenv("QX_WDIR", padded.c_str(), 1);
   EXPECT_EQ(check_tarnhub_pid_alive_ex(17), -1);
 }
 
 // ---- Commands ------------------------------------------------------------------------------------------------------
 
-static void hosts_handler(int) {}
+static volatile sig_atomic_t hosts_signals;
+static void hosts_handler(int) {
+  hosts_signals = hosts_signals + 1;
+}
 
-// Every form, run under the host's own handler, which has to be back afterwards.
+static size_t open_descriptors() {
+  size_t n = 0;
+  for ([[maybe_unused]] const auto &entry : fs::directory_iterator("/proc/self/fd")) ++n;
+  return n;
+}
+
+// Every form, run under the host's own handler, which has to be silent meanwhile and back afterwards. No descriptor and
+// no child stays behind.
 class Commands : public testing::Test {
  protected:
-  void SetUp() override { signal(SIGCHLD, hosts_handler); }
-  void TearDown() override {
-    EXPECT_EQ(signal(SIGCHLD, SIG_DFL), hosts_handler) << "the host's SIGCHLD handler did not come back";
+  void SetUp() override {
+    signal(SIGCHLD, hosts_handler);
+    hosts_signals = 0;
+    descriptors_ = open_descriptors();
   }
+  void TearDown() override {
+    EXPECT_EQ(hosts_signals, 0) << "the host's handler saw children that are not the host's";
+    EXPECT_EQ(signal(SIGCHLD, SIG_DFL), hosts_handler) << "the host's SIGCHLD handler did not come back";
+    EXPECT_EQ(open_descriptors(), descriptors_);
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child was left to nobody";
+  }
+  size_t descriptors_;
 };
+
+TEST(CommandsOfAHostThatIgnoresItsChildren, AreWaitedForAllTheSame) {
+  signal(SIGCHLD, SIG_IGN);
+  char err_msg[256], out[16], error[512];
+  EXPECT_EQ(tslb_system("exit 3", err_msg), 3);
+  EXPECT_EQ(tslb_run_cmd_and_get_last_line("echo x", 16, out, error), 0);
+  EXPECT_STREQ(error, "Method called. Command = echo x") << "pclose had no child left";
+  EXPECT_EQ(signal(SIGCHLD, SIG_DFL), SIG_IGN);
+}
 
 // No process can be started while it lives.
 struct no_processes_t {
@@ -236,7 +276,9 @@ TEST_F(Commands, ExitStatus) {
     EXPECT_EQ(tslb_system(row.command, err_msg), row.result);
     EXPECT_EQ(std::string(err_msg).rfind(row.text, 0), 0u) << err_msg;
     if (row.text[0] == 'E') {
-      EXPECT_NE(std::string(err_msg).find(std::string(". Command = ") + row.command), std::string::npos) << err_msg;
+      const std::string text = err_msg, tail = text.substr(strlen(row.text));
+      const int err = atoi(tail.c_str());
+      EXPECT_EQ(tail, std::to_string(err) + "]: " + strerror(err) + ". Command = " + row.command);
     }
   }
   char bounded[257];
@@ -244,6 +286,42 @@ TEST_F(Commands, ExitStatus) {
   EXPECT_EQ(tslb_system(("exit 3 # " + std::string(1000, 'x')).c_str(), bounded), 3);
   EXPECT_EQ(strlen(bounded), 255u);
   EXPECT_EQ(bounded[256], 'g');
+}
+
+TEST_F(Commands, WhatCannotBeRun) {
+  rlimit before;
+  getrlimit(RLIMIT_NPROC, &before);
+  if (getuid() == 0) GTEST_SKIP() << "root is not limited in its processes";
+  const rlimit none = {0, before.rlim_max};
+  setrlimit(RLIMIT_NPROC, &none);
+  char err_msg[256];
+  const int ret = tslb_system("true", err_msg);
+  setrlimit(RLIMIT_NPROC, &before);
+  EXPECT_LT(ret, 0);
+  EXPECT_EQ(std::string(err_msg),
+            "Error in running command. Err[11]: Resource temporarily unavailable. Command = true");
+}
+
+TEST_F(Commands, ChildThatAnotherThreadTookIsNoFailure) {
+  std::atomic<bool> done{false};
+  std::thread thief([&] {
+    while (!done) waitpid(-1, nullptr, WNOHANG);
+  });
+  char out[16], error[513];
+  error[512] = 'g';
+  bool taken = false;
+  const std::string command = "echo x; exec >&-; sleep 0.05 # " + std::string(600, 'l');
+  for (int i = 0; i < 50 && !taken; ++i) {
+    EXPECT_EQ(tslb_run_cmd_and_get_last_line(command.c_str(), 16, out, error), 0);
+    EXPECT_STREQ(out, "x");
+    taken = error[0] == 'E';
+  }
+  done = true;
+  thief.join();
+  ASSERT_TRUE(taken) << "the race was never lost";
+  EXPECT_EQ(std::string(error).rfind("Error: Error in pclose() after executing following cmd: 'echo x;", 0), 0u);
+  EXPECT_EQ(strlen(error), 510u) << "cut to its buffer";
+  EXPECT_EQ(error[512], 'g');
 }
 
 TEST_F(Commands, LastLine) {

@@ -1,6 +1,6 @@
 /* Version maps: which version stored data of a record type carries, and which routine takes it down to each lower one;
- * the argument of those routines; and the host's copy hook. The library walks no map and calls no routine by itself: the
- * host's recovery does. */
+ * the argument of those routines; and the host's copy hook. The library converts nothing by itself: the host's
+ * recovery asks for a routine and calls it. */
 #ifndef TSDB_RECOVERY_VERSION_COMPATIBILITY_H
 #define TSDB_RECOVERY_VERSION_COMPATIBILITY_H
 

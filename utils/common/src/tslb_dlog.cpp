@@ -28,7 +28,7 @@ constexpr size_t NAME_LEN = 31;
 constexpr int DEFAULT_MIB = 10;
 constexpr int MIB_MAX = 2047;  // more does not fit an int as bytes
 
-// Acquire, paired with the release of the first initialisation: who sees the log sees it set up.
+// Acquire, paired with the barrier of the swap that published it: who sees the log sees it set up.
 static TSLBDLog_t *the_log() {
   return __atomic_load_n(&g_dl, __ATOMIC_ACQUIRE);
 }
@@ -36,34 +36,51 @@ static TSLBDLog_t *the_log() {
 // ---- Initialisation ------------------------------------------------------------------------------------------------
 
 static void set_up(TSLBDLog_t *log, const char *dlog_fname, int dlevel, int fmax_sz) {
-  // What the log opened itself; never a standard stream.
-  if (log->fname_abs[0] != '\0' && log->fd > STDERR_FILENO) close(log->fd);
-  const int mib = fmax_sz < 0 ? DEFAULT_MIB : fmax_sz > MIB_MAX ? MIB_MAX : fmax_sz;
+  // Through a buffer of its own: a host that changes the level alone passes the log's own path.
+  char base[BASE_LEN + 1];
   const bool to_stdout = dlog_fname != nullptr && strcmp(dlog_fname, "stdout") == 0;
+  snprintf(base, sizeof(base), "%s", to_stdout ? "" : dlog_fname != nullptr ? dlog_fname : DEFAULT_BASE);
+  // What the log opened itself. Standard output is the process's, even where it was what the log was given.
+  if (log->fname_abs[0] != '\0' && log->fd >= 0 && log->fd != STDOUT_FILENO) close(log->fd);
+  const int mib = fmax_sz < 0 ? DEFAULT_MIB : fmax_sz > MIB_MAX ? MIB_MAX : fmax_sz;
   log->pid = getpid();
   log->fver = -1;
   log->fmax_sz = mib << 20;
-  log->fd = to_stdout ? STDOUT_FILENO : -1;
-  snprintf(log->fname_abs, BASE_LEN + 1, "%s", to_stdout ? "" : dlog_fname != nullptr ? dlog_fname : DEFAULT_BASE);
+  log->fd = base[0] == '\0' ? STDOUT_FILENO : -1;
+  memcpy(log->fname_abs, base, sizeof(base));
   __atomic_store_n(&log->level, dlevel, __ATOMIC_RELAXED);
+}
+
+// A log that is set up and not published yet; null after a report.
+static TSLBDLog_t *make_log(const char *dlog_fname, int dlevel, int fmax_sz) {
+  TSLBDLog_t *const log = static_cast<TSLBDLog_t *>(calloc(1, sizeof(TSLBDLog_t)));
+  if (log == nullptr) {
+    fprintf(stderr, "Error: failed to allocate memory for DLOG handle of size %ld.\n",
+            static_cast<long>(sizeof(TSLBDLog_t)));
+    return nullptr;
+  }
+  pthread_mutex_init(&log->dl_thlock, nullptr);
+  set_up(log, dlog_fname, dlevel, fmax_sz);
+  return log;
 }
 
 void tslb_dl_init_internal(const char *dlog_fname, int dlevel, int fmax_sz) {
   TSLBDLog_t *log = the_log();
   if (log == nullptr) {
-    log = static_cast<TSLBDLog_t *>(calloc(1, sizeof(TSLBDLog_t)));
-    if (log == nullptr) {
-      fprintf(stderr, "Error: failed to allocate memory for DLOG handle of size %ld.\n",
-              static_cast<long>(sizeof(TSLBDLog_t)));
-      return;
+    log = make_log(dlog_fname, dlevel, fmax_sz);
+    if (log == nullptr) return;
+    if (cas64(reinterpret_cast<uint64_t *>(&g_dl), 0, reinterpret_cast<uint64_t>(log)) == 0) {
+      free(log);  // another thread was first, and its log is set anew below
+      log = nullptr;
     }
-    pthread_mutex_init(&log->dl_thlock, nullptr);
-    set_up(log, dlog_fname, dlevel, fmax_sz);
-    __atomic_store_n(&g_dl, log, __ATOMIC_RELEASE);
   } else {
-    pthread_mutex_lock(&log->dl_thlock);
-    set_up(log, dlog_fname, dlevel, fmax_sz);
-    pthread_mutex_unlock(&log->dl_thlock);
+    log = nullptr;
+  }
+  if (log == nullptr) {
+    TSLBDLog_t *const running = the_log();
+    pthread_mutex_lock(&running->dl_thlock);
+    set_up(running, dlog_fname, dlevel, fmax_sz);
+    pthread_mutex_unlock(&running->dl_thlock);
   }
   g_tid = -1;
   snprintf(g_thname, sizeof(g_thname), "-");
@@ -174,6 +191,7 @@ void tslb_dl_logging(int dlevel, const char *file_name, const char *fun_name, in
                           LINE_BYTES);
   va_list values;
   va_start(values, fmt);
+  errno = caller_errno;  // which %m shows
   wbytes += kept_of(vsnprintf(msg_buff + wbytes, LINE_BYTES - wbytes, fmt, values), LINE_BYTES - wbytes);
   va_end(values);
   msg_buff[wbytes++] = '\n';

@@ -85,10 +85,14 @@ int mkdir_ex(const char *path) {
 
 // ---- Error text ----------------------------------------------------------------------------------------------------
 
+// strerror_r has two forms. One fills the buffer; the other may answer with a constant of its own instead.
+[[maybe_unused]] static void settle(int, char *, size_t) {}
+[[maybe_unused]] static void settle(const char *answer, char *text, size_t room) {
+  if (answer != text) snprintf(text, room, "%s", answer);
+}
+
 char *qxlb_strerror(int num) {
   static thread_local char text[256];
-  // The C library's own form may answer with a constant of its own and leave the buffer alone.
-  const char *const answer = strerror_r(num, text, sizeof(text));
-  if (answer != text) snprintf(text, sizeof(text), "%s", answer);
+  settle(strerror_r(num, text, sizeof(text)), text, sizeof(text));
   return text;
 }

@@ -105,7 +105,7 @@ TSLB_API int tslb_check_is_process_zombie(pid_t pid);
 /* 1 if a process runs, 0 if not; a zombie does not.
  *
  * proc_name  NULL, or the kernel's name for it (at most 15 characters): a process of another name counts as gone. Not
- *            compared for a process of another user. */
+ *            compared where the caller may not signal the process, another user's. */
 TSLB_API int tslb_check_pid_alive(pid_t pid, const char *proc_name);
 
 /* The process that a pid file, base_dir/.component.pid, names on its first line, if it runs under the expected name.
@@ -114,7 +114,8 @@ TSLB_API int tslb_check_pid_alive(pid_t pid, const char *proc_name);
  *               dot also matches by the part before it.
  * error_buffer  at least 512 bytes.
  * Result        the process id. -1: no such file, or a path that does not fit (text in error_buffer). -2: no process id
- *               in it (text on stdout). -4: another name (text on stdout). -5: the process is gone. */
+ *               in it (text on stdout). -4: another name (text on stdout). -5: the process is gone, or
+ *               ps could not be run. */
 TSLB_API int tslb_get_pid(const char *base_dir, const char *component, const char *bin_name, char *error_buffer);
 
 /* The same for the main host component of a run, whose pid file lies below the environment's QX_WDIR. The last one takes

@@ -38,14 +38,13 @@ int tslb_check_is_process_zombie(pid_t pid) {
   return answer;
 }
 
-// A process whose name cannot be read counts as the one asked for.
+// A process whose name cannot be opened counts as the one asked for.
 static bool has_name(pid_t pid, const char *proc_name) {
   FILE *const comm = fopen(proc_path_t(pid, "/comm").text, "r");
   if (comm == nullptr) return true;
   char name[COMM_LEN + 1] = "";
-  const bool was_read = fgets(name, sizeof(name), comm) != nullptr;
+  if (fgets(name, sizeof(name), comm) == nullptr) name[0] = '\0';
   fclose(comm);
-  if (!was_read) name[0] = '\0';
   name[strcspn(name, "\n")] = '\0';
   return strncmp(proc_name, name, sizeof(name)) == 0;
 }

@@ -57,16 +57,18 @@ char *tslb_sockaddr_to_ip(const struct sockaddr *sa, int give_port) {
   return text_of(sa, sizeof(struct sockaddr_un), give_port);
 }
 
+// What an end without an address is called. A constant, whatever the type of the functions that return it.
+static char NOT_CONNECTED[] = "Unknown or Not Connected";
+
 // One end of a socket, by getsockname or getpeername, into as many bytes as Address has. The system says how long the
 // whole address is, which can be more than it had room for.
 template <class Address>
 static char *end_of(int (*name_of)(int, struct sockaddr *, socklen_t *), int fd, int give_port) {
-  static char unknown[] = "Unknown or Not Connected";
   Address address;
   memset(&address, 0, sizeof(address));
   socklen_t len = sizeof(address);
   struct sockaddr *const sa = reinterpret_cast<struct sockaddr *>(&address);
-  if (name_of(fd, sa, &len) != 0) return unknown;
+  if (name_of(fd, sa, &len) != 0) return NOT_CONNECTED;
   return text_of(sa, len < sizeof(address) ? len : sizeof(address), give_port);
 }
 
@@ -80,15 +82,16 @@ char *tslb_get_dest_addr_ex(int fd, int give_port) {
 // ---- Listening -----------------------------------------------------------------------------------------------------
 
 static void report_bind(char *err_msg, const char *ip_addr, int port, int err) {
-  char where[128];
+  int len = 0;
   if (ip_addr != nullptr)
-    snprintf(where, sizeof(where), "IP = %s, Port = %d", ip_addr, port);
+    len = snprintf(err_msg, ERR_MSG_ROOM, "Error in binding for listen socket (IP = %s, Port = %d). ", ip_addr, port);
   else
-    snprintf(where, sizeof(where), "Port = %d", port);
+    len = snprintf(err_msg, ERR_MSG_ROOM, "Error in binding for listen socket (Port = %d). ", port);
+  const size_t used = len < 0 ? 0 : static_cast<size_t>(len) < ERR_MSG_ROOM ? static_cast<size_t>(len) : ERR_MSG_ROOM;
   if (err == EADDRINUSE)
-    snprintf(err_msg, ERR_MSG_ROOM, "Error in binding for listen socket (%s). IP Address and port is in use", where);
+    snprintf(err_msg + used, ERR_MSG_ROOM - used, "IP Address and port is in use");
   else
-    snprintf(err_msg, ERR_MSG_ROOM, "Error in binding for listen socket (%s). Error = %s", where, qxlb_strerror(err));
+    snprintf(err_msg + used, ERR_MSG_ROOM - used, "Error = %s", qxlb_strerror(err));
 }
 
 // Everything behind the making of the socket; 0, or the code of a failure that was reported.

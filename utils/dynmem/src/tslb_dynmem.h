@@ -185,8 +185,8 @@ extern TSLB_API __thread int g_mpool_hdr_str_sz;
  * num_mslot    slots in block 0; more come 16 at a time.
  * compat_flag  MPOOL_FLAG_COMPAT or 0.
  * mpool_type   MPOOL_TYPE_*.
- * slot_type    MPOOL_SLOT_TYPE_DA, or a pool: with bit 0x10 a bit-vector pool, else a big-buffer pool. Together with
- *              compat_flag it becomes DynMemHdr_t.flag, further bits included.
+ * slot_type    MPOOL_SLOT_TYPE_DA, or a pool: MPOOL_FLAG_BV for a bit-vector pool, 0 for a big-buffer pool. Together with
+ *              compat_flag it becomes DynMemHdr_t.flag, further bits included: a 1 here is MPOOL_FLAG_COMPAT there.
  * ctx_name     name, or NULL; without one the creation is not redo logged.
  * tbl_id       table id.
  * daflag       TSLB_DA_DAFLAG_*; slots can be released only with nodes.
