@@ -93,7 +93,7 @@ TEST(OneIndex, DecisionIsConfirmedUnderTheLock) {
 }
 
 TEST(OneIndex, FreedByTwoThreadsAtOnceGoesOnTheListOnce) {
-  constexpr uint32_t kRounds = 4000;
+  constexpr uint32_t kRounds = 1500;
   const array_t array(tslb_da_init_ll(16, 8, MPOOL_TYPE_DRAM_TMP, nullptr, 0, TSLB_DA_DAFLAG_LL));
   tslb_da_get_range(array.get(), kRounds);
   std::vector<std::atomic<int>> arrived(kRounds), freed(kRounds);

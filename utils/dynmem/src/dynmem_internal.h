@@ -20,8 +20,14 @@ static inline bool has_compat(const DynMemHdr_t *hdr) {
 static inline bool is_bitvector(const DynMemHdr_t *hdr) {
   return (hdr->flag & MPOOL_FLAG_BV) != 0;
 }
+
+// A ring goes round its slots by itself once all of them exist.
+constexpr uint32_t RING_SLOTS = 254;
 static inline bool is_ring(const dynmem_t *pool) {
   return is_bitvector(pool_hdr_of(pool)) && pool->mem_type == MPOOL_TYPE_DRAM_TMP;
+}
+static inline bool is_complete_ring(const dynmem_t *pool) {
+  return is_ring(pool) && get32(&arr_hdr_of(pool)->n_used) >= RING_SLOTS;
 }
 
 // Counters that other threads move meanwhile; each reading is true of some moment, and nothing is read

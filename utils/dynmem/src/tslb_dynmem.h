@@ -245,7 +245,8 @@ TSLB_API void *tslb_dynmem_get_maddr2ptr64(dynmem_t *dynmem_handle, maddr64_t ma
 
 /* Marks a chunk deleted. The slot goes back to the free list with the deletion that empties it, unless it is current;
  * until then the chunk's bytes stay, and resolve. Without compaction headers nothing happens; a second deletion counts
- * nothing; in a pool without lists a slot cannot go back (a line on stdout).
+ * nothing; in a pool without lists a slot cannot go back (a line on stdout), and a ring keeps the slots that it has come
+ * round to.
  *
  * Threads  any number; a chunk has one owner, who deletes it once. */
 TSLB_API void tslb_dynmem_del_mchunk(dynmem_t *dynmem_handle, maddr_t maddr);

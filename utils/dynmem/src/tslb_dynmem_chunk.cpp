@@ -18,7 +18,6 @@ constexpr uint32_t SLOT_OVERHEAD = 8;    // and for a slot that made the pool gr
 constexpr uint32_t BIGBUF_LAST_SLOT = 255;   // what 8 bits of an address can name
 constexpr uint32_t BITVEC_LAST_SLOT = 2040;  // the last one in use, a little short of what 11 bits can name
 constexpr uint32_t BITVEC_WARN_SLOTS = 255;  // a warning each time so many have been filled
-constexpr uint32_t RING_SLOTS = 254;
 
 // Reports name the public function, whichever helper writes them.
 constexpr const char *ALLOCATOR32 = "tslb_dynmem_get_mchunk";
