@@ -40,6 +40,8 @@ class BlockFiles : public testing::Test {
   fs::path base_;
 };
 
+static std::string base_for_maps;
+
 // Lowers a limit of the process while it lives.
 struct limit_t {
   limit_t(int what, rlim_t value) : what_(what) {
@@ -96,8 +98,12 @@ TEST_F(BlockFiles, NamesOfTablesAndContexts) {
   const array_t rootless = make(8, 1, 0, absolute.c_str(), 7);
   EXPECT_TRUE(fs::exists(base_ / "own" / "7.0.darr"));
 
+  tslb_set_base_path(base_.c_str());
   const array_t temporary(get_default_dyn_array_ex(0, 8, 1, MPOOL_TYPE_SHM_TMP, 9, "never", 0));
-  EXPECT_FALSE(fs::exists(fs::path("never")));
+  ASSERT_TRUE(temporary);
+  get_dyn_arr_new_record_id(temporary.get());
+  get_dyn_arr_new_record_id(temporary.get());
+  EXPECT_FALSE(fs::exists(base_ / "never"));
 }
 
 TEST_F(BlockFiles, OldFilesAreCutEmptiedOrTakenOver) {
@@ -257,6 +263,12 @@ static std::string report_without(DynArrHandle_t *array, void *block, size_t byt
   return report;
 }
 
+static size_t count_of(const std::string &text, const std::string &what) {
+  size_t n = 0;
+  for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; ++at) ++n;
+  return n;
+}
+
 TEST_F(BlockFiles, SyncCoversEveryBlockInUseAndReportsWhatFails) {
   const array_t array = make(100, 2, TSLB_DA_DAFLAG_LL);
   for (int i = 0; i < 2 + 16 + 1; ++i) {
@@ -276,6 +288,18 @@ TEST_F(BlockFiles, SyncCoversEveryBlockInUseAndReportsWhatFails) {
     EXPECT_EQ(report_without(array.get(), at, 16 * 108, fd), want);
     close(fd);
   }
+  // A block that fails stops nothing, be it block 0 or another.
+  void *const both[] = {array->ir_base->ir1[0], array->ir_base->ir1[1]};
+  for (void *const block : both) munmap(block, 16 * 108);
+  const std::string report = stderr_of([&] { tslb_syn_shm_dynarr(array.get()); });
+  EXPECT_EQ(count_of(report, "msync failed for ctx - metrics"), 2u) << report;
+  for (int block = 0; block < 2; ++block) {
+    const std::string file = base_ / "metrics" / ("12." + std::to_string(block + 1) + ".darr");
+    const int fd = open(file.c_str(), O_RDWR);
+    ASSERT_EQ(mmap(both[block], 16 * 108, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, fd, 0), both[block]);
+    close(fd);
+  }
+
   // One id fewer, and the second block is in nobody's use.
   get_dyn_hdr(array.get())->n_used = 18;
   void *const second = array->ir_base->ir1[1];
@@ -305,4 +329,71 @@ TEST_F(BlockFiles, SyncOfBlock0CountsTheDirectAreaInItsReport) {
   EXPECT_NE(report.find("indirection level - 0, "), std::string::npos) << report;
   EXPECT_NE(report.find("size - 10000, record_size - 100, error - Cannot allocate memory"), std::string::npos)
       << report;
+}
+
+TEST_F(BlockFiles, SyncPassesFromLevelToLevelAndPastAFailedBlock0) {
+  const array_t array = make(100, 100, 0);
+  for (int i = 0; i < 100 + 256 + 1; ++i) get_dyn_arr_new_record_id(array.get());
+  const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  munmap(bytes_of(array->arr_base) + page, page);
+  munmap(array->ir_base->ir2[0][0], 16 * 100);
+  const std::string report = stderr_of([&] { tslb_syn_shm_dynarr(array.get()); });
+  EXPECT_EQ(count_of(report, "indirection level - 0, "), 1u);
+  EXPECT_EQ(count_of(report, "indirection level - 2, "), 1u);
+  EXPECT_EQ(count_of(report, "msync failed"), 2u);
+}
+
+TEST_F(BlockFiles, DirectoryThatARivalMadeIsNoFailure) {
+  // A link to nowhere: stat says that it is missing, mkdir that it is there.
+  fs::create_symlink(base_ / "nowhere", base_ / "metrics");
+  DynamicArray_t array = nullptr;
+  const std::string report =
+      stderr_of([&] { array = get_default_dyn_array_ex(0, 8, 1, MPOOL_TYPE_SHM, 12, "metrics", 0); });
+  EXPECT_EQ(array, nullptr);
+  EXPECT_EQ(report.rfind("open: No such file or directory\n", 0), 0u) << report;
+}
+
+TEST_F(BlockFiles, DirectoryThatFailsOnALateBlockEndsTheProcess) {
+  const array_t array = make(8, 1, 0);
+  get_dyn_arr_new_record_id(array.get());
+  fs::rename(base_, base_.string() + "_moved");
+  EXPECT_EXIT(get_dyn_arr_new_record_id(array.get()), testing::ExitedWithCode(1), "^Erro\\(get_shm_block:");
+  fs::rename(base_.string() + "_moved", base_);
+}
+
+TEST_F(BlockFiles, NoDescriptorAndNoMappingStaysBehind) {
+  const auto entries_of = [](const char *what) {
+    size_t n = 0;
+    if (strcmp(what, "fd") == 0) {
+      for ([[maybe_unused]] const auto &entry : fs::directory_iterator("/proc/self/fd")) ++n;
+    } else {
+      n = count_of(content("/proc/self/maps"), base_for_maps);
+    }
+    return n;
+  };
+  base_for_maps = base_.string();
+  const size_t descriptors = entries_of("fd");
+  {
+    const array_t array = make(8, 1, 0);
+    for (int i = 0; i < 100; ++i) get_dyn_arr_new_record_id(array.get());
+    EXPECT_EQ(entries_of("fd"), descriptors) << "a mapping lives on without its descriptor";
+    EXPECT_EQ(entries_of("maps"), 1u + 7);
+    void *entry = this;
+    get_shm_block(128, "metrics", 12, 1, &entry);  // a rival was first
+    EXPECT_EQ(entries_of("maps"), 1u + 7) << "the loser of the swap keeps its mapping";
+    signal(SIGXFSZ, SIG_IGN);
+    const limit_t limit(RLIMIT_FSIZE, 64);
+    entry = nullptr;
+    get_shm_block(128, "metrics", 99, 1, &entry);
+  }
+  EXPECT_EQ(entries_of("fd"), descriptors);
+  EXPECT_EQ(entries_of("maps"), 0u) << "teardown left blocks mapped";
+}
+
+TEST_F(BlockFiles, ModesAreThoseOfSharedFiles) {
+  const mode_t mask = umask(0);
+  const array_t array = make(8, 1, 0);
+  umask(mask);
+  EXPECT_EQ(fs::status(base_ / "metrics").permissions(), fs::perms(0744));
+  EXPECT_EQ(fs::status(base_ / "metrics" / "12.0.darr").permissions(), fs::perms(0666));
 }

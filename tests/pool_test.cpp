@@ -355,3 +355,40 @@ TEST(Ring, WrapsToSlot0AndKeepsItsCounts) {
   EXPECT_EQ(hdr_of(pool).total_mavail,
             hdr_of(pool).total_msz - (80 + hdr_of(pool).total_mused + hdr_of(pool).total_mwast));
 }
+
+// ---- 32 and 64 bits on one pool ------------------------------------------------------------------------------------
+
+static void take64_until(const array_t &pool, uint32_t idx) {
+  while (cursor_slot(pool) != idx) {
+    maddr64_t address;
+    ASSERT_NE(tslb_dynmem_get_mchunk64(pool.get(), &address, static_cast<int>(hdr_of(pool).mslot_sz), srcaddr64_t{}),
+              nullptr);
+  }
+}
+
+TEST(BothWidths, SlotThatA32BitAddressCannotNameHasNoRoomForIt) {
+  for (const char slot_type : std::initializer_list<char>{0, MPOOL_FLAG_BV}) {
+    const uint32_t beyond = slot_type == 0 ? 256 : 2041;
+    const array_t pool(tslb_init_dynmem(16, 0, 0, MPOOL_TYPE_DRAM, slot_type, "p", 1, TSLB_DA_DAFLAG_LL));
+    take64_until(pool, beyond);
+    set_cursor(pool, beyond, 0);  // all of it is free
+    maddr_t address;
+    EXPECT_DEATH(tslb_dynmem_get_mchunk(pool.get(), &address, 8, srcaddr_t{}), "pool exhausted") << int{slot_type};
+    maddr64_t wide;
+    EXPECT_NE(tslb_dynmem_get_mchunk64(pool.get(), &wide, 8, srcaddr64_t{}), nullptr);
+    EXPECT_EQ(wide.mslot_idx, beyond);
+  }
+  // A slot that it can name is taken instead where the free list has one.
+  const array_t pool(tslb_init_dynmem(16, 0, 0, MPOOL_TYPE_DRAM, 0, "p", 1, TSLB_DA_DAFLAG_LL));
+  take64_until(pool, 300);
+  tslb_da_free_idx(pool.get(), 7);
+  EXPECT_EQ(as_word(take(pool, 8)), 7u);
+}
+
+TEST(BothWidths, RingReturnsFromSlotsBeyondIt) {
+  const array_t pool = bit_vector(16, 0, MPOOL_TYPE_DRAM_TMP);
+  take64_until(pool, 300);
+  maddr_t address = {1, 1};
+  stdout_of([&] { address = take(pool, 8); });
+  EXPECT_EQ(as_word(address), 0u);
+}

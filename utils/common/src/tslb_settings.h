@@ -13,7 +13,7 @@ typedef struct tslb_configuration_t {
   int8_t tslb_remove_indirect_slots_after_merge; /* not read here */
   char tslb_mvt_reuse_enabled;                   /* 0: tslb_da_get_newptr_inll* never reuse an inactive slot */
   uint8_t tslb_create_inline_bv;                 /* not read here */
-  uint8_t tslb_enable_file_trimming_flag;        /* not 0: a snapshot may end with a short slot */
+  uint8_t tslb_enable_file_trimming_flag;        /* bit 0: a snapshot may end with a short slot */
 } tslb_configuration_t;
 
 extern TSLB_API tslb_configuration_t lib_config;    /* all zero at load */

@@ -38,7 +38,7 @@ TSLB_BEGIN_DECLS
 
 /* Where an array's blocks come from. One value per array, for good. */
 enum {
-  MPOOL_TYPE_DRAM = 0,     /* process memory; the only kind that is redo logged */
+  MPOOL_TYPE_DRAM = 0,     /* process memory; the only kind whose slots are redo logged */
   MPOOL_TYPE_SHM = 1,      /* one mapped file per block */
   MPOOL_TYPE_PMEM = 2,     /* persistent memory; not available, creation fails */
   MPOOL_TYPE_PMEM_TMP = 3, /* process memory */

@@ -7,11 +7,9 @@
 #include "tslb_dynarr.h"
 #include "tslb_rd_api.h"
 
-// ---- Shared words
-// --------------------------------------------------------------------------------------------------- Words
-// of stored structures that one thread reads while another writes. They can lie at any address, hence the
-// untyped pointers. Relaxed: what must be ordered is ordered by the spin lock or by the barrier in the host's
-// atomics.
+// ---- Shared words --------------------------------------------------------------------------------------------------
+// Words of stored structures that one thread reads while another writes. They can lie at any address, hence the untyped
+// pointers. Relaxed: what must be ordered is ordered by the spin lock or by the barrier in the host's atomics.
 
 static inline uint32_t get32(const void *word) {
   return __atomic_load_n(static_cast<const uint32_t *>(word), __ATOMIC_RELAXED);

@@ -26,16 +26,17 @@ constexpr const char *ALLOCATOR32 = "tslb_dynmem_get_mchunk";
 
 enum claim_t { CLAIM_WON, CLAIM_RACED, CLAIM_NO_ROOM };
 
-// One attempt to reserve `len` bytes at the cursor, which is told in `*seen` as it was.
-static inline claim_t try_claim(DynMemHdr_t *hdr, uint32_t len, uint64_t *seen) {
+// One attempt to reserve `len` bytes at the cursor, which is told in `*seen` as it was. Slots above `last_slot` have no
+// room for whoever cannot name them; NO_SLOT, the largest number, is above all.
+static inline claim_t try_claim(DynMemHdr_t *hdr, uint32_t len, uint32_t last_slot, uint64_t *seen) {
   // Relaxed: nothing is read through these bits before the swap, and the swap is a full barrier.
   *seen = get64(&hdr->cur_slot_addr);
-  if (hdr->mslot_sz - cursor_off(*seen) < len || cursor_slot(*seen) == NO_SLOT) return CLAIM_NO_ROOM;
+  if (hdr->mslot_sz - cursor_off(*seen) < len || cursor_slot(*seen) > last_slot) return CLAIM_NO_ROOM;
   // The sum stays in the upper half: a slot's size bounds it.
   return cas64(&hdr->cur_slot_addr, *seen, *seen + cursor_of(0, len)) != 0 ? CLAIM_WON : CLAIM_RACED;
 }
 
-// What `slot_idx`, found without room, says about going on.
+// What is to be done about a slot without room.
 enum no_room_t { TAKE_NEW_SLOT, TRY_AGAIN, REFUSE };
 
 [[noreturn]] __attribute__((noinline, cold)) static void stop_exhausted(dynmem_t *pool) {
@@ -53,7 +54,8 @@ enum no_room_t { TAKE_NEW_SLOT, TRY_AGAIN, REFUSE };
 // last slot must not find it taken.
 static no_room_t no_room_in_ring(dynmem_t *pool, DynMemHdr_t *hdr, uint64_t seen, uint32_t n_used) {
   const uint32_t slot_idx = cursor_slot(seen);
-  const bool wraps = slot_idx == RING_SLOTS - 1;
+  // Above the last one is where 64-bit chunks of the same pool have gone.
+  const bool wraps = slot_idx >= RING_SLOTS - 1 && slot_idx != NO_SLOT;
   if (wraps) puts("Bitvect tmp pool, switching into slot it 0");
   // n_used may be stale: where it stands at less although the last slot was seen, the next attempt reads it anew.
   if (n_used < RING_SLOTS) return wraps ? TRY_AGAIN : TAKE_NEW_SLOT;
@@ -89,7 +91,8 @@ struct address32_t {
   static constexpr const char *FUNCTION = ALLOCATOR32;
   static constexpr bool CLEARS_DELETED = true;
 
-  // Slots that exist, read ahead of the cursor: acquire keeps the two in this order, so that a ring seen complete is.
+  // Slots that exist, read ahead of the cursor (acquire keeps the two in this order): a ring whose last slot was seen
+  // full is then at worst seen as not complete yet, and looked at again.
   static uint32_t slots_ahead_of_cursor(dynmem_t *pool) {
     return __atomic_load_n(static_cast<uint32_t *>(static_cast<void *>(&arr_hdr_of(pool)->n_used)), __ATOMIC_ACQUIRE);
   }
@@ -102,9 +105,7 @@ struct address32_t {
 
   // In a pool with lists the current slot can be a reused one below the limit while the ids stand at it: then it is
   // the fresh index that no address can have.
-  static bool can_name(const DynMemHdr_t *hdr, uint32_t slot_idx) {
-    return slot_idx <= (is_bitvector(hdr) ? BITVEC_LAST_SLOT : BIGBUF_LAST_SLOT);
-  }
+  static uint32_t last_slot(const DynMemHdr_t *hdr) { return is_bitvector(hdr) ? BITVEC_LAST_SLOT : BIGBUF_LAST_SLOT; }
 
   // The expression is what the process says when it stops.
   static void assert_slot(MemSlot_t *slot) {
@@ -136,7 +137,7 @@ struct address64_t {
 
   static uint32_t slots_ahead_of_cursor(dynmem_t *) { return 0; }
   static no_room_t no_room(dynmem_t *, DynMemHdr_t *, uint64_t, uint32_t) { return TAKE_NEW_SLOT; }
-  static bool can_name(const DynMemHdr_t *, uint32_t) { return true; }
+  static uint32_t last_slot(const DynMemHdr_t *) { return NO_SLOT - 1; }
   static void assert_slot(MemSlot_t *cur_mslot) { assert(cur_mslot); }
 
   // Without the slots' nodes, and told for every new slot: one below the highest lowers the figure.
@@ -167,7 +168,7 @@ static MemSlot_t *tslb_dynmem_get_newslot(dynmem_t *dynmem_handle, DynMemHdr_t *
   }
   MemSlot_t *const slot = static_cast<MemSlot_t *>(tslb_da_get_newptr_ex(dynmem_handle, new_mslot_idx_ref, 0));
   Address::assert_slot(slot);
-  if (!Address::can_name(dynmem_hdr, *new_mslot_idx_ref)) stop_exhausted(dynmem_handle);
+  if (*new_mslot_idx_ref > Address::last_slot(dynmem_hdr)) stop_exhausted(dynmem_handle);
   // Ahead of the cursor: a reservation by another thread must not be wiped out. The first word also loses the mark that
   // slot allocation left there.
   set32(&slot->bytes_used, 0);
@@ -218,18 +219,23 @@ __attribute__((noinline, cold)) static void *refuse_length(const char *function,
   return nullptr;
 }
 
-// What to do when the slot seen has no room: TAKE_NEW_SLOT says that it was done, with the chunk at the new slot's start.
+// A chunk's slot and its place there, once it is won.
+struct won_t {
+  MemSlot_t *slot;  // null: not yet
+  chunk_place_t place;
+};
+
+// Deals with a slot that was seen without room: makes a new one with the chunk at its start, or leaves `won` empty for
+// another attempt. False if the request is refused.
 template <class Address>
-__attribute__((noinline, cold)) static no_room_t change_slot(dynmem_t *pool, DynMemHdr_t *hdr, uint64_t seen,
-                                                             uint32_t n_used, uint32_t len, chunk_place_t *place,
-                                                             MemSlot_t **slot) {
+__attribute__((noinline, cold)) static bool change_slot(dynmem_t *pool, DynMemHdr_t *hdr, uint64_t seen,
+                                                        uint32_t n_used, uint32_t len, won_t *won) {
   const no_room_t answer = Address::no_room(pool, hdr, seen, n_used);
-  if (answer != TAKE_NEW_SLOT) return answer;
-  place->byte_off = 0;
-  *slot = tslb_dynmem_get_newslot<Address>(pool, hdr, cursor_slot(seen), &place->slot_idx, len);
-  if (*slot == nullptr) return TRY_AGAIN;
-  account_new_slot<Address>(pool, hdr, place->slot_idx);
-  return TAKE_NEW_SLOT;
+  if (answer != TAKE_NEW_SLOT) return answer != REFUSE;
+  won->place.byte_off = 0;
+  won->slot = tslb_dynmem_get_newslot<Address>(pool, hdr, cursor_slot(seen), &won->place.slot_idx, len);
+  if (won->slot != nullptr) account_new_slot<Address>(pool, hdr, won->place.slot_idx);
+  return true;
 }
 
 template <class Address>
@@ -241,26 +247,21 @@ static inline void *take_chunk(dynmem_t *pool, typename Address::name_t *maddr, 
   if (__builtin_expect(mchunk_len < 0 || hdr->mslot_sz < len, 0))
     return refuse_length(Address::FUNCTION, hdr, len, mchunk_len);
 
-  chunk_place_t place;
-  MemSlot_t *slot = nullptr;
-  for (;;) {
+  won_t won = {nullptr, {0, 0}};
+  while (won.slot == nullptr) {
     const uint32_t n_used = Address::slots_ahead_of_cursor(pool);
     uint64_t seen;
-    const claim_t claim = try_claim(hdr, len, &seen);
+    const claim_t claim = try_claim(hdr, len, Address::last_slot(hdr), &seen);
     if (__builtin_expect(claim == CLAIM_WON, 1)) {
-      place = {cursor_slot(seen), cursor_off(seen)};
-      slot = slot_of(pool, place.slot_idx);
-      Address::assert_slot(slot);
-      break;
+      won = {slot_of(pool, cursor_slot(seen)), {cursor_slot(seen), cursor_off(seen)}};
+      Address::assert_slot(won.slot);
+    } else if (claim == CLAIM_NO_ROOM && !change_slot<Address>(pool, hdr, seen, n_used, len, &won)) {
+      return nullptr;
     }
-    if (claim == CLAIM_RACED) continue;
-    const no_room_t answer = change_slot<Address>(pool, hdr, seen, n_used, len, &place, &slot);
-    if (answer == REFUSE) return nullptr;
-    if (answer == TAKE_NEW_SLOT) break;
   }
 
-  char *const chunk = slot->mslot + Address::name(hdr, maddr, place).byte_off;
-  account_chunk(pool, hdr, slot, len);
+  char *const chunk = won.slot->mslot + Address::name(hdr, maddr, won.place).byte_off;
+  account_chunk(pool, hdr, won.slot, len);
   if (has_compat(hdr)) {
     auto *const compat = reinterpret_cast<typename Address::header_t *>(chunk);
     compat->srcaddr = saddr;

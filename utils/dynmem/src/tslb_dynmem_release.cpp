@@ -16,7 +16,7 @@
 
 // ---- Slots that were left before they were settled -----------------------------------------------------------------
 
-// Not less, where it could be more: a ring's slots keep the counts of earlier rounds.
+// Not less: it is more where a ring has come round, whose slots keep the counts of earlier rounds and are not released.
 static bool has_settled(const MemSlot_t *slot, uint32_t bytes_reserved) {
   return get32(&slot->bytes_used) >= bytes_reserved;
 }
@@ -42,7 +42,8 @@ void note_slot_left(dynmem_t *pool, chunk_place_t end) {
   if (slot == nullptr || has_settled(slot, end.byte_off)) return;
   unsettled_slot_t *const noted = static_cast<unsettled_slot_t *>(malloc(sizeof(unsettled_slot_t)));
   if (noted == nullptr) {
-    // Nothing to note it on: wait for the few instructions that the others are behind.
+    // Nothing to note it on: wait for the others, who are a few instructions behind, or the length of the host's redo
+    // hook where one of them made the slot.
     while (!has_settled(slot, end.byte_off)) {
     }
     return;
@@ -112,11 +113,13 @@ void tslb_dynmem_update_free_list(dynmem_t *dynmem_handle, size_t *total_sz, siz
     if (slot == nullptr || status_of(slot) != TSLB_DA_SLOT_ACTIVE) continue;
     if (looks_empty(slot) && !is_current(dynmem_handle, slot_idx) && release_if_empty(dynmem_handle, slot_idx, slot))
       continue;
-    // A slot that is being set up still shows the slot layer's mark in place of a count.
+    // Deleted first: what is added and deleted between the two readings must not come out as more deleted than used. A
+    // slot that is being set up still shows the slot layer's mark in place of a count.
+    const uint32_t bytes_del = __atomic_load_n(&slot->bytes_del, __ATOMIC_ACQUIRE);
     const uint32_t bytes_used = get32(&slot->bytes_used);
     if (bytes_used == GATEKEEPER) continue;
     *used_sz += bytes_used;
-    *del_sz += get32(&slot->bytes_del);
+    *del_sz += bytes_del;
   }
 }
 
