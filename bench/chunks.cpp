@@ -24,8 +24,7 @@ constexpr uint32_t CHUNKS_PER_THREAD = 1u << 13;
 constexpr unsigned MAX_THREADS = 2;
 constexpr uint32_t MAX_CHUNK = 256;
 // A ring says so on the standard output when it wraps. None does here: one pool serves all rounds of a case.
-static_assert(uint64_t{ROUNDS + 1} * MAX_THREADS * CHUNKS_PER_THREAD * MAX_CHUNK <=
-              uint64_t{250} * SLOT_BYTES);
+static_assert(uint64_t{ROUNDS + 1} * MAX_THREADS * CHUNKS_PER_THREAD * MAX_CHUNK <= uint64_t{250} * SLOT_BYTES);
 
 // What a run hands back for each chunk, one row per thread.
 using results_t = std::vector<std::vector<void *>>;
@@ -34,8 +33,7 @@ static std::shared_ptr<results_t> make_results() {
 }
 
 static std::shared_ptr<dynmem_t> make_pool() {
-  dynmem_t *const pool =
-      tslb_init_dynmem(SLOT_BYTES, 1, 0, MPOOL_TYPE_DRAM_TMP, MPOOL_FLAG_BV, nullptr, 0, 0);
+  dynmem_t *const pool = tslb_init_dynmem(SLOT_BYTES, 1, 0, MPOOL_TYPE_DRAM_TMP, MPOOL_FLAG_BV, nullptr, 0, 0);
   if (pool == nullptr) abort();
   return {pool, destroy_dyn_arr};
 }

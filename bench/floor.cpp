@@ -1,8 +1,16 @@
 #include "floor.h"
 
+#include <fcntl.h>
+#include <signal.h>
 #include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
 
 #include "tslb_atomics.h"
+#include "tslb_dynarr.h"
 
 // The library reads shared words so too: a load that is neither torn nor ordered.
 template <class Word>
@@ -28,8 +36,7 @@ static inline void *find(DynamicArray_t array, uint32_t id) {
 
   constexpr uint32_t FIRST = 0x11111100u & ((1u << (4 * (LEVEL + 1))) - 1);
   const uint32_t place = id - n_direct - FIRST;
-  void **entry =
-      reinterpret_cast<void **>(load_entry(reinterpret_cast<void **>(&array->ir_base))) + LEVEL - 1;
+  void **entry = reinterpret_cast<void **>(load_entry(reinterpret_cast<void **>(&array->ir_base))) + LEVEL - 1;
 #pragma GCC unroll 8
   for (unsigned shift = 4 * LEVEL; shift != 0; shift -= 4)
     entry = static_cast<void **>(load_entry(entry)) + (place >> shift) % 16;
@@ -63,8 +70,7 @@ uint32_t floor_take_chunk(floor_pool_t *pool, uint32_t len) {
   DynMemHdr_t *const hdr = pool->hdr;
   GlobalMemStats_t *const totals = pool->totals;
   uint64_t seen = load(&hdr->cur_slot_addr);
-  while (cas64(&hdr->cur_slot_addr, seen, seen + (uint64_t{len} << 32)) == 0)
-    seen = load(&hdr->cur_slot_addr);
+  while (cas64(&hdr->cur_slot_addr, seen, seen + (uint64_t{len} << 32)) == 0) seen = load(&hdr->cur_slot_addr);
   get_and_inc32(pool->bytes_used, len);
   get_and_inc64(&hdr->total_mused, len);
   get_and_inc64(&totals->total_mused, len);
@@ -73,4 +79,129 @@ uint32_t floor_take_chunk(floor_pool_t *pool, uint32_t len) {
   cas64(&hdr->total_mavail, load(&hdr->total_mavail), avail);
   cas64(&totals->total_mavail, load(&totals->total_mavail), avail);
   return static_cast<uint32_t>(seen >> 32);
+}
+
+// ---- Slots
+
+// Words of headers and nodes lie at any address.
+static inline uint32_t word(const void *at) {
+  return load(static_cast<const uint32_t *>(at));
+}
+static inline void set_word(void *at, uint32_t value) {
+  __atomic_store_n(static_cast<uint32_t *>(at), value, __ATOMIC_RELAXED);
+}
+
+static inline char *payload_of(const floor_slots_t *slots, uint32_t idx) {
+  return slots->payload0 + size_t{idx} * slots->slot_bytes;
+}
+static inline node_fw *fw_of(char *payload) {
+  return reinterpret_cast<node_fw *>(payload - sizeof(node_fw));
+}
+
+static inline void lock(uint16_t *spinlock) {
+  while (cas16(spinlock, 0, 1) == 0) {
+  }
+}
+
+void *floor_take_slot(const floor_slots_t *slots, uint32_t *idx) {
+  const uint32_t now = static_cast<uint32_t>(time(nullptr));
+  DynArrLLI_t *const lli = slots->lli;
+  lock(slots->spinlock);
+  *idx = word(&lli->free_head);
+  char *const payload = payload_of(slots, *idx);
+  node_fw *const fw = fw_of(payload);
+  set_word(&lli->free_head, word(&fw->next));
+  set_word(&lli->n_free, word(&lli->n_free) - 1);
+  memset(payload, 0, slots->record_size);
+  if (slots->has_back_nodes) {
+    node_bw *const bw = reinterpret_cast<node_bw *>(payload + slots->record_size);
+    set_word(&bw->prev, TSLB_DA_NIL_IDX);
+    set_word(&bw->ts, now);
+  }
+  set_word(&fw->next, TSLB_DA_NIL_IDX);
+  set_word(&fw->status, TSLB_DA_SLOT_ACTIVE);
+  cas16(slots->spinlock, 1, 0);
+  set_word(payload, UINT32_MAX);
+  return payload;
+}
+
+void floor_free_slot(const floor_slots_t *slots, uint32_t idx) {
+  DynArrLLI_t *const lli = slots->lli;
+  char *const payload = payload_of(slots, idx);
+  node_fw *const fw = fw_of(payload);
+  lock(slots->spinlock);
+  if (word(&fw->status) == TSLB_DA_SLOT_ACTIVE) {
+    const uint32_t tail = word(&lli->free_tail);
+    if (tail != TSLB_DA_NIL_IDX)
+      set_word(&fw_of(payload_of(slots, tail))->next, idx);
+    else
+      set_word(&lli->free_head, idx);
+    set_word(&lli->free_tail, idx);
+    set_word(&lli->n_free, word(&lli->n_free) + 1);
+    set_word(&fw->status, TSLB_DA_SLOT_FREE);
+    set_word(&fw->next, TSLB_DA_NIL_IDX);
+    set_word(payload, UINT32_MAX);
+  }
+  cas16(slots->spinlock, 1, 0);
+}
+
+// ---- Deletion
+
+uint32_t floor_delete_chunk(compat_t *chunk, uint32_t *bytes_del) {
+  if ((chunk->flag & MCHUNK_FLAG_DELETED) != 0) return 0;
+  const uint32_t bytes = uint32_t{chunk->mchunk_len} + static_cast<uint32_t>(sizeof(compat_t));
+  chunk->flag = static_cast<char>(chunk->flag | MCHUNK_FLAG_DELETED);
+  return get_and_inc32(bytes_del, bytes) + bytes;
+}
+
+void floor_sweep(const floor_slots_t *slots, MemSlot_t *const *mslots, uint32_t count, size_t *used_sz,
+                 size_t *del_sz) {
+  *used_sz = *del_sz = 0;
+  for (uint32_t i = 0; i < count; ++i) {
+    MemSlot_t *const mslot = mslots[i];
+    if (word(&fw_of(reinterpret_cast<char *>(mslot))->status) != TSLB_DA_SLOT_ACTIVE) continue;
+    const uint32_t bytes_used = load(&mslot->bytes_used), bytes_del = load(&mslot->bytes_del);
+    if (bytes_used == bytes_del) {
+      floor_free_slot(slots, i);
+      continue;
+    }
+    *used_sz += bytes_used;
+    *del_sz += bytes_del;
+  }
+}
+
+// ---- Files
+
+void *floor_map_block(const char *dir, const char *file, size_t bytes, uint64_t *entry) {
+  struct stat ignored;
+  if (stat(dir, &ignored) != 0) return nullptr;
+  const int fd = open(file, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+  if (fd < 0) return nullptr;
+  void *block = MAP_FAILED;
+  if (ftruncate(fd, static_cast<off_t>(bytes)) == 0)
+    block = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  close(fd);
+  if (block == MAP_FAILED || cas64(entry, 0, reinterpret_cast<uint64_t>(block)) == 0) return nullptr;
+  return block;
+}
+
+uint32_t floor_sync(void *const *blocks, uint32_t count, size_t bytes) {
+  uint32_t refused = 0;
+  for (uint32_t i = 0; i < count; ++i) refused += msync(blocks[i], bytes, MS_SYNC) != 0;
+  return refused;
+}
+
+ssize_t floor_write_line(floor_log_t *log, const char *line, size_t len) {
+  pthread_mutex_lock(&log->lock);
+  const time_t now = time(nullptr);
+  sigset_t all, before;
+  sigfillset(&all);
+  sigprocmask(SIG_BLOCK, &all, &before);
+  struct tm parts;
+  const bool converted = localtime_r(&now, &parts) != nullptr;
+  sigprocmask(SIG_SETMASK, &before, nullptr);
+  struct stat file;
+  const ssize_t written = converted && stat(log->path, &file) == 0 ? write(log->fd, line, len) : -1;
+  pthread_mutex_unlock(&log->lock);
+  return written;
 }

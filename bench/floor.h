@@ -4,6 +4,8 @@
 #ifndef TSLB_BENCH_FLOOR_H
 #define TSLB_BENCH_FLOOR_H
 
+#include <pthread.h>
+
 #include "tslb_dynmem.h"
 
 TSLB_BEGIN_DECLS
@@ -43,6 +45,50 @@ typedef struct floor_pool_t {
 // cas64 that are tried once. Nothing tests the length or the room, and no slot is looked up. Returns the
 // offset won.
 TSLB_API uint32_t floor_take_chunk(floor_pool_t *pool, uint32_t len);
+
+// Where the words of a slot array lie, known ahead: its lists are filled by the library, and all its slots are in the
+// direct area.
+typedef struct floor_slots_t {
+  uint16_t *spinlock;
+  DynArrLLI_t *lli;
+  char *payload0;
+  uint32_t slot_bytes, record_size;
+  bool has_back_nodes;
+} floor_slots_t;
+
+// Taking the head of a free list that holds more than one slot: the clock, the lock, the three words of the list, the
+// payload cleared, the nodes, the lock again, the gatekeeper word. The time is kept unscaled. Nothing tests the list,
+// and no slot is looked up. Returns the payload.
+TSLB_API void *floor_take_slot(const floor_slots_t *slots, uint32_t *idx);
+
+// Freeing an active slot: the lock, its status, the old tail's link, two words of the list, status and link, the
+// gatekeeper word, the lock again.
+TSLB_API void floor_free_slot(const floor_slots_t *slots, uint32_t idx);
+
+// Deleting a chunk whose place is known: flag and length read, the flag written, one get_and_inc32. Returns what
+// `*bytes_del` came to.
+TSLB_API uint32_t floor_delete_chunk(compat_t *chunk, uint32_t *bytes_del);
+
+// A sweep over slots whose places are known: status and two counters of each; an active one whose counters agree is
+// freed, the others are added up.
+TSLB_API void floor_sweep(const floor_slots_t *slots, MemSlot_t *const *mslots, uint32_t count, size_t *used_sz,
+                          size_t *del_sz);
+
+// A block file under a name that is known: stat of its directory, open, ftruncate, mmap, close, and cas64 of the entry.
+// Returns the mapping, or NULL.
+TSLB_API void *floor_map_block(const char *dir, const char *file, size_t bytes, uint64_t *entry);
+
+// msync of blocks that are known. Returns how many it refused.
+TSLB_API uint32_t floor_sync(void *const *blocks, uint32_t count, size_t bytes);
+
+// A log line that is formatted already, under one mutex: the clock, its conversion to local time with the signals
+// blocked, stat of the file, write. Returns what write did.
+typedef struct floor_log_t {
+  pthread_mutex_t lock;
+  const char *path;
+  int fd;
+} floor_log_t;
+TSLB_API ssize_t floor_write_line(floor_log_t *log, const char *line, size_t len);
 
 TSLB_END_DECLS
 

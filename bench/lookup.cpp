@@ -42,8 +42,7 @@ struct level_t {
 constexpr level_t DIRECT = {"direct", 0, N_DIRECT};
 constexpr level_t LEVEL1 = {"level 1", N_DIRECT, 0x100};
 constexpr level_t LEVEL3 = {"level 3", N_DIRECT + 0x1100, 0x10000};
-constexpr level_t LEVEL5 = {"level 5", N_DIRECT + 0x111100,
-                            0x40000};  // its first quarter million of 16 million
+constexpr level_t LEVEL5 = {"level 5", N_DIRECT + 0x111100, 0x40000};  // its first quarter million of 16 million
 constexpr uint32_t TOTAL = N_DIRECT + 0x111100 + 0x40000;
 
 // The same records three times.
@@ -86,8 +85,7 @@ enum order_t { SEQUENTIAL, RANDOM, CHAINED };
 static std::vector<uint32_t> ids_of(const level_t &level, order_t order) {
   std::mt19937 random(2);
   std::vector<uint32_t> ids(LOOKUPS);
-  for (uint32_t i = 0; i < LOOKUPS; ++i)
-    ids[i] = level.first + (order == RANDOM ? random() : i) % level.count;
+  for (uint32_t i = 0; i < LOOKUPS; ++i) ids[i] = level.first + (order == RANDOM ? random() : i) % level.count;
   return ids;
 }
 
@@ -121,9 +119,7 @@ static std::vector<rival_t> make_rivals(const level_t &level, order_t order) {
   const auto ours = [array](uint32_t id) {
     return static_cast<const record_t *>(get_dyn_arr_record_position_ex(array, id, 0, nullptr, 0));
   };
-  const auto floor = [array](uint32_t id) {
-    return static_cast<const record_t *>(FLOOR(array, id, 0, nullptr, 0));
-  };
+  const auto floor = [array](uint32_t id) { return static_cast<const record_t *>(FLOOR(array, id, 0, nullptr, 0)); };
   const auto in_vector = [vector = &all.vector](uint32_t id) { return &(*vector)[id]; };
   const auto in_deque = [deque = &all.deque](uint32_t id) { return &(*deque)[id]; };
   return {rival("tslb", ids, order, ours), rival("floor", ids, order, floor),

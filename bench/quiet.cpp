@@ -107,8 +107,7 @@ static bool forbid_system_calls() {
       BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_KILL_PROCESS),
   };
   const sock_fprog filter = {sizeof(program) / sizeof(program[0]), program};
-  return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
-         prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
+  return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
 }
 
 struct outcome_t {
@@ -154,8 +153,7 @@ static uint64_t look_up_all() {
 static uint64_t take_chunks() {
   uint64_t sum = 0;
   maddr_t address;
-  for (uint32_t i = 0; i < N_CHUNKS; ++i)
-    sum += tslb_dynmem_get_mchunk(pool, &address, 16, srcaddr_t{}) != nullptr;
+  for (uint32_t i = 0; i < N_CHUNKS; ++i) sum += tslb_dynmem_get_mchunk(pool, &address, 16, srcaddr_t{}) != nullptr;
   return sum;
 }
 static uint64_t take_ids() {
@@ -178,8 +176,7 @@ static uint64_t call_the_system() {
 
 static bool set_up() {
   void *const region = mmap(nullptr, ARENA_BYTES, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  void *const page =
-      mmap(nullptr, sizeof(outcome_t), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  void *const page = mmap(nullptr, sizeof(outcome_t), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   if (region == MAP_FAILED || page == MAP_FAILED) return false;
   arena = static_cast<char *>(region);
   shared = static_cast<outcome_t *>(page);
@@ -197,8 +194,7 @@ static bool set_up() {
   pool = tslb_init_dynmem(1 << 20, 2, 0, MPOOL_TYPE_DRAM_TMP, MPOOL_FLAG_BV, nullptr, 0, 0);
   maddr_t address;
   // The first chunk takes the slot; those that follow are the common ones.
-  return array != nullptr && pool != nullptr &&
-         tslb_dynmem_get_mchunk(pool, &address, 16, srcaddr_t{}) != nullptr;
+  return array != nullptr && pool != nullptr && tslb_dynmem_get_mchunk(pool, &address, 16, srcaddr_t{}) != nullptr;
 }
 
 int main() {
@@ -240,8 +236,7 @@ int main() {
       as_expected = false;
     }
     printf("| %s | %lu | %lu | %s | %s |\n", row.name, static_cast<unsigned long>(row.operations),
-           static_cast<unsigned long>(outcome.allocator_calls),
-           outcome.signal == SIGSYS ? "ended the child" : "0",
+           static_cast<unsigned long>(outcome.allocator_calls), outcome.signal == SIGSYS ? "ended the child" : "0",
            outcome.signal == SIGSEGV ? "ended the child"
            : row.read_only           ? "0"
                                      : "allowed");

@@ -13,8 +13,11 @@ using bench_clock = std::chrono::steady_clock;
 
 static bool quick = false;
 static bool failed = false;
-static const char *table_title = "";
+static const char *next_title = "";  // of the cases that are being added
+static unsigned cases_added;
+static const char *table_title = "";      // of the case that runs
 static std::vector<std::string> columns;  // names of the rivals, the library's left out
+static bool has_times;                    // whether the library's own time is a column
 
 bool is_quick() {
   return quick;
@@ -43,6 +46,7 @@ static double time_of(const rival_t &rival, unsigned threads, uint64_t *checksum
   for (unsigned thread = 1; thread < threads; ++thread) others.emplace_back(work, thread);
   work(0);
   for (std::thread &other : others) other.join();
+  if (rival.verify) *checksum += rival.verify();
 
   bench_clock::time_point first = parts[0].start, last = parts[0].end;
   for (const part_t &part : parts) {
@@ -54,14 +58,16 @@ static double time_of(const rival_t &rival, unsigned threads, uint64_t *checksum
 }
 
 static double quantile(std::vector<double> values, double share) {
-  const auto at =
-      values.begin() + static_cast<std::ptrdiff_t>(share * static_cast<double>(values.size() - 1));
+  const auto at = values.begin() + static_cast<std::ptrdiff_t>(share * static_cast<double>(values.size() - 1));
   std::nth_element(values.begin(), at, values.end());
   return *at;
 }
 
-static void measure(benchmark::State &state, unsigned threads, const std::vector<rival_t> &rivals) {
+static void measure(benchmark::State &state, unsigned threads, const std::vector<rival_t> &rivals,
+                    uint64_t operations) {
   columns.clear();
+  has_times = operations != 0;
+  std::vector<double> own_seconds;
   for (size_t i = 1; i < rivals.size(); ++i) columns.push_back(rivals[i].name);
   std::vector<std::vector<double>> ratios(rivals.size());
   std::vector<uint64_t> checksums(rivals.size());
@@ -76,9 +82,11 @@ static void measure(benchmark::State &state, unsigned threads, const std::vector
       seconds[i] = time_of(rivals[i], threads, &checksums[i]);
     }
     for (size_t i = 1; i < rivals.size(); ++i) ratios[i].push_back(seconds[0] / seconds[i]);
+    own_seconds.push_back(seconds[0]);
     state.SetIterationTime(seconds[0]);
     ++round;
   }
+  if (has_times) state.counters["ns"] = quantile(own_seconds, 0.5) * 1e9 / static_cast<double>(operations);
   for (size_t i = 1; i < rivals.size(); ++i) {
     if (checksums[i] != checksums[0]) state.SkipWithError("the rivals did not do the same work");
     const std::string name = rivals[i].name;
@@ -90,9 +98,18 @@ static void measure(benchmark::State &state, unsigned threads, const std::vector
   state.SetLabel(text);
 }
 
-void add_case(const std::string &name, unsigned threads, std::function<std::vector<rival_t>()> make) {
+void begin_table(const char *title) {
+  next_title = title;
+}
+
+void add_case(const std::string &name, unsigned threads, std::function<std::vector<rival_t>()> make,
+              uint64_t operations) {
+  ++cases_added;
   benchmark::RegisterBenchmark(name.c_str(),
-                               [threads, make](benchmark::State &state) { measure(state, threads, make()); })
+                               [title = next_title, threads, make, operations](benchmark::State &state) {
+                                 table_title = title;
+                                 measure(state, threads, make(), operations);
+                               })
       ->Iterations(quick ? 3 : ROUNDS)
       ->UseManualTime();
 }
@@ -109,8 +126,9 @@ class markdown_t : public benchmark::BenchmarkReporter {
         failed = true;
         continue;
       }
-      if (!titled_) print_head();
+      if (printed_title_ != table_title) print_head();
       printf("| %s |", run.run_name.function_name.c_str());
+      if (has_times) printf(" %.3g |", run.counters.at("ns").value);
       for (const std::string &column : columns)
         printf(" %.2f ± %.2f |", run.counters.at(column).value, run.counters.at(column + " spread").value);
       printf(" %s |\n", run.report_label.c_str());
@@ -120,19 +138,20 @@ class markdown_t : public benchmark::BenchmarkReporter {
 
  private:
   void print_head() {
-    printf("%s |", table_title);
+    printf("%s%s |", printed_title_.empty() ? "" : "\n", table_title);
+    if (has_times) printf(" tslb, ns each |");
     for (const std::string &column : columns) printf(" %s |", column.c_str());
     printf(" checksum |\n|---|");
-    for (size_t i = 0; i < columns.size(); ++i) printf("---:|");
+    for (size_t i = 0; i < columns.size() + (has_times ? 1 : 0); ++i) printf("---:|");
     printf("---|\n");
-    titled_ = true;
+    printed_title_ = table_title;
   }
 
-  bool titled_ = false;
+  std::string printed_title_;
 };
 
 int run_cases(int argc, char **argv, const char *title, void (*add_cases)()) {
-  table_title = title;
+  begin_table(title);
   const auto is_quick_flag = [](const char *arg) { return strcmp(arg, "--quick") == 0; };
   char **const end = std::remove_if(argv + 1, argv + argc, is_quick_flag);
   quick = end != argv + argc;
@@ -140,6 +159,7 @@ int run_cases(int argc, char **argv, const char *title, void (*add_cases)()) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
   add_cases();
+  if (cases_added == 0) return 0;
   markdown_t table;
   if (benchmark::RunSpecifiedBenchmarks(&table) == 0) {
     fprintf(stderr, "no case ran\n");

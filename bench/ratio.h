@@ -19,6 +19,8 @@ struct rival_t {
   std::function<uint64_t(unsigned thread)> run;
   // Ahead of each run, untimed. May be empty.
   std::function<void()> prepare;
+  // Behind each run, untimed: looks at what the run left, and its result joins the checksum. May be empty.
+  std::function<uint64_t()> verify = {};
 };
 
 constexpr unsigned ROUNDS = 61;
@@ -26,11 +28,18 @@ constexpr unsigned ROUNDS = 61;
 // True if the program was called with --quick: 3 rounds, to see that everything runs and agrees.
 bool is_quick();
 
-// A row of the table. `make` is called when the row's turn comes, and what it returns is released behind it.
-// The library comes first; the rivals' names are those of every other case of the program.
-void add_case(const std::string &name, unsigned threads, std::function<std::vector<rival_t>()> make);
+// Cases added from here on stand in a table of their own.
+void begin_table(const char *title);
 
-// Runs the cases and prints the table. The result is main's: not 0 if checksums differ.
+// A row of the table. `make` is called when the row's turn comes, and what it returns is released behind it.
+// The library comes first; the rivals' names are those of every other case of the table. If `operations` is
+// not 0, so many make up a run on all threads together, and the library's median time for one is a column; it
+// is given for all cases of a table or for none.
+void add_case(const std::string &name, unsigned threads, std::function<std::vector<rival_t>()> make,
+              uint64_t operations = 0);
+
+// Runs the cases and prints the tables, of which the first has this title. The result is main's: not 0 if
+// checksums differ, or if a filter left nothing. `add_cases` may add none, when it has said why.
 int run_cases(int argc, char **argv, const char *title, void (*add_cases)());
 
 #endif

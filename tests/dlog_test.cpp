@@ -52,12 +52,14 @@ class DebugLog : public testing::Test {
 
 // Runs first in this program, on a log that nobody has started.
 TEST(ADebugLogThatWasNeverStarted, DoesNothing) {
-  EXPECT_EQ(stderr_of([] {
-              const fault_t fault(1);
-              tslb_dl_init_internal(nullptr, 0, 0);
-            }),
-            "Error: failed to allocate memory for DLOG handle of size " + std::to_string(sizeof(TSLBDLog_t)) + ".\n");
-
+  if (fault_t::works()) {
+    const std::string report = stderr_of([] {
+      const fault_t fault(1);
+      tslb_dl_init_internal(nullptr, 0, 0);
+    });
+    EXPECT_EQ(report,
+              "Error: failed to allocate memory for DLOG handle of size " + std::to_string(sizeof(TSLBDLog_t)) + ".\n");
+  }
   ASSERT_EQ(g_dl, nullptr);
   tslb_dl_logging(-1, "f", "g", 1, "lost");
   tslb_dl_set_thname_internal("name");

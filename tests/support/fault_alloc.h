@@ -8,6 +8,7 @@ struct fault_t {
   ~fault_t();
   fault_t(const fault_t &) = delete;
   bool struck() const;
+  static bool works();  // not under ThreadSanitizer, whose own start needs the allocator that it would stand before
 };
 
 // Allocations of the calling thread since its start.

@@ -73,7 +73,10 @@ time_t tslb_get_time(time_t *time_loc) {
   // undefined.
   const int64_t elapsed = static_cast<int64_t>(static_cast<uint64_t>(now) - static_cast<uint64_t>(get(tsdb_start_ts)));
   // The origin is added after the division: at factor 1.0 whole seconds below 2^53 come out as they went in.
-  const double scaled = static_cast<double>(elapsed) / get(timer_factor) + static_cast<double>(get(tsdb_start_ts));
+  const double factor = get(timer_factor);
+  // A quotient by 1.0 is its dividend, and the division is the longest instruction here.
+  const double unshifted = factor == 1.0 ? static_cast<double>(elapsed) : static_cast<double>(elapsed) / factor;
+  const double scaled = unshifted + static_cast<double>(get(tsdb_start_ts));
   return deliver(seconds_of(scaled), time_loc);
 }
 

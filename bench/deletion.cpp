@@ -1,0 +1,294 @@
+// What does it cost to delete a chunk, to give an emptied slot back, and to sweep a pool?
+//
+// Asked: tslb_dynmem_del_mchunk per chunk of 64 bytes in slots that hold some 800, with 1 and 2 threads (who own every
+// other chunk), and of chunks that fill a slot each, so that every deletion gives a slot back; tslb_dynmem_update_free_list
+// per slot, over slots that stay and over slots that it gives back. Against the floor (floor.h: the read of the
+// compaction header, the write of its flag, one get_and_inc32; where a slot is given back, the lock, the words of the
+// free list and the lock again; for a sweep the slots' words at places that are known), and for chunks against free of
+// as many bytes.
+//
+// Not asked: what taking the chunks costs (bench_chunks). The pools are of MPOOL_TYPE_SHM_TMP: process memory, no ring,
+// never redo logged.
+//
+// Run: bench_deletion [--quick] [--benchmark_filter=REGEX]
+#include <stdlib.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "floor.h"
+#include "ratio.h"
+#include "tslb_dynarr.h"
+#include "tslb_dynmem.h"
+
+constexpr uint32_t HEADER = sizeof(compat_t);
+constexpr unsigned MAX_THREADS = 2;
+constexpr uint32_t SLOTS_MAX = 256;  // of one pool
+
+// Pools and chunks of a case. One pool names at most 256 slots, so a case that empties many has several.
+struct layout_t {
+  uint32_t pools;
+  uint32_t mslot_sz;
+  uint32_t chunks_per_pool;
+  uint32_t chunk_bytes;  // without the header
+};
+constexpr layout_t PACKED = {1, 65536, 2 * 8192, 64};
+constexpr layout_t FILLING = {16, 512, 240, 512 - HEADER};
+static_assert(uint64_t{PACKED.chunks_per_pool} / (PACKED.mslot_sz / (PACKED.chunk_bytes + HEADER)) + 2 < SLOTS_MAX);
+static_assert(FILLING.chunks_per_pool + 1 < SLOTS_MAX);
+
+struct pool_t {
+  std::shared_ptr<dynmem_t> handle;
+  DynMemHdr_t *hdr;
+  floor_slots_t slots;
+  maddr_t last;  // the chunk that stands in the current slot, or stood there
+};
+
+struct chunk_t {
+  const pool_t *pool;
+  compat_t *header;
+  MemSlot_t *mslot;
+  maddr_t address;
+};
+
+static MemSlot_t *mslot_of(const pool_t &pool, uint32_t idx) {
+  return static_cast<MemSlot_t *>(tslb_da_get_ptr(pool.handle.get(), idx));
+}
+static uint32_t current_of(const pool_t &pool) {
+  return static_cast<uint32_t>(__atomic_load_n(&pool.hdr->cur_slot_addr, __ATOMIC_RELAXED));
+}
+static bool looks_empty(const MemSlot_t *mslot) {
+  return __atomic_load_n(&mslot->bytes_used, __ATOMIC_RELAXED) == __atomic_load_n(&mslot->bytes_del, __ATOMIC_RELAXED);
+}
+
+static chunk_t take_chunk(const pool_t &pool, uint32_t bytes) {
+  chunk_t chunk = {&pool, nullptr, nullptr, {}};
+  chunk.header = static_cast<compat_t *>(
+      tslb_dynmem_get_mchunk(pool.handle.get(), &chunk.address, static_cast<int>(bytes), srcaddr_t{}));
+  chunk.mslot = mslot_of(pool, chunk.address.mslot_idx);
+  if (chunk.header == nullptr || chunk.mslot == nullptr) abort();
+  return chunk;
+}
+
+// A pool with one chunk.
+static pool_t make_pool(uint32_t mslot_sz, uint32_t n_direct) {
+  dynmem_t *const handle = tslb_init_dynmem(static_cast<int>(mslot_sz), static_cast<int>(n_direct), MPOOL_FLAG_COMPAT,
+                                            MPOOL_TYPE_SHM_TMP, 0, nullptr, 0, TSLB_DA_DAFLAG_LL);
+  if (handle == nullptr) abort();
+  pool_t pool = {{handle, destroy_dyn_arr}, static_cast<DynMemHdr_t *>(get_user_hdr(handle)), {}, {}};
+  pool.last = take_chunk(pool, 1).address;
+  pool.slots = {&handle->spinlock,
+                static_cast<DynArrLLI_t *>(tslb_da_get_lli(handle)),
+                reinterpret_cast<char *>(mslot_of(pool, 0)),
+                tslb_da_get_slotsz(handle, nullptr),
+                tslb_da_get_record_size(handle),
+                false};
+  return pool;
+}
+
+static void sweep(const pool_t &pool, size_t *used_sz, size_t *del_sz) {
+  size_t total_sz;
+  tslb_dynmem_update_free_list(pool.handle.get(), &total_sz, used_sz, del_sz);
+}
+
+// Slots that are empty and were not given back although they are not current, and the free list's count if it is wrong.
+static uint64_t misplaced_slots(const pool_t &pool) {
+  const uint32_t n_slots = tslb_da_get_size(pool.handle.get());
+  uint64_t wrong = 0;
+  uint32_t n_free = 0;
+  for (uint32_t idx = 0; idx < n_slots; ++idx) {
+    const MemSlot_t *const mslot = mslot_of(pool, idx);
+    const uint32_t status = reinterpret_cast<const node_fw *>(mslot)[-1].status;
+    n_free += status == TSLB_DA_SLOT_FREE;
+    wrong += status != TSLB_DA_SLOT_FREE && idx != current_of(pool) && looks_empty(mslot);
+  }
+  return wrong + (n_free != pool.slots.lli->n_free ? uint64_t{1} << 32 : 0);
+}
+
+// ---- Deletion
+
+// The chunks that a run deletes. The library takes them, for the floor too.
+struct filled_t {
+  layout_t layout;
+  std::vector<pool_t> pools;
+  std::vector<chunk_t> chunks;
+
+  explicit filled_t(const layout_t &wanted) : layout(wanted) {
+    for (uint32_t i = 0; i < layout.pools; ++i) pools.push_back(make_pool(layout.mslot_sz, SLOTS_MAX));
+  }
+
+  void fill() {
+    chunks.clear();
+    for (pool_t &pool : pools) {
+      tslb_dynmem_del_mchunk(pool.handle.get(), pool.last);
+      for (uint32_t n = 0; n < layout.chunks_per_pool; ++n) chunks.push_back(take_chunk(pool, layout.chunk_bytes));
+      // In its own slot where chunks fill slots: then none of the others is in the current one.
+      pool.last = take_chunk(pool, layout.chunk_bytes).address;
+      size_t used_sz, del_sz;
+      sweep(pool, &used_sz, &del_sz);
+    }
+  }
+
+  uint64_t what_is_wrong() const {
+    uint64_t sum = 0;
+    for (const pool_t &pool : pools) sum += misplaced_slots(pool);
+    for (const chunk_t &chunk : chunks) sum += (chunk.header->flag & MCHUNK_FLAG_DELETED) == 0;
+    return sum;
+  }
+};
+
+// `delete_one` on every chunk that the thread owns. The checksum counts them.
+template <class Delete>
+static rival_t pool_rival(const char *name, const layout_t &layout, unsigned threads, Delete delete_one) {
+  const auto filled = std::make_shared<filled_t>(layout);
+  return {name,
+          [filled, threads, delete_one](unsigned thread) {
+            uint64_t count = 0;
+            for (size_t i = thread; i < filled->chunks.size(); i += threads, ++count) delete_one(filled->chunks[i]);
+            return count;
+          },
+          [filled] { filled->fill(); }, [filled] { return filled->what_is_wrong(); }};
+}
+
+static rival_t ours(const layout_t &layout, unsigned threads) {
+  return pool_rival("tslb", layout, threads,
+                    [](const chunk_t &chunk) { tslb_dynmem_del_mchunk(chunk.pool->handle.get(), chunk.address); });
+}
+
+static rival_t floor_of(const layout_t &layout, unsigned threads) {
+  return pool_rival("floor", layout, threads, [](const chunk_t &chunk) {
+    const uint32_t deleted = floor_delete_chunk(chunk.header, &chunk.mslot->bytes_del);
+    if (deleted == __atomic_load_n(&chunk.mslot->bytes_used, __ATOMIC_RELAXED) &&
+        chunk.address.mslot_idx != current_of(*chunk.pool))
+      floor_free_slot(&chunk.pool->slots, chunk.address.mslot_idx);
+  });
+}
+
+static rival_t allocator(const layout_t &layout, unsigned threads) {
+  const auto chunks = std::make_shared<std::vector<void *>>(size_t{layout.pools} * layout.chunks_per_pool);
+  return {"free",
+          [chunks, threads](unsigned thread) {
+            uint64_t count = 0;
+            for (size_t i = thread; i < chunks->size(); i += threads, ++count) free((*chunks)[i]);
+            return count;
+          },
+          [chunks, bytes = layout.chunk_bytes] {
+            for (void *&chunk : *chunks) chunk = malloc(bytes);
+          }};
+}
+
+static void add_deletion(const char *name, const layout_t &layout) {
+  for (const unsigned threads : {1u, MAX_THREADS})
+    add_case(
+        std::string(name) + (threads == 1 ? ", 1 thread" : ", 2 threads"), threads,
+        [&layout, threads] {
+          return std::vector<rival_t>{ours(layout, threads), floor_of(layout, threads), allocator(layout, threads)};
+        },
+        uint64_t{layout.pools} * layout.chunks_per_pool);
+}
+
+// ---- Sweep
+
+struct swept_t {
+  std::vector<pool_t> pools;
+  std::vector<std::vector<MemSlot_t *>> mslots;  // of each pool, for the floor
+
+  void know_slots() {
+    mslots.clear();
+    for (const pool_t &pool : pools) {
+      mslots.emplace_back();
+      for (uint32_t idx = 0; idx < tslb_da_get_size(pool.handle.get()); ++idx)
+        mslots.back().push_back(mslot_of(pool, idx));
+    }
+  }
+};
+
+constexpr uint32_t SWEPT_SLOTS = 250;
+constexpr uint32_t SWEEPS = 64;
+
+// One pool whose slots hold two chunks each, the first of them deleted.
+static std::shared_ptr<swept_t> make_staying(uint32_t n_direct) {
+  const auto swept = std::make_shared<swept_t>();
+  swept->pools.push_back(make_pool(FILLING.mslot_sz, n_direct));
+  const pool_t &pool = swept->pools.front();
+  constexpr uint32_t HALF = FILLING.mslot_sz / 2 - HEADER;
+  for (uint32_t i = 1; i < SWEPT_SLOTS; ++i) {
+    tslb_dynmem_del_mchunk(pool.handle.get(), take_chunk(pool, HALF).address);
+    take_chunk(pool, HALF);
+  }
+  swept->know_slots();
+  return swept;
+}
+
+// Pools whose slots were emptied while they were current, which no deletion gives back.
+static std::shared_ptr<swept_t> make_emptied() {
+  const auto swept = std::make_shared<swept_t>();
+  for (uint32_t i = 0; i < FILLING.pools; ++i) swept->pools.push_back(make_pool(FILLING.mslot_sz, SLOTS_MAX));
+  return swept;
+}
+static void empty_slots(swept_t *swept) {
+  for (pool_t &pool : swept->pools) {
+    for (uint32_t n = 0; n < FILLING.chunks_per_pool; ++n) {
+      tslb_dynmem_del_mchunk(pool.handle.get(), pool.last);
+      pool.last = take_chunk(pool, FILLING.chunk_bytes).address;
+    }
+  }
+  swept->know_slots();
+}
+
+// sweep_one(pool number, &used, &deleted), `sweeps` times over all pools.
+template <class SweepOne>
+static rival_t sweep_rival(const char *name, const std::shared_ptr<swept_t> &swept, bool emptied, SweepOne sweep_one) {
+  rival_t rival = {name,
+                   [swept, emptied, sweep_one](unsigned) {
+                     uint64_t sum = 0;
+                     for (uint32_t round = 0; round < (emptied ? 1 : SWEEPS); ++round)
+                       for (size_t i = 0; i < swept->pools.size(); ++i) {
+                         size_t used_sz, del_sz;
+                         sweep_one(*swept, i, &used_sz, &del_sz);
+                         sum += used_sz + (uint64_t{del_sz} << 32);
+                       }
+                     return sum;
+                   },
+                   {}};
+  if (emptied) rival.prepare = [swept] { empty_slots(swept.get()); };
+  rival.verify = [swept] {
+    uint64_t sum = 0;
+    for (const pool_t &pool : swept->pools) sum += misplaced_slots(pool);
+    return sum;
+  };
+  return rival;
+}
+
+static std::vector<rival_t> make_sweeps(const std::shared_ptr<swept_t> &tslb_pools,
+                                        const std::shared_ptr<swept_t> &floor_pools, bool emptied) {
+  return {
+      sweep_rival("tslb", tslb_pools, emptied,
+                  [](const swept_t &swept, size_t i, size_t *used_sz, size_t *del_sz) {
+                    sweep(swept.pools[i], used_sz, del_sz);
+                  }),
+      sweep_rival("floor", floor_pools, emptied, [](const swept_t &swept, size_t i, size_t *used_sz, size_t *del_sz) {
+        floor_sweep(&swept.pools[i].slots, swept.mslots[i].data(), static_cast<uint32_t>(swept.mslots[i].size()),
+                    used_sz, del_sz);
+      })};
+}
+
+static void add_cases() {
+  add_deletion("64 bytes, 819 to a slot", PACKED);
+  add_deletion("512 bytes, a slot each", FILLING);
+  begin_table("| slot swept, time relative to");
+  add_case(
+      "stays, direct area", 1, [] { return make_sweeps(make_staying(SLOTS_MAX), make_staying(SLOTS_MAX), false); },
+      uint64_t{SWEEPS} * SWEPT_SLOTS);
+  add_case(
+      "stays, level 1", 1, [] { return make_sweeps(make_staying(0), make_staying(0), false); },
+      uint64_t{SWEEPS} * SWEPT_SLOTS);
+  add_case(
+      "given back", 1, [] { return make_sweeps(make_emptied(), make_emptied(), true); },
+      uint64_t{FILLING.pools} * FILLING.chunks_per_pool);
+}
+
+int main(int argc, char **argv) {
+  return run_cases(argc, argv, "| chunk deleted, time relative to", add_cases);
+}

@@ -1,0 +1,157 @@
+// What does a line of the debug log cost?
+//
+// Asked: tslb_dl_logging to a file on a tmpfs, a short message with one number, with 1 and 2 threads. Against the floor
+// (floor.h: the same bytes, formatted ahead; the clock and its conversion to local time with the signals blocked, stat of
+// the file, one write, all under one mutex, since lines stand in the order of their stamps), and against spdlog with the
+// same fields, a file of its own and a flush behind every line. spdlog looks at no file and blocks no signal, and it
+// converts the time once in a second. Without spdlog its column is left out.
+//
+// Not asked: the rollover to a new file; lines that the level refuses, which are a comparison; a disk.
+//
+// Run: bench_log [--quick] [--benchmark_filter=REGEX]
+#include "tslb_dlog.h"
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "floor.h"
+#include "ratio.h"
+#include "scratch.h"
+#include "tslb_dlog_macros.h"
+#ifdef TSLB_BENCH_SPDLOG
+#include <spdlog/sinks/basic_file_sink.h>
+#include <spdlog/spdlog.h>
+#endif
+
+constexpr uint32_t LINES_PER_THREAD = 2048;
+constexpr unsigned MAX_THREADS = 2;
+constexpr uint64_t ROOM_BYTES = uint64_t{16} << 20;
+constexpr int LEVEL = 1;
+constexpr int FILE_MIB = 2047;  // no rollover
+
+static std::string path_of(const char *name) {
+  return scratch_dir(ROOM_BYTES) + "/" + name;
+}
+// What the debug log makes of its base path.
+static std::string dlog_file() {
+  return path_of("dlog") + "." + std::to_string(getpid()) + ".0";
+}
+
+static std::vector<std::string> lines_in(const std::string &path) {
+  std::vector<std::string> lines;
+  std::ifstream file(path);
+  for (std::string line; std::getline(file, line);) lines.push_back(line);
+  return lines;
+}
+
+// Adds up the numbers that the messages in a file end in. A line that is broken or missing changes the sum.
+static uint64_t sum_of_messages(const std::string &path) {
+  uint64_t sum = 0;
+  for (const std::string &line : lines_in(path)) {
+    const size_t at = line.rfind(' ');
+    if (at != std::string::npos && line[0] != '#') sum += strtoull(line.c_str() + at, nullptr, 10);
+  }
+  return sum;
+}
+
+static uint32_t number_of(unsigned thread, uint32_t i) {
+  return 100000 + thread * LINES_PER_THREAD + i;
+}
+
+static void start_dlog() {
+  unlink(dlog_file().c_str());
+  TSLB_DLOG_INIT(path_of("dlog").c_str(), LEVEL, FILE_MIB);
+}
+
+static uint64_t log_lines(unsigned thread) {
+  for (uint32_t i = 0; i < LINES_PER_THREAD; ++i)
+    TSLB_DLOG(LEVEL, "retention pass %s of table, record %u", "begins", number_of(thread, i));
+  return 0;
+}
+
+static rival_t ours() {
+  return {"tslb", log_lines, start_dlog, [] { return sum_of_messages(dlog_file()); }};
+}
+
+// The library's own lines, thread after thread, as it writes them.
+static std::vector<std::string> lines_of_library(unsigned threads) {
+  start_dlog();
+  for (unsigned thread = 0; thread < threads; ++thread) log_lines(thread);
+  std::vector<std::string> lines = lines_in(dlog_file());
+  if (lines.size() != 1 + size_t{threads} * LINES_PER_THREAD) abort();
+  lines.erase(lines.begin());  // the file's header
+  for (std::string &line : lines) line += '\n';
+  return lines;
+}
+
+static rival_t floor_of(unsigned threads) {
+  struct shared_t {
+    std::string path = path_of("floor");
+    floor_log_t log = {PTHREAD_MUTEX_INITIALIZER, path.c_str(),
+                       open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644)};
+    std::vector<std::string> lines;
+
+    ~shared_t() { close(log.fd); }
+  };
+  const auto shared = std::make_shared<shared_t>();
+  shared->lines = lines_of_library(threads);
+  if (shared->log.fd < 0) abort();
+  return {"floor",
+          [shared](unsigned thread) {
+            uint64_t refused = 0;
+            const std::string *const lines = &shared->lines[size_t{thread} * LINES_PER_THREAD];
+            for (uint32_t i = 0; i < LINES_PER_THREAD; ++i)
+              refused += floor_write_line(&shared->log, lines[i].data(), lines[i].size()) !=
+                         static_cast<ssize_t>(lines[i].size());
+            return refused;
+          },
+          [shared] {
+            if (ftruncate(shared->log.fd, 0) != 0) abort();
+          },
+          [shared] { return sum_of_messages(shared->path); }};
+}
+
+#ifdef TSLB_BENCH_SPDLOG
+static rival_t peer() {
+  const auto logger = std::make_shared<std::shared_ptr<spdlog::logger>>();
+  return {"spdlog",
+          [logger](unsigned thread) {
+            for (uint32_t i = 0; i < LINES_PER_THREAD; ++i)
+              SPDLOG_LOGGER_INFO(*logger, "retention pass {} of table, record {}", "begins", number_of(thread, i));
+            return uint64_t{0};
+          },
+          [logger] {
+            const auto sink = std::make_shared<spdlog::sinks::basic_file_sink_mt>(path_of("spdlog"), true);
+            *logger = std::make_shared<spdlog::logger>("-", sink);
+            (*logger)->set_pattern("%m/%d/%y %H:%M:%S|%s|%#|%!|%P|%t|%n|%v");
+            (*logger)->flush_on(spdlog::level::trace);
+          },
+          [] { return sum_of_messages(path_of("spdlog")); }};
+}
+#endif
+
+static std::vector<rival_t> make_rivals(unsigned threads) {
+  std::vector<rival_t> rivals = {ours(), floor_of(threads)};
+#ifdef TSLB_BENCH_SPDLOG
+  rivals.push_back(peer());
+#endif
+  return rivals;
+}
+
+static void add_cases() {
+  if (scratch_dir(ROOM_BYTES).empty()) return;
+  for (const unsigned threads : {1u, MAX_THREADS})
+    add_case(
+        threads == 1 ? "1 thread" : "2 threads", threads, [threads] { return make_rivals(threads); },
+        uint64_t{threads} * LINES_PER_THREAD);
+}
+
+int main(int argc, char **argv) {
+  return run_cases(argc, argv, "| log line, time relative to", add_cases);
+}

@@ -1,0 +1,177 @@
+// What does it cost to take a slot and to free it again?
+//
+// Asked: tslb_da_get_newptr and tslb_da_free_idx on slot arrays with a free list (LL) and with an inactive list too
+// (INLL), records of 100 bytes and of 1 KiB, with 1 and 2 threads. A thread takes 64 slots, writes a word to each, reads
+// it back, and frees them in the order of their taking; 512 are free at the start, so the list is never empty. Against
+// the floor (floor.h: the clock, the lock taken and given back twice through the host's cas16, the words of list and
+// nodes, the clearing of the payload, in an array of the same kind), and against malloc and free, the standard library's
+// synchronized_pool_resource, and a free list in a std::vector behind a std::mutex, all of the same size. The peers keep
+// no time and no status, clear nothing, and give back first what was freed last.
+//
+// Not asked: redo records (the arrays are of MPOOL_TYPE_DRAM_TMP, which is never logged); fresh ids, which bench_ids
+// measures; the way to slots beyond the direct area, which bench_lookup measures; the reuse of inactive slots.
+//
+// Run: bench_slots [--quick] [--benchmark_filter=REGEX]
+#include <stdlib.h>
+
+#include <array>
+#include <memory>
+#include <memory_resource>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "floor.h"
+#include "ratio.h"
+#include "tslb_dynarr.h"
+
+constexpr uint32_t N_SLOTS = 512;
+constexpr uint32_t BATCH = 64;
+constexpr uint32_t BATCHES_PER_THREAD = 128;
+constexpr unsigned MAX_THREADS = 2;
+static_assert(MAX_THREADS * BATCH < N_SLOTS, "the free list is never empty");
+
+// A slot in a thread's hands.
+struct held_t {
+  void *payload;
+  uint32_t idx;  // the peers have none
+};
+
+// What all rivals do. The sum is wrong if two threads were given one slot.
+template <class Take, class Free>
+static uint64_t take_and_free(unsigned thread, Take take, Free free_one) {
+  uint64_t sum = 0;
+  std::array<held_t, BATCH> held;
+  for (uint32_t batch = 0; batch < BATCHES_PER_THREAD; ++batch) {
+    uint32_t mark = thread * BATCHES_PER_THREAD * BATCH + batch * BATCH;
+    for (held_t &slot : held) {
+      slot = take();
+      static_cast<volatile uint32_t *>(slot.payload)[1] = mark++;
+    }
+    for (const held_t &slot : held) sum += static_cast<volatile uint32_t *>(slot.payload)[1];
+    for (const held_t &slot : held) free_one(slot);
+  }
+  return sum;
+}
+
+// An array whose slots are all on its free list.
+static std::shared_ptr<dynarr_t> make_array(int record_size, uint8_t daflag) {
+  dynarr_t *const array = tslb_da_init_ll(record_size, N_SLOTS, MPOOL_TYPE_DRAM_TMP, nullptr, 0, daflag);
+  uint32_t idx;
+  for (uint32_t i = 0; i < N_SLOTS; ++i)
+    if (array == nullptr || tslb_da_get_newptr(array, &idx) == nullptr) abort();
+  for (idx = 0; idx < N_SLOTS; ++idx)
+    if (tslb_da_free_idx(array, idx) != 0) abort();
+  return {array, destroy_dyn_arr};
+}
+
+static rival_t ours(int record_size, uint8_t daflag) {
+  return {"tslb",
+          [array = make_array(record_size, daflag)](unsigned thread) {
+            return take_and_free(
+                thread,
+                [&] {
+                  held_t slot;
+                  slot.payload = tslb_da_get_newptr(array.get(), &slot.idx);
+                  return slot;
+                },
+                [&](const held_t &slot) { tslb_da_free_idx(array.get(), slot.idx); });
+          },
+          {}};
+}
+
+static rival_t floor_of(int record_size, uint8_t daflag) {
+  const std::shared_ptr<dynarr_t> array = make_array(record_size, daflag);
+  const floor_slots_t slots = {&array->spinlock,
+                               static_cast<DynArrLLI_t *>(tslb_da_get_lli(array.get())),
+                               static_cast<char *>(tslb_da_get_ptr(array.get(), 0)),
+                               tslb_da_get_slotsz(array.get(), nullptr),
+                               static_cast<uint32_t>(record_size),
+                               (daflag & TSLB_DA_DAFLAG_INLL) != 0};
+  return {"floor",
+          [array, slots](unsigned thread) {
+            return take_and_free(
+                thread,
+                [&] {
+                  held_t slot;
+                  slot.payload = floor_take_slot(&slots, &slot.idx);
+                  return slot;
+                },
+                [&](const held_t &slot) { floor_free_slot(&slots, slot.idx); });
+          },
+          {}};
+}
+
+static rival_t allocator(size_t record_size) {
+  return {"malloc",
+          [record_size](unsigned thread) {
+            return take_and_free(
+                thread,
+                [&] {
+                  return held_t{malloc(record_size), 0};
+                },
+                [](const held_t &slot) { free(slot.payload); });
+          },
+          {}};
+}
+
+static rival_t pool_resource(size_t record_size) {
+  return {"pool_resource",
+          [record_size, pool = std::make_shared<std::pmr::synchronized_pool_resource>()](unsigned thread) {
+            return take_and_free(
+                thread,
+                [&] {
+                  return held_t{pool->allocate(record_size), 0};
+                },
+                [&](const held_t &slot) { pool->deallocate(slot.payload, record_size); });
+          },
+          {}};
+}
+
+static rival_t locked_vector(size_t record_size) {
+  struct shared_t {
+    std::mutex mutex;
+    std::vector<char> memory;
+    std::vector<void *> free_list;
+  };
+  const auto shared = std::make_shared<shared_t>();
+  const size_t slot_bytes = (record_size + 15) & ~size_t{15};
+  shared->memory.resize(N_SLOTS * slot_bytes);
+  for (uint32_t i = 0; i < N_SLOTS; ++i) shared->free_list.push_back(shared->memory.data() + i * slot_bytes);
+  return {"mutex + std::vector",
+          [shared](unsigned thread) {
+            return take_and_free(
+                thread,
+                [&] {
+                  const std::lock_guard<std::mutex> guard(shared->mutex);
+                  void *const payload = shared->free_list.back();
+                  shared->free_list.pop_back();
+                  return held_t{payload, 0};
+                },
+                [&](const held_t &slot) {
+                  const std::lock_guard<std::mutex> guard(shared->mutex);
+                  shared->free_list.push_back(slot.payload);
+                });
+          },
+          {}};
+}
+
+static void add_cases() {
+  for (const unsigned threads : {1u, MAX_THREADS})
+    for (const uint8_t daflag : {TSLB_DA_DAFLAG_LL, TSLB_DA_DAFLAG_INLL})
+      for (const int record_size : {100, 1024})
+        add_case(
+            std::string(daflag == TSLB_DA_DAFLAG_LL ? "LL" : "INLL") + ", " +
+                (record_size == 100 ? "100 bytes, " : "1 KiB, ") + (threads == 1 ? "1 thread" : "2 threads"),
+            threads,
+            [record_size, daflag] {
+              const size_t bytes = static_cast<size_t>(record_size);
+              return std::vector<rival_t>{ours(record_size, daflag), floor_of(record_size, daflag), allocator(bytes),
+                                          pool_resource(bytes), locked_vector(bytes)};
+            },
+            uint64_t{threads} * BATCHES_PER_THREAD * BATCH);
+}
+
+int main(int argc, char **argv) {
+  return run_cases(argc, argv, "| slot taken and freed, time relative to", add_cases);
+}
