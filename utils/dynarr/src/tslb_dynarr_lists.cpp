@@ -10,11 +10,12 @@
 // ---- List surgery -------------------------------------------------------------------------------------------------
 // A stored index can name a slot that does not exist, in an array that somebody else wrote: it is stepped over.
 
+// The functions called ask the same first; asked here, logging that is off costs no call.
 static void log_slot(dynarr_t *array, uint32_t idx) {
-  tslb_redo_log_da(array, idx, NO_TXN, TSLB_REDO_SLOT);
+  if (redo_is_on(array)) tslb_redo_log_da(array, idx, NO_TXN, TSLB_REDO_SLOT);
 }
 static void log_forward_node(dynarr_t *array, uint32_t idx) {
-  tslb_redo_log_da_ex(array, idx, NO_TXN, TSLB_REDO_SLOT, 1);
+  if (redo_is_on(array)) tslb_redo_log_da_ex(array, idx, NO_TXN, TSLB_REDO_SLOT, 1);
 }
 
 // Points a neighbour's forward or back link elsewhere, and logs that whole slot.
@@ -132,6 +133,7 @@ int slot_free_locked(dynarr_t *array, uint32_t idx, void *slot_ptr) {
 }
 
 void slot_free_log(dynarr_t *array, uint32_t idx) {
+  if (!redo_is_on(array)) return;
   log_forward_node(array, idx);
   tslb_redo_log_da_hdr(array, idx, NO_TXN, TSLB_REDO_SLOT);
 }
