@@ -1,156 +1,25 @@
-// metricdb: loads line protocol into tslb's arrays, checks and shows what they hold, and records this
-// machine's counters as line protocol.
+// metricdb: loads line protocol into tslb's arrays, keeps them in a folder, checks and shows what they hold, and records
+// this machine's counters as line protocol. Here: the command line.
 #include <fmt/format.h>
-#include <tslb_util.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
-#include <cerrno>
-#include <chrono>
 #include <cstdio>
-#include <cstring>
-#include <memory>
 #include <string>
-#include <thread>
-#include <vector>
 
-#include "check.h"
-#include "input.h"
-#include "loader.h"
-#include "proc_sampler.h"
-#include "report.h"
-#include "store.h"
+#include "commands.h"
+#include "log.h"
 
 namespace metricdb {
 namespace {
 
-constexpr int EXIT_GOOD = 0;
-constexpr int EXIT_ERROR = 1;
-constexpr int EXIT_SOME_MALFORMED = 2;
-
-constexpr int64_t NS_PER_S = 1'000'000'000;
 constexpr int64_t LONGEST_S = INT64_MAX / NS_PER_S;
+constexpr size_t LONGEST_LOG_NAME = 1000;  // the log adds process and version, and has room for 1,023 bytes
+constexpr int LOG_FILE_MIB = 10;
 
-struct LoadArguments {
-  std::vector<std::string> files;
-  std::string precision = "ns";
-  std::string series_pattern;
-  bool check = false;
-  int64_t retain_s = 0;
-  int64_t idle_s = 0;
-  int reuse_inactive_pct = 0;
+struct LogArguments {
+  std::string base;
+  int level = LOG_PROGRESS;
 };
-
-struct RecordArguments {
-  int seconds = 0;
-  int interval_ms = 1000;
-  std::string out;
-  std::string host = "local";
-};
-
-// An output that could not be written: a full disk must not look like success.
-[[noreturn]] void fail_output(const std::string &name) {
-  const int error = errno;
-  throw std::runtime_error(fmt::format("{}: cannot be written: {}", name, std::strerror(error)));
-}
-
-void print(const std::string &text) {
-  if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0)
-    fail_output("stdout");
-}
-
-bool checks_out(const Store &store, std::vector<Input> &inputs, Precision precision, int64_t now_ns,
-                int64_t retain_ns) {
-  Check check(store, precision, now_ns, retain_ns);
-  for (size_t i = 0; retain_ns != 0 && i < inputs.size(); ++i) {
-    check.find_newest(inputs[i].text());
-    inputs[i].release(true);
-  }
-  for (Input &input : inputs) {
-    check.compare(input.text());
-    input.release(false);
-  }
-  check.finish();
-  if (check.n_differences() == 0) {
-    print(fmt::format("check: {} points match\n", check.n_matching()));
-    return true;
-  }
-  std::string text;
-  for (const std::string &difference : check.first_differences()) text += "check: " + difference + "\n";
-  print(text + fmt::format("check: {} differences, {} points match\n", check.n_differences(), check.n_matching()));
-  return false;
-}
-
-Precision precision_of(const std::string &unit) {
-  if (unit == "us") return Precision::us;
-  if (unit == "ms") return Precision::ms;
-  return unit == "s" ? Precision::s : Precision::ns;
-}
-
-int load(const LoadArguments &arguments) {
-  // Refused rather than weakened: which series gave way follows from the policy and the moments of the sweeps, and the
-  // check knows neither.
-  if (arguments.check && arguments.reuse_inactive_pct != 0)
-    throw std::runtime_error("--check cannot tell which series --reuse-inactive-pct gives away: use one of them");
-  if (arguments.reuse_inactive_pct != 0 && arguments.idle_s == 0)
-    throw std::runtime_error("--reuse-inactive-pct needs --idle: without it no series is inactive");
-  using Clock = std::chrono::steady_clock;
-  const Precision precision = precision_of(arguments.precision);
-  // One reading for the whole load: a second pass over the same text must come to the same points.
-  const int64_t now_ns = static_cast<int64_t>(tslb_get_time(nullptr)) * NS_PER_S;
-  StoreConfig config;
-  config.retain_ns = arguments.retain_s * NS_PER_S;
-  config.idle_ns = arguments.idle_s * NS_PER_S;
-  config.reuse_inactive_pct = static_cast<uint8_t>(arguments.reuse_inactive_pct);
-  Store store(config);
-  Loader loader(store, precision, now_ns, [](const std::string &message) { fmt::print(stderr, "{}\n", message); });
-  std::vector<Input> inputs(arguments.files.begin(), arguments.files.end());
-  Clock::duration busy{};
-  for (Input &input : inputs) {
-    const std::string_view text = input.text();
-    // From here on: a pipe can make us wait for as long as it likes.
-    const Clock::time_point begin = Clock::now();
-    loader.load(input.name(), text);
-    busy += Clock::now() - begin;
-    input.release(arguments.check);
-  }
-
-  const Clock::time_point begin = Clock::now();
-  const Sweep last = store.sweep();
-  busy += Clock::now() - begin;
-
-  print(load_summary(store, loader.stats(), last, std::chrono::duration<double>(busy).count()));
-  if (!arguments.series_pattern.empty()) print(series_table(store, arguments.series_pattern));
-  if (arguments.check && !checks_out(store, inputs, precision, now_ns, config.retain_ns)) return EXIT_ERROR;
-  return loader.stats().malformed == 0 ? EXIT_GOOD : EXIT_SOME_MALFORMED;
-}
-
-int64_t wall_clock_ns() {
-  using namespace std::chrono;
-  return duration_cast<nanoseconds>(system_clock::now().time_since_epoch()).count();
-}
-
-int record(const RecordArguments &arguments) {
-  const std::string name = arguments.out.empty() ? "stdout" : arguments.out;
-  std::unique_ptr<std::FILE, int (*)(std::FILE *)> file(nullptr, std::fclose);
-  if (!arguments.out.empty()) file.reset(std::fopen(arguments.out.c_str(), "w"));
-  if (!arguments.out.empty() && !file) fail_output(name);
-  std::FILE *const out = file ? file.get() : stdout;
-
-  ProcSampler sampler(arguments.host);
-  const int64_t n_samples = std::max<int64_t>(1, int64_t{arguments.seconds} * 1000 / arguments.interval_ms);
-  // Against a fixed start, so that the time a sample takes does not add up.
-  auto due = std::chrono::steady_clock::now();
-  for (int64_t i = 0; i < n_samples; ++i) {
-    std::this_thread::sleep_until(due);
-    due += std::chrono::milliseconds(arguments.interval_ms);
-    std::string text;
-    sampler.sample(wall_clock_ns(), text);
-    // Flushed at once: whoever reads along, or stops the recording, has whole samples.
-    if (std::fwrite(text.data(), 1, text.size(), out) != text.size() || std::fflush(out) != 0) fail_output(name);
-  }
-  return EXIT_GOOD;
-}
 
 const char *const LOAD_FOOTER =
     "Numbers and booleans become points; quoted strings are counted and skipped. A malformed line\n"
@@ -159,20 +28,42 @@ const char *const LOAD_FOOTER =
     "Forgetting goes by data time, which is the newest timestamp so far: one far ahead of the others\n"
     "makes them all old. With --check, what is retained is compared with what should be.\n"
     "\n"
+    "With --db the load goes on from what DIR holds, and DIR holds the result when all was loaded:\n"
+    "until then, and if the load fails, it is as it was. --retain, --idle and --reuse-inactive-pct\n"
+    "are kept there; given again, they replace what is kept from then on.\n"
+    "  --store snapshot  the arrays live in process memory, and are written when all is loaded.\n"
+    "  --store shm       the arrays live in files of DIR, block by block. Needs a new DIR: such arrays\n"
+    "                    cannot be attached to again. A later load reads them into process memory,\n"
+    "                    goes on from there and writes a snapshot in their place.\n"
+    "--check then reads DIR back and compares that. It needs a new DIR; otherwise see `metricdb check`.\n"
+    "\n"
     "Exit: 0 all was loaded\n"
-    "      1 an input cannot be read, the store is full, the check found a difference, or the\n"
-    "        arguments are wrong\n"
+    "      1 an input or DIR cannot be read, DIR cannot be written, the store is full, the check found\n"
+    "        a difference, or the arguments are wrong\n"
     "      2 some lines were malformed, and the rest was loaded";
 
-void add_load(CLI::App &app, LoadArguments &arguments) {
+void add_precision(CLI::App *command, std::string &precision) {
+  command->add_option("--precision", precision, "unit of the timestamps: ns, us, ms or s")
+      ->check(CLI::IsMember({"ns", "us", "ms", "s"}).description(""))
+      ->capture_default_str()
+      ->type_name("UNIT");
+}
+
+void add_db(CLI::App *command, std::string &db, const char *what) {
+  command->add_option("--db", db, what)->required()->type_name("DIR");
+}
+
+CLI::App *add_load(CLI::App &app, LoadArguments &arguments) {
   CLI::App *const command = app.add_subcommand("load", "load line protocol and say what came of it");
   command->add_option("FILE", arguments.files, "files of line protocol; - is standard input")
       ->required()
       ->type_name("");
-  command->add_option("--precision", arguments.precision, "unit of the timestamps: ns, us, ms or s")
-      ->check(CLI::IsMember({"ns", "us", "ms", "s"}).description(""))
-      ->capture_default_str()
-      ->type_name("UNIT");
+  add_precision(command, arguments.precision);
+  command->add_option("--db", arguments.db, "keep what was loaded in this folder, beside what it holds")
+      ->type_name("DIR");
+  command->add_option("--store", arguments.store, "how --db keeps it: snapshot (the default) or shm")
+      ->check(CLI::IsMember({"snapshot", "shm"}).description(""))
+      ->type_name("KIND");
   command
       ->add_option("--series", arguments.series_pattern,
                    "show the series whose keys match this pattern, as in 'cpu,*core=0* user'")
@@ -195,9 +86,47 @@ void add_load(CLI::App &app, LoadArguments &arguments) {
       ->check(CLI::Range(1, 100).description(""))
       ->type_name("PERCENT");
   command->footer(LOAD_FOOTER);
+  return command;
 }
 
-void add_record(CLI::App &app, RecordArguments &arguments) {
+CLI::App *add_check(CLI::App &app, CheckArguments &arguments) {
+  CLI::App *const command = app.add_subcommand("check", "compare a database with all that was loaded into it");
+  add_db(command, arguments.db, "the database's folder");
+  command->add_option("FILE", arguments.files, "the files that were loaded, all of them, in their order")
+      ->required()
+      ->type_name("");
+  add_precision(command, arguments.precision);
+  command->footer(
+      "Points without a timestamp got the time of their load, which is not known here: they differ.\n"
+      "\n"
+      "Exit: 0 every point is there and no other; 1 there are differences, or something cannot be read.");
+  return command;
+}
+
+CLI::App *add_snapshot(CLI::App &app, std::string &db) {
+  CLI::App *const command = app.add_subcommand("snapshot", "write a database anew, as snapshot streams");
+  add_db(command, db, "the database's folder, of either store");
+  command->footer("Exit: 0 it was written; 1 it could not be, or the database is damaged: DIR is as it was.");
+  return command;
+}
+
+CLI::App *add_stat(CLI::App &app, std::string &db) {
+  CLI::App *const command = app.add_subcommand("stat", "say what a database holds, array by array");
+  command->add_option("DIR", db, "the database's folder")->required()->type_name("");
+  command->footer("Exit: 0; 1 the database is damaged or cannot be read.");
+  return command;
+}
+
+CLI::App *add_series(CLI::App &app, SeriesArguments &arguments) {
+  CLI::App *const command = app.add_subcommand("series", "show the series of a database");
+  command->add_option("DIR", arguments.db, "the database's folder")->required()->type_name("");
+  command->add_option("PATTERN", arguments.pattern, "only those whose keys match, as in 'cpu,*core=0* user'")
+      ->type_name("");
+  command->footer("Exit: 0; 1 the database is damaged or cannot be read.");
+  return command;
+}
+
+CLI::App *add_record(CLI::App &app, RecordArguments &arguments) {
   CLI::App *const command = app.add_subcommand("record", "sample this machine's counters as line protocol");
   command->add_option("--seconds", arguments.seconds, "how long")->required()->check(CLI::Range(1, 10'000'000));
   command->add_option("--interval-ms", arguments.interval_ms, "milliseconds from one sample to the next")
@@ -212,6 +141,27 @@ void add_record(CLI::App &app, RecordArguments &arguments) {
       })
       ->capture_default_str();
   command->footer("Exit: 0 all was recorded; 1 the output cannot be written or the arguments are wrong.");
+  return command;
+}
+
+void add_log(CLI::App &app, LogArguments &arguments) {
+  app.add_option("--log", arguments.base, "write a log; process id and a number are added to the name")
+      ->check([](const std::string &base) {
+        return base.empty() || base.size() > LONGEST_LOG_NAME ? "the name of a log has 1 to 1,000 bytes" : "";
+      })
+      ->type_name("FILE");
+  app.add_option("--log-level", arguments.level,
+                 "what goes into the log: 1 refusals, 2 progress too, 3 sweeps, arrays and malformed lines too")
+      ->check(CLI::Range(1, 3).description(""))
+      ->capture_default_str()
+      ->type_name("N");
+}
+
+void start_log(const LogArguments &arguments, const char *command) {
+  if (arguments.base.empty()) return;
+  TSLB_DLOG_INIT(arguments.base.c_str(), arguments.level, LOG_FILE_MIB);
+  TSLB_DLOG_THREAD_NAME("metricdb");
+  TSLB_DLOG(LOG_PROGRESS, "start: %s", command);
 }
 
 }  // namespace
@@ -219,11 +169,21 @@ void add_record(CLI::App &app, RecordArguments &arguments) {
 
 int main(int argc, char **argv) {
   using namespace metricdb;
-  CLI::App app("metricdb: a small time-series database in memory, on tslb's arrays", "metricdb");
+  CLI::App app("metricdb: a small time-series database on tslb's arrays", "metricdb");
   app.require_subcommand(1);
+  app.fallthrough();
+  LogArguments log;
   LoadArguments load_arguments;
+  CheckArguments check_arguments;
+  SeriesArguments series_arguments;
   RecordArguments record_arguments;
-  add_load(app, load_arguments);
+  std::string snapshot_db, stat_db;
+  add_log(app, log);
+  const CLI::App *const is_load = add_load(app, load_arguments);
+  const CLI::App *const is_check = add_check(app, check_arguments);
+  const CLI::App *const is_snapshot = add_snapshot(app, snapshot_db);
+  const CLI::App *const is_stat = add_stat(app, stat_db);
+  const CLI::App *const is_series = add_series(app, series_arguments);
   add_record(app, record_arguments);
   try {
     app.parse(argc, argv);
@@ -231,8 +191,15 @@ int main(int argc, char **argv) {
     return app.exit(error) == 0 ? EXIT_GOOD : EXIT_ERROR;
   }
   try {
-    return app.got_subcommand("load") ? load(load_arguments) : record(record_arguments);
+    start_log(log, app.get_subcommands().front()->get_name().c_str());
+    if (*is_load) return load(load_arguments);
+    if (*is_check) return check(check_arguments);
+    if (*is_snapshot) return snapshot(snapshot_db);
+    if (*is_stat) return stat(stat_db);
+    if (*is_series) return series(series_arguments);
+    return record(record_arguments);
   } catch (const std::exception &error) {
+    TSLB_DLOG(LOG_REFUSALS, "refused: %s", error.what());
     fmt::print(stderr, "metricdb: {}\n", error.what());
     return EXIT_ERROR;
   }

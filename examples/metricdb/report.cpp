@@ -1,9 +1,11 @@
 #include "report.h"
 
+#include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <fnmatch.h>
 
 #include <algorithm>
+#include <chrono>
 #include <iterator>
 #include <string_view>
 #include <vector>
@@ -90,6 +92,45 @@ std::string forgetting(const Store &store, uint64_t n_visible, const Sweep &last
   return text + swept("points swept", last.points, gone.point_slots);
 }
 
+// Of all visible points of a store.
+struct Span {
+  uint64_t n_visible = 0;
+  int64_t oldest_ns = INT64_MAX;
+  int64_t newest_ns = INT64_MIN;
+};
+
+Span span_of(const Store &store) {
+  Span span;
+  for (uint32_t series = 0; series < store.n_slots(); ++series) {
+    if (!store.holds_series(series)) continue;
+    PointCursor cursor(store, series);
+    for (Point point; cursor.next(point); ++span.n_visible) {
+      span.oldest_ns = std::min(span.oldest_ns, point.ts_ns);
+      span.newest_ns = std::max(span.newest_ns, point.ts_ns);
+    }
+  }
+  return span;
+}
+
+std::string shown_time(int64_t ts_ns) {
+  constexpr int64_t NS_PER_S = 1'000'000'000;
+  const int64_t rest = ts_ns % NS_PER_S;
+  const int64_t ns = rest < 0 ? rest + NS_PER_S : rest;
+  const std::time_t seconds = ts_ns / NS_PER_S - (rest < 0 ? 1 : 0);
+  return fmt::format("{} ({:%F %T}.{:09} UTC)", ts_ns, fmt::gmtime(seconds), ns);
+}
+
+std::string array_lines(const char *name, DynArrHandle_t *array, const ArrayFiles &files, const char *line,
+                        const PoolBytes *bytes) {
+  const auto *const lists = static_cast<const DynArrLLI_t *>(tslb_da_get_lli(array));
+  std::string text = fmt::format(
+      "{:<17}{} slots used, {} of them free, {} inactive; {} bytes in {} files, {} on the disk\n", name,
+      tslb_da_get_size(array), lists->n_free, lists->n_inact, files.bytes, files.n_files, files.allocated_bytes);
+  if (bytes != nullptr)
+    text += fmt::format("{:17}{} bytes of chunks, {} of them deleted\n", "", bytes->used, bytes->deleted);
+  return text + fmt::format("{:17}{}\n", "", line);
+}
+
 std::string table_of(const std::vector<Row> &rows) {
   size_t widths[6] = {};
   const auto cells_of = [](const Row &row) {
@@ -155,6 +196,35 @@ std::string load_summary(const Store &store, const LoadStats &stats, const Sweep
   fmt::format_to(out, "catalogue        {}\n", tslb_da_get_hdr_str(store.catalogue()));
   fmt::format_to(out, "keys             {}\n", tslb_print_poolhdr(store.keys()));
   fmt::format_to(out, "points           {}\n", tslb_print_poolhdr(store.points()));
+  return text;
+}
+
+std::string database_summary(const std::string &folder, const Store &store, const Stored &stored, double seconds) {
+  const Span span = span_of(store);
+  const double n_points = static_cast<double>(std::max<uint64_t>(span.n_visible, 1));
+  const Forgotten &gone = store.forgotten();
+  std::string text;
+  const auto out = std::back_inserter(text);
+  fmt::format_to(out, "database         {}: generation {}, store {}, opened and checked in {:.3f} s\n", folder,
+                 stored.generation, STORE_NAMES[static_cast<int>(stored.kind)], seconds);
+  fmt::format_to(out, "series           {}, {} inactive\n", store.n_series(), store.n_inactive());
+  fmt::format_to(out, "visible points   {}, and {} hidden beside them\n", span.n_visible,
+                 store.n_points() - span.n_visible);
+  if (span.n_visible != 0) {
+    fmt::format_to(out, "oldest           {}\n", shown_time(span.oldest_ns));
+    fmt::format_to(out, "newest           {}\n", shown_time(span.newest_ns));
+  }
+  fmt::format_to(out, "forgotten        {} points in {} chunks, {} that came too late; {} series aged, {} reused\n",
+                 gone.points, gone.chunks, gone.late_points, gone.series_aged, gone.series_reused);
+  fmt::format_to(out, "bytes per point  {:.2f} in files, {:.2f} on the disk\n",
+                 static_cast<double>(stored.bytes()) / n_points,
+                 static_cast<double>(stored.allocated_bytes()) / n_points);
+  const PoolBytes keys = store.key_bytes();
+  const PoolBytes points = store.point_bytes();
+  text +=
+      array_lines("catalogue", store.catalogue(), stored.arrays[0], tslb_da_get_hdr_str(store.catalogue()), nullptr);
+  text += array_lines("keys", store.keys(), stored.arrays[1], tslb_print_poolhdr(store.keys()), &keys);
+  text += array_lines("points", store.points(), stored.arrays[2], tslb_print_poolhdr(store.points()), &points);
   return text;
 }
 

@@ -11,34 +11,10 @@
 namespace metricdb {
 namespace {
 
-constexpr const char *CONTEXT = "metricdb";
-constexpr uint8_t RECORD_VERSION = 0;
 constexpr int CATALOGUE_DIRECT_SLOTS = 64;
+// In block files: beyond the direct area each 16 series have a file of their own. All of it is written at creation.
+constexpr int CATALOGUE_DIRECT_SLOTS_SHM = 1 << 14;
 constexpr int NO_DIRECT_SLOTS = 0;  // block 0 of a pool would hold its first memory slot before it is needed
-
-constexpr uint32_t NO_SLOT = 0xFFFFFFFFu;  // the cursor's slot ahead of the first chunk
-
-// One less than the pools' addresses can name. The library stops the process when a pool's last slot is current and
-// full, even if other slots are free by then: so that one is never taken.
-constexpr uint32_t MOST_KEY_SLOTS = 255;
-constexpr uint32_t MOST_POINT_SLOTS = 2040;
-
-constexpr uint8_t FIRST_CAPACITY = 4;
-constexpr int LARGEST_CAPACITY = 64;
-
-// By what came before: a chain that lost its front goes on in large chunks.
-uint8_t capacity_behind(const PointChunk *previous) {
-  return previous == nullptr ? FIRST_CAPACITY
-                             : static_cast<uint8_t>(std::min(previous->capacity * 4, LARGEST_CAPACITY));
-}
-
-int bytes_of(uint8_t capacity) {
-  return static_cast<int>(sizeof(PointChunk) + capacity * sizeof(Point));
-}
-
-DynMemHdr_t *header_of(dynmem_t *pool) {
-  return static_cast<DynMemHdr_t *>(tslb_da_get_usrhdr(pool));
-}
 
 // Takes a chunk, and returns its data behind the compaction header. Refuses what would take one slot too many: a slot
 // that the current one has no room for comes from the free list, and is a fresh one only if that is empty.
@@ -48,8 +24,7 @@ void *take_chunk(dynmem_t *pool, uint32_t most_slots, const char *what, int byte
   const size_t total = static_cast<size_t>(bytes) + sizeof(compat_t);
   if (total > hdr->mslot_sz)
     throw StoreFull(fmt::format("{} bytes of {} do not fit a memory slot of {}", total, what, hdr->mslot_sz));
-  MemSlotAddr_t cursor;
-  std::memcpy(&cursor, &hdr->cur_slot_addr, sizeof cursor);
+  const MemSlotAddr_t cursor = cursor_of(pool);
   const bool fits_current = cursor.mslot_idx != NO_SLOT && hdr->mslot_sz - cursor.byte_off >= total;
   if (!fits_current && lists_of(pool)->n_free == 0 && tslb_da_get_size(pool) >= most_slots)
     throw StoreFull(
@@ -59,23 +34,18 @@ void *take_chunk(dynmem_t *pool, uint32_t most_slots, const char *what, int byte
   return chunk + sizeof(compat_t);
 }
 
-uint32_t bits_of(const maddr_t &address) {
-  uint32_t bits;
-  std::memcpy(&bits, &address, sizeof bits);
-  return bits;
-}
-
 uint64_t block_bytes(DynArrHandle_t *array) {
   return static_cast<uint64_t>(tslb_dynmem_get_hdrsz(array)) +
          uint64_t{tslb_da_get_total_size(array)} * tslb_da_get_slotsz(array, nullptr);
 }
 
-// Of the slots that are not free: what was reserved there, deleted or not.
-uint64_t chunk_bytes(dynmem_t *pool) {
-  uint64_t bytes = 0;
+PoolBytes bytes_of_pool(dynmem_t *pool) {
+  PoolBytes bytes;
   for (uint32_t index = 0; index < tslb_da_get_size(pool); ++index) {
     const auto *const slot = static_cast<const MemSlot_t *>(tslb_da_get_ptr(pool, index));
-    if (slot != nullptr && status_of(slot) == TSLB_DA_SLOT_ACTIVE) bytes += slot->bytes_used;
+    if (slot == nullptr || status_of(slot) != TSLB_DA_SLOT_ACTIVE) continue;
+    bytes.used += slot->bytes_used;
+    bytes.deleted += slot->bytes_del;
   }
   return bytes;
 }
@@ -97,18 +67,44 @@ tsdb_mem_pressure_config_t reuse_policy(uint8_t inactive_pct) {
 
 Store::Store(const StoreConfig &config)
     : config_(config),
-      catalogue_(tslb_da_init_ver(sizeof(SeriesRecord), CATALOGUE_DIRECT_SLOTS, MPOOL_TYPE_DRAM, CONTEXT,
-                                  CATALOGUE_TABLE, TSLB_DA_DAFLAG_INLL, RECORD_VERSION)),
-      keys_(tslb_init_dynmem_ex(config.key_slot_bytes, NO_DIRECT_SLOTS, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM, 0, CONTEXT,
-                                KEYS_TABLE, TSLB_DA_DAFLAG_LL, RECORD_VERSION)),
-      points_(tslb_init_dynmem_ex(config.point_slot_bytes, NO_DIRECT_SLOTS, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM,
-                                  MPOOL_FLAG_BV, CONTEXT, POINTS_TABLE, TSLB_DA_DAFLAG_LL, RECORD_VERSION)) {
+      catalogue_(tslb_da_init_ver(
+          sizeof(SeriesRecord), config.mem_type == MPOOL_TYPE_SHM ? CATALOGUE_DIRECT_SLOTS_SHM : CATALOGUE_DIRECT_SLOTS,
+          config.mem_type, CONTEXT, CATALOGUE_TABLE, TSLB_DA_DAFLAG_INLL, RECORD_VERSION)),
+      keys_(tslb_init_dynmem_ex(config.key_slot_bytes, NO_DIRECT_SLOTS, MPOOL_FLAG_COMPAT,
+                                static_cast<unsigned char>(config.mem_type), 0, CONTEXT, KEYS_TABLE, TSLB_DA_DAFLAG_LL,
+                                RECORD_VERSION)),
+      points_(tslb_init_dynmem_ex(config.point_slot_bytes, NO_DIRECT_SLOTS, MPOOL_FLAG_COMPAT,
+                                  static_cast<unsigned char>(config.mem_type), MPOOL_FLAG_BV, CONTEXT, POINTS_TABLE,
+                                  TSLB_DA_DAFLAG_LL, RECORD_VERSION)) {
   if (!catalogue_ || !keys_ || !points_) throw std::bad_alloc();
-  if (config.reuse_inactive_pct == 0) return;
-  tsdb_mem_pressure_config_t policy = reuse_policy(config.reuse_inactive_pct);
+  if (config.reuse_inactive_pct != 0) register_reuse_policy();
+}
+
+void Store::register_reuse_policy() {
+  tsdb_mem_pressure_config_t policy = {};
+  if (config_.reuse_inactive_pct != 0) policy = reuse_policy(config_.reuse_inactive_pct);
   tslb_da_register_reuse_policy(catalogue_.get(), &policy);
   // A setting of the whole process, and never cleared here: arrays without a policy are not concerned.
-  lib_config.tslb_mvt_reuse_enabled = 1;
+  if (config_.reuse_inactive_pct != 0) lib_config.tslb_mvt_reuse_enabled = 1;
+}
+
+void Store::forget_by(int64_t retain_ns, int64_t idle_ns, uint8_t reuse_inactive_pct) {
+  config_.retain_ns = retain_ns;
+  config_.idle_ns = idle_ns;
+  config_.reuse_inactive_pct = reuse_inactive_pct;
+  register_reuse_policy();
+}
+
+StoreState Store::state() const {
+  return {n_series(), n_points_, data_time_ns_, n_since_sweep_, forgotten_};
+}
+
+PoolBytes Store::key_bytes() const {
+  return bytes_of_pool(keys_.get());
+}
+
+PoolBytes Store::point_bytes() const {
+  return bytes_of_pool(points_.get());
 }
 
 SeriesRecord *Store::slot(uint32_t series) const {
@@ -237,8 +233,8 @@ uint64_t Store::bytes_in_use() const {
   const uint64_t headers = static_cast<uint64_t>(tslb_dynmem_get_hdrsz(catalogue_.get())) +
                            static_cast<uint64_t>(tslb_dynmem_get_hdrsz(keys_.get())) +
                            static_cast<uint64_t>(tslb_dynmem_get_hdrsz(points_.get()));
-  return headers + uint64_t{n_series()} * tslb_da_get_slotsz(catalogue_.get(), nullptr) + chunk_bytes(keys_.get()) +
-         chunk_bytes(points_.get());
+  return headers + uint64_t{n_series()} * tslb_da_get_slotsz(catalogue_.get(), nullptr) + key_bytes().used +
+         point_bytes().used;
 }
 
 uint64_t Store::bytes_reserved() const {

@@ -20,6 +20,9 @@
 // Memory comes back by slots of the pools, when all chunks in one are deleted: a chunk that a slow series fills over a
 // long time keeps its whole slot.
 //
+// A store can be put together again from its three arrays, which come from elsewhere, and the few figures that it keeps
+// beside them (StoreState). Nothing in them is trusted then: see store_audit.cpp.
+//
 // Threads: one. A store belongs to the thread that uses it.
 #pragma once
 
@@ -84,6 +87,23 @@ class StoreFull : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// What a store was to be put together from contradicts itself.
+class StoreDamaged : public std::runtime_error {
+ public:
+  enum class Where { catalogue, keys, points, state };  // the order of StoreArrays
+  static constexpr uint32_t NO_SLOT = 0xFFFFFFFFu;
+
+  // slot_index  the slot of that array, or NO_SLOT: its headers.
+  StoreDamaged(Where where, uint32_t slot_index, const std::string &what)
+      : std::runtime_error(what), where_(where), slot_index_(slot_index) {}
+  Where where() const { return where_; }
+  uint32_t slot_index() const { return slot_index_; }
+
+ private:
+  Where where_;
+  uint32_t slot_index_;
+};
+
 struct StoreConfig {
   // Usable bytes of one memory slot. The store takes 255 and 2,040 of them, so these values are good for 255 MiB of
   // keys and 2,040 MiB of points.
@@ -98,6 +118,10 @@ struct StoreConfig {
   // Points from one sweep to the next that `add` makes; as many as the catalogue has slots, if that is more, so that
   // sweeping costs each point the same.
   uint32_t points_per_sweep = 65'536;
+
+  // MPOOL_TYPE_SHM keeps the arrays in block files under the library's base path, which must exist. A disk without room
+  // ends the process then, at the write that finds none.
+  char mem_type = MPOOL_TYPE_DRAM;
 };
 
 // What forgetting has done so far.
@@ -109,6 +133,32 @@ struct Forgotten {
   uint64_t series_reused = 0;  // gone because a new one took their slot
   uint64_t key_slots = 0;      // memory slots that went to their pool's free list
   uint64_t point_slots = 0;
+};
+
+// What a store keeps beside its arrays, and what it counts from them.
+struct StoreState {
+  uint64_t n_series = 0;
+  uint64_t n_points = 0;  // in chunks
+  int64_t data_time_ns = INT64_MIN;
+  uint64_t n_since_sweep = 0;  // points since the last sweep
+  Forgotten forgotten;
+};
+
+struct ReleaseArray {
+  void operator()(DynArrHandle_t *array) const { destroy_dyn_arr(array); }
+};
+using Array = std::unique_ptr<DynArrHandle_t, ReleaseArray>;
+
+struct StoreArrays {
+  Array catalogue;
+  Array keys;
+  Array points;
+};
+
+// Of a pool's slots that are not free.
+struct PoolBytes {
+  uint64_t used = 0;     // chunks, deleted ones included
+  uint64_t deleted = 0;  // of those
 };
 
 // What a sweep found in a pool.
@@ -131,6 +181,14 @@ class Store {
   static constexpr size_t LONGEST_KEY = 65'534;
 
   explicit Store(const StoreConfig &config = {});
+
+  // Of arrays that a store filled, and the state that it had then. Goes on as that one would have. Throws StoreDamaged.
+  Store(const StoreConfig &config, StoreArrays arrays, const StoreState &state);
+
+  StoreState state() const;
+
+  // Changes what is forgotten from here on. What was forgotten stays so.
+  void forget_by(int64_t retain_ns, int64_t idle_ns, uint8_t reuse_inactive_pct);
 
   // Takes a point as it comes: moves data time on, sweeps if it is time to, and stores the point unless it is too old.
   // Throws StoreFull; data time has moved then.
@@ -167,16 +225,14 @@ class Store {
   uint64_t bytes_in_use() const;    // slots of series, and chunks; deleted ones too, while their slot is not free
   uint64_t bytes_reserved() const;  // blocks that exist; what was never touched takes no memory yet
 
+  PoolBytes key_bytes() const;
+  PoolBytes point_bytes() const;
+
   dynarr_t *catalogue() const { return catalogue_.get(); }
   dynmem_t *keys() const { return keys_.get(); }
   dynmem_t *points() const { return points_.get(); }
 
  private:
-  struct Release {
-    void operator()(DynArrHandle_t *array) const { destroy_dyn_arr(array); }
-  };
-  using Array = std::unique_ptr<DynArrHandle_t, Release>;
-
   SeriesRecord *slot(uint32_t series) const;
   uint32_t add_series(std::string_view key);
   SeriesRecord *take_slot(uint32_t &index);
@@ -189,7 +245,9 @@ class Store {
   void forget_content(uint32_t series, SeriesRecord &record);
   void park_idle_series();
 
-  const StoreConfig config_;
+  void register_reuse_policy();
+
+  StoreConfig config_;
   Array catalogue_;
   Array keys_;
   Array points_;

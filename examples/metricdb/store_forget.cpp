@@ -5,6 +5,7 @@
 #include <utility>
 #include <vector>
 
+#include "log.h"
 #include "store.h"
 #include "store_internal.h"
 
@@ -117,6 +118,10 @@ Sweep Store::sweep() {
   if (config_.idle_ns != 0) park_idle_series();
   sweep_pool(keys_.get(), found.keys, forgotten_.key_slots);
   sweep_pool(points_.get(), found.points, forgotten_.point_slots);
+  TSLB_DLOG(LOG_DETAILS, "sweep: %u series, %u inactive, %llu points; forgotten so far: %llu points, %llu series",
+            n_series(), n_inactive(), static_cast<unsigned long long>(n_points_),
+            static_cast<unsigned long long>(forgotten_.points),
+            static_cast<unsigned long long>(forgotten_.series_aged + forgotten_.series_reused));
   return found;
 }
 

@@ -1,0 +1,57 @@
+// What the program does, command by command; main.cpp reads the command line for it.
+//
+// Each returns the program's exit code, prints to standard output, and throws what makes the program end with
+// EXIT_ERROR: then no database was changed.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace metricdb {
+
+inline constexpr int EXIT_GOOD = 0;
+inline constexpr int EXIT_ERROR = 1;
+inline constexpr int EXIT_SOME_MALFORMED = 2;
+
+inline constexpr int64_t NS_PER_S = 1'000'000'000;
+
+struct LoadArguments {
+  std::vector<std::string> files;
+  std::string precision = "ns";
+  std::string series_pattern;
+  bool check = false;
+  std::optional<int64_t> retain_s;  // these three: as the database has it, or off
+  std::optional<int64_t> idle_s;
+  std::optional<int> reuse_inactive_pct;
+  std::string db;     // empty: the arrays are gone with the process
+  std::string store;  // empty, `snapshot` or `shm`
+};
+
+struct CheckArguments {
+  std::string db;
+  std::vector<std::string> files;
+  std::string precision = "ns";
+};
+
+struct SeriesArguments {
+  std::string db;
+  std::string pattern = "*";
+};
+
+struct RecordArguments {
+  int seconds = 0;
+  int interval_ms = 1000;
+  std::string out;
+  std::string host = "local";
+};
+
+int load(const LoadArguments &arguments);
+int check(const CheckArguments &arguments);
+int snapshot(const std::string &db);
+int stat(const std::string &db);
+int series(const SeriesArguments &arguments);
+int record(const RecordArguments &arguments);
+
+}  // namespace metricdb

@@ -1,0 +1,12 @@
+// Levels of what metricdb writes to the library's debug log. Nothing is written unless the program started that log.
+#pragma once
+
+#include <tslb_dlog_macros.h>
+
+namespace metricdb {
+
+inline constexpr int LOG_REFUSALS = 1;
+inline constexpr int LOG_PROGRESS = 2;  // what was begun, files, generations
+inline constexpr int LOG_DETAILS = 3;   // sweeps, arrays, malformed lines
+
+}  // namespace metricdb
