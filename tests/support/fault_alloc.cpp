@@ -31,9 +31,13 @@ unsigned long allocations_so_far() {
 }
 
 #if defined(__SANITIZE_THREAD__)
-bool fault_t::works() { return false; }
+bool fault_t::works() {
+  return false;
+}
 #else
-bool fault_t::works() { return true; }
+bool fault_t::works() {
+  return true;
+}
 
 template <class Function>
 static Function next(const char *name) {
