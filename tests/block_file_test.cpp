@@ -9,12 +9,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <filesystem>
 #include <fstream>
-#include <thread>
 
 #include "array_support.h"
+#include "threads.h"
 
 namespace fs = std::filesystem;
 
@@ -140,17 +139,10 @@ TEST_F(BlockFiles, RacersForABlockEndUpWithOne) {
   for (int round = 0; round < 20; ++round) {
     const array_t array = make(8, 0, 0, "metrics", round);
     pretend_issued(array.get(), 64);
-    std::atomic<int> ready{0};
     std::vector<void *> seen[3];
-    std::vector<std::thread> threads;
-    for (auto &mine : seen)
-      threads.emplace_back([&] {
-        ready.fetch_add(1);
-        while (ready.load() < 3) {
-        }
-        for (uint32_t id = 0; id < 64; id += 16) mine.push_back(get_dyn_arr_record_position(array.get(), id));
-      });
-    for (auto &thread : threads) thread.join();
+    on_threads(3, [&](int self) {
+      for (uint32_t id = 0; id < 64; id += 16) seen[self].push_back(get_dyn_arr_record_position(array.get(), id));
+    });
     EXPECT_EQ(seen[0], seen[1]);
     EXPECT_EQ(seen[0], seen[2]);
     EXPECT_EQ(get_dyn_total_allocated_records(array.get()), 64u);

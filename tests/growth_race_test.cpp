@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "array_support.h"
+#include "threads.h"
 
 static __thread void *rival;  // the next swap of an empty entry by this thread meets this pointer
 static __thread unsigned lock_calls;
@@ -31,21 +32,6 @@ extern "C" uint32_t get_and_inc32(uint32_t *word, uint32_t amount) {
 }
 extern "C" uint64_t get_and_inc64(uint64_t *word, uint64_t amount) {
   return __atomic_fetch_add(word, amount, __ATOMIC_SEQ_CST);
-}
-
-template <class Work>
-static void on_threads(int n, Work work) {
-  std::vector<std::thread> threads;
-  std::atomic<int> ready{0};
-  for (int i = 0; i < n; ++i) {
-    threads.emplace_back([&, i] {
-      ready.fetch_add(1);
-      while (ready.load() < n) {
-      }
-      work(i);
-    });
-  }
-  for (auto &thread : threads) thread.join();
 }
 
 TEST(Growth, LoserOfTheBlockSwapCountsNothingAndUsesTheRivals) {

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "list_audit.h"
+#include "threads.h"
 #include "tslb_settings.h"
 #include "tslb_util.h"
 
@@ -38,21 +39,6 @@ extern "C" uint64_t get_and_inc64(uint64_t *word, uint64_t amount) {
 }
 
 constexpr int kThreads = 4;
-
-template <class Work>
-static void on_threads(int n, Work work) {
-  std::vector<std::thread> threads;
-  std::atomic<int> ready{0};
-  for (int i = 0; i < n; ++i) {
-    threads.emplace_back([&, i] {
-      ready.fetch_add(1);
-      while (ready.load() < n) {
-      }
-      work(i);
-    });
-  }
-  for (auto &thread : threads) thread.join();
-}
 
 // ---- One index, two threads -------------------------------------------------------------------------------------------
 
