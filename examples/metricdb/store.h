@@ -36,13 +36,9 @@
 #include <string_view>
 #include <unordered_map>
 
-namespace metricdb {
+#include "point.h"
 
-struct Point {
-  int64_t ts_ns;
-  double value;
-};
-TSLB_STORED_SIZE(Point, 16);
+namespace metricdb {
 
 // Catalogue record of a series.
 struct TSLB_UNALIGNED SeriesRecord {
