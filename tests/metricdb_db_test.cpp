@@ -197,7 +197,7 @@ TEST_P(RoundTrip, ComesBackAndGoesOnAsIfItHadNeverBeenAway) {
     EXPECT_EQ(straight.n_inactive() > 0, row.parks);
     EXPECT_EQ(straight.forgotten().series_aged > 0, row.ages);
     EXPECT_EQ(straight.forgotten().series_reused > 0, row.reuses);
-    EXPECT_EQ(straight.point_bytes().deleted > 0, row.ages || row.reuses);
+    EXPECT_EQ(straight.forgotten().chunks > 0, row.ages || row.reuses);
     EXPECT_EQ(lists_of(straight.points())->n_free > 0, row.ages || row.reuses);
 
     Feed feed;
@@ -301,13 +301,13 @@ class Damage : public Folder {
   }
 
   static StoreConfig config() {
-    return {.key_slot_bytes = 64, .point_slot_bytes = 1048, .retain_ns = 100, .idle_ns = 50};
+    return {.key_slot_bytes = 64, .point_slot_bytes = 2400, .retain_ns = 100, .idle_ns = 50};
   }
 
   static void fill(Store &store) {
     for (int i = 0; i < 100; ++i) store.add("a f", {i, 1.0 * i});
     for (int i = 0; i < 30; ++i) store.add(fmt::format("gone,n={} f", i % 3), {i, 1.0});
-    for (int i = 0; i < 25; ++i) store.add("b f", {100 + i, 2.0 * i});
+    for (int i = 0; i < 400; ++i) store.add("b f", {100 + i / 16, 2.0 * i});
     store.add("c f", {180, 3.0});
     store.sweep();
     ASSERT_EQ(store.forgotten().series_aged, 3u);
@@ -451,24 +451,27 @@ TEST_F(Damage, ManifestsThatContradict) {
     const char *found, *put;  // in the text
     const char *told;
   } rows[] = {
-      {"a later version is read as ours", "metricdb 1\n", "metricdb 2\n",
-       "manifest: its format version is \"2\", and 1 is known"},
-      {"so is one without a number", "metricdb 1\n", "metricdb one\n", "its format version is \"one\", and 1 is known"},
+      {"a later version is read as ours", "metricdb 2\n", "metricdb 3\n",
+       "manifest: its format version is \"3\", and 2 is known"},
+      {"so is one without a number", "metricdb 2\n", "metricdb one\n", "its format version is \"one\", and 2 is known"},
       {"a store of a kind that is not known", "store snapshot", "store tape",
        "manifest: line 2: store \"tape\" is neither snapshot nor shm"},
+      {"a layout that nobody knows", "layout 1", "layout 2", "line 3: layout \"2\""},
+      {"a layout that the records do not have", "layout 1", "layout 0",
+       "catalogue.stream: record version 1, which is not 0"},
       {"streams taken for block files", "store snapshot", "store shm", "manifest: array "},
-      {"a line left out", "retain_ns 100\n", "", "line 5: \"idle_ns\" in place of \"retain_ns\""},
-      {"a negative time span", "retain_ns 100", "retain_ns -100", "line 5: retain_ns \"-100\""},
+      {"a line left out", "retain_ns 100\n", "", "line 6: \"idle_ns\" in place of \"retain_ns\""},
+      {"a negative time span", "retain_ns 100", "retain_ns -100", "line 6: retain_ns \"-100\""},
       {"a number beyond its word", "reuse_inactive_pct 0", "reuse_inactive_pct 256",
-       "line 7: reuse_inactive_pct \"256\""},
-      {"a share beyond all", "reuse_inactive_pct 0", "reuse_inactive_pct 101", "line 7: reuse_inactive_pct \"101\""},
-      {"letters behind a number", "idle_ns 50", "idle_ns 50s", "line 6: idle_ns \"50s\""},
+       "line 8: reuse_inactive_pct \"256\""},
+      {"a share beyond all", "reuse_inactive_pct 0", "reuse_inactive_pct 101", "line 8: reuse_inactive_pct \"101\""},
+      {"letters behind a number", "idle_ns 50", "idle_ns 50s", "line 7: idle_ns \"50s\""},
       {"the same number in another way", "idle_ns 50", "idle_ns 050", "it is not written as this program writes it"},
       {"another line end", "idle_ns 50\n", "idle_ns 50 ", "it is not written as this program writes it"},
       {"slots of another size", "key_slot_bytes 64", "key_slot_bytes 68",
        "keys.stream: bytes of a record 72, which is not 76"},
-      {"a slot size beyond what addresses reach", "point_slot_bytes 1048", "point_slot_bytes 16777217",
-       "line 4: point_slot_bytes \"16777217\""},
+      {"a slot size beyond what addresses reach", "point_slot_bytes 2400", "point_slot_bytes 16777217",
+       "line 5: point_slot_bytes \"16777217\""},
       {"series that are not there", "\nseries 3\n", "\nseries 4\n", "manifest: 4 series with "},
       {"an old data time, so that the future is stored", "data_time_ns 180", "data_time_ns 110",
        "catalogue.stream: series "},
@@ -476,14 +479,14 @@ TEST_F(Damage, ManifestsThatContradict) {
        "manifest: array keys: file \"points.stream\", not keys.stream"},
       {"a file elsewhere", "file keys.stream", "file ../keys.stream", "array keys: file \"../keys.stream\""},
       {"no file, so that none is compared", "slot_bytes 80 files 1", "slot_bytes 80 files 0",
-       "line 23: \"file\" in place of \"array\""},
-      {"a file too many", "slot_bytes 56 files 1\n",
-       "slot_bytes 56 files 2\nfile catalogue.stream bytes 1 crc32c 00000000\n",
+       "line 24: \"file\" in place of \"array\""},
+      {"a file too many", "slot_bytes 116 files 1\n",
+       "slot_bytes 116 files 2\nfile catalogue.stream bytes 1 crc32c 00000000\n",
        "array catalogue: 2 files, and it has 1"},
-      {"files beyond the text", "slot_bytes 1064 files 1", "slot_bytes 1064 files 4294967295", "it ends too early"},
+      {"files beyond the text", "slot_bytes 2416 files 1", "slot_bytes 2080 files 4294967295", "it ends too early"},
       {"another table", "table -3", "table -4", "array points: table -4, which is not -3"},
       {"a slot more than the stream has", "direct 64", "direct 65",
-       "catalogue.stream: 6 slots of 56 bytes, 64 of them direct; the manifest says 6 of 56, 65"},
+       "catalogue.stream: 6 slots of 116 bytes, 64 of them direct; the manifest says 6 of 116, 65"},
   };
   const std::string whole = read_file(generation() / "manifest");
   ASSERT_EQ(resealed(whole.substr(0, whole.size() - 16)), whole);
@@ -510,11 +513,17 @@ TEST_F(Damage, ManifestsThatContradict) {
 
 // ---- Damage that every checksum agrees with ----
 
-SeriesRecord &record_of(Store &store, std::string_view key) {
-  return const_cast<SeriesRecord &>(store.record(store.series_of(key)));
+SeriesRecord record_of(Store &store, std::string_view key) {
+  return store.record(store.series_of(key));
 }
-PointChunk *chunk_at(Store &store, const maddr_t &address) {
-  return static_cast<PointChunk *>(tslb_dynmem_get_maddr2ptr(store.points(), address));
+char *chunk_at(Store &store, const maddr_t &address) {
+  return static_cast<char *>(tslb_dynmem_get_maddr2ptr(store.points(), address));
+}
+SealedChunk *sealed_at(Store &store, const maddr_t &address) {
+  return reinterpret_cast<SealedChunk *>(chunk_at(store, address));
+}
+SealedChunk *first_of(Store &store, std::string_view key) {
+  return sealed_at(store, record_of(store, key).first_sealed());
 }
 compat_t *header_before(void *data) {
   return reinterpret_cast<compat_t *>(data) - 1;
@@ -541,111 +550,120 @@ TEST_F(Damage, StoresThatContradictThemselves) {
     const char *file, *told;
   } rows[] = {
       {"a chunk in a slot that is not there",
-       [](Store &s) { record_of(s, "b f").first_chunk = moved(record_of(s, "b f").first_chunk, 100, 0); }, "catalogue",
-       "and there is no such slot"},
+       [](Store &s) { record_of(s, "b f").set_first_sealed(moved(record_of(s, "b f").first_sealed(), 100, 0)); },
+       "catalogue", "and there is no such slot"},
       {"a chunk beyond its slot",
-       [](Store &s) { record_of(s, "b f").first_chunk = moved(record_of(s, "b f").first_chunk, 0, 0x1FFFF0); },
+       [](Store &s) { record_of(s, "b f").set_first_sealed(moved(record_of(s, "b f").first_sealed(), 0, 0x1FFFF0)); },
        "catalogue", "where no chunk in use begins"},
       {"an address inside a chunk",
-       [](Store &s) { record_of(s, "b f").first_chunk = moved(record_of(s, "b f").first_chunk, 0, 1); }, "catalogue",
+       [](Store &s) { record_of(s, "b f").set_open(moved(record_of(s, "b f").open(), 0, 1)); }, "catalogue",
        "where no chunk in use begins"},
-      {"a key outside of its pool", [](Store &s) { record_of(s, "a f").key.mslot_idx = 200; }, "catalogue",
-       "its key names slot 200"},
-      {"a key inside another", [](Store &s) { record_of(s, "a f").key.mchunk_idx += 1; }, "catalogue",
-       "where no chunk in use begins"},
-      {"one key for two series", [](Store &s) { record_of(s, "a f").key = record_of(s, "b f").key; }, "catalogue",
+      {"a key outside of its pool",
+       [](Store &s) {
+         maddr_t key = record_of(s, "a f").key();
+         key.mslot_idx = 200;
+         record_of(s, "a f").set_key(key);
+       },
+       "catalogue", "its key names slot 200"},
+      {"a key inside another",
+       [](Store &s) {
+         maddr_t key = record_of(s, "a f").key();
+         key.mchunk_idx += 1;
+         record_of(s, "a f").set_key(key);
+       },
+       "catalogue", "where no chunk in use begins"},
+      {"one key for two series", [](Store &s) { record_of(s, "a f").set_key(record_of(s, "b f").key()); }, "catalogue",
        "whose header names another reference"},
       {"a key without its end", [](Store &s) { key_text(s, "a f")[3] = 'x'; }, "catalogue",
        "its key does not end with a zero"},
       {"two series with one name", [](Store &s) { key_text(s, "a f")[0] = 'b'; }, "catalogue",
        "its key \"b f\" is another's too"},
       {"a ring of chunks",
-       [](Store &s) {
-         const SeriesRecord record = record_of(s, "b f");
-         PointChunk *const last = chunk_at(s, record.last_chunk);
-         last->next = record.first_chunk;
-         last->flags = CHUNK_HAS_NEXT;
-       },
-       "catalogue", "flags 0x01"},
-      {"a ring that the count allows",
-       [](Store &s) {
-         SeriesRecord &record = record_of(s, "b f");
-         PointChunk *const first = chunk_at(s, record.first_chunk);
-         first->next = record.first_chunk;
-       },
+       [](Store &s) { sealed_at(s, record_of(s, "b f").last_sealed())->next = record_of(s, "b f").first_sealed(); },
+       "catalogue", "sealed chunk 2 is the last and names another one"},
+      {"a ring that the count allows", [](Store &s) { first_of(s, "b f")->next = record_of(s, "b f").first_sealed(); },
        "catalogue", "which was referred to before"},
-      {"a chain that leads into another",
+      {"a chain that leads into another", [](Store &s) { first_of(s, "b f")->next = record_of(s, "a f").open(); },
+       "catalogue", "which was referred to before"},
+      {"a chain longer than its count", [](Store &s) { record_of(s, "b f").set_n_sealed(2); }, "catalogue",
+       "its last sealed chunk is not the end of its chain"},
+      {"a chain shorter than its count", [](Store &s) { record_of(s, "b f").set_n_sealed(4); }, "catalogue",
+       "sealed chunk 3 names slot 0, byte 0, "},
+      {"a series that lost its chunk",
        [](Store &s) {
-         SeriesRecord &record = record_of(s, "b f");
-         chunk_at(s, record.first_chunk)->next = record_of(s, "a f").last_chunk;
-       },
-       "catalogue", "series "},
-      {"a chain longer than its count", [](Store &s) { --record_of(s, "b f").n_chunks; }, "catalogue", "flags 0x01"},
-      {"a chain shorter than its count", [](Store &s) { ++record_of(s, "b f").n_chunks; }, "catalogue", "chunk "},
-      {"a series that lost its chunks",
-       [](Store &s) {
-         SeriesRecord &record = record_of(s, "c f");
-         record.n_chunks = 0;
-         record.n_points = 0;
+         const SeriesRecord record = record_of(s, "c f");
+         record.set_flags(SERIES_READY);
+         record.set_n_open(0);
+         record.set_n_points(0);
        },
        "points", "nothing refers to the chunk at byte "},
+      {"points of an open chunk that is not there", [](Store &s) { record_of(s, "b f").set_flags(SERIES_READY); },
+       "catalogue", "it has points and no open chunk"},
+      {"a flag of somebody else", [](Store &s) { record_of(s, "a f").set_flags(0x07); }, "catalogue", "flags 0x07"},
       {"an end of chain that is none",
-       [](Store &s) { record_of(s, "b f").last_chunk = record_of(s, "b f").first_chunk; }, "catalogue",
-       "its last chunk is not the end of its chain"},
-      {"a count of points", [](Store &s) { ++record_of(s, "a f").n_points; }, "catalogue", "its record counts "},
-      {"more points than fit", [](Store &s) { chunk_at(s, record_of(s, "c f").first_chunk)->count = 5; }, "catalogue",
-       "counts 5 points of 4"},
-      {"a chunk without points", [](Store &s) { chunk_at(s, record_of(s, "c f").first_chunk)->count = 0; }, "catalogue",
-       "counts 0 points of 4"},
-      {"a hole in a chain",
-       [](Store &s) {
-         --chunk_at(s, record_of(s, "b f").first_chunk)->count;
-         --record_of(s, "b f").n_points;
-       },
-       "catalogue", "counts 3 points of 4"},
-      {"a capacity beyond the chunk", [](Store &s) { chunk_at(s, record_of(s, "c f").first_chunk)->capacity = 64; },
-       "catalogue", "has not the size of its capacity"},
+       [](Store &s) { record_of(s, "b f").set_last_sealed(record_of(s, "b f").first_sealed()); }, "catalogue",
+       "its last sealed chunk is not the end of its chain"},
+      {"a count of points", [](Store &s) { record_of(s, "a f").set_n_points(1); }, "catalogue", "its record counts 1"},
+      {"more points than fit", [](Store &s) { record_of(s, "c f").set_n_open(9); }, "catalogue",
+       "counts 9 points of 8"},
+      {"a sealed chunk that was not full", [](Store &s) { first_of(s, "b f")->count = 127; }, "catalogue",
+       "sealed chunk 0 holds 127 points"},
+      {"a size of points beyond the chunk", [](Store &s) { first_of(s, "b f")->bytes += 8; }, "catalogue",
+       "has not the size of its points"},
+      {"bytes that no points have", [](Store &s) { std::memset(first_of(s, "b f") + 1, 0xFF, 40); }, "catalogue",
+       "sealed chunk 0 cannot be read"},
+      {"points of other times than the chunk claims", [](Store &s) { first_of(s, "b f")->oldest_ns = 90; }, "catalogue",
+       "sealed chunk 0 holds times from 100 to 107, not what it claims"},
       {"a length beyond the slot",
-       [](Store &s) { header_before(chunk_at(s, record_of(s, "b f").last_chunk))->mchunk_len = 60000; }, "points",
+       [](Store &s) { header_before(chunk_at(s, record_of(s, "b f").last_sealed()))->mchunk_len = 60000; }, "points",
        "goes beyond the bytes in use"},
       {"a deleted chunk that is referred to",
-       [](Store &s) { tslb_dynmem_del_mchunk(s.points(), record_of(s, "b f").first_chunk); }, "catalogue",
+       [](Store &s) { tslb_dynmem_del_mchunk(s.points(), record_of(s, "b f").first_sealed()); }, "catalogue",
        "where no chunk in use begins"},
       {"a count of deleted bytes", [](Store &s) { memory_slot(s.keys(), 0)->bytes_del += 8; }, "keys",
        "the slot counts "},
       {"a slot used beyond its size",
        [](Store &s) { memory_slot(s.points(), cursor_of(s.points()).mslot_idx)->bytes_used = 5000; }, "points",
-       "5000 bytes in use of 1048"},
+       "5000 bytes in use of 2400"},
       {"a cursor inside a chunk",
        [](Store &s) { memory_slot(s.points(), cursor_of(s.points()).mslot_idx)->bytes_used += 8; }, "points",
        "and the cursor stands at "},
       {"a chunk that names another place",
-       [](Store &s) { header_before(chunk_at(s, record_of(s, "c f").first_chunk))->srcaddr.tbl_idx += 1; }, "catalogue",
+       [](Store &s) { header_before(chunk_at(s, record_of(s, "c f").open()))->srcaddr.tbl_idx += 1; }, "catalogue",
        "whose header names another reference"},
       {"a free slot that claims a series",
        [](Store &s) {
          for (uint32_t i = 0; i < s.n_slots(); ++i)
-           if (!s.holds_series(i)) const_cast<SeriesRecord &>(s.record(i)).gatekeeper = SERIES_READY;
+           if (!s.holds_series(i)) s.record(i).set_flags(SERIES_READY);
        },
-       "catalogue", "gatekeeper 0x1 at status 1"},
-      {"a series with a free slot's mark", [](Store &s) { record_of(s, "a f").gatekeeper = 0xFFFFFFFF; }, "catalogue",
-       "gatekeeper 0xffffffff at status "},
-      {"a point behind data time",
+       "catalogue", "flags 0x01 at status 1"},
+      {"a free slot without its mark",
+       [](Store &s) {
+         for (uint32_t i = 0; i < s.n_slots(); ++i)
+           if (!s.holds_series(i)) s.record(i).set_key({});
+       },
+       "catalogue", "gatekeeper 0x0 in a free slot"},
+      {"a slot in use without a series", [](Store &s) { record_of(s, "a f").set_flags(0); }, "catalogue",
+       "flags 0x00 at status "},
+      {"a point behind the newest",
        [](Store &s) {
          const int64_t later = 1000;
-         std::memcpy(chunk_at(s, record_of(s, "c f").first_chunk) + 1, &later, sizeof later);
+         std::memcpy(chunk_at(s, record_of(s, "c f").open()), &later, sizeof later);
        },
-       "catalogue", "a point at 1000, behind data time 180"},
-      {"written in the future", [](Store &s) { record_of(s, "a f").written_at_ns = 1000; }, "catalogue",
+       "catalogue", "a point at 1000, behind its newest at 180"},
+      {"written in the future", [](Store &s) { record_of(s, "a f").set_written_at_ns(1000); }, "catalogue",
        "it was written behind data time"},
-      {"a word that nobody writes", [](Store &s) { record_of(s, "a f").reserved = 1; }, "catalogue", "reserved word 1"},
+      {"the newest in the future", [](Store &s) { record_of(s, "a f").set_newest_ns(1000); }, "catalogue",
+       "it was written behind data time"},
+      {"a word that nobody writes", [](Store &s) { record_of(s, "a f").at()[offsetof(ty_sub_t_v1, prev_id)] = 1; },
+       "catalogue", "bytes without a meaning are not zero"},
       {"a pool of another kind", [](Store &s) { header_of(s.keys())->flag |= MPOOL_FLAG_BV; }, "keys",
        "a pool with flags 0x11"},
       {"a pool with a limit", [](Store &s) { header_of(s.keys())->max_slots = 3; }, "keys",
        "a pool limited to 3 slots"},
       {"records of another version",
-       [](Store &s) { static_cast<DynHdr_t *>(tslb_da_get_dynhdr(s.catalogue()))->rec_version = 1; }, "catalogue",
-       "record version 1, which is not 0"},
+       [](Store &s) { static_cast<DynHdr_t *>(tslb_da_get_dynhdr(s.catalogue()))->rec_version = 0; }, "catalogue",
+       "record version 0, which is not 1"},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);

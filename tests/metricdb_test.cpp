@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <bit>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -187,10 +188,16 @@ std::vector<Point> points_of(const Store &store, uint32_t series) {
   return points;
 }
 
+// No two are alike in more than a few bits.
+double noise(uint64_t number) {
+  return std::bit_cast<double>((number * 0x9E3779B97F4A7C15u & 0x800FFFFFFFFFFFFFu) | (number % 1024 + 512) << 52);
+}
+
 TEST(Store, ChainsKeepEachSeriesInOrderAcrossChunks) {
-  // Chunks end behind 4, 20, 84, 148 points; slots of 3,000 bytes hold few chunks, so chains cross slots too.
-  static const uint64_t counts[] = {1, 3, 4, 5, 19, 20, 21, 83, 84, 85, 148, 149, 3000};
-  static const uint32_t n_chunks[] = {1, 1, 1, 2, 2, 2, 3, 3, 3, 4, 4, 5, 49};
+  // Open chunks grow behind 8 and 32 points and are sealed behind each 128; slots of 3,000 bytes hold few chunks, so
+  // chains cross slots too.
+  static const uint64_t counts[] = {1, 7, 8, 9, 31, 32, 33, 127, 128, 129, 256, 257, 3000};
+  static const uint32_t n_sealed[] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 2, 23};
   Store store({.key_slot_bytes = 3000, .point_slot_bytes = 3000});
   for (const uint64_t count : counts) store.series_of(fmt::format("m,n={} f", count));
   for (uint64_t i = 0; i < 3000; ++i)
@@ -199,8 +206,8 @@ TEST(Store, ChainsKeepEachSeriesInOrderAcrossChunks) {
 
   for (uint32_t series = 0; series < std::size(counts); ++series) {
     SCOPED_TRACE(counts[series]);
-    EXPECT_EQ(uint64_t{store.record(series).n_points}, counts[series]);
-    EXPECT_EQ(uint32_t{store.record(series).n_chunks}, n_chunks[series]);
+    EXPECT_EQ(store.record(series).n_points(), counts[series]);
+    EXPECT_EQ(store.record(series).n_sealed(), n_sealed[series]);
     const std::vector<Point> points = points_of(store, series);
     ASSERT_EQ(points.size(), counts[series]);
     for (uint64_t i = 0; i < points.size(); ++i) {
@@ -219,13 +226,13 @@ TEST(Store, KeysAreFoundAgainAndLeadBackToTheirRecords) {
     EXPECT_EQ(store.series_of(keys[i]), i);
     EXPECT_EQ(store.key(i), keys[i]);
     EXPECT_EQ(store.key(i).data()[keys[i].size()], '\0');
-    EXPECT_EQ(uint32_t{store.record(i).gatekeeper}, SERIES_READY);
+    EXPECT_EQ(store.record(i).flags(), SERIES_READY);
     EXPECT_TRUE(points_of(store, i).empty());
     compat_t header;
     std::memcpy(&header, store.key(i).data() - sizeof header, sizeof header);
     EXPECT_EQ(uint32_t{header.srcaddr.tbl_id}, store.catalogue()->tbl_id);
     EXPECT_EQ(uint32_t{header.srcaddr.tbl_idx}, i);
-    EXPECT_EQ(short{header.srcaddr.tbl_moff}, static_cast<short>(offsetof(SeriesRecord, key)));
+    EXPECT_EQ(short{header.srcaddr.tbl_moff}, static_cast<short>(KEY_REFERENCE));
   }
   EXPECT_THROW(store.series_of(longest + "k"), StoreFull);
   EXPECT_EQ(store.n_series(), std::size(keys));
@@ -233,25 +240,26 @@ TEST(Store, KeysAreFoundAgainAndLeadBackToTheirRecords) {
 
 // The library ends the process when a pool runs out of addresses: the store refuses ahead of that.
 TEST(Store, PointsAreRefusedWhenTheirPoolIsFull) {
-  // One chunk of 64 points to a slot; the two small ones share the first.
-  Store store({.key_slot_bytes = 1 << 10, .point_slot_bytes = 1048});
+  // A slot holds the open chunk of 128 points, or one sealed one of points that cannot be encoded in less; the first
+  // two of the open chunk's sizes share the first slot, and when they are gone it takes a sealed one too.
+  Store store({.key_slot_bytes = 1 << 10, .point_slot_bytes = 2064});
   const uint32_t series = store.series_of("m f");
-  constexpr uint64_t ROOM = 4 + 16 + 2039 * 64;
+  constexpr uint64_t ROOM = 2040 * SEALED_POINTS;
   testing::internal::CaptureStderr();  // the pool warns on its way
-  for (uint64_t i = 0; i < ROOM; ++i) store.append(series, {static_cast<int64_t>(i), 1.0 * i});
+  for (uint64_t i = 0; i < ROOM; ++i) store.append(series, {static_cast<int64_t>(i), noise(i)});
   testing::internal::GetCapturedStderr();
   for (int attempt = 0; attempt < 3; ++attempt) {
     try {
       store.append(series, {0, 0.0});
       FAIL() << "a point was taken beyond the last slot";
     } catch (const StoreFull &full) {
-      EXPECT_STREQ(full.what(), "no room for more points: all 2040 memory slots of 1048 bytes are full");
+      EXPECT_STREQ(full.what(), "no room for more points: all 2040 memory slots of 2064 bytes are full");
     }
   }
   const std::vector<Point> points = points_of(store, series);
   ASSERT_EQ(points.size(), ROOM);
-  EXPECT_EQ(points.back().value, 1.0 * (ROOM - 1));
-  EXPECT_EQ(uint64_t{store.record(series).n_points}, ROOM);
+  EXPECT_EQ(points.back().value, noise(ROOM - 1));
+  EXPECT_EQ(store.record(series).n_points(), ROOM);
   EXPECT_EQ(store.n_points(), ROOM);
 }
 
@@ -343,9 +351,9 @@ TEST(Check, FindsOneFlippedBitInAChunk) {
   std::string text;
   for (int i = 0; i < 500; ++i) text += fmt::format("m f={} {}\n", i, i);
   const Loaded loaded(text);
-  const SeriesRecord &record = loaded.store.record(0);
-  auto *const chunk = static_cast<char *>(tslb_dynmem_get_maddr2ptr(loaded.store.points(), record.last_chunk));
-  chunk[sizeof(PointChunk) + offsetof(Point, value)] ^= 1;
+  const SeriesRecord record = loaded.store.record(0);
+  auto *const open = static_cast<char *>(tslb_dynmem_get_maddr2ptr(loaded.store.points(), record.open()));
+  open[offsetof(Point, value)] ^= 1;
   Check check(loaded.store, Precision::ns, NOW_NS);
   check.compare(text);
   check.finish();
@@ -472,9 +480,9 @@ TEST(Report, SeriesTable) {
 
 TEST(Report, SummaryCountsEveryByte) {
   const Loaded loaded("m f=1 1\nm f=2 2\n");
-  // One record with two nodes of 8 bytes, one key chunk, one chunk of 4 points, three times the headers.
+  // One record with two nodes of 8 bytes, one key chunk, one chunk of 8 points, three times the headers.
   const uint64_t headers = (8 + 60 + 16) + 2 * (8 + 56 + 60 + 16);
-  EXPECT_EQ(loaded.store.bytes_in_use(), headers + (40 + 16) + (16 + 4) + (16 + 8 + 4 * 16));
+  EXPECT_EQ(loaded.store.bytes_in_use(), headers + (100 + 16) + (16 + 4) + (16 + 8 * 16));
   const std::string summary = load_summary(loaded.store, loaded.stats, {}, 0.5);
   EXPECT_NE(summary.find("\npoints per s     4 (0.500 s"), summary.npos) << summary;
   EXPECT_NE(summary.find(fmt::format("\nbytes per point  {:.2f} in use", loaded.store.bytes_in_use() / 2.0)),

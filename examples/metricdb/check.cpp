@@ -26,7 +26,7 @@ Check::Check(const Store &store, Precision precision, int64_t now_ns, int64_t re
     : ns_per_unit_(static_cast<int64_t>(precision)), now_ns_(now_ns), retain_ns_(retain_ns) {
   for (uint32_t index = 0; index < store.n_slots(); ++index) {
     if (!store.holds_series(index)) continue;
-    const bool fresh = series_.emplace(store.key(index), Series{{store, index}, store.record(index).n_points}).second;
+    const bool fresh = series_.emplace(store.key(index), Series{{store, index}, store.record(index).n_points()}).second;
     if (!fresh) differs(fmt::format("series \"{}\" is twice in the catalogue", store.key(index)));
   }
 }

@@ -16,14 +16,14 @@ constexpr std::string_view CHECKSUM = "crc32c ";
 constexpr size_t CHECKSUM_LINE_BYTES = CHECKSUM.size() + 8 + 1;
 constexpr int LARGEST_SLOT_BYTES = 1 << 24;  // what addresses reach
 
-// The lines with one figure each, in order: for the writer and for the reader, which needs the limits.
-template <class AnyManifest, class Field>
-void for_each_field(AnyManifest &manifest, Field field) {
+// What the store was told and what it keeps beside its arrays, a line each, in order: for the writer and for the reader,
+// which needs the limits.
+template <class Config, class State, class Field>
+void for_each_figure(Config &config, State &state, Field field) {
   constexpr int64_t LATEST = std::numeric_limits<int64_t>::max();
   constexpr uint64_t MOST = std::numeric_limits<uint64_t>::max();
-  auto &config = manifest.config;
-  auto &state = manifest.state;
   auto &forgotten = state.forgotten;
+  field("layout", config.layout, OLDEST_LAYOUT, NEWEST_LAYOUT);
   field("key_slot_bytes", config.key_slot_bytes, 1, LARGEST_SLOT_BYTES);
   field("point_slot_bytes", config.point_slot_bytes, 1, LARGEST_SLOT_BYTES);
   field("retain_ns", config.retain_ns, int64_t{0}, LATEST);
@@ -90,6 +90,19 @@ class Words {
   uint64_t next_line_ = 1;
 };
 
+void write_figures(const StoreConfig &config, const StoreState &state, std::string &text) {
+  for_each_figure(config, state, [&text](const char *name, auto value, auto, auto) {
+    fmt::format_to(std::back_inserter(text), "{} {}\n", name, +value);  // promoted: 8 bits are a number too
+  });
+}
+
+void read_figures(Words &words, StoreConfig &config, StoreState &state) {
+  for_each_figure(config, state, [&words](const char *name, auto &value, auto least, auto most) {
+    words.expect(name);
+    value = words.number(name, least, most);
+  });
+}
+
 StoredArray read_array(Words &words, const char *name) {
   StoredArray array;
   words.expect("array");
@@ -137,13 +150,23 @@ std::string_view expect_checksum(std::string_view text) {
 
 }  // namespace
 
+std::string figures_text(const StoreConfig &config, const StoreState &state) {
+  std::string text;
+  write_figures(config, state, text);
+  return text;
+}
+
+void read_figures(std::string_view text, StoreConfig &config, StoreState &state) {
+  Words words(text);
+  read_figures(words, config, state);
+  if (!words.at_end()) throw ManifestError("it goes on behind its last figure");
+}
+
 std::string manifest_text(const Manifest &manifest) {
   std::string text =
       fmt::format("{}{}\nstore {}\n", MAGIC, MANIFEST_VERSION, STORE_NAMES[static_cast<int>(manifest.kind)]);
+  write_figures(manifest.config, manifest.state, text);
   const auto out = std::back_inserter(text);
-  for_each_field(manifest, [&](const char *name, auto value, auto, auto) {
-    fmt::format_to(out, "{} {}\n", name, +value);  // promoted: 8 bits are a number too
-  });
   for (size_t i = 0; i < manifest.arrays.size(); ++i) {
     const StoredArray &array = manifest.arrays[i];
     fmt::format_to(out, "array {} table {} slots {} direct {} slot_bytes {} files {}\n", ARRAY_NAMES[i], array.table,
@@ -166,10 +189,7 @@ Manifest read_manifest(std::string_view text) {
   if (store != STORE_NAMES[0] && store != STORE_NAMES[1])
     words.fail(fmt::format("store \"{}\" is neither {} nor {}", store, STORE_NAMES[0], STORE_NAMES[1]));
   manifest.kind = store == STORE_NAMES[0] ? StoreKind::snapshot : StoreKind::shm;
-  for_each_field(manifest, [&words](const char *name, auto &value, auto least, auto most) {
-    words.expect(name);
-    value = words.number(name, least, most);
-  });
+  read_figures(words, manifest.config, manifest.state);
   for (size_t i = 0; i < manifest.arrays.size(); ++i) manifest.arrays[i] = read_array(words, ARRAY_NAMES[i]);
   if (!words.at_end()) throw ManifestError("it goes on behind its last array");
   if (manifest_text(manifest) != text) throw ManifestError("it is not written as this program writes it");

@@ -1,10 +1,10 @@
 // The manifest of one generation of a database: a text that says what lies beside it.
 //
-//   metricdb 1                          format version; all that follows is of that format
+//   metricdb 2                          format version; all that follows is of that format
 //   store snapshot                      or: store shm
-//   key_slot_bytes 1048576              what the store was told, and what it keeps beside its arrays, a line each
+//   layout 1                            what the store was told, and what it keeps beside its arrays, a line each
 //   ...
-//   array catalogue table 1 slots 162 direct 64 slot_bytes 56 files 1
+//   array catalogue table 1 slots 162 direct 64 slot_bytes 116 files 1
 //   file catalogue.stream bytes 9156 crc32c 1a2b3c4d
 //   ...                                 three arrays, each with its files
 //   crc32c 5e6f7a8b                     of everything above this line
@@ -22,7 +22,7 @@
 
 namespace metricdb {
 
-inline constexpr uint32_t MANIFEST_VERSION = 1;
+inline constexpr uint32_t MANIFEST_VERSION = 2;
 
 enum class StoreKind { snapshot, shm };  // streams of arrays, or block files
 inline constexpr const char *STORE_NAMES[] = {"snapshot", "shm"};
@@ -56,6 +56,11 @@ class ManifestError : public std::runtime_error {
 };
 
 std::string manifest_text(const Manifest &manifest);
+
+// The figures alone, lines as they stand in a manifest: what goes with each commit mark of a journal. Reading throws
+// ManifestError, and leaves the memory type of the configuration as it was.
+std::string figures_text(const StoreConfig &config, const StoreState &state);
+void read_figures(std::string_view text, StoreConfig &config, StoreState &state);
 
 // Throws ManifestError: one line about what is wrong, without a file's name.
 Manifest read_manifest(std::string_view text);

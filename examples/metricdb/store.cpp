@@ -16,24 +16,6 @@ constexpr int CATALOGUE_DIRECT_SLOTS = 64;
 constexpr int CATALOGUE_DIRECT_SLOTS_SHM = 1 << 14;
 constexpr int NO_DIRECT_SLOTS = 0;  // block 0 of a pool would hold its first memory slot before it is needed
 
-// Takes a chunk, and returns its data behind the compaction header. Refuses what would take one slot too many: a slot
-// that the current one has no room for comes from the free list, and is a fresh one only if that is empty.
-void *take_chunk(dynmem_t *pool, uint32_t most_slots, const char *what, int bytes, const srcaddr_t &referrer,
-                 maddr_t &address) {
-  const DynMemHdr_t *const hdr = header_of(pool);
-  const size_t total = static_cast<size_t>(bytes) + sizeof(compat_t);
-  if (total > hdr->mslot_sz)
-    throw StoreFull(fmt::format("{} bytes of {} do not fit a memory slot of {}", total, what, hdr->mslot_sz));
-  const MemSlotAddr_t cursor = cursor_of(pool);
-  const bool fits_current = cursor.mslot_idx != NO_SLOT && hdr->mslot_sz - cursor.byte_off >= total;
-  if (!fits_current && lists_of(pool)->n_free == 0 && tslb_da_get_size(pool) >= most_slots)
-    throw StoreFull(
-        fmt::format("no room for more {}: all {} memory slots of {} bytes are full", what, most_slots, hdr->mslot_sz));
-  char *const chunk = static_cast<char *>(tslb_dynmem_get_mchunk(pool, &address, bytes, referrer));
-  if (chunk == nullptr) throw StoreFull(fmt::format("the pool of {} refused {} bytes", what, bytes));
-  return chunk + sizeof(compat_t);
-}
-
 uint64_t block_bytes(DynArrHandle_t *array) {
   return static_cast<uint64_t>(tslb_dynmem_get_hdrsz(array)) +
          uint64_t{tslb_da_get_total_size(array)} * tslb_da_get_slotsz(array, nullptr);
@@ -67,15 +49,16 @@ tsdb_mem_pressure_config_t reuse_policy(uint8_t inactive_pct) {
 
 Store::Store(const StoreConfig &config)
     : config_(config),
-      catalogue_(tslb_da_init_ver(
-          sizeof(SeriesRecord), config.mem_type == MPOOL_TYPE_SHM ? CATALOGUE_DIRECT_SLOTS_SHM : CATALOGUE_DIRECT_SLOTS,
-          config.mem_type, CONTEXT, CATALOGUE_TABLE, TSLB_DA_DAFLAG_INLL, RECORD_VERSION)),
+      catalogue_(
+          tslb_da_init_ver(static_cast<int>(series_record_bytes(config.layout)),
+                           config.mem_type == MPOOL_TYPE_SHM ? CATALOGUE_DIRECT_SLOTS_SHM : CATALOGUE_DIRECT_SLOTS,
+                           config.mem_type, CONTEXT, CATALOGUE_TABLE, TSLB_DA_DAFLAG_INLL, config.layout)),
       keys_(tslb_init_dynmem_ex(config.key_slot_bytes, NO_DIRECT_SLOTS, MPOOL_FLAG_COMPAT,
                                 static_cast<unsigned char>(config.mem_type), 0, CONTEXT, KEYS_TABLE, TSLB_DA_DAFLAG_LL,
-                                RECORD_VERSION)),
+                                POOL_RECORD_VERSION)),
       points_(tslb_init_dynmem_ex(config.point_slot_bytes, NO_DIRECT_SLOTS, MPOOL_FLAG_COMPAT,
                                   static_cast<unsigned char>(config.mem_type), MPOOL_FLAG_BV, CONTEXT, POINTS_TABLE,
-                                  TSLB_DA_DAFLAG_LL, RECORD_VERSION)) {
+                                  TSLB_DA_DAFLAG_LL, POOL_RECORD_VERSION)) {
   if (!catalogue_ || !keys_ || !points_) throw std::bad_alloc();
   if (config.reuse_inactive_pct != 0) register_reuse_policy();
 }
@@ -107,26 +90,22 @@ PoolBytes Store::point_bytes() const {
   return bytes_of_pool(points_.get());
 }
 
-SeriesRecord *Store::slot(uint32_t series) const {
-  return static_cast<SeriesRecord *>(tslb_da_get_ptr(catalogue_.get(), series));
+SeriesRecord Store::slot(uint32_t series) const {
+  return {static_cast<char *>(tslb_da_get_ptr(catalogue_.get(), series)), config_.layout};
 }
 
-PointChunk *Store::chunk_at(const maddr_t &address) const {
-  return static_cast<PointChunk *>(tslb_dynmem_get_maddr2ptr(points_.get(), address));
-}
-
-const SeriesRecord &Store::record(uint32_t series) const {
-  return *slot(series);
+SeriesRecord Store::record(uint32_t series) const {
+  return slot(series);
 }
 
 // A slot that memory was refused for keeps its index.
 bool Store::holds_series(uint32_t slot_index) const {
-  const SeriesRecord *const record = slot(slot_index);
-  return record != nullptr && record->gatekeeper == SERIES_READY;
+  const SeriesRecord record = slot(slot_index);
+  return record && (record.flags() & SERIES_READY) != 0;
 }
 
 bool Store::is_inactive(uint32_t series) const {
-  return status_of(slot(series)) == TSLB_DA_SLOT_INACTIVE;
+  return status_of(slot(series).at()) == TSLB_DA_SLOT_INACTIVE;
 }
 
 uint32_t Store::n_inactive() const {
@@ -135,12 +114,17 @@ uint32_t Store::n_inactive() const {
 
 std::string_view Store::key_of(const SeriesRecord &record) const {
   uint32_t length;  // without the zero: the pool tells one less than the chunk holds
-  const void *const text = tslb_dynmem_get_maddr2ptr_ex(keys_.get(), record.key, &length);
+  const void *const text = tslb_dynmem_get_maddr2ptr_ex(keys_.get(), record.key(), &length);
   return {static_cast<const char *>(text), length};
 }
 
 std::string_view Store::key(uint32_t series) const {
   return key_of(record(series));
+}
+
+std::optional<uint32_t> Store::find(std::string_view key) const {
+  const auto known = series_by_key_.find(key);
+  return known == series_by_key_.end() ? std::nullopt : std::optional(known->second);
 }
 
 uint32_t Store::series_of(std::string_view key) {
@@ -152,70 +136,40 @@ uint32_t Store::add_series(std::string_view key) {
   if (key.size() > LONGEST_KEY) throw StoreFull("a series key is too long");
   // The slot first: its index goes into the key's chunk, and a series that gives way for it makes room for the key.
   uint32_t index;
-  SeriesRecord *const record = take_slot(index);
+  const SeriesRecord record = take_slot(index);
+  if (tails_.size() <= index) tails_.resize(index + 1);
+  tails_[index] = {.record = record};
+  change(index, tails_[index]);
   maddr_t address;
   char *text;
   try {
-    text = static_cast<char *>(take_chunk(keys_.get(), MOST_KEY_SLOTS, "series keys", static_cast<int>(key.size() + 1),
-                                          referrer_of(CATALOGUE_TABLE, index, offsetof(SeriesRecord, key)), address));
+    text = take_chunk(keys_.get(), key.size() + 1, referrer_of(CATALOGUE_TABLE, index, KEY_REFERENCE), address);
   } catch (const StoreFull &) {
     tslb_da_free_idx(catalogue_.get(), index);
     throw;
   }
   std::memcpy(text, key.data(), key.size());
   text[key.size()] = '\0';
-  record->key = address;
-  record->written_at_ns = data_time_ns_;
-  record->gatekeeper = SERIES_READY;
+  log_chunk(keys_.get(), address, text - sizeof(compat_t), sizeof(compat_t) + key.size() + 1);
+  record.set_key(address);
+  record.set_written_at_ns(data_time_ns_);
+  record.set_newest_ns(INT64_MIN);
+  record.set_flags(SERIES_READY);
   series_by_key_.emplace(std::string_view(text, key.size()), index);
   return index;
 }
 
-PointChunk *Store::add_chunk(uint32_t series) {
-  SeriesRecord &record = *slot(series);
-  PointChunk *const previous = record.n_chunks == 0 ? nullptr : chunk_at(record.last_chunk);
-  const uint8_t capacity = capacity_behind(previous);
-  const srcaddr_t referrer = previous == nullptr
-                                 ? referrer_of(CATALOGUE_TABLE, series, offsetof(SeriesRecord, first_chunk))
-                                 : referrer_of(POINTS_TABLE, bits_of(record.last_chunk), offsetof(PointChunk, next));
-  maddr_t address;
-  auto *const chunk = static_cast<PointChunk *>(
-      take_chunk(points_.get(), MOST_POINT_SLOTS, "points", bytes_of(capacity), referrer, address));
-  *chunk = {};
-  chunk->capacity = capacity;
-
-  if (previous == nullptr) {
-    record.first_chunk = address;
-  } else {
-    previous->next = address;
-    previous->flags |= CHUNK_HAS_NEXT;
-  }
-  record.last_chunk = address;
-  ++record.n_chunks;
-  return chunk;
-}
-
-void Store::append(uint32_t series, const Point &point) {
-  SeriesRecord &record = *slot(series);
-  PointChunk *chunk = record.n_chunks == 0 ? nullptr : chunk_at(record.last_chunk);
-  if (chunk == nullptr || chunk->count == chunk->capacity) chunk = add_chunk(series);
-  std::memcpy(point_at(chunk, chunk->count), &point, sizeof point);
-  ++chunk->count;
-  ++record.n_points;
-  ++n_points_;
-  data_time_ns_ = std::max(data_time_ns_, point.ts_ns);
-  record.written_at_ns = data_time_ns_;
-  if (status_of(&record) == TSLB_DA_SLOT_INACTIVE) tslb_da_activate_idx(catalogue_.get(), series);
-}
-
 void Store::add(std::string_view key, const Point &point) {
-  data_time_ns_ = std::max(data_time_ns_, point.ts_ns);
+  if (admit(point.ts_ns, 1)) append(series_of(key), point);
+}
+
+bool Store::admit(int64_t ts_ns, uint32_t n_points) {
+  data_time_ns_ = std::max(data_time_ns_, ts_ns);
   const bool forgets = config_.retain_ns != 0 || config_.idle_ns != 0;
-  if (forgets && ++n_since_sweep_ > std::max(config_.points_per_sweep, n_slots())) sweep();
-  if (point.ts_ns < visible_from_ns())
-    ++forgotten_.late_points;
-  else
-    append(series_of(key), point);
+  if (forgets && (n_since_sweep_ += n_points) > std::max(config_.points_per_sweep, n_slots())) sweep();
+  if (ts_ns >= visible_from_ns()) return true;
+  forgotten_.late_points += n_points;
+  return false;
 }
 
 uint64_t Store::n_visible() const {
@@ -239,31 +193,6 @@ uint64_t Store::bytes_in_use() const {
 
 uint64_t Store::bytes_reserved() const {
   return block_bytes(catalogue_.get()) + block_bytes(keys_.get()) + block_bytes(points_.get());
-}
-
-PointCursor::PointCursor(const Store &store, uint32_t series)
-    : pool_(store.points()), visible_from_ns_(store.visible_from_ns()) {
-  const SeriesRecord &record = store.record(series);
-  if (record.n_chunks != 0)
-    chunk_ = static_cast<const PointChunk *>(tslb_dynmem_get_maddr2ptr(pool_, record.first_chunk));
-}
-
-bool PointCursor::next(Point &point) {
-  while (chunk_ != nullptr) {
-    while (taken_ < chunk_->count) {
-      Point found;
-      std::memcpy(&found, point_at(chunk_, taken_++), sizeof found);
-      ++n_passed_;
-      if (found.ts_ns < visible_from_ns_) continue;
-      point = found;
-      return true;
-    }
-    chunk_ = (chunk_->flags & CHUNK_HAS_NEXT) == 0
-                 ? nullptr
-                 : static_cast<const PointChunk *>(tslb_dynmem_get_maddr2ptr(pool_, chunk_->next));
-    taken_ = 0;
-  }
-  return false;
 }
 
 }  // namespace metricdb

@@ -1,9 +1,11 @@
 // Series and their points in tslb's arrays, in process memory.
 //
-//   catalogue   slot array, one SeriesRecord per series; its index is the series' number.
+//   catalogue   slot array, one record per series (series_record.h); its index is the series' number.
 //   keys        big-buffer pool, one chunk per series: its key and a terminating zero.
-//   points      bit-vector pool; the points of a series lie in a chain of chunks, in order of arrival. The first chunk
-//               of a series holds 4 points, the next one 16, all others 64, so that a short series stays cheap.
+//   points      bit-vector pool. The newest points of a series lie as they are in its open chunk, which grows from 8
+//               over 32 to 128 points, so that a short series stays cheap. A full one of 128 is sealed: its points go
+//               encoded (point_codec.h) into a chunk of just the length they need, at the end of the series' chain of
+//               sealed chunks, and the open chunk is empty again. Order of arrival is kept throughout.
 //
 // No stored structure holds a pointer: chunks are named by their addresses, which are the same wherever the memory
 // lies. Address 0 is the first chunk of a pool, so "none" is told by a count or a flag beside it.
@@ -11,8 +13,8 @@
 // What a store forgets, if its configuration says so. Data time is the newest timestamp that came, of any series.
 //   retention   exactly the points with ts >= data time - retain_ns are visible; one that is older when it comes is not
 //               stored. A sweep deletes chunks from the front of each chain, up to the first that holds a visible
-//               point; what is older in the chunks that stay is hidden by its timestamp. A series without a chunk
-//               loses its key and its slot, and is a new one if it comes back.
+//               point; what is older in the chunks that stay is hidden by its timestamp. A series without a visible
+//               point loses its open chunk too, its key and its slot, and is a new one if it comes back.
 //   idleness    a sweep parks the series that were last written idle_ns of data time ago on the catalogue's inactive
 //               list, the one longest unwritten first. Nothing of theirs is hidden; the next write activates them.
 //   reuse       once enough slots of the catalogue are inactive, a new series takes the slot of the one that has been
@@ -23,6 +25,11 @@
 // A store can be put together again from its three arrays, which come from elsewhere, and the few figures that it keeps
 // beside them (StoreState). Nothing in them is trusted then: see store_audit.cpp.
 //
+// A store tells the redo log what it changes, from `begin_log` on: whoever applies those records to copies of the arrays
+// as they were then, up to the end of a `log_changes`, has the arrays as they are at that moment. Of what the arrays log
+// by themselves the rest is told at once where it is written once (keys, sealed chunks), and by `log_changes` where it
+// changes many times in between (records, open chunks, counters, headers).
+//
 // Threads: one. A store belongs to the thread that uses it.
 #pragma once
 
@@ -31,51 +38,36 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <vector>
 
 #include "point.h"
+#include "point_codec.h"
+#include "series_record.h"
 
 namespace metricdb {
 
-// Catalogue record of a series.
-struct TSLB_UNALIGNED SeriesRecord {
-  uint32_t gatekeeper;  // SERIES_READY in the slot of a series; all ones, the array's word, in a free one
-  maddr_t key;
-  maddr_t first_chunk;  // these two count for nothing while n_chunks is 0
-  maddr_t last_chunk;
-  uint32_t n_chunks;
-  uint32_t reserved;      // 0
-  uint64_t n_points;      // in its chunks, hidden ones included
-  int64_t written_at_ns;  // data time of the last write
-};
-TSLB_STORED_SIZE(SeriesRecord, 40);
-TSLB_STORED_AT(SeriesRecord, gatekeeper, 0);
-TSLB_STORED_AT(SeriesRecord, key, 4);
-TSLB_STORED_AT(SeriesRecord, first_chunk, 8);
-TSLB_STORED_AT(SeriesRecord, last_chunk, 12);
-TSLB_STORED_AT(SeriesRecord, n_chunks, 16);
-TSLB_STORED_AT(SeriesRecord, n_points, 24);
-TSLB_STORED_AT(SeriesRecord, written_at_ns, 32);
+inline constexpr size_t SEALED_POINTS = 128;  // of a sealed chunk, and the most of an open one
 
-inline constexpr uint32_t SERIES_READY = 1;
-
-// Head of a chunk of points, behind the pool's compaction header; `capacity` points follow it.
-struct TSLB_UNALIGNED PointChunk {
-  maddr_t next;  // counts only with CHUNK_HAS_NEXT
+// Head of a sealed chunk, behind the pool's compaction header. `bytes` of encoded points follow, and zeros up to a
+// multiple of 8.
+struct TSLB_UNALIGNED SealedChunk {
+  maddr_t next;  // of the chain's last one: 0
   uint16_t count;
-  uint8_t capacity;
-  uint8_t flags;
+  uint16_t bytes;
+  int64_t oldest_ns;  // the least and the greatest timestamp in it
+  int64_t newest_ns;
 };
-TSLB_STORED_SIZE(PointChunk, 8);
-TSLB_STORED_AT(PointChunk, next, 0);
-TSLB_STORED_AT(PointChunk, count, 4);
-TSLB_STORED_AT(PointChunk, capacity, 6);
-TSLB_STORED_AT(PointChunk, flags, 7);
-
-inline constexpr uint8_t CHUNK_HAS_NEXT = 0x01;
+TSLB_STORED_SIZE(SealedChunk, 24);
+TSLB_STORED_AT(SealedChunk, next, 0);
+TSLB_STORED_AT(SealedChunk, count, 4);
+TSLB_STORED_AT(SealedChunk, bytes, 6);
+TSLB_STORED_AT(SealedChunk, oldest_ns, 8);
+TSLB_STORED_AT(SealedChunk, newest_ns, 16);
 
 // A pool has no room for what was asked; what the store held before, it still holds.
 class StoreFull : public std::runtime_error {
@@ -115,6 +107,9 @@ struct StoreConfig {
   // sweeping costs each point the same.
   uint32_t points_per_sweep = 65'536;
 
+  // Version of the catalogue's records, OLDEST_LAYOUT to NEWEST_LAYOUT.
+  uint8_t layout = NEWEST_LAYOUT;
+
   // MPOOL_TYPE_SHM keeps the arrays in block files under the library's base path, which must exist. A disk without room
   // ends the process then, at the write that finds none.
   char mem_type = MPOOL_TYPE_DRAM;
@@ -124,7 +119,7 @@ struct StoreConfig {
 struct Forgotten {
   uint64_t late_points = 0;    // not stored: too old when they came
   uint64_t points = 0;         // in chunks that were deleted
-  uint64_t chunks = 0;         // of points
+  uint64_t chunks = 0;         // of points, open and sealed
   uint64_t series_aged = 0;    // gone with the last of their chunks
   uint64_t series_reused = 0;  // gone because a new one took their slot
   uint64_t key_slots = 0;      // memory slots that went to their pool's free list
@@ -186,19 +181,32 @@ class Store {
   // Changes what is forgotten from here on. What was forgotten stays so.
   void forget_by(int64_t retain_ns, int64_t idle_ns, uint8_t reuse_inactive_pct);
 
-  // Takes a point as it comes: moves data time on, sweeps if it is time to, and stores the point unless it is too old.
-  // Throws StoreFull; data time has moved then.
+  // Takes a point as it comes. Throws StoreFull; data time has moved then.
   void add(std::string_view key, const Point &point);
 
-  // Number of the series with this key, made if there is none yet. It holds until the next sweep or new series. Throws
+  // Takes the time of points that come: moves data time on, and sweeps if it is time to. False: they are too old, and
+  // were counted as late. True: `append` stores each.
+  bool admit(int64_t ts_ns, uint32_t n_points);
+
+  // Number of the series with this key, made if there is none yet. It holds until a series is forgotten. Throws
   // StoreFull.
   uint32_t series_of(std::string_view key);
+
+  // The same, or none.
+  std::optional<uint32_t> find(std::string_view key) const;
+
+  // Series that were forgotten so far. While this stays, numbers of series hold.
+  uint64_t n_forgotten_series() const { return forgotten_.series_aged + forgotten_.series_reused; }
 
   // Adds a point behind all others of the series. Throws StoreFull.
   void append(uint32_t series, const Point &point);
 
   // Forgets what it is time to forget, and gives emptied memory slots back.
   Sweep sweep();
+
+  // Both: see above. Without a redo log they cost nothing.
+  void begin_log();
+  void log_changes();
 
   // Series are the slots below n_slots for which holds_series is true. Inactive ones are among them.
   uint32_t n_slots() const { return tslb_da_get_size(catalogue_.get()); }
@@ -213,8 +221,8 @@ class Store {
   const StoreConfig &config() const { return config_; }
   const Forgotten &forgotten() const { return forgotten_; }
 
-  // Both read the arrays, not what this class keeps beside them. The text lives as long as the series.
-  const SeriesRecord &record(uint32_t series) const;
+  // Both read the arrays, not what this class keeps beside them. They last as long as the series.
+  SeriesRecord record(uint32_t series) const;
   std::string_view key(uint32_t series) const;
 
   // Bytes of the catalogue and both pools, headers and list nodes included.
@@ -229,46 +237,95 @@ class Store {
   dynmem_t *points() const { return points_.get(); }
 
  private:
-  SeriesRecord *slot(uint32_t series) const;
-  uint32_t add_series(std::string_view key);
-  SeriesRecord *take_slot(uint32_t &index);
-  std::string_view key_of(const SeriesRecord &record) const;
-  PointChunk *chunk_at(const maddr_t &address) const;
-  PointChunk *add_chunk(uint32_t series);
+  // What is at hand of a series when a point comes. Records and chunks never move, so these stay true.
+  struct Tail {
+    SeriesRecord record;
+    char *open = nullptr;  // the points of its open chunk
+    uint32_t n_open = 0;
+    uint32_t capacity = 0;
+    uint32_t n_logged = 0;    // points of the open chunk that the redo log knows
+    bool is_changed = false;  // and is among changed_series_
+  };
 
-  bool is_all_hidden(const PointChunk *chunk) const;
-  void drop_first_chunk(uint32_t series, SeriesRecord &record);
-  void forget_content(uint32_t series, SeriesRecord &record);
-  void park_idle_series();
+  // Slots of a pool whose counters have changed, each at least once.
+  using ChangedSlots = std::vector<uint32_t>;
 
   void register_reuse_policy();
+
+  // Series.
+  SeriesRecord slot(uint32_t series) const;
+  uint32_t add_series(std::string_view key);
+  SeriesRecord take_slot(uint32_t &index);
+  std::string_view key_of(const SeriesRecord &record) const;
+  Tail tail_of(const SeriesRecord &record) const;
+
+  // Chunks. An address names the chunk's data, behind its compaction header.
+  char *take_chunk(dynmem_t *pool, size_t bytes, const srcaddr_t &referrer, maddr_t &address);
+  uint32_t delete_chunk(dynmem_t *pool, const maddr_t &address);
+  SealedChunk *sealed_at(const maddr_t &address) const;
+  void make_room(uint32_t series, Tail &tail);
+  void grow_open(uint32_t series, Tail &tail);
+  void seal_open(uint32_t series, Tail &tail);
+
+  // Forgetting.
+  bool are_all_hidden(const char *points, uint32_t count) const;
+  void drop_first_sealed(uint32_t series, const SeriesRecord &record);
+  void forget_content(uint32_t series, const SeriesRecord &record);
+  bool forget_old(uint32_t series);
+  void park_idle_series();
+
+  // The redo log.
+  ChangedSlots &changed_slots(dynmem_t *pool) { return pool == keys_.get() ? changed_keys_ : changed_points_; }
+  void change(uint32_t series, Tail &tail);
+  void log_chunk(dynmem_t *pool, const maddr_t &address, const char *from, size_t bytes);
+  void log_pool(dynmem_t *pool);
+  void log_series(uint32_t series, Tail &tail);
 
   StoreConfig config_;
   Array catalogue_;
   Array keys_;
   Array points_;
   std::unordered_map<std::string_view, uint32_t> series_by_key_;  // keys lie in the pool
+  std::vector<Tail> tails_;                                       // by series
   uint64_t n_points_ = 0;
   int64_t data_time_ns_ = INT64_MIN;
   uint64_t n_since_sweep_ = 0;
   Forgotten forgotten_;
+
+  bool logs_ = false;
+  std::vector<uint32_t> changed_series_;
+  bool is_catalogue_changed_ = false;  // its headers, in what the array does not log
+  ChangedSlots changed_keys_;
+  ChangedSlots changed_points_;
 };
 
-// Walks the visible points of one series in order of arrival. Points added meanwhile may be seen or not; a sweep or a
-// new series ends the walk.
+// Timestamps, both limits included.
+struct TimeRange {
+  int64_t from_ns = INT64_MIN;
+  int64_t to_ns = INT64_MAX;
+};
+
+// Walks the visible points of one series in a range of time, in order of arrival. Points added meanwhile may be seen or
+// not; a sweep or a new series ends the walk.
 class PointCursor {
  public:
-  PointCursor(const Store &store, uint32_t series);
+  PointCursor(const Store &store, uint32_t series, const TimeRange &range = {});
   bool next(Point &point);
 
-  // Points walked over so far, hidden ones included.
+  // Points walked over so far, those in chunks that were skipped as a whole included.
   uint64_t n_passed() const { return n_passed_; }
 
  private:
-  dynmem_t *pool_;
-  const int64_t visible_from_ns_;
-  const PointChunk *chunk_ = nullptr;  // null: no point is left
-  uint16_t taken_ = 0;                 // points of that chunk
+  bool next_of_any(Point &point);
+  bool enter_sealed();
+
+  dynmem_t *const pool_;
+  const SeriesRecord record_;
+  TimeRange range_;
+  uint32_t n_sealed_left_;
+  maddr_t next_sealed_;
+  SealedPoints sealed_;
+  uint32_t n_open_taken_ = 0;
   uint64_t n_passed_ = 0;
 };
 

@@ -9,6 +9,8 @@
 //   references  each address of a series names the beginning of a chunk that is not deleted, of a size that fits, whose
 //               header names that very reference. Each chunk is referred to once: so no chain runs in a ring or meets
 //               another one, and no chunk is lost.
+//   points      an open chunk counts no more than it has room for; a sealed one holds just the points and the span of
+//               time that it claims, in bytes that say nothing else.
 //   figures     counts of chunks and points, keys without a double, no time beyond data time.
 #include <fmt/format.h>
 
@@ -24,27 +26,15 @@ namespace {
 
 using Where = StoreDamaged::Where;
 
-struct Place {
-  uint32_t slot;
-  uint32_t offset;
-};
-
-Place place_of(const maddr_t &address, bool is_bit_vector) {
-  if (!is_bit_vector) return {address.mslot_idx, address.mchunk_idx};
-  maddrBV_t bits;
-  std::memcpy(&bits, &address, sizeof bits);
-  return {bits.mslotgroup_idx * 256u + bits.mslot_idx, bits.mchunk_idx * 8u};
-}
-
-void expect_shape(Where where, DynArrHandle_t *array, uint8_t daflag, uint16_t user_header_bytes,
-                  uint32_t record_bytes) {
+void expect_shape(Where where, DynArrHandle_t *array, uint8_t daflag, uint8_t record_version,
+                  uint16_t user_header_bytes, uint32_t record_bytes) {
   const auto expect = [where](const char *what, uint32_t found, uint32_t expected) {
     if (found != expected)
       throw StoreDamaged(where, StoreDamaged::NO_SLOT, fmt::format("{} {}, which is not {}", what, found, expected));
   };
   DynHdr_t header;
   std::memcpy(&header, tslb_da_get_dynhdr(array), sizeof header);
-  expect("record version", header.rec_version, RECORD_VERSION);
+  expect("record version", header.rec_version, record_version);
   expect("list flags", array->daflag, daflag);
   expect("bytes of user header", header.hdr_size, user_header_bytes);
   expect("bytes of a record", tslb_da_get_record_size(array), record_bytes);
@@ -54,9 +44,9 @@ void expect_shape(Where where, DynArrHandle_t *array, uint8_t daflag, uint16_t u
 class ChunkMap {
  public:
   ChunkMap(dynmem_t *pool, Where where, uint8_t kind_flag, uint32_t most_slots, int wanted_slot_bytes)
-      : pool_(pool), where_(where), is_bit_vector_(kind_flag != 0) {
+      : pool_(pool), where_(where) {
     const uint32_t slot_bytes = (static_cast<uint32_t>(wanted_slot_bytes) + 3) / 4 * 4;
-    expect_shape(where, pool, TSLB_DA_DAFLAG_LL, sizeof(DynMemHdr_t),
+    expect_shape(where, pool, TSLB_DA_DAFLAG_LL, POOL_RECORD_VERSION, sizeof(DynMemHdr_t),
                  slot_bytes + static_cast<uint32_t>(sizeof(MemSlot_t)));
     const DynMemHdr_t *const header = header_of(pool);
     // Whether growth is logged follows from where the memory lies, and that can have changed.
@@ -74,7 +64,7 @@ class ChunkMap {
   // The data of the chunk at this address, and its length in bytes. `from` says who refers to it.
   template <class Fail>
   char *claim(const maddr_t &address, const srcaddr_t &from, uint32_t &bytes, Fail fail_reference) {
-    const Place place = place_of(address, is_bit_vector_);
+    const ChunkPlace place = place_of(pool_, address);
     const auto refuse = [&](const char *why) {
       fail_reference(fmt::format("names slot {}, byte {}, {}", place.slot, place.offset, why));
     };
@@ -145,59 +135,31 @@ class ChunkMap {
 
   dynmem_t *const pool_;
   const Where where_;
-  const bool is_bit_vector_;
   std::vector<Slot> slots_;
 };
 
 // One series: what its record refers to.
 class SeriesAudit {
  public:
-  SeriesAudit(uint32_t series, const SeriesRecord &record, int64_t data_time_ns)
-      : series_(series), record_(record), data_time_ns_(data_time_ns) {}
+  SeriesAudit(uint32_t series, const SeriesRecord &record, int64_t data_time_ns) : series_(series), record_(record) {
+    if (!record.is_clean()) fail("bytes without a meaning are not zero");
+    if (record.written_at_ns() > data_time_ns || record.newest_ns() > data_time_ns)
+      fail("it was written behind data time");
+  }
 
   std::string_view take_key(ChunkMap &keys) const {
     uint32_t bytes;
-    const char *const text = keys.claim(record_.key, referrer_of(CATALOGUE_TABLE, series_, offsetof(SeriesRecord, key)),
-                                        bytes, [this](const std::string &what) { fail("its key " + what); });
+    const char *const text = keys.claim(record_.key(), referrer_of(CATALOGUE_TABLE, series_, KEY_REFERENCE), bytes,
+                                        [this](const std::string &what) { fail("its key " + what); });
     if (bytes == 0 || text[bytes - 1] != '\0') fail("its key does not end with a zero");
     return {text, bytes - 1};
   }
 
-  void take_points(ChunkMap &points) const {
-    if (record_.reserved != 0) fail(fmt::format("reserved word {}", uint32_t{record_.reserved}));
-    if (record_.written_at_ns > data_time_ns_) fail("it was written behind data time");
-    maddr_t address = record_.first_chunk;
-    srcaddr_t from = referrer_of(CATALOGUE_TABLE, series_, offsetof(SeriesRecord, first_chunk));
-    const PointChunk *previous = nullptr;
-    uint64_t n_points = 0;
-    // The claims bound it: a chunk is taken once.
-    for (uint32_t number = 0; number < record_.n_chunks; ++number) {
-      const auto fail_chunk = [this, number](const std::string &what) {
-        fail(fmt::format("chunk {} {}", number, what));
-      };
-      uint32_t bytes;
-      const auto *const chunk = reinterpret_cast<const PointChunk *>(points.claim(address, from, bytes, fail_chunk));
-      const bool is_last = number + 1 == record_.n_chunks;
-      if (bytes < sizeof(PointChunk) || bytes != static_cast<uint32_t>(bytes_of(chunk->capacity)))
-        fail_chunk(fmt::format("of {} bytes has not the size of its capacity", bytes));
-      const bool fits_chain = previous == nullptr
-                                  ? chunk->capacity == 4 || chunk->capacity == 16 || chunk->capacity == 64
-                                  : chunk->capacity == capacity_behind(previous);
-      if (!fits_chain) fail_chunk(fmt::format("has a capacity of {} points", chunk->capacity));
-      if (chunk->count == 0 || chunk->count > chunk->capacity || (!is_last && chunk->count != chunk->capacity))
-        fail_chunk(fmt::format("counts {} points of {}", uint16_t{chunk->count}, chunk->capacity));
-      if (chunk->flags != (is_last ? 0 : CHUNK_HAS_NEXT))
-        fail_chunk(fmt::format("of {} has flags 0x{:02x}", uint32_t{record_.n_chunks}, chunk->flags));
-      expect_times(*chunk);
-      n_points += chunk->count;
-      if (is_last && bits_of(address) != bits_of(record_.last_chunk))
-        fail("its last chunk is not the end of its chain");
-      from = referrer_of(POINTS_TABLE, bits_of(address), offsetof(PointChunk, next));
-      address = chunk->next;
-      previous = chunk;
-    }
-    if (n_points != record_.n_points)
-      fail(fmt::format("its chunks hold {} points, its record counts {}", n_points, uint64_t{record_.n_points}));
+  void take_points(ChunkMap &points) {
+    take_sealed(points);
+    take_open(points);
+    if (n_points_ != record_.n_points())
+      fail(fmt::format("its chunks hold {} points, its record counts {}", n_points_, record_.n_points()));
   }
 
  private:
@@ -205,33 +167,89 @@ class SeriesAudit {
     throw StoreDamaged(Where::catalogue, series_, fmt::format("series {}: {}", series_, what));
   }
 
-  void expect_times(const PointChunk &chunk) const {
-    for (size_t index = 0; index < chunk.count; ++index) {
-      Point point;
-      std::memcpy(&point, point_at(&chunk, index), sizeof point);
-      if (point.ts_ns > data_time_ns_)
-        fail(fmt::format("a point at {}, behind data time {}", point.ts_ns, data_time_ns_));
+  // The claims bound it: a chunk is taken once.
+  void take_sealed(ChunkMap &points) {
+    maddr_t address = record_.first_sealed();
+    srcaddr_t from = referrer_of(CATALOGUE_TABLE, series_, FIRST_SEALED_REFERENCE);
+    for (uint32_t number = 0; number < record_.n_sealed(); ++number) {
+      const auto fail_chunk = [this, number](const std::string &what) {
+        fail(fmt::format("sealed chunk {} {}", number, what));
+      };
+      uint32_t bytes;
+      const auto *const chunk = reinterpret_cast<const SealedChunk *>(points.claim(address, from, bytes, fail_chunk));
+      if (bytes < sizeof(SealedChunk) || bytes != sizeof(SealedChunk) + padded(chunk->bytes))
+        fail_chunk(fmt::format("of {} bytes has not the size of its points", bytes));
+      if (chunk->count != SEALED_POINTS) fail_chunk(fmt::format("holds {} points", uint16_t{chunk->count}));
+      const bool is_last = number + 1 == record_.n_sealed();
+      if (is_last && bits_of(address) != bits_of(record_.last_sealed()))
+        fail("its last sealed chunk is not the end of its chain");
+      if (is_last && bits_of(chunk->next) != 0) fail_chunk("is the last and names another one");
+      expect_points(*chunk, fail_chunk);
+      n_points_ += chunk->count;
+      from = referrer_of(POINTS_TABLE, bits_of(address), offsetof(SealedChunk, next));
+      address = chunk->next;
     }
+  }
+
+  void take_open(ChunkMap &points) {
+    const uint8_t flags = record_.flags();
+    if (flags != SERIES_READY && flags != (SERIES_READY | SERIES_HAS_OPEN)) fail(fmt::format("flags 0x{:02x}", flags));
+    if (flags == SERIES_READY && record_.n_open() + record_.n_sealed() != 0) fail("it has points and no open chunk");
+    if (flags == SERIES_READY) return;
+    const auto fail_chunk = [this](const std::string &what) { fail("its open chunk " + what); };
+    uint32_t bytes;
+    const char *const chunk =
+        points.claim(record_.open(), referrer_of(CATALOGUE_TABLE, series_, OPEN_REFERENCE), bytes, fail_chunk);
+    uint32_t capacity = FIRST_CAPACITY;
+    while (capacity < SEALED_POINTS && capacity * sizeof(Point) != bytes) capacity *= CAPACITY_STEP;
+    if (capacity * sizeof(Point) != bytes) fail_chunk(fmt::format("of {} bytes has not the size of one", bytes));
+    if (record_.n_open() > capacity) fail_chunk(fmt::format("counts {} points of {}", record_.n_open(), capacity));
+    for (uint32_t index = 0; index < record_.n_open(); ++index) expect_time(point_at(chunk, index).ts_ns);
+    n_points_ += record_.n_open();
+  }
+
+  template <class Fail>
+  void expect_points(const SealedChunk &chunk, Fail fail_chunk) const {
+    SealedPoints points(bytes_of(&chunk), chunk.bytes, chunk.count);
+    int64_t oldest_ns = INT64_MAX;
+    int64_t newest_ns = INT64_MIN;
+    for (Point point; points.next(point);) {
+      oldest_ns = std::min(oldest_ns, point.ts_ns);
+      newest_ns = std::max(newest_ns, point.ts_ns);
+    }
+    const char *const end = bytes_of(&chunk) + chunk.bytes;
+    const bool is_padded =
+        std::all_of(end, bytes_of(&chunk) + padded(chunk.bytes), [](char byte) { return byte == '\0'; });
+    if (!points.is_whole() || !is_padded) fail_chunk("cannot be read");
+    if (oldest_ns != chunk.oldest_ns || newest_ns != chunk.newest_ns)
+      fail_chunk(fmt::format("holds times from {} to {}, not what it claims", oldest_ns, newest_ns));
+    expect_time(newest_ns);
+  }
+
+  void expect_time(int64_t ts_ns) const {
+    if (ts_ns > record_.newest_ns())
+      fail(fmt::format("a point at {}, behind its newest at {}", ts_ns, record_.newest_ns()));
   }
 
   const uint32_t series_;
   const SeriesRecord record_;
-  const int64_t data_time_ns_;
+  uint64_t n_points_ = 0;
 };
 
 // Whether there is a series; status and gatekeeper word must say the same.
-bool is_series(const SeriesRecord *record, uint32_t index) {
+bool is_series(const SeriesRecord &record, uint32_t index) {
   const auto fail = [index](const std::string &what) {
     throw StoreDamaged(Where::catalogue, index, fmt::format("slot {}: {}", index, what));
   };
-  if (record == nullptr) fail("is missing");
-  const uint32_t status = status_of(record);
+  if (!record) fail("is missing");
+  const uint32_t status = status_of(record.at());
   const bool is_taken = status == TSLB_DA_SLOT_ACTIVE || status == TSLB_DA_SLOT_INACTIVE;
   // One whose memory was refused has no status, and was never written.
   if (!is_taken && status != TSLB_DA_SLOT_FREE && status != TSLB_DA_SLOT_UNSET) fail(fmt::format("status {}", status));
-  const uint32_t expected = is_taken ? SERIES_READY : status == TSLB_DA_SLOT_FREE ? 0xFFFFFFFFu : 0;
-  const uint32_t gatekeeper = record->gatekeeper;
-  if (gatekeeper != expected) fail(fmt::format("gatekeeper 0x{:x} at status {}", gatekeeper, status));
+  const bool is_ready = (record.flags() & SERIES_READY) != 0;
+  if (is_ready != is_taken) fail(fmt::format("flags 0x{:02x} at status {}", record.flags(), status));
+  if (status == TSLB_DA_SLOT_FREE && record.gatekeeper() != FREE_GATEKEEPER)
+    fail(fmt::format("gatekeeper 0x{:x} in a free slot", record.gatekeeper()));
   return is_taken;
 }
 
@@ -245,19 +263,22 @@ Store::Store(const StoreConfig &config, StoreArrays arrays, const StoreState &st
       data_time_ns_(state.data_time_ns),
       n_since_sweep_(state.n_since_sweep),
       forgotten_(state.forgotten) {
-  expect_shape(Where::catalogue, catalogue_.get(), TSLB_DA_DAFLAG_INLL, 0, sizeof(SeriesRecord));
+  expect_shape(Where::catalogue, catalogue_.get(), TSLB_DA_DAFLAG_INLL, config.layout, 0,
+               static_cast<uint32_t>(series_record_bytes(config.layout)));
   ChunkMap keys(keys_.get(), Where::keys, 0, MOST_KEY_SLOTS, config.key_slot_bytes);
   ChunkMap points(points_.get(), Where::points, MPOOL_FLAG_BV, MOST_POINT_SLOTS, config.point_slot_bytes);
+  tails_.resize(n_slots());
   for (uint32_t index = 0; index < n_slots(); ++index) {
-    const SeriesRecord *const record = slot(index);
+    const SeriesRecord record = slot(index);
     if (!is_series(record, index)) continue;
-    const SeriesAudit audit(index, *record, data_time_ns_);
+    SeriesAudit audit(index, record, data_time_ns_);
     const std::string_view key = audit.take_key(keys);
     if (!series_by_key_.emplace(key, index).second)
       throw StoreDamaged(Where::catalogue, index,
                          fmt::format("series {}: its key \"{}\" is another's too", index, key));
     audit.take_points(points);
-    n_points_ += record->n_points;
+    n_points_ += record.n_points();
+    tails_[index] = tail_of(record);
   }
   keys.expect_all_claimed();
   points.expect_all_claimed();

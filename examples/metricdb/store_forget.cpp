@@ -12,13 +12,6 @@
 namespace metricdb {
 namespace {
 
-// Returns the number of memory slots that went to the free list with the chunk.
-uint32_t delete_chunk(dynmem_t *pool, const maddr_t &address) {
-  const uint32_t free_before = lists_of(pool)->n_free;
-  tslb_dynmem_del_mchunk(pool, address);
-  return lists_of(pool)->n_free - free_before;
-}
-
 // Deletion gives back what it empties, but not a slot that is current then: that one waits for this.
 void sweep_pool(dynmem_t *pool, PoolSweep &found, uint64_t &slots_freed) {
   const uint32_t free_before = lists_of(pool)->n_free;
@@ -34,52 +27,76 @@ int64_t Store::visible_from_ns() const {
   return config_.retain_ns == 0 || reaches_back_to_all ? INT64_MIN : data_time_ns_ - config_.retain_ns;
 }
 
-// From the newest arrival on: of a chunk that stays it is nearly always visible.
-bool Store::is_all_hidden(const PointChunk *chunk) const {
+// From the newest arrival on: it is nearly always visible.
+bool Store::are_all_hidden(const char *points, uint32_t count) const {
   const int64_t limit = visible_from_ns();
-  for (size_t index = chunk->count; index > 0; --index) {
-    Point point;
-    std::memcpy(&point, point_at(chunk, index - 1), sizeof point);
-    if (point.ts_ns >= limit) return false;
-  }
+  for (uint32_t index = count; index > 0; --index)
+    if (point_at(points, index - 1).ts_ns >= limit) return false;
   return true;
 }
 
-void Store::drop_first_chunk(uint32_t series, SeriesRecord &record) {
+void Store::drop_first_sealed(uint32_t series, const SeriesRecord &record) {
   // Copied: a chunk's slot can be on the free list once it is deleted.
-  const PointChunk head = *chunk_at(record.first_chunk);
-  forgotten_.point_slots += delete_chunk(points_.get(), record.first_chunk);
+  const SealedChunk head = *sealed_at(record.first_sealed());
+  forgotten_.point_slots += delete_chunk(points_.get(), record.first_sealed());
   ++forgotten_.chunks;
   forgotten_.points += head.count;
   n_points_ -= head.count;
-  record.n_points -= head.count;
-  --record.n_chunks;
-  if ((head.flags & CHUNK_HAS_NEXT) == 0) return;
-  record.first_chunk = head.next;
-  auto *const compat = reinterpret_cast<compat_t *>(chunk_at(head.next)) - 1;
-  compat->srcaddr = referrer_of(CATALOGUE_TABLE, series, offsetof(SeriesRecord, first_chunk));
+  record.set_n_points(record.n_points() - head.count);
+  record.set_n_sealed(record.n_sealed() - 1);
+  if (record.n_sealed() == 0) return;
+  record.set_first_sealed(head.next);
+  compat_t *const compat = compat_of(reinterpret_cast<char *>(sealed_at(head.next)));
+  compat->srcaddr = referrer_of(CATALOGUE_TABLE, series, FIRST_SEALED_REFERENCE);
+  log_chunk(points_.get(), head.next, reinterpret_cast<const char *>(compat), sizeof *compat);
 }
 
 // Everything of a series but its slot. The record may be a copy.
-void Store::forget_content(uint32_t series, SeriesRecord &record) {
-  while (record.n_chunks != 0) drop_first_chunk(series, record);
+void Store::forget_content(uint32_t series, const SeriesRecord &record) {
+  while (record.n_sealed() != 0) drop_first_sealed(series, record);
+  if ((record.flags() & SERIES_HAS_OPEN) != 0) {
+    forgotten_.point_slots += delete_chunk(points_.get(), record.open());
+    ++forgotten_.chunks;
+    forgotten_.points += record.n_open();
+    n_points_ -= record.n_open();
+  }
   // The map's text is the key chunk's: out of the map before it is gone.
   series_by_key_.erase(key_of(record));
-  forgotten_.key_slots += delete_chunk(keys_.get(), record.key);
+  forgotten_.key_slots += delete_chunk(keys_.get(), record.key());
+  tails_[series] = {};
 }
 
-SeriesRecord *Store::take_slot(uint32_t &index) {
-  SeriesRecord previous;
+SeriesRecord Store::take_slot(uint32_t &index) {
+  char previous[sizeof(ty_sub_t_v1)];
   uint32_t previous_ts;
   uint8_t previous_status;
-  auto *const record = static_cast<SeriesRecord *>(
-      tslb_da_get_newptr_inll_ex(catalogue_.get(), &index, &previous_ts, &previous_status, &previous));
-  if (record == nullptr) throw StoreFull("the catalogue has no room for another series");
+  const SeriesRecord record(static_cast<char *>(tslb_da_get_newptr_inll_ex(catalogue_.get(), &index, &previous_ts,
+                                                                           &previous_status, previous)),
+                            config_.layout);
+  if (!record) throw StoreFull("the catalogue has no room for another series");
+  is_catalogue_changed_ = true;
   if (previous_status == TSLB_DA_SLOT_INACTIVE) {
-    forget_content(index, previous);
+    forget_content(index, {previous, config_.layout});
     ++forgotten_.series_reused;
   }
   return record;
+}
+
+// What is too old of a series. True if nothing of it is left: then its slot is free.
+bool Store::forget_old(uint32_t series) {
+  Tail &tail = tails_[series];
+  const SeriesRecord record = tail.record;
+  while (record.n_sealed() != 0 && sealed_at(record.first_sealed())->newest_ns < visible_from_ns()) {
+    drop_first_sealed(series, record);
+    change(series, tail);
+  }
+  if (record.n_sealed() != 0 || !are_all_hidden(tail.open, tail.n_open)) return false;
+  forget_content(series, record);
+  record.set_flags(0);  // a free slot keeps its record but for the first word
+  tslb_da_free_idx(catalogue_.get(), series);
+  change(series, tail);
+  ++forgotten_.series_aged;
+  return true;
 }
 
 // The list is in order of inactivation. So that its head is the series unwritten for longest, those of one sweep join
@@ -88,7 +105,7 @@ void Store::park_idle_series() {
   std::vector<std::pair<int64_t, uint32_t>> idle;
   for (uint32_t series = 0; series < n_slots(); ++series) {
     if (!holds_series(series) || is_inactive(series)) continue;
-    const int64_t written_at_ns = record(series).written_at_ns;
+    const int64_t written_at_ns = record(series).written_at_ns();
     // Unsigned: the distance of two times can be beyond a signed one.
     if (static_cast<uint64_t>(data_time_ns_) - static_cast<uint64_t>(written_at_ns) >=
         static_cast<uint64_t>(config_.idle_ns))
@@ -99,6 +116,7 @@ void Store::park_idle_series() {
   // asks for an age of 0: only a clock that was set back in between delays reuse.
   for (const auto &[written_at_ns, series] : idle)
     tslb_da_inactivate_idx(catalogue_.get(), series, tslb_get_time(nullptr));
+  is_catalogue_changed_ |= !idle.empty();
 }
 
 Sweep Store::sweep() {
@@ -106,15 +124,8 @@ Sweep Store::sweep() {
   Sweep found;
   found.keys.free_before = lists_of(keys_.get())->n_free;
   found.points.free_before = lists_of(points_.get())->n_free;
-  for (uint32_t series = 0; config_.retain_ns != 0 && series < n_slots(); ++series) {
-    if (!holds_series(series)) continue;
-    SeriesRecord &record = *slot(series);
-    while (record.n_chunks != 0 && is_all_hidden(chunk_at(record.first_chunk))) drop_first_chunk(series, record);
-    if (record.n_chunks != 0) continue;
-    forget_content(series, record);
-    tslb_da_free_idx(catalogue_.get(), series);
-    ++forgotten_.series_aged;
-  }
+  for (uint32_t series = 0; config_.retain_ns != 0 && series < n_slots(); ++series)
+    if (holds_series(series)) forget_old(series);
   if (config_.idle_ns != 0) park_idle_series();
   sweep_pool(keys_.get(), found.keys, forgotten_.key_slots);
   sweep_pool(points_.get(), found.points, forgotten_.point_slots);

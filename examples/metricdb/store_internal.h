@@ -20,7 +20,7 @@ inline constexpr int KEYS_TABLE = BBP_TBLID;
 inline constexpr int POINTS_TABLE = BVP_TBLID;
 
 inline constexpr const char *CONTEXT = "metricdb";
-inline constexpr uint8_t RECORD_VERSION = 0;
+inline constexpr uint8_t POOL_RECORD_VERSION = 0;
 
 inline constexpr uint32_t NO_SLOT = 0xFFFFFFFFu;  // the cursor's slot ahead of the first chunk
 
@@ -29,17 +29,14 @@ inline constexpr uint32_t NO_SLOT = 0xFFFFFFFFu;  // the cursor's slot ahead of 
 inline constexpr uint32_t MOST_KEY_SLOTS = 255;
 inline constexpr uint32_t MOST_POINT_SLOTS = 2040;
 
-inline constexpr uint8_t FIRST_CAPACITY = 4;
-inline constexpr int LARGEST_CAPACITY = 64;
+// Points of an open chunk: 8, then 32, then 128.
+inline constexpr uint32_t FIRST_CAPACITY = 8;
+inline constexpr uint32_t CAPACITY_STEP = 4;
 
-// By what came before: a chain that lost its front goes on in large chunks.
-inline uint8_t capacity_behind(const PointChunk *previous) {
-  return previous == nullptr ? FIRST_CAPACITY
-                             : static_cast<uint8_t>(std::min(previous->capacity * 4, LARGEST_CAPACITY));
-}
+inline constexpr size_t CHUNK_UNIT = 8;  // what a bit-vector pool's addresses count in
 
-inline int bytes_of(uint8_t capacity) {
-  return static_cast<int>(sizeof(PointChunk) + capacity * sizeof(Point));
+inline constexpr size_t padded(size_t bytes) {
+  return (bytes + CHUNK_UNIT - 1) / CHUNK_UNIT * CHUNK_UNIT;
 }
 
 inline DynMemHdr_t *header_of(dynmem_t *pool) {
@@ -63,8 +60,31 @@ inline srcaddr_t referrer_of(int table, uint32_t index, size_t offset) {
 }
 
 // Points need not be aligned where they lie.
-inline char *point_at(const PointChunk *chunk, size_t index) {
-  return const_cast<char *>(reinterpret_cast<const char *>(chunk + 1)) + index * sizeof(Point);
+inline Point point_at(const char *points, size_t index) {
+  Point point;
+  std::memcpy(&point, points + index * sizeof point, sizeof point);
+  return point;
+}
+
+inline const char *bytes_of(const SealedChunk *chunk) {
+  return reinterpret_cast<const char *>(chunk + 1);
+}
+
+// Where a chunk's compaction header lies, as seen from its data.
+inline compat_t *compat_of(char *chunk) {
+  return reinterpret_cast<compat_t *>(chunk) - 1;
+}
+
+struct ChunkPlace {
+  uint32_t slot;
+  uint32_t offset;  // of the compaction header in the slot's chunks
+};
+
+inline ChunkPlace place_of(dynmem_t *pool, const maddr_t &address) {
+  if ((header_of(pool)->flag & MPOOL_FLAG_BV) == 0) return {address.mslot_idx, address.mchunk_idx};
+  maddrBV_t bits;
+  std::memcpy(&bits, &address, sizeof bits);
+  return {bits.mslotgroup_idx * 256u + bits.mslot_idx, bits.mchunk_idx * 8u};
 }
 
 // Any array of the store: all have lists.
