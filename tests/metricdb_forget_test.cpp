@@ -45,8 +45,8 @@ uint32_t n_free(DynArrHandle_t *array) {
 
 // As the program does, but for the sweep behind the last text.
 LoadStats load(Store &store, std::string_view text) {
-  Loader loader(store, Precision::ns, 77, [](const std::string &message) { ADD_FAILURE() << message; });
-  loader.load("t.lp", text);
+  Loader loader(store, [](uint64_t, const std::string &reason) { ADD_FAILURE() << reason; });
+  loader.load(text, Precision::ns, 77);
   return loader.stats();
 }
 

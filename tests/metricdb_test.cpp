@@ -265,19 +265,18 @@ TEST(Store, PointsAreRefusedWhenTheirPoolIsFull) {
 
 TEST(Store, KeysAreRefusedWhenTheirPoolIsFull) {
   Store store({.key_slot_bytes = 64, .point_slot_bytes = 1 << 20});
-  Loader loader(store, Precision::ns, NOW_NS, [](const std::string &message) { ADD_FAILURE() << message; });
+  Loader loader(store, [](uint64_t, const std::string &reason) { ADD_FAILURE() << reason; });
   std::string text;
   for (int i = 0; i < 256; ++i) text += fmt::format("measurement,number={:010} field=1 5\n", i);
   try {
-    loader.load("t.lp", text);
+    loader.load(text, Precision::ns, NOW_NS);
     FAIL() << "a 256th key found room in 255 slots";
-  } catch (const StoreFull &full) {
-    EXPECT_STREQ(full.what(),
-                 "t.lp:256: no room for more series keys: all 255 memory slots of 64 bytes are full; loading "
-                 "stopped");
+  } catch (const LoadStopped &stopped) {
+    EXPECT_EQ(stopped.line(), 256u);
+    EXPECT_STREQ(stopped.what(), "no room for more series keys: all 255 memory slots of 64 bytes are full");
   }
   EXPECT_EQ(store.n_series(), 255u);
-  loader.load("known.lp", "measurement,number=0000000254 field=2 6\n");
+  loader.load("measurement,number=0000000254 field=2 6\n", Precision::ns, NOW_NS);
   EXPECT_EQ(points_of(store, 254).size(), 2u);
   EXPECT_THROW(store.series_of(std::string(64, 'k')), StoreFull) << "longer than a slot";
 }
@@ -290,8 +289,10 @@ struct Loaded {
   std::vector<std::string> messages;
 
   explicit Loaded(std::string_view text) {
-    Loader loader(store, Precision::ns, NOW_NS, [this](const std::string &message) { messages.push_back(message); });
-    loader.load("cpu.lp", text);
+    Loader loader(store, [this](uint64_t line, const std::string &reason) {
+      messages.push_back(fmt::format("{}: {}", line, reason));
+    });
+    loader.load(text, Precision::ns, NOW_NS);
     stats = loader.stats();
   }
 };

@@ -1,5 +1,7 @@
 #include "checksum.h"
 
+#include <nmmintrin.h>
+
 #include <array>
 #include <cstring>
 
@@ -26,11 +28,7 @@ constexpr Tables make_tables() {
 
 constexpr Tables TABLES = make_tables();
 
-}  // namespace
-
-uint32_t crc32c(const void *bytes, size_t count, uint32_t before) {
-  const auto *at = static_cast<const unsigned char *>(bytes);
-  uint32_t crc = ~before;
+uint32_t go_on_by_table(uint32_t crc, const unsigned char *at, size_t count) {
   for (; count >= 8; count -= 8, at += 8) {
     uint64_t group;  // the low byte is the first: x86-64
     std::memcpy(&group, at, sizeof group);
@@ -39,7 +37,27 @@ uint32_t crc32c(const void *bytes, size_t count, uint32_t before) {
     for (size_t i = 0; i < 8; ++i) crc ^= TABLES[7 - i][(group >> (8 * i)) & 0xFF];
   }
   for (; count > 0; --count, ++at) crc = (crc >> 8) ^ TABLES[0][(crc ^ *at) & 0xFF];
-  return ~crc;
+  return crc;
+}
+
+// One instruction for eight bytes. It waits three cycles for the one before it, and starts one in each.
+__attribute__((target("sse4.2"))) uint32_t go_on_by_instruction(uint32_t crc, const unsigned char *at, size_t count) {
+  uint64_t wide = crc;
+  for (; count >= 8; count -= 8, at += 8) {
+    uint64_t group;
+    std::memcpy(&group, at, sizeof group);
+    wide = _mm_crc32_u64(wide, group);
+  }
+  crc = static_cast<uint32_t>(wide);
+  for (; count > 0; --count, ++at) crc = _mm_crc32_u8(crc, *at);
+  return crc;
+}
+
+}  // namespace
+
+uint32_t crc32c(const void *bytes, size_t count, uint32_t before) {
+  static const auto go_on = __builtin_cpu_supports("sse4.2") ? go_on_by_instruction : go_on_by_table;
+  return ~go_on(~before, static_cast<const unsigned char *>(bytes), count);
 }
 
 }  // namespace metricdb

@@ -17,9 +17,11 @@
 #include "input.h"
 #include "loader.h"
 #include "log.h"
+#include "output.h"
 #include "proc_sampler.h"
 #include "report.h"
 #include "store.h"
+#include "write_options.h"
 
 namespace metricdb {
 namespace {
@@ -32,17 +34,6 @@ double seconds_of(Clock::duration time) {
 
 unsigned long long printable(uint64_t number) {
   return number;
-}
-
-// An output that could not be written: a full disk must not look like success.
-[[noreturn]] void fail_output(const std::string &name) {
-  const int error = errno;
-  throw std::runtime_error(fmt::format("{}: cannot be written: {}", name, std::strerror(error)));
-}
-
-void print(const std::string &text) {
-  if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0)
-    fail_output("stdout");
 }
 
 bool checks_out(const Store &store, std::vector<Input> &inputs, Precision precision, int64_t now_ns) {
@@ -67,12 +58,6 @@ bool checks_out(const Store &store, std::vector<Input> &inputs, Precision precis
   for (const std::string &difference : check.first_differences()) text += "check: " + difference + "\n";
   print(text + fmt::format("check: {} differences, {} points match\n", check.n_differences(), check.n_matching()));
   return false;
-}
-
-Precision precision_of(const std::string &unit) {
-  if (unit == "us") return Precision::us;
-  if (unit == "ms") return Precision::ms;
-  return unit == "s" ? Precision::s : Precision::ns;
 }
 
 int64_t library_now_ns() {
@@ -148,7 +133,9 @@ class Load {
   }
 
   void load_inputs() {
-    Loader loader(*store_, precision_, now_ns_, [](const std::string &message) {
+    const Input *current = nullptr;
+    Loader loader(*store_, [&current](uint64_t line, const std::string &reason) {
+      const std::string message = fmt::format("{}:{}: {}; line skipped", current->name(), line, reason);
       fmt::print(stderr, "{}\n", message);
       TSLB_DLOG(LOG_DETAILS, "%s", message.c_str());
     });
@@ -157,7 +144,12 @@ class Load {
       const LoadStats before = loader.stats();
       // From here on: a pipe can make us wait for as long as it likes.
       const Clock::time_point begin = Clock::now();
-      loader.load(input.name(), text);
+      current = &input;
+      try {
+        loader.load(text, precision_, now_ns_);
+      } catch (const LoadStopped &stopped) {
+        throw StoreFull(fmt::format("{}:{}: {}; loading stopped", input.name(), stopped.line(), stopped.what()));
+      }
       const Clock::duration taken = Clock::now() - begin;
       busy_ += taken;
       TSLB_DLOG(LOG_PROGRESS, "%s: %llu lines, %llu points, %llu malformed lines, %.3f s", input.name().c_str(),
@@ -233,9 +225,12 @@ int check(const CheckArguments &arguments) {
   return is_same ? EXIT_GOOD : EXIT_ERROR;
 }
 
-int snapshot(const std::string &db) {
-  Database database(db, Database::Use::write);
-  const Opened opened = database.open();
+int snapshot(const SnapshotArguments &arguments) {
+  Database database(arguments.db, Database::Use::write);
+  OpenOptions options;
+  if (arguments.layout) options.layout = static_cast<uint8_t>(*arguments.layout);
+  const Opened opened = database.open(options);
+  if (!opened.journal.what.empty()) tell_found(opened.journal.what + "\n");
   write_generation(database, [&] { return NewGeneration(database).write_streams(opened.store); });
   return EXIT_GOOD;
 }

@@ -1,7 +1,7 @@
 // What the program does, command by command; main.cpp reads the command line for it.
 //
 // Each returns the program's exit code, prints to standard output, and throws what makes the program end with
-// EXIT_ERROR: then no database was changed.
+// EXIT_ERROR: then no database was changed, but by what `ingest` and `serve` had acknowledged before.
 #pragma once
 
 #include <cstdint>
@@ -47,9 +47,41 @@ struct RecordArguments {
   std::string host = "local";
 };
 
+// Of a database that is written to while it is open: what `ingest` and `serve` have in common.
+struct WriteArguments {
+  std::string db;
+  std::string sync = "batch";
+  uint64_t snapshot_mb = 256;  // 0: no snapshot but those asked for
+  bool salvage = false;
+  std::optional<int> layout;
+  std::optional<int64_t> retain_s;  // these three: as the database has it, or off
+  std::optional<int64_t> idle_s;
+  std::optional<int> reuse_inactive_pct;
+};
+
+struct IngestArguments {
+  WriteArguments write;
+  std::vector<std::string> files;
+  std::string precision = "ns";
+  uint64_t batch_lines = 5000;
+  bool acks = false;
+};
+
+struct SnapshotArguments {
+  std::string db;
+  std::optional<int> layout;
+};
+
+struct VerifyArguments {
+  std::string db;
+  bool salvage = false;
+};
+
 int load(const LoadArguments &arguments);
 int check(const CheckArguments &arguments);
-int snapshot(const std::string &db);
+int snapshot(const SnapshotArguments &arguments);
+int ingest(const IngestArguments &arguments);
+int verify(const VerifyArguments &arguments);
 int stat(const std::string &db);
 int series(const SeriesArguments &arguments);
 int record(const RecordArguments &arguments);

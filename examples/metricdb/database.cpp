@@ -5,9 +5,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/file.h>
-#include <sys/stat.h>
 #include <tslb_settings.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <charconv>
@@ -15,6 +13,7 @@
 #include <system_error>
 #include <utility>
 
+#include "layout.h"
 #include "log.h"
 #include "store_internal.h"
 
@@ -24,6 +23,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::string_view PREFIX = "generation.";
+constexpr std::string_view JOURNAL_PREFIX = "journal.";
 constexpr std::string_view UNFINISHED = ".new";
 constexpr size_t MOST_DIGITS = 18;  // so that the next number is one too
 constexpr const char *MANIFEST = "manifest";
@@ -33,10 +33,10 @@ constexpr uint64_t SLOTS_PER_BLOCK = 16;
 constexpr uint64_t MOST_HEADER_BYTES = 1 << 17;  // of block 0: more than any user header
 constexpr int TABLES[] = {CATALOGUE_TABLE, KEYS_TABLE, POINTS_TABLE};
 
-// "generation.7" has number 7; nothing else in a folder has one.
-std::optional<uint64_t> number_of(std::string_view name) {
-  if (!name.starts_with(PREFIX)) return std::nullopt;
-  const std::string_view digits = name.substr(PREFIX.size());
+// "generation.7" has number 7; nothing else with that prefix in a folder has one.
+std::optional<uint64_t> number_of(std::string_view name, std::string_view prefix = PREFIX) {
+  if (!name.starts_with(prefix)) return std::nullopt;
+  const std::string_view digits = name.substr(prefix.size());
   uint64_t number = 0;
   std::from_chars(digits.data(), digits.data() + digits.size(), number);
   if (digits.size() > MOST_DIGITS || std::to_string(number) != digits) return std::nullopt;
@@ -45,10 +45,6 @@ std::optional<uint64_t> number_of(std::string_view name) {
 
 std::string generation_path(const std::string &folder, uint64_t number) {
   return fmt::format("{}/{}{}", folder, PREFIX, number);
-}
-
-void make_folder(const std::string &path) {
-  if (mkdir(path.c_str(), 0777) != 0) fail_file(path, "cannot be made");
 }
 
 template <class Take>
@@ -61,9 +57,11 @@ void for_each_name(const std::string &folder, Take take) {
 
 // What cannot be removed now, the next writer tries again: nothing reads it.
 void remove_folder(const std::string &path) {
-  std::error_code error;
-  fs::remove_all(path, error);
-  if (error) TSLB_DLOG(LOG_PROGRESS, "%s: cannot be removed: %s", path.c_str(), error.message().c_str());
+  try {
+    remove_tree(path);
+  } catch (const FileError &error) {
+    TSLB_DLOG(LOG_PROGRESS, "%s", error.what());
+  }
 }
 
 // ---- Files of an array ----
@@ -169,6 +167,15 @@ Array load_array(const std::string &folder, const Manifest &manifest, size_t num
   return array;
 }
 
+void take_to_layout(uint8_t layout, StoreArrays &arrays, StoreConfig &config) {
+  if (layout > config.layout)
+    throw DatabaseError(
+        fmt::format("the catalogue has layout {}, and none is taken up to layout {}", config.layout, layout));
+  if (layout == config.layout) return;
+  arrays.catalogue = taken_down(arrays.catalogue.get(), layout);
+  config.layout = layout;
+}
+
 // ---- Writing ----
 
 Manifest manifest_of(const Store &store, StoreKind kind) {
@@ -213,9 +220,8 @@ uint64_t Stored::allocated_bytes() const {
 Database::Database(std::string folder, Use use) : folder_(std::move(folder)) {
   while (folder_.size() > 1 && folder_.back() == '/') folder_.pop_back();
   if (use == Use::create) {
-    const bool is_new = mkdir(folder_.c_str(), 0777) == 0;
-    if (!is_new && errno != EEXIST) fail_file(folder_, "cannot be made");
-    if (is_new) File::folder(fs::absolute(folder_).parent_path().string()).sync();
+    const bool is_new = make_folder_if_missing(folder_);
+    if (is_new) File::folder(folder_of(folder_)).sync();
     may_be_removed_ = is_new;
   }
   File opened = File::folder(folder_);
@@ -228,49 +234,103 @@ Database::Database(std::string folder, Use use) : folder_(std::move(folder)) {
 }
 
 Database::~Database() {
-  if (may_be_removed_) rmdir(folder_.c_str());  // which leaves a folder with anything in it
+  if (!may_be_removed_) return;
+  try {
+    remove_folder_if_empty(folder_);
+  } catch (const FileError &) {
+    // It stays, empty: the next use of it takes it as it is.
+  }
+}
+
+std::vector<uint64_t> Database::generations() const {
+  std::vector<uint64_t> numbers;
+  for_each_name(folder_, [&numbers](const std::string &name) {
+    if (const std::optional<uint64_t> number = number_of(name)) numbers.push_back(*number);
+  });
+  std::sort(numbers.rbegin(), numbers.rend());
+  return numbers;
 }
 
 std::optional<uint64_t> Database::newest() const {
-  std::optional<uint64_t> highest;
-  for_each_name(folder_, [&highest](const std::string &name) {
-    const std::optional<uint64_t> number = number_of(name);
-    if (number && (!highest || *number > *highest)) highest = number;
-  });
-  return highest;
+  const std::vector<uint64_t> numbers = generations();
+  return numbers.empty() ? std::nullopt : std::optional(numbers.front());
 }
 
-Opened Database::open() const {
+std::string Database::journal_path(uint64_t generation) const {
+  return fmt::format("{}/{}{}", folder_, JOURNAL_PREFIX, generation);
+}
+
+Opened Database::open(const OpenOptions &options) const {
   for (;;) {
     const std::optional<uint64_t> number = newest();
     if (!number) throw DatabaseError(folder_ + ": holds no database");
     try {
-      return open_generation(*number);
-    } catch (const std::runtime_error &) {
-      // A writer has put the next one into place meanwhile, and removed this one under us.
-      if (newest() == number) throw;
+      Opened opened = open_generation(*number, options);
+      // A writer that put the next one into place meanwhile has taken the journal away, perhaps ahead of us.
+      if (newest() == number) return opened;
+    } catch (const std::runtime_error &error) {
+      if (newest() != number) continue;
+      if (!options.salvage) throw;
+      return open_older(*number, options, error.what());
     }
   }
 }
 
-Opened Database::open_generation(uint64_t number) const {
+// A generation is its predecessor with the journal behind that one, so an older one leads to the same state.
+Opened Database::open_older(uint64_t newest, const OpenOptions &options, const std::string &why) const {
+  for (const uint64_t number : generations()) {
+    if (number >= newest) continue;
+    try {
+      Opened opened = open_generation(number, options);
+      opened.passed_over = fmt::format("{}; generation {} and what follows it was opened", why, number);
+      return opened;
+    } catch (const std::runtime_error &error) {
+      TSLB_DLOG(LOG_REFUSALS, "%s", error.what());
+    }
+  }
+  throw DatabaseError(why);
+}
+
+// The journal behind a generation, and with an older one those that follow.
+Replayed Database::replay(uint64_t number, bool salvage, const StoreArrays &arrays, StoreConfig &config,
+                          StoreState &state) const {
+  const uint64_t last = salvage ? newest().value_or(number) : number;
+  Replayed replayed = replay_journal(journal_path(number), number, salvage, arrays, config, state);
+  while (number < last && replayed.what.empty()) {
+    ++number;
+    replayed = replay_journal(journal_path(number), number, salvage, arrays, config, state);
+  }
+  return replayed;
+}
+
+Opened Database::open_generation(uint64_t number, const OpenOptions &options) const {
   const std::string folder = generation_path(folder_, number);
   Stored stored;
   stored.generation = number;
   const Manifest manifest = manifest_of(folder, stored.manifest_bytes);
   stored.kind = manifest.kind;
+  stored.layout = manifest.config.layout;
   expect_files(folder, manifest);
   StoreArrays arrays;
   arrays.catalogue = load_array(folder, manifest, 0, stored.arrays[0]);
   arrays.keys = load_array(folder, manifest, 1, stored.arrays[1]);
   arrays.points = load_array(folder, manifest, 2, stored.arrays[2]);
+  StoreConfig config = manifest.config;
+  StoreState state = manifest.state;
+  const Replayed replayed = replay(number, options.salvage, arrays, config, state);
+  if (options.layout) take_to_layout(*options.layout, arrays, config);
   try {
-    Store store(manifest.config, std::move(arrays), manifest.state);
+    Store store(config, std::move(arrays), state);
     TSLB_DLOG(LOG_PROGRESS, "%s: opened, %u series, %llu points", folder.c_str(), store.n_series(),
               static_cast<unsigned long long>(store.n_points()));
-    return {std::move(store), stored};
+    return {std::move(store), stored, replayed, {}};
   } catch (const StoreDamaged &damage) {
     const bool is_array = damage.where() != StoreDamaged::Where::state;
+    // Once a journal has changed the arrays, no file holds what is wrong.
+    if (replayed.n_batches != 0)
+      throw DatabaseError(fmt::format(
+          "{} with {} behind it: {}{}", folder, journal_path(number),
+          is_array ? fmt::format("{}: ", ARRAY_NAMES[static_cast<size_t>(damage.where())]) : "", damage.what()));
     const std::string file =
         is_array ? file_of_slot(manifest, static_cast<size_t>(damage.where()), damage.slot_index()) : MANIFEST;
     throw DatabaseError(fmt::format("{}/{}: {}", folder, file, damage.what()));
@@ -339,6 +399,7 @@ Stored NewGeneration::seal_block_files(const Store &store) {
 
 void NewGeneration::finish(const Manifest &manifest, Stored &stored) {
   stored.generation = number_;
+  stored.layout = manifest.config.layout;
   const std::string text = manifest_text(manifest);
   stored.manifest_bytes = text.size();
   {
@@ -348,12 +409,13 @@ void NewGeneration::finish(const Manifest &manifest, Stored &stored) {
   }
   File::folder(folder_).sync();
   const std::string place = generation_path(database_.folder(), number_);
-  if (rename(folder_.c_str(), place.c_str()) != 0) fail_file(place, "cannot be put into place");
+  rename_file(folder_, place);
   in_place_ = true;
   database_.may_be_removed_ = false;
   database_.lock_->sync();
   for_each_name(database_.folder(), [this](const std::string &name) {
-    const std::optional<uint64_t> number = number_of(name);
+    std::optional<uint64_t> number = number_of(name);
+    if (!number) number = number_of(name, JOURNAL_PREFIX);
     if (number && *number < number_) remove_folder(database_.folder() + "/" + name);
   });
 }

@@ -7,10 +7,12 @@
 //     points.stream
 //     metricdb/1.0.darr          store shm, in their place: the arrays' block files
 //     ...
+//   DIR/journal.7                what was committed since then (journal.h); none: nothing
 //   DIR/generation.8.new/        one that is being written, or that a process left behind which did not come to its end
 //
 // A generation is written aside, its files and folders are synced, and then it is renamed into place: whoever reads sees
-// the one before it or this one, whole. Afterwards older ones are removed. Only one process writes at a time; readers
+// the one before it or this one, whole. Afterwards older ones are removed, with the journals that follow them: what those
+// hold is in the new one. Only one process writes at a time; readers
 // are many, take no lock, and begin again if the generation that they read is removed under them.
 //
 // A store of block files is one that the arrays were filled in, block by block. The library attaches to no old block
@@ -22,9 +24,11 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "files.h"
 #include "manifest.h"
+#include "replay.h"
 #include "store.h"
 
 namespace metricdb {
@@ -44,6 +48,7 @@ struct ArrayFiles {
 struct Stored {
   uint64_t generation = 0;
   StoreKind kind = StoreKind::snapshot;
+  uint8_t layout = NEWEST_LAYOUT;    // of the catalogue
   std::array<ArrayFiles, 3> arrays;  // in the order of ARRAY_NAMES
   uint64_t manifest_bytes = 0;
 
@@ -54,6 +59,17 @@ struct Stored {
 struct Opened {
   Store store;
   Stored stored;
+  Replayed journal;
+  std::string passed_over;  // with `salvage`: one line about newer generations that cannot be opened
+};
+
+struct OpenOptions {
+  // What damage leaves: a journal is used up to the damage, and where the newest generation is damaged an older one
+  // with the journals behind it, if there still is one.
+  bool salvage = false;
+  // Takes the catalogue to this layout, which is not newer than that of the database. In memory: only the next generation
+  // has it.
+  std::optional<uint8_t> layout;
 };
 
 class Database {
@@ -75,14 +91,21 @@ class Database {
   // Number of the generation that counts; none in a folder without one.
   std::optional<uint64_t> newest() const;
 
-  // The newest generation, as a store in process memory. Everything is checked first: files against the manifest, arrays
-  // against what the library relies on, and the store against itself.
-  Opened open() const;
+  // The newest generation and its journal, as a store in process memory. Everything is checked first: files against the
+  // manifest, entries against their checksums, arrays against what the library relies on, and the store against itself.
+  Opened open(const OpenOptions &options = {}) const;
+
+  // The journal that follows a generation.
+  std::string journal_path(uint64_t generation) const;
 
  private:
   friend class NewGeneration;
 
-  Opened open_generation(uint64_t number) const;
+  std::vector<uint64_t> generations() const;
+  Opened open_older(uint64_t newest, const OpenOptions &options, const std::string &why) const;
+  Replayed replay(uint64_t number, bool salvage, const StoreArrays &arrays, StoreConfig &config,
+                  StoreState &state) const;
+  Opened open_generation(uint64_t number, const OpenOptions &options) const;
 
   std::string folder_;
   std::optional<File> lock_;

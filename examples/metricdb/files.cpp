@@ -2,21 +2,29 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <utility>
+#include <vector>
 
 #include "checksum.h"
+#include "io_faults.h"
 
 namespace metricdb {
 namespace {
 
+namespace fs = std::filesystem;
+
 constexpr size_t READ_BYTES = 1 << 20;
 constexpr mode_t FILE_MODE = 0666;
+constexpr mode_t FOLDER_MODE = 0777;
 constexpr uint64_t STAT_BLOCK_BYTES = 512;
 
 // Fewer than `most` only at the end of the file.
@@ -31,6 +39,38 @@ size_t read_some(const File &file, char *to, size_t most) {
       fail_file(file.path(), "cannot be read");
   }
   return filled;
+}
+
+// A step of the file layer: false, with errno set, if a test wants it to fail.
+bool may_go_on() {
+  errno = take_io_step();
+  return errno == 0;
+}
+
+// put(bytes, count) writes some and returns how many.
+template <class Put>
+bool put_all(std::string_view text, Put put) {
+  while (!text.empty()) {
+    const ssize_t written = put(text.data(), text.size());
+    if (written >= 0)
+      text.remove_prefix(static_cast<size_t>(written));
+    else if (errno != EINTR)
+      return false;
+  }
+  return true;
+}
+
+template <class Put>
+bool put_in_two_steps(std::string_view text, Put put) {
+  if (!may_go_on()) return false;
+  const size_t ahead = io_faults_are_armed() ? text.size() / 2 : 0;
+  return put_all(text.substr(0, ahead), put) && may_go_on() && put_all(text.substr(ahead), put);
+}
+
+template <class Call>
+bool sync_with(Call call, int fd) {
+  if (!may_go_on()) return false;
+  return call(fd) == 0;
 }
 
 }  // namespace
@@ -56,8 +96,16 @@ File File::open(const std::string &path) {
   return file;
 }
 
+File File::open_to_write(const std::string &path) {
+  File file(::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK), path);
+  struct stat about;
+  if (file.fd_ < 0 || fstat(file.fd_, &about) != 0) fail_file(path, "cannot be opened");
+  if (!S_ISREG(about.st_mode)) throw FileError(path + ": is not a regular file");
+  return file;
+}
+
 File File::create(const std::string &path) {
-  File file(::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, FILE_MODE), path);
+  File file(may_go_on() ? ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, FILE_MODE) : -1, path);
   if (file.fd_ < 0) fail_file(path, "cannot be made");
   return file;
 }
@@ -68,18 +116,108 @@ File File::folder(const std::string &path) {
   return file;
 }
 
+File File::poll_group() {
+  File file(epoll_create1(EPOLL_CLOEXEC), "epoll");
+  if (file.fd_ < 0) fail_file(file.path_, "cannot be made");
+  return file;
+}
+
+File File::event() {
+  File file(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "an event");
+  if (file.fd_ < 0) fail_file(file.path_, "cannot be made");
+  return file;
+}
+
+uint64_t File::bytes() const {
+  struct stat about;
+  if (fstat(fd_, &about) != 0) fail_file(path_, "cannot be read");
+  return static_cast<uint64_t>(about.st_size);
+}
+
 void File::write(std::string_view text) const {
-  while (!text.empty()) {
-    const ssize_t put = ::write(fd_, text.data(), text.size());
-    if (put >= 0)
-      text.remove_prefix(static_cast<size_t>(put));
+  const auto put = [this](const char *bytes, size_t count) { return ::write(fd_, bytes, count); };
+  if (!put_in_two_steps(text, put)) fail_file(path_, "cannot be written");
+}
+
+void File::write_at(uint64_t at, std::string_view text) const {
+  const auto put = [this, &at](const char *bytes, size_t count) {
+    const ssize_t written = pwrite(fd_, bytes, count, static_cast<off_t>(at));
+    if (written > 0) at += static_cast<uint64_t>(written);
+    return written;
+  };
+  if (!put_in_two_steps(text, put)) fail_file(path_, "cannot be written");
+}
+
+size_t File::read_at(uint64_t at, char *to, size_t most) const {
+  size_t filled = 0;
+  while (filled < most) {
+    const ssize_t got = pread(fd_, to + filled, most - filled, static_cast<off_t>(at + filled));
+    if (got == 0) break;
+    if (got > 0)
+      filled += static_cast<size_t>(got);
     else if (errno != EINTR)
-      fail_file(path_, "cannot be written");
+      fail_file(path_, "cannot be read");
   }
+  return filled;
 }
 
 void File::sync() const {
-  if (fsync(fd_) != 0) fail_file(path_, "cannot be synced");
+  if (!sync_with(fsync, fd_)) fail_file(path_, "cannot be synced");
+}
+
+void File::sync_data() const {
+  if (!sync_with(fdatasync, fd_)) fail_file(path_, "cannot be synced");
+}
+
+void File::truncate(uint64_t bytes) const {
+  if (!may_go_on() || ftruncate(fd_, static_cast<off_t>(bytes)) != 0) fail_file(path_, "cannot be cut");
+}
+
+int File::reserve(uint64_t at, uint64_t bytes) const {
+  if (!may_go_on()) return errno;
+  int result;
+  do {
+    result = fallocate(fd_, FALLOC_FL_KEEP_SIZE, static_cast<off_t>(at), static_cast<off_t>(bytes));
+  } while (result != 0 && errno == EINTR);
+  return result != 0 ? errno : 0;
+}
+
+void make_folder(const std::string &path) {
+  if (!may_go_on() || mkdir(path.c_str(), FOLDER_MODE) != 0) fail_file(path, "cannot be made");
+}
+
+bool make_folder_if_missing(const std::string &path) {
+  if (may_go_on() && mkdir(path.c_str(), FOLDER_MODE) == 0) return true;
+  if (errno != EEXIST) fail_file(path, "cannot be made");
+  return false;
+}
+
+void rename_file(const std::string &from, const std::string &to) {
+  if (!may_go_on() || rename(from.c_str(), to.c_str()) != 0) fail_file(to, "cannot be put into place");
+}
+
+void remove_file(const std::string &path) {
+  if ((!may_go_on() || unlink(path.c_str()) != 0) && errno != ENOENT) fail_file(path, "cannot be removed");
+}
+
+void remove_folder_if_empty(const std::string &path) {
+  if (may_go_on() && rmdir(path.c_str()) == 0) return;
+  if (errno != ENOENT && errno != ENOTEMPTY) fail_file(path, "cannot be removed");
+}
+
+void remove_tree(const std::string &path) {
+  std::error_code error;
+  if (!fs::is_directory(fs::symlink_status(path, error))) return remove_file(path);
+  std::vector<std::string> members;  // ahead of the first change: what a folder lists while it shrinks is not said
+  for (fs::directory_iterator it(path, error), end; !error && it != end; it.increment(error))
+    members.push_back(it->path().string());
+  for (const std::string &member : members) remove_tree(member);
+  if (error) throw FileError(fmt::format("{}: cannot be removed: {}", path, error.message()));
+  remove_folder_if_empty(path);
+}
+
+std::string folder_of(const std::string &path) {
+  return fs::absolute(path).parent_path().string();
 }
 
 FileSum sum_of(const File &file) {

@@ -44,7 +44,9 @@ class LineParser {
  public:
   enum class Outcome { nothing, line, malformed };  // nothing: blank or a comment
 
-  explicit LineParser(Precision precision) : ns_per_unit_(static_cast<int64_t>(precision)) {}
+  explicit LineParser(Precision precision = Precision::ns) { set_precision(precision); }
+
+  void set_precision(Precision precision) { ns_per_unit_ = static_cast<int64_t>(precision); }
 
   // Reads one line, given without its line end. Afterwards `line()` holds if it was one, and `reason()` says
   // what is wrong with it if it was malformed.
@@ -72,7 +74,7 @@ class LineParser {
   void skip_blanks();
   bool fail(std::string reason);
 
-  const int64_t ns_per_unit_;
+  int64_t ns_per_unit_;
   const char *pos_ = nullptr;  // the next byte of the line
   const char *end_ = nullptr;
   std::string_view measurement_;

@@ -18,27 +18,37 @@ struct LoadStats {
   uint64_t malformed = 0;
 };
 
+// The store had no room for a line.
+class LoadStopped : public StoreFull {
+ public:
+  LoadStopped(uint64_t line, const std::string &what) : StoreFull(what), line_(line) {}
+  uint64_t line() const { return line_; }
+
+ private:
+  uint64_t line_;
+};
+
 class Loader {
  public:
-  using Report = std::function<void(const std::string &message)>;
+  // Receives each malformed line's number in its text, from 1 on, and what is wrong with it.
+  using Report = std::function<void(uint64_t line, const std::string &reason)>;
 
+  Loader(Store &store, Report report);
+
+  // Loads one text. Of a malformed line nothing is stored. Throws LoadStopped: the points ahead of the place are stored
+  // then.
+  //
   // now_ns  the time of points that bring none.
-  // report  receives one message for each malformed line, without a line end.
-  Loader(Store &store, Precision precision, int64_t now_ns, Report report);
-
-  // Loads one text. Of a malformed line nothing is stored. Throws StoreFull, with the place in its text; the
-  // points ahead of that place are stored then.
-  void load(std::string_view name, std::string_view text);
+  void load(std::string_view text, Precision precision, int64_t now_ns);
 
   const LoadStats &stats() const { return stats_; }
 
  private:
   bool keys_fit();
-  void store_line();
+  void store_line(int64_t now_ns);
 
   Store &store_;
   LineParser parser_;
-  const int64_t now_ns_;
   const Report report_;
   LoadStats stats_;
   std::string key_;

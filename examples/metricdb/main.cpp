@@ -1,6 +1,7 @@
 // metricdb: loads line protocol into tslb's arrays, keeps them in a folder, checks and shows what they hold, and records
 // this machine's counters as line protocol. Here: the command line.
 #include <fmt/format.h>
+#include <signal.h>
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -8,6 +9,7 @@
 
 #include "commands.h"
 #include "log.h"
+#include "series_record.h"
 
 namespace metricdb {
 namespace {
@@ -53,6 +55,22 @@ void add_db(CLI::App *command, std::string &db, const char *what) {
   command->add_option("--db", db, what)->required()->type_name("DIR");
 }
 
+void add_forgetting(CLI::App *command, std::optional<int64_t> &retain_s, std::optional<int64_t> &idle_s,
+                    std::optional<int> &reuse_inactive_pct) {
+  command->add_option("--retain", retain_s, "forget points that are more than this behind the newest of all series")
+      ->check(CLI::Range(int64_t{1}, LONGEST_S).description(""))
+      ->type_name("SECONDS");
+  command->add_option("--idle", idle_s, "make a series inactive that was not written for so long; it keeps its points")
+      ->check(CLI::Range(int64_t{1}, LONGEST_S).description(""))
+      ->type_name("SECONDS");
+  command
+      ->add_option("--reuse-inactive-pct", reuse_inactive_pct,
+                   "once so many percent of the slots are inactive, new series replace those\n"
+                   "inactive for longest; needs --idle, and goes with no --check")
+      ->check(CLI::Range(1, 100).description(""))
+      ->type_name("PERCENT");
+}
+
 CLI::App *add_load(CLI::App &app, LoadArguments &arguments) {
   CLI::App *const command = app.add_subcommand("load", "load line protocol and say what came of it");
   command->add_option("FILE", arguments.files, "files of line protocol; - is standard input")
@@ -69,22 +87,7 @@ CLI::App *add_load(CLI::App &app, LoadArguments &arguments) {
                    "show the series whose keys match this pattern, as in 'cpu,*core=0* user'")
       ->type_name("PATTERN");
   command->add_flag("--check", arguments.check, "read the inputs again and compare every point with the arrays");
-  command
-      ->add_option("--retain", arguments.retain_s,
-                   "forget points that are more than this behind the newest of all series")
-      ->check(CLI::Range(int64_t{1}, LONGEST_S).description(""))
-      ->type_name("SECONDS");
-  command
-      ->add_option("--idle", arguments.idle_s,
-                   "make a series inactive that was not written for so long; it keeps its points")
-      ->check(CLI::Range(int64_t{1}, LONGEST_S).description(""))
-      ->type_name("SECONDS");
-  command
-      ->add_option("--reuse-inactive-pct", arguments.reuse_inactive_pct,
-                   "once so many percent of the slots are inactive, new series replace those\n"
-                   "inactive for longest; needs --idle, and cannot be combined with --check")
-      ->check(CLI::Range(1, 100).description(""))
-      ->type_name("PERCENT");
+  add_forgetting(command, arguments.retain_s, arguments.idle_s, arguments.reuse_inactive_pct);
   command->footer(LOAD_FOOTER);
   return command;
 }
@@ -103,23 +106,91 @@ CLI::App *add_check(CLI::App &app, CheckArguments &arguments) {
   return command;
 }
 
-CLI::App *add_snapshot(CLI::App &app, std::string &db) {
+void add_layout(CLI::App *command, std::optional<int> &layout) {
+  command
+      ->add_option("--layout", layout,
+                   "layout of the catalogue, 1 or 0: a database of layout 1 is taken down to 0 for good,\n"
+                   "for programs that know no other")
+      ->check(CLI::Range(int{OLDEST_LAYOUT}, int{NEWEST_LAYOUT}).description(""))
+      ->type_name("N");
+}
+
+void add_salvage(CLI::App *command, bool &salvage) {
+  command->add_flag("--salvage", salvage, "of a damaged database take what lies ahead of the damage");
+}
+
+CLI::App *add_snapshot(CLI::App &app, SnapshotArguments &arguments) {
   CLI::App *const command = app.add_subcommand("snapshot", "write a database anew, as snapshot streams");
-  add_db(command, db, "the database's folder, of either store");
+  add_db(command, arguments.db, "the database's folder, of either store");
+  add_layout(command, arguments.layout);
   command->footer("Exit: 0 it was written; 1 it could not be, or the database is damaged: DIR is as it was.");
+  return command;
+}
+
+CLI::App *add_verify(CLI::App &app, VerifyArguments &arguments) {
+  CLI::App *const command = app.add_subcommand("verify", "audit a database: lists, pools, keys, chains, journal");
+  add_db(command, arguments.db, "the database's folder");
+  add_salvage(command, arguments.salvage);
+  command->footer("Exit: 0 all is sound; 1 it is damaged, and the message says where, or it cannot be read.");
+  return command;
+}
+
+const char *const INGEST_FOOTER =
+    "Each batch of lines is durable before the next but a few is taken: it is in a journal, which a\n"
+    "restart replays. A batch that cannot be written is refused as a whole, and ends the command;\n"
+    "what was durable before stays. One process at a time writes to DIR.\n"
+    "  --sync always  one sync of the disk for each batch\n"
+    "  --sync batch   batches that wait together share one\n"
+    "  --sync none    a batch outlives this process, but not a crash of the machine\n"
+    "\n"
+    "Exit: 0 all is durable\n"
+    "      1 an input or DIR cannot be read, a batch was refused, or the arguments are wrong\n"
+    "      2 some lines were malformed, and the rest is durable";
+
+// What `ingest` and `serve` have in common.
+void add_write(CLI::App *command, WriteArguments &arguments) {
+  add_db(command, arguments.db, "the database's folder, made if there is none");
+  command->add_option("--sync", arguments.sync, "when the disk is synced: always, batch or none")
+      ->check(CLI::IsMember({"always", "batch", "none"}).description(""))
+      ->capture_default_str()
+      ->type_name("HOW");
+  command
+      ->add_option("--snapshot-mb", arguments.snapshot_mb,
+                   "write a snapshot each time the journal has grown by so much; 0: never")
+      ->check(CLI::Range(0, 1 << 20).description(""))
+      ->capture_default_str()
+      ->type_name("MIB");
+  add_forgetting(command, arguments.retain_s, arguments.idle_s, arguments.reuse_inactive_pct);
+  add_layout(command, arguments.layout);
+  add_salvage(command, arguments.salvage);
+}
+
+CLI::App *add_ingest(CLI::App &app, IngestArguments &arguments) {
+  CLI::App *const command = app.add_subcommand("ingest", "take line protocol into a database, durable batch by batch");
+  command->add_option("FILE", arguments.files, "files or pipes of line protocol; - is standard input")
+      ->required()
+      ->type_name("");
+  add_precision(command, arguments.precision);
+  add_write(command, arguments.write);
+  command->add_option("--batch-lines", arguments.batch_lines, "lines of a batch, at most")
+      ->check(CLI::Range(1, 10'000'000).description(""))
+      ->capture_default_str()
+      ->type_name("N");
+  command->add_flag("--acks", arguments.acks, "print `durable N` whenever N lines are");
+  command->footer(INGEST_FOOTER);
   return command;
 }
 
 CLI::App *add_stat(CLI::App &app, std::string &db) {
   CLI::App *const command = app.add_subcommand("stat", "say what a database holds, array by array");
-  command->add_option("DIR", db, "the database's folder")->required()->type_name("");
+  add_db(command, db, "the database's folder");
   command->footer("Exit: 0; 1 the database is damaged or cannot be read.");
   return command;
 }
 
 CLI::App *add_series(CLI::App &app, SeriesArguments &arguments) {
   CLI::App *const command = app.add_subcommand("series", "show the series of a database");
-  command->add_option("DIR", arguments.db, "the database's folder")->required()->type_name("");
+  add_db(command, arguments.db, "the database's folder");
   command->add_option("PATTERN", arguments.pattern, "only those whose keys match, as in 'cpu,*core=0* user'")
       ->type_name("");
   command->footer("Exit: 0; 1 the database is damaged or cannot be read.");
@@ -177,11 +248,16 @@ int main(int argc, char **argv) {
   CheckArguments check_arguments;
   SeriesArguments series_arguments;
   RecordArguments record_arguments;
-  std::string snapshot_db, stat_db;
+  IngestArguments ingest_arguments;
+  SnapshotArguments snapshot_arguments;
+  VerifyArguments verify_arguments;
+  std::string stat_db;
   add_log(app, log);
   const CLI::App *const is_load = add_load(app, load_arguments);
   const CLI::App *const is_check = add_check(app, check_arguments);
-  const CLI::App *const is_snapshot = add_snapshot(app, snapshot_db);
+  const CLI::App *const is_ingest = add_ingest(app, ingest_arguments);
+  const CLI::App *const is_snapshot = add_snapshot(app, snapshot_arguments);
+  const CLI::App *const is_verify = add_verify(app, verify_arguments);
   const CLI::App *const is_stat = add_stat(app, stat_db);
   const CLI::App *const is_series = add_series(app, series_arguments);
   add_record(app, record_arguments);
@@ -190,11 +266,14 @@ int main(int argc, char **argv) {
   } catch (const CLI::ParseError &error) {
     return app.exit(error) == 0 ? EXIT_GOOD : EXIT_ERROR;
   }
+  signal(SIGXFSZ, SIG_IGN);  // a limit on file sizes is an error like a full disk
   try {
     start_log(log, app.get_subcommands().front()->get_name().c_str());
     if (*is_load) return load(load_arguments);
     if (*is_check) return check(check_arguments);
-    if (*is_snapshot) return snapshot(snapshot_db);
+    if (*is_ingest) return ingest(ingest_arguments);
+    if (*is_snapshot) return snapshot(snapshot_arguments);
+    if (*is_verify) return verify(verify_arguments);
     if (*is_stat) return stat(stat_db);
     if (*is_series) return series(series_arguments);
     return record(record_arguments);

@@ -1,0 +1,105 @@
+// `metricdb ingest`: lines from files and pipes into a database that is open, batch by batch.
+#include <fmt/format.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <deque>
+
+#include "commands.h"
+#include "database_writer.h"
+#include "line_source.h"
+#include "log.h"
+#include "output.h"
+#include "write_options.h"
+
+namespace metricdb {
+namespace {
+
+constexpr size_t MOST_UNSETTLED_BATCHES = 8;
+
+// Lines on their way through a writer.
+class Ingestion {
+ public:
+  Ingestion(DatabaseWriter &writer, const IngestArguments &arguments)
+      : writer_(writer), arguments_(arguments), precision_(precision_of(arguments.precision)) {}
+
+  void take_all_of(const std::string &path) {
+    LineSource source(path);
+    Progress progress(source.total_bytes(), "points");
+    for (std::string_view text; !(text = source.next(arguments_.batch_lines)).empty();) {
+      take(source.name(), text);
+      progress.tell(source.bytes_taken(), n_points_);
+      while (unsettled_.size() >= MOST_UNSETTLED_BATCHES) acknowledge_oldest();
+    }
+    if (source.n_too_long() != 0)
+      fmt::print(stderr, "{}: {} lines longer than {} bytes; skipped\n", source.name(), source.n_too_long(),
+                 LineSource::LONGEST_LINE);
+    n_malformed_ += source.n_too_long();
+    n_lines_ += source.n_too_long();
+  }
+
+  void finish() {
+    while (!unsettled_.empty()) acknowledge_oldest();
+  }
+
+  uint64_t n_lines() const { return n_lines_; }
+  uint64_t n_points() const { return n_points_; }
+  uint64_t n_malformed() const { return n_malformed_; }
+
+ private:
+  struct Batch {
+    uint64_t ticket;
+    uint64_t n_lines;  // of all batches up to this
+  };
+
+  void take(const std::string &name, std::string_view text) {
+    const Taken taken = writer_.take(text, precision_);
+    const uint64_t ticket = writer_.commit();
+    n_lines_ += static_cast<uint64_t>(std::count(text.begin(), text.end(), '\n')) + (text.ends_with('\n') ? 0 : 1);
+    n_points_ += taken.points;
+    n_malformed_ += taken.malformed;
+    unsettled_.push_back({ticket, n_lines_});
+    if (taken.malformed == 0) return;
+    const std::string message =
+        fmt::format("{}: {} lines of a batch skipped, the first one {}", name, taken.malformed, taken.first_reason);
+    fmt::print(stderr, "{}\n", message);
+    TSLB_DLOG(LOG_DETAILS, "%s", message.c_str());
+  }
+
+  void acknowledge_oldest() {
+    const Batch batch = unsettled_.front();
+    unsettled_.pop_front();
+    if (const std::string why = writer_.wait(batch.ticket); !why.empty())
+      throw IngestRefused(fmt::format("{} lines are kept, what came behind them was refused: {}", n_kept_lines_, why));
+    n_kept_lines_ = batch.n_lines;
+    if (arguments_.acks) print(fmt::format("durable {}\n", n_kept_lines_));
+  }
+
+  DatabaseWriter &writer_;
+  const IngestArguments &arguments_;
+  const Precision precision_;
+  std::deque<Batch> unsettled_;
+  uint64_t n_lines_ = 0;
+  uint64_t n_kept_lines_ = 0;
+  uint64_t n_points_ = 0;
+  uint64_t n_malformed_ = 0;
+};
+
+}  // namespace
+
+int ingest(const IngestArguments &arguments) {
+  DatabaseWriter writer(arguments.write.db, writer_options_of(arguments.write));
+  tell_found(writer.found());
+  Ingestion ingestion(writer, arguments);
+  const auto begin = std::chrono::steady_clock::now();
+  for (const std::string &path : arguments.files) ingestion.take_all_of(path);
+  ingestion.finish();
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+  writer.close();
+  print(fmt::format("kept in          {}: {} lines, {} points, {} malformed lines, {:.3f} s ({:.0f} points/s)\n",
+                    arguments.write.db, ingestion.n_lines(), ingestion.n_points(), ingestion.n_malformed(), seconds,
+                    static_cast<double>(ingestion.n_points()) / std::max(seconds, 1e-9)));
+  return ingestion.n_malformed() == 0 ? EXIT_GOOD : EXIT_SOME_MALFORMED;
+}
+
+}  // namespace metricdb

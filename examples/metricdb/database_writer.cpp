@@ -1,0 +1,210 @@
+#include "database_writer.h"
+
+#include <fmt/format.h>
+#include <sys/epoll.h>
+#include <tslb_util.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "log.h"
+
+namespace metricdb {
+namespace {
+
+constexpr int64_t NS_PER_S = 1'000'000'000;
+
+// Journal bytes that a text of line protocol comes to, at most but for texts of very many new and short series: those
+// meet a full disk when they are written.
+constexpr uint64_t JOURNAL_BYTES_PER_TEXT_BYTE = 4;
+constexpr uint64_t JOURNAL_BYTES_PER_BATCH = 64 << 10;
+
+StoreConfig config_of_new(const WriterOptions &options) {
+  StoreConfig config;
+  config.layout = options.layout.value_or(NEWEST_LAYOUT);
+  config.retain_ns = options.retain_ns.value_or(0);
+  config.idle_ns = options.idle_ns.value_or(0);
+  config.reuse_inactive_pct = options.reuse_inactive_pct.value_or(0);
+  return config;
+}
+
+}  // namespace
+
+DatabaseWriter::DatabaseWriter(const std::string &folder, const WriterOptions &options)
+    : database_(folder, Database::Use::create), options_(options), settled_(File::poll_group()) {
+  if (!database_.newest()) NewGeneration(database_).write_streams(Store(config_of_new(options)));
+  Opened opened = database_.open({options.salvage, options.layout});
+  generation_ = opened.stored.generation;
+  for (const std::string &line : {opened.passed_over, opened.journal.what})
+    if (!line.empty()) found_ += line + "\n";
+  const StoreConfig before = opened.store.config();
+  take_store(std::move(opened.store));
+  // Records of the journal are of arrays as they lie in the generation that it follows. So it begins anew where they are
+  // not those any more.
+  const bool is_as_stored =
+      found_.empty() && opened.stored.kind == StoreKind::snapshot && opened.stored.layout == before.layout;
+  if (is_as_stored)
+    start_journal(opened.journal);
+  else
+    snapshot();
+  forget_as_told();
+}
+
+DatabaseWriter::~DatabaseWriter() = default;
+
+void DatabaseWriter::take_store(Store &&store) {
+  loader_.reset();
+  store_.reset();
+  store_.emplace(std::move(store));
+  loader_ = std::make_unique<Loader>(*store_, [this](uint64_t line, const std::string &reason) {
+    if (taken_.malformed++ == 0) taken_.first_reason = fmt::format("line {}: {}", line, reason);
+  });
+}
+
+// What the options say replaces what the database has, from here on and for later openings.
+void DatabaseWriter::forget_as_told() {
+  const StoreConfig now = store_->config();
+  const int64_t retain_ns = options_.retain_ns.value_or(now.retain_ns);
+  const int64_t idle_ns = options_.idle_ns.value_or(now.idle_ns);
+  const uint8_t reuse_inactive_pct = options_.reuse_inactive_pct.value_or(now.reuse_inactive_pct);
+  if (retain_ns == now.retain_ns && idle_ns == now.idle_ns && reuse_inactive_pct == now.reuse_inactive_pct) return;
+  store_->forget_by(retain_ns, idle_ns, reuse_inactive_pct);
+  has_taken_ = true;
+  commit();
+}
+
+// ---- Journals ----
+
+void DatabaseWriter::start_journal(const Replayed &replayed) {
+  const std::string path = database_.journal_path(generation_);
+  journal_ = replayed.has_journal ? std::make_unique<Journal>(path, replayed.place, options_.sync)
+                                  : std::make_unique<Journal>(path, generation_, options_.sync);
+  if (!replayed.has_journal) File::folder(database_.folder()).sync();
+  next_snapshot_at_ = options_.snapshot_bytes;
+  struct epoll_event event = {};
+  event.events = EPOLLIN;
+  if (epoll_ctl(settled_.fd(), EPOLL_CTL_ADD, journal_->event_fd(), &event) != 0)
+    fail_file(path, "its event cannot be watched");
+  begin_log();
+}
+
+void DatabaseWriter::begin_log() {
+  redo_.emplace(*journal_);
+  store_->begin_log();
+}
+
+// Its tickets are settled by then.
+void DatabaseWriter::stop_journal() {
+  redo_.reset();
+  if (!journal_) return;
+  for (uint64_t ticket = tickets_before_ + 1; has_refused_ && ticket <= last_ticket_; ++ticket)
+    if (std::string why = failure(ticket); !why.empty()) failures_.emplace(ticket, std::move(why));
+  has_refused_ = false;
+  tickets_before_ = last_ticket_;
+  journal_.reset();
+}
+
+// Brings the arrays back to what is durable, if the journal has refused what they hold.
+void DatabaseWriter::restore_if_refused() {
+  if (!journal_->is_failed()) return;
+  has_refused_ = true;
+  const std::string why = journal_->failure(last_ticket_ - tickets_before_);
+  if (journal_->is_broken()) throw DatabaseError(fmt::format("{}: is of no use any more: {}", journal_->path(), why));
+  TSLB_DLOG(LOG_REFUSALS, "%s: a batch was refused, the arrays are read back: %s", database_.folder().c_str(),
+            why.c_str());
+  redo_.reset();
+  Opened opened = database_.open();
+  if (opened.journal.place.position != journal_->settled_end())
+    throw DatabaseError(fmt::format("{}: ends at byte {}, and byte {} was settled", journal_->path(),
+                                    opened.journal.place.position, journal_->settled_end()));
+  take_store(std::move(opened.store));
+  journal_->restart();
+  begin_log();
+}
+
+// ---- Batches ----
+
+void DatabaseWriter::expect_room(size_t text_bytes) {
+  std::string why;
+  if (!journal_->reserve(text_bytes * JOURNAL_BYTES_PER_TEXT_BYTE + JOURNAL_BYTES_PER_BATCH, &why))
+    throw IngestRefused(why);
+}
+
+Taken DatabaseWriter::take(std::string_view text, Precision precision) {
+  if (!journal_) {
+    try {
+      start_journal({});
+    } catch (const FileError &error) {
+      throw IngestRefused(error.what());
+    }
+  }
+  if (!has_taken_) restore_if_refused();
+  if (journal_->is_failed()) throw IngestRefused("the batch that this belongs to is refused");
+  expect_room(text.size());
+  taken_ = {};
+  has_taken_ = true;
+  const LoadStats before = loader_->stats();
+  try {
+    loader_->load(text, precision, int64_t{tslb_get_time(nullptr)} * NS_PER_S);
+  } catch (const LoadStopped &stopped) {
+    // What was stored stays: the store is full, not broken.
+    taken_.malformed +=
+        static_cast<uint64_t>(std::count(text.begin(), text.end(), '\n')) + 1 - (loader_->stats().lines - before.lines);
+    taken_.first_reason = fmt::format("line {}: {}", stopped.line(), stopped.what());
+  }
+  taken_.points = loader_->stats().points - before.points;
+  return taken_;
+}
+
+uint64_t DatabaseWriter::commit() {
+  if (!has_taken_) return last_ticket_;
+  store_->log_changes();
+  last_ticket_ = tickets_before_ + journal_->commit(figures_text(store_->config(), store_->state()));
+  has_taken_ = false;
+  if (options_.snapshot_bytes != 0 && journal_->end() > next_snapshot_at_) {
+    next_snapshot_at_ = journal_->end() + options_.snapshot_bytes;  // unless this one comes to its end
+    try {
+      snapshot();
+    } catch (const std::runtime_error &error) {
+      TSLB_DLOG(LOG_REFUSALS, "no new generation: %s", error.what());
+    }
+  }
+  return last_ticket_;
+}
+
+uint64_t DatabaseWriter::settled() {
+  if (!journal_) return last_ticket_;
+  uint64_t n_events;
+  [[maybe_unused]] const ssize_t got = read(journal_->event_fd(), &n_events, sizeof n_events);  // ahead of the question
+  return tickets_before_ + journal_->settled();
+}
+
+std::string DatabaseWriter::failure(uint64_t ticket) {
+  if (ticket > tickets_before_) return journal_->failure(ticket - tickets_before_);
+  const auto known = failures_.find(ticket);
+  return known == failures_.end() ? "" : known->second;
+}
+
+std::string DatabaseWriter::wait(uint64_t ticket) {
+  if (ticket > tickets_before_) journal_->wait(ticket - tickets_before_);
+  return failure(ticket);
+}
+
+Stored DatabaseWriter::snapshot() {
+  commit();
+  if (last_ticket_ != 0) {
+    if (const std::string why = wait(last_ticket_); !why.empty()) throw DatabaseError(why);
+  }
+  const Stored stored = NewGeneration(database_).write_streams(*store_);
+  generation_ = stored.generation;
+  stop_journal();
+  start_journal({});
+  return stored;
+}
+
+void DatabaseWriter::close() {
+  if (journal_) journal_->close();
+}
+
+}  // namespace metricdb

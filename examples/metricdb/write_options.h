@@ -1,0 +1,18 @@
+// From the words of the command line to what the classes behind it take.
+#pragma once
+
+#include <string>
+
+#include "commands.h"
+#include "database_writer.h"
+#include "line_protocol.h"
+
+namespace metricdb {
+
+Precision precision_of(const std::string &unit);
+WriterOptions writer_options_of(const WriteArguments &arguments);
+
+// What was found at an opening that is not as it should be, line by line, goes to stderr and the log.
+void tell_found(const std::string &lines);
+
+}  // namespace metricdb
