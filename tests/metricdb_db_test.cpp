@@ -28,6 +28,7 @@
 
 #include "checksum.h"
 #include "database.h"
+#include "metricdb_support.h"
 #include "report.h"
 #include "store.h"
 #include "store_internal.h"
@@ -35,94 +36,8 @@
 namespace metricdb {
 namespace {
 
-namespace fs = std::filesystem;
 using testing::HasSubstr;
 using testing::StartsWith;
-
-std::string read_file(const fs::path &path) {
-  std::ifstream file(path, std::ios::binary);
-  EXPECT_TRUE(file.good()) << path;
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-// In place, not truncated first: that makes a file system write to the disk, thousands of times here.
-void write_file(const fs::path &path, const std::string &bytes) {
-  if (!fs::exists(path)) std::ofstream(path, std::ios::binary);
-  std::fstream(path, std::ios::binary | std::ios::in | std::ios::out) << bytes;
-  fs::resize_file(path, bytes.size());
-}
-
-// Everything under a folder: contents by name; of a folder, that it is there.
-std::map<std::string, std::string> tree_of(const fs::path &folder) {
-  std::map<std::string, std::string> tree;
-  for (const auto &entry : fs::recursive_directory_iterator(folder))
-    tree[fs::relative(entry.path(), folder).string()] = entry.is_regular_file() ? read_file(entry.path()) : "";
-  return tree;
-}
-
-std::vector<std::string> names_in(const fs::path &folder) {
-  std::vector<std::string> names;
-  for (const auto &entry : fs::directory_iterator(folder)) names.push_back(entry.path().filename().string());
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
-class Folder : public testing::Test {
- protected:
-  void SetUp() override {
-    char name[] = "/tmp/metricdb_db_test_XXXXXX";
-    ASSERT_NE(mkdtemp(name), nullptr);
-    root_ = name;
-    // The clock stands still: its readings lie in the catalogue's nodes, and two stores shall be equal to the byte.
-    tslb_set_tsdb_start_ts(1'700'000'000);
-    tslb_set_timer_factor(1e18);
-  }
-  void TearDown() override {
-    tslb_set_timer_factor(1.0);
-    tslb_set_tsdb_start_ts(0);
-    fs::remove_all(root_);
-  }
-  std::string path(const std::string &name) const { return (root_ / name).string(); }
-
-  fs::path root_;
-};
-
-// The blocks of all arrays as they lie in memory, headers, nodes and lists included.
-std::string image_of(const Store &store) {
-  std::string image;
-  for (DynArrHandle_t *array : {store.catalogue(), store.keys(), store.points()}) {
-    const auto add = [](DynamicArray_t, void *block, int, size_t bytes, int, int, int, int, void *to) {
-      static_cast<std::string *>(to)->append(static_cast<const char *>(block), bytes);
-      return 0;
-    };
-    tslb_iterate_dyn_array_blocks(array, add, &image);
-  }
-  return image;
-}
-
-std::string figures_of(const Store &store) {
-  const StoreState state = store.state();
-  const Forgotten &gone = state.forgotten;
-  return fmt::format("{} {} {} {} | {} {} {} {} {} {} {} | {} {}", state.n_series, state.n_points, state.data_time_ns,
-                     state.n_since_sweep, gone.late_points, gone.points, gone.chunks, gone.series_aged,
-                     gone.series_reused, gone.key_slots, gone.point_slots, store.n_visible(), store.n_inactive());
-}
-
-// Endless input, the same for each of its kind: keys that come, fall silent and return, and points that come late.
-class Feed {
- public:
-  void into(Store &store, int n_points) {
-    for (int i = 0; i < n_points; ++i, ++n_) {
-      const uint64_t age = random_() % 16 == 0 ? random_() % 3000 : random_() % 8;
-      const std::string key = fmt::format("m,n={} f", n_ / 700 * 5 + random_() % (1 + n_ / 100 % 40));
-      store.add(key, {static_cast<int64_t>(n_ - age), static_cast<double>(random_())});
-    }
-  }
-
- private:
-  std::mt19937 random_{20250607};
-  uint64_t n_ = 10'000;
-};
 
 Stored keep(Database &database, const Store &store) {
   return NewGeneration(database).write_streams(store);
@@ -924,13 +839,13 @@ TEST_F(Program, LoadsKeepsAndShowsFromAnotherProcess) {
     SCOPED_TRACE(store);
     const std::string db = "db_" + store;
     expect_good(fmt::format("load --db {} --store {} first.lp --check", db, store), "check: 1500 points match\n");
-    expect_good("stat " + db, fmt::format("database         {}: generation 1, store {}, ", db, store));
-    expect_good("stat " + db,
+    expect_good("stat --db " + db, fmt::format("database         {}: generation 1, store {}, ", db, store));
+    expect_good("stat --db " + db,
                 "series           3, 0 inactive\nvisible points   1500, and 0 hidden beside them\n"
                 "oldest           0 (1970-01-01 00:00:00.000000000 UTC)\n"
                 "newest           499 (1970-01-01 00:00:00.000000499 UTC)\n");
-    expect_good("series " + db + " 'cpu*user'", "cpu,host=a user    500    0  499  249.5   499  ▁");
-    expect_good("series " + db, "load one ");
+    expect_good("series --db " + db + " 'cpu*user'", "cpu,host=a user    500    0  499  249.5   499  ▁");
+    expect_good("series --db " + db, "load one ");
     expect_good(fmt::format("check --db {} first.lp", db), "check: 1500 points match\n");
     expect_good(fmt::format("load --db {} second.lp", db), ": generation 2, store snapshot, ");
     expect_good(fmt::format("check --db {} first.lp second.lp", db), "check: 2500 points match\n");
@@ -941,9 +856,9 @@ TEST_F(Program, LoadsKeepsAndShowsFromAnotherProcess) {
     EXPECT_THAT(wrong.out, HasSubstr("differences"));
   }
   expect_good("load --db straight first.lp second.lp");
-  const std::string shown = run("series straight").out;
-  EXPECT_EQ(run("series db_snapshot").out, shown);
-  EXPECT_EQ(run("series db_shm").out, shown);
+  const std::string shown = run("series --db straight").out;
+  EXPECT_EQ(run("series --db db_snapshot").out, shown);
+  EXPECT_EQ(run("series --db db_shm").out, shown);
 }
 
 TEST_F(Program, BlockFilesBecomeASnapshotInPlace) {
@@ -962,13 +877,13 @@ TEST_F(Program, RetentionIsKeptWithTheDatabase) {
   expect_good("load --db db --precision ms later.lp", "visible points   601, and ");
   expect_good("check --db db --precision ms first.lp later.lp", "check: 601 points match\n");
   expect_good("load --db db --precision ms old.lp", "1 that came too late");
-  expect_good("stat db", "visible points   601, and ");
+  expect_good("stat --db db", "visible points   601, and ");
   expect_good("check --db db --precision ms first.lp later.lp old.lp", "check: 601 points match\n");
   write_file(root_ / "far.lp", "other f=1 9000\n");
   expect_good("load --db db --precision ms far.lp", "3 series aged");
-  expect_good("stat db", "series           1, 0 inactive\nvisible points   1, and 0 hidden");
+  expect_good("stat --db db", "series           1, 0 inactive\nvisible points   1, and 0 hidden");
   expect_good("load --db db --precision ms --retain 100000 old.lp");
-  expect_good("stat db", "series           2, 0 inactive\nvisible points   2, and 0 hidden");
+  expect_good("stat --db db", "series           2, 0 inactive\nvisible points   2, and 0 hidden");
 }
 
 TEST_F(Program, RefusesInOneLineAndChangesNothing) {
@@ -988,12 +903,12 @@ TEST_F(Program, RefusesInOneLineAndChangesNothing) {
       {"load --db new --store shm none.lp", "none.lp: cannot be read: No such file or directory"},
       {"load --db no/such/folder first.lp", "no/such/folder: cannot be made: No such file or directory"},
       {"load --db plain first.lp", "plain: cannot be opened: Not a directory"},
-      {"stat plain", "plain: cannot be opened: Not a directory"},
-      {"stat none", "none: cannot be opened: No such file or directory"},
-      {"series none", "none: cannot be opened: No such file or directory"},
+      {"stat --db plain", "plain: cannot be opened: Not a directory"},
+      {"stat --db none", "none: cannot be opened: No such file or directory"},
+      {"series --db none", "none: cannot be opened: No such file or directory"},
       {"snapshot --db none", "none: cannot be opened: No such file or directory"},
       {"check --db none first.lp", "none: cannot be opened: No such file or directory"},
-      {"stat .", ".: holds no database"},
+      {"stat --db .", ".: holds no database"},
       {"snapshot --db .", ".: holds no database"},
       {"check --db reusing first.lp",
        "check cannot tell which series --reuse-inactive-pct gives away: use one of them"},
@@ -1004,7 +919,7 @@ TEST_F(Program, RefusesInOneLineAndChangesNothing) {
 
   fs::resize_file(root_ / "db/generation.1/points.stream", 99);
   const std::string told = "db/generation.1/points.stream: 99 bytes long, the manifest says ";
-  for (const std::string arguments : {"stat db", "series db", "snapshot --db db", "load --db db second.lp"}) {
+  for (const std::string arguments : {"stat --db db", "series --db db", "snapshot --db db", "load --db db second.lp"}) {
     const auto before = tree_of(root_);
     const Outcome outcome = run(arguments);
     EXPECT_EQ(outcome.exit_code, 1) << arguments;
@@ -1019,7 +934,7 @@ TEST_F(Program, MalformedLinesDoNotKeepTheRestOut) {
   const Outcome outcome = run("load --db db bad.lp");
   EXPECT_EQ(outcome.exit_code, 2);
   EXPECT_THAT(outcome.out, HasSubstr("generation 1"));
-  expect_good("stat db", "visible points   1, ");
+  expect_good("stat --db db", "visible points   1, ");
 }
 
 TEST_F(Program, LogsItsProgress) {
@@ -1052,10 +967,10 @@ TEST_F(Program, LogsItsProgress) {
         "|metricdb|bad.lp:2: ", "|metricdb|db/generation.1: opened, 4 series, 1501 points\n",
         "|metricdb|db/generation.1: points, 1 slots in 1 files, ", "generation 2 written"},
        {"refused"}},
-      {"stat none --log-level 1",
+      {"stat --db none --log-level 1",
        {"|metricdb|refused: none: cannot be opened: No such file or directory\n"},
        {"start"}},
-      {"stat db --log-level 1", {}, {"|"}},
+      {"stat --db db --log-level 1", {}, {"|"}},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.arguments);

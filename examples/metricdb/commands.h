@@ -84,6 +84,7 @@ int ingest(const IngestArguments &arguments);
 int verify(const VerifyArguments &arguments);
 int stat(const std::string &db);
 int series(const SeriesArguments &arguments);
+int export_points(const SeriesArguments &arguments);
 int record(const RecordArguments &arguments);
 
 }  // namespace metricdb

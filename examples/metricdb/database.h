@@ -69,7 +69,7 @@ struct OpenOptions {
   bool salvage = false;
   // Takes the catalogue to this layout, which is not newer than that of the database. In memory: only the next generation
   // has it.
-  std::optional<uint8_t> layout;
+  std::optional<uint8_t> layout = {};
 };
 
 class Database {
@@ -125,8 +125,12 @@ class NewGeneration {
   // Makes the library put block files here: for a store of MPOOL_TYPE_SHM, created next.
   void take_block_files() const;
 
+  uint64_t number() const { return number_; }
+  // Whether it is what the next opening takes.
+  bool is_in_place() const { return in_place_; }
+
   // Both write all that is missing and put the generation into place: one of them, once. A store whose block files were
-  // sealed is only read from then on.
+  // sealed is only read from then on. What they throw can come when it is in place and not known to be on the disk.
   Stored write_streams(const Store &store);
   Stored seal_block_files(const Store &store);
 

@@ -78,14 +78,16 @@ void DatabaseWriter::forget_as_told() {
 
 void DatabaseWriter::start_journal(const Replayed &replayed) {
   const std::string path = database_.journal_path(generation_);
-  journal_ = replayed.has_journal ? std::make_unique<Journal>(path, replayed.place, options_.sync)
-                                  : std::make_unique<Journal>(path, generation_, options_.sync);
-  if (!replayed.has_journal) File::folder(database_.folder()).sync();
-  next_snapshot_at_ = options_.snapshot_bytes;
+  // One that could not be begun is empty, and in the way.
+  if (!replayed.has_journal) remove_file(path);
+  auto journal = replayed.has_journal ? std::make_unique<Journal>(path, replayed.place, options_.sync)
+                                      : std::make_unique<Journal>(path, generation_, options_.sync);
   struct epoll_event event = {};
   event.events = EPOLLIN;
-  if (epoll_ctl(settled_.fd(), EPOLL_CTL_ADD, journal_->event_fd(), &event) != 0)
+  if (epoll_ctl(settled_.fd(), EPOLL_CTL_ADD, journal->event_fd(), &event) != 0)
     fail_file(path, "its event cannot be watched");
+  journal_ = std::move(journal);
+  next_snapshot_at_ = options_.snapshot_bytes;
   begin_log();
 }
 
@@ -196,11 +198,23 @@ Stored DatabaseWriter::snapshot() {
   if (last_ticket_ != 0) {
     if (const std::string why = wait(last_ticket_); !why.empty()) throw DatabaseError(why);
   }
-  const Stored stored = NewGeneration(database_).write_streams(*store_);
-  generation_ = stored.generation;
+  NewGeneration next(database_);
+  try {
+    const Stored stored = next.write_streams(*store_);
+    begin_generation(next.number());
+    return stored;
+  } catch (const std::runtime_error &) {
+    // Once it is in place the next opening takes it, so nothing may go to the old journal any more, even if it is not
+    // known to be on the disk: beginning the new journal syncs the same folder.
+    if (next.is_in_place() && generation_ != next.number()) begin_generation(next.number());
+    throw;
+  }
+}
+
+void DatabaseWriter::begin_generation(uint64_t number) {
+  generation_ = number;
   stop_journal();
   start_journal({});
-  return stored;
 }
 
 void DatabaseWriter::close() {

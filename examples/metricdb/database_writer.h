@@ -6,6 +6,8 @@
 //
 // When the journal has grown beyond a limit, the arrays are written as a new generation, which a new journal follows.
 // That happens between two batches and takes as long as writing the arrays does. If it fails, the journal goes on.
+//
+// Threads: one. While a writer lives, no other store of the process changes: records are told apart by their tables.
 #pragma once
 
 #include <cstdint>
@@ -26,11 +28,11 @@ struct WriterOptions {
   Sync sync = Sync::batch;
   uint64_t snapshot_bytes = 256 << 20;  // of journal, for the next generation; 0: only when asked to
   bool salvage = false;
-  std::optional<uint8_t> layout;  // as in OpenOptions; of a new database: the layout that it gets
+  std::optional<uint8_t> layout = {};  // as in OpenOptions; of a new database: the layout that it gets
   // What a store forgets; none: as the database has it.
-  std::optional<int64_t> retain_ns;
-  std::optional<int64_t> idle_ns;
-  std::optional<uint8_t> reuse_inactive_pct;
+  std::optional<int64_t> retain_ns = {};
+  std::optional<int64_t> idle_ns = {};
+  std::optional<uint8_t> reuse_inactive_pct = {};
 };
 
 class DatabaseWriter final : public Ingest {
@@ -67,6 +69,7 @@ class DatabaseWriter final : public Ingest {
   void start_journal(const Replayed &replayed);
   void begin_log();
   void stop_journal();
+  void begin_generation(uint64_t number);
   void restore_if_refused();
   void expect_room(size_t text_bytes);
 

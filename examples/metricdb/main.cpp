@@ -188,10 +188,10 @@ CLI::App *add_stat(CLI::App &app, std::string &db) {
   return command;
 }
 
-CLI::App *add_series(CLI::App &app, SeriesArguments &arguments) {
-  CLI::App *const command = app.add_subcommand("series", "show the series of a database");
+CLI::App *add_of_series(CLI::App &app, SeriesArguments &arguments, const char *name, const char *what) {
+  CLI::App *const command = app.add_subcommand(name, what);
   add_db(command, arguments.db, "the database's folder");
-  command->add_option("PATTERN", arguments.pattern, "only those whose keys match, as in 'cpu,*core=0* user'")
+  command->add_option("PATTERN", arguments.pattern, "only series whose keys match, as in 'cpu,*core=0* user'")
       ->type_name("");
   command->footer("Exit: 0; 1 the database is damaged or cannot be read.");
   return command;
@@ -246,7 +246,7 @@ int main(int argc, char **argv) {
   LogArguments log;
   LoadArguments load_arguments;
   CheckArguments check_arguments;
-  SeriesArguments series_arguments;
+  SeriesArguments series_arguments, export_arguments;
   RecordArguments record_arguments;
   IngestArguments ingest_arguments;
   SnapshotArguments snapshot_arguments;
@@ -259,7 +259,9 @@ int main(int argc, char **argv) {
   const CLI::App *const is_snapshot = add_snapshot(app, snapshot_arguments);
   const CLI::App *const is_verify = add_verify(app, verify_arguments);
   const CLI::App *const is_stat = add_stat(app, stat_db);
-  const CLI::App *const is_series = add_series(app, series_arguments);
+  const CLI::App *const is_series = add_of_series(app, series_arguments, "series", "show the series of a database");
+  const CLI::App *const is_export =
+      add_of_series(app, export_arguments, "export", "write the points of a database as line protocol");
   add_record(app, record_arguments);
   try {
     app.parse(argc, argv);
@@ -276,6 +278,7 @@ int main(int argc, char **argv) {
     if (*is_verify) return verify(verify_arguments);
     if (*is_stat) return stat(stat_db);
     if (*is_series) return series(series_arguments);
+    if (*is_export) return export_points(export_arguments);
     return record(record_arguments);
   } catch (const std::exception &error) {
     TSLB_DLOG(LOG_REFUSALS, "refused: %s", error.what());

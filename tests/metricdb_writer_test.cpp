@@ -1,0 +1,271 @@
+// A database that is written to while it is open: what was settled comes back, whatever happens, and nothing else does.
+#include <gmock/gmock.h>
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <functional>
+#include <set>
+
+#include "database_writer.h"
+#include "io_faults.h"
+#include "metricdb_support.h"
+
+namespace metricdb {
+namespace {
+
+using testing::HasSubstr;
+
+// "value@time ..." by key, in order of arrival; behind it what lists and records say.
+std::map<std::string, std::string> content_of(const Store &store) {
+  std::map<std::string, std::string> content;
+  for (uint32_t series = 0; series < store.n_slots(); ++series) {
+    if (!store.holds_series(series)) continue;
+    std::string &shown = content[std::string(store.key(series))];
+    PointCursor cursor(store, series);
+    for (Point point; cursor.next(point);) shown += fmt::format("{}@{} ", point.value, point.ts_ns);
+    const SeriesRecord record = store.record(series);
+    shown += fmt::format("| {} {} {} {} {}", series, store.is_inactive(series), record.n_points(),
+                         record.written_at_ns(), record.interval_ms());
+  }
+  return content;
+}
+
+// Batch `number` of an endless input: keys that come, fall silent and return, and points that come late.
+std::string batch_text(int number) {
+  std::mt19937 random(static_cast<uint32_t>(number) + 20261125u);
+  std::string text;
+  for (int i = 0; i < 60; ++i) {
+    const int64_t ts_ns = 10'000 + number * 60 + i - (random() % 16 == 0 ? random() % 3000 : random() % 8);
+    text += fmt::format("m,n={} f={},g={} {}\n", number / 15 * 5 + static_cast<int>(random() % 9), random() % 100,
+                        random() * 0.25, ts_ns);
+  }
+  return text;
+}
+
+// A store in memory alone. Never beside a writer: its arrays would be logged as the writer's.
+class Model {
+ public:
+  explicit Model(const StoreConfig &config = {})
+      : store_(config), loader_(store_, [](uint64_t, const std::string &reason) { ADD_FAILURE() << reason; }) {}
+  void take(std::string_view text) { loader_.load(text, Precision::ns, 0); }
+  Store &store() { return store_; }
+
+ private:
+  Store store_;
+  Loader loader_;
+};
+
+class Writer : public Folder {
+ protected:
+  std::string db() const { return path("db"); }
+
+  // A batch, waited for. Why it was refused, or nothing.
+  static std::string put(DatabaseWriter &writer, std::string_view text) {
+    try {
+      const Taken taken = writer.take(text, Precision::ns);
+      EXPECT_EQ(taken.malformed, 0u) << taken.first_reason;
+      return writer.wait(writer.commit());
+    } catch (const IngestRefused &refused) {
+      return refused.what();
+    }
+  }
+
+  Opened reopened() const { return Database(db(), Database::Use::read).open(); }
+};
+
+struct ForgettingRow {
+  const char *what;
+  WriterOptions options;
+};
+
+const ForgettingRow FORGETTING[] = {
+    {"everything stays", {}},
+    {"retention and idleness", {.retain_ns = 2500, .idle_ns = 300}},
+    {"reuse of inactive series", {.idle_ns = 300, .reuse_inactive_pct = 20}},
+    {"an older layout", {.layout = OLDEST_LAYOUT, .retain_ns = 2500, .idle_ns = 300}},
+};
+
+// Against a store in memory alone that took the same batches. Each opening adds to a journal, or begins a generation.
+TEST_F(Writer, ComesBackAsIfItHadNeverBeenClosed) {
+  constexpr int N_BATCHES = 240;
+  for (const auto &row : FORGETTING) {
+    for (const uint64_t snapshot_bytes : {uint64_t{0}, uint64_t{60'000}}) {
+      SCOPED_TRACE(fmt::format("{}, a snapshot behind {} bytes", row.what, snapshot_bytes));
+      fs::remove_all(db());
+      WriterOptions options = row.options;
+      options.snapshot_bytes = snapshot_bytes;
+      StoreConfig config;
+      config.layout = options.layout.value_or(NEWEST_LAYOUT);
+      config.points_per_sweep = 65'536;
+      Model straight(config);
+      straight.store().forget_by(options.retain_ns.value_or(0), options.idle_ns.value_or(0),
+                                 options.reuse_inactive_pct.value_or(0));
+      uint64_t last_generation = 0;
+      for (int number = 0; number < N_BATCHES; number += 40) {
+        {
+          DatabaseWriter writer(db(), options);
+          EXPECT_EQ(writer.found(), "");
+          ASSERT_EQ(content_of(writer.store()), content_of(straight.store())) << "batch " << number;
+          ASSERT_EQ(figures_of(writer.store()), figures_of(straight.store())) << "batch " << number;
+          for (int i = 0; i < 40; ++i) ASSERT_EQ(put(writer, batch_text(number + i)), "");
+        }
+        for (int i = 0; i < 40; ++i) straight.take(batch_text(number + i));
+        last_generation = reopened().stored.generation;
+      }
+      EXPECT_EQ(last_generation > 1, snapshot_bytes != 0);
+      EXPECT_EQ(content_of(reopened().store), content_of(straight.store()));
+    }
+  }
+}
+
+TEST_F(Writer, WhatIsNotCommittedIsNotThere) {
+  {
+    DatabaseWriter writer(db(), {});
+    ASSERT_EQ(put(writer, "m f=1 1\n"), "");
+    writer.take("m f=2 2\nn f=3 3\n", Precision::ns);
+    EXPECT_EQ(writer.settled(), 1u);
+    const Opened opened = reopened();
+    EXPECT_EQ(opened.store.n_points(), 1u);
+    EXPECT_EQ(opened.store.n_series(), 1u);
+  }
+  EXPECT_EQ(reopened().store.n_points(), 1u);
+}
+
+TEST_F(Writer, MalformedLinesAndFullPoolsAreToldAndTheRestIsKept) {
+  DatabaseWriter writer(db(), {});
+  const Taken taken = writer.take("m f=1 1\nnonsense\nm f=2 2\n= \n", Precision::ns);
+  EXPECT_EQ(taken.points, 2u);
+  EXPECT_EQ(taken.malformed, 2u);
+  EXPECT_EQ(taken.first_reason, "line 2: no fields");
+  EXPECT_EQ(writer.commit(), 1u);
+  EXPECT_EQ(writer.commit(), 1u) << "nothing came since";
+  EXPECT_EQ(writer.wait(1), "");
+  EXPECT_EQ(reopened().store.n_points(), 2u);
+}
+
+// Every step on the way to the disk fails once, with batches, snapshots and openings around it: the batches that were
+// settled as good are there afterwards, those that were refused are not, and the database goes on.
+TEST_F(Writer, AFailureAnywhereRefusesABatchAndLosesNothing) {
+  constexpr int N_BATCHES = 6;
+  WriterOptions options;
+  options.snapshot_bytes = 20'000;
+  uint64_t n_refused = 0, n_in_snapshots = 0;
+  for (uint64_t k = 1;; ++k) {
+    SCOPED_TRACE(fmt::format("step {}", k));
+    fs::remove_all(db());
+    { DatabaseWriter first(db(), options); }
+    std::vector<int> settled;
+    const uint64_t before = io_operations();
+    fail_at_io(k, ENOSPC);
+    bool met_end = false, is_broken = false;
+    try {
+      DatabaseWriter writer(db(), options);
+      for (int number = 0; number < N_BATCHES; ++number) {
+        const std::string why = put(writer, batch_text(number));
+        if (why.empty())
+          settled.push_back(number);
+        else
+          ++n_refused;
+      }
+      met_end = io_operations() - before < k;
+      writer.close();
+    } catch (const std::runtime_error &error) {
+      // A sync that failed, or an opening: told, and for the next process to go on from.
+      EXPECT_THAT(error.what(), HasSubstr("db")) << error.what();
+      ++n_refused;
+      is_broken = true;
+    }
+    fail_at_io(0, 0);
+    // What a broken journal had not settled may have reached the disk all the same.
+    Model straight, with_next;
+    for (const int number : settled) straight.take(batch_text(number));
+    for (const int number : settled) with_next.take(batch_text(number));
+    with_next.take(batch_text(settled.empty() ? 0 : settled.back() + 1));
+    DatabaseWriter again(db(), options);
+    const auto found = content_of(again.store());
+    EXPECT_TRUE(found == content_of(straight.store()) || (is_broken && found == content_of(with_next.store())))
+        << "neither what was settled, nor that and the batch at hand";
+    n_in_snapshots += again.store().n_points() == 0 ? 0 : 1;
+    EXPECT_EQ(put(again, batch_text(100)), "");
+    if (met_end) break;
+    ASSERT_LT(k, 500u) << "it does not end";
+  }
+  EXPECT_GT(n_refused, 5u) << "too few steps failed for this to show anything";
+  EXPECT_GT(n_in_snapshots, 5u);
+}
+
+// ---- The program, ended at each step ----
+
+class Crash : public Writer {
+ protected:
+  // What the program printed; -1 for a process that was killed.
+  std::pair<int, std::string> run(const std::string &environment, const std::string &arguments) const {
+    const std::string command =
+        fmt::format("cd {} && {} {} {} >out.txt 2>err.txt", root_.string(), environment, METRICDB, arguments);
+    const int status = std::system(command.c_str());
+    const int code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return {code == 128 + SIGKILL ? -1 : code, read_file(root_ / "out.txt") + read_file(root_ / "err.txt")};
+  }
+
+  static uint64_t n_durable(const std::string &out) {
+    const size_t last = out.rfind("durable ");
+    return last == out.npos ? 0 : std::stoull(out.substr(last + 8));
+  }
+};
+
+TEST_F(Crash, AtEachStepWhatWasAcknowledgedIsThereAndNothingElse) {
+  // Batches of 5 lines; a journal of more than a mebibyte begins a generation, several times on the way.
+  constexpr int N_LINES = 30;
+  std::string input;
+  std::vector<std::string> lines;
+  for (int i = 0; i < N_LINES; ++i) {
+    std::string line = fmt::format("m,n={} ", i % 7);
+    for (int field = 0; field < 400; ++field)
+      line += fmt::format("f{}={}{}", field, i * field, field == 399 ? "" : ",");
+    line += fmt::format(" {}\n", 1000 + i);
+    lines.push_back(line);
+    input += line;
+  }
+  write_file(root_ / "input.lp", input);
+  const std::string ingest = "ingest --db db --batch-lines 5 --snapshot-mb 1 --acks input.lp";
+  std::set<uint64_t> acknowledged;
+  int n_killed = 0;
+  for (int k = 1;; ++k) {
+    SCOPED_TRACE(fmt::format("step {}", k));
+    fs::remove_all(root_ / "db");
+    const auto [code, out] = run(fmt::format("METRICDB_CRASH_AT={}", k), ingest);
+    const uint64_t n_acknowledged = n_durable(out);
+    if (code == 0) {
+      EXPECT_EQ(n_acknowledged, uint64_t{N_LINES});
+      break;
+    }
+    ASSERT_EQ(code, -1) << out;
+    ++n_killed;
+    acknowledged.insert(n_acknowledged);
+    uint64_t n_found = 0;
+    // Ahead of the first generation there is nothing, and nothing was acknowledged.
+    if (Database(db(), Database::Use::create).newest()) {
+      const Opened opened = reopened();
+      ASSERT_EQ(opened.store.n_points() % (5 * 400), 0u) << "a part of a batch";
+      n_found = opened.store.n_points() / 400;
+      Model straight;
+      for (uint64_t i = 0; i < n_found; ++i) straight.take(lines[i]);
+      ASSERT_EQ(content_of(opened.store), content_of(straight.store()));
+    }
+    ASSERT_GE(n_found, n_acknowledged) << "what was acknowledged is lost";
+    // And it goes on: the rest follows, as if nothing had been.
+    std::string rest;
+    for (uint64_t i = n_found; i < lines.size(); ++i) rest += lines[i];
+    write_file(root_ / "rest.lp", rest);
+    const auto [went_on, said] = run("", "ingest --db db --batch-lines 5 --snapshot-mb 1 rest.lp");
+    ASSERT_EQ(went_on, 0) << said;
+    Model whole;
+    whole.take(input);
+    ASSERT_EQ(content_of(reopened().store), content_of(whole.store()));
+  }
+  EXPECT_GT(n_killed, 40) << "too few steps";
+  EXPECT_GT(acknowledged.size(), 2u) << "the steps did not fall between the batches";
+}
+
+}  // namespace
+}  // namespace metricdb

@@ -1,0 +1,113 @@
+// What tests of metricdb's databases share: a folder of their own, files in it, and stores to compare.
+#ifndef METRICDB_SUPPORT_H
+#define METRICDB_SUPPORT_H
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <tslb_util.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "store.h"
+
+namespace metricdb {
+
+namespace fs = std::filesystem;
+
+inline std::string read_file(const fs::path &path) {
+  std::ifstream file(path, std::ios::binary);
+  EXPECT_TRUE(file.good()) << path;
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// In place, not truncated first: that makes a file system write to the disk, thousands of times here.
+inline void write_file(const fs::path &path, const std::string &bytes) {
+  if (!fs::exists(path)) std::ofstream(path, std::ios::binary);
+  std::fstream(path, std::ios::binary | std::ios::in | std::ios::out) << bytes;
+  fs::resize_file(path, bytes.size());
+}
+
+// Everything under a folder: contents by name; of a folder, that it is there.
+inline std::map<std::string, std::string> tree_of(const fs::path &folder) {
+  std::map<std::string, std::string> tree;
+  for (const auto &entry : fs::recursive_directory_iterator(folder))
+    tree[fs::relative(entry.path(), folder).string()] = entry.is_regular_file() ? read_file(entry.path()) : "";
+  return tree;
+}
+
+inline std::vector<std::string> names_in(const fs::path &folder) {
+  std::vector<std::string> names;
+  for (const auto &entry : fs::directory_iterator(folder)) names.push_back(entry.path().filename().string());
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+class Folder : public testing::Test {
+ protected:
+  void SetUp() override {
+    // In memory where that can be: what is synced there costs nothing, and the faults are as good.
+    std::string name = (fs::exists("/dev/shm") ? "/dev/shm" : "/tmp") + std::string("/metricdb_test_XXXXXX");
+    ASSERT_NE(mkdtemp(name.data()), nullptr);
+    root_ = name;
+    // The clock stands still: its readings lie in the catalogue's nodes, and two stores shall be equal to the byte.
+    tslb_set_tsdb_start_ts(1'700'000'000);
+    tslb_set_timer_factor(1e18);
+  }
+  void TearDown() override {
+    tslb_set_timer_factor(1.0);
+    tslb_set_tsdb_start_ts(0);
+    fs::remove_all(root_);
+  }
+  std::string path(const std::string &name) const { return (root_ / name).string(); }
+
+  fs::path root_;
+};
+
+// The blocks of all arrays as they lie in memory, headers, nodes and lists included.
+inline std::string image_of(const Store &store) {
+  std::string image;
+  for (DynArrHandle_t *array : {store.catalogue(), store.keys(), store.points()}) {
+    const auto add = [](DynamicArray_t, void *block, int, size_t bytes, int, int, int, int, void *to) {
+      static_cast<std::string *>(to)->append(static_cast<const char *>(block), bytes);
+      return 0;
+    };
+    tslb_iterate_dyn_array_blocks(array, add, &image);
+  }
+  return image;
+}
+
+inline std::string figures_of(const Store &store) {
+  const StoreState state = store.state();
+  const Forgotten &gone = state.forgotten;
+  return fmt::format("{} {} {} {} | {} {} {} {} {} {} {} | {} {}", state.n_series, state.n_points, state.data_time_ns,
+                     state.n_since_sweep, gone.late_points, gone.points, gone.chunks, gone.series_aged,
+                     gone.series_reused, gone.key_slots, gone.point_slots, store.n_visible(), store.n_inactive());
+}
+
+// Endless input, the same for each of its kind: keys that come, fall silent and return, and points that come late.
+class Feed {
+ public:
+  void into(Store &store, int n_points) {
+    for (int i = 0; i < n_points; ++i, ++n_) {
+      const uint64_t age = random_() % 16 == 0 ? random_() % 3000 : random_() % 8;
+      const std::string key = fmt::format("m,n={} f", n_ / 700 * 5 + random_() % (1 + n_ / 100 % 40));
+      store.add(key, {static_cast<int64_t>(n_ - age), static_cast<double>(random_())});
+    }
+  }
+
+ private:
+  std::mt19937 random_{20250607};
+  uint64_t n_ = 10'000;
+};
+
+}  // namespace metricdb
+
+#endif
