@@ -1,11 +1,11 @@
-/* Applies redo records to a replica: an array or pool in process memory that was loaded from a snapshot of the logged one,
- * or freshly created with the same parameters. One record after the other, in the order in which the hook got them,
- * makes the replica what the logged array was, as far as it was logged: what the library does not log of itself, the
- * host has to (tslb_dynarr.h), and n_alloc is always the replica's own.
+/* Applies redo records to a replica: an array or pool in process memory that was loaded from a snapshot of the logged
+ * one, or freshly created with the same parameters. One record after the other, in the order in which the hook got
+ * them, makes the replica what the logged array was, as far as it was logged: what the library does not log of itself,
+ * the host has to (tslb_dynarr.h), and n_alloc is always the replica's own.
  *
  * Nothing in a record is trusted. Each is compared with the geometry of the replica and stays within one slot or is all
- * of the headers. What the bytes mean, list roots, links and a pool's cursor, is only true of the end of a batch and not
- * of each record: array_check.h looks at it there. Until then nothing may use the replica but this. */
+ * of the headers. What the bytes mean, list roots, links and a pool's cursor, is only true of the end of a batch and
+ * not of each record: array_check.h looks at it there. Until then nothing may use the replica but this. */
 #ifndef REDO_APPLIER_H
 #define REDO_APPLIER_H
 
@@ -35,7 +35,8 @@ typedef struct redo_args_t {
  *            flags and counts that the replica was created with, and at least as many ids in use as it has.
  * kind       ARRAY_LOAD_* of array_loader.h: how the user header is read. Growth is refused where that is no pool.
  * max_slots  ids are issued as records name them, and their memory is made; this many at most.
- * error      of error_size bytes; receives one line without a line end, as in "record at 4096: ...", cut to fit. An empty
+ * error      of error_size bytes; receives one line without a line end, as in "record at 4096: ...", cut to fit. An
+ * empty
  *            text on success. May be null with size 0.
  * Result     0, or -1 if the record is refused: the replica is as it was, but after a lack of memory (with a line on
  *            stderr too) it can have more ids.

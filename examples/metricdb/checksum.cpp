@@ -55,6 +55,10 @@ __attribute__((target("sse4.2"))) uint32_t go_on_by_instruction(uint32_t crc, co
 
 }  // namespace
 
+uint32_t crc32c_by_table(const void *bytes, size_t count, uint32_t before) {
+  return ~go_on_by_table(~before, static_cast<const unsigned char *>(bytes), count);
+}
+
 uint32_t crc32c(const void *bytes, size_t count, uint32_t before) {
   static const auto go_on = __builtin_cpu_supports("sse4.2") ? go_on_by_instruction : go_on_by_table;
   return ~go_on(~before, static_cast<const unsigned char *>(bytes), count);

@@ -40,6 +40,15 @@ struct SeriesArguments {
   std::string pattern = "*";
 };
 
+struct QueryArguments {
+  std::string db;
+  std::string key;
+  std::string from, to;  // as time_text.h reads them; empty: no limit
+  std::string every;     // likewise; empty: the points themselves
+  std::string fn = "mean";
+  std::string format = "table";
+};
+
 struct RecordArguments {
   int seconds = 0;
   int interval_ms = 1000;
@@ -67,6 +76,13 @@ struct IngestArguments {
   bool acks = false;
 };
 
+struct ServeArguments {
+  WriteArguments write;
+  std::string address = "127.0.0.1";
+  std::optional<int> influx_port;  // 0: any that is free
+  std::optional<int> graphite_port;
+};
+
 struct SnapshotArguments {
   std::string db;
   std::optional<int> layout;
@@ -81,7 +97,9 @@ int load(const LoadArguments &arguments);
 int check(const CheckArguments &arguments);
 int snapshot(const SnapshotArguments &arguments);
 int ingest(const IngestArguments &arguments);
+int serve(const ServeArguments &arguments);
 int verify(const VerifyArguments &arguments);
+int query(const QueryArguments &arguments);
 int stat(const std::string &db);
 int series(const SeriesArguments &arguments);
 int export_points(const SeriesArguments &arguments);

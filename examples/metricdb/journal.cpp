@@ -137,8 +137,9 @@ uint64_t Journal::commit(std::string_view payload) {
 
 // What has to be had is had ahead of the first change: without memory a commit throws, and can be tried again.
 void Journal::make_room(size_t payload_bytes) {
-  batch_.reserve(batch_.size() + sizeof(MarkHead) + payload_bytes);
-  queue_.bytes.reserve(queue_.bytes.size() + batch_.capacity());
+  const size_t batch_bytes = batch_.size() + sizeof(MarkHead) + payload_bytes;
+  batch_.reserve(batch_bytes);
+  if (!queue_.bytes.empty()) queue_.bytes.reserve(queue_.bytes.size() + batch_bytes);
   if (queue_.batches.size() == queue_.batches.capacity()) queue_.batches.reserve(2 * queue_.batches.size() + 1);
   if (refused_.size() == refused_.capacity()) refused_.reserve(2 * refused_.size() + 1);
 }

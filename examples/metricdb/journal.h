@@ -1,14 +1,15 @@
 // The journal: what changed in a database's arrays since its last generation, in order, and which of it counts. This is
 // the writer; journal_reader.h reads, journal_format.h says how it lies in the file.
 //
-// Redo records are appended to a batch in memory. A commit ends the batch and hands it to a thread of the journal's own,
-// which writes and syncs, several waiting batches at once, while the next batch is filled. Each commit has a ticket,
-// 1, 2, 3 ...; tickets settle in that order, and a settled one either is on the disk or was refused with a reason.
+// Redo records are appended to a batch in memory. A commit ends the batch and hands it to a thread of the journal's
+// own, which writes and syncs, several waiting batches at once, while the next batch is filled. Each commit has a
+// ticket, 1, 2, 3 ...; tickets settle in that order, and a settled one either is on the disk or was refused with a
+// reason.
 //
 // When a write fails, the file is cut back behind the last settled batch, and the batches from there on are refused.
 // Their changes are in the arrays all the same, so nothing can follow: further commits are refused too, until the owner
-// has brought the arrays back to the last settled batch and calls restart(). When a sync fails, or the cut, nobody knows
-// what is on the disk and the kernel does not say it twice: the journal is broken for good.
+// has brought the arrays back to the last settled batch and calls restart(). When a sync fails, or the cut, nobody
+// knows what is on the disk and the kernel does not say it twice: the journal is broken for good.
 //
 // The process must ignore SIGXFSZ, or a limit on file sizes ends it in place of an error.
 #pragma once

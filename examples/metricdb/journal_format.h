@@ -1,4 +1,5 @@
-// A journal's file, byte by byte: what its writer and its reader share. All numbers are little-endian, nothing is aligned.
+// A journal's file, byte by byte: what its writer and its reader share. All numbers are little-endian, nothing is
+// aligned.
 //
 // Head
 //   0   8  magic
@@ -8,9 +9,8 @@
 //
 // Entries, back to back behind it
 //   0   4  length of the entry, these bytes included
-//   4   4  CRC-32C of generation, position of the entry in the file and length (8, 8, 4 bytes), then of all from byte 8 on
-//   8   8  sequence: 1 for the first entry of a file, then without a gap
-//   16  1  kind
+//   4   4  CRC-32C of generation, position of the entry in the file and length (8, 8, 4 bytes), then of all from byte 8
+//   on 8   8  sequence: 1 for the first entry of a file, then without a gap 16  1  kind
 //
 //          of a redo record                              of a mark
 //   17  1  rec_type                                      0

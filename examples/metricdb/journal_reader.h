@@ -40,10 +40,10 @@ struct JournalVisitor {
 };
 
 // Reads the whole file, which stays as it is; a writer can go on meanwhile, and the end is where the file ended at the
-// start of the call. A batch is given when its commit mark was read whole; it is in memory until then. Throws FileError,
-// and JournalDamaged for a file that is no journal, or for a fault that no crash explains: an entry is wrong, and a mark
-// behind it says that the disk had it. By then the batches ahead of the fault were given. With `salvage` those are what
-// is returned, as `damaged`, and the line says how much is lost.
+// start of the call. A batch is given when its commit mark was read whole; it is in memory until then. Throws
+// FileError, and JournalDamaged for a file that is no journal, or for a fault that no crash explains: an entry is
+// wrong, and a mark behind it says that the disk had it. By then the batches ahead of the fault were given. With
+// `salvage` those are what is returned, as `damaged`, and the line says how much is lost.
 ScanResult scan_journal(const std::string &path, const JournalVisitor &visitor, bool salvage = false);
 
 }  // namespace metricdb

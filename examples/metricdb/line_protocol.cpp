@@ -1,9 +1,12 @@
 #include "line_protocol.h"
 
+#include <emmintrin.h>
+#include <fast_float/fast_float.h>
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <charconv>
 #include <cmath>
 
@@ -27,6 +30,21 @@ constexpr std::array<uint8_t, 256> BYTE_CLASSES = make_byte_classes();
 
 uint8_t class_of(char byte) {
   return BYTE_CLASSES[static_cast<unsigned char>(byte)];
+}
+
+// The first byte of the text that may mean something in a name, or its end. Names are most of a line: by 16 bytes.
+const char *next_special(const char *at, const char *end) {
+  for (; end - at >= 16; at += 16) {
+    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i *>(at));
+    const auto are = [&](char byte) { return _mm_cmpeq_epi8(bytes, _mm_set1_epi8(byte)); };
+    const __m128i up_to_blank = _mm_cmpeq_epi8(_mm_min_epu8(bytes, _mm_set1_epi8(' ')), bytes);
+    const __m128i special =
+        _mm_or_si128(_mm_or_si128(up_to_blank, are(',')), _mm_or_si128(_mm_or_si128(are('='), are('\\')), are(0x7f)));
+    const int found = _mm_movemask_epi8(special);
+    if (found != 0) return at + std::countr_zero(static_cast<unsigned>(found));
+  }
+  while (at != end && class_of(*at) == 0 && *at != '\\') ++at;
+  return at;
 }
 
 // A piece of the input for a message: short, and without bytes that a terminal would act on.
@@ -59,6 +77,29 @@ std::errc integer_as_double(std::string_view text, double &value) {
   const std::errc error = number_of(text, integer);
   value = static_cast<double>(integer);
   return error;
+}
+
+// Of an integer of up to 18 digits and its `i` the end, else null. That many digits fit without a look at the range.
+const char *read_short_integer(const char *begin, const char *end, double &value) {
+  constexpr ptrdiff_t MOST_DIGITS = 18;
+  const bool is_negative = begin != end && *begin == '-';
+  const char *const digits = begin + (is_negative ? 1 : 0);
+  const char *at = digits;
+  int64_t number = 0;
+  for (; at != end && static_cast<unsigned char>(*at - '0') < 10; ++at) {
+    if (at - digits == MOST_DIGITS) return nullptr;
+    number = number * 10 + (*at - '0');
+  }
+  if (at == digits || at == end || *at != 'i') return nullptr;
+  value = static_cast<double>(is_negative ? -number : number);
+  return at + 1;
+}
+
+// Of a plain number the end, else null. Zero is not plain: a number too small to be told from it is out of range, and
+// which one it is, only the standard's conversion says.
+const char *read_number(const char *begin, const char *end, double &value) {
+  const auto [at, error] = fast_float::from_chars(begin, end, value);
+  return error == std::errc() && std::isfinite(value) && value != 0.0 ? at : nullptr;
 }
 
 }  // namespace
@@ -95,11 +136,15 @@ LineParser::Outcome LineParser::parse(std::string_view text) {
 // The name from here to the first byte that stops it, which is not taken.
 std::string_view LineParser::name_until(uint8_t stops) {
   const char *const begin = pos_;
-  while (pos_ != end_ && (class_of(*pos_) & (stops | CONTROL)) == 0) {
-    const bool escapes = *pos_ == '\\' && pos_ + 1 != end_ && (class_of(pos_[1]) & stops) != 0;
-    pos_ += escapes ? 2 : 1;
+  const char *at = begin;
+  for (;;) {
+    at = next_special(at, end_);
+    if (at == end_ || (class_of(*at) & (stops | CONTROL)) != 0) break;
+    const bool escapes = *at == '\\' && at + 1 != end_ && (class_of(at[1]) & stops) != 0;
+    at += escapes ? 2 : 1;
   }
-  return {begin, static_cast<size_t>(pos_ - begin)};
+  pos_ = at;
+  return {begin, static_cast<size_t>(at - begin)};
 }
 
 bool LineParser::parse_head() {
@@ -162,11 +207,24 @@ bool LineParser::parse_field() {
   if (!at('=')) return fail(fmt::format("field {} has no value", quoted(key)));
   ++pos_;
   if (at('"')) return parse_string(key);
+  double value = 0.0;
+  if (parse_common_value(value)) {
+    line_.fields.push_back({key, value});
+    return true;
+  }
   const char *const begin = pos_;
   while (pos_ != end_ && *pos_ != ',' && *pos_ != ' ') ++pos_;
-  double value = 0.0;
   if (!parse_value(key, {begin, static_cast<size_t>(pos_ - begin)}, value)) return false;
   line_.fields.push_back({key, value});
+  return true;
+}
+
+// Nearly all values. What is not common, or no value at all, is left where it is for those who look closer.
+bool LineParser::parse_common_value(double &value) {
+  const char *end = read_short_integer(pos_, end_, value);
+  if (end == nullptr) end = read_number(pos_, end_, value);
+  if (end == nullptr || (end != end_ && *end != ',' && *end != ' ')) return false;
+  pos_ = end;
   return true;
 }
 

@@ -66,6 +66,7 @@ class LineParser {
   bool join_sorted_head();
   bool parse_fields();
   bool parse_field();
+  bool parse_common_value(double &value);
   bool parse_string(std::string_view key);
   bool parse_value(std::string_view key, std::string_view text, double &value);
   bool parse_timestamp();

@@ -18,18 +18,39 @@ bool Loader::keys_fit() {
 void Loader::store_line(int64_t now_ns) {
   const ParsedLine &line = parser_.line();
   const int64_t ts_ns = line.ts_ns.value_or(now_ns);
-  key_.assign(line.head).append(1, ' ');
-  const size_t prefix = key_.size();
-  const auto n_points = static_cast<uint32_t>(line.fields.size());
-  const bool is_stored = store_.admit(ts_ns, n_points);
-  for (const ParsedField &field : line.fields) {
-    if (!is_stored) break;
-    key_.resize(prefix);
-    key_.append(field.key);
-    store_.append(store_.series_of(key_), {ts_ns, field.value});
-  }
-  stats_.points += n_points;
+  if (store_.admit(ts_ns, static_cast<uint32_t>(line.fields.size()))) store_fields(line, ts_ns);
+  stats_.points += line.fields.size();
   stats_.strings_skipped += line.strings_skipped;
+}
+
+void Loader::drop_stale_series() {
+  if (n_forgotten_ == store_.n_forgotten_series()) return;
+  n_forgotten_ = store_.n_forgotten_series();
+  cache_.clear();
+}
+
+void Loader::store_fields(const ParsedLine &line, int64_t ts_ns) {
+  drop_stale_series();
+  std::span<const SeriesCache::Field> last = cache_.fields_of(line.head);
+  bool is_like_last = last.size() == line.fields.size();
+  fields_.clear();
+  for (size_t i = 0; i < line.fields.size(); ++i) {
+    const ParsedField &field = line.fields[i];
+    const bool is_known = i < last.size() && last[i].name == field.key;
+    uint32_t series;
+    if (is_known) {
+      series = last[i].series;
+    } else {
+      series = store_.series_of(key_.assign(line.head).append(1, ' ').append(field.key));
+      is_like_last = false;
+      // A new one can have taken the slot of another. Never of one of this line: those were just written.
+      if (n_forgotten_ != store_.n_forgotten_series()) last = {};
+      drop_stale_series();
+    }
+    store_.append(series, {ts_ns, field.value});
+    fields_.push_back({field.key, series});
+  }
+  if (!is_like_last) cache_.keep(line.head, fields_);
 }
 
 void Loader::load(std::string_view text, Precision precision, int64_t now_ns) {

@@ -5,8 +5,10 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "line_protocol.h"
+#include "series_cache.h"
 #include "store.h"
 
 namespace metricdb {
@@ -46,12 +48,17 @@ class Loader {
  private:
   bool keys_fit();
   void store_line(int64_t now_ns);
+  void store_fields(const ParsedLine &line, int64_t ts_ns);
+  void drop_stale_series();
 
   Store &store_;
   LineParser parser_;
   const Report report_;
   LoadStats stats_;
   std::string key_;
+  SeriesCache cache_;
+  uint64_t n_forgotten_ = 0;                // series, when the cache was last known to hold
+  std::vector<SeriesCache::Field> fields_;  // of the line at hand
 };
 
 }  // namespace metricdb

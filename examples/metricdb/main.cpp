@@ -181,10 +181,59 @@ CLI::App *add_ingest(CLI::App &app, IngestArguments &arguments) {
   return command;
 }
 
+const char *const SERVE_FOOTER =
+    "Influx: the HTTP interface of InfluxDB 1.x. POST /write answers 204 when all of the request is\n"
+    "durable, 400 with the first reason when some lines were malformed and the rest is, 503 or 507 when\n"
+    "nothing of it is; /ping and what agents ask of /query at their start are answered as well.\n"
+    "Graphite: the plaintext protocol, `path[;tag=value] value seconds`, which answers nothing.\n"
+    "SIGTERM and SIGINT: what has arrived is taken, made durable and answered, then the command ends.\n"
+    "\n"
+    "Exit: 0 it was told to end; 1 a port is taken, DIR cannot be used, or the disk failed.";
+
+CLI::App *add_serve(CLI::App &app, ServeArguments &arguments) {
+  CLI::App *const command = app.add_subcommand("serve", "take points from agents over TCP");
+  add_write(command, arguments.write);
+  const auto add_port = [command](const char *name, std::optional<int> &port, const char *what) {
+    command->add_option(name, port, what)->check(CLI::Range(0, 65'535).description(""))->type_name("PORT");
+  };
+  add_port("--influx", arguments.influx_port, "port of the InfluxDB interface; 0: any that is free");
+  add_port("--graphite", arguments.graphite_port, "port of Graphite's plaintext protocol; 0: any that is free");
+  command->add_option("--address", arguments.address, "address to listen at")->capture_default_str()->type_name("IP");
+  command->footer(SERVE_FOOTER);
+  return command;
+}
+
 CLI::App *add_stat(CLI::App &app, std::string &db) {
   CLI::App *const command = app.add_subcommand("stat", "say what a database holds, array by array");
   add_db(command, db, "the database's folder");
   command->footer("Exit: 0; 1 the database is damaged or cannot be read.");
+  return command;
+}
+
+CLI::App *add_query(CLI::App &app, QueryArguments &arguments) {
+  CLI::App *const command = app.add_subcommand("query", "show the points of a series, or a figure for each window");
+  add_db(command, arguments.db, "the database's folder");
+  command->add_option("KEY", arguments.key, "the series, as `series` shows it: 'cpu,core=0,host=a usage'")
+      ->required()
+      ->type_name("");
+  command->add_option("--from", arguments.from, "from this time on; see below")->type_name("TIME");
+  command->add_option("--to", arguments.to, "up to this time, which does not count any more")->type_name("TIME");
+  command->add_option("--every", arguments.every, "length of the windows, as in 1m; without: the points themselves")
+      ->type_name("DURATION");
+  command->add_option("--fn", arguments.fn, "of the points in a window: mean, max, min, sum, count or last")
+      ->check(CLI::IsMember({"mean", "max", "min", "sum", "count", "last"}).description(""))
+      ->capture_default_str()
+      ->type_name("FN");
+  command->add_option("--format", arguments.format, "table, csv, json or svg")
+      ->check(CLI::IsMember({"table", "csv", "json", "svg"}).description(""))
+      ->capture_default_str()
+      ->type_name("FORMAT");
+  command->footer(
+      "TIME is 2026-01-02T03:04:05.678Z, 2026-01-02, now, now-15m, or nanoseconds since 1970.\n"
+      "DURATION is 250ms, 10s, 1m, 2h, 1d, 1w, or a sum of them as in 1h30m.\n"
+      "\n"
+      "Exit: 0; 1 there is no such series, the database is damaged or cannot be read, or the\n"
+      "arguments are wrong.");
   return command;
 }
 
@@ -249,17 +298,21 @@ int main(int argc, char **argv) {
   SeriesArguments series_arguments, export_arguments;
   RecordArguments record_arguments;
   IngestArguments ingest_arguments;
+  ServeArguments serve_arguments;
   SnapshotArguments snapshot_arguments;
   VerifyArguments verify_arguments;
+  QueryArguments query_arguments;
   std::string stat_db;
   add_log(app, log);
   const CLI::App *const is_load = add_load(app, load_arguments);
   const CLI::App *const is_check = add_check(app, check_arguments);
   const CLI::App *const is_ingest = add_ingest(app, ingest_arguments);
+  const CLI::App *const is_serve = add_serve(app, serve_arguments);
   const CLI::App *const is_snapshot = add_snapshot(app, snapshot_arguments);
   const CLI::App *const is_verify = add_verify(app, verify_arguments);
   const CLI::App *const is_stat = add_stat(app, stat_db);
   const CLI::App *const is_series = add_of_series(app, series_arguments, "series", "show the series of a database");
+  const CLI::App *const is_query = add_query(app, query_arguments);
   const CLI::App *const is_export =
       add_of_series(app, export_arguments, "export", "write the points of a database as line protocol");
   add_record(app, record_arguments);
@@ -274,9 +327,11 @@ int main(int argc, char **argv) {
     if (*is_load) return load(load_arguments);
     if (*is_check) return check(check_arguments);
     if (*is_ingest) return ingest(ingest_arguments);
+    if (*is_serve) return serve(serve_arguments);
     if (*is_snapshot) return snapshot(snapshot_arguments);
     if (*is_verify) return verify(verify_arguments);
     if (*is_stat) return stat(stat_db);
+    if (*is_query) return query(query_arguments);
     if (*is_series) return series(series_arguments);
     if (*is_export) return export_points(export_arguments);
     return record(record_arguments);

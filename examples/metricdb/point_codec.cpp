@@ -28,7 +28,7 @@ constexpr uint64_t unfolded(uint64_t code) {
   return (code >> 1) ^ (uint64_t{0} - (code & 1));
 }
 
-// Of a code that is not 0.
+// 0 for 0, which is no code that is written.
 constexpr unsigned nibbles_of(uint64_t code) {
   return (static_cast<unsigned>(std::bit_width(code)) + 3) / 4;
 }
@@ -171,7 +171,7 @@ inline bool SealedPoints::take_time() {
     const unsigned nibbles = static_cast<unsigned>(word >> 1 & 15) + 1;
     at_bit_ += 1 + 4;
     uint64_t code;
-    if (!take(4 * nibbles, code) || code == 0 || nibbles_of(code) != nibbles) return false;
+    if (!take(4 * nibbles, code) || nibbles_of(code) != nibbles) return false;
     step_ns_ += unfolded(code);
   }
   ts_ns_ += step_ns_;
@@ -180,8 +180,8 @@ inline bool SealedPoints::take_time() {
 
 inline bool SealedPoints::take_kept_window(uint64_t &differing) {
   at_bit_ += 2;
-  uint64_t bits;
-  if (window_.width == 0 || !take(window_.width, bits) || bits == 0) return false;
+  uint64_t bits;  // none as long as no window was named
+  if (!take(window_.width, bits) || bits == 0) return false;
   differing = bits << window_.trail();
   return is_kept(window_, window_around(differing));
 }
@@ -194,7 +194,8 @@ bool SealedPoints::take_new_window(uint64_t word, uint64_t &differing) {
   if (window.lead + window.width > 64 || !take(window.width, bits) || bits == 0) return false;
   differing = bits << window.trail();
   const ValueWindow needed = window_around(differing);
-  if (needed.lead != window.lead || needed.width != window.width || is_kept(window_, needed)) return false;
+  // No bit lies outside of the window, so one as wide as needed is the one that is needed.
+  if (needed.width != window.width || is_kept(window_, needed)) return false;
   window_ = window;
   return true;
 }

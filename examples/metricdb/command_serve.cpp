@@ -1,0 +1,81 @@
+// `metricdb serve`: a database that agents feed over the network, until the process is told to end.
+#include <fmt/format.h>
+#include <signal.h>
+
+#include <stdexcept>
+
+#include "commands.h"
+#include "database_writer.h"
+#include "log.h"
+#include "output.h"
+#include "server.h"
+#include "write_options.h"
+
+namespace metricdb {
+namespace {
+
+Server *stopped_by_signal = nullptr;
+
+void stop_server(int) {
+  stopped_by_signal->stop();
+}
+
+// SIGTERM and SIGINT end the server in order while this lives.
+class StopOnSignal {
+ public:
+  explicit StopOnSignal(Server &server) {
+    stopped_by_signal = &server;
+    struct sigaction action = {};
+    action.sa_handler = stop_server;
+    sigaction(SIGTERM, &action, &before_term_);
+    sigaction(SIGINT, &action, &before_int_);
+  }
+  ~StopOnSignal() {
+    sigaction(SIGTERM, &before_term_, nullptr);
+    sigaction(SIGINT, &before_int_, nullptr);
+  }
+  StopOnSignal(const StopOnSignal &) = delete;
+  StopOnSignal &operator=(const StopOnSignal &) = delete;
+
+ private:
+  struct sigaction before_term_, before_int_;
+};
+
+std::string ports_line(const ServeArguments &arguments, const Server &server) {
+  std::string line = "serving         ";
+  if (arguments.influx_port) line += fmt::format(" influx {}:{}", arguments.address, server.influx_port());
+  if (arguments.graphite_port) line += fmt::format(" graphite {}:{}", arguments.address, server.graphite_port());
+  return line + "\n";
+}
+
+std::string counters_line(const ServerCounters &counters) {
+  return fmt::format(
+      "served           {} connections, {} turned away; {} requests, {} bytes; {} points, {} malformed lines, "
+      "{} refused\n",
+      counters.accepted, counters.turned_away, counters.requests, counters.bytes, counters.points, counters.malformed,
+      counters.refused);
+}
+
+}  // namespace
+
+int serve(const ServeArguments &arguments) {
+  if (!arguments.influx_port && !arguments.graphite_port)
+    throw std::runtime_error("nothing to serve: give --influx, --graphite or both");
+  DatabaseWriter writer(arguments.write.db, writer_options_of(arguments.write));
+  tell_found(writer.found());
+  ServerOptions options;
+  options.address = arguments.address;
+  options.influx_port = arguments.influx_port;
+  options.graphite_port = arguments.graphite_port;
+  Server server(options, writer);
+  const StopOnSignal stop(server);
+  print(ports_line(arguments, server));
+  TSLB_DLOG(LOG_PROGRESS, "%s", ports_line(arguments, server).c_str());
+  server.run();
+  writer.wait(writer.commit());
+  writer.close();
+  print(counters_line(server.counters()));
+  return EXIT_GOOD;
+}
+
+}  // namespace metricdb

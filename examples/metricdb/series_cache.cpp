@@ -1,0 +1,46 @@
+#include "series_cache.h"
+
+namespace metricdb {
+namespace {
+
+// What a text in a table takes beside its bytes: node, bucket, the text's own structure and the allocator's share.
+constexpr size_t BYTES_OF_ENTRY = 96;
+
+}  // namespace
+
+std::span<const SeriesCache::Field> SeriesCache::fields_of(std::string_view head) const {
+  const auto known = fields_.find(head);
+  return known == fields_.end() ? std::span<const Field>() : known->second;
+}
+
+std::string_view SeriesCache::name_of(std::string_view name) {
+  auto known = names_.find(name);
+  if (known == names_.end()) {
+    known = names_.emplace(name).first;
+    n_bytes_ += BYTES_OF_ENTRY + name.size();
+  }
+  return *known;
+}
+
+void SeriesCache::keep(std::string_view head, std::span<const Field> fields) {
+  if (n_bytes_ >= most_bytes_) clear();
+  auto known = fields_.find(head);
+  if (known == fields_.end()) {
+    known = fields_.emplace(head, std::vector<Field>()).first;
+    n_bytes_ += BYTES_OF_ENTRY + head.size();
+  }
+  std::vector<Field> &kept = known->second;
+  n_bytes_ -= kept.capacity() * sizeof(Field);
+  kept.clear();
+  kept.reserve(fields.size());
+  for (const Field &field : fields) kept.push_back({name_of(field.name), field.series});
+  n_bytes_ += kept.capacity() * sizeof(Field);
+}
+
+void SeriesCache::clear() {
+  fields_.clear();
+  names_.clear();
+  n_bytes_ = 0;
+}
+
+}  // namespace metricdb

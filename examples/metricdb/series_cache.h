@@ -1,0 +1,59 @@
+// Where the fields of a line went last time, by the line's head. The lines of one source come with the same fields in the
+// same order, and then one look-up by the head replaces one by each series key.
+//
+// Series numbers hold until the store forgets a series: who keeps them here clears the cache then.
+//
+// Threads: one.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+namespace metricdb {
+
+class SeriesCache {
+ public:
+  struct Field {
+    std::string_view name;
+    uint32_t series;
+  };
+
+  // About that many bytes are taken at most. What does not fit any more makes all the rest go: those of the heads that
+  // still come will be back with their next lines.
+  static constexpr size_t MOST_BYTES = size_t{64} << 20;
+
+  explicit SeriesCache(size_t most_bytes = MOST_BYTES) : most_bytes_(most_bytes) {}
+
+  // The fields of the last line that was kept with this head, in its order; none if there is none. They hold until the
+  // next `keep` or `clear`.
+  std::span<const Field> fields_of(std::string_view head) const;
+
+  // Keeps the fields of a line in place of those before. The names are copied.
+  void keep(std::string_view head, std::span<const Field> fields);
+
+  void clear();
+
+  size_t n_heads() const { return fields_.size(); }
+
+ private:
+  struct Hash {
+    using is_transparent = void;
+    size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
+  };
+
+  std::string_view name_of(std::string_view name);
+
+  const size_t most_bytes_;
+  size_t n_bytes_ = 0;
+  std::unordered_set<std::string, Hash, std::equal_to<>> names_;  // sources of one kind share theirs
+  std::unordered_map<std::string, std::vector<Field>, Hash, std::equal_to<>> fields_;
+};
+
+}  // namespace metricdb

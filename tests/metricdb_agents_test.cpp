@@ -1,0 +1,230 @@
+// Agents as they come from their packages, each started here with a configuration of its own: what they send arrives, and
+// what they are answered satisfies them.
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "server_support.h"
+
+namespace metricdb {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::AnyOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+// A program of its own, killed with its owner. Its output goes to a file.
+class Program {
+ public:
+  Program(const std::vector<std::string> &words, const fs::path &output) : output_(output) {
+    std::vector<char *> arguments;
+    for (const std::string &word : words) arguments.push_back(const_cast<char *>(word.c_str()));
+    arguments.push_back(nullptr);
+    pid_ = fork();
+    if (pid_ != 0) return;
+    const int out = open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    const int in = open("/dev/null", O_RDONLY);
+    if (dup2(in, 0) < 0 || dup2(out, 1) < 0 || dup2(out, 2) < 0) _exit(126);
+    execv(arguments[0], arguments.data());
+    _exit(127);
+  }
+  ~Program() { end(SIGKILL); }
+  Program(const Program &) = delete;
+  Program &operator=(const Program &) = delete;
+
+  // The exit status; -1 if it was killed, or had to be.
+  int wait() {
+    int status = 0;
+    if (!comes_true([&] { return waitpid(pid_, &status, WNOHANG) == pid_; })) return -1;
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+  int end(int signal) {
+    if (pid_ <= 0) return -1;
+    kill(pid_, signal);
+    return wait();
+  }
+  std::string output() const {
+    std::ifstream file(output_);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+
+ private:
+  const fs::path output_;
+  pid_t pid_;
+};
+
+class Agents : public testing::Test {
+ protected:
+  void SetUp() override {
+    char name[] = "/tmp/metricdb_agents_test_XXXXXX";
+    ASSERT_NE(mkdtemp(name), nullptr);
+    root_ = name;
+  }
+  void TearDown() override { fs::remove_all(root_); }
+
+  fs::path write(const std::string &name, const std::string &text) const {
+    std::ofstream(root_ / name) << text;
+    return root_ / name;
+  }
+  std::string influx_url(const std::string &rest) const {
+    return fmt::format("http://127.0.0.1:{}{}", server_.influx_port(), rest);
+  }
+  bool has_point_with(const std::vector<std::string> &parts) {
+    const std::vector<std::string> points = server_.ingest().points();
+    return std::any_of(points.begin(), points.end(), [&](const std::string &point) {
+      return std::all_of(parts.begin(), parts.end(), [&](const auto &part) { return point.find(part) != point.npos; });
+    });
+  }
+
+  RunningServer server_;
+  fs::path root_;
+};
+
+#define SKIP_WITHOUT(program, package) \
+  if (!fs::exists(program)) GTEST_SKIP() << program << " is not there: it comes with the package " << package
+
+// ---- curl ----
+
+constexpr const char *CURL = "/usr/bin/curl";
+
+TEST_F(Agents, Curl) {
+  SKIP_WITHOUT(CURL, "curl");
+  std::string lines;
+  // Long enough that curl asks first whether its body is wanted.
+  constexpr int N = 200'000;
+  for (int i = 0; i < N; ++i) lines += fmt::format("m,n={} f={}i {}\n", i % 10, i, i + 1);
+  const fs::path good = write("good.lp", lines), bad = write("bad.lp", "m f=1 5\nm f= 6\nm f=2 7\n");
+  const struct {
+    std::vector<std::string> words;
+    const char *shown;
+    size_t points;
+  } rows[] = {
+      {{"--data-binary", "@" + good.string(), influx_url("/write?db=x&precision=s")}, "204", N},
+      {{"-H", "Transfer-Encoding: chunked", "--data-binary", "@" + good.string(), influx_url("/write?db=x")}, "204", N},
+      {{"--http2", "--data-binary", "m f=1", influx_url("/write?db=x")}, "204", 1},
+      {{"--http1.0", "--data-binary", "m f=1", influx_url("/write?db=x")}, "204", 1},
+      {{"--data-binary", "@" + bad.string(), influx_url("/write?db=x")},
+       "{\"error\":\"partial write: line 2: field \\\"f\\\" has no value dropped=1\"}\n400",
+       2},
+      {{"--data-urlencode", "q=CREATE DATABASE \"x y\"", influx_url("/query")},
+       "{\"results\":[{\"statement_id\":0}]}\n200",
+       0},
+      {{"-G", "--data-urlencode", "q=SHOW DATABASES", influx_url("/query")}, "[[\"metricdb\"],[\"x y\"]]}]", 0},
+      {{"-I", influx_url("/ping")}, "204", 0},
+  };
+  for (const auto &row : rows) {
+    const size_t before = server_.ingest().points().size();
+    std::vector<std::string> words = {CURL, "-sS", "--noproxy", "*", "-w", "%{http_code}"};
+    words.insert(words.end(), row.words.begin(), row.words.end());
+    Program curl(words, root_ / "curl.out");
+    EXPECT_EQ(curl.wait(), 0);
+    EXPECT_THAT(curl.output(), HasSubstr(row.shown));
+    EXPECT_EQ(server_.ingest().points().size() - before, row.points);
+  }
+}
+
+// ---- The influx client ----
+
+constexpr const char *INFLUX = "/usr/bin/influx";
+
+TEST_F(Agents, InfluxClient) {
+  SKIP_WITHOUT(INFLUX, "influxdb-client");
+  const auto run = [&](std::vector<std::string> words) {
+    words.insert(words.begin(), {INFLUX, "-host", "127.0.0.1", "-port", fmt::format("{}", server_.influx_port())});
+    Program influx(words, root_ / "influx.out");
+    EXPECT_EQ(influx.wait(), 0) << influx.output();
+    return influx.output();
+  };
+  EXPECT_EQ(run({"-database", "x", "-execute", "INSERT cpu,host=a load=0.5,n=3i 1700000000000000000"}), "");
+  EXPECT_THAT(server_.ingest().points(),
+              ElementsAre("cpu,host=a load=0.5@1700000000000000000", "cpu,host=a n=3@1700000000000000000"));
+  EXPECT_THAT(run({"-execute", "CREATE DATABASE telegraf"}), "");
+  EXPECT_THAT(run({"-execute", "SHOW DATABASES"}), AllOf(HasSubstr("metricdb\n"), HasSubstr("telegraf\n")));
+
+  std::string file = "# DDL\nCREATE DATABASE imported\n# DML\n# CONTEXT-DATABASE: imported\n";
+  constexpr size_t N = 12'000;
+  for (size_t i = 0; i < N; ++i) file += fmt::format("disk,n={} used={} {}\n", i % 100, i, 1'700'000'000 + i);
+  const std::string told = run({"-import", "-precision", "s", "-path", write("import.lp", file).string()});
+  EXPECT_THAT(told, HasSubstr(fmt::format("Processed {} inserts", N)));
+  EXPECT_THAT(told, HasSubstr("Failed 0 inserts"));
+  EXPECT_EQ(server_.ingest().points().size(), N + 2);
+  EXPECT_EQ(server_.ingest().points().back(),
+            fmt::format("disk,n={} used={}@{}000000000", (N - 1) % 100, N - 1, 1'700'000'000 + N - 1));
+}
+
+// ---- collectd ----
+
+constexpr const char *COLLECTD = "/usr/sbin/collectd";
+const std::string PLUGINS = "LoadPlugin cpu\nLoadPlugin load\nLoadPlugin memory\nLoadPlugin interface\n";
+
+class Collectd : public Agents {
+ protected:
+  fs::path configure(const std::string &name, const std::string &plugins) const {
+    return write(name + ".conf", fmt::format("Hostname \"{0}\"\nFQDNLookup false\nInterval 0.2\nBaseDir \"{1}\"\n"
+                                             "PIDFile \"{1}/{0}.pid\"\nTypesDB \"/usr/share/collectd/types.db\"\n{2}",
+                                             name, root_.string(), plugins));
+  }
+  // Counters as they are: rates begin with a nan each.
+  std::string writes_graphite() const {
+    return fmt::format(
+        "LoadPlugin write_graphite\n<Plugin write_graphite>\n<Node \"metricdb\">\nHost \"127.0.0.1\"\n"
+        "Port \"{}\"\nProtocol \"tcp\"\nLogSendErrors true\nStoreRates false\nPrefix "
+        "\"collectd.\"\n</Node>\n</Plugin>\n",
+        server_.graphite_port());
+  }
+  static std::vector<std::string> run(const fs::path &configuration) {
+    return {COLLECTD, "-f", "-C", configuration.string()};
+  }
+};
+
+TEST_F(Collectd, WritesGraphite) {
+  SKIP_WITHOUT(COLLECTD, "collectd-core");
+  const fs::path configuration = configure("sender", PLUGINS + writes_graphite());
+  Program collectd(run(configuration), root_ / "collectd.out");
+  for (const char *path : {"collectd.sender.cpu-0.cpu-", "collectd.sender.load.load.shortterm value=",
+                           "collectd.sender.memory.memory-", "collectd.sender.interface-lo.if_octets."})
+    EXPECT_TRUE(comes_true([&] { return has_point_with({path}); })) << path << "\n" << collectd.output();
+  EXPECT_EQ(server_.counters().malformed, 0u);
+  EXPECT_EQ(collectd.end(SIGTERM), 0) << collectd.output();
+}
+
+// One collects, the other forwards what it hears from the first: its lines come in the first one's name.
+TEST_F(Collectd, ForwardsWhatOthersSend) {
+  SKIP_WITHOUT(COLLECTD, "collectd-core");
+  int udp_port = 0;
+  {
+    // Free a moment ago, which is the best that can be had for a program that takes no socket.
+    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in own = {};
+    socklen_t size = sizeof(own);
+    own.sin_family = AF_INET;
+    own.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&own), size), 0);
+    ASSERT_EQ(getsockname(fd, reinterpret_cast<sockaddr *>(&own), &size), 0);
+    udp_port = ntohs(own.sin_port);
+    close(fd);
+  }
+  const auto network = [&](const char *verb) {
+    return fmt::format("LoadPlugin network\n<Plugin network>\n{} \"127.0.0.1\" \"{}\"\n</Plugin>\n", verb, udp_port);
+  };
+  Program forwards(run(configure("forwarder", network("Listen") + writes_graphite())), root_ / "forwarder.out");
+  Program collects(run(configure("far", PLUGINS + network("Server"))), root_ / "far.out");
+  EXPECT_TRUE(comes_true([&] { return has_point_with({"collectd.far.load.load.midterm value="}); }))
+      << forwards.output() << collects.output();
+  EXPECT_FALSE(has_point_with({"forwarder"}));
+}
+
+}  // namespace
+}  // namespace metricdb

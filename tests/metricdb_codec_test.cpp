@@ -1,0 +1,244 @@
+// The sealed form of points: its bits, that it gives back every bit of every point, and that nothing else passes for it.
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <cmath>
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "point_codec.h"
+
+namespace metricdb {
+namespace {
+
+constexpr int64_t T0 = 1'767'225'600'000'000'000;  // 2026 begins
+constexpr int64_t S = 1'000'000'000;
+constexpr int64_t LEAST = std::numeric_limits<int64_t>::min();
+constexpr int64_t MOST = std::numeric_limits<int64_t>::max();
+constexpr double INF = std::numeric_limits<double>::infinity();
+
+double of_bits(uint64_t bits) {
+  return std::bit_cast<double>(bits);
+}
+
+bool same(const Point &a, const Point &b) {
+  return std::memcmp(&a, &b, sizeof a) == 0;
+}
+
+// From an odd address into exactly the room that was promised, so that a sanitizer sees a byte beyond it.
+std::vector<char> sealed(const std::vector<Point> &points) {
+  std::vector<char> bytes(1 + points.size() * sizeof(Point));
+  std::memcpy(bytes.data() + 1, points.data(), points.size() * sizeof(Point));
+  std::vector<char> out(most_sealed_bytes(points.size()));
+  out.resize(seal_points(bytes.data() + 1, points.size(), out.data()));
+  out.shrink_to_fit();
+  return out;
+}
+
+struct Walk {
+  std::vector<Point> points;
+  bool is_whole;
+};
+
+Walk walk(const std::vector<char> &bytes, size_t n) {
+  Walk found;
+  SealedPoints sealed_points(bytes.data(), bytes.size(), n);
+  for (Point point; sealed_points.next(point);) found.points.push_back(point);
+  Point behind;
+  EXPECT_FALSE(sealed_points.next(behind)) << "a walk that ended goes on";
+  found.is_whole = sealed_points.is_whole();
+  return found;
+}
+
+void expect_back(const std::vector<Point> &points) {
+  const Walk found = walk(sealed(points), points.size());
+  EXPECT_TRUE(found.is_whole);
+  ASSERT_EQ(found.points.size(), points.size());
+  for (size_t i = 0; i < points.size(); ++i) ASSERT_TRUE(same(found.points[i], points[i])) << "point " << i;
+}
+
+// Stored: this may not change. The bytes were worked out from the table in the header, not by this code.
+TEST(PointCodec, GoldenRun) {
+  const std::vector<Point> points = {{T0, 21.5},
+                                     {T0 + 10 * S, 21.5},
+                                     {T0 + 20 * S, 21.75},
+                                     {T0 + 30 * S + 5, 21.625},
+                                     {T0 + 40 * S + 5, -0.1},
+                                     {-1, of_bits(0x7ff8000000000123)},
+                                     {-1, of_bits(0x7ff8000000000123)}};
+  std::string shown;
+  for (const char byte : sealed(points)) shown += fmt::format("{:02x}", static_cast<unsigned char>(byte));
+  EXPECT_EQ(shown,
+            "0000faed5172861887670d3002205fa0124760d06370c881dfcccccccccc61fcff0be86a24bbe40c31833f1733333333"
+            "3308f833804cf1d99233c400");
+  expect_back(points);
+}
+
+// Of 1,001 points of one kind: a bit too many for each of them shows.
+TEST(PointCodec, BitsOfAPoint) {
+  constexpr int64_t N = 1'001;
+  constexpr uint64_t TWELVE_WIDE = 0xfff'0000'0000;
+  constexpr uint64_t THIRTEEN_WIDE = 0x1fff'0000'0000;
+  // The first value, and from then on one bit that comes and goes.
+  const auto flicker = [](uint64_t first, uint64_t bit, int64_t i) { return of_bits(first ^ (i % 2 == 0 ? 0 : bit)); };
+  const struct {
+    const char *fault;  // what the row would catch
+    std::function<Point(int64_t)> point_of;
+    uint64_t n_bits;
+  } rows[] = {
+      {"a regular series pays for its times",
+       [](int64_t i) -> Point {
+         return {T0 + 10 * S * i, 0.0};
+       },
+       64 + 1 + (41 + 1) + 999 * (1 + 1)},
+      {"backwards costs more",
+       [](int64_t i) -> Point {
+         return {T0 - 10 * S * i, 0.0};
+       },
+       64 + 1 + (41 + 1) + 999 * (1 + 1)},
+      {"the change is one of times",
+       [](int64_t i) -> Point {
+         return {T0 + 7 * i * i, 0.0};
+       },
+       64 + 1 + (9 + 1) + 999 * (13 + 1)},
+      {"a small change takes a large code",
+       [](int64_t i) -> Point {
+         return {T0 + i % 2, 0.0};
+       },
+       64 + 1 + 1000 * (9 + 1)},
+      {"a window is named for each value",
+       [](int64_t i) -> Point {
+         return {T0, i % 2 == 0 ? 1.0 : 1.5};
+       },
+       64 + 23 + (1 + 14) + 999 * (1 + 3)},
+      {"a wide window stays for narrow values",
+       [&](int64_t i) -> Point {
+         return {T0, flicker(MOST, 1, i)};
+       },
+       64 + 76 + (1 + 46) + 999 * (1 + 35)},
+      {"a window 11 bits too wide is given up",
+       [&](int64_t i) -> Point {
+         return {T0, flicker(TWELVE_WIDE, uint64_t{1} << 32, i)};
+       },
+       64 + 25 + 1000 * (1 + 14)},
+      {"a window 12 bits too wide is kept",
+       [&](int64_t i) -> Point {
+         return {T0, flicker(THIRTEEN_WIDE, uint64_t{1} << 32, i)};
+       },
+       64 + 26 + (1 + 14) + 999 * (1 + 3)},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    std::vector<Point> points;
+    for (int64_t i = 0; i < N; ++i) points.push_back(row.point_of(i));
+    EXPECT_EQ(sealed(points).size(), (row.n_bits + 7) / 8);
+    expect_back(points);
+  }
+}
+
+TEST(PointCodec, TimesAndValuesAtTheirLimits) {
+  const int64_t times[] = {0, 1, -1, T0, LEAST, MOST, LEAST + 1, MOST - 1, MOST / 2, LEAST / 2};
+  const double values[] = {0.0,
+                           -0.0,
+                           INF,
+                           -INF,
+                           1.0,
+                           std::numeric_limits<double>::max(),
+                           std::numeric_limits<double>::denorm_min(),
+                           of_bits(0x7ff0000000000001),   // a NaN that signals
+                           of_bits(0xffffffffffffffff),   // one with all bits
+                           of_bits(0x8000000000000001)};  // both ends of a word at once
+  std::vector<Point> points;
+  for (const int64_t before : times)
+    for (const int64_t ts_ns : times)
+      for (const double value : values) {
+        points.push_back({before, value});
+        points.push_back({ts_ns, values[points.size() % std::size(values)]});
+      }
+  expect_back(points);
+  for (const Point &point : points) expect_back({point});
+}
+
+std::vector<Point> random_points(std::mt19937_64 &random, size_t n) {
+  const unsigned step_bits = random() % 64, jitter_bits = random() % 65, value_kind = random() % 5;
+  const uint64_t step = random() >> (63 - step_bits);
+  uint64_t ts_ns = random() % 2 == 0 ? static_cast<uint64_t>(T0) : random();
+  double value = 50;
+  std::vector<Point> points;
+  for (size_t i = 0; i < n; ++i) {
+    const bool is_off = random() % 4 == 0 && jitter_bits != 0;
+    points.push_back({static_cast<int64_t>(ts_ns + (is_off ? random() >> (64 - jitter_bits) : 0)), value});
+    ts_ns += step;
+    const uint64_t drawn = random();
+    if (value_kind == 0) value = of_bits(drawn);
+    if (value_kind == 1) value = of_bits(std::bit_cast<uint64_t>(value) ^ (drawn >> drawn % 64 << drawn / 64 % 64));
+    if (value_kind == 2) value += static_cast<double>(drawn % 3) - 1;
+    if (value_kind == 3) value = std::round(value * 100 + static_cast<double>(drawn % 200) - 99) / 100;
+  }
+  return points;
+}
+
+TEST(PointCodec, RandomRunsComeBack) {
+  constexpr uint64_t SEED = 20260102;
+  std::mt19937_64 random(SEED);
+  for (int round = 0; round < 2'000; ++round) {
+    SCOPED_TRACE(fmt::format("seed {}, round {}", SEED, round));
+    expect_back(random_points(random, 1 + random() % 300));
+    if (HasFatalFailure()) return;
+  }
+  expect_back(random_points(random, MOST_SEALED_POINTS));
+}
+
+TEST(PointCodec, APieceOfARunGivesItsFirstPointsAndIsNotWhole) {
+  std::mt19937_64 random(4);
+  for (int round = 0; round < 50; ++round) {
+    const std::vector<Point> points = random_points(random, 1 + random() % 40);
+    const std::vector<char> bytes = sealed(points);
+    for (size_t size = 0; size < bytes.size(); ++size) {
+      const Walk found = walk({bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(size)}, points.size());
+      ASSERT_FALSE(found.is_whole) << size << " of " << bytes.size() << " bytes";
+      ASSERT_LT(found.points.size(), points.size());
+      for (size_t i = 0; i < found.points.size(); ++i) ASSERT_TRUE(same(found.points[i], points[i])) << i;
+    }
+    std::vector<char> longer = bytes;
+    longer.push_back(0);
+    EXPECT_FALSE(walk(longer, points.size()).is_whole);
+    EXPECT_FALSE(walk(bytes, points.size() + 8).is_whole) << "no byte ends with room for 8 more points";
+  }
+}
+
+// A change to one bit or a few makes another run or none. Two forms of one run would be seen here: of what is whole, the
+// same bytes come out again.
+TEST(PointCodec, WhatIsWholeIsTheOnlyFormOfItsPoints) {
+  std::mt19937_64 random(5);
+  uint64_t n_whole = 0, n_refused = 0;
+  const auto expect_only_form = [&](const std::vector<char> &bytes, size_t n) {
+    const Walk found = walk(bytes, n);
+    ++(found.is_whole ? n_whole : n_refused);
+    if (!found.is_whole) return;
+    EXPECT_EQ(sealed(found.points), bytes);
+  };
+  for (int round = 0; round < 80; ++round) {
+    const size_t n = 1 + random() % 40;
+    std::vector<char> bytes = sealed(random_points(random, n));
+    for (size_t bit = 0; bit < bytes.size() * 8; ++bit) {
+      std::vector<char> flipped = bytes;
+      flipped[bit / 8] = static_cast<char>(flipped[bit / 8] ^ 1 << bit % 8);
+      expect_only_form(flipped, n);
+    }
+    for (int attempt = 0; attempt < 200; ++attempt) {
+      for (size_t i = random() % 4; i < 4; ++i) bytes[random() % bytes.size()] = static_cast<char>(random());
+      expect_only_form(bytes, n);
+    }
+  }
+  EXPECT_GT(n_whole, 1'000u) << "too little passes for this to show anything";
+  EXPECT_GT(n_refused, 1'000u) << "too little is refused";
+}
+
+}  // namespace
+}  // namespace metricdb

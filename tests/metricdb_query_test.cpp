@@ -1,0 +1,360 @@
+// Questions about a series: how times and durations are read, what the answers are, and the forms they are printed in.
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "escape.h"
+#include "plot_ticks.h"
+#include "query.h"
+#include "query_text.h"
+#include "time_text.h"
+
+namespace metricdb {
+namespace {
+
+constexpr int64_t S = 1'000'000'000;
+constexpr int64_t LEAST = std::numeric_limits<int64_t>::min();
+constexpr int64_t MOST = std::numeric_limits<int64_t>::max();
+constexpr int64_t T0 = 1'767'323'045 * S;  // 2026-01-02T03:04:05Z
+constexpr double INF = std::numeric_limits<double>::infinity();
+constexpr double NOT_A_NUMBER = std::numeric_limits<double>::quiet_NaN();
+constexpr double BIG = std::numeric_limits<double>::max();
+
+// ---- Times and durations ----
+
+TEST(TimeText, TimesThatAreRead) {
+  static const struct {
+    const char *text;
+    int64_t ts_ns;
+  } rows[] = {
+      {"1970-01-01", 0},
+      {"2026-01-02T03:04:05Z", T0},
+      {"2026-01-02", T0 - (3 * 3600 + 4 * 60 + 5) * S},
+      {"2026-01-02T03:04:05.5Z", T0 + S / 2},
+      {"2026-01-02T03:04:05.123456789Z", T0 + 123'456'789},
+      {"2026-01-02T03:04:05.1234567899Z", T0 + 123'456'789},
+      {"2024-02-29T23:59:59.999999999Z", 1'709'251'200 * S - 1},
+      {"1969-12-31T23:59:59.75Z", -S / 4},
+      {"1677-09-21T00:12:43.145224192Z", LEAST},
+      {"2262-04-11T23:47:16.854775807Z", MOST},
+      {"1767323045000000000", T0},
+      {"-7", -7},
+      {"-9223372036854775808", LEAST},
+      {"now", T0},
+      {"now-15m", T0 - 900 * S},
+      {"now+1h30m", T0 + 5400 * S},
+  };
+  for (const auto &row : rows) EXPECT_EQ(time_of(row.text, T0), row.ts_ns) << row.text;
+}
+
+TEST(TimeText, DurationsThatAreRead) {
+  static const struct {
+    const char *text;
+    int64_t ns;
+  } rows[] = {{"1ns", 1},
+              {"7us", 7'000},
+              {"250ms", 250'000'000},
+              {"10s", 10 * S},
+              {"1m", 60 * S},
+              {"2h", 7200 * S},
+              {"1d", 86'400 * S},
+              {"1w", 604'800 * S},
+              {"1h30m", 5400 * S},
+              {"1m1ms", 60 * S + 1'000'000},
+              {"9223372036854775807ns", MOST}};
+  for (const auto &row : rows) EXPECT_EQ(duration_of(row.text), row.ns) << row.text;
+}
+
+template <class Read>
+std::string refusal(Read read) {
+  try {
+    read();
+  } catch (const BadText &bad) {
+    return bad.what();
+  }
+  return "";
+}
+
+TEST(TimeText, WhatIsRefusedAndWhy) {
+  const std::string no_time = " is no time";
+  const std::string too_far = "the time is out of range";
+  const std::string no_duration = " is no duration";
+  const std::string too_long = "the duration is out of range";
+  const std::pair<const char *, std::string> times[] = {
+      {"", no_time},
+      {"yesterday", no_time},
+      {"12x", no_time},
+      {"2026-1-2", no_time},
+      {"2026-01-02T", no_time},
+      {"2026-01-02T03:04Z", no_time},
+      {"2026-01-02T03:04:05", no_time},
+      {"2026-01-02T03:04:05.Z", no_time},
+      {"2026-01-02T03:04:05+01:00", no_time},
+      {"2026-01-02T03:04:05Z ", no_time},
+      {"2026-01-02T24:00:00Z", no_time},
+      {"2026-01-02T03:60:00Z", no_time},
+      {"2026-01-02T03:04:60Z", no_time},
+      {"2026-02-29", "no such day"},
+      {"2026-13-01", "no such day"},
+      {"1677-09-21T00:12:43.145224191Z", too_far},
+      {"2262-04-11T23:47:16.854775808Z", too_far},
+      {"0001-01-01", too_far},
+      {"9223372036854775808", too_far},
+      {"now-", no_duration},
+      {"now15m", no_time},
+      {"now-1s", too_far},
+      {"now\n", no_time},
+  };
+  for (const auto &[text, why] : times) {
+    const std::string said = refusal([&t = text] { time_of(t, LEAST + 1); });
+    EXPECT_NE(said.find(why), said.npos) << text << ": " << said;
+    EXPECT_EQ(said.find('\n'), said.npos);
+  }
+  const std::pair<const char *, std::string> durations[] = {
+      {"", no_duration},
+      {"10", no_duration},
+      {"s", no_duration},
+      {"0s", no_duration},
+      {"-1s", no_duration},
+      {"1.5h", no_duration},
+      {"1 h", no_duration},
+      {"1hm", no_duration},
+      {"1y", no_duration},
+      {"1h30", no_duration},
+      {"15251w", too_long},
+      {"9223372036854775807ns1ns", too_long},
+      {"99999999999999999999ns", too_long},
+  };
+  for (const auto &[text, why] : durations) {
+    const std::string said = refusal([&t = text] { duration_of(t); });
+    EXPECT_NE(said.find(why), said.npos) << text << ": " << said;
+  }
+}
+
+TEST(TimeText, WhatIsWrittenIsReadAsTheSameTime) {
+  std::mt19937_64 random(1);
+  for (int i = 0; i < 10'000; ++i) {
+    const auto ts_ns = static_cast<int64_t>(random() << random() % 8);
+    ASSERT_EQ(time_of(time_text(ts_ns, 9), 0), ts_ns);
+    const int64_t whole_ms = ts_ns / 1'000'000 * 1'000'000;
+    ASSERT_EQ(time_of(time_text(whole_ms, time_decimals(whole_ms)), 0), whole_ms);
+  }
+  EXPECT_EQ(time_text(LEAST, 0), "1677-09-21T00:12:43Z");
+  EXPECT_EQ(time_text(-1, 3), "1969-12-31T23:59:59.999Z");
+}
+
+// ---- Answers ----
+
+std::vector<Point> answer_of(const Query &query, const std::vector<Point> &points) {
+  size_t n_given = 0;
+  return answer(query, [&](Point &point) {
+    if (n_given == points.size()) return false;
+    point = points[n_given++];
+    return true;
+  });
+}
+
+std::string shown(const std::vector<Point> &points) {
+  std::string text;
+  for (const Point &point : points) text += fmt::format("{}@{} ", point.value, point.ts_ns);
+  return text;
+}
+
+TEST(Query, PointsAndWindows) {
+  const std::vector<Point> mixed = {{5, 1}, {-1, 2}, {10, 3}, {5, 4}, {-11, 5}, {9, 6}};
+  static const struct {
+    const char *fault;  // what the row would catch
+    Query query;
+    const char *answer;
+  } rows[] = {
+      {"order of arrival instead of time, or not kept at one time", {}, "5@-11 2@-1 1@5 4@5 6@9 3@10 "},
+      {"the range begins one late or ends one late", {.from_ns = -1, .to_ns = 9}, "2@-1 1@5 4@5 "},
+      {"an empty range", {.from_ns = 9, .to_ns = 9}, ""},
+      {"windows round to zero", {.every_ns = 10, .fn = Fn::count}, "1@-20 1@-10 3@0 1@10 "},
+      {"the range cuts no window", {.from_ns = 6, .every_ns = 10, .fn = Fn::count}, "1@0 1@10 "},
+      {"mean", {.every_ns = 10, .fn = Fn::mean}, "5@-20 2@-10 3.6666666666666665@0 3@10 "},
+      {"max", {.every_ns = 10, .fn = Fn::max}, "5@-20 2@-10 6@0 3@10 "},
+      {"min", {.every_ns = 10, .fn = Fn::min}, "5@-20 2@-10 1@0 3@10 "},
+      {"sum", {.every_ns = 10, .fn = Fn::sum}, "5@-20 2@-10 11@0 3@10 "},
+      {"the last to come is not the latest", {.every_ns = 10, .fn = Fn::last}, "5@-20 2@-10 6@0 3@10 "},
+      {"of one time the first to come is taken", {.to_ns = 9, .every_ns = 10, .fn = Fn::last}, "5@-20 2@-10 4@0 "},
+  };
+  for (const auto &row : rows) EXPECT_EQ(shown(answer_of(row.query, mixed)), row.answer) << row.fault;
+}
+
+TEST(Query, LimitsOfTimesAndValues) {
+  const std::vector<Point> ends = {{MOST, 1}, {LEAST, 2}};
+  EXPECT_EQ(shown(answer_of({}, ends)), fmt::format("2@{} 1@{} ", LEAST, MOST))
+      << "the last time is out of every range";
+  EXPECT_EQ(shown(answer_of({.every_ns = 10}, ends)), fmt::format("2@{} 1@{} ", LEAST, MOST / 10 * 10));
+  EXPECT_EQ(shown(answer_of({.every_ns = MOST}, ends)), fmt::format("2@{} 1@{} ", LEAST, MOST));
+  EXPECT_EQ(shown(answer_of({.every_ns = 1}, ends)), fmt::format("2@{} 1@{} ", LEAST, MOST));
+
+  const auto value = [](Fn fn, const std::vector<double> &values) {
+    std::vector<Point> points;
+    for (const double one : values) points.push_back({0, one});
+    return answer_of({.every_ns = 10, .fn = fn}, points).at(0).value;
+  };
+  EXPECT_EQ(value(Fn::mean, {BIG, BIG, BIG}), BIG) << "the sum is beyond a double";
+  EXPECT_EQ(value(Fn::sum, {BIG, BIG, -BIG}), BIG);
+  EXPECT_EQ(value(Fn::sum, {BIG, BIG}), INF);
+  for (const Fn fn : {Fn::mean, Fn::max, Fn::min, Fn::sum}) {
+    EXPECT_EQ(value(fn, {NOT_A_NUMBER, 2, NOT_A_NUMBER}), 2) << name_of(fn) << ": a missing value decides";
+    EXPECT_TRUE(std::isnan(value(fn, {NOT_A_NUMBER}))) << name_of(fn);
+  }
+  EXPECT_EQ(value(Fn::count, {NOT_A_NUMBER, 2}), 2);
+  EXPECT_TRUE(std::isnan(value(Fn::last, {2, NOT_A_NUMBER})));
+}
+
+// ---- Forms ----
+
+const std::vector<Point> FOUR = {{T0, 1.5}, {T0 + S / 4, -20}, {T0 + S, NOT_A_NUMBER}, {T0 + 2 * S, INF}};
+const std::string HARD_KEY = "cpu,host=\"<a>&b\\\" use\xff\xc3\xbcr";  // and one byte that is no UTF-8
+
+TEST(QueryText, TableLinesUp) {
+  EXPECT_EQ(answer_table({"m f", {}}, FOUR),
+            "m f\n"
+            "time                      value\n"
+            "2026-01-02T03:04:05.000Z    1.5\n"
+            "2026-01-02T03:04:05.250Z    -20\n"
+            "2026-01-02T03:04:06.000Z    nan\n"
+            "2026-01-02T03:04:07.000Z    inf\n"
+            "4 points  █▁\n");
+  EXPECT_EQ(answer_table({"m f", {.every_ns = 5400 * S, .fn = Fn::max}}, std::vector<Point>{{0, 123456.5}}),
+            "m f, max of 1h30m\n"
+            "time                       max\n"
+            "1970-01-01T00:00:00Z  123456.5\n"
+            "1 point  ▅\n");
+  EXPECT_EQ(answer_table({"m f", {}}, {}), "m f\nno points\n");
+}
+
+TEST(QueryText, CsvAndJsonEscapeTheKeyAndKeepEveryDigit) {
+  const std::vector<Point> points = {{T0, 0.1}, {T0 + 1, -BIG}, {T0 + 2, 4.9e-324}, {T0 + 3, -INF}};
+  EXPECT_EQ(answer_csv({HARD_KEY, {}}, points),
+            "time,\"cpu,host=\"\"<a>&b\\\"\" use\xff\xc3\xbcr\"\r\n"
+            "2026-01-02T03:04:05.000000000Z,0.1\r\n"
+            "2026-01-02T03:04:05.000000001Z,-1.7976931348623157e+308\r\n"
+            "2026-01-02T03:04:05.000000002Z,5e-324\r\n"
+            "2026-01-02T03:04:05.000000003Z,-inf\r\n");
+  EXPECT_EQ(answer_json({HARD_KEY, {.every_ns = S}}, points),
+            "{\"key\": \"cpu,host=\\\"<a>&b\\\\\\\" use\xef\xbf\xbd\xc3\xbcr\", \"fn\": \"mean\", \"every_ns\": "
+            "1000000000, \"points\": [\n"
+            "[\"2026-01-02T03:04:05.000000000Z\", 0.1],\n"
+            "[\"2026-01-02T03:04:05.000000001Z\", -1.7976931348623157e+308],\n"
+            "[\"2026-01-02T03:04:05.000000002Z\", 5e-324],\n"
+            "[\"2026-01-02T03:04:05.000000003Z\", null]]}\n");
+  EXPECT_EQ(answer_json({"m f", {}}, {}), "{\"key\": \"m f\", \"points\": []}\n");
+}
+
+TEST(Escape, OnlyUtf8IsLeftAsItIs) {
+  const std::string_view good[] = {"a", "\u00fc", "\u20ac", "\U0001f600", "\xf4\x8f\xbf\xbf", "\xee\x80\x80"};
+  for (const std::string_view text : good) {
+    EXPECT_EQ(xml_text(text), text);
+    EXPECT_EQ(json_string(text), fmt::format("\"{}\"", text));
+  }
+  // Alone, cut short, of too long a form, a surrogate, beyond the last character.
+  const std::string_view bad[] = {"\x80",         "\xc3",         "\xe2\x82",         "\xc0\xaf",
+                                  "\xe0\x80\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80", "\xf0\x80\x80\xaf",
+                                  "\xff"};
+  for (const std::string_view text : bad) {
+    std::string replaced;
+    for (size_t i = 0; i < text.size(); ++i) replaced += "\xef\xbf\xbd";
+    EXPECT_EQ(xml_text(text), replaced);
+  }
+  EXPECT_EQ(json_string(std::string_view("\0\x1f", 2)), "\"\\u0000\\u001f\"");
+  EXPECT_EQ(xml_text("<&>\"\x01"), "&lt;&amp;&gt;&quot;\xef\xbf\xbd");
+  EXPECT_EQ(csv_field("a b"), "a b");
+  EXPECT_EQ(csv_field("a\nb"), "\"a\nb\"");
+}
+
+TEST(PlotTicks, RoundValues) {
+  static const struct {
+    double low, high;
+    const char *labels;
+  } rows[] = {
+      {0, 100, "0 20 40 60 80 100 "},
+      {3, 97, "0 20 40 60 80 100 "},
+      {-0.31, 0.12, "-0.4 -0.3 -0.2 -0.1 0.0 0.1 0.2 "},
+      {5, 5, "4.4 4.6 4.8 5.0 5.2 5.4 5.6 "},
+      {0, 0, "-1.0 -0.5 0.0 0.5 1.0 "},
+      {1e6, 1e6 + 0.002, "1000000.0000 1000000.0005 1000000.0010 1000000.0015 1000000.0020 "},
+      {0, 1.5e12, "0 5e+11 1e+12 1.5e+12 "},
+      {-BIG, BIG, "-2e+308 -1e+308 0 1e+308 2e+308 "},
+  };
+  for (const auto &row : rows) {
+    std::string labels;
+    for (const ValueTick &tick : value_ticks(row.low, row.high, 6)) labels += tick.label + " ";
+    EXPECT_EQ(labels, row.labels) << row.low << " to " << row.high;
+  }
+}
+
+TEST(PlotTicks, RoundTimes) {
+  static const struct {
+    const char *first, *last, *ticks;
+  } rows[] = {
+      {"2026-01-02T21:40:03Z", "2026-01-03T01:10:00Z",
+       "22:00(2026-01-02) 22:30 23:00 23:30 00:00(2026-01-03) 00:30 01:00 "},
+      {"2026-01-02T00:00:00Z", "2026-01-02T00:00:20Z", "00:00:00(2026-01-02) 00:00:05 00:00:10 00:00:15 00:00:20 "},
+      {"1969-12-31T23:59:59.9996Z", "1970-01-01T00:00:00.0001Z",
+       "23:59:59.999600(1969-12-31) 23:59:59.999700 23:59:59.999800 23:59:59.999900 00:00:00.000000(1970-01-01) "
+       "00:00:00.000100 "},
+      {"2025-12-31T12:00:00Z", "2026-01-04T00:00:00Z", "2026-01-01 2026-01-02 2026-01-03 2026-01-04 "},
+      {"2025-11-20", "2026-04-20", "2025-12 2026-01 2026-02 2026-03 2026-04 "},
+      {"1999-06-01", "2004-06-01", "2000 2001 2002 2003 2004 "},
+      {"1677-09-21T00:12:44Z", "2262-04-11T23:47:16Z", "1700 1800 1900 2000 2100 2200 "},
+      {"2026-01-02T03:04:05.250Z", "2026-01-02T03:04:05.250Z", "03:04:05.250(2026-01-02) "},
+  };
+  for (const auto &row : rows) {
+    std::string ticks;
+    for (const TimeTick &tick : time_ticks(time_of(row.first, 0), time_of(row.last, 0), 7))
+      ticks += tick.label + (tick.date.empty() ? " " : "(" + tick.date + ") ");
+    EXPECT_EQ(ticks, row.ticks) << row.first << " to " << row.last;
+  }
+}
+
+size_t count(const std::string &text, const std::string &piece) {
+  size_t n = 0;
+  for (size_t at = text.find(piece); at != text.npos; at = text.find(piece, at + 1)) ++n;
+  return n;
+}
+
+TEST(PlotSvg, LineBreaksWhereAValueIsMissingAndStaysInThePicture) {
+  std::vector<Point> points;
+  for (int64_t i = 0; i < 200'000; ++i) points.push_back({T0 + i * S, std::sin(static_cast<double>(i) / 9000)});
+  points[150'000].value = NOT_A_NUMBER;
+  points[10'000].value = 50;  // one high point in a column of many
+  const std::string svg = answer_svg({HARD_KEY, {}}, points);
+  EXPECT_EQ(count(svg, "<path "), 2u);
+  EXPECT_LT(svg.size(), 100'000u) << "points that nobody can see are drawn";
+  EXPECT_NE(svg.find("<title>cpu,host=&quot;&lt;a&gt;&amp;b\\&quot; use\xef\xbf\xbd\xc3\xbcr</title>"), svg.npos);
+  // The high point's place is the tick of 50, up to rounding.
+  const size_t label = svg.find(">50</text>");
+  ASSERT_NE(label, svg.npos);
+  const size_t y = svg.rfind("y1=\"", label) + 4;
+  const std::string spot = fmt::format(",{} ", std::string_view(svg).substr(y, svg.find('"', y) - y));
+  EXPECT_NE(svg.find(spot, svg.find("<path ")), svg.npos) << "the one high point is thinned out";
+}
+
+TEST(PlotSvg, AnyAnswerHasAPicture) {
+  const std::vector<Point> answers[] = {
+      {}, {{T0, 5}}, {{T0, NOT_A_NUMBER}}, {{LEAST, -BIG}, {0, 0}, {MOST, BIG}}, {{T0, 4.9e-324}, {T0 + 1, 0}}, FOUR};
+  for (const std::vector<Point> &points : answers) {
+    const std::string svg = answer_svg({"m f", {}}, points);
+    SCOPED_TRACE(svg);
+    const size_t n_finite = static_cast<size_t>(
+        std::count_if(points.begin(), points.end(), [](const Point &point) { return std::isfinite(point.value); }));
+    EXPECT_EQ(count(svg, "<circle "), n_finite);
+    EXPECT_EQ(count(svg, ">no point"), n_finite == 0 ? 1u : 0u);
+    EXPECT_TRUE(svg.ends_with("</svg>\n"));
+    for (const char *number : {"nan", "inf"}) EXPECT_EQ(count(svg, number), 0u);
+  }
+}
+
+}  // namespace
+}  // namespace metricdb

@@ -1,0 +1,435 @@
+// Redo records applied to a replica, in lock step with the array that wrote them; records that are refused; and the
+// check of a whole array in memory.
+#include "redo_applier.h"
+
+#include <gmock/gmock.h>
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <functional>
+#include <random>
+
+#include "array_check.h"
+#include "array_loader.h"
+#include "array_support.h"
+#include "redo_recorder.h"
+#include "tslb_settings.h"
+
+constexpr uint32_t kMaxSlots = 4000;
+constexpr const char *kName = "metrics";
+
+static std::string stream_of(DynArrHandle_t *array, int *kept_fd = nullptr) {
+  const int fd = memfd_create("stream", MFD_CLOEXEC);
+  size_t total = 0;
+  EXPECT_EQ(tslb_create_dump_for_dynarr(array, fd, 0, &total), 0);
+  std::string stream(total, '\0');
+  EXPECT_EQ(pread(fd, stream.data(), total, 0), static_cast<ssize_t>(total));
+  if (kept_fd != nullptr)
+    *kept_fd = fd;
+  else
+    close(fd);
+  return stream;
+}
+
+// An array that is logged, and the one that its records are applied to.
+class pair_t {
+ public:
+  pair_t(uint8_t kind, const std::function<DynArrHandle_t *()> &create)
+      : kind_(kind), replica_(create()), log_(), source_(create()) {
+    follow();
+  }
+
+  DynArrHandle_t *source() const { return source_.get(); }
+  DynArrHandle_t *replica() const { return replica_.get(); }
+
+  void follow() {
+    for (const redo_record_t &record : log_.take()) {
+      const void *const bytes = record.data_ptr != nullptr ? record.bytes.data() : nullptr;
+      const redo_args_t args = {record.txn_id,
+                                static_cast<char>(record.rec_type),
+                                record.ctx_name.data(),
+                                record.ctx_name.size(),
+                                record.tbl_id,
+                                record.data_off,
+                                record.aux_idx,
+                                bytes,
+                                static_cast<uint32_t>(record.bytes.size())};
+      char error[256];
+      ASSERT_EQ(redo_apply(replica(), &args, kind_, kMaxSlots, error, sizeof(error)), 0) << error;
+      ASSERT_STREQ(error, "");
+    }
+  }
+
+  // The replica begins anew from a snapshot.
+  void reload() {
+    int fd;
+    stream_of(source(), &fd);
+    lseek(fd, 0, SEEK_SET);
+    const array_load_options_t options = {kName, static_cast<int32_t>(source()->tbl_id), MPOOL_TYPE_DRAM, kind_, 0};
+    char error[256];
+    replica_.reset(array_load_stream(fd, &options, error, sizeof(error)));
+    ASSERT_NE(replica_, nullptr) << error;
+    close(fd);
+  }
+
+  // What both stand for is the same, where `mask` has wiped out what no record tells.
+  void compare(const std::function<void(DynArrHandle_t *, std::string &)> &mask) {
+    char error[256];
+    ASSERT_EQ(array_check(replica(), kind_, error, sizeof(error)), 0) << error;
+    std::string images[2] = {stream_of(source()), stream_of(replica())};
+    ASSERT_EQ(images[0].size(), images[1].size());
+    for (std::string &image : images) {
+      // n_alloc is each array's own.
+      write_at<uint32_t>(image.data(), static_cast<size_t>(tslb_dynmem_get_hdrsz(source())) - 16, 0);
+      mask(source(), image);
+    }
+    const auto [at, ignored] = std::mismatch(images[0].begin(), images[0].end(), images[1].begin());
+    ASSERT_EQ(at, images[0].end()) << "byte " << at - images[0].begin();
+  }
+
+ private:
+  const uint8_t kind_;
+  array_t replica_;  // created ahead of the log: what that would record is not for it
+  redo_recorder_t log_;
+  array_t source_;
+};
+
+static size_t payload_at(DynArrHandle_t *array, uint32_t idx) {
+  int shift = 0;
+  const size_t slot_bytes = tslb_da_get_slotsz(array, &shift);
+  return static_cast<size_t>(tslb_dynmem_get_hdrsz(array)) + idx * slot_bytes + static_cast<size_t>(shift);
+}
+
+// ---- Slot arrays ---------------------------------------------------------------------------------------------------
+
+// A free slot's mark and the back link that it had on the inactive list: whoever takes the slot again, or walks the
+// lists, looks at neither.
+static void mask_free_slots(DynArrHandle_t *array, std::string &image) {
+  for (uint32_t idx = 0; idx < tslb_da_get_size(array); ++idx) {
+    if (forward_node(tslb_da_get_ptr(array, idx)).status != TSLB_DA_SLOT_FREE) continue;
+    const size_t at = payload_at(array, idx);
+    write_at<uint32_t>(image.data(), at, 0);
+    if ((array->daflag & TSLB_DA_DAFLAG_INLL) != 0)
+      write_at<uint32_t>(image.data(), at + tslb_da_get_record_size(array), 0);
+  }
+}
+
+// One operation on the source, and what the library leaves to the host to log.
+static void change_slots(DynArrHandle_t *array, std::mt19937 &random) {
+  const uint32_t n_used = tslb_da_get_size(array);
+  const uint32_t any = n_used != 0 ? static_cast<uint32_t>(random()) % n_used : 0;
+  const uint32_t operation = n_used != 0 ? static_cast<uint32_t>(random()) % 10 : 0;
+  if (operation <= 3) {
+    uint32_t idx, last_ts;
+    uint8_t last_status;
+    const bool is_told = operation == 3;
+    void *const slot =
+        is_told ? tslb_da_get_newptr_inll(array, &idx, &last_ts, &last_status) : tslb_da_get_newptr(array, &idx);
+    memset(slot, static_cast<int>(random()), tslb_da_get_record_size(array));
+    if (is_told) tslb_redo_log_da_hdr(array, idx, 7, 5);
+    tslb_redo_log_da(array, idx, 7, 0);
+  } else if (operation <= 5) {
+    tslb_da_free_idx(array, any);
+  } else if (operation <= 7) {
+    if (tslb_da_inactivate_idx(array, any, 1000 + static_cast<time_t>(operation)) == 0)
+      tslb_redo_log_da_hdr(array, any, 7, 5);
+  } else if (operation == 8) {
+    if (tslb_da_activate_idx(array, any) == 0) tslb_redo_log_da_hdr(array, any, 7, 5);
+  } else if (forward_node(tslb_da_get_ptr(array, any)).status == TSLB_DA_SLOT_ACTIVE) {
+    write_at<uint16_t>(tslb_da_get_ptr(array, any), 5, static_cast<uint16_t>(random()));
+    tslb_redo_log_da_field(array, any, 7, 9, 5, 2);
+  }
+}
+
+TEST(RedoApplier, SlotArraysInLockStep) {
+  static const struct {
+    const char *fault;
+    uint8_t daflag;
+    int record_size, n_direct;
+    bool reuses;
+    uint32_t least_slots;  // so that more levels than the first are there, where slots are not taken again
+  } rows[] = {
+      {"slots without a back node", TSLB_DA_DAFLAG_LL, 20, 3, false, 290},
+      {"slots with one", TSLB_DA_DAFLAG_INLL, 20, 3, false, 290},
+      {"slots at odd addresses, none of them direct", TSLB_DA_DAFLAG_INLL, 13, 0, false, 290},
+      {"inactive slots that are taken again", TSLB_DA_DAFLAG_INLL, 32, 40, true, 60},
+  };
+  lib_config.tslb_mvt_reuse_enabled = 1;
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    pair_t pair(ARRAY_LOAD_ANY, [&row] {
+      return tslb_da_init_ll(row.record_size, row.n_direct, MPOOL_TYPE_DRAM, kName, -9, row.daflag);
+    });
+    tsdb_mem_pressure_config_t policy = {};
+    policy.mvt_reuse_policy_use = 1;
+    policy.major.inactive_threshold_pct = 20;
+    policy.critical.inactive_threshold_pct = 20;
+    if (row.reuses) tslb_da_register_reuse_policy(pair.source(), &policy);
+    std::mt19937 random(20);
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();  // refusals
+    for (int step = 0; step < 3000 && !testing::Test::HasFatalFailure(); ++step) {
+      change_slots(pair.source(), random);
+      pair.follow();
+      if (step == 1500) pair.reload();
+      if (step % 50 == 0) pair.compare(mask_free_slots);
+    }
+    testing::internal::GetCapturedStdout();
+    testing::internal::GetCapturedStderr();
+    pair.compare(mask_free_slots);
+    EXPECT_GT(tslb_da_get_size(pair.source()), row.least_slots);
+  }
+  lib_config.tslb_mvt_reuse_enabled = 0;
+}
+
+// ---- Pools ---------------------------------------------------------------------------------------------------------
+
+// A memory slot that is taken again is cleared, which nobody logs: what it holds behind its chunks is not said, and so
+// is all of a free one.
+static void mask_behind_chunks(DynArrHandle_t *pool, std::string &image) {
+  const uint32_t mslot_sz = static_cast<DynMemHdr_t *>(tslb_da_get_usrhdr(pool))->mslot_sz;
+  for (uint32_t idx = 0; idx < tslb_da_get_size(pool); ++idx) {
+    const size_t at = payload_at(pool, idx);
+    const uint32_t used = read_at<uint32_t>(image.data(), at);
+    const uint32_t kept = used <= mslot_sz ? used : 0;  // the mark of a free one is more
+    memset(image.data() + at + 8 + kept, 0, mslot_sz - kept);
+  }
+}
+
+class pool_log_t {
+ public:
+  explicit pool_log_t(dynmem_t *pool) : pool_(pool) {}
+
+  // Bytes of a memory slot, its counters, and the pool's header: all that a host has to log of a chunk.
+  void log(uint32_t slot_idx, const char *at, int bytes) {
+    const char *const slot = static_cast<const char *>(tslb_da_get_ptr(pool_, slot_idx));
+    tslb_redo_log_da_field(pool_, slot_idx, 7, 5, static_cast<int>(at - slot), bytes);
+    tslb_redo_log_da_field(pool_, slot_idx, 7, 5, 0, 8);
+    tslb_redo_log_da_hdr(pool_, slot_idx, 7, 5);
+  }
+
+  void allocate(std::mt19937 &random) {
+    const int overhead = has_compat() ? 16 : 0;
+    const int len = static_cast<int>(random() % 25) * 8 + 8;
+    chunk_t chunk;
+    chunk.at = static_cast<char *>(tslb_dynmem_get_mchunk(pool_, &chunk.address, len, srcaddr_t{1, 2, 3, {0, 0}}));
+    ASSERT_NE(chunk.at, nullptr);
+    memset(chunk.at + overhead, static_cast<int>(random()), static_cast<size_t>(len));
+    chunk.slot_idx = static_cast<uint32_t>(static_cast<DynMemHdr_t *>(tslb_da_get_usrhdr(pool_))->cur_slot_addr);
+    log(chunk.slot_idx, chunk.at, overhead + len);
+    chunks_.push_back(chunk);
+  }
+
+  void remove(std::mt19937 &random) {
+    std::swap(chunks_[random() % chunks_.size()], chunks_.back());
+    const chunk_t chunk = chunks_.back();
+    chunks_.pop_back();
+    tslb_dynmem_del_mchunk(pool_, chunk.address);
+    log(chunk.slot_idx, chunk.at, 16);
+  }
+
+  bool has_compat() const {
+    return (static_cast<DynMemHdr_t *>(tslb_da_get_usrhdr(pool_))->flag & MPOOL_FLAG_COMPAT) != 0;
+  }
+  size_t n_chunks() const { return chunks_.size(); }
+
+ private:
+  struct chunk_t {
+    maddr_t address;
+    char *at;
+    uint32_t slot_idx;
+  };
+
+  dynmem_t *const pool_;
+  std::vector<chunk_t> chunks_;
+};
+
+TEST(RedoApplier, PoolsInLockStep) {
+  static const struct {
+    const char *fault;
+    char slot_type, compat;
+    uint8_t daflag;
+    int tbl_id;
+  } rows[] = {
+      {"big buffers, deleted", 0, MPOOL_FLAG_COMPAT, TSLB_DA_DAFLAG_LL, BBP_TBLID},
+      {"bit vectors, deleted", MPOOL_FLAG_BV, MPOOL_FLAG_COMPAT, TSLB_DA_DAFLAG_LL, BVP_TBLID},
+      {"bit vectors in slots with both nodes", MPOOL_FLAG_BV, MPOOL_FLAG_COMPAT, TSLB_DA_DAFLAG_INLL, 3},
+      {"a pool without nodes", 0, 0, 0, 3},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    pair_t pair(ARRAY_LOAD_POOL, [&row] {
+      return tslb_init_dynmem(1000, 2, row.compat, MPOOL_TYPE_DRAM, row.slot_type, kName, row.tbl_id, row.daflag);
+    });
+    std::mt19937 random(21);
+    pool_log_t pool(pair.source());
+    const size_t most_chunks = pool.has_compat() ? 300 : 1500;
+    for (int step = 0; step < 2500 && !testing::Test::HasFatalFailure(); ++step) {
+      if (pool.n_chunks() < most_chunks && (!pool.has_compat() || pool.n_chunks() < 20 || random() % 5 < 3))
+        pool.allocate(random);
+      else if (pool.has_compat())
+        pool.remove(random);
+      pair.follow();
+      if (step == 1200) pair.reload();
+      if (step % 50 == 0) pair.compare(mask_behind_chunks);
+    }
+    pair.compare(mask_behind_chunks);
+    EXPECT_GT(tslb_da_get_size(pair.source()), 20u);
+  }
+}
+
+// Of a pool without nodes the growth alone says that slots exist.
+TEST(RedoApplier, GrowthMakesSlots) {
+  const auto create = [] { return tslb_init_dynmem(1000, 1, 0, MPOOL_TYPE_DRAM, 0, kName, 3, 0); };
+  pair_t pair(ARRAY_LOAD_POOL, create);
+  const uint64_t counted = g_mem_st.total_mused;
+  maddr_t address;
+  for (int i = 0; i < 20; ++i) tslb_dynmem_get_mchunk(pair.source(), &address, 1000, srcaddr_t{});
+  const uint64_t counted_by_source = g_mem_st.total_mused;
+  pair.follow();
+  EXPECT_EQ(tslb_da_get_size(pair.replica()), 20u);
+  EXPECT_EQ(tslb_da_get_total_size(pair.replica()), tslb_da_get_total_size(pair.source()));
+  EXPECT_EQ(static_cast<DynMemHdr_t *>(tslb_da_get_usrhdr(pair.replica()))->total_msz, 80u + 20 * 1008);
+  EXPECT_GT(counted_by_source, counted);
+  EXPECT_EQ(g_mem_st.total_mused, counted_by_source) << "applying counts nothing";
+}
+
+// ---- Refusals ------------------------------------------------------------------------------------------------------
+
+struct bad_record_t {
+  const char *fault;
+  const char *error;
+  std::function<void(redo_args_t &, std::string &headers)> spoil;  // of a record of all headers
+};
+
+static void expect_refused(DynArrHandle_t *array, uint8_t kind, const std::vector<bad_record_t> &rows) {
+  const std::string before = stream_of(array);
+  const size_t header_bytes = static_cast<size_t>(tslb_dynmem_get_hdrsz(array));
+  for (const bad_record_t &row : rows) {
+    SCOPED_TRACE(row.fault);
+    std::string headers(before.data(), header_bytes);
+    headers.resize(500);  // for those who claim more
+    redo_args_t record = {
+        1, 5, kName, strlen(kName), array->tbl_id, 0, 0xFFFFFFFFu, headers.data(), static_cast<uint32_t>(header_bytes)};
+    row.spoil(record, headers);
+    char error[256];
+    EXPECT_EQ(redo_apply(array, &record, kind, 100, error, sizeof(error)), -1);
+    EXPECT_THAT(error, testing::HasSubstr(row.error));
+    EXPECT_EQ(stream_of(array), before) << "changed by a record that was refused";
+  }
+}
+
+TEST(RedoApplier, RefusesWhatDoesNotFitAnArray) {
+  const array_t array(tslb_da_init_ll(20, 3, MPOOL_TYPE_DRAM, kName, 5, TSLB_DA_DAFLAG_INLL));
+  uint32_t idx;
+  for (int i = 0; i < 10; ++i) tslb_da_get_newptr(array.get(), &idx);
+  const auto at = [](uint64_t off, uint32_t bytes) {
+    return [off, bytes](redo_args_t &record, std::string &) { record.data_off = off, record.data_sz = bytes; };
+  };
+  const auto word = [](size_t offset, uint32_t value) {
+    return [offset, value](redo_args_t &, std::string &headers) { write_at(headers.data(), offset, value); };
+  };
+  // Headers take 84 bytes, a slot 36.
+  expect_refused(
+      array.get(), ARRAY_LOAD_POOL_BY_SIZE,
+      {
+          {"over a slot's end", "4 bytes from byte 33 of slot 1", at(84 + 36 + 33, 4)},
+          {"more than a slot", "37 bytes from byte 0 of slot 0", at(84, 37)},
+          {"length that wraps", "of slot 0 on, which has 36", at(85, 0xFFFFFFFFu)},
+          {"over the border of headers and slots", "headers are 84 from 0 on", at(80, 8)},
+          {"headers and a slot", "headers are 84 from 0 on", at(0, 120)},
+          {"part of the headers", "headers are 84 from 0 on", at(0, 83)},
+          {"another part", "headers are 84 from 0 on", at(8, 60)},
+          {"more slots than allowed", "slot 100, and 100 are allowed", at(84 + 36 * 100, 8)},
+          {"position at the end of all numbers", "are allowed", at(UINT64_MAX - 35, 1)},
+          {"no bytes", "no bytes", at(84, 0)},
+          {"bytes that are nowhere", "no bytes", [](redo_args_t &record, std::string &) { record.data_ptr = nullptr; }},
+          {"another table", "of table 6, the array's is 5",
+           [](redo_args_t &record, std::string &) { record.tbl_id = 6; }},
+          {"another context", "another context", [](redo_args_t &record, std::string &) { record.ctx_name_len = 6; }},
+          {"aux_idx that nobody writes", "aux_idx 0", [](redo_args_t &record, std::string &) { record.aux_idx = 0; }},
+          {"growth of an array", "no pool", [](redo_args_t &record, std::string &) { record.rec_type = 13; }},
+          {"another layout", "DynHdr_t", word(0, 3)},
+          {"another user header", "DynHdr_t", word(4, 60u << 16 | 8)},
+          {"other nodes", "lltype", word(8 + 28, TSLB_DA_DAFLAG_LL)},
+          {"other direct area", "n_direct", word(68 + 8, 4)},
+          {"other records", "record_size", word(68 + 12, 24)},
+          {"ids taken back", "n_used 9, where 10", word(68 + 4, 9)},
+          {"more ids than allowed", "slot 100, and 100 are allowed", word(68 + 4, 101)},
+      });
+  array->mem_type = MPOOL_TYPE_SHM;
+  expect_refused(array.get(), ARRAY_LOAD_ANY, {{"block files", "not in process memory", at(84, 8)}});
+  array->mem_type = MPOOL_TYPE_DRAM;
+}
+
+TEST(RedoApplier, RefusesWhatDoesNotFitAPool) {
+  const array_t pool(tslb_init_dynmem(1000, 1, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM, MPOOL_FLAG_BV, kName, 5, 0));
+  maddr_t address;
+  tslb_dynmem_get_mchunk(pool.get(), &address, 800, srcaddr_t{});
+  const auto growth = [](uint64_t size, uint32_t bytes) {
+    return [size, bytes](redo_args_t &record, std::string &) {
+      record.rec_type = 13;
+      record.data_off = size;
+      record.data_sz = bytes;
+    };
+  };
+  const auto word = [](size_t offset, uint32_t value) {
+    return [offset, value](redo_args_t &, std::string &headers) { write_at(headers.data(), offset, value); };
+  };
+  // Headers take 80 bytes, a slot 1008.
+  expect_refused(pool.get(), ARRAY_LOAD_POOL,
+                 {
+                     {"growth with bytes", "growth with 4 bytes", growth(80 + 2016, 4)},
+                     {"growth to less than nothing", "growth to a size", growth(79, 0)},
+                     {"growth beyond what is allowed", "growth to a size", growth(80 + 1008 * 101, 0)},
+                     {"another kind of pool", "the pool's flag", word(8, MPOOL_FLAG_COMPAT)},
+                     {"other memory slots", "mslot_sz", word(8 + 4, 996)},
+                 });
+}
+
+// ---- The check -----------------------------------------------------------------------------------------------------
+
+TEST(ArrayCheck, SaysWhatDoesNotHold) {
+  static const struct {
+    const char *fault, *error;
+    uint32_t DynArrLLI_t::*root;  // changed by one
+  } rows[] = {
+      {"free list begins elsewhere", "the free list", &DynArrLLI_t::free_head},
+      {"free list ends elsewhere", "tail 4 of the free list", &DynArrLLI_t::free_tail},
+      {"free list counts wrong", "the free list counts 3", &DynArrLLI_t::n_free},
+      {"inactive list begins elsewhere", "the inactive list", &DynArrLLI_t::inact_head},
+      {"inactive list ends elsewhere", "tail 7 of the inactive list", &DynArrLLI_t::inact_tail},
+      {"inactive list counts wrong", "the inactive list counts 3", &DynArrLLI_t::n_inact},
+  };
+  const array_t array(tslb_da_init_ll(20, 3, MPOOL_TYPE_DRAM, kName, 5, TSLB_DA_DAFLAG_INLL));
+  uint32_t idx;
+  for (int i = 0; i < 10; ++i) tslb_da_get_newptr(array.get(), &idx);
+  for (const uint32_t freed : {1u, 3u}) tslb_da_free_idx(array.get(), freed);
+  for (const uint32_t parked : {4u, 6u}) tslb_da_inactivate_idx(array.get(), parked, 9);
+  const auto check = [&array](uint8_t kind = ARRAY_LOAD_ANY) {
+    char error[256];
+    const int result = array_check(array.get(), kind, error, sizeof(error));
+    EXPECT_EQ(result == 0, error[0] == '\0');
+    return std::string(error);
+  };
+  EXPECT_EQ(check(), "");
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    ++(list_roots(array.get()).*row.root);
+    EXPECT_THAT(check(), testing::HasSubstr(row.error));
+    --(list_roots(array.get()).*row.root);
+  }
+  forward_node(tslb_da_get_ptr(array.get(), 8)).status = TSLB_DA_SLOT_FREE;
+  EXPECT_THAT(check(), testing::HasSubstr("3 slots say that they are free"));
+  forward_node(tslb_da_get_ptr(array.get(), 8)).status = TSLB_DA_SLOT_ACTIVE;
+  backward_node(array.get(), tslb_da_get_ptr(array.get(), 6)).prev = 1;
+  EXPECT_THAT(check(), testing::HasSubstr("prev 1 of slot 6"));
+  backward_node(array.get(), tslb_da_get_ptr(array.get(), 6)).prev = 4;
+  array->daflag = TSLB_DA_DAFLAG_LL;
+  EXPECT_THAT(check(), testing::HasSubstr("the handle 0x01"));
+  array->daflag = TSLB_DA_DAFLAG_INLL;
+  EXPECT_THAT(check(ARRAY_LOAD_POOL), testing::HasSubstr("a pool has 56"));
+  EXPECT_EQ(check(), "");
+}

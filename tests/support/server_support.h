@@ -1,0 +1,163 @@
+// A server on free ports in a thread of its own, and a peer that speaks to it byte by byte.
+#pragma once
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <string>
+#include <thread>
+
+#include "fake_ingest.h"
+#include "server.h"
+
+// Waits for what another thread does. The deadline only ends what would never come.
+template <class Condition>
+bool comes_true(Condition condition) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+inline metricdb::ServerOptions on_free_ports() {
+  metricdb::ServerOptions options;
+  options.influx_port = 0;
+  options.graphite_port = 0;
+  return options;
+}
+
+class RunningServer {
+ public:
+  explicit RunningServer(const metricdb::ServerOptions &options = on_free_ports())
+      : server_(options, ingest_), thread_([this] { server_.run(); }) {}
+  ~RunningServer() {
+    ingest_.settle_all();
+    stop();
+  }
+
+  // Returns when `run` did.
+  void stop() {
+    server_.stop();
+    if (thread_.joinable()) thread_.join();
+  }
+  void stop_later() { server_.stop(); }
+
+  FakeIngest &ingest() { return ingest_; }
+  metricdb::ServerCounters counters() const { return server_.counters(); }
+  int influx_port() const { return influx_port_; }
+  int graphite_port() const { return graphite_port_; }
+
+ private:
+  FakeIngest ingest_;
+  metricdb::Server server_;
+  const int influx_port_ = server_.influx_port();
+  const int graphite_port_ = server_.graphite_port();
+  std::thread thread_;
+};
+
+class Peer {
+ public:
+  // Without a connection yet for port 0.
+  explicit Peer(int port) : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    const int on = 1;
+    setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+    if (port != 0) connect_to(port);
+  }
+  ~Peer() { close(fd_); }
+  Peer(const Peer &) = delete;
+  Peer &operator=(const Peer &) = delete;
+
+  void connect_to(int port) {
+    sockaddr_in to = {};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(static_cast<uint16_t>(port));
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    is_connected_ = connect(fd_, reinterpret_cast<sockaddr *>(&to), sizeof(to)) == 0;
+  }
+  bool is_connected() const { return is_connected_; }
+
+  bool send(std::string_view text) const {
+    while (!text.empty()) {
+      const ssize_t sent = ::send(fd_, text.data(), text.size(), MSG_NOSIGNAL);
+      if (sent <= 0) return false;
+      text.remove_prefix(static_cast<size_t>(sent));
+    }
+    return true;
+  }
+  // What can be sent without waiting.
+  size_t send_some(std::string_view text) const {
+    const ssize_t sent = ::send(fd_, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    return sent < 0 ? 0 : static_cast<size_t>(sent);
+  }
+  void end_sending() const { shutdown(fd_, SHUT_WR); }
+  // Closes with a reset.
+  void reset() {
+    const linger now = {1, 0};
+    setsockopt(fd_, SOL_SOCKET, SO_LINGER, &now, sizeof(now));
+    close(fd_);
+    fd_ = -1;
+  }
+
+  // Nothing has come that was not read.
+  bool hears_nothing() const {
+    char byte;
+    return unread_.empty() && recv(fd_, &byte, 1, MSG_PEEK | MSG_DONTWAIT) < 0;
+  }
+
+  // The next answer, whole: head and body. What there is of it if the connection ends or is silent for a minute.
+  std::string answer() {
+    size_t head_end = std::string::npos;
+    while ((head_end = unread_.find("\r\n\r\n")) == std::string::npos)
+      if (!receive()) return std::exchange(unread_, {});
+    size_t size = head_end + 4;
+    const size_t length = unread_.find("Content-Length: ");
+    if (length < head_end) size += std::strtoul(unread_.c_str() + length + 16, nullptr, 10);
+    while (unread_.size() < size)
+      if (!receive()) return std::exchange(unread_, {});
+    std::string whole = unread_.substr(0, size);
+    unread_.erase(0, size);
+    return whole;
+  }
+  int status() { return status_of(answer()); }
+  static int status_of(const std::string &answer) {
+    return answer.starts_with("HTTP/1.1 ") ? std::atoi(answer.c_str() + 9) : 0;
+  }
+  // The connection ends here, whether with an end or a reset.
+  bool is_closed() {
+    while (receive()) {
+    }
+    return unread_.empty() && has_ended_;
+  }
+
+ private:
+  bool receive() {
+    pollfd waited = {fd_, POLLIN, 0};
+    char bytes[65536];
+    if (poll(&waited, 1, 60'000) != 1) return false;
+    const ssize_t got = recv(fd_, bytes, sizeof(bytes), 0);
+    if (got > 0) unread_.append(bytes, static_cast<size_t>(got));
+    has_ended_ = got <= 0;
+    return got > 0;
+  }
+
+  int fd_;
+  bool is_connected_ = false;
+  bool has_ended_ = false;
+  std::string unread_;
+};
+
+// A write of those lines.
+inline std::string post(std::string_view lines, std::string_view arguments = "db=x",
+                        std::string_view headers = "Host: x\r\n") {
+  std::string text = "POST /write?";
+  text.append(arguments).append(" HTTP/1.1\r\n").append(headers);
+  return text.append("Content-Length: ").append(std::to_string(lines.size())).append("\r\n\r\n").append(lines);
+}
