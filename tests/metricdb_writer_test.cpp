@@ -1,5 +1,8 @@
 // A database that is written to while it is open: what was settled comes back, whatever happens, and nothing else does.
 #include <gmock/gmock.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 
 #include <cstdlib>
@@ -9,6 +12,7 @@
 #include "database_writer.h"
 #include "io_faults.h"
 #include "metricdb_support.h"
+#include "store_internal.h"
 
 namespace metricdb {
 namespace {
@@ -192,6 +196,158 @@ TEST_F(Writer, AFailureAnywhereRefusesABatchAndLosesNothing) {
   }
   EXPECT_GT(n_refused, 5u) << "too few steps failed for this to show anything";
   EXPECT_GT(n_in_snapshots, 5u);
+}
+
+// ---- Older layouts, and damage ----
+
+std::map<std::string, std::string> points_of(const Store &store) {
+  auto content = content_of(store);
+  for (auto &[key, shown] : content) shown.resize(shown.find('|'));
+  return content;
+}
+
+TEST_F(Writer, AnOlderLayoutIsMadeOfTheNewerOneForGood) {
+  const WriterOptions forgetting = {.retain_ns = 2500, .idle_ns = 300};
+  StoreConfig config;
+  config.retain_ns = *forgetting.retain_ns;
+  config.idle_ns = *forgetting.idle_ns;
+  {
+    DatabaseWriter writer(db(), forgetting);
+    for (int number = 0; number < 100; ++number) ASSERT_EQ(put(writer, batch_text(number)), "");
+    // Sweeps come later by themselves: the conversion has to meet free slots and inactive ones.
+    writer.snapshot();
+  }
+  {
+    Opened opened = reopened();
+    opened.store.sweep();
+    ASSERT_GT(lists_of(opened.store.catalogue())->n_free, 0u);
+    ASSERT_GT(opened.store.n_inactive(), 0u);
+    NewGeneration(*std::make_unique<Database>(db(), Database::Use::write)).write_streams(opened.store);
+  }
+  const auto before = points_of(reopened().store);
+  WriterOptions older = forgetting;
+  older.layout = OLDEST_LAYOUT;
+  {
+    DatabaseWriter writer(db(), older);
+    EXPECT_EQ(points_of(writer.store()), before);
+    EXPECT_EQ(tslb_da_get_record_size(writer.store().catalogue()), sizeof(ty_sub_t_v0));
+    EXPECT_GT(lists_of(writer.store().catalogue())->n_free, 0u) << "free slots are lost";
+    for (int number = 100; number < 140; ++number) ASSERT_EQ(put(writer, batch_text(number)), "");
+  }
+  // From now on it has that layout, whoever opens it; and there is no way back.
+  const Opened opened = reopened();
+  EXPECT_EQ(opened.stored.layout, OLDEST_LAYOUT);
+  Model straight(config);
+  for (int number = 0; number < 140; ++number) straight.take(batch_text(number));
+  straight.store().sweep();
+  Opened swept = reopened();
+  swept.store.sweep();
+  EXPECT_EQ(points_of(swept.store), points_of(straight.store()));
+  EXPECT_THROW(Database(db(), Database::Use::read).open({.layout = NEWEST_LAYOUT}), DatabaseError);
+}
+
+TEST_F(Writer, DamageIsRefusedByItsPlaceAndSalvagedUpToIt) {
+  {
+    DatabaseWriter writer(db(), {});
+    for (int number = 0; number < 20; ++number) ASSERT_EQ(put(writer, batch_text(number)), "");
+  }
+  const fs::path journal = fs::path(db()) / "journal.1";
+  const std::string whole = read_file(journal);
+  std::string damaged = whole;
+  damaged[damaged.size() / 2] ^= 0x10;
+  write_file(journal, damaged);
+  std::string refusal;
+  try {
+    reopened();
+  } catch (const std::runtime_error &error) {
+    refusal = error.what();
+  }
+  EXPECT_THAT(refusal, testing::StartsWith(journal.string() + ": byte "));
+  EXPECT_THROW(DatabaseWriter(db(), {}), std::runtime_error);
+  EXPECT_EQ(read_file(journal), damaged) << "what might be mended is gone";
+
+  WriterOptions salvage;
+  salvage.salvage = true;
+  {
+    DatabaseWriter writer(db(), salvage);
+    EXPECT_THAT(writer.found(), HasSubstr(journal.string() + ": byte "));
+    EXPECT_GT(writer.store().n_points(), 0u);
+    EXPECT_LT(writer.store().n_points(), 20u * 120);
+    EXPECT_EQ(writer.store().n_points() % 120, 0u) << "a part of a batch";
+  }
+  Model straight;
+  for (uint64_t number = 0; number < reopened().store.n_points() / 120; ++number)
+    straight.take(batch_text(static_cast<int>(number)));
+  EXPECT_EQ(content_of(reopened().store), content_of(straight.store()));
+
+  // A torn end is no damage: it is cut, and said.
+  const fs::path last = fs::path(db()) / "journal.2";
+  write_file(last, read_file(last) + "torn");
+  DatabaseWriter writer(db(), {});
+  EXPECT_THAT(writer.found(), HasSubstr(last.string() + ": "));
+  EXPECT_EQ(content_of(writer.store()), content_of(straight.store()));
+}
+
+// Batches are refused while there is no room, and all others are there: the disk is met as a limit on the file's size,
+// at the write, and as a small file system of its own, ahead of any change.
+class FullDisk : public Writer {
+ protected:
+  void fill_and_go_on(const std::function<void()> &make_room) {
+    Model straight;
+    int n_refused = 0;
+    {
+      WriterOptions options;
+      options.snapshot_bytes = 0;
+      DatabaseWriter writer(db(), options);
+      std::vector<int> kept;
+      for (int number = 0; number < 400 && n_refused < 3; ++number) {
+        const std::string why = put(writer, batch_text(number));
+        if (why.empty())
+          kept.push_back(number);
+        else
+          ++n_refused;
+        EXPECT_TRUE(why.empty() || why.find("journal.1: ") != why.npos) << why;
+      }
+      EXPECT_EQ(n_refused, 3) << "the disk did not fill";
+      EXPECT_GT(kept.size(), 5u);
+      make_room();
+      for (int number = 400; number < 410; ++number) {
+        EXPECT_EQ(put(writer, batch_text(number)), "");
+        kept.push_back(number);
+      }
+      EXPECT_EQ(writer.store().n_points(), kept.size() * 120);
+      kept_ = kept;
+    }
+    for (const int number : kept_) straight.take(batch_text(number));
+    EXPECT_EQ(content_of(reopened().store), content_of(straight.store()));
+  }
+
+  std::vector<int> kept_;
+};
+
+TEST_F(FullDisk, AsALimitOnTheFile) {
+  { DatabaseWriter first(db(), {}); }
+  struct rlimit limit;
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
+  const auto old_handler = signal(SIGXFSZ, SIG_IGN);
+  const struct rlimit tight = {400'000, limit.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &tight), 0);
+  fill_and_go_on([&limit] { ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0); });
+  signal(SIGXFSZ, old_handler);
+}
+
+TEST_F(FullDisk, AsASmallFileSystem) {
+  fs::create_directory(root_ / "small");
+  const std::string small = (root_ / "small").string();
+  if (mount("none", small.c_str(), "tmpfs", 0, "size=2m") != 0) GTEST_SKIP() << "this user mounts nothing";
+  const struct Unmount {
+    std::string where;
+    ~Unmount() { umount2(where.c_str(), MNT_DETACH); }
+  } unmount{small};
+  fs::create_directory(root_ / "small" / "db");
+  fs::create_directory_symlink(root_ / "small" / "db", db());
+  write_file(root_ / "small" / "ballast", std::string(1'000'000, 'b'));
+  fill_and_go_on([this] { fs::remove(root_ / "small" / "ballast"); });
 }
 
 // ---- The program, ended at each step ----
