@@ -177,12 +177,12 @@ class Collectd : public Agents {
                                              name, root_.string(), plugins));
   }
   // Counters as they are: rates begin with a nan each.
-  std::string writes_graphite() const {
+  std::string writes_graphite(int port) const {
     return fmt::format(
         "LoadPlugin write_graphite\n<Plugin write_graphite>\n<Node \"metricdb\">\nHost \"127.0.0.1\"\n"
         "Port \"{}\"\nProtocol \"tcp\"\nLogSendErrors true\nStoreRates false\nPrefix "
         "\"collectd.\"\n</Node>\n</Plugin>\n",
-        server_.graphite_port());
+        port);
   }
   static std::vector<std::string> run(const fs::path &configuration) {
     return {COLLECTD, "-f", "-C", configuration.string()};
@@ -191,7 +191,7 @@ class Collectd : public Agents {
 
 TEST_F(Collectd, WritesGraphite) {
   SKIP_WITHOUT(COLLECTD, "collectd-core");
-  const fs::path configuration = configure("sender", PLUGINS + writes_graphite());
+  const fs::path configuration = configure("sender", PLUGINS + writes_graphite(server_.graphite_port()));
   Program collectd(run(configuration), root_ / "collectd.out");
   for (const char *path : {"collectd.sender.cpu-0.cpu-", "collectd.sender.load.load.shortterm value=",
                            "collectd.sender.memory.memory-", "collectd.sender.interface-lo.if_octets."})
@@ -219,11 +219,54 @@ TEST_F(Collectd, ForwardsWhatOthersSend) {
   const auto network = [&](const char *verb) {
     return fmt::format("LoadPlugin network\n<Plugin network>\n{} \"127.0.0.1\" \"{}\"\n</Plugin>\n", verb, udp_port);
   };
-  Program forwards(run(configure("forwarder", network("Listen") + writes_graphite())), root_ / "forwarder.out");
+  Program forwards(run(configure("forwarder", network("Listen") + writes_graphite(server_.graphite_port()))),
+                   root_ / "forwarder.out");
   Program collects(run(configure("far", PLUGINS + network("Server"))), root_ / "far.out");
   EXPECT_TRUE(comes_true([&] { return has_point_with({"collectd.far.load.load.midterm value="}); }))
       << forwards.output() << collects.output();
   EXPECT_FALSE(has_point_with({"forwarder"}));
+}
+
+// ---- The program, with its database ----
+
+// What two agents sent is in the database when the program was told to end, and the next one takes more.
+TEST_F(Collectd, FeedsADatabaseBesideCurl) {
+  SKIP_WITHOUT(COLLECTD, "collectd-core");
+  SKIP_WITHOUT(CURL, "curl");
+  const std::string db = (root_ / "db").string();
+  const auto run_to_end = [&](std::vector<std::string> words) {
+    Program program(words, root_ / "program.out");
+    EXPECT_EQ(program.wait(), 0) << program.output();
+    return program.output();
+  };
+  constexpr int N_LINES = 3000;
+  std::string lines;
+  for (int i = 0; i < N_LINES; ++i) lines += fmt::format("m,n={} f={}i {}\n", i % 10, i, i + 1);
+  const fs::path file = write("curl.lp", lines);
+  for (int round = 0; round < 2; ++round) {
+    Program serve({METRICDB, "serve", "--db", db, "--influx", "0", "--graphite", "0"},
+                  root_ / fmt::format("serve{}.out", round));
+    int influx = 0, graphite = 0;
+    ASSERT_TRUE(comes_true([&] {
+      return std::sscanf(serve.output().c_str(), "serving influx 127.0.0.1:%d graphite 127.0.0.1:%d", &influx,
+                         &graphite) == 2;
+    })) << serve.output();
+    const std::string name = fmt::format("sender{}", round);
+    Program collectd(run(configure(name, PLUGINS + writes_graphite(graphite))), root_ / "collectd.out");
+    EXPECT_EQ(run_to_end({CURL, "-sS", "--noproxy", "*", "-w", "%{http_code}", "--data-binary", "@" + file.string(),
+                          fmt::format("http://127.0.0.1:{}/write", influx)}),
+              "204");
+    // Durable while the program runs, and told by another process.
+    EXPECT_TRUE(comes_true([&] {
+      return run_to_end({METRICDB, "export", "--db", db, "collectd." + name + ".load*"}) != "";
+    })) << collectd.output();
+    EXPECT_EQ(collectd.end(SIGTERM), 0);
+    EXPECT_EQ(serve.end(SIGTERM), 0) << serve.output();
+    EXPECT_THAT(serve.output(), HasSubstr(" 0 malformed lines, 0 refused"));
+    EXPECT_THAT(run_to_end({METRICDB, "verify", "--db", db}), HasSubstr("verified "));
+    const std::string kept = run_to_end({METRICDB, "export", "--db", db, "m,*"});
+    EXPECT_EQ(std::count(kept.begin(), kept.end(), '\n'), N_LINES * (round + 1));
+  }
 }
 
 }  // namespace
