@@ -133,9 +133,8 @@ class Load {
   }
 
   void load_inputs() {
-    const Input *current = nullptr;
-    Loader loader(*store_, [&current](uint64_t line, const std::string &reason) {
-      const std::string message = fmt::format("{}:{}: {}; line skipped", current->name(), line, reason);
+    Loader loader(*store_, [this](uint64_t line, const std::string &reason) {
+      const std::string message = fmt::format("{}:{}: {}; line skipped", name_, lines_before_ + line, reason);
       fmt::print(stderr, "{}\n", message);
       TSLB_DLOG(LOG_DETAILS, "%s", message.c_str());
     });
@@ -144,12 +143,8 @@ class Load {
       const LoadStats before = loader.stats();
       // From here on: a pipe can make us wait for as long as it likes.
       const Clock::time_point begin = Clock::now();
-      current = &input;
-      try {
-        loader.load(text, precision_, now_ns_);
-      } catch (const LoadStopped &stopped) {
-        throw StoreFull(fmt::format("{}:{}: {}; loading stopped", input.name(), stopped.line(), stopped.what()));
-      }
+      name_ = input.name();
+      load_text(loader, text);
       const Clock::duration taken = Clock::now() - begin;
       busy_ += taken;
       TSLB_DLOG(LOG_PROGRESS, "%s: %llu lines, %llu points, %llu malformed lines, %.3f s", input.name().c_str(),
@@ -162,6 +157,26 @@ class Load {
     busy_ += Clock::now() - begin;
     stats_ = loader.stats();
     n_malformed_ = stats_.malformed;
+  }
+
+  // In pieces of whole lines, to tell how far it is.
+  void load_text(Loader &loader, std::string_view text) {
+    constexpr size_t PIECE_BYTES = 1 << 20;
+    Progress progress(text.size(), "points");
+    const LoadStats before = loader.stats();
+    for (size_t at = 0; at < text.size();) {
+      const size_t feed = text.find('\n', std::min(at + PIECE_BYTES, text.size()));
+      const size_t behind = feed == text.npos ? text.size() : feed + 1;
+      lines_before_ = loader.stats().lines - before.lines;
+      try {
+        loader.load(text.substr(at, behind - at), precision_, now_ns_);
+      } catch (const LoadStopped &stopped) {
+        throw StoreFull(
+            fmt::format("{}:{}: {}; loading stopped", name_, lines_before_ + stopped.line(), stopped.what()));
+      }
+      at = behind;
+      progress.tell(at, loader.stats().points - before.points);
+    }
   }
 
   void print_summary() const {
@@ -183,6 +198,8 @@ class Load {
   Sweep last_sweep_;
   Clock::duration busy_{};
   uint64_t n_malformed_ = 0;
+  std::string name_;           // of the input at hand
+  uint64_t lines_before_ = 0;  // of the piece at hand in it
 };
 
 // Writes a generation and says so.
