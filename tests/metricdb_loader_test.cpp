@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include <iterator>
 #include <random>
 #include <string>
 #include <vector>
@@ -87,6 +88,47 @@ TEST(SeriesCache, KeepsTheLastFieldsOfAHeadWithinItsBytes) {
   EXPECT_GT(most_heads, MOST_BYTES / 500) << "bytes are counted twice";
   cache.clear();
   EXPECT_EQ(cache.n_heads(), 0u);
+}
+
+std::string shown(LineParser &parser, LineParser::Outcome outcome) {
+  if (outcome == LineParser::Outcome::nothing) return "nothing";
+  if (outcome == LineParser::Outcome::malformed) return parser.reason();
+  std::string text = std::string(parser.line().head);
+  for (const ParsedField &field : parser.line().fields) text += fmt::format("|{}={}", field.key, field.value);
+  return text + fmt::format("|{}|{}", parser.line().ts_ns.value_or(-1), parser.line().strings_skipped);
+}
+
+// Lines one or two bytes away from others, so that what is expected of a line is nearly true. Read with and without it,
+// they are the same, and the fields that are said to be the expected ones are.
+TEST(LineProtocol, WhatIsLikelyChangesNothing) {
+  constexpr uint32_t SEED = 20260104;
+  SCOPED_TRACE(SEED);
+  std::mt19937 random(SEED);
+  constexpr std::string_view BYTES = "ab=,, \\\"#1.i\t";
+  const std::string_view origins[] = {"m,a=1,b=2 f=1i,g=2.5 10", "m,b=2,a=1 f=1,g=\"s\",h=2i 10", "m f=1,ff=2,f=3",
+                                      "m,a=\\ b f=1i,f\\,=2 11"};
+  SeriesCache cache;
+  LineParser plain, helped;
+  uint64_t n_likely = 0;
+  for (uint32_t i = 0; i < 200'000; ++i) {
+    std::string line(origins[random() % std::size(origins)]);
+    for (uint32_t n = random() % 3; n > 0; --n) {
+      const size_t at = random() % line.size();
+      const std::string byte(1, BYTES[random() % BYTES.size()]);
+      random() % 2 == 0 ? line.replace(at, 1, byte) : line.insert(at, byte);
+    }
+    const LikelyLine likely = cache.likely(line);
+    const LineParser::Outcome outcome = helped.parse(line, likely);
+    ASSERT_EQ(shown(helped, outcome), shown(plain, plain.parse(line))) << line;
+    if (outcome != LineParser::Outcome::line) continue;
+    std::vector<SeriesCache::Field> fields;
+    for (const ParsedField &field : helped.line().fields) fields.push_back({field.key, i});
+    ASSERT_LE(helped.line().n_likely, likely.fields.size());
+    for (size_t f = 0; f < helped.line().n_likely; ++f) ASSERT_EQ(fields[f].name, likely.fields[f].name) << line;
+    n_likely += helped.line().n_likely;
+    if (random() % 4 == 0) cache.keep(helped.line().head, fields);
+  }
+  EXPECT_GT(n_likely, 10'000u);
 }
 
 // Names are looked through by 16 bytes at once, and numbers by two ways: special bytes at each place, and digits around

@@ -1,5 +1,6 @@
 // A database that is written to while it is open: what was settled comes back, whatever happens, and nothing else does.
 #include <gmock/gmock.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
@@ -133,6 +134,21 @@ TEST_F(Writer, WhatIsNotCommittedIsNotThere) {
     EXPECT_EQ(opened.store.n_series(), 1u);
   }
   EXPECT_EQ(reopened().store.n_points(), 1u);
+}
+
+// The batch that makes a snapshot due is settled by the journal that ends with it.
+TEST_F(Writer, WhoeverWaitsForTheLastTicketOfAJournalHearsOfIt) {
+  WriterOptions options;
+  options.snapshot_bytes = 1;
+  DatabaseWriter writer(db(), options);
+  for (const uint64_t ticket : {1u, 2u}) {
+    writer.take("m f=1 1\n", Precision::ns);
+    ASSERT_EQ(writer.commit(), ticket);
+    struct pollfd ready = {writer.settled_fd(), POLLIN, 0};
+    ASSERT_EQ(poll(&ready, 1, 10'000), 1);
+    EXPECT_EQ(writer.settled(), ticket);
+    EXPECT_EQ(poll(&ready, 1, 0), 0) << "still readable, so the server would never sleep";
+  }
 }
 
 TEST_F(Writer, MalformedLinesAndFullPoolsAreToldAndTheRestIsKept) {

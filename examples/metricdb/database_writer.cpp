@@ -20,6 +20,25 @@ constexpr int64_t NS_PER_S = 1'000'000'000;
 constexpr uint64_t JOURNAL_BYTES_PER_TEXT_BYTE = 4;
 constexpr uint64_t JOURNAL_BYTES_PER_BATCH = 64 << 10;
 
+constexpr uint64_t LEAST_REPLACED_JOURNAL = 4 << 20;
+
+void watch(const File &group, int event_fd, const std::string &whose) {
+  struct epoll_event event = {};
+  event.events = EPOLLIN;
+  if (epoll_ctl(group.fd(), EPOLL_CTL_ADD, event_fd, &event) != 0) fail_file(whose, "its event cannot be watched");
+}
+
+void tell(int event_fd) {
+  const uint64_t one = 1;
+  // Fails only when the count is at its end, and readable anyway.
+  [[maybe_unused]] const ssize_t written = write(event_fd, &one, sizeof one);
+}
+
+void hear(int event_fd) {
+  uint64_t n_events;
+  [[maybe_unused]] const ssize_t got = read(event_fd, &n_events, sizeof n_events);
+}
+
 StoreConfig config_of_new(const WriterOptions &options) {
   StoreConfig config;
   config.layout = options.layout.value_or(NEWEST_LAYOUT);
@@ -32,7 +51,8 @@ StoreConfig config_of_new(const WriterOptions &options) {
 }  // namespace
 
 DatabaseWriter::DatabaseWriter(const std::string &folder, const WriterOptions &options)
-    : database_(folder, Database::Use::create), options_(options), settled_(File::poll_group()) {
+    : database_(folder, Database::Use::create), options_(options), settled_(File::poll_group()), ended_(File::event()) {
+  watch(settled_, ended_.fd(), folder);
   if (!database_.newest()) NewGeneration(database_).write_streams(Store(config_of_new(options)));
   Opened opened = database_.open({options.salvage, options.layout});
   generation_ = opened.stored.generation;
@@ -82,10 +102,7 @@ void DatabaseWriter::start_journal(const Replayed &replayed) {
   if (!replayed.has_journal) remove_file(path);
   auto journal = replayed.has_journal ? std::make_unique<Journal>(path, replayed.place, options_.sync)
                                       : std::make_unique<Journal>(path, generation_, options_.sync);
-  struct epoll_event event = {};
-  event.events = EPOLLIN;
-  if (epoll_ctl(settled_.fd(), EPOLL_CTL_ADD, journal->event_fd(), &event) != 0)
-    fail_file(path, "its event cannot be watched");
+  watch(settled_, journal->event_fd(), path);
   journal_ = std::move(journal);
   next_snapshot_at_ = options_.snapshot_bytes;
   begin_log();
@@ -104,6 +121,8 @@ void DatabaseWriter::stop_journal() {
     if (std::string why = failure(ticket); !why.empty()) failures_.emplace(ticket, std::move(why));
   has_refused_ = false;
   tickets_before_ = last_ticket_;
+  // Its own event goes with it, perhaps unheard: whoever waits for its last ticket would wait for the next batch.
+  tell(ended_.fd());
   journal_.reset();
 }
 
@@ -176,9 +195,9 @@ uint64_t DatabaseWriter::commit() {
 }
 
 uint64_t DatabaseWriter::settled() {
+  hear(ended_.fd());
   if (!journal_) return last_ticket_;
-  uint64_t n_events;
-  [[maybe_unused]] const ssize_t got = read(journal_->event_fd(), &n_events, sizeof n_events);  // ahead of the question
+  hear(journal_->event_fd());  // ahead of the question
   return tickets_before_ + journal_->settled();
 }
 
@@ -218,6 +237,16 @@ void DatabaseWriter::begin_generation(uint64_t number) {
 }
 
 void DatabaseWriter::close() {
+  commit();
+  // The smaller of the two stays behind, and is read at the next opening.
+  if (options_.snapshot_bytes != 0 && journal_ && journal_->end() > LEAST_REPLACED_JOURNAL &&
+      journal_->end() > store_->bytes_in_use()) {
+    try {
+      snapshot();
+    } catch (const std::runtime_error &error) {
+      TSLB_DLOG(LOG_REFUSALS, "no new generation: %s", error.what());
+    }
+  }
   if (journal_) journal_->close();
 }
 

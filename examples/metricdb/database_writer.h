@@ -56,7 +56,8 @@ class DatabaseWriter final : public Ingest {
   // Writes the next generation now: what is committed is in it. Throws FileError or DatabaseError, and goes on as before.
   Stored snapshot();
 
-  // Waits for what is committed and closes the journal. Throws FileError.
+  // Commits, waits for it and closes the journal; if that is long and longer than what the arrays take, a last generation
+  // comes in its place. Throws FileError.
   void close();
 
   const Store &store() const { return *store_; }
@@ -82,7 +83,8 @@ class DatabaseWriter final : public Ingest {
   Taken taken_;             // of the text at hand
   bool has_taken_ = false;  // something that is not committed yet
 
-  File settled_;                      // an epoll instance with the journal's event in it: it outlives the journals
+  File settled_;                      // an epoll instance with both events in it: it outlives the journals
+  File ended_;                        // the event of a journal's end: tickets that it settled may not have been seen
   std::unique_ptr<Journal> journal_;  // null: the last one could not be made
   std::optional<RedoTo> redo_;
   uint64_t next_snapshot_at_ = 0;  // bytes of the journal

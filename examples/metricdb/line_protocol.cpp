@@ -9,6 +9,7 @@
 #include <bit>
 #include <charconv>
 #include <cmath>
+#include <cstring>
 
 namespace metricdb {
 namespace {
@@ -122,7 +123,7 @@ void LineParser::skip_blanks() {
   while (at(' ')) ++pos_;
 }
 
-LineParser::Outcome LineParser::parse(std::string_view text) {
+LineParser::Outcome LineParser::parse(std::string_view text, const LikelyLine &likely) {
   pos_ = text.data();
   end_ = pos_ + text.size();
   skip_blanks();
@@ -130,6 +131,13 @@ LineParser::Outcome LineParser::parse(std::string_view text) {
   line_.fields.clear();
   line_.ts_ns.reset();
   line_.strings_skipped = 0;
+  line_.n_likely = 0;
+  likely_ = likely.fields;
+  if (!likely.head.empty()) {
+    line_.head = {pos_, likely.head.size()};
+    pos_ += likely.head.size();
+    return parse_fields() && parse_timestamp() ? Outcome::line : Outcome::malformed;
+  }
   return parse_head() && parse_fields() && parse_timestamp() ? Outcome::line : Outcome::malformed;
 }
 
@@ -201,8 +209,22 @@ bool LineParser::parse_fields() {
   return true;
 }
 
+// A name that was one before ends at the same equals sign again: none ends in a backslash.
+bool LineParser::parse_likely_name(std::string_view &key) {
+  const size_t index = line_.fields.size();
+  if (index != line_.n_likely || index >= likely_.size()) return false;
+  const std::string_view name = likely_[index].name;
+  if (static_cast<size_t>(end_ - pos_) <= name.size() || pos_[name.size()] != '=') return false;
+  if (std::memcmp(pos_, name.data(), name.size()) != 0) return false;
+  key = {pos_, name.size()};
+  pos_ += name.size();
+  return true;
+}
+
 bool LineParser::parse_field() {
-  const std::string_view key = name_until(STOPS_NAME);
+  std::string_view key;
+  const bool is_likely = parse_likely_name(key);
+  if (!is_likely) key = name_until(STOPS_NAME);
   if (key.empty()) return fail("a field has no name");
   if (!at('=')) return fail(fmt::format("field {} has no value", quoted(key)));
   ++pos_;
@@ -210,6 +232,7 @@ bool LineParser::parse_field() {
   double value = 0.0;
   if (parse_common_value(value)) {
     line_.fields.push_back({key, value});
+    line_.n_likely += is_likely ? 1 : 0;
     return true;
   }
   const char *const begin = pos_;
@@ -269,15 +292,20 @@ bool LineParser::parse_timestamp() {
   const char *const begin = pos_;
   while (pos_ != end_ && *pos_ != ' ') ++pos_;
   const std::string_view text(begin, static_cast<size_t>(pos_ - begin));
+  skip_blanks();
+  if (text == ts_text_ && pos_ == end_) {
+    line_.ts_ns = ts_ns_;
+    return true;
+  }
   int64_t units = 0;
   int64_t ts_ns = 0;
   const std::errc error = number_of(text, units);
   if (error == std::errc::invalid_argument) return fail(fmt::format("timestamp {} is no integer", quoted(text)));
   if (error != std::errc() || __builtin_mul_overflow(units, ns_per_unit_, &ts_ns))
     return fail(fmt::format("timestamp {} is out of range", quoted(text)));
-  skip_blanks();
   if (pos_ != end_) return fail("text behind the timestamp");
-  line_.ts_ns = ts_ns;
+  line_.ts_ns = ts_ns_ = ts_ns;
+  ts_text_ = text;
   return true;
 }
 

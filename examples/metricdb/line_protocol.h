@@ -18,6 +18,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -32,12 +33,26 @@ struct ParsedField {
   double value;  // of a boolean: 0 or 1
 };
 
+// A field that came with a head before, and the number that its reader gave it.
+struct KnownField {
+  std::string_view name;
+  uint32_t series;
+};
+
+// What a line is likely to be, from the lines before: it begins with this head and a blank, and these fields follow. A
+// line that goes on otherwise comes out all the same; one that goes on like this costs less.
+struct LikelyLine {
+  std::string_view head;  // as `line().head` had it once; empty: nothing is known
+  std::span<const KnownField> fields;
+};
+
 // One line. The texts point into the line or the parser, and hold until its next line.
 struct ParsedLine {
   std::string_view head;
   std::vector<ParsedField> fields;  // in the line's order; a key given twice stands here twice
   std::optional<int64_t> ts_ns;
   uint32_t strings_skipped = 0;  // fields with a quoted string, which are not stored
+  size_t n_likely = 0;           // so many of `fields`, from the first on, are those of the likely line
 };
 
 class LineParser {
@@ -46,11 +61,14 @@ class LineParser {
 
   explicit LineParser(Precision precision = Precision::ns) { set_precision(precision); }
 
-  void set_precision(Precision precision) { ns_per_unit_ = static_cast<int64_t>(precision); }
+  void set_precision(Precision precision) {
+    ns_per_unit_ = static_cast<int64_t>(precision);
+    ts_text_.clear();
+  }
 
   // Reads one line, given without its line end. Afterwards `line()` holds if it was one, and `reason()` says
   // what is wrong with it if it was malformed.
-  Outcome parse(std::string_view text);
+  Outcome parse(std::string_view text, const LikelyLine &likely = {});
 
   const ParsedLine &line() const { return line_; }
   const std::string &reason() const { return reason_; }
@@ -66,6 +84,7 @@ class LineParser {
   bool join_sorted_head();
   bool parse_fields();
   bool parse_field();
+  bool parse_likely_name(std::string_view &key);
   bool parse_common_value(double &value);
   bool parse_string(std::string_view key);
   bool parse_value(std::string_view key, std::string_view text, double &value);
@@ -79,8 +98,11 @@ class LineParser {
   const char *pos_ = nullptr;  // the next byte of the line
   const char *end_ = nullptr;
   std::string_view measurement_;
+  std::span<const KnownField> likely_;
   std::vector<Tag> tags_;
   std::string sorted_head_;
+  std::string ts_text_;  // of the last timestamp: those of a batch are often alike
+  int64_t ts_ns_ = 0;    // and its value
   ParsedLine line_;
   std::string reason_;
 };

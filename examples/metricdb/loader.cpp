@@ -27,24 +27,23 @@ void Loader::drop_stale_series() {
   if (n_forgotten_ == store_.n_forgotten_series()) return;
   n_forgotten_ = store_.n_forgotten_series();
   cache_.clear();
+  last_ = {};
 }
 
 void Loader::store_fields(const ParsedLine &line, int64_t ts_ns) {
   drop_stale_series();
-  std::span<const SeriesCache::Field> last = cache_.fields_of(line.head);
-  bool is_like_last = last.size() == line.fields.size();
+  bool is_like_last = last_.size() == line.fields.size();
   fields_.clear();
   for (size_t i = 0; i < line.fields.size(); ++i) {
     const ParsedField &field = line.fields[i];
-    const bool is_known = i < last.size() && last[i].name == field.key;
+    const bool is_known = i < last_.size() && (i < line.n_likely || last_[i].name == field.key);
     uint32_t series;
     if (is_known) {
-      series = last[i].series;
+      series = last_[i].series;
     } else {
       series = store_.series_of(key_.assign(line.head).append(1, ' ').append(field.key));
       is_like_last = false;
       // A new one can have taken the slot of another. Never of one of this line: those were just written.
-      if (n_forgotten_ != store_.n_forgotten_series()) last = {};
       drop_stale_series();
     }
     store_.append(series, {ts_ns, field.value});
@@ -58,7 +57,8 @@ void Loader::load(std::string_view text, Precision precision, int64_t now_ns) {
   std::string_view line;
   for (uint64_t number = 1; next_line(text, line); ++number) {
     ++stats_.lines;
-    const LineParser::Outcome outcome = parser_.parse(line);
+    const LikelyLine likely = cache_.likely(line);
+    const LineParser::Outcome outcome = parser_.parse(line, likely);
     if (outcome == LineParser::Outcome::nothing) continue;
     const bool fits = outcome == LineParser::Outcome::line && keys_fit();
     if (!fits) {
@@ -68,6 +68,7 @@ void Loader::load(std::string_view text, Precision precision, int64_t now_ns) {
                           : parser_.reason());
       continue;
     }
+    last_ = likely.head.empty() ? cache_.fields_of(parser_.line().head) : likely.fields;
     try {
       store_line(now_ns);
     } catch (const StoreFull &full) {

@@ -57,8 +57,9 @@ class Loader {
   LoadStats stats_;
   std::string key_;
   SeriesCache cache_;
-  uint64_t n_forgotten_ = 0;                // series, when the cache was last known to hold
-  std::vector<SeriesCache::Field> fields_;  // of the line at hand
+  uint64_t n_forgotten_ = 0;                  // series, when the cache was last known to hold
+  std::span<const SeriesCache::Field> last_;  // of the last line with the head at hand
+  std::vector<SeriesCache::Field> fields_;    // of the line at hand
 };
 
 }  // namespace metricdb
