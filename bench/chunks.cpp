@@ -2,22 +2,31 @@
 //
 // Asked: tslb_dynmem_get_mchunk of 16, 64 and 256 bytes in a temporary ring pool with slots of 1 MiB, with 1
 // and 2 threads; the change of slot, every 4,096 to 65,536 chunks, is part of it. Against the floor (floor.h:
-// the seven atomics, on words that lie in their pages as the pool's do), and against malloc.
+// the seven atomics, on words that lie in their pages as the pool's do), against malloc, mimalloc and jemalloc, against
+// the standard library's monotonic buffer behind a mutex, and against Boost.Interprocess's allocator in a mapped file
+// on a tmpfs, which too is found by an offset in another process.
 //
 // Not asked: what the caller does with a chunk. Nobody touches its bytes here, the library neither, while
-// malloc writes a header beside each; what malloc gave is released outside the measured time.
+// malloc writes a header beside each; what the peers gave is released outside the measured time.
 //
 // Run: bench_chunks [--quick] [--benchmark_filter=REGEX]
 #include <stdlib.h>
 #include <string.h>
 
 #include <memory>
+#include <memory_resource>
+#include <mutex>
 #include <string>
 #include <vector>
 
+#include "allocators.h"
 #include "floor.h"
 #include "ratio.h"
+#include "scratch.h"
 #include "tslb_dynmem.h"
+#ifdef TSLB_BENCH_BOOST
+#include <boost/interprocess/managed_mapped_file.hpp>
+#endif
 
 constexpr uint32_t SLOT_BYTES = 1u << 20;
 constexpr uint32_t CHUNKS_PER_THREAD = 1u << 13;
@@ -92,36 +101,90 @@ static rival_t floor_of(const std::shared_ptr<dynmem_t> &pool, uint32_t len) {
           [words] { words->pool.hdr->cur_slot_addr = 0; }};
 }
 
-static void free_all(results_t *results) {
+// ---- Peers
+
+static void release_all(results_t *results, const std::function<void(void *)> &give) {
   for (std::vector<void *> &chunks : *results)
     for (void *&chunk : chunks) {
-      free(chunk);
+      if (chunk != nullptr) give(chunk);
       chunk = nullptr;
     }
 }
 
-static rival_t allocator(uint32_t len) {
+// A peer that takes chunks one by one and has them back by `give` ahead of the next run, and at the end.
+template <class Take>
+static rival_t taking_peer(const char *name, uint32_t len, Take take, const std::function<void(void *)> &give) {
   const std::shared_ptr<results_t> results(new results_t(MAX_THREADS, std::vector<void *>(CHUNKS_PER_THREAD)),
-                                           [](results_t *last) {
-                                             free_all(last);
+                                           [give](results_t *last) {
+                                             release_all(last, give);
                                              delete last;
                                            });
-  return {"malloc",
-          [results, len](unsigned thread) {
+  return {name,
+          [results, len, take](unsigned thread) {
             std::vector<void *> &chunks = (*results)[thread];
-            for (void *&chunk : chunks) chunk = malloc(len);
+            for (void *&chunk : chunks) chunk = take(len);
             return bytes_taken(chunks, len);
           },
-          [results] { free_all(results.get()); }};
+          [results, give] { release_all(results.get(), give); }};
+}
+
+// The buffer has room for a run.
+static rival_t locked_buffer(uint32_t len) {
+  struct shared_t {
+    std::mutex mutex;
+    std::vector<char> memory = std::vector<char>(MAX_THREADS * CHUNKS_PER_THREAD * MAX_CHUNK);
+    std::unique_ptr<std::pmr::monotonic_buffer_resource> buffer;
+  };
+  const auto shared = std::make_shared<shared_t>();
+  return {"mutex + pmr monotonic",
+          [shared, len, results = make_results()](unsigned thread) {
+            std::vector<void *> &chunks = (*results)[thread];
+            for (void *&chunk : chunks) {
+              const std::lock_guard<std::mutex> guard(shared->mutex);
+              chunk = shared->buffer->allocate(len, 1);
+            }
+            return bytes_taken(chunks, len);
+          },
+          [shared] {
+            shared->buffer = std::make_unique<std::pmr::monotonic_buffer_resource>(
+                shared->memory.data(), shared->memory.size(), std::pmr::null_memory_resource());
+          }};
+}
+
+#ifdef TSLB_BENCH_BOOST
+constexpr uint64_t FILE_BYTES = uint64_t{4} * MAX_THREADS * CHUNKS_PER_THREAD * MAX_CHUNK;
+
+static rival_t mapped_file(uint32_t len) {
+  using file_t = boost::interprocess::managed_mapped_file;
+  const auto file = std::make_shared<file_t>(boost::interprocess::open_or_create,
+                                             (scratch_dir(FILE_BYTES) + "/chunks").c_str(), FILE_BYTES);
+  return taking_peer(
+      "Boost mapped file", len, [file](uint32_t bytes) { return file->allocate(bytes); },
+      [file](void *chunk) { file->deallocate(chunk); });
+}
+#endif
+
+static std::vector<rival_t> make_rivals(uint32_t len) {
+  const std::shared_ptr<dynmem_t> pool = make_pool();
+  std::vector<rival_t> rivals = {ours(pool, len), floor_of(pool, len)};
+  for (const allocator_t &allocator : allocators())
+    rivals.push_back(taking_peer(allocator.name, len, allocator.take, allocator.give));
+  rivals.push_back(locked_buffer(len));
+#ifdef TSLB_BENCH_BOOST
+  if (!scratch_dir(FILE_BYTES).empty()) rivals.push_back(mapped_file(len));
+#endif
+  return rivals;
 }
 
 static void add_cases() {
+#ifdef TSLB_BENCH_BOOST
+  scratch_dir(FILE_BYTES);  // ahead of all threads
+#endif
   for (const unsigned threads : {1u, MAX_THREADS})
     for (const uint32_t len : {16u, 64u, MAX_CHUNK})
-      add_case(std::to_string(len) + " bytes, " + (threads == 1 ? "1 thread" : "2 threads"), threads, [len] {
-        const std::shared_ptr<dynmem_t> pool = make_pool();
-        return std::vector<rival_t>{ours(pool, len), floor_of(pool, len), allocator(len)};
-      });
+      add_case(
+          std::to_string(len) + " bytes, " + (threads == 1 ? "1 thread" : "2 threads"), threads,
+          [len] { return make_rivals(len); }, uint64_t{threads} * CHUNKS_PER_THREAD);
 }
 
 int main(int argc, char **argv) {

@@ -5,7 +5,7 @@
 // per slot, over slots that stay and over slots that it gives back. Against the floor (floor.h: the read of the
 // compaction header, the write of its flag, one get_and_inc32; where a slot is given back, the lock, the words of the
 // free list and the lock again; for a sweep the slots' words at places that are known), and for chunks against free of
-// as many bytes.
+// as many bytes, the C library's, mimalloc's and jemalloc's.
 //
 // Not asked: what taking the chunks costs (bench_chunks). The pools are of MPOOL_TYPE_SHM_TMP: process memory, no ring,
 // never redo logged.
@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "allocators.h"
 #include "floor.h"
 #include "ratio.h"
 #include "tslb_dynarr.h"
@@ -165,26 +166,30 @@ static rival_t floor_of(const layout_t &layout, unsigned threads) {
   });
 }
 
-static rival_t allocator(const layout_t &layout, unsigned threads) {
+static rival_t allocator_peer(const allocator_t &allocator, const layout_t &layout, unsigned threads) {
   const auto chunks = std::make_shared<std::vector<void *>>(size_t{layout.pools} * layout.chunks_per_pool);
-  return {"free",
-          [chunks, threads](unsigned thread) {
+  return {allocator.name,
+          [chunks, threads, allocator](unsigned thread) {
             uint64_t count = 0;
-            for (size_t i = thread; i < chunks->size(); i += threads, ++count) free((*chunks)[i]);
+            for (size_t i = thread; i < chunks->size(); i += threads, ++count) allocator.give((*chunks)[i]);
             return count;
           },
-          [chunks, bytes = layout.chunk_bytes] {
-            for (void *&chunk : *chunks) chunk = malloc(bytes);
+          [chunks, allocator, bytes = layout.chunk_bytes] {
+            for (void *&chunk : *chunks) chunk = allocator.take(bytes);
           }};
+}
+
+static std::vector<rival_t> make_deletions(const layout_t &layout, unsigned threads) {
+  std::vector<rival_t> rivals = {ours(layout, threads), floor_of(layout, threads)};
+  for (const allocator_t &allocator : allocators()) rivals.push_back(allocator_peer(allocator, layout, threads));
+  return rivals;
 }
 
 static void add_deletion(const char *name, const layout_t &layout) {
   for (const unsigned threads : {1u, MAX_THREADS})
     add_case(
         std::string(name) + (threads == 1 ? ", 1 thread" : ", 2 threads"), threads,
-        [&layout, threads] {
-          return std::vector<rival_t>{ours(layout, threads), floor_of(layout, threads), allocator(layout, threads)};
-        },
+        [&layout, threads] { return make_deletions(layout, threads); },
         uint64_t{layout.pools} * layout.chunks_per_pool);
 }
 

@@ -9,6 +9,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "tsdb_recovery_schema.h"
 #include "tslb_atomics.h"
 #include "tslb_dynarr.h"
 
@@ -55,6 +56,47 @@ void *floor_find_level3(DynamicArray_t array, uint32_t id, int64_t, const char *
 void *floor_find_level5(DynamicArray_t array, uint32_t id, int64_t, const char *, uint8_t) {
   return find<5>(array, id);
 }
+
+// ---- Addresses
+
+template <unsigned LEVEL>
+static inline void *data_at(dynmem_t *pool, uint32_t slot_idx, uint32_t byte_off) {
+  const DynMemHdr_t *const hdr =
+      reinterpret_cast<const DynMemHdr_t *>(static_cast<char *>(pool->arr_base) + sizeof(DynHdr_t));
+  const size_t header = (hdr->flag & MPOOL_FLAG_COMPAT) * sizeof(compat_t);
+  return static_cast<MemSlot_t *>(find<LEVEL>(pool, slot_idx))->mslot + byte_off + header;
+}
+
+static inline maddrBV_t bv_of(maddr_t address) {
+  maddrBV_t bv;
+  memcpy(&bv, &address, sizeof(bv));
+  return bv;
+}
+template <unsigned LEVEL>
+static inline void *data_at_bv(dynmem_t *pool, maddrBV_t bv) {
+  return data_at<LEVEL>(pool, bv.mslotgroup_idx * 256u + bv.mslot_idx, bv.mchunk_idx * 8u);
+}
+
+void *floor_resolve_bb_direct(dynmem_t *pool, maddr_t address) {
+  return data_at<0>(pool, address.mslot_idx, address.mchunk_idx);
+}
+void *floor_resolve_bb_level1(dynmem_t *pool, maddr_t address) {
+  return data_at<1>(pool, address.mslot_idx, address.mchunk_idx);
+}
+void *floor_resolve_bv_direct(dynmem_t *pool, maddr_t address) {
+  return data_at_bv<0>(pool, bv_of(address));
+}
+void *floor_resolve_bv_level1(dynmem_t *pool, maddr_t address) {
+  return data_at_bv<1>(pool, bv_of(address));
+}
+void *floor_resolve_64_direct(dynmem_t *pool, maddr64_t address) {
+  return data_at<0>(pool, address.mslot_idx, address.mchunk_idx);
+}
+void *floor_resolve_64_level1(dynmem_t *pool, maddr64_t address) {
+  return data_at<1>(pool, address.mslot_idx, address.mchunk_idx);
+}
+
+// ---- Ids and chunks
 
 int32_t floor_take_id(floor_ids_t *ids, void **record, char **own_block) {
   const uint32_t id = get_and_inc32(&ids->n_used, 1);
@@ -168,6 +210,61 @@ void floor_sweep(const floor_slots_t *slots, MemSlot_t *const *mslots, uint32_t 
     *used_sz += bytes_used;
     *del_sz += bytes_del;
   }
+}
+
+// ---- Conversion
+
+// `shift` bytes of each slot stand ahead of its payload.
+template <class Copy>
+static inline void convert(const floor_run_t *runs, uint32_t n_runs, DynArrHdr_t *to, size_t newer_bytes,
+                           size_t older_bytes, size_t shift, Copy copy) {
+  uint32_t count = 0;
+  char *older = reinterpret_cast<char *>(to->elem_direct) + shift;
+  for (const floor_run_t *run = runs; run != runs + n_runs; ++run) {
+    const char *newer = run->records;
+    for (uint32_t i = 0; i < run->count; ++i, newer += newer_bytes, older += older_bytes) copy(older, newer);
+    count += run->count;
+  }
+  get_and_inc32(reinterpret_cast<uint32_t *>(to) + offsetof(DynArrHdr_t, n_used) / 4, count);
+}
+
+template <class Newer, class Older>
+static inline void convert_prefix(const floor_run_t *runs, uint32_t n_runs, DynArrHdr_t *to) {
+  convert(runs, n_runs, to, sizeof(Newer), sizeof(Older), 0,
+          [](char *older, const char *newer) { memcpy(older, newer, sizeof(Older)); });
+}
+
+void floor_convert_g_mg_2_0(const floor_run_t *runs, uint32_t n_runs, DynArrHdr_t *to) {
+  convert_prefix<g_mg_t_v2, g_mg_t_v0>(runs, n_runs, to);
+}
+void floor_convert_g_mg_2_1(const floor_run_t *runs, uint32_t n_runs, DynArrHdr_t *to) {
+  convert_prefix<g_mg_t_v2, g_mg_t_v1>(runs, n_runs, to);
+}
+void floor_convert_g_mt_1_0(const floor_run_t *runs, uint32_t n_runs, DynArrHdr_t *to) {
+  convert_prefix<g_mt_t_v1, g_mt_t_v0>(runs, n_runs, to);
+}
+
+// The gaps are the destination's, zero from the start.
+static inline void copy_tysub(char *older, const char *newer) {
+  memcpy(older, newer, offsetof(ty_sub_t_v0, gap10));
+  memcpy(older + 12, newer + 12, 5);
+  memcpy(older + 20, newer + 20, 9);
+  for (unsigned j = 0; j < 5; ++j) memcpy(older + 32 + 8 * j, newer + 32 + 12 * j, 8);
+  memcpy(older + offsetof(ty_sub_t_v0, i_offline_dirpath), newer + offsetof(ty_sub_t_v1, i_offline_dirpath), 8);
+}
+
+void floor_convert_tysub_1_0(const floor_run_t *runs, uint32_t n_runs, DynArrHdr_t *to) {
+  constexpr size_t NODES = sizeof(node_fw) + sizeof(node_bw);
+  const uint32_t now = static_cast<uint32_t>(time(nullptr));
+  convert(runs, n_runs, to, sizeof(ty_sub_t_v1) + NODES, sizeof(ty_sub_t_v0) + NODES, sizeof(node_fw),
+          [now](char *older, const char *newer) {
+            copy_tysub(older, newer);
+            node_bw *const bw = reinterpret_cast<node_bw *>(older + sizeof(ty_sub_t_v0));
+            set_word(&bw->prev, TSLB_DA_NIL_IDX);
+            set_word(&bw->ts, now);
+            set_word(&fw_of(older)->next, TSLB_DA_NIL_IDX);
+            set_word(&fw_of(older)->status, TSLB_DA_SLOT_ACTIVE);
+          });
 }
 
 // ---- Files

@@ -22,6 +22,16 @@ TSLB_API void *floor_find_level3(DynamicArray_t array, uint32_t id, int64_t tbl_
 TSLB_API void *floor_find_level5(DynamicArray_t array, uint32_t id, int64_t tbl_id, const char *ctx_name,
                                  uint8_t daflag);
 
+// The loads of an address: the pool's flag, which says whether data stand behind a compaction header, and those of a
+// lookup in a known level. Nothing tests the pool's kind or the offset. BB, BV and 64 are the kinds of address; signature
+// and meaning as tslb_dynmem_get_maddr2ptr and tslb_dynmem_get_maddr2ptr64.
+TSLB_API void *floor_resolve_bb_direct(dynmem_t *pool, maddr_t address);
+TSLB_API void *floor_resolve_bb_level1(dynmem_t *pool, maddr_t address);
+TSLB_API void *floor_resolve_bv_direct(dynmem_t *pool, maddr_t address);
+TSLB_API void *floor_resolve_bv_level1(dynmem_t *pool, maddr_t address);
+TSLB_API void *floor_resolve_64_direct(dynmem_t *pool, maddr64_t address);
+TSLB_API void *floor_resolve_64_level1(dynmem_t *pool, maddr64_t address);
+
 // What threads share while they take ids: the counter and one entry for each 16 ids.
 typedef struct floor_ids_t {
   alignas(64) uint32_t n_used;
@@ -73,6 +83,20 @@ TSLB_API uint32_t floor_delete_chunk(compat_t *chunk, uint32_t *bytes_del);
 // freed, the others are added up.
 TSLB_API void floor_sweep(const floor_slots_t *slots, MemSlot_t *const *mslots, uint32_t count, size_t *used_sz,
                           size_t *del_sz);
+
+// Records that lie one behind the other: the direct area or a data block.
+typedef struct floor_run_t {
+  const char *records;
+  uint32_t count;
+} floor_run_t;
+
+// Conversions whose source is known run by run and whose destination is one area, the direct one behind `to`: the bytes that
+// both layouts have, copied record by record, and one get_and_inc32 of the destination's count. The slots of the last one
+// have two nodes, which are written as those of a slot just taken.
+TSLB_API void floor_convert_g_mg_2_0(const floor_run_t *runs, uint32_t n_runs, DynArrHdr_t *to);
+TSLB_API void floor_convert_g_mg_2_1(const floor_run_t *runs, uint32_t n_runs, DynArrHdr_t *to);
+TSLB_API void floor_convert_g_mt_1_0(const floor_run_t *runs, uint32_t n_runs, DynArrHdr_t *to);
+TSLB_API void floor_convert_tysub_1_0(const floor_run_t *runs, uint32_t n_runs, DynArrHdr_t *to);
 
 // A block file under a name that is known: stat of its directory, open, ftruncate, mmap, close, and cas64 of the entry.
 // Returns the mapping, or NULL.

@@ -2,7 +2,8 @@
 //
 // Asked: get_dyn_arr_new_record_id_ex on an array of 100-byte records without direct slots, with 1 and 2
 // threads, and a store of the id to the record. Against the floor (floor.h: one atomic addition, and for each
-// 16 ids one block and one swap), and against a std::deque behind a mutex.
+// 16 ids one block and one swap), against a std::deque behind a mutex, and against oneTBB's concurrent_vector, which
+// grows by one element or by 16 at a time and zeroes them too.
 //
 // Not asked: the cost of new pages. Every round starts anew on memory that the allocator has had before, and
 // keeps.
@@ -19,6 +20,9 @@
 #include "dynamic_array.h"
 #include "floor.h"
 #include "ratio.h"
+#ifdef TSLB_BENCH_TBB
+#include <tbb/concurrent_vector.h>
+#endif
 
 struct record_t {
   uint32_t id;
@@ -109,11 +113,39 @@ static rival_t locked_deque() {
           [shared] { shared->records = {}; }};
 }
 
+#ifdef TSLB_BENCH_TBB
+// `step` ids at a time, 1 or what makes a block of the library's.
+static rival_t growing_vector(const char *name, uint32_t step) {
+  using elements_t = tbb::concurrent_vector<record_t>;
+  const auto elements = std::make_shared<std::unique_ptr<elements_t>>();
+  return {name,
+          [elements, step](unsigned) {
+            uint64_t sum = 0;
+            for (uint32_t i = 0; i < IDS_PER_THREAD; i += step) {
+              elements_t::iterator record = step == 1 ? (*elements)->emplace_back() : (*elements)->grow_by(step);
+              uint32_t id = static_cast<uint32_t>(record - (*elements)->begin());
+              for (uint32_t n = 0; n < step; ++n, ++record) sum += record->id = id++;
+            }
+            return sum;
+          },
+          [elements] { *elements = std::make_unique<elements_t>(); }};
+}
+#endif
+
+static std::vector<rival_t> make_rivals(unsigned threads) {
+  std::vector<rival_t> rivals = {ours(), floor_of(threads), locked_deque()};
+#ifdef TSLB_BENCH_TBB
+  rivals.push_back(growing_vector("tbb emplace_back", 1));
+  rivals.push_back(growing_vector("tbb grow_by 16", 16));
+#endif
+  return rivals;
+}
+
 static void add_cases() {
   for (const unsigned threads : {1u, 2u})
-    add_case(threads == 1 ? "1 thread" : "2 threads", threads, [threads] {
-      return std::vector<rival_t>{ours(), floor_of(threads), locked_deque()};
-    });
+    add_case(
+        threads == 1 ? "1 thread" : "2 threads", threads, [threads] { return make_rivals(threads); },
+        uint64_t{threads} * IDS_PER_THREAD);
 }
 
 int main(int argc, char **argv) {

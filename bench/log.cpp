@@ -4,7 +4,8 @@
 // (floor.h: the same bytes, formatted ahead; the clock and its conversion to local time with the signals blocked, stat of
 // the file, one write, all under one mutex, since lines stand in the order of their stamps), and against spdlog with the
 // same fields, a file of its own and a flush behind every line. spdlog looks at no file and blocks no signal, and it
-// converts the time once in a second. Without spdlog its column is left out.
+// converts the time once in a second; and against the bare write of the same bytes, with no time and no lock (the limit).
+// Without spdlog its column is left out.
 //
 // Not asked: the rollover to a new file; lines that the level refuses, which are a comparison; a disk.
 //
@@ -90,31 +91,38 @@ static std::vector<std::string> lines_of_library(unsigned threads) {
   return lines;
 }
 
-static rival_t floor_of(unsigned threads) {
-  struct shared_t {
-    std::string path = path_of("floor");
-    floor_log_t log = {PTHREAD_MUTEX_INITIALIZER, path.c_str(),
-                       open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644)};
-    std::vector<std::string> lines;
+// A file that the library's lines are written to again.
+struct copy_t {
+  std::string path;
+  floor_log_t log;
+  std::vector<std::string> lines;
 
-    ~shared_t() { close(log.fd); }
-  };
-  const auto shared = std::make_shared<shared_t>();
-  shared->lines = lines_of_library(threads);
-  if (shared->log.fd < 0) abort();
-  return {"floor",
-          [shared](unsigned thread) {
+  copy_t(const char *name, unsigned threads)
+      : path(path_of(name)),
+        log{PTHREAD_MUTEX_INITIALIZER, path.c_str(), open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644)},
+        lines(lines_of_library(threads)) {
+    if (log.fd < 0) abort();
+  }
+  ~copy_t() { close(log.fd); }
+};
+
+// write_line(log, line, length) does it, and says what write did.
+template <class WriteLine>
+static rival_t copying(const char *name, const char *file, unsigned threads, WriteLine write_line) {
+  const auto copy = std::make_shared<copy_t>(file, threads);
+  return {name,
+          [copy, write_line](unsigned thread) {
             uint64_t refused = 0;
-            const std::string *const lines = &shared->lines[size_t{thread} * LINES_PER_THREAD];
+            const std::string *const lines = &copy->lines[size_t{thread} * LINES_PER_THREAD];
             for (uint32_t i = 0; i < LINES_PER_THREAD; ++i)
-              refused += floor_write_line(&shared->log, lines[i].data(), lines[i].size()) !=
-                         static_cast<ssize_t>(lines[i].size());
+              refused +=
+                  write_line(&copy->log, lines[i].data(), lines[i].size()) != static_cast<ssize_t>(lines[i].size());
             return refused;
           },
-          [shared] {
-            if (ftruncate(shared->log.fd, 0) != 0) abort();
+          [copy] {
+            if (ftruncate(copy->log.fd, 0) != 0) abort();
           },
-          [shared] { return sum_of_messages(shared->path); }};
+          [copy] { return sum_of_messages(copy->path); }};
 }
 
 #ifdef TSLB_BENCH_SPDLOG
@@ -137,7 +145,10 @@ static rival_t peer() {
 #endif
 
 static std::vector<rival_t> make_rivals(unsigned threads) {
-  std::vector<rival_t> rivals = {ours(), floor_of(threads)};
+  std::vector<rival_t> rivals = {ours(), copying("floor", "floor", threads, floor_write_line),
+                                 copying("write", "write", threads, [](floor_log_t *log, const char *line, size_t len) {
+                                   return write(log->fd, line, len);
+                                 })};
 #ifdef TSLB_BENCH_SPDLOG
   rivals.push_back(peer());
 #endif

@@ -1,8 +1,8 @@
 // What does it cost to reach a record by its id?
 //
 // Asked: get_dyn_arr_record_position_ex on records of 100 bytes, in the direct area and at levels 1, 3 and 5,
-// and one load from the record it returns. Against the floor (floor.h), and against std::vector and
-// std::deque of the same records. Three orders: sequential, random (ids known ahead, so that lookups
+// and one load from the record it returns. Against the floor (floor.h), and against std::vector (the limit),
+// std::deque and oneTBB's concurrent_vector of the same records. Three orders: sequential, random (ids known ahead, so that lookups
 // overlap), and chained (each record names the next id, so that a lookup waits for the one before).
 //
 // Not asked: arrays with nodes; lookups beside a writer; memory that is in no cache (the ids of a run are the
@@ -24,6 +24,9 @@
 #include "dynamic_array.h"
 #include "floor.h"
 #include "ratio.h"
+#ifdef TSLB_BENCH_TBB
+#include <tbb/concurrent_vector.h>
+#endif
 
 struct record_t {
   uint32_t id;
@@ -45,11 +48,14 @@ constexpr level_t LEVEL3 = {"level 3", N_DIRECT + 0x1100, 0x10000};
 constexpr level_t LEVEL5 = {"level 5", N_DIRECT + 0x111100, 0x40000};  // its first quarter million of 16 million
 constexpr uint32_t TOTAL = N_DIRECT + 0x111100 + 0x40000;
 
-// The same records three times.
+// The same records several times.
 struct records_t {
   DynamicArray_t array;
   std::vector<record_t> vector;
   std::deque<record_t> deque;
+#ifdef TSLB_BENCH_TBB
+  tbb::concurrent_vector<record_t> concurrent_vector;
+#endif
 };
 
 // Links a level's records into one ring in random order.
@@ -61,7 +67,8 @@ static void link_level(const level_t &level, std::vector<record_t> *records, std
 }
 
 static records_t make_records() {
-  records_t made = {get_default_dyn_array(sizeof(record_t), N_DIRECT, MPOOL_TYPE_DRAM), {}, {}};
+  records_t made;
+  made.array = get_default_dyn_array(sizeof(record_t), N_DIRECT, MPOOL_TYPE_DRAM);
   made.vector.resize(TOTAL);
   for (uint32_t id = 0; id < TOTAL; ++id) made.vector[id].id = id;
   std::mt19937 random(1);
@@ -71,6 +78,9 @@ static records_t make_records() {
     if (get_dyn_arr_new_record_id_ex(made.array, &place, 0) != static_cast<int32_t>(record.id)) abort();
     *static_cast<record_t *>(place) = record;
     made.deque.push_back(record);
+#ifdef TSLB_BENCH_TBB
+    made.concurrent_vector.push_back(record);
+#endif
   }
   return made;
 }
@@ -122,8 +132,14 @@ static std::vector<rival_t> make_rivals(const level_t &level, order_t order) {
   const auto floor = [array](uint32_t id) { return static_cast<const record_t *>(FLOOR(array, id, 0, nullptr, 0)); };
   const auto in_vector = [vector = &all.vector](uint32_t id) { return &(*vector)[id]; };
   const auto in_deque = [deque = &all.deque](uint32_t id) { return &(*deque)[id]; };
-  return {rival("tslb", ids, order, ours), rival("floor", ids, order, floor),
-          rival("std::vector", ids, order, in_vector), rival("std::deque", ids, order, in_deque)};
+  std::vector<rival_t> rivals = {rival("tslb", ids, order, ours), rival("floor", ids, order, floor),
+                                 rival("std::vector", ids, order, in_vector),
+                                 rival("std::deque", ids, order, in_deque)};
+#ifdef TSLB_BENCH_TBB
+  rivals.push_back(rival("tbb::concurrent_vector", ids, order,
+                         [elements = &all.concurrent_vector](uint32_t id) { return &(*elements)[id]; }));
+#endif
+  return rivals;
 }
 
 template <void *(*FLOOR)(DynamicArray_t, uint32_t, int64_t, const char *, uint8_t)>
@@ -131,8 +147,9 @@ static void add_level(const level_t &level) {
   static const std::pair<order_t, const char *> orders[] = {
       {SEQUENTIAL, "sequential"}, {RANDOM, "random"}, {CHAINED, "chained"}};
   for (const auto &[order, name] : orders)
-    add_case(std::string(level.name) + ", " + name, 1,
-             [&level, order = order] { return make_rivals<FLOOR>(level, order); });
+    add_case(
+        std::string(level.name) + ", " + name, 1, [&level, order = order] { return make_rivals<FLOOR>(level, order); },
+        LOOKUPS);
 }
 
 static void add_cases() {

@@ -3,6 +3,9 @@
 #include <benchmark/benchmark.h>
 #include <stdio.h>
 #include <string.h>
+#ifdef TSLB_BENCH_CALLGRIND
+#include <callgrind.h>
+#endif
 
 #include <algorithm>
 #include <atomic>
@@ -12,12 +15,12 @@
 using bench_clock = std::chrono::steady_clock;
 
 static bool quick = false;
+static bool counting = false;
 static bool failed = false;
 static const char *next_title = "";  // of the cases that are being added
 static unsigned cases_added;
 static const char *table_title = "";      // of the case that runs
 static std::vector<std::string> columns;  // names of the rivals, the library's left out
-static bool has_times;                    // whether the library's own time is a column
 
 bool is_quick() {
   return quick;
@@ -63,10 +66,34 @@ static double quantile(std::vector<double> values, double share) {
   return *at;
 }
 
+#ifdef TSLB_BENCH_CALLGRIND
+static void count_run(const rival_t &rival, const std::string &label) {
+  if (rival.prepare) rival.prepare();
+  CALLGRIND_ZERO_STATS;
+  rival.run(0);
+  CALLGRIND_DUMP_STATS_AT(label.c_str());
+  if (rival.verify) rival.verify();
+}
+#else
+static void count_run(const rival_t &, const std::string &) {
+  fprintf(stderr, "built without valgrind's headers: nothing is counted\n");
+  failed = true;
+}
+#endif
+
+// What the first run makes (tables, blocks, the allocator's lists) is not counted.
+static void count_case(const std::string &row, const std::vector<rival_t> &rivals, uint64_t operations) {
+  uint64_t ignored = 0;
+  for (const rival_t &rival : rivals) {
+    if (&rival != &rivals.front() && strcmp(rival.name, "floor") != 0) continue;
+    time_of(rival, 1, &ignored);
+    count_run(rival, row + "|" + rival.name + "|" + std::to_string(operations));
+  }
+}
+
 static void measure(benchmark::State &state, unsigned threads, const std::vector<rival_t> &rivals,
                     uint64_t operations) {
   columns.clear();
-  has_times = operations != 0;
   std::vector<double> own_seconds;
   for (size_t i = 1; i < rivals.size(); ++i) columns.push_back(rivals[i].name);
   std::vector<std::vector<double>> ratios(rivals.size());
@@ -86,7 +113,7 @@ static void measure(benchmark::State &state, unsigned threads, const std::vector
     state.SetIterationTime(seconds[0]);
     ++round;
   }
-  if (has_times) state.counters["ns"] = quantile(own_seconds, 0.5) * 1e9 / static_cast<double>(operations);
+  state.counters["ns"] = quantile(own_seconds, 0.5) * 1e9 / static_cast<double>(operations);
   for (size_t i = 1; i < rivals.size(); ++i) {
     if (checksums[i] != checksums[0]) state.SkipWithError("the rivals did not do the same work");
     const std::string name = rivals[i].name;
@@ -104,13 +131,17 @@ void begin_table(const char *title) {
 
 void add_case(const std::string &name, unsigned threads, std::function<std::vector<rival_t>()> make,
               uint64_t operations) {
+  if (counting && threads != 1) return;
   ++cases_added;
   benchmark::RegisterBenchmark(name.c_str(),
-                               [title = next_title, threads, make, operations](benchmark::State &state) {
+                               [title = next_title, name, threads, make, operations](benchmark::State &state) {
                                  table_title = title;
-                                 measure(state, threads, make(), operations);
+                                 if (!counting) return measure(state, threads, make(), operations);
+                                 for (auto _ : state) count_case(std::string(title) + "|" + name, make(), operations);
                                })
-      ->Iterations(quick ? 3 : ROUNDS)
+      ->Iterations(counting ? 1
+                   : quick  ? 3
+                            : ROUNDS)
       ->UseManualTime();
 }
 
@@ -121,6 +152,7 @@ class markdown_t : public benchmark::BenchmarkReporter {
 
   void ReportRuns(const std::vector<Run> &runs) override {
     for (const Run &run : runs) {
+      if (counting) continue;
       if (run.error_occurred) {
         fprintf(stderr, "%s: %s\n", run.run_name.function_name.c_str(), run.error_message.c_str());
         failed = true;
@@ -128,7 +160,7 @@ class markdown_t : public benchmark::BenchmarkReporter {
       }
       if (printed_title_ != table_title) print_head();
       printf("| %s |", run.run_name.function_name.c_str());
-      if (has_times) printf(" %.3g |", run.counters.at("ns").value);
+      printf(" %.3g |", run.counters.at("ns").value);
       for (const std::string &column : columns)
         printf(" %.2f ± %.2f |", run.counters.at(column).value, run.counters.at(column + " spread").value);
       printf(" %s |\n", run.report_label.c_str());
@@ -139,10 +171,10 @@ class markdown_t : public benchmark::BenchmarkReporter {
  private:
   void print_head() {
     printf("%s%s |", printed_title_.empty() ? "" : "\n", table_title);
-    if (has_times) printf(" tslb, ns each |");
+    printf(" tslb, ns each |");
     for (const std::string &column : columns) printf(" %s |", column.c_str());
     printf(" checksum |\n|---|");
-    for (size_t i = 0; i < columns.size() + (has_times ? 1 : 0); ++i) printf("---:|");
+    for (size_t i = 0; i < columns.size() + 1; ++i) printf("---:|");
     printf("---|\n");
     printed_title_ = table_title;
   }
@@ -150,12 +182,18 @@ class markdown_t : public benchmark::BenchmarkReporter {
   std::string printed_title_;
 };
 
+// Removes a flag of our own from the command line and says whether it was there.
+static bool take_flag(int *argc, char **argv, const char *flag) {
+  char **const end = argv + *argc;
+  char **const kept = std::remove_if(argv + 1, end, [flag](const char *arg) { return strcmp(arg, flag) == 0; });
+  *argc = static_cast<int>(kept - argv);
+  return kept != end;
+}
+
 int run_cases(int argc, char **argv, const char *title, void (*add_cases)()) {
   begin_table(title);
-  const auto is_quick_flag = [](const char *arg) { return strcmp(arg, "--quick") == 0; };
-  char **const end = std::remove_if(argv + 1, argv + argc, is_quick_flag);
-  quick = end != argv + argc;
-  argc = static_cast<int>(end - argv);
+  quick = take_flag(&argc, argv, "--quick");
+  counting = take_flag(&argc, argv, "--count");
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
   add_cases();

@@ -28,15 +28,18 @@ constexpr unsigned ROUNDS = 61;
 // True if the program was called with --quick: 3 rounds, to see that everything runs and agrees.
 bool is_quick();
 
+// With --count nothing is timed. Under callgrind the library and the floor of each case with one thread run once more
+// after a first run, and the instructions of that run go to a dump of their own, whose description names the row:
+// table|case|rival|operations. scripts/instructions reads them.
+
 // Cases added from here on stand in a table of their own.
 void begin_table(const char *title);
 
 // A row of the table. `make` is called when the row's turn comes, and what it returns is released behind it.
-// The library comes first; the rivals' names are those of every other case of the table. If `operations` is
-// not 0, so many make up a run on all threads together, and the library's median time for one is a column; it
-// is given for all cases of a table or for none.
+// The library comes first; the rivals' names are those of every other case of the table. `operations` make up a
+// run on all threads together: the library's median time for one is a column.
 void add_case(const std::string &name, unsigned threads, std::function<std::vector<rival_t>()> make,
-              uint64_t operations = 0);
+              uint64_t operations);
 
 // Runs the cases and prints the tables, of which the first has this title. The result is main's: not 0 if
 // checksums differ, or if a filter left nothing. `add_cases` may add none, when it has said why.

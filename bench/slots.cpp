@@ -4,9 +4,10 @@
 // (INLL), records of 100 bytes and of 1 KiB, with 1 and 2 threads. A thread takes 64 slots, writes a word to each, reads
 // it back, and frees them in the order of their taking; 512 are free at the start, so the list is never empty. Against
 // the floor (floor.h: the clock, the lock taken and given back twice through the host's cas16, the words of list and
-// nodes, the clearing of the payload, in an array of the same kind), and against malloc and free, the standard library's
-// synchronized_pool_resource, and a free list in a std::vector behind a std::mutex, all of the same size. The peers keep
-// no time and no status, clear nothing, and give back first what was freed last.
+// nodes, the clearing of the payload, in an array of the same kind), and against malloc, mimalloc and jemalloc, the
+// standard library's synchronized_pool_resource, and two free lists of as many slots: Boost's lock-free stack, and a
+// std::vector behind a std::mutex. The peers keep no time and no status, clear nothing, and give back first what was
+// freed last.
 //
 // Not asked: redo records (the arrays are of MPOOL_TYPE_DRAM_TMP, which is never logged); fresh ids, which bench_ids
 // measures; the way to slots beyond the direct area, which bench_lookup measures; the reuse of inactive slots.
@@ -21,9 +22,13 @@
 #include <string>
 #include <vector>
 
+#include "allocators.h"
 #include "floor.h"
 #include "ratio.h"
 #include "tslb_dynarr.h"
+#ifdef TSLB_BENCH_BOOST
+#include <boost/lockfree/stack.hpp>
+#endif
 
 constexpr uint32_t N_SLOTS = 512;
 constexpr uint32_t BATCH = 64;
@@ -102,15 +107,15 @@ static rival_t floor_of(int record_size, uint8_t daflag) {
           {}};
 }
 
-static rival_t allocator(size_t record_size) {
-  return {"malloc",
-          [record_size](unsigned thread) {
+static rival_t allocator_peer(const allocator_t &allocator, size_t record_size) {
+  return {allocator.name,
+          [allocator, record_size](unsigned thread) {
             return take_and_free(
                 thread,
                 [&] {
-                  return held_t{malloc(record_size), 0};
+                  return held_t{allocator.take(record_size), 0};
                 },
-                [](const held_t &slot) { free(slot.payload); });
+                [&](const held_t &slot) { allocator.give(slot.payload); });
           },
           {}};
 }
@@ -156,6 +161,43 @@ static rival_t locked_vector(size_t record_size) {
           {}};
 }
 
+#ifdef TSLB_BENCH_BOOST
+static rival_t lockfree_stack(size_t record_size) {
+  struct shared_t {
+    boost::lockfree::stack<void *, boost::lockfree::capacity<N_SLOTS>> free_list;
+    std::vector<char> memory;
+  };
+  const auto shared = std::make_shared<shared_t>();
+  const size_t slot_bytes = (record_size + 15) & ~size_t{15};
+  shared->memory.resize(N_SLOTS * slot_bytes);
+  for (uint32_t i = 0; i < N_SLOTS; ++i) shared->free_list.push(shared->memory.data() + i * slot_bytes);
+  return {"Boost lockfree stack",
+          [shared](unsigned thread) {
+            return take_and_free(
+                thread,
+                [&] {
+                  held_t slot = {nullptr, 0};
+                  if (!shared->free_list.pop(slot.payload)) abort();
+                  return slot;
+                },
+                [&](const held_t &slot) { shared->free_list.push(slot.payload); });
+          },
+          {}};
+}
+#endif
+
+static std::vector<rival_t> make_rivals(int record_size, uint8_t daflag) {
+  const size_t bytes = static_cast<size_t>(record_size);
+  std::vector<rival_t> rivals = {ours(record_size, daflag), floor_of(record_size, daflag)};
+  for (const allocator_t &allocator : allocators()) rivals.push_back(allocator_peer(allocator, bytes));
+  rivals.push_back(pool_resource(bytes));
+  rivals.push_back(locked_vector(bytes));
+#ifdef TSLB_BENCH_BOOST
+  rivals.push_back(lockfree_stack(bytes));
+#endif
+  return rivals;
+}
+
 static void add_cases() {
   for (const unsigned threads : {1u, MAX_THREADS})
     for (const uint8_t daflag : {TSLB_DA_DAFLAG_LL, TSLB_DA_DAFLAG_INLL})
@@ -163,12 +205,7 @@ static void add_cases() {
         add_case(
             std::string(daflag == TSLB_DA_DAFLAG_LL ? "LL" : "INLL") + ", " +
                 (record_size == 100 ? "100 bytes, " : "1 KiB, ") + (threads == 1 ? "1 thread" : "2 threads"),
-            threads,
-            [record_size, daflag] {
-              const size_t bytes = static_cast<size_t>(record_size);
-              return std::vector<rival_t>{ours(record_size, daflag), floor_of(record_size, daflag), allocator(bytes),
-                                          pool_resource(bytes), locked_vector(bytes)};
-            },
+            threads, [record_size, daflag] { return make_rivals(record_size, daflag); },
             uint64_t{threads} * BATCHES_PER_THREAD * BATCH);
 }
 

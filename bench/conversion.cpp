@@ -1,0 +1,159 @@
+// What does it cost to take a catalogue down to an older layout?
+//
+// Asked: the routines of the version maps on a million records, into an array whose direct slots are as many, as a
+// recovery makes it; per record. The source has 1,000 direct slots and the rest in data blocks. Metric groups and metric
+// types lie in plain arrays, type subjects in slots with two nodes. Against the floor (floor.h: the bytes that both
+// layouts have, copied record by record from places that are known, and the nodes written), and against one memcpy of as
+// many bytes (the limit).
+//
+// Not asked: making the destination, and its new pages: every round has memory that the allocator had before.
+//
+// Run: bench_conversion [--quick] [--benchmark_filter=REGEX]
+#include <malloc.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <memory>
+#include <vector>
+
+#include "floor.h"
+#include "ratio.h"
+#include "tsdb_recovery_schema.h"
+#include "tsdb_recovery_version_compatibility.h"
+#include "tslb_dynarr.h"
+
+constexpr uint32_t SOURCE_DIRECT = 1000;
+static uint32_t record_count() {
+  return is_quick() ? 10000 : 1000000;
+}
+
+// A row: what the version maps are asked for, and the layouts.
+struct layout_t {
+  const char *name;
+  uint16_t rec_type;
+  uint8_t target;
+  uint8_t daflag;
+  uint32_t newer_bytes, older_bytes;
+  void (*floor)(const floor_run_t *runs, uint32_t n_runs, DynArrHdr_t *to);
+};
+constexpr layout_t LAYOUTS[] = {
+    {"metric groups, 2 to 0", RECTYPE_G_MG, 0, 0, sizeof(g_mg_t_v2), sizeof(g_mg_t_v0), floor_convert_g_mg_2_0},
+    {"metric groups, 2 to 1", RECTYPE_G_MG, 1, 0, sizeof(g_mg_t_v2), sizeof(g_mg_t_v1), floor_convert_g_mg_2_1},
+    {"metric types, 1 to 0", RECTYPE_G_MT, 0, 0, sizeof(g_mt_t_v1), sizeof(g_mt_t_v0), floor_convert_g_mt_1_0},
+    {"type subjects, 1 to 0", RECTYPE_TYPE, 0, TSLB_DA_DAFLAG_INLL, sizeof(ty_sub_t_v1), sizeof(ty_sub_t_v0),
+     floor_convert_tysub_1_0},
+};
+
+using array_t = std::shared_ptr<dynarr_t>;
+
+static array_t make_array(uint32_t record_size, uint32_t n_direct, uint8_t daflag) {
+  dynarr_t *const array = tslb_da_init_ver(static_cast<int>(record_size), static_cast<int>(n_direct), MPOOL_TYPE_DRAM,
+                                           nullptr, 0, daflag, 0);
+  if (array == nullptr) abort();
+  return {array, destroy_dyn_arr};
+}
+
+// The newer records, and where they lie for whoever does not look them up.
+struct source_t {
+  array_t array;
+  std::vector<floor_run_t> runs;
+};
+
+static std::shared_ptr<source_t> make_source(const layout_t &layout) {
+  const auto source = std::make_shared<source_t>();
+  source->array = make_array(layout.newer_bytes, SOURCE_DIRECT, layout.daflag);
+  std::vector<uint32_t> words(layout.newer_bytes / 4);
+  uint32_t word = 0;
+  for (uint32_t id = 0; id < record_count(); ++id) {
+    uint32_t idx;
+    char *const record = static_cast<char *>(tslb_da_get_newptr(source->array.get(), &idx));
+    if (record == nullptr) abort();
+    for (uint32_t &each : words) each = word += 0x9E3779B9u;
+    memcpy(record, words.data(), layout.newer_bytes);
+    if (id == 0 || (id >= SOURCE_DIRECT && (id - SOURCE_DIRECT) % 16 == 0)) source->runs.push_back({record, 0});
+    ++source->runs.back().count;
+  }
+  return source;
+}
+
+// The destination of a rival: new ahead of each run, looked at behind it.
+struct destination_t {
+  const layout_t &layout;
+  array_t array = nullptr;
+
+  void make() {
+    array.reset();
+    array = make_array(layout.older_bytes, record_count(), layout.daflag);
+  }
+  DynArrHdr_t *hdr() const { return get_dyn_hdr(array.get()); }
+
+  // All bytes that a record has, nodes' times aside.
+  uint64_t sum() const {
+    uint64_t sum = hdr()->n_used;
+    for (uint32_t id = 0; id < record_count(); ++id) {
+      const char *const record = static_cast<const char *>(tslb_da_get_ptr(array.get(), id));
+      for (uint32_t at = 0; at < layout.older_bytes; at += 4) {
+        uint32_t word;
+        memcpy(&word, record + at, sizeof(word));
+        sum = sum * 31 + word;
+      }
+      if (layout.daflag != 0) sum = sum * 31 + reinterpret_cast<const node_fw *>(record)[-1].status;
+    }
+    return sum;
+  }
+};
+
+// convert(destination) fills the array.
+template <class Convert>
+static rival_t rival(const char *name, const layout_t &layout, Convert convert) {
+  const auto destination = std::make_shared<destination_t>(destination_t{layout});
+  return {name,
+          [destination, convert](unsigned) {
+            convert(*destination);
+            return uint64_t{0};
+          },
+          [destination] { destination->make(); }, [destination] { return destination->sum(); }};
+}
+
+// The result of the others, lying in one piece: what a conversion costs that knows it ahead.
+static rival_t one_memcpy(const layout_t &layout, const std::shared_ptr<source_t> &source) {
+  const auto result = std::make_shared<destination_t>(destination_t{layout});
+  result->make();
+  layout.floor(source->runs.data(), static_cast<uint32_t>(source->runs.size()), result->hdr());
+  return rival("one memcpy", layout,
+               [result, bytes = size_t{record_count()} *
+                                tslb_da_get_slotsz(result->array.get(), nullptr)](const destination_t &destination) {
+                 memcpy(destination.hdr()->elem_direct, result->hdr()->elem_direct, bytes);
+                 destination.hdr()->n_used = result->hdr()->n_used;
+               });
+}
+
+static std::vector<rival_t> make_rivals(const layout_t &layout) {
+  const std::shared_ptr<source_t> source = make_source(layout);
+  const auto routine =
+      reinterpret_cast<void (*)(void *)>(tsdb_recovery_version_get_downgrade_fn_ptr(layout.rec_type, layout.target, 0));
+  if (routine == nullptr) abort();
+  return {rival("tslb", layout,
+                [&layout, source, routine](const destination_t &destination) {
+                  TSDBVerCBArgs_t args = {layout.rec_type, source->array.get(), destination.array.get()};
+                  routine(&args);
+                }),
+          rival("floor", layout,
+                [&layout, source](const destination_t &destination) {
+                  layout.floor(source->runs.data(), static_cast<uint32_t>(source->runs.size()), destination.hdr());
+                }),
+          one_memcpy(layout, source)};
+}
+
+static void add_cases() {
+  for (const layout_t &layout : LAYOUTS)
+    add_case(
+        layout.name, 1, [&layout] { return make_rivals(layout); }, record_count());
+}
+
+int main(int argc, char **argv) {
+  // Released memory is kept, however large.
+  mallopt(M_TRIM_THRESHOLD, 1 << 30);
+  mallopt(M_MMAP_MAX, 0);
+  return run_cases(argc, argv, "| record converted, time relative to", add_cases);
+}
