@@ -45,7 +45,7 @@ uint32_t n_free(DynArrHandle_t *array) {
 
 // As the program does, but for the sweep behind the last text.
 LoadStats load(Store &store, std::string_view text) {
-  Loader loader(store, [](uint64_t, const std::string &reason) { ADD_FAILURE() << reason; });
+  Loader loader(store, Loader::WhenFull::stop, [](uint64_t, const std::string &reason) { ADD_FAILURE() << reason; });
   loader.load(text, Precision::ns, 77);
   return loader.stats();
 }

@@ -20,7 +20,7 @@ constexpr int64_t NOW_NS = 77;
 
 void expect_loaded(std::string_view text) {
   Store store;
-  Loader loader(store, [](uint64_t, const std::string &reason) { ADD_FAILURE() << reason; });
+  Loader loader(store, Loader::WhenFull::stop, [](uint64_t, const std::string &reason) { ADD_FAILURE() << reason; });
   loader.load(text, Precision::ns, NOW_NS);
   Check check(store, Precision::ns, NOW_NS);
   check.compare(text);

@@ -265,7 +265,7 @@ TEST(Store, PointsAreRefusedWhenTheirPoolIsFull) {
 
 TEST(Store, KeysAreRefusedWhenTheirPoolIsFull) {
   Store store({.key_slot_bytes = 64, .point_slot_bytes = 1 << 20});
-  Loader loader(store, [](uint64_t, const std::string &reason) { ADD_FAILURE() << reason; });
+  Loader loader(store, Loader::WhenFull::stop, [](uint64_t, const std::string &reason) { ADD_FAILURE() << reason; });
   std::string text;
   for (int i = 0; i < 256; ++i) text += fmt::format("measurement,number={:010} field=1 5\n", i);
   try {
@@ -289,7 +289,7 @@ struct Loaded {
   std::vector<std::string> messages;
 
   explicit Loaded(std::string_view text) {
-    Loader loader(store, [this](uint64_t line, const std::string &reason) {
+    Loader loader(store, Loader::WhenFull::stop, [this](uint64_t line, const std::string &reason) {
       messages.push_back(fmt::format("{}: {}", line, reason));
     });
     loader.load(text, Precision::ns, NOW_NS);

@@ -51,7 +51,8 @@ std::string batch_text(int number) {
 class Model {
  public:
   explicit Model(const StoreConfig &config = {})
-      : store_(config), loader_(store_, [](uint64_t, const std::string &reason) { ADD_FAILURE() << reason; }) {}
+      : store_(config),
+        loader_(store_, Loader::WhenFull::stop, [](uint64_t, const std::string &reason) { ADD_FAILURE() << reason; }) {}
   void take(std::string_view text) { loader_.load(text, Precision::ns, 0); }
   Store &store() { return store_; }
 

@@ -25,17 +25,16 @@ class Ingestion {
 
   void take_all_of(const std::string &path) {
     LineSource source(path);
+    n_too_long_ = 0;
     Progress progress(source.total_bytes(), "points");
     for (std::string_view text; !(text = source.next(arguments_.batch_lines)).empty();) {
-      take(source.name(), text);
+      take(source, text);
       progress.tell(source.bytes_taken(), n_points_);
-      while (unsettled_.size() >= MOST_UNSETTLED_BATCHES) acknowledge_oldest();
+      while (!unsettled_.empty() &&
+             (unsettled_.size() >= MOST_UNSETTLED_BATCHES || writer_.settled() >= unsettled_.front().ticket))
+        acknowledge_oldest();
     }
-    if (source.n_too_long() != 0)
-      fmt::print(stderr, "{}: {} lines longer than {} bytes; skipped\n", source.name(), source.n_too_long(),
-                 LineSource::LONGEST_LINE);
-    n_malformed_ += source.n_too_long();
-    n_lines_ += source.n_too_long();
+    count_long_lines(source);
   }
 
   void finish() {
@@ -52,25 +51,47 @@ class Ingestion {
     uint64_t n_lines;  // of all batches up to this
   };
 
-  void take(const std::string &name, std::string_view text) {
-    const Taken taken = writer_.take(text, precision_);
+  void take(const LineSource &source, std::string_view text) {
+    count_long_lines(source);
+    const uint64_t first_line = n_lines_ + 1;
+    Taken taken;
+    try {
+      taken = writer_.take(text, precision_);
+    } catch (const IngestRefused &refused) {
+      finish();
+      throw refused_behind(refused.what());
+    }
     const uint64_t ticket = writer_.commit();
     n_lines_ += static_cast<uint64_t>(std::count(text.begin(), text.end(), '\n')) + (text.ends_with('\n') ? 0 : 1);
     n_points_ += taken.points;
     n_malformed_ += taken.malformed;
     unsettled_.push_back({ticket, n_lines_});
     if (taken.malformed == 0) return;
-    const std::string message =
-        fmt::format("{}: {} lines of a batch skipped, the first one {}", name, taken.malformed, taken.first_reason);
-    fmt::print(stderr, "{}\n", message);
+    const std::string message = fmt::format("{}: {} lines skipped of the batch that begins with line {}; there, {}",
+                                            source.name(), taken.malformed, first_line, taken.first_reason);
+    complain(message);
     TSLB_DLOG(LOG_DETAILS, "%s", message.c_str());
+  }
+
+  // Those that the source has left out since the last time: they are lines of the input too.
+  void count_long_lines(const LineSource &source) {
+    const uint64_t n_new = source.n_too_long() - n_too_long_;
+    n_too_long_ = source.n_too_long();
+    if (n_new == 0) return;
+    n_malformed_ += n_new;
+    n_lines_ += n_new;
+    complain(fmt::format("{}: {} lines longer than {} bytes near line {}; skipped", source.name(), n_new,
+                         LineSource::LONGEST_LINE, n_lines_));
+  }
+
+  IngestRefused refused_behind(const std::string &why) const {
+    return IngestRefused(fmt::format("{} lines are kept, what came behind them was refused: {}", n_kept_lines_, why));
   }
 
   void acknowledge_oldest() {
     const Batch batch = unsettled_.front();
     unsettled_.pop_front();
-    if (const std::string why = writer_.wait(batch.ticket); !why.empty())
-      throw IngestRefused(fmt::format("{} lines are kept, what came behind them was refused: {}", n_kept_lines_, why));
+    if (const std::string why = writer_.wait(batch.ticket); !why.empty()) throw refused_behind(why);
     n_kept_lines_ = batch.n_lines;
     if (arguments_.acks) print(fmt::format("durable {}\n", n_kept_lines_));
   }
@@ -83,6 +104,7 @@ class Ingestion {
   uint64_t n_kept_lines_ = 0;
   uint64_t n_points_ = 0;
   uint64_t n_malformed_ = 0;
+  uint64_t n_too_long_ = 0;  // of the source at hand
 };
 
 }  // namespace

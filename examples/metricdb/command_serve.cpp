@@ -72,9 +72,10 @@ int serve(const ServeArguments &arguments) {
   print(ports_line(arguments, server));
   TSLB_DLOG(LOG_PROGRESS, "%s", ports_line(arguments, server).c_str());
   server.run();
-  writer.wait(writer.commit());
+  const std::string why = writer.wait(writer.commit());
   writer.close();
   print(counters_line(server.counters()));
+  if (!why.empty()) throw IngestRefused(fmt::format("the last batch was refused: {}", why));
   return EXIT_GOOD;
 }
 

@@ -55,11 +55,8 @@ std::string pool_line(const char *name, dynmem_t *pool, const PoolBytes &bytes) 
 }  // namespace
 
 int verify(const VerifyArguments &arguments) {
-  const Opened opened =
-      Database(arguments.db, Database::Use::read).open({.salvage = arguments.salvage, .layout = std::nullopt});
+  const Opened opened = open_to_read(arguments.db, arguments.salvage);
   const Store &store = opened.store;
-  for (const std::string &line : {opened.passed_over, opened.journal.what})
-    if (!line.empty()) tell_found(line + "\n");
   expect_sound("catalogue", store.catalogue(), ARRAY_LOAD_ANY);
   expect_sound("keys", store.keys(), ARRAY_LOAD_POOL);
   expect_sound("points", store.points(), ARRAY_LOAD_POOL);

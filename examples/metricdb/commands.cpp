@@ -133,9 +133,9 @@ class Load {
   }
 
   void load_inputs() {
-    Loader loader(*store_, [this](uint64_t line, const std::string &reason) {
+    Loader loader(*store_, Loader::WhenFull::stop, [this](uint64_t line, const std::string &reason) {
       const std::string message = fmt::format("{}:{}: {}; line skipped", name_, lines_before_ + line, reason);
-      fmt::print(stderr, "{}\n", message);
+      complain(message);
       TSLB_DLOG(LOG_DETAILS, "%s", message.c_str());
     });
     for (Input &input : inputs_) {
@@ -245,24 +245,24 @@ int check(const CheckArguments &arguments) {
 int snapshot(const SnapshotArguments &arguments) {
   Database database(arguments.db, Database::Use::write);
   OpenOptions options;
+  options.salvage = arguments.salvage;
   if (arguments.layout) options.layout = static_cast<uint8_t>(*arguments.layout);
   const Opened opened = database.open(options);
-  if (!opened.journal.what.empty()) tell_found(opened.journal.what + "\n");
+  tell_found(opened.found());
   write_generation(database, [&] { return NewGeneration(database).write_streams(opened.store); });
   return EXIT_GOOD;
 }
 
-int stat(const std::string &db) {
-  const Database database(db, Database::Use::read);
+int stat(const VerifyArguments &arguments) {
   const Clock::time_point begin = Clock::now();
-  const Opened opened = database.open();
+  const Opened opened = open_to_read(arguments.db, arguments.salvage);
   const double seconds = seconds_of(Clock::now() - begin);
-  print(database_summary(database.folder(), opened.store, opened.stored, seconds));
+  print(database_summary(arguments.db, opened.store, opened.stored, seconds));
   return EXIT_GOOD;
 }
 
 int series(const SeriesArguments &arguments) {
-  print(series_table(Database(arguments.db, Database::Use::read).open().store, arguments.pattern));
+  print(series_table(open_to_read(arguments.db, arguments.salvage).store, arguments.pattern));
   return EXIT_GOOD;
 }
 

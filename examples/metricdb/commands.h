@@ -37,11 +37,13 @@ struct CheckArguments {
 
 struct SeriesArguments {
   std::string db;
+  bool salvage = false;
   std::string pattern = "*";
 };
 
 struct QueryArguments {
   std::string db;
+  bool salvage = false;
   std::string key;
   std::string from, to;  // as time_text.h reads them; empty: no limit
   std::string every;     // likewise; empty: the points themselves
@@ -85,10 +87,11 @@ struct ServeArguments {
 
 struct SnapshotArguments {
   std::string db;
+  bool salvage = false;
   std::optional<int> layout;
 };
 
-struct VerifyArguments {
+struct VerifyArguments {  // of `stat` too
   std::string db;
   bool salvage = false;
 };
@@ -100,7 +103,7 @@ int ingest(const IngestArguments &arguments);
 int serve(const ServeArguments &arguments);
 int verify(const VerifyArguments &arguments);
 int query(const QueryArguments &arguments);
-int stat(const std::string &db);
+int stat(const VerifyArguments &arguments);
 int series(const SeriesArguments &arguments);
 int export_points(const SeriesArguments &arguments);
 int record(const RecordArguments &arguments);

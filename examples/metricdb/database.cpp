@@ -211,6 +211,13 @@ uint64_t Stored::bytes() const {
   return sum;
 }
 
+std::string Opened::found() const {
+  std::string lines;
+  for (const std::string &line : {passed_over, journal.what})
+    if (!line.empty()) lines += line + "\n";
+  return lines;
+}
+
 uint64_t Stored::allocated_bytes() const {
   uint64_t sum = 0;
   for (const ArrayFiles &files : arrays) sum += files.allocated_bytes;
@@ -256,20 +263,41 @@ std::optional<uint64_t> Database::newest() const {
   return numbers.empty() ? std::nullopt : std::optional(numbers.front());
 }
 
+bool Database::is_empty() const {
+  if (newest()) return false;
+  expect_no_orphan(0);
+  return true;
+}
+
 std::string Database::journal_path(uint64_t generation) const {
   return fmt::format("{}/{}{}", folder_, JOURNAL_PREFIX, generation);
 }
 
+// A journal whose generation is gone holds what nobody can use, and is not to be taken for nothing.
+void Database::expect_no_orphan(uint64_t newest) const {
+  for_each_name(folder_, [this, newest](const std::string &name) {
+    const std::optional<uint64_t> number = number_of(name, JOURNAL_PREFIX);
+    if (number && *number > newest)
+      throw DatabaseError(fmt::format("{}: follows a generation that is not there", journal_path(*number)));
+  });
+}
+
 Opened Database::open(const OpenOptions &options) const {
-  for (;;) {
+  for (bool is_second_try = false;; is_second_try = true) {
     const std::optional<uint64_t> number = newest();
-    if (!number) throw DatabaseError(folder_ + ": holds no database");
+    if (!number) {
+      expect_no_orphan(0);
+      throw DatabaseError(folder_ + ": holds no database");
+    }
     try {
+      if (!options.salvage) expect_no_orphan(*number);
       Opened opened = open_generation(*number, options);
       // A writer that put the next one into place meanwhile has taken the journal away, perhaps ahead of us.
       if (newest() == number) return opened;
     } catch (const std::runtime_error &error) {
       if (newest() != number) continue;
+      // Beside a writer that takes a refused batch back: what stands still looks the same again.
+      if (!is_second_try) continue;
       if (!options.salvage) throw;
       return open_older(*number, options, error.what());
     }

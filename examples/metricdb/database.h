@@ -61,6 +61,9 @@ struct Opened {
   Stored stored;
   Replayed journal;
   std::string passed_over;  // with `salvage`: one line about newer generations that cannot be opened
+
+  // What is not as it should be, line by line; empty if all is.
+  std::string found() const;
 };
 
 struct OpenOptions {
@@ -91,6 +94,10 @@ class Database {
   // Number of the generation that counts; none in a folder without one.
   std::optional<uint64_t> newest() const;
 
+  // Whether nothing of a database is there, so that one can be made. Throws DatabaseError for a journal without its
+  // generation.
+  bool is_empty() const;
+
   // The newest generation and its journal, as a store in process memory. Everything is checked first: files against the
   // manifest, entries against their checksums, arrays against what the library relies on, and the store against itself.
   Opened open(const OpenOptions &options = {}) const;
@@ -102,6 +109,7 @@ class Database {
   friend class NewGeneration;
 
   std::vector<uint64_t> generations() const;
+  void expect_no_orphan(uint64_t newest) const;
   Opened open_older(uint64_t newest, const OpenOptions &options, const std::string &why) const;
   Replayed replay(uint64_t number, bool salvage, const StoreArrays &arrays, StoreConfig &config,
                   StoreState &state) const;

@@ -2,18 +2,15 @@
 
 #include <fmt/format.h>
 #include <sys/epoll.h>
-#include <tslb_util.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <chrono>
 #include <utility>
 
 #include "log.h"
 
 namespace metricdb {
 namespace {
-
-constexpr int64_t NS_PER_S = 1'000'000'000;
 
 // Journal bytes that a text of line protocol comes to, at most but for texts of very many new and short series: those
 // meet a full disk when they are written.
@@ -39,6 +36,12 @@ void hear(int event_fd) {
   [[maybe_unused]] const ssize_t got = read(event_fd, &n_events, sizeof n_events);
 }
 
+// Of points that bring no time: as an agent would have read it.
+int64_t now_ns() {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
+}
+
 StoreConfig config_of_new(const WriterOptions &options) {
   StoreConfig config;
   config.layout = options.layout.value_or(NEWEST_LAYOUT);
@@ -53,17 +56,16 @@ StoreConfig config_of_new(const WriterOptions &options) {
 DatabaseWriter::DatabaseWriter(const std::string &folder, const WriterOptions &options)
     : database_(folder, Database::Use::create), options_(options), settled_(File::poll_group()), ended_(File::event()) {
   watch(settled_, ended_.fd(), folder);
-  if (!database_.newest()) NewGeneration(database_).write_streams(Store(config_of_new(options)));
+  if (database_.is_empty()) NewGeneration(database_).write_streams(Store(config_of_new(options)));
   Opened opened = database_.open({options.salvage, options.layout});
   generation_ = opened.stored.generation;
-  for (const std::string &line : {opened.passed_over, opened.journal.what})
-    if (!line.empty()) found_ += line + "\n";
+  found_ = opened.found();
   const StoreConfig before = opened.store.config();
   take_store(std::move(opened.store));
   // Records of the journal are of arrays as they lie in the generation that it follows. So it begins anew where they are
   // not those any more.
-  const bool is_as_stored =
-      found_.empty() && opened.stored.kind == StoreKind::snapshot && opened.stored.layout == before.layout;
+  const bool is_as_stored = opened.passed_over.empty() && !opened.journal.is_damaged &&
+                            opened.stored.kind == StoreKind::snapshot && opened.stored.layout == before.layout;
   if (is_as_stored)
     start_journal(opened.journal);
   else
@@ -77,9 +79,10 @@ void DatabaseWriter::take_store(Store &&store) {
   loader_.reset();
   store_.reset();
   store_.emplace(std::move(store));
-  loader_ = std::make_unique<Loader>(*store_, [this](uint64_t line, const std::string &reason) {
-    if (taken_.malformed++ == 0) taken_.first_reason = fmt::format("line {}: {}", line, reason);
-  });
+  loader_ =
+      std::make_unique<Loader>(*store_, Loader::WhenFull::go_on, [this](uint64_t line, const std::string &reason) {
+        if (taken_.malformed++ == 0) taken_.first_reason = fmt::format("line {}: {}", line, reason);
+      });
 }
 
 // What the options say replaces what the database has, from here on and for later openings.
@@ -91,7 +94,7 @@ void DatabaseWriter::forget_as_told() {
   if (retain_ns == now.retain_ns && idle_ns == now.idle_ns && reuse_inactive_pct == now.reuse_inactive_pct) return;
   store_->forget_by(retain_ns, idle_ns, reuse_inactive_pct);
   has_taken_ = true;
-  commit();
+  if (const std::string why = wait(commit()); !why.empty()) throw DatabaseError(why);
 }
 
 // ---- Journals ----
@@ -132,9 +135,10 @@ void DatabaseWriter::restore_if_refused() {
   has_refused_ = true;
   const std::string why = journal_->failure(last_ticket_ - tickets_before_);
   if (journal_->is_broken()) throw DatabaseError(fmt::format("{}: is of no use any more: {}", journal_->path(), why));
-  TSLB_DLOG(LOG_REFUSALS, "%s: a batch was refused, the arrays are read back: %s", database_.folder().c_str(),
-            why.c_str());
+  tell_refusal(fmt::format("{}: a batch was refused, the arrays are read back: {}", database_.folder(), why));
   redo_.reset();
+  loader_.reset();  // both first: two of them would not fit where one just did
+  store_.reset();
   Opened opened = database_.open();
   if (opened.journal.place.position != journal_->settled_end())
     throw DatabaseError(fmt::format("{}: ends at byte {}, and byte {} was settled", journal_->path(),
@@ -164,17 +168,11 @@ Taken DatabaseWriter::take(std::string_view text, Precision precision) {
   if (journal_->is_failed()) throw IngestRefused("the batch that this belongs to is refused");
   expect_room(text.size());
   taken_ = {};
-  has_taken_ = true;
   const LoadStats before = loader_->stats();
-  try {
-    loader_->load(text, precision, int64_t{tslb_get_time(nullptr)} * NS_PER_S);
-  } catch (const LoadStopped &stopped) {
-    // What was stored stays: the store is full, not broken.
-    taken_.malformed +=
-        static_cast<uint64_t>(std::count(text.begin(), text.end(), '\n')) + 1 - (loader_->stats().lines - before.lines);
-    taken_.first_reason = fmt::format("line {}: {}", stopped.line(), stopped.what());
-  }
+  loader_->load(text, precision, now_ns());
   taken_.points = loader_->stats().points - before.points;
+  has_taken_ |= taken_.points != 0;
+  if (taken_.points == 0 && loader_->stats().refused != before.refused) throw IngestRefused(taken_.first_reason);
   return taken_;
 }
 
@@ -188,7 +186,7 @@ uint64_t DatabaseWriter::commit() {
     try {
       snapshot();
     } catch (const std::runtime_error &error) {
-      TSLB_DLOG(LOG_REFUSALS, "no new generation: %s", error.what());
+      tell_refusal(fmt::format("no new generation: {}", error.what()));
     }
   }
   return last_ticket_;
@@ -244,7 +242,7 @@ void DatabaseWriter::close() {
     try {
       snapshot();
     } catch (const std::runtime_error &error) {
-      TSLB_DLOG(LOG_REFUSALS, "no new generation: %s", error.what());
+      tell_refusal(fmt::format("no new generation: {}", error.what()));
     }
   }
   if (journal_) journal_->close();

@@ -7,7 +7,8 @@
 // When the journal has grown beyond a limit, the arrays are written as a new generation, which a new journal follows.
 // That happens between two batches and takes as long as writing the arrays does. If it fails, the journal goes on.
 //
-// Threads: one. While a writer lives, no other store of the process changes: records are told apart by their tables.
+// Threads: one. While a writer lives, no other store of the process is made or changes: records are told apart by their
+// tables alone.
 #pragma once
 
 #include <cstdint>

@@ -1,7 +1,7 @@
 // Where lines go that come from outside, and how one learns that they are kept.
 //
 // Lines are taken batch by batch: `take` as often as there is something, then `commit`, which ends the batch and returns
-// its ticket at once. The batch is kept, whatever happens to process and machine, when `durable` has reached its ticket.
+// its ticket at once. The batch is kept, whatever happens to process and machine, when `settled` has reached its ticket.
 // A batch that could not be written is refused as a whole and nothing of it stays.
 #pragma once
 
@@ -22,7 +22,7 @@ class IngestRefused : public std::runtime_error {
 
 struct Taken {
   uint64_t points = 0;
-  uint64_t malformed = 0;    // lines, of which nothing was taken
+  uint64_t malformed = 0;    // lines, of which no point was taken; those that there was no room for too
   std::string first_reason;  // of the first malformed one, as in "line 3: no fields"
 };
 
@@ -39,7 +39,7 @@ class Ingest {
   // All batches up to this ticket are settled: durable, unless `failure` says otherwise.
   virtual uint64_t settled() = 0;
 
-  // Of a settled batch: empty if it is durable, or why it was refused. Known for tickets that were not asked for yet.
+  // Of a settled batch: empty if it is durable, or why it was refused.
   virtual std::string failure(uint64_t ticket) = 0;
 
   // Readable when `settled` may have moved. Reset by `settled`.

@@ -203,6 +203,9 @@ void Journal::restart() {
   spoiled_.clear();
   failed_.clear();
   next_ = settled_place_;
+  // What follows stands at other places than what was refused: a reader that has a part of that in its hands must not
+  // take it for the beginning of this.
+  add_mark(batch_, next_, EntryKind::opened, durable_, {});
 }
 
 bool Journal::reserve(uint64_t bytes, std::string *why) {

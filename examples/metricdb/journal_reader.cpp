@@ -90,7 +90,15 @@ class Scan {
   Scan(const File &file, const JournalVisitor &visitor) : file_(file), visitor_(visitor), window_(file, file.bytes()) {}
 
   ScanResult run(bool salvage) {
-    expect_head();
+    try {
+      expect_head();
+    } catch (const JournalDamaged &damage) {
+      if (!salvage) throw;
+      result_.end = JournalEnd::damaged;
+      result_.bytes_cut = window_.end();
+      result_.what = fmt::format("{}; {} bytes from byte 0 on are lost", damage.what(), window_.end());
+      return std::move(result_);
+    }
     at_ = batch_at_ = result_.place.position;
     while (at_ < window_.end() && fault_.empty()) take_entry();
     result_.bytes_cut = window_.end() - result_.place.position;

@@ -6,7 +6,8 @@
 
 namespace metricdb {
 
-Loader::Loader(Store &store, Report report) : store_(store), report_(std::move(report)) {}
+Loader::Loader(Store &store, WhenFull when_full, Report report)
+    : store_(store), when_full_(when_full), report_(std::move(report)) {}
 
 // Ahead of the first point of a line: none of them is stored if one cannot be.
 bool Loader::keys_fit() {
@@ -43,12 +44,13 @@ void Loader::store_fields(const ParsedLine &line, int64_t ts_ns) {
     } else {
       series = store_.series_of(key_.assign(line.head).append(1, ' ').append(field.key));
       is_like_last = false;
-      // A new one can have taken the slot of another. Never of one of this line: those were just written.
+      // A new one can have taken the slot of another. Never of one of this line: room was made for those.
       drop_stale_series();
     }
-    store_.append(series, {ts_ns, field.value});
+    store_.make_room(series);
     fields_.push_back({field.key, series});
   }
+  for (size_t i = 0; i < line.fields.size(); ++i) store_.append(fields_[i].series, {ts_ns, line.fields[i].value});
   if (!is_like_last) cache_.keep(line.head, fields_);
 }
 
@@ -72,7 +74,9 @@ void Loader::load(std::string_view text, Precision precision, int64_t now_ns) {
     try {
       store_line(now_ns);
     } catch (const StoreFull &full) {
-      throw LoadStopped(number, full.what());
+      if (when_full_ == WhenFull::stop) throw LoadStopped(number, full.what());
+      ++stats_.refused;
+      report_(number, full.what());
     }
   }
 }

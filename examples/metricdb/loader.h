@@ -18,6 +18,7 @@ struct LoadStats {
   uint64_t points = 0;  // those that the store forgot too
   uint64_t strings_skipped = 0;
   uint64_t malformed = 0;
+  uint64_t refused = 0;  // lines that the store had no room for
 };
 
 // The store had no room for a line.
@@ -32,13 +33,19 @@ class LoadStopped : public StoreFull {
 
 class Loader {
  public:
-  // Receives each malformed line's number in its text, from 1 on, and what is wrong with it.
+  enum class WhenFull {
+    stop,
+    go_on
+  };  // go_on: with the next line, since known series can have room where others do not
+
+  // Receives each malformed line's number in its text, from 1 on, and what is wrong with it; and those without room, if
+  // the loader goes on.
   using Report = std::function<void(uint64_t line, const std::string &reason)>;
 
-  Loader(Store &store, Report report);
+  Loader(Store &store, WhenFull when_full, Report report);
 
-  // Loads one text. Of a malformed line nothing is stored. Throws LoadStopped: the points ahead of the place are stored
-  // then.
+  // Loads one text. Of a malformed line no point is stored, nor of one without room. Throws LoadStopped, unless it goes
+  // on: the points ahead of the place are stored then.
   //
   // now_ns  the time of points that bring none.
   void load(std::string_view text, Precision precision, int64_t now_ns);
@@ -52,6 +59,7 @@ class Loader {
   void drop_stale_series();
 
   Store &store_;
+  const WhenFull when_full_;
   LineParser parser_;
   const Report report_;
   LoadStats stats_;

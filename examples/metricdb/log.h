@@ -3,10 +3,15 @@
 
 #include <tslb_dlog_macros.h>
 
+#include <string>
+
 namespace metricdb {
 
 inline constexpr int LOG_REFUSALS = 1;
 inline constexpr int LOG_PROGRESS = 2;  // what was begun, files, generations
 inline constexpr int LOG_DETAILS = 3;   // sweeps, arrays, malformed lines
+
+// What was lost or could not be done while the program goes on: to the log, and to stderr, which is there without one.
+void tell_refusal(const std::string &what);
 
 }  // namespace metricdb

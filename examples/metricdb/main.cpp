@@ -1,7 +1,9 @@
 // metricdb: loads line protocol into tslb's arrays, keeps them in a folder, checks and shows what they hold, and records
 // this machine's counters as line protocol. Here: the command line.
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -9,6 +11,7 @@
 
 #include "commands.h"
 #include "log.h"
+#include "output.h"
 #include "series_record.h"
 
 namespace metricdb {
@@ -123,6 +126,7 @@ CLI::App *add_snapshot(CLI::App &app, SnapshotArguments &arguments) {
   CLI::App *const command = app.add_subcommand("snapshot", "write a database anew, as snapshot streams");
   add_db(command, arguments.db, "the database's folder, of either store");
   add_layout(command, arguments.layout);
+  add_salvage(command, arguments.salvage);
   command->footer("Exit: 0 it was written; 1 it could not be, or the database is damaged: DIR is as it was.");
   return command;
 }
@@ -186,6 +190,8 @@ const char *const SERVE_FOOTER =
     "durable, 400 with the first reason when some lines were malformed and the rest is, 503 or 507 when\n"
     "nothing of it is; /ping and what agents ask of /query at their start are answered as well.\n"
     "Graphite: the plaintext protocol, `path[;tag=value] value seconds`, which answers nothing.\n"
+    "Forgetting goes by data time, which is the newest timestamp so far: one far ahead of the others\n"
+    "makes them all old.\n"
     "SIGTERM and SIGINT: what has arrived is taken, made durable and answered, then the command ends.\n"
     "\n"
     "Exit: 0 it was told to end; 1 a port is taken, DIR cannot be used, or the disk failed.";
@@ -203,9 +209,10 @@ CLI::App *add_serve(CLI::App &app, ServeArguments &arguments) {
   return command;
 }
 
-CLI::App *add_stat(CLI::App &app, std::string &db) {
+CLI::App *add_stat(CLI::App &app, VerifyArguments &arguments) {
   CLI::App *const command = app.add_subcommand("stat", "say what a database holds, array by array");
-  add_db(command, db, "the database's folder");
+  add_db(command, arguments.db, "the database's folder");
+  add_salvage(command, arguments.salvage);
   command->footer("Exit: 0; 1 the database is damaged or cannot be read.");
   return command;
 }
@@ -228,6 +235,7 @@ CLI::App *add_query(CLI::App &app, QueryArguments &arguments) {
       ->check(CLI::IsMember({"table", "csv", "json", "svg"}).description(""))
       ->capture_default_str()
       ->type_name("FORMAT");
+  add_salvage(command, arguments.salvage);
   command->footer(
       "TIME is 2026-01-02T03:04:05.678Z, 2026-01-02, now, now-15m, or nanoseconds since 1970.\n"
       "DURATION is 250ms, 10s, 1m, 2h, 1d, 1w, or a sum of them as in 1h30m.\n"
@@ -242,6 +250,7 @@ CLI::App *add_of_series(CLI::App &app, SeriesArguments &arguments, const char *n
   add_db(command, arguments.db, "the database's folder");
   command->add_option("PATTERN", arguments.pattern, "only series whose keys match, as in 'cpu,*core=0* user'")
       ->type_name("");
+  add_salvage(command, arguments.salvage);
   command->footer("Exit: 0; 1 the database is damaged or cannot be read.");
   return command;
 }
@@ -284,11 +293,18 @@ void start_log(const LogArguments &arguments, const char *command) {
   TSLB_DLOG(LOG_PROGRESS, "start: %s", command);
 }
 
+// A file that is opened under the number of a standard stream would get what is printed there.
+void hold_standard_streams() {
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+    if (fcntl(fd, F_GETFD) < 0) open("/dev/null", O_RDWR);  // the lowest number that is free
+}
+
 }  // namespace
 }  // namespace metricdb
 
 int main(int argc, char **argv) {
   using namespace metricdb;
+  hold_standard_streams();
   CLI::App app("metricdb: a small time-series database on tslb's arrays", "metricdb");
   app.require_subcommand(1);
   app.fallthrough();
@@ -302,7 +318,7 @@ int main(int argc, char **argv) {
   SnapshotArguments snapshot_arguments;
   VerifyArguments verify_arguments;
   QueryArguments query_arguments;
-  std::string stat_db;
+  VerifyArguments stat_arguments;
   add_log(app, log);
   const CLI::App *const is_load = add_load(app, load_arguments);
   const CLI::App *const is_check = add_check(app, check_arguments);
@@ -310,7 +326,7 @@ int main(int argc, char **argv) {
   const CLI::App *const is_serve = add_serve(app, serve_arguments);
   const CLI::App *const is_snapshot = add_snapshot(app, snapshot_arguments);
   const CLI::App *const is_verify = add_verify(app, verify_arguments);
-  const CLI::App *const is_stat = add_stat(app, stat_db);
+  const CLI::App *const is_stat = add_stat(app, stat_arguments);
   const CLI::App *const is_series = add_of_series(app, series_arguments, "series", "show the series of a database");
   const CLI::App *const is_query = add_query(app, query_arguments);
   const CLI::App *const is_export =
@@ -330,14 +346,14 @@ int main(int argc, char **argv) {
     if (*is_serve) return serve(serve_arguments);
     if (*is_snapshot) return snapshot(snapshot_arguments);
     if (*is_verify) return verify(verify_arguments);
-    if (*is_stat) return stat(stat_db);
+    if (*is_stat) return metricdb::stat(stat_arguments);
     if (*is_query) return query(query_arguments);
     if (*is_series) return series(series_arguments);
     if (*is_export) return export_points(export_arguments);
     return record(record_arguments);
   } catch (const std::exception &error) {
     TSLB_DLOG(LOG_REFUSALS, "refused: %s", error.what());
-    fmt::print(stderr, "metricdb: {}\n", error.what());
+    complain(fmt::format("metricdb: {}", error.what()));
     return EXIT_ERROR;
   }
 }

@@ -9,6 +9,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "log.h"
+
 namespace metricdb {
 namespace {
 
@@ -21,6 +23,16 @@ void fail_output(const std::string &name) {
   throw std::runtime_error(fmt::format("{}: cannot be written: {}", name, std::strerror(error)));
 }
 
+void complain(const std::string &line) {
+  const std::string whole = line + "\n";
+  std::fwrite(whole.data(), 1, whole.size(), stderr);
+}
+
+void tell_refusal(const std::string &what) {
+  TSLB_DLOG(LOG_REFUSALS, "%s", what.c_str());
+  complain("metricdb: " + what);
+}
+
 void print(const std::string &text) {
   if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0)
     fail_output("stdout");
@@ -30,7 +42,7 @@ Progress::Progress(uint64_t total, const char *unit)
     : total_(total), unit_(unit), is_shown_(isatty(STDERR_FILENO) != 0) {}
 
 Progress::~Progress() {
-  if (has_line_) fmt::print(stderr, "\r\033[K");
+  if (has_line_) std::fputs("\r\033[K", stderr);
 }
 
 void Progress::tell(uint64_t done, uint64_t count) {
@@ -45,7 +57,7 @@ void Progress::tell(uint64_t done, uint64_t count) {
     const double share = std::min(1.0, static_cast<double>(done) / static_cast<double>(total_));
     line += fmt::format(", {:.0f} %, {:.0f} s left", share * 100, seconds / share - seconds);
   }
-  fmt::print(stderr, "\r{}\033[K", line);
+  std::fputs(fmt::format("\r{}\033[K", line).c_str(), stderr);
 }
 
 }  // namespace metricdb

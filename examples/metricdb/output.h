@@ -10,6 +10,9 @@ namespace metricdb {
 // An output that could not be written: a full disk must not look like success. With errno as it is.
 [[noreturn]] void fail_output(const std::string &name);
 
+// A line on stderr. Whatever becomes of it: there is nobody to tell.
+void complain(const std::string &line);
+
 // To standard output, now. Throws std::runtime_error.
 void print(const std::string &text);
 

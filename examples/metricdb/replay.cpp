@@ -82,13 +82,21 @@ Replayed replay_journal(const std::string &path, uint64_t generation, bool salva
           },
   };
   const ScanResult scanned = scan_journal(path, visitor, salvage);
-  if (scanned.place.generation != generation)
+  // Of a head that cannot be read there is no number to compare, and nothing that was applied.
+  const bool has_head = scanned.end != JournalEnd::damaged || scanned.n_batches != 0;
+  if (has_head && scanned.place.generation != generation)
     throw ReplayFailed(fmt::format("{}: follows generation {}, not {}", path, scanned.place.generation, generation));
   replay.check();
   TSLB_DLOG(LOG_PROGRESS, "%s: %llu batches, %llu records, %llu bytes cut", path.c_str(),
             static_cast<unsigned long long>(scanned.n_batches), static_cast<unsigned long long>(scanned.n_records),
             static_cast<unsigned long long>(scanned.bytes_cut));
-  return {true, scanned.place, scanned.n_batches, scanned.n_records, scanned.bytes_cut, scanned.what};
+  return {true,
+          scanned.place,
+          scanned.n_batches,
+          scanned.n_records,
+          scanned.bytes_cut,
+          scanned.end == JournalEnd::damaged,
+          scanned.what};
 }
 
 }  // namespace metricdb

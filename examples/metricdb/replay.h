@@ -22,7 +22,8 @@ struct Replayed {
   uint64_t n_batches = 0;
   uint64_t n_records = 0;
   uint64_t bytes_cut = 0;
-  std::string what;  // one line about a tail that does not count; empty if there is none
+  bool is_damaged = false;  // not just torn: with `salvage` only
+  std::string what;         // one line about a tail that does not count; empty if there is none
 };
 
 // Arrays, configuration and state are of a generation with the number given, and come out as they were at the last

@@ -198,6 +198,10 @@ class Store {
   // Series that were forgotten so far. While this stays, numbers of series hold.
   uint64_t n_forgotten_series() const { return forgotten_.series_aged + forgotten_.series_reused; }
 
+  // Makes sure that the next `append` to the series does not throw, and that no new series takes its slot until then.
+  // Throws StoreFull.
+  void make_room(uint32_t series);
+
   // Adds a point behind all others of the series. Throws StoreFull.
   void append(uint32_t series, const Point &point);
 
@@ -263,7 +267,8 @@ class Store {
   char *take_chunk(dynmem_t *pool, size_t bytes, const srcaddr_t &referrer, maddr_t &address);
   uint32_t delete_chunk(dynmem_t *pool, const maddr_t &address);
   SealedChunk *sealed_at(const maddr_t &address) const;
-  void make_room(uint32_t series, Tail &tail);
+  void activate(uint32_t series, Tail &tail);
+  void grow_or_seal(uint32_t series, Tail &tail);
   void grow_open(uint32_t series, Tail &tail);
   void seal_open(uint32_t series, Tail &tail);
 

@@ -59,6 +59,8 @@ class ChunkMap {
     const MemSlotAddr_t cursor = cursor_of(pool);
     if (cursor.mslot_idx == NO_SLOT && n_slots != 0) fail("no slot is current, and some are in use");
     for (uint32_t slot = 0; slot < n_slots; ++slot) read_slot(slot, cursor);
+    if (header->total_mused < used_bytes_)
+      fail(fmt::format("{} bytes were ever reserved, and {} are in use", uint64_t{header->total_mused}, used_bytes_));
   }
 
   // The data of the chunk at this address, and its length in bytes. `from` says who refers to it.
@@ -114,6 +116,7 @@ class ChunkMap {
       fail(fmt::format("{} bytes in use of {}", mem->bytes_used, header_of(pool_)->mslot_sz), slot);
     if (slot == cursor.mslot_idx && mem->bytes_used != cursor.byte_off)
       fail(fmt::format("{} bytes in use, and the cursor stands at {}", mem->bytes_used, cursor.byte_off), slot);
+    used_bytes_ += mem->bytes_used;
     uint64_t deleted = 0;
     for (uint32_t offset = 0; offset < mem->bytes_used;) {
       compat_t header;
@@ -136,6 +139,7 @@ class ChunkMap {
   dynmem_t *const pool_;
   const Where where_;
   std::vector<Slot> slots_;
+  uint64_t used_bytes_ = 0;  // of all slots that are not free
 };
 
 // One series: what its record refers to.

@@ -53,7 +53,7 @@ Store::Tail Store::tail_of(const SeriesRecord &record) const {
 
 void Store::append(uint32_t series, const Point &point) {
   Tail &tail = tails_[series];
-  if (tail.n_open == tail.capacity) make_room(series, tail);
+  if (tail.n_open == tail.capacity) grow_or_seal(series, tail);
   const SeriesRecord &record = tail.record;
   std::memcpy(tail.open + tail.n_open * sizeof point, &point, sizeof point);
   record.set_n_open(++tail.n_open);
@@ -69,14 +69,24 @@ void Store::append(uint32_t series, const Point &point) {
     if (newest_ns != INT64_MIN) record.set_interval_ms(static_cast<uint32_t>(std::min<uint64_t>(step_ms, UINT32_MAX)));
     record.set_newest_ns(point.ts_ns);
   }
-  if (status_of(record.at()) == TSLB_DA_SLOT_INACTIVE) {
-    tslb_da_activate_idx(catalogue_.get(), series);
-    is_catalogue_changed_ = true;
-  }
+  activate(series, tail);
   change(series, tail);
 }
 
-void Store::make_room(uint32_t series, Tail &tail) {
+void Store::activate(uint32_t series, Tail &tail) {
+  if (status_of(tail.record.at()) != TSLB_DA_SLOT_INACTIVE) return;
+  tslb_da_activate_idx(catalogue_.get(), series);
+  is_catalogue_changed_ = true;
+}
+
+void Store::make_room(uint32_t series) {
+  Tail &tail = tails_[series];
+  if (tail.n_open == tail.capacity) grow_or_seal(series, tail);
+  activate(series, tail);
+}
+
+void Store::grow_or_seal(uint32_t series, Tail &tail) {
+  change(series, tail);
   if (tail.capacity == SEALED_POINTS)
     seal_open(series, tail);
   else

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "log.h"
+#include "output.h"
 
 namespace metricdb {
 
@@ -24,10 +25,18 @@ WriterOptions writer_options_of(const WriteArguments &arguments) {
   return options;
 }
 
+Opened open_to_read(const std::string &db, bool salvage) {
+  OpenOptions options;
+  options.salvage = salvage;
+  Opened opened = Database(db, Database::Use::read).open(options);
+  tell_found(opened.found());
+  return opened;
+}
+
 void tell_found(const std::string &lines) {
   std::string_view rest = lines;
   for (std::string_view line; next_line(rest, line);) {
-    fmt::print(stderr, "metricdb: {}\n", line);
+    complain(fmt::format("metricdb: {}", line));
     TSLB_DLOG(LOG_PROGRESS, "%.*s", static_cast<int>(line.size()), line.data());
   }
 }
