@@ -12,6 +12,7 @@
 
 #include "database_writer.h"
 #include "io_faults.h"
+#include "journal_reader.h"
 #include "metricdb_support.h"
 #include "store_internal.h"
 
@@ -33,6 +34,29 @@ std::map<std::string, std::string> content_of(const Store &store) {
                          record.written_at_ns(), record.interval_ms());
   }
   return content;
+}
+
+std::map<std::string, std::string> points_of(const Store &store) {
+  auto content = content_of(store);
+  for (auto &[key, shown] : content) shown.resize(shown.find('|'));
+  return content;
+}
+
+// Both lists of the catalogue, as they are linked: a series that is given away next must be the same one.
+std::string lists_text(const Store &store) {
+  const DynArrLLI_t lists = *lists_of(store.catalogue());
+  std::string text = "free";
+  const auto walk = [&](uint32_t at) {
+    for (; at != TSLB_DA_NIL_IDX;) {
+      text += fmt::format(" {}", at);
+      const auto *const slot = static_cast<const char *>(tslb_da_get_ptr(store.catalogue(), at));
+      at = reinterpret_cast<const node_fw *>(slot - sizeof(node_fw))->next;
+    }
+  };
+  walk(lists.free_head);
+  text += ", inactive";
+  walk(lists.inact_head);
+  return text;
 }
 
 // Batch `number` of an endless input: keys that come, fall silent and return, and points that come late.
@@ -91,37 +115,54 @@ const ForgettingRow FORGETTING[] = {
     {"an older layout", {.layout = OLDEST_LAYOUT, .retain_ns = 2500, .idle_ns = 300}},
 };
 
-// Against a store in memory alone that took the same batches. Each opening adds to a journal, or begins a generation.
+// Against a store in memory alone that took the same batches. Memory slots are small, so that each batch touches several,
+// and sweeps come within batches. Each opening adds to a journal, or begins a generation.
 TEST_F(Writer, ComesBackAsIfItHadNeverBeenClosed) {
-  constexpr int N_BATCHES = 240;
+  constexpr int N_BATCHES = 200;
+  static const struct {
+    uint64_t snapshot_bytes;
+    int batches_of_a_writer;
+  } sessions[] = {{0, 40}, {60'000, 40}, {60'000, 1}};
   for (const auto &row : FORGETTING) {
-    for (const uint64_t snapshot_bytes : {uint64_t{0}, uint64_t{60'000}}) {
-      SCOPED_TRACE(fmt::format("{}, a snapshot behind {} bytes", row.what, snapshot_bytes));
+    for (const auto &session : sessions) {
+      SCOPED_TRACE(fmt::format("{}, {} batches to a writer, a snapshot behind {} bytes", row.what,
+                               session.batches_of_a_writer, session.snapshot_bytes));
       fs::remove_all(db());
-      WriterOptions options = row.options;
-      options.snapshot_bytes = snapshot_bytes;
-      StoreConfig config;
-      config.layout = options.layout.value_or(NEWEST_LAYOUT);
-      config.points_per_sweep = 65'536;
+      StoreConfig config = {.key_slot_bytes = 256, .point_slot_bytes = 4096, .points_per_sweep = 70};
+      config.layout = row.options.layout.value_or(NEWEST_LAYOUT);
+      config.retain_ns = row.options.retain_ns.value_or(0);
+      config.idle_ns = row.options.idle_ns.value_or(0);
+      config.reuse_inactive_pct = row.options.reuse_inactive_pct.value_or(0);
+      {
+        Database database(db(), Database::Use::create);
+        NewGeneration(database).write_streams(Store(config));
+      }
+      WriterOptions options;
+      options.snapshot_bytes = session.snapshot_bytes;
       Model straight(config);
-      straight.store().forget_by(options.retain_ns.value_or(0), options.idle_ns.value_or(0),
-                                 options.reuse_inactive_pct.value_or(0));
-      uint64_t last_generation = 0;
-      for (int number = 0; number < N_BATCHES; number += 40) {
+      for (int number = 0; number < N_BATCHES; number += session.batches_of_a_writer) {
         {
           DatabaseWriter writer(db(), options);
           EXPECT_EQ(writer.found(), "");
           ASSERT_EQ(content_of(writer.store()), content_of(straight.store())) << "batch " << number;
           ASSERT_EQ(figures_of(writer.store()), figures_of(straight.store())) << "batch " << number;
-          for (int i = 0; i < 40; ++i) ASSERT_EQ(put(writer, batch_text(number + i)), "");
+          ASSERT_EQ(lists_text(writer.store()), lists_text(straight.store())) << "batch " << number;
+          for (int i = 0; i < session.batches_of_a_writer; ++i) ASSERT_EQ(put(writer, batch_text(number + i)), "");
         }
-        for (int i = 0; i < 40; ++i) straight.take(batch_text(number + i));
-        last_generation = reopened().stored.generation;
+        for (int i = 0; i < session.batches_of_a_writer; ++i) straight.take(batch_text(number + i));
       }
-      EXPECT_EQ(last_generation > 1, snapshot_bytes != 0);
+      EXPECT_EQ(reopened().stored.generation > 1, session.snapshot_bytes != 0);
       EXPECT_EQ(content_of(reopened().store), content_of(straight.store()));
     }
   }
+}
+
+TEST_F(Writer, OptionsAreKeptWithTheDatabase) {
+  { DatabaseWriter writer(db(), {.retain_ns = 25, .idle_ns = 5}); }
+  { DatabaseWriter writer(db(), {.idle_ns = 7}); }
+  DatabaseWriter writer(db(), {});
+  EXPECT_EQ(writer.store().config().retain_ns, 25);
+  EXPECT_EQ(writer.store().config().idle_ns, 7);
 }
 
 TEST_F(Writer, WhatIsNotCommittedIsNotThere) {
@@ -152,16 +193,67 @@ TEST_F(Writer, WhoeverWaitsForTheLastTicketOfAJournalHearsOfIt) {
   }
 }
 
-TEST_F(Writer, MalformedLinesAndFullPoolsAreToldAndTheRestIsKept) {
+TEST_F(Writer, MalformedLinesAreToldAndTheRestIsKept) {
   DatabaseWriter writer(db(), {});
   const Taken taken = writer.take("m f=1 1\nnonsense\nm f=2 2\n= \n", Precision::ns);
   EXPECT_EQ(taken.points, 2u);
   EXPECT_EQ(taken.malformed, 2u);
   EXPECT_EQ(taken.first_reason, "line 2: no fields");
   EXPECT_EQ(writer.commit(), 1u);
+  EXPECT_EQ(writer.take("# nothing\n", Precision::ns).points, 0u);
   EXPECT_EQ(writer.commit(), 1u) << "nothing came since";
   EXPECT_EQ(writer.wait(1), "");
   EXPECT_EQ(reopened().store.n_points(), 2u);
+}
+
+// A line is stored whole or not at all, and those of series that have room go on.
+TEST_F(Writer, AFullStoreRefusesLinesThatItHasNoRoomFor) {
+  {
+    Database database(db(), Database::Use::create);
+    NewGeneration(database).write_streams(Store({.key_slot_bytes = 64}));
+  }
+  DatabaseWriter writer(db(), {});
+  std::string text;
+  for (int i = 0; i < 254; ++i) text += fmt::format("measurement,number={:010} field=1 5\n", i);
+  EXPECT_EQ(writer.take(text, Precision::ns).malformed, 0u);
+  // Room for one key more: a known field beside two new ones, then a known series, then one new one.
+  const Taken taken = writer.take(
+      "measurement,number=0000000001 field=2,new=3,newer=4 6\n"
+      "measurement,number=0000000002 field=5 6\n"
+      "measurement,number=0000000003 other=1 6\n",
+      Precision::ns);
+  EXPECT_EQ(taken.points, 1u);
+  EXPECT_EQ(taken.malformed, 2u);
+  EXPECT_THAT(taken.first_reason, testing::StartsWith("line 1: no room for more series keys"));
+  EXPECT_THROW(writer.take("measurement,number=9999999999 field=1 7\n", Precision::ns), IngestRefused);
+  EXPECT_EQ(writer.wait(writer.commit()), "");
+  const auto points = points_of(reopened().store);
+  EXPECT_EQ(points.at("measurement,number=0000000001 field"), "1@5 ");
+  EXPECT_EQ(points.at("measurement,number=0000000002 field"), "1@5 5@6 ");
+}
+
+// A text without a point comes between a batch and its failure: the next batch is good again.
+TEST_F(Writer, OneFailureRefusesOneBatch) {
+  for (uint64_t k = 1; k < 8; ++k) {
+    SCOPED_TRACE(k);
+    fs::remove_all(db());
+    DatabaseWriter writer(db(), {});
+    ASSERT_EQ(put(writer, "m f=1 1\n"), "");
+    fail_at_io(k, EIO);
+    try {
+      writer.take("m f=2 2\n", Precision::ns);
+      const uint64_t ticket = writer.commit();
+      writer.take("nonsense\n", Precision::ns);
+      writer.wait(ticket);
+    } catch (const IngestRefused &) {
+    }
+    fail_at_io(0, 0);
+    try {
+      EXPECT_EQ(put(writer, "m f=3 3\n"), "");
+    } catch (const DatabaseError &broken) {
+      EXPECT_THAT(broken.what(), HasSubstr("is of no use any more")) << "only a failed sync may end a writer";
+    }
+  }
 }
 
 // Every step on the way to the disk fails once, with batches, snapshots and openings around it: the batches that were
@@ -216,12 +308,6 @@ TEST_F(Writer, AFailureAnywhereRefusesABatchAndLosesNothing) {
 }
 
 // ---- Older layouts, and damage ----
-
-std::map<std::string, std::string> points_of(const Store &store) {
-  auto content = content_of(store);
-  for (auto &[key, shown] : content) shown.resize(shown.find('|'));
-  return content;
-}
 
 TEST_F(Writer, AnOlderLayoutIsMadeOfTheNewerOneForGood) {
   const WriterOptions forgetting = {.retain_ns = 2500, .idle_ns = 300};
@@ -300,9 +386,20 @@ TEST_F(Writer, DamageIsRefusedByItsPlaceAndSalvagedUpToIt) {
   // A torn end is no damage: it is cut, and said.
   const fs::path last = fs::path(db()) / "journal.2";
   write_file(last, read_file(last) + "torn");
-  DatabaseWriter writer(db(), {});
-  EXPECT_THAT(writer.found(), HasSubstr(last.string() + ": "));
-  EXPECT_EQ(content_of(writer.store()), content_of(straight.store()));
+  {
+    DatabaseWriter writer(db(), {});
+    EXPECT_THAT(writer.found(), HasSubstr(last.string() + ": "));
+    EXPECT_EQ(content_of(writer.store()), content_of(straight.store()));
+  }
+  EXPECT_EQ(reopened().stored.generation, 2u) << "a torn end costs a whole generation";
+
+  // A head that cannot be read leaves the generation; and a generation that is gone leaves nothing to go on from.
+  write_file(last, "x" + read_file(last).substr(1));
+  EXPECT_THROW(reopened(), JournalDamaged);
+  EXPECT_EQ(Database(db(), Database::Use::read).open({.salvage = true}).store.n_series(), straight.store().n_series());
+  fs::remove_all(fs::path(db()) / "generation.2");
+  EXPECT_THROW(DatabaseWriter(db(), {}), DatabaseError);
+  EXPECT_TRUE(fs::exists(last));
 }
 
 // Batches are refused while there is no room, and all others are there: the disk is met as a limit on the file's size,
@@ -391,8 +488,8 @@ TEST_F(Crash, AtEachStepWhatWasAcknowledgedIsThereAndNothingElse) {
 #if defined(__SANITIZE_THREAD__)
   GTEST_SKIP();
 #endif
-  // Batches of 5 lines; a journal of more than a mebibyte begins a generation, several times on the way.
-  constexpr int N_LINES = 30;
+  // Batches of a line; a journal of more than a mebibyte begins a generation, several times on the way.
+  constexpr int N_LINES = 20;
   std::string input;
   std::vector<std::string> lines;
   for (int i = 0; i < N_LINES; ++i) {
@@ -404,7 +501,7 @@ TEST_F(Crash, AtEachStepWhatWasAcknowledgedIsThereAndNothingElse) {
     input += line;
   }
   write_file(root_ / "input.lp", input);
-  const std::string ingest = "ingest --db db --batch-lines 5 --snapshot-mb 1 --acks input.lp";
+  const std::string ingest = "ingest --db db --batch-lines 1 --snapshot-mb 1 --acks input.lp";
   std::set<uint64_t> acknowledged;
   int n_killed = 0;
   for (int k = 1;; ++k) {
@@ -423,7 +520,7 @@ TEST_F(Crash, AtEachStepWhatWasAcknowledgedIsThereAndNothingElse) {
     // Ahead of the first generation there is nothing, and nothing was acknowledged.
     if (Database(db(), Database::Use::create).newest()) {
       const Opened opened = reopened();
-      ASSERT_EQ(opened.store.n_points() % (5 * 400), 0u) << "a part of a batch";
+      ASSERT_EQ(opened.store.n_points() % 400, 0u) << "a part of a batch";
       n_found = opened.store.n_points() / 400;
       Model straight;
       for (uint64_t i = 0; i < n_found; ++i) straight.take(lines[i]);
@@ -441,7 +538,22 @@ TEST_F(Crash, AtEachStepWhatWasAcknowledgedIsThereAndNothingElse) {
     ASSERT_EQ(content_of(reopened().store), content_of(whole.store()));
   }
   EXPECT_GT(n_killed, 40) << "too few steps";
-  EXPECT_GT(acknowledged.size(), 2u) << "the steps did not fall between the batches";
+  EXPECT_GT(acknowledged.size(), 5u) << "the steps did not fall between the batches";
+}
+
+// The standard streams closed, or full: files keep what is theirs, and the exit codes hold.
+TEST_F(Crash, NobodyListensToWhatIsSaid) {
+  write_file(root_ / "input.lp", "m f=1 1\nnonsense\nm f=2 2\n");
+  for (const char *streams : {"2>/dev/full", "2>&-", "0<&- 1>&- 2>&-"}) {
+    SCOPED_TRACE(streams);
+    fs::remove_all(root_ / "db");
+    const std::string command =
+        fmt::format("cd {} && {} ingest --db db input.lp >out.txt {}", root_.string(), METRICDB, streams);
+    const int status = std::system(command.c_str());
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 2) << "one line is malformed";
+    EXPECT_EQ(reopened().store.n_points(), 2u);
+  }
 }
 
 }  // namespace
