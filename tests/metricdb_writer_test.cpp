@@ -59,14 +59,15 @@ std::string lists_text(const Store &store) {
   return text;
 }
 
-// Batch `number` of an endless input: keys that come, fall silent and return, and points that come late.
+// Batch `number` of an endless input: keys that come, fall silent and return, one that stays,
+// and points that come late.
 std::string batch_text(int number) {
   std::mt19937 random(static_cast<uint32_t>(number) + 20261125u);
   std::string text;
   for (int i = 0; i < 60; ++i) {
     const int64_t ts_ns = 10'000 + number * 60 + i - (random() % 16 == 0 ? random() % 3000 : random() % 8);
-    text += fmt::format("m,n={} f={},g={} {}\n", number / 15 * 5 + static_cast<int>(random() % 9), random() % 100,
-                        random() * 0.25, ts_ns);
+    const int source = i % 4 == 0 ? 0 : 1 + number / 15 * 5 + static_cast<int>(random() % 9);
+    text += fmt::format("m,n={} f={},g={} {}\n", source, random() % 100, random() * 0.25, ts_ns);
   }
   return text;
 }
