@@ -4,6 +4,7 @@
 #include <sys/epoll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <utility>
 
@@ -16,6 +17,10 @@ namespace {
 // meet a full disk when they are written.
 constexpr uint64_t JOURNAL_BYTES_PER_TEXT_BYTE = 4;
 constexpr uint64_t JOURNAL_BYTES_PER_BATCH = 64 << 10;
+
+constexpr uint64_t MOST_BATCH_BYTES = 128 << 20;  // of journal
+constexpr uint64_t LOG_BYTES_OF_SERIES = 256;     // its record, and a few points
+constexpr size_t PIECE_BYTES = 256 << 10;
 
 constexpr uint64_t LEAST_REPLACED_JOURNAL = 4 << 20;
 
@@ -81,7 +86,7 @@ void DatabaseWriter::take_store(Store &&store) {
   store_.emplace(std::move(store));
   loader_ =
       std::make_unique<Loader>(*store_, Loader::WhenFull::go_on, [this](uint64_t line, const std::string &reason) {
-        if (taken_.malformed++ == 0) taken_.first_reason = fmt::format("line {}: {}", line, reason);
+        if (taken_.malformed++ == 0) taken_.first_reason = fmt::format("line {}: {}", lines_before_ + line, reason);
       });
 }
 
@@ -112,6 +117,7 @@ void DatabaseWriter::start_journal(const Replayed &replayed) {
 }
 
 void DatabaseWriter::begin_log() {
+  batch_begins_ = journal_->end();
   redo_.emplace(*journal_);
   store_->begin_log();
 }
@@ -156,6 +162,28 @@ void DatabaseWriter::expect_room(size_t text_bytes) {
     throw IngestRefused(why);
 }
 
+// A batch is in memory until it is committed, and a text of new and short series comes to many times its own size.
+void DatabaseWriter::load_within_bounds(std::string_view text, Precision precision) {
+  const int64_t time_ns = now_ns();
+  const uint64_t lines_before = loader_->stats().lines;
+  while (!text.empty()) {
+    const uint64_t still_to_log = store_->n_changed_series() * LOG_BYTES_OF_SERIES;
+    if (journal_->end() - batch_begins_ + still_to_log > MOST_BATCH_BYTES) {
+      if (taken_.malformed == 0)
+        taken_.first_reason = fmt::format("line {}: this and what follows is too much for one batch",
+                                          loader_->stats().lines - lines_before + 1);
+      taken_.malformed += static_cast<uint64_t>(std::count(text.begin(), text.end(), '\n'));
+      taken_.malformed += text.ends_with('\n') ? 0 : 1;
+      return;
+    }
+    const size_t feed = text.find('\n', std::min(PIECE_BYTES, text.size()));
+    const size_t behind = feed == text.npos ? text.size() : feed + 1;
+    lines_before_ = loader_->stats().lines - lines_before;
+    loader_->load(text.substr(0, behind), precision, time_ns);
+    text.remove_prefix(behind);
+  }
+}
+
 Taken DatabaseWriter::take(std::string_view text, Precision precision) {
   if (!journal_) {
     try {
@@ -169,7 +197,7 @@ Taken DatabaseWriter::take(std::string_view text, Precision precision) {
   expect_room(text.size());
   taken_ = {};
   const LoadStats before = loader_->stats();
-  loader_->load(text, precision, now_ns());
+  load_within_bounds(text, precision);
   taken_.points = loader_->stats().points - before.points;
   has_taken_ |= taken_.points != 0;
   if (taken_.points == 0 && loader_->stats().refused != before.refused) throw IngestRefused(taken_.first_reason);
@@ -181,6 +209,7 @@ uint64_t DatabaseWriter::commit() {
   store_->log_changes();
   last_ticket_ = tickets_before_ + journal_->commit(figures_text(store_->config(), store_->state()));
   has_taken_ = false;
+  batch_begins_ = journal_->end();
   if (options_.snapshot_bytes != 0 && journal_->end() > next_snapshot_at_) {
     next_snapshot_at_ = journal_->end() + options_.snapshot_bytes;  // unless this one comes to its end
     try {

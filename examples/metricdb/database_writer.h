@@ -74,6 +74,7 @@ class DatabaseWriter final : public Ingest {
   void begin_generation(uint64_t number);
   void restore_if_refused();
   void expect_room(size_t text_bytes);
+  void load_within_bounds(std::string_view text, Precision precision);
 
   Database database_;
   const WriterOptions options_;
@@ -81,13 +82,15 @@ class DatabaseWriter final : public Ingest {
   std::string found_;
   std::optional<Store> store_;
   std::unique_ptr<Loader> loader_;
-  Taken taken_;             // of the text at hand
-  bool has_taken_ = false;  // something that is not committed yet
+  Taken taken_;                // of the text at hand
+  uint64_t lines_before_ = 0;  // of the text at hand, those of the piece at hand not counted
+  bool has_taken_ = false;     // something that is not committed yet
 
   File settled_;                      // an epoll instance with both events in it: it outlives the journals
   File ended_;                        // the event of a journal's end: tickets that it settled may not have been seen
   std::unique_ptr<Journal> journal_;  // null: the last one could not be made
   std::optional<RedoTo> redo_;
+  uint64_t batch_begins_ = 0;      // where in the journal
   uint64_t next_snapshot_at_ = 0;  // bytes of the journal
   uint64_t last_ticket_ = 0;
   uint64_t tickets_before_ = 0;               // of earlier journals

@@ -211,6 +211,7 @@ class Store {
   // Both: see above. Without a redo log they cost nothing.
   void begin_log();
   void log_changes();
+  uint64_t n_changed_series() const { return changed_series_.size(); }  // that `log_changes` will tell
 
   // Series are the slots below n_slots for which holds_series is true. Inactive ones are among them.
   uint32_t n_slots() const { return tslb_da_get_size(catalogue_.get()); }
