@@ -1,7 +1,9 @@
 // `metricdb serve`: a database that agents feed over the network, until the process is told to end.
 #include <fmt/format.h>
 #include <signal.h>
+#include <sys/resource.h>
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "commands.h"
@@ -41,6 +43,17 @@ class StopOnSignal {
   struct sigaction before_term_, before_int_;
 };
 
+// Peers may not take the descriptors that the database needs for its own files.
+size_t most_connections(size_t wanted) {
+  constexpr rlim_t OWN_DESCRIPTORS = 64;
+  struct rlimit limit;
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return wanted;
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);  // where that is refused, the limit stays as it is
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur <= 2 * OWN_DESCRIPTORS) return 1;
+  return std::min<size_t>(wanted, limit.rlim_cur - OWN_DESCRIPTORS);
+}
+
 std::string ports_line(const ServeArguments &arguments, const Server &server) {
   std::string line = "serving         ";
   if (arguments.influx_port) line += fmt::format(" influx {}:{}", arguments.address, server.influx_port());
@@ -67,6 +80,7 @@ int serve(const ServeArguments &arguments) {
   options.address = arguments.address;
   options.influx_port = arguments.influx_port;
   options.graphite_port = arguments.graphite_port;
+  options.max_connections = most_connections(options.max_connections);
   Server server(options, writer);
   const StopOnSignal stop(server);
   print(ports_line(arguments, server));
