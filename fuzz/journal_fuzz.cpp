@@ -84,7 +84,10 @@ static ScanResult read_whole(const std::string &path, bool salvage) {
                                   }};
   const ScanResult result = scan_journal(path, visitor, salvage);
   need(result.n_records == n_records && result.n_batches == n_batches, "what is counted was given");
-  need(result.place.position >= end && result.place.next_sequence > n_records + n_batches, "the place is behind it");
+  if (result.place.position == 0)
+    need(result.end == JournalEnd::damaged && n_records + n_batches == 0, "without a head there is nothing");
+  else
+    need(result.place.position >= end && result.place.next_sequence > n_records + n_batches, "the place is behind it");
   need((result.end == JournalEnd::clean) == result.what.empty(), "a line about whatever is not clean");
   need(result.end != JournalEnd::clean || result.bytes_cut == 0, "a clean end is the end");
   return result;
@@ -116,7 +119,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     }
     const ScanResult salvaged = read_whole(path, true);
     need((salvaged.end == JournalEnd::damaged) == is_damaged, "salvage decides only what becomes of damage");
-    expect_clean_when_cut(fd, path, salvaged);
+    if (salvaged.place.position != 0) expect_clean_when_cut(fd, path, salvaged);
   } catch (const JournalDamaged &damage) {
     need(damage.what()[0] != '\0', "a line with every refusal");
   }
