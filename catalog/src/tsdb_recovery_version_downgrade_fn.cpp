@@ -3,6 +3,7 @@
 
 #include <string.h>
 
+#include "dynarr_internal.h"
 #include "recovery_trace.h"
 #include "tsdb_recovery_schema.h"
 #include "tslb_dynarr.h"
@@ -11,6 +12,26 @@
 constexpr const char *COMPONENT = "TSDBRecovery";
 
 // ---- Frame ---------------------------------------------------------------------------------------------------------
+
+// Record `idx` of an array that `record` went through up to the one before. Records lie side by side in the direct area
+// and in each data block, so a lookup is due only where one of these begins. Null if the array has no such record.
+static const char *next_record(dynarr_t *array, const char *record, uint32_t idx) {
+  const DynArrHdr_t *const hdr = arr_hdr_of(array);
+  if (idx >= get32(&hdr->n_used)) return nullptr;
+  const uint32_t n_direct = n_direct_of(array, hdr);
+  if (idx == 0 || (idx >= n_direct && (idx - n_direct) % SLOTS_PER_BLOCK == 0))
+    return static_cast<const char *>(slot_ptr_of(array, idx));
+  return record + hdr->record_size + node_bytes_of(array->daflag);
+}
+
+// A record that the caller fills. In a plain array it comes without the mark in its first word that slots get there.
+static char *new_record(dynarr_t *array) {
+  uint32_t idx;
+  if (has_lists(array)) return static_cast<char *>(tslb_da_get_newptr(array, &idx));
+  void *record;
+  get_dyn_arr_new_record_id_ex(array, &record, array->daflag);
+  return static_cast<char *>(record);
+}
 
 // Converts record after record: copy(to, from) fills a new record of the destination. Records lie at any address.
 template <class Copy>
@@ -21,11 +42,12 @@ static void convert(const char *function, void *cbargs, uint8_t target_version, 
   static_cast<DynHdr_t *>(tslb_da_get_dynhdr(destination))->rec_version = target_version;
   RECOVERY_TRACE(1, COMPONENT, function, "Method called, h_mpool_newver = %p, h_mpool_oldver = %p, n_alloc = %u",
                  args.h_mpool_cur, args.h_mpool_prev, tslb_da_get_total_size(destination));
-  for (uint32_t i = 0; i < tslb_da_get_total_size(destination); ++i) {
-    const char *const node_pv = static_cast<const char *>(tslb_da_get_ptr(source, i));
+  if (source == nullptr) return;
+  const char *node_pv = nullptr;
+  for (uint32_t i = 0; i < get_dyn_total_allocated_records(destination); ++i) {
+    node_pv = next_record(source, node_pv, i);
     if (node_pv == nullptr) return;
-    uint32_t idx;
-    char *const node_cv = static_cast<char *>(tslb_da_get_newptr(destination, &idx));
+    char *const node_cv = new_record(destination);
     if (node_cv == nullptr) return;
     copy(node_cv, node_pv);
   }

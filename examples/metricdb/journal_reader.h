@@ -24,7 +24,7 @@ enum class JournalEnd {
 };
 
 struct ScanResult {
-  JournalPlace place;  // behind the last mark that counts: where a writer goes on
+  JournalPlace place;  // behind the last mark that counts, where a writer goes on; 0 if the head is damaged
   uint64_t n_batches = 0;
   uint64_t n_records = 0;  // of those batches
   uint64_t bytes_cut = 0;  // behind the place

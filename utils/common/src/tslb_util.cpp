@@ -67,16 +67,22 @@ int tslb_get_timestamp_offset(void) {
   return get(timestamp_offset);
 }
 
+// Below 2^52 on both sides of zero: the difference of two such, and a sum that gives one again, are exact as doubles.
+static bool is_exact(int64_t seconds) {
+  constexpr uint64_t LIMIT = uint64_t{1} << 52;
+  return static_cast<uint64_t>(seconds) + LIMIT < 2 * LIMIT;
+}
+
 time_t tslb_get_time(time_t *time_loc) {
   const int64_t now = time(nullptr) + int64_t{get(timestamp_offset)};
+  const double factor = get(timer_factor);
+  // What the lines below would come to: they take the origin away and add it again.
+  if (factor == 1.0 && is_exact(now) && is_exact(get(tsdb_start_ts))) return deliver(now, time_loc);
   // Unsigned: a host may set any origin, and a difference that leaves 64 bits wraps instead of being
   // undefined.
   const int64_t elapsed = static_cast<int64_t>(static_cast<uint64_t>(now) - static_cast<uint64_t>(get(tsdb_start_ts)));
   // The origin is added after the division: at factor 1.0 whole seconds below 2^53 come out as they went in.
-  const double factor = get(timer_factor);
-  // A quotient by 1.0 is its dividend, and the division is the longest instruction here.
-  const double unshifted = factor == 1.0 ? static_cast<double>(elapsed) : static_cast<double>(elapsed) / factor;
-  const double scaled = unshifted + static_cast<double>(get(tsdb_start_ts));
+  const double scaled = static_cast<double>(elapsed) / factor + static_cast<double>(get(tsdb_start_ts));
   return deliver(seconds_of(scaled), time_loc);
 }
 

@@ -222,7 +222,9 @@ __attribute__((noinline, cold)) static void *make_block(DynArrHandle_t *array, u
 }
 
 __attribute__((noinline, cold)) static void *report_beyond_levels(const DynArrHandle_t *array, uint32_t beyond) {
-  const uint32_t n_direct = n_direct_of(array);
+  const uint32_t n_direct = n_direct_of(array, arr_hdr_of(array));
+  // Silent: once this one is taken, n_used is 0 again, and an id that is not below n_used counts as not issued.
+  if (beyond + n_direct == UINT32_MAX) return nullptr;
   fprintf(stderr, "ID %d is not correct, n_direct:%d\n", static_cast<int>(beyond + n_direct),
           static_cast<int>(n_direct));
   return nullptr;
@@ -252,20 +254,29 @@ __attribute__((noinline, cold)) static void *make_record_beyond(DynArrHandle_t *
   return block != nullptr ? record_in(block, beyond, slot_bytes, shift) : nullptr;
 }
 
-// The data block on a way that is all there; null if it is not.
+// The data block at the end of a way, from a table so many steps ahead of it; null if something is missing on the way.
+// A recursion, since the compiler does not unroll the loop that it stands for: here every shift is a constant.
+template <unsigned STEPS>
+static inline void *descend_from(void *table, uint32_t actual_id) {
+  if constexpr (STEPS == 0) {
+    return table;
+  } else {
+    if (table == nullptr) return nullptr;
+    void **const entry = static_cast<void **>(table) + (actual_id >> (4 * STEPS)) % ENTRIES_PER_TABLE;
+    return descend_from<STEPS - 1>(load_entry(entry), actual_id);
+  }
+}
+
 template <unsigned LEVEL>
 static inline void *descend(PtrTbl_t *root, uint32_t beyond) {
-  constexpr uint32_t FIRST = first_of_level(LEVEL);
-  void *table = load_entry(reinterpret_cast<void **>(root) + LEVEL - 1);
-  for (unsigned digit = 4 * LEVEL; digit != 0 && table != nullptr; digit -= 4)
-    table = load_entry(static_cast<void **>(table) + ((beyond - FIRST) >> digit) % ENTRIES_PER_TABLE);
-  return table;
+  void *const table = load_entry(reinterpret_cast<void **>(root) + LEVEL - 1);
+  return descend_from<LEVEL>(table, beyond - first_of_level(LEVEL));
 }
 
 // A case for each level: the processor goes ahead on the level that it expects, where an entry computed from the id
 // would have to be waited for.
 static inline void *find_block(PtrTbl_t *root, uint32_t beyond) {
-  switch (place_of(beyond).level) {
+  switch (level_of(beyond)) {
     case 1:
       return descend<1>(root, beyond);
     case 2:
@@ -311,7 +322,7 @@ int32_t get_dyn_arr_new_record_id_ex(DynamicArray_t array, void **ptr, uint8_t d
     *ptr = nullptr;
     return -1;
   }
-  *ptr = position_of(array, id, daflag);
+  *ptr = issued_position_of(array, hdr, id, daflag);
   return *ptr != nullptr ? static_cast<int32_t>(id) : -1;
 }
 

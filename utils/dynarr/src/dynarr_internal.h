@@ -136,11 +136,15 @@ struct place_t {
 };
 
 // `beyond` is the id less n_direct. Level L holds 16^(L+1) ids, so its first one is (16^(L+1) - 256) / 15, and L can be
-// read from the position of the highest bit of 15 * beyond + 256, with no comparison against six bounds.
+// read from the position of the highest bit of 15 * beyond + 256, with no comparison against six bounds. The largest
+// id's is 35: what no level holds comes out as 7 and not as more.
+static inline unsigned level_of(uint32_t beyond) {
+  return static_cast<unsigned>(63 - __builtin_clzll(uint64_t{beyond} * 15 + 256)) / 4 - 1;
+}
+
 static inline place_t place_of(uint32_t beyond) {
-  const uint64_t scaled = uint64_t{beyond} * 15 + 256;
-  if (scaled >> 32 != 0) return {LEVELS + 1, 0};
-  const unsigned level = static_cast<unsigned>(31 - __builtin_clz(static_cast<uint32_t>(scaled))) / 4 - 1;
+  const unsigned level = level_of(beyond);
+  if (level > LEVELS) return {level, 0};
   return {level, beyond - first_of_level(level)};
 }
 
@@ -151,28 +155,47 @@ static inline uint32_t block_num_of(uint32_t beyond) {
 
 // ---- Lookup -------------------------------------------------------------------------------------------------------
 
-// The record of the id `beyond` past the direct area; its memory is made if it is missing. Null after a report.
+// The byte `shift` of the slot of the id `beyond` past the direct area; its memory is made if it is missing. Null after
+// a report.
 void *dynarr_record_beyond(DynArrHandle_t *array, uint32_t beyond, uint32_t slot_bytes, uint32_t shift);
 
 // The header of a mapped file is within others' reach; the handle is not.
-static inline uint32_t n_direct_of(const DynArrHandle_t *array) {
-  return array->mem_type == MPOOL_TYPE_SHM ? array->n_direct : arr_hdr_of(array)->n_direct;
+static inline uint32_t n_direct_of(const DynArrHandle_t *array, const DynArrHdr_t *hdr) {
+  return array->mem_type == MPOOL_TYPE_SHM ? array->n_direct : hdr->n_direct;
 }
 
-// get_dyn_arr_record_position_ex, inlined where a lookup is part of a hot path.
-static inline void *position_of(DynArrHandle_t *array, uint32_t id, uint8_t daflag) {
+// The record of an id that was issued, or the byte `byte_off` past its start; `hdr` is the array's. Null after a report.
+static inline void *issued_position_of(DynArrHandle_t *array, DynArrHdr_t *hdr, uint32_t id, uint8_t daflag,
+                                       uint32_t byte_off = 0) {
+  const uint32_t slot_bytes = hdr->record_size + node_bytes_of(daflag);
+  const uint32_t n_direct = n_direct_of(array, hdr);
+  const uint32_t shift = shift_of(daflag) + byte_off;
+  if (id < n_direct) return hdr->elem_direct + uint64_t{id} * slot_bytes + shift;
+  // The last thing done: nothing waits on the stack for its result.
+  return dynarr_record_beyond(array, id - n_direct, slot_bytes, shift);
+}
+
+// get_dyn_arr_record_position_ex, inlined where a lookup is part of a hot path. An offset is added on the way, so that
+// whoever wants a place in the record need not wait for it either.
+static inline void *position_of(DynArrHandle_t *array, uint32_t id, uint8_t daflag, uint32_t byte_off = 0) {
   DynArrHdr_t *const hdr = arr_hdr_of(array);
   // Relaxed: whoever was given the id sees a count above it; for anybody else it is a bound, not a publication.
-  if (id >= get32(&hdr->n_used)) return nullptr;
-  const uint32_t slot_bytes = hdr->record_size + node_bytes_of(daflag);
-  const uint32_t n_direct = n_direct_of(array);
-  if (id < n_direct) return hdr->elem_direct + uint64_t{id} * slot_bytes + shift_of(daflag);
-  // The last thing done: nothing waits on the stack for its result.
-  return dynarr_record_beyond(array, id - n_direct, slot_bytes, shift_of(daflag));
+  return id < get32(&hdr->n_used) ? issued_position_of(array, hdr, id, daflag, byte_off) : nullptr;
 }
 
 static inline void *slot_ptr_of(DynArrHandle_t *array, uint32_t idx) {
   return position_of(array, idx, array->daflag);
+}
+
+// ---- Spin lock -----------------------------------------------------------------------------------------------------
+// tslb_da_spin_lock16 and tslb_da_spin_unlock16, without the call around the host's swap.
+
+static inline void spin_lock(uint16_t *word) {
+  while (__builtin_expect(cas16(word, 0, 1) == 0, 0)) {
+  }
+}
+static inline void spin_unlock(uint16_t *word) {
+  cas16(word, 1, 0);
 }
 
 // ---- Lists, under the lock -----------------------------------------------------------------------------------------

@@ -88,10 +88,9 @@ char *tslb_da_get_hdr_str(DynamicArray_t dyn_handle) {
 // ---- Spin lock ----------------------------------------------------------------------------------------------------
 
 void tslb_da_spin_lock16(uint16_t *spinlock) {
-  while (cas16(spinlock, 0, 1) == 0) {
-  }
+  spin_lock(spinlock);
 }
 
 void tslb_da_spin_unlock16(uint16_t *spinlock) {
-  cas16(spinlock, 1, 0);
+  spin_unlock(spinlock);
 }

@@ -158,26 +158,21 @@ static taken_t take_slot(dynarr_t *array, uint32_t now, bool may_reuse, void *la
   return taken;
 }
 
-static taken_t take_plain(dynarr_t *array, uint32_t now) {
-  taken_t taken = {nullptr, TSLB_DA_NIL_IDX, now, TSLB_DA_SLOT_UNSET};
-  taken.slot_ptr = take_fresh(array, &taken.idx);
-  return taken;
-}
-
 void *tslb_da_get_newptr(dynarr_t *handle_dynarr, uint32_t *new_idx) {
   return handle_dynarr != nullptr ? tslb_da_get_newptr_ex(handle_dynarr, new_idx, 1) : nullptr;
 }
 
 void *tslb_da_get_newptr_ex(dynarr_t *handle_dynarr, uint32_t *new_idx, uint8_t lock_off) {
-  const uint32_t now = static_cast<uint32_t>(tslb_get_time(nullptr));
   const bool lists = has_lists(handle_dynarr);
-  taken_t taken;
+  taken_t taken = {nullptr, TSLB_DA_NIL_IDX, 0, TSLB_DA_SLOT_UNSET};
   if (!lists) {
-    taken = take_plain(handle_dynarr, now);
+    taken.slot_ptr = take_fresh(handle_dynarr, &taken.idx);
   } else {
-    if (lock_off != 0) tslb_da_spin_lock16(&handle_dynarr->spinlock);
+    // Ahead of the lock, and for nodes alone: a plain array has nowhere to keep a time.
+    const uint32_t now = static_cast<uint32_t>(tslb_get_time(nullptr));
+    if (lock_off != 0) spin_lock(&handle_dynarr->spinlock);
     taken = take_slot(handle_dynarr, now, true, nullptr);
-    if (lock_off != 0) tslb_da_spin_unlock16(&handle_dynarr->spinlock);
+    if (lock_off != 0) spin_unlock(&handle_dynarr->spinlock);
   }
   if (taken.slot_ptr != nullptr) {
     if (lists && redo_is_on_by_name(handle_dynarr)) {
@@ -198,14 +193,14 @@ void *tslb_da_get_newptr_inll(dynarr_t *handle_dynarr, uint32_t *new_idx, uint32
 void *tslb_da_get_newptr_inll_ex(dynarr_t *handle_dynarr, uint32_t *new_idx, uint32_t *slot_last_ts,
                                  uint8_t *slot_last_status, void *last_slot_val) {
   const uint32_t now = static_cast<uint32_t>(tslb_get_time(nullptr));
-  taken_t taken;
+  taken_t taken = {nullptr, TSLB_DA_NIL_IDX, now, TSLB_DA_SLOT_UNSET};
   if (!has_lists(handle_dynarr)) {
-    taken = take_plain(handle_dynarr, now);
+    taken.slot_ptr = take_fresh(handle_dynarr, &taken.idx);
   } else {
-    tslb_da_spin_lock16(&handle_dynarr->spinlock);
+    spin_lock(&handle_dynarr->spinlock);
     const bool may_reuse = __atomic_load_n(&lib_config.tslb_mvt_reuse_enabled, __ATOMIC_RELAXED) != 0;
     taken = take_slot(handle_dynarr, now, may_reuse, last_slot_val);
-    tslb_da_spin_unlock16(&handle_dynarr->spinlock);
+    spin_unlock(&handle_dynarr->spinlock);
   }
   if (taken.slot_ptr != nullptr) set32(taken.slot_ptr, GATEKEEPER);
   *new_idx = taken.idx;
@@ -216,7 +211,7 @@ void *tslb_da_get_newptr_inll_ex(dynarr_t *handle_dynarr, uint32_t *new_idx, uin
 
 uint32_t tslb_da_get_range(dynarr_t *handle_dynarr, uint32_t num_entries) {
   uint32_t start_idx = TSLB_DA_NIL_IDX;
-  tslb_da_spin_lock16(&handle_dynarr->spinlock);
+  spin_lock(&handle_dynarr->spinlock);
   for (uint32_t i = 0; i < num_entries; ++i) {
     uint32_t idx;
     if (tslb_da_get_newptr_ex(handle_dynarr, &idx, 0) == nullptr) {
@@ -225,7 +220,7 @@ uint32_t tslb_da_get_range(dynarr_t *handle_dynarr, uint32_t num_entries) {
     }
     if (start_idx == TSLB_DA_NIL_IDX) start_idx = idx;
   }
-  tslb_da_spin_unlock16(&handle_dynarr->spinlock);
+  spin_unlock(&handle_dynarr->spinlock);
   return start_idx;
 }
 

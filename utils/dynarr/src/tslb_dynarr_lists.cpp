@@ -146,9 +146,9 @@ int tslb_da_free_idx(dynarr_t *handle_dynarr, uint32_t idx) {
   }
   void *const slot_ptr = slot_ptr_of(handle_dynarr, idx);
   if (slot_ptr == nullptr) return -1;
-  tslb_da_spin_lock16(&handle_dynarr->spinlock);
+  spin_lock(&handle_dynarr->spinlock);
   const int refused = slot_free_locked(handle_dynarr, idx, slot_ptr);
-  tslb_da_spin_unlock16(&handle_dynarr->spinlock);
+  spin_unlock(&handle_dynarr->spinlock);
   if (refused == 0) slot_free_log(handle_dynarr, idx);
   return refused;
 }
@@ -159,9 +159,9 @@ int tslb_da_free_idx(dynarr_t *handle_dynarr, uint32_t idx) {
 // without the lock, so that a refusal costs none; the second confirms it against a rival.
 static bool lock_if_status(dynarr_t *array, const void *slot_ptr, uint32_t wanted, uint32_t *status) {
   if ((*status = status_of(slot_ptr)) != wanted) return false;
-  tslb_da_spin_lock16(&array->spinlock);
+  spin_lock(&array->spinlock);
   if ((*status = status_of(slot_ptr)) == wanted) return true;
-  tslb_da_spin_unlock16(&array->spinlock);
+  spin_unlock(&array->spinlock);
   return false;
 }
 
@@ -182,7 +182,7 @@ int tslb_da_inactivate_idx(dynarr_t *handle_dynarr, uint32_t idx, time_t ts) {
     return 1;
   }
   append_inactive(handle_dynarr, idx, slot_ptr, static_cast<uint32_t>(ts));
-  tslb_da_spin_unlock16(&handle_dynarr->spinlock);
+  spin_unlock(&handle_dynarr->spinlock);
   log_slot(handle_dynarr, idx);
   return 0;
 }
@@ -206,7 +206,7 @@ int tslb_da_activate_idx(dynarr_t *handle_dynarr, uint32_t idx) {
   unlink_inactive(handle_dynarr, slot_ptr);
   set_status(slot_ptr, TSLB_DA_SLOT_ACTIVE);
   count_one_inactive_less(handle_dynarr);
-  tslb_da_spin_unlock16(&handle_dynarr->spinlock);
+  spin_unlock(&handle_dynarr->spinlock);
   log_slot(handle_dynarr, idx);
   return 0;
 }
@@ -215,9 +215,9 @@ int tslb_da_activate_idx(dynarr_t *handle_dynarr, uint32_t idx) {
 
 void tslb_da_make_ready(dynarr_t *handle_dynarr, void *slot_ptr) {
   if (!has_lists(handle_dynarr)) return;
-  tslb_da_spin_lock16(&handle_dynarr->spinlock);
+  spin_lock(&handle_dynarr->spinlock);
   if (status_of(slot_ptr) == TSLB_DA_SLOT_NOT_READY) set_status(slot_ptr, TSLB_DA_SLOT_ACTIVE);
-  tslb_da_spin_unlock16(&handle_dynarr->spinlock);
+  spin_unlock(&handle_dynarr->spinlock);
 }
 
 int tslb_da_is_ready(dynarr_t *, void *slot_ptr) {

@@ -71,11 +71,16 @@ static inline maddr_t encode_address(const DynMemHdr_t *hdr, chunk_place_t place
   return address;
 }
 
-static inline chunk_place_t decode_address(const DynMemHdr_t *hdr, maddr_t address) {
-  if (!is_bitvector(hdr)) return {address.mslot_idx, address.mchunk_idx};
+static inline chunk_place_t decode_bitvector(maddr_t address) {
   maddrBV_t bv;
   __builtin_memcpy(&bv, &address, sizeof(bv));
   return {bv.mslotgroup_idx * BV_GROUP_SLOTS + bv.mslot_idx, bv.mchunk_idx * BV_UNIT_BYTES};
+}
+static inline chunk_place_t decode_bigbuffer(maddr_t address) {
+  return {address.mslot_idx, address.mchunk_idx};
+}
+static inline chunk_place_t decode_address(const DynMemHdr_t *hdr, maddr_t address) {
+  return is_bitvector(hdr) ? decode_bitvector(address) : decode_bigbuffer(address);
 }
 
 // Remembers that a slot stopped being current with so many bytes reserved in it, if not all have reached its counter yet.

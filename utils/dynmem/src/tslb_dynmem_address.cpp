@@ -1,6 +1,25 @@
 // From addresses back to chunks: one decoder and one resolver for both widths.
+#include <stddef.h>
+
 #include "dynmem_internal.h"
 #include "tslb_dynmem.h"
+
+// Bytes of a chunk ahead of its data. A product, since a choice becomes a jump.
+static inline uint32_t compat_bytes_of(const DynMemHdr_t *hdr) {
+  static_assert(MPOOL_FLAG_COMPAT == 1, "the bit is a factor");
+  return (hdr->flag & MPOOL_FLAG_COMPAT) * COMPAT_BYTES;
+}
+
+// A chunk's data alone; null if the pool never took such a slot. One sum, and nothing left to do behind the lookup.
+static inline void *data_of(dynmem_t *pool, const DynMemHdr_t *hdr, chunk_place_t place) {
+  const uint32_t data_off = place.byte_off + compat_bytes_of(hdr);
+  return position_of(pool, place.slot_idx, pool->daflag, offsetof(MemSlot_t, mslot) + data_off);
+}
+
+// Offsets of data are signed where hosts keep them: none beyond their range is a chunk's.
+static inline bool is_in_range(const DynMemHdr_t *hdr, maddr64_t maddr) {
+  return maddr.mchunk_idx <= INT32_MAX - compat_bytes_of(hdr);
+}
 
 // A chunk's data, and the length that its compaction header keeps.
 struct resolved_t {
@@ -27,19 +46,21 @@ void *tslb_dynmem_get_maddr2ptr_ex(dynmem_t *dynmem_handle, maddr_t maddr, uint3
 
 void *tslb_dynmem_get_maddr2ptr(dynmem_t *dynmem_handle, maddr_t maddr) {
   const DynMemHdr_t *const hdr = pool_hdr_of(dynmem_handle);
-  return resolve(dynmem_handle, hdr, decode_address(hdr, maddr)).data;
+  // Two whole ways: where they join behind the decoding, one of them pays for the jump.
+  if (is_bitvector(hdr)) return data_of(dynmem_handle, hdr, decode_bitvector(maddr));
+  return data_of(dynmem_handle, hdr, decode_bigbuffer(maddr));
 }
 
 void *tslb_dynmem_get_maddr2ptr64_ex(dynmem_t *dynmem_handle, maddr64_t maddr, uint32_t *data_sz) {
   const DynMemHdr_t *const hdr = pool_hdr_of(dynmem_handle);
   resolved_t chunk = {nullptr, 0};
-  // Offsets of data are signed where hosts keep them: none beyond their range is a chunk's.
-  if (maddr.mchunk_idx <= INT32_MAX - (has_compat(hdr) ? COMPAT_BYTES : 0))
-    chunk = resolve(dynmem_handle, hdr, {maddr.mslot_idx, maddr.mchunk_idx});
+  if (is_in_range(hdr, maddr)) chunk = resolve(dynmem_handle, hdr, {maddr.mslot_idx, maddr.mchunk_idx});
   if (data_sz != nullptr) *data_sz = chunk.mchunk_len;
   return chunk.data;
 }
 
 void *tslb_dynmem_get_maddr2ptr64(dynmem_t *dynmem_handle, maddr64_t maddr) {
-  return tslb_dynmem_get_maddr2ptr64_ex(dynmem_handle, maddr, nullptr);
+  const DynMemHdr_t *const hdr = pool_hdr_of(dynmem_handle);
+  if (!is_in_range(hdr, maddr)) return nullptr;
+  return data_of(dynmem_handle, hdr, {maddr.mslot_idx, maddr.mchunk_idx});
 }

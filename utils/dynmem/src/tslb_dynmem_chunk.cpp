@@ -59,9 +59,9 @@ static no_room_t no_room_in_ring(dynmem_t *pool, DynMemHdr_t *hdr, uint64_t seen
   if (wraps) puts("Bitvect tmp pool, switching into slot it 0");
   // n_used may be stale: where it stands at less although the last slot was seen, the next attempt reads it anew.
   if (n_used < RING_SLOTS) return wraps ? TRY_AGAIN : TAKE_NEW_SLOT;
-  tslb_da_spin_lock16(&pool->spinlock);
+  spin_lock(&pool->spinlock);
   cas64(&hdr->cur_slot_addr, seen, cursor_of(wraps ? 0 : slot_idx + 1, 0));
-  tslb_da_spin_unlock16(&pool->spinlock);
+  spin_unlock(&pool->spinlock);
   return TRY_AGAIN;
 }
 
@@ -159,11 +159,11 @@ struct address64_t {
 template <class Address>
 static MemSlot_t *tslb_dynmem_get_newslot(dynmem_t *dynmem_handle, DynMemHdr_t *dynmem_hdr, uint32_t cslot_idx,
                                           uint32_t *new_mslot_idx_ref, uint32_t chunk_sz) {
-  tslb_da_spin_lock16(&dynmem_handle->spinlock);
+  spin_lock(&dynmem_handle->spinlock);
   // The slot index alone: what others reserved in the same slot meanwhile does not matter.
   uint64_t seen = get64(&dynmem_hdr->cur_slot_addr);
   if (cursor_slot(seen) != cslot_idx) {
-    tslb_da_spin_unlock16(&dynmem_handle->spinlock);
+    spin_unlock(&dynmem_handle->spinlock);
     return nullptr;
   }
   MemSlot_t *const slot = static_cast<MemSlot_t *>(tslb_da_get_newptr_ex(dynmem_handle, new_mslot_idx_ref, 0));
@@ -178,7 +178,7 @@ static MemSlot_t *tslb_dynmem_get_newslot(dynmem_t *dynmem_handle, DynMemHdr_t *
   const uint64_t moved = cursor_of(*new_mslot_idx_ref, chunk_sz);
   while (cas64(&dynmem_hdr->cur_slot_addr, seen, moved) == 0) seen = get64(&dynmem_hdr->cur_slot_addr);
   if (cslot_idx != NO_SLOT) note_slot_left(dynmem_handle, {cslot_idx, cursor_off(seen)});
-  tslb_da_spin_unlock16(&dynmem_handle->spinlock);
+  spin_unlock(&dynmem_handle->spinlock);
   return slot;
 }
 
@@ -238,6 +238,31 @@ __attribute__((noinline, cold)) static bool change_slot(dynmem_t *pool, DynMemHd
   return true;
 }
 
+// What the swap of a cursor won.
+template <class Address>
+static inline won_t won_at(dynmem_t *pool, uint64_t cursor) {
+  MemSlot_t *const slot = slot_of(pool, cursor_slot(cursor));
+  Address::assert_slot(slot);
+  return {slot, {cursor_slot(cursor), cursor_off(cursor)}};
+}
+
+// Attempts until one succeeds, with what has to be known about a slot without room; a null slot if the request is
+// refused.
+template <class Address>
+__attribute__((noinline, cold)) static won_t win_later(dynmem_t *pool, DynMemHdr_t *hdr, uint32_t len) {
+  won_t won = {nullptr, {0, 0}};
+  while (won.slot == nullptr) {
+    const uint32_t n_used = Address::slots_ahead_of_cursor(pool);
+    uint64_t seen;
+    const claim_t claim = try_claim(hdr, len, Address::last_slot(hdr), &seen);
+    if (claim == CLAIM_WON)
+      won = won_at<Address>(pool, seen);
+    else if (claim == CLAIM_NO_ROOM && !change_slot<Address>(pool, hdr, seen, n_used, len, &won))
+      return {nullptr, {0, 0}};
+  }
+  return won;
+}
+
 template <class Address>
 static inline void *take_chunk(dynmem_t *pool, typename Address::name_t *maddr, int mchunk_len,
                                const typename Address::source_t &saddr) {
@@ -247,18 +272,11 @@ static inline void *take_chunk(dynmem_t *pool, typename Address::name_t *maddr, 
   if (__builtin_expect(mchunk_len < 0 || hdr->mslot_sz < len, 0))
     return refuse_length(Address::FUNCTION, hdr, len, mchunk_len);
 
-  won_t won = {nullptr, {0, 0}};
-  while (won.slot == nullptr) {
-    const uint32_t n_used = Address::slots_ahead_of_cursor(pool);
-    uint64_t seen;
-    const claim_t claim = try_claim(hdr, len, Address::last_slot(hdr), &seen);
-    if (__builtin_expect(claim == CLAIM_WON, 1)) {
-      won = {slot_of(pool, cursor_slot(seen)), {cursor_slot(seen), cursor_off(seen)}};
-      Address::assert_slot(won.slot);
-    } else if (claim == CLAIM_NO_ROOM && !change_slot<Address>(pool, hdr, seen, n_used, len, &won)) {
-      return nullptr;
-    }
-  }
+  // The first attempt needs nothing but the cursor, and is nearly always the last.
+  uint64_t seen;
+  const bool at_once = try_claim(hdr, len, Address::last_slot(hdr), &seen) == CLAIM_WON;
+  const won_t won = __builtin_expect(at_once, 1) ? won_at<Address>(pool, seen) : win_later<Address>(pool, hdr, len);
+  if (won.slot == nullptr) return nullptr;
 
   char *const chunk = won.slot->mslot + Address::name(hdr, maddr, won.place).byte_off;
   account_chunk(pool, hdr, won.slot, len);

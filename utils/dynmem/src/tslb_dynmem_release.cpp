@@ -75,12 +75,12 @@ static bool is_current(const dynmem_t *pool, uint32_t slot_idx) {
 // Gives a slot back if it is empty still, and says whether it did.
 static bool release_if_empty(dynmem_t *pool, uint32_t slot_idx, MemSlot_t *slot) {
   if (!has_lists(pool)) return tslb_da_free_idx(pool, slot_idx) == 0;  // which says why it cannot
-  tslb_da_spin_lock16(&pool->spinlock);
+  spin_lock(&pool->spinlock);
   // A complete ring comes to the slot again without asking any list: on one, it would be free and current at once.
   // Settled first: a counter that catches up between the two must be seen by the comparison.
   const bool released = !is_complete_ring(pool) && !is_current(pool, slot_idx) && is_settled(pool, slot_idx) &&
                         looks_empty(slot) && slot_free_locked(pool, slot_idx, slot) == 0;
-  tslb_da_spin_unlock16(&pool->spinlock);
+  spin_unlock(&pool->spinlock);
   if (released) slot_free_log(pool, slot_idx);
   return released;
 }
