@@ -13,6 +13,7 @@
 #include <system_error>
 #include <utility>
 
+#include "journal_reader.h"
 #include "layout.h"
 #include "log.h"
 #include "store_internal.h"
@@ -297,7 +298,7 @@ Opened Database::open(const OpenOptions &options) const {
     } catch (const std::runtime_error &error) {
       if (newest() != number) continue;
       // Beside a writer that takes a refused batch back: what stands still looks the same again.
-      if (!is_second_try) continue;
+      if (!is_second_try && dynamic_cast<const JournalDamaged *>(&error) != nullptr) continue;
       if (!options.salvage) throw;
       return open_older(*number, options, error.what());
     }

@@ -77,6 +77,11 @@ class FakeIngest : public metricdb::Ingest {
     const std::lock_guard lock(mutex_);
     refusal_ = reason;
   }
+  // Committed so far.
+  uint64_t n_batches() const {
+    const std::lock_guard lock(mutex_);
+    return ticket_;
+  }
   // Each taken point as `head key=value@time`, without the time if it has none.
   std::vector<std::string> points() const {
     const std::lock_guard lock(mutex_);
