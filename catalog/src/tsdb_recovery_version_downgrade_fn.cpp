@@ -24,15 +24,6 @@ static const char *next_record(dynarr_t *array, const char *record, uint32_t idx
   return record + hdr->record_size + node_bytes_of(array->daflag);
 }
 
-// A record that the caller fills. In a plain array it comes without the mark in its first word that slots get there.
-static char *new_record(dynarr_t *array) {
-  uint32_t idx;
-  if (has_lists(array)) return static_cast<char *>(tslb_da_get_newptr(array, &idx));
-  void *record;
-  get_dyn_arr_new_record_id_ex(array, &record, array->daflag);
-  return static_cast<char *>(record);
-}
-
 // Converts record after record: copy(to, from) fills a new record of the destination. Records lie at any address.
 template <class Copy>
 static void convert(const char *function, void *cbargs, uint8_t target_version, Copy copy) {
@@ -47,7 +38,8 @@ static void convert(const char *function, void *cbargs, uint8_t target_version, 
   for (uint32_t i = 0; i < get_dyn_total_allocated_records(destination); ++i) {
     node_pv = next_record(source, node_pv, i);
     if (node_pv == nullptr) return;
-    char *const node_cv = new_record(destination);
+    uint32_t idx;
+    char *const node_cv = static_cast<char *>(tslb_da_get_newptr(destination, &idx));
     if (node_cv == nullptr) return;
     copy(node_cv, node_pv);
   }

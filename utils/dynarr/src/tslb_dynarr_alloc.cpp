@@ -164,12 +164,11 @@ void *tslb_da_get_newptr(dynarr_t *handle_dynarr, uint32_t *new_idx) {
 
 void *tslb_da_get_newptr_ex(dynarr_t *handle_dynarr, uint32_t *new_idx, uint8_t lock_off) {
   const bool lists = has_lists(handle_dynarr);
-  taken_t taken = {nullptr, TSLB_DA_NIL_IDX, 0, TSLB_DA_SLOT_UNSET};
+  const uint32_t now = static_cast<uint32_t>(tslb_get_time(nullptr));
+  taken_t taken = {nullptr, TSLB_DA_NIL_IDX, now, TSLB_DA_SLOT_UNSET};
   if (!lists) {
     taken.slot_ptr = take_fresh(handle_dynarr, &taken.idx);
   } else {
-    // Ahead of the lock, and for nodes alone: a plain array has nowhere to keep a time.
-    const uint32_t now = static_cast<uint32_t>(tslb_get_time(nullptr));
     if (lock_off != 0) spin_lock(&handle_dynarr->spinlock);
     taken = take_slot(handle_dynarr, now, true, nullptr);
     if (lock_off != 0) spin_unlock(&handle_dynarr->spinlock);
