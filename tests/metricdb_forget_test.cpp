@@ -13,6 +13,7 @@
 
 #include "check.h"
 #include "loader.h"
+#include "metricdb_support.h"
 #include "report.h"
 #include "store.h"
 
@@ -60,11 +61,6 @@ std::string repeated(std::string_view line, int times) {
   std::string text;
   for (int i = 0; i < times; ++i) text += line;
   return text;
-}
-
-// No two are alike in more than a few bits, so that encoding saves nothing.
-double noise(uint64_t number) {
-  return std::bit_cast<double>((number * 0x9E3779B97F4A7C15u & 0x800FFFFFFFFFFFFFu) | (number % 1024 + 512) << 52);
 }
 
 TEST(Retention, KeepsExactlyWhatIsYoungEnough) {

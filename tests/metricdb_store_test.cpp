@@ -15,6 +15,7 @@
 #include "input.h"
 #include "line_protocol.h"
 #include "loader.h"
+#include "metricdb_support.h"
 #include "proc_sampler.h"
 #include "reference_reader.h"
 #include "report.h"
@@ -186,11 +187,6 @@ std::vector<Point> points_of(const Store &store, uint32_t series) {
   PointCursor cursor(store, series);
   for (Point point; cursor.next(point);) points.push_back(point);
   return points;
-}
-
-// No two are alike in more than a few bits.
-double noise(uint64_t number) {
-  return std::bit_cast<double>((number * 0x9E3779B97F4A7C15u & 0x800FFFFFFFFFFFFFu) | (number % 1024 + 512) << 52);
 }
 
 TEST(Store, ChainsKeepEachSeriesInOrderAcrossChunks) {

@@ -73,6 +73,16 @@ bool sync_with(Call call, int fd) {
   return call(fd) == 0;
 }
 
+// The descriptor of a file that exists, and is no pipe or folder.
+int regular_file(const std::string &path, int access) {
+  const int fd = ::open(path.c_str(), access | O_CLOEXEC | O_NONBLOCK);
+  struct stat about;
+  if (fd < 0 || fstat(fd, &about) != 0) fail_file(path, "cannot be opened");
+  if (S_ISREG(about.st_mode)) return fd;
+  close(fd);
+  throw FileError(path + ": is not a regular file");
+}
+
 }  // namespace
 
 void fail_file(const std::string &path, std::string_view what) {
@@ -89,19 +99,11 @@ File::~File() {
 }
 
 File File::open(const std::string &path) {
-  File file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK), path);
-  struct stat about;
-  if (file.fd_ < 0 || fstat(file.fd_, &about) != 0) fail_file(path, "cannot be opened");
-  if (!S_ISREG(about.st_mode)) throw FileError(path + ": is not a regular file");
-  return file;
+  return File(regular_file(path, O_RDONLY), path);
 }
 
 File File::open_to_write(const std::string &path) {
-  File file(::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK), path);
-  struct stat about;
-  if (file.fd_ < 0 || fstat(file.fd_, &about) != 0) fail_file(path, "cannot be opened");
-  if (!S_ISREG(about.st_mode)) throw FileError(path + ": is not a regular file");
-  return file;
+  return File(regular_file(path, O_RDWR), path);
 }
 
 File File::create(const std::string &path) {
