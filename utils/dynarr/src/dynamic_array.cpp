@@ -215,9 +215,10 @@ __attribute__((noinline, cold)) static PtrTbl_t *make_root(DynArrHandle_t *array
   return __atomic_load_n(&array->ir_base, __ATOMIC_ACQUIRE);
 }
 
-__attribute__((noinline, cold)) static void *make_block(DynArrHandle_t *array, uint32_t beyond, uint32_t slot_bytes,
+__attribute__((noinline, cold)) static void *make_block(DynArrHandle_t *array, uint32_t beyond, uint64_t slot_bytes,
                                                         void **entry) {
-  get_dyn_data_array(array, slot_bytes, SLOTS_PER_BLOCK, static_cast<int32_t>(block_num_of(beyond)), entry);
+  get_dyn_data_array(array, static_cast<uint32_t>(slot_bytes), SLOTS_PER_BLOCK,
+                     static_cast<int32_t>(block_num_of(beyond)), entry);
   return load_entry(entry);
 }
 
@@ -230,14 +231,14 @@ __attribute__((noinline, cold)) static void *report_beyond_levels(const DynArrHa
   return nullptr;
 }
 
-static inline void *record_in(void *block, uint32_t beyond, uint32_t slot_bytes, uint32_t shift) {
-  return static_cast<char *>(block) + uint64_t{beyond % SLOTS_PER_BLOCK} * slot_bytes + shift;
+static inline void *record_in(void *block, uint32_t beyond, uint64_t slot_bytes, uint64_t shift) {
+  return static_cast<char *>(block) + beyond % SLOTS_PER_BLOCK * slot_bytes + shift;
 }
 
 // The way to a record of which some part is missing, or which lies beyond all levels. Every entry is read from its
 // parent, and again after it was made: what a rival published is what serves.
 __attribute__((noinline, cold)) static void *make_record_beyond(DynArrHandle_t *array, uint32_t beyond,
-                                                                uint32_t slot_bytes, uint32_t shift) {
+                                                                uint64_t slot_bytes, uint64_t shift) {
   PtrTbl_t *root = __atomic_load_n(&array->ir_base, __ATOMIC_ACQUIRE);
   if (root == nullptr && (root = make_root(array)) == nullptr) return nullptr;
   const place_t place = place_of(beyond);
@@ -273,28 +274,19 @@ static inline void *descend(PtrTbl_t *root, uint32_t beyond) {
   return descend_from<LEVEL>(table, beyond - first_of_level(LEVEL));
 }
 
-// A case for each level: the processor goes ahead on the level that it expects, where an entry computed from the id
-// would have to be waited for.
+// Of three and three levels: the lower ones hold few ids, but all those of a small array. The processor goes ahead on
+// the level that it expects, where an entry computed from the id would have to be waited for.
 static inline void *find_block(PtrTbl_t *root, uint32_t beyond) {
-  switch (level_of(beyond)) {
-    case 1:
-      return descend<1>(root, beyond);
-    case 2:
-      return descend<2>(root, beyond);
-    case 3:
-      return descend<3>(root, beyond);
-    case 4:
-      return descend<4>(root, beyond);
-    case 5:
-      return descend<5>(root, beyond);
-    case 6:
-      return descend<6>(root, beyond);
-    default:
-      return nullptr;
+  if (beyond < first_of_level(4)) {
+    if (beyond < first_of_level(2)) return descend<1>(root, beyond);
+    return beyond < first_of_level(3) ? descend<2>(root, beyond) : descend<3>(root, beyond);
   }
+  if (beyond < first_of_level(5)) return descend<4>(root, beyond);
+  if (beyond < first_of_level(6)) return descend<5>(root, beyond);
+  return beyond < first_of_level(LEVELS + 1) ? descend<6>(root, beyond) : nullptr;
 }
 
-void *dynarr_record_beyond(DynArrHandle_t *array, uint32_t beyond, uint32_t slot_bytes, uint32_t shift) {
+void *dynarr_record_beyond(DynArrHandle_t *array, uint32_t beyond, uint64_t slot_bytes, uint64_t shift) {
   PtrTbl_t *const root = __atomic_load_n(&array->ir_base, __ATOMIC_ACQUIRE);
   void *const block = __builtin_expect(root != nullptr, 1) ? find_block(root, beyond) : nullptr;
   if (__builtin_expect(block == nullptr, 0)) return make_record_beyond(array, beyond, slot_bytes, shift);

@@ -124,8 +124,9 @@ static inline void set_status(void *slot_ptr, uint32_t status) {
 constexpr unsigned LEVELS = 6;
 
 // First id of a level, past the direct area: in base 16 they run 0, 100, 1100, 11100 ..., low digits of one constant.
+// That of level 7 is the first id that no level holds.
 static inline constexpr uint32_t first_of_level(unsigned level) {
-  return 0x11111100u & ((1u << (4 * (level + 1))) - 1);
+  return static_cast<uint32_t>(0x11111100u & ((uint64_t{1} << (4 * (level + 1))) - 1));
 }
 
 // Where an id beyond the direct area lies. Written in base 16, actual_id is the path through the level's
@@ -135,16 +136,10 @@ struct place_t {
   uint32_t actual_id;  // the id's place in its level
 };
 
-// `beyond` is the id less n_direct. Level L holds 16^(L+1) ids, so its first one is (16^(L+1) - 256) / 15, and L can be
-// read from the position of the highest bit of 15 * beyond + 256, with no comparison against six bounds. The largest
-// id's is 35: what no level holds comes out as 7 and not as more.
-static inline unsigned level_of(uint32_t beyond) {
-  return static_cast<unsigned>(63 - __builtin_clzll(uint64_t{beyond} * 15 + 256)) / 4 - 1;
-}
-
+// `beyond` is the id less n_direct.
 static inline place_t place_of(uint32_t beyond) {
-  const unsigned level = level_of(beyond);
-  if (level > LEVELS) return {level, 0};
+  unsigned level = 1;
+  while (level <= LEVELS && beyond >= first_of_level(level + 1)) ++level;
   return {level, beyond - first_of_level(level)};
 }
 
@@ -157,22 +152,28 @@ static inline uint32_t block_num_of(uint32_t beyond) {
 
 // The byte `shift` of the slot of the id `beyond` past the direct area; its memory is made if it is missing. Null after
 // a report.
-void *dynarr_record_beyond(DynArrHandle_t *array, uint32_t beyond, uint32_t slot_bytes, uint32_t shift);
+void *dynarr_record_beyond(DynArrHandle_t *array, uint32_t beyond, uint64_t slot_bytes, uint64_t shift);
 
 // The header of a mapped file is within others' reach; the handle is not.
 static inline uint32_t n_direct_of(const DynArrHandle_t *array, const DynArrHdr_t *hdr) {
   return array->mem_type == MPOOL_TYPE_SHM ? array->n_direct : hdr->n_direct;
 }
 
-// The record of an id that was issued, or the byte `byte_off` past its start; `hdr` is the array's. Null after a report.
-static inline void *issued_position_of(DynArrHandle_t *array, DynArrHdr_t *hdr, uint32_t id, uint8_t daflag,
-                                       uint32_t byte_off = 0) {
-  const uint32_t slot_bytes = hdr->record_size + node_bytes_of(daflag);
+// The byte `shift` of the slot of an id that was issued; `hdr` is the array's. Null after a report.
+static inline void *slot_byte_of(DynArrHandle_t *array, DynArrHdr_t *hdr, uint32_t id, uint32_t slot_bytes,
+                                 uint32_t shift) {
   const uint32_t n_direct = n_direct_of(array, hdr);
-  const uint32_t shift = shift_of(daflag) + byte_off;
   if (id < n_direct) return hdr->elem_direct + uint64_t{id} * slot_bytes + shift;
   // The last thing done: nothing waits on the stack for its result.
   return dynarr_record_beyond(array, id - n_direct, slot_bytes, shift);
+}
+
+// The record of an id that was issued, or the byte `byte_off` past its start. A flag of 0 is asked for first: a plain
+// array adds nothing, and a jump that goes one way for an array is cheaper than two sizes computed from the flag.
+static inline void *issued_position_of(DynArrHandle_t *array, DynArrHdr_t *hdr, uint32_t id, uint8_t daflag,
+                                       uint32_t byte_off = 0) {
+  if (shift_of(daflag) == 0) return slot_byte_of(array, hdr, id, hdr->record_size, byte_off);
+  return slot_byte_of(array, hdr, id, hdr->record_size + node_bytes_of(daflag), NODE_BYTES + byte_off);
 }
 
 // get_dyn_arr_record_position_ex, inlined where a lookup is part of a hot path. An offset is added on the way, so that
