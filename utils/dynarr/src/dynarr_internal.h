@@ -176,16 +176,38 @@ static inline void *issued_position_of(DynArrHandle_t *array, DynArrHdr_t *hdr, 
   return slot_byte_of(array, hdr, id, hdr->record_size + node_bytes_of(daflag), NODE_BYTES + byte_off);
 }
 
-// get_dyn_arr_record_position_ex, inlined where a lookup is part of a hot path. An offset is added on the way, so that
-// whoever wants a place in the record need not wait for it either.
-static inline void *position_of(DynArrHandle_t *array, uint32_t id, uint8_t daflag, uint32_t byte_off = 0) {
-  DynArrHdr_t *const hdr = arr_hdr_of(array);
+// get_dyn_arr_record_position_ex where the header is known already. An offset is added on the way, so that whoever wants
+// a place in the record need not wait for it either.
+static inline void *position_in(DynArrHandle_t *array, DynArrHdr_t *hdr, uint32_t id, uint8_t daflag,
+                                uint32_t byte_off = 0) {
   // Relaxed: whoever was given the id sees a count above it; for anybody else it is a bound, not a publication.
   return id < get32(&hdr->n_used) ? issued_position_of(array, hdr, id, daflag, byte_off) : nullptr;
 }
 
+// The same, inlined where a lookup is part of a hot path.
+static inline void *position_of(DynArrHandle_t *array, uint32_t id, uint8_t daflag, uint32_t byte_off = 0) {
+  return position_in(array, arr_hdr_of(array), id, daflag, byte_off);
+}
+
 static inline void *slot_ptr_of(DynArrHandle_t *array, uint32_t idx) {
   return position_of(array, idx, array->daflag);
+}
+
+// What the paths over lists need again and again. A hook that is called in between may change any word, so the compiler
+// would read these anew behind each; they stay as they are as long as the array lives.
+struct list_array_t {
+  DynArrHandle_t *array;
+  DynArrHdr_t *hdr;
+  DynArrLLI_t *lli;
+  uint8_t daflag;
+
+  void *slot(uint32_t idx) const { return position_in(array, hdr, idx, daflag); }
+  bool has_inactive_list() const { return (daflag & TSLB_DA_DAFLAG_INLL) != 0; }
+  node_bw *bw(void *slot_ptr) const { return bw_of(slot_ptr, hdr->record_size); }
+};
+
+static inline list_array_t list_array_of(DynArrHandle_t *array) {
+  return {array, arr_hdr_of(array), lli_of(array), array->daflag};
 }
 
 // ---- Spin lock -----------------------------------------------------------------------------------------------------
@@ -202,7 +224,7 @@ static inline void spin_unlock(uint16_t *word) {
 // ---- Lists, under the lock -----------------------------------------------------------------------------------------
 
 // Sets the back link of slot `idx` and logs that whole slot.
-void lists_relink_prev(dynarr_t *array, uint32_t idx, uint32_t prev);
+void lists_relink_prev(const list_array_t &list, uint32_t idx, uint32_t prev);
 
 // The two halves of tslb_da_free_idx, for whoever has to decide and free in one hold of the lock: the first under it,
 // with the result of that function; the second, if the first gave 0, after its release.

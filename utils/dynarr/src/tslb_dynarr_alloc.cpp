@@ -13,11 +13,12 @@
 
 // Takes the head of the free list; null if the list gives none. A control block that contradicts itself (a
 // count without a head, a head without a count or without a slot) is passed over and left as it is.
-static void *take_free_head(dynarr_t *array, uint32_t *idx) {
-  DynArrLLI_t *const lli = lli_of(array);
+static inline void *take_free_head(const list_array_t &list, uint32_t *idx) {
+  DynArrLLI_t *const lli = list.lli;
   const uint32_t head = get32(&lli->free_head);
-  if (get32(&lli->n_free) == 0 || head == TSLB_DA_NIL_IDX) return nullptr;
-  void *const slot_ptr = slot_ptr_of(array, head);
+  const uint32_t n_free = get32(&lli->n_free);
+  if (n_free == 0 || head == TSLB_DA_NIL_IDX) return nullptr;
+  void *const slot_ptr = list.slot(head);
   if (slot_ptr == nullptr) return nullptr;
   if (head == get32(&lli->free_tail)) {
     set32(&lli->free_tail, TSLB_DA_NIL_IDX);
@@ -25,7 +26,7 @@ static void *take_free_head(dynarr_t *array, uint32_t *idx) {
   } else {
     set32(&lli->free_head, get32(&fw_of(slot_ptr)->next));
   }
-  set32(&lli->n_free, get32(&lli->n_free) - 1);
+  set32(&lli->n_free, n_free - 1);
   *idx = head;
   return slot_ptr;
 }
@@ -46,24 +47,25 @@ static bool passes(const tsdb_inactive_thshld_policy_t &set, uint32_t n_used, ui
 }
 
 // Whether enough of the array lies idle for its policy to take inactive slots back.
-static bool policy_wants_reuse(const dynarr_t *array, const DynArrLLI_t *lli) {
-  const tsdb_mem_pressure_config_t policy = lli->mem_pressure_conf;
+static bool policy_wants_reuse(const list_array_t &list) {
+  const DynArrLLI_t *const lli = list.lli;
+  const tsdb_mem_pressure_config_t &policy = lli->mem_pressure_conf;
   const uint32_t n_inact = get32(&lli->n_inact);
   if (policy.mvt_reuse_policy_use == 0 || n_inact == 0 || get32(&lli->inact_head) == TSLB_DA_NIL_IDX) return false;
-  const uint32_t n_used = get32(&arr_hdr_of(array)->n_used);
+  const uint32_t n_used = get32(&list.hdr->n_used);
   const uint8_t percent = inactive_percent(n_inact, n_used);
   return passes(policy.major, n_used, n_inact, percent) || passes(policy.critical, n_used, n_inact, percent);
 }
 
 // Takes the head of the inactive list if policy and age allow it; null if not. `*head_ts` is the head's time whenever a
 // head was looked at. No other slot is: the head has been inactive for longest.
-static void *take_inactive_head(dynarr_t *array, uint32_t *idx, uint32_t *head_ts) {
-  DynArrLLI_t *const lli = lli_of(array);
-  if (!policy_wants_reuse(array, lli)) return nullptr;
+static void *take_inactive_head(const list_array_t &list, uint32_t *idx, uint32_t *head_ts) {
+  DynArrLLI_t *const lli = list.lli;
+  if (!policy_wants_reuse(list)) return nullptr;
   const uint32_t head = get32(&lli->inact_head);
-  void *const slot_ptr = slot_ptr_of(array, head);
+  void *const slot_ptr = list.slot(head);
   if (slot_ptr == nullptr) return nullptr;
-  *head_ts = get32(&bw_of(slot_ptr, arr_hdr_of(array)->record_size)->ts);
+  *head_ts = get32(&list.bw(slot_ptr)->ts);
   // The limit comes from `critical` whichever set passed.
   const uint32_t min_age = lli->mem_pressure_conf.critical.min_days_since_inactive;
   if (tslb_validate_days_since_node_inact(*head_ts, static_cast<int>(min_age)) == 0) return nullptr;
@@ -74,7 +76,7 @@ static void *take_inactive_head(dynarr_t *array, uint32_t *idx, uint32_t *head_t
   } else {
     const uint32_t next = get32(&fw_of(slot_ptr)->next);
     set32(&lli->inact_head, next);
-    lists_relink_prev(array, next, TSLB_DA_NIL_IDX);
+    lists_relink_prev(list, next, TSLB_DA_NIL_IDX);
   }
   set32(&lli->n_inact, get32(&lli->n_inact) - 1);
   *idx = head;
@@ -112,9 +114,9 @@ static void *take_fresh(dynarr_t *array, uint32_t *idx) {
 }
 
 // Status last: a reader that finds the slot active finds its links settled.
-static void write_nodes(dynarr_t *array, void *slot_ptr, uint32_t now) {
-  if (has_inactive_list(array)) {
-    node_bw *const bw = bw_of(slot_ptr, arr_hdr_of(array)->record_size);
+static inline void write_nodes(const list_array_t &list, void *slot_ptr, uint32_t now) {
+  if (list.has_inactive_list()) {
+    node_bw *const bw = list.bw(slot_ptr);
     set32(&bw->prev, TSLB_DA_NIL_IDX);
     set32(&bw->ts, now);
   }
@@ -139,22 +141,24 @@ static void clear_payload(void *payload, uint32_t record_size) {
 }
 
 // A slot of a list array, its nodes written. The payload of a used one goes to `last_value` if that is not null. Under
-// the lock.
-static taken_t take_slot(dynarr_t *array, uint32_t now, bool may_reuse, void *last_value) {
+// the lock. Inlined: what was taken stays in registers.
+__attribute__((always_inline)) static inline taken_t take_slot(dynarr_t *array, uint32_t now, bool may_reuse,
+                                                               void *last_value) {
+  const list_array_t list = list_array_of(array);
   taken_t taken = {nullptr, TSLB_DA_NIL_IDX, now, TSLB_DA_SLOT_UNSET};
-  const uint32_t record_size = arr_hdr_of(array)->record_size;
-  if ((taken.slot_ptr = take_free_head(array, &taken.idx)) != nullptr)
+  if ((taken.slot_ptr = take_free_head(list, &taken.idx)) != nullptr)
     taken.last_status = TSLB_DA_SLOT_FREE;
-  else if (may_reuse && (taken.slot_ptr = take_inactive_head(array, &taken.idx, &taken.last_ts)) != nullptr)
+  else if (may_reuse && (taken.slot_ptr = take_inactive_head(list, &taken.idx, &taken.last_ts)) != nullptr)
     taken.last_status = TSLB_DA_SLOT_INACTIVE;
 
   if (taken.slot_ptr != nullptr) {
+    const uint32_t record_size = list.hdr->record_size;
     if (last_value != nullptr) memcpy(last_value, taken.slot_ptr, record_size);
     clear_payload(taken.slot_ptr, record_size);
   } else {
     taken.slot_ptr = take_fresh(array, &taken.idx);
   }
-  if (taken.slot_ptr != nullptr) write_nodes(array, taken.slot_ptr, now);
+  if (taken.slot_ptr != nullptr) write_nodes(list, taken.slot_ptr, now);
   return taken;
 }
 

@@ -19,117 +19,111 @@ static void log_forward_node(dynarr_t *array, uint32_t idx) {
 }
 
 // Points a neighbour's forward or back link elsewhere, and logs that whole slot.
-static void relink_next(dynarr_t *array, uint32_t idx, uint32_t next) {
-  void *const slot_ptr = slot_ptr_of(array, idx);
+static void relink_next(const list_array_t &list, uint32_t idx, uint32_t next) {
+  void *const slot_ptr = list.slot(idx);
   if (slot_ptr != nullptr) set32(&fw_of(slot_ptr)->next, next);
-  log_slot(array, idx);
+  log_slot(list.array, idx);
 }
 
-void lists_relink_prev(dynarr_t *array, uint32_t idx, uint32_t prev) {
-  void *const slot_ptr = slot_ptr_of(array, idx);
-  if (slot_ptr != nullptr) set32(&bw_of(slot_ptr, arr_hdr_of(array)->record_size)->prev, prev);
-  log_slot(array, idx);
+void lists_relink_prev(const list_array_t &list, uint32_t idx, uint32_t prev) {
+  void *const slot_ptr = list.slot(idx);
+  if (slot_ptr != nullptr) set32(&list.bw(slot_ptr)->prev, prev);
+  log_slot(list.array, idx);
 }
 
 // A count without a head is a list that was lost: it is started anew. Its slots keep their status, out of reach.
-static void repair_free_list(dynarr_t *array, DynArrLLI_t *lli) {
-  if (get32(&lli->n_free) == 0 || get32(&lli->free_head) != TSLB_DA_NIL_IDX) return;
+__attribute__((noinline, cold)) static void repair_free_list(const list_array_t &list) {
   fprintf(stderr,
           "%s:%d:%s: Warning: Trying to get slot from NULL free_head, resetting n_free,n_free - %d, ctx_name - %s, "
           "tbl_id - %d",
-          __FILE_NAME__, __LINE__, "tslb_da_free_idx", static_cast<int>(get32(&lli->n_free)), array->ctx_name,
-          static_cast<int>(array->tbl_id));
-  set32(&lli->n_free, 0);
-  set32(&lli->free_tail, TSLB_DA_NIL_IDX);
+          __FILE_NAME__, __LINE__, "tslb_da_free_idx", static_cast<int>(get32(&list.lli->n_free)), list.array->ctx_name,
+          static_cast<int>(list.array->tbl_id));
+  set32(&list.lli->n_free, 0);
+  set32(&list.lli->free_tail, TSLB_DA_NIL_IDX);
 }
 
-static void repair_inactive_list(dynarr_t *array, DynArrLLI_t *lli) {
-  if (get32(&lli->n_inact) == 0 || get32(&lli->inact_head) != TSLB_DA_NIL_IDX) return;
+__attribute__((noinline, cold)) static void repair_inactive_list(const list_array_t &list) {
   fprintf(stderr,
           "%s:%d:%s: Warning: Trying to get slot from NULL inact_head, resetting n_inact, n_inact - %d, ctx_name - "
           "%s, tbl_id - %d",
-          __FILE_NAME__, __LINE__, "tslb_da_inactivate_idx", static_cast<int>(get32(&lli->n_inact)), array->ctx_name,
-          static_cast<int>(array->tbl_id));
-  set32(&lli->n_inact, 0);
-  set32(&lli->inact_tail, TSLB_DA_NIL_IDX);
+          __FILE_NAME__, __LINE__, "tslb_da_inactivate_idx", static_cast<int>(get32(&list.lli->n_inact)),
+          list.array->ctx_name, static_cast<int>(list.array->tbl_id));
+  set32(&list.lli->n_inact, 0);
+  set32(&list.lli->inact_tail, TSLB_DA_NIL_IDX);
 }
 
-static void append_free(dynarr_t *array, uint32_t idx, void *slot_ptr) {
-  DynArrLLI_t *const lli = lli_of(array);
-  repair_free_list(array, lli);
+static inline void append_free(const list_array_t &list, uint32_t idx, void *slot_ptr) {
+  DynArrLLI_t *const lli = list.lli;
+  const uint32_t head = get32(&lli->free_head);
+  if (head == TSLB_DA_NIL_IDX && get32(&lli->n_free) != 0) repair_free_list(list);
   const uint32_t tail = get32(&lli->free_tail);
   if (tail != TSLB_DA_NIL_IDX) {
-    void *const tail_ptr = slot_ptr_of(array, tail);
+    void *const tail_ptr = list.slot(tail);
     if (tail_ptr != nullptr) set32(&fw_of(tail_ptr)->next, idx);
-    log_forward_node(array, tail);
+    log_forward_node(list.array, tail);
   }
   set32(&lli->free_tail, idx);
   set32(&lli->n_free, get32(&lli->n_free) + 1);
-  if (get32(&lli->free_head) == TSLB_DA_NIL_IDX) set32(&lli->free_head, idx);
+  if (head == TSLB_DA_NIL_IDX) set32(&lli->free_head, idx);
   set_status(slot_ptr, TSLB_DA_SLOT_FREE);
   set32(&fw_of(slot_ptr)->next, TSLB_DA_NIL_IDX);
 }
 
-static void append_inactive(dynarr_t *array, uint32_t idx, void *slot_ptr, uint32_t ts) {
-  DynArrLLI_t *const lli = lli_of(array);
-  repair_inactive_list(array, lli);
+static void append_inactive(const list_array_t &list, uint32_t idx, void *slot_ptr, uint32_t ts) {
+  DynArrLLI_t *const lli = list.lli;
+  const uint32_t head = get32(&lli->inact_head);
+  if (head == TSLB_DA_NIL_IDX && get32(&lli->n_inact) != 0) repair_inactive_list(list);
   const uint32_t tail = get32(&lli->inact_tail);
-  if (tail != TSLB_DA_NIL_IDX) relink_next(array, tail, idx);
-  node_bw *const bw = bw_of(slot_ptr, arr_hdr_of(array)->record_size);
+  if (tail != TSLB_DA_NIL_IDX) relink_next(list, tail, idx);
+  node_bw *const bw = list.bw(slot_ptr);
   set32(&bw->prev, tail);
   set32(&fw_of(slot_ptr)->next, TSLB_DA_NIL_IDX);
   set32(&bw->ts, ts);
   set_status(slot_ptr, TSLB_DA_SLOT_INACTIVE);
   set32(&lli->inact_tail, idx);
-  if (get32(&lli->inact_head) == TSLB_DA_NIL_IDX) set32(&lli->inact_head, idx);
+  if (head == TSLB_DA_NIL_IDX) set32(&lli->inact_head, idx);
   set32(&lli->n_inact, get32(&lli->n_inact) + 1);
 }
 
-// Takes a slot out from wherever it stands: two tests cover head, tail, middle and only member. The counter is left to
-// the caller, who has a status to set ahead of it.
-static void unlink_inactive(dynarr_t *array, void *slot_ptr) {
-  DynArrLLI_t *const lli = lli_of(array);
+// Takes a slot out of the inactive list from wherever it stands: two tests cover head, tail, middle and only member.
+static void unlink_inactive(const list_array_t &list, void *slot_ptr) {
+  DynArrLLI_t *const lli = list.lli;
   node_fw *const fw = fw_of(slot_ptr);
-  node_bw *const bw = bw_of(slot_ptr, arr_hdr_of(array)->record_size);
+  node_bw *const bw = list.bw(slot_ptr);
   const uint32_t prev = get32(&bw->prev), next = get32(&fw->next);
   if (prev == TSLB_DA_NIL_IDX)
     set32(&lli->inact_head, next);
   else
-    relink_next(array, prev, next);
+    relink_next(list, prev, next);
   if (next == TSLB_DA_NIL_IDX)
     set32(&lli->inact_tail, prev);
   else
-    lists_relink_prev(array, next, prev);
+    lists_relink_prev(list, next, prev);
   set32(&bw->prev, TSLB_DA_NIL_IDX);
   set32(&fw->next, TSLB_DA_NIL_IDX);
 }
 
-static void count_one_inactive_less(dynarr_t *array) {
-  DynArrLLI_t *const lli = lli_of(array);
-  set32(&lli->n_inact, get32(&lli->n_inact) - 1);
+static void leave_inactive(const list_array_t &list, void *slot_ptr, uint32_t status) {
+  unlink_inactive(list, slot_ptr);
+  set_status(slot_ptr, status);
+  set32(&list.lli->n_inact, get32(&list.lli->n_inact) - 1);
 }
 
 // ---- Free ---------------------------------------------------------------------------------------------------------
 
-int slot_free_locked(dynarr_t *array, uint32_t idx, void *slot_ptr) {
+static inline int free_locked(const list_array_t &list, uint32_t idx, void *slot_ptr) {
   // Read under the lock: of two frees at the same moment the second one finds the slot free.
-  switch (status_of(slot_ptr)) {
-    case TSLB_DA_SLOT_FREE:
-      return 1;
-    case TSLB_DA_SLOT_ACTIVE:
-      append_free(array, idx, slot_ptr);
-      break;
-    case TSLB_DA_SLOT_INACTIVE:
-      unlink_inactive(array, slot_ptr);
-      set_status(slot_ptr, TSLB_DA_SLOT_FREE);
-      count_one_inactive_less(array);
-      append_free(array, idx, slot_ptr);
-      break;
-    default:
-      break;  // not a status of this library: no list knows the slot
-  }
+  const uint32_t status = status_of(slot_ptr);
+  if (status == TSLB_DA_SLOT_FREE) return 1;
+  if (status == TSLB_DA_SLOT_INACTIVE) leave_inactive(list, slot_ptr, TSLB_DA_SLOT_FREE);
+  // Any other number is no status of this library: no list knows the slot, and none gets it.
+  if (status == TSLB_DA_SLOT_ACTIVE || status == TSLB_DA_SLOT_INACTIVE) append_free(list, idx, slot_ptr);
   set32(slot_ptr, GATEKEEPER);
   return 0;
+}
+
+int slot_free_locked(dynarr_t *array, uint32_t idx, void *slot_ptr) {
+  return free_locked(list_array_of(array), idx, slot_ptr);
 }
 
 void slot_free_log(dynarr_t *array, uint32_t idx) {
@@ -144,10 +138,11 @@ int tslb_da_free_idx(dynarr_t *handle_dynarr, uint32_t idx) {
            TSLB_FILE_LINE_FUNC);
     return 1;
   }
-  void *const slot_ptr = slot_ptr_of(handle_dynarr, idx);
+  const list_array_t list = list_array_of(handle_dynarr);
+  void *const slot_ptr = list.slot(idx);
   if (slot_ptr == nullptr) return -1;
   spin_lock(&handle_dynarr->spinlock);
-  const int refused = slot_free_locked(handle_dynarr, idx, slot_ptr);
+  const int refused = free_locked(list, idx, slot_ptr);
   spin_unlock(&handle_dynarr->spinlock);
   if (refused == 0) slot_free_log(handle_dynarr, idx);
   return refused;
@@ -181,7 +176,7 @@ int tslb_da_inactivate_idx(dynarr_t *handle_dynarr, uint32_t idx, time_t ts) {
             TSLB_FILE_LINE_FUNC, idx, status);
     return 1;
   }
-  append_inactive(handle_dynarr, idx, slot_ptr, static_cast<uint32_t>(ts));
+  append_inactive(list_array_of(handle_dynarr), idx, slot_ptr, static_cast<uint32_t>(ts));
   spin_unlock(&handle_dynarr->spinlock);
   log_slot(handle_dynarr, idx);
   return 0;
@@ -203,9 +198,7 @@ int tslb_da_activate_idx(dynarr_t *handle_dynarr, uint32_t idx) {
             TSLB_FILE_LINE_FUNC, idx, status);
     return 1;
   }
-  unlink_inactive(handle_dynarr, slot_ptr);
-  set_status(slot_ptr, TSLB_DA_SLOT_ACTIVE);
-  count_one_inactive_less(handle_dynarr);
+  leave_inactive(list_array_of(handle_dynarr), slot_ptr, TSLB_DA_SLOT_ACTIVE);
   spin_unlock(&handle_dynarr->spinlock);
   log_slot(handle_dynarr, idx);
   return 0;
