@@ -13,17 +13,6 @@ constexpr const char *COMPONENT = "TSDBRecovery";
 
 // ---- Frame ---------------------------------------------------------------------------------------------------------
 
-// Record `idx` of an array that `record` went through up to the one before. Records lie side by side in the direct area
-// and in each data block, so a lookup is due only where one of these begins. Null if the array has no such record.
-static const char *next_record(dynarr_t *array, const char *record, uint32_t idx) {
-  const DynArrHdr_t *const hdr = arr_hdr_of(array);
-  if (idx >= get32(&hdr->n_used)) return nullptr;
-  const uint32_t n_direct = n_direct_of(array, hdr);
-  if (idx == 0 || (idx >= n_direct && (idx - n_direct) % SLOTS_PER_BLOCK == 0))
-    return static_cast<const char *>(slot_ptr_of(array, idx));
-  return record + hdr->record_size + node_bytes_of(array->daflag);
-}
-
 // Converts record after record: copy(to, from) fills a new record of the destination. Records lie at any address.
 template <class Copy>
 static void convert(const char *function, void *cbargs, uint8_t target_version, Copy copy) {
@@ -34,14 +23,16 @@ static void convert(const char *function, void *cbargs, uint8_t target_version, 
   RECOVERY_TRACE(1, COMPONENT, function, "Method called, h_mpool_newver = %p, h_mpool_oldver = %p, n_alloc = %u",
                  args.h_mpool_cur, args.h_mpool_prev, tslb_da_get_total_size(destination));
   if (source == nullptr) return;
-  const char *node_pv = nullptr;
+  const uint32_t slot_bytes = slot_bytes_of(source);
+  slot_run_t left = {nullptr, 0};
   for (uint32_t i = 0; i < get_dyn_total_allocated_records(destination); ++i) {
-    node_pv = next_record(source, node_pv, i);
-    if (node_pv == nullptr) return;
+    if (left.count == 0) left = run_at(source, i, get_dyn_arr_size(source));
+    if (left.slot == nullptr) return;
     uint32_t idx;
     char *const node_cv = static_cast<char *>(tslb_da_get_newptr(destination, &idx));
     if (node_cv == nullptr) return;
-    copy(node_cv, node_pv);
+    copy(node_cv, left.slot);
+    left = {left.slot + slot_bytes, left.count - 1};
   }
 }
 

@@ -303,19 +303,15 @@ void *get_dyn_arr_record_position(DynamicArray_t array, uint32_t id) {
 
 // ---- New ids ------------------------------------------------------------------------------------------------------
 
+int32_t dynarr_refuse_id(uint32_t n_alloc) {
+  // The id stays counted: taking it back would race with those who came after.
+  fprintf(stderr, "Can not allocate more space as array is full. Total allocated space = %hu\n",
+          static_cast<unsigned short>(n_alloc));
+  return -1;
+}
+
 int32_t get_dyn_arr_new_record_id_ex(DynamicArray_t array, void **ptr, uint8_t daflag) {
-  DynArrHdr_t *const hdr = arr_hdr_of(array);
-  const uint32_t id = add32(&hdr->n_used, 1);
-  const uint32_t n_alloc = get32(&hdr->n_alloc);
-  if (__builtin_expect(n_alloc == UINT32_MAX, 0)) {
-    // The id stays counted: taking it back would race with those who came after.
-    fprintf(stderr, "Can not allocate more space as array is full. Total allocated space = %hu\n",
-            static_cast<unsigned short>(n_alloc));
-    *ptr = nullptr;
-    return -1;
-  }
-  *ptr = issued_position_of(array, hdr, id, daflag);
-  return *ptr != nullptr ? static_cast<int32_t>(id) : -1;
+  return new_record_id(array, ptr, daflag);
 }
 
 int32_t get_dyn_arr_new_record_id(DynamicArray_t array) {

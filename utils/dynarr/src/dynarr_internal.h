@@ -193,6 +193,33 @@ static inline void *slot_ptr_of(DynArrHandle_t *array, uint32_t idx) {
   return position_of(array, idx, array->daflag);
 }
 
+// Reports an array that is full; -1.
+__attribute__((cold)) int32_t dynarr_refuse_id(uint32_t n_alloc);
+
+// get_dyn_arr_new_record_id_ex, inlined where slots are taken.
+static inline int32_t new_record_id(DynArrHandle_t *array, void **ptr, uint8_t daflag) {
+  DynArrHdr_t *const hdr = arr_hdr_of(array);
+  const uint32_t id = add32(&hdr->n_used, 1);
+  const uint32_t n_alloc = get32(&hdr->n_alloc);
+  *ptr = __builtin_expect(n_alloc == UINT32_MAX, 0) ? nullptr : issued_position_of(array, hdr, id, daflag);
+  if (__builtin_expect(*ptr != nullptr, 1)) return static_cast<int32_t>(id);
+  return n_alloc == UINT32_MAX ? dynarr_refuse_id(n_alloc) : -1;
+}
+
+// Slots that lie side by side: those of the direct area or of one data block, from one of them on.
+struct slot_run_t {
+  char *slot;      // null: memory was refused, which was reported
+  uint32_t count;  // 0: no id below the end
+};
+
+// The run that begins at `idx` and ends ahead of id `end`: who goes through an array looks up once for each block.
+static inline slot_run_t run_at(DynArrHandle_t *array, uint32_t idx, uint32_t end) {
+  if (idx >= end) return {nullptr, 0};
+  const uint32_t n_direct = n_direct_of(array, arr_hdr_of(array));
+  const uint32_t room = idx < n_direct ? n_direct - idx : SLOTS_PER_BLOCK - (idx - n_direct) % SLOTS_PER_BLOCK;
+  return {static_cast<char *>(slot_ptr_of(array, idx)), room < end - idx ? room : end - idx};
+}
+
 // What the paths over lists need again and again. A hook that is called in between may change any word, so the compiler
 // would read these anew behind each; they stay as they are as long as the array lives.
 struct list_array_t {

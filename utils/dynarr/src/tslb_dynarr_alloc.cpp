@@ -109,7 +109,7 @@ void tslb_da_register_reuse_policy(dynarr_t *handle_dynarr, tsdb_mem_pressure_co
 
 static void *take_fresh(dynarr_t *array, uint32_t *idx) {
   void *slot_ptr;
-  *idx = static_cast<uint32_t>(get_dyn_arr_new_record_id_ex(array, &slot_ptr, array->daflag));
+  *idx = static_cast<uint32_t>(new_record_id(array, &slot_ptr, array->daflag));
   return slot_ptr;
 }
 

@@ -102,24 +102,32 @@ void tslb_dynmem_del_mchunk(dynmem_t *dynmem_handle, maddr_t maddr) {
     release_if_empty(dynmem_handle, place.slot_idx, slot);
 }
 
+static inline void sweep_slot(dynmem_t *pool, uint32_t slot_idx, MemSlot_t *slot, size_t *used_sz, size_t *del_sz) {
+  if (status_of(slot) != TSLB_DA_SLOT_ACTIVE) return;
+  if (looks_empty(slot) && !is_current(pool, slot_idx) && release_if_empty(pool, slot_idx, slot)) return;
+  // Deleted first: what is added and deleted between the two readings must not come out as more deleted than used. A
+  // slot that is being set up still shows the slot layer's mark in place of a count.
+  const uint32_t bytes_del = __atomic_load_n(&slot->bytes_del, __ATOMIC_ACQUIRE);
+  const uint32_t bytes_used = get32(&slot->bytes_used);
+  if (bytes_used == GATEKEEPER) return;
+  *used_sz += bytes_used;
+  *del_sz += bytes_del;
+}
+
 void tslb_dynmem_update_free_list(dynmem_t *dynmem_handle, size_t *total_sz, size_t *used_sz, size_t *del_sz) {
   const DynMemHdr_t *const hdr = pool_hdr_of(dynmem_handle);
   *del_sz = *used_sz = 0;
   *total_sz = get64(&hdr->total_msz);
   if (!has_compat(hdr) || (dynmem_handle->daflag & TSLB_DA_DAFLAG_LL) == 0) return;
   const uint32_t n_slots = tslb_da_get_size(dynmem_handle);
-  for (uint32_t slot_idx = 0; slot_idx < n_slots; ++slot_idx) {
-    MemSlot_t *const slot = slot_of(dynmem_handle, slot_idx);
-    if (slot == nullptr || status_of(slot) != TSLB_DA_SLOT_ACTIVE) continue;
-    if (looks_empty(slot) && !is_current(dynmem_handle, slot_idx) && release_if_empty(dynmem_handle, slot_idx, slot))
-      continue;
-    // Deleted first: what is added and deleted between the two readings must not come out as more deleted than used. A
-    // slot that is being set up still shows the slot layer's mark in place of a count.
-    const uint32_t bytes_del = __atomic_load_n(&slot->bytes_del, __ATOMIC_ACQUIRE);
-    const uint32_t bytes_used = get32(&slot->bytes_used);
-    if (bytes_used == GATEKEEPER) continue;
-    *used_sz += bytes_used;
-    *del_sz += bytes_del;
+  const uint32_t slot_bytes = slot_bytes_of(dynmem_handle);
+  for (uint32_t first = 0; first < n_slots;) {
+    const slot_run_t run = run_at(dynmem_handle, first, n_slots);
+    for (uint32_t i = 0; run.slot != nullptr && i < run.count; ++i) {
+      MemSlot_t *const slot = reinterpret_cast<MemSlot_t *>(run.slot + size_t{i} * slot_bytes);
+      sweep_slot(dynmem_handle, first + i, slot, used_sz, del_sz);
+    }
+    first += run.count;
   }
 }
 
