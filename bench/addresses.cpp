@@ -216,25 +216,16 @@ static rival_t lmdb(const visit_t &visit) {
 
 // ---- Rows
 
-template <kind_t KIND, bool DIRECT>
-static rival_t floor_of(const visit_t &visit) {
-  if constexpr (KIND == WIDE)
-    return rival64 < DIRECT ? floor_resolve_64_direct : floor_resolve_64_level1 > ("floor", visit);
-  else if constexpr (KIND == BIT_VECTOR)
-    return rival32 < DIRECT ? floor_resolve_bv_direct : floor_resolve_bv_level1 > ("floor", visit);
-  else
-    return rival32 < DIRECT ? floor_resolve_bb_direct : floor_resolve_bb_level1 > ("floor", visit);
-}
-
-template <kind_t KIND, bool DIRECT>
-static std::vector<rival_t> make_rivals(uint32_t count, bool chased) {
-  const visit_t visit = {make_chunks(KIND, count, DIRECT ? DIRECT_SLOTS : 0), chased};
+static std::vector<rival_t> make_rivals(kind_t kind, uint32_t count, bool direct, bool chased) {
+  const visit_t visit = {make_chunks(kind, count, direct ? DIRECT_SLOTS : 0), chased};
   std::vector<rival_t> rivals;
-  if constexpr (KIND == WIDE)
+  if (kind == WIDE) {
     rivals.push_back(rival64<tslb_dynmem_get_maddr2ptr64>("tslb", visit));
-  else
+    rivals.push_back(rival64<floor_resolve_64>("floor", visit));
+  } else {
     rivals.push_back(rival32<tslb_dynmem_get_maddr2ptr>("tslb", visit));
-  rivals.push_back(floor_of<KIND, DIRECT>(visit));
+    rivals.push_back(rival32<floor_resolve>("floor", visit));
+  }
   rivals.push_back(raw_pointers(visit));
 #ifdef TSLB_BENCH_BOOST
   rivals.push_back(offset_pointers(visit));
@@ -245,26 +236,26 @@ static std::vector<rival_t> make_rivals(uint32_t count, bool chased) {
   return rivals;
 }
 
-template <kind_t KIND, bool DIRECT>
-static void add_row(const std::string &kind, const char *chunks, uint32_t count) {
-  for (const bool chased : {false, true})
-    add_case(
-        kind + ", " + chunks + (chased ? ", chased" : ", random"), 1,
-        [count, chased] { return make_rivals<KIND, DIRECT>(count, chased); }, LOOKUPS);
-}
-
-template <kind_t KIND>
-static void add_kind(const char *kind) {
-  add_row<KIND, true>(kind, "1,000", 1000);
-  add_row<KIND, true>(kind, "100,000", 100000);
-  add_row<KIND, true>(kind, "1,048,576", MANY);
-  add_row<KIND, false>(kind, "1,048,576 at level 1", MANY);
+static void add_kind(kind_t kind, const std::string &name) {
+  static const struct {
+    const char *chunks;
+    uint32_t count;
+    bool direct;
+  } pools[] = {{"1,000", 1000, true},
+               {"100,000", 100000, true},
+               {"1,048,576", MANY, true},
+               {"1,048,576 at level 1", MANY, false}};
+  for (const auto &pool : pools)
+    for (const bool chased : {false, true})
+      add_case(
+          name + ", " + pool.chunks + (chased ? ", chased" : ", random"), 1,
+          [kind, &pool, chased] { return make_rivals(kind, pool.count, pool.direct, chased); }, LOOKUPS);
 }
 
 static void add_cases() {
-  add_kind<BIG_BUFFER>("32 bits, big buffer");
-  add_kind<BIT_VECTOR>("32 bits, bit vector");
-  add_kind<WIDE>("64 bits");
+  add_kind(BIG_BUFFER, "32 bits, big buffer");
+  add_kind(BIT_VECTOR, "32 bits, bit vector");
+  add_kind(WIDE, "64 bits");
 }
 
 int main(int argc, char **argv) {

@@ -47,10 +47,6 @@ static std::shared_ptr<dynmem_t> make_pool() {
   return {pool, destroy_dyn_arr};
 }
 
-static DynMemHdr_t *hdr_of(const dynmem_t *pool) {
-  return reinterpret_cast<DynMemHdr_t *>(static_cast<char *>(pool->arr_base) + sizeof(DynHdr_t));
-}
-
 // Bytes that a thread took, from the addresses it was given. All rivals come to the same sum.
 static uint64_t bytes_taken(const std::vector<void *> &chunks, uint32_t len) {
   uint64_t sum = 0;
@@ -58,47 +54,16 @@ static uint64_t bytes_taken(const std::vector<void *> &chunks, uint32_t len) {
   return sum;
 }
 
-static rival_t ours(const std::shared_ptr<dynmem_t> &pool, uint32_t len) {
-  return {"tslb",
-          [pool, len, results = make_results()](unsigned thread) {
+// `take` as tslb_dynmem_get_mchunk.
+static rival_t pool_rival(const char *name, uint32_t len, decltype(&tslb_dynmem_get_mchunk) take) {
+  return {name,
+          [take, len, pool = make_pool(), results = make_results()](unsigned thread) {
             std::vector<void *> &chunks = (*results)[thread];
             maddr_t address;
-            for (void *&chunk : chunks)
-              chunk = tslb_dynmem_get_mchunk(pool.get(), &address, static_cast<int>(len), srcaddr_t{});
+            for (void *&chunk : chunks) chunk = take(pool.get(), &address, static_cast<int>(len), srcaddr_t{});
             return bytes_taken(chunks, len);
           },
           {}};
-}
-
-// Zeroed memory whose address has the same place in its page as `like`.
-static char *placed_like(std::vector<char> *memory, const void *like) {
-  constexpr uintptr_t PAGE = 4096;
-  memory->assign(3 * PAGE, 0);
-  const uintptr_t page = (reinterpret_cast<uintptr_t>(memory->data()) + PAGE - 1) & ~(PAGE - 1);
-  return reinterpret_cast<char *>(page + reinterpret_cast<uintptr_t>(like) % PAGE);
-}
-
-static rival_t floor_of(const std::shared_ptr<dynmem_t> &pool, uint32_t len) {
-  struct words_t {
-    std::vector<char> hdr, slot, totals;
-    floor_pool_t pool;
-  };
-  const auto words = std::make_shared<words_t>();
-  maddr_t address;
-  const void *const slot =
-      static_cast<char *>(tslb_dynmem_get_mchunk(pool.get(), &address, 8, srcaddr_t{})) - sizeof(MemSlot_t);
-  words->pool.hdr = reinterpret_cast<DynMemHdr_t *>(placed_like(&words->hdr, hdr_of(pool.get())));
-  words->pool.bytes_used = reinterpret_cast<uint32_t *>(placed_like(&words->slot, slot));
-  words->pool.totals = reinterpret_cast<GlobalMemStats_t *>(placed_like(&words->totals, &g_mem_st));
-  return {"floor",
-          [words, len, results = make_results()](unsigned thread) {
-            std::vector<void *> &chunks = (*results)[thread];
-            // From 1 on: an offset of 0 is a chunk too.
-            for (void *&chunk : chunks)
-              chunk = reinterpret_cast<void *>(uintptr_t{floor_take_chunk(&words->pool, len)} + 1);
-            return bytes_taken(chunks, len);
-          },
-          [words] { words->pool.hdr->cur_slot_addr = 0; }};
 }
 
 // ---- Peers
@@ -165,8 +130,8 @@ static rival_t mapped_file(uint32_t len) {
 #endif
 
 static std::vector<rival_t> make_rivals(uint32_t len) {
-  const std::shared_ptr<dynmem_t> pool = make_pool();
-  std::vector<rival_t> rivals = {ours(pool, len), floor_of(pool, len)};
+  std::vector<rival_t> rivals = {pool_rival("tslb", len, tslb_dynmem_get_mchunk),
+                                 pool_rival("floor", len, floor_take_chunk)};
   for (const allocator_t &allocator : allocators())
     rivals.push_back(taking_peer(allocator.name, len, allocator.take, allocator.give));
   rivals.push_back(locked_buffer(len));

@@ -34,7 +34,7 @@ struct layout_t {
   uint8_t target;
   uint8_t daflag;
   uint32_t newer_bytes, older_bytes;
-  void (*floor)(const floor_run_t *runs, uint32_t n_runs, DynArrHdr_t *to);
+  void (*floor)(dynarr_t *from, dynarr_t *to);
 };
 constexpr layout_t LAYOUTS[] = {
     {"metric groups, 2 to 0", RECTYPE_G_MG, 0, 0, sizeof(g_mg_t_v2), sizeof(g_mg_t_v0), floor_convert_g_mg_2_0},
@@ -53,25 +53,17 @@ static array_t make_array(uint32_t record_size, uint32_t n_direct, uint8_t dafla
   return {array, destroy_dyn_arr};
 }
 
-// The newer records, and where they lie for whoever does not look them up.
-struct source_t {
-  array_t array;
-  std::vector<floor_run_t> runs;
-};
-
-static std::shared_ptr<source_t> make_source(const layout_t &layout) {
-  const auto source = std::make_shared<source_t>();
-  source->array = make_array(layout.newer_bytes, SOURCE_DIRECT, layout.daflag);
+// The newer records.
+static array_t make_source(const layout_t &layout) {
+  const array_t source = make_array(layout.newer_bytes, SOURCE_DIRECT, layout.daflag);
   std::vector<uint32_t> words(layout.newer_bytes / 4);
   uint32_t word = 0;
   for (uint32_t id = 0; id < record_count(); ++id) {
     uint32_t idx;
-    char *const record = static_cast<char *>(tslb_da_get_newptr(source->array.get(), &idx));
+    char *const record = static_cast<char *>(tslb_da_get_newptr(source.get(), &idx));
     if (record == nullptr) abort();
     for (uint32_t &each : words) each = word += 0x9E3779B9u;
     memcpy(record, words.data(), layout.newer_bytes);
-    if (id == 0 || (id >= SOURCE_DIRECT && (id - SOURCE_DIRECT) % 16 == 0)) source->runs.push_back({record, 0});
-    ++source->runs.back().count;
   }
   return source;
 }
@@ -116,10 +108,10 @@ static rival_t rival(const char *name, const layout_t &layout, Convert convert) 
 }
 
 // The result of the others, lying in one piece: what a conversion costs that knows it ahead.
-static rival_t one_memcpy(const layout_t &layout, const std::shared_ptr<source_t> &source) {
+static rival_t one_memcpy(const layout_t &layout, const array_t &source) {
   const auto result = std::make_shared<destination_t>(destination_t{layout});
   result->make();
-  layout.floor(source->runs.data(), static_cast<uint32_t>(source->runs.size()), result->hdr());
+  layout.floor(source.get(), result->array.get());
   return rival("one memcpy", layout,
                [result, bytes = size_t{record_count()} *
                                 tslb_da_get_slotsz(result->array.get(), nullptr)](const destination_t &destination) {
@@ -129,18 +121,18 @@ static rival_t one_memcpy(const layout_t &layout, const std::shared_ptr<source_t
 }
 
 static std::vector<rival_t> make_rivals(const layout_t &layout) {
-  const std::shared_ptr<source_t> source = make_source(layout);
+  const array_t source = make_source(layout);
   const auto routine =
       reinterpret_cast<void (*)(void *)>(tsdb_recovery_version_get_downgrade_fn_ptr(layout.rec_type, layout.target, 0));
   if (routine == nullptr) abort();
   return {rival("tslb", layout,
                 [&layout, source, routine](const destination_t &destination) {
-                  TSDBVerCBArgs_t args = {layout.rec_type, source->array.get(), destination.array.get()};
+                  TSDBVerCBArgs_t args = {layout.rec_type, source.get(), destination.array.get()};
                   routine(&args);
                 }),
           rival("floor", layout,
                 [&layout, source](const destination_t &destination) {
-                  layout.floor(source->runs.data(), static_cast<uint32_t>(source->runs.size()), destination.hdr());
+                  layout.floor(source.get(), destination.array.get());
                 }),
           one_memcpy(layout, source)};
 }

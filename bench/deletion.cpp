@@ -42,7 +42,6 @@ static_assert(FILLING.chunks_per_pool + 1 < SLOTS_MAX);
 struct pool_t {
   std::shared_ptr<dynmem_t> handle;
   DynMemHdr_t *hdr;
-  floor_slots_t slots;
   maddr_t last;  // the chunk that stands in the current slot, or stood there
 };
 
@@ -77,14 +76,8 @@ static pool_t make_pool(uint32_t mslot_sz, uint32_t n_direct) {
   dynmem_t *const handle = tslb_init_dynmem(static_cast<int>(mslot_sz), static_cast<int>(n_direct), MPOOL_FLAG_COMPAT,
                                             MPOOL_TYPE_SHM_TMP, 0, nullptr, 0, TSLB_DA_DAFLAG_LL);
   if (handle == nullptr) abort();
-  pool_t pool = {{handle, destroy_dyn_arr}, static_cast<DynMemHdr_t *>(get_user_hdr(handle)), {}, {}};
+  pool_t pool = {{handle, destroy_dyn_arr}, static_cast<DynMemHdr_t *>(get_user_hdr(handle)), {}};
   pool.last = take_chunk(pool, 1).address;
-  pool.slots = {&handle->spinlock,
-                static_cast<DynArrLLI_t *>(tslb_da_get_lli(handle)),
-                reinterpret_cast<char *>(mslot_of(pool, 0)),
-                tslb_da_get_slotsz(handle, nullptr),
-                tslb_da_get_record_size(handle),
-                false};
   return pool;
 }
 
@@ -104,7 +97,9 @@ static uint64_t misplaced_slots(const pool_t &pool) {
     n_free += status == TSLB_DA_SLOT_FREE;
     wrong += status != TSLB_DA_SLOT_FREE && idx != current_of(pool) && looks_empty(mslot);
   }
-  return wrong + (n_free != pool.slots.lli->n_free ? uint64_t{1} << 32 : 0);
+  return wrong + (n_free != static_cast<const DynArrLLI_t *>(tslb_da_get_lli(pool.handle.get()))->n_free
+                      ? uint64_t{1} << 32
+                      : 0);
 }
 
 // ---- Deletion
@@ -139,31 +134,18 @@ struct filled_t {
   }
 };
 
-// `delete_one` on every chunk that the thread owns. The checksum counts them.
-template <class Delete>
-static rival_t pool_rival(const char *name, const layout_t &layout, unsigned threads, Delete delete_one) {
+// `delete_chunk`, as tslb_dynmem_del_mchunk, on every chunk that the thread owns. The checksum counts them.
+static rival_t pool_rival(const char *name, const layout_t &layout, unsigned threads,
+                          decltype(&tslb_dynmem_del_mchunk) delete_chunk) {
   const auto filled = std::make_shared<filled_t>(layout);
   return {name,
-          [filled, threads, delete_one](unsigned thread) {
+          [filled, threads, delete_chunk](unsigned thread) {
             uint64_t count = 0;
-            for (size_t i = thread; i < filled->chunks.size(); i += threads, ++count) delete_one(filled->chunks[i]);
+            for (size_t i = thread; i < filled->chunks.size(); i += threads, ++count)
+              delete_chunk(filled->chunks[i].pool->handle.get(), filled->chunks[i].address);
             return count;
           },
           [filled] { filled->fill(); }, [filled] { return filled->what_is_wrong(); }};
-}
-
-static rival_t ours(const layout_t &layout, unsigned threads) {
-  return pool_rival("tslb", layout, threads,
-                    [](const chunk_t &chunk) { tslb_dynmem_del_mchunk(chunk.pool->handle.get(), chunk.address); });
-}
-
-static rival_t floor_of(const layout_t &layout, unsigned threads) {
-  return pool_rival("floor", layout, threads, [](const chunk_t &chunk) {
-    const uint32_t deleted = floor_delete_chunk(chunk.header, &chunk.mslot->bytes_del);
-    if (deleted == __atomic_load_n(&chunk.mslot->bytes_used, __ATOMIC_RELAXED) &&
-        chunk.address.mslot_idx != current_of(*chunk.pool))
-      floor_free_slot(&chunk.pool->slots, chunk.address.mslot_idx);
-  });
 }
 
 static rival_t allocator_peer(const allocator_t &allocator, const layout_t &layout, unsigned threads) {
@@ -180,7 +162,8 @@ static rival_t allocator_peer(const allocator_t &allocator, const layout_t &layo
 }
 
 static std::vector<rival_t> make_deletions(const layout_t &layout, unsigned threads) {
-  std::vector<rival_t> rivals = {ours(layout, threads), floor_of(layout, threads)};
+  std::vector<rival_t> rivals = {pool_rival("tslb", layout, threads, tslb_dynmem_del_mchunk),
+                                 pool_rival("floor", layout, threads, floor_delete_chunk)};
   for (const allocator_t &allocator : allocators()) rivals.push_back(allocator_peer(allocator, layout, threads));
   return rivals;
 }
@@ -195,19 +178,7 @@ static void add_deletion(const char *name, const layout_t &layout) {
 
 // ---- Sweep
 
-struct swept_t {
-  std::vector<pool_t> pools;
-  std::vector<std::vector<MemSlot_t *>> mslots;  // of each pool, for the floor
-
-  void know_slots() {
-    mslots.clear();
-    for (const pool_t &pool : pools) {
-      mslots.emplace_back();
-      for (uint32_t idx = 0; idx < tslb_da_get_size(pool.handle.get()); ++idx)
-        mslots.back().push_back(mslot_of(pool, idx));
-    }
-  }
-};
+using swept_t = std::vector<pool_t>;
 
 constexpr uint32_t SWEPT_SLOTS = 250;
 constexpr uint32_t SWEEPS = 64;
@@ -215,43 +186,41 @@ constexpr uint32_t SWEEPS = 64;
 // One pool whose slots hold two chunks each, the first of them deleted.
 static std::shared_ptr<swept_t> make_staying(uint32_t n_direct) {
   const auto swept = std::make_shared<swept_t>();
-  swept->pools.push_back(make_pool(FILLING.mslot_sz, n_direct));
-  const pool_t &pool = swept->pools.front();
+  swept->push_back(make_pool(FILLING.mslot_sz, n_direct));
+  const pool_t &pool = swept->front();
   constexpr uint32_t HALF = FILLING.mslot_sz / 2 - HEADER;
   for (uint32_t i = 1; i < SWEPT_SLOTS; ++i) {
     tslb_dynmem_del_mchunk(pool.handle.get(), take_chunk(pool, HALF).address);
     take_chunk(pool, HALF);
   }
-  swept->know_slots();
   return swept;
 }
 
 // Pools whose slots were emptied while they were current, which no deletion gives back.
 static std::shared_ptr<swept_t> make_emptied() {
   const auto swept = std::make_shared<swept_t>();
-  for (uint32_t i = 0; i < FILLING.pools; ++i) swept->pools.push_back(make_pool(FILLING.mslot_sz, SLOTS_MAX));
+  for (uint32_t i = 0; i < FILLING.pools; ++i) swept->push_back(make_pool(FILLING.mslot_sz, SLOTS_MAX));
   return swept;
 }
 static void empty_slots(swept_t *swept) {
-  for (pool_t &pool : swept->pools) {
+  for (pool_t &pool : *swept) {
     for (uint32_t n = 0; n < FILLING.chunks_per_pool; ++n) {
       tslb_dynmem_del_mchunk(pool.handle.get(), pool.last);
       pool.last = take_chunk(pool, FILLING.chunk_bytes).address;
     }
   }
-  swept->know_slots();
 }
 
-// sweep_one(pool number, &used, &deleted), `sweeps` times over all pools.
-template <class SweepOne>
-static rival_t sweep_rival(const char *name, const std::shared_ptr<swept_t> &swept, bool emptied, SweepOne sweep_one) {
+// `sweep_pool`, as tslb_dynmem_update_free_list, on all pools, many times where the slots stay.
+static rival_t sweep_rival(const char *name, const std::shared_ptr<swept_t> &swept, bool emptied,
+                           decltype(&tslb_dynmem_update_free_list) sweep_pool) {
   rival_t rival = {name,
-                   [swept, emptied, sweep_one](unsigned) {
+                   [swept, emptied, sweep_pool](unsigned) {
                      uint64_t sum = 0;
                      for (uint32_t round = 0; round < (emptied ? 1 : SWEEPS); ++round)
-                       for (size_t i = 0; i < swept->pools.size(); ++i) {
-                         size_t used_sz, del_sz;
-                         sweep_one(*swept, i, &used_sz, &del_sz);
+                       for (const pool_t &pool : *swept) {
+                         size_t total_sz, used_sz, del_sz;
+                         sweep_pool(pool.handle.get(), &total_sz, &used_sz, &del_sz);
                          sum += used_sz + (uint64_t{del_sz} << 32);
                        }
                      return sum;
@@ -260,7 +229,7 @@ static rival_t sweep_rival(const char *name, const std::shared_ptr<swept_t> &swe
   if (emptied) rival.prepare = [swept] { empty_slots(swept.get()); };
   rival.verify = [swept] {
     uint64_t sum = 0;
-    for (const pool_t &pool : swept->pools) sum += misplaced_slots(pool);
+    for (const pool_t &pool : *swept) sum += misplaced_slots(pool);
     return sum;
   };
   return rival;
@@ -268,15 +237,8 @@ static rival_t sweep_rival(const char *name, const std::shared_ptr<swept_t> &swe
 
 static std::vector<rival_t> make_sweeps(const std::shared_ptr<swept_t> &tslb_pools,
                                         const std::shared_ptr<swept_t> &floor_pools, bool emptied) {
-  return {
-      sweep_rival("tslb", tslb_pools, emptied,
-                  [](const swept_t &swept, size_t i, size_t *used_sz, size_t *del_sz) {
-                    sweep(swept.pools[i], used_sz, del_sz);
-                  }),
-      sweep_rival("floor", floor_pools, emptied, [](const swept_t &swept, size_t i, size_t *used_sz, size_t *del_sz) {
-        floor_sweep(&swept.pools[i].slots, swept.mslots[i].data(), static_cast<uint32_t>(swept.mslots[i].size()),
-                    used_sz, del_sz);
-      })};
+  return {sweep_rival("tslb", tslb_pools, emptied, tslb_dynmem_update_free_list),
+          sweep_rival("floor", floor_pools, emptied, floor_sweep)};
 }
 
 static void add_cases() {

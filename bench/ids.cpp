@@ -1,12 +1,10 @@
 // What does it cost to take an id together with its address?
 //
 // Asked: get_dyn_arr_new_record_id_ex on an array of 100-byte records without direct slots, with 1 and 2
-// threads, and a store of the id to the record. Against the floor (floor.h: one atomic addition, and for each
-// 16 ids one block and one swap), against a std::deque behind a mutex, and against oneTBB's concurrent_vector, which
+// threads, and a store of the id to the record. Against the floor (floor.h), against a std::deque behind a mutex, and against oneTBB's concurrent_vector, which
 // grows by one element or by 16 at a time and zeroes them too.
 //
-// Not asked: the cost of new pages. Every round starts anew on memory that the allocator has had before, and
-// keeps.
+// Every round starts anew, on memory that the allocator has had before and keeps, and once more (cold memory) on none.
 //
 // Run: bench_ids [--quick] [--benchmark_filter=REGEX]
 #include <malloc.h>
@@ -15,6 +13,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "dynamic_array.h"
@@ -32,15 +31,16 @@ static_assert(sizeof(record_t) == 100);
 
 constexpr uint32_t IDS_PER_THREAD = 1u << 14;
 
-static rival_t ours() {
+// `take` as get_dyn_arr_new_record_id_ex.
+static rival_t array_rival(const char *name, decltype(&get_dyn_arr_new_record_id_ex) take) {
   using owner_t = std::shared_ptr<DynArrHandle_t>;
   const auto array = std::make_shared<owner_t>();
-  return {"tslb",
-          [array](unsigned) {
+  return {name,
+          [array, take](unsigned) {
             uint64_t sum = 0;
             for (uint32_t i = 0; i < IDS_PER_THREAD; ++i) {
               void *record;
-              const int32_t id = get_dyn_arr_new_record_id_ex(array->get(), &record, 0);
+              const int32_t id = take(array->get(), &record, 0);
               static_cast<record_t *>(record)->id = static_cast<uint32_t>(id);
               sum += static_cast<uint32_t>(id);
             }
@@ -49,41 +49,6 @@ static rival_t ours() {
           [array] {
             array->reset();
             *array = owner_t(get_default_dyn_array(sizeof(record_t), 0, MPOOL_TYPE_DRAM), destroy_dyn_arr);
-          }};
-}
-
-static rival_t floor_of(unsigned threads) {
-  struct shared_t {
-    floor_ids_t ids = {0, sizeof(record_t), nullptr};
-    std::vector<uint64_t> entries;
-    std::vector<char> spare;  // where a thread's records go before it makes a block
-
-    ~shared_t() { release_blocks(); }
-    void release_blocks() {
-      for (uint64_t &entry : entries) {
-        free(reinterpret_cast<void *>(entry));
-        entry = 0;
-      }
-    }
-  };
-  const auto shared = std::make_shared<shared_t>();
-  shared->entries.resize(size_t{threads} * IDS_PER_THREAD / 16);
-  shared->spare.resize(size_t{threads} * 16 * sizeof(record_t));
-  return {"floor",
-          [shared](unsigned thread) {
-            uint64_t sum = 0;
-            char *own_block = shared->spare.data() + size_t{thread} * 16 * sizeof(record_t);
-            for (uint32_t i = 0; i < IDS_PER_THREAD; ++i) {
-              void *record;
-              const int32_t id = floor_take_id(&shared->ids, &record, &own_block);
-              static_cast<record_t *>(record)->id = static_cast<uint32_t>(id);
-              sum += static_cast<uint32_t>(id);
-            }
-            return sum;
-          },
-          [shared] {
-            shared->release_blocks();
-            shared->ids = {0, sizeof(record_t), shared->entries.data()};
           }};
 }
 
@@ -132,20 +97,31 @@ static rival_t growing_vector(const char *name, uint32_t step) {
 }
 #endif
 
-static std::vector<rival_t> make_rivals(unsigned threads) {
-  std::vector<rival_t> rivals = {ours(), floor_of(threads), locked_deque()};
+// With `cold` memory the allocator has nothing left when a round begins: every page is the kernel's to give.
+static std::vector<rival_t> make_rivals(bool cold) {
+  std::vector<rival_t> rivals = {array_rival("tslb", get_dyn_arr_new_record_id_ex), array_rival("floor", floor_take_id),
+                                 locked_deque()};
 #ifdef TSLB_BENCH_TBB
   rivals.push_back(growing_vector("tbb emplace_back", 1));
   rivals.push_back(growing_vector("tbb grow_by 16", 16));
 #endif
+  for (rival_t &rival : rivals) {
+    if (cold) {
+      rival.prepare = [prepare = rival.prepare] {
+        prepare();
+        malloc_trim(0);
+      };
+    }
+  }
   return rivals;
 }
 
 static void add_cases() {
-  for (const unsigned threads : {1u, 2u})
-    add_case(
-        threads == 1 ? "1 thread" : "2 threads", threads, [threads] { return make_rivals(threads); },
-        uint64_t{threads} * IDS_PER_THREAD);
+  for (const bool cold : {false, true})
+    for (const unsigned threads : {1u, 2u})
+      add_case(
+          std::string(threads == 1 ? "1 thread" : "2 threads") + (cold ? ", cold memory" : ""), threads,
+          [cold] { return make_rivals(cold); }, uint64_t{threads} * IDS_PER_THREAD);
 }
 
 int main(int argc, char **argv) {

@@ -120,8 +120,6 @@ static rival_t rival(const char *name, const std::vector<uint32_t> &ids, order_t
           {}};
 }
 
-// The floor is a parameter of the template, so that it is called by its name, as the library is.
-template <void *(*FLOOR)(DynamicArray_t, uint32_t, int64_t, const char *, uint8_t)>
 static std::vector<rival_t> make_rivals(const level_t &level, order_t order) {
   const std::vector<uint32_t> ids = ids_of(level, order);
   const records_t &all = records();
@@ -129,7 +127,9 @@ static std::vector<rival_t> make_rivals(const level_t &level, order_t order) {
   const auto ours = [array](uint32_t id) {
     return static_cast<const record_t *>(get_dyn_arr_record_position_ex(array, id, 0, nullptr, 0));
   };
-  const auto floor = [array](uint32_t id) { return static_cast<const record_t *>(FLOOR(array, id, 0, nullptr, 0)); };
+  const auto floor = [array](uint32_t id) {
+    return static_cast<const record_t *>(floor_find(array, id, 0, nullptr, 0));
+  };
   const auto in_vector = [vector = &all.vector](uint32_t id) { return &(*vector)[id]; };
   const auto in_deque = [deque = &all.deque](uint32_t id) { return &(*deque)[id]; };
   std::vector<rival_t> rivals = {rival("tslb", ids, order, ours), rival("floor", ids, order, floor),
@@ -142,21 +142,20 @@ static std::vector<rival_t> make_rivals(const level_t &level, order_t order) {
   return rivals;
 }
 
-template <void *(*FLOOR)(DynamicArray_t, uint32_t, int64_t, const char *, uint8_t)>
 static void add_level(const level_t &level) {
   static const std::pair<order_t, const char *> orders[] = {
       {SEQUENTIAL, "sequential"}, {RANDOM, "random"}, {CHAINED, "chained"}};
   for (const auto &[order, name] : orders)
     add_case(
-        std::string(level.name) + ", " + name, 1, [&level, order = order] { return make_rivals<FLOOR>(level, order); },
+        std::string(level.name) + ", " + name, 1, [&level, order = order] { return make_rivals(level, order); },
         LOOKUPS);
 }
 
 static void add_cases() {
-  add_level<floor_find_direct>(DIRECT);
-  add_level<floor_find_level1>(LEVEL1);
-  add_level<floor_find_level3>(LEVEL3);
-  add_level<floor_find_level5>(LEVEL5);
+  add_level(DIRECT);
+  add_level(LEVEL1);
+  add_level(LEVEL3);
+  add_level(LEVEL5);
 }
 
 int main(int argc, char **argv) {

@@ -87,22 +87,16 @@ static rival_t ours(int record_size, uint8_t daflag) {
 
 static rival_t floor_of(int record_size, uint8_t daflag) {
   const std::shared_ptr<dynarr_t> array = make_array(record_size, daflag);
-  const floor_slots_t slots = {&array->spinlock,
-                               static_cast<DynArrLLI_t *>(tslb_da_get_lli(array.get())),
-                               static_cast<char *>(tslb_da_get_ptr(array.get(), 0)),
-                               tslb_da_get_slotsz(array.get(), nullptr),
-                               static_cast<uint32_t>(record_size),
-                               (daflag & TSLB_DA_DAFLAG_INLL) != 0};
   return {"floor",
-          [array, slots](unsigned thread) {
+          [array](unsigned thread) {
             return take_and_free(
                 thread,
                 [&] {
                   held_t slot;
-                  slot.payload = floor_take_slot(&slots, &slot.idx);
+                  slot.payload = floor_take_slot(array.get(), &slot.idx);
                   return slot;
                 },
-                [&](const held_t &slot) { floor_free_slot(&slots, slot.idx); });
+                [&](const held_t &slot) { floor_free_slot(array.get(), slot.idx); });
           },
           {}};
 }
