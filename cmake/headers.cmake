@@ -1,0 +1,53 @@
+# The public headers: what is installed, what the umbrella header includes, and what the tests compile by itself. Every
+# other header is private.
+set(TSLB_PUBLIC_HEADERS
+  catalog/src/mvt.h
+  catalog/src/tsdb_multi_thread_trace_log.h
+  catalog/src/tsdb_recovery_schema.h
+  catalog/src/tsdb_recovery_version_compatibility.h
+  catalog/src/tsdb_recovery_version_downgrade_fn.h
+  utils/common/src/tslb_decl.h
+  utils/common/src/tslb_dlog.h
+  utils/common/src/tslb_dlog_macros.h
+  utils/common/src/tslb_settings.h
+  utils/common/src/tslb_util.h
+  utils/common/src/tslb_util_common.h
+  utils/dynarr/src/dynamic_array.h
+  utils/dynarr/src/tslb_atomics.h
+  utils/dynarr/src/tslb_dynarr.h
+  utils/dynmem/src/tslb_dynmem.h
+  utils/redo/src/tslb_rd_api.h)
+# These belong to libtslb_host.a. The umbrella header leaves them out: not every program that includes it links that.
+set(TSLB_HOST_PUBLIC_HEADERS
+  host/array_check.h
+  host/array_loader.h
+  host/block_files.h
+  host/recovery_driver.h
+  host/redo_applier.h)
+list(TRANSFORM TSLB_PUBLIC_HEADERS PREPEND ${PROJECT_SOURCE_DIR}/)
+list(TRANSFORM TSLB_HOST_PUBLIC_HEADERS PREPEND ${PROJECT_SOURCE_DIR}/)
+
+# One folder for all of them, as after installation: <tslb/tslb_dynarr.h> is the name in the build tree too.
+set(TSLB_HEADER_FOLDER ${PROJECT_BINARY_DIR}/include/tslb)
+file(MAKE_DIRECTORY ${TSLB_HEADER_FOLDER})
+foreach(header IN LISTS TSLB_PUBLIC_HEADERS TSLB_HOST_PUBLIC_HEADERS)
+  get_filename_component(name ${header} NAME)
+  file(CREATE_LINK ${header} ${TSLB_HEADER_FOLDER}/${name} SYMBOLIC)
+endforeach()
+
+set(includes)
+foreach(header IN LISTS TSLB_PUBLIC_HEADERS)
+  get_filename_component(name ${header} NAME)
+  string(APPEND includes "#include \"${name}\"\n")
+endforeach()
+set(umbrella ${TSLB_HEADER_FOLDER}/tslb.h)
+file(CONFIGURE OUTPUT ${umbrella} @ONLY CONTENT
+"/* All public headers of libtslb, for C11 and C++17 on. Those of libtslb_host.a are included by name, as in
+ * <tslb/array_loader.h>. */
+#ifndef TSLB_H
+#define TSLB_H
+
+@includes@
+#endif
+")
+list(APPEND TSLB_PUBLIC_HEADERS ${umbrella})

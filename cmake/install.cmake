@@ -1,0 +1,36 @@
+# What `cmake --install` gives: library, host stand-in, headers, man pages, and how CMake and pkg-config find them. No
+# installed file holds the prefix, so the whole can be moved.
+include(CMakePackageConfigHelpers)
+set(TSLB_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/tslb)
+set(TSLB_PKGCONFIG_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+foreach(dir IN ITEMS ${CMAKE_INSTALL_LIBDIR} ${CMAKE_INSTALL_INCLUDEDIR} ${CMAKE_INSTALL_BINDIR})
+  if(IS_ABSOLUTE ${dir})
+    message(FATAL_ERROR "${dir}: installation folders are given relative to the prefix")
+  endif()
+endforeach()
+
+set_target_properties(tslb PROPERTIES PUBLIC_HEADER "${TSLB_PUBLIC_HEADERS}")
+set_target_properties(tslb_host PROPERTIES PUBLIC_HEADER "${TSLB_HOST_PUBLIC_HEADERS}" EXPORT_NAME host)
+install(TARGETS tslb tslb_host EXPORT tslb-targets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev
+  PUBLIC_HEADER DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tslb COMPONENT dev
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(EXPORT tslb-targets NAMESPACE tslb:: DESTINATION ${TSLB_CMAKE_DIR} COMPONENT dev)
+
+set(generated ${PROJECT_BINARY_DIR}/install)
+configure_package_config_file(cmake/tslb-config.cmake.in ${generated}/tslb-config.cmake
+  INSTALL_DESTINATION ${TSLB_CMAKE_DIR} NO_SET_AND_CHECK_MACRO)
+# Before 1.0 a minor version may break what the one before it promised.
+write_basic_package_version_file(${generated}/tslb-config-version.cmake COMPATIBILITY SameMinorVersion)
+install(FILES ${generated}/tslb-config.cmake ${generated}/tslb-config-version.cmake
+  DESTINATION ${TSLB_CMAKE_DIR} COMPONENT dev)
+
+# From the .pc file's folder to the prefix. The root stands in for it: only the way back matters.
+file(RELATIVE_PATH TSLB_PREFIX_FROM_PC /${TSLB_PKGCONFIG_DIR} /)
+string(REGEX REPLACE "/$" "" TSLB_PREFIX_FROM_PC "${TSLB_PREFIX_FROM_PC}")
+list(JOIN TSLB_HOST_LINK_OPTIONS " " TSLB_HOST_PC_OPTIONS)
+foreach(name IN ITEMS tslb tslb-host)
+  configure_file(cmake/${name}.pc.in ${generated}/${name}.pc @ONLY)
+  install(FILES ${generated}/${name}.pc DESTINATION ${TSLB_PKGCONFIG_DIR} COMPONENT dev)
+endforeach()

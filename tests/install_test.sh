@@ -1,0 +1,57 @@
+#!/usr/bin/env bash
+# Installs into an empty folder, moves that elsewhere, and builds and runs hosts on what lies there: found by CMake, and
+# found by pkg-config.
+#   install_test.sh BUILD_FOLDER CMAKE C_COMPILER CXX_COMPILER
+set -euo pipefail
+build=$1
+cmake=$2
+export CC=$3 CXX=$4
+hosts=$(cd "$(dirname "$0")/install" && pwd)
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+fail() {
+  echo "$*" >&2
+  exit 1
+}
+expect() {
+  [ "$1" = "$2" ] || fail "got \"$1\" where \"$2\" was due"
+}
+check_hosts() {
+  expect "$("$1/host_c")" "100 records, the last from the hill"
+  expect "$("$1/host_cpp")" "a chunk: hill"
+}
+
+env -u DESTDIR "$cmake" --install "$build" --prefix "$scratch/first" >/dev/null
+prefix=$scratch/moved/here
+mkdir "$scratch/moved"
+mv "$scratch/first" "$prefix"
+! grep -rlF -e "$scratch/first" -e "$build" "$prefix" || fail "these name the folder of a build or an installation"
+
+by_cmake() {
+  "$cmake" -S "$hosts" -B "$scratch/by_cmake" -DCMAKE_PREFIX_PATH="$prefix" && "$cmake" --build "$scratch/by_cmake"
+}
+by_cmake >"$scratch/log" 2>&1 || fail "$(cat "$scratch/log")"
+check_hosts "$scratch/by_cmake"
+
+PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name tslb.pc)")
+export PKG_CONFIG_PATH
+mkdir "$scratch/by_pkg_config"
+strict=(-Wall -Wextra -Wpedantic -Werror)
+read -ra cflags < <(pkg-config --cflags tslb-host)
+read -ra libs < <(pkg-config --libs tslb-host)
+rpath=-Wl,-rpath,$(pkg-config --variable=libdir tslb)
+"$CC" -std=c11 "${strict[@]}" "${cflags[@]}" "$hosts/host.c" -o "$scratch/by_pkg_config/host_c" "${libs[@]}" "$rpath"
+"$CXX" -std=c++17 "${strict[@]}" "${cflags[@]}" "$hosts/host.cpp" -o "$scratch/by_pkg_config/host_cpp" "${libs[@]}" \
+  "$rpath"
+check_hosts "$scratch/by_pkg_config"
+
+# No header leans on one that is not installed.
+for header in "$prefix"/include/tslb/*.h; do echo "#include <tslb/${header##*/}>"; done >"$scratch/all.c"
+"$CC" -std=c11 "${strict[@]}" "${cflags[@]}" -fsyntax-only "$scratch/all.c"
+"$CXX" -std=c++17 "${strict[@]}" "${cflags[@]}" -fsyntax-only -x c++ "$scratch/all.c"
+
+# The tools find the library where it lies now, and each has its man page.
+for tool in "$prefix"/bin/*; do
+  env -u LD_LIBRARY_PATH "$tool" --help >/dev/null
+  [ -e "$prefix/share/man/man1/${tool##*/}.1" ] || fail "${tool##*/} has no man page"
+done
