@@ -24,14 +24,15 @@ static void convert(const char *function, void *cbargs, uint8_t target_version, 
                  args.h_mpool_cur, args.h_mpool_prev, tslb_da_get_total_size(destination));
   if (source == nullptr) return;
   const uint32_t slot_bytes = slot_bytes_of(source);
+  const bool plain = !has_lists(destination);
   slot_run_t left = {nullptr, 0};
   for (uint32_t i = 0; i < get_dyn_total_allocated_records(destination); ++i) {
     if (left.count == 0) left = run_at(source, i, get_dyn_arr_size(source));
     if (left.slot == nullptr) return;
     uint32_t idx;
-    char *const node_cv = static_cast<char *>(tslb_da_get_newptr(destination, &idx));
+    void *const node_cv = plain ? take_plain_slot(destination, &idx) : tslb_da_get_newptr(destination, &idx);
     if (node_cv == nullptr) return;
-    copy(node_cv, left.slot);
+    copy(static_cast<char *>(node_cv), left.slot);
     left = {left.slot + slot_bytes, left.count - 1};
   }
 }
@@ -64,9 +65,12 @@ void tsdb_recov_downgrade_derived_metric_t_1_0(void *cbargs) {
 
 void tsdb_recov_downgrade_rc_tysub_1_0(void *cbargs) {
   convert(__func__, cbargs, 0, [](char *to, const char *from) {
-    ty_sub_t_v1 newer;
-    memcpy(&newer, from, sizeof(newer));
-    ty_sub_t_v0 older = {};  // gaps stay zero
+    // In place, since a copy of each would cost more than the fields; neither need be aligned.
+    typedef ty_sub_t_v1 newer_t __attribute__((aligned(1)));
+    typedef ty_sub_t_v0 older_t __attribute__((aligned(1)));
+    const newer_t &newer = *reinterpret_cast<const newer_t *>(from);
+    older_t &older = *reinterpret_cast<older_t *>(to);
+    older = {};  // gaps stay zero
     older.i_name = newer.i_name;
     older.prev_id = newer.prev_id;
     older.next_id = newer.next_id;
@@ -79,7 +83,6 @@ void tsdb_recov_downgrade_rc_tysub_1_0(void *cbargs) {
     for (int j = 0; j < 5; ++j) older.rsb_arr[j] = {newer.rsb_arr[j].base_seq_no, newer.rsb_arr[j].tt_rsb};
     older.i_offline_dirpath = newer.i_offline_dirpath;
     older.i_namepath = newer.i_namepath;
-    memcpy(to, &older, sizeof(older));
   });
 }
 

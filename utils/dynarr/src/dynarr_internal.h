@@ -6,6 +6,7 @@
 #include "dynamic_array.h"
 #include "tslb_dynarr.h"
 #include "tslb_rd_api.h"
+#include "tslb_util.h"
 
 // ---- Shared words --------------------------------------------------------------------------------------------------
 // Words of stored structures that one thread reads while another writes. They can lie at any address, hence the untyped
@@ -89,7 +90,7 @@ static inline constexpr uint32_t node_bytes_of(uint8_t daflag) {
 }
 
 static inline bool has_lists(const DynArrHandle_t *array) {
-  return node_bytes_of(array->daflag) != 0;
+  return shift_of(array->daflag) != 0;
 }
 static inline bool has_inactive_list(const DynArrHandle_t *array) {
   return (array->daflag & TSLB_DA_DAFLAG_INLL) != 0;
@@ -206,6 +207,15 @@ static inline int32_t new_record_id(DynArrHandle_t *array, void **ptr, uint8_t d
   return n_alloc == UINT32_MAX ? dynarr_refuse_id(n_alloc) : -1;
 }
 
+// tslb_da_get_newptr of an array without lists. The clock is read for every slot, also for one that keeps no time.
+static inline void *take_plain_slot(DynArrHandle_t *array, uint32_t *idx) {
+  tslb_get_time(nullptr);
+  void *slot_ptr;
+  *idx = static_cast<uint32_t>(new_record_id(array, &slot_ptr, array->daflag));
+  if (slot_ptr != nullptr) set32(slot_ptr, GATEKEEPER);
+  return slot_ptr;
+}
+
 // Slots that lie side by side: those of the direct area or of one data block, from one of them on.
 struct slot_run_t {
   char *slot;      // null: memory was refused, which was reported
@@ -228,8 +238,12 @@ struct list_array_t {
   DynArrLLI_t *lli;
   uint8_t daflag;
 
-  void *slot(uint32_t idx) const { return position_in(array, hdr, idx, daflag); }
   bool has_inactive_list() const { return (daflag & TSLB_DA_DAFLAG_INLL) != 0; }
+  // Null if there is no such slot.
+  void *slot(uint32_t idx) const {
+    if (idx >= get32(&hdr->n_used)) return nullptr;
+    return slot_byte_of(array, hdr, idx, hdr->record_size + (has_inactive_list() ? 2 : 1) * NODE_BYTES, NODE_BYTES);
+  }
   node_bw *bw(void *slot_ptr) const { return bw_of(slot_ptr, hdr->record_size); }
 };
 

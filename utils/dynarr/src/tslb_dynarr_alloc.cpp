@@ -59,7 +59,9 @@ static bool policy_wants_reuse(const list_array_t &list) {
 
 // Takes the head of the inactive list if policy and age allow it; null if not. `*head_ts` is the head's time whenever a
 // head was looked at. No other slot is: the head has been inactive for longest.
-static void *take_inactive_head(const list_array_t &list, uint32_t *idx, uint32_t *head_ts) {
+// Not in line: who asks it keeps the rest in registers.
+__attribute__((noinline)) static void *take_inactive_head(dynarr_t *array, uint32_t *idx, uint32_t *head_ts) {
+  const list_array_t list = list_array_of(array);
   DynArrLLI_t *const lli = list.lli;
   if (!policy_wants_reuse(list)) return nullptr;
   const uint32_t head = get32(&lli->inact_head);
@@ -107,12 +109,6 @@ void tslb_da_register_reuse_policy(dynarr_t *handle_dynarr, tsdb_mem_pressure_co
 
 // ---- Allocation ---------------------------------------------------------------------------------------------------
 
-static void *take_fresh(dynarr_t *array, uint32_t *idx) {
-  void *slot_ptr;
-  *idx = static_cast<uint32_t>(new_record_id(array, &slot_ptr, array->daflag));
-  return slot_ptr;
-}
-
 // Status last: a reader that finds the slot active finds its links settled.
 static inline void write_nodes(const list_array_t &list, void *slot_ptr, uint32_t now) {
   if (list.has_inactive_list()) {
@@ -140,25 +136,33 @@ static void clear_payload(void *payload, uint32_t record_size) {
   memset(static_cast<char *>(payload) + done, 0, record_size - done);
 }
 
+// Takes the slot of least cost: a free one, an idle one, a new one. Its payload is what it was.
+__attribute__((always_inline)) static inline taken_t choose_slot(const list_array_t &list, uint32_t now,
+                                                                 bool may_reuse) {
+  uint32_t idx = TSLB_DA_NIL_IDX, last_ts = now;
+  if (void *const slot_ptr = take_free_head(list, &idx)) return {slot_ptr, idx, now, TSLB_DA_SLOT_FREE};
+  if (may_reuse && list.lli->mem_pressure_conf.mvt_reuse_policy_use != 0) {
+    if (void *const slot_ptr = take_inactive_head(list.array, &idx, &last_ts))
+      return {slot_ptr, idx, last_ts, TSLB_DA_SLOT_INACTIVE};
+  }
+  void *slot_ptr;
+  idx = static_cast<uint32_t>(new_record_id(list.array, &slot_ptr, list.daflag));
+  return {slot_ptr, idx, last_ts, TSLB_DA_SLOT_UNSET};
+}
+
 // A slot of a list array, its nodes written. The payload of a used one goes to `last_value` if that is not null. Under
-// the lock. Inlined: what was taken stays in registers.
+// the lock.
 __attribute__((always_inline)) static inline taken_t take_slot(dynarr_t *array, uint32_t now, bool may_reuse,
                                                                void *last_value) {
   const list_array_t list = list_array_of(array);
-  taken_t taken = {nullptr, TSLB_DA_NIL_IDX, now, TSLB_DA_SLOT_UNSET};
-  if ((taken.slot_ptr = take_free_head(list, &taken.idx)) != nullptr)
-    taken.last_status = TSLB_DA_SLOT_FREE;
-  else if (may_reuse && (taken.slot_ptr = take_inactive_head(list, &taken.idx, &taken.last_ts)) != nullptr)
-    taken.last_status = TSLB_DA_SLOT_INACTIVE;
-
-  if (taken.slot_ptr != nullptr) {
+  const taken_t taken = choose_slot(list, now, may_reuse);
+  if (taken.slot_ptr == nullptr) return taken;
+  if (taken.last_status != TSLB_DA_SLOT_UNSET) {
     const uint32_t record_size = list.hdr->record_size;
     if (last_value != nullptr) memcpy(last_value, taken.slot_ptr, record_size);
     clear_payload(taken.slot_ptr, record_size);
-  } else {
-    taken.slot_ptr = take_fresh(array, &taken.idx);
   }
-  if (taken.slot_ptr != nullptr) write_nodes(list, taken.slot_ptr, now);
+  write_nodes(list, taken.slot_ptr, now);
   return taken;
 }
 
@@ -167,18 +171,13 @@ void *tslb_da_get_newptr(dynarr_t *handle_dynarr, uint32_t *new_idx) {
 }
 
 void *tslb_da_get_newptr_ex(dynarr_t *handle_dynarr, uint32_t *new_idx, uint8_t lock_off) {
-  const bool lists = has_lists(handle_dynarr);
+  if (!has_lists(handle_dynarr)) return take_plain_slot(handle_dynarr, new_idx);
   const uint32_t now = static_cast<uint32_t>(tslb_get_time(nullptr));
-  taken_t taken = {nullptr, TSLB_DA_NIL_IDX, now, TSLB_DA_SLOT_UNSET};
-  if (!lists) {
-    taken.slot_ptr = take_fresh(handle_dynarr, &taken.idx);
-  } else {
-    if (lock_off != 0) spin_lock(&handle_dynarr->spinlock);
-    taken = take_slot(handle_dynarr, now, true, nullptr);
-    if (lock_off != 0) spin_unlock(&handle_dynarr->spinlock);
-  }
+  if (lock_off != 0) spin_lock(&handle_dynarr->spinlock);
+  const taken_t taken = take_slot(handle_dynarr, now, true, nullptr);
+  if (lock_off != 0) spin_unlock(&handle_dynarr->spinlock);
   if (taken.slot_ptr != nullptr) {
-    if (lists && redo_is_on_by_name(handle_dynarr)) {
+    if (redo_is_on_by_name(handle_dynarr)) {
       redo_header(handle_dynarr);
       redo_nodes(handle_dynarr, taken.idx, taken.slot_ptr);
     }
@@ -198,7 +197,7 @@ void *tslb_da_get_newptr_inll_ex(dynarr_t *handle_dynarr, uint32_t *new_idx, uin
   const uint32_t now = static_cast<uint32_t>(tslb_get_time(nullptr));
   taken_t taken = {nullptr, TSLB_DA_NIL_IDX, now, TSLB_DA_SLOT_UNSET};
   if (!has_lists(handle_dynarr)) {
-    taken.slot_ptr = take_fresh(handle_dynarr, &taken.idx);
+    taken.idx = static_cast<uint32_t>(new_record_id(handle_dynarr, &taken.slot_ptr, handle_dynarr->daflag));
   } else {
     spin_lock(&handle_dynarr->spinlock);
     const bool may_reuse = __atomic_load_n(&lib_config.tslb_mvt_reuse_enabled, __ATOMIC_RELAXED) != 0;
