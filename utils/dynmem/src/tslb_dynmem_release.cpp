@@ -52,7 +52,8 @@ void note_slot_left(dynmem_t *pool, chunk_place_t end) {
   private_of(pool)->unsettled = noted;
 }
 
-static bool is_settled(dynmem_t *pool, uint32_t slot_idx) {
+static inline bool is_settled(dynmem_t *pool, uint32_t slot_idx) {
+  if (private_of(pool)->unsettled == nullptr) return true;  // nearly always
   drop_settled(pool);
   for (const unsettled_slot_t *noted = private_of(pool)->unsettled; noted != nullptr; noted = noted->next) {
     if (noted->slot_idx == slot_idx) return false;
@@ -81,7 +82,7 @@ static bool release_if_empty(dynmem_t *pool, uint32_t slot_idx, MemSlot_t *slot)
   const bool released = !is_complete_ring(pool) && !is_current(pool, slot_idx) && is_settled(pool, slot_idx) &&
                         looks_empty(slot) && slot_free_locked(pool, slot_idx, slot) == 0;
   spin_unlock(&pool->spinlock);
-  if (released) slot_free_log(pool, slot_idx);
+  if (released && redo_is_on(pool)) slot_free_log(pool, slot_idx);
   return released;
 }
 
