@@ -1,0 +1,501 @@
+// The inspector against arrays that the library stored: facts as the library has them, and each contradiction told with
+// the byte where it stands.
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <nlohmann/json.hpp>
+
+#include "array_support.h"
+#include "tslb_rd_api.h"
+#include "tslb_settings.h"
+
+namespace fs = std::filesystem;
+using json_t = nlohmann::json;
+using arguments_t = std::vector<std::string>;
+
+static std::string content_of(int fd) {
+  std::string content(static_cast<size_t>(lseek(fd, 0, SEEK_END)), '\0');
+  EXPECT_EQ(pread(fd, content.data(), content.size(), 0), static_cast<ssize_t>(content.size()));
+  close(fd);
+  return content;
+}
+
+static std::string stream_of(DynArrHandle_t *array) {
+  const int fd = memfd_create("stream", MFD_CLOEXEC);
+  size_t total = 0;
+  EXPECT_EQ(tslb_create_dump_for_dynarr(array, fd, 0, &total), 0);
+  return content_of(fd);
+}
+
+// ---- Arrays --------------------------------------------------------------------------------------------------------
+
+// 20 slots, 3 of them direct: free 4, 2, 9; inactive 7, 5. Record i begins with the word i.
+static array_t two_lists(char mem_type = MPOOL_TYPE_DRAM, const char *ctx_name = nullptr) {
+  array_t array(tslb_da_init_ver(12, 3, mem_type, ctx_name, 12, TSLB_DA_DAFLAG_INLL, 5));
+  for (uint32_t i = 0; i < 20; ++i) {
+    uint32_t idx;
+    write_at(tslb_da_get_newptr(array.get(), &idx), 0, i);
+  }
+  for (const uint32_t idx : {4u, 2u, 9u}) tslb_da_free_idx(array.get(), idx);
+  for (const uint32_t idx : {7u, 5u}) tslb_da_inactivate_idx(array.get(), idx, 1000);
+  return array;
+}
+constexpr size_t SLOT_BYTES = 28, HEADER_BYTES = 84;
+static size_t slot(size_t idx) {
+  return HEADER_BYTES + idx * SLOT_BYTES;
+}
+
+// Slots of 64 bytes. Slot 0 is freed; slot 1 has 32 of 56 bytes deleted; slot 2 is current and has 24.
+static array_t chunk_pool() {
+  array_t pool(tslb_init_dynmem_ex1(64, 2, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM, 1, nullptr, BBP_TBLID, TSLB_DA_DAFLAG_LL,
+                                    7, 0, 0));
+  std::vector<maddr_t> chunks;
+  for (const int bytes : {40, 16, 8, 8}) {
+    maddr_t address;
+    tslb_dynmem_get_mchunk(pool.get(), &address, bytes, srcaddr_t{1, 2, 3, {0, 0}});
+    chunks.push_back(address);
+  }
+  for (const size_t i : {0u, 1u}) tslb_dynmem_del_mchunk(pool.get(), chunks[i]);
+  return pool;
+}
+constexpr size_t POOL_SLOT_BYTES = 80, POOL_HEADER_BYTES = 140;
+
+struct trimming_t {
+  trimming_t() {
+    tslb_test_mode = 0;
+    lib_config.tslb_enable_file_trimming_flag = 1;
+  }
+  ~trimming_t() {
+    tslb_test_mode = static_cast<char>(0xFF);
+    lib_config.tslb_enable_file_trimming_flag = 0;
+  }
+};
+
+// ---- The tool ------------------------------------------------------------------------------------------------------
+
+struct run_t {
+  int exit_code;
+  std::string out, err;
+};
+
+static run_t run_program(const char *program, const fs::path &dir, const arguments_t &arguments) {
+  const int out = memfd_create("stdout", 0), err = memfd_create("stderr", 0);
+  std::vector<char *> words = {const_cast<char *>(program)};
+  for (const std::string &argument : arguments) words.push_back(const_cast<char *>(argument.c_str()));
+  words.push_back(nullptr);
+  const pid_t child = fork();
+  if (child == 0) {
+    dup2(out, STDOUT_FILENO);
+    dup2(err, STDERR_FILENO);
+    if (chdir(dir.c_str()) == 0) execv(program, words.data());
+    _exit(99);
+  }
+  int status = 0;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, content_of(out), content_of(err)};
+}
+
+class Inspect : public testing::Test {
+ protected:
+  Inspect() {
+    std::string name = testing::TempDir() + "inspect.XXXXXX";
+    dir_ = mkdtemp(name.data());
+  }
+  ~Inspect() override {
+    tslb_set_base_path("");
+    fs::remove_all(dir_);
+  }
+
+  void write(const std::string &name, const std::string &content) const {
+    std::ofstream(dir_ / name, std::ios::binary) << content;
+  }
+  std::string read(const std::string &name) const {
+    std::ifstream file(dir_ / name, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+  run_t run(const arguments_t &arguments) const { return run_program(TSLB_INSPECT, dir_, arguments); }
+
+  // The only array of the output.
+  json_t inspect(arguments_t arguments, int exit_code) const {
+    arguments.insert(arguments.begin(), "--json");
+    const run_t ran = run(arguments);
+    EXPECT_EQ(ran.exit_code, exit_code) << ran.err;
+    EXPECT_EQ(ran.err, "");
+    const json_t output = json_t::parse(ran.out, nullptr, false);
+    EXPECT_EQ(output["arrays"].size(), 1u);
+    return output["arrays"][0];
+  }
+
+  // Files 0 to 2 of the array with two lists.
+  void write_block_files(const std::string &ctx_name = "ctx") const {
+    tslb_set_base_path(dir_.c_str());
+    const array_t array = two_lists(MPOOL_TYPE_SHM, ctx_name.c_str());
+  }
+
+  fs::path dir_;
+};
+
+// As in "in: byte 8: ...", the faults alone.
+static std::vector<std::string> faults_of(const json_t &array) {
+  std::vector<std::string> faults;
+  for (const json_t &finding : array["findings"])
+    if (finding["severity"] == "fault")
+      faults.push_back(finding["file"].get<std::string>() + ": byte " +
+                       std::to_string(finding["offset"].get<uint64_t>()) + ": " + finding["text"].get<std::string>());
+  return faults;
+}
+
+static json_t field_of(const json_t &array, const std::string &header, const std::string &name) {
+  for (const json_t &candidate : array["headers"])
+    for (const json_t &field : candidate["fields"])
+      if (candidate["name"] == header && field["name"] == name) return field;
+  ADD_FAILURE() << header << " has no " << name;
+  return {};
+}
+
+// ---- Facts ---------------------------------------------------------------------------------------------------------
+
+static void expect_two_lists(const json_t &array) {
+  EXPECT_EQ(array["findings"].size(), 0u) << array["findings"];
+  EXPECT_EQ(array["slots"]["active"], 15);
+  EXPECT_EQ(array["slots"]["free"], 3);
+  EXPECT_EQ(array["slots"]["inactive"], 2);
+  const json_t &lists = array["lists"];
+  ASSERT_EQ(lists.size(), 2u);
+  EXPECT_EQ(lists[0]["head"], 4);
+  EXPECT_EQ(lists[0]["tail"], 9);
+  EXPECT_EQ(lists[0]["length"], 3);
+  EXPECT_EQ(lists[1]["head"], 7);
+  EXPECT_EQ(lists[1]["last"], 5);
+  EXPECT_EQ(field_of(array, "DynArrLLI_t", "n_inact")["value"], 2);
+  EXPECT_EQ(field_of(array, "DynArrLLI_t", "n_inact")["offset"], 24);
+  EXPECT_EQ(field_of(array, "DynArrHdr_t", "record_size")["value"], 12);
+  EXPECT_EQ(field_of(array, "DynHdr_t", "rec_version")["value"], 5);
+}
+
+TEST_F(Inspect, SlotArraysOfBothForms) {
+  write("in", stream_of(two_lists().get()));
+  const json_t stream = inspect({"in"}, 0);
+  expect_two_lists(stream);
+  EXPECT_EQ(stream["form"], "stream");
+  EXPECT_EQ(stream["geometry"]["stored_bytes"], slot(20));
+  // The set is one array, whichever of its files are named.
+  for (const std::string &ctx_name : {std::string("ctx"), std::string(40, 'c')}) {
+    write_block_files(ctx_name);
+    const json_t blocks = inspect({ctx_name + "/12.0.darr", ctx_name + "/12.0.darr"}, 0);
+    expect_two_lists(blocks);
+    EXPECT_EQ(blocks["files"].size(), 3u);
+    EXPECT_EQ(blocks["geometry"]["stored_bytes"], slot(3 + 32));
+  }
+  EXPECT_EQ(inspect({"ctx/12.2.darr", "ctx/12.1.darr"}, 0)["name"], "ctx/12.0.darr");
+}
+
+TEST_F(Inspect, LevelsBlocksAndTables) {
+  const array_t array(tslb_da_init_v5(8, 4, MPOOL_TYPE_DRAM, nullptr, 1));
+  for (uint32_t i = 0; i < 4 + 256 + 5 * 16 + 1; ++i) tslb_da_get_newidx(array.get());
+  write("in", stream_of(array.get()));
+  const json_t geometry = inspect({"in"}, 0)["geometry"];
+  EXPECT_EQ(geometry["data_blocks"], 16 + 6);
+  EXPECT_EQ(geometry["capacity"], 4u + 286331136u);
+  EXPECT_EQ(geometry["table_bytes"], 128 * (1 + 1 + 2)) << "the root table, one of level 1, two of level 2";
+  const json_t &level = geometry["levels"][1];
+  EXPECT_EQ(geometry["levels"].size(), 2u);
+  EXPECT_EQ(level["first_id"], 260);
+  EXPECT_EQ(level["first_block"], 17);
+  EXPECT_EQ(level["used"], 81);
+  EXPECT_EQ(level["blocks"], 6);
+  EXPECT_EQ(level["block_bytes"], 6 * 16 * 8);
+}
+
+TEST_F(Inspect, PoolsSlotBySlot) {
+  const std::string whole = stream_of(chunk_pool().get());
+  for (const bool is_cut : {false, true}) {
+    SCOPED_TRACE(is_cut);
+    const size_t cut_bytes = 8 + 8 + 24;  // node, counters, chunks
+    write("in", is_cut ? whole.substr(0, POOL_HEADER_BYTES + 2 * POOL_SLOT_BYTES + cut_bytes) : whole);
+    const json_t array = inspect({"in"}, 0);
+    const json_t &pool = array["pool"];
+    ASSERT_EQ(pool["slots"].size(), 3u);
+    EXPECT_EQ(pool["slots"][0], json_t::parse(R"({"state":"free","used":0,"deleted":0,"tail":0})"));
+    EXPECT_EQ(pool["slots"][1], json_t::parse(R"({"state":"filled","used":56,"deleted":32,"tail":8})"));
+    EXPECT_EQ(pool["slots"][2], json_t::parse(R"({"state":"current","used":24,"deleted":0,"tail":40})"));
+    EXPECT_EQ(pool["used"], 80);
+    EXPECT_EQ(pool["tail_lost"], 8);
+    EXPECT_EQ(pool["tail_open"], 40);
+    EXPECT_EQ(field_of(array, "DynMemHdr_t", "cur_slot_addr.byte_off")["value"], 24);
+  }
+  // Another user header of that size is nobody's business.
+  EXPECT_FALSE(inspect({"--kind", "array", "in"}, 1).contains("pool")) << "a cut slot is a pool's";
+}
+
+TEST_F(Inspect, RecordsById) {
+  write("in", stream_of(two_lists().get()));
+  const json_t record = inspect({"--record", "6", "in"}, 0)["record"];
+  EXPECT_EQ(record["offset"], slot(6));
+  EXPECT_EQ(record["hex"].get<std::string>().substr(0, 24), "02000000ffffffff06000000");
+  const run_t ran = run({"--record", "6", "in"});
+  EXPECT_NE(ran.out.find("  record 6, slot at byte 252 of in\n    status 2, next none\n"
+                         "           260  06 00 00 00"),
+            std::string::npos)
+      << ran.out;
+  write_block_files();
+  EXPECT_EQ(inspect({"--record", "19", "ctx/12.0.darr"}, 0)["record"]["file"], "ctx/12.2.darr");
+  const run_t none = run({"--record", "20", "in"});
+  EXPECT_EQ(none.exit_code, 2);
+  EXPECT_EQ(none.err, "tslb-inspect: in: no record 20 among 20\n");
+}
+
+// ---- Contradictions ------------------------------------------------------------------------------------------------
+
+struct contradiction_t {
+  const char *fault;
+  std::function<void(std::string *)> damage;
+  std::vector<std::string> findings;  // behind "in: byte "
+};
+
+template <class Value>
+static std::function<void(std::string *)> put(size_t offset, Value value) {
+  return [=](std::string *bytes) { write_at(bytes->data(), offset, value); };
+}
+static std::function<void(std::string *)> cut(size_t bytes) {
+  return [=](std::string *stream) { stream->resize(bytes); };
+}
+
+class Contradictions : public Inspect {
+ protected:
+  void expect_told(const std::string &sound, const std::vector<contradiction_t> &rows) const {
+    for (const contradiction_t &row : rows) {
+      SCOPED_TRACE(row.fault);
+      std::string damaged = sound;
+      row.damage(&damaged);
+      write("in", damaged);
+      std::vector<std::string> wanted;
+      for (const std::string &finding : row.findings) wanted.push_back("in: byte " + finding);
+      EXPECT_EQ(faults_of(inspect({"in"}, 1)), wanted);
+      const run_t text = run({"in"});
+      EXPECT_EQ(text.exit_code, 1);
+      for (const std::string &finding : wanted) EXPECT_NE(text.out.find("\n  " + finding + "\n"), std::string::npos);
+    }
+  }
+};
+
+TEST_F(Contradictions, OfHeadersAndSizes) {
+  const std::string sound = stream_of(two_lists().get());
+  const auto with_longer = [](std::string *stream) { *stream += "xyz"; };
+  expect_told(
+      sound,
+      {
+          {"an empty file", cut(0), {"0: ends 0 bytes into DynHdr_t of 8"}},
+          {"half a first header", cut(5), {"5: ends 5 bytes into DynHdr_t of 8"}},
+          {"half of all headers", cut(70), {"70: ends 70 bytes into headers of 84"}},
+          {"another layout", put<uint8_t>(0, 3), {"0: lib_version 3, which is not 2"}},
+          {"a longer stream", with_longer, {"644: 3 more bytes behind the last slot"}},
+          {"a slot that is cut", cut(slot(19) + 9), {"625: ends 9 bytes into slot 19 of 20"}},
+          {"a list whose rest is cut away",
+           cut(slot(9)),
+           {"336: ends 0 bytes into slot 9 of 20", "144: the free list goes on in slot 9, which is not there"}},
+          {"more ids than there can be",
+           put<uint32_t>(72, 0xFFFFFFF0),
+           {"72: n_used 4294967280 is beyond what an array with n_direct 3 can have",
+            "644: ends 0 bytes into slot 20 of 4294967280"}},
+          {"a direct area beyond limits",
+           put<uint32_t>(76, 0x80000000),
+           {"76: n_direct 2147483648 is beyond what an array can have"}},
+          {"a direct area larger than block 0",
+           put<uint32_t>(76, 0x7FFFFFFF),
+           {"76: n_direct 2147483647 with slots of 28 bytes takes more than block 0 may"}},
+          {"nodes without a list",
+           put<uint8_t>(36, 4),
+           {"36: lltype 0x04 has no list, lli_sz says there is one", "324: 320 more bytes behind the last slot"}},
+      });
+}
+
+TEST_F(Contradictions, OfLists) {
+  const std::string sound = stream_of(two_lists().get());
+  const size_t next = 4, prev = 20;
+  expect_told(
+      sound,
+      {
+          {"a head beyond the array",
+           put<uint32_t>(8, 20),
+           {"8: the free list names slot 20 of 20", "140: slot 2 says that it is free and is not on that list",
+            "196: slot 4 says that it is free and is not on that list",
+            "336: slot 9 says that it is free and is not on that list"}},
+          {"a ring", put<uint32_t>(slot(9) + next, 2), {"340: the free list comes back to slot 2"}},
+          {"a list that ends early",
+           put<uint32_t>(slot(2) + next, 0xFFFFFFFF),
+           {"32: the free list counts 3 slots and has 2", "12: tail 9 of the free list, which ends with 2",
+            "336: slot 9 says that it is free and is not on that list"}},
+          {"a counter", put<uint32_t>(32, 4), {"32: the free list counts 4 slots and has 3"}},
+          {"a counter beyond the array", put<uint32_t>(24, 21), {"24: the inactive list counts 21 slots of 20"}},
+          {"a tail", put<uint32_t>(20, 7), {"20: tail 7 of the inactive list, which ends with 5"}},
+          {"a status on a list", put<uint32_t>(slot(5), 2), {"224: status 2 on the inactive list, slot 5"}},
+          {"a status on no list",
+           put<uint32_t>(slot(0), 3),
+           {"84: slot 0 says that it is inactive and is not on that list"}},
+          {"a status that is none", put<uint32_t>(slot(0), 9), {"84: status 9 of slot 0 is none that a slot can have"}},
+          {"a back link",
+           put<uint32_t>(slot(5) + prev, 3),
+           {"244: prev 3 of slot 5 on the inactive list, where 7 comes before it"}},
+      });
+}
+
+TEST_F(Contradictions, OfSlotsListedTwice) {
+  // The free list runs on into the inactive one.
+  std::string crossed = stream_of(two_lists().get());
+  write_at(crossed.data(), slot(9) + 4, uint32_t{7});
+  write("in", crossed);
+  const std::vector<std::string> faults = faults_of(inspect({"in"}, 1));
+  EXPECT_EQ(faults.size(), 4u) << "both statuses, the count and the tail";
+}
+
+TEST_F(Contradictions, OfPools) {
+  const size_t slot1 = POOL_HEADER_BYTES + POOL_SLOT_BYTES, slot2 = slot1 + POOL_SLOT_BYTES;
+  expect_told(
+      stream_of(chunk_pool().get()),
+      {
+          {"a slot's capacity", put<uint32_t>(12, 60), {"12: mslot_sz 60 does not go with record_size 72"}},
+          {"a cursor beyond the slots", put<uint32_t>(16, 3), {"16: cur_slot_addr names slot 3 of 3"}},
+          {"a cursor behind its slot", put<uint32_t>(20, 65), {"20: cur_slot_addr stands at byte 65 of a slot of 64"}},
+          {"a current slot that is free", put<uint32_t>(16, 0), {"140: status 1 of the current slot, 0"}},
+          {"more used than there is", put<uint32_t>(slot1 + 8, 65), {"228: bytes_used 65 of slot 1, which has 64"}},
+          {"more deleted than used",
+           put<uint32_t>(slot1 + 12, 57),
+           {"232: bytes_del 57 of slot 1, where bytes_used is 56"}},
+          {"a last slot cut too early", cut(slot2 + 39), {"339: ends 39 bytes into slot 2 of 3"}},
+          {"a last slot cut behind its cursor", cut(slot2 + 41), {"341: ends 41 bytes into slot 2 of 3"}},
+      });
+}
+
+TEST_F(Contradictions, OfBlockFiles) {
+  static const struct {
+    const char *fault;
+    std::function<void(const fs::path &)> damage;
+    const char *finding;
+  } rows[] = {
+      {"a missing block", [](const fs::path &dir) { fs::remove(dir / "12.1.darr"); },
+       "ctx/12.1.darr: byte 0: 1 of 2 data blocks missing from this one on"},
+      {"a short block", [](const fs::path &dir) { fs::resize_file(dir / "12.2.darr", 30); },
+       "ctx/12.2.darr: byte 30: 30 bytes long, its block takes 448"},
+      {"a long file 0", [](const fs::path &dir) { fs::resize_file(dir / "12.0.darr", 200); },
+       "ctx/12.0.darr: byte 168: 200 bytes long, its block takes 168"},
+      {"a status in a data block",
+       [](const fs::path &dir) {
+         std::fstream file(dir / "12.1.darr", std::ios::in | std::ios::out | std::ios::binary);
+         file.seekp(3 * SLOT_BYTES).put(9);
+       },
+       "ctx/12.1.darr: byte 84: status 9 of slot 6 is none that a slot can have"},
+      {"millions of blocks claimed",
+       [](const fs::path &dir) {
+         std::fstream file(dir / "12.0.darr", std::ios::in | std::ios::out | std::ios::binary);
+         file.seekp(72).write("\3\0\0\x10", 4);
+       },
+       "ctx/12.3.darr: byte 0: 16777214 of 16777216 data blocks missing from this one on"},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    write_block_files();
+    row.damage(dir_ / "ctx");
+    EXPECT_EQ(faults_of(inspect({"ctx/12.0.darr"}, 1)).front(), row.finding);
+    fs::remove_all(dir_ / "ctx");
+  }
+}
+
+TEST_F(Inspect, WhatIsUnusualIsNoFault) {
+  write_block_files();
+  write("ctx/12.3.darr", "left by an earlier run");
+  write("ctx/12.x.darr", "not a block");
+  const json_t array = inspect({"ctx/12.0.darr"}, 0);
+  ASSERT_EQ(array["findings"].size(), 1u);
+  EXPECT_EQ(array["findings"][0]["severity"], "remark");
+  EXPECT_EQ(array["findings"][0]["file"], "ctx/12.3.darr");
+}
+
+TEST_F(Inspect, FilesThatCannotBeRead) {
+  write("in", stream_of(two_lists().get()));
+  fs::create_directory(dir_ / "dir");
+  static const struct {
+    const char *file, *line;
+  } rows[] = {{"none", "none: cannot be read: No such file or directory"},
+              {"dir", "dir: not a regular file"},
+              {"dir/12.1.darr", "dir/12.0.darr: cannot be read: No such file or directory"}};
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.file);
+    const run_t ran = run({row.file, "in"});
+    EXPECT_EQ(ran.exit_code, 2);
+    EXPECT_EQ(ran.err, std::string("tslb-inspect: ") + row.line + "\n");
+    EXPECT_EQ(ran.out.find("in: snapshot stream, slot array: sound\n"), 0u) << "the others are still inspected";
+  }
+  EXPECT_EQ(run({}).exit_code, 2);
+  EXPECT_EQ(run({"--kind", "list", "in"}).exit_code, 2);
+}
+
+// ---- Pictures ------------------------------------------------------------------------------------------------------
+
+TEST_F(Inspect, OutputsReplaceNothingUnasked) {
+  const std::string sound = stream_of(two_lists().get());
+  write("in", sound);
+  write("old", "old");
+  EXPECT_EQ(run({"--svg", "old", "in"}).err, "tslb-inspect: old: exists; --force replaces it\n");
+  EXPECT_EQ(read("old"), "old");
+  EXPECT_EQ(run({"--force", "--html", "in", "in"}).err, "tslb-inspect: in: is one of the files inspected\n");
+  EXPECT_EQ(read("in"), sound);
+  EXPECT_EQ(run({"--force", "--svg", "old", "in"}).exit_code, 0);
+  EXPECT_EQ(read("old").find("<?xml"), 0u);
+}
+
+static size_t count_of(const std::string &text, const std::string &part) {
+  size_t n = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
+  return n;
+}
+
+// A browser parses the page and runs what may be in it; the tree that comes out is looked at.
+TEST_F(Inspect, PageInABrowser) {
+  const char *const browser = "/usr/bin/chromium";
+  if (access(browser, X_OK) != 0) GTEST_SKIP() << "chromium is not installed";
+  std::string damaged = stream_of(two_lists().get());
+  write_at(damaged.data(), slot(0), uint32_t{3});
+  write("<script>document.title='run'<!--", damaged);
+  write("pool", stream_of(chunk_pool().get()));
+  ASSERT_EQ(run({"--html", "page.html", "--svg", "picture.svg", "<script>document.title='run'<!--", "pool"}).exit_code,
+            1);
+  const std::string profile = "--user-data-dir=" + (dir_ / "profile").string();
+  const auto tree_of = [&](const std::string &file) {
+    const run_t ran = run_program(
+        browser, dir_,
+        {"--headless", "--no-sandbox", "--disable-gpu", profile, "--dump-dom", "file://" + (dir_ / file).string()});
+    EXPECT_EQ(ran.exit_code, 0) << ran.err;
+    return ran.out;
+  };
+  const std::string page = tree_of("page.html");
+  EXPECT_NE(page.find("<title>Stored arrays</title>"), std::string::npos) << "a file's name ran as a script";
+  EXPECT_EQ(count_of(page, "<section>"), 2u);
+  EXPECT_EQ(count_of(page, "<title>slot "), 35u + 2 * 18u) << "each slot of memory is a cell, in a pool two";
+  EXPECT_EQ(count_of(page, "class=\"m-stray\""), 2u) << "the slot and the legend";
+  EXPECT_NE(page.find("slot 0: inactive, claims a list in vain"), std::string::npos);
+  EXPECT_NE(page.find("<td>slot 0 says that it is inactive and is not on that list</td>"), std::string::npos);
+  EXPECT_EQ(page.find("http"), std::string::npos) << "nothing is loaded from elsewhere";
+  const std::string picture = tree_of("picture.svg");
+  EXPECT_EQ(picture.find("parsererror"), std::string::npos);
+  EXPECT_EQ(count_of(picture, "<title>slot "), 35u + 2 * 18u);
+}
+
+TEST_F(Inspect, ManySlotsShareCells) {
+  const array_t array(tslb_da_init_ll(4, 100000, MPOOL_TYPE_DRAM, nullptr, 1, TSLB_DA_DAFLAG_LL));
+  tslb_da_get_range(array.get(), 50000);
+  for (uint32_t idx = 0; idx < 256; ++idx) tslb_da_free_idx(array.get(), idx);
+  write("in", stream_of(array.get()));
+  ASSERT_EQ(run({"--svg", "out.svg", "in"}).exit_code, 0);
+  const std::string picture = read("out.svg");
+  EXPECT_EQ(count_of(picture, "<title>slots "), 391u) << "256 slots to a cell";
+  EXPECT_NE(picture.find("slots 0 to 255: 256 free<"), std::string::npos);
+  EXPECT_NE(picture.find("slots 49920 to 50175: 80 active, 176 not issued<"), std::string::npos);
+}

@@ -1,0 +1,187 @@
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cctype>
+
+#include "dynarr_internal.h"
+#include "render.h"
+
+namespace inspect {
+
+// ---- Words shared with the other renderers -------------------------------------------------------------------------
+
+std::string value_text(const field_t &field) {
+  if (!field.is_signed) return fmt::format("{}", field.value);
+  return fmt::format("{}", static_cast<int16_t>(field.value));
+}
+
+std::string index_text(uint32_t idx) {
+  return idx == TSLB_DA_NIL_IDX ? "none" : fmt::format("{}", idx);
+}
+
+const char *state_text(pool_slot_state_t state) {
+  static const char *const texts[] = {"current", "filled", "free", "unset"};
+  return texts[static_cast<size_t>(state)];
+}
+
+std::string kind_text(const report_t &report) {
+  const std::string form = report.is_stream ? "snapshot stream" : "block files";
+  if (!report.geometry) return form;
+  if (report.pool) return fmt::format("{}, {} pool", form, report.pool->kind);
+  return form + (report.has_nodes ? ", slot array" : ", plain array");
+}
+
+std::string verdict_text(const report_t &report) {
+  const auto counted = [](uint64_t count, const char *what) {
+    return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
+  };
+  const std::string faults = report.is_sound() ? "sound" : counted(report.n_faults, "fault");
+  return report.n_remarks == 0 ? faults : faults + ", " + counted(report.n_remarks, "remark");
+}
+
+namespace {
+
+// ---- Sections ------------------------------------------------------------------------------------------------------
+
+std::string findings_text(const report_t &report) {
+  std::string text;
+  for (const finding_t &finding : report.findings)
+    text += fmt::format("  {}{}: byte {}: {}\n", finding.severity == severity_t::FAULT ? "" : "remark: ", finding.file,
+                        finding.offset, finding.text);
+  const uint64_t more = report.n_faults + report.n_remarks - report.findings.size();
+  if (more != 0) text += fmt::format("  and {} more\n", more);
+  return text;
+}
+
+std::string hex_lines(const std::string &bytes, uint64_t offset);
+
+std::string header_text(const header_t &header) {
+  std::string text = fmt::format("  {}, {} bytes at {}\n", header.name, header.bytes, header.offset);
+  for (const field_t &field : header.fields)
+    text += fmt::format("    {:>6}  {:<50}  {}{}\n", field.offset, field.name, value_text(field),
+                        field.meaning.empty() ? "" : "  (" + field.meaning + ")");
+  return text + hex_lines(header.raw, header.offset);
+}
+
+std::string levels_text(const geometry_t &g) {
+  if (g.levels.empty()) return "";
+  std::string text =
+      fmt::format("    {:>5}  {:>10}  {:>10}  {:>10}  {:>11}  {:>10}  {:>12}  {:>8}  {:>12}\n", "level", "first id",
+                  "ids", "in use", "first block", "blocks", "block bytes", "tables", "table bytes");
+  for (const level_t &level : g.levels)
+    text += fmt::format("    {:>5}  {:>10}  {:>10}  {:>10}  {:>11}  {:>10}  {:>12}  {:>8}  {:>12}\n", level.level,
+                        level.first_id, level.ids, level.used, level.first_block, level.blocks, level.block_bytes,
+                        level.tables, level.table_bytes);
+  return text;
+}
+
+std::string geometry_text(const geometry_t &g) {
+  return fmt::format(
+             "  geometry\n"
+             "    slot           {} bytes: record {}, nodes {}\n"
+             "    slots          {} in use of {} that it can have, {} of them there\n"
+             "    block 0        {} bytes: headers {}, direct area {} for {} slots, {} in use\n"
+             "    data blocks    {} of {} bytes\n"
+             "    tables         {} bytes when attached, root table included\n"
+             "    stored bytes   {}; headers and used slots come to {}\n",
+             g.slot_bytes, g.record_bytes, g.node_bytes, g.n_used, g.capacity, g.n_present, g.block0_bytes,
+             g.header_bytes, g.block0_bytes - g.header_bytes, g.n_direct, g.n_direct_used, g.data_blocks,
+             g.data_block_bytes, g.table_bytes, g.stored_bytes, g.image_bytes) +
+         levels_text(g);
+}
+
+std::string lists_text(const report_t &report) {
+  if (!report.has_nodes) return "";
+  const statuses_t &counts = report.statuses;
+  std::string text = fmt::format(
+      "  slots\n    active {}, free {}, inactive {}, unset {}, not ready {}, other {}\n  lists\n", counts.n_active,
+      counts.n_free, counts.n_inactive, counts.n_unset, counts.n_not_ready, counts.n_other);
+  for (const list_t &list : report.lists)
+    text += fmt::format("    {:<13}  {} slots, counter {}; head {}, tail {}, walk ends with {}{}\n", list.name,
+                        list.length, list.count, index_text(list.head), index_text(list.tail), index_text(list.last),
+                        list.is_complete ? "" : ", which is not its end");
+  return text;
+}
+
+std::string pool_text(const pool_t &pool) {
+  std::string text = fmt::format(
+      "  pool, {}\n"
+      "    slots          {}: {} filled, {} free, {} unset\n"
+      "    chunk bytes    {} used, {} of them deleted; {} lost in tails, {} open in the current slot\n",
+      pool.kind, pool.slots.size(), pool.n_filled, pool.n_free, pool.n_unset, pool.used, pool.deleted, pool.tail_lost,
+      pool.tail_open);
+  if (!pool.slots.empty())
+    text += fmt::format("    {:>6}  {:<8}  {:>10}  {:>10}  {:>10}\n", "slot", "state", "used", "deleted", "tail");
+  for (size_t idx = 0; idx < std::min(pool.slots.size(), MAX_POOL_ROWS); ++idx) {
+    const pool_slot_t &slot = pool.slots[idx];
+    text += fmt::format("    {:>6}  {:<8}  {:>10}  {:>10}  {:>10}\n", idx, state_text(slot.state), slot.used,
+                        slot.deleted, slot.tail);
+  }
+  if (pool.slots.size() > MAX_POOL_ROWS)
+    text += fmt::format("    and {} more; --json has them all\n", pool.slots.size() - MAX_POOL_ROWS);
+  return text;
+}
+
+// ---- Bytes ---------------------------------------------------------------------------------------------------------
+
+constexpr size_t LINE_BYTES = 16;
+
+std::string hex_line(const std::string &line, uint64_t offset) {
+  std::string digits, letters;
+  for (size_t i = 0; i < line.size(); ++i) {
+    const unsigned char byte = static_cast<unsigned char>(line[i]);
+    digits += fmt::format("{}{:02x}", i == LINE_BYTES / 2 ? "  " : " ", byte);
+    letters += byte < 0x80 && std::isprint(byte) != 0 ? line[i] : '.';
+  }
+  return fmt::format("    {:>10} {:<49}  |{}|\n", offset, digits, letters);
+}
+
+// A line that repeats the one above stands for all that do.
+std::string hex_lines(const std::string &bytes, uint64_t offset) {
+  std::string text, above;
+  bool is_repeating = false;
+  for (size_t at = 0; at < bytes.size(); at += LINE_BYTES) {
+    const std::string line = bytes.substr(at, LINE_BYTES);
+    const bool is_last = at + LINE_BYTES >= bytes.size();
+    if (line != above || is_last)
+      text += hex_line(line, offset + at);
+    else if (!is_repeating)
+      text += "             *\n";
+    is_repeating = line == above;
+    above = line;
+  }
+  return text;
+}
+
+std::string record_text(const record_t &record) {
+  std::string text = fmt::format("  record {}, slot at byte {} of {}\n", record.id, record.offset, record.file);
+  if (record.bytes.empty()) return text + "    its bytes are not there\n";
+  // What is missing of a slot is missing at its end.
+  const size_t head = std::min<size_t>(record.head_bytes, record.bytes.size());
+  const auto word = [&](size_t at) {
+    uint32_t value;
+    record.bytes.copy(reinterpret_cast<char *>(&value), sizeof(value), at);
+    return value;
+  };
+  if (head == sizeof(node_fw)) text += fmt::format("    status {}, next {}\n", word(0), index_text(word(4)));
+  text += hex_lines(record.bytes.substr(head), record.offset + head);
+  if (record.bytes.size() < record.slot_bytes)
+    return text + fmt::format("    {} of the slot's {} bytes are there\n", record.bytes.size(), record.slot_bytes);
+  if (record.tail_bytes != 0) text += fmt::format("    its last {} bytes are the back node\n", record.tail_bytes);
+  return text;
+}
+
+}  // namespace
+
+std::string text_of(const report_t &report) {
+  std::string text =
+      fmt::format("{}: {}: {}\n", report.name, kind_text(report), verdict_text(report)) + findings_text(report);
+  for (const header_t &header : report.headers) text += header_text(header);
+  if (report.geometry) text += geometry_text(*report.geometry);
+  text += lists_text(report);
+  if (report.pool) text += pool_text(*report.pool);
+  if (report.record) text += record_text(*report.record);
+  return text;
+}
+
+}  // namespace inspect

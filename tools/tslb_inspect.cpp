@@ -1,0 +1,176 @@
+// tslb-inspect: looks into stored arrays and says what is there and what contradicts itself. What looks is inspect/; here
+// are the command line and where results go.
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "array_loader.h"
+#include "inspect/analysis.h"
+#include "inspect/render.h"
+
+namespace {
+
+constexpr int EXIT_SOUND = 0;
+constexpr int EXIT_FAULTS = 1;
+constexpr int EXIT_TROUBLE = 2;
+
+// Ends the run with its line on stderr.
+struct refused_t : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+struct arguments_t {
+  std::vector<std::string> files;
+  std::string svg, html;
+  inspect::options_t options;
+  bool json = false, force = false;
+};
+
+int complain(const std::string &what) {
+  fmt::print(stderr, "tslb-inspect: {}\n", what);
+  return EXIT_TROUBLE;
+}
+
+[[noreturn]] void refuse_with_errno(const std::string &path, const char *what) {
+  const int error = errno;
+  throw refused_t(fmt::format("{}: {}: {}", path, what, std::strerror(error)));
+}
+
+// ---- Results -------------------------------------------------------------------------------------------------------
+
+// A report that did not arrive must not look like success.
+void print(const std::string &text) {
+  if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0)
+    refuse_with_errno("stdout", "cannot be written");
+}
+
+// What was inspected stays as it is, under whatever name the output has.
+void check_output(const std::string &path, const inspect::reports_t &reports, bool force) {
+  struct stat output, input;
+  if (stat(path.c_str(), &output) != 0) return;
+  for (const inspect::report_t &report : reports)
+    for (const inspect::stored_file_t &file : report.files)
+      if (stat(file.name.c_str(), &input) == 0 && input.st_dev == output.st_dev && input.st_ino == output.st_ino)
+        throw refused_t(path + ": is one of the files inspected");
+  if (!S_ISREG(output.st_mode)) throw refused_t(path + ": exists and is not a regular file");
+  if (!force) throw refused_t(path + ": exists; --force replaces it");
+}
+
+void write_file(const std::string &path, const std::string &content, bool force) {
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | (force ? O_TRUNC : O_EXCL), 0666);
+  if (fd < 0) refuse_with_errno(path, "cannot be written");
+  for (size_t at = 0; at < content.size();) {
+    const ssize_t wrote = write(fd, content.data() + at, content.size() - at);
+    if (wrote < 0 && errno == EINTR) continue;
+    if (wrote < 0) {
+      const int error = errno;
+      close(fd);
+      errno = error;
+      refuse_with_errno(path, "cannot be written");
+    }
+    at += static_cast<size_t>(wrote);
+  }
+  if (close(fd) != 0) refuse_with_errno(path, "cannot be written");
+}
+
+// ---- Inspection ----------------------------------------------------------------------------------------------------
+
+// The files of one set are one array.
+std::vector<std::string> arrays_of(const std::vector<std::string> &files) {
+  std::vector<std::string> arrays;
+  std::set<std::string> seen;
+  for (const std::string &file : files)
+    if (seen.insert(inspect::store_key(file)).second) arrays.push_back(file);
+  return arrays;
+}
+
+void expect_record(const inspect::report_t &report, const arguments_t &arguments) {
+  if (!arguments.options.record || report.record) return;
+  const uint64_t n_used = report.geometry ? report.geometry->n_used : 0;
+  throw inspect::unreadable_t(fmt::format("{}: no record {} among {}", report.name, *arguments.options.record, n_used));
+}
+
+int inspect_all(const arguments_t &arguments) {
+  inspect::reports_t reports;
+  int status = EXIT_SOUND;
+  for (const std::string &file : arrays_of(arguments.files)) {
+    try {
+      const auto store = inspect::open_store(file);
+      reports.push_back(inspect::analyse(store.get(), arguments.options));
+      if (!arguments.json) print((reports.size() > 1 ? "\n" : "") + inspect::text_of(reports.back()));
+      if (!reports.back().is_sound()) status = std::max(status, EXIT_FAULTS);
+      expect_record(reports.back(), arguments);
+    } catch (const inspect::unreadable_t &error) {
+      status = complain(error.what());
+    }
+  }
+  if (arguments.json) print(inspect::json_of(reports));
+  for (const std::string &path : {arguments.svg, arguments.html})
+    if (!path.empty()) check_output(path, reports, arguments.force);
+  if (!arguments.svg.empty()) write_file(arguments.svg, inspect::svg_of(reports), arguments.force);
+  if (!arguments.html.empty()) write_file(arguments.html, inspect::html_of(reports), arguments.force);
+  return status;
+}
+
+// ---- Command line --------------------------------------------------------------------------------------------------
+
+const char *const FOOTER =
+    "FILE is a snapshot stream. A name as in 12.0.darr is that of a block file and stands for all files\n"
+    "of its table: any of them can be named that lies beside file 0. Files are only read.\n"
+    "\n"
+    "Shown are headers, geometry, lists, and what chunks take in each slot of a pool. A fault is told\n"
+    "with its file and byte, and the inspection goes on; a remark is no fault.\n"
+    "\n"
+    "Examples:\n"
+    "  tslb-inspect snapshot.stream\n"
+    "  tslb-inspect --json data/metrics/12.0.darr\n"
+    "  tslb-inspect --record 17 --html report.html data/metrics/12.*.darr\n"
+    "\n"
+    "Exit: 0 all are sound\n"
+    "      1 faults were found\n"
+    "      2 usage, or a file that cannot be read or written: stderr says which";
+
+void add_options(CLI::App *app, arguments_t *arguments) {
+  static const std::map<std::string, uint8_t> kinds = {
+      {"auto", ARRAY_LOAD_POOL_BY_SIZE}, {"pool", ARRAY_LOAD_POOL}, {"array", ARRAY_LOAD_ANY}};
+  arguments->options.kind = ARRAY_LOAD_POOL_BY_SIZE;
+  app->add_option("FILE", arguments->files, "what to inspect")->type_name("")->required();
+  app->add_option_function<std::string>(
+         "--kind", [arguments](const std::string &kind) { arguments->options.kind = kinds.at(kind); },
+         "auto, pool or array: what the user header is; auto: a pool's if it has the size of one")
+      ->type_name("KIND")
+      ->check(CLI::IsMember({"auto", "pool", "array"}).description(""));
+  app->add_option("--record", arguments->options.record, "show the bytes of record N too")->type_name("N");
+  app->add_flag("--json", arguments->json, "JSON instead of text");
+  app->add_option("--svg", arguments->svg, "write a picture of the slots")->type_name("OUT");
+  app->add_option("--html", arguments->html, "write a page with the picture and all tables")->type_name("OUT");
+  app->add_flag("--force", arguments->force, "replace OUT if it is a file already");
+  app->footer(FOOTER);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  CLI::App app("tslb-inspect: looks into stored arrays and tells what contradicts itself", "tslb-inspect");
+  arguments_t arguments;
+  add_options(&app, &arguments);
+  try {
+    app.parse(argc, argv);
+    return inspect_all(arguments);
+  } catch (const CLI::Success &help) {
+    return app.exit(help);
+  } catch (const std::exception &error) {
+    return complain(error.what());
+  }
+}
