@@ -70,7 +70,7 @@ void tsdb_recov_downgrade_rc_tysub_1_0(void *cbargs) {
     typedef ty_sub_t_v0 older_t __attribute__((aligned(1)));
     const newer_t &newer = *reinterpret_cast<const newer_t *>(from);
     older_t &older = *reinterpret_cast<older_t *>(to);
-    older = {};  // gaps stay zero
+    memset(to, 0, sizeof(older));  // gaps stay zero
     older.i_name = newer.i_name;
     older.prev_id = newer.prev_id;
     older.next_id = newer.next_id;
