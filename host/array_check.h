@@ -11,10 +11,11 @@
 
 TSLB_BEGIN_DECLS
 
-/* kind    how the user header is read: ARRAY_LOAD_* of array_loader.h.
- * error   of error_size bytes; receives one line without a line end, as in "byte 92: status 2 on the free list, slot
- * 0",
- *         cut to fit; the byte is that of the flat image. An empty text on success. May be null with size 0.
+/* Looks at a whole array.
+ *
+ * kind    how the user header is read: ARRAY_LOAD_* of array_loader.h.
+ * error   of error_size bytes; receives one line without a line end, cut to fit, as in "byte 92: status 2 on the free
+ *         list, slot 0"; the byte is that of the flat image. An empty text on success. May be null with size 0.
  * Result  0, or -1 if something does not hold: the first thing that was met.
  *
  * Linear in the slots. Makes the memory of slots that have none yet, and changes nothing else.

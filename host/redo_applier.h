@@ -36,8 +36,7 @@ typedef struct redo_args_t {
  * kind       ARRAY_LOAD_* of array_loader.h: how the user header is read. Growth is refused where that is no pool.
  * max_slots  ids are issued as records name them, and their memory is made; this many at most.
  * error      of error_size bytes; receives one line without a line end, as in "record at 4096: ...", cut to fit. An
- * empty
- *            text on success. May be null with size 0.
+ *            empty text on success. May be null with size 0.
  * Result     0, or -1 if the record is refused: the replica is as it was, but after a lack of memory (with a line on
  *            stderr too) it can have more ids.
  *

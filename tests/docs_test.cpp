@@ -1,0 +1,302 @@
+// What docs/formats.md shows is what the library stores: its dumps, its tables of offsets, its list of redo records.
+#include <unistd.h>
+
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <map>
+#include <regex>
+#include <sstream>
+
+#include "array_support.h"
+#include "redo_recorder.h"
+#include "tslb_settings.h"
+
+static time_t now;  // nodes carry the time, so it is ours
+
+extern "C" __attribute__((visibility("default"))) time_t time(time_t *at) {
+  if (at != nullptr) *at = now;
+  return now;
+}
+
+constexpr time_t START = 1700000000;
+
+// ---- The document --------------------------------------------------------------------------------------------------
+
+static std::string text_of(const std::string &path) {
+  std::ifstream in(TSLB_SOURCE_DIR "/" + path);
+  EXPECT_TRUE(in.good()) << path;
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+// What stands between "```dump name" and "```".
+static std::string block_of(const std::string &name) {
+  const std::string document = text_of("docs/formats.md");
+  const std::string begin = "\n```" + name + "\n";
+  const size_t at = document.find(begin);
+  if (at == std::string::npos) {
+    ADD_FAILURE() << "no block \"" << name << "\"";
+    return "";
+  }
+  return document.substr(at + begin.size(), document.find("```", at + begin.size()) - at - begin.size());
+}
+
+// Lines as in "0008  ff ff ff ff  ; no slot is free", each with its offset.
+static std::string bytes_of_dump(const std::string &dump) {
+  std::string bytes;
+  std::istringstream lines(dump);
+  for (std::string line; std::getline(lines, line);) {
+    std::istringstream words(line.substr(0, line.find(';')));
+    size_t offset = 0;
+    EXPECT_TRUE(words >> std::hex >> offset) << line;
+    EXPECT_EQ(offset, bytes.size()) << line;
+    for (unsigned byte; words >> std::hex >> byte;) bytes += static_cast<char>(byte);
+    EXPECT_TRUE(words.eof()) << line;
+  }
+  return bytes;
+}
+
+static std::string dump_of(std::string_view bytes) {
+  std::string text;
+  char piece[24];
+  for (size_t i = 0; i < bytes.size(); ++i) {
+    if (i % 8 == 0) {
+      snprintf(piece, sizeof(piece), "\n%04zx ", i);
+      text += piece;
+    }
+    snprintf(piece, sizeof(piece), " %02x", static_cast<unsigned char>(bytes[i]));
+    text += piece;
+  }
+  return text;
+}
+
+// ---- What it shows -------------------------------------------------------------------------------------------------
+
+static std::string stream_of(DynArrHandle_t *array) {
+  FILE *const file = tmpfile();
+  size_t total = 0;
+  EXPECT_EQ(tslb_create_dump_for_dynarr(array, fileno(file), 0, &total), 0);
+  std::string stream(static_cast<size_t>(lseek(fileno(file), 0, SEEK_END)), '\0');
+  EXPECT_EQ(pread(fileno(file), stream.data(), stream.size(), 0), static_cast<ssize_t>(stream.size()));
+  fclose(file);
+  return stream;
+}
+
+static void take_reading(DynArrHandle_t *array, float celsius) {
+  uint32_t idx;
+  write_at(tslb_da_get_newptr(array, &idx), 4, celsius);
+  ++now;
+}
+
+// Three direct slots and one in a data block: active, inactive, free, active.
+static array_t readings() {
+  now = START;
+  array_t array(tslb_da_init_ver(8, 3, MPOOL_TYPE_DRAM, "metrics", 12, TSLB_DA_DAFLAG_INLL, 1));
+  for (const float celsius : {20.0f, 21.5f, 22.0f, 23.5f}) take_reading(array.get(), celsius);
+  tslb_da_inactivate_idx(array.get(), 1, START + 100);
+  tslb_da_free_idx(array.get(), 2);
+  return array;
+}
+
+static maddr_t take_chunk(dynmem_t *pool, std::string_view data, srcaddr_t source) {
+  maddr_t address;
+  char *const chunk = bytes_of(tslb_dynmem_get_mchunk(pool, &address, static_cast<int>(data.size()), source));
+  memcpy(chunk + sizeof(compat_t), data.data(), data.size());
+  return address;
+}
+
+// Two chunks in the current slot, the first of them deleted.
+static array_t keys() {
+  array_t pool(tslb_init_dynmem_ex1(56, 1, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM, 0, "metrics", BBP_TBLID,
+                                    TSLB_DA_DAFLAG_LL, 0, 0, 0));
+  now = START;
+  const maddr_t first = take_chunk(pool.get(), "host=web", {12, 0, 4, {}});
+  take_chunk(pool.get(), "load=1", {12, 1, 4, {}});
+  tslb_dynmem_del_mchunk(pool.get(), first);
+  return pool;
+}
+
+static std::string cut_keys() {
+  tslb_test_mode = 0;
+  lib_config.tslb_enable_file_trimming_flag = 1;
+  const std::string stream = stream_of(keys().get());
+  tslb_test_mode = static_cast<char>(0xFF);
+  lib_config.tslb_enable_file_trimming_flag = 0;
+  return stream;
+}
+
+template <class Address>
+static std::string bytes_of_address(Address address) {
+  return {reinterpret_cast<const char *>(&address), sizeof(address)};
+}
+
+// Of the second chunk of 24 bytes in slot 200 of a big-buffer pool, and in slot 300 of bit-vector pools by both widths.
+static std::string addresses() {
+  const array_t small(tslb_init_dynmem(48, 1, 0, MPOOL_TYPE_DRAM, 0, nullptr, 0, 0));
+  const array_t large(tslb_init_dynmem(48, 1, 0, MPOOL_TYPE_DRAM, MPOOL_FLAG_BV, nullptr, 0, 0));
+  const array_t wide(tslb_init_dynmem(48, 1, 0, MPOOL_TYPE_DRAM, MPOOL_FLAG_BV, nullptr, 0, 0));
+  maddr_t bigbuffer, bitvector;
+  maddr64_t address64;
+  for (int i = 0; i < 2 * 201; ++i) tslb_dynmem_get_mchunk(small.get(), &bigbuffer, 24, {});
+  const std::string warning = stderr_of([&] {
+    for (int i = 0; i < 2 * 301; ++i) tslb_dynmem_get_mchunk(large.get(), &bitvector, 24, {});
+  });
+  EXPECT_NE(warning.find("has already used 255 slot index"), std::string::npos) << warning;
+  for (int i = 0; i < 2 * 301; ++i) tslb_dynmem_get_mchunk64(wide.get(), &address64, 24, {});
+  return bytes_of_address(bigbuffer) + bytes_of_address(bitvector) + bytes_of_address(address64);
+}
+
+TEST(FormatsDocument, DumpsAreWhatIsStored) {
+  const struct {
+    const char *name;
+    std::string bytes;
+  } dumps[] = {
+      {"dump readings", stream_of(readings().get())},
+      {"dump keys", stream_of(keys().get())},
+      {"dump addresses", addresses()},
+  };
+  for (const auto &dump : dumps) {
+    SCOPED_TRACE(dump.name);
+    EXPECT_TRUE(bytes_of_dump(block_of(dump.name)) == dump.bytes) << "stored is" << dump_of(dump.bytes);
+  }
+  // The last ten bytes of the pool's slot hold no chunk.
+  const std::string whole = bytes_of_dump(block_of("dump keys"));
+  EXPECT_TRUE(cut_keys() == whole.substr(0, whole.size() - 10)) << dump_of(cut_keys());
+}
+
+// ---- Redo records --------------------------------------------------------------------------------------------------
+
+class redo_list_t {
+ public:
+  // "label" in a column of its own, then each record that `work` causes: type, position, bytes.
+  void add(const char *label, const std::function<void()> &work) {
+    work();
+    const std::vector<redo_record_t> records = log_.take();
+    char line[64];
+    snprintf(line, sizeof(line), "%-34s%s", label, records.empty() ? " nothing" : "");
+    text_ += line;
+    for (const redo_record_t &record : records) {
+      snprintf(line, sizeof(line), " %d:%llu+%zu", record.rec_type, static_cast<unsigned long long>(record.data_off),
+               record.bytes.size());
+      text_ += line;
+    }
+    text_ += "\n";
+  }
+  const std::string &text() const { return text_; }
+
+ private:
+  redo_recorder_t log_;
+  std::string text_;
+};
+
+static void add_slot_array(redo_list_t *list) {
+  array_t made;
+  list->add("create, 5 direct slots",
+            [&] { made.reset(tslb_da_init_ll(8, 5, MPOOL_TYPE_DRAM, "metrics", 12, TSLB_DA_DAFLAG_INLL)); });
+  DynArrHandle_t *const array = made.get();
+  uint32_t idx, last_ts;
+  uint8_t last_status;
+  list->add("register a reuse policy", [&] {
+    tsdb_mem_pressure_config_t policy = {1, {}, {}, {}};
+    tslb_da_register_reuse_policy(array, &policy);
+  });
+  list->add("take slot 0", [&] { tslb_da_get_newptr(array, &idx); });
+  list->add("take slots 1 and 2 as a range", [&] { tslb_da_get_range(array, 2); });
+  list->add("take slot 3 by the telling form", [&] { tslb_da_get_newptr_inll(array, &idx, &last_ts, &last_status); });
+  list->add("inactivate slot 0", [&] { tslb_da_inactivate_idx(array, 0, START); });
+  list->add("inactivate slot 1", [&] { tslb_da_inactivate_idx(array, 1, START); });
+  list->add("inactivate slot 2", [&] { tslb_da_inactivate_idx(array, 2, START); });
+  list->add("activate slot 1, between the two", [&] { tslb_da_activate_idx(array, 1); });
+  list->add("free slot 3", [&] { tslb_da_free_idx(array, 3); });
+  list->add("free slot 1, behind slot 3", [&] { tslb_da_free_idx(array, 1); });
+  list->add("free slot 0, which is inactive", [&] { tslb_da_free_idx(array, 0); });
+  list->add("log slot 2", [&] { tslb_redo_log_da(array, 2, 1, 0); });
+  list->add("log bytes 4 to 7 of record 2", [&] { tslb_redo_log_da_field(array, 2, 1, 9, 4, 4); });
+  list->add("log the headers", [&] { tslb_redo_log_da_hdr(array, 0, 1, 9); });
+}
+
+static void add_pool(redo_list_t *list) {
+  array_t made;
+  list->add("create a pool, 1 direct slot", [&] {
+    made.reset(
+        tslb_init_dynmem_ex1(56, 1, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM, 0, "keys", 13, TSLB_DA_DAFLAG_LL, 0, 1, 0));
+  });
+  maddr_t first = {};
+  list->add("take a chunk, in slot 0", [&] { first = take_chunk(made.get(), "host=web", {}); });
+  list->add("take a chunk, in slot 0 still", [&] { take_chunk(made.get(), "load=1", {}); });
+  list->add("take a chunk, in slot 1", [&] { take_chunk(made.get(), "load=2", {}); });
+  list->add("delete a chunk of slot 0", [&] { tslb_dynmem_del_mchunk(made.get(), first); });
+  const maddr_t second = {0, 24};
+  list->add("delete the other: slot 0 is free", [&] { tslb_dynmem_del_mchunk(made.get(), second); });
+}
+
+TEST(FormatsDocument, RedoRecordsAreThoseThatAreWritten) {
+  now = START;
+  redo_list_t list;
+  add_slot_array(&list);
+  add_pool(&list);
+  EXPECT_EQ(block_of("redo"), list.text());
+}
+
+// ---- Tables --------------------------------------------------------------------------------------------------------
+
+using offsets_t = std::map<std::string, size_t>;  // by "type.field"; that of "type." is the type's size
+
+static offsets_t offsets_in_headers() {
+  offsets_t offsets;
+  static const std::regex stored(R"(\nTSLB_STORED_(?:SIZE|AT)\((\w+), (?:(\w+), )?(\d+)\))");
+  for (const char *const header :
+       {"utils/dynarr/src/dynamic_array.h", "utils/dynarr/src/tslb_dynarr.h", "utils/dynmem/src/tslb_dynmem.h"}) {
+    const std::string text = text_of(header);
+    for (std::sregex_iterator it(text.begin(), text.end(), stored), end; it != end; ++it)
+      offsets[(*it)[1].str() + "." + (*it)[2].str()] = std::stoul((*it)[3]);
+  }
+  return offsets;
+}
+
+// The rows "| offset | size | `field` |" below each heading "### `type`, n bytes". Addresses have fields of bits, and
+// no offsets in the headers.
+TEST(FormatsDocument, TablesAreThoseOfTheHeaders) {
+  offsets_t untold = offsets_in_headers();
+  static const std::regex heading(R"(^### `(\w+)`, (\d+) bytes$)"), row(R"(^\| (\d+) \|(?: (\d+))? \| `(\w+)` \|.*)");
+  std::string type;
+  size_t size = 0, end = 0;
+  std::istringstream lines(text_of("docs/formats.md") + "\n## End\n");
+  for (std::string line; std::getline(lines, line);) {
+    std::smatch found;
+    if (line.starts_with("##")) {
+      EXPECT_TRUE(type.empty() || end == size || end == 0) << type << ": the rows end at " << end;
+      type.clear();
+    }
+    if (std::regex_match(line, found, heading)) {
+      type = found[1];
+      size = std::stoul(found[2]);
+      end = 0;
+      ASSERT_EQ(untold.count(type + "."), 1u) << line;
+      EXPECT_EQ(untold[type + "."], size) << line;
+      untold.erase(type + ".");
+    } else if (!type.empty() && std::regex_match(line, found, row)) {
+      const std::string field = type + "." + found[3].str();
+      ASSERT_EQ(untold.count(field), 1u) << type << ": " << line;
+      EXPECT_EQ(untold[field], std::stoul(found[1])) << type << ": " << line;
+      EXPECT_EQ(std::stoul(found[1]), end) << type << ": " << line;
+      end += found[2].length() != 0 ? std::stoul(found[2]) : 0;
+      untold.erase(field);
+    }
+  }
+  for (const auto &[field, offset] : untold) ADD_FAILURE() << field << " stands in no table";
+}
+
+// The rows "| `layout` | bytes |" of the catalogue's records: every versioned layout once.
+TEST(FormatsDocument, SizesOfRecordsAreThoseOfTheHeader) {
+  const auto sizes_in = [](const std::string &text, const char *pattern) {
+    std::map<std::string, std::string> sizes;
+    const std::regex size(pattern);
+    for (std::sregex_iterator it(text.begin(), text.end(), size), end; it != end; ++it) sizes[(*it)[1]] = (*it)[2];
+    return sizes;
+  };
+  const auto wanted =
+      sizes_in(text_of("catalog/src/tsdb_recovery_schema.h"), R"(TSLB_STORED_SIZE\((\w+_v\d), (\d+)\))");
+  EXPECT_FALSE(wanted.empty());
+  EXPECT_EQ(sizes_in(text_of("docs/formats.md"), R"(\n\| `(\w+_v\d)` \| (\d+) \|)"), wanted);
+}
