@@ -1,9 +1,10 @@
-# What `cmake --install` gives: library, host stand-in, headers, man pages, and how CMake and pkg-config find them. No
-# installed file holds the prefix, so the whole can be moved.
+# What `cmake --install` gives: library, host stand-in, headers, man pages, how CMake and pkg-config find them, and what
+# gdb shows of arrays. No installed file holds the prefix, so the whole can be moved.
 include(CMakePackageConfigHelpers)
 set(TSLB_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/tslb)
 set(TSLB_PKGCONFIG_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
-foreach(dir IN ITEMS ${CMAKE_INSTALL_LIBDIR} ${CMAKE_INSTALL_INCLUDEDIR} ${CMAKE_INSTALL_BINDIR})
+foreach(dir IN ITEMS ${CMAKE_INSTALL_LIBDIR} ${CMAKE_INSTALL_INCLUDEDIR} ${CMAKE_INSTALL_BINDIR}
+    ${CMAKE_INSTALL_DATADIR})
   if(IS_ABSOLUTE ${dir})
     message(FATAL_ERROR "${dir}: installation folders are given relative to the prefix")
   endif()
@@ -34,3 +35,16 @@ foreach(name IN ITEMS tslb tslb-host)
   configure_file(cmake/${name}.pc.in ${generated}/${name}.pc @ONLY)
   install(FILES ${generated}/${name}.pc DESTINATION ${TSLB_PKGCONFIG_DIR} COMPONENT dev)
 endforeach()
+
+# gdb reads a script named for a library with it: from below its own share/gdb/auto-load, which it trusts, and from the
+# library's folder. Only a library below /usr is sure to have the first.
+set(gdb_modules ${CMAKE_INSTALL_DATADIR}/tslb/gdb)
+set(gdb_loader_dir ${CMAKE_INSTALL_LIBDIR})
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  set(gdb_loader_dir ${CMAKE_INSTALL_DATADIR}/gdb/auto-load/usr/${CMAKE_INSTALL_LIBDIR})
+endif()
+file(RELATIVE_PATH TSLB_GDB_MODULES_FROM_LOADER /${gdb_loader_dir} /${gdb_modules})
+set(gdb_loader ${generated}/libtslb.so.${PROJECT_VERSION}-gdb.py)
+configure_file(tools/gdb/tslb-gdb.py.in ${gdb_loader} @ONLY)
+install(FILES ${gdb_loader} DESTINATION ${gdb_loader_dir} COMPONENT runtime)
+install(DIRECTORY tools/gdb/tslb_gdb DESTINATION ${gdb_modules} COMPONENT runtime FILES_MATCHING PATTERN "*.py")

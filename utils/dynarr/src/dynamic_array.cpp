@@ -11,6 +11,7 @@
 #include <type_traits>
 
 #include "dynarr_internal.h"
+#include "tslb_probes.h"
 #include "tslb_report.h"
 
 // A gap in one of these would carry stray bytes into a file.
@@ -115,6 +116,7 @@ DynamicArray_t get_default_dyn_array_ex_ex(int32_t usrhdr_sz, int32_t size_of_si
   }
   fill_handle(array, block0, mem_type, tbl_id, ctx_name, daflag, number_of_direct_slots);
   fill_headers(array, usrhdr_sz, size_of_single_data_slot, rec_version);
+  TSLB_PROBE_BLOCK_CREATED(array, 0, default_dyn_array_size, block0);
   return array;
 }
 
@@ -197,7 +199,11 @@ void get_dyn_data_array(DynamicArray_t array, uint32_t record_size, int32_t coun
     published = get_pmem_block(chunk_size, array->ctx_name, tbl_id, block_num, addr) != 0;
   else
     published = publish_heap_block(chunk_size, addr);
-  if (published) add32(&arr_hdr_of(array)->n_alloc, static_cast<uint32_t>(count));
+  if (published) {
+    // A plain read, for which no register is loaded: an entry that is filled stays as it is.
+    TSLB_PROBE_BLOCK_CREATED(array, block_num, chunk_size, *static_cast<void **>(addr));
+    add32(&arr_hdr_of(array)->n_alloc, static_cast<uint32_t>(count));
+  }
   // A heap block that could not be had was reported above.
   if (from_file && load_entry(static_cast<void **>(addr)) == nullptr)
     fprintf(stderr, "Unexpected data_addr NULL, count: %d, block_num: %d\n", count, block_num);

@@ -5,6 +5,7 @@
 
 #include "dynamic_array.h"
 #include "tslb_dynarr.h"
+#include "tslb_probes.h"
 #include "tslb_rd_api.h"
 #include "tslb_util.h"
 
@@ -212,7 +213,9 @@ static inline void *take_plain_slot(DynArrHandle_t *array, uint32_t *idx) {
   tslb_get_time(nullptr);
   void *slot_ptr;
   *idx = static_cast<uint32_t>(new_record_id(array, &slot_ptr, array->daflag));
-  if (slot_ptr != nullptr) set32(slot_ptr, GATEKEEPER);
+  if (slot_ptr == nullptr) return nullptr;
+  set32(slot_ptr, GATEKEEPER);
+  TSLB_PROBE_SLOT_TAKEN(array, *idx, slot_ptr);
   return slot_ptr;
 }
 

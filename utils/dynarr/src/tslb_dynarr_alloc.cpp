@@ -7,6 +7,7 @@
 #include "dynarr_internal.h"
 #include "tslb_dynarr.h"
 #include "tslb_dynmem.h"
+#include "tslb_probes.h"
 #include "tslb_report.h"
 #include "tslb_settings.h"
 #include "tslb_util.h"
@@ -182,6 +183,7 @@ void *tslb_da_get_newptr_ex(dynarr_t *handle_dynarr, uint32_t *new_idx, uint8_t 
       redo_nodes(handle_dynarr, taken.idx, taken.slot_ptr);
     }
     set32(taken.slot_ptr, GATEKEEPER);
+    TSLB_PROBE_SLOT_TAKEN(handle_dynarr, taken.idx, taken.slot_ptr);
   }
   *new_idx = taken.idx;
   return taken.slot_ptr;
@@ -204,7 +206,10 @@ void *tslb_da_get_newptr_inll_ex(dynarr_t *handle_dynarr, uint32_t *new_idx, uin
     taken = take_slot(handle_dynarr, now, may_reuse, last_slot_val);
     spin_unlock(&handle_dynarr->spinlock);
   }
-  if (taken.slot_ptr != nullptr) set32(taken.slot_ptr, GATEKEEPER);
+  if (taken.slot_ptr != nullptr) {
+    set32(taken.slot_ptr, GATEKEEPER);
+    TSLB_PROBE_SLOT_TAKEN(handle_dynarr, taken.idx, taken.slot_ptr);
+  }
   *new_idx = taken.idx;
   *slot_last_ts = taken.last_ts;
   *slot_last_status = taken.last_status;

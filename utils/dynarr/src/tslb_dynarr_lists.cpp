@@ -5,6 +5,7 @@
 
 #include "dynarr_internal.h"
 #include "tslb_dynarr.h"
+#include "tslb_probes.h"
 #include "tslb_report.h"
 
 // ---- List surgery -------------------------------------------------------------------------------------------------
@@ -119,6 +120,7 @@ static inline int free_locked(const list_array_t &list, uint32_t idx, void *slot
   // Any other number is no status of this library: no list knows the slot, and none gets it.
   if (status == TSLB_DA_SLOT_ACTIVE || status == TSLB_DA_SLOT_INACTIVE) append_free(list, idx, slot_ptr);
   set32(slot_ptr, GATEKEEPER);
+  TSLB_PROBE_SLOT_FREED(list.array, idx, slot_ptr);
   return 0;
 }
 

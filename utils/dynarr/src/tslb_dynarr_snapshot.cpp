@@ -9,6 +9,7 @@
 #include "dynarr_walk.h"
 #include "tslb_dynarr.h"
 #include "tslb_dynmem.h"
+#include "tslb_probes.h"
 #include "tslb_settings.h"
 
 // A block of the walk, and its slots that are in use.
@@ -113,6 +114,7 @@ int tslb_create_dump_for_dynarr(DynamicArray_t dyn_handle, int fd, uint8_t, size
                                            static_cast<int>(block.level), block.hdr_size, slot_bytes, fd,
                                            &num_elem_dumped, block.ends_the_array ? last_slot_byte_off : 0);
     *total_write_sz += bytes_of(block, slot_bytes);
+    if (outcome >= 0) TSLB_PROBE_SNAPSHOT_BLOCK(dyn_handle, block.level, block.at, bytes_of(block, slot_bytes));
     return outcome;
   });
   // After a failed write too: a host must not take a broken stream for a whole one.

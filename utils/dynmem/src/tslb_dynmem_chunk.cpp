@@ -6,6 +6,7 @@
 
 #include "dynmem_internal.h"
 #include "tslb_dynmem.h"
+#include "tslb_probes.h"
 #include "tslb_report.h"
 
 // The pool promises to stop when the array below has no slot for it: in every build.
@@ -60,7 +61,9 @@ static no_room_t no_room_in_ring(dynmem_t *pool, DynMemHdr_t *hdr, uint64_t seen
   // n_used may be stale: where it stands at less although the last slot was seen, the next attempt reads it anew.
   if (n_used < RING_SLOTS) return wraps ? TRY_AGAIN : TAKE_NEW_SLOT;
   spin_lock(&pool->spinlock);
-  cas64(&hdr->cur_slot_addr, seen, cursor_of(wraps ? 0 : slot_idx + 1, 0));
+  const uint32_t next_slot = wraps ? 0 : slot_idx + 1;
+  if (cas64(&hdr->cur_slot_addr, seen, cursor_of(next_slot, 0)) != 0)
+    TSLB_PROBE_POOL_SLOT(pool, next_slot, slot_idx, cursor_off(seen));
   spin_unlock(&pool->spinlock);
   return TRY_AGAIN;
 }
@@ -177,6 +180,7 @@ static MemSlot_t *tslb_dynmem_get_newslot(dynmem_t *dynmem_handle, DynMemHdr_t *
   // all that was ever reserved there.
   const uint64_t moved = cursor_of(*new_mslot_idx_ref, chunk_sz);
   while (cas64(&dynmem_hdr->cur_slot_addr, seen, moved) == 0) seen = get64(&dynmem_hdr->cur_slot_addr);
+  TSLB_PROBE_POOL_SLOT(dynmem_handle, *new_mslot_idx_ref, cslot_idx, cursor_off(seen));
   if (cslot_idx != NO_SLOT) note_slot_left(dynmem_handle, {cslot_idx, cursor_off(seen)});
   spin_unlock(&dynmem_handle->spinlock);
   return slot;
@@ -278,7 +282,9 @@ static inline void *take_chunk(dynmem_t *pool, typename Address::name_t *maddr, 
   const won_t won = __builtin_expect(at_once, 1) ? won_at<Address>(pool, seen) : win_later<Address>(pool, hdr, len);
   if (won.slot == nullptr) return nullptr;
 
-  char *const chunk = won.slot->mslot + Address::name(hdr, maddr, won.place).byte_off;
+  const chunk_place_t named = Address::name(hdr, maddr, won.place);
+  char *const chunk = won.slot->mslot + named.byte_off;
+  TSLB_PROBE_CHUNK_TAKEN(pool, named.slot_idx, named.byte_off, len, chunk);
   account_chunk(pool, hdr, won.slot, len);
   if (has_compat(hdr)) {
     auto *const compat = reinterpret_cast<typename Address::header_t *>(chunk);

@@ -13,6 +13,7 @@
 
 #include "dynmem_internal.h"
 #include "tslb_dynmem.h"
+#include "tslb_probes.h"
 
 // ---- Slots that were left before they were settled -----------------------------------------------------------------
 
@@ -95,6 +96,8 @@ void tslb_dynmem_del_mchunk(dynmem_t *dynmem_handle, maddr_t maddr) {
   compat_t *const compat = reinterpret_cast<compat_t *>(slot->mslot + place.byte_off);
   if ((compat->flag & MCHUNK_FLAG_DELETED) != 0) return;
   const uint32_t mchunk_len = compat->mchunk_len;
+  // Ahead of the mark: behind it the compiler would save another register.
+  TSLB_PROBE_CHUNK_DELETED(dynmem_handle, place.slot_idx, place.byte_off, mchunk_len, compat);
   compat->flag = static_cast<char>(compat->flag | MCHUNK_FLAG_DELETED);
   if (mchunk_len == 0) return;
   // The last touch of the chunk: from here on another deletion can give the slot away.

@@ -1,0 +1,1 @@
+"""gdb on programs that use libtslb: see docs/debugging.md."""

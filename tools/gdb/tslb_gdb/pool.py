@@ -1,0 +1,82 @@
+"""Chunk pools: the header of an array whose records are memory slots, and the addresses of chunks."""
+
+from collections import namedtuple
+
+from .array import MPOOL_TYPE_DRAM_TMP
+from .memory import Unreadable, read_as
+
+COMPAT_BYTES = 16
+SLOT_HDR_BYTES = 8
+FLAG_COMPAT, FLAG_PERSIST, FLAG_BV = 0x01, 0x02, 0x10
+CHUNK_DELETED = 0x01
+
+
+class PoolHdr(
+    namedtuple(
+        "PoolHdr",
+        "flag pad max_slots mslot_sz cursor total_msz total_mused total_mwast total_mdel total_mavail",
+    )
+):
+    FORMAT = "<BBhI6Q"
+    BYTES = 56
+
+
+class MemSlot(namedtuple("MemSlot", "bytes_used bytes_del")):
+    FORMAT = "<II"
+
+
+class Compat(namedtuple("Compat", "tbl_id tbl_idx tbl_moff flag pad mchunk_len")):
+    FORMAT = "<IIhxxBBH"
+
+
+class Compat64(namedtuple("Compat64", "tbl_id tbl_idx tbl_moff flag pad mchunk_len")):
+    FORMAT = "<IIIBBH"
+
+
+Address = namedtuple("Address", "kind slot_idx byte_off")
+
+
+class Pool:
+    """The pool side of an array. Unreadable if its user header is not a pool's."""
+
+    def __init__(self, array):
+        self.array = array
+        if array.dyn_hdr.hdr_size != PoolHdr.BYTES:
+            raise Unreadable("not a pool: its user header has %d bytes" % array.dyn_hdr.hdr_size)
+        self.hdr = read_as(PoolHdr, array.user_hdr_at)
+        # Any array may have a user header of that length.
+        if self.hdr.mslot_sz + SLOT_HDR_BYTES != array.arr_hdr.record_size:
+            raise Unreadable("not a pool: its record is no memory slot of %d bytes" % self.hdr.mslot_sz)
+
+    @property
+    def has_compat(self):
+        return self.hdr.flag & FLAG_COMPAT != 0
+
+    @property
+    def is_bitvector(self):
+        return self.hdr.flag & FLAG_BV != 0
+
+    @property
+    def kind(self):
+        if not self.is_bitvector:
+            return "big-buffer pool"
+        ring = self.array.handle.mem_type == MPOOL_TYPE_DRAM_TMP
+        return "bit-vector ring" if ring else "bit-vector pool"
+
+    @property
+    def cursor(self):
+        """(slot, offset); the slot is NIL_IDX ahead of the first chunk."""
+        return self.hdr.cursor & 0xFFFFFFFF, self.hdr.cursor >> 32
+
+    def decode(self, word, is_64):
+        if is_64:
+            return Address("64-bit", word & 0xFFFFFFFF, word >> 32)
+        if self.is_bitvector:
+            return Address("bit-vector", word & 0x7FF, (word >> 11) * 8)
+        return Address("big-buffer", word & 0xFF, word >> 8)
+
+    def mem_slot(self, record):
+        return read_as(MemSlot, record)
+
+    def compat(self, chunk, is_64):
+        return read_as(Compat64 if is_64 else Compat, chunk)

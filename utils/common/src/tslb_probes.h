@@ -1,0 +1,41 @@
+// The library's static probes: places that a tracer can watch in a running process (provider "tslb"). Private.
+//
+// A probe is one `nop` and a note in the file that tells a tracer where it is and in which registers its arguments lie;
+// whoever watches it puts a trap in the nop's place. So an argument is a value that the code has at hand at that point:
+// one computed for the probe's sake would be paid for by everybody.
+//
+//   block__created    handle, number (0: block 0), bytes, address
+//   slot__taken       handle, index, record
+//   slot__freed       handle, index, record
+//   pool__slot        handle, new slot, old slot (0xFFFFFFFF: none), bytes that were reserved in the old one
+//   chunk__taken      handle, slot, offset in its chunks, bytes with the compaction header, address of the chunk
+//   chunk__deleted    handle, slot, offset, bytes without the header, address of the chunk
+//   snapshot__block   handle, level (0: block 0), address, bytes as total_write_sz counts them
+//
+// slot__freed and pool__slot stand under the handle's spin lock: the next one to take the slot cannot be ahead of them in
+// a trace, and whoever watches them holds the others up. slot__taken stands behind the lock, except where the caller
+// holds it.
+#ifndef TSLB_PROBES_H
+#define TSLB_PROBES_H
+
+#if !defined(TSLB_NO_PROBES) && __has_include(<sys/sdt.h>)
+#include <sys/sdt.h>
+#define TSLB_PROBE_3(name, ...) STAP_PROBE3(tslb, name, __VA_ARGS__)
+#define TSLB_PROBE_4(name, ...) STAP_PROBE4(tslb, name, __VA_ARGS__)
+#define TSLB_PROBE_5(name, ...) STAP_PROBE5(tslb, name, __VA_ARGS__)
+#else
+#define TSLB_PROBE_3(name, ...) static_cast<void>(0)
+#define TSLB_PROBE_4(name, ...) static_cast<void>(0)
+#define TSLB_PROBE_5(name, ...) static_cast<void>(0)
+#endif
+
+#define TSLB_PROBE_BLOCK_CREATED(array, number, bytes, at) TSLB_PROBE_4(block__created, array, number, bytes, at)
+#define TSLB_PROBE_SLOT_TAKEN(array, idx, record) TSLB_PROBE_3(slot__taken, array, idx, record)
+#define TSLB_PROBE_SLOT_FREED(array, idx, record) TSLB_PROBE_3(slot__freed, array, idx, record)
+#define TSLB_PROBE_POOL_SLOT(pool, new_slot, old_slot, old_bytes) \
+  TSLB_PROBE_4(pool__slot, pool, new_slot, old_slot, old_bytes)
+#define TSLB_PROBE_CHUNK_TAKEN(pool, slot, off, bytes, at) TSLB_PROBE_5(chunk__taken, pool, slot, off, bytes, at)
+#define TSLB_PROBE_CHUNK_DELETED(pool, slot, off, bytes, at) TSLB_PROBE_5(chunk__deleted, pool, slot, off, bytes, at)
+#define TSLB_PROBE_SNAPSHOT_BLOCK(array, level, at, bytes) TSLB_PROBE_4(snapshot__block, array, level, at, bytes)
+
+#endif
