@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Asks gdb about the arrays of a program, with what is installed beside the library and loaded on its own: in a process, in
-# the core of that process, and in one without debug information.
+# Asks gdb about the arrays of a program, with what is installed beside the library and loaded on its own: in a process,
+# in the core of that process, and in one without debug information.
 #   gdb_test.sh BUILD_FOLDER CMAKE GDB OBJCOPY PROGRAM
 set -euo pipefail
 build=$1 cmake=$2 gdb=$3 objcopy=$4 program=$5
@@ -39,7 +39,8 @@ diff -u process.answers core.answers || { echo "a core answers otherwise than it
 "${ask[@]}" "${to_there[@]}" -ex 'tslb show *(long*)&readings' -ex 'tslb list *(long*)&readings free' \
   -ex 'tslb address *(long*)&buffers *(long*)&wide_chunk' -ex 'tslb address *(long*)&bits *(int*)&bit_chunk' \
   -ex 'output $tslb_record(*(long*)&readings, 30)' ./bare >bare.log 2>&1
-for text in 'level 1      1 table, 2 blocks' '3 slots on the free list' 'a wide address' 'bit-vector address' '(void *) 0x'; do
+for text in 'level 1      1 table, 2 blocks' '3 slots on the free list' 'a wide address' 'bit-vector address' \
+  '(void *) 0x'; do
   grep -qF "$text" bare.log || { cat bare.log >&2; echo "without debug information: no \"$text\"" >&2; exit 1; }
 done
 [ -z "$(find prefix -name '*.pyc')" ] || { echo "gdb left files in the installed folder" >&2; exit 1; }

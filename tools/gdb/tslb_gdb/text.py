@@ -64,14 +64,14 @@ def _handle(array):
     return '"%s" %d, %s, daflag %s, lock %s, n_direct %d, block 0 %s, root table %s' % (
         array.name, handle.tbl_id, mem_type, flags, lock, handle.n_direct,
         shown(handle.arr_base), shown(handle.ir_base),
-    )  # fmt: skip
+    )
 
 
 def _dyn_hdr(array):
     hdr = array.dyn_hdr
     return "lib_version %d, rec_version %d, hdr_size %d, lli_sz %d" % (
         hdr.lib_version, hdr.rec_version, hdr.hdr_size, hdr.lli_sz,
-    )  # fmt: skip
+    )
 
 
 def _pool_hdr(array):
@@ -82,7 +82,7 @@ def _pool_hdr(array):
     return "%s, flag %s, slots of %d, max_slots %d, current slot %s up to %d, msz %d, mused %d, mwast %d, mavail %d" % (
         pool.kind, flags, hdr.mslot_sz, hdr.max_slots, idx_text(slot_idx), byte_off,
         hdr.total_msz, hdr.total_mused, hdr.total_mwast, hdr.total_mavail,
-    )  # fmt: skip
+    )
 
 
 def _user_hdr(array):
@@ -97,14 +97,14 @@ def _lists(array):
         roots.n_free, idx_text(roots.free_head), idx_text(roots.free_tail),
         roots.n_inact, idx_text(roots.inact_head), idx_text(roots.inact_tail),
         roots.n_act, "on" if roots.policy_use else "off",
-    )  # fmt: skip
+    )
 
 
 def _arr_hdr(array):
     hdr = array.arr_hdr
     return "n_used %d, n_alloc %d, n_direct %d, record_size %d, a slot %d" % (
         hdr.n_used, hdr.n_alloc, hdr.n_direct, hdr.record_size, array.slot_bytes,
-    )  # fmt: skip
+    )
 
 
 def _level(level):
@@ -112,7 +112,7 @@ def _level(level):
     at_least = "" if level.complete else "at least "
     return "%s%s, ids %d to %d, %d issued" % (
         at_least, counts, level.first_id, level.last_id, level.n_issued,
-    )  # fmt: skip
+    )
 
 
 def _user_part(array):
@@ -207,7 +207,7 @@ def _chunk(pool, chunk, is_64, room):
         yield "header: for table %d, index %d, offset %d, %s%s" % (
             head.tbl_id, head.tbl_idx, head.tbl_moff, plural(head.mchunk_len, "byte"),
             ", deleted" if head.flag & CHUNK_DELETED else "",
-        )  # fmt: skip
+        )
         data, length = chunk + COMPAT_BYTES, min(head.mchunk_len, max(0, room - COMPAT_BYTES))
     yield "data 0x%x" % data
     yield from dump(data, length)
@@ -219,7 +219,7 @@ def address(array, word, is_64):
     found = pool.decode(word, is_64)
     yield "%s address 0x%x of a %s: slot %d, offset %d" % (
         found.kind, word, pool.kind, found.slot_idx, found.byte_off,
-    )  # fmt: skip
+    )
     if found.slot_idx >= array.arr_hdr.n_used:
         yield "slot %d was not issued: n_used is %d" % (found.slot_idx, array.arr_hdr.n_used)
         return

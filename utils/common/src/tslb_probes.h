@@ -12,8 +12,8 @@
 //   chunk__deleted    handle, slot, offset, bytes without the header, address of the chunk
 //   snapshot__block   handle, level (0: block 0), address, bytes as total_write_sz counts them
 //
-// slot__freed and pool__slot stand under the handle's spin lock: the next one to take the slot cannot be ahead of them in
-// a trace, and whoever watches them holds the others up. slot__taken stands behind the lock, except where the caller
+// slot__freed and pool__slot stand under the handle's spin lock: the next one to take the slot cannot be ahead of them
+// in a trace, and whoever watches them holds the others up. slot__taken stands behind the lock, except where the caller
 // holds it.
 #ifndef TSLB_PROBES_H
 #define TSLB_PROBES_H
