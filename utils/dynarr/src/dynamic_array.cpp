@@ -167,12 +167,6 @@ static bool publish(void *entry, void *fresh) {
   return false;
 }
 
-// For a probe: an entry that this thread has filled changes no more, and a plain read of it loads no register. A rival's
-// failed swap is no write, though ThreadSanitizer takes it for one.
-[[maybe_unused]] __attribute__((no_sanitize("thread"))) static inline void *filled_entry(void *const *entry) {
-  return *entry;
-}
-
 void get_dyn_array_of_pointers(int32_t count, void *addr) {
   const size_t bytes = static_cast<size_t>(count) * sizeof(void *);
   void *const table = calloc(1, bytes);
@@ -206,7 +200,7 @@ void get_dyn_data_array(DynamicArray_t array, uint32_t record_size, int32_t coun
   else
     published = publish_heap_block(chunk_size, addr);
   if (published) {
-    TSLB_PROBE_BLOCK_CREATED(array, block_num, chunk_size, filled_entry(static_cast<void **>(addr)));
+    TSLB_PROBE_BLOCK_CREATED(array, block_num, chunk_size, load_entry(static_cast<void **>(addr)));
     add32(&arr_hdr_of(array)->n_alloc, static_cast<uint32_t>(count));
   }
   // A heap block that could not be had was reported above.
