@@ -10,6 +10,7 @@
 
 #include "array_support.h"
 #include "redo_recorder.h"
+#include "stored_image.h"
 #include "tslb_settings.h"
 
 static time_t now;  // nodes carry the time, so it is ours
@@ -71,16 +72,6 @@ static std::string dump_of(std::string_view bytes) {
 }
 
 // ---- What it shows -------------------------------------------------------------------------------------------------
-
-static std::string stream_of(DynArrHandle_t *array) {
-  FILE *const file = tmpfile();
-  size_t total = 0;
-  EXPECT_EQ(tslb_create_dump_for_dynarr(array, fileno(file), 0, &total), 0);
-  std::string stream(static_cast<size_t>(lseek(fileno(file), 0, SEEK_END)), '\0');
-  EXPECT_EQ(pread(fileno(file), stream.data(), stream.size(), 0), static_cast<ssize_t>(stream.size()));
-  fclose(file);
-  return stream;
-}
 
 static void take_reading(DynArrHandle_t *array, float celsius) {
   uint32_t idx;

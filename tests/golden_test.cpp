@@ -16,6 +16,7 @@
 #include "array_support.h"
 #include "block_files.h"
 #include "redo_recorder.h"
+#include "stored_image.h"
 #include "tslb_settings.h"
 
 namespace fs = std::filesystem;
@@ -57,28 +58,6 @@ static std::string content_of(const fs::path &file) {
 static void fill(void *at, size_t size, int seed) {
   for (size_t i = 0; i < size; ++i) bytes_of(at)[i] = static_cast<char>(static_cast<size_t>(seed) * 16 + i);
 }
-
-static std::string stream_of(DynArrHandle_t *array) {
-  FILE *const file = tmpfile();
-  size_t total = 0;
-  EXPECT_EQ(tslb_create_dump_for_dynarr(array, fileno(file), 0, &total), 0);
-  std::string stream(static_cast<size_t>(lseek(fileno(file), 0, SEEK_END)), '\0');
-  EXPECT_EQ(pread(fileno(file), stream.data(), stream.size(), 0), static_cast<ssize_t>(stream.size()));
-  fclose(file);
-  return stream;
-}
-
-// While it lives, pools of the two fixed table ids are stored with a short last slot.
-struct trimming_t {
-  trimming_t() {
-    tslb_test_mode = 0;
-    lib_config.tslb_enable_file_trimming_flag = 1;
-  }
-  ~trimming_t() {
-    tslb_test_mode = static_cast<char>(0xFF);
-    lib_config.tslb_enable_file_trimming_flag = 0;
-  }
-};
 
 // ---- Scripted histories --------------------------------------------------------------------------------------------
 

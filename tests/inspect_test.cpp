@@ -13,6 +13,7 @@
 #include <nlohmann/json.hpp>
 
 #include "array_support.h"
+#include "stored_image.h"
 #include "tslb_rd_api.h"
 #include "tslb_settings.h"
 
@@ -25,13 +26,6 @@ static std::string content_of(int fd) {
   EXPECT_EQ(pread(fd, content.data(), content.size(), 0), static_cast<ssize_t>(content.size()));
   close(fd);
   return content;
-}
-
-static std::string stream_of(DynArrHandle_t *array) {
-  const int fd = memfd_create("stream", MFD_CLOEXEC);
-  size_t total = 0;
-  EXPECT_EQ(tslb_create_dump_for_dynarr(array, fd, 0, &total), 0);
-  return content_of(fd);
 }
 
 // ---- Arrays --------------------------------------------------------------------------------------------------------
@@ -66,17 +60,6 @@ static array_t chunk_pool() {
   return pool;
 }
 constexpr size_t POOL_SLOT_BYTES = 80, POOL_HEADER_BYTES = 140;
-
-struct trimming_t {
-  trimming_t() {
-    tslb_test_mode = 0;
-    lib_config.tslb_enable_file_trimming_flag = 1;
-  }
-  ~trimming_t() {
-    tslb_test_mode = static_cast<char>(0xFF);
-    lib_config.tslb_enable_file_trimming_flag = 0;
-  }
-};
 
 // ---- The tool ------------------------------------------------------------------------------------------------------
 

@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "recovery_driver.h"
+#include "refusal.h"
 #include "tsdb_recovery_version_compatibility.h"
 #include "tslb_dynarr.h"
 
@@ -28,24 +29,9 @@ constexpr int EXIT_USAGE = 2;
 
 constexpr uint8_t TARGETS = 4;  // of a map's row
 
-// Ends the run with its line on stderr.
-struct refused_t : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
 struct usage_t : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
-
-[[noreturn]] void refuse_with_errno(const std::string &path, const char *what) {
-  const int error = errno;
-  throw refused_t(fmt::format("{}: {}: {}", path, what, std::strerror(error)));
-}
-
-// A report that did not arrive must not look like success.
-void print(const std::string &text) {
-  if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0)
-    refuse_with_errno("stdout", "cannot be written");
-}
 
 // ---- Record types --------------------------------------------------------------------------------------------------
 

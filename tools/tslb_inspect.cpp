@@ -18,17 +18,13 @@
 #include "array_loader.h"
 #include "inspect/analysis.h"
 #include "inspect/render.h"
+#include "refusal.h"
 
 namespace {
 
 constexpr int EXIT_SOUND = 0;
 constexpr int EXIT_FAULTS = 1;
 constexpr int EXIT_TROUBLE = 2;
-
-// Ends the run with its line on stderr.
-struct refused_t : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
 
 struct arguments_t {
   std::vector<std::string> files;
@@ -42,18 +38,7 @@ int complain(const std::string &what) {
   return EXIT_TROUBLE;
 }
 
-[[noreturn]] void refuse_with_errno(const std::string &path, const char *what) {
-  const int error = errno;
-  throw refused_t(fmt::format("{}: {}: {}", path, what, std::strerror(error)));
-}
-
 // ---- Results -------------------------------------------------------------------------------------------------------
-
-// A report that did not arrive must not look like success.
-void print(const std::string &text) {
-  if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0)
-    refuse_with_errno("stdout", "cannot be written");
-}
 
 // What was inspected stays as it is, under whatever name the output has.
 void check_output(const std::string &path, const inspect::reports_t &reports, bool force) {
