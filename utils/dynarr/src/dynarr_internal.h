@@ -178,17 +178,12 @@ static inline void *issued_position_of(DynArrHandle_t *array, DynArrHdr_t *hdr, 
   return slot_byte_of(array, hdr, id, hdr->record_size + node_bytes_of(daflag), NODE_BYTES + byte_off);
 }
 
-// get_dyn_arr_record_position_ex where the header is known already. An offset is added on the way, so that whoever wants
-// a place in the record need not wait for it either.
-static inline void *position_in(DynArrHandle_t *array, DynArrHdr_t *hdr, uint32_t id, uint8_t daflag,
-                                uint32_t byte_off = 0) {
+// get_dyn_arr_record_position_ex, inlined where a lookup is part of a hot path. An offset is added on the way, so that
+// whoever wants a place in the record need not wait for it either.
+static inline void *position_of(DynArrHandle_t *array, uint32_t id, uint8_t daflag, uint32_t byte_off = 0) {
+  DynArrHdr_t *const hdr = arr_hdr_of(array);
   // Relaxed: whoever was given the id sees a count above it; for anybody else it is a bound, not a publication.
   return id < get32(&hdr->n_used) ? issued_position_of(array, hdr, id, daflag, byte_off) : nullptr;
-}
-
-// The same, inlined where a lookup is part of a hot path.
-static inline void *position_of(DynArrHandle_t *array, uint32_t id, uint8_t daflag, uint32_t byte_off = 0) {
-  return position_in(array, arr_hdr_of(array), id, daflag, byte_off);
 }
 
 static inline void *slot_ptr_of(DynArrHandle_t *array, uint32_t idx) {

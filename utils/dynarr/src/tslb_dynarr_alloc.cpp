@@ -137,7 +137,7 @@ static void clear_payload(void *payload, uint32_t record_size) {
   memset(static_cast<char *>(payload) + done, 0, record_size - done);
 }
 
-// Takes the slot of least cost: a free one, an idle one, a new one. Its payload is what it was.
+// Takes a slot: a free one, else an inactive one that the policy gives back, else a fresh one. Its payload is what it was.
 __attribute__((always_inline)) static inline taken_t choose_slot(const list_array_t &list, uint32_t now,
                                                                  bool may_reuse) {
   uint32_t idx = TSLB_DA_NIL_IDX, last_ts = now;
