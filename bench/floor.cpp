@@ -89,7 +89,7 @@ static inline void *find_issued(DynArrHandle_t *array, DynArrHdr_t *hdr, uint32_
 static inline void *find_slot(DynArrHandle_t *array, DynArrHdr_t *hdr, uint32_t id, uint8_t daflag, uint32_t offset) {
   if ((daflag & (TSLB_DA_DAFLAG_LL | TSLB_DA_DAFLAG_INLL)) == 0)
     return find_issued(array, hdr, id, hdr->record_size, offset);
-  const uint32_t nodes = (daflag & TSLB_DA_DAFLAG_INLL) != 0 ? 2 * NODE : NODE;
+  const uint32_t nodes = NODE + (daflag & TSLB_DA_DAFLAG_INLL) * (NODE / TSLB_DA_DAFLAG_INLL);
   return find_issued(array, hdr, id, hdr->record_size + nodes, NODE + offset);
 }
 
@@ -267,10 +267,17 @@ static inline bool looks_empty(const MemSlot_t *slot) {
   return __atomic_load_n(&slot->bytes_del, __ATOMIC_ACQUIRE) == load(&slot->bytes_used);
 }
 
+// No slot stopped being current while somebody's reservation in it was not counted yet: such a one is not empty, whatever
+// its counters say. Noted behind the handle.
+static inline bool all_are_counted(const dynmem_t *pool) {
+  return *reinterpret_cast<void *const *>(pool + 1) == nullptr;
+}
+
 static inline void give_back(dynmem_t *pool, const DynMemHdr_t *hdr, uint32_t idx, MemSlot_t *slot) {
   DynArrHdr_t *const arr_hdr = hdr_of(pool);
   lock(&pool->spinlock);
-  const bool empty = current_of(hdr) != idx && looks_empty(slot) && status_of(slot) == TSLB_DA_SLOT_ACTIVE;
+  const bool empty =
+      current_of(hdr) != idx && all_are_counted(pool) && looks_empty(slot) && status_of(slot) == TSLB_DA_SLOT_ACTIVE;
   if (empty) append_free(pool, arr_hdr, lli_of(pool), pool->daflag, idx, slot);
   cas16(&pool->spinlock, 1, 0);
   if (load(&g_redo_handle) != nullptr) abort();

@@ -1,9 +1,10 @@
 // Conversions of stored arrays to older layouts. The seven record routines are one frame over a copy step each.
 #include "tsdb_recovery_version_downgrade_fn.h"
 
+#include <stddef.h>
 #include <string.h>
 
-#include "dynarr_internal.h"
+#include "dynarr_lists.h"
 #include "recovery_trace.h"
 #include "tsdb_recovery_schema.h"
 #include "tslb_dynarr.h"
@@ -25,12 +26,13 @@ static void convert(const char *function, void *cbargs, uint8_t target_version, 
   if (source == nullptr) return;
   const uint32_t slot_bytes = slot_bytes_of(source);
   const bool plain = !has_lists(destination);
+  const DynArrHdr_t *const hdr_cv = arr_hdr_of(destination);
   slot_run_t left = {nullptr, 0};
-  for (uint32_t i = 0; i < get_dyn_total_allocated_records(destination); ++i) {
+  for (uint32_t i = 0; i < get32(&hdr_cv->n_alloc); ++i) {
     if (left.count == 0) left = run_at(source, i, get_dyn_arr_size(source));
     if (left.slot == nullptr) return;
     uint32_t idx;
-    void *const node_cv = plain ? take_plain_slot(destination, &idx) : tslb_da_get_newptr(destination, &idx);
+    void *const node_cv = plain ? take_plain_slot(destination, &idx) : lists_take(destination, &idx);
     if (node_cv == nullptr) return;
     copy(static_cast<char *>(node_cv), left.slot);
     left = {left.slot + slot_bytes, left.count - 1};
@@ -65,24 +67,18 @@ void tsdb_recov_downgrade_derived_metric_t_1_0(void *cbargs) {
 
 void tsdb_recov_downgrade_rc_tysub_1_0(void *cbargs) {
   convert(__func__, cbargs, 0, [](char *to, const char *from) {
-    // In place, since a copy of each would cost more than the fields; neither need be aligned.
-    typedef ty_sub_t_v1 newer_t __attribute__((aligned(1)));
-    typedef ty_sub_t_v0 older_t __attribute__((aligned(1)));
-    const newer_t &newer = *reinterpret_cast<const newer_t *>(from);
-    older_t &older = *reinterpret_cast<older_t *>(to);
-    memset(to, 0, sizeof(older));  // gaps stay zero
-    older.i_name = newer.i_name;
-    older.prev_id = newer.prev_id;
-    older.next_id = newer.next_id;
-    older.ts = newer.ts;
-    older.nodes_group = newer.nodes_group;
-    older.flag_bitmask = newer.flag_bitmask;
-    older.mg = newer.mg;
-    older.ag = newer.ag;
-    older.reserved = newer.reserved;
-    for (int j = 0; j < 5; ++j) older.rsb_arr[j] = {newer.rsb_arr[j].base_seq_no, newer.rsb_arr[j].tt_rsb};
-    older.i_offline_dirpath = newer.i_offline_dirpath;
-    older.i_namepath = newer.i_namepath;
+    typedef ty_sub_t_v1 newer_t;
+    typedef ty_sub_t_v0 older_t;
+    // From gap to gap: up to the entries both layouts agree. The gaps of a new slot are zero and stay so.
+    memcpy(to, from, offsetof(older_t, gap10));
+    memcpy(to + offsetof(older_t, nodes_group), from + offsetof(newer_t, nodes_group),
+           offsetof(older_t, gap17) - offsetof(older_t, nodes_group));
+    memcpy(to + offsetof(older_t, mg), from + offsetof(newer_t, mg), offsetof(older_t, gap29) - offsetof(older_t, mg));
+    for (size_t j = 0; j < 5; ++j)
+      memcpy(to + offsetof(older_t, rsb_arr) + j * sizeof(rsb_t_v0),
+             from + offsetof(newer_t, rsb_arr) + j * sizeof(rsb_t_v1), offsetof(rsb_t_v1, stale_rsb));
+    memcpy(to + offsetof(older_t, i_offline_dirpath), from + offsetof(newer_t, i_offline_dirpath),
+           sizeof(older_t) - offsetof(older_t, i_offline_dirpath));
   });
 }
 

@@ -19,6 +19,9 @@ static inline uint32_t get32(const void *word) {
 static inline void set32(void *word, uint32_t value) {
   __atomic_store_n(static_cast<uint32_t *>(word), value, __ATOMIC_RELAXED);
 }
+static inline void set64(void *word, uint64_t value) {
+  __atomic_store_n(static_cast<uint64_t *>(word), value, __ATOMIC_RELAXED);
+}
 static inline uint32_t add32(void *word, uint32_t amount) {
   return get_and_inc32(static_cast<uint32_t *>(word), amount);
 }
@@ -193,14 +196,19 @@ static inline void *slot_ptr_of(DynArrHandle_t *array, uint32_t idx) {
 // Reports an array that is full; -1.
 __attribute__((cold)) int32_t dynarr_refuse_id(uint32_t n_alloc);
 
-// get_dyn_arr_new_record_id_ex, inlined where slots are taken.
-static inline int32_t new_record_id(DynArrHandle_t *array, void **ptr, uint8_t daflag) {
-  DynArrHdr_t *const hdr = arr_hdr_of(array);
+// Issues the next id; find(id) gives its record, or null. Result and `*ptr` as get_dyn_arr_new_record_id_ex.
+template <class Find>
+static inline int32_t issue_id(DynArrHdr_t *hdr, void **ptr, Find find) {
   const uint32_t id = add32(&hdr->n_used, 1);
   const uint32_t n_alloc = get32(&hdr->n_alloc);
-  *ptr = __builtin_expect(n_alloc == UINT32_MAX, 0) ? nullptr : issued_position_of(array, hdr, id, daflag);
+  *ptr = __builtin_expect(n_alloc == UINT32_MAX, 0) ? nullptr : find(id);
   if (__builtin_expect(*ptr != nullptr, 1)) return static_cast<int32_t>(id);
   return n_alloc == UINT32_MAX ? dynarr_refuse_id(n_alloc) : -1;
+}
+
+static inline int32_t new_record_id(DynArrHandle_t *array, void **ptr, uint8_t daflag) {
+  DynArrHdr_t *const hdr = arr_hdr_of(array);
+  return issue_id(hdr, ptr, [=](uint32_t id) { return issued_position_of(array, hdr, id, daflag); });
 }
 
 // tslb_da_get_newptr of an array without lists. The clock is read for every slot, also for one that keeps no time.
@@ -228,27 +236,6 @@ static inline slot_run_t run_at(DynArrHandle_t *array, uint32_t idx, uint32_t en
   return {static_cast<char *>(slot_ptr_of(array, idx)), room < end - idx ? room : end - idx};
 }
 
-// What the paths over lists need again and again. A hook that is called in between may change any word, so the compiler
-// would read these anew behind each; they stay as they are as long as the array lives.
-struct list_array_t {
-  DynArrHandle_t *array;
-  DynArrHdr_t *hdr;
-  DynArrLLI_t *lli;
-  uint8_t daflag;
-
-  bool has_inactive_list() const { return (daflag & TSLB_DA_DAFLAG_INLL) != 0; }
-  // Null if there is no such slot.
-  void *slot(uint32_t idx) const {
-    if (idx >= get32(&hdr->n_used)) return nullptr;
-    return slot_byte_of(array, hdr, idx, hdr->record_size + (has_inactive_list() ? 2 : 1) * NODE_BYTES, NODE_BYTES);
-  }
-  node_bw *bw(void *slot_ptr) const { return bw_of(slot_ptr, hdr->record_size); }
-};
-
-static inline list_array_t list_array_of(DynArrHandle_t *array) {
-  return {array, arr_hdr_of(array), lli_of(array), array->daflag};
-}
-
 // ---- Spin lock -----------------------------------------------------------------------------------------------------
 // tslb_da_spin_lock16 and tslb_da_spin_unlock16, without the call around the host's swap.
 
@@ -259,16 +246,6 @@ static inline void spin_lock(uint16_t *word) {
 static inline void spin_unlock(uint16_t *word) {
   cas16(word, 1, 0);
 }
-
-// ---- Lists, under the lock -----------------------------------------------------------------------------------------
-
-// Sets the back link of slot `idx` and logs that whole slot.
-void lists_relink_prev(const list_array_t &list, uint32_t idx, uint32_t prev);
-
-// The two halves of tslb_da_free_idx, for whoever has to decide and free in one hold of the lock: the first under it,
-// with the result of that function; the second, if the first gave 0, after its release.
-int slot_free_locked(dynarr_t *array, uint32_t idx, void *slot_ptr);
-void slot_free_log(dynarr_t *array, uint32_t idx);
 
 // ---- Redo records -------------------------------------------------------------------------------------------------
 

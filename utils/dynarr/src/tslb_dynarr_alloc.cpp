@@ -4,7 +4,7 @@
 #include <string.h>
 #include <time.h>
 
-#include "dynarr_internal.h"
+#include "dynarr_lists.h"
 #include "tslb_dynarr.h"
 #include "tslb_dynmem.h"
 #include "tslb_probes.h"
@@ -48,7 +48,7 @@ static bool passes(const tsdb_inactive_thshld_policy_t &set, uint32_t n_used, ui
 }
 
 // Whether enough of the array lies idle for its policy to take inactive slots back.
-static bool policy_wants_reuse(const list_array_t &list) {
+static inline bool policy_wants_reuse(const list_array_t &list) {
   const DynArrLLI_t *const lli = list.lli;
   const tsdb_mem_pressure_config_t &policy = lli->mem_pressure_conf;
   const uint32_t n_inact = get32(&lli->n_inact);
@@ -58,20 +58,28 @@ static bool policy_wants_reuse(const list_array_t &list) {
   return passes(policy.major, n_used, n_inact, percent) || passes(policy.critical, n_used, n_inact, percent);
 }
 
-// Takes the head of the inactive list if policy and age allow it; null if not. `*head_ts` is the head's time whenever a
-// head was looked at. No other slot is: the head has been inactive for longest.
+// A slot that left the inactive list, in two registers.
+struct reused_t {
+  void *slot_ptr;  // null: policy or age spoke against it
+  uint32_t idx;
+  uint32_t ts;  // time of the head if one was looked at, else what the caller gave
+};
+
+// Takes the head of the inactive list if policy and age allow it. No other slot is looked at: the head has been inactive
+// for longest.
 // Not in line: who asks it keeps the rest in registers.
-__attribute__((noinline)) static void *take_inactive_head(dynarr_t *array, uint32_t *idx, uint32_t *head_ts) {
+__attribute__((noinline)) static reused_t take_inactive_head(dynarr_t *array, uint32_t now) {
   const list_array_t list = list_array_of(array);
   DynArrLLI_t *const lli = list.lli;
-  if (!policy_wants_reuse(list)) return nullptr;
+  if (!policy_wants_reuse(list)) return {nullptr, TSLB_DA_NIL_IDX, now};
   const uint32_t head = get32(&lli->inact_head);
   void *const slot_ptr = list.slot(head);
-  if (slot_ptr == nullptr) return nullptr;
-  *head_ts = get32(&list.bw(slot_ptr)->ts);
+  if (slot_ptr == nullptr) return {nullptr, TSLB_DA_NIL_IDX, now};
+  const uint32_t head_ts = get32(&list.bw(slot_ptr)->ts);
   // The limit comes from `critical` whichever set passed.
   const uint32_t min_age = lli->mem_pressure_conf.critical.min_days_since_inactive;
-  if (tslb_validate_days_since_node_inact(*head_ts, static_cast<int>(min_age)) == 0) return nullptr;
+  if (tslb_validate_days_since_node_inact(head_ts, static_cast<int>(min_age)) == 0)
+    return {nullptr, TSLB_DA_NIL_IDX, head_ts};
 
   if (head == get32(&lli->inact_tail)) {
     set32(&lli->inact_tail, TSLB_DA_NIL_IDX);
@@ -79,11 +87,10 @@ __attribute__((noinline)) static void *take_inactive_head(dynarr_t *array, uint3
   } else {
     const uint32_t next = get32(&fw_of(slot_ptr)->next);
     set32(&lli->inact_head, next);
-    lists_relink_prev(list, next, TSLB_DA_NIL_IDX);
+    lists_relink_prev(array, next, TSLB_DA_NIL_IDX);
   }
   set32(&lli->n_inact, get32(&lli->n_inact) - 1);
-  *idx = head;
-  return slot_ptr;
+  return {slot_ptr, head, head_ts};
 }
 
 // Days in name only: both sides are seconds of the library's clock. Single precision is part of the answer.
@@ -130,25 +137,31 @@ struct taken_t {
 };
 
 // The first two words of a payload are what others look at without the lock: the gatekeeper word, and a memory slot's
-// counters. They change one by one; the rest has no reader.
-static void clear_payload(void *payload, uint32_t record_size) {
-  uint32_t done = 0;
-  for (; done < 8 && done + 4 <= record_size; done += 4) set32(static_cast<char *>(payload) + done, 0);
-  memset(static_cast<char *>(payload) + done, 0, record_size - done);
+// counters. Each changes whole; the rest has no reader.
+static inline void clear_payload(void *payload, uint32_t record_size) {
+  if (__builtin_expect(record_size >= 8, 1)) {
+    set64(payload, 0);
+    memset(static_cast<char *>(payload) + 8, 0, record_size - 8);
+  } else {
+    if (record_size >= 4) set32(payload, 0);
+    memset(static_cast<char *>(payload) + (record_size & 4), 0, record_size & 3);
+  }
 }
 
 // Takes a slot: a free one, else an inactive one that the policy gives back, else a fresh one. Its payload is what it was.
-__attribute__((always_inline)) static inline taken_t choose_slot(const list_array_t &list, uint32_t now,
-                                                                 bool may_reuse) {
-  uint32_t idx = TSLB_DA_NIL_IDX, last_ts = now;
-  if (void *const slot_ptr = take_free_head(list, &idx)) return {slot_ptr, idx, now, TSLB_DA_SLOT_FREE};
+__attribute__((always_inline)) static inline void choose_slot(const list_array_t &list, uint32_t now, bool may_reuse,
+                                                              taken_t *taken) {
+  *taken = {nullptr, TSLB_DA_NIL_IDX, now, TSLB_DA_SLOT_FREE};
+  taken->slot_ptr = take_free_head(list, &taken->idx);
+  if (taken->slot_ptr != nullptr) return;
   if (may_reuse && list.lli->mem_pressure_conf.mvt_reuse_policy_use != 0) {
-    if (void *const slot_ptr = take_inactive_head(list.array, &idx, &last_ts))
-      return {slot_ptr, idx, last_ts, TSLB_DA_SLOT_INACTIVE};
+    const reused_t reused = take_inactive_head(list.array, now);
+    *taken = {reused.slot_ptr, reused.idx, reused.ts, TSLB_DA_SLOT_INACTIVE};
+    if (taken->slot_ptr != nullptr) return;
   }
-  void *slot_ptr;
-  idx = static_cast<uint32_t>(new_record_id(list.array, &slot_ptr, list.daflag));
-  return {slot_ptr, idx, last_ts, TSLB_DA_SLOT_UNSET};
+  const int32_t id = issue_id(list.hdr, &taken->slot_ptr, [&](uint32_t issued) { return list.issued_slot(issued); });
+  taken->idx = static_cast<uint32_t>(id);
+  taken->last_status = TSLB_DA_SLOT_UNSET;
 }
 
 // A slot of a list array, its nodes written. The payload of a used one goes to `last_value` if that is not null. Under
@@ -156,7 +169,8 @@ __attribute__((always_inline)) static inline taken_t choose_slot(const list_arra
 __attribute__((always_inline)) static inline taken_t take_slot(dynarr_t *array, uint32_t now, bool may_reuse,
                                                                void *last_value) {
   const list_array_t list = list_array_of(array);
-  const taken_t taken = choose_slot(list, now, may_reuse);
+  taken_t taken;
+  choose_slot(list, now, may_reuse, &taken);
   if (taken.slot_ptr == nullptr) return taken;
   if (taken.last_status != TSLB_DA_SLOT_UNSET) {
     const uint32_t record_size = list.hdr->record_size;
@@ -167,26 +181,43 @@ __attribute__((always_inline)) static inline taken_t take_slot(dynarr_t *array, 
   return taken;
 }
 
+// In line in a function for each use, so that none asks at both ends whether its caller holds the lock.
+enum lock_use_t { CALLER_HOLDS_LOCK, TAKES_LOCK };
+__attribute__((always_inline)) static inline void *take_and_log(dynarr_t *array, uint32_t *new_idx,
+                                                                lock_use_t lock_use) {
+  const uint32_t now = static_cast<uint32_t>(tslb_get_time(nullptr));
+  if (lock_use == TAKES_LOCK) spin_lock(&array->spinlock);
+  const taken_t taken = take_slot(array, now, true, nullptr);
+  if (lock_use == TAKES_LOCK) spin_unlock(&array->spinlock);
+  if (taken.slot_ptr != nullptr) {
+    if (redo_is_on_by_name(array)) {
+      redo_header(array);
+      redo_nodes(array, taken.idx, taken.slot_ptr);
+    }
+    set32(taken.slot_ptr, GATEKEEPER);
+    TSLB_PROBE_SLOT_TAKEN(array, taken.idx, taken.slot_ptr);
+  }
+  *new_idx = taken.idx;
+  return taken.slot_ptr;
+}
+
+void *lists_take(dynarr_t *array, uint32_t *new_idx) {
+  return take_and_log(array, new_idx, TAKES_LOCK);
+}
+__attribute__((noinline)) static void *take_under_lock(dynarr_t *array, uint32_t *new_idx) {
+  return take_and_log(array, new_idx, CALLER_HOLDS_LOCK);
+}
+__attribute__((noinline)) static void *take_plain(dynarr_t *array, uint32_t *new_idx) {
+  return take_plain_slot(array, new_idx);
+}
+
 void *tslb_da_get_newptr(dynarr_t *handle_dynarr, uint32_t *new_idx) {
   return handle_dynarr != nullptr ? tslb_da_get_newptr_ex(handle_dynarr, new_idx, 1) : nullptr;
 }
 
 void *tslb_da_get_newptr_ex(dynarr_t *handle_dynarr, uint32_t *new_idx, uint8_t lock_off) {
-  if (!has_lists(handle_dynarr)) return take_plain_slot(handle_dynarr, new_idx);
-  const uint32_t now = static_cast<uint32_t>(tslb_get_time(nullptr));
-  if (lock_off != 0) spin_lock(&handle_dynarr->spinlock);
-  const taken_t taken = take_slot(handle_dynarr, now, true, nullptr);
-  if (lock_off != 0) spin_unlock(&handle_dynarr->spinlock);
-  if (taken.slot_ptr != nullptr) {
-    if (redo_is_on_by_name(handle_dynarr)) {
-      redo_header(handle_dynarr);
-      redo_nodes(handle_dynarr, taken.idx, taken.slot_ptr);
-    }
-    set32(taken.slot_ptr, GATEKEEPER);
-    TSLB_PROBE_SLOT_TAKEN(handle_dynarr, taken.idx, taken.slot_ptr);
-  }
-  *new_idx = taken.idx;
-  return taken.slot_ptr;
+  if (!has_lists(handle_dynarr)) return take_plain(handle_dynarr, new_idx);
+  return lock_off != 0 ? lists_take(handle_dynarr, new_idx) : take_under_lock(handle_dynarr, new_idx);
 }
 
 void *tslb_da_get_newptr_inll(dynarr_t *handle_dynarr, uint32_t *new_idx, uint32_t *slot_last_ts,

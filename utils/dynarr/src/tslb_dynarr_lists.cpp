@@ -3,7 +3,7 @@
 // of a slot's neighbours are logged under it, the slot's own after its release.
 #include <stdio.h>
 
-#include "dynarr_internal.h"
+#include "dynarr_lists.h"
 #include "tslb_dynarr.h"
 #include "tslb_probes.h"
 #include "tslb_report.h"
@@ -15,68 +15,50 @@
 static void log_slot(dynarr_t *array, uint32_t idx) {
   if (redo_is_on(array)) tslb_redo_log_da(array, idx, NO_TXN, TSLB_REDO_SLOT);
 }
-static void log_forward_node(dynarr_t *array, uint32_t idx) {
-  if (redo_is_on(array)) tslb_redo_log_da_ex(array, idx, NO_TXN, TSLB_REDO_SLOT, 1);
-}
 
 // Points a neighbour's forward or back link elsewhere, and logs that whole slot.
-static void relink_next(const list_array_t &list, uint32_t idx, uint32_t next) {
-  void *const slot_ptr = list.slot(idx);
+static void relink_next(dynarr_t *array, uint32_t idx, uint32_t next) {
+  void *const slot_ptr = slot_ptr_of(array, idx);
   if (slot_ptr != nullptr) set32(&fw_of(slot_ptr)->next, next);
-  log_slot(list.array, idx);
+  log_slot(array, idx);
 }
 
-void lists_relink_prev(const list_array_t &list, uint32_t idx, uint32_t prev) {
-  void *const slot_ptr = list.slot(idx);
-  if (slot_ptr != nullptr) set32(&list.bw(slot_ptr)->prev, prev);
-  log_slot(list.array, idx);
+void lists_relink_prev(dynarr_t *array, uint32_t idx, uint32_t prev) {
+  void *const slot_ptr = slot_ptr_of(array, idx);
+  if (slot_ptr != nullptr) set32(&bw_of(slot_ptr, arr_hdr_of(array)->record_size)->prev, prev);
+  log_slot(array, idx);
 }
 
 // A count without a head is a list that was lost: it is started anew. Its slots keep their status, out of reach.
-__attribute__((noinline, cold)) static void repair_free_list(const list_array_t &list) {
+void lists_repair_free(dynarr_t *array) {
+  DynArrLLI_t *const lli = lli_of(array);
   fprintf(stderr,
           "%s:%d:%s: Warning: Trying to get slot from NULL free_head, resetting n_free,n_free - %d, ctx_name - %s, "
           "tbl_id - %d",
-          __FILE_NAME__, __LINE__, "tslb_da_free_idx", static_cast<int>(get32(&list.lli->n_free)), list.array->ctx_name,
-          static_cast<int>(list.array->tbl_id));
-  set32(&list.lli->n_free, 0);
-  set32(&list.lli->free_tail, TSLB_DA_NIL_IDX);
+          __FILE_NAME__, __LINE__, "tslb_da_free_idx", static_cast<int>(get32(&lli->n_free)), array->ctx_name,
+          static_cast<int>(array->tbl_id));
+  set32(&lli->n_free, 0);
+  set32(&lli->free_tail, TSLB_DA_NIL_IDX);
 }
 
-__attribute__((noinline, cold)) static void repair_inactive_list(const list_array_t &list) {
+__attribute__((noinline, cold)) static void repair_inactive_list(dynarr_t *array) {
+  DynArrLLI_t *const lli = lli_of(array);
   fprintf(stderr,
           "%s:%d:%s: Warning: Trying to get slot from NULL inact_head, resetting n_inact, n_inact - %d, ctx_name - "
           "%s, tbl_id - %d",
-          __FILE_NAME__, __LINE__, "tslb_da_inactivate_idx", static_cast<int>(get32(&list.lli->n_inact)),
-          list.array->ctx_name, static_cast<int>(list.array->tbl_id));
-  set32(&list.lli->n_inact, 0);
-  set32(&list.lli->inact_tail, TSLB_DA_NIL_IDX);
+          __FILE_NAME__, __LINE__, "tslb_da_inactivate_idx", static_cast<int>(get32(&lli->n_inact)), array->ctx_name,
+          static_cast<int>(array->tbl_id));
+  set32(&lli->n_inact, 0);
+  set32(&lli->inact_tail, TSLB_DA_NIL_IDX);
 }
 
-static inline void append_free(const list_array_t &list, uint32_t idx, void *slot_ptr) {
-  DynArrLLI_t *const lli = list.lli;
-  const uint32_t head = get32(&lli->free_head);
-  if (head == TSLB_DA_NIL_IDX && get32(&lli->n_free) != 0) repair_free_list(list);
-  const uint32_t tail = get32(&lli->free_tail);
-  if (tail != TSLB_DA_NIL_IDX) {
-    void *const tail_ptr = list.slot(tail);
-    if (tail_ptr != nullptr) set32(&fw_of(tail_ptr)->next, idx);
-    log_forward_node(list.array, tail);
-  }
-  set32(&lli->free_tail, idx);
-  set32(&lli->n_free, get32(&lli->n_free) + 1);
-  if (head == TSLB_DA_NIL_IDX) set32(&lli->free_head, idx);
-  set_status(slot_ptr, TSLB_DA_SLOT_FREE);
-  set32(&fw_of(slot_ptr)->next, TSLB_DA_NIL_IDX);
-}
-
-static void append_inactive(const list_array_t &list, uint32_t idx, void *slot_ptr, uint32_t ts) {
-  DynArrLLI_t *const lli = list.lli;
+static void append_inactive(dynarr_t *array, uint32_t idx, void *slot_ptr, uint32_t ts) {
+  DynArrLLI_t *const lli = lli_of(array);
   const uint32_t head = get32(&lli->inact_head);
-  if (head == TSLB_DA_NIL_IDX && get32(&lli->n_inact) != 0) repair_inactive_list(list);
+  if (head == TSLB_DA_NIL_IDX && get32(&lli->n_inact) != 0) repair_inactive_list(array);
   const uint32_t tail = get32(&lli->inact_tail);
-  if (tail != TSLB_DA_NIL_IDX) relink_next(list, tail, idx);
-  node_bw *const bw = list.bw(slot_ptr);
+  if (tail != TSLB_DA_NIL_IDX) relink_next(array, tail, idx);
+  node_bw *const bw = bw_of(slot_ptr, arr_hdr_of(array)->record_size);
   set32(&bw->prev, tail);
   set32(&fw_of(slot_ptr)->next, TSLB_DA_NIL_IDX);
   set32(&bw->ts, ts);
@@ -87,49 +69,33 @@ static void append_inactive(const list_array_t &list, uint32_t idx, void *slot_p
 }
 
 // Takes a slot out of the inactive list from wherever it stands: two tests cover head, tail, middle and only member.
-static void unlink_inactive(const list_array_t &list, void *slot_ptr) {
-  DynArrLLI_t *const lli = list.lli;
+static void leave_inactive(dynarr_t *array, void *slot_ptr, uint32_t status) {
+  DynArrLLI_t *const lli = lli_of(array);
   node_fw *const fw = fw_of(slot_ptr);
-  node_bw *const bw = list.bw(slot_ptr);
+  node_bw *const bw = bw_of(slot_ptr, arr_hdr_of(array)->record_size);
   const uint32_t prev = get32(&bw->prev), next = get32(&fw->next);
   if (prev == TSLB_DA_NIL_IDX)
     set32(&lli->inact_head, next);
   else
-    relink_next(list, prev, next);
+    relink_next(array, prev, next);
   if (next == TSLB_DA_NIL_IDX)
     set32(&lli->inact_tail, prev);
   else
-    lists_relink_prev(list, next, prev);
+    lists_relink_prev(array, next, prev);
   set32(&bw->prev, TSLB_DA_NIL_IDX);
   set32(&fw->next, TSLB_DA_NIL_IDX);
-}
-
-static void leave_inactive(const list_array_t &list, void *slot_ptr, uint32_t status) {
-  unlink_inactive(list, slot_ptr);
   set_status(slot_ptr, status);
-  set32(&list.lli->n_inact, get32(&list.lli->n_inact) - 1);
+  set32(&lli->n_inact, get32(&lli->n_inact) - 1);
 }
 
 // ---- Free ---------------------------------------------------------------------------------------------------------
 
-static inline int free_locked(const list_array_t &list, uint32_t idx, void *slot_ptr) {
-  // Read under the lock: of two frees at the same moment the second one finds the slot free.
-  const uint32_t status = status_of(slot_ptr);
-  if (status == TSLB_DA_SLOT_FREE) return 1;
-  if (status == TSLB_DA_SLOT_INACTIVE) leave_inactive(list, slot_ptr, TSLB_DA_SLOT_FREE);
-  // Any other number is no status of this library: no list knows the slot, and none gets it.
-  if (status == TSLB_DA_SLOT_ACTIVE || status == TSLB_DA_SLOT_INACTIVE) append_free(list, idx, slot_ptr);
-  set32(slot_ptr, GATEKEEPER);
-  TSLB_PROBE_SLOT_FREED(list.array, idx, slot_ptr);
-  return 0;
+void lists_free_inactive(dynarr_t *array, uint32_t idx, void *slot_ptr) {
+  leave_inactive(array, slot_ptr, TSLB_DA_SLOT_FREE);
+  lists_append_free(list_array_of(array), idx, slot_ptr);
 }
 
-int slot_free_locked(dynarr_t *array, uint32_t idx, void *slot_ptr) {
-  return free_locked(list_array_of(array), idx, slot_ptr);
-}
-
-void slot_free_log(dynarr_t *array, uint32_t idx) {
-  if (!redo_is_on(array)) return;
+void lists_write_freed(dynarr_t *array, uint32_t idx) {
   log_forward_node(array, idx);
   tslb_redo_log_da_hdr(array, idx, NO_TXN, TSLB_REDO_SLOT);
 }
@@ -144,9 +110,9 @@ int tslb_da_free_idx(dynarr_t *handle_dynarr, uint32_t idx) {
   void *const slot_ptr = list.slot(idx);
   if (slot_ptr == nullptr) return -1;
   spin_lock(&handle_dynarr->spinlock);
-  const int refused = free_locked(list, idx, slot_ptr);
+  const int refused = lists_free(list, idx, slot_ptr);
   spin_unlock(&handle_dynarr->spinlock);
-  if (refused == 0) slot_free_log(handle_dynarr, idx);
+  if (refused == 0) lists_log_freed(handle_dynarr, idx);
   return refused;
 }
 
@@ -178,7 +144,7 @@ int tslb_da_inactivate_idx(dynarr_t *handle_dynarr, uint32_t idx, time_t ts) {
             TSLB_FILE_LINE_FUNC, idx, status);
     return 1;
   }
-  append_inactive(list_array_of(handle_dynarr), idx, slot_ptr, static_cast<uint32_t>(ts));
+  append_inactive(handle_dynarr, idx, slot_ptr, static_cast<uint32_t>(ts));
   spin_unlock(&handle_dynarr->spinlock);
   log_slot(handle_dynarr, idx);
   return 0;
@@ -200,7 +166,7 @@ int tslb_da_activate_idx(dynarr_t *handle_dynarr, uint32_t idx) {
             TSLB_FILE_LINE_FUNC, idx, status);
     return 1;
   }
-  leave_inactive(list_array_of(handle_dynarr), slot_ptr, TSLB_DA_SLOT_ACTIVE);
+  leave_inactive(handle_dynarr, slot_ptr, TSLB_DA_SLOT_ACTIVE);
   spin_unlock(&handle_dynarr->spinlock);
   log_slot(handle_dynarr, idx);
   return 0;

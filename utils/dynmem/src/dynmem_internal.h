@@ -53,17 +53,15 @@ struct chunk_place_t {
   uint32_t byte_off;
 };
 
-constexpr uint32_t BV_UNIT_BYTES = 8;     // a bit-vector address keeps offsets in these
-constexpr uint32_t BV_GROUP_SLOTS = 256;  // slots that its low 8 bits tell apart
+constexpr uint32_t BV_UNIT_BYTES = 8;  // a bit-vector address keeps offsets in these
+constexpr uint32_t BV_SLOT_BITS = 11;  // its slot index, whose low 8 bits and high 3 bits lie side by side
 
+// Whole words: from the two fields of a slot index a compiler makes more than one mask.
 static inline maddr_t encode_address(const DynMemHdr_t *hdr, chunk_place_t place) {
   maddr_t address;
   if (is_bitvector(hdr)) {
-    maddrBV_t bv;
-    bv.mslot_idx = place.slot_idx & 0xFF;
-    bv.mslotgroup_idx = (place.slot_idx / BV_GROUP_SLOTS) & 7;
-    bv.mchunk_idx = (place.byte_off / BV_UNIT_BYTES) & 0x1FFFFF;
-    __builtin_memcpy(&address, &bv, sizeof(address));
+    const uint32_t word = place.slot_idx % (1u << BV_SLOT_BITS) | place.byte_off / BV_UNIT_BYTES << BV_SLOT_BITS;
+    __builtin_memcpy(&address, &word, sizeof(address));
   } else {
     address.mslot_idx = place.slot_idx & 0xFF;
     address.mchunk_idx = place.byte_off & 0xFFFFFF;
@@ -72,9 +70,9 @@ static inline maddr_t encode_address(const DynMemHdr_t *hdr, chunk_place_t place
 }
 
 static inline chunk_place_t decode_bitvector(maddr_t address) {
-  maddrBV_t bv;
-  __builtin_memcpy(&bv, &address, sizeof(bv));
-  return {bv.mslotgroup_idx * BV_GROUP_SLOTS + bv.mslot_idx, bv.mchunk_idx * BV_UNIT_BYTES};
+  uint32_t word;
+  __builtin_memcpy(&word, &address, sizeof(word));
+  return {word % (1u << BV_SLOT_BITS), (word >> BV_SLOT_BITS) * BV_UNIT_BYTES};
 }
 static inline chunk_place_t decode_bigbuffer(maddr_t address) {
   return {address.mslot_idx, address.mchunk_idx};

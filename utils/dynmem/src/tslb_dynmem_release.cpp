@@ -11,6 +11,7 @@
 // still, and asks again: no release is lost.
 #include <stdlib.h>
 
+#include "dynarr_lists.h"
 #include "dynmem_internal.h"
 #include "tslb_dynmem.h"
 #include "tslb_probes.h"
@@ -53,13 +54,16 @@ void note_slot_left(dynmem_t *pool, chunk_place_t end) {
   private_of(pool)->unsettled = noted;
 }
 
-static inline bool is_settled(dynmem_t *pool, uint32_t slot_idx) {
-  if (private_of(pool)->unsettled == nullptr) return true;  // nearly always
+__attribute__((noinline, cold)) static bool is_noted(dynmem_t *pool, uint32_t slot_idx) {
   drop_settled(pool);
   for (const unsettled_slot_t *noted = private_of(pool)->unsettled; noted != nullptr; noted = noted->next) {
-    if (noted->slot_idx == slot_idx) return false;
+    if (noted->slot_idx == slot_idx) return true;
   }
-  return true;
+  return false;
+}
+
+static inline bool is_settled(dynmem_t *pool, uint32_t slot_idx) {
+  return private_of(pool)->unsettled == nullptr || !is_noted(pool, slot_idx);
 }
 
 // ---- Release -------------------------------------------------------------------------------------------------------
@@ -74,36 +78,43 @@ static bool is_current(const dynmem_t *pool, uint32_t slot_idx) {
   return cursor_slot(get64(&pool_hdr_of(pool)->cur_slot_addr)) == slot_idx;
 }
 
-// Gives a slot back if it is empty still, and says whether it did.
-static bool release_if_empty(dynmem_t *pool, uint32_t slot_idx, MemSlot_t *slot) {
+// Gives a slot back if it is empty still, and says whether it did. Not in line: who finds nothing to give back saves no
+// registers for it.
+__attribute__((noinline)) static bool release_if_empty(dynmem_t *pool, uint32_t slot_idx, MemSlot_t *slot) {
   if (!has_lists(pool)) return tslb_da_free_idx(pool, slot_idx) == 0;  // which says why it cannot
   spin_lock(&pool->spinlock);
   // A complete ring comes to the slot again without asking any list: on one, it would be free and current at once.
   // Settled first: a counter that catches up between the two must be seen by the comparison.
-  const bool released = !is_complete_ring(pool) && !is_current(pool, slot_idx) && is_settled(pool, slot_idx) &&
-                        looks_empty(slot) && slot_free_locked(pool, slot_idx, slot) == 0;
+  const bool is_empty =
+      !is_complete_ring(pool) && !is_current(pool, slot_idx) && is_settled(pool, slot_idx) && looks_empty(slot);
+  const bool released = is_empty && lists_free(list_array_of(pool), slot_idx, slot) == 0;
   spin_unlock(&pool->spinlock);
-  if (released && redo_is_on(pool)) slot_free_log(pool, slot_idx);
-  return released;
+  if (!released) return false;
+  lists_log_freed(pool, slot_idx);
+  return true;
 }
 
-void tslb_dynmem_del_mchunk(dynmem_t *dynmem_handle, maddr_t maddr) {
-  const DynMemHdr_t *const hdr = pool_hdr_of(dynmem_handle);
-  if (!has_compat(hdr)) return;
-  const chunk_place_t place = decode_address(hdr, maddr);
-  MemSlot_t *const slot = slot_of(dynmem_handle, place.slot_idx);
+__attribute__((always_inline)) static inline void delete_chunk(dynmem_t *pool, chunk_place_t place) {
+  MemSlot_t *const slot = slot_of(pool, place.slot_idx);
   if (slot == nullptr) return;
   compat_t *const compat = reinterpret_cast<compat_t *>(slot->mslot + place.byte_off);
   if ((compat->flag & MCHUNK_FLAG_DELETED) != 0) return;
   const uint32_t mchunk_len = compat->mchunk_len;
   // Ahead of the mark: behind it the compiler would save another register.
-  TSLB_PROBE_CHUNK_DELETED(dynmem_handle, place.slot_idx, place.byte_off, mchunk_len, compat);
+  TSLB_PROBE_CHUNK_DELETED(pool, place.slot_idx, place.byte_off, mchunk_len, compat);
   compat->flag = static_cast<char>(compat->flag | MCHUNK_FLAG_DELETED);
   if (mchunk_len == 0) return;
   // The last touch of the chunk: from here on another deletion can give the slot away.
   add32(&slot->bytes_del, mchunk_len + COMPAT_BYTES);
-  if (looks_empty(slot) && !is_current(dynmem_handle, place.slot_idx))
-    release_if_empty(dynmem_handle, place.slot_idx, slot);
+  if (looks_empty(slot) && !is_current(pool, place.slot_idx)) release_if_empty(pool, place.slot_idx, slot);
+}
+
+void tslb_dynmem_del_mchunk(dynmem_t *dynmem_handle, maddr_t maddr) {
+  const DynMemHdr_t *const hdr = pool_hdr_of(dynmem_handle);
+  if (!has_compat(hdr)) return;
+  // Two whole ways, as where addresses are resolved.
+  if (is_bitvector(hdr)) return delete_chunk(dynmem_handle, decode_bitvector(maddr));
+  delete_chunk(dynmem_handle, decode_bigbuffer(maddr));
 }
 
 static inline void sweep_slot(dynmem_t *pool, uint32_t slot_idx, MemSlot_t *slot, size_t *used_sz, size_t *del_sz) {

@@ -1,0 +1,95 @@
+// List surgery where slots are freed and taken: what must be in line there, and what stays out of it. Roots, counters and
+// nodes change under the handle's spin lock. Private: never installed.
+#ifndef DYNARR_LISTS_H
+#define DYNARR_LISTS_H
+
+#include "dynarr_internal.h"
+#include "tslb_dynarr.h"
+#include "tslb_probes.h"
+
+// What the paths over lists need again and again. A hook that is called in between may change any word, so the compiler
+// would read these anew behind each; they stay as they are as long as the array lives. Handed to functions that are in
+// line only: for another one it would have to be written to the stack.
+struct list_array_t {
+  DynArrHandle_t *array;
+  DynArrHdr_t *hdr;
+  DynArrLLI_t *lli;
+  uint32_t node_bytes;  // of one slot
+
+  bool has_inactive_list() const { return node_bytes != NODE_BYTES; }
+  // Null if there is no such slot.
+  void *slot(uint32_t idx) const { return idx < get32(&hdr->n_used) ? issued_slot(idx) : nullptr; }
+  void *issued_slot(uint32_t idx) const {
+    return slot_byte_of(array, hdr, idx, hdr->record_size + node_bytes, NODE_BYTES);
+  }
+  node_bw *bw(void *slot_ptr) const { return bw_of(slot_ptr, hdr->record_size); }
+};
+
+static inline list_array_t list_array_of(DynArrHandle_t *array) {
+  // A product: of a choice the compiler makes four steps.
+  const uint32_t second_node = (array->daflag & TSLB_DA_DAFLAG_INLL) * (NODE_BYTES / TSLB_DA_DAFLAG_INLL);
+  return {array, arr_hdr_of(array), lli_of(array), NODE_BYTES + second_node};
+}
+
+// Logs a slot's forward node. The function called asks the same first; asked here, logging that is off costs no call.
+static inline void log_forward_node(dynarr_t *array, uint32_t idx) {
+  if (redo_is_on(array)) tslb_redo_log_da_ex(array, idx, NO_TXN, TSLB_REDO_SLOT, 1);
+}
+
+// ---- Out of line ---------------------------------------------------------------------------------------------------
+
+// tslb_da_get_newptr of an array with lists.
+void *lists_take(dynarr_t *array, uint32_t *new_idx);
+
+// Sets the back link of slot `idx` and logs that whole slot.
+void lists_relink_prev(dynarr_t *array, uint32_t idx, uint32_t prev);
+
+// Takes a slot from the inactive list to the free one.
+void lists_free_inactive(dynarr_t *array, uint32_t idx, void *slot_ptr);
+
+// Starts the free list anew, after a report.
+__attribute__((cold)) void lists_repair_free(dynarr_t *array);
+
+// The records of a slot that was freed, after the lock's release.
+__attribute__((noinline)) void lists_write_freed(dynarr_t *array, uint32_t idx);
+static inline void lists_log_freed(dynarr_t *array, uint32_t idx) {
+  if (redo_is_on(array)) lists_write_freed(array, idx);
+}
+
+// ---- In line -------------------------------------------------------------------------------------------------------
+
+static inline void lists_append_free(const list_array_t &list, uint32_t idx, void *slot_ptr) {
+  DynArrLLI_t *const lli = list.lli;
+  const uint32_t head = get32(&lli->free_head);
+  if (head == TSLB_DA_NIL_IDX && get32(&lli->n_free) != 0) lists_repair_free(list.array);
+  const uint32_t tail = get32(&lli->free_tail);
+  if (__builtin_expect(tail != TSLB_DA_NIL_IDX, 1)) {
+    void *const tail_ptr = list.slot(tail);
+    if (tail_ptr != nullptr) set32(&fw_of(tail_ptr)->next, idx);
+    log_forward_node(list.array, tail);
+  }
+  set32(&lli->free_tail, idx);
+  set32(&lli->n_free, get32(&lli->n_free) + 1);
+  if (__builtin_expect(head == TSLB_DA_NIL_IDX, 0)) set32(&lli->free_head, idx);
+  set_status(slot_ptr, TSLB_DA_SLOT_FREE);
+  set32(&fw_of(slot_ptr)->next, TSLB_DA_NIL_IDX);
+}
+
+// tslb_da_free_idx under the lock, with its result; if that is 0, lists_log_freed is due behind it. For whoever has to
+// decide and free in one hold of the lock.
+static inline int lists_free(const list_array_t &list, uint32_t idx, void *slot_ptr) {
+  // Read under the lock: of two frees at the same moment the second one finds the slot free.
+  const uint32_t status = status_of(slot_ptr);
+  if (__builtin_expect(status == TSLB_DA_SLOT_ACTIVE, 1))
+    lists_append_free(list, idx, slot_ptr);
+  else if (status == TSLB_DA_SLOT_FREE)
+    return 1;
+  else if (status == TSLB_DA_SLOT_INACTIVE)
+    lists_free_inactive(list.array, idx, slot_ptr);
+  // Any other number is no status of this library: no list knows the slot, and none gets it.
+  set32(slot_ptr, GATEKEEPER);
+  TSLB_PROBE_SLOT_FREED(list.array, idx, slot_ptr);
+  return 0;
+}
+
+#endif
