@@ -12,6 +12,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <charconv>
+
 #include "tslb_atomics.h"
 #include "tslb_util.h"
 
@@ -112,6 +114,9 @@ static bool name_file(const TSLBDLog_t *log, char (&name)[BASE_LEN + 1]) {
   return false;
 }
 
+// The name of the file that is open, under the log's lock: formatted once for a file, not for each line.
+static char open_file[BASE_LEN + 1];
+
 static void leave_file(TSLBDLog_t *log) {
   if (log->fd > 0) close(log->fd);
   log->fd = -1;
@@ -120,8 +125,9 @@ static void leave_file(TSLBDLog_t *log) {
 // Leaves a file that has grown to its size, and one that is gone, whose numbering begins again.
 static void roll_over(TSLBDLog_t *log) {
   char name[BASE_LEN + 1];
+  const bool named = log->fd >= 0 || name_file(log, name);
   struct stat file;
-  if (!name_file(log, name) || stat(name, &file) != 0) {
+  if (!named || stat(log->fd >= 0 ? open_file : name, &file) != 0) {
     leave_file(log);
     log->fver = -1;
   } else if (file.st_size >= log->fmax_sz) {
@@ -139,6 +145,7 @@ static bool open_next(TSLBDLog_t *log, char (&name)[BASE_LEN + 1]) {
             strerror(err));
     return false;
   }
+  memcpy(open_file, name, sizeof(open_file));
   if (write(log->fd, FILE_HEADER, FILE_HEADER_LEN) >= 0) return true;
   const int err = errno;
   fprintf(stderr, "%s|%d|%s|Error: failed to write file header into file = %s, fd = %d. err(%d)=%s\n", REPORT_PLACE,
@@ -171,31 +178,57 @@ static const char *base_name_of(const char *path, char (&copy)[1024]) {
   return basename(copy);
 }
 
-// What a bounded format left in its room, which it may have wanted to exceed.
-static size_t kept_of(int formatted, size_t room) {
-  if (formatted < 0) return 0;
-  return static_cast<size_t>(formatted) < room ? static_cast<size_t>(formatted) : room - 1;
-}
+// A line as it grows. What does not fit is cut, and the room for the line's end stays.
+struct line_t {
+  char text[LINE_BYTES];
+  size_t len = 0;
+
+  size_t room() const { return sizeof(text) - 1 - len; }
+  // A field and the bar behind it.
+  void add_field(const char *field) {
+    add(field, strlen(field));
+    add("|", 1);
+  }
+  void add_field(int number) {
+    char digits[16];
+    add(digits, static_cast<size_t>(std::to_chars(digits, digits + sizeof(digits), number).ptr - digits));
+    add("|", 1);
+  }
+  void add(const char *from, size_t bytes) {
+    const size_t kept = bytes < room() ? bytes : room();
+    memcpy(text + len, from, kept);
+    len += kept;
+  }
+  __attribute__((format(printf, 2, 0))) void add_formatted(const char *fmt, va_list values) {
+    const int wanted = vsnprintf(text + len, room() + 1, fmt, values);
+    if (wanted > 0) len += static_cast<size_t>(wanted) < room() ? static_cast<size_t>(wanted) : room();
+  }
+};
 
 void tslb_dl_logging(int dlevel, const char *file_name, const char *fun_name, int line_no, const char *fmt, ...) {
   TSLBDLog_t *const log = the_log();
   if (log == nullptr || dlevel > __atomic_load_n(&log->level, __ATOMIC_RELAXED)) return;
   const int caller_errno = errno;
   tslb_dl_set_thid();
-  char base[1024], date_time[65], msg_buff[LINE_BYTES + 1];
+  char base[1024], date_time[65];
+  line_t line;
   const char *const file = base_name_of(file_name, base);
 
   pthread_mutex_lock(&log->dl_thlock);
-  size_t wbytes = kept_of(snprintf(msg_buff, LINE_BYTES, "%s|%s|%d|%s|%d|%d|%s|", tslb_get_cur_date_time(date_time, 1),
-                                   file, line_no, fun_name != nullptr ? fun_name : "-", log->pid, g_tid, g_thname),
-                          LINE_BYTES);
+  line.add_field(tslb_get_cur_date_time(date_time, 1));
+  line.add_field(file);
+  line.add_field(line_no);
+  line.add_field(fun_name != nullptr ? fun_name : "-");
+  line.add_field(log->pid);
+  line.add_field(g_tid);
+  line.add_field(g_thname);
   va_list values;
   va_start(values, fmt);
   errno = caller_errno;  // which %m shows
-  wbytes += kept_of(vsnprintf(msg_buff + wbytes, LINE_BYTES - wbytes, fmt, values), LINE_BYTES - wbytes);
+  line.add_formatted(fmt, values);
   va_end(values);
-  msg_buff[wbytes++] = '\n';
-  tslb_dl_fwrite(log, msg_buff, wbytes);
+  line.text[line.len++] = '\n';
+  tslb_dl_fwrite(log, line.text, line.len);
   pthread_mutex_unlock(&log->dl_thlock);
   errno = caller_errno;
 }

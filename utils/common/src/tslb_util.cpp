@@ -6,6 +6,8 @@
 #include <signal.h>
 #include <stdio.h>
 
+#include <charconv>
+
 #include "tslb_report.h"
 
 int8_t g_tslb_abort_on_error = 0;
@@ -101,6 +103,14 @@ static struct tm *local_time_signals_blocked(const time_t *at, struct tm *parts)
   return result;
 }
 
+// As "%02d" and a separator; with a separator of 0 the text ends. By hand, since every line of the log has six of them.
+static char *put_padded(char *at, int number, char separator) {
+  if (number >= 0 && number < 10) *at++ = '0';
+  at = std::to_chars(at, at + 11, number).ptr;
+  *at = separator;
+  return at + 1;
+}
+
 char *tslb_get_cur_date_time(char *time_string, int need_to_block_signal) {
   struct tm parts;
   const time_t tloc = tslb_get_time(nullptr);
@@ -110,9 +120,13 @@ char *tslb_get_cur_date_time(char *time_string, int need_to_block_signal) {
     sprintf(time_string, "Error|Error");
     return time_string;
   }
+  char *at = put_padded(time_string, local->tm_mon + 1, '/');
+  at = put_padded(at, local->tm_mday, '/');
   // tm_year + 1900 in 64 bits: the largest tm_year is near the end of int.
-  sprintf(time_string, "%02d/%02d/%02d %02d:%02d:%02d", local->tm_mon + 1, local->tm_mday,
-          static_cast<int>((int64_t{local->tm_year} + 1900) % 2000), local->tm_hour, local->tm_min, local->tm_sec);
+  at = put_padded(at, static_cast<int>((int64_t{local->tm_year} + 1900) % 2000), ' ');
+  at = put_padded(at, local->tm_hour, ':');
+  at = put_padded(at, local->tm_min, ':');
+  put_padded(at, local->tm_sec, '\0');
   return time_string;
 }
 
