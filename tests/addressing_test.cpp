@@ -145,6 +145,24 @@ TEST(Lookup, BeyondTheSixthLevelIsReportedAndNull) {
   EXPECT_EQ(id, -1);
   EXPECT_EQ(record, nullptr);
   EXPECT_EQ(get_dyn_arr_size(array.get()), 286331142u);
+  // The very last number: the count behind it is 0 again, so it was not issued.
+  pretend_issued(array.get(), 0xFFFFFFFF);
+  EXPECT_EQ(stderr_of([&] { id = get_dyn_arr_new_record_id_ex(array.get(), &record, 0); }), "");
+  EXPECT_EQ(id, -1);
+  EXPECT_EQ(record, nullptr);
+}
+
+// No array in persistent memory can be made, but a host's own handle can say that it is one.
+TEST(Lookup, BlockThatPersistentMemoryWouldHoldIsToldAndNull) {
+  const array_t array(get_default_dyn_array(8, 0, MPOOL_TYPE_DRAM));
+  pretend_issued(array.get(), 17);
+  array->mem_type = MPOOL_TYPE_PMEM;
+  void *record = &record;
+  EXPECT_EQ(stderr_of([&] { record = get_dyn_arr_record_position(array.get(), 16); }),
+            "Unexpected data_addr NULL, count: 16, block_num: 2\n");
+  EXPECT_EQ(record, nullptr);
+  array->mem_type = MPOOL_TYPE_DRAM;
+  EXPECT_NE(get_dyn_arr_record_position(array.get(), 16), nullptr);
 }
 
 TEST(NewId, FullArrayRefusesAndKeepsTheCount) {

@@ -59,6 +59,9 @@ TEST_F(Clock, Arithmetic) {
       {"origin scaled too", 4.0, 1000000, 1000400, 0, 1000100, 1000400},
       {"origin changes factor 1", 1.0, 123456789, 9007199254740991, 0, 9007199254740991, 9007199254740991},
       {"origin added ahead of the division", 3.0, 1, 9007199254740993, 0, 3002399751580331, 9007199254740993},
+      {"an origin that no double holds skipped at factor 1", 1.0, (1L << 53) + 1, 3, 0, 2, 3},
+      {"cast beyond the range", 1e-300, 0, 1, 0, INT64_MAX, 1},
+      {"cast beyond the range, before the origin", 1e-300, 2, 1, 0, INT64_MIN, 1},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);
@@ -134,6 +137,9 @@ TEST_F(Clock, InstantAsText) {
                "1735560000 30/12/2025 12:00:00 GMT 30/12/2025 14:00:00 UTC");
   EXPECT_STREQ(tslb_ts_string(noon, nullptr, text, 8), "1735560");
   EXPECT_STREQ(tslb_ts_string(INT64_MAX, nullptr, text, sizeof(text)), "9223372036854775807  ");
+  setenv("TZ", "<AZONEOFALONGNAME>-2", 1);
+  tzset();
+  EXPECT_STREQ(tslb_ts_string(noon, nullptr, text, sizeof(text)), "1735560000 30/12/2025 12:00:00 GMT ");
   text[0] = 'x';
   tslb_ts_string(noon, nullptr, text, 0);
   EXPECT_EQ(text[0], 'x') << "no room, nothing written";

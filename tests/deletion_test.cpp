@@ -200,6 +200,13 @@ TEST(Deletion, WhatCannotBeDeletedStays) {
   del(pool, maddr_t{2, 0});
   EXPECT_TRUE(free_slots(pool).empty());
   expect_sums(pool, 1250, 0);
+
+  // A slot that is stored as free, with chunks in it, is not freed by their deletion.
+  forward_node(&slot_at(pool, 0)).status = TSLB_DA_SLOT_FREE;
+  redo_recorder_t log;
+  for (const maddr_t address : filled) del(pool, address);
+  EXPECT_EQ(list_roots(pool.get()).n_free, 0u);
+  EXPECT_TRUE(log.take().empty()) << "a release was logged that was none";
 }
 
 TEST(Deletion, PoolWithoutListsSaysSoAndKeepsItsSlots) {
@@ -271,6 +278,10 @@ TEST(Sweep, SumsAreThoseOfTheActiveSlotsThatStay) {
   EXPECT_EQ(slot_at(pool, 5).bytes_used, 0u) << "a slot that nobody took was freed";
   ASSERT_EQ(tslb_da_inactivate_idx(pool.get(), 2, 1), 0);
   expect_sums(pool, 2000 + 100, 750 + 250);
+  uint32_t idx;
+  tslb_da_get_newptr(pool.get(), &idx);
+  ASSERT_EQ(idx, 0u);
+  expect_sums(pool, 2000 + 100, 750 + 250);  // a slot whose counters are not set up yet has none
 }
 
 TEST(Sweep, TakesSlotsInOrderAndThoseThatNeverHeldAChunk) {
@@ -385,6 +396,26 @@ TEST(Window, SlotsLeftUnsettledAtOnceAreToldApart) {
   del(pool, late);
   EXPECT_EQ(free_slots(pool), (indices_t{1, 0}));
   EXPECT_EQ(as_word(take(pool, 900)), 1u);
+}
+
+// The pool's end is the note's as well, which a sanitizer sees. Nobody asked about the slot since.
+TEST(Window, NoteThatNobodyAskedAboutGoesWithThePool) {
+  const array_t pool = pool_of();
+  take(pool);
+  before_addition.arm(&slot_at(pool, 0).bytes_used, [&] { take(pool, 900); });
+  const unsigned long before = allocations_so_far();
+  take(pool, 200);
+  if (fault_t::works()) {
+    EXPECT_EQ(allocations_so_far(), before + 1) << "no note was made";
+  }
+}
+
+// The cursor is stored: one that somebody else wrote can name a slot that does not exist.
+TEST(Window, CursorAtASlotThatNeverWasIsLeftBehind) {
+  const array_t pool = pool_of();
+  hdr_of(pool).cur_slot_addr = 50 | (uint64_t{900} << 32);
+  EXPECT_EQ(as_word(take(pool, 900)), 0u);
+  EXPECT_EQ(slot_at(pool, 0).bytes_used, 900u);
 }
 
 // A slot is looked at for deletions after it was found settled, not before: here the late chunk is counted while notes
@@ -730,6 +761,7 @@ TEST(Chunks64, ResolvesWholeFieldsAndRefusesNegativeOffsets) {
     EXPECT_EQ(data, row.resolves ? slot_at(pool, 0).mslot + row.offset : nullptr);
     EXPECT_EQ(size, 0u);
     EXPECT_EQ(tslb_dynmem_get_maddr2ptr64(pool.get(), maddr64_t{row.slot, row.offset}), data);
+    EXPECT_EQ(tslb_dynmem_get_maddr2ptr64_ex(pool.get(), maddr64_t{row.slot, row.offset}, nullptr), data);
   }
 }
 

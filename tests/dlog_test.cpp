@@ -1,4 +1,5 @@
 // The debug log's files and lines: rollover, deletion, many threads, cut lines, and what a full disk or a bad name does.
+// This program defines the atomics itself, so that a rival can be first.
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
@@ -13,14 +14,32 @@
 #include <regex>
 #include <sstream>
 #include <thread>
+#include <utility>
 
 #include "array_support.h"
 #include "fault_alloc.h"
+#include "tslb_atomics.h"
 #include "tslb_dlog_macros.h"
 
 namespace fs = std::filesystem;
 
 constexpr char kHeader[] = "#DateTime|FileName|LineNo|FunName|PID|TID|THName|Msg\n";
+
+static void (*before_swap)();  // the next one, once
+
+extern "C" int32_t cas16(uint16_t *word, uint16_t expected, uint16_t desired) {
+  return __atomic_compare_exchange_n(word, &expected, desired, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
+}
+extern "C" int32_t cas64(uint64_t *word, uint64_t expected, uint64_t desired) {
+  if (before_swap != nullptr) std::exchange(before_swap, nullptr)();
+  return __atomic_compare_exchange_n(word, &expected, desired, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
+}
+extern "C" uint32_t get_and_inc32(uint32_t *word, uint32_t amount) {
+  return __atomic_fetch_add(word, amount, __ATOMIC_SEQ_CST);
+}
+extern "C" uint64_t get_and_inc64(uint64_t *word, uint64_t amount) {
+  return __atomic_fetch_add(word, amount, __ATOMIC_SEQ_CST);
+}
 
 static size_t count_lines(const std::string &text) {
   return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
@@ -65,6 +84,22 @@ TEST(ADebugLogThatWasNeverStarted, DoesNothing) {
   tslb_dl_set_thname_internal("name");
   EXPECT_EQ(g_thname[0], '\0');
   EXPECT_EQ(g_tid, -1);
+}
+
+// Two threads start the log at once: one log is left, which the later start has set up.
+TEST_F(DebugLog, StartThatLosesSetsTheRivalsLogAnew) {
+  if (g_dl != nullptr) GTEST_SKIP() << "the log is started once in a process";
+  static const TSLBDLog_t *rivals;
+  before_swap = [] {
+    tslb_dl_init_internal("stdout", 7, 1);
+    rivals = g_dl;
+  };
+  tslb_dl_init_internal(base_.c_str(), 2, -1);
+  ASSERT_EQ(before_swap, nullptr);
+  EXPECT_EQ(g_dl, rivals);
+  EXPECT_EQ(g_dl->level, 2);
+  log(2, "kept");
+  EXPECT_NE(lines_of(0).find("|kept\n"), std::string::npos);
 }
 
 TEST_F(DebugLog, FirstLineMakesTheFileWithItsHeader) {
@@ -215,6 +250,18 @@ TEST_F(DebugLog, LinesAreCutToFit) {
   EXPECT_EQ(line.find('\0'), std::string::npos);
 }
 
+TEST_F(DebugLog, FormatThatFailsLeavesItsLineEmpty) {
+  tslb_dl_init_internal(base_.c_str(), 0, -1);
+  log(0, "");
+  const std::string format = "%lc";
+  tslb_dl_logging(0, "dir/source.cpp", "place", 7, format.c_str(), 0xD800);  // half of a pair: no character
+  log(0, "next");
+  const std::string lines = lines_of(0);
+  const size_t len = lines.find('\n') + 1;
+  EXPECT_EQ(lines.substr(17, len - 17), lines.substr(len + 17, len - 17)) << "behind the time stamps";
+  EXPECT_EQ(count_lines(lines), 3u);
+}
+
 TEST_F(DebugLog, NamesAndNumbersOfThreads) {
   tslb_dl_init_internal(base_.c_str(), 0, -1);
   int first = -1, second = -1;
@@ -268,6 +315,17 @@ TEST_F(DebugLog, StandardOutputHasNoFileAndStaysOpen) {
   EXPECT_NE(said.find("|one\n"), std::string::npos);
   tslb_dl_init_internal(base_.c_str(), 0, -1);
   EXPECT_GE(fcntl(1, F_GETFD), 0) << "standard output was closed";
+
+  // Nor is it where it took the number of the log's file.
+  const int hosts = dup(1);
+  close(1);
+  log(0, "into number 1");
+  const int number = g_dl->fd;
+  dup2(hosts, 1);
+  close(hosts);
+  tslb_dl_init_internal((base_.string() + "2").c_str(), 0, -1);
+  EXPECT_EQ(number, 1);
+  EXPECT_GE(fcntl(1, F_GETFD), 0) << "standard output was closed";
 }
 
 TEST_F(DebugLog, SecondStartClosesTheFileAndKeepsCounting) {
@@ -300,6 +358,15 @@ TEST_F(DebugLog, FailuresAreReportedAndTheNextLineTriesAgain) {
   const std::string too_long = dir_.string() + "/" + std::string(1023 - dir_.string().size() - 1 - 5, 'l');
   tslb_dl_init_internal(too_long.c_str(), 0, -1);
   expect_report(stderr_of([] { log(0, "lost"); }), "open file " + too_long + ". err(36)=File name too long\n");
+
+  // Standard output has no name.
+  const int hosts = dup(1), full = open("/dev/full", O_WRONLY);
+  tslb_dl_init_internal("stdout", 0, -1);
+  dup2(full, 1);
+  const std::string report = stderr_of([] { log(0, "lost"); });
+  dup2(hosts, 1);
+  for (const int fd : {hosts, full}) close(fd);
+  expect_report(report, "write into file = , fd = 1. err(28)=No space left on device\n");
 
   // A full disk.
   fs::create_symlink("/dev/full", file(0));

@@ -184,6 +184,13 @@ TEST(RecordDowngrade, EndsWhereSourceOrDestinationDoes) {
   EXPECT_EQ(tslb_da_get_size(none.get()), 0u);
   EXPECT_EQ(static_cast<DynHdr_t *>(none->arr_base)->rec_version, 0) << "the version is stamped all the same";
 
+  // A destination without a source is an empty array of the older version.
+  const array_t alone = array_of(36, 9, 0);
+  TSDBVerCBArgs_t sourceless = {RECTYPE_G_MG, nullptr, alone.get()};
+  tsdb_recov_downgrade_g_mg_2_1(&sourceless);
+  EXPECT_EQ(tslb_da_get_size(alone.get()), 0u);
+  EXPECT_EQ(static_cast<DynHdr_t *>(alone->arr_base)->rec_version, 1);
+
   const array_t larger = array_of(36, 9, 0);
   args.h_mpool_cur = larger.get();
   tsdb_recov_downgrade_g_mg_2_0(&args);
@@ -293,6 +300,17 @@ TEST(LibraryDowngrade, HeadersAndPoolHeader) {
       EXPECT_EQ(line.component, "TSDBRecovery");
       EXPECT_EQ(line.function, "tsdb_recov_downgrade_rc_lib_2_1");
     }
+  }
+}
+
+TEST(LibraryDowngrade, SaysNothingWithItsSwitchOff) {
+  const array_t source(get_default_dyn_array_ex_ex(56, 8, 1, MPOOL_TYPE_DRAM, 0, nullptr, 1, 2)),
+      destination = array_of(8, 1, 1);
+  TSDBVerCBArgs_t args = {RECTYPE_LIB_BV, source.get(), destination.get()};
+  for (const bool on : {false, true}) {
+    const tracing_t tracing(on, true, !on);
+    tsdb_recov_downgrade_rc_lib_2_1(&args);
+    EXPECT_TRUE(traced.empty()) << on;
   }
 }
 
@@ -417,6 +435,12 @@ TEST(Maps, NothingLiesOutside) {
 
 TEST(Maps, LookupAndPrintAreTraced) {
   for (const bool level1 : {false, true}) {
+    {
+      const tracing_t none(false, level1, level1);
+      tsdb_recovery_version_get_downgrade_fn_ptr(RECTYPE_G_MG, 1, 2);
+      tsdb_print_old_version_tb();
+      EXPECT_TRUE(traced.empty()) << "traced into a log that does not run";
+    }
     const tracing_t tracing(true, level1, !level1);
     tsdb_recovery_version_get_downgrade_fn_ptr(RECTYPE_G_MG, 1, 2);
     EXPECT_EQ(tsdb_print_old_version_tb(), nullptr);

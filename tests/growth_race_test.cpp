@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "array_support.h"
+#include "fault_alloc.h"
 #include "threads.h"
 
 static __thread void *rival;  // the next swap of an empty entry by this thread meets this pointer
@@ -54,10 +55,19 @@ TEST(Growth, LoserOfTheTableSwapStepsDownTheRivals) {
   EXPECT_NE(get_dyn_arr_record_position(array.get(), 0), nullptr);
   EXPECT_EQ(static_cast<void *>(array->ir_base), root);
   pretend_issued(array.get(), 257);
-  void *const table = calloc(16, 8);
+  // A rival that has come further: what hangs below its table serves too.
+  void *const block = calloc(16, 8);
+  void **const table = static_cast<void **>(calloc(16, 8)), **const below = static_cast<void **>(calloc(16, 8));
+  table[0] = below;
+  below[0] = block;
   rival = table;
-  EXPECT_NE(get_dyn_arr_record_position(array.get(), 256), nullptr);
+  const unsigned long before = allocations_so_far();
+  EXPECT_EQ(get_dyn_arr_record_position(array.get(), 256), block);
+  if (fault_t::works()) {
+    EXPECT_EQ(allocations_so_far(), before + 1) << "more made than the table that lost";
+  }
   EXPECT_EQ(static_cast<void *>(array->ir_base->ir2), table);
+  EXPECT_EQ(below[0], block);
 }
 
 TEST(Growth, FilledEntryIsLeftAlone) {
@@ -108,6 +118,29 @@ TEST(ChangeOfSlot, LateReservationInTheOldSlotStands) {
   EXPECT_EQ(as_word(address), 1u) << "the change of slot gave up, or took a second slot";
   EXPECT_EQ(tslb_da_get_size(pool.get()), 2u);
   EXPECT_EQ(hdr_under_test().cur_slot_addr, 1 | (uint64_t{500} << 32));
+}
+
+// A swap that is lost twice is tried a third time, at the place that the second rival left.
+TEST(Reservation, TriedUntilNoRivalIsFirst) {
+  for (const bool wide : {false, true}) {
+    const array_t pool(tslb_init_dynmem(1000, 4, 0, MPOOL_TYPE_DRAM, 0, nullptr, 0, 0));
+    pool_under_test = pool.get();
+    maddr_t address;
+    tslb_dynmem_get_mchunk(pool.get(), &address, 100, srcaddr_t{});
+    before_swap = [](uint64_t desired) {
+      hdr_under_test().cur_slot_addr += uint64_t{10} << 32;
+      if (desired >> 32 == 150) watched_word = &hdr_under_test().cur_slot_addr;  // the first attempt
+    };
+    watched_word = &hdr_under_test().cur_slot_addr;
+    maddr64_t wide_address = {7, 7};
+    if (wide)
+      tslb_dynmem_get_mchunk64(pool.get(), &wide_address, 50, srcaddr64_t{});
+    else
+      tslb_dynmem_get_mchunk(pool.get(), &address, 50, srcaddr_t{});
+    EXPECT_EQ(wide ? wide_address.mchunk_idx : address.mchunk_idx, 120u) << "bytes were handed out twice";
+    EXPECT_EQ(hdr_under_test().cur_slot_addr >> 32, 170u);
+    EXPECT_EQ(tslb_da_get_size(pool.get()), 1u) << "a slot with room was left";
+  }
 }
 
 TEST(ChangeOfSlot, RingThatARivalMovedIsNotMovedAgain) {

@@ -1,5 +1,6 @@
 // Partitions, tokens, directories, error texts, sockets.
 #include <arpa/inet.h>
+#include <dlfcn.h>
 #include <errno.h>
 #include <netinet/in.h>
 #include <stdlib.h>
@@ -249,6 +250,67 @@ TEST(Sockets, ListeningAndItsFailures) {
   EXPECT_EQ(std::string(tslb_get_dest_addr_ex(server, 0)), "127.0.0.1");
   for (const int fd : {client, server, listening}) close(fd);
   EXPECT_EQ(open_descriptors(), before);
+}
+
+static const char *refused_call;  // fails once, with ENOBUFS
+
+template <class Function, class... Args>
+static int call_or_refuse(const char *name, Args... args) {
+  if (refused_call == nullptr || strcmp(refused_call, name) != 0)
+    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name))(args...);
+  refused_call = nullptr;
+  errno = ENOBUFS;
+  return -1;
+}
+extern "C" __attribute__((visibility("default"))) int setsockopt(int fd, int level, int name, const void *value,
+                                                                 socklen_t len) noexcept {
+  return call_or_refuse<decltype(&setsockopt)>("setsockopt", fd, level, name, value, len);
+}
+extern "C" __attribute__((visibility("default"))) int getsockname(int fd, struct sockaddr *address,
+                                                                  socklen_t *len) noexcept {
+  return call_or_refuse<decltype(&getsockname)>("getsockname", fd, address, len);
+}
+extern "C" __attribute__((visibility("default"))) int listen(int fd, int backlog) noexcept {
+  return call_or_refuse<decltype(&listen)>("listen", fd, backlog);
+}
+
+TEST(Sockets, StepsOfListeningThatFail) {
+  static const struct {
+    const char *call, *text;
+  } rows[] = {
+      {"setsockopt", "Error in setting socket options for reuse address. Error: No buffer space available"},
+      {"getsockname",
+       "getsockname() failed, Error in system generating port(dynamic port 0) Error = No buffer space available"},
+      {"listen", "Error in listening on socket. Error: No buffer space available"},
+  };
+  const size_t before = open_descriptors();
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.call);
+    char err_msg[512] = "";
+    int port = 0;
+    refused_call = row.call;
+    EXPECT_EQ(tslb_tcp_listen(&port, 5, "127.0.0.1", err_msg), -1);
+    EXPECT_EQ(refused_call, nullptr) << "not called";
+    EXPECT_STREQ(err_msg, row.text);
+    EXPECT_EQ(open_descriptors(), before) << "the socket was left open";
+  }
+}
+
+TEST(Sockets, PortThatTheCallerChose) {
+  char err_msg[1024] = "";
+  int port = 0;
+  const int first = tslb_tcp_listen(&port, 5, "127.0.0.1", err_msg);
+  const int chosen = port;
+  const int second = tslb_tcp_listen(&port, 5, "127.0.0.2", err_msg);
+  ASSERT_GE(second, 0) << err_msg;
+  EXPECT_EQ(port, chosen);
+  EXPECT_EQ(std::string(tslb_get_src_addr_ex(second, 1)), "127.0.0.2:" + std::to_string(chosen));
+  // What stands behind an address is not looked at, but shown.
+  const std::string address = "127.0.0.1 " + std::string(600, 'x');
+  EXPECT_EQ(tslb_tcp_listen(&port, 5, address.c_str(), err_msg), -2);
+  EXPECT_EQ(strlen(err_msg), 511u);
+  EXPECT_EQ(std::string(err_msg + 512, 512), std::string(512, '\0')) << "written behind the text's room";
+  for (const int fd : {first, second}) close(fd);
 }
 
 TEST(Sockets, EndsOfWhatIsNoneAndOfLocalOnes) {

@@ -102,6 +102,7 @@ TEST(Creation, RefusesWhatCannotBeLaidOut) {
   } rows[] = {
       {"negative user header", -1, 8, 1, MPOOL_TYPE_DRAM, 0, EINVAL, "31"},
       {"negative record", 0, -8, 1, MPOOL_TYPE_DRAM, 0, EINVAL, "16"},
+      {"negative direct area", 0, 8, -1, MPOOL_TYPE_DRAM, 0, EINVAL, "16"},
       {"two negatives multiply to a size that fits", 0, -8, -4, MPOOL_TYPE_DRAM, 0, EINVAL, "56"},
       {"header size wraps in its 16 bits", 65536, 8, 1, MPOOL_TYPE_DRAM, 0, EOVERFLOW, "65568"},
       {"block 0 wraps in 32 bits to a small one", 0, 65536, 65536, MPOOL_TYPE_DRAM, 0, EOVERFLOW, "4294967320"},

@@ -133,6 +133,21 @@ TEST(OutOfMemory, ChunkThatNeedsASlotStopsTheProcess) {
       "PtrTabl_t.*\n.*Assertion `\\*mslot_ref' failed");
 }
 
+TEST(OutOfMemory, SweepStepsOverSlotsThatCannotBeLookedUp) {
+  const array_t pool(tslb_init_dynmem(1000, 1, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM, 0, "p", 0, TSLB_DA_DAFLAG_LL));
+  maddr_t address;
+  tslb_dynmem_get_mchunk(pool.get(), &address, 100, srcaddr_t{});
+  pretend_issued(pool.get(), 3);
+  size_t total = 0, used = 0, deleted = 0;
+  const std::string report = stderr_of([&] {
+    const fault_t fault(1);
+    tslb_dynmem_update_free_list(pool.get(), &total, &used, &deleted);
+    EXPECT_TRUE(fault.struck());
+  });
+  EXPECT_TRUE(mentions(report, "PtrTabl_t")) << report;
+  EXPECT_EQ(used, 116u);
+}
+
 TEST(OutOfMemory, CommonChunkAllocatesNothing) {
   const array_t pool(tslb_init_dynmem(100000, 1, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM, 0, "p", 0, 0));
   maddr_t address;

@@ -56,6 +56,7 @@ TEST(Slots, NullHandles) {
   EXPECT_EQ(tslb_da_get_ptr(nullptr, 0), nullptr);
   EXPECT_EQ(tslb_da_get_hdr_str(nullptr), nullptr);
   EXPECT_EQ(tslb_da_get_newptr(nullptr, &idx), nullptr);
+  destroy_dyn_arr(nullptr);
   EXPECT_EQ(idx, 5u);
 }
 

@@ -15,10 +15,12 @@
 static std::vector<int> script;
 static size_t script_at;
 static int write_calls;
+static void (*before_write)(int call);
 
 extern "C" __attribute__((visibility("default"))) ssize_t write(int fd, const void *bytes, size_t size) {
   static const auto real = reinterpret_cast<ssize_t (*)(int, const void *, size_t)>(dlsym(RTLD_NEXT, "write"));
   ++write_calls;
+  if (before_write != nullptr) before_write(write_calls);
   if (script_at < script.size()) {
     const int step = script[script_at++];
     if (step < 0) {
@@ -37,6 +39,7 @@ class Snapshot : public testing::Test {
     fclose(file_);
     lib_config.tslb_enable_file_trimming_flag = 0;
     tslb_test_mode = static_cast<char>(0xFF);
+    before_write = nullptr;
     script.clear();
     script_at = 0;
   }
@@ -99,6 +102,23 @@ TEST_F(Snapshot, IsTheFlatImageOfWhatIsInUse) {
       EXPECT_EQ(total_, stream.size());
     }
   }
+}
+
+static DynArrHandle_t *growing;
+
+TEST_F(Snapshot, IdsIssuedDuringTheWalkAreNotReached) {
+  const array_t array = filled(13, 4, 0, 4 + 32);
+  const std::string image = image_of(array.get());
+  growing = array.get();
+  // A block and a half more, ahead of the last write.
+  before_write = [](int call) {
+    for (int i = 0; call == 3 && i < 24; ++i) get_dyn_arr_new_record_id(growing);
+  };
+  write_calls = 0;
+  EXPECT_EQ(dump(array.get()), image);
+  EXPECT_EQ(result_, 0);
+  EXPECT_EQ(write_calls, 3);
+  EXPECT_EQ(tslb_da_get_size(array.get()), 60u);
 }
 
 TEST_F(Snapshot, TablesAreLeftAloneWhereBlock0IsAll) {

@@ -12,9 +12,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <charconv>
-
 #include "tslb_atomics.h"
+#include "tslb_text.h"
 #include "tslb_util.h"
 
 TSLBDLog_t *g_dl = nullptr;
@@ -90,16 +89,16 @@ void tslb_dl_init_internal(const char *dlog_fname, int dlevel, int fmax_sz) {
 
 // ---- Threads -------------------------------------------------------------------------------------------------------
 
-static void tslb_dl_set_thid() {
-  TSLBDLog_t *const log = the_log();
-  if (log != nullptr && g_tid == -1) g_tid = static_cast<int>(get_and_inc32(&log->n_threads, 1));
+static void tslb_dl_set_thid(TSLBDLog_t *log) {
+  if (g_tid == -1) g_tid = static_cast<int>(get_and_inc32(&log->n_threads, 1));
 }
 
 void tslb_dl_set_thname_internal(const char *thname) {
-  if (the_log() == nullptr) return;
+  TSLBDLog_t *const log = the_log();
+  if (log == nullptr) return;
   const bool named = thname != nullptr && thname[0] != '\0';
   snprintf(g_thname, NAME_LEN + 1, "%s", named ? thname : "-");
-  tslb_dl_set_thid();
+  tslb_dl_set_thid(log);
 }
 
 // ---- Files ---------------------------------------------------------------------------------------------------------
@@ -190,8 +189,8 @@ struct line_t {
     add("|", 1);
   }
   void add_field(int number) {
-    char digits[16];
-    add(digits, static_cast<size_t>(std::to_chars(digits, digits + sizeof(digits), number).ptr - digits));
+    char digits[NUMBER_LEN];
+    add(digits, static_cast<size_t>(put_number(digits, number) - digits));
     add("|", 1);
   }
   void add(const char *from, size_t bytes) {
@@ -209,7 +208,7 @@ void tslb_dl_logging(int dlevel, const char *file_name, const char *fun_name, in
   TSLBDLog_t *const log = the_log();
   if (log == nullptr || dlevel > __atomic_load_n(&log->level, __ATOMIC_RELAXED)) return;
   const int caller_errno = errno;
-  tslb_dl_set_thid();
+  tslb_dl_set_thid(log);
   char base[1024], date_time[65];
   line_t line;
   const char *const file = base_name_of(file_name, base);

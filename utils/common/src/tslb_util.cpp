@@ -6,9 +6,8 @@
 #include <signal.h>
 #include <stdio.h>
 
-#include <charconv>
-
 #include "tslb_report.h"
+#include "tslb_text.h"
 
 int8_t g_tslb_abort_on_error = 0;
 
@@ -103,14 +102,6 @@ static struct tm *local_time_signals_blocked(const time_t *at, struct tm *parts)
   return result;
 }
 
-// As "%02d" and a separator; with a separator of 0 the text ends. By hand, since every line of the log has six of them.
-static char *put_padded(char *at, int number, char separator) {
-  if (number >= 0 && number < 10) *at++ = '0';
-  at = std::to_chars(at, at + 11, number).ptr;
-  *at = separator;
-  return at + 1;
-}
-
 char *tslb_get_cur_date_time(char *time_string, int need_to_block_signal) {
   struct tm parts;
   const time_t tloc = tslb_get_time(nullptr);
@@ -120,13 +111,14 @@ char *tslb_get_cur_date_time(char *time_string, int need_to_block_signal) {
     sprintf(time_string, "Error|Error");
     return time_string;
   }
-  char *at = put_padded(time_string, local->tm_mon + 1, '/');
-  at = put_padded(at, local->tm_mday, '/');
   // tm_year + 1900 in 64 bits: the largest tm_year is near the end of int.
-  at = put_padded(at, static_cast<int>((int64_t{local->tm_year} + 1900) % 2000), ' ');
-  at = put_padded(at, local->tm_hour, ':');
-  at = put_padded(at, local->tm_min, ':');
-  put_padded(at, local->tm_sec, '\0');
+  const int year = static_cast<int>((int64_t{local->tm_year} + 1900) % 2000);
+  const int fields[] = {local->tm_mon + 1, local->tm_mday, year, local->tm_hour, local->tm_min, local->tm_sec};
+  char *at = time_string;
+  for (int i = 0; i < 6; ++i) {
+    at = put_padded(at, fields[i]);
+    *at++ = "// ::"[i];  // the last one is the terminator
+  }
   return time_string;
 }
 

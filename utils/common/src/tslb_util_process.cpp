@@ -88,7 +88,7 @@ static bool names_match(const char *running, const char *expected) {
   const char *const dot = strchr(running, '.');
   if (dot == nullptr) return false;
   const size_t len = static_cast<size_t>(dot - running);
-  return strncmp(running, expected, len < COMM_LEN ? len : COMM_LEN) == 0;
+  return strncmp(running, expected, len) == 0;
 }
 
 // The text is cut to the buffer where the path is long.

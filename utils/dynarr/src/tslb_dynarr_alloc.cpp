@@ -47,12 +47,12 @@ static bool passes(const tsdb_inactive_thshld_policy_t &set, uint32_t n_used, ui
          (percent >= set.inactive_threshold_pct || n_inact >= set.inactive_threshold_cnt);
 }
 
-// Whether enough of the array lies idle for its policy to take inactive slots back.
+// Whether enough of the array lies idle for its policy, which is in use, to take inactive slots back.
 static inline bool policy_wants_reuse(const list_array_t &list) {
   const DynArrLLI_t *const lli = list.lli;
   const tsdb_mem_pressure_config_t &policy = lli->mem_pressure_conf;
   const uint32_t n_inact = get32(&lli->n_inact);
-  if (policy.mvt_reuse_policy_use == 0 || n_inact == 0 || get32(&lli->inact_head) == TSLB_DA_NIL_IDX) return false;
+  if (n_inact == 0 || get32(&lli->inact_head) == TSLB_DA_NIL_IDX) return false;
   const uint32_t n_used = get32(&list.hdr->n_used);
   const uint8_t percent = inactive_percent(n_inact, n_used);
   return passes(policy.major, n_used, n_inact, percent) || passes(policy.critical, n_used, n_inact, percent);

@@ -26,8 +26,7 @@ static bool has_settled(const MemSlot_t *slot, uint32_t bytes_reserved) {
 static void drop_settled(dynmem_t *pool) {
   for (unsettled_slot_t **at = &private_of(pool)->unsettled; *at != nullptr;) {
     unsettled_slot_t *const noted = *at;
-    const MemSlot_t *const slot = slot_of(pool, noted->slot_idx);
-    if (slot != nullptr && !has_settled(slot, noted->bytes_reserved)) {
+    if (!has_settled(slot_of(pool, noted->slot_idx), noted->bytes_reserved)) {
       at = &noted->next;
       continue;
     }
