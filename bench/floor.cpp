@@ -258,6 +258,73 @@ int floor_free_slot(dynarr_t *array, uint32_t idx) {
   return active ? 0 : 1;
 }
 
+static inline node_bw *bw_of(void *payload, const DynArrHdr_t *hdr) {
+  return reinterpret_cast<node_bw *>(static_cast<char *>(payload) + hdr->record_size);
+}
+
+static inline bool passes(const tsdb_inactive_thshld_policy_t &limits, uint32_t n_used, uint32_t n_inact,
+                          uint8_t percent) {
+  return n_used >= limits.min_overall_cnt &&
+         (percent >= limits.inactive_threshold_pct || n_inact >= limits.inactive_threshold_cnt);
+}
+
+void *floor_reuse_slot(dynarr_t *array, uint32_t *idx) {
+  const uint8_t daflag = array->daflag;
+  const uint32_t now = static_cast<uint32_t>(tslb_get_time(nullptr));
+  lock(&array->spinlock);
+  DynArrHdr_t *const hdr = hdr_of(array);
+  DynArrLLI_t *const lli = lli_of(array);
+  const tsdb_mem_pressure_config_t &policy = lli->mem_pressure_conf;
+  const uint32_t head = word(&lli->inact_head), n_inact = word(&lli->n_inact), n_used = word(&hdr->n_used);
+  if (word(&lli->n_free) != 0 || policy.mvt_reuse_policy_use == 0 || n_inact == 0 || head == TSLB_DA_NIL_IDX) abort();
+  const uint8_t percent = static_cast<uint8_t>(static_cast<uint64_t>(100.0 * (static_cast<double>(n_inact) / n_used)));
+  if (!passes(policy.major, n_used, n_inact, percent)) abort();
+  void *const payload = find(array, hdr, head, daflag);
+  if (payload == nullptr || head == word(&lli->inact_tail)) abort();
+  const time_t since = word(&bw_of(payload, hdr)->ts);
+  const int32_t age = static_cast<int32_t>(static_cast<float>(difftime(tslb_get_time(nullptr), since)));
+  if (static_cast<int32_t>(policy.critical.min_days_since_inactive) > age) abort();
+  const uint32_t next = word(&fw_of(payload)->next);
+  set_word(&lli->inact_head, next);
+  void *const new_head = find(array, hdr, next, daflag);
+  if (new_head != nullptr) set_word(&bw_of(new_head, hdr)->prev, TSLB_DA_NIL_IDX);
+  if (load(&g_redo_handle) != nullptr) abort();
+  set_word(&lli->n_inact, n_inact - 1);
+  memset(payload, 0, hdr->record_size);
+  write_nodes(payload, hdr->record_size, daflag, now);
+  cas16(&array->spinlock, 1, 0);
+  if (somebody_logs(array)) abort();
+  set_word(payload, UINT32_MAX);
+  *idx = head;
+  return payload;
+}
+
+int floor_inactivate_slot(dynarr_t *array, uint32_t idx, time_t ts) {
+  const uint8_t daflag = array->daflag;
+  DynArrHdr_t *const hdr = hdr_of(array);
+  DynArrLLI_t *const lli = lli_of(array);
+  if ((daflag & TSLB_DA_DAFLAG_INLL) == 0) return 1;
+  void *const payload = find(array, hdr, idx, daflag);
+  if (payload == nullptr) return -1;
+  if (status_of(payload) != TSLB_DA_SLOT_ACTIVE) return 1;
+  lock(&array->spinlock);
+  const uint32_t head = word(&lli->inact_head), tail = word(&lli->inact_tail), n_inact = word(&lli->n_inact);
+  if (status_of(payload) != TSLB_DA_SLOT_ACTIVE || head == TSLB_DA_NIL_IDX || tail == TSLB_DA_NIL_IDX) abort();
+  void *const old_tail = find(array, hdr, tail, daflag);
+  if (old_tail != nullptr) set_word(&fw_of(old_tail)->next, idx);
+  if (load(&g_redo_handle) != nullptr) abort();
+  node_bw *const bw = bw_of(payload, hdr);
+  set_word(&bw->prev, tail);
+  set_word(&bw->ts, static_cast<uint32_t>(ts));
+  set_word(&fw_of(payload)->next, TSLB_DA_NIL_IDX);
+  set_word(&fw_of(payload)->status, TSLB_DA_SLOT_INACTIVE);
+  set_word(&lli->inact_tail, idx);
+  set_word(&lli->n_inact, n_inact + 1);
+  cas16(&array->spinlock, 1, 0);
+  if (load(&g_redo_handle) != nullptr) abort();
+  return 0;
+}
+
 // ---- Deletion
 
 static inline uint32_t current_of(const DynMemHdr_t *hdr) {

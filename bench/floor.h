@@ -7,6 +7,7 @@
 #define TSLB_BENCH_FLOOR_H
 
 #include <pthread.h>
+#include <time.h>
 
 #include "tslb_dynarr.h"
 #include "tslb_dynmem.h"
@@ -40,6 +41,14 @@ TSLB_API void *floor_take_slot(dynarr_t *array, uint32_t *idx);
 // tslb_da_free_idx of an active slot: the slot looked up, the lock, its status, the list looked at, the old tail looked
 // up and linked, the list's words, status and link, the gatekeeper word, the lock again; who logs is asked twice.
 TSLB_API int floor_free_slot(dynarr_t *array, uint32_t idx);
+
+// tslb_da_get_newptr of an array whose free list is empty and whose policy gives back the oldest inactive slot: as above,
+// but for the policy's arithmetic, a second reading of the clock, and the new head's back link.
+TSLB_API void *floor_reuse_slot(dynarr_t *array, uint32_t *idx);
+
+// tslb_da_inactivate_idx of an active slot: the slot looked up, its status, the lock, its status again, the old tail
+// looked up and linked, the list's words, the nodes, the lock again; who logs is asked twice.
+TSLB_API int floor_inactivate_slot(dynarr_t *array, uint32_t idx, time_t ts);
 
 // tslb_dynmem_del_mchunk: the slot looked up, flag and length of the chunk, the flag written, get_and_inc32 of the
 // slot's counter, both counters and the cursor compared; an emptied slot is freed as above, after a second look under

@@ -9,8 +9,11 @@
 // std::vector behind a std::mutex. The peers keep no time and no status, clear nothing, and give back first what was
 // freed last.
 //
+// And with a reuse policy: the slots are on the inactive list, are taken from there (the free list is empty, and any age
+// and share will do) and inactivated again. While the free list has a slot, the policy is not asked at all.
+//
 // Not asked: redo records (the arrays are of MPOOL_TYPE_DRAM_TMP, which is never logged); fresh ids, which bench_ids
-// measures; the way to slots beyond the direct area, which bench_lookup measures; the reuse of inactive slots.
+// measures; the way to slots beyond the direct area, which bench_lookup measures.
 //
 // Run: bench_slots [--quick] [--benchmark_filter=REGEX]
 #include <stdlib.h>
@@ -20,6 +23,7 @@
 #include <memory_resource>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "allocators.h"
@@ -59,44 +63,45 @@ static uint64_t take_and_free(unsigned thread, Take take, Free free_one) {
   return sum;
 }
 
-// An array whose slots are all on its free list.
-static std::shared_ptr<dynarr_t> make_array(int record_size, uint8_t daflag) {
-  dynarr_t *const array = tslb_da_init_ll(record_size, N_SLOTS, MPOOL_TYPE_DRAM_TMP, nullptr, 0, daflag);
+static int inactivate(dynarr_t *array, uint32_t idx) {
+  return tslb_da_inactivate_idx(array, idx, 0);
+}
+static int floor_inactivate(dynarr_t *array, uint32_t idx) {
+  return floor_inactivate_slot(array, idx, 0);
+}
+
+struct kind_t {
+  const char *name;
+  uint8_t daflag;
+  bool by_policy;  // slots go to the inactive list, and its policy gives them back
+};
+
+// An array whose slots are all on the list that they are taken from.
+static std::shared_ptr<dynarr_t> make_array(int record_size, const kind_t &kind) {
+  dynarr_t *const array = tslb_da_init_ll(record_size, N_SLOTS, MPOOL_TYPE_DRAM_TMP, nullptr, 0, kind.daflag);
   uint32_t idx;
   for (uint32_t i = 0; i < N_SLOTS; ++i)
     if (array == nullptr || tslb_da_get_newptr(array, &idx) == nullptr) abort();
   for (idx = 0; idx < N_SLOTS; ++idx)
-    if (tslb_da_free_idx(array, idx) != 0) abort();
+    if ((kind.by_policy ? inactivate(array, idx) : tslb_da_free_idx(array, idx)) != 0) abort();
+  tsdb_mem_pressure_config_t policy = {};
+  policy.mvt_reuse_policy_use = 1;
+  if (kind.by_policy) tslb_da_register_reuse_policy(array, &policy);
   return {array, destroy_dyn_arr};
 }
 
-static rival_t ours(int record_size, uint8_t daflag) {
-  return {"tslb",
-          [array = make_array(record_size, daflag)](unsigned thread) {
+static rival_t array_rival(const char *name, std::shared_ptr<dynarr_t> array, decltype(&tslb_da_get_newptr) take,
+                           decltype(&tslb_da_free_idx) give) {
+  return {name,
+          [array = std::move(array), take, give](unsigned thread) {
             return take_and_free(
                 thread,
                 [&] {
                   held_t slot;
-                  slot.payload = tslb_da_get_newptr(array.get(), &slot.idx);
+                  slot.payload = take(array.get(), &slot.idx);
                   return slot;
                 },
-                [&](const held_t &slot) { tslb_da_free_idx(array.get(), slot.idx); });
-          },
-          {}};
-}
-
-static rival_t floor_of(int record_size, uint8_t daflag) {
-  const std::shared_ptr<dynarr_t> array = make_array(record_size, daflag);
-  return {"floor",
-          [array](unsigned thread) {
-            return take_and_free(
-                thread,
-                [&] {
-                  held_t slot;
-                  slot.payload = floor_take_slot(array.get(), &slot.idx);
-                  return slot;
-                },
-                [&](const held_t &slot) { floor_free_slot(array.get(), slot.idx); });
+                [&](const held_t &slot) { give(array.get(), slot.idx); });
           },
           {}};
 }
@@ -180,9 +185,13 @@ static rival_t lockfree_stack(size_t record_size) {
 }
 #endif
 
-static std::vector<rival_t> make_rivals(int record_size, uint8_t daflag) {
+static std::vector<rival_t> make_rivals(int record_size, const kind_t &kind) {
   const size_t bytes = static_cast<size_t>(record_size);
-  std::vector<rival_t> rivals = {ours(record_size, daflag), floor_of(record_size, daflag)};
+  std::vector<rival_t> rivals = {
+      array_rival("tslb", make_array(record_size, kind), tslb_da_get_newptr,
+                  kind.by_policy ? inactivate : tslb_da_free_idx),
+      array_rival("floor", make_array(record_size, kind), kind.by_policy ? floor_reuse_slot : floor_take_slot,
+                  kind.by_policy ? floor_inactivate : floor_free_slot)};
   for (const allocator_t &allocator : allocators()) rivals.push_back(allocator_peer(allocator, bytes));
   rivals.push_back(pool_resource(bytes));
   rivals.push_back(locked_vector(bytes));
@@ -194,12 +203,13 @@ static std::vector<rival_t> make_rivals(int record_size, uint8_t daflag) {
 
 static void add_cases() {
   for (const unsigned threads : {1u, MAX_THREADS})
-    for (const uint8_t daflag : {TSLB_DA_DAFLAG_LL, TSLB_DA_DAFLAG_INLL})
+    for (const kind_t &kind : {kind_t{"LL", TSLB_DA_DAFLAG_LL, false}, kind_t{"INLL", TSLB_DA_DAFLAG_INLL, false},
+                               kind_t{"reused by policy", TSLB_DA_DAFLAG_INLL, true}})
       for (const int record_size : {100, 1024})
         add_case(
-            std::string(daflag == TSLB_DA_DAFLAG_LL ? "LL" : "INLL") + ", " +
-                (record_size == 100 ? "100 bytes, " : "1 KiB, ") + (threads == 1 ? "1 thread" : "2 threads"),
-            threads, [record_size, daflag] { return make_rivals(record_size, daflag); },
+            std::string(kind.name) + ", " + (record_size == 100 ? "100 bytes, " : "1 KiB, ") +
+                (threads == 1 ? "1 thread" : "2 threads"),
+            threads, [record_size, kind] { return make_rivals(record_size, kind); },
             uint64_t{threads} * BATCHES_PER_THREAD * BATCH);
 }
 

@@ -31,7 +31,11 @@ static inline list_array_t list_array_of(DynArrHandle_t *array) {
   return {array, arr_hdr_of(array), lli_of(array), NODE_BYTES + second_node};
 }
 
-// Logs a slot's forward node. The function called asks the same first; asked here, logging that is off costs no call.
+// Log a slot, and a slot's forward node. The functions called ask the same first; asked here, logging that is off costs no
+// call.
+static inline void log_slot(dynarr_t *array, uint32_t idx) {
+  if (redo_is_on(array)) tslb_redo_log_da(array, idx, NO_TXN, TSLB_REDO_SLOT);
+}
 static inline void log_forward_node(dynarr_t *array, uint32_t idx) {
   if (redo_is_on(array)) tslb_redo_log_da_ex(array, idx, NO_TXN, TSLB_REDO_SLOT, 1);
 }
@@ -40,9 +44,6 @@ static inline void log_forward_node(dynarr_t *array, uint32_t idx) {
 
 // tslb_da_get_newptr of an array with lists.
 void *lists_take(dynarr_t *array, uint32_t *new_idx);
-
-// Sets the back link of slot `idx` and logs that whole slot.
-void lists_relink_prev(dynarr_t *array, uint32_t idx, uint32_t prev);
 
 // Takes a slot from the inactive list to the free one.
 void lists_free_inactive(dynarr_t *array, uint32_t idx, void *slot_ptr);
@@ -57,6 +58,19 @@ static inline void lists_log_freed(dynarr_t *array, uint32_t idx) {
 }
 
 // ---- In line -------------------------------------------------------------------------------------------------------
+
+// Point a neighbour's forward or back link elsewhere, and log that whole slot. A stored index can name a slot that does not
+// exist, in an array that somebody else wrote: it is stepped over.
+static inline void lists_relink_next(const list_array_t &list, uint32_t idx, uint32_t next) {
+  void *const slot_ptr = list.slot(idx);
+  if (slot_ptr != nullptr) set32(&fw_of(slot_ptr)->next, next);
+  log_slot(list.array, idx);
+}
+static inline void lists_relink_prev(const list_array_t &list, uint32_t idx, uint32_t prev) {
+  void *const slot_ptr = list.slot(idx);
+  if (slot_ptr != nullptr) set32(&list.bw(slot_ptr)->prev, prev);
+  log_slot(list.array, idx);
+}
 
 static inline void lists_append_free(const list_array_t &list, uint32_t idx, void *slot_ptr) {
   DynArrLLI_t *const lli = list.lli;

@@ -58,7 +58,7 @@ static inline bool policy_wants_reuse(const list_array_t &list) {
   return passes(policy.major, n_used, n_inact, percent) || passes(policy.critical, n_used, n_inact, percent);
 }
 
-// A slot that left the inactive list, in two registers.
+// A slot that left the inactive list.
 struct reused_t {
   void *slot_ptr;  // null: policy or age spoke against it
   uint32_t idx;
@@ -67,9 +67,7 @@ struct reused_t {
 
 // Takes the head of the inactive list if policy and age allow it. No other slot is looked at: the head has been inactive
 // for longest.
-// Not in line: who asks it keeps the rest in registers.
-__attribute__((noinline)) static reused_t take_inactive_head(dynarr_t *array, uint32_t now) {
-  const list_array_t list = list_array_of(array);
+__attribute__((always_inline)) static inline reused_t take_inactive_head(const list_array_t &list, uint32_t now) {
   DynArrLLI_t *const lli = list.lli;
   if (!policy_wants_reuse(list)) return {nullptr, TSLB_DA_NIL_IDX, now};
   const uint32_t head = get32(&lli->inact_head);
@@ -87,7 +85,7 @@ __attribute__((noinline)) static reused_t take_inactive_head(dynarr_t *array, ui
   } else {
     const uint32_t next = get32(&fw_of(slot_ptr)->next);
     set32(&lli->inact_head, next);
-    lists_relink_prev(array, next, TSLB_DA_NIL_IDX);
+    lists_relink_prev(list, next, TSLB_DA_NIL_IDX);
   }
   set32(&lli->n_inact, get32(&lli->n_inact) - 1);
   return {slot_ptr, head, head_ts};
@@ -155,7 +153,7 @@ __attribute__((always_inline)) static inline void choose_slot(const list_array_t
   taken->slot_ptr = take_free_head(list, &taken->idx);
   if (taken->slot_ptr != nullptr) return;
   if (may_reuse && list.lli->mem_pressure_conf.mvt_reuse_policy_use != 0) {
-    const reused_t reused = take_inactive_head(list.array, now);
+    const reused_t reused = take_inactive_head(list, now);
     *taken = {reused.slot_ptr, reused.idx, reused.ts, TSLB_DA_SLOT_INACTIVE};
     if (taken->slot_ptr != nullptr) return;
   }

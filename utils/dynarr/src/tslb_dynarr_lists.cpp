@@ -9,25 +9,6 @@
 #include "tslb_report.h"
 
 // ---- List surgery -------------------------------------------------------------------------------------------------
-// A stored index can name a slot that does not exist, in an array that somebody else wrote: it is stepped over.
-
-// The functions called ask the same first; asked here, logging that is off costs no call.
-static void log_slot(dynarr_t *array, uint32_t idx) {
-  if (redo_is_on(array)) tslb_redo_log_da(array, idx, NO_TXN, TSLB_REDO_SLOT);
-}
-
-// Points a neighbour's forward or back link elsewhere, and logs that whole slot.
-static void relink_next(dynarr_t *array, uint32_t idx, uint32_t next) {
-  void *const slot_ptr = slot_ptr_of(array, idx);
-  if (slot_ptr != nullptr) set32(&fw_of(slot_ptr)->next, next);
-  log_slot(array, idx);
-}
-
-void lists_relink_prev(dynarr_t *array, uint32_t idx, uint32_t prev) {
-  void *const slot_ptr = slot_ptr_of(array, idx);
-  if (slot_ptr != nullptr) set32(&bw_of(slot_ptr, arr_hdr_of(array)->record_size)->prev, prev);
-  log_slot(array, idx);
-}
 
 // A count without a head is a list that was lost: it is started anew. Its slots keep their status, out of reach.
 void lists_repair_free(dynarr_t *array) {
@@ -52,13 +33,13 @@ __attribute__((noinline, cold)) static void repair_inactive_list(dynarr_t *array
   set32(&lli->inact_tail, TSLB_DA_NIL_IDX);
 }
 
-static void append_inactive(dynarr_t *array, uint32_t idx, void *slot_ptr, uint32_t ts) {
-  DynArrLLI_t *const lli = lli_of(array);
+static inline void append_inactive(const list_array_t &list, uint32_t idx, void *slot_ptr, uint32_t ts) {
+  DynArrLLI_t *const lli = list.lli;
   const uint32_t head = get32(&lli->inact_head);
-  if (head == TSLB_DA_NIL_IDX && get32(&lli->n_inact) != 0) repair_inactive_list(array);
+  if (head == TSLB_DA_NIL_IDX && get32(&lli->n_inact) != 0) repair_inactive_list(list.array);
   const uint32_t tail = get32(&lli->inact_tail);
-  if (tail != TSLB_DA_NIL_IDX) relink_next(array, tail, idx);
-  node_bw *const bw = bw_of(slot_ptr, arr_hdr_of(array)->record_size);
+  if (tail != TSLB_DA_NIL_IDX) lists_relink_next(list, tail, idx);
+  node_bw *const bw = list.bw(slot_ptr);
   set32(&bw->prev, tail);
   set32(&fw_of(slot_ptr)->next, TSLB_DA_NIL_IDX);
   set32(&bw->ts, ts);
@@ -69,19 +50,19 @@ static void append_inactive(dynarr_t *array, uint32_t idx, void *slot_ptr, uint3
 }
 
 // Takes a slot out of the inactive list from wherever it stands: two tests cover head, tail, middle and only member.
-static void leave_inactive(dynarr_t *array, void *slot_ptr, uint32_t status) {
-  DynArrLLI_t *const lli = lli_of(array);
+static void leave_inactive(const list_array_t &list, void *slot_ptr, uint32_t status) {
+  DynArrLLI_t *const lli = list.lli;
   node_fw *const fw = fw_of(slot_ptr);
-  node_bw *const bw = bw_of(slot_ptr, arr_hdr_of(array)->record_size);
+  node_bw *const bw = list.bw(slot_ptr);
   const uint32_t prev = get32(&bw->prev), next = get32(&fw->next);
   if (prev == TSLB_DA_NIL_IDX)
     set32(&lli->inact_head, next);
   else
-    relink_next(array, prev, next);
+    lists_relink_next(list, prev, next);
   if (next == TSLB_DA_NIL_IDX)
     set32(&lli->inact_tail, prev);
   else
-    lists_relink_prev(array, next, prev);
+    lists_relink_prev(list, next, prev);
   set32(&bw->prev, TSLB_DA_NIL_IDX);
   set32(&fw->next, TSLB_DA_NIL_IDX);
   set_status(slot_ptr, status);
@@ -91,8 +72,9 @@ static void leave_inactive(dynarr_t *array, void *slot_ptr, uint32_t status) {
 // ---- Free ---------------------------------------------------------------------------------------------------------
 
 void lists_free_inactive(dynarr_t *array, uint32_t idx, void *slot_ptr) {
-  leave_inactive(array, slot_ptr, TSLB_DA_SLOT_FREE);
-  lists_append_free(list_array_of(array), idx, slot_ptr);
+  const list_array_t list = list_array_of(array);
+  leave_inactive(list, slot_ptr, TSLB_DA_SLOT_FREE);
+  lists_append_free(list, idx, slot_ptr);
 }
 
 void lists_write_freed(dynarr_t *array, uint32_t idx) {
@@ -136,7 +118,8 @@ int tslb_da_inactivate_idx(dynarr_t *handle_dynarr, uint32_t idx, time_t ts) {
         TSLB_FILE_LINE_FUNC, idx, static_cast<void *>(handle_dynarr));
     return 1;
   }
-  void *const slot_ptr = slot_ptr_of(handle_dynarr, idx);
+  const list_array_t list = list_array_of(handle_dynarr);
+  void *const slot_ptr = list.slot(idx);
   if (slot_ptr == nullptr) return -1;
   uint32_t status;
   if (!lock_if_status(handle_dynarr, slot_ptr, TSLB_DA_SLOT_ACTIVE, &status)) {
@@ -144,7 +127,7 @@ int tslb_da_inactivate_idx(dynarr_t *handle_dynarr, uint32_t idx, time_t ts) {
             TSLB_FILE_LINE_FUNC, idx, status);
     return 1;
   }
-  append_inactive(handle_dynarr, idx, slot_ptr, static_cast<uint32_t>(ts));
+  append_inactive(list, idx, slot_ptr, static_cast<uint32_t>(ts));
   spin_unlock(&handle_dynarr->spinlock);
   log_slot(handle_dynarr, idx);
   return 0;
@@ -158,7 +141,8 @@ int tslb_da_activate_idx(dynarr_t *handle_dynarr, uint32_t idx) {
         TSLB_FILE_LINE_FUNC, idx, static_cast<void *>(handle_dynarr));
     return 1;
   }
-  void *const slot_ptr = slot_ptr_of(handle_dynarr, idx);
+  const list_array_t list = list_array_of(handle_dynarr);
+  void *const slot_ptr = list.slot(idx);
   if (slot_ptr == nullptr) return -1;
   uint32_t status;
   if (!lock_if_status(handle_dynarr, slot_ptr, TSLB_DA_SLOT_INACTIVE, &status)) {
@@ -166,7 +150,7 @@ int tslb_da_activate_idx(dynarr_t *handle_dynarr, uint32_t idx) {
             TSLB_FILE_LINE_FUNC, idx, status);
     return 1;
   }
-  leave_inactive(handle_dynarr, slot_ptr, TSLB_DA_SLOT_ACTIVE);
+  leave_inactive(list, slot_ptr, TSLB_DA_SLOT_ACTIVE);
   spin_unlock(&handle_dynarr->spinlock);
   log_slot(handle_dynarr, idx);
   return 0;
