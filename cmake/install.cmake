@@ -1,4 +1,4 @@
-# What `cmake --install` gives: library, host stand-in, headers, man pages, how CMake and pkg-config find them, and what
+# What `cmake --install` gives: library, host stand-in, headers, documents, how CMake and pkg-config find them, and what
 # gdb shows of arrays. No installed file holds the prefix, so the whole can be moved.
 include(CMakePackageConfigHelpers)
 set(TSLB_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/tslb)
@@ -35,6 +35,17 @@ foreach(name IN ITEMS tslb tslb-host)
   configure_file(cmake/${name}.pc.in ${generated}/${name}.pc @ONLY)
   install(FILES ${generated}/${name}.pc DESTINATION ${TSLB_PKGCONFIG_DIR} COMPONENT dev)
 endforeach()
+
+# What somebody reads who builds on it, and the smallest host. Below /usr they lie where Debian has the documents of a
+# package.
+include(cmake/readme_host.cmake)
+set(doc_dir ${CMAKE_INSTALL_DATADIR}/doc/tslb)
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  set(doc_dir ${CMAKE_INSTALL_DATADIR}/doc/libtslb-dev)
+endif()
+install(FILES docs/architecture.md docs/hosting.md docs/formats.md docs/debugging.md
+  DESTINATION ${doc_dir} COMPONENT dev)
+install(FILES ${TSLB_README_HOST} DESTINATION ${doc_dir}/examples COMPONENT dev)
 
 # gdb reads a script named for a library with it: from below its own share/gdb/auto-load, which it trusts, and from the
 # library's folder. Only a library below /usr is sure to have the first.

@@ -38,7 +38,8 @@ set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libtslb0 ${same_version}")
 set(CPACK_COMPONENT_DEV_DESCRIPTION "storage primitives for time-series databases (development files)
 Headers, the link to the shared library, a static library that stands in for
-what the host defines, and files for CMake and pkg-config.")
+what the host defines, files for CMake and pkg-config, documents, and a small
+host as an example.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME tslb-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION database)

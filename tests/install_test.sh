@@ -6,6 +6,9 @@ set -euo pipefail
 build=$1
 cmake=$2
 export CC=$3 CXX=$4
+# What built the library builds the hosts: there may be no other.
+CMAKE_GENERATOR=$(sed -n 's/^CMAKE_GENERATOR:INTERNAL=//p' "$build/CMakeCache.txt")
+export CMAKE_GENERATOR
 hosts=$(cd "$(dirname "$0")/install" && pwd)
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
@@ -44,6 +47,11 @@ rpath=-Wl,-rpath,$(pkg-config --variable=libdir tslb)
 "$CXX" -std=c++17 "${strict[@]}" "${cflags[@]}" "$hosts/host.cpp" -o "$scratch/by_pkg_config/host_cpp" "${libs[@]}" \
   "$rpath"
 check_hosts "$scratch/by_pkg_config"
+
+# The example comes along, and is enough to begin with.
+example=$(find "$prefix/share/doc" -name host.c)
+"$CC" "${strict[@]}" "${cflags[@]}" "$example" -o "$scratch/by_pkg_config/example" "${libs[@]}" "$rpath"
+(cd "$scratch" && by_pkg_config/example >/dev/null) || fail "the example fails"
 
 # No header leans on one that is not installed.
 for header in "$prefix"/include/tslb/*.h; do echo "#include <tslb/${header##*/}>"; done >"$scratch/all.c"

@@ -11,8 +11,10 @@ namespace inspect {
 
 using reports_t = std::vector<report_t>;
 
-// For a terminal. Slots of a pool are shown up to MAX_POOL_ROWS.
+// For a terminal. Slots of a pool are shown up to MAX_POOL_ROWS, a user header that nobody here can read up to
+// MAX_RAW_BYTES.
 constexpr size_t MAX_POOL_ROWS = 64;
+constexpr size_t MAX_RAW_BYTES = 1024;
 std::string text_of(const report_t &report);
 
 // One object with the member "arrays". Offsets and sizes are numbers, the bytes of records hexadecimal digits.

@@ -60,7 +60,10 @@ std::string header_text(const header_t &header) {
   for (const field_t &field : header.fields)
     text += fmt::format("    {:>6}  {:<50}  {}{}\n", field.offset, field.name, value_text(field),
                         field.meaning.empty() ? "" : "  (" + field.meaning + ")");
-  return text + hex_lines(header.raw, header.offset);
+  text += hex_lines(header.raw.substr(0, MAX_RAW_BYTES), header.offset);
+  if (header.raw.size() > MAX_RAW_BYTES)
+    text += fmt::format("    and {} more bytes; --json has them all\n", header.raw.size() - MAX_RAW_BYTES);
+  return text;
 }
 
 std::string levels_text(const geometry_t &g) {

@@ -78,7 +78,8 @@ TSLB_API void tslb_ignore_sigchild(int sig);
  *
  * err_msg  at least 256 bytes; written on failure.
  * Result   0 if it ended well; its exit status, 1 to 255, or a negative value if it could not be run, both with a text;
- *          a value above 0 without a text if a signal ended it. */
+ *          a value above 0 without a text if a signal ended it. A shell that cannot be started counts as one that ended
+ *          with 127. */
 TSLB_API int tslb_system(const char *cmd, char *err_msg);
 
 /* Runs a command and keeps the last line of its output, without the newline.
