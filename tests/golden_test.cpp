@@ -1,10 +1,7 @@
 // Stored formats are promises: what scripted operations store is, byte for byte, what tests/golden holds; and what it
 // holds can be loaded. A change of format shows as a change of a file there, which scripts/golden makes on purpose.
-#include <dirent.h>
-#include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -47,11 +44,6 @@ static std::string hex(std::string_view bytes) {
   std::string text;
   for (size_t at = 0; at < bytes.size(); at += 16) text += hex_line(bytes, at) + "\n";
   return text;
-}
-
-static std::string content_of(const fs::path &file) {
-  std::ifstream in(file, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
 }
 
 // Bytes that tell their place: a record that is stored elsewhere, or shifted, does not look like this one.
@@ -178,21 +170,6 @@ static std::string redo_of_a_pool() {
   const array_t pool = chunk_pool(MPOOL_FLAG_COMPAT, 0, BBP_TBLID, MPOOL_TYPE_DRAM, TSLB_DA_DAFLAG_LL);
   return redo_text(log.take());
 }
-
-// A folder of its own under which the library keeps block files.
-struct base_path_t {
-  base_path_t() {
-    std::string pattern = fs::temp_directory_path() / "tslb_golden_XXXXXX";
-    if (mkdtemp(pattern.data()) == nullptr) ADD_FAILURE() << pattern << ": " << strerror(errno);
-    path = pattern;
-    tslb_set_base_path(path.c_str());
-  }
-  ~base_path_t() {
-    tslb_set_base_path("");
-    fs::remove_all(path);
-  }
-  fs::path path;
-};
 
 // ---- All images ----------------------------------------------------------------------------------------------------
 

@@ -1,26 +1,14 @@
 // Agents as they come from their packages, each started here with a configuration of its own: what they send arrives, and
 // what they are answered satisfies them.
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
 
-#include <algorithm>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <string>
-#include <vector>
-
+#include "metricdb_support.h"
 #include "server_support.h"
 
 namespace metricdb {
 namespace {
 
-namespace fs = std::filesystem;
-using testing::AnyOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
@@ -55,41 +43,31 @@ class Program {
     kill(pid_, signal);
     return wait();
   }
-  std::string output() const {
-    std::ifstream file(output_);
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
+  // So far: nothing, until there is a file.
+  std::string output() const { return fs::exists(output_) ? read_file(output_) : ""; }
 
  private:
   const fs::path output_;
   pid_t pid_;
 };
 
-class Agents : public testing::Test {
+class Agents : public Folder {
  protected:
-  void SetUp() override {
-    char name[] = "/tmp/metricdb_agents_test_XXXXXX";
-    ASSERT_NE(mkdtemp(name), nullptr);
-    root_ = name;
-  }
-  void TearDown() override { fs::remove_all(root_); }
-
   fs::path write(const std::string &name, const std::string &text) const {
-    std::ofstream(root_ / name) << text;
+    write_file(root_ / name, text);
     return root_ / name;
   }
   std::string influx_url(const std::string &rest) const {
     return fmt::format("http://127.0.0.1:{}{}", server_.influx_port(), rest);
   }
-  bool has_point_with(const std::vector<std::string> &parts) {
-    const std::vector<std::string> points = server_.ingest().points();
-    return std::any_of(points.begin(), points.end(), [&](const std::string &point) {
-      return std::all_of(parts.begin(), parts.end(), [&](const auto &part) { return point.find(part) != point.npos; });
-    });
+  // Its output, once it has ended well.
+  std::string run_to_end(const std::vector<std::string> &words) const {
+    Program program(words, root_ / "program.out");
+    EXPECT_EQ(program.wait(), 0) << program.output();
+    return program.output();
   }
 
   RunningServer server_;
-  fs::path root_;
 };
 
 #define SKIP_WITHOUT(program, package) \
@@ -103,7 +81,7 @@ TEST_F(Agents, Curl) {
   SKIP_WITHOUT(CURL, "curl");
   std::string lines;
   // Long enough that curl asks first whether its body is wanted.
-  constexpr int N = 200'000;
+  constexpr int N = 60'000;
   for (int i = 0; i < N; ++i) lines += fmt::format("m,n={} f={}i {}\n", i % 10, i, i + 1);
   const fs::path good = write("good.lp", lines), bad = write("bad.lp", "m f=1 5\nm f= 6\nm f=2 7\n");
   const struct {
@@ -128,9 +106,7 @@ TEST_F(Agents, Curl) {
     const size_t before = server_.ingest().points().size();
     std::vector<std::string> words = {CURL, "-sS", "--noproxy", "*", "-w", "%{http_code}"};
     words.insert(words.end(), row.words.begin(), row.words.end());
-    Program curl(words, root_ / "curl.out");
-    EXPECT_EQ(curl.wait(), 0);
-    EXPECT_THAT(curl.output(), HasSubstr(row.shown));
+    EXPECT_THAT(run_to_end(words), HasSubstr(row.shown));
     EXPECT_EQ(server_.ingest().points().size() - before, row.points);
   }
 }
@@ -143,9 +119,7 @@ TEST_F(Agents, InfluxClient) {
   SKIP_WITHOUT(INFLUX, "influxdb-client");
   const auto run = [&](std::vector<std::string> words) {
     words.insert(words.begin(), {INFLUX, "-host", "127.0.0.1", "-port", fmt::format("{}", server_.influx_port())});
-    Program influx(words, root_ / "influx.out");
-    EXPECT_EQ(influx.wait(), 0) << influx.output();
-    return influx.output();
+    return run_to_end(words);
   };
   EXPECT_EQ(run({"-database", "x", "-execute", "INSERT cpu,host=a load=0.5,n=3i 1700000000000000000"}), "");
   EXPECT_THAT(server_.ingest().points(),
@@ -164,81 +138,39 @@ TEST_F(Agents, InfluxClient) {
             fmt::format("disk,n={} used={}@{}000000000", (N - 1) % 100, N - 1, 1'700'000'000 + N - 1));
 }
 
-// ---- collectd ----
-
-constexpr const char *COLLECTD = "/usr/sbin/collectd";
-const std::string PLUGINS = "LoadPlugin cpu\nLoadPlugin load\nLoadPlugin memory\nLoadPlugin interface\n";
-
-class Collectd : public Agents {
- protected:
-  fs::path configure(const std::string &name, const std::string &plugins) const {
-    return write(name + ".conf", fmt::format("Hostname \"{0}\"\nFQDNLookup false\nInterval 0.2\nBaseDir \"{1}\"\n"
-                                             "PIDFile \"{1}/{0}.pid\"\nTypesDB \"/usr/share/collectd/types.db\"\n{2}",
-                                             name, root_.string(), plugins));
-  }
-  // Counters as they are: rates begin with a nan each.
-  std::string writes_graphite(int port) const {
-    return fmt::format(
-        "LoadPlugin write_graphite\n<Plugin write_graphite>\n<Node \"metricdb\">\nHost \"127.0.0.1\"\n"
-        "Port \"{}\"\nProtocol \"tcp\"\nLogSendErrors true\nStoreRates false\nPrefix "
-        "\"collectd.\"\n</Node>\n</Plugin>\n",
-        port);
-  }
-  static std::vector<std::string> run(const fs::path &configuration) {
-    return {COLLECTD, "-f", "-C", configuration.string()};
-  }
-};
-
-TEST_F(Collectd, WritesGraphite) {
-  SKIP_WITHOUT(COLLECTD, "collectd-core");
-  const fs::path configuration = configure("sender", PLUGINS + writes_graphite(server_.graphite_port()));
-  Program collectd(run(configuration), root_ / "collectd.out");
-  for (const char *path : {"collectd.sender.cpu-0.cpu-", "collectd.sender.load.load.shortterm value=",
-                           "collectd.sender.memory.memory-", "collectd.sender.interface-lo.if_octets."})
-    EXPECT_TRUE(comes_true([&] { return has_point_with({path}); })) << path << "\n" << collectd.output();
-  EXPECT_EQ(server_.counters().malformed, 0u);
-  EXPECT_EQ(collectd.end(SIGTERM), 0) << collectd.output();
-}
-
-// One collects, the other forwards what it hears from the first: its lines come in the first one's name.
-TEST_F(Collectd, ForwardsWhatOthersSend) {
-  SKIP_WITHOUT(COLLECTD, "collectd-core");
-  int udp_port = 0;
-  {
-    // Free a moment ago, which is the best that can be had for a program that takes no socket.
-    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in own = {};
-    socklen_t size = sizeof(own);
-    own.sin_family = AF_INET;
-    own.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&own), size), 0);
-    ASSERT_EQ(getsockname(fd, reinterpret_cast<sockaddr *>(&own), &size), 0);
-    udp_port = ntohs(own.sin_port);
-    close(fd);
-  }
-  const auto network = [&](const char *verb) {
-    return fmt::format("LoadPlugin network\n<Plugin network>\n{} \"127.0.0.1\" \"{}\"\n</Plugin>\n", verb, udp_port);
-  };
-  Program forwards(run(configure("forwarder", network("Listen") + writes_graphite(server_.graphite_port()))),
-                   root_ / "forwarder.out");
-  Program collects(run(configure("far", PLUGINS + network("Server"))), root_ / "far.out");
-  EXPECT_TRUE(comes_true([&] { return has_point_with({"collectd.far.load.load.midterm value="}); }))
-      << forwards.output() << collects.output();
-  EXPECT_FALSE(has_point_with({"forwarder"}));
-}
-
 // ---- The program, with its database ----
 
+constexpr const char *COLLECTD = "/usr/sbin/collectd";
+
+// Counters as they are: rates begin with a nan each.
+constexpr const char *COLLECTD_CONFIGURATION = R"(Hostname "{0}"
+FQDNLookup false
+Interval 0.2
+BaseDir "{1}"
+PIDFile "{1}/{0}.pid"
+TypesDB "/usr/share/collectd/types.db"
+LoadPlugin cpu
+LoadPlugin load
+LoadPlugin memory
+LoadPlugin interface
+LoadPlugin write_graphite
+<Plugin write_graphite>
+<Node "metricdb">
+Host "127.0.0.1"
+Port "{2}"
+Protocol "tcp"
+LogSendErrors true
+StoreRates false
+Prefix "collectd."
+</Node>
+</Plugin>
+)";
+
 // What two agents sent is in the database when the program was told to end, and the next one takes more.
-TEST_F(Collectd, FeedsADatabaseBesideCurl) {
+TEST_F(Agents, CollectdFeedsADatabaseBesideCurl) {
   SKIP_WITHOUT(COLLECTD, "collectd-core");
   SKIP_WITHOUT(CURL, "curl");
   const std::string db = (root_ / "db").string();
-  const auto run_to_end = [&](std::vector<std::string> words) {
-    Program program(words, root_ / "program.out");
-    EXPECT_EQ(program.wait(), 0) << program.output();
-    return program.output();
-  };
   constexpr int N_LINES = 3000;
   std::string lines;
   for (int i = 0; i < N_LINES; ++i) lines += fmt::format("m,n={} f={}i {}\n", i % 10, i, i + 1);
@@ -252,14 +184,19 @@ TEST_F(Collectd, FeedsADatabaseBesideCurl) {
                          &graphite) == 2;
     })) << serve.output();
     const std::string name = fmt::format("sender{}", round);
-    Program collectd(run(configure(name, PLUGINS + writes_graphite(graphite))), root_ / "collectd.out");
+    const fs::path configuration =
+        write(name + ".conf", fmt::format(COLLECTD_CONFIGURATION, name, root_.string(), graphite));
+    Program collectd({COLLECTD, "-f", "-C", configuration.string()}, root_ / "collectd.out");
     EXPECT_EQ(run_to_end({CURL, "-sS", "--noproxy", "*", "-w", "%{http_code}", "--data-binary", "@" + file.string(),
                           fmt::format("http://127.0.0.1:{}/write", influx)}),
               "204");
     // Durable while the program runs, and told by another process.
-    EXPECT_TRUE(comes_true([&] {
-      return run_to_end({METRICDB, "export", "--db", db, "collectd." + name + ".load*"}) != "";
-    })) << collectd.output();
+    for (const char *series : {".load*", ".cpu-0*", ".memory*", ".interface-lo*"})
+      EXPECT_TRUE(comes_true([&] {
+        return run_to_end({METRICDB, "export", "--db", db, "collectd." + name + series}) != "";
+      })) << series
+          << "\n"
+          << collectd.output();
     EXPECT_EQ(collectd.end(SIGTERM), 0);
     EXPECT_EQ(serve.end(SIGTERM), 0) << serve.output();
     EXPECT_THAT(serve.output(), HasSubstr(" 0 malformed lines, 0 refused"));

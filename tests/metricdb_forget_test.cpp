@@ -1,54 +1,20 @@
 // What a metricdb store forgets, and that it forgets nothing else: retention, idle series, reuse of their slots, and
 // the memory that comes back.
-#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <bit>
 #include <cstring>
-#include <map>
-#include <random>
-#include <string>
-#include <vector>
 
-#include "check.h"
-#include "loader.h"
 #include "metricdb_support.h"
 #include "report.h"
-#include "store.h"
 
 namespace metricdb {
 namespace {
-
-// "value@time ..." of each series that the catalogue holds, by key.
-using Content = std::map<std::string, std::string>;
-
-Content content_of(const Store &store) {
-  Content content;
-  for (uint32_t series = 0; series < store.n_slots(); ++series) {
-    if (!store.holds_series(series)) continue;
-    std::string &shown = content[std::string(store.key(series))];
-    PointCursor cursor(store, series);
-    for (Point point; cursor.next(point);) shown += fmt::format("{}@{} ", point.value, point.ts_ns);
-  }
-  return content;
-}
 
 uint32_t slot_of(const Store &store, std::string_view key) {
   uint32_t series = 0;
   while (series < store.n_slots() && !(store.holds_series(series) && store.key(series) == key)) ++series;
   return series;
-}
-
-uint32_t n_free(DynArrHandle_t *array) {
-  return static_cast<DynArrLLI_t *>(tslb_da_get_lli(array))->n_free;
-}
-
-// As the program does, but for the sweep behind the last text.
-LoadStats load(Store &store, std::string_view text) {
-  Loader loader(store, Loader::WhenFull::stop, [](uint64_t, const std::string &reason) { ADD_FAILURE() << reason; });
-  loader.load(text, Precision::ns, 77);
-  return loader.stats();
 }
 
 std::string points_text(std::string_view head, int first, int last) {
@@ -63,6 +29,7 @@ std::string repeated(std::string_view line, int times) {
   return text;
 }
 
+// What the model below meets rarely, or not at all.
 TEST(Retention, KeepsExactlyWhatIsYoungEnough) {
   static const struct {
     const char *fault;
@@ -73,16 +40,6 @@ TEST(Retention, KeepsExactlyWhatIsYoungEnough) {
       uint32_t series;
     } gone;
   } rows[] = {
-      {"the point at the limit is forgotten", "m f=1 0\nm f=2 10\n", {{"m f", "1@0 2@10 "}}, {0, 0, 0}},
-      {"the point beyond it is shown", "m f=1 0\nm f=2 11\n", {{"m f", "2@11 "}}, {0, 0, 0}},
-      {"an open chunk shows what is old, or hides all",
-       points_text("m f", 1, 6) + "n f=0 12\n",
-       {{"m f", "2@2 3@3 4@4 5@5 6@6 "}, {"n f", "0@12 "}},
-       {0, 0, 0}},
-      {"a straddling chunk goes whole, or stays with all its points",
-       points_text("m f", 1, 130) + "n f=0 138\n",
-       {{"m f", "128@128 129@129 130@130 "}, {"n f", "0@138 "}},
-       {0, 0, 0}},
       {"a chunk stays whose points are all old",
        points_text("m f", 1, 130) + "n f=0 139\n",
        {{"m f", "129@129 130@130 "}, {"n f", "0@139 "}},
@@ -95,9 +52,6 @@ TEST(Retention, KeepsExactlyWhatIsYoungEnough) {
        "m f=9 9\n" + repeated("m f=0 0\n", 255) + "m f=20 10\nn f=0 12\n",
        {{"m f", "9@9 20@10 "}, {"n f", "0@12 "}},
        {0, 0, 0}},
-      {"a point that comes too late is stored", "m f=1 20\nm f=2 9\nm f=3 10\n", {{"m f", "1@20 3@10 "}}, {0, 1, 0}},
-      {"a point that comes too late makes a series", "m f=1 20\nn f=2 9\n", {{"m f", "1@20 "}}, {0, 1, 0}},
-      {"a series outlives its points", points_text("m f", 1, 130) + "n f=0 300\n", {{"n f", "0@300 "}}, {2, 0, 1}},
       {"the limit passes the least time",
        "m f=1 -9223372036854775808\nm f=2 -9223372036854775800\n",
        {{"m f", "1@-9223372036854775808 2@-9223372036854775800 "}},
@@ -127,82 +81,17 @@ TEST(Retention, KeepsExactlyWhatIsYoungEnough) {
     EXPECT_EQ(n_free(store.catalogue()), row.gone.series);
     EXPECT_EQ(gone.points + gone.late_points + store.n_points(), stats.points);
 
-    Check check(store, Precision::ns, 77, 10);
-    check.find_newest(row.text);
-    check.compare(row.text);
-    check.finish();
-    EXPECT_EQ(check.n_differences(), 0u) << check.first_differences()[0];
-    EXPECT_EQ(check.n_matching(), store.n_visible());
+    expect_checked(checked(store, row.text, 10), store.n_visible(), 0, "");
   }
 }
 
-TEST(Retention, ASeriesThatVanishedComesBackEmpty) {
-  Store store({.retain_ns = 10});
-  load(store, points_text("m,host=a f", 1, 30) + "n f=0 100\n");
-  const uint32_t slot = slot_of(store, "m,host=a f");
-  maddr_t key_address = store.record(slot).key();
-  const auto *const key_chunk = static_cast<const char *>(tslb_dynmem_get_maddr2ptr(store.keys(), key_address));
-  store.sweep();
-  compat_t header;
-  std::memcpy(&header, key_chunk - sizeof header, sizeof header);
-  EXPECT_NE(header.flag & MCHUNK_FLAG_DELETED, 0) << "the key's chunk stays";
-  EXPECT_EQ(store.n_series(), 1u);
-  EXPECT_FALSE(store.holds_series(slot));
-
-  load(store, "m,host=a f=5 101\n");
-  EXPECT_EQ(slot_of(store, "m,host=a f"), slot) << "the free slot is not taken again";
-  EXPECT_EQ(content_of(store), (Content{{"m,host=a f", "5@101 "}, {"n f", "0@100 "}}));
-  EXPECT_EQ(store.record(slot).n_points(), 1u);
-}
-
-// Compaction goes by it: the first chunk of a chain is referred to by the record, each other one by its predecessor.
-TEST(Retention, TheFirstChunkThatStaysIsTheRecordsOwn) {
-  Store store({.retain_ns = 200});
-  load(store, points_text("m f", 1, 390));
-  store.sweep();
-  const SeriesRecord record = store.record(0);
-  EXPECT_EQ(record.n_sealed(), 2u);
-  const char *const chunk = static_cast<char *>(tslb_dynmem_get_maddr2ptr(store.points(), record.first_sealed()));
-  compat_t header;
-  std::memcpy(&header, chunk - sizeof header, sizeof header);
-  EXPECT_EQ(uint32_t{header.srcaddr.tbl_id}, store.catalogue()->tbl_id);
-  EXPECT_EQ(uint32_t{header.srcaddr.tbl_idx}, 0u);
-  EXPECT_EQ(short{header.srcaddr.tbl_moff}, static_cast<short>(FIRST_SEALED_REFERENCE));
-}
-
-TEST(Idle, SeriesAreParkedAndComeBackWithTheirPoints) {
-  static const struct {
-    const char *fault;
-    std::string text;
-    bool a_is_inactive;
-    Content content;
-  } rows[] = {
-      {"parked too early", "a f=1 0\nb f=1 9\n", false, {{"a f", "1@0 "}, {"b f", "1@9 "}}},
-      {"parked too late, or hidden", "a f=1 0\nb f=1 10\n", true, {{"a f", "1@0 "}, {"b f", "1@10 "}}},
-      {"an old timestamp counts as an old write", "b f=1 10\na f=1 0\n", false, {{"a f", "1@0 "}, {"b f", "1@10 "}}},
-      {"the first write counts, not the last",
-       "a f=1 0\na f=2 5\nb f=1 12\n",
-       false,
-       {{"a f", "1@0 2@5 "}, {"b f", "1@12 "}}},
-  };
-  for (const auto &row : rows) {
-    SCOPED_TRACE(row.fault);
-    Store store({.idle_ns = 10});
-    load(store, row.text);
-    store.sweep();
-    const uint32_t a = slot_of(store, "a f");
-    EXPECT_EQ(store.is_inactive(a), row.a_is_inactive);
-    EXPECT_EQ(store.n_inactive(), row.a_is_inactive ? 1u : 0u);
-    EXPECT_EQ(content_of(store), row.content);
-    EXPECT_EQ(series_table(store, "a f").find("inactive") != std::string::npos, row.a_is_inactive);
-
-    load(store, "a f=7 13\n");
-    EXPECT_EQ(slot_of(store, "a f"), a);
-    EXPECT_EQ(store.n_inactive(), 0u) << "a written series stays parked";
-    Content expected = row.content;
-    expected["a f"] += "7@13 ";
-    EXPECT_EQ(content_of(store), expected);
-  }
+// Lines are expected to be of a known series: not of the one that has its slot now.
+TEST(Retention, ASeriesThatWentComesBackAsANewOne) {
+  Store store({.retain_ns = 10, .points_per_sweep = 1});
+  load(store, "a f=1 0\nb f=1 100\nc f=1 101\na f=2 102\n");
+  EXPECT_EQ(store.forgotten().series_aged, 1u);
+  EXPECT_EQ(store.n_slots(), 3u) << "nobody took a's slot";
+  EXPECT_EQ(content_of(store), (Content{{"a f", "2@102 "}, {"b f", "1@100 "}, {"c f", "1@101 "}}));
 }
 
 TEST(Reuse, TakesTheSlotUnwrittenForLongestAndForgetsItsSeries) {
@@ -239,10 +128,10 @@ TEST(Reuse, TakesTheSlotUnwrittenForLongestAndForgetsItsSeries) {
   EXPECT_EQ(content_of(store).count("d f"), 0u) << "half of the slots are inactive still: d gives way to a";
 }
 
-// More than 100 times what is retained, under keys that come and go.
+// 250 times what is retained, under keys that come and go.
 TEST(Retention, MemoryOfALongLoadIsBounded) {
   constexpr int64_t RETAIN_NS = 2000;
-  constexpr int64_t N_POINTS = 2'000'000;
+  constexpr int64_t N_POINTS = 500'000;
   Store store({.key_slot_bytes = 256, .point_slot_bytes = 2064, .retain_ns = RETAIN_NS, .points_per_sweep = 1000});
   uint32_t point_slots = 0, key_slots = 0, catalogue_slots = 0;
   testing::internal::CaptureStderr();  // should a bound not hold, the pool warns on its way
@@ -274,9 +163,20 @@ TEST(Retention, AFullPoolGoesOnWhenSlotsComeBack) {
     bool new_key_each;
     uint64_t room;  // of the first round; later ones lack the slot that was current at the sweep
     uint64_t room_of_a_slot;
+    const char *why;
   } rows[] = {
-      {"points", {.point_slot_bytes = 2064, .retain_ns = 10}, false, 2040 * 128, 128},
-      {"keys", {.key_slot_bytes = 64, .retain_ns = 10}, true, 255, 1},
+      {"points",
+       {.point_slot_bytes = 2064, .retain_ns = 10},
+       false,
+       2040 * 128,
+       128,
+       "no room for more points: all 2040 memory slots of 2064 bytes are full"},
+      {"keys",
+       {.key_slot_bytes = 64, .retain_ns = 10},
+       true,
+       255,
+       1,
+       "no room for more series keys: all 255 memory slots of 64 bytes are full"},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.pool);
@@ -296,10 +196,14 @@ TEST(Retention, AFullPoolGoesOnWhenSlotsComeBack) {
         EXPECT_EQ(store.n_series(), 0u);
       }
       const uint64_t before = n_stored;
-      EXPECT_THROW(while (n_stored - before <= row.room) add(), StoreFull);
+      const std::string why = refusal_of([&] {
+        while (n_stored - before <= row.room) add();
+      });
+      EXPECT_EQ(why, row.why);
       EXPECT_LE(n_stored - before, row.room);
       EXPECT_EQ(store.n_series() + n_free(store.catalogue()), store.n_slots()) << "a refused series keeps its slot";
-      EXPECT_GE(n_stored - before, row.room - 2 * row.room_of_a_slot) << "round " << round;
+      EXPECT_GE(n_stored - before, row.room - (round == 0 ? 0 : 2 * row.room_of_a_slot)) << "round " << round;
+      EXPECT_EQ(store.n_points(), n_stored - before) << "something of a refused point stays";
     }
     testing::internal::GetCapturedStderr();
   }
@@ -331,12 +235,15 @@ TEST(Retention, AgreesWithAPlainModel) {
       all.push_back({key, point});
       if (point.ts_ns >= data_time - RETAIN_NS) written_at[key] = data_time;
     }
-    if (random() % 3 == 0) continue;
-    store.sweep();
     Content expected;
     for (const Written &written : all)
       if (written.point.ts_ns >= data_time - RETAIN_NS)
         expected[written.key] += fmt::format("{}@{} ", written.point.value, written.point.ts_ns);
+    Content visible = content_of(store);
+    std::erase_if(visible, [](const auto &series) { return series.second.empty(); });
+    ASSERT_EQ(visible, expected) << "seed " << SEED << ", batch " << batch;
+    if (random() % 3 == 0) continue;  // what is visible must not wait for a sweep
+    store.sweep();
     ASSERT_EQ(content_of(store), expected) << "seed " << SEED << ", batch " << batch;
     ASSERT_EQ(store.n_series(), expected.size());
     for (const auto &[key, shown] : expected) {
@@ -385,13 +292,7 @@ TEST(Check, FindsWhatDiffersFromTheRetention) {
     const int64_t visible_ns = 25;
     if (row.tamper == Row::TIME_OF_HIDDEN) std::memcpy(open + 4 * sizeof(Point), &visible_ns, sizeof visible_ns);
     if (row.tamper == Row::VALUE_OF_VISIBLE) open[20 * sizeof(Point) + offsetof(Point, value)] ^= 1;
-    Check check(store, Precision::ns, 77, row.retain_of_check);
-    check.find_newest(row.text);
-    check.compare(row.text);
-    check.finish();
-    EXPECT_EQ(check.n_matching(), row.n_matching);
-    EXPECT_EQ(check.n_differences(), row.n_differences);
-    EXPECT_EQ(check.first_differences().empty() ? "" : check.first_differences()[0], row.first);
+    expect_checked(checked(store, row.text, row.retain_of_check), row.n_matching, row.n_differences, row.first);
   }
 }
 
@@ -399,14 +300,16 @@ TEST(Report, SaysWhatWasForgotten) {
   Store store({.point_slot_bytes = 2064, .retain_ns = 10, .idle_ns = 5});
   const LoadStats stats = load(store, points_text("m f", 1, 200) + "m f=0 1\nn f=0 206\n");
   const Sweep last = store.sweep();
+  EXPECT_NE(series_table(store, "m f").find("inactive"), std::string::npos);
+  EXPECT_EQ(series_table(store, "n f").find("inactive"), std::string::npos);
   const std::string summary = load_summary(store, stats, last, 1.0);
   const uint64_t headers = (8 + 60 + 16) + 2 * (8 + 56 + 60 + 16);
   EXPECT_EQ(store.bytes_in_use(), headers + 2 * (100 + 16) + last.keys.used_bytes + last.points.used_bytes);
   // The sealed chunk of m ends behind 128; the open one straddles 196. One slot held its smaller forms and was left.
   EXPECT_EQ(store.n_visible(), 6u);
   for (const std::string &line :
-       {std::string("series           2, 1 inactive\n"), std::string("points           202\n"),
-        std::string("visible points   6, and 67 hidden beside them\n"),
+       {std::string("\npoints per s     202 (1.000 s"), std::string("series           2, 1 inactive\n"),
+        std::string("points           202\n"), std::string("visible points   6, and 67 hidden beside them\n"),
         std::string("forgotten        128 points in 1 chunks, 1 that came too late; 0 series aged, 0 reused\n"),
         std::string("points swept     1 memory slots came back in all; the last sweep: 0 free before it, 0 after, "),
         fmt::format("bytes per point  {:.2f} in use", static_cast<double>(store.bytes_in_use()) / 6)})

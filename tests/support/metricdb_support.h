@@ -1,10 +1,12 @@
-// What tests of metricdb's databases share: a folder of their own, files in it, and stores to compare.
+// What tests of metricdb's databases share: a folder of their own, files in it, the program, and stores to compare.
 #ifndef METRICDB_SUPPORT_H
 #define METRICDB_SUPPORT_H
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <stdlib.h>
+#include <sys/wait.h>
 #include <tslb_util.h>
 #include <unistd.h>
 
@@ -15,9 +17,12 @@
 #include <iterator>
 #include <map>
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "check.h"
+#include "loader.h"
 #include "store.h"
 
 namespace metricdb {
@@ -52,6 +57,23 @@ inline std::vector<std::string> names_in(const fs::path &folder) {
   return names;
 }
 
+// Why `work` threw, or nothing.
+template <class Work>
+std::string refusal_of(Work work) {
+  try {
+    work();
+  } catch (const std::runtime_error &error) {
+    return error.what();
+  }
+  return "";
+}
+
+// What a program left.
+struct Outcome {
+  int exit_code;  // -1: it was killed
+  std::string out, err;
+};
+
 class Folder : public testing::Test {
  protected:
   void SetUp() override {
@@ -70,6 +92,19 @@ class Folder : public testing::Test {
   }
   std::string path(const std::string &name) const { return (root_ / name).string(); }
 
+  // metricdb in a process of its own, in the test's folder.
+  Outcome run(const std::string &arguments, const std::string &environment = "") const {
+    const std::string command =
+        fmt::format("cd {} && {} {} {} >out.txt 2>err.txt", root_.string(), environment, METRICDB, arguments);
+    const int status = std::system(command.c_str());
+    const int code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    const Outcome outcome = {code == 128 + SIGKILL ? -1 : code, read_file(root_ / "out.txt"),
+                             read_file(root_ / "err.txt")};
+    fs::remove(root_ / "out.txt");
+    fs::remove(root_ / "err.txt");
+    return outcome;
+  }
+
   fs::path root_;
 };
 
@@ -84,6 +119,58 @@ inline std::string image_of(const Store &store) {
     tslb_iterate_dyn_array_blocks(array, add, &image);
   }
   return image;
+}
+
+inline std::vector<Point> points_of(const Store &store, uint32_t series) {
+  std::vector<Point> points;
+  PointCursor cursor(store, series);
+  for (Point point; cursor.next(point);) points.push_back(point);
+  return points;
+}
+
+inline std::string shown(const std::vector<Point> &points) {
+  std::string text;
+  for (const Point &point : points) text += fmt::format("{}@{} ", point.value, point.ts_ns);
+  return text;
+}
+
+// "value@time ..." of each series that the catalogue holds, by key, in order of arrival.
+using Content = std::map<std::string, std::string>;
+
+inline Content content_of(const Store &store) {
+  Content content;
+  for (uint32_t series = 0; series < store.n_slots(); ++series)
+    if (store.holds_series(series)) content[std::string(store.key(series))] = shown(points_of(store, series));
+  return content;
+}
+
+inline uint32_t n_free(DynArrHandle_t *array) {
+  return static_cast<DynArrLLI_t *>(tslb_da_get_lli(array))->n_free;
+}
+
+constexpr int64_t NOW_NS = 77;  // of points without a time
+
+// As the program does, but for the sweep behind the last text. Every line is a good one.
+inline LoadStats load(Store &store, std::string_view text) {
+  Loader loader(store, Loader::WhenFull::stop, [](uint64_t, const std::string &reason) { ADD_FAILURE() << reason; });
+  loader.load(text, Precision::ns, NOW_NS);
+  return loader.stats();
+}
+
+inline Check checked(const Store &store, std::string_view text, int64_t retain_ns = 0) {
+  Check check(store, Precision::ns, NOW_NS, retain_ns);
+  check.find_newest(text);
+  check.compare(text);
+  check.finish();
+  return check;
+}
+
+// That the check finds so many points as they are told, so many differences, and that one first.
+inline void expect_checked(const Check &check, uint64_t n_matching, uint64_t n_differences,
+                           const std::string &first_difference) {
+  EXPECT_EQ(check.n_matching(), n_matching);
+  EXPECT_EQ(check.n_differences(), n_differences);
+  EXPECT_EQ(check.first_differences().empty() ? "" : check.first_differences()[0], first_difference);
 }
 
 inline std::string figures_of(const Store &store) {

@@ -34,6 +34,14 @@ inline metricdb::ServerOptions on_free_ports() {
   return options;
 }
 
+// With those options that `set` sets.
+template <class Set>
+metricdb::ServerOptions options_with(Set set) {
+  metricdb::ServerOptions options = on_free_ports();
+  set(options);
+  return options;
+}
+
 class RunningServer {
  public:
   explicit RunningServer(const metricdb::ServerOptions &options = on_free_ports())
@@ -52,6 +60,9 @@ class RunningServer {
 
   FakeIngest &ingest() { return ingest_; }
   metricdb::ServerCounters counters() const { return server_.counters(); }
+  bool comes_to_points(uint64_t n) const {
+    return comes_true([&] { return counters().points == n; });
+  }
   int influx_port() const { return influx_port_; }
   int graphite_port() const { return graphite_port_; }
 
@@ -160,4 +171,26 @@ inline std::string post(std::string_view lines, std::string_view arguments = "db
   std::string text = "POST /write?";
   text.append(arguments).append(" HTTP/1.1\r\n").append(headers);
   return text.append("Content-Length: ").append(std::to_string(lines.size())).append("\r\n\r\n").append(lines);
+}
+
+// A request without a body.
+inline std::string get(const std::string &target, const std::string &method = "GET") {
+  return method + " " + target + " HTTP/1.1\r\nHost: x\r\n\r\n";
+}
+
+inline std::string body_of(const std::string &answer) {
+  const size_t end = answer.find("\r\n\r\n");
+  return end == std::string::npos ? "" : answer.substr(end + 4);
+}
+
+// What it is answered.
+inline int ask(Peer &peer, const std::string &request) {
+  EXPECT_TRUE(peer.send(request));
+  return peer.status();
+}
+
+// Whatever was sent before this returns has had a turn.
+inline void expect_others_are_served(const RunningServer &server) {
+  Peer other(server.influx_port());
+  EXPECT_EQ(ask(other, get("/ping")), 204);
 }

@@ -1,24 +1,53 @@
-// What the library writes into a stream, for tests that look at its bytes.
+// What the library writes into streams and block files, for tests that look at its bytes.
 #ifndef STORED_IMAGE_H
 #define STORED_IMAGE_H
 
 #include <gtest/gtest.h>
-#include <stdio.h>
+#include <stdlib.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 
 #include "tslb_dynarr.h"
+#include "tslb_rd_api.h"
 #include "tslb_settings.h"
 
+// From the first byte, wherever the descriptor stands.
+inline std::string content_of(int fd) {
+  std::string content(static_cast<size_t>(lseek(fd, 0, SEEK_END)), '\0');
+  EXPECT_EQ(pread(fd, content.data(), content.size(), 0), static_cast<ssize_t>(content.size()));
+  return content;
+}
+
+inline std::string content_of(const std::filesystem::path &path) {
+  std::ifstream file(path, std::ios::binary);
+  EXPECT_TRUE(file.good()) << path << " is not there";
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// A file in memory, closed with its owner.
+class memory_file_t {
+ public:
+  explicit memory_file_t(const std::string &content = "") : fd_(memfd_create("stream", MFD_CLOEXEC)) {
+    EXPECT_EQ(pwrite(fd_, content.data(), content.size(), 0), static_cast<ssize_t>(content.size()));
+  }
+  ~memory_file_t() { close(fd_); }
+  memory_file_t(const memory_file_t &) = delete;
+  int fd() const { return fd_; }
+
+ private:
+  const int fd_;
+};
+
 inline std::string stream_of(DynArrHandle_t *array) {
-  FILE *const file = tmpfile();
+  const memory_file_t file;
   size_t total = 0;
-  EXPECT_EQ(tslb_create_dump_for_dynarr(array, fileno(file), 0, &total), 0);
-  std::string stream(static_cast<size_t>(lseek(fileno(file), 0, SEEK_END)), '\0');
-  EXPECT_EQ(pread(fileno(file), stream.data(), stream.size(), 0), static_cast<ssize_t>(stream.size()));
-  fclose(file);
-  return stream;
+  EXPECT_EQ(tslb_create_dump_for_dynarr(array, file.fd(), 0, &total), 0);
+  return content_of(file.fd());
 }
 
 // While it lives, pools of the two fixed table ids are stored with a short last slot.
@@ -31,6 +60,29 @@ struct trimming_t {
     tslb_test_mode = static_cast<char>(0xFF);
     lib_config.tslb_enable_file_trimming_flag = 0;
   }
+};
+
+inline std::string cut_stream_of(DynArrHandle_t *pool) {
+  const trimming_t trimming;
+  return stream_of(pool);
+}
+
+// A folder that goes with its owner.
+struct temp_folder_t {
+  temp_folder_t() {
+    std::string name = std::filesystem::temp_directory_path() / "tslb_test_XXXXXX";
+    EXPECT_NE(mkdtemp(name.data()), nullptr) << name;
+    path = name;
+  }
+  ~temp_folder_t() { std::filesystem::remove_all(path); }
+  temp_folder_t(const temp_folder_t &) = delete;
+  std::filesystem::path path;
+};
+
+// One under which the library keeps block files.
+struct base_path_t : temp_folder_t {
+  base_path_t() { tslb_set_base_path(path.c_str()); }
+  ~base_path_t() { tslb_set_base_path(""); }
 };
 
 #endif

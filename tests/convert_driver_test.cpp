@@ -1,0 +1,247 @@
+// Conversions of stored arrays through the driver: every route of both maps against streams that are put together here
+// byte by byte, and every refusal with what it must leave alone.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <iterator>
+#include <map>
+#include <set>
+
+#include "convert_support.h"
+#include "fault_alloc.h"
+#include "tsdb_recovery_version_compatibility.h"
+
+extern "C" __attribute__((visibility("default"))) time_t time(time_t *at) {
+  if (at != nullptr) *at = now;
+  return now;
+}
+
+TEST(Convert, RoutesHereAreThoseOfTheMaps) {
+  size_t n_routes = 0;
+  for (const TSDBVerMap_t &row : g_old_vermap)
+    for (const TSDBVerCB_t &way : row.cb) n_routes += way.downgrade_cb != nullptr ? 1 : 0;
+  EXPECT_EQ(std::size(kRoutes), n_routes) << "a route is not covered by these tests";
+}
+
+struct converted_t {
+  recovery_result_t result;
+  recovery_counts_t counts;
+  std::string error, output;
+  bool struck;  // by the failure of an allocation that was asked for
+};
+
+// The nth allocation on the way fails; 0: none.
+static converted_t convert(const std::string &stream, const recovery_conversion_t &conversion, int nth = 0) {
+  const memory_file_t in(stream), out;
+  converted_t converted = {};
+  char error[256] = "untouched";
+  converted.counts.n_records = 99;
+  {
+    const fault_t fault(nth);
+    converted.result = recovery_convert_stream(in.fd(), out.fd(), &conversion, &converted.counts, error, sizeof(error));
+    converted.struck = fault.struck();
+  }
+  converted.error = error;
+  converted.output = content_of(out.fd());
+  EXPECT_EQ(content_of(in.fd()), stream) << "the input is only read";
+  return converted;
+}
+
+static void expect_nothing_done(const converted_t &converted) {
+  EXPECT_EQ(converted.output, "") << "a refusal writes nothing";
+  const recovery_counts_t none = {};
+  EXPECT_EQ(memcmp(&converted.counts, &none, sizeof(none)), 0);
+  EXPECT_NE(converted.error, "");
+  EXPECT_EQ(converted.error.find('\n'), std::string::npos);
+}
+
+TEST(ConvertDriver, EveryRouteOfTheCatalogue) {
+  for (const route_t &route : kRoutes) {
+    for (const uint8_t daflag : std::set<uint8_t>{0, route.daflag}) {
+      for (const uint32_t n_records : {0u, 3u, 60u}) {
+        SCOPED_TRACE(testing::Message() << route.name << " to " << int{route.to} << ", flags " << int{daflag} << ", "
+                                        << n_records << " records");
+        const stored_t stored = store(route.newer_bytes, daflag, route.from, n_records);
+        const std::string want = expected_stream(route, stored, daflag);
+        const converted_t got = convert(stored.stream, {route.rec_type, 0, route.to, 0});
+        ASSERT_EQ(got.result, RECOVERY_DONE) << got.error;
+        EXPECT_EQ(got.error, "");
+        EXPECT_TRUE(got.output == want) << got.output.size() << " bytes, expected " << want.size();
+        EXPECT_EQ(got.counts.n_records, n_records);
+        EXPECT_EQ(got.counts.n_free, stored.n_free);
+        EXPECT_EQ(got.counts.n_inactive, stored.n_inactive);
+        EXPECT_EQ(got.counts.n_other, stored.n_other);
+        EXPECT_EQ(got.counts.n_active, n_records - stored.n_free - stored.n_inactive - stored.n_other);
+        EXPECT_EQ(got.counts.record_bytes_before, static_cast<uint32_t>(route.newer_bytes));
+        EXPECT_EQ(got.counts.record_bytes_after, static_cast<uint32_t>(route.older_bytes));
+        EXPECT_EQ(got.counts.stream_bytes_after, want.size());
+        EXPECT_EQ(got.counts.version_is_asserted, 0);
+
+        const converted_t dry = convert(stored.stream, {route.rec_type, 0, route.to, 1});
+        EXPECT_EQ(dry.result, RECOVERY_DONE);
+        EXPECT_EQ(dry.output, "") << "a dry run writes";
+        EXPECT_EQ(memcmp(&dry.counts, &got.counts, sizeof(dry.counts)), 0) << "a dry run counts something else";
+      }
+    }
+  }
+}
+
+TEST(ConvertDriver, OldHeadersKeepEverySlotAndList) {
+  static const struct {
+    const char *fault;
+    int record_bytes, hdr_size;
+    uint8_t daflag;
+    uint32_t n_records;
+  } rows[] = {
+      {"a plain array gets nodes", 12, 0, 0, 40},
+      {"an empty array is refused", 12, 0, TSLB_DA_DAFLAG_INLL, 0},
+      {"nodes are lost with the handle's flags", 12, 0, TSLB_DA_DAFLAG_LL, 3},
+      {"data blocks are lost with the handle's flags", 12, 0, TSLB_DA_DAFLAG_INLL, 60},
+      {"one of two flags, or a flag that means nothing here, is lost", 9, 0, 0xF3, 40},
+      {"a user header shifts lists or slots, or is not carried", 9, 13, TSLB_DA_DAFLAG_INLL, 40},
+      {"a user header longer than a pool's is carried in part", 12, 300, TSLB_DA_DAFLAG_LL, 40},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    const stored_t stored = store(row.record_bytes, row.daflag, 0xC3, row.n_records, row.hdr_size);
+    const converted_t got = convert(stored.stream, {RECTYPE_LIB, 1, 1, 0});
+    ASSERT_EQ(got.result, RECOVERY_DONE) << got.error;
+    std::string want = stored.stream;
+    want[0] = 1;
+    EXPECT_TRUE(got.output == want);
+    EXPECT_EQ(got.counts.n_inactive, stored.n_inactive);
+    EXPECT_EQ(got.counts.record_bytes_after, static_cast<uint32_t>(row.record_bytes));
+    EXPECT_EQ(got.counts.stream_bytes_after, want.size());
+    EXPECT_EQ(got.counts.version_is_asserted, 0);
+  }
+}
+
+// Anything but 0 chooses the library's map.
+TEST(ConvertDriver, PoolsComeOutAsTheyAre) {
+  static const struct {
+    const char *fault;
+    uint16_t rec_type;
+    uint8_t to;
+    pool_kind_t kind;
+    uint8_t lib_version_after, asserted;
+  } rows[] = {
+      {"pool header or cursor lost", RECTYPE_LIB, 1, BIG_BUFFER, 1, 0},
+      {"big-buffer pool refused or changed", RECTYPE_LIB_BB, 0, BIG_BUFFER, 2, 1},
+      {"pool without lists refused", RECTYPE_LIB_BB, 0, {"", 64, 2, MPOOL_FLAG_COMPAT, 0, 0}, 2, 1},
+      {"bit-vector pool refused or changed", RECTYPE_LIB_BV, 0, BIT_VECTOR, 2, 1},
+  };
+  for (const auto &row : rows) {
+    for (const int n_chunks : {0, 1, 3, 41}) {
+      SCOPED_TRACE(testing::Message() << row.fault << ", " << n_chunks << " chunks");
+      const array_t pool = chunk_pool(row.kind, n_chunks);
+      std::string want = stream_of(pool.get());
+      const std::string cut = cut_stream_of(pool.get());
+      const trimming_t trimming;
+      std::vector<std::string> outputs;
+      for (const std::string &stream : {want, cut}) {
+        const converted_t got = convert(stream, {row.rec_type, 2, row.to, 0});
+        EXPECT_EQ(got.result, RECOVERY_DONE) << got.error;
+        EXPECT_EQ(got.counts.version_is_asserted, row.asserted);
+        EXPECT_EQ(got.counts.stream_bytes_after, want.size());
+        outputs.push_back(got.output);
+      }
+      want[0] = static_cast<char>(row.lib_version_after);
+      EXPECT_TRUE(outputs[0] == want);
+      EXPECT_TRUE(outputs[1] == want) << "a cut last slot does not come out whole";
+      EXPECT_EQ(cut.size() < want.size(), n_chunks != 0) << "the cut was not tried";
+    }
+  }
+}
+TEST(ConvertDriver, RefusesWhatDoesNotFit) {
+  for (const refusal_row_t &row : refusal_rows()) {
+    for (const uint8_t dry_run : {uint8_t{0}, uint8_t{1}}) {
+      SCOPED_TRACE(testing::Message() << row.fault << (dry_run != 0 ? ", dry" : ""));
+      const converted_t got = convert(row.stream, {row.rec_type, row.is_lib, row.to, dry_run});
+      EXPECT_EQ(got.result, row.result);
+      EXPECT_EQ(got.error, row.line);
+      expect_nothing_done(got);
+    }
+  }
+}
+
+TEST(ConvertDriver, KnowsNothingOutsideTheMaps) {
+  static const struct {
+    uint16_t rec_type;
+    uint8_t is_lib;
+    const char *line;
+  } rows[] = {
+      {33, 0, "record type 33 is not in the catalogue's version map"},
+      {65535, 0, "record type 65535 is not in the catalogue's version map"},
+      {5, 1, "record type 5 is not in the library's version map"},
+      {32, 9, "record type 32 is not in the library's version map"},
+  };
+  for (const auto &row : rows) {
+    const converted_t got = convert(store(44, 0, 2, 5).stream, {row.rec_type, row.is_lib, 0, 0});
+    EXPECT_EQ(got.result, RECOVERY_NO_WAY);
+    EXPECT_EQ(got.error, row.line);
+    expect_nothing_done(got);
+    EXPECT_EQ(recovery_type_name(row.rec_type, row.is_lib), nullptr);
+    EXPECT_EQ(recovery_record_bytes(row.rec_type, row.is_lib, 0), 0u);
+  }
+  for (const uint8_t version : {3, 4, 255}) EXPECT_EQ(recovery_record_bytes(RECTYPE_G_MG, 0, version), 0u);
+}
+
+TEST(ConvertDriver, LineIsCutToTheBuffer) {
+  const recovery_conversion_t own_version = {RECTYPE_G_MG, 0, 2, 0};
+  recovery_counts_t counts;
+  char error[9] = "........";
+  EXPECT_EQ(recovery_convert_stream(-1, -1, &own_version, &counts, error, 5), RECOVERY_NO_WAY);
+  EXPECT_EQ(std::string(error, 8), std::string("g_mg\0...", 8));
+  EXPECT_EQ(recovery_convert_stream(-1, -1, &own_version, &counts, nullptr, 0), RECOVERY_NO_WAY);
+}
+
+TEST(ConvertDriver, RefusedMemoryWritesNothing) {
+  const std::string groups = store(44, 0, 2, 60).stream;
+  // The last record alone lies in the last block: without its memory a copy has as many ids, and headers that differ in
+  // nothing.
+  const std::string slots = store(12, 0, 0, 3 + 3 * 16 + 1).stream;
+  static const struct {
+    const char *fault;
+    const std::string *stream;
+    recovery_conversion_t conversion;
+    std::vector<recovery_result_t> results;
+  } rows[] = {
+      {"a catalogue array half done", &groups, {RECTYPE_G_MG, 0, 0, 0}, {RECOVERY_BAD_STREAM, RECOVERY_FAILED}},
+      {"a copy that ended early taken for a whole one",
+       &slots,
+       {RECTYPE_LIB, 1, 1, 0},
+       {RECOVERY_BAD_STREAM, RECOVERY_FAILED}},
+  };
+  for (const auto &row : rows) {
+    std::map<recovery_result_t, int> seen;
+    bool struck = true;
+    for (int nth = 1; struck; ++nth) {
+      SCOPED_TRACE(testing::Message() << row.fault << ", allocation " << nth);
+      converted_t got;
+      stderr_of([&] { got = convert(*row.stream, row.conversion, nth); });
+      struck = got.struck;
+      ASSERT_EQ(got.result == RECOVERY_DONE, !struck);
+      if (!struck) continue;
+      ++seen[got.result];
+      expect_nothing_done(got);
+    }
+    for (const recovery_result_t result : row.results) EXPECT_GT(seen[result], 0) << row.fault;
+    EXPECT_EQ(seen.size(), row.results.size()) << row.fault;
+  }
+}
+
+TEST(ConvertDriver, TellsABrokenOutput) {
+  const std::string groups = store(44, 0, 2, 60).stream;
+  const memory_file_t in(groups);
+  const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+  const recovery_conversion_t conversion = {RECTYPE_G_MG, 0, 0, 0};
+  recovery_counts_t counts;
+  char error[256];
+  const std::string said = stderr_of([&] {
+    EXPECT_EQ(recovery_convert_stream(in.fd(), full, &conversion, &counts, error, sizeof(error)), RECOVERY_NOT_WRITTEN);
+  });
+  EXPECT_STREQ(error, "the older array could not be written to its end");
+  EXPECT_EQ(counts.n_records, 0u);
+  EXPECT_NE(said.find("No space left"), std::string::npos);
+  close(full);
+}

@@ -1,0 +1,245 @@
+// Conversions through the tool: that it hands what is asked to the driver, and what becomes of files that are there.
+#include <sys/stat.h>
+
+#include <map>
+#include <sstream>
+
+#include "convert_support.h"
+#include "tool_support.h"
+
+namespace fs = std::filesystem;
+
+class Tool : public ToolTest {
+ protected:
+  Tool() : ToolTest(TSLB_CONVERT) {}
+  static void expect_refused(const run_t &ran, const std::string &line) {
+    expect_says(ran, 1, "tslb-convert: " + line);
+  }
+};
+
+TEST_F(Tool, EveryRouteOfTheLibrary) {
+  const std::string slots = store(12, TSLB_DA_DAFLAG_INLL, 5, 60).stream;
+  const std::string big_buffer = stream_of(chunk_pool(BIG_BUFFER, 41).get());
+  const std::string bit_vector = stream_of(chunk_pool(BIT_VECTOR, 41).get());
+  const struct {
+    const char *fault, *arguments;
+    std::string in, out;
+    bool says_word;
+  } rows[] = {
+      {"headers", "--to 1 --rec-type lib", slots, edited(slots, 0, 1), false},
+      {"number read as a row of the catalogue", "--to 1 --rec-type 0 --lib", slots, edited(slots, 0, 1), false},
+      {"name refused beside --lib", "--to 0 --rec-type lib_bb --lib", big_buffer, big_buffer, true},
+      {"an asserted version passed off as checked", "--to 0 --rec-type lib_bb", big_buffer, big_buffer, true},
+      {"bit-vector pool", "--to 0 --rec-type 2 --lib", bit_vector, bit_vector, true},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    write("in", row.in);
+    const run_t ran = run(std::string(row.arguments) + " in out");
+    EXPECT_EQ(ran.exit_code, 0) << ran.err;
+    EXPECT_TRUE(read("out") == row.out);
+    EXPECT_EQ(ran.out.find("is your word") != std::string::npos, row.says_word) << ran.out;
+    fs::remove(path("out"));
+  }
+}
+
+TEST_F(Tool, RefusesWhatDoesNotFit) {
+  for (const refusal_row_t &row : refusal_rows()) {
+    for (const bool over_old : {false, true}) {
+      SCOPED_TRACE(testing::Message() << row.fault << (over_old ? ", over an old file" : ""));
+      write("in", row.stream);
+      if (over_old) write("out", "old");
+      const std::string way = "--rec-type " + std::to_string(row.rec_type) + " --to " + std::to_string(row.to);
+      expect_refused(run(way + (row.is_lib != 0 ? " --lib" : "") + (over_old ? " --force" : "") + " in out"),
+                     "in: " + std::string(row.line));
+      EXPECT_EQ(read("in"), row.stream);
+      if (over_old) {
+        EXPECT_EQ(read("out"), "old");
+      }
+      EXPECT_EQ(names().size(), over_old ? 2u : 1u) << "something was left behind";
+      fs::remove(path("out"));
+    }
+  }
+}
+
+const std::string TO_OLDEST = "--rec-type g_mg --to 0 ";
+
+TEST_F(Tool, LeavesOtherFilesAlone) {
+  const std::string groups = store(44, 0, 2, 20).stream;
+  write("in", groups);
+  write("old", "old");
+  fs::create_symlink("in", path("link_to_in"));
+  fs::create_symlink("old", path("link_to_old"));
+  fs::create_symlink("nowhere", path("dangling"));
+  fs::create_hard_link(path("in"), path("second_in"));
+  fs::create_directory(path("dir"));
+  ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
+  const std::vector<std::string> before = names();
+  static const struct {
+    const char *fault, *in, *out;
+    bool force;
+    const char *line;
+  } rows[] = {
+      {"replaced unasked", "in", "old", false, "old: exists; --force replaces it"},
+      {"a link followed or replaced unasked", "in", "dangling", false, "dangling: exists; --force replaces it"},
+      {"input replaced", "in", "in", true, "in: is the input file"},
+      {"input replaced under another spelling", "in", "./dir/../in", true, "./dir/../in: is the input file"},
+      {"input replaced through a link", "in", "link_to_in", true, "link_to_in: is the input file"},
+      {"input read through a link, replaced", "link_to_in", "in", true, "in: is the input file"},
+      {"input's second name replaced", "in", "second_in", true, "second_in: is the input file"},
+      {"a link replaced", "in", "link_to_old", true,
+       "link_to_old: exists and is not a regular file, which --force leaves alone"},
+      {"a directory replaced", "in", "dir", true, "dir: exists and is not a regular file, which --force leaves alone"},
+      {"a pipe replaced", "in", "pipe", true, "pipe: exists and is not a regular file, which --force leaves alone"},
+      {"output in no directory", "in", "none/out", false,
+       "none/out: no file can be made beside it: No such file or directory"},
+      {"missing input", "none", "out", false, "none: cannot be read: No such file or directory"},
+      {"a directory read", "dir", "out", false, "dir: not a regular file"},
+      {"a pipe waited for", "pipe", "out", false, "pipe: not a regular file"},
+  };
+  for (const auto &row : rows) {
+    for (const bool dry : {false, true}) {
+      if (dry && strcmp(row.out, "none/out") == 0) continue;  // it makes no file there
+      SCOPED_TRACE(testing::Message() << row.fault << (dry ? ", dry" : ""));
+      const std::string files = row.in + std::string(" ") + row.out;
+      expect_refused(run(TO_OLDEST + files + (row.force ? " --force" : "") + (dry ? " --dry-run" : "")), row.line);
+      EXPECT_EQ(names(), before);
+      EXPECT_EQ(read("in"), groups);
+      EXPECT_EQ(read("old"), "old");
+    }
+  }
+}
+
+// By the number of its row, as others are by name.
+TEST_F(Tool, ForceReplacesAFile) {
+  const stored_t groups = store(44, 0, 2, 20);
+  write("in", groups.stream);
+  write("out", std::string(100000, 'x'));
+  ASSERT_EQ(chmod(path("in").c_str(), 0640), 0);
+  EXPECT_EQ(run("--rec-type 2 --to 1 --force in out").exit_code, 0);
+  EXPECT_TRUE(read("out") == expected_stream(kRoutes[2], groups, 0));
+  EXPECT_EQ(fs::status(path("out")).permissions(), fs::perms{0640}) << "the mode is the input's";
+  EXPECT_EQ(names(), (std::vector<std::string>{"in", "out"}));
+}
+
+TEST_F(Tool, AnOutputThatFailsIsNotThere) {
+  write("in", store(44, 0, 2, 60).stream);
+  static const struct {
+    const char *fault;
+    limits_t limits;
+    const char *last_line;
+  } rows[] = {
+      {"an output cut short is kept",
+       {.file_bytes = 2000},
+       "tslb-convert: out: the older array could not be written to its end\n"},
+      {"the report's loss is not told",
+       {.out_path = "/dev/full"},
+       "tslb-convert: stdout: cannot be written: No space left on device\n"},
+  };
+  for (const auto &row : rows) {
+    for (const bool over_old : {false, true}) {
+      SCOPED_TRACE(testing::Message() << row.fault << (over_old ? ", over an old file" : ""));
+      if (over_old) write("out", "old");
+      const run_t ran = run(TO_OLDEST + "in out" + (over_old ? " --force" : ""), row.limits);
+      EXPECT_EQ(ran.exit_code, 1);
+      const std::string end = row.last_line;
+      EXPECT_EQ(ran.err.substr(ran.err.size() - std::min(ran.err.size(), end.size())), end);
+      EXPECT_EQ(names().size(), over_old ? 2u : 1u) << "something was left behind";
+      if (over_old) {
+        EXPECT_EQ(read("out"), "old");
+      }
+    }
+    fs::remove(path("out"));
+  }
+}
+
+TEST_F(Tool, DryRunCountsAndWritesNothing) {
+  const stored_t types = store(100, TSLB_DA_DAFLAG_INLL, 1, 60);
+  write("in", types.stream);
+  for (const char *files : {"in", "in out"}) {
+    const run_t ran = run(std::string("--dry-run --rec-type type --to 0 ") + files);
+    EXPECT_EQ(ran.exit_code, 0) << ran.err;
+    EXPECT_EQ(ran.err, "");
+    const uint32_t n_quiet = types.n_free + types.n_inactive + 1;
+    EXPECT_GT(types.n_free, 0u);
+    EXPECT_GT(types.n_inactive, 0u);
+    std::ostringstream want;
+    want << "type: version 1 to 0, dry run: nothing is written\n  records       60: " << 60 - n_quiet << " active, "
+         << types.n_free << " free, " << types.n_inactive << " inactive, 1 other\n                " << n_quiet
+         << " of them become active\n  record bytes  100 before, 80 after\n  file bytes    " << 84 + 60 * 116
+         << " before, " << 84 + 60 * 96 << " after\n";
+    EXPECT_EQ(ran.out, want.str());
+    EXPECT_EQ(names(), std::vector<std::string>{"in"});
+    EXPECT_EQ(read("in"), types.stream);
+  }
+}
+
+// Row, name, version, nodes, versions there is a way to, and record bytes by version. All that are left out here stand in
+// version 0, without a way.
+TEST_F(Tool, ListHasEveryRow) {
+  const std::map<std::string, std::string> rows = {
+      {"0 subject", "0 INLL - -"},
+      {"1 type", "1 INLL 0 0:80 1:100"},
+      {"2 g_mg", "2 plain 0 1 0:36 1:40 2:44"},
+      {"3 g_mt", "1 plain 0 0:24 1:28"},
+      {"10 local_root_subject", "1 INLL 0 0:80 1:100"},
+      {"14 g_dmt_info", "1 plain 0 0:112 1:112"},
+      {"16 g_dmg", "2 plain 0 1 0:36 1:40 2:44"},
+      {"19 dmt_member", "1 plain 0 0:512 1:536"},
+      {"20 dmt_subject", "1 plain 0 0:392 1:4232"},
+      {"0 lib", "2 plain 1 -"},
+      {"1 lib_bb", "1 LL 0 -"},
+      {"2 lib_bv", "1 LL 0 -"},
+  };
+  const run_t ran = run("--list");
+  EXPECT_EQ(ran.exit_code, 0);
+  EXPECT_EQ(ran.err, "");
+  std::istringstream lines(ran.out);
+  size_t n_rows = 0, n_known = 0;
+  for (std::string line; std::getline(lines, line);) {
+    std::istringstream items(line);
+    std::string row, name, rest;
+    if (!(items >> row >> name) || isdigit(static_cast<unsigned char>(row[0])) == 0) continue;
+    for (std::string item; items >> item;) rest += (rest.empty() ? "" : " ") + item;
+    const auto known = rows.find(row + " " + name);
+    EXPECT_EQ(rest, known != rows.end() ? known->second : "0 plain - -") << line;
+    n_known += known != rows.end() ? 1 : 0;
+    ++n_rows;
+  }
+  EXPECT_EQ(n_known, rows.size());
+  EXPECT_EQ(n_rows, 33u + 5u);
+  EXPECT_EQ(run("--list", {.out_path = "/dev/full"}).exit_code, 1) << "a list that did not arrive is success";
+}
+
+TEST_F(Tool, Usage) {
+  write("in", store(44, 0, 2, 5).stream);
+  const std::string in_neither = ": no such record type of the catalogue or the library; --list shows them";
+  const std::string not_in_library = ": no such record type of the library; --list shows them";
+  const struct {
+    const char *fault, *arguments;
+    std::string line;
+  } rows[] = {
+      {"nothing asked", "", "--rec-type is missing"},
+      {"no type", "--to 0 in out", "--rec-type is missing"},
+      {"version 0 assumed", "--rec-type g_mg in out", "--to is missing"},
+      {"no files", "--rec-type g_mg --to 0", "IN is missing"},
+      {"no output", "--rec-type g_mg --to 0 in", "OUT is missing"},
+      {"a type that is none", "--rec-type G_MG --to 0 in out", "--rec-type G_MG" + in_neither},
+      {"the start of a number", "--rec-type 2x --to 0 in out", "--rec-type 2x" + in_neither},
+      {"a row behind the catalogue", "--rec-type 33 --to 0 in out", "--rec-type 33" + in_neither},
+      {"a number cut to 16 bits", "--rec-type 65538 --to 0 in out", "--rec-type 65538" + in_neither},
+      {"a row behind the library", "--lib --rec-type 5 --to 0 in out", "--rec-type 5" + not_in_library},
+      {"a catalogue type of the library", "--lib --rec-type g_mg --to 0 in out", "--rec-type g_mg" + not_in_library},
+      {"a version cut to 8 bits", "--rec-type g_mg --to 256 in out", "--to: Value 256 not in range 0 to 255"},
+      {"a list with a conversion", "--list in", "--list goes alone"},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    expect_says(run(row.arguments), 2, "tslb-convert: " + row.line);
+    EXPECT_EQ(names(), std::vector<std::string>{"in"});
+  }
+  const run_t help = run("--help");
+  EXPECT_EQ(help.exit_code, 0);
+  EXPECT_NE(help.out.find("Exit: 0 done\n      1 refused"), std::string::npos) << help.out;
+  EXPECT_NE(help.out.find("\n      2 usage"), std::string::npos);
+}

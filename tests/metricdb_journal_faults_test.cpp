@@ -1,0 +1,190 @@
+// The journal where steps on the way to the disk fail, and where threads meet.
+#include <gmock/gmock.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "journal_support.h"
+#include "threads.h"
+
+namespace metricdb {
+namespace {
+
+using testing::HasSubstr;
+
+// An owner that commits batches 1 to 4, brings itself back after a refusal and tries again.
+struct Owner {
+  std::vector<std::string> settled;    // payloads that were not refused
+  std::vector<std::string> attempted;  // those, and perhaps one behind them
+  std::string failure;                 // the last one
+
+  void run(const std::string &path, Sync sync) try {
+    Journal journal(path, GENERATION, sync);
+    for (uint64_t batch = 1; batch <= 4; ++batch) {
+      journal.reserve(1000);
+      attempted.push_back(payload_of(batch));
+      const uint64_t ticket = commit_batch(journal, batch), next = journal.commit("with it");
+      journal.wait(next);
+      if (const std::string why = journal.failure(ticket); !why.empty()) {
+        failure = why;
+        EXPECT_EQ(journal.failure(next), why);
+        journal.restart();
+        attempted.pop_back();
+        --batch;
+        continue;
+      }
+      settled.push_back(payload_of(batch));
+      attempted = settled;
+      if (!journal.failure(next).empty()) journal.restart();
+    }
+    journal.close();
+  } catch (const FileError &error) {
+    failure = error.what();
+  }
+
+  // Of a file that is there: it holds all that was settled and nothing that was not attempted, in order.
+  void compare(const std::string &path) const {
+    Read read = read_journal(path);
+    EXPECT_EQ(read.error, "");
+    std::erase(read.payloads, "with it");
+    ASSERT_GE(read.payloads.size(), settled.size());
+    ASSERT_LE(read.payloads.size(), attempted.size());
+    for (size_t i = 0; i < read.payloads.size(); ++i) EXPECT_EQ(read.payloads[i], attempted[i]);
+    { Journal(path, read.result.place, Sync::batch).commit("goes on"); }
+    EXPECT_EQ(read_journal(path).payloads.back(), "goes on");
+  }
+};
+
+TEST_F(JournalTest, EveryStepCanFail) {
+  for (const Sync sync : {Sync::always, Sync::batch, Sync::none}) {
+    for (uint64_t k = 1;; ++k) {
+      SCOPED_TRACE(fmt::format("sync {}, step {}", static_cast<int>(sync), k));
+      fs::remove(path_);
+      const uint64_t before = io_operations();
+      Owner owner;
+      fail_at_io(k, ENOSPC);
+      owner.run(path_, sync);
+      const bool struck = io_operations() - before >= k;
+      fail_at_io(0, 0);
+      EXPECT_THAT(owner.failure, testing::AnyOf("", HasSubstr("No space left on device")));
+      if (fs::exists(path_)) owner.compare(path_);
+      if (!struck) {
+        EXPECT_EQ(owner.settled.size(), 4u);
+        EXPECT_GT(k, 20u);
+        break;
+      }
+    }
+  }
+}
+
+TEST_F(JournalTest, SyncThatFailedIsNeverTriedAgain) {
+  Journal journal(path_, GENERATION, Sync::batch);
+  fail_at_io(3, EIO);  // behind the two steps of the write
+  const uint64_t ticket = commit_batch(journal, 1);
+  journal.wait(ticket);
+  EXPECT_THAT(journal.failure(ticket), HasSubstr("cannot be synced: Input/output error"));
+  EXPECT_TRUE(journal.is_broken());
+  EXPECT_THROW(journal.restart(), FileError);
+  const uint64_t later = journal.commit("");
+  EXPECT_EQ(journal.settled(), later) << "refused at once";
+  EXPECT_EQ(journal.failure(later), journal.failure(ticket));
+  EXPECT_FALSE(journal.reserve(1));
+  EXPECT_THROW(journal.close(), FileError);
+}
+
+TEST_F(JournalTest, GoesOnBehindAWriteThatWasRefused) {
+  Journal journal(path_, GENERATION, Sync::batch);
+  journal.wait(commit_batch(journal, 1));
+  const uint64_t end = journal.end();
+  fail_at_io(2, EFBIG);  // half of it is written
+  const uint64_t refused = commit_batch(journal, 2);
+  journal.wait(refused);
+  EXPECT_THAT(journal.failure(refused), HasSubstr("cannot be written: File too large"));
+  EXPECT_EQ(fs::file_size(path_), end) << "not cut back";
+  journal.restart();
+  const uint64_t taken = commit_batch(journal, 3);
+  journal.wait(taken);
+  EXPECT_EQ(journal.failure(taken), "");
+  EXPECT_NE(journal.failure(refused), "") << "forgotten";
+  journal.close();
+  EXPECT_THAT(read_journal(path_).payloads, testing::ElementsAre(payload_of(1), payload_of(3)));
+}
+
+TEST_F(JournalTest, RoomIsReservedAndGivenBack) {
+  const auto allocated = [this] {
+    struct stat about;
+    EXPECT_EQ(stat(path_.c_str(), &about), 0);
+    return static_cast<uint64_t>(about.st_blocks) * 512;
+  };
+  Journal journal(path_, GENERATION, Sync::batch);
+  static const struct {
+    const char *fault;
+    int error;
+    bool result;
+  } rows[] = {{"file system without reservations counts as full", EOPNOTSUPP, true},
+              {"no second attempt with the least that is needed", ENOSPC, true},
+              {"disk that fails counts as free", EIO, false}};
+  uint64_t wanted = 0;  // more each time than was had
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    std::string why;
+    fail_at_io(1, row.error);
+    EXPECT_EQ(journal.reserve(wanted += 100, &why), row.result);
+    EXPECT_EQ(why.empty(), row.result);
+  }
+  const uint64_t size = fs::file_size(path_);
+  EXPECT_TRUE(journal.reserve(10 << 20));
+  EXPECT_GE(allocated(), 10u << 20);
+  EXPECT_EQ(fs::file_size(path_), size);
+  const uint64_t steps = io_operations();
+  EXPECT_TRUE(journal.reserve(10 << 20));
+  EXPECT_EQ(io_operations(), steps) << "room that is there is not asked for again";
+  journal.close();
+  EXPECT_LE(allocated(), 64u << 10);
+}
+
+// ---- Threads -------------------------------------------------------------------------------------------------------
+
+TEST_F(JournalTest, ThreadsAppendWhileOthersCommitWaitAndRead) {
+  constexpr uint64_t PER_THREAD = 3000;
+  Journal journal(path_, GENERATION, Sync::batch);
+  on_threads(4, [&](int thread) {
+    for (uint64_t i = 0; i < PER_THREAD && thread < 2; ++i)
+      append(journal, small_record(PER_THREAD * static_cast<uint64_t>(thread) + i));
+    for (int i = 0; i < 60 && thread == 2; ++i) {
+      const uint64_t ticket = journal.commit("");
+      if (i % 3 != 0) continue;
+      journal.wait(ticket);
+      EXPECT_GE(journal.settled(), ticket);
+      pollfd event = {journal.event_fd(), POLLIN, 0};
+      EXPECT_EQ(poll(&event, 1, 0), 1);
+      uint64_t count;
+      EXPECT_EQ(read(event.fd, &count, sizeof count), static_cast<ssize_t>(sizeof count));
+    }
+    for (int i = 0; i < 40 && thread == 3; ++i) {
+      const uint64_t settled = journal.settled();
+      const ScanResult seen = scan_journal(path_, {});
+      EXPECT_NE(seen.end, JournalEnd::damaged);
+      EXPECT_GE(seen.n_batches, settled);
+    }
+  });
+  const uint64_t last = journal.commit("last");
+  journal.wait(last);
+  EXPECT_EQ(journal.settled(), last);
+  journal.close();
+  std::vector<std::string> expected[2], found[2];
+  scan_journal(path_, {[&found](const RedoRecord &record) {
+                         found[record.txn_id / PER_THREAD].push_back(text_of_record(record));
+                       },
+                       {}});
+  for (uint64_t i = 0; i < 2 * PER_THREAD; ++i) {
+    Written record = small_record(i);
+    record.record.data_sz = static_cast<uint32_t>(record.bytes.size());
+    expected[i / PER_THREAD].push_back(text_of_record(record.get()));
+  }
+  EXPECT_EQ(found[0], expected[0]);
+  EXPECT_EQ(found[1], expected[1]);
+}
+
+}  // namespace
+}  // namespace metricdb

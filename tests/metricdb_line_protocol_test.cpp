@@ -1,0 +1,202 @@
+// The two readers of line protocol: what lines mean, why they are refused, and that readers written apart agree.
+#include <gtest/gtest.h>
+
+#include <iterator>
+#include <random>
+
+#include "line_protocol.h"
+#include "metricdb_support.h"
+#include "reference_reader.h"
+#include "series_cache.h"
+
+namespace metricdb {
+namespace {
+
+// The points of a line as both readers can tell them: "key=value@time" each, by what they mean for the store.
+std::string points_text(std::string_view text, Precision precision = Precision::ns) {
+  LineParser parser(precision);
+  if (parser.parse(text) != LineParser::Outcome::line) return "";
+  std::string shown;
+  for (const ParsedField &field : parser.line().fields)
+    shown +=
+        fmt::format("{} {}={}@{}|", parser.line().head, field.key, field.value, parser.line().ts_ns.value_or(NOW_NS));
+  return shown;
+}
+
+std::string reference_text(std::string_view text, Precision precision = Precision::ns) {
+  std::string shown;
+  for (const ReferencePoint &point : reference_points(text, static_cast<int64_t>(precision), NOW_NS))
+    shown += fmt::format("{}={}@{}|", point.key, point.value, point.ts_ns);
+  return shown;
+}
+
+TEST(LineProtocol, GoodLines) {
+  static const struct {
+    const char *fault;  // what the row would catch
+    const char *line;
+    const char *points;
+    uint32_t strings_skipped;
+  } rows[] = {
+      {"time or its sign lost", "m f=1 -5", "m f=1@-5|", 0},
+      {"missing time is not now", "m f=1", "m f=1@77|", 0},
+      {"blanks around the parts matter", "  m   f=1   5  ", "m f=1@5|", 0},
+      {"tags keep the line's order", "m,b=1,a=2,c=0 f=1 5", "m,a=2,b=1,c=0 f=1@5|", 0},
+      {"fields lose their order", "m,a=2 z=1,b=2.5 5", "m,a=2 z=1@5|m,a=2 b=2.5@5|", 0},
+      {"escaped bytes end a name", R"(m\,\ x,t\=\,\ k=v\ \,\= f\=\ \,=1 5)", R"(m\,\ x,t\=\,\ k=v\ \,\= f\=\ \,=1@5|)",
+       0},
+      {"equals sign ends a measurement", R"(m=\=,a=2 f=1 5)", R"(m=\=,a=2 f=1@5|)", 0},
+      {"a backslash alone escapes", R"(m\n,a=\\b\,c\x f=1 5)", R"(m\n,a=\\b\,c\x f=1@5|)", 0},
+      {"integers", "m a=1i,b=-9223372036854775808i,c=18446744073709551615u 5",
+       "m a=1@5|m b=-9.223372036854776e+18@5|m c=1.8446744073709552e+19@5|", 0},
+      {"floats", "m a=-.5,b=5.,c=1e3,d=1E-3,e=-0,f=4.9e-324 5",
+       "m a=-0.5@5|m b=5@5|m c=1000@5|m d=0.001@5|m e=-0@5|m f=5e-324@5|", 0},
+      {"one spelling of a boolean is missing", "m a=t,b=T,c=true,d=True,e=TRUE 5",
+       "m a=1@5|m b=1@5|m c=1@5|m d=1@5|m e=1@5|", 0},
+      {"or of the other", "m a=f,b=F,c=false,d=False,e=FALSE 5", "m a=0@5|m b=0@5|m c=0@5|m d=0@5|m e=0@5|", 0},
+      {"a string's bytes end it", R"(m a="x, \"y\"=1 \\",b=2,c="" 5)", "m b=2@5|", 2},
+      {"a line of strings alone is malformed", R"(m a="x" 5)", "", 1},
+      {"names beyond ASCII", "Temperatur,ort=Zürich grad=1 5", "Temperatur,ort=Zürich grad=1@5|", 0},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    LineParser parser(Precision::ns);
+    EXPECT_EQ(parser.parse(row.line), LineParser::Outcome::line) << parser.reason();
+    EXPECT_EQ(parser.line().strings_skipped, row.strings_skipped);
+    EXPECT_EQ(points_text(row.line), row.points);
+    EXPECT_EQ(reference_text(row.line), row.points);
+  }
+  LineParser parser(Precision::ns);
+  for (const char *line : {"", "   ", "# m f=1 5", "  #"})
+    EXPECT_EQ(parser.parse(line), LineParser::Outcome::nothing) << line;
+}
+
+TEST(LineProtocol, MalformedLinesAndTheirReasons) {
+  static const struct {
+    const char *line;
+    const char *reason;
+  } rows[] = {
+      {",a=1 f=1", "no measurement"},
+      {"\tm f=1", "control character in the measurement"},
+      {"m\tf=1", "control character behind \"m\""},
+      {"m,a=x\x7f f=1", "control character behind \"m,a=x\""},
+      {"m, f=1", "a tag has no name"},
+      {"m,=x f=1", "a tag has no name"},
+      {"m,a f=1", "tag \"a\" has no value"},
+      {"m,a= f=1", "tag \"a\" has no value"},
+      {"m,a=x=y f=1", "tag \"a\" has a second equals sign"},
+      {"m,a=x,b=y,a=z f=1", "tag \"a\" is given twice"},
+      {"m", "no fields"},
+      {"m,a=x\\ f=1", "tag \"a\" has a second equals sign"},
+      {"m =1", "a field has no name"},
+      {"m f=1,", "a field has no name"},
+      {"m f", "field \"f\" has no value"},
+      {"m f= 5", "field \"f\" has no value"},
+      {"m g=1,f=,h=1 5", "field \"f\" has no value"},
+      {"m f=\"x 5", "the string of field \"f\" has no closing quote"},
+      {"m f=\"x\\\" 5", "the string of field \"f\" has no closing quote"},
+      {"m f=\"x\"y 5", "text behind the string of field \"f\""},
+      {"m f=1x 5", "field \"f\": \"1x\" is no number, boolean or string"},
+      {"m f=+1 5", "field \"f\": \"+1\" is no number, boolean or string"},
+      {"m f=0x1 5", "field \"f\": \"0x1\" is no number, boolean or string"},
+      {"m f=nan 5", "field \"f\": \"nan\" is no number, boolean or string"},
+      {"m f=-inf 5", "field \"f\": \"-inf\" is no number, boolean or string"},
+      {"m f=1e 5", "field \"f\": \"1e\" is no number, boolean or string"},
+      {"m f=i 5", "field \"f\": \"i\" is no number, boolean or string"},
+      {"m f=1.5i 5", "field \"f\": \"1.5i\" is no number, boolean or string"},
+      {"m f=-1u 5", "field \"f\": \"-1u\" is no number, boolean or string"},
+      {"m f=TrUe 5", "field \"f\": \"TrUe\" is no number, boolean or string"},
+      {"m f=9223372036854775808i 5", "field \"f\": \"9223372036854775808i\" is out of range"},
+      {"m f=1e400 5", "field \"f\": \"1e400\" is out of range"},
+      {"m f=1e-400 5", "field \"f\": \"1e-400\" is out of range"},
+      {"m f=1 5s", "timestamp \"5s\" is no integer"},
+      {"m f=1 9223372036854775808", "timestamp \"9223372036854775808\" is out of range"},
+      {"m f=1 5 6", "text behind the timestamp"},
+      {"m fffffffffffffffffffffffffffffffffffffffffffffffffff",
+       "field \"ffffffffffffffffffffffffffffffffffffffff...\" has no value"},
+      {"m f=\x1b[31m 5", "field \"f\": \"?[31m\" is no number, boolean or string"},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.line);
+    LineParser parser(Precision::ns);
+    EXPECT_EQ(parser.parse(row.line), LineParser::Outcome::malformed);
+    EXPECT_EQ(parser.reason(), row.reason);
+    EXPECT_EQ(reference_text(row.line), "");
+  }
+}
+
+TEST(LineProtocol, PrecisionScalesUpToTheLastNanosecond) {
+  EXPECT_EQ(points_text("m f=1 7", Precision::us), "m f=1@7000|");
+  EXPECT_EQ(points_text("m f=1 -7", Precision::ms), "m f=1@-7000000|");
+  for (const char *line : {"m f=1 9223372036", "m f=1 9223372037", "m f=1 -9223372037"})
+    EXPECT_EQ(points_text(line, Precision::s), reference_text(line, Precision::s)) << line;
+  EXPECT_EQ(points_text("m f=1 9223372036", Precision::s), "m f=1@9223372036000000000|");
+  EXPECT_EQ(points_text("m f=1 9223372037", Precision::s), "");
+}
+
+std::string shown(LineParser &parser, LineParser::Outcome outcome) {
+  if (outcome == LineParser::Outcome::nothing) return "nothing";
+  if (outcome == LineParser::Outcome::malformed) return parser.reason();
+  std::string text = std::string(parser.line().head);
+  for (const ParsedField &field : parser.line().fields) text += fmt::format("|{}={}", field.key, field.value);
+  return text + fmt::format("|{}|{}", parser.line().ts_ns.value_or(-1), parser.line().strings_skipped);
+}
+
+// Lines a few bytes away from others, so that what is expected of a line is nearly true. Read with and without it, they are
+// the same, the fields that are said to be the expected ones are, and the other reader agrees.
+TEST(LineProtocol, WhatIsLikelyChangesNothing) {
+  constexpr uint32_t SEED = 20260104;
+  SCOPED_TRACE(SEED);
+  std::mt19937 random(SEED);
+  constexpr std::string_view BYTES = "ab=,, \\\"#1.i\t";
+  const std::string_view origins[] = {
+      "m,a=1,b=2 f=1i,g=2.5 10", "m,b=2,a=1 f=1,g=\"s\",h=2i 10",  "m f=1,ff=2,f=3",
+      "m,a=\\ b f=1i,f\\,=2 11", R"(m f="q \" \\",h=t,i=-0.25e2)", R"(m\,1,c=2,a=\=,b=3 f\ 1=7u 12)"};
+  SeriesCache cache;
+  LineParser plain, helped;
+  uint64_t n_likely = 0;
+  for (uint32_t i = 0; i < 50'000; ++i) {
+    std::string line(origins[random() % std::size(origins)]);
+    for (uint32_t n = random() % 4; n > 0; --n) {
+      const size_t at = random() % line.size();
+      const std::string byte(1, BYTES[random() % BYTES.size()]);
+      random() % 2 == 0 ? line.replace(at, 1, byte) : line.insert(at, byte);
+    }
+    const LikelyLine likely = cache.likely(line);
+    const LineParser::Outcome outcome = helped.parse(line, likely);
+    ASSERT_EQ(shown(helped, outcome), shown(plain, plain.parse(line))) << line;
+    ASSERT_EQ(points_text(line), reference_text(line)) << line;
+    if (outcome != LineParser::Outcome::line) continue;
+    std::vector<SeriesCache::Field> fields;
+    for (const ParsedField &field : helped.line().fields) fields.push_back({field.key, i});
+    ASSERT_LE(helped.line().n_likely, likely.fields.size());
+    for (size_t f = 0; f < helped.line().n_likely; ++f) ASSERT_EQ(fields[f].name, likely.fields[f].name) << line;
+    n_likely += helped.line().n_likely;
+    if (random() % 4 == 0) cache.keep(helped.line().head, fields);
+  }
+  EXPECT_GT(n_likely, 5'000u);
+}
+
+// Names are looked through by 16 bytes at once, and numbers by two ways: special bytes at each place, and digits around
+// each limit, mean to both readers the same.
+TEST(LineProtocol, EveryPlaceOfASpecialByteAndEveryLengthOfANumber) {
+  std::vector<std::string> lines;
+  for (size_t length = 1; length < 40; ++length)
+    for (size_t at = 0; at < length; ++at)
+      for (const std::string_view special :
+           {"\\,", "\\ ", "\\=", "=", ",", " ", "\\", "\t", "\x7f", "\x80", "!", "<", "~"}) {
+        std::string name(length, 'n');
+        name.replace(at, 1, special);
+        for (const char *form : {"{}=1 5", "m,{}=t f=1 5", "m,t={} f=1 5", "{} f=1 5", "m {}=1 5"})
+          lines.push_back(fmt::format(fmt::runtime(form), name));
+      }
+  for (size_t n_digits = 1; n_digits < 22; ++n_digits)
+    for (const char digit : {'0', '1', '9'})
+      for (const char *form :
+           {"{}i", "-{}i", "{}u", "{}", "-{}", "{}.", ".{}", "{}.5", "-{}e-3", "+{}", "--{}i", "{}i1", "{}ii"})
+        for (const char *behind : {" 5", ",g=2 5", "", "x"})
+          lines.push_back("m f=" + fmt::format(fmt::runtime(form), std::string(n_digits, digit)) + behind);
+  for (const std::string &line : lines) EXPECT_EQ(points_text(line), reference_text(line)) << line;
+}
+
+}  // namespace
+}  // namespace metricdb

@@ -1,0 +1,181 @@
+// The program over databases: what it prints, what it refuses and leaves alone, and what it logs.
+#include <gmock/gmock.h>
+
+#include <algorithm>
+
+#include "metricdb_support.h"
+
+namespace metricdb {
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+class Program : public Folder {
+ protected:
+  void SetUp() override {
+    Folder::SetUp();
+    std::string first, second;
+    for (int i = 0; i < 500; ++i) {
+      first += fmt::format("cpu,host=a user={},idle={} {}\nload one={} {}\n", i, 1000 - i, i, i * 0.5, i);
+      second += fmt::format("cpu,host=a user={} {}\ncpu,host=b user={} {}\n", i, 500 + i, i, 500 + i);
+    }
+    write_file(root_ / "first.lp", first);
+    write_file(root_ / "second.lp", second);
+  }
+
+  void expect_good(const std::string &arguments, const std::string &in_output = "") const {
+    const Outcome outcome = run(arguments);
+    EXPECT_EQ(outcome.exit_code, 0) << arguments << "\n" << outcome.out << outcome.err;
+    EXPECT_EQ(outcome.err, "") << arguments;
+    EXPECT_THAT(outcome.out, HasSubstr(in_output));
+  }
+
+  void expect_refused(const std::string &arguments, const std::string &line) const {
+    const auto before = tree_of(root_);
+    const Outcome outcome = run(arguments);
+    EXPECT_EQ(outcome.exit_code, 1) << arguments << "\n" << outcome.out;
+    EXPECT_EQ(outcome.err, "metricdb: " + line + "\n");
+    EXPECT_TRUE(tree_of(root_) == before) << arguments << ": the folder was changed";
+  }
+};
+
+TEST_F(Program, LoadsKeepsAndShowsFromAnotherProcess) {
+  for (const std::string store : {"snapshot", "shm"}) {
+    SCOPED_TRACE(store);
+    const std::string db = "db_" + store;
+    expect_good(fmt::format("load --db {} --store {} first.lp --check", db, store), "check: 1500 points match\n");
+    expect_good("stat --db " + db, fmt::format("database         {}: generation 1, store {}, ", db, store));
+    expect_good("stat --db " + db,
+                "series           3, 0 inactive\nvisible points   1500, and 0 hidden beside them\n"
+                "oldest           0 (1970-01-01 00:00:00.000000000 UTC)\n"
+                "newest           499 (1970-01-01 00:00:00.000000499 UTC)\n");
+    expect_good("series --db " + db + " 'cpu*user'", "cpu,host=a user    500    0  499  249.5   499  ▁");
+    expect_good("series --db " + db, "load one ");
+    expect_good(fmt::format("check --db {} first.lp", db), "check: 1500 points match\n");
+    expect_good(fmt::format("load --db {} second.lp", db), ": generation 2, store snapshot, ");
+    expect_good(fmt::format("check --db {} first.lp second.lp", db), "check: 2500 points match\n");
+    expect_good(fmt::format("snapshot --db {}", db), ": generation 3, store snapshot, ");
+    expect_good(fmt::format("check --db {} first.lp second.lp", db), "check: 2500 points match\n");
+    const Outcome wrong = run(fmt::format("check --db {} second.lp", db));
+    EXPECT_EQ(wrong.exit_code, 1);
+    EXPECT_THAT(wrong.out, HasSubstr("differences"));
+  }
+  expect_good("load --db straight first.lp second.lp");
+  const std::string shown = run("series --db straight").out;
+  EXPECT_EQ(run("series --db db_snapshot").out, shown);
+  EXPECT_EQ(run("series --db db_shm").out, shown);
+}
+
+TEST_F(Program, RetentionIsKeptWithTheDatabase) {
+  write_file(root_ / "old.lp", "cpu,host=a user=1 100\n");
+  expect_good("load --db db --retain 1 --precision ms first.lp --check", "check: 1500 points match\n");
+  write_file(root_ / "later.lp", "cpu,host=a user=7 1300\n");
+  expect_good("load --db db --precision ms later.lp", "visible points   601, and ");
+  expect_good("check --db db --precision ms first.lp later.lp", "check: 601 points match\n");
+  expect_good("load --db db --precision ms old.lp", "1 that came too late");
+  expect_good("stat --db db", "visible points   601, and ");
+  expect_good("check --db db --precision ms first.lp later.lp old.lp", "check: 601 points match\n");
+  write_file(root_ / "far.lp", "other f=1 9000\n");
+  expect_good("load --db db --precision ms far.lp", "3 series aged");
+  expect_good("stat --db db", "series           1, 0 inactive\nvisible points   1, and 0 hidden");
+  expect_good("load --db db --precision ms --retain 100000 old.lp");
+  expect_good("stat --db db", "series           2, 0 inactive\nvisible points   2, and 0 hidden");
+}
+
+TEST_F(Program, RefusesInOneLineAndChangesNothing) {
+  expect_good("load --db db first.lp");
+  expect_good("load --db reusing --idle 1 --reuse-inactive-pct 5 first.lp");
+  write_file(root_ / "plain", "");
+  static const struct {
+    const char *arguments, *line;
+  } rows[] = {
+      {"load --db db --store shm first.lp",
+       "db: holds a database already, and --store shm cannot attach to stored arrays: it needs a new folder"},
+      {"load --db db --check first.lp",
+       "db: holds points of other inputs: check it with `metricdb check` and all of them"},
+      {"load --store shm first.lp", "--store says how --db keeps the arrays: give both"},
+      {"load --db db none.lp", "none.lp: cannot be read: No such file or directory"},
+      {"load --db new none.lp", "none.lp: cannot be read: No such file or directory"},
+      {"load --db new --store shm none.lp", "none.lp: cannot be read: No such file or directory"},
+      {"load --db no/such/folder first.lp", "no/such/folder: cannot be made: No such file or directory"},
+      {"load --db plain first.lp", "plain: cannot be opened: Not a directory"},
+      {"stat --db plain", "plain: cannot be opened: Not a directory"},
+      {"stat --db none", "none: cannot be opened: No such file or directory"},
+      {"series --db none", "none: cannot be opened: No such file or directory"},
+      {"snapshot --db none", "none: cannot be opened: No such file or directory"},
+      {"check --db none first.lp", "none: cannot be opened: No such file or directory"},
+      {"stat --db .", ".: holds no database"},
+      {"snapshot --db .", ".: holds no database"},
+      {"check --db reusing first.lp",
+       "check cannot tell which series --reuse-inactive-pct gives away: use one of them"},
+      {"load --db db --reuse-inactive-pct 5 first.lp",
+       "--reuse-inactive-pct needs --idle: without it no series is inactive"},
+  };
+  for (const auto &row : rows) expect_refused(row.arguments, row.line);
+
+  fs::resize_file(root_ / "db/generation.1/points.stream", 99);
+  const std::string told = "db/generation.1/points.stream: 99 bytes long, the manifest says ";
+  for (const std::string arguments : {"stat --db db", "series --db db", "snapshot --db db", "load --db db second.lp"}) {
+    const auto before = tree_of(root_);
+    const Outcome outcome = run(arguments);
+    EXPECT_EQ(outcome.exit_code, 1) << arguments;
+    EXPECT_THAT(outcome.err, StartsWith("metricdb: " + told)) << arguments;
+    EXPECT_EQ(std::count(outcome.err.begin(), outcome.err.end(), '\n'), 1) << outcome.err;
+    EXPECT_TRUE(tree_of(root_) == before) << arguments;
+  }
+}
+
+TEST_F(Program, MalformedLinesDoNotKeepTheRestOut) {
+  write_file(root_ / "bad.lp", "m f=1 1\nm f= 2\n");
+  const Outcome outcome = run("load --db db bad.lp");
+  EXPECT_EQ(outcome.exit_code, 2);
+  EXPECT_THAT(outcome.out, HasSubstr("generation 1"));
+  expect_good("stat --db db", "visible points   1, ");
+}
+
+TEST_F(Program, LogsItsProgress) {
+  write_file(root_ / "bad.lp", "m f=1 1\nm f= 2\n");
+  const auto log_of = [this](const std::string &arguments) {
+    run("--log log " + arguments);
+    std::string text;
+    int n_files = 0;
+    for (const std::string &name : names_in(root_))
+      if (name.starts_with("log.")) {
+        EXPECT_TRUE(name.ends_with(".0")) << name;
+        text += read_file(root_ / name);
+        fs::remove(root_ / name);
+        ++n_files;
+      }
+    EXPECT_LE(n_files, 1);
+    return text;
+  };
+  static const struct {
+    const char *arguments;
+    std::vector<const char *> there, not_there;
+  } rows[] = {
+      {"load --db db first.lp bad.lp",
+       {"|metricdb|start: load\n", "|metricdb|first.lp: 1000 lines, 1500 points, 0 malformed lines, ",
+        "|metricdb|bad.lp: 2 lines, 1 points, 1 malformed lines, ",
+        "|metricdb|db: generation 1 written, store snapshot, "},
+       {"|sweep: ", "line skipped", "refused"}},
+      {"load --db db first.lp bad.lp --log-level 3",
+       {"|metricdb|start: load\n", "|metricdb|sweep: 4 series, ",
+        "|metricdb|bad.lp:2: ", "|metricdb|db/generation.1: opened, 4 series, 1501 points\n",
+        "|metricdb|db/generation.1: points, 1 slots in 1 files, ", "generation 2 written"},
+       {"refused"}},
+      {"stat --db none --log-level 1",
+       {"|metricdb|refused: none: cannot be opened: No such file or directory\n"},
+       {"start"}},
+      {"stat --db db --log-level 1", {}, {"|"}},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.arguments);
+    const std::string log = log_of(row.arguments);
+    for (const char *line : row.there) EXPECT_THAT(log, HasSubstr(line));
+    for (const char *line : row.not_there) EXPECT_EQ(log.find(line), std::string::npos) << log;
+  }
+}
+
+}  // namespace
+}  // namespace metricdb

@@ -1,0 +1,100 @@
+// What tests of the journal share: batches that tell their number, and what a scan finds.
+#ifndef JOURNAL_SUPPORT_H
+#define JOURNAL_SUPPORT_H
+
+#include <string>
+#include <vector>
+
+#include "io_faults.h"
+#include "journal.h"
+#include "journal_reader.h"
+#include "metricdb_support.h"
+
+namespace metricdb {
+
+constexpr uint64_t GENERATION = 7;
+
+class JournalTest : public Folder {
+ protected:
+  void SetUp() override {
+    Folder::SetUp();
+    path_ = path("journal");
+  }
+  void TearDown() override {
+    fail_at_io(0, 0);
+    Folder::TearDown();
+  }
+
+  std::string path_;
+};
+
+// Owns what a record points to.
+struct Written {
+  std::string name, bytes;
+  RedoRecord record;
+
+  RedoRecord get() const {
+    RedoRecord whole = record;
+    whole.ctx_name = name;
+    if (whole.data_ptr != nullptr) whole.data_ptr = bytes.data();
+    return whole;
+  }
+};
+
+inline std::string text_of_record(const RedoRecord &record) {
+  const std::string_view bytes(static_cast<const char *>(record.data_ptr),
+                               record.data_ptr != nullptr ? record.data_sz : 0);
+  return fmt::format("{} {} \"{}\" {} {} {} {} {} {}", record.txn_id, static_cast<int>(record.rec_type),
+                     record.ctx_name, record.tbl_id, record.data_off, record.aux_idx, record.data_ptr != nullptr,
+                     record.data_sz, bytes);
+}
+
+inline Written small_record(uint64_t number) {
+  return {"metricdb", fmt::format("record {}", number), {number, 5, {}, 1, 84 + number, ~0u, "", 0}};
+}
+
+inline void append(Journal &journal, Written written) {
+  if (written.record.data_ptr != nullptr && written.record.data_sz == 0)
+    written.record.data_sz = static_cast<uint32_t>(written.bytes.size());
+  journal.append(written.get());
+}
+
+// Batch `number` has that many records, and says so.
+inline std::string payload_of(uint64_t number) {
+  return fmt::format("state {}", number);
+}
+inline uint64_t commit_batch(Journal &journal, uint64_t number) {
+  for (uint64_t i = 0; i < number; ++i) append(journal, small_record(100 * number + i));
+  return journal.commit(payload_of(number));
+}
+
+struct Read {
+  ScanResult result;
+  std::string error;                 // of JournalDamaged
+  std::vector<std::string> records;  // of all batches
+  std::vector<std::string> payloads;
+  std::vector<uint64_t> ends;
+};
+
+inline Read read_journal(const std::string &path, bool salvage = false) {
+  Read read;
+  const JournalVisitor visitor = {[&read](const RedoRecord &record) { read.records.push_back(text_of_record(record)); },
+                                  [&read](std::string_view payload, uint64_t position) {
+                                    read.payloads.emplace_back(payload);
+                                    read.ends.push_back(position);
+                                  }};
+  try {
+    read.result = scan_journal(path, visitor, salvage);
+    EXPECT_EQ(read.result.n_batches, read.payloads.size());
+    EXPECT_EQ(read.result.n_records, read.records.size());
+    EXPECT_EQ(read.result.place.position + read.result.bytes_cut, fs::file_size(path));
+    EXPECT_EQ(read.result.what.empty(), read.result.end == JournalEnd::clean);
+  } catch (const JournalDamaged &damage) {
+    read.error = damage.what();
+  }
+  return read;
+}
+
+}  // namespace metricdb
+
+#endif
