@@ -179,6 +179,21 @@ TEST_F(Inspect, RecordsById) {
   EXPECT_EQ(none.err, "tslb-inspect: in: no record 20 among 20\n");
 }
 
+TEST_F(Inspect, UserHeadersAsText) {
+  std::string pool = stream_of(chunk_pool().get());
+  write_at(pool.data(), sizeof(DynHdr_t) + offsetof(DynMemHdr_t, total_mavail), int64_t{-3864});
+  write("pool", pool);
+  const array_t array(get_default_dyn_array_ex(2000, 4, 1, MPOOL_TYPE_DRAM, 1, nullptr, 0));
+  write("array", stream_of(array.get()));
+  static const struct {
+    const char *fault, *file, *text;
+  } rows[] = {
+      {"less than nothing shown as much", "pool", "  (-3864, below zero)\n"},
+      {"a screen full of what nobody can read", "array", "\n    and 976 more bytes; --json has them all\n"},
+  };
+  for (const auto &row : rows) EXPECT_NE(run(row.file).out.find(row.text), std::string::npos) << row.fault;
+}
+
 // ---- Contradictions ------------------------------------------------------------------------------------------------
 
 struct contradiction_t {
