@@ -5,6 +5,7 @@
 #include <stdlib.h>
 
 #include "array_support.h"
+#include "tslb_dlog.h"
 #include "tslb_util.h"
 
 static time_t system_now;  // 0: the real one
@@ -126,6 +127,9 @@ TEST_F(Clock, SignalMaskIsGivenBackExactly) {
   }
   sigemptyset(&mine);
   sigprocmask(SIG_SETMASK, &mine, nullptr);
+  tslb_dl_init_internal("stdout", 0, 0);
+  stdout_of([] { tslb_dl_logging(0, "f", "g", 1, "x"); });
+  EXPECT_EQ(sigismember(&mask_at_conversion, SIGUSR2), 1) << "a line of the log is stamped with signals let in";
 }
 
 TEST_F(Clock, InstantAsText) {

@@ -3,22 +3,17 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <netinet/in.h>
-#include <stdlib.h>
 #include <sys/epoll.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
-#include <thread>
 
 #include "array_support.h"
+#include "system_support.h"
+#include "threads.h"
 #include "tslb_util_common.h"
-
-namespace fs = std::filesystem;
 
 TEST(Partitions, TypesAndFrequencies) {
   const int frequencies[] = {1, 10, 60, 600, 3600, 14400, 86400};
@@ -59,17 +54,14 @@ TEST(Tokens, FieldsOfALine) {
 }
 
 TEST(Tokens, ManyThreadsAtOnce) {
-  std::vector<std::thread> threads;
-  for (int self = 0; self < 3; ++self)
-    threads.emplace_back([self] {
-      for (int round = 0; round < 5000; ++round) {
-        char line[64], *fields[8];
-        snprintf(line, sizeof(line), "%d,%d,%d,%d", self, self, self, self);
-        ASSERT_EQ(get_tokens(line, fields, ",", 8), 4);
-        for (int i = 0; i < 4; ++i) ASSERT_EQ(atoi(fields[i]), self);
-      }
-    });
-  for (auto &thread : threads) thread.join();
+  on_threads(3, [](int self) {
+    for (int round = 0; round < 1000; ++round) {
+      char line[64], *fields[8];
+      snprintf(line, sizeof(line), "%d,%d,%d,%d", self, self, self, self);
+      ASSERT_EQ(get_tokens(line, fields, ",", 8), 4);
+      for (int i = 0; i < 4; ++i) ASSERT_EQ(atoi(fields[i]), self);
+    }
+  });
 }
 
 TEST(ErrorText, IsTheThreadsOwn) {
@@ -85,15 +77,7 @@ TEST(ErrorText, IsTheThreadsOwn) {
 
 // ---- Directories ---------------------------------------------------------------------------------------------------
 
-class Directories : public testing::Test {
- protected:
-  void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "tslb_mkdir_XXXXXX").string();
-    dir_ = mkdtemp(pattern.data());
-  }
-  void TearDown() override { fs::remove_all(dir_); }
-  fs::path dir_;
-};
+using Directories = InFolder;
 
 TEST_F(Directories, ChainsUpToTheLastSlash) {
   EXPECT_EQ(mkdir_ex((dir_ / "a/b/c").c_str()), 1);
@@ -188,12 +172,6 @@ TEST(Addresses, AsText) {
             tslb_sockaddr_to_ip(reinterpret_cast<struct sockaddr *>(&v4), 0));
 }
 
-static size_t open_descriptors() {
-  size_t n = 0;
-  for ([[maybe_unused]] const auto &entry : fs::directory_iterator("/proc/self/fd")) ++n;
-  return n;
-}
-
 TEST(Sockets, ListeningAndItsFailures) {
   const size_t before = open_descriptors();
   char err_msg[512] = "";
@@ -212,28 +190,31 @@ TEST(Sockets, ListeningAndItsFailures) {
   EXPECT_EQ(std::string(tslb_get_src_addr_ex(on_all, 1)), "0.0.0.0:" + std::to_string(all_port));
   close(on_all);
   const std::string port_text = std::to_string(port);
-  EXPECT_EQ(tslb_tcp_listen(&port, 5, "127.0.0.1", err_msg), -2);
-  EXPECT_EQ(std::string(err_msg), "Error in binding for listen socket (IP = 127.0.0.1, Port = " + port_text +
-                                      "). IP Address and port is in use");
-  EXPECT_EQ(tslb_tcp_listen(&port, 5, nullptr, err_msg), -2);
-  EXPECT_EQ(std::string(err_msg),
-            "Error in binding for listen socket (Port = " + port_text + "). IP Address and port is in use");
+  const std::string taken = "Port = " + port_text + "). IP Address and port is in use";
+  const struct {
+    const char *address;
+    int port, result;
+    std::string text;
+  } failures[] = {
+      {"127.0.0.1", port, -2, "Error in binding for listen socket (IP = 127.0.0.1, " + taken},
+      {nullptr, port, -2, "Error in binding for listen socket (" + taken},
+      {"192.0.2.1", 0, -2,
+       "Error in binding for listen socket (IP = 192.0.2.1, Port = 0). Error = Cannot assign requested address"},
+      {"300.1.2.3", 0, -3, "Error: Invalid IP address (300.1.2.3) given in tcp_listen_ex()."},
+  };
   int any = 0;
-  EXPECT_EQ(tslb_tcp_listen(&any, 5, "192.0.2.1", err_msg), -2);
-  EXPECT_STREQ(
-      err_msg,
-      "Error in binding for listen socket (IP = 192.0.2.1, Port = 0). Error = Cannot assign requested address");
-  EXPECT_EQ(tslb_tcp_listen(&any, 5, "300.1.2.3", err_msg), -3);
-  EXPECT_STREQ(err_msg, "Error: Invalid IP address (300.1.2.3) given in tcp_listen_ex().");
+  for (const auto &failure : failures) {
+    any = failure.port;
+    EXPECT_EQ(tslb_tcp_listen(&any, 5, failure.address, err_msg), failure.result);
+    EXPECT_EQ(err_msg, failure.text);
+  }
+  any = 0;
   EXPECT_EQ(open_descriptors(), before + 1) << "a failure left its socket open";
 
-  rlimit limit;
-  getrlimit(RLIMIT_NOFILE, &limit);
-  const rlimit none = {0, limit.rlim_max};
-  setrlimit(RLIMIT_NOFILE, &none);
-  const int refused = tslb_tcp_listen(&any, 5, nullptr, err_msg);
-  setrlimit(RLIMIT_NOFILE, &limit);
-  EXPECT_EQ(refused, -1);
+  {
+    const limit_t limit(RLIMIT_NOFILE, 0);
+    EXPECT_EQ(tslb_tcp_listen(&any, 5, nullptr, err_msg), -1);
+  }
   EXPECT_STREQ(err_msg, "Error in creating socket. Error: Too many open files\n");
 
   // Both ends of a connection.
@@ -313,7 +294,9 @@ TEST(Sockets, PortThatTheCallerChose) {
   for (const int fd : {first, second}) close(fd);
 }
 
-TEST(Sockets, EndsOfWhatIsNoneAndOfLocalOnes) {
+using LocalSockets = InFolder;
+
+TEST_F(LocalSockets, EndsOfWhatIsNoneAndOfLocalOnes) {
   int pipe_ends[2];
   ASSERT_EQ(pipe(pipe_ends), 0);
   EXPECT_STREQ(tslb_get_src_addr_ex(pipe_ends[0], 1), "Unknown or Not Connected");
@@ -322,11 +305,9 @@ TEST(Sockets, EndsOfWhatIsNoneAndOfLocalOnes) {
   close(pipe_ends[1]);
 
   // A peer's path that is longer than the 28 bytes which are asked for ends with them.
-  std::string pattern = (fs::temp_directory_path() / "tslb_socket_XXXXXX").string();
-  const fs::path dir = mkdtemp(pattern.data());
   struct sockaddr_un address = {};
   address.sun_family = AF_UNIX;
-  snprintf(address.sun_path, sizeof(address.sun_path), "%s/a_rather_long_name_of_a_socket", dir.c_str());
+  snprintf(address.sun_path, sizeof(address.sun_path), "%s/a_rather_long_name_of_a_socket", dir_.c_str());
   const int listening = socket(AF_UNIX, SOCK_STREAM, 0), client = socket(AF_UNIX, SOCK_STREAM, 0);
   ASSERT_EQ(bind(listening, reinterpret_cast<struct sockaddr *>(&address), sizeof(address)), 0);
   ASSERT_EQ(listen(listening, 1), 0);
@@ -336,7 +317,6 @@ TEST(Sockets, EndsOfWhatIsNoneAndOfLocalOnes) {
   EXPECT_STREQ(tslb_get_src_addr_ex(client, 1), "") << "an end without a path";
   close(listening);
   close(client);
-  fs::remove_all(dir);
 }
 
 TEST(Epoll, SetsAndTheirFailures) {

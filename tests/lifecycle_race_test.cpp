@@ -1,44 +1,19 @@
 // Threads that take and give back: slots of one list array with a reuse policy, and chunks of one pool with sweeps in
 // between. A table of owners finds a slot that two threads were given at the moment it happens; at rest everything is
-// counted. Where an outcome must be forced, a rival's work is put ahead of the lock: this program defines the atomics.
+// counted. Where an outcome must be forced, a rival's work is put ahead of the lock.
 #include <atomic>
-#include <functional>
 #include <random>
-#include <thread>
-#include <utility>
 
+#include "forced.h"
 #include "list_audit.h"
+#include "pool_support.h"
 #include "threads.h"
 #include "tslb_settings.h"
 #include "tslb_util.h"
 
-struct rival_t {
-  const uint16_t *lock = nullptr;
-  std::function<void()> work;
-};
-static rival_t rival;  // met once, by whoever is about to take that lock
-
-extern "C" int32_t cas16(uint16_t *word, uint16_t expected, uint16_t desired) {
-  if (rival.lock == word && desired != 0) {
-    rival.lock = nullptr;
-    std::exchange(rival.work, {})();
-  }
-  return __atomic_compare_exchange_n(word, &expected, desired, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
-}
-extern "C" int32_t cas64(uint64_t *word, uint64_t expected, uint64_t desired) {
-  return __atomic_compare_exchange_n(word, &expected, desired, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
-}
-// Gives the processor away now and then: here a thread can be between a reservation and its counter.
-extern "C" uint32_t get_and_inc32(uint32_t *word, uint32_t amount) {
-  static thread_local uint32_t turns;
-  if (++turns % 16 == 0) std::this_thread::yield();
-  return __atomic_fetch_add(word, amount, __ATOMIC_SEQ_CST);
-}
-extern "C" uint64_t get_and_inc64(uint64_t *word, uint64_t amount) {
-  return __atomic_fetch_add(word, amount, __ATOMIC_SEQ_CST);
-}
-
 constexpr int kThreads = 4;
+
+[[maybe_unused]] static const bool kThreadsChange = additions_yield = true;
 
 // ---- One index, two threads -------------------------------------------------------------------------------------------
 
@@ -69,30 +44,13 @@ TEST(OneIndex, DecisionIsConfirmedUnderTheLock) {
     tslb_da_free_idx(array.get(), 1);
     tslb_da_inactivate_idx(array.get(), 0, 1);
     if (row.parked) park_it(array.get());
-    rival = {&array->spinlock, [&] { EXPECT_EQ(row.rivals(array.get()), 0); }};
+    before_lock.arm(&array->spinlock, [&] { EXPECT_EQ(row.rivals(array.get()), 0); });
     stderr_of([&] { EXPECT_EQ(row.ours(array.get()), row.result); });
-    ASSERT_EQ(rival.lock, nullptr) << "the lock was not taken";
+    ASSERT_EQ(before_lock.word, nullptr) << "the lock was not taken";
     const lists_t lists = audit_lists(array.get());
     EXPECT_EQ(lists.free, row.free);
     EXPECT_EQ(lists.inactive, row.inactive);
   }
-}
-
-TEST(OneIndex, FreedByTwoThreadsAtOnceGoesOnTheListOnce) {
-  constexpr uint32_t kRounds = 1500;
-  const array_t array(tslb_da_init_ll(16, 8, MPOOL_TYPE_DRAM_TMP, nullptr, 0, TSLB_DA_DAFLAG_LL));
-  tslb_da_get_range(array.get(), kRounds);
-  std::vector<std::atomic<int>> arrived(kRounds), freed(kRounds);
-  on_threads(2, [&](int) {
-    for (uint32_t idx = 0; idx < kRounds; ++idx) {
-      arrived[idx].fetch_add(1);
-      for (int spins = 1; arrived[idx].load() < 2; ++spins)
-        if (spins % 1000 == 0) std::this_thread::yield();  // the other thread may wait for this processor
-      freed[idx].fetch_add(tslb_da_free_idx(array.get(), idx) == 0 ? 1 : 0);
-    }
-  });
-  for (uint32_t idx = 0; idx < kRounds; ++idx) ASSERT_EQ(freed[idx].load(), 1) << idx;
-  EXPECT_EQ(audit_lists(array.get()).free.size(), kRounds);
 }
 
 // ---- Slots ------------------------------------------------------------------------------------------------------------
@@ -177,7 +135,7 @@ class slot_user_t {
 };
 
 TEST(Slots, TakenFreedParkedAndReusedSideBySide) {
-  constexpr int kSteps = 20000;
+  constexpr int kSteps = 12000;
   const array_t array(
       tslb_da_init_ll(slot_user_t::kRecordSize, 8, MPOOL_TYPE_DRAM_TMP, nullptr, 0, TSLB_DA_DAFLAG_INLL));
   tsdb_mem_pressure_config_t policy = {};
@@ -215,13 +173,6 @@ TEST(Slots, TakenFreedParkedAndReusedSideBySide) {
 }
 
 // ---- Chunks -----------------------------------------------------------------------------------------------------------
-
-static MemSlot_t &slot_at(DynArrHandle_t *pool, uint32_t idx) {
-  return *static_cast<MemSlot_t *>(tslb_da_get_ptr(pool, idx));
-}
-static uint32_t current_slot(DynArrHandle_t *pool) {
-  return static_cast<uint32_t>(static_cast<const DynMemHdr_t *>(get_user_hdr(pool))->cur_slot_addr);
-}
 
 // The chunks of a slot, header by header, come to what its counters say.
 static void expect_counted(MemSlot_t &slot) {
@@ -293,8 +244,8 @@ class chunk_user_t {
 };
 
 TEST(Chunks, TakenDeletedAndSweptSideBySide) {
-  constexpr int kSteps = 12000;
-  const array_t pool(tslb_init_dynmem(2048, 4, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM_TMP, 0, nullptr, 0, 1));
+  constexpr int kSteps = 8000;
+  const array_t pool = pool_of({}, 4, 2048);
   std::vector<chunk_user_t> users;
   for (int self = 0; self < kThreads; ++self) users.emplace_back(pool.get(), self);
   on_threads(kThreads, [&](int self) {
@@ -305,11 +256,11 @@ TEST(Chunks, TakenDeletedAndSweptSideBySide) {
   for (chunk_user_t &user : users) live += user.check_all();
   tslb_dynmem_update_free_list(pool.get(), &total, &used, &deleted);
   EXPECT_EQ(used - deleted, live) << "a live chunk lies in a slot that was given back, or was counted wrong";
-  const uint32_t n_slots = tslb_da_get_size(pool.get()), current = current_slot(pool.get());
+  const uint32_t n_slots = tslb_da_get_size(pool.get()), current = cursor_slot(pool);
   EXPECT_EQ(status_at(pool.get(), current), TSLB_DA_SLOT_ACTIVE);
   for (uint32_t idx = 0; idx < n_slots; ++idx) {
     if (status_at(pool.get(), idx) != TSLB_DA_SLOT_ACTIVE) continue;
-    MemSlot_t &slot = slot_at(pool.get(), idx);
+    MemSlot_t &slot = slot_at(pool, idx);
     expect_counted(slot);
     EXPECT_TRUE(idx == current || slot.bytes_del != slot.bytes_used) << "emptied slot " << idx << " outlived a sweep";
   }
@@ -317,28 +268,25 @@ TEST(Chunks, TakenDeletedAndSweptSideBySide) {
   for (chunk_user_t &user : users) user.delete_all();
   tslb_dynmem_update_free_list(pool.get(), &total, &used, &deleted);
   EXPECT_EQ(used, deleted);
-  EXPECT_EQ(used, slot_at(pool.get(), current).bytes_used);
+  EXPECT_EQ(used, slot_at(pool, current).bytes_used);
   EXPECT_EQ(audit_lists(pool.get()).free.size(), n_slots - 1);
 }
 
 // All deletions meet in one counter: one addition lost, and the slot would never come back.
 TEST(Chunks, EmptiedByManyAtOnceASlotComesBackOnce) {
-  constexpr int kChunks = 12000, kRounds = 8;
-  const array_t pool(tslb_init_dynmem(kChunks * 17, 2, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM_TMP, 0, nullptr, 0, 1));
+  constexpr int kChunks = 12000, kRounds = 4;
+  const array_t pool = pool_of({}, 2, kChunks * 17);
   for (uint32_t round = 0; round < kRounds; ++round) {
-    std::vector<maddr_t> chunks(kChunks);
-    for (maddr_t &address : chunks) tslb_dynmem_get_mchunk(pool.get(), &address, 1, {});
+    const auto chunks = take_several(pool, kChunks, 17);
     const uint32_t filled = chunks[0].mslot_idx;
     ASSERT_EQ(chunks.back().mslot_idx, filled);
-    maddr_t next;
-    tslb_dynmem_get_mchunk(pool.get(), &next, kChunks * 17 - 16, {});
+    const maddr_t next = take(pool, kChunks * 17);
     on_threads(kThreads, [&](int self) {
-      for (size_t i = static_cast<size_t>(self); i < kChunks; i += kThreads)
-        tslb_dynmem_del_mchunk(pool.get(), chunks[i]);
+      for (size_t i = static_cast<size_t>(self); i < kChunks; i += kThreads) del(pool, chunks[i]);
     });
-    ASSERT_EQ(slot_at(pool.get(), filled).bytes_del, kChunks * 17u);
+    ASSERT_EQ(slot_at(pool, filled).bytes_del, kChunks * 17u);
     ASSERT_EQ(audit_lists(pool.get()).free, indices_t{filled});
-    tslb_dynmem_del_mchunk(pool.get(), next);  // current still; the next round takes the slot that came back
+    del(pool, next);  // current still; the next round takes the slot that came back
     ASSERT_EQ(status_at(pool.get(), next.mslot_idx), TSLB_DA_SLOT_ACTIVE);
   }
 }

@@ -188,7 +188,7 @@ class history_t {
   }
 
   void take_telling() {
-    lib_config.tslb_mvt_reuse_enabled = static_cast<char>(below(4) != 0);
+    lib_config.tslb_mvt_reuse_enabled = static_cast<char>(below(4));
     const std::vector<std::string> payloads = free_and_idle_heads();
     const model_t::taken_t want = model_.take(lib_config.tslb_mvt_reuse_enabled != 0);
     uint32_t idx, last_ts;
@@ -292,7 +292,7 @@ class history_t {
 };
 
 TEST(Histories, ListsResultsAndLogAgreeWithTheModel) {
-  constexpr int kSteps = 5000;
+  constexpr int kSteps = 3000;
   for (const uint8_t daflag : std::initializer_list<uint8_t>{1, 2, 3}) {
     for (const int n_direct : {0, 4, 300}) {
       for (const bool reuse : {false, true}) {
@@ -313,7 +313,7 @@ TEST(Histories, ListsResultsAndLogAgreeWithTheModel) {
         EXPECT_EQ(std::count(warnings.begin(), warnings.end(), '\n'), history.n_refused_aloud());
         // A history that never came by what it is for would agree with anything.
         EXPECT_GT(history.n_from_free(), 500u);
-        EXPECT_EQ(history.n_reused() > 100, reuse);
+        EXPECT_EQ(history.n_reused() > 40, reuse);
       }
     }
   }

@@ -8,33 +8,35 @@ static bool mentions(const std::string &report, const char *text) {
   return report.find(text) != std::string::npos;
 }
 
+// What `work` says while its n-th allocation fails, and whether it came to that.
+template <class Work>
+static std::string report_of(int nth, Work work, bool expect_struck = true) {
+  return stderr_of([&] {
+    const fault_t fault(nth);
+    work();
+    EXPECT_EQ(fault.struck(), expect_struck) << "allocation " << nth;
+  });
+}
+
 TEST(OutOfMemory, Creation) {
   static const char *const reports[] = {
       "unable to allocate memory for DynArrHandle_t of size 64. err(12)=(Cannot allocate memory).\n",
       "failed to allocate memory for Dynamic Array of size 424 for ContextName (null) and TableId 0, "
       "g_base_path = , err(12)=Cannot allocate memory.\n"};
-  for (int nth = 1;; ++nth) {
-    array_t array;
-    bool struck = false;
-    int err = 0;
-    testing::internal::CaptureStderr();
-    {
-      const fault_t fault(nth);
-      array.reset(get_default_dyn_array(100, 4, MPOOL_TYPE_DRAM));
-      err = errno;
-      struck = fault.struck();
-    }
-    const std::string report = testing::internal::GetCapturedStderr();
-    if (!struck) {
-      EXPECT_TRUE(array);
-      EXPECT_EQ(nth, 3) << "a creation allocates its handle and block 0";
-      break;
-    }
+  array_t array;
+  int err = 0;
+  const auto create = [&] {
+    array.reset(get_default_dyn_array(100, 4, MPOOL_TYPE_DRAM));
+    err = errno;
+  };
+  for (const int nth : {1, 2}) {
+    const std::string report = report_of(nth, create);
     EXPECT_FALSE(array);
     EXPECT_EQ(err, ENOMEM);
-    ASSERT_LE(nth, 2);
     EXPECT_TRUE(mentions(report, reports[nth - 1])) << report;
   }
+  report_of(3, create, false);
+  EXPECT_TRUE(array) << "a creation allocates its handle and block 0";
 }
 
 // A lookup of an id of the sixth level: root table, six tiers, data block.
@@ -44,13 +46,8 @@ TEST(OutOfMemory, LookupAtEachStepOfItsPath) {
     const array_t array(get_default_dyn_array(100, 4, MPOOL_TYPE_DRAM));
     pretend_issued(array.get(), 286331000);
     void *record = nullptr;
-    testing::internal::CaptureStderr();
-    {
-      const fault_t fault(nth);
-      record = get_dyn_arr_record_position(array.get(), 286330000);
-      EXPECT_TRUE(fault.struck());
-    }
-    const std::string report = testing::internal::GetCapturedStderr();
+    const auto look_up = [&] { record = get_dyn_arr_record_position(array.get(), 286330000); };
+    const std::string report = report_of(nth, look_up);
     EXPECT_EQ(record, nullptr);
     EXPECT_TRUE(nth < 8 ? mentions(report,
                                    "failed to allocate memory for PtrTabl_t of Dynamic Array of size 128. "
@@ -58,7 +55,7 @@ TEST(OutOfMemory, LookupAtEachStepOfItsPath) {
                         : report == "Error(DALib): Failed to allocted memory of size 1600\n")
         << report;
     EXPECT_EQ(get_dyn_total_allocated_records(array.get()), 4u);
-    record = get_dyn_arr_record_position(array.get(), 286330000);
+    look_up();
     ASSERT_NE(record, nullptr);
     memset(record, 1, 100);
     EXPECT_EQ(get_dyn_total_allocated_records(array.get()), 20u);
@@ -69,10 +66,7 @@ TEST(OutOfMemory, NewIdIsMinusOneAndTheNextOneWorks) {
   const array_t array(get_default_dyn_array(100, 0, MPOOL_TYPE_DRAM));
   void *record = &record;
   int32_t id = 0;
-  EXPECT_FALSE(stderr_of([&] {
-                 const fault_t fault(1);
-                 id = get_dyn_arr_new_record_id_ex(array.get(), &record, 0);
-               }).empty());
+  EXPECT_NE(report_of(1, [&] { id = get_dyn_arr_new_record_id_ex(array.get(), &record, 0); }), "");
   EXPECT_EQ(id, -1);
   EXPECT_EQ(record, nullptr);
   EXPECT_EQ(get_dyn_arr_new_record_id_ex(array.get(), &record, 0), 1);
@@ -84,25 +78,16 @@ TEST(OutOfMemory, SlotAllocationLeavesTheListsAlone) {
   const array_t array(tslb_da_init_ll(16, 1, MPOOL_TYPE_DRAM, "ctx", 0, TSLB_DA_DAFLAG_INLL));
   uint32_t idx;
   ASSERT_NE(tslb_da_get_newptr(array.get(), &idx), nullptr);
-  for (const bool as_range : {false, true}) {
-    void *slot = &slot;
-    uint32_t first = 0;
-    EXPECT_FALSE(stderr_of([&] {
-                   const fault_t fault(1);
-                   if (as_range)
-                     first = tslb_da_get_range(array.get(), 3);
-                   else
-                     slot = tslb_da_get_newptr(array.get(), &idx);
-                 }).empty());
-    if (as_range) {
-      EXPECT_EQ(first, TSLB_DA_NIL_IDX);
-    } else {
-      EXPECT_EQ(slot, nullptr);
-      EXPECT_EQ(idx, TSLB_DA_NIL_IDX);
-    }
-    EXPECT_EQ(array->spinlock, 0);
-    EXPECT_EQ(list_roots(array.get()).n_free, 0u);
-  }
+  void *slot = &slot;
+  EXPECT_NE(report_of(1, [&] { slot = tslb_da_get_newptr(array.get(), &idx); }), "");
+  EXPECT_EQ(slot, nullptr);
+  EXPECT_EQ(idx, TSLB_DA_NIL_IDX);
+  ASSERT_EQ(array->spinlock, 0);
+  uint32_t first = 0;
+  EXPECT_NE(report_of(1, [&] { first = tslb_da_get_range(array.get(), 3); }), "");
+  EXPECT_EQ(first, TSLB_DA_NIL_IDX);
+  ASSERT_EQ(array->spinlock, 0);
+  EXPECT_EQ(list_roots(array.get()).n_free, 0u);
   EXPECT_NE(tslb_da_get_newptr(array.get(), &idx), nullptr);
   EXPECT_EQ(idx, 3u);
 }
@@ -110,13 +95,9 @@ TEST(OutOfMemory, SlotAllocationLeavesTheListsAlone) {
 TEST(OutOfMemory, RangeThatFailsHalfwayKeepsWhatItTook) {
   const array_t array(tslb_da_init_ll(16, 1, MPOOL_TYPE_DRAM, nullptr, 0, TSLB_DA_DAFLAG_LL));
   uint32_t first = 0;
-  stderr_of([&] {
-    const fault_t fault(4);  // root table, table, block 1; then block 2
-    first = tslb_da_get_range(array.get(), 20);
-    EXPECT_TRUE(fault.struck());
-  });
+  report_of(4, [&] { first = tslb_da_get_range(array.get(), 20); });  // root table, table, block 1; then block 2
   EXPECT_EQ(first, TSLB_DA_NIL_IDX);
-  EXPECT_EQ(array->spinlock, 0);
+  ASSERT_EQ(array->spinlock, 0);
   for (uint32_t idx = 0; idx < 17; ++idx)
     EXPECT_EQ(forward_node(tslb_da_get_ptr(array.get(), idx)).status, TSLB_DA_SLOT_ACTIVE) << idx;
   EXPECT_EQ(tslb_da_get_size(array.get()), 18u);
@@ -139,11 +120,7 @@ TEST(OutOfMemory, SweepStepsOverSlotsThatCannotBeLookedUp) {
   tslb_dynmem_get_mchunk(pool.get(), &address, 100, srcaddr_t{});
   pretend_issued(pool.get(), 3);
   size_t total = 0, used = 0, deleted = 0;
-  const std::string report = stderr_of([&] {
-    const fault_t fault(1);
-    tslb_dynmem_update_free_list(pool.get(), &total, &used, &deleted);
-    EXPECT_TRUE(fault.struck());
-  });
+  const std::string report = report_of(1, [&] { tslb_dynmem_update_free_list(pool.get(), &total, &used, &deleted); });
   EXPECT_TRUE(mentions(report, "PtrTabl_t")) << report;
   EXPECT_EQ(used, 116u);
 }

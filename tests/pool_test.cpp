@@ -1,34 +1,14 @@
-// Chunk pools: creation, addresses, accounting to the byte, and what happens when slots run out, for all
+// Chunk pools: creation, addresses of both widths, accounting to the byte, and what happens when slots run out, for all
 // three kinds.
-#include "array_support.h"
+#include <regex>
 
-static DynMemHdr_t &hdr_of(const array_t &pool) {
-  return *static_cast<DynMemHdr_t *>(get_user_hdr(pool.get()));
-}
-static uint32_t cursor_slot(const array_t &pool) {
-  return static_cast<uint32_t>(hdr_of(pool).cur_slot_addr);
-}
-static uint32_t cursor_off(const array_t &pool) {
-  return static_cast<uint32_t>(hdr_of(pool).cur_slot_addr >> 32);
-}
-static void set_cursor(const array_t &pool, uint32_t slot, uint32_t off) {
-  hdr_of(pool).cur_slot_addr = slot | (uint64_t{off} << 32);
-}
-static MemSlot_t &slot_at(const array_t &pool, uint32_t idx) {
-  return *static_cast<MemSlot_t *>(tslb_da_get_ptr(pool.get(), idx));
-}
+#include "pool_support.h"
 
-static array_t big_buffer(int slot_sz, int n_slots, char compat = 0, uint8_t daflag = 0, short max_slots = 0) {
-  return array_t(tslb_init_dynmem_ex1(slot_sz, n_slots, compat, MPOOL_TYPE_DRAM, 0, "bb", -4, daflag, 0, 0, max_slots));
-}
-static array_t bit_vector(int slot_sz, int n_slots, unsigned char mem_type = MPOOL_TYPE_DRAM, char compat = 0) {
-  return array_t(tslb_init_dynmem(slot_sz, n_slots, compat, mem_type, MPOOL_FLAG_BV, "bv", -3, 0));
-}
-static maddr_t take(const array_t &pool, int len) {
-  maddr_t address = {};
-  EXPECT_NE(tslb_dynmem_get_mchunk(pool.get(), &address, len, srcaddr_t{}), nullptr);
-  return address;
-}
+// Without headers ahead of the chunks, and without lists.
+constexpr kind_t kBigBuffer = {.compat = 0, .daflag = 0},
+                 kBitVector = {.compat = 0, .daflag = 0, .slot_type = MPOOL_FLAG_BV};
+constexpr kind_t kRing = {.compat = 0, .daflag = 0, .slot_type = MPOOL_FLAG_BV, .mem_type = MPOOL_TYPE_DRAM_TMP};
+
 // Fills the current slot and takes new ones until `idx` is current.
 static void advance_to(const array_t &pool, uint32_t idx) {
   while (cursor_slot(pool) != idx) take(pool, static_cast<int>(hdr_of(pool).mslot_sz));
@@ -52,7 +32,7 @@ TEST(PoolCreation, SizesAreRoundedAndCounted) {
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);
     const size_t msz = g_mem_st.total_msz, overhead = g_mem_st.pool_hdr_overhead;
-    const array_t pool = big_buffer(row.slot_sz, 4, 0, row.daflag);
+    const array_t pool = pool_of({.compat = 0, .daflag = row.daflag}, 4, row.slot_sz);
     EXPECT_EQ(tslb_da_get_record_size(pool.get()), row.record_size);
     EXPECT_EQ(hdr_of(pool).mslot_sz, row.usable);
     EXPECT_EQ(tslb_dynmem_get_hdrsz(pool.get()), row.hdr_bytes);
@@ -63,12 +43,9 @@ TEST(PoolCreation, SizesAreRoundedAndCounted) {
     EXPECT_EQ(hdr_of(pool).total_mavail, 0u);
     EXPECT_EQ(tslb_da_get_size(pool.get()), 0u) << "creation takes no slot";
   }
-}
-
-TEST(PoolCreation, SlotArraysAreCountedToo) {
   const size_t msz = g_mem_st.total_msz, overhead = g_mem_st.pool_hdr_overhead;
-  const array_t array(tslb_da_init_ll(100, 5, MPOOL_TYPE_DRAM, nullptr, 0, TSLB_DA_DAFLAG_INLL));
-  EXPECT_EQ(g_mem_st.total_msz - msz, 500u);
+  const array_t slots(tslb_da_init_ll(100, 5, MPOOL_TYPE_DRAM, nullptr, 0, TSLB_DA_DAFLAG_INLL));
+  EXPECT_EQ(g_mem_st.total_msz - msz, 500u) << "slot arrays are counted too";
   EXPECT_EQ(g_mem_st.pool_hdr_overhead - overhead, 84u);
 }
 
@@ -90,9 +67,10 @@ TEST(PoolCreation, FailureCountsNothing) {
 }
 
 TEST(BigBuffer, ChunksLieBackToBackUnderTheirAddresses) {
-  const array_t pool = big_buffer(1000, 2);
+  const array_t pool = pool_of(kBigBuffer, 2);
   EXPECT_EQ(as_word(take(pool, 7)), 0u) << "the first chunk is address 0";
-  EXPECT_EQ(as_word(take(pool, 93)), 7u << 8);
+  EXPECT_EQ(as_word(take(pool, 0)), 7u << 8);
+  EXPECT_EQ(as_word(take(pool, 93)), 7u << 8) << "a chunk of no bytes reserves some";
   EXPECT_EQ(as_word(take(pool, 800)), 100u << 8);
   EXPECT_EQ(as_word(take(pool, 100)), 900u << 8) << "fits the remainder exactly";
   EXPECT_EQ(cursor_off(pool), 1000u);
@@ -106,25 +84,18 @@ TEST(BigBuffer, ChunksLieBackToBackUnderTheirAddresses) {
   EXPECT_EQ(slot_at(pool, 3).bytes_used, 1000u);
 }
 
-TEST(BigBuffer, ZeroLengthReservesNothing) {
-  const array_t pool = big_buffer(1000, 2);
-  take(pool, 10);
-  const maddr_t empty = take(pool, 0);
-  EXPECT_EQ(as_word(empty), as_word(take(pool, 5)));
-}
-
 TEST(Accounting, TotalsToTheByte) {
   for (const char compat : std::initializer_list<char>{0, MPOOL_FLAG_COMPAT}) {
     for (const uint8_t daflag : std::initializer_list<uint8_t>{0, 1}) {
       SCOPED_TRACE(testing::Message() << int{compat} << " " << int{daflag});
-      const array_t pool = big_buffer(1000, 2, compat, daflag);
+      const array_t pool = pool_of({.compat = compat, .daflag = daflag}, 2);
       const uint64_t hdr_bytes = static_cast<uint64_t>(tslb_dynmem_get_hdrsz(pool.get()));
       const uint64_t slot_bytes = tslb_da_get_slotsz(pool.get(), nullptr);
       const size_t global_before = g_mem_st.total_mused;
       uint64_t used = 0, wasted = 0, total = hdr_of(pool).total_msz;
       const auto step = [&](int len, bool grows, uint32_t slots) {
-        take(pool, len);
-        used += static_cast<uint64_t>(len) + (compat != 0 ? 16 : 0);
+        take(pool, len + chunk_header_of(pool));
+        used += static_cast<uint64_t>(len + chunk_header_of(pool));
         wasted += 16 + (grows ? 8 : 0);
         if (grows) total = hdr_bytes + slot_bytes * slots;
         EXPECT_EQ(hdr_of(pool).total_mused, used);
@@ -147,12 +118,9 @@ TEST(Accounting, TotalsToTheByte) {
 }
 
 TEST(Accounting, ReusedSlotBelowTheHighestIsNoGrowth) {
-  const array_t pool = big_buffer(1000, 1, 0, TSLB_DA_DAFLAG_LL);
+  const array_t pool = pool_of({.compat = 0}, 1);
   advance_to(pool, 3);
-  DynArrLLI_t &lli = list_roots(pool.get());
-  lli.free_head = lli.free_tail = 1;
-  lli.n_free = 1;
-  forward_node(&slot_at(pool, 1)).status = TSLB_DA_SLOT_FREE;
+  tslb_da_free_idx(pool.get(), 1);
   const uint64_t total = hdr_of(pool).total_msz, wasted = hdr_of(pool).total_mwast;
   EXPECT_EQ(as_word(take(pool, 500)), 1u);
   EXPECT_EQ(hdr_of(pool).total_msz, total);
@@ -161,24 +129,9 @@ TEST(Accounting, ReusedSlotBelowTheHighestIsNoGrowth) {
   EXPECT_EQ(slot_at(pool, 1).bytes_del, 0u);
 }
 
-TEST(Accounting, SizeOfAPoolIsCountedIn32Bits) {
-  const array_t pool = bit_vector(16777216, 0);
-  pretend_issued(pool.get(), 299);
-  set_cursor(pool, 298, 16777216);
-  take(pool, 8);
-  EXPECT_EQ(hdr_of(pool).total_msz, (uint64_t{16777224} * 300 + 80) & 0xFFFFFFFF);
-}
-
-TEST(Accounting, PersistentPoolWithoutALogGrowsAllTheSame) {
-  const array_t pool(tslb_init_dynmem_ex1(1000, 0, 0, MPOOL_TYPE_DRAM, 0, "bb", -4, 0, 0, 1, 0));
-  take(pool, 10);
-  EXPECT_EQ(hdr_of(pool).flag, MPOOL_FLAG_PERSIST);
-  EXPECT_EQ(hdr_of(pool).total_msz, 80u + 1008);
-}
-
 TEST(Compat, HeaderStandsAheadOfTheData) {
-  const array_t pool = big_buffer(70000, 1, MPOOL_FLAG_COMPAT);
-  take(pool, 3);  // the next header stands at an odd address
+  const array_t pool = pool_of({.daflag = 0}, 1, 70000);
+  take(pool, 16 + 3);  // the next header stands at an odd address
   const srcaddr_t source = {11, 22, -33, {'x', 'y'}};
   maddr_t address;
   char *const chunk = bytes_of(tslb_dynmem_get_mchunk(pool.get(), &address, 100, source));
@@ -200,7 +153,7 @@ TEST(Compat, HeaderStandsAheadOfTheData) {
 }
 
 TEST(Resolution, WithoutHeaderAndWithoutSlot) {
-  const array_t pool = big_buffer(1000, 1);
+  const array_t pool = pool_of(kBigBuffer, 1);
   uint32_t size = 5;
   EXPECT_EQ(tslb_dynmem_get_maddr2ptr_ex(pool.get(), maddr_t{}, &size), nullptr) << "no slot was taken yet";
   EXPECT_EQ(size, 0u);
@@ -212,18 +165,21 @@ TEST(Resolution, WithoutHeaderAndWithoutSlot) {
   EXPECT_EQ(tslb_dynmem_get_maddr2ptr(pool.get(), maddr_t{1, 0}), nullptr);
 }
 
-TEST(BitVector, AddressesAreGroupsAndUnitsOfEight) {
-  const array_t pool = bit_vector(64, 4);
-  advance_to(pool, 516);
-  take(pool, 64);  // 517
-  set_cursor(pool, 517, 24);
+// A slot with all bits of its group, and the last offset of slots of the largest size that such an address reaches into.
+TEST(BitVector, AddressesAreGroupsAndUnitsOfEightAndTheSizeIsOf32Bits) {
+  constexpr int kLargest = 16777216;
+  const array_t pool = pool_of(kBitVector, 0, kLargest);
+  pretend_issued(pool.get(), 0x766);
+  set_cursor(pool, 0x765, kLargest - 8);
   const maddr_t address = take(pool, 8);
-  EXPECT_EQ(as_word(address), 5u | (2u << 8) | (3u << 11));
-  EXPECT_EQ(bytes_of(tslb_dynmem_get_maddr2ptr(pool.get(), address)), slot_at(pool, 517).mslot + 24);
+  EXPECT_EQ(as_word(address), 0x65u | (7u << 8) | (0x1FFFFFu << 11));
+  EXPECT_EQ(tslb_dynmem_get_maddr2ptr(pool.get(), address), slot_at(pool, 0x765).mslot + kLargest - 8);
+  take(pool, 8);
+  EXPECT_EQ(hdr_of(pool).total_msz, (uint64_t{16777224} * 0x767 + 80) & 0xFFFFFFFF);
 }
 
 TEST(BitVector, ChunkLiesWhereItsAddressPoints) {
-  const array_t pool = bit_vector(64, 4);
+  const array_t pool = pool_of(kBitVector, 4, 64);
   take(pool, 12);  // not a multiple of 8: the next address cannot say 12
   maddr_t address;
   void *const chunk = tslb_dynmem_get_mchunk(pool.get(), &address, 8, srcaddr_t{});
@@ -231,105 +187,115 @@ TEST(BitVector, ChunkLiesWhereItsAddressPoints) {
   EXPECT_EQ(chunk, tslb_dynmem_get_maddr2ptr(pool.get(), address));
 }
 
+// ---- Refusals and ends ---------------------------------------------------------------------------------------------
+
 TEST(Chunks, RefusesWhatNoSlotCanHold) {
-  const array_t plain = big_buffer(1000, 1), compat = big_buffer(1000, 1, MPOOL_FLAG_COMPAT);
+  const array_t plain = pool_of(kBigBuffer, 1), compat = pool_of({.daflag = 0}, 1);
   const struct {
     const char *fault;
     const array_t &pool;
     int len;
-    const char *text;
+    const char *sum;
   } rows[] = {
-      {"one byte too long", plain, 1001, "len 1001(Hdr:16 + Data:1001)"},
-      {"header not counted", compat, 985, "len 1001(Hdr:16 + Data:985)"},
-      {"negative length", plain, -1, "len -1(Hdr:16 + Data:-1)"},
-      {"header lifts a negative length", compat, -10, "len 6(Hdr:16 + Data:-10)"},
-      {"sum wraps", compat, 2147483647, "len -2147483633(Hdr:16 + Data:2147483647)"},
+      {"one byte too long", plain, 1001, "1001"},
+      {"header not counted", compat, 985, "1001"},
+      {"negative length", plain, -1, "-1"},
+      {"header lifts a negative length", compat, -10, "6"},
+      {"sum wraps", compat, 2147483647, "-2147483633"},
   };
   for (const auto &row : rows) {
-    SCOPED_TRACE(row.fault);
-    maddr_t address = {7, 7};
-    const std::string before(bytes_of(row.pool->arr_base), 80);
-    const std::string report =
-        stderr_of([&] { EXPECT_EQ(tslb_dynmem_get_mchunk(row.pool.get(), &address, row.len, srcaddr_t{}), nullptr); });
-    EXPECT_EQ(report.rfind("Error: (tslb_dynmem_get_mchunk:", 0), 0u) << report;
-    EXPECT_NE(report.find(std::string("): Memory chunk ") + row.text +
-                          " should not be greater than memory slot length 1000.\n"),
-              std::string::npos)
-        << report;
-    EXPECT_EQ(as_word(address), 7u | (7u << 8));
-    EXPECT_EQ(std::string(bytes_of(row.pool->arr_base), 80), before);
+    for (const bool wide : {false, true}) {
+      SCOPED_TRACE(testing::Message() << row.fault << (wide ? ", 64 bits" : ""));
+      maddr_t address = {7, 7};
+      maddr64_t address64 = {7, 7};
+      DynArrHandle_t *const pool = row.pool.get();
+      const std::string before(bytes_of(pool->arr_base), 80);
+      const std::string report = stderr_of([&] {
+        EXPECT_EQ(wide ? tslb_dynmem_get_mchunk64(pool, &address64, row.len, srcaddr64_t{})
+                       : tslb_dynmem_get_mchunk(pool, &address, row.len, srcaddr_t{}),
+                  nullptr);
+      });
+      const std::regex text("Error: \\(tslb_dynmem_get_mchunk" + std::string(wide ? "64" : "") +
+                            ":[0-9]+\\): Memory chunk len " + row.sum + "\\(Hdr:16 \\+ Data:" +
+                            std::to_string(row.len) + "\\) should not be greater than memory slot length 1000\\.\n");
+      EXPECT_TRUE(std::regex_match(report, text)) << report;
+      EXPECT_EQ(as_word(address), 7u | (7u << 8));
+      EXPECT_EQ(address64.mslot_idx, 7u);
+      EXPECT_EQ(address64.mchunk_idx, 7u);
+      EXPECT_EQ(std::string(bytes_of(pool->arr_base), 80), before);
+    }
   }
   take(plain, 1000);
-  take(compat, 984);
+  take64(compat, 1000);
 }
 
 TEST(BigBuffer, MaxSlotsLimitsWhatMemoryExistsFor) {
-  const array_t pool = big_buffer(1000, 4, 0, 0, 8);
+  const array_t pool = pool_of({.compat = 0, .daflag = 0, .max_slots = 8});
   for (int i = 0; i < 5; ++i) take(pool, 900);  // slot 4 publishes a block of 16
   EXPECT_EQ(tslb_da_get_total_size(pool.get()), 20u);
   maddr_t address = {9, 9};
   EXPECT_EQ(stderr_of([&] { EXPECT_EQ(tslb_dynmem_get_mchunk(pool.get(), &address, 900, srcaddr_t{}), nullptr); }), "");
   EXPECT_EQ(as_word(address), 9u | (9u << 8));
   EXPECT_EQ(as_word(take(pool, 100)), 4u | (900u << 8)) << "the current slot still serves";
-  EXPECT_EQ(tslb_dynmem_get_mchunk(big_buffer(1000, 8, 0, 0, 8).get(), &address, 1, srcaddr_t{}), nullptr);
-  EXPECT_NE(tslb_dynmem_get_mchunk(big_buffer(1000, 8, 0, 0, -1).get(), &address, 1, srcaddr_t{}), nullptr);
+  for (const short max_slots : {short{8}, short{-1}}) {
+    const array_t eight = pool_of({.compat = 0, .daflag = 0, .max_slots = max_slots}, 8);
+    EXPECT_EQ(tslb_dynmem_get_mchunk(eight.get(), &address, 1, srcaddr_t{}) == nullptr, max_slots == 8) << max_slots;
+  }
 }
 
-TEST(BigBuffer, StopsWhenSlot255IsFull) {
-  const array_t pool = big_buffer(16, 0);
-  advance_to(pool, 255);
-  maddr_t address;
-  EXPECT_DEATH(tslb_dynmem_get_mchunk(pool.get(), &address, 1, srcaddr_t{}),
-               "^tslb_dynmem_chunk.cpp:tslb_dynmem_get_mchunk:[0-9]+: Warning: Bigbuffer pool exhausted. "
-               "\\[MPOOL-HDR\\] DynArrHandle.*");
+TEST(Exhaustion, StopsWhereNoAddressCanNameASlot) {
+  static const struct {
+    const char *fault;
+    kind_t kind;
+    uint32_t n_used, current, offset;
+  } rows[] = {
+      {"goes on behind slot 255", kBigBuffer, 256, 255, 16},
+      {"its limit asked first", {.compat = 0, .daflag = 0, .max_slots = 20}, 256, 255, 16},
+      {"fresh slot 256 while a reused one was current", {.compat = 0}, 256, 3, 16},
+      {"room in slot 256, where long addresses went", {.compat = 0}, 257, 256, 0},
+      {"goes on behind slot 2040", kBitVector, 2041, 2040, 16},
+      {"fresh slot 2041 while a reused one was current", {.compat = 0, .slot_type = MPOOL_FLAG_BV}, 2041, 3, 16},
+      {"room in slot 2041, where long addresses went", {.compat = 0, .slot_type = MPOOL_FLAG_BV}, 2042, 2041, 0},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    const array_t pool = pool_of(row.kind, 0, 16);
+    pretend_issued(pool.get(), row.n_used);
+    get_dyn_hdr(pool.get())->n_alloc = row.n_used;
+    set_cursor(pool, row.current, row.offset);
+    EXPECT_DEATH(take(pool, 8), std::string("^tslb_dynmem_chunk.cpp:tslb_dynmem_get_mchunk:[0-9]+: ") +
+                                    (row.kind.slot_type == 0 ? "Warning: Bigbuffer" : "Error: BitVector") +
+                                    " pool exhausted. \\[MPOOL-HDR\\] DynArrHandle.*");
+    const uint32_t wide = take64(pool, 8).mslot_idx;
+    EXPECT_EQ(wide, row.offset == 0 ? row.current : row.n_used) << "64 bits can";
+  }
+  for (const char slot_type : std::initializer_list<char>{0, MPOOL_FLAG_BV}) {
+    const uint32_t last = slot_type == 0 ? 255 : 2040;
+    const array_t pool = pool_of({.compat = 0, .slot_type = slot_type}, 0, 16);
+    pretend_issued(pool.get(), last);
+    set_cursor(pool, last - 1, 16);
+    take(pool, 8);
+    EXPECT_EQ(cursor_slot(pool), last) << "the last slot is in use";
+  }
+  // A slot that it can name is taken instead where the free list has one.
+  const array_t pool = pool_of({.compat = 0}, 0, 16);
+  while (tslb_da_get_size(pool.get()) < 301) take64(pool, 16);
+  tslb_da_free_idx(pool.get(), 7);
+  EXPECT_EQ(as_word(take(pool, 8)), 7u);
 }
 
-TEST(BigBuffer, StopsAt255WhateverItsLimit) {
-  const array_t pool = big_buffer(16, 0, 0, 0, 20);
-  pretend_issued(pool.get(), 256);
-  set_cursor(pool, 255, 16);
-  maddr_t address;
-  EXPECT_DEATH(tslb_dynmem_get_mchunk(pool.get(), &address, 1, srcaddr_t{}), "Bigbuffer pool exhausted");
-}
-
-TEST(BigBuffer, FreshSlotThatNoAddressCanNameIsExhaustion) {
-  const array_t pool = big_buffer(16, 0, 0, TSLB_DA_DAFLAG_LL);
-  advance_to(pool, 255);
-  set_cursor(pool, 3, 16);  // as if slot 3 had been freed and taken again
-  maddr_t address;
-  EXPECT_DEATH(tslb_dynmem_get_mchunk(pool.get(), &address, 1, srcaddr_t{}), "Bigbuffer pool exhausted");
-
-  const array_t vectors(tslb_init_dynmem(8, 0, 0, MPOOL_TYPE_DRAM, MPOOL_FLAG_BV, "bv", -3, TSLB_DA_DAFLAG_LL));
-  pretend_issued(vectors.get(), 2040);
-  set_cursor(vectors, 3, 8);
-  EXPECT_NE(tslb_dynmem_get_mchunk(vectors.get(), &address, 8, srcaddr_t{}), nullptr) << "slot 2040 is in use";
-  set_cursor(vectors, 3, 8);
-  EXPECT_DEATH(tslb_dynmem_get_mchunk(vectors.get(), &address, 8, srcaddr_t{}), "BitVector pool exhausted");
-}
-
-TEST(BitVector, WarnsEvery255SlotsAndStopsAt2040) {
-  const array_t pool = bit_vector(8, 0);
-  stderr_of([&] { advance_to(pool, 2039); });
-  const array_t counted = bit_vector(8, 0);
-  std::string report = stderr_of([&] { advance_to(counted, 600); });
-  size_t warnings = 0;
-  for (size_t at = 0; (at = report.find("overusage", at)) != std::string::npos; ++at) ++warnings;
-  EXPECT_EQ(warnings, 2u) << "at 255 and 510 alone";
-  EXPECT_EQ(report.rfind("tslb_dynmem_chunk.cpp:tslb_dynmem_get_mchunk:", 0), 0u);
-  EXPECT_NE(report.find(": BitVector overusage Warning: Bitvect pool [[MPOOL-HDR] "), std::string::npos);
-  EXPECT_NE(report.find("], it has already used 255 slot index.\n"), std::string::npos);
-  EXPECT_NE(report.find("], it has already used 510 slot index.\n"), std::string::npos);
-
-  EXPECT_EQ(stderr_of([&] { take(pool, 8); }), "") << "slot 2039 is not the last";
-  EXPECT_EQ(cursor_slot(pool), 2040u);
-  maddr_t address;
-  EXPECT_DEATH(tslb_dynmem_get_mchunk(pool.get(), &address, 8, srcaddr_t{}),
-               "^tslb_dynmem_chunk.cpp:tslb_dynmem_get_mchunk:[0-9]+: Error: BitVector pool exhausted. "
-               "\\[MPOOL-HDR\\]");
+TEST(Exhaustion, BitVectorsWarnEvery255Slots) {
+  const array_t pool = pool_of(kBitVector, 0, 8);
+  const std::string report = stderr_of([&] { advance_to(pool, 600); });
+  static const char kText[] =
+      "tslb_dynmem_chunk\\.cpp:tslb_dynmem_get_mchunk:[0-9]+: BitVector overusage Warning: Bitvect pool "
+      "\\[\\[MPOOL-HDR\\] .*\\], it has already used ";
+  const std::regex text(std::string(kText) + "255 slot index\\.\n" + kText + "510 slot index\\.\n");
+  EXPECT_TRUE(std::regex_match(report, text)) << report;
 }
 
 TEST(Ring, WrapsToSlot0AndKeepsItsCounts) {
-  const array_t pool = bit_vector(64, 4, MPOOL_TYPE_DRAM_TMP);
+  const array_t pool = pool_of(kRing, 4, 64);
   std::string said = stdout_of([&] { advance_to(pool, 253); });
   EXPECT_EQ(said, "");
   EXPECT_EQ(tslb_da_get_size(pool.get()), 254u);
@@ -356,39 +322,111 @@ TEST(Ring, WrapsToSlot0AndKeepsItsCounts) {
             hdr_of(pool).total_msz - (80 + hdr_of(pool).total_mused + hdr_of(pool).total_mwast));
 }
 
-// ---- 32 and 64 bits on one pool ------------------------------------------------------------------------------------
-
-static void take64_until(const array_t &pool, uint32_t idx) {
-  while (cursor_slot(pool) != idx) {
-    maddr64_t address;
-    ASSERT_NE(tslb_dynmem_get_mchunk64(pool.get(), &address, static_cast<int>(hdr_of(pool).mslot_sz), srcaddr64_t{}),
-              nullptr);
-  }
-}
-
-TEST(BothWidths, SlotThatA32BitAddressCannotNameHasNoRoomForIt) {
-  for (const char slot_type : std::initializer_list<char>{0, MPOOL_FLAG_BV}) {
-    const uint32_t beyond = slot_type == 0 ? 256 : 2041;
-    const array_t pool(tslb_init_dynmem(16, 0, 0, MPOOL_TYPE_DRAM, slot_type, "p", 1, TSLB_DA_DAFLAG_LL));
-    take64_until(pool, beyond);
-    set_cursor(pool, beyond, 0);  // all of it is free
-    maddr_t address;
-    EXPECT_DEATH(tslb_dynmem_get_mchunk(pool.get(), &address, 8, srcaddr_t{}), "pool exhausted") << int{slot_type};
-    maddr64_t wide;
-    EXPECT_NE(tslb_dynmem_get_mchunk64(pool.get(), &wide, 8, srcaddr64_t{}), nullptr);
-    EXPECT_EQ(wide.mslot_idx, beyond);
-  }
-  // A slot that it can name is taken instead where the free list has one.
-  const array_t pool(tslb_init_dynmem(16, 0, 0, MPOOL_TYPE_DRAM, 0, "p", 1, TSLB_DA_DAFLAG_LL));
-  take64_until(pool, 300);
-  tslb_da_free_idx(pool.get(), 7);
-  EXPECT_EQ(as_word(take(pool, 8)), 7u);
-}
-
-TEST(BothWidths, RingReturnsFromSlotsBeyondIt) {
-  const array_t pool = bit_vector(16, 0, MPOOL_TYPE_DRAM_TMP);
-  take64_until(pool, 300);
+TEST(Ring, ReturnsFromSlotsBeyondIt) {
+  const array_t pool = pool_of(kRing, 0, 16);
+  while (tslb_da_get_size(pool.get()) < 301) take64(pool, 16);
   maddr_t address = {1, 1};
   stdout_of([&] { address = take(pool, 8); });
   EXPECT_EQ(as_word(address), 0u);
+}
+
+// ---- 64-bit addresses -------------------------------------------------------------------------------------------------
+
+TEST(Chunks64, AddressesAreWholeAndOfAnyOffset) {
+  for (const char slot_type : std::initializer_list<char>{0, MPOOL_FLAG_BV}) {
+    const array_t pool = pool_of({.slot_type = slot_type}, 2, 70000);
+    uint32_t offset = 0;
+    for (const int len : {7, 1, 500, 33, 65536 + 5}) {
+      const srcaddr64_t source = {11, 22, 0x12345678};
+      if (offset != 0) slot_at(pool, 0).mslot[offset + 12] = 0x7F;
+      maddr64_t address;
+      char *const chunk = bytes_of(tslb_dynmem_get_mchunk64(pool.get(), &address, len, source));
+      EXPECT_EQ(address.mslot_idx, 0u);
+      EXPECT_EQ(address.mchunk_idx, offset);
+      EXPECT_EQ(chunk, slot_at(pool, 0).mslot + offset);
+      EXPECT_EQ(memcmp(chunk, &source, 12), 0) << "all 12 bytes of the source";
+      EXPECT_EQ(chunk[12], offset != 0 ? 0x7E : 0) << "the deleted bit alone is cleared";
+      uint32_t size = 0;
+      EXPECT_EQ(tslb_dynmem_get_maddr2ptr64_ex(pool.get(), address, &size), chunk + 16);
+      EXPECT_EQ(size, len % 65536u) << "16 bits of the length itself, where the short form gives one less";
+      EXPECT_EQ(tslb_dynmem_get_maddr2ptr64(pool.get(), address), chunk + 16);
+      offset += static_cast<uint32_t>(len) + 16;
+    }
+    EXPECT_EQ(slot_at(pool, 0).bytes_used, offset);
+    EXPECT_EQ(hdr_of(pool).total_mused, offset);
+    EXPECT_EQ(hdr_of(pool).total_mwast, 5u * 16 + 8);
+  }
+}
+
+TEST(Chunks64, NoLimitOnSlotsOfAnyKindAndNothingSaid) {
+  static const struct {
+    const char *fault;
+    kind_t kind;
+  } rows[] = {
+      {"stops at slot 255", {.compat = 0}},
+      {"limited by max_slots", {.compat = 0, .max_slots = 2}},
+      {"warns at slot 255", {.compat = 0, .slot_type = MPOOL_FLAG_BV}},
+      {"runs in a ring", {.compat = 0, .slot_type = MPOOL_FLAG_BV, .mem_type = MPOOL_TYPE_DRAM_TMP}},
+      {"stops at slot 255 with lists", {.compat = 0, .daflag = TSLB_DA_DAFLAG_INLL}},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    const array_t pool = pool_of(row.kind, 3, 16);
+    std::string warnings;
+    const std::string output = stdout_of([&] {
+      warnings = stderr_of([&] {
+        for (uint32_t want = 0; want < 2100; ++want) {
+          const maddr64_t address = take64(pool, 13);
+          ASSERT_EQ(address.mslot_idx, want);
+          ASSERT_EQ(tslb_dynmem_get_maddr2ptr64(pool.get(), address), slot_at(pool, want).mslot);
+        }
+      });
+    });
+    EXPECT_EQ(output + warnings, "");
+  }
+}
+
+TEST(Chunks64, StopsWhereTheArrayHasNoSlot) {
+  const array_t pool = pool_of();
+  take64(pool, 900);
+  get_dyn_hdr(pool.get())->n_alloc = 0xFFFFFFFF;
+  EXPECT_DEATH(take64(pool, 900), "Assertion `cur_mslot' failed");
+  EXPECT_DEATH(take(pool, 900), "Assertion `\\*mslot_ref' failed");
+  take64(pool, 26);
+}
+
+TEST(Chunks64, ResolvesWholeFieldsAndRefusesNegativeOffsets) {
+  const array_t compat = pool_of({.slot_type = MPOOL_FLAG_BV}),
+                bare = pool_of({.compat = 0, .slot_type = MPOOL_FLAG_BV});
+  uint32_t size = 5;
+  EXPECT_EQ(tslb_dynmem_get_maddr2ptr64_ex(compat.get(), maddr64_t{0, 0}, &size), nullptr) << "no slot was taken yet";
+  EXPECT_EQ(size, 0u);
+  take64(compat, 100);
+  take64(bare, 100);
+  static const struct {
+    const char *fault;
+    bool with_headers;
+    uint32_t slot, offset;
+    bool resolves;
+  } rows[] = {
+      {"slot that was never taken", true, 1, 0, false},
+      {"slot index read as 8 bits", true, 256, 0, false},
+      {"offset in units of 8", false, 0, 13, true},
+      {"largest offset", false, 0, 0x7FFFFFFF, true},
+      {"first negative offset", false, 0, 0x80000000, false},
+      {"first offset that a header makes negative", true, 0, 0x7FFFFFF0, false},
+      {"negative offset behind a header", true, 0, 0x80000000, false},
+      {"sum of offset and header wraps", true, 0, 0xFFFFFFF0, false},
+      {"last offset", false, 0, 0xFFFFFFFF, false},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    const array_t &pool = row.with_headers ? compat : bare;
+    size = 5;
+    void *const data = tslb_dynmem_get_maddr2ptr64_ex(pool.get(), maddr64_t{row.slot, row.offset}, &size);
+    EXPECT_EQ(data, row.resolves ? slot_at(pool, 0).mslot + row.offset : nullptr);
+    EXPECT_EQ(size, 0u);
+    EXPECT_EQ(tslb_dynmem_get_maddr2ptr64(pool.get(), maddr64_t{row.slot, row.offset}), data);
+    EXPECT_EQ(tslb_dynmem_get_maddr2ptr64_ex(pool.get(), maddr64_t{row.slot, row.offset}, nullptr), data);
+  }
 }

@@ -4,32 +4,31 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
-
 #include "array_support.h"
+#include "system_support.h"
 #include "tslb_settings.h"
 #include "tslb_util.h"
-
-namespace fs = std::filesystem;
 
 // A file that is opened as another one, or not at all.
 static const char *redirected, *redirected_to;
 
+static bool is_redirected(const char *path) {
+  return redirected != nullptr && std::string(path).find(redirected) != std::string::npos;
+}
+
 extern "C" __attribute__((visibility("default"))) FILE *fopen(const char *path, const char *mode) {
   static const auto real = reinterpret_cast<decltype(&fopen)>(dlsym(RTLD_NEXT, "fopen"));
-  if (redirected == nullptr || std::string(path).find(redirected) == std::string::npos) return real(path, mode);
+  if (!is_redirected(path)) return real(path, mode);
   return redirected_to != nullptr ? real(redirected_to, mode) : nullptr;
 }
 
 extern "C" __attribute__((visibility("default"))) int stat(const char *path, struct stat *found) noexcept {
   static const auto real = reinterpret_cast<int (*)(const char *, struct stat *)>(dlsym(RTLD_NEXT, "stat"));
-  if (redirected == nullptr || std::string(path).find(redirected) == std::string::npos) return real(path, found);
+  if (!is_redirected(path)) return real(path, found);
   errno = ENOENT;
   return -1;
 }
@@ -135,23 +134,21 @@ TEST(Alive, FilesThatGoMeanwhile) {
 
 // ---- By pid file ---------------------------------------------------------------------------------------------------
 
-class PidFile : public testing::Test {
+class PidFile : public InFolder {
  protected:
   void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "tslb_pid_XXXXXX").string();
-    dir_ = mkdtemp(pattern.data());
+    InFolder::SetUp();
     memset(error_, 'e', sizeof(error_));
   }
   void TearDown() override {
-    fs::remove_all(dir_);
     unsetenv("QX_WDIR");
+    InFolder::TearDown();
   }
   void write(const std::string &text) { std::ofstream(dir_ / ".Part.pid") << text; }
   int get(const char *bin_name) {
     said_ = stdout_of([&] { result_ = tslb_get_pid(dir_.c_str(), "Part", bin_name, error_); });
     return result_;
   }
-  fs::path dir_;
   char error_[512];
   std::string said_;
   int result_;
@@ -269,12 +266,6 @@ static void hosts_handler(int) {
   hosts_signals = hosts_signals + 1;
 }
 
-static size_t open_descriptors() {
-  size_t n = 0;
-  for ([[maybe_unused]] const auto &entry : fs::directory_iterator("/proc/self/fd")) ++n;
-  return n;
-}
-
 // Every form, run under the host's own handler, which has to be silent meanwhile and back afterwards. No descriptor and
 // no child stays behind.
 class Commands : public testing::Test {
@@ -301,17 +292,6 @@ TEST(CommandsOfAHostThatIgnoresItsChildren, AreWaitedForAllTheSame) {
   EXPECT_STREQ(error, "Method called. Command = echo x") << "pclose had no child left";
   EXPECT_EQ(signal(SIGCHLD, SIG_DFL), SIG_IGN);
 }
-
-// No process can be started while it lives.
-struct no_processes_t {
-  no_processes_t() {
-    getrlimit(RLIMIT_NOFILE, &before_);
-    const rlimit none = {3, before_.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &none);
-  }
-  ~no_processes_t() { setrlimit(RLIMIT_NOFILE, &before_); }
-  rlimit before_;
-};
 
 TEST_F(Commands, ExitStatus) {
   static const struct {
@@ -374,85 +354,65 @@ TEST_F(Commands, ChildThatAnotherThreadTookIsNoFailure) {
   EXPECT_STREQ(err_msg, "Error in running command. Err[10]: No child processes. Command = true");
 }
 
-TEST_F(Commands, LastLine) {
+// The last line of what a command says, or all of it.
+TEST_F(Commands, OutputAndItsRoom) {
   static const struct {
     const char *fault, *command;
-    int length;
-    const char *out;
-  } rows[] = {
-      {"first line kept", "printf 'one\\ntwo\\nthree\\n'", 100, "three"},
-      {"last line needs a newline", "printf 'one\\ntwo'", 100, "two"},
-      {"exit status looked at", "echo line; exit 1", 100, "line"},
-      {"emptied without output", "true", 100, "before"},
-      {"whole line kept", "echo abcdefgh", 6, "fgh"},
-      {"piece that is a newline", "echo abcde", 6, ""},
-      {"no room for a character", "echo abc", 1, ""},
-      {"no room and nothing written", "true", 1, "before"},
-  };
-  for (const auto &row : rows) {
-    SCOPED_TRACE(row.fault);
-    char out[100] = "before", error[512];
-    EXPECT_EQ(tslb_run_cmd_and_get_last_line(row.command, row.length, out, error), 0);
-    EXPECT_STREQ(out, row.out);
-    EXPECT_EQ(std::string(error), std::string("Method called. Command = ") + row.command);
-  }
-  // Longer lines than any stack has room for.
-  std::vector<char> large(3 << 20);
-  char error[512];
-  EXPECT_EQ(tslb_run_cmd_and_get_last_line("head -c 2000000 /dev/zero | tr '\\0' a", 3 << 20, large.data(), error), 0);
-  EXPECT_EQ(strlen(large.data()), 2000000u);
-}
-
-TEST_F(Commands, LastLineRefusals) {
-  char out[8] = "before", error[513];
-  error[512] = 'g';
-  const std::string long_command = "true # " + std::string(1000, 'x');
-  EXPECT_EQ(tslb_run_cmd_and_get_last_line(long_command.c_str(), 0, out, error), -1);
-  EXPECT_STREQ(out, "before");
-  EXPECT_LT(strlen(error), 511u);
-  EXPECT_EQ(stderr_of([&] {
-              const no_processes_t limit;
-              EXPECT_EQ(tslb_run_cmd_and_get_last_line("true", 8, out, error), -1);
-            }),
-            "Error: Error in executing command = true. Error = Too many open files\n");
-  EXPECT_EQ(error[512], 'g');
-}
-
-TEST_F(Commands, WholeOutput) {
-  static const struct {
-    const char *fault, *command;
+    bool whole;
     int room;
     const char *output;
   } rows[] = {
-      {"newlines dropped", "printf 'one\\ntwo\\n'", 100, "one\ntwo\n"},
-      {"terminator not counted", "printf abcdefgh", 6, "abcde"},
-      {"several pieces run over", "printf 'ab\\ncd\\nef\\n'", 6, "ab\ncd"},
-      {"no room for a character", "echo abc", 1, ""},
-      {"old text kept", "true", 100, ""},
-      {"waits for a command that never ends", "yes", 5, "y\ny\n"},
+      {"first line kept", "printf 'one\\ntwo\\nthree\\n'", false, 100, "three"},
+      {"last line needs a newline", "printf 'one\\ntwo'", false, 100, "two"},
+      {"exit status looked at", "echo line; exit 1", false, 100, "line"},
+      {"emptied without output", "true", false, 100, "before"},
+      {"whole line kept", "echo abcdefgh", false, 6, "fgh"},
+      {"piece that is a newline", "echo abcde", false, 6, ""},
+      {"no room for a character", "echo abc", false, 1, ""},
+      {"no room and nothing written", "true", false, 1, "before"},
+      {"newlines dropped", "printf 'one\\ntwo\\n'", true, 100, "one\ntwo\n"},
+      {"terminator not counted", "printf abcdefgh", true, 6, "abcde"},
+      {"several pieces run over", "printf 'ab\\ncd\\nef\\n'", true, 6, "ab\ncd"},
+      {"no room for a character", "echo abc", true, 1, ""},
+      {"old text kept", "true", true, 100, ""},
+      {"waits for a command that never ends", "yes", true, 5, "y\ny\n"},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);
-    char output[100] = "before", err_msg[256] = "untouched";
-    EXPECT_EQ(tslb_exe_command_and_get_op(row.command, err_msg, output, row.room), output);
+    char output[100] = "before", said[512] = "untouched";
+    if (row.whole)
+      EXPECT_EQ(tslb_exe_command_and_get_op(row.command, said, output, row.room), output);
+    else
+      EXPECT_EQ(tslb_run_cmd_and_get_last_line(row.command, row.room, output, said), 0);
     EXPECT_STREQ(output, row.output);
-    EXPECT_STREQ(err_msg, "untouched");
+    EXPECT_EQ(said, row.whole ? "untouched" : std::string("Method called. Command = ") + row.command);
   }
-  std::vector<char> large(200001);
-  tslb_exe_command_and_get_op("head -c 200000 /dev/zero | tr '\\0' a", nullptr, large.data(), 200001);
-  EXPECT_EQ(strlen(large.data()), 200000u);
+  // Longer lines than any stack has room for.
+  static const char kLong[] = "head -c 2000000 /dev/zero | tr '\\0' a";
+  std::vector<char> line(3 << 20), all(3 << 20);
+  char said[512];
+  EXPECT_EQ(tslb_run_cmd_and_get_last_line(kLong, 3 << 20, line.data(), said), 0);
+  tslb_exe_command_and_get_op(kLong, nullptr, all.data(), 3 << 20);
+  EXPECT_EQ(strlen(line.data()), 2000000u);
+  EXPECT_EQ(strlen(all.data()), 2000000u);
 }
 
-TEST_F(Commands, WholeOutputRefusals) {
-  char output[8] = "before", err_msg[256];
-  EXPECT_EQ(tslb_exe_command_and_get_op("true", err_msg, output, 0), nullptr);
-  EXPECT_EQ(tslb_exe_command_and_get_op("true", nullptr, output, -5), nullptr);
-  EXPECT_STREQ(output, "before");
+TEST_F(Commands, OutputThatIsRefused) {
+  char out[8] = "before", said[513];
+  said[512] = 'g';
+  const std::string long_command = "true # " + std::string(1000, 'x');
+  EXPECT_EQ(tslb_run_cmd_and_get_last_line(long_command.c_str(), 0, out, said), -1);
+  EXPECT_LT(strlen(said), 511u);
+  EXPECT_EQ(tslb_exe_command_and_get_op("true", said, out, 0), nullptr);
+  EXPECT_EQ(tslb_exe_command_and_get_op("true", nullptr, out, -5), nullptr);
+  EXPECT_STREQ(out, "before");
   EXPECT_EQ(stderr_of([&] {
-              const no_processes_t limit;
-              EXPECT_EQ(tslb_exe_command_and_get_op("true", err_msg, output, 8), nullptr);
-              EXPECT_EQ(tslb_exe_command_and_get_op("true", nullptr, output, 8), nullptr);
+              const limit_t no_process_can_be_started(RLIMIT_NOFILE, 3);
+              EXPECT_EQ(tslb_run_cmd_and_get_last_line("true", 8, out, said), -1);
+              EXPECT_EQ(tslb_exe_command_and_get_op("true", said, out, 8), nullptr);
+              EXPECT_EQ(tslb_exe_command_and_get_op("true", nullptr, out, 8), nullptr);
             }),
-            "");
-  EXPECT_STREQ(err_msg, "command execution failed, error - Too many open files");
+            "Error: Error in executing command = true. Error = Too many open files\n");
+  EXPECT_STREQ(said, "command execution failed, error - Too many open files");
+  EXPECT_EQ(said[512], 'g');
 }

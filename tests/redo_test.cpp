@@ -1,5 +1,5 @@
 // Redo records: which bytes, under which position, in which order. The program brings its own redo pair.
-#include "array_support.h"
+#include "pool_support.h"
 #include "redo_recorder.h"
 
 constexpr uint64_t kNoTxn = ~uint64_t{0};
@@ -115,14 +115,7 @@ TEST(Redo, AllocationLogsHeaderAndNodesAfterTheLock) {
       EXPECT_EQ(record.rec_type, 5);
       EXPECT_FALSE(record.locked);
     }
-    // The header shows the new count, the nodes what they hold.
-    EXPECT_EQ(read_at<uint32_t>(records[0].bytes.data(), 68 + 4), 11u);
-    EXPECT_EQ(read_at<uint32_t>(records[1].bytes.data(), 0), TSLB_DA_SLOT_ACTIVE);
-    EXPECT_EQ(read_at<uint32_t>(records[1].bytes.data(), 4), TSLB_DA_NIL_IDX);
-    if (row.n_records == 3) {
-      EXPECT_EQ(read_at<uint32_t>(records[2].bytes.data(), 0), TSLB_DA_NIL_IDX);
-      EXPECT_EQ(read_at<uint32_t>(records[2].bytes.data(), 4), backward_node(array.get(), slot).ts);
-    }
+    EXPECT_EQ(read_at<uint32_t>(records[0].bytes.data(), 68 + 4), 11u) << "the header with the new count";
 
     // The gatekeeper word follows the records: while they are written a used slot shows a cleared payload.
     tslb_da_free_idx(array.get(), 4);
@@ -223,28 +216,64 @@ TEST(Redo, CreationLogsTheFilledHeader) {
   expect_records(wished.get(), log.take(), {{0, wished->arr_base, 80}});
 }
 
+// What is told last of a pool that has grown to `size`, with the lock released.
+static void expect_growth(const array_t &pool, const std::vector<redo_record_t> &records, uint64_t size) {
+  ASSERT_FALSE(records.empty());
+  expect_records(pool.get(), {records.back()}, {{size, nullptr, 0}});
+  EXPECT_EQ(records.back().rec_type, 13);
+  EXPECT_EQ(records.back().txn_id, kNoTxn);
+  EXPECT_FALSE(records.back().locked);
+}
+
 TEST(Redo, GrowthOfAPersistentPool) {
   redo_recorder_t log;
-  const array_t pool(tslb_init_dynmem(1000, 1, 0, MPOOL_TYPE_DRAM, 0, "pool", -4, 0));
+  const array_t pool = pool_of({.compat = 0, .daflag = 0}, 1);
   log.watch(&pool->spinlock);
   log.take();
-  maddr_t address;
-  for (int i = 0; i < 3; ++i) tslb_dynmem_get_mchunk(pool.get(), &address, 1000, srcaddr_t{});
-  const auto records = log.take();
-  ASSERT_EQ(records.size(), 3u) << "the first slot fills the direct area exactly and is told as well";
-  for (uint64_t i = 0; i < 3; ++i) {
-    EXPECT_EQ(records[i].rec_type, 13);
-    EXPECT_EQ(records[i].txn_id, kNoTxn);
-    EXPECT_EQ(records[i].data_off, 80 + 1008 * (i + 1));
-    EXPECT_EQ(records[i].data_ptr, nullptr);
-    EXPECT_EQ(records[i].bytes.size(), 0u);
-    EXPECT_EQ(records[i].ctx_name, "pool");
-    EXPECT_EQ(records[i].tbl_id, 0xFFFFFFFCu);
-    EXPECT_EQ(records[i].aux_idx, 0xFFFFFFFFu);
-    EXPECT_FALSE(records[i].locked);
+  for (uint64_t slots = 1; slots <= 3; ++slots) {  // the first one fills the direct area exactly and is told as well
+    take(pool, 1000);
+    const auto records = log.take();
+    EXPECT_EQ(records.size(), 1u);
+    expect_growth(pool, records, 80 + 1008 * slots);
   }
-  // A pool that does not persist grows in silence.
-  const array_t quiet(tslb_init_dynmem_ex1(1000, 1, 0, MPOOL_TYPE_DRAM, 0, "pool", -4, 0, 0, 0, 0));
-  tslb_dynmem_get_mchunk(quiet.get(), &address, 10, srcaddr_t{});
+  for (const bool wide : {false, true}) {
+    const array_t quiet = pool_of({.daflag = 0, .is_persist = 0}, 2);
+    if (wide)
+      take64(quiet);
+    else
+      take(quiet);
+    EXPECT_TRUE(log.take().empty()) << "a pool that does not persist grows in silence";
+  }
+}
+
+// With long addresses a pool's size leaves the nodes out, and follows the new slot down.
+TEST(Redo, GrowthUnderLongAddresses) {
+  redo_recorder_t log;
+  const array_t pool = pool_of({}, 2);
+  log.watch(&pool->spinlock);
+  log.take();
+  const uint64_t record_size = 1008, hdr_bytes = 140;
+  const auto take_slot = [&](uint64_t slots) {
+    const uint64_t wasted = hdr_of(pool).total_mwast;
+    const uint32_t slot_idx = take64(pool, 916).mslot_idx;
+    EXPECT_EQ(slot_idx, slots - 1);
+    EXPECT_EQ(hdr_of(pool).total_msz, record_size * slots + hdr_bytes);
+    EXPECT_EQ(hdr_of(pool).total_mwast, wasted + 16 + 8);
+    EXPECT_EQ(slot_at(pool, slot_idx).bytes_used, 916u);
+    EXPECT_EQ(slot_at(pool, slot_idx).bytes_del, 0u);
+    expect_growth(pool, log.take(), record_size * slots + hdr_bytes);
+  };
+  for (const uint64_t slots : {1, 2, 3, 4}) take_slot(slots);  // slot 0 lowers what creation counted for two
+  del(pool, maddr_t{1, 0});
+  log.take();
+  take_slot(2);
+  EXPECT_EQ(hdr_of(pool).total_mavail,
+            hdr_of(pool).total_msz - (hdr_bytes + hdr_of(pool).total_mused + hdr_of(pool).total_mwast));
+  const uint64_t wasted = hdr_of(pool).total_mwast;
+  take64(pool, 26);  // within the slot: no growth
+  EXPECT_EQ(hdr_of(pool).total_mwast, wasted + 16);
   EXPECT_TRUE(log.take().empty());
+  // The short form on the same pool counts the nodes, and does not go down.
+  take(pool, 916);
+  EXPECT_EQ(hdr_of(pool).total_msz, (record_size + 8) * 5 + hdr_bytes);
 }

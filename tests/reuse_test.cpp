@@ -1,11 +1,10 @@
 // Reuse of inactive slots: when a policy takes one back, how old it has to be, and what the caller is told. The system's
-// time is ours here.
+// time is ours here. That slots, lists, results and records agree over long histories of reuse is list_model_test's.
 #include <limits.h>
-
-#include <regex>
 
 #include "list_audit.h"
 #include "redo_recorder.h"
+#include "report.h"
 #include "tslb_settings.h"
 #include "tslb_util.h"
 
@@ -59,6 +58,16 @@ static array_t idle_array(uint32_t n_used, uint32_t n_inactive, const char *ctx_
 static void with_policy(const array_t &array, limits_t major, limits_t critical, uint8_t use = 1) {
   tsdb_mem_pressure_config_t policy = policy_of(major, critical, use);
   tslb_da_register_reuse_policy(array.get(), &policy);
+}
+
+// A slot's index, in the form that tells about it or in the other.
+static uint32_t take(const array_t &array, bool tells = false) {
+  uint32_t idx, last_ts;
+  uint8_t last_status;
+  EXPECT_NE(tells ? tslb_da_get_newptr_inll(array.get(), &idx, &last_ts, &last_status)
+                  : tslb_da_get_newptr(array.get(), &idx),
+            nullptr);
+  return idx;
 }
 
 class Reuse : public testing::Test {
@@ -121,33 +130,11 @@ TEST_F(Reuse, Thresholds) {
       const array_t array = idle_array(row.n_used, row.n_inactive);
       with_policy(array, row.major, row.critical, row.use);
       const indices_t before = audit_lists(array.get()).inactive;
-      uint32_t idx, last_ts;
-      uint8_t last_status;
-      EXPECT_NE(tells ? tslb_da_get_newptr_inll(array.get(), &idx, &last_ts, &last_status)
-                      : tslb_da_get_newptr(array.get(), &idx),
-                nullptr);
-      EXPECT_EQ(idx, row.reuses ? before.at(0) : row.n_used);
+      EXPECT_EQ(take(array, tells), row.reuses ? before.at(0) : row.n_used);
       EXPECT_EQ(tslb_da_get_size(array.get()), row.n_used + (row.reuses ? 0 : 1));
       EXPECT_EQ(audit_lists(array.get()).inactive, indices_t(before.begin() + (row.reuses ? 1 : 0), before.end()));
     }
   }
-}
-
-TEST_F(Reuse, HostsSwitchActsInTheTellingFormAlone) {
-  lib_config.tslb_mvt_reuse_enabled = 0;
-  const array_t array = idle_array(6, 3);
-  with_policy(array, kAlways, kAlways);
-  uint32_t idx, last_ts;
-  uint8_t last_status;
-  tslb_da_get_newptr_inll(array.get(), &idx, &last_ts, &last_status);
-  EXPECT_EQ(idx, 6u);
-  tslb_da_get_newptr(array.get(), &idx);
-  EXPECT_EQ(idx, 2u) << "the policy in the array alone decides";
-  lib_config.tslb_mvt_reuse_enabled = 2;
-  tslb_da_get_newptr_inll(array.get(), &idx, &last_ts, &last_status);
-  EXPECT_EQ(idx, 1u);
-  EXPECT_EQ(tslb_da_get_range(array.get(), 2), 0u) << "a range reuses as well";
-  EXPECT_EQ(tslb_da_get_size(array.get()), 8u);
 }
 
 TEST_F(Reuse, FreeSlotsFirstAndRootsThatContradictArePassedOver) {
@@ -156,11 +143,8 @@ TEST_F(Reuse, FreeSlotsFirstAndRootsThatContradictArePassedOver) {
     with_policy(array, kAlways, kAlways);
     tslb_da_free_idx(array.get(), 5);
     list_roots(array.get()).inact_head = head;
-    for (const uint32_t want : {5u, head == 4 ? 4u : 6u, head == 4 ? 3u : 7u}) {
-      uint32_t idx;
-      EXPECT_EQ(stderr_of([&] { tslb_da_get_newptr(array.get(), &idx); }), "");
-      EXPECT_EQ(idx, want);
-    }
+    for (const uint32_t want : {5u, head == 4 ? 4u : 6u, head == 4 ? 3u : 7u})
+      EXPECT_EQ(stderr_of([&] { EXPECT_EQ(take(array), want); }), "");
     EXPECT_EQ(list_roots(array.get()).n_inact, head == 4 ? 3u : 5u);
   }
 }
@@ -220,137 +204,58 @@ TEST_F(Reuse, AgeOnTheScaledClockThroughTheList) {
     tslb_da_inactivate_idx(array.get(), 1, 1);
     with_policy(array, kAlways, {0, 0, 0, row.limit});
     system_now = row.now;
-    uint32_t idx;
-    tslb_da_get_newptr(array.get(), &idx);
-    EXPECT_EQ(idx, row.reuses ? 3u : 6u);
+    EXPECT_EQ(take(array), row.reuses ? 3u : 6u);
     EXPECT_EQ(audit_lists(array.get()).inactive, row.reuses ? (indices_t{1}) : (indices_t{3, 1}));
   }
 }
 
 // ---- What is told -----------------------------------------------------------------------------------------------------
 
-enum source_t { PLAIN, FREED, INACTIVE, FRESH, FRESH_UNSEEN_HEAD, FRESH_YOUNG_HEAD, FULL };
-
+// Where there is no slot, and in a plain array, whose lock is not touched; and a caller who does not want the payload.
 TEST_F(Reuse, WhatTheCallerIsToldBySource) {
   static const struct {
     const char *fault;
-    source_t source;
+    uint8_t daflag;
     uint32_t idx;
     uint8_t status;
-    time_t ts;  // as an offset from the time of the call
-    bool tells_payload;
+    bool wants_payload;
   } rows[] = {
-      {"plain array", PLAIN, 6, 0, 0, false},
-      {"slot from the free list", FREED, 3, TSLB_DA_SLOT_FREE, 0, true},
-      {"slot from the inactive list", INACTIVE, 3, TSLB_DA_SLOT_INACTIVE, -500, true},
-      {"fresh slot, nothing idle", FRESH, 6, 0, 0, false},
-      {"fresh slot, thresholds not met", FRESH_UNSEEN_HEAD, 6, 0, 0, false},
-      {"fresh slot, head too young", FRESH_YOUNG_HEAD, 6, 0, -500, false},
-      {"no slot", FULL, kNil, 0, 0, false},
+      {"a plain array has no history", 0, 6, TSLB_DA_SLOT_UNSET, true},
+      {"a full array gives a slot", TSLB_DA_DAFLAG_INLL, kNil, TSLB_DA_SLOT_UNSET, true},
+      {"a payload that nobody wants is written", TSLB_DA_DAFLAG_INLL, 3, TSLB_DA_SLOT_FREE, false},
+      {"more than a payload is written", TSLB_DA_DAFLAG_INLL, 3, TSLB_DA_SLOT_FREE, true},
   };
   for (const auto &row : rows) {
-    for (const bool wants_payload : {true, false}) {
-      SCOPED_TRACE(testing::Message() << row.fault << (wants_payload ? "" : ", payload not asked for"));
-      system_now = kNow - 500;
-      const array_t owner = row.source == PLAIN
-                                ? array_t(tslb_da_init_v5(kRecordSize, 4, MPOOL_TYPE_DRAM, "metrics", 7))
-                                : idle_array(6, 0);
-      DynArrHandle_t *const array = owner.get();
-      if (row.source == PLAIN) {
-        for (int i = 0; i < 6; ++i) tslb_da_get_newidx(array);
-        array->spinlock = 1;  // a plain array does not take it
-      } else if (row.source == FREED) {
-        tslb_da_free_idx(array, 3);
-      } else if (row.source == FULL) {
-        get_dyn_hdr(array)->n_alloc = 0xFFFFFFFF;
-      } else if (row.source != FRESH) {
-        tslb_da_inactivate_idx(array, 3, kNow - 500);
-        tslb_da_inactivate_idx(array, 5, kNow - 400);
-        with_policy(owner, row.source == FRESH_UNSEEN_HEAD ? kNever : kAlways,
-                    row.source == FRESH_UNSEEN_HEAD ? kNever : limits_t{0, 0, 0, row.source == INACTIVE ? 500u : 501u});
-      }
-      system_now = kNow;
-      uint32_t idx = 99, last_ts = 99;
-      uint8_t last_status = 99;
-      char last_value[kRecordSize + 1];
-      memset(last_value, '#', sizeof(last_value));
-      const auto take = [&] {
-        return tslb_da_get_newptr_inll_ex(array, &idx, &last_ts, &last_status, wants_payload ? last_value : nullptr);
-      };
-      void *slot = nullptr;
-      const std::string report = stderr_of([&] { slot = take(); });
-      EXPECT_EQ(report.empty(), row.source != FULL) << report;
-      EXPECT_EQ(idx, row.idx);
-      EXPECT_EQ(slot, row.source == FULL ? nullptr : tslb_da_get_ptr(array, row.idx));
-      EXPECT_EQ(last_status, row.status);
-      EXPECT_EQ(last_ts, static_cast<uint32_t>(kNow + row.ts));
-      std::string payload(kRecordSize, row.tells_payload && wants_payload ? 'd' : '#');
-      if (row.source == FREED && wants_payload) payload.replace(0, 4, "\xFF\xFF\xFF\xFF");
-      EXPECT_EQ(std::string(last_value, sizeof(last_value)), payload + '#');
-      EXPECT_EQ(array->spinlock, row.source == PLAIN ? 1 : 0);
-      if (slot == nullptr) continue;
-      // Whatever it was, it comes out in one shape.
+    SCOPED_TRACE(row.fault);
+    const array_t array(tslb_da_init_ll(kRecordSize, 4, MPOOL_TYPE_DRAM, "metrics", 7, row.daflag));
+    for (int i = 0; i < 6; ++i) take(array);
+    if (row.status == TSLB_DA_SLOT_FREE) tslb_da_free_idx(array.get(), 3);
+    if (row.idx == kNil) get_dyn_hdr(array.get())->n_alloc = 0xFFFFFFFF;
+    array->spinlock = row.daflag == 0 ? 1 : 0;
+    uint32_t idx = 99, last_ts = 99;
+    uint8_t last_status = 99;
+    std::string last_value(kRecordSize + 1, '#');
+    void *slot = &slot;
+    const std::string report = stderr_of([&] {
+      slot = tslb_da_get_newptr_inll_ex(array.get(), &idx, &last_ts, &last_status,
+                                        row.wants_payload ? last_value.data() : nullptr);
+    });
+    EXPECT_EQ(report.empty(), row.idx != kNil) << report;
+    EXPECT_EQ(idx, row.idx);
+    EXPECT_EQ(slot, row.idx == kNil ? nullptr : tslb_da_get_ptr(array.get(), row.idx));
+    EXPECT_EQ(last_status, row.status);
+    EXPECT_EQ(last_ts, static_cast<uint32_t>(kNow));
+    const bool tells = row.status == TSLB_DA_SLOT_FREE && row.wants_payload;
+    EXPECT_EQ(last_value,
+              (tells ? "\xFF\xFF\xFF\xFF" + std::string(kRecordSize - 4, '\0') : std::string(kRecordSize, '#')) + '#');
+    EXPECT_EQ(array->spinlock, row.daflag == 0 ? 1 : 0);
+    if (row.daflag == 0) {
       EXPECT_EQ(std::string(bytes_of(slot), kRecordSize), "\xFF\xFF\xFF\xFF" + std::string(kRecordSize - 4, '\0'));
-      if (row.source == PLAIN) continue;
-      EXPECT_EQ(forward_node(slot).status, TSLB_DA_SLOT_ACTIVE);
-      EXPECT_EQ(forward_node(slot).next, kNil);
-      EXPECT_EQ(backward_node(array, slot).prev, kNil);
-      EXPECT_EQ(backward_node(array, slot).ts, static_cast<uint32_t>(kNow));
-      audit_lists(array);
     }
   }
 }
 
 // ---- Records --------------------------------------------------------------------------------------------------------
-
-TEST_F(Reuse, RecordsOfATakenHead) {
-  constexpr size_t kSlotBytes = 8 + kRecordSize + 8;
-  // The telling form tells nothing but the neighbour; a head that is the tail has none.
-  static const struct {
-    const char *fault;
-    uint32_t n_inactive;
-    bool tells;
-    std::vector<std::pair<uint64_t, size_t>> records;  // position and bytes
-    bool first_locked;
-  } rows[] = {
-      {"new head not told, or slot told by the telling form", 3, true, {{84 + 1 * kSlotBytes, kSlotBytes}}, true},
-      {"neighbour of an only member told", 1, true, {}, false},
-      {"new head not told first",
-       3,
-       false,
-       {{84 + 1 * kSlotBytes, kSlotBytes}, {0, 84}, {84 + 2 * kSlotBytes, 8}, {84 + 2 * kSlotBytes + 29, 8}},
-       true},
-      {"neighbour of an only member told", 1, false, {{0, 84}, {84, 8}, {84 + 29, 8}}, false},
-  };
-  for (const auto &row : rows) {
-    SCOPED_TRACE(testing::Message() << row.fault << (row.tells ? ", telling" : ""));
-    const array_t array = idle_array(6, row.n_inactive);
-    with_policy(array, kAlways, kAlways);
-    redo_recorder_t log(&array->spinlock);
-    uint32_t idx, last_ts;
-    uint8_t last_status;
-    if (row.tells)
-      tslb_da_get_newptr_inll(array.get(), &idx, &last_ts, &last_status);
-    else
-      tslb_da_get_newptr(array.get(), &idx);
-    EXPECT_EQ(idx, row.n_inactive - 1);
-    const auto records = log.take();
-    ASSERT_EQ(records.size(), row.records.size());
-    for (size_t i = 0; i < records.size(); ++i) {
-      SCOPED_TRACE(i);
-      EXPECT_EQ(records[i].data_off, row.records[i].first);
-      EXPECT_EQ(records[i].bytes.size(), row.records[i].second);
-      EXPECT_EQ(records[i].txn_id, ~uint64_t{0});
-      EXPECT_EQ(records[i].rec_type, 5);
-      EXPECT_EQ(records[i].locked, i == 0 && row.first_locked);
-    }
-    if (row.n_inactive == 3) {
-      EXPECT_EQ(read_at<uint32_t>(records[0].bytes.data(), 8 + kRecordSize), kNil) << "told ahead of the cut back link";
-      EXPECT_EQ(read_at<uint32_t>(records[0].bytes.data(), 4), 0u);
-      audit_lists(array.get());
-    }
-  }
-}
 
 TEST_F(Reuse, RegistrationStoresAllBytesAndLogsTheHeader) {
   tsdb_mem_pressure_config_t policy;
@@ -384,15 +289,10 @@ TEST_F(Reuse, RegistrationNeedsAnInactiveList) {
     const std::string before(bytes_of(array->arr_base), 84);
     redo_recorder_t log;
     const std::string report = stderr_of([&] { tslb_da_register_reuse_policy(array.get(), &policy); });
-    std::smatch found;
-    ASSERT_TRUE(std::regex_search(report, found,
-                                  std::regex("tslb_dynarr_alloc\\.cpp:[0-9]+:tslb_da_register_reuse_policy: "),
-                                  std::regex_constants::match_continuous))
-        << report;
-    EXPECT_EQ(found.suffix(),
-              std::string("Warrning: Trying to set reuse policy with dynamic array which do not have inactive linked "
-                          "list. DAInfo: ") +
-                  tslb_print_poolhdr(array.get()));
+    expect_report(report, "tslb_dynarr_alloc.cpp",
+                  std::string("tslb_da_register_reuse_policy: Warrning: Trying to set reuse policy with dynamic array "
+                              "which do not have inactive linked list. DAInfo: ") +
+                      tslb_print_poolhdr(array.get()));
     EXPECT_EQ(std::string(bytes_of(array->arr_base), 84), before);
     EXPECT_TRUE(log.take().empty());
   }
