@@ -204,6 +204,16 @@ static inline void write_nodes(void *payload, uint32_t record_size, uint8_t dafl
   set_word(&fw_of(payload)->status, TSLB_DA_SLOT_ACTIVE);
 }
 
+// A slot that has left its list, under the lock, which is given back.
+static inline void *hand_out(dynarr_t *array, const DynArrHdr_t *hdr, void *payload, uint32_t now) {
+  memset(payload, 0, hdr->record_size);
+  write_nodes(payload, hdr->record_size, array->daflag, now);
+  cas16(&array->spinlock, 1, 0);
+  if (somebody_logs(array)) abort();
+  set_word(payload, UINT32_MAX);
+  return payload;
+}
+
 void *floor_take_slot(dynarr_t *array, uint32_t *idx) {
   const uint8_t daflag = array->daflag;
   const uint32_t now = static_cast<uint32_t>(tslb_get_time(nullptr));
@@ -215,13 +225,8 @@ void *floor_take_slot(dynarr_t *array, uint32_t *idx) {
   if (payload == nullptr || head == word(&lli->free_tail)) abort();
   set_word(&lli->free_head, word(&fw_of(payload)->next));
   set_word(&lli->n_free, n_free - 1);
-  memset(payload, 0, hdr->record_size);
-  write_nodes(payload, hdr->record_size, daflag, now);
-  cas16(&array->spinlock, 1, 0);
-  if (somebody_logs(array)) abort();
-  set_word(payload, UINT32_MAX);
   *idx = head;
-  return payload;
+  return hand_out(array, hdr, payload, now);
 }
 
 static inline void append_free(dynarr_t *array, DynArrHdr_t *hdr, DynArrLLI_t *lli, uint8_t daflag, uint32_t idx,
@@ -290,13 +295,8 @@ void *floor_reuse_slot(dynarr_t *array, uint32_t *idx) {
   if (new_head != nullptr) set_word(&bw_of(new_head, hdr)->prev, TSLB_DA_NIL_IDX);
   if (load(&g_redo_handle) != nullptr) abort();
   set_word(&lli->n_inact, n_inact - 1);
-  memset(payload, 0, hdr->record_size);
-  write_nodes(payload, hdr->record_size, daflag, now);
-  cas16(&array->spinlock, 1, 0);
-  if (somebody_logs(array)) abort();
-  set_word(payload, UINT32_MAX);
   *idx = head;
-  return payload;
+  return hand_out(array, hdr, payload, now);
 }
 
 int floor_inactivate_slot(dynarr_t *array, uint32_t idx, time_t ts) {

@@ -69,7 +69,7 @@ void tsdb_recov_downgrade_rc_tysub_1_0(void *cbargs) {
   convert(__func__, cbargs, 0, [](char *to, const char *from) {
     typedef ty_sub_t_v1 newer_t;
     typedef ty_sub_t_v0 older_t;
-    // From gap to gap: up to the entries both layouts agree. The gaps of a new slot are zero and stay so.
+    // From gap to gap: up to the entries both layouts agree. The gaps stay what the new slot has there.
     memcpy(to, from, offsetof(older_t, gap10));
     memcpy(to + offsetof(older_t, nodes_group), from + offsetof(newer_t, nodes_group),
            offsetof(older_t, gap17) - offsetof(older_t, nodes_group));

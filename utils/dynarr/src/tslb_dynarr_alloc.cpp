@@ -58,26 +58,19 @@ static inline bool policy_wants_reuse(const list_array_t &list) {
   return passes(policy.major, n_used, n_inact, percent) || passes(policy.critical, n_used, n_inact, percent);
 }
 
-// A slot that left the inactive list.
-struct reused_t {
-  void *slot_ptr;  // null: policy or age spoke against it
-  uint32_t idx;
-  uint32_t ts;  // time of the head if one was looked at, else what the caller gave
-};
-
-// Takes the head of the inactive list if policy and age allow it. No other slot is looked at: the head has been inactive
-// for longest.
-__attribute__((always_inline)) static inline reused_t take_inactive_head(const list_array_t &list, uint32_t now) {
+// Takes the head of the inactive list if policy and age allow it; null if not. `*head_ts` is the head's time whenever a
+// head was looked at. No other slot is: the head has been inactive for longest.
+__attribute__((always_inline)) static inline void *take_inactive_head(const list_array_t &list, uint32_t *idx,
+                                                                      uint32_t *head_ts) {
   DynArrLLI_t *const lli = list.lli;
-  if (!policy_wants_reuse(list)) return {nullptr, TSLB_DA_NIL_IDX, now};
+  if (!policy_wants_reuse(list)) return nullptr;
   const uint32_t head = get32(&lli->inact_head);
   void *const slot_ptr = list.slot(head);
-  if (slot_ptr == nullptr) return {nullptr, TSLB_DA_NIL_IDX, now};
-  const uint32_t head_ts = get32(&list.bw(slot_ptr)->ts);
+  if (slot_ptr == nullptr) return nullptr;
+  *head_ts = get32(&list.bw(slot_ptr)->ts);
   // The limit comes from `critical` whichever set passed.
   const uint32_t min_age = lli->mem_pressure_conf.critical.min_days_since_inactive;
-  if (tslb_validate_days_since_node_inact(head_ts, static_cast<int>(min_age)) == 0)
-    return {nullptr, TSLB_DA_NIL_IDX, head_ts};
+  if (tslb_validate_days_since_node_inact(*head_ts, static_cast<int>(min_age)) == 0) return nullptr;
 
   if (head == get32(&lli->inact_tail)) {
     set32(&lli->inact_tail, TSLB_DA_NIL_IDX);
@@ -88,7 +81,8 @@ __attribute__((always_inline)) static inline reused_t take_inactive_head(const l
     lists_relink_prev(list, next, TSLB_DA_NIL_IDX);
   }
   set32(&lli->n_inact, get32(&lli->n_inact) - 1);
-  return {slot_ptr, head, head_ts};
+  *idx = head;
+  return slot_ptr;
 }
 
 // Days in name only: both sides are seconds of the library's clock. Single precision is part of the answer.
@@ -153,8 +147,8 @@ __attribute__((always_inline)) static inline void choose_slot(const list_array_t
   taken->slot_ptr = take_free_head(list, &taken->idx);
   if (taken->slot_ptr != nullptr) return;
   if (may_reuse && list.lli->mem_pressure_conf.mvt_reuse_policy_use != 0) {
-    const reused_t reused = take_inactive_head(list, now);
-    *taken = {reused.slot_ptr, reused.idx, reused.ts, TSLB_DA_SLOT_INACTIVE};
+    taken->slot_ptr = take_inactive_head(list, &taken->idx, &taken->last_ts);
+    taken->last_status = TSLB_DA_SLOT_INACTIVE;
     if (taken->slot_ptr != nullptr) return;
   }
   const int32_t id = issue_id(list.hdr, &taken->slot_ptr, [&](uint32_t issued) { return list.issued_slot(issued); });
