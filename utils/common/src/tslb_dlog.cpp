@@ -121,12 +121,16 @@ static void leave_file(TSLBDLog_t *log) {
   log->fd = -1;
 }
 
+static bool stat_current(const TSLBDLog_t *log, struct stat *file) {
+  if (log->fd >= 0) return stat(open_file, file) == 0;
+  char name[BASE_LEN + 1];
+  return name_file(log, name) && stat(name, file) == 0;
+}
+
 // Leaves a file that has grown to its size, and one that is gone, whose numbering begins again.
 static void roll_over(TSLBDLog_t *log) {
-  char name[BASE_LEN + 1];
-  const bool named = log->fd >= 0 || name_file(log, name);
   struct stat file;
-  if (!named || stat(log->fd >= 0 ? open_file : name, &file) != 0) {
+  if (!stat_current(log, &file)) {
     leave_file(log);
     log->fver = -1;
   } else if (file.st_size >= log->fmax_sz) {
