@@ -4,12 +4,12 @@
 
 #include <thread>
 
+#include "expect_report.h"
 #include "fault_alloc.h"
 #include "forced.h"
 #include "list_audit.h"
 #include "pool_support.h"
 #include "redo_recorder.h"
-#include "report.h"
 
 static bool release_is_met;
 static std::function<void()> before_release;  // of memory, by whoever is next

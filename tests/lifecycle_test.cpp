@@ -1,8 +1,8 @@
 // Life of a slot after allocation: list surgery at every position with the records that tell it, every status under
 // every operation, refusals to the character, and lists that were lost.
+#include "expect_report.h"
 #include "list_audit.h"
 #include "redo_recorder.h"
-#include "report.h"
 
 constexpr uint32_t kNil = TSLB_DA_NIL_IDX;
 constexpr uint32_t kNotReady = TSLB_DA_SLOT_NOT_READY;

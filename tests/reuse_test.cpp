@@ -2,9 +2,9 @@
 // time is ours here. That slots, lists, results and records agree over long histories of reuse is list_model_test's.
 #include <limits.h>
 
+#include "expect_report.h"
 #include "list_audit.h"
 #include "redo_recorder.h"
-#include "report.h"
 #include "tslb_settings.h"
 #include "tslb_util.h"
 

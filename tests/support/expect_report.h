@@ -1,6 +1,6 @@
 // Reports of the library that begin with their place.
-#ifndef TSLB_TESTS_REPORT_H
-#define TSLB_TESTS_REPORT_H
+#ifndef TSLB_TESTS_EXPECT_REPORT_H
+#define TSLB_TESTS_EXPECT_REPORT_H
 
 #include <gtest/gtest.h>
 
