@@ -15,6 +15,7 @@
 #include "forced.h"
 #include "system_support.h"
 #include "tslb_dlog_macros.h"
+#include "tslb_util.h"
 
 constexpr char kHeader[] = "#DateTime|FileName|LineNo|FunName|PID|TID|THName|Msg\n";
 
@@ -199,6 +200,48 @@ TEST_F(DebugLog, NumbersOfLines) {
   EXPECT_EQ(std::regex_replace(lines_of(0), std::regex("[^|]+(\\|f\\|[^|]+\\|g\\|).*\n"), "$1"), want);
 }
 
+// The first field of the last line, and what the clock says in the same second.
+static std::pair<std::string, std::string> stamp_and_clock(const std::function<std::string()> &log_and_read) {
+  char before[65], after[65];
+  std::string lines;
+  do {
+    tslb_get_cur_date_time(before, 0);
+    lines = log_and_read();
+    tslb_get_cur_date_time(after, 0);
+  } while (strcmp(before, after) != 0);
+  const size_t line = lines.rfind('\n', lines.size() - 2) + 1;
+  return {lines.substr(line, lines.find('|', line) - line), before};
+}
+
+TEST_F(DebugLog, StampsFollowTheClockAndTheTimeZone) {
+  start();
+  static const struct {
+    const char *zone;
+    int offset;
+  } rows[] = {
+      {"UTC0", 0},
+      {"UTC0", 3600},
+      {"UTC0", 0},
+      {"UTC-1", 0},                   // the same name at another distance
+      {"AST-5", 0},
+      {"AST-5ADT,0/0,J365/25", 0},    // summer all the year
+      {"BST-5ADT-7,0/0,J365/25", 0},  // another summer
+  };
+  for (const auto &row : rows) {
+    setenv("TZ", row.zone, 1);
+    tzset();
+    tslb_set_timestamp_offset(row.offset);
+    const auto [stamp, clock] = stamp_and_clock([&] {
+      log(0, "line");
+      return lines_of(0);
+    });
+    EXPECT_EQ(stamp, clock) << row.zone << ", " << row.offset;
+  }
+  tslb_set_timestamp_offset(0);
+  unsetenv("TZ");
+  tzset();
+}
+
 TEST_F(DebugLog, LinesAreCutToFit) {
   start();
   log(0, "");
@@ -267,9 +310,13 @@ TEST_F(DebugLog, NullAndLongTextsDoNotCrash) {
   start();
   tslb_dl_logging(0, nullptr, nullptr, 1, "text");
   tslb_dl_logging(0, "", "", 1, "text");
-  tslb_dl_logging(0, (std::string(2000, 'd') + "/of_a_long_path.cpp").c_str(), "f", 1, "text");
-  EXPECT_NE(lines_of(0).find("|of_a_long_path.cpp|1|"), std::string::npos);
-  EXPECT_EQ(count_lines(lines_of(0)), 3u);
+  static const char *const ends[][2] = {{"/of_a_long_path.cpp", "|of_a_long_path.cpp|1|"},
+                                        {"/of_a_folder//", "|of_a_folder|1|"}};
+  for (const auto &[end, name] : ends) {
+    tslb_dl_logging(0, (std::string(2000, 'd') + end).c_str(), "f", 1, "text");
+    EXPECT_NE(lines_of(0).find(name), std::string::npos) << end;
+  }
+  EXPECT_EQ(count_lines(lines_of(0)), 4u);
   tslb_dl_init_internal(nullptr, -1000, -1);
   EXPECT_STREQ(g_dl->fname_abs, "/tmp/tslb_dlog");
 }

@@ -10,6 +10,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "tslb_atomics.h"
@@ -172,66 +173,92 @@ static void tslb_dl_fwrite(TSLBDLog_t *log, const char *msg, size_t msg_len) {
 
 // ---- Lines ---------------------------------------------------------------------------------------------------------
 
-// Base name of a path, in a buffer, since basename may change what it is given. A path too long for it loses its start.
+// Base name of a path. One that ends in a slash is cut in a buffer, since basename may change what it is given; where it
+// is too long for that it loses its start.
 static const char *base_name_of(const char *path, char (&copy)[1024]) {
   if (path == nullptr) return "-";
+  const char *const slash = strrchr(path, '/');
+  const char *const name = slash == nullptr ? path : slash + 1;
+  if (name[0] != '\0') return name;
   const size_t len = strlen(path);
   const size_t skipped = len < sizeof(copy) ? 0 : len - sizeof(copy) + 1;
   memcpy(copy, path + skipped, len - skipped + 1);
   return basename(copy);
 }
 
-// A line as it grows. What does not fit is cut, and the room for the line's end stays.
-struct line_t {
-  char text[LINE_BYTES];
-  size_t len = 0;
+// A line grows from `at` to `end`, and each of these returns where it goes on. What does not fit is cut.
 
-  size_t room() const { return sizeof(text) - 1 - len; }
-  // A field and the bar behind it.
-  void add_field(const char *field) {
-    add(field, strlen(field));
-    add("|", 1);
+// A field and the bar behind it.
+static char *put_field(char *at, char *end, const char *field) {
+  const size_t len = strlen(field);
+  const size_t room = static_cast<size_t>(end - at);
+  memcpy(at, field, len < room ? len : room);
+  if (len >= room) return end;
+  at[len] = '|';
+  return at + len + 1;
+}
+static char *put_field(char *at, char *end, int number) {
+  if (end - at <= NUMBER_LEN) {
+    char digits[NUMBER_LEN + 1];
+    *put_number(digits, number) = '\0';
+    return put_field(at, end, digits);
   }
-  void add_field(int number) {
-    char digits[NUMBER_LEN];
-    add(digits, static_cast<size_t>(put_number(digits, number) - digits));
-    add("|", 1);
-  }
-  void add(const char *from, size_t bytes) {
-    const size_t kept = bytes < room() ? bytes : room();
-    memcpy(text + len, from, kept);
-    len += kept;
-  }
-  __attribute__((format(printf, 2, 0))) void add_formatted(const char *fmt, va_list values) {
-    const int wanted = vsnprintf(text + len, room() + 1, fmt, values);
-    if (wanted > 0) len += static_cast<size_t>(wanted) < room() ? static_cast<size_t>(wanted) : room();
-  }
-};
+  at = put_number(at, number);
+  *at = '|';
+  return at + 1;
+}
+
+// The message. `end` has room for the terminator.
+__attribute__((format(printf, 3, 0))) static char *put_message(char *at, char *end, const char *fmt, va_list values) {
+  const int wanted = vsnprintf(at, static_cast<size_t>(end - at) + 1, fmt, values);
+  return wanted < 0 ? at : wanted < end - at ? at + wanted : end;
+}
+
+// The date and time of a line, under the log's lock. The lines of one second share it: a conversion to local time, around
+// which signals are blocked, costs two system calls. A host that changes its time zone is believed at once.
+static const char *current_date_time() {
+  static struct {
+    time_t second;
+    long zone;
+    const char *zone_names[2];
+    char text[65];
+  } last;
+  const time_t now = tslb_get_time(nullptr);
+  if (last.text[0] != '\0' && last.second == now && last.zone == timezone && last.zone_names[0] == tzname[0] &&
+      last.zone_names[1] == tzname[1])
+    return last.text;
+  date_time_of(now, last.text, true);
+  last.second = now;
+  last.zone = timezone;
+  last.zone_names[0] = tzname[0];
+  last.zone_names[1] = tzname[1];
+  return last.text;
+}
 
 void tslb_dl_logging(int dlevel, const char *file_name, const char *fun_name, int line_no, const char *fmt, ...) {
   TSLBDLog_t *const log = the_log();
   if (log == nullptr || dlevel > __atomic_load_n(&log->level, __ATOMIC_RELAXED)) return;
   const int caller_errno = errno;
   tslb_dl_set_thid(log);
-  char base[1024], date_time[65];
-  line_t line;
+  char base[1024], line[LINE_BYTES];
+  char *const end = line + sizeof(line) - 1;  // the newline has its room
   const char *const file = base_name_of(file_name, base);
 
   pthread_mutex_lock(&log->dl_thlock);
-  line.add_field(tslb_get_cur_date_time(date_time, 1));
-  line.add_field(file);
-  line.add_field(line_no);
-  line.add_field(fun_name != nullptr ? fun_name : "-");
-  line.add_field(log->pid);
-  line.add_field(g_tid);
-  line.add_field(g_thname);
+  char *at = put_field(line, end, current_date_time());
+  at = put_field(at, end, file);
+  at = put_field(at, end, line_no);
+  at = put_field(at, end, fun_name != nullptr ? fun_name : "-");
+  at = put_field(at, end, log->pid);
+  at = put_field(at, end, g_tid);
+  at = put_field(at, end, g_thname);
   va_list values;
   va_start(values, fmt);
   errno = caller_errno;  // which %m shows
-  line.add_formatted(fmt, values);
+  at = put_message(at, end, fmt, values);
   va_end(values);
-  line.text[line.len++] = '\n';
-  tslb_dl_fwrite(log, line.text, line.len);
+  *at++ = '\n';
+  tslb_dl_fwrite(log, line, static_cast<size_t>(at - line));
   pthread_mutex_unlock(&log->dl_thlock);
   errno = caller_errno;
 }

@@ -2,25 +2,31 @@
 #ifndef TSLB_TEXT_H
 #define TSLB_TEXT_H
 
+#include <time.h>
+
 constexpr int NUMBER_LEN = 11;  // "-2147483648"
 
 // As "%d", without a terminator. The result is behind the last digit; `at` has room for NUMBER_LEN characters.
 // Not std::to_chars, whose table of digits every library that uses it exports.
 static inline char *put_number(char *at, int number) {
-  char digits[NUMBER_LEN];
-  int n_digits = 0;
   unsigned left = number < 0 ? 0u - static_cast<unsigned>(number) : static_cast<unsigned>(number);
-  do digits[n_digits++] = static_cast<char>('0' + left % 10);
-  while ((left /= 10) != 0);
   if (number < 0) *at++ = '-';
-  while (n_digits != 0) *at++ = digits[--n_digits];
-  return at;
+  for (unsigned above = left; above >= 10; above /= 10) ++at;
+  char *const end = at + 1;
+  for (; left >= 10; left /= 10) *at-- = static_cast<char>('0' + left % 10);
+  *at = static_cast<char>('0' + left);
+  return end;
 }
 
 // As "%02d".
 static inline char *put_padded(char *at, int number) {
-  if (number >= 0 && number < 10) *at++ = '0';
-  return put_number(at, number);
+  if (number < 0 || number > 99) return put_number(at, number);
+  at[0] = static_cast<char>('0' + number / 10);
+  at[1] = static_cast<char>('0' + number % 10);
+  return at + 2;
 }
+
+// What tslb_get_cur_date_time writes, for a given instant.
+char *date_time_of(time_t instant, char *time_string, bool signals_blocked);
 
 #endif
