@@ -80,15 +80,16 @@ static bool is_current(const dynmem_t *pool, uint32_t slot_idx) {
 // Gives a slot back if it is empty still, and says whether it did. Not in line: who finds nothing to give back saves no
 // registers for it.
 __attribute__((noinline)) static bool release_if_empty(dynmem_t *pool, uint32_t slot_idx, MemSlot_t *slot) {
-  if (!has_lists(pool)) return tslb_da_free_idx(pool, slot_idx) == 0;  // which says why it cannot
+  if (__builtin_expect(!has_lists(pool), 0)) return tslb_da_free_idx(pool, slot_idx) == 0;  // which says why it cannot
   spin_lock(&pool->spinlock);
+  const list_array_t list = list_array_of(pool);
   // A complete ring comes to the slot again without asking any list: on one, it would be free and current at once.
   // Settled first: a counter that catches up between the two must be seen by the comparison.
   const bool is_empty =
       !is_complete_ring(pool) && !is_current(pool, slot_idx) && is_settled(pool, slot_idx) && looks_empty(slot);
-  const bool released = is_empty && lists_free(list_array_of(pool), slot_idx, slot) == 0;
+  const bool released = __builtin_expect(is_empty, 1) && lists_free(list, slot_idx, slot) == 0;
   spin_unlock(&pool->spinlock);
-  if (!released) return false;
+  if (__builtin_expect(!released, 0)) return false;
   lists_log_freed(pool, slot_idx);
   return true;
 }
