@@ -1,20 +1,22 @@
 // What does it cost to reach a record by its id?
 //
-// Asked: get_dyn_arr_record_position_ex on records of 100 bytes, in the direct area and at levels 1, 3 and 5,
-// and one load from the record it returns. Against the floor (floor.h), and against std::vector (the limit),
-// std::deque and oneTBB's concurrent_vector of the same records. Three orders: sequential, random (ids known ahead, so that lookups
-// overlap), and chained (each record names the next id, so that a lookup waits for the one before).
+// Asked: get_dyn_arr_record_position_ex on ten million records of 100 bytes, in the direct area and at levels 1 to 5, of
+// which level 4 has a million and level 5 the rest, and one load from the record it returns. Against the floor (floor.h),
+// and against std::vector (the limit), std::deque and oneTBB's concurrent_vector of the same records. Three orders:
+// sequential, random (ids known ahead, so that lookups overlap), and chained (each record names the next id, so that a
+// lookup waits for the one before). A round goes on where the one before stopped, so that records of a large level are not
+// in the caches because they were read just now.
 //
-// Not asked: arrays with nodes; lookups beside a writer; memory that is in no cache (the ids of a run are the
-// same in every round, and their records stay within the last-level cache); ids that change level from one to
-// the next, which adds a mispredicted branch. The vector never moves here; one that grows would, and is no
-// peer then.
+// Not asked: level 6, whose first id comes behind 17 million; arrays with nodes; lookups beside a writer; ids that change
+// level from one to the next, which adds a mispredicted branch. The vector never moves here; one that grows would, and is
+// no peer then.
 //
 // Run: bench_lookup [--quick] [--benchmark_filter=REGEX]
 #include <stdlib.h>
 
 #include <algorithm>
 #include <deque>
+#include <memory>
 #include <numeric>
 #include <random>
 #include <string>
@@ -36,17 +38,27 @@ struct record_t {
 static_assert(sizeof(record_t) == 100);
 
 constexpr uint32_t N_DIRECT = 1000;
-constexpr uint32_t LOOKUPS = 1u << 15;
+constexpr uint32_t LOOKUPS = 1u << 15;  // of a round
+constexpr uint32_t LONGEST_ORDER = LOOKUPS * (ROUNDS + 1);
 
 struct level_t {
   const char *name;
   uint32_t first, count;
 };
-constexpr level_t DIRECT = {"direct", 0, N_DIRECT};
-constexpr level_t LEVEL1 = {"level 1", N_DIRECT, 0x100};
-constexpr level_t LEVEL3 = {"level 3", N_DIRECT + 0x1100, 0x10000};
-constexpr level_t LEVEL5 = {"level 5", N_DIRECT + 0x111100, 0x40000};  // its first quarter million of 16 million
-constexpr uint32_t TOTAL = N_DIRECT + 0x111100 + 0x40000;
+
+// Filled one after the other, the last one up to ten million records.
+static const std::vector<level_t> &levels() {
+  static const uint32_t total = is_quick() ? 1400000 : 10000000;
+  static const std::vector<level_t> all = {
+      {"direct", 0, N_DIRECT},
+      {"level 1", N_DIRECT, 0x100},
+      {"level 2", N_DIRECT + 0x100, 0x1000},
+      {"level 3", N_DIRECT + 0x1100, 0x10000},
+      {"level 4", N_DIRECT + 0x11100, 0x100000},
+      {"level 5", N_DIRECT + 0x111100, total - N_DIRECT - 0x111100},
+  };
+  return all;
+}
 
 // The same records several times.
 struct records_t {
@@ -69,10 +81,10 @@ static void link_level(const level_t &level, std::vector<record_t> *records, std
 static records_t make_records() {
   records_t made;
   made.array = get_default_dyn_array(sizeof(record_t), N_DIRECT, MPOOL_TYPE_DRAM);
-  made.vector.resize(TOTAL);
-  for (uint32_t id = 0; id < TOTAL; ++id) made.vector[id].id = id;
+  made.vector.resize(levels().back().first + levels().back().count);
+  for (uint32_t id = 0; id < made.vector.size(); ++id) made.vector[id].id = id;
   std::mt19937 random(1);
-  for (const level_t &level : {DIRECT, LEVEL1, LEVEL3, LEVEL5}) link_level(level, &made.vector, &random);
+  for (const level_t &level : levels()) link_level(level, &made.vector, &random);
   for (const record_t &record : made.vector) {
     void *place;
     if (get_dyn_arr_new_record_id_ex(made.array, &place, 0) != static_cast<int32_t>(record.id)) abort();
@@ -94,34 +106,35 @@ enum order_t { SEQUENTIAL, RANDOM, CHAINED };
 
 static std::vector<uint32_t> ids_of(const level_t &level, order_t order) {
   std::mt19937 random(2);
-  std::vector<uint32_t> ids(LOOKUPS);
-  for (uint32_t i = 0; i < LOOKUPS; ++i) ids[i] = level.first + (order == RANDOM ? random() : i) % level.count;
+  std::vector<uint32_t> ids(order == CHAINED ? 1 : LONGEST_ORDER);
+  for (uint32_t i = 0; i < ids.size(); ++i) ids[i] = level.first + (order == RANDOM ? random() : i) % level.count;
   return ids;
 }
 
 // The loop that all rivals share; `find` is what differs.
 template <class Find>
-static rival_t rival(const char *name, const std::vector<uint32_t> &ids, order_t order, Find find) {
+static rival_t rival(const char *name, const std::shared_ptr<const std::vector<uint32_t>> &ids, order_t order,
+                     Find find) {
   if (order == CHAINED)
     return {name,
-            [first = ids[0], find](unsigned) {
+            [id = (*ids)[0], find](unsigned) mutable {
               uint64_t sum = 0;
-              uint32_t id = first;
               for (uint32_t i = 0; i < LOOKUPS; ++i) sum += id = find(id)->next;
               return sum;
             },
             {}};
   return {name,
-          [ids, find](unsigned) {
+          [ids, at = size_t{0}, find](unsigned) mutable {
             uint64_t sum = 0;
-            for (const uint32_t id : ids) sum += find(id)->id;
+            for (size_t end = at + LOOKUPS; at < end; ++at) sum += find((*ids)[at])->id;
+            at %= LONGEST_ORDER;
             return sum;
           },
           {}};
 }
 
 static std::vector<rival_t> make_rivals(const level_t &level, order_t order) {
-  const std::vector<uint32_t> ids = ids_of(level, order);
+  const auto ids = std::make_shared<const std::vector<uint32_t>>(ids_of(level, order));
   const records_t &all = records();
   const DynamicArray_t array = all.array;
   const auto ours = [array](uint32_t id) {
@@ -152,10 +165,7 @@ static void add_level(const level_t &level) {
 }
 
 static void add_cases() {
-  add_level(DIRECT);
-  add_level(LEVEL1);
-  add_level(LEVEL3);
-  add_level(LEVEL5);
+  for (const level_t &level : levels()) add_level(level);
 }
 
 int main(int argc, char **argv) {
