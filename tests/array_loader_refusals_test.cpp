@@ -3,20 +3,14 @@
 #include "fault_alloc.h"
 #include "loader_support.h"
 
-static array_load_options_t of_kind(uint8_t kind) {
-  array_load_options_t options = ANY;
-  options.kind = kind;
-  return options;
+static array_load_options_t of_kind(uint8_t kind, char mem_type = MPOOL_TYPE_DRAM) {
+  return {"ctx", 12, mem_type, kind, 0};
 }
 static array_load_options_t in_memory(char mem_type) {
-  array_load_options_t options = ANY;
-  options.mem_type = mem_type;
-  return options;
+  return of_kind(ARRAY_LOAD_ANY, mem_type);
 }
 static array_load_options_t blocks_up_to(uint64_t bytes) {
-  array_load_options_t options = ANY;
-  options.max_block_bytes = bytes;
-  return options;
+  return {"ctx", 12, MPOOL_TYPE_DRAM, ARRAY_LOAD_ANY, bytes};
 }
 
 TEST(ArrayLoader, WhatTheCallerWants) {
@@ -264,16 +258,13 @@ TEST(ArrayLoader, OnlyTheCursorsSlotMayBeCut) {
 }
 
 TEST(ArrayLoader, RingsHaveAnEnd) {
-  const pool_kind_t bit_vector = {"", 8, 4, 0, MPOOL_FLAG_BV, 0};
   for (const int n_slots : {254, 255}) {
-    const array_t pool(tslb_init_dynmem(8, 4, 0, MPOOL_TYPE_DRAM, bit_vector.slot_type, "ctx", 12, 0));
+    const array_t pool(tslb_init_dynmem(8, 4, 0, MPOOL_TYPE_DRAM, MPOOL_FLAG_BV, "ctx", 12, 0));
     maddr_t address;
     for (int i = 0; i < n_slots; ++i) tslb_dynmem_get_mchunk(pool.get(), &address, 8, srcaddr_t{});
-    array_load_options_t as_ring = POOL;
-    as_ring.mem_type = MPOOL_TYPE_DRAM_TMP;
     const std::string stream = stream_of(pool.get());
     EXPECT_EQ(load(stream, POOL).error, "");
-    const loaded_t ring = load(stream, as_ring);
+    const loaded_t ring = load(stream, of_kind(ARRAY_LOAD_POOL, MPOOL_TYPE_DRAM_TMP));
     EXPECT_EQ(ring.error, n_slots == 254 ? "" : "byte 68: n_used 255, and a ring has 254 slots");
     if (ring.array == nullptr) continue;
     stdout_of([&] { tslb_dynmem_get_mchunk(ring.array.get(), &address, 8, srcaddr_t{}); });

@@ -4,19 +4,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
-
 #include "block_files.h"
 #include "loader_support.h"
 #include "tslb_settings.h"
-
-namespace fs = std::filesystem;
-
-extern "C" __attribute__((visibility("default"))) time_t time(time_t *at) {
-  if (at != nullptr) *at = now;
-  return now;
-}
 
 // What the next reads do: a count is read at most that far, -1 fails with EINTR, -2 with EIO. Behind the script, and
 // without one, reads are the system's.
@@ -55,26 +45,6 @@ static const struct {
     {"a slot longer than what is read ahead is cut", 0, 40000, 2, TSLB_DA_DAFLAG_INLL, 5},
     {"56 bytes that are no pool's header are read as one", 56, 12, 4, TSLB_DA_DAFLAG_INLL, 9},
 };
-
-TEST(ArrayLoader, SlotArraysComeBackAndGoOn) {
-  lib_config.tslb_mvt_reuse_enabled = 1;
-  for (const auto &row : slot_arrays) {
-    SCOPED_TRACE(row.fault);
-    const array_t original = slot_array(row.usrhdr_sz, row.record_sz, row.n_direct, row.daflag, row.n_used);
-    if ((row.daflag & TSLB_DA_DAFLAG_INLL) != 0) {
-      tsdb_mem_pressure_config_t policy = {1, {}, {0, 0, 0, 3, 10}, {1, 0, 2, 0, 10}};
-      tslb_da_register_reuse_policy(original.get(), &policy);
-    }
-    const loaded_t loaded = load(stream_of(original.get()));
-    ASSERT_NE(loaded.array, nullptr) << loaded.error;
-    EXPECT_EQ(loaded.array->daflag, row.daflag);
-    EXPECT_STREQ(loaded.array->ctx_name, "ctx");
-    EXPECT_EQ(loaded.array->tbl_id, 12u);
-    expect_same_from_now_on(original.get(), loaded.array.get(), go_on_with_slots);
-    if (row.daflag != 0) audit_lists(loaded.array.get());
-  }
-  lib_config.tslb_mvt_reuse_enabled = 0;
-}
 
 static const pool_kind_t pool_kinds[] = {
     {"a pool without lists is not read as one", 64, 2, 0, 0, 0},
@@ -116,13 +86,21 @@ class Descriptors : public testing::Test {
   }
 };
 
+// Through a pipe, which tells no size and has no way back.
 TEST_F(Descriptors, ShortAndInterruptedReadsGoOn) {
-  const array_t original = slot_array(0, 9000, 3, TSLB_DA_DAFLAG_INLL, 30);
+  const array_t original = slot_array(13, 9000, 3, TSLB_DA_DAFLAG_INLL, 6);
+  const std::string stream = stream_of(original.get());
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  ASSERT_EQ(write(ends[1], stream.data(), stream.size()), static_cast<ssize_t>(stream.size()));
+  close(ends[1]);
   read_script = {-1, 5, -1, -1, 1, 2, 75, 3, -1, 8999, 17, 1, 1, -1, 16384, 1, -1};
-  const loaded_t loaded = load(stream_of(original.get()));
+  const loaded_t loaded =
+      loaded_by([&](char *error, size_t size) { return array_load_stream(ends[0], &ANY, error, size); });
+  close(ends[0]);
   ASSERT_NE(loaded.array, nullptr) << loaded.error;
   EXPECT_EQ(read_script_at, read_script.size());
-  EXPECT_EQ(stream_of(loaded.array.get()), stream_of(original.get()));
+  EXPECT_EQ(stream_of(loaded.array.get()), stream);
 }
 
 TEST_F(Descriptors, FailedReadIsTold) {
@@ -139,21 +117,6 @@ TEST_F(Descriptors, FailedReadIsTold) {
   EXPECT_EQ(array_load_stream(-1, &ANY, nullptr, 0), nullptr);
   EXPECT_EQ(array_load_stream(-1, &ANY, error, 8), nullptr);
   EXPECT_STREQ(error, "byte 0:") << "cut to fit";
-}
-
-// A pipe tells no size and has no way back. What it gives at once are its own pieces.
-TEST_F(Descriptors, StreamsComeThroughAPipe) {
-  const array_t original = slot_array(13, 90, 3, TSLB_DA_DAFLAG_INLL, 300);
-  const std::string stream = stream_of(original.get());
-  int ends[2];
-  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-  ASSERT_EQ(write(ends[1], stream.data(), stream.size()), static_cast<ssize_t>(stream.size()));
-  close(ends[1]);
-  const loaded_t loaded =
-      loaded_by([&](char *error, size_t size) { return array_load_stream(ends[0], &ANY, error, size); });
-  close(ends[0]);
-  ASSERT_NE(loaded.array, nullptr) << loaded.error;
-  EXPECT_EQ(stream_of(loaded.array.get()), stream_of(original.get()));
 }
 
 TEST_F(Descriptors, StreamBeginsWhereTheDescriptorStands) {
@@ -184,24 +147,30 @@ class BlockFiles : public Descriptors {
   }
   std::string file(int block) const { return folder() / ("12." + std::to_string(block) + ".darr"); }
   fs::path folder() const { return base_.path / "ctx"; }
-  void patch(int block, long at, uint32_t value) const {
-    std::fstream out(file(block), std::ios::in | std::ios::out | std::ios::binary);
-    out.seekp(at).write(reinterpret_cast<const char *>(&value), sizeof(value));
-    ASSERT_TRUE(out.good());
-  }
   const base_path_t base_;
 };
 
-TEST_F(BlockFiles, ArraysComeBackAndGoOn) {
+TEST_F(BlockFiles, SlotArraysComeBackAndGoOn) {
+  lib_config.tslb_mvt_reuse_enabled = 1;
   for (const auto &row : slot_arrays) {
-    SCOPED_TRACE(row.fault);
-    fs::remove_all(folder());
-    const array_t original =
-        slot_array(row.usrhdr_sz, row.record_sz, row.n_direct, row.daflag, row.n_used, MPOOL_TYPE_SHM);
-    const loaded_t loaded = load_files();
-    ASSERT_NE(loaded.array, nullptr) << loaded.error;
-    expect_same_from_now_on(original.get(), loaded.array.get(), go_on_with_slots);
+    for (const char mem_type : std::initializer_list<char>{MPOOL_TYPE_DRAM, MPOOL_TYPE_SHM}) {
+      SCOPED_TRACE(testing::Message() << row.fault << ", memory " << int{mem_type});
+      fs::remove_all(folder());
+      const array_t original = slot_array(row.usrhdr_sz, row.record_sz, row.n_direct, row.daflag, row.n_used, mem_type);
+      if ((row.daflag & TSLB_DA_DAFLAG_INLL) != 0) {
+        tsdb_mem_pressure_config_t policy = {1, {}, {0, 0, 0, 3, 10}, {1, 0, 2, 0, 10}};
+        tslb_da_register_reuse_policy(original.get(), &policy);
+      }
+      const loaded_t loaded = mem_type == MPOOL_TYPE_SHM ? load_files() : load(stream_of(original.get()));
+      ASSERT_NE(loaded.array, nullptr) << loaded.error;
+      EXPECT_EQ(loaded.array->daflag, row.daflag);
+      EXPECT_STREQ(loaded.array->ctx_name, "ctx");
+      EXPECT_EQ(loaded.array->tbl_id, 12u);
+      expect_same_from_now_on(original.get(), loaded.array.get(), go_on_with_slots);
+      if (row.daflag != 0) audit_lists(loaded.array.get());
+    }
   }
+  lib_config.tslb_mvt_reuse_enabled = 0;
 }
 
 TEST_F(BlockFiles, PoolsComeBackAndGoOn) {
@@ -217,13 +186,8 @@ TEST_F(BlockFiles, LongNamesAndNegativeIds) {
   const std::string name = "a name of more than thirty-two characters";
   const array_t original(get_default_dyn_array_ex(0, 8, 1, MPOOL_TYPE_SHM, -3, name.c_str(), 0));
   for (int i = 0; i < 9; ++i)
-    write_at(
-        get_dyn_arr_record_position(original.get(), static_cast<uint32_t>(get_dyn_arr_new_record_id(original.get()))),
-        0, i + 0x123456789LL);
-  array_load_options_t options = ANY;
-  options.ctx_name = name.c_str();
-  options.tbl_id = -3;
-  const loaded_t loaded = load_files(options);
+    write_at(tslb_da_get_ptr(original.get(), tslb_da_get_newidx(original.get())), 0, i + 0x123456789LL);
+  const loaded_t loaded = load_files({name.c_str(), -3, MPOOL_TYPE_DRAM, ARRAY_LOAD_ANY, 0});
   ASSERT_NE(loaded.array, nullptr) << loaded.error;
   EXPECT_EQ(stream_of(loaded.array.get()), stream_of(original.get()));
 }
@@ -237,12 +201,10 @@ TEST_F(BlockFiles, PathWithoutABase) {
   fs::current_path(base_.path);
   EXPECT_EQ(load_from(nullptr, ANY).error, "");
   EXPECT_EQ(load_from("", ANY).error, "");
-  array_load_options_t options = ANY;
-  options.tbl_id = 13;
-  expect_refused(load_from("", options), "ctx/13.0.darr: No such file or directory");
+  const array_load_options_t other = {"ctx", 13, MPOOL_TYPE_DRAM, ARRAY_LOAD_ANY, 0};
+  expect_refused(load_from("", other), "ctx/13.0.darr: No such file or directory");
   fs::current_path(before);
-  options.ctx_name = "";
-  EXPECT_EQ(load_from(std::string(4090, 'x').c_str(), options).array, nullptr);
+  EXPECT_EQ(load_from(std::string(4090, 'x').c_str(), {"", 13, MPOOL_TYPE_DRAM, ARRAY_LOAD_ANY, 0}).array, nullptr);
 }
 
 // Block 0: 84 bytes of headers and 3 slots of 25. Data blocks: 400 bytes each, two of them, the second with 2 slots.
@@ -251,7 +213,9 @@ TEST_F(BlockFiles, FilesThatAreNotAsTheHeaderSays) {
     return [=, this] { fs::resize_file(file(block), static_cast<uintmax_t>(bytes)); };
   };
   const auto remove = [this](int block) { return [=, this] { fs::remove(file(block)); }; };
-  const auto set = [this](int block, long at, uint32_t value) { return [=, this] { patch(block, at, value); }; };
+  const auto set = [this](int block, long at, uint32_t value) {
+    return [=, this] { patch_file(file(block), at, value); };
+  };
   const struct {
     const char *fault;
     std::function<void()> damage;
@@ -305,7 +269,7 @@ TEST_F(BlockFiles, FileThatShrinksMeanwhileIsNoCutPool) {
 
 TEST_F(BlockFiles, UnusedSlotsComeBackEmptyAndOtherFilesAreLeft) {
   const array_t original = slot_array(0, 9, 3, 0, 5, MPOOL_TYPE_SHM);
-  patch(1, 5 * 9, 0x55555555);
+  patch_file(file(1), 5 * 9, 0x55555555);
   std::ofstream(file(2)) << "an old file";
   const loaded_t loaded = load_files();
   ASSERT_NE(loaded.array, nullptr) << loaded.error;

@@ -1,4 +1,5 @@
 // The one-line texts about arrays and pools, whole.
+#include <functional>
 #include <thread>
 
 #include "array_support.h"
@@ -94,17 +95,31 @@ TEST(PoolLine, LongestLineIsNotCut) {
   EXPECT_EQ(g_mpool_hdr_str[2048], 0);
 }
 
-TEST(PoolLine, BufferIsTheThreadsOwn) {
+TEST(Description, ShowsListsOfInactiveListArraysOnly) {
+  const array_t both(tslb_da_init_ll(100, 5, MPOOL_TYPE_DRAM, "ctx", 12, TSLB_DA_DAFLAG_INLL));
+  EXPECT_EQ(std::string(tslb_da_get_hdr_str(both.get())),
+            text("dyn_arr ptr[%p], da_flag[2], n_alloc[5], n_used[0], n_direct[5], record_size[100], n_inact[0], "
+                 "n_free[0], n_act[0], inact_head[-1], inact_tail[-1], free_head[-1], free_tail[-1]",
+                 static_cast<void *>(both.get())));
+  const array_t free_only(tslb_da_init_ll(100, 5, MPOOL_TYPE_DRAM, "ctx", 12, TSLB_DA_DAFLAG_LL));
+  tslb_da_get_range(free_only.get(), 1);
+  EXPECT_EQ(std::string(tslb_da_get_hdr_str(free_only.get())),
+            text("dyn_arr ptr[%p], da_flag[1], n_alloc[5], n_used[1], n_direct[5], record_size[100]",
+                 static_cast<void *>(free_only.get())));
+}
+
+TEST(Lines, BuffersAreTheThreadsOwn) {
   const array_t first(tslb_da_init_v5(10, 2, MPOOL_TYPE_DRAM, "first", 1));
-  const array_t second(tslb_da_init_v5(10, 2, MPOOL_TYPE_DRAM, "second", 1));
-  const char *const line = tslb_print_poolhdr(first.get());
-  EXPECT_EQ(line, g_mpool_hdr_str);
-  std::thread([&] {
-    EXPECT_NE(std::string(tslb_print_poolhdr(second.get())).find("second"), std::string::npos);
-  }).join();
-  EXPECT_NE(std::string(line).find("first"), std::string::npos) << "another thread wrote into this one's text";
-  tslb_print_poolhdr(second.get());
-  EXPECT_NE(std::string(line).find("second"), std::string::npos);
+  const array_t second(tslb_da_init_v5(20, 2, MPOOL_TYPE_DRAM, "second", 1));
+  const std::function<char *(DynArrHandle_t *)> lines[] = {tslb_print_poolhdr, tslb_da_get_hdr_str};
+  for (const auto &line_of : lines) {
+    const char *const line = line_of(first.get());
+    const std::string before = line;
+    std::thread([&] { EXPECT_NE(line_of(second.get()), before); }).join();
+    EXPECT_EQ(line, before) << "another thread wrote into this one's text";
+    EXPECT_EQ(line_of(second.get()), line);
+  }
+  EXPECT_EQ(tslb_print_poolhdr(first.get()), g_mpool_hdr_str);
 }
 
 TEST(ListLine, RootsOfAnArrayWithNodes) {

@@ -14,6 +14,7 @@
 #include "fault_alloc.h"
 #include "forced.h"
 #include "system_support.h"
+#include "threads.h"
 #include "tslb_dlog_macros.h"
 #include "tslb_util.h"
 
@@ -25,10 +26,6 @@ static size_t count_lines(const std::string &text) {
 
 class DebugLog : public InFolder {
  protected:
-  void SetUp() override {
-    InFolder::SetUp();
-    base_ = dir_ / "log";
-  }
   // A log of its own files, which begin with the first line.
   void start(int level = 0, int mib = -1, const char *tail = "") const {
     tslb_dl_init_internal((base_.string() + tail).c_str(), level, mib);
@@ -37,7 +34,7 @@ class DebugLog : public InFolder {
     return base_.string() + tail + "." + std::to_string(getpid()) + "." + std::to_string(version);
   }
   std::string lines_of(int version, const char *tail = "") const {
-    const std::string all = content(file(version, tail));
+    const std::string all = content_of(file(version, tail));
     EXPECT_EQ(all.substr(0, 53), kHeader);
     return all.size() > 53 ? all.substr(53) : "";
   }
@@ -45,7 +42,7 @@ class DebugLog : public InFolder {
     return lines_of(version).find("|" + end + "\n") != std::string::npos;
   }
   static void log(int level, const char *text) { tslb_dl_logging(level, "dir/source.cpp", "place", 7, "%s", text); }
-  fs::path base_;
+  const fs::path base_ = dir_ / "log";
 };
 
 // Runs first in this program, on a log that nobody has started.
@@ -134,7 +131,7 @@ TEST_F(DebugLog, RollsOverAtExactlyItsSize) {
   fs::resize_file(file(0), 1048575);
   log(0, "still in 0");
   EXPECT_FALSE(fs::exists(file(1)));
-  EXPECT_NE(content(file(0)).find("still in 0\n"), std::string::npos);
+  EXPECT_NE(content_of(file(0)).find("still in 0\n"), std::string::npos);
   fs::resize_file(file(0), 1048576);
   log(0, "in 1");
   EXPECT_TRUE(has_line(1, "in 1"));
@@ -164,7 +161,7 @@ TEST_F(DebugLog, FileThatExistsIsAppendedToBehindAnotherHeader) {
   log(0, "first start");
   start();
   log(0, "second start");
-  const std::string all = content(file(0));
+  const std::string all = content_of(file(0));
   EXPECT_NE(all.find("|first start\n" + std::string(kHeader)), std::string::npos) << all;
   EXPECT_NE(all.find("|second start\n"), std::string::npos);
 }
@@ -222,7 +219,7 @@ TEST_F(DebugLog, StampsFollowTheClockAndTheTimeZone) {
       {"UTC0", 0},
       {"UTC0", 3600},
       {"UTC0", 0},
-      {"UTC-1", 0},                   // the same name at another distance
+      {"UTC-1", 0},  // the same name at another distance
       {"AST-5", 0},
       {"AST-5ADT,0/0,J365/25", 0},    // summer all the year
       {"BST-5ADT-7,0/0,J365/25", 0},  // another summer
@@ -252,17 +249,17 @@ TEST_F(DebugLog, LinesAreCutToFit) {
   } rows[] = {{"the longest line cut", 0, 4096}, {"newline lost", 1, 4096}, {"terminator written", 1000, 4096}};
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);
-    const size_t before = content(file(0)).size();
+    const size_t before = content_of(file(0)).size();
     const size_t fits = 4095 - prefix;
     log(0, std::string(fits + row.message_over, 'm').c_str());
-    const std::string line = content(file(0)).substr(before);
+    const std::string line = content_of(file(0)).substr(before);
     EXPECT_EQ(line.size(), row.line);
     EXPECT_EQ(line.substr(prefix), std::string(fits, 'm') + "\n");
   }
   // A prefix that fills the line by itself.
-  const size_t before = content(file(0)).size();
+  const size_t before = content_of(file(0)).size();
   tslb_dl_logging(0, "f", std::string(6000, 'p').c_str(), 1, "message");
-  const std::string line = content(file(0)).substr(before);
+  const std::string line = content_of(file(0)).substr(before);
   EXPECT_EQ(line.size(), 4096u);
   EXPECT_EQ(line.back(), '\n');
   EXPECT_EQ(line.find('\0'), std::string::npos);
@@ -401,13 +398,10 @@ TEST_F(DebugLog, ManyThreadsLoseTearAndDoubleNothing) {
   constexpr int kThreads = 4, kLines = 1500;
   start(0, 0);  // a new file for each line: rollover all the time
   g_dl->fmax_sz = 20000;
-  std::vector<std::thread> threads;
-  for (int self = 0; self < kThreads; ++self)
-    threads.emplace_back([self] {
-      for (int i = 0; i < kLines; ++i)
-        TSLB_DLOG(0, "[%d:%d] %s", self, i, std::string(static_cast<size_t>(i % 90), 'x').c_str());
-    });
-  for (auto &thread : threads) thread.join();
+  on_threads(kThreads, [](int self) {
+    for (int i = 0; i < kLines; ++i)
+      TSLB_DLOG(0, "[%d:%d] %s", self, i, std::string(static_cast<size_t>(i % 90), 'x').c_str());
+  });
   std::map<std::pair<int, int>, int> seen;
   int last[kThreads] = {-1, -1, -1, -1};
   for (int version = 0; fs::exists(file(version)); ++version) {

@@ -1,29 +1,11 @@
 // Stored formats are promises: what scripted operations store is, byte for byte, what tests/golden holds; and what it
 // holds can be loaded. A change of format shows as a change of a file there, which scripts/golden makes on purpose.
-#include <fcntl.h>
-#include <stdlib.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
 
-#include "array_support.h"
 #include "block_files.h"
+#include "loader_support.h"
 #include "redo_recorder.h"
-#include "stored_image.h"
-#include "tslb_settings.h"
-
-namespace fs = std::filesystem;
-
-static time_t now;  // nodes carry the time, so it is ours
-
-extern "C" __attribute__((visibility("default"))) time_t time(time_t *at) {
-  if (at != nullptr) *at = now;
-  return now;
-}
 
 constexpr time_t START = 1700000000;
 
@@ -125,9 +107,8 @@ static array_t list_array(char mem_type, int record_sz, int n_slots, uint8_t daf
 }
 
 // Chunks of growing length; each third one is deleted, and so are all of slot 1, which goes back where that is possible.
-static array_t chunk_pool(char compat_flag, char slot_type, int tbl_id, char mem_type, uint8_t daflag) {
-  array_t pool(tslb_init_dynmem_ex(64, 2, compat_flag, static_cast<unsigned char>(mem_type), slot_type, "golden",
-                                   tbl_id, daflag, 5));
+static array_t chunk_pool(char compat_flag, char slot_type, int tbl_id, uint8_t daflag) {
+  array_t pool(tslb_init_dynmem_ex(64, 2, compat_flag, MPOOL_TYPE_DRAM, slot_type, "golden", tbl_id, daflag, 5));
   for (int i = 0; i < 12; ++i, ++now) {
     const srcaddr_t source = {9, static_cast<uint32_t>(i), static_cast<short>(-i), {'p', 'q'}};
     maddr_t address;
@@ -167,7 +148,7 @@ static std::string redo_of_a_slot_array() {
 
 static std::string redo_of_a_pool() {
   redo_recorder_t log;
-  const array_t pool = chunk_pool(MPOOL_FLAG_COMPAT, 0, BBP_TBLID, MPOOL_TYPE_DRAM, TSLB_DA_DAFLAG_LL);
+  const array_t pool = chunk_pool(MPOOL_FLAG_COMPAT, 0, BBP_TBLID, TSLB_DA_DAFLAG_LL);
   return redo_text(log.take());
 }
 
@@ -194,15 +175,10 @@ static images_t make_images() {
   images["plain.stream"] = stream_of(plain_array().get());
   images["free_list.stream"] = stream_of(list_array(MPOOL_TYPE_DRAM, 11, 40, TSLB_DA_DAFLAG_LL).get());
   images["both_lists.stream"] = stream_of(list_array(MPOOL_TYPE_DRAM, 9, 40, TSLB_DA_DAFLAG_INLL).get());
-  images["bigbuffer_compat.stream"] =
-      stream_of(chunk_pool(MPOOL_FLAG_COMPAT, 0, BBP_TBLID, MPOOL_TYPE_DRAM, TSLB_DA_DAFLAG_LL).get());
-  {
-    const trimming_t trimming;
-    images["bitvector_cut.stream"] =
-        stream_of(chunk_pool(0, MPOOL_FLAG_BV, BVP_TBLID, MPOOL_TYPE_DRAM, TSLB_DA_DAFLAG_LL).get());
-    images["bitvector_cut_both_lists.stream"] =
-        stream_of(chunk_pool(0, MPOOL_FLAG_BV, BVP_TBLID, MPOOL_TYPE_DRAM, TSLB_DA_DAFLAG_INLL).get());
-  }
+  images["bigbuffer_compat.stream"] = stream_of(chunk_pool(MPOOL_FLAG_COMPAT, 0, BBP_TBLID, TSLB_DA_DAFLAG_LL).get());
+  images["bitvector_cut.stream"] = cut_stream_of(chunk_pool(0, MPOOL_FLAG_BV, BVP_TBLID, TSLB_DA_DAFLAG_LL).get());
+  images["bitvector_cut_both_lists.stream"] =
+      cut_stream_of(chunk_pool(0, MPOOL_FLAG_BV, BVP_TBLID, TSLB_DA_DAFLAG_INLL).get());
   add_block_files(&images);
   return images;
 }
@@ -257,26 +233,22 @@ TEST(Golden, StreamsLoad) {
     SCOPED_TRACE(file.path().filename());
     ++n_streams;
     const bool is_cut = file.path().filename().string().starts_with("bitvector_cut");
-    const array_load_options_t options = {"golden", is_cut ? BVP_TBLID : 7, MPOOL_TYPE_DRAM, ARRAY_LOAD_POOL_BY_SIZE,
-                                          0};
-    char error[256];
-    const int fd = open(file.path().c_str(), O_RDONLY | O_CLOEXEC);
-    const array_t array(array_load_stream(fd, &options, error, sizeof(error)));
-    close(fd);
-    ASSERT_NE(array, nullptr) << error;
-    const trimming_t trimming;
-    expect_same(file.path().filename(), stream_of(array.get()), content_of(file.path()));
+    const loaded_t loaded =
+        load(content_of(file.path()), {"golden", is_cut ? BVP_TBLID : 7, MPOOL_TYPE_DRAM, ARRAY_LOAD_POOL_BY_SIZE, 0});
+    ASSERT_NE(loaded.array, nullptr) << loaded.error;
+    expect_same(file.path().filename(), cut_stream_of(loaded.array.get()), content_of(file.path()));
   }
   EXPECT_EQ(n_streams, 6);
 }
 
 TEST(Golden, BlockFilesLoad) {
   const array_load_options_t options = {"metrics", 12, MPOOL_TYPE_DRAM, ARRAY_LOAD_ANY, 0};
-  char error[256];
-  const array_t array(array_load_block_files((golden_dir() / "block_files").c_str(), &options, error, sizeof(error)));
-  ASSERT_NE(array, nullptr) << error;
+  const loaded_t loaded = loaded_by([&](char *error, size_t size) {
+    return array_load_block_files((golden_dir() / "block_files").c_str(), &options, error, size);
+  });
+  ASSERT_NE(loaded.array, nullptr) << loaded.error;
   const fs::path files = golden_dir() / "block_files" / "metrics";
   const std::string block0 = content_of(files / "12.0.darr");
   const std::string stored = block0 + content_of(files / "12.1.darr") + content_of(files / "12.2.darr").substr(0, 50);
-  expect_same("block_files", stream_of(array.get()), stored);
+  expect_same("block_files", stream_of(loaded.array.get()), stored);
 }

@@ -1,5 +1,4 @@
 // Races for table entries, ids and bytes: decided by hand where an outcome must be forced, and by real threads.
-#include <atomic>
 #include <set>
 
 #include "fault_alloc.h"
@@ -45,16 +44,6 @@ TEST(Growth, LoserOfTheTableSwapStepsDownTheRivals) {
   }
   EXPECT_EQ(static_cast<void *>(array->ir_base->ir2), table);
   EXPECT_EQ(below[0], block);
-}
-
-TEST(Growth, FilledEntryIsLeftAlone) {
-  const array_t array(get_default_dyn_array(8, 0, MPOOL_TYPE_DRAM));
-  int here;
-  void *entry = &here;
-  get_dyn_array_of_pointers(16, &entry);
-  get_dyn_data_array(array.get(), 8, 16, 1, &entry);
-  EXPECT_EQ(entry, &here);
-  EXPECT_EQ(get_dyn_total_allocated_records(array.get()), 0u);
 }
 
 // ---- Bytes and slots of a pool, with the rival's move made by hand ---------------------------------------------------
@@ -179,47 +168,4 @@ TEST(Threads, IdsAreUniqueAndRecordsDistinct) {
   EXPECT_EQ(*ids.rbegin(), kThreads * kIds - 1);
   const uint32_t blocks = (kThreads * kIds - 20 + 15) / 16;
   EXPECT_EQ(get_dyn_total_allocated_records(array.get()), 20 + 16 * blocks);
-}
-
-// Every chunk is filled with its owner's mark and checked at the end; every counter that promises to be exact
-// is.
-TEST(Threads, ChunksAreDisjointAndCountedToTheByte) {
-  constexpr int kThreads = 4, kChunks = 4000;
-  for (const char slot_type : std::initializer_list<char>{0, MPOOL_FLAG_BV}) {
-    const array_t pool = pool_of({.slot_type = slot_type}, 2, 16384);
-    struct chunk_t {
-      maddr_t address;
-      int len;
-    };
-    std::vector<std::vector<chunk_t>> taken(kThreads);
-    std::atomic<uint64_t> reserved{0};
-    const size_t global_before = g_mem_st.total_mused;
-    on_threads(kThreads, [&](int self) {
-      for (int i = 0; i < kChunks; ++i) {
-        const int len = 8 + 8 * ((i + self) % 20);
-        maddr_t address;
-        char *const chunk = bytes_of(tslb_dynmem_get_mchunk(pool.get(), &address, len, srcaddr_t{}));
-        memset(chunk + 16, self + 1, static_cast<size_t>(len));
-        taken[static_cast<size_t>(self)].push_back({address, len});
-        reserved += static_cast<uint64_t>(len) + 16;
-      }
-    });
-    for (int self = 0; self < kThreads; ++self) {
-      for (const auto &[address, len] : taken[static_cast<size_t>(self)]) {
-        uint32_t size;
-        char *const data = bytes_of(tslb_dynmem_get_maddr2ptr_ex(pool.get(), address, &size));
-        ASSERT_EQ(size, static_cast<uint32_t>(len) - 1);
-        ASSERT_EQ(std::string(data, static_cast<size_t>(len)),
-                  std::string(static_cast<size_t>(len), static_cast<char>(self + 1)));
-      }
-    }
-    uint64_t in_slots = 0;
-    for (uint32_t idx = 0; idx < tslb_da_get_size(pool.get()); ++idx) in_slots += slot_at(pool, idx).bytes_used;
-    EXPECT_EQ(in_slots, reserved);
-    EXPECT_EQ(hdr_of(pool).total_mused, reserved);
-    EXPECT_EQ(g_mem_st.total_mused - global_before, reserved);
-    EXPECT_GE(hdr_of(pool).total_mwast, 16u * kThreads * kChunks);
-    // A slot is given up with less than the longest chunk left: more slots than this were taken by two threads for one.
-    EXPECT_LE(tslb_da_get_size(pool.get()), reserved / (16384 - 176) + 1);
-  }
 }

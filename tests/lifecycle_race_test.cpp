@@ -138,9 +138,7 @@ TEST(Slots, TakenFreedParkedAndReusedSideBySide) {
   constexpr int kSteps = 12000;
   const array_t array(
       tslb_da_init_ll(slot_user_t::kRecordSize, 8, MPOOL_TYPE_DRAM_TMP, nullptr, 0, TSLB_DA_DAFLAG_INLL));
-  tsdb_mem_pressure_config_t policy = {};
-  policy.mvt_reuse_policy_use = 1;
-  policy.critical.min_days_since_inactive = 100;
+  tsdb_mem_pressure_config_t policy = {1, {}, {0, 0, 0, 100, 0}, {}};
   tslb_da_register_reuse_policy(array.get(), &policy);
   lib_config.tslb_mvt_reuse_enabled = 1;
   // Both lists have members from the start: threads meet at their heads at once.
@@ -201,6 +199,7 @@ class chunk_user_t {
       chunk_t chunk = {{}, static_cast<size_t>(8 + random_() % 300), static_cast<char>(random_())};
       char *const at = bytes_of(tslb_dynmem_get_mchunk(pool_, &chunk.address, static_cast<int>(chunk.len), {}));
       memset(at + 16, chunk.mark, chunk.len);
+      reserved_ += chunk.len + 16;
       live_.push_back(chunk);
     } else {
       std::swap(live_[random_() % live_.size()], live_.back());
@@ -223,6 +222,7 @@ class chunk_user_t {
     }
     return bytes;
   }
+  size_t reserved() const { return reserved_; }
 
  private:
   struct chunk_t {
@@ -241,19 +241,26 @@ class chunk_user_t {
   DynArrHandle_t *pool_;
   std::mt19937 random_;
   std::vector<chunk_t> live_;
+  size_t reserved_ = 0;
 };
 
 TEST(Chunks, TakenDeletedAndSweptSideBySide) {
   constexpr int kSteps = 8000;
   const array_t pool = pool_of({}, 4, 2048);
+  const size_t global_before = g_mem_st.total_mused;
   std::vector<chunk_user_t> users;
   for (int self = 0; self < kThreads; ++self) users.emplace_back(pool.get(), self);
   on_threads(kThreads, [&](int self) {
     for (int i = 0; i < kSteps && !testing::Test::HasFailure(); ++i) users[static_cast<size_t>(self)].step();
   });
 
-  size_t total, used, deleted, live = 0;
-  for (chunk_user_t &user : users) live += user.check_all();
+  size_t total, used, deleted, live = 0, reserved = 0;
+  for (chunk_user_t &user : users) {
+    live += user.check_all();
+    reserved += user.reserved();
+  }
+  EXPECT_EQ(hdr_of(pool).total_mused, reserved);
+  EXPECT_EQ(g_mem_st.total_mused - global_before, reserved);
   tslb_dynmem_update_free_list(pool.get(), &total, &used, &deleted);
   EXPECT_EQ(used - deleted, live) << "a live chunk lies in a slot that was given back, or was counted wrong";
   const uint32_t n_slots = tslb_da_get_size(pool.get()), current = cursor_slot(pool);

@@ -103,17 +103,6 @@ TEST(OutOfMemory, RangeThatFailsHalfwayKeepsWhatItTook) {
   EXPECT_EQ(tslb_da_get_size(array.get()), 18u);
 }
 
-TEST(OutOfMemory, ChunkThatNeedsASlotStopsTheProcess) {
-  const array_t pool(tslb_init_dynmem(1000, 0, 0, MPOOL_TYPE_DRAM, 0, nullptr, 0, 0));
-  maddr_t address;
-  EXPECT_DEATH(
-      {
-        const fault_t fault(1);
-        tslb_dynmem_get_mchunk(pool.get(), &address, 100, srcaddr_t{});
-      },
-      "PtrTabl_t.*\n.*Assertion `\\*mslot_ref' failed");
-}
-
 TEST(OutOfMemory, SweepStepsOverSlotsThatCannotBeLookedUp) {
   const array_t pool(tslb_init_dynmem(1000, 1, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM, 0, "p", 0, TSLB_DA_DAFLAG_LL));
   maddr_t address;

@@ -136,14 +136,8 @@ TEST(Alive, FilesThatGoMeanwhile) {
 
 class PidFile : public InFolder {
  protected:
-  void SetUp() override {
-    InFolder::SetUp();
-    memset(error_, 'e', sizeof(error_));
-  }
-  void TearDown() override {
-    unsetenv("QX_WDIR");
-    InFolder::TearDown();
-  }
+  void SetUp() override { memset(error_, 'e', sizeof(error_)); }
+  void TearDown() override { unsetenv("QX_WDIR"); }
   void write(const std::string &text) { std::ofstream(dir_ / ".Part.pid") << text; }
   int get(const char *bin_name) {
     said_ = stdout_of([&] { result_ = tslb_get_pid(dir_.c_str(), "Part", bin_name, error_); });

@@ -9,11 +9,8 @@
 #include <random>
 
 #include "array_check.h"
-#include "array_loader.h"
-#include "array_support.h"
+#include "loader_support.h"
 #include "redo_recorder.h"
-#include "stored_image.h"
-#include "tslb_settings.h"
 
 constexpr uint32_t kMaxSlots = 4000;
 constexpr const char *kName = "metrics";
@@ -51,11 +48,9 @@ class pair_t {
 
   // The replica begins anew from a snapshot.
   void reload() {
-    const memory_file_t file(stream_of(source()));
     const array_load_options_t options = {kName, static_cast<int32_t>(source()->tbl_id), MPOOL_TYPE_DRAM, kind_, 0};
-    char error[256];
-    replica_.reset(array_load_stream(file.fd(), &options, error, sizeof(error)));
-    ASSERT_NE(replica_, nullptr) << error;
+    replica_ = load(stream_of(source()), options).array;
+    ASSERT_NE(replica_, nullptr);
   }
 
   // What both stand for is the same, where `mask` has wiped out what no record tells.
@@ -146,10 +141,7 @@ TEST(RedoApplier, SlotArraysInLockStep) {
     pair_t pair(ARRAY_LOAD_ANY, [&row] {
       return tslb_da_init_ll(row.record_size, row.n_direct, MPOOL_TYPE_DRAM, kName, -9, row.daflag);
     });
-    tsdb_mem_pressure_config_t policy = {};
-    policy.mvt_reuse_policy_use = 1;
-    policy.major.inactive_threshold_pct = 20;
-    policy.critical.inactive_threshold_pct = 20;
+    tsdb_mem_pressure_config_t policy = {1, {}, {20, 0, 0, 0, 0}, {20, 0, 0, 0, 0}};
     if (row.reuses) tslb_da_register_reuse_policy(pair.source(), &policy);
     std::mt19937 random(20);
     testing::internal::CaptureStdout();
@@ -158,7 +150,7 @@ TEST(RedoApplier, SlotArraysInLockStep) {
       change_slots(pair.source(), random);
       pair.follow();
       if (step == 1500) pair.reload();
-      if (step % 50 == 0) pair.compare(mask_free_slots);
+      if (step % 10 == 0) pair.compare(mask_free_slots);
     }
     testing::internal::GetCapturedStdout();
     testing::internal::GetCapturedStderr();
@@ -306,8 +298,7 @@ static std::function<void(redo_args_t &, std::string &)> word(size_t offset, uin
 
 TEST(RedoApplier, RefusesWhatDoesNotFitAnArray) {
   const array_t array(tslb_da_init_ll(20, 3, MPOOL_TYPE_DRAM, kName, 5, TSLB_DA_DAFLAG_INLL));
-  uint32_t idx;
-  for (int i = 0; i < 10; ++i) tslb_da_get_newptr(array.get(), &idx);
+  tslb_da_get_range(array.get(), 10);
   const auto at = [](uint64_t off, uint32_t bytes) {
     return [off, bytes](redo_args_t &record, std::string &) { record.data_off = off, record.data_sz = bytes; };
   };
@@ -371,8 +362,7 @@ TEST(RedoApplier, RefusesWhatDoesNotFitAPool) {
 // What is checked, the loader's tests show: it is the same. Here that it is asked of an array in memory.
 TEST(ArrayCheck, SaysWhatDoesNotHold) {
   const array_t array(tslb_da_init_ll(20, 3, MPOOL_TYPE_DRAM, kName, 5, TSLB_DA_DAFLAG_INLL));
-  uint32_t idx;
-  for (int i = 0; i < 10; ++i) tslb_da_get_newptr(array.get(), &idx);
+  tslb_da_get_range(array.get(), 10);
   for (const uint32_t parked : {4u, 6u}) tslb_da_inactivate_idx(array.get(), parked, 9);
   const auto check = [&array](uint8_t kind = ARRAY_LOAD_ANY) {
     char error[256];

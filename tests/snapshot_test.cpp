@@ -6,9 +6,7 @@
 #include <unistd.h>
 
 #include "array_support.h"
-#include "system_support.h"
-#include "tslb_rd_api.h"
-#include "tslb_settings.h"
+#include "stored_image.h"
 
 // What the next calls of write do: a count is written at most that far, -1 fails with EINTR.
 static std::vector<int> script;
@@ -33,9 +31,7 @@ extern "C" __attribute__((visibility("default"))) ssize_t write(int fd, const vo
 
 class Snapshot : public testing::Test {
  protected:
-  void SetUp() override { file_ = tmpfile(); }
   void TearDown() override {
-    fclose(file_);
     lib_config.tslb_enable_file_trimming_flag = 0;
     tslb_test_mode = static_cast<char>(0xFF);
     before_write = nullptr;
@@ -44,16 +40,12 @@ class Snapshot : public testing::Test {
   }
   // The stream of an array; result and total_write_sz stay in the members.
   std::string dump(DynArrHandle_t *array) {
-    EXPECT_EQ(ftruncate(fileno(file_), 0), 0);
-    lseek(fileno(file_), 0, SEEK_SET);
+    const memory_file_t file;
     total_ = 1000;
-    result_ = tslb_create_dump_for_dynarr(array, fileno(file_), 77, &total_);
+    result_ = tslb_create_dump_for_dynarr(array, file.fd(), 77, &total_);
     total_ -= 1000;
-    std::string stream(static_cast<size_t>(lseek(fileno(file_), 0, SEEK_END)), '\0');
-    EXPECT_EQ(pread(fileno(file_), stream.data(), stream.size(), 0), static_cast<ssize_t>(stream.size()));
-    return stream;
+    return content_of(file.fd());
   }
-  FILE *file_;
   size_t total_;
   int result_;
 };
@@ -134,16 +126,17 @@ TEST_F(Snapshot, TablesAreLeftAloneWhereBlock0IsAll) {
 
 TEST_F(Snapshot, OneWriteTellsWhetherAllWasDumped) {
   const array_t array = filled(10, 8, 0, 8);
+  const memory_file_t file;
   int dumped = 0;
   char *const base = bytes_of(array->arr_base);
   const auto step = [&](int slots, int fd) {
     return tslb_dump_data_into_dds_file("ctx", base, slots, get_dyn_hdr(array.get()), 0, 24, 10, fd, &dumped, 0);
   };
-  EXPECT_EQ(step(3, fileno(file_)), 0);
+  EXPECT_EQ(step(3, file.fd()), 0);
   EXPECT_EQ(dumped, 3);
   stderr_of([&] { EXPECT_EQ(step(3, -1), -1); });
   EXPECT_EQ(dumped, 3) << "what failed was counted";
-  EXPECT_EQ(step(5, fileno(file_)), 1);
+  EXPECT_EQ(step(5, file.fd()), 1);
   EXPECT_EQ(dumped, 8);
 }
 
@@ -250,6 +243,7 @@ struct visit_t {
   int n_block_elem;
   size_t bytes;
   int hdr_size, level, record_size, reserved;
+  bool operator==(const visit_t &) const = default;
 };
 struct visits_t {
   std::vector<visit_t> seen;
@@ -275,15 +269,10 @@ TEST(Iteration, BlocksInOrderWithTheirShares) {
   ASSERT_EQ(seen.size(), 1u + 16 + 1);
   for (size_t i = 0; i < seen.size(); ++i) {
     SCOPED_TRACE(i);
-    const visit_t &visit = seen[i];
-    const int want_elem = i == 0 ? 4 : i == 17 ? 5 : 16;
-    EXPECT_EQ(visit.block, i == 0 ? array->arr_base : i == 17 ? array->ir_base->ir2[0][0] : array->ir_base->ir1[i - 1]);
-    EXPECT_EQ(visit.n_block_elem, want_elem);
-    EXPECT_EQ(visit.hdr_size, i == 0 ? 84 : 0);
-    EXPECT_EQ(visit.bytes, static_cast<size_t>((i == 0 ? 84 : 0) + want_elem * 116));
-    EXPECT_EQ(visit.level, i == 0 ? 0 : i == 17 ? 2 : 1);
-    EXPECT_EQ(visit.record_size, 100);
-    EXPECT_EQ(visit.reserved, 0);
+    const visit_t want = i == 0    ? visit_t{array->arr_base, 4, 84 + 4 * 116, 84, 0, 100, 0}
+                         : i == 17 ? visit_t{array->ir_base->ir2[0][0], 5, 5 * 116, 0, 2, 100, 0}
+                                   : visit_t{array->ir_base->ir1[i - 1], 16, 16 * 116, 0, 1, 100, 0};
+    EXPECT_EQ(seen[i], want);
   }
   for (const size_t stop_after : {size_t{1}, size_t{2}, size_t{17}})
     EXPECT_EQ(visits_of(array, stop_after).size(), stop_after) << "a callback's result ends the walk";

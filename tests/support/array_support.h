@@ -34,6 +34,14 @@ std::string stdout_of(Work work) {
   return testing::internal::GetCapturedStdout();
 }
 
+// That a report is `file`, a line's number and `text`, with colons between them.
+inline void expect_report(const std::string &report, const std::string &file, const std::string &text) {
+  ASSERT_EQ(report.rfind(file + ':', 0), 0u) << report;
+  const size_t number = file.size() + 1, end = report.find_first_not_of("0123456789", number);
+  ASSERT_GT(end, number) << report;
+  EXPECT_EQ(report.substr(end), ':' + text);
+}
+
 inline char *bytes_of(void *at) {
   return static_cast<char *>(at);
 }

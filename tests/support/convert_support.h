@@ -1,5 +1,4 @@
-// What tests of conversions share: the routes of the catalogue as the format has them, arrays to store, and conversions
-// that are refused.
+// What tests of conversions share: the routes of the catalogue as the format has them, and arrays to store.
 #ifndef CONVERT_SUPPORT_H
 #define CONVERT_SUPPORT_H
 
@@ -114,69 +113,9 @@ inline std::string expected_stream(const route_t &route, const stored_t &stored,
 
 constexpr pool_kind_t BIT_VECTOR = {"", 64, 2, MPOOL_FLAG_COMPAT, MPOOL_FLAG_BV, TSLB_DA_DAFLAG_LL};
 
-// ---- Refusals -----------------------------------------------------------------------------------------------------
-
-struct refusal_row_t {
-  const char *fault;
-  uint16_t rec_type;
-  uint8_t is_lib, to;
-  std::string stream;
-  recovery_result_t result;
-  const char *line;
-};
-
 inline std::string edited(std::string stream, size_t at, char byte) {
   stream.at(at) = byte;
   return stream;
-}
-
-inline std::vector<refusal_row_t> refusal_rows() {
-  constexpr uint8_t LL = TSLB_DA_DAFLAG_LL, INLL = TSLB_DA_DAFLAG_INLL;
-  const std::string groups = store(44, 0, 2, 20).stream, types = store(100, INLL, 1, 20).stream;
-  const std::string big_buffer = stream_of(chunk_pool(BIG_BUFFER, 9).get());
-  const std::string bit_vector = stream_of(chunk_pool(BIT_VECTOR, 9).get());
-  const std::string parked = stream_of(chunk_pool({"", 64, 2, MPOOL_FLAG_COMPAT, 0, INLL}, 9).get());
-  return {
-      {"truncated records", 2, 0, 0, groups.substr(0, groups.size() - 1), RECOVERY_BAD_STREAM,
-       "byte 903: ends 43 bytes into slot 19 of 44 bytes"},
-      {"a list that contradicts itself", 1, 0, 0, edited(types, 8, 18), RECOVERY_BAD_STREAM,
-       "byte 2172: status 2 on the free list, slot 18"},
-      {"an older version taken for the newer", 2, 0, 0, edited(groups, 1, 1), RECOVERY_DOES_NOT_FIT,
-       "rec_version 1, where the version map has 2 for g_mg"},
-      {"a version from the future", 2, 0, 1, edited(groups, 1, 3), RECOVERY_DOES_NOT_FIT,
-       "rec_version 3, where the version map has 2 for g_mg"},
-      {"another type's records", 2, 0, 0, store(28, 0, 2, 5).stream, RECOVERY_DOES_NOT_FIT,
-       "record_size 28, where g_mg has 44 in version 2"},
-      {"records that are older already", 20, 0, 0, store(392, 0, 1, 5).stream, RECOVERY_DOES_NOT_FIT,
-       "record_size 392, where dmt_subject has 4232 in version 1"},
-      {"records with something behind them", 2, 0, 0, store(45, 0, 2, 5).stream, RECOVERY_DOES_NOT_FIT,
-       "record_size 45, where g_mg has 44 in version 2"},
-      {"nodes where the map has none", 2, 0, 0, store(44, LL, 2, 5).stream, RECOVERY_DOES_NOT_FIT,
-       "lltype 0x01, where the version map has 0x00 for g_mg"},
-      {"other nodes than the map's", 10, 0, 0, store(100, LL, 1, 5).stream, RECOVERY_DOES_NOT_FIT,
-       "lltype 0x01, where the version map has 0x02 for local_root_subject"},
-      {"more flags than the map's", 1, 0, 0, store(100, LL | INLL, 1, 5).stream, RECOVERY_DOES_NOT_FIT,
-       "lltype 0x03, where the version map has 0x02 for type"},
-      {"a user header lost", 3, 0, 0, store(28, 0, 1, 5, 8).stream, RECOVERY_DOES_NOT_FIT,
-       "a user header of 8 bytes, which the conversion would lose"},
-      {"its own version", 2, 0, 2, groups, RECOVERY_NO_WAY, "g_mg is in version 2 already"},
-      {"a version without a routine", 2, 0, 3, groups, RECOVERY_NO_WAY, "g_mg has no way from version 2 to 3"},
-      {"a version beyond the map's", 2, 0, 4, groups, RECOVERY_NO_WAY, "g_mg has no way from version 2 to 4"},
-      {"a type without a way", 5, 0, 1, groups, RECOVERY_NO_WAY, "l_mt has no way from version 0 to 1"},
-      {"a type in version 0", 0, 0, 0, groups, RECOVERY_NO_WAY, "subject is in version 0 already"},
-      {"a row of the catalogue for one of the library", 2, 1, 1, bit_vector, RECOVERY_NO_WAY,
-       "lib_bv is in version 1 already"},
-      {"a row of the library that is empty", 4, 1, 1, groups, RECOVERY_NO_WAY, "tot has no way from version 0 to 1"},
-      {"a pool whose header contradicts its slots", 0, 1, 1, edited(big_buffer, 12, 4), RECOVERY_BAD_STREAM,
-       "byte 12: mslot_sz 4 does not go with record_size 72"},
-      {"a slot array for a pool", 1, 1, 0, groups, RECOVERY_BAD_STREAM, "byte 4: hdr_size 0, a pool has 56"},
-      {"a bit-vector pool for a big-buffer pool", 1, 1, 0, bit_vector, RECOVERY_DOES_NOT_FIT,
-       "the pool's flag 0x11 is that of a bit-vector pool, which is not lib_bb"},
-      {"a big-buffer pool for a bit-vector pool", 2, 1, 0, big_buffer, RECOVERY_DOES_NOT_FIT,
-       "the pool's flag 0x01 is that of a big-buffer pool, which is not lib_bv"},
-      {"a pool with other nodes than the map's", 1, 1, 0, parked, RECOVERY_DOES_NOT_FIT,
-       "lltype 0x02, where the version map has 0x01 for lib_bb"},
-  };
 }
 
 #endif

@@ -7,9 +7,8 @@
 #include "array_loader.h"
 #include "array_support.h"
 #include "list_audit.h"
+#include "own_time.h"  // nodes carry it: both arrays of a comparison get the same
 #include "stored_image.h"
-
-inline time_t now = 1700000000;  // nodes carry the time: both arrays of a comparison get the same
 
 constexpr array_load_options_t ANY = {"ctx", 12, MPOOL_TYPE_DRAM, ARRAY_LOAD_ANY, 0};
 constexpr array_load_options_t POOL = {"ctx", 12, MPOOL_TYPE_DRAM, ARRAY_LOAD_POOL, 0};

@@ -33,6 +33,10 @@ inline void set_cursor(const array_t &pool, uint32_t slot, uint32_t off) {
 inline MemSlot_t &slot_at(const array_t &pool, uint32_t idx) {
   return *static_cast<MemSlot_t *>(tslb_da_get_ptr(pool.get(), idx));
 }
+inline void expect_counted(const array_t &pool, uint32_t idx, uint32_t used, uint32_t deleted) {
+  EXPECT_EQ(slot_at(pool, idx).bytes_used, used);
+  EXPECT_EQ(slot_at(pool, idx).bytes_del, deleted);
+}
 inline int chunk_header_of(const array_t &pool) {
   return (hdr_of(pool).flag & MPOOL_FLAG_COMPAT) != 0 ? 16 : 0;
 }

@@ -1,10 +1,13 @@
-// A redo log that remembers. Linking it shows that a program can define this pair of hooks and take all
-// others from the stand-in.
+// A redo log that remembers. Who includes it shows that a program can define this pair of hooks and take all others from
+// the stand-in.
 #ifndef TSLB_TESTS_REDO_RECORDER_H
 #define TSLB_TESTS_REDO_RECORDER_H
 
-#include <ostream>
+#include <string.h>
+
+#include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tslb_rd_api.h"
@@ -17,29 +20,53 @@ struct redo_record_t {
   uint64_t data_off;
   uint32_t aux_idx;
   const void *data_ptr;
-  std::string bytes;  // as they were when the hook was called
-  bool locked;        // the watched spin lock was held
-  uint32_t word;      // what the watched word held
+  std::string bytes;    // as they were when the hook was called
+  bool locked = false;  // the watched spin lock was held
+  uint32_t word = 0;    // what the watched word held
 };
 
 // Records everything while it lives, with logging switched on.
 class redo_recorder_t {
  public:
-  explicit redo_recorder_t(const uint16_t *watched_lock = nullptr);
-  ~redo_recorder_t();
+  explicit redo_recorder_t(const uint16_t *watched_lock = nullptr) : lock_(watched_lock) {
+    current = this;
+    // The library only tests the pointer; nothing of the structure behind it is read.
+    g_redo_handle = reinterpret_cast<RedoHandler_t *>(this);
+  }
+  ~redo_recorder_t() {
+    g_redo_handle = nullptr;
+    current = nullptr;
+  }
   redo_recorder_t(const redo_recorder_t &) = delete;
 
   void watch(const uint16_t *lock) { lock_ = lock; }
   void watch_word(const void *word) { word_ = word; }
-  std::vector<redo_record_t> take();  // what came since the last call
-  void add(redo_record_t record);
-  const uint16_t *watched_lock() const { return lock_; }
-  const void *watched_word() const { return word_; }
+  // What came since the last call.
+  std::vector<redo_record_t> take() { return std::exchange(records_, {}); }
+
+  static int add(redo_record_t record) {
+    const std::lock_guard guard(mutex);  // the hook is called by many threads
+    if (current == nullptr) return -1;
+    record.locked = current->lock_ != nullptr && *current->lock_ != 0;
+    if (current->word_ != nullptr) memcpy(&record.word, current->word_, sizeof(record.word));
+    current->records_.push_back(std::move(record));
+    return 0;
+  }
 
  private:
+  static inline redo_recorder_t *current;
+  static inline std::mutex mutex;
   const uint16_t *lock_;
   const void *word_ = nullptr;
   std::vector<redo_record_t> records_;
 };
+
+RedoHandler_t *g_redo_handle = nullptr;
+
+int tslb_redo_log_ex(uint64_t txn_id, char rec_type, char *ctx_name, uint32_t tbl_id, uint64_t data_off,
+                     uint32_t aux_idx, void *data_ptr, unsigned int data_sz) {
+  return redo_recorder_t::add({txn_id, rec_type, ctx_name, tbl_id, data_off, aux_idx, data_ptr,
+                               std::string(static_cast<const char *>(data_ptr), data_sz)});
+}
 
 #endif

@@ -2,16 +2,10 @@
 #ifndef STORED_IMAGE_H
 #define STORED_IMAGE_H
 
-#include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <string>
-
+#include "system_support.h"
 #include "tslb_dynarr.h"
 #include "tslb_rd_api.h"
 #include "tslb_settings.h"
@@ -21,12 +15,6 @@ inline std::string content_of(int fd) {
   std::string content(static_cast<size_t>(lseek(fd, 0, SEEK_END)), '\0');
   EXPECT_EQ(pread(fd, content.data(), content.size(), 0), static_cast<ssize_t>(content.size()));
   return content;
-}
-
-inline std::string content_of(const std::filesystem::path &path) {
-  std::ifstream file(path, std::ios::binary);
-  EXPECT_TRUE(file.good()) << path << " is not there";
-  return {std::istreambuf_iterator<char>(file), {}};
 }
 
 // A file in memory, closed with its owner.
@@ -67,19 +55,7 @@ inline std::string cut_stream_of(DynArrHandle_t *pool) {
   return stream_of(pool);
 }
 
-// A folder that goes with its owner.
-struct temp_folder_t {
-  temp_folder_t() {
-    std::string name = std::filesystem::temp_directory_path() / "tslb_test_XXXXXX";
-    EXPECT_NE(mkdtemp(name.data()), nullptr) << name;
-    path = name;
-  }
-  ~temp_folder_t() { std::filesystem::remove_all(path); }
-  temp_folder_t(const temp_folder_t &) = delete;
-  std::filesystem::path path;
-};
-
-// One under which the library keeps block files.
+// A folder under which the library keeps block files.
 struct base_path_t : temp_folder_t {
   base_path_t() { tslb_set_base_path(path.c_str()); }
   ~base_path_t() { tslb_set_base_path(""); }

@@ -13,21 +13,36 @@
 
 namespace fs = std::filesystem;
 
-// Each test of the suite has an empty folder of its own.
-class InFolder : public testing::Test {
- protected:
-  void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "tslb_test_XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    dir_ = pattern;
+// A folder that goes with its owner.
+struct temp_folder_t {
+  temp_folder_t() {
+    std::string name = fs::temp_directory_path() / "tslb_test_XXXXXX";
+    EXPECT_NE(mkdtemp(name.data()), nullptr) << name;
+    path = name;
   }
-  void TearDown() override { fs::remove_all(dir_); }
-  fs::path dir_;
+  ~temp_folder_t() { fs::remove_all(path); }
+  temp_folder_t(const temp_folder_t &) = delete;
+  fs::path path;
 };
 
-inline std::string content(const fs::path &file) {
-  std::ifstream in(file, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
+// Each test of the suite has an empty one of its own.
+class InFolder : public testing::Test {
+ protected:
+  const temp_folder_t folder_;
+  const fs::path &dir_ = folder_.path;
+};
+
+inline std::string content_of(const fs::path &path) {
+  std::ifstream file(path, std::ios::binary);
+  EXPECT_TRUE(file.good()) << path << " is not there";
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// A word of a file that is there.
+inline void patch_file(const fs::path &path, long at, uint32_t value) {
+  std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+  file.seekp(at).write(reinterpret_cast<const char *>(&value), sizeof(value));
+  EXPECT_TRUE(file.good()) << path;
 }
 
 inline size_t count_of(const std::string &text, const std::string &what) {
@@ -46,8 +61,8 @@ inline size_t open_descriptors() {
 struct limit_t {
   limit_t(int what, rlim_t value) : what_(what) {
     getrlimit(what_, &before_);
-    const rlimit now = {value, before_.rlim_max};
-    setrlimit(what_, &now);
+    const rlimit lowered = {value, before_.rlim_max};
+    setrlimit(what_, &lowered);
   }
   ~limit_t() { setrlimit(what_, &before_); }
   limit_t(const limit_t &) = delete;
