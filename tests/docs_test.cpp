@@ -1,9 +1,7 @@
 // What docs/formats.md shows is what the library stores: its dumps, its tables of offsets, its list of redo records.
-#include <unistd.h>
-
-#include <fstream>
+// And the sources and tests that documents name are in the tree.
+#include <filesystem>
 #include <functional>
-#include <iterator>
 #include <map>
 #include <regex>
 #include <sstream>
@@ -11,7 +9,6 @@
 #include "array_support.h"
 #include "redo_recorder.h"
 #include "stored_image.h"
-#include "tslb_settings.h"
 
 static time_t now;  // nodes carry the time, so it is ours
 
@@ -21,18 +18,13 @@ extern "C" __attribute__((visibility("default"))) time_t time(time_t *at) {
 }
 
 constexpr time_t START = 1700000000;
+static const std::filesystem::path ROOT = TSLB_SOURCE_DIR;
 
 // ---- The document --------------------------------------------------------------------------------------------------
 
-static std::string text_of(const std::string &path) {
-  std::ifstream in(TSLB_SOURCE_DIR "/" + path);
-  EXPECT_TRUE(in.good()) << path;
-  return {std::istreambuf_iterator<char>(in), {}};
-}
-
 // What stands between "```dump name" and "```".
 static std::string block_of(const std::string &name) {
-  const std::string document = text_of("docs/formats.md");
+  const std::string document = content_of(ROOT / "docs/formats.md");
   const std::string begin = "\n```" + name + "\n";
   const size_t at = document.find(begin);
   if (at == std::string::npos) {
@@ -107,15 +99,6 @@ static array_t keys() {
   return pool;
 }
 
-static std::string cut_keys() {
-  tslb_test_mode = 0;
-  lib_config.tslb_enable_file_trimming_flag = 1;
-  const std::string stream = stream_of(keys().get());
-  tslb_test_mode = static_cast<char>(0xFF);
-  lib_config.tslb_enable_file_trimming_flag = 0;
-  return stream;
-}
-
 template <class Address>
 static std::string bytes_of_address(Address address) {
   return {reinterpret_cast<const char *>(&address), sizeof(address)};
@@ -152,142 +135,144 @@ TEST(FormatsDocument, DumpsAreWhatIsStored) {
   }
   // The last ten bytes of the pool's slot hold no chunk.
   const std::string whole = bytes_of_dump(block_of("dump keys"));
-  EXPECT_TRUE(cut_keys() == whole.substr(0, whole.size() - 10)) << dump_of(cut_keys());
+  const std::string cut = cut_stream_of(keys().get());
+  EXPECT_TRUE(cut == whole.substr(0, whole.size() - 10)) << dump_of(cut);
 }
 
 // ---- Redo records --------------------------------------------------------------------------------------------------
 
-class redo_list_t {
- public:
+TEST(FormatsDocument, RedoRecordsAreThoseThatAreWritten) {
+  now = START;
+  redo_recorder_t log;
+  std::string list;
   // "label" in a column of its own, then each record that `work` causes: type, position, bytes.
-  void add(const char *label, const std::function<void()> &work) {
+  const auto add = [&](const char *label, const std::function<void()> &work) {
     work();
-    const std::vector<redo_record_t> records = log_.take();
-    char line[64];
-    snprintf(line, sizeof(line), "%-34s%s", label, records.empty() ? " nothing" : "");
-    text_ += line;
+    const std::vector<redo_record_t> records = log.take();
+    char piece[64];
+    snprintf(piece, sizeof(piece), "%-34s%s", label, records.empty() ? " nothing" : "");
+    list += piece;
     for (const redo_record_t &record : records) {
-      snprintf(line, sizeof(line), " %d:%llu+%zu", record.rec_type, static_cast<unsigned long long>(record.data_off),
+      snprintf(piece, sizeof(piece), " %d:%llu+%zu", record.rec_type, static_cast<unsigned long long>(record.data_off),
                record.bytes.size());
-      text_ += line;
+      list += piece;
     }
-    text_ += "\n";
-  }
-  const std::string &text() const { return text_; }
+    list += "\n";
+  };
 
- private:
-  redo_recorder_t log_;
-  std::string text_;
-};
-
-static void add_slot_array(redo_list_t *list) {
-  array_t made;
-  list->add("create, 5 direct slots",
-            [&] { made.reset(tslb_da_init_ll(8, 5, MPOOL_TYPE_DRAM, "metrics", 12, TSLB_DA_DAFLAG_INLL)); });
-  DynArrHandle_t *const array = made.get();
+  array_t slots;
+  add("create, 5 direct slots",
+      [&] { slots.reset(tslb_da_init_ll(8, 5, MPOOL_TYPE_DRAM, "metrics", 12, TSLB_DA_DAFLAG_INLL)); });
+  DynArrHandle_t *const array = slots.get();
   uint32_t idx, last_ts;
   uint8_t last_status;
-  list->add("register a reuse policy", [&] {
+  add("register a reuse policy", [&] {
     tsdb_mem_pressure_config_t policy = {1, {}, {}, {}};
     tslb_da_register_reuse_policy(array, &policy);
   });
-  list->add("take slot 0", [&] { tslb_da_get_newptr(array, &idx); });
-  list->add("take slots 1 and 2 as a range", [&] { tslb_da_get_range(array, 2); });
-  list->add("take slot 3 by the telling form", [&] { tslb_da_get_newptr_inll(array, &idx, &last_ts, &last_status); });
-  list->add("inactivate slot 0", [&] { tslb_da_inactivate_idx(array, 0, START); });
-  list->add("inactivate slot 1", [&] { tslb_da_inactivate_idx(array, 1, START); });
-  list->add("inactivate slot 2", [&] { tslb_da_inactivate_idx(array, 2, START); });
-  list->add("activate slot 1, between the two", [&] { tslb_da_activate_idx(array, 1); });
-  list->add("free slot 3", [&] { tslb_da_free_idx(array, 3); });
-  list->add("free slot 1, behind slot 3", [&] { tslb_da_free_idx(array, 1); });
-  list->add("free slot 0, which is inactive", [&] { tslb_da_free_idx(array, 0); });
-  list->add("log slot 2", [&] { tslb_redo_log_da(array, 2, 1, 0); });
-  list->add("log bytes 4 to 7 of record 2", [&] { tslb_redo_log_da_field(array, 2, 1, 9, 4, 4); });
-  list->add("log the headers", [&] { tslb_redo_log_da_hdr(array, 0, 1, 9); });
-}
+  add("take slot 0", [&] { tslb_da_get_newptr(array, &idx); });
+  add("take slots 1 and 2 as a range", [&] { tslb_da_get_range(array, 2); });
+  add("take slot 3 by the telling form", [&] { tslb_da_get_newptr_inll(array, &idx, &last_ts, &last_status); });
+  add("inactivate slot 0", [&] { tslb_da_inactivate_idx(array, 0, START); });
+  add("inactivate slot 1", [&] { tslb_da_inactivate_idx(array, 1, START); });
+  add("inactivate slot 2", [&] { tslb_da_inactivate_idx(array, 2, START); });
+  add("activate slot 1, between the two", [&] { tslb_da_activate_idx(array, 1); });
+  add("free slot 3", [&] { tslb_da_free_idx(array, 3); });
+  add("free slot 1, behind slot 3", [&] { tslb_da_free_idx(array, 1); });
+  add("free slot 0, which is inactive", [&] { tslb_da_free_idx(array, 0); });
+  add("log slot 2", [&] { tslb_redo_log_da(array, 2, 1, 0); });
+  add("log bytes 4 to 7 of record 2", [&] { tslb_redo_log_da_field(array, 2, 1, 9, 4, 4); });
+  add("log the headers", [&] { tslb_redo_log_da_hdr(array, 0, 1, 9); });
 
-static void add_pool(redo_list_t *list) {
-  array_t made;
-  list->add("create a pool, 1 direct slot", [&] {
-    made.reset(
+  array_t pool;
+  add("create a pool, 1 direct slot", [&] {
+    pool.reset(
         tslb_init_dynmem_ex1(56, 1, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM, 0, "keys", 13, TSLB_DA_DAFLAG_LL, 0, 1, 0));
   });
   maddr_t first = {};
-  list->add("take a chunk, in slot 0", [&] { first = take_chunk(made.get(), "host=web", {}); });
-  list->add("take a chunk, in slot 0 still", [&] { take_chunk(made.get(), "load=1", {}); });
-  list->add("take a chunk, in slot 1", [&] { take_chunk(made.get(), "load=2", {}); });
-  list->add("delete a chunk of slot 0", [&] { tslb_dynmem_del_mchunk(made.get(), first); });
+  add("take a chunk, in slot 0", [&] { first = take_chunk(pool.get(), "host=web", {}); });
+  add("take a chunk, in slot 0 still", [&] { take_chunk(pool.get(), "load=1", {}); });
+  add("take a chunk, in slot 1", [&] { take_chunk(pool.get(), "load=2", {}); });
+  add("delete a chunk of slot 0", [&] { tslb_dynmem_del_mchunk(pool.get(), first); });
   const maddr_t second = {0, 24};
-  list->add("delete the other: slot 0 is free", [&] { tslb_dynmem_del_mchunk(made.get(), second); });
-}
-
-TEST(FormatsDocument, RedoRecordsAreThoseThatAreWritten) {
-  now = START;
-  redo_list_t list;
-  add_slot_array(&list);
-  add_pool(&list);
-  EXPECT_EQ(block_of("redo"), list.text());
+  add("delete the other: slot 0 is free", [&] { tslb_dynmem_del_mchunk(pool.get(), second); });
+  EXPECT_EQ(block_of("redo"), list);
 }
 
 // ---- Tables --------------------------------------------------------------------------------------------------------
 
-using offsets_t = std::map<std::string, size_t>;  // by "type.field"; that of "type." is the type's size
+using numbers_t = std::map<std::string, std::string>;  // by "type" or "type, field", as they are written
 
-static offsets_t offsets_in_headers() {
-  offsets_t offsets;
-  static const std::regex stored(R"(\nTSLB_STORED_(?:SIZE|AT)\((\w+), (?:(\w+), )?(\d+)\))");
-  for (const char *const header :
-       {"utils/dynarr/src/dynamic_array.h", "utils/dynarr/src/tslb_dynarr.h", "utils/dynmem/src/tslb_dynmem.h"}) {
-    const std::string text = text_of(header);
-    for (std::sregex_iterator it(text.begin(), text.end(), stored), end; it != end; ++it)
-      offsets[(*it)[1].str() + "." + (*it)[2].str()] = std::stoul((*it)[3]);
-  }
-  return offsets;
+static numbers_t numbers_in(const std::string &text, const char *pattern) {
+  numbers_t numbers;
+  const std::regex number(pattern);
+  for (std::sregex_iterator it(text.begin(), text.end(), number), end; it != end; ++it) numbers[(*it)[1]] = (*it)[2];
+  return numbers;
 }
 
 // The rows "| offset | size | `field` |" below each heading "### `type`, n bytes". Addresses have fields of bits, and
 // no offsets in the headers.
 TEST(FormatsDocument, TablesAreThoseOfTheHeaders) {
-  offsets_t untold = offsets_in_headers();
+  numbers_t stored, told;
+  for (const char *const header :
+       {"utils/dynarr/src/dynamic_array.h", "utils/dynarr/src/tslb_dynarr.h", "utils/dynmem/src/tslb_dynmem.h"})
+    stored.merge(numbers_in(content_of(ROOT / header), R"(\nTSLB_STORED_(?:SIZE|AT)\((\w+(?:, \w+)?), (\d+)\))"));
   static const std::regex heading(R"(^### `(\w+)`, (\d+) bytes$)"), row(R"(^\| (\d+) \|(?: (\d+))? \| `(\w+)` \|.*)");
   std::string type;
-  size_t size = 0, end = 0;
-  std::istringstream lines(text_of("docs/formats.md") + "\n## End\n");
+  size_t end = 0;
+  std::istringstream lines(content_of(ROOT / "docs/formats.md") + "\n## End\n");
   for (std::string line; std::getline(lines, line);) {
     std::smatch found;
     if (line.starts_with("##")) {
-      EXPECT_TRUE(type.empty() || end == size || end == 0) << type << ": the rows end at " << end;
+      EXPECT_TRUE(end == 0 || std::to_string(end) == told[type]) << type << ": the rows end at " << end;
       type.clear();
+      end = 0;
     }
     if (std::regex_match(line, found, heading)) {
       type = found[1];
-      size = std::stoul(found[2]);
-      end = 0;
-      ASSERT_EQ(untold.count(type + "."), 1u) << line;
-      EXPECT_EQ(untold[type + "."], size) << line;
-      untold.erase(type + ".");
+      told[type] = found[2];
     } else if (!type.empty() && std::regex_match(line, found, row)) {
-      const std::string field = type + "." + found[3].str();
-      ASSERT_EQ(untold.count(field), 1u) << type << ": " << line;
-      EXPECT_EQ(untold[field], std::stoul(found[1])) << type << ": " << line;
-      EXPECT_EQ(std::stoul(found[1]), end) << type << ": " << line;
+      told[type + ", " + found[3].str()] = found[1];
+      EXPECT_EQ(found[1], std::to_string(end)) << type << ": " << line;
       end += found[2].length() != 0 ? std::stoul(found[2]) : 0;
-      untold.erase(field);
     }
   }
-  for (const auto &[field, offset] : untold) ADD_FAILURE() << field << " stands in no table";
+  EXPECT_EQ(told, stored);
 }
 
 // The rows "| `layout` | bytes |" of the catalogue's records: every versioned layout once.
 TEST(FormatsDocument, SizesOfRecordsAreThoseOfTheHeader) {
-  const auto sizes_in = [](const std::string &text, const char *pattern) {
-    std::map<std::string, std::string> sizes;
-    const std::regex size(pattern);
-    for (std::sregex_iterator it(text.begin(), text.end(), size), end; it != end; ++it) sizes[(*it)[1]] = (*it)[2];
-    return sizes;
-  };
-  const auto wanted =
-      sizes_in(text_of("catalog/src/tsdb_recovery_schema.h"), R"(TSLB_STORED_SIZE\((\w+_v\d), (\d+)\))");
-  EXPECT_FALSE(wanted.empty());
-  EXPECT_EQ(sizes_in(text_of("docs/formats.md"), R"(\n\| `(\w+_v\d)` \| (\d+) \|)"), wanted);
+  const numbers_t stored =
+      numbers_in(content_of(ROOT / "catalog/src/tsdb_recovery_schema.h"), R"(TSLB_STORED_SIZE\((\w+_v\d), (\d+)\))");
+  EXPECT_FALSE(stored.empty());
+  EXPECT_EQ(numbers_in(content_of(ROOT / "docs/formats.md"), R"(\n\| `(\w+_v\d)` \| (\d+) \|)"), stored);
+}
+
+// ---- Names ---------------------------------------------------------------------------------------------------------
+
+TEST(Documents, FilesAndTestsThatTheyNameAreThere) {
+  namespace fs = std::filesystem;
+  std::string paths, tests;
+  for (const char *const folder : {"utils", "catalog", "host", "examples", "tools", "fuzz", "tests", "docs", "bench"})
+    for (const auto &file : fs::recursive_directory_iterator(ROOT / folder)) paths += file.path().string() + "\n";
+  for (const auto &file : fs::directory_iterator(ROOT)) paths += file.path().string() + "\n";
+  for (const auto &file : fs::directory_iterator(ROOT / "tests"))
+    if (file.path().extension() == ".cpp") tests += content_of(file.path());
+  static const std::regex quoted("`([^`\n]+)`"), file(R"(([\w-]+/)*\w+\.(h|cpp|c|md))"),
+      test(R"((?:\w+_test\.)?([A-Z]\w+)\.([A-Z]\w+))");
+  for (const char *const document : {"docs/formats.md", "docs/hosting.md", "docs/reliability.md", "CONTRIBUTING.md"}) {
+    const std::string text = content_of(ROOT / document);
+    int n_names = 0;
+    for (std::sregex_iterator it(text.begin(), text.end(), quoted), end; it != end; ++it) {
+      const std::string name = (*it)[1];
+      const bool is_file = std::regex_match(name, file);
+      std::smatch found;
+      if (!is_file && !std::regex_match(name, found, test)) continue;
+      ++n_names;
+      // A file by its name, or by the end of its path.
+      EXPECT_NE(is_file ? paths.find("/" + name + "\n") : tests.find(found.format("($1, $2)")), std::string::npos)
+          << document << ": " << name;
+    }
+    EXPECT_GT(n_names, 0) << document << ": no name was found";
+  }
 }

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 
-#include "metricdb_support.h"
 #include "server_support.h"
 
 namespace metricdb {
@@ -57,9 +56,6 @@ class Agents : public Folder {
     write_file(root_ / name, text);
     return root_ / name;
   }
-  std::string influx_url(const std::string &rest) const {
-    return fmt::format("http://127.0.0.1:{}{}", server_.influx_port(), rest);
-  }
   // Its output, once it has ended well.
   std::string run_to_end(const std::vector<std::string> &words) const {
     Program program(words, root_ / "program.out");
@@ -72,44 +68,6 @@ class Agents : public Folder {
 
 #define SKIP_WITHOUT(program, package) \
   if (!fs::exists(program)) GTEST_SKIP() << program << " is not there: it comes with the package " << package
-
-// ---- curl ----
-
-constexpr const char *CURL = "/usr/bin/curl";
-
-TEST_F(Agents, Curl) {
-  SKIP_WITHOUT(CURL, "curl");
-  std::string lines;
-  // Long enough that curl asks first whether its body is wanted.
-  constexpr int N = 60'000;
-  for (int i = 0; i < N; ++i) lines += fmt::format("m,n={} f={}i {}\n", i % 10, i, i + 1);
-  const fs::path good = write("good.lp", lines), bad = write("bad.lp", "m f=1 5\nm f= 6\nm f=2 7\n");
-  const struct {
-    std::vector<std::string> words;
-    const char *shown;
-    size_t points;
-  } rows[] = {
-      {{"--data-binary", "@" + good.string(), influx_url("/write?db=x&precision=s")}, "204", N},
-      {{"-H", "Transfer-Encoding: chunked", "--data-binary", "@" + good.string(), influx_url("/write?db=x")}, "204", N},
-      {{"--http2", "--data-binary", "m f=1", influx_url("/write?db=x")}, "204", 1},
-      {{"--http1.0", "--data-binary", "m f=1", influx_url("/write?db=x")}, "204", 1},
-      {{"--data-binary", "@" + bad.string(), influx_url("/write?db=x")},
-       "{\"error\":\"partial write: line 2: field \\\"f\\\" has no value dropped=1\"}\n400",
-       2},
-      {{"--data-urlencode", "q=CREATE DATABASE \"x y\"", influx_url("/query")},
-       "{\"results\":[{\"statement_id\":0}]}\n200",
-       0},
-      {{"-G", "--data-urlencode", "q=SHOW DATABASES", influx_url("/query")}, "[[\"metricdb\"],[\"x y\"]]}]", 0},
-      {{"-I", influx_url("/ping")}, "204", 0},
-  };
-  for (const auto &row : rows) {
-    const size_t before = server_.ingest().points().size();
-    std::vector<std::string> words = {CURL, "-sS", "--noproxy", "*", "-w", "%{http_code}"};
-    words.insert(words.end(), row.words.begin(), row.words.end());
-    EXPECT_THAT(run_to_end(words), HasSubstr(row.shown));
-    EXPECT_EQ(server_.ingest().points().size() - before, row.points);
-  }
-}
 
 // ---- The influx client ----
 
@@ -140,6 +98,7 @@ TEST_F(Agents, InfluxClient) {
 
 // ---- The program, with its database ----
 
+constexpr const char *CURL = "/usr/bin/curl";
 constexpr const char *COLLECTD = "/usr/sbin/collectd";
 
 // Counters as they are: rates begin with a nan each.
@@ -171,7 +130,7 @@ TEST_F(Agents, CollectdFeedsADatabaseBesideCurl) {
   SKIP_WITHOUT(COLLECTD, "collectd-core");
   SKIP_WITHOUT(CURL, "curl");
   const std::string db = (root_ / "db").string();
-  constexpr int N_LINES = 3000;
+  constexpr int N_LINES = 60'000;  // long enough that curl asks first whether its body is wanted
   std::string lines;
   for (int i = 0; i < N_LINES; ++i) lines += fmt::format("m,n={} f={}i {}\n", i % 10, i, i + 1);
   const fs::path file = write("curl.lp", lines);

@@ -63,24 +63,19 @@ TEST_P(DamagedFile, EveryFlippedBitIsRefusedByTheFilesName) {
 
 TEST_P(DamagedFile, MissingCutLongOrOfAnotherKind) {
   ASSERT_NO_FATAL_FAILURE(keep_filled(GetParam()));
+  // The manifest tells the length of the others, and has a checksum itself.
+  const std::string of_its_own = "its checksum is wrong, or it ends too early";
   static const struct {
     const char *fault;
     void (*damage)(const fs::path &);
-    const char *told;         // by a stream or block file
-    const char *of_manifest;  // by the manifest
+    const char *told;
   } rows[] = {
-      {"missing", [](const fs::path &file) { fs::remove(file); }, "cannot be opened: No such file or directory",
-       "cannot be opened: No such file or directory"},
-      {"cut", [](const fs::path &file) { fs::resize_file(file, fs::file_size(file) - 1); }, "the manifest says",
-       "its checksum is wrong, or it ends too early"},
-      {"empty", [](const fs::path &file) { fs::resize_file(file, 0); }, "0 bytes long, the manifest says",
-       "it does not begin as a manifest of metricdb does"},
-      {"longer", [](const fs::path &file) { fs::resize_file(file, fs::file_size(file) + 1); }, "the manifest says",
-       "its checksum is wrong, or it ends too early"},
-      {"a folder", [](const fs::path &file) { fs::remove(file), fs::create_directory(file); }, "is not a regular file",
-       "is not a regular file"},
+      {"missing", [](const fs::path &file) { fs::remove(file); }, "cannot be opened: No such file or directory"},
+      {"cut", [](const fs::path &file) { fs::resize_file(file, fs::file_size(file) - 1); }, "the manifest says"},
+      {"longer", [](const fs::path &file) { fs::resize_file(file, fs::file_size(file) + 1); }, "the manifest says"},
+      {"a folder", [](const fs::path &file) { fs::remove(file), fs::create_directory(file); }, "is not a regular file"},
       {"a pipe that nobody writes", [](const fs::path &file) { fs::remove(file), mkfifo(file.c_str(), 0600); },
-       "is not a regular file", "is not a regular file"},
+       "is not a regular file"},
   };
   for (const auto &row : rows)
     for (const fs::path &file : files()) {
@@ -89,7 +84,8 @@ TEST_P(DamagedFile, MissingCutLongOrOfAnotherKind) {
       row.damage(file);
       const std::string what = refusal_of([this] { database_->open(); });
       EXPECT_THAT(what, StartsWith(file.string() + ": "));
-      EXPECT_THAT(what, HasSubstr(file.filename() == "manifest" ? row.of_manifest : row.told));
+      const bool is_by_itself = file.filename() == "manifest" && row.told == std::string("the manifest says");
+      EXPECT_THAT(what, HasSubstr(is_by_itself ? of_its_own : row.told));
       fs::remove(file);
       write_file(file, whole);
     }
@@ -169,143 +165,114 @@ TEST_F(Damage, ManifestsThatContradict) {
 
 // ---- Damage that every checksum agrees with ----
 
-SeriesRecord record_of(Store &store, std::string_view key) {
-  return store.record(store.series_of(key));
-}
-char *chunk_at(Store &store, const maddr_t &address) {
-  return static_cast<char *>(tslb_dynmem_get_maddr2ptr(store.points(), address));
-}
-SealedChunk *sealed_at(Store &store, const maddr_t &address) {
-  return reinterpret_cast<SealedChunk *>(chunk_at(store, address));
-}
-SealedChunk *first_of(Store &store, std::string_view key) {
-  return sealed_at(store, record_of(store, key).first_sealed());
-}
-compat_t *header_before(void *data) {
-  return reinterpret_cast<compat_t *>(data) - 1;
-}
-char *key_text(Store &store, std::string_view key) {
-  return const_cast<char *>(store.key(store.series_of(key)).data());
-}
-MemSlot_t *memory_slot(dynmem_t *pool, uint32_t index) {
-  return static_cast<MemSlot_t *>(tslb_da_get_ptr(pool, index));
-}
-maddr_t moved(maddr_t address, int slots, int units) {
+// What there is to damage in a store that `fill` made.
+struct Parts {
+  explicit Parts(Store &of) : store(of) {}
+
+  SealedChunk *sealed(const maddr_t &address) const { return reinterpret_cast<SealedChunk *>(points_at(address)); }
+  char *points_at(const maddr_t &address) const {
+    return static_cast<char *>(tslb_dynmem_get_maddr2ptr(store.points(), address));
+  }
+  SeriesRecord record_of(std::string_view key) const { return store.record(store.series_of(key)); }
+  SeriesRecord free_record() const {
+    uint32_t slot = 0;
+    while (store.holds_series(slot)) ++slot;
+    return store.record(slot);
+  }
+
+  Store &store;
+  const SeriesRecord a = record_of("a f"), b = record_of("b f"), c = record_of("c f"), free = free_record();
+  SealedChunk *const first = sealed(b.first_sealed()), *const last = sealed(b.last_sealed());
+  char *const key_of_a = const_cast<char *>(store.key(store.series_of("a f")).data());
+  MemSlot_t *const key_slot = static_cast<MemSlot_t *>(tslb_da_get_ptr(store.keys(), 0));
+  MemSlot_t *const current_slot =
+      static_cast<MemSlot_t *>(tslb_da_get_ptr(store.points(), cursor_of(store.points()).mslot_idx));
+};
+
+maddr_t moved(maddr_t address, unsigned units) {
   maddrBV_t bits;
   std::memcpy(&bits, &address, sizeof bits);
-  bits.mslot_idx = (bits.mslot_idx + static_cast<unsigned>(slots)) & 0xFF;
-  bits.mchunk_idx = (bits.mchunk_idx + static_cast<unsigned>(units)) & 0x1FFFFF;
+  bits.mchunk_idx = (bits.mchunk_idx + units) & 0x1FFFFF;
   std::memcpy(&address, &bits, sizeof bits);
   return address;
 }
 
+constexpr maddr_t OUTSIDE = {200, 8};
+
 TEST_F(Damage, StoresThatContradictThemselves) {
   static const struct {
     const char *fault;
-    void (*damage)(Store &);
-    const char *file, *told;
+    void (*damage)(Parts);
+    const char *told;
+    const char *file = "catalogue";
   } rows[] = {
-      {"a chunk beyond its slot",
-       [](Store &s) { record_of(s, "b f").set_first_sealed(moved(record_of(s, "b f").first_sealed(), 0, 0x1FFFF0)); },
-       "catalogue", "where no chunk in use begins"},
-      {"an address inside a chunk",
-       [](Store &s) { record_of(s, "b f").set_open(moved(record_of(s, "b f").open(), 0, 1)); }, "catalogue",
+      {"a chunk beyond its slot", [](Parts p) { p.b.set_first_sealed(moved(p.b.first_sealed(), 0x1FFFF0)); },
        "where no chunk in use begins"},
-      {"a key outside of its pool",
-       [](Store &s) {
-         maddr_t key = record_of(s, "a f").key();
-         key.mslot_idx = 200;
-         record_of(s, "a f").set_key(key);
-       },
-       "catalogue", "its key names slot 200"},
-      {"one key for two series", [](Store &s) { record_of(s, "a f").set_key(record_of(s, "b f").key()); }, "catalogue",
-       "whose header names another reference"},
-      {"a key without its end", [](Store &s) { key_text(s, "a f")[3] = 'x'; }, "catalogue",
-       "its key does not end with a zero"},
-      {"two series with one name", [](Store &s) { key_text(s, "a f")[0] = 'b'; }, "catalogue",
-       "its key \"b f\" is another's too"},
-      {"a ring of chunks",
-       [](Store &s) { sealed_at(s, record_of(s, "b f").last_sealed())->next = record_of(s, "b f").first_sealed(); },
-       "catalogue", "sealed chunk 2 is the last and names another one"},
-      {"a ring that the count allows", [](Store &s) { first_of(s, "b f")->next = record_of(s, "b f").first_sealed(); },
-       "catalogue", "which was referred to before"},
-      {"a chain longer than its count", [](Store &s) { record_of(s, "b f").set_n_sealed(2); }, "catalogue",
+      {"an address inside a chunk", [](Parts p) { p.b.set_open(moved(p.b.open(), 1)); },
+       "where no chunk in use begins"},
+      {"a key outside of its pool", [](Parts p) { p.a.set_key(OUTSIDE); }, "its key names slot 200"},
+      {"one key for two series", [](Parts p) { p.a.set_key(p.b.key()); }, "whose header names another reference"},
+      {"a key without its end", [](Parts p) { p.key_of_a[3] = 'x'; }, "its key does not end with a zero"},
+      {"two series with one name", [](Parts p) { p.key_of_a[0] = 'b'; }, "its key \"b f\" is another's too"},
+      {"a ring of chunks", [](Parts p) { p.last->next = p.b.first_sealed(); },
+       "sealed chunk 2 is the last and names another one"},
+      {"a ring that the count allows", [](Parts p) { p.first->next = p.b.first_sealed(); },
+       "which was referred to before"},
+      {"a chain longer than its count", [](Parts p) { p.b.set_n_sealed(2); },
        "its last sealed chunk is not the end of its chain"},
       {"a series that lost its chunk",
-       [](Store &s) {
-         const SeriesRecord record = record_of(s, "c f");
-         record.set_flags(SERIES_READY);
-         record.set_n_open(0);
-         record.set_n_points(0);
+       [](Parts p) {
+         p.c.set_flags(SERIES_READY);
+         p.c.set_n_open(0);
+         p.c.set_n_points(0);
        },
-       "points", "nothing refers to the chunk at byte "},
-      {"points of an open chunk that is not there", [](Store &s) { record_of(s, "b f").set_flags(SERIES_READY); },
-       "catalogue", "it has points and no open chunk"},
-      {"a flag of somebody else", [](Store &s) { record_of(s, "a f").set_flags(0x07); }, "catalogue", "flags 0x07"},
-      {"a count of points", [](Store &s) { record_of(s, "a f").set_n_points(1); }, "catalogue", "its record counts 1"},
-      {"more points than fit", [](Store &s) { record_of(s, "c f").set_n_open(9); }, "catalogue",
-       "counts 9 points of 8"},
-      {"a sealed chunk that was not full", [](Store &s) { first_of(s, "b f")->count = 127; }, "catalogue",
-       "sealed chunk 0 holds 127 points"},
-      {"a size of points beyond the chunk", [](Store &s) { first_of(s, "b f")->bytes += 8; }, "catalogue",
-       "has not the size of its points"},
-      {"bytes that no points have", [](Store &s) { std::memset(first_of(s, "b f") + 1, 0xFF, 40); }, "catalogue",
+       "nothing refers to the chunk at byte ", "points"},
+      {"points of an open chunk that is not there", [](Parts p) { p.b.set_flags(SERIES_READY); },
+       "it has points and no open chunk"},
+      {"a flag of somebody else", [](Parts p) { p.a.set_flags(0x07); }, "flags 0x07"},
+      {"a count of points", [](Parts p) { p.a.set_n_points(1); }, "its record counts 1"},
+      {"more points than fit", [](Parts p) { p.c.set_n_open(9); }, "counts 9 points of 8"},
+      {"a sealed chunk that was not full", [](Parts p) { p.first->count = 127; }, "sealed chunk 0 holds 127 points"},
+      {"a size of points beyond the chunk", [](Parts p) { p.first->bytes += 8; }, "has not the size of its points"},
+      {"bytes that no points have", [](Parts p) { std::memset(p.first + 1, 0xFF, 40); },
        "sealed chunk 0 cannot be read"},
-      {"points of other times than the chunk claims", [](Store &s) { first_of(s, "b f")->oldest_ns = 90; }, "catalogue",
+      {"points of other times than the chunk claims", [](Parts p) { p.first->oldest_ns = 90; },
        "sealed chunk 0 holds times from 100 to 107, not what it claims"},
-      {"a length beyond the slot",
-       [](Store &s) { header_before(chunk_at(s, record_of(s, "b f").last_sealed()))->mchunk_len = 60000; }, "points",
-       "goes beyond the bytes in use"},
+      {"a length beyond the slot", [](Parts p) { (reinterpret_cast<compat_t *>(p.last) - 1)->mchunk_len = 60000; },
+       "goes beyond the bytes in use", "points"},
       {"a deleted chunk that is referred to",
-       [](Store &s) { tslb_dynmem_del_mchunk(s.points(), record_of(s, "b f").first_sealed()); }, "catalogue",
-       "where no chunk in use begins"},
-      {"a count of deleted bytes", [](Store &s) { memory_slot(s.keys(), 0)->bytes_del += 8; }, "keys",
-       "the slot counts "},
-      {"a slot used beyond its size",
-       [](Store &s) { memory_slot(s.points(), cursor_of(s.points()).mslot_idx)->bytes_used = 5000; }, "points",
-       "5000 bytes in use of 2400"},
-      {"a cursor inside a chunk",
-       [](Store &s) { memory_slot(s.points(), cursor_of(s.points()).mslot_idx)->bytes_used += 8; }, "points",
-       "and the cursor stands at "},
-      {"a free slot that claims a series",
-       [](Store &s) {
-         for (uint32_t i = 0; i < s.n_slots(); ++i)
-           if (!s.holds_series(i)) s.record(i).set_flags(SERIES_READY);
-       },
-       "catalogue", "flags 0x01 at status 1"},
-      {"a free slot without its mark",
-       [](Store &s) {
-         for (uint32_t i = 0; i < s.n_slots(); ++i)
-           if (!s.holds_series(i)) s.record(i).set_key({});
-       },
-       "catalogue", "gatekeeper 0x0 in a free slot"},
-      {"a slot in use without a series", [](Store &s) { record_of(s, "a f").set_flags(0); }, "catalogue",
-       "flags 0x00 at status "},
+       [](Parts p) { tslb_dynmem_del_mchunk(p.store.points(), p.b.first_sealed()); }, "where no chunk in use begins"},
+      {"a count of deleted bytes", [](Parts p) { p.key_slot->bytes_del += 8; }, "the slot counts ", "keys"},
+      {"a slot used beyond its size", [](Parts p) { p.current_slot->bytes_used = 5000; }, "5000 bytes in use of 2400",
+       "points"},
+      {"a cursor inside a chunk", [](Parts p) { p.current_slot->bytes_used += 8; }, "and the cursor stands at ",
+       "points"},
+      {"a free slot that claims a series", [](Parts p) { p.free.set_flags(SERIES_READY); }, "flags 0x01 at status 1"},
+      {"a free slot without its mark", [](Parts p) { p.free.set_key({}); }, "gatekeeper 0x0 in a free slot"},
+      {"a slot in use without a series", [](Parts p) { p.a.set_flags(0); }, "flags 0x00 at status "},
       {"a point behind the newest",
-       [](Store &s) {
+       [](Parts p) {
          const int64_t later = 1000;
-         std::memcpy(chunk_at(s, record_of(s, "c f").open()), &later, sizeof later);
+         std::memcpy(p.points_at(p.c.open()), &later, sizeof later);
        },
-       "catalogue", "a point at 1000, behind its newest at 180"},
-      {"written in the future", [](Store &s) { record_of(s, "a f").set_written_at_ns(1000); }, "catalogue",
-       "it was written behind data time"},
-      {"the newest in the future", [](Store &s) { record_of(s, "a f").set_newest_ns(1000); }, "catalogue",
-       "it was written behind data time"},
-      {"a word that nobody writes", [](Store &s) { record_of(s, "a f").at()[offsetof(ty_sub_t_v1, prev_id)] = 1; },
-       "catalogue", "bytes without a meaning are not zero"},
-      {"a pool of another kind", [](Store &s) { header_of(s.keys())->flag |= MPOOL_FLAG_BV; }, "keys",
-       "a pool with flags 0x11"},
-      {"a pool with a limit", [](Store &s) { header_of(s.keys())->max_slots = 3; }, "keys",
-       "a pool limited to 3 slots"},
+       "a point at 1000, behind its newest at 180"},
+      {"written in the future", [](Parts p) { p.a.set_written_at_ns(1000); }, "it was written behind data time"},
+      {"the newest in the future", [](Parts p) { p.a.set_newest_ns(1000); }, "it was written behind data time"},
+      {"a word that nobody writes", [](Parts p) { p.a.at()[offsetof(ty_sub_t_v1, prev_id)] = 1; },
+       "bytes without a meaning are not zero"},
+      {"a pool of another kind", [](Parts p) { header_of(p.store.keys())->flag |= MPOOL_FLAG_BV; },
+       "a pool with flags 0x11", "keys"},
+      {"a pool with a limit", [](Parts p) { header_of(p.store.keys())->max_slots = 3; }, "a pool limited to 3 slots",
+       "keys"},
       {"records of another version",
-       [](Store &s) { static_cast<DynHdr_t *>(tslb_da_get_dynhdr(s.catalogue()))->rec_version = 0; }, "catalogue",
+       [](Parts p) { static_cast<DynHdr_t *>(tslb_da_get_dynhdr(p.store.catalogue()))->rec_version = 0; },
        "record version 0, which is not 1"},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);
-    ASSERT_NO_FATAL_FAILURE(keep_filled(StoreKind::snapshot, row.damage));
+    ASSERT_NO_FATAL_FAILURE(keep_filled(StoreKind::snapshot, [&row](Store &store) { row.damage(Parts(store)); }));
     const std::string what = refusal();
-    EXPECT_THAT(what, StartsWith(fmt::format("{}/generation.1/{}.stream: ", database_->folder(), row.file)));
+    EXPECT_THAT(what, StartsWith(fmt::format("{}/{}.stream: ", generation().string(), row.file)));
     EXPECT_THAT(what, HasSubstr(row.told));
     fs::remove_all(generation());
   }
@@ -313,9 +280,8 @@ TEST_F(Damage, StoresThatContradictThemselves) {
 
 // A damaged record of block files is told by the file that it lies in.
 TEST_F(Damage, BlockFilesAreToldApart) {
-  ASSERT_NO_FATAL_FAILURE(keep_filled(StoreKind::shm, [](Store &store) {
-    memory_slot(store.points(), cursor_of(store.points()).mslot_idx)->bytes_used += 8;
-  }));
+  ASSERT_NO_FATAL_FAILURE(
+      keep_filled(StoreKind::shm, [](Store &store) { Parts(store).current_slot->bytes_used += 8; }));
   EXPECT_THAT(refusal(), StartsWith((generation() / "metricdb/-3.1.darr: slot ").string()));
 }
 
@@ -326,22 +292,21 @@ TEST_F(Damage, RandomBytesAreRefusedOrHarmless) {
   constexpr int ROUNDS = 500;
   ASSERT_NO_FATAL_FAILURE(keep_filled(StoreKind::snapshot));
   const char *const names[] = {"catalogue.stream", "keys.stream", "points.stream"};
-  std::string whole[3];
-  for (int i = 0; i < 3; ++i) whole[i] = read_file(generation() / names[i]);
   std::mt19937 random(SEED);
   int n_refused = 0;
   testing::internal::CaptureStderr();
   for (int round = 0; round < ROUNDS; ++round) {
     SCOPED_TRACE(fmt::format("seed {}, round {}", SEED, round));
-    const size_t which = random() % 3;
-    std::string damaged = whole[which];
+    const fs::path file = generation() / names[random() % 3];
+    const std::string whole = read_file(file);
+    std::string damaged = whole;
     for (uint32_t n = 1 + random() % 3; n > 0; --n) {
       static const unsigned char bytes[] = {0x00, 0x01, 0x02, 0x04, 0x10, 0x40, 0x7F, 0x80, 0xFF};
       char &byte = damaged[random() % damaged.size()];
       byte = static_cast<char>(random() % 2 == 0 ? bytes[random() % std::size(bytes)]
                                                  : static_cast<unsigned char>(byte) ^ (1u << random() % 8));
     }
-    write_file(generation() / names[which], damaged);
+    write_file(file, damaged);
     seal_manifest();
     try {
       Opened opened = database_->open();
@@ -356,7 +321,7 @@ TEST_F(Damage, RandomBytesAreRefusedOrHarmless) {
       EXPECT_THAT(error.what(), StartsWith(generation().string() + "/"));
       ++n_refused;
     }
-    write_file(generation() / names[which], whole[which]);
+    write_file(file, whole);
   }
   testing::internal::GetCapturedStderr();
   EXPECT_GT(n_refused, ROUNDS / 4);

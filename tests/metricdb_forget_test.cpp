@@ -3,10 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 
 #include "metricdb_support.h"
 #include "report.h"
+#include "store_internal.h"
 
 namespace metricdb {
 namespace {
@@ -23,65 +23,45 @@ std::string points_text(std::string_view head, int first, int last) {
   return text;
 }
 
-std::string repeated(std::string_view line, int times) {
-  std::string text;
-  for (int i = 0; i < times; ++i) text += line;
-  return text;
-}
-
 // What the model below meets rarely, or not at all.
 TEST(Retention, KeepsExactlyWhatIsYoungEnough) {
   static const struct {
     const char *fault;
     std::string text;
     Content content;  // after a load with a retention of 10 and a sweep
-    struct {
-      uint64_t chunks, late_points;
-      uint32_t series;
-    } gone;
+    uint64_t chunks_gone = 0;
   } rows[] = {
       {"a chunk stays whose points are all old",
        points_text("m f", 1, 130) + "n f=0 139\n",
        {{"m f", "129@129 130@130 "}, {"n f", "0@139 "}},
-       {1, 0, 0}},
+       1},
       {"the last point of a chunk stands for all",
        "m f=1 9\n" + repeated("m f=0 1\n", 127) + "m f=2 10\nn f=0 12\n",
-       {{"m f", "1@9 2@10 "}, {"n f", "0@12 "}},
-       {0, 0, 0}},
+       {{"m f", "1@9 2@10 "}, {"n f", "0@12 "}}},
       {"an old chunk behind a young one is shown, or takes the young one with it",
        "m f=9 9\n" + repeated("m f=0 0\n", 255) + "m f=20 10\nn f=0 12\n",
-       {{"m f", "9@9 20@10 "}, {"n f", "0@12 "}},
-       {0, 0, 0}},
+       {{"m f", "9@9 20@10 "}, {"n f", "0@12 "}}},
       {"the limit passes the least time",
        "m f=1 -9223372036854775808\nm f=2 -9223372036854775800\n",
-       {{"m f", "1@-9223372036854775808 2@-9223372036854775800 "}},
-       {0, 0, 0}},
+       {{"m f", "1@-9223372036854775808 2@-9223372036854775800 "}}},
       {"the distance of the extremes wraps",
        "m f=1 -9223372036854775808\nm f=2 9223372036854775807\n",
-       {{"m f", "2@9223372036854775807 "}},
-       {0, 0, 0}},
+       {{"m f", "2@9223372036854775807 "}}},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);
     Store store({.retain_ns = 10});
     const LoadStats stats = load(store, row.text);
-    uint64_t n_visible = 0;
-    for (const auto &[key, shown] : content_of(store))
-      n_visible += static_cast<uint64_t>(std::count(shown.begin(), shown.end(), '@'));
-    EXPECT_EQ(store.n_visible(), n_visible);
-    Content shown_early = content_of(store);
-    std::erase_if(shown_early, [](const auto &series) { return series.second.empty(); });
-    EXPECT_EQ(shown_early, row.content) << "what is visible must not wait for a sweep";
+    EXPECT_EQ(content_of(store), row.content) << "what is visible must not wait for a sweep";
+    const uint64_t n_visible = store.n_visible();
     store.sweep();
     EXPECT_EQ(content_of(store), row.content);
+    EXPECT_EQ(store.n_visible(), n_visible);
     const Forgotten &gone = store.forgotten();
-    EXPECT_EQ(gone.chunks, row.gone.chunks);
-    EXPECT_EQ(gone.late_points, row.gone.late_points);
-    EXPECT_EQ(gone.series_aged, row.gone.series);
-    EXPECT_EQ(n_free(store.catalogue()), row.gone.series);
-    EXPECT_EQ(gone.points + gone.late_points + store.n_points(), stats.points);
-
-    expect_checked(checked(store, row.text, 10), store.n_visible(), 0, "");
+    EXPECT_EQ(gone.chunks, row.chunks_gone);
+    EXPECT_EQ(gone.late_points + gone.series_aged + lists_of(store.catalogue())->n_free, 0u);
+    EXPECT_EQ(gone.points + store.n_points(), stats.points);
+    expect_checked(checked(store, row.text, 10), n_visible, 0, "");
   }
 }
 
@@ -111,13 +91,13 @@ TEST(Reuse, TakesTheSlotUnwrittenForLongestAndForgetsItsSeries) {
   store.sweep();
   EXPECT_EQ(store.n_inactive(), 4u);
 
-  const uint32_t free_before = n_free(store.points());
+  const uint32_t free_before = lists_of(store.points())->n_free;
   load(store, "new f=1 401\n");
   EXPECT_EQ(slot_of(store, "new f"), a) << "a was last written at 84, d at 205, b at 206, e at 207";
   EXPECT_EQ(store.forgotten().series_reused, 1u);
   EXPECT_EQ(store.forgotten().chunks, 1u);
   EXPECT_EQ(store.forgotten().points, 84u);
-  EXPECT_EQ(n_free(store.points()), free_before + 1) << "the slot of a's large chunk does not come back";
+  EXPECT_EQ(lists_of(store.points())->n_free, free_before + 1) << "the slot of a's large chunk does not come back";
   const Content expected = {
       {"b f", "1@1 2@100 3@206 "}, {"c f", "1@205 2@400 "}, {"d f", "1@205 "}, {"e f", "1@207 "}, {"new f", "1@401 "}};
   EXPECT_EQ(content_of(store), expected);
@@ -126,31 +106,13 @@ TEST(Reuse, TakesTheSlotUnwrittenForLongestAndForgetsItsSeries) {
   load(store, "a f=9 402\n");
   EXPECT_EQ(content_of(store).at("a f"), "9@402 ") << "a reused series comes back as a new one";
   EXPECT_EQ(content_of(store).count("d f"), 0u) << "half of the slots are inactive still: d gives way to a";
-}
 
-// 250 times what is retained, under keys that come and go.
-TEST(Retention, MemoryOfALongLoadIsBounded) {
-  constexpr int64_t RETAIN_NS = 2000;
-  constexpr int64_t N_POINTS = 500'000;
-  Store store({.key_slot_bytes = 256, .point_slot_bytes = 2064, .retain_ns = RETAIN_NS, .points_per_sweep = 1000});
-  uint32_t point_slots = 0, key_slots = 0, catalogue_slots = 0;
-  testing::internal::CaptureStderr();  // should a bound not hold, the pool warns on its way
-  for (int64_t i = 0; i < N_POINTS; ++i) {
-    store.add(fmt::format("m,pod={} f", i / 500 * 3 + i % 3), {i, 1.0 * i});
-    if (i != N_POINTS / 5) continue;
-    point_slots = tslb_da_get_size(store.points());
-    key_slots = tslb_da_get_size(store.keys());
-    catalogue_slots = store.n_slots();
-  }
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-  // One more, because sweeps, pods and seals meet in other phases later on.
-  EXPECT_LE(tslb_da_get_size(store.points()), point_slots + 1) << "emptied slots of points are not taken again";
-  EXPECT_LE(tslb_da_get_size(store.keys()), key_slots + 1);
-  EXPECT_EQ(store.n_slots(), catalogue_slots);
+  load(store, "a f=9 900\n");
   store.sweep();
-  EXPECT_EQ(store.n_visible(), static_cast<uint64_t>(RETAIN_NS) + 1);
-  EXPECT_EQ(store.n_series(), 3u * 4 + 1) << "500 points to a generation of three pods";
-  EXPECT_EQ(store.n_points() + store.forgotten().points, static_cast<uint64_t>(N_POINTS));
+  ASSERT_EQ(store.n_inactive(), 4u);
+  store.forget_by(0, 100, 0);
+  load(store, "late f=1 901\n");
+  EXPECT_EQ(store.n_inactive(), 4u) << "the policy outlives its end";
 }
 
 // The library ends the process when the last slot of a pool is current and full, or a fresh one beyond it is needed,
@@ -158,33 +120,21 @@ TEST(Retention, MemoryOfALongLoadIsBounded) {
 // highest slot is the current one when all are full, in later ones it is a reused one.
 TEST(Retention, AFullPoolGoesOnWhenSlotsComeBack) {
   static const struct {
-    const char *pool;
-    StoreConfig config;
-    bool new_key_each;
-    uint64_t room;  // of the first round; later ones lack the slot that was current at the sweep
+    const char *what;
+    uint64_t n_slots;
+    int slot_bytes;
     uint64_t room_of_a_slot;
-    const char *why;
-  } rows[] = {
-      {"points",
-       {.point_slot_bytes = 2064, .retain_ns = 10},
-       false,
-       2040 * 128,
-       128,
-       "no room for more points: all 2040 memory slots of 2064 bytes are full"},
-      {"keys",
-       {.key_slot_bytes = 64, .retain_ns = 10},
-       true,
-       255,
-       1,
-       "no room for more series keys: all 255 memory slots of 64 bytes are full"},
-  };
+  } rows[] = {{"points", 2040, 2064, 128}, {"series keys", 255, 64, 1}};
   for (const auto &row : rows) {
-    SCOPED_TRACE(row.pool);
-    Store store(row.config);
+    SCOPED_TRACE(row.what);
+    const bool is_of_keys = row.room_of_a_slot == 1;
+    Store store(is_of_keys ? StoreConfig{.key_slot_bytes = row.slot_bytes, .retain_ns = 10}
+                           : StoreConfig{.point_slot_bytes = row.slot_bytes, .retain_ns = 10});
+    const uint64_t room = row.n_slots * row.room_of_a_slot;
     int64_t ts_ns = 0;
     uint64_t n_stored = 0;
     const auto add = [&] {
-      const uint64_t number = row.new_key_each ? n_stored : 0;
+      const uint64_t number = is_of_keys ? n_stored : 0;
       store.add(fmt::format("measurement,number={:010} field", number), {ts_ns, noise(n_stored)});
       ++n_stored;
     };
@@ -197,13 +147,17 @@ TEST(Retention, AFullPoolGoesOnWhenSlotsComeBack) {
       }
       const uint64_t before = n_stored;
       const std::string why = refusal_of([&] {
-        while (n_stored - before <= row.room) add();
+        while (n_stored - before <= room) add();
       });
-      EXPECT_EQ(why, row.why);
-      EXPECT_LE(n_stored - before, row.room);
-      EXPECT_EQ(store.n_series() + n_free(store.catalogue()), store.n_slots()) << "a refused series keeps its slot";
-      EXPECT_GE(n_stored - before, row.room - (round == 0 ? 0 : 2 * row.room_of_a_slot)) << "round " << round;
+      EXPECT_EQ(why, fmt::format("no room for more {}: all {} memory slots of {} bytes are full", row.what, row.n_slots,
+                                 row.slot_bytes));
+      EXPECT_LE(n_stored - before, room);
+      EXPECT_EQ(store.n_series() + lists_of(store.catalogue())->n_free, store.n_slots())
+          << "a refused series keeps its slot";
+      // Later rounds lack the slot that was current at the sweep.
+      EXPECT_GE(n_stored - before, room - (round == 0 ? 0 : 2 * row.room_of_a_slot)) << "round " << round;
       EXPECT_EQ(store.n_points(), n_stored - before) << "something of a refused point stays";
+      EXPECT_LE(store.n_slots(), row.n_slots + 1) << "free slots of the catalogue are not taken again";
     }
     testing::internal::GetCapturedStderr();
   }
@@ -256,44 +210,6 @@ TEST(Retention, AgreesWithAPlainModel) {
   EXPECT_GT(n_gone, 20u) << "too few series vanish for this to show anything";
   EXPECT_GT(n_parked, 100u) << "too few are idle";
   EXPECT_GT(store.forgotten().late_points, 100u);
-}
-
-TEST(Check, FindsWhatDiffersFromTheRetention) {
-  struct Row {
-    const char *fault;
-    int64_t retain_of_store, retain_of_check;
-    std::string text;
-    bool sweep;
-    enum { NOTHING, VALUE_OF_VISIBLE, TIME_OF_HIDDEN } tamper;
-    uint64_t n_matching, n_differences;
-    const char *first;
-  };
-  const std::string plain = points_text("m f", 1, 30) + "n f=0 30\n";
-  const Row rows[] = {
-      {"nothing", 10, 10, plain, true, Row::NOTHING, 12, 0, ""},
-      {"points stay too long", 11, 10, plain, true, Row::NOTHING, 1, 12,
-       "series \"m f\", point 0: expected 20 at 20, found 19 at 19"},
-      {"points go too early", 9, 10, plain, true, Row::NOTHING, 1, 11,
-       "series \"m f\", point 0: expected 20 at 20, found 21 at 21"},
-      {"a value that changed", 10, 10, plain, true, Row::VALUE_OF_VISIBLE, 11, 1,
-       "series \"m f\", point 1: expected 21 at 21, found 21.000000000000004 at 21"},
-      {"a forgotten point that shows", 10, 10, plain, true, Row::TIME_OF_HIDDEN, 1, 12,
-       "series \"m f\", point 0: expected 20 at 20, found 5 at 25"},
-      {"a series without points", 10, 10, "m f=1 1\nn f=0 30\n", false, Row::NOTHING, 1, 1,
-       "series \"m f\": expected none, found one without points"},
-  };
-  for (const Row &row : rows) {
-    SCOPED_TRACE(row.fault);
-    Store store({.retain_ns = row.retain_of_store});
-    load(store, row.text);
-    if (row.sweep) store.sweep();
-    const SeriesRecord record = store.record(0);
-    auto *const open = static_cast<char *>(tslb_dynmem_get_maddr2ptr(store.points(), record.open()));
-    const int64_t visible_ns = 25;
-    if (row.tamper == Row::TIME_OF_HIDDEN) std::memcpy(open + 4 * sizeof(Point), &visible_ns, sizeof visible_ns);
-    if (row.tamper == Row::VALUE_OF_VISIBLE) open[20 * sizeof(Point) + offsetof(Point, value)] ^= 1;
-    expect_checked(checked(store, row.text, row.retain_of_check), row.n_matching, row.n_differences, row.first);
-  }
 }
 
 TEST(Report, SaysWhatWasForgotten) {

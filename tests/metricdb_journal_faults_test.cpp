@@ -150,7 +150,7 @@ TEST_F(JournalTest, ThreadsAppendWhileOthersCommitWaitAndRead) {
   Journal journal(path_, GENERATION, Sync::batch);
   on_threads(4, [&](int thread) {
     for (uint64_t i = 0; i < PER_THREAD && thread < 2; ++i)
-      append(journal, small_record(PER_THREAD * static_cast<uint64_t>(thread) + i));
+      journal.append(small_record(PER_THREAD * static_cast<uint64_t>(thread) + i).get());
     for (int i = 0; i < 60 && thread == 2; ++i) {
       const uint64_t ticket = journal.commit("");
       if (i % 3 != 0) continue;
@@ -177,11 +177,8 @@ TEST_F(JournalTest, ThreadsAppendWhileOthersCommitWaitAndRead) {
                          found[record.txn_id / PER_THREAD].push_back(text_of_record(record));
                        },
                        {}});
-  for (uint64_t i = 0; i < 2 * PER_THREAD; ++i) {
-    Written record = small_record(i);
-    record.record.data_sz = static_cast<uint32_t>(record.bytes.size());
-    expected[i / PER_THREAD].push_back(text_of_record(record.get()));
-  }
+  for (uint64_t i = 0; i < 2 * PER_THREAD; ++i)
+    expected[i / PER_THREAD].push_back(text_of_record(small_record(i).get()));
   EXPECT_EQ(found[0], expected[0]);
   EXPECT_EQ(found[1], expected[1]);
 }

@@ -44,7 +44,7 @@ TEST_F(JournalTest, RecordsComeBackAsTheyWereAppended) {
       }
       journal->commit("nothing but a mark");
       EXPECT_THROW(journal->commit(std::string(MOST_PAYLOAD_BYTES + 1, 'p')), std::length_error);
-      append(*journal, small_record(1));
+      journal->append(small_record(1).get());
       if (round == 0) journal->close();
     }
     const Read read = read_journal(path_);
@@ -64,7 +64,7 @@ TEST_F(JournalTest, RecordThatCannotBeTakenRefusesItsBatch) {
   const uint64_t good = commit_batch(journal, 1);
   Written too_long = small_record(1);
   too_long.name.assign(MOST_NAME_BYTES + 1, 'n');
-  append(journal, too_long);
+  journal.append(too_long.get());
   const uint64_t bad = commit_batch(journal, 2), behind = commit_batch(journal, 3);
   journal.wait(behind);
   EXPECT_EQ(journal.failure(good), "");
@@ -93,7 +93,7 @@ Layout write_three_batches(const std::string &path) {
   for (uint64_t batch = 1; batch <= 3; ++batch) {
     for (uint64_t i = 0; i < batch; ++i) {
       layout.begins.push_back(journal.end());
-      append(journal, small_record(i));
+      journal.append(small_record(i).get());
     }
     layout.begins.push_back(journal.end());
     journal.wait(journal.commit(payload_of(batch)));
@@ -208,7 +208,7 @@ TEST_F(JournalTest, BytesOfAJournalWithinARecordAreNoMarks) {
     Journal journal(path_, GENERATION, Sync::none);
     Written record = small_record(1);
     record.bytes = std::string(sizeof(RedoHead), 'x') + stored;
-    append(journal, record);
+    journal.append(record.get());
     journal.wait(journal.commit(""));
     bytes = read_file(path_);
   }

@@ -76,11 +76,16 @@ TEST(SeriesCache, KeepsTheLastFieldsOfAHeadWithinItsBytes) {
 }
 
 TEST(Check, FindsWhatDiffers) {
-  static const struct {
+  std::string thirty;
+  for (int i = 1; i <= 30; ++i) thirty += fmt::format("m f={} {}\n", i, i);
+  const std::string far = "m f=1 1\nm g=0 30\n";
+  const struct {
     const char *fault;  // as if this had gone wrong between text and arrays
-    const char *text;
+    std::string text;
     uint64_t n_matching, n_differences;
     const char *first;
+    std::string stored = "m f=1 1\nm f=2 2\nm g=0 1\n";
+    int64_t retain_ns = 0;  // where there is one, 10 is expected
   } rows[] = {
       {"nothing", "m f=1 1\nm f=2 2\nm g=0 1\n", 3, 0, ""},
       {"order between series is free", "m g=0 1\nm f=1 1\nm f=2 2\n", 3, 0, ""},
@@ -95,12 +100,17 @@ TEST(Check, FindsWhatDiffers) {
       {"a point from nowhere", "m f=1 1\nm g=0 1\n", 2, 1, "series \"m f\", point 1: expected none, found 2 at 2"},
       {"a lost series", "m f=1 1\nm f=2 2\nm g=0 1\nm h=1 1\n", 3, 1,
        "series \"m h\": expected 1 at 1, found no such series"},
+      {"nothing of what is retained", thirty, 11, 0, "", thirty, 10},
+      {"points stay too long", thirty, 0, 12, "series \"m f\", point 0: expected 20 at 20, found 19 at 19", thirty, 11},
+      {"points go too early", thirty, 0, 11, "series \"m f\", point 0: expected 20 at 20, found 21 at 21", thirty, 9},
+      {"a series without points", far, 1, 1, "series \"m f\": expected none, found one without points", far, 10},
   };
-  Store store;
-  load(store, "m f=1 1\nm f=2 2\nm g=0 1\n");
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);
-    expect_checked(checked(store, row.text), row.n_matching, row.n_differences, row.first);
+    Store store({.retain_ns = row.retain_ns});
+    load(store, row.stored);
+    const Check check = checked(store, row.text, row.retain_ns == 0 ? 0 : 10);
+    expect_checked(check, row.n_matching, row.n_differences, row.first);
   }
 }
 

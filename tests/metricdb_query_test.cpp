@@ -1,15 +1,9 @@
 // Questions about a series: how times and durations are read, what the answers are, and the forms they are printed in.
-#include <fmt/format.h>
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <cmath>
 #include <limits>
-#include <random>
-#include <string>
-#include <vector>
 
 #include "escape.h"
+#include "metricdb_support.h"
 #include "plot_ticks.h"
 #include "query.h"
 #include "query_text.h"
@@ -71,69 +65,33 @@ TEST(TimeText, DurationsThatAreRead) {
   for (const auto &row : rows) EXPECT_EQ(duration_of(row.text), row.ns) << row.text;
 }
 
-template <class Read>
-std::string refusal(Read read) {
-  try {
-    read();
-  } catch (const BadText &bad) {
-    return bad.what();
-  }
-  return "";
-}
-
 TEST(TimeText, WhatIsRefusedAndWhy) {
-  const std::string no_time = " is no time";
-  const std::string too_far = "the time is out of range";
-  const std::string no_duration = " is no duration";
-  const std::string too_long = "the duration is out of range";
-  const std::pair<const char *, std::string> times[] = {
-      {"", no_time},
-      {"yesterday", no_time},
-      {"12x", no_time},
-      {"2026-1-2", no_time},
-      {"2026-01-02T", no_time},
-      {"2026-01-02T03:04Z", no_time},
-      {"2026-01-02T03:04:05", no_time},
-      {"2026-01-02T03:04:05.Z", no_time},
-      {"2026-01-02T03:04:05+01:00", no_time},
-      {"2026-01-02T03:04:05Z ", no_time},
-      {"2026-01-02T24:00:00Z", no_time},
-      {"2026-01-02T03:60:00Z", no_time},
-      {"2026-01-02T03:04:60Z", no_time},
-      {"2026-02-29", "no such day"},
-      {"2026-13-01", "no such day"},
-      {"1677-09-21T00:12:43.145224191Z", too_far},
-      {"2262-04-11T23:47:16.854775808Z", too_far},
-      {"0001-01-01", too_far},
-      {"9223372036854775808", too_far},
-      {"now-", no_duration},
-      {"now15m", no_time},
-      {"now-1s", too_far},
-      {"now\n", no_time},
+  static const struct {
+    const char *why;
+    std::vector<std::string> times, durations;
+  } rows[] = {
+      {" is no time",
+       {"", "yesterday", "12x", "2026-1-2", "2026-01-02T", "2026-01-02T03:04Z", "2026-01-02T03:04:05",
+        "2026-01-02T03:04:05.Z", "2026-01-02T03:04:05+01:00", "2026-01-02T03:04:05Z ", "2026-01-02T24:00:00Z",
+        "2026-01-02T03:60:00Z", "2026-01-02T03:04:60Z", "now15m", "now\n"},
+       {}},
+      {"no such day", {"2026-02-29", "2026-13-01"}, {}},
+      {"the time is out of range",
+       {"1677-09-21T00:12:43.145224191Z", "2262-04-11T23:47:16.854775808Z", "0001-01-01", "9223372036854775808",
+        "now-1s"},
+       {}},
+      {" is no duration", {"now-"}, {"", "10", "s", "0s", "-1s", "1.5h", "1 h", "1hm", "1y", "1h30"}},
+      {"the duration is out of range", {}, {"15251w", "9223372036854775807ns1ns", "99999999999999999999ns"}},
   };
-  for (const auto &[text, why] : times) {
-    const std::string said = refusal([&t = text] { time_of(t, LEAST + 1); });
+  const auto expect_refused = [](const std::string &text, const std::string &why, const auto &read) {
+    const std::string said = refusal_of([&] { read(text); });
     EXPECT_NE(said.find(why), said.npos) << text << ": " << said;
     EXPECT_EQ(said.find('\n'), said.npos);
-  }
-  const std::pair<const char *, std::string> durations[] = {
-      {"", no_duration},
-      {"10", no_duration},
-      {"s", no_duration},
-      {"0s", no_duration},
-      {"-1s", no_duration},
-      {"1.5h", no_duration},
-      {"1 h", no_duration},
-      {"1hm", no_duration},
-      {"1y", no_duration},
-      {"1h30", no_duration},
-      {"15251w", too_long},
-      {"9223372036854775807ns1ns", too_long},
-      {"99999999999999999999ns", too_long},
   };
-  for (const auto &[text, why] : durations) {
-    const std::string said = refusal([&t = text] { duration_of(t); });
-    EXPECT_NE(said.find(why), said.npos) << text << ": " << said;
+  for (const auto &row : rows) {
+    for (const std::string &time : row.times)
+      expect_refused(time, row.why, [](const std::string &text) { time_of(text, LEAST + 1); });
+    for (const std::string &duration : row.durations) expect_refused(duration, row.why, duration_of);
   }
 }
 
@@ -158,12 +116,6 @@ std::vector<Point> answer_of(const Query &query, const std::vector<Point> &point
     point = points[n_given++];
     return true;
   });
-}
-
-std::string shown(const std::vector<Point> &points) {
-  std::string text;
-  for (const Point &point : points) text += fmt::format("{}@{} ", point.value, point.ts_ns);
-  return text;
 }
 
 TEST(Query, PointsAndWindows) {
@@ -318,19 +270,13 @@ TEST(PlotTicks, RoundTimes) {
   }
 }
 
-size_t count(const std::string &text, const std::string &piece) {
-  size_t n = 0;
-  for (size_t at = text.find(piece); at != text.npos; at = text.find(piece, at + 1)) ++n;
-  return n;
-}
-
 TEST(PlotSvg, LineBreaksWhereAValueIsMissingAndStaysInThePicture) {
   std::vector<Point> points;
   for (int64_t i = 0; i < 200'000; ++i) points.push_back({T0 + i * S, std::sin(static_cast<double>(i) / 9000)});
   points[150'000].value = NOT_A_NUMBER;
   points[10'000].value = 50;  // one high point in a column of many
   const std::string svg = answer_svg({HARD_KEY, {}}, points);
-  EXPECT_EQ(count(svg, "<path "), 2u);
+  EXPECT_EQ(count_of(svg, "<path "), 2u);
   EXPECT_LT(svg.size(), 100'000u) << "points that nobody can see are drawn";
   EXPECT_NE(svg.find("<title>cpu,host=&quot;&lt;a&gt;&amp;b\\&quot; use\xef\xbf\xbd\xc3\xbcr</title>"), svg.npos);
   // The high point's place is the tick of 50, up to rounding.
@@ -349,10 +295,10 @@ TEST(PlotSvg, AnyAnswerHasAPicture) {
     SCOPED_TRACE(svg);
     const size_t n_finite = static_cast<size_t>(
         std::count_if(points.begin(), points.end(), [](const Point &point) { return std::isfinite(point.value); }));
-    EXPECT_EQ(count(svg, "<circle "), n_finite);
-    EXPECT_EQ(count(svg, ">no point"), n_finite == 0 ? 1u : 0u);
+    EXPECT_EQ(count_of(svg, "<circle "), n_finite);
+    EXPECT_EQ(count_of(svg, ">no point"), n_finite == 0 ? 1u : 0u);
     EXPECT_TRUE(svg.ends_with("</svg>\n"));
-    for (const char *number : {"nan", "inf"}) EXPECT_EQ(count(svg, number), 0u);
+    for (const char *number : {"nan", "inf"}) EXPECT_EQ(count_of(svg, number), 0u);
   }
 }
 

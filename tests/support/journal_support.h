@@ -36,7 +36,9 @@ struct Written {
   RedoRecord get() const {
     RedoRecord whole = record;
     whole.ctx_name = name;
-    if (whole.data_ptr != nullptr) whole.data_ptr = bytes.data();
+    if (whole.data_ptr == nullptr) return whole;
+    whole.data_ptr = bytes.data();
+    whole.data_sz = static_cast<uint32_t>(bytes.size());
     return whole;
   }
 };
@@ -53,18 +55,12 @@ inline Written small_record(uint64_t number) {
   return {"metricdb", fmt::format("record {}", number), {number, 5, {}, 1, 84 + number, ~0u, "", 0}};
 }
 
-inline void append(Journal &journal, Written written) {
-  if (written.record.data_ptr != nullptr && written.record.data_sz == 0)
-    written.record.data_sz = static_cast<uint32_t>(written.bytes.size());
-  journal.append(written.get());
-}
-
 // Batch `number` has that many records, and says so.
 inline std::string payload_of(uint64_t number) {
   return fmt::format("state {}", number);
 }
 inline uint64_t commit_batch(Journal &journal, uint64_t number) {
-  for (uint64_t i = 0; i < number; ++i) append(journal, small_record(100 * number + i));
+  for (uint64_t i = 0; i < number; ++i) journal.append(small_record(100 * number + i).get());
   return journal.commit(payload_of(number));
 }
 

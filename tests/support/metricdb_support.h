@@ -3,31 +3,24 @@
 #define METRICDB_SUPPORT_H
 
 #include <fmt/format.h>
-#include <gtest/gtest.h>
 #include <signal.h>
-#include <stdlib.h>
 #include <sys/wait.h>
 #include <tslb_util.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <bit>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <random>
 #include <stdexcept>
-#include <string>
 #include <vector>
 
 #include "check.h"
 #include "loader.h"
 #include "store.h"
+#include "system_support.h"
 
 namespace metricdb {
-
-namespace fs = std::filesystem;
 
 inline std::string read_file(const fs::path &path) {
   std::ifstream file(path, std::ios::binary);
@@ -55,6 +48,12 @@ inline std::vector<std::string> names_in(const fs::path &folder) {
   for (const auto &entry : fs::directory_iterator(folder)) names.push_back(entry.path().filename().string());
   std::sort(names.begin(), names.end());
   return names;
+}
+
+inline std::string repeated(std::string_view text, int times) {
+  std::string all;
+  for (int i = 0; i < times; ++i) all += text;
+  return all;
 }
 
 // Why `work` threw, or nothing.
@@ -92,10 +91,10 @@ class Folder : public testing::Test {
   }
   std::string path(const std::string &name) const { return (root_ / name).string(); }
 
-  // metricdb in a process of its own, in the test's folder.
-  Outcome run(const std::string &arguments, const std::string &environment = "") const {
-    const std::string command =
-        fmt::format("cd {} && {} {} {} >out.txt 2>err.txt", root_.string(), environment, METRICDB, arguments);
+  // metricdb in a process of its own, in the test's folder. What it says is kept, unless `streams` sends it elsewhere.
+  Outcome run(const std::string &arguments, const std::string &environment = "", const char *streams = "") const {
+    const std::string command = fmt::format("cd {} && {} {} {} >out.txt 2>err.txt {}", root_.string(), environment,
+                                            METRICDB, arguments, streams);
     const int status = std::system(command.c_str());
     const int code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     const Outcome outcome = {code == 128 + SIGKILL ? -1 : code, read_file(root_ / "out.txt"),
@@ -144,10 +143,6 @@ inline Content content_of(const Store &store) {
   return content;
 }
 
-inline uint32_t n_free(DynArrHandle_t *array) {
-  return static_cast<DynArrLLI_t *>(tslb_da_get_lli(array))->n_free;
-}
-
 constexpr int64_t NOW_NS = 77;  // of points without a time
 
 // As the program does, but for the sweep behind the last text. Every line is a good one.
@@ -181,21 +176,18 @@ inline std::string figures_of(const Store &store) {
                      gone.series_reused, gone.key_slots, gone.point_slots, store.n_visible(), store.n_inactive());
 }
 
-// Endless input, the same for each of its kind: keys that come, fall silent and return, and points that come late.
-class Feed {
- public:
-  void into(Store &store, int n_points) {
-    for (int i = 0; i < n_points; ++i, ++n_) {
-      const uint64_t age = random_() % 16 == 0 ? random_() % 3000 : random_() % 8;
-      const std::string key = fmt::format("m,n={} f", n_ / 700 * 5 + random_() % (1 + n_ / 100 % 40));
-      store.add(key, {static_cast<int64_t>(n_ - age), static_cast<double>(random_())});
-    }
+// Batch `number` of an endless input: keys that come, fall silent and return, one that stays,
+// and points that come late.
+inline std::string batch_text(int number) {
+  std::mt19937 random(static_cast<uint32_t>(number) + 20261125u);
+  std::string text;
+  for (int i = 0; i < 60; ++i) {
+    const int64_t ts_ns = 10'000 + number * 60 + i - (random() % 16 == 0 ? random() % 3000 : random() % 8);
+    const int source = i % 4 == 0 ? 0 : 1 + number / 15 * 5 + static_cast<int>(random() % 9);
+    text += fmt::format("m,n={} f={},g={} {}\n", source, random() % 100, random() * 0.25, ts_ns);
   }
-
- private:
-  std::mt19937 random_{20250607};
-  uint64_t n_ = 10'000;
-};
+  return text;
+}
 
 // No two are alike in more than a few bits, so that encoding saves nothing.
 inline double noise(uint64_t number) {

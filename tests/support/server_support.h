@@ -1,20 +1,24 @@
-// A server on free ports in a thread of its own, and a peer that speaks to it byte by byte.
+// A server on free ports in a thread of its own, with a place for lines, and a peer that speaks to it byte by byte.
 #pragma once
 
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
-#include <string>
+#include <limits>
+#include <mutex>
 #include <thread>
+#include <utility>
 
-#include "fake_ingest.h"
+#include "ingest.h"
+#include "metricdb_support.h"
 #include "server.h"
+
+namespace metricdb {
 
 // Waits for what another thread does. The deadline only ends what would never come.
 template <class Condition>
@@ -27,24 +31,106 @@ bool comes_true(Condition condition) {
   return true;
 }
 
-inline metricdb::ServerOptions on_free_ports() {
-  metricdb::ServerOptions options;
-  options.influx_port = 0;
-  options.graphite_port = 0;
-  return options;
-}
+// A place for lines that keeps them in memory and settles batches when the test says so.
+// Threads: the server's for what Ingest declares, any for the rest.
+class FakeIngest : public Ingest {
+ public:
+  FakeIngest() : fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+  ~FakeIngest() override { close(fd_); }
 
-// With those options that `set` sets.
-template <class Set>
-metricdb::ServerOptions options_with(Set set) {
-  metricdb::ServerOptions options = on_free_ports();
-  set(options);
-  return options;
-}
+  Taken take(std::string_view text, Precision precision) override {
+    const std::lock_guard lock(mutex_);
+    if (!refusal_.empty()) throw IngestRefused(refusal_);
+    LineParser parser(precision);
+    Taken taken;
+    uint64_t number = 0;
+    for (std::string_view line; next_line(text, line);) {
+      ++number;
+      const auto outcome = parser.parse(line);
+      if (outcome == LineParser::Outcome::malformed && ++taken.malformed == 1)
+        taken.first_reason = fmt::format("line {}: {}", number, parser.reason());
+      if (outcome != LineParser::Outcome::line) continue;
+      taken.points += parser.line().fields.size();
+      for (const ParsedField &field : parser.line().fields) {
+        points_.push_back(fmt::format("{} {}={}", parser.line().head, field.key, field.value));
+        if (parser.line().ts_ns) points_.back() += fmt::format("@{}", *parser.line().ts_ns);
+      }
+    }
+    has_more_ |= taken.points != 0;
+    return taken;
+  }
+
+  uint64_t commit() override {
+    const std::lock_guard lock(mutex_);
+    if (std::exchange(has_more_, false)) ++ticket_;
+    settle_some();
+    return ticket_;
+  }
+
+  uint64_t settled() override {
+    const std::lock_guard lock(mutex_);
+    uint64_t count = 0;
+    [[maybe_unused]] const ssize_t got = read(fd_, &count, sizeof(count));
+    return settled_;
+  }
+
+  std::string failure(uint64_t ticket) override {
+    const std::lock_guard lock(mutex_);
+    const auto found = failures_.find(ticket);
+    return found == failures_.end() ? std::string() : std::exchange(found->second, "asked for twice");
+  }
+
+  int settled_fd() const override { return fd_; }
+
+  // No batch beyond this one is settled until more is allowed.
+  void settle_up_to(uint64_t ticket) {
+    const std::lock_guard lock(mutex_);
+    allowed_ = ticket;
+    settle_some();
+  }
+  void settle_all() { settle_up_to(std::numeric_limits<uint64_t>::max()); }
+
+  void fail(uint64_t ticket, const std::string &reason) {
+    const std::lock_guard lock(mutex_);
+    failures_[ticket] = reason;
+  }
+  void refuse_all(const std::string &reason) {
+    const std::lock_guard lock(mutex_);
+    refusal_ = reason;
+  }
+  // Committed so far.
+  uint64_t n_batches() const {
+    const std::lock_guard lock(mutex_);
+    return ticket_;
+  }
+  // Each taken point as `head key=value@time`, without the time if it has none.
+  std::vector<std::string> points() const {
+    const std::lock_guard lock(mutex_);
+    return points_;
+  }
+
+ private:
+  void settle_some() {
+    if (settled_ == std::min(ticket_, allowed_)) return;
+    settled_ = std::min(ticket_, allowed_);
+    const uint64_t one = 1;
+    [[maybe_unused]] const ssize_t put = write(fd_, &one, sizeof(one));
+  }
+
+  const int fd_;
+  mutable std::mutex mutex_;
+  uint64_t ticket_ = 0;
+  uint64_t settled_ = 0;
+  uint64_t allowed_ = std::numeric_limits<uint64_t>::max();
+  bool has_more_ = false;
+  std::string refusal_;
+  std::map<uint64_t, std::string> failures_;
+  std::vector<std::string> points_;
+};
 
 class RunningServer {
  public:
-  explicit RunningServer(const metricdb::ServerOptions &options = on_free_ports())
+  explicit RunningServer(const ServerOptions &options = {.influx_port = 0, .graphite_port = 0})
       : server_(options, ingest_), thread_([this] { server_.run(); }) {}
   ~RunningServer() {
     ingest_.settle_all();
@@ -59,7 +145,7 @@ class RunningServer {
   void stop_later() { server_.stop(); }
 
   FakeIngest &ingest() { return ingest_; }
-  metricdb::ServerCounters counters() const { return server_.counters(); }
+  ServerCounters counters() const { return server_.counters(); }
   bool comes_to_points(uint64_t n) const {
     return comes_true([&] { return counters().points == n; });
   }
@@ -68,7 +154,7 @@ class RunningServer {
 
  private:
   FakeIngest ingest_;
-  metricdb::Server server_;
+  Server server_;
   const int influx_port_ = server_.influx_port();
   const int graphite_port_ = server_.graphite_port();
   std::thread thread_;
@@ -168,9 +254,8 @@ class Peer {
 // A write of those lines.
 inline std::string post(std::string_view lines, std::string_view arguments = "db=x",
                         std::string_view headers = "Host: x\r\n") {
-  std::string text = "POST /write?";
-  text.append(arguments).append(" HTTP/1.1\r\n").append(headers);
-  return text.append("Content-Length: ").append(std::to_string(lines.size())).append("\r\n\r\n").append(lines);
+  return fmt::format("POST /write?{} HTTP/1.1\r\n{}Content-Length: {}\r\n\r\n{}", arguments, headers, lines.size(),
+                     lines);
 }
 
 // A request without a body.
@@ -184,9 +269,12 @@ inline std::string body_of(const std::string &answer) {
 }
 
 // What it is answered.
-inline int ask(Peer &peer, const std::string &request) {
+inline std::string answer_to(Peer &peer, const std::string &request) {
   EXPECT_TRUE(peer.send(request));
-  return peer.status();
+  return peer.answer();
+}
+inline int ask(Peer &peer, const std::string &request) {
+  return Peer::status_of(answer_to(peer, request));
 }
 
 // Whatever was sent before this returns has had a turn.
@@ -194,3 +282,5 @@ inline void expect_others_are_served(const RunningServer &server) {
   Peer other(server.influx_port());
   EXPECT_EQ(ask(other, get("/ping")), 204);
 }
+
+}  // namespace metricdb

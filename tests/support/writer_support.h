@@ -2,7 +2,7 @@
 #ifndef WRITER_SUPPORT_H
 #define WRITER_SUPPORT_H
 
-#include <string>
+#include <numeric>
 
 #include "database_writer.h"
 #include "io_faults.h"
@@ -24,29 +24,19 @@ inline Content records_of(const Store &store) {
   return content;
 }
 
-// Batch `number` of an endless input: keys that come, fall silent and return, one that stays,
-// and points that come late.
-inline std::string batch_text(int number) {
-  std::mt19937 random(static_cast<uint32_t>(number) + 20261125u);
-  std::string text;
-  for (int i = 0; i < 60; ++i) {
-    const int64_t ts_ns = 10'000 + number * 60 + i - (random() % 16 == 0 ? random() % 3000 : random() % 8);
-    const int source = i % 4 == 0 ? 0 : 1 + number / 15 * 5 + static_cast<int>(random() % 9);
-    text += fmt::format("m,n={} f={},g={} {}\n", source, random() % 100, random() * 0.25, ts_ns);
-  }
-  return text;
+// first, first + 1 and so on, below `end`.
+inline std::vector<int> numbers_from(int first, int end) {
+  std::vector<int> numbers(static_cast<size_t>(end - first));
+  std::iota(numbers.begin(), numbers.end(), first);
+  return numbers;
 }
 
-// A store in memory alone. Never beside a writer: its arrays would be logged as the writer's.
-class Model {
- public:
-  explicit Model(const StoreConfig &config = {}) : store_(config) {}
-  void take(std::string_view text) { load(store_, text); }
-  Store &store() { return store_; }
-
- private:
-  Store store_;
-};
+// Of a store in memory alone that took those batches. Not beside a writer: its arrays would be logged as the writer's.
+inline Content records_after(const std::vector<int> &numbers) {
+  Store store;
+  for (const int number : numbers) load(store, batch_text(number));
+  return records_of(store);
+}
 
 class Writer : public Folder {
  protected:
@@ -58,12 +48,14 @@ class Writer : public Folder {
     NewGeneration(database).write_streams(Store(config));
   }
 
-  // A batch, waited for. Why it was refused, or nothing.
-  static std::string put(DatabaseWriter &writer, std::string_view text) {
+  // A batch, waited for, and what comes meanwhile. Why the batch was refused, or nothing.
+  static std::string put(DatabaseWriter &writer, std::string_view text, std::string_view meanwhile = "") {
     try {
       const Taken taken = writer.take(text, Precision::ns);
       EXPECT_EQ(taken.malformed, 0u) << taken.first_reason;
-      return writer.wait(writer.commit());
+      const uint64_t ticket = writer.commit();
+      if (!meanwhile.empty()) refusal_of([&] { writer.take(meanwhile, Precision::ns); });
+      return writer.wait(ticket);
     } catch (const IngestRefused &refused) {
       return refused.what();
     }
