@@ -43,7 +43,7 @@ set(doc_dir ${CMAKE_INSTALL_DATADIR}/doc/tslb)
 if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
   set(doc_dir ${CMAKE_INSTALL_DATADIR}/doc/libtslb-dev)
 endif()
-install(FILES docs/architecture.md docs/hosting.md docs/formats.md docs/debugging.md
+install(FILES docs/architecture.md docs/hosting.md docs/formats.md docs/debugging.md docs/performance.md
   DESTINATION ${doc_dir} COMPONENT dev)
 install(FILES ${TSLB_README_HOST} DESTINATION ${doc_dir}/examples COMPONENT dev)
 

@@ -35,7 +35,8 @@ This package holds the shared library, which a database loads.")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libtslb-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libtslb0 ${same_version}")
+# The stand-in is C++ within: a machine with a C compiler alone could not link it.
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libtslb0 ${same_version}, libstdc++-12-dev | libstdc++-dev")
 set(CPACK_COMPONENT_DEV_DESCRIPTION "storage primitives for time-series databases (development files)
 Headers, the link to the shared library, a static library that stands in for
 what the host defines, files for CMake and pkg-config, documents, and a small

@@ -251,9 +251,10 @@ TSLB_API void *tslb_dynmem_get_maddr2ptr64(dynmem_t *dynmem_handle, maddr64_t ma
  * Threads  any number; a chunk has one owner, who deletes it once. */
 TSLB_API void tslb_dynmem_del_mchunk(dynmem_t *dynmem_handle, maddr_t maddr);
 
-/* Gives back every emptied slot that is not current and that no chunk is on its way to, and adds up the others: `*used_sz` bytes of chunks, `*del_sz` of
- * them deleted, in `*total_sz` bytes of pool. None may be null. The sums are 0 and nothing is given back in a pool
- * without compaction headers or without TSLB_DA_DAFLAG_LL. Linear in the slots.
+/* Gives back every emptied slot that is not current and that no chunk is on its way to, those among them that were
+ * emptied while they were current. Adds up the others: `*used_sz` bytes of chunks, `*del_sz` of them deleted, in
+ * `*total_sz` bytes of pool. None may be null. The sums are 0 and nothing is given back in a pool without compaction
+ * headers or without TSLB_DA_DAFLAG_LL. Linear in the slots.
  *
  * Threads  any number, also beside allocation; slots taken meanwhile wait for the next sweep. */
 TSLB_API void tslb_dynmem_update_free_list(dynmem_t *dynmem_handle, size_t *total_sz, size_t *used_sz, size_t *del_sz);
