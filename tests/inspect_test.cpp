@@ -5,6 +5,7 @@
 #include <functional>
 #include <nlohmann/json.hpp>
 
+#include <gmock/gmock.h>
 #include "array_support.h"
 #include "tool_support.h"
 
@@ -154,11 +155,15 @@ TEST_F(Inspect, RecordsById) {
   const json_t record = inspect("--record 6 in", 0)["record"];
   EXPECT_EQ(record["offset"], slot(6));
   EXPECT_EQ(record["hex"].get<std::string>().substr(0, 24), "02000000ffffffff06000000");
-  const run_t ran = run("--record 6 in");
-  EXPECT_NE(ran.out.find("  record 6, slot at byte 252 of in\n    status 2, next none\n"
-                         "           260  06 00 00 00"),
-            std::string::npos)
-      << ran.out;
+  static const struct {
+    const char *record, *shown;
+  } rows[] = {
+      {"6", "  record 6, slot at byte 252 of in\n    status 2 (active), next none\n           260  06 00 00 00"},
+      {"7", "    status 3 (inactive), next 5\n"},
+      {"5", "    its last 8 bytes are the back node: previous 7, time 1000\n"},
+  };
+  for (const auto &row : rows)
+    EXPECT_THAT(run(std::string("--record ") + row.record + " in").out, testing::HasSubstr(row.shown));
   write_block_files();
   EXPECT_EQ(inspect("--record 19 ctx/12.0.darr", 0)["record"]["file"], "ctx/12.2.darr");
   const run_t none = run("--record 20 in");

@@ -10,6 +10,7 @@ export CC=$3 CXX=$4
 CMAKE_GENERATOR=$(sed -n 's/^CMAKE_GENERATOR:INTERNAL=//p' "$build/CMakeCache.txt")
 export CMAKE_GENERATOR
 hosts=$(cd "$(dirname "$0")/install" && pwd)
+readme=$(cd "$(dirname "$0")/.." && pwd)/README.md
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 fail() {
@@ -48,10 +49,17 @@ rpath=-Wl,-rpath,$(pkg-config --variable=libdir tslb)
   "$rpath"
 check_hosts "$scratch/by_pkg_config"
 
-# The example comes along, and is enough to begin with.
-example=$(find "$prefix/share/doc" -name host.c)
-"$CC" "${strict[@]}" "${cflags[@]}" "$example" -o "$scratch/by_pkg_config/example" "${libs[@]}" "$rpath"
-(cd "$scratch" && by_pkg_config/example >/dev/null) || fail "the example fails"
+# The example comes along, and is enough to begin with: as the README says, in a tree like this one.
+mkdir -p "$scratch/tree/host" "$scratch/tree/build/example"
+cp "$(find "$prefix/share/doc" -name host.c)" "$scratch/tree/build/example"
+by_hand=$(sed -n '/^```sh$/,/^```$/{/^```/d;/^cd build\/example$/,/^cd /p}' "$readme")
+[ -n "$by_hand" ] || fail "$readme does not show how its host is compiled by hand"
+(
+  cd "$scratch/tree"
+  cc() { "$CC" "${strict[@]}" "$@"; }
+  eval "$by_hand" >"$scratch/log"
+) || fail "what $readme shows for its host fails: $(cat "$scratch/log")"
+[ -e "$scratch/tree/build/example/names.stream" ] || fail "the host of $readme left no stream"
 
 # No header leans on one that is not installed.
 for header in "$prefix"/include/tslb/*.h; do echo "#include <tslb/${header##*/}>"; done >"$scratch/all.c"

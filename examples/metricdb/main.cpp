@@ -69,7 +69,7 @@ void add_forgetting(CLI::App *command, std::optional<int64_t> &retain_s, std::op
   command
       ->add_option("--reuse-inactive-pct", reuse_inactive_pct,
                    "once so many percent of the slots are inactive, new series replace those\n"
-                   "inactive for longest; needs --idle, and goes with no --check")
+                   "inactive for longest; needs --idle")
       ->check(CLI::Range(1, 100).description(""))
       ->type_name("PERCENT");
 }
@@ -89,7 +89,9 @@ CLI::App *add_load(CLI::App &app, LoadArguments &arguments) {
       ->add_option("--series", arguments.series_pattern,
                    "show the series whose keys match this pattern, as in 'cpu,*core=0* user'")
       ->type_name("PATTERN");
-  command->add_flag("--check", arguments.check, "read the inputs again and compare every point with the arrays");
+  command->add_flag("--check", arguments.check,
+                    "read the inputs again and compare every point with the arrays;\n"
+                    "goes with no --reuse-inactive-pct");
   add_forgetting(command, arguments.retain_s, arguments.idle_s, arguments.reuse_inactive_pct);
   command->footer(LOAD_FOOTER);
   return command;
@@ -119,7 +121,7 @@ void add_layout(CLI::App *command, std::optional<int> &layout) {
 }
 
 void add_salvage(CLI::App *command, bool &salvage) {
-  command->add_flag("--salvage", salvage, "of a damaged database take what lies ahead of the damage");
+  command->add_flag("--salvage", salvage, "of a damaged journal take what lies ahead of the damage");
 }
 
 CLI::App *add_snapshot(CLI::App &app, SnapshotArguments &arguments) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <iterator>
 
 #include "dynarr_internal.h"
 #include "render.h"
@@ -156,6 +157,11 @@ std::string hex_lines(const std::string &bytes, uint64_t offset) {
   return text;
 }
 
+std::string status_text(uint32_t status) {
+  static const char *const names[] = {"unset", "free", "active", "inactive"};
+  return status < std::size(names) ? fmt::format("{} ({})", status, names[status]) : std::to_string(status);
+}
+
 std::string record_text(const record_t &record) {
   std::string text = fmt::format("  record {}, slot at byte {} of {}\n", record.id, record.offset, record.file);
   if (record.bytes.empty()) return text + "    its bytes are not there\n";
@@ -166,12 +172,15 @@ std::string record_text(const record_t &record) {
     record.bytes.copy(reinterpret_cast<char *>(&value), sizeof(value), at);
     return value;
   };
-  if (head == sizeof(node_fw)) text += fmt::format("    status {}, next {}\n", word(0), index_text(word(4)));
+  if (head == sizeof(node_fw))
+    text += fmt::format("    status {}, next {}\n", status_text(word(0)), index_text(word(4)));
   text += hex_lines(record.bytes.substr(head), record.offset + head);
   if (record.bytes.size() < record.slot_bytes)
     return text + fmt::format("    {} of the slot's {} bytes are there\n", record.bytes.size(), record.slot_bytes);
-  if (record.tail_bytes != 0) text += fmt::format("    its last {} bytes are the back node\n", record.tail_bytes);
-  return text;
+  if (record.tail_bytes != sizeof(node_bw)) return text;
+  const size_t back = record.bytes.size() - sizeof(node_bw);
+  return text + fmt::format("    its last {} bytes are the back node: previous {}, time {}\n", sizeof(node_bw),
+                            index_text(word(back + offsetof(node_bw, prev))), word(back + offsetof(node_bw, ts)));
 }
 
 }  // namespace
