@@ -107,6 +107,8 @@ TEST_F(Clock, CurrentDateAndTime) {
   EXPECT_STREQ(tslb_get_cur_date_time(text, 0), "01/01/1999 02:00:00");
   system_now = 4102444800;  // 2100
   EXPECT_STREQ(tslb_get_cur_date_time(text, 0), "01/01/100 02:00:00");
+  system_now = -62324985600;  // five years ahead of year 0
+  EXPECT_STREQ(tslb_get_cur_date_time(text, 0), "01/01/-5 02:00:00");
   system_now = INT64_MAX / 2;
   EXPECT_STREQ(tslb_get_cur_date_time(text, 1), "Error|Error");
 }
