@@ -26,7 +26,8 @@ double of_bits(uint64_t bits) {
 
 // To the bit, as far as the shorter one goes.
 bool same(const std::vector<Point> &a, const std::vector<Point> &b) {
-  return std::memcmp(a.data(), b.data(), std::min(a.size(), b.size()) * sizeof(Point)) == 0;
+  const size_t count = std::min(a.size(), b.size());
+  return count == 0 || std::memcmp(a.data(), b.data(), count * sizeof(Point)) == 0;
 }
 
 // From an odd address into exactly the room that was promised, so that a sanitizer sees a byte beyond it.
