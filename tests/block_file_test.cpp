@@ -156,7 +156,7 @@ TEST_F(BlockFiles, RefusalsAtGrowthLeaveTheArrayUsable) {
     {"no descriptor left", RLIMIT_NOFILE, 0,
      "open: Too many open files\nUnexpected data_addr NULL, count: 16, block_num: 1\n"},
     {"no room for the file", RLIMIT_FSIZE, 64, "Unexpected data_addr NULL, count: 16, block_num: 1\n"},
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // which have reserved far more than any limit
+#if !defined(TSLB_SANITIZES_ADDRESS) && !defined(TSLB_SANITIZES_THREAD)  // which have reserved far more than any limit
     {"no mapping left", RLIMIT_AS, 1 << 20,
      "mmap file failed: Cannot allocate memory\nUnexpected data_addr NULL, count: 16, block_num: 1\n"},
 #endif

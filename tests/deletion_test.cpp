@@ -13,7 +13,7 @@
 static bool release_is_met;
 static std::function<void()> before_release;  // of memory, by whoever is next
 
-#ifndef __SANITIZE_ADDRESS__  // which needs its own free before symbols can be looked up
+#ifndef TSLB_SANITIZES_ADDRESS  // which needs its own free before symbols can be looked up
 extern "C" __attribute__((visibility("default"))) void free(void *block) {
   static const auto real = reinterpret_cast<void (*)(void *)>(dlsym(RTLD_NEXT, "free"));
   if (release_is_met) {
@@ -298,7 +298,7 @@ TEST(Window, CursorAtASlotThatNeverWasIsLeftBehind) {
 // A slot is looked at for deletions after it was found settled, not before: here the late chunk is counted while notes
 // are searched, and an older look would say that everything counted is deleted.
 TEST(Window, CounterThatCatchesUpDuringTheSearchIsSeen) {
-#ifdef __SANITIZE_ADDRESS__
+#ifdef TSLB_SANITIZES_ADDRESS
   GTEST_SKIP() << "free is the sanitizer's";
 #endif
   const array_t pool = pool_of();

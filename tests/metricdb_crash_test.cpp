@@ -13,7 +13,7 @@ using Crash = Writer;
 
 // Not under ThreadSanitizer: a process that is killed tells of no race, and a hundred of them take minutes there.
 TEST_F(Crash, AtEachStepWhatWasAcknowledgedIsThereAndNothingElse) {
-#if defined(__SANITIZE_THREAD__)
+#if defined(TSLB_SANITIZES_THREAD)
   GTEST_SKIP();
 #endif
   // Batches of a line; a journal of more than a mebibyte begins a generation, and that happens on the way.

@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
 # The probes in the library's notes, with their numbers of arguments: the same wherever the compiler put a copy.
-#   probes_test.sh READELF LIBRARY
+#   probes_test.sh LIBRARY
 set -euo pipefail
-found=$("$1" -n "$2" | awk '
+found=$(readelf -n "$1" | awk '
   /Provider: /  { provider = $2 }
   /Name: /      { name = $2 }
   /Arguments: / { if (provider == "tslb") print name, NF - 1 }' | LC_ALL=C sort -u)
-diff -u - <(echo "$found") <<'PROBES' || { echo "the probes of $2 and those listed here differ" >&2; exit 1; }
+diff -u - <(echo "$found") <<'PROBES' || { echo "the probes of $1 and those listed here differ" >&2; exit 1; }
 block__created 4
 chunk__deleted 5
 chunk__taken 5

@@ -30,7 +30,7 @@ unsigned long allocations_so_far() {
   return true;
 }
 
-#if defined(__SANITIZE_THREAD__)
+#if defined(TSLB_SANITIZES_THREAD)
 bool fault_t::works() {
   return false;
 }

@@ -42,7 +42,7 @@ static uint8_t inactive_percent(uint32_t n_inact, uint32_t n_used) {
       static_cast<uint64_t>(100.0 * (static_cast<double>(n_inact) / static_cast<double>(n_used))));
 }
 
-static bool passes(const tsdb_inactive_thshld_policy_t &set, uint32_t n_used, uint32_t n_inact, uint8_t percent) {
+static bool passes(tsdb_inactive_thshld_policy_t set, uint32_t n_used, uint32_t n_inact, uint8_t percent) {
   return n_used >= set.min_overall_cnt &&
          (percent >= set.inactive_threshold_pct || n_inact >= set.inactive_threshold_cnt);
 }
@@ -50,7 +50,7 @@ static bool passes(const tsdb_inactive_thshld_policy_t &set, uint32_t n_used, ui
 // Whether enough of the array lies idle for its policy, which is in use, to take inactive slots back.
 static inline bool policy_wants_reuse(const list_array_t &list) {
   const DynArrLLI_t *const lli = list.lli;
-  const tsdb_mem_pressure_config_t &policy = lli->mem_pressure_conf;
+  const tsdb_mem_pressure_config_t policy = lli->mem_pressure_conf;  // stored unaligned: no reference to it
   const uint32_t n_inact = get32(&lli->n_inact);
   if (n_inact == 0 || get32(&lli->inact_head) == TSLB_DA_NIL_IDX) return false;
   const uint32_t n_used = get32(&list.hdr->n_used);
