@@ -1,11 +1,11 @@
 // What does it cost to reach a chunk by its address?
 //
 // Asked: tslb_dynmem_get_maddr2ptr in a big-buffer and in a bit-vector pool, and tslb_dynmem_get_maddr2ptr64, on chunks
-// of 64 bytes without compaction headers in slots of 1 MiB, and one load of 8 bytes from the chunk. 1,000 chunks stand in
-// one slot and 100,000 in 7 of the direct area; about a million stand in 65, direct and at level 1. Two orders: random
-// (addresses known ahead, so that lookups overlap), and chased (each address is read from the chunk before). Against the
-// floor (floor.h), raw pointers to the same chunks (the limit), Boost.Interprocess's offset_ptr to them, and mdb_get of
-// LMDB, by an integer key, in one read transaction on a tmpfs.
+// of 64 bytes without compaction headers in slots of 1 MiB, and one load of 8 bytes from the chunk. 1,000 chunks stand
+// in one slot and 100,000 in 7 of the direct area; about a million stand in 65, direct and at level 1. Two orders:
+// random (addresses known ahead, so that lookups overlap), and chased (each address is read from the chunk before).
+// Against the floor (floor.h), raw pointers to the same chunks (the limit), Boost.Interprocess's offset_ptr to them,
+// and mdb_get of LMDB, by an integer key, in one read transaction on a tmpfs.
 //
 // Among a million chunks none of them is in a cache when a run begins: a sweep over other memory goes ahead of each.
 //

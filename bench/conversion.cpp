@@ -1,10 +1,10 @@
 // What does it cost to take a catalogue down to an older layout?
 //
 // Asked: the routines of the version maps on a million records, into an array whose direct slots are as many, as a
-// recovery makes it; per record. The source has 1,000 direct slots and the rest in data blocks. Metric groups and metric
-// types lie in plain arrays, type subjects in slots with two nodes. Against the floor (floor.h: the bytes that both
-// layouts have, copied record by record from places that are known, and the nodes written), and against one memcpy of as
-// many bytes (the limit).
+// recovery makes it; per record. The source has 1,000 direct slots and the rest in data blocks. Metric groups and
+// metric types lie in plain arrays, type subjects in slots with two nodes. Against the floor (floor.h: the bytes that
+// both layouts have, copied record by record from places that are known, and the nodes written), and against one memcpy
+// of as many bytes (the limit).
 //
 // Not asked: making the destination, and its new pages: every round has memory that the allocator had before.
 //

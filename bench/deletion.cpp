@@ -1,11 +1,11 @@
 // What does it cost to delete a chunk, to give an emptied slot back, and to sweep a pool?
 //
 // Asked: tslb_dynmem_del_mchunk per chunk of 64 bytes in slots that hold some 800, with 1 and 2 threads (who own every
-// other chunk), and of chunks that fill a slot each, so that every deletion gives a slot back; tslb_dynmem_update_free_list
-// per slot, over slots that stay and over slots that it gives back. Against the floor (floor.h: the read of the
-// compaction header, the write of its flag, one get_and_inc32; where a slot is given back, the lock, the words of the
-// free list and the lock again; for a sweep the slots' words at places that are known), and for chunks against free of
-// as many bytes, the C library's, mimalloc's and jemalloc's.
+// other chunk), and of chunks that fill a slot each, so that every deletion gives a slot back;
+// tslb_dynmem_update_free_list per slot, over slots that stay and over slots that it gives back. Against the floor
+// (floor.h: the read of the compaction header, the write of its flag, one get_and_inc32; where a slot is given back,
+// the lock, the words of the free list and the lock again; for a sweep the slots' words at places that are known), and
+// for chunks against free of as many bytes, the C library's, mimalloc's and jemalloc's.
 //
 // Not asked: what taking the chunks costs (bench_chunks). The pools are of MPOOL_TYPE_SHM_TMP: process memory, no ring,
 // never redo logged.

@@ -333,8 +333,8 @@ static inline bool looks_empty(const MemSlot_t *slot) {
   return __atomic_load_n(&slot->bytes_del, __ATOMIC_ACQUIRE) == load(&slot->bytes_used);
 }
 
-// No slot stopped being current while somebody's reservation in it was not counted yet: such a one is not empty, whatever
-// its counters say. Noted behind the handle.
+// No slot stopped being current while somebody's reservation in it was not counted yet: such a one is not empty,
+// whatever its counters say. Noted behind the handle.
 static inline bool all_are_counted(const dynmem_t *pool) {
   return *reinterpret_cast<void *const *>(pool + 1) == nullptr;
 }

@@ -1,8 +1,8 @@
 // The floors: for each operation what its contract demands of whoever is asked with the same arguments, written down
 // for the one case that a benchmark runs, on the same arrays. They stand in a shared library, as the real ones do, and
 // reach the host's atomics, its redo handle and the library's clock the same way. What they leave out is what an
-// implementation does for others: all other cases, reports, and code that is shared between operations. Where their case
-// ends (a block is missing, a slot is full), they ask the library.
+// implementation does for others: all other cases, reports, and code that is shared between operations. Where their
+// case ends (a block is missing, a slot is full), they ask the library.
 #ifndef TSLB_BENCH_FLOOR_H
 #define TSLB_BENCH_FLOOR_H
 
@@ -16,9 +16,9 @@ TSLB_BEGIN_DECLS
 
 // The signatures and meanings are those of the functions named.
 
-// get_dyn_arr_record_position_ex. Demanded: the places of the headers, which block 0 tells; the bound n_used; the slot's
-// size from record_size and the flag; n_direct, from the handle or the header as the memory type says; beyond the direct
-// area the level, the root table, an entry for each tier, and that a missing one is noticed.
+// get_dyn_arr_record_position_ex. Demanded: the places of the headers, which block 0 tells; the bound n_used; the
+// slot's size from record_size and the flag; n_direct, from the handle or the header as the memory type says; beyond
+// the direct area the level, the root table, an entry for each tier, and that a missing one is noticed.
 TSLB_API void *floor_find(DynamicArray_t array, uint32_t id, int64_t tbl_id, const char *ctx_name, uint8_t daflag);
 
 // tslb_dynmem_get_maddr2ptr and tslb_dynmem_get_maddr2ptr64: the pool's kind and whether it has compaction headers, the
@@ -33,17 +33,17 @@ TSLB_API int32_t floor_take_id(DynamicArray_t array, void **record, uint8_t dafl
 // up, the address put together, get_and_inc32 of the slot's counter, three get_and_inc64, and two cas64.
 TSLB_API void *floor_take_chunk(dynmem_t *pool, maddr_t *address, int len, srcaddr_t source);
 
-// tslb_da_get_newptr of an array whose free list holds a slot: the clock, the lock, head and count of the list looked at
-// and the slot looked up, three words of the list, the payload cleared, the nodes, the lock again, whether somebody logs,
-// the gatekeeper word.
+// tslb_da_get_newptr of an array whose free list holds a slot: the clock, the lock, head and count of the list looked
+// at and the slot looked up, three words of the list, the payload cleared, the nodes, the lock again, whether somebody
+// logs, the gatekeeper word.
 TSLB_API void *floor_take_slot(dynarr_t *array, uint32_t *idx);
 
 // tslb_da_free_idx of an active slot: the slot looked up, the lock, its status, the list looked at, the old tail looked
 // up and linked, the list's words, status and link, the gatekeeper word, the lock again; who logs is asked twice.
 TSLB_API int floor_free_slot(dynarr_t *array, uint32_t idx);
 
-// tslb_da_get_newptr of an array whose free list is empty and whose policy gives back the oldest inactive slot: as above,
-// but for the policy's arithmetic, a second reading of the clock, and the new head's back link.
+// tslb_da_get_newptr of an array whose free list is empty and whose policy gives back the oldest inactive slot: as
+// above, but for the policy's arithmetic, a second reading of the clock, and the new head's back link.
 TSLB_API void *floor_reuse_slot(dynarr_t *array, uint32_t *idx);
 
 // tslb_da_inactivate_idx of an active slot: the slot looked up, its status, the lock, its status again, the old tail

@@ -2,8 +2,8 @@
 //
 // Asked, on a tmpfs:
 //   growth of an MPOOL_TYPE_SHM array, per block of 16 ids. Against the floor (floor.h: stat, open, ftruncate, mmap,
-//   close, and one swap, under names that are formatted ahead); against one file that is mapped whole, for all blocks at
-//   once; and against LMDB, which appends 16 records of as many bytes in one transaction for all;
+//   close, and one swap, under names that are formatted ahead); against one file that is mapped whole, for all blocks
+//   at once; and against LMDB, which appends 16 records of as many bytes in one transaction for all;
 //   tslb_syn_shm_dynarr, per block. Against msync of the same blocks.
 //
 // Where files are old they exist at their length, and LMDB has the pages of records that were dropped.

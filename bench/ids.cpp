@@ -1,8 +1,8 @@
 // What does it cost to take an id together with its address?
 //
 // Asked: get_dyn_arr_new_record_id_ex on an array of 100-byte records without direct slots, with 1 and 2
-// threads, and a store of the id to the record. Against the floor (floor.h), against a std::deque behind a mutex, and against oneTBB's concurrent_vector, which
-// grows by one element or by 16 at a time and zeroes them too.
+// threads, and a store of the id to the record. Against the floor (floor.h), against a std::deque behind a mutex, and
+// against oneTBB's concurrent_vector, which grows by one element or by 16 at a time and zeroes them too.
 //
 // Every round starts anew, on memory that the allocator has had before and keeps, and once more (cold memory) on none.
 //

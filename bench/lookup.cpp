@@ -1,15 +1,15 @@
 // What does it cost to reach a record by its id?
 //
-// Asked: get_dyn_arr_record_position_ex on ten million records of 100 bytes, in the direct area and at levels 1 to 5, of
-// which level 4 has a million and level 5 the rest, and one load from the record it returns. Against the floor (floor.h),
-// and against std::vector (the limit), std::deque and oneTBB's concurrent_vector of the same records. Three orders:
-// sequential, random (ids known ahead, so that lookups overlap), and chained (each record names the next id, so that a
-// lookup waits for the one before). A round goes on where the one before stopped, so that records of a large level are not
-// in the caches because they were read just now.
+// Asked: get_dyn_arr_record_position_ex on ten million records of 100 bytes, in the direct area and at levels 1 to 5,
+// of which level 4 has a million and level 5 the rest, and one load from the record it returns. Against the floor
+// (floor.h), and against std::vector (the limit), std::deque and oneTBB's concurrent_vector of the same records. Three
+// orders: sequential, random (ids known ahead, so that lookups overlap), and chained (each record names the next id, so
+// that a lookup waits for the one before). A round goes on where the one before stopped, so that records of a large
+// level are not in the caches because they were read just now.
 //
-// Not asked: level 6, whose first id comes behind 17 million; arrays with nodes; lookups beside a writer; ids that change
-// level from one to the next, which adds a mispredicted branch. The vector never moves here; one that grows would, and is
-// no peer then.
+// Not asked: level 6, whose first id comes behind 17 million; arrays with nodes; lookups beside a writer; ids that
+// change level from one to the next, which adds a mispredicted branch. The vector never moves here; one that grows
+// would, and is no peer then.
 //
 // Run: bench_lookup [--quick] [--benchmark_filter=REGEX]
 #include <stdlib.h>

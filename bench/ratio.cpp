@@ -81,8 +81,8 @@ static void count_run(const rival_t &, const std::string &) {
 }
 #endif
 
-// What the first run makes (tables, blocks, the allocator's lists) is not counted. The floor finds the case made anew: what
-// the library's arrays left with the allocator would cost it, or spare it, instructions.
+// What the first run makes (tables, blocks, the allocator's lists) is not counted. The floor finds the case made anew:
+// what the library's arrays left with the allocator would cost it, or spare it, instructions.
 static void count_case(const std::string &row, const std::function<std::vector<rival_t>()> &make, uint64_t operations) {
   const auto count = [&](const rival_t &rival) {
     uint64_t ignored = 0;

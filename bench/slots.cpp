@@ -1,16 +1,16 @@
 // What does it cost to take a slot and to free it again?
 //
 // Asked: tslb_da_get_newptr and tslb_da_free_idx on slot arrays with a free list (LL) and with an inactive list too
-// (INLL), records of 100 bytes and of 1 KiB, with 1 and 2 threads. A thread takes 64 slots, writes a word to each, reads
-// it back, and frees them in the order of their taking; 512 are free at the start, so the list is never empty. Against
-// the floor (floor.h: the clock, the lock taken and given back twice through the host's cas16, the words of list and
-// nodes, the clearing of the payload, in an array of the same kind), and against malloc, mimalloc and jemalloc, the
-// standard library's synchronized_pool_resource, and two free lists of as many slots: Boost's lock-free stack, and a
-// std::vector behind a std::mutex. The peers keep no time and no status, clear nothing, and give back first what was
-// freed last.
+// (INLL), records of 100 bytes and of 1 KiB, with 1 and 2 threads. A thread takes 64 slots, writes a word to each,
+// reads it back, and frees them in the order of their taking; 512 are free at the start, so the list is never empty.
+// Against the floor (floor.h: the clock, the lock taken and given back twice through the host's cas16, the words of
+// list and nodes, the clearing of the payload, in an array of the same kind), and against malloc, mimalloc and
+// jemalloc, the standard library's synchronized_pool_resource, and two free lists of as many slots: Boost's lock-free
+// stack, and a std::vector behind a std::mutex. The peers keep no time and no status, clear nothing, and give back
+// first what was freed last.
 //
-// And with a reuse policy: the slots are on the inactive list, are taken from there (the free list is empty, and any age
-// and share will do) and inactivated again. While the free list has a slot, the policy is not asked at all.
+// And with a reuse policy: the slots are on the inactive list, are taken from there (the free list is empty, and any
+// age and share will do) and inactivated again. While the free list has a slot, the policy is not asked at all.
 //
 // Not asked: redo records (the arrays are of MPOOL_TYPE_DRAM_TMP, which is never logged); fresh ids, which bench_ids
 // measures; the way to slots beyond the direct area, which bench_lookup measures.

@@ -1,5 +1,5 @@
-// Any bytes as block files: refused with a line, or an array that can be used. The input is the files back to back. It is
-// cut where its own headers say, so that most changes reach what lies behind the comparison of sizes; what is
+// Any bytes as block files: refused with a line, or an array that can be used. The input is the files back to back. It
+// is cut where its own headers say, so that most changes reach what lies behind the comparison of sizes; what is
 // left over ends in a file that is too short.
 #include <fcntl.h>
 #include <stdio.h>

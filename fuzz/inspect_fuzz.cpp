@@ -1,5 +1,5 @@
-// Any bytes as a stored array, in both forms: inspected and shown in every way; and what the inspector calls sound is what
-// the loader takes.
+// Any bytes as a stored array, in both forms: inspected and shown in every way; and what the inspector calls sound is
+// what the loader takes.
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>

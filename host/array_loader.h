@@ -3,12 +3,12 @@
  * files of an MPOOL_TYPE_SHM array.
  *
  * Nothing that is read is trusted. An array that comes out holds what the library relies on: list roots and links name
- * slots, lists are as long as their counters say and end where their tails say, each slot that claims to be on a list is
- * on it once, and a pool's cursor stands in one of its slots. Whatever contradicts that is refused as a whole. The
+ * slots, lists are as long as their counters say and end where their tails say, each slot that claims to be on a list
+ * is on it once, and a pool's cursor stands in one of its slots. Whatever contradicts that is refused as a whole. The
  * contents of records, and of a user header that is not a pool's, are the host's to judge.
  *
- * Memory is taken as bytes arrive: at any moment block 0, one data block, and an amount that grows in step with what was
- * read. A stream that claims more than it holds costs no more. */
+ * Memory is taken as bytes arrive: at any moment block 0, one data block, and an amount that grows in step with what
+ * was read. A stream that claims more than it holds costs no more. */
 #ifndef ARRAY_LOADER_H
 #define ARRAY_LOADER_H
 
@@ -37,14 +37,14 @@ typedef struct array_load_options_t {
  *          interrupts is continued, and one that would block is an error. Not closed; read to its end on success, to
  *          somewhere behind the fault on refusal.
  * options  not null. MPOOL_TYPE_DRAM_TMP makes a bit-vector pool a ring, which has at most 254 slots.
- * error    of error_size bytes; receives one line without a line end, as in "byte 92: status 2 on the free list, slot 0",
- *          cut to fit. An empty text on success. May be null with size 0.
+ * error    of error_size bytes; receives one line without a line end, as in "byte 92: status 2 on the free list, slot
+ *          0", cut to fit. An empty text on success. May be null with size 0.
  * Result   the array, which the caller owns (destroy_dyn_arr). It was not counted in g_mem_st, and nothing was logged.
  *          n_alloc is its own; everything else is as it was written. NULL if anything is refused: a fault in the
  *          stream, in the options, or memory (then with a line on stderr too). Nothing is left behind.
  *
- * The stream has no end mark, so its end is told by the descriptor: bytes behind the last slot are refused. A pool's last
- * slot may be cut: if it is the cursor's, and just the bytes that the cursor has reached are there. The rest of
+ * The stream has no end mark, so its end is told by the descriptor: bytes behind the last slot are refused. A pool's
+ * last slot may be cut: if it is the cursor's, and just the bytes that the cursor has reached are there. The rest of
  * such a slot comes back zero, on no inactive list.
  *
  * Threads  any number, each with a descriptor of its own. */

@@ -13,9 +13,9 @@ TSLB_BEGIN_DECLS
  * options    as for a stream. ctx_name and tbl_id name the files and the new array: file 0 lies under the whole name,
  *            data blocks under its first 32 characters, which is where the library puts them.
  * error      as for a stream; the line begins with the file's path, as in "data/metrics/12.2.darr: byte 8: ...".
- * Result     as for a stream. Each file has exactly the size that the headers in file 0 give it, or is refused. Slots of
- *            the last block that are not in use yet come back zero, whatever the file holds there, and files of further
- *            blocks are not looked at.
+ * Result     as for a stream. Each file has exactly the size that the headers in file 0 give it, or is refused. Slots
+ *            of the last block that are not in use yet come back zero, whatever the file holds there, and files of
+ *            further blocks are not looked at.
  * Threads    any number, while nobody writes the files. */
 DynamicArray_t array_load_block_files(const char *base_path, const array_load_options_t *options, char *error,
                                       size_t error_size);

@@ -217,8 +217,8 @@ bool convert(const way_t &way, dynarr_t *source, dynarr_t *destination) {
   // The routine of the headers moves no slot.
   if (way.is_lib && !way.is_pool()) tsdb_recov_version_copy_rc(&args);
   way.run(&args);
-  // That routine also takes the flags from the handle, and without them the array's nodes would be taken for records and
-  // its last slots be left out of the stream.
+  // That routine also takes the flags from the handle, and without them the array's nodes would be taken for records
+  // and its last slots be left out of the stream.
   destination->daflag = source->daflag;
   return way.is_lib ? has_all_of(source, destination) : tslb_da_get_size(destination) == tslb_da_get_size(source);
 }

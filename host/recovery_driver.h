@@ -1,14 +1,15 @@
 /* What a host's recovery does with one stored array that is newer than the reader it is for: the snapshot stream of an
- * array in the layout that the version maps hold (tsdb_recovery_version_compatibility.h) goes in, the stream of the same
- * array in an older layout comes out.
+ * array in the layout that the version maps hold (tsdb_recovery_version_compatibility.h) goes in, the stream of the
+ * same array in an older layout comes out.
  *
- * The array is brought back (array_loader.h), compared with its row of the map, converted in memory by the row's routine
- * (tsdb_recovery_version_downgrade_fn.h) and written (tslb_create_dump_for_dynarr). Three kinds of rows differ:
+ * The array is brought back (array_loader.h), compared with its row of the map, converted in memory by the row's
+ * routine (tsdb_recovery_version_downgrade_fn.h) and written (tslb_create_dump_for_dynarr). Three kinds of rows differ:
  *
  *   catalogue       Records are taken by position, whatever their slot's status: free, inactive and all other records
- *                   come out active, and their lists end up empty. The nodes' times are those of the conversion, and the
- *                   reuse policy is not carried: the host registers it again. The older array has the source's flags and
- *                   all records in its direct area, which limits them to what block 0 can hold (2,147,483,647 bytes).
+ *                   come out active, and their lists end up empty. The nodes' times are those of the conversion, and
+ *                   the reuse policy is not carried: the host registers it again. The older array has the source's
+ *                   flags and all records in its direct area, which limits them to what block 0 can hold (2,147,483,647
+ *                   bytes).
  *   lib             Any array, of any flags: its headers go from lib_version 2 to 1, and nothing else changes. Slots,
  *                   lists and user header are carried by tsdb_recov_version_copy_rc, and then the routine runs. What
  *                   comes out is not for the loaders here, which read lib_version 2 alone.
@@ -63,9 +64,9 @@ typedef struct recovery_counts_t {
  *             not closed. Not used in a dry run.
  * conversion  not null.
  * counts      receives the counts with RECOVERY_DONE, zeroes with all else.
- * error       of error_size bytes; receives one line without a line end, cut to fit, with each result but RECOVERY_DONE,
- *             and an empty text with that one. May be null with size 0. Where memory or the output was refused, a line of
- *             the library's goes to stderr as well.
+ * error       of error_size bytes; receives one line without a line end, cut to fit, with each result but
+ *             RECOVERY_DONE, and an empty text with that one. May be null with size 0. Where memory or the output was
+ *             refused, a line of the library's goes to stderr as well.
  * Threads     any number, each with descriptors of its own. */
 recovery_result_t recovery_convert_stream(int fd_in, int fd_out, const recovery_conversion_t *conversion,
                                           recovery_counts_t *counts, char *error, size_t error_size);
@@ -73,8 +74,8 @@ recovery_result_t recovery_convert_stream(int fd_in, int fd_out, const recovery_
 /* The record type's name, which is that of its RECTYPE_ constant in lower case: "g_mg". NULL outside the map. */
 const char *recovery_type_name(uint16_t rec_type, uint8_t is_lib_rc_type);
 
-/* Bytes of one record in a version, without nodes. 0 where no layout is known, and for the library's types, whose arrays
- * have records of any size. */
+/* Bytes of one record in a version, without nodes. 0 where no layout is known, and for the library's types, whose
+ * arrays have records of any size. */
 uint32_t recovery_record_bytes(uint16_t rec_type, uint8_t is_lib_rc_type, uint8_t version);
 
 TSLB_END_DECLS

@@ -53,8 +53,8 @@ static const pool_kind_t pool_kinds[] = {
     {"the cut of a back node is not mended", 64, 2, MPOOL_FLAG_COMPAT, MPOOL_FLAG_BV, TSLB_DA_DAFLAG_INLL},
 };
 
-// Whole, and with its last slot cut: in the direct area, in its last slot or not, and in a data block. All that a cut leaves
-// out is zero in the original too, once the time in its back node is taken away.
+// Whole, and with its last slot cut: in the direct area, in its last slot or not, and in a data block. All that a cut
+// leaves out is zero in the original too, once the time in its back node is taken away.
 TEST(ArrayLoader, PoolsComeBackAndGoOn) {
   for (const pool_kind_t &kind : pool_kinds)
     for (const int n_chunks : {0, 1, 2, 3, 32})

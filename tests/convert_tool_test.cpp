@@ -157,8 +157,8 @@ TEST_F(Tool, DryRunCountsAndWritesNothing) {
   }
 }
 
-// Row, name, version, nodes, versions there is a way to, and record bytes by version. All that are left out here stand in
-// version 0, without a way.
+// Row, name, version, nodes, versions there is a way to, and record bytes by version. All that are left out here stand
+// in version 0, without a way.
 TEST_F(Tool, ListHasEveryRow) {
   const std::map<std::string, std::string> rows = {
       {"0 subject", "0 INLL - -"},

@@ -39,7 +39,8 @@ static indices_t free_slots(const array_t &pool) {
   return audit_lists(pool.get()).free;
 }
 
-// ---- Deletion ---------------------------------------------------------------------------------------------------------
+// ---- Deletion
+// ---------------------------------------------------------------------------------------------------------
 
 TEST(Deletion, LastOfAFilledSlotGivesItBack) {
   for (const char slot_type : std::initializer_list<char>{0, MPOOL_FLAG_BV}) {
@@ -141,7 +142,8 @@ TEST(Deletion, ChunkOfNoBytesKeepsItsSlot) {
   EXPECT_TRUE(free_slots(pool).empty());
 }
 
-// ---- Sweep ------------------------------------------------------------------------------------------------------------
+// ---- Sweep
+// ------------------------------------------------------------------------------------------------------------
 
 TEST(Sweep, SumsAreThoseOfTheActiveSlotsThatStay) {
   const array_t pool = pool_of({.daflag = 3}, 2);  // the others lie in redirected blocks
@@ -181,7 +183,8 @@ TEST(Sweep, SlotThatTheCursorLeavesMeanwhileIsSeen) {
   EXPECT_EQ(free_slots(pool), (indices_t{0, 1})) << "held against a cursor from before";
 }
 
-// ---- Between a reservation and its counter ----------------------------------------------------------------------------
+// ---- Between a reservation and its counter
+// ----------------------------------------------------------------------------
 
 TEST(Window, SlotOfALateChunkIsKeptAndGivenBackWithIt) {
   static const struct {
@@ -364,8 +367,8 @@ TEST(Window, FirstChunkOfASlotCanBeTheLateOne) {
   EXPECT_EQ(free_slots(pool), indices_t{1});
 }
 
-// Without memory for a note, whoever moves the cursor waits for the counter instead. Tried again where the mover came to
-// its note only after the counter.
+// Without memory for a note, whoever moves the cursor waits for the counter instead. Tried again where the mover came
+// to its note only after the counter.
 TEST(Window, RefusedMemoryForTheNoteIsWaitedOut) {
   if (!fault_t::works()) GTEST_SKIP() << "no allocation can be refused here";
   bool struck = false;
@@ -420,8 +423,8 @@ TEST(Window, DeletionDecidesUnderTheLock) {
 
 // ---- Rings ---------------------------------------------------------------------------------------------------------
 
-// A ring enters its slots by their numbers. One of them on the free list would be free and current at once, and a 64-bit
-// chunk would take it from there and clear it under its live chunks.
+// A ring enters its slots by their numbers. One of them on the free list would be free and current at once, and a
+// 64-bit chunk would take it from there and clear it under its live chunks.
 TEST(Ring, KeepsTheSlotsThatItComesRoundTo) {
   const array_t pool(
       tslb_init_dynmem(256, 0, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM_TMP, MPOOL_FLAG_BV, "ring", 1, TSLB_DA_DAFLAG_LL));

@@ -1,4 +1,5 @@
-// The debug log's files and lines: rollover, deletion, many threads, cut lines, and what a full disk or a bad name does.
+// The debug log's files and lines: rollover, deletion, many threads, cut lines, and what a full disk or a bad name
+// does.
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>

@@ -1,5 +1,6 @@
-// Conversions to older layouts by their routines: where they end, strings at their limits, what is traced when, and what the
-// maps say. Every byte of every record is convert_test's. The program brings its own trace log and recovery copy.
+// Conversions to older layouts by their routines: where they end, strings at their limits, what is traced when, and
+// what the maps say. Every byte of every record is convert_test's. The program brings its own trace log and recovery
+// copy.
 #include <stdarg.h>
 
 #include "array_support.h"

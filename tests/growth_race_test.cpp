@@ -46,7 +46,8 @@ TEST(Growth, LoserOfTheTableSwapStepsDownTheRivals) {
   EXPECT_EQ(below[0], block);
 }
 
-// ---- Bytes and slots of a pool, with the rival's move made by hand ---------------------------------------------------
+// ---- Bytes and slots of a pool, with the rival's move made by hand
+// ---------------------------------------------------
 
 TEST(ChangeOfSlot, CountersAreZeroBeforeTheCursorShowsTheSlot) {
   const array_t pool = pool_of({.compat = 0});
@@ -140,7 +141,8 @@ TEST(Locks, TakenOnceWhereAListIsTouchedAndNowhereElse) {
   EXPECT_EQ(calls_of([&] { tslb_da_get_ptr(lists.get(), 1); }), 0u);
 }
 
-// ---- Real threads ------------------------------------------------------------------------------------------------------
+// ---- Real threads
+// ------------------------------------------------------------------------------------------------------
 
 TEST(Threads, IdsAreUniqueAndRecordsDistinct) {
   constexpr int kThreads = 4, kIds = 6000;

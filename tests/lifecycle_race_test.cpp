@@ -15,7 +15,8 @@ constexpr int kThreads = 4;
 
 [[maybe_unused]] static const bool kThreadsChange = additions_yield = true;
 
-// ---- One index, two threads -------------------------------------------------------------------------------------------
+// ---- One index, two threads
+// -------------------------------------------------------------------------------------------
 
 TEST(OneIndex, DecisionIsConfirmedUnderTheLock) {
   using operation_t = int (*)(DynArrHandle_t *);
@@ -53,7 +54,8 @@ TEST(OneIndex, DecisionIsConfirmedUnderTheLock) {
   }
 }
 
-// ---- Slots ------------------------------------------------------------------------------------------------------------
+// ---- Slots
+// ------------------------------------------------------------------------------------------------------------
 
 class slot_user_t {
  public:
@@ -170,7 +172,8 @@ TEST(Slots, TakenFreedParkedAndReusedSideBySide) {
   EXPECT_GT(reused, 100u) << "the inactive list was not drawn on";
 }
 
-// ---- Chunks -----------------------------------------------------------------------------------------------------------
+// ---- Chunks
+// -----------------------------------------------------------------------------------------------------------
 
 // The chunks of a slot, header by header, come to what its counters say.
 static void expect_counted(MemSlot_t &slot) {

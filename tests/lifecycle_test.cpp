@@ -38,7 +38,8 @@ static std::string shown(uint32_t idx) {
   return idx == kNil ? "nil" : std::to_string(idx);
 }
 
-// Records as text: what each covers, and what its bytes said when it was written: status, next, and in a whole slot prev.
+// Records as text: what each covers, and what its bytes said when it was written: status, next, and in a whole slot
+// prev.
 static std::string told(DynArrHandle_t *array, const std::vector<redo_record_t> &records) {
   const uint32_t hdr_bytes = static_cast<uint32_t>(tslb_dynmem_get_hdrsz(array));
   const uint32_t slot_bytes = tslb_da_get_slotsz(array, nullptr);

@@ -1,5 +1,5 @@
-// Agents as they come from their packages, each started here with a configuration of its own: what they send arrives, and
-// what they are answered satisfies them.
+// Agents as they come from their packages, each started here with a configuration of its own: what they send arrives,
+// and what they are answered satisfies them.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 

@@ -1,4 +1,5 @@
-// The sealed form of points: its bits, that it gives back every bit of every point, and that nothing else passes for it.
+// The sealed form of points: its bits, that it gives back every bit of every point, and that nothing else passes for
+// it.
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
@@ -165,8 +166,8 @@ TEST(PointCodec, APieceOfARunGivesItsFirstPointsAndIsNotWhole) {
   }
 }
 
-// A change to one bit or a few makes another run or none. Two forms of one run would be seen here: of what is whole, the
-// same bytes come out again.
+// A change to one bit or a few makes another run or none. Two forms of one run would be seen here: of what is whole,
+// the same bytes come out again.
 TEST(PointCodec, WhatIsWholeIsTheOnlyFormOfItsPoints) {
   std::mt19937_64 random(5);
   uint64_t n_whole = 0, n_refused = 0;

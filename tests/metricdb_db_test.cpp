@@ -142,8 +142,8 @@ TEST_F(RoundTripOfPoints, BitForBit) {
 
 using Writing = SmallDatabase;
 
-// As processes leave it that end between writing and renaming, or between that and the removal of the old one. Each such
-// moment is met by crashes of the program; here is what lies about afterwards.
+// As processes leave it that end between writing and renaming, or between that and the removal of the old one. Each
+// such moment is met by crashes of the program; here is what lies about afterwards.
 TEST_F(Writing, TheNewestWholeGenerationCountsAndTheNextWriterTidiesUp) {
   ASSERT_NO_FATAL_FAILURE(keep_filled(StoreKind::snapshot));
   const fs::path old = root_ / "old", half = root_ / "db" / "generation.3.new";

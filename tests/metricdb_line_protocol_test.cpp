@@ -127,8 +127,8 @@ std::string shown(LineParser &parser, LineParser::Outcome outcome) {
   return text + fmt::format("|{}|{}", parser.line().ts_ns.value_or(-1), parser.line().strings_skipped);
 }
 
-// Lines a few bytes away from others, so that what is expected of a line is nearly true. Read with and without it, they are
-// the same, the fields that are said to be the expected ones are, and the other reader agrees.
+// Lines a few bytes away from others, so that what is expected of a line is nearly true. Read with and without it, they
+// are the same, the fields that are said to be the expected ones are, and the other reader agrees.
 TEST(LineProtocol, WhatIsLikelyChangesNothing) {
   constexpr uint32_t SEED = 20260104;
   SCOPED_TRACE(SEED);

@@ -1,5 +1,5 @@
-// The two protocols without a network: requests however they are cut into pieces, bodies in gzip, and Graphite's lines as
-// line protocol.
+// The two protocols without a network: requests however they are cut into pieces, bodies in gzip, and Graphite's lines
+// as line protocol.
 #include <fmt/ranges.h>
 #include <gtest/gtest.h>
 #include <zlib.h>

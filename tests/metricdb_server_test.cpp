@@ -1,5 +1,5 @@
-// The server over real sockets: what each request is answered and when, and that a stop leaves nothing unanswered that had
-// arrived.
+// The server over real sockets: what each request is answered and when, and that a stop leaves nothing unanswered that
+// had arrived.
 #include <gmock/gmock.h>
 
 #include <nlohmann/json.hpp>

@@ -18,8 +18,8 @@ std::pair<indices_t, indices_t> lists_in(const Store &store) {
   return {lists.free, lists.inactive};
 }
 
-// Against a store in memory alone that took the same batches. Memory slots are small, so that each batch touches several,
-// and sweeps come within batches. Each opening adds to a journal, or begins a generation.
+// Against a store in memory alone that took the same batches. Memory slots are small, so that each batch touches
+// several, and sweeps come within batches. Each opening adds to a journal, or begins a generation.
 TEST_F(Writer, ComesBackAsIfItHadNeverBeenClosed) {
   constexpr int N_BATCHES = 80;
   static const struct {

@@ -157,7 +157,8 @@ TEST(Resolution, WithoutHeaderAndWithoutSlot) {
   EXPECT_EQ(tslb_dynmem_get_maddr2ptr(pool.get(), maddr_t{1, 0}), nullptr);
 }
 
-// A slot with all bits of its group, and the last offset of slots of the largest size that such an address reaches into.
+// A slot with all bits of its group, and the last offset of slots of the largest size that such an address reaches
+// into.
 TEST(BitVector, AddressesAreGroupsAndUnitsOfEightAndTheSizeIsOf32Bits) {
   constexpr int kLargest = 16777216;
   const array_t pool = pool_of(kBitVector, 0, kLargest);
@@ -322,7 +323,8 @@ TEST(Ring, ReturnsFromSlotsBeyondIt) {
   EXPECT_EQ(as_word(address), 0u);
 }
 
-// ---- 64-bit addresses -------------------------------------------------------------------------------------------------
+// ---- 64-bit addresses
+// -------------------------------------------------------------------------------------------------
 
 TEST(Chunks64, AddressesAreWholeAndOfAnyOffset) {
   for (const char slot_type : std::initializer_list<char>{0, MPOOL_FLAG_BV}) {

@@ -1,5 +1,5 @@
-// Reuse of inactive slots: when a policy takes one back, how old it has to be, and what the caller is told. The system's
-// time is ours here. That slots, lists and results agree over long histories of reuse is list_model_test's.
+// Reuse of inactive slots: when a policy takes one back, how old it has to be, and what the caller is told. The
+// system's time is ours here. That slots, lists and results agree over long histories of reuse is list_model_test's.
 #include <limits.h>
 
 #include "list_audit.h"
@@ -181,7 +181,8 @@ TEST_F(Reuse, AgeOnTheScaledClockThroughTheList) {
   }
 }
 
-// ---- What is told -----------------------------------------------------------------------------------------------------
+// ---- What is told
+// -----------------------------------------------------------------------------------------------------
 
 // Where there is no slot, and in a plain array, whose lock is not touched; and a caller who does not want the payload.
 TEST_F(Reuse, WhatTheCallerIsToldBySource) {

@@ -1,5 +1,5 @@
-// Slot arrays: handles that are none, and the status and contents of what allocation gives. The order in which lists give
-// slots back is list_model_test's.
+// Slot arrays: handles that are none, and the status and contents of what allocation gives. The order in which lists
+// give slots back is list_model_test's.
 #include "array_support.h"
 
 static array_t list_array(int record_size, int n_slots, uint8_t daflag) {

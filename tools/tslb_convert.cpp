@@ -1,5 +1,5 @@
-// tslb-convert: takes a stored array to an older layout, from file to file. What converts is host/recovery_driver.h; here
-// are the names on the command line, and an output that is there whole or not at all.
+// tslb-convert: takes a stored array to an older layout, from file to file. What converts is host/recovery_driver.h;
+// here are the names on the command line, and an output that is there whole or not at all.
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <stdlib.h>

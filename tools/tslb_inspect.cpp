@@ -1,5 +1,5 @@
-// tslb-inspect: looks into stored arrays and says what is there and what contradicts itself. What looks is inspect/; here
-// are the command line and where results go.
+// tslb-inspect: looks into stored arrays and says what is there and what contradicts itself. What looks is inspect/;
+// here are the command line and where results go.
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>

@@ -1,6 +1,6 @@
 /* Stored layouts of the catalogue's versioned records, which are the host's: the library knows them only to take them
- * down a version. Every offset and size is format, the gaps included, which are named after the offset they stand at and
- * have no meaning. Records lie in slots at any address: copy them, or parts of them, in and out. */
+ * down a version. Every offset and size is format, the gaps included, which are named after the offset they stand at
+ * and have no meaning. Records lie in slots at any address: copy them, or parts of them, in and out. */
 #ifndef TSDB_RECOVERY_SCHEMA_H
 #define TSDB_RECOVERY_SCHEMA_H
 

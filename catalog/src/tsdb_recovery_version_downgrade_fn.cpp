@@ -82,8 +82,8 @@ void tsdb_recov_downgrade_rc_tysub_1_0(void *cbargs) {
   });
 }
 
-// Copies a string into a field that is not longer than the one it stands in, terminated; what does not fit is cut, as is
-// what has no terminator. Result: its length.
+// Copies a string into a field that is not longer than the one it stands in, terminated; what does not fit is cut, as
+// is what has no terminator. Result: its length.
 template <size_t OLDER, size_t NEWER>
 static uint8_t copy_text(char (&older)[OLDER], const char (&newer)[NEWER]) {
   static_assert(OLDER <= NEWER && OLDER - 1 <= UINT8_MAX, "the length has one byte");

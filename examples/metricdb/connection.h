@@ -1,5 +1,5 @@
-// A connection of the server: its socket, what came and is not worked off, and what it is owed. The two protocols derive
-// from it and know only whole requests and answers.
+// A connection of the server: its socket, what came and is not worked off, and what it is owed. The two protocols
+// derive from it and know only whole requests and answers.
 //
 // Input is read while the connection may take more: what waits for the Ingest, or for the peer to read its answers, is
 // bounded. Events are edges, so a connection remembers what it may still read.

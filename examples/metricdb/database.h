@@ -10,9 +10,9 @@
 //   DIR/journal.7                what was committed since then (journal.h); none: nothing
 //   DIR/generation.8.new/        one that is being written, or that a process left behind which did not come to its end
 //
-// A generation is written aside, its files and folders are synced, and then it is renamed into place: whoever reads sees
-// the one before it or this one, whole. Afterwards older ones are removed, with the journals that follow them: what those
-// hold is in the new one. Only one process writes at a time; readers
+// A generation is written aside, its files and folders are synced, and then it is renamed into place: whoever reads
+// sees the one before it or this one, whole. Afterwards older ones are removed, with the journals that follow them:
+// what those hold is in the new one. Only one process writes at a time; readers
 // are many, take no lock, and begin again if the generation that they read is removed under them.
 //
 // A store of block files is one that the arrays were filled in, block by block. The library attaches to no old block
@@ -70,8 +70,8 @@ struct OpenOptions {
   // What damage leaves: a journal is used up to the damage, and where the newest generation is damaged an older one
   // with the journals behind it, if there still is one.
   bool salvage = false;
-  // Takes the catalogue to this layout, which is not newer than that of the database. In memory: only the next generation
-  // has it.
+  // Takes the catalogue to this layout, which is not newer than that of the database. In memory: only the next
+  // generation has it.
   std::optional<uint8_t> layout = {};
 };
 

@@ -67,8 +67,8 @@ DatabaseWriter::DatabaseWriter(const std::string &folder, const WriterOptions &o
   found_ = opened.found();
   const StoreConfig before = opened.store.config();
   take_store(std::move(opened.store));
-  // Records of the journal are of arrays as they lie in the generation that it follows. So it begins anew where they are
-  // not those any more.
+  // Records of the journal are of arrays as they lie in the generation that it follows. So it begins anew where they
+  // are not those any more.
   const bool is_as_stored = opened.passed_over.empty() && !opened.journal.is_damaged &&
                             opened.stored.kind == StoreKind::snapshot && opened.stored.layout == before.layout;
   if (is_as_stored)

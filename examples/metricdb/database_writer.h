@@ -1,4 +1,5 @@
-// A database that is written to while it is open: what comes is stored, journalled, and durable when its ticket says so.
+// A database that is written to while it is open: what comes is stored, journalled, and durable when its ticket says
+// so.
 //
 // Each batch goes to the journal as a whole, and the arrays keep what was taken meanwhile. If the journal refuses a
 // batch, the arrays hold what must not be there: they are dropped and read back from the disk, which costs what opening
@@ -54,11 +55,12 @@ class DatabaseWriter final : public Ingest {
   // Waits until the ticket is settled, and returns its failure.
   std::string wait(uint64_t ticket);
 
-  // Writes the next generation now: what is committed is in it. Throws FileError or DatabaseError, and goes on as before.
+  // Writes the next generation now: what is committed is in it. Throws FileError or DatabaseError, and goes on as
+  // before.
   Stored snapshot();
 
-  // Commits, waits for it and closes the journal; if that is long and longer than what the arrays take, a last generation
-  // comes in its place. Throws FileError.
+  // Commits, waits for it and closes the journal; if that is long and longer than what the arrays take, a last
+  // generation comes in its place. Throws FileError.
   void close();
 
   const Store &store() const { return *store_; }

@@ -1,5 +1,5 @@
-// Texts of ours inside the formats of others. Series keys are any bytes but control characters: what is no UTF-8 in them
-// becomes U+FFFD where a format demands UTF-8.
+// Texts of ours inside the formats of others. Series keys are any bytes but control characters: what is no UTF-8 in
+// them becomes U+FFFD where a format demands UTF-8.
 #pragma once
 
 #include <string>

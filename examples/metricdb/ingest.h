@@ -1,8 +1,8 @@
 // Where lines go that come from outside, and how one learns that they are kept.
 //
-// Lines are taken batch by batch: `take` as often as there is something, then `commit`, which ends the batch and returns
-// its ticket at once. The batch is kept, whatever happens to process and machine, when `settled` has reached its ticket.
-// A batch that could not be written is refused as a whole and nothing of it stays.
+// Lines are taken batch by batch: `take` as often as there is something, then `commit`, which ends the batch and
+// returns its ticket at once. The batch is kept, whatever happens to process and machine, when `settled` has reached
+// its ticket. A batch that could not be written is refused as a whole and nothing of it stays.
 #pragma once
 
 #include <cstdint>

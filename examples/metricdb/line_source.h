@@ -22,8 +22,8 @@ class LineSource {
   // Of a regular file; 0 of anything else.
   uint64_t total_bytes() const { return total_bytes_; }
 
-  // The next text of whole lines, at most `most_lines`: as many as there are without waiting for more, but one at least.
-  // Empty at the end. It holds until the next call. A line longer than LONGEST_LINE is left out, and counted.
+  // The next text of whole lines, at most `most_lines`: as many as there are without waiting for more, but one at
+  // least. Empty at the end. It holds until the next call. A line longer than LONGEST_LINE is left out, and counted.
   std::string_view next(uint64_t most_lines);
 
   uint64_t bytes_taken() const { return bytes_taken_; }

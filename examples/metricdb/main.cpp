@@ -1,5 +1,5 @@
-// metricdb: loads line protocol into tslb's arrays, keeps them in a folder, checks and shows what they hold, and records
-// this machine's counters as line protocol. Here: the command line.
+// metricdb: loads line protocol into tslb's arrays, keeps them in a folder, checks and shows what they hold, and
+// records this machine's counters as line protocol. Here: the command line.
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <signal.h>

@@ -16,8 +16,8 @@ constexpr std::string_view CHECKSUM = "crc32c ";
 constexpr size_t CHECKSUM_LINE_BYTES = CHECKSUM.size() + 8 + 1;
 constexpr int LARGEST_SLOT_BYTES = 1 << 24;  // what addresses reach
 
-// What the store was told and what it keeps beside its arrays, a line each, in order: for the writer and for the reader,
-// which needs the limits.
+// What the store was told and what it keeps beside its arrays, a line each, in order: for the writer and for the
+// reader, which needs the limits.
 template <class Config, class State, class Field>
 void for_each_figure(Config &config, State &state, Field field) {
   constexpr int64_t LATEST = std::numeric_limits<int64_t>::max();

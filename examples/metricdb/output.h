@@ -16,8 +16,8 @@ void complain(const std::string &line);
 // To standard output, now. Throws std::runtime_error.
 void print(const std::string &text);
 
-// A line on stderr that is written anew a few times a second, with the rate and the time that is left, once the work has
-// taken a second. Nothing if stderr is no terminal.
+// A line on stderr that is written anew a few times a second, with the rate and the time that is left, once the work
+// has taken a second. Nothing if stderr is no terminal.
 class Progress {
  public:
   // total  of what `tell` counts; 0: not known.

@@ -13,8 +13,8 @@ struct ValueTick {
 };
 
 // Ticks for values from `low` to `high`, both finite: up to `most` + 2 of them, evenly, the first at or below `low` and
-// the last at or above `high`, but for a millionth of a step, each a whole multiple of 1, 2 or 5 times a power of ten. In long double: it holds the
-// distance of any two doubles.
+// the last at or above `high`, but for a millionth of a step, each a whole multiple of 1, 2 or 5 times a power of ten.
+// In long double: it holds the distance of any two doubles.
 std::vector<ValueTick> value_ticks(double low, double high, int most);
 
 struct TimeTick {

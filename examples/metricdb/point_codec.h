@@ -1,4 +1,5 @@
-// The sealed form of a run of points: what the points of one series take, in order of arrival, when no more come to them.
+// The sealed form of a run of points: what the points of one series take, in order of arrival, when no more come to
+// them.
 //
 // A run is a string of bits without a length or a count, which are kept by whoever keeps the run. Bits fill a byte from
 // the lowest one up; a number of several bits begins with its lowest one. The last byte is filled up with zeroes.
@@ -14,9 +15,10 @@
 //     1 0 x              some, and all within the window, whose bits follow
 //     1 1 aaaaa nnnnnn x a new window, and its bits: behind `a` bits from the top it is n + 1 bits wide
 //
-// A new window begins with the highest bit that differs, or behind 31 bits if that one is lower still, and ends with the
-// lowest. The window at hand is kept where it holds all that differs and is up to 11 bits wider than a new one would be,
-// which is what naming a new one costs. So each run has one sealed form, and whoever walks a form refuses any other.
+// A new window begins with the highest bit that differs, or behind 31 bits if that one is lower still, and ends with
+// the lowest. The window at hand is kept where it holds all that differs and is up to 11 bits wider than a new one
+// would be, which is what naming a new one costs. So each run has one sealed form, and whoever walks a form refuses any
+// other.
 //
 // Threads: everything here works on what it is given, and nothing else.
 #pragma once

@@ -1,7 +1,7 @@
 // A question about the points of one series, and its answer.
 //
-// Points come in order of arrival, which need not be the order of their times; answers are in order of time. A value that
-// is not a number stands for one that is missing: it is a point, but no function of values counts it in.
+// Points come in order of arrival, which need not be the order of their times; answers are in order of time. A value
+// that is not a number stands for one that is missing: it is a point, but no function of values counts it in.
 #pragma once
 
 #include <cstdint>
@@ -34,8 +34,8 @@ struct Query {
 };
 
 // Without windows: the points in the range, those of one time in order of arrival.
-// With windows: one point for each window that has points, at its begin. Windows lie end to end from 1970 on, before and
-// after it; the first one that 64 bits can tell times of begins earlier, and stands at its first such time.
+// With windows: one point for each window that has points, at its begin. Windows lie end to end from 1970 on, before
+// and after it; the first one that 64 bits can tell times of begins earlier, and stands at its first such time.
 //   mean, max, min, sum  of the values that are numbers; not a number if there is none
 //   count                of all points
 //   last                 the value latest in time, and of those the one that came last

@@ -15,8 +15,8 @@ struct Asked {
   Query query;
 };
 
-// Times and values under each other, then how many there are and a line of cells that shows their course. Values have up
-// to ten digits here, and all of theirs in CSV and JSON.
+// Times and values under each other, then how many there are and a line of cells that shows their course. Values have
+// up to ten digits here, and all of theirs in CSV and JSON.
 std::string answer_table(const Asked &asked, std::span<const Point> points);
 
 // RFC 4180, with a line `time,KEY` ahead. What is no finite number reads nan, inf or -inf.

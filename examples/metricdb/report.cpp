@@ -120,15 +120,22 @@ std::string shown_time(int64_t ts_ns) {
   return fmt::format("{} ({:%F %T}.{:09} UTC)", ts_ns, fmt::gmtime(seconds), ns);
 }
 
-std::string array_lines(const char *name, DynArrHandle_t *array, const ArrayFiles &files, const char *line,
-                        const PoolBytes *bytes) {
+std::string array_lines(const char *name, DynArrHandle_t *array, const ArrayFiles &files, const PoolBytes *bytes) {
   const auto *const lists = static_cast<const DynArrLLI_t *>(tslb_da_get_lli(array));
   std::string text = fmt::format(
       "{:<17}{} slots used, {} of them free, {} inactive; {} bytes in {} files, {} on the disk\n", name,
       tslb_da_get_size(array), lists->n_free, lists->n_inact, files.bytes, files.n_files, files.allocated_bytes);
   if (bytes != nullptr)
     text += fmt::format("{:17}{} bytes of chunks, {} of them deleted\n", "", bytes->used, bytes->deleted);
-  return text + fmt::format("{:17}{}\n", "", line);
+  return text;
+}
+
+// For whoever looks for a fault: the words of the headers, as they stand in memory.
+std::string headers_of(const Store &store) {
+  std::string text = "the headers of the arrays, as the library prints them\n";
+  text += fmt::format("  catalogue      {}\n", tslb_da_get_hdr_str(store.catalogue()));
+  text += fmt::format("  keys           {}\n", tslb_print_poolhdr(store.keys()));
+  return text + fmt::format("  points         {}\n", tslb_print_poolhdr(store.points()));
 }
 
 std::string table_of(const std::vector<Row> &rows) {
@@ -193,10 +200,7 @@ std::string load_summary(const Store &store, const LoadStats &stats, const Sweep
   if (forgets(store.config())) text += forgetting(store, n_visible, last);
   fmt::format_to(out, "points per s     {:.0f} ({:.3f} s without reading the inputs)\n",
                  seconds > 0.0 ? static_cast<double>(stats.points) / seconds : 0.0, seconds);
-  fmt::format_to(out, "catalogue        {}\n", tslb_da_get_hdr_str(store.catalogue()));
-  fmt::format_to(out, "keys             {}\n", tslb_print_poolhdr(store.keys()));
-  fmt::format_to(out, "points           {}\n", tslb_print_poolhdr(store.points()));
-  return text;
+  return text + headers_of(store);
 }
 
 std::string database_summary(const std::string &folder, const Store &store, const Stored &stored, double seconds) {
@@ -221,11 +225,10 @@ std::string database_summary(const std::string &folder, const Store &store, cons
                  static_cast<double>(stored.allocated_bytes()) / n_points);
   const PoolBytes keys = store.key_bytes();
   const PoolBytes points = store.point_bytes();
-  text +=
-      array_lines("catalogue", store.catalogue(), stored.arrays[0], tslb_da_get_hdr_str(store.catalogue()), nullptr);
-  text += array_lines("keys", store.keys(), stored.arrays[1], tslb_print_poolhdr(store.keys()), &keys);
-  text += array_lines("points", store.points(), stored.arrays[2], tslb_print_poolhdr(store.points()), &points);
-  return text;
+  text += array_lines("catalogue", store.catalogue(), stored.arrays[0], nullptr);
+  text += array_lines("keys", store.keys(), stored.arrays[1], &keys);
+  text += array_lines("points", store.points(), stored.arrays[2], &points);
+  return text + headers_of(store);
 }
 
 }  // namespace metricdb

@@ -19,12 +19,12 @@ std::string sparkline(std::span<const double> values);
 // one line says so.
 std::string series_table(const Store &store, const std::string &pattern);
 
-// Counts, sizes, speed (`seconds` is the time that parsing and storing took), and one line about each array. Bytes per
+// Counts, sizes, speed (`seconds` is the time that parsing and storing took), and the headers of the arrays. Bytes per
 // point are by visible points. If the store forgets, also what it forgot, and what the sweep `last` found.
 std::string load_summary(const Store &store, const LoadStats &stats, const Sweep &last, double seconds);
 
-// What a database holds: where, in which generation, series and points, what was forgotten, and for each array its sizes
-// and its own line. `seconds` is the time that opening took, checks included.
+// What a database holds: where, in which generation, series and points, what was forgotten, and for each array its
+// sizes and its headers. `seconds` is the time that opening took, checks included.
 std::string database_summary(const std::string &folder, const Store &store, const Stored &stored, double seconds);
 
 }  // namespace metricdb

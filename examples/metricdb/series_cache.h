@@ -1,5 +1,5 @@
-// Where the fields of a line went last time, by the line's head. The lines of one source come with the same fields in the
-// same order, and then one look-up by the head replaces one by each series key.
+// Where the fields of a line went last time, by the line's head. The lines of one source come with the same fields in
+// the same order, and then one look-up by the head replaces one by each series key.
 //
 // Series numbers hold until the store forgets a series: who keeps them here clears the cache then.
 //

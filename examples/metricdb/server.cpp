@@ -86,7 +86,8 @@ class Server::Loop {
   Descriptor epoll_;
   Listener influx_;
   Listener graphite_;
-  // By descriptor. The lists below name descriptors too: if another connection has it by then, it gets a look for nothing.
+  // By descriptor. The lists below name descriptors too: if another connection has it by then, it gets a look for
+  // nothing.
   std::vector<Place> places_;
   size_t n_connections_ = 0;
   Fds active_;   // have a turn in the next round

@@ -5,8 +5,8 @@
 // refuses is counted and lost there.
 //
 // One thread runs everything, in rounds. A round reads what has arrived, once per connection, hands all whole requests
-// to the Ingest and commits them as one batch. Their answers wait for that batch's ticket, and meanwhile the next rounds
-// take what others send. What waits is bounded per connection and in sum; beyond that a connection is not read.
+// to the Ingest and commits them as one batch. Their answers wait for that batch's ticket, and meanwhile the next
+// rounds take what others send. What waits is bounded per connection and in sum; beyond that a connection is not read.
 #pragma once
 
 #include <chrono>

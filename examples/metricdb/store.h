@@ -25,10 +25,10 @@
 // A store can be put together again from its three arrays, which come from elsewhere, and the few figures that it keeps
 // beside them (StoreState). Nothing in them is trusted then: see store_audit.cpp.
 //
-// A store tells the redo log what it changes, from `begin_log` on: whoever applies those records to copies of the arrays
-// as they were then, up to the end of a `log_changes`, has the arrays as they are at that moment. Of what the arrays log
-// by themselves the rest is told at once where it is written once (keys, sealed chunks), and by `log_changes` where it
-// changes many times in between (records, open chunks, counters, headers).
+// A store tells the redo log what it changes, from `begin_log` on: whoever applies those records to copies of the
+// arrays as they were then, up to the end of a `log_changes`, has the arrays as they are at that moment. Of what the
+// arrays log by themselves the rest is told at once where it is written once (keys, sealed chunks), and by
+// `log_changes` where it changes many times in between (records, open chunks, counters, headers).
 //
 // Threads: one. A store belongs to the thread that uses it.
 #pragma once

@@ -1,7 +1,7 @@
 // A store from arrays that somebody brings: nothing is used before it was looked at.
 //
-// The arrays themselves are sound by then (host/array_loader.h says what that means). What is examined here is what this
-// store put into them:
+// The arrays themselves are sound by then (host/array_loader.h says what that means). What is examined here is what
+// this store put into them:
 //   shapes      each array is one that this store would have made.
 //   chunks      a memory slot is covered by its chunks, back to back, as far as it is used; what is marked deleted adds
 //               up to the slot's count; the cursor stands behind the last chunk of its slot.

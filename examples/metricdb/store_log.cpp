@@ -1,6 +1,6 @@
-// What a store tells the redo log beside what its arrays log by themselves. The arrays log the nodes and headers that an
-// allocation, a release or a list operation changes, as far as the library promises (tslb_dynarr.h); contents, counters
-// and cursors are for whoever writes them.
+// What a store tells the redo log beside what its arrays log by themselves. The arrays log the nodes and headers that
+// an allocation, a release or a list operation changes, as far as the library promises (tslb_dynarr.h); contents,
+// counters and cursors are for whoever writes them.
 #include <algorithm>
 
 #include "store.h"

@@ -1,4 +1,5 @@
-// The host's atomics, defined by the program that includes this: what a rival does can be put just ahead of one of them.
+// The host's atomics, defined by the program that includes this: what a rival does can be put just ahead of one of
+// them.
 #ifndef TSLB_TESTS_FORCED_H
 #define TSLB_TESTS_FORCED_H
 

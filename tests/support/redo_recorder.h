@@ -1,5 +1,5 @@
-// A redo log that remembers. Who includes it shows that a program can define this pair of hooks and take all others from
-// the stand-in.
+// A redo log that remembers. Who includes it shows that a program can define this pair of hooks and take all others
+// from the stand-in.
 #ifndef TSLB_TESTS_REDO_RECORDER_H
 #define TSLB_TESTS_REDO_RECORDER_H
 

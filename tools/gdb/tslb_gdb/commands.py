@@ -94,7 +94,8 @@ class SubCommand(gdb.Command):
     def invoke(self, argument, from_tty):
         words = gdb.string_to_argv(argument)
         if not self.fewest <= len(words) <= self.most:
-            raise gdb.GdbError("see: help tslb %s" % self.name)
+            told = "%d arguments; one with blanks stands in quotes. See: help tslb %s"
+            raise gdb.GdbError(told % (len(words), self.name))
         try:
             for line in self.lines(*words):
                 print(line)

@@ -17,7 +17,7 @@ class PoolHdr(
         "flag pad max_slots mslot_sz cursor total_msz total_mused total_mwast total_mdel total_mavail",
     )
 ):
-    FORMAT = "<BBhI6Q"
+    FORMAT = "<BBhI5Qq"  # what is available is a difference, and can be below zero
     BYTES = 56
 
 

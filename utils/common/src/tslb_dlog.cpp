@@ -1,5 +1,5 @@
-// The debug log. One mutex covers a line from its time stamp to its write, so lines stand in the order of their stamps and
-// a rollover happens between two of them.
+// The debug log. One mutex covers a line from its time stamp to its write, so lines stand in the order of their stamps
+// and a rollover happens between two of them.
 #include "tslb_dlog.h"
 
 #include <errno.h>
@@ -173,8 +173,8 @@ static void tslb_dl_fwrite(TSLBDLog_t *log, const char *msg, size_t msg_len) {
 
 // ---- Lines ---------------------------------------------------------------------------------------------------------
 
-// Base name of a path. One that ends in a slash is cut in a buffer, since basename may change what it is given; where it
-// is too long for that it loses its start.
+// Base name of a path. One that ends in a slash is cut in a buffer, since basename may change what it is given; where
+// it is too long for that it loses its start.
 static const char *base_name_of(const char *path, char (&copy)[1024]) {
   if (path == nullptr) return "-";
   const char *const slash = strrchr(path, '/');
@@ -214,8 +214,8 @@ __attribute__((format(printf, 3, 0))) static char *put_message(char *at, char *e
   return wanted < 0 ? at : wanted < end - at ? at + wanted : end;
 }
 
-// The date and time of a line, under the log's lock. The lines of one second share it: a conversion to local time, around
-// which signals are blocked, costs two system calls. A host that changes its time zone is believed at once.
+// The date and time of a line, under the log's lock. The lines of one second share it: a conversion to local time,
+// around which signals are blocked, costs two system calls. A host that changes its time zone is believed at once.
 static const char *current_date_time() {
   static struct {
     time_t second;

@@ -32,8 +32,8 @@ extern TSLB_API TSLBDLog_t *g_dl;           /* NULL until the log was initialise
 extern TSLB_API __thread int g_tid;         /* the thread's number in the log; -1 until it has one */
 extern TSLB_API __thread char g_thname[33]; /* its name there */
 
-/* Starts the log, or sets it anew: that is how its level is changed. The file is made by the first line. An out of memory
- * leaves it off, with a line on stderr.
+/* Starts the log, or sets it anew: that is how its level is changed. The file is made by the first line. An out of
+ * memory leaves it off, with a line on stderr.
  *
  * dlog_fname  base path, of which 1,023 characters are kept; NULL for "/tmp/tslb_dlog"; "stdout" for standard output.
  * dlevel      the level.
@@ -44,8 +44,8 @@ TSLB_API void tslb_dl_init_internal(const char *dlog_fname, int dlevel, int fmax
 /* Names the calling thread in the log, with at most 31 characters; "-" for NULL or an empty name. Gives it a number. */
 TSLB_API void tslb_dl_set_thname_internal(const char *thname);
 
-/* Writes one line if `dlevel` is at or below the level of the log: 4,096 bytes at most with its newline; what is longer is
- * cut. A line that cannot be written is lost, with a line on stderr. errno is as before.
+/* Writes one line if `dlevel` is at or below the level of the log: 4,096 bytes at most with its newline; what is longer
+ * is cut. A line that cannot be written is lost, with a line on stderr. errno is as before.
  *
  * file_name, fun_name, line_no
  *          the caller's place; of the file the base name is shown.

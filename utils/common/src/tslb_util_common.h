@@ -1,7 +1,7 @@
 /* Services around the storage: processes, commands, small helpers, sockets. No operation here knows an array.
  *
- * Texts go to buffers of the caller, whose least sizes are told with each, or to a buffer of the calling thread that its
- * next call overwrites. Threads: any, except where said. */
+ * Texts go to buffers of the caller, whose least sizes are told with each, or to a buffer of the calling thread that
+ * its next call overwrites. Threads: any, except where said. */
 #ifndef TSLB_UTIL_COMMON_H
 #define TSLB_UTIL_COMMON_H
 
@@ -56,8 +56,8 @@ TSLB_API int tslb_partition_type_2_frequency(unsigned char partition_type);
  * Result  how many were stored. Of more fields than fit, the rest of the line is not looked at. */
 TSLB_API int get_tokens(char *read_buf, char **fields, const char *token, int max_flds);
 
-/* Makes every directory on `path` up to its last slash, mode 0777: of a path without a slash at its end the last name is
- * taken for a file's. A relative path begins at the working directory.
+/* Makes every directory on `path` up to its last slash, mode 0777: of a path without a slash at its end the last name
+ * is taken for a file's. A relative path begins at the working directory.
  *
  * Result  1, also if all were there. 0 after a line on stderr: a path of more than 8,000 characters or 64 names, or a
  *         directory that cannot be made; those before it stay. */
@@ -111,16 +111,16 @@ TSLB_API int tslb_check_pid_alive(pid_t pid, const char *proc_name);
 
 /* The process that a pid file, base_dir/.component.pid, names on its first line, if it runs under the expected name.
  *
- * bin_name      the name, of which 15 characters count; NULL for the calling process's own. A process whose name holds a
- *               dot also matches by the part before it.
+ * bin_name      the name, of which 15 characters count; NULL for the calling process's own. A process whose name holds
+ *               a dot also matches by the part before it.
  * error_buffer  at least 512 bytes.
  * Result        the process id. -1: no such file, or a path that does not fit (text in error_buffer). -2: no process id
  *               in it (text on stdout). -4: another name (text on stdout). -5: the process is gone, or
  *               ps could not be run. */
 TSLB_API int tslb_get_pid(const char *base_dir, const char *component, const char *bin_name, char *error_buffer);
 
-/* The same for the main host component of a run, whose pid file lies below the environment's QX_WDIR. The last one takes
- * tslb_testidx as the run. */
+/* The same for the main host component of a run, whose pid file lies below the environment's QX_WDIR. The last one
+ * takes tslb_testidx as the run. */
 TSLB_API int check_tarnhub_pid_alive_ex(int test_num);
 TSLB_API int check_tarnhub_pid_alive_tr(int test_num);
 TSLB_API int check_tarnhub_pid_alive(void);
@@ -140,7 +140,8 @@ TSLB_API char *tslb_get_dest_addr_ex(int fd, int give_port);
  * local_port  the port; 0 asks for a free one, which is stored there.
  * ip_addr     the address to bind; NULL for all.
  * err_msg     at least 512 bytes; written on failure.
- * Result      the descriptor. -3: not an address. -2: it cannot be bound. -1: anything else. Nothing stays open then. */
+ * Result      the descriptor. -3: not an address. -2: it cannot be bound. -1: anything else. Nothing stays open
+ *             then. */
 TSLB_API int tslb_tcp_listen(int *local_port, int backlog, const char *ip_addr, char *err_msg);
 
 /* An epoll set, or -1 with errno set.

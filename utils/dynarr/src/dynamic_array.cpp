@@ -279,8 +279,8 @@ static inline void *descend(PtrTbl_t *root, uint32_t beyond) {
   return descend_from<LEVEL>(table, beyond - first_of_level(LEVEL));
 }
 
-// The lower levels first: they hold few ids, but all those of a small array. The processor goes ahead on the level that it
-// expects, where an entry computed from the id would have to be waited for.
+// The lower levels first: they hold few ids, but all those of a small array. The processor goes ahead on the level that
+// it expects, where an entry computed from the id would have to be waited for.
 static inline void *find_block(PtrTbl_t *root, uint32_t beyond) {
   if (__builtin_expect(beyond < first_of_level(3), 1)) {
     if (__builtin_expect(beyond < first_of_level(2), 1)) return descend<1>(root, beyond);

@@ -114,8 +114,8 @@ static inline node_bw *bw_of(void *slot_ptr, uint32_t record_size) {
 // First word of a payload after taking or freeing it.
 constexpr uint32_t GATEKEEPER = 0xFFFFFFFFu;
 
-// A slot's status is read without the lock, and what it says about the slot's contents must be there to see: stored with
-// release, loaded with acquire.
+// A slot's status is read without the lock, and what it says about the slot's contents must be there to see: stored
+// with release, loaded with acquire.
 static inline uint32_t status_of(const void *slot_ptr) {
   return __atomic_load_n(reinterpret_cast<const uint32_t *>(static_cast<const char *>(slot_ptr) - NODE_BYTES),
                          __ATOMIC_ACQUIRE);

@@ -1,5 +1,5 @@
-// List surgery where slots are freed and taken: what must be in line there, and what stays out of it. Roots, counters and
-// nodes change under the handle's spin lock. Private: never installed.
+// List surgery where slots are freed and taken: what must be in line there, and what stays out of it. Roots, counters
+// and nodes change under the handle's spin lock. Private: never installed.
 #ifndef DYNARR_LISTS_H
 #define DYNARR_LISTS_H
 
@@ -31,8 +31,8 @@ static inline list_array_t list_array_of(DynArrHandle_t *array) {
   return {array, arr_hdr_of(array), lli_of(array), NODE_BYTES + second_node};
 }
 
-// Log a slot, and a slot's forward node. The functions called ask the same first; asked here, logging that is off costs no
-// call.
+// Log a slot, and a slot's forward node. The functions called ask the same first; asked here, logging that is off costs
+// no call.
 static inline void log_slot(dynarr_t *array, uint32_t idx) {
   if (redo_is_on(array)) tslb_redo_log_da(array, idx, NO_TXN, TSLB_REDO_SLOT);
 }
@@ -59,8 +59,8 @@ static inline void lists_log_freed(dynarr_t *array, uint32_t idx) {
 
 // ---- In line -------------------------------------------------------------------------------------------------------
 
-// Point a neighbour's forward or back link elsewhere, and log that whole slot. A stored index can name a slot that does not
-// exist, in an array that somebody else wrote: it is stepped over.
+// Point a neighbour's forward or back link elsewhere, and log that whole slot. A stored index can name a slot that does
+// not exist, in an array that somebody else wrote: it is stepped over.
 static inline void lists_relink_next(const list_array_t &list, uint32_t idx, uint32_t next) {
   void *const slot_ptr = list.slot(idx);
   if (slot_ptr != nullptr) set32(&fw_of(slot_ptr)->next, next);

@@ -10,7 +10,8 @@ static inline void *load_table_entry(void *const *entry) {
   return __atomic_load_n(entry, __ATOMIC_ACQUIRE);
 }
 
-// Visits what hangs below one table, `tiers` of tables above the blocks (this one counted). False if the visit ended it.
+// Visits what hangs below one table, `tiers` of tables above the blocks (this one counted). False if the visit ended
+// it.
 template <class Visit>
 static bool walk_table(void *const *table, unsigned tiers, unsigned level, Visit visit) {
   for (uint32_t i = 0; i < ENTRIES_PER_TABLE; ++i) {

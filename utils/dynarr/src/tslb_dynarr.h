@@ -110,8 +110,9 @@ TSLB_API void tslb_da_spin_unlock16(uint16_t *spinlock);
  *
  * new_idx   receives the index; 0xFFFFFFFF if there is none.
  * lock_off  0: the caller holds the handle's spin lock already. Any other value: the call takes it.
- * Result    the slot pointer. NULL if the array is full or memory was refused (a line on stderr); an id that failed so stays
- *           issued. tslb_da_get_newptr is the locking form, and gives NULL for a null handle with `*new_idx` untouched.
+ * Result    the slot pointer. NULL if the array is full or memory was refused (a line on stderr); an id that failed so
+ *           stays issued. tslb_da_get_newptr is the locking form, and gives NULL for a null handle with `*new_idx`
+ *           untouched.
  * Threads   any number. */
 TSLB_API void *tslb_da_get_newptr(dynarr_t *handle_dynarr, uint32_t *new_idx);
 TSLB_API void *tslb_da_get_newptr_ex(dynarr_t *handle_dynarr, uint32_t *new_idx, uint8_t lock_off);
@@ -234,8 +235,8 @@ TSLB_API void tslb_iterate_dyn_array_blocks(DynamicArray_t dyn_handle, tslb_dyn_
  * flag    not used.
  * total_write_sz
  *         the blocks' bytes are added to it, a cut slot in full, a failed block too.
- * Result  0, or -1 after a failed write (a line on stderr; the stream is broken where it failed) or if slots are missing
- *         because the memory of some was once refused. */
+ * Result  0, or -1 after a failed write (a line on stderr; the stream is broken where it failed) or if slots are
+ *         missing because the memory of some was once refused. */
 TSLB_API int tslb_create_dump_for_dynarr(DynamicArray_t dyn_handle, int fd, uint8_t flag, size_t *total_write_sz);
 
 /* One write of a snapshot: `num_elements` slots of `record_sz` bytes behind `hdr_size` bytes of headers, from blk_ptr

@@ -140,7 +140,8 @@ static inline void clear_payload(void *payload, uint32_t record_size) {
   }
 }
 
-// Takes a slot: a free one, else an inactive one that the policy gives back, else a fresh one. Its payload is what it was.
+// Takes a slot: a free one, else an inactive one that the policy gives back, else a fresh one. Its payload is what it
+// was.
 __attribute__((always_inline)) static inline void choose_slot(const list_array_t &list, uint32_t now, bool may_reuse,
                                                               taken_t *taken) {
   *taken = {nullptr, TSLB_DA_NIL_IDX, now, TSLB_DA_SLOT_FREE};

@@ -1,5 +1,5 @@
-// Walks for the host: each block to a callback, or to a descriptor. What the second writes is the array's flat image, cut
-// behind the last slot: the one stored form of an array as a whole.
+// Walks for the host: each block to a callback, or to a descriptor. What the second writes is the array's flat image,
+// cut behind the last slot: the one stored form of an array as a whole.
 #include <errno.h>
 #include <stdio.h>
 #include <string.h>

@@ -81,8 +81,8 @@ static inline chunk_place_t decode_address(const DynMemHdr_t *hdr, maddr_t addre
   return is_bitvector(hdr) ? decode_bitvector(address) : decode_bigbuffer(address);
 }
 
-// Remembers that a slot stopped being current with so many bytes reserved in it, if not all have reached its counter yet.
-// Under the spin lock.
+// Remembers that a slot stopped being current with so many bytes reserved in it, if not all have reached its counter
+// yet. Under the spin lock.
 void note_slot_left(dynmem_t *pool, chunk_place_t end);
 
 static inline MemSlot_t *slot_of(dynmem_t *pool, uint32_t slot_idx) {

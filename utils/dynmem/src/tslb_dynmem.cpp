@@ -50,8 +50,8 @@ dynmem_t *tslb_init_dynmem_ex1(int mslot_sz, int num_mslot, char compat_flag, un
     fill_pool_hdr(pool, direct_bytes, tot_mslot_sz, static_cast<char>(compat_flag | slot_type), is_persist == 1,
                   max_slots);
 
-  // Whatever the memory type, unlike the slot layer's records: is_persist is the caller's wish. Under the handle's name,
-  // as all later records of the array.
+  // Whatever the memory type, unlike the slot layer's records: is_persist is the caller's wish. Under the handle's
+  // name, as all later records of the array.
   if (__atomic_load_n(&g_redo_handle, __ATOMIC_RELAXED) != nullptr && pool->ctx_name[0] != '\0' && is_persist != 0)
     redo_header(pool);
   return pool;

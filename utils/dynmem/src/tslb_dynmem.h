@@ -185,8 +185,9 @@ extern TSLB_API __thread int g_mpool_hdr_str_sz;
  * num_mslot    slots in block 0; more come 16 at a time.
  * compat_flag  MPOOL_FLAG_COMPAT or 0.
  * mpool_type   MPOOL_TYPE_*.
- * slot_type    MPOOL_SLOT_TYPE_DA, or a pool: MPOOL_FLAG_BV for a bit-vector pool, 0 for a big-buffer pool. Together with
- *              compat_flag it becomes DynMemHdr_t.flag, further bits included: a 1 here is MPOOL_FLAG_COMPAT there.
+ * slot_type    MPOOL_SLOT_TYPE_DA, or a pool: MPOOL_FLAG_BV for a bit-vector pool, 0 for a big-buffer pool. Together
+ *              with compat_flag it becomes DynMemHdr_t.flag, further bits included: a 1 here is MPOOL_FLAG_COMPAT
+ *              there.
  * ctx_name     name, or NULL; without one the creation is not redo logged.
  * tbl_id       table id.
  * daflag       TSLB_DA_DAFLAG_*; slots can be released only with nodes.
@@ -238,15 +239,15 @@ TSLB_API void *tslb_dynmem_get_mchunk64(dynmem_t *dynmem_handle, maddr64_t *madd
 TSLB_API void *tslb_dynmem_get_maddr2ptr_ex(dynmem_t *dynmem_handle, maddr_t maddr, uint32_t *data_sz);
 TSLB_API void *tslb_dynmem_get_maddr2ptr(dynmem_t *dynmem_handle, maddr_t maddr);
 
-/* The same for an address of the 64-bit allocator. `*data_sz`, where data_sz is not null, receives the whole mchunk_len.
- * NULL too for an offset from 2^31 on, the compaction header included. */
+/* The same for an address of the 64-bit allocator. `*data_sz`, where data_sz is not null, receives the whole
+ * mchunk_len. NULL too for an offset from 2^31 on, the compaction header included. */
 TSLB_API void *tslb_dynmem_get_maddr2ptr64_ex(dynmem_t *dynmem_handle, maddr64_t maddr, uint32_t *data_sz);
 TSLB_API void *tslb_dynmem_get_maddr2ptr64(dynmem_t *dynmem_handle, maddr64_t maddr);
 
 /* Marks a chunk deleted. The slot goes back to the free list with the deletion that empties it, unless it is current;
  * until then the chunk's bytes stay, and resolve. Without compaction headers nothing happens; a second deletion counts
- * nothing; in a pool without lists a slot cannot go back (a line on stdout), and a ring keeps the slots that it has come
- * round to.
+ * nothing; in a pool without lists a slot cannot go back (a line on stdout), and a ring keeps the slots that it has
+ * come round to.
  *
  * Threads  any number; a chunk has one owner, who deletes it once. */
 TSLB_API void tslb_dynmem_del_mchunk(dynmem_t *dynmem_handle, maddr_t maddr);

@@ -146,6 +146,6 @@ void tslb_dynmem_update_free_list(dynmem_t *dynmem_handle, size_t *total_sz, siz
   }
 }
 
-// Nothing moves yet. What stands ready: chunks of a slot can be walked by their headers, the deleted bit tells which are
-// dead, and srcaddr names the place that holds a chunk's address.
+// Nothing moves yet. What stands ready: chunks of a slot can be walked by their headers, the deleted bit tells which
+// are dead, and srcaddr names the place that holds a chunk's address.
 void tslb_dynmem_memcompat(dynmem_t *) {}
