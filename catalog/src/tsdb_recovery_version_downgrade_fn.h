@@ -7,8 +7,8 @@
  * For the record routines the caller makes a new, empty destination whose record size holds the older layout and whose
  * direct slots are as many as there are records (its n_alloc is what is converted), not above n_used of the source.
  * Records are taken by position, whatever their slot's status, and come out active under the same index; lists are not
- * carried over. A routine ends early if the destination has no slot or the source no record; what was converted stays.
- * */
+ * carried over. A routine ends early if the destination has no slot or the source no record; what was converted
+ * stays. */
 #ifndef TSDB_RECOVERY_VERSION_DOWNGRADE_FN_H
 #define TSDB_RECOVERY_VERSION_DOWNGRADE_FN_H
 
