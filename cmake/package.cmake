@@ -47,7 +47,8 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION database)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libtslb0 ${same_version}")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "tools for the stored arrays of tslb databases
-Command line programs for arrays that the tslb library stored: their conversion
-to older layouts among them.")
+Command line programs for arrays that the tslb library stored: tslb-inspect
+shows what is in them and what is wrong, tslb-convert takes them to older
+layouts.")
 
 include(CPack)

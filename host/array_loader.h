@@ -5,7 +5,8 @@
  * Nothing that is read is trusted. An array that comes out holds what the library relies on: list roots and links name
  * slots, lists are as long as their counters say and end where their tails say, each slot that claims to be on a list
  * is on it once, and a pool's cursor stands in one of its slots. Whatever contradicts that is refused as a whole. The
- * contents of records, and of a user header that is not a pool's, are the host's to judge.
+ * contents of records, the counters of a pool's memory slots among them, and of a user header that is not a pool's, are
+ * the host's to judge.
  *
  * Memory is taken as bytes arrive: at any moment block 0, one data block, and an amount that grows in step with what
  * was read. A stream that claims more than it holds costs no more. */

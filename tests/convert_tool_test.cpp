@@ -170,7 +170,7 @@ TEST_F(Tool, ListHasEveryRow) {
       {"16 g_dmg", "2 plain 0 1 0:36 1:40 2:44"},
       {"19 dmt_member", "1 plain 0 0:512 1:536"},
       {"20 dmt_subject", "1 plain 0 0:392 1:4232"},
-      {"0 lib", "2 plain 1 -"},
+      {"0 lib", "2 any 1 -"},
       {"1 lib_bb", "1 LL 0 -"},
       {"2 lib_bv", "1 LL 0 -"},
   };

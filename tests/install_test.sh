@@ -20,8 +20,11 @@ fail() {
 expect() {
   [ "$1" = "$2" ] || fail "got \"$1\" where \"$2\" was due"
 }
-check_hosts() {
+check_host_c() {
   expect "$("$1/host_c")" "100 records, the last from the hill"
+}
+check_hosts() {
+  check_host_c "$1"
   expect "$("$1/host_cpp")" "a chunk: hill"
 }
 
@@ -31,11 +34,16 @@ mkdir "$scratch/moved"
 mv "$scratch/first" "$prefix"
 ! grep -rlF -e "$scratch/first" -e "$build" "$prefix" || fail "these name the folder of a build or an installation"
 
+# by_cmake FOLDER LANGUAGES
 by_cmake() {
-  "$cmake" -S "$hosts" -B "$scratch/by_cmake" -DCMAKE_PREFIX_PATH="$prefix" && "$cmake" --build "$scratch/by_cmake"
+  {
+    "$cmake" -S "$hosts" -B "$1" -DCMAKE_PREFIX_PATH="$prefix" -DHOST_LANGUAGES="$2" && "$cmake" --build "$1"
+  } >"$scratch/log" 2>&1 || fail "$(cat "$scratch/log")"
 }
-by_cmake >"$scratch/log" 2>&1 || fail "$(cat "$scratch/log")"
+by_cmake "$scratch/by_cmake" "C;CXX"
 check_hosts "$scratch/by_cmake"
+by_cmake "$scratch/in_c" C
+check_host_c "$scratch/in_c"
 
 PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name tslb.pc)")
 export PKG_CONFIG_PATH

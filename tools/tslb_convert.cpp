@@ -66,7 +66,10 @@ record_type_t record_type_of(const std::string &text, bool lib) {
 
 // ---- List ----------------------------------------------------------------------------------------------------------
 
-std::string flags_text(uint8_t daflag) {
+std::string flags_text(record_type_t type) {
+  const uint8_t daflag = type.in_map().daflag;
+  // The library's own headers are converted, whatever stands behind them.
+  if (type.is_lib && type.row == RECTYPE_LIB) return "any";
   if (daflag == 0) return "plain";
   if (daflag == TSLB_DA_DAFLAG_LL) return "LL";
   return daflag == TSLB_DA_DAFLAG_INLL ? "INLL" : fmt::format("0x{:02x}", daflag);
@@ -86,7 +89,7 @@ std::string list_row(record_type_t type) {
     if (bytes != 0) add_item(&sizes, fmt::format("{}:{}", version, bytes));
   }
   return fmt::format("{:>3}  {:<18}  {:>7}  {:<5}  {:<3}  {}\n", type.row, type.name(), type.in_map().version,
-                     flags_text(type.in_map().daflag), targets, sizes);
+                     flags_text(type), targets, sizes);
 }
 
 std::string list_map(const char *title, uint8_t is_lib) {

@@ -181,9 +181,9 @@ extern TSLB_API uint32_t sixth_redirection_elements_count;
 /* ---- Block files -------------------------------------------------------------------------------------------------
  * An MPOOL_TYPE_SHM array has one file per block: "base/ctx_name/tbl_id.block_id.darr", block 0 with id 0, data blocks
  * from 1. Without a base path that is "ctx_name/tbl_id.block_id.darr", while the folder is made as "/ctx_name": hosts
- * set a base path. A file is its block's memory image and nothing else, just
- * as long. Files outlive the process. Nothing attaches to old ones: creation zeroes file 0, and a data block file that
- * was there before comes back with its old bytes. Tables are process memory and in no file. */
+ * set a base path. A file is its block's memory image and nothing else, just as long. Files outlive the process. Nothing
+ * attaches to old ones: creation zeroes file 0, and a data block file that was there before comes back with its old
+ * bytes. Tables are process memory and in no file. */
 
 /* Root of the block files; empty at load. Read without a lock. */
 extern TSLB_API char g_base_path[1025];

@@ -5,10 +5,10 @@
  * the current one cannot hold a request, its tail is given up and the pool moves on.
  *
  * Kinds
- *   big-buffer pool   addresses are maddr_t, slots 0 to 255. The process stops when they run out; max_slots can
- *                     refuse earlier.
+ *   big-buffer pool   addresses are maddr_t, slots 0 to 255. A pool that has to go on behind slot 255 stops the process,
+ *                     however many other slots are free; max_slots can refuse earlier.
  *   bit-vector pool   slot_type has bit 0x10. Addresses are maddrBV_t, slots 0 to 2040, lengths multiples of 8. Warns
- *                     every 255 slots and stops the process when they run out.
+ *                     every 255 slots, and stops the process when it has to go on behind slot 2040, likewise.
  *   temporary one     a bit-vector pool of MPOOL_TYPE_DRAM_TMP: slots 0 to 253, used again as a ring.
  *
  * In a pool with MPOOL_FLAG_COMPAT every chunk begins with a compaction header (compat_t) of 16 bytes, which counts
@@ -38,8 +38,9 @@ typedef struct DynMemHdr_t {
   char pad_byte; /* 0 */
   __extension__ union {
     short pad_bytes;
-    /* A big-buffer pool takes no new slot once memory exists for this many; 0 for no limit. Beyond the direct area
-     * memory comes 16 slots at a time. */
+    /* A big-buffer pool does not leave its slot once memory exists for this many, be others free or not; 0 for no
+     * limit. Memory is the direct area, and 16 slots at a time beyond it: so the limit has to be above num_mslot for a
+     * first chunk, and a pool that has come to it takes chunks in its current slot and in no other, for good. */
     short max_slots;
   };
   u_int32_t mslot_sz;      /* bytes of a slot that chunks can use */
@@ -220,8 +221,8 @@ TSLB_API int tslb_dynmem_get_hdrsz(dynmem_t *dynmem_handle);
  * Result      the chunk's first byte, which is the compaction header where there is one: the data then begins 16
  *             bytes further on. NULL if the chunk is longer than a slot or negative (a line on stderr), or if a
  *             big-buffer pool is at its max_slots (silent); the pool is unchanged.
- * Stops       abort after a line on stderr when the pool's addresses run out; a failed assertion when the array
- *             itself has no slot, for instance for want of memory.
+ * Stops       abort after a line on stderr when the pool has to leave the last slot that an address can name, free
+ *             slots or not; a failed assertion when the array itself has no slot, for instance for want of memory.
  * Threads     any number. Lock-free within a slot; the change of slot takes the handle's spin lock. */
 TSLB_API void *tslb_dynmem_get_mchunk(dynmem_t *dynmem_handle, maddr_t *maddr, int mchunk_len, srcaddr_t saddr);
 
