@@ -1,13 +1,9 @@
-// What the loaders refuse: streams that end early or contradict themselves, and what their caller does not want. As a
-// whole, with a line that says what and where.
+// What the loaders refuse as a whole, with a line that says what and where.
 #include "fault_alloc.h"
 #include "loader_support.h"
 
 static array_load_options_t of_kind(uint8_t kind, char mem_type = MPOOL_TYPE_DRAM) {
   return {"ctx", 12, mem_type, kind, 0};
-}
-static array_load_options_t in_memory(char mem_type) {
-  return of_kind(ARRAY_LOAD_ANY, mem_type);
 }
 static array_load_options_t blocks_up_to(uint64_t bytes) {
   return {"ctx", 12, MPOOL_TYPE_DRAM, ARRAY_LOAD_ANY, bytes};
@@ -24,11 +20,11 @@ TEST(ArrayLoader, WhatTheCallerWants) {
     array_load_options_t options;
     const char *error;
   } rows[] = {
-      {"temporary process memory refused", array, in_memory(MPOOL_TYPE_DRAM_TMP), ""},
-      {"temporary files that are process memory refused", array, in_memory(MPOOL_TYPE_SHM_TMP), ""},
-      {"an array over its own files begun", array, in_memory(MPOOL_TYPE_SHM),
+      {"temporary process memory refused", array, of_kind(ARRAY_LOAD_ANY, MPOOL_TYPE_DRAM_TMP), ""},
+      {"temporary files that are process memory refused", array, of_kind(ARRAY_LOAD_ANY, MPOOL_TYPE_SHM_TMP), ""},
+      {"an array over its own files begun", array, of_kind(ARRAY_LOAD_ANY, MPOOL_TYPE_SHM),
        "option mem_type 1 is not in process memory"},
-      {"memory that is not available asked for", array, in_memory(MPOOL_TYPE_PMEM),
+      {"memory that is not available asked for", array, of_kind(ARRAY_LOAD_ANY, MPOOL_TYPE_PMEM),
        "option mem_type 2 is not in process memory"},
       {"a kind from the future", array, of_kind(3), "option kind 3 is not known"},
       {"a pool is a pool only if it is said", pool, of_kind(ARRAY_LOAD_ANY), ""},
@@ -48,8 +44,6 @@ TEST(ArrayLoader, WhatTheCallerWants) {
     }
   }
 }
-
-// ---- Refusals ------------------------------------------------------------------------------------------------------
 
 TEST(ArrayLoader, EveryTruncationIsRefused) {
   const array_t pool = chunk_pool({"", 64, 2, 0, MPOOL_FLAG_BV, TSLB_DA_DAFLAG_INLL}, 8, BVP_TBLID);
@@ -126,9 +120,7 @@ class Contradictions : public testing::Test {
 };
 
 struct patch_t {
-  uint32_t at;
-  uint32_t value;
-  uint32_t bytes;
+  uint32_t at, value, bytes;
 };
 using patches_t = std::vector<patch_t>;
 
@@ -144,7 +136,7 @@ static patches_t operator+(patches_t first, const patches_t &then) {
 struct contradiction_t {
   const char *fault;
   patches_t patches;
-  const char *error;
+  const char *error;  // behind "byte "
 };
 
 static void expect_contradictions(const std::string &sound, const array_load_options_t &options,
@@ -154,7 +146,7 @@ static void expect_contradictions(const std::string &sound, const array_load_opt
     SCOPED_TRACE(row.fault);
     std::string stream = sound;
     for (const patch_t &patch : row.patches) memcpy(stream.data() + patch.at, &patch.value, patch.bytes);
-    expect_refused(load(stream, options), row.error);
+    expect_refused(load(stream, options), std::string("byte ") + row.error);
   }
 }
 
@@ -163,63 +155,49 @@ TEST_F(Contradictions, OfHeadersAndLists) {
   expect_contradictions(
       sound(), ANY,
       {
-          {"version 1", put(0, 1, 1), "byte 0: lib_version 1, which is not 2"},
-          {"roots of another size", put(6, 61, 2), "byte 6: lli_sz 61, which is neither 0 nor 60"},
-          {"flags without a list", put(LLI + 28, 0, 1), "byte 36: lltype 0x00 has no list, lli_sz says there is one"},
-          {"flags that mean nothing", put(LLI + 28, 0xFC, 1),
-           "byte 36: lltype 0xfc has no list, lli_sz says there is one"},
-          {"more ids than six levels hold", put(HDR + 4, 2 + 286331137),
-           "byte 72: n_used 286331139 is beyond what an array with n_direct 2 can have"},
-          {"negative n_direct", put(HDR + 8, 0x80000000),
-           "byte 76: n_direct 2147483648 is beyond what an array can have"},
-          {"block 0 beyond 2 GiB", put(HDR + 8, 85899344),
-           "byte 76: n_direct 85899344 with slots of 25 bytes takes more than block 0 may"},
+          {"version 1", put(0, 1, 1), "0: lib_version 1, which is not 2"},
+          {"roots of another size", put(6, 61, 2), "6: lli_sz 61, which is neither 0 nor 60"},
+          {"flags without a list", put(LLI + 28, 0, 1), "36: lltype 0x00 has no list, lli_sz says there is one"},
+          {"other flags", put(LLI + 28, 0xFC, 1), "36: lltype 0xfc has no list, lli_sz says there is one"},
+          {"n_used", put(HDR + 4, 2 + 286331137),
+           "72: n_used 286331139 is beyond what an array with n_direct 2 can have"},
+          {"negative n_direct", put(HDR + 8, 0x80000000), "76: n_direct 2147483648 is beyond what an array can have"},
+          {"block 0 too long", put(HDR + 8, 85899344),
+           "76: n_direct 85899344 with slots of 25 bytes takes more than block 0 may"},
           {"negative record_size", put(HDR + 12, 0x80000000) + put(HDR + 8, 0),
-           "byte 80: record_size 2147483648 is beyond what an array can have"},
+           "80: record_size 2147483648 is beyond what an array can have"},
           {"data block beyond 4 GiB", put(HDR + 12, 0x10000000 - 16) + put(HDR + 8, 0),
-           "byte 80: record_size 268435440 is beyond what an array can have"},
+           "80: record_size 268435440 is beyond what an array can have"},
 
-          {"free list begins outside", put(LLI, 8), "byte 8: the free list names slot 8 of 8"},
-          {"free list leads outside", put(next(4), 9), "byte 188: the free list names slot 9 of 8"},
-          {"free list runs in a ring", put(next(7), 1),
-           "byte 32: the free list counts 3 slots and goes on behind them"},
-          {"active slot on the free list", put(status(4), 2), "byte 184: status 2 on the free list, slot 4"},
-          {"free list is longer than counted", put(LLI + 24, 2),
-           "byte 32: the free list counts 2 slots and goes on behind them"},
-          {"free list is shorter than counted", put(LLI + 24, 4), "byte 32: the free list counts 4 slots and has 3"},
-          {"count beyond all slots", put(LLI + 24, 9), "byte 32: the free list counts 9 slots of 8"},
-          {"tail that is not the last", put(LLI + 4, 4), "byte 12: tail 4 of the free list, which ends with 7"},
-          {"tail without list", put(LLI, NIL) + put(LLI + 24, 0),
-           "byte 12: tail 7 of the free list, which ends with 4294967295"},
-          {"free slot on no list", put(LLI, NIL) + put(LLI + 4, NIL) + put(LLI + 24, 0),
-           "byte 32: 3 slots say that they are free, n_free counts 0"},
+          {"free list begins outside", put(LLI, 8), "8: the free list names slot 8 of 8"},
+          {"free list leads outside", put(next(4), 9), "188: the free list names slot 9 of 8"},
+          {"free ring", put(next(7), 1), "32: the free list counts 3 slots and goes on behind them"},
+          {"active slot on the free list", put(status(4), 2), "184: status 2 on the free list, slot 4"},
+          {"free list is shorter", put(LLI + 24, 4), "32: the free list counts 4 slots and has 3"},
+          {"count beyond all slots", put(LLI + 24, 9), "32: the free list counts 9 slots of 8"},
+          {"tail that is not the last", put(LLI + 4, 4), "12: tail 4 of the free list, which ends with 7"},
+          {"tail alone", put(LLI, NIL) + put(LLI + 24, 0), "12: tail 7 of the free list, which ends with 4294967295"},
+          {"free on no list", put(LLI, NIL) + put(LLI + 4, NIL) + put(LLI + 24, 0),
+           "32: 3 slots say that they are free, n_free counts 0"},
 
-          {"inactive list begins outside", put(LLI + 8, 77), "byte 16: the inactive list names slot 77 of 8"},
-          {"active slot on the inactive list", put(status(3), 2), "byte 159: status 2 on the inactive list, slot 3"},
-          {"back link to another slot", put(prev(3), 2),
-           "byte 176: prev 2 of slot 3 on the inactive list, where 0 comes before it"},
+          {"inactive list begins outside", put(LLI + 8, 77), "16: the inactive list names slot 77 of 8"},
+          {"active slot on the inactive list", put(status(3), 2), "159: status 2 on the inactive list, slot 3"},
+          {"back link", put(prev(3), 2), "176: prev 2 of slot 3 on the inactive list, where 0 comes before it"},
           {"back link at the head", put(prev(0), 3),
-           "byte 101: prev 3 of slot 0 on the inactive list, where 4294967295 comes before it"},
-          {"inactive list is shorter than counted", put(LLI + 16, 3),
-           "byte 24: the inactive list counts 3 slots and has 2"},
-          {"inactive tail that is not the last", put(LLI + 12, 0),
-           "byte 20: tail 0 of the inactive list, which ends with 3"},
-          {"inactive slot on no list", put(status(2), 3),
-           "byte 24: 3 slots say that they are inactive, n_inact counts 2"},
+           "101: prev 3 of slot 0 on the inactive list, where 4294967295 comes before it"},
+          {"inactive list is shorter", put(LLI + 16, 3), "24: the inactive list counts 3 slots and has 2"},
+          {"inactive tail", put(LLI + 12, 0), "20: tail 0 of the inactive list, which ends with 3"},
+          {"inactive on no list", put(status(2), 3), "24: 3 slots say that they are inactive, n_inact counts 2"},
       });
 }
 
 TEST_F(Contradictions, OfAnArrayWithoutAnInactiveList) {
-  const std::string stream = stream_of(slot_array(0, 9, 2, TSLB_DA_DAFLAG_LL, 8).get());
-  const char *const error = "byte 16: an inactive list where lltype 0x01 has none";
-  expect_contradictions(
-      stream, ANY,
-      {
-          {"inactive head", put(LLI + 8, 0), error},
-          {"inactive tail", put(LLI + 12, 0), error},
-          {"inactive count", put(LLI + 16, 1), error},
-          {"inactive slot", put(SLOTS, 3), "byte 24: 1 slots say that they are inactive, n_inact counts 0"},
-      });
+  const char *const error = "16: an inactive list where lltype 0x01 has none";
+  expect_contradictions(stream_of(slot_array(0, 9, 2, TSLB_DA_DAFLAG_LL, 8).get()), ANY,
+                        {{"inactive head", put(LLI + 8, 0), error},
+                         {"inactive tail", put(LLI + 12, 0), error},
+                         {"inactive count", put(LLI + 16, 1), error},
+                         {"inactive slot", put(SLOTS, 3), "24: 1 slots say that they are inactive, n_inact counts 0"}});
 }
 
 TEST_F(Contradictions, OfPools) {
@@ -229,15 +207,14 @@ TEST_F(Contradictions, OfPools) {
   expect_contradictions(
       stream_of(array.get()), POOL,
       {
-          {"slots smaller than records", put(12, 60), "byte 12: mslot_sz 60 does not go with record_size 72"},
+          {"slots smaller than records", put(12, 60), "12: mslot_sz 60 does not go with record_size 72"},
           {"a sum that wraps", put(12, 0xFFFFFFF8) + put(124 + 12, 0) + put(124 + 4, 0),
-           "byte 12: mslot_sz 4294967288 does not go with record_size 0"},
-          {"slots that no creator makes", put(12, 65) + put(124 + 12, 73), "byte 12: mslot_sz 65 is no multiple of 4"},
-          {"current slot beyond the last", put(16, 3), "byte 16: cur_slot_addr names slot 3 of 3"},
-          {"current slot far beyond", put(16, 0xFFFFFFFE), "byte 16: cur_slot_addr names slot 4294967294 of 3"},
-          {"offset behind the slot", put(20, 65), "byte 20: cur_slot_addr stands at byte 65 of a slot of 64"},
+           "12: mslot_sz 4294967288 does not go with record_size 0"},
+          {"slots that no creator makes", put(12, 65) + put(124 + 12, 73), "12: mslot_sz 65 is no multiple of 4"},
+          {"current slot beyond the last", put(16, 3), "16: cur_slot_addr names slot 3 of 3"},
+          {"offset behind the slot", put(20, 65), "20: cur_slot_addr stands at byte 65 of a slot of 64"},
           {"offset behind a slot that is none", put(16, 0xFFFFFFFF) + put(20, 65),
-           "byte 20: cur_slot_addr stands at byte 65 of a slot of 64"},
+           "20: cur_slot_addr stands at byte 65 of a slot of 64"},
       });
   std::string none = stream_of(array.get());
   write_at(none.data(), 16, uint64_t{0xFFFFFFFF});
@@ -271,8 +248,6 @@ TEST(ArrayLoader, RingsHaveAnEnd) {
     EXPECT_EQ(as_word(address), 0u) << "it goes round";
   }
 }
-
-// ---- Memory --------------------------------------------------------------------------------------------------------
 
 TEST(ArrayLoader, BlocksBeyondTheLimitAreRefused) {
   const std::string stream = stream_of(slot_array(0, 100, 10, 0, 12).get());  // block 0: 1024, a data block: 1600

@@ -2,7 +2,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
 #include "block_files.h"
 #include "loader_support.h"
@@ -24,8 +23,6 @@ extern "C" __attribute__((visibility("default"))) ssize_t read(int fd, void *to,
   }
   return syscall(SYS_read, fd, to, size);
 }
-
-// ---- Streams -------------------------------------------------------------------------------------------------------
 
 static const struct {
   const char *fault;
@@ -76,12 +73,11 @@ TEST(ArrayLoader, PoolsComeBackAndGoOn) {
       }
 }
 
-// ---- Descriptors ---------------------------------------------------------------------------------------------------
-
 class Descriptors : public testing::Test {
  protected:
-  void TearDown() override {
-    read_script.clear();
+  ~Descriptors() override { script({}); }
+  static void script(std::vector<int> steps) {
+    read_script = std::move(steps);
     read_script_at = 0;
   }
 };
@@ -94,7 +90,7 @@ TEST_F(Descriptors, ShortAndInterruptedReadsGoOn) {
   ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
   ASSERT_EQ(write(ends[1], stream.data(), stream.size()), static_cast<ssize_t>(stream.size()));
   close(ends[1]);
-  read_script = {-1, 5, -1, -1, 1, 2, 75, 3, -1, 8999, 17, 1, 1, -1, 16384, 1, -1};
+  script({-1, 5, -1, -1, 1, 2, 75, 3, -1, 8999, 17, 1, 1, -1, 16384, 1, -1});
   const loaded_t loaded =
       loaded_by([&](char *error, size_t size) { return array_load_stream(ends[0], &ANY, error, size); });
   close(ends[0]);
@@ -105,10 +101,9 @@ TEST_F(Descriptors, ShortAndInterruptedReadsGoOn) {
 
 TEST_F(Descriptors, FailedReadIsTold) {
   const std::string stream = stream_of(slot_array(0, 20000, 3, 0, 4).get());
-  read_script = {-2};
+  script({-2});
   expect_refused(load(stream), "byte 0: the stream cannot be read on: Input/output error");
-  read_script = {16384, 3640, -1, -2};  // behind what is read ahead, in the first slot
-  read_script_at = 0;
+  script({16384, 3640, -1, -2});  // behind what is read ahead, in the first slot
   expect_refused(load(stream), "byte 16384: the stream cannot be read on: Input/output error");
 
   char error[256];
@@ -127,8 +122,6 @@ TEST_F(Descriptors, StreamBeginsWhereTheDescriptorStands) {
   EXPECT_NE(loaded.array, nullptr) << loaded.error;
   EXPECT_EQ(fcntl(file.fd(), F_GETFD), FD_CLOEXEC) << "not closed";
 }
-
-// ---- Block files ---------------------------------------------------------------------------------------------------
 
 static int next_descriptor() {
   const int fd = dup(STDIN_FILENO);
@@ -197,25 +190,23 @@ TEST_F(BlockFiles, PathWithoutABase) {
   const auto load_from = [](const char *base, const array_load_options_t &options) {
     return loaded_by([&](char *error, size_t size) { return array_load_block_files(base, &options, error, size); });
   };
+  const array_load_options_t other = {"ctx", 13, MPOOL_TYPE_DRAM, ARRAY_LOAD_ANY, 0};
   const fs::path before = fs::current_path();
   fs::current_path(base_.path);
-  EXPECT_EQ(load_from(nullptr, ANY).error, "");
-  EXPECT_EQ(load_from("", ANY).error, "");
-  const array_load_options_t other = {"ctx", 13, MPOOL_TYPE_DRAM, ARRAY_LOAD_ANY, 0};
+  for (const char *none : {static_cast<const char *>(nullptr), ""}) EXPECT_EQ(load_from(none, ANY).error, "");
   expect_refused(load_from("", other), "ctx/13.0.darr: No such file or directory");
   fs::current_path(before);
-  EXPECT_EQ(load_from(std::string(4090, 'x').c_str(), {"", 13, MPOOL_TYPE_DRAM, ARRAY_LOAD_ANY, 0}).array, nullptr);
+  EXPECT_EQ(load_from(std::string(4090, 'x').c_str(), other).array, nullptr);
 }
 
 // Block 0: 84 bytes of headers and 3 slots of 25. Data blocks: 400 bytes each, two of them, the second with 2 slots.
 TEST_F(BlockFiles, FilesThatAreNotAsTheHeaderSays) {
-  const auto resize = [this](int block, long bytes) {
-    return [=, this] { fs::resize_file(file(block), static_cast<uintmax_t>(bytes)); };
-  };
+  const auto resize = [this](int block, uintmax_t bytes) { return [=, this] { fs::resize_file(file(block), bytes); }; };
   const auto remove = [this](int block) { return [=, this] { fs::remove(file(block)); }; };
   const auto set = [this](int block, long at, uint32_t value) {
     return [=, this] { patch_file(file(block), at, value); };
   };
+  static constexpr char not_regular[] = "not a regular file";
   const struct {
     const char *fault;
     std::function<void()> damage;
@@ -229,18 +220,8 @@ TEST_F(BlockFiles, FilesThatAreNotAsTheHeaderSays) {
       {"file 0 long", resize(0, 160), 0, "160 bytes long, its block takes 159"},
       {"data block short", resize(1, 399), 1, "399 bytes long, its block takes 400"},
       {"last data block cut behind its last slot", resize(2, 50), 2, "50 bytes long, its block takes 400"},
-      {"a folder in a file's place",
-       [this] {
-         fs::remove(file(2));
-         fs::create_directory(file(2));
-       },
-       2, "not a regular file"},
-      {"a pipe in a file's place",
-       [this] {
-         fs::remove(file(0));
-         mkfifo(file(0).c_str(), 0600);
-       },
-       0, "not a regular file"},
+      {"a folder in a file's place", [this] { fs::remove(file(2)), fs::create_directory(file(2)); }, 2, not_regular},
+      {"a pipe in a file's place", [this] { fs::remove(file(0)), mkfifo(file(0).c_str(), 0600); }, 0, not_regular},
       {"more slots than files", set(0, 68 + 4, 36), 3, "No such file or directory"},
       {"another geometry", set(0, 68 + 8, 2), 0, "159 bytes long, its block takes 134"},
       {"wrong status in block 0", set(0, 84 + 25, 2), 0, "byte 109: status 2 on the free list, slot 1"},
@@ -260,10 +241,9 @@ TEST_F(BlockFiles, FilesThatAreNotAsTheHeaderSays) {
 TEST_F(BlockFiles, FileThatShrinksMeanwhileIsNoCutPool) {
   const array_t pool(tslb_init_dynmem(64, 1, 0, MPOOL_TYPE_SHM, 0, "ctx", 12, 0));
   take_chunks(pool.get(), 1, 0);  // 8 bytes
-  read_script = {8, 72, 8 + 8, 0};
+  script({8, 72, 8 + 8, 0});
   expect_refused(load_files(POOL), file(0) + ": byte 96: ends 16 bytes into slot 0 of 72 bytes");
-  read_script = {8, 72, 8 + 8, -2};
-  read_script_at = 0;
+  script({8, 72, 8 + 8, -2});
   expect_refused(load_files(POOL), file(0) + ": byte 80: the file cannot be read on: Input/output error");
 }
 

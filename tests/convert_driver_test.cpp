@@ -1,9 +1,6 @@
-// Conversions of stored arrays through the driver: every route of both maps against streams that are put together here
-// byte by byte, and every refusal with what it must leave alone.
+// Conversions through the driver: every route against streams put together byte by byte, and every refusal.
 #include <fcntl.h>
-#include <unistd.h>
 
-#include <iterator>
 #include <set>
 
 #include "convert_support.h"
@@ -61,15 +58,9 @@ TEST(ConvertDriver, EveryRouteOfTheCatalogue) {
         const stored_t stored = store(route.newer_bytes, daflag, route.from, n_records);
         const std::string want = expected_stream(route, stored, daflag);
         const uint32_t n_active = n_records - stored.n_free - stored.n_inactive - stored.n_other;
-        const recovery_counts_t counts = {want.size(),
-                                          n_records,
-                                          n_active,
-                                          stored.n_free,
-                                          stored.n_inactive,
-                                          stored.n_other,
-                                          static_cast<uint32_t>(route.newer_bytes),
-                                          static_cast<uint32_t>(route.older_bytes),
-                                          0};
+        const recovery_counts_t counts = {want.size(),       n_records,         n_active,
+                                          stored.n_free,     stored.n_inactive, stored.n_other,
+                                          route.newer_bytes, route.older_bytes, 0};
         for (const uint8_t dry_run : {uint8_t{0}, uint8_t{1}}) {
           const converted_t got = convert(stored.stream, {route.rec_type, 0, route.to, dry_run});
           ASSERT_EQ(got.result, RECOVERY_DONE) << got.error;
@@ -85,13 +76,13 @@ TEST(ConvertDriver, EveryRouteOfTheCatalogue) {
 TEST(ConvertDriver, OldHeadersKeepEverySlotAndList) {
   static const struct {
     const char *fault;
-    int record_bytes, hdr_size;
+    uint32_t record_bytes;
+    int hdr_size;
     uint8_t daflag;
     uint32_t n_records;
   } rows[] = {
       {"a plain array gets nodes", 12, 0, 0, 40},
       {"an empty array is refused", 12, 0, TSLB_DA_DAFLAG_INLL, 0},
-      {"nodes are lost with the handle's flags", 12, 0, TSLB_DA_DAFLAG_LL, 3},
       {"data blocks are lost with the handle's flags", 12, 0, TSLB_DA_DAFLAG_INLL, 60},
       {"one of two flags, or a flag that means nothing here, is lost", 9, 0, 0xF3, 40},
       {"a user header shifts lists or slots, or is not carried", 9, 13, TSLB_DA_DAFLAG_INLL, 40},
@@ -106,7 +97,7 @@ TEST(ConvertDriver, OldHeadersKeepEverySlotAndList) {
     want[0] = 1;
     EXPECT_TRUE(got.output == want);
     EXPECT_EQ(got.counts.n_inactive, stored.n_inactive);
-    EXPECT_EQ(got.counts.record_bytes_after, static_cast<uint32_t>(row.record_bytes));
+    EXPECT_EQ(got.counts.record_bytes_after, row.record_bytes);
     EXPECT_EQ(got.counts.stream_bytes_after, want.size());
     EXPECT_EQ(got.counts.version_is_asserted, 0);
   }
@@ -146,12 +137,17 @@ TEST(ConvertDriver, PoolsComeOutAsTheyAre) {
     }
   }
 }
+
 TEST(ConvertDriver, RefusesWhatDoesNotFit) {
   constexpr uint8_t LL = TSLB_DA_DAFLAG_LL, INLL = TSLB_DA_DAFLAG_INLL;
   const std::string groups = store(44, 0, 2, 20).stream, types = store(100, INLL, 1, 20).stream;
   const std::string big_buffer = stream_of(chunk_pool(BIG_BUFFER, 9).get());
   const std::string bit_vector = stream_of(chunk_pool(BIT_VECTOR, 9).get());
   const std::string parked = stream_of(chunk_pool({"", 64, 2, MPOOL_FLAG_COMPAT, 0, INLL}, 9).get());
+  constexpr auto BAD_STREAM = RECOVERY_BAD_STREAM, DOES_NOT_FIT = RECOVERY_DOES_NOT_FIT, NO_WAY = RECOVERY_NO_WAY;
+  const auto stored = [](uint32_t record_bytes, uint8_t daflag, uint8_t rec_version, int hdr_size = 0) {
+    return store(record_bytes, daflag, rec_version, 5, hdr_size).stream;
+  };
   const struct {
     const char *fault;
     uint16_t rec_type;
@@ -160,45 +156,38 @@ TEST(ConvertDriver, RefusesWhatDoesNotFit) {
     recovery_result_t result;
     const char *line;
   } rows[] = {
-      {"truncated records", 2, 0, 0, groups.substr(0, groups.size() - 1), RECOVERY_BAD_STREAM,
+      {"truncated records", 2, 0, 0, groups.substr(0, groups.size() - 1), BAD_STREAM,
        "byte 903: ends 43 bytes into slot 19 of 44 bytes"},
-      {"a list that contradicts itself", 1, 0, 0, edited(types, 8, 18), RECOVERY_BAD_STREAM,
+      {"a list that contradicts itself", 1, 0, 0, edited(types, 8, 18), BAD_STREAM,
        "byte 2172: status 2 on the free list, slot 18"},
-      {"an older version taken for the newer", 2, 0, 0, edited(groups, 1, 1), RECOVERY_DOES_NOT_FIT,
-       "rec_version 1, where the version map has 2 for g_mg"},
-      {"a version from the future", 2, 0, 1, edited(groups, 1, 3), RECOVERY_DOES_NOT_FIT,
+      {"older", 2, 0, 0, edited(groups, 1, 1), DOES_NOT_FIT, "rec_version 1, where the version map has 2 for g_mg"},
+      {"a version from the future", 2, 0, 1, edited(groups, 1, 3), DOES_NOT_FIT,
        "rec_version 3, where the version map has 2 for g_mg"},
-      {"another type's records", 2, 0, 0, store(28, 0, 2, 5).stream, RECOVERY_DOES_NOT_FIT,
-       "record_size 28, where g_mg has 44 in version 2"},
-      {"records that are older already", 20, 0, 0, store(392, 0, 1, 5).stream, RECOVERY_DOES_NOT_FIT,
-       "record_size 392, where dmt_subject has 4232 in version 1"},
-      {"records with something behind them", 2, 0, 0, store(45, 0, 2, 5).stream, RECOVERY_DOES_NOT_FIT,
-       "record_size 45, where g_mg has 44 in version 2"},
-      {"nodes where the map has none", 2, 0, 0, store(44, LL, 2, 5).stream, RECOVERY_DOES_NOT_FIT,
-       "lltype 0x01, where the version map has 0x00 for g_mg"},
-      {"other nodes than the map's", 10, 0, 0, store(100, LL, 1, 5).stream, RECOVERY_DOES_NOT_FIT,
+      {"other records", 2, 0, 0, stored(28, 0, 2), DOES_NOT_FIT, "record_size 28, where g_mg has 44 in version 2"},
+      {"older", 20, 0, 0, stored(392, 0, 1), DOES_NOT_FIT, "record_size 392, where dmt_subject has 4232 in version 1"},
+      {"longer records", 2, 0, 0, stored(45, 0, 2), DOES_NOT_FIT, "record_size 45, where g_mg has 44 in version 2"},
+      {"nodes", 2, 0, 0, stored(44, LL, 2), DOES_NOT_FIT, "lltype 0x01, where the version map has 0x00 for g_mg"},
+      {"other nodes", 10, 0, 0, stored(100, LL, 1), DOES_NOT_FIT,
        "lltype 0x01, where the version map has 0x02 for local_root_subject"},
-      {"more flags than the map's", 1, 0, 0, store(100, LL | INLL, 1, 5).stream, RECOVERY_DOES_NOT_FIT,
+      {"more", 1, 0, 0, stored(100, LL | INLL, 1), DOES_NOT_FIT,
        "lltype 0x03, where the version map has 0x02 for type"},
-      {"a user header lost", 3, 0, 0, store(28, 0, 1, 5, 8).stream, RECOVERY_DOES_NOT_FIT,
+      {"a user header lost", 3, 0, 0, stored(28, 0, 1, 8), DOES_NOT_FIT,
        "a user header of 8 bytes, which the conversion would lose"},
-      {"its own version", 2, 0, 2, groups, RECOVERY_NO_WAY, "g_mg is in version 2 already"},
-      {"a version without a routine", 2, 0, 3, groups, RECOVERY_NO_WAY, "g_mg has no way from version 2 to 3"},
-      {"a version beyond the map's", 2, 0, 4, groups, RECOVERY_NO_WAY, "g_mg has no way from version 2 to 4"},
-      {"a type without a way", 5, 0, 1, groups, RECOVERY_NO_WAY, "l_mt has no way from version 0 to 1"},
-      {"a type in version 0", 0, 0, 0, groups, RECOVERY_NO_WAY, "subject is in version 0 already"},
-      {"a row of the catalogue for one of the library", 2, 1, 1, bit_vector, RECOVERY_NO_WAY,
-       "lib_bv is in version 1 already"},
-      {"a row of the library that is empty", 4, 1, 1, groups, RECOVERY_NO_WAY, "tot has no way from version 0 to 1"},
-      {"a pool whose header contradicts its slots", 0, 1, 1, edited(big_buffer, 12, 4), RECOVERY_BAD_STREAM,
+      {"its own version", 2, 0, 2, groups, NO_WAY, "g_mg is in version 2 already"},
+      {"no routine", 2, 0, 3, groups, NO_WAY, "g_mg has no way from version 2 to 3"},
+      {"no such version", 2, 0, 4, groups, NO_WAY, "g_mg has no way from version 2 to 4"},
+      {"a type without a way", 5, 0, 1, groups, NO_WAY, "l_mt has no way from version 0 to 1"},
+      {"a type in version 0", 0, 0, 0, groups, NO_WAY, "subject is in version 0 already"},
+      {"a row of the catalogue", 2, 1, 1, bit_vector, NO_WAY, "lib_bv is in version 1 already"},
+      {"an empty row", 4, 1, 1, groups, NO_WAY, "tot has no way from version 0 to 1"},
+      {"a pool that contradicts itself", 0, 1, 1, edited(big_buffer, 12, 4), BAD_STREAM,
        "byte 12: mslot_sz 4 does not go with record_size 72"},
-      {"a slot array for a pool", 1, 1, 0, groups, RECOVERY_BAD_STREAM, "byte 4: hdr_size 0, a pool has 56"},
-      {"a bit-vector pool for a big-buffer pool", 1, 1, 0, bit_vector, RECOVERY_DOES_NOT_FIT,
+      {"a slot array for a pool", 1, 1, 0, groups, BAD_STREAM, "byte 4: hdr_size 0, a pool has 56"},
+      {"a bit-vector pool for a big-buffer pool", 1, 1, 0, bit_vector, DOES_NOT_FIT,
        "the pool's flag 0x11 is that of a bit-vector pool, which is not lib_bb"},
-      {"a big-buffer pool for a bit-vector pool", 2, 1, 0, big_buffer, RECOVERY_DOES_NOT_FIT,
+      {"a big-buffer pool for a bit-vector pool", 2, 1, 0, big_buffer, DOES_NOT_FIT,
        "the pool's flag 0x01 is that of a big-buffer pool, which is not lib_bv"},
-      {"a pool with other nodes than the map's", 1, 1, 0, parked, RECOVERY_DOES_NOT_FIT,
-       "lltype 0x02, where the version map has 0x01 for lib_bb"},
+      {"a pool's nodes", 1, 1, 0, parked, DOES_NOT_FIT, "lltype 0x02, where the version map has 0x01 for lib_bb"},
   };
   for (const auto &row : rows) {
     for (const uint8_t dry_run : {uint8_t{0}, uint8_t{1}}) {

@@ -14,8 +14,7 @@ static std::string text(const char *format, Values... values) {
 static std::string head_of(const DynArrHandle_t *array, const char *name, unsigned tbl_id, int mem_type,
                            unsigned daflag, int n_direct, const char *versions) {
   return text(
-      "[MPOOL-HDR] DynArrHandle(%p): {arr_base = %p, ir_base = (nil), ctx_name = %s, tbl_id = %u, mem_type = "
-      "%d, "
+      "[MPOOL-HDR] DynArrHandle(%p): {arr_base = %p, ir_base = (nil), ctx_name = %s, tbl_id = %u, mem_type = %d, "
       "daflag = 0x%02x, n_direct = %d}, DynHdr(%p): {%s}, ",
       static_cast<const void *>(array), array->arr_base, name, tbl_id, mem_type, daflag, n_direct, array->arr_base,
       versions);
@@ -38,8 +37,7 @@ TEST(PoolLine, FreshPoolWithLists) {
   EXPECT_EQ(std::string(tslb_print_poolhdr(pool.get())),
             head_of(pool.get(), "bit vectors", 4294967293u, 0, 1, 4,
                     "lib_version = 2, rec_version = 5, pad = 0, hdr_size = 56, lli_sz = 60") +
-                text("DynMemHdr(%p): {flag = 0x13, cur_slot_addr = 4294967295 (mslot_idx = 4294967295, byte_off = "
-                     "0), "
+                text("DynMemHdr(%p): {flag = 0x13, cur_slot_addr = 4294967295 (mslot_idx = 4294967295, byte_off = 0), "
                      "mslot_sz = 1000, total_msz = 4172, total_mused = 0, total_mwast = 0, total_mavail = 0}, "
                      "DynArrLLI_t(%p): {free_head = 4294967295, free_tail = 4294967295, inact_head = 4294967295, "
                      "inact_tail = 4294967295, n_inact = 0, n_act = 0, n_free = 0, mvt_reuse_policy_use = 1, "

@@ -1,5 +1,4 @@
-// The debug log's files and lines: rollover, deletion, many threads, cut lines, and what a full disk or a bad name
-// does.
+// The debug log's files and lines: rollover, deletion, many threads, cut lines, full disks and bad names.
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
@@ -20,10 +19,6 @@
 #include "tslb_util.h"
 
 constexpr char kHeader[] = "#DateTime|FileName|LineNo|FunName|PID|TID|THName|Msg\n";
-
-static size_t count_lines(const std::string &text) {
-  return count_of(text, "\n");
-}
 
 class DebugLog : public InFolder {
  protected:
@@ -54,7 +49,7 @@ TEST(ADebugLogThatWasNeverStarted, DoesNothing) {
       tslb_dl_init_internal(nullptr, 0, 0);
     });
     EXPECT_EQ(report,
-              "Error: failed to allocate memory for DLOG handle of size " + std::to_string(sizeof(TSLBDLog_t)) + ".\n");
+              "Error: failed to allocate memory for DLOG handle of size " + std::to_string(sizeof(*g_dl)) + ".\n");
   }
   ASSERT_EQ(g_dl, nullptr);
   tslb_dl_logging(-1, "f", "g", 1, "lost");
@@ -111,18 +106,20 @@ TEST_F(DebugLog, LevelsAreTestedBeforeAnythingElse) {
     EXPECT_GE(g_tid, 0);
   }).join();
   EXPECT_EQ(evaluated, 1);
-  EXPECT_EQ(count_lines(lines_of(0)), 3u);
+  EXPECT_EQ(count_of(lines_of(0), "\n"), 3u);
   EXPECT_NE(lines_of(0).find("|dlog_test.cpp|"), std::string::npos);
 }
 
 TEST_F(DebugLog, SizesForRollover) {
-  static const struct {
-    int argument, bytes;
-  } rows[] = {{-1, 10485760}, {-2, 10485760},     {-2147483647, 10485760}, {0, 0},
-              {1, 1048576},   {2047, 2146435072}, {2048, 2146435072},      {2147483647, 2146435072}};
-  for (const auto &row : rows) {
-    start(0, row.argument);
-    EXPECT_EQ(g_dl->fmax_sz, row.bytes) << row.argument;
+  for (const auto &[argument, bytes] : {std::pair(-1, 10485760),
+                                        {-2147483647, 10485760},
+                                        {0, 0},
+                                        {1, 1048576},
+                                        {2047, 2146435072},
+                                        {2048, 2146435072},
+                                        {2147483647, 2146435072}}) {
+    start(0, argument);
+    EXPECT_EQ(g_dl->fmax_sz, bytes) << argument;
   }
 }
 
@@ -139,7 +136,7 @@ TEST_F(DebugLog, RollsOverAtExactlyItsSize) {
 
   start(0, 0, "each");
   for (int i = 0; i < 3; ++i) log(0, "one line each");
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(count_lines(lines_of(i, "each")), 1u);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(count_of(lines_of(i, "each"), "\n"), 1u);
 }
 
 // And all of that with one descriptor.
@@ -158,13 +155,12 @@ TEST_F(DebugLog, DeletionOfTheCurrentFileRestartsTheNumbers) {
 }
 
 TEST_F(DebugLog, FileThatExistsIsAppendedToBehindAnotherHeader) {
-  start();
-  log(0, "first start");
-  start();
-  log(0, "second start");
-  const std::string all = content_of(file(0));
-  EXPECT_NE(all.find("|first start\n" + std::string(kHeader)), std::string::npos) << all;
-  EXPECT_NE(all.find("|second start\n"), std::string::npos);
+  for (const char *line : {"first start", "second start"}) {
+    start();
+    log(0, line);
+  }
+  EXPECT_NE(content_of(file(0)).find("|first start\n" + std::string(kHeader)), std::string::npos) << lines_of(0);
+  EXPECT_TRUE(has_line(0, "second start"));
 }
 
 TEST_F(DebugLog, ChildWritesUnderTheNumberOfItsParent) {
@@ -180,14 +176,6 @@ TEST_F(DebugLog, ChildWritesUnderTheNumberOfItsParent) {
   EXPECT_TRUE(has_line(0, "place|" + std::to_string(parent) + "|" + std::to_string(g_tid) + "|-|child")) << lines_of(0);
 }
 
-TEST_F(DebugLog, LevelAloneIsChangedByItsOwnPath) {
-  start();
-  tslb_dl_init_internal(g_dl->fname_abs, 5, -1);
-  EXPECT_EQ(std::string(g_dl->fname_abs), base_.string());
-  log(5, "kept");
-  EXPECT_TRUE(has_line(0, "kept"));
-}
-
 TEST_F(DebugLog, NumbersOfLines) {
   start();
   std::string want;
@@ -196,19 +184,6 @@ TEST_F(DebugLog, NumbersOfLines) {
     want += "|f|" + std::to_string(number) + "|g|";
   }
   EXPECT_EQ(std::regex_replace(lines_of(0), std::regex("[^|]+(\\|f\\|[^|]+\\|g\\|).*\n"), "$1"), want);
-}
-
-// The first field of the last line, and what the clock says in the same second.
-static std::pair<std::string, std::string> stamp_and_clock(const std::function<std::string()> &log_and_read) {
-  char before[65], after[65];
-  std::string lines;
-  do {
-    tslb_get_cur_date_time(before, 0);
-    lines = log_and_read();
-    tslb_get_cur_date_time(after, 0);
-  } while (strcmp(before, after) != 0);
-  const size_t line = lines.rfind('\n', lines.size() - 2) + 1;
-  return {lines.substr(line, lines.find('|', line) - line), before};
 }
 
 TEST_F(DebugLog, StampsFollowTheClockAndTheTimeZone) {
@@ -229,11 +204,16 @@ TEST_F(DebugLog, StampsFollowTheClockAndTheTimeZone) {
     setenv("TZ", row.zone, 1);
     tzset();
     tslb_set_timestamp_offset(row.offset);
-    const auto [stamp, clock] = stamp_and_clock([&] {
+    char before[65], after[65];
+    do {  // until the clock says the same on both sides
+      tslb_get_cur_date_time(before, 0);
       log(0, "line");
-      return lines_of(0);
-    });
-    EXPECT_EQ(stamp, clock) << row.zone << ", " << row.offset;
+      tslb_get_cur_date_time(after, 0);
+    } while (strcmp(before, after) != 0);
+    const std::string lines = lines_of(0);
+    EXPECT_EQ(lines.substr(lines.rfind('\n', lines.size() - 2) + 1).rfind(std::string(before) + "|", 0), 0u)
+        << row.zone << ", " << row.offset << "\n"
+        << lines;
   }
   tslb_set_timestamp_offset(0);
   unsetenv("TZ");
@@ -243,27 +223,19 @@ TEST_F(DebugLog, StampsFollowTheClockAndTheTimeZone) {
 TEST_F(DebugLog, LinesAreCutToFit) {
   start();
   log(0, "");
-  const size_t prefix = lines_of(0).size() - 1;
-  static const struct {
-    const char *fault;
-    size_t message_over, line;  // beyond what fits with its newline
-  } rows[] = {{"the longest line cut", 0, 4096}, {"newline lost", 1, 4096}, {"terminator written", 1000, 4096}};
-  for (const auto &row : rows) {
-    SCOPED_TRACE(row.fault);
-    const size_t before = content_of(file(0)).size();
-    const size_t fits = 4095 - prefix;
-    log(0, std::string(fits + row.message_over, 'm').c_str());
-    const std::string line = content_of(file(0)).substr(before);
-    EXPECT_EQ(line.size(), row.line);
-    EXPECT_EQ(line.substr(prefix), std::string(fits, 'm') + "\n");
-  }
-  // A prefix that fills the line by itself.
-  const size_t before = content_of(file(0)).size();
-  tslb_dl_logging(0, "f", std::string(6000, 'p').c_str(), 1, "message");
-  const std::string line = content_of(file(0)).substr(before);
-  EXPECT_EQ(line.size(), 4096u);
-  EXPECT_EQ(line.back(), '\n');
-  EXPECT_EQ(line.find('\0'), std::string::npos);
+  const size_t prefix = lines_of(0).size() - 1, fits = 4095 - prefix;
+  const auto line_of = [this](const std::string &function, const std::string &message) {
+    const size_t before = fs::file_size(file(0));
+    tslb_dl_logging(0, "dir/source.cpp", function.c_str(), 7, "%s", message.c_str());
+    return content_of(file(0)).substr(before);
+  };
+  // The longest line that fits, one that loses its newline, and one whose end would be written behind the buffer.
+  for (const size_t over : {0, 1, 1000})
+    EXPECT_EQ(line_of("place", std::string(fits + over, 'm')).substr(prefix), std::string(fits, 'm') + "\n") << over;
+  const std::string prefix_alone = line_of(std::string(6000, 'p'), "message");
+  EXPECT_EQ(prefix_alone.size(), 4096u);
+  EXPECT_EQ(prefix_alone.find('\n'), 4095u);
+  EXPECT_EQ(prefix_alone.find('\0'), std::string::npos);
 }
 
 TEST_F(DebugLog, FormatThatFailsLeavesItsLineEmpty) {
@@ -275,7 +247,7 @@ TEST_F(DebugLog, FormatThatFailsLeavesItsLineEmpty) {
   const std::string lines = lines_of(0);
   const size_t len = lines.find('\n') + 1;
   EXPECT_EQ(lines.substr(17, len - 17), lines.substr(len + 17, len - 17)) << "behind the time stamps";
-  EXPECT_EQ(count_lines(lines), 3u);
+  EXPECT_EQ(count_of(lines, "\n"), 3u);
 }
 
 TEST_F(DebugLog, NamesAndNumbersOfThreads) {
@@ -314,7 +286,7 @@ TEST_F(DebugLog, NullAndLongTextsDoNotCrash) {
     tslb_dl_logging(0, (std::string(2000, 'd') + end).c_str(), "f", 1, "text");
     EXPECT_NE(lines_of(0).find(name), std::string::npos) << end;
   }
-  EXPECT_EQ(count_lines(lines_of(0)), 4u);
+  EXPECT_EQ(count_of(lines_of(0), "\n"), 4u);
   tslb_dl_init_internal(nullptr, -1000, -1);
   EXPECT_STREQ(g_dl->fname_abs, "/tmp/tslb_dlog");
 }
@@ -327,7 +299,7 @@ TEST_F(DebugLog, StandardOutputHasNoFileAndStaysOpen) {
     tslb_dl_init_internal("", 0, 0);  // no path is standard output as well
     log(0, "three");
   });
-  EXPECT_EQ(count_lines(said), 3u);
+  EXPECT_EQ(count_of(said, "\n"), 3u);
   EXPECT_NE(said.find("|one\n"), std::string::npos);
   start();
   EXPECT_GE(fcntl(1, F_GETFD), 0) << "standard output was closed";
@@ -356,13 +328,16 @@ TEST_F(DebugLog, SecondStartClosesTheFileAndKeepsCounting) {
   EXPECT_EQ(g_dl->n_threads, n_threads);
   EXPECT_EQ(g_dl->level, 5);
   EXPECT_EQ(g_tid, -1);
+  // By its own path: the level alone is changed.
+  tslb_dl_init_internal(g_dl->fname_abs, 4, -1);
+  EXPECT_EQ(g_dl->fname_abs, base_.string() + "2");
+  EXPECT_EQ(g_dl->level, 4);
 }
 
 TEST_F(DebugLog, FailuresAreReportedAndTheNextLineTriesAgain) {
   const auto expect_report = [](const std::string &report, const std::string &tail) {
-    EXPECT_TRUE(std::regex_search(report, std::regex("^tslb_dlog.cpp\\|\\d+\\|tslb_dl_fwrite\\|Error: failed to ")))
-        << report;
-    EXPECT_NE(report.find(tail), std::string::npos) << report;
+    static const std::regex head("^tslb_dlog.cpp\\|\\d+\\|tslb_dl_fwrite\\|Error: failed to ");
+    EXPECT_TRUE(std::regex_search(report, head) && report.find(tail) != std::string::npos) << report;
   };
   const std::string missing = (dir_ / "no" / "log").string();
   tslb_dl_init_internal(missing.c_str(), 0, -1);

@@ -1,26 +1,17 @@
 // What docs/formats.md shows is what the library stores: its dumps, its tables of offsets, its list of redo records.
 // And the sources and tests that documents name are in the tree.
-#include <filesystem>
 #include <functional>
 #include <map>
 #include <regex>
 #include <sstream>
 
 #include "array_support.h"
+#include "own_time.h"  // nodes carry it
 #include "redo_recorder.h"
 #include "stored_image.h"
 
-static time_t now;  // nodes carry the time, so it is ours
-
-extern "C" __attribute__((visibility("default"))) time_t time(time_t *at) {
-  if (at != nullptr) *at = now;
-  return now;
-}
-
 constexpr time_t START = 1700000000;
-static const std::filesystem::path ROOT = TSLB_SOURCE_DIR;
-
-// ---- The document --------------------------------------------------------------------------------------------------
+static const fs::path ROOT = TSLB_SOURCE_DIR;
 
 // What stands between "```dump name" and "```".
 static std::string block_of(const std::string &name) {
@@ -63,8 +54,6 @@ static std::string dump_of(std::string_view bytes) {
   return text;
 }
 
-// ---- What it shows -------------------------------------------------------------------------------------------------
-
 static void take_reading(DynArrHandle_t *array, float celsius) {
   uint32_t idx;
   write_at(tslb_da_get_newptr(array, &idx), 4, celsius);
@@ -99,11 +88,6 @@ static array_t keys() {
   return pool;
 }
 
-template <class Address>
-static std::string bytes_of_address(Address address) {
-  return {reinterpret_cast<const char *>(&address), sizeof(address)};
-}
-
 // Of the second chunk of 24 bytes in slot 200 of a big-buffer pool, and in slot 300 of bit-vector pools by both widths.
 static std::string addresses() {
   const array_t small(tslb_init_dynmem(48, 1, 0, MPOOL_TYPE_DRAM, 0, nullptr, 0, 0));
@@ -117,7 +101,11 @@ static std::string addresses() {
   });
   EXPECT_NE(warning.find("has already used 255 slot index"), std::string::npos) << warning;
   for (int i = 0; i < 2 * 301; ++i) tslb_dynmem_get_mchunk64(wide.get(), &address64, 24, {});
-  return bytes_of_address(bigbuffer) + bytes_of_address(bitvector) + bytes_of_address(address64);
+  std::string bytes(sizeof(bigbuffer) + sizeof(bitvector) + sizeof(address64), '\0');
+  write_at(bytes.data(), 0, bigbuffer);
+  write_at(bytes.data(), sizeof(bigbuffer), bitvector);
+  write_at(bytes.data(), sizeof(bigbuffer) + sizeof(bitvector), address64);
+  return bytes;
 }
 
 TEST(FormatsDocument, DumpsAreWhatIsStored) {
@@ -138,8 +126,6 @@ TEST(FormatsDocument, DumpsAreWhatIsStored) {
   const std::string cut = cut_stream_of(keys().get());
   EXPECT_TRUE(cut == whole.substr(0, whole.size() - 10)) << dump_of(cut);
 }
-
-// ---- Redo records --------------------------------------------------------------------------------------------------
 
 TEST(FormatsDocument, RedoRecordsAreThoseThatAreWritten) {
   now = START;
@@ -199,8 +185,6 @@ TEST(FormatsDocument, RedoRecordsAreThoseThatAreWritten) {
   EXPECT_EQ(block_of("redo"), list);
 }
 
-// ---- Tables --------------------------------------------------------------------------------------------------------
-
 using numbers_t = std::map<std::string, std::string>;  // by "type" or "type, field", as they are written
 
 static numbers_t numbers_in(const std::string &text, const char *pattern) {
@@ -248,10 +232,7 @@ TEST(FormatsDocument, SizesOfRecordsAreThoseOfTheHeader) {
   EXPECT_EQ(numbers_in(content_of(ROOT / "docs/formats.md"), R"(\n\| `(\w+_v\d)` \| (\d+) \|)"), stored);
 }
 
-// ---- Names ---------------------------------------------------------------------------------------------------------
-
 TEST(Documents, FilesAndTestsThatTheyNameAreThere) {
-  namespace fs = std::filesystem;
   std::string paths, tests;
   for (const char *const folder : {"utils", "catalog", "host", "examples", "tools", "fuzz", "tests", "docs", "bench"})
     for (const auto &file : fs::recursive_directory_iterator(ROOT / folder)) paths += file.path().string() + "\n";

@@ -1,6 +1,5 @@
 // Stored formats are promises: what scripted operations store is, byte for byte, what tests/golden holds; and what it
 // holds can be loaded. A change of format shows as a change of a file there, which scripts/golden makes on purpose.
-#include <algorithm>
 #include <map>
 
 #include "block_files.h"
@@ -9,22 +8,18 @@
 
 constexpr time_t START = 1700000000;
 
-// ---- Bytes and text ------------------------------------------------------------------------------------------------
-
-static std::string hex_line(std::string_view bytes, size_t at) {
-  char text[16];
-  snprintf(text, sizeof(text), "%06zx ", at);
-  std::string line = text;
-  for (size_t i = at; i < std::min(at + 16, bytes.size()); ++i) {
-    snprintf(text, sizeof(text), " %02x", static_cast<unsigned char>(bytes[i]));
-    line += text;
-  }
-  return line;
-}
-
 static std::string hex(std::string_view bytes) {
   std::string text;
-  for (size_t at = 0; at < bytes.size(); at += 16) text += hex_line(bytes, at) + "\n";
+  char piece[24];
+  for (size_t at = 0; at < bytes.size(); ++at) {
+    if (at % 16 == 0) {
+      snprintf(piece, sizeof(piece), "%06zx ", at);
+      text += piece;
+    }
+    snprintf(piece, sizeof(piece), " %02x", static_cast<unsigned char>(bytes[at]));
+    text += piece;
+    if (at % 16 == 15 || at + 1 == bytes.size()) text += "\n";
+  }
   return text;
 }
 
@@ -32,8 +27,6 @@ static std::string hex(std::string_view bytes) {
 static void fill(void *at, size_t size, int seed) {
   for (size_t i = 0; i < size; ++i) bytes_of(at)[i] = static_cast<char>(static_cast<size_t>(seed) * 16 + i);
 }
-
-// ---- Scripted histories --------------------------------------------------------------------------------------------
 
 static std::string block0_variants() {
   static const struct {
@@ -152,8 +145,6 @@ static std::string redo_of_a_pool() {
   return redo_text(log.take());
 }
 
-// ---- All images ----------------------------------------------------------------------------------------------------
-
 using images_t = std::map<std::string, std::string>;  // content by path below tests/golden
 
 static void add_block_files(images_t *images) {
@@ -186,30 +177,17 @@ static images_t make_images() {
 static void write_images(const images_t &images, const fs::path &dir) {
   for (const auto &[name, content] : images) {
     fs::create_directories((dir / name).parent_path());
-    std::ofstream out(dir / name, std::ios::binary);
-    out << content;
-    out.close();
-    EXPECT_TRUE(out.good()) << dir / name << " cannot be written";
+    EXPECT_TRUE(std::ofstream(dir / name, std::ios::binary) << content << std::flush) << dir / name;
   }
 }
 
-// Of text the first line that differs, of bytes the first sixteen.
+// As text, of which the lines that differ are shown.
 static void expect_same(const std::string &name, const std::string &made, const std::string &golden) {
-  if (made == golden) return;
-  const size_t at =
-      static_cast<size_t>(std::mismatch(made.begin(), made.end(), golden.begin(), golden.end()).first - made.begin());
-  const auto around = [&](const std::string &content) {
-    if (!name.ends_with(".txt")) return hex_line(content, at);
-    const size_t begin = at == 0 ? 0 : content.rfind('\n', at - 1) + 1;
-    return content.substr(begin, content.find('\n', begin) - begin);
-  };
-  ADD_FAILURE() << name << " differs from byte " << at << " on (" << made.size() << " bytes made, " << golden.size()
-                << " stored)\n  made:   " << around(made) << "\n  stored: " << around(golden);
+  const bool is_text = name.ends_with(".txt");
+  EXPECT_EQ(is_text ? made : hex(made), is_text ? golden : hex(golden)) << name;
 }
 
-static fs::path golden_dir() {
-  return TSLB_GOLDEN_DIR;
-}
+static const fs::path golden_dir = TSLB_GOLDEN_DIR;
 
 TEST(Golden, TodaysCodeStoresTheSameBytes) {
   const images_t images = make_images();
@@ -217,10 +195,10 @@ TEST(Golden, TodaysCodeStoresTheSameBytes) {
     write_images(images, dir);
     GTEST_SKIP() << images.size() << " images written to " << dir << ", nothing compared";
   }
-  for (const auto &[name, content] : images) expect_same(name, content, content_of(golden_dir() / name));
+  for (const auto &[name, content] : images) expect_same(name, content, content_of(golden_dir / name));
 
-  for (const auto &file : fs::recursive_directory_iterator(golden_dir())) {
-    const std::string name = fs::relative(file.path(), golden_dir());
+  for (const auto &file : fs::recursive_directory_iterator(golden_dir)) {
+    const std::string name = fs::relative(file.path(), golden_dir);
     EXPECT_TRUE(!file.is_regular_file() || images.count(name) == 1) << name << " is made by nobody";
   }
 }
@@ -228,7 +206,7 @@ TEST(Golden, TodaysCodeStoresTheSameBytes) {
 // Whoever stored them is gone; they load, and storing them again gives the same bytes.
 TEST(Golden, StreamsLoad) {
   int n_streams = 0;
-  for (const auto &file : fs::directory_iterator(golden_dir())) {
+  for (const auto &file : fs::directory_iterator(golden_dir)) {
     if (file.path().extension() != ".stream") continue;
     SCOPED_TRACE(file.path().filename());
     ++n_streams;
@@ -244,10 +222,10 @@ TEST(Golden, StreamsLoad) {
 TEST(Golden, BlockFilesLoad) {
   const array_load_options_t options = {"metrics", 12, MPOOL_TYPE_DRAM, ARRAY_LOAD_ANY, 0};
   const loaded_t loaded = loaded_by([&](char *error, size_t size) {
-    return array_load_block_files((golden_dir() / "block_files").c_str(), &options, error, size);
+    return array_load_block_files((golden_dir / "block_files").c_str(), &options, error, size);
   });
   ASSERT_NE(loaded.array, nullptr) << loaded.error;
-  const fs::path files = golden_dir() / "block_files" / "metrics";
+  const fs::path files = golden_dir / "block_files" / "metrics";
   const std::string block0 = content_of(files / "12.0.darr");
   const std::string stored = block0 + content_of(files / "12.1.darr") + content_of(files / "12.2.darr").substr(0, 50);
   expect_same("block_files", stream_of(loaded.array.get()), stored);

@@ -101,6 +101,5 @@ TEST(Creation, AcceptsTheLargestSizes) {
   const array_t block(get_default_dyn_array(1, 2147483623, MPOOL_TYPE_DRAM));
   ASSERT_TRUE(block);
   EXPECT_EQ(get_dyn_total_allocated_records(block.get()), 2147483623u);
-  const array_t record(get_default_dyn_array(268435455, 0, MPOOL_TYPE_DRAM));
-  EXPECT_TRUE(record);
+  EXPECT_TRUE(array_t(get_default_dyn_array(268435455, 0, MPOOL_TYPE_DRAM)));
 }

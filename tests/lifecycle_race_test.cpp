@@ -15,9 +15,6 @@ constexpr int kThreads = 4;
 
 [[maybe_unused]] static const bool kThreadsChange = additions_yield = true;
 
-// ---- One index, two threads
-// -------------------------------------------------------------------------------------------
-
 TEST(OneIndex, DecisionIsConfirmedUnderTheLock) {
   using operation_t = int (*)(DynArrHandle_t *);
   const operation_t free_it = [](DynArrHandle_t *array) { return tslb_da_free_idx(array, 3); };
@@ -54,9 +51,6 @@ TEST(OneIndex, DecisionIsConfirmedUnderTheLock) {
   }
 }
 
-// ---- Slots
-// ------------------------------------------------------------------------------------------------------------
-
 class slot_user_t {
  public:
   static constexpr uint32_t kRecordSize = 24;
@@ -84,13 +78,14 @@ class slot_user_t {
     }
   }
 
-  void check_all() {
-    for (const slot_t &slot : mine_) check(slot);
-  }
-  size_t active() const {
-    size_t n = 0;
-    for (const slot_t &slot : mine_) n += slot.parked ? 0 : 1;
-    return n;
+  // The number of those that are active.
+  size_t check_all() {
+    size_t active = 0;
+    for (const slot_t &slot : mine_) {
+      check(slot);
+      active += slot.parked ? 0 : 1;
+    }
+    return active;
   }
   uint32_t reused() const { return reused_; }
 
@@ -164,16 +159,12 @@ TEST(Slots, TakenFreedParkedAndReusedSideBySide) {
   size_t active = 0;
   uint32_t reused = 0;
   for (slot_user_t &user : users) {
-    user.check_all();
-    active += user.active();
+    active += user.check_all();
     reused += user.reused();
   }
   EXPECT_EQ(lists.free.size() + lists.inactive.size() + active, tslb_da_get_size(array.get()));
   EXPECT_GT(reused, 100u) << "the inactive list was not drawn on";
 }
-
-// ---- Chunks
-// -----------------------------------------------------------------------------------------------------------
 
 // The chunks of a slot, header by header, come to what its counters say.
 static void expect_counted(MemSlot_t &slot) {

@@ -16,14 +16,14 @@ struct model_t {
   std::deque<uint32_t> free, inactive;
   std::vector<uint32_t> status, ts;
   bool reuse = false;
-  uint32_t min_pct = 0, min_cnt = 0, min_age = 0;
+  static constexpr uint8_t kMinPct = 12, kMinCount = 60, kMinAge = 40;
 
   bool looks_at_head() const {
     if (!reuse || inactive.empty()) return false;
     const double pct = 100.0 * (static_cast<double>(inactive.size()) / static_cast<double>(status.size()));
-    return static_cast<uint32_t>(pct) >= min_pct || inactive.size() >= min_cnt;
+    return static_cast<uint32_t>(pct) >= kMinPct || inactive.size() >= kMinCount;
   }
-  bool head_is_old_enough() const { return now - time_t{ts[inactive.front()]} >= time_t{min_age}; }
+  bool head_is_old_enough() const { return now - time_t{ts[inactive.front()]} >= kMinAge; }
 
   struct taken_t {
     uint32_t idx, status, ts;  // the last two: what the telling form reports
@@ -47,7 +47,23 @@ struct model_t {
     ts[taken.idx] = today;
     return taken;
   }
-  void leave_inactive(uint32_t idx) { inactive.erase(std::find(inactive.begin(), inactive.end(), idx)); }
+  // Gives a slot another status, if the library would; its result.
+  int move(uint32_t idx, uint32_t to) {
+    if (idx == status.size()) return -1;
+    const uint32_t from = status[idx];
+    const bool may = to == TSLB_DA_SLOT_FREE       ? from != TSLB_DA_SLOT_FREE
+                     : to == TSLB_DA_SLOT_INACTIVE ? from == TSLB_DA_SLOT_ACTIVE
+                                                   : from == TSLB_DA_SLOT_INACTIVE;
+    if (!may) return 1;
+    if (from == TSLB_DA_SLOT_INACTIVE) inactive.erase(std::find(inactive.begin(), inactive.end(), idx));
+    if (to == TSLB_DA_SLOT_FREE) free.push_back(idx);
+    if (to == TSLB_DA_SLOT_INACTIVE) {
+      inactive.push_back(idx);
+      ts[idx] = static_cast<uint32_t>(now);
+    }
+    status[idx] = to;
+    return 0;
+  }
 };
 
 class history_t {
@@ -56,7 +72,10 @@ class history_t {
       : array_(tslb_da_init_ll(kRecordSize, n_direct, MPOOL_TYPE_DRAM, "metrics", 3, daflag)),
         has_inactive_((daflag & TSLB_DA_DAFLAG_INLL) != 0),
         random_(seed) {
-    if (reuse) set_policy();
+    tsdb_mem_pressure_config_t policy = {
+        1, {}, {model_t::kMinPct, 0, model_t::kMinCount, model_t::kMinAge, 0}, {0, 0, 0, 0, kNil}};
+    if (reuse) tslb_da_register_reuse_policy(array_.get(), &policy);
+    model_.reuse = reuse;
   }
   void step(int at) {
     now += below(3);
@@ -97,15 +116,6 @@ class history_t {
   uint32_t n_from_free() const { return n_from_free_; }
 
  private:
-  void set_policy() {
-    tsdb_mem_pressure_config_t policy = {1, {}, {12, 0, 60, 40, 0}, {0, 0, 0, 0, kNil}};
-    tslb_da_register_reuse_policy(array_.get(), &policy);
-    model_.reuse = true;
-    model_.min_pct = 12;
-    model_.min_cnt = 60;
-    model_.min_age = 40;
-  }
-
   uint32_t below(uint32_t bound) { return static_cast<uint32_t>(random_() % bound); }
   uint32_t any_index() { return below(static_cast<uint32_t>(model_.status.size()) + 1); }  // sometimes one too many
 
@@ -127,26 +137,17 @@ class history_t {
 
   void take_telling() {
     lib_config.tslb_mvt_reuse_enabled = static_cast<char>(below(4));
-    const std::vector<std::string> payloads = free_and_idle_heads();
     const model_t::taken_t want = model_.take(lib_config.tslb_mvt_reuse_enabled != 0);
+    const std::string payload(bytes_of(tslb_da_get_ptr(array_.get(), want.idx)),
+                              want.status == TSLB_DA_SLOT_UNSET ? 0 : kRecordSize);
     uint32_t idx, last_ts;
     uint8_t last_status;
     char last_value[kRecordSize];
     void *const slot = tslb_da_get_newptr_inll_ex(array_.get(), &idx, &last_ts, &last_status, last_value);
     ASSERT_EQ(last_status, want.status);
     ASSERT_EQ(last_ts, want.ts);
-    if (want.status != TSLB_DA_SLOT_UNSET) {
-      ASSERT_EQ(std::string(last_value, kRecordSize), payloads[want.status == TSLB_DA_SLOT_FREE ? 0 : 1]);
-    }
+    ASSERT_EQ(std::string(last_value, payload.size()), payload);
     expect_taken(want, idx, slot);
-  }
-
-  std::vector<std::string> free_and_idle_heads() {
-    std::vector<std::string> payloads;
-    for (const auto &list : {model_.free, model_.inactive})
-      payloads.emplace_back(
-          list.empty() ? "" : std::string(bytes_of(tslb_da_get_ptr(array_.get(), list.front())), kRecordSize));
-    return payloads;
   }
 
   void take_range() {
@@ -162,32 +163,15 @@ class history_t {
 
   void free_one() {
     const uint32_t idx = any_index();
-    if (idx == model_.status.size()) {
-      ASSERT_EQ(tslb_da_free_idx(array_.get(), idx), -1);
-      return;
-    }
-    const uint32_t status = model_.status[idx];
-    ASSERT_EQ(tslb_da_free_idx(array_.get(), idx), status == TSLB_DA_SLOT_FREE ? 1 : 0);
-    if (status == TSLB_DA_SLOT_INACTIVE) model_.leave_inactive(idx);
-    if (status != TSLB_DA_SLOT_FREE) model_.free.push_back(idx);
-    model_.status[idx] = TSLB_DA_SLOT_FREE;
+    ASSERT_EQ(tslb_da_free_idx(array_.get(), idx), model_.move(idx, TSLB_DA_SLOT_FREE));
   }
 
   void inactivate() {
     const uint32_t idx = any_index();
     // The upper half of a time is dropped.
     const int result = tslb_da_inactivate_idx(array_.get(), idx, now + (time_t{below(2)} << 32));
-    if (idx == model_.status.size()) {
-      ASSERT_EQ(result, -1);
-    } else if (model_.status[idx] != TSLB_DA_SLOT_ACTIVE) {
-      ASSERT_EQ(result, 1);
-      ++n_refused_aloud_;
-    } else {
-      ASSERT_EQ(result, 0);
-      model_.status[idx] = TSLB_DA_SLOT_INACTIVE;
-      model_.ts[idx] = static_cast<uint32_t>(now);
-      model_.inactive.push_back(idx);
-    }
+    ASSERT_EQ(result, model_.move(idx, TSLB_DA_SLOT_INACTIVE));
+    n_refused_aloud_ += result == 1 ? 1 : 0;
   }
 
   void activate() {
@@ -195,16 +179,8 @@ class history_t {
                              ? any_index()
                              : model_.inactive[below(static_cast<uint32_t>(model_.inactive.size()))];
     const int result = tslb_da_activate_idx(array_.get(), idx);
-    if (idx == model_.status.size()) {
-      ASSERT_EQ(result, -1);
-    } else if (model_.status[idx] != TSLB_DA_SLOT_INACTIVE) {
-      ASSERT_EQ(result, 1);
-      ++n_refused_aloud_;
-    } else {
-      ASSERT_EQ(result, 0);
-      model_.status[idx] = TSLB_DA_SLOT_ACTIVE;
-      model_.leave_inactive(idx);
-    }
+    ASSERT_EQ(result, model_.move(idx, TSLB_DA_SLOT_ACTIVE));
+    n_refused_aloud_ += result == 1 ? 1 : 0;
   }
 
   array_t array_;

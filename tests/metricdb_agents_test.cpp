@@ -1,15 +1,7 @@
-// Agents as they come from their packages, each started here with a configuration of its own: what they send arrives,
-// and what they are answered satisfies them.
+// Agents as their packages bring them: what they send arrives, and what they are answered satisfies them.
 #include <fcntl.h>
-#include <gmock/gmock.h>
 
 #include "server_support.h"
-
-namespace metricdb {
-namespace {
-
-using testing::ElementsAre;
-using testing::HasSubstr;
 
 // A program of its own, killed with its owner. Its output goes to a file.
 class Program {
@@ -52,9 +44,9 @@ class Program {
 
 class Agents : public Folder {
  protected:
-  fs::path write(const std::string &name, const std::string &text) const {
+  std::string write(const std::string &name, const std::string &text) const {
     write_file(root_ / name, text);
-    return root_ / name;
+    return path(name);
   }
   // Its output, once it has ended well.
   std::string run_to_end(const std::vector<std::string> &words) const {
@@ -66,15 +58,13 @@ class Agents : public Folder {
   RunningServer server_;
 };
 
-#define SKIP_WITHOUT(program, package) \
-  if (!fs::exists(program)) GTEST_SKIP() << program << " is not there: it comes with the package " << package
-
-// ---- The influx client ----
+#define SKIP_WITHOUT(program) \
+  if (!fs::exists(program)) GTEST_SKIP() << program << " is not there"
 
 constexpr const char *INFLUX = "/usr/bin/influx";
 
 TEST_F(Agents, InfluxClient) {
-  SKIP_WITHOUT(INFLUX, "influxdb-client");
+  SKIP_WITHOUT(INFLUX);
   const auto run = [&](std::vector<std::string> words) {
     words.insert(words.begin(), {INFLUX, "-host", "127.0.0.1", "-port", fmt::format("{}", server_.influx_port())});
     return run_to_end(words);
@@ -88,15 +78,13 @@ TEST_F(Agents, InfluxClient) {
   std::string file = "# DDL\nCREATE DATABASE imported\n# DML\n# CONTEXT-DATABASE: imported\n";
   constexpr size_t N = 12'000;
   for (size_t i = 0; i < N; ++i) file += fmt::format("disk,n={} used={} {}\n", i % 100, i, 1'700'000'000 + i);
-  const std::string told = run({"-import", "-precision", "s", "-path", write("import.lp", file).string()});
+  const std::string told = run({"-import", "-precision", "s", "-path", write("import.lp", file)});
   EXPECT_THAT(told, HasSubstr(fmt::format("Processed {} inserts", N)));
   EXPECT_THAT(told, HasSubstr("Failed 0 inserts"));
   EXPECT_EQ(server_.ingest().points().size(), N + 2);
   EXPECT_EQ(server_.ingest().points().back(),
             fmt::format("disk,n={} used={}@{}000000000", (N - 1) % 100, N - 1, 1'700'000'000 + N - 1));
 }
-
-// ---- The program, with its database ----
 
 constexpr const char *CURL = "/usr/bin/curl";
 constexpr const char *COLLECTD = "/usr/sbin/collectd";
@@ -127,13 +115,13 @@ Prefix "collectd."
 
 // What two agents sent is in the database when the program was told to end, and the next one takes more.
 TEST_F(Agents, CollectdFeedsADatabaseBesideCurl) {
-  SKIP_WITHOUT(COLLECTD, "collectd-core");
-  SKIP_WITHOUT(CURL, "curl");
-  const std::string db = (root_ / "db").string();
+  SKIP_WITHOUT(COLLECTD);
+  SKIP_WITHOUT(CURL);
+  const std::string db = path("db");
   constexpr int N_LINES = 60'000;  // long enough that curl asks first whether its body is wanted
   std::string lines;
   for (int i = 0; i < N_LINES; ++i) lines += fmt::format("m,n={} f={}i {}\n", i % 10, i, i + 1);
-  const fs::path file = write("curl.lp", lines);
+  const std::string file = write("curl.lp", lines);
   for (int round = 0; round < 2; ++round) {
     Program serve({METRICDB, "serve", "--db", db, "--influx", "0", "--graphite", "0"},
                   root_ / fmt::format("serve{}.out", round));
@@ -143,16 +131,15 @@ TEST_F(Agents, CollectdFeedsADatabaseBesideCurl) {
                          &graphite) == 2;
     })) << serve.output();
     const std::string name = fmt::format("sender{}", round);
-    const fs::path configuration =
-        write(name + ".conf", fmt::format(COLLECTD_CONFIGURATION, name, root_.string(), graphite));
-    Program collectd({COLLECTD, "-f", "-C", configuration.string()}, root_ / "collectd.out");
-    EXPECT_EQ(run_to_end({CURL, "-sS", "--noproxy", "*", "-w", "%{http_code}", "--data-binary", "@" + file.string(),
+    const std::string configuration = fmt::format(COLLECTD_CONFIGURATION, name, root_.string(), graphite);
+    Program collectd({COLLECTD, "-f", "-C", write(name + ".conf", configuration)}, root_ / "collectd.out");
+    EXPECT_EQ(run_to_end({CURL, "-sS", "--noproxy", "*", "-w", "%{http_code}", "--data-binary", "@" + file,
                           fmt::format("http://127.0.0.1:{}/write", influx)}),
               "204");
     // Durable while the program runs, and told by another process.
     for (const char *series : {".load*", ".cpu-0*", ".memory*", ".interface-lo*"})
       EXPECT_TRUE(comes_true([&] {
-        return run_to_end({METRICDB, "export", "--db", db, "collectd." + name + series}) != "";
+        return !run_to_end({METRICDB, "export", "--db", db, "collectd." + name + series}).empty();
       })) << series
           << "\n"
           << collectd.output();
@@ -164,6 +151,3 @@ TEST_F(Agents, CollectdFeedsADatabaseBesideCurl) {
     EXPECT_EQ(std::count(kept.begin(), kept.end(), '\n'), N_LINES * (round + 1));
   }
 }
-
-}  // namespace
-}  // namespace metricdb

@@ -1,14 +1,9 @@
 // The program, ended at each step on the way to the disk, and where nobody listens.
-#include <gmock/gmock.h>
 
 #include <set>
 
 #include "writer_support.h"
 
-namespace metricdb {
-namespace {
-
-using testing::HasSubstr;
 using Crash = Writer;
 
 // Not under ThreadSanitizer: a process that is killed tells of no race, and a hundred of them take minutes there.
@@ -90,6 +85,3 @@ TEST_F(Crash, FaultsCanBeAskedForByVariables) {
   }
   EXPECT_EQ(run("load input.lp --db db", "METRICDB_FAIL_AT=1000000:EIO").exit_code, 0);
 }
-
-}  // namespace
-}  // namespace metricdb

@@ -1,19 +1,11 @@
 // That whatever is damaged in a folder of metricdb's is refused by name, though every checksum may agree with it.
-#include <gmock/gmock.h>
 #include <sys/stat.h>
 
 #include <cstring>
-#include <random>
 
 #include "checksum.h"
 #include "database_support.h"
 #include "report.h"
-
-namespace metricdb {
-namespace {
-
-using testing::HasSubstr;
-using testing::StartsWith;
 
 class Damage : public SmallDatabase {
  protected:
@@ -91,10 +83,9 @@ TEST_P(DamagedFile, MissingCutLongOrOfAnotherKind) {
     }
   EXPECT_EQ(refusal(), "");
 }
-INSTANTIATE_TEST_SUITE_P(Stores, DamagedFile, testing::Values(StoreKind::snapshot, StoreKind::shm),
-                         [](const auto &row) { return STORE_NAMES[static_cast<int>(row.param)]; });
+INSTANTIATE_TEST_SUITE_P(Stores, DamagedFile, testing::ValuesIn(STORE_KINDS), name_of_kind);
 
-std::string resealed(std::string body) {
+static std::string resealed(const std::string &body) {
   return body + fmt::format("crc32c {:08x}\n", crc32c(body.data(), body.size()));
 }
 
@@ -102,36 +93,28 @@ std::string resealed(std::string body) {
 TEST_F(Damage, ManifestsThatContradict) {
   ASSERT_NO_FATAL_FAILURE(keep_filled(StoreKind::snapshot));
   static const struct {
-    const char *fault;
-    const char *found, *put;  // in the text
-    const char *told;
+    const char *fault, *found, *put, *told;  // what is found and put in the text
   } rows[] = {
-      {"a later version is read as ours", "metricdb 2\n", "metricdb 3\n",
-       "manifest: its format version is \"3\", and 2 is known"},
-      {"so is one without a number", "metricdb 2\n", "metricdb one\n", "its format version is \"one\", and 2 is known"},
-      {"a store of a kind that is not known", "store snapshot", "store tape",
-       "manifest: line 2: store \"tape\" is neither snapshot nor shm"},
+      {"a later version", "metricdb 2\n", "metricdb 3\n", "manifest: its format version is \"3\", and 2 is known"},
+      {"one without a number", "metricdb 2\n", "metricdb one\n", "its format version is \"one\", and 2 is known"},
+      {"a store", "store snapshot", "store tape", "manifest: line 2: store \"tape\" is neither snapshot nor shm"},
       {"a layout that nobody knows", "layout 1", "layout 2", "line 3: layout \"2\""},
-      {"a layout that the records do not have", "layout 1", "layout 0",
-       "catalogue.stream: record version 1, which is not 0"},
+      {"not the records' layout", "layout 1", "layout 0", "catalogue.stream: record version 1, which is not 0"},
       {"streams taken for block files", "store snapshot", "store shm", "manifest: array "},
       {"a line left out", "retain_ns 100\n", "", "line 6: \"idle_ns\" in place of \"retain_ns\""},
       {"a negative time span", "retain_ns 100", "retain_ns -100", "line 6: retain_ns \"-100\""},
       {"a share beyond all", "reuse_inactive_pct 0", "reuse_inactive_pct 101", "line 8: reuse_inactive_pct \"101\""},
       {"letters behind a number", "idle_ns 50", "idle_ns 50s", "line 7: idle_ns \"50s\""},
-      {"the same number in another way", "idle_ns 50", "idle_ns 050", "it is not written as this program writes it"},
+      {"another spelling", "idle_ns 50", "idle_ns 050", "it is not written as this program writes it"},
       {"another line end", "idle_ns 50\n", "idle_ns 50 ", "it is not written as this program writes it"},
-      {"slots of another size", "key_slot_bytes 64", "key_slot_bytes 68",
+      {"other slot sizes", "key_slot_bytes 64", "key_slot_bytes 68",
        "keys.stream: bytes of a record 72, which is not 76"},
-      {"a slot size beyond what addresses reach", "point_slot_bytes 2400", "point_slot_bytes 16777217",
-       "line 5: point_slot_bytes \"16777217\""},
+      {"a huge slot size", "point_slot_bytes 2400", "point_slot_bytes 16777217", "line 5: point_slot_bytes \""},
       {"series that are not there", "\nseries 3\n", "\nseries 4\n", "manifest: 4 series with "},
-      {"an old data time, so that the future is stored", "data_time_ns 180", "data_time_ns 110",
-       "catalogue.stream: series "},
+      {"an old data time", "data_time_ns 180", "data_time_ns 110", "catalogue.stream: series "},
       {"another array's file", "file keys.stream", "file points.stream",
        "manifest: array keys: file \"points.stream\", not keys.stream"},
-      {"no file, so that none is compared", "slot_bytes 80 files 1", "slot_bytes 80 files 0",
-       "line 24: \"file\" in place of \"array\""},
+      {"no file", "slot_bytes 80 files 1", "slot_bytes 80 files 0", "line 24: \"file\" in place of \"array\""},
       {"a file too many", "slot_bytes 116 files 1\n",
        "slot_bytes 116 files 2\nfile catalogue.stream bytes 1 crc32c 00000000\n",
        "array catalogue: 2 files, and it has 1"},
@@ -163,8 +146,6 @@ TEST_F(Damage, ManifestsThatContradict) {
   EXPECT_EQ(refusal(), "");
 }
 
-// ---- Damage that every checksum agrees with ----
-
 // What there is to damage in a store that `fill` made.
 struct Parts {
   explicit Parts(Store &of) : store(of) {}
@@ -189,7 +170,7 @@ struct Parts {
       static_cast<MemSlot_t *>(tslb_da_get_ptr(store.points(), cursor_of(store.points()).mslot_idx));
 };
 
-maddr_t moved(maddr_t address, unsigned units) {
+static maddr_t moved(maddr_t address, unsigned units) {
   maddrBV_t bits;
   std::memcpy(&bits, &address, sizeof bits);
   bits.mchunk_idx = (bits.mchunk_idx + units) & 0x1FFFFF;
@@ -206,47 +187,35 @@ TEST_F(Damage, StoresThatContradictThemselves) {
     const char *told;
     const char *file = "catalogue";
   } rows[] = {
-      {"a chunk beyond its slot", [](Parts p) { p.b.set_first_sealed(moved(p.b.first_sealed(), 0x1FFFF0)); },
+      {"beyond its slot", [](Parts p) { p.b.set_first_sealed(moved(p.b.first_sealed(), 0x1FFFF0)); },
        "where no chunk in use begins"},
-      {"an address inside a chunk", [](Parts p) { p.b.set_open(moved(p.b.open(), 1)); },
-       "where no chunk in use begins"},
+      {"inside a chunk", [](Parts p) { p.b.set_open(moved(p.b.open(), 1)); }, "where no chunk in use begins"},
       {"a key outside of its pool", [](Parts p) { p.a.set_key(OUTSIDE); }, "its key names slot 200"},
       {"one key for two series", [](Parts p) { p.a.set_key(p.b.key()); }, "whose header names another reference"},
       {"a key without its end", [](Parts p) { p.key_of_a[3] = 'x'; }, "its key does not end with a zero"},
       {"two series with one name", [](Parts p) { p.key_of_a[0] = 'b'; }, "its key \"b f\" is another's too"},
       {"a ring of chunks", [](Parts p) { p.last->next = p.b.first_sealed(); },
        "sealed chunk 2 is the last and names another one"},
-      {"a ring that the count allows", [](Parts p) { p.first->next = p.b.first_sealed(); },
-       "which was referred to before"},
-      {"a chain longer than its count", [](Parts p) { p.b.set_n_sealed(2); },
-       "its last sealed chunk is not the end of its chain"},
-      {"a series that lost its chunk",
-       [](Parts p) {
-         p.c.set_flags(SERIES_READY);
-         p.c.set_n_open(0);
-         p.c.set_n_points(0);
-       },
+      {"a ring as counted", [](Parts p) { p.first->next = p.b.first_sealed(); }, "which was referred to before"},
+      {"a longer chain", [](Parts p) { p.b.set_n_sealed(2); }, "its last sealed chunk is not the end of its chain"},
+      {"a lost chunk", [](Parts p) { p.c.set_flags(SERIES_READY), p.c.set_n_open(0), p.c.set_n_points(0); },
        "nothing refers to the chunk at byte ", "points"},
-      {"points of an open chunk that is not there", [](Parts p) { p.b.set_flags(SERIES_READY); },
-       "it has points and no open chunk"},
+      {"points of no chunk", [](Parts p) { p.b.set_flags(SERIES_READY); }, "it has points and no open chunk"},
       {"a flag of somebody else", [](Parts p) { p.a.set_flags(0x07); }, "flags 0x07"},
       {"a count of points", [](Parts p) { p.a.set_n_points(1); }, "its record counts 1"},
       {"more points than fit", [](Parts p) { p.c.set_n_open(9); }, "counts 9 points of 8"},
       {"a sealed chunk that was not full", [](Parts p) { p.first->count = 127; }, "sealed chunk 0 holds 127 points"},
-      {"a size of points beyond the chunk", [](Parts p) { p.first->bytes += 8; }, "has not the size of its points"},
-      {"bytes that no points have", [](Parts p) { std::memset(p.first + 1, 0xFF, 40); },
-       "sealed chunk 0 cannot be read"},
-      {"points of other times than the chunk claims", [](Parts p) { p.first->oldest_ns = 90; },
+      {"a size beyond the chunk", [](Parts p) { p.first->bytes += 8; }, "has not the size of its points"},
+      {"bytes of no points", [](Parts p) { std::memset(p.first + 1, 0xFF, 40); }, "sealed chunk 0 cannot be read"},
+      {"points of other times", [](Parts p) { p.first->oldest_ns = 90; },
        "sealed chunk 0 holds times from 100 to 107, not what it claims"},
       {"a length beyond the slot", [](Parts p) { (reinterpret_cast<compat_t *>(p.last) - 1)->mchunk_len = 60000; },
        "goes beyond the bytes in use", "points"},
-      {"a deleted chunk that is referred to",
-       [](Parts p) { tslb_dynmem_del_mchunk(p.store.points(), p.b.first_sealed()); }, "where no chunk in use begins"},
+      {"a deleted chunk", [](Parts p) { tslb_dynmem_del_mchunk(p.store.points(), p.b.first_sealed()); },
+       "where no chunk in use begins"},
       {"a count of deleted bytes", [](Parts p) { p.key_slot->bytes_del += 8; }, "the slot counts ", "keys"},
-      {"a slot used beyond its size", [](Parts p) { p.current_slot->bytes_used = 5000; }, "5000 bytes in use of 2400",
-       "points"},
-      {"a cursor inside a chunk", [](Parts p) { p.current_slot->bytes_used += 8; }, "and the cursor stands at ",
-       "points"},
+      {"used beyond", [](Parts p) { p.current_slot->bytes_used = 5000; }, "5000 bytes in use of 2400", "points"},
+      {"a cursor inside", [](Parts p) { p.current_slot->bytes_used += 8; }, "and the cursor stands at ", "points"},
       {"a free slot that claims a series", [](Parts p) { p.free.set_flags(SERIES_READY); }, "flags 0x01 at status 1"},
       {"a free slot without its mark", [](Parts p) { p.free.set_key({}); }, "gatekeeper 0x0 in a free slot"},
       {"a slot in use without a series", [](Parts p) { p.a.set_flags(0); }, "flags 0x00 at status "},
@@ -262,7 +231,7 @@ TEST_F(Damage, StoresThatContradictThemselves) {
        "bytes without a meaning are not zero"},
       {"a pool of another kind", [](Parts p) { header_of(p.store.keys())->flag |= MPOOL_FLAG_BV; },
        "a pool with flags 0x11", "keys"},
-      {"a pool with a limit", [](Parts p) { header_of(p.store.keys())->max_slots = 3; }, "a pool limited to 3 slots",
+      {"a limited pool", [](Parts p) { header_of(p.store.keys())->max_slots = 3; }, "a pool limited to 3 slots",
        "keys"},
       {"records of another version",
        [](Parts p) { static_cast<DynHdr_t *>(tslb_da_get_dynhdr(p.store.catalogue()))->rec_version = 0; },
@@ -327,6 +296,3 @@ TEST_F(Damage, RandomBytesAreRefusedOrHarmless) {
   EXPECT_GT(n_refused, ROUNDS / 4);
   EXPECT_LT(n_refused, ROUNDS) << "nothing was opened, so use after damage was not tried";
 }
-
-}  // namespace
-}  // namespace metricdb

@@ -1,19 +1,7 @@
-// The journal: that what was committed comes back, in order, that nothing else does, and that whatever befalls the file
-// is told for what it is.
-#include <gmock/gmock.h>
-
-#include <algorithm>
+// What was committed comes back in order and nothing else does; what befalls the file is told for what it is.
 #include <memory>
 
 #include "journal_support.h"
-
-namespace metricdb {
-namespace {
-
-using testing::HasSubstr;
-using testing::StartsWith;
-
-// ---- Writing and reading -------------------------------------------------------------------------------------------
 
 TEST_F(JournalTest, RecordsComeBackAsTheyWereAppended) {
   const std::string long_bytes(3 << 20, 'x');  // more than is read at once
@@ -49,8 +37,8 @@ TEST_F(JournalTest, RecordsComeBackAsTheyWereAppended) {
     }
     const Read read = read_journal(path_);
     EXPECT_EQ(read.records, expected);
-    EXPECT_THAT(read.payloads, testing::ElementsAre(payloads[0], payloads[1], payloads[2], "nothing but a mark",
-                                                    payloads[0], payloads[1], payloads[2], "nothing but a mark"));
+    EXPECT_THAT(read.payloads, ElementsAre(payloads[0], payloads[1], payloads[2], "nothing but a mark", payloads[0],
+                                           payloads[1], payloads[2], "nothing but a mark"));
     EXPECT_EQ(read.result.end, JournalEnd::clean);
     EXPECT_TRUE(read.result.closed);
     EXPECT_EQ(read.result.place.generation, GENERATION);
@@ -73,20 +61,17 @@ TEST_F(JournalTest, RecordThatCannotBeTakenRefusesItsBatch) {
   journal.restart();
   journal.wait(commit_batch(journal, 4));
   journal.close();
-  EXPECT_THAT(read_journal(path_).payloads, testing::ElementsAre(payload_of(1), payload_of(4)));
+  EXPECT_THAT(read_journal(path_).payloads, ElementsAre(payload_of(1), payload_of(4)));
 }
-
-// ---- Damage --------------------------------------------------------------------------------------------------------
 
 // Three batches of one, two and three records, and where each entry begins.
 struct Layout {
   std::string bytes;  // of a file whose writer came to its end
   size_t open_bytes;  // ahead of its last mark: what one that was killed leaves
-  std::vector<size_t> begins;
-  std::vector<size_t> batch_ends;
+  std::vector<size_t> begins, batch_ends;
 };
 
-Layout write_three_batches(const std::string &path) {
+static Layout write_three_batches(const std::string &path) {
   Layout layout;
   Journal journal(path, GENERATION, Sync::batch);
   layout.begins = {sizeof(JournalHead)};
@@ -106,7 +91,7 @@ Layout write_three_batches(const std::string &path) {
   return layout;
 }
 
-size_t count_up_to(const std::vector<size_t> &sorted, size_t limit) {
+static size_t count_up_to(const std::vector<size_t> &sorted, size_t limit) {
   return static_cast<size_t>(std::upper_bound(sorted.begin(), sorted.end(), limit) - sorted.begin());
 }
 
@@ -190,11 +175,11 @@ TEST_F(JournalTest, TailThatNoSyncReachedMayHaveHoles) {
     write_file(path_, bytes);
     const Read read = read_journal(path_, true);
     EXPECT_EQ(read.result.end, row.end) << read.result.what;
-    EXPECT_THAT(read.payloads, testing::ElementsAre(payload_of(2)));
+    EXPECT_THAT(read.payloads, ElementsAre(payload_of(2)));
     // A writer goes on there, and what stood behind the hole does not come back.
     Journal journal(path_, read.result.place, row.sync);
     journal.wait(journal.commit("later"));
-    EXPECT_THAT(read_journal(path_).payloads, testing::ElementsAre(payload_of(2), "later"));
+    EXPECT_THAT(read_journal(path_).payloads, ElementsAre(payload_of(2), "later"));
     EXPECT_EQ(read_journal(path_).result.end, JournalEnd::clean);
   }
 }
@@ -241,6 +226,3 @@ TEST_F(JournalTest, OrderOfEntriesIsPartOfTheFormat) {
     EXPECT_EQ(read.payloads.size(), 0u);
   }
 }
-
-}  // namespace
-}  // namespace metricdb

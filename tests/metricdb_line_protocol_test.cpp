@@ -1,19 +1,13 @@
 // The two readers of line protocol: what lines mean, why they are refused, and that readers written apart agree.
-#include <gtest/gtest.h>
-
 #include <iterator>
-#include <random>
 
 #include "line_protocol.h"
 #include "metricdb_support.h"
 #include "reference_reader.h"
 #include "series_cache.h"
 
-namespace metricdb {
-namespace {
-
 // The points of a line as both readers can tell them: "key=value@time" each, by what they mean for the store.
-std::string points_text(std::string_view text, Precision precision = Precision::ns) {
+static std::string points_text(std::string_view text, Precision precision = Precision::ns) {
   LineParser parser(precision);
   if (parser.parse(text) != LineParser::Outcome::line) return "";
   std::string shown;
@@ -23,7 +17,7 @@ std::string points_text(std::string_view text, Precision precision = Precision::
   return shown;
 }
 
-std::string reference_text(std::string_view text, Precision precision = Precision::ns) {
+static std::string reference_text(std::string_view text, Precision precision = Precision::ns) {
   std::string shown;
   for (const ReferencePoint &point : reference_points(text, static_cast<int64_t>(precision), NOW_NS))
     shown += fmt::format("{}={}@{}|", point.key, point.value, point.ts_ns);
@@ -32,9 +26,7 @@ std::string reference_text(std::string_view text, Precision precision = Precisio
 
 TEST(LineProtocol, GoodLines) {
   static const struct {
-    const char *fault;  // what the row would catch
-    const char *line;
-    const char *points;
+    const char *fault, *line, *points;
     uint32_t strings_skipped = 0;
   } rows[] = {
       {"time or its sign lost", "m f=1 -5", "m f=1@-5|"},
@@ -49,9 +41,8 @@ TEST(LineProtocol, GoodLines) {
        "m a=1@5|m b=-9.223372036854776e+18@5|m c=1.8446744073709552e+19@5|"},
       {"floats", "m a=-.5,b=5.,c=1e3,d=1E-3,e=-0,f=4.9e-324 5",
        "m a=-0.5@5|m b=5@5|m c=1000@5|m d=0.001@5|m e=-0@5|m f=5e-324@5|"},
-      {"one spelling of a boolean is missing", "m a=t,b=T,c=true,d=True,e=TRUE 5",
-       "m a=1@5|m b=1@5|m c=1@5|m d=1@5|m e=1@5|"},
-      {"or of the other", "m a=f,b=F,c=false,d=False,e=FALSE 5", "m a=0@5|m b=0@5|m c=0@5|m d=0@5|m e=0@5|"},
+      {"a spelling of true is missing", "m a=t,b=T,c=true,d=True,e=TRUE 5", "m a=1@5|m b=1@5|m c=1@5|m d=1@5|m e=1@5|"},
+      {"or of false", "m a=f,b=F,c=false,d=False,e=FALSE 5", "m a=0@5|m b=0@5|m c=0@5|m d=0@5|m e=0@5|"},
       {"a string's bytes end it", R"(m a="x, \"y\"=1 \\",b=2,c="" 5)", "m b=2@5|", 2},
       {"a line of strings alone is malformed", R"(m a="x" 5)", "", 1},
       {"names beyond ASCII", "Temperatur,ort=Zürich grad=1 5", "Temperatur,ort=Zürich grad=1@5|"},
@@ -119,7 +110,7 @@ TEST(LineProtocol, PrecisionScalesUpToTheLastNanosecond) {
   EXPECT_EQ(points_text("m f=1 9223372037", Precision::s), "");
 }
 
-std::string shown(LineParser &parser, LineParser::Outcome outcome) {
+static std::string shown(LineParser &parser, LineParser::Outcome outcome) {
   if (outcome == LineParser::Outcome::nothing) return "nothing";
   if (outcome == LineParser::Outcome::malformed) return parser.reason();
   std::string text = std::string(parser.line().head);
@@ -183,6 +174,3 @@ TEST(LineProtocol, EveryPlaceOfASpecialByteAndEveryLengthOfANumber) {
           lines.push_back("m f=" + fmt::format(fmt::runtime(form), std::string(n_digits, digit)) + behind);
   for (const std::string &line : lines) EXPECT_EQ(points_text(line), reference_text(line)) << line;
 }
-
-}  // namespace
-}  // namespace metricdb

@@ -1,13 +1,6 @@
 // The program over databases: what it prints, what it refuses and leaves alone, and what it logs.
-#include <gmock/gmock.h>
 
 #include "metricdb_support.h"
-
-namespace metricdb {
-namespace {
-
-using testing::HasSubstr;
-using testing::StartsWith;
 
 class Program : public Folder {
  protected:
@@ -95,14 +88,12 @@ TEST_F(Program, RefusesInOneLineAndChangesNothing) {
        "db: holds points of other inputs: check it with `metricdb check` and all of them"},
       {"load --store shm first.lp", "--store says how --db keeps the arrays: give both"},
       {"load --db db none.lp", "none.lp: cannot be read: No such file or directory"},
-      {"load --db new none.lp", "none.lp: cannot be read: No such file or directory"},
       {"load --db db .", ".: cannot be read: Is a directory"},
       {"load --db new --store shm none.lp", "none.lp: cannot be read: No such file or directory"},
       {"load --db no/such/folder first.lp", "no/such/folder: cannot be made: No such file or directory"},
       {"load --db plain first.lp", "plain: cannot be opened: Not a directory"},
       {"stat --db plain", "plain: cannot be opened: Not a directory"},
       {"stat --db none", "none: cannot be opened: No such file or directory"},
-      {"series --db none", "none: cannot be opened: No such file or directory"},
       {"snapshot --db none", "none: cannot be opened: No such file or directory"},
       {"check --db none first.lp", "none: cannot be opened: No such file or directory"},
       {"stat --db .", ".: holds no database"},
@@ -157,6 +148,3 @@ TEST_F(Program, LogsItsProgress) {
     for (const char *line : row.not_there) EXPECT_EQ(log.find(line), std::string::npos) << log;
   }
 }
-
-}  // namespace
-}  // namespace metricdb

@@ -9,9 +9,6 @@
 #include "query_text.h"
 #include "time_text.h"
 
-namespace metricdb {
-namespace {
-
 constexpr int64_t S = 1'000'000'000;
 constexpr int64_t LEAST = std::numeric_limits<int64_t>::min();
 constexpr int64_t MOST = std::numeric_limits<int64_t>::max();
@@ -20,25 +17,20 @@ constexpr double INF = std::numeric_limits<double>::infinity();
 constexpr double NOT_A_NUMBER = std::numeric_limits<double>::quiet_NaN();
 constexpr double BIG = std::numeric_limits<double>::max();
 
-// ---- Times and durations ----
-
 TEST(TimeText, TimesThatAreRead) {
   static const struct {
     const char *text;
     int64_t ts_ns;
   } rows[] = {
-      {"1970-01-01", 0},
       {"2026-01-02T03:04:05Z", T0},
       {"2026-01-02", T0 - (3 * 3600 + 4 * 60 + 5) * S},
       {"2026-01-02T03:04:05.5Z", T0 + S / 2},
-      {"2026-01-02T03:04:05.123456789Z", T0 + 123'456'789},
       {"2026-01-02T03:04:05.1234567899Z", T0 + 123'456'789},
       {"2024-02-29T23:59:59.999999999Z", 1'709'251'200 * S - 1},
       {"1969-12-31T23:59:59.75Z", -S / 4},
       {"1677-09-21T00:12:43.145224192Z", LEAST},
       {"2262-04-11T23:47:16.854775807Z", MOST},
       {"1767323045000000000", T0},
-      {"-7", -7},
       {"-9223372036854775808", LEAST},
       {"now", T0},
       {"now-15m", T0 - 900 * S},
@@ -107,9 +99,7 @@ TEST(TimeText, WhatIsWrittenIsReadAsTheSameTime) {
   EXPECT_EQ(time_text(-1, 3), "1969-12-31T23:59:59.999Z");
 }
 
-// ---- Answers ----
-
-std::vector<Point> answer_of(const Query &query, const std::vector<Point> &points) {
+static std::vector<Point> answer_of(const Query &query, const std::vector<Point> &points) {
   size_t n_given = 0;
   return answer(query, [&](Point &point) {
     if (n_given == points.size()) return false;
@@ -144,9 +134,9 @@ TEST(Query, LimitsOfTimesAndValues) {
   const std::vector<Point> ends = {{MOST, 1}, {LEAST, 2}};
   EXPECT_EQ(shown(answer_of({}, ends)), fmt::format("2@{} 1@{} ", LEAST, MOST))
       << "the last time is out of every range";
-  EXPECT_EQ(shown(answer_of({.every_ns = 10}, ends)), fmt::format("2@{} 1@{} ", LEAST, MOST / 10 * 10));
-  EXPECT_EQ(shown(answer_of({.every_ns = MOST}, ends)), fmt::format("2@{} 1@{} ", LEAST, MOST));
-  EXPECT_EQ(shown(answer_of({.every_ns = 1}, ends)), fmt::format("2@{} 1@{} ", LEAST, MOST));
+  for (const int64_t every_ns : {int64_t{1}, int64_t{10}, MOST})
+    EXPECT_EQ(shown(answer_of({.every_ns = every_ns}, ends)),
+              fmt::format("2@{} 1@{} ", LEAST, MOST / every_ns * every_ns));
 
   const auto value = [](Fn fn, const std::vector<double> &values) {
     std::vector<Point> points;
@@ -163,8 +153,6 @@ TEST(Query, LimitsOfTimesAndValues) {
   EXPECT_EQ(value(Fn::count, {NOT_A_NUMBER, 2}), 2);
   EXPECT_TRUE(std::isnan(value(Fn::last, {2, NOT_A_NUMBER})));
 }
-
-// ---- Forms ----
 
 const std::vector<Point> FOUR = {{T0, 1.5}, {T0 + S / 4, -20}, {T0 + S, NOT_A_NUMBER}, {T0 + 2 * S, INF}};
 const std::string HARD_KEY = "cpu,host=\"<a>&b\\\" use\xff\xc3\xbcr";  // and one byte that is no UTF-8
@@ -301,6 +289,3 @@ TEST(PlotSvg, AnyAnswerHasAPicture) {
     for (const char *number : {"nan", "inf"}) EXPECT_EQ(count_of(svg, number), 0u);
   }
 }
-
-}  // namespace
-}  // namespace metricdb

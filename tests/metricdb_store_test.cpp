@@ -1,5 +1,4 @@
 // What is read into a store, what stops that, and what is printed of it.
-#include <gmock/gmock.h>
 
 #include <limits>
 
@@ -7,9 +6,6 @@
 #include "metricdb_support.h"
 #include "proc_sampler.h"
 #include "report.h"
-
-namespace metricdb {
-namespace {
 
 TEST(Store, AFullPoolStopsALoadAtItsLineAndTakesWhatItKnows) {
   Store store({.key_slot_bytes = 64, .point_slot_bytes = 1 << 20});
@@ -22,22 +18,14 @@ TEST(Store, AFullPoolStopsALoadAtItsLineAndTakesWhatItKnows) {
   EXPECT_THROW(store.series_of(std::string(64, 'k')), StoreFull) << "longer than a slot";
 }
 
-// ---- Inputs and output ----
-
-class Files : public Folder {
- protected:
-  void write(const std::string &name, const std::string &text) const {
-    fs::create_directories((root_ / name).parent_path());
-    write_file(root_ / name, text);
-  }
-};
+using Files = Folder;
 
 TEST_F(Files, InputIsReadTwiceOrKept) {
-  write("a.lp", "m f=1 1\n");
-  Input file((root_ / "a.lp").string());
+  write_file(path("a.lp"), "m f=1 1\n");
+  Input file(path("a.lp"));
   EXPECT_EQ(file.text(), "m f=1 1\n");
   file.release(true);
-  write("a.lp", "m f=2 1\n");
+  write_file(path("a.lp"), "m f=2 1\n");
   EXPECT_EQ(file.text(), "m f=2 1\n") << "a second pass must see the file, not a copy";
 
   int ends[2];
@@ -52,6 +40,8 @@ TEST_F(Files, InputIsReadTwiceOrKept) {
 }
 
 TEST_F(Files, ProcSamplerReadsCountersAndSkipsTheSilent) {
+  for (const char *folder : {"net", "self"}) fs::create_directory(path(folder));
+  const auto write = [this](const char *name, const char *text) { write_file(path(name), text); };
   write("stat", "cpu  10 1 20 60 5 1 1 2 0 0\ncpu0 10 1 20 60 5 1 1 2 0 0\nintr 5 0 0\nctxt 1\n");
   write("loadavg", "0.50 0.25 0.05 2/83 3968\n");
   write("meminfo", "MemTotal:  100 kB\nMemFree:   40 kB\nBuffers:  1 kB\n");
@@ -118,6 +108,3 @@ TEST(Report, SeriesTable) {
                 "cpu,core=1 user      1  -1.5    -1.5     -1.5  -1.5  ▅\n");
   EXPECT_EQ(series_table(store, "*core"), "no series matches *core\n");
 }
-
-}  // namespace
-}  // namespace metricdb

@@ -1,19 +1,12 @@
 // A database that is written to while it is open: what was settled comes back, whatever happens, and nothing else does.
-#include <gmock/gmock.h>
 #include <poll.h>
-#include <signal.h>
 
 #include "journal_reader.h"
 #include "list_audit.h"
 #include "writer_support.h"
 
-namespace metricdb {
-namespace {
-
-using testing::HasSubstr;
-
 // Both lists of the catalogue, as they are linked: a series that is given away next must be the same one.
-std::pair<indices_t, indices_t> lists_in(const Store &store) {
+static std::pair<indices_t, indices_t> lists_in(const Store &store) {
   const lists_t lists = audit_lists(store.catalogue());
   return {lists.free, lists.inactive};
 }
@@ -129,7 +122,7 @@ TEST_F(Writer, AFullStoreRefusesLinesThatItHasNoRoomFor) {
       Precision::ns);
   EXPECT_EQ(taken.points, 1u);
   EXPECT_EQ(taken.malformed, 2u);
-  EXPECT_THAT(taken.first_reason, testing::StartsWith("line 1: no room for more series keys"));
+  EXPECT_THAT(taken.first_reason, StartsWith("line 1: no room for more series keys"));
   EXPECT_THROW(writer.take("measurement,number=9999999999 field=1 7\n", Precision::ns), IngestRefused);
   EXPECT_EQ(writer.wait(writer.commit()), "");
   const auto points = content_of(reopened().store);
@@ -179,7 +172,7 @@ TEST_F(Writer, AFailureAnywhereRefusesABatchAndLosesNothing) {
     const Content found = records_of(again.store());
     EXPECT_TRUE(found == expected || (is_broken && found == perhaps))
         << "neither what was settled, nor that and the batch at hand";
-    n_in_snapshots += again.store().n_points() == 0 ? 0 : 1;
+    n_in_snapshots += again.store().n_points() != 0;
     EXPECT_EQ(put(again, batch_text(100)), "");
     if (met_end) break;
     ASSERT_LT(k, 500u) << "it does not end";
@@ -187,8 +180,6 @@ TEST_F(Writer, AFailureAnywhereRefusesABatchAndLosesNothing) {
   EXPECT_GT(n_refused, 5u) << "too few steps failed for this to show anything";
   EXPECT_GT(n_in_snapshots, 5u);
 }
-
-// ---- Older layouts, and damage ----
 
 TEST_F(Writer, AnOlderLayoutIsMadeOfTheNewerOneForGood) {
   {
@@ -223,15 +214,13 @@ TEST_F(Writer, AnOlderLayoutIsMadeOfTheNewerOneForGood) {
 }
 
 TEST_F(Writer, DamageIsRefusedByItsPlaceAndSalvagedUpToIt) {
-  {
-    DatabaseWriter writer(db(), {});
-    for (const int number : numbers_from(0, 20)) ASSERT_EQ(put(writer, batch_text(number)), "");
-  }
+  for (DatabaseWriter writer(db(), {}); const int number : numbers_from(0, 20))
+    ASSERT_EQ(put(writer, batch_text(number)), "");
   const fs::path journal = fs::path(db()) / "journal.1";
   std::string damaged = read_file(journal);
   damaged[damaged.size() / 2] ^= 0x10;
   write_file(journal, damaged);
-  EXPECT_THAT(refusal_of([this] { reopened(); }), testing::StartsWith(journal.string() + ": byte "));
+  EXPECT_THAT(refusal_of([this] { reopened(); }), StartsWith(journal.string() + ": byte "));
   EXPECT_THROW(DatabaseWriter(db(), {}), std::runtime_error);
   EXPECT_EQ(read_file(journal), damaged) << "what might be mended is gone";
 
@@ -266,23 +255,17 @@ TEST_F(Writer, DamageIsRefusedByItsPlaceAndSalvagedUpToIt) {
   EXPECT_TRUE(fs::exists(last));
 }
 
-// ---- A full disk ----
-
-using FullDisk = Writer;
-
 // Met as a limit on the file's size. Batches are refused while there is no room, and all others are there.
-TEST_F(FullDisk, RefusesBatchesUntilThereIsRoom) {
+TEST_F(Writer, AFullDiskRefusesBatchesUntilThereIsRoom) {
   std::vector<int> kept;
   int n_refused = 0;
   {
     DatabaseWriter writer(db(), {.snapshot_bytes = 0});
     const auto take = [&](int number) {
       const std::string why = put(writer, batch_text(number));
-      EXPECT_TRUE(why.empty() || why.find("journal.1: ") != why.npos) << why;
-      if (why.empty())
-        kept.push_back(number);
-      else
-        ++n_refused;
+      EXPECT_THAT(why, testing::AnyOf("", HasSubstr("journal.1: ")));
+      if (why.empty()) kept.push_back(number);
+      n_refused += !why.empty();
     };
     const auto old_handler = signal(SIGXFSZ, SIG_IGN);
     {
@@ -297,6 +280,3 @@ TEST_F(FullDisk, RefusesBatchesUntilThereIsRoom) {
   }
   EXPECT_EQ(records_of(reopened().store), records_after(kept));
 }
-
-}  // namespace
-}  // namespace metricdb

@@ -5,6 +5,8 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <functional>
+
 #include "array_support.h"
 #include "stored_image.h"
 
@@ -12,7 +14,7 @@
 static std::vector<int> script;
 static size_t script_at;
 static int write_calls;
-static void (*before_write)(int call);
+static std::function<void(int call)> before_write;
 
 extern "C" __attribute__((visibility("default"))) ssize_t write(int fd, const void *bytes, size_t size) {
   static const auto real = reinterpret_cast<ssize_t (*)(int, const void *, size_t)>(dlsym(RTLD_NEXT, "write"));
@@ -76,7 +78,6 @@ TEST_F(Snapshot, IsTheFlatImageOfWhatIsInUse) {
   } rows[] = {
       {"empty array writes its direct area", 4, 0},
       {"direct area beyond n_used written", 4, 3},
-      {"tables touched without need", 4, 4},
       {"last block written whole", 4, 5},
       {"full last block cut", 4, 20},
       {"level 1 left early", 4, 4 + 256},
@@ -95,15 +96,12 @@ TEST_F(Snapshot, IsTheFlatImageOfWhatIsInUse) {
   }
 }
 
-static DynArrHandle_t *growing;
-
 TEST_F(Snapshot, IdsIssuedDuringTheWalkAreNotReached) {
   const array_t array = filled(13, 4, 0, 4 + 32);
   const std::string image = image_of(array.get());
-  growing = array.get();
   // A block and a half more, ahead of the last write.
-  before_write = [](int call) {
-    for (int i = 0; call == 3 && i < 24; ++i) get_dyn_arr_new_record_id(growing);
+  before_write = [&](int call) {
+    for (int i = 0; call == 3 && i < 24; ++i) get_dyn_arr_new_record_id(array.get());
   };
   write_calls = 0;
   EXPECT_EQ(dump(array.get()), image);
@@ -214,16 +212,12 @@ TEST_F(Snapshot, ShortLastSlotAndItsConditions) {
       const size_t slot_bytes = tslb_da_get_slotsz(pool.get(), nullptr);
       const size_t cut_size = whole.size() - slot_bytes + (daflag != 0 ? 8 : 0) + 8 + 300;
       EXPECT_EQ(stream, row.cut ? whole.substr(0, cut_size) : whole);
-      if (row.cut && daflag < 2) {
-        EXPECT_EQ(stream.size(), daflag == 0 ? 1396u : 1472u);
-      }
     }
   }
 }
 
 TEST_F(Snapshot, ShortSlotInADataBlockAndNoneInAnEmptyPool) {
-  tslb_test_mode = 0;
-  lib_config.tslb_enable_file_trimming_flag = 1;
+  const trimming_t trimming;
   const array_t empty(tslb_init_dynmem(1000, 4, 0, MPOOL_TYPE_DRAM, 0, "bb", BBP_TBLID, 0));
   EXPECT_EQ(dump(empty.get()).size(), 80u);
   const array_t pool(tslb_init_dynmem(1000, 1, 0, MPOOL_TYPE_DRAM, 0, "bb", BBP_TBLID, 0));
@@ -235,8 +229,6 @@ TEST_F(Snapshot, ShortSlotInADataBlockAndNoneInAnEmptyPool) {
   for (int i = 0; i < 5; ++i) tslb_da_get_newidx(slots.get());
   EXPECT_EQ(dump(slots.get()).size(), 24u + 500);
 }
-
-// ---- Callback ------------------------------------------------------------------------------------------------------
 
 struct visit_t {
   void *block;
@@ -276,12 +268,6 @@ TEST(Iteration, BlocksInOrderWithTheirShares) {
   }
   for (const size_t stop_after : {size_t{1}, size_t{2}, size_t{17}})
     EXPECT_EQ(visits_of(array, stop_after).size(), stop_after) << "a callback's result ends the walk";
-}
-
-TEST(Iteration, ArraysOfOneBlock) {
-  EXPECT_EQ(visits_of(filled(100, 4, 0, 4), 1).size(), 1u);
-  const auto seen = visits_of(filled(100, 4, 0, 0));
-  ASSERT_EQ(seen.size(), 1u);
-  EXPECT_EQ(seen[0].n_block_elem, 0);
-  EXPECT_EQ(seen[0].bytes, 24u);
+  const array_t empty = filled(100, 4, 0, 0);
+  EXPECT_EQ(visits_of(empty), (std::vector<visit_t>{{empty->arr_base, 0, 24, 24, 0, 100, 0}}));
 }

@@ -5,8 +5,6 @@
 #include "loader_support.h"
 #include "recovery_driver.h"
 
-// ---- Routes of the catalogue, as the format has them ---------------------------------------------------------------
-
 using older_t = std::string (*)(const std::string &newer);
 
 template <size_t BYTES>
@@ -43,7 +41,7 @@ struct route_t {
   uint16_t rec_type;
   uint8_t from, to;
   uint8_t daflag;  // where the array has nodes; 0: it must have none
-  int newer_bytes, older_bytes;
+  uint32_t newer_bytes, older_bytes;
   older_t older;
 };
 inline const route_t kRoutes[] = {
@@ -59,8 +57,6 @@ inline const route_t kRoutes[] = {
     {"dmt_subject", 20, 1, 0, 0, 4232, 392, older_subject_value},
 };
 
-// ---- Arrays to store -----------------------------------------------------------------------------------------------
-
 struct stored_t {
   std::string stream;
   std::vector<std::string> records;
@@ -68,9 +64,11 @@ struct stored_t {
 };
 
 // With nodes, slots of every status: the last one has an id that nobody took, and its node is zero.
-inline stored_t store(int record_bytes, uint8_t daflag, uint8_t rec_version, uint32_t n_records, int hdr_size = 0) {
+inline stored_t store(uint32_t record_bytes, uint8_t daflag, uint8_t rec_version, uint32_t n_records,
+                      int hdr_size = 0) {
   const uint32_t n_other = daflag != 0 && n_records != 0 ? 1 : 0;
-  const array_t array = slot_array(hdr_size, record_bytes, 3, daflag, static_cast<int>(n_records - n_other));
+  const array_t array =
+      slot_array(hdr_size, static_cast<int>(record_bytes), 3, daflag, static_cast<int>(n_records - n_other));
   static_cast<DynHdr_t *>(array->arr_base)->rec_version = rec_version;
   void *record;
   if (n_other != 0) {
@@ -102,7 +100,7 @@ inline std::string expected_stream(const route_t &route, const stored_t &stored,
   const uint32_t n = static_cast<uint32_t>(stored.records.size());
   std::string stream = {2, static_cast<char>(route.to), 0, 0, 0, 0, static_cast<char>(daflag != 0 ? 60 : 0), 0};
   if (daflag != 0) stream += words({NIL, NIL, NIL, NIL, 0, 0, 0, daflag, 0, 0, 0, 0, 0, 0, 0});
-  stream += words({n, n, n, static_cast<uint32_t>(route.older_bytes)});
+  stream += words({n, n, n, route.older_bytes});
   for (const std::string &record : stored.records) {
     if (daflag != 0) stream += words({TSLB_DA_SLOT_ACTIVE, NIL});
     stream += route.older(record);

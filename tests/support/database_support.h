@@ -15,6 +15,11 @@ inline Stored keep(Database &database, const Store &store) {
   return NewGeneration(database).write_streams(store);
 }
 
+constexpr StoreKind STORE_KINDS[] = {StoreKind::snapshot, StoreKind::shm};
+inline std::string name_of_kind(const testing::TestParamInfo<StoreKind> &kind) {
+  return STORE_NAMES[static_cast<int>(kind.param)];
+}
+
 // With free slots, deleted chunks and an inactive series.
 class SmallDatabase : public Folder {
  protected:

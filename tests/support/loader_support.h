@@ -38,8 +38,6 @@ inline void expect_refused(const loaded_t &loaded, const std::string &error) {
   EXPECT_EQ(loaded.error, error);
 }
 
-// ---- Arrays to store -----------------------------------------------------------------------------------------------
-
 inline void stamp(DynArrHandle_t *array, void *record, int seed) {
   for (uint32_t i = 0; i < get_dyn_arr_record_sz(array); ++i)
     bytes_of(record)[i] = static_cast<char>(seed * 31 + static_cast<int>(i));
@@ -87,8 +85,6 @@ inline array_t chunk_pool(const pool_kind_t &kind, int n_chunks, int tbl_id = BB
   tslb_dynmem_update_free_list(pool.get(), &total, &used, &deleted);
   return pool;
 }
-
-// ---- What comes back -----------------------------------------------------------------------------------------------
 
 // What a host does next, with every result and time in the text that comes back.
 inline std::string go_on_with_slots(DynArrHandle_t *array) {

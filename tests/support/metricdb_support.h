@@ -15,6 +15,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include "check.h"
 #include "loader.h"
 #include "store.h"
@@ -195,5 +196,10 @@ inline double noise(uint64_t number) {
 }
 
 }  // namespace metricdb
+
+using namespace metricdb;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::StartsWith;
 
 #endif

@@ -284,3 +284,5 @@ inline void expect_others_are_served(const RunningServer &server) {
 }
 
 }  // namespace metricdb
+
+using std::chrono::milliseconds;
