@@ -284,8 +284,7 @@ TEST(Ring, ReturnsFromSlotsBeyondIt) {
   EXPECT_EQ(as_word(address), 0u);
 }
 
-// ---- 64-bit addresses
-// -------------------------------------------------------------------------------------------------
+// ---- 64-bit addresses ----------------------------------------------------------------------------------------------
 
 TEST(Chunks64, AddressesAreWholeAndOfAnyOffset) {
   for (const char slot_type : std::initializer_list<char>{0, MPOOL_FLAG_BV}) {
