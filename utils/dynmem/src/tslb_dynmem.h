@@ -40,7 +40,8 @@ typedef struct DynMemHdr_t {
     short pad_bytes;
     /* A big-buffer pool does not leave its slot once memory exists for this many, be others free or not; 0 for no
      * limit. Memory is the direct area, and 16 slots at a time beyond it: so the limit has to be above num_mslot for a
-     * first chunk, and a pool that has come to it takes chunks in its current slot and in no other, for good. */
+     * first chunk, and a pool that has come to it takes chunks in its current slot and in no other, for good. In slot
+     * 255 it is not asked: the process stops. */
     short max_slots;
   };
   u_int32_t mslot_sz;      /* bytes of a slot that chunks can use */
