@@ -281,6 +281,7 @@ int complain(const char *what, int status) {
 
 int main(int argc, char **argv) {
   CLI::App app("tslb-convert: takes the stored array of a file to an older layout", "tslb-convert");
+  app.set_version_flag("--version", "tslb-convert " TSLB_VERSION, "show the version");
   arguments_t arguments;
   add_options(&app, &arguments);
   try {

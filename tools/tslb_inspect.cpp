@@ -148,6 +148,7 @@ void add_options(CLI::App *app, arguments_t *arguments) {
 
 int main(int argc, char **argv) {
   CLI::App app("tslb-inspect: looks into stored arrays and tells what contradicts itself", "tslb-inspect");
+  app.set_version_flag("--version", "tslb-inspect " TSLB_VERSION, "show the version");
   arguments_t arguments;
   add_options(&app, &arguments);
   try {
