@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "list_audit.h"
 #include "pool_support.h"
 #include "stored_image.h"
 #include "threads.h"
@@ -62,12 +63,23 @@ TEST_F(BlockFiles, OldFilesAreCutEmptiedOrTakenOver) {
   EXPECT_EQ(std::string(bytes_of(record), 16), std::string("zzzzzzzzzz") + std::string(6, '\0'));
 }
 
+// An earlier run's bytes_del would meet bytes_used some time, and the slot would be given back with live chunks in it.
 TEST_F(BlockFiles, PoolCountsItsSlotsAnewInAnOldFile) {
   fs::create_directory(dir_ / "metrics");
-  leave(1, std::string(16 * 1016, 'y'));
-  const array_t pool(tslb_init_dynmem(1000, 0, MPOOL_FLAG_COMPAT, MPOOL_TYPE_SHM, 0, "metrics", 12, TSLB_DA_DAFLAG_LL));
-  take(pool, 100);
-  expect_counted(pool, 0, 100, 0);  // nothing of what an earlier run deleted
+  for (const bool wide : {false, true}) {
+    SCOPED_TRACE(wide ? "64-bit address" : "32-bit address");
+    std::string old(16 * 1016, '\0');
+    old[8 + 4] = 100;  // bytes_del of slot 0, after its node
+    leave(1, old);
+    const array_t pool(
+        tslb_init_dynmem(1000, 0, MPOOL_FLAG_COMPAT, MPOOL_TYPE_SHM, 0, "metrics", 12, TSLB_DA_DAFLAG_LL));
+    wide ? static_cast<void>(take64(pool, 100)) : static_cast<void>(take(pool, 100));
+    expect_counted(pool, 0, 100, 0);
+    take(pool, 1000);
+    size_t sums[3];
+    tslb_dynmem_update_free_list(pool.get(), &sums[0], &sums[1], &sums[2]);
+    EXPECT_EQ(status_at(pool.get(), 0), TSLB_DA_SLOT_ACTIVE) << "a slot with a live chunk was given back";
+  }
 }
 
 TEST_F(BlockFiles, RacersForABlockEndUpWithOne) {

@@ -1,7 +1,5 @@
 // Deletion of chunks and the way of emptied slots back to the free list. Other operations are put between a reservation
 // and its counter, ahead of the lock, or into the search through notes.
-#include <dlfcn.h>
-
 #include <thread>
 
 #include "fault_alloc.h"
@@ -9,20 +7,7 @@
 #include "list_audit.h"
 #include "pool_support.h"
 #include "redo_recorder.h"
-
-static bool release_is_met;
-static std::function<void()> before_release;  // of memory, by whoever is next
-
-#ifndef TSLB_SANITIZES_ADDRESS  // which needs its own free before symbols can be looked up
-extern "C" __attribute__((visibility("default"))) void free(void *block) {
-  static const auto real = reinterpret_cast<void (*)(void *)>(dlsym(RTLD_NEXT, "free"));
-  if (release_is_met) {
-    release_is_met = false;
-    before_release();
-  }
-  real(block);
-}
-#endif
+#include "single_step.h"
 
 static void expect_sums(const array_t &pool, size_t used, size_t deleted) {
   size_t sums[] = {1, 1, 1};
@@ -154,6 +139,28 @@ TEST(Sweep, SumsAreThoseOfTheActiveSlotsThatStay) {
   EXPECT_EQ(free_slots(pool), indices_t{0}) << "a slot that never held a chunk stays";
 }
 
+// Between the two loads of a slot's counters the slot is emptied, given back and taken again: a sum of both uses would
+// have more deleted than used.
+TEST(Sweep, CountersAreOfOneUseOfTheSlot) {
+  size_t instructions = 0;
+  for (bool reached = true; reached; ++instructions) {
+    const array_t pool = pool_of({}, 2);
+    const auto chunks = take_several(pool, 2, 500);
+    del(pool, chunks[0]);
+    const maddr_t in_slot_1 = take(pool, 900);  // slot 0 is filled and half deleted
+    size_t total, used, deleted;
+    reached = single_step_t::run(
+        pool.get(), instructions + 1, [&] { tslb_dynmem_update_free_list(pool.get(), &total, &used, &deleted); },
+        [&] {
+          del(pool, chunks[1]);
+          take(pool, 124);  // slot 0 again
+          del(pool, in_slot_1);
+        });
+    ASSERT_LE(deleted, used) << "interrupted at instruction " << instructions + 1;
+  }
+  EXPECT_GT(instructions, 30u) << "the sweep was not interrupted";
+}
+
 // While the sweep waits for the lock to give slot 0 back, the cursor leaves slot 1, which has emptied as well.
 TEST(Sweep, SlotThatTheCursorLeavesMeanwhileIsSeen) {
   const array_t pool = pool_of();
@@ -255,6 +262,23 @@ TEST(Window, SlotsLeftUnsettledAtOnceAreToldApart) {
   EXPECT_EQ(as_word(take(pool, 900)), 1u);
 }
 
+// A host frees the slot of a late chunk itself. The note of it would keep the slot's next use from being given back.
+TEST(Window, NoteDoesNotOutliveTheUseOfItsSlot) {
+  const array_t pool = pool_of();
+  take(pool, 600);
+  uint32_t *const counter = &slot_at(pool, 0).bytes_used;
+  take_late(pool, 0, 300, [&] {
+    take(pool, 900);
+    ASSERT_EQ(tslb_da_free_idx(pool.get(), 0), 0);
+    const maddr_t in_new_use = take(pool, 400);
+    EXPECT_EQ(as_word(in_new_use), 0u);
+    take(pool, 900);
+    del(pool, in_new_use);
+    EXPECT_EQ(free_slots(pool), indices_t{0}) << "a note of the slot's earlier use keeps it";
+  });
+  EXPECT_EQ(*counter - 300, TSLB_DA_NIL_IDX) << "the late counter came into the freed slot's mark";
+}
+
 // The pool's end is the note's as well, which a sanitizer sees. Where no slot is ever given back there is none.
 TEST(Window, NoteThatNobodyAskedAboutGoesWithThePool) {
   for (const kind_t &kind : {kind_t{}, kind_t{.compat = 0}, kind_t{.daflag = 0}}) {
@@ -276,6 +300,8 @@ TEST(Window, CursorAtASlotThatNeverWasIsLeftBehind) {
   EXPECT_EQ(slot_at(pool, 0).bytes_used, 900u);
 }
 
+static uint32_t *late_counter;
+
 // A slot is looked at for deletions after it was found settled, not before: here the late chunk is counted while notes
 // are searched, and an older look would say that everything counted is deleted.
 TEST(Window, CounterThatCatchesUpDuringTheSearchIsSeen) {
@@ -288,12 +314,15 @@ TEST(Window, CounterThatCatchesUpDuringTheSearchIsSeen) {
   const maddr_t late = take_late(pool, 0, 200, [&] {
     take(pool, 700);                                    // slot 0 is noted
     take_late(pool, 1, 200, [&] { take(pool, 900); });  // slot 1 is noted ahead of it, and has settled now
-    before_release = [&] { *counter += 200; };          // the late chunk's, which comes again with it
-    release_is_met = true;
+    late_counter = counter;
+    on_free = [](void *) {
+      on_free = nullptr;
+      *late_counter += 200;  // the late chunk's, which comes again with it
+    };
     del(pool, early);
   });
   *counter -= 200;
-  ASSERT_FALSE(release_is_met) << "no note was dropped";
+  ASSERT_EQ(on_free, nullptr) << "no note was dropped";
   EXPECT_EQ(status_at(pool.get(), 0), TSLB_DA_SLOT_ACTIVE) << "a slot was given away with a live chunk in it";
   expect_counted(pool, 0, 900, 700);
   del(pool, late);

@@ -4,6 +4,7 @@
 #include "fault_alloc.h"
 #include "forced.h"
 #include "pool_support.h"
+#include "single_step.h"
 #include "threads.h"
 
 // A rival fills an entry just ahead of the swap that would.
@@ -46,6 +47,11 @@ TEST(Growth, LoserOfTheTableSwapStepsDownTheRivals) {
   EXPECT_EQ(below[0], block);
 }
 
+// Offset of a chunk under an address of either width.
+static uint32_t take_either(const array_t &pool, int len, bool wide) {
+  return wide ? take64(pool, len).mchunk_idx : take(pool, len).mchunk_idx;
+}
+
 TEST(ChangeOfSlot, CountersAreZeroBeforeTheCursorShowsTheSlot) {
   const array_t pool = pool_of({.compat = 0});
   take(pool, 1000);
@@ -63,9 +69,66 @@ TEST(ChangeOfSlot, RingThatARivalMovedIsNotMovedAgain) {
   EXPECT_EQ(as_word(take(pool, 8)), 10u | (3u << 11)) << "a rival's bytes were handed out twice";
 }
 
-// Offset of a chunk under an address of either width.
-static uint32_t take_either(const array_t &pool, int len, bool wide) {
-  return wide ? take64(pool, len).mchunk_idx : take(pool, len).mchunk_idx;
+// While a thread waits for the lock to leave slot 252, others complete the ring and come round to that slot again. What
+// is true under the lock decides: a 255th slot would be above the ring, and an address of it is handed out twice.
+TEST(ChangeOfSlot, RingThatWasCompletedMeanwhileGetsNoFurtherSlot) {
+  static const struct {
+    const char *fault;
+    int filled;  // of the 64 bytes of slot 252, when it is reached again
+    uint32_t slot, byte_off;
+  } rows[] = {
+      {"slot 254 issued", 64, 253, 0},
+      {"slot left that has room again", 32, 252, 32},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    const array_t pool =
+        pool_of({.compat = 0, .daflag = 0, .slot_type = MPOOL_FLAG_BV, .mem_type = MPOOL_TYPE_DRAM_TMP}, 4, 64);
+    take_several(pool, 253, 64);
+    before_lock.arm(&pool->spinlock, [&] {
+      stdout_of([&] { take_several(pool, 1 + 252, 64); });
+      take(pool, row.filled);
+      ASSERT_EQ(cursor_slot(pool), 252u);
+    });
+    EXPECT_EQ(as_word(take(pool, 32)), row.slot | row.byte_off / 8 << 11);
+    EXPECT_EQ(tslb_da_get_size(pool.get()), 254u);
+  }
+}
+
+// The same in a pool with lists: the slot was given back and taken again, and half of it is free.
+TEST(ChangeOfSlot, SlotThatCameRoundWithRoomIsNotLeft) {
+  for (const bool wide : {false, true}) {
+    const array_t pool = pool_of();
+    const maddr_t first = take(pool, 900);
+    before_lock.arm(&pool->spinlock, [&] {
+      take(pool, 900);
+      del(pool, first);
+      EXPECT_EQ(as_word(take(pool, 500)), 0u);
+    });
+    EXPECT_EQ(take_either(pool, 400, wide), 500u);
+    EXPECT_EQ(cursor_slot(pool), 0u);
+    EXPECT_EQ(tslb_da_get_size(pool.get()), 2u);
+  }
+}
+
+// A pool reaches its limit with the slot that another thread has just taken, which has room.
+TEST(ChangeOfSlot, LimitRefusesNothingThatTheCurrentSlotCanHold) {
+#ifdef TSLB_SANITIZES_THREAD
+  GTEST_SKIP() << "signals are delayed here";
+#endif
+  size_t instructions = 0;
+  for (bool reached = true; reached; ++instructions) {
+    // Small slots: the C library clears the new block one step for each byte.
+    const array_t pool = pool_of({.max_slots = 8}, 4, 64);
+    take_several(pool, 4, 64);
+    maddr_t address = {};
+    void *chunk = nullptr;
+    reached = single_step_t::run(
+        pool.get(), instructions + 1, [&] { chunk = tslb_dynmem_get_mchunk(pool.get(), &address, 8, srcaddr_t{}); },
+        [&] { take(pool, 24); });
+    ASSERT_NE(chunk, nullptr) << "interrupted at instruction " << instructions + 1;
+  }
+  EXPECT_GT(instructions, 30u) << "the allocation was not interrupted";
 }
 
 TEST(ChangeOfSlot, LoserUsesTheRivals) {

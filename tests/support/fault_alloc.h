@@ -1,5 +1,5 @@
-// Lets the n-th allocation fail. Interposes calloc and malloc of the whole program, and acts on the calling
-// thread alone while a fault_t lives.
+// Lets the n-th allocation fail. Interposes calloc, malloc and free of the whole program, and acts on the
+// calling thread alone.
 #ifndef TSLB_TESTS_FAULT_ALLOC_H
 #define TSLB_TESTS_FAULT_ALLOC_H
 
@@ -13,5 +13,9 @@ struct fault_t {
 
 // Allocations of the calling thread since its start.
 unsigned long allocations_so_far();
+
+// Called with each block that the calling thread is about to free, while it is set. Not under a sanitizer, which needs
+// its own free before symbols can be looked up.
+extern __thread void (*on_free)(void *block);
 
 #endif

@@ -18,12 +18,26 @@ static void release_block(const DynArrHandle_t *array, void *block, size_t bytes
     free(block);
 }
 
-// Gives back the tables below one, children before parents, and that one. The blocks are gone already.
-static void release_tables(void **table, unsigned tiers) {
-  for (uint32_t i = 0; tiers > 1 && i < ENTRIES_PER_TABLE; ++i) {
-    if (table[i] != nullptr) release_tables(static_cast<void **>(table[i]), tiers - 1);
+// Releases what hangs below a table with `tiers` of tables above the blocks (this one counted), and then the table. An
+// empty entry between others is what a lookup left that was refused memory.
+static void release_tree(const DynArrHandle_t *array, void **table, unsigned tiers, size_t block_bytes) {
+  for (uint32_t i = 0; i < ENTRIES_PER_TABLE; ++i) {
+    if (table[i] == nullptr) continue;
+    if (tiers > 1)
+      release_tree(array, static_cast<void **>(table[i]), tiers - 1, block_bytes);
+    else
+      release_block(array, table[i], block_bytes);
   }
   free(table);
+}
+
+static void release_levels(const DynArrHandle_t *array, size_t block_bytes) {
+  void **const roots = reinterpret_cast<void **>(array->ir_base);
+  for (unsigned level = 1; level <= LEVELS; ++level) {
+    void *const root = roots[level - 1];
+    if (root != nullptr) release_tree(array, static_cast<void **>(root), level, block_bytes);
+  }
+  free(roots);
 }
 
 void destroy_dyn_arr(DynamicArray_t array) {
@@ -31,17 +45,7 @@ void destroy_dyn_arr(DynamicArray_t array) {
   // Sizes first: they stand in block 0, whose number of slots the handle knows on its own.
   const size_t slot_bytes = slot_bytes_of(array);
   const size_t block0_bytes = header_bytes_of(array) + slot_bytes * array->n_direct;
-  walk_data_blocks(array, [&](void *block, unsigned) {
-    release_block(array, block, slot_bytes * SLOTS_PER_BLOCK);
-    return true;
-  });
-  if (array->ir_base != nullptr) {
-    void **const roots = reinterpret_cast<void **>(array->ir_base);
-    for (unsigned level = 1; level <= LEVELS; ++level) {
-      if (roots[level - 1] != nullptr) release_tables(static_cast<void **>(roots[level - 1]), level);
-    }
-    free(roots);
-  }
+  if (array->ir_base != nullptr) release_levels(array, slot_bytes * SLOTS_PER_BLOCK);
   for (unsettled_slot_t *slot = private_of(array)->unsettled; slot != nullptr;) {
     unsettled_slot_t *const next = slot->next;
     free(slot);

@@ -81,9 +81,16 @@ static inline chunk_place_t decode_address(const DynMemHdr_t *hdr, maddr_t addre
   return is_bitvector(hdr) ? decode_bitvector(address) : decode_bigbuffer(address);
 }
 
-// Remembers that a slot stopped being current with so many bytes reserved in it, if not all have reached its counter
-// yet. Under the spin lock.
+// Notes that a slot stopped being current with `end.byte_off` bytes reserved in it, if not all of them have reached its
+// counter yet. Under the spin lock.
 void note_slot_left(dynmem_t *pool, chunk_place_t end);
+
+// Drops what was noted of an index whose slot becomes current again: a host can free a slot itself, and a note of its
+// earlier use would keep the new one from being released. Under the spin lock.
+void forget_notes_of(dynmem_t *pool, uint32_t slot_idx);
+static inline void forget_slot_left(dynmem_t *pool, uint32_t slot_idx) {
+  if (private_of(pool)->unsettled != nullptr) forget_notes_of(pool, slot_idx);
+}
 
 static inline MemSlot_t *slot_of(dynmem_t *pool, uint32_t slot_idx) {
   return static_cast<MemSlot_t *>(slot_ptr_of(pool, slot_idx));

@@ -25,20 +25,25 @@ constexpr const char *ALLOCATOR32 = "tslb_dynmem_get_mchunk";
 
 // ---- Reservation --------------------------------------------------------------------------------------------------
 
+// Whether the current slot can hold a chunk of `len` bytes. Slots above `last_slot` count as full, because the caller's
+// addresses cannot name them; NO_SLOT, the largest number, is above all.
+static inline bool has_room(const DynMemHdr_t *hdr, uint64_t cursor, uint32_t len, uint32_t last_slot) {
+  return hdr->mslot_sz - cursor_off(cursor) >= len && cursor_slot(cursor) <= last_slot;
+}
+
 enum claim_t { CLAIM_WON, CLAIM_RACED, CLAIM_NO_ROOM };
 
-// One attempt to reserve `len` bytes at the cursor, which is told in `*seen` as it was. Slots above `last_slot` have no
-// room for whoever cannot name them; NO_SLOT, the largest number, is above all.
+// Tries once to reserve `len` bytes at the cursor. `*seen` receives the cursor as it was read.
 static inline claim_t try_claim(DynMemHdr_t *hdr, uint32_t len, uint32_t last_slot, uint64_t *seen) {
   // Relaxed: nothing is read through these bits before the swap, and the swap is a full barrier.
   *seen = get64(&hdr->cur_slot_addr);
-  if (hdr->mslot_sz - cursor_off(*seen) < len || cursor_slot(*seen) > last_slot) return CLAIM_NO_ROOM;
+  if (!has_room(hdr, *seen, len, last_slot)) return CLAIM_NO_ROOM;
   // The sum stays in the upper half: a slot's size bounds it.
   return cas64(&hdr->cur_slot_addr, *seen, *seen + cursor_of(0, len)) != 0 ? CLAIM_WON : CLAIM_RACED;
 }
 
-// What is to be done about a slot without room.
-enum no_room_t { TAKE_NEW_SLOT, TRY_AGAIN, REFUSE };
+// What a caller does when the current slot has no room.
+enum no_room_t { CHANGE_SLOT, TRY_AGAIN, REFUSE };
 
 [[noreturn]] __attribute__((noinline, cold)) static void stop_exhausted(dynmem_t *pool) {
   if (is_bitvector(pool_hdr_of(pool)))
@@ -50,22 +55,23 @@ enum no_room_t { TAKE_NEW_SLOT, TRY_AGAIN, REFUSE };
   abort();
 }
 
-// Moves the cursor of a ring whose slots all exist to the next one. One attempt: if it fails, another thread moved it.
-// Under the lock, so that the slot half of a cursor changes nowhere else: a thread that is still setting up the ring's
-// last slot must not find it taken.
-static no_room_t no_room_in_ring(dynmem_t *pool, DynMemHdr_t *hdr, uint64_t seen, uint32_t n_used) {
-  const uint32_t slot_idx = cursor_slot(seen);
-  // Above the last one is where 64-bit chunks of the same pool have gone.
-  const bool wraps = slot_idx >= RING_SLOTS - 1 && slot_idx != NO_SLOT;
-  if (wraps) puts("Bitvect tmp pool, switching into slot it 0");
-  // n_used may be stale: where it stands at less although the last slot was seen, the next attempt reads it anew.
-  if (n_used < RING_SLOTS) return wraps ? TRY_AGAIN : TAKE_NEW_SLOT;
-  spin_lock(&pool->spinlock);
-  const uint32_t next_slot = wraps ? 0 : slot_idx + 1;
+// Where a ring goes from a slot. Slots above the ring hold 64-bit chunks of the same pool.
+static uint32_t slot_after(uint32_t slot_idx) {
+  return slot_idx >= RING_SLOTS - 1 && slot_idx != NO_SLOT ? 0 : slot_idx + 1;
+}
+
+static no_room_t no_room_in_ring(uint32_t slot_idx) {
+  if (slot_idx != NO_SLOT && slot_after(slot_idx) == 0) puts("Bitvect tmp pool, switching into slot it 0");
+  return CHANGE_SLOT;
+}
+
+// Moves the cursor of a complete ring from `seen` to the next slot. One attempt: it fails if another thread reserved in
+// the old slot meanwhile, and the caller's next attempt sees the cursor as it is then. Under the lock, like every change
+// of the cursor's slot.
+static void step_ring(dynmem_t *pool, DynMemHdr_t *hdr, uint64_t seen) {
+  const uint32_t next_slot = slot_after(cursor_slot(seen));
   if (cas64(&hdr->cur_slot_addr, seen, cursor_of(next_slot, 0)) != 0)
-    TSLB_PROBE_POOL_SLOT(pool, next_slot, slot_idx, cursor_off(seen));
-  spin_unlock(&pool->spinlock);
-  return TRY_AGAIN;
+    TSLB_PROBE_POOL_SLOT(pool, next_slot, cursor_slot(seen), cursor_off(seen));
 }
 
 static no_room_t no_room_in_bitvector(dynmem_t *pool, uint32_t slot_idx) {
@@ -73,15 +79,17 @@ static no_room_t no_room_in_bitvector(dynmem_t *pool, uint32_t slot_idx) {
   if (slot_idx != NO_SLOT && slot_idx > 0 && slot_idx % BITVEC_WARN_SLOTS == 0)
     fprintf(stderr, "%s:%s:%d: BitVector overusage Warning: %s [%s], it has already used %d slot index.\n",
             __FILE_NAME__, ALLOCATOR32, __LINE__, "Bitvect pool", tslb_print_poolhdr(pool), static_cast<int>(slot_idx));
-  return TAKE_NEW_SLOT;
+  return CHANGE_SLOT;
 }
 
-static no_room_t no_room_in_bigbuffer(dynmem_t *pool, DynMemHdr_t *hdr, uint32_t slot_idx) {
-  if (slot_idx == BIGBUF_LAST_SLOT) stop_exhausted(pool);
-  // Against the slots that memory exists for, and sign-extended: a negative limit never limits.
-  if (hdr->max_slots != 0 && get32(&arr_hdr_of(pool)->n_alloc) >= static_cast<uint32_t>(int32_t{hdr->max_slots}))
-    return REFUSE;
-  return TAKE_NEW_SLOT;
+static no_room_t no_room_in_bigbuffer(dynmem_t *pool, DynMemHdr_t *hdr, uint64_t seen) {
+  if (cursor_slot(seen) == BIGBUF_LAST_SLOT) stop_exhausted(pool);
+  // Compared with the slots that memory exists for, and sign-extended: a negative limit never limits.
+  const bool at_limit =
+      hdr->max_slots != 0 && get32(&arr_hdr_of(pool)->n_alloc) >= static_cast<uint32_t>(int32_t{hdr->max_slots});
+  if (!at_limit) return CHANGE_SLOT;
+  // The slot that brought the pool to its limit can be a new current slot, with room: the cursor shows it.
+  return get64(&hdr->cur_slot_addr) == seen ? REFUSE : TRY_AGAIN;
 }
 
 // ---- Address policies ---------------------------------------------------------------------------------------------
@@ -92,19 +100,13 @@ struct address32_t {
   using source_t = srcaddr_t;
   using header_t = compat_t;
   static constexpr const char *FUNCTION = ALLOCATOR32;
-  static constexpr bool CLEARS_DELETED = true;
 
-  // Slots that exist, read ahead of the cursor (acquire keeps the two in this order): a ring whose last slot was seen
-  // full is then at worst seen as not complete yet, and looked at again.
-  static uint32_t slots_ahead_of_cursor(dynmem_t *pool) {
-    return __atomic_load_n(static_cast<uint32_t *>(static_cast<void *>(&arr_hdr_of(pool)->n_used)), __ATOMIC_ACQUIRE);
-  }
-
-  static no_room_t no_room(dynmem_t *pool, DynMemHdr_t *hdr, uint64_t seen, uint32_t n_used) {
-    if (is_ring(pool)) return no_room_in_ring(pool, hdr, seen, n_used);
+  static no_room_t no_room(dynmem_t *pool, DynMemHdr_t *hdr, uint64_t seen) {
+    if (is_ring(pool)) return no_room_in_ring(cursor_slot(seen));
     if (is_bitvector(hdr)) return no_room_in_bitvector(pool, cursor_slot(seen));
-    return no_room_in_bigbuffer(pool, hdr, cursor_slot(seen));
+    return no_room_in_bigbuffer(pool, hdr, seen);
   }
+  static bool goes_round(const dynmem_t *pool) { return is_complete_ring(pool); }
 
   // In a pool with lists the current slot can be a reused one below the limit while the ids stand at it: then it is
   // the fresh index that no address can have.
@@ -136,10 +138,9 @@ struct address64_t {
   using source_t = srcaddr64_t;
   using header_t = compat64_t;
   static constexpr const char *FUNCTION = "tslb_dynmem_get_mchunk64";
-  static constexpr bool CLEARS_DELETED = false;  // a slot comes from the slot layer with 0 there
 
-  static uint32_t slots_ahead_of_cursor(dynmem_t *) { return 0; }
-  static no_room_t no_room(dynmem_t *, DynMemHdr_t *, uint64_t, uint32_t) { return TAKE_NEW_SLOT; }
+  static no_room_t no_room(dynmem_t *, DynMemHdr_t *, uint64_t) { return CHANGE_SLOT; }
+  static bool goes_round(const dynmem_t *) { return false; }
   static uint32_t last_slot(const DynMemHdr_t *) { return NO_SLOT - 1; }
   static void assert_slot(MemSlot_t *cur_mslot) { assert(cur_mslot); }
 
@@ -157,27 +158,33 @@ struct address64_t {
 
 // ---- New slot ------------------------------------------------------------------------------------------------------
 
-// Makes a new slot current, with the caller's `chunk_sz` bytes at its start reserved. Null if another thread moved the
-// cursor away from `cslot_idx` first; the caller tries again then.
+// Leaves the current slot, which the caller saw as `cslot_idx` without room for `chunk_sz` bytes. Makes a new slot
+// current with these bytes reserved at its start and returns it. Returns null if the caller has to try again: another
+// thread moved the cursor first, or the cursor moved to the next slot of a complete ring.
 template <class Address>
 static MemSlot_t *tslb_dynmem_get_newslot(dynmem_t *dynmem_handle, DynMemHdr_t *dynmem_hdr, uint32_t cslot_idx,
                                           uint32_t *new_mslot_idx_ref, uint32_t chunk_sz) {
+  const uint32_t last_slot = Address::last_slot(dynmem_hdr);
   spin_lock(&dynmem_handle->spinlock);
-  // The slot index alone: what others reserved in the same slot meanwhile does not matter.
+  // What the caller saw can be old. The slot index decides, and a slot that came round again with room is not left.
   uint64_t seen = get64(&dynmem_hdr->cur_slot_addr);
-  if (cursor_slot(seen) != cslot_idx) {
+  const bool is_stale = cursor_slot(seen) != cslot_idx || has_room(dynmem_hdr, seen, chunk_sz, last_slot);
+  // Whether a ring is complete is read here too: ids of a pool are issued under this lock.
+  if (is_stale || Address::goes_round(dynmem_handle)) {
+    if (!is_stale) step_ring(dynmem_handle, dynmem_hdr, seen);
     spin_unlock(&dynmem_handle->spinlock);
     return nullptr;
   }
   MemSlot_t *const slot = static_cast<MemSlot_t *>(tslb_da_get_newptr_ex(dynmem_handle, new_mslot_idx_ref, 0));
   Address::assert_slot(slot);
-  if (*new_mslot_idx_ref > Address::last_slot(dynmem_hdr)) stop_exhausted(dynmem_handle);
-  // Ahead of the cursor: a reservation by another thread must not be wiped out. The first word also loses the mark that
-  // slot allocation left there.
+  if (*new_mslot_idx_ref > last_slot) stop_exhausted(dynmem_handle);
+  // Before the cursor moves: a reservation by another thread must not be wiped out. The first word also loses the mark
+  // that slot allocation left there. A new id in a block file that existed before brings old bytes in both words.
   set32(&slot->bytes_used, 0);
-  if (Address::CLEARS_DELETED) set32(&slot->bytes_del, 0);
-  // Rivals can still reserve in the old slot until this swap, and no longer after it: the offset that it replaces is
-  // all that was ever reserved there.
+  set32(&slot->bytes_del, 0);
+  forget_slot_left(dynmem_handle, *new_mslot_idx_ref);
+  // Other threads can reserve in the old slot until this swap and not after it: the offset that it replaces is all that
+  // was ever reserved there.
   const uint64_t moved = cursor_of(*new_mslot_idx_ref, chunk_sz);
   while (cas64(&dynmem_hdr->cur_slot_addr, seen, moved) == 0) seen = get64(&dynmem_hdr->cur_slot_addr);
   TSLB_PROBE_POOL_SLOT(dynmem_handle, *new_mslot_idx_ref, cslot_idx, cursor_off(seen));
@@ -186,7 +193,9 @@ static MemSlot_t *tslb_dynmem_get_newslot(dynmem_t *dynmem_handle, DynMemHdr_t *
   return slot;
 }
 
-// The pool's size after a new slot. One attempt, no retry: a rival's figure is as good.
+// The pool's size after a new slot. One attempt, no retry: if another thread's size replaced the one read here, that one
+// stays, also if it is smaller. total_msz and the growth records are therefore approximate under concurrency; a host logs
+// the pool's header with each batch.
 template <class Address>
 static void account_new_slot(dynmem_t *pool, DynMemHdr_t *hdr, uint32_t slot_idx) {
   const uint64_t size = Address::grown_size(pool, slot_idx);
@@ -229,13 +238,13 @@ struct won_t {
   chunk_place_t place;
 };
 
-// Deals with a slot that was seen without room: makes a new one with the chunk at its start, or leaves `won` empty for
-// another attempt. False if the request is refused.
+// Handles a slot that was seen without room: takes a new one with the chunk at its start, or leaves `won` empty for
+// another attempt. Returns false if the request is refused.
 template <class Address>
-__attribute__((noinline, cold)) static bool change_slot(dynmem_t *pool, DynMemHdr_t *hdr, uint64_t seen,
-                                                        uint32_t n_used, uint32_t len, won_t *won) {
-  const no_room_t answer = Address::no_room(pool, hdr, seen, n_used);
-  if (answer != TAKE_NEW_SLOT) return answer != REFUSE;
+__attribute__((noinline, cold)) static bool change_slot(dynmem_t *pool, DynMemHdr_t *hdr, uint64_t seen, uint32_t len,
+                                                        won_t *won) {
+  const no_room_t answer = Address::no_room(pool, hdr, seen);
+  if (answer != CHANGE_SLOT) return answer != REFUSE;
   won->place.byte_off = 0;
   won->slot = tslb_dynmem_get_newslot<Address>(pool, hdr, cursor_slot(seen), &won->place.slot_idx, len);
   if (won->slot != nullptr) account_new_slot<Address>(pool, hdr, won->place.slot_idx);
@@ -250,18 +259,16 @@ static inline won_t won_at(dynmem_t *pool, uint64_t cursor) {
   return {slot, {cursor_slot(cursor), cursor_off(cursor)}};
 }
 
-// Attempts until one succeeds, with what has to be known about a slot without room; a null slot if the request is
-// refused.
+// Tries until a reservation succeeds, and leaves slots without room. A null slot if the request is refused.
 template <class Address>
 __attribute__((noinline, cold)) static won_t win_later(dynmem_t *pool, DynMemHdr_t *hdr, uint32_t len) {
   won_t won = {nullptr, {0, 0}};
   while (won.slot == nullptr) {
-    const uint32_t n_used = Address::slots_ahead_of_cursor(pool);
     uint64_t seen;
     const claim_t claim = try_claim(hdr, len, Address::last_slot(hdr), &seen);
     if (claim == CLAIM_WON)
       won = won_at<Address>(pool, seen);
-    else if (claim == CLAIM_NO_ROOM && !change_slot<Address>(pool, hdr, seen, n_used, len, &won))
+    else if (claim == CLAIM_NO_ROOM && !change_slot<Address>(pool, hdr, seen, len, &won))
       return {nullptr, {0, 0}};
   }
   return won;

@@ -23,16 +23,27 @@ static bool has_settled(const MemSlot_t *slot, uint32_t bytes_reserved) {
   return get32(&slot->bytes_used) >= bytes_reserved;
 }
 
-static void drop_settled(dynmem_t *pool) {
+template <class Predicate>
+static void drop_notes(dynmem_t *pool, Predicate is_done) {
   for (unsettled_slot_t **at = &private_of(pool)->unsettled; *at != nullptr;) {
     unsettled_slot_t *const noted = *at;
-    if (!has_settled(slot_of(pool, noted->slot_idx), noted->bytes_reserved)) {
+    if (!is_done(noted)) {
       at = &noted->next;
       continue;
     }
     *at = noted->next;
     free(noted);
   }
+}
+
+static void drop_settled(dynmem_t *pool) {
+  drop_notes(pool, [=](const unsettled_slot_t *noted) {
+    return has_settled(slot_of(pool, noted->slot_idx), noted->bytes_reserved);
+  });
+}
+
+void forget_notes_of(dynmem_t *pool, uint32_t slot_idx) {
+  drop_notes(pool, [=](const unsettled_slot_t *noted) { return noted->slot_idx == slot_idx; });
 }
 
 void note_slot_left(dynmem_t *pool, chunk_place_t end) {
@@ -117,16 +128,33 @@ void tslb_dynmem_del_mchunk(dynmem_t *dynmem_handle, maddr_t maddr) {
   delete_chunk(dynmem_handle, decode_bigbuffer(maddr));
 }
 
+// The two counters of a slot, both of one moment.
+struct slot_counts_t {
+  uint32_t bytes_used, bytes_del;
+};
+
+// A slot that is released and taken again between two loads mixes the counts of two uses, so the pair is read until two
+// readings agree. More deleted than used is accepted then: a stored pool can say so.
+static slot_counts_t read_counts(const MemSlot_t *slot) {
+  slot_counts_t last = {get32(&slot->bytes_used), 0};
+  for (bool agrees = false; !agrees;) {
+    // Acquire: bytes_used is read after the deletions that bytes_del counts, and includes their chunks.
+    const uint32_t bytes_del = __atomic_load_n(&slot->bytes_del, __ATOMIC_ACQUIRE);
+    const uint32_t bytes_used = __atomic_load_n(&slot->bytes_used, __ATOMIC_ACQUIRE);
+    agrees = bytes_used == last.bytes_used && (bytes_del == last.bytes_del || bytes_del <= bytes_used);
+    last = {bytes_used, bytes_del};
+  }
+  return last;
+}
+
 static inline void sweep_slot(dynmem_t *pool, uint32_t slot_idx, MemSlot_t *slot, size_t *used_sz, size_t *del_sz) {
   if (status_of(slot) != TSLB_DA_SLOT_ACTIVE) return;
   if (looks_empty(slot) && !is_current(pool, slot_idx) && release_if_empty(pool, slot_idx, slot)) return;
-  // Deleted first: what is added and deleted between the two readings must not come out as more deleted than used. A
-  // slot that is being set up still shows the slot layer's mark in place of a count.
-  const uint32_t bytes_del = __atomic_load_n(&slot->bytes_del, __ATOMIC_ACQUIRE);
-  const uint32_t bytes_used = get32(&slot->bytes_used);
-  if (bytes_used == GATEKEEPER) return;
-  *used_sz += bytes_used;
-  *del_sz += bytes_del;
+  const slot_counts_t counts = read_counts(slot);
+  // A slot that is being set up still shows the slot layer's mark in place of a count.
+  if (counts.bytes_used == GATEKEEPER) return;
+  *used_sz += counts.bytes_used;
+  *del_sz += counts.bytes_del;
 }
 
 void tslb_dynmem_update_free_list(dynmem_t *dynmem_handle, size_t *total_sz, size_t *used_sz, size_t *del_sz) {
