@@ -12,6 +12,7 @@ set(TSLB_PUBLIC_HEADERS
   utils/common/src/tslb_settings.h
   utils/common/src/tslb_util.h
   utils/common/src/tslb_util_common.h
+  utils/common/src/tslb_version.h
   utils/dynarr/src/dynamic_array.h
   utils/dynarr/src/tslb_atomics.h
   utils/dynarr/src/tslb_dynarr.h
@@ -21,6 +22,7 @@ set(TSLB_PUBLIC_HEADERS
 set(TSLB_HOST_PUBLIC_HEADERS
   host/array_check.h
   host/array_loader.h
+  host/array_settle.h
   host/block_files.h
   host/recovery_driver.h
   host/redo_applier.h)

@@ -88,7 +88,8 @@ bool applier_t::is_addressed() {
 
 // ---- Growth --------------------------------------------------------------------------------------------------------
 
-// The record's position is a size. In a pool without nodes nothing else says that a slot was taken.
+// The record's position is a size. In a pool without nodes nothing else says that a slot was taken. There sizes only grow,
+// and a smaller one was written by a thread that was overtaken. With nodes a 64-bit chunk in a reused slot lowers the size.
 bool applier_t::apply_growth() {
   if (!is_pool()) return refuse("growth of an array that is no pool");
   if (record_->data_sz != 0) return refuse("growth with %u bytes", record_->data_sz);
@@ -97,7 +98,8 @@ bool applier_t::apply_growth() {
   if (size < header_bytes() || size > header_bytes() + slots * slot_bytes_)
     return refuse("growth to a size that %llu slots do not have", static_cast<unsigned long long>(slots));
   if (lli_sz_ == 0 && !make_slots((size - header_bytes()) / slot_bytes_)) return false;
-  static_cast<DynMemHdr_t *>(tslb_da_get_usrhdr(array_))->total_msz = size;
+  DynMemHdr_t *const pool = static_cast<DynMemHdr_t *>(tslb_da_get_usrhdr(array_));
+  if (lli_sz_ != 0 || size > pool->total_msz) pool->total_msz = size;
   return true;
 }
 

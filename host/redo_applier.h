@@ -3,6 +3,10 @@
  * them, makes the replica what the logged array was, as far as it was logged: what the library does not log of itself,
  * the host has to (tslb_dynarr.h), and n_alloc is always the replica's own.
  *
+ * Growth records alone do not make a replica of a pool without nodes: if several threads take slots at the same moment,
+ * no record may name the highest one. A host logs the pool's header with each batch. Of two growth records of such a pool
+ * the larger size stays.
+ *
  * Nothing in a record is trusted. Each is compared with the geometry of the replica and stays within one slot or is all
  * of the headers. What the bytes mean, list roots, links and a pool's cursor, is only true of the end of a batch and
  * not of each record: array_check.h looks at it there. Until then nothing may use the replica but this. */

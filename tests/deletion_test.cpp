@@ -2,6 +2,7 @@
 // and its counter, ahead of the lock, or into the search through notes.
 #include <thread>
 
+#include "array_settle.h"
 #include "fault_alloc.h"
 #include "forced.h"
 #include "list_audit.h"
@@ -424,6 +425,57 @@ TEST(Window, DeletionDecidesUnderTheLock) {
     EXPECT_EQ(status_at(pool.get(), 0), TSLB_DA_SLOT_ACTIVE) << "a slot that is in use again was given back";
     EXPECT_EQ(slot_at(pool, 0).bytes_used, 900u);
     EXPECT_TRUE(free_slots(pool).empty());
+  }
+}
+
+// A process that ended between a reservation and its counter: the pool comes back with its cursor beyond bytes_used. The
+// bytes are nobody's, and without array_settle the slot that they lie in would never be given back.
+TEST(ArraySettle, SlotOfAPoolThatCameBackIsGivenBack) {
+  static const struct {
+    const char *fault;
+    uint32_t used, reserved, settled_used, settled_del;
+  } rows[] = {
+      {"reserved bytes that nobody accounts for", 750, 900, 900, 150},
+      {"nothing is missing", 750, 750, 750, 0},
+      {"more than reserved, as in a ring", 750, 600, 750, 0},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    const array_t pool = pool_of();
+    const auto filled = take_several(pool, 3);
+    set_cursor(pool, 0, row.reserved);
+    redo_recorder_t log;
+    EXPECT_EQ(array_settle(pool.get()), 0);
+    EXPECT_EQ(array_settle(pool.get()), 0);
+    EXPECT_TRUE(log.take().empty());
+    expect_counted(pool, 0, row.settled_used, row.settled_del);
+    take(pool, 900);
+    del(pool, filled);
+    EXPECT_EQ(free_slots(pool), indices_t{0});
+  }
+  const array_t fresh = pool_of();
+  EXPECT_EQ(array_settle(fresh.get()), 0);
+  set_cursor(fresh, 50, 900);
+  EXPECT_EQ(array_settle(fresh.get()), -1) << "a cursor at a slot that does not exist";
+  // User headers that are no pool's: of another size, and of the same size with other contents.
+  for (const int header_bytes : {60, 56}) {
+    const array_t other(
+        get_default_dyn_array_ex(header_bytes, 1008, 4, MPOOL_TYPE_DRAM, 0, nullptr, TSLB_DA_DAFLAG_LL));
+    void *record;
+    get_dyn_arr_new_record_id_ex(other.get(), &record, TSLB_DA_DAFLAG_LL);
+    const DynMemHdr_t hdr = {.flag = 0,
+                             .pad_byte = 0,
+                             .pad_bytes = 0,
+                             .mslot_sz = header_bytes == 60 ? 1000u : 999u,
+                             .cur_slot_addr = uint64_t{900} << 32,
+                             .total_msz = 0,
+                             .total_mused = 0,
+                             .total_mwast = 0,
+                             .total_mdel = 0,
+                             .total_mavail = 0};
+    memcpy(get_user_hdr(other.get()), &hdr, sizeof(hdr));
+    EXPECT_EQ(array_settle(other.get()), 0);
+    EXPECT_EQ(read_at<uint64_t>(record, 0), 0u) << "a record was taken for a slot of a pool";
   }
 }
 

@@ -263,7 +263,13 @@ TEST(RedoApplier, GrowthMakesSlots) {
   pair.follow();
   EXPECT_EQ(tslb_da_get_size(pair.replica()), 20u);
   EXPECT_EQ(tslb_da_get_total_size(pair.replica()), tslb_da_get_total_size(pair.source()));
-  EXPECT_EQ(static_cast<DynMemHdr_t *>(tslb_da_get_usrhdr(pair.replica()))->total_msz, 80u + 20 * 1008);
+  const DynMemHdr_t *const hdr = static_cast<const DynMemHdr_t *>(tslb_da_get_usrhdr(pair.replica()));
+  EXPECT_EQ(hdr->total_msz, 80u + 20 * 1008);
+  // The record of a thread that was overtaken names a smaller size.
+  const redo_args_t late = {1, TSLB_REDO_GROWTH, kName, strlen(kName), 3, 80 + 19 * 1008, 0xFFFFFFFFu, nullptr, 0};
+  char error[256];
+  EXPECT_EQ(redo_apply(pair.replica(), &late, ARRAY_LOAD_POOL, 100, error, sizeof(error)), 0) << error;
+  EXPECT_EQ(hdr->total_msz, 80u + 20 * 1008) << "the pool shrinks";
 }
 
 // ---- Refusals ------------------------------------------------------------------------------------------------------

@@ -19,6 +19,7 @@
 #include "recovery_driver.h"
 #include "refusal.h"
 #include "tsdb_recovery_version_compatibility.h"
+#include "tslb_version.h"
 #include "tslb_dynarr.h"
 
 namespace {
@@ -281,7 +282,7 @@ int complain(const char *what, int status) {
 
 int main(int argc, char **argv) {
   CLI::App app("tslb-convert: takes the stored array of a file to an older layout", "tslb-convert");
-  app.set_version_flag("--version", "tslb-convert " TSLB_VERSION, "show the version");
+  app.set_version_flag("--version", "tslb-convert " TSLB_VERSION_STRING, "show the version");
   arguments_t arguments;
   add_options(&app, &arguments);
   try {

@@ -19,6 +19,7 @@
 #include "inspect/analysis.h"
 #include "inspect/render.h"
 #include "refusal.h"
+#include "tslb_version.h"
 
 namespace {
 
@@ -148,7 +149,7 @@ void add_options(CLI::App *app, arguments_t *arguments) {
 
 int main(int argc, char **argv) {
   CLI::App app("tslb-inspect: looks into stored arrays and tells what contradicts itself", "tslb-inspect");
-  app.set_version_flag("--version", "tslb-inspect " TSLB_VERSION, "show the version");
+  app.set_version_flag("--version", "tslb-inspect " TSLB_VERSION_STRING, "show the version");
   arguments_t arguments;
   add_options(&app, &arguments);
   try {

@@ -84,7 +84,7 @@ extern TSLB_API const char *g_tstl_module_names[TSTL_NUM_MODULES];
  * component, severity, file_name, line, function
  *               where the line comes from.
  * format, ...   the text, as printf takes it.
- * Threads       any number at once. */
+ * Threads       any number at once. Does not throw: the library has no exceptions. */
 TSLB_API int tslb_mt_trace_log(void *log_key, const char *module_name, int32_t level, int64_t request_id,
                                const char *component, const char *severity, const char *file_name, int32_t line,
                                const char *function, const char *format, ...) __attribute__((format(printf, 10, 11)));

@@ -50,7 +50,7 @@ TSLB_API void *tsdb_recovery_version_get_downgrade_fn_ptr(uint16_t rec_type, uin
 /* Writes the versions of g_old_vermap to the trace log. Result: NULL. */
 TSLB_API void *tsdb_print_old_version_tb(void);
 
-/* Brings the whole content of h_mpool_prev into h_mpool_cur. Defined by the host.
+/* Brings the whole content of h_mpool_prev into h_mpool_cur. Defined by the host. Does not throw.
  *
  * cbargs  a TSDBVerCBArgs_t. */
 TSLB_API void tsdb_recov_version_copy_rc(void *cbargs);

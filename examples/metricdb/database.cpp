@@ -1,6 +1,7 @@
 #include "database.h"
 
 #include <array_loader.h>
+#include <array_settle.h>
 #include <block_files.h>
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -166,6 +167,13 @@ Array load_array(const std::string &folder, const Manifest &manifest, size_t num
   TSLB_DLOG(LOG_DETAILS, "%s: %s, %u slots in %llu files, %llu bytes", folder.c_str(), ARRAY_NAMES[number], n_slots,
             static_cast<unsigned long long>(found.n_files), static_cast<unsigned long long>(found.bytes));
   return array;
+}
+
+// What a batch that was cut off reserved in a pool's current slot is dead. Otherwise the slot would never be released.
+void settle(const StoreArrays &arrays, const std::string &folder) {
+  for (DynArrHandle_t *const pool : {arrays.keys.get(), arrays.points.get()})
+    if (array_settle(pool) != 0)
+      throw DatabaseError(fmt::format("{}: the cursor of a pool names a slot without memory", folder));
 }
 
 void take_to_layout(uint8_t layout, StoreArrays &arrays, StoreConfig &config) {
@@ -347,6 +355,7 @@ Opened Database::open_generation(uint64_t number, const OpenOptions &options) co
   StoreConfig config = manifest.config;
   StoreState state = manifest.state;
   const Replayed replayed = replay(number, options.salvage, arrays, config, state);
+  settle(arrays, folder);
   if (options.layout) take_to_layout(*options.layout, arrays, config);
   try {
     Store store(config, std::move(arrays), state);

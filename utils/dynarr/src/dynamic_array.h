@@ -154,7 +154,8 @@ typedef struct PtrTbl_t {
   DynArr_ptr_6 ir6;
 } PtrTbl_t;
 
-/* The handle of an array. Process memory, made by creation, never stored. */
+/* The handle of an array. Process memory, made by creation, never stored. Reached through the pointer that creation
+ * returned and never copied: more memory of the library follows these 64 bytes, and a pool reads it. */
 typedef struct DynArrHandle_t {
   void *arr_base;    /* block 0 */
   PtrTbl_t *ir_base; /* null until an id beyond the direct area is looked up */

@@ -6,6 +6,8 @@
  *   whoever reads the new value;
  * - a swap fails only when the word differs from `expected`. A failure without a cause is not tolerated: after a
  *   failed swap of a table entry the library releases its own table and uses the pointer it expects to find there;
+ * - none throws. The library is built without exceptions, and one that left a hook would leave the spin lock of the
+ *   array held for good. The declarations do not say noexcept, so that definitions need not either;
  * - cas64 and get_and_inc64 get words aligned to 8 bytes. The words of get_and_inc32 can lie at any address, since
  *   the headers ahead of them can have any length.
  * Threads: any number, at any time, also beside plain loads of the same word. */

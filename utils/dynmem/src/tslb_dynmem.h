@@ -9,7 +9,9 @@
  *                     however many other slots are free; max_slots can refuse earlier.
  *   bit-vector pool   slot_type has bit 0x10. Addresses are maddrBV_t, slots 0 to 2040, lengths multiples of 8. Warns
  *                     every 255 slots, and stops the process when it has to go on behind slot 2040, likewise.
- *   temporary one     a bit-vector pool of MPOOL_TYPE_DRAM_TMP: slots 0 to 253, used again as a ring.
+ *   temporary one     a bit-vector pool of MPOOL_TYPE_DRAM_TMP: slots 0 to 253, used again as a ring. It keeps every
+ *                     slot once 254 exist: chunks are overwritten round after round, and none of their slots is
+ *                     released.
  *
  * In a pool with MPOOL_FLAG_COMPAT every chunk begins with a compaction header (compat_t) of 16 bytes, which counts
  * as part of the chunk.
@@ -46,7 +48,9 @@ typedef struct DynMemHdr_t {
   };
   u_int32_t mslot_sz;      /* bytes of a slot that chunks can use */
   u_int64_t cur_slot_addr; /* the cursor, a MemSlotAddr_t in one word */
-  u_int64_t total_msz;     /* bytes of the pool: the direct area at creation, later up to its highest slot */
+  /* Bytes of the pool: the direct area at creation, later up to its highest slot. Threads that take slots at the same
+   * moment can leave it, and the growth records, at the smaller size. */
+  u_int64_t total_msz;
   u_int64_t total_mused;   /* bytes reserved for chunks; only grows */
   u_int64_t total_mwast;   /* 16 for each chunk, 8 for each slot that made the pool grow */
   u_int64_t total_mdel;    /* 0 */
@@ -216,8 +220,9 @@ TSLB_API int tslb_dynmem_get_hdrsz(dynmem_t *dynmem_handle);
  *
  * maddr       receives the address, in steps: nobody else reads it until the call is back. Untouched if refused.
  * mchunk_len  bytes of the caller's data. In a pool with compaction headers at least 1, and at most 65,535: more is
- *             reserved as asked, but the header keeps 16 bits of the length. In a bit-vector pool a multiple of 8
- *             together with the header. Neither is checked.
+ *             reserved as asked, but the header keeps 16 bits of the length, deletion counts only these, and the slot
+ *             is never released. In a bit-vector pool a multiple of 8 together with the header: after another length
+ *             two chunks share an address. Neither is checked.
  * saddr       goes to the compaction header; ignored without one.
  * Result      the chunk's first byte, which is the compaction header where there is one: the data then begins 16
  *             bytes further on. NULL if the chunk is longer than a slot or negative (a line on stderr), or if a
@@ -248,8 +253,8 @@ TSLB_API void *tslb_dynmem_get_maddr2ptr64(dynmem_t *dynmem_handle, maddr64_t ma
 
 /* Marks a chunk deleted. The slot goes back to the free list with the deletion that empties it, unless it is current;
  * until then the chunk's bytes stay, and resolve. Without compaction headers nothing happens; a second deletion counts
- * nothing; in a pool without lists a slot cannot go back (a line on stdout), and a ring keeps the slots that it has
- * come round to.
+ * nothing; in a pool without lists a slot cannot go back (a line on stdout), and a ring keeps every
+ * slot once 254 exist.
  *
  * Threads  any number; a chunk has one owner, who deletes it once. */
 TSLB_API void tslb_dynmem_del_mchunk(dynmem_t *dynmem_handle, maddr_t maddr);

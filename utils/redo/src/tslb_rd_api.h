@@ -94,7 +94,8 @@ extern TSLB_API RedoHandler_t *g_redo_handle;
  * data_ptr  the bytes in live array memory, not a copy: the hook consumes them before it returns, since the next
  *           operation overwrites them. NULL when data_sz is 0.
  * Threads   any number at once, also for one array, and some calls come with the array's spin lock held. So the hook
- *           does its own locking, and calls nothing that waits for that spin lock: it would wait for ever. */
+ *           does its own locking, and calls nothing that waits for that spin lock: it would wait for ever. It does not
+ *           throw: an exception would leave the spin lock held for good. */
 TSLB_API int tslb_redo_log_ex(uint64_t txn_id, char rec_type, char *ctx_name, uint32_t tbl_id, uint64_t data_off,
                               uint32_t aux_idx, void *data_ptr, unsigned int data_sz);
 
