@@ -19,8 +19,8 @@
 #include "recovery_driver.h"
 #include "refusal.h"
 #include "tsdb_recovery_version_compatibility.h"
-#include "tslb_version.h"
 #include "tslb_dynarr.h"
+#include "tslb_version.h"
 
 namespace {
 

@@ -51,10 +51,10 @@ typedef struct DynMemHdr_t {
   /* Bytes of the pool: the direct area at creation, later up to its highest slot. Threads that take slots at the same
    * moment can leave it, and the growth records, at the smaller size. */
   u_int64_t total_msz;
-  u_int64_t total_mused;   /* bytes reserved for chunks; only grows */
-  u_int64_t total_mwast;   /* 16 for each chunk, 8 for each slot that made the pool grow */
-  u_int64_t total_mdel;    /* 0 */
-  u_int64_t total_mavail;  /* what total_msz leaves beside headers, total_mused and total_mwast, at the last chunk */
+  u_int64_t total_mused;  /* bytes reserved for chunks; only grows */
+  u_int64_t total_mwast;  /* 16 for each chunk, 8 for each slot that made the pool grow */
+  u_int64_t total_mdel;   /* 0 */
+  u_int64_t total_mavail; /* what total_msz leaves beside headers, total_mused and total_mwast, at the last chunk */
 } DynMemHdr_t;
 TSLB_STORED_SIZE(DynMemHdr_t, 56);
 TSLB_STORED_AT(DynMemHdr_t, flag, 0);
