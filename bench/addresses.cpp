@@ -25,10 +25,10 @@
 #include <string>
 #include <vector>
 
+#include <tslb/tslb_dynmem.h>
 #include "floor.h"
 #include "ratio.h"
 #include "scratch.h"
-#include "tslb_dynmem.h"
 #ifdef TSLB_BENCH_BOOST
 #include <boost/interprocess/offset_ptr.hpp>
 #endif

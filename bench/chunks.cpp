@@ -19,11 +19,11 @@
 #include <string>
 #include <vector>
 
+#include <tslb/tslb_dynmem.h>
 #include "allocators.h"
 #include "floor.h"
 #include "ratio.h"
 #include "scratch.h"
-#include "tslb_dynmem.h"
 #ifdef TSLB_BENCH_BOOST
 #include <boost/interprocess/managed_mapped_file.hpp>
 #endif

@@ -16,11 +16,11 @@
 #include <memory>
 #include <vector>
 
+#include <tslb/tsdb_recovery_schema.h>
+#include <tslb/tsdb_recovery_version_compatibility.h>
+#include <tslb/tslb_dynarr.h>
 #include "floor.h"
 #include "ratio.h"
-#include "tsdb_recovery_schema.h"
-#include "tsdb_recovery_version_compatibility.h"
-#include "tslb_dynarr.h"
 
 constexpr uint32_t SOURCE_DIRECT = 1000;
 static uint32_t record_count() {

@@ -17,11 +17,11 @@
 #include <string>
 #include <vector>
 
+#include <tslb/tslb_dynarr.h>
+#include <tslb/tslb_dynmem.h>
 #include "allocators.h"
 #include "floor.h"
 #include "ratio.h"
-#include "tslb_dynarr.h"
-#include "tslb_dynmem.h"
 
 constexpr uint32_t HEADER = sizeof(compat_t);
 constexpr unsigned MAX_THREADS = 2;

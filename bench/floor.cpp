@@ -8,10 +8,10 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "tsdb_recovery_schema.h"
-#include "tslb_atomics.h"
-#include "tslb_rd_api.h"
-#include "tslb_util.h"
+#include <tslb/tsdb_recovery_schema.h>
+#include <tslb/tslb_atomics.h>
+#include <tslb/tslb_rd_api.h>
+#include <tslb/tslb_util.h>
 
 // The library reads shared words so too: a load that is neither torn nor ordered.
 template <class Word>

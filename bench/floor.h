@@ -9,8 +9,8 @@
 #include <pthread.h>
 #include <time.h>
 
-#include "tslb_dynarr.h"
-#include "tslb_dynmem.h"
+#include <tslb/tslb_dynarr.h>
+#include <tslb/tslb_dynmem.h>
 
 TSLB_BEGIN_DECLS
 

@@ -26,11 +26,11 @@
 #include <utility>
 #include <vector>
 
+#include <tslb/tslb_dynarr.h>
+#include <tslb/tslb_dynmem.h>
 #include "floor.h"
 #include "ratio.h"
 #include "scratch.h"
-#include "tslb_dynarr.h"
-#include "tslb_dynmem.h"
 #ifdef TSLB_BENCH_LMDB
 #include "environment.h"
 #endif

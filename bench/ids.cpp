@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "dynamic_array.h"
+#include <tslb/dynamic_array.h>
 #include "floor.h"
 #include "ratio.h"
 #ifdef TSLB_BENCH_TBB

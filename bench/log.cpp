@@ -9,7 +9,7 @@
 // Not asked: the rollover to a new file; lines that the level refuses, which are a comparison; a disk.
 //
 // Run: bench_log [--quick] [--benchmark_filter=REGEX]
-#include "tslb_dlog.h"
+#include <tslb/tslb_dlog.h>
 
 #include <fcntl.h>
 #include <stdlib.h>
@@ -20,10 +20,10 @@
 #include <string>
 #include <vector>
 
+#include <tslb/tslb_dlog_macros.h>
 #include "floor.h"
 #include "ratio.h"
 #include "scratch.h"
-#include "tslb_dlog_macros.h"
 #ifdef TSLB_BENCH_SPDLOG
 #include <spdlog/sinks/basic_file_sink.h>
 #include <spdlog/spdlog.h>

@@ -23,7 +23,7 @@
 #include <utility>
 #include <vector>
 
-#include "dynamic_array.h"
+#include <tslb/dynamic_array.h>
 #include "floor.h"
 #include "ratio.h"
 #ifdef TSLB_BENCH_TBB

@@ -28,7 +28,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "tslb_dynmem.h"
+#include <tslb/tslb_dynmem.h>
 
 // ---- The allocator, counted
 

@@ -26,10 +26,10 @@
 #include <utility>
 #include <vector>
 
+#include <tslb/tslb_dynarr.h>
 #include "allocators.h"
 #include "floor.h"
 #include "ratio.h"
-#include "tslb_dynarr.h"
 #ifdef TSLB_BENCH_BOOST
 #include <boost/lockfree/stack.hpp>
 #endif

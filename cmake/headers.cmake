@@ -6,6 +6,7 @@ set(TSLB_PUBLIC_HEADERS
   catalog/src/tsdb_recovery_schema.h
   catalog/src/tsdb_recovery_version_compatibility.h
   catalog/src/tsdb_recovery_version_downgrade_fn.h
+  utils/common/src/tslb_atomics.h
   utils/common/src/tslb_decl.h
   utils/common/src/tslb_dlog.h
   utils/common/src/tslb_dlog_macros.h
@@ -14,18 +15,18 @@ set(TSLB_PUBLIC_HEADERS
   utils/common/src/tslb_util_common.h
   utils/common/src/tslb_version.h
   utils/dynarr/src/dynamic_array.h
-  utils/dynarr/src/tslb_atomics.h
   utils/dynarr/src/tslb_dynarr.h
   utils/dynmem/src/tslb_dynmem.h
-  utils/redo/src/tslb_rd_api.h)
+  utils/redo/src/tslb_rd_api.h
+  utils/stored/src/tslb_stored.h)
 # These belong to libtslb_host.a. The umbrella header leaves them out: not every program that includes it links that.
 set(TSLB_HOST_PUBLIC_HEADERS
-  host/array_check.h
-  host/array_loader.h
-  host/array_settle.h
-  host/block_files.h
-  host/recovery_driver.h
-  host/redo_applier.h)
+  recovery/array_check.h
+  recovery/array_loader.h
+  recovery/array_settle.h
+  recovery/block_files.h
+  recovery/recovery_driver.h
+  recovery/redo_applier.h)
 list(TRANSFORM TSLB_PUBLIC_HEADERS PREPEND ${PROJECT_SOURCE_DIR}/)
 list(TRANSFORM TSLB_HOST_PUBLIC_HEADERS PREPEND ${PROJECT_SOURCE_DIR}/)
 

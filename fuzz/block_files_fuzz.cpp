@@ -11,9 +11,9 @@
 #include <algorithm>
 #include <string>
 
-#include "block_files.h"
+#include <tslb/block_files.h>
+#include <tslb/tslb_dynarr.h>
 #include "exercise.h"
-#include "tslb_dynarr.h"
 
 static std::string folder;
 

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <vector>
 
-#include "point_codec.h"
+#include "codec/point_codec.h"
 
 namespace {
 

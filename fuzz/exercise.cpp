@@ -9,9 +9,9 @@
 #include <algorithm>
 #include <vector>
 
-#include "tslb_dynarr.h"
-#include "tslb_dynmem.h"
-#include "tslb_settings.h"
+#include <tslb/tslb_dynarr.h>
+#include <tslb/tslb_dynmem.h>
+#include <tslb/tslb_settings.h>
 
 static volatile uint8_t seen;  // so that no read is dropped
 

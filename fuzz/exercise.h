@@ -4,7 +4,7 @@
 
 #include <stdint.h>
 
-#include "array_loader.h"
+#include <tslb/array_loader.h>
 
 // Options of a load, chosen by the input itself: by the version of its records, a byte that no check looks at.
 array_load_options_t options_for(const uint8_t *data, size_t size);

@@ -9,10 +9,10 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
-#include "array_loader.h"
+#include <tslb/array_loader.h>
+#include <tslb/tslb_dynarr.h>
 #include "inspect/analysis.h"
 #include "inspect/render.h"
-#include "tslb_dynarr.h"
 
 static void need(bool holds, const char *what) {
   if (holds) return;

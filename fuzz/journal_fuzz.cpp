@@ -9,8 +9,8 @@
 #include <algorithm>
 #include <string>
 
-#include "files.h"
-#include "journal_reader.h"
+#include "journal/files.h"
+#include "journal/journal_reader.h"
 
 using namespace metricdb;
 

@@ -1,5 +1,5 @@
 // The four atomics, on the processor's own instructions.
-#include "tslb_atomics.h"
+#include <tslb/tslb_atomics.h>
 
 template <class Word>
 static int32_t swap(Word *word, Word expected, Word desired) {

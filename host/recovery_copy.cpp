@@ -3,8 +3,8 @@
 #include <stdio.h>
 #include <string.h>
 
-#include "tsdb_recovery_version_compatibility.h"
-#include "tslb_dynarr.h"
+#include <tslb/tsdb_recovery_version_compatibility.h>
+#include <tslb/tslb_dynarr.h>
 
 static bool same_geometry(dynarr_t *from, dynarr_t *to) {
   const DynHdr_t *const a = static_cast<const DynHdr_t *>(tslb_da_get_dynhdr(from));

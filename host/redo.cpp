@@ -1,5 +1,5 @@
 // No redo log: nothing listens.
-#include "tslb_rd_api.h"
+#include <tslb/tslb_rd_api.h>
 
 RedoHandler_t *g_redo_handle = nullptr;
 

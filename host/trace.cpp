@@ -1,5 +1,5 @@
 // No trace log: tracing is off, and no module has a level on.
-#include "tsdb_multi_thread_trace_log.h"
+#include <tslb/tsdb_multi_thread_trace_log.h>
 
 MTTraceLogKey *trace_log_key = nullptr;
 

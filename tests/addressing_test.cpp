@@ -1,7 +1,15 @@
 // Where an id lies: the direct area, six levels, and what a lookup makes on its way.
 #include "array_support.h"
-#include "dynarr_internal.h"
 #include "fault_alloc.h"
+
+struct place_t {
+  unsigned level;
+  uint32_t actual_id;
+};
+static place_t place_of(uint32_t beyond) {
+  const unsigned level = tslb_stored_level_of(beyond);
+  return {level, beyond - tslb_stored_first_of_level(level)};
+}
 
 TEST(Addressing, PlaceOfId) {
   static const struct {
@@ -20,7 +28,7 @@ TEST(Addressing, PlaceOfId) {
     const place_t got = place_of(row.id - row.n_direct);
     EXPECT_EQ(got.level, row.level);
     EXPECT_EQ(got.actual_id, row.actual_id);
-    EXPECT_EQ(block_num_of(row.id - row.n_direct), row.block_num);
+    EXPECT_EQ(tslb_stored_block_num(row.id - row.n_direct), row.block_num);
   }
   EXPECT_EQ(place_of(286331136).level, 7u);
   EXPECT_EQ(place_of(0xFFFFFFFF).level, 7u);
@@ -55,7 +63,7 @@ TEST(Addressing, OneLookupMakesOnePath) {
   const uint32_t n = 1000;
   const uint32_t offsets[] = {0, 255, 256, 4351, 4352, 69887, 69888, 1118463, 1118464, 17895679, 17895680, 286331135};
   for (const uint8_t daflag : std::initializer_list<uint8_t>{0, 1, 2}) {
-    const uint32_t slot_bytes = 7 + node_bytes_of(daflag);
+    const uint32_t slot_bytes = 7 + tslb_stored_node_bytes(daflag);
     for (const uint32_t beyond : offsets) {
       SCOPED_TRACE(beyond);
       const array_t array(get_default_dyn_array_ex(57, 7, n, MPOOL_TYPE_DRAM, 0, nullptr, daflag));
@@ -63,13 +71,13 @@ TEST(Addressing, OneLookupMakesOnePath) {
       char *const record = bytes_of(get_dyn_arr_record_position_ex(array.get(), n + beyond, 0, nullptr, daflag));
       ASSERT_NE(record, nullptr);
       const place_t place = place_of(beyond);
-      EXPECT_EQ(record,
-                bytes_of(slot_by_hand(array.get(), place.level, place.actual_id, slot_bytes)) + shift_of(daflag));
+      EXPECT_EQ(record, bytes_of(slot_by_hand(array.get(), place.level, place.actual_id, slot_bytes)) +
+                            tslb_stored_shift(daflag));
       EXPECT_EQ(get_dyn_total_allocated_records(array.get()), n + 16);
       EXPECT_EQ(get_dyn_arr_record_position_ex(array.get(), n + beyond, 0, nullptr, daflag), record);
       EXPECT_EQ(get_dyn_total_allocated_records(array.get()), n + 16);
       // Zeroed, to the last byte of its nodes.
-      const char *const slot = record - shift_of(daflag);
+      const char *const slot = record - tslb_stored_shift(daflag);
       for (uint32_t i = 0; i < slot_bytes; ++i) EXPECT_EQ(slot[i], 0) << i;
       for (unsigned level = 1; level <= 6; ++level)
         EXPECT_EQ(reinterpret_cast<void **>(array->ir_base)[level - 1] != nullptr, level == place.level) << level;
@@ -81,20 +89,20 @@ TEST(Addressing, OneLookupMakesOnePath) {
 TEST(Addressing, SlotsNeverOverlapNorMove) {
   for (const uint8_t daflag : std::initializer_list<uint8_t>{0, 1, 2, 3}) {
     SCOPED_TRACE(int{daflag});
-    const uint32_t slot_bytes = 13 + node_bytes_of(daflag);
+    const uint32_t slot_bytes = 13 + tslb_stored_node_bytes(daflag);
     const array_t array(get_default_dyn_array_ex(3, 13, 16, MPOOL_TYPE_DRAM, 0, nullptr, daflag));
     std::vector<char *> slots;
     for (int32_t want = 0; want < 5000; ++want) {  // into level 3
       void *record;
       ASSERT_EQ(get_dyn_arr_new_record_id_ex(array.get(), &record, daflag), want);
-      slots.push_back(bytes_of(record) - shift_of(daflag));
+      slots.push_back(bytes_of(record) - tslb_stored_shift(daflag));
       memset(slots.back(), want * 7 + 1, slot_bytes);
     }
     EXPECT_EQ(get_dyn_arr_size(array.get()), 5000u);
     EXPECT_EQ(get_dyn_total_allocated_records(array.get()), 16u + 16 * 312);
     for (uint32_t id = 0; id < 5000; ++id) {
       char *const record = bytes_of(get_dyn_arr_record_position_ex(array.get(), id, 0, nullptr, daflag));
-      ASSERT_EQ(record - shift_of(daflag), slots[id]) << id;
+      ASSERT_EQ(record - tslb_stored_shift(daflag), slots[id]) << id;
       const std::string want(slot_bytes, static_cast<char>(id * 7 + 1));
       ASSERT_EQ(std::string(slots[id], slot_bytes), want) << id;
     }

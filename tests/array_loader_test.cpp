@@ -3,9 +3,9 @@
 #include <fcntl.h>
 #include <sys/syscall.h>
 
-#include "block_files.h"
+#include <tslb/block_files.h>
+#include <tslb/tslb_settings.h>
 #include "loader_support.h"
-#include "tslb_settings.h"
 
 // What the next reads do: a count is read at most that far, -1 fails with EINTR, -2 with EIO. Behind the script, and
 // without one, reads are the system's.

@@ -3,9 +3,9 @@
 #include <math.h>
 #include <signal.h>
 
+#include <tslb/tslb_dlog.h>
+#include <tslb/tslb_util.h>
 #include "array_support.h"
-#include "tslb_dlog.h"
-#include "tslb_util.h"
 
 static time_t system_now;  // 0: the real one
 

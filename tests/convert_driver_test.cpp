@@ -3,9 +3,9 @@
 
 #include <set>
 
+#include <tslb/tsdb_recovery_version_compatibility.h>
 #include "convert_support.h"
 #include "fault_alloc.h"
-#include "tsdb_recovery_version_compatibility.h"
 
 TEST(Convert, RoutesHereAreThoseOfTheMaps) {
   size_t n_routes = 0;

@@ -2,7 +2,7 @@
 // and its counter, ahead of the lock, or into the search through notes.
 #include <thread>
 
-#include "array_settle.h"
+#include <tslb/array_settle.h>
 #include "fault_alloc.h"
 #include "forced.h"
 #include "list_audit.h"

@@ -10,13 +10,13 @@
 #include <regex>
 #include <sstream>
 
+#include <tslb/tslb_dlog_macros.h>
+#include <tslb/tslb_util.h>
 #include "array_support.h"
 #include "fault_alloc.h"
 #include "forced.h"
 #include "system_support.h"
 #include "threads.h"
-#include "tslb_dlog_macros.h"
-#include "tslb_util.h"
 
 constexpr char kHeader[] = "#DateTime|FileName|LineNo|FunName|PID|TID|THName|Msg\n";
 

@@ -234,7 +234,8 @@ TEST(FormatsDocument, SizesOfRecordsAreThoseOfTheHeader) {
 
 TEST(Documents, FilesAndTestsThatTheyNameAreThere) {
   std::string paths, tests;
-  for (const char *const folder : {"utils", "catalog", "host", "examples", "tools", "fuzz", "tests", "docs", "bench"})
+  for (const char *const folder :
+       {"utils", "catalog", "host", "recovery", "metricdb", "tools", "fuzz", "tests", "docs", "bench"})
     for (const auto &file : fs::recursive_directory_iterator(ROOT / folder)) paths += file.path().string() + "\n";
   for (const auto &file : fs::directory_iterator(ROOT)) paths += file.path().string() + "\n";
   for (const auto &file : fs::directory_iterator(ROOT / "tests"))

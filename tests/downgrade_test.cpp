@@ -3,11 +3,11 @@
 // copy.
 #include <stdarg.h>
 
+#include <tslb/tsdb_multi_thread_trace_log.h>
+#include <tslb/tsdb_recovery_schema.h>
+#include <tslb/tsdb_recovery_version_downgrade_fn.h>
 #include "array_support.h"
 #include "stored_image.h"
-#include "tsdb_multi_thread_trace_log.h"
-#include "tsdb_recovery_schema.h"
-#include "tsdb_recovery_version_downgrade_fn.h"
 
 struct trace_t {
   int level;

@@ -2,9 +2,9 @@
  * gdb_test.gdb stops in look_here and asks; gdb_test.expected holds the answers. */
 #include <string.h>
 
-#include "tslb_dynarr.h"
-#include "tslb_dynmem.h"
-#include "tslb_util.h"
+#include <tslb/tslb_dynarr.h>
+#include <tslb/tslb_dynmem.h>
+#include <tslb/tslb_util.h>
 
 typedef struct reading_t {
   uint32_t gatekeeper;

@@ -2,7 +2,7 @@
 // holds can be loaded. A change of format shows as a change of a file there, which scripts/golden makes on purpose.
 #include <map>
 
-#include "block_files.h"
+#include <tslb/block_files.h>
 #include "loader_support.h"
 #include "redo_recorder.h"
 

@@ -10,10 +10,10 @@
 
 #include <algorithm>
 
+#include <tslb/tslb_util_common.h>
 #include "array_support.h"
 #include "system_support.h"
 #include "threads.h"
-#include "tslb_util_common.h"
 
 TEST(Partitions, TypesAndFrequencies) {
   const int frequencies[] = {1, 10, 60, 600, 3600, 14400, 86400};

@@ -1,9 +1,9 @@
 // The stand-in for the host's symbols, and the exported settings as they are at load.
+#include <tslb/tsdb_multi_thread_trace_log.h>
+#include <tslb/tsdb_recovery_version_compatibility.h>
+#include <tslb/tslb_rd_api.h>
+#include <tslb/tslb_settings.h>
 #include "array_support.h"
-#include "tsdb_multi_thread_trace_log.h"
-#include "tsdb_recovery_version_compatibility.h"
-#include "tslb_rd_api.h"
-#include "tslb_settings.h"
 
 TEST(StandIn, SwapsSayWhetherTheySwappedAndAdditionsGiveTheOldValue) {
   uint64_t word = 5;

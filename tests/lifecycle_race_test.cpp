@@ -4,12 +4,12 @@
 #include <atomic>
 #include <random>
 
+#include <tslb/tslb_settings.h>
+#include <tslb/tslb_util.h>
 #include "forced.h"
 #include "list_audit.h"
 #include "pool_support.h"
 #include "threads.h"
-#include "tslb_settings.h"
-#include "tslb_util.h"
 
 constexpr int kThreads = 4;
 

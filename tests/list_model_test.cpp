@@ -4,9 +4,9 @@
 #include <deque>
 #include <random>
 
+#include <tslb/tslb_settings.h>
 #include "list_audit.h"
 #include "own_time.h"
-#include "tslb_settings.h"
 
 constexpr uint32_t kNil = TSLB_DA_NIL_IDX;
 constexpr uint32_t kRecordSize = 18;

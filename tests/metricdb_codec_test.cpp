@@ -9,7 +9,7 @@
 #include <limits>
 #include <random>
 
-#include "point_codec.h"
+#include "codec/point_codec.h"
 
 using namespace metricdb;
 

@@ -3,9 +3,9 @@
 
 #include <cstring>
 
-#include "checksum.h"
 #include "database_support.h"
-#include "report.h"
+#include "journal/checksum.h"
+#include "query/report.h"
 
 class Damage : public SmallDatabase {
  protected:

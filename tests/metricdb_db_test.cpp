@@ -6,9 +6,9 @@
 #include <thread>
 #include <utility>
 
-#include "checksum.h"
 #include "database_support.h"
-#include "report.h"
+#include "journal/checksum.h"
+#include "query/report.h"
 
 TEST(Checksum, ByTheInstructionAndByTheTable) {
   EXPECT_EQ(crc32c("123456789", 9), 0xE3069283);

@@ -1,7 +1,7 @@
 // What a store forgets and nothing else: retention, idle series, reuse of slots, memory that comes back.
 #include "metricdb_support.h"
-#include "report.h"
-#include "store_internal.h"
+#include "query/report.h"
+#include "store/store_internal.h"
 
 static uint32_t slot_of(const Store &store, std::string_view key) {
   uint32_t series = 0;

@@ -1,10 +1,10 @@
 // The two readers of line protocol: what lines mean, why they are refused, and that readers written apart agree.
 #include <iterator>
 
-#include "line_protocol.h"
+#include "codec/line_protocol.h"
+#include "extra/reference_reader.h"
 #include "metricdb_support.h"
-#include "reference_reader.h"
-#include "series_cache.h"
+#include "store/series_cache.h"
 
 // The points of a line as both readers can tell them: "key=value@time" each, by what they mean for the store.
 static std::string points_text(std::string_view text, Precision precision = Precision::ns) {

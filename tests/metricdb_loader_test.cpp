@@ -1,6 +1,6 @@
 // Loading by heads, lines that are like those before them and lines that are not; and the check of what was loaded.
 #include "metricdb_support.h"
-#include "series_cache.h"
+#include "store/series_cache.h"
 
 // Heads and names that begin alike, tags in either order, and fields that come, go, move and are given twice.
 TEST(Loader, RandomLinesOfAFewSources) {

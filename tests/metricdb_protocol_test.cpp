@@ -5,10 +5,10 @@
 
 #include <cstring>
 
-#include "graphite.h"
-#include "gzip.h"
-#include "http.h"
-#include "line_protocol.h"
+#include "codec/graphite.h"
+#include "codec/line_protocol.h"
+#include "net/gzip.h"
+#include "net/http.h"
 
 using namespace metricdb;
 

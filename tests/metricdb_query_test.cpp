@@ -2,12 +2,12 @@
 #include <cmath>
 #include <limits>
 
-#include "escape.h"
+#include "extra/plot_ticks.h"
 #include "metricdb_support.h"
-#include "plot_ticks.h"
-#include "query.h"
-#include "query_text.h"
-#include "time_text.h"
+#include "query/escape.h"
+#include "query/query.h"
+#include "query/query_text.h"
+#include "query/time_text.h"
 
 constexpr int64_t S = 1'000'000'000;
 constexpr int64_t LEAST = std::numeric_limits<int64_t>::min();

@@ -2,7 +2,7 @@
 
 #include <list>
 
-#include "log.h"
+#include "journal/log.h"
 #include "server_support.h"
 
 using Bounds = Folder;

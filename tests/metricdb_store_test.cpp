@@ -2,10 +2,10 @@
 
 #include <limits>
 
-#include "input.h"
+#include "cli/input.h"
+#include "extra/proc_sampler.h"
 #include "metricdb_support.h"
-#include "proc_sampler.h"
-#include "report.h"
+#include "query/report.h"
 
 TEST(Store, AFullPoolStopsALoadAtItsLineAndTakesWhatItKnows) {
   Store store({.key_slot_bytes = 64, .point_slot_bytes = 1 << 20});

@@ -1,7 +1,7 @@
 // A database that is written to while it is open: what was settled comes back, whatever happens, and nothing else does.
 #include <poll.h>
 
-#include "journal_reader.h"
+#include "journal/journal_reader.h"
 #include "list_audit.h"
 #include "writer_support.h"
 

@@ -7,10 +7,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <tslb/tslb_settings.h>
+#include <tslb/tslb_util.h>
 #include "array_support.h"
 #include "system_support.h"
-#include "tslb_settings.h"
-#include "tslb_util.h"
 
 // A file that is opened as another one, or not at all.
 static const char *redirected, *redirected_to;

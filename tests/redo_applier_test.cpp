@@ -1,6 +1,6 @@
 // Redo records applied to a replica, in lock step with the array that wrote them; records that are refused; and the
 // check of a whole array in memory.
-#include "redo_applier.h"
+#include <tslb/redo_applier.h>
 
 #include <gmock/gmock.h>
 
@@ -8,7 +8,7 @@
 #include <functional>
 #include <random>
 
-#include "array_check.h"
+#include <tslb/array_check.h>
 #include "loader_support.h"
 #include "redo_recorder.h"
 

@@ -2,11 +2,11 @@
 // system's time is ours here. That slots, lists and results agree over long histories of reuse is list_model_test's.
 #include <limits.h>
 
+#include <tslb/tslb_settings.h>
+#include <tslb/tslb_util.h>
 #include "list_audit.h"
 #include "own_time.h"
 #include "redo_recorder.h"
-#include "tslb_settings.h"
-#include "tslb_util.h"
 
 constexpr uint32_t kNil = TSLB_DA_NIL_IDX;
 constexpr int kRecordSize = 21;

@@ -1,4 +1,4 @@
-// tslb-convert: takes a stored array to an older layout, from file to file. What converts is host/recovery_driver.h;
+// tslb-convert: takes a stored array to an older layout, from file to file. What converts is recovery/recovery_driver.h;
 // here are the names on the command line, and an output that is there whole or not at all.
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -16,11 +16,11 @@
 #include <string_view>
 #include <utility>
 
-#include "recovery_driver.h"
+#include <tslb/recovery_driver.h>
+#include <tslb/tsdb_recovery_version_compatibility.h>
+#include <tslb/tslb_dynarr.h>
+#include <tslb/tslb_version.h>
 #include "refusal.h"
-#include "tsdb_recovery_version_compatibility.h"
-#include "tslb_dynarr.h"
-#include "tslb_version.h"
 
 namespace {
 

@@ -15,11 +15,11 @@
 #include <string>
 #include <vector>
 
-#include "array_loader.h"
+#include <tslb/array_loader.h>
+#include <tslb/tslb_version.h>
 #include "inspect/analysis.h"
 #include "inspect/render.h"
 #include "refusal.h"
-#include "tslb_version.h"
 
 namespace {
 

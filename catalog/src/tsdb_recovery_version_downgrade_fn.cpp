@@ -28,7 +28,7 @@ static void convert(const char *function, void *cbargs, uint8_t target_version, 
   const bool plain = !has_lists(destination);
   const DynArrHdr_t *const hdr_cv = arr_hdr_of(destination);
   slot_run_t left = {nullptr, 0};
-  for (uint32_t i = 0; i < get32(&hdr_cv->n_alloc); ++i) {
+  for (uint32_t i = 0; i < get32(hdr_cv, &DynArrHdr_t::n_alloc); ++i) {
     if (left.count == 0) left = run_at(source, i, get_dyn_arr_size(source));
     if (left.slot == nullptr) return;
     uint32_t idx;

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "tslb_dynarr.h"
-#include "tslb_dynmem.h"
+#include <tslb/tslb_dynarr.h>
+#include <tslb/tslb_dynmem.h>
 
 struct array_release_t {
   void operator()(DynArrHandle_t *array) const { destroy_dyn_arr(array); }

@@ -2,8 +2,8 @@
 #ifndef CONVERT_SUPPORT_H
 #define CONVERT_SUPPORT_H
 
+#include <tslb/recovery_driver.h>
 #include "loader_support.h"
-#include "recovery_driver.h"
 
 using older_t = std::string (*)(const std::string &newer);
 

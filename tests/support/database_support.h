@@ -5,9 +5,9 @@
 #include <functional>
 #include <optional>
 
-#include "database.h"
 #include "metricdb_support.h"
-#include "store_internal.h"
+#include "store/database.h"
+#include "store/store_internal.h"
 
 namespace metricdb {
 

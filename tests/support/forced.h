@@ -9,7 +9,7 @@
 #include <thread>
 #include <utility>
 
-#include "tslb_atomics.h"
+#include <tslb/tslb_atomics.h>
 
 // Work that comes between: once, when `word` is about to be changed. Armed while no other thread uses the library.
 struct between_t {

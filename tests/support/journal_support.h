@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
-#include "io_faults.h"
-#include "journal.h"
-#include "journal_reader.h"
+#include "journal/io_faults.h"
+#include "journal/journal.h"
+#include "journal/journal_reader.h"
 #include "metricdb_support.h"
 
 namespace metricdb {

@@ -4,7 +4,7 @@
 
 #include <functional>
 
-#include "array_loader.h"
+#include <tslb/array_loader.h>
 #include "array_support.h"
 #include "list_audit.h"
 #include "own_time.h"  // nodes carry it: both arrays of a comparison get the same

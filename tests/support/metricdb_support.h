@@ -5,7 +5,7 @@
 #include <fmt/format.h>
 #include <signal.h>
 #include <sys/wait.h>
-#include <tslb_util.h>
+#include <tslb/tslb_util.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,9 +16,9 @@
 #include <vector>
 
 #include <gmock/gmock.h>
-#include "check.h"
-#include "loader.h"
-#include "store.h"
+#include "extra/check.h"
+#include "store/loader.h"
+#include "store/store.h"
 #include "system_support.h"
 
 namespace metricdb {

@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "tslb_rd_api.h"
+#include <tslb/tslb_rd_api.h>
 
 struct redo_record_t {
   uint64_t txn_id;

@@ -14,9 +14,9 @@
 #include <thread>
 #include <utility>
 
-#include "ingest.h"
 #include "metricdb_support.h"
-#include "server.h"
+#include "net/server.h"
+#include "store/ingest.h"
 
 namespace metricdb {
 

@@ -11,7 +11,7 @@
 
 #include <functional>
 
-#include "dynamic_array.h"
+#include <tslb/dynamic_array.h>
 
 class single_step_t {
  public:

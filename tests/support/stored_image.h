@@ -5,10 +5,10 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <tslb/tslb_dynarr.h>
+#include <tslb/tslb_rd_api.h>
+#include <tslb/tslb_settings.h>
 #include "system_support.h"
-#include "tslb_dynarr.h"
-#include "tslb_rd_api.h"
-#include "tslb_settings.h"
 
 // From the first byte, wherever the descriptor stands.
 inline std::string content_of(int fd) {

@@ -4,10 +4,10 @@
 
 #include <numeric>
 
-#include "database_writer.h"
-#include "io_faults.h"
+#include "journal/io_faults.h"
 #include "metricdb_support.h"
-#include "store_internal.h"
+#include "store/database_writer.h"
+#include "store/store_internal.h"
 
 namespace metricdb {
 

@@ -5,14 +5,14 @@
 #include <climits>
 #include <cstring>
 
+#include <tslb/array_loader.h>
 #include "analysis_internal.h"
-#include "array_loader.h"
 
 namespace inspect {
 namespace {
 
 constexpr uint8_t LIB_VERSION = 2;
-constexpr uint64_t TABLE_BYTES = ENTRIES_PER_TABLE * sizeof(void *);
+constexpr uint64_t TABLE_BYTES = TSLB_ENTRIES_PER_TABLE * sizeof(void *);
 
 uint64_t ids_of_level(unsigned level) {
   const uint32_t ids[] = {single_redirection_elements_count, second_redirection_elements_count,
@@ -22,11 +22,11 @@ uint64_t ids_of_level(unsigned level) {
 }
 
 uint64_t ids_beyond_direct() {
-  return first_of_level(LEVELS) + ids_of_level(LEVELS);
+  return tslb_stored_first_of_level(TSLB_LEVELS) + ids_of_level(TSLB_LEVELS);
 }
 
 uint64_t blocks_for(uint64_t slots) {
-  return (slots + SLOTS_PER_BLOCK - 1) / SLOTS_PER_BLOCK;
+  return (slots + TSLB_SLOTS_PER_BLOCK - 1) / TSLB_SLOTS_PER_BLOCK;
 }
 
 }  // namespace
@@ -109,7 +109,7 @@ void analysis_t::check_user_header() {
 }
 
 void analysis_t::check_list_flags() {
-  has_lists_ = hdr_.lli_sz >= sizeof(lli_) && shift_of(lli_.lltype) != 0;
+  has_lists_ = hdr_.lli_sz >= sizeof(lli_) && tslb_stored_shift(lli_.lltype) != 0;
   if (hdr_.lli_sz == sizeof(lli_) && !has_lists_)
     fault({0, lli_at() + offsetof(DynArrLLI_t, lltype)}, "lltype 0x{:02x} has no list, lli_sz says there is one",
           lli_.lltype);
@@ -129,15 +129,15 @@ void analysis_t::measure() {
   g.header_bytes = arr_hdr_at() + sizeof(DynArrHdr_t);
   g.record_bytes = counts(offsetof(DynArrHdr_t, record_size));
   g.daflag = has_lists_ ? lli_.lltype : 0;
-  g.node_bytes = node_bytes_of(g.daflag);
-  g.shift = shift_of(g.daflag);
+  g.node_bytes = tslb_stored_node_bytes(g.daflag);
+  g.shift = tslb_stored_shift(g.daflag);
   g.slot_bytes = g.record_bytes + g.node_bytes;
   g.n_direct = counts(offsetof(DynArrHdr_t, n_direct));
   g.n_used = counts(offsetof(DynArrHdr_t, n_used));
   g.n_direct_used = std::min(g.n_direct, g.n_used);
   g.capacity = g.n_direct + ids_beyond_direct();
   g.block0_bytes = g.header_bytes + g.slot_bytes * g.n_direct;
-  g.data_block_bytes = g.slot_bytes * SLOTS_PER_BLOCK;
+  g.data_block_bytes = g.slot_bytes * TSLB_SLOTS_PER_BLOCK;
   g.image_bytes = g.header_bytes + g.slot_bytes * g.n_used;
   for (const stored_file_t &file : store_->files()) g.stored_bytes += file.bytes;
   report_.has_nodes = g.node_bytes != 0;
@@ -150,18 +150,18 @@ void analysis_t::measure_levels() {
   g.data_blocks = blocks_for(beyond);
   g.root_table_bytes = beyond != 0 ? TABLE_BYTES : 0;
   g.table_bytes = g.root_table_bytes;
-  for (unsigned level = 1; level <= LEVELS && beyond > first_of_level(level); ++level) {
+  for (unsigned level = 1; level <= TSLB_LEVELS && beyond > tslb_stored_first_of_level(level); ++level) {
     level_t row = {};
     row.level = level;
     row.ids = ids_of_level(level);
-    row.first_id = g.n_direct + first_of_level(level);
-    row.used = std::min(beyond - first_of_level(level), row.ids);
-    row.first_block = block_num_of(first_of_level(level));
+    row.first_id = g.n_direct + tslb_stored_first_of_level(level);
+    row.used = std::min(beyond - tslb_stored_first_of_level(level), row.ids);
+    row.first_block = tslb_stored_block_num(tslb_stored_first_of_level(level));
     row.blocks = blocks_for(row.used);
     // One tier of tables after the other, each as dense as what stands below it.
     uint64_t below = row.blocks;
     for (unsigned tier = 0; tier < level; ++tier)
-      row.tables += below = (below + ENTRIES_PER_TABLE - 1) / ENTRIES_PER_TABLE;
+      row.tables += below = (below + TSLB_ENTRIES_PER_TABLE - 1) / TSLB_ENTRIES_PER_TABLE;
     row.block_bytes = row.blocks * g.data_block_bytes;
     row.table_bytes = row.tables * TABLE_BYTES;
     g.table_bytes += row.table_bytes;
@@ -184,7 +184,7 @@ void analysis_t::check_sizes() {
   if (g.slot_bytes == 0 && g.n_used != 0) fault(record_size_at, "record_size 0 with {} slots in use", g.n_used);
   if (g.data_block_bytes > UINT32_MAX)
     fault(record_size_at, "record_size {} is beyond what an array can have", g.record_bytes);
-  const uint64_t n_alloc = g.n_direct + g.data_blocks * SLOTS_PER_BLOCK;
+  const uint64_t n_alloc = g.n_direct + g.data_blocks * TSLB_SLOTS_PER_BLOCK;
   if (n_alloc_ != n_alloc)
     remark(at(offsetof(DynArrHdr_t, n_alloc)), "n_alloc {}, where direct area and data blocks come to {}", n_alloc_,
            n_alloc);
@@ -196,7 +196,7 @@ location_t analysis_t::slot_at(uint64_t idx) const {
   const geometry_t &g = geometry();
   if (store_->is_stream() || idx < g.n_direct) return {0, g.header_bytes + idx * g.slot_bytes};
   const uint32_t beyond = static_cast<uint32_t>(idx - g.n_direct);
-  return {block_num_of(beyond), beyond % SLOTS_PER_BLOCK * g.slot_bytes};
+  return {tslb_stored_block_num(beyond), beyond % TSLB_SLOTS_PER_BLOCK * g.slot_bytes};
 }
 
 void analysis_t::check_stream_end() {
@@ -253,9 +253,9 @@ uint64_t analysis_t::present_slots() const {
   if (present < g.n_direct) return present;
   for (uint64_t block = 1; block <= g.data_blocks; ++block) {
     const stored_file_t *const file = store_->file_of(static_cast<uint32_t>(block));
-    const uint64_t here = file != nullptr ? std::min<uint64_t>(file->bytes / g.slot_bytes, SLOTS_PER_BLOCK) : 0;
+    const uint64_t here = file != nullptr ? std::min<uint64_t>(file->bytes / g.slot_bytes, TSLB_SLOTS_PER_BLOCK) : 0;
     present += here;
-    if (here < SLOTS_PER_BLOCK) break;
+    if (here < TSLB_SLOTS_PER_BLOCK) break;
   }
   return std::min(present, n_used);
 }

@@ -7,8 +7,10 @@
 #include <string>
 #include <utility>
 
+#include <tslb/tslb_dynarr.h>
+#include <tslb/tslb_dynmem.h>
+
 #include "analysis.h"
-#include "dynmem_internal.h"
 
 namespace inspect {
 
@@ -77,7 +79,8 @@ class analysis_t {
   const geometry_t &geometry() const { return *report_.geometry; }
   location_t slot_at(uint64_t idx) const;
   bool has_inactive_list() const { return (geometry().daflag & TSLB_DA_DAFLAG_INLL) != 0; }
-  bool is_ring_shaped() const { return is_bitvector(&pool_hdr_) && geometry().n_used == RING_SLOTS; }
+  bool is_bitvector() const { return (pool_hdr_.flag & MPOOL_FLAG_BV) != 0; }
+  bool is_ring_shaped() const { return is_bitvector() && geometry().n_used == TSLB_RING_SLOTS; }
 
   store_t *const store_;
   const options_t options_;

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "dynarr_internal.h"
+#include <tslb/tslb_stored.h>
 
 namespace inspect {
 namespace {
@@ -63,7 +63,7 @@ cell_t cell_of(const report_t &report, uint64_t first, uint64_t slots) {
 heat_map_t heat_map_of(const report_t &report) {
   heat_map_t map = {1, {}};
   if (!report.geometry) return map;
-  const uint64_t total = report.geometry->n_direct + report.geometry->data_blocks * SLOTS_PER_BLOCK;
+  const uint64_t total = report.geometry->n_direct + report.geometry->data_blocks * TSLB_SLOTS_PER_BLOCK;
   while (total > map.slots_per_cell * MAX_CELLS) map.slots_per_cell *= 2;
   for (uint64_t first = 0; first < total; first += map.slots_per_cell)
     map.cells.push_back(cell_of(report, first, std::min(map.slots_per_cell, total - first)));

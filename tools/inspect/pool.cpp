@@ -19,10 +19,11 @@ bool analysis_t::pool_sizes_fit() {
 
 void analysis_t::audit_cursor() {
   const geometry_t &g = geometry();
-  const uint32_t idx = cursor_slot(pool_hdr_.cur_slot_addr), off = cursor_off(pool_hdr_.cur_slot_addr);
+  const uint32_t idx = tslb_stored_cursor_slot(pool_hdr_.cur_slot_addr),
+                 off = tslb_stored_cursor_off(pool_hdr_.cur_slot_addr);
   const location_t at = {0, sizeof(DynHdr_t) + offsetof(DynMemHdr_t, cur_slot_addr)};
-  const bool has_slot = idx != NO_SLOT && idx < g.n_used;
-  if (idx != NO_SLOT && !has_slot) fault(at, "cur_slot_addr names slot {} of {}", idx, g.n_used);
+  const bool has_slot = idx != TSLB_DA_NIL_IDX && idx < g.n_used;
+  if (idx != TSLB_DA_NIL_IDX && !has_slot) fault(at, "cur_slot_addr names slot {} of {}", idx, g.n_used);
   if (off > pool_hdr_.mslot_sz)
     fault({0, at.offset + offsetof(MemSlotAddr_t, byte_off)}, "cur_slot_addr stands at byte {} of a slot of {}", off,
           pool_hdr_.mslot_sz);
@@ -32,7 +33,7 @@ void analysis_t::audit_cursor() {
 
 void analysis_t::audit_pool() {
   pool_t &pool = report_.pool.emplace();
-  pool.kind = is_bitvector(&pool_hdr_) ? "bit-vector" : "big-buffer";
+  pool.kind = is_bitvector() ? "bit-vector" : "big-buffer";
   pool.slot_capacity = std::min<uint64_t>(pool_hdr_.mslot_sz, geometry().record_bytes - sizeof(MemSlot_t));
   for (uint64_t idx = 0; idx < geometry().n_present; ++idx)
     pool.slots.push_back(read_pool_slot(static_cast<uint32_t>(idx)));
@@ -41,7 +42,7 @@ void analysis_t::audit_pool() {
 
 pool_slot_t analysis_t::read_pool_slot(uint32_t idx) {
   const uint32_t status = report_.has_nodes ? report_.slots[idx].status : TSLB_DA_SLOT_ACTIVE;
-  const bool is_current = idx == cursor_slot(pool_hdr_.cur_slot_addr);
+  const bool is_current = idx == tslb_stored_cursor_slot(pool_hdr_.cur_slot_addr);
   if (is_current && status != TSLB_DA_SLOT_ACTIVE)
     fault(slot_at(idx), "status {} of the current slot, {}", status, idx);
   // What a freed slot's counters say has been written over.
@@ -53,7 +54,8 @@ pool_slot_t analysis_t::read_pool_slot(uint32_t idx) {
   pool_slot_t slot = {is_current ? pool_slot_state_t::CURRENT : pool_slot_state_t::FILLED, stored.bytes_used,
                       stored.bytes_del, 0};
   audit_pool_slot(idx, slot);
-  const uint64_t reached = is_current ? std::max(cursor_off(pool_hdr_.cur_slot_addr), slot.used) : slot.used;
+  const uint64_t reached =
+      is_current ? std::max(tslb_stored_cursor_off(pool_hdr_.cur_slot_addr), slot.used) : slot.used;
   const uint64_t capacity = report_.pool->slot_capacity;
   slot.tail = reached < capacity ? static_cast<uint32_t>(capacity - reached) : 0;
   return slot;
@@ -70,9 +72,9 @@ void analysis_t::audit_pool_slot(uint32_t idx, const pool_slot_t &slot) {
   if (slot.used > capacity && !is_ring_shaped())
     fault(at, "bytes_used {} of slot {}, which has {}", slot.used, idx, capacity);
   else if (slot.state == pool_slot_state_t::CURRENT && !is_ring_shaped() &&
-           slot.used != cursor_off(pool_hdr_.cur_slot_addr))
+           slot.used != tslb_stored_cursor_off(pool_hdr_.cur_slot_addr))
     remark(at, "bytes_used {} of the current slot, {}, where the cursor has reached {}", slot.used, idx,
-           cursor_off(pool_hdr_.cur_slot_addr));
+           tslb_stored_cursor_off(pool_hdr_.cur_slot_addr));
 }
 
 void analysis_t::sum_pool() {

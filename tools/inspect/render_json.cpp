@@ -2,7 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "dynarr_internal.h"
+#include <tslb/tslb_stored.h>
 #include "render.h"
 
 namespace inspect {

@@ -4,7 +4,7 @@
 #include <cctype>
 #include <iterator>
 
-#include "dynarr_internal.h"
+#include <tslb/tslb_dynarr.h>
 #include "render.h"
 
 namespace inspect {

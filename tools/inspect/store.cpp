@@ -13,7 +13,7 @@
 #include <optional>
 #include <string_view>
 
-#include "dynarr_internal.h"
+#include <tslb/tslb_dynarr.h>
 
 namespace inspect {
 

@@ -10,7 +10,8 @@
 
 #include <type_traits>
 
-#include "dynarr_internal.h"
+#include "dynarr_handle.h"
+#include "dynarr_lookup.h"
 #include "tslb_probes.h"
 #include "tslb_report.h"
 
@@ -26,8 +27,6 @@ uint32_t fourth_redirection_elements_count = 1u << 20;
 uint32_t fifth_redirection_elements_count = 1u << 24;
 uint32_t sixth_redirection_elements_count = 1u << 28;
 
-constexpr uint8_t LIB_VERSION = 2;
-
 // ---- Creation -----------------------------------------------------------------------------------------------------
 
 // 0 if an array of these sizes can exist, else the errno that tells why not. `block_bytes` is the size of
@@ -37,7 +36,7 @@ static int refusal_of(int32_t usrhdr_sz, int32_t record_sz, int32_t n_direct, ui
   if (usrhdr_sz < 0 || record_sz < 0 || n_direct < 0) return EINVAL;
   if (usrhdr_sz > UINT16_MAX || block_bytes > INT32_MAX) return EOVERFLOW;
   const uint64_t slot_bytes = uint64_t{static_cast<uint32_t>(record_sz)} + node_bytes;
-  return slot_bytes * SLOTS_PER_BLOCK > UINT32_MAX ? EOVERFLOW : 0;
+  return slot_bytes * TSLB_SLOTS_PER_BLOCK > UINT32_MAX ? EOVERFLOW : 0;
 }
 
 // Memory of block 0, zeroed; null with errno set. A file's old content is lost here: a new array is always empty.
@@ -67,10 +66,10 @@ static void fill_handle(DynArrHandle_t *array, void *block0, char mem_type, int6
 
 static void fill_headers(DynArrHandle_t *array, int32_t usrhdr_sz, int32_t record_sz, uint8_t rec_version) {
   DynHdr_t *const hdr = dyn_hdr_of(array);
-  hdr->lib_version = LIB_VERSION;
+  hdr->lib_version = TSLB_LIB_VERSION;
   hdr->rec_version = rec_version;
   hdr->hdr_size = static_cast<uint16_t>(usrhdr_sz);
-  hdr->lli_sz = has_lists(array) ? LLI_BYTES : 0;
+  hdr->lli_sz = has_lists(array) ? TSLB_LLI_BYTES : 0;
   if (has_lists(array)) {
     DynArrLLI_t *const lli = lli_of(array);
     lli->free_head = lli->free_tail = lli->inact_head = lli->inact_tail = TSLB_DA_NIL_IDX;
@@ -84,8 +83,9 @@ static void fill_headers(DynArrHandle_t *array, int32_t usrhdr_sz, int32_t recor
 DynamicArray_t get_default_dyn_array_ex_ex(int32_t usrhdr_sz, int32_t size_of_single_data_slot,
                                            int32_t number_of_direct_slots, char mem_type, int64_t tbl_id,
                                            const char *ctx_name, uint8_t daflag, uint8_t rec_version) {
-  const uint32_t node_bytes = node_bytes_of(daflag);
-  const int64_t tot_hdrsz = int64_t{usrhdr_sz} + (node_bytes != 0 ? LLI_BYTES : 0) + FIXED_HDR_BYTES;
+  const uint32_t node_bytes = tslb_stored_node_bytes(daflag);
+  const int64_t tot_hdrsz =
+      int64_t{usrhdr_sz} + (node_bytes != 0 ? TSLB_LLI_BYTES : 0) + (TSLB_DYN_HDR_BYTES + TSLB_ARR_HDR_BYTES);
   const int64_t default_dyn_array_size =
       tot_hdrsz + (int64_t{size_of_single_data_slot} + node_bytes) * number_of_direct_slots;
 
@@ -140,13 +140,13 @@ void *get_user_hdr(DynamicArray_t array) {
   return dyn_hdr_of(array)->hdr_size != 0 ? user_hdr_of(array) : nullptr;
 }
 uint32_t get_dyn_arr_size(DynamicArray_t array) {
-  return get32(&arr_hdr_of(array)->n_used);
+  return get32(arr_hdr_of(array), &DynArrHdr_t::n_used);
 }
 uint32_t get_dyn_arr_record_sz(DynamicArray_t array) {
   return arr_hdr_of(array)->record_size;
 }
 uint32_t get_dyn_total_allocated_records(DynamicArray_t array) {
-  return get32(&arr_hdr_of(array)->n_alloc);
+  return get32(arr_hdr_of(array), &DynArrHdr_t::n_alloc);
 }
 void *dyn_array_record(DynamicArray_t, int32_t) {
   return nullptr;
@@ -201,7 +201,7 @@ void get_dyn_data_array(DynamicArray_t array, uint32_t record_size, int32_t coun
     published = publish_heap_block(chunk_size, addr);
   if (published) {
     TSLB_PROBE_BLOCK_CREATED(array, block_num, chunk_size, load_entry(static_cast<void **>(addr)));
-    add32(&arr_hdr_of(array)->n_alloc, static_cast<uint32_t>(count));
+    add32(arr_hdr_of(array), &DynArrHdr_t::n_alloc, static_cast<uint32_t>(count));
   }
   // A heap block that could not be had was reported above.
   if (from_file && load_entry(static_cast<void **>(addr)) == nullptr)
@@ -211,19 +211,19 @@ void get_dyn_data_array(DynamicArray_t array, uint32_t record_size, int32_t coun
 // ---- Lookup -------------------------------------------------------------------------------------------------------
 
 __attribute__((noinline, cold)) static void *make_table(void **entry) {
-  get_dyn_array_of_pointers(ENTRIES_PER_TABLE, entry);
+  get_dyn_array_of_pointers(TSLB_ENTRIES_PER_TABLE, entry);
   return load_entry(entry);
 }
 
 __attribute__((noinline, cold)) static PtrTbl_t *make_root(DynArrHandle_t *array) {
-  get_dyn_array_of_pointers(ENTRIES_PER_TABLE, &array->ir_base);
+  get_dyn_array_of_pointers(TSLB_ENTRIES_PER_TABLE, &array->ir_base);
   return __atomic_load_n(&array->ir_base, __ATOMIC_ACQUIRE);
 }
 
 __attribute__((noinline, cold)) static void *make_block(DynArrHandle_t *array, uint32_t beyond, uint64_t slot_bytes,
                                                         void **entry) {
-  get_dyn_data_array(array, static_cast<uint32_t>(slot_bytes), SLOTS_PER_BLOCK,
-                     static_cast<int32_t>(block_num_of(beyond)), entry);
+  get_dyn_data_array(array, static_cast<uint32_t>(slot_bytes), TSLB_SLOTS_PER_BLOCK,
+                     static_cast<int32_t>(tslb_stored_block_num(beyond)), entry);
   return load_entry(entry);
 }
 
@@ -237,7 +237,7 @@ __attribute__((noinline, cold)) static void *report_beyond_levels(const DynArrHa
 }
 
 static inline void *record_in(void *block, uint32_t beyond, uint64_t slot_bytes, uint64_t shift) {
-  return static_cast<char *>(block) + beyond % SLOTS_PER_BLOCK * slot_bytes + shift;
+  return static_cast<char *>(block) + beyond % TSLB_SLOTS_PER_BLOCK * slot_bytes + shift;
 }
 
 // The way to a record of which some part is missing, or which lies beyond all levels. Every entry is read from its
@@ -246,14 +246,15 @@ __attribute__((noinline, cold)) static void *make_record_beyond(DynArrHandle_t *
                                                                 uint64_t slot_bytes, uint64_t shift) {
   PtrTbl_t *root = __atomic_load_n(&array->ir_base, __ATOMIC_ACQUIRE);
   if (root == nullptr && (root = make_root(array)) == nullptr) return nullptr;
-  const place_t place = place_of(beyond);
-  if (place.level > LEVELS) return report_beyond_levels(array, beyond);
+  const unsigned level = tslb_stored_level_of(beyond);
+  if (level > TSLB_LEVELS) return report_beyond_levels(array, beyond);
 
-  void **entry = reinterpret_cast<void **>(root) + place.level - 1;
-  for (unsigned digit = 4 * place.level; digit != 0; digit -= 4) {
+  const uint32_t actual_id = beyond - tslb_stored_first_of_level(level);
+  void **entry = reinterpret_cast<void **>(root) + level - 1;
+  for (unsigned digit = 4 * level; digit != 0; digit -= 4) {
     void *table = load_entry(entry);
     if (table == nullptr && (table = make_table(entry)) == nullptr) return nullptr;
-    entry = static_cast<void **>(table) + (place.actual_id >> digit) % ENTRIES_PER_TABLE;
+    entry = static_cast<void **>(table) + (actual_id >> digit) % TSLB_ENTRIES_PER_TABLE;
   }
   void *block = load_entry(entry);
   if (block == nullptr) block = make_block(array, beyond, slot_bytes, entry);
@@ -268,7 +269,7 @@ static inline void *descend_from(void *table, uint32_t actual_id) {
     return table;
   } else {
     if (table == nullptr) return nullptr;
-    void **const entry = static_cast<void **>(table) + (actual_id >> (4 * STEPS)) % ENTRIES_PER_TABLE;
+    void **const entry = static_cast<void **>(table) + (actual_id >> (4 * STEPS)) % TSLB_ENTRIES_PER_TABLE;
     return descend_from<STEPS - 1>(load_entry(entry), actual_id);
   }
 }
@@ -276,20 +277,20 @@ static inline void *descend_from(void *table, uint32_t actual_id) {
 template <unsigned LEVEL>
 static inline void *descend(PtrTbl_t *root, uint32_t beyond) {
   void *const table = load_entry(reinterpret_cast<void **>(root) + LEVEL - 1);
-  return descend_from<LEVEL>(table, beyond - first_of_level(LEVEL));
+  return descend_from<LEVEL>(table, beyond - tslb_stored_first_of_level(LEVEL));
 }
 
 // The lower levels first: they hold few ids, but all those of a small array. The processor goes ahead on the level that
 // it expects, where an entry computed from the id would have to be waited for.
 static inline void *find_block(PtrTbl_t *root, uint32_t beyond) {
-  if (__builtin_expect(beyond < first_of_level(3), 1)) {
-    if (__builtin_expect(beyond < first_of_level(2), 1)) return descend<1>(root, beyond);
+  if (__builtin_expect(beyond < tslb_stored_first_of_level(3), 1)) {
+    if (__builtin_expect(beyond < tslb_stored_first_of_level(2), 1)) return descend<1>(root, beyond);
     return descend<2>(root, beyond);
   }
-  if (beyond < first_of_level(4)) return descend<3>(root, beyond);
-  if (beyond < first_of_level(5)) return descend<4>(root, beyond);
-  if (beyond < first_of_level(6)) return descend<5>(root, beyond);
-  return beyond < first_of_level(LEVELS + 1) ? descend<6>(root, beyond) : nullptr;
+  if (beyond < tslb_stored_first_of_level(4)) return descend<3>(root, beyond);
+  if (beyond < tslb_stored_first_of_level(5)) return descend<4>(root, beyond);
+  if (beyond < tslb_stored_first_of_level(6)) return descend<5>(root, beyond);
+  return beyond < tslb_stored_first_of_level(TSLB_LEVELS + 1) ? descend<6>(root, beyond) : nullptr;
 }
 
 void *dynarr_record_beyond(DynArrHandle_t *array, uint32_t beyond, uint64_t slot_bytes, uint64_t shift) {
@@ -300,11 +301,11 @@ void *dynarr_record_beyond(DynArrHandle_t *array, uint32_t beyond, uint64_t slot
 }
 
 void *get_dyn_arr_record_position_ex(DynamicArray_t array, uint32_t id, int64_t, const char *, uint8_t daflag) {
-  return position_of(array, id, daflag);
+  return lookup(array, id, daflag);
 }
 
 void *get_dyn_arr_record_position(DynamicArray_t array, uint32_t id) {
-  return position_of(array, id, 0);
+  return lookup(array, id, 0);
 }
 
 // ---- New ids ------------------------------------------------------------------------------------------------------

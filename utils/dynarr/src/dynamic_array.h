@@ -30,11 +30,9 @@
 
 #include "tslb_atomics.h"
 #include "tslb_decl.h"
+#include "tslb_stored.h"
 
 TSLB_BEGIN_DECLS
-
-#define TSLB_DA_DAFLAG_LL 0x01   /* slots can be freed and taken again */
-#define TSLB_DA_DAFLAG_INLL 0x02 /* and parked on an inactive list; decides the slot's shape if both are set */
 
 /* Where an array's blocks come from. One value per array, for good. */
 enum {

@@ -6,7 +6,8 @@
 #include <sys/mman.h>
 
 #include "dynamic_array.h"
-#include "dynarr_internal.h"
+#include "dynarr_handle.h"
+#include "dynarr_layout.h"
 #include "dynarr_walk.h"
 
 // ---- Teardown ------------------------------------------------------------------------------------------------------
@@ -21,7 +22,7 @@ static void release_block(const DynArrHandle_t *array, void *block, size_t bytes
 // Releases what hangs below a table with `tiers` of tables above the blocks (this one counted), and then the table. An
 // empty entry between others is what a lookup left that was refused memory.
 static void release_tree(const DynArrHandle_t *array, void **table, unsigned tiers, size_t block_bytes) {
-  for (uint32_t i = 0; i < ENTRIES_PER_TABLE; ++i) {
+  for (uint32_t i = 0; i < TSLB_ENTRIES_PER_TABLE; ++i) {
     if (table[i] == nullptr) continue;
     if (tiers > 1)
       release_tree(array, static_cast<void **>(table[i]), tiers - 1, block_bytes);
@@ -33,7 +34,7 @@ static void release_tree(const DynArrHandle_t *array, void **table, unsigned tie
 
 static void release_levels(const DynArrHandle_t *array, size_t block_bytes) {
   void **const roots = reinterpret_cast<void **>(array->ir_base);
-  for (unsigned level = 1; level <= LEVELS; ++level) {
+  for (unsigned level = 1; level <= TSLB_LEVELS; ++level) {
     void *const root = roots[level - 1];
     if (root != nullptr) release_tree(array, static_cast<void **>(root), level, block_bytes);
   }
@@ -45,12 +46,9 @@ void destroy_dyn_arr(DynamicArray_t array) {
   // Sizes first: they stand in block 0, whose number of slots the handle knows on its own.
   const size_t slot_bytes = slot_bytes_of(array);
   const size_t block0_bytes = header_bytes_of(array) + slot_bytes * array->n_direct;
-  if (array->ir_base != nullptr) release_levels(array, slot_bytes * SLOTS_PER_BLOCK);
-  for (unsettled_slot_t *slot = private_of(array)->unsettled; slot != nullptr;) {
-    unsettled_slot_t *const next = slot->next;
-    free(slot);
-    slot = next;
-  }
+  if (array->ir_base != nullptr) release_levels(array, slot_bytes * TSLB_SLOTS_PER_BLOCK);
+  const array_private_t *const own = private_of(array);
+  if (own->module_state != nullptr) own->release_module_state(own->module_state);
   release_block(array, array->arr_base, block0_bytes);
   free(array);
 }
@@ -76,11 +74,11 @@ void tslb_syn_shm_dynarr(DynamicArray_t array) {
 
   // Slots covered, not records used; n_used is read anew each time, so ids issued meanwhile are followed.
   uint64_t num_ele_synced = hdr->n_direct;
-  if (num_ele_synced >= get32(&hdr->n_used)) return;
+  if (num_ele_synced >= get32(hdr, &DynArrHdr_t::n_used)) return;
   walk_data_blocks(array, [&](void *block, unsigned level) {
-    const size_t bytes = slot_bytes * SLOTS_PER_BLOCK;
+    const size_t bytes = slot_bytes * TSLB_SLOTS_PER_BLOCK;
     sync_block(array, block, bytes, bytes, level);
-    num_ele_synced += SLOTS_PER_BLOCK;
-    return num_ele_synced < get32(&hdr->n_used);
+    num_ele_synced += TSLB_SLOTS_PER_BLOCK;
+    return num_ele_synced < get32(hdr, &DynArrHdr_t::n_used);
   });
 }

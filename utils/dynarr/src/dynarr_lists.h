@@ -3,9 +3,12 @@
 #ifndef DYNARR_LISTS_H
 #define DYNARR_LISTS_H
 
-#include "dynarr_internal.h"
+#include "dynarr_lock.h"
+#include "dynarr_lookup.h"
+#include "dynarr_redo.h"
 #include "tslb_dynarr.h"
 #include "tslb_probes.h"
+#include "tslb_util.h"
 
 // What the paths over lists need again and again. A hook that is called in between may change any word, so the compiler
 // would read these anew behind each; they stay as they are as long as the array lives. Handed to functions that are in
@@ -16,19 +19,19 @@ struct list_array_t {
   DynArrLLI_t *lli;
   uint32_t node_bytes;  // of one slot
 
-  bool has_inactive_list() const { return node_bytes != NODE_BYTES; }
+  bool has_inactive_list() const { return node_bytes != TSLB_NODE_BYTES; }
   // Null if there is no such slot.
-  void *slot(uint32_t idx) const { return idx < get32(&hdr->n_used) ? issued_slot(idx) : nullptr; }
+  void *slot(uint32_t idx) const { return idx < get32(hdr, &DynArrHdr_t::n_used) ? issued_slot(idx) : nullptr; }
   void *issued_slot(uint32_t idx) const {
-    return slot_byte_of(array, hdr, idx, hdr->record_size + node_bytes, NODE_BYTES);
+    return lookup_byte(array, hdr, idx, hdr->record_size + node_bytes, TSLB_NODE_BYTES);
   }
   node_bw *bw(void *slot_ptr) const { return bw_of(slot_ptr, hdr->record_size); }
 };
 
 static inline list_array_t list_array_of(DynArrHandle_t *array) {
   // A product: of a choice the compiler makes four steps.
-  const uint32_t second_node = (array->daflag & TSLB_DA_DAFLAG_INLL) * (NODE_BYTES / TSLB_DA_DAFLAG_INLL);
-  return {array, arr_hdr_of(array), lli_of(array), NODE_BYTES + second_node};
+  const uint32_t second_node = (array->daflag & TSLB_DA_DAFLAG_INLL) * (TSLB_NODE_BYTES / TSLB_DA_DAFLAG_INLL);
+  return {array, arr_hdr_of(array), lli_of(array), TSLB_NODE_BYTES + second_node};
 }
 
 // Log a slot, and a slot's forward node. The functions called ask the same first; asked here, logging that is off costs
@@ -38,6 +41,17 @@ static inline void log_slot(dynarr_t *array, uint32_t idx) {
 }
 static inline void log_forward_node(dynarr_t *array, uint32_t idx) {
   if (redo_is_on(array)) tslb_redo_log_da_ex(array, idx, NO_TXN, TSLB_REDO_SLOT, 1);
+}
+
+// tslb_da_get_newptr of an array without lists. The clock is read for every slot, also for one that keeps no time.
+static inline void *take_plain_slot(DynArrHandle_t *array, uint32_t *idx) {
+  tslb_get_time(nullptr);
+  void *slot_ptr;
+  *idx = static_cast<uint32_t>(new_record_id(array, &slot_ptr, array->daflag));
+  if (slot_ptr == nullptr) return nullptr;
+  set_gatekeeper(slot_ptr);
+  TSLB_PROBE_SLOT_TAKEN(array, *idx, slot_ptr);
+  return slot_ptr;
 }
 
 // ---- Out of line ---------------------------------------------------------------------------------------------------
@@ -63,30 +77,30 @@ static inline void lists_log_freed(dynarr_t *array, uint32_t idx) {
 // not exist, in an array that somebody else wrote: it is stepped over.
 static inline void lists_relink_next(const list_array_t &list, uint32_t idx, uint32_t next) {
   void *const slot_ptr = list.slot(idx);
-  if (slot_ptr != nullptr) set32(&fw_of(slot_ptr)->next, next);
+  if (slot_ptr != nullptr) set32(fw_of(slot_ptr), &node_fw::next, next);
   log_slot(list.array, idx);
 }
 static inline void lists_relink_prev(const list_array_t &list, uint32_t idx, uint32_t prev) {
   void *const slot_ptr = list.slot(idx);
-  if (slot_ptr != nullptr) set32(&list.bw(slot_ptr)->prev, prev);
+  if (slot_ptr != nullptr) set32(list.bw(slot_ptr), &node_bw::prev, prev);
   log_slot(list.array, idx);
 }
 
 static inline void lists_append_free(const list_array_t &list, uint32_t idx, void *slot_ptr) {
   DynArrLLI_t *const lli = list.lli;
-  const uint32_t head = get32(&lli->free_head);
-  if (head == TSLB_DA_NIL_IDX && get32(&lli->n_free) != 0) lists_repair_free(list.array);
-  const uint32_t tail = get32(&lli->free_tail);
+  const uint32_t head = get32(lli, &DynArrLLI_t::free_head);
+  if (head == TSLB_DA_NIL_IDX && get32(lli, &DynArrLLI_t::n_free) != 0) lists_repair_free(list.array);
+  const uint32_t tail = get32(lli, &DynArrLLI_t::free_tail);
   if (__builtin_expect(tail != TSLB_DA_NIL_IDX, 1)) {
     void *const tail_ptr = list.slot(tail);
-    if (tail_ptr != nullptr) set32(&fw_of(tail_ptr)->next, idx);
+    if (tail_ptr != nullptr) set32(fw_of(tail_ptr), &node_fw::next, idx);
     log_forward_node(list.array, tail);
   }
-  set32(&lli->free_tail, idx);
-  set32(&lli->n_free, get32(&lli->n_free) + 1);
-  if (__builtin_expect(head == TSLB_DA_NIL_IDX, 0)) set32(&lli->free_head, idx);
+  set32(lli, &DynArrLLI_t::free_tail, idx);
+  set32(lli, &DynArrLLI_t::n_free, get32(lli, &DynArrLLI_t::n_free) + 1);
+  if (__builtin_expect(head == TSLB_DA_NIL_IDX, 0)) set32(lli, &DynArrLLI_t::free_head, idx);
   set_status(slot_ptr, TSLB_DA_SLOT_FREE);
-  set32(&fw_of(slot_ptr)->next, TSLB_DA_NIL_IDX);
+  set32(fw_of(slot_ptr), &node_fw::next, TSLB_DA_NIL_IDX);
 }
 
 // tslb_da_free_idx under the lock, with its result; if that is 0, lists_log_freed is due behind it. For whoever has to
@@ -101,7 +115,7 @@ static inline int lists_free(const list_array_t &list, uint32_t idx, void *slot_
   else if (status == TSLB_DA_SLOT_INACTIVE)
     lists_free_inactive(list.array, idx, slot_ptr);
   // Any other number is no status of this library: no list knows the slot, and none gets it.
-  set32(slot_ptr, GATEKEEPER);
+  set_gatekeeper(slot_ptr);
   TSLB_PROBE_SLOT_FREED(list.array, idx, slot_ptr);
   return 0;
 }

@@ -3,7 +3,8 @@
 
 #include <stdio.h>
 
-#include "dynarr_internal.h"
+#include "dynarr_lock.h"
+#include "dynarr_lookup.h"
 // The one call upward in the layers: pools and slot arrays have one creator, which knows both.
 #include "tslb_dynmem.h"
 
@@ -44,7 +45,7 @@ unsigned int tslb_da_get_record_size(dynarr_t *h_dynarr) {
 
 uint32_t tslb_da_get_slotsz(dynarr_t *h_dynarr, int *shift) {
   if (h_dynarr == nullptr) return UINT32_MAX;
-  if (shift != nullptr && has_lists(h_dynarr)) *shift = static_cast<int>(shift_of(h_dynarr->daflag));
+  if (shift != nullptr && has_lists(h_dynarr)) *shift = static_cast<int>(tslb_stored_shift(h_dynarr->daflag));
   return slot_bytes_of(h_dynarr);
 }
 
@@ -62,7 +63,7 @@ void *tslb_da_get_dynarrhdr(void *handle_dynarr) {
 }
 
 void *tslb_da_get_ptr(dynarr_t *handle_dynarr, unsigned int idx) {
-  return handle_dynarr != nullptr ? slot_ptr_of(handle_dynarr, idx) : nullptr;
+  return handle_dynarr != nullptr ? lookup_slot(handle_dynarr, idx) : nullptr;
 }
 
 char *tslb_da_get_hdr_str(DynamicArray_t dyn_handle) {
@@ -70,17 +71,18 @@ char *tslb_da_get_hdr_str(DynamicArray_t dyn_handle) {
   if (dyn_handle == nullptr) return nullptr;
   const DynArrHdr_t *const hdr = arr_hdr_of(dyn_handle);
   // The numbers print signed, so that TSLB_DA_NIL_IDX shows as -1.
-  const auto shown = [](const void *word) { return static_cast<int>(get32(word)); };
-  const int used_len = snprintf(text, sizeof(text),
-                                "dyn_arr ptr[%p], da_flag[%d], n_alloc[%d], n_used[%d], n_direct[%d], record_size[%d]",
-                                static_cast<void *>(dyn_handle), dyn_handle->daflag, shown(&hdr->n_alloc),
-                                shown(&hdr->n_used), shown(&hdr->n_direct), shown(&hdr->record_size));
+  const auto shown = [](const auto *at, auto field) { return static_cast<int>(get32(at, field)); };
+  const int used_len = snprintf(
+      text, sizeof(text), "dyn_arr ptr[%p], da_flag[%d], n_alloc[%d], n_used[%d], n_direct[%d], record_size[%d]",
+      static_cast<void *>(dyn_handle), dyn_handle->daflag, shown(hdr, &DynArrHdr_t::n_alloc),
+      shown(hdr, &DynArrHdr_t::n_used), shown(hdr, &DynArrHdr_t::n_direct), shown(hdr, &DynArrHdr_t::record_size));
   if (has_inactive_list(dyn_handle) && used_len >= 0 && static_cast<size_t>(used_len) < sizeof(text)) {
     const DynArrLLI_t *const lli = lli_of(dyn_handle);
     snprintf(text + used_len, sizeof(text) - static_cast<size_t>(used_len),
              ", n_inact[%d], n_free[%d], n_act[%d], inact_head[%d], inact_tail[%d], free_head[%d], free_tail[%d]",
-             shown(&lli->n_inact), shown(&lli->n_free), shown(&lli->n_act), shown(&lli->inact_head),
-             shown(&lli->inact_tail), shown(&lli->free_head), shown(&lli->free_tail));
+             shown(lli, &DynArrLLI_t::n_inact), shown(lli, &DynArrLLI_t::n_free), shown(lli, &DynArrLLI_t::n_act),
+             shown(lli, &DynArrLLI_t::inact_head), shown(lli, &DynArrLLI_t::inact_tail),
+             shown(lli, &DynArrLLI_t::free_head), shown(lli, &DynArrLLI_t::free_tail));
   }
   return text;
 }

@@ -23,15 +23,6 @@ TSLB_BEGIN_DECLS
 
 typedef DynArrHandle_t dynarr_t; /* a dynarr_t * is a DynamicArray_t; treat it as opaque */
 
-#define TSLB_DA_NIL_IDX 0xFFFFFFFFu /* end of a list, no slot */
-
-/* Slot status: a plain value, tested for equality only. */
-#define TSLB_DA_SLOT_UNSET 0u              /* id issued, never allocated; on no list */
-#define TSLB_DA_SLOT_FREE 1u               /* on the free list */
-#define TSLB_DA_SLOT_ACTIVE 2u             /* a caller's; on no list */
-#define TSLB_DA_SLOT_INACTIVE 3u           /* on the inactive list, record intact */
-#define TSLB_DA_SLOT_NOT_READY 0xFFFFFFFFu /* only a host writes this one */
-
 /* List node ahead of a slot's record. In files, snapshots and redo records as it lies here. Records can have any
  * size, so it stands at any address. */
 typedef struct TSLB_UNALIGNED DynArrSlotLLIFW_t {

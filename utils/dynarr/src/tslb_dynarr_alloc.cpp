@@ -16,18 +16,18 @@
 // count without a head, a head without a count or without a slot) is passed over and left as it is.
 static inline void *take_free_head(const list_array_t &list, uint32_t *idx) {
   DynArrLLI_t *const lli = list.lli;
-  const uint32_t head = get32(&lli->free_head);
-  const uint32_t n_free = get32(&lli->n_free);
+  const uint32_t head = get32(lli, &DynArrLLI_t::free_head);
+  const uint32_t n_free = get32(lli, &DynArrLLI_t::n_free);
   if (n_free == 0 || head == TSLB_DA_NIL_IDX) return nullptr;
   void *const slot_ptr = list.slot(head);
   if (slot_ptr == nullptr) return nullptr;
-  if (head == get32(&lli->free_tail)) {
-    set32(&lli->free_tail, TSLB_DA_NIL_IDX);
-    set32(&lli->free_head, TSLB_DA_NIL_IDX);
+  if (head == get32(lli, &DynArrLLI_t::free_tail)) {
+    set32(lli, &DynArrLLI_t::free_tail, TSLB_DA_NIL_IDX);
+    set32(lli, &DynArrLLI_t::free_head, TSLB_DA_NIL_IDX);
   } else {
-    set32(&lli->free_head, get32(&fw_of(slot_ptr)->next));
+    set32(lli, &DynArrLLI_t::free_head, get32(fw_of(slot_ptr), &node_fw::next));
   }
-  set32(&lli->n_free, n_free - 1);
+  set32(lli, &DynArrLLI_t::n_free, n_free - 1);
   *idx = head;
   return slot_ptr;
 }
@@ -51,9 +51,9 @@ static bool passes(tsdb_inactive_thshld_policy_t set, uint32_t n_used, uint32_t 
 static inline bool policy_wants_reuse(const list_array_t &list) {
   const DynArrLLI_t *const lli = list.lli;
   const tsdb_mem_pressure_config_t policy = lli->mem_pressure_conf;  // stored unaligned: no reference to it
-  const uint32_t n_inact = get32(&lli->n_inact);
-  if (n_inact == 0 || get32(&lli->inact_head) == TSLB_DA_NIL_IDX) return false;
-  const uint32_t n_used = get32(&list.hdr->n_used);
+  const uint32_t n_inact = get32(lli, &DynArrLLI_t::n_inact);
+  if (n_inact == 0 || get32(lli, &DynArrLLI_t::inact_head) == TSLB_DA_NIL_IDX) return false;
+  const uint32_t n_used = get32(list.hdr, &DynArrHdr_t::n_used);
   const uint8_t percent = inactive_percent(n_inact, n_used);
   return passes(policy.major, n_used, n_inact, percent) || passes(policy.critical, n_used, n_inact, percent);
 }
@@ -64,23 +64,23 @@ __attribute__((always_inline)) static inline void *take_inactive_head(const list
                                                                       uint32_t *head_ts) {
   DynArrLLI_t *const lli = list.lli;
   if (!policy_wants_reuse(list)) return nullptr;
-  const uint32_t head = get32(&lli->inact_head);
+  const uint32_t head = get32(lli, &DynArrLLI_t::inact_head);
   void *const slot_ptr = list.slot(head);
   if (slot_ptr == nullptr) return nullptr;
-  *head_ts = get32(&list.bw(slot_ptr)->ts);
+  *head_ts = get32(list.bw(slot_ptr), &node_bw::ts);
   // The limit comes from `critical` whichever set passed.
   const uint32_t min_age = lli->mem_pressure_conf.critical.min_days_since_inactive;
   if (tslb_validate_days_since_node_inact(*head_ts, static_cast<int>(min_age)) == 0) return nullptr;
 
-  if (head == get32(&lli->inact_tail)) {
-    set32(&lli->inact_tail, TSLB_DA_NIL_IDX);
-    set32(&lli->inact_head, TSLB_DA_NIL_IDX);
+  if (head == get32(lli, &DynArrLLI_t::inact_tail)) {
+    set32(lli, &DynArrLLI_t::inact_tail, TSLB_DA_NIL_IDX);
+    set32(lli, &DynArrLLI_t::inact_head, TSLB_DA_NIL_IDX);
   } else {
-    const uint32_t next = get32(&fw_of(slot_ptr)->next);
-    set32(&lli->inact_head, next);
+    const uint32_t next = get32(fw_of(slot_ptr), &node_fw::next);
+    set32(lli, &DynArrLLI_t::inact_head, next);
     lists_relink_prev(list, next, TSLB_DA_NIL_IDX);
   }
-  set32(&lli->n_inact, get32(&lli->n_inact) - 1);
+  set32(lli, &DynArrLLI_t::n_inact, get32(lli, &DynArrLLI_t::n_inact) - 1);
   *idx = head;
   return slot_ptr;
 }
@@ -113,10 +113,10 @@ void tslb_da_register_reuse_policy(dynarr_t *handle_dynarr, tsdb_mem_pressure_co
 static inline void write_nodes(const list_array_t &list, void *slot_ptr, uint32_t now) {
   if (list.has_inactive_list()) {
     node_bw *const bw = list.bw(slot_ptr);
-    set32(&bw->prev, TSLB_DA_NIL_IDX);
-    set32(&bw->ts, now);
+    set32(bw, &node_bw::prev, TSLB_DA_NIL_IDX);
+    set32(bw, &node_bw::ts, now);
   }
-  set32(&fw_of(slot_ptr)->next, TSLB_DA_NIL_IDX);
+  set32(fw_of(slot_ptr), &node_fw::next, TSLB_DA_NIL_IDX);
   set_status(slot_ptr, TSLB_DA_SLOT_ACTIVE);
 }
 
@@ -132,10 +132,10 @@ struct taken_t {
 // counters. Each changes whole; the rest has no reader.
 static inline void clear_payload(void *payload, uint32_t record_size) {
   if (__builtin_expect(record_size >= 8, 1)) {
-    set64(payload, 0);
+    __atomic_store_n(static_cast<uint64_t *>(payload), 0, __ATOMIC_RELAXED);
     memset(static_cast<char *>(payload) + 8, 0, record_size - 8);
   } else {
-    if (record_size >= 4) set32(payload, 0);
+    if (record_size >= 4) __atomic_store_n(static_cast<uint32_t *>(payload), 0, __ATOMIC_RELAXED);
     memset(static_cast<char *>(payload) + (record_size & 4), 0, record_size & 3);
   }
 }
@@ -187,7 +187,7 @@ __attribute__((always_inline)) static inline void *take_and_log(dynarr_t *array,
       redo_header(array);
       redo_nodes(array, taken.idx, taken.slot_ptr);
     }
-    set32(taken.slot_ptr, GATEKEEPER);
+    set_gatekeeper(taken.slot_ptr);
     TSLB_PROBE_SLOT_TAKEN(array, taken.idx, taken.slot_ptr);
   }
   *new_idx = taken.idx;
@@ -231,7 +231,7 @@ void *tslb_da_get_newptr_inll_ex(dynarr_t *handle_dynarr, uint32_t *new_idx, uin
     spin_unlock(&handle_dynarr->spinlock);
   }
   if (taken.slot_ptr != nullptr) {
-    set32(taken.slot_ptr, GATEKEEPER);
+    set_gatekeeper(taken.slot_ptr);
     TSLB_PROBE_SLOT_TAKEN(handle_dynarr, taken.idx, taken.slot_ptr);
   }
   *new_idx = taken.idx;

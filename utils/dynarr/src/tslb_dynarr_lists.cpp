@@ -16,10 +16,10 @@ void lists_repair_free(dynarr_t *array) {
   fprintf(stderr,
           "%s:%d:%s: Warning: Trying to get slot from NULL free_head, resetting n_free,n_free - %d, ctx_name - %s, "
           "tbl_id - %d",
-          __FILE_NAME__, __LINE__, "tslb_da_free_idx", static_cast<int>(get32(&lli->n_free)), array->ctx_name,
-          static_cast<int>(array->tbl_id));
-  set32(&lli->n_free, 0);
-  set32(&lli->free_tail, TSLB_DA_NIL_IDX);
+          __FILE_NAME__, __LINE__, "tslb_da_free_idx", static_cast<int>(get32(lli, &DynArrLLI_t::n_free)),
+          array->ctx_name, static_cast<int>(array->tbl_id));
+  set32(lli, &DynArrLLI_t::n_free, 0);
+  set32(lli, &DynArrLLI_t::free_tail, TSLB_DA_NIL_IDX);
 }
 
 __attribute__((noinline, cold)) static void repair_inactive_list(dynarr_t *array) {
@@ -27,26 +27,26 @@ __attribute__((noinline, cold)) static void repair_inactive_list(dynarr_t *array
   fprintf(stderr,
           "%s:%d:%s: Warning: Trying to get slot from NULL inact_head, resetting n_inact, n_inact - %d, ctx_name - "
           "%s, tbl_id - %d",
-          __FILE_NAME__, __LINE__, "tslb_da_inactivate_idx", static_cast<int>(get32(&lli->n_inact)), array->ctx_name,
-          static_cast<int>(array->tbl_id));
-  set32(&lli->n_inact, 0);
-  set32(&lli->inact_tail, TSLB_DA_NIL_IDX);
+          __FILE_NAME__, __LINE__, "tslb_da_inactivate_idx", static_cast<int>(get32(lli, &DynArrLLI_t::n_inact)),
+          array->ctx_name, static_cast<int>(array->tbl_id));
+  set32(lli, &DynArrLLI_t::n_inact, 0);
+  set32(lli, &DynArrLLI_t::inact_tail, TSLB_DA_NIL_IDX);
 }
 
 static inline void append_inactive(const list_array_t &list, uint32_t idx, void *slot_ptr, uint32_t ts) {
   DynArrLLI_t *const lli = list.lli;
-  const uint32_t head = get32(&lli->inact_head);
-  if (head == TSLB_DA_NIL_IDX && get32(&lli->n_inact) != 0) repair_inactive_list(list.array);
-  const uint32_t tail = get32(&lli->inact_tail);
+  const uint32_t head = get32(lli, &DynArrLLI_t::inact_head);
+  if (head == TSLB_DA_NIL_IDX && get32(lli, &DynArrLLI_t::n_inact) != 0) repair_inactive_list(list.array);
+  const uint32_t tail = get32(lli, &DynArrLLI_t::inact_tail);
   if (tail != TSLB_DA_NIL_IDX) lists_relink_next(list, tail, idx);
   node_bw *const bw = list.bw(slot_ptr);
-  set32(&bw->prev, tail);
-  set32(&fw_of(slot_ptr)->next, TSLB_DA_NIL_IDX);
-  set32(&bw->ts, ts);
+  set32(bw, &node_bw::prev, tail);
+  set32(fw_of(slot_ptr), &node_fw::next, TSLB_DA_NIL_IDX);
+  set32(bw, &node_bw::ts, ts);
   set_status(slot_ptr, TSLB_DA_SLOT_INACTIVE);
-  set32(&lli->inact_tail, idx);
-  if (head == TSLB_DA_NIL_IDX) set32(&lli->inact_head, idx);
-  set32(&lli->n_inact, get32(&lli->n_inact) + 1);
+  set32(lli, &DynArrLLI_t::inact_tail, idx);
+  if (head == TSLB_DA_NIL_IDX) set32(lli, &DynArrLLI_t::inact_head, idx);
+  set32(lli, &DynArrLLI_t::n_inact, get32(lli, &DynArrLLI_t::n_inact) + 1);
 }
 
 // Takes a slot out of the inactive list from wherever it stands: two tests cover head, tail, middle and only member.
@@ -54,19 +54,19 @@ static void leave_inactive(const list_array_t &list, void *slot_ptr, uint32_t st
   DynArrLLI_t *const lli = list.lli;
   node_fw *const fw = fw_of(slot_ptr);
   node_bw *const bw = list.bw(slot_ptr);
-  const uint32_t prev = get32(&bw->prev), next = get32(&fw->next);
+  const uint32_t prev = get32(bw, &node_bw::prev), next = get32(fw, &node_fw::next);
   if (prev == TSLB_DA_NIL_IDX)
-    set32(&lli->inact_head, next);
+    set32(lli, &DynArrLLI_t::inact_head, next);
   else
     lists_relink_next(list, prev, next);
   if (next == TSLB_DA_NIL_IDX)
-    set32(&lli->inact_tail, prev);
+    set32(lli, &DynArrLLI_t::inact_tail, prev);
   else
     lists_relink_prev(list, next, prev);
-  set32(&bw->prev, TSLB_DA_NIL_IDX);
-  set32(&fw->next, TSLB_DA_NIL_IDX);
+  set32(bw, &node_bw::prev, TSLB_DA_NIL_IDX);
+  set32(fw, &node_fw::next, TSLB_DA_NIL_IDX);
   set_status(slot_ptr, status);
-  set32(&lli->n_inact, get32(&lli->n_inact) - 1);
+  set32(lli, &DynArrLLI_t::n_inact, get32(lli, &DynArrLLI_t::n_inact) - 1);
 }
 
 // ---- Free ---------------------------------------------------------------------------------------------------------
@@ -175,6 +175,6 @@ void *tslb_da_get_inactive_head_ptr(dynarr_t *handle_dynarr, uint32_t *head_idx)
            TSLB_FILE_LINE_FUNC);
     return nullptr;
   }
-  *head_idx = get32(&lli_of(handle_dynarr)->inact_head);
+  *head_idx = get32(lli_of(handle_dynarr), &DynArrLLI_t::inact_head);
   return tslb_da_get_ptr(handle_dynarr, *head_idx);
 }

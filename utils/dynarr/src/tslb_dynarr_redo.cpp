@@ -2,7 +2,8 @@
 //
 // Positions are 64-bit sums. Below 4 GiB of image that is what any log has always held; above it, a narrower
 // sum would name the wrong bytes.
-#include "dynarr_internal.h"
+#include "dynarr_lookup.h"
+#include "dynarr_redo.h"
 #include "tslb_dynarr.h"
 
 static uint64_t image_offset_of(const DynArrHandle_t *array, uint32_t idx) {
@@ -20,11 +21,11 @@ void redo_header(DynArrHandle_t *array, uint64_t txn_id, char rec_type) {
 
 void redo_nodes(DynArrHandle_t *array, uint32_t idx, void *slot_ptr) {
   const uint64_t base = image_offset_of(array, idx);
-  write_record(array, NO_TXN, TSLB_REDO_SLOT, base, fw_of(slot_ptr), NODE_BYTES);
+  write_record(array, NO_TXN, TSLB_REDO_SLOT, base, fw_of(slot_ptr), TSLB_NODE_BYTES);
   if (!has_inactive_list(array)) return;
   const uint32_t record_size = arr_hdr_of(array)->record_size;
-  write_record(array, NO_TXN, TSLB_REDO_SLOT, base + NODE_BYTES + record_size, bw_of(slot_ptr, record_size),
-               NODE_BYTES);
+  write_record(array, NO_TXN, TSLB_REDO_SLOT, base + TSLB_NODE_BYTES + record_size, bw_of(slot_ptr, record_size),
+               TSLB_NODE_BYTES);
 }
 
 void tslb_redo_log_da(dynarr_t *h_dynarr, unsigned int sidx, uint64_t txn_id, char rec_type) {
@@ -43,18 +44,18 @@ void tslb_redo_log_da_field(dynarr_t *h_dynarr, unsigned int sidx, uint64_t txn_
 void tslb_redo_log_da_internal(dynarr_t *h_dynarr, unsigned int sidx, uint64_t txn_id, char rec_type, char rec_hdr_only,
                                int field_offset, int field_size) {
   if (!redo_is_on(h_dynarr)) return;
-  char *const slot_ptr = static_cast<char *>(slot_ptr_of(h_dynarr, sidx));
+  char *const slot_ptr = static_cast<char *>(lookup_slot(h_dynarr, sidx));
   if (slot_ptr == nullptr) return;
   if (rec_type == 0) rec_type = TSLB_REDO_DEFAULT;
 
   const uint64_t base = image_offset_of(h_dynarr, sidx);
-  const uint32_t shift = shift_of(h_dynarr->daflag);
+  const uint32_t shift = tslb_stored_shift(h_dynarr->daflag);
   if (field_offset >= 0 && field_size >= 1) {
     write_record(h_dynarr, txn_id, rec_type, base + shift + static_cast<uint32_t>(field_offset),
                  slot_ptr + field_offset, static_cast<uint32_t>(field_size));
   } else {
     write_record(h_dynarr, txn_id, rec_type, base, slot_ptr - shift,
-                 rec_hdr_only != 0 ? NODE_BYTES : slot_bytes_of(h_dynarr));
+                 rec_hdr_only != 0 ? TSLB_NODE_BYTES : slot_bytes_of(h_dynarr));
   }
 }
 

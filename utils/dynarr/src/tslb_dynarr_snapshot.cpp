@@ -5,11 +5,12 @@
 #include <string.h>
 #include <unistd.h>
 
-#include "dynarr_internal.h"
+#include "dynarr_lookup.h"
 #include "dynarr_walk.h"
 #include "tslb_dynarr.h"
 #include "tslb_dynmem.h"
 #include "tslb_probes.h"
+#include "tslb_rd_api.h"
 #include "tslb_settings.h"
 
 // A block of the walk, and its slots that are in use.
@@ -27,7 +28,7 @@ enum walk_end_t { WALK_ENDED, WALK_RAN_OUT };
 template <class Deal>
 static walk_end_t walk_blocks(DynArrHandle_t *array, Deal deal) {
   const DynArrHdr_t *const hdr = arr_hdr_of(array);
-  const uint32_t n_used = get32(&hdr->n_used);
+  const uint32_t n_used = get32(hdr, &DynArrHdr_t::n_used);
   int num_elem_left = static_cast<int>(n_used);
   const int in_block0 = static_cast<int>(hdr->n_direct < n_used ? hdr->n_direct : n_used);
   const int outcome = deal(walked_block_t{array->arr_base, in_block0, static_cast<int>(header_bytes_of(array)), 0,
@@ -37,7 +38,7 @@ static walk_end_t walk_blocks(DynArrHandle_t *array, Deal deal) {
     return WALK_ENDED;
 
   const bool ran_out = walk_data_blocks(array, [&](void *block, unsigned level) {
-    const int per_block = static_cast<int>(SLOTS_PER_BLOCK);
+    const int per_block = static_cast<int>(TSLB_SLOTS_PER_BLOCK);
     const int in_block = num_elem_left <= per_block ? num_elem_left : per_block;
     const bool goes_on = deal(walked_block_t{block, in_block, 0, level, num_elem_left == in_block}) == 0;
     num_elem_left -= in_block;
@@ -86,7 +87,7 @@ int tslb_dump_data_into_dds_file(const char *ctx_name, void *blk_ptr, int num_el
     }
   }
   *num_elem_dumped += num_elements;
-  return static_cast<uint32_t>(*num_elem_dumped) >= get32(&dyn_handle_hdr->n_used) ? 1 : 0;
+  return static_cast<uint32_t>(*num_elem_dumped) >= get32(dyn_handle_hdr, &DynArrHdr_t::n_used) ? 1 : 0;
 }
 
 // Bytes of the array's last slot that are worth storing, where the host has asked for a cut: what the pool's cursor has
@@ -99,9 +100,10 @@ static uint32_t short_last_slot_bytes(const DynArrHandle_t *array) {
   if (dyn_hdr_of(array)->hdr_size < sizeof(DynMemHdr_t)) return 0;  // the host gave a pool's table id to another array
   const DynMemHdr_t *const hdr = static_cast<const DynMemHdr_t *>(user_hdr_of(array));
   const uint64_t cursor = __atomic_load_n(&hdr->cur_slot_addr, __ATOMIC_RELAXED);
-  const uint32_t n_used = get32(&arr_hdr_of(array)->n_used);
+  const uint32_t n_used = get32(arr_hdr_of(array), &DynArrHdr_t::n_used);
   if (n_used == 0 || static_cast<uint32_t>(cursor) != n_used - 1) return 0;
-  return static_cast<uint32_t>(cursor >> 32) + shift_of(array->daflag) + static_cast<uint32_t>(sizeof(MemSlot_t));
+  return static_cast<uint32_t>(cursor >> 32) + tslb_stored_shift(array->daflag) +
+         static_cast<uint32_t>(sizeof(MemSlot_t));
 }
 
 int tslb_create_dump_for_dynarr(DynamicArray_t dyn_handle, int fd, uint8_t, size_t *total_write_sz) {

@@ -5,6 +5,7 @@
 #include <stdarg.h>
 #include <stdio.h>
 
+#include "dynarr_redo.h"
 #include "dynmem_internal.h"
 
 GlobalMemStats_t g_mem_st;
@@ -24,7 +25,7 @@ static int record_bytes_of(int mslot_sz) {
 static void fill_pool_hdr(dynmem_t *pool, uint64_t direct_bytes, int record_bytes, char flag_bits, bool growth_logged,
                           short max_slots) {
   DynMemHdr_t *const hdr = pool_hdr_of(pool);
-  hdr->cur_slot_addr = cursor_of(NO_SLOT, 0);
+  hdr->cur_slot_addr = tslb_stored_cursor(TSLB_DA_NIL_IDX, 0);
   hdr->total_msz = direct_bytes + header_bytes_of(pool);
   hdr->mslot_sz = static_cast<uint32_t>(record_bytes) - static_cast<uint32_t>(sizeof(MemSlot_t));
   // Bits that the two arguments carry beyond the known ones stay; only this one is the library's to say.
@@ -52,8 +53,7 @@ dynmem_t *tslb_init_dynmem_ex1(int mslot_sz, int num_mslot, char compat_flag, un
 
   // Whatever the memory type, unlike the slot layer's records: is_persist is the caller's wish. Under the handle's
   // name, as all later records of the array.
-  if (__atomic_load_n(&g_redo_handle, __ATOMIC_RELAXED) != nullptr && pool->ctx_name[0] != '\0' && is_persist != 0)
-    redo_header(pool);
+  if (redo_log_exists() && pool->ctx_name[0] != '\0' && is_persist != 0) redo_header(pool);
   return pool;
 }
 
@@ -108,13 +108,14 @@ static void append_pool_hdr(line_t *line, const DynMemHdr_t *hdr) {
     append(line, "DynMemHdr(%p): {--}, ", static_cast<const void *>(nullptr));
     return;
   }
-  const uint64_t cursor = get64(&hdr->cur_slot_addr);
+  const uint64_t cursor = get64(hdr, &DynMemHdr_t::cur_slot_addr);
   append(line,
          "DynMemHdr(%p): {flag = 0x%02x, cur_slot_addr = %lu (mslot_idx = %u, byte_off = %u), mslot_sz = %u, "
          "total_msz = %lu, total_mused = %lu, total_mwast = %lu, total_mavail = %lu}, ",
-         static_cast<const void *>(hdr), static_cast<unsigned int>(hdr->flag), cursor, cursor_slot(cursor),
-         cursor_off(cursor), hdr->mslot_sz, get64(&hdr->total_msz), get64(&hdr->total_mused), get64(&hdr->total_mwast),
-         get64(&hdr->total_mavail));
+         static_cast<const void *>(hdr), static_cast<unsigned int>(hdr->flag), cursor, tslb_stored_cursor_slot(cursor),
+         tslb_stored_cursor_off(cursor), hdr->mslot_sz, get64(hdr, &DynMemHdr_t::total_msz),
+         get64(hdr, &DynMemHdr_t::total_mused), get64(hdr, &DynMemHdr_t::total_mwast),
+         get64(hdr, &DynMemHdr_t::total_mavail));
 }
 
 static void append_policy(line_t *line, const DynArrLLI_t *lli) {
@@ -135,14 +136,15 @@ static void append_list_roots(line_t *line, const DynArrLLI_t *lli) {
   append(line,
          "DynArrLLI_t(%p): {free_head = %u, free_tail = %u, inact_head = %u, inact_tail = %u, n_inact = %u, "
          "n_act = %u, n_free = %u",
-         static_cast<const void *>(lli), get32(&lli->free_head), get32(&lli->free_tail), get32(&lli->inact_head),
-         get32(&lli->inact_tail), get32(&lli->n_inact), get32(&lli->n_act), get32(&lli->n_free));
+         static_cast<const void *>(lli), get32(lli, &DynArrLLI_t::free_head), get32(lli, &DynArrLLI_t::free_tail),
+         get32(lli, &DynArrLLI_t::inact_head), get32(lli, &DynArrLLI_t::inact_tail), get32(lli, &DynArrLLI_t::n_inact),
+         get32(lli, &DynArrLLI_t::n_act), get32(lli, &DynArrLLI_t::n_free));
 }
 
 static void append_array_and_totals(line_t *line, const DynArrHdr_t *hdr) {
   append(line, "DynArr(%p): {n_alloc = %u, n_used = %u, n_direct = %u, record_size = %u}, ",
-         static_cast<const void *>(hdr), get32(&hdr->n_alloc), get32(&hdr->n_used), get32(&hdr->n_direct),
-         get32(&hdr->record_size));
+         static_cast<const void *>(hdr), get32(hdr, &DynArrHdr_t::n_alloc), get32(hdr, &DynArrHdr_t::n_used),
+         get32(hdr, &DynArrHdr_t::n_direct), get32(hdr, &DynArrHdr_t::record_size));
   append(line,
          "DS_SIZE: {DynHdr_t = %lu, DynMemHdr_t = %lu, DynArrLLI_t = %lu, DynArrHdr = %lu, "
          "DynMemCompactAttr_t = %lu}, ",
@@ -150,8 +152,9 @@ static void append_array_and_totals(line_t *line, const DynArrHdr_t *hdr) {
   append(line,
          "GlobalMemStats: {total_msz = %lu, total_nused = %lu, total_mwaist = %lu, total_avaial = %lu, "
          "total_mdel = %lu}",
-         get64(&g_mem_st.total_msz), get64(&g_mem_st.total_mused), get64(&g_mem_st.total_mwaist),
-         get64(&g_mem_st.total_mavail), get64(&g_mem_st.total_mdel));
+         get64(&g_mem_st, &GlobalMemStats_t::total_msz), get64(&g_mem_st, &GlobalMemStats_t::total_mused),
+         get64(&g_mem_st, &GlobalMemStats_t::total_mwaist), get64(&g_mem_st, &GlobalMemStats_t::total_mavail),
+         get64(&g_mem_st, &GlobalMemStats_t::total_mdel));
 }
 
 char *tslb_print_poolhdr(void *h_pool) {

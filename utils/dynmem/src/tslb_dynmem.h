@@ -28,12 +28,6 @@ TSLB_BEGIN_DECLS
 
 typedef DynArrHandle_t dynmem_t; /* a pool's handle is an array's */
 
-#define MPOOL_SLOT_TYPE_DA 4     /* slot_type: a slot array, no pool */
-#define MPOOL_FLAG_COMPAT 0x01   /* every chunk begins with a compaction header */
-#define MPOOL_FLAG_PERSIST 0x02  /* growth is written to the redo log */
-#define MPOOL_FLAG_BV 0x10       /* bit-vector pool: addresses read as maddrBV_t */
-#define MCHUNK_FLAG_DELETED 0x01 /* in a compaction header: the chunk was deleted */
-
 /* Header of a pool: the user header of its array. */
 typedef struct DynMemHdr_t {
   char flag;     /* MPOOL_FLAG_* */

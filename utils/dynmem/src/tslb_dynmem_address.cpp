@@ -7,13 +7,13 @@
 // Bytes of a chunk ahead of its data. A product, since a choice becomes a jump.
 static inline uint32_t compat_bytes_of(const DynMemHdr_t *hdr) {
   static_assert(MPOOL_FLAG_COMPAT == 1, "the bit is a factor");
-  return (hdr->flag & MPOOL_FLAG_COMPAT) * COMPAT_BYTES;
+  return (hdr->flag & MPOOL_FLAG_COMPAT) * TSLB_COMPAT_BYTES;
 }
 
 // A chunk's data alone; null if the pool never took such a slot. One sum, and nothing left to do behind the lookup.
-static inline void *data_of(dynmem_t *pool, const DynMemHdr_t *hdr, chunk_place_t place) {
+static inline void *data_of(dynmem_t *pool, const DynMemHdr_t *hdr, tslb_chunk_place_t place) {
   const uint32_t data_off = place.byte_off + compat_bytes_of(hdr);
-  return position_of(pool, place.slot_idx, pool->daflag, offsetof(MemSlot_t, mslot) + data_off);
+  return lookup(pool, place.slot_idx, pool->daflag, offsetof(MemSlot_t, mslot) + data_off);
 }
 
 // Offsets of data are signed where hosts keep them: none beyond their range is a chunk's.
@@ -27,12 +27,12 @@ struct resolved_t {
   uint32_t mchunk_len;
 };
 
-static resolved_t resolve(dynmem_t *pool, const DynMemHdr_t *hdr, chunk_place_t place) {
+static resolved_t resolve(dynmem_t *pool, const DynMemHdr_t *hdr, tslb_chunk_place_t place) {
   MemSlot_t *const slot = slot_of(pool, place.slot_idx);
   if (slot == nullptr) return {nullptr, 0};
   char *const chunk = slot->mslot + place.byte_off;
   if (!has_compat(hdr)) return {chunk, 0};
-  return {chunk + COMPAT_BYTES, reinterpret_cast<const compat_t *>(chunk)->mchunk_len};
+  return {chunk + TSLB_COMPAT_BYTES, reinterpret_cast<const compat_t *>(chunk)->mchunk_len};
 }
 
 void *tslb_dynmem_get_maddr2ptr_ex(dynmem_t *dynmem_handle, maddr_t maddr, uint32_t *data_sz) {
@@ -47,8 +47,8 @@ void *tslb_dynmem_get_maddr2ptr_ex(dynmem_t *dynmem_handle, maddr_t maddr, uint3
 void *tslb_dynmem_get_maddr2ptr(dynmem_t *dynmem_handle, maddr_t maddr) {
   const DynMemHdr_t *const hdr = pool_hdr_of(dynmem_handle);
   // Two whole ways: where they join behind the decoding, one of them pays for the jump.
-  if (is_bitvector(hdr)) return data_of(dynmem_handle, hdr, decode_bitvector(maddr));
-  return data_of(dynmem_handle, hdr, decode_bigbuffer(maddr));
+  if (is_bitvector(hdr)) return data_of(dynmem_handle, hdr, tslb_stored_decode_bitvector(word_of(maddr)));
+  return data_of(dynmem_handle, hdr, tslb_stored_decode_bigbuffer(word_of(maddr)));
 }
 
 void *tslb_dynmem_get_maddr2ptr64_ex(dynmem_t *dynmem_handle, maddr64_t maddr, uint32_t *data_sz) {

@@ -4,6 +4,8 @@
 #include <stdio.h>
 #include <stdlib.h>
 
+#include "dynarr_lock.h"
+#include "dynarr_redo.h"
 #include "dynmem_internal.h"
 #include "tslb_dynmem.h"
 #include "tslb_probes.h"
@@ -16,8 +18,6 @@
 constexpr uint32_t CHUNK_OVERHEAD = 16;  // what total_mwast counts for a chunk, with or without a compaction header
 constexpr uint32_t SLOT_OVERHEAD = 8;    // and for a slot that made the pool grow
 
-constexpr uint32_t BIGBUF_LAST_SLOT = 255;   // what 8 bits of an address can name
-constexpr uint32_t BITVEC_LAST_SLOT = 2040;  // the last one in use, a little short of what 11 bits can name
 constexpr uint32_t BITVEC_WARN_SLOTS = 255;  // a warning each time so many have been filled
 
 // Reports name the public function, whichever helper writes them.
@@ -26,9 +26,9 @@ constexpr const char *ALLOCATOR32 = "tslb_dynmem_get_mchunk";
 // ---- Reservation --------------------------------------------------------------------------------------------------
 
 // Whether the current slot can hold a chunk of `len` bytes. Slots above `last_slot` count as full, because the caller's
-// addresses cannot name them; NO_SLOT, the largest number, is above all.
+// addresses cannot name them; TSLB_DA_NIL_IDX, the largest number, is above all.
 static inline bool has_room(const DynMemHdr_t *hdr, uint64_t cursor, uint32_t len, uint32_t last_slot) {
-  return hdr->mslot_sz - cursor_off(cursor) >= len && cursor_slot(cursor) <= last_slot;
+  return hdr->mslot_sz - tslb_stored_cursor_off(cursor) >= len && tslb_stored_cursor_slot(cursor) <= last_slot;
 }
 
 enum claim_t { CLAIM_WON, CLAIM_RACED, CLAIM_NO_ROOM };
@@ -36,10 +36,10 @@ enum claim_t { CLAIM_WON, CLAIM_RACED, CLAIM_NO_ROOM };
 // Tries once to reserve `len` bytes at the cursor. `*seen` receives the cursor as it was read.
 static inline claim_t try_claim(DynMemHdr_t *hdr, uint32_t len, uint32_t last_slot, uint64_t *seen) {
   // Relaxed: nothing is read through these bits before the swap, and the swap is a full barrier.
-  *seen = get64(&hdr->cur_slot_addr);
+  *seen = get64(hdr, &DynMemHdr_t::cur_slot_addr);
   if (!has_room(hdr, *seen, len, last_slot)) return CLAIM_NO_ROOM;
   // The sum stays in the upper half: a slot's size bounds it.
-  return cas64(&hdr->cur_slot_addr, *seen, *seen + cursor_of(0, len)) != 0 ? CLAIM_WON : CLAIM_RACED;
+  return cas64(&hdr->cur_slot_addr, *seen, *seen + tslb_stored_cursor(0, len)) != 0 ? CLAIM_WON : CLAIM_RACED;
 }
 
 // What a caller does when the current slot has no room.
@@ -57,11 +57,11 @@ enum no_room_t { CHANGE_SLOT, TRY_AGAIN, REFUSE };
 
 // Where a ring goes from a slot. Slots above the ring hold 64-bit chunks of the same pool.
 static uint32_t slot_after(uint32_t slot_idx) {
-  return slot_idx >= RING_SLOTS - 1 && slot_idx != NO_SLOT ? 0 : slot_idx + 1;
+  return slot_idx >= TSLB_RING_SLOTS - 1 && slot_idx != TSLB_DA_NIL_IDX ? 0 : slot_idx + 1;
 }
 
 static no_room_t no_room_in_ring(uint32_t slot_idx) {
-  if (slot_idx != NO_SLOT && slot_after(slot_idx) == 0) puts("Bitvect tmp pool, switching into slot it 0");
+  if (slot_idx != TSLB_DA_NIL_IDX && slot_after(slot_idx) == 0) puts("Bitvect tmp pool, switching into slot it 0");
   return CHANGE_SLOT;
 }
 
@@ -69,27 +69,27 @@ static no_room_t no_room_in_ring(uint32_t slot_idx) {
 // the old slot meanwhile, and the caller's next attempt sees the cursor as it is then. Under the lock, like every change
 // of the cursor's slot.
 static void step_ring(dynmem_t *pool, DynMemHdr_t *hdr, uint64_t seen) {
-  const uint32_t next_slot = slot_after(cursor_slot(seen));
-  if (cas64(&hdr->cur_slot_addr, seen, cursor_of(next_slot, 0)) != 0)
-    TSLB_PROBE_POOL_SLOT(pool, next_slot, cursor_slot(seen), cursor_off(seen));
+  const uint32_t next_slot = slot_after(tslb_stored_cursor_slot(seen));
+  if (cas64(&hdr->cur_slot_addr, seen, tslb_stored_cursor(next_slot, 0)) != 0)
+    TSLB_PROBE_POOL_SLOT(pool, next_slot, tslb_stored_cursor_slot(seen), tslb_stored_cursor_off(seen));
 }
 
 static no_room_t no_room_in_bitvector(dynmem_t *pool, uint32_t slot_idx) {
-  if (slot_idx != NO_SLOT && slot_idx >= BITVEC_LAST_SLOT) stop_exhausted(pool);
-  if (slot_idx != NO_SLOT && slot_idx > 0 && slot_idx % BITVEC_WARN_SLOTS == 0)
+  if (slot_idx != TSLB_DA_NIL_IDX && slot_idx >= TSLB_BITVEC_LAST_SLOT) stop_exhausted(pool);
+  if (slot_idx != TSLB_DA_NIL_IDX && slot_idx > 0 && slot_idx % BITVEC_WARN_SLOTS == 0)
     fprintf(stderr, "%s:%s:%d: BitVector overusage Warning: %s [%s], it has already used %d slot index.\n",
             __FILE_NAME__, ALLOCATOR32, __LINE__, "Bitvect pool", tslb_print_poolhdr(pool), static_cast<int>(slot_idx));
   return CHANGE_SLOT;
 }
 
 static no_room_t no_room_in_bigbuffer(dynmem_t *pool, DynMemHdr_t *hdr, uint64_t seen) {
-  if (cursor_slot(seen) == BIGBUF_LAST_SLOT) stop_exhausted(pool);
+  if (tslb_stored_cursor_slot(seen) == TSLB_BIGBUF_LAST_SLOT) stop_exhausted(pool);
   // Compared with the slots that memory exists for, and sign-extended: a negative limit never limits.
-  const bool at_limit =
-      hdr->max_slots != 0 && get32(&arr_hdr_of(pool)->n_alloc) >= static_cast<uint32_t>(int32_t{hdr->max_slots});
+  const bool at_limit = hdr->max_slots != 0 && get32(arr_hdr_of(pool), &DynArrHdr_t::n_alloc) >=
+                                                   static_cast<uint32_t>(int32_t{hdr->max_slots});
   if (!at_limit) return CHANGE_SLOT;
   // The slot that brought the pool to its limit can be a new current slot, with room: the cursor shows it.
-  return get64(&hdr->cur_slot_addr) == seen ? REFUSE : TRY_AGAIN;
+  return get64(hdr, &DynMemHdr_t::cur_slot_addr) == seen ? REFUSE : TRY_AGAIN;
 }
 
 // ---- Address policies ---------------------------------------------------------------------------------------------
@@ -102,15 +102,17 @@ struct address32_t {
   static constexpr const char *FUNCTION = ALLOCATOR32;
 
   static no_room_t no_room(dynmem_t *pool, DynMemHdr_t *hdr, uint64_t seen) {
-    if (is_ring(pool)) return no_room_in_ring(cursor_slot(seen));
-    if (is_bitvector(hdr)) return no_room_in_bitvector(pool, cursor_slot(seen));
+    if (is_ring(pool)) return no_room_in_ring(tslb_stored_cursor_slot(seen));
+    if (is_bitvector(hdr)) return no_room_in_bitvector(pool, tslb_stored_cursor_slot(seen));
     return no_room_in_bigbuffer(pool, hdr, seen);
   }
   static bool goes_round(const dynmem_t *pool) { return is_complete_ring(pool); }
 
   // In a pool with lists the current slot can be a reused one below the limit while the ids stand at it: then it is
   // the fresh index that no address can have.
-  static uint32_t last_slot(const DynMemHdr_t *hdr) { return is_bitvector(hdr) ? BITVEC_LAST_SLOT : BIGBUF_LAST_SLOT; }
+  static uint32_t last_slot(const DynMemHdr_t *hdr) {
+    return is_bitvector(hdr) ? TSLB_BITVEC_LAST_SLOT : TSLB_BIGBUF_LAST_SLOT;
+  }
 
   // The expression is what the process says when it stops.
   static void assert_slot(MemSlot_t *slot) {
@@ -125,7 +127,7 @@ struct address32_t {
   }
   static bool counts_growth(uint64_t size, uint64_t total_msz) { return size >= total_msz; }
 
-  static chunk_place_t name(const DynMemHdr_t *hdr, maddr_t *maddr, chunk_place_t place) {
+  static tslb_chunk_place_t name(const DynMemHdr_t *hdr, maddr_t *maddr, tslb_chunk_place_t place) {
     *maddr = encode_address(hdr, place);
     // As the address reads: in a bit-vector pool an odd length would leave the chunk where no address points.
     return {place.slot_idx, decode_address(hdr, *maddr).byte_off};
@@ -141,7 +143,7 @@ struct address64_t {
 
   static no_room_t no_room(dynmem_t *, DynMemHdr_t *, uint64_t) { return CHANGE_SLOT; }
   static bool goes_round(const dynmem_t *) { return false; }
-  static uint32_t last_slot(const DynMemHdr_t *) { return NO_SLOT - 1; }
+  static uint32_t last_slot(const DynMemHdr_t *) { return TSLB_DA_NIL_IDX - 1; }
   static void assert_slot(MemSlot_t *cur_mslot) { assert(cur_mslot); }
 
   // Without the slots' nodes, and told for every new slot: one below the highest lowers the figure.
@@ -150,7 +152,7 @@ struct address64_t {
   }
   static bool counts_growth(uint64_t, uint64_t) { return true; }
 
-  static chunk_place_t name(const DynMemHdr_t *, maddr64_t *maddr, chunk_place_t place) {
+  static tslb_chunk_place_t name(const DynMemHdr_t *, maddr64_t *maddr, tslb_chunk_place_t place) {
     *maddr = {place.slot_idx, place.byte_off};
     return place;
   }
@@ -167,8 +169,8 @@ static MemSlot_t *tslb_dynmem_get_newslot(dynmem_t *dynmem_handle, DynMemHdr_t *
   const uint32_t last_slot = Address::last_slot(dynmem_hdr);
   spin_lock(&dynmem_handle->spinlock);
   // What the caller saw can be old. The slot index decides, and a slot that came round again with room is not left.
-  uint64_t seen = get64(&dynmem_hdr->cur_slot_addr);
-  const bool is_stale = cursor_slot(seen) != cslot_idx || has_room(dynmem_hdr, seen, chunk_sz, last_slot);
+  uint64_t seen = get64(dynmem_hdr, &DynMemHdr_t::cur_slot_addr);
+  const bool is_stale = tslb_stored_cursor_slot(seen) != cslot_idx || has_room(dynmem_hdr, seen, chunk_sz, last_slot);
   // Whether a ring is complete is read here too: ids of a pool are issued under this lock.
   if (is_stale || Address::goes_round(dynmem_handle)) {
     if (!is_stale) step_ring(dynmem_handle, dynmem_hdr, seen);
@@ -180,15 +182,15 @@ static MemSlot_t *tslb_dynmem_get_newslot(dynmem_t *dynmem_handle, DynMemHdr_t *
   if (*new_mslot_idx_ref > last_slot) stop_exhausted(dynmem_handle);
   // Before the cursor moves: a reservation by another thread must not be wiped out. The first word also loses the mark
   // that slot allocation left there. A new id in a block file that existed before brings old bytes in both words.
-  set32(&slot->bytes_used, 0);
-  set32(&slot->bytes_del, 0);
+  set32(slot, &MemSlot_t::bytes_used, 0);
+  set32(slot, &MemSlot_t::bytes_del, 0);
   forget_slot_left(dynmem_handle, *new_mslot_idx_ref);
   // Other threads can reserve in the old slot until this swap and not after it: the offset that it replaces is all that
   // was ever reserved there.
-  const uint64_t moved = cursor_of(*new_mslot_idx_ref, chunk_sz);
-  while (cas64(&dynmem_hdr->cur_slot_addr, seen, moved) == 0) seen = get64(&dynmem_hdr->cur_slot_addr);
-  TSLB_PROBE_POOL_SLOT(dynmem_handle, *new_mslot_idx_ref, cslot_idx, cursor_off(seen));
-  if (cslot_idx != NO_SLOT) note_slot_left(dynmem_handle, {cslot_idx, cursor_off(seen)});
+  const uint64_t moved = tslb_stored_cursor(*new_mslot_idx_ref, chunk_sz);
+  while (cas64(&dynmem_hdr->cur_slot_addr, seen, moved) == 0) seen = get64(dynmem_hdr, &DynMemHdr_t::cur_slot_addr);
+  TSLB_PROBE_POOL_SLOT(dynmem_handle, *new_mslot_idx_ref, cslot_idx, tslb_stored_cursor_off(seen));
+  if (cslot_idx != TSLB_DA_NIL_IDX) note_slot_left(dynmem_handle, {cslot_idx, tslb_stored_cursor_off(seen)});
   spin_unlock(&dynmem_handle->spinlock);
   return slot;
 }
@@ -199,27 +201,28 @@ static MemSlot_t *tslb_dynmem_get_newslot(dynmem_t *dynmem_handle, DynMemHdr_t *
 template <class Address>
 static void account_new_slot(dynmem_t *pool, DynMemHdr_t *hdr, uint32_t slot_idx) {
   const uint64_t size = Address::grown_size(pool, slot_idx);
-  const uint64_t total_msz = get64(&hdr->total_msz);
+  const uint64_t total_msz = get64(hdr, &DynMemHdr_t::total_msz);
   if (!Address::counts_growth(size, total_msz)) return;
   cas64(&hdr->total_msz, total_msz, size);
   get_and_inc64(&hdr->total_mwast, SLOT_OVERHEAD);
-  if (__atomic_load_n(&g_redo_handle, __ATOMIC_RELAXED) != nullptr && (hdr->flag & MPOOL_FLAG_PERSIST) != 0)
-    tslb_redo_log_ex(NO_TXN, TSLB_REDO_GROWTH, pool->ctx_name, pool->tbl_id, get64(&hdr->total_msz), NO_AUX, nullptr,
-                     0);
+  if (redo_log_exists() && (hdr->flag & MPOOL_FLAG_PERSIST) != 0)
+    tslb_redo_log_ex(NO_TXN, TSLB_REDO_GROWTH, pool->ctx_name, pool->tbl_id, get64(hdr, &DynMemHdr_t::total_msz),
+                     NO_AUX, nullptr, 0);
 }
 
 // ---- Allocation ---------------------------------------------------------------------------------------------------
 
 static inline void account_chunk(dynmem_t *pool, DynMemHdr_t *hdr, MemSlot_t *slot, uint32_t len) {
-  add32(&slot->bytes_used, len);
+  add32(slot, &MemSlot_t::bytes_used, len);
   get_and_inc64(&hdr->total_mused, len);
   get_and_inc64(&g_mem_st.total_mused, len);
   get_and_inc64(&hdr->total_mwast, CHUNK_OVERHEAD);
   const uint64_t avail =
-      get64(&hdr->total_msz) - (header_bytes_of(pool) + get64(&hdr->total_mused) + get64(&hdr->total_mwast));
+      get64(hdr, &DynMemHdr_t::total_msz) -
+      (header_bytes_of(pool) + get64(hdr, &DynMemHdr_t::total_mused) + get64(hdr, &DynMemHdr_t::total_mwast));
   // One attempt each: these two are figures of a moment, and whichever thread's stands is as good.
-  cas64(&hdr->total_mavail, get64(&hdr->total_mavail), avail);
-  cas64(&g_mem_st.total_mavail, get64(&g_mem_st.total_mavail), avail);
+  cas64(&hdr->total_mavail, get64(hdr, &DynMemHdr_t::total_mavail), avail);
+  cas64(&g_mem_st.total_mavail, get64(&g_mem_st, &GlobalMemStats_t::total_mavail), avail);
 }
 
 __attribute__((noinline, cold)) static void *refuse_length(const char *function, const DynMemHdr_t *hdr, uint32_t len,
@@ -227,7 +230,7 @@ __attribute__((noinline, cold)) static void *refuse_length(const char *function,
   fprintf(stderr,
           "Error: (%s:%d): Memory chunk len %d(Hdr:%lu + Data:%d) should not be greater than memory slot "
           "length %d.\n",
-          function, __LINE__, static_cast<int>(len), static_cast<unsigned long>(COMPAT_BYTES), mchunk_len,
+          function, __LINE__, static_cast<int>(len), static_cast<unsigned long>(TSLB_COMPAT_BYTES), mchunk_len,
           static_cast<int>(hdr->mslot_sz));
   return nullptr;
 }
@@ -235,7 +238,7 @@ __attribute__((noinline, cold)) static void *refuse_length(const char *function,
 // A chunk's slot and its place there, once it is won.
 struct won_t {
   MemSlot_t *slot;  // null: not yet
-  chunk_place_t place;
+  tslb_chunk_place_t place;
 };
 
 // Handles a slot that was seen without room: takes a new one with the chunk at its start, or leaves `won` empty for
@@ -246,7 +249,7 @@ __attribute__((noinline, cold)) static bool change_slot(dynmem_t *pool, DynMemHd
   const no_room_t answer = Address::no_room(pool, hdr, seen);
   if (answer != CHANGE_SLOT) return answer != REFUSE;
   won->place.byte_off = 0;
-  won->slot = tslb_dynmem_get_newslot<Address>(pool, hdr, cursor_slot(seen), &won->place.slot_idx, len);
+  won->slot = tslb_dynmem_get_newslot<Address>(pool, hdr, tslb_stored_cursor_slot(seen), &won->place.slot_idx, len);
   if (won->slot != nullptr) account_new_slot<Address>(pool, hdr, won->place.slot_idx);
   return true;
 }
@@ -254,9 +257,9 @@ __attribute__((noinline, cold)) static bool change_slot(dynmem_t *pool, DynMemHd
 // What the swap of a cursor won.
 template <class Address>
 static inline won_t won_at(dynmem_t *pool, uint64_t cursor) {
-  MemSlot_t *const slot = slot_of(pool, cursor_slot(cursor));
+  MemSlot_t *const slot = slot_of(pool, tslb_stored_cursor_slot(cursor));
   Address::assert_slot(slot);
-  return {slot, {cursor_slot(cursor), cursor_off(cursor)}};
+  return {slot, {tslb_stored_cursor_slot(cursor), tslb_stored_cursor_off(cursor)}};
 }
 
 // Tries until a reservation succeeds, and leaves slots without room. A null slot if the request is refused.
@@ -278,7 +281,7 @@ template <class Address>
 static inline void *take_chunk(dynmem_t *pool, typename Address::name_t *maddr, int mchunk_len,
                                const typename Address::source_t &saddr) {
   DynMemHdr_t *const hdr = pool_hdr_of(pool);
-  const uint32_t len = static_cast<uint32_t>(mchunk_len) + (has_compat(hdr) ? COMPAT_BYTES : 0);
+  const uint32_t len = static_cast<uint32_t>(mchunk_len) + (has_compat(hdr) ? TSLB_COMPAT_BYTES : 0);
   // A negative length is tested by itself: the header can lift it to a small positive one.
   if (__builtin_expect(mchunk_len < 0 || hdr->mslot_sz < len, 0))
     return refuse_length(Address::FUNCTION, hdr, len, mchunk_len);
@@ -289,7 +292,7 @@ static inline void *take_chunk(dynmem_t *pool, typename Address::name_t *maddr, 
   const won_t won = __builtin_expect(at_once, 1) ? won_at<Address>(pool, seen) : win_later<Address>(pool, hdr, len);
   if (won.slot == nullptr) return nullptr;
 
-  const chunk_place_t named = Address::name(hdr, maddr, won.place);
+  const tslb_chunk_place_t named = Address::name(hdr, maddr, won.place);
   char *const chunk = won.slot->mslot + named.byte_off;
   TSLB_PROBE_CHUNK_TAKEN(pool, named.slot_idx, named.byte_off, len, chunk);
   account_chunk(pool, hdr, won.slot, len);

@@ -18,14 +18,34 @@
 
 // ---- Slots that were left before they were settled -----------------------------------------------------------------
 
-// Not less: it is more where a ring has come round, whose slots keep the counts of earlier rounds and are not released.
+// A memory slot that stopped being current while reservations in it had not reached its counter yet.
+struct unsettled_slot_t {
+  unsettled_slot_t *next;
+  uint32_t slot_idx;
+  uint32_t bytes_reserved;  // bytes_used once all of them have
+};
+
+static unsettled_slot_t *notes_of(dynmem_t *pool) {
+  return static_cast<unsettled_slot_t *>(private_of(pool)->module_state);
+}
+
+static void release_notes(void *module_state) {
+  for (unsettled_slot_t *noted = static_cast<unsettled_slot_t *>(module_state); noted != nullptr;) {
+    unsettled_slot_t *const next = noted->next;
+    free(noted);
+    noted = next;
+  }
+}
+
+// Greater counts as settled: the slots of a ring keep the counts of earlier rounds, and are not released.
 static bool has_settled(const MemSlot_t *slot, uint32_t bytes_reserved) {
-  return get32(&slot->bytes_used) >= bytes_reserved;
+  return get32(slot, &MemSlot_t::bytes_used) >= bytes_reserved;
 }
 
 template <class Predicate>
 static void drop_notes(dynmem_t *pool, Predicate is_done) {
-  for (unsettled_slot_t **at = &private_of(pool)->unsettled; *at != nullptr;) {
+  unsettled_slot_t *first = notes_of(pool);
+  for (unsettled_slot_t **at = &first; *at != nullptr;) {
     unsettled_slot_t *const noted = *at;
     if (!is_done(noted)) {
       at = &noted->next;
@@ -34,6 +54,7 @@ static void drop_notes(dynmem_t *pool, Predicate is_done) {
     *at = noted->next;
     free(noted);
   }
+  private_of(pool)->module_state = first;
 }
 
 static void drop_settled(dynmem_t *pool) {
@@ -46,34 +67,35 @@ void forget_notes_of(dynmem_t *pool, uint32_t slot_idx) {
   drop_notes(pool, [=](const unsettled_slot_t *noted) { return noted->slot_idx == slot_idx; });
 }
 
-void note_slot_left(dynmem_t *pool, chunk_place_t end) {
-  // Elsewhere no slot is ever given back.
+void note_slot_left(dynmem_t *pool, tslb_chunk_place_t end) {
+  // Other pools never release a slot.
   if (!has_compat(pool_hdr_of(pool)) || !has_lists(pool)) return;
   drop_settled(pool);
   const MemSlot_t *const slot = slot_of(pool, end.slot_idx);
   if (slot == nullptr || has_settled(slot, end.byte_off)) return;
   unsettled_slot_t *const noted = static_cast<unsettled_slot_t *>(malloc(sizeof(unsettled_slot_t)));
   if (noted == nullptr) {
-    // Nothing to note it on: wait for the others, who are a few instructions behind, or the length of the host's redo
-    // hook where one of them made the slot.
+    // No memory for a note: wait for the other threads. They need a few instructions, or the time of the host's redo
+    // hook if one of them made the slot.
     while (!has_settled(slot, end.byte_off)) {
     }
     return;
   }
-  *noted = {private_of(pool)->unsettled, end.slot_idx, end.byte_off};
-  private_of(pool)->unsettled = noted;
+  *noted = {notes_of(pool), end.slot_idx, end.byte_off};
+  private_of(pool)->release_module_state = release_notes;
+  private_of(pool)->module_state = noted;
 }
 
 __attribute__((noinline, cold)) static bool is_noted(dynmem_t *pool, uint32_t slot_idx) {
   drop_settled(pool);
-  for (const unsettled_slot_t *noted = private_of(pool)->unsettled; noted != nullptr; noted = noted->next) {
+  for (const unsettled_slot_t *noted = notes_of(pool); noted != nullptr; noted = noted->next) {
     if (noted->slot_idx == slot_idx) return true;
   }
   return false;
 }
 
 static inline bool is_settled(dynmem_t *pool, uint32_t slot_idx) {
-  return private_of(pool)->unsettled == nullptr || !is_noted(pool, slot_idx);
+  return !has_notes(pool) || !is_noted(pool, slot_idx);
 }
 
 // ---- Release -------------------------------------------------------------------------------------------------------
@@ -81,11 +103,11 @@ static inline bool is_settled(dynmem_t *pool, uint32_t slot_idx) {
 // Whether everything in a slot looks deleted. Acquire, paired with the barrier of the addition to bytes_del: who sees
 // the last deletion may clear what the deleters had in hand.
 static bool looks_empty(const MemSlot_t *slot) {
-  return __atomic_load_n(&slot->bytes_del, __ATOMIC_ACQUIRE) == get32(&slot->bytes_used);
+  return __atomic_load_n(&slot->bytes_del, __ATOMIC_ACQUIRE) == get32(slot, &MemSlot_t::bytes_used);
 }
 
 static bool is_current(const dynmem_t *pool, uint32_t slot_idx) {
-  return cursor_slot(get64(&pool_hdr_of(pool)->cur_slot_addr)) == slot_idx;
+  return tslb_stored_cursor_slot(get64(pool_hdr_of(pool), &DynMemHdr_t::cur_slot_addr)) == slot_idx;
 }
 
 // Gives a slot back if it is empty still, and says whether it did. Not in line: who finds nothing to give back saves no
@@ -105,7 +127,7 @@ __attribute__((noinline)) static bool release_if_empty(dynmem_t *pool, uint32_t 
   return true;
 }
 
-__attribute__((always_inline)) static inline void delete_chunk(dynmem_t *pool, chunk_place_t place) {
+__attribute__((always_inline)) static inline void delete_chunk(dynmem_t *pool, tslb_chunk_place_t place) {
   MemSlot_t *const slot = slot_of(pool, place.slot_idx);
   if (slot == nullptr) return;
   compat_t *const compat = reinterpret_cast<compat_t *>(slot->mslot + place.byte_off);
@@ -116,7 +138,7 @@ __attribute__((always_inline)) static inline void delete_chunk(dynmem_t *pool, c
   compat->flag = static_cast<char>(compat->flag | MCHUNK_FLAG_DELETED);
   if (mchunk_len == 0) return;
   // The last touch of the chunk: from here on another deletion can give the slot away.
-  add32(&slot->bytes_del, mchunk_len + COMPAT_BYTES);
+  add32(slot, &MemSlot_t::bytes_del, mchunk_len + TSLB_COMPAT_BYTES);
   if (looks_empty(slot) && !is_current(pool, place.slot_idx)) release_if_empty(pool, place.slot_idx, slot);
 }
 
@@ -124,8 +146,8 @@ void tslb_dynmem_del_mchunk(dynmem_t *dynmem_handle, maddr_t maddr) {
   const DynMemHdr_t *const hdr = pool_hdr_of(dynmem_handle);
   if (!has_compat(hdr)) return;
   // Two whole ways, as where addresses are resolved.
-  if (is_bitvector(hdr)) return delete_chunk(dynmem_handle, decode_bitvector(maddr));
-  delete_chunk(dynmem_handle, decode_bigbuffer(maddr));
+  if (is_bitvector(hdr)) return delete_chunk(dynmem_handle, tslb_stored_decode_bitvector(word_of(maddr)));
+  delete_chunk(dynmem_handle, tslb_stored_decode_bigbuffer(word_of(maddr)));
 }
 
 // The two counters of a slot, both of one moment.
@@ -136,7 +158,7 @@ struct slot_counts_t {
 // A slot that is released and taken again between two loads mixes the counts of two uses, so the pair is read until two
 // readings agree. More deleted than used is accepted then: a stored pool can say so.
 static slot_counts_t read_counts(const MemSlot_t *slot) {
-  slot_counts_t last = {get32(&slot->bytes_used), 0};
+  slot_counts_t last = {get32(slot, &MemSlot_t::bytes_used), 0};
   for (bool agrees = false; !agrees;) {
     // Acquire: bytes_used is read after the deletions that bytes_del counts, and includes their chunks.
     const uint32_t bytes_del = __atomic_load_n(&slot->bytes_del, __ATOMIC_ACQUIRE);
@@ -152,7 +174,7 @@ static inline void sweep_slot(dynmem_t *pool, uint32_t slot_idx, MemSlot_t *slot
   if (looks_empty(slot) && !is_current(pool, slot_idx) && release_if_empty(pool, slot_idx, slot)) return;
   const slot_counts_t counts = read_counts(slot);
   // A slot that is being set up still shows the slot layer's mark in place of a count.
-  if (counts.bytes_used == GATEKEEPER) return;
+  if (counts.bytes_used == TSLB_GATEKEEPER_WORD) return;
   *used_sz += counts.bytes_used;
   *del_sz += counts.bytes_del;
 }
@@ -160,7 +182,7 @@ static inline void sweep_slot(dynmem_t *pool, uint32_t slot_idx, MemSlot_t *slot
 void tslb_dynmem_update_free_list(dynmem_t *dynmem_handle, size_t *total_sz, size_t *used_sz, size_t *del_sz) {
   const DynMemHdr_t *const hdr = pool_hdr_of(dynmem_handle);
   *del_sz = *used_sz = 0;
-  *total_sz = get64(&hdr->total_msz);
+  *total_sz = get64(hdr, &DynMemHdr_t::total_msz);
   if (!has_compat(hdr) || (dynmem_handle->daflag & TSLB_DA_DAFLAG_LL) == 0) return;
   const uint32_t n_slots = tslb_da_get_size(dynmem_handle);
   const uint32_t slot_bytes = slot_bytes_of(dynmem_handle);

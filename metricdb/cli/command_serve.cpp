@@ -1,0 +1,96 @@
+// `metricdb serve`: a database that agents feed over the network, until the process is told to end.
+#include <fmt/format.h>
+#include <signal.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <stdexcept>
+
+#include "cli/commands.h"
+#include "cli/output.h"
+#include "cli/write_options.h"
+#include "journal/log.h"
+#include "net/server.h"
+#include "store/database_writer.h"
+
+namespace metricdb {
+namespace {
+
+Server *stopped_by_signal = nullptr;
+
+void stop_server(int) {
+  stopped_by_signal->stop();
+}
+
+// SIGTERM and SIGINT end the server in order while this lives.
+class StopOnSignal {
+ public:
+  explicit StopOnSignal(Server &server) {
+    stopped_by_signal = &server;
+    struct sigaction action = {};
+    action.sa_handler = stop_server;
+    sigaction(SIGTERM, &action, &before_term_);
+    sigaction(SIGINT, &action, &before_int_);
+  }
+  ~StopOnSignal() {
+    sigaction(SIGTERM, &before_term_, nullptr);
+    sigaction(SIGINT, &before_int_, nullptr);
+  }
+  StopOnSignal(const StopOnSignal &) = delete;
+  StopOnSignal &operator=(const StopOnSignal &) = delete;
+
+ private:
+  struct sigaction before_term_, before_int_;
+};
+
+// Peers may not take the descriptors that the database needs for its own files.
+size_t most_connections(size_t wanted) {
+  constexpr rlim_t OWN_DESCRIPTORS = 64;
+  struct rlimit limit;
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return wanted;
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);  // where that is refused, the limit stays as it is
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur <= 2 * OWN_DESCRIPTORS) return 1;
+  return std::min<size_t>(wanted, limit.rlim_cur - OWN_DESCRIPTORS);
+}
+
+std::string ports_line(const ServeArguments &arguments, const Server &server) {
+  std::string line = "serving         ";
+  if (arguments.influx_port) line += fmt::format(" influx {}:{}", arguments.address, server.influx_port());
+  if (arguments.graphite_port) line += fmt::format(" graphite {}:{}", arguments.address, server.graphite_port());
+  return line + "\n";
+}
+
+std::string counters_line(const ServerCounters &counters) {
+  return fmt::format(
+      "served           {} connections, {} turned away; {} requests, {} bytes; {} points, {} malformed lines, "
+      "{} refused\n",
+      counters.accepted, counters.turned_away, counters.requests, counters.bytes, counters.points, counters.malformed,
+      counters.refused);
+}
+
+}  // namespace
+
+int serve(const ServeArguments &arguments) {
+  if (!arguments.influx_port && !arguments.graphite_port)
+    throw std::runtime_error("nothing to serve: give --influx, --graphite or both");
+  DatabaseWriter writer(arguments.write.db, writer_options_of(arguments.write));
+  tell_found(writer.found());
+  ServerOptions options;
+  options.address = arguments.address;
+  options.influx_port = arguments.influx_port;
+  options.graphite_port = arguments.graphite_port;
+  options.max_connections = most_connections(options.max_connections);
+  Server server(options, writer);
+  const StopOnSignal stop(server);
+  print(ports_line(arguments, server));
+  TSLB_DLOG(LOG_PROGRESS, "%s", ports_line(arguments, server).c_str());
+  server.run();
+  const std::string why = writer.wait(writer.commit());
+  writer.close();
+  print(counters_line(server.counters()));
+  if (!why.empty()) throw IngestRefused(fmt::format("the last batch was refused: {}", why));
+  return EXIT_GOOD;
+}
+
+}  // namespace metricdb

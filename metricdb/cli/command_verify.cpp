@@ -1,0 +1,74 @@
+// `metricdb verify`: opens a database, which compares everything with everything, and says what was looked at.
+#include <fmt/format.h>
+#include <tslb/array_check.h>
+#include <tslb/array_loader.h>
+
+#include "cli/commands.h"
+#include "cli/output.h"
+#include "cli/write_options.h"
+#include "store/database.h"
+#include "store/store_internal.h"
+
+namespace metricdb {
+namespace {
+
+// The lists once more, now in the arrays as the store holds them: opening checked what was read, the journal's replay
+// what it left.
+void expect_sound(const char *name, DynArrHandle_t *array, uint8_t kind) {
+  char why[256];
+  if (array_check(array, kind, why, sizeof why) != 0) throw DatabaseError(fmt::format("{}: {}", name, why));
+}
+
+// Each key leads to its series and back.
+uint64_t count_keys(const Store &store) {
+  uint64_t n_keys = 0;
+  for (uint32_t series = 0; series < store.n_slots(); ++series) {
+    if (!store.holds_series(series)) continue;
+    if (store.find(store.key(series)) != series)
+      throw DatabaseError(fmt::format("series {}: its key \"{}\" does not lead to it", series, store.key(series)));
+    ++n_keys;
+  }
+  return n_keys;
+}
+
+// What a walk over all chains comes to.
+uint64_t count_points(const Store &store) {
+  uint64_t n_points = 0;
+  for (uint32_t series = 0; series < store.n_slots(); ++series) {
+    if (!store.holds_series(series)) continue;
+    PointCursor cursor(store, series);
+    for (Point point; cursor.next(point);) {
+    }
+    if (cursor.n_passed() != store.record(series).n_points())
+      throw DatabaseError(fmt::format("series {}: a walk comes to {} points, its record counts {}", series,
+                                      cursor.n_passed(), store.record(series).n_points()));
+    n_points += cursor.n_passed();
+  }
+  return n_points;
+}
+
+std::string pool_line(const char *name, dynmem_t *pool, const PoolBytes &bytes) {
+  return fmt::format("{:<17}{} memory slots, {} of them free; {} bytes of chunks, {} of them deleted\n", name,
+                     tslb_da_get_size(pool), uint32_t{lists_of(pool)->n_free}, bytes.used, bytes.deleted);
+}
+
+}  // namespace
+
+int verify(const VerifyArguments &arguments) {
+  const Opened opened = open_to_read(arguments.db, arguments.salvage);
+  const Store &store = opened.store;
+  expect_sound("catalogue", store.catalogue(), ARRAY_LOAD_ANY);
+  expect_sound("keys", store.keys(), ARRAY_LOAD_POOL);
+  expect_sound("points", store.points(), ARRAY_LOAD_POOL);
+  const uint64_t n_keys = count_keys(store);
+  const uint64_t n_points = count_points(store);
+  print(fmt::format("verified         {}: generation {}, layout {} of the catalogue; {} batches behind it\n"
+                    "series           {} in {} slots, {} inactive, {} free; every key leads to its series\n"
+                    "points           {}, in chains that lead to each chunk once\n",
+                    arguments.db, opened.stored.generation, store.config().layout, opened.journal.n_batches, n_keys,
+                    store.n_slots(), store.n_inactive(), uint32_t{lists_of(store.catalogue())->n_free}, n_points) +
+        pool_line("keys", store.keys(), store.key_bytes()) + pool_line("points", store.points(), store.point_bytes()));
+  return EXIT_GOOD;
+}
+
+}  // namespace metricdb

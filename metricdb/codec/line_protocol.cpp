@@ -1,0 +1,312 @@
+#include "codec/line_protocol.h"
+
+#include <emmintrin.h>
+#include <fast_float/fast_float.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <charconv>
+#include <cmath>
+#include <cstring>
+
+namespace metricdb {
+namespace {
+
+// What a byte means inside a name, as bits: one table look-up per byte.
+constexpr uint8_t STOPS_MEASUREMENT = 1;  // comma, blank
+constexpr uint8_t STOPS_NAME = 2;         // these and the equals sign
+constexpr uint8_t CONTROL = 4;
+
+constexpr std::array<uint8_t, 256> make_byte_classes() {
+  std::array<uint8_t, 256> classes{};
+  for (size_t byte = 0; byte < 0x20; ++byte) classes[byte] = CONTROL;
+  classes[0x7f] = CONTROL;
+  classes[','] = classes[' '] = STOPS_MEASUREMENT | STOPS_NAME;
+  classes['='] = STOPS_NAME;
+  return classes;
+}
+constexpr std::array<uint8_t, 256> BYTE_CLASSES = make_byte_classes();
+
+uint8_t class_of(char byte) {
+  return BYTE_CLASSES[static_cast<unsigned char>(byte)];
+}
+
+// The first byte of the text that may mean something in a name, or its end. Names are most of a line: by 16 bytes.
+const char *next_special(const char *at, const char *end) {
+  for (; end - at >= 16; at += 16) {
+    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i *>(at));
+    const auto are = [&](char byte) { return _mm_cmpeq_epi8(bytes, _mm_set1_epi8(byte)); };
+    const __m128i up_to_blank = _mm_cmpeq_epi8(_mm_min_epu8(bytes, _mm_set1_epi8(' ')), bytes);
+    const __m128i special =
+        _mm_or_si128(_mm_or_si128(up_to_blank, are(',')), _mm_or_si128(_mm_or_si128(are('='), are('\\')), are(0x7f)));
+    const int found = _mm_movemask_epi8(special);
+    if (found != 0) return at + std::countr_zero(static_cast<unsigned>(found));
+  }
+  while (at != end && class_of(*at) == 0 && *at != '\\') ++at;
+  return at;
+}
+
+// A piece of the input for a message: short, and without bytes that a terminal would act on.
+std::string quoted(std::string_view text) {
+  constexpr size_t LONGEST = 40;
+  std::string shown = "\"";
+  for (const char byte : text.substr(0, LONGEST)) shown += (class_of(byte) & CONTROL) != 0 ? '?' : byte;
+  return shown + (text.size() > LONGEST ? "...\"" : "\"");
+}
+
+std::optional<double> boolean_of(std::string_view text) {
+  for (const char *word : {"t", "T", "true", "True", "TRUE"})
+    if (text == word) return 1.0;
+  for (const char *word : {"f", "F", "false", "False", "FALSE"})
+    if (text == word) return 0.0;
+  return std::nullopt;
+}
+
+// The whole text as a number, or why not.
+template <class Number>
+std::errc number_of(std::string_view text, Number &number) {
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error != std::errc()) return error;
+  return end == text.data() + text.size() ? std::errc() : std::errc::invalid_argument;
+}
+
+template <class Integer>
+std::errc integer_as_double(std::string_view text, double &value) {
+  Integer integer = 0;
+  const std::errc error = number_of(text, integer);
+  value = static_cast<double>(integer);
+  return error;
+}
+
+// Of an integer of up to 18 digits and its `i` the end, else null. That many digits fit without a look at the range.
+const char *read_short_integer(const char *begin, const char *end, double &value) {
+  constexpr ptrdiff_t MOST_DIGITS = 18;
+  const bool is_negative = begin != end && *begin == '-';
+  const char *const digits = begin + (is_negative ? 1 : 0);
+  const char *at = digits;
+  int64_t number = 0;
+  for (; at != end && static_cast<unsigned char>(*at - '0') < 10; ++at) {
+    if (at - digits == MOST_DIGITS) return nullptr;
+    number = number * 10 + (*at - '0');
+  }
+  if (at == digits || at == end || *at != 'i') return nullptr;
+  value = static_cast<double>(is_negative ? -number : number);
+  return at + 1;
+}
+
+// Of a plain number the end, else null. Zero is not plain: a number too small to be told from it is out of range, and
+// which one it is, only the standard's conversion says.
+const char *read_number(const char *begin, const char *end, double &value) {
+  const auto [at, error] = fast_float::from_chars(begin, end, value);
+  return error == std::errc() && std::isfinite(value) && value != 0.0 ? at : nullptr;
+}
+
+}  // namespace
+
+std::string escaped_name(std::string_view text) {
+  std::string name;
+  for (const char byte : text) {
+    if ((class_of(byte) & STOPS_NAME) != 0) name += '\\';
+    name += byte;
+  }
+  return name;
+}
+
+bool LineParser::fail(std::string reason) {
+  reason_ = std::move(reason);
+  return false;
+}
+
+void LineParser::skip_blanks() {
+  while (at(' ')) ++pos_;
+}
+
+LineParser::Outcome LineParser::parse(std::string_view text, const LikelyLine &likely) {
+  pos_ = text.data();
+  end_ = pos_ + text.size();
+  skip_blanks();
+  if (pos_ == end_ || at('#')) return Outcome::nothing;
+  line_.fields.clear();
+  line_.ts_ns.reset();
+  line_.strings_skipped = 0;
+  line_.n_likely = 0;
+  likely_ = likely.fields;
+  if (!likely.head.empty()) {
+    line_.head = {pos_, likely.head.size()};
+    pos_ += likely.head.size();
+    return parse_fields() && parse_timestamp() ? Outcome::line : Outcome::malformed;
+  }
+  return parse_head() && parse_fields() && parse_timestamp() ? Outcome::line : Outcome::malformed;
+}
+
+// The name from here to the first byte that stops it, which is not taken.
+std::string_view LineParser::name_until(uint8_t stops) {
+  const char *const begin = pos_;
+  const char *at = begin;
+  for (;;) {
+    at = next_special(at, end_);
+    if (at == end_ || (class_of(*at) & (stops | CONTROL)) != 0) break;
+    const bool escapes = *at == '\\' && at + 1 != end_ && (class_of(at[1]) & stops) != 0;
+    at += escapes ? 2 : 1;
+  }
+  pos_ = at;
+  return {begin, static_cast<size_t>(at - begin)};
+}
+
+bool LineParser::parse_head() {
+  const char *const begin = pos_;
+  tags_.clear();
+  measurement_ = name_until(STOPS_MEASUREMENT);
+  if (measurement_.empty()) return fail(at(',') ? "no measurement" : "control character in the measurement");
+  bool sorted = true;
+  while (at(',')) {
+    ++pos_;
+    if (!parse_tag()) return false;
+    const size_t n = tags_.size();
+    sorted = sorted && (n < 2 || tags_[n - 2].key < tags_[n - 1].key);
+  }
+  if (pos_ != end_ && !at(' '))
+    return fail(fmt::format("control character behind {}", quoted({begin, static_cast<size_t>(pos_ - begin)})));
+  line_.head = {begin, static_cast<size_t>(pos_ - begin)};
+  return sorted || join_sorted_head();
+}
+
+bool LineParser::parse_tag() {
+  const char *const begin = pos_;
+  const std::string_view key = name_until(STOPS_NAME);
+  if (key.empty()) return fail("a tag has no name");
+  if (!at('=')) return fail(fmt::format("tag {} has no value", quoted(key)));
+  ++pos_;
+  const std::string_view value = name_until(STOPS_NAME);
+  if (value.empty()) return fail(fmt::format("tag {} has no value", quoted(key)));
+  if (at('=')) return fail(fmt::format("tag {} has a second equals sign", quoted(key)));
+  tags_.push_back({key, {begin, static_cast<size_t>(pos_ - begin)}});
+  return true;
+}
+
+// The uncommon path: the tags came in another order, or one came twice.
+bool LineParser::join_sorted_head() {
+  std::sort(tags_.begin(), tags_.end(), [](const Tag &a, const Tag &b) { return a.key < b.key; });
+  const auto twice =
+      std::adjacent_find(tags_.begin(), tags_.end(), [](const Tag &a, const Tag &b) { return a.key == b.key; });
+  if (twice != tags_.end()) return fail(fmt::format("tag {} is given twice", quoted(twice->key)));
+  sorted_head_ = measurement_;
+  for (const Tag &tag : tags_) sorted_head_.append(1, ',').append(tag.text);
+  line_.head = sorted_head_;
+  return true;
+}
+
+bool LineParser::parse_fields() {
+  skip_blanks();
+  if (pos_ == end_) return fail("no fields");
+  if (!parse_field()) return false;
+  while (at(',')) {
+    ++pos_;
+    if (!parse_field()) return false;
+  }
+  return true;
+}
+
+// A name that was one before ends at the same equals sign again: none ends in a backslash.
+bool LineParser::parse_likely_name(std::string_view &key) {
+  const size_t index = line_.fields.size();
+  if (index != line_.n_likely || index >= likely_.size()) return false;
+  const std::string_view name = likely_[index].name;
+  if (static_cast<size_t>(end_ - pos_) <= name.size() || pos_[name.size()] != '=') return false;
+  if (std::memcmp(pos_, name.data(), name.size()) != 0) return false;
+  key = {pos_, name.size()};
+  pos_ += name.size();
+  return true;
+}
+
+bool LineParser::parse_field() {
+  std::string_view key;
+  const bool is_likely = parse_likely_name(key);
+  if (!is_likely) key = name_until(STOPS_NAME);
+  if (key.empty()) return fail("a field has no name");
+  if (!at('=')) return fail(fmt::format("field {} has no value", quoted(key)));
+  ++pos_;
+  if (at('"')) return parse_string(key);
+  double value = 0.0;
+  if (parse_common_value(value)) {
+    line_.fields.push_back({key, value});
+    line_.n_likely += is_likely ? 1 : 0;
+    return true;
+  }
+  const char *const begin = pos_;
+  while (pos_ != end_ && *pos_ != ',' && *pos_ != ' ') ++pos_;
+  if (!parse_value(key, {begin, static_cast<size_t>(pos_ - begin)}, value)) return false;
+  line_.fields.push_back({key, value});
+  return true;
+}
+
+// Nearly all values. What is not common, or no value at all, is left where it is for those who look closer.
+bool LineParser::parse_common_value(double &value) {
+  const char *end = read_short_integer(pos_, end_, value);
+  if (end == nullptr) end = read_number(pos_, end_, value);
+  if (end == nullptr || (end != end_ && *end != ',' && *end != ' ')) return false;
+  pos_ = end;
+  return true;
+}
+
+bool LineParser::parse_string(std::string_view key) {
+  ++pos_;
+  while (pos_ != end_ && *pos_ != '"') {
+    const bool escapes = *pos_ == '\\' && pos_ + 1 != end_ && (pos_[1] == '"' || pos_[1] == '\\');
+    pos_ += escapes ? 2 : 1;
+  }
+  if (pos_ == end_) return fail(fmt::format("the string of field {} has no closing quote", quoted(key)));
+  ++pos_;
+  if (pos_ != end_ && !at(',') && !at(' ')) return fail(fmt::format("text behind the string of field {}", quoted(key)));
+  ++line_.strings_skipped;
+  return true;
+}
+
+bool LineParser::parse_value(std::string_view key, std::string_view text, double &value) {
+  if (text.empty()) return fail(fmt::format("field {} has no value", quoted(key)));
+  const std::string_view digits = text.substr(0, text.size() - 1);
+  std::errc error;
+  if (text.back() == 'i') {
+    error = integer_as_double<int64_t>(digits, value);
+  } else if (text.back() == 'u') {
+    error = integer_as_double<uint64_t>(digits, value);
+  } else {
+    error = number_of(text, value);
+    // Written infinities and NaNs are numbers to the conversion, and none to the protocol.
+    if (error == std::errc() && !std::isfinite(value)) error = std::errc::invalid_argument;
+  }
+  if (error == std::errc()) return true;
+  if (error == std::errc::result_out_of_range)
+    return fail(fmt::format("field {}: {} is out of range", quoted(key), quoted(text)));
+  const std::optional<double> boolean = boolean_of(text);
+  if (!boolean) return fail(fmt::format("field {}: {} is no number, boolean or string", quoted(key), quoted(text)));
+  value = *boolean;
+  return true;
+}
+
+bool LineParser::parse_timestamp() {
+  skip_blanks();
+  if (pos_ == end_) return true;
+  const char *const begin = pos_;
+  while (pos_ != end_ && *pos_ != ' ') ++pos_;
+  const std::string_view text(begin, static_cast<size_t>(pos_ - begin));
+  skip_blanks();
+  if (text == ts_text_ && pos_ == end_) {
+    line_.ts_ns = ts_ns_;
+    return true;
+  }
+  int64_t units = 0;
+  int64_t ts_ns = 0;
+  const std::errc error = number_of(text, units);
+  if (error == std::errc::invalid_argument) return fail(fmt::format("timestamp {} is no integer", quoted(text)));
+  if (error != std::errc() || __builtin_mul_overflow(units, ns_per_unit_, &ts_ns))
+    return fail(fmt::format("timestamp {} is out of range", quoted(text)));
+  if (pos_ != end_) return fail("text behind the timestamp");
+  line_.ts_ns = ts_ns_ = ts_ns;
+  ts_text_ = text;
+  return true;
+}
+
+}  // namespace metricdb

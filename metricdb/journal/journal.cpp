@@ -1,0 +1,337 @@
+#include "journal/journal.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <new>
+#include <stdexcept>
+#include <utility>
+
+namespace metricdb {
+namespace {
+
+JournalPlace behind_mark(JournalPlace place) {
+  return {place.generation, place.position + sizeof(MarkHead), place.next_sequence + 1};
+}
+
+std::string mark_at(JournalPlace place, EntryKind kind) {
+  std::string mark;
+  add_mark(mark, place, kind, place.position, {});
+  return mark;
+}
+
+// Written aside first: a file of this name always has a whole head, whatever happens meanwhile.
+File make_file(const std::string &path, uint64_t generation) {
+  if (access(path.c_str(), F_OK) == 0) throw FileError(path + ": is there already");
+  const std::string aside = path + ".new";
+  remove_file(aside);
+  {
+    const File file = File::create(aside);
+    const JournalHead head = make_head(generation);
+    file.write(std::string(reinterpret_cast<const char *>(&head), sizeof head) +
+               mark_at(behind_head(generation), EntryKind::opened));
+    file.sync();
+  }
+  rename_file(aside, path);
+  File::folder(folder_of(path)).sync();
+  return File::open_to_write(path);
+}
+
+// The cut is on the disk ahead of the mark, which says so: what was cut off cannot come back behind it.
+File open_file(const std::string &path, const JournalPlace &place) {
+  File file = File::open_to_write(path);
+  file.truncate(place.position);
+  file.sync();
+  file.write_at(place.position, mark_at(place, EntryKind::opened));
+  file.sync_data();
+  return file;
+}
+
+}  // namespace
+
+// ---- Beginning and end ---------------------------------------------------------------------------------------------
+
+Journal::Journal(const std::string &path, uint64_t generation, Sync sync)
+    : Journal(make_file(path, generation), behind_mark(behind_head(generation)), sync) {}
+
+Journal::Journal(const std::string &path, const JournalPlace &place, Sync sync)
+    : Journal(open_file(path, place), behind_mark(place), sync) {}
+
+Journal::Journal(File file, const JournalPlace &place, Sync sync)
+    : file_(std::move(file)),
+      event_(File::event()),
+      sync_(sync),
+      next_(place),
+      settled_place_(place),
+      durable_(place.position),
+      writer_([this] { run(); }) {}
+
+Journal::~Journal() {
+  try {
+    close();
+  } catch (const FileError &) {
+    // What is settled is in the file; only the last mark is missing.
+  }
+}
+
+void Journal::close() {
+  {
+    const std::lock_guard guard(mutex_);
+    if (closed_) return;
+    closed_ = true;
+  }
+  work_.notify_one();
+  writer_.join();
+  if (broken_) throw FileError(failed_);
+  const uint64_t at = settled_place_.position;
+  // All ahead of the mark is on the disk before the mark can be.
+  if (durable_ < at) file_.sync_data();
+  try {
+    file_.write_at(at, mark_at(settled_place_, EntryKind::closed));
+  } catch (const FileError &) {
+    file_.truncate(at);
+    throw;
+  }
+  file_.truncate(behind_mark(settled_place_).position);
+  file_.sync();
+}
+
+// ---- Batches -------------------------------------------------------------------------------------------------------
+
+void Journal::append(const RedoRecord &record) noexcept {
+  const std::lock_guard guard(mutex_);
+  if (closed_ || !failed_.empty() || !spoiled_.empty()) return;
+  // Short enough for any string to hold without memory.
+  if (record.ctx_name.size() > MOST_NAME_BYTES || record.data_sz > MOST_DATA_BYTES) {
+    spoiled_ = "record too long";
+    return;
+  }
+  const size_t bytes_before = batch_.size();
+  try {
+    add_redo(batch_, next_, record);
+  } catch (const std::bad_alloc &) {
+    batch_.resize(bytes_before);
+    spoiled_ = "no memory";
+  }
+}
+
+uint64_t Journal::commit(std::string_view payload) {
+  if (payload.size() > MOST_PAYLOAD_BYTES) throw std::length_error("the payload of a commit mark is too long");
+  std::unique_lock lock(mutex_);
+  settled_moved_.wait(lock, [this] { return behind_bytes_ <= MOST_BEHIND_BYTES || !failed_.empty(); });
+  make_room(payload.size());
+  const uint64_t ticket = ++last_ticket_;
+  if (failed_.empty()) {
+    hand_over(ticket, payload);
+    lock.unlock();
+    work_.notify_one();
+  } else {
+    note_refused(ticket, failed_);
+    tell_settled(ticket);
+  }
+  return ticket;
+}
+
+// What has to be had is had ahead of the first change: without memory a commit throws, and can be tried again.
+void Journal::make_room(size_t payload_bytes) {
+  const size_t batch_bytes = batch_.size() + sizeof(MarkHead) + payload_bytes;
+  batch_.reserve(batch_bytes);
+  if (!queue_.bytes.empty()) queue_.bytes.reserve(queue_.bytes.size() + batch_bytes);
+  if (queue_.batches.size() == queue_.batches.capacity()) queue_.batches.reserve(2 * queue_.batches.size() + 1);
+  if (refused_.size() == refused_.capacity()) refused_.reserve(2 * refused_.size() + 1);
+}
+
+void Journal::hand_over(uint64_t ticket, std::string_view payload) {
+  add_mark(batch_, next_, EntryKind::commit, durable_, payload);
+  queue_.batches.push_back({ticket, batch_.size(), next_, std::exchange(spoiled_, {})});
+  behind_bytes_ += batch_.size();
+  if (queue_.bytes.empty())
+    std::swap(queue_.bytes, batch_);
+  else
+    queue_.bytes += batch_;
+  batch_.clear();
+}
+
+uint64_t Journal::settled() const {
+  const std::lock_guard guard(mutex_);
+  return settled_;
+}
+
+std::string Journal::failure(uint64_t ticket) const {
+  const std::lock_guard guard(mutex_);
+  const auto behind = std::upper_bound(refused_.begin(), refused_.end(), ticket,
+                                       [](uint64_t value, const Refused &range) { return value < range.first; });
+  if (behind == refused_.begin() || std::prev(behind)->last < ticket) return {};
+  return std::prev(behind)->reason;
+}
+
+void Journal::wait(uint64_t ticket) const {
+  std::unique_lock lock(mutex_);
+  settled_moved_.wait(lock, [this, ticket] { return settled_ >= ticket; });
+}
+
+uint64_t Journal::end() const {
+  const std::lock_guard guard(mutex_);
+  return next_.position;
+}
+
+uint64_t Journal::settled_end() const {
+  const std::lock_guard guard(mutex_);
+  return settled_place_.position;
+}
+
+// ---- Failure -------------------------------------------------------------------------------------------------------
+
+bool Journal::is_failed() const {
+  const std::lock_guard guard(mutex_);
+  return !failed_.empty();
+}
+
+bool Journal::is_broken() const {
+  const std::lock_guard guard(mutex_);
+  return broken_;
+}
+
+void Journal::restart() {
+  const std::lock_guard guard(mutex_);
+  if (broken_) throw FileError(failed_);
+  if (failed_.empty()) return;
+  batch_.clear();
+  spoiled_.clear();
+  failed_.clear();
+  next_ = settled_place_;
+  // What follows stands at other places than what was refused: a reader that has a part of that in its hands must not
+  // take it for the beginning of this.
+  add_mark(batch_, next_, EntryKind::opened, durable_, {});
+}
+
+bool Journal::reserve(uint64_t bytes, std::string *why) {
+  uint64_t from, least, n_cuts;
+  {
+    const std::lock_guard guard(mutex_);
+    if (!failed_.empty()) {
+      if (why != nullptr) *why = failed_;
+      return false;
+    }
+    least = next_.position + bytes;
+    if (least <= reserved_end_) return true;
+    from = std::max(reserved_end_, settled_place_.position);
+    n_cuts = n_cuts_;
+  }
+  // Without the lock: whoever appends need not wait for the file system.
+  uint64_t to = (least + RESERVE_BYTES - 1) / RESERVE_BYTES * RESERVE_BYTES;
+  int error = file_.reserve(from, to - from);
+  if (error == ENOSPC || error == EDQUOT || error == EFBIG) error = file_.reserve(from, (to = least) - from);
+  if (error == EOPNOTSUPP || error == ENOSYS) return true;
+  if (error != 0) {
+    if (why != nullptr) *why = fmt::format("{}: no room for {} bytes: {}", path(), bytes, std::strerror(error));
+    return false;
+  }
+  const std::lock_guard guard(mutex_);
+  if (n_cuts == n_cuts_) reserved_end_ = std::max(reserved_end_, to);
+  return true;
+}
+
+// ---- The writer ----------------------------------------------------------------------------------------------------
+
+void Journal::run() {
+  Queue taken;
+  std::unique_lock lock(mutex_);
+  for (;;) {
+    work_.wait(lock, [this] { return closed_ || !queue_.batches.empty(); });
+    if (queue_.batches.empty()) return;
+    std::swap(taken, queue_);
+    const uint64_t at = settled_place_.position;
+    lock.unlock();
+    write_queue(taken, at);
+    taken.bytes.clear();
+    taken.batches.clear();
+    lock.lock();
+  }
+}
+
+bool Journal::write_queue(const Queue &queue, uint64_t at) {
+  std::string_view rest = queue.bytes;
+  for (size_t first = 0; first < queue.batches.size();) {
+    if (const Batch &batch = queue.batches[first]; !batch.spoiled.empty())
+      return cut_and_refuse(at, batch.ticket, fmt::format("{}: {}", path(), batch.spoiled));
+    size_t behind = first, bytes = 0;
+    do {
+      bytes += queue.batches[behind++].bytes;
+    } while (behind < queue.batches.size() && queue.batches[behind].spoiled.empty() && sync_ != Sync::always);
+    if (!write_batches(rest.substr(0, bytes), at, queue.batches[first].ticket)) return false;
+    settle(queue.batches[behind - 1], bytes);
+    rest.remove_prefix(bytes);
+    at += bytes;
+    first = behind;
+  }
+  return true;
+}
+
+bool Journal::write_batches(std::string_view bytes, uint64_t at, uint64_t first_ticket) {
+  try {
+    file_.write_at(at, bytes);
+  } catch (const FileError &error) {
+    return cut_and_refuse(at, first_ticket, error.what());
+  }
+  try {
+    if (sync_ != Sync::none) file_.sync_data();
+  } catch (const FileError &error) {
+    refuse(first_ticket, error.what(), true);
+    return false;
+  }
+  return true;
+}
+
+// The cut is on the disk before anybody hears of it: else a crash could bring back, whole, what was refused.
+bool Journal::cut_and_refuse(uint64_t at, uint64_t first_ticket, const std::string &reason) {
+  try {
+    file_.truncate(at);
+    file_.sync();
+    refuse(first_ticket, reason, false);
+  } catch (const FileError &error) {
+    refuse(first_ticket, fmt::format("{}; {}", reason, error.what()), true);
+  }
+  return false;
+}
+
+void Journal::refuse(uint64_t first_ticket, const std::string &reason, bool for_good) {
+  const std::lock_guard guard(mutex_);
+  failed_ = reason;
+  broken_ = for_good;
+  queue_ = {};
+  behind_bytes_ = 0;
+  reserved_end_ = 0;
+  ++n_cuts_;
+  note_refused(first_ticket, reason);
+  tell_settled(last_ticket_);
+}
+
+void Journal::settle(const Batch &last, size_t bytes) {
+  const std::lock_guard guard(mutex_);
+  settled_place_ = last.behind;
+  if (sync_ != Sync::none) durable_ = last.behind.position;
+  behind_bytes_ -= bytes;
+  tell_settled(last.ticket);
+}
+
+// All tickets from the first on are refused. Those of one outage make one range, however long it lasts.
+void Journal::note_refused(uint64_t first_ticket, const std::string &reason) {
+  if (!refused_.empty() && refused_.back().last + 1 == first_ticket && refused_.back().reason == reason)
+    refused_.back().last = last_ticket_;
+  else
+    refused_.push_back({first_ticket, last_ticket_, reason});
+}
+
+void Journal::tell_settled(uint64_t ticket) {
+  settled_ = ticket;
+  settled_moved_.notify_all();
+  const uint64_t one = 1;
+  // It fails only when the counter is full, and readable anyway.
+  [[maybe_unused]] const ssize_t ignored = write(event_.fd(), &one, sizeof one);
+}
+
+}  // namespace metricdb

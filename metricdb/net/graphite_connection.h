@@ -1,0 +1,35 @@
+// A connection that sends lines of Graphite's plaintext protocol and hears nothing.
+#pragma once
+
+#include <string>
+
+#include "codec/graphite.h"
+#include "net/connection.h"
+
+namespace metricdb {
+
+class GraphiteConnection : public Connection {
+ public:
+  // The converter is shared: it holds nothing from one call to the next but its memory.
+  GraphiteConnection(int fd, Hub &hub, GraphiteConverter &converter) : Connection(fd, hub), converter_(converter) {}
+  ~GraphiteConnection() override;
+
+ protected:
+  void consume() override;
+  bool is_inside_request() const override { return !input().empty(); }
+  size_t room_wanted() const override { return BlockPool::LEAST_BYTES / 2; }
+  void refuse_room() override { give_up("no memory to receive more"); }
+  void refuse(Owed &owed, const std::string &reason) override;
+  void on_input_end() override;
+
+ private:
+  void take_lines(std::string_view lines);
+  void count_malformed(uint64_t n, const std::string &reason);
+  void count_refused(const std::string &reason);
+
+  GraphiteConverter &converter_;
+  uint64_t n_malformed_ = 0;
+  uint64_t n_refused_ = 0;
+};
+
+}  // namespace metricdb

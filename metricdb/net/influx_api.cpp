@@ -1,0 +1,198 @@
+#include "net/influx_api.h"
+
+#include <fmt/format.h>
+
+#include <cctype>
+#include <charconv>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <utility>
+
+namespace metricdb {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+// Names are kept for SHOW DATABASES alone: so many, and no longer ones.
+constexpr size_t MOST_DATABASES = 64;
+constexpr size_t LONGEST_DATABASE = 128;
+
+// Reasons quote what came, which need not be UTF-8.
+std::string json_text(const Json &json) {
+  return json.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+HttpAnswer json_answer(const Json &json) {
+  HttpAnswer answer;
+  answer.status = HTTP_STATUS_OK;
+  answer.json = json_text(json);
+  return answer;
+}
+
+std::string url_decoded(std::string_view text) {
+  std::string decoded;
+  for (size_t i = 0; i < text.size(); ++i) {
+    unsigned byte = 0;
+    const bool is_coded = text[i] == '%' && i + 2 < text.size() &&
+                          std::from_chars(&text[i + 1], &text[i + 1] + 2, byte, 16).ptr == &text[i + 1] + 2;
+    decoded += is_coded ? static_cast<char>(byte) : text[i] == '+' ? ' ' : text[i];
+    i += is_coded ? 2 : 0;
+  }
+  return decoded;
+}
+
+// The value of `name` in `a=1&b=2`.
+std::optional<std::string> argument(std::string_view arguments, std::string_view name) {
+  while (!arguments.empty()) {
+    const size_t end = std::min(arguments.find('&'), arguments.size());
+    const std::string_view pair = arguments.substr(0, end);
+    const size_t equals = std::min(pair.find('='), pair.size());
+    if (pair.substr(0, equals) == name) return url_decoded(pair.substr(std::min(equals + 1, pair.size())));
+    arguments.remove_prefix(std::min(end + 1, arguments.size()));
+  }
+  return std::nullopt;
+}
+
+struct Target {
+  std::string_view path;
+  std::string_view arguments;
+};
+
+std::optional<Target> target_of(const HttpRequest &request) {
+  http_parser_url url;
+  http_parser_url_init(&url);
+  const std::string_view text = request.target;
+  if (http_parser_parse_url(text.data(), text.size(), 0, &url) != 0) return std::nullopt;
+  const auto part = [&](http_parser_url_fields field) {
+    const auto &place = url.field_data[field];
+    return (url.field_set & 1U << field) != 0 ? text.substr(place.off, place.len) : std::string_view();
+  };
+  return Target{part(UF_PATH), part(UF_QUERY)};
+}
+
+std::optional<Precision> precision_of(std::string_view unit) {
+  constexpr int64_t S = static_cast<int64_t>(Precision::s);
+  static constexpr std::pair<std::string_view, Precision> UNITS[] = {
+      {"", Precision::ns},      {"n", Precision::ns},      {"ns", Precision::ns}, {"u", Precision::us},
+      {"us", Precision::us},    {"µ", Precision::us},      {"ms", Precision::ms}, {"s", Precision::s},
+      {"m", Precision{60 * S}}, {"h", Precision{3600 * S}}};
+  for (const auto &[name, precision] : UNITS)
+    if (name == unit) return precision;
+  return std::nullopt;
+}
+
+HttpAnswer not_allowed(const char *methods) {
+  HttpAnswer answer = error_answer(HTTP_STATUS_METHOD_NOT_ALLOWED, fmt::format("the method can be: {}", methods));
+  answer.allow = methods;
+  return answer;
+}
+
+std::variant<WriteRequest, HttpAnswer> route_write(const HttpRequest &request, std::string_view arguments) {
+  if (request.method != HTTP_POST) return not_allowed("POST");
+  const std::string unit = argument(arguments, "precision").value_or("");
+  const std::optional<Precision> precision = precision_of(unit);
+  if (!precision)
+    return error_answer(HTTP_STATUS_BAD_REQUEST,
+                        fmt::format("precision \"{}\" is none of n, ns, u, us, ms, s, m and h", unit));
+  const std::string &encoding = request.content_encoding;
+  const bool is_gzip = encoding == "gzip" || encoding == "x-gzip";
+  if (!is_gzip && !encoding.empty() && encoding != "identity")
+    return error_answer(HTTP_STATUS_UNSUPPORTED_MEDIA_TYPE,
+                        fmt::format("content encoding \"{}\" is not known: gzip and identity are", encoding));
+  return WriteRequest{*precision, is_gzip};
+}
+
+// Takes the words off the front of a statement, in whatever case they are.
+bool takes_words(std::string_view &statement, std::string_view words) {
+  if (statement.size() < words.size()) return false;
+  for (size_t i = 0; i < words.size(); ++i)
+    if (std::toupper(static_cast<unsigned char>(statement[i])) != words[i]) return false;
+  statement.remove_prefix(words.size());
+  return true;
+}
+
+// `name`, or `"a name"` with quotes.
+std::string first_name(std::string_view text) {
+  if (text.starts_with('"')) return std::string(text.substr(1, text.find('"', 1) - 1));
+  return std::string(text.substr(0, text.find_first_of(" \t\r\n")));
+}
+
+std::string_view trimmed(std::string_view text) {
+  constexpr std::string_view AROUND = " \t\r\n;";
+  const size_t begin = std::min(text.find_first_not_of(AROUND), text.size());
+  return text.substr(begin, text.find_last_not_of(AROUND) + 1 - begin);
+}
+
+Json one_result(Json result) {
+  result["statement_id"] = 0;
+  return {{"results", Json::array({std::move(result)})}};
+}
+
+}  // namespace
+
+HttpAnswer error_answer(http_status status, std::string reason) {
+  HttpAnswer answer;
+  answer.status = status;
+  answer.json = json_text({{"error", reason}});
+  answer.error = std::move(reason);
+  return answer;
+}
+
+HttpAnswer answer_to(const Taken &taken) {
+  if (taken.malformed == 0) return {};
+  return error_answer(HTTP_STATUS_BAD_REQUEST,
+                      fmt::format("partial write: {} dropped={}", taken.first_reason, taken.malformed));
+}
+
+std::optional<HttpAnswer> InfluxApi::answer_to_head(const HttpRequest &request) {
+  const std::optional<Target> target = target_of(request);
+  if (!target || target->path != "/write") return std::nullopt;
+  const auto routed = route_write(request, target->arguments);
+  const auto *answer = std::get_if<HttpAnswer>(&routed);
+  return answer != nullptr ? std::optional(*answer) : std::nullopt;
+}
+
+std::variant<WriteRequest, HttpAnswer> InfluxApi::route(const HttpRequest &request) {
+  const std::optional<Target> target = target_of(request);
+  if (!target) return error_answer(HTTP_STATUS_BAD_REQUEST, "the request's target is no URL");
+  const bool reads = request.method == HTTP_GET || request.method == HTTP_HEAD;
+  if (target->path == "/write") return route_write(request, target->arguments);
+  if (target->path == "/query")
+    return reads || request.method == HTTP_POST ? query(request, target->arguments) : not_allowed("GET, POST");
+  if (target->path == "/ping") return reads ? HttpAnswer() : not_allowed("GET, HEAD");
+  if (target->path == "/health")
+    return reads ? json_answer({{"name", "metricdb"}, {"message", "ready for writes"}, {"status", "pass"}})
+                 : not_allowed("GET, HEAD");
+  return error_answer(HTTP_STATUS_NOT_FOUND, "there are /write, /query, /ping and /health");
+}
+
+HttpAnswer InfluxApi::query(const HttpRequest &request, std::string_view arguments) {
+  std::optional<std::string> statement = argument(arguments, "q");
+  if (!statement && request.content_type.starts_with("application/x-www-form-urlencoded"))
+    statement = argument(request.body, "q");
+  if (!statement) return error_answer(HTTP_STATUS_BAD_REQUEST, "missing required parameter \"q\"");
+  HttpAnswer answer;
+  answer.status = HTTP_STATUS_OK;
+  answer.json = run_statement(trimmed(*statement));
+  return answer;
+}
+
+std::string InfluxApi::run_statement(std::string_view statement) {
+  std::string_view rest = statement;
+  if (takes_words(rest, "SHOW DATABASES")) {
+    Json rows = Json::array();
+    for (const std::string &name : databases_) rows.push_back(Json::array({name}));
+    const Json series = {{"name", "databases"}, {"columns", Json::array({"name"})}, {"values", std::move(rows)}};
+    return json_text(one_result({{"series", Json::array({series})}}));
+  }
+  if (takes_words(rest, "CREATE DATABASE ")) {
+    std::string name = first_name(trimmed(rest));
+    if (name.empty() || name.size() > LONGEST_DATABASE)
+      return json_text(one_result({{"error", "a database's name has 1 to 128 bytes"}}));
+    if (databases_.size() < MOST_DATABASES) databases_.insert(std::move(name));
+    return json_text(one_result(Json::object()));
+  }
+  return json_text(one_result({{"error", fmt::format("not supported here: {}", statement.substr(0, 80))}}));
+}
+
+}  // namespace metricdb

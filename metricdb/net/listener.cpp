@@ -1,0 +1,60 @@
+#include "net/listener.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/socket.h>
+#include <tslb/tslb_util_common.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+
+#include "net/server.h"
+
+namespace metricdb {
+namespace {
+
+constexpr int BACKLOG = 1024;
+constexpr size_t MESSAGE_BYTES = 512;
+
+int open_spare() {
+  return open("/dev/null", O_RDONLY | O_CLOEXEC);
+}
+
+}  // namespace
+
+Listener::Listener(const std::string &address, std::optional<int> port) {
+  if (!port) return;
+  char message[MESSAGE_BYTES] = "";
+  port_ = *port;
+  fd_.reset(tslb_tcp_listen(&port_, BACKLOG, address.c_str(), message));
+  const std::string_view text(message);
+  if (fd_.get() < 0)
+    throw ServerError(fmt::format("{}:{}: {}", address, *port, text.substr(0, text.find_last_not_of('\n') + 1)));
+  spare_.reset(open_spare());
+  // Not blocking: who knocked may be gone again when we open.
+  if (spare_.get() < 0 || fcntl(fd_.get(), F_SETFL, O_NONBLOCK) != 0 || fcntl(fd_.get(), F_SETFD, FD_CLOEXEC) != 0)
+    throw ServerError(fmt::format("{}:{}: {}", address, port_, std::strerror(errno)));
+}
+
+int Listener::accept(const std::function<void(const char *why)> &turned_away) {
+  for (;;) {
+    const int fd = accept4(fd_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (fd >= 0) return fd;
+    if (errno == EMFILE || errno == ENFILE) {
+      turned_away("no descriptor is left");
+      turn_away();
+      return -1;
+    }
+    if (errno != EINTR && errno != ECONNABORTED) return -1;
+  }
+}
+
+// Left in the queue it would wake us again and again.
+void Listener::turn_away() {
+  spare_.reset();
+  Descriptor(accept4(fd_.get(), nullptr, nullptr, SOCK_CLOEXEC)).reset();
+  spare_.reset(open_spare());
+}
+
+}  // namespace metricdb

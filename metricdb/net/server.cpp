@@ -1,0 +1,364 @@
+#include "net/server.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <tslb/tslb_util_common.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <deque>
+#include <utility>
+#include <vector>
+
+#include "journal/log.h"
+#include "net/connection.h"
+#include "net/graphite_connection.h"
+#include "net/http_connection.h"
+#include "net/listener.h"
+
+namespace metricdb {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr size_t MOST_EVENTS = 256;
+constexpr int MOST_ACCEPTED = 64;  // in one round: a flood of new ones shall not delay those that are there
+constexpr size_t MESSAGE_BYTES = 512;
+
+[[noreturn]] void fail(const char *what) {
+  const int error = errno;
+  throw ServerError(fmt::format("{}: {}", what, std::strerror(error)));
+}
+
+}  // namespace
+
+class Server::Loop {
+ public:
+  Loop(const ServerOptions &options, Ingest &ingest);
+
+  void run();
+  void stop() noexcept;
+  int influx_port() const { return influx_.port(); }
+  int graphite_port() const { return graphite_.port(); }
+  ServerCounters counters() const;
+
+ private:
+  struct Place {
+    std::unique_ptr<Connection> connection;
+    bool is_active = false;
+    bool is_held = false;
+    bool is_waiting = false;
+  };
+  struct Batch {
+    uint64_t ticket;
+    size_t bytes;
+  };
+  using Fds = std::vector<int>;
+
+  void watch(int fd, uint32_t events);
+  void round();
+  void wait_for_events();
+  void on_event(const epoll_event &event);
+  void accept_some(Listener &listener);
+  void admit(int fd, bool speaks_http);
+  void turn_away(const char *why);
+  void turns();
+  void after_turn(Place &place);
+  void commit();
+  void settle();
+  void let_held_ones_go();
+  void activate(Place &place);
+  void check_times();
+  void begin_drain();
+  bool is_drained() const { return is_draining_ && n_connections_ == 0; }
+  milliseconds tick() const;
+
+  Hub hub_;
+  InfluxApi api_;
+  Gunzip gunzip_;
+  GraphiteConverter converter_;
+  Descriptor stop_;
+  Descriptor epoll_;
+  Listener influx_;
+  Listener graphite_;
+  // By descriptor. The lists below name descriptors too: if another connection has it by then, it gets a look for
+  // nothing.
+  std::vector<Place> places_;
+  size_t n_connections_ = 0;
+  Fds active_;   // have a turn in the next round
+  Fds taken_;    // handed lines to the open batch
+  Fds waiting_;  // for the Ingest
+  Fds held_;     // by bounds that may concern others too
+  std::deque<Batch> batches_;
+  bool is_settled_readable_ = false;
+  bool is_turning_away_ = false;
+  bool is_draining_ = false;
+  Clock::time_point next_check_;
+  Clock::time_point drained_by_;
+};
+
+Server::Loop::Loop(const ServerOptions &options, Ingest &ingest)
+    : hub_(options, ingest),
+      stop_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      epoll_(tslb_epoll_init(static_cast<int>(MOST_EVENTS), nullptr)),
+      influx_(options.address, options.influx_port),
+      graphite_(options.address, options.graphite_port) {
+  if (stop_.get() < 0 || epoll_.get() < 0) fail("server");
+  if (fcntl(epoll_.get(), F_SETFD, FD_CLOEXEC) != 0) fail("epoll");
+  watch(stop_.get(), EPOLLIN);
+  watch(ingest.settled_fd(), EPOLLIN);
+  for (const Listener *listener : {&influx_, &graphite_})
+    if (listener->fd() >= 0) watch(listener->fd(), EPOLLIN);
+}
+
+void Server::Loop::watch(int fd, uint32_t events) {
+  char message[MESSAGE_BYTES] = "";
+  if (tslb_add_select(epoll_.get(), fd, static_cast<int>(events), message) != 0) throw ServerError(message);
+}
+
+void Server::Loop::stop() noexcept {
+  const uint64_t one = 1;
+  // Fails only when the count is at its end, and then it was asked often enough.
+  [[maybe_unused]] const ssize_t written = write(stop_.get(), &one, sizeof(one));
+}
+
+void Server::Loop::run() {
+  TSLB_DLOG(LOG_PROGRESS, "serving: influx %d, graphite %d on %s", influx_port(), graphite_port(),
+            hub_.options.address.c_str());
+  hub_.now = Clock::now();
+  next_check_ = hub_.now + tick();
+  while (!is_drained()) {
+    if (is_draining_ && hub_.now >= drained_by_) {
+      TSLB_DLOG(LOG_REFUSALS, "stopped: %zu connections were not answered in time", n_connections_);
+      break;
+    }
+    round();
+  }
+  places_.clear();
+  TSLB_DLOG(LOG_PROGRESS, "stopped");
+}
+
+void Server::Loop::round() {
+  wait_for_events();
+  if (std::exchange(is_settled_readable_, false)) settle();
+  turns();
+  commit();
+  if (hub_.now >= next_check_) check_times();
+}
+
+void Server::Loop::wait_for_events() {
+  std::array<epoll_event, MOST_EVENTS> events;
+  const auto until = std::chrono::ceil<milliseconds>(next_check_ - Clock::now());
+  const int wait_ms = active_.empty() ? static_cast<int>(std::max<int64_t>(until.count(), 0)) : 0;
+  const int n = epoll_wait(epoll_.get(), events.data(), static_cast<int>(events.size()), wait_ms);
+  if (n < 0 && errno != EINTR) fail("epoll");
+  hub_.now = Clock::now();
+  for (int i = 0; i < n; ++i) on_event(events[static_cast<size_t>(i)]);
+}
+
+void Server::Loop::on_event(const epoll_event &event) {
+  const int fd = event.data.fd;
+  if (fd == stop_.get()) {
+    if (!is_draining_) begin_drain();
+  } else if (fd == hub_.ingest.settled_fd()) {
+    is_settled_readable_ = true;
+  } else if (fd == influx_.fd()) {
+    accept_some(influx_);
+  } else if (fd == graphite_.fd()) {
+    accept_some(graphite_);
+  } else if (static_cast<size_t>(fd) < places_.size() && places_[static_cast<size_t>(fd)].connection) {
+    Place &place = places_[static_cast<size_t>(fd)];
+    place.connection->on_events(event.events);
+    activate(place);
+  }
+}
+
+void Server::Loop::activate(Place &place) {
+  if (!std::exchange(place.is_active, true)) active_.push_back(place.connection->fd());
+}
+
+// ---- Accepting -----------------------------------------------------------------------------------------------------
+
+void Server::Loop::accept_some(Listener &listener) {
+  for (int i = 0; i < MOST_ACCEPTED; ++i) {
+    const int fd = listener.accept([this](const char *why) { turn_away(why); });
+    if (fd < 0) return;
+    admit(fd, &listener == &influx_);
+  }
+}
+
+void Server::Loop::admit(int fd, bool speaks_http) {
+  char message[MESSAGE_BYTES] = "";
+  const bool is_full = n_connections_ >= hub_.options.max_connections;
+  constexpr uint32_t EVENTS = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
+  if (is_full || tslb_add_select(epoll_.get(), fd, static_cast<int>(EVENTS), message) != 0) {
+    turn_away(is_full ? "there are as many as may be" : message);
+    close(fd);
+    return;
+  }
+  is_turning_away_ = false;
+  if (places_.size() <= static_cast<size_t>(fd)) places_.resize(static_cast<size_t>(fd) + 1);
+  std::unique_ptr<Connection> &connection = places_[static_cast<size_t>(fd)].connection;
+  if (speaks_http)
+    connection = std::make_unique<HttpConnection>(fd, hub_, api_, gunzip_);
+  else
+    connection = std::make_unique<GraphiteConnection>(fd, hub_, converter_);
+  hub_.accepted.add(1);
+  ++n_connections_;
+}
+
+void Server::Loop::turn_away(const char *why) {
+  hub_.turned_away.add(1);
+  if (!std::exchange(is_turning_away_, true)) TSLB_DLOG(LOG_REFUSALS, "connections are turned away: %s", why);
+}
+
+// ---- A round -------------------------------------------------------------------------------------------------------
+
+void Server::Loop::turns() {
+  Fds turn;
+  turn.swap(active_);
+  for (const int fd : turn) {
+    Place &place = places_[static_cast<size_t>(fd)];
+    place.is_active = false;
+    if (!place.connection) continue;
+    place.connection->turn();
+    after_turn(place);
+  }
+}
+
+void Server::Loop::after_turn(Place &place) {
+  Connection &connection = *place.connection;
+  const int fd = connection.fd();
+  if (connection.is_finished()) {
+    place.connection.reset();
+    --n_connections_;
+    return;
+  }
+  if (connection.waits_for_ingest()) {
+    taken_.push_back(fd);
+    if (!std::exchange(place.is_waiting, true)) waiting_.push_back(fd);
+  }
+  if (connection.is_ready())
+    activate(place);
+  else if (connection.is_held() && !std::exchange(place.is_held, true))
+    held_.push_back(fd);
+}
+
+void Server::Loop::commit() {
+  if (hub_.has_open_points) {
+    const uint64_t ticket = hub_.ingest.commit();
+    batches_.push_back({ticket, hub_.open_bytes});
+    for (const int fd : taken_)
+      if (const auto &connection = places_[static_cast<size_t>(fd)].connection) connection->committed(ticket);
+  }
+  taken_.clear();
+  hub_.has_open_points = false;
+  hub_.open_bytes = 0;
+}
+
+void Server::Loop::settle() {
+  const uint64_t settled = hub_.ingest.settled();
+  Refusals refusals;
+  for (; !batches_.empty() && batches_.front().ticket <= settled; batches_.pop_front()) {
+    hub_.unanswered_bytes -= batches_.front().bytes;
+    std::string reason = hub_.ingest.failure(batches_.front().ticket);
+    if (reason.empty()) continue;
+    TSLB_DLOG(LOG_REFUSALS, "batch %llu is lost: %s", static_cast<unsigned long long>(batches_.front().ticket),
+              reason.c_str());
+    refusals.emplace_back(batches_.front().ticket, std::move(reason));
+  }
+  Fds waiting;
+  waiting.swap(waiting_);
+  for (const int fd : waiting) {
+    Place &place = places_[static_cast<size_t>(fd)];
+    place.is_waiting = false;
+    if (!place.connection) continue;
+    place.connection->settled(settled, refusals);
+    after_turn(place);
+  }
+  let_held_ones_go();
+}
+
+void Server::Loop::let_held_ones_go() {
+  Fds held;
+  held.swap(held_);
+  for (const int fd : held) {
+    Place &place = places_[static_cast<size_t>(fd)];
+    place.is_held = false;
+    if (place.connection) activate(place);
+  }
+}
+
+// ---- Time and the end ----------------------------------------------------------------------------------------------
+
+milliseconds Server::Loop::tick() const {
+  const milliseconds shortest = std::min(hub_.options.idle_timeout, hub_.options.request_timeout);
+  return std::clamp(shortest / 4, milliseconds(10), milliseconds(is_draining_ ? 100 : 1000));
+}
+
+void Server::Loop::check_times() {
+  next_check_ = hub_.now + tick();
+  for (Place &place : places_) {
+    if (!place.connection) continue;
+    place.connection->check_time();
+    after_turn(place);
+  }
+}
+
+void Server::Loop::begin_drain() {
+  is_draining_ = true;
+  drained_by_ = hub_.now + hub_.options.drain_timeout;
+  next_check_ = hub_.now + tick();
+  epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, stop_.get(), nullptr);
+  influx_.close();
+  graphite_.close();
+  for (Place &place : places_) {
+    if (!place.connection) continue;
+    place.connection->drain();
+    activate(place);
+  }
+}
+
+ServerCounters Server::Loop::counters() const {
+  ServerCounters counters;
+  counters.accepted = hub_.accepted.value();
+  counters.connections = counters.accepted - std::min(hub_.closed.value(), counters.accepted);
+  counters.turned_away = hub_.turned_away.value();
+  counters.requests = hub_.requests.value();
+  counters.bytes = hub_.bytes.value();
+  counters.points = hub_.points.value();
+  counters.malformed = hub_.malformed.value();
+  counters.refused = hub_.refused.value();
+  return counters;
+}
+
+Server::Server(const ServerOptions &options, Ingest &ingest) : loop_(std::make_unique<Loop>(options, ingest)) {}
+
+Server::~Server() = default;
+
+void Server::run() {
+  loop_->run();
+}
+
+void Server::stop() noexcept {
+  loop_->stop();
+}
+
+int Server::influx_port() const {
+  return loop_->influx_port();
+}
+
+int Server::graphite_port() const {
+  return loop_->graphite_port();
+}
+
+ServerCounters Server::counters() const {
+  return loop_->counters();
+}
+
+}  // namespace metricdb

@@ -1,0 +1,84 @@
+#include "store/loader.h"
+
+#include <fmt/format.h>
+
+#include <utility>
+
+namespace metricdb {
+
+Loader::Loader(Store &store, WhenFull when_full, Report report)
+    : store_(store), when_full_(when_full), report_(std::move(report)) {}
+
+// Ahead of the first point of a line: none of them is stored if one cannot be.
+bool Loader::keys_fit() {
+  for (const ParsedField &field : parser_.line().fields)
+    if (parser_.line().head.size() + 1 + field.key.size() > Store::LONGEST_KEY) return false;
+  return true;
+}
+
+void Loader::store_line(int64_t now_ns) {
+  const ParsedLine &line = parser_.line();
+  const int64_t ts_ns = line.ts_ns.value_or(now_ns);
+  if (store_.admit(ts_ns, static_cast<uint32_t>(line.fields.size()))) store_fields(line, ts_ns);
+  stats_.points += line.fields.size();
+  stats_.strings_skipped += line.strings_skipped;
+}
+
+void Loader::drop_stale_series() {
+  if (n_forgotten_ == store_.n_forgotten_series()) return;
+  n_forgotten_ = store_.n_forgotten_series();
+  cache_.clear();
+  last_ = {};
+}
+
+void Loader::store_fields(const ParsedLine &line, int64_t ts_ns) {
+  drop_stale_series();
+  bool is_like_last = last_.size() == line.fields.size();
+  fields_.clear();
+  for (size_t i = 0; i < line.fields.size(); ++i) {
+    const ParsedField &field = line.fields[i];
+    const bool is_known = i < last_.size() && (i < line.n_likely || last_[i].name == field.key);
+    uint32_t series;
+    if (is_known) {
+      series = last_[i].series;
+    } else {
+      series = store_.series_of(key_.assign(line.head).append(1, ' ').append(field.key));
+      is_like_last = false;
+      // A new one can have taken the slot of another. Never of one of this line: room was made for those.
+      drop_stale_series();
+    }
+    store_.make_room(series);
+    fields_.push_back({field.key, series});
+  }
+  for (size_t i = 0; i < line.fields.size(); ++i) store_.append(fields_[i].series, {ts_ns, line.fields[i].value});
+  if (!is_like_last) cache_.keep(line.head, fields_);
+}
+
+void Loader::load(std::string_view text, Precision precision, int64_t now_ns) {
+  parser_.set_precision(precision);
+  std::string_view line;
+  for (uint64_t number = 1; next_line(text, line); ++number) {
+    ++stats_.lines;
+    const LikelyLine likely = cache_.likely(line);
+    const LineParser::Outcome outcome = parser_.parse(line, likely);
+    if (outcome == LineParser::Outcome::nothing) continue;
+    const bool fits = outcome == LineParser::Outcome::line && keys_fit();
+    if (!fits) {
+      ++stats_.malformed;
+      report_(number, outcome == LineParser::Outcome::line
+                          ? fmt::format("a series key is longer than {} bytes", Store::LONGEST_KEY)
+                          : parser_.reason());
+      continue;
+    }
+    last_ = likely.head.empty() ? cache_.fields_of(parser_.line().head) : likely.fields;
+    try {
+      store_line(now_ns);
+    } catch (const StoreFull &full) {
+      if (when_full_ == WhenFull::stop) throw LoadStopped(number, full.what());
+      ++stats_.refused;
+      report_(number, full.what());
+    }
+  }
+}
+
+}  // namespace metricdb

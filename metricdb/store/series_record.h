@@ -1,0 +1,118 @@
+// The catalogue's record of a series: one of the stored layouts of types and subjects, `ty_sub_t`, whose older version
+// the library's routines can make of the newer one. That is what lets an older program open the database.
+//
+//   offset   field           what it holds here                                  version 0
+//        0   i_name          address of the key's chunk; all ones in a free slot   same
+//       12   nodes_group     sealed chunks                                         same
+//       16   flag_bitmask    SERIES_*                                              same
+//       20   mg              address of the open chunk, with SERIES_HAS_OPEN       same
+//       24   ag              points in the open chunk                              same
+//       32   rsb_arr[0]      addresses of the first and the last sealed chunk,     same
+//                            which count for nothing while there is none
+//       44   rsb_arr[1]      points in its chunks, hidden ones included            at 40
+//       56   rsb_arr[2]      data time of the last write, ns                       at 48
+//       68   rsb_arr[3]      its newest timestamp, ns                              at 56
+//       52   stale_rsb of 1  milliseconds between its two newest timestamps, 0:    none
+//                            not known; more than the word holds: all ones
+// All else is zero. Figures of 64 bits fill the first two words of an rsb. A chunk's compaction header names who refers
+// to it by table, index and offset; the three references lie where both versions agree, so that these stay true.
+#pragma once
+
+#include <tslb/tsdb_recovery_schema.h>
+#include <tslb/tslb_dynmem.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+namespace metricdb {
+
+inline constexpr uint8_t OLDEST_LAYOUT = 0;
+inline constexpr uint8_t NEWEST_LAYOUT = 1;
+
+inline constexpr uint8_t SERIES_READY = 0x01;
+inline constexpr uint8_t SERIES_HAS_OPEN = 0x02;
+
+inline constexpr uint32_t FREE_GATEKEEPER = 0xFFFFFFFFu;  // the library's word in the first field of a free slot
+
+// Where the references to chunks lie.
+inline constexpr size_t KEY_REFERENCE = offsetof(ty_sub_t_v1, i_name);
+inline constexpr size_t OPEN_REFERENCE = offsetof(ty_sub_t_v1, mg);
+inline constexpr size_t FIRST_SEALED_REFERENCE = offsetof(ty_sub_t_v1, rsb_arr);
+static_assert(KEY_REFERENCE == offsetof(ty_sub_t_v0, i_name));
+static_assert(OPEN_REFERENCE == offsetof(ty_sub_t_v0, mg));
+static_assert(FIRST_SEALED_REFERENCE == offsetof(ty_sub_t_v0, rsb_arr));
+
+inline constexpr size_t series_record_bytes(uint8_t layout) {
+  return layout == NEWEST_LAYOUT ? sizeof(ty_sub_t_v1) : sizeof(ty_sub_t_v0);
+}
+
+// A record where it lies, at any address. As cheap to copy as the pointer that it is.
+class SeriesRecord {
+ public:
+  SeriesRecord() = default;
+  SeriesRecord(char *at, uint8_t layout) : at_(at), layout_(layout) {}
+
+  explicit operator bool() const { return at_ != nullptr; }
+  char *at() const { return at_; }
+  uint8_t layout() const { return layout_; }
+
+  uint32_t gatekeeper() const { return get<uint32_t>(KEY_REFERENCE); }
+  uint8_t flags() const { return get<uint8_t>(FLAGS); }
+  maddr_t key() const { return get<maddr_t>(KEY_REFERENCE); }
+  maddr_t open() const { return get<maddr_t>(OPEN_REFERENCE); }
+  uint32_t n_open() const { return get<uint32_t>(N_OPEN); }
+  uint32_t n_sealed() const { return get<uint32_t>(N_SEALED); }
+  maddr_t first_sealed() const { return get<maddr_t>(FIRST_SEALED_REFERENCE); }
+  maddr_t last_sealed() const { return get<maddr_t>(FIRST_SEALED_REFERENCE + sizeof(maddr_t)); }
+  uint64_t n_points() const { return get<uint64_t>(rsb(1)); }
+  int64_t written_at_ns() const { return get<int64_t>(rsb(2)); }
+  int64_t newest_ns() const { return get<int64_t>(rsb(3)); }
+  // 0 where the layout has no room for it.
+  uint32_t interval_ms() const { return layout_ == NEWEST_LAYOUT ? get<uint32_t>(INTERVAL) : 0; }
+
+  void set_flags(uint8_t flags) const { set(FLAGS, flags); }
+  void set_key(maddr_t address) const { set(KEY_REFERENCE, address); }
+  void set_open(maddr_t address) const { set(OPEN_REFERENCE, address); }
+  void set_n_open(uint32_t count) const { set(N_OPEN, count); }
+  void set_n_sealed(uint32_t count) const { set(N_SEALED, count); }
+  void set_first_sealed(maddr_t address) const { set(FIRST_SEALED_REFERENCE, address); }
+  void set_last_sealed(maddr_t address) const { set(FIRST_SEALED_REFERENCE + sizeof(maddr_t), address); }
+  void set_n_points(uint64_t count) const { set(rsb(1), count); }
+  void set_written_at_ns(int64_t time_ns) const { set(rsb(2), time_ns); }
+  void set_newest_ns(int64_t time_ns) const { set(rsb(3), time_ns); }
+  void set_interval_ms(uint32_t ms) const {
+    if (layout_ == NEWEST_LAYOUT) set(INTERVAL, ms);
+  }
+
+  // Whether all that holds nothing here is zero.
+  bool is_clean() const;
+
+ private:
+  static constexpr size_t N_SEALED = offsetof(ty_sub_t_v1, nodes_group);
+  static constexpr size_t FLAGS = offsetof(ty_sub_t_v1, flag_bitmask);
+  static constexpr size_t N_OPEN = offsetof(ty_sub_t_v1, ag);
+  static constexpr size_t INTERVAL = offsetof(ty_sub_t_v1, rsb_arr) + sizeof(rsb_t_v1) + offsetof(rsb_t_v1, stale_rsb);
+  static_assert(N_SEALED == offsetof(ty_sub_t_v0, nodes_group) && FLAGS == offsetof(ty_sub_t_v0, flag_bitmask) &&
+                N_OPEN == offsetof(ty_sub_t_v0, ag));
+
+  size_t rsb(size_t number) const {
+    return FIRST_SEALED_REFERENCE + number * (layout_ == NEWEST_LAYOUT ? sizeof(rsb_t_v1) : sizeof(rsb_t_v0));
+  }
+
+  template <class Field>
+  Field get(size_t offset) const {
+    Field value;
+    std::memcpy(&value, at_ + offset, sizeof value);
+    return value;
+  }
+  template <class Field>
+  void set(size_t offset, Field value) const {
+    std::memcpy(at_ + offset, &value, sizeof value);
+  }
+
+  char *at_ = nullptr;
+  uint8_t layout_ = NEWEST_LAYOUT;
+};
+
+}  // namespace metricdb

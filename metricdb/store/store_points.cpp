@@ -1,0 +1,196 @@
+// Chunks of a store: how they are taken and given back, how an open one grows and is sealed, and the walk over all.
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "store/store.h"
+#include "store/store_internal.h"
+
+namespace metricdb {
+
+// Refuses what would take one slot too many: a slot that the current one has no room for comes from the free list, and
+// is a fresh one only if that is empty.
+char *Store::take_chunk(dynmem_t *pool, size_t bytes, const srcaddr_t &referrer, maddr_t &address) {
+  const bool is_keys = pool == keys_.get();
+  const char *const what = is_keys ? "series keys" : "points";
+  const uint32_t most_slots = is_keys ? MOST_KEY_SLOTS : MOST_POINT_SLOTS;
+  const DynMemHdr_t *const hdr = header_of(pool);
+  const size_t total = bytes + sizeof(compat_t);
+  if (total > hdr->mslot_sz)
+    throw StoreFull(fmt::format("{} bytes of {} do not fit a memory slot of {}", total, what, hdr->mslot_sz));
+  const MemSlotAddr_t cursor = cursor_of(pool);
+  const bool fits_current = cursor.mslot_idx != NO_SLOT && hdr->mslot_sz - cursor.byte_off >= total;
+  if (!fits_current && lists_of(pool)->n_free == 0 && tslb_da_get_size(pool) >= most_slots)
+    throw StoreFull(
+        fmt::format("no room for more {}: all {} memory slots of {} bytes are full", what, most_slots, hdr->mslot_sz));
+  char *const chunk = static_cast<char *>(tslb_dynmem_get_mchunk(pool, &address, static_cast<int>(bytes), referrer));
+  if (chunk == nullptr) throw StoreFull(fmt::format("the pool of {} refused {} bytes", what, bytes));
+  return chunk + sizeof(compat_t);
+}
+
+// Returns the number of memory slots that went to the free list with the chunk.
+uint32_t Store::delete_chunk(dynmem_t *pool, const maddr_t &address) {
+  const auto *const chunk = static_cast<const char *>(tslb_dynmem_get_maddr2ptr(pool, address));
+  const uint32_t free_before = lists_of(pool)->n_free;
+  tslb_dynmem_del_mchunk(pool, address);
+  log_chunk(pool, address, chunk - sizeof(compat_t), sizeof(compat_t));
+  return lists_of(pool)->n_free - free_before;
+}
+
+SealedChunk *Store::sealed_at(const maddr_t &address) const {
+  return static_cast<SealedChunk *>(tslb_dynmem_get_maddr2ptr(points_.get(), address));
+}
+
+// From the record, with all its points known to the redo log.
+Store::Tail Store::tail_of(const SeriesRecord &record) const {
+  Tail tail = {.record = record};
+  if ((record.flags() & SERIES_HAS_OPEN) == 0) return tail;
+  tail.open = static_cast<char *>(tslb_dynmem_get_maddr2ptr(points_.get(), record.open()));
+  tail.capacity = compat_of(tail.open)->mchunk_len / sizeof(Point);
+  tail.n_open = tail.n_logged = record.n_open();
+  return tail;
+}
+
+void Store::append(uint32_t series, const Point &point) {
+  Tail &tail = tails_[series];
+  if (tail.n_open == tail.capacity) grow_or_seal(series, tail);
+  const SeriesRecord &record = tail.record;
+  std::memcpy(tail.open + tail.n_open * sizeof point, &point, sizeof point);
+  record.set_n_open(++tail.n_open);
+  record.set_n_points(record.n_points() + 1);
+  ++n_points_;
+  data_time_ns_ = std::max(data_time_ns_, point.ts_ns);
+  record.set_written_at_ns(data_time_ns_);
+  const int64_t newest_ns = record.newest_ns();
+  if (point.ts_ns > newest_ns) {
+    // Unsigned: the distance of two times can be beyond a signed one.
+    constexpr uint64_t NS_PER_MS = 1'000'000;
+    const uint64_t step_ms = (static_cast<uint64_t>(point.ts_ns) - static_cast<uint64_t>(newest_ns)) / NS_PER_MS;
+    if (newest_ns != INT64_MIN) record.set_interval_ms(static_cast<uint32_t>(std::min<uint64_t>(step_ms, UINT32_MAX)));
+    record.set_newest_ns(point.ts_ns);
+  }
+  activate(series, tail);
+  change(series, tail);
+}
+
+void Store::activate(uint32_t series, Tail &tail) {
+  if (status_of(tail.record.at()) != TSLB_DA_SLOT_INACTIVE) return;
+  tslb_da_activate_idx(catalogue_.get(), series);
+  is_catalogue_changed_ = true;
+}
+
+void Store::make_room(uint32_t series) {
+  Tail &tail = tails_[series];
+  if (tail.n_open == tail.capacity) grow_or_seal(series, tail);
+  activate(series, tail);
+}
+
+void Store::grow_or_seal(uint32_t series, Tail &tail) {
+  change(series, tail);
+  if (tail.capacity == SEALED_POINTS)
+    seal_open(series, tail);
+  else
+    grow_open(series, tail);
+}
+
+void Store::grow_open(uint32_t series, Tail &tail) {
+  const uint32_t capacity = tail.capacity == 0 ? FIRST_CAPACITY : tail.capacity * CAPACITY_STEP;
+  maddr_t address;
+  char *const grown = take_chunk(points_.get(), capacity * sizeof(Point),
+                                 referrer_of(CATALOGUE_TABLE, series, OPEN_REFERENCE), address);
+  if (tail.capacity != 0) {
+    std::memcpy(grown, tail.open, tail.n_open * sizeof(Point));
+    forgotten_.point_slots += delete_chunk(points_.get(), tail.record.open());
+  }
+  tail.record.set_open(address);
+  tail.record.set_flags(SERIES_READY | SERIES_HAS_OPEN);
+  log_chunk(points_.get(), address, grown - sizeof(compat_t), sizeof(compat_t) + tail.n_open * sizeof(Point));
+  tail.open = grown;
+  tail.capacity = capacity;
+  tail.n_logged = tail.n_open;
+}
+
+void Store::seal_open(uint32_t series, Tail &tail) {
+  char encoded[most_sealed_bytes(SEALED_POINTS)];
+  const size_t bytes = seal_points(tail.open, tail.n_open, encoded);
+  SealedChunk head = {};
+  head.count = static_cast<uint16_t>(tail.n_open);
+  head.bytes = static_cast<uint16_t>(bytes);
+  head.oldest_ns = INT64_MAX;
+  head.newest_ns = INT64_MIN;
+  for (uint32_t index = 0; index < tail.n_open; ++index) {
+    const int64_t ts_ns = point_at(tail.open, index).ts_ns;
+    head.oldest_ns = std::min<int64_t>(head.oldest_ns, ts_ns);
+    head.newest_ns = std::max<int64_t>(head.newest_ns, ts_ns);
+  }
+
+  const SeriesRecord &record = tail.record;
+  const uint32_t n_sealed = record.n_sealed();
+  const maddr_t previous = record.last_sealed();
+  const srcaddr_t referrer = n_sealed == 0 ? referrer_of(CATALOGUE_TABLE, series, FIRST_SEALED_REFERENCE)
+                                           : referrer_of(POINTS_TABLE, bits_of(previous), offsetof(SealedChunk, next));
+  maddr_t address;
+  const size_t whole = sizeof head + padded(bytes);
+  char *const chunk = take_chunk(points_.get(), whole, referrer, address);
+  std::memcpy(chunk, &head, sizeof head);
+  std::memcpy(chunk + sizeof head, encoded, bytes);
+  std::memset(chunk + sizeof head + bytes, 0, padded(bytes) - bytes);
+  log_chunk(points_.get(), address, chunk - sizeof(compat_t), sizeof(compat_t) + whole);
+
+  if (n_sealed == 0) {
+    record.set_first_sealed(address);
+  } else {
+    SealedChunk *const last = sealed_at(previous);
+    last->next = address;
+    log_chunk(points_.get(), previous, reinterpret_cast<const char *>(&last->next), sizeof last->next);
+  }
+  record.set_last_sealed(address);
+  record.set_n_sealed(n_sealed + 1);
+  record.set_n_open(0);
+  tail.n_open = tail.n_logged = 0;
+}
+
+PointCursor::PointCursor(const Store &store, uint32_t series, const TimeRange &range)
+    : pool_(store.points()),
+      record_(store.record(series)),
+      range_{std::max(range.from_ns, store.visible_from_ns()), range.to_ns},
+      n_sealed_left_(record_.n_sealed()),
+      next_sealed_(record_.first_sealed()),
+      sealed_(nullptr, 0, 0) {}
+
+// Goes on to the next sealed chunk that can hold a point in range.
+bool PointCursor::enter_sealed() {
+  while (n_sealed_left_ > 0) {
+    const auto *const chunk = static_cast<const SealedChunk *>(tslb_dynmem_get_maddr2ptr(pool_, next_sealed_));
+    --n_sealed_left_;
+    next_sealed_ = chunk->next;
+    if (chunk->newest_ns >= range_.from_ns && chunk->oldest_ns <= range_.to_ns) {
+      sealed_ = SealedPoints(bytes_of(chunk), chunk->bytes, chunk->count);
+      return true;
+    }
+    n_passed_ += chunk->count;
+  }
+  return false;
+}
+
+bool PointCursor::next_of_any(Point &point) {
+  do {
+    if (sealed_.next(point)) return true;
+  } while (enter_sealed());
+  if (n_open_taken_ == record_.n_open()) return false;
+  const auto *const open = static_cast<const char *>(tslb_dynmem_get_maddr2ptr(pool_, record_.open()));
+  point = point_at(open, n_open_taken_++);
+  return true;
+}
+
+bool PointCursor::next(Point &point) {
+  for (Point found; next_of_any(found);) {
+    ++n_passed_;
+    if (found.ts_ns < range_.from_ns || found.ts_ns > range_.to_ns) continue;
+    point = found;
+    return true;
+  }
+  return false;
+}
+
+}  // namespace metricdb

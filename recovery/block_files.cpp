@@ -1,0 +1,136 @@
+// Block files as a source of array images: file 0 as far as its slots are used, then data block after data block.
+#include <tslb/block_files.h>
+
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "array_reader.h"
+
+namespace {
+
+constexpr uint64_t SLOTS_PER_BLOCK = 16;
+constexpr int NAME_CHARS = sizeof(DynArrHandle_t::ctx_name) - 1;  // what a handle keeps of a context's name
+
+struct path_t {
+  char text[PATH_MAX];
+};
+
+class block_files_t final : public image_source_t {
+ public:
+  block_files_t(const char *base_path, const array_load_options_t *options)
+      : base_path_(base_path != nullptr ? base_path : ""),
+        ctx_name_(options->ctx_name != nullptr ? options->ctx_name : ""),
+        tbl_id_(static_cast<int32_t>(options->tbl_id)) {}
+  ~block_files_t() { close_file(); }
+  block_files_t(const block_files_t &) = delete;
+
+  bool open_block0(refusal_t *refusal) { return open_file(0, refusal); }
+
+  // A slot, and the headers, lie in one file: the next file is due where a block begins.
+  ssize_t read(void *to, size_t bytes, refusal_t *refusal) override {
+    if (pos_ == block_end_) {
+      if (!open_file(block_num_ + 1, refusal) || !has_size(block_bytes_, refusal)) return -1;
+      block_end_ += block_bytes_;
+    }
+    const ssize_t got = read_fully(fd_, to, bytes);
+    if (got < 0) {
+      const int err = errno;
+      tell_place(pos_, refusal);
+      refusal->add(": the file cannot be read on: %s", strerror(err));
+      return -1;
+    }
+    pos_ += static_cast<uint64_t>(got);
+    return got;
+  }
+
+  bool expect(const image_shape_t &shape, refusal_t *refusal) override {
+    block_bytes_ = shape.slot_bytes * SLOTS_PER_BLOCK;
+    block0_bytes_ = shape.header_bytes + shape.slot_bytes * shape.n_direct;
+    block_end_ = block0_bytes_;
+    return has_size(block0_bytes_, refusal);
+  }
+
+  int ends_here(refusal_t *) override { return 1; }  // sizes were compared when the files were opened
+
+  bool may_be_cut() const override { return false; }
+
+  void tell_place(uint64_t pos, refusal_t *refusal) const override {
+    const bool in_block0 = block0_bytes_ == 0 || pos < block0_bytes_;
+    const uint64_t beyond = in_block0 ? 0 : pos - block0_bytes_;
+    tell_file(in_block0 ? 0 : beyond / block_bytes_ + 1, refusal);
+    refusal->add("byte %llu", static_cast<unsigned long long>(in_block0 ? pos : beyond % block_bytes_));
+  }
+
+ private:
+  bool format_path(uint64_t block_num, path_t *path) const {
+    const int name_chars = block_num == 0 ? INT_MAX : NAME_CHARS;
+    const int len =
+        snprintf(path->text, sizeof(path->text), "%s%s%.*s/%d.%llu.darr", base_path_, base_path_[0] != '\0' ? "/" : "",
+                 name_chars, ctx_name_, tbl_id_, static_cast<unsigned long long>(block_num));
+    return len >= 0 && static_cast<size_t>(len) < sizeof(path->text);
+  }
+
+  void tell_file(uint64_t block_num, refusal_t *refusal) const {
+    path_t path;
+    format_path(block_num, &path);
+    refusal->add("%s: ", path.text);
+  }
+
+  void close_file() {
+    if (fd_ >= 0) close(fd_);
+    fd_ = -1;
+  }
+
+  bool refuse_file(uint64_t block_num, const char *why, refusal_t *refusal) const {
+    tell_file(block_num, refusal);
+    refusal->add("%s", why);
+    return false;
+  }
+
+  bool open_file(uint64_t block_num, refusal_t *refusal) {
+    close_file();
+    path_t path;
+    if (!format_path(block_num, &path)) return refuse_file(block_num, strerror(ENAMETOOLONG), refusal);
+    // Without waiting: a pipe in the file's place would hold us until somebody writes it.
+    fd_ = open(path.text, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    struct stat about;
+    if (fd_ < 0 || fstat(fd_, &about) != 0) return refuse_file(block_num, strerror(errno), refusal);
+    if (!S_ISREG(about.st_mode)) return refuse_file(block_num, "not a regular file", refusal);
+    block_num_ = block_num;
+    file_bytes_ = static_cast<uint64_t>(about.st_size);
+    return true;
+  }
+
+  bool has_size(uint64_t bytes, refusal_t *refusal) const {
+    if (file_bytes_ == bytes) return true;
+    tell_file(block_num_, refusal);
+    refusal->add("%llu bytes long, its block takes %llu", static_cast<unsigned long long>(file_bytes_),
+                 static_cast<unsigned long long>(bytes));
+    return false;
+  }
+
+  const char *base_path_;
+  const char *ctx_name_;
+  int32_t tbl_id_;
+  int fd_ = -1;
+  uint64_t block_num_ = 0;
+  uint64_t file_bytes_ = 0;
+  uint64_t block0_bytes_ = 0;        // 0 until the headers are known
+  uint64_t block_bytes_ = 0;         // of a data block
+  uint64_t pos_ = 0;                 // in the flat image
+  uint64_t block_end_ = UINT64_MAX;  // where the next file is due
+};
+
+}  // namespace
+
+DynamicArray_t array_load_block_files(const char *base_path, const array_load_options_t *options, char *error,
+                                      size_t error_size) {
+  refusal_t refusal(error, error_size);
+  block_files_t files(base_path, options);
+  return files.open_block0(&refusal) ? load_image(&files, options, &refusal) : nullptr;
+}

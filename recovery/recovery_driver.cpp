@@ -1,0 +1,303 @@
+// One array from its stream in the newer layout to its stream in an older one. Everything is decided, converted and
+// compared in memory ahead of the first byte of output.
+#include <tslb/recovery_driver.h>
+
+#include <errno.h>
+#include <string.h>
+
+#include <iterator>
+#include <memory>
+
+#include <tslb/array_loader.h>
+#include <tslb/tsdb_recovery_schema.h>
+#include <tslb/tsdb_recovery_version_compatibility.h>
+#include <tslb/tslb_dynarr.h>
+#include <tslb/tslb_dynmem.h>
+#include "array_reader.h"
+
+namespace {
+
+// ---- Record types --------------------------------------------------------------------------------------------------
+
+struct type_t {
+  int row;
+  const char *name;
+  uint32_t record_bytes[3] = {};  // by version
+};
+
+constexpr type_t CATALOGUE[] = {
+    {RECTYPE_SUBJECT, "subject"},
+    {RECTYPE_TYPE, "type", {sizeof(ty_sub_t_v0), sizeof(ty_sub_t_v1)}},
+    {RECTYPE_G_MG, "g_mg", {sizeof(g_mg_t_v0), sizeof(g_mg_t_v1), sizeof(g_mg_t_v2)}},
+    {RECTYPE_G_MT, "g_mt", {sizeof(g_mt_t_v0), sizeof(g_mt_t_v1)}},
+    {RECTYPE_L_MG, "l_mg"},
+    {RECTYPE_L_MT, "l_mt"},
+    {RECTYPE_MSG, "msg"},
+    {RECTYPE_TS_DATA_TYPE, "ts_data_type"},
+    {RECTYPE_UMG, "umg"},
+    {RECTYPE_OSP, "osp"},
+    {RECTYPE_LOCAL_ROOT_SUBJECT, "local_root_subject", {sizeof(ty_sub_t_v0), sizeof(ty_sub_t_v1)}},
+    {RECTYPE_OD, "od"},
+    {RECTYPE_TT, "tt"},
+    {RECTYPE_OD_IDX, "od_idx"},
+    {RECTYPE_G_DMT_INFO, "g_dmt_info", {sizeof(derived_metric_t_v0), sizeof(derived_metric_t_v1)}},
+    {RECTYPE_G_VMT, "g_vmt"},
+    {RECTYPE_G_DMG, "g_dmg", {sizeof(g_mg_t_v0), sizeof(g_mg_t_v1), sizeof(g_mg_t_v2)}},
+    {RECTYPE_G_CACHEQ, "g_cacheq"},
+    {RECTYPE_G_RULET, "g_rulet"},
+    {RECTYPE_DMT_MEMBER, "dmt_member", {sizeof(derived_var_value_t_v0), sizeof(derived_var_value_t_v1)}},
+    {RECTYPE_DMT_SUBJECT, "dmt_subject", {sizeof(subject_value_t_v0), sizeof(subject_value_t_v1)}},
+    {RECTYPE_TT_RSB, "tt_rsb"},
+    {RECTYPE_TAG, "tag"},
+    {RECTYPE_TAG_NAME, "tag_name"},
+    {RECTYPE_TAG_VALUE, "tag_value"},
+    {RECTYPE_UTVT_IDX, "utvt_idx"},
+    {RECTYPE_AG, "ag"},
+    {RECTYPE_ATTR, "attr"},
+    {RECTYPE_ATTR_NAME, "attr_name"},
+    {RECTYPE_ATTR_UTVT_IDX, "attr_utvt_idx"},
+    {RECTYPE_ATTR_VALUE, "attr_value"},
+    {RECTYPE_MG_TAG, "mg_tag"},
+    {RECTYPE_MG_TAG_MAPPING, "mg_tag_mapping"},
+};
+constexpr type_t LIBRARY[] = {
+    {RECTYPE_LIB, "lib"}, {RECTYPE_LIB_BB, "lib_bb"}, {RECTYPE_LIB_BV, "lib_bv"},
+    {RECTYPE_TOC, "toc"}, {RECTYPE_TOT, "tot"},
+};
+
+template <size_t ROWS>
+constexpr bool stand_at_their_rows(const type_t (&types)[ROWS]) {
+  for (size_t row = 0; row < ROWS; ++row)
+    if (types[row].row != static_cast<int>(row)) return false;
+  return true;
+}
+static_assert(std::size(CATALOGUE) == __TSDB_RECORD_TYPES_LAST__ && stand_at_their_rows(CATALOGUE));
+static_assert(std::size(LIBRARY) == __TSDB_LIB__RECORD_TYPESLAST__ && stand_at_their_rows(LIBRARY));
+
+// Null outside the map.
+const type_t *type_of(uint16_t rec_type, uint8_t is_lib) {
+  if (is_lib != 0) return rec_type < std::size(LIBRARY) ? &LIBRARY[rec_type] : nullptr;
+  return rec_type < std::size(CATALOGUE) ? &CATALOGUE[rec_type] : nullptr;
+}
+
+// 0 where no layout is known.
+uint32_t record_bytes_of(const type_t &type, uint8_t version) {
+  return version < std::size(type.record_bytes) ? type.record_bytes[version] : 0;
+}
+
+// ---- The way -------------------------------------------------------------------------------------------------------
+
+struct way_t {
+  const type_t *type;
+  const TSDBVerMap_t *row;
+  bool is_lib;
+  uint8_t target;
+  void (*run)(void *);
+
+  bool is_pool() const { return is_lib && type->row != RECTYPE_LIB; }
+  bool is_bitvector() const { return is_lib && type->row == RECTYPE_LIB_BV; }
+};
+
+bool find_way(const recovery_conversion_t &wanted, way_t *way, refusal_t *refusal) {
+  way->is_lib = wanted.is_lib_rc_type != 0;
+  way->type = type_of(wanted.rec_type, wanted.is_lib_rc_type);
+  way->target = wanted.target_version;
+  if (way->type == nullptr) {
+    refusal->add("record type %u is not in the %s's version map", wanted.rec_type,
+                 way->is_lib ? "library" : "catalogue");
+    return false;
+  }
+  way->row = &(way->is_lib ? g_old_lib_vermap : g_old_vermap)[wanted.rec_type];
+  if (way->target == way->row->version) {
+    refusal->add("%s is in version %u already", way->type->name, way->target);
+    return false;
+  }
+  way->run = reinterpret_cast<void (*)(void *)>(
+      tsdb_recovery_version_get_downgrade_fn_ptr(wanted.rec_type, way->target, wanted.is_lib_rc_type));
+  if (way->run != nullptr) return true;
+  refusal->add("%s has no way from version %u to %u", way->type->name, way->row->version, way->target);
+  return false;
+}
+
+// ---- What must be true of the source -------------------------------------------------------------------------------
+
+const DynHdr_t *dyn_hdr_of(dynarr_t *array) {
+  return static_cast<const DynHdr_t *>(tslb_da_get_dynhdr(array));
+}
+
+// Flags are stored where there are nodes. A plain stream has no byte that could contradict the map.
+bool flags_fit(const way_t &way, dynarr_t *source, refusal_t *refusal) {
+  if (dyn_hdr_of(source)->lli_sz == 0 || source->daflag == way.row->daflag) return true;
+  refusal->add("lltype 0x%02x, where the version map has 0x%02x for %s", source->daflag, way.row->daflag,
+               way.type->name);
+  return false;
+}
+
+bool pool_fits(const way_t &way, dynarr_t *source, refusal_t *refusal) {
+  const DynMemHdr_t *const pool = static_cast<const DynMemHdr_t *>(get_user_hdr(source));
+  if (((pool->flag & MPOOL_FLAG_BV) != 0) == way.is_bitvector()) return flags_fit(way, source, refusal);
+  refusal->add("the pool's flag 0x%02x is that of a %s pool, which is not %s", static_cast<uint8_t>(pool->flag),
+               way.is_bitvector() ? "big-buffer" : "bit-vector", way.type->name);
+  return false;
+}
+
+bool records_fit(const way_t &way, dynarr_t *source, refusal_t *refusal) {
+  const uint32_t record_bytes = tslb_da_get_record_size(source);
+  const uint32_t expected_bytes = record_bytes_of(*way.type, way.row->version);
+  if (record_bytes != expected_bytes) {
+    refusal->add("record_size %u, where %s has %u in version %u", record_bytes, way.type->name, expected_bytes,
+                 way.row->version);
+    return false;
+  }
+  // The routines do not carry it, and what the host keeps there must not get lost unseen.
+  const uint32_t hdr_size = dyn_hdr_of(source)->hdr_size;
+  if (hdr_size == 0) return flags_fit(way, source, refusal);
+  refusal->add("a user header of %u bytes, which the conversion would lose", hdr_size);
+  return false;
+}
+
+bool source_fits(const way_t &way, dynarr_t *source, refusal_t *refusal) {
+  if (way.is_pool()) return pool_fits(way, source, refusal);
+  const DynHdr_t *const hdr = dyn_hdr_of(source);
+  const uint8_t stored = way.is_lib ? hdr->lib_version : hdr->rec_version;
+  if (stored == way.row->version) return way.is_lib || records_fit(way, source, refusal);
+  refusal->add("%s %u, where the version map has %u for %s", way.is_lib ? "lib_version" : "rec_version", stored,
+               way.row->version, way.type->name);
+  return false;
+}
+
+// ---- Conversion ----------------------------------------------------------------------------------------------------
+
+struct array_release_t {
+  void operator()(DynArrHandle_t *array) const { destroy_dyn_arr(array); }
+};
+using array_t = std::unique_ptr<DynArrHandle_t, array_release_t>;
+
+array_t load(const way_t &way, int fd, char *error, size_t error_size) {
+  const uint8_t library_kind = way.is_pool() ? ARRAY_LOAD_POOL : ARRAY_LOAD_POOL_BY_SIZE;
+  const array_load_options_t options = {nullptr, 0, MPOOL_TYPE_DRAM,
+                                        way.is_lib ? library_kind : uint8_t{ARRAY_LOAD_ANY}, 0};
+  return array_t(array_load_stream(fd, &options, error, error_size));
+}
+
+// Without a name, so that nothing of it is redo logged, and without a pool's table id, so that its last slot is written
+// whole.
+array_t make_destination(const way_t &way, dynarr_t *source) {
+  const auto make = [&](uint32_t hdr_size, uint32_t record_bytes, uint32_t n_direct, uint8_t rec_version) {
+    return array_t(get_default_dyn_array_ex_ex(static_cast<int32_t>(hdr_size), static_cast<int32_t>(record_bytes),
+                                               static_cast<int32_t>(n_direct), MPOOL_TYPE_DRAM, 0, nullptr,
+                                               source->daflag, rec_version));
+  };
+  const DynHdr_t *const hdr = dyn_hdr_of(source);
+  if (way.is_lib)
+    return make(hdr->hdr_size, tslb_da_get_record_size(source), get_dyn_hdr(source)->n_direct, hdr->rec_version);
+  return make(0, record_bytes_of(*way.type, way.target), tslb_da_get_size(source), 0);
+}
+
+// The copy is the host's and tells nobody how it ended.
+bool has_all_of(dynarr_t *source, dynarr_t *destination) {
+  const DynHdr_t *const hdr = dyn_hdr_of(source);
+  const uint32_t n_used = tslb_da_get_size(source);
+  if (tslb_da_get_size(destination) != n_used ||
+      memcmp(tslb_da_get_usrhdr(destination), tslb_da_get_usrhdr(source), hdr->hdr_size) != 0 ||
+      memcmp(tslb_da_get_lli(destination), tslb_da_get_lli(source), hdr->lli_sz) != 0)
+    return false;
+  int shift = 0;
+  const uint32_t slot_bytes = tslb_da_get_slotsz(source, &shift);
+  for (uint32_t idx = 0; idx < n_used; ++idx) {
+    const char *const from = static_cast<const char *>(tslb_da_get_ptr(source, idx));
+    const char *const to = static_cast<const char *>(tslb_da_get_ptr(destination, idx));
+    if (to == nullptr || memcmp(to - shift, from - shift, slot_bytes) != 0) return false;
+  }
+  return true;
+}
+
+bool convert(const way_t &way, dynarr_t *source, dynarr_t *destination) {
+  TSDBVerCBArgs_t args = {static_cast<uint16_t>(way.type->row), source, destination};
+  // The routine of the headers moves no slot.
+  if (way.is_lib && !way.is_pool()) tsdb_recov_version_copy_rc(&args);
+  way.run(&args);
+  // That routine also takes the flags from the handle, and without them the array's nodes would be taken for records
+  // and its last slots be left out of the stream.
+  destination->daflag = source->daflag;
+  return way.is_lib ? has_all_of(source, destination) : tslb_da_get_size(destination) == tslb_da_get_size(source);
+}
+
+// ---- Counts --------------------------------------------------------------------------------------------------------
+
+uint32_t *count_of(uint32_t status, recovery_counts_t *counts) {
+  switch (status) {
+    case TSLB_DA_SLOT_ACTIVE:
+      return &counts->n_active;
+    case TSLB_DA_SLOT_FREE:
+      return &counts->n_free;
+    case TSLB_DA_SLOT_INACTIVE:
+      return &counts->n_inactive;
+    default:
+      return &counts->n_other;
+  }
+}
+
+recovery_counts_t count(const way_t &way, dynarr_t *source, dynarr_t *destination) {
+  recovery_counts_t counts = {};
+  counts.n_records = tslb_da_get_size(source);
+  counts.record_bytes_before = tslb_da_get_record_size(source);
+  counts.record_bytes_after = tslb_da_get_record_size(destination);
+  counts.stream_bytes_after = static_cast<uint64_t>(tslb_dynmem_get_hdrsz(destination)) +
+                              uint64_t{counts.n_records} * tslb_da_get_slotsz(destination, nullptr);
+  counts.version_is_asserted = way.is_pool() ? 1 : 0;
+  if (dyn_hdr_of(source)->lli_sz == 0) {
+    counts.n_active = counts.n_records;
+    return counts;
+  }
+  for (uint32_t idx = 0; idx < counts.n_records; ++idx) {
+    node_fw node;
+    memcpy(&node, static_cast<const char *>(tslb_da_get_ptr(source, idx)) - sizeof(node), sizeof(node));
+    ++*count_of(node.status, &counts);
+  }
+  return counts;
+}
+
+}  // namespace
+
+// ---- Public --------------------------------------------------------------------------------------------------------
+
+recovery_result_t recovery_convert_stream(int fd_in, int fd_out, const recovery_conversion_t *conversion,
+                                          recovery_counts_t *counts, char *error, size_t error_size) {
+  *counts = {};
+  refusal_t refusal(error, error_size);
+  way_t way;
+  if (!find_way(*conversion, &way, &refusal)) return RECOVERY_NO_WAY;
+  const array_t source = load(way, fd_in, error, error_size);  // tells its refusal itself
+  if (source == nullptr) return RECOVERY_BAD_STREAM;
+  if (!source_fits(way, source.get(), &refusal)) return RECOVERY_DOES_NOT_FIT;
+
+  const array_t destination = make_destination(way, source.get());
+  if (destination == nullptr) {
+    const int err = errno;
+    refusal.add("no array of version %u can be made for %u records: %s", way.target, tslb_da_get_size(source.get()),
+                strerror(err));
+    return RECOVERY_FAILED;
+  }
+  if (!convert(way, source.get(), destination.get())) {
+    refusal.add("the routine that takes %s to version %u left records out", way.type->name, way.target);
+    return RECOVERY_FAILED;
+  }
+  size_t written = 0;
+  if (conversion->dry_run == 0 && tslb_create_dump_for_dynarr(destination.get(), fd_out, 0, &written) != 0) {
+    refusal.add("the older array could not be written to its end");
+    return RECOVERY_NOT_WRITTEN;
+  }
+  *counts = count(way, source.get(), destination.get());
+  return RECOVERY_DONE;
+}
+
+const char *recovery_type_name(uint16_t rec_type, uint8_t is_lib_rc_type) {
+  const type_t *const type = type_of(rec_type, is_lib_rc_type);
+  return type != nullptr ? type->name : nullptr;
+}
+
+uint32_t recovery_record_bytes(uint16_t rec_type, uint8_t is_lib_rc_type, uint8_t version) {
+  const type_t *const type = type_of(rec_type, is_lib_rc_type);
+  return type != nullptr ? record_bytes_of(*type, version) : 0;
+}

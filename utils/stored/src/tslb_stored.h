@@ -1,0 +1,178 @@
+/* Facts about stored bytes: constants of the formats, and where things lie. Everything that reads or writes stored
+ * arrays takes them from here: the library, recovery, tools, hosts. For C11 and C++17 on; no function of the library is
+ * called.
+ *
+ * The structures are declared where they are used (dynamic_array.h, tslb_dynarr.h, tslb_dynmem.h), which assert that
+ * their sizes are these. */
+#ifndef TSLB_STORED_H
+#define TSLB_STORED_H
+
+#include <stdio.h>
+
+#include "tslb_decl.h"
+
+#ifdef __cplusplus
+#define TSLB_STORED_INLINE constexpr
+#else
+#define TSLB_STORED_INLINE static inline
+#endif
+
+/* ---- Headers of block 0 ------------------------------------------------------------------------------------------
+ *   0                       DynHdr_t
+ *   8                       user header, hdr_size bytes
+ *   8 + hdr_size            DynArrLLI_t, lli_sz bytes: 60 if slots have nodes, else 0
+ *   8 + hdr_size + lli_sz   DynArrHdr_t
+ *   24 + hdr_size + lli_sz  slot 0 */
+
+#define TSLB_LIB_VERSION 2u /* DynHdr_t.lib_version of arrays that this library creates */
+
+#define TSLB_DYN_HDR_BYTES 8u
+#define TSLB_LLI_BYTES 60u
+#define TSLB_ARR_HDR_BYTES 16u
+
+/* Offset of the user header, of DynArrLLI_t, of DynArrHdr_t, and of slot 0. */
+#define TSLB_USER_HDR_AT TSLB_DYN_HDR_BYTES
+TSLB_STORED_INLINE uint32_t tslb_stored_lli_at(uint16_t hdr_size) {
+  return TSLB_USER_HDR_AT + hdr_size;
+}
+TSLB_STORED_INLINE uint32_t tslb_stored_arr_hdr_at(uint16_t hdr_size, uint16_t lli_sz) {
+  return tslb_stored_lli_at(hdr_size) + lli_sz;
+}
+TSLB_STORED_INLINE uint32_t tslb_stored_header_bytes(uint16_t hdr_size, uint16_t lli_sz) {
+  return tslb_stored_arr_hdr_at(hdr_size, lli_sz) + TSLB_ARR_HDR_BYTES;
+}
+
+/* ---- Slots --------------------------------------------------------------------------------------------------------
+ *   no flag                 record
+ *   TSLB_DA_DAFLAG_LL       node_fw (8), record
+ *   TSLB_DA_DAFLAG_INLL     node_fw (8), record, node_bw (8) */
+
+#define TSLB_DA_DAFLAG_LL 0x01   /* slots can be freed and taken again */
+#define TSLB_DA_DAFLAG_INLL 0x02 /* and parked on an inactive list; decides the slot's shape if both are set */
+
+#define TSLB_NODE_BYTES 8u               /* of node_fw and of node_bw */
+#define TSLB_DA_NIL_IDX 0xFFFFFFFFu      /* end of a list, no slot */
+#define TSLB_GATEKEEPER_WORD 0xFFFFFFFFu /* first word of a record that was just taken or freed */
+
+/* Slot status: a plain value, tested for equality only. */
+#define TSLB_DA_SLOT_UNSET 0u              /* id issued, never allocated; on no list */
+#define TSLB_DA_SLOT_FREE 1u               /* on the free list */
+#define TSLB_DA_SLOT_ACTIVE 2u             /* a caller's; on no list */
+#define TSLB_DA_SLOT_INACTIVE 3u           /* on the inactive list, record intact */
+#define TSLB_DA_SLOT_NOT_READY 0xFFFFFFFFu /* only a host writes this one */
+
+/* Offset of the record in its slot, and bytes of nodes in a slot. */
+TSLB_STORED_INLINE uint32_t tslb_stored_shift(uint8_t daflag) {
+  return (daflag & (TSLB_DA_DAFLAG_INLL | TSLB_DA_DAFLAG_LL)) != 0 ? TSLB_NODE_BYTES : 0;
+}
+TSLB_STORED_INLINE uint32_t tslb_stored_node_bytes(uint8_t daflag) {
+  return tslb_stored_shift(daflag) + ((daflag & TSLB_DA_DAFLAG_INLL) != 0 ? TSLB_NODE_BYTES : 0);
+}
+TSLB_STORED_INLINE uint64_t tslb_stored_slot_bytes(uint32_t record_size, uint8_t daflag) {
+  return (uint64_t)record_size + tslb_stored_node_bytes(daflag);
+}
+
+/* Offset of slot `idx` in the flat image. */
+TSLB_STORED_INLINE uint64_t tslb_stored_slot_at(uint32_t header_bytes, uint64_t slot_bytes, uint32_t idx) {
+  return header_bytes + slot_bytes * idx;
+}
+
+/* ---- Blocks and levels --------------------------------------------------------------------------------------------
+ * Block 0 has the first n_direct slots. All later ones lie in data blocks of 16 slots, numbered from 1 in order of their
+ * ids. `beyond` is an id less n_direct.
+ *
+ * In memory the data blocks hang from six levels of tables with 16 entries. Level L holds 16^(L+1) ids. Written in base
+ * 16, the number of an id in its level is its path: the lowest digit is the slot in the block, each other digit is an
+ * entry of one table. */
+
+#define TSLB_SLOTS_PER_BLOCK 16u
+#define TSLB_ENTRIES_PER_TABLE 16u
+#define TSLB_LEVELS 6u
+#define TSLB_IDS_BEYOND_DIRECT 286331136u /* 16^2 + 16^3 + ... + 16^7: what the six levels hold */
+
+TSLB_STORED_INLINE uint32_t tslb_stored_block_num(uint32_t beyond) {
+  return beyond / TSLB_SLOTS_PER_BLOCK + 1;
+}
+
+/* Data blocks that so many slots need. */
+TSLB_STORED_INLINE uint32_t tslb_stored_n_blocks(uint32_t n_slots, uint32_t n_direct) {
+  return n_slots <= n_direct ? 0 : (n_slots - n_direct - 1) / TSLB_SLOTS_PER_BLOCK + 1;
+}
+
+/* First `beyond` of a level: 0, 0x100, 0x1100 ... That of level 7 is the first that no level holds. */
+TSLB_STORED_INLINE uint32_t tslb_stored_first_of_level(unsigned level) {
+  return (uint32_t)(0x11111100u & (((uint64_t)1 << (4 * (level + 1))) - 1));
+}
+
+/* Level that holds `beyond`, 1 to 6; 7 if none does. */
+TSLB_STORED_INLINE unsigned tslb_stored_level_of(uint32_t beyond) {
+  unsigned level = 1;
+  while (level <= TSLB_LEVELS && beyond >= tslb_stored_first_of_level(level + 1)) ++level;
+  return level;
+}
+
+/* ---- Block files --------------------------------------------------------------------------------------------------- */
+
+#define TSLB_BLOCK_FILE_FORMAT "%d.%d.darr" /* table id, block number; 0 is block 0 */
+
+/* Writes the name of a block file, as snprintf does. */
+static inline int tslb_stored_block_file_name(char *text, size_t size, int32_t tbl_id, int32_t block_num) {
+  return snprintf(text, size, TSLB_BLOCK_FILE_FORMAT, (int)tbl_id, (int)block_num);
+}
+
+/* ---- Chunk pools --------------------------------------------------------------------------------------------------- */
+
+#define TSLB_POOL_HDR_BYTES 56u     /* DynMemHdr_t */
+#define TSLB_MEM_SLOT_HDR_BYTES 8u  /* MemSlot_t, before its chunks */
+#define TSLB_COMPAT_BYTES 16u       /* compat_t and compat64_t, before a chunk's data */
+#define TSLB_COMPAT_LEN_MAX 65535u  /* longest data whose length a compaction header can keep */
+#define TSLB_RING_SLOTS 254u        /* of a bit-vector pool of MPOOL_TYPE_DRAM_TMP */
+#define TSLB_BIGBUF_LAST_SLOT 255u  /* what 8 bits of an address can name */
+#define TSLB_BITVEC_LAST_SLOT 2040u /* the last one in use, a little less than 11 bits can name */
+
+#define MPOOL_SLOT_TYPE_DA 4     /* slot_type: a slot array, no pool */
+#define MPOOL_FLAG_COMPAT 0x01   /* every chunk begins with a compaction header */
+#define MPOOL_FLAG_PERSIST 0x02  /* growth is written to the redo log */
+#define MPOOL_FLAG_BV 0x10       /* bit-vector pool: addresses read as maddrBV_t */
+#define MCHUNK_FLAG_DELETED 0x01 /* in a compaction header: the chunk was deleted */
+
+/* The cursor, DynMemHdr_t.cur_slot_addr: slot in the low half, first free byte of its chunks in the high half. The slot
+ * is TSLB_DA_NIL_IDX before the first chunk. */
+TSLB_STORED_INLINE uint64_t tslb_stored_cursor(uint32_t slot_idx, uint32_t byte_off) {
+  return slot_idx | ((uint64_t)byte_off << 32);
+}
+TSLB_STORED_INLINE uint32_t tslb_stored_cursor_slot(uint64_t cursor) {
+  return (uint32_t)cursor;
+}
+TSLB_STORED_INLINE uint32_t tslb_stored_cursor_off(uint64_t cursor) {
+  return (uint32_t)(cursor >> 32);
+}
+
+/* A chunk's place, whatever kind of address names it. */
+typedef struct tslb_chunk_place_t {
+  uint32_t slot_idx;
+  uint32_t byte_off; /* from the start of the slot's chunks */
+} tslb_chunk_place_t;
+
+/* 32-bit addresses as whole words. Big-buffer pool: slot in bits 0 to 7, byte offset in bits 8 to 31. Bit-vector pool:
+ * slot in bits 0 to 10, offset in units of 8 bytes in bits 11 to 31. What does not fit is cut. */
+#define TSLB_BV_UNIT_BYTES 8u
+#define TSLB_BV_SLOT_BITS 11u
+
+TSLB_STORED_INLINE uint32_t tslb_stored_encode_bigbuffer(tslb_chunk_place_t place) {
+  return (place.slot_idx & 0xFFu) | place.byte_off << 8;
+}
+TSLB_STORED_INLINE uint32_t tslb_stored_encode_bitvector(tslb_chunk_place_t place) {
+  return (place.slot_idx & ((1u << TSLB_BV_SLOT_BITS) - 1)) | place.byte_off / TSLB_BV_UNIT_BYTES << TSLB_BV_SLOT_BITS;
+}
+TSLB_STORED_INLINE tslb_chunk_place_t tslb_stored_decode_bigbuffer(uint32_t word) {
+  const tslb_chunk_place_t place = {word & 0xFFu, word >> 8};
+  return place;
+}
+TSLB_STORED_INLINE tslb_chunk_place_t tslb_stored_decode_bitvector(uint32_t word) {
+  const tslb_chunk_place_t place = {word & ((1u << TSLB_BV_SLOT_BITS) - 1),
+                                    (word >> TSLB_BV_SLOT_BITS) * TSLB_BV_UNIT_BYTES};
+  return place;
+}
+
+#endif
