@@ -144,9 +144,11 @@ TSLB_API char *tslb_get_dest_addr_ex(int fd, int give_port);
  *             then. */
 TSLB_API int tslb_tcp_listen(int *local_port, int backlog, const char *ip_addr, char *err_msg);
 
-/* An epoll set, or -1 with errno set.
+/* Makes an epoll set. Children of the host inherit it unless the host sets FD_CLOEXEC.
  *
- * err_msg  NULL, or a text in at least 512 bytes, which the report of a failure quotes and replaces. */
+ * max_fds  above 0; otherwise without effect.
+ * err_msg  not read and not written.
+ * Result   the descriptor, or -1 with errno set. */
 TSLB_API int tslb_epoll_init(int max_fds, char *err_msg);
 
 /* Adds a descriptor to a set, with `event` as its events. 0, or -1 with a text in errMsg (at least 512 bytes). */
