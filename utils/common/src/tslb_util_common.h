@@ -67,9 +67,10 @@ TSLB_API int mkdir_ex(const char *path);
 TSLB_API char *qxlb_strerror(int num);
 
 /* ---- Commands ----------------------------------------------------------------------------------------------------
- * A command runs under the shell, with the process's SIGCHLD handler replaced by an empty one and put back afterwards,
- * whatever happens. That is process-wide and takes no lock: a host that calls these from several threads, or while it
- * waits for children of its own, serialises them. */
+ * A command runs under the shell. Meanwhile the process's action for SIGCHLD is an empty handler; afterwards it is what
+ * it was, with its mask and flags, on every return. That is process-wide and takes no lock: a host that calls these from
+ * several threads, or while it waits for children of its own, serialises them. The pipe to a command is closed in
+ * programs that other threads start meanwhile. A thread that is cancelled here leaves the empty handler in place. */
 
 /* The empty handler. */
 TSLB_API void tslb_ignore_sigchild(int sig);
@@ -85,10 +86,10 @@ TSLB_API int tslb_system(const char *cmd, char *err_msg);
 /* Runs a command and keeps the last line of its output, without the newline.
  *
  * length        bytes of `out`, at least 1. Of a longer line the last piece of length - 1 characters is kept.
- * out           as it was if the command wrote nothing.
+ * out           unchanged if the command wrote nothing. If a read fails, the last line or piece that was read whole.
  * error_buffer  at least 512 bytes: what was called, or what failed.
- * Result        0, whatever the command's exit status; -1 if it could not be started (also a line on stderr) or length
- *               is below 1. */
+ * Result        0, whatever the command's exit status; -1 if it could not be started or memory for a line of `length`
+ *               bytes was refused (also a line on stderr), or if length is below 1. */
 TSLB_API int tslb_run_cmd_and_get_last_line(const char *cmd, int length, char *out, char *error_buffer);
 
 /* Runs a command and keeps the start of its output, newlines included.
