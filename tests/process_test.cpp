@@ -170,6 +170,7 @@ TEST_F(PidFile, NamesDecide) {
       {"a name in front of the dot", "velomark.new", "velomark", true},
       {"a part of it in front of the dot", "velo.x", "velomark", true},
       {"another one in front of the dot", "vexo.x", "velomark", false},
+      {"nothing in front of the dot", ".x", "velomark", true},
       {"dot on the wrong side", "velomark", "velomark.new", false},
   };
   for (const auto &row : rows) {

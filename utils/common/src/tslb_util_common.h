@@ -113,7 +113,8 @@ TSLB_API int tslb_check_pid_alive(pid_t pid, const char *proc_name);
 /* The process that a pid file, base_dir/.component.pid, names on its first line, if it runs under the expected name.
  *
  * bin_name      the name, of which 15 characters count; NULL for the calling process's own. A process whose name holds
- *               a dot also matches by the part before it.
+ *               a dot also matches if bin_name begins with the part before the dot. That part is empty for a process
+ *               whose name begins with a dot, so such a process matches every bin_name.
  * error_buffer  at least 512 bytes.
  * Result        the process id. -1: no such file, or a path that does not fit (text in error_buffer). -2: no process id
  *               in it (text on stdout). -4: another name (text on stdout). -5: the process is gone, or
@@ -136,7 +137,8 @@ TSLB_API char *tslb_sockaddr_to_ip(const struct sockaddr *sa, int give_port);
 TSLB_API char *tslb_get_src_addr_ex(int fd, int give_port);
 TSLB_API char *tslb_get_dest_addr_ex(int fd, int give_port);
 
-/* Makes a listening TCP socket (IPv4, address reuse on, blocking).
+/* Makes a listening TCP socket (IPv4, address reuse on, blocking). Children of the host inherit it unless the host sets
+ * FD_CLOEXEC: such a child keeps the port in use after the host's end, and can accept the host's connections.
  *
  * local_port  the port; 0 asks for a free one, which is stored there.
  * ip_addr     the address to bind; NULL for all.
