@@ -8,8 +8,8 @@
  * Until tslb_dl_init_internal was called, every operation does nothing.
  *
  * File names are predictable, and a file that exists is opened as it is. In a folder that others can write, such as
- * /tmp, another user can put a link or a FIFO there first: lines are then appended to the link's target, and the open of
- * a FIFO that nobody reads blocks, with the log's lock held. A host on a shared machine names a folder of its own.
+ * /tmp, another user can put a link or a FIFO there first: lines are then appended to the link's target, and the open
+ * of a FIFO that nobody reads blocks, with the log's lock held. A host on a shared machine names a folder of its own.
  *
  * A child of fork keeps the parent's process id and files until it calls tslb_dl_init_internal. It does so before its
  * first line if the parent has several threads: one of them may have held the log's lock at the fork. */
@@ -57,7 +57,7 @@ TSLB_API void tslb_dl_set_thname_internal(const char *thname);
  *
  * file_name, fun_name, line_no
  *          the caller's place; of the file the base name is shown.
- * Threads  any; not from a signal handler. Not a thread that can be cancelled meanwhile: open, stat, write and close are
+ * Threads  any; not from a signal handler. A thread must not be cancelled meanwhile: open, stat, write and close are
  *          cancellation points, and the log's lock would stay held for ever. */
 TSLB_API void tslb_dl_logging(int dlevel, const char *file_name, const char *fun_name, int line_no, const char *fmt,
                               ...) __attribute__((format(printf, 5, 6)));

@@ -68,8 +68,8 @@ TSLB_API char *qxlb_strerror(int num);
 
 /* ---- Commands ----------------------------------------------------------------------------------------------------
  * A command runs under the shell. Meanwhile the process's action for SIGCHLD is an empty handler; afterwards it is what
- * it was, with its mask and flags, on every return. That is process-wide and takes no lock: a host that calls these from
- * several threads, or while it waits for children of its own, serialises them. The pipe to a command is closed in
+ * it was, with its mask and flags, on every return. That is process-wide and takes no lock: a host that calls these
+ * from several threads, or while it waits for children of its own, serialises them. The pipe to a command is closed in
  * programs that other threads start meanwhile. A thread that is cancelled here leaves the empty handler in place. */
 
 /* The empty handler. */
