@@ -1,6 +1,7 @@
 #include "floor.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
@@ -473,9 +474,15 @@ uint32_t floor_sync(void *const *blocks, uint32_t count, size_t bytes) {
 
 ssize_t floor_write_line(floor_log_t *log, const char *line, size_t len) {
   pthread_mutex_lock(&log->lock);
+  const time_t now = time(nullptr);
+  sigset_t all, before;
+  sigfillset(&all);
+  sigprocmask(SIG_BLOCK, &all, &before);
+  struct tm parts;
+  const bool converted = localtime_r(&now, &parts) != nullptr;
+  sigprocmask(SIG_SETMASK, &before, nullptr);
   struct stat file;
-  const bool due = time(nullptr) != 0 && stat(log->path, &file) == 0;
-  const ssize_t written = due ? write(log->fd, line, len) : -1;
+  const ssize_t written = converted && stat(log->path, &file) == 0 ? write(log->fd, line, len) : -1;
   pthread_mutex_unlock(&log->lock);
   return written;
 }

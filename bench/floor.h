@@ -74,7 +74,8 @@ TSLB_API void *floor_map_block(const char *dir, const char *file, size_t bytes, 
 // msync of blocks that are known. Returns how many it refused.
 TSLB_API uint32_t floor_sync(void *const *blocks, uint32_t count, size_t bytes);
 
-// A log line that is formatted already, under one mutex: the clock, stat of the file, write. Returns what write did.
+// Writes a formatted log line, under one mutex: the clock, its conversion to local time with signals blocked, stat of
+// the file, write. Returns what write did.
 typedef struct floor_log_t {
   pthread_mutex_t lock;
   const char *path;

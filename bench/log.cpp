@@ -1,10 +1,11 @@
 // What does a line of the debug log cost?
 //
 // Asked: tslb_dl_logging to a file on a tmpfs, a short message with one number, with 1 and 2 threads. Against the floor
-// (floor.h: the same bytes, formatted ahead; the clock, stat of the file, one write, all under one mutex, since lines
-// stand in the order of their stamps), against spdlog with the same fields, a file of its own and a flush behind
-// every line, which looks at no file and, like the library, converts the time once in a second, and against the bare
-// write of the same bytes, with no time and no lock (the limit). Without spdlog its column is left out.
+// (floor.h: the same bytes, formatted in advance; the clock and its conversion to local time with signals blocked, stat
+// of the file, one write, all under one mutex, since lines are in the order of their stamps), against spdlog with the
+// same fields, a file of its own and a flush after every line, and against the bare write of the same bytes, with no
+// time and no lock (the limit). spdlog looks at no file, blocks no signal and converts the time once in a second.
+// Without spdlog its column is left out.
 //
 // Not asked: the rollover to a new file; lines that the level refuses, which are a comparison; a disk.
 //

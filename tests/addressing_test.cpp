@@ -154,6 +154,7 @@ TEST(Lookup, BlockThatPersistentMemoryWouldHoldIsToldAndNull) {
   EXPECT_EQ(stderr_of([&] { record = get_dyn_arr_record_position(array.get(), 16); }),
             "Unexpected data_addr NULL, count: 16, block_num: 2\n");
   EXPECT_EQ(record, nullptr);
+  EXPECT_EQ(get_dyn_total_allocated_records(array.get()), 16u) << "its result is what counts the slots";
   array->mem_type = MPOOL_TYPE_DRAM;
   EXPECT_NE(get_dyn_arr_record_position(array.get(), 16), nullptr);
 }

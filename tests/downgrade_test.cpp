@@ -2,6 +2,8 @@
 // what the maps say. Every byte of every record is convert_test's. The program brings its own trace log and recovery
 // copy.
 #include <stdarg.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <tslb/tsdb_multi_thread_trace_log.h>
 #include <tslb/tsdb_recovery_schema.h>
@@ -254,7 +256,32 @@ TEST(Maps, RowsStandAtTheirNumbersAndNothingGoesUp) {
   for (int row = 0; row < 3; ++row) expect_row(g_old_lib_vermap[row], row, 2);
 }
 
+// Fills the cells of a map that lead up, which are null in every row. A lookup after the last version of a row reads one
+// of them in the next row.
+class filled_map_t {
+ public:
+  filled_map_t(const TSDBVerMap_t *rows, size_t count) : rows_(const_cast<TSDBVerMap_t *>(rows)), count_(count) {
+    fill(&tsdb_recov_downgrade_g_mg_2_0);
+  }
+  ~filled_map_t() { fill(nullptr); }
+  filled_map_t(const filled_map_t &) = delete;
+
+ private:
+  void fill(void (*routine)(void *)) {
+    const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+    const uintptr_t begin = reinterpret_cast<uintptr_t>(rows_) / page * page;
+    const size_t bytes = reinterpret_cast<uintptr_t>(rows_ + count_) - begin;
+    ASSERT_EQ(mprotect(reinterpret_cast<void *>(begin), bytes, PROT_READ | PROT_WRITE), 0);
+    for (size_t row = 0; row < count_; ++row) {
+      for (TSDBVerCB_t &cell : rows_[row].cb) cell.upgrade_cb = routine;
+    }
+  }
+  TSDBVerMap_t *rows_;
+  size_t count_;
+};
+
 TEST(Maps, NothingLiesOutside) {
+  const filled_map_t records(g_old_vermap, 33), library(g_old_lib_vermap, 5);
   static const struct {
     uint16_t rec_type;
     uint8_t version, is_lib;

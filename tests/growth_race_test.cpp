@@ -1,10 +1,13 @@
 // Races for table entries, ids and bytes: decided by hand where an outcome must be forced, and by real threads.
+#include <sys/mman.h>
+
 #include <set>
 
 #include "fault_alloc.h"
 #include "forced.h"
 #include "pool_support.h"
 #include "single_step.h"
+#include "stored_image.h"
 #include "threads.h"
 
 // A rival fills an entry just ahead of the swap that would.
@@ -14,14 +17,19 @@ static void fill_ahead(Entry *entry, void *with) {
 }
 
 TEST(Growth, LoserOfTheBlockSwapCountsNothingAndUsesTheRivals) {
-  const array_t array(get_default_dyn_array(8, 0, MPOOL_TYPE_DRAM));
-  ASSERT_EQ(get_dyn_arr_new_record_id(array.get()), 0);  // tables and block 1 exist
-  pretend_issued(array.get(), 17);
-  void *const block = calloc(16, 8);
-  fill_ahead(&array->ir_base->ir1[1], block);
-  EXPECT_EQ(get_dyn_arr_record_position(array.get(), 16), block);
-  EXPECT_EQ(before_swap.word, nullptr) << "the swap that was to be lost did not happen";
-  EXPECT_EQ(get_dyn_total_allocated_records(array.get()), 16u);
+  const base_path_t base;
+  for (const char mem_type : {MPOOL_TYPE_DRAM, MPOOL_TYPE_SHM}) {
+    const array_t array(get_default_dyn_array_ex(0, 8, 0, mem_type, 12, "metrics", 0));
+    ASSERT_EQ(get_dyn_arr_new_record_id(array.get()), 0);  // tables and block 1 exist
+    pretend_issued(array.get(), 17);
+    void *const block = mem_type == MPOOL_TYPE_DRAM
+                            ? calloc(16, 8)
+                            : mmap(nullptr, 128, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    fill_ahead(&array->ir_base->ir1[1], block);
+    EXPECT_EQ(get_dyn_arr_record_position(array.get(), 16), block);
+    EXPECT_EQ(before_swap.word, nullptr) << "the swap that was to be lost did not happen";
+    EXPECT_EQ(get_dyn_total_allocated_records(array.get()), 16u) << "memory type " << int{mem_type};
+  }
 }
 
 TEST(Growth, LoserOfTheTableSwapStepsDownTheRivals) {
@@ -153,6 +161,15 @@ TEST(ChangeOfSlot, TakesTheNewOneUnderTheLock) {
     EXPECT_EQ(held, 1u);
     EXPECT_EQ(pool->spinlock, 0);
   }
+  // Nor is the slot of a complete ring's cursor changed without it.
+  const array_t ring =
+      pool_of({.compat = 0, .daflag = 0, .slot_type = MPOOL_FLAG_BV, .mem_type = MPOOL_TYPE_DRAM_TMP}, 4, 64);
+  take_several(ring, 254 + 1, 64);
+  uint32_t held = 9;
+  before_swap.arm(&hdr_of(ring).cur_slot_addr, [&] { held = ring->spinlock; });
+  EXPECT_EQ(as_word(take(ring, 64)), 1u);
+  EXPECT_EQ(held, 1u) << "the ring's step takes no lock";
+  EXPECT_EQ(ring->spinlock, 0);
 }
 
 // A swap that is lost twice is tried a third time, at the place that the second rival left.

@@ -311,13 +311,9 @@ TEST(Epoll, SetsAndTheirFailures) {
   EXPECT_EQ(event.events, static_cast<uint32_t>(EPOLLIN));
   for (const int fd : {ends[0], ends[1], set}) close(fd);
 
-  snprintf(err_msg, sizeof(err_msg), "from before");
-  EXPECT_EQ(tslb_epoll_init(0, err_msg), -1);
+  char untouched[1] = {'u'};  // of any size, and without a terminator
+  EXPECT_EQ(tslb_epoll_init(0, untouched), -1);
   EXPECT_EQ(errno, EINVAL);
-  EXPECT_STREQ(err_msg, "tslb_epoll_init, epoll_create: err = Invalid argument err_msg: from before \n");
+  EXPECT_EQ(untouched[0], 'u');
   EXPECT_EQ(tslb_epoll_init(0, nullptr), -1);
-  memset(err_msg, 'h', sizeof(err_msg));
-  err_msg[511] = '\0';
-  EXPECT_EQ(tslb_epoll_init(0, err_msg), -1);
-  EXPECT_NE(std::string(err_msg).find("err_msg: " + std::string(255, 'h') + " \n"), std::string::npos) << err_msg;
 }

@@ -20,20 +20,29 @@ TEST(OneIndex, DecisionIsConfirmedUnderTheLock) {
   const operation_t free_it = [](DynArrHandle_t *array) { return tslb_da_free_idx(array, 3); };
   const operation_t park_it = [](DynArrHandle_t *array) { return tslb_da_inactivate_idx(array, 3, 5); };
   const operation_t wake_it = [](DynArrHandle_t *array) { return tslb_da_activate_idx(array, 3); };
+  const operation_t ready_it = [](DynArrHandle_t *array) {
+    tslb_da_make_ready(array, tslb_da_get_ptr(array, 3));
+    return 0;
+  };
+  const operation_t ready_and_park_it = [](DynArrHandle_t *array) {
+    tslb_da_make_ready(array, tslb_da_get_ptr(array, 3));
+    return tslb_da_inactivate_idx(array, 3, 5);
+  };
   const struct {
     const char *fault;
-    bool parked;
+    uint32_t status;
     operation_t ours, rivals;
     int result;
     indices_t free, inactive;
   } rows[] = {
-      {"put on the free list twice", false, free_it, free_it, 1, {1, 3}, {0}},
-      {"put on the inactive list twice", false, park_it, park_it, 1, {1}, {0, 3}},
-      {"on both lists, parked behind a free", false, park_it, free_it, 1, {1, 3}, {0}},
-      {"on both lists, freed behind a park", false, free_it, park_it, 0, {1, 3}, {0}},
-      {"unlinked twice", true, wake_it, wake_it, 1, {1}, {0}},
-      {"active and on the free list", true, wake_it, free_it, 1, {1, 3}, {0}},
-      {"unlinked by the free though activated", true, free_it, wake_it, 0, {1, 3}, {0}},
+      {"put on the free list twice", TSLB_DA_SLOT_ACTIVE, free_it, free_it, 1, {1, 3}, {0}},
+      {"put on the inactive list twice", TSLB_DA_SLOT_ACTIVE, park_it, park_it, 1, {1}, {0, 3}},
+      {"on both lists, parked behind a free", TSLB_DA_SLOT_ACTIVE, park_it, free_it, 1, {1, 3}, {0}},
+      {"on both lists, freed behind a park", TSLB_DA_SLOT_ACTIVE, free_it, park_it, 0, {1, 3}, {0}},
+      {"unlinked twice", TSLB_DA_SLOT_INACTIVE, wake_it, wake_it, 1, {1}, {0}},
+      {"active and on the free list", TSLB_DA_SLOT_INACTIVE, wake_it, free_it, 1, {1, 3}, {0}},
+      {"unlinked by the free though activated", TSLB_DA_SLOT_INACTIVE, free_it, wake_it, 0, {1, 3}, {0}},
+      {"active and on the inactive list", TSLB_DA_SLOT_NOT_READY, ready_it, ready_and_park_it, 0, {1}, {0, 3}},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);
@@ -41,7 +50,8 @@ TEST(OneIndex, DecisionIsConfirmedUnderTheLock) {
     tslb_da_get_range(array.get(), 6);
     tslb_da_free_idx(array.get(), 1);
     tslb_da_inactivate_idx(array.get(), 0, 1);
-    if (row.parked) park_it(array.get());
+    if (row.status == TSLB_DA_SLOT_INACTIVE) park_it(array.get());
+    if (row.status == TSLB_DA_SLOT_NOT_READY) forward_node(tslb_da_get_ptr(array.get(), 3)).status = row.status;
     before_lock.arm(&array->spinlock, [&] { EXPECT_EQ(row.rivals(array.get()), 0); });
     stderr_of([&] { EXPECT_EQ(row.ours(array.get()), row.result); });
     ASSERT_EQ(before_lock.word, nullptr) << "the lock was not taken";

@@ -1,6 +1,7 @@
 // Processes and commands: real children of every kind, pid files, and the SIGCHLD handler before and after.
 #include <dlfcn.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -10,6 +11,7 @@
 #include <tslb/tslb_settings.h>
 #include <tslb/tslb_util.h>
 #include "array_support.h"
+#include "fault_alloc.h"
 #include "system_support.h"
 
 // A file that is opened as another one, or not at all.
@@ -168,6 +170,7 @@ TEST_F(PidFile, NamesDecide) {
       {"a name in front of the dot", "velomark.new", "velomark", true},
       {"a part of it in front of the dot", "velo.x", "velomark", true},
       {"another one in front of the dot", "vexo.x", "velomark", false},
+      {"nothing in front of the dot", ".x", "velomark", true},
       {"dot on the wrong side", "velomark", "velomark.new", false},
   };
   for (const auto &row : rows) {
@@ -246,21 +249,41 @@ static void hosts_handler(int) {
   hosts_signals = hosts_signals + 1;
 }
 
-// Every form, run under the host's own handler, which has to be silent meanwhile and back afterwards. No descriptor and
-// no child stays behind.
+static volatile sig_atomic_t hosts_code;  // of the last signal
+static void hosts_handler_with_info(int, siginfo_t *info, void *) {
+  hosts_handler(SIGCHLD);
+  hosts_code = info->si_code;
+}
+
+// Every form, run under the host's own handler, which is not called meanwhile and is restored with all that belongs to
+// it. No descriptor and no child remains.
 class Commands : public testing::Test {
  protected:
   void SetUp() override {
-    signal(SIGCHLD, hosts_handler);
+    struct sigaction hosts = {};
+    hosts.sa_sigaction = hosts_handler_with_info;
+    hosts.sa_flags = SA_SIGINFO | SA_NODEFER | SA_NOCLDSTOP;
+    sigaddset(&hosts.sa_mask, SIGUSR2);
+    sigaction(SIGCHLD, &hosts, nullptr);
+    sigaction(SIGCHLD, nullptr, &hosts_);
     hosts_signals = 0;
     descriptors_ = open_descriptors();
   }
   void TearDown() override {
     EXPECT_EQ(hosts_signals, 0) << "the host's handler saw children that are not the host's";
-    EXPECT_EQ(signal(SIGCHLD, SIG_DFL), hosts_handler) << "the host's SIGCHLD handler did not come back";
+    struct sigaction after;
+    sigaction(SIGCHLD, nullptr, &after);
+    EXPECT_EQ(after.sa_sigaction, hosts_.sa_sigaction) << "the host's SIGCHLD handler was not restored";
+    EXPECT_EQ(after.sa_flags, hosts_.sa_flags);
+    for (int signal = 1; signal < NSIG; ++signal)
+      EXPECT_EQ(sigismember(&after.sa_mask, signal), sigismember(&hosts_.sa_mask, signal)) << signal;
+    raise(SIGCHLD);
+    EXPECT_EQ(hosts_code, SI_TKILL) << "the host's handler is called without its arguments";
+    signal(SIGCHLD, SIG_DFL);
     EXPECT_EQ(open_descriptors(), descriptors_);
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child was left to nobody";
   }
+  struct sigaction hosts_;
   size_t descriptors_;
 };
 
@@ -304,9 +327,12 @@ TEST_F(Commands, ExitStatus) {
 
 // Another thread of the host takes every child before it is waited for.
 static bool children_are_taken;
+static int n_pipes, n_inherited;  // of commands; those that a child of another thread would have got
 
 extern "C" __attribute__((visibility("default"))) int pclose(FILE *from) {
   static const auto real = reinterpret_cast<int (*)(FILE *)>(dlsym(RTLD_NEXT, "pclose"));
+  ++n_pipes;
+  n_inherited += (fcntl(fileno(from), F_GETFD) & FD_CLOEXEC) == 0;
   if (children_are_taken) waitpid(-1, nullptr, 0);
   return real(from);
 }
@@ -316,6 +342,56 @@ extern "C" __attribute__((visibility("default"))) int system(const char *command
   if (!children_are_taken) return status;
   errno = ECHILD;
   return -1;
+}
+
+TEST_F(Commands, PipesAreNotInheritedByOtherChildren) {
+  char out[16], error[512];
+  n_pipes = n_inherited = 0;
+  EXPECT_EQ(tslb_run_cmd_and_get_last_line("echo x", 16, out, error), 0);
+  EXPECT_EQ(tslb_exe_command_and_get_op("echo x", error, out, 16), out);
+  EXPECT_EQ(n_pipes, 2);
+  EXPECT_EQ(n_inherited, 0);
+}
+
+// The number of the call of fgets before which the pipe becomes unreadable; 0 for none.
+static int fails_before_piece;
+
+extern "C" __attribute__((visibility("default"))) char *fgets(char *text, int room, FILE *from) {
+  static const auto real = reinterpret_cast<char *(*)(char *, int, FILE *)>(dlsym(RTLD_NEXT, "fgets"));
+  if (fails_before_piece > 0 && --fails_before_piece == 0) {
+    const int folder = open("/", O_RDONLY | O_CLOEXEC);  // read() of it fails
+    dup3(folder, fileno(from), O_CLOEXEC);
+    close(folder);
+  }
+  return real(text, room, from);
+}
+
+TEST_F(Commands, FailedReadLeavesTheLastWholePiece) {
+  static const struct {
+    const char *fault, *command;
+    bool whole;
+    int fails_before, room;
+    const char *output;
+  } rows[] = {
+      {"start of a line that was not read whole", "printf 'one\\ntw'", false, 2, 100, "one"},
+      {"start of a piece", "printf abcdefg", false, 2, 6, "abcde"},
+      {"longer pieces than the stack has room for", "printf 'one\\ntw'", false, 2, 5000, "one"},
+      {"text before the call taken for a piece", "printf 'one\\n'", false, 1, 100, "before"},
+      {"whole output", "printf 'one\\ntw'", true, 2, 100, "one\n"},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    std::string output(5000, '\0');
+    output.replace(0, 6, "before");
+    char said[512];
+    fails_before_piece = row.fails_before;
+    if (row.whole)
+      tslb_exe_command_and_get_op(row.command, said, output.data(), row.room);
+    else
+      EXPECT_EQ(tslb_run_cmd_and_get_last_line(row.command, row.room, output.data(), said), 0);
+    EXPECT_EQ(fails_before_piece, 0) << "the read did not fail";
+    EXPECT_STREQ(output.c_str(), row.output);
+  }
 }
 
 TEST_F(Commands, ChildThatAnotherThreadTookIsNoFailure) {
@@ -384,6 +460,12 @@ TEST_F(Commands, OutputThatIsRefused) {
   EXPECT_LT(strlen(said), 511u);
   EXPECT_EQ(tslb_exe_command_and_get_op("true", said, out, 0), nullptr);
   EXPECT_EQ(tslb_exe_command_and_get_op("true", nullptr, out, -5), nullptr);
+  EXPECT_STREQ(out, "before");
+  const std::string report = stderr_of([&] {
+    const fault_t fault(1);
+    EXPECT_EQ(tslb_run_cmd_and_get_last_line("true", 5000, out, said), -1);
+  });
+  EXPECT_EQ(report, "Error: Error in executing command = true. Error = Cannot allocate memory\n");
   EXPECT_STREQ(out, "before");
   EXPECT_EQ(stderr_of([&] {
               const limit_t no_process_can_be_started(RLIMIT_NOFILE, 3);

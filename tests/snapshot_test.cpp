@@ -268,6 +268,16 @@ TEST(Iteration, BlocksInOrderWithTheirShares) {
   }
   for (const size_t stop_after : {size_t{1}, size_t{2}, size_t{17}})
     EXPECT_EQ(visits_of(array, stop_after).size(), stop_after) << "a callback's result ends the walk";
+
+  // One block of each level.
+  const array_t deep(get_default_dyn_array(8, 4, MPOOL_TYPE_DRAM));
+  pretend_issued(deep.get(), 4 + 286331136);
+  std::vector<std::pair<int, void *>> want = {{0, deep->arr_base}}, got;
+  for (const uint32_t first : {0, 256, 4352, 69888, 1118464, 17895680})
+    want.push_back({static_cast<int>(want.size()), get_dyn_arr_record_position(deep.get(), 4 + first)});
+  for (const visit_t &visit : visits_of(deep)) got.push_back({visit.level, visit.block});
+  EXPECT_EQ(got, want) << "a level is left out";
+
   const array_t empty = filled(100, 4, 0, 0);
   EXPECT_EQ(visits_of(empty), (std::vector<visit_t>{{empty->arr_base, 0, 24, 24, 0, 100, 0}}));
 }

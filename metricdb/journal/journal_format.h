@@ -1,16 +1,20 @@
 // A journal's file, byte by byte: what its writer and its reader share. All numbers are little-endian, nothing is
 // aligned.
 //
+// clang-format off
+//
 // Head
 //   0   8  magic
 //   8   4  format version
 //   12  4  CRC-32C of the other bytes of the head, in their order
 //   16  8  number of the generation that the file follows
 //
-// Entries, back to back behind it
+// Entries, back to back after it
 //   0   4  length of the entry, these bytes included
-//   4   4  CRC-32C of generation, position of the entry in the file and length (8, 8, 4 bytes), then of all from byte 8
-//   on 8   8  sequence: 1 for the first entry of a file, then without a gap 16  1  kind
+//   4   4  CRC-32C of generation, position of the entry in the file and length (8, 8, 4 bytes), then of the entry from
+//          byte 8 on
+//   8   8  sequence: 1 for the first entry of a file, then without a gap
+//   16  1  kind
 //
 //          of a redo record                              of a mark
 //   17  1  rec_type                                      0
@@ -22,6 +26,8 @@
 //   40  4  aux_idx
 //   44  4  data_sz
 //   48     ctx_name, then data_sz bytes if data_ptr was not null
+//
+// clang-format on
 //
 // The redo records of a batch are followed by its commit mark, and count when that is whole. The other marks stand
 // between batches. Since the checksum knows generation and position, bytes of another journal, of another place, or of

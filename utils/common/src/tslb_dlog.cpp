@@ -10,7 +10,6 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include "tslb_atomics.h"
@@ -35,6 +34,13 @@ static TSLBDLog_t *the_log() {
   return __atomic_load_n(&g_dl, __ATOMIC_ACQUIRE);
 }
 
+static void leave_file(TSLBDLog_t *log) {
+  const int fd = log->fd;
+  // Before the close: a child that is forked in between must not close another file of that number.
+  log->fd = -1;
+  if (fd > 0) close(fd);
+}
+
 // ---- Initialisation ------------------------------------------------------------------------------------------------
 
 static void set_up(TSLBDLog_t *log, const char *dlog_fname, int dlevel, int fmax_sz) {
@@ -42,10 +48,11 @@ static void set_up(TSLBDLog_t *log, const char *dlog_fname, int dlevel, int fmax
   char base[BASE_LEN + 1];
   const bool to_stdout = dlog_fname != nullptr && strcmp(dlog_fname, "stdout") == 0;
   snprintf(base, sizeof(base), "%s", to_stdout ? "" : dlog_fname != nullptr ? dlog_fname : DEFAULT_BASE);
-  // What the log opened itself. Standard output is the process's, even where it was what the log was given.
-  if (log->fname_abs[0] != '\0' && log->fd >= 0 && log->fd != STDOUT_FILENO) close(log->fd);
+  // Only what the log opened itself. Standard output is the process's, even where it was what the log was given.
+  const bool owns_file = log->fname_abs[0] != '\0' && log->fd != STDOUT_FILENO;
+  if (owns_file) leave_file(log);
   const int mib = fmax_sz < 0 ? DEFAULT_MIB : fmax_sz > MIB_MAX ? MIB_MAX : fmax_sz;
-  log->pid = getpid();
+  __atomic_store_n(&log->pid, getpid(), __ATOMIC_RELAXED);
   log->fver = -1;
   log->fmax_sz = mib << 20;
   log->fd = base[0] == '\0' ? STDOUT_FILENO : -1;
@@ -80,6 +87,8 @@ void tslb_dl_init_internal(const char *dlog_fname, int dlevel, int fmax_sz) {
   }
   if (log == nullptr) {
     TSLBDLog_t *const running = the_log();
+    // In a child of fork the lock can be held by a thread that does not exist here and never releases it.
+    if (__atomic_load_n(&running->pid, __ATOMIC_RELAXED) != getpid()) pthread_mutex_init(&running->dl_thlock, nullptr);
     pthread_mutex_lock(&running->dl_thlock);
     set_up(running, dlog_fname, dlevel, fmax_sz);
     pthread_mutex_unlock(&running->dl_thlock);
@@ -116,11 +125,6 @@ static bool name_file(const TSLBDLog_t *log, char (&name)[BASE_LEN + 1]) {
 
 // The name of the file that is open, under the log's lock: formatted once for a file, not for each line.
 static char open_file[BASE_LEN + 1];
-
-static void leave_file(TSLBDLog_t *log) {
-  if (log->fd > 0) close(log->fd);
-  log->fd = -1;
-}
 
 static bool stat_current(const TSLBDLog_t *log, struct stat *file) {
   if (log->fd >= 0) return stat(open_file, file) == 0;
@@ -214,38 +218,18 @@ __attribute__((format(printf, 3, 0))) static char *put_message(char *at, char *e
   return wanted < 0 ? at : wanted < end - at ? at + wanted : end;
 }
 
-// The date and time of a line, under the log's lock. The lines of one second share it: a conversion to local time,
-// around which signals are blocked, costs two system calls. A host that changes its time zone is believed at once.
-static const char *current_date_time() {
-  static struct {
-    time_t second;
-    long zone;
-    const char *zone_names[2];
-    char text[65];
-  } last;
-  const time_t now = tslb_get_time(nullptr);
-  if (last.text[0] != '\0' && last.second == now && last.zone == timezone && last.zone_names[0] == tzname[0] &&
-      last.zone_names[1] == tzname[1])
-    return last.text;
-  date_time_of(now, last.text, true);
-  last.second = now;
-  last.zone = timezone;
-  last.zone_names[0] = tzname[0];
-  last.zone_names[1] = tzname[1];
-  return last.text;
-}
-
 void tslb_dl_logging(int dlevel, const char *file_name, const char *fun_name, int line_no, const char *fmt, ...) {
   TSLBDLog_t *const log = the_log();
   if (log == nullptr || dlevel > __atomic_load_n(&log->level, __ATOMIC_RELAXED)) return;
   const int caller_errno = errno;
   tslb_dl_set_thid(log);
-  char base[1024], line[LINE_BYTES];
+  char base[1024], date_time[65], line[LINE_BYTES];
   char *const end = line + sizeof(line) - 1;  // the newline has its room
   const char *const file = base_name_of(file_name, base);
 
   pthread_mutex_lock(&log->dl_thlock);
-  char *at = put_field(line, end, current_date_time());
+  // Converted for every line: two time zones can agree in all that the C library shows of them and still differ.
+  char *at = put_field(line, end, tslb_get_cur_date_time(date_time, 1));
   at = put_field(at, end, file);
   at = put_field(at, end, line_no);
   at = put_field(at, end, fun_name != nullptr ? fun_name : "-");

@@ -5,7 +5,14 @@
  * /tmp/tslb_dlog.4242.0. Old versions stay. Each file begins with a header, each line with
  * date and time|source file|line|function|process|thread|thread's name|
  *
- * Until tslb_dl_init_internal was called, every operation does nothing. */
+ * Until tslb_dl_init_internal was called, every operation does nothing.
+ *
+ * File names are predictable, and a file that exists is opened as it is. In a folder that others can write, such as
+ * /tmp, another user can put a link or a FIFO there first: lines are then appended to the link's target, and the open
+ * of a FIFO that nobody reads blocks, with the log's lock held. A host on a shared machine names a folder of its own.
+ *
+ * A child of fork keeps the parent's process id and files until it calls tslb_dl_init_internal. It does so before its
+ * first line if the parent has several threads: one of them may have held the log's lock at the fork. */
 #ifndef TSLB_DLOG_H
 #define TSLB_DLOG_H
 
@@ -23,7 +30,7 @@ typedef struct TSLBDLog_t {
   int fver;                  /* version of the current file; -1 before the first */
   int level;                 /* messages up to this one are written */
   int rollover_flag;         /* not used */
-  pid_t pid;                 /* as at initialisation: a fork is not noticed */
+  pid_t pid;                 /* as at initialisation: a line does not notice a fork */
   unsigned int n_threads;    /* next thread number */
   pthread_mutex_t dl_thlock; /* around formatting and writing; not recursive */
 } TSLBDLog_t;
@@ -38,7 +45,8 @@ extern TSLB_API __thread char g_thname[33]; /* its name there */
  * dlog_fname  base path, of which 1,023 characters are kept; NULL for "/tmp/tslb_dlog"; "stdout" for standard output.
  * dlevel      the level.
  * fmax_sz     size for rollover in MiB; 2,047 at most, -1 and below for 10. 0: a file for each line.
- * Threads     the caller becomes a thread without number, named "-". */
+ * Threads     the caller becomes a thread without number, named "-". In a child of fork, any state of the parent's log
+ *             is accepted, its lock included; no other thread of the child uses the log meanwhile. */
 TSLB_API void tslb_dl_init_internal(const char *dlog_fname, int dlevel, int fmax_sz);
 
 /* Names the calling thread in the log, with at most 31 characters; "-" for NULL or an empty name. Gives it a number. */
@@ -49,7 +57,8 @@ TSLB_API void tslb_dl_set_thname_internal(const char *thname);
  *
  * file_name, fun_name, line_no
  *          the caller's place; of the file the base name is shown.
- * Threads  any; not from a signal handler. */
+ * Threads  any; not from a signal handler. A thread must not be cancelled meanwhile: open, stat, write and close are
+ *          cancellation points, and the log's lock would stay held for ever. */
 TSLB_API void tslb_dl_logging(int dlevel, const char *file_name, const char *fun_name, int line_no, const char *fmt,
                               ...) __attribute__((format(printf, 5, 6)));
 

@@ -2,8 +2,6 @@
 #ifndef TSLB_TEXT_H
 #define TSLB_TEXT_H
 
-#include <time.h>
-
 constexpr int NUMBER_LEN = 11;  // "-2147483648"
 
 // As "%d", without a terminator. The result is behind the last digit; `at` has room for NUMBER_LEN characters.
@@ -25,8 +23,5 @@ static inline char *put_padded(char *at, int number) {
   at[1] = static_cast<char>('0' + number % 10);
   return at + 2;
 }
-
-// What tslb_get_cur_date_time writes, for a given instant.
-char *date_time_of(time_t instant, char *time_string, bool signals_blocked);
 
 #endif

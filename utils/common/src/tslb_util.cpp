@@ -102,10 +102,11 @@ static struct tm *local_time_signals_blocked(const time_t *at, struct tm *parts)
   return result;
 }
 
-char *date_time_of(time_t instant, char *time_string, bool signals_blocked) {
+char *tslb_get_cur_date_time(char *time_string, int need_to_block_signal) {
+  const time_t now = tslb_get_time(nullptr);
   struct tm parts;
   const struct tm *const local =
-      signals_blocked ? local_time_signals_blocked(&instant, &parts) : localtime_r(&instant, &parts);
+      need_to_block_signal == 1 ? local_time_signals_blocked(&now, &parts) : localtime_r(&now, &parts);
   if (local == nullptr) {
     sprintf(time_string, "Error|Error");
     return time_string;
@@ -119,10 +120,6 @@ char *date_time_of(time_t instant, char *time_string, bool signals_blocked) {
     *at++ = "// ::"[i];  // the last one is the terminator
   }
   return time_string;
-}
-
-char *tslb_get_cur_date_time(char *time_string, int need_to_block_signal) {
-  return date_time_of(tslb_get_time(nullptr), time_string, need_to_block_signal == 1);
 }
 
 // Leaves `text` empty for an instant without a broken-down form, or whose text does not fit.

@@ -10,16 +10,25 @@
 
 constexpr size_t ERR_MSG_ROOM = 256;
 constexpr size_t ERROR_BUFFER_ROOM = 511;
+constexpr size_t PIECE_BYTES = 4096;
+// The descriptor is closed in children that other threads of the host start meanwhile; the flag is of this call alone.
+constexpr char READ_CLOSE_ON_EXEC[] = "re";
 
 // A handler with no body, not SIG_IGN: with that the children would be reaped before pclose asks for them.
 void tslb_ignore_sigchild(int) {}
 
-// Installed while it lives; the host's own comes back on every way out.
+// Installs the empty handler while it exists. The destructor restores the host's whole action: signal() would lose its
+// mask, its flags and, with SA_SIGINFO, its arguments.
 struct sigchld_guard_t {
-  void (*previous)(int) = signal(SIGCHLD, tslb_ignore_sigchild);
-  ~sigchld_guard_t() {
-    if (previous != SIG_ERR) signal(SIGCHLD, previous);
+  sigchld_guard_t() {
+    struct sigaction empty = {};
+    empty.sa_handler = tslb_ignore_sigchild;
+    empty.sa_flags = SA_RESTART;
+    sigaction(SIGCHLD, &empty, &previous);  // cannot fail: the signal and both addresses are valid
   }
+  ~sigchld_guard_t() { sigaction(SIGCHLD, &previous, nullptr); }
+  sigchld_guard_t(const sigchld_guard_t &) = delete;
+  struct sigaction previous;
 };
 
 int tslb_system(const char *cmd, char *err_msg) {
@@ -39,17 +48,27 @@ int tslb_system(const char *cmd, char *err_msg) {
   return exit_status;
 }
 
-// Reads to the end, keeping the last line or its last piece that fits; `out` is left alone if there is none.
-// Pieces go straight to where the last one stays.
-static void keep_last_line(FILE *from, char *out, int length) {
+// A buffer of at least PIECE_BYTES, which costs an allocation only if that is not enough. `bytes` is null, with errno
+// set, if memory was refused.
+struct scratch_t {
+  explicit scratch_t(size_t room) : bytes(room > PIECE_BYTES ? static_cast<char *>(malloc(room)) : small) {}
+  ~scratch_t() {
+    if (bytes != small) free(bytes);
+  }
+  scratch_t(const scratch_t &) = delete;
+  char small[PIECE_BYTES];
+  char *const bytes;
+};
+
+// Reads to the end. Keeps the last line or its last piece that fits; `out` is unchanged if nothing was read. Pieces are
+// read into `piece` first: after a failed read, that buffer holds anything, and `out` the last whole piece.
+static void keep_last_line(FILE *from, char *piece, char *out, int length) {
   bool read_any = false;
-  if (length > 1) {
-    while (fgets(out, length, from) != nullptr) read_any = true;
-  } else {
-    // No room for a character, which fgets would never take from the stream.
-    char dropped[4096];
-    while (fgets(dropped, sizeof(dropped), from) != nullptr) read_any = true;
-    if (read_any) out[0] = '\0';
+  // With a length of 1 fgets would consume nothing. The text is empty then, whatever was read.
+  const int piece_bytes = length > 1 ? length : static_cast<int>(PIECE_BYTES);
+  while (fgets(piece, piece_bytes, from) != nullptr) {
+    read_any = true;
+    snprintf(out, static_cast<size_t>(length), "%s", piece);
   }
   if (read_any) out[strcspn(out, "\n")] = '\0';
 }
@@ -60,13 +79,14 @@ int tslb_run_cmd_and_get_last_line(const char *cmd, int length, char *out, char 
     snprintf(error_buffer, ERROR_BUFFER_ROOM, "Error: no room for the output of command = %s", cmd);
     return -1;
   }
+  const scratch_t piece(static_cast<size_t>(length));
   const sigchld_guard_t guard;
-  FILE *const from = popen(cmd, "r");
+  FILE *const from = piece.bytes != nullptr ? popen(cmd, READ_CLOSE_ON_EXEC) : nullptr;
   if (from == nullptr) {
     fprintf(stderr, "Error: Error in executing command = %s. Error = %s\n", cmd, strerror(errno));
     return -1;
   }
-  keep_last_line(from, out, length);
+  keep_last_line(from, piece.bytes, out, length);
   if (pclose(from) == -1)
     snprintf(
         error_buffer, ERROR_BUFFER_ROOM,
@@ -82,14 +102,14 @@ char *tslb_exe_command_and_get_op(const char *command, char *err_msg, char *outp
     return nullptr;
   }
   const sigchld_guard_t guard;
-  FILE *const from = popen(command, "r");
+  FILE *const from = popen(command, READ_CLOSE_ON_EXEC);
   if (from == nullptr) {
     if (err_msg != nullptr) snprintf(err_msg, ERR_MSG_ROOM, "command execution failed, error - %s", strerror(errno));
     return nullptr;
   }
   char *output_ptr = output;
   size_t amt_left = static_cast<size_t>(outbuf_len) - 1;
-  char piece[4096];
+  char piece[PIECE_BYTES];
   while (fgets(piece, sizeof(piece), from) != nullptr) {
     const size_t length = strnlen(piece, amt_left);
     memcpy(output_ptr, piece, length);

@@ -67,9 +67,10 @@ TSLB_API int mkdir_ex(const char *path);
 TSLB_API char *qxlb_strerror(int num);
 
 /* ---- Commands ----------------------------------------------------------------------------------------------------
- * A command runs under the shell, with the process's SIGCHLD handler replaced by an empty one and put back afterwards,
- * whatever happens. That is process-wide and takes no lock: a host that calls these from several threads, or while it
- * waits for children of its own, serialises them. */
+ * A command runs under the shell. Meanwhile the process's action for SIGCHLD is an empty handler; afterwards it is what
+ * it was, with its mask and flags, on every return. That is process-wide and takes no lock: a host that calls these
+ * from several threads, or while it waits for children of its own, serialises them. The pipe to a command is closed in
+ * programs that other threads start meanwhile. A thread that is cancelled here leaves the empty handler in place. */
 
 /* The empty handler. */
 TSLB_API void tslb_ignore_sigchild(int sig);
@@ -85,10 +86,10 @@ TSLB_API int tslb_system(const char *cmd, char *err_msg);
 /* Runs a command and keeps the last line of its output, without the newline.
  *
  * length        bytes of `out`, at least 1. Of a longer line the last piece of length - 1 characters is kept.
- * out           as it was if the command wrote nothing.
+ * out           unchanged if the command wrote nothing. If a read fails, the last line or piece that was read whole.
  * error_buffer  at least 512 bytes: what was called, or what failed.
- * Result        0, whatever the command's exit status; -1 if it could not be started (also a line on stderr) or length
- *               is below 1. */
+ * Result        0, whatever the command's exit status; -1 if it could not be started or memory for a line of `length`
+ *               bytes was refused (also a line on stderr), or if length is below 1. */
 TSLB_API int tslb_run_cmd_and_get_last_line(const char *cmd, int length, char *out, char *error_buffer);
 
 /* Runs a command and keeps the start of its output, newlines included.
@@ -112,7 +113,8 @@ TSLB_API int tslb_check_pid_alive(pid_t pid, const char *proc_name);
 /* The process that a pid file, base_dir/.component.pid, names on its first line, if it runs under the expected name.
  *
  * bin_name      the name, of which 15 characters count; NULL for the calling process's own. A process whose name holds
- *               a dot also matches by the part before it.
+ *               a dot also matches if bin_name begins with the part before the dot. That part is empty for a process
+ *               whose name begins with a dot, so such a process matches every bin_name.
  * error_buffer  at least 512 bytes.
  * Result        the process id. -1: no such file, or a path that does not fit (text in error_buffer). -2: no process id
  *               in it (text on stdout). -4: another name (text on stdout). -5: the process is gone, or
@@ -135,7 +137,8 @@ TSLB_API char *tslb_sockaddr_to_ip(const struct sockaddr *sa, int give_port);
 TSLB_API char *tslb_get_src_addr_ex(int fd, int give_port);
 TSLB_API char *tslb_get_dest_addr_ex(int fd, int give_port);
 
-/* Makes a listening TCP socket (IPv4, address reuse on, blocking).
+/* Makes a listening TCP socket (IPv4, address reuse on, blocking). Children of the host inherit it unless the host sets
+ * FD_CLOEXEC: such a child keeps the port in use after the host's end, and can accept the host's connections.
  *
  * local_port  the port; 0 asks for a free one, which is stored there.
  * ip_addr     the address to bind; NULL for all.
@@ -144,9 +147,11 @@ TSLB_API char *tslb_get_dest_addr_ex(int fd, int give_port);
  *             then. */
 TSLB_API int tslb_tcp_listen(int *local_port, int backlog, const char *ip_addr, char *err_msg);
 
-/* An epoll set, or -1 with errno set.
+/* Makes an epoll set. Children of the host inherit it unless the host sets FD_CLOEXEC.
  *
- * err_msg  NULL, or a text in at least 512 bytes, which the report of a failure quotes and replaces. */
+ * max_fds  above 0; otherwise without effect.
+ * err_msg  not read and not written.
+ * Result   the descriptor, or -1 with errno set. */
 TSLB_API int tslb_epoll_init(int max_fds, char *err_msg);
 
 /* Adds a descriptor to a set, with `event` as its events. 0, or -1 with a text in errMsg (at least 512 bytes). */

@@ -146,15 +146,8 @@ int tslb_tcp_listen(int *local_port, int backlog, const char *ip_addr, char *err
 
 // ---- Epoll ---------------------------------------------------------------------------------------------------------
 
-int tslb_epoll_init(int max_fds, char *err_msg) {
-  const int fd = epoll_create(max_fds);
-  if (fd >= 0 || err_msg == nullptr) return fd;
-  const int err = errno;
-  char held[256];
-  snprintf(held, sizeof(held), "%.*s", static_cast<int>(strnlen(err_msg, sizeof(held) - 1)), err_msg);
-  snprintf(err_msg, ERR_MSG_ROOM, "tslb_epoll_init, epoll_create: err = %s err_msg: %s \n", qxlb_strerror(err), held);
-  errno = err;
-  return -1;
+int tslb_epoll_init(int max_fds, char *) {
+  return epoll_create(max_fds);
 }
 
 int tslb_add_select(int v_epoll_fd, int fd, int event, char *errMsg) {
