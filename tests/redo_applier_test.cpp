@@ -158,6 +158,17 @@ TEST(RedoApplier, SlotArraysInLockStep) {
   lib_config.tslb_mvt_reuse_enabled = 0;
 }
 
+// The first bytes of a slot that is shorter than a node.
+TEST(RedoApplier, ShortSlotsOfAPlainArray) {
+  pair_t pair(ARRAY_LOAD_ANY, [] { return tslb_da_init_v5(4, 3, MPOOL_TYPE_DRAM, kName, 3); });
+  for (uint32_t i = 0; i < 19; ++i) {
+    write_at<uint32_t>(tslb_da_get_ptr(pair.source(), tslb_da_get_newidx(pair.source())), 0, 100 + i);
+    tslb_redo_log_da_ex(pair.source(), i, 7, 5, 1);
+    pair.follow();
+  }
+  pair.compare([](DynArrHandle_t *, std::string &) {});
+}
+
 // ---- Pools ---------------------------------------------------------------------------------------------------------
 
 // A memory slot that is taken again is cleared, which nobody logs: what it holds behind its chunks is not said, and so
