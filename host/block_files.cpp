@@ -60,7 +60,8 @@ class block_files_t final : public image_source_t {
   bool may_be_cut() const override { return false; }
 
   void tell_place(uint64_t pos, refusal_t *refusal) const override {
-    const bool in_block0 = block0_bytes_ == 0 || pos < block0_bytes_;
+    // Without headers, and with slots that have no bytes, there is no other block.
+    const bool in_block0 = block_bytes_ == 0 || pos < block0_bytes_;
     const uint64_t beyond = in_block0 ? 0 : pos - block0_bytes_;
     tell_file(in_block0 ? 0 : beyond / block_bytes_ + 1, refusal);
     refusal->add("byte %llu", static_cast<unsigned long long>(in_block0 ? pos : beyond % block_bytes_));

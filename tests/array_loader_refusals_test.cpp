@@ -1,4 +1,5 @@
 // What the loaders refuse as a whole, with a line that says what and where.
+#include "block_files.h"
 #include "fault_alloc.h"
 #include "loader_support.h"
 
@@ -293,4 +294,23 @@ TEST(ArrayLoader, EveryRefusedAllocationIsARefusedLoad) {
     EXPECT_EQ(std::string(error).find("no memory for ") != std::string::npos, struck) << error;
   }
   EXPECT_GT(nth, 20) << "headers, handle, block 0, tables and 18 blocks";
+}
+
+// No data block of such an array has a byte, so no position lies in one.
+TEST(ArrayLoader, RefusedMemoryForBlockFilesOfNoBytes) {
+  const base_path_t base;
+  slot_array(0, 0, 4, 0, 0, MPOOL_TYPE_SHM);
+  for (const int nth : {1, 2, 3}) {
+    char error[512];
+    array_t array;
+    stderr_of([&] {
+      const fault_t fault(nth);
+      array.reset(array_load_block_files(base.path.c_str(), &ANY, error, sizeof(error)));
+      EXPECT_TRUE(fault.struck());
+    });
+    EXPECT_EQ(array, nullptr);
+    const std::string place =
+        base.path.string() + "/ctx/12.0.darr: byte " + (nth == 1 ? "8" : "24") + ": no memory for ";
+    EXPECT_EQ(std::string(error).find(place), 0u) << error;
+  }
 }
