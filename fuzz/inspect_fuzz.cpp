@@ -86,7 +86,8 @@ static void compare_with_loader(const inspect::report_t &report, const uint8_t *
     return;
   const int fd = memfd_create("stream", MFD_CLOEXEC);
   if (fd < 0 || write(fd, data, size) != static_cast<ssize_t>(size) || lseek(fd, 0, SEEK_SET) != 0) abort();
-  const array_load_options_t options = {nullptr, 7, MPOOL_TYPE_DRAM, kind, 0};
+  const array_load_options_t options = {
+      nullptr, 7, MPOOL_TYPE_DRAM, kind, 0, ARRAY_LOAD_ANY_VERSION, ARRAY_LOAD_ANY_SIZE};
   char error[256];
   const DynamicArray_t array = array_load_stream(fd, &options, error, sizeof(error));
   close(fd);

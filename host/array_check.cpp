@@ -101,6 +101,16 @@ bool image_check_t::sizes_are_sound(uint64_t max_block_bytes) {
   return true;
 }
 
+bool image_check_t::records_are_expected(int16_t rec_version, uint32_t record_size) {
+  if (rec_version != ARRAY_LOAD_ANY_VERSION && hdr_.rec_version != rec_version)
+    return refuse_at(offsetof(DynHdr_t, rec_version), "rec_version %u, where %d is expected", hdr_.rec_version,
+                     rec_version);
+  if (record_size != ARRAY_LOAD_ANY_SIZE && arr_hdr_.record_size != record_size)
+    return refuse_at(arr_hdr_at() + offsetof(DynArrHdr_t, record_size), "record_size %u, where %u is expected",
+                     arr_hdr_.record_size, record_size);
+  return true;
+}
+
 bool image_check_t::pool_is_sound(uint8_t kind, char mem_type) {
   const bool fits = hdr_.hdr_size == sizeof(DynMemHdr_t);
   if (kind == ARRAY_LOAD_ANY || (kind == ARRAY_LOAD_POOL_BY_SIZE && !fits)) return true;

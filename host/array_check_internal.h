@@ -61,6 +61,8 @@ class image_check_t {
   bool start_is_sound(const DynHdr_t &hdr);
   // All of them. They are read here, and used until the end of the checks.
   bool headers_are_sound(const char *headers, uint64_t max_block_bytes);
+  // Compares the records' layout with the options of the loaders; after the headers.
+  bool records_are_expected(int16_t rec_version, uint32_t record_size);
   // kind ARRAY_LOAD_*; after the headers.
   bool pool_is_sound(uint8_t kind, char mem_type);
   // Of an array with these headers, whose slots all have memory.

@@ -42,6 +42,7 @@ class reader_t {
   DynamicArray_t load() {
     const bool loaded =
         options_are_sound() && read_headers() && check_.headers_are_sound(headers_.get(), options_->max_block_bytes) &&
+        check_.records_are_expected(options_->rec_version, options_->record_size) &&
         check_.pool_is_sound(options_->kind, options_->mem_type) && source_->expect(check_.shape(), refusal_) &&
         create() && fill() && check_.lists_are_sound(array_.get());
     return loaded ? array_.release() : nullptr;
@@ -82,6 +83,10 @@ bool reader_t::options_are_sound() {
   }
   if (options_->kind > ARRAY_LOAD_POOL_BY_SIZE) {
     refusal_->add("option kind %u is not known", options_->kind);
+    return false;
+  }
+  if (options_->rec_version < ARRAY_LOAD_ANY_VERSION || options_->rec_version > UINT8_MAX) {
+    refusal_->add("option rec_version %d is none that an array can have", options_->rec_version);
     return false;
   }
   return true;

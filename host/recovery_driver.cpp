@@ -175,8 +175,14 @@ using array_t = std::unique_ptr<DynArrHandle_t, array_release_t>;
 
 array_t load(const way_t &way, int fd, char *error, size_t error_size) {
   const uint8_t library_kind = way.is_pool() ? ARRAY_LOAD_POOL : ARRAY_LOAD_POOL_BY_SIZE;
-  const array_load_options_t options = {nullptr, 0, MPOOL_TYPE_DRAM,
-                                        way.is_lib ? library_kind : uint8_t{ARRAY_LOAD_ANY}, 0};
+  // Any layout: an array of another one has a result of its own.
+  const array_load_options_t options = {.ctx_name = nullptr,
+                                        .tbl_id = 0,
+                                        .mem_type = MPOOL_TYPE_DRAM,
+                                        .kind = way.is_lib ? library_kind : uint8_t{ARRAY_LOAD_ANY},
+                                        .max_block_bytes = 0,
+                                        .rec_version = ARRAY_LOAD_ANY_VERSION,
+                                        .record_size = ARRAY_LOAD_ANY_SIZE};
   return array_t(array_load_stream(fd, &options, error, error_size));
 }
 

@@ -4,14 +4,18 @@
 #include "loader_support.h"
 
 static array_load_options_t of_kind(uint8_t kind, char mem_type = MPOOL_TYPE_DRAM) {
-  return {"ctx", 12, mem_type, kind, 0};
+  return {"ctx", 12, mem_type, kind, 0, ARRAY_LOAD_ANY_VERSION, ARRAY_LOAD_ANY_SIZE};
+}
+static array_load_options_t expecting(int16_t rec_version, uint32_t record_size) {
+  return {"ctx", 12, MPOOL_TYPE_DRAM, ARRAY_LOAD_ANY, 0, rec_version, record_size};
 }
 static array_load_options_t blocks_up_to(uint64_t bytes) {
-  return {"ctx", 12, MPOOL_TYPE_DRAM, ARRAY_LOAD_ANY, bytes};
+  return {"ctx", 12, MPOOL_TYPE_DRAM, ARRAY_LOAD_ANY, bytes, ARRAY_LOAD_ANY_VERSION, ARRAY_LOAD_ANY_SIZE};
 }
 
 TEST(ArrayLoader, WhatTheCallerWants) {
   const std::string array = stream_of(slot_array(0, 12, 3, 0, 9).get());
+  const std::string parked = stream_of(slot_array(0, 12, 3, TSLB_DA_DAFLAG_INLL, 9).get());
   const std::string pool = stream_of(chunk_pool(BIG_BUFFER, 5).get());
   const std::string same_size = stream_of(slot_array(56, 12, 4, 0, 3).get());
   const std::string other_size = stream_of(slot_array(20, 12, 4, 0, 3).get());
@@ -28,6 +32,15 @@ TEST(ArrayLoader, WhatTheCallerWants) {
       {"memory that is not available asked for", array, of_kind(ARRAY_LOAD_ANY, MPOOL_TYPE_PMEM),
        "option mem_type 2 is not in process memory"},
       {"a kind from the future", array, of_kind(3), "option kind 3 is not known"},
+      {"the expected layout refused", array, expecting(0xC3, 12), ""},
+      {"a version read with its sign", array, expecting(0xC3, ARRAY_LOAD_ANY_SIZE), ""},
+      {"records of another version loaded", array, expecting(0, 12), "byte 1: rec_version 195, where 0 is expected"},
+      {"records of another size loaded", array, expecting(ARRAY_LOAD_ANY_VERSION, 13),
+       "byte 20: record_size 12, where 13 is expected"},
+      {"nodes counted as the record's", parked, expecting(0xC3, 12), ""},
+      {"a version that no array has", array, expecting(256, 12),
+       "option rec_version 256 is none that an array can have"},
+      {"any negative version is any", array, expecting(-2, 12), "option rec_version -2 is none that an array can have"},
       {"a pool is a pool only if it is said", pool, of_kind(ARRAY_LOAD_ANY), ""},
       {"a pool is not recognised", pool, of_kind(ARRAY_LOAD_POOL_BY_SIZE), ""},
       {"another header of that size passes for a pool's", same_size, of_kind(ARRAY_LOAD_POOL_BY_SIZE),

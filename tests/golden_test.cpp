@@ -220,7 +220,8 @@ TEST(Golden, StreamsLoad) {
 }
 
 TEST(Golden, BlockFilesLoad) {
-  const array_load_options_t options = {"metrics", 12, MPOOL_TYPE_DRAM, ARRAY_LOAD_ANY, 0};
+  const array_load_options_t options = {
+      "metrics", 12, MPOOL_TYPE_DRAM, ARRAY_LOAD_ANY, 0, ARRAY_LOAD_ANY_VERSION, ARRAY_LOAD_ANY_SIZE};
   const loaded_t loaded = loaded_by([&](char *error, size_t size) {
     return array_load_block_files((golden_dir / "block_files").c_str(), &options, error, size);
   });

@@ -99,7 +99,8 @@ TEST_F(Damage, ManifestsThatContradict) {
       {"one without a number", "metricdb 2\n", "metricdb one\n", "its format version is \"one\", and 2 is known"},
       {"a store", "store snapshot", "store tape", "manifest: line 2: store \"tape\" is neither snapshot nor shm"},
       {"a layout that nobody knows", "layout 1", "layout 2", "line 3: layout \"2\""},
-      {"not the records' layout", "layout 1", "layout 0", "catalogue.stream: record version 1, which is not 0"},
+      {"not the records' layout", "layout 1", "layout 0",
+       "catalogue.stream: byte 1: rec_version 1, where 0 is expected"},
       {"streams taken for block files", "store snapshot", "store shm", "manifest: array "},
       {"a line left out", "retain_ns 100\n", "", "line 6: \"idle_ns\" in place of \"retain_ns\""},
       {"a negative time span", "retain_ns 100", "retain_ns -100", "line 6: retain_ns \"-100\""},
@@ -235,7 +236,7 @@ TEST_F(Damage, StoresThatContradictThemselves) {
        "keys"},
       {"records of another version",
        [](Parts p) { static_cast<DynHdr_t *>(tslb_da_get_dynhdr(p.store.catalogue()))->rec_version = 0; },
-       "record version 0, which is not 1"},
+       "byte 1: rec_version 0, where 1 is expected"},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);

@@ -48,7 +48,13 @@ class pair_t {
 
   // The replica begins anew from a snapshot.
   void reload() {
-    const array_load_options_t options = {kName, static_cast<int32_t>(source()->tbl_id), MPOOL_TYPE_DRAM, kind_, 0};
+    const array_load_options_t options = {kName,
+                                          static_cast<int32_t>(source()->tbl_id),
+                                          MPOOL_TYPE_DRAM,
+                                          kind_,
+                                          0,
+                                          ARRAY_LOAD_ANY_VERSION,
+                                          ARRAY_LOAD_ANY_SIZE};
     replica_ = load(stream_of(source()), options).array;
     ASSERT_NE(replica_, nullptr);
   }
