@@ -2,11 +2,12 @@
  * process memory again, with its records, nodes, lists, user header and counts. block_files.h does the same from the
  * files of an MPOOL_TYPE_SHM array.
  *
- * Nothing that is read is trusted. An array that comes out holds what the library relies on: list roots and links name
- * slots, lists are as long as their counters say and end where their tails say, each slot that claims to be on a list
- * is on it once, and a pool's cursor stands in one of its slots. Whatever contradicts that is refused as a whole. The
- * contents of records, the counters of a pool's memory slots among them, and of a user header that is not a pool's, are
- * the host's to judge. What the host knows of its records' layout it gives with the options: an array of another
+ * Nothing that is read is trusted. An array that comes out holds what the library relies on: slots have a status that
+ * exists, list roots and links name slots, lists are as long as their counters say and end where their tails say, each
+ * slot that claims to be on a list is on it once, a pool's cursor stands in one of its slots, and the counters of memory
+ * slots stay within the slot and the cursor. An image that contradicts that is refused as a whole. The contents of
+ * records, of chunks (pool_check of array_check.h looks at those) and of a user header that is not a pool's are the
+ * host's to judge. What the host knows of its records' layout it gives with the options: an array of another
  * version or size is refused, since every write to it would go to the wrong place.
  *
  * Memory is taken as bytes arrive: at any moment block 0, one data block, and an amount that grows in step with what

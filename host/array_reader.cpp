@@ -1,5 +1,5 @@
 // The reading that all sources share, front to back: headers and what they contradict, a new array of that geometry,
-// slot after slot into its place, and then a walk over both lists.
+// slot after slot into its place, and then the checks of all slots and lists.
 #include "array_reader.h"
 
 #include <errno.h>
@@ -44,7 +44,7 @@ class reader_t {
         options_are_sound() && read_headers() && check_.headers_are_sound(headers_.get(), options_->max_block_bytes) &&
         check_.records_are_expected(options_->rec_version, options_->record_size) &&
         check_.pool_is_sound(options_->kind, options_->mem_type) && source_->expect(check_.shape(), refusal_) &&
-        create() && fill() && check_.lists_are_sound(array_.get());
+        create() && fill() && check_.slots_are_sound(array_.get());
     return loaded ? array_.release() : nullptr;
   }
 

@@ -212,7 +212,8 @@ TEST(Golden, StreamsLoad) {
     ++n_streams;
     const bool is_cut = file.path().filename().string().starts_with("bitvector_cut");
     const loaded_t loaded =
-        load(content_of(file.path()), {"golden", is_cut ? BVP_TBLID : 7, MPOOL_TYPE_DRAM, ARRAY_LOAD_POOL_BY_SIZE, 0});
+        load(content_of(file.path()), {"golden", is_cut ? BVP_TBLID : 7, MPOOL_TYPE_DRAM, ARRAY_LOAD_POOL_BY_SIZE, 0,
+                                       ARRAY_LOAD_ANY_VERSION, ARRAY_LOAD_ANY_SIZE});
     ASSERT_NE(loaded.array, nullptr) << loaded.error;
     expect_same(file.path().filename(), cut_stream_of(loaded.array.get()), content_of(file.path()));
   }
