@@ -68,10 +68,14 @@ static void check_report(const inspect::report_t &report, const inspect::store_t
 }
 
 // One of them for each input: they take far longer than the analysis.
-static void show(const inspect::report_t &report, size_t choice) {
+static void show(const inspect::report_t &report, inspect::slot_rows_t *rows, size_t choice) {
   const inspect::reports_t reports = {report};
   if (choice % 16 == 0) {
-    const nlohmann::json json = nlohmann::json::parse(inspect::json_of(reports), nullptr, false);
+    std::string text;
+    inspect::json_writer_t writer([&text](const std::string &piece) { text += piece; });
+    writer.add(report, rows);
+    writer.end();
+    const nlohmann::json json = nlohmann::json::parse(text, nullptr, false);
     need(!json.is_discarded() && json["arrays"][0]["sound"] == report.is_sound(), "JSON can be read back");
   } else if (choice % 16 == 1) {
     need(inspect::svg_of(reports).size() < 1 << 20, "a picture of bounded size");
@@ -103,9 +107,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const inspect::options_t options = {kinds[(choice >> 5) & 3], choice & 31u};
   for (const bool is_stream : {true, false}) {
     bytes_store_t store(data, size, is_stream);
-    const inspect::report_t report = inspect::analyse(&store, options);
+    const inspect::analysed_t analysed = inspect::analyse(&store, options);
+    const inspect::report_t &report = analysed.report;
     check_report(report, store);
-    show(report, size);
+    show(report, analysed.rows.get(), size);
     if (is_stream) compare_with_loader(report, data, size, options.kind);
   }
   return 0;

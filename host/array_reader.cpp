@@ -53,6 +53,7 @@ class reader_t {
 
   bool options_are_sound();
   bool read_headers();
+  uint32_t direct_slots() const;
   bool create();
   bool fill();
   bool fill_slot(uint32_t idx, char *slot);
@@ -106,12 +107,23 @@ bool reader_t::read_headers() {
 
 // ---- Slots ---------------------------------------------------------------------------------------------------------
 
+uint32_t reader_t::direct_slots() const {
+  switch (source_->places()) {
+    case slot_places_t::IN_BLOCK0:
+      return check_.shape().n_used;
+    case slot_places_t::IN_DATA_BLOCKS:
+      return 0;
+    default:
+      return check_.shape().n_direct;
+  }
+}
+
 bool reader_t::create() {
-  array_.reset(get_default_dyn_array_ex_ex(
-      check_.hdr().hdr_size, static_cast<int32_t>(check_.record_size()), static_cast<int32_t>(check_.shape().n_direct),
-      options_->mem_type, options_->tbl_id, options_->ctx_name, check_.shape().daflag, check_.hdr().rec_version));
+  array_.reset(get_default_dyn_array_ex_ex(check_.hdr().hdr_size, static_cast<int32_t>(check_.record_size()),
+                                           static_cast<int32_t>(direct_slots()), options_->mem_type, options_->tbl_id,
+                                           options_->ctx_name, check_.shape().daflag, check_.hdr().rec_version));
   if (array_ == nullptr) return check_.refuse_at(pos_, "no memory for block 0");
-  // All that stands ahead of DynArrHdr_t, whose counts are the new array's own.
+  // All that stands before DynArrHdr_t, whose counts are the new array's own.
   memcpy(array_->arr_base, headers_.get(), check_.arr_hdr_at());
   return true;
 }

@@ -31,7 +31,10 @@ static bool copy_slots(dynarr_t *from, dynarr_t *to) {
     void *const slot = slot_for_copy(to, idx);
     const void *const source = tslb_da_get_ptr(from, idx);
     if (slot == nullptr || source == nullptr) return false;
-    memcpy(static_cast<char *>(slot) - shift, static_cast<const char *>(source) - shift, slot_bytes);
+    char *const slot_start = static_cast<char *>(slot) - shift;
+    const char *const source_start = static_cast<const char *>(source) - shift;
+    // Zeroes over new memory would only make the machine give pages for it.
+    if (memcmp(slot_start, source_start, slot_bytes) != 0) memcpy(slot_start, source_start, slot_bytes);
   }
   return true;
 }
