@@ -25,7 +25,7 @@ array_load_options_t options_for(const uint8_t *data, size_t size) {
   const uint8_t choice = size > offsetof(DynHdr_t, rec_version) ? data[offsetof(DynHdr_t, rec_version)] : 0;
   static const uint8_t kinds[] = {ARRAY_LOAD_POOL_BY_SIZE, ARRAY_LOAD_POOL_BY_SIZE, ARRAY_LOAD_ANY, ARRAY_LOAD_POOL};
   const char mem_type = (choice & 0x80) != 0 ? MPOOL_TYPE_DRAM_TMP : MPOOL_TYPE_DRAM;
-  return {"fuzz", 7, mem_type, kinds[(choice >> 5) & 3], 1 << 20};
+  return {"fuzz", 7, mem_type, kinds[(choice >> 5) & 3], 1 << 20, ARRAY_LOAD_ANY_VERSION, ARRAY_LOAD_ANY_SIZE};
 }
 
 void expect_told(DynamicArray_t array, const char *error) {

@@ -68,10 +68,14 @@ static void check_report(const inspect::report_t &report, const inspect::store_t
 }
 
 // One of them for each input: they take far longer than the analysis.
-static void show(const inspect::report_t &report, size_t choice) {
+static void show(const inspect::report_t &report, inspect::slot_rows_t *rows, size_t choice) {
   const inspect::reports_t reports = {report};
   if (choice % 16 == 0) {
-    const nlohmann::json json = nlohmann::json::parse(inspect::json_of(reports), nullptr, false);
+    std::string text;
+    inspect::json_writer_t writer([&text](const std::string &piece) { text += piece; });
+    writer.add(report, rows);
+    writer.end();
+    const nlohmann::json json = nlohmann::json::parse(text, nullptr, false);
     need(!json.is_discarded() && json["arrays"][0]["sound"] == report.is_sound(), "JSON can be read back");
   } else if (choice % 16 == 1) {
     need(inspect::svg_of(reports).size() < 1 << 20, "a picture of bounded size");
@@ -86,7 +90,8 @@ static void compare_with_loader(const inspect::report_t &report, const uint8_t *
     return;
   const int fd = memfd_create("stream", MFD_CLOEXEC);
   if (fd < 0 || write(fd, data, size) != static_cast<ssize_t>(size) || lseek(fd, 0, SEEK_SET) != 0) abort();
-  const array_load_options_t options = {nullptr, 7, MPOOL_TYPE_DRAM, kind, 0};
+  const array_load_options_t options = {
+      nullptr, 7, MPOOL_TYPE_DRAM, kind, 0, ARRAY_LOAD_ANY_VERSION, ARRAY_LOAD_ANY_SIZE};
   char error[256];
   const DynamicArray_t array = array_load_stream(fd, &options, error, sizeof(error));
   close(fd);
@@ -102,9 +107,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const inspect::options_t options = {kinds[(choice >> 5) & 3], choice & 31u};
   for (const bool is_stream : {true, false}) {
     bytes_store_t store(data, size, is_stream);
-    const inspect::report_t report = inspect::analyse(&store, options);
+    const inspect::analysed_t analysed = inspect::analyse(&store, options);
+    const inspect::report_t &report = analysed.report;
     check_report(report, store);
-    show(report, size);
+    show(report, analysed.rows.get(), size);
     if (is_stream) compare_with_loader(report, data, size, options.kind);
   }
   return 0;

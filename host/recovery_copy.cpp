@@ -1,5 +1,5 @@
-// The copy that stands behind conversions that change no record: every header field that describes the
-// content, and every slot with its nodes, from one array into a fresh one of the same geometry.
+// Copies an array into another one of the same geometry: every header field that describes the content, and every slot
+// with its nodes. Conversions that change no record use it.
 #include <stdio.h>
 #include <string.h>
 
@@ -13,17 +13,28 @@ static bool same_geometry(dynarr_t *from, dynarr_t *to) {
          tslb_da_get_record_size(from) == tslb_da_get_record_size(to);
 }
 
-// Issues ids in `to` until it has as many as `from`, then copies slot by slot. False if `to` ran full.
+// Returns slot `idx` of `to`, and issues that id if it is the next one. Null if memory for it was refused. Such an id
+// stays issued, so a missing slot of an issued id is a failure: the next id would be another slot.
+static void *slot_for_copy(dynarr_t *to, uint32_t idx) {
+  if (idx < tslb_da_get_size(to)) return tslb_da_get_ptr(to, idx);
+  void *slot = nullptr;
+  get_dyn_arr_new_record_id_ex(to, &slot, to->daflag);
+  return slot;
+}
+
+// Copies slot by slot. False if memory was refused.
 static bool copy_slots(dynarr_t *from, dynarr_t *to) {
   int shift = 0;
   const uint32_t slot_bytes = tslb_da_get_slotsz(from, &shift);
   const uint32_t n_used = tslb_da_get_size(from);
   for (uint32_t idx = 0; idx < n_used; ++idx) {
-    void *slot = idx < tslb_da_get_size(to) ? tslb_da_get_ptr(to, idx) : nullptr;
-    if (slot == nullptr) get_dyn_arr_new_record_id_ex(to, &slot, to->daflag);
+    void *const slot = slot_for_copy(to, idx);
     const void *const source = tslb_da_get_ptr(from, idx);
     if (slot == nullptr || source == nullptr) return false;
-    memcpy(static_cast<char *>(slot) - shift, static_cast<const char *>(source) - shift, slot_bytes);
+    char *const slot_start = static_cast<char *>(slot) - shift;
+    const char *const source_start = static_cast<const char *>(source) - shift;
+    // Zeroes over new memory would only make the machine give pages for it.
+    if (memcmp(slot_start, source_start, slot_bytes) != 0) memcpy(slot_start, source_start, slot_bytes);
   }
   return true;
 }

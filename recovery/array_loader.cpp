@@ -2,7 +2,10 @@
 #include <tslb/array_loader.h>
 
 #include <errno.h>
+#include <limits.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 
@@ -10,8 +13,8 @@
 
 namespace {
 
-// Reads ahead: slots can be a few bytes, and a system call for each would cost more than all else.
-class stream_t final : public image_source_t {
+// Reads more than it is asked for: slots can be a few bytes, and a system call for each would cost more than all else.
+class stream_t : public image_source_t {
  public:
   explicit stream_t(int fd) : fd_(fd) {}
 
@@ -50,7 +53,8 @@ class stream_t final : public image_source_t {
  private:
   size_t take_buffered(void *to, size_t bytes) {
     const size_t taken = std::min(bytes, end_ - begin_);
-    memcpy(to, buffer_ + begin_, taken);
+    // New memory is zero already, and takes none of the machine's until it is written.
+    if (memcmp(to, buffer_ + begin_, taken) != 0) memcpy(to, buffer_ + begin_, taken);
     begin_ += taken;
     told_ += taken;
     return taken;
@@ -79,7 +83,46 @@ class stream_t final : public image_source_t {
   char buffer_[16384];
 };
 
+// A stream whose array is converted and written again.
+class converted_stream_t final : public stream_t {
+ public:
+  explicit converted_stream_t(int fd) : stream_t(fd), bytes_(bytes_left(fd)) {}
+
+  bool expect(const image_shape_t &shape, refusal_t *) override {
+    n_direct_ = shape.n_direct;
+    // A pool's last slot can be cut.
+    const uint64_t whole_slots = shape.n_used != 0 ? shape.n_used - 1 : 0;
+    const uint64_t image_bytes = shape.header_bytes + shape.slot_bytes * shape.n_used;
+    const bool is_there = bytes_ >= shape.header_bytes + shape.slot_bytes * whole_slots;
+    places_ = is_there && image_bytes <= INT_MAX ? slot_places_t::IN_BLOCK0 : slot_places_t::IN_DATA_BLOCKS;
+    return true;
+  }
+  slot_places_t places() const override { return places_; }
+  uint32_t n_direct() const { return n_direct_; }
+
+ private:
+  // Of a regular file, what lies after the descriptor's position; of anything else nothing is certain.
+  static uint64_t bytes_left(int fd) {
+    struct stat about;
+    if (fstat(fd, &about) != 0 || !S_ISREG(about.st_mode)) return 0;
+    const off_t at = lseek(fd, 0, SEEK_CUR);
+    return at >= 0 && at < about.st_size ? static_cast<uint64_t>(about.st_size - at) : 0;
+  }
+
+  const uint64_t bytes_;
+  slot_places_t places_ = slot_places_t::IN_DATA_BLOCKS;
+  uint32_t n_direct_ = 0;
+};
+
 }  // namespace
+
+DynamicArray_t load_stream_for_conversion(int fd, const array_load_options_t *options, refusal_t *refusal,
+                                          uint32_t *n_direct) {
+  converted_stream_t stream(fd);
+  const DynamicArray_t array = load_image(&stream, options, refusal);
+  *n_direct = stream.n_direct();
+  return array;
+}
 
 DynamicArray_t array_load_stream(int fd, const array_load_options_t *options, char *error, size_t error_size) {
   refusal_t refusal(error, error_size);

@@ -2,11 +2,13 @@
  * process memory again, with its records, nodes, lists, user header and counts. block_files.h does the same from the
  * files of an MPOOL_TYPE_SHM array.
  *
- * Nothing that is read is trusted. An array that comes out holds what the library relies on: list roots and links name
- * slots, lists are as long as their counters say and end where their tails say, each slot that claims to be on a list
- * is on it once, and a pool's cursor stands in one of its slots. Whatever contradicts that is refused as a whole. The
- * contents of records, the counters of a pool's memory slots among them, and of a user header that is not a pool's, are
- * the host's to judge.
+ * Nothing that is read is trusted. An array that comes out holds what the library relies on: slots have a status that
+ * exists, list roots and links name slots, lists are as long as their counters say and end where their tails say, each
+ * slot that claims to be on a list is on it once, a pool's cursor stands in one of its slots, and the counters of memory
+ * slots stay within the slot and the cursor. An image that contradicts that is refused as a whole. The contents of
+ * records, of chunks (pool_check of array_check.h looks at those) and of a user header that is not a pool's are the
+ * host's to judge. What the host knows of its records' layout it gives with the options: an array of another
+ * version or size is refused, since every write to it would go to the wrong place.
  *
  * Memory is taken as bytes arrive: at any moment block 0, one data block, and an amount that grows in step with what
  * was read. A stream that claims more than it holds costs no more. */
@@ -24,12 +26,19 @@ enum {
   ARRAY_LOAD_POOL_BY_SIZE = 2, /* as a pool's if it has the size of one, 56 bytes */
 };
 
+/* What matches every array. */
+#define ARRAY_LOAD_ANY_VERSION (-1) /* for rec_version */
+#define ARRAY_LOAD_ANY_SIZE 0u      /* for record_size */
+
+/* A field that is left out is 0: rec_version then expects version 0. */
 typedef struct array_load_options_t {
   const char *ctx_name;     /* name of the new array, or NULL */
   int64_t tbl_id;           /* its table id; the low 32 bits are kept */
   char mem_type;            /* MPOOL_TYPE_*, but neither of _SHM and _PMEM: it is made in process memory */
   uint8_t kind;             /* ARRAY_LOAD_* */
   uint64_t max_block_bytes; /* what block 0, or a data block of 16 slots, may take; 0: as much as creation allows */
+  int16_t rec_version;      /* version of the host's records, 0 to 255, or ARRAY_LOAD_ANY_VERSION */
+  uint32_t record_size;     /* bytes of a record without nodes, or ARRAY_LOAD_ANY_SIZE */
 } array_load_options_t;
 
 /* Reads one stream to its end.

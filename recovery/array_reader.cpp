@@ -1,5 +1,5 @@
 // The reading that all sources share, front to back: headers and what they contradict, a new array of that geometry,
-// slot after slot into its place, and then a walk over both lists.
+// slot after slot into its place, and then the checks of all slots and lists.
 #include "array_reader.h"
 
 #include <errno.h>
@@ -42,8 +42,9 @@ class reader_t {
   DynamicArray_t load() {
     const bool loaded =
         options_are_sound() && read_headers() && check_.headers_are_sound(headers_.get(), options_->max_block_bytes) &&
+        check_.records_are_expected(options_->rec_version, options_->record_size) &&
         check_.pool_is_sound(options_->kind, options_->mem_type) && source_->expect(check_.shape(), refusal_) &&
-        create() && fill() && check_.lists_are_sound(array_.get());
+        create() && fill() && check_.slots_are_sound(array_.get());
     return loaded ? array_.release() : nullptr;
   }
 
@@ -52,6 +53,7 @@ class reader_t {
 
   bool options_are_sound();
   bool read_headers();
+  uint32_t direct_slots() const;
   bool create();
   bool fill();
   bool fill_slot(uint32_t idx, char *slot);
@@ -84,6 +86,10 @@ bool reader_t::options_are_sound() {
     refusal_->add("option kind %u is not known", options_->kind);
     return false;
   }
+  if (options_->rec_version < ARRAY_LOAD_ANY_VERSION || options_->rec_version > UINT8_MAX) {
+    refusal_->add("option rec_version %d is none that an array can have", options_->rec_version);
+    return false;
+  }
   return true;
 }
 
@@ -101,12 +107,23 @@ bool reader_t::read_headers() {
 
 // ---- Slots ---------------------------------------------------------------------------------------------------------
 
+uint32_t reader_t::direct_slots() const {
+  switch (source_->places()) {
+    case slot_places_t::IN_BLOCK0:
+      return check_.shape().n_used;
+    case slot_places_t::IN_DATA_BLOCKS:
+      return 0;
+    default:
+      return check_.shape().n_direct;
+  }
+}
+
 bool reader_t::create() {
-  array_.reset(get_default_dyn_array_ex_ex(
-      check_.hdr().hdr_size, static_cast<int32_t>(check_.record_size()), static_cast<int32_t>(check_.shape().n_direct),
-      options_->mem_type, options_->tbl_id, options_->ctx_name, check_.shape().daflag, check_.hdr().rec_version));
+  array_.reset(get_default_dyn_array_ex_ex(check_.hdr().hdr_size, static_cast<int32_t>(check_.record_size()),
+                                           static_cast<int32_t>(direct_slots()), options_->mem_type, options_->tbl_id,
+                                           options_->ctx_name, check_.shape().daflag, check_.hdr().rec_version));
   if (array_ == nullptr) return check_.refuse_at(pos_, "no memory for block 0");
-  // All that stands ahead of DynArrHdr_t, whose counts are the new array's own.
+  // All that stands before DynArrHdr_t, whose counts are the new array's own.
   memcpy(array_->arr_base, headers_.get(), check_.arr_hdr_at());
   return true;
 }

@@ -7,6 +7,11 @@
 #include <tslb/array_loader.h>
 #include "array_check_internal.h"
 
+// Where slots of a new array lie: in block 0 and data blocks as the image says; or all that are in use in block 0; or all
+// in data blocks, so that memory is made as they are read. The last two do not make the memory of a direct area that the
+// image claims and does not use, and their arrays have an n_direct of their own.
+enum class slot_places_t { AS_STORED, IN_BLOCK0, IN_DATA_BLOCKS };
+
 // The flat image of one array, front to back.
 class image_source_t : public image_places_t {
  public:
@@ -18,6 +23,8 @@ class image_source_t : public image_places_t {
   virtual int ends_here(refusal_t *refusal) = 0;
   // A pool's last slot can end with the bytes that its cursor has reached.
   virtual bool may_be_cut() const = 0;
+  // After expect.
+  virtual slot_places_t places() const { return slot_places_t::AS_STORED; }
 
  protected:
   ~image_source_t() = default;
@@ -26,7 +33,12 @@ class image_source_t : public image_places_t {
 // read(2) until `bytes` are there or the descriptor ends; -1 with errno set.
 ssize_t read_fully(int fd, void *to, size_t bytes);
 
-// A new array with the content of the source; null after the refusal was told.
+// Returns a new array with the content of the source, or null after the refusal was written.
 DynamicArray_t load_image(image_source_t *source, const array_load_options_t *options, refusal_t *refusal);
+
+// The same of a stream, for conversions. Slots lie in block 0 if the bytes for them are there for certain, in data blocks
+// otherwise. Pages of them that are zero take no memory. Receives the stream's own n_direct.
+DynamicArray_t load_stream_for_conversion(int fd, const array_load_options_t *options, refusal_t *refusal,
+                                          uint32_t *n_direct);
 
 #endif

@@ -13,7 +13,6 @@
 
 namespace {
 
-constexpr uint64_t SLOTS_PER_BLOCK = 16;
 constexpr int NAME_CHARS = sizeof(DynArrHandle_t::ctx_name) - 1;  // what a handle keeps of a context's name
 
 struct path_t {
@@ -49,7 +48,7 @@ class block_files_t final : public image_source_t {
   }
 
   bool expect(const image_shape_t &shape, refusal_t *refusal) override {
-    block_bytes_ = shape.slot_bytes * SLOTS_PER_BLOCK;
+    block_bytes_ = shape.slot_bytes * TSLB_SLOTS_PER_BLOCK;
     block0_bytes_ = shape.header_bytes + shape.slot_bytes * shape.n_direct;
     block_end_ = block0_bytes_;
     return has_size(block0_bytes_, refusal);
@@ -60,7 +59,8 @@ class block_files_t final : public image_source_t {
   bool may_be_cut() const override { return false; }
 
   void tell_place(uint64_t pos, refusal_t *refusal) const override {
-    const bool in_block0 = block0_bytes_ == 0 || pos < block0_bytes_;
+    // Without headers, and with slots that have no bytes, there is no other block.
+    const bool in_block0 = block_bytes_ == 0 || pos < block0_bytes_;
     const uint64_t beyond = in_block0 ? 0 : pos - block0_bytes_;
     tell_file(in_block0 ? 0 : beyond / block_bytes_ + 1, refusal);
     refusal->add("byte %llu", static_cast<unsigned long long>(in_block0 ? pos : beyond % block_bytes_));

@@ -1,5 +1,6 @@
 // One array from its stream in the newer layout to its stream in an older one. Everything is decided, converted and
-// compared in memory ahead of the first byte of output.
+// compared in memory before the first byte of output. That memory is in step with the stream: a direct area that its
+// headers claim and do not use is only written to the older headers.
 #include <tslb/recovery_driver.h>
 
 #include <errno.h>
@@ -173,11 +174,17 @@ struct array_release_t {
 };
 using array_t = std::unique_ptr<DynArrHandle_t, array_release_t>;
 
-array_t load(const way_t &way, int fd, char *error, size_t error_size) {
+array_t load(const way_t &way, int fd, refusal_t *refusal, uint32_t *n_direct) {
   const uint8_t library_kind = way.is_pool() ? ARRAY_LOAD_POOL : ARRAY_LOAD_POOL_BY_SIZE;
-  const array_load_options_t options = {nullptr, 0, MPOOL_TYPE_DRAM,
-                                        way.is_lib ? library_kind : uint8_t{ARRAY_LOAD_ANY}, 0};
-  return array_t(array_load_stream(fd, &options, error, error_size));
+  // Any layout: an array of another one has a result of its own.
+  const array_load_options_t options = {.ctx_name = nullptr,
+                                        .tbl_id = 0,
+                                        .mem_type = MPOOL_TYPE_DRAM,
+                                        .kind = way.is_lib ? library_kind : uint8_t{ARRAY_LOAD_ANY},
+                                        .max_block_bytes = 0,
+                                        .rec_version = ARRAY_LOAD_ANY_VERSION,
+                                        .record_size = ARRAY_LOAD_ANY_SIZE};
+  return array_t(load_stream_for_conversion(fd, &options, refusal, n_direct));
 }
 
 // Without a name, so that nothing of it is redo logged, and without a pool's table id, so that its last slot is written
@@ -221,6 +228,39 @@ bool convert(const way_t &way, dynarr_t *source, dynarr_t *destination) {
   // and its last slots be left out of the stream.
   destination->daflag = source->daflag;
   return way.is_lib ? has_all_of(source, destination) : tslb_da_get_size(destination) == tslb_da_get_size(source);
+}
+
+// ---- Output --------------------------------------------------------------------------------------------------------
+
+struct output_t {
+  int fd;
+  uint32_t slot_bytes;
+  int n_written;
+};
+
+int write_slots(DynamicArray_t array, void *block, int n_slots, size_t, int hdr_size, int level, int, int, void *user) {
+  output_t *const output = static_cast<output_t *>(user);
+  return tslb_dump_data_into_dds_file(array->ctx_name, static_cast<char *>(block) + hdr_size, n_slots,
+                                      get_dyn_hdr(array), level, 0, output->slot_bytes, output->fd, &output->n_written,
+                                      0);
+}
+
+// Writes what tslb_create_dump_for_dynarr writes of an array with `n_direct`, wherever slots of this one lie.
+bool write_stream(dynarr_t *array, uint32_t n_direct, int fd) {
+  DynArrHdr_t *const hdr = get_dyn_hdr(array);
+  const uint32_t own_n_direct = hdr->n_direct, own_n_alloc = hdr->n_alloc;
+  const uint32_t n_beyond = hdr->n_used > n_direct ? hdr->n_used - n_direct : 0;
+  hdr->n_direct = n_direct;
+  hdr->n_alloc = n_direct + (n_beyond + 15) / 16 * 16;
+  output_t output = {fd, tslb_da_get_slotsz(array, nullptr), 0};
+  const bool has_headers =
+      tslb_dump_data_into_dds_file(array->ctx_name, array->arr_base, 0, hdr, 0, tslb_dynmem_get_hdrsz(array),
+                                   output.slot_bytes, fd, &output.n_written, 0) >= 0;
+  hdr->n_direct = own_n_direct;
+  hdr->n_alloc = own_n_alloc;
+  if (!has_headers) return false;
+  tslb_iterate_dyn_array_blocks(array, write_slots, &output);
+  return static_cast<uint32_t>(output.n_written) == hdr->n_used;
 }
 
 // ---- Counts --------------------------------------------------------------------------------------------------------
@@ -268,7 +308,8 @@ recovery_result_t recovery_convert_stream(int fd_in, int fd_out, const recovery_
   refusal_t refusal(error, error_size);
   way_t way;
   if (!find_way(*conversion, &way, &refusal)) return RECOVERY_NO_WAY;
-  const array_t source = load(way, fd_in, error, error_size);  // tells its refusal itself
+  uint32_t n_direct = 0;
+  const array_t source = load(way, fd_in, &refusal, &n_direct);
   if (source == nullptr) return RECOVERY_BAD_STREAM;
   if (!source_fits(way, source.get(), &refusal)) return RECOVERY_DOES_NOT_FIT;
 
@@ -283,8 +324,9 @@ recovery_result_t recovery_convert_stream(int fd_in, int fd_out, const recovery_
     refusal.add("the routine that takes %s to version %u left records out", way.type->name, way.target);
     return RECOVERY_FAILED;
   }
-  size_t written = 0;
-  if (conversion->dry_run == 0 && tslb_create_dump_for_dynarr(destination.get(), fd_out, 0, &written) != 0) {
+  // Of a catalogue type all records become direct.
+  if (!way.is_lib) n_direct = get_dyn_hdr(destination.get())->n_direct;
+  if (conversion->dry_run == 0 && !write_stream(destination.get(), n_direct, fd_out)) {
     refusal.add("the older array could not be written to its end");
     return RECOVERY_NOT_WRITTEN;
   }

@@ -19,7 +19,10 @@
  *                   passes again. What is looked at is the kind of pool. The host's copy here changes no content.
  *
  * For the last three a user header of 56 bytes is read as a pool's, and refused if it contradicts itself. A pool's last
- * slot that was cut comes out whole. */
+ * slot that was cut comes out whole.
+ *
+ * Both arrays are in memory, with the slots whose bytes were read: a direct area that the headers claim and do not use
+ * costs nothing. */
 #ifndef RECOVERY_DRIVER_H
 #define RECOVERY_DRIVER_H
 

@@ -107,7 +107,7 @@ bool applier_t::apply_growth() {
 bool applier_t::make_slots(uint64_t count) {
   if (count > max_slots_)
     return refuse("slot %llu, and %u are allowed", static_cast<unsigned long long>(count - 1), max_slots_);
-  if (count > array_->n_direct + IDS_BEYOND_DIRECT)
+  if (count > array_->n_direct + TSLB_IDS_BEYOND_DIRECT)
     return refuse("slot %llu is beyond what an array can have", static_cast<unsigned long long>(count - 1));
   while (tslb_da_get_size(array_) < count) {
     void *record;

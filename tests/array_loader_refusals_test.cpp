@@ -1,16 +1,21 @@
 // What the loaders refuse as a whole, with a line that says what and where.
+#include <tslb/block_files.h>
 #include "fault_alloc.h"
 #include "loader_support.h"
 
 static array_load_options_t of_kind(uint8_t kind, char mem_type = MPOOL_TYPE_DRAM) {
-  return {"ctx", 12, mem_type, kind, 0};
+  return {"ctx", 12, mem_type, kind, 0, ARRAY_LOAD_ANY_VERSION, ARRAY_LOAD_ANY_SIZE};
+}
+static array_load_options_t expecting(int16_t rec_version, uint32_t record_size) {
+  return {"ctx", 12, MPOOL_TYPE_DRAM, ARRAY_LOAD_ANY, 0, rec_version, record_size};
 }
 static array_load_options_t blocks_up_to(uint64_t bytes) {
-  return {"ctx", 12, MPOOL_TYPE_DRAM, ARRAY_LOAD_ANY, bytes};
+  return {"ctx", 12, MPOOL_TYPE_DRAM, ARRAY_LOAD_ANY, bytes, ARRAY_LOAD_ANY_VERSION, ARRAY_LOAD_ANY_SIZE};
 }
 
 TEST(ArrayLoader, WhatTheCallerWants) {
   const std::string array = stream_of(slot_array(0, 12, 3, 0, 9).get());
+  const std::string parked = stream_of(slot_array(0, 12, 3, TSLB_DA_DAFLAG_INLL, 9).get());
   const std::string pool = stream_of(chunk_pool(BIG_BUFFER, 5).get());
   const std::string same_size = stream_of(slot_array(56, 12, 4, 0, 3).get());
   const std::string other_size = stream_of(slot_array(20, 12, 4, 0, 3).get());
@@ -27,6 +32,15 @@ TEST(ArrayLoader, WhatTheCallerWants) {
       {"memory that is not available asked for", array, of_kind(ARRAY_LOAD_ANY, MPOOL_TYPE_PMEM),
        "option mem_type 2 is not in process memory"},
       {"a kind from the future", array, of_kind(3), "option kind 3 is not known"},
+      {"the expected layout refused", array, expecting(0xC3, 12), ""},
+      {"a version read with its sign", array, expecting(0xC3, ARRAY_LOAD_ANY_SIZE), ""},
+      {"records of another version loaded", array, expecting(0, 12), "byte 1: rec_version 195, where 0 is expected"},
+      {"records of another size loaded", array, expecting(ARRAY_LOAD_ANY_VERSION, 13),
+       "byte 20: record_size 12, where 13 is expected"},
+      {"nodes counted as the record's", parked, expecting(0xC3, 12), ""},
+      {"a version that no array has", array, expecting(256, 12),
+       "option rec_version 256 is none that an array can have"},
+      {"any negative version is any", array, expecting(-2, 12), "option rec_version -2 is none that an array can have"},
       {"a pool is a pool only if it is said", pool, of_kind(ARRAY_LOAD_ANY), ""},
       {"a pool is not recognised", pool, of_kind(ARRAY_LOAD_POOL_BY_SIZE), ""},
       {"another header of that size passes for a pool's", same_size, of_kind(ARRAY_LOAD_POOL_BY_SIZE),
@@ -171,14 +185,14 @@ TEST_F(Contradictions, OfHeadersAndLists) {
 
           {"free list begins outside", put(LLI, 8), "8: the free list names slot 8 of 8"},
           {"free list leads outside", put(next(4), 9), "188: the free list names slot 9 of 8"},
-          {"free ring", put(next(7), 1), "32: the free list counts 3 slots and goes on behind them"},
+          {"free ring", put(next(7), 1), "263: the free list comes back to slot 1"},
           {"active slot on the free list", put(status(4), 2), "184: status 2 on the free list, slot 4"},
           {"free list is shorter", put(LLI + 24, 4), "32: the free list counts 4 slots and has 3"},
           {"count beyond all slots", put(LLI + 24, 9), "32: the free list counts 9 slots of 8"},
           {"tail that is not the last", put(LLI + 4, 4), "12: tail 4 of the free list, which ends with 7"},
           {"tail alone", put(LLI, NIL) + put(LLI + 24, 0), "12: tail 7 of the free list, which ends with 4294967295"},
           {"free on no list", put(LLI, NIL) + put(LLI + 4, NIL) + put(LLI + 24, 0),
-           "32: 3 slots say that they are free, n_free counts 0"},
+           "109: slot 1 says that it is free and is not on that list"},
 
           {"inactive list begins outside", put(LLI + 8, 77), "16: the inactive list names slot 77 of 8"},
           {"active slot on the inactive list", put(status(3), 2), "159: status 2 on the inactive list, slot 3"},
@@ -187,7 +201,13 @@ TEST_F(Contradictions, OfHeadersAndLists) {
            "101: prev 3 of slot 0 on the inactive list, where 4294967295 comes before it"},
           {"inactive list is shorter", put(LLI + 16, 3), "24: the inactive list counts 3 slots and has 2"},
           {"inactive tail", put(LLI + 12, 0), "20: tail 0 of the inactive list, which ends with 3"},
-          {"inactive on no list", put(status(2), 3), "24: 3 slots say that they are inactive, n_inact counts 2"},
+          {"inactive on no list", put(status(2), 3), "134: slot 2 says that it is inactive and is not on that list"},
+
+          {"status 4", put(status(2), 4), "134: status 4 of slot 2 is none that a slot can have"},
+          {"status without its highest bit", put(status(6), 0x7FFFFFFF),
+           "234: status 2147483647 of slot 6 is none that a slot can have"},
+          {"active slot with a link", put(next(5), 0), "213: active slot 5 has a link to 0"},
+          {"active slot with a back link", put(prev(5), 0), "226: active slot 5 has a back link to 0"},
       });
 }
 
@@ -197,7 +217,7 @@ TEST_F(Contradictions, OfAnArrayWithoutAnInactiveList) {
                         {{"inactive head", put(LLI + 8, 0), error},
                          {"inactive tail", put(LLI + 12, 0), error},
                          {"inactive count", put(LLI + 16, 1), error},
-                         {"inactive slot", put(SLOTS, 3), "24: 1 slots say that they are inactive, n_inact counts 0"}});
+                         {"inactive slot", put(SLOTS, 3), "84: status 3 of slot 0, and there is no inactive list"}});
 }
 
 TEST_F(Contradictions, OfPools) {
@@ -216,6 +236,37 @@ TEST_F(Contradictions, OfPools) {
           {"offset behind a slot that is none", put(16, 0xFFFFFFFF) + put(20, 65),
            "20: cur_slot_addr stands at byte 65 of a slot of 64"},
       });
+  // Slot 1 was taken, filled and freed; slot 0 holds two chunks of 24 and 32 bytes, slot 2 is current.
+  const std::string stream = stream_of(array.get());
+  ASSERT_EQ(read_at<uint32_t>(stream.data(), 140 + 80), uint32_t{TSLB_DA_SLOT_FREE});
+  const uint32_t used = read_at<uint32_t>(stream.data(), 140 + 2 * 80 + 8);
+  const std::string went_back = "308: bytes_used " + std::to_string(used) +
+                                " of the current slot, 2, where the cursor has only reached " +
+                                std::to_string(used - 8);
+  expect_contradictions(
+      stream, POOL,
+      {
+          {"current slot that is free", put(16, 1), "220: status 1 of the current slot, 1"},
+          {"more deleted than used", put(152, 57), "152: bytes_del 57 of slot 0, where bytes_used is 56"},
+          {"more used than a slot has", put(148, 65), "148: bytes_used 65 of slot 0, which has 64"},
+          {"cursor that went back", put(20, used - 8), went_back.c_str()},
+      });
+  // What a killed process or a host's own bits leave.
+  const struct {
+    const char *fault;
+    std::function<void(char *)> change;
+  } remarks[] = {
+      {"bits of a host's own slot_type", [](char *bytes) { bytes[8] |= 0x2C; }},
+      {"chunk that was reserved and not counted", [used](char *bytes) { write_at(bytes, 308, used - 8); }},
+      {"chunk that the total does not have yet", [](char *bytes) { write_at(bytes, 24, uint64_t{0}); }},
+      {"slot that never became current", [](char *bytes) { write_at(bytes, 148, 0xFFFFFFFFu); }},
+      {"total that another process counted", [](char *bytes) { write_at(bytes, 48, uint64_t{1}); }},
+  };
+  for (const auto &row : remarks) {
+    std::string changed = stream;
+    row.change(changed.data());
+    EXPECT_EQ(load(changed, POOL).error, "") << row.fault;
+  }
   std::string none = stream_of(array.get());
   write_at(none.data(), 16, uint64_t{0xFFFFFFFF});
   EXPECT_NE(load(none, POOL).array, nullptr) << "a cursor in no slot is not in a wrong one";
@@ -293,4 +344,23 @@ TEST(ArrayLoader, EveryRefusedAllocationIsARefusedLoad) {
     EXPECT_EQ(std::string(error).find("no memory for ") != std::string::npos, struck) << error;
   }
   EXPECT_GT(nth, 20) << "headers, handle, block 0, tables and 18 blocks";
+}
+
+// No data block of such an array has a byte, so no position lies in one.
+TEST(ArrayLoader, RefusedMemoryForBlockFilesOfNoBytes) {
+  const base_path_t base;
+  slot_array(0, 0, 4, 0, 0, MPOOL_TYPE_SHM);
+  for (const int nth : {1, 2, 3}) {
+    char error[512];
+    array_t array;
+    stderr_of([&] {
+      const fault_t fault(nth);
+      array.reset(array_load_block_files(base.path.c_str(), &ANY, error, sizeof(error)));
+      EXPECT_TRUE(fault.struck());
+    });
+    EXPECT_EQ(array, nullptr);
+    const std::string place =
+        base.path.string() + "/ctx/12.0.darr: byte " + (nth == 1 ? "8" : "24") + ": no memory for ";
+    EXPECT_EQ(std::string(error).find(place), 0u) << error;
+  }
 }

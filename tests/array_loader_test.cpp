@@ -180,9 +180,13 @@ TEST_F(BlockFiles, LongNamesAndNegativeIds) {
   const array_t original(get_default_dyn_array_ex(0, 8, 1, MPOOL_TYPE_SHM, -3, name.c_str(), 0));
   for (int i = 0; i < 9; ++i)
     write_at(tslb_da_get_ptr(original.get(), tslb_da_get_newidx(original.get())), 0, i + 0x123456789LL);
-  const loaded_t loaded = load_files({name.c_str(), -3, MPOOL_TYPE_DRAM, ARRAY_LOAD_ANY, 0});
+  const loaded_t loaded =
+      load_files({name.c_str(), -3, MPOOL_TYPE_DRAM, ARRAY_LOAD_ANY, 0, ARRAY_LOAD_ANY_VERSION, ARRAY_LOAD_ANY_SIZE});
   ASSERT_NE(loaded.array, nullptr) << loaded.error;
   EXPECT_EQ(stream_of(loaded.array.get()), stream_of(original.get()));
+  const std::string file0 = base_.path / name / "-3.0.darr";
+  expect_refused(load_files({name.c_str(), -3, MPOOL_TYPE_DRAM, ARRAY_LOAD_ANY, 0, 0, 12}),
+                 file0 + ": byte 20: record_size 8, where 12 is expected");
 }
 
 TEST_F(BlockFiles, PathWithoutABase) {
@@ -190,7 +194,8 @@ TEST_F(BlockFiles, PathWithoutABase) {
   const auto load_from = [](const char *base, const array_load_options_t &options) {
     return loaded_by([&](char *error, size_t size) { return array_load_block_files(base, &options, error, size); });
   };
-  const array_load_options_t other = {"ctx", 13, MPOOL_TYPE_DRAM, ARRAY_LOAD_ANY, 0};
+  const array_load_options_t other = {
+      "ctx", 13, MPOOL_TYPE_DRAM, ARRAY_LOAD_ANY, 0, ARRAY_LOAD_ANY_VERSION, ARRAY_LOAD_ANY_SIZE};
   const fs::path before = fs::current_path();
   fs::current_path(base_.path);
   for (const char *none : {static_cast<const char *>(nullptr), ""}) EXPECT_EQ(load_from(none, ANY).error, "");

@@ -1,5 +1,7 @@
 // Conversions through the driver: every route against streams put together byte by byte, and every refusal.
 #include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 
 #include <set>
 
@@ -160,6 +162,8 @@ TEST(ConvertDriver, RefusesWhatDoesNotFit) {
        "byte 903: ends 43 bytes into slot 19 of 44 bytes"},
       {"a list that contradicts itself", 1, 0, 0, edited(types, 8, 18), BAD_STREAM,
        "byte 2172: status 2 on the free list, slot 18"},
+      {"a status that is none made active", 1, 0, 0, edited(types, 84 + 2 * 116, 9), BAD_STREAM,
+       "byte 316: status 9 of slot 2 is none that a slot can have"},
       {"older", 2, 0, 0, edited(groups, 1, 1), DOES_NOT_FIT, "rec_version 1, where the version map has 2 for g_mg"},
       {"a version from the future", 2, 0, 1, edited(groups, 1, 3), DOES_NOT_FIT,
        "rec_version 3, where the version map has 2 for g_mg"},
@@ -258,6 +262,54 @@ TEST(ConvertDriver, RefusedMemoryWritesNothing) {
       expect_nothing_done(got);
     }
     EXPECT_EQ(seen, (std::set{RECOVERY_BAD_STREAM, RECOVERY_FAILED})) << row.fault;
+  }
+}
+
+// Headers can claim a direct area or records that the stream does not have. The tests' allocator counts no bytes; the
+// address space shows what was asked for.
+TEST(ConvertDriver, ClaimsCostNoMemory) {
+#ifndef TSLB_SANITIZES_ADDRESS
+  std::string wide = store(44, 0, 2, 3).stream;  // 156 bytes
+  write_at(wide.data(), 8 + 8, uint32_t{12'000'000});
+  write_at(wide.data(), 8, uint32_t{12'000'000});
+  std::string long_one = wide;
+  write_at(long_one.data(), 8 + 4, uint32_t{12'000'000});
+  const pid_t child = fork();
+  if (child == 0) {
+    const rlimit limit = {rlim_t{256} << 20, rlim_t{256} << 20};
+    if (setrlimit(RLIMIT_AS, &limit) != 0) _exit(9);
+    const converted_t older = convert(wide, {RECTYPE_LIB, 1, 1, 0});
+    std::string want = wide;
+    want[0] = 1;
+    if (older.result != RECOVERY_DONE || older.output != want) _exit(1);
+    if (convert(wide, {RECTYPE_G_MG, 0, 0, 0}).result != RECOVERY_DONE) _exit(2);
+    if (convert(long_one, {RECTYPE_G_MG, 0, 0, 0}).error != "byte 156: ends 0 bytes into slot 3 of 44 bytes") _exit(3);
+    _exit(0);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0) << "exit " << WEXITSTATUS(status);
+#endif
+}
+
+// A stream whose slots lie in one block in memory comes out as one whose slots did not.
+TEST(ConvertDriver, PipesAreConvertedLikeFiles) {
+  for (const uint32_t n_records : {0u, 2u, 3u, 60u}) {
+    const stored_t stored = store(12, TSLB_DA_DAFLAG_INLL, 7, n_records);
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    ASSERT_EQ(write(ends[1], stored.stream.data(), stored.stream.size()), static_cast<ssize_t>(stored.stream.size()));
+    close(ends[1]);
+    const memory_file_t out;
+    const recovery_conversion_t conversion = {RECTYPE_LIB, 1, 1, 0};
+    recovery_counts_t counts;
+    char error[256];
+    EXPECT_EQ(recovery_convert_stream(ends[0], out.fd(), &conversion, &counts, error, sizeof(error)), RECOVERY_DONE)
+        << error;
+    close(ends[0]);
+    std::string want = stored.stream;
+    want[0] = 1;
+    EXPECT_TRUE(content_of(out.fd()) == want) << n_records;
   }
 }
 

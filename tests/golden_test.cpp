@@ -212,7 +212,8 @@ TEST(Golden, StreamsLoad) {
     ++n_streams;
     const bool is_cut = file.path().filename().string().starts_with("bitvector_cut");
     const loaded_t loaded =
-        load(content_of(file.path()), {"golden", is_cut ? BVP_TBLID : 7, MPOOL_TYPE_DRAM, ARRAY_LOAD_POOL_BY_SIZE, 0});
+        load(content_of(file.path()), {"golden", is_cut ? BVP_TBLID : 7, MPOOL_TYPE_DRAM, ARRAY_LOAD_POOL_BY_SIZE, 0,
+                                       ARRAY_LOAD_ANY_VERSION, ARRAY_LOAD_ANY_SIZE});
     ASSERT_NE(loaded.array, nullptr) << loaded.error;
     expect_same(file.path().filename(), cut_stream_of(loaded.array.get()), content_of(file.path()));
   }
@@ -220,7 +221,8 @@ TEST(Golden, StreamsLoad) {
 }
 
 TEST(Golden, BlockFilesLoad) {
-  const array_load_options_t options = {"metrics", 12, MPOOL_TYPE_DRAM, ARRAY_LOAD_ANY, 0};
+  const array_load_options_t options = {
+      "metrics", 12, MPOOL_TYPE_DRAM, ARRAY_LOAD_ANY, 0, ARRAY_LOAD_ANY_VERSION, ARRAY_LOAD_ANY_SIZE};
   const loaded_t loaded = loaded_by([&](char *error, size_t size) {
     return array_load_block_files((golden_dir / "block_files").c_str(), &options, error, size);
   });

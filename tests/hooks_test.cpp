@@ -4,6 +4,7 @@
 #include <tslb/tslb_rd_api.h>
 #include <tslb/tslb_settings.h>
 #include "array_support.h"
+#include "fault_alloc.h"
 
 TEST(StandIn, SwapsSayWhetherTheySwappedAndAdditionsGiveTheOldValue) {
   uint64_t word = 5;
@@ -41,6 +42,36 @@ TEST(StandIn, RecoveryCopyRefusesAnotherGeometry) {
   TSDBVerCBArgs_t args = {1, from.get(), to.get()};
   EXPECT_NE(stderr_of([&] { tsdb_recov_version_copy_rc(&args); }), "");
   EXPECT_EQ(tslb_da_get_size(to.get()), 0u) << "an array of another geometry was written";
+}
+
+// A refused allocation leaves an id without memory in the copy. When the copy is tried again, that id is not the next.
+TEST(StandIn, RecoveryCopyTriedAgainLosesNoRecord) {
+  const array_t from(tslb_da_init_v5(8, 1, MPOOL_TYPE_DRAM, nullptr, 0));
+  for (uint64_t i = 0; i < 40; ++i)
+    write_at(tslb_da_get_ptr(from.get(), tslb_da_get_newidx(from.get())), 0, i + 0x123456789);
+  const auto same = [&from](DynArrHandle_t *to) {
+    if (tslb_da_get_size(to) != 40) return false;
+    for (uint32_t i = 0; i < 40; ++i)
+      if (memcmp(tslb_da_get_ptr(to, i), tslb_da_get_ptr(from.get(), i), 8) != 0) return false;
+    return true;
+  };
+  for (int first = 1; first <= 5; ++first) {  // root table, table, and three blocks
+    for (int second = 1; second <= 6 - first; ++second) {
+      SCOPED_TRACE(testing::Message() << "allocation " << first << ", then " << second);
+      const array_t to(tslb_da_init_v5(8, 1, MPOOL_TYPE_DRAM, nullptr, 0));
+      TSDBVerCBArgs_t args = {1, from.get(), to.get()};
+      for (const int nth : {first, second}) {
+        const std::string said = stderr_of([&] {
+          const fault_t fault(nth);
+          tsdb_recov_version_copy_rc(&args);
+          EXPECT_TRUE(fault.struck());
+        });
+        EXPECT_NE(said.find("cannot be copied"), std::string::npos) << said;
+      }
+      EXPECT_EQ(stderr_of([&] { tsdb_recov_version_copy_rc(&args); }), "");
+      EXPECT_TRUE(same(to.get()));
+    }
+  }
 }
 
 TEST(Settings, ValuesAtLoad) {

@@ -313,6 +313,69 @@ TEST_F(Inspect, WhatIsUnusualIsNoFault) {
   EXPECT_EQ(array["findings"][0]["file"], "ctx/12.3.darr");
 }
 
+TEST_F(Inspect, WhatIsUnusualInPools) {
+  static const struct {
+    const char *fault;
+    size_t at;
+    uint64_t bytes;
+    uint64_t value;
+    const char *finding;  // after "in: byte "
+  } rows[] = {
+      {"a host's own bits refused", 8, 1, 0x0D, "8: flag 0x0d has bits without a meaning"},
+      {"reserved byte", 9, 1, 3, "9: pad_byte 3, which is reserved"},
+      {"size", 24, 8, 139, "24: total_msz 139 is less than the 140 bytes of headers"},
+      {"sum", 32, 8, 79, "32: total_mused 79, where the slots in use come to 80"},
+      {"total that nothing counts", 48, 8, 1, "48: total_mdel 1, which nothing counts"},
+      {"a killed process' counter", POOL_HEADER_BYTES + 2 * POOL_SLOT_BYTES + 8, 4, 16,
+       "308: bytes_used 16 of the current slot, 2, where the cursor has reached 24"},
+      {"a killed process' slot", POOL_HEADER_BYTES + POOL_SLOT_BYTES + 8, 4, 0xFFFFFFFF,
+       "228: slot 1 was taken and never became current"},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    std::string changed = stream_of(chunk_pool().get());
+    changed.replace(row.at, row.bytes, reinterpret_cast<const char *>(&row.value), row.bytes);
+    write("in", changed);
+    const run_t ran = run("in");
+    EXPECT_EQ(ran.exit_code, 0);
+    EXPECT_THAT(ran.out, HasSubstr(std::string("\n  remark: in: byte ") + row.finding + "\n"));
+  }
+}
+
+TEST_F(Inspect, NamesDoNotCommandTerminals) {
+  const std::string name = "a\x1b[2J\nb\\x0a";
+  std::string damaged = stream_of(two_lists().get());
+  write_at(damaged.data(), slot(0), uint32_t{9});
+  write(name, damaged);
+  const std::string shown = "a\\x1b[2J\\x0ab\\\\x0a";
+  const run_t text = run(arguments_t{"--record", "1", name});
+  EXPECT_EQ(count_of(text.out, shown), 3u) << text.out;
+  EXPECT_EQ(text.out.find('\x1b'), std::string::npos);
+  EXPECT_EQ(run(arguments_t{name + "1"}).err,
+            "tslb-inspect: " + shown + "1: cannot be read: No such file or directory\n");
+  // A program gets the name itself.
+  EXPECT_EQ(json_t::parse(run(arguments_t{"--json", name}).out)["arrays"][0]["name"], name);
+}
+
+// 120,000 slots in 3 MB, a third of them free.
+TEST_F(Inspect, JsonOfManySlotsTakesLittleMemory) {
+  constexpr uint32_t N_SLOTS = 120000;
+  const array_t pool(tslb_init_dynmem_ex1(8, N_SLOTS, 0, MPOOL_TYPE_DRAM, 0, nullptr, 1, TSLB_DA_DAFLAG_LL, 0, 0, 0));
+  maddr64_t address;
+  for (uint32_t i = 0; i < N_SLOTS; ++i) tslb_dynmem_get_mchunk64(pool.get(), &address, 8, srcaddr64_t{});
+  for (uint32_t i = 0; i < N_SLOTS; i += 3) tslb_da_free_idx(pool.get(), i);
+  write("in", stream_of(pool.get()));
+  const run_t ran = run("--json in");
+  EXPECT_EQ(ran.exit_code, 0) << ran.err;
+#ifndef TSLB_SANITIZES_ADDRESS
+  EXPECT_LT(ran.most_kilobytes, 64 * 1024);
+#endif
+  const json_t slots = json_t::parse(ran.out)["arrays"][0]["pool"]["slots"];
+  ASSERT_EQ(slots.size(), N_SLOTS);
+  EXPECT_EQ(slots[3], R"({"state": "free", "used": 0, "deleted": 0, "tail": 0})"_json);
+  EXPECT_EQ(slots[N_SLOTS - 1], R"({"state": "current", "used": 8, "deleted": 0, "tail": 0})"_json);
+}
+
 TEST_F(Inspect, FilesThatCannotBeRead) {
   write("in", stream_of(two_lists().get()));
   fs::create_directory(folder_.path / "dir");

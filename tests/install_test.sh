@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs into an empty folder, moves that elsewhere, and builds and runs hosts on what lies there: found by CMake, and
-# found by pkg-config.
+# Installs into an empty folder, moves that elsewhere, and builds and runs hosts and a plugin on what lies there: found by
+# CMake, and found by pkg-config.
 #   install_test.sh BUILD_FOLDER CMAKE C_COMPILER CXX_COMPILER
 set -euo pipefail
 build=$1
@@ -22,6 +22,7 @@ expect() {
 }
 check_host_c() {
   expect "$("$1/host_c")" "100 records, the last from the hill"
+  expect "$("$1/plugin_user" "$1/plugin.so")" "100 records through a plugin"
 }
 check_hosts() {
   check_host_c "$1"
@@ -53,6 +54,9 @@ read -ra cflags < <(pkg-config --cflags tslb-host)
 read -ra libs < <(pkg-config --libs tslb-host)
 rpath=-Wl,-rpath,$(pkg-config --variable=libdir tslb)
 "$CC" -std=c11 "${strict[@]}" "${cflags[@]}" "$hosts/host.c" -o "$scratch/by_pkg_config/host_c" "${libs[@]}" "$rpath"
+"$CC" -std=c11 "${strict[@]}" "${cflags[@]}" -fPIC -fvisibility=hidden -shared "$hosts/plugin.c" \
+  -o "$scratch/by_pkg_config/plugin.so" -Wl,--whole-archive "${libs[@]}" -Wl,--no-whole-archive "$rpath"
+"$CC" -std=c11 "${strict[@]}" "$hosts/plugin_user.c" -o "$scratch/by_pkg_config/plugin_user" -ldl
 "$CXX" -std=c++17 "${strict[@]}" "${cflags[@]}" "$hosts/host.cpp" -o "$scratch/by_pkg_config/host_cpp" "${libs[@]}" \
   "$rpath"
 check_hosts "$scratch/by_pkg_config"

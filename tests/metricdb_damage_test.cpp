@@ -99,7 +99,8 @@ TEST_F(Damage, ManifestsThatContradict) {
       {"one without a number", "metricdb 2\n", "metricdb one\n", "its format version is \"one\", and 2 is known"},
       {"a store", "store snapshot", "store tape", "manifest: line 2: store \"tape\" is neither snapshot nor shm"},
       {"a layout that nobody knows", "layout 1", "layout 2", "line 3: layout \"2\""},
-      {"not the records' layout", "layout 1", "layout 0", "catalogue.stream: record version 1, which is not 0"},
+      {"not the records' layout", "layout 1", "layout 0",
+       "catalogue.stream: byte 1: rec_version 1, where 0 is expected"},
       {"streams taken for block files", "store snapshot", "store shm", "manifest: array "},
       {"a line left out", "retain_ns 100\n", "", "line 6: \"idle_ns\" in place of \"retain_ns\""},
       {"a negative time span", "retain_ns 100", "retain_ns -100", "line 6: retain_ns \"-100\""},
@@ -214,8 +215,11 @@ TEST_F(Damage, StoresThatContradictThemselves) {
       {"a deleted chunk", [](Parts p) { tslb_dynmem_del_mchunk(p.store.points(), p.b.first_sealed()); },
        "where no chunk in use begins"},
       {"a count of deleted bytes", [](Parts p) { p.key_slot->bytes_del += 8; }, "the slot counts ", "keys"},
-      {"used beyond", [](Parts p) { p.current_slot->bytes_used = 5000; }, "5000 bytes in use of 2400", "points"},
-      {"a cursor inside", [](Parts p) { p.current_slot->bytes_used += 8; }, "and the cursor stands at ", "points"},
+      {"used beyond", [](Parts p) { p.current_slot->bytes_used = 5000; }, "bytes_used 5000 of slot 3, which has 2400",
+       "points"},
+      {"a cursor inside", [](Parts p) { p.current_slot->bytes_used += 8; }, "where the cursor has only reached ",
+       "points"},
+      {"a cursor beyond", [](Parts p) { p.current_slot->bytes_used -= 8; }, "and the cursor stands at ", "points"},
       {"a free slot that claims a series", [](Parts p) { p.free.set_flags(SERIES_READY); }, "flags 0x01 at status 1"},
       {"a free slot without its mark", [](Parts p) { p.free.set_key({}); }, "gatekeeper 0x0 in a free slot"},
       {"a slot in use without a series", [](Parts p) { p.a.set_flags(0); }, "flags 0x00 at status "},
@@ -235,7 +239,7 @@ TEST_F(Damage, StoresThatContradictThemselves) {
        "keys"},
       {"records of another version",
        [](Parts p) { static_cast<DynHdr_t *>(tslb_da_get_dynhdr(p.store.catalogue()))->rec_version = 0; },
-       "record version 0, which is not 1"},
+       "byte 1: rec_version 0, where 1 is expected"},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);
@@ -250,7 +254,7 @@ TEST_F(Damage, StoresThatContradictThemselves) {
 // A damaged record of block files is told by the file that it lies in.
 TEST_F(Damage, BlockFilesAreToldApart) {
   ASSERT_NO_FATAL_FAILURE(
-      keep_filled(StoreKind::shm, [](Store &store) { Parts(store).current_slot->bytes_used += 8; }));
+      keep_filled(StoreKind::shm, [](Store &store) { Parts(store).current_slot->bytes_used -= 8; }));
   EXPECT_THAT(refusal(), StartsWith((generation() / "metricdb/-3.1.darr: slot ").string()));
 }
 

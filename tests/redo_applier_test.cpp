@@ -48,7 +48,13 @@ class pair_t {
 
   // The replica begins anew from a snapshot.
   void reload() {
-    const array_load_options_t options = {kName, static_cast<int32_t>(source()->tbl_id), MPOOL_TYPE_DRAM, kind_, 0};
+    const array_load_options_t options = {kName,
+                                          static_cast<int32_t>(source()->tbl_id),
+                                          MPOOL_TYPE_DRAM,
+                                          kind_,
+                                          0,
+                                          ARRAY_LOAD_ANY_VERSION,
+                                          ARRAY_LOAD_ANY_SIZE};
     replica_ = load(stream_of(source()), options).array;
     ASSERT_NE(replica_, nullptr);
   }
@@ -156,6 +162,17 @@ TEST(RedoApplier, SlotArraysInLockStep) {
     EXPECT_GT(tslb_da_get_size(pair.source()), row.least_slots);
   }
   lib_config.tslb_mvt_reuse_enabled = 0;
+}
+
+// The first bytes of a slot that is shorter than a node.
+TEST(RedoApplier, ShortSlotsOfAPlainArray) {
+  pair_t pair(ARRAY_LOAD_ANY, [] { return tslb_da_init_v5(4, 3, MPOOL_TYPE_DRAM, kName, 3); });
+  for (uint32_t i = 0; i < 19; ++i) {
+    write_at<uint32_t>(tslb_da_get_ptr(pair.source(), tslb_da_get_newidx(pair.source())), 0, 100 + i);
+    tslb_redo_log_da_ex(pair.source(), i, 7, 5, 1);
+    pair.follow();
+  }
+  pair.compare([](DynArrHandle_t *, std::string &) {});
 }
 
 // ---- Pools ---------------------------------------------------------------------------------------------------------
@@ -362,7 +379,7 @@ TEST(RedoApplier, RefusesWhatDoesNotFitAPool) {
                  });
 }
 
-// ---- The check -----------------------------------------------------------------------------------------------------
+// ---- The checks ----------------------------------------------------------------------------------------------------
 
 // What is checked, the loader's tests show: it is the same. Here that it is asked of an array in memory.
 TEST(ArrayCheck, SaysWhatDoesNotHold) {
@@ -384,4 +401,125 @@ TEST(ArrayCheck, SaysWhatDoesNotHold) {
   array->daflag = TSLB_DA_DAFLAG_INLL;
   EXPECT_THAT(check(ARRAY_LOAD_POOL), testing::HasSubstr("a pool has 56"));
   EXPECT_EQ(check(), "");
+}
+
+// A pool with slots of `mslot_sz` bytes.
+static array_t checked_pool(int mslot_sz, char slot_type = 0, uint8_t daflag = TSLB_DA_DAFLAG_LL,
+                            char mem_type = MPOOL_TYPE_DRAM) {
+  return array_t(tslb_init_dynmem(mslot_sz, 2, MPOOL_FLAG_COMPAT, mem_type, slot_type, kName, 5, daflag));
+}
+
+static maddr_t take_chunk(const array_t &pool, int bytes) {
+  maddr_t address;
+  char *const chunk = bytes_of(tslb_dynmem_get_mchunk(pool.get(), &address, bytes, srcaddr_t{1, 2, 3, {0, 0}}));
+  memset(chunk + 16, 0x5A, static_cast<size_t>(bytes));
+  return address;
+}
+
+static char *slot_bytes_at(const array_t &pool, uint32_t idx, size_t offset) {
+  return bytes_of(tslb_da_get_ptr(pool.get(), idx)) + offset;
+}
+
+static std::string fault_of(const array_t &pool) {
+  char error[256];
+  const int result = pool_check(pool.get(), error, sizeof(error));
+  EXPECT_EQ(result, error[0] == '\0' ? 0 : -1);
+  return error;
+}
+
+// Slot 0: chunks of 40, 24 and 116 bytes with their headers, the second deleted; 20 bytes are left. Slot 1: one of 116.
+TEST(PoolCheck, SaysWhichChunksDoNotHold) {
+  const auto make = [] {
+    array_t pool = checked_pool(200);
+    for (const int bytes : {24, 8, 100, 100}) {
+      const maddr_t address = take_chunk(pool, bytes);
+      if (bytes == 8) tslb_dynmem_del_mchunk(pool.get(), address);
+    }
+    return pool;
+  };
+  static const struct {
+    const char *fault;
+    size_t offset;  // in the record of slot 0, whose first chunk is at 8
+    size_t bytes;
+    uint32_t value;
+    const char *error;
+  } rows[] = {
+      {"a sound pool refused", 8, 4, 1, ""},
+      {"a length beyond the last chunk", 8 + 40 + 14, 2, 141,
+       "byte 196: the chunk at byte 40 of slot 0 has 157 bytes, and the slot's chunks end at byte 180"},
+      {"a length that ends within a header", 8 + 64 + 14, 2, 92,
+       "byte 328: the chunk at byte 172 of slot 0 has 16 bytes, and the slot's chunks end at byte 180"},
+      {"a chunk that is marked and not counted", 8 + 12, 1, 1,
+       "byte 152: bytes_del 24 of slot 0, where deleted chunks come to 64"},
+      {"a chunk that is counted and not marked", 8 + 40 + 12, 1, 0,
+       "byte 152: bytes_del 24 of slot 0, where deleted chunks come to 0"},
+      {"a counter", 4, 4, 25, "byte 152: bytes_del 25 of slot 0, where deleted chunks come to 24"},
+      {"what array_check finds", 4, 4, 181, "byte 152: bytes_del 181 of slot 0, where bytes_used is 180"},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    const array_t pool = make();
+    ASSERT_EQ(fault_of(pool), "");
+    memcpy(slot_bytes_at(pool, 0, row.offset), &row.value, row.bytes);
+    EXPECT_EQ(fault_of(pool), row.error);
+  }
+  EXPECT_EQ(fault_of(array_t(tslb_da_init_v5(8, 1, MPOOL_TYPE_DRAM, kName, 5))), "byte 4: hdr_size 0, a pool has 56");
+}
+
+TEST(PoolCheck, TakesWhatPoolsCanHold) {
+  const auto expect_sound = [](const char *what, const array_t &pool) { EXPECT_EQ(fault_of(pool), "") << what; };
+  for (const uint8_t daflag : {uint8_t{0}, uint8_t{TSLB_DA_DAFLAG_LL}, uint8_t{TSLB_DA_DAFLAG_INLL}}) {
+    SCOPED_TRACE(int{daflag});
+    const array_t pool = checked_pool(200, 0, daflag);
+    expect_sound("no slot yet", pool);
+    take_chunk(pool, 40);
+    const maddr_t empty = take_chunk(pool, 0);
+    tslb_dynmem_del_mchunk(pool.get(), empty);
+    expect_sound("a deleted chunk of no bytes, which nothing counts", pool);
+    maddr64_t address;
+    tslb_dynmem_get_mchunk64(pool.get(), &address, 30, srcaddr64_t{});
+    expect_sound("chunks of both widths", pool);
+    const auto take_and_delete = [&pool] {
+      for (int i = 0; i < 30; ++i) tslb_dynmem_del_mchunk(pool.get(), take_chunk(pool, 100));
+    };
+    stdout_of(take_and_delete);  // a pool without lists frees no slot
+    expect_sound("slots that were freed and taken again", pool);
+  }
+  const array_t plain(tslb_init_dynmem(200, 2, 0, MPOOL_TYPE_DRAM, 0, kName, 5, 0));
+  maddr_t address;
+  memset(tslb_dynmem_get_mchunk(plain.get(), &address, 100, srcaddr_t{}), 0x5A, 100);
+  expect_sound("a pool without compaction headers", plain);
+
+  const array_t ring = checked_pool(64, MPOOL_FLAG_BV, TSLB_DA_DAFLAG_LL, MPOOL_TYPE_DRAM_TMP);
+  stdout_of([&ring] {
+    for (int i = 0; i < 700; ++i) take_chunk(ring, i % 2 * 16 + 16);
+  });
+  expect_sound("a ring that has come round", ring);
+}
+
+// Headers keep 16 bits of a length.
+TEST(PoolCheck, FollowsLongChunks) {
+  const array_t pool = checked_pool(200000);
+  std::vector<maddr_t> chunks;
+  for (const int bytes : {100, 65600, 65536 + 20, 500}) chunks.push_back(take_chunk(pool, bytes));
+  EXPECT_EQ(fault_of(pool), "");
+  tslb_dynmem_del_mchunk(pool.get(), chunks[1]);
+  EXPECT_EQ(fault_of(pool), "");
+  write_at<uint16_t>(slot_bytes_at(pool, 0, 8 + 116 + 14), 0, 66);
+  EXPECT_NE(fault_of(pool), "") << "no lengths lead to the end";
+}
+
+TEST(PoolCheck, TakesWhatAKilledProcessLeaves) {
+  const array_t pool = checked_pool(200);
+  take_chunk(pool, 24);
+  static_cast<DynMemHdr_t *>(tslb_da_get_usrhdr(pool.get()))->cur_slot_addr += uint64_t{50} << 32;
+  EXPECT_EQ(fault_of(pool), "") << "bytes were reserved, and neither counted nor written";
+  take_chunk(pool, 60);
+  EXPECT_EQ(fault_of(pool), "") << "and others after them";
+  // The missing bytes are counted as dead.
+  for (const size_t counter : {0, 4}) {
+    char *const at = slot_bytes_at(pool, 0, counter);
+    write_at(at, 0, read_at<uint32_t>(at, 0) + 50);
+  }
+  EXPECT_EQ(fault_of(pool), "");
 }

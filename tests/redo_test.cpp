@@ -74,6 +74,20 @@ TEST(Redo, PlainArraysHaveNoShift) {
   expect_records(array.get(), log.take(), {{24 + 50, slot, 10}, {24 + 54, slot + 4, 6}, {24 + 50, slot, 8}});
 }
 
+// Slot 2 is the last one of block 0, slot 18 the last one of data block 1.
+TEST(Redo, ShortSlotsEndTheirRecords) {
+  for (const int record_size : {4, 7, 8}) {
+    const array_t array(tslb_da_init_v5(record_size, 3, MPOOL_TYPE_DRAM, "", 1));
+    for (int i = 0; i < 19; ++i) tslb_da_get_newidx(array.get());
+    redo_recorder_t log;
+    for (const uint32_t idx : {2, 18}) {
+      tslb_redo_log_da_ex(array.get(), idx, 0, 5, 1);
+      const size_t bytes = static_cast<size_t>(record_size);
+      expect_records(array.get(), log.take(), {{24 + idx * bytes, tslb_da_get_ptr(array.get(), idx), bytes}});
+    }
+  }
+}
+
 // Which records, golden_test shows.
 TEST(Redo, AllocationLogsAfterItsLock) {
   for (const uint8_t daflag : std::initializer_list<uint8_t>{TSLB_DA_DAFLAG_LL, TSLB_DA_DAFLAG_INLL}) {

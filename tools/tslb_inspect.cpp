@@ -89,19 +89,24 @@ void expect_record(const inspect::report_t &report, const arguments_t &arguments
 
 int inspect_all(const arguments_t &arguments) {
   inspect::reports_t reports;
+  inspect::json_writer_t json(print);
   int status = EXIT_SOUND;
   for (const std::string &file : arrays_of(arguments.files)) {
     try {
       const auto store = inspect::open_store(file);
-      reports.push_back(inspect::analyse(store.get(), arguments.options));
-      if (!arguments.json) print((reports.size() > 1 ? "\n" : "") + inspect::text_of(reports.back()));
+      inspect::analysed_t analysed = inspect::analyse(store.get(), arguments.options);
+      if (arguments.json)
+        json.add(analysed.report, analysed.rows.get());
+      else
+        print((reports.empty() ? "" : "\n") + inspect::text_of(analysed.report));
+      reports.push_back(std::move(analysed.report));
       if (!reports.back().is_sound()) status = std::max(status, EXIT_FAULTS);
       expect_record(reports.back(), arguments);
     } catch (const inspect::unreadable_t &error) {
-      status = complain(error.what());
+      status = complain(inspect::printable(error.what()));
     }
   }
-  if (arguments.json) print(inspect::json_of(reports));
+  if (arguments.json) json.end();
   for (const std::string &path : {arguments.svg, arguments.html})
     if (!path.empty()) check_output(path, reports, arguments.force);
   if (!arguments.svg.empty()) write_file(arguments.svg, inspect::svg_of(reports), arguments.force);

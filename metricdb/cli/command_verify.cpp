@@ -12,11 +12,12 @@
 namespace metricdb {
 namespace {
 
-// The lists once more, now in the arrays as the store holds them: opening checked what was read, the journal's replay
-// what it left.
-void expect_sound(const char *name, DynArrHandle_t *array, uint8_t kind) {
+// The lists and chunks once more, now in the arrays as the store holds them: opening checked what was read, the journal's
+// replay what it left.
+void expect_sound(const char *name, DynArrHandle_t *array, bool is_pool) {
   char why[256];
-  if (array_check(array, kind, why, sizeof why) != 0) throw DatabaseError(fmt::format("{}: {}", name, why));
+  const int result = is_pool ? pool_check(array, why, sizeof why) : array_check(array, ARRAY_LOAD_ANY, why, sizeof why);
+  if (result != 0) throw DatabaseError(fmt::format("{}: {}", name, why));
 }
 
 // Each key leads to its series and back.
@@ -57,9 +58,9 @@ std::string pool_line(const char *name, dynmem_t *pool, const PoolBytes &bytes) 
 int verify(const VerifyArguments &arguments) {
   const Opened opened = open_to_read(arguments.db, arguments.salvage);
   const Store &store = opened.store;
-  expect_sound("catalogue", store.catalogue(), ARRAY_LOAD_ANY);
-  expect_sound("keys", store.keys(), ARRAY_LOAD_POOL);
-  expect_sound("points", store.points(), ARRAY_LOAD_POOL);
+  expect_sound("catalogue", store.catalogue(), false);
+  expect_sound("keys", store.keys(), true);
+  expect_sound("points", store.points(), true);
   const uint64_t n_keys = count_keys(store);
   const uint64_t n_points = count_points(store);
   print(fmt::format("verified         {}: generation {}, layout {} of the catalogue; {} batches behind it\n"

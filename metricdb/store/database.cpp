@@ -138,6 +138,9 @@ Array load_array(const std::string &folder, const Manifest &manifest, size_t num
   options.tbl_id = told.table;
   options.mem_type = MPOOL_TYPE_DRAM;
   options.kind = number == 0 ? ARRAY_LOAD_ANY : ARRAY_LOAD_POOL;
+  options.rec_version = number == 0 ? manifest.config.layout : POOL_RECORD_VERSION;
+  options.record_size =
+      number == 0 ? static_cast<uint32_t>(series_record_bytes(manifest.config.layout)) : ARRAY_LOAD_ANY_SIZE;
   options.max_block_bytes =
       MOST_HEADER_BYTES + uint64_t{told.slot_bytes} * std::max<uint64_t>(told.n_direct, SLOTS_PER_BLOCK);
 

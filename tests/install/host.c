@@ -21,7 +21,7 @@ int main(void) {
   if (file == NULL || tslb_create_dump_for_dynarr(array, fileno(file), 0, &written) != 0) return 1;
   rewind(file);
   char error[128];
-  const array_load_options_t options = {"readings", 1, MPOOL_TYPE_DRAM, ARRAY_LOAD_ANY, 0};
+  const array_load_options_t options = {.ctx_name = "readings", .tbl_id = 1, .record_size = sizeof(reading_t)};
   dynarr_t *loaded = array_load_stream(fileno(file), &options, error, sizeof(error));
   if (loaded == NULL) {
     fprintf(stderr, "%s\n", error);

@@ -10,8 +10,10 @@
 #include "own_time.h"  // nodes carry it: both arrays of a comparison get the same
 #include "stored_image.h"
 
-constexpr array_load_options_t ANY = {"ctx", 12, MPOOL_TYPE_DRAM, ARRAY_LOAD_ANY, 0};
-constexpr array_load_options_t POOL = {"ctx", 12, MPOOL_TYPE_DRAM, ARRAY_LOAD_POOL, 0};
+constexpr array_load_options_t ANY = {
+    "ctx", 12, MPOOL_TYPE_DRAM, ARRAY_LOAD_ANY, 0, ARRAY_LOAD_ANY_VERSION, ARRAY_LOAD_ANY_SIZE};
+constexpr array_load_options_t POOL = {
+    "ctx", 12, MPOOL_TYPE_DRAM, ARRAY_LOAD_POOL, 0, ARRAY_LOAD_ANY_VERSION, ARRAY_LOAD_ANY_SIZE};
 
 struct loaded_t {
   array_t array;

@@ -27,6 +27,7 @@ inline arguments_t words_of(const std::string &line) {
 struct run_t {
   int exit_code;
   std::string out, err;
+  long most_kilobytes;  // of memory that the tool had at one moment
 };
 
 // What the child has for its standard output where it is not kept, and how long the files that it writes may get.
@@ -74,8 +75,9 @@ class ToolTest : public testing::Test {
       _exit(99);
     }
     int status = 0;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, content_of(out.fd()), content_of(err.fd())};
+    rusage usage = {};
+    EXPECT_EQ(wait4(child, &status, 0, &usage), child);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, content_of(out.fd()), content_of(err.fd()), usage.ru_maxrss};
   }
 
   // With that exit code, a line of the tool's and nothing else.

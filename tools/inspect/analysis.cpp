@@ -2,8 +2,8 @@
 #include "analysis.h"
 
 #include <algorithm>
-#include <climits>
 #include <cstring>
+#include <new>
 
 #include <tslb/array_loader.h>
 #include "analysis_internal.h"
@@ -11,7 +11,6 @@
 namespace inspect {
 namespace {
 
-constexpr uint8_t LIB_VERSION = 2;
 constexpr uint64_t TABLE_BYTES = TSLB_ENTRIES_PER_TABLE * sizeof(void *);
 
 uint64_t ids_of_level(unsigned level) {
@@ -31,10 +30,32 @@ uint64_t blocks_for(uint64_t slots) {
 
 }  // namespace
 
-void analysis_t::add(severity_t severity, location_t at, const std::string &text) {
+bool analysis_t::count(severity_t severity) {
   ++(severity == severity_t::FAULT ? report_.n_faults : report_.n_remarks);
-  if (report_.findings.size() < MAX_FINDINGS)
-    report_.findings.push_back({severity, store_->file_name(at.block_num), at.offset, text});
+  return report_.findings.size() < MAX_FINDINGS;
+}
+
+void analysis_t::keep(severity_t severity, location_t at, const std::string &text) {
+  report_.findings.push_back({severity, store_->file_name(at.block_num), at.offset, text});
+}
+
+// ---- Rules ---------------------------------------------------------------------------------------------------------
+
+bool analysis_t::violated(tslb_rule_t rule, uint64_t pos, const uint64_t *values) {
+  const severity_t severity = rule_is_fault(rule) != 0 ? severity_t::FAULT : severity_t::REMARK;
+  if (!count(severity)) return true;
+  char text[256];
+  write_rule(rule, values, text, sizeof(text));
+  location_t at = location_of(pos);
+  // Of a slot that was cut, what is not there is missing at the file's end.
+  const stored_file_t *const file = store_->file_of(at.block_num);
+  if (file != nullptr) at.offset = std::min(at.offset, file->bytes);
+  keep(severity, at, text);
+  return true;
+}
+
+void analysis_t::no_memory(uint32_t) {
+  throw std::bad_alloc();
 }
 
 report_t analysis_t::run() {
@@ -43,15 +64,18 @@ report_t analysis_t::run() {
   report_.files = store_->files();
   if (!read_headers()) return report_;
   measure();
-  check_sizes();
   // Whether a stream may end early is the cursor's to say.
-  if (is_pool_) is_pool_ = pool_sizes_fit();
-  if (is_pool_) audit_cursor();
+  rules_.check_pool(options_.kind, false);
+  cut_bytes_ = rules_.last_slot_bytes();
   store_->is_stream() ? check_stream_end() : check_files();
-  geometry().n_present = present_slots();
+  n_present_ = geometry().n_present = present_slots();
   if (report_.has_nodes) read_nodes();
-  if (has_lists_) audit_lists();
-  if (is_pool_) audit_pool();
+  rules_.check_nodes(this, static_cast<uint32_t>(n_present_));
+  if (report_.has_nodes) add_list("free list", TSLB_RULE_FREE_LIST);
+  if (rules_.has_inactive_list()) add_list("inactive list", TSLB_RULE_INACTIVE_LIST);
+  rules_.check_counters(this, static_cast<uint32_t>(n_present_));
+  count_cells();
+  if (is_pool()) sum_pool();
   copy_record();
   return report_;
 }
@@ -65,82 +89,57 @@ bool analysis_t::read_headers() {
     bytes.resize(store_->read(file, offset, bytes.data(), bytes.size()));
     return bytes;
   };
-  const std::string start = bytes_at(0, sizeof(hdr_));
+  DynHdr_t hdr;
+  const std::string start = bytes_at(0, sizeof(hdr));
   report_.headers.push_back(start_fields(start));
-  if (start.size() < sizeof(hdr_)) {
-    fault({0, start.size()}, "ends {} bytes into DynHdr_t of {}", start.size(), sizeof(hdr_));
+  if (start.size() < sizeof(hdr)) {
+    fault({0, start.size()}, "ends {} bytes into DynHdr_t of {}", start.size(), sizeof(hdr));
     return false;
   }
-  std::memcpy(&hdr_, start.data(), sizeof(hdr_));
-  check_start();
+  std::memcpy(&hdr, start.data(), sizeof(hdr));
+  rules_.check_start(hdr);
 
-  const std::string user = bytes_at(sizeof(hdr_), hdr_.hdr_size);
-  is_pool_ = options_.kind != ARRAY_LOAD_ANY && hdr_.hdr_size == sizeof(DynMemHdr_t);
-  std::memcpy(&pool_hdr_, user.data(), std::min(user.size(), sizeof(pool_hdr_)));
-  if (is_pool_)
-    report_.headers.push_back(pool_fields(sizeof(hdr_), user));
-  else if (hdr_.hdr_size != 0)
-    report_.headers.push_back(user_header(sizeof(hdr_), hdr_.hdr_size, user));
-  check_user_header();
+  const std::string user = bytes_at(sizeof(hdr), hdr.hdr_size);
+  if (options_.kind != ARRAY_LOAD_ANY && hdr.hdr_size == sizeof(DynMemHdr_t))
+    report_.headers.push_back(pool_fields(sizeof(hdr), user));
+  else if (hdr.hdr_size != 0)
+    report_.headers.push_back(user_header(sizeof(hdr), hdr.hdr_size, user));
+  const uint64_t lli_at = rules_.lli_at(), arr_hdr_at = rules_.arr_hdr_at();
+  const std::string lists = bytes_at(lli_at, std::min<uint64_t>(hdr.lli_sz, sizeof(DynArrLLI_t)));
+  if (hdr.lli_sz != 0) report_.headers.push_back(list_fields(lli_at, lists));
+  report_.headers.push_back(array_fields(arr_hdr_at, bytes_at(arr_hdr_at, sizeof(DynArrHdr_t))));
 
-  const std::string lists = bytes_at(lli_at(), std::min<uint64_t>(hdr_.lli_sz, sizeof(lli_)));
-  std::memcpy(&lli_, lists.data(), lists.size());
-  if (hdr_.lli_sz != 0) report_.headers.push_back(list_fields(lli_at(), lists));
-
-  const std::string counts = bytes_at(arr_hdr_at(), sizeof(DynArrHdr_t));
-  report_.headers.push_back(array_fields(arr_hdr_at(), counts));
-  if (counts.size() == sizeof(DynArrHdr_t)) return true;
-  const uint64_t header_bytes = arr_hdr_at() + sizeof(DynArrHdr_t);
+  const uint64_t header_bytes = arr_hdr_at + sizeof(DynArrHdr_t);
+  const std::string all = bytes_at(0, header_bytes);
+  if (all.size() == header_bytes) {
+    rules_.check_headers(all.data(), 0);
+    return true;
+  }
   fault({0, file.bytes}, "ends {} bytes into headers of {}", file.bytes, header_bytes);
   return false;
-}
-
-void analysis_t::check_start() {
-  if (hdr_.lib_version != LIB_VERSION)
-    fault({0, offsetof(DynHdr_t, lib_version)}, "lib_version {}, which is not {}", hdr_.lib_version, LIB_VERSION);
-  if (hdr_.pad != 0) remark({0, offsetof(DynHdr_t, pad)}, "pad {}, which is reserved", hdr_.pad);
-  if (hdr_.lli_sz != 0 && hdr_.lli_sz != sizeof(DynArrLLI_t))
-    fault({0, offsetof(DynHdr_t, lli_sz)}, "lli_sz {}, which is neither 0 nor {}", hdr_.lli_sz, sizeof(DynArrLLI_t));
-}
-
-void analysis_t::check_user_header() {
-  if (options_.kind == ARRAY_LOAD_POOL && !is_pool_)
-    fault({0, offsetof(DynHdr_t, hdr_size)}, "hdr_size {}, a pool has {}", hdr_.hdr_size, sizeof(DynMemHdr_t));
-}
-
-void analysis_t::check_list_flags() {
-  has_lists_ = hdr_.lli_sz >= sizeof(lli_) && tslb_stored_shift(lli_.lltype) != 0;
-  if (hdr_.lli_sz == sizeof(lli_) && !has_lists_)
-    fault({0, lli_at() + offsetof(DynArrLLI_t, lltype)}, "lltype 0x{:02x} has no list, lli_sz says there is one",
-          lli_.lltype);
-  const uint32_t flags = TSLB_DA_DAFLAG_LL | TSLB_DA_DAFLAG_INLL;
-  if (has_lists_ && (lli_.lltype & ~flags) != 0)
-    remark({0, lli_at() + offsetof(DynArrLLI_t, lltype)}, "lltype 0x{:02x} has bits without a meaning", lli_.lltype);
 }
 
 // ---- Sizes ---------------------------------------------------------------------------------------------------------
 
 // In 64 bits, nothing overflows: slots take less than 2^33 bytes each, and there are less than 2^33 of them.
 void analysis_t::measure() {
-  check_list_flags();
-  const auto counts = [this](size_t offset) { return read_value<uint32_t>({0, arr_hdr_at() + offset}); };
-  n_alloc_ = counts(offsetof(DynArrHdr_t, n_alloc));
+  const image_shape_t &shape = rules_.shape();
   geometry_t &g = report_.geometry.emplace();
-  g.header_bytes = arr_hdr_at() + sizeof(DynArrHdr_t);
-  g.record_bytes = counts(offsetof(DynArrHdr_t, record_size));
-  g.daflag = has_lists_ ? lli_.lltype : 0;
-  g.node_bytes = tslb_stored_node_bytes(g.daflag);
-  g.shift = tslb_stored_shift(g.daflag);
-  g.slot_bytes = g.record_bytes + g.node_bytes;
-  g.n_direct = counts(offsetof(DynArrHdr_t, n_direct));
-  g.n_used = counts(offsetof(DynArrHdr_t, n_used));
+  g.header_bytes = shape.header_bytes;
+  g.record_bytes = shape.record_bytes;
+  g.daflag = shape.daflag;
+  g.node_bytes = shape.slot_bytes - shape.record_bytes;
+  g.shift = shape.shift;
+  g.slot_bytes = shape.slot_bytes;
+  g.n_direct = shape.n_direct;
+  g.n_used = shape.n_used;
   g.n_direct_used = std::min(g.n_direct, g.n_used);
   g.capacity = g.n_direct + ids_beyond_direct();
   g.block0_bytes = g.header_bytes + g.slot_bytes * g.n_direct;
   g.data_block_bytes = g.slot_bytes * TSLB_SLOTS_PER_BLOCK;
   g.image_bytes = g.header_bytes + g.slot_bytes * g.n_used;
   for (const stored_file_t &file : store_->files()) g.stored_bytes += file.bytes;
-  report_.has_nodes = g.node_bytes != 0;
+  report_.has_nodes = rules_.has_nodes();
   measure_levels();
 }
 
@@ -169,34 +168,14 @@ void analysis_t::measure_levels() {
   }
 }
 
-void analysis_t::check_sizes() {
-  const geometry_t &g = geometry();
-  const auto at = [this](size_t offset) { return location_t{0, arr_hdr_at() + offset}; };
-  const location_t n_direct_at = at(offsetof(DynArrHdr_t, n_direct));
-  const location_t record_size_at = at(offsetof(DynArrHdr_t, record_size));
-  if (g.n_direct > INT_MAX)
-    fault(n_direct_at, "n_direct {} is beyond what an array can have", g.n_direct);
-  else if (g.block0_bytes > INT_MAX)
-    fault(n_direct_at, "n_direct {} with slots of {} bytes takes more than block 0 may", g.n_direct, g.slot_bytes);
-  if (g.n_used > g.capacity)
-    fault(at(offsetof(DynArrHdr_t, n_used)), "n_used {} is beyond what an array with n_direct {} can have", g.n_used,
-          g.n_direct);
-  if (g.slot_bytes == 0 && g.n_used != 0) fault(record_size_at, "record_size 0 with {} slots in use", g.n_used);
-  if (g.data_block_bytes > UINT32_MAX)
-    fault(record_size_at, "record_size {} is beyond what an array can have", g.record_bytes);
-  const uint64_t n_alloc = g.n_direct + g.data_blocks * TSLB_SLOTS_PER_BLOCK;
-  if (n_alloc_ != n_alloc)
-    remark(at(offsetof(DynArrHdr_t, n_alloc)), "n_alloc {}, where direct area and data blocks come to {}", n_alloc_,
-           n_alloc);
-}
-
 // ---- Files ---------------------------------------------------------------------------------------------------------
 
-location_t analysis_t::slot_at(uint64_t idx) const {
+location_t analysis_t::location_of(uint64_t pos) const {
+  if (store_->is_stream() || !report_.geometry) return {0, pos};
   const geometry_t &g = geometry();
-  if (store_->is_stream() || idx < g.n_direct) return {0, g.header_bytes + idx * g.slot_bytes};
-  const uint32_t beyond = static_cast<uint32_t>(idx - g.n_direct);
-  return {tslb_stored_block_num(beyond), beyond % TSLB_SLOTS_PER_BLOCK * g.slot_bytes};
+  if (pos < g.block0_bytes || g.data_block_bytes == 0) return {0, pos};
+  const uint64_t beyond = pos - g.block0_bytes;
+  return {static_cast<uint32_t>(beyond / g.data_block_bytes + 1), beyond % g.data_block_bytes};
 }
 
 void analysis_t::check_stream_end() {
@@ -276,8 +255,10 @@ void analysis_t::copy_record() {
                     g.shift,          g.node_bytes - g.shift};
 }
 
-report_t analyse(store_t *store, const options_t &options) {
-  return analysis_t(store, options).run();
+analysed_t analyse(store_t *store, const options_t &options) {
+  auto analysis = std::make_unique<analysis_t>(store, options);
+  report_t report = analysis->run();
+  return {std::move(report), std::move(analysis)};
 }
 
 }  // namespace inspect

@@ -1,9 +1,10 @@
-// Looks into a stored array. Where the loaders refuse at the first contradiction, this tells it and goes on as far as
-// the bytes go.
+// Looks into a stored array. Where the loaders refuse at the first fault, this reports it and goes on as far as the bytes
+// go. The rules are the same: tslb_stored.h.
 #ifndef TSLB_INSPECT_ANALYSIS_H
 #define TSLB_INSPECT_ANALYSIS_H
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 
 #include "report.h"
@@ -16,9 +17,14 @@ struct options_t {
   std::optional<uint32_t> record;  // id of a record to bring along
 };
 
-// Takes memory in step with the bytes that are there, whatever the headers claim, and time likewise. Throws
-// unreadable_t if a file cannot be read; whatever it holds is told in the report.
-report_t analyse(store_t *store, const options_t &options);
+struct analysed_t {
+  report_t report;
+  std::unique_ptr<slot_rows_t> rows;  // as long as the store lives
+};
+
+// Takes time in step with the bytes that are there, whatever the headers claim, and of memory up to 9 bytes and 2 bits for
+// each slot with nodes. Throws unreadable_t if a file cannot be read; whatever it holds is in the report.
+analysed_t analyse(store_t *store, const options_t &options);
 
 }  // namespace inspect
 

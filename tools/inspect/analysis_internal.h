@@ -6,31 +6,34 @@
 
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <tslb/tslb_dynarr.h>
 #include <tslb/tslb_dynmem.h>
 
 #include "analysis.h"
+#include "array_rules.h"
 
 namespace inspect {
 
 constexpr uint64_t MAX_FINDINGS = 200;  // kept; all are counted
 
-class analysis_t {
+class analysis_t final : public slot_rows_t, private rule_sink_t, private slot_source_t {
  public:
-  analysis_t(store_t *store, const options_t &options) : store_(store), options_(options) {}
+  analysis_t(store_t *store, const options_t &options) : store_(store), options_(options), rules_(this) {}
 
   report_t run();
+
+  uint64_t n_node_slots() const override { return report_.has_nodes ? n_present_ : 0; }
+  uint64_t n_pool_slots() const override { return is_pool() ? n_present_ : 0; }
+  bool is_stray(uint32_t idx) override { return rules_.is_stray(idx, status_of(idx)); }
+  pool_slot_t pool_slot(uint32_t idx) override;
 
  private:
   // In analysis.cpp: headers and sizes.
   bool read_headers();
-  void check_start();
-  void check_user_header();
-  void check_list_flags();
   void measure();
   void measure_levels();
-  void check_sizes();
   void check_stream_end();
   void check_files();
   void check_file_size(const stored_file_t &file, uint64_t wanted);
@@ -39,29 +42,32 @@ class analysis_t {
 
   // In audit.cpp: nodes and lists.
   void read_nodes();
-  slot_t read_node(uint32_t idx);
-  void audit_lists();
-  void audit_list(const char *name, size_t head_offset, size_t tail_offset, size_t count_offset, bool is_free_list);
-  void audit_member(const list_t &list, uint32_t idx, uint32_t before, bool is_free_list);
-  void audit_strays();
-  void count_status(uint32_t idx);
+  void read_node(uint32_t idx);
+  void count_status(uint32_t status);
+  uint32_t status_of(uint32_t idx);
+  void count_cells();
+  void add_list(const char *name, int list);
 
   // In pool.cpp.
-  void audit_pool();
-  bool pool_sizes_fit();
-  void audit_cursor();
-  pool_slot_t read_pool_slot(uint32_t idx);
-  void audit_pool_slot(uint32_t idx, const pool_slot_t &slot);
   void sum_pool();
+  void add_to_sums(uint32_t idx, const pool_slot_t &slot);
 
-  void add(severity_t severity, location_t at, const std::string &text);
+  // The rules' view of the array.
+  bool violated(tslb_rule_t rule, uint64_t pos, const uint64_t *values) override;
+  void no_memory(uint32_t n_slots) override;
+  nodes_t nodes_of(uint32_t idx) override;
+  counters_t counters_of(uint32_t idx) override;
+
+  // Counts a finding. Returns whether there is room to keep it.
+  bool count(severity_t severity);
+  void keep(severity_t severity, location_t at, const std::string &text);
   template <class... Values>
   void fault(location_t at, fmt::format_string<Values...> format, Values &&...values) {
-    add(severity_t::FAULT, at, fmt::format(format, std::forward<Values>(values)...));
+    if (count(severity_t::FAULT)) keep(severity_t::FAULT, at, fmt::format(format, std::forward<Values>(values)...));
   }
   template <class... Values>
   void remark(location_t at, fmt::format_string<Values...> format, Values &&...values) {
-    add(severity_t::REMARK, at, fmt::format(format, std::forward<Values>(values)...));
+    if (count(severity_t::REMARK)) keep(severity_t::REMARK, at, fmt::format(format, std::forward<Values>(values)...));
   }
 
   // A value of the stored form that is known to be there.
@@ -73,25 +79,25 @@ class analysis_t {
     return value;
   }
 
-  uint64_t lli_at() const { return sizeof(DynHdr_t) + hdr_.hdr_size; }
-  uint64_t arr_hdr_at() const { return lli_at() + hdr_.lli_sz; }
   geometry_t &geometry() { return *report_.geometry; }
   const geometry_t &geometry() const { return *report_.geometry; }
-  location_t slot_at(uint64_t idx) const;
-  bool has_inactive_list() const { return (geometry().daflag & TSLB_DA_DAFLAG_INLL) != 0; }
-  bool is_bitvector() const { return (pool_hdr_.flag & MPOOL_FLAG_BV) != 0; }
-  bool is_ring_shaped() const { return is_bitvector() && geometry().n_used == TSLB_RING_SLOTS; }
+  bool is_pool() const { return report_.geometry && rules_.is_pool(); }
+  // Of a byte of the flat image.
+  location_t location_of(uint64_t pos) const;
+  location_t slot_at(uint64_t idx) const { return location_of(rules_.slot_at(idx)); }
+
+  // Statuses in one byte each: 0 to 3, NOT_READY, and others, which are read again when they are needed.
+  enum : uint8_t { KIND_NOT_READY = 4, KIND_OTHER = 5 };
 
   store_t *const store_;
   const options_t options_;
+  array_rules_t rules_;
   report_t report_;
-  DynHdr_t hdr_ = {};
-  DynArrLLI_t lli_ = {};
-  DynMemHdr_t pool_hdr_ = {};
-  bool is_pool_ = false;
-  bool has_lists_ = false;  // DynArrLLI_t is whole and names a list
-  uint32_t n_alloc_ = 0;
+  uint64_t n_present_ = 0;
   uint64_t cut_bytes_ = 0;  // of a last slot that ends with what its pool's cursor has reached
+  // Walks along the lists reach slots in any order, so their nodes are kept in memory.
+  std::vector<uint8_t> kinds_;
+  std::vector<uint32_t> next_, prev_;
 };
 
 // ---- Headers as fields, in fields.cpp ------------------------------------------------------------------------------

@@ -1,37 +1,25 @@
-// The slots of an array as a bounded number of cells, for pictures.
+// How the slots of an array are gathered in cells.
 #ifndef TSLB_INSPECT_HEAT_MAP_H
 #define TSLB_INSPECT_HEAT_MAP_H
 
-#include <array>
 #include <cstdint>
 #include <string>
-#include <vector>
 
 #include "report.h"
 
 namespace inspect {
 
-// What a slot is in the picture. ABSENT: its bytes are missing. UNISSUED: memory without an id yet.
-enum use_t { USE_ACTIVE, USE_FREE, USE_INACTIVE, USE_OTHER, USE_ABSENT, USE_UNISSUED, N_USES };
+// Cells for all slots that the geometry has, with those counted that need not be looked at: absent, not issued, and of an
+// array without nodes the present ones.
+heat_map_t empty_map_of(const report_t &report);
 
-constexpr size_t CELL_COLUMNS = 32;
-constexpr size_t MAX_CELLS = CELL_COLUMNS * 20;
-
-struct cell_t {
-  uint64_t first, slots;
-  std::array<uint64_t, N_USES> counts;
-  bool has_stray;
-  double live;  // of a pool: share of its slots' bytes in chunks that are not deleted; below 0 if no slot has any
-};
-
-struct heat_map_t {
-  uint64_t slots_per_cell;  // a power of 2
-  std::vector<cell_t> cells;
-};
-
-heat_map_t heat_map_of(const report_t &report);
+// A present slot with nodes, and one of a pool.
+void count_slot(uint32_t idx, uint32_t status, bool is_stray, heat_map_t *map);
+void count_pool_slot(uint32_t idx, const pool_slot_t &slot, uint64_t capacity, heat_map_t *map);
 
 const char *use_text(use_t use);
+// Share of a cell's bytes that are in live chunks, below 0 if it has none.
+double live_share(const cell_t &cell);
 // "slot 3: free", "slots 64 to 127: 30 active, 34 free".
 std::string cell_text(const cell_t &cell);
 

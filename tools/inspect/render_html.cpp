@@ -104,12 +104,12 @@ std::string slot_tables(const report_t &report) {
   if (!report.pool) return html;
   const pool_t &pool = *report.pool;
   std::vector<row_t> rows;
-  for (size_t idx = 0; idx < std::min(pool.slots.size(), MAX_POOL_ROWS); ++idx)
-    rows.push_back({number(idx), state_text(pool.slots[idx].state), number(pool.slots[idx].used),
-                    number(pool.slots[idx].deleted), number(pool.slots[idx].tail)});
+  for (const pool_slot_t &slot : pool.first_slots)
+    rows.push_back(
+        {number(rows.size()), state_text(slot.state), number(slot.used), number(slot.deleted), number(slot.tail)});
   rows.push_back({"all", "", number(pool.used), number(pool.deleted), number(pool.tail_lost + pool.tail_open)});
-  const std::string title = pool.slots.size() > MAX_POOL_ROWS
-                                ? fmt::format("Pool, the first {} of {} slots", MAX_POOL_ROWS, pool.slots.size())
+  const std::string title = pool.n_slots > MAX_POOL_ROWS
+                                ? fmt::format("Pool, the first {} of {} slots", MAX_POOL_ROWS, pool.n_slots)
                                 : "Pool";
   return html + table(title, {"Slot", "State", "Used", "Deleted", "Tail"}, rows);
 }

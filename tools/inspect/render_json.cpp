@@ -1,5 +1,7 @@
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <iterator>
 #include <nlohmann/json.hpp>
 
 #include <tslb/tslb_stored.h>
@@ -63,14 +65,11 @@ json_t geometry_json(const geometry_t &g) {
           {"levels", levels}};
 }
 
+// The counts; the strays follow.
 json_t slots_json(const report_t &report) {
   const statuses_t &counts = report.statuses;
-  json_t strays = json_t::array();
-  for (size_t idx = 0; idx < report.slots.size(); ++idx)
-    if (report.slots[idx].is_stray) strays.push_back(idx);
-  return {{"active", counts.n_active},     {"free", counts.n_free},           {"inactive", counts.n_inactive},
-          {"unset", counts.n_unset},       {"not_ready", counts.n_not_ready}, {"other", counts.n_other},
-          {"claim_a_list_in_vain", strays}};
+  return {{"active", counts.n_active}, {"free", counts.n_free},           {"inactive", counts.n_inactive},
+          {"unset", counts.n_unset},   {"not_ready", counts.n_not_ready}, {"other", counts.n_other}};
 }
 
 json_t lists_json(const report_t &report) {
@@ -86,14 +85,10 @@ json_t lists_json(const report_t &report) {
   return lists;
 }
 
+// The sums; the slots follow.
 json_t pool_json(const pool_t &pool) {
-  json_t slots = json_t::array();
-  for (const pool_slot_t &slot : pool.slots)
-    slots.push_back(
-        {{"state", state_text(slot.state)}, {"used", slot.used}, {"deleted", slot.deleted}, {"tail", slot.tail}});
   return {{"kind", pool.kind},       {"slot_capacity", pool.slot_capacity}, {"used", pool.used},
-          {"deleted", pool.deleted}, {"tail_lost", pool.tail_lost},         {"tail_open", pool.tail_open},
-          {"slots", slots}};
+          {"deleted", pool.deleted}, {"tail_lost", pool.tail_lost},         {"tail_open", pool.tail_open}};
 }
 
 json_t record_json(const record_t &record) {
@@ -105,7 +100,7 @@ json_t record_json(const record_t &record) {
           {"hex", hex_of(record.bytes)}};
 }
 
-json_t report_json(const report_t &report) {
+json_t summary_json(const report_t &report) {
   json_t files = json_t::array(), findings = json_t::array(), headers = json_t::array();
   for (const stored_file_t &file : report.files)
     files.push_back({{"name", file.name}, {"block", file.block_num}, {"bytes", file.bytes}});
@@ -124,20 +119,97 @@ json_t report_json(const report_t &report) {
                  {"files", files},
                  {"headers", headers}};
   if (report.geometry) json["geometry"] = geometry_json(*report.geometry);
-  if (report.has_nodes) json["slots"] = slots_json(report);
-  if (report.has_nodes) json["lists"] = lists_json(report);
-  if (report.pool) json["pool"] = pool_json(*report.pool);
-  if (report.record) json["record"] = record_json(*report.record);
   return json;
+}
+
+// ---- Layout --------------------------------------------------------------------------------------------------------
+// That of one document, indented by two spaces a level.
+
+constexpr size_t PIECE_BYTES = 1 << 16;
+constexpr size_t ARRAY_INDENT = 4, MEMBER_INDENT = 6, ENTRY_INDENT = 10;
+
+std::string line_of(size_t indent) {
+  return fmt::format("\n{:{}}", "", indent);
+}
+
+// Names of files are bytes, and not always UTF-8. Strings have no line ends of their own here.
+std::string text_of(const json_t &json, size_t indent) {
+  const std::string dumped = json.dump(2, ' ', false, json_t::error_handler_t::replace);
+  std::string text;
+  for (size_t at = 0; at < dumped.size();) {
+    const size_t end = std::min(dumped.find('\n', at), dumped.size());
+    text.append(dumped, at, end - at);
+    if (end < dumped.size()) text += line_of(indent);
+    at = end + 1;
+  }
+  return text;
+}
+
+// An object whose last line is left out, so that a member can follow.
+std::string open_text_of(const json_t &json, size_t indent) {
+  const std::string text = text_of(json, indent);
+  return text.substr(0, text.rfind('\n'));
+}
+
+std::string member_text(const char *name, size_t indent) {
+  return fmt::format(",{}\"{}\": ", line_of(indent), name);
 }
 
 }  // namespace
 
-std::string json_of(const reports_t &reports) {
-  json_t arrays = json_t::array();
-  for (const report_t &report : reports) arrays.push_back(report_json(report));
-  // Names of files are bytes, and not always UTF-8.
-  return json_t({{"arrays", arrays}}).dump(2, ' ', false, json_t::error_handler_t::replace) + "\n";
+void json_writer_t::flush_at(size_t bytes) {
+  if (pending_.size() < bytes) return;
+  sink_(pending_);
+  pending_.clear();
+}
+
+void json_writer_t::add_slots(const report_t &report, slot_rows_t *rows) {
+  pending_ += member_text("slots", MEMBER_INDENT) + open_text_of(slots_json(report), MEMBER_INDENT) +
+              member_text("claim_a_list_in_vain", MEMBER_INDENT + 2) + "[";
+  const char *separator = "";
+  for (uint64_t idx = 0; idx < rows->n_node_slots(); ++idx) {
+    if (!rows->is_stray(static_cast<uint32_t>(idx))) continue;
+    pending_ += fmt::format("{}{}{}", separator, line_of(ENTRY_INDENT), idx);
+    separator = ",";
+    flush_at(PIECE_BYTES);
+  }
+  if (*separator != '\0') pending_ += line_of(MEMBER_INDENT + 2);
+  pending_ += fmt::format("]{}}}", line_of(MEMBER_INDENT));
+}
+
+void json_writer_t::add_pool(const report_t &report, slot_rows_t *rows) {
+  pending_ += member_text("pool", MEMBER_INDENT) + open_text_of(pool_json(*report.pool), MEMBER_INDENT) +
+              member_text("slots", MEMBER_INDENT + 2) + "[";
+  const std::string entry = line_of(ENTRY_INDENT), member = line_of(ENTRY_INDENT + 2);
+  for (uint64_t idx = 0; idx < rows->n_pool_slots(); ++idx) {
+    const pool_slot_t slot = rows->pool_slot(static_cast<uint32_t>(idx));
+    fmt::format_to(std::back_inserter(pending_),
+                   "{0}{1}{{{2}\"state\": \"{3}\",{2}\"used\": {4},{2}\"deleted\": {5},{2}\"tail\": {6}{1}}}",
+                   idx == 0 ? "" : ",", entry, member, state_text(slot.state), slot.used, slot.deleted, slot.tail);
+    flush_at(PIECE_BYTES);
+  }
+  if (rows->n_pool_slots() != 0) pending_ += line_of(MEMBER_INDENT + 2);
+  pending_ += fmt::format("]{}}}", line_of(MEMBER_INDENT));
+}
+
+void json_writer_t::add(const report_t &report, slot_rows_t *rows) {
+  pending_ += has_arrays_ ? "," : "{\n  \"arrays\": [";
+  has_arrays_ = true;
+  pending_ += line_of(ARRAY_INDENT) + open_text_of(summary_json(report), ARRAY_INDENT);
+  if (report.has_nodes) {
+    add_slots(report, rows);
+    pending_ += member_text("lists", MEMBER_INDENT) + text_of(lists_json(report), MEMBER_INDENT);
+  }
+  if (report.pool) add_pool(report, rows);
+  if (report.record)
+    pending_ += member_text("record", MEMBER_INDENT) + text_of(record_json(*report.record), MEMBER_INDENT);
+  pending_ += line_of(ARRAY_INDENT) + "}";
+  flush_at(1);
+}
+
+void json_writer_t::end() {
+  pending_ += has_arrays_ ? "\n  ]\n}\n" : "{\n  \"arrays\": []\n}\n";
+  flush_at(1);
 }
 
 }  // namespace inspect

@@ -20,7 +20,7 @@ std::string shortened(const std::string &text) {
 
 class painter_t {
  public:
-  explicit painter_t(const report_t &report) : report_(report), map_(heat_map_of(report)) {}
+  explicit painter_t(const report_t &report) : report_(report), map_(report.map) {}
 
   picture_t paint(bool with_titles) {
     if (with_titles) titles();
@@ -112,8 +112,9 @@ class painter_t {
                   fmt::format("{} to {} %", step * 100 / RAMP_STEPS, (step + 1) * 100 / RAMP_STEPS));
     legend_item(&x, "heatnone", "no chunks");
     grid([this](const cell_t &cell, int at_x, int at_y) {
-      const int step = std::min(static_cast<int>(cell.live * RAMP_STEPS), RAMP_STEPS - 1);
-      rect(cell.live < 0 ? "heatnone" : fmt::format("heat{}", step), at_x, at_y, CELL, CELL);
+      const double live = live_share(cell);
+      const int step = std::min(static_cast<int>(live * RAMP_STEPS), RAMP_STEPS - 1);
+      rect(live < 0 ? "heatnone" : fmt::format("heat{}", step), at_x, at_y, CELL, CELL);
     });
   }
 
@@ -131,7 +132,7 @@ class painter_t {
   }
 
   const report_t &report_;
-  const heat_map_t map_;
+  const heat_map_t &map_;
   std::string out_;
   int y_ = 0;
 };

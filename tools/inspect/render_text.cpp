@@ -11,6 +11,20 @@ namespace inspect {
 
 // ---- Words shared with the other renderers -------------------------------------------------------------------------
 
+std::string printable(const std::string &text) {
+  std::string shown;
+  for (const char c : text) {
+    const unsigned char byte = static_cast<unsigned char>(c);
+    if (byte < ' ' || byte == 0x7F)
+      shown += fmt::format("\\x{:02x}", byte);
+    else if (c == '\\')
+      shown += "\\\\";
+    else
+      shown += c;
+  }
+  return shown;
+}
+
 std::string value_text(const field_t &field) {
   if (!field.is_signed) return fmt::format("{}", field.value);
   return fmt::format("{}", static_cast<int16_t>(field.value));
@@ -47,7 +61,8 @@ namespace {
 std::string findings_text(const report_t &report) {
   std::string text;
   for (const finding_t &finding : report.findings)
-    text += fmt::format("  {}{}: byte {}: {}\n", finding.severity == severity_t::FAULT ? "" : "remark: ", finding.file,
+    text += fmt::format("  {}{}: byte {}: {}\n",
+                        finding.severity == severity_t::FAULT ? "" : "remark: ", printable(finding.file),
                         finding.offset, finding.text);
   const uint64_t more = report.n_faults + report.n_remarks - report.findings.size();
   if (more != 0) text += fmt::format("  and {} more\n", more);
@@ -112,17 +127,17 @@ std::string pool_text(const pool_t &pool) {
       "  pool, {}\n"
       "    slots          {}: {} filled, {} free, {} unset\n"
       "    chunk bytes    {} used, {} of them deleted; {} lost in tails, {} open in the current slot\n",
-      pool.kind, pool.slots.size(), pool.n_filled, pool.n_free, pool.n_unset, pool.used, pool.deleted, pool.tail_lost,
+      pool.kind, pool.n_slots, pool.n_filled, pool.n_free, pool.n_unset, pool.used, pool.deleted, pool.tail_lost,
       pool.tail_open);
-  if (!pool.slots.empty())
+  if (!pool.first_slots.empty())
     text += fmt::format("    {:>6}  {:<8}  {:>10}  {:>10}  {:>10}\n", "slot", "state", "used", "deleted", "tail");
-  for (size_t idx = 0; idx < std::min(pool.slots.size(), MAX_POOL_ROWS); ++idx) {
-    const pool_slot_t &slot = pool.slots[idx];
+  for (size_t idx = 0; idx < pool.first_slots.size(); ++idx) {
+    const pool_slot_t &slot = pool.first_slots[idx];
     text += fmt::format("    {:>6}  {:<8}  {:>10}  {:>10}  {:>10}\n", idx, state_text(slot.state), slot.used,
                         slot.deleted, slot.tail);
   }
-  if (pool.slots.size() > MAX_POOL_ROWS)
-    text += fmt::format("    and {} more; --json has them all\n", pool.slots.size() - MAX_POOL_ROWS);
+  if (pool.n_slots > MAX_POOL_ROWS)
+    text += fmt::format("    and {} more; --json has them all\n", pool.n_slots - MAX_POOL_ROWS);
   return text;
 }
 
@@ -163,7 +178,8 @@ std::string status_text(uint32_t status) {
 }
 
 std::string record_text(const record_t &record) {
-  std::string text = fmt::format("  record {}, slot at byte {} of {}\n", record.id, record.offset, record.file);
+  std::string text =
+      fmt::format("  record {}, slot at byte {} of {}\n", record.id, record.offset, printable(record.file));
   if (record.bytes.empty()) return text + "    its bytes are not there\n";
   // What is missing of a slot is missing at its end.
   const size_t head = std::min<size_t>(record.head_bytes, record.bytes.size());
@@ -186,8 +202,8 @@ std::string record_text(const record_t &record) {
 }  // namespace
 
 std::string text_of(const report_t &report) {
-  std::string text =
-      fmt::format("{}: {}: {}\n", report.name, kind_text(report), verdict_text(report)) + findings_text(report);
+  std::string text = fmt::format("{}: {}: {}\n", printable(report.name), kind_text(report), verdict_text(report)) +
+                     findings_text(report);
   for (const header_t &header : report.headers) text += header_text(header);
   if (report.geometry) text += geometry_text(*report.geometry);
   text += lists_text(report);

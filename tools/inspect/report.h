@@ -1,8 +1,9 @@
 // What was found out about one stored array: facts and findings, in plain values that every renderer shows in its own
-// way. Sizes are in bytes. Offsets are those of a file, which each finding and header names by its block.
+// way. It does not grow with the array: what there is of each slot comes from slot_rows_t. Sizes are in bytes. Offsets are those of a file, which each finding and header names by its block.
 #ifndef TSLB_INSPECT_REPORT_H
 #define TSLB_INSPECT_REPORT_H
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -67,13 +68,6 @@ struct geometry_t {
   uint64_t stored_bytes = 0;                       // of the files
 };
 
-// Nodes of a slot, and what the walks say about it.
-struct slot_t {
-  uint32_t status, next, prev;
-  bool on_free_list = false, on_inactive_list = false;
-  bool is_stray = false;  // claims a list and is not on it
-};
-
 struct list_t {
   std::string name;
   uint32_t head, tail, count;
@@ -92,15 +86,39 @@ enum class pool_slot_state_t { CURRENT, FILLED, FREE, UNSET };
 struct pool_slot_t {
   pool_slot_state_t state;
   uint32_t used, deleted;
-  uint32_t tail;  // behind the chunks: lost in a slot that is not current
+  uint32_t tail;  // after the chunks: lost in a slot that is not current
 };
+
+// Slots of a pool that a text and a page show. JSON has them all.
+constexpr size_t MAX_POOL_ROWS = 64;
 
 struct pool_t {
   std::string kind;
   uint64_t slot_capacity = 0;  // bytes of a slot that chunks can use
-  std::vector<pool_slot_t> slots;
+  uint64_t n_slots = 0;
+  std::vector<pool_slot_t> first_slots;  // up to MAX_POOL_ROWS
   uint64_t n_filled = 0, n_free = 0, n_unset = 0;
   uint64_t used = 0, deleted = 0, tail_lost = 0, tail_open = 0;
+};
+
+// What a slot is in the picture. ABSENT: its bytes are missing. UNISSUED: memory without an id yet.
+enum use_t { USE_ACTIVE, USE_FREE, USE_INACTIVE, USE_OTHER, USE_ABSENT, USE_UNISSUED, N_USES };
+
+// The slots of an array as a bounded number of cells, for pictures.
+constexpr size_t CELL_COLUMNS = 32;
+constexpr size_t MAX_CELLS = CELL_COLUMNS * 20;
+
+struct cell_t {
+  uint64_t first, slots;
+  std::array<uint64_t, N_USES> counts;
+  bool has_stray;
+  // Of a pool, without slots that are free or unset: bytes in chunks that are not deleted, and bytes for chunks.
+  uint64_t live, room;
+};
+
+struct heat_map_t {
+  uint64_t slots_per_cell = 1;  // a power of 2
+  std::vector<cell_t> cells;
 };
 
 struct record_t {
@@ -119,6 +137,18 @@ struct stored_file_t {
   uint64_t bytes;
 };
 
+// The slots of an array that was analysed, read once more from its store.
+class slot_rows_t {
+ public:
+  virtual ~slot_rows_t() = default;
+  // Slots with nodes and with counters; 0 where the array has none.
+  virtual uint64_t n_node_slots() const = 0;
+  virtual uint64_t n_pool_slots() const = 0;
+  // Claims a list and is not on it.
+  virtual bool is_stray(uint32_t idx) = 0;
+  virtual pool_slot_t pool_slot(uint32_t idx) = 0;
+};
+
 struct report_t {
   std::string name;
   bool is_stream = true;
@@ -126,10 +156,10 @@ struct report_t {
   std::vector<header_t> headers;
   std::optional<geometry_t> geometry;  // if the headers are there
   bool has_nodes = false;
-  std::vector<slot_t> slots;  // only with nodes
   statuses_t statuses;
   std::vector<list_t> lists;
   std::optional<pool_t> pool;
+  heat_map_t map;
   std::optional<record_t> record;
   std::vector<finding_t> findings;  // the first of them, in the order in which they were met
   uint64_t n_faults = 0, n_remarks = 0;

@@ -59,7 +59,9 @@ class file_reader_t {
   size_t read(uint64_t offset, void *to, size_t bytes) {
     if (bytes > sizeof(window_)) return pread_fully(offset, static_cast<char *>(to), bytes);
     if (offset < window_at_ || offset - window_at_ + bytes > window_bytes_) {
-      window_bytes_ = pread_fully(offset, window_, sizeof(window_));
+      // What comes next is read too, unless the reads are not in order.
+      const bool is_in_order = offset >= window_at_ && offset - window_at_ <= sizeof(window_) + bytes;
+      window_bytes_ = pread_fully(offset, window_, is_in_order ? sizeof(window_) : std::max(bytes, SCATTERED_BYTES));
       window_at_ = offset;
     }
     const size_t skipped = static_cast<size_t>(offset - window_at_);
@@ -87,6 +89,8 @@ class file_reader_t {
     }
     return filled;
   }
+
+  static constexpr size_t SCATTERED_BYTES = 512;
 
   std::string path_;
   int fd_ = -1;

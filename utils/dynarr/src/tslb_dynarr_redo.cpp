@@ -54,8 +54,10 @@ void tslb_redo_log_da_internal(dynarr_t *h_dynarr, unsigned int sidx, uint64_t t
     write_record(h_dynarr, txn_id, rec_type, base + shift + static_cast<uint32_t>(field_offset),
                  slot_ptr + field_offset, static_cast<uint32_t>(field_size));
   } else {
-    write_record(h_dynarr, txn_id, rec_type, base, slot_ptr - shift,
-                 rec_hdr_only != 0 ? TSLB_NODE_BYTES : slot_bytes_of(h_dynarr));
+    // A plain slot can be shorter than a node; what follows it is another slot's or nobody's.
+    const uint32_t slot_bytes = slot_bytes_of(h_dynarr);
+    const bool node_only = rec_hdr_only != 0 && slot_bytes > TSLB_NODE_BYTES;
+    write_record(h_dynarr, txn_id, rec_type, base, slot_ptr - shift, node_only ? TSLB_NODE_BYTES : slot_bytes);
   }
 }
 
