@@ -492,9 +492,15 @@ TEST(PoolCheck, TakesWhatPoolsCanHold) {
 
   const array_t ring = checked_pool(64, MPOOL_FLAG_BV, TSLB_DA_DAFLAG_LL, MPOOL_TYPE_DRAM_TMP);
   stdout_of([&ring] {
-    for (int i = 0; i < 700; ++i) take_chunk(ring, i % 2 * 16 + 16);
+    for (const int bytes : {8, 8}) take_chunk(ring, bytes);
+    for (int i = 0; i < 253; ++i) take_chunk(ring, 40);
+    for (const int bytes : {0, 40}) take_chunk(ring, bytes);
   });
-  expect_sound("a ring that has come round", ring);
+  expect_sound("a ring that has come round, with the rest of an old chunk in slot 0", ring);
+  stdout_of([&ring] {
+    for (int i = 0; i < 700; ++i) take_chunk(ring, 24);
+  });
+  expect_sound("a ring whose counters are beyond its slots", ring);
 }
 
 // Headers keep 16 bits of a length.
@@ -510,16 +516,22 @@ TEST(PoolCheck, FollowsLongChunks) {
 }
 
 TEST(PoolCheck, TakesWhatAKilledProcessLeaves) {
-  const array_t pool = checked_pool(200);
-  take_chunk(pool, 24);
-  static_cast<DynMemHdr_t *>(tslb_da_get_usrhdr(pool.get()))->cur_slot_addr += uint64_t{50} << 32;
-  EXPECT_EQ(fault_of(pool), "") << "bytes were reserved, and neither counted nor written";
-  take_chunk(pool, 60);
-  EXPECT_EQ(fault_of(pool), "") << "and others after them";
-  // The missing bytes are counted as dead.
-  for (const size_t counter : {0, 4}) {
-    char *const at = slot_bytes_at(pool, 0, counter);
-    write_at(at, 0, read_at<uint32_t>(at, 0) + 50);
+  for (const uint32_t missing : {48u, 50u}) {
+    SCOPED_TRACE(missing);
+    const array_t pool = checked_pool(200);
+    take_chunk(pool, 24);
+    static_cast<DynMemHdr_t *>(tslb_da_get_usrhdr(pool.get()))->cur_slot_addr += uint64_t{missing} << 32;
+    EXPECT_EQ(fault_of(pool), "") << "bytes were reserved, and neither counted nor written";
+    take_chunk(pool, 60);
+    char *const gap = slot_bytes_at(pool, 0, 8 + 40);
+    memset(gap, 0x77, missing);
+    EXPECT_EQ(fault_of(pool), "") << "old bytes of a block file, and a chunk after them";
+    // The missing bytes are counted as dead.
+    memset(gap, 0, missing);
+    for (const size_t counter : {0, 4}) {
+      char *const at = slot_bytes_at(pool, 0, counter);
+      write_at(at, 0, read_at<uint32_t>(at, 0) + missing);
+    }
+    EXPECT_EQ(fault_of(pool), "");
   }
-  EXPECT_EQ(fault_of(pool), "");
 }
