@@ -10,6 +10,7 @@
 #include <memory>
 
 #include <tslb/array_loader.h>
+#include <tslb/array_settle.h>
 #include <tslb/tsdb_recovery_schema.h>
 #include <tslb/tsdb_recovery_version_compatibility.h>
 #include <tslb/tslb_dynarr.h>
@@ -184,7 +185,10 @@ array_t load(const way_t &way, int fd, refusal_t *refusal, uint32_t *n_direct) {
                                         .max_block_bytes = 0,
                                         .rec_version = ARRAY_LOAD_ANY_VERSION,
                                         .record_size = ARRAY_LOAD_ANY_SIZE};
-  return array_t(load_stream_for_conversion(fd, &options, refusal, n_direct));
+  array_t array(load_stream_for_conversion(fd, &options, refusal, n_direct));
+  // The older reader may have no array_settle. The loader has checked the cursor, so this cannot fail.
+  if (array != nullptr && way.is_lib) array_settle(array.get());
+  return array;
 }
 
 // Without a name, so that nothing of it is redo logged, and without a pool's table id, so that its last slot is written
@@ -249,9 +253,8 @@ int write_slots(DynamicArray_t array, void *block, int n_slots, size_t, int hdr_
 bool write_stream(dynarr_t *array, uint32_t n_direct, int fd) {
   DynArrHdr_t *const hdr = get_dyn_hdr(array);
   const uint32_t own_n_direct = hdr->n_direct, own_n_alloc = hdr->n_alloc;
-  const uint32_t n_beyond = hdr->n_used > n_direct ? hdr->n_used - n_direct : 0;
   hdr->n_direct = n_direct;
-  hdr->n_alloc = n_direct + (n_beyond + 15) / 16 * 16;
+  hdr->n_alloc = n_direct + tslb_stored_n_blocks(hdr->n_used, n_direct) * TSLB_SLOTS_PER_BLOCK;
   output_t output = {fd, tslb_da_get_slotsz(array, nullptr), 0};
   const bool has_headers =
       tslb_dump_data_into_dds_file(array->ctx_name, array->arr_base, 0, hdr, 0, tslb_dynmem_get_hdrsz(array),

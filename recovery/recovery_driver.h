@@ -18,7 +18,8 @@
  *                   in the map's version (1), and is told so in version_is_asserted; a pool that was converted before
  *                   passes again. What is looked at is the kind of pool. The host's copy here changes no content.
  *
- * For the last three a user header of 56 bytes is read as a pool's, and refused if it contradicts itself. A pool's last
+ * For the last three a user header of 56 bytes is read as a pool's, and refused if it contradicts itself. Such a pool is
+ * settled (array_settle.h). A pool's last
  * slot that was cut comes out whole.
  *
  * Both arrays are in memory, with the slots whose bytes were read: a direct area that the headers claim and do not use

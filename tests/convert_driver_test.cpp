@@ -140,6 +140,20 @@ TEST(ConvertDriver, PoolsComeOutAsTheyAre) {
   }
 }
 
+// The older reader has no array_settle, so bytes that a killed process reserved are accounted for here.
+TEST(ConvertDriver, PoolsComeOutSettled) {
+  const array_t pool = chunk_pool(BIT_VECTOR, 1);
+  DynMemHdr_t *const hdr = static_cast<DynMemHdr_t *>(get_user_hdr(pool.get()));
+  MemSlot_t *const slot = static_cast<MemSlot_t *>(tslb_da_get_ptr(pool.get(), 0));
+  hdr->cur_slot_addr += uint64_t{8} << 32;
+  const std::string stream = stream_of(pool.get());
+  slot->bytes_used += 8;
+  slot->bytes_del += 8;
+  const converted_t got = convert(stream, {RECTYPE_LIB_BV, 2, 0, 0});
+  EXPECT_EQ(got.result, RECOVERY_DONE) << got.error;
+  EXPECT_TRUE(got.output == stream_of(pool.get()));
+}
+
 TEST(ConvertDriver, RefusesWhatDoesNotFit) {
   constexpr uint8_t LL = TSLB_DA_DAFLAG_LL, INLL = TSLB_DA_DAFLAG_INLL;
   const std::string groups = store(44, 0, 2, 20).stream, types = store(100, INLL, 1, 20).stream;

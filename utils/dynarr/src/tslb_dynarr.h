@@ -180,7 +180,7 @@ TSLB_API void *tslb_da_get_inactive_head_ptr(dynarr_t *handle_dynarr, uint32_t *
  * sidx          slot index; not used by tslb_redo_log_da_hdr.
  * txn_id        passed on.
  * rec_type      passed on; 0 becomes 2, but not for a header.
- * rec_hdr_only  non-zero: the first 8 bytes of the slot only (its node_fw).
+ * rec_hdr_only  non-zero: at most the first 8 bytes of the slot (its node_fw).
  * field_offset, field_size
  *               a range of the payload in bytes. Taken if the offset is 0 or more and the size 1 or more, ahead of
  *               rec_hdr_only and not compared with record_size; else the whole slot is logged. */

@@ -8,7 +8,6 @@
 #include "dynarr_lookup.h"
 #include "dynarr_walk.h"
 #include "tslb_dynarr.h"
-#include "tslb_dynmem.h"
 #include "tslb_probes.h"
 #include "tslb_rd_api.h"
 #include "tslb_settings.h"
@@ -97,13 +96,13 @@ static uint32_t short_last_slot_bytes(const DynArrHandle_t *array) {
   const uint8_t test_mode = static_cast<uint8_t>(tslb_test_mode);
   if (tbl_id != BBP_TBLID && tbl_id != BVP_TBLID) return 0;
   if (test_mode == 0xFF || (test_mode & 1) != 0 || (lib_config.tslb_enable_file_trimming_flag & 1) == 0) return 0;
-  if (dyn_hdr_of(array)->hdr_size < sizeof(DynMemHdr_t)) return 0;  // the host gave a pool's table id to another array
-  const DynMemHdr_t *const hdr = static_cast<const DynMemHdr_t *>(user_hdr_of(array));
-  const uint64_t cursor = __atomic_load_n(&hdr->cur_slot_addr, __ATOMIC_RELAXED);
+  // The host can give a pool's table id to another array.
+  if (dyn_hdr_of(array)->hdr_size < TSLB_POOL_HDR_BYTES) return 0;
+  const void *const cursor_at = static_cast<const char *>(user_hdr_of(array)) + TSLB_POOL_CURSOR_AT;
+  const uint64_t cursor = __atomic_load_n(static_cast<const uint64_t *>(cursor_at), __ATOMIC_RELAXED);
   const uint32_t n_used = get32(arr_hdr_of(array), &DynArrHdr_t::n_used);
-  if (n_used == 0 || static_cast<uint32_t>(cursor) != n_used - 1) return 0;
-  return static_cast<uint32_t>(cursor >> 32) + tslb_stored_shift(array->daflag) +
-         static_cast<uint32_t>(sizeof(MemSlot_t));
+  if (n_used == 0 || tslb_stored_cursor_slot(cursor) != n_used - 1) return 0;
+  return tslb_stored_cursor_off(cursor) + tslb_stored_shift(array->daflag) + TSLB_MEM_SLOT_HDR_BYTES;
 }
 
 int tslb_create_dump_for_dynarr(DynamicArray_t dyn_handle, int fd, uint8_t, size_t *total_write_sz) {

@@ -123,6 +123,7 @@ static inline int tslb_stored_block_file_name(char *text, size_t size, int32_t t
 /* ---- Chunk pools --------------------------------------------------------------------------------------------------- */
 
 #define TSLB_POOL_HDR_BYTES 56u     /* DynMemHdr_t */
+#define TSLB_POOL_CURSOR_AT 8u      /* DynMemHdr_t.cur_slot_addr in it */
 #define TSLB_MEM_SLOT_HDR_BYTES 8u  /* MemSlot_t, before its chunks */
 #define TSLB_COMPAT_BYTES 16u       /* compat_t and compat64_t, before a chunk's data */
 #define TSLB_COMPAT_LEN_MAX 65535u  /* longest data whose length a compaction header can keep */
