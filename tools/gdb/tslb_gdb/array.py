@@ -8,12 +8,15 @@ from collections import namedtuple
 from functools import cached_property
 
 from .memory import Unreadable, read_as, read_pointers
+from .stored import TSLB_DA_DAFLAG_INLL as FLAG_INLL
+from .stored import TSLB_DA_DAFLAG_LL as FLAG_LL
+from .stored import TSLB_ARR_HDR_BYTES, TSLB_LLI_BYTES
+from .stored import TSLB_DA_NIL_IDX as NIL_IDX
+from .stored import TSLB_ENTRIES_PER_TABLE as ENTRIES_PER_TABLE
+from .stored import TSLB_LEVELS as LEVELS
+from .stored import TSLB_NODE_BYTES as NODE_BYTES
+from .stored import TSLB_SLOTS_PER_BLOCK as SLOTS_PER_BLOCK
 
-NIL_IDX = 0xFFFFFFFF
-SLOTS_PER_BLOCK = ENTRIES_PER_TABLE = 16
-NODE_BYTES = 8
-LEVELS = 6
-FLAG_LL, FLAG_INLL = 1, 2
 MPOOL_TYPE_SHM = 1
 MPOOL_TYPE_DRAM_TMP = 5
 # As many as lead to 16 million records; it takes a second to read them.
@@ -34,12 +37,12 @@ class ListRoots(
     )
 ):
     FORMAT = "<7IB3xB"
-    BYTES = 60
+    BYTES = TSLB_LLI_BYTES
 
 
 class ArrHdr(namedtuple("ArrHdr", "n_alloc n_used n_direct record_size")):
     FORMAT = "<4I"
-    BYTES = 16
+    BYTES = TSLB_ARR_HDR_BYTES
 
 
 class NodeFw(namedtuple("NodeFw", "status next")):

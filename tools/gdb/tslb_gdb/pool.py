@@ -4,11 +4,14 @@ from collections import namedtuple
 
 from .array import MPOOL_TYPE_DRAM_TMP
 from .memory import Unreadable, read_as
+from .stored import MCHUNK_FLAG_DELETED as CHUNK_DELETED
+from .stored import MPOOL_FLAG_BV as FLAG_BV
+from .stored import MPOOL_FLAG_COMPAT as FLAG_COMPAT
+from .stored import MPOOL_FLAG_PERSIST as FLAG_PERSIST
+from .stored import TSLB_BV_SLOT_BITS, TSLB_BV_UNIT_BYTES, TSLB_POOL_HDR_BYTES
+from .stored import TSLB_COMPAT_BYTES as COMPAT_BYTES
+from .stored import TSLB_MEM_SLOT_HDR_BYTES as SLOT_HDR_BYTES
 
-COMPAT_BYTES = 16
-SLOT_HDR_BYTES = 8
-FLAG_COMPAT, FLAG_PERSIST, FLAG_BV = 0x01, 0x02, 0x10
-CHUNK_DELETED = 0x01
 
 
 class PoolHdr(
@@ -18,7 +21,7 @@ class PoolHdr(
     )
 ):
     FORMAT = "<BBhI5Qq"  # what is available is a difference, and can be below zero
-    BYTES = 56
+    BYTES = TSLB_POOL_HDR_BYTES
 
 
 class MemSlot(namedtuple("MemSlot", "bytes_used bytes_del")):
@@ -72,7 +75,8 @@ class Pool:
         if is_64:
             return Address("64-bit", word & 0xFFFFFFFF, word >> 32)
         if self.is_bitvector:
-            return Address("bit-vector", word & 0x7FF, (word >> 11) * 8)
+            slot_idx = word & ((1 << TSLB_BV_SLOT_BITS) - 1)
+            return Address("bit-vector", slot_idx, (word >> TSLB_BV_SLOT_BITS) * TSLB_BV_UNIT_BYTES)
         return Address("big-buffer", word & 0xFF, word >> 8)
 
     def mem_slot(self, record):

@@ -1,5 +1,6 @@
 """What is shown, as text. Every function takes what it can get: a part that is missing says so in its own line."""
 
+from . import stored
 from .array import NIL_IDX
 from .memory import NULL_TEXT, Unreadable, dump, read, shown
 from .pool import (
@@ -12,7 +13,9 @@ from .pool import (
     Pool,
 )
 
-STATUS_NAMES = {0: "UNSET", 1: "FREE", 2: "ACTIVE", 3: "INACTIVE", 0xFFFFFFFF: "NOT_READY"}
+STATUS_NAMES = {
+    getattr(stored, "TSLB_DA_SLOT_" + name): name for name in ("UNSET", "FREE", "ACTIVE", "INACTIVE", "NOT_READY")
+}
 MEM_TYPE_NAMES = ("DRAM", "SHM", "PMEM", "PMEM_TMP", "SHM_TMP", "DRAM_TMP")
 USER_HDR_SHOWN = 16
 
