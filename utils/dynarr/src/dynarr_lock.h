@@ -1,5 +1,4 @@
-// The spin lock of a handle: tslb_da_spin_lock16 and tslb_da_spin_unlock16, without the call around the host's swap.
-// Private.
+// The spin lock of a handle: tslb_da_spin_lock16 and tslb_da_spin_unlock16 as inline functions. Private.
 #ifndef DYNARR_LOCK_H
 #define DYNARR_LOCK_H
 
