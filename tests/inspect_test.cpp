@@ -1,4 +1,4 @@
-// The inspector against arrays that the library stored: facts, and each contradiction with the byte where it stands.
+// Tests of the inspector on arrays that the library stored: facts, and each inconsistency with its byte.
 
 #include <functional>
 #include <nlohmann/json.hpp>
@@ -11,7 +11,7 @@ using json_t = nlohmann::json;
 using namespace nlohmann::literals;
 using testing::HasSubstr;
 
-// 20 slots, 3 of them direct: free 4, 2, 9; inactive 7, 5. Record i begins with the word i.
+// 20 slots, 3 of them direct. Free: 4, 2, 9. Inactive: 7, 5. Record i begins with the word i.
 static array_t two_lists(char mem_type = MPOOL_TYPE_DRAM, const char *ctx_name = nullptr) {
   array_t array(tslb_da_init_ver(12, 3, mem_type, ctx_name, 12, TSLB_DA_DAFLAG_INLL, 5));
   for (uint32_t i = 0; i < 20; ++i) {
@@ -47,7 +47,7 @@ class Inspect : public ToolTest {
   Inspect() : ToolTest(TSLB_INSPECT) {}
   ~Inspect() override { tslb_set_base_path(""); }
 
-  // The only array of the output.
+  // Returns the only array of the output.
   json_t inspect(const std::string &arguments, int exit_code) const {
     const run_t ran = run("--json " + arguments);
     EXPECT_EQ(ran.exit_code, exit_code) << ran.err;
@@ -57,14 +57,14 @@ class Inspect : public ToolTest {
     return output["arrays"][0];
   }
 
-  // Files 0 to 2 of the array with two lists.
+  // Writes files 0 to 2 of the array with two lists.
   void write_block_files(const std::string &ctx_name = "ctx") const {
     tslb_set_base_path(folder_.path.c_str());
     const array_t array = two_lists(MPOOL_TYPE_SHM, ctx_name.c_str());
   }
 };
 
-// As in "in: byte 8: ...", the faults alone.
+// Returns the faults as text, such as "in: byte 8: ...".
 static std::vector<std::string> faults_of(const json_t &array) {
   std::vector<std::string> faults;
   for (const json_t &found : array["findings"])
@@ -101,7 +101,7 @@ TEST_F(Inspect, SlotArraysOfBothForms) {
   expect_two_lists(stream);
   EXPECT_EQ(stream["form"], "stream");
   EXPECT_EQ(stream["geometry"]["stored_bytes"], slot(20));
-  // The set is one array, whichever of its files are named.
+  // The files are one array, whichever of them are named.
   for (const std::string &ctx_name : {std::string("ctx"), std::string(40, 'c')}) {
     write_block_files(ctx_name);
     const json_t blocks = inspect(ctx_name + "/12.0.darr " + ctx_name + "/12.0.darr", 0);
@@ -139,8 +139,8 @@ TEST_F(Inspect, PoolsSlotBySlot) {
       {"state": "current", "used": 24, "deleted": 0, "tail": 40}]})"_json);
     EXPECT_EQ(field_of(array, "DynMemHdr_t", "cur_slot_addr.byte_off")["value"], 24);
   }
-  // Another user header of that size is nobody's business.
-  EXPECT_FALSE(inspect("--kind array in", 1).contains("pool")) << "a cut slot is a pool's";
+  // Another user header of that size is not examined.
+  EXPECT_FALSE(inspect("--kind array in", 1).contains("pool")) << "a cut slot was accepted as a pool's";
 }
 
 TEST_F(Inspect, RecordsById) {
@@ -173,7 +173,7 @@ TEST_F(Inspect, UserHeadersAsText) {
 struct contradiction_t {
   const char *fault;
   std::function<void(std::string *)> damage;
-  const char *findings;  // a line each, behind "in: byte "
+  const char *findings;  // one line each, after "in: byte "
 };
 
 template <class Value>
@@ -211,15 +211,15 @@ TEST_F(Contradictions, OfHeadersAndSizes) {
                          {"half a first header", cut(5), "5: ends 5 bytes into DynHdr_t of 8"},
                          {"half of all headers", cut(70), "70: ends 70 bytes into headers of 84"},
                          {"another layout", put<uint8_t>(0, 3), "0: lib_version 3, which is not 2"},
-                         {"a longer stream", with_longer, "644: 3 more bytes behind the last slot"},
+                         {"bytes after the last slot", with_longer, "644: 3 more bytes behind the last slot"},
                          {"a slot that is cut", cut(slot(19) + 9), "625: ends 9 bytes into slot 19 of 20"},
                          {"a list whose rest is cut away", cut(slot(9)),
                           "336: ends 0 bytes into slot 9 of 20\n"
                           "144: the free list goes on in slot 9, which is not there"},
-                         {"more ids than there can be", put<uint32_t>(72, 0xFFFFFFF0),
+                         {"more ids than the maximum", put<uint32_t>(72, 0xFFFFFFF0),
                           "72: n_used 4294967280 is beyond what an array with n_direct 3 can have\n"
                           "644: ends 0 bytes into slot 20 of 4294967280"},
-                         {"a direct area beyond limits", put<uint32_t>(76, 0x80000000),
+                         {"a direct area above the limit", put<uint32_t>(76, 0x80000000),
                           "76: n_direct 2147483648 is beyond what an array can have"},
                          {"a direct area larger than block 0", put<uint32_t>(76, 0x7FFFFFFF),
                           "76: n_direct 2147483647 with slots of 28 bytes takes more than block 0 may"},
@@ -235,13 +235,13 @@ TEST_F(Contradictions, OfLists) {
   expect_told(
       sound,
       {
-          {"a head beyond the array", put<uint32_t>(8, 20),
+          {"a head out of the array", put<uint32_t>(8, 20),
            "8: the free list names slot 20 of 20\n"
            "140: slot 2 says that it is free and is not on that list\n"
            "196: slot 4 says that it is free and is not on that list\n"
            "336: slot 9 says that it is free and is not on that list"},
-          {"a ring", put<uint32_t>(slot(9) + next, 2), "340: the free list comes back to slot 2"},
-          {"a list that runs on into the other one", put<uint32_t>(slot(9) + next, 7),
+          {"a cycle", put<uint32_t>(slot(9) + next, 2), "340: the free list comes back to slot 2"},
+          {"a list that leads into the other one", put<uint32_t>(slot(9) + next, 7),
            "280: status 3 on the free list, slot 7\n"
            "224: status 3 on the free list, slot 5\n"
            "32: the free list counts 3 slots and has 5\n"
@@ -251,11 +251,11 @@ TEST_F(Contradictions, OfLists) {
            "12: tail 9 of the free list, which ends with 2\n"
            "336: slot 9 says that it is free and is not on that list"},
           {"a counter", put<uint32_t>(32, 4), "32: the free list counts 4 slots and has 3"},
-          {"a counter beyond the array", put<uint32_t>(24, 21), "24: the inactive list counts 21 slots of 20"},
+          {"a counter above the number of slots", put<uint32_t>(24, 21), "24: the inactive list counts 21 slots of 20"},
           {"a tail", put<uint32_t>(20, 7), "20: tail 7 of the inactive list, which ends with 5"},
           {"a status on a list", put<uint32_t>(slot(5), 2), "224: status 2 on the inactive list, slot 5"},
           {"on no list", put<uint32_t>(slot(0), 3), "84: slot 0 says that it is inactive and is not on that list"},
-          {"a status that is none", put<uint32_t>(slot(0), 9), "84: status 9 of slot 0 is none that a slot can have"},
+          {"an unknown status", put<uint32_t>(slot(0), 9), "84: status 9 of slot 0 is none that a slot can have"},
           {"a back link", put<uint32_t>(slot(5) + prev, 3),
            "244: prev 3 of slot 5 on the inactive list, where 7 comes before it"},
       });
@@ -267,13 +267,14 @@ TEST_F(Contradictions, OfPools) {
       stream_of(chunk_pool().get()),
       {
           {"a slot's capacity", put<uint32_t>(12, 60), "12: mslot_sz 60 does not go with record_size 72"},
-          {"a cursor beyond the slots", put<uint32_t>(16, 3), "16: cur_slot_addr names slot 3 of 3"},
-          {"a cursor behind its slot", put<uint32_t>(20, 65), "20: cur_slot_addr stands at byte 65 of a slot of 64"},
+          {"a cursor above the last slot", put<uint32_t>(16, 3), "16: cur_slot_addr names slot 3 of 3"},
+          {"a cursor after the end of its slot", put<uint32_t>(20, 65),
+           "20: cur_slot_addr stands at byte 65 of a slot of 64"},
           {"a current slot that is free", put<uint32_t>(16, 0), "140: status 1 of the current slot, 0"},
-          {"more used than there is", put<uint32_t>(slot1 + 8, 65), "228: bytes_used 65 of slot 1, which has 64"},
+          {"more used than the slot has", put<uint32_t>(slot1 + 8, 65), "228: bytes_used 65 of slot 1, which has 64"},
           {"more deleted", put<uint32_t>(slot1 + 12, 57), "232: bytes_del 57 of slot 1, where bytes_used is 56"},
           {"a last slot cut too early", cut(slot2 + 39), "339: ends 39 bytes into slot 2 of 3"},
-          {"a last slot cut behind its cursor", cut(slot2 + 41), "341: ends 41 bytes into slot 2 of 3"},
+          {"a last slot cut after its cursor", cut(slot2 + 41), "341: ends 41 bytes into slot 2 of 3"},
       });
 }
 
@@ -303,7 +304,7 @@ TEST_F(Contradictions, OfBlockFiles) {
   }
 }
 
-TEST_F(Inspect, WhatIsUnusualIsNoFault) {
+TEST_F(Inspect, UnusualStatesAreNotFaults) {
   write_block_files();
   write("ctx/12.3.darr", "left by an earlier run");
   write("ctx/12.x.darr", "not a block");
@@ -313,7 +314,7 @@ TEST_F(Inspect, WhatIsUnusualIsNoFault) {
   EXPECT_EQ(array["findings"][0]["file"], "ctx/12.3.darr");
 }
 
-TEST_F(Inspect, WhatIsUnusualInPools) {
+TEST_F(Inspect, UnusualStatesOfPools) {
   static const struct {
     const char *fault;
     size_t at;
@@ -325,10 +326,10 @@ TEST_F(Inspect, WhatIsUnusualInPools) {
       {"reserved byte", 9, 1, 3, "9: pad_byte 3, which is reserved"},
       {"size", 24, 8, 139, "24: total_msz 139 is less than the 140 bytes of headers"},
       {"sum", 32, 8, 79, "32: total_mused 79, where the slots in use come to 80"},
-      {"total that nothing counts", 48, 8, 1, "48: total_mdel 1, which nothing counts"},
-      {"a killed process' counter", POOL_HEADER_BYTES + 2 * POOL_SLOT_BYTES + 8, 4, 16,
+      {"total that is never counted", 48, 8, 1, "48: total_mdel 1, which nothing counts"},
+      {"a counter that a killed process left", POOL_HEADER_BYTES + 2 * POOL_SLOT_BYTES + 8, 4, 16,
        "308: bytes_used 16 of the current slot, 2, where the cursor has reached 24"},
-      {"a killed process' slot", POOL_HEADER_BYTES + POOL_SLOT_BYTES + 8, 4, 0xFFFFFFFF,
+      {"a slot that a killed process left", POOL_HEADER_BYTES + POOL_SLOT_BYTES + 8, 4, 0xFFFFFFFF,
        "228: slot 1 was taken and never became current"},
   };
   for (const auto &row : rows) {
@@ -342,7 +343,7 @@ TEST_F(Inspect, WhatIsUnusualInPools) {
   }
 }
 
-TEST_F(Inspect, NamesDoNotCommandTerminals) {
+TEST_F(Inspect, NamesDoNotControlTheTerminal) {
   const std::string name = "a\x1b[2J\nb\\x0a";
   std::string damaged = stream_of(two_lists().get());
   write_at(damaged.data(), slot(0), uint32_t{9});
@@ -353,11 +354,11 @@ TEST_F(Inspect, NamesDoNotCommandTerminals) {
   EXPECT_EQ(text.out.find('\x1b'), std::string::npos);
   EXPECT_EQ(run(arguments_t{name + "1"}).err,
             "tslb-inspect: " + shown + "1: cannot be read: No such file or directory\n");
-  // A program gets the name itself.
+  // JSON output contains the unchanged name.
   EXPECT_EQ(json_t::parse(run(arguments_t{"--json", name}).out)["arrays"][0]["name"], name);
 }
 
-// 120,000 slots in 3 MB, a third of them free.
+// 120,000 slots in 3 MB. A third of them are free.
 TEST_F(Inspect, JsonOfManySlotsTakesLittleMemory) {
   constexpr uint32_t N_SLOTS = 120000;
   const array_t pool(tslb_init_dynmem_ex1(8, N_SLOTS, 0, MPOOL_TYPE_DRAM, 0, nullptr, 1, TSLB_DA_DAFLAG_LL, 0, 0, 0));
@@ -368,7 +369,7 @@ TEST_F(Inspect, JsonOfManySlotsTakesLittleMemory) {
   const run_t ran = run("--json in");
   EXPECT_EQ(ran.exit_code, 0) << ran.err;
 #ifndef TSLB_SANITIZES_ADDRESS
-  EXPECT_LT(ran.most_kilobytes, 64 * 1024);
+  EXPECT_LT(ran.max_kilobytes, 64 * 1024);
 #endif
   const json_t slots = json_t::parse(ran.out)["arrays"][0]["pool"]["slots"];
   ASSERT_EQ(slots.size(), N_SLOTS);
@@ -389,13 +390,13 @@ TEST_F(Inspect, FilesThatCannotBeRead) {
     const run_t ran = run(row.file + std::string(" in"));
     EXPECT_EQ(ran.exit_code, 2);
     EXPECT_EQ(ran.err, std::string("tslb-inspect: ") + row.line + "\n");
-    EXPECT_EQ(ran.out.find("in: snapshot stream, slot array: sound\n"), 0u) << "the others are still inspected";
+    EXPECT_EQ(ran.out.find("in: snapshot stream, slot array: sound\n"), 0u) << "the other files were not inspected";
   }
   EXPECT_EQ(run("").exit_code, 2);
   EXPECT_EQ(run("--kind list in").exit_code, 2);
 }
 
-TEST_F(Inspect, OutputsReplaceNothingUnasked) {
+TEST_F(Inspect, OutputsReplaceFilesOnlyWithForce) {
   const std::string sound = stream_of(two_lists().get());
   write("in", sound);
   write("old", "old");
@@ -407,7 +408,7 @@ TEST_F(Inspect, OutputsReplaceNothingUnasked) {
   EXPECT_EQ(read("old").find("<?xml"), 0u);
 }
 
-// A browser parses the page and runs what may be in it; the tree that comes out is looked at.
+// A browser parses the page and runs its scripts, if there are any. The test examines the resulting tree.
 TEST_F(Inspect, PageInABrowser) {
   const char *const browser = "/usr/bin/chromium";
   if (access(browser, X_OK) != 0) GTEST_SKIP() << "chromium is not installed";
@@ -427,11 +428,11 @@ TEST_F(Inspect, PageInABrowser) {
   const std::string page = tree_of("page.html");
   EXPECT_NE(page.find("<title>Stored arrays</title>"), std::string::npos) << "a file's name ran as a script";
   EXPECT_EQ(count_of(page, "<section>"), 2u);
-  EXPECT_EQ(count_of(page, "<title>slot "), 35u + 2 * 18u) << "each slot of memory is a cell, in a pool two";
+  EXPECT_EQ(count_of(page, "<title>slot "), 35u + 2 * 18u) << "each slot is one cell, two in a pool";
   EXPECT_EQ(count_of(page, "class=\"m-stray\""), 2u) << "the slot and the legend";
   EXPECT_THAT(page, HasSubstr("slot 0: inactive, claims a list in vain"));
   EXPECT_THAT(page, HasSubstr("<td>slot 0 says that it is inactive and is not on that list</td>"));
-  EXPECT_EQ(page.find("http"), std::string::npos) << "nothing is loaded from elsewhere";
+  EXPECT_EQ(page.find("http"), std::string::npos) << "the page loads from elsewhere";
   const std::string picture = tree_of("picture.svg");
   EXPECT_EQ(picture.find("parsererror"), std::string::npos);
   EXPECT_EQ(count_of(picture, "<title>slot "), 35u + 2 * 18u);
