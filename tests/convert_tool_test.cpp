@@ -105,8 +105,8 @@ TEST_F(Tool, AnOutputThatFailsIsNotThere) {
     limits_t limits;
     const char *last_line;
   } rows[] = {
-      {"a refusal is not told", "--rec-type g_mg --to 2 ", {}, "in: g_mg is in version 2 already"},
-      {"a cut output is kept", TO_OLDEST, {nullptr, 2000}, "out: the older array could not be written to its end"},
+      {"a refusal is not told", "--rec-type g_mg --to 2 ", {}, "in: g_mg is already in version 2"},
+      {"a cut output is kept", TO_OLDEST, {nullptr, 2000}, "out: the converted array could not be written completely"},
       {"a lost report", TO_OLDEST, {"/dev/full"}, "stdout: cannot be written: No space left on device"},
   };
   for (const auto &row : rows) {

@@ -182,7 +182,7 @@ void analysis_t::check_stream_end() {
   const geometry_t &g = geometry();
   if (g.slot_bytes == 0 && g.n_used != 0) return;  // told already, and no end to compare with
   if (g.stored_bytes > g.image_bytes) {
-    fault({0, g.image_bytes}, "{} more bytes behind the last slot", g.stored_bytes - g.image_bytes);
+    fault({0, g.image_bytes}, "{} more bytes after the last slot", g.stored_bytes - g.image_bytes);
   } else if (g.stored_bytes < g.image_bytes) {
     const uint64_t whole = (g.stored_bytes - g.header_bytes) / g.slot_bytes;
     const uint64_t rest = (g.stored_bytes - g.header_bytes) % g.slot_bytes;
@@ -196,7 +196,7 @@ void analysis_t::check_stream_end() {
 
 void analysis_t::check_file_size(const stored_file_t &file, uint64_t wanted) {
   if (file.bytes != wanted)
-    fault({file.block_num, std::min(file.bytes, wanted)}, "{} bytes long, its block takes {}", file.bytes, wanted);
+    fault({file.block_num, std::min(file.bytes, wanted)}, "{} bytes long, but its block has {}", file.bytes, wanted);
 }
 
 // Those missing in a row are one finding: a header can claim millions.
@@ -206,7 +206,7 @@ void analysis_t::check_files() {
   uint64_t due = 1;
   const auto tell_missing = [&](uint64_t end) {
     if (due < end)
-      fault({static_cast<uint32_t>(due), 0}, "{} of {} data blocks missing from this one on", end - due, g.data_blocks);
+      fault({static_cast<uint32_t>(due), 0}, "{} of {} data blocks are missing, starting with this one", end - due, g.data_blocks);
   };
   for (const stored_file_t &file : store_->files()) {
     if (file.block_num > g.data_blocks) {
