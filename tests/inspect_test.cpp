@@ -85,7 +85,7 @@ static json_t field_of(const json_t &array, const std::string &header, const std
 static void expect_two_lists(const json_t &array) {
   EXPECT_EQ(array["findings"].size(), 0u) << array["findings"];
   EXPECT_EQ(array["slots"], R"({"active": 15, "free": 3, "inactive": 2, "not_ready": 0, "unset": 0, "other": 0,
-                                "claim_a_list_in_vain": []})"_json);
+                                "not_on_their_list": []})"_json);
   EXPECT_EQ(array["lists"], R"([
     {"name": "free list", "counter": 3, "head": 4, "tail": 9, "length": 3, "last": 9, "complete": true},
     {"name": "inactive list", "counter": 2, "head": 7, "tail": 5, "length": 2, "last": 5, "complete": true}])"_json);
@@ -152,12 +152,12 @@ TEST_F(Inspect, RecordsById) {
       run("--record 6 in").out,
       HasSubstr("  record 6, slot at byte 252 of in\n    status 2 (active), next none\n           260  06 00 00 00"));
   EXPECT_THAT(run("--record 7 in").out, HasSubstr("    status 3 (inactive), next 5\n"));
-  EXPECT_THAT(run("--record 5 in").out, HasSubstr("    its last 8 bytes are the back node: previous 7, time 1000\n"));
+  EXPECT_THAT(run("--record 5 in").out, HasSubstr("    the last 8 bytes are the back node: prev 7, ts 1000\n"));
   write_block_files();
   EXPECT_EQ(inspect("--record 19 ctx/12.0.darr", 0)["record"]["file"], "ctx/12.2.darr");
   const run_t none = run("--record 20 in");
   EXPECT_EQ(none.exit_code, 2);
-  EXPECT_EQ(none.err, "tslb-inspect: in: no record 20 among 20\n");
+  EXPECT_EQ(none.err, "tslb-inspect: in: no record 20, n_used is 20\n");
 }
 
 TEST_F(Inspect, UserHeadersAsText) {
@@ -166,7 +166,7 @@ TEST_F(Inspect, UserHeadersAsText) {
   write("pool", pool);
   const array_t array(get_default_dyn_array_ex(2000, 4, 1, MPOOL_TYPE_DRAM, 1, nullptr, 0));
   write("array", stream_of(array.get()));
-  EXPECT_THAT(run("pool").out, HasSubstr("  (-3864, below zero)\n"));
+  EXPECT_THAT(run("pool").out, HasSubstr("  (-3864, negative)\n"));
   EXPECT_THAT(run("array").out, HasSubstr("\n    and 976 more bytes; --json has them all\n"));
 }
 
@@ -401,7 +401,7 @@ TEST_F(Inspect, OutputsReplaceNothingUnasked) {
   write("old", "old");
   EXPECT_EQ(run("--svg old in").err, "tslb-inspect: old: exists; --force replaces it\n");
   EXPECT_EQ(read("old"), "old");
-  EXPECT_EQ(run("--force --html in in").err, "tslb-inspect: in: is one of the files inspected\n");
+  EXPECT_EQ(run("--force --html in in").err, "tslb-inspect: in: is one of the inspected files\n");
   EXPECT_EQ(read("in"), sound);
   EXPECT_EQ(run("--force --svg old in").exit_code, 0);
   EXPECT_EQ(read("old").find("<?xml"), 0u);
@@ -429,7 +429,7 @@ TEST_F(Inspect, PageInABrowser) {
   EXPECT_EQ(count_of(page, "<section>"), 2u);
   EXPECT_EQ(count_of(page, "<title>slot "), 35u + 2 * 18u) << "each slot of memory is a cell, in a pool two";
   EXPECT_EQ(count_of(page, "class=\"m-stray\""), 2u) << "the slot and the legend";
-  EXPECT_THAT(page, HasSubstr("slot 0: inactive, claims a list in vain"));
+  EXPECT_THAT(page, HasSubstr("slot 0: inactive, not on the list of its status"));
   EXPECT_THAT(page, HasSubstr("<td>slot 0 has the status inactive, but is not on that list</td>"));
   EXPECT_EQ(page.find("http"), std::string::npos) << "nothing is loaded from elsewhere";
   const std::string picture = tree_of("picture.svg");
