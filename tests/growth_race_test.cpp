@@ -208,6 +208,37 @@ TEST(Locks, TakenOnceWhereAListIsTouchedAndNowhereElse) {
   EXPECT_EQ(calls_of([&] { tslb_da_get_ptr(lists.get(), 1); }), 0u);
 }
 
+// A word that an operation must not change is changed while it holds the lock.
+TEST(Invariants, OperationThatBreaksOneEndsTheProcess) {
+#ifndef TSLB_CHECKS_INVARIANTS
+  GTEST_SKIP() << "the library was built without TSLB_CHECK_INVARIANTS";
+#endif
+  static const struct {
+    const char *rule;
+    bool is_pool;
+    void (*damage)(const array_t &array);
+  } rows[] = {
+      {"LIST_COUNT", false, [](const array_t &array) { ++list_roots(array.get()).n_free; }},
+      {"LIST_TAIL", false, [](const array_t &array) { list_roots(array.get()).inact_tail = 0; }},
+      {"LIST_STRAY", false,
+       [](const array_t &array) { forward_node(tslb_da_get_ptr(array.get(), 0)).status = TSLB_DA_SLOT_FREE; }},
+      {"POOL_CURSOR_BYTE", true, [](const array_t &pool) { set_cursor(pool, 0, 1001); }},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.rule);
+    const array_t array =
+        row.is_pool ? pool_of() : array_t(tslb_da_init_ll(8, 8, MPOOL_TYPE_DRAM, nullptr, 0, TSLB_DA_DAFLAG_INLL));
+    uint32_t idx;
+    tslb_da_get_newptr(array.get(), &idx);
+    EXPECT_DEATH(
+        {
+          before_addition.arm(&get_dyn_hdr(array.get())->n_used, [&] { row.damage(array); });
+          tslb_da_get_newptr(array.get(), &idx);
+        },
+        row.rule);
+  }
+}
+
 TEST(Threads, IdsAreUniqueAndRecordsDistinct) {
   constexpr int kThreads = 4, kIds = 6000;
   const array_t array(get_default_dyn_array_ex(57, 12, 20, MPOOL_TYPE_DRAM, 0, nullptr, TSLB_DA_DAFLAG_INLL));

@@ -37,7 +37,7 @@ static inline DynArrHdr_t *arr_hdr_of(const DynArrHandle_t *array) {
 // Bytes before slot 0.
 static inline uint32_t header_bytes_of(const DynArrHandle_t *array) {
   const DynHdr_t *const hdr = dyn_hdr_of(array);
-  return tslb_stored_header_bytes(hdr->hdr_size, hdr->lli_sz);
+  return static_cast<uint32_t>(tslb_stored_header_bytes(hdr->hdr_size, hdr->lli_sz));
 }
 
 // ---- Slots ---------------------------------------------------------------------------------------------------------

@@ -179,9 +179,9 @@ enum lock_use_t { CALLER_HOLDS_LOCK, TAKES_LOCK };
 __attribute__((always_inline)) static inline void *take_and_log(dynarr_t *array, uint32_t *new_idx,
                                                                 lock_use_t lock_use) {
   const uint32_t now = static_cast<uint32_t>(tslb_get_time(nullptr));
-  if (lock_use == TAKES_LOCK) spin_lock(&array->spinlock);
+  if (lock_use == TAKES_LOCK) lock_array(array);
   const taken_t taken = take_slot(array, now, true, nullptr);
-  if (lock_use == TAKES_LOCK) spin_unlock(&array->spinlock);
+  if (lock_use == TAKES_LOCK) unlock_array(array);
   if (taken.slot_ptr != nullptr) {
     if (redo_is_on_by_name(array)) {
       redo_header(array);
@@ -225,10 +225,10 @@ void *tslb_da_get_newptr_inll_ex(dynarr_t *handle_dynarr, uint32_t *new_idx, uin
   if (!has_lists(handle_dynarr)) {
     taken.idx = static_cast<uint32_t>(new_record_id(handle_dynarr, &taken.slot_ptr, handle_dynarr->daflag));
   } else {
-    spin_lock(&handle_dynarr->spinlock);
+    lock_array(handle_dynarr);
     const bool may_reuse = __atomic_load_n(&lib_config.tslb_mvt_reuse_enabled, __ATOMIC_RELAXED) != 0;
     taken = take_slot(handle_dynarr, now, may_reuse, last_slot_val);
-    spin_unlock(&handle_dynarr->spinlock);
+    unlock_array(handle_dynarr);
   }
   if (taken.slot_ptr != nullptr) {
     set_gatekeeper(taken.slot_ptr);
@@ -242,7 +242,7 @@ void *tslb_da_get_newptr_inll_ex(dynarr_t *handle_dynarr, uint32_t *new_idx, uin
 
 uint32_t tslb_da_get_range(dynarr_t *handle_dynarr, uint32_t num_entries) {
   uint32_t start_idx = TSLB_DA_NIL_IDX;
-  spin_lock(&handle_dynarr->spinlock);
+  lock_array(handle_dynarr);
   for (uint32_t i = 0; i < num_entries; ++i) {
     uint32_t idx;
     if (tslb_da_get_newptr_ex(handle_dynarr, &idx, 0) == nullptr) {
@@ -251,7 +251,7 @@ uint32_t tslb_da_get_range(dynarr_t *handle_dynarr, uint32_t num_entries) {
     }
     if (start_idx == TSLB_DA_NIL_IDX) start_idx = idx;
   }
-  spin_unlock(&handle_dynarr->spinlock);
+  unlock_array(handle_dynarr);
   return start_idx;
 }
 

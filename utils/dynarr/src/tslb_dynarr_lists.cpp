@@ -91,9 +91,9 @@ int tslb_da_free_idx(dynarr_t *handle_dynarr, uint32_t idx) {
   const list_array_t list = list_array_of(handle_dynarr);
   void *const slot_ptr = list.slot(idx);
   if (slot_ptr == nullptr) return -1;
-  spin_lock(&handle_dynarr->spinlock);
+  lock_array(handle_dynarr);
   const int refused = lists_free(list, idx, slot_ptr);
-  spin_unlock(&handle_dynarr->spinlock);
+  unlock_array(handle_dynarr);
   if (refused == 0) lists_log_freed(handle_dynarr, idx);
   return refused;
 }
@@ -104,9 +104,9 @@ int tslb_da_free_idx(dynarr_t *handle_dynarr, uint32_t idx) {
 // without the lock, so that a refusal costs none; the second confirms it against a rival.
 static bool lock_if_status(dynarr_t *array, const void *slot_ptr, uint32_t wanted, uint32_t *status) {
   if ((*status = status_of(slot_ptr)) != wanted) return false;
-  spin_lock(&array->spinlock);
+  lock_array(array);
   if ((*status = status_of(slot_ptr)) == wanted) return true;
-  spin_unlock(&array->spinlock);
+  unlock_array(array);
   return false;
 }
 
@@ -128,7 +128,7 @@ int tslb_da_inactivate_idx(dynarr_t *handle_dynarr, uint32_t idx, time_t ts) {
     return 1;
   }
   append_inactive(list, idx, slot_ptr, static_cast<uint32_t>(ts));
-  spin_unlock(&handle_dynarr->spinlock);
+  unlock_array(handle_dynarr);
   log_slot(handle_dynarr, idx);
   return 0;
 }
@@ -151,7 +151,7 @@ int tslb_da_activate_idx(dynarr_t *handle_dynarr, uint32_t idx) {
     return 1;
   }
   leave_inactive(list, slot_ptr, TSLB_DA_SLOT_ACTIVE);
-  spin_unlock(&handle_dynarr->spinlock);
+  unlock_array(handle_dynarr);
   log_slot(handle_dynarr, idx);
   return 0;
 }
@@ -160,9 +160,9 @@ int tslb_da_activate_idx(dynarr_t *handle_dynarr, uint32_t idx) {
 
 void tslb_da_make_ready(dynarr_t *handle_dynarr, void *slot_ptr) {
   if (!has_lists(handle_dynarr)) return;
-  spin_lock(&handle_dynarr->spinlock);
+  lock_array(handle_dynarr);
   if (status_of(slot_ptr) == TSLB_DA_SLOT_NOT_READY) set_status(slot_ptr, TSLB_DA_SLOT_ACTIVE);
-  spin_unlock(&handle_dynarr->spinlock);
+  unlock_array(handle_dynarr);
 }
 
 int tslb_da_is_ready(dynarr_t *, void *slot_ptr) {

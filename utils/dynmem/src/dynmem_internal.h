@@ -6,7 +6,8 @@
 #include "dynarr_lookup.h"
 #include "tslb_dynmem.h"
 
-static_assert(offsetof(DynMemHdr_t, cur_slot_addr) == TSLB_POOL_CURSOR_AT);
+static_assert(offsetof(DynMemHdr_t, cur_slot_addr) == TSLB_POOL_CURSOR_AT &&
+              offsetof(DynMemHdr_t, mslot_sz) == TSLB_POOL_MSLOT_SZ_AT);
 static_assert(sizeof(DynMemHdr_t) == TSLB_POOL_HDR_BYTES && sizeof(MemSlot_t) == TSLB_MEM_SLOT_HDR_BYTES);
 static_assert(sizeof(compat_t) == TSLB_COMPAT_BYTES && sizeof(compat64_t) == TSLB_COMPAT_BYTES);
 

@@ -167,14 +167,14 @@ template <class Address>
 static MemSlot_t *tslb_dynmem_get_newslot(dynmem_t *dynmem_handle, DynMemHdr_t *dynmem_hdr, uint32_t cslot_idx,
                                           uint32_t *new_mslot_idx_ref, uint32_t chunk_sz) {
   const uint32_t last_slot = Address::last_slot(dynmem_hdr);
-  spin_lock(&dynmem_handle->spinlock);
+  lock_array(dynmem_handle);
   // What the caller saw can be old. The slot index decides, and a slot that came round again with room is not left.
   uint64_t seen = get64(dynmem_hdr, &DynMemHdr_t::cur_slot_addr);
   const bool is_stale = tslb_stored_cursor_slot(seen) != cslot_idx || has_room(dynmem_hdr, seen, chunk_sz, last_slot);
   // Whether a ring is complete is read here too: ids of a pool are issued under this lock.
   if (is_stale || Address::goes_round(dynmem_handle)) {
     if (!is_stale) step_ring(dynmem_handle, dynmem_hdr, seen);
-    spin_unlock(&dynmem_handle->spinlock);
+    unlock_array(dynmem_handle);
     return nullptr;
   }
   MemSlot_t *const slot = static_cast<MemSlot_t *>(tslb_da_get_newptr_ex(dynmem_handle, new_mslot_idx_ref, 0));
@@ -191,7 +191,7 @@ static MemSlot_t *tslb_dynmem_get_newslot(dynmem_t *dynmem_handle, DynMemHdr_t *
   while (cas64(&dynmem_hdr->cur_slot_addr, seen, moved) == 0) seen = get64(dynmem_hdr, &DynMemHdr_t::cur_slot_addr);
   TSLB_PROBE_POOL_SLOT(dynmem_handle, *new_mslot_idx_ref, cslot_idx, tslb_stored_cursor_off(seen));
   if (cslot_idx != TSLB_DA_NIL_IDX) note_slot_left(dynmem_handle, {cslot_idx, tslb_stored_cursor_off(seen)});
-  spin_unlock(&dynmem_handle->spinlock);
+  unlock_array(dynmem_handle);
   return slot;
 }
 

@@ -114,14 +114,14 @@ static bool is_current(const dynmem_t *pool, uint32_t slot_idx) {
 // registers for it.
 __attribute__((noinline)) static bool release_if_empty(dynmem_t *pool, uint32_t slot_idx, MemSlot_t *slot) {
   if (__builtin_expect(!has_lists(pool), 0)) return tslb_da_free_idx(pool, slot_idx) == 0;  // which says why it cannot
-  spin_lock(&pool->spinlock);
+  lock_array(pool);
   const list_array_t list = list_array_of(pool);
   // A complete ring comes to the slot again without asking any list: on one, it would be free and current at once.
   // Settled first: a counter that catches up between the two must be seen by the comparison.
   const bool is_empty =
       !is_complete_ring(pool) && !is_current(pool, slot_idx) && is_settled(pool, slot_idx) && looks_empty(slot);
   const bool released = __builtin_expect(is_empty, 1) && lists_free(list, slot_idx, slot) == 0;
-  spin_unlock(&pool->spinlock);
+  unlock_array(pool);
   if (__builtin_expect(!released, 0)) return false;
   lists_log_freed(pool, slot_idx);
   return true;
@@ -171,8 +171,9 @@ static slot_counts_t read_counts(const MemSlot_t *slot) {
 
 static inline void sweep_slot(dynmem_t *pool, uint32_t slot_idx, MemSlot_t *slot, size_t *used_sz, size_t *del_sz) {
   if (status_of(slot) != TSLB_DA_SLOT_ACTIVE) return;
-  if (looks_empty(slot) && !is_current(pool, slot_idx) && release_if_empty(pool, slot_idx, slot)) return;
   const slot_counts_t counts = read_counts(slot);
+  if (counts.bytes_del == counts.bytes_used && !is_current(pool, slot_idx) && release_if_empty(pool, slot_idx, slot))
+    return;
   // A slot that is being set up still shows the slot layer's mark in place of a count.
   if (counts.bytes_used == TSLB_GATEKEEPER_WORD) return;
   *used_sz += counts.bytes_used;

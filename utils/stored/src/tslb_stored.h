@@ -32,13 +32,13 @@
 
 /* Offset of the user header, of DynArrLLI_t, of DynArrHdr_t, and of slot 0. */
 #define TSLB_USER_HDR_AT TSLB_DYN_HDR_BYTES
-TSLB_STORED_INLINE uint32_t tslb_stored_lli_at(uint16_t hdr_size) {
-  return TSLB_USER_HDR_AT + hdr_size;
+TSLB_STORED_INLINE size_t tslb_stored_lli_at(uint16_t hdr_size) {
+  return (size_t)TSLB_USER_HDR_AT + hdr_size;
 }
-TSLB_STORED_INLINE uint32_t tslb_stored_arr_hdr_at(uint16_t hdr_size, uint16_t lli_sz) {
+TSLB_STORED_INLINE size_t tslb_stored_arr_hdr_at(uint16_t hdr_size, uint16_t lli_sz) {
   return tslb_stored_lli_at(hdr_size) + lli_sz;
 }
-TSLB_STORED_INLINE uint32_t tslb_stored_header_bytes(uint16_t hdr_size, uint16_t lli_sz) {
+TSLB_STORED_INLINE size_t tslb_stored_header_bytes(uint16_t hdr_size, uint16_t lli_sz) {
   return tslb_stored_arr_hdr_at(hdr_size, lli_sz) + TSLB_ARR_HDR_BYTES;
 }
 
@@ -123,6 +123,7 @@ static inline int tslb_stored_block_file_name(char *text, size_t size, int32_t t
 /* ---- Chunk pools --------------------------------------------------------------------------------------------------- */
 
 #define TSLB_POOL_HDR_BYTES 56u     /* DynMemHdr_t */
+#define TSLB_POOL_MSLOT_SZ_AT 4u    /* DynMemHdr_t.mslot_sz in it */
 #define TSLB_POOL_CURSOR_AT 8u      /* DynMemHdr_t.cur_slot_addr in it */
 #define TSLB_MEM_SLOT_HDR_BYTES 8u  /* MemSlot_t, before its chunks */
 #define TSLB_COMPAT_BYTES 16u       /* compat_t and compat64_t, before a chunk's data */
