@@ -1,17 +1,17 @@
-# Between installation and packing, for each package's folder: what Debian asks of its packages and an ordinary
-# installation does without.
+# Runs between installation and packing. Adds the files that Debian requires to each package's folder, compresses
+# documents and strips binaries.
 file(GLOB packages LIST_DIRECTORIES true ${CPACK_TEMPORARY_INSTALL_DIRECTORY}/*)
 foreach(root IN LISTS packages)
   get_filename_component(component ${root} NAME)
   string(TOUPPER ${component} component)
   set(doc ${root}/usr/share/doc/${CPACK_DEBIAN_${component}_PACKAGE_NAME})
-  # Not by file(INSTALL), which puts everything below DESTDIR.
+  # file(INSTALL) would install below DESTDIR.
   execute_process(COMMAND install -D -m 644 ${CMAKE_CURRENT_LIST_DIR}/copyright ${doc}/copyright
     COMMAND_ERROR_IS_FATAL ANY)
   execute_process(COMMAND install -D -m 644 ${CMAKE_CURRENT_LIST_DIR}/changelog ${doc}/changelog.Debian
     COMMAND_ERROR_IS_FATAL ANY)
 
-  # Without name and time in the archive, so that the same content gives the same bytes.
+  # -n omits name and time, so that the same content gives the same bytes.
   file(GLOB_RECURSE to_compress ${root}/usr/share/man/*.[1-9] ${doc}/changelog.Debian)
   execute_process(COMMAND gzip -9n ${to_compress} COMMAND_ERROR_IS_FATAL ANY)
 
