@@ -27,28 +27,27 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 # own, which would call ldconfig again.
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/triggers postinst postrm)
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "storage primitives for time-series databases
-Record arrays that grow without moving a record, slot arrays with lists, chunk
-pools with 32-bit addresses, and what makes them durable: redo records,
-snapshot streams and block files.
+Arrays whose records never move, slot arrays with free lists, and pools of
+chunks with 32-bit addresses. Redo records, snapshot streams and block files
+make them durable.
 .
-This package holds the shared library, which a database loads.")
+This package contains the shared library, which a database loads.")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libtslb-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 # The stand-in is C++ within: a machine with a C compiler alone could not link it.
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libtslb0 ${same_version}, libstdc++-12-dev | libstdc++-dev")
 set(CPACK_COMPONENT_DEV_DESCRIPTION "storage primitives for time-series databases (development files)
-Headers, the link to the shared library, a static library that stands in for
-what the host defines, files for CMake and pkg-config, documents, and a small
-host as an example.")
+Headers, the link to the shared library, a static library with a stand-in for
+the symbols that a host defines, files for CMake and pkg-config, documents, and
+an example of a host.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME tslb-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION database)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libtslb0 ${same_version}")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "tools for the stored arrays of tslb databases
-Command line programs for arrays that the tslb library stored: tslb-inspect
-shows what is in them and what is wrong, tslb-convert takes them to older
-layouts.")
+Command line programs for stored arrays of the tslb library: tslb-inspect shows
+them and reports inconsistencies, tslb-convert converts them to older layouts.")
 
 include(CPack)
