@@ -215,5 +215,5 @@ TEST_F(Tool, Usage) {
   const run_t help = run("--help");
   EXPECT_EQ(help.exit_code, 0);
   EXPECT_NE(help.out.find("Exit: 0 done\n      1 refused"), std::string::npos) << help.out;
-  EXPECT_NE(help.out.find("\n      2 usage"), std::string::npos);
+  EXPECT_NE(help.out.find("\n      2 wrong usage"), std::string::npos);
 }

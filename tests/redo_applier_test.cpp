@@ -399,7 +399,7 @@ TEST(ArrayCheck, SaysWhatDoesNotHold) {
   EXPECT_THAT(check(), testing::HasSubstr("tail 7 of the inactive list"));
   --list_roots(array.get()).inact_tail;
   array->daflag = TSLB_DA_DAFLAG_LL;
-  EXPECT_THAT(check(), testing::HasSubstr("the handle 0x01"));
+  EXPECT_THAT(check(), testing::HasSubstr("the handle has 0x01"));
   array->daflag = TSLB_DA_DAFLAG_INLL;
   EXPECT_THAT(check(ARRAY_LOAD_POOL), testing::HasSubstr("a pool has 56"));
   EXPECT_EQ(check(), "");
