@@ -31,7 +31,7 @@ Record arrays that grow without moving a record, slot arrays with lists, chunk
 pools with 32-bit addresses, and their durable forms: redo records, snapshot
 streams and block files.
 .
-This package holds the shared library, which a database loads.")
+This package contains the shared library, which a database loads.")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libtslb-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)

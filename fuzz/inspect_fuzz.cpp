@@ -107,7 +107,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const inspect::options_t options = {kinds[(choice >> 5) & 3], choice & 31u};
   for (const bool is_stream : {true, false}) {
     bytes_store_t store(data, size, is_stream);
-    const inspect::analysed_t analysed = inspect::analyse(&store, options);
+    const inspect::analysis_result_t analysed = inspect::analyse(&store, options);
     const inspect::report_t &report = analysed.report;
     check_report(report, store);
     show(report, analysed.rows.get(), size);

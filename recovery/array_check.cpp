@@ -1,4 +1,4 @@
-// Checks of an array in memory, and how the loaders refuse what violates a rule.
+// array_check and pool_check, and the refusals of the loaders.
 #include <tslb/array_check.h>
 
 #include <stdio.h>
@@ -21,12 +21,12 @@ void refusal_t::add(const char *format, ...) {
   va_end(values);
 }
 
-void memory_places_t::tell_place(uint64_t pos, refusal_t *refusal) const {
+void memory_places_t::add_place(uint64_t pos, refusal_t *refusal) const {
   refusal->add("byte %llu", static_cast<unsigned long long>(pos));
 }
 
 bool image_check_t::refuse_at(uint64_t pos, const char *format, ...) {
-  places_->tell_place(pos, refusal_);
+  places_->add_place(pos, refusal_);
   refusal_->add(": ");
   va_list values;
   va_start(values, format);
@@ -37,9 +37,9 @@ bool image_check_t::refuse_at(uint64_t pos, const char *format, ...) {
 
 // ---- Rules ---------------------------------------------------------------------------------------------------------
 
-// Remarks are for readers: an array can be used in spite of them.
+// Ignores remarks: the array is usable.
 bool image_check_t::violated(tslb_rule_t rule, uint64_t pos, const uint64_t *values) {
-  if (rule_is_fault(rule) == 0) return true;
+  if (!rule_is_fault(rule)) return true;
   char text[256];
   write_rule(rule, values, text, sizeof(text));
   return refuse_at(pos, "%s", text);
@@ -68,10 +68,9 @@ slot_source_t::counters_t image_check_t::counters_of(uint32_t idx) {
 
 bool image_check_t::records_are_expected(int16_t rec_version, uint32_t record_size) {
   if (rec_version != ARRAY_LOAD_ANY_VERSION && hdr().rec_version != rec_version)
-    return refuse_at(offsetof(DynHdr_t, rec_version), "rec_version %u, where %d is expected", hdr().rec_version,
-                     rec_version);
+    return refuse_at(offsetof(DynHdr_t, rec_version), "rec_version %u, expected %d", hdr().rec_version, rec_version);
   if (record_size != ARRAY_LOAD_ANY_SIZE && shape().record_bytes != record_size)
-    return refuse_at(arr_hdr_at() + offsetof(DynArrHdr_t, record_size), "record_size %u, where %u is expected",
+    return refuse_at(arr_hdr_at() + offsetof(DynArrHdr_t, record_size), "record_size %u, expected %u",
                      this->record_size(), record_size);
   return true;
 }
@@ -89,12 +88,12 @@ bool image_check_t::chunks_are_sound() {
 
 // ---- In memory -----------------------------------------------------------------------------------------------------
 
-// The handle is what the library goes by, the headers are what is stored.
+// The library uses the handle's copies, the checks use the stored headers. They must agree.
 static bool handle_agrees(const DynArrHandle_t *array, const image_check_t &check, refusal_t *refusal) {
   const image_shape_t &shape = check.shape();
   if (array->daflag == shape.daflag && array->n_direct == shape.n_direct) return true;
-  refusal->add("the headers say lltype 0x%02x and n_direct %u, the handle 0x%02x and %u", shape.daflag, shape.n_direct,
-               array->daflag, array->n_direct);
+  refusal->add("the headers have lltype 0x%02x and n_direct %u, but the handle has 0x%02x and %u", shape.daflag,
+               shape.n_direct, array->daflag, array->n_direct);
   return false;
 }
 

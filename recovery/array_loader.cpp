@@ -1,4 +1,4 @@
-// Snapshot streams as a source of array images.
+// Loads snapshot streams.
 #include <tslb/array_loader.h>
 
 #include <errno.h>
@@ -13,7 +13,7 @@
 
 namespace {
 
-// Reads more than it is asked for: slots can be a few bytes, and a system call for each would cost more than all else.
+// Buffers its reads. Slots can be a few bytes, and one system call per slot would dominate the run time.
 class stream_t : public image_source_t {
  public:
   explicit stream_t(int fd) : fd_(fd) {}
@@ -27,7 +27,7 @@ class stream_t : public image_source_t {
         const ssize_t got = read_fully(fd_, rest, missing);
         if (got < 0) return fail(refusal);
         ended_ = static_cast<size_t>(got) < missing;
-        told_ += static_cast<size_t>(got);
+        n_consumed_ += static_cast<size_t>(got);
         filled += static_cast<size_t>(got);
       } else {
         if (!refill()) return fail(refusal);
@@ -46,17 +46,17 @@ class stream_t : public image_source_t {
 
   bool may_be_cut() const override { return true; }
 
-  void tell_place(uint64_t pos, refusal_t *refusal) const override {
+  void add_place(uint64_t pos, refusal_t *refusal) const override {
     refusal->add("byte %llu", static_cast<unsigned long long>(pos));
   }
 
  private:
   size_t take_buffered(void *to, size_t bytes) {
     const size_t taken = std::min(bytes, end_ - begin_);
-    // New memory is zero already, and takes none of the machine's until it is written.
+    // Zeroes are not written: untouched pages of new memory are zero and occupy no physical memory.
     if (memcmp(to, buffer_ + begin_, taken) != 0) memcpy(to, buffer_ + begin_, taken);
     begin_ += taken;
-    told_ += taken;
+    n_consumed_ += taken;
     return taken;
   }
 
@@ -71,26 +71,26 @@ class stream_t : public image_source_t {
 
   ssize_t fail(refusal_t *refusal) const {
     const int err = errno;
-    tell_place(told_, refusal);
-    refusal->add(": the stream cannot be read on: %s", strerror(err));
+    add_place(n_consumed_, refusal);
+    refusal->add(": the stream cannot be read: %s", strerror(err));
     return -1;
   }
 
   int fd_;
   bool ended_ = false;
-  size_t begin_ = 0, end_ = 0;  // what is read ahead
-  uint64_t told_ = 0;           // bytes handed on
+  size_t begin_ = 0, end_ = 0;  // unread part of buffer_
+  uint64_t n_consumed_ = 0;     // bytes that read has returned
   char buffer_[16384];
 };
 
-// A stream whose array is converted and written again.
+// The stream of an array that is converted and written again.
 class converted_stream_t final : public stream_t {
  public:
   explicit converted_stream_t(int fd) : stream_t(fd), bytes_(bytes_left(fd)) {}
 
   bool expect(const image_shape_t &shape, refusal_t *) override {
     n_direct_ = shape.n_direct;
-    // A pool's last slot can be cut.
+    // A pool's last slot can be cut, so its bytes need not all be there.
     const uint64_t whole_slots = shape.n_used != 0 ? shape.n_used - 1 : 0;
     const uint64_t image_bytes = shape.header_bytes + shape.slot_bytes * shape.n_used;
     const bool is_there = bytes_ >= shape.header_bytes + shape.slot_bytes * whole_slots;
@@ -101,7 +101,7 @@ class converted_stream_t final : public stream_t {
   uint32_t n_direct() const { return n_direct_; }
 
  private:
-  // Of a regular file, what lies after the descriptor's position; of anything else nothing is certain.
+  // Bytes of a regular file after the current position. 0 for other descriptors, whose length is unknown.
   static uint64_t bytes_left(int fd) {
     struct stat about;
     if (fstat(fd, &about) != 0 || !S_ISREG(about.st_mode)) return 0;

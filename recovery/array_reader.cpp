@@ -1,5 +1,5 @@
-// The reading that all sources share, front to back: headers and what they contradict, a new array of that geometry,
-// slot after slot into its place, and then the checks of all slots and lists.
+// Loads an image from any source: reads and checks the headers, creates an array of that geometry, fills its slots in
+// order, and checks slots and lists.
 #include "array_reader.h"
 
 #include <errno.h>
@@ -57,19 +57,19 @@ class reader_t {
   bool create();
   bool fill();
   bool fill_slot(uint32_t idx, char *slot);
-  void mend_cut_slot(char *slot);
-  bool take(void *to, size_t bytes, const char *what);
+  void complete_cut_slot(char *slot);
+  bool read_part(void *to, size_t bytes, const char *what);
 
   image_source_t *const source_;
   const array_load_options_t *const options_;
   refusal_t *const refusal_;
   image_check_t check_;
   uint64_t pos_ = 0;
-  std::unique_ptr<char, free_t> headers_;  // as they were written
+  std::unique_ptr<char, free_t> headers_;  // the stored bytes
   array_t array_;
 };
 
-bool reader_t::take(void *to, size_t bytes, const char *what) {
+bool reader_t::read_part(void *to, size_t bytes, const char *what) {
   const ssize_t got = source_->read(to, bytes, refusal_);
   if (got < 0) return false;
   pos_ += static_cast<uint64_t>(got);
@@ -83,11 +83,11 @@ bool reader_t::options_are_sound() {
     return false;
   }
   if (options_->kind > ARRAY_LOAD_POOL_BY_SIZE) {
-    refusal_->add("option kind %u is not known", options_->kind);
+    refusal_->add("option kind %u is unknown", options_->kind);
     return false;
   }
   if (options_->rec_version < ARRAY_LOAD_ANY_VERSION || options_->rec_version > UINT8_MAX) {
-    refusal_->add("option rec_version %d is none that an array can have", options_->rec_version);
+    refusal_->add("option rec_version %d is out of range", options_->rec_version);
     return false;
   }
   return true;
@@ -97,12 +97,12 @@ bool reader_t::options_are_sound() {
 
 bool reader_t::read_headers() {
   DynHdr_t hdr;
-  if (!take(&hdr, sizeof(hdr), "DynHdr_t") || !check_.start_is_sound(hdr)) return false;
+  if (!read_part(&hdr, sizeof(hdr), "DynHdr_t") || !check_.start_is_sound(hdr)) return false;
   const uint64_t header_bytes = check_.shape().header_bytes;
   headers_.reset(static_cast<char *>(malloc(header_bytes)));
   if (headers_ == nullptr) return check_.refuse_at(pos_, "no memory for the headers");
   memcpy(headers_.get(), &hdr, sizeof(hdr));
-  return take(headers_.get() + sizeof(hdr), header_bytes - sizeof(hdr), "headers");
+  return read_part(headers_.get() + sizeof(hdr), header_bytes - sizeof(hdr), "headers");
 }
 
 // ---- Slots ---------------------------------------------------------------------------------------------------------
@@ -123,7 +123,7 @@ bool reader_t::create() {
                                            static_cast<int32_t>(direct_slots()), options_->mem_type, options_->tbl_id,
                                            options_->ctx_name, check_.shape().daflag, check_.hdr().rec_version));
   if (array_ == nullptr) return check_.refuse_at(pos_, "no memory for block 0");
-  // All that stands before DynArrHdr_t, whose counts are the new array's own.
+  // Copies the headers before DynArrHdr_t. The counts in DynArrHdr_t are the new array's own.
   memcpy(array_->arr_base, headers_.get(), check_.arr_hdr_at());
   return true;
 }
@@ -136,7 +136,7 @@ bool reader_t::fill() {
     if (!fill_slot(idx, static_cast<char *>(payload) - check_.shape().shift)) return false;
   }
   const int ends = source_->ends_here(refusal_);
-  if (ends == 0) return check_.refuse_at(pos_, "more bytes behind the last slot");
+  if (ends == 0) return check_.refuse_at(pos_, "more bytes after the last slot");
   return ends > 0;
 }
 
@@ -145,17 +145,18 @@ bool reader_t::fill_slot(uint32_t idx, char *slot) {
   if (got < 0) return false;
   pos_ += static_cast<uint64_t>(got);
   if (static_cast<uint64_t>(got) == check_.shape().slot_bytes) return true;
-  // A pool's last slot can be cut.
+  // The last slot of a pool can be cut at the cursor.
   const uint64_t cut_bytes = source_->may_be_cut() ? check_.last_slot_bytes() : 0;
   if (cut_bytes == 0 || idx != check_.shape().n_used - 1 || static_cast<uint64_t>(got) != cut_bytes)
     return check_.refuse_at(pos_, "ends %zd bytes into slot %u of %llu bytes", got, idx,
                             static_cast<unsigned long long>(check_.shape().slot_bytes));
-  mend_cut_slot(slot);
+  complete_cut_slot(slot);
   return true;
 }
 
-// What was cut off is zero already, being new; but the back node's zero would name slot 0.
-void reader_t::mend_cut_slot(char *slot) {
+// The missing bytes are zero, because the array is new. A zero in the back node would name slot 0, so it is set to
+// none.
+void reader_t::complete_cut_slot(char *slot) {
   if ((check_.shape().daflag & TSLB_DA_DAFLAG_INLL) == 0) return;
   const node_bw none = {TSLB_DA_NIL_IDX, 0};
   memcpy(slot + check_.shape().slot_bytes - sizeof(none), &none, sizeof(none));

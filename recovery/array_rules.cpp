@@ -1,4 +1,4 @@
-// The rules of stored arrays, and the one piece of code that checks them. What is read may contradict itself in any way.
+// Checks the rules of stored arrays. Headers, nodes and counters can have any values.
 #include "array_rules.h"
 
 #include <limits.h>
@@ -113,13 +113,13 @@ bool array_rules_t::check_headers(const char *headers, uint64_t max_block_bytes)
   return check_sizes(max_block_bytes, counts.n_alloc);
 }
 
-// What creation would refuse, and what would let a few bytes claim much memory.
+// Sizes that creation refuses, and sizes for which a short image would need much memory.
 bool array_rules_t::check_sizes(uint64_t max_block_bytes, uint32_t n_alloc) {
   const uint64_t n_direct_at = arr_hdr_at() + offsetof(DynArrHdr_t, n_direct);
   const uint64_t n_used_at = arr_hdr_at() + offsetof(DynArrHdr_t, n_used);
   const uint64_t record_size_at = arr_hdr_at() + offsetof(DynArrHdr_t, record_size);
   const uint64_t limit = max_block_bytes != 0 ? max_block_bytes : UINT64_MAX;
-  // No overflow: a slot takes less than 2^33 bytes, and n_direct is below 2^31 where the product counts.
+  // No overflow: a slot has less than 2^33 bytes, and the product is used only if n_direct is less than 2^31.
   const uint64_t block0_bytes = shape_.header_bytes + shape_.slot_bytes * shape_.n_direct;
   const uint64_t block_bytes = shape_.slot_bytes * TSLB_SLOTS_PER_BLOCK;
   const bool has_direct = shape_.n_direct <= INT_MAX;
@@ -127,7 +127,7 @@ bool array_rules_t::check_sizes(uint64_t max_block_bytes, uint32_t n_alloc) {
   if (shape_.n_used > shape_.n_direct + TSLB_IDS_BEYOND_DIRECT &&
       !violated(TSLB_RULE_ARR_N_USED, n_used_at, shape_.n_used, shape_.n_direct))
     return false;
-  // No number of bytes could vouch for the number of such slots.
+  // The length of an image could not confirm the number of slots without bytes.
   if (shape_.slot_bytes == 0 && shape_.n_used != 0 && !violated(TSLB_RULE_ARR_NO_BYTES, record_size_at, shape_.n_used))
     return false;
   if (block_bytes > UINT32_MAX && !violated(TSLB_RULE_ARR_RECORD_SIZE, record_size_at, shape_.record_bytes))
@@ -156,7 +156,7 @@ bool array_rules_t::check_pool(uint8_t kind, bool is_ring) {
   if (uint64_t{pool_.mslot_sz} + sizeof(MemSlot_t) != shape_.record_bytes) {
     if (!violated(TSLB_RULE_POOL_MSLOT_SIZE, mslot_sz_at, pool_.mslot_sz, shape_.record_bytes)) return false;
   } else if (pool_.mslot_sz % sizeof(uint32_t) != 0) {
-    // Every creator rounds up: the counters in a slot are aligned.
+    // Creation rounds mslot_sz up, so that the counters of each slot are aligned.
     if (!violated(TSLB_RULE_POOL_MSLOT_STEP, mslot_sz_at, pool_.mslot_sz, sizeof(uint32_t))) return false;
   }
   if (is_ring && (pool_.flag & MPOOL_FLAG_BV) != 0 && shape_.n_used > TSLB_RING_SLOTS &&
@@ -195,14 +195,14 @@ uint32_t array_rules_t::slot_capacity() const {
   return static_cast<uint32_t>(std::min<uint64_t>(pool_.mslot_sz, shape_.record_bytes - sizeof(MemSlot_t)));
 }
 
-// The image does not say whether a pool is a ring. One that is may have come round.
+// Whether the pool can be a ring that has started again at slot 0. The image does not store whether a pool is a ring.
 bool array_rules_t::has_completed_ring_shape() const {
   return (pool_.flag & MPOOL_FLAG_BV) != 0 && shape_.n_used == TSLB_RING_SLOTS;
 }
 
 // ---- Nodes and lists -----------------------------------------------------------------------------------------------
 
-// One of the two lists: its roots and where each stands in the image.
+// One of the two lists: its roots and their positions in the image.
 struct array_rules_t::roots_t {
   int list;
   uint32_t head, tail, count;
@@ -260,7 +260,7 @@ bool array_rules_t::check_statuses(slot_source_t *slots) {
   return true;
 }
 
-// Each slot is met once at most: its mark ends a walk that comes round.
+// Visits each slot at most once: a mark on a visited slot ends a walk in a cycle.
 bool array_rules_t::check_list(const roots_t &roots, slot_source_t *slots) {
   list_walk_t &walk = walks_[roots.list];
   walk = {roots.head, roots.tail, roots.count, 0, NONE, false};
@@ -308,9 +308,9 @@ bool array_rules_t::is_stray(uint32_t idx, uint32_t status) const {
          (status == TSLB_DA_SLOT_INACTIVE && !on_list_[TSLB_RULE_INACTIVE_LIST].has(idx));
 }
 
-// A slot that claims to be on a list and is not would pull the list apart when it leaves. An active one has no links. Of
-// the others nothing is promised: an id that was never taken has zeroed nodes, and the redo log does not carry the back
-// link of a freed slot.
+// Reports slots that have the status of a list but are not on it: unlinking such a slot would break the list. Reports
+// links of active slots. Links of other slots are not checked: an id that was never taken has zeroed nodes, and the
+// redo log does not contain the back link of a freed slot.
 bool array_rules_t::check_unlisted(slot_source_t *slots) {
   for (uint32_t idx = 0; idx < n_present_; ++idx) {
     const slot_source_t::nodes_t nodes = slots->nodes_of(idx);
@@ -339,7 +339,7 @@ bool array_rules_t::check_counters(slot_source_t *slots, uint32_t n_present) {
     if (idx == current_slot() && status != TSLB_DA_SLOT_ACTIVE &&
         !violated(TSLB_RULE_POOL_SLOT_CURRENT, slot_at(idx), status, idx))
       return false;
-    // A freed slot's mark stands where its counters were, and one that nobody took has none.
+    // Freeing a slot overwrites its counters, and a slot that was never taken has none.
     if (status == TSLB_DA_SLOT_FREE || status == TSLB_DA_SLOT_UNSET) continue;
     const slot_source_t::counters_t counters = slots->counters_of(idx);
     if (!check_counters_of(idx, counters)) return false;
@@ -350,8 +350,8 @@ bool array_rules_t::check_counters(slot_source_t *slots, uint32_t n_present) {
                   used);
 }
 
-// Counters lag behind the cursor, never the other way round: a chunk is counted after its bytes were reserved. Those of a
-// ring go on where its slots begin anew, until they overflow.
+// bytes_used can be less than the cursor, but not more: an allocation moves the cursor first and then counts the chunk.
+// The counters of a ring are never reset, and overflow.
 bool array_rules_t::check_counters_of(uint32_t idx, const slot_source_t::counters_t &counters) {
   if (has_completed_ring_shape()) return true;
   const uint64_t used_at = slot_at(idx) + shape_.shift;
@@ -374,14 +374,14 @@ bool array_rules_t::check_counters_of(uint32_t idx, const slot_source_t::counter
 namespace {
 
 struct chunk_walk_t {
-  uint32_t at = 0;            // end of the walk: where it failed, or the end of all chunks
-  uint32_t chunk_bytes = 0;   // of the chunk that leads beyond the end
+  uint32_t at = 0;            // where the walk ended: at a chunk that does not fit, or after the last chunk
+  uint32_t chunk_bytes = 0;   // length of the last chunk, with its header
   uint64_t deleted = 0;       // bytes of deleted chunks
-  uint64_t zero_headers = 0;  // 16 zero bytes in a header's place
+  uint64_t zero_headers = 0;  // headers of 16 zero bytes
   bool is_whole = false;
 };
 
-// From chunk to chunk by the stored lengths.
+// Walks from chunk to chunk by the stored lengths.
 chunk_walk_t walk_chunks(const char *chunks, uint32_t end) {
   static const char ZERO[TSLB_COMPAT_BYTES] = {};
   chunk_walk_t walk;
@@ -392,7 +392,7 @@ chunk_walk_t walk_chunks(const char *chunks, uint32_t end) {
     memcpy(&header, chunks + walk.at, TSLB_COMPAT_BYTES);
     walk.chunk_bytes += header.mchunk_len;
     if (end - walk.at < walk.chunk_bytes) return walk;
-    // A chunk without data is never counted as deleted.
+    // The library does not count a deleted chunk without data.
     if ((header.flag & MCHUNK_FLAG_DELETED) != 0 && header.mchunk_len != 0) walk.deleted += walk.chunk_bytes;
     if (memcmp(chunks + walk.at, ZERO, TSLB_COMPAT_BYTES) == 0) ++walk.zero_headers;
     walk.at += walk.chunk_bytes;
@@ -401,12 +401,12 @@ chunk_walk_t walk_chunks(const char *chunks, uint32_t end) {
   return walk;
 }
 
-// Whether lengths exist that fill the slot exactly, where each stored one lacks a multiple of 65,536. True if there is
-// no memory to find out.
+// Whether possible lengths of chunks fill the slot exactly. A possible length is the stored one plus a multiple of
+// 65,536. True if memory for the check is refused.
 bool long_chunks_can_fill(const char *chunks, uint32_t end) {
-  constexpr uint32_t MOST_BYTES = 1u << 26;
+  constexpr uint32_t MAX_BYTES = 1u << 26;
   slot_marks_t begins;
-  if (end > MOST_BYTES || !begins.reset(end + 1)) return true;
+  if (end > MAX_BYTES || !begins.reset(end + 1)) return true;
   begins.set(0);
   for (uint32_t at = 0; at + uint64_t{TSLB_COMPAT_BYTES} <= end; ++at) {
     if (!begins.has(at)) continue;
@@ -426,7 +426,7 @@ bool array_rules_t::check_chunks(slot_source_t *slots, uint32_t idx, const char 
   const uint32_t status = has_nodes() ? slots->nodes_of(idx).status : TSLB_DA_SLOT_ACTIVE;
   if (status == TSLB_DA_SLOT_FREE || status == TSLB_DA_SLOT_UNSET) return true;
   const slot_source_t::counters_t counters = slots->counters_of(idx);
-  // Where a killed process reserved bytes and did not count them, their header may be missing too.
+  // A killed process can leave reserved bytes that are not counted. Their header can be missing too.
   if (counters.used > slot_capacity() || (idx == current_slot() && counters.used != cursor_off())) return true;
 
   const char *const chunks = slot + sizeof(MemSlot_t);
@@ -434,11 +434,13 @@ bool array_rules_t::check_chunks(slot_source_t *slots, uint32_t idx, const char 
   const chunk_walk_t walk = walk_chunks(chunks, counters.used);
   const bool may_be_long = slot_capacity() > TSLB_COMPAT_BYTES + TSLB_COMPAT_LEN_MAX;
   if (!walk.is_whole) {
-    // A reservation whose header was never written ends the walk: the slot was zeroed when it was taken.
+    // A zero header is a reservation whose header was never written, because a slot is zeroed when it is taken. The
+    // walk does not find the chunks after it.
     if (walk.zero_headers != 0 || (may_be_long && long_chunks_can_fill(chunks, counters.used))) return true;
     return violated(TSLB_RULE_CHUNK_LENGTH, chunks_at + walk.at, walk.at, idx, walk.chunk_bytes, counters.used);
   }
-  // Dead reservations are counted as deleted without a mark. Of a long chunk the marks do not tell the length.
+  // A reservation of a killed process is counted as deleted, but has no mark. The marks of long chunks do not give
+  // their length.
   const uint64_t unmarked = walk.zero_headers * TSLB_COMPAT_BYTES;
   if (may_be_long || (counters.deleted >= walk.deleted && counters.deleted <= walk.deleted + unmarked)) return true;
   return violated(TSLB_RULE_CHUNK_DELETED, chunks_at - sizeof(MemSlot_t) + offsetof(MemSlot_t, bytes_del),

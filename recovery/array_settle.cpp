@@ -1,4 +1,4 @@
-// The counters of a pool's current slot, brought up to its cursor.
+// Adds unaccounted bytes of a pool's current slot to its counters.
 #include <tslb/array_settle.h>
 
 #include <tslb/tslb_dynarr.h>
@@ -19,7 +19,7 @@ int array_settle(DynamicArray_t array) {
   if (slot_idx == TSLB_DA_NIL_IDX) return 0;
   MemSlot_t *const slot = static_cast<MemSlot_t *>(tslb_da_get_ptr(array, slot_idx));
   if (slot == nullptr) return -1;
-  // More than reserved is no fault: a ring's slots keep the counts of earlier rounds.
+  // bytes_used can exceed the cursor in a ring, whose slots keep the counts of earlier rounds.
   if (slot->bytes_used >= reserved) return 0;
   slot->bytes_del += reserved - slot->bytes_used;
   slot->bytes_used = reserved;

@@ -1,4 +1,4 @@
-// Block files as a source of array images: file 0 as far as its slots are used, then data block after data block.
+// Loads block files: first file 0 up to its last used slot, then the data blocks in order.
 #include <tslb/block_files.h>
 
 #include <errno.h>
@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr int NAME_CHARS = sizeof(DynArrHandle_t::ctx_name) - 1;  // what a handle keeps of a context's name
+constexpr int NAME_CHARS = sizeof(DynArrHandle_t::ctx_name) - 1;  // maximum length of a context name in a handle
 
 struct path_t {
   char text[PATH_MAX];
@@ -30,7 +30,7 @@ class block_files_t final : public image_source_t {
 
   bool open_block0(refusal_t *refusal) { return open_file(0, refusal); }
 
-  // A slot, and the headers, lie in one file: the next file is due where a block begins.
+  // No slot crosses files, and the headers are in file 0. So the next file is opened only at the start of a block.
   ssize_t read(void *to, size_t bytes, refusal_t *refusal) override {
     if (pos_ == block_end_) {
       if (!open_file(block_num_ + 1, refusal) || !has_size(block_bytes_, refusal)) return -1;
@@ -39,8 +39,8 @@ class block_files_t final : public image_source_t {
     const ssize_t got = read_fully(fd_, to, bytes);
     if (got < 0) {
       const int err = errno;
-      tell_place(pos_, refusal);
-      refusal->add(": the file cannot be read on: %s", strerror(err));
+      add_place(pos_, refusal);
+      refusal->add(": the file cannot be read: %s", strerror(err));
       return -1;
     }
     pos_ += static_cast<uint64_t>(got);
@@ -54,15 +54,15 @@ class block_files_t final : public image_source_t {
     return has_size(block0_bytes_, refusal);
   }
 
-  int ends_here(refusal_t *) override { return 1; }  // sizes were compared when the files were opened
+  int ends_here(refusal_t *) override { return 1; }  // has_size compared the sizes when the files were opened
 
   bool may_be_cut() const override { return false; }
 
-  void tell_place(uint64_t pos, refusal_t *refusal) const override {
-    // Without headers, and with slots that have no bytes, there is no other block.
+  void add_place(uint64_t pos, refusal_t *refusal) const override {
+    // block_bytes_ is 0 before the headers are read and if slots have no bytes. Every position is then in block 0.
     const bool in_block0 = block_bytes_ == 0 || pos < block0_bytes_;
     const uint64_t beyond = in_block0 ? 0 : pos - block0_bytes_;
-    tell_file(in_block0 ? 0 : beyond / block_bytes_ + 1, refusal);
+    add_file(in_block0 ? 0 : beyond / block_bytes_ + 1, refusal);
     refusal->add("byte %llu", static_cast<unsigned long long>(in_block0 ? pos : beyond % block_bytes_));
   }
 
@@ -75,7 +75,7 @@ class block_files_t final : public image_source_t {
     return len >= 0 && static_cast<size_t>(len) < sizeof(path->text);
   }
 
-  void tell_file(uint64_t block_num, refusal_t *refusal) const {
+  void add_file(uint64_t block_num, refusal_t *refusal) const {
     path_t path;
     format_path(block_num, &path);
     refusal->add("%s: ", path.text);
@@ -87,7 +87,7 @@ class block_files_t final : public image_source_t {
   }
 
   bool refuse_file(uint64_t block_num, const char *why, refusal_t *refusal) const {
-    tell_file(block_num, refusal);
+    add_file(block_num, refusal);
     refusal->add("%s", why);
     return false;
   }
@@ -96,7 +96,7 @@ class block_files_t final : public image_source_t {
     close_file();
     path_t path;
     if (!format_path(block_num, &path)) return refuse_file(block_num, strerror(ENAMETOOLONG), refusal);
-    // Without waiting: a pipe in the file's place would hold us until somebody writes it.
+    // O_NONBLOCK: if the path is a FIFO, open would wait for a writer.
     fd_ = open(path.text, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     struct stat about;
     if (fd_ < 0 || fstat(fd_, &about) != 0) return refuse_file(block_num, strerror(errno), refusal);
@@ -108,8 +108,8 @@ class block_files_t final : public image_source_t {
 
   bool has_size(uint64_t bytes, refusal_t *refusal) const {
     if (file_bytes_ == bytes) return true;
-    tell_file(block_num_, refusal);
-    refusal->add("%llu bytes long, its block takes %llu", static_cast<unsigned long long>(file_bytes_),
+    add_file(block_num_, refusal);
+    refusal->add("%llu bytes long, but its block has %llu", static_cast<unsigned long long>(file_bytes_),
                  static_cast<unsigned long long>(bytes));
     return false;
   }
@@ -121,9 +121,9 @@ class block_files_t final : public image_source_t {
   uint64_t block_num_ = 0;
   uint64_t file_bytes_ = 0;
   uint64_t block0_bytes_ = 0;        // 0 until the headers are known
-  uint64_t block_bytes_ = 0;         // of a data block
-  uint64_t pos_ = 0;                 // in the flat image
-  uint64_t block_end_ = UINT64_MAX;  // where the next file is due
+  uint64_t block_bytes_ = 0;         // size of a data block
+  uint64_t pos_ = 0;                 // position in the flat image
+  uint64_t block_end_ = UINT64_MAX;  // position at which the next file begins
 };
 
 }  // namespace

@@ -1,6 +1,6 @@
-// One array from its stream in the newer layout to its stream in an older one. Everything is decided, converted and
-// compared in memory before the first byte of output. That memory is in step with the stream: a direct area that its
-// headers claim and do not use is only written to the older headers.
+// Converts the stream of an array to an older layout. The array is checked, converted and compared in memory before the
+// first byte of output is written. Memory is proportional to the stream: the unused part of a direct area exists only
+// as n_direct in the headers that are written.
 #include <tslb/recovery_driver.h>
 
 #include <errno.h>
@@ -68,13 +68,13 @@ constexpr type_t LIBRARY[] = {
 };
 
 template <size_t ROWS>
-constexpr bool stand_at_their_rows(const type_t (&types)[ROWS]) {
+constexpr bool are_in_row_order(const type_t (&types)[ROWS]) {
   for (size_t row = 0; row < ROWS; ++row)
     if (types[row].row != static_cast<int>(row)) return false;
   return true;
 }
-static_assert(std::size(CATALOGUE) == __TSDB_RECORD_TYPES_LAST__ && stand_at_their_rows(CATALOGUE));
-static_assert(std::size(LIBRARY) == __TSDB_LIB__RECORD_TYPESLAST__ && stand_at_their_rows(LIBRARY));
+static_assert(std::size(CATALOGUE) == __TSDB_RECORD_TYPES_LAST__ && are_in_row_order(CATALOGUE));
+static_assert(std::size(LIBRARY) == __TSDB_LIB__RECORD_TYPESLAST__ && are_in_row_order(LIBRARY));
 
 // Null outside the map.
 const type_t *type_of(uint16_t rec_type, uint8_t is_lib) {
@@ -87,9 +87,9 @@ uint32_t record_bytes_of(const type_t &type, uint8_t version) {
   return version < std::size(type.record_bytes) ? type.record_bytes[version] : 0;
 }
 
-// ---- The way -------------------------------------------------------------------------------------------------------
+// ---- Plan ----------------------------------------------------------------------------------------------------------
 
-struct way_t {
+struct plan_t {
   const type_t *type;
   const TSDBVerMap_t *row;
   bool is_lib;
@@ -100,71 +100,71 @@ struct way_t {
   bool is_bitvector() const { return is_lib && type->row == RECTYPE_LIB_BV; }
 };
 
-bool find_way(const recovery_conversion_t &wanted, way_t *way, refusal_t *refusal) {
-  way->is_lib = wanted.is_lib_rc_type != 0;
-  way->type = type_of(wanted.rec_type, wanted.is_lib_rc_type);
-  way->target = wanted.target_version;
-  if (way->type == nullptr) {
+bool make_plan(const recovery_conversion_t &wanted, plan_t *plan, refusal_t *refusal) {
+  plan->is_lib = wanted.is_lib_rc_type != 0;
+  plan->type = type_of(wanted.rec_type, wanted.is_lib_rc_type);
+  plan->target = wanted.target_version;
+  if (plan->type == nullptr) {
     refusal->add("record type %u is not in the %s's version map", wanted.rec_type,
-                 way->is_lib ? "library" : "catalogue");
+                 plan->is_lib ? "library" : "catalogue");
     return false;
   }
-  way->row = &(way->is_lib ? g_old_lib_vermap : g_old_vermap)[wanted.rec_type];
-  if (way->target == way->row->version) {
-    refusal->add("%s is in version %u already", way->type->name, way->target);
+  plan->row = &(plan->is_lib ? g_old_lib_vermap : g_old_vermap)[wanted.rec_type];
+  if (plan->target == plan->row->version) {
+    refusal->add("%s is already in version %u", plan->type->name, plan->target);
     return false;
   }
-  way->run = reinterpret_cast<void (*)(void *)>(
-      tsdb_recovery_version_get_downgrade_fn_ptr(wanted.rec_type, way->target, wanted.is_lib_rc_type));
-  if (way->run != nullptr) return true;
-  refusal->add("%s has no way from version %u to %u", way->type->name, way->row->version, way->target);
+  plan->run = reinterpret_cast<void (*)(void *)>(
+      tsdb_recovery_version_get_downgrade_fn_ptr(wanted.rec_type, plan->target, wanted.is_lib_rc_type));
+  if (plan->run != nullptr) return true;
+  refusal->add("%s has no conversion from version %u to %u", plan->type->name, plan->row->version, plan->target);
   return false;
 }
 
-// ---- What must be true of the source -------------------------------------------------------------------------------
+// ---- Checks of the source ------------------------------------------------------------------------------------------
 
 const DynHdr_t *dyn_hdr_of(dynarr_t *array) {
   return static_cast<const DynHdr_t *>(tslb_da_get_dynhdr(array));
 }
 
-// Flags are stored where there are nodes. A plain stream has no byte that could contradict the map.
-bool flags_fit(const way_t &way, dynarr_t *source, refusal_t *refusal) {
-  if (dyn_hdr_of(source)->lli_sz == 0 || source->daflag == way.row->daflag) return true;
-  refusal->add("lltype 0x%02x, where the version map has 0x%02x for %s", source->daflag, way.row->daflag,
-               way.type->name);
+// Compares the flags. An array without nodes does not store its flags.
+bool flags_fit(const plan_t &plan, dynarr_t *source, refusal_t *refusal) {
+  if (dyn_hdr_of(source)->lli_sz == 0 || source->daflag == plan.row->daflag) return true;
+  refusal->add("lltype 0x%02x, but the version map has 0x%02x for %s", source->daflag, plan.row->daflag,
+               plan.type->name);
   return false;
 }
 
-bool pool_fits(const way_t &way, dynarr_t *source, refusal_t *refusal) {
+bool pool_fits(const plan_t &plan, dynarr_t *source, refusal_t *refusal) {
   const DynMemHdr_t *const pool = static_cast<const DynMemHdr_t *>(get_user_hdr(source));
-  if (((pool->flag & MPOOL_FLAG_BV) != 0) == way.is_bitvector()) return flags_fit(way, source, refusal);
-  refusal->add("the pool's flag 0x%02x is that of a %s pool, which is not %s", static_cast<uint8_t>(pool->flag),
-               way.is_bitvector() ? "big-buffer" : "bit-vector", way.type->name);
+  if (((pool->flag & MPOOL_FLAG_BV) != 0) == plan.is_bitvector()) return flags_fit(plan, source, refusal);
+  refusal->add("the pool's flag 0x%02x is that of a %s pool, not of %s", static_cast<uint8_t>(pool->flag),
+               plan.is_bitvector() ? "big-buffer" : "bit-vector", plan.type->name);
   return false;
 }
 
-bool records_fit(const way_t &way, dynarr_t *source, refusal_t *refusal) {
+bool records_fit(const plan_t &plan, dynarr_t *source, refusal_t *refusal) {
   const uint32_t record_bytes = tslb_da_get_record_size(source);
-  const uint32_t expected_bytes = record_bytes_of(*way.type, way.row->version);
+  const uint32_t expected_bytes = record_bytes_of(*plan.type, plan.row->version);
   if (record_bytes != expected_bytes) {
-    refusal->add("record_size %u, where %s has %u in version %u", record_bytes, way.type->name, expected_bytes,
-                 way.row->version);
+    refusal->add("record_size %u, but %s has %u in version %u", record_bytes, plan.type->name, expected_bytes,
+                 plan.row->version);
     return false;
   }
-  // The routines do not carry it, and what the host keeps there must not get lost unseen.
+  // The routines do not copy the user header, so a conversion would silently lose the host's data in it.
   const uint32_t hdr_size = dyn_hdr_of(source)->hdr_size;
-  if (hdr_size == 0) return flags_fit(way, source, refusal);
+  if (hdr_size == 0) return flags_fit(plan, source, refusal);
   refusal->add("a user header of %u bytes, which the conversion would lose", hdr_size);
   return false;
 }
 
-bool source_fits(const way_t &way, dynarr_t *source, refusal_t *refusal) {
-  if (way.is_pool()) return pool_fits(way, source, refusal);
+bool source_fits(const plan_t &plan, dynarr_t *source, refusal_t *refusal) {
+  if (plan.is_pool()) return pool_fits(plan, source, refusal);
   const DynHdr_t *const hdr = dyn_hdr_of(source);
-  const uint8_t stored = way.is_lib ? hdr->lib_version : hdr->rec_version;
-  if (stored == way.row->version) return way.is_lib || records_fit(way, source, refusal);
-  refusal->add("%s %u, where the version map has %u for %s", way.is_lib ? "lib_version" : "rec_version", stored,
-               way.row->version, way.type->name);
+  const uint8_t stored = plan.is_lib ? hdr->lib_version : hdr->rec_version;
+  if (stored == plan.row->version) return plan.is_lib || records_fit(plan, source, refusal);
+  refusal->add("%s %u, but the version map has %u for %s", plan.is_lib ? "lib_version" : "rec_version", stored,
+               plan.row->version, plan.type->name);
   return false;
 }
 
@@ -175,37 +175,37 @@ struct array_release_t {
 };
 using array_t = std::unique_ptr<DynArrHandle_t, array_release_t>;
 
-array_t load(const way_t &way, int fd, refusal_t *refusal, uint32_t *n_direct) {
-  const uint8_t library_kind = way.is_pool() ? ARRAY_LOAD_POOL : ARRAY_LOAD_POOL_BY_SIZE;
-  // Any layout: an array of another one has a result of its own.
+array_t load(const plan_t &plan, int fd, refusal_t *refusal, uint32_t *n_direct) {
+  const uint8_t library_kind = plan.is_pool() ? ARRAY_LOAD_POOL : ARRAY_LOAD_POOL_BY_SIZE;
+  // Accepts any layout: source_fits checks it and returns its own result.
   const array_load_options_t options = {.ctx_name = nullptr,
                                         .tbl_id = 0,
                                         .mem_type = MPOOL_TYPE_DRAM,
-                                        .kind = way.is_lib ? library_kind : uint8_t{ARRAY_LOAD_ANY},
+                                        .kind = plan.is_lib ? library_kind : uint8_t{ARRAY_LOAD_ANY},
                                         .max_block_bytes = 0,
                                         .rec_version = ARRAY_LOAD_ANY_VERSION,
                                         .record_size = ARRAY_LOAD_ANY_SIZE};
   array_t array(load_stream_for_conversion(fd, &options, refusal, n_direct));
-  // The older reader may have no array_settle. The loader has checked the cursor, so this cannot fail.
-  if (array != nullptr && way.is_lib) array_settle(array.get());
+  // The older reader may lack array_settle. This cannot fail, because the loader has checked the cursor.
+  if (array != nullptr && plan.is_lib) array_settle(array.get());
   return array;
 }
 
-// Without a name, so that nothing of it is redo logged, and without a pool's table id, so that its last slot is written
-// whole.
-array_t make_destination(const way_t &way, dynarr_t *source) {
+// Creates an array without a name, so that nothing is redo logged. Its table id is not a pool's, so that the last slot
+// is written whole.
+array_t make_destination(const plan_t &plan, dynarr_t *source) {
   const auto make = [&](uint32_t hdr_size, uint32_t record_bytes, uint32_t n_direct, uint8_t rec_version) {
     return array_t(get_default_dyn_array_ex_ex(static_cast<int32_t>(hdr_size), static_cast<int32_t>(record_bytes),
                                                static_cast<int32_t>(n_direct), MPOOL_TYPE_DRAM, 0, nullptr,
                                                source->daflag, rec_version));
   };
   const DynHdr_t *const hdr = dyn_hdr_of(source);
-  if (way.is_lib)
+  if (plan.is_lib)
     return make(hdr->hdr_size, tslb_da_get_record_size(source), get_dyn_hdr(source)->n_direct, hdr->rec_version);
-  return make(0, record_bytes_of(*way.type, way.target), tslb_da_get_size(source), 0);
+  return make(0, record_bytes_of(*plan.type, plan.target), tslb_da_get_size(source), 0);
 }
 
-// The copy is the host's and tells nobody how it ended.
+// The copy is the host's routine and has no result, so its effect is compared.
 bool has_all_of(dynarr_t *source, dynarr_t *destination) {
   const DynHdr_t *const hdr = dyn_hdr_of(source);
   const uint32_t n_used = tslb_da_get_size(source);
@@ -223,15 +223,15 @@ bool has_all_of(dynarr_t *source, dynarr_t *destination) {
   return true;
 }
 
-bool convert(const way_t &way, dynarr_t *source, dynarr_t *destination) {
-  TSDBVerCBArgs_t args = {static_cast<uint16_t>(way.type->row), source, destination};
-  // The routine of the headers moves no slot.
-  if (way.is_lib && !way.is_pool()) tsdb_recov_version_copy_rc(&args);
-  way.run(&args);
-  // That routine also takes the flags from the handle, and without them the array's nodes would be taken for records
-  // and its last slots be left out of the stream.
+bool convert(const plan_t &plan, dynarr_t *source, dynarr_t *destination) {
+  TSDBVerCBArgs_t args = {static_cast<uint16_t>(plan.type->row), source, destination};
+  // The routine for `lib` converts the headers only. The copy transfers slots, lists and user header.
+  if (plan.is_lib && !plan.is_pool()) tsdb_recov_version_copy_rc(&args);
+  plan.run(&args);
+  // The routine for `lib` clears the handle's flags. Without them the library would treat nodes as records and omit the
+  // last slots from the stream.
   destination->daflag = source->daflag;
-  return way.is_lib ? has_all_of(source, destination) : tslb_da_get_size(destination) == tslb_da_get_size(source);
+  return plan.is_lib ? has_all_of(source, destination) : tslb_da_get_size(destination) == tslb_da_get_size(source);
 }
 
 // ---- Output --------------------------------------------------------------------------------------------------------
@@ -249,7 +249,8 @@ int write_slots(DynamicArray_t array, void *block, int n_slots, size_t, int hdr_
                                       0);
 }
 
-// Writes what tslb_create_dump_for_dynarr writes of an array with `n_direct`, wherever slots of this one lie.
+// Writes the stream that tslb_create_dump_for_dynarr would write of an array with `n_direct` direct slots. The slots of
+// `array` can be placed differently.
 bool write_stream(dynarr_t *array, uint32_t n_direct, int fd) {
   DynArrHdr_t *const hdr = get_dyn_hdr(array);
   const uint32_t own_n_direct = hdr->n_direct, own_n_alloc = hdr->n_alloc;
@@ -281,14 +282,14 @@ uint32_t *count_of(uint32_t status, recovery_counts_t *counts) {
   }
 }
 
-recovery_counts_t count(const way_t &way, dynarr_t *source, dynarr_t *destination) {
+recovery_counts_t count(const plan_t &plan, dynarr_t *source, dynarr_t *destination) {
   recovery_counts_t counts = {};
   counts.n_records = tslb_da_get_size(source);
   counts.record_bytes_before = tslb_da_get_record_size(source);
   counts.record_bytes_after = tslb_da_get_record_size(destination);
   counts.stream_bytes_after = static_cast<uint64_t>(tslb_dynmem_get_hdrsz(destination)) +
                               uint64_t{counts.n_records} * tslb_da_get_slotsz(destination, nullptr);
-  counts.version_is_asserted = way.is_pool() ? 1 : 0;
+  counts.version_is_asserted = plan.is_pool() ? 1 : 0;
   if (dyn_hdr_of(source)->lli_sz == 0) {
     counts.n_active = counts.n_records;
     return counts;
@@ -309,31 +310,31 @@ recovery_result_t recovery_convert_stream(int fd_in, int fd_out, const recovery_
                                           recovery_counts_t *counts, char *error, size_t error_size) {
   *counts = {};
   refusal_t refusal(error, error_size);
-  way_t way;
-  if (!find_way(*conversion, &way, &refusal)) return RECOVERY_NO_WAY;
+  plan_t plan;
+  if (!make_plan(*conversion, &plan, &refusal)) return RECOVERY_UNSUPPORTED;
   uint32_t n_direct = 0;
-  const array_t source = load(way, fd_in, &refusal, &n_direct);
+  const array_t source = load(plan, fd_in, &refusal, &n_direct);
   if (source == nullptr) return RECOVERY_BAD_STREAM;
-  if (!source_fits(way, source.get(), &refusal)) return RECOVERY_DOES_NOT_FIT;
+  if (!source_fits(plan, source.get(), &refusal)) return RECOVERY_DOES_NOT_FIT;
 
-  const array_t destination = make_destination(way, source.get());
+  const array_t destination = make_destination(plan, source.get());
   if (destination == nullptr) {
     const int err = errno;
-    refusal.add("no array of version %u can be made for %u records: %s", way.target, tslb_da_get_size(source.get()),
+    refusal.add("cannot create an array of version %u for %u records: %s", plan.target, tslb_da_get_size(source.get()),
                 strerror(err));
     return RECOVERY_FAILED;
   }
-  if (!convert(way, source.get(), destination.get())) {
-    refusal.add("the routine that takes %s to version %u left records out", way.type->name, way.target);
+  if (!convert(plan, source.get(), destination.get())) {
+    refusal.add("the conversion of %s to version %u lost records", plan.type->name, plan.target);
     return RECOVERY_FAILED;
   }
-  // Of a catalogue type all records become direct.
-  if (!way.is_lib) n_direct = get_dyn_hdr(destination.get())->n_direct;
+  // All records of a catalogue type become direct.
+  if (!plan.is_lib) n_direct = get_dyn_hdr(destination.get())->n_direct;
   if (conversion->dry_run == 0 && !write_stream(destination.get(), n_direct, fd_out)) {
-    refusal.add("the older array could not be written to its end");
+    refusal.add("the converted array could not be written completely");
     return RECOVERY_NOT_WRITTEN;
   }
-  *counts = count(way, source.get(), destination.get());
+  *counts = count(plan, source.get(), destination.get());
   return RECOVERY_DONE;
 }
 

@@ -1,4 +1,4 @@
-// Redo records, one at a time, into an array in memory. Headers stand at any alignment, and are compared as bytes.
+// Applies one redo record to an array in memory. Headers can be unaligned, so they are compared as bytes.
 #include <tslb/redo_applier.h>
 
 #include <stdarg.h>
@@ -13,7 +13,7 @@ namespace {
 
 constexpr uint32_t NO_AUX = 0xFFFFFFFFu;
 
-// A part of the headers that no record may change.
+// A part of the headers that a record must not change.
 struct fixed_part_t {
   uint64_t at;
   size_t bytes;
@@ -77,38 +77,39 @@ bool applier_t::is_addressed() {
   if (array_->mem_type == MPOOL_TYPE_SHM || array_->mem_type == MPOOL_TYPE_PMEM)
     return refuse("the array is of mem_type %d, not in process memory", array_->mem_type);
   if (record_->tbl_id != array_->tbl_id)
-    return refuse("of table %d, the array's is %d", static_cast<int>(record_->tbl_id),
+    return refuse("table id %d, but the array has %d", static_cast<int>(record_->tbl_id),
                   static_cast<int>(array_->tbl_id));
   const size_t len = strlen(array_->ctx_name);
   if (record_->ctx_name_len != len || (len != 0 && memcmp(record_->ctx_name, array_->ctx_name, len) != 0))
-    return refuse("of another context than \"%s\"", array_->ctx_name);
-  if (record_->aux_idx != NO_AUX) return refuse("aux_idx %u", record_->aux_idx);
+    return refuse("the context name is not \"%s\"", array_->ctx_name);
+  if (record_->aux_idx != NO_AUX) return refuse("aux_idx %u is not supported", record_->aux_idx);
   return true;
 }
 
 // ---- Growth --------------------------------------------------------------------------------------------------------
 
-// The record's position is a size. In a pool without nodes nothing else says that a slot was taken. There sizes only grow,
-// and a smaller one was written by a thread that was overtaken. With nodes a 64-bit chunk in a reused slot lowers the size.
+// The position of a growth record is the pool's size. In a pool without nodes no other record shows that a slot was
+// taken. The size of such a pool never shrinks: a smaller size comes from a thread whose record was written late. The
+// size of a pool with nodes shrinks if a 64-bit chunk is put into a reused slot.
 bool applier_t::apply_growth() {
-  if (!is_pool()) return refuse("growth of an array that is no pool");
+  if (!is_pool()) return refuse("growth of an array that is not a pool");
   if (record_->data_sz != 0) return refuse("growth with %u bytes", record_->data_sz);
   const uint64_t size = record_->data_off;
   const uint64_t slots = array_->n_direct > max_slots_ ? array_->n_direct : max_slots_;
   if (size < header_bytes() || size > header_bytes() + slots * slot_bytes_)
-    return refuse("growth to a size that %llu slots do not have", static_cast<unsigned long long>(slots));
+    return refuse("growth to a size out of range for %llu slots", static_cast<unsigned long long>(slots));
   if (lli_sz_ == 0 && !make_slots((size - header_bytes()) / slot_bytes_)) return false;
   DynMemHdr_t *const pool = static_cast<DynMemHdr_t *>(tslb_da_get_usrhdr(array_));
   if (lli_sz_ != 0 || size > pool->total_msz) pool->total_msz = size;
   return true;
 }
 
-// Issues ids until so many are in use, which makes their memory.
+// Issues ids until `count` are in use. This allocates their memory.
 bool applier_t::make_slots(uint64_t count) {
   if (count > max_slots_)
-    return refuse("slot %llu, and %u are allowed", static_cast<unsigned long long>(count - 1), max_slots_);
+    return refuse("slot %llu, but the maximum is %u slots", static_cast<unsigned long long>(count - 1), max_slots_);
   if (count > array_->n_direct + TSLB_IDS_BEYOND_DIRECT)
-    return refuse("slot %llu is beyond what an array can have", static_cast<unsigned long long>(count - 1));
+    return refuse("slot %llu is more than an array can have", static_cast<unsigned long long>(count - 1));
   while (tslb_da_get_size(array_) < count) {
     void *record;
     get_dyn_arr_new_record_id_ex(array_, &record, array_->daflag);
@@ -121,7 +122,7 @@ bool applier_t::make_slots(uint64_t count) {
 
 bool applier_t::part_is_kept(const fixed_part_t &part) {
   if (memcmp(bytes() + part.at, static_cast<const char *>(array_->arr_base) + part.at, part.bytes) == 0) return true;
-  return refuse("%s is not the array's", part.name);
+  return refuse("%s differs from the array's", part.name);
 }
 
 bool applier_t::fixed_parts_are_kept() {
@@ -141,25 +142,25 @@ bool applier_t::fixed_parts_are_kept() {
 
 bool applier_t::apply_headers() {
   if (record_->data_off != 0 || record_->data_sz != header_bytes())
-    return refuse("%u bytes, and the headers are %llu from 0 on", record_->data_sz,
+    return refuse("%u bytes, but the headers are %llu bytes at 0", record_->data_sz,
                   static_cast<unsigned long long>(header_bytes()));
   if (!fixed_parts_are_kept()) return false;
   uint32_t n_used;
   memcpy(&n_used, bytes() + arr_hdr_at() + offsetof(DynArrHdr_t, n_used), sizeof(n_used));
   if (n_used < tslb_da_get_size(array_))
-    return refuse("n_used %u, where %u ids are in use", n_used, tslb_da_get_size(array_));
+    return refuse("n_used %u, but %u ids are in use", n_used, tslb_da_get_size(array_));
   if (n_used != 0 && !make_slots(n_used)) return false;
-  // All but DynArrHdr_t: n_used is what the record says by now, the rest is the array's own.
+  // DynArrHdr_t is not copied: n_used is correct after make_slots, and the other fields are the replica's.
   memcpy(array_->arr_base, bytes(), arr_hdr_at());
   return true;
 }
 
 bool applier_t::apply_slot() {
-  if (slot_bytes_ == 0) return refuse("bytes of an array whose slots have none");
+  if (slot_bytes_ == 0) return refuse("bytes for an array whose slots have none");
   const uint64_t idx = (record_->data_off - header_bytes()) / slot_bytes_;
   const uint64_t within = (record_->data_off - header_bytes()) % slot_bytes_;
   if (within + record_->data_sz > slot_bytes_)
-    return refuse("%u bytes from byte %llu of slot %llu on, which has %u", record_->data_sz,
+    return refuse("%u bytes at byte %llu of slot %llu, but the slot has %u", record_->data_sz,
                   static_cast<unsigned long long>(within), static_cast<unsigned long long>(idx), slot_bytes_);
   if (!make_slots(idx + 1)) return false;
   char *const record = static_cast<char *>(tslb_da_get_ptr(array_, static_cast<uint32_t>(idx)));

@@ -1,15 +1,15 @@
-/* Applies redo records to a replica: an array or pool in process memory that was loaded from a snapshot of the logged
- * one, or freshly created with the same parameters. One record after the other, in the order in which the hook got
- * them, makes the replica what the logged array was, as far as it was logged: what the library does not log of itself,
- * the host has to (tslb_dynarr.h), and n_alloc is always the replica's own.
+/* Applies redo records to a replica. A replica is an array or pool in process memory, loaded from a snapshot of the
+ * logged array or created with the same parameters. Apply all records in the order in which the hook received them. The
+ * replica then has every logged change. The host logs the changes that the library does not log itself (tslb_dynarr.h).
+ * n_alloc counts the replica's own memory.
  *
- * Growth records alone do not make a replica of a pool without nodes: if several threads take slots at the same moment,
- * no record may name the highest one. A host logs the pool's header with each batch. Of two growth records of such a pool
- * the larger size stays.
+ * For a pool without nodes growth records are not enough: if several threads take slots at the same time, it is
+ * possible that no record names the highest slot. The host therefore logs the pool's header with each batch. Of two
+ * growth records of such a pool the larger size is kept.
  *
- * Nothing in a record is trusted. Each is compared with the geometry of the replica and stays within one slot or is all
- * of the headers. What the bytes mean, list roots, links and a pool's cursor, is only true of the end of a batch and
- * not of each record: array_check.h looks at it there. Until then nothing may use the replica but this. */
+ * The applier trusts no record. It compares each one with the geometry of the replica. A record must contain all of the
+ * headers or lie within one slot. List roots, links and a pool's cursor are consistent at the end of a batch, not after
+ * each record. Check the replica with array_check.h after the last record, and do not use it before. */
 #ifndef REDO_APPLIER_H
 #define REDO_APPLIER_H
 
@@ -19,12 +19,12 @@
 
 TSLB_BEGIN_DECLS
 
-/* The arguments of the hook (tslb_rd_api.h), and data_sz bytes where data_ptr points. */
+/* Arguments of the hook (tslb_rd_api.h). data_ptr points to data_sz bytes. */
 typedef struct redo_args_t {
-  uint64_t txn_id; /* not looked at */
-  char rec_type;   /* TSLB_REDO_GROWTH is a kind of its own; all others are bytes */
+  uint64_t txn_id; /* ignored */
+  char rec_type;   /* TSLB_REDO_GROWTH, or any other value for a record of bytes */
   const char *ctx_name;
-  size_t ctx_name_len; /* ctx_name needs no terminator */
+  size_t ctx_name_len; /* ctx_name may lack a terminator */
   uint32_t tbl_id;
   uint64_t data_off;
   uint32_t aux_idx;
@@ -34,19 +34,20 @@ typedef struct redo_args_t {
 
 /* Applies one record.
  *
- * array      the replica: not of MPOOL_TYPE_SHM or _PMEM, and with the name and table id of the record.
- * record     headers (at 0, all of them), bytes within one slot, or the growth of a pool. Headers must say the sizes,
- *            flags and counts that the replica was created with, and at least as many ids in use as it has.
- * kind       ARRAY_LOAD_* of array_loader.h: how the user header is read. Growth is refused where that is no pool.
- * max_slots  ids are issued as records name them, and their memory is made; this many at most.
- * error      of error_size bytes; receives one line without a line end, as in "record at 4096: ...", cut to fit. An
- *            empty text on success. May be null with size 0.
- * Result     0, or -1 if the record is refused: the replica is as it was, but after a lack of memory (with a line on
- *            stderr too) it can have more ids.
+ * array      the replica. Not of MPOOL_TYPE_SHM or _PMEM; name and table id are those of the record.
+ * record     all headers (at position 0), bytes within one slot, or the growth of a pool. Headers must have the
+ *            replica's sizes, flags and n_direct, and an n_used that is not less than the replica's.
+ * kind       ARRAY_LOAD_* of array_loader.h: interpretation of the user header. A growth record is refused if the array
+ *            is not a pool.
+ * max_slots  maximum number of ids. The applier issues the ids that records name, and allocates their memory.
+ * error      error_size bytes; receives one line without a line end, cut to fit: "record at 4096: ...". Empty on
+ *            success. May be null with size 0.
+ * Result     0, or -1 if the record is refused. The replica is then unchanged, except that it can have more ids if
+ *            memory ran out (also a line on stderr).
  *
  * Writes no redo record and counts nothing in g_mem_st. Takes no lock.
  *
- * Threads    nobody else uses the replica. */
+ * Threads    no other thread uses the replica. */
 int redo_apply(DynamicArray_t array, const redo_args_t *record, uint8_t kind, uint32_t max_slots, char *error,
                size_t error_size);
 

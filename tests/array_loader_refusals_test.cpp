@@ -31,24 +31,22 @@ TEST(ArrayLoader, OptionsOfTheCaller) {
        "option mem_type 1 is not in process memory"},
       {"memory that is not available accepted", array, of_kind(ARRAY_LOAD_ANY, MPOOL_TYPE_PMEM),
        "option mem_type 2 is not in process memory"},
-      {"an unknown kind accepted", array, of_kind(3), "option kind 3 is not known"},
+      {"a kind that is unknown", array, of_kind(3), "option kind 3 is unknown"},
       {"the expected layout refused", array, expecting(0xC3, 12), ""},
-      {"a version read as a signed byte", array, expecting(0xC3, ARRAY_LOAD_ANY_SIZE), ""},
-      {"records of another version loaded", array, expecting(0, 12), "byte 1: rec_version 195, where 0 is expected"},
+      {"a version read with its sign", array, expecting(0xC3, ARRAY_LOAD_ANY_SIZE), ""},
+      {"records of another version loaded", array, expecting(0, 12), "byte 1: rec_version 195, expected 0"},
       {"records of another size loaded", array, expecting(ARRAY_LOAD_ANY_VERSION, 13),
-       "byte 20: record_size 12, where 13 is expected"},
-      {"nodes counted in the record size", parked, expecting(0xC3, 12), ""},
-      {"a version above 255 accepted", array, expecting(256, 12),
-       "option rec_version 256 is none that an array can have"},
-      {"every negative version treated as ARRAY_LOAD_ANY_VERSION", array, expecting(-2, 12),
-       "option rec_version -2 is none that an array can have"},
-      {"a pool is refused as a plain array", pool, of_kind(ARRAY_LOAD_ANY), ""},
+       "byte 20: record_size 12, expected 13"},
+      {"nodes counted as the record's", parked, expecting(0xC3, 12), ""},
+      {"a version that no array has", array, expecting(256, 12), "option rec_version 256 is out of range"},
+      {"any negative version is any", array, expecting(-2, 12), "option rec_version -2 is out of range"},
+      {"a pool is a pool only if it is said", pool, of_kind(ARRAY_LOAD_ANY), ""},
       {"a pool is not recognised", pool, of_kind(ARRAY_LOAD_POOL_BY_SIZE), ""},
-      {"another header of the same size is accepted as a pool's", same_size, of_kind(ARRAY_LOAD_POOL_BY_SIZE),
-       "byte 12: mslot_sz 4008636142 does not go with record_size 12"},
-      {"a header is checked although the caller did not ask for it", same_size, of_kind(ARRAY_LOAD_ANY), ""},
-      {"a header of another size is read as a pool's", other_size, of_kind(ARRAY_LOAD_POOL_BY_SIZE), ""},
-      {"an array is accepted as a pool", other_size, of_kind(ARRAY_LOAD_POOL), "byte 4: hdr_size 20, a pool has 56"},
+      {"another header of that size passes for a pool's", same_size, of_kind(ARRAY_LOAD_POOL_BY_SIZE),
+       "byte 12: mslot_sz 4008636142 does not match record_size 12"},
+      {"a header that is not asked about is refused", same_size, of_kind(ARRAY_LOAD_ANY), ""},
+      {"a header of another size is taken for a pool's", other_size, of_kind(ARRAY_LOAD_POOL_BY_SIZE), ""},
+      {"an array passes for a pool", other_size, of_kind(ARRAY_LOAD_POOL), "byte 4: hdr_size 20, but a pool has 56"},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);
@@ -104,7 +102,7 @@ TEST(ArrayLoader, EveryTruncationIsRefused) {
     const bool is_whole = (size - row.header_bytes) % row.slot_bytes == 0;
     expect_refused(
         load(row.stream + '\0', row.options),
-        is_whole ? "byte " + std::to_string(size) + ": more bytes behind the last slot" : ends_in_slot(size + 1));
+        is_whole ? "byte " + std::to_string(size) + ": more bytes after the last slot" : ends_in_slot(size + 1));
   }
 }
 
@@ -113,7 +111,7 @@ TEST(ArrayLoader, BytesAfterTheLastSlotAreRefused) {
   for (const auto &[record_sz, n_used] : {std::pair{20000, 1}, std::pair{4, (16384 - 24) / 4}}) {
     const std::string stream = stream_of(slot_array(0, record_sz, n_used, 0, n_used).get());
     EXPECT_EQ(load(stream).error, "");
-    expect_refused(load(stream + 'x'), "byte " + std::to_string(stream.size()) + ": more bytes behind the last slot");
+    expect_refused(load(stream + 'x'), "byte " + std::to_string(stream.size()) + ": more bytes after the last slot");
   }
 }
 
@@ -170,56 +168,55 @@ TEST_F(Contradictions, OfHeadersAndLists) {
   expect_contradictions(
       sound(), ANY,
       {
-          {"version 1", put(0, 1, 1), "0: lib_version 1, which is not 2"},
-          {"roots of another size", put(6, 61, 2), "6: lli_sz 61, which is neither 0 nor 60"},
-          {"flags without a list", put(LLI + 28, 0, 1), "36: lltype 0x00 has no list, lli_sz says there is one"},
-          {"other flags", put(LLI + 28, 0xFC, 1), "36: lltype 0xfc has no list, lli_sz says there is one"},
+          {"version 1", put(0, 1, 1), "0: lib_version 1, expected 2"},
+          {"roots of another size", put(6, 61, 2), "6: lli_sz 61, expected 0 or 60"},
+          {"flags without a list", put(LLI + 28, 0, 1), "36: lltype 0x00 has no list flag, but lli_sz is not 0"},
+          {"other flags", put(LLI + 28, 0xFC, 1), "36: lltype 0xfc has no list flag, but lli_sz is not 0"},
           {"n_used", put(HDR + 4, 2 + 286331137),
-           "72: n_used 286331139 is beyond what an array with n_direct 2 can have"},
-          {"negative n_direct", put(HDR + 8, 0x80000000), "76: n_direct 2147483648 is beyond what an array can have"},
+           "72: n_used 286331139 is more than an array with n_direct 2 can have"},
+          {"negative n_direct", put(HDR + 8, 0x80000000), "76: n_direct 2147483648 is more than an array can have"},
           {"block 0 too long", put(HDR + 8, 85899344),
-           "76: n_direct 85899344 with slots of 25 bytes takes more than block 0 may"},
+           "76: n_direct 85899344 with slots of 25 bytes exceeds the maximum size of block 0"},
           {"negative record_size", put(HDR + 12, 0x80000000) + put(HDR + 8, 0),
-           "80: record_size 2147483648 is beyond what an array can have"},
+           "80: record_size 2147483648 is more than an array can have"},
           {"data block beyond 4 GiB", put(HDR + 12, 0x10000000 - 16) + put(HDR + 8, 0),
-           "80: record_size 268435440 is beyond what an array can have"},
+           "80: record_size 268435440 is more than an array can have"},
 
-          {"free list begins out of the array", put(LLI, 8), "8: the free list names slot 8 of 8"},
-          {"free list leads out of the array", put(next(4), 9), "188: the free list names slot 9 of 8"},
-          {"cycle in the free list", put(next(7), 1), "263: the free list comes back to slot 1"},
+          {"free list begins outside", put(LLI, 8), "8: the free list names slot 8 of 8"},
+          {"free list leads outside", put(next(4), 9), "188: the free list names slot 9 of 8"},
+          {"free ring", put(next(7), 1), "263: the free list returns to slot 1"},
           {"active slot on the free list", put(status(4), 2), "184: status 2 on the free list, slot 4"},
-          {"free list is shorter", put(LLI + 24, 4), "32: the free list counts 4 slots and has 3"},
+          {"free list is shorter", put(LLI + 24, 4), "32: the free list counts 4 slots, but has 3"},
           {"count beyond all slots", put(LLI + 24, 9), "32: the free list counts 9 slots of 8"},
-          {"tail that is not the last", put(LLI + 4, 4), "12: tail 4 of the free list, which ends with 7"},
-          {"tail without a head", put(LLI, NIL) + put(LLI + 24, 0),
-           "12: tail 7 of the free list, which ends with 4294967295"},
+          {"tail that is not the last", put(LLI + 4, 4), "12: tail 4 of the free list, but its last slot is 7"},
+          {"tail alone", put(LLI, NIL) + put(LLI + 24, 0),
+           "12: tail 7 of the free list, but its last slot is 4294967295"},
           {"free on no list", put(LLI, NIL) + put(LLI + 4, NIL) + put(LLI + 24, 0),
-           "109: slot 1 says that it is free and is not on that list"},
+           "109: slot 1 has the status free, but is not on that list"},
 
           {"inactive list begins out of the array", put(LLI + 8, 77), "16: the inactive list names slot 77 of 8"},
           {"active slot on the inactive list", put(status(3), 2), "159: status 2 on the inactive list, slot 3"},
-          {"back link", put(prev(3), 2), "176: prev 2 of slot 3 on the inactive list, where 0 comes before it"},
-          {"back link at the head", put(prev(0), 3),
-           "101: prev 3 of slot 0 on the inactive list, where 4294967295 comes before it"},
-          {"inactive list is shorter", put(LLI + 16, 3), "24: the inactive list counts 3 slots and has 2"},
-          {"inactive tail", put(LLI + 12, 0), "20: tail 0 of the inactive list, which ends with 3"},
-          {"inactive on no list", put(status(2), 3), "134: slot 2 says that it is inactive and is not on that list"},
+          {"back link", put(prev(3), 2), "176: prev 2 of slot 3 on the inactive list, expected 0"},
+          {"back link at the head", put(prev(0), 3), "101: prev 3 of slot 0 on the inactive list, expected 4294967295"},
+          {"inactive list is shorter", put(LLI + 16, 3), "24: the inactive list counts 3 slots, but has 2"},
+          {"inactive tail", put(LLI + 12, 0), "20: tail 0 of the inactive list, but its last slot is 3"},
+          {"inactive on no list", put(status(2), 3), "134: slot 2 has the status inactive, but is not on that list"},
 
-          {"status 4", put(status(2), 4), "134: status 4 of slot 2 is none that a slot can have"},
+          {"status 4", put(status(2), 4), "134: status 4 of slot 2 does not exist"},
           {"status without its highest bit", put(status(6), 0x7FFFFFFF),
-           "234: status 2147483647 of slot 6 is none that a slot can have"},
+           "234: status 2147483647 of slot 6 does not exist"},
           {"active slot with a link", put(next(5), 0), "213: active slot 5 has a link to 0"},
           {"active slot with a back link", put(prev(5), 0), "226: active slot 5 has a back link to 0"},
       });
 }
 
 TEST_F(Contradictions, OfAnArrayWithoutAnInactiveList) {
-  const char *const error = "16: an inactive list where lltype 0x01 has none";
+  const char *const error = "16: roots of an inactive list, but lltype 0x01 has none";
   expect_contradictions(stream_of(slot_array(0, 9, 2, TSLB_DA_DAFLAG_LL, 8).get()), ANY,
                         {{"inactive head", put(LLI + 8, 0), error},
                          {"inactive tail", put(LLI + 12, 0), error},
                          {"inactive count", put(LLI + 16, 1), error},
-                         {"inactive slot", put(SLOTS, 3), "84: status 3 of slot 0, and there is no inactive list"}});
+                         {"inactive slot", put(SLOTS, 3), "84: status 3 of slot 0, but there is no inactive list"}});
 }
 
 TEST_F(Contradictions, OfPools) {
@@ -229,29 +226,28 @@ TEST_F(Contradictions, OfPools) {
   expect_contradictions(
       stream_of(array.get()), POOL,
       {
-          {"slots smaller than records", put(12, 60), "12: mslot_sz 60 does not go with record_size 72"},
+          {"slots smaller than records", put(12, 60), "12: mslot_sz 60 does not match record_size 72"},
           {"a sum that wraps", put(12, 0xFFFFFFF8) + put(124 + 12, 0) + put(124 + 4, 0),
-           "12: mslot_sz 4294967288 does not go with record_size 0"},
-          {"slot size that no creation gives", put(12, 65) + put(124 + 12, 73), "12: mslot_sz 65 is no multiple of 4"},
-          {"current slot above the last", put(16, 3), "16: cur_slot_addr names slot 3 of 3"},
-          {"offset after the end of the slot", put(20, 65), "20: cur_slot_addr stands at byte 65 of a slot of 64"},
-          {"offset without a current slot", put(16, 0xFFFFFFFF) + put(20, 65),
-           "20: cur_slot_addr stands at byte 65 of a slot of 64"},
+           "12: mslot_sz 4294967288 does not match record_size 0"},
+          {"slots that no creator makes", put(12, 65) + put(124 + 12, 73), "12: mslot_sz 65 is not a multiple of 4"},
+          {"current slot beyond the last", put(16, 3), "16: cur_slot_addr names slot 3 of 3"},
+          {"offset after the slot", put(20, 65), "20: cur_slot_addr is at byte 65 of a slot of 64"},
+          {"offset after a slot that does not exist", put(16, 0xFFFFFFFF) + put(20, 65),
+           "20: cur_slot_addr is at byte 65 of a slot of 64"},
       });
   // Slot 1 was taken, filled and freed. Slot 0 has two chunks of 24 and 32 bytes. Slot 2 is current.
   const std::string stream = stream_of(array.get());
   ASSERT_EQ(read_at<uint32_t>(stream.data(), 140 + 80), uint32_t{TSLB_DA_SLOT_FREE});
   const uint32_t used = read_at<uint32_t>(stream.data(), 140 + 2 * 80 + 8);
-  const std::string moved_back = "308: bytes_used " + std::to_string(used) +
-                                 " of the current slot, 2, where the cursor has only reached " +
-                                 std::to_string(used - 8);
+  const std::string went_back = "308: bytes_used " + std::to_string(used) +
+                                " of the current slot, 2, is more than the cursor's " + std::to_string(used - 8);
   expect_contradictions(
       stream, POOL,
       {
           {"current slot that is free", put(16, 1), "220: status 1 of the current slot, 1"},
-          {"more deleted than used", put(152, 57), "152: bytes_del 57 of slot 0, where bytes_used is 56"},
-          {"more used than a slot has", put(148, 65), "148: bytes_used 65 of slot 0, which has 64"},
-          {"cursor that moved back", put(20, used - 8), moved_back.c_str()},
+          {"more deleted than used", put(152, 57), "152: bytes_del 57 of slot 0, but bytes_used is 56"},
+          {"more used than a slot has", put(148, 65), "148: bytes_used 65 of slot 0, but the slot has 64"},
+          {"cursor that went back", put(20, used - 8), went_back.c_str()},
       });
   // States that a killed process or a host's own bits can leave.
   const struct {
@@ -295,7 +291,7 @@ TEST(ArrayLoader, RingHasAMaximumOfSlots) {
     const std::string stream = stream_of(pool.get());
     EXPECT_EQ(load(stream, POOL).error, "");
     const load_result_t ring = load(stream, of_kind(ARRAY_LOAD_POOL, MPOOL_TYPE_DRAM_TMP));
-    EXPECT_EQ(ring.error, n_slots == 254 ? "" : "byte 68: n_used 255, and a ring has 254 slots");
+    EXPECT_EQ(ring.error, n_slots == 254 ? "" : "byte 68: n_used 255, but a ring has 254 slots");
     if (ring.array == nullptr) continue;
     stdout_of([&] { tslb_dynmem_get_mchunk(ring.array.get(), &address, 8, srcaddr_t{}); });
     EXPECT_EQ(as_word(address), 0u) << "the ring does not wrap";
@@ -305,9 +301,9 @@ TEST(ArrayLoader, RingHasAMaximumOfSlots) {
 TEST(ArrayLoader, BlocksAboveTheLimitAreRefused) {
   const std::string stream = stream_of(slot_array(0, 100, 10, 0, 12).get());  // block 0: 1024, a data block: 1600
   EXPECT_EQ(load(stream, blocks_up_to(1023)).error,
-            "byte 16: n_direct 10 with slots of 100 bytes takes more than block 0 may");
+            "byte 16: n_direct 10 with slots of 100 bytes exceeds the maximum size of block 0");
   EXPECT_EQ(load(stream, blocks_up_to(1599)).error,
-            "byte 20: record_size 100 makes a block of 16 slots larger than it may be");
+            "byte 20: record_size 100 makes a block of 16 slots larger than the maximum");
   EXPECT_EQ(load(stream, blocks_up_to(1600)).error, "");
   EXPECT_EQ(load(stream, blocks_up_to(0)).error, "") << "no limit";
   const std::string direct = stream_of(slot_array(0, 100, 10, 0, 10).get());

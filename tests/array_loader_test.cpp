@@ -102,13 +102,13 @@ TEST_F(Descriptors, ShortAndInterruptedReadsContinue) {
 TEST_F(Descriptors, FailedReadIsReported) {
   const std::string stream = stream_of(slot_array(0, 20000, 3, 0, 4).get());
   script({-2});
-  expect_refused(load(stream), "byte 0: the stream cannot be read on: Input/output error");
-  script({16384, 3640, -1, -2});  // after the first read, in the first slot
-  expect_refused(load(stream), "byte 16384: the stream cannot be read on: Input/output error");
+  expect_refused(load(stream), "byte 0: the stream cannot be read: Input/output error");
+  script({16384, 3640, -1, -2});  // after what is read ahead, in the first slot
+  expect_refused(load(stream), "byte 16384: the stream cannot be read: Input/output error");
 
   char error[256];
   EXPECT_EQ(array_load_stream(-1, &ANY, error, sizeof(error)), nullptr);
-  EXPECT_STREQ(error, "byte 0: the stream cannot be read on: Bad file descriptor");
+  EXPECT_STREQ(error, "byte 0: the stream cannot be read: Bad file descriptor");
   EXPECT_EQ(array_load_stream(-1, &ANY, nullptr, 0), nullptr);
   EXPECT_EQ(array_load_stream(-1, &ANY, error, 8), nullptr);
   EXPECT_STREQ(error, "byte 0:") << "cut to fit";
@@ -186,7 +186,7 @@ TEST_F(BlockFiles, LongNamesAndNegativeIds) {
   EXPECT_EQ(stream_of(loaded.array.get()), stream_of(original.get()));
   const std::string file0 = base_.path / name / "-3.0.darr";
   expect_refused(load_files({name.c_str(), -3, MPOOL_TYPE_DRAM, ARRAY_LOAD_ANY, 0, 0, 12}),
-                 file0 + ": byte 20: record_size 8, where 12 is expected");
+                 file0 + ": byte 20: record_size 8, expected 12");
 }
 
 TEST_F(BlockFiles, PathWithoutABase) {
@@ -221,14 +221,14 @@ TEST_F(BlockFiles, FilesThatContradictTheHeader) {
       {"no file 0", remove(0), 0, "No such file or directory"},
       {"first data block missing", remove(1), 1, "No such file or directory"},
       {"file 0 ends in its headers", resize(0, 80), 0, "byte 80: ends 72 bytes into headers of 76"},
-      {"file 0 short", resize(0, 158), 0, "158 bytes long, its block takes 159"},
-      {"file 0 long", resize(0, 160), 0, "160 bytes long, its block takes 159"},
-      {"data block short", resize(1, 399), 1, "399 bytes long, its block takes 400"},
-      {"last data block cut after its last slot", resize(2, 50), 2, "50 bytes long, its block takes 400"},
+      {"file 0 short", resize(0, 158), 0, "158 bytes long, but its block has 159"},
+      {"file 0 long", resize(0, 160), 0, "160 bytes long, but its block has 159"},
+      {"data block short", resize(1, 399), 1, "399 bytes long, but its block has 400"},
+      {"last data block cut after its last slot", resize(2, 50), 2, "50 bytes long, but its block has 400"},
       {"a folder in a file's place", [this] { fs::remove(file(2)), fs::create_directory(file(2)); }, 2, not_regular},
       {"a pipe in a file's place", [this] { fs::remove(file(0)), mkfifo(file(0).c_str(), 0600); }, 0, not_regular},
       {"more slots than files", set(0, 68 + 4, 36), 3, "No such file or directory"},
-      {"another geometry", set(0, 68 + 8, 2), 0, "159 bytes long, its block takes 134"},
+      {"another geometry", set(0, 68 + 8, 2), 0, "159 bytes long, but its block has 134"},
       {"wrong status in block 0", set(0, 84 + 25, 2), 0, "byte 109: status 2 on the free list, slot 1"},
       {"wrong status in a data block", set(1, 25, 2), 1, "byte 25: status 2 on the free list, slot 4"},
       {"link to no slot in the last block", set(2, 4, 500), 2, "byte 4: the free list names slot 500 of 21"},
@@ -249,7 +249,7 @@ TEST_F(BlockFiles, FileThatShrinksWhileItIsReadIsRefused) {
   script({8, 72, 8 + 8, 0});
   expect_refused(load_files(POOL), file(0) + ": byte 96: ends 16 bytes into slot 0 of 72 bytes");
   script({8, 72, 8 + 8, -2});
-  expect_refused(load_files(POOL), file(0) + ": byte 80: the file cannot be read on: Input/output error");
+  expect_refused(load_files(POOL), file(0) + ": byte 80: the file cannot be read: Input/output error");
 }
 
 TEST_F(BlockFiles, UnusedSlotsAreEmptyAndOtherFilesAreIgnored) {

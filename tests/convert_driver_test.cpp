@@ -160,7 +160,8 @@ TEST(ConvertDriver, RefusesArraysThatDoNotMatchTheMap) {
   const std::string big_buffer = stream_of(chunk_pool(BIG_BUFFER, 9).get());
   const std::string bit_vector = stream_of(chunk_pool(BIT_VECTOR, 9).get());
   const std::string parked = stream_of(chunk_pool({"", 64, 2, MPOOL_FLAG_COMPAT, 0, INLL}, 9).get());
-  constexpr auto BAD_STREAM = RECOVERY_BAD_STREAM, DOES_NOT_FIT = RECOVERY_DOES_NOT_FIT, NO_WAY = RECOVERY_NO_WAY;
+  constexpr auto BAD_STREAM = RECOVERY_BAD_STREAM, DOES_NOT_FIT = RECOVERY_DOES_NOT_FIT,
+                 UNSUPPORTED = RECOVERY_UNSUPPORTED;
   const auto stored = [](uint32_t record_bytes, uint8_t daflag, uint8_t rec_version, int hdr_size = 0) {
     return store(record_bytes, daflag, rec_version, 5, hdr_size).stream;
   };
@@ -176,36 +177,35 @@ TEST(ConvertDriver, RefusesArraysThatDoNotMatchTheMap) {
        "byte 903: ends 43 bytes into slot 19 of 44 bytes"},
       {"an inconsistent list", 1, 0, 0, edited(types, 8, 18), BAD_STREAM,
        "byte 2172: status 2 on the free list, slot 18"},
-      {"an unknown status made active", 1, 0, 0, edited(types, 84 + 2 * 116, 9), BAD_STREAM,
-       "byte 316: status 9 of slot 2 is none that a slot can have"},
-      {"older", 2, 0, 0, edited(groups, 1, 1), DOES_NOT_FIT, "rec_version 1, where the version map has 2 for g_mg"},
-      {"an unknown newer version", 2, 0, 1, edited(groups, 1, 3), DOES_NOT_FIT,
-       "rec_version 3, where the version map has 2 for g_mg"},
-      {"other records", 2, 0, 0, stored(28, 0, 2), DOES_NOT_FIT, "record_size 28, where g_mg has 44 in version 2"},
-      {"older", 20, 0, 0, stored(392, 0, 1), DOES_NOT_FIT, "record_size 392, where dmt_subject has 4232 in version 1"},
-      {"longer records", 2, 0, 0, stored(45, 0, 2), DOES_NOT_FIT, "record_size 45, where g_mg has 44 in version 2"},
-      {"nodes", 2, 0, 0, stored(44, LL, 2), DOES_NOT_FIT, "lltype 0x01, where the version map has 0x00 for g_mg"},
+      {"a status that does not exist made active", 1, 0, 0, edited(types, 84 + 2 * 116, 9), BAD_STREAM,
+       "byte 316: status 9 of slot 2 does not exist"},
+      {"older", 2, 0, 0, edited(groups, 1, 1), DOES_NOT_FIT, "rec_version 1, but the version map has 2 for g_mg"},
+      {"a version that is unknown", 2, 0, 1, edited(groups, 1, 3), DOES_NOT_FIT,
+       "rec_version 3, but the version map has 2 for g_mg"},
+      {"other records", 2, 0, 0, stored(28, 0, 2), DOES_NOT_FIT, "record_size 28, but g_mg has 44 in version 2"},
+      {"older", 20, 0, 0, stored(392, 0, 1), DOES_NOT_FIT, "record_size 392, but dmt_subject has 4232 in version 1"},
+      {"longer records", 2, 0, 0, stored(45, 0, 2), DOES_NOT_FIT, "record_size 45, but g_mg has 44 in version 2"},
+      {"nodes", 2, 0, 0, stored(44, LL, 2), DOES_NOT_FIT, "lltype 0x01, but the version map has 0x00 for g_mg"},
       {"other nodes", 10, 0, 0, stored(100, LL, 1), DOES_NOT_FIT,
-       "lltype 0x01, where the version map has 0x02 for local_root_subject"},
-      {"more", 1, 0, 0, stored(100, LL | INLL, 1), DOES_NOT_FIT,
-       "lltype 0x03, where the version map has 0x02 for type"},
+       "lltype 0x01, but the version map has 0x02 for local_root_subject"},
+      {"more", 1, 0, 0, stored(100, LL | INLL, 1), DOES_NOT_FIT, "lltype 0x03, but the version map has 0x02 for type"},
       {"a user header lost", 3, 0, 0, stored(28, 0, 1, 8), DOES_NOT_FIT,
        "a user header of 8 bytes, which the conversion would lose"},
-      {"its own version", 2, 0, 2, groups, NO_WAY, "g_mg is in version 2 already"},
-      {"no routine", 2, 0, 3, groups, NO_WAY, "g_mg has no way from version 2 to 3"},
-      {"no such version", 2, 0, 4, groups, NO_WAY, "g_mg has no way from version 2 to 4"},
-      {"a type without conversions", 5, 0, 1, groups, NO_WAY, "l_mt has no way from version 0 to 1"},
-      {"a type in version 0", 0, 0, 0, groups, NO_WAY, "subject is in version 0 already"},
-      {"a row of the catalogue", 2, 1, 1, bit_vector, NO_WAY, "lib_bv is in version 1 already"},
-      {"an empty row", 4, 1, 1, groups, NO_WAY, "tot has no way from version 0 to 1"},
-      {"an inconsistent pool", 0, 1, 1, edited(big_buffer, 12, 4), BAD_STREAM,
-       "byte 12: mslot_sz 4 does not go with record_size 72"},
-      {"a slot array for a pool", 1, 1, 0, groups, BAD_STREAM, "byte 4: hdr_size 0, a pool has 56"},
+      {"its own version", 2, 0, 2, groups, UNSUPPORTED, "g_mg is already in version 2"},
+      {"no routine", 2, 0, 3, groups, UNSUPPORTED, "g_mg has no conversion from version 2 to 3"},
+      {"no such version", 2, 0, 4, groups, UNSUPPORTED, "g_mg has no conversion from version 2 to 4"},
+      {"a type without conversions", 5, 0, 1, groups, UNSUPPORTED, "l_mt has no conversion from version 0 to 1"},
+      {"a type in version 0", 0, 0, 0, groups, UNSUPPORTED, "subject is already in version 0"},
+      {"a row of the catalogue", 2, 1, 1, bit_vector, UNSUPPORTED, "lib_bv is already in version 1"},
+      {"an empty row", 4, 1, 1, groups, UNSUPPORTED, "tot has no conversion from version 0 to 1"},
+      {"a pool that contradicts itself", 0, 1, 1, edited(big_buffer, 12, 4), BAD_STREAM,
+       "byte 12: mslot_sz 4 does not match record_size 72"},
+      {"a slot array for a pool", 1, 1, 0, groups, BAD_STREAM, "byte 4: hdr_size 0, but a pool has 56"},
       {"a bit-vector pool for a big-buffer pool", 1, 1, 0, bit_vector, DOES_NOT_FIT,
-       "the pool's flag 0x11 is that of a bit-vector pool, which is not lib_bb"},
+       "the pool's flag 0x11 is that of a bit-vector pool, not of lib_bb"},
       {"a big-buffer pool for a bit-vector pool", 2, 1, 0, big_buffer, DOES_NOT_FIT,
-       "the pool's flag 0x01 is that of a big-buffer pool, which is not lib_bv"},
-      {"a pool's nodes", 1, 1, 0, parked, DOES_NOT_FIT, "lltype 0x02, where the version map has 0x01 for lib_bb"},
+       "the pool's flag 0x01 is that of a big-buffer pool, not of lib_bv"},
+      {"a pool's nodes", 1, 1, 0, parked, DOES_NOT_FIT, "lltype 0x02, but the version map has 0x01 for lib_bb"},
   };
   for (const auto &row : rows) {
     for (const uint8_t dry_run : {uint8_t{0}, uint8_t{1}}) {
@@ -231,7 +231,7 @@ TEST(ConvertDriver, RefusesRowsOutsideTheMaps) {
   };
   for (const auto &row : rows) {
     const conversion_result_t got = convert(store(44, 0, 2, 5).stream, {row.rec_type, row.is_lib, 0, 0});
-    EXPECT_EQ(got.result, RECOVERY_NO_WAY);
+    EXPECT_EQ(got.result, RECOVERY_UNSUPPORTED);
     EXPECT_EQ(got.error, row.line);
     expect_nothing_done(got);
     EXPECT_EQ(recovery_type_name(row.rec_type, row.is_lib), nullptr);
@@ -244,9 +244,9 @@ TEST(ConvertDriver, LineIsCutToTheBuffer) {
   const recovery_conversion_t own_version = {RECTYPE_G_MG, 0, 2, 0};
   recovery_counts_t counts;
   char error[9] = "........";
-  EXPECT_EQ(recovery_convert_stream(-1, -1, &own_version, &counts, error, 5), RECOVERY_NO_WAY);
+  EXPECT_EQ(recovery_convert_stream(-1, -1, &own_version, &counts, error, 5), RECOVERY_UNSUPPORTED);
   EXPECT_EQ(std::string(error, 8), std::string("g_mg\0...", 8));
-  EXPECT_EQ(recovery_convert_stream(-1, -1, &own_version, &counts, nullptr, 0), RECOVERY_NO_WAY);
+  EXPECT_EQ(recovery_convert_stream(-1, -1, &own_version, &counts, nullptr, 0), RECOVERY_UNSUPPORTED);
 }
 
 TEST(ConvertDriver, RefusedMemoryWritesNothing) {
@@ -337,7 +337,7 @@ TEST(ConvertDriver, ReportsAnOutputThatCannotBeWritten) {
   const std::string said = stderr_of([&] {
     EXPECT_EQ(recovery_convert_stream(in.fd(), full, &conversion, &counts, error, sizeof(error)), RECOVERY_NOT_WRITTEN);
   });
-  EXPECT_STREQ(error, "the older array could not be written to its end");
+  EXPECT_STREQ(error, "the converted array could not be written completely");
   EXPECT_EQ(counts.n_records, 0u);
   EXPECT_NE(said.find("No space left"), std::string::npos);
   close(full);

@@ -36,7 +36,7 @@ TEST_F(Tool, EveryRouteOfTheLibrary) {
     const run_t ran = run(std::string(row.arguments) + " in out");
     EXPECT_EQ(ran.exit_code, 0) << ran.err;
     EXPECT_TRUE(read("out") == row.out);
-    EXPECT_EQ(ran.out.find("is your word") != std::string::npos, row.says_word) << ran.out;
+    EXPECT_EQ(ran.out.find("is assumed") != std::string::npos, row.says_word) << ran.out;
     fs::remove(path("out"));
   }
 }
@@ -64,11 +64,13 @@ TEST_F(Tool, DoesNotReplaceOtherFiles) {
       {"input replaced", "in", "in", true, "in: is the input file"},
       {"input replaced through a link", "in", "link_to_in", true, "link_to_in: is the input file"},
       {"input read through a link, replaced", "link_to_in", "in", true, "in: is the input file"},
-      {"input replaced through a hard link", "in", "second_in", true, "second_in: is the input file"},
-      {"a link replaced", "in", "to_old", true, "to_old: exists and is not a regular file, which --force leaves alone"},
-      {"a directory replaced", "in", "dir", true, "dir: exists and is not a regular file, which --force leaves alone"},
-      {"a pipe replaced", "in", "pipe", true, "pipe: exists and is not a regular file, which --force leaves alone"},
-      {"no directory", "in", "none/out", false, "none/out: no file can be made beside it: No such file or directory"},
+      {"input's second name replaced", "in", "second_in", true, "second_in: is the input file"},
+      {"a link replaced", "in", "to_old", true,
+       "to_old: exists and is not a regular file; --force does not replace it"},
+      {"a directory replaced", "in", "dir", true, "dir: exists and is not a regular file; --force does not replace it"},
+      {"a pipe replaced", "in", "pipe", true, "pipe: exists and is not a regular file; --force does not replace it"},
+      {"no directory", "in", "none/out", false,
+       "none/out: no temporary file can be created in its folder: No such file or directory"},
       {"missing input", "none", "out", false, "none: cannot be read: No such file or directory"},
       {"a directory read", "dir", "out", false, "dir: not a regular file"},
       {"waits for a pipe", "pipe", "out", false, "pipe: not a regular file"},
@@ -106,8 +108,8 @@ TEST_F(Tool, FailedOutputLeavesNoFile) {
     limits_t limits;
     const char *last_line;
   } rows[] = {
-      {"a refusal is not reported", "--rec-type g_mg --to 2 ", {}, "in: g_mg is in version 2 already"},
-      {"a cut output is kept", TO_OLDEST, {nullptr, 2000}, "out: the older array could not be written to its end"},
+      {"a refusal is not reported", "--rec-type g_mg --to 2 ", {}, "in: g_mg is already in version 2"},
+      {"a cut output is kept", TO_OLDEST, {nullptr, 2000}, "out: the converted array could not be written completely"},
       {"a lost report", TO_OLDEST, {"/dev/full"}, "stdout: cannot be written: No space left on device"},
   };
   for (const auto &row : rows) {
@@ -204,7 +206,7 @@ TEST_F(Tool, Usage) {
       {"a row after the end of the library's map", "--lib --rec-type 5 --to 0 in out", "--rec-type 5" + not_in_library},
       {"a catalogue type of the library", "--lib --rec-type g_mg --to 0 in out", "--rec-type g_mg" + not_in_library},
       {"a version cut to 8 bits", "--rec-type g_mg --to 256 in out", "--to: Value 256 not in range 0 to 255"},
-      {"a list with a conversion", "--list in", "--list goes alone"},
+      {"a list with a conversion", "--list in", "--list takes no other arguments"},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);
@@ -214,5 +216,5 @@ TEST_F(Tool, Usage) {
   const run_t help = run("--help");
   EXPECT_EQ(help.exit_code, 0);
   EXPECT_NE(help.out.find("Exit: 0 done\n      1 refused"), std::string::npos) << help.out;
-  EXPECT_NE(help.out.find("\n      2 usage"), std::string::npos);
+  EXPECT_NE(help.out.find("\n      2 wrong usage"), std::string::npos);
 }

@@ -159,13 +159,13 @@ TEST(FormatsDocument, RedoRecordsMatchTheWrittenOnes) {
   });
   add("take slot 0", [&] { tslb_da_get_newptr(array, &idx); });
   add("take slots 1 and 2 as a range", [&] { tslb_da_get_range(array, 2); });
-  add("take slot 3 by the telling form", [&] { tslb_da_get_newptr_inll(array, &idx, &last_ts, &last_status); });
+  add("take slot 3 by get_newptr_inll", [&] { tslb_da_get_newptr_inll(array, &idx, &last_ts, &last_status); });
   add("inactivate slot 0", [&] { tslb_da_inactivate_idx(array, 0, START); });
   add("inactivate slot 1", [&] { tslb_da_inactivate_idx(array, 1, START); });
   add("inactivate slot 2", [&] { tslb_da_inactivate_idx(array, 2, START); });
   add("activate slot 1, between the two", [&] { tslb_da_activate_idx(array, 1); });
   add("free slot 3", [&] { tslb_da_free_idx(array, 3); });
-  add("free slot 1, behind slot 3", [&] { tslb_da_free_idx(array, 1); });
+  add("free slot 1, after slot 3", [&] { tslb_da_free_idx(array, 1); });
   add("free slot 0, which is inactive", [&] { tslb_da_free_idx(array, 0); });
   add("log slot 2", [&] { tslb_redo_log_da(array, 2, 1, 0); });
   add("log bytes 4 to 7 of record 2", [&] { tslb_redo_log_da_field(array, 2, 1, 9, 4, 4); });

@@ -85,7 +85,7 @@ static json_t field_of(const json_t &array, const std::string &header, const std
 static void expect_two_lists(const json_t &array) {
   EXPECT_EQ(array["findings"].size(), 0u) << array["findings"];
   EXPECT_EQ(array["slots"], R"({"active": 15, "free": 3, "inactive": 2, "not_ready": 0, "unset": 0, "other": 0,
-                                "claim_a_list_in_vain": []})"_json);
+                                "not_on_their_list": []})"_json);
   EXPECT_EQ(array["lists"], R"([
     {"name": "free list", "counter": 3, "head": 4, "tail": 9, "length": 3, "last": 9, "complete": true},
     {"name": "inactive list", "counter": 2, "head": 7, "tail": 5, "length": 2, "last": 5, "complete": true}])"_json);
@@ -152,12 +152,12 @@ TEST_F(Inspect, RecordsById) {
       run("--record 6 in").out,
       HasSubstr("  record 6, slot at byte 252 of in\n    status 2 (active), next none\n           260  06 00 00 00"));
   EXPECT_THAT(run("--record 7 in").out, HasSubstr("    status 3 (inactive), next 5\n"));
-  EXPECT_THAT(run("--record 5 in").out, HasSubstr("    its last 8 bytes are the back node: previous 7, time 1000\n"));
+  EXPECT_THAT(run("--record 5 in").out, HasSubstr("    the last 8 bytes are the back node: prev 7, ts 1000\n"));
   write_block_files();
   EXPECT_EQ(inspect("--record 19 ctx/12.0.darr", 0)["record"]["file"], "ctx/12.2.darr");
   const run_t none = run("--record 20 in");
   EXPECT_EQ(none.exit_code, 2);
-  EXPECT_EQ(none.err, "tslb-inspect: in: no record 20 among 20\n");
+  EXPECT_EQ(none.err, "tslb-inspect: in: no record 20, n_used is 20\n");
 }
 
 TEST_F(Inspect, UserHeadersAsText) {
@@ -166,7 +166,7 @@ TEST_F(Inspect, UserHeadersAsText) {
   write("pool", pool);
   const array_t array(get_default_dyn_array_ex(2000, 4, 1, MPOOL_TYPE_DRAM, 1, nullptr, 0));
   write("array", stream_of(array.get()));
-  EXPECT_THAT(run("pool").out, HasSubstr("  (-3864, below zero)\n"));
+  EXPECT_THAT(run("pool").out, HasSubstr("  (-3864, negative)\n"));
   EXPECT_THAT(run("array").out, HasSubstr("\n    and 976 more bytes; --json has them all\n"));
 }
 
@@ -210,22 +210,22 @@ TEST_F(Contradictions, OfHeadersAndSizes) {
                          {"an empty file", cut(0), "0: ends 0 bytes into DynHdr_t of 8"},
                          {"half a first header", cut(5), "5: ends 5 bytes into DynHdr_t of 8"},
                          {"half of all headers", cut(70), "70: ends 70 bytes into headers of 84"},
-                         {"another layout", put<uint8_t>(0, 3), "0: lib_version 3, which is not 2"},
-                         {"bytes after the last slot", with_longer, "644: 3 more bytes behind the last slot"},
+                         {"another layout", put<uint8_t>(0, 3), "0: lib_version 3, expected 2"},
+                         {"a longer stream", with_longer, "644: 3 more bytes after the last slot"},
                          {"a slot that is cut", cut(slot(19) + 9), "625: ends 9 bytes into slot 19 of 20"},
                          {"a list whose rest is cut away", cut(slot(9)),
                           "336: ends 0 bytes into slot 9 of 20\n"
-                          "144: the free list goes on in slot 9, which is not there"},
-                         {"more ids than the maximum", put<uint32_t>(72, 0xFFFFFFF0),
-                          "72: n_used 4294967280 is beyond what an array with n_direct 3 can have\n"
+                          "144: the free list continues with slot 9, which is missing"},
+                         {"more ids than there can be", put<uint32_t>(72, 0xFFFFFFF0),
+                          "72: n_used 4294967280 is more than an array with n_direct 3 can have\n"
                           "644: ends 0 bytes into slot 20 of 4294967280"},
-                         {"a direct area above the limit", put<uint32_t>(76, 0x80000000),
-                          "76: n_direct 2147483648 is beyond what an array can have"},
+                         {"a direct area beyond limits", put<uint32_t>(76, 0x80000000),
+                          "76: n_direct 2147483648 is more than an array can have"},
                          {"a direct area larger than block 0", put<uint32_t>(76, 0x7FFFFFFF),
-                          "76: n_direct 2147483647 with slots of 28 bytes takes more than block 0 may"},
+                          "76: n_direct 2147483647 with slots of 28 bytes exceeds the maximum size of block 0"},
                          {"nodes without a list", put<uint8_t>(36, 4),
-                          "36: lltype 0x04 has no list, lli_sz says there is one\n"
-                          "324: 320 more bytes behind the last slot"},
+                          "36: lltype 0x04 has no list flag, but lli_sz is not 0\n"
+                          "324: 320 more bytes after the last slot"},
                      });
 }
 
@@ -237,27 +237,26 @@ TEST_F(Contradictions, OfLists) {
       {
           {"a head out of the array", put<uint32_t>(8, 20),
            "8: the free list names slot 20 of 20\n"
-           "140: slot 2 says that it is free and is not on that list\n"
-           "196: slot 4 says that it is free and is not on that list\n"
-           "336: slot 9 says that it is free and is not on that list"},
-          {"a cycle", put<uint32_t>(slot(9) + next, 2), "340: the free list comes back to slot 2"},
-          {"a list that leads into the other one", put<uint32_t>(slot(9) + next, 7),
+           "140: slot 2 has the status free, but is not on that list\n"
+           "196: slot 4 has the status free, but is not on that list\n"
+           "336: slot 9 has the status free, but is not on that list"},
+          {"a ring", put<uint32_t>(slot(9) + next, 2), "340: the free list returns to slot 2"},
+          {"a list that runs on into the other one", put<uint32_t>(slot(9) + next, 7),
            "280: status 3 on the free list, slot 7\n"
            "224: status 3 on the free list, slot 5\n"
-           "32: the free list counts 3 slots and has 5\n"
-           "12: tail 9 of the free list, which ends with 5"},
+           "32: the free list counts 3 slots, but has 5\n"
+           "12: tail 9 of the free list, but its last slot is 5"},
           {"a list that ends early", put<uint32_t>(slot(2) + next, 0xFFFFFFFF),
-           "32: the free list counts 3 slots and has 2\n"
-           "12: tail 9 of the free list, which ends with 2\n"
-           "336: slot 9 says that it is free and is not on that list"},
-          {"a counter", put<uint32_t>(32, 4), "32: the free list counts 4 slots and has 3"},
-          {"a counter above the number of slots", put<uint32_t>(24, 21), "24: the inactive list counts 21 slots of 20"},
-          {"a tail", put<uint32_t>(20, 7), "20: tail 7 of the inactive list, which ends with 5"},
+           "32: the free list counts 3 slots, but has 2\n"
+           "12: tail 9 of the free list, but its last slot is 2\n"
+           "336: slot 9 has the status free, but is not on that list"},
+          {"a counter", put<uint32_t>(32, 4), "32: the free list counts 4 slots, but has 3"},
+          {"a counter beyond the array", put<uint32_t>(24, 21), "24: the inactive list counts 21 slots of 20"},
+          {"a tail", put<uint32_t>(20, 7), "20: tail 7 of the inactive list, but its last slot is 5"},
           {"a status on a list", put<uint32_t>(slot(5), 2), "224: status 2 on the inactive list, slot 5"},
-          {"on no list", put<uint32_t>(slot(0), 3), "84: slot 0 says that it is inactive and is not on that list"},
-          {"an unknown status", put<uint32_t>(slot(0), 9), "84: status 9 of slot 0 is none that a slot can have"},
-          {"a back link", put<uint32_t>(slot(5) + prev, 3),
-           "244: prev 3 of slot 5 on the inactive list, where 7 comes before it"},
+          {"on no list", put<uint32_t>(slot(0), 3), "84: slot 0 has the status inactive, but is not on that list"},
+          {"a status that does not exist", put<uint32_t>(slot(0), 9), "84: status 9 of slot 0 does not exist"},
+          {"a back link", put<uint32_t>(slot(5) + prev, 3), "244: prev 3 of slot 5 on the inactive list, expected 7"},
       });
 }
 
@@ -266,13 +265,13 @@ TEST_F(Contradictions, OfPools) {
   expect_told(
       stream_of(chunk_pool().get()),
       {
-          {"a slot's capacity", put<uint32_t>(12, 60), "12: mslot_sz 60 does not go with record_size 72"},
-          {"a cursor above the last slot", put<uint32_t>(16, 3), "16: cur_slot_addr names slot 3 of 3"},
-          {"a cursor after the end of its slot", put<uint32_t>(20, 65),
-           "20: cur_slot_addr stands at byte 65 of a slot of 64"},
+          {"a slot's capacity", put<uint32_t>(12, 60), "12: mslot_sz 60 does not match record_size 72"},
+          {"a cursor beyond the slots", put<uint32_t>(16, 3), "16: cur_slot_addr names slot 3 of 3"},
+          {"a cursor after its slot", put<uint32_t>(20, 65), "20: cur_slot_addr is at byte 65 of a slot of 64"},
           {"a current slot that is free", put<uint32_t>(16, 0), "140: status 1 of the current slot, 0"},
-          {"more used than the slot has", put<uint32_t>(slot1 + 8, 65), "228: bytes_used 65 of slot 1, which has 64"},
-          {"more deleted", put<uint32_t>(slot1 + 12, 57), "232: bytes_del 57 of slot 1, where bytes_used is 56"},
+          {"more used than there is", put<uint32_t>(slot1 + 8, 65),
+           "228: bytes_used 65 of slot 1, but the slot has 64"},
+          {"more deleted", put<uint32_t>(slot1 + 12, 57), "232: bytes_del 57 of slot 1, but bytes_used is 56"},
           {"a last slot cut too early", cut(slot2 + 39), "339: ends 39 bytes into slot 2 of 3"},
           {"a last slot cut after its cursor", cut(slot2 + 41), "341: ends 41 bytes into slot 2 of 3"},
       });
@@ -285,15 +284,15 @@ TEST_F(Contradictions, OfBlockFiles) {
     const char *finding;
   } rows[] = {
       {"a missing block", [](const fs::path &dir) { fs::remove(dir / "12.1.darr"); },
-       "ctx/12.1.darr: byte 0: 1 of 2 data blocks missing from this one on"},
+       "ctx/12.1.darr: byte 0: 1 of 2 data blocks are missing, starting with this one"},
       {"a short block", [](const fs::path &dir) { fs::resize_file(dir / "12.2.darr", 30); },
-       "ctx/12.2.darr: byte 30: 30 bytes long, its block takes 448"},
+       "ctx/12.2.darr: byte 30: 30 bytes long, but its block has 448"},
       {"a long file 0", [](const fs::path &dir) { fs::resize_file(dir / "12.0.darr", 200); },
-       "ctx/12.0.darr: byte 168: 200 bytes long, its block takes 168"},
+       "ctx/12.0.darr: byte 168: 200 bytes long, but its block has 168"},
       {"a status in a data block", [](const fs::path &dir) { patch_file(dir / "12.1.darr", 3 * SLOT_BYTES, 9); },
-       "ctx/12.1.darr: byte 84: status 9 of slot 6 is none that a slot can have"},
+       "ctx/12.1.darr: byte 84: status 9 of slot 6 does not exist"},
       {"millions of blocks claimed", [](const fs::path &dir) { patch_file(dir / "12.0.darr", 72, 0x10000003); },
-       "ctx/12.3.darr: byte 0: 16777214 of 16777216 data blocks missing from this one on"},
+       "ctx/12.3.darr: byte 0: 16777214 of 16777216 data blocks are missing, starting with this one"},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);
@@ -322,14 +321,14 @@ TEST_F(Inspect, UnusualStatesOfPools) {
     uint64_t value;
     const char *finding;  // after "in: byte "
   } rows[] = {
-      {"a host's own bits refused", 8, 1, 0x0D, "8: flag 0x0d has bits without a meaning"},
-      {"reserved byte", 9, 1, 3, "9: pad_byte 3, which is reserved"},
+      {"a host's own bits refused", 8, 1, 0x0D, "8: flag 0x0d has unknown bits"},
+      {"reserved byte", 9, 1, 3, "9: pad_byte 3, but the field is reserved"},
       {"size", 24, 8, 139, "24: total_msz 139 is less than the 140 bytes of headers"},
-      {"sum", 32, 8, 79, "32: total_mused 79, where the slots in use come to 80"},
-      {"total that is never counted", 48, 8, 1, "48: total_mdel 1, which nothing counts"},
-      {"a counter that a killed process left", POOL_HEADER_BYTES + 2 * POOL_SLOT_BYTES + 8, 4, 16,
-       "308: bytes_used 16 of the current slot, 2, where the cursor has reached 24"},
-      {"a slot that a killed process left", POOL_HEADER_BYTES + POOL_SLOT_BYTES + 8, 4, 0xFFFFFFFF,
+      {"sum", 32, 8, 79, "32: total_mused 79, but the slots have 80"},
+      {"total that nothing counts", 48, 8, 1, "48: total_mdel 1, but the library never sets it"},
+      {"a killed process' counter", POOL_HEADER_BYTES + 2 * POOL_SLOT_BYTES + 8, 4, 16,
+       "308: bytes_used 16 of the current slot, 2, is less than the cursor's 24"},
+      {"a killed process' slot", POOL_HEADER_BYTES + POOL_SLOT_BYTES + 8, 4, 0xFFFFFFFF,
        "228: slot 1 was taken and never became current"},
   };
   for (const auto &row : rows) {
@@ -402,7 +401,7 @@ TEST_F(Inspect, OutputsReplaceFilesOnlyWithForce) {
   write("old", "old");
   EXPECT_EQ(run("--svg old in").err, "tslb-inspect: old: exists; --force replaces it\n");
   EXPECT_EQ(read("old"), "old");
-  EXPECT_EQ(run("--force --html in in").err, "tslb-inspect: in: is one of the files inspected\n");
+  EXPECT_EQ(run("--force --html in in").err, "tslb-inspect: in: is one of the inspected files\n");
   EXPECT_EQ(read("in"), sound);
   EXPECT_EQ(run("--force --svg old in").exit_code, 0);
   EXPECT_EQ(read("old").find("<?xml"), 0u);
@@ -430,9 +429,9 @@ TEST_F(Inspect, PageInABrowser) {
   EXPECT_EQ(count_of(page, "<section>"), 2u);
   EXPECT_EQ(count_of(page, "<title>slot "), 35u + 2 * 18u) << "each slot is one cell, two in a pool";
   EXPECT_EQ(count_of(page, "class=\"m-stray\""), 2u) << "the slot and the legend";
-  EXPECT_THAT(page, HasSubstr("slot 0: inactive, claims a list in vain"));
-  EXPECT_THAT(page, HasSubstr("<td>slot 0 says that it is inactive and is not on that list</td>"));
-  EXPECT_EQ(page.find("http"), std::string::npos) << "the page loads from elsewhere";
+  EXPECT_THAT(page, HasSubstr("slot 0: inactive, not on the list of its status"));
+  EXPECT_THAT(page, HasSubstr("<td>slot 0 has the status inactive, but is not on that list</td>"));
+  EXPECT_EQ(page.find("http"), std::string::npos) << "nothing is loaded from elsewhere";
   const std::string picture = tree_of("picture.svg");
   EXPECT_EQ(picture.find("parsererror"), std::string::npos);
   EXPECT_EQ(count_of(picture, "<title>slot "), 35u + 2 * 18u);

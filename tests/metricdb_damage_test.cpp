@@ -99,8 +99,7 @@ TEST_F(Damage, ManifestsThatContradict) {
       {"one without a number", "metricdb 2\n", "metricdb one\n", "its format version is \"one\", and 2 is known"},
       {"a store", "store snapshot", "store tape", "manifest: line 2: store \"tape\" is neither snapshot nor shm"},
       {"a layout that nobody knows", "layout 1", "layout 2", "line 3: layout \"2\""},
-      {"not the records' layout", "layout 1", "layout 0",
-       "catalogue.stream: byte 1: rec_version 1, where 0 is expected"},
+      {"not the records' layout", "layout 1", "layout 0", "catalogue.stream: byte 1: rec_version 1, expected 0"},
       {"streams taken for block files", "store snapshot", "store shm", "manifest: array "},
       {"a line left out", "retain_ns 100\n", "", "line 6: \"idle_ns\" in place of \"retain_ns\""},
       {"a negative time span", "retain_ns 100", "retain_ns -100", "line 6: retain_ns \"-100\""},
@@ -215,10 +214,9 @@ TEST_F(Damage, StoresThatContradictThemselves) {
       {"a deleted chunk", [](Parts p) { tslb_dynmem_del_mchunk(p.store.points(), p.b.first_sealed()); },
        "where no chunk in use begins"},
       {"a count of deleted bytes", [](Parts p) { p.key_slot->bytes_del += 8; }, "the slot counts ", "keys"},
-      {"used beyond", [](Parts p) { p.current_slot->bytes_used = 5000; }, "bytes_used 5000 of slot 3, which has 2400",
-       "points"},
-      {"a cursor inside", [](Parts p) { p.current_slot->bytes_used += 8; }, "where the cursor has only reached ",
-       "points"},
+      {"used beyond", [](Parts p) { p.current_slot->bytes_used = 5000; },
+       "bytes_used 5000 of slot 3, but the slot has 2400", "points"},
+      {"a cursor inside", [](Parts p) { p.current_slot->bytes_used += 8; }, "is more than the cursor's ", "points"},
       {"a cursor beyond", [](Parts p) { p.current_slot->bytes_used -= 8; }, "and the cursor stands at ", "points"},
       {"a free slot that claims a series", [](Parts p) { p.free.set_flags(SERIES_READY); }, "flags 0x01 at status 1"},
       {"a free slot without its mark", [](Parts p) { p.free.set_key({}); }, "gatekeeper 0x0 in a free slot"},
@@ -239,7 +237,7 @@ TEST_F(Damage, StoresThatContradictThemselves) {
        "keys"},
       {"records of another version",
        [](Parts p) { static_cast<DynHdr_t *>(tslb_da_get_dynhdr(p.store.catalogue()))->rec_version = 0; },
-       "byte 1: rec_version 0, where 1 is expected"},
+       "byte 1: rec_version 0, expected 1"},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);

@@ -328,30 +328,31 @@ TEST(RedoApplier, RefusesRecordsThatDoNotFitTheArray) {
   expect_refused(
       array.get(), ARRAY_LOAD_POOL_BY_SIZE,
       {
-          {"across the end of a slot", "4 bytes from byte 33 of slot 1", at(84 + 36 + 33, 4)},
-          {"more than a slot", "37 bytes from byte 0 of slot 0", at(84, 37)},
-          {"length that wraps", "of slot 0 on, which has 36", at(85, 0xFFFFFFFFu)},
-          {"across the end of the headers", "headers are 84 from 0 on", at(80, 84)},
-          {"headers and a slot", "headers are 84 from 0 on", at(0, 120)},
-          {"part of the headers", "headers are 84 from 0 on", at(0, 83)},
-          {"another part", "headers are 84 from 0 on", at(8, 60)},
-          {"more slots than allowed", "slot 100, and 100 are allowed", at(84 + 36 * 100, 8)},
-          {"maximum position", "are allowed", at(UINT64_MAX - 35, 1)},
+          {"over a slot's end", "4 bytes at byte 33 of slot 1", at(84 + 36 + 33, 4)},
+          {"more than a slot", "37 bytes at byte 0 of slot 0", at(84, 37)},
+          {"length that wraps", "of slot 0, but the slot has 36", at(85, 0xFFFFFFFFu)},
+          {"over the border of headers and slots", "headers are 84 bytes at 0", at(80, 84)},
+          {"headers and a slot", "headers are 84 bytes at 0", at(0, 120)},
+          {"part of the headers", "headers are 84 bytes at 0", at(0, 83)},
+          {"another part", "headers are 84 bytes at 0", at(8, 60)},
+          {"more slots than allowed", "slot 100, but the maximum is 100 slots", at(84 + 36 * 100, 8)},
+          {"position at the end of all numbers", "but the maximum is", at(UINT64_MAX - 35, 1)},
           {"no bytes", "no bytes", at(84, 0)},
-          {"a null pointer to the bytes", "no bytes",
-           [](redo_args_t &record, std::string &) { record.data_ptr = nullptr; }},
-          {"another table", "of table 6, the array's is 5",
+          {"bytes that are nowhere", "no bytes", [](redo_args_t &record, std::string &) { record.data_ptr = nullptr; }},
+          {"another table", "table id 6, but the array has 5",
            [](redo_args_t &record, std::string &) { record.tbl_id = 6; }},
-          {"another context", "another context", [](redo_args_t &record, std::string &) { record.ctx_name_len = 6; }},
-          {"unknown aux_idx", "aux_idx 0", [](redo_args_t &record, std::string &) { record.aux_idx = 0; }},
-          {"growth of an array", "no pool", [](redo_args_t &record, std::string &) { record.rec_type = 13; }},
+          {"another context", "the context name is not",
+           [](redo_args_t &record, std::string &) { record.ctx_name_len = 6; }},
+          {"aux_idx that nobody writes", "aux_idx 0 is not supported",
+           [](redo_args_t &record, std::string &) { record.aux_idx = 0; }},
+          {"growth of an array", "not a pool", [](redo_args_t &record, std::string &) { record.rec_type = 13; }},
           {"another layout", "DynHdr_t", word(0, 3)},
           {"another user header", "DynHdr_t", word(4, 60u << 16 | 8)},
           {"other nodes", "lltype", word(8 + 28, TSLB_DA_DAFLAG_LL)},
           {"other direct area", "n_direct", word(68 + 8, 4)},
           {"other records", "record_size", word(68 + 12, 24)},
-          {"n_used lowered", "n_used 9, where 10", word(68 + 4, 9)},
-          {"more ids than allowed", "slot 100, and 100 are allowed", word(68 + 4, 101)},
+          {"ids taken back", "n_used 9, but 10", word(68 + 4, 9)},
+          {"more ids than allowed", "slot 100, but the maximum is 100 slots", word(68 + 4, 101)},
       });
   array->mem_type = MPOOL_TYPE_SHM;
   expect_refused(array.get(), ARRAY_LOAD_ANY, {{"block files", "not in process memory", at(84, 8)}});
@@ -398,7 +399,7 @@ TEST(ArrayCheck, ReportsInconsistencies) {
   EXPECT_THAT(check(), testing::HasSubstr("tail 7 of the inactive list"));
   --list_roots(array.get()).inact_tail;
   array->daflag = TSLB_DA_DAFLAG_LL;
-  EXPECT_THAT(check(), testing::HasSubstr("the handle 0x01"));
+  EXPECT_THAT(check(), testing::HasSubstr("the handle has 0x01"));
   array->daflag = TSLB_DA_DAFLAG_INLL;
   EXPECT_THAT(check(ARRAY_LOAD_POOL), testing::HasSubstr("a pool has 56"));
   EXPECT_EQ(check(), "");
@@ -447,16 +448,16 @@ TEST(PoolCheck, ReportsInconsistentChunks) {
     const char *error;
   } rows[] = {
       {"a sound pool refused", 8, 4, 1, ""},
-      {"a length past the last chunk", 8 + 40 + 14, 2, 141,
-       "byte 196: the chunk at byte 40 of slot 0 has 157 bytes, and the slot's chunks end at byte 180"},
+      {"a length beyond the last chunk", 8 + 40 + 14, 2, 141,
+       "byte 196: the chunk at byte 40 of slot 0 has 157 bytes, but the slot's chunks end at byte 180"},
       {"a length that ends within a header", 8 + 64 + 14, 2, 92,
-       "byte 328: the chunk at byte 172 of slot 0 has 16 bytes, and the slot's chunks end at byte 180"},
-      {"a chunk that is flagged and not counted", 8 + 12, 1, 1,
-       "byte 152: bytes_del 24 of slot 0, where deleted chunks come to 64"},
-      {"a chunk that is counted and not flagged", 8 + 40 + 12, 1, 0,
-       "byte 152: bytes_del 24 of slot 0, where deleted chunks come to 0"},
-      {"a counter", 4, 4, 25, "byte 152: bytes_del 25 of slot 0, where deleted chunks come to 24"},
-      {"a fault that array_check finds", 4, 4, 181, "byte 152: bytes_del 181 of slot 0, where bytes_used is 180"},
+       "byte 328: the chunk at byte 172 of slot 0 has 16 bytes, but the slot's chunks end at byte 180"},
+      {"a chunk that is marked and not counted", 8 + 12, 1, 1,
+       "byte 152: bytes_del 24 of slot 0, but its deleted chunks have 64"},
+      {"a chunk that is counted and not marked", 8 + 40 + 12, 1, 0,
+       "byte 152: bytes_del 24 of slot 0, but its deleted chunks have 0"},
+      {"a counter", 4, 4, 25, "byte 152: bytes_del 25 of slot 0, but its deleted chunks have 24"},
+      {"what array_check finds", 4, 4, 181, "byte 152: bytes_del 181 of slot 0, but bytes_used is 180"},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);
@@ -465,7 +466,8 @@ TEST(PoolCheck, ReportsInconsistentChunks) {
     memcpy(slot_bytes_at(pool, 0, row.offset), &row.value, row.bytes);
     EXPECT_EQ(fault_of(pool), row.error);
   }
-  EXPECT_EQ(fault_of(array_t(tslb_da_init_v5(8, 1, MPOOL_TYPE_DRAM, kName, 5))), "byte 4: hdr_size 0, a pool has 56");
+  EXPECT_EQ(fault_of(array_t(tslb_da_init_v5(8, 1, MPOOL_TYPE_DRAM, kName, 5))),
+            "byte 4: hdr_size 0, but a pool has 56");
 }
 
 TEST(PoolCheck, AcceptsEveryStateOfAPool) {

@@ -1,4 +1,4 @@
-// How the tools end with a line on stderr.
+// Errors that end a tool with a line on stderr.
 #ifndef TOOLS_REFUSAL_H
 #define TOOLS_REFUSAL_H
 
@@ -10,20 +10,20 @@
 #include <stdexcept>
 #include <string>
 
-// Ends the run with its line on stderr.
-struct refused_t : std::runtime_error {
+// main prints the text to stderr and ends the run.
+struct tool_error_t : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-[[noreturn]] inline void refuse_with_errno(const std::string &path, const char *what) {
+[[noreturn]] inline void throw_with_errno(const std::string &path, const char *what) {
   const int error = errno;
-  throw refused_t(fmt::format("{}: {}: {}", path, what, std::strerror(error)));
+  throw tool_error_t(fmt::format("{}: {}: {}", path, what, std::strerror(error)));
 }
 
-// A report that did not arrive must not look like success.
+// Throws if the text was not written completely, so that the exit status reports it.
 inline void print(const std::string &text) {
   if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0)
-    refuse_with_errno("stdout", "cannot be written");
+    throw_with_errno("stdout", "cannot be written");
 }
 
 #endif

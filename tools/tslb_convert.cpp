@@ -1,5 +1,5 @@
-// tslb-convert: takes a stored array to an older layout, from file to file. What converts is recovery/recovery_driver.h;
-// here are the names on the command line, and an output that is there whole or not at all.
+// tslb-convert: converts the snapshot stream of an array to an older layout, from file to file. This file has the
+// command line and an atomic output. recovery/recovery_driver.h converts.
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <stdlib.h>
@@ -28,7 +28,7 @@ constexpr int EXIT_DONE = 0;
 constexpr int EXIT_REFUSED = 1;
 constexpr int EXIT_USAGE = 2;
 
-constexpr uint8_t TARGETS = 4;  // of a map's row
+constexpr uint8_t TARGETS = 4;  // target versions in a row of a map
 
 struct usage_t : std::runtime_error {
   using std::runtime_error::runtime_error;
@@ -53,7 +53,7 @@ bool find_by_name(std::string_view name, uint8_t is_lib, record_type_t *found) {
   return false;
 }
 
-// A name says which map it is of, as the maps share none; a number is a row of the one that --lib chooses.
+// A name identifies the map, because the maps have no name in common. A number is a row of the map that --lib selects.
 record_type_t record_type_of(const std::string &text, bool lib) {
   record_type_t found;
   if (find_by_name(text, 1, &found) || (!lib && find_by_name(text, 0, &found))) return found;
@@ -69,14 +69,14 @@ record_type_t record_type_of(const std::string &text, bool lib) {
 
 std::string flags_text(record_type_t type) {
   const uint8_t daflag = type.in_map().daflag;
-  // The library's own headers are converted, whatever stands behind them.
+  // The type lib converts headers only, so it accepts arrays with any flags.
   if (type.is_lib && type.row == RECTYPE_LIB) return "any";
   if (daflag == 0) return "plain";
   if (daflag == TSLB_DA_DAFLAG_LL) return "LL";
   return daflag == TSLB_DA_DAFLAG_INLL ? "INLL" : fmt::format("0x{:02x}", daflag);
 }
 
-// "-" where nothing was said.
+// Appends to a list, which is "-" while it is empty.
 void add_item(std::string *items, const std::string &item) {
   *items = *items == "-" ? item : *items + " " + item;
 }
@@ -125,22 +125,23 @@ struct input_t {
 };
 
 input_t open_input(const std::string &path) {
-  // Without waiting: a pipe in the file's place would hold us until somebody writes it.
+  // O_NONBLOCK: if the path is a FIFO, open would wait for a writer.
   input_t input = {descriptor_t(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)), {}};
-  if (input.file.get() < 0 || fstat(input.file.get(), &input.about) != 0) refuse_with_errno(path, "cannot be read");
-  if (!S_ISREG(input.about.st_mode)) throw refused_t(path + ": not a regular file");
+  if (input.file.get() < 0 || fstat(input.file.get(), &input.about) != 0) throw_with_errno(path, "cannot be read");
+  if (!S_ISREG(input.about.st_mode)) throw tool_error_t(path + ": not a regular file");
   return input;
 }
 
-// Ahead of the work, so that nobody waits for a refusal.
+// Called before the conversion, so that a refusal comes at once.
 void check_output(const std::string &path, const struct stat &input, bool force) {
   struct stat about;
   if (stat(path.c_str(), &about) == 0 && about.st_dev == input.st_dev && about.st_ino == input.st_ino)
-    throw refused_t(path + ": is the input file");
+    throw tool_error_t(path + ": is the input file");
   if (lstat(path.c_str(), &about) != 0) return;
-  if (!force) throw refused_t(path + ": exists; --force replaces it");
-  // The name alone would be replaced: of a device, of a link, of a whole directory.
-  if (!S_ISREG(about.st_mode)) throw refused_t(path + ": exists and is not a regular file, which --force leaves alone");
+  if (!force) throw tool_error_t(path + ": exists; --force replaces it");
+  // rename would replace a device or a link by a regular file.
+  if (!S_ISREG(about.st_mode))
+    throw tool_error_t(path + ": exists and is not a regular file; --force does not replace it");
 }
 
 std::string directory_of(const std::string &path) {
@@ -148,17 +149,17 @@ std::string directory_of(const std::string &path) {
   return slash == std::string::npos ? "." : path.substr(0, slash + 1);
 }
 
-// The output under its temporary name, which goes away again unless the whole file gets its own.
+// The output under a temporary name. The destructor removes it unless keep has renamed it.
 class output_t {
  public:
   output_t(std::string path, mode_t mode) : path_(std::move(path)), temporary_(path_ + ".XXXXXX") {
     file_ = descriptor_t(mkostemp(temporary_.data(), O_CLOEXEC));
-    if (file_.get() < 0) refuse_with_errno(path_, "no file can be made beside it");
+    if (file_.get() < 0) throw_with_errno(path_, "no temporary file can be created in its folder");
     if (fchmod(file_.get(), mode) == 0) return;
     const int error = errno;
     unlink(temporary_.c_str());
     errno = error;
-    refuse_with_errno(path_, "the file's mode cannot be set");
+    throw_with_errno(path_, "the file's mode cannot be set");
   }
   output_t(const output_t &) = delete;
   ~output_t() {
@@ -167,17 +168,17 @@ class output_t {
 
   int fd() const { return file_.get(); }
 
-  // From the disk's point of view too: first the bytes, then the name.
+  // Syncs the bytes before the rename and the folder after it, so that a crash leaves the whole file or none.
   void keep(bool force) {
-    if (fsync(file_.get()) != 0) refuse_with_errno(path_, "cannot be written");
+    if (fsync(file_.get()) != 0) throw_with_errno(path_, "cannot be written");
     const unsigned flags = force ? 0 : RENAME_NOREPLACE;
     if (renameat2(AT_FDCWD, temporary_.c_str(), AT_FDCWD, path_.c_str(), flags) != 0)
-      refuse_with_errno(path_, "cannot be given its name");
+      throw_with_errno(path_, "the temporary file cannot be renamed");
     temporary_.clear();
     const std::string directory = directory_of(path_);
     const descriptor_t opened(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (opened.get() < 0 || fsync(opened.get()) != 0)
-      refuse_with_errno(path_, "is complete, but its name may not outlast a crash");
+      throw_with_errno(path_, "is complete, but a crash may lose its name");
   }
 
  private:
@@ -198,7 +199,7 @@ std::string report(record_type_t type, const arguments_t &arguments, const recov
   std::string text = fmt::format("{}: version {} to {}{}\n", type.name(), type.in_map().version, arguments.to,
                                  arguments.dry_run ? ", dry run: nothing is written" : "");
   if (counts.version_is_asserted != 0)
-    text += fmt::format("  that it is in version {} is your word: a stream does not tell it\n", type.in_map().version);
+    text += fmt::format("  version {} of the input is assumed: a stream does not store it\n", type.in_map().version);
   text += fmt::format("  records       {}: {} active, {} free, {} inactive, {} other\n", counts.n_records,
                       counts.n_active, counts.n_free, counts.n_inactive, counts.n_other);
   if (type.is_lib == 0 && counts.n_active != counts.n_records)
@@ -214,7 +215,7 @@ recovery_counts_t convert_stream(record_type_t type, const arguments_t &argument
   char line[512];
   const recovery_result_t result = recovery_convert_stream(fd_in, fd_out, &wanted, &counts, line, sizeof(line));
   if (result == RECOVERY_DONE) return counts;
-  throw refused_t(fmt::format("{}: {}", result == RECOVERY_NOT_WRITTEN ? arguments.out : arguments.in, line));
+  throw tool_error_t(fmt::format("{}: {}", result == RECOVERY_NOT_WRITTEN ? arguments.out : arguments.in, line));
 }
 
 void convert(const arguments_t &arguments) {
@@ -234,37 +235,37 @@ void convert(const arguments_t &arguments) {
 // ---- Command line --------------------------------------------------------------------------------------------------
 
 const char *const FOOTER =
-    "IN is a snapshot stream and is never changed. OUT is written under a temporary name beside it,\n"
-    "OUT.XXXXXX, synced and renamed: it is there whole or not at all. It gets IN's mode. A run that\n"
-    "is killed can leave the temporary file.\n"
+    "IN is a snapshot stream and is never changed. OUT is written as OUT.XXXXXX, synced and renamed,\n"
+    "so OUT is never incomplete. It gets the mode of IN. A run that is killed can leave the temporary\n"
+    "file.\n"
     "\n"
-    "Of catalogue types, records that are free or inactive become active, and lists and the reuse\n"
-    "policy are not carried. The version of lib_bb and lib_bv is stored nowhere: that IN has the one\n"
-    "of the list is your word, and OUT passes as IN again.\n"
+    "For catalogue types, free and inactive records become active, and lists and the reuse policy are\n"
+    "not copied. The version of lib_bb and lib_bv is not stored: the conversion assumes that IN has the\n"
+    "version that --list shows, and accepts OUT as IN again.\n"
     "\n"
     "Exit: 0 done\n"
-    "      1 refused or failed: the last line on stderr says why, and OUT is as it was unless that\n"
-    "        line says that it is complete\n"
-    "      2 usage";
+    "      1 refused or failed; the last line on stderr gives the reason. OUT is unchanged unless that\n"
+    "        line reports that it is complete\n"
+    "      2 wrong usage";
 
 void add_options(CLI::App *app, arguments_t *arguments) {
   app->add_option("IN", arguments->in, "stream to convert")->type_name("");
-  app->add_option("OUT", arguments->out, "stream to write; a dry run does without")->type_name("");
-  app->add_option("--rec-type", arguments->rec_type, "record type: a name or a row's number, as --list shows them")
+  app->add_option("OUT", arguments->out, "stream to write; not needed for a dry run")->type_name("");
+  app->add_option("--rec-type", arguments->rec_type, "record type: a name or a row number of --list")
       ->type_name("TYPE");
   app->add_option("--to", arguments->to, "version to convert to")
       ->type_name("VERSION")
       ->check(CLI::Range(0, 255).description(""));
-  app->add_flag("--lib", arguments->lib, "TYPE is one of the library's: needed with a number");
-  app->add_flag("--list", arguments->list, "show the version maps, and nothing else");
+  app->add_flag("--lib", arguments->lib, "TYPE is a row number of the library's map");
+  app->add_flag("--list", arguments->list, "show the version maps and exit");
   app->add_flag("--dry-run", arguments->dry_run, "convert in memory, show the counts, write nothing");
-  app->add_flag("--force", arguments->force, "replace OUT if it is a file already");
+  app->add_flag("--force", arguments->force, "replace an existing file OUT");
   app->footer(FOOTER);
 }
 
 void check_usage(const CLI::App &app, const arguments_t &arguments) {
   if (arguments.list) {
-    if (app.parse_order().size() != 1) throw usage_t("--list goes alone");
+    if (app.parse_order().size() != 1) throw usage_t("--list takes no other arguments");
     return;
   }
   if (arguments.rec_type.empty()) throw usage_t("--rec-type is missing");
@@ -273,7 +274,7 @@ void check_usage(const CLI::App &app, const arguments_t &arguments) {
   if (arguments.out.empty() && !arguments.dry_run) throw usage_t("OUT is missing");
 }
 
-int complain(const char *what, int status) {
+int print_error(const char *what, int status) {
   fmt::print(stderr, "tslb-convert: {}\n", what);
   return status;
 }
@@ -281,7 +282,7 @@ int complain(const char *what, int status) {
 }  // namespace
 
 int main(int argc, char **argv) {
-  CLI::App app("tslb-convert: takes the stored array of a file to an older layout", "tslb-convert");
+  CLI::App app("tslb-convert: converts the snapshot stream of an array to an older layout", "tslb-convert");
   app.set_version_flag("--version", "tslb-convert " TSLB_VERSION_STRING, "show the version");
   arguments_t arguments;
   add_options(&app, &arguments);
@@ -296,10 +297,10 @@ int main(int argc, char **argv) {
   } catch (const CLI::Success &help) {
     return app.exit(help);
   } catch (const CLI::ParseError &error) {
-    return complain(error.what(), EXIT_USAGE);
+    return print_error(error.what(), EXIT_USAGE);
   } catch (const usage_t &error) {
-    return complain(error.what(), EXIT_USAGE);
+    return print_error(error.what(), EXIT_USAGE);
   } catch (const std::exception &error) {
-    return complain(error.what(), EXIT_REFUSED);
+    return print_error(error.what(), EXIT_REFUSED);
   }
 }

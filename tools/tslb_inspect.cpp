@@ -1,5 +1,5 @@
-// tslb-inspect: looks into stored arrays and says what is there and what contradicts itself. What looks is inspect/;
-// here are the command line and where results go.
+// tslb-inspect: shows stored arrays and reports inconsistencies. This file has the command line and writes the output.
+// inspect/ analyses and renders.
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
@@ -25,7 +25,7 @@ namespace {
 
 constexpr int EXIT_SOUND = 0;
 constexpr int EXIT_FAULTS = 1;
-constexpr int EXIT_TROUBLE = 2;
+constexpr int EXIT_ERROR = 2;
 
 struct arguments_t {
   std::vector<std::string> files;
@@ -34,28 +34,28 @@ struct arguments_t {
   bool json = false, force = false;
 };
 
-int complain(const std::string &what) {
+int print_error(const std::string &what) {
   fmt::print(stderr, "tslb-inspect: {}\n", what);
-  return EXIT_TROUBLE;
+  return EXIT_ERROR;
 }
 
 // ---- Results -------------------------------------------------------------------------------------------------------
 
-// What was inspected stays as it is, under whatever name the output has.
+// Refuses an output path that names an inspected file, also through a link.
 void check_output(const std::string &path, const inspect::reports_t &reports, bool force) {
   struct stat output, input;
   if (stat(path.c_str(), &output) != 0) return;
   for (const inspect::report_t &report : reports)
     for (const inspect::stored_file_t &file : report.files)
       if (stat(file.name.c_str(), &input) == 0 && input.st_dev == output.st_dev && input.st_ino == output.st_ino)
-        throw refused_t(path + ": is one of the files inspected");
-  if (!S_ISREG(output.st_mode)) throw refused_t(path + ": exists and is not a regular file");
-  if (!force) throw refused_t(path + ": exists; --force replaces it");
+        throw tool_error_t(path + ": is one of the inspected files");
+  if (!S_ISREG(output.st_mode)) throw tool_error_t(path + ": exists and is not a regular file");
+  if (!force) throw tool_error_t(path + ": exists; --force replaces it");
 }
 
 void write_file(const std::string &path, const std::string &content, bool force) {
   const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | (force ? O_TRUNC : O_EXCL), 0666);
-  if (fd < 0) refuse_with_errno(path, "cannot be written");
+  if (fd < 0) throw_with_errno(path, "cannot be written");
   for (size_t at = 0; at < content.size();) {
     const ssize_t wrote = write(fd, content.data() + at, content.size() - at);
     if (wrote < 0 && errno == EINTR) continue;
@@ -63,16 +63,16 @@ void write_file(const std::string &path, const std::string &content, bool force)
       const int error = errno;
       close(fd);
       errno = error;
-      refuse_with_errno(path, "cannot be written");
+      throw_with_errno(path, "cannot be written");
     }
     at += static_cast<size_t>(wrote);
   }
-  if (close(fd) != 0) refuse_with_errno(path, "cannot be written");
+  if (close(fd) != 0) throw_with_errno(path, "cannot be written");
 }
 
 // ---- Inspection ----------------------------------------------------------------------------------------------------
 
-// The files of one set are one array.
+// Returns one file name per array: block files of the same array are merged.
 std::vector<std::string> arrays_of(const std::vector<std::string> &files) {
   std::vector<std::string> arrays;
   std::set<std::string> seen;
@@ -84,7 +84,8 @@ std::vector<std::string> arrays_of(const std::vector<std::string> &files) {
 void expect_record(const inspect::report_t &report, const arguments_t &arguments) {
   if (!arguments.options.record || report.record) return;
   const uint64_t n_used = report.geometry ? report.geometry->n_used : 0;
-  throw inspect::unreadable_t(fmt::format("{}: no record {} among {}", report.name, *arguments.options.record, n_used));
+  throw inspect::unreadable_t(
+      fmt::format("{}: no record {}, n_used is {}", report.name, *arguments.options.record, n_used));
 }
 
 int inspect_all(const arguments_t &arguments) {
@@ -94,7 +95,7 @@ int inspect_all(const arguments_t &arguments) {
   for (const std::string &file : arrays_of(arguments.files)) {
     try {
       const auto store = inspect::open_store(file);
-      inspect::analysed_t analysed = inspect::analyse(store.get(), arguments.options);
+      inspect::analysis_result_t analysed = inspect::analyse(store.get(), arguments.options);
       if (arguments.json)
         json.add(analysed.report, analysed.rows.get());
       else
@@ -103,7 +104,7 @@ int inspect_all(const arguments_t &arguments) {
       if (!reports.back().is_sound()) status = std::max(status, EXIT_FAULTS);
       expect_record(reports.back(), arguments);
     } catch (const inspect::unreadable_t &error) {
-      status = complain(inspect::printable(error.what()));
+      status = print_error(inspect::printable(error.what()));
     }
   }
   if (arguments.json) json.end();
@@ -117,43 +118,43 @@ int inspect_all(const arguments_t &arguments) {
 // ---- Command line --------------------------------------------------------------------------------------------------
 
 const char *const FOOTER =
-    "FILE is a snapshot stream. A name as in 12.0.darr is that of a block file and stands for all files\n"
-    "of its table: any of them can be named that lies beside file 0. Files are only read.\n"
+    "FILE is a snapshot stream or a block file. A name such as 12.0.darr means all block files of the\n"
+    "table; any of them that is in the same folder as file 0 can be given. Files are only read.\n"
     "\n"
-    "Shown are headers, geometry, lists, and what chunks take in each slot of a pool. A fault is told\n"
-    "with its file and byte, and the inspection goes on; a remark is no fault.\n"
+    "The output shows headers, geometry, lists, and the chunk bytes in each slot of a pool. A fault is\n"
+    "reported with its file and byte, and the inspection continues. A remark is not a fault.\n"
     "\n"
     "Examples:\n"
     "  tslb-inspect snapshot.stream\n"
     "  tslb-inspect --json data/metrics/12.0.darr\n"
     "  tslb-inspect --record 17 --html report.html data/metrics/12.*.darr\n"
     "\n"
-    "Exit: 0 all are sound\n"
+    "Exit: 0 all arrays are sound\n"
     "      1 faults were found\n"
-    "      2 usage, or a file that cannot be read or written: stderr says which";
+    "      2 wrong usage, or a file that cannot be read or written; see stderr";
 
 void add_options(CLI::App *app, arguments_t *arguments) {
   static const std::map<std::string, uint8_t> kinds = {
       {"auto", ARRAY_LOAD_POOL_BY_SIZE}, {"pool", ARRAY_LOAD_POOL}, {"array", ARRAY_LOAD_ANY}};
   arguments->options.kind = ARRAY_LOAD_POOL_BY_SIZE;
-  app->add_option("FILE", arguments->files, "what to inspect")->type_name("")->required();
+  app->add_option("FILE", arguments->files, "stream or block file to inspect")->type_name("")->required();
   app->add_option_function<std::string>(
          "--kind", [arguments](const std::string &kind) { arguments->options.kind = kinds.at(kind); },
-         "auto, pool or array: what the user header is; auto: a pool's if it has the size of one")
+         "auto, pool or array: type of the user header; auto: a pool's if it has 56 bytes")
       ->type_name("KIND")
       ->check(CLI::IsMember({"auto", "pool", "array"}).description(""));
-  app->add_option("--record", arguments->options.record, "show the bytes of record N too")->type_name("N");
+  app->add_option("--record", arguments->options.record, "also show the bytes of record N")->type_name("N");
   app->add_flag("--json", arguments->json, "JSON instead of text");
-  app->add_option("--svg", arguments->svg, "write a picture of the slots")->type_name("OUT");
-  app->add_option("--html", arguments->html, "write a page with the picture and all tables")->type_name("OUT");
-  app->add_flag("--force", arguments->force, "replace OUT if it is a file already");
+  app->add_option("--svg", arguments->svg, "write an SVG picture of the slots")->type_name("OUT");
+  app->add_option("--html", arguments->html, "write an HTML page with the picture and all tables")->type_name("OUT");
+  app->add_flag("--force", arguments->force, "replace an existing file OUT");
   app->footer(FOOTER);
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
-  CLI::App app("tslb-inspect: looks into stored arrays and tells what contradicts itself", "tslb-inspect");
+  CLI::App app("tslb-inspect: shows stored arrays and reports inconsistencies", "tslb-inspect");
   app.set_version_flag("--version", "tslb-inspect " TSLB_VERSION_STRING, "show the version");
   arguments_t arguments;
   add_options(&app, &arguments);
@@ -163,6 +164,6 @@ int main(int argc, char **argv) {
   } catch (const CLI::Success &help) {
     return app.exit(help);
   } catch (const std::exception &error) {
-    return complain(error.what());
+    return print_error(error.what());
   }
 }

@@ -1,4 +1,4 @@
-// Headers, what follows from them, and whether the files agree.
+// Reads headers, computes the geometry and compares it with the files.
 #include "analysis.h"
 
 #include <algorithm>
@@ -42,12 +42,12 @@ void analysis_t::keep(severity_t severity, location_t at, const std::string &tex
 // ---- Rules ---------------------------------------------------------------------------------------------------------
 
 bool analysis_t::violated(tslb_rule_t rule, uint64_t pos, const uint64_t *values) {
-  const severity_t severity = rule_is_fault(rule) != 0 ? severity_t::FAULT : severity_t::REMARK;
+  const severity_t severity = rule_is_fault(rule) ? severity_t::FAULT : severity_t::REMARK;
   if (!count(severity)) return true;
   char text[256];
   write_rule(rule, values, text, sizeof(text));
   location_t at = location_of(pos);
-  // Of a slot that was cut, what is not there is missing at the file's end.
+  // The position can be in the missing part of a cut slot. The report then names the end of the file.
   const stored_file_t *const file = store_->file_of(at.block_num);
   if (file != nullptr) at.offset = std::min(at.offset, file->bytes);
   keep(severity, at, text);
@@ -64,7 +64,7 @@ report_t analysis_t::run() {
   report_.files = store_->files();
   if (!read_headers()) return report_;
   measure();
-  // Whether a stream may end early is the cursor's to say.
+  // Before check_stream_end, which needs the cursor: a stream may end there.
   rules_.check_pool(options_.kind, false);
   cut_bytes_ = rules_.last_slot_bytes();
   store_->is_stream() ? check_stream_end() : check_files();
@@ -121,7 +121,7 @@ bool analysis_t::read_headers() {
 
 // ---- Sizes ---------------------------------------------------------------------------------------------------------
 
-// In 64 bits, nothing overflows: slots take less than 2^33 bytes each, and there are less than 2^33 of them.
+// The products below wrap only with a record_size that check_headers has reported as a fault.
 void analysis_t::measure() {
   const image_shape_t &shape = rules_.shape();
   geometry_t &g = report_.geometry.emplace();
@@ -157,7 +157,7 @@ void analysis_t::measure_levels() {
     row.used = std::min(beyond - tslb_stored_first_of_level(level), row.ids);
     row.first_block = tslb_stored_block_num(tslb_stored_first_of_level(level));
     row.blocks = blocks_for(row.used);
-    // One tier of tables after the other, each as dense as what stands below it.
+    // Counts the tables tier by tier, upwards from the blocks: a table is needed for 16 entries.
     uint64_t below = row.blocks;
     for (unsigned tier = 0; tier < level; ++tier)
       row.tables += below = (below + TSLB_ENTRIES_PER_TABLE - 1) / TSLB_ENTRIES_PER_TABLE;
@@ -180,9 +180,9 @@ location_t analysis_t::location_of(uint64_t pos) const {
 
 void analysis_t::check_stream_end() {
   const geometry_t &g = geometry();
-  if (g.slot_bytes == 0 && g.n_used != 0) return;  // told already, and no end to compare with
+  if (g.slot_bytes == 0 && g.n_used != 0) return;  // a rule has reported this, and the end is unknown
   if (g.stored_bytes > g.image_bytes) {
-    fault({0, g.image_bytes}, "{} more bytes behind the last slot", g.stored_bytes - g.image_bytes);
+    fault({0, g.image_bytes}, "{} more bytes after the last slot", g.stored_bytes - g.image_bytes);
   } else if (g.stored_bytes < g.image_bytes) {
     const uint64_t whole = (g.stored_bytes - g.header_bytes) / g.slot_bytes;
     const uint64_t rest = (g.stored_bytes - g.header_bytes) % g.slot_bytes;
@@ -196,17 +196,18 @@ void analysis_t::check_stream_end() {
 
 void analysis_t::check_file_size(const stored_file_t &file, uint64_t wanted) {
   if (file.bytes != wanted)
-    fault({file.block_num, std::min(file.bytes, wanted)}, "{} bytes long, its block takes {}", file.bytes, wanted);
+    fault({file.block_num, std::min(file.bytes, wanted)}, "{} bytes long, but its block has {}", file.bytes, wanted);
 }
 
-// Those missing in a row are one finding: a header can claim millions.
+// Missing files with consecutive numbers are one finding: a header can claim millions.
 void analysis_t::check_files() {
   const geometry_t &g = geometry();
   cut_bytes_ = 0;
   uint64_t due = 1;
-  const auto tell_missing = [&](uint64_t end) {
+  const auto report_missing = [&](uint64_t end) {
     if (due < end)
-      fault({static_cast<uint32_t>(due), 0}, "{} of {} data blocks missing from this one on", end - due, g.data_blocks);
+      fault({static_cast<uint32_t>(due), 0}, "{} of {} data blocks are missing, starting with this one", end - due,
+            g.data_blocks);
   };
   for (const stored_file_t &file : store_->files()) {
     if (file.block_num > g.data_blocks) {
@@ -215,13 +216,13 @@ void analysis_t::check_files() {
     }
     check_file_size(file, file.block_num == 0 ? g.block0_bytes : g.data_block_bytes);
     if (file.block_num == 0) continue;
-    tell_missing(file.block_num);
+    report_missing(file.block_num);
     due = uint64_t{file.block_num} + 1;
   }
-  tell_missing(g.data_blocks + 1);
+  report_missing(g.data_blocks + 1);
 }
 
-// Up to the first slot that is not there whole.
+// Counts slots up to the first one that is not completely in the files.
 uint64_t analysis_t::present_slots() const {
   const geometry_t &g = geometry();
   if (g.slot_bytes == 0) return 0;
@@ -255,7 +256,7 @@ void analysis_t::copy_record() {
                     g.shift,          g.node_bytes - g.shift};
 }
 
-analysed_t analyse(store_t *store, const options_t &options) {
+analysis_result_t analyse(store_t *store, const options_t &options) {
   auto analysis = std::make_unique<analysis_t>(store, options);
   report_t report = analysis->run();
   return {std::move(report), std::move(analysis)};

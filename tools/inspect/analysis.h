@@ -1,5 +1,5 @@
-// Looks into a stored array. Where the loaders refuse at the first fault, this reports it and goes on as far as the bytes
-// go. The rules are the same: tslb_stored.h.
+// Analyses a stored array. The loaders refuse an array at the first fault. The analysis reports each fault and
+// continues to the end of the bytes. Both use the rules in tslb_stored.h.
 #ifndef TSLB_INSPECT_ANALYSIS_H
 #define TSLB_INSPECT_ANALYSIS_H
 
@@ -13,18 +13,18 @@
 namespace inspect {
 
 struct options_t {
-  uint8_t kind = 2;                // how the user header is read: ARRAY_LOAD_* of array_loader.h, by its size
-  std::optional<uint32_t> record;  // id of a record to bring along
+  uint8_t kind = 2;                // ARRAY_LOAD_* of array_loader.h; the default is ARRAY_LOAD_POOL_BY_SIZE
+  std::optional<uint32_t> record;  // id of a record to copy into the report
 };
 
-struct analysed_t {
+struct analysis_result_t {
   report_t report;
-  std::unique_ptr<slot_rows_t> rows;  // as long as the store lives
+  std::unique_ptr<slot_rows_t> rows;  // valid while the store exists
 };
 
-// Takes time in step with the bytes that are there, whatever the headers claim, and of memory up to 9 bytes and 2 bits for
-// each slot with nodes. Throws unreadable_t if a file cannot be read; whatever it holds is in the report.
-analysed_t analyse(store_t *store, const options_t &options);
+// Time is linear in the stored bytes, whatever the headers claim. Memory is up to 9 bytes and 2 bits per slot with
+// nodes. Throws unreadable_t if a file cannot be read. Wrong contents are findings in the report.
+analysis_result_t analyse(store_t *store, const options_t &options);
 
 }  // namespace inspect
 

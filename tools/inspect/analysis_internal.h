@@ -1,4 +1,4 @@
-// What the steps of an analysis share: the report as it grows, and where slots lie.
+// State shared by the steps of an analysis: the report, and the positions of slots.
 #ifndef TSLB_INSPECT_ANALYSIS_INTERNAL_H
 #define TSLB_INSPECT_ANALYSIS_INTERNAL_H
 
@@ -16,7 +16,7 @@
 
 namespace inspect {
 
-constexpr uint64_t MAX_FINDINGS = 200;  // kept; all are counted
+constexpr uint64_t MAX_FINDINGS = 200;  // findings kept in the report; all are counted
 
 class analysis_t final : public slot_rows_t, private rule_sink_t, private slot_source_t {
  public:
@@ -70,7 +70,7 @@ class analysis_t final : public slot_rows_t, private rule_sink_t, private slot_s
     if (count(severity_t::REMARK)) keep(severity_t::REMARK, at, fmt::format(format, std::forward<Values>(values)...));
   }
 
-  // A value of the stored form that is known to be there.
+  // Reads a value whose bytes are known to be in the file.
   template <class Value>
   Value read_value(location_t at) {
     Value value = {};
@@ -82,11 +82,11 @@ class analysis_t final : public slot_rows_t, private rule_sink_t, private slot_s
   geometry_t &geometry() { return *report_.geometry; }
   const geometry_t &geometry() const { return *report_.geometry; }
   bool is_pool() const { return report_.geometry && rules_.is_pool(); }
-  // Of a byte of the flat image.
+  // File and offset of a position in the flat image.
   location_t location_of(uint64_t pos) const;
   location_t slot_at(uint64_t idx) const { return location_of(rules_.slot_at(idx)); }
 
-  // Statuses in one byte each: 0 to 3, NOT_READY, and others, which are read again when they are needed.
+  // Each status is kept in one byte: 0 to 3, or one of these. A status of KIND_OTHER is read again from the store.
   enum : uint8_t { KIND_NOT_READY = 4, KIND_OTHER = 5 };
 
   store_t *const store_;
@@ -94,15 +94,15 @@ class analysis_t final : public slot_rows_t, private rule_sink_t, private slot_s
   array_rules_t rules_;
   report_t report_;
   uint64_t n_present_ = 0;
-  uint64_t cut_bytes_ = 0;  // of a last slot that ends with what its pool's cursor has reached
-  // Walks along the lists reach slots in any order, so their nodes are kept in memory.
+  uint64_t cut_bytes_ = 0;  // bytes of a last slot that is cut at the pool's cursor, else 0
+  // Nodes by slot, kept in memory because a walk along a list visits slots in any order.
   std::vector<uint8_t> kinds_;
   std::vector<uint32_t> next_, prev_;
 };
 
 // ---- Headers as fields, in fields.cpp ------------------------------------------------------------------------------
 
-// `bytes` holds as much of the header as is there, which begins at `offset`.
+// `offset` is the position of the header. `bytes` has the header, or its beginning if the file ends within it.
 header_t start_fields(const std::string &bytes);
 header_t pool_fields(uint64_t offset, const std::string &bytes);
 header_t user_header(uint64_t offset, uint64_t size, const std::string &bytes);

@@ -1,4 +1,4 @@
-// Nodes of all slots, and what the rules say about them and the two lists that they form.
+// Reads the nodes of all slots for the rules, and counts statuses and lists.
 #include <algorithm>
 #include <cstddef>
 
@@ -14,7 +14,7 @@ void analysis_t::read_nodes() {
   for (uint64_t idx = 0; idx < n_present_; ++idx) read_node(static_cast<uint32_t>(idx));
 }
 
-// A slot that was cut has no node after its record; the loaders put it on no inactive list.
+// A cut slot has no node_bw. The loaders set its prev to none.
 void analysis_t::read_node(uint32_t idx) {
   const geometry_t &g = geometry();
   location_t at = slot_at(idx);

@@ -1,4 +1,4 @@
-// The stored headers, field by field.
+// Decodes the stored headers into fields.
 #include <fmt/format.h>
 
 #include <cstring>
@@ -122,7 +122,7 @@ header_t pool_fields(uint64_t offset, const std::string &bytes) {
   explain(&header, "flag", pool_flags(value_of(header, "flag")));
   if (value_of(header, "max_slots") == 0) explain(&header, "max_slots", "no limit");
   const auto available = static_cast<int64_t>(value_of(header, "total_mavail"));
-  if (available < 0) explain(&header, "total_mavail", fmt::format("{}, below zero", available));
+  if (available < 0) explain(&header, "total_mavail", fmt::format("{}, negative", available));
   return header;
 }
 

@@ -22,7 +22,7 @@ use_t use_of(uint32_t status) {
   }
 }
 
-// Of [from, to), what lies in the cell.
+// Number of slots of [from, to) in the cell.
 uint64_t overlap(const cell_t &cell, uint64_t from, uint64_t to) {
   const uint64_t begin = std::max(cell.first, from), end = std::min(cell.first + cell.slots, to);
   return begin < end ? end - begin : 0;
@@ -80,9 +80,9 @@ std::string cell_text(const cell_t &cell) {
     if (cell.slots > 1) text += fmt::format("{} ", cell.counts[use]);
     text += use_text(static_cast<use_t>(use));
   }
-  if (cell.has_stray) text += ", claims a list in vain";
+  if (cell.has_stray) text += ", not on the list of its status";
   const double live = live_share(cell);
-  if (live >= 0) text += fmt::format(", {:.0f} % of its bytes alive", live * 100);
+  if (live >= 0) text += fmt::format(", {:.0f} % of its bytes live", live * 100);
   if (cell.slots == 1) return fmt::format("slot {}: {}", cell.first, text);
   return fmt::format("slots {} to {}: {}", cell.first, cell.first + cell.slots - 1, text);
 }

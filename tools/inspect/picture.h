@@ -1,4 +1,4 @@
-// The picture of one array, for a file of its own and for a page.
+// The picture of one array, for an SVG file and for an HTML page.
 #ifndef TSLB_INSPECT_PICTURE_H
 #define TSLB_INSPECT_PICTURE_H
 
@@ -10,17 +10,17 @@ namespace inspect {
 
 constexpr int PICTURE_WIDTH = 800;
 
-// Elements of SVG, with the origin at their top left, and the height that they take. A page has titles of its own.
+// SVG elements and their height. The origin is at the top left. An HTML page has its own titles.
 struct picture_t {
   std::string elements;
   int height;
 };
 picture_t picture_of(const report_t &report, bool with_titles);
 
-// Colours of the elements, in light and in dark.
+// Style sheet of the elements, with light and dark colours.
 const char *picture_style();
 
-// A text between tags or in an attribute, in which a question mark stands for each byte that is not printable ASCII.
+// Escapes a text for element content and attributes. Bytes that are not printable ASCII become question marks.
 std::string escaped(const std::string &text);
 
 }  // namespace inspect

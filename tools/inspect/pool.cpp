@@ -1,4 +1,4 @@
-// What a pool's slots say about the chunks in them.
+// Counters of a pool's slots and their sums.
 #include <algorithm>
 #include <cstddef>
 
@@ -16,7 +16,7 @@ slot_source_t::counters_t analysis_t::counters_of(uint32_t idx) {
 
 pool_slot_t analysis_t::pool_slot(uint32_t idx) {
   const uint32_t status = report_.has_nodes ? status_of(idx) : TSLB_DA_SLOT_ACTIVE;
-  // What a freed slot's counters say has been written over.
+  // Freeing a slot overwrites its counters.
   if (status == TSLB_DA_SLOT_FREE) return {pool_slot_state_t::FREE, 0, 0, 0};
   if (status == TSLB_DA_SLOT_UNSET) return {pool_slot_state_t::UNSET, 0, 0, 0};
   const bool is_current = idx == rules_.current_slot();

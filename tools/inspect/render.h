@@ -1,4 +1,4 @@
-// Reports as text, as JSON, as a picture and as a page. None of them fails, whatever a report holds.
+// Renders reports as text, JSON, SVG and HTML. Every report can be rendered.
 #ifndef TSLB_INSPECT_RENDER_H
 #define TSLB_INSPECT_RENDER_H
 
@@ -13,22 +13,22 @@ namespace inspect {
 
 using reports_t = std::vector<report_t>;
 
-// For a terminal. Slots of a pool are shown up to MAX_POOL_ROWS, a user header that nobody here can read up to
-// MAX_RAW_BYTES. Names of files have their control characters escaped.
+// Text for a terminal. It has at most MAX_POOL_ROWS slots of a pool and MAX_RAW_BYTES of a user header that is not a
+// pool's. Control characters in file names are escaped.
 constexpr size_t MAX_RAW_BYTES = 1024;
 std::string text_of(const report_t &report);
 
-// One object with the member "arrays", written piece by piece. Offsets and sizes are numbers, the bytes of records
+// Writes one object with the member "arrays", in pieces. Offsets and sizes are numbers. Bytes of records are
 // hexadecimal digits.
 class json_writer_t {
  public:
-  // Takes the pieces, in order.
+  // Receives the pieces in order.
   using sink_t = std::function<void(const std::string &)>;
   explicit json_writer_t(sink_t sink) : sink_(std::move(sink)) {}
 
-  // One array. Slots are written as they are read.
+  // Writes one array. Slots are written while they are read.
   void add(const report_t &report, slot_rows_t *rows);
-  // After the last array.
+  // Call it after the last array.
   void end();
 
  private:
@@ -41,16 +41,16 @@ class json_writer_t {
   bool has_arrays_ = false;
 };
 
-// SVG 1.1 by itself, which follows the viewer's choice of light or dark.
+// A complete SVG 1.1 file. Its colours follow the viewer's light or dark setting.
 std::string svg_of(const reports_t &reports);
 
-// HTML that loads nothing and runs no script, with the same pictures in it.
+// An HTML page with the same pictures. It loads nothing and runs no script.
 std::string html_of(const reports_t &reports);
 
-// What all of them call a value.
+// Texts of values that all renderers use.
 std::string printable(const std::string &text);  // with control characters and backslashes escaped
 std::string value_text(const field_t &field);
-std::string index_text(uint32_t idx);  // "none" for no slot
+std::string index_text(uint32_t idx);  // "none" for TSLB_DA_NIL_IDX
 const char *state_text(pool_slot_state_t state);
 std::string kind_text(const report_t &report);
 std::string verdict_text(const report_t &report);

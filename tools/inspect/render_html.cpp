@@ -27,7 +27,7 @@ bool is_number(const std::string &cell) {
   return !cell.empty() && std::all_of(cell.begin(), cell.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
-// `like` says which columns are numbers.
+// `like` is a row that shows which columns are numbers.
 std::string cells_of(const row_t &row, const row_t &like, const char *tag) {
   std::string html;
   for (size_t i = 0; i < row.size(); ++i)
@@ -54,7 +54,7 @@ std::string findings_table(const report_t &report) {
                     finding.text});
   const uint64_t more = report.n_faults + report.n_remarks - report.findings.size();
   if (more != 0) rows.push_back({"", "", "", fmt::format("and {} more", more)});
-  return table("Findings", {"", "File", "Byte", "What"}, rows);
+  return table("Findings", {"", "File", "Byte", "Finding"}, rows);
 }
 
 std::string header_tables(const report_t &report) {
@@ -74,14 +74,14 @@ std::string geometry_tables(const geometry_t &g) {
                                     {"record bytes", number(g.record_bytes)},
                                     {"node bytes", number(g.node_bytes)},
                                     {"slots in use", number(g.n_used)},
-                                    {"slots there", number(g.n_present)},
-                                    {"slots it can have", number(g.capacity)},
+                                    {"slots stored", number(g.n_present)},
+                                    {"maximum slots", number(g.capacity)},
                                     {"direct slots", number(g.n_direct)},
                                     {"header bytes", number(g.header_bytes)},
                                     {"block 0 bytes", number(g.block0_bytes)},
                                     {"data blocks", number(g.data_blocks)},
                                     {"bytes of a data block", number(g.data_block_bytes)},
-                                    {"table bytes when attached", number(g.table_bytes)},
+                                    {"table bytes when loaded", number(g.table_bytes)},
                                     {"headers and used slots, bytes", number(g.image_bytes)},
                                     {"stored bytes", number(g.stored_bytes)}};
   std::vector<row_t> levels;
@@ -100,7 +100,7 @@ std::string slot_tables(const report_t &report) {
   for (const list_t &list : report.lists)
     lists.push_back({list.name, number(list.length), number(list.count), index_text(list.head), index_text(list.tail),
                      index_text(list.last), list.is_complete ? "yes" : "no"});
-  std::string html = table("Lists", {"List", "Slots", "Counter", "Head", "Tail", "Walk ends with", "Whole"}, lists);
+  std::string html = table("Lists", {"List", "Slots", "Counter", "Head", "Tail", "Walk ends with", "Complete"}, lists);
   if (!report.pool) return html;
   const pool_t &pool = *report.pool;
   std::vector<row_t> rows;

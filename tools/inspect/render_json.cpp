@@ -65,7 +65,7 @@ json_t geometry_json(const geometry_t &g) {
           {"levels", levels}};
 }
 
-// The counts; the strays follow.
+// Counts by status. add_slots appends the stray slots.
 json_t slots_json(const report_t &report) {
   const statuses_t &counts = report.statuses;
   return {{"active", counts.n_active}, {"free", counts.n_free},           {"inactive", counts.n_inactive},
@@ -85,7 +85,7 @@ json_t lists_json(const report_t &report) {
   return lists;
 }
 
-// The sums; the slots follow.
+// Sums. add_pool appends the slots.
 json_t pool_json(const pool_t &pool) {
   return {{"kind", pool.kind},       {"slot_capacity", pool.slot_capacity}, {"used", pool.used},
           {"deleted", pool.deleted}, {"tail_lost", pool.tail_lost},         {"tail_open", pool.tail_open}};
@@ -95,8 +95,8 @@ json_t record_json(const record_t &record) {
   return {{"id", record.id},
           {"file", record.file},
           {"offset", record.offset},
-          {"node_bytes_ahead", record.head_bytes},
-          {"node_bytes_behind", record.tail_bytes},
+          {"node_bytes_before", record.head_bytes},
+          {"node_bytes_after", record.tail_bytes},
           {"hex", hex_of(record.bytes)}};
 }
 
@@ -123,7 +123,7 @@ json_t summary_json(const report_t &report) {
 }
 
 // ---- Layout --------------------------------------------------------------------------------------------------------
-// That of one document, indented by two spaces a level.
+// The pieces form one document, indented by two spaces per level.
 
 constexpr size_t PIECE_BYTES = 1 << 16;
 constexpr size_t ARRAY_INDENT = 4, MEMBER_INDENT = 6, ENTRY_INDENT = 10;
@@ -132,7 +132,7 @@ std::string line_of(size_t indent) {
   return fmt::format("\n{:{}}", "", indent);
 }
 
-// Names of files are bytes, and not always UTF-8. Strings have no line ends of their own here.
+// File names are bytes and can be invalid UTF-8. A line end in the dump is never part of a string: JSON escapes those.
 std::string text_of(const json_t &json, size_t indent) {
   const std::string dumped = json.dump(2, ' ', false, json_t::error_handler_t::replace);
   std::string text;
@@ -145,7 +145,7 @@ std::string text_of(const json_t &json, size_t indent) {
   return text;
 }
 
-// An object whose last line is left out, so that a member can follow.
+// Returns the text of an object without its last line, so that the caller can append members.
 std::string open_text_of(const json_t &json, size_t indent) {
   const std::string text = text_of(json, indent);
   return text.substr(0, text.rfind('\n'));
@@ -165,7 +165,7 @@ void json_writer_t::flush_at(size_t bytes) {
 
 void json_writer_t::add_slots(const report_t &report, slot_rows_t *rows) {
   pending_ += member_text("slots", MEMBER_INDENT) + open_text_of(slots_json(report), MEMBER_INDENT) +
-              member_text("claim_a_list_in_vain", MEMBER_INDENT + 2) + "[";
+              member_text("not_on_their_list", MEMBER_INDENT + 2) + "[";
   const char *separator = "";
   for (uint64_t idx = 0; idx < rows->n_node_slots(); ++idx) {
     if (!rows->is_stray(static_cast<uint32_t>(idx))) continue;

@@ -13,7 +13,7 @@ constexpr int MARGIN = 20, LABELS_WIDTH = 76, CELL = 18, PITCH = 21, LINE = 20;
 constexpr size_t MAX_TITLE_CHARS = 84;
 constexpr int RAMP_STEPS = 5;
 
-// The end of a path says more than its beginning.
+// Keeps the end of a path, which is more specific than its beginning.
 std::string shortened(const std::string &text) {
   return text.size() <= MAX_TITLE_CHARS ? text : "..." + text.substr(text.size() - MAX_TITLE_CHARS + 3);
 }
@@ -63,7 +63,7 @@ class painter_t {
     line_of("caption", words);
   }
 
-  // On the next line if this one has no room for it.
+  // Starts a new line if the item does not fit.
   void legend_item(int *x, const std::string &style, const std::string &words) {
     const int width = 17 + static_cast<int>(words.size()) * 7;
     if (*x + width > PICTURE_WIDTH - MARGIN) {
@@ -88,10 +88,10 @@ class painter_t {
     }
     const bool has_stray =
         std::any_of(map_.cells.begin(), map_.cells.end(), [](const cell_t &c) { return c.has_stray; });
-    if (has_stray) legend_item(&x, "stray", "claims a list in vain");
+    if (has_stray) legend_item(&x, "stray", "not on the list of its status");
   }
 
-  // A cell is as full of each colour as it has slots of that use.
+  // Fills the cell with the colour of each use, in proportion to its slots.
   void uses(const cell_t &cell, int x, int y) {
     double bottom = y + CELL;
     for (size_t use = 0; use < N_USES; ++use) {
@@ -104,7 +104,7 @@ class painter_t {
   }
 
   void bytes() {
-    caption("Bytes of chunks alive, as a share of the slot");
+    caption("Bytes of live chunks, as a share of the slot");
     y_ += LINE + 2;
     int x = MARGIN;
     for (int step = 0; step < RAMP_STEPS; ++step)

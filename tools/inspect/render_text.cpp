@@ -9,7 +9,7 @@
 
 namespace inspect {
 
-// ---- Words shared with the other renderers -------------------------------------------------------------------------
+// ---- Texts shared with the other renderers -------------------------------------------------------------------------
 
 std::string printable(const std::string &text) {
   std::string shown;
@@ -98,11 +98,11 @@ std::string geometry_text(const geometry_t &g) {
   return fmt::format(
              "  geometry\n"
              "    slot           {} bytes: record {}, nodes {}\n"
-             "    slots          {} in use of {} that it can have, {} of them there\n"
+             "    slots          {} in use of at most {}, {} of them stored\n"
              "    block 0        {} bytes: headers {}, direct area {} for {} slots, {} in use\n"
              "    data blocks    {} of {} bytes\n"
-             "    tables         {} bytes when attached, root table included\n"
-             "    stored bytes   {}; headers and used slots come to {}\n",
+             "    tables         {} bytes when loaded, with the root table\n"
+             "    stored bytes   {}; headers and used slots need {}\n",
              g.slot_bytes, g.record_bytes, g.node_bytes, g.n_used, g.capacity, g.n_present, g.block0_bytes,
              g.header_bytes, g.block0_bytes - g.header_bytes, g.n_direct, g.n_direct_used, g.data_blocks,
              g.data_block_bytes, g.table_bytes, g.stored_bytes, g.image_bytes) +
@@ -118,7 +118,7 @@ std::string lists_text(const report_t &report) {
   for (const list_t &list : report.lists)
     text += fmt::format("    {:<13}  {} slots, counter {}; head {}, tail {}, walk ends with {}{}\n", list.name,
                         list.length, list.count, index_text(list.head), index_text(list.tail), index_text(list.last),
-                        list.is_complete ? "" : ", which is not its end");
+                        list.is_complete ? "" : ", before the end of the list");
   return text;
 }
 
@@ -155,7 +155,7 @@ std::string hex_line(const std::string &line, uint64_t offset) {
   return fmt::format("    {:>10} {:<49}  |{}|\n", offset, digits, letters);
 }
 
-// A line that repeats the one above stands for all that do.
+// Prints "*" for lines that repeat the line above.
 std::string hex_lines(const std::string &bytes, uint64_t offset) {
   std::string text, above;
   bool is_repeating = false;
@@ -180,8 +180,8 @@ std::string status_text(uint32_t status) {
 std::string record_text(const record_t &record) {
   std::string text =
       fmt::format("  record {}, slot at byte {} of {}\n", record.id, record.offset, printable(record.file));
-  if (record.bytes.empty()) return text + "    its bytes are not there\n";
-  // What is missing of a slot is missing at its end.
+  if (record.bytes.empty()) return text + "    its bytes are missing\n";
+  // Only the end of a slot can be missing.
   const size_t head = std::min<size_t>(record.head_bytes, record.bytes.size());
   const auto word = [&](size_t at) {
     uint32_t value;
@@ -192,10 +192,11 @@ std::string record_text(const record_t &record) {
     text += fmt::format("    status {}, next {}\n", status_text(word(0)), index_text(word(4)));
   text += hex_lines(record.bytes.substr(head), record.offset + head);
   if (record.bytes.size() < record.slot_bytes)
-    return text + fmt::format("    {} of the slot's {} bytes are there\n", record.bytes.size(), record.slot_bytes);
+    return text +
+           fmt::format("    only {} of the slot's {} bytes are stored\n", record.bytes.size(), record.slot_bytes);
   if (record.tail_bytes != sizeof(node_bw)) return text;
   const size_t back = record.bytes.size() - sizeof(node_bw);
-  return text + fmt::format("    its last {} bytes are the back node: previous {}, time {}\n", sizeof(node_bw),
+  return text + fmt::format("    the last {} bytes are the back node: prev {}, ts {}\n", sizeof(node_bw),
                             index_text(word(back + offsetof(node_bw, prev))), word(back + offsetof(node_bw, ts)));
 }
 

@@ -25,17 +25,18 @@ const stored_file_t *store_t::file_of(uint32_t block_num) const {
 
 namespace {
 
-constexpr size_t NAME_CHARS = sizeof(DynArrHandle_t::ctx_name) - 1;  // of a context, in the directory of data blocks
+// Maximum length of a context name in the directory of data blocks.
+constexpr size_t NAME_CHARS = sizeof(DynArrHandle_t::ctx_name) - 1;
 constexpr std::string_view SUFFIX = ".darr";
 
-[[noreturn]] void give_up(const std::string &path) {
+[[noreturn]] void throw_unreadable(const std::string &path) {
   const int error = errno;
   throw unreadable_t(fmt::format("{}: cannot be read: {}", path, std::strerror(error)));
 }
 
 // ---- Reading -------------------------------------------------------------------------------------------------------
 
-// One file at a time, through a window: slots can be a few bytes, and most are read in order.
+// Reads one file at a time through a window. Slots can be a few bytes, and most are read in order.
 class file_reader_t {
  public:
   file_reader_t() = default;
@@ -45,10 +46,10 @@ class file_reader_t {
   void open_file(const std::string &path) {
     if (path == path_ && fd_ >= 0) return;
     close_file();
-    // Without waiting: a pipe in the file's place would hold us until somebody writes it.
+    // O_NONBLOCK: if the path is a FIFO, open would wait for a writer.
     fd_ = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     struct stat about;
-    if (fd_ < 0 || fstat(fd_, &about) != 0) give_up(path);
+    if (fd_ < 0 || fstat(fd_, &about) != 0) throw_unreadable(path);
     if (!S_ISREG(about.st_mode)) throw unreadable_t(path + ": not a regular file");
     path_ = path;
     bytes_ = static_cast<uint64_t>(about.st_size);
@@ -59,7 +60,7 @@ class file_reader_t {
   size_t read(uint64_t offset, void *to, size_t bytes) {
     if (bytes > sizeof(window_)) return pread_fully(offset, static_cast<char *>(to), bytes);
     if (offset < window_at_ || offset - window_at_ + bytes > window_bytes_) {
-      // What comes next is read too, unless the reads are not in order.
+      // Fills the whole window if the reads are in order, else only a part of it.
       const bool is_in_order = offset >= window_at_ && offset - window_at_ <= sizeof(window_) + bytes;
       window_bytes_ = pread_fully(offset, window_, is_in_order ? sizeof(window_) : std::max(bytes, SCATTERED_BYTES));
       window_at_ = offset;
@@ -85,7 +86,7 @@ class file_reader_t {
       if (got > 0)
         filled += static_cast<size_t>(got);
       else if (errno != EINTR)
-        give_up(path_);
+        throw_unreadable(path_);
     }
     return filled;
   }
@@ -125,7 +126,7 @@ class stream_store_t final : public store_t {
 // ---- Block files ---------------------------------------------------------------------------------------------------
 
 struct block_name_t {
-  std::string directory;  // empty, or with the slash at its end
+  std::string directory;  // empty, or ending with a slash
   std::string table;
   uint32_t block_num;
 };
@@ -152,7 +153,7 @@ std::optional<block_name_t> parse_block_name(std::string_view path) {
   return parsed;
 }
 
-// File 0 lies under the context's whole name, data blocks under what a handle keeps of it.
+// File 0 is in the folder with the whole context name, data blocks in the folder with its first NAME_CHARS characters.
 std::string data_directory_of(const std::string &directory) {
   if (directory.empty()) return directory;
   const size_t end = directory.find_last_not_of('/');
@@ -190,13 +191,13 @@ class block_store_t final : public store_t {
     files_.push_back({path, block_num, reader_.bytes()});
   }
 
-  // What is there, however much file 0 claims. A directory that is not there has no block.
+  // Lists the existing files, whatever file 0 claims. If the directory does not exist there are none.
   void find_data_blocks() {
     const std::unique_ptr<DIR, int (*)(DIR *)> opened(opendir(data_directory_.empty() ? "." : data_directory_.c_str()),
                                                       closedir);
     if (opened == nullptr) {
       if (errno == ENOENT) return;
-      give_up(data_directory_);
+      throw_unreadable(data_directory_);
     }
     while (const dirent *entry = readdir(opened.get())) {
       const auto parsed = parse_block_name(entry->d_name);

@@ -1,7 +1,7 @@
-"""Arrays: the handle, block 0, and the tables that lead to data blocks.
+"""Arrays: the handle, block 0, and the tables with the addresses of data blocks.
 
-An offset that stands here is one that the headers of the library hold still: block 0 and slots are stored formats, and
-the handle is one cache line.
+The offsets here do not change between versions of the library: block 0 and slots are stored formats, and the
+handle is a public structure of one cache line.
 """
 
 from collections import namedtuple
@@ -19,8 +19,8 @@ from .stored import TSLB_SLOTS_PER_BLOCK as SLOTS_PER_BLOCK
 
 MPOOL_TYPE_SHM = 1
 MPOOL_TYPE_DRAM_TMP = 5
-# As many as lead to 16 million records; it takes a second to read them.
-TABLES_READ_MAX = 70000
+# Tables for 16 million records. Reading them takes a second.
+MAX_TABLES_READ = 70000
 
 
 class Handle(namedtuple("Handle", "arr_base ir_base ctx_name tbl_id mem_type daflag spinlock n_direct")):
@@ -53,12 +53,12 @@ class NodeBw(namedtuple("NodeBw", "prev ts")):
     FORMAT = "<II"
 
 
-# What hangs below one root: `complete` is False where counting was given up.
+# The tables and blocks of one level. `complete` is False if not all of them were counted.
 Level = namedtuple("Level", "number tables blocks complete first_id last_id n_issued")
 
 
 def first_of_level(level):
-    """First number behind the direct area that a level holds: 0, 0x100, 0x1100 ..."""
+    """First number of a level, counted from the end of the direct area: 0, 0x100, 0x1100 ..."""
     return 0x11111100 & ((1 << 4 * (level + 1)) - 1)
 
 
@@ -71,7 +71,7 @@ def _can_be_read(part):
 
 
 class Array:
-    """One look at an array. Parts are read when they are asked for; each can turn out Unreadable."""
+    """An array in the inferior. Each part is read on first use, which can raise Unreadable."""
 
     def __init__(self, address):
         self.address = address
@@ -140,11 +140,11 @@ class Array:
 
     @property
     def n_direct(self):
-        """As the library believes it: the header of a mapped file is within others' reach."""
+        """The value that the library uses. If block 0 is a mapped file, other processes can change its header."""
         return self.handle.n_direct if self.handle.mem_type == MPOOL_TYPE_SHM else self.arr_hdr.n_direct
 
     def place_of(self, idx):
-        """(level, block number) of an index; level 0 is block 0, and None lies beyond the last level."""
+        """(level, block number) of an index. Level 0 is block 0; (None, None) if no level holds the index."""
         if idx < self.n_direct:
             return 0, 0
         beyond = idx - self.n_direct
@@ -154,7 +154,7 @@ class Array:
         return None, None
 
     def record_at(self, idx):
-        """Address of a record, issued or not. Unreadable if there is no memory for it: looking makes none."""
+        """Address of a record, even if its id was not issued. Raises Unreadable if the record has no memory."""
         level, _ = self.place_of(idx)
         if level is None:
             raise Unreadable("no level holds slot %d" % idx)
@@ -168,7 +168,7 @@ class Array:
                 break
             at = read_pointers(at, ENTRIES_PER_TABLE)[in_level >> digit & 15]
         if at == 0:
-            raise Unreadable("no memory was made for slot %d" % idx)
+            raise Unreadable("slot %d has no memory" % idx)
         return at + beyond % SLOTS_PER_BLOCK * self.slot_bytes + self.shift
 
     def node_fw(self, record):
@@ -187,8 +187,8 @@ class Array:
         return self.roots[level - 1]
 
     def levels(self):
-        """Those that have a table. A table that cannot be read counts, and has no block."""
-        budget = TABLES_READ_MAX
+        """The levels that have a table. A table that cannot be read is counted, without blocks."""
+        budget = MAX_TABLES_READ
         for number in range(1, LEVELS + 1):
             if not self.root_of(number):
                 continue

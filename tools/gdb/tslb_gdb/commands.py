@@ -17,7 +17,7 @@ REFERENCES = (gdb.TYPE_CODE_REF, gdb.TYPE_CODE_RVALUE_REF)
 
 
 def evaluate(text):
-    """An expression's value. One that would have to call into the inferior is an error."""
+    """Value of an expression. An expression that calls a function of the inferior is an error."""
     allowed = gdb.parameter("may-call-functions")
     gdb.execute("set may-call-functions off", to_string=True)
     try:
@@ -32,37 +32,37 @@ def evaluate(text):
 
 
 def plain(value):
-    """A value without reference, and its type without typedefs."""
+    """The value without reference, and its type without typedefs."""
     if value.type.strip_typedefs().code in REFERENCES:
         value = value.referenced_value()
     return value, value.type.strip_typedefs()
 
 
 def array_of(value):
-    """The array that a pointer, an address or the handle itself stands for."""
+    """The array of a handle, a pointer to a handle, or the address of a handle."""
     value, kind = plain(value)
     if kind.code == gdb.TYPE_CODE_STRUCT and value.address is not None:
         return Array(int(value.address))
     if kind.code in SCALARS:
         return Array(int(value) & WORD)
-    raise gdb.GdbError("no handle: a %s" % value.type)
+    raise gdb.GdbError("not a handle: a %s" % value.type)
 
 
 def number_of(value):
     value, kind = plain(value)
     if kind.code not in SCALARS:
-        raise gdb.GdbError("no number: a %s" % value.type)
+        raise gdb.GdbError("not a number: a %s" % value.type)
     return int(value) & WORD
 
 
 def chunk_address_of(value):
-    """(word, is it a 64-bit address): by the type's width. The fields of a structure need not lie in memory."""
+    """(word, whether it is a 64-bit address). The width of the type decides. A structure need not be in memory."""
     value, kind = plain(value)
     if kind.code != gdb.TYPE_CODE_STRUCT:
         return number_of(value), kind.sizeof == 8
     names = [field.name for field in kind.fields()]
     if "mslot_idx" not in names or "mchunk_idx" not in names:
-        raise gdb.GdbError("no chunk address: a %s" % value.type)
+        raise gdb.GdbError("not a chunk address: a %s" % value.type)
     slot_idx, chunk_idx = int(value["mslot_idx"]), int(value["mchunk_idx"])
     if kind.sizeof == 8:
         return slot_idx | chunk_idx << 32, True
@@ -75,27 +75,27 @@ def chunk_address_of(value):
 
 
 class Tslb(gdb.Command):
-    """Look at arrays and pools of libtslb.
+    """Show arrays and pools of libtslb.
 
-HANDLE is a handle, a pointer to one, or its address. Nothing is called in the program, and nothing changes.
-Arguments are expressions; one with blanks stands in quotes."""
+HANDLE is a handle, a pointer to a handle, or the address of a handle. The commands call and change nothing in the
+program. Arguments are expressions. Quote an expression that contains blanks."""
 
     def __init__(self):
         super().__init__("tslb", gdb.COMMAND_DATA, prefix=True)
 
 
 class SubCommand(gdb.Command):
-    """Common to the commands below `tslb`: `lines` does the work, `fewest` and `most` arguments are taken."""
+    """Base of the commands below `tslb`. `lines` takes min_args to max_args arguments and yields the output."""
 
-    def __init__(self, name, fewest, most):
-        self.name, self.fewest, self.most = name, fewest, most
+    def __init__(self, name, min_args, max_args):
+        self.name, self.min_args, self.max_args = name, min_args, max_args
         super().__init__("tslb " + name, gdb.COMMAND_DATA, gdb.COMPLETE_EXPRESSION)
 
     def invoke(self, argument, from_tty):
         words = gdb.string_to_argv(argument)
-        if not self.fewest <= len(words) <= self.most:
-            told = "%d arguments; one with blanks stands in quotes. See: help tslb %s"
-            raise gdb.GdbError(told % (len(words), self.name))
+        if not self.min_args <= len(words) <= self.max_args:
+            text = "%d arguments; quote an argument that contains blanks. See: help tslb %s"
+            raise gdb.GdbError(text % (len(words), self.name))
         try:
             for line in self.lines(*words):
                 print(line)
@@ -119,25 +119,25 @@ class Slot(SubCommand):
 
 
 class List(SubCommand):
-    """tslb list HANDLE free|inactive [LIMIT]: the slots of a list in its order, 100 of them without LIMIT."""
+    """tslb list HANDLE free|inactive [LIMIT]: the slots of a list in list order, at most LIMIT (default 100)."""
 
     def lines(self, handle, which, limit=None):
         if which not in ("free", "inactive"):
-            raise gdb.GdbError("no list: %s. There are free and inactive." % which)
+            raise gdb.GdbError("unknown list %s: use free or inactive" % which)
         return walk(array_of(evaluate(handle)), which, number_of(evaluate(limit)) if limit else LIMIT)
 
 
 class ChunkAddress(SubCommand):
-    """tslb address HANDLE ADDRESS: the chunk that an address names in a pool.
+    """tslb address HANDLE ADDRESS: the chunk at an address of a pool.
 
-ADDRESS is a maddr_t, a maddr64_t or a number: one whose type has 8 bytes is a 64-bit address."""
+ADDRESS is a maddr_t, a maddr64_t or a number. A number of 8 bytes is a 64-bit address."""
 
     def lines(self, handle, chunk_address):
         return address(array_of(evaluate(handle)), *chunk_address_of(evaluate(chunk_address)))
 
 
 class RecordFunction(gdb.Function):
-    """$tslb_record(HANDLE, IDX): the record of a slot as a void *, null if there is no memory for it."""
+    """$tslb_record(HANDLE, IDX): the record of a slot as a void *, null if it has no memory."""
 
     def __init__(self):
         super().__init__("tslb_record")
@@ -154,7 +154,7 @@ class RecordFunction(gdb.Function):
 
 
 class HandlePrinter:
-    """A handle by value: everything that hangs from it."""
+    """Prints a handle: the parts of the array as children."""
 
     def __init__(self, value):
         self.array = Array(int(value.address))
@@ -167,7 +167,7 @@ class HandlePrinter:
 
 
 class HandlePointerPrinter:
-    """A pointer to a handle: one line, since backtraces and locals are full of them."""
+    """Prints a pointer to a handle in one line, to keep backtraces short."""
 
     def __init__(self, value):
         self.array = Array(int(value))
@@ -177,7 +177,7 @@ class HandlePointerPrinter:
 
 
 class HandlePrinters(gdb.printing.PrettyPrinter):
-    """Chooses between the two, by the name of the structure behind all typedefs."""
+    """Chooses the printer by the name of the structure without typedefs."""
 
     def __init__(self):
         super().__init__("tslb")
@@ -192,7 +192,7 @@ class HandlePrinters(gdb.printing.PrettyPrinter):
 
 
 def register(objfile):
-    """Commands are gdb's for good; printers leave with the library that brought them."""
+    """Registers everything. gdb keeps the commands; it removes the printers when the library is unloaded."""
     Tslb()
     Show("show", 1, 1)
     Slot("slot", 2, 2)

@@ -1,7 +1,7 @@
-"""The inferior's memory, word by word, by address alone.
+"""Reads the inferior's memory by address.
 
-Nothing here asks for a type: the library carries no debug information, and a host may carry none either. Nothing is
-called in the inferior: a core has no process that could run, and a stopped thread may hold the lock.
+Types of the inferior are not used, because the library and the host can lack debug information. No function of the
+inferior is called, because a core cannot run and a stopped thread can hold the lock.
 """
 
 import struct
@@ -13,10 +13,10 @@ DUMPED_BYTES = 64
 
 
 class Unreadable(Exception):
-    """Memory that is not there. The text says which."""
+    """Memory cannot be read. The text has the address."""
 
 
-def shown(address):
+def pointer_text(address):
     return "0x%x" % address if address else NULL_TEXT
 
 
@@ -26,12 +26,12 @@ def read(address, count):
         raise Unreadable("null pointer")
     try:
         return gdb.selected_inferior().read_memory(address, count).tobytes()
-    except (gdb.error, OverflowError):  # gdb.MemoryError among them
+    except (gdb.error, OverflowError):  # includes gdb.MemoryError
         raise Unreadable("%d bytes at 0x%x cannot be read" % (count, address)) from None
 
 
 def read_as(layout, address):
-    """A named tuple from memory; its class carries FORMAT."""
+    """Reads a named tuple whose class has FORMAT."""
     return layout(*struct.unpack(layout.FORMAT, read(address, struct.calcsize(layout.FORMAT))))
 
 
@@ -40,7 +40,7 @@ def read_pointers(address, count):
 
 
 def dump(address, count):
-    """Lines of hexadecimal and text; one that says so where memory is missing."""
+    """Returns lines of hexadecimal and text, or one line if the memory cannot be read."""
     try:
         data = read(address, min(count, DUMPED_BYTES))
     except Unreadable as problem:

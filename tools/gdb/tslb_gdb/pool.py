@@ -20,7 +20,7 @@ class PoolHdr(
         "flag pad max_slots mslot_sz cursor total_msz total_mused total_mwast total_mdel total_mavail",
     )
 ):
-    FORMAT = "<BBhI5Qq"  # what is available is a difference, and can be below zero
+    FORMAT = "<BBhI5Qq"  # total_mavail is signed: it can be negative
     BYTES = TSLB_POOL_HDR_BYTES
 
 
@@ -40,16 +40,16 @@ Address = namedtuple("Address", "kind slot_idx byte_off")
 
 
 class Pool:
-    """The pool side of an array. Unreadable if its user header is not a pool's."""
+    """The pool of an array. Raises Unreadable if the user header is not a pool's."""
 
     def __init__(self, array):
         self.array = array
         if array.dyn_hdr.hdr_size != PoolHdr.BYTES:
             raise Unreadable("not a pool: its user header has %d bytes" % array.dyn_hdr.hdr_size)
         self.hdr = read_as(PoolHdr, array.user_hdr_at)
-        # Any array may have a user header of that length.
+        # Another array can have a user header of the same length.
         if self.hdr.mslot_sz + SLOT_HDR_BYTES != array.arr_hdr.record_size:
-            raise Unreadable("not a pool: its record is no memory slot of %d bytes" % self.hdr.mslot_sz)
+            raise Unreadable("not a pool: its records are not memory slots of %d bytes" % self.hdr.mslot_sz)
 
     @property
     def has_compat(self):
@@ -68,7 +68,7 @@ class Pool:
 
     @property
     def cursor(self):
-        """(slot, offset); the slot is NIL_IDX ahead of the first chunk."""
+        """(slot, offset). The slot is NIL_IDX before the first chunk."""
         return self.hdr.cursor & 0xFFFFFFFF, self.hdr.cursor >> 32
 
     def decode(self, word, is_64):

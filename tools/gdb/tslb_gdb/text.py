@@ -1,8 +1,8 @@
-"""What is shown, as text. Every function takes what it can get: a part that is missing says so in its own line."""
+"""Output texts. A part that cannot be read becomes a line with the reason."""
 
 from . import stored
 from .array import NIL_IDX
-from .memory import NULL_TEXT, Unreadable, dump, read, shown
+from .memory import NULL_TEXT, Unreadable, dump, pointer_text, read
 from .pool import (
     CHUNK_DELETED,
     COMPAT_BYTES,
@@ -29,7 +29,7 @@ def idx_text(idx):
 
 
 def flag_names(value, names):
-    """The names of the bits that are set, and what remains as a number."""
+    """Names of the set bits, and the unnamed bits as a number."""
     found = [name for bit, name in names if value & bit]
     rest = value & ~sum(bit for bit, _ in names)
     return "|".join(found + (["0x%x" % rest] if rest else [])) or "none"
@@ -43,7 +43,7 @@ def plural(count, noun):
 
 
 def summary(array):
-    """One line, for wherever a handle appears among other things."""
+    """One line about a handle."""
     if array.address == 0:
         return NULL_TEXT
     try:
@@ -66,7 +66,7 @@ def _handle(array):
     flags = flag_names(handle.daflag, ((1, "LL"), (2, "INLL")))
     return '"%s" %d, %s, daflag %s, lock %s, n_direct %d, block 0 %s, root table %s' % (
         array.name, handle.tbl_id, mem_type, flags, lock, handle.n_direct,
-        shown(handle.arr_base), shown(handle.ir_base),
+        pointer_text(handle.arr_base), pointer_text(handle.ir_base),
     )
 
 
@@ -119,7 +119,7 @@ def _level(level):
 
 
 def _user_part(array):
-    """Name and text of the user header, which is a pool's or the host's; None if there is none."""
+    """Name and text of the user header, a pool's or the host's. None if the array has none."""
     if array.dyn_hdr.hdr_size == 0:
         return None
     try:
@@ -129,7 +129,7 @@ def _user_part(array):
 
 
 def parts(array):
-    """(name, text) of everything that hangs from a handle."""
+    """Yields (name, text) of each part of an array."""
 
     def part(name, describe):
         try:
@@ -163,7 +163,7 @@ def parts(array):
 
 
 def nodes(array, record):
-    """Nodes of a slot, in one line."""
+    """One line about the nodes of a slot."""
     fw = array.node_fw(record)
     text = "%s, next %s" % (status_name(fw.status), idx_text(fw.next))
     if array.has_inactive_list:
@@ -217,7 +217,7 @@ def _chunk(pool, chunk, is_64, room):
 
 
 def address(array, word, is_64):
-    """Lines about the chunk that an address names in this pool."""
+    """Yields lines about the chunk at an address of the pool."""
     pool = Pool(array)
     found = pool.decode(word, is_64)
     yield "%s address 0x%x of a %s: slot %d, offset %d" % (
@@ -227,7 +227,7 @@ def address(array, word, is_64):
         yield "slot %d was not issued: n_used is %d" % (found.slot_idx, array.arr_hdr.n_used)
         return
     if found.byte_off >= pool.hdr.mslot_sz:
-        yield "the offset lies beyond the slot, which has %d bytes" % pool.hdr.mslot_sz
+        yield "the offset is outside the slot, which has %d bytes" % pool.hdr.mslot_sz
         return
     record = array.record_at(found.slot_idx)
     chunk = record + SLOT_HDR_BYTES + found.byte_off

@@ -192,51 +192,51 @@ TSLB_STORED_INLINE tslb_chunk_place_t tslb_stored_decode_bitvector(uint32_t word
  * slots. */
 /* clang-format off */
 #define TSLB_STORED_RULES(X)                                                                                   \
-  X(HDR_LIB_VERSION, FAULT, "lib_version {}, which is not {}")                                                 \
-  X(HDR_PAD, REMARK, "pad {}, which is reserved")                                                              \
-  X(HDR_LLI_SIZE, FAULT, "lli_sz {}, which is neither 0 nor {}")                                               \
-  X(LLI_NO_LIST, FAULT, "lltype {x} has no list, lli_sz says there is one")                                    \
-  X(LLI_TYPE_BITS, REMARK, "lltype {x} has bits without a meaning")                                            \
-  X(ARR_N_DIRECT, FAULT, "n_direct {} is beyond what an array can have")                                       \
-  X(ARR_N_USED, FAULT, "n_used {} is beyond what an array with n_direct {} can have")                          \
+  X(HDR_LIB_VERSION, FAULT, "lib_version {}, expected {}")                                                     \
+  X(HDR_PAD, REMARK, "pad {}, but the field is reserved")                                                      \
+  X(HDR_LLI_SIZE, FAULT, "lli_sz {}, expected 0 or {}")                                                        \
+  X(LLI_NO_LIST, FAULT, "lltype {x} has no list flag, but lli_sz is not 0")                                    \
+  X(LLI_TYPE_BITS, REMARK, "lltype {x} has unknown bits")                                                      \
+  X(ARR_N_DIRECT, FAULT, "n_direct {} is more than an array can have")                                         \
+  X(ARR_N_USED, FAULT, "n_used {} is more than an array with n_direct {} can have")                            \
   X(ARR_NO_BYTES, FAULT, "record_size 0 with {} slots in use")                                                 \
-  X(ARR_RECORD_SIZE, FAULT, "record_size {} is beyond what an array can have")                                 \
-  X(ARR_BLOCK0, FAULT, "n_direct {} with slots of {} bytes takes more than block 0 may")                       \
-  X(ARR_DATA_BLOCK, FAULT, "record_size {} makes a block of 16 slots larger than it may be")                   \
-  X(ARR_N_ALLOC, REMARK, "n_alloc {}, where direct area and data blocks come to {}")                           \
-  X(POOL_HDR_SIZE, FAULT, "hdr_size {}, a pool has {}")                                                        \
-  X(POOL_MSLOT_SIZE, FAULT, "mslot_sz {} does not go with record_size {}")                                     \
-  X(POOL_MSLOT_STEP, FAULT, "mslot_sz {} is no multiple of {}")                                                \
-  X(POOL_RING, FAULT, "n_used {}, and a ring has {} slots")                                                    \
+  X(ARR_RECORD_SIZE, FAULT, "record_size {} is more than an array can have")                                   \
+  X(ARR_BLOCK0, FAULT, "n_direct {} with slots of {} bytes exceeds the maximum size of block 0")               \
+  X(ARR_DATA_BLOCK, FAULT, "record_size {} makes a block of 16 slots larger than the maximum")                 \
+  X(ARR_N_ALLOC, REMARK, "n_alloc {}, but direct area and data blocks have {} slots")                          \
+  X(POOL_HDR_SIZE, FAULT, "hdr_size {}, but a pool has {}")                                                    \
+  X(POOL_MSLOT_SIZE, FAULT, "mslot_sz {} does not match record_size {}")                                       \
+  X(POOL_MSLOT_STEP, FAULT, "mslot_sz {} is not a multiple of {}")                                             \
+  X(POOL_RING, FAULT, "n_used {}, but a ring has {} slots")                                                    \
   X(POOL_CURSOR_SLOT, FAULT, "cur_slot_addr names slot {} of {}")                                              \
-  X(POOL_CURSOR_BYTE, FAULT, "cur_slot_addr stands at byte {} of a slot of {}")                                \
-  X(POOL_FLAG_BITS, REMARK, "flag {x} has bits without a meaning")                                             \
-  X(POOL_PAD, REMARK, "pad_byte {}, which is reserved")                                                        \
+  X(POOL_CURSOR_BYTE, FAULT, "cur_slot_addr is at byte {} of a slot of {}")                                    \
+  X(POOL_FLAG_BITS, REMARK, "flag {x} has unknown bits")                                                       \
+  X(POOL_PAD, REMARK, "pad_byte {}, but the field is reserved")                                                \
   X(POOL_TOTAL_SIZE, REMARK, "total_msz {} is less than the {} bytes of headers")                              \
-  X(POOL_TOTAL_USED, REMARK, "total_mused {}, where the slots in use come to {}")                              \
-  X(POOL_TOTAL_DELETED, REMARK, "total_mdel {}, which nothing counts")                                         \
-  X(SLOT_STATUS, FAULT, "status {} of slot {} is none that a slot can have")                                   \
-  X(SLOT_NOT_INACTIVE, FAULT, "status {} of slot {}, and there is no inactive list")                           \
+  X(POOL_TOTAL_USED, REMARK, "total_mused {}, but the slots have {}")                                          \
+  X(POOL_TOTAL_DELETED, REMARK, "total_mdel {}, but the library never sets it")                                \
+  X(SLOT_STATUS, FAULT, "status {} of slot {} does not exist")                                                 \
+  X(SLOT_NOT_INACTIVE, FAULT, "status {} of slot {}, but there is no inactive list")                           \
   X(SLOT_NEXT, FAULT, "active slot {} has a link to {}")                                                       \
   X(SLOT_PREV, FAULT, "active slot {} has a back link to {}")                                                  \
-  X(LIST_NONE, FAULT, "an inactive list where lltype {x} has none")                                            \
+  X(LIST_NONE, FAULT, "roots of an inactive list, but lltype {x} has none")                                    \
   X(LIST_LINK, FAULT, "the {list} names slot {} of {}")                                                        \
-  X(LIST_ABSENT, FAULT, "the {list} goes on in slot {}, which is not there")                                   \
-  X(LIST_RING, FAULT, "the {list} comes back to slot {}")                                                      \
+  X(LIST_ABSENT, FAULT, "the {list} continues with slot {}, which is missing")                                 \
+  X(LIST_RING, FAULT, "the {list} returns to slot {}")                                                         \
   X(LIST_STATUS, FAULT, "status {} on the {list}, slot {}")                                                    \
-  X(LIST_PREV, FAULT, "prev {} of slot {} on the {list}, where {} comes before it")                            \
+  X(LIST_PREV, FAULT, "prev {} of slot {} on the {list}, expected {}")                                         \
   X(LIST_COUNT_RANGE, FAULT, "the {list} counts {} slots of {}")                                               \
-  X(LIST_COUNT, FAULT, "the {list} counts {} slots and has {}")                                                \
-  X(LIST_TAIL, FAULT, "tail {} of the {list}, which ends with {}")                                             \
-  X(LIST_STRAY, FAULT, "slot {} says that it is {state} and is not on that list")                              \
+  X(LIST_COUNT, FAULT, "the {list} counts {} slots, but has {}")                                               \
+  X(LIST_TAIL, FAULT, "tail {} of the {list}, but its last slot is {}")                                        \
+  X(LIST_STRAY, FAULT, "slot {} has the status {state}, but is not on that list")                              \
   X(POOL_SLOT_CURRENT, FAULT, "status {} of the current slot, {}")                                             \
-  X(POOL_SLOT_DELETED, FAULT, "bytes_del {} of slot {}, where bytes_used is {}")                               \
-  X(POOL_SLOT_USED, FAULT, "bytes_used {} of slot {}, which has {}")                                           \
-  X(POOL_SLOT_CURSOR, FAULT, "bytes_used {} of the current slot, {}, where the cursor has only reached {}")    \
-  X(POOL_SLOT_LAGS, REMARK, "bytes_used {} of the current slot, {}, where the cursor has reached {}")          \
+  X(POOL_SLOT_DELETED, FAULT, "bytes_del {} of slot {}, but bytes_used is {}")                                 \
+  X(POOL_SLOT_USED, FAULT, "bytes_used {} of slot {}, but the slot has {}")                                    \
+  X(POOL_SLOT_CURSOR, FAULT, "bytes_used {} of the current slot, {}, is more than the cursor's {}")            \
+  X(POOL_SLOT_LAGS, REMARK, "bytes_used {} of the current slot, {}, is less than the cursor's {}")             \
   X(POOL_SLOT_NEVER_CURRENT, REMARK, "slot {} was taken and never became current")                             \
-  X(CHUNK_LENGTH, FAULT, "the chunk at byte {} of slot {} has {} bytes, and the slot's chunks end at byte {}") \
-  X(CHUNK_DELETED, FAULT, "bytes_del {} of slot {}, where deleted chunks come to {}")
+  X(CHUNK_LENGTH, FAULT, "the chunk at byte {} of slot {} has {} bytes, but the slot's chunks end at byte {}") \
+  X(CHUNK_DELETED, FAULT, "bytes_del {} of slot {}, but its deleted chunks have {}")
 /* clang-format on */
 
 typedef enum tslb_rule_t {
