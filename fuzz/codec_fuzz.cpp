@@ -10,7 +10,7 @@ namespace {
 
 std::vector<char> sealed(const std::vector<char> &points) {
   const size_t n = points.size() / sizeof(metricdb::Point);
-  std::vector<char> out(metricdb::most_sealed_bytes(n));
+  std::vector<char> out(metricdb::max_sealed_bytes(n));
   out.resize(metricdb::seal_points(points.data(), n, out.data()));
   return out;
 }

@@ -31,7 +31,7 @@ static bool same(const std::vector<Point> &a, const std::vector<Point> &b) {
 static std::vector<char> sealed(const std::vector<Point> &points) {
   std::vector<char> bytes(1 + points.size() * sizeof(Point));
   std::memcpy(bytes.data() + 1, points.data(), points.size() * sizeof(Point));
-  std::vector<char> out(most_sealed_bytes(points.size()));
+  std::vector<char> out(max_sealed_bytes(points.size()));
   out.resize(seal_points(bytes.data() + 1, points.size(), out.data()));
   out.shrink_to_fit();
   return out;
@@ -141,7 +141,7 @@ TEST(PointCodec, RandomRunsComeBack) {
     expect_back(random_points(random, 1 + random() % 300));
     if (HasFatalFailure()) return;
   }
-  expect_back(random_points(random, MOST_SEALED_POINTS));
+  expect_back(random_points(random, MAX_SEALED_POINTS));
 }
 
 TEST(PointCodec, APieceOfARunGivesItsFirstPointsAndIsNotWhole) {

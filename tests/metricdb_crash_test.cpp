@@ -33,7 +33,7 @@ TEST_F(Crash, AtEachStepWhatWasAcknowledgedIsThereAndNothingElse) {
     const uint64_t n_acknowledged = last == outcome.out.npos ? 0 : std::stoull(outcome.out.substr(last + 8));
     if (outcome.exit_code == 0) {
       EXPECT_EQ(n_acknowledged, uint64_t{N_LINES});
-      EXPECT_GT(reopened().stored.generation, 1u) << "no generation began";
+      EXPECT_GT(reopened().generation.number, 1u) << "no generation began";
       break;
     }
     ASSERT_EQ(outcome.exit_code, -1) << outcome.err;
@@ -42,7 +42,7 @@ TEST_F(Crash, AtEachStepWhatWasAcknowledgedIsThereAndNothingElse) {
     uint64_t n_found = 0;
     // Ahead of the first generation there is nothing, and nothing was acknowledged.
     if (Database(db(), Database::Use::create).newest()) {
-      const Opened opened = reopened();
+      const LoadedDatabase opened = reopened();
       ASSERT_EQ(opened.store.n_points() % 400, 0u) << "a part of a batch";
       n_found = opened.store.n_points() / 400;
       Store straight;

@@ -99,7 +99,7 @@ TEST_F(Damage, ManifestsThatContradict) {
       {"one without a number", "metricdb 2\n", "metricdb one\n", "its format version is \"one\", and 2 is known"},
       {"a store", "store snapshot", "store tape", "manifest: line 2: store \"tape\" is neither snapshot nor shm"},
       {"a layout that nobody knows", "layout 1", "layout 2", "line 3: layout \"2\""},
-      {"not the records' layout", "layout 1", "layout 0", "catalogue.stream: record version 1, which is not 0"},
+      {"not the records' layout", "layout 1", "layout 0", "catalogue.stream: record version 1, expected 0"},
       {"streams taken for block files", "store snapshot", "store shm", "manifest: array "},
       {"a line left out", "retain_ns 100\n", "", "line 6: \"idle_ns\" in place of \"retain_ns\""},
       {"a negative time span", "retain_ns 100", "retain_ns -100", "line 6: retain_ns \"-100\""},
@@ -107,19 +107,18 @@ TEST_F(Damage, ManifestsThatContradict) {
       {"letters behind a number", "idle_ns 50", "idle_ns 50s", "line 7: idle_ns \"50s\""},
       {"another spelling", "idle_ns 50", "idle_ns 050", "it is not written as this program writes it"},
       {"another line end", "idle_ns 50\n", "idle_ns 50 ", "it is not written as this program writes it"},
-      {"other slot sizes", "key_slot_bytes 64", "key_slot_bytes 68",
-       "keys.stream: bytes of a record 72, which is not 76"},
+      {"other slot sizes", "key_slot_bytes 64", "key_slot_bytes 68", "keys.stream: record size 72, expected 76"},
       {"a huge slot size", "point_slot_bytes 2400", "point_slot_bytes 16777217", "line 5: point_slot_bytes \""},
-      {"series that are not there", "\nseries 3\n", "\nseries 4\n", "manifest: 4 series with "},
+      {"series that are not there", "\nseries 3\n", "\nseries 4\n", "manifest: the figures say 4 series with "},
       {"an old data time", "data_time_ns 180", "data_time_ns 110", "catalogue.stream: series "},
       {"another array's file", "file keys.stream", "file points.stream",
        "manifest: array keys: file \"points.stream\", not keys.stream"},
       {"no file", "slot_bytes 80 files 1", "slot_bytes 80 files 0", "line 24: \"file\" in place of \"array\""},
       {"a file too many", "slot_bytes 116 files 1\n",
        "slot_bytes 116 files 2\nfile catalogue.stream bytes 1 crc32c 00000000\n",
-       "array catalogue: 2 files, and it has 1"},
+       "array catalogue: 2 files, expected 1"},
       {"files beyond the text", "slot_bytes 2416 files 1", "slot_bytes 2080 files 4294967295", "it ends too early"},
-      {"another table", "table -3", "table -4", "array points: table -4, which is not -3"},
+      {"another table", "table -3", "table -4", "array points: table -4, expected -3"},
       {"a slot more than the stream has", "direct 64", "direct 65",
        "catalogue.stream: 6 slots of 116 bytes, 64 of them direct; the manifest says 6 of 116, 65"},
   };
@@ -166,14 +165,14 @@ struct Parts {
   SealedChunk *const first = sealed(b.first_sealed()), *const last = sealed(b.last_sealed());
   char *const key_of_a = const_cast<char *>(store.key(store.series_of("a f")).data());
   MemSlot_t *const key_slot = static_cast<MemSlot_t *>(tslb_da_get_ptr(store.keys(), 0));
-  MemSlot_t *const current_slot =
-      static_cast<MemSlot_t *>(tslb_da_get_ptr(store.points(), cursor_of(store.points()).mslot_idx));
+  MemSlot_t *const current_slot = static_cast<MemSlot_t *>(
+      tslb_da_get_ptr(store.points(), tslb_stored_cursor_slot(header_of(store.points())->cur_slot_addr)));
 };
 
 static maddr_t moved(maddr_t address, unsigned units) {
-  maddrBV_t bits;
-  std::memcpy(&bits, &address, sizeof bits);
-  bits.mchunk_idx = (bits.mchunk_idx + units) & 0x1FFFFF;
+  tslb_chunk_place_t place = tslb_stored_decode_bitvector(bits_of(address));
+  place.byte_off += units * TSLB_BV_UNIT_BYTES;
+  const uint32_t bits = tslb_stored_encode_bitvector(place);
   std::memcpy(&address, &bits, sizeof bits);
   return address;
 }
@@ -191,31 +190,33 @@ TEST_F(Damage, StoresThatContradictThemselves) {
        "where no chunk in use begins"},
       {"inside a chunk", [](Parts p) { p.b.set_open(moved(p.b.open(), 1)); }, "where no chunk in use begins"},
       {"a key outside of its pool", [](Parts p) { p.a.set_key(OUTSIDE); }, "its key names slot 200"},
-      {"one key for two series", [](Parts p) { p.a.set_key(p.b.key()); }, "whose header names another reference"},
+      {"one key for two series", [](Parts p) { p.a.set_key(p.b.key()); },
+       "the header of that chunk names another reference"},
       {"a key without its end", [](Parts p) { p.key_of_a[3] = 'x'; }, "its key does not end with a zero"},
-      {"two series with one name", [](Parts p) { p.key_of_a[0] = 'b'; }, "its key \"b f\" is another's too"},
+      {"two series with one name", [](Parts p) { p.key_of_a[0] = 'b'; }, "another series has the same key \"b f\""},
       {"a ring of chunks", [](Parts p) { p.last->next = p.b.first_sealed(); },
-       "sealed chunk 2 is the last and names another one"},
-      {"a ring as counted", [](Parts p) { p.first->next = p.b.first_sealed(); }, "which was referred to before"},
+       "sealed chunk 2 is the last one, but names a next chunk"},
+      {"a ring as counted", [](Parts p) { p.first->next = p.b.first_sealed(); },
+       "another reference names the same chunk"},
       {"a longer chain", [](Parts p) { p.b.set_n_sealed(2); }, "its last sealed chunk is not the end of its chain"},
       {"a lost chunk", [](Parts p) { p.c.set_flags(SERIES_READY), p.c.set_n_open(0), p.c.set_n_points(0); },
        "nothing refers to the chunk at byte ", "points"},
-      {"points of no chunk", [](Parts p) { p.b.set_flags(SERIES_READY); }, "it has points and no open chunk"},
+      {"points of no chunk", [](Parts p) { p.b.set_flags(SERIES_READY); }, "it has points but no open chunk"},
       {"a flag of somebody else", [](Parts p) { p.a.set_flags(0x07); }, "flags 0x07"},
-      {"a count of points", [](Parts p) { p.a.set_n_points(1); }, "its record counts 1"},
-      {"more points than fit", [](Parts p) { p.c.set_n_open(9); }, "counts 9 points of 8"},
+      {"a count of points", [](Parts p) { p.a.set_n_points(1); }, "but its record counts 1"},
+      {"more points than fit", [](Parts p) { p.c.set_n_open(9); }, "counts 9 points, but holds at most 8"},
       {"a sealed chunk that was not full", [](Parts p) { p.first->count = 127; }, "sealed chunk 0 holds 127 points"},
-      {"a size beyond the chunk", [](Parts p) { p.first->bytes += 8; }, "has not the size of its points"},
+      {"a size beyond the chunk", [](Parts p) { p.first->bytes += 8; }, "which is not the size of its points"},
       {"bytes of no points", [](Parts p) { std::memset(p.first + 1, 0xFF, 40); }, "sealed chunk 0 cannot be read"},
       {"points of other times", [](Parts p) { p.first->oldest_ns = 90; },
-       "sealed chunk 0 holds times from 100 to 107, not what it claims"},
+       "sealed chunk 0 holds times from 100 to 107, but its header has others"},
       {"a length beyond the slot", [](Parts p) { (reinterpret_cast<compat_t *>(p.last) - 1)->mchunk_len = 60000; },
-       "goes beyond the bytes in use", "points"},
+       "exceeds the bytes in use", "points"},
       {"a deleted chunk", [](Parts p) { tslb_dynmem_del_mchunk(p.store.points(), p.b.first_sealed()); },
        "where no chunk in use begins"},
-      {"a count of deleted bytes", [](Parts p) { p.key_slot->bytes_del += 8; }, "the slot counts ", "keys"},
+      {"a count of deleted bytes", [](Parts p) { p.key_slot->bytes_del += 8; }, "but the slot counts ", "keys"},
       {"used beyond", [](Parts p) { p.current_slot->bytes_used = 5000; }, "5000 bytes in use of 2400", "points"},
-      {"a cursor inside", [](Parts p) { p.current_slot->bytes_used += 8; }, "and the cursor stands at ", "points"},
+      {"a cursor inside", [](Parts p) { p.current_slot->bytes_used += 8; }, "but the cursor is at ", "points"},
       {"a free slot that claims a series", [](Parts p) { p.free.set_flags(SERIES_READY); }, "flags 0x01 at status 1"},
       {"a free slot without its mark", [](Parts p) { p.free.set_key({}); }, "gatekeeper 0x0 in a free slot"},
       {"a slot in use without a series", [](Parts p) { p.a.set_flags(0); }, "flags 0x00 at status "},
@@ -224,18 +225,18 @@ TEST_F(Damage, StoresThatContradictThemselves) {
          const int64_t later = 1000;
          std::memcpy(p.points_at(p.c.open()), &later, sizeof later);
        },
-       "a point at 1000, behind its newest at 180"},
-      {"written in the future", [](Parts p) { p.a.set_written_at_ns(1000); }, "it was written behind data time"},
-      {"the newest in the future", [](Parts p) { p.a.set_newest_ns(1000); }, "it was written behind data time"},
+       "a point at 1000, but its newest is at 180"},
+      {"written in the future", [](Parts p) { p.a.set_written_at_ns(1000); }, "its times are after data time"},
+      {"the newest in the future", [](Parts p) { p.a.set_newest_ns(1000); }, "its times are after data time"},
       {"a word that nobody writes", [](Parts p) { p.a.at()[offsetof(ty_sub_t_v1, prev_id)] = 1; },
-       "bytes without a meaning are not zero"},
+       "unused bytes are not zero"},
       {"a pool of another kind", [](Parts p) { header_of(p.store.keys())->flag |= MPOOL_FLAG_BV; },
-       "a pool with flags 0x11", "keys"},
-      {"a limited pool", [](Parts p) { header_of(p.store.keys())->max_slots = 3; }, "a pool limited to 3 slots",
+       "the pool has flags 0x11", "keys"},
+      {"a limited pool", [](Parts p) { header_of(p.store.keys())->max_slots = 3; }, "the pool is limited to 3 slots",
        "keys"},
       {"records of another version",
        [](Parts p) { static_cast<DynHdr_t *>(tslb_da_get_dynhdr(p.store.catalogue()))->rec_version = 0; },
-       "record version 0, which is not 1"},
+       "record version 0, expected 1"},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);
@@ -278,7 +279,7 @@ TEST_F(Damage, RandomBytesAreRefusedOrHarmless) {
     write_file(file, damaged);
     seal_manifest();
     try {
-      Opened opened = database_->open();
+      LoadedDatabase opened = database_->open();
       Store &store = opened.store;
       EXPECT_EQ(store.n_series(), 3u);
       EXPECT_FALSE(series_table(store, "*").empty());

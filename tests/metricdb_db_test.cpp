@@ -37,8 +37,11 @@ TEST_P(RoundTrip, ComesBackAndGoesOnAsIfItHadNeverBeenAway) {
     StoreConfig config;
   } rows[] = {
       {"nothing is forgotten", false, false, {}},
-      {"sweeps under way", true, false, {.retain_ns = 2500, .idle_ns = 300, .points_per_sweep = 900}},
-      {"reuse of series", false, true, {.idle_ns = 300, .reuse_inactive_pct = 20, .points_per_sweep = 400}},
+      {"sweeps under way", true, false, {.forgetting = {.retain_ns = 2500, .idle_ns = 300}, .points_per_sweep = 900}},
+      {"reuse of series",
+       false,
+       true,
+       {.forgetting = {.idle_ns = 300, .reuse_inactive_pct = 20}, .points_per_sweep = 400}},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.what);
@@ -51,7 +54,7 @@ TEST_P(RoundTrip, ComesBackAndGoesOnAsIfItHadNeverBeenAway) {
     std::optional<NewGeneration> straight_blocks, blocks;
     if (GetParam() == StoreKind::shm) {
       config.mem_type = MPOOL_TYPE_SHM;
-      straight_blocks.emplace(straight_folder).take_block_files();
+      straight_blocks.emplace(straight_folder).set_block_file_path();
     }
     Store straight(config);
     fill(straight, 0);
@@ -63,17 +66,17 @@ TEST_P(RoundTrip, ComesBackAndGoesOnAsIfItHadNeverBeenAway) {
     EXPECT_EQ(straight.forgotten().chunks > 0, row.ages || row.reuses);
     EXPECT_EQ(lists_of(straight.points())->n_free > 0, row.ages);
 
-    Stored written;
+    GenerationInfo written;
     {
-      if (GetParam() == StoreKind::shm) blocks.emplace(folder).take_block_files();
+      if (GetParam() == StoreKind::shm) blocks.emplace(folder).set_block_file_path();
       Store store(config);
       fill(store, 0);
       ASSERT_EQ(image_of(store), half_way) << "the input is not the same twice";
       written = blocks ? blocks->seal_block_files(store) : keep(folder, store);
     }
-    Opened opened = folder.open();
-    EXPECT_EQ(opened.stored.kind, GetParam());
-    EXPECT_EQ(opened.stored.bytes(), written.bytes());
+    LoadedDatabase opened = folder.open();
+    EXPECT_EQ(opened.generation.kind, GetParam());
+    EXPECT_EQ(opened.generation.bytes(), written.bytes());
     uint64_t bytes_there = 0;
     for (const auto &[name, content] : tree_of(folder.folder())) bytes_there += content.size();
     EXPECT_EQ(written.bytes(), bytes_there);
@@ -87,10 +90,10 @@ TEST_P(RoundTrip, ComesBackAndGoesOnAsIfItHadNeverBeenAway) {
     EXPECT_EQ(series_table(opened.store, "*"), series_table(straight, "*"));
 
     // And as streams, whatever it was.
-    EXPECT_EQ(keep(folder, opened.store).generation, 2u);
+    EXPECT_EQ(keep(folder, opened.store).number, 2u);
     EXPECT_THAT(names_in(folder.folder()), ElementsAre("generation.2"));
-    const Opened again = folder.open();
-    EXPECT_EQ(again.stored.kind, StoreKind::snapshot);
+    const LoadedDatabase again = folder.open();
+    EXPECT_EQ(again.generation.kind, StoreKind::snapshot);
     EXPECT_EQ(figures_of(again.store), figures_of(straight));
     EXPECT_TRUE(image_of(again.store) == image_of(straight));
   }
@@ -109,16 +112,16 @@ TEST_F(RoundTripOfPoints, BitForBit) {
   {
     Store store;
     for (const Point &point : points) store.add("m f", point);
-    store.add(std::string(Store::LONGEST_KEY, 'k'), {0, 1.0});
+    store.add(std::string(Store::MAX_KEY_BYTES, 'k'), {0, 1.0});
     keep(folder, store);
   }
-  const Opened opened = folder.open();
+  const LoadedDatabase opened = folder.open();
   const std::vector<Point> found = points_of(opened.store, 0);
   ASSERT_EQ(found.size(), points.size());
   EXPECT_EQ(std::memcmp(found.data(), points.data(), points.size() * sizeof(Point)), 0);
-  EXPECT_EQ(opened.store.key(1), std::string(Store::LONGEST_KEY, 'k'));
+  EXPECT_EQ(opened.store.key(1), std::string(Store::MAX_KEY_BYTES, 'k'));
   // Their span is beyond 64 bits, and their years before 1970.
-  EXPECT_THAT(database_summary("db", opened.store, opened.stored, 0.0),
+  EXPECT_THAT(database_summary("db", opened.store, opened.generation, 0.0),
               HasSubstr("oldest           -9223372036854775808 (1677-09-21 00:12:43.145224192 UTC)\n"
                         "newest           9223372036854775807 (2262-04-11 23:47:16.854775807 UTC)\n"));
 }
@@ -131,14 +134,14 @@ TEST_F(Writing, TheNewestWholeGenerationCountsAndTheNextWriterTidiesUp) {
   ASSERT_NO_FATAL_FAILURE(keep_filled(StoreKind::snapshot));
   const fs::path old = root_ / "old", half = root_ / "db" / "generation.3.new";
   fs::copy(generation(), old);
-  Opened opened = database_->open();
+  LoadedDatabase opened = database_->open();
   opened.store.add("d f", {181, 1.0});
   keep(*database_, opened.store);
   fs::rename(old, generation());
   fs::copy(generation(), half);
   fs::resize_file(half / "points.stream", 10);
   fs::create_directory(root_ / "db" / "somebody's.new");
-  EXPECT_EQ(database_->open().stored.generation, 2u);
+  EXPECT_EQ(database_->open().generation.number, 2u);
   EXPECT_EQ(figures_of(database_->open().store), figures_of(opened.store));
   // Damage of the one that counts is not hidden by an older one.
   const fs::path points = root_ / "db" / "generation.2" / "points.stream";
@@ -153,7 +156,7 @@ TEST_F(Writing, TheNewestWholeGenerationCountsAndTheNextWriterTidiesUp) {
 // The n-th byte that cannot be written, for several n: in each of the files.
 TEST_F(Writing, AFailedWriteLeavesTheFolderAsItWas) {
   ASSERT_NO_FATAL_FAILURE(keep_filled(StoreKind::snapshot));
-  Opened opened = database_->open();
+  LoadedDatabase opened = database_->open();
   for (int i = 0; i < 3000; ++i) opened.store.add(fmt::format("many,n={} f", i % 40), {181 + i % 7, 1.0});
   const auto before = tree_of(root_);
   const auto old_handler = signal(SIGXFSZ, SIG_IGN);
@@ -179,7 +182,7 @@ TEST_F(Writing, OneWriterAtATime) {
   ASSERT_NO_FATAL_FAILURE(keep_filled(StoreKind::snapshot));
   const auto write = [this] { const Database second(path("db"), Database::Use::write); };
   EXPECT_EQ(refusal_of(write), path("db") + ": another process is writing to it");
-  EXPECT_EQ(Database(path("db"), Database::Use::read).open().stored.generation, 1u) << "readers are kept out";
+  EXPECT_EQ(Database(path("db"), Database::Use::read).open().generation.number, 1u) << "readers are kept out";
   database_.reset();
   EXPECT_EQ(refusal_of(write), "");
 }
@@ -196,9 +199,9 @@ TEST_F(Writing, ReadersSeeTheOldStateOrTheNewOneWhole) {
     const Database reading(folder.folder(), Database::Use::read);
     for (; !done && failure.empty(); ++n_opened)
       failure = refusal_of([&] {
-        const Opened opened = reading.open();
+        const LoadedDatabase opened = reading.open();
         // A generation holds as many points as its number says.
-        EXPECT_EQ(opened.store.n_points(), opened.stored.generation);
+        EXPECT_EQ(opened.store.n_points(), opened.generation.number);
         EXPECT_GE(opened.store.n_points(), std::exchange(last_points, opened.store.n_points()));
       });
   });

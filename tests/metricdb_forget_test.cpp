@@ -34,7 +34,7 @@ TEST(Retention, KeepsExactlyWhatIsYoungEnough) {
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);
-    Store store({.retain_ns = 10});
+    Store store({.forgetting = {.retain_ns = 10}});
     const LoadStats stats = load(store, row.text);
     const Content content = content_of(store);
     EXPECT_EQ(content.at("m f"), row.of_m) << "what is visible must not wait for a sweep";
@@ -42,7 +42,7 @@ TEST(Retention, KeepsExactlyWhatIsYoungEnough) {
     store.sweep();
     EXPECT_EQ(content_of(store), content);
     EXPECT_EQ(store.n_visible(), n_visible);
-    const Forgotten &gone = store.forgotten();
+    const ForgetCounts &gone = store.forgotten();
     EXPECT_EQ(gone.chunks, row.chunks_gone);
     EXPECT_EQ(gone.late_points + gone.series_aged + lists_of(store.catalogue())->n_free, 0u);
     EXPECT_EQ(gone.points + store.n_points(), stats.points);
@@ -52,7 +52,7 @@ TEST(Retention, KeepsExactlyWhatIsYoungEnough) {
 
 // Lines are expected to be of a known series: not of the one that has its slot now.
 TEST(Retention, ASeriesThatWentComesBackAsANewOne) {
-  Store store({.retain_ns = 10, .points_per_sweep = 1});
+  Store store({.forgetting = {.retain_ns = 10}, .points_per_sweep = 1});
   load(store, "a f=1 0\nb f=1 100\nc f=1 101\na f=2 102\n");
   EXPECT_EQ(store.forgotten().series_aged, 1u);
   EXPECT_EQ(store.n_slots(), 3u) << "nobody took a's slot";
@@ -61,7 +61,7 @@ TEST(Retention, ASeriesThatWentComesBackAsANewOne) {
 
 TEST(Reuse, TakesTheSlotUnwrittenForLongestAndForgetsItsSeries) {
   // A slot of points holds one chunk of 128, or several small ones.
-  Store store({.point_slot_bytes = 16 + 128 * 16, .idle_ns = 100, .reuse_inactive_pct = 50});
+  Store store({.point_slot_bytes = 16 + 128 * 16, .forgetting = {.idle_ns = 100, .reuse_inactive_pct = 50}});
   load(store, "b f=1 1\n" + points_text("a f", 1, 84) + "b f=2 100\nc f=1 205\nd f=1 205\n");
   store.sweep();
   const uint32_t a = slot_of(store, "a f");
@@ -95,7 +95,7 @@ TEST(Reuse, TakesTheSlotUnwrittenForLongestAndForgetsItsSeries) {
   load(store, "a f=9 900\n");
   store.sweep();
   ASSERT_EQ(store.n_inactive(), 4u);
-  store.forget_by(0, 100, 0);
+  store.set_forgetting({.idle_ns = 100});
   load(store, "late f=1 901\n");
   EXPECT_EQ(store.n_inactive(), 4u) << "the policy outlives its end";
 }
@@ -113,8 +113,8 @@ TEST(Retention, AFullPoolGoesOnWhenSlotsComeBack) {
   for (const auto &row : rows) {
     SCOPED_TRACE(row.what);
     const bool is_of_keys = row.room_of_a_slot == 1;
-    Store store(is_of_keys ? StoreConfig{.key_slot_bytes = row.slot_bytes, .retain_ns = 10}
-                           : StoreConfig{.point_slot_bytes = row.slot_bytes, .retain_ns = 10});
+    Store store(is_of_keys ? StoreConfig{.key_slot_bytes = row.slot_bytes, .forgetting = {.retain_ns = 10}}
+                           : StoreConfig{.point_slot_bytes = row.slot_bytes, .forgetting = {.retain_ns = 10}});
     const uint64_t room = row.n_slots * row.room_of_a_slot;
     int64_t ts_ns = 0;
     uint64_t n_stored = 0;
@@ -153,7 +153,8 @@ TEST(Retention, AgreesWithAPlainModel) {
   constexpr int64_t RETAIN_NS = 300, IDLE_NS = 60;
   constexpr int N_KEYS = 12, N_BATCHES = 300;
   std::mt19937 random(SEED);
-  Store store({.key_slot_bytes = 64, .point_slot_bytes = 2064, .retain_ns = RETAIN_NS, .idle_ns = IDLE_NS});
+  Store store(
+      {.key_slot_bytes = 64, .point_slot_bytes = 2064, .forgetting = {.retain_ns = RETAIN_NS, .idle_ns = IDLE_NS}});
   std::vector<std::pair<std::string, Point>> all;
   std::map<std::string, int64_t> written_at;
   int64_t data_time = 0;
@@ -191,7 +192,7 @@ TEST(Retention, AgreesWithAPlainModel) {
 }
 
 TEST(Report, SaysWhatWasForgotten) {
-  Store store({.point_slot_bytes = 2064, .retain_ns = 10, .idle_ns = 5});
+  Store store({.point_slot_bytes = 2064, .forgetting = {.retain_ns = 10, .idle_ns = 5}});
   const LoadStats stats = load(store, points_text("m f", 1, 200) + "m f=0 1\nn f=0 206\n");
   const Sweep last = store.sweep();
   EXPECT_NE(series_table(store, "m f").find("inactive"), std::string::npos);

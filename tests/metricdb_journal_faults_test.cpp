@@ -41,8 +41,8 @@ struct Owner {
 
   // Of a file that is there: it holds all that was settled and nothing that was not attempted, in order.
   void compare(const std::string &path) const {
-    Read read = read_journal(path);
-    EXPECT_EQ(read.error, "");
+    JournalContent read = read_journal(path);
+    EXPECT_NE(read.result.end, JournalEnd::damaged) << read.result.fault;
     std::erase(read.payloads, "with it");
     ASSERT_GE(read.payloads.size(), settled.size());
     ASSERT_LE(read.payloads.size(), attempted.size());

@@ -5,14 +5,14 @@
 
 TEST_F(JournalTest, RecordsComeBackAsTheyWereAppended) {
   const std::string long_bytes(3 << 20, 'x');  // more than is read at once
-  const std::vector<Written> written = {
-      {"metricdb", "bytes", {1, 5, {}, 1, 2, 3, "", 5}},
-      {"", std::string("\0\xff", 2), {~0ull, -3, {}, ~0u, ~0ull, ~0u, "", 2}},
-      {"pool", "", {~0ull, 13, {}, 4, 1088, ~0u, nullptr, 0}},
-      {"pool", "", {0, 0, {}, 0, 0, 0, nullptr, 77}},
-      {std::string(MOST_NAME_BYTES, 'n'), long_bytes, {9, 2, {}, 1, 2, 3, "", 3 << 20}},
+  const std::vector<RecordWithBytes> written = {
+      {"metricdb", "bytes", {1, 5, nullptr, 0, 1, 2, 3, "", 5}},
+      {"", std::string("\0\xff", 2), {~0ull, -3, nullptr, 0, ~0u, ~0ull, ~0u, "", 2}},
+      {"pool", "", {~0ull, 13, nullptr, 0, 4, 1088, ~0u, nullptr, 0}},
+      {"pool", "", {0, 0, nullptr, 0, 0, 0, 0, nullptr, 77}},
+      {std::string(MAX_NAME_BYTES, 'n'), long_bytes, {9, 2, nullptr, 0, 1, 2, 3, "", 3 << 20}},
   };
-  const std::string payloads[] = {"", std::string(MOST_PAYLOAD_BYTES, 'p'), "end"};
+  const std::string payloads[] = {"", std::string(MAX_PAYLOAD_BYTES, 'p'), "end"};
   std::vector<std::string> expected;
   for (const Sync sync : {Sync::always, Sync::batch, Sync::none}) {
     fs::remove(path_);
@@ -22,7 +22,7 @@ TEST_F(JournalTest, RecordsComeBackAsTheyWereAppended) {
       const auto journal = round == 0 ? std::make_unique<Journal>(path_, GENERATION, sync)
                                       : std::make_unique<Journal>(path_, read_journal(path_).result.place, sync);
       for (const std::string &payload : payloads) {
-        for (const Written &one : written) {
+        for (const RecordWithBytes &one : written) {
           journal->append(one.get());
           expected.push_back(text_of_record(one.get()));
         }
@@ -31,16 +31,16 @@ TEST_F(JournalTest, RecordsComeBackAsTheyWereAppended) {
         EXPECT_EQ(journal->failure(ticket), "");
       }
       journal->commit("nothing but a mark");
-      EXPECT_THROW(journal->commit(std::string(MOST_PAYLOAD_BYTES + 1, 'p')), std::length_error);
+      EXPECT_THROW(journal->commit(std::string(MAX_PAYLOAD_BYTES + 1, 'p')), std::length_error);
       journal->append(small_record(1).get());
       if (round == 0) journal->close();
     }
-    const Read read = read_journal(path_);
+    const JournalContent read = read_journal(path_);
     EXPECT_EQ(read.records, expected);
     EXPECT_THAT(read.payloads, ElementsAre(payloads[0], payloads[1], payloads[2], "nothing but a mark", payloads[0],
                                            payloads[1], payloads[2], "nothing but a mark"));
     EXPECT_EQ(read.result.end, JournalEnd::clean);
-    EXPECT_TRUE(read.result.closed);
+    EXPECT_TRUE(read.result.is_closed);
     EXPECT_EQ(read.result.place.generation, GENERATION);
     EXPECT_EQ(read.result.place.next_sequence, 1 + 30 + 8 + 4u) << "records, commit marks, and those of two writers";
   }
@@ -50,8 +50,8 @@ TEST_F(JournalTest, RecordsComeBackAsTheyWereAppended) {
 TEST_F(JournalTest, RecordThatCannotBeTakenRefusesItsBatch) {
   Journal journal(path_, GENERATION, Sync::batch);
   const uint64_t good = commit_batch(journal, 1);
-  Written too_long = small_record(1);
-  too_long.name.assign(MOST_NAME_BYTES + 1, 'n');
+  RecordWithBytes too_long = small_record(1);
+  too_long.name.assign(MAX_NAME_BYTES + 1, 'n');
   journal.append(too_long.get());
   const uint64_t bad = commit_batch(journal, 2), behind = commit_batch(journal, 3);
   journal.wait(behind);
@@ -105,26 +105,20 @@ TEST_F(JournalTest, EveryByteThatChangesIsFoundAndTold) {
       std::string bytes = layout.bytes.substr(0, size);
       bytes[at] = static_cast<char>(bytes[at] ^ (1 << (at % 8)));
       write_file(path_, bytes);
-      const Read read = read_journal(path_);
+      const JournalContent read = read_journal(path_);
       if (at < sizeof(JournalHead)) {
-        EXPECT_THAT(read.error, StartsWith(path_ + ": byte 0: "));
+        EXPECT_EQ(read.result.end, JournalEnd::damaged);
+        EXPECT_THAT(read.result.fault, StartsWith(path_ + ": byte 0: "));
         continue;
       }
       const size_t begin = layout.begins[count_up_to(layout.begins, at) - 1];
       const size_t n_ahead = count_up_to(layout.batch_ends, begin);
       EXPECT_EQ(read.payloads.size(), n_ahead);
-      if (begin >= proven) {
-        EXPECT_EQ(read.result.end, JournalEnd::torn);
-        EXPECT_THAT(read.result.what, StartsWith(fmt::format("{}: byte {}: ", path_, begin)));
-        continue;
-      }
-      EXPECT_THAT(read.error, StartsWith(fmt::format("{}: byte {}: ", path_, begin)));
-      const Read salvaged = read_journal(path_, true);
-      EXPECT_EQ(salvaged.result.end, JournalEnd::damaged);
-      EXPECT_EQ(salvaged.payloads.size(), n_ahead);
-      EXPECT_THAT(salvaged.result.what,
-                  HasSubstr(fmt::format("; {} bytes from byte {} on are lost", salvaged.result.bytes_cut,
-                                        size - salvaged.result.bytes_cut)));
+      EXPECT_THAT(read.result.fault, StartsWith(fmt::format("{}: byte {}: ", path_, begin)));
+      EXPECT_EQ(read.result.end, begin < proven ? JournalEnd::damaged : JournalEnd::torn);
+      EXPECT_EQ(read.result.warning(),
+                fmt::format("{}; {} bytes from byte {} on are {}", read.result.fault, read.result.bytes_cut,
+                            size - read.result.bytes_cut, begin < proven ? "lost" : "cut"));
     }
   }
 }
@@ -135,9 +129,9 @@ TEST_F(JournalTest, EveryLengthThatACrashLeavesIsReadUpToItsLastMark) {
   for (size_t size = 0; size <= layout.bytes.size(); ++size) {
     SCOPED_TRACE(size);
     write_file(path_, layout.bytes.substr(0, size));
-    const Read read = read_journal(path_);
+    const JournalContent read = read_journal(path_);
     if (size < sizeof(JournalHead)) {
-      EXPECT_THAT(read.error, HasSubstr("ends ahead of the head"));
+      EXPECT_THAT(read.result.fault, HasSubstr("shorter than the head"));
       continue;
     }
     const size_t n_batches = count_up_to(layout.batch_ends, size);
@@ -148,7 +142,7 @@ TEST_F(JournalTest, EveryLengthThatACrashLeavesIsReadUpToItsLastMark) {
     EXPECT_EQ(read.payloads.size(), n_batches);
     EXPECT_EQ(read.result.place.position, place);
     EXPECT_EQ(read.result.end, size == place ? JournalEnd::clean : JournalEnd::torn);
-    EXPECT_EQ(read.result.closed, size == layout.bytes.size());
+    EXPECT_EQ(read.result.is_closed, size == layout.bytes.size());
   }
 }
 
@@ -173,8 +167,8 @@ TEST_F(JournalTest, TailThatNoSyncReachedMayHaveHoles) {
     }
     bytes.replace(hole_at + 10, 512, 512, '\0');
     write_file(path_, bytes);
-    const Read read = read_journal(path_, true);
-    EXPECT_EQ(read.result.end, row.end) << read.result.what;
+    const JournalContent read = read_journal(path_);
+    EXPECT_EQ(read.result.end, row.end) << read.result.fault;
     EXPECT_THAT(read.payloads, ElementsAre(payload_of(2)));
     // A writer goes on there, and what stood behind the hole does not come back.
     Journal journal(path_, read.result.place, row.sync);
@@ -191,7 +185,7 @@ TEST_F(JournalTest, BytesOfAJournalWithinARecordAreNoMarks) {
   std::string bytes;
   {
     Journal journal(path_, GENERATION, Sync::none);
-    Written record = small_record(1);
+    RecordWithBytes record = small_record(1);
     record.bytes = std::string(sizeof(RedoHead), 'x') + stored;
     journal.append(record.get());
     journal.wait(journal.commit(""));
@@ -208,20 +202,20 @@ TEST_F(JournalTest, OrderOfEntriesIsPartOfTheFormat) {
     const char *fault, *what;
     uint64_t skipped;
     EntryKind mark;
-  } rows[] = {{"entries are missing", "sequence 5 in place of 2", 3, EntryKind::commit},
+  } rows[] = {{"entries are missing", "sequence 5, expected 2", 3, EntryKind::commit},
               {"batch ends without its mark", "a mark within a batch", 0, EntryKind::opened}};
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);
     const JournalHead head = make_head(GENERATION);
     std::string bytes(reinterpret_cast<const char *>(&head), sizeof head);
-    JournalPlace place = behind_head(GENERATION);
+    JournalPlace place = place_after_head(GENERATION);
     add_mark(bytes, place, EntryKind::opened, place.position, "");
     place.next_sequence += row.skipped;
     add_redo(bytes, place, small_record(1).get());
     add_mark(bytes, place, row.mark, sizeof head, "");
     write_file(path_, bytes);
-    const Read read = read_journal(path_);
-    EXPECT_THAT(read.result.what, HasSubstr(row.what));
+    const JournalContent read = read_journal(path_);
+    EXPECT_THAT(read.result.fault, HasSubstr(row.what));
     EXPECT_EQ(read.result.place.position, sizeof(JournalHead) + sizeof(MarkHead));
     EXPECT_EQ(read.payloads.size(), 0u);
   }

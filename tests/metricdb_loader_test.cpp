@@ -23,10 +23,10 @@ TEST(Loader, RandomLinesOfAFewSources) {
 }
 
 TEST(Loader, SkipsMalformedLinesAsAWhole) {
-  const std::string long_field(Store::LONGEST_KEY - 1, 'f');  // one byte too many with "m "
+  const std::string long_field(Store::MAX_KEY_BYTES - 1, 'f');  // one byte too many with "m "
   Store store;
   std::vector<std::string> messages;
-  Loader loader(store, Loader::WhenFull::stop, [&](uint64_t line, const std::string &reason) {
+  Loader loader(store, Loader::OnFull::stop, [&](uint64_t line, const std::string &reason) {
     messages.push_back(fmt::format("{}: {}", line, reason));
   });
   loader.load("# a comment\r\n\r\nm a=1,s=\"x\" 1\r\nm a=2,b=3,load 2\nm a=4,b=\"y\n m a=5,b=6\nm a=7," + long_field +
@@ -97,7 +97,7 @@ TEST(Check, FindsWhatDiffers) {
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);
-    Store store({.retain_ns = row.retain_ns});
+    Store store({.forgetting = {.retain_ns = row.retain_ns}});
     load(store, row.stored);
     const Check check = checked(store, row.text, row.retain_ns == 0 ? 0 : 10);
     expect_checked(check, row.n_matching, row.n_differences, row.first);

@@ -17,12 +17,12 @@ TEST_F(Writer, ComesBackAsIfItHadNeverBeenClosed) {
   constexpr int N_BATCHES = 80;
   static const struct {
     const char *what;
-    StoreConfig forgetting;
+    StoreConfig config;
   } rows[] = {
       {"everything stays", {}},
-      {"retention and idleness", {.retain_ns = 2500, .idle_ns = 300}},
-      {"reuse of inactive series", {.idle_ns = 300, .reuse_inactive_pct = 20}},
-      {"an older layout", {.retain_ns = 2500, .idle_ns = 300, .layout = OLDEST_LAYOUT}},
+      {"retention and idleness", {.forgetting = {.retain_ns = 2500, .idle_ns = 300}}},
+      {"reuse of inactive series", {.forgetting = {.idle_ns = 300, .reuse_inactive_pct = 20}}},
+      {"an older layout", {.forgetting = {.retain_ns = 2500, .idle_ns = 300}, .layout = OLDEST_LAYOUT}},
   };
   static const struct {
     uint64_t snapshot_bytes;
@@ -33,7 +33,7 @@ TEST_F(Writer, ComesBackAsIfItHadNeverBeenClosed) {
       SCOPED_TRACE(fmt::format("{}, {} batches to a writer, a snapshot behind {} bytes", row.what,
                                session.batches_of_a_writer, session.snapshot_bytes));
       fs::remove_all(db());
-      StoreConfig config = row.forgetting;
+      StoreConfig config = row.config;
       config.key_slot_bytes = 256;
       config.point_slot_bytes = 4096;
       config.points_per_sweep = 70;
@@ -43,7 +43,7 @@ TEST_F(Writer, ComesBackAsIfItHadNeverBeenClosed) {
         const auto batches = numbers_from(number, number + session.batches_of_a_writer);
         {
           DatabaseWriter writer(db(), {.snapshot_bytes = session.snapshot_bytes});
-          EXPECT_EQ(writer.found(), "");
+          EXPECT_EQ(writer.warnings(), "");
           ASSERT_EQ(records_of(writer.store()), records_of(straight)) << "batch " << number;
           ASSERT_EQ(figures_of(writer.store()), figures_of(straight)) << "batch " << number;
           ASSERT_EQ(lists_in(writer.store()), lists_in(straight)) << "batch " << number;
@@ -51,7 +51,7 @@ TEST_F(Writer, ComesBackAsIfItHadNeverBeenClosed) {
         }
         for (const int batch : batches) load(straight, batch_text(batch));
       }
-      EXPECT_EQ(reopened().stored.generation > 1, session.snapshot_bytes != 0);
+      EXPECT_EQ(reopened().generation.number > 1, session.snapshot_bytes != 0);
       EXPECT_EQ(records_of(reopened().store), records_of(straight));
     }
   }
@@ -59,7 +59,7 @@ TEST_F(Writer, ComesBackAsIfItHadNeverBeenClosed) {
 
 // It changes the roots of the catalogue's lists, which the array does not log; here nothing else in the batch does.
 TEST_F(Writer, ASeriesThatReturnsIsOffTheInactiveList) {
-  create({.idle_ns = 10, .points_per_sweep = 1});
+  create({.forgetting = {.idle_ns = 10}, .points_per_sweep = 1});
   for (const char *text : {"a f=1 0\n", "b f=1 50\n", "a f=2 51\n"}) {
     DatabaseWriter writer(db(), {});
     EXPECT_EQ(put(writer, text), "");
@@ -69,17 +69,17 @@ TEST_F(Writer, ASeriesThatReturnsIsOffTheInactiveList) {
 }
 
 TEST_F(Writer, OptionsAreKeptWithTheDatabase) {
-  { DatabaseWriter writer(db(), {.retain_ns = 25, .idle_ns = 5}); }
-  { DatabaseWriter writer(db(), {.idle_ns = 7}); }
+  { DatabaseWriter writer(db(), {.forgetting = {.retain_ns = 25, .idle_ns = 5}}); }
+  { DatabaseWriter writer(db(), {.forgetting = {.idle_ns = 7}}); }
   DatabaseWriter writer(db(), {});
-  EXPECT_EQ(writer.store().config().retain_ns, 25);
-  EXPECT_EQ(writer.store().config().idle_ns, 7);
+  EXPECT_EQ(writer.store().config().forgetting.retain_ns, 25);
+  EXPECT_EQ(writer.store().config().forgetting.idle_ns, 7);
 }
 
 TEST_F(Writer, MalformedLinesAreToldAndTheRestIsThereOnceItIsCommitted) {
   {
     DatabaseWriter writer(db(), {});
-    const Taken taken = writer.take("m f=1 1\nnonsense\nm f=2 2\n= \n", Precision::ns);
+    const IngestResult taken = writer.take("m f=1 1\nnonsense\nm f=2 2\n= \n", Precision::ns);
     EXPECT_EQ(taken.points, 2u);
     EXPECT_EQ(taken.malformed, 2u);
     EXPECT_EQ(taken.first_reason, "line 2: no fields");
@@ -115,7 +115,7 @@ TEST_F(Writer, AFullStoreRefusesLinesThatItHasNoRoomFor) {
   for (int i = 0; i < 254; ++i) text += fmt::format("measurement,number={:010} field=1 5\n", i);
   EXPECT_EQ(writer.take(text, Precision::ns).malformed, 0u);
   // Room for one key more: a known field beside two new ones, then a known series, then one new one.
-  const Taken taken = writer.take(
+  const IngestResult taken = writer.take(
       "measurement,number=0000000001 field=2,new=3,newer=4 6\n"
       "measurement,number=0000000002 field=5 6\n"
       "measurement,number=0000000003 other=1 6\n",
@@ -183,13 +183,13 @@ TEST_F(Writer, AFailureAnywhereRefusesABatchAndLosesNothing) {
 
 TEST_F(Writer, AnOlderLayoutIsMadeOfTheNewerOneForGood) {
   {
-    DatabaseWriter writer(db(), {.retain_ns = 2500, .idle_ns = 300});
+    DatabaseWriter writer(db(), {.forgetting = {.retain_ns = 2500, .idle_ns = 300}});
     for (const int number : numbers_from(0, 100)) ASSERT_EQ(put(writer, batch_text(number)), "");
     // Sweeps come later by themselves: the conversion has to meet free slots and inactive ones.
     writer.snapshot();
   }
   {
-    Opened opened = reopened();
+    LoadedDatabase opened = reopened();
     opened.store.sweep();
     ASSERT_GT(lists_of(opened.store.catalogue())->n_free, 0u);
     ASSERT_GT(opened.store.n_inactive(), 0u);
@@ -204,9 +204,9 @@ TEST_F(Writer, AnOlderLayoutIsMadeOfTheNewerOneForGood) {
     for (const int number : numbers_from(100, 140)) ASSERT_EQ(put(writer, batch_text(number)), "");
   }
   // From now on it has that layout, whoever opens it; and there is no way back.
-  Opened opened = reopened();
-  EXPECT_EQ(opened.stored.layout, OLDEST_LAYOUT);
-  Store straight({.retain_ns = 2500, .idle_ns = 300});
+  LoadedDatabase opened = reopened();
+  EXPECT_EQ(opened.generation.layout, OLDEST_LAYOUT);
+  Store straight({.forgetting = {.retain_ns = 2500, .idle_ns = 300}});
   for (const int number : numbers_from(0, 140)) load(straight, batch_text(number));
   for (Store *store : {&opened.store, &straight}) store->sweep();
   EXPECT_EQ(content_of(opened.store), content_of(straight));
@@ -227,7 +227,7 @@ TEST_F(Writer, DamageIsRefusedByItsPlaceAndSalvagedUpToIt) {
   uint64_t n_points;
   {
     DatabaseWriter writer(db(), {.salvage = true});
-    EXPECT_THAT(writer.found(), HasSubstr(journal.string() + ": byte "));
+    EXPECT_THAT(writer.warnings(), HasSubstr(journal.string() + ": byte "));
     n_points = writer.store().n_points();
     EXPECT_GT(n_points, 0u);
     EXPECT_LT(n_points, 20u * 120);
@@ -241,14 +241,14 @@ TEST_F(Writer, DamageIsRefusedByItsPlaceAndSalvagedUpToIt) {
   write_file(last, read_file(last) + "torn");
   {
     DatabaseWriter writer(db(), {});
-    EXPECT_THAT(writer.found(), HasSubstr(last.string() + ": "));
+    EXPECT_THAT(writer.warnings(), HasSubstr(last.string() + ": "));
     EXPECT_EQ(records_of(writer.store()), salvaged);
   }
-  EXPECT_EQ(reopened().stored.generation, 2u) << "a torn end costs a whole generation";
+  EXPECT_EQ(reopened().generation.number, 2u) << "a torn end costs a whole generation";
 
   // A head that cannot be read leaves the generation; and a generation that is gone leaves nothing to go on from.
   write_file(last, "x" + read_file(last).substr(1));
-  EXPECT_THROW(reopened(), JournalDamaged);
+  EXPECT_THROW(reopened(), DatabaseError);
   EXPECT_EQ(Database(db(), Database::Use::read).open({.salvage = true}).store.n_series(), salvaged.size());
   fs::remove_all(fs::path(db()) / "generation.2");
   EXPECT_THROW(DatabaseWriter(db(), {}), DatabaseError);

@@ -29,7 +29,7 @@ void append_series(const Store &store, uint32_t series, std::string &text) {
 }  // namespace
 
 int export_points(const SeriesArguments &arguments) {
-  const Opened opened = open_to_read(arguments.db, arguments.salvage);
+  const LoadedDatabase opened = open_to_read(arguments.db, arguments.salvage);
   const Store &store = opened.store;
   std::string text;
   for (uint32_t series = 0; series < store.n_slots(); ++series)

@@ -54,7 +54,7 @@ class Ingestion {
   void take(const LineSource &source, std::string_view text) {
     count_long_lines(source);
     const uint64_t first_line = n_lines_ + 1;
-    Taken taken;
+    IngestResult taken;
     try {
       taken = writer_.take(text, precision_);
     } catch (const IngestRefused &refused) {
@@ -111,7 +111,7 @@ class Ingestion {
 
 int ingest(const IngestArguments &arguments) {
   DatabaseWriter writer(arguments.write.db, writer_options_of(arguments.write));
-  tell_found(writer.found());
+  report_warnings(writer.warnings());
   Ingestion ingestion(writer, arguments);
   const auto begin = std::chrono::steady_clock::now();
   for (const std::string &path : arguments.files) ingestion.take_all_of(path);

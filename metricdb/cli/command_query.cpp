@@ -38,7 +38,7 @@ std::string text_of(const std::string &format, const Asked &asked, const std::ve
 
 int query(const QueryArguments &arguments) {
   const Query query = query_of(arguments);
-  const Opened opened = open_to_read(arguments.db, arguments.salvage);
+  const LoadedDatabase opened = open_to_read(arguments.db, arguments.salvage);
   const std::optional<uint32_t> series = opened.store.find(arguments.key);
   if (!series) throw DatabaseError(fmt::format("{}: holds no series \"{}\"", arguments.db, arguments.key));
   TimeRange range;

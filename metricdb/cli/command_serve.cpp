@@ -75,7 +75,7 @@ int serve(const ServeArguments &arguments) {
   if (!arguments.influx_port && !arguments.graphite_port)
     throw std::runtime_error("nothing to serve: give --influx, --graphite or both");
   DatabaseWriter writer(arguments.write.db, writer_options_of(arguments.write));
-  tell_found(writer.found());
+  report_warnings(writer.warnings());
   ServerOptions options;
   options.address = arguments.address;
   options.influx_port = arguments.influx_port;

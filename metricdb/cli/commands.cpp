@@ -37,7 +37,7 @@ unsigned long long printable(uint64_t number) {
 }
 
 bool checks_out(const Store &store, std::vector<Input> &inputs, Precision precision, int64_t now_ns) {
-  const int64_t retain_ns = store.config().retain_ns;
+  const int64_t retain_ns = store.config().forgetting.retain_ns;
   Check check(store, precision, now_ns, retain_ns);
   for (size_t i = 0; retain_ns != 0 && i < inputs.size(); ++i) {
     check.find_newest(inputs[i].text());
@@ -66,7 +66,7 @@ int64_t library_now_ns() {
 
 // Which series gave way follows from the policy and the moments of the sweeps, and the check knows neither.
 void expect_checkable(const StoreConfig &config, const char *what) {
-  if (config.reuse_inactive_pct != 0)
+  if (config.forgetting.reuse_inactive_pct != 0)
     throw std::runtime_error(
         fmt::format("{} cannot tell which series --reuse-inactive-pct gives away: use one of them", what));
 }
@@ -114,26 +114,24 @@ class Load {
       store_.emplace(database_->open().store);
     }
     StoreConfig config = continues ? store_->config() : StoreConfig();
-    if (arguments_.retain_s) config.retain_ns = *arguments_.retain_s * NS_PER_S;
-    if (arguments_.idle_s) config.idle_ns = *arguments_.idle_s * NS_PER_S;
-    if (arguments_.reuse_inactive_pct) config.reuse_inactive_pct = static_cast<uint8_t>(*arguments_.reuse_inactive_pct);
+    config.forgetting = arguments_.forgetting.applied_to(config.forgetting);
     if (arguments_.check) expect_checkable(config, "--check");
-    if (config.reuse_inactive_pct != 0 && config.idle_ns == 0)
+    if (config.forgetting.reuse_inactive_pct != 0 && config.forgetting.idle_ns == 0)
       throw std::runtime_error("--reuse-inactive-pct needs --idle: without it no series is inactive");
     if (continues) {
-      store_->forget_by(config.retain_ns, config.idle_ns, config.reuse_inactive_pct);
+      store_->set_forgetting(config.forgetting);
       return;
     }
     if (arguments_.store == STORE_NAMES[1]) {
       block_files_.emplace(*database_);
-      block_files_->take_block_files();
+      block_files_->set_block_file_path();
       config.mem_type = MPOOL_TYPE_SHM;
     }
     store_.emplace(config);
   }
 
   void load_inputs() {
-    Loader loader(*store_, Loader::WhenFull::stop, [this](uint64_t line, const std::string &reason) {
+    Loader loader(*store_, Loader::OnFull::stop, [this](uint64_t line, const std::string &reason) {
       const std::string message = fmt::format("{}:{}: {}; line skipped", name_, lines_before_ + line, reason);
       complain(message);
       TSLB_DLOG(LOG_DETAILS, "%s", message.c_str());
@@ -206,14 +204,13 @@ class Load {
 template <class Write>
 void write_generation(const Database &database, Write write) {
   const Clock::time_point begin = Clock::now();
-  const Stored stored = write();
+  const GenerationInfo stored = write();
   const double seconds = seconds_of(Clock::now() - begin);
   const double mega_bytes = static_cast<double>(stored.bytes()) / 1e6;
   TSLB_DLOG(LOG_PROGRESS, "%s: generation %llu written, store %s, %llu bytes, %.3f s", database.folder().c_str(),
-            printable(stored.generation), STORE_NAMES[static_cast<int>(stored.kind)], printable(stored.bytes()),
-            seconds);
+            printable(stored.number), STORE_NAMES[static_cast<int>(stored.kind)], printable(stored.bytes()), seconds);
   print(fmt::format("kept in          {}: generation {}, store {}, {} bytes, {:.3f} s ({:.0f} MB/s)\n",
-                    database.folder(), stored.generation, STORE_NAMES[static_cast<int>(stored.kind)], stored.bytes(),
+                    database.folder(), stored.number, STORE_NAMES[static_cast<int>(stored.kind)], stored.bytes(),
                     seconds, seconds > 0.0 ? mega_bytes / seconds : 0.0));
 }
 
@@ -235,7 +232,7 @@ int load(const LoadArguments &arguments) {
 }
 
 int check(const CheckArguments &arguments) {
-  const Opened opened = Database(arguments.db, Database::Use::read).open();
+  const LoadedDatabase opened = Database(arguments.db, Database::Use::read).open();
   expect_checkable(opened.store.config(), "check");
   std::vector<Input> inputs(arguments.files.begin(), arguments.files.end());
   const bool is_same = checks_out(opened.store, inputs, precision_of(arguments.precision), library_now_ns());
@@ -247,17 +244,17 @@ int snapshot(const SnapshotArguments &arguments) {
   OpenOptions options;
   options.salvage = arguments.salvage;
   if (arguments.layout) options.layout = static_cast<uint8_t>(*arguments.layout);
-  const Opened opened = database.open(options);
-  tell_found(opened.found());
+  const LoadedDatabase opened = database.open(options);
+  report_warnings(opened.warnings());
   write_generation(database, [&] { return NewGeneration(database).write_streams(opened.store); });
   return EXIT_GOOD;
 }
 
 int stat(const VerifyArguments &arguments) {
   const Clock::time_point begin = Clock::now();
-  const Opened opened = open_to_read(arguments.db, arguments.salvage);
+  const LoadedDatabase opened = open_to_read(arguments.db, arguments.salvage);
   const double seconds = seconds_of(Clock::now() - begin);
-  print(database_summary(arguments.db, opened.store, opened.stored, seconds));
+  print(database_summary(arguments.db, opened.store, opened.generation, seconds));
   return EXIT_GOOD;
 }
 

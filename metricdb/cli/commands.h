@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "store/forgetting.h"
+
 namespace metricdb {
 
 inline constexpr int EXIT_GOOD = 0;
@@ -22,9 +24,7 @@ struct LoadArguments {
   std::string precision = "ns";
   std::string series_pattern;
   bool check = false;
-  std::optional<int64_t> retain_s;  // these three: as the database has it, or off
-  std::optional<int64_t> idle_s;
-  std::optional<int> reuse_inactive_pct;
+  ForgettingChange forgetting;
   std::string db;     // empty: the arrays are gone with the process
   std::string store;  // empty, `snapshot` or `shm`
 };
@@ -65,9 +65,7 @@ struct WriteArguments {
   uint64_t snapshot_mb = 256;  // 0: no snapshot but those asked for
   bool salvage = false;
   std::optional<int> layout;
-  std::optional<int64_t> retain_s;  // these three: as the database has it, or off
-  std::optional<int64_t> idle_s;
-  std::optional<int> reuse_inactive_pct;
+  ForgettingChange forgetting;
 };
 
 struct IngestArguments {

@@ -17,7 +17,7 @@
 namespace metricdb {
 namespace {
 
-constexpr int64_t LONGEST_S = INT64_MAX / NS_PER_S;
+constexpr int64_t MAX_SECONDS = INT64_MAX / NS_PER_S;
 constexpr size_t LONGEST_LOG_NAME = 1000;  // the log adds process and version, and has room for 1,023 bytes
 constexpr int LOG_FILE_MIB = 10;
 
@@ -58,18 +58,23 @@ void add_db(CLI::App *command, std::string &db, const char *what) {
   command->add_option("--db", db, what)->required()->type_name("DIR");
 }
 
-void add_forgetting(CLI::App *command, std::optional<int64_t> &retain_s, std::optional<int64_t> &idle_s,
-                    std::optional<int> &reuse_inactive_pct) {
-  command->add_option("--retain", retain_s, "forget points that are more than this behind the newest of all series")
-      ->check(CLI::Range(int64_t{1}, LONGEST_S).description(""))
-      ->type_name("SECONDS");
-  command->add_option("--idle", idle_s, "make a series inactive that was not written for so long; it keeps its points")
-      ->check(CLI::Range(int64_t{1}, LONGEST_S).description(""))
-      ->type_name("SECONDS");
+void add_forgetting(CLI::App *command, ForgettingChange &change) {
+  const auto add_seconds = [command](const char *name, std::optional<int64_t> &ns, const char *what) {
+    command
+        ->add_option_function<int64_t>(
+            name, [&ns](int64_t seconds) { ns = seconds * NS_PER_S; }, what)
+        ->check(CLI::Range(int64_t{1}, MAX_SECONDS).description(""))
+        ->type_name("SECONDS");
+  };
+  add_seconds("--retain", change.retain_ns,
+              "forget points that are this much older than the newest point of all series");
+  add_seconds("--idle", change.idle_ns,
+              "make a series inactive if it was not written for this long; it keeps its points");
+  const auto set_percent = [&change](int percent) { change.reuse_inactive_pct = static_cast<uint8_t>(percent); };
   command
-      ->add_option("--reuse-inactive-pct", reuse_inactive_pct,
-                   "once so many percent of the slots are inactive, new series replace those\n"
-                   "inactive for longest; needs --idle")
+      ->add_option_function<int>("--reuse-inactive-pct", set_percent,
+                                 "when this percentage of the slots is inactive, new series replace the series\n"
+                                 "that have been inactive longest; needs --idle")
       ->check(CLI::Range(1, 100).description(""))
       ->type_name("PERCENT");
 }
@@ -92,7 +97,7 @@ CLI::App *add_load(CLI::App &app, LoadArguments &arguments) {
   command->add_flag("--check", arguments.check,
                     "read the inputs again and compare every point with the arrays;\n"
                     "goes with no --reuse-inactive-pct");
-  add_forgetting(command, arguments.retain_s, arguments.idle_s, arguments.reuse_inactive_pct);
+  add_forgetting(command, arguments.forgetting);
   command->footer(LOAD_FOOTER);
   return command;
 }
@@ -166,7 +171,7 @@ void add_write(CLI::App *command, WriteArguments &arguments) {
       ->check(CLI::Range(0, 1 << 20).description(""))
       ->capture_default_str()
       ->type_name("MIB");
-  add_forgetting(command, arguments.retain_s, arguments.idle_s, arguments.reuse_inactive_pct);
+  add_forgetting(command, arguments.forgetting);
   add_layout(command, arguments.layout);
   add_salvage(command, arguments.salvage);
 }

@@ -13,9 +13,9 @@ Precision precision_of(const std::string &unit);
 WriterOptions writer_options_of(const WriteArguments &arguments);
 
 // A database as it is now, to be read. What is not as it should be is told.
-Opened open_to_read(const std::string &db, bool salvage);
+LoadedDatabase open_to_read(const std::string &db, bool salvage);
 
 // What was found at an opening that is not as it should be, line by line, goes to stderr and the log.
-void tell_found(const std::string &lines);
+void report_warnings(const std::string &lines);
 
 }  // namespace metricdb

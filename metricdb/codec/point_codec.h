@@ -30,19 +30,19 @@
 
 namespace metricdb {
 
-inline constexpr size_t MOST_SEALED_POINTS = 65'535;
+inline constexpr size_t MAX_SEALED_POINTS = 65'535;
 
 // Upper bound of the bytes that n points take. Beyond the most bits of a point, one word: bits are written by words.
-constexpr size_t most_sealed_bytes(size_t n) {
+constexpr size_t max_sealed_bytes(size_t n) {
   constexpr size_t MOST_TIME_BITS = 1 + 4 + 64;
   constexpr size_t MOST_VALUE_BITS = 2 + 5 + 6 + 64;
   return (n * (MOST_TIME_BITS + MOST_VALUE_BITS) + 7) / 8 + sizeof(uint64_t);
 }
 
 // Seals the points that lie at `points`, 16 bytes each, at any address. Returns the bytes written to `out`, which has
-// room for most_sealed_bytes(n).
+// room for max_sealed_bytes(n).
 //
-// n  1 to MOST_SEALED_POINTS.
+// n  1 to MAX_SEALED_POINTS.
 size_t seal_points(const char *points, size_t n, char *out);
 
 // Which bits of a value are written in full: `lead` from the top are not, then `width` are. Of no width: none yet.

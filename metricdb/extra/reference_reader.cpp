@@ -13,7 +13,7 @@ namespace {
 
 struct Malformed {};
 
-constexpr size_t LONGEST_KEY = 65'534;
+constexpr size_t MAX_KEY_BYTES = 65'534;
 
 bool is_control(char byte) {
   return (byte >= 0 && byte < ' ') || byte == 0x7f;
@@ -164,7 +164,7 @@ std::vector<ReferencePoint> read_points(Bytes &bytes, int64_t ns_per_unit, int64
       continue;
     }
     const double value = value_of(bytes.take_word());
-    if (key.size() > LONGEST_KEY) throw Malformed();
+    if (key.size() > MAX_KEY_BYTES) throw Malformed();
     points.push_back({std::move(key), now_ns, value});
   } while (bytes.take_if(','));
   bytes.take_blanks();

@@ -13,7 +13,7 @@
 namespace metricdb {
 namespace {
 
-JournalPlace behind_mark(JournalPlace place) {
+JournalPlace place_after_mark(JournalPlace place) {
   return {place.generation, place.position + sizeof(MarkHead), place.next_sequence + 1};
 }
 
@@ -32,7 +32,7 @@ File make_file(const std::string &path, uint64_t generation) {
     const File file = File::create(aside);
     const JournalHead head = make_head(generation);
     file.write(std::string(reinterpret_cast<const char *>(&head), sizeof head) +
-               mark_at(behind_head(generation), EntryKind::opened));
+               mark_at(place_after_head(generation), EntryKind::opened));
     file.sync();
   }
   rename_file(aside, path);
@@ -55,10 +55,10 @@ File open_file(const std::string &path, const JournalPlace &place) {
 // ---- Beginning and end ---------------------------------------------------------------------------------------------
 
 Journal::Journal(const std::string &path, uint64_t generation, Sync sync)
-    : Journal(make_file(path, generation), behind_mark(behind_head(generation)), sync) {}
+    : Journal(make_file(path, generation), place_after_mark(place_after_head(generation)), sync) {}
 
 Journal::Journal(const std::string &path, const JournalPlace &place, Sync sync)
-    : Journal(open_file(path, place), behind_mark(place), sync) {}
+    : Journal(open_file(path, place), place_after_mark(place), sync) {}
 
 Journal::Journal(File file, const JournalPlace &place, Sync sync)
     : file_(std::move(file)),
@@ -95,17 +95,17 @@ void Journal::close() {
     file_.truncate(at);
     throw;
   }
-  file_.truncate(behind_mark(settled_place_).position);
+  file_.truncate(place_after_mark(settled_place_).position);
   file_.sync();
 }
 
 // ---- Batches -------------------------------------------------------------------------------------------------------
 
-void Journal::append(const RedoRecord &record) noexcept {
+void Journal::append(const redo_args_t &record) noexcept {
   const std::lock_guard guard(mutex_);
   if (closed_ || !failed_.empty() || !spoiled_.empty()) return;
   // Short enough for any string to hold without memory.
-  if (record.ctx_name.size() > MOST_NAME_BYTES || record.data_sz > MOST_DATA_BYTES) {
+  if (record.ctx_name_len > MAX_NAME_BYTES || record.data_sz > MAX_DATA_BYTES) {
     spoiled_ = "record too long";
     return;
   }
@@ -119,9 +119,9 @@ void Journal::append(const RedoRecord &record) noexcept {
 }
 
 uint64_t Journal::commit(std::string_view payload) {
-  if (payload.size() > MOST_PAYLOAD_BYTES) throw std::length_error("the payload of a commit mark is too long");
+  if (payload.size() > MAX_PAYLOAD_BYTES) throw std::length_error("the payload of a commit mark is too long");
   std::unique_lock lock(mutex_);
-  settled_moved_.wait(lock, [this] { return behind_bytes_ <= MOST_BEHIND_BYTES || !failed_.empty(); });
+  settled_moved_.wait(lock, [this] { return behind_bytes_ <= MAX_UNSETTLED_BYTES || !failed_.empty(); });
   make_room(payload.size());
   const uint64_t ticket = ++last_ticket_;
   if (failed_.empty()) {

@@ -36,7 +36,7 @@ enum class Sync {
 class Journal {
  public:
   // More committed bytes than these wait for the writer, and commit waits too.
-  static constexpr uint64_t MOST_BEHIND_BYTES = 64 << 20;
+  static constexpr uint64_t MAX_UNSETTLED_BYTES = 64 << 20;
 
   // A new file, which must not exist: it appears under its name with a whole head. Throws FileError, as the next.
   Journal(const std::string &path, uint64_t generation, Sync sync);
@@ -49,12 +49,12 @@ class Journal {
 
   // Takes a record into the batch, its bytes too. Waits for no disk and throws nothing, since the hook is called with
   // spin locks held and from code without exceptions: a record that cannot be taken (no memory, more than
-  // MOST_DATA_BYTES) makes its batch one that is refused. The batch is in memory until its commit, whatever its size.
+  // MAX_DATA_BYTES) makes its batch one that is refused. The batch is in memory until its commit, whatever its size.
   // Any thread.
-  void append(const RedoRecord &record) noexcept;
+  void append(const redo_args_t &record) noexcept;
 
-  // Ends the batch, which can be empty. `payload` goes with the commit mark: at most MOST_PAYLOAD_BYTES, or
-  // std::length_error. Returns the ticket at once, unless MOST_BEHIND_BYTES wait. Any thread.
+  // Ends the batch, which can be empty. `payload` goes with the commit mark: at most MAX_PAYLOAD_BYTES, or
+  // std::length_error. Returns the ticket at once, unless MAX_UNSETTLED_BYTES wait. Any thread.
   uint64_t commit(std::string_view payload);
 
   // The last ticket that is settled, as are all before it; 0 ahead of the first. Any thread.

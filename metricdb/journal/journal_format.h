@@ -34,6 +34,8 @@
 // a journal that was stored as data are not taken for an entry.
 #pragma once
 
+#include <tslb/redo_applier.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -95,42 +97,29 @@ static_assert(std::has_unique_object_representations_v<JournalHead> &&
 inline constexpr std::string_view JOURNAL_MAGIC = {"mdb\xB5jrn\n", 8};
 inline constexpr uint32_t JOURNAL_VERSION = 1;
 
-inline constexpr size_t MOST_NAME_BYTES = 255;
-inline constexpr uint32_t MOST_DATA_BYTES = 1u << 28;     // more than any slot of a pool that addresses can name
-inline constexpr uint32_t MOST_PAYLOAD_BYTES = 1u << 16;  // bounds the search for marks behind a fault
+inline constexpr size_t MAX_NAME_BYTES = 255;
+inline constexpr uint32_t MAX_DATA_BYTES = 1u << 28;     // more than any slot of a pool that addresses can name
+inline constexpr uint32_t MAX_PAYLOAD_BYTES = 1u << 16;  // bounds the search for marks behind a fault
 
-// A redo record as the hook gets it, with its bytes.
-struct RedoRecord {
-  uint64_t txn_id;
-  char rec_type;
-  std::string_view ctx_name;
-  uint32_t tbl_id;
-  uint64_t data_off;
-  uint32_t aux_idx;
-  const void *data_ptr;  // null: no bytes, whatever data_sz is
-  uint32_t data_sz;
-};
-
-// Where a journal goes on: behind its last mark.
+// The place after the last mark, where a writer continues.
 struct JournalPlace {
   uint64_t generation = 0;
   uint64_t position = 0;
   uint64_t next_sequence = 0;
 };
 
-// Where a file's first entry goes.
-inline JournalPlace behind_head(uint64_t generation) {
+// The place of the first entry of a file.
+inline JournalPlace place_after_head(uint64_t generation) {
   return {generation, sizeof(JournalHead), 1};
 }
 
 JournalHead make_head(uint64_t generation);
 
-// Put an entry behind `to`, and move `place` behind it. The record's name and bytes are within their limits, and so is
-// the payload.
-void add_redo(std::string &to, JournalPlace &place, const RedoRecord &record);
+// Append an entry to `to` and move `place` to its end. The record's name and data and the payload are within the limits.
+void add_redo(std::string &to, JournalPlace &place, const redo_args_t &record);
 void add_mark(std::string &to, JournalPlace &place, EntryKind kind, uint64_t durable, std::string_view payload);
 
-// The checksum of a whole entry that lies at `position`.
+// Returns the checksum of a complete entry at `position`.
 uint32_t sum_of_entry(uint64_t generation, uint64_t position, std::string_view entry);
 
 }  // namespace metricdb

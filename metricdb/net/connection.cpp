@@ -30,8 +30,8 @@ bool is_for_now(int error) {
 
 }  // namespace
 
-Taken Hub::take(std::string_view text, Precision precision) {
-  Taken taken;
+IngestResult Hub::take(std::string_view text, Precision precision) {
+  IngestResult taken;
   try {
     taken = ingest.take(text, precision);
   } catch (const IngestRefused &) {

@@ -37,7 +37,7 @@ struct Hub {
   Hub(const ServerOptions &given, Ingest &to) : options(given), ingest(to), blocks(given.max_buffered_bytes) {}
 
   // Hands lines to the Ingest and counts. Throws IngestRefused.
-  Taken take(std::string_view text, Precision precision);
+  IngestResult take(std::string_view text, Precision precision);
 
   const ServerOptions options;
   Ingest &ingest;

@@ -33,7 +33,7 @@ void GraphiteConnection::take_lines(std::string_view lines) {
   const std::string &text = converter_.text();
   if (text.empty()) return;
   try {
-    const Taken taken = hub().take(text, Precision::ns);
+    const IngestResult taken = hub().take(text, Precision::ns);
     count_malformed(taken.malformed, taken.first_reason);
     if (taken.points != 0) owe({OPEN_TICKET, text.size(), {}});
   } catch (const IngestRefused &refusal) {

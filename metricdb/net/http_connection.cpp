@@ -53,7 +53,7 @@ void HttpConnection::write(const WriteRequest &request) {
 
 void HttpConnection::write_lines(std::string_view lines, Precision precision) {
   try {
-    const Taken taken = hub().take(lines, precision);
+    const IngestResult taken = hub().take(lines, precision);
     // What left no point needs no batch to wait for.
     owe_answer(answer_to(taken), taken.points == 0 ? 0 : OPEN_TICKET, taken.points == 0 ? 0 : lines.size());
   } catch (const IngestRefused &refusal) {

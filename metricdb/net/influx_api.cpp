@@ -138,7 +138,7 @@ HttpAnswer error_answer(http_status status, std::string reason) {
   return answer;
 }
 
-HttpAnswer answer_to(const Taken &taken) {
+HttpAnswer answer_to(const IngestResult &taken) {
   if (taken.malformed == 0) return {};
   return error_answer(HTTP_STATUS_BAD_REQUEST,
                       fmt::format("partial write: {} dropped={}", taken.first_reason, taken.malformed));

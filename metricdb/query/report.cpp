@@ -71,10 +71,6 @@ Row row_of(const Store &store, uint32_t series) {
           sparkline(values) + (store.is_inactive(series) ? "  inactive" : "")};
 }
 
-bool forgets(const StoreConfig &config) {
-  return config.retain_ns != 0 || config.idle_ns != 0;
-}
-
 std::string swept(const char *name, const PoolSweep &pool, uint64_t slots_in_all) {
   return fmt::format(
       "{:<17}{} memory slots came back in all; the last sweep: {} free before it, {} after, {} bytes used, {} of them "
@@ -83,7 +79,7 @@ std::string swept(const char *name, const PoolSweep &pool, uint64_t slots_in_all
 }
 
 std::string forgetting(const Store &store, uint64_t n_visible, const Sweep &last) {
-  const Forgotten &gone = store.forgotten();
+  const ForgetCounts &gone = store.forgotten();
   std::string text =
       fmt::format("visible points   {}, and {} hidden beside them\n", n_visible, store.n_points() - n_visible);
   text += fmt::format("forgotten        {} points in {} chunks, {} that came too late; {} series aged, {} reused\n",
@@ -190,27 +186,28 @@ std::string load_summary(const Store &store, const LoadStats &stats, const Sweep
   const auto out = std::back_inserter(text);
   fmt::format_to(out, "lines            {}\n", stats.lines);
   fmt::format_to(out, "series           {}{}\n", store.n_series(),
-                 store.config().idle_ns != 0 ? fmt::format(", {} inactive", store.n_inactive()) : "");
+                 store.config().forgetting.idle_ns != 0 ? fmt::format(", {} inactive", store.n_inactive()) : "");
   fmt::format_to(out, "points           {}\n", stats.points);
   fmt::format_to(out, "strings skipped  {}\n", stats.strings_skipped);
   fmt::format_to(out, "malformed lines  {}\n", stats.malformed);
   fmt::format_to(out, "bytes per point  {:.2f} in use, {:.2f} reserved\n",
                  static_cast<double>(store.bytes_in_use()) / n_points,
                  static_cast<double>(store.bytes_reserved()) / n_points);
-  if (forgets(store.config())) text += forgetting(store, n_visible, last);
+  if (store.config().forgetting.is_by_sweeps()) text += forgetting(store, n_visible, last);
   fmt::format_to(out, "points per s     {:.0f} ({:.3f} s without reading the inputs)\n",
                  seconds > 0.0 ? static_cast<double>(stats.points) / seconds : 0.0, seconds);
   return text + headers_of(store);
 }
 
-std::string database_summary(const std::string &folder, const Store &store, const Stored &stored, double seconds) {
+std::string database_summary(const std::string &folder, const Store &store, const GenerationInfo &stored,
+                             double seconds) {
   const Span span = span_of(store);
   const double n_points = static_cast<double>(std::max<uint64_t>(span.n_visible, 1));
-  const Forgotten &gone = store.forgotten();
+  const ForgetCounts &gone = store.forgotten();
   std::string text;
   const auto out = std::back_inserter(text);
   fmt::format_to(out, "database         {}: generation {}, store {}, opened and checked in {:.3f} s\n", folder,
-                 stored.generation, STORE_NAMES[static_cast<int>(stored.kind)], seconds);
+                 stored.number, STORE_NAMES[static_cast<int>(stored.kind)], seconds);
   fmt::format_to(out, "series           {}, {} inactive\n", store.n_series(), store.n_inactive());
   fmt::format_to(out, "visible points   {}, and {} hidden beside them\n", span.n_visible,
                  store.n_points() - span.n_visible);

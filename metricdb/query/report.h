@@ -25,6 +25,7 @@ std::string load_summary(const Store &store, const LoadStats &stats, const Sweep
 
 // What a database holds: where, in which generation, series and points, what was forgotten, and for each array its
 // sizes and its headers. `seconds` is the time that opening took, checks included.
-std::string database_summary(const std::string &folder, const Store &store, const Stored &stored, double seconds);
+std::string database_summary(const std::string &folder, const Store &store, const GenerationInfo &stored,
+                             double seconds);
 
 }  // namespace metricdb

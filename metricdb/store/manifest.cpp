@@ -26,9 +26,9 @@ void for_each_figure(Config &config, State &state, Field field) {
   field("layout", config.layout, OLDEST_LAYOUT, NEWEST_LAYOUT);
   field("key_slot_bytes", config.key_slot_bytes, 1, LARGEST_SLOT_BYTES);
   field("point_slot_bytes", config.point_slot_bytes, 1, LARGEST_SLOT_BYTES);
-  field("retain_ns", config.retain_ns, int64_t{0}, LATEST);
-  field("idle_ns", config.idle_ns, int64_t{0}, LATEST);
-  field("reuse_inactive_pct", config.reuse_inactive_pct, uint8_t{0}, uint8_t{100});
+  field("retain_ns", config.forgetting.retain_ns, int64_t{0}, LATEST);
+  field("idle_ns", config.forgetting.idle_ns, int64_t{0}, LATEST);
+  field("reuse_inactive_pct", config.forgetting.reuse_inactive_pct, uint8_t{0}, uint8_t{100});
   field("points_per_sweep", config.points_per_sweep, uint32_t{0}, std::numeric_limits<uint32_t>::max());
   field("series", state.n_series, uint64_t{0}, MOST);
   field("points", state.n_points, uint64_t{0}, MOST);

@@ -33,8 +33,6 @@ inline constexpr uint8_t NEWEST_LAYOUT = 1;
 inline constexpr uint8_t SERIES_READY = 0x01;
 inline constexpr uint8_t SERIES_HAS_OPEN = 0x02;
 
-inline constexpr uint32_t FREE_GATEKEEPER = 0xFFFFFFFFu;  // the library's word in the first field of a free slot
-
 // Where the references to chunks lie.
 inline constexpr size_t KEY_REFERENCE = offsetof(ty_sub_t_v1, i_name);
 inline constexpr size_t OPEN_REFERENCE = offsetof(ty_sub_t_v1, mg);

@@ -11,7 +11,7 @@
 
 namespace metricdb {
 
-inline Stored keep(Database &database, const Store &store) {
+inline GenerationInfo keep(Database &database, const Store &store) {
   return NewGeneration(database).write_streams(store);
 }
 
@@ -29,7 +29,7 @@ class SmallDatabase : public Folder {
   }
 
   static StoreConfig config() {
-    return {.key_slot_bytes = 64, .point_slot_bytes = 2400, .retain_ns = 100, .idle_ns = 50};
+    return {.key_slot_bytes = 64, .point_slot_bytes = 2400, .forgetting = {.retain_ns = 100, .idle_ns = 50}};
   }
 
   static void fill(Store &store) {
@@ -60,7 +60,7 @@ class SmallDatabase : public Folder {
     std::optional<NewGeneration> blocks;
     StoreConfig with_memory = config();
     if (kind == StoreKind::shm) {
-      blocks.emplace(*database_).take_block_files();
+      blocks.emplace(*database_).set_block_file_path();
       with_memory.mem_type = MPOOL_TYPE_SHM;
     }
     Store store(with_memory);

@@ -148,7 +148,7 @@ constexpr int64_t NOW_NS = 77;  // of points without a time
 
 // As the program does, but for the sweep behind the last text. Every line is a good one.
 inline LoadStats load(Store &store, std::string_view text) {
-  Loader loader(store, Loader::WhenFull::stop, [](uint64_t, const std::string &reason) { ADD_FAILURE() << reason; });
+  Loader loader(store, Loader::OnFull::stop, [](uint64_t, const std::string &reason) { ADD_FAILURE() << reason; });
   loader.load(text, Precision::ns, NOW_NS);
   return loader.stats();
 }
@@ -171,7 +171,7 @@ inline void expect_checked(const Check &check, uint64_t n_matching, uint64_t n_d
 
 inline std::string figures_of(const Store &store) {
   const StoreState state = store.state();
-  const Forgotten &gone = state.forgotten;
+  const ForgetCounts &gone = state.forgotten;
   return fmt::format("{} {} {} {} | {} {} {} {} {} {} {} | {} {}", state.n_series, state.n_points, state.data_time_ns,
                      state.n_since_sweep, gone.late_points, gone.points, gone.chunks, gone.series_aged,
                      gone.series_reused, gone.key_slots, gone.point_slots, store.n_visible(), store.n_inactive());

@@ -38,11 +38,11 @@ class FakeIngest : public Ingest {
   FakeIngest() : fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
   ~FakeIngest() override { close(fd_); }
 
-  Taken take(std::string_view text, Precision precision) override {
+  IngestResult take(std::string_view text, Precision precision) override {
     const std::lock_guard lock(mutex_);
     if (!refusal_.empty()) throw IngestRefused(refusal_);
     LineParser parser(precision);
-    Taken taken;
+    IngestResult taken;
     uint64_t number = 0;
     for (std::string_view line; next_line(text, line);) {
       ++number;

@@ -51,7 +51,7 @@ class Writer : public Folder {
   // A batch, waited for, and what comes meanwhile. Why the batch was refused, or nothing.
   static std::string put(DatabaseWriter &writer, std::string_view text, std::string_view meanwhile = "") {
     try {
-      const Taken taken = writer.take(text, Precision::ns);
+      const IngestResult taken = writer.take(text, Precision::ns);
       EXPECT_EQ(taken.malformed, 0u) << taken.first_reason;
       const uint64_t ticket = writer.commit();
       if (!meanwhile.empty()) refusal_of([&] { writer.take(meanwhile, Precision::ns); });
@@ -61,7 +61,7 @@ class Writer : public Folder {
     }
   }
 
-  Opened reopened() const { return Database(db(), Database::Use::read).open(); }
+  LoadedDatabase reopened() const { return Database(db(), Database::Use::read).open(); }
 };
 
 }  // namespace metricdb
