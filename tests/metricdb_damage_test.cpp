@@ -56,7 +56,7 @@ TEST_P(DamagedFile, EveryFlippedBitIsRefusedByTheFilesName) {
 TEST_P(DamagedFile, MissingCutLongOrOfAnotherKind) {
   ASSERT_NO_FATAL_FAILURE(keep_filled(GetParam()));
   // The manifest tells the length of the others, and has a checksum itself.
-  const std::string of_its_own = "its checksum is wrong, or it ends too early";
+  const std::string of_its_own = "wrong checksum, or unexpected end";
   static const struct {
     const char *fault;
     void (*damage)(const fs::path &);
@@ -65,9 +65,9 @@ TEST_P(DamagedFile, MissingCutLongOrOfAnotherKind) {
       {"missing", [](const fs::path &file) { fs::remove(file); }, "cannot be opened: No such file or directory"},
       {"cut", [](const fs::path &file) { fs::resize_file(file, fs::file_size(file) - 1); }, "the manifest says"},
       {"longer", [](const fs::path &file) { fs::resize_file(file, fs::file_size(file) + 1); }, "the manifest says"},
-      {"a folder", [](const fs::path &file) { fs::remove(file), fs::create_directory(file); }, "is not a regular file"},
+      {"a folder", [](const fs::path &file) { fs::remove(file), fs::create_directory(file); }, "not a regular file"},
       {"a pipe that nobody writes", [](const fs::path &file) { fs::remove(file), mkfifo(file.c_str(), 0600); },
-       "is not a regular file"},
+       "not a regular file"},
   };
   for (const auto &row : rows)
     for (const fs::path &file : files()) {
@@ -95,29 +95,29 @@ TEST_F(Damage, ManifestsThatContradict) {
   static const struct {
     const char *fault, *found, *put, *told;  // what is found and put in the text
   } rows[] = {
-      {"a later version", "metricdb 2\n", "metricdb 3\n", "manifest: its format version is \"3\", and 2 is known"},
-      {"one without a number", "metricdb 2\n", "metricdb one\n", "its format version is \"one\", and 2 is known"},
-      {"a store", "store snapshot", "store tape", "manifest: line 2: store \"tape\" is neither snapshot nor shm"},
+      {"a later version", "metricdb 2\n", "metricdb 3\n", "manifest: unknown format version \"3\", expected 2"},
+      {"one without a number", "metricdb 2\n", "metricdb one\n", "unknown format version \"one\", expected 2"},
+      {"a store", "store snapshot", "store tape", "manifest: line 2: store \"tape\", expected snapshot or shm"},
       {"a layout that nobody knows", "layout 1", "layout 2", "line 3: layout \"2\""},
       {"not the records' layout", "layout 1", "layout 0", "catalogue.stream: record version 1, expected 0"},
       {"streams taken for block files", "store snapshot", "store shm", "manifest: array "},
-      {"a line left out", "retain_ns 100\n", "", "line 6: \"idle_ns\" in place of \"retain_ns\""},
+      {"a line left out", "retain_ns 100\n", "", "line 6: \"idle_ns\", expected \"retain_ns\""},
       {"a negative time span", "retain_ns 100", "retain_ns -100", "line 6: retain_ns \"-100\""},
       {"a share beyond all", "reuse_inactive_pct 0", "reuse_inactive_pct 101", "line 8: reuse_inactive_pct \"101\""},
       {"letters behind a number", "idle_ns 50", "idle_ns 50s", "line 7: idle_ns \"50s\""},
-      {"another spelling", "idle_ns 50", "idle_ns 050", "it is not written as this program writes it"},
-      {"another line end", "idle_ns 50\n", "idle_ns 50 ", "it is not written as this program writes it"},
+      {"another spelling", "idle_ns 50", "idle_ns 050", "not the text that this program writes"},
+      {"another line end", "idle_ns 50\n", "idle_ns 50 ", "not the text that this program writes"},
       {"other slot sizes", "key_slot_bytes 64", "key_slot_bytes 68", "keys.stream: record size 72, expected 76"},
       {"a huge slot size", "point_slot_bytes 2400", "point_slot_bytes 16777217", "line 5: point_slot_bytes \""},
       {"series that are not there", "\nseries 3\n", "\nseries 4\n", "manifest: the figures say 4 series with "},
       {"an old data time", "data_time_ns 180", "data_time_ns 110", "catalogue.stream: series "},
       {"another array's file", "file keys.stream", "file points.stream",
        "manifest: array keys: file \"points.stream\", not keys.stream"},
-      {"no file", "slot_bytes 80 files 1", "slot_bytes 80 files 0", "line 24: \"file\" in place of \"array\""},
+      {"no file", "slot_bytes 80 files 1", "slot_bytes 80 files 0", "line 24: \"file\", expected \"array\""},
       {"a file too many", "slot_bytes 116 files 1\n",
        "slot_bytes 116 files 2\nfile catalogue.stream bytes 1 crc32c 00000000\n",
        "array catalogue: 2 files, expected 1"},
-      {"files beyond the text", "slot_bytes 2416 files 1", "slot_bytes 2080 files 4294967295", "it ends too early"},
+      {"files beyond the text", "slot_bytes 2416 files 1", "slot_bytes 2080 files 4294967295", "unexpected end"},
       {"another table", "table -3", "table -4", "array points: table -4, expected -3"},
       {"a slot more than the stream has", "direct 64", "direct 65",
        "catalogue.stream: 6 slots of 116 bytes, 64 of them direct; the manifest says 6 of 116, 65"},
@@ -140,7 +140,7 @@ TEST_F(Damage, ManifestsThatContradict) {
     ASSERT_THAT(refusal(), StartsWith((generation() / "manifest: ").string())) << bytes;
   }
   write_file(generation() / "manifest", resealed(whole));
-  EXPECT_THAT(refusal(), HasSubstr("goes on behind its last array"));
+  EXPECT_THAT(refusal(), HasSubstr("unexpected text after the last array"));
   write_file(generation() / "manifest", whole);
   EXPECT_EQ(refusal(), "");
 }

@@ -206,8 +206,8 @@ TEST(Report, SaysWhatWasForgotten) {
               HasSubstr(fmt::format("bytes per point  {:.2f} in use", static_cast<double>(store.bytes_in_use()) / 6)));
   for (const char *line :
        {"\npoints per s     202 (1.000 s", "series           2, 1 inactive\n", "points           202\n",
-        "visible points   6, and 67 hidden beside them\n",
-        "forgotten        128 points in 1 chunks, 1 that came too late; 0 series aged, 0 reused\n",
-        "points swept     1 memory slots came back in all; the last sweep: 0 free before it, 0 after, "})
+        "visible points   6, 67 hidden\n",
+        "forgotten        128 points in 1 chunks, 1 late; 0 series aged, 0 reused\n",
+        "points swept     1 memory slots released; last sweep: 0 free before, 0 after; "})
     EXPECT_THAT(summary, HasSubstr(line));
 }

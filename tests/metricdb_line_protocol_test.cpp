@@ -67,8 +67,8 @@ TEST(LineProtocol, MalformedLinesAndTheirReasons) {
   } rows[] = {
       {"no measurement", {",a=1 f=1"}},
       {"control character in the measurement", {"\tm f=1"}},
-      {"control character behind \"m\"", {"m\tf=1"}},
-      {"control character behind \"m,a=x\"", {"m,a=x\x7f f=1"}},
+      {"control character after \"m\"", {"m\tf=1"}},
+      {"control character after \"m,a=x\"", {"m,a=x\x7f f=1"}},
       {"a tag has no name", {"m, f=1", "m,=x f=1"}},
       {"tag \"a\" has no value", {"m,a f=1", "m,a= f=1"}},
       {"tag \"a\" has a second equals sign", {"m,a=x=y f=1", "m,a=x\\ f=1"}},
@@ -77,16 +77,16 @@ TEST(LineProtocol, MalformedLinesAndTheirReasons) {
       {"a field has no name", {"m =1", "m f=1,"}},
       {"field \"f\" has no value", {"m f", "m f= 5", "m g=1,f=,h=1 5"}},
       {"the string of field \"f\" has no closing quote", {"m f=\"x 5", "m f=\"x\\\" 5"}},
-      {"text behind the string of field \"f\"", {"m f=\"x\"y 5"}},
+      {"text after the string of field \"f\"", {"m f=\"x\"y 5"}},
       {"field \"f\": \"9223372036854775808i\" is out of range", {"m f=9223372036854775808i 5"}},
       {"field \"f\": \"1e400\" is out of range", {"m f=1e400 5"}},
       {"field \"f\": \"1e-400\" is out of range", {"m f=1e-400 5"}},
-      {"timestamp \"5s\" is no integer", {"m f=1 5s"}},
+      {"timestamp \"5s\" is not an integer", {"m f=1 5s"}},
       {"timestamp \"9223372036854775808\" is out of range", {"m f=1 9223372036854775808"}},
-      {"text behind the timestamp", {"m f=1 5 6"}},
+      {"text after the timestamp", {"m f=1 5 6"}},
       {"field \"ffffffffffffffffffffffffffffffffffffffff...\" has no value",
        {"m fffffffffffffffffffffffffffffffffffffffffffffffffff"}},
-      {"field \"f\": \"?[31m\" is no number, boolean or string", {"m f=\x1b[31m 5"}},
+      {"field \"f\": \"?[31m\" is not a number, boolean or string", {"m f=\x1b[31m 5"}},
   };
   const auto expect_malformed = [](const std::string &line, const std::string &reason) {
     LineParser parser(Precision::ns);
@@ -98,7 +98,7 @@ TEST(LineProtocol, MalformedLinesAndTheirReasons) {
     for (const char *line : row.lines) expect_malformed(line, row.reason);
   for (const char *value : {"1x", "+1", "0x1", "nan", "-inf", "1e", "i", "1.5i", "-1u", "TrUe"})
     expect_malformed(fmt::format("m f={} 5", value),
-                     fmt::format("field \"f\": \"{}\" is no number, boolean or string", value));
+                     fmt::format("field \"f\": \"{}\" is not a number, boolean or string", value));
 }
 
 TEST(LineProtocol, PrecisionScalesUpToTheLastNanosecond) {

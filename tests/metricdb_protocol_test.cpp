@@ -12,13 +12,13 @@
 
 using namespace metricdb;
 
-constexpr size_t MOST_BODY = 20;
+constexpr size_t MAX_BODY = 20;
 
 // Requests that come in those pieces, one line each, and how it ended.
 static std::string read_pieces(const std::vector<std::string_view> &pieces) {
   BlockPool pool(size_t{1} << 20);
   ByteBuffer input(pool);
-  HttpReader reader(MOST_BODY);
+  HttpReader reader(MAX_BODY);
   std::string seen;
   for (const std::string_view piece : pieces) {
     EXPECT_TRUE(input.make_room(std::max(piece.size(), reader.room_wanted(input))));
@@ -221,11 +221,11 @@ TEST(Graphite, MalformedLinesLeaveNothing) {
     const char *reason;
     std::vector<std::string> lines;
   } rows[] = {
-      {"a line is not: path value timestamp", {"a", "a 1", "a 1 7 8"}},
-      {"a value is no finite number", {"GET / HTTP/1.1", "a nan 7", "a inf 7", "a 1e999 7", "a 1x 7", "a + 7"}},
-      {"a timestamp is not in seconds", {"a 1 x", "a 1 -5", "a 1 1.5e9", "a 1 .5"}},
-      {"a timestamp is out of range", {"a 1 9223372036", "a 1 99999999999999999999999"}},
-      {"a path begins with #", {"#a 1 7"}},
+      {"expected: path value timestamp", {"a", "a 1", "a 1 7 8"}},
+      {"the value is not a finite number", {"GET / HTTP/1.1", "a nan 7", "a inf 7", "a 1e999 7", "a 1x 7", "a + 7"}},
+      {"the timestamp is not in seconds", {"a 1 x", "a 1 -5", "a 1 1.5e9", "a 1 .5"}},
+      {"the timestamp is out of range", {"a 1 9223372036", "a 1 99999999999999999999999"}},
+      {"the path begins with #", {"#a 1 7"}},
       {"a name is empty", {";k=v 1 7", "a;=v 1 7", "a;k= 1 7"}},
       {"a tag has no value", {"a;k 1 7", "a; 1 7"}},
       {"a name ends with a backslash", {"a\\ 1 7", "a;k=v\\ 1 7"}},

@@ -2,6 +2,7 @@
 #include <cmath>
 #include <limits>
 
+#include "extra/plot_svg.h"
 #include "extra/plot_ticks.h"
 #include "metricdb_support.h"
 #include "query/escape.h"
@@ -62,7 +63,7 @@ TEST(TimeText, WhatIsRefusedAndWhy) {
     const char *why;
     std::vector<std::string> times, durations;
   } rows[] = {
-      {" is no time",
+      {" is not a time",
        {"", "yesterday", "12x", "2026-1-2", "2026-01-02T", "2026-01-02T03:04Z", "2026-01-02T03:04:05",
         "2026-01-02T03:04:05.Z", "2026-01-02T03:04:05+01:00", "2026-01-02T03:04:05Z ", "2026-01-02T24:00:00Z",
         "2026-01-02T03:60:00Z", "2026-01-02T03:04:60Z", "now15m", "now\n"},
@@ -72,7 +73,7 @@ TEST(TimeText, WhatIsRefusedAndWhy) {
        {"1677-09-21T00:12:43.145224191Z", "2262-04-11T23:47:16.854775808Z", "0001-01-01", "9223372036854775808",
         "now-1s"},
        {}},
-      {" is no duration", {"now-"}, {"", "10", "s", "0s", "-1s", "1.5h", "1 h", "1hm", "1y", "1h30"}},
+      {" is not a duration", {"now-"}, {"", "10", "s", "0s", "-1s", "1.5h", "1 h", "1hm", "1y", "1h30"}},
       {"the duration is out of range", {}, {"15251w", "9223372036854775807ns1ns", "99999999999999999999ns"}},
   };
   const auto expect_refused = [](const std::string &text, const std::string &why, const auto &read) {

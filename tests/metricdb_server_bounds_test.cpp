@@ -19,7 +19,7 @@ TEST_F(Bounds, WhatIsTooLongEndsTheConnection) {
       {post(std::string(5 << 20, '#')), 413, "the body has more than 1000 bytes; connection closed"},
       {"GET /" + std::string(100'000, 'a'), 414, "the request's target is too long; connection closed"},
       {"GET / HTTP/1.1\r\nA: " + std::string(100'000, 'a'), 431, "the headers are too long; connection closed"},
-      {std::string("\x00\xff\x16\x03", 4) + std::string(200'000, '\xee'), 400, "not a request: "},
+      {std::string("\x00\xff\x16\x03", 4) + std::string(200'000, '\xee'), 400, "invalid request: "},
   };
   std::map<std::string, size_t> logged;
   TSLB_DLOG_INIT(path("log").c_str(), LOG_REFUSALS, 10);
@@ -45,7 +45,7 @@ TEST_F(Bounds, WhatIsTooLongEndsTheConnection) {
     garbage.end_sending();
     EXPECT_TRUE(garbage.is_closed());
     EXPECT_EQ(server.counters().malformed, 10'000u);
-    ++logged["a value is no finite number; skipped, here and from now on"];
+    ++logged["the value is not a finite number; such lines are skipped without further messages"];
     Peer fits(server.influx_port());
     EXPECT_EQ(ask(fits, post(std::string(1000, '#'))), 204);
   }

@@ -1,4 +1,4 @@
-// `metricdb verify`: opens a database, which compares everything with everything, and says what was looked at.
+// `metricdb verify`: opens a database, which checks everything, and prints what was checked.
 #include <fmt/format.h>
 #include <tslb/array_check.h>
 #include <tslb/array_loader.h>
@@ -12,26 +12,25 @@
 namespace metricdb {
 namespace {
 
-// The lists once more, now in the arrays as the store holds them: opening checked what was read, the journal's replay
-// what it left.
+// Checks the lists of the final arrays. Opening checked them before the store was restored.
 void expect_sound(const char *name, DynArrHandle_t *array, uint8_t kind) {
   char why[256];
   if (array_check(array, kind, why, sizeof why) != 0) throw DatabaseError(fmt::format("{}: {}", name, why));
 }
 
-// Each key leads to its series and back.
+// Checks that the look-up of each key returns its series. Returns the number of keys.
 uint64_t count_keys(const Store &store) {
   uint64_t n_keys = 0;
   for (uint32_t series = 0; series < store.n_slots(); ++series) {
     if (!store.holds_series(series)) continue;
     if (store.find(store.key(series)) != series)
-      throw DatabaseError(fmt::format("series {}: its key \"{}\" does not lead to it", series, store.key(series)));
+      throw DatabaseError(fmt::format("series {}: the look-up of its key \"{}\" fails", series, store.key(series)));
     ++n_keys;
   }
   return n_keys;
 }
 
-// What a walk over all chains comes to.
+// Walks all chains. Returns the number of points.
 uint64_t count_points(const Store &store) {
   uint64_t n_points = 0;
   for (uint32_t series = 0; series < store.n_slots(); ++series) {
@@ -40,7 +39,7 @@ uint64_t count_points(const Store &store) {
     for (Point point; cursor.next(point);) {
     }
     if (cursor.n_passed() != store.record(series).n_points())
-      throw DatabaseError(fmt::format("series {}: a walk comes to {} points, its record counts {}", series,
+      throw DatabaseError(fmt::format("series {}: its chunks hold {} points, but its record counts {}", series,
                                       cursor.n_passed(), store.record(series).n_points()));
     n_points += cursor.n_passed();
   }
@@ -62,9 +61,9 @@ int verify(const VerifyArguments &arguments) {
   expect_sound("points", store.points(), ARRAY_LOAD_POOL);
   const uint64_t n_keys = count_keys(store);
   const uint64_t n_points = count_points(store);
-  print(fmt::format("verified         {}: generation {}, layout {} of the catalogue; {} batches behind it\n"
+  print(fmt::format("verified         {}: generation {}, layout {} of the catalogue; {} batches in its journal\n"
                     "series           {} in {} slots, {} inactive, {} free; every key leads to its series\n"
-                    "points           {}, in chains that lead to each chunk once\n",
+                    "points           {}, in chains that contain each chunk once\n",
                     arguments.db, opened.generation.number, store.config().layout, opened.n_batches(), n_keys,
                     store.n_slots(), store.n_inactive(), uint32_t{lists_of(store.catalogue())->n_free}, n_points) +
         pool_line("keys", store.keys(), store.key_bytes()) + pool_line("points", store.points(), store.point_bytes()));

@@ -34,7 +34,7 @@ LoadedDatabase open_to_read(const std::string &db, bool salvage) {
 void report_warnings(const std::string &lines) {
   std::string_view rest = lines;
   for (std::string_view line; next_line(rest, line);) {
-    complain(fmt::format("metricdb: {}", line));
+    print_error(fmt::format("metricdb: {}", line));
     TSLB_DLOG(LOG_PROGRESS, "%.*s", static_cast<int>(line.size()), line.data());
   }
 }

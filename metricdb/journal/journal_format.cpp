@@ -12,7 +12,7 @@ std::string_view bytes_of(const Head &head) {
   return {reinterpret_cast<const char *>(&head), sizeof head};
 }
 
-// An entry that stands at the end of `text` gets its checksum, and the next one its place.
+// Completes the entry that begins at `at`: sets its checksum and moves the place to the next entry.
 void finish_entry(std::string &text, size_t at, JournalPlace &place) {
   const std::string_view entry = std::string_view(text).substr(at);
   const uint32_t sum = sum_of_entry(place.generation, place.position, entry);
@@ -29,8 +29,8 @@ JournalHead make_head(uint64_t generation) {
   head.version = JOURNAL_VERSION;
   head.generation = generation;
   const std::string_view bytes = bytes_of(head);
-  const uint32_t ahead = crc32c(bytes.data(), offsetof(JournalHead, crc32c));
-  head.crc32c = crc32c(bytes.data() + offsetof(JournalHead, generation), sizeof generation, ahead);
+  const uint32_t first_part = crc32c(bytes.data(), offsetof(JournalHead, crc32c));
+  head.crc32c = crc32c(bytes.data() + offsetof(JournalHead, generation), sizeof generation, first_part);
   return head;
 }
 

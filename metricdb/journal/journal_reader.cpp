@@ -218,9 +218,9 @@ bool Scan::is_later_mark(uint64_t at, std::string_view bytes, MarkHead &mark) {
          sum_of_entry(result_.place.generation, at, entry) == mark.entry.crc32c;
 }
 
-// Counts the marks after the fault that prove that the faulty bytes were on the disk. After a crash any part of the bytes
-// that were not synced can be missing, so complete entries after a fault prove nothing by themselves. But a mark says up
-// to which position the file was on the disk.
+// Counts the marks after the fault that prove that the faulty bytes were on the disk. After a crash any part of the
+// bytes that were not synced can be missing, so complete entries after a fault prove nothing by themselves. But a mark
+// says up to which position the file was on the disk.
 uint64_t Scan::count_later_marks() {
   uint64_t n_marks = 0;
   for (uint64_t at = at_ + 1; at + sizeof(MarkHead) <= window_.end(); ++at) {

@@ -1,7 +1,7 @@
 // One of the two pools of a store: its chunks, and what is written to the redo log about them.
 //
-// An address names the chunk's data, which follows its compaction header. That header names the place that refers to the
-// chunk. Deleting the last chunk of a memory slot releases the slot, except the current slot, which the next sweep
+// An address names the chunk's data, which follows its compaction header. That header names the place that refers to
+// the chunk. Deleting the last chunk of a memory slot releases the slot, except the current slot, which the next sweep
 // releases.
 //
 // Threads: one.

@@ -110,14 +110,16 @@ LoadedDatabase Database::open(const OpenOptions &options) const {
     // A writer has put the next generation in place, and has removed files of this one, perhaps before they were read.
     if (newest() != number) continue;
     if (outcome.database) return std::move(*outcome.database);
-    // A writer that withdraws a refused batch overwrites the end of the journal. Real damage is there on the second read.
+    // A writer that withdraws a refused batch overwrites the end of the journal. Real damage is there on the second
+    // read.
     if (outcome.is_journal_damaged && !is_retry) continue;
     if (!options.salvage) throw DatabaseError(outcome.failure);
     return open_older(*number, options, outcome.failure);
   }
 }
 
-// A generation has the content of its predecessor and that one's journal, so an older generation leads to the same state.
+// A generation has the content of its predecessor and that one's journal, so an older generation leads to the same
+// state.
 LoadedDatabase Database::open_older(uint64_t newest, const OpenOptions &options, const std::string &why) const {
   for (const uint64_t number : generations()) {
     if (number >= newest) continue;

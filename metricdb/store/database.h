@@ -76,8 +76,8 @@ class Database {
   // journal without its generation.
   bool is_empty() const;
 
-  // Loads the newest generation and its journal into process memory. Checks everything first: files against the manifest,
-  // entries against their checksums, arrays against the rules of the library, and the store against itself.
+  // Loads the newest generation and its journal into process memory. Checks everything first: files against the
+  // manifest, entries against their checksums, arrays against the rules of the library, and the store against itself.
   LoadedDatabase open(const OpenOptions &options = {}) const;
 
   // Path of the journal of a generation.
@@ -123,8 +123,9 @@ class NewGeneration {
   // Returns whether the next opening uses this generation.
   bool is_in_place() const { return in_place_; }
 
-  // Both write the missing files and put the generation in place. One of them is called, once. A store whose block files
-  // were sealed is read-only from then on. After an exception the generation can be in place without being synced.
+  // Both write the missing files and put the generation in place. One of them is called, once. A store whose block
+  // files were sealed is read-only from then on. After an exception the generation can be in place without being
+  // synced.
   GenerationInfo write_streams(const Store &store);
   GenerationInfo seal_block_files(const Store &store);
 

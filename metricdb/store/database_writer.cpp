@@ -13,8 +13,8 @@
 namespace metricdb {
 namespace {
 
-// Maximum number of journal bytes per byte of line protocol. Texts with very many new and short series can exceed it; they
-// detect a full disk only when they are written.
+// Maximum number of journal bytes per byte of line protocol. Texts with very many new and short series can exceed it;
+// they detect a full disk only when they are written.
 constexpr uint64_t JOURNAL_BYTES_PER_TEXT_BYTE = 4;
 constexpr uint64_t JOURNAL_BYTES_PER_BATCH = 64 << 10;
 
@@ -68,8 +68,8 @@ DatabaseWriter::DatabaseWriter(const std::string &folder, const WriterOptions &o
   warnings_ = loaded.warnings();
   const uint8_t layout = loaded.store.config().layout;
   set_store(std::move(loaded.store));
-  // The records of a journal apply to the arrays of its generation. If the arrays in memory are not these arrays with the
-  // journal applied, a new generation with a new journal begins.
+  // The records of a journal apply to the arrays of its generation. If the arrays in memory are not these arrays with
+  // the journal applied, a new generation with a new journal begins.
   const bool is_journal_damaged = loaded.journal && loaded.journal->end == JournalEnd::damaged;
   const bool can_continue = loaded.skipped.empty() && !is_journal_damaged &&
                             loaded.generation.kind == StoreKind::snapshot && loaded.generation.layout == layout;
@@ -164,8 +164,8 @@ void DatabaseWriter::expect_room(size_t text_bytes) {
     throw IngestRefused(why);
 }
 
-// An uncommitted batch is in memory, and the records of new and short series are much larger than their text. So the text
-// is loaded in pieces, and the rest is refused when the batch is too large.
+// An uncommitted batch is in memory, and the records of new and short series are much larger than their text. So the
+// text is loaded in pieces, and the rest is refused when the batch is too large.
 void DatabaseWriter::load_within_bounds(std::string_view text, Precision precision) {
   const int64_t time_ns = now_ns();
   const uint64_t lines_before = loader_->stats().lines;

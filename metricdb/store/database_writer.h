@@ -2,8 +2,8 @@
 //
 // Each batch is written to the journal as a whole, while the arrays take the points of the next batch. If the journal
 // refuses a batch, the arrays contain points that must not be there. Then they are discarded and loaded from the disk,
-// which takes as long as opening. A full disk is usually detected before, because room in the journal is reserved before
-// a text is stored.
+// which takes as long as opening. A full disk is usually detected before, because room in the journal is reserved
+// before a text is stored.
 //
 // When the journal exceeds a limit, the arrays are written as a new generation, and a new journal begins. This happens
 // between two batches. If it fails, the old journal is continued.

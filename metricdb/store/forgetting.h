@@ -7,8 +7,8 @@
 //               list, in the order of the last writes. Its points stay visible. The next write activates it.
 //   reuse       When enough slots of the catalogue are inactive, a new series takes the slot of the series that has
 //               been inactive longest, whose points and key are deleted.
-// Memory is released by slots of the pools, when all chunks in a slot are deleted: a chunk that a slow series fills over
-// a long time keeps its whole slot.
+// Memory is released by slots of the pools, when all chunks in a slot are deleted: a chunk that a slow series fills
+// over a long time keeps its whole slot.
 #pragma once
 
 #include <cstdint>
@@ -19,8 +19,8 @@ namespace metricdb {
 struct Forgetting {
   int64_t retain_ns = 0;  // 0: all points stay
   int64_t idle_ns = 0;    // 0: no series becomes inactive
-  // Percent of the catalogue's slots that must be inactive before reuse begins, 1 to 100; 0: no reuse. The array's policy
-  // also has a limit by count, which cannot be disabled: reuse begins in any case at 65,535 inactive slots.
+  // Percent of the catalogue's slots that must be inactive before reuse begins, 1 to 100; 0: no reuse. The array's
+  // policy also has a limit by count, which cannot be disabled: reuse begins in any case at 65,535 inactive slots.
   uint8_t reuse_inactive_pct = 0;
 
   bool operator==(const Forgetting &) const = default;

@@ -1,8 +1,8 @@
 // The interface through which received lines are stored.
 //
-// Lines are stored in batches: any number of calls of `take`, then `commit`, which ends the batch and returns its ticket
-// without waiting. When `settled` reaches the ticket, the batch is durable: a crash of the process or the machine does not
-// lose it. A batch that cannot be written is refused as a whole, and none of its points is stored.
+// Lines are stored in batches: any number of calls of `take`, then `commit`, which ends the batch and returns its
+// ticket without waiting. When `settled` reaches the ticket, the batch is durable: a crash of the process or the
+// machine does not lose it. A batch that cannot be written is refused as a whole, and none of its points is stored.
 #pragma once
 
 #include <cstdint>

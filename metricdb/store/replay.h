@@ -17,8 +17,8 @@ class ReplayFailed : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Brings arrays, configuration and state of a generation to the last commit of the journal at `path`. Returns nothing if
-// there is no such file. A damaged journal is applied up to the fault. With `salvage` the arrays are valid then, and
+// Brings arrays, configuration and state of a generation to the last commit of the journal at `path`. Returns nothing
+// if there is no such file. A damaged journal is applied up to the fault. With `salvage` the arrays are valid then, and
 // without it they are not. The arrays are checked as wholes (array_check.h), but not the data of the store in them.
 //
 // Throws ReplayFailed or FileError. The arrays are invalid then.

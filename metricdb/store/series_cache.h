@@ -1,5 +1,5 @@
-// Maps the head of a line to the fields of the last line with this head and their series. A source usually sends the same
-// fields in the same order, so one look-up by the head replaces one look-up per series key.
+// Maps the head of a line to the fields of the last line with this head and their series. A source usually sends the
+// same fields in the same order, so one look-up by the head replaces one look-up per series key.
 //
 // Series numbers are valid until the store forgets a series. The owner clears the cache then.
 //
@@ -30,8 +30,8 @@ class SeriesCache {
 
   explicit SeriesCache(size_t max_bytes = MAX_BYTES) : max_bytes_(max_bytes) {}
 
-  // Returns the fields of the last line that was kept with this head, in their order; none if the head is unknown. Valid
-  // until the next `keep` or `clear`.
+  // Returns the fields of the last line that was kept with this head, in their order; none if the head is unknown.
+  // Valid until the next `keep` or `clear`.
   std::span<const Field> fields_of(std::string_view head) const;
 
   // Returns the head with which the line begins, and its fields; nothing if the head is unknown. Sources often send the

@@ -16,8 +16,8 @@
 // (StoreState). All of this is validated first: see store_audit.cpp.
 //
 // From `begin_log` on a store writes its changes to the redo log. Applied to copies of the arrays as they were at
-// `begin_log`, the records up to the end of a `log_changes` produce the arrays as they are at that moment. The arrays log
-// some changes themselves. The store logs the rest: immediately if it is written once (keys, sealed chunks), and in
+// `begin_log`, the records up to the end of a `log_changes` produce the arrays as they are at that moment. The arrays
+// log some changes themselves. The store logs the rest: immediately if it is written once (keys, sealed chunks), and in
 // `log_changes` if it changes many times in between (records, open chunks, counters, headers).
 //
 // Threads: one. A store belongs to the thread that uses it.
@@ -88,8 +88,8 @@ struct StoreConfig {
   // Version of the catalogue's records, OLDEST_LAYOUT to NEWEST_LAYOUT.
   uint8_t layout = NEWEST_LAYOUT;
 
-  // MPOOL_TYPE_SHM keeps the arrays in block files under the library's base path, which must exist. If the disk is full,
-  // the write that finds no room ends the process.
+  // MPOOL_TYPE_SHM keeps the arrays in block files under the library's base path, which must exist. If the disk is
+  // full, the write that finds no room ends the process.
   char mem_type = MPOOL_TYPE_DRAM;
 };
 

@@ -89,8 +89,9 @@ bool Store::forget_old(uint32_t series) {
   return true;
 }
 
-// The inactive list is in order of inactivation. A sweep inactivates series in the order of their last writes, and series
-// of earlier sweeps were last written earlier. So the head of the list is the series that was not written for longest.
+// The inactive list is in order of inactivation. A sweep inactivates series in the order of their last writes, and
+// series of earlier sweeps were last written earlier. So the head of the list is the series that was not written for
+// longest.
 void Store::inactivate_idle_series() {
   std::vector<std::pair<int64_t, uint32_t>> idle;
   for (uint32_t series = 0; series < n_slots(); ++series) {
@@ -102,8 +103,8 @@ void Store::inactivate_idle_series() {
       idle.emplace_back(written_at_ns, series);
   }
   std::sort(idle.begin(), idle.end());
-  // Reuse compares this time stamp with the library's clock. The policy requires an age of 0, so reuse is delayed only if
-  // the clock was set back in between.
+  // Reuse compares this time stamp with the library's clock. The policy requires an age of 0, so reuse is delayed only
+  // if the clock was set back in between.
   for (const auto &[written_at_ns, series] : idle)
     tslb_da_inactivate_idx(catalogue_.get(), series, tslb_get_time(nullptr));
   is_catalogue_changed_ |= !idle.empty();

@@ -1,5 +1,5 @@
-// The changes of a store that its arrays do not log themselves. The arrays log the nodes and headers that an allocation,
-// a release or a list operation changes (tslb_dynarr.h). Contents, counters and cursors are logged here.
+// The changes of a store that its arrays do not log themselves. The arrays log the nodes and headers that an
+// allocation, a release or a list operation changes (tslb_dynarr.h). Contents, counters and cursors are logged here.
 #include "store/store.h"
 #include "store/store_internal.h"
 
