@@ -1,5 +1,5 @@
-// Any bytes as a journal: damaged, with a line, or read up to a place where a writer can go on. The input is a file,
-// or, since no input would ever guess a checksum, a list of entries that are made whole here and then changed by it.
+// Scans any bytes as a journal. The input is a file, or a list of entries that get valid checksums here and are then
+// changed by the input, because random inputs have no valid checksums.
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -22,18 +22,18 @@ static void need(bool holds, const char *what) {
   abort();
 }
 
-// Takes the input from its front; 0 where it has ended.
+// Reads the input from its front; 0 at the end.
 struct input_t {
   const uint8_t *data;
   size_t size;
 
   uint8_t byte() { return size != 0 ? (--size, *data++) : 0; }
   uint16_t word() { return static_cast<uint16_t>(byte() | byte() << 8); }
-  std::string_view text(size_t most) {
-    const size_t taken = std::min(size, most);
-    data += taken;
-    size -= taken;
-    return {reinterpret_cast<const char *>(data - taken), taken};
+  std::string_view text(size_t max_bytes) {
+    const size_t count = std::min(size, max_bytes);
+    data += count;
+    size -= count;
+    return {reinterpret_cast<const char *>(data - count), count};
   }
 };
 
@@ -78,22 +78,23 @@ static ScanResult read_whole(const std::string &path) {
   const JournalVisitor visitor = {[&n_records](const redo_args_t &record) { read_record(record), ++n_records; },
                                   [&n_batches, &end](std::string_view payload, uint64_t position) {
                                     for (const char byte : payload) seen = static_cast<uint8_t>(byte);
-                                    need(position > end, "batches come in their order");
+                                    need(position > end, "batches are in order");
                                     end = position;
                                     ++n_batches;
                                   }};
   const ScanResult result = scan_journal(path, visitor);
-  need(result.n_records == n_records && result.n_batches == n_batches, "what is counted was given");
+  need(result.n_records == n_records && result.n_batches == n_batches, "the counts are those of the callbacks");
   if (result.place.position == 0)
-    need(result.end == JournalEnd::damaged && n_records + n_batches == 0, "without a head there is nothing");
+    need(result.end == JournalEnd::damaged && n_records + n_batches == 0, "a file without a head has no batches");
   else
-    need(result.place.position >= end && result.place.next_sequence > n_records + n_batches, "the place is behind it");
+    need(result.place.position >= end && result.place.next_sequence > n_records + n_batches,
+         "the place is after the last batch");
   need((result.end == JournalEnd::clean) == result.warning().empty(), "a warning unless the end is clean");
   need(result.end != JournalEnd::clean || result.bytes_cut == 0, "a clean end is the end");
   return result;
 }
 
-// What was read is cut off behind its last mark: it is the same journal, and clean.
+// Cuts the file after its last valid mark. It must have the same content and be clean.
 static void expect_clean_when_cut(int fd, const std::string &path, const ScanResult &before) {
   need(ftruncate(fd, static_cast<off_t>(before.place.position)) == 0, "a file can be cut");
   const ScanResult after = read_whole(path);

@@ -1,4 +1,4 @@
-// The program over databases: what it prints, what it refuses and leaves alone, and what it logs.
+// The program with databases: output, refusals that change nothing, and the log.
 
 #include "metricdb_support.h"
 
@@ -22,17 +22,17 @@ class Program : public Folder {
     EXPECT_THAT(outcome.out, HasSubstr(in_output));
   }
 
-  void expect_refused(const std::string &arguments, const testing::Matcher<std::string> &told) const {
+  void expect_refused(const std::string &arguments, const testing::Matcher<std::string> &message) const {
     const auto before = tree_of(root_);
     const Outcome outcome = run(arguments);
     EXPECT_EQ(outcome.exit_code, 1) << arguments << "\n" << outcome.out;
-    EXPECT_THAT(outcome.err, told) << arguments;
+    EXPECT_THAT(outcome.err, message) << arguments;
     EXPECT_EQ(count_of(outcome.err, "\n"), 1u) << outcome.err;
     EXPECT_TRUE(tree_of(root_) == before) << arguments << ": the folder was changed";
   }
 };
 
-TEST_F(Program, LoadsKeepsAndShowsFromAnotherProcess) {
+TEST_F(Program, LoadStatSeriesCheckAndSnapshot) {
   for (const std::string store : {"snapshot", "shm"}) {
     SCOPED_TRACE(store);
     const std::string db = "db_" + store;
@@ -59,7 +59,7 @@ TEST_F(Program, LoadsKeepsAndShowsFromAnotherProcess) {
   EXPECT_EQ(run("series --db db_shm").out, shown);
 }
 
-TEST_F(Program, RetentionIsKeptWithTheDatabase) {
+TEST_F(Program, RetentionIsStoredWithTheDatabase) {
   write_file(root_ / "old.lp", "cpu,host=a user=1 100\n");
   expect_good("load --db db --retain 1 --precision ms first.lp --check", "check: 1500 points match\n");
   write_file(root_ / "later.lp", "cpu,host=a user=7 1300\n");
@@ -84,8 +84,7 @@ TEST_F(Program, RefusesInOneLineAndChangesNothing) {
   } rows[] = {
       {"load --db db --store shm first.lp",
        "db: holds a database already, and --store shm cannot attach to stored arrays: it needs a new folder"},
-      {"load --db db --check first.lp",
-       "db: holds points of other inputs: use `metricdb check` with all of them"},
+      {"load --db db --check first.lp", "db: holds points of other inputs: use `metricdb check` with all of them"},
       {"load --store shm first.lp", "--store needs --db"},
       {"load --db db none.lp", "none.lp: cannot be read: No such file or directory"},
       {"load --db db .", ".: cannot be read: Is a directory"},

@@ -1,4 +1,4 @@
-// `metricdb verify`: opens a database, which checks everything, and prints what was checked.
+// `metricdb verify`: opens a database, which checks everything, and prints a summary.
 #include <fmt/format.h>
 #include <tslb/array_check.h>
 #include <tslb/array_loader.h>

@@ -7,7 +7,7 @@
 namespace metricdb {
 namespace {
 
-static_assert(std::endian::native == std::endian::little, "bits are kept in the order in which words lie in memory");
+static_assert(std::endian::native == std::endian::little, "words are written as they are in memory");
 
 constexpr unsigned MAX_LEAD = 31;
 constexpr unsigned LEAD_BITS = 5;

@@ -34,7 +34,8 @@ class Counter {
 
 // Shared by the connections of a server.
 struct Hub {
-  Hub(const ServerOptions &given, Ingest &to) : options(given), ingest(to), blocks(given.max_buffered_bytes) {}
+  Hub(const ServerOptions &server_options, Ingest &target)
+      : options(server_options), ingest(target), blocks(server_options.max_buffered_bytes) {}
 
   // Passes lines to the Ingest and counts the result. Throws IngestRefused.
   IngestResult take(std::string_view text, Precision precision);

@@ -1,4 +1,4 @@
-// One of the two pools of a store: its chunks, and what is written to the redo log about them.
+// One of the two pools of a store: its chunks, and the redo records of their changes.
 //
 // An address names the chunk's data, which follows its compaction header. That header names the place that refers to
 // the chunk. Deleting the last chunk of a memory slot releases the slot, except the current slot, which the next sweep

@@ -10,9 +10,9 @@
 // No stored structure contains a pointer: chunks are named by addresses, which are valid wherever the memory is mapped.
 // Address 0 is the first chunk of a pool, so counts and flags say whether an address is valid.
 //
-// forgetting.h describes what a store forgets, by its configuration.
+// forgetting.h describes the limits by which a store forgets data.
 //
-// A store can be restored from its three arrays, which come from elsewhere, and the figures that it keeps outside them
+// A store can be restored from its three arrays, which are loaded elsewhere, and the figures outside of them
 // (StoreState). All of this is validated first: see store_audit.cpp.
 //
 // From `begin_log` on a store writes its changes to the redo log. Applied to copies of the arrays as they were at

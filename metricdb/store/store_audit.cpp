@@ -3,8 +3,8 @@
 // The arrays themselves are sound by then, as recovery/array_loader.h defines it. The checks here are about the data of
 // the store in them:
 //   shapes      each array has the flags, versions and sizes of the store's configuration.
-//   chunks      the chunks of a memory slot cover its used bytes without gaps; the bytes of deleted chunks are the count
-//               of the slot; the cursor is at the end of the last chunk of its slot.
+//   chunks      the chunks of a memory slot cover its used bytes without gaps; the deleted bytes agree with the slot's
+//               count; the cursor is at the end of the last chunk of its slot.
 //   catalogue   each slot is a series or free, according to its status.
 //   references  each address of a series names the beginning of a chunk that is not deleted and has the right size. The
 //               chunk's header names this reference. Each chunk is referred to once, so no chain is a ring or joins

@@ -1,4 +1,4 @@
-// A small database in the folder of one test, to be damaged or written anew.
+// A small database in the folder of one test.
 #ifndef DATABASE_SUPPORT_H
 #define DATABASE_SUPPORT_H
 
@@ -20,7 +20,7 @@ inline std::string name_of_kind(const testing::TestParamInfo<StoreKind> &kind) {
   return STORE_NAMES[static_cast<int>(kind.param)];
 }
 
-// With free slots, deleted chunks and an inactive series.
+// Contains free slots, deleted chunks and inactive series.
 class SmallDatabase : public Folder {
  protected:
   void SetUp() override {
@@ -46,7 +46,7 @@ class SmallDatabase : public Folder {
 
   fs::path generation() const { return root_ / "db" / "generation.1"; }
 
-  // Why the database is not opened, or nothing; in one line, and without a change of the folder.
+  // Returns the reason why the database cannot be opened, in one line; empty if it can. The folder must not change.
   std::string refusal() const {
     const auto before = tree_of(root_);
     const std::string what = refusal_of([this] { database_->open(); });

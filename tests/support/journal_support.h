@@ -1,4 +1,4 @@
-// What tests of the journal share: batches that tell their number, and what a scan finds.
+// Shared by tests of the journal: numbered batches, and the content of a scanned journal.
 #ifndef JOURNAL_SUPPORT_H
 #define JOURNAL_SUPPORT_H
 
@@ -28,7 +28,7 @@ class JournalTest : public Folder {
   std::string path_;
 };
 
-// Owns what a record points to.
+// A record that owns its data.
 struct RecordWithBytes {
   std::string name, bytes;
   redo_args_t record;
@@ -56,7 +56,7 @@ inline RecordWithBytes small_record(uint64_t number) {
   return {"metricdb", fmt::format("record {}", number), {number, 5, nullptr, 0, 1, 84 + number, ~0u, "", 0}};
 }
 
-// Batch `number` has that many records, and says so.
+// Batch `number` has `number` records, and its payload contains the number.
 inline std::string payload_of(uint64_t number) {
   return fmt::format("state {}", number);
 }
@@ -65,7 +65,7 @@ inline uint64_t commit_batch(Journal &journal, uint64_t number) {
   return journal.commit(payload_of(number));
 }
 
-// What a scan of a journal finds.
+// The result of a scan.
 struct JournalContent {
   ScanResult result;
   std::vector<std::string> records;  // of all batches
