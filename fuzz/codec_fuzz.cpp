@@ -1,4 +1,4 @@
-// Any bytes as a sealed run, and any bytes as points to seal.
+// Decodes any bytes as a sealed run, and seals any bytes as points.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -10,12 +10,12 @@ namespace {
 
 std::vector<char> sealed(const std::vector<char> &points) {
   const size_t n = points.size() / sizeof(metricdb::Point);
-  std::vector<char> out(metricdb::most_sealed_bytes(n));
+  std::vector<char> out(metricdb::max_sealed_bytes(n));
   out.resize(metricdb::seal_points(points.data(), n, out.data()));
   return out;
 }
 
-// The points that come out of a run, as they would lie in memory.
+// The decoded points of a run, as bytes.
 std::vector<char> walked(const std::vector<char> &run, size_t n, bool &is_whole) {
   std::vector<char> points;
   metricdb::SealedPoints walk(run.data(), run.size(), n);
@@ -41,7 +41,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const std::vector<char> bytes(data + sizeof n, data + size);
   bool is_whole;
   const std::vector<char> points = walked(bytes, n, is_whole);
-  // A run has one sealed form.
+  // A valid run is the only form of its points.
   if (is_whole && n != 0) expect(sealed(points) == bytes);
 
   const std::vector<char> given(bytes.begin(), bytes.end() - static_cast<ptrdiff_t>(bytes.size() % 16));

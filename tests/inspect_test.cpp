@@ -262,19 +262,18 @@ TEST_F(Contradictions, OfLists) {
 
 TEST_F(Contradictions, OfPools) {
   const size_t slot1 = POOL_HEADER_BYTES + POOL_SLOT_BYTES, slot2 = slot1 + POOL_SLOT_BYTES;
-  expect_told(
-      stream_of(chunk_pool().get()),
-      {
-          {"a slot's capacity", put<uint32_t>(12, 60), "12: mslot_sz 60 does not match record_size 72"},
-          {"a cursor beyond the slots", put<uint32_t>(16, 3), "16: cur_slot_addr names slot 3 of 3"},
-          {"a cursor after its slot", put<uint32_t>(20, 65), "20: cur_slot_addr is at byte 65 of a slot of 64"},
-          {"a current slot that is free", put<uint32_t>(16, 0), "140: status 1 of the current slot, 0"},
-          {"more used than there is", put<uint32_t>(slot1 + 8, 65),
-           "228: bytes_used 65 of slot 1, but the slot has 64"},
-          {"more deleted", put<uint32_t>(slot1 + 12, 57), "232: bytes_del 57 of slot 1, but bytes_used is 56"},
-          {"a last slot cut too early", cut(slot2 + 39), "339: ends 39 bytes into slot 2 of 3"},
-          {"a last slot cut after its cursor", cut(slot2 + 41), "341: ends 41 bytes into slot 2 of 3"},
-      });
+  expect_told(stream_of(chunk_pool().get()),
+              {
+                  {"a slot's capacity", put<uint32_t>(12, 60), "12: mslot_sz 60 does not match record_size 72"},
+                  {"a cursor beyond the slots", put<uint32_t>(16, 3), "16: cur_slot_addr names slot 3 of 3"},
+                  {"a cursor after its slot", put<uint32_t>(20, 65), "20: cur_slot_addr is at byte 65 of a slot of 64"},
+                  {"a current slot that is free", put<uint32_t>(16, 0), "140: status 1 of the current slot, 0"},
+                  {"more used than there is", put<uint32_t>(slot1 + 8, 65),
+                   "228: bytes_used 65 of slot 1, but the slot has 64"},
+                  {"more deleted", put<uint32_t>(slot1 + 12, 57), "232: bytes_del 57 of slot 1, but bytes_used is 56"},
+                  {"a last slot cut too early", cut(slot2 + 39), "339: ends 39 bytes into slot 2 of 3"},
+                  {"a last slot cut after its cursor", cut(slot2 + 41), "341: ends 41 bytes into slot 2 of 3"},
+              });
 }
 
 TEST_F(Contradictions, OfBlockFiles) {

@@ -1,9 +1,9 @@
-// Agents as their packages bring them: what they send arrives, and what they are answered satisfies them.
+// Agents from Debian packages: their points are stored, and they accept the answers.
 #include <fcntl.h>
 
 #include "server_support.h"
 
-// A program of its own, killed with its owner. Its output goes to a file.
+// A separate program, killed with its owner. Its output is written to a file.
 class Program {
  public:
   Program(const std::vector<std::string> &words, const fs::path &output) : output_(output) {
@@ -22,10 +22,10 @@ class Program {
   Program(const Program &) = delete;
   Program &operator=(const Program &) = delete;
 
-  // The exit status; -1 if it was killed, or had to be.
+  // Returns the exit status; -1 if it was killed, or did not end.
   int wait() {
     int status = 0;
-    if (!comes_true([&] { return waitpid(pid_, &status, WNOHANG) == pid_; })) return -1;
+    if (!wait_until([&] { return waitpid(pid_, &status, WNOHANG) == pid_; })) return -1;
     pid_ = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
@@ -34,7 +34,7 @@ class Program {
     kill(pid_, signal);
     return wait();
   }
-  // So far: nothing, until there is a file.
+  // Returns the output so far.
   std::string output() const { return fs::exists(output_) ? read_file(output_) : ""; }
 
  private:
@@ -48,7 +48,7 @@ class Agents : public Folder {
     write_file(root_ / name, text);
     return path(name);
   }
-  // Its output, once it has ended well.
+  // Returns the output of a program that must succeed.
   std::string run_to_end(const std::vector<std::string> &words) const {
     Program program(words, root_ / "program.out");
     EXPECT_EQ(program.wait(), 0) << program.output();
@@ -78,9 +78,9 @@ TEST_F(Agents, InfluxClient) {
   std::string file = "# DDL\nCREATE DATABASE imported\n# DML\n# CONTEXT-DATABASE: imported\n";
   constexpr size_t N = 12'000;
   for (size_t i = 0; i < N; ++i) file += fmt::format("disk,n={} used={} {}\n", i % 100, i, 1'700'000'000 + i);
-  const std::string told = run({"-import", "-precision", "s", "-path", write("import.lp", file)});
-  EXPECT_THAT(told, HasSubstr(fmt::format("Processed {} inserts", N)));
-  EXPECT_THAT(told, HasSubstr("Failed 0 inserts"));
+  const std::string output = run({"-import", "-precision", "s", "-path", write("import.lp", file)});
+  EXPECT_THAT(output, HasSubstr(fmt::format("Processed {} inserts", N)));
+  EXPECT_THAT(output, HasSubstr("Failed 0 inserts"));
   EXPECT_EQ(server_.ingest().points().size(), N + 2);
   EXPECT_EQ(server_.ingest().points().back(),
             fmt::format("disk,n={} used={}@{}000000000", (N - 1) % 100, N - 1, 1'700'000'000 + N - 1));
@@ -89,7 +89,7 @@ TEST_F(Agents, InfluxClient) {
 constexpr const char *CURL = "/usr/bin/curl";
 constexpr const char *COLLECTD = "/usr/sbin/collectd";
 
-// Counters as they are: rates begin with a nan each.
+// Rates are off, because each begins with a NaN.
 constexpr const char *COLLECTD_CONFIGURATION = R"(Hostname "{0}"
 FQDNLookup false
 Interval 0.2
@@ -113,12 +113,12 @@ Prefix "collectd."
 </Plugin>
 )";
 
-// What two agents sent is in the database when the program was told to end, and the next one takes more.
-TEST_F(Agents, CollectdFeedsADatabaseBesideCurl) {
+// The points of two agents are in the database when the program ends after a signal, and a second run adds more.
+TEST_F(Agents, CollectdAndCurlFeedADatabase) {
   SKIP_WITHOUT(COLLECTD);
   SKIP_WITHOUT(CURL);
   const std::string db = path("db");
-  constexpr int N_LINES = 60'000;  // long enough that curl asks first whether its body is wanted
+  constexpr int N_LINES = 60'000;  // so long that curl asks whether to send the body
   std::string lines;
   for (int i = 0; i < N_LINES; ++i) lines += fmt::format("m,n={} f={}i {}\n", i % 10, i, i + 1);
   const std::string file = write("curl.lp", lines);
@@ -126,7 +126,7 @@ TEST_F(Agents, CollectdFeedsADatabaseBesideCurl) {
     Program serve({METRICDB, "serve", "--db", db, "--influx", "0", "--graphite", "0"},
                   root_ / fmt::format("serve{}.out", round));
     int influx = 0, graphite = 0;
-    ASSERT_TRUE(comes_true([&] {
+    ASSERT_TRUE(wait_until([&] {
       return std::sscanf(serve.output().c_str(), "serving influx 127.0.0.1:%d graphite 127.0.0.1:%d", &influx,
                          &graphite) == 2;
     })) << serve.output();
@@ -136,9 +136,9 @@ TEST_F(Agents, CollectdFeedsADatabaseBesideCurl) {
     EXPECT_EQ(run_to_end({CURL, "-sS", "--noproxy", "*", "-w", "%{http_code}", "--data-binary", "@" + file,
                           fmt::format("http://127.0.0.1:{}/write", influx)}),
               "204");
-    // Durable while the program runs, and told by another process.
+    // Another process reads the points while the program runs.
     for (const char *series : {".load*", ".cpu-0*", ".memory*", ".interface-lo*"})
-      EXPECT_TRUE(comes_true([&] {
+      EXPECT_TRUE(wait_until([&] {
         return !run_to_end({METRICDB, "export", "--db", db, "collectd." + name + series}).empty();
       })) << series
           << "\n"

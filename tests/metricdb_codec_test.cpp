@@ -1,4 +1,4 @@
-// The sealed form of points: its bits, that every bit comes back, and that nothing else passes for it.
+// The sealed form of points: its bits, decoding, and that other bytes are refused.
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
@@ -13,25 +13,25 @@
 
 using namespace metricdb;
 
-constexpr int64_t T0 = 1'767'225'600'000'000'000;  // 2026 begins
+constexpr int64_t T0 = 1'767'225'600'000'000'000;  // the beginning of 2026
 constexpr int64_t S = 1'000'000'000;
-constexpr int64_t MOST = std::numeric_limits<int64_t>::max();
+constexpr int64_t MAX = std::numeric_limits<int64_t>::max();
 
 static double of_bits(uint64_t bits) {
   return std::bit_cast<double>(bits);
 }
 
-// To the bit, as far as the shorter one goes.
+// Compares bits, up to the length of the shorter one.
 static bool same(const std::vector<Point> &a, const std::vector<Point> &b) {
   const size_t count = std::min(a.size(), b.size());
   return count == 0 || std::memcmp(a.data(), b.data(), count * sizeof(Point)) == 0;
 }
 
-// From an odd address into exactly the room that was promised, so that a sanitizer sees a byte beyond it.
+// Uses an odd address and exactly the promised room, so that a sanitizer detects an access outside of it.
 static std::vector<char> sealed(const std::vector<Point> &points) {
   std::vector<char> bytes(1 + points.size() * sizeof(Point));
   std::memcpy(bytes.data() + 1, points.data(), points.size() * sizeof(Point));
-  std::vector<char> out(most_sealed_bytes(points.size()));
+  std::vector<char> out(max_sealed_bytes(points.size()));
   out.resize(seal_points(bytes.data() + 1, points.size(), out.data()));
   out.shrink_to_fit();
   return out;
@@ -46,8 +46,8 @@ static Walk walk(const std::vector<char> &bytes, size_t n) {
   Walk found;
   SealedPoints sealed_points(bytes.data(), bytes.size(), n);
   for (Point point; sealed_points.next(point);) found.points.push_back(point);
-  Point behind;
-  EXPECT_FALSE(sealed_points.next(behind)) << "a walk that ended goes on";
+  Point next;
+  EXPECT_FALSE(sealed_points.next(next)) << "the walk continues after its end";
   found.is_whole = sealed_points.is_whole();
   return found;
 }
@@ -59,7 +59,7 @@ static void expect_back(const std::vector<Point> &points) {
   ASSERT_TRUE(same(found.points, points));
 }
 
-// Stored: this may not change. The bytes were worked out from the table in the header, not by this code.
+// This format is stored and must not change. The bytes were computed by hand from the table in the header.
 TEST(PointCodec, GoldenRun) {
   const std::vector<Point> points = {{T0, 21.5},
                                      {T0 + 10 * S, 21.5},
@@ -76,7 +76,7 @@ TEST(PointCodec, GoldenRun) {
   expect_back(points);
 }
 
-// Of 1,001 points of one kind: a bit too many for each of them shows.
+// With 1,001 points of one kind, one bit per point too many is detected.
 TEST(PointCodec, BitsOfAPoint) {
   constexpr int64_t N = 1'001;
   constexpr uint64_t TWELVE_WIDE = 0xfff'0000'0000;
@@ -85,24 +85,26 @@ TEST(PointCodec, BitsOfAPoint) {
   const auto at = [](const std::function<int64_t(int64_t)> &ts_ns) {
     return PointOf([=](int64_t i) { return Point{T0 + ts_ns(i), 0.0}; });
   };
-  // The first value, and from then on bits that come and go.
+  // The first value, and then bits that alternate.
   const auto flicker = [](uint64_t first, uint64_t bits) {
     return PointOf([=](int64_t i) { return Point{T0, of_bits(first ^ (i % 2 == 0 ? 0 : bits))}; });
   };
   const struct {
-    const char *fault;  // what the row would catch
+    const char *fault;  // what the row detects
     PointOf point_of;
     uint64_t n_bits;
   } rows[] = {
-      {"a regular series pays for its times", at([](int64_t i) { return 10 * S * i; }), 64 + 1 + (41 + 1) + 999 * 2},
-      {"backwards costs more", at([](int64_t i) { return -10 * S * i; }), 64 + 1 + (41 + 1) + 999 * 2},
-      {"the change is one of times", at([](int64_t i) { return 7 * i * i; }), 64 + 1 + (9 + 1) + 999 * (13 + 1)},
-      {"a small change takes a large code", at([](int64_t i) { return i % 2; }), 64 + 1 + 1000 * (9 + 1)},
-      {"a window is named again", flicker(0x3ff0'0000'0000'0000, uint64_t{1} << 51),
+      {"times of a regular series need more than a bit", at([](int64_t i) { return 10 * S * i; }),
+       64 + 1 + (41 + 1) + 999 * 2},
+      {"decreasing times need more bits", at([](int64_t i) { return -10 * S * i; }), 64 + 1 + (41 + 1) + 999 * 2},
+      {"differences of times are encoded, not of steps", at([](int64_t i) { return 7 * i * i; }),
+       64 + 1 + (9 + 1) + 999 * (13 + 1)},
+      {"a small change has a large code", at([](int64_t i) { return i % 2; }), 64 + 1 + 1000 * (9 + 1)},
+      {"a window is defined again", flicker(0x3ff0'0000'0000'0000, uint64_t{1} << 51),
        64 + 23 + (1 + 14) + 999 * (1 + 3)},
-      {"a wide window stays for narrow values", flicker(MOST, 1), 64 + 76 + (1 + 46) + 999 * (1 + 35)},
-      {"a window 11 bits too wide is given up", flicker(TWELVE_WIDE, uint64_t{1} << 32), 64 + 25 + 1000 * (1 + 14)},
-      {"a window 12 bits too wide stays", flicker(THIRTEEN_WIDE, uint64_t{1} << 32),
+      {"a wide window is kept for narrow values", flicker(MAX, 1), 64 + 76 + (1 + 46) + 999 * (1 + 35)},
+      {"a window 11 bits too wide is replaced", flicker(TWELVE_WIDE, uint64_t{1} << 32), 64 + 25 + 1000 * (1 + 14)},
+      {"a window 12 bits too wide is kept", flicker(THIRTEEN_WIDE, uint64_t{1} << 32),
        64 + 26 + (1 + 14) + 999 * (1 + 3)},
   };
   for (const auto &row : rows) {
@@ -133,7 +135,7 @@ static std::vector<Point> random_points(std::mt19937_64 &random, size_t n) {
   return points;
 }
 
-TEST(PointCodec, RandomRunsComeBack) {
+TEST(PointCodec, RandomRunsRoundTrip) {
   constexpr uint64_t SEED = 20260102;
   std::mt19937_64 random(SEED);
   for (int round = 0; round < 2'000; ++round) {
@@ -141,10 +143,10 @@ TEST(PointCodec, RandomRunsComeBack) {
     expect_back(random_points(random, 1 + random() % 300));
     if (HasFatalFailure()) return;
   }
-  expect_back(random_points(random, MOST_SEALED_POINTS));
+  expect_back(random_points(random, MAX_SEALED_POINTS));
 }
 
-TEST(PointCodec, APieceOfARunGivesItsFirstPointsAndIsNotWhole) {
+TEST(PointCodec, TruncatedRunsAreIncomplete) {
   std::mt19937_64 random(4);
   for (int round = 0; round < 50; ++round) {
     const std::vector<Point> points = random_points(random, 1 + random() % 40);
@@ -158,13 +160,13 @@ TEST(PointCodec, APieceOfARunGivesItsFirstPointsAndIsNotWhole) {
     std::vector<char> longer = bytes;
     longer.push_back(0);
     EXPECT_FALSE(walk(longer, points.size()).is_whole);
-    EXPECT_FALSE(walk(bytes, points.size() + 8).is_whole) << "no byte ends with room for 8 more points";
+    EXPECT_FALSE(walk(bytes, points.size() + 8).is_whole) << "the unused bits are taken for points";
   }
 }
 
-// A change to one bit or a few makes another run or none. Two forms of one run would be seen here: of what is whole,
-// the same bytes come out again.
-TEST(PointCodec, WhatIsWholeIsTheOnlyFormOfItsPoints) {
+// A changed bit produces another valid run or an invalid one. Every valid run must be the sealed form of its points, so
+// that no points have two forms.
+TEST(PointCodec, EachRunHasOneForm) {
   std::mt19937_64 random(5);
   uint64_t n_whole = 0, n_refused = 0;
   const auto expect_only_form = [&](const std::vector<char> &bytes, size_t n) {
@@ -185,6 +187,6 @@ TEST(PointCodec, WhatIsWholeIsTheOnlyFormOfItsPoints) {
       expect_only_form(bytes, n);
     }
   }
-  EXPECT_GT(n_whole, 1'000u) << "too little passes for this to show anything";
-  EXPECT_GT(n_refused, 1'000u) << "too little is refused";
+  EXPECT_GT(n_whole, 1'000u) << "too few runs are valid";
+  EXPECT_GT(n_refused, 1'000u) << "too few runs are refused";
 }

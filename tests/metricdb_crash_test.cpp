@@ -1,4 +1,4 @@
-// The program, ended at each step on the way to the disk, and where nobody listens.
+// The program is killed at each step of its file operations, or runs with unusable standard streams.
 
 #include <set>
 
@@ -6,12 +6,12 @@
 
 using Crash = Writer;
 
-// Not under ThreadSanitizer: a process that is killed tells of no race, and a hundred of them take minutes there.
-TEST_F(Crash, AtEachStepWhatWasAcknowledgedIsThereAndNothingElse) {
+// Not under ThreadSanitizer: a killed process reports no race, and a hundred processes take minutes.
+TEST_F(Crash, EachStepKeepsAcknowledgedBatches) {
 #if defined(TSLB_SANITIZES_THREAD)
   GTEST_SKIP();
 #endif
-  // Batches of a line; a journal of more than a mebibyte begins a generation, and that happens on the way.
+  // One line per batch. The journal exceeds a mebibyte during the test, so a new generation is written.
   constexpr int N_LINES = 10;
   std::string input;
   std::vector<std::string> lines;
@@ -33,39 +33,39 @@ TEST_F(Crash, AtEachStepWhatWasAcknowledgedIsThereAndNothingElse) {
     const uint64_t n_acknowledged = last == outcome.out.npos ? 0 : std::stoull(outcome.out.substr(last + 8));
     if (outcome.exit_code == 0) {
       EXPECT_EQ(n_acknowledged, uint64_t{N_LINES});
-      EXPECT_GT(reopened().stored.generation, 1u) << "no generation began";
+      EXPECT_GT(reopened().generation.number, 1u) << "no generation was written";
       break;
     }
     ASSERT_EQ(outcome.exit_code, -1) << outcome.err;
     ++n_killed;
     acknowledged.insert(n_acknowledged);
     uint64_t n_found = 0;
-    // Ahead of the first generation there is nothing, and nothing was acknowledged.
+    // Before the first generation exists, nothing was acknowledged.
     if (Database(db(), Database::Use::create).newest()) {
-      const Opened opened = reopened();
+      const LoadedDatabase opened = reopened();
       ASSERT_EQ(opened.store.n_points() % 400, 0u) << "a part of a batch";
       n_found = opened.store.n_points() / 400;
       Store straight;
       for (uint64_t i = 0; i < n_found; ++i) load(straight, lines[i]);
       ASSERT_EQ(records_of(opened.store), records_of(straight));
     }
-    ASSERT_GE(n_found, n_acknowledged) << "what was acknowledged is lost";
-    // And it goes on: the rest follows, as if nothing had been.
+    ASSERT_GE(n_found, n_acknowledged) << "an acknowledged batch is lost";
+    // A new process continues with the rest of the input.
     std::string rest;
     for (uint64_t i = n_found; i < lines.size(); ++i) rest += lines[i];
     write_file(root_ / "rest.lp", rest);
-    const Outcome went_on = run("ingest --db db --batch-lines 5 --snapshot-mb 1 rest.lp");
-    ASSERT_EQ(went_on.exit_code, 0) << went_on.err;
+    const Outcome continued = run("ingest --db db --batch-lines 5 --snapshot-mb 1 rest.lp");
+    ASSERT_EQ(continued.exit_code, 0) << continued.err;
     Store whole;
     load(whole, input);
     ASSERT_EQ(records_of(reopened().store), records_of(whole));
   }
   EXPECT_GT(n_killed, 40) << "too few steps";
-  EXPECT_GT(acknowledged.size(), 5u) << "the steps did not fall between the batches";
+  EXPECT_GT(acknowledged.size(), 5u) << "the steps were not between the batches";
 }
 
-// The standard streams closed, or full: files keep what is theirs, and the exit codes hold.
-TEST_F(Crash, NobodyListensToWhatIsSaid) {
+// With closed or full standard streams, files get only their own data, and the exit codes are correct.
+TEST_F(Crash, UnusableStandardStreams) {
   write_file(root_ / "input.lp", "m f=1 1\nnonsense\nm f=2 2\n");
   for (const char *streams : {"2>/dev/full", "2>&-", "0<&- 1>&- 2>&-"}) {
     SCOPED_TRACE(streams);
@@ -75,13 +75,13 @@ TEST_F(Crash, NobodyListensToWhatIsSaid) {
   }
 }
 
-TEST_F(Crash, FaultsCanBeAskedForByVariables) {
+TEST_F(Crash, FaultsFromEnvironmentVariables) {
   write_file(root_ / "input.lp", "cpu,host=a load=1 1000\n");
-  for (const auto &[variable, told] : {std::pair("METRICDB_FAIL_AT=6:EDQUOT", "Disk quota exceeded"),
-                                       {"METRICDB_FAIL_AT=6:5", "Input/output error"}}) {
+  for (const auto &[variable, message] : {std::pair("METRICDB_FAIL_AT=6:EDQUOT", "Disk quota exceeded"),
+                                          {"METRICDB_FAIL_AT=6:5", "Input/output error"}}) {
     const Outcome outcome = run("load input.lp --db db", variable);
     EXPECT_EQ(outcome.exit_code, 1) << variable;
-    EXPECT_THAT(outcome.err, HasSubstr(told));
+    EXPECT_THAT(outcome.err, HasSubstr(message));
   }
   EXPECT_EQ(run("load input.lp --db db", "METRICDB_FAIL_AT=1000000:EIO").exit_code, 0);
 }

@@ -1,4 +1,4 @@
-// What metricdb keeps in a folder comes back and goes on, and a writer that fails leaves the old state readable.
+// A database is the same after it was closed and opened, and a failed write leaves the old state intact.
 #include <atomic>
 #include <cstring>
 #include <limits>
@@ -10,7 +10,7 @@
 #include "journal/checksum.h"
 #include "query/report.h"
 
-TEST(Checksum, ByTheInstructionAndByTheTable) {
+TEST(Checksum, InstructionAndTableAgree) {
   EXPECT_EQ(crc32c("123456789", 9), 0xE3069283);
   EXPECT_EQ(crc32c("6789", 4, crc32c("12345", 5)), 0xE3069283);
   std::mt19937 random(5);
@@ -25,20 +25,23 @@ TEST(Checksum, ByTheInstructionAndByTheTable) {
 
 class RoundTrip : public Folder, public testing::WithParamInterface<StoreKind> {};
 
-// Against one store that is never interrupted. Blocks are compared as they lie: points, records, nodes, lists, cursors.
-TEST_P(RoundTrip, ComesBackAndGoesOnAsIfItHadNeverBeenAway) {
-  constexpr int N_BATCHES = 103;  // their points are no multiple of what comes between two sweeps
+// Compared with a store that is never closed. Compares blocks: points, records, nodes, lists and cursors.
+TEST_P(RoundTrip, ReopenedStoreContinuesUnchanged) {
+  constexpr int N_BATCHES = 103;  // so that the number of points is no multiple of points_per_sweep
   const auto fill = [](Store &store, int first) {
     for (int number = first; number < first + N_BATCHES; ++number) load(store, batch_text(number));
   };
   static const struct {
     const char *what;
-    bool ages, reuses;  // what must have happened for the row to show anything
+    bool ages, reuses;  // what must happen so that the row is meaningful
     StoreConfig config;
   } rows[] = {
       {"nothing is forgotten", false, false, {}},
-      {"sweeps under way", true, false, {.retain_ns = 2500, .idle_ns = 300, .points_per_sweep = 900}},
-      {"reuse of series", false, true, {.idle_ns = 300, .reuse_inactive_pct = 20, .points_per_sweep = 400}},
+      {"sweeps", true, false, {.forgetting = {.retain_ns = 2500, .idle_ns = 300}, .points_per_sweep = 900}},
+      {"reuse of series",
+       false,
+       true,
+       {.forgetting = {.idle_ns = 300, .reuse_inactive_pct = 20}, .points_per_sweep = 400}},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.what);
@@ -51,11 +54,11 @@ TEST_P(RoundTrip, ComesBackAndGoesOnAsIfItHadNeverBeenAway) {
     std::optional<NewGeneration> straight_blocks, blocks;
     if (GetParam() == StoreKind::shm) {
       config.mem_type = MPOOL_TYPE_SHM;
-      straight_blocks.emplace(straight_folder).take_block_files();
+      straight_blocks.emplace(straight_folder).set_block_file_path();
     }
     Store straight(config);
     fill(straight, 0);
-    const std::string half_way = image_of(straight), half_way_figures = figures_of(straight);
+    const std::string half_time = image_of(straight), half_time_figures = figures_of(straight);
     fill(straight, N_BATCHES);
     EXPECT_EQ(straight.n_inactive() > 0, row.ages || row.reuses);
     EXPECT_EQ(straight.forgotten().series_aged > 0, row.ages);
@@ -63,34 +66,34 @@ TEST_P(RoundTrip, ComesBackAndGoesOnAsIfItHadNeverBeenAway) {
     EXPECT_EQ(straight.forgotten().chunks > 0, row.ages || row.reuses);
     EXPECT_EQ(lists_of(straight.points())->n_free > 0, row.ages);
 
-    Stored written;
+    GenerationInfo written;
     {
-      if (GetParam() == StoreKind::shm) blocks.emplace(folder).take_block_files();
+      if (GetParam() == StoreKind::shm) blocks.emplace(folder).set_block_file_path();
       Store store(config);
       fill(store, 0);
-      ASSERT_EQ(image_of(store), half_way) << "the input is not the same twice";
+      ASSERT_EQ(image_of(store), half_time) << "the input is not reproducible";
       written = blocks ? blocks->seal_block_files(store) : keep(folder, store);
     }
-    Opened opened = folder.open();
-    EXPECT_EQ(opened.stored.kind, GetParam());
-    EXPECT_EQ(opened.stored.bytes(), written.bytes());
+    LoadedDatabase opened = folder.open();
+    EXPECT_EQ(opened.generation.kind, GetParam());
+    EXPECT_EQ(opened.generation.bytes(), written.bytes());
     uint64_t bytes_there = 0;
     for (const auto &[name, content] : tree_of(folder.folder())) bytes_there += content.size();
     EXPECT_EQ(written.bytes(), bytes_there);
-    EXPECT_EQ(figures_of(opened.store), half_way_figures);
-    EXPECT_TRUE(image_of(opened.store) == half_way) << "what came back differs";
+    EXPECT_EQ(figures_of(opened.store), half_time_figures);
+    EXPECT_TRUE(image_of(opened.store) == half_time) << "the opened store differs";
     EXPECT_EQ(series_table(opened.store, "m,n=* f").find("no series"), std::string::npos);
 
     fill(opened.store, N_BATCHES);
     EXPECT_EQ(figures_of(opened.store), figures_of(straight));
-    EXPECT_TRUE(image_of(opened.store) == image_of(straight)) << "it did not go on as it would have";
+    EXPECT_TRUE(image_of(opened.store) == image_of(straight)) << "it did not continue as the original";
     EXPECT_EQ(series_table(opened.store, "*"), series_table(straight, "*"));
 
-    // And as streams, whatever it was.
-    EXPECT_EQ(keep(folder, opened.store).generation, 2u);
+    // The next generation is written as streams in any case.
+    EXPECT_EQ(keep(folder, opened.store).number, 2u);
     EXPECT_THAT(names_in(folder.folder()), ElementsAre("generation.2"));
-    const Opened again = folder.open();
-    EXPECT_EQ(again.stored.kind, StoreKind::snapshot);
+    const LoadedDatabase again = folder.open();
+    EXPECT_EQ(again.generation.kind, StoreKind::snapshot);
     EXPECT_EQ(figures_of(again.store), figures_of(straight));
     EXPECT_TRUE(image_of(again.store) == image_of(straight));
   }
@@ -109,38 +112,38 @@ TEST_F(RoundTripOfPoints, BitForBit) {
   {
     Store store;
     for (const Point &point : points) store.add("m f", point);
-    store.add(std::string(Store::LONGEST_KEY, 'k'), {0, 1.0});
+    store.add(std::string(Store::MAX_KEY_BYTES, 'k'), {0, 1.0});
     keep(folder, store);
   }
-  const Opened opened = folder.open();
+  const LoadedDatabase opened = folder.open();
   const std::vector<Point> found = points_of(opened.store, 0);
   ASSERT_EQ(found.size(), points.size());
   EXPECT_EQ(std::memcmp(found.data(), points.data(), points.size() * sizeof(Point)), 0);
-  EXPECT_EQ(opened.store.key(1), std::string(Store::LONGEST_KEY, 'k'));
-  // Their span is beyond 64 bits, and their years before 1970.
-  EXPECT_THAT(database_summary("db", opened.store, opened.stored, 0.0),
+  EXPECT_EQ(opened.store.key(1), std::string(Store::MAX_KEY_BYTES, 'k'));
+  // The range exceeds 64 bits, and some times are before 1970.
+  EXPECT_THAT(database_summary("db", opened.store, opened.generation, 0.0),
               HasSubstr("oldest           -9223372036854775808 (1677-09-21 00:12:43.145224192 UTC)\n"
                         "newest           9223372036854775807 (2262-04-11 23:47:16.854775807 UTC)\n"));
 }
 
 using Writing = SmallDatabase;
 
-// As processes leave it that end between writing and renaming, or between that and the removal of the old one. Each
-// such moment is met by crashes of the program; here is what lies about afterwards.
-TEST_F(Writing, TheNewestWholeGenerationCountsAndTheNextWriterTidiesUp) {
+// The state after a process that ended between writing and renaming, or between renaming and removing the old
+// generation. The crash tests meet each of these moments.
+TEST_F(Writing, NewestGenerationIsUsedAndLeftoversAreRemoved) {
   ASSERT_NO_FATAL_FAILURE(keep_filled(StoreKind::snapshot));
   const fs::path old = root_ / "old", half = root_ / "db" / "generation.3.new";
   fs::copy(generation(), old);
-  Opened opened = database_->open();
+  LoadedDatabase opened = database_->open();
   opened.store.add("d f", {181, 1.0});
   keep(*database_, opened.store);
   fs::rename(old, generation());
   fs::copy(generation(), half);
   fs::resize_file(half / "points.stream", 10);
   fs::create_directory(root_ / "db" / "somebody's.new");
-  EXPECT_EQ(database_->open().stored.generation, 2u);
+  EXPECT_EQ(database_->open().generation.number, 2u);
   EXPECT_EQ(figures_of(database_->open().store), figures_of(opened.store));
-  // Damage of the one that counts is not hidden by an older one.
+  // An older generation must not hide damage of the newest one.
   const fs::path points = root_ / "db" / "generation.2" / "points.stream";
   const std::string whole = read_file(points);
   fs::remove(points);
@@ -150,27 +153,27 @@ TEST_F(Writing, TheNewestWholeGenerationCountsAndTheNextWriterTidiesUp) {
   EXPECT_THAT(names_in(root_ / "db"), ElementsAre("generation.3", "somebody's.new"));
 }
 
-// The n-th byte that cannot be written, for several n: in each of the files.
-TEST_F(Writing, AFailedWriteLeavesTheFolderAsItWas) {
+// Limits on the file size make writes to each of the files fail.
+TEST_F(Writing, FailedWriteChangesNothing) {
   ASSERT_NO_FATAL_FAILURE(keep_filled(StoreKind::snapshot));
-  Opened opened = database_->open();
+  LoadedDatabase opened = database_->open();
   for (int i = 0; i < 3000; ++i) opened.store.add(fmt::format("many,n={} f", i % 40), {181 + i % 7, 1.0});
   const auto before = tree_of(root_);
   const auto old_handler = signal(SIGXFSZ, SIG_IGN);
   std::set<std::string> refused_files;
-  for (const rlim_t most : {0, 100, 1500, 2300, 2500, 2800, 3500, 20'000}) {
+  for (const rlim_t max_bytes : {0, 100, 1500, 2300, 2500, 2800, 3500, 20'000}) {
     testing::internal::CaptureStderr();
     const std::string what = refusal_of([&] {
-      const limit_t tight(RLIMIT_FSIZE, most);
+      const limit_t tight(RLIMIT_FSIZE, max_bytes);
       keep(*database_, opened.store);
     });
     testing::internal::GetCapturedStderr();
-    EXPECT_THAT(what, HasSubstr("cannot be written")) << most;
+    EXPECT_THAT(what, HasSubstr("cannot be written")) << max_bytes;
     refused_files.insert(fs::path(what.substr(0, what.find(": "))).filename());
-    EXPECT_TRUE(tree_of(root_) == before) << most;
+    EXPECT_TRUE(tree_of(root_) == before) << max_bytes;
   }
   signal(SIGXFSZ, old_handler);
-  EXPECT_GE(refused_files.size(), 2u) << "all limits met the same file";
+  EXPECT_GE(refused_files.size(), 2u) << "all limits affected the same file";
   keep(*database_, opened.store);
   EXPECT_EQ(figures_of(database_->open().store), figures_of(opened.store));
 }
@@ -179,12 +182,12 @@ TEST_F(Writing, OneWriterAtATime) {
   ASSERT_NO_FATAL_FAILURE(keep_filled(StoreKind::snapshot));
   const auto write = [this] { const Database second(path("db"), Database::Use::write); };
   EXPECT_EQ(refusal_of(write), path("db") + ": another process is writing to it");
-  EXPECT_EQ(Database(path("db"), Database::Use::read).open().stored.generation, 1u) << "readers are kept out";
+  EXPECT_EQ(Database(path("db"), Database::Use::read).open().generation.number, 1u) << "readers are kept out";
   database_.reset();
   EXPECT_EQ(refusal_of(write), "");
 }
 
-TEST_F(Writing, ReadersSeeTheOldStateOrTheNewOneWhole) {
+TEST_F(Writing, ReadersSeeCompleteGenerations) {
   Database folder(path("busy"), Database::Use::create);
   Store store(config());
   store.add("a f", {0, 0.0});
@@ -196,9 +199,9 @@ TEST_F(Writing, ReadersSeeTheOldStateOrTheNewOneWhole) {
     const Database reading(folder.folder(), Database::Use::read);
     for (; !done && failure.empty(); ++n_opened)
       failure = refusal_of([&] {
-        const Opened opened = reading.open();
-        // A generation holds as many points as its number says.
-        EXPECT_EQ(opened.store.n_points(), opened.stored.generation);
+        const LoadedDatabase opened = reading.open();
+        // A generation contains as many points as its number.
+        EXPECT_EQ(opened.store.n_points(), opened.generation.number);
         EXPECT_GE(opened.store.n_points(), std::exchange(last_points, opened.store.n_points()));
       });
   });

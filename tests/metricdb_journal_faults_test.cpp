@@ -1,15 +1,15 @@
-// The journal where steps on the way to the disk fail, and where threads meet.
+// The journal with failing file operations and with several threads.
 #include <poll.h>
 #include <sys/stat.h>
 
 #include "journal_support.h"
 #include "threads.h"
 
-// An owner that commits batches 1 to 4, brings itself back after a refusal and tries again.
+// Commits batches 1 to 4. Restarts the journal after a refusal and tries again.
 struct Owner {
   std::vector<std::string> settled;    // payloads that were not refused
-  std::vector<std::string> attempted;  // those, and perhaps one behind them
-  std::string failure;                 // the last one
+  std::vector<std::string> attempted;  // the same, and possibly the next one
+  std::string failure;                 // the last reason
 
   void run(const std::string &path, Sync sync) try {
     Journal journal(path, GENERATION, sync);
@@ -24,14 +24,14 @@ struct Owner {
         refused = ticket;
         EXPECT_EQ(journal.failure(next), why);
         journal.restart();
-        EXPECT_EQ(fs::file_size(path), journal.settled_end()) << "not cut back";
+        EXPECT_EQ(fs::file_size(path), journal.settled_end()) << "not truncated";
         attempted.pop_back();
         --batch;
         continue;
       }
       settled.push_back(payload_of(batch));
       attempted = settled;
-      EXPECT_EQ(journal.failure(refused), failure) << "forgotten";
+      EXPECT_EQ(journal.failure(refused), failure) << "the reason is lost";
       if (!journal.failure(next).empty()) journal.restart();
     }
     journal.close();
@@ -39,10 +39,10 @@ struct Owner {
     failure = error.what();
   }
 
-  // Of a file that is there: it holds all that was settled and nothing that was not attempted, in order.
+  // An existing file contains all settled batches and only attempted ones, in order.
   void compare(const std::string &path) const {
-    Read read = read_journal(path);
-    EXPECT_EQ(read.error, "");
+    JournalContent read = read_journal(path);
+    EXPECT_NE(read.result.end, JournalEnd::damaged) << read.result.fault;
     std::erase(read.payloads, "with it");
     ASSERT_GE(read.payloads.size(), settled.size());
     ASSERT_LE(read.payloads.size(), attempted.size());
@@ -74,9 +74,9 @@ TEST_F(JournalTest, EveryStepCanFail) {
   }
 }
 
-TEST_F(JournalTest, SyncThatFailedIsNeverTriedAgain) {
+TEST_F(JournalTest, FailedSyncIsNotRepeated) {
   Journal journal(path_, GENERATION, Sync::batch);
-  fail_at_io(3, EIO);  // behind the two steps of the write
+  fail_at_io(3, EIO);  // after the two steps of the write
   const uint64_t ticket = commit_batch(journal, 1);
   journal.wait(ticket);
   EXPECT_THAT(journal.failure(ticket), HasSubstr("cannot be synced: Input/output error"));
@@ -89,15 +89,15 @@ TEST_F(JournalTest, SyncThatFailedIsNeverTriedAgain) {
   EXPECT_THROW(journal.close(), FileError);
 }
 
-TEST_F(JournalTest, RoomIsReservedAndGivenBack) {
+TEST_F(JournalTest, SpaceIsReservedAndReleased) {
   const auto allocated = [this] {
     struct stat about;
     EXPECT_EQ(stat(path_.c_str(), &about), 0);
     return static_cast<uint64_t>(about.st_blocks) * 512;
   };
   Journal journal(path_, GENERATION, Sync::batch);
-  uint64_t wanted = 0;  // more each time than was had
-  // No reservations there are; no room for a step, only for what is needed; a disk that fails.
+  uint64_t wanted = 0;  // grows with each attempt
+  // The file system cannot reserve; no space for a whole step, but for the requested bytes; a failing disk.
   for (const auto &[error, result] : {std::pair(EOPNOTSUPP, true), {ENOSPC, true}, {EIO, false}}) {
     std::string why;
     fail_at_io(1, error);
@@ -110,12 +110,12 @@ TEST_F(JournalTest, RoomIsReservedAndGivenBack) {
   EXPECT_EQ(fs::file_size(path_), size);
   const uint64_t steps = io_operations();
   EXPECT_TRUE(journal.reserve(10 << 20));
-  EXPECT_EQ(io_operations(), steps) << "room that is there is not asked for again";
+  EXPECT_EQ(io_operations(), steps) << "reserved space is reserved again";
   journal.close();
   EXPECT_LE(allocated(), 64u << 10);
 }
 
-TEST_F(JournalTest, ThreadsAppendWhileOthersCommitWaitAndRead) {
+TEST_F(JournalTest, ThreadsAppendCommitWaitAndRead) {
   constexpr uint64_t PER_THREAD = 3000;
   Journal journal(path_, GENERATION, Sync::batch);
   on_threads(4, [&](int thread) {
@@ -143,7 +143,7 @@ TEST_F(JournalTest, ThreadsAppendWhileOthersCommitWaitAndRead) {
   EXPECT_EQ(journal.settled(), last);
   journal.close();
   std::vector<std::string> expected, found = read_journal(path_).records;
-  // A record begins with its number, and those of a thread stay in their order.
+  // The text of a record begins with its number. The records of one thread stay in order.
   std::stable_partition(found.begin(), found.end(),
                         [](const std::string &text) { return std::stoull(text) < PER_THREAD; });
   for (uint64_t i = 0; i < 2 * PER_THREAD; ++i) expected.push_back(text_of_record(small_record(i).get()));

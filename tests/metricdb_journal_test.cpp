@@ -1,28 +1,28 @@
-// What was committed comes back in order and nothing else does; what befalls the file is told for what it is.
+// Committed batches are read in order, and damage is reported with its position.
 #include <memory>
 
 #include "journal_support.h"
 
-TEST_F(JournalTest, RecordsComeBackAsTheyWereAppended) {
-  const std::string long_bytes(3 << 20, 'x');  // more than is read at once
-  const std::vector<Written> written = {
-      {"metricdb", "bytes", {1, 5, {}, 1, 2, 3, "", 5}},
-      {"", std::string("\0\xff", 2), {~0ull, -3, {}, ~0u, ~0ull, ~0u, "", 2}},
-      {"pool", "", {~0ull, 13, {}, 4, 1088, ~0u, nullptr, 0}},
-      {"pool", "", {0, 0, {}, 0, 0, 0, nullptr, 77}},
-      {std::string(MOST_NAME_BYTES, 'n'), long_bytes, {9, 2, {}, 1, 2, 3, "", 3 << 20}},
+TEST_F(JournalTest, RecordsRoundTrip) {
+  const std::string long_bytes(3 << 20, 'x');  // more than one read
+  const std::vector<RecordWithBytes> written = {
+      {"metricdb", "bytes", {1, 5, nullptr, 0, 1, 2, 3, "", 5}},
+      {"", std::string("\0\xff", 2), {~0ull, -3, nullptr, 0, ~0u, ~0ull, ~0u, "", 2}},
+      {"pool", "", {~0ull, 13, nullptr, 0, 4, 1088, ~0u, nullptr, 0}},
+      {"pool", "", {0, 0, nullptr, 0, 0, 0, 0, nullptr, 77}},
+      {std::string(MAX_NAME_BYTES, 'n'), long_bytes, {9, 2, nullptr, 0, 1, 2, 3, "", 3 << 20}},
   };
-  const std::string payloads[] = {"", std::string(MOST_PAYLOAD_BYTES, 'p'), "end"};
+  const std::string payloads[] = {"", std::string(MAX_PAYLOAD_BYTES, 'p'), "end"};
   std::vector<std::string> expected;
   for (const Sync sync : {Sync::always, Sync::batch, Sync::none}) {
     fs::remove(path_);
     expected.clear();
-    // Half of it by a first writer, the rest by one that goes on behind it; what is appended and not committed is gone.
+    // Half of the batches by one writer, the rest by a second one that continues. Uncommitted records are lost.
     for (int round = 0; round < 2; ++round) {
       const auto journal = round == 0 ? std::make_unique<Journal>(path_, GENERATION, sync)
                                       : std::make_unique<Journal>(path_, read_journal(path_).result.place, sync);
       for (const std::string &payload : payloads) {
-        for (const Written &one : written) {
+        for (const RecordWithBytes &one : written) {
           journal->append(one.get());
           expected.push_back(text_of_record(one.get()));
         }
@@ -31,43 +31,44 @@ TEST_F(JournalTest, RecordsComeBackAsTheyWereAppended) {
         EXPECT_EQ(journal->failure(ticket), "");
       }
       journal->commit("nothing but a mark");
-      EXPECT_THROW(journal->commit(std::string(MOST_PAYLOAD_BYTES + 1, 'p')), std::length_error);
+      EXPECT_THROW(journal->commit(std::string(MAX_PAYLOAD_BYTES + 1, 'p')), std::length_error);
       journal->append(small_record(1).get());
       if (round == 0) journal->close();
     }
-    const Read read = read_journal(path_);
+    const JournalContent read = read_journal(path_);
     EXPECT_EQ(read.records, expected);
     EXPECT_THAT(read.payloads, ElementsAre(payloads[0], payloads[1], payloads[2], "nothing but a mark", payloads[0],
                                            payloads[1], payloads[2], "nothing but a mark"));
     EXPECT_EQ(read.result.end, JournalEnd::clean);
-    EXPECT_TRUE(read.result.closed);
+    EXPECT_TRUE(read.result.is_closed);
     EXPECT_EQ(read.result.place.generation, GENERATION);
-    EXPECT_EQ(read.result.place.next_sequence, 1 + 30 + 8 + 4u) << "records, commit marks, and those of two writers";
+    EXPECT_EQ(read.result.place.next_sequence, 1 + 30 + 8 + 4u)
+        << "records, commit marks, and the marks of two writers";
   }
-  EXPECT_THROW(Journal(path_, GENERATION, Sync::batch), FileError) << "a journal is not written over";
+  EXPECT_THROW(Journal(path_, GENERATION, Sync::batch), FileError) << "an existing journal is overwritten";
 }
 
-TEST_F(JournalTest, RecordThatCannotBeTakenRefusesItsBatch) {
+TEST_F(JournalTest, OversizedRecordRefusesItsBatch) {
   Journal journal(path_, GENERATION, Sync::batch);
   const uint64_t good = commit_batch(journal, 1);
-  Written too_long = small_record(1);
-  too_long.name.assign(MOST_NAME_BYTES + 1, 'n');
+  RecordWithBytes too_long = small_record(1);
+  too_long.name.assign(MAX_NAME_BYTES + 1, 'n');
   journal.append(too_long.get());
-  const uint64_t bad = commit_batch(journal, 2), behind = commit_batch(journal, 3);
-  journal.wait(behind);
+  const uint64_t bad = commit_batch(journal, 2), next = commit_batch(journal, 3);
+  journal.wait(next);
   EXPECT_EQ(journal.failure(good), "");
   EXPECT_EQ(journal.failure(bad), path_ + ": record too long");
-  EXPECT_EQ(journal.failure(behind), journal.failure(bad)) << "nothing can follow what is not there";
+  EXPECT_EQ(journal.failure(next), journal.failure(bad)) << "a batch follows a refused one";
   journal.restart();
   journal.wait(commit_batch(journal, 4));
   journal.close();
   EXPECT_THAT(read_journal(path_).payloads, ElementsAre(payload_of(1), payload_of(4)));
 }
 
-// Three batches of one, two and three records, and where each entry begins.
+// Three batches with one, two and three records, and the positions of the entries.
 struct Layout {
-  std::string bytes;  // of a file whose writer came to its end
-  size_t open_bytes;  // ahead of its last mark: what one that was killed leaves
+  std::string bytes;  // of a file whose writer was closed
+  size_t open_bytes;  // without the last mark: the file of a writer that was killed
   std::vector<size_t> begins, batch_ends;
 };
 
@@ -95,64 +96,58 @@ static size_t count_up_to(const std::vector<size_t> &sorted, size_t limit) {
   return static_cast<size_t>(std::upper_bound(sorted.begin(), sorted.end(), limit) - sorted.begin());
 }
 
-TEST_F(JournalTest, EveryByteThatChangesIsFoundAndTold) {
+TEST_F(JournalTest, EveryChangedByteIsReported) {
   const Layout layout = write_three_batches(path_);
   for (const size_t size : {layout.bytes.size(), layout.open_bytes}) {
-    // Each mark says that the disk had all batches ahead of its own, and the last mark that it had all.
+    // Each mark says that all batches before its own were on the disk, and the last mark that everything was.
     const size_t proven = size == layout.open_bytes ? layout.batch_ends[1] : layout.open_bytes;
     for (size_t at = 0; at < size; ++at) {
       SCOPED_TRACE(fmt::format("byte {} of {}", at, size));
       std::string bytes = layout.bytes.substr(0, size);
       bytes[at] = static_cast<char>(bytes[at] ^ (1 << (at % 8)));
       write_file(path_, bytes);
-      const Read read = read_journal(path_);
+      const JournalContent read = read_journal(path_);
       if (at < sizeof(JournalHead)) {
-        EXPECT_THAT(read.error, StartsWith(path_ + ": byte 0: "));
+        EXPECT_EQ(read.result.end, JournalEnd::damaged);
+        EXPECT_THAT(read.result.fault, StartsWith(path_ + ": byte 0: "));
         continue;
       }
       const size_t begin = layout.begins[count_up_to(layout.begins, at) - 1];
-      const size_t n_ahead = count_up_to(layout.batch_ends, begin);
-      EXPECT_EQ(read.payloads.size(), n_ahead);
-      if (begin >= proven) {
-        EXPECT_EQ(read.result.end, JournalEnd::torn);
-        EXPECT_THAT(read.result.what, StartsWith(fmt::format("{}: byte {}: ", path_, begin)));
-        continue;
-      }
-      EXPECT_THAT(read.error, StartsWith(fmt::format("{}: byte {}: ", path_, begin)));
-      const Read salvaged = read_journal(path_, true);
-      EXPECT_EQ(salvaged.result.end, JournalEnd::damaged);
-      EXPECT_EQ(salvaged.payloads.size(), n_ahead);
-      EXPECT_THAT(salvaged.result.what,
-                  HasSubstr(fmt::format("; {} bytes from byte {} on are lost", salvaged.result.bytes_cut,
-                                        size - salvaged.result.bytes_cut)));
+      const size_t n_before = count_up_to(layout.batch_ends, begin);
+      EXPECT_EQ(read.payloads.size(), n_before);
+      EXPECT_THAT(read.result.fault, StartsWith(fmt::format("{}: byte {}: ", path_, begin)));
+      EXPECT_EQ(read.result.end, begin < proven ? JournalEnd::damaged : JournalEnd::torn);
+      EXPECT_EQ(read.result.warning(),
+                fmt::format("{}; {} bytes from byte {} on are {}", read.result.fault, read.result.bytes_cut,
+                            size - read.result.bytes_cut, begin < proven ? "lost" : "cut"));
     }
   }
 }
 
-TEST_F(JournalTest, EveryLengthThatACrashLeavesIsReadUpToItsLastMark) {
+TEST_F(JournalTest, EveryTruncatedFileIsReadUpToItsLastMark) {
   const Layout layout = write_three_batches(path_);
-  const size_t behind_first_mark = layout.begins[1];
+  const size_t end_of_first_mark = layout.begins[1];
   for (size_t size = 0; size <= layout.bytes.size(); ++size) {
     SCOPED_TRACE(size);
     write_file(path_, layout.bytes.substr(0, size));
-    const Read read = read_journal(path_);
+    const JournalContent read = read_journal(path_);
     if (size < sizeof(JournalHead)) {
-      EXPECT_THAT(read.error, HasSubstr("ends ahead of the head"));
+      EXPECT_THAT(read.result.fault, HasSubstr("shorter than the head"));
       continue;
     }
     const size_t n_batches = count_up_to(layout.batch_ends, size);
     const size_t place = size == layout.bytes.size() ? size
                          : n_batches != 0            ? layout.batch_ends[n_batches - 1]
-                         : size >= behind_first_mark ? behind_first_mark
+                         : size >= end_of_first_mark ? end_of_first_mark
                                                      : sizeof(JournalHead);
     EXPECT_EQ(read.payloads.size(), n_batches);
     EXPECT_EQ(read.result.place.position, place);
     EXPECT_EQ(read.result.end, size == place ? JournalEnd::clean : JournalEnd::torn);
-    EXPECT_EQ(read.result.closed, size == layout.bytes.size());
+    EXPECT_EQ(read.result.is_closed, size == layout.bytes.size());
   }
 }
 
-TEST_F(JournalTest, TailThatNoSyncReachedMayHaveHoles) {
+TEST_F(JournalTest, UnsyncedTailMayHaveHoles) {
   static const struct {
     const char *fault;
     Sync sync;
@@ -169,14 +164,14 @@ TEST_F(JournalTest, TailThatNoSyncReachedMayHaveHoles) {
       journal.wait(commit_batch(journal, 2));
       hole_at = journal.end();
       for (uint64_t batch = 3; batch < 40; ++batch) journal.wait(commit_batch(journal, batch));
-      bytes = read_file(path_);  // as of a machine that stops now
+      bytes = read_file(path_);  // the file as a crash of the machine leaves it
     }
     bytes.replace(hole_at + 10, 512, 512, '\0');
     write_file(path_, bytes);
-    const Read read = read_journal(path_, true);
-    EXPECT_EQ(read.result.end, row.end) << read.result.what;
+    const JournalContent read = read_journal(path_);
+    EXPECT_EQ(read.result.end, row.end) << read.result.fault;
     EXPECT_THAT(read.payloads, ElementsAre(payload_of(2)));
-    // A writer goes on there, and what stood behind the hole does not come back.
+    // A writer continues there, and the bytes after the hole do not reappear.
     Journal journal(path_, read.result.place, row.sync);
     journal.wait(journal.commit("later"));
     EXPECT_THAT(read_journal(path_).payloads, ElementsAre(payload_of(2), "later"));
@@ -184,14 +179,14 @@ TEST_F(JournalTest, TailThatNoSyncReachedMayHaveHoles) {
   }
 }
 
-// A journal that is stored in a record has marks, of the same generation too, and they prove nothing.
-TEST_F(JournalTest, BytesOfAJournalWithinARecordAreNoMarks) {
+// A journal that is stored in a record contains valid marks of the same generation, which must not be used.
+TEST_F(JournalTest, MarksInsideARecordAreIgnored) {
   const std::string stored = write_three_batches(path_).bytes;
   fs::remove(path_);
   std::string bytes;
   {
     Journal journal(path_, GENERATION, Sync::none);
-    Written record = small_record(1);
+    RecordWithBytes record = small_record(1);
     record.bytes = std::string(sizeof(RedoHead), 'x') + stored;
     journal.append(record.get());
     journal.wait(journal.commit(""));
@@ -202,26 +197,26 @@ TEST_F(JournalTest, BytesOfAJournalWithinARecordAreNoMarks) {
   EXPECT_EQ(read_journal(path_).result.end, JournalEnd::torn);
 }
 
-// Entries whose checksums are right, and which no writer puts so.
-TEST_F(JournalTest, OrderOfEntriesIsPartOfTheFormat) {
+// Entries with correct checksums in an order that no writer produces.
+TEST_F(JournalTest, EntriesInWrongOrder) {
   static const struct {
     const char *fault, *what;
     uint64_t skipped;
     EntryKind mark;
-  } rows[] = {{"entries are missing", "sequence 5 in place of 2", 3, EntryKind::commit},
+  } rows[] = {{"entries are missing", "sequence 5, expected 2", 3, EntryKind::commit},
               {"batch ends without its mark", "a mark within a batch", 0, EntryKind::opened}};
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);
     const JournalHead head = make_head(GENERATION);
     std::string bytes(reinterpret_cast<const char *>(&head), sizeof head);
-    JournalPlace place = behind_head(GENERATION);
+    JournalPlace place = place_after_head(GENERATION);
     add_mark(bytes, place, EntryKind::opened, place.position, "");
     place.next_sequence += row.skipped;
     add_redo(bytes, place, small_record(1).get());
     add_mark(bytes, place, row.mark, sizeof head, "");
     write_file(path_, bytes);
-    const Read read = read_journal(path_);
-    EXPECT_THAT(read.result.what, HasSubstr(row.what));
+    const JournalContent read = read_journal(path_);
+    EXPECT_THAT(read.result.fault, HasSubstr(row.what));
     EXPECT_EQ(read.result.place.position, sizeof(JournalHead) + sizeof(MarkHead));
     EXPECT_EQ(read.payloads.size(), 0u);
   }

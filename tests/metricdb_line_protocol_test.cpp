@@ -1,4 +1,4 @@
-// The two readers of line protocol: what lines mean, why they are refused, and that readers written apart agree.
+// The two parsers of line protocol: values, errors, and that the parsers agree.
 #include <iterator>
 
 #include "codec/line_protocol.h"
@@ -6,7 +6,7 @@
 #include "metricdb_support.h"
 #include "store/series_cache.h"
 
-// The points of a line as both readers can tell them: "key=value@time" each, by what they mean for the store.
+// The points of a line as both parsers return them, as "key=value@time".
 static std::string points_text(std::string_view text, Precision precision = Precision::ns) {
   LineParser parser(precision);
   if (parser.parse(text) != LineParser::Outcome::line) return "";
@@ -67,8 +67,8 @@ TEST(LineProtocol, MalformedLinesAndTheirReasons) {
   } rows[] = {
       {"no measurement", {",a=1 f=1"}},
       {"control character in the measurement", {"\tm f=1"}},
-      {"control character behind \"m\"", {"m\tf=1"}},
-      {"control character behind \"m,a=x\"", {"m,a=x\x7f f=1"}},
+      {"control character after \"m\"", {"m\tf=1"}},
+      {"control character after \"m,a=x\"", {"m,a=x\x7f f=1"}},
       {"a tag has no name", {"m, f=1", "m,=x f=1"}},
       {"tag \"a\" has no value", {"m,a f=1", "m,a= f=1"}},
       {"tag \"a\" has a second equals sign", {"m,a=x=y f=1", "m,a=x\\ f=1"}},
@@ -77,16 +77,16 @@ TEST(LineProtocol, MalformedLinesAndTheirReasons) {
       {"a field has no name", {"m =1", "m f=1,"}},
       {"field \"f\" has no value", {"m f", "m f= 5", "m g=1,f=,h=1 5"}},
       {"the string of field \"f\" has no closing quote", {"m f=\"x 5", "m f=\"x\\\" 5"}},
-      {"text behind the string of field \"f\"", {"m f=\"x\"y 5"}},
+      {"text after the string of field \"f\"", {"m f=\"x\"y 5"}},
       {"field \"f\": \"9223372036854775808i\" is out of range", {"m f=9223372036854775808i 5"}},
       {"field \"f\": \"1e400\" is out of range", {"m f=1e400 5"}},
       {"field \"f\": \"1e-400\" is out of range", {"m f=1e-400 5"}},
-      {"timestamp \"5s\" is no integer", {"m f=1 5s"}},
+      {"timestamp \"5s\" is not an integer", {"m f=1 5s"}},
       {"timestamp \"9223372036854775808\" is out of range", {"m f=1 9223372036854775808"}},
-      {"text behind the timestamp", {"m f=1 5 6"}},
+      {"text after the timestamp", {"m f=1 5 6"}},
       {"field \"ffffffffffffffffffffffffffffffffffffffff...\" has no value",
        {"m fffffffffffffffffffffffffffffffffffffffffffffffffff"}},
-      {"field \"f\": \"?[31m\" is no number, boolean or string", {"m f=\x1b[31m 5"}},
+      {"field \"f\": \"?[31m\" is not a number, boolean or string", {"m f=\x1b[31m 5"}},
   };
   const auto expect_malformed = [](const std::string &line, const std::string &reason) {
     LineParser parser(Precision::ns);
@@ -98,10 +98,10 @@ TEST(LineProtocol, MalformedLinesAndTheirReasons) {
     for (const char *line : row.lines) expect_malformed(line, row.reason);
   for (const char *value : {"1x", "+1", "0x1", "nan", "-inf", "1e", "i", "1.5i", "-1u", "TrUe"})
     expect_malformed(fmt::format("m f={} 5", value),
-                     fmt::format("field \"f\": \"{}\" is no number, boolean or string", value));
+                     fmt::format("field \"f\": \"{}\" is not a number, boolean or string", value));
 }
 
-TEST(LineProtocol, PrecisionScalesUpToTheLastNanosecond) {
+TEST(LineProtocol, PrecisionScalesTimestamps) {
   EXPECT_EQ(points_text("m f=1 7", Precision::us), "m f=1@7000|");
   EXPECT_EQ(points_text("m f=1 -7", Precision::ms), "m f=1@-7000000|");
   for (const char *line : {"m f=1 9223372036", "m f=1 9223372037", "m f=1 -9223372037"})
@@ -118,9 +118,9 @@ static std::string shown(LineParser &parser, LineParser::Outcome outcome) {
   return text + fmt::format("|{}|{}", parser.line().ts_ns.value_or(-1), parser.line().strings_skipped);
 }
 
-// Lines a few bytes away from others, so that what is expected of a line is nearly true. Read with and without it, they
-// are the same, the fields that are said to be the expected ones are, and the other reader agrees.
-TEST(LineProtocol, WhatIsLikelyChangesNothing) {
+// Random variations of lines, so that the expected content is often almost right. The result must not depend on the
+// expected content, and must agree with the other parser.
+TEST(LineProtocol, ExpectedContentDoesNotChangeTheResult) {
   constexpr uint32_t SEED = 20260104;
   SCOPED_TRACE(SEED);
   std::mt19937 random(SEED);
@@ -153,9 +153,9 @@ TEST(LineProtocol, WhatIsLikelyChangesNothing) {
   EXPECT_GT(n_likely, 5'000u);
 }
 
-// Names are looked through by 16 bytes at once, and numbers by two ways: special bytes at each place, and digits around
-// each limit, mean to both readers the same.
-TEST(LineProtocol, EveryPlaceOfASpecialByteAndEveryLengthOfANumber) {
+// The parser compares names in groups of 16 bytes, and converts numbers in two ways. Special bytes at each position,
+// and numbers of each length, must have the same result in both parsers.
+TEST(LineProtocol, SpecialBytesAtEachPositionAndNumbersOfEachLength) {
   std::vector<std::string> lines;
   for (size_t length = 1; length < 40; ++length)
     for (size_t at = 0; at < length; ++at)
@@ -170,7 +170,7 @@ TEST(LineProtocol, EveryPlaceOfASpecialByteAndEveryLengthOfANumber) {
     for (const char digit : {'0', '1', '9'})
       for (const char *form :
            {"{}i", "-{}i", "{}u", "{}", "-{}", "{}.", ".{}", "{}.5", "-{}e-3", "+{}", "--{}i", "{}i1", "{}ii"})
-        for (const char *behind : {" 5", ",g=2 5", "", "x"})
-          lines.push_back("m f=" + fmt::format(fmt::runtime(form), std::string(n_digits, digit)) + behind);
+        for (const char *rest : {" 5", ",g=2 5", "", "x"})
+          lines.push_back("m f=" + fmt::format(fmt::runtime(form), std::string(n_digits, digit)) + rest);
   for (const std::string &line : lines) EXPECT_EQ(points_text(line), reference_text(line)) << line;
 }

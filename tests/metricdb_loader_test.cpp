@@ -1,15 +1,15 @@
-// Loading by heads, lines that are like those before them and lines that are not; and the check of what was loaded.
+// Loading with cached heads, and the check of loaded points.
 #include "metricdb_support.h"
 #include "store/series_cache.h"
 
-// Heads and names that begin alike, tags in either order, and fields that come, go, move and are given twice.
+// Heads and names with common prefixes, tags in both orders, and fields that are added, removed, moved and repeated.
 TEST(Loader, RandomLinesOfAFewSources) {
   constexpr uint32_t SEED = 20260103;
   std::mt19937 random(SEED);
   std::string text;
   for (int i = 0; i < 10'000; ++i) {
     text += fmt::format(fmt::runtime(random() % 8 != 0 ? "m,t={0},u=1 " : "m,u=1,t={0} "), random() % 20);
-    // Mostly the fields of the source's last line, in their order.
+    // Usually the fields of the source's previous line.
     const uint32_t shape = random() % 10 == 0 ? random() : 0;
     for (uint32_t field = 0; field < 5 + shape % 4; ++field)
       text +=
@@ -23,10 +23,10 @@ TEST(Loader, RandomLinesOfAFewSources) {
 }
 
 TEST(Loader, SkipsMalformedLinesAsAWhole) {
-  const std::string long_field(Store::LONGEST_KEY - 1, 'f');  // one byte too many with "m "
+  const std::string long_field(Store::MAX_KEY_BYTES - 1, 'f');  // one byte too long with "m "
   Store store;
   std::vector<std::string> messages;
-  Loader loader(store, Loader::WhenFull::stop, [&](uint64_t line, const std::string &reason) {
+  Loader loader(store, Loader::OnFull::stop, [&](uint64_t line, const std::string &reason) {
     messages.push_back(fmt::format("{}: {}", line, reason));
   });
   loader.load("# a comment\r\n\r\nm a=1,s=\"x\" 1\r\nm a=2,b=3,load 2\nm a=4,b=\"y\n m a=5,b=6\nm a=7," + long_field +
@@ -37,15 +37,15 @@ TEST(Loader, SkipsMalformedLinesAsAWhole) {
                                                 "7: a series key is longer than 65534 bytes"}));
   EXPECT_EQ(loader.stats().lines, 8u);
   EXPECT_EQ(loader.stats().malformed, 3u);
-  EXPECT_EQ(loader.stats().strings_skipped, 1u) << "strings of a skipped line count for nothing";
+  EXPECT_EQ(loader.stats().strings_skipped, 1u) << "strings of a skipped line are counted";
   EXPECT_EQ(loader.stats().points, 4u);
   EXPECT_EQ(content_of(store), (Content{{"m a", "1@1 5@77 9@3 "}, {"m b", "6@77 "}}));
 }
 
-TEST(SeriesCache, KeepsTheLastFieldsOfAHeadWithinItsBytes) {
-  constexpr size_t MOST_BYTES = 100'000;
-  SeriesCache cache(MOST_BYTES);
-  size_t most_heads = 0;
+TEST(SeriesCache, KeepsTheLastFieldsWithinItsLimit) {
+  constexpr size_t MAX_BYTES = 100'000;
+  SeriesCache cache(MAX_BYTES);
+  size_t max_heads = 0;
   for (uint32_t i = 0; i < 10'000; ++i) {
     const std::string head = fmt::format("m,host={:030}", i);
     const std::string names[] = {fmt::format("shared{}", i % 3), fmt::format("own{}", i)};
@@ -58,27 +58,27 @@ TEST(SeriesCache, KeepsTheLastFieldsOfAHeadWithinItsBytes) {
       EXPECT_EQ(kept[0].name, names[0]);
       EXPECT_EQ(kept[0].series, series);
       EXPECT_EQ(kept[1].name, names[1]);
-      EXPECT_NE(kept[1].name.data(), names[1].data()) << "the line's own text, which goes with it";
+      EXPECT_NE(kept[1].name.data(), names[1].data()) << "a view of the line, which is freed";
     }
-    most_heads = std::max(most_heads, cache.n_heads());
+    max_heads = std::max(max_heads, cache.n_heads());
   }
-  EXPECT_LT(most_heads, MOST_BYTES / 200);
-  EXPECT_GT(most_heads, MOST_BYTES / 500) << "bytes are counted twice";
+  EXPECT_LT(max_heads, MAX_BYTES / 200);
+  EXPECT_GT(max_heads, MAX_BYTES / 500) << "bytes are counted twice";
   cache.clear();
   EXPECT_EQ(cache.n_heads(), 0u);
 }
 
-TEST(Check, FindsWhatDiffers) {
+TEST(Check, FindsDifferences) {
   std::string thirty;
   for (int i = 1; i <= 30; ++i) thirty += fmt::format("m f={} {}\n", i, i);
   const std::string far = "m f=1 1\nm g=0 30\n";
   const struct {
-    const char *fault;  // as if this had gone wrong between text and arrays
+    const char *fault;  // the difference between text and arrays
     std::string text;
     uint64_t n_matching, n_differences;
     const char *first;
     std::string stored = "m f=1 1\nm f=2 2\nm g=0 1\n";
-    int64_t retain_ns = 0;  // where there is one, 10 is expected
+    int64_t retain_ns = 0;  // if set, the check expects a retention of 10
   } rows[] = {
       {"nothing", "m f=1 1\nm f=2 2\nm g=0 1\n", 3, 0, ""},
       {"order between series is free", "m g=0 1\nm f=1 1\nm f=2 2\n", 3, 0, ""},
@@ -97,7 +97,7 @@ TEST(Check, FindsWhatDiffers) {
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);
-    Store store({.retain_ns = row.retain_ns});
+    Store store({.forgetting = {.retain_ns = row.retain_ns}});
     load(store, row.stored);
     const Check check = checked(store, row.text, row.retain_ns == 0 ? 0 : 10);
     expect_checked(check, row.n_matching, row.n_differences, row.first);

@@ -1,4 +1,4 @@
-// The program over databases: what it prints, what it refuses and leaves alone, and what it logs.
+// The program with databases: output, refusals that change nothing, and the log.
 
 #include "metricdb_support.h"
 
@@ -22,24 +22,24 @@ class Program : public Folder {
     EXPECT_THAT(outcome.out, HasSubstr(in_output));
   }
 
-  void expect_refused(const std::string &arguments, const testing::Matcher<std::string> &told) const {
+  void expect_refused(const std::string &arguments, const testing::Matcher<std::string> &message) const {
     const auto before = tree_of(root_);
     const Outcome outcome = run(arguments);
     EXPECT_EQ(outcome.exit_code, 1) << arguments << "\n" << outcome.out;
-    EXPECT_THAT(outcome.err, told) << arguments;
+    EXPECT_THAT(outcome.err, message) << arguments;
     EXPECT_EQ(count_of(outcome.err, "\n"), 1u) << outcome.err;
     EXPECT_TRUE(tree_of(root_) == before) << arguments << ": the folder was changed";
   }
 };
 
-TEST_F(Program, LoadsKeepsAndShowsFromAnotherProcess) {
+TEST_F(Program, LoadStatSeriesCheckAndSnapshot) {
   for (const std::string store : {"snapshot", "shm"}) {
     SCOPED_TRACE(store);
     const std::string db = "db_" + store;
     expect_good(fmt::format("load --db {} --store {} first.lp --check", db, store), "check: 1500 points match\n");
     expect_good("stat --db " + db, fmt::format("database         {}: generation 1, store {}, ", db, store));
     expect_good("stat --db " + db,
-                "series           3, 0 inactive\nvisible points   1500, and 0 hidden beside them\n"
+                "series           3, 0 inactive\nvisible points   1500, 0 hidden\n"
                 "oldest           0 (1970-01-01 00:00:00.000000000 UTC)\n"
                 "newest           499 (1970-01-01 00:00:00.000000499 UTC)\n");
     expect_good("series --db " + db + " 'cpu*user'", "cpu,host=a user    500    0  499  249.5   499  ▁");
@@ -59,20 +59,20 @@ TEST_F(Program, LoadsKeepsAndShowsFromAnotherProcess) {
   EXPECT_EQ(run("series --db db_shm").out, shown);
 }
 
-TEST_F(Program, RetentionIsKeptWithTheDatabase) {
+TEST_F(Program, RetentionIsStoredWithTheDatabase) {
   write_file(root_ / "old.lp", "cpu,host=a user=1 100\n");
   expect_good("load --db db --retain 1 --precision ms first.lp --check", "check: 1500 points match\n");
   write_file(root_ / "later.lp", "cpu,host=a user=7 1300\n");
-  expect_good("load --db db --precision ms later.lp", "visible points   601, and ");
+  expect_good("load --db db --precision ms later.lp", "visible points   601, ");
   expect_good("check --db db --precision ms first.lp later.lp", "check: 601 points match\n");
-  expect_good("load --db db --precision ms old.lp", "1 that came too late");
-  expect_good("stat --db db", "visible points   601, and ");
+  expect_good("load --db db --precision ms old.lp", "1 late");
+  expect_good("stat --db db", "visible points   601, ");
   expect_good("check --db db --precision ms first.lp later.lp old.lp", "check: 601 points match\n");
   write_file(root_ / "far.lp", "other f=1 9000\n");
   expect_good("load --db db --precision ms far.lp", "3 series aged");
-  expect_good("stat --db db", "series           1, 0 inactive\nvisible points   1, and 0 hidden");
+  expect_good("stat --db db", "series           1, 0 inactive\nvisible points   1, 0 hidden");
   expect_good("load --db db --precision ms --retain 100000 old.lp");
-  expect_good("stat --db db", "series           2, 0 inactive\nvisible points   2, and 0 hidden");
+  expect_good("stat --db db", "series           2, 0 inactive\nvisible points   2, 0 hidden");
 }
 
 TEST_F(Program, RefusesInOneLineAndChangesNothing) {
@@ -84,13 +84,12 @@ TEST_F(Program, RefusesInOneLineAndChangesNothing) {
   } rows[] = {
       {"load --db db --store shm first.lp",
        "db: holds a database already, and --store shm cannot attach to stored arrays: it needs a new folder"},
-      {"load --db db --check first.lp",
-       "db: holds points of other inputs: check it with `metricdb check` and all of them"},
-      {"load --store shm first.lp", "--store says how --db keeps the arrays: give both"},
+      {"load --db db --check first.lp", "db: holds points of other inputs: use `metricdb check` with all of them"},
+      {"load --store shm first.lp", "--store needs --db"},
       {"load --db db none.lp", "none.lp: cannot be read: No such file or directory"},
       {"load --db db .", ".: cannot be read: Is a directory"},
       {"load --db new --store shm none.lp", "none.lp: cannot be read: No such file or directory"},
-      {"load --db no/such/folder first.lp", "no/such/folder: cannot be made: No such file or directory"},
+      {"load --db no/such/folder first.lp", "no/such/folder: cannot be created: No such file or directory"},
       {"load --db plain first.lp", "plain: cannot be opened: Not a directory"},
       {"stat --db plain", "plain: cannot be opened: Not a directory"},
       {"stat --db none", "none: cannot be opened: No such file or directory"},
@@ -99,7 +98,7 @@ TEST_F(Program, RefusesInOneLineAndChangesNothing) {
       {"stat --db .", ".: holds no database"},
       {"snapshot --db .", ".: holds no database"},
       {"check --db reusing first.lp",
-       "check cannot tell which series --reuse-inactive-pct gives away: use one of them"},
+       "check does not know which series --reuse-inactive-pct replaces: use one of them"},
       {"load --db db --reuse-inactive-pct 5 first.lp",
        "--reuse-inactive-pct needs --idle: without it no series is inactive"},
   };

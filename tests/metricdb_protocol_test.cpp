@@ -1,4 +1,4 @@
-// The two protocols without a network: requests cut anywhere, bodies in gzip, Graphite's lines as line protocol.
+// The two protocols without a network: requests in pieces, gzip bodies, and the conversion of Graphite lines.
 #include <fmt/ranges.h>
 #include <gtest/gtest.h>
 #include <zlib.h>
@@ -12,13 +12,13 @@
 
 using namespace metricdb;
 
-constexpr size_t MOST_BODY = 20;
+constexpr size_t MAX_BODY = 20;
 
-// Requests that come in those pieces, one line each, and how it ended.
+// Parses requests in pieces. Returns one line per request, and the final state.
 static std::string read_pieces(const std::vector<std::string_view> &pieces) {
   BlockPool pool(size_t{1} << 20);
   ByteBuffer input(pool);
-  HttpReader reader(MOST_BODY);
+  HttpReader reader(MAX_BODY);
   std::string seen;
   for (const std::string_view piece : pieces) {
     EXPECT_TRUE(input.make_room(std::max(piece.size(), reader.room_wanted(input))));
@@ -36,9 +36,9 @@ static std::string read_pieces(const std::vector<std::string_view> &pieces) {
   return seen + (reader.is_inside_request() ? "more" : "end");
 }
 
-TEST(HttpReader, RequestsCutAnywhere) {
+TEST(HttpReader, RequestsInPieces) {
   static const struct {
-    const char *fault;  // what the row would catch
+    const char *fault;  // what the row detects
     std::string stream;
     const char *seen;
   } rows[] = {
@@ -59,22 +59,22 @@ TEST(HttpReader, RequestsCutAnywhere) {
       {"an offered upgrade swallows what follows",
        "GET /a HTTP/1.1\r\nConnection: Upgrade\r\nUpgrade: h2c\r\n\r\nGET /b HTTP/1.1\r\n\r\n",
        "GET /a []\nGET /b []\nend"},
-      {"who closes is not told from who stays", "GET /a HTTP/1.1\r\nConnection: close\r\n\r\n", "GET /a [] last\nend"},
-      {"HTTP/1.0 stays by itself", "GET /a HTTP/1.0\r\n\r\n", "GET /a [] last\nend"},
-      {"HTTP/1.0 cannot stay", "GET /a HTTP/1.0\r\nConnection: keep-alive\r\n\r\n", "GET /a []\nend"},
+      {"Connection: close is ignored", "GET /a HTTP/1.1\r\nConnection: close\r\n\r\n", "GET /a [] last\nend"},
+      {"HTTP/1.0 is kept without keep-alive", "GET /a HTTP/1.0\r\n\r\n", "GET /a [] last\nend"},
+      {"HTTP/1.0 is closed with keep-alive", "GET /a HTTP/1.0\r\nConnection: keep-alive\r\n\r\n", "GET /a []\nend"},
       {"lines between", "\r\n\r\nGET /a HTTP/1.1\r\n\r\n\r\nGET /b HTTP/1.1\r\n\r\n", "GET /a []\nGET /b []\nend"},
-      {"half a request passes for one", "POST /w HTTP/1.1\r\nContent-Length: 9\r\n\r\nabc", "more"},
-      {"a body of just the bound", "POST /w HTTP/1.1\r\nContent-Length: 20\r\n\r\n01234567890123456789",
+      {"an incomplete request is accepted", "POST /w HTTP/1.1\r\nContent-Length: 9\r\n\r\nabc", "more"},
+      {"a body of the maximum size is refused", "POST /w HTTP/1.1\r\nContent-Length: 20\r\n\r\n01234567890123456789",
        "POST /w [01234567890123456789]\nend"},
-      {"a body beyond the bound", "POST /w HTTP/1.1\r\nContent-Length: 21\r\n\r\n", "413"},
+      {"a body over the limit is accepted", "POST /w HTTP/1.1\r\nContent-Length: 21\r\n\r\n", "413"},
       {"long chunks", "POST /w HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n14\r\n01234567890123456789\r\n1\r\n0\r\n",
        "413"},
       {"two lengths", "POST /w HTTP/1.1\r\nContent-Length: 1\r\nTransfer-Encoding: chunked\r\n\r\n", "400"},
-      {"a length that is none", "POST /w HTTP/1.1\r\nContent-Length: -1\r\n\r\n", "400"},
-      {"a length beyond 64 bits", "POST /w HTTP/1.1\r\nContent-Length: 99999999999999999999\r\n\r\n", "400"},
+      {"an invalid length is accepted", "POST /w HTTP/1.1\r\nContent-Length: -1\r\n\r\n", "400"},
+      {"a length over 64 bits is accepted", "POST /w HTTP/1.1\r\nContent-Length: 99999999999999999999\r\n\r\n", "400"},
       {"another protocol", "\x16\x03\x01\x02", "400"},
       {"a newer HTTP", "PRI * HTTP/2.0\r\n\r\n", "400"},
-      {"what is expected is not known", "POST /w HTTP/1.1\r\nExpect: miracles\r\nContent-Length: 1\r\n\r\n", "417"},
+      {"an unknown expectation is ignored", "POST /w HTTP/1.1\r\nExpect: miracles\r\nContent-Length: 1\r\n\r\n", "417"},
       {"an endless target", "GET /" + std::string(17 << 10, 'a'), "414"},
       {"an endless header", "GET / HTTP/1.1\r\nX: " + std::string(17 << 10, 'a'), "431"},
       {"endless headers",
@@ -93,8 +93,8 @@ TEST(HttpReader, RequestsCutAnywhere) {
   }
 }
 
-// A long body moves from block to block as it grows, and the pool ends where it began.
-TEST(HttpReader, LongBodiesGrowWithWhatCame) {
+// A long body moves to larger blocks. All blocks are returned in the end.
+TEST(HttpReader, MemoryFollowsReceivedBytes) {
   for (const bool is_chunked : {false, true}) {
     BlockPool pool(size_t{64} << 20);
     HttpReader reader(size_t{16} << 20);
@@ -122,7 +122,7 @@ TEST(HttpReader, LongBodiesGrowWithWhatCame) {
         input.append_room(n);
         rest.remove_prefix(n);
         outcome = reader.read(input);
-        // Memory follows what came, not what was announced.
+        // Memory depends on the received bytes, not on the announced length.
         EXPECT_LE(pool.lent_bytes(), std::max<size_t>(8 << 20, 8 * (stream.size() - rest.size())));
       }
       ASSERT_EQ(outcome, HttpReader::Outcome::request);
@@ -147,26 +147,26 @@ static std::string gzipped(std::string_view text) {
   return packed;
 }
 
-TEST(Gunzip, WholeBrokenAndTooLong) {
+TEST(Gunzip, ValidBrokenAndTooLong) {
   using Outcome = Gunzip::Outcome;
   const std::string text(300'000, 'a');
   const std::string packed = gzipped(text);
   std::string damaged = packed;
   damaged[damaged.size() - 6] ^= 1;  // in the checksum
   const struct {
-    const char *fault;  // what the row would catch
+    const char *fault;  // what the row detects
     std::string packed;
-    size_t most;
+    size_t max_bytes;
     Outcome outcome;
     std::string plain;
   } rows[] = {
-      {"longer than the least block", packed, text.size(), Outcome::good, text},
+      {"longer than the smallest block", packed, text.size(), Outcome::good, text},
       {"one byte too long passes", packed, text.size() - 1, Outcome::too_long, ""},
       {"several members", gzipped("a\n") + gzipped("") + gzipped("b\n"), 4, Outcome::good, "a\nb\n"},
       {"several members are bounded one by one", gzipped("abc") + gzipped("def"), 5, Outcome::too_long, ""},
       {"cut off", packed.substr(0, packed.size() - 1), text.size(), Outcome::broken, ""},
       {"damaged", damaged, text.size(), Outcome::broken, ""},
-      {"text behind it", packed + "x", text.size(), Outcome::broken, ""},
+      {"text after it", packed + "x", text.size(), Outcome::broken, ""},
       {"not gzip", "m f=1 5", 100, Outcome::broken, ""},
       {"nothing", "", 100, Outcome::broken, ""},
       {"more than the pool has", gzipped(std::string(3 << 20, 'a')), 4 << 20, Outcome::no_room, ""},
@@ -176,7 +176,7 @@ TEST(Gunzip, WholeBrokenAndTooLong) {
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);
     ByteBuffer plain(pool);
-    EXPECT_EQ(gunzip.inflate_into(plain, row.packed, row.most), row.outcome);
+    EXPECT_EQ(gunzip.inflate_into(plain, row.packed, row.max_bytes), row.outcome);
     if (row.outcome == Outcome::good) {
       EXPECT_TRUE(plain.text() == row.plain);
     }
@@ -216,16 +216,16 @@ TEST(Graphite, GoodLinesBecomeLineProtocol) {
   }
 }
 
-TEST(Graphite, MalformedLinesLeaveNothing) {
+TEST(Graphite, MalformedLinesAreSkipped) {
   static const struct {
     const char *reason;
     std::vector<std::string> lines;
   } rows[] = {
-      {"a line is not: path value timestamp", {"a", "a 1", "a 1 7 8"}},
-      {"a value is no finite number", {"GET / HTTP/1.1", "a nan 7", "a inf 7", "a 1e999 7", "a 1x 7", "a + 7"}},
-      {"a timestamp is not in seconds", {"a 1 x", "a 1 -5", "a 1 1.5e9", "a 1 .5"}},
-      {"a timestamp is out of range", {"a 1 9223372036", "a 1 99999999999999999999999"}},
-      {"a path begins with #", {"#a 1 7"}},
+      {"expected: path value timestamp", {"a", "a 1", "a 1 7 8"}},
+      {"the value is not a finite number", {"GET / HTTP/1.1", "a nan 7", "a inf 7", "a 1e999 7", "a 1x 7", "a + 7"}},
+      {"the timestamp is not in seconds", {"a 1 x", "a 1 -5", "a 1 1.5e9", "a 1 .5"}},
+      {"the timestamp is out of range", {"a 1 9223372036", "a 1 99999999999999999999999"}},
+      {"the path begins with #", {"#a 1 7"}},
       {"a name is empty", {";k=v 1 7", "a;=v 1 7", "a;k= 1 7"}},
       {"a tag has no value", {"a;k 1 7", "a; 1 7"}},
       {"a name ends with a backslash", {"a\\ 1 7", "a;k=v\\ 1 7"}},

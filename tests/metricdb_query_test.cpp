@@ -1,7 +1,8 @@
-// Questions about a series: how times and durations are read, what the answers are, and the forms they are printed in.
+// Queries: parsing of times and durations, results, and output formats.
 #include <cmath>
 #include <limits>
 
+#include "extra/plot_svg.h"
 #include "extra/plot_ticks.h"
 #include "metricdb_support.h"
 #include "query/escape.h"
@@ -10,14 +11,14 @@
 #include "query/time_text.h"
 
 constexpr int64_t S = 1'000'000'000;
-constexpr int64_t LEAST = std::numeric_limits<int64_t>::min();
-constexpr int64_t MOST = std::numeric_limits<int64_t>::max();
+constexpr int64_t MIN = std::numeric_limits<int64_t>::min();
+constexpr int64_t MAX = std::numeric_limits<int64_t>::max();
 constexpr int64_t T0 = 1'767'323'045 * S;  // 2026-01-02T03:04:05Z
 constexpr double INF = std::numeric_limits<double>::infinity();
 constexpr double NOT_A_NUMBER = std::numeric_limits<double>::quiet_NaN();
 constexpr double BIG = std::numeric_limits<double>::max();
 
-TEST(TimeText, TimesThatAreRead) {
+TEST(TimeText, ValidTimes) {
   static const struct {
     const char *text;
     int64_t ts_ns;
@@ -28,10 +29,10 @@ TEST(TimeText, TimesThatAreRead) {
       {"2026-01-02T03:04:05.1234567899Z", T0 + 123'456'789},
       {"2024-02-29T23:59:59.999999999Z", 1'709'251'200 * S - 1},
       {"1969-12-31T23:59:59.75Z", -S / 4},
-      {"1677-09-21T00:12:43.145224192Z", LEAST},
-      {"2262-04-11T23:47:16.854775807Z", MOST},
+      {"1677-09-21T00:12:43.145224192Z", MIN},
+      {"2262-04-11T23:47:16.854775807Z", MAX},
       {"1767323045000000000", T0},
-      {"-9223372036854775808", LEAST},
+      {"-9223372036854775808", MIN},
       {"now", T0},
       {"now-15m", T0 - 900 * S},
       {"now+1h30m", T0 + 5400 * S},
@@ -39,7 +40,7 @@ TEST(TimeText, TimesThatAreRead) {
   for (const auto &row : rows) EXPECT_EQ(time_of(row.text, T0), row.ts_ns) << row.text;
 }
 
-TEST(TimeText, DurationsThatAreRead) {
+TEST(TimeText, ValidDurations) {
   static const struct {
     const char *text;
     int64_t ns;
@@ -53,16 +54,16 @@ TEST(TimeText, DurationsThatAreRead) {
               {"1w", 604'800 * S},
               {"1h30m", 5400 * S},
               {"1m1ms", 60 * S + 1'000'000},
-              {"9223372036854775807ns", MOST}};
+              {"9223372036854775807ns", MAX}};
   for (const auto &row : rows) EXPECT_EQ(duration_of(row.text), row.ns) << row.text;
 }
 
-TEST(TimeText, WhatIsRefusedAndWhy) {
+TEST(TimeText, InvalidTimesAndDurations) {
   static const struct {
     const char *why;
     std::vector<std::string> times, durations;
   } rows[] = {
-      {" is no time",
+      {" is not a time",
        {"", "yesterday", "12x", "2026-1-2", "2026-01-02T", "2026-01-02T03:04Z", "2026-01-02T03:04:05",
         "2026-01-02T03:04:05.Z", "2026-01-02T03:04:05+01:00", "2026-01-02T03:04:05Z ", "2026-01-02T24:00:00Z",
         "2026-01-02T03:60:00Z", "2026-01-02T03:04:60Z", "now15m", "now\n"},
@@ -72,22 +73,22 @@ TEST(TimeText, WhatIsRefusedAndWhy) {
        {"1677-09-21T00:12:43.145224191Z", "2262-04-11T23:47:16.854775808Z", "0001-01-01", "9223372036854775808",
         "now-1s"},
        {}},
-      {" is no duration", {"now-"}, {"", "10", "s", "0s", "-1s", "1.5h", "1 h", "1hm", "1y", "1h30"}},
+      {" is not a duration", {"now-"}, {"", "10", "s", "0s", "-1s", "1.5h", "1 h", "1hm", "1y", "1h30"}},
       {"the duration is out of range", {}, {"15251w", "9223372036854775807ns1ns", "99999999999999999999ns"}},
   };
   const auto expect_refused = [](const std::string &text, const std::string &why, const auto &read) {
-    const std::string said = refusal_of([&] { read(text); });
-    EXPECT_NE(said.find(why), said.npos) << text << ": " << said;
-    EXPECT_EQ(said.find('\n'), said.npos);
+    const std::string message = refusal_of([&] { read(text); });
+    EXPECT_NE(message.find(why), message.npos) << text << ": " << message;
+    EXPECT_EQ(message.find('\n'), message.npos);
   };
   for (const auto &row : rows) {
     for (const std::string &time : row.times)
-      expect_refused(time, row.why, [](const std::string &text) { time_of(text, LEAST + 1); });
+      expect_refused(time, row.why, [](const std::string &text) { time_of(text, MIN + 1); });
     for (const std::string &duration : row.durations) expect_refused(duration, row.why, duration_of);
   }
 }
 
-TEST(TimeText, WhatIsWrittenIsReadAsTheSameTime) {
+TEST(TimeText, FormattedTimesParseToTheSameTime) {
   std::mt19937_64 random(1);
   for (int i = 0; i < 10'000; ++i) {
     const auto ts_ns = static_cast<int64_t>(random() << random() % 8);
@@ -95,7 +96,7 @@ TEST(TimeText, WhatIsWrittenIsReadAsTheSameTime) {
     const int64_t whole_ms = ts_ns / 1'000'000 * 1'000'000;
     ASSERT_EQ(time_of(time_text(whole_ms, time_decimals(whole_ms)), 0), whole_ms);
   }
-  EXPECT_EQ(time_text(LEAST, 0), "1677-09-21T00:12:43Z");
+  EXPECT_EQ(time_text(MIN, 0), "1677-09-21T00:12:43Z");
   EXPECT_EQ(time_text(-1, 3), "1969-12-31T23:59:59.999Z");
 }
 
@@ -111,7 +112,7 @@ static std::vector<Point> answer_of(const Query &query, const std::vector<Point>
 TEST(Query, PointsAndWindows) {
   const std::vector<Point> mixed = {{5, 1}, {-1, 2}, {10, 3}, {5, 4}, {-11, 5}, {9, 6}};
   static const struct {
-    const char *fault;  // what the row would catch
+    const char *fault;  // what the row detects
     Query query;
     const char *answer;
   } rows[] = {
@@ -124,30 +125,29 @@ TEST(Query, PointsAndWindows) {
       {"max", {.every_ns = 10, .fn = Fn::max}, "5@-20 2@-10 6@0 3@10 "},
       {"min", {.every_ns = 10, .fn = Fn::min}, "5@-20 2@-10 1@0 3@10 "},
       {"sum", {.every_ns = 10, .fn = Fn::sum}, "5@-20 2@-10 11@0 3@10 "},
-      {"the last to come is not the latest", {.every_ns = 10, .fn = Fn::last}, "5@-20 2@-10 6@0 3@10 "},
-      {"of one time the first to come is taken", {.to_ns = 9, .every_ns = 10, .fn = Fn::last}, "5@-20 2@-10 4@0 "},
+      {"the last to arrive is used, not the latest", {.every_ns = 10, .fn = Fn::last}, "5@-20 2@-10 6@0 3@10 "},
+      {"of equal times the first to arrive is used", {.to_ns = 9, .every_ns = 10, .fn = Fn::last}, "5@-20 2@-10 4@0 "},
   };
   for (const auto &row : rows) EXPECT_EQ(shown(answer_of(row.query, mixed)), row.answer) << row.fault;
 }
 
 TEST(Query, LimitsOfTimesAndValues) {
-  const std::vector<Point> ends = {{MOST, 1}, {LEAST, 2}};
-  EXPECT_EQ(shown(answer_of({}, ends)), fmt::format("2@{} 1@{} ", LEAST, MOST))
-      << "the last time is out of every range";
-  for (const int64_t every_ns : {int64_t{1}, int64_t{10}, MOST})
+  const std::vector<Point> ends = {{MAX, 1}, {MIN, 2}};
+  EXPECT_EQ(shown(answer_of({}, ends)), fmt::format("2@{} 1@{} ", MIN, MAX)) << "the last time is not in any range";
+  for (const int64_t every_ns : {int64_t{1}, int64_t{10}, MAX})
     EXPECT_EQ(shown(answer_of({.every_ns = every_ns}, ends)),
-              fmt::format("2@{} 1@{} ", LEAST, MOST / every_ns * every_ns));
+              fmt::format("2@{} 1@{} ", MIN, MAX / every_ns * every_ns));
 
   const auto value = [](Fn fn, const std::vector<double> &values) {
     std::vector<Point> points;
     for (const double one : values) points.push_back({0, one});
     return answer_of({.every_ns = 10, .fn = fn}, points).at(0).value;
   };
-  EXPECT_EQ(value(Fn::mean, {BIG, BIG, BIG}), BIG) << "the sum is beyond a double";
+  EXPECT_EQ(value(Fn::mean, {BIG, BIG, BIG}), BIG) << "the sum exceeds a double";
   EXPECT_EQ(value(Fn::sum, {BIG, BIG, -BIG}), BIG);
   EXPECT_EQ(value(Fn::sum, {BIG, BIG}), INF);
   for (const Fn fn : {Fn::mean, Fn::max, Fn::min, Fn::sum}) {
-    EXPECT_EQ(value(fn, {NOT_A_NUMBER, 2, NOT_A_NUMBER}), 2) << name_of(fn) << ": a missing value decides";
+    EXPECT_EQ(value(fn, {NOT_A_NUMBER, 2, NOT_A_NUMBER}), 2) << name_of(fn) << ": a missing value is used";
     EXPECT_TRUE(std::isnan(value(fn, {NOT_A_NUMBER}))) << name_of(fn);
   }
   EXPECT_EQ(value(Fn::count, {NOT_A_NUMBER, 2}), 2);
@@ -155,7 +155,7 @@ TEST(Query, LimitsOfTimesAndValues) {
 }
 
 const std::vector<Point> FOUR = {{T0, 1.5}, {T0 + S / 4, -20}, {T0 + S, NOT_A_NUMBER}, {T0 + 2 * S, INF}};
-const std::string HARD_KEY = "cpu,host=\"<a>&b\\\" use\xff\xc3\xbcr";  // and one byte that is no UTF-8
+const std::string HARD_KEY = "cpu,host=\"<a>&b\\\" use\xff\xc3\xbcr";  // contains one byte that is not UTF-8
 
 TEST(QueryText, TableLinesUp) {
   EXPECT_EQ(answer_table({"m f", {}}, FOUR),
@@ -192,13 +192,14 @@ TEST(QueryText, CsvAndJsonEscapeTheKeyAndKeepEveryDigit) {
   EXPECT_EQ(answer_json({"m f", {}}, {}), "{\"key\": \"m f\", \"points\": []}\n");
 }
 
-TEST(Escape, OnlyUtf8IsLeftAsItIs) {
+TEST(Escape, InvalidUtf8IsReplaced) {
   const std::string_view good[] = {"a", "\u00fc", "\u20ac", "\U0001f600", "\xf4\x8f\xbf\xbf", "\xee\x80\x80"};
   for (const std::string_view text : good) {
     EXPECT_EQ(xml_text(text), text);
     EXPECT_EQ(json_string(text), fmt::format("\"{}\"", text));
   }
-  // Alone, cut short, of too long a form, a surrogate, beyond the last character.
+  // A single continuation byte, incomplete sequences, overlong sequences, a surrogate, a value after the last
+  // character.
   const std::string_view bad[] = {"\x80",         "\xc3",         "\xe2\x82",         "\xc0\xaf",
                                   "\xe0\x80\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80", "\xf0\x80\x80\xaf",
                                   "\xff"};
@@ -258,26 +259,26 @@ TEST(PlotTicks, RoundTimes) {
   }
 }
 
-TEST(PlotSvg, LineBreaksWhereAValueIsMissingAndStaysInThePicture) {
+TEST(PlotSvg, MissingValuesInterruptTheLine) {
   std::vector<Point> points;
   for (int64_t i = 0; i < 200'000; ++i) points.push_back({T0 + i * S, std::sin(static_cast<double>(i) / 9000)});
   points[150'000].value = NOT_A_NUMBER;
-  points[10'000].value = 50;  // one high point in a column of many
+  points[10'000].value = 50;  // one maximum among many points of a column
   const std::string svg = answer_svg({HARD_KEY, {}}, points);
   EXPECT_EQ(count_of(svg, "<path "), 2u);
-  EXPECT_LT(svg.size(), 100'000u) << "points that nobody can see are drawn";
+  EXPECT_LT(svg.size(), 100'000u) << "invisible points are drawn";
   EXPECT_NE(svg.find("<title>cpu,host=&quot;&lt;a&gt;&amp;b\\&quot; use\xef\xbf\xbd\xc3\xbcr</title>"), svg.npos);
-  // The high point's place is the tick of 50, up to rounding.
+  // The maximum has the position of the tick at 50, up to rounding.
   const size_t label = svg.find(">50</text>");
   ASSERT_NE(label, svg.npos);
   const size_t y = svg.rfind("y1=\"", label) + 4;
   const std::string spot = fmt::format(",{} ", std::string_view(svg).substr(y, svg.find('"', y) - y));
-  EXPECT_NE(svg.find(spot, svg.find("<path ")), svg.npos) << "the one high point is thinned out";
+  EXPECT_NE(svg.find(spot, svg.find("<path ")), svg.npos) << "the maximum is not drawn";
 }
 
-TEST(PlotSvg, AnyAnswerHasAPicture) {
+TEST(PlotSvg, AnyResultHasAPicture) {
   const std::vector<Point> answers[] = {
-      {}, {{T0, 5}}, {{T0, NOT_A_NUMBER}}, {{LEAST, -BIG}, {0, 0}, {MOST, BIG}}, {{T0, 4.9e-324}, {T0 + 1, 0}}, FOUR};
+      {}, {{T0, 5}}, {{T0, NOT_A_NUMBER}}, {{MIN, -BIG}, {0, 0}, {MAX, BIG}}, {{T0, 4.9e-324}, {T0 + 1, 0}}, FOUR};
   for (const std::vector<Point> &points : answers) {
     const std::string svg = answer_svg({"m f", {}}, points);
     SCOPED_TRACE(svg);

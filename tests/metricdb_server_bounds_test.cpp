@@ -1,4 +1,4 @@
-// That the server's bounds hold while others are served, and what is said of peers that meet them.
+// The limits of the server: other connections are served meanwhile, and violations are logged.
 
 #include <list>
 
@@ -7,19 +7,19 @@
 
 using Bounds = Folder;
 
-// And there is a line in the log for each such peer, however much noise it makes, and none for who behaves.
-TEST_F(Bounds, WhatIsTooLongEndsTheConnection) {
+// The log contains one line for each such peer, and none for others.
+TEST_F(Bounds, OversizedInputClosesTheConnection) {
   const struct {
     std::string stream;
     int status;
     const char *logged;
   } rows[] = {
       {post(std::string(1001, '#')), 413, "the body has more than 1000 bytes; connection closed"},
-      // More than the peer can send before it is refused.
+      // More than the socket buffers, so that the peer is still sending when it is refused.
       {post(std::string(5 << 20, '#')), 413, "the body has more than 1000 bytes; connection closed"},
       {"GET /" + std::string(100'000, 'a'), 414, "the request's target is too long; connection closed"},
       {"GET / HTTP/1.1\r\nA: " + std::string(100'000, 'a'), 431, "the headers are too long; connection closed"},
-      {std::string("\x00\xff\x16\x03", 4) + std::string(200'000, '\xee'), 400, "not a request: "},
+      {std::string("\x00\xff\x16\x03", 4) + std::string(200'000, '\xee'), 400, "invalid request: "},
   };
   std::map<std::string, size_t> logged;
   TSLB_DLOG_INIT(path("log").c_str(), LOG_REFUSALS, 10);
@@ -27,7 +27,7 @@ TEST_F(Bounds, WhatIsTooLongEndsTheConnection) {
     RunningServer server({.influx_port = 0, .graphite_port = 0, .max_body_bytes = 1000});
     for (const auto &row : rows) {
       Peer peer(server.influx_port());
-      EXPECT_TRUE(peer.send(post("m f=1 5") + row.stream)) << "it is read to its end, lest the answer gets lost";
+      EXPECT_TRUE(peer.send(post("m f=1 5") + row.stream)) << "not read to its end, so the answer can be lost";
       EXPECT_EQ(peer.status(), 204);
       const std::string answer = peer.answer();
       EXPECT_EQ(Peer::status_of(answer), row.status);
@@ -45,7 +45,7 @@ TEST_F(Bounds, WhatIsTooLongEndsTheConnection) {
     garbage.end_sending();
     EXPECT_TRUE(garbage.is_closed());
     EXPECT_EQ(server.counters().malformed, 10'000u);
-    ++logged["a value is no finite number; skipped, here and from now on"];
+    ++logged["the value is not a finite number; such lines are skipped without further messages"];
     Peer fits(server.influx_port());
     EXPECT_EQ(ask(fits, post(std::string(1000, '#'))), 204);
   }
@@ -53,13 +53,13 @@ TEST_F(Bounds, WhatIsTooLongEndsTheConnection) {
   std::string log;
   for (const auto &[name, content] : tree_of(root_)) log += content;
   for (const auto &[text, times] : logged) EXPECT_EQ(count_of(log, text), times) << text << "\n" << log;
-  EXPECT_EQ(count_of(log, "127.0.0.1:"), std::size(rows) + 3) << "one of them also with its sum\n" << log;
+  EXPECT_EQ(count_of(log, "127.0.0.1:"), std::size(rows) + 3) << "one of them also has a final line\n" << log;
 }
 
-TEST_F(Bounds, UnansweredBytesHoldReadersBack) {
-  constexpr size_t MOST = 1000;
+TEST_F(Bounds, UnansweredBytesStopReceiving) {
+  constexpr size_t MAX = 1000;
   RunningServer server(
-      {.influx_port = 0, .graphite_port = 0, .max_unanswered_bytes = MOST, .max_connection_bytes = MOST / 2});
+      {.influx_port = 0, .graphite_port = 0, .max_unanswered_bytes = MAX, .max_connection_bytes = MAX / 2});
   server.ingest().settle_up_to(0);
   constexpr size_t LINE = 17;
   constexpr int N = 100;
@@ -67,17 +67,17 @@ TEST_F(Bounds, UnansweredBytesHoldReadersBack) {
   std::list<Peer> peers;
   const auto add_peer = [&] { ASSERT_TRUE(peers.emplace_back(server.influx_port()).send(pipeline)); };
   add_peer();
-  ASSERT_TRUE(comes_true([&] { return server.counters().points * LINE >= MOST / 2; }));
+  ASSERT_TRUE(wait_until([&] { return server.counters().points * LINE >= MAX / 2; }));
   expect_others_are_served(server);
-  EXPECT_LE(server.counters().points * LINE, MOST / 2 + LINE);
+  EXPECT_LE(server.counters().points * LINE, MAX / 2 + LINE);
   add_peer();
   add_peer();
-  ASSERT_TRUE(comes_true([&] { return server.counters().points * LINE >= MOST; }));
-  // Full: not even a ping is read. It is answered when there is room again.
+  ASSERT_TRUE(wait_until([&] { return server.counters().points * LINE >= MAX; }));
+  // At the limit no request is received. It is answered when other answers are sent.
   Peer late(server.influx_port());
   ASSERT_TRUE(late.send(get("/ping")));
-  EXPECT_LE(server.counters().points * LINE, MOST + LINE);
-  EXPECT_TRUE(late.hears_nothing());
+  EXPECT_LE(server.counters().points * LINE, MAX + LINE);
+  EXPECT_TRUE(late.has_read_everything());
   server.ingest().settle_all();
   EXPECT_EQ(late.status(), 204);
   for (Peer &peer : peers)
@@ -85,15 +85,15 @@ TEST_F(Bounds, UnansweredBytesHoldReadersBack) {
   EXPECT_EQ(server.counters().points, 3u * N);
 }
 
-TEST_F(Bounds, SlowReadersHoldNobodyUp) {
+TEST_F(Bounds, SlowReadersDoNotDelayOthers) {
   RunningServer server;
   Peer slow(server.influx_port());
-  // Long ones, so that few fill what the system buffers.
+  // Long requests, so that few of them fill the socket buffers.
   const std::string request = "GET /query?q=x HTTP/1.1\r\nX: " + std::string(4000, 'x') + "\r\n\r\n";
   const std::string pipeline = repeated(request, 1000);
   size_t sent = 0;
-  // Until its answers fill both sockets, the server reads no more of it, and its requests fill them too.
-  ASSERT_TRUE(comes_true([&] {
+  // When the answers fill the socket buffers, the server receives no more, and the requests fill the buffers too.
+  ASSERT_TRUE(wait_until([&] {
     for (size_t n = 1; n != 0; sent += n) n = slow.send_some(std::string_view(pipeline).substr(sent % pipeline.size()));
     const uint64_t before = server.counters().requests;
     expect_others_are_served(server);
@@ -105,12 +105,12 @@ TEST_F(Bounds, SlowReadersHoldNobodyUp) {
   for (size_t i = 0; i < n_whole; ++i) ASSERT_EQ(slow.status(), 200) << i << " of " << n_whole;
 }
 
-TEST_F(Bounds, MemoryForHalfRequests) {
+TEST_F(Bounds, MemoryForIncompleteRequests) {
   RunningServer server({.influx_port = 0, .graphite_port = 0, .max_buffered_bytes = 1 << 20});
   const std::string request = post(std::string(400'000, '#') + "\n");
   std::list<Peer> peers;
   for (int i = 0; i < 4; ++i) peers.emplace_back(server.influx_port()).send(request.substr(0, 390'000));
-  ASSERT_TRUE(comes_true([&] { return server.counters().requests != 0; })) << "somebody was refused";
+  ASSERT_TRUE(wait_until([&] { return server.counters().requests != 0; })) << "no request was refused";
   expect_others_are_served(server);
   int n_good = 0;
   for (Peer &peer : peers) {
@@ -123,7 +123,7 @@ TEST_F(Bounds, MemoryForHalfRequests) {
   EXPECT_LT(n_good, 4);
 }
 
-TEST_F(Bounds, SilentPeersAreGivenUp) {
+TEST_F(Bounds, IdlePeersAreClosed) {
   constexpr milliseconds SHORT(200);
   RunningServer server({.influx_port = 0, .graphite_port = 0, .idle_timeout = SHORT, .request_timeout = SHORT});
   server.ingest().settle_up_to(0);
@@ -137,13 +137,13 @@ TEST_F(Bounds, SilentPeersAreGivenUp) {
   Peer half_line(server.graphite_port());
   half_line.send("a 1 ");
   EXPECT_TRUE(half_line.is_closed());
-  // A byte now and then keeps nobody.
+  // Single bytes do not extend the time limit.
   Peer dripping(server.influx_port());
   ASSERT_TRUE(dripping.send("GET /"));
-  EXPECT_TRUE(comes_true([&] { return !dripping.send("a"); }));
-  EXPECT_TRUE(comes_true([&] { return server.counters().connections == 1; }));
-  // Who waits for us is not silent.
-  EXPECT_TRUE(waiting.hears_nothing());
+  EXPECT_TRUE(wait_until([&] { return !dripping.send("a"); }));
+  EXPECT_TRUE(wait_until([&] { return server.counters().connections == 1; }));
+  // A peer that waits for an answer is not idle.
+  EXPECT_TRUE(waiting.has_read_everything());
   server.ingest().settle_all();
   EXPECT_EQ(waiting.status(), 204);
 }
@@ -156,7 +156,7 @@ TEST_F(Bounds, ConnectionsBeyondTheLimitAreClosed) {
   EXPECT_TRUE(beyond.is_closed());
   EXPECT_EQ(server.counters().turned_away, 1u);
   peers.pop_back();
-  ASSERT_TRUE(comes_true([&] { return server.counters().connections == 2; }));
+  ASSERT_TRUE(wait_until([&] { return server.counters().connections == 2; }));
   expect_others_are_served(server);
 }
 
@@ -165,7 +165,7 @@ TEST_F(Bounds, DescriptorsRunOut) {
   Peer first(server.influx_port());
   EXPECT_EQ(ask(first, get("/ping")), 204);
   {
-    Peer unlucky(0);  // its own descriptor is made while there are some
+    Peer unlucky(0);  // created before the limit
     const int next = dup(0);
     close(next);
     const limit_t fewer(RLIMIT_NOFILE, static_cast<rlim_t>(next));
@@ -177,11 +177,11 @@ TEST_F(Bounds, DescriptorsRunOut) {
   expect_others_are_served(server);
 }
 
-TEST_F(Bounds, ResetsAtAnyTimeHarmNobody) {
+TEST_F(Bounds, ResetsAtAnyTime) {
   RunningServer server;
   server.ingest().settle_up_to(0);
   const std::string request = post("m f=1 5\nm f=2 6\n");
-  // One that has said all but half a request, and waits for its answers.
+  // A peer that has sent two requests and an incomplete one, and waits for the answers.
   Peer bystander(server.influx_port());
   ASSERT_TRUE(bystander.send(post("m f=3 5") + post("m f=4 5") + "POST /wri"));
   bystander.end_sending();
@@ -191,7 +191,7 @@ TEST_F(Bounds, ResetsAtAnyTimeHarmNobody) {
     if (n % 2 == 0) peer.end_sending();
     peer.reset();
   }
-  // With answers under way to peers that are gone.
+  // Answers are sent to peers that have disconnected.
   server.ingest().settle_all();
   for (int i = 0; i < 100; ++i) {
     Peer peer(server.influx_port());
@@ -200,5 +200,5 @@ TEST_F(Bounds, ResetsAtAnyTimeHarmNobody) {
   }
   for (int i = 0; i < 2; ++i) EXPECT_EQ(bystander.status(), 204);
   EXPECT_TRUE(bystander.is_closed());
-  EXPECT_TRUE(comes_true([&] { return server.counters().connections == 0; }));
+  EXPECT_TRUE(wait_until([&] { return server.counters().connections == 0; }));
 }

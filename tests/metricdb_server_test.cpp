@@ -1,4 +1,4 @@
-// The server over real sockets: what is answered and when, and that a stop leaves nothing unanswered that had come.
+// The server with real sockets: answers and their order, and that a stop answers all requests that have arrived.
 
 #include <nlohmann/json.hpp>
 
@@ -10,8 +10,8 @@ TEST(Influx, AnswersToRequests) {
   static const struct {
     std::string request;
     int status;
-    const char *told;  // in the body's error or text
-    size_t points;     // taken
+    const char *message;  // in the body
+    size_t points;        // stored
   } rows[] = {
       {post("m f=1,g=2 5\nm f=3 6"), 204, "", 3},
       {post(""), 204, "", 0},
@@ -19,9 +19,9 @@ TEST(Influx, AnswersToRequests) {
       {post("m f=1 5\nm f=x 5\nm f=2 6\nm\n"), 400, "partial write: line 2: field \\\"f\\\": ", 2},
       {post("m f=x 5\n"), 400, "dropped=1", 0},
       {post("m f=\xff\xfe 5\n"), 400, "dropped=1", 0},
-      {post("m f=1 5", "precision=fortnight"), 400, "precision \\\"fortnight\\\" is none of", 0},
+      {post("m f=1 5", "precision=fortnight"), 400, "precision \\\"fortnight\\\" is not one of", 0},
       {post("m f=1 5", "db=x", "Content-Encoding: br\r\n"), 415, "content encoding \\\"br\\\"", 0},
-      {post("m f=1 5", "db=x", "Content-Encoding: gzip\r\n"), 400, "not whole in gzip", 0},
+      {post("m f=1 5", "db=x", "Content-Encoding: gzip\r\n"), 400, "not valid gzip", 0},
       {post("m f=1 5", "db=x", "Content-Encoding: identity\r\nContent-Type: text/plain\r\n"), 204, "", 1},
       {get("/write"), 405, "POST", 0},
       {get("/ping"), 204, "", 0},
@@ -44,7 +44,7 @@ TEST(Influx, AnswersToRequests) {
     const std::string answer = answer_to(kept, row.request);
     EXPECT_EQ(Peer::status_of(answer), row.status);
     EXPECT_THAT(answer, HasSubstr("\r\nX-Influxdb-Version: 1.8-metricdb\r\n"));
-    EXPECT_THAT(body_of(answer), HasSubstr(row.told));
+    EXPECT_THAT(body_of(answer), HasSubstr(row.message));
     EXPECT_TRUE(body_of(answer).empty() || nlohmann::json::accept(body_of(answer))) << answer;
     points += row.points;
     EXPECT_EQ(server.ingest().points().size(), points);
@@ -53,7 +53,7 @@ TEST(Influx, AnswersToRequests) {
   EXPECT_EQ(server.counters().requests, std::size(rows));
   EXPECT_EQ(server.counters().malformed, 4u);
 
-  // The same all at once, and in pieces of a byte.
+  // The same requests together, and byte by byte.
   Peer at_once(server.influx_port()), in_bytes(server.influx_port());
   ASSERT_TRUE(at_once.send(pipeline));
   for (const char byte : pipeline) ASSERT_TRUE(in_bytes.send({&byte, 1}));
@@ -95,18 +95,18 @@ TEST(Influx, DatabasesAreRemembered) {
   EXPECT_LE(names().size(), 64u);
 }
 
-TEST(Influx, ExpectationsAreAnsweredAheadOfTheBody) {
+TEST(Influx, ExpectationsAreAnsweredBeforeTheBody) {
   RunningServer server;
   Peer peer(server.influx_port());
   const auto head = [](const char *arguments) {
     return fmt::format("POST /write?{} HTTP/1.1\r\nExpect: 100-continue\r\nContent-Length: 7\r\n\r\n", arguments);
   };
-  // Behind an answer that has to wait, too.
+  // The previous answer still waits for its batch.
   server.ingest().settle_up_to(0);
   ASSERT_TRUE(peer.send(post("m f=1 5") + head("")));
-  ASSERT_TRUE(server.comes_to_points(1));
+  ASSERT_TRUE(server.wait_for_points(1));
   expect_others_are_served(server);
-  EXPECT_TRUE(peer.hears_nothing());
+  EXPECT_TRUE(peer.has_read_everything());
   server.ingest().settle_all();
   EXPECT_EQ(peer.status(), 204);
   EXPECT_EQ(peer.status(), 100);
@@ -120,57 +120,57 @@ TEST(GroupCommit, AnswersWaitForTheirBatch) {
   FakeIngest &ingest = server.ingest();
   ingest.settle_up_to(0);
   Peer first(server.influx_port()), second(server.influx_port());
-  // Until it is committed: what is sent as soon as it is taken can still come into the same batch.
+  // Waits until the batch is committed. Otherwise the next request could be in the same batch.
   const auto send_and_wait = [&](Peer &peer, const std::string &request, uint64_t batches) {
     ASSERT_TRUE(peer.send(request));
-    ASSERT_TRUE(comes_true([&] { return ingest.n_batches() == batches; }));
+    ASSERT_TRUE(wait_until([&] { return ingest.n_batches() == batches; }));
   };
   send_and_wait(first, post("m f=1 1\nbad\n"), 1);
   send_and_wait(second, post("m f=2 2\n"), 2);
-  // Behind its own, and with nothing to wait for itself.
+  // This request has its own answer ready, but must wait for the previous one.
   ASSERT_TRUE(second.send(get("/ping")));
   send_and_wait(second, post("m f=3 3\n"), 3);
   expect_others_are_served(server);
-  for (Peer *peer : {&first, &second}) EXPECT_TRUE(peer->hears_nothing());
+  for (Peer *peer : {&first, &second}) EXPECT_TRUE(peer->has_read_everything());
 
   ingest.settle_up_to(1);
   EXPECT_EQ(first.status(), 400);
   expect_others_are_served(server);
-  EXPECT_TRUE(second.hears_nothing());
+  EXPECT_TRUE(second.has_read_everything());
   ingest.settle_up_to(2);
   for (int i = 0; i < 2; ++i) EXPECT_EQ(second.status(), 204);
   expect_others_are_served(server);
-  EXPECT_TRUE(second.hears_nothing());
+  EXPECT_TRUE(second.has_read_everything());
   ingest.settle_up_to(3);
   EXPECT_EQ(second.status(), 204);
 }
 
-TEST(GroupCommit, RefusedBatchesAreTold) {
+TEST(GroupCommit, RefusedBatchesAreReported) {
   RunningServer server;
   FakeIngest &ingest = server.ingest();
   ingest.fail(1, "disk \"full\"\n");
   ingest.settle_up_to(0);
   Peer peer(server.influx_port()), graphite(server.graphite_port());
-  // One batch of the three, or several: the first always fails.
+  // The requests may be in one batch or several. The first one fails in any case.
   ASSERT_TRUE(peer.send(post("m f=1 1\nbad\n") + post("bad\n")));
-  ASSERT_TRUE(server.comes_to_points(1));
+  ASSERT_TRUE(server.wait_for_points(1));
   ingest.settle_all();
   const std::string failed = peer.answer();
   EXPECT_EQ(Peer::status_of(failed), 507);
   EXPECT_THAT(failed, HasSubstr("X-Influxdb-Error: disk \"full\"?\r\n"));
   EXPECT_EQ(body_of(failed), "{\"error\":\"disk \\\"full\\\"\\n\"}\n");
-  EXPECT_EQ(peer.status(), 400) << "took nothing, so nothing of it was lost";
-  EXPECT_EQ(ask(peer, post("m f=2 2\n")), 204) << "the next batch is another one";
+  EXPECT_EQ(peer.status(), 400) << "without points it does not depend on the batch";
+  EXPECT_EQ(ask(peer, post("m f=2 2\n")), 204) << "the next batch is refused too";
 
   ingest.refuse_all("no room");
   const std::string refused = answer_to(peer, post("m f=3 3\n"));
   EXPECT_EQ(Peer::status_of(refused), 503);
   EXPECT_EQ(body_of(refused), "{\"error\":\"no room\"}\n");
   ASSERT_TRUE(graphite.send("a 1 7\n"));
-  EXPECT_TRUE(comes_true([&] { return server.counters().refused == 3; }));
+  EXPECT_TRUE(wait_until([&] { return server.counters().refused == 3; }));
   ingest.refuse_all("");
   ASSERT_TRUE(graphite.send("a 2 7\n"));
-  EXPECT_TRUE(server.comes_to_points(3));
+  EXPECT_TRUE(server.wait_for_points(3));
 }
 
 TEST(Graphite, StreamsOfLines) {
@@ -182,25 +182,25 @@ TEST(Graphite, StreamsOfLines) {
   EXPECT_TRUE(peer.is_closed());
   EXPECT_THAT(server.ingest().points(),
               ElementsAre("a.b value=1@7000000000", "c,k=v value=2.5@8500000000", "d value=3"));
-  EXPECT_EQ(server.counters().malformed, 3u) << "and half a line is none";
+  EXPECT_EQ(server.counters().malformed, 3u) << "an incomplete line is not counted";
 }
 
-TEST(Stop, WhatHasArrivedIsAnswered) {
-  // So one write at a time is read, and the next is still unread at the stop.
+TEST(Stop, ArrivedRequestsAreAnswered) {
+  // The limit makes the server process one write at a time, so the next one is not read before the stop.
   RunningServer server({.influx_port = 0, .graphite_port = 0, .max_connection_bytes = 1});
   server.ingest().settle_up_to(0);
   Peer idle(server.influx_port()), busy(server.influx_port()), half(server.influx_port()),
       lines(server.graphite_port());
   ASSERT_TRUE(busy.send(post("m f=1 5")));
-  ASSERT_TRUE(server.comes_to_points(1));
+  ASSERT_TRUE(server.wait_for_points(1));
   ASSERT_TRUE(half.send(post("m f=2 5") + "POST /write HTTP/1.1\r\n"));
   ASSERT_TRUE(lines.send("a 1 7\na 2 7\na 3"));
   ASSERT_TRUE(busy.send(post("m f=3 5") + post("m f=4 5")));
-  ASSERT_TRUE(server.comes_to_points(4));
+  ASSERT_TRUE(server.wait_for_points(4));
   expect_others_are_served(server);
   server.stop_later();
-  EXPECT_TRUE(comes_true([&] { return !Peer(server.influx_port()).is_connected(); }));
-  EXPECT_TRUE(busy.hears_nothing());
+  EXPECT_TRUE(wait_until([&] { return !Peer(server.influx_port()).is_connected(); }));
+  EXPECT_TRUE(busy.has_read_everything());
   EXPECT_EQ(server.counters().points, 4u);
   server.ingest().settle_all();
   for (int i = 0; i < 3; ++i) EXPECT_EQ(busy.status(), 204) << i;
@@ -211,17 +211,17 @@ TEST(Stop, WhatHasArrivedIsAnswered) {
   EXPECT_EQ(server.counters().connections, 0u);
 }
 
-TEST(Stop, ReturnsWithoutAnswersInTheEnd) {
+TEST(Stop, ReturnsAfterTheTimeout) {
   RunningServer server({.influx_port = 0, .graphite_port = 0, .drain_timeout = milliseconds(50)});
   server.ingest().settle_up_to(0);
   Peer peer(server.influx_port());
   ASSERT_TRUE(peer.send(post("m f=1 5")));
-  ASSERT_TRUE(server.comes_to_points(1));
+  ASSERT_TRUE(server.wait_for_points(1));
   server.stop();
   EXPECT_TRUE(peer.is_closed());
 }
 
-TEST(Stop, AheadOfTheStart) {
+TEST(Stop, BeforeRun) {
   FakeIngest ingest;
   Server server({.influx_port = 0, .graphite_port = {}}, ingest);
   EXPECT_NE(server.influx_port(), 0);
@@ -230,7 +230,7 @@ TEST(Stop, AheadOfTheStart) {
   server.run();
 }
 
-TEST(Start, AddressesThatCannotBeHad) {
+TEST(Start, UnusableAddresses) {
   RunningServer first;
   FakeIngest ingest;
   EXPECT_THROW(Server({.influx_port = first.influx_port(), .graphite_port = 0}, ingest), ServerError);

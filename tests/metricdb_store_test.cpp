@@ -1,4 +1,4 @@
-// What is read into a store, what stops that, and what is printed of it.
+// Inputs of a store, full pools, and reports.
 
 #include <limits>
 
@@ -7,7 +7,7 @@
 #include "metricdb_support.h"
 #include "query/report.h"
 
-TEST(Store, AFullPoolStopsALoadAtItsLineAndTakesWhatItKnows) {
+TEST(Store, FullPoolStopsALoadAtItsLine) {
   Store store({.key_slot_bytes = 64, .point_slot_bytes = 1 << 20});
   std::string text;
   for (int i = 0; i < 256; ++i) text += fmt::format("measurement,number={:010} field=1 5\n", i);
@@ -20,13 +20,13 @@ TEST(Store, AFullPoolStopsALoadAtItsLineAndTakesWhatItKnows) {
 
 using Files = Folder;
 
-TEST_F(Files, InputIsReadTwiceOrKept) {
+TEST_F(Files, InputIsReadTwiceOrHeld) {
   write_file(path("a.lp"), "m f=1 1\n");
   Input file(path("a.lp"));
   EXPECT_EQ(file.text(), "m f=1 1\n");
   file.release(true);
   write_file(path("a.lp"), "m f=2 1\n");
-  EXPECT_EQ(file.text(), "m f=2 1\n") << "a second pass must see the file, not a copy";
+  EXPECT_EQ(file.text(), "m f=2 1\n") << "the second pass must read the file again";
 
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);
@@ -36,10 +36,10 @@ TEST_F(Files, InputIsReadTwiceOrKept) {
   EXPECT_EQ(piped.text(), "m f=3 1\n");
   close(ends[0]);
   piped.release(true);
-  EXPECT_EQ(piped.text(), "m f=3 1\n") << "a pipe gives its text only once";
+  EXPECT_EQ(piped.text(), "m f=3 1\n") << "a pipe can be read only once";
 }
 
-TEST_F(Files, ProcSamplerReadsCountersAndSkipsTheSilent) {
+TEST_F(Files, ProcSamplerSkipsUnusedDevices) {
   for (const char *folder : {"net", "self"}) fs::create_directory(path(folder));
   const auto write = [this](const char *name, const char *text) { write_file(path(name), text); };
   write("stat", "cpu  10 1 20 60 5 1 1 2 0 0\ncpu0 10 1 20 60 5 1 1 2 0 0\nintr 5 0 0\nctxt 1\n");
@@ -97,7 +97,7 @@ TEST(Report, SeriesTable) {
   for (int i = 0; i < 64; ++i) text += fmt::format("cpu,core=0 user={} 1\n", i < 32 ? 0 : 100);
   Store store;
   load(store, text);
-  // 65 points in 32 cells; only the first holds the large value.
+  // 65 points in 32 cells. Only the first cell contains the large value.
   std::string spark = "█";
   for (int i = 1; i < 32; ++i) spark += "▁";
   EXPECT_EQ(series_table(store, "cpu,core=? *"),

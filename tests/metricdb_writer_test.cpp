@@ -1,49 +1,49 @@
-// A database that is written to while it is open: what was settled comes back, whatever happens, and nothing else does.
+// A database that is open for writing: settled batches are durable in all cases, and refused ones are not stored.
 #include <poll.h>
 
 #include "journal/journal_reader.h"
 #include "list_audit.h"
 #include "writer_support.h"
 
-// Both lists of the catalogue, as they are linked: a series that is given away next must be the same one.
+// Both lists of the catalogue in order, because they decide which series is replaced next.
 static std::pair<indices_t, indices_t> lists_in(const Store &store) {
   const lists_t lists = audit_lists(store.catalogue());
   return {lists.free, lists.inactive};
 }
 
-// Against a store in memory alone that took the same batches. Memory slots are small, so that each batch touches
-// several, and sweeps come within batches. Each opening adds to a journal, or begins a generation.
-TEST_F(Writer, ComesBackAsIfItHadNeverBeenClosed) {
+// Compared with a store in memory with the same batches. Memory slots are small, so each batch changes several, and
+// sweeps occur within batches. Each opening continues the journal or begins a generation.
+TEST_F(Writer, ReopenedDatabaseContinuesUnchanged) {
   constexpr int N_BATCHES = 80;
   static const struct {
     const char *what;
-    StoreConfig forgetting;
+    StoreConfig config;
   } rows[] = {
-      {"everything stays", {}},
-      {"retention and idleness", {.retain_ns = 2500, .idle_ns = 300}},
-      {"reuse of inactive series", {.idle_ns = 300, .reuse_inactive_pct = 20}},
-      {"an older layout", {.retain_ns = 2500, .idle_ns = 300, .layout = OLDEST_LAYOUT}},
+      {"nothing is forgotten", {}},
+      {"retention and idleness", {.forgetting = {.retain_ns = 2500, .idle_ns = 300}}},
+      {"reuse of inactive series", {.forgetting = {.idle_ns = 300, .reuse_inactive_pct = 20}}},
+      {"an older layout", {.forgetting = {.retain_ns = 2500, .idle_ns = 300}, .layout = OLDEST_LAYOUT}},
   };
   static const struct {
     uint64_t snapshot_bytes;
-    int batches_of_a_writer;
+    int batches_per_writer;
   } sessions[] = {{0, 20}, {60'000, 20}, {60'000, 4}};
   for (const auto &row : rows) {
     for (const auto &session : sessions) {
-      SCOPED_TRACE(fmt::format("{}, {} batches to a writer, a snapshot behind {} bytes", row.what,
-                               session.batches_of_a_writer, session.snapshot_bytes));
+      SCOPED_TRACE(fmt::format("{}, {} batches per writer, a snapshot after {} bytes", row.what,
+                               session.batches_per_writer, session.snapshot_bytes));
       fs::remove_all(db());
-      StoreConfig config = row.forgetting;
+      StoreConfig config = row.config;
       config.key_slot_bytes = 256;
       config.point_slot_bytes = 4096;
       config.points_per_sweep = 70;
       create(config);
       Store straight(config);
-      for (int number = 0; number < N_BATCHES; number += session.batches_of_a_writer) {
-        const auto batches = numbers_from(number, number + session.batches_of_a_writer);
+      for (int number = 0; number < N_BATCHES; number += session.batches_per_writer) {
+        const auto batches = numbers_from(number, number + session.batches_per_writer);
         {
           DatabaseWriter writer(db(), {.snapshot_bytes = session.snapshot_bytes});
-          EXPECT_EQ(writer.found(), "");
+          EXPECT_EQ(writer.warnings(), "");
           ASSERT_EQ(records_of(writer.store()), records_of(straight)) << "batch " << number;
           ASSERT_EQ(figures_of(writer.store()), figures_of(straight)) << "batch " << number;
           ASSERT_EQ(lists_in(writer.store()), lists_in(straight)) << "batch " << number;
@@ -51,15 +51,16 @@ TEST_F(Writer, ComesBackAsIfItHadNeverBeenClosed) {
         }
         for (const int batch : batches) load(straight, batch_text(batch));
       }
-      EXPECT_EQ(reopened().stored.generation > 1, session.snapshot_bytes != 0);
+      EXPECT_EQ(reopened().generation.number > 1, session.snapshot_bytes != 0);
       EXPECT_EQ(records_of(reopened().store), records_of(straight));
     }
   }
 }
 
-// It changes the roots of the catalogue's lists, which the array does not log; here nothing else in the batch does.
-TEST_F(Writer, ASeriesThatReturnsIsOffTheInactiveList) {
-  create({.idle_ns = 10, .points_per_sweep = 1});
+// This changes the roots of the catalogue's lists, which the array does not log. Nothing else in this batch changes
+// them.
+TEST_F(Writer, ReturningSeriesLeavesTheInactiveList) {
+  create({.forgetting = {.idle_ns = 10}, .points_per_sweep = 1});
   for (const char *text : {"a f=1 0\n", "b f=1 50\n", "a f=2 51\n"}) {
     DatabaseWriter writer(db(), {});
     EXPECT_EQ(put(writer, text), "");
@@ -68,24 +69,24 @@ TEST_F(Writer, ASeriesThatReturnsIsOffTheInactiveList) {
   EXPECT_EQ(reopened().store.n_inactive(), 0u);
 }
 
-TEST_F(Writer, OptionsAreKeptWithTheDatabase) {
-  { DatabaseWriter writer(db(), {.retain_ns = 25, .idle_ns = 5}); }
-  { DatabaseWriter writer(db(), {.idle_ns = 7}); }
+TEST_F(Writer, OptionsAreStoredWithTheDatabase) {
+  { DatabaseWriter writer(db(), {.forgetting = {.retain_ns = 25, .idle_ns = 5}}); }
+  { DatabaseWriter writer(db(), {.forgetting = {.idle_ns = 7}}); }
   DatabaseWriter writer(db(), {});
-  EXPECT_EQ(writer.store().config().retain_ns, 25);
-  EXPECT_EQ(writer.store().config().idle_ns, 7);
+  EXPECT_EQ(writer.store().config().forgetting.retain_ns, 25);
+  EXPECT_EQ(writer.store().config().forgetting.idle_ns, 7);
 }
 
-TEST_F(Writer, MalformedLinesAreToldAndTheRestIsThereOnceItIsCommitted) {
+TEST_F(Writer, MalformedLinesAreReportedAndTheRestIsCommitted) {
   {
     DatabaseWriter writer(db(), {});
-    const Taken taken = writer.take("m f=1 1\nnonsense\nm f=2 2\n= \n", Precision::ns);
+    const IngestResult taken = writer.take("m f=1 1\nnonsense\nm f=2 2\n= \n", Precision::ns);
     EXPECT_EQ(taken.points, 2u);
     EXPECT_EQ(taken.malformed, 2u);
     EXPECT_EQ(taken.first_reason, "line 2: no fields");
     EXPECT_EQ(writer.commit(), 1u);
     EXPECT_EQ(writer.take("# nothing\n", Precision::ns).points, 0u);
-    EXPECT_EQ(writer.commit(), 1u) << "nothing came since";
+    EXPECT_EQ(writer.commit(), 1u) << "an empty batch has a new ticket";
     EXPECT_EQ(writer.wait(1), "");
     writer.take("m f=3 3\nn f=4 4\n", Precision::ns);
     EXPECT_EQ(writer.settled(), 1u);
@@ -94,8 +95,8 @@ TEST_F(Writer, MalformedLinesAreToldAndTheRestIsThereOnceItIsCommitted) {
   EXPECT_EQ(reopened().store.n_points(), 2u);
 }
 
-// The batch that makes a snapshot due is settled by the journal that ends with it.
-TEST_F(Writer, WhoeverWaitsForTheLastTicketOfAJournalHearsOfIt) {
+// The commit that causes a snapshot also ends the journal that settles it.
+TEST_F(Writer, LastTicketOfAJournalIsReported) {
   DatabaseWriter writer(db(), {.snapshot_bytes = 1});
   for (const uint64_t ticket : {1u, 2u}) {
     writer.take("m f=1 1\n", Precision::ns);
@@ -103,19 +104,19 @@ TEST_F(Writer, WhoeverWaitsForTheLastTicketOfAJournalHearsOfIt) {
     struct pollfd ready = {writer.settled_fd(), POLLIN, 0};
     ASSERT_EQ(poll(&ready, 1, 10'000), 1);
     EXPECT_EQ(writer.settled(), ticket);
-    EXPECT_EQ(poll(&ready, 1, 0), 0) << "still readable, so the server would never sleep";
+    EXPECT_EQ(poll(&ready, 1, 0), 0) << "still readable, so the server would not wait";
   }
 }
 
-// A line is stored whole or not at all, and those of series that have room go on.
-TEST_F(Writer, AFullStoreRefusesLinesThatItHasNoRoomFor) {
+// A line is stored as a whole or not at all. Lines of existing series are stored if they have room.
+TEST_F(Writer, FullStoreRefusesLinesWithoutRoom) {
   create({.key_slot_bytes = 64});
   DatabaseWriter writer(db(), {});
   std::string text;
   for (int i = 0; i < 254; ++i) text += fmt::format("measurement,number={:010} field=1 5\n", i);
   EXPECT_EQ(writer.take(text, Precision::ns).malformed, 0u);
-  // Room for one key more: a known field beside two new ones, then a known series, then one new one.
-  const Taken taken = writer.take(
+  // Room for one more key: a known field with two new ones, then a known series, then one new series.
+  const IngestResult taken = writer.take(
       "measurement,number=0000000001 field=2,new=3,newer=4 6\n"
       "measurement,number=0000000002 field=5 6\n"
       "measurement,number=0000000003 other=1 6\n",
@@ -130,10 +131,10 @@ TEST_F(Writer, AFullStoreRefusesLinesThatItHasNoRoomFor) {
   EXPECT_EQ(points.at("measurement,number=0000000002 field"), "1@5 5@6 ");
 }
 
-// Every step on the way to the disk fails once, with batches, snapshots and openings around it: the batches that were
-// settled as good are there afterwards, those that were refused are not, and the database goes on. One failure refuses
-// one batch, although a text without a point may come between the batch and its failure.
-TEST_F(Writer, AFailureAnywhereRefusesABatchAndLosesNothing) {
+// Each step of the file operations fails once, during batches, snapshots and openings. Afterwards all settled batches
+// are stored, refused ones are not, and the database is usable. One failure refuses one batch, even if a text without
+// points comes between the batch and its failure.
+TEST_F(Writer, FailureAtAnyStepLosesNothing) {
   constexpr int N_BATCHES = 4;
   const WriterOptions options = {.snapshot_bytes = 20'000};
   uint64_t n_refused = 0, n_in_snapshots = 0;
@@ -158,38 +159,38 @@ TEST_F(Writer, AFailureAnywhereRefusesABatchAndLosesNothing) {
       met_end = io_operations() - before < k;
       writer.close();
     } catch (const std::runtime_error &error) {
-      // A sync that failed, or an opening: told, and for the next process to go on from.
+      // After a failed sync or a failed opening the next process must continue.
       EXPECT_THAT(error.what(), HasSubstr("db")) << error.what();
       ++n_refused;
       is_broken = true;
     }
     fail_at_io(0, 0);
-    // What a broken journal had not settled may have reached the disk all the same.
+    // An unsettled batch of a broken journal may be on the disk.
     std::vector<int> with_next = settled;
     with_next.push_back(settled.empty() ? 0 : settled.back() + 1);
     const Content expected = records_after(settled), perhaps = records_after(with_next);
     DatabaseWriter again(db(), options);
     const Content found = records_of(again.store());
     EXPECT_TRUE(found == expected || (is_broken && found == perhaps))
-        << "neither what was settled, nor that and the batch at hand";
+        << "neither the settled batches, nor these and the current one";
     n_in_snapshots += again.store().n_points() != 0;
     EXPECT_EQ(put(again, batch_text(100)), "");
     if (met_end) break;
-    ASSERT_LT(k, 500u) << "it does not end";
+    ASSERT_LT(k, 500u) << "too many steps";
   }
-  EXPECT_GT(n_refused, 5u) << "too few steps failed for this to show anything";
+  EXPECT_GT(n_refused, 5u) << "too few steps failed";
   EXPECT_GT(n_in_snapshots, 5u);
 }
 
-TEST_F(Writer, AnOlderLayoutIsMadeOfTheNewerOneForGood) {
+TEST_F(Writer, ConversionToTheOlderLayoutIsPermanent) {
   {
-    DatabaseWriter writer(db(), {.retain_ns = 2500, .idle_ns = 300});
+    DatabaseWriter writer(db(), {.forgetting = {.retain_ns = 2500, .idle_ns = 300}});
     for (const int number : numbers_from(0, 100)) ASSERT_EQ(put(writer, batch_text(number)), "");
-    // Sweeps come later by themselves: the conversion has to meet free slots and inactive ones.
+    // points_per_sweep is large, so nothing was forgotten yet. The sweep below makes free and inactive slots.
     writer.snapshot();
   }
   {
-    Opened opened = reopened();
+    LoadedDatabase opened = reopened();
     opened.store.sweep();
     ASSERT_GT(lists_of(opened.store.catalogue())->n_free, 0u);
     ASSERT_GT(opened.store.n_inactive(), 0u);
@@ -203,17 +204,17 @@ TEST_F(Writer, AnOlderLayoutIsMadeOfTheNewerOneForGood) {
     EXPECT_GT(lists_of(writer.store().catalogue())->n_free, 0u) << "free slots are lost";
     for (const int number : numbers_from(100, 140)) ASSERT_EQ(put(writer, batch_text(number)), "");
   }
-  // From now on it has that layout, whoever opens it; and there is no way back.
-  Opened opened = reopened();
-  EXPECT_EQ(opened.stored.layout, OLDEST_LAYOUT);
-  Store straight({.retain_ns = 2500, .idle_ns = 300});
+  // From now on the database has this layout. It cannot be converted back.
+  LoadedDatabase opened = reopened();
+  EXPECT_EQ(opened.generation.layout, OLDEST_LAYOUT);
+  Store straight({.forgetting = {.retain_ns = 2500, .idle_ns = 300}});
   for (const int number : numbers_from(0, 140)) load(straight, batch_text(number));
   for (Store *store : {&opened.store, &straight}) store->sweep();
   EXPECT_EQ(content_of(opened.store), content_of(straight));
   EXPECT_THROW(Database(db(), Database::Use::read).open({.layout = NEWEST_LAYOUT}), DatabaseError);
 }
 
-TEST_F(Writer, DamageIsRefusedByItsPlaceAndSalvagedUpToIt) {
+TEST_F(Writer, DamageIsReportedAndSalvaged) {
   for (DatabaseWriter writer(db(), {}); const int number : numbers_from(0, 20))
     ASSERT_EQ(put(writer, batch_text(number)), "");
   const fs::path journal = fs::path(db()) / "journal.1";
@@ -222,12 +223,12 @@ TEST_F(Writer, DamageIsRefusedByItsPlaceAndSalvagedUpToIt) {
   write_file(journal, damaged);
   EXPECT_THAT(refusal_of([this] { reopened(); }), StartsWith(journal.string() + ": byte "));
   EXPECT_THROW(DatabaseWriter(db(), {}), std::runtime_error);
-  EXPECT_EQ(read_file(journal), damaged) << "what might be mended is gone";
+  EXPECT_EQ(read_file(journal), damaged) << "the damaged journal was changed";
 
   uint64_t n_points;
   {
     DatabaseWriter writer(db(), {.salvage = true});
-    EXPECT_THAT(writer.found(), HasSubstr(journal.string() + ": byte "));
+    EXPECT_THAT(writer.warnings(), HasSubstr(journal.string() + ": byte "));
     n_points = writer.store().n_points();
     EXPECT_GT(n_points, 0u);
     EXPECT_LT(n_points, 20u * 120);
@@ -236,27 +237,28 @@ TEST_F(Writer, DamageIsRefusedByItsPlaceAndSalvagedUpToIt) {
   const Content salvaged = records_after(numbers_from(0, static_cast<int>(n_points / 120)));
   EXPECT_EQ(records_of(reopened().store), salvaged);
 
-  // A torn end is no damage: it is cut, and said.
+  // An incomplete end is not damage. It is cut, with a warning.
   const fs::path last = fs::path(db()) / "journal.2";
   write_file(last, read_file(last) + "torn");
   {
     DatabaseWriter writer(db(), {});
-    EXPECT_THAT(writer.found(), HasSubstr(last.string() + ": "));
+    EXPECT_THAT(writer.warnings(), HasSubstr(last.string() + ": "));
     EXPECT_EQ(records_of(writer.store()), salvaged);
   }
-  EXPECT_EQ(reopened().stored.generation, 2u) << "a torn end costs a whole generation";
+  EXPECT_EQ(reopened().generation.number, 2u) << "a torn end causes a new generation";
 
-  // A head that cannot be read leaves the generation; and a generation that is gone leaves nothing to go on from.
+  // Without a valid head of the journal, salvage uses the generation alone. A missing generation cannot be salvaged.
   write_file(last, "x" + read_file(last).substr(1));
-  EXPECT_THROW(reopened(), JournalDamaged);
+  EXPECT_THROW(reopened(), DatabaseError);
   EXPECT_EQ(Database(db(), Database::Use::read).open({.salvage = true}).store.n_series(), salvaged.size());
   fs::remove_all(fs::path(db()) / "generation.2");
   EXPECT_THROW(DatabaseWriter(db(), {}), DatabaseError);
   EXPECT_TRUE(fs::exists(last));
 }
 
-// Met as a limit on the file's size. Batches are refused while there is no room, and all others are there.
-TEST_F(Writer, AFullDiskRefusesBatchesUntilThereIsRoom) {
+// The disk is simulated by a limit on the file size. Batches are refused while there is no space, and all others are
+// stored.
+TEST_F(Writer, FullDiskRefusesBatches) {
   std::vector<int> kept;
   int n_refused = 0;
   {
@@ -275,7 +277,7 @@ TEST_F(Writer, AFullDiskRefusesBatchesUntilThereIsRoom) {
     signal(SIGXFSZ, old_handler);
     EXPECT_GT(kept.size(), 5u);
     for (const int number : numbers_from(400, 410)) take(number);
-    EXPECT_EQ(n_refused, 3) << "the disk did not fill, or is full for ever";
+    EXPECT_EQ(n_refused, 3) << "the disk was never full, or stays full";
     EXPECT_EQ(writer.store().n_points(), kept.size() * 120);
   }
   EXPECT_EQ(records_of(reopened().store), records_after(kept));

@@ -1,4 +1,4 @@
-// `metricdb export`: the points of a database as line protocol, which `load` and `ingest` take.
+// `metricdb export`: writes the points of a database as line protocol, which `load` and `ingest` read.
 #include <fmt/format.h>
 #include <fnmatch.h>
 
@@ -14,7 +14,7 @@ namespace {
 
 constexpr size_t BYTES_AT_ONCE = 1 << 20;
 
-// A key is a head, a blank and a field; inside of both every blank is escaped.
+// A key is a head, a blank and a field name. Other blanks in it are escaped, so it is valid in line protocol.
 void append_series(const Store &store, uint32_t series, std::string &text) {
   const std::string_view key = store.key(series);
   PointCursor cursor(store, series);
@@ -29,7 +29,7 @@ void append_series(const Store &store, uint32_t series, std::string &text) {
 }  // namespace
 
 int export_points(const SeriesArguments &arguments) {
-  const Opened opened = open_to_read(arguments.db, arguments.salvage);
+  const LoadedDatabase opened = open_to_read(arguments.db, arguments.salvage);
   const Store &store = opened.store;
   std::string text;
   for (uint32_t series = 0; series < store.n_slots(); ++series)

@@ -1,4 +1,4 @@
-// `metricdb ingest`: lines from files and pipes into a database that is open, batch by batch.
+// `metricdb ingest`: reads lines from files and pipes into a database, batch by batch.
 #include <fmt/format.h>
 #include <signal.h>
 
@@ -15,23 +15,23 @@
 namespace metricdb {
 namespace {
 
-constexpr size_t MOST_UNSETTLED_BATCHES = 8;
+constexpr size_t MAX_UNSETTLED_BATCHES = 8;
 
-// Lines on their way through a writer.
+// Passes lines to a writer, and waits for its tickets.
 class Ingestion {
  public:
   Ingestion(DatabaseWriter &writer, const IngestArguments &arguments)
       : writer_(writer), arguments_(arguments), precision_(precision_of(arguments.precision)) {}
 
-  void take_all_of(const std::string &path) {
+  void ingest_all(const std::string &path) {
     LineSource source(path);
     n_too_long_ = 0;
     Progress progress(source.total_bytes(), "points");
     for (std::string_view text; !(text = source.next(arguments_.batch_lines)).empty();) {
       take(source, text);
-      progress.tell(source.bytes_taken(), n_points_);
+      progress.update(source.bytes_taken(), n_points_);
       while (!unsettled_.empty() &&
-             (unsettled_.size() >= MOST_UNSETTLED_BATCHES || writer_.settled() >= unsettled_.front().ticket))
+             (unsettled_.size() >= MAX_UNSETTLED_BATCHES || writer_.settled() >= unsettled_.front().ticket))
         acknowledge_oldest();
     }
     count_long_lines(source);
@@ -48,52 +48,53 @@ class Ingestion {
  private:
   struct Batch {
     uint64_t ticket;
-    uint64_t n_lines;  // of all batches up to this
+    uint64_t n_lines;  // of all batches up to this one
   };
 
   void take(const LineSource &source, std::string_view text) {
     count_long_lines(source);
     const uint64_t first_line = n_lines_ + 1;
-    Taken taken;
+    IngestResult result;
     try {
-      taken = writer_.take(text, precision_);
+      result = writer_.take(text, precision_);
     } catch (const IngestRefused &refused) {
       finish();
-      throw refused_behind(refused.what());
+      throw refused_after(refused.what());
     }
     const uint64_t ticket = writer_.commit();
     n_lines_ += static_cast<uint64_t>(std::count(text.begin(), text.end(), '\n')) + (text.ends_with('\n') ? 0 : 1);
-    n_points_ += taken.points;
-    n_malformed_ += taken.malformed;
+    n_points_ += result.points;
+    n_malformed_ += result.malformed;
     unsettled_.push_back({ticket, n_lines_});
-    if (taken.malformed == 0) return;
-    const std::string message = fmt::format("{}: {} lines skipped of the batch that begins with line {}; there, {}",
-                                            source.name(), taken.malformed, first_line, taken.first_reason);
-    complain(message);
+    if (result.malformed == 0) return;
+    const std::string message = fmt::format("{}: {} lines of the batch from line {} on were skipped; the first: {}",
+                                            source.name(), result.malformed, first_line, result.first_reason);
+    print_error(message);
     TSLB_DLOG(LOG_DETAILS, "%s", message.c_str());
   }
 
-  // Those that the source has left out since the last time: they are lines of the input too.
+  // Counts the lines that the source has skipped since the last call.
   void count_long_lines(const LineSource &source) {
     const uint64_t n_new = source.n_too_long() - n_too_long_;
     n_too_long_ = source.n_too_long();
     if (n_new == 0) return;
     n_malformed_ += n_new;
     n_lines_ += n_new;
-    complain(fmt::format("{}: {} lines longer than {} bytes near line {}; skipped", source.name(), n_new,
-                         LineSource::LONGEST_LINE, n_lines_));
+    print_error(fmt::format("{}: {} lines longer than {} bytes near line {} were skipped", source.name(), n_new,
+                            LineSource::MAX_LINE_BYTES, n_lines_));
   }
 
-  IngestRefused refused_behind(const std::string &why) const {
-    return IngestRefused(fmt::format("{} lines are kept, what came behind them was refused: {}", n_kept_lines_, why));
+  IngestRefused refused_after(const std::string &why) const {
+    return IngestRefused(
+        fmt::format("{} lines are durable, the following ones were refused: {}", n_durable_lines_, why));
   }
 
   void acknowledge_oldest() {
     const Batch batch = unsettled_.front();
     unsettled_.pop_front();
-    if (const std::string why = writer_.wait(batch.ticket); !why.empty()) throw refused_behind(why);
-    n_kept_lines_ = batch.n_lines;
-    if (arguments_.acks) print(fmt::format("durable {}\n", n_kept_lines_));
+    if (const std::string why = writer_.wait(batch.ticket); !why.empty()) throw refused_after(why);
+    n_durable_lines_ = batch.n_lines;
+    if (arguments_.acks) print(fmt::format("durable {}\n", n_durable_lines_));
   }
 
   DatabaseWriter &writer_;
@@ -101,20 +102,20 @@ class Ingestion {
   const Precision precision_;
   std::deque<Batch> unsettled_;
   uint64_t n_lines_ = 0;
-  uint64_t n_kept_lines_ = 0;
+  uint64_t n_durable_lines_ = 0;
   uint64_t n_points_ = 0;
   uint64_t n_malformed_ = 0;
-  uint64_t n_too_long_ = 0;  // of the source at hand
+  uint64_t n_too_long_ = 0;  // of the current source
 };
 
 }  // namespace
 
 int ingest(const IngestArguments &arguments) {
   DatabaseWriter writer(arguments.write.db, writer_options_of(arguments.write));
-  tell_found(writer.found());
+  report_warnings(writer.warnings());
   Ingestion ingestion(writer, arguments);
   const auto begin = std::chrono::steady_clock::now();
-  for (const std::string &path : arguments.files) ingestion.take_all_of(path);
+  for (const std::string &path : arguments.files) ingestion.ingest_all(path);
   ingestion.finish();
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
   writer.close();

@@ -1,4 +1,4 @@
-// `metricdb query`: the points of one series, or what becomes of them in windows of time.
+// `metricdb query`: prints the points of one series, or a function of them per window of time.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -8,6 +8,7 @@
 #include "cli/commands.h"
 #include "cli/output.h"
 #include "cli/write_options.h"
+#include "extra/plot_svg.h"
 #include "query/query.h"
 #include "query/query_text.h"
 #include "query/time_text.h"
@@ -28,22 +29,22 @@ Query query_of(const QueryArguments &arguments) {
   return query;
 }
 
-std::string text_of(const std::string &format, const Asked &asked, const std::vector<Point> &points) {
-  if (format == "csv") return answer_csv(asked, points);
-  if (format == "json") return answer_json(asked, points);
-  return format == "svg" ? answer_svg(asked, points) : answer_table(asked, points);
+std::string text_of(const std::string &format, const SeriesQuery &query, const std::vector<Point> &points) {
+  if (format == "csv") return answer_csv(query, points);
+  if (format == "json") return answer_json(query, points);
+  return format == "svg" ? answer_svg(query, points) : answer_table(query, points);
 }
 
 }  // namespace
 
 int query(const QueryArguments &arguments) {
   const Query query = query_of(arguments);
-  const Opened opened = open_to_read(arguments.db, arguments.salvage);
+  const LoadedDatabase opened = open_to_read(arguments.db, arguments.salvage);
   const std::optional<uint32_t> series = opened.store.find(arguments.key);
   if (!series) throw DatabaseError(fmt::format("{}: holds no series \"{}\"", arguments.db, arguments.key));
   TimeRange range;
   range.from_ns = query.from_ns;
-  // The query's limit is the first time that does not count any more.
+  // The limit of the query is the first time after the range.
   if (query.to_ns) range.to_ns = *query.to_ns == INT64_MIN ? INT64_MIN : *query.to_ns - 1;
   PointCursor cursor(opened.store, *series, range);
   const auto points = answer(query, [&cursor](Point &point) { return cursor.next(point); });

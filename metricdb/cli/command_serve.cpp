@@ -1,4 +1,4 @@
-// `metricdb serve`: a database that agents feed over the network, until the process is told to end.
+// `metricdb serve`: receives points over the network until a signal ends it.
 #include <fmt/format.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -16,40 +16,40 @@
 namespace metricdb {
 namespace {
 
-Server *stopped_by_signal = nullptr;
+Server *server_to_stop = nullptr;
 
 void stop_server(int) {
-  stopped_by_signal->stop();
+  server_to_stop->stop();
 }
 
-// SIGTERM and SIGINT end the server in order while this lives.
+// SIGTERM and SIGINT stop the server during the lifetime of this object.
 class StopOnSignal {
  public:
   explicit StopOnSignal(Server &server) {
-    stopped_by_signal = &server;
+    server_to_stop = &server;
     struct sigaction action = {};
     action.sa_handler = stop_server;
-    sigaction(SIGTERM, &action, &before_term_);
-    sigaction(SIGINT, &action, &before_int_);
+    sigaction(SIGTERM, &action, &previous_term_);
+    sigaction(SIGINT, &action, &previous_int_);
   }
   ~StopOnSignal() {
-    sigaction(SIGTERM, &before_term_, nullptr);
-    sigaction(SIGINT, &before_int_, nullptr);
+    sigaction(SIGTERM, &previous_term_, nullptr);
+    sigaction(SIGINT, &previous_int_, nullptr);
   }
   StopOnSignal(const StopOnSignal &) = delete;
   StopOnSignal &operator=(const StopOnSignal &) = delete;
 
  private:
-  struct sigaction before_term_, before_int_;
+  struct sigaction previous_term_, previous_int_;
 };
 
-// Peers may not take the descriptors that the database needs for its own files.
-size_t most_connections(size_t wanted) {
+// The limit leaves descriptors for the files of the database.
+size_t connection_limit(size_t wanted) {
   constexpr rlim_t OWN_DESCRIPTORS = 64;
   struct rlimit limit;
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return wanted;
   limit.rlim_cur = limit.rlim_max;
-  setrlimit(RLIMIT_NOFILE, &limit);  // where that is refused, the limit stays as it is
+  setrlimit(RLIMIT_NOFILE, &limit);  // if this fails, the limit stays as it is
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur <= 2 * OWN_DESCRIPTORS) return 1;
   return std::min<size_t>(wanted, limit.rlim_cur - OWN_DESCRIPTORS);
 }
@@ -73,14 +73,14 @@ std::string counters_line(const ServerCounters &counters) {
 
 int serve(const ServeArguments &arguments) {
   if (!arguments.influx_port && !arguments.graphite_port)
-    throw std::runtime_error("nothing to serve: give --influx, --graphite or both");
+    throw std::runtime_error("nothing to serve: use --influx, --graphite or both");
   DatabaseWriter writer(arguments.write.db, writer_options_of(arguments.write));
-  tell_found(writer.found());
+  report_warnings(writer.warnings());
   ServerOptions options;
   options.address = arguments.address;
   options.influx_port = arguments.influx_port;
   options.graphite_port = arguments.graphite_port;
-  options.max_connections = most_connections(options.max_connections);
+  options.max_connections = connection_limit(options.max_connections);
   Server server(options, writer);
   const StopOnSignal stop(server);
   print(ports_line(arguments, server));

@@ -1,4 +1,4 @@
-// `metricdb verify`: opens a database, which compares everything with everything, and says what was looked at.
+// `metricdb verify`: opens a database, which checks everything, and prints a summary.
 #include <fmt/format.h>
 #include <tslb/array_check.h>
 #include <tslb/array_loader.h>
@@ -12,27 +12,27 @@
 namespace metricdb {
 namespace {
 
-// The lists and chunks once more, now in the arrays as the store holds them: opening checked what was read, the journal's
-// replay what it left.
+// Checks the lists of the final arrays, and the chunks of the pools. Opening checked the lists before the store was
+// restored.
 void expect_sound(const char *name, DynArrHandle_t *array, bool is_pool) {
   char why[256];
   const int result = is_pool ? pool_check(array, why, sizeof why) : array_check(array, ARRAY_LOAD_ANY, why, sizeof why);
   if (result != 0) throw DatabaseError(fmt::format("{}: {}", name, why));
 }
 
-// Each key leads to its series and back.
+// Checks that the look-up of each key returns its series. Returns the number of keys.
 uint64_t count_keys(const Store &store) {
   uint64_t n_keys = 0;
   for (uint32_t series = 0; series < store.n_slots(); ++series) {
     if (!store.holds_series(series)) continue;
     if (store.find(store.key(series)) != series)
-      throw DatabaseError(fmt::format("series {}: its key \"{}\" does not lead to it", series, store.key(series)));
+      throw DatabaseError(fmt::format("series {}: the look-up of its key \"{}\" fails", series, store.key(series)));
     ++n_keys;
   }
   return n_keys;
 }
 
-// What a walk over all chains comes to.
+// Walks all chains. Returns the number of points.
 uint64_t count_points(const Store &store) {
   uint64_t n_points = 0;
   for (uint32_t series = 0; series < store.n_slots(); ++series) {
@@ -41,7 +41,7 @@ uint64_t count_points(const Store &store) {
     for (Point point; cursor.next(point);) {
     }
     if (cursor.n_passed() != store.record(series).n_points())
-      throw DatabaseError(fmt::format("series {}: a walk comes to {} points, its record counts {}", series,
+      throw DatabaseError(fmt::format("series {}: its chunks hold {} points, but its record counts {}", series,
                                       cursor.n_passed(), store.record(series).n_points()));
     n_points += cursor.n_passed();
   }
@@ -56,17 +56,17 @@ std::string pool_line(const char *name, dynmem_t *pool, const PoolBytes &bytes) 
 }  // namespace
 
 int verify(const VerifyArguments &arguments) {
-  const Opened opened = open_to_read(arguments.db, arguments.salvage);
+  const LoadedDatabase opened = open_to_read(arguments.db, arguments.salvage);
   const Store &store = opened.store;
   expect_sound("catalogue", store.catalogue(), false);
   expect_sound("keys", store.keys(), true);
   expect_sound("points", store.points(), true);
   const uint64_t n_keys = count_keys(store);
   const uint64_t n_points = count_points(store);
-  print(fmt::format("verified         {}: generation {}, layout {} of the catalogue; {} batches behind it\n"
+  print(fmt::format("verified         {}: generation {}, layout {} of the catalogue; {} batches in its journal\n"
                     "series           {} in {} slots, {} inactive, {} free; every key leads to its series\n"
-                    "points           {}, in chains that lead to each chunk once\n",
-                    arguments.db, opened.stored.generation, store.config().layout, opened.journal.n_batches, n_keys,
+                    "points           {}, in chains that contain each chunk once\n",
+                    arguments.db, opened.generation.number, store.config().layout, opened.n_batches(), n_keys,
                     store.n_slots(), store.n_inactive(), uint32_t{lists_of(store.catalogue())->n_free}, n_points) +
         pool_line("keys", store.keys(), store.key_bytes()) + pool_line("points", store.points(), store.point_bytes()));
   return EXIT_GOOD;

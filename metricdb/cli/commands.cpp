@@ -36,8 +36,8 @@ unsigned long long printable(uint64_t number) {
   return number;
 }
 
-bool checks_out(const Store &store, std::vector<Input> &inputs, Precision precision, int64_t now_ns) {
-  const int64_t retain_ns = store.config().retain_ns;
+bool matches_inputs(const Store &store, std::vector<Input> &inputs, Precision precision, int64_t now_ns) {
+  const int64_t retain_ns = store.config().forgetting.retain_ns;
   Check check(store, precision, now_ns, retain_ns);
   for (size_t i = 0; retain_ns != 0 && i < inputs.size(); ++i) {
     check.find_newest(inputs[i].text());
@@ -64,14 +64,14 @@ int64_t library_now_ns() {
   return static_cast<int64_t>(tslb_get_time(nullptr)) * NS_PER_S;
 }
 
-// Which series gave way follows from the policy and the moments of the sweeps, and the check knows neither.
+// Which series were replaced depends on the policy and the times of the sweeps, which the check does not know.
 void expect_checkable(const StoreConfig &config, const char *what) {
-  if (config.reuse_inactive_pct != 0)
+  if (config.forgetting.reuse_inactive_pct != 0)
     throw std::runtime_error(
-        fmt::format("{} cannot tell which series --reuse-inactive-pct gives away: use one of them", what));
+        fmt::format("{} does not know which series --reuse-inactive-pct replaces: use one of them", what));
 }
 
-// A load from its arguments to the last point; what becomes of the store then is the caller's.
+// Executes the command `load`.
 class Load {
  public:
   explicit Load(const LoadArguments &arguments)
@@ -79,8 +79,7 @@ class Load {
         precision_(precision_of(arguments.precision)),
         now_ns_(library_now_ns()),
         inputs_(arguments.files.begin(), arguments.files.end()) {
-    if (arguments.db.empty() && !arguments.store.empty())
-      throw std::runtime_error("--store says how --db keeps the arrays: give both");
+    if (arguments.db.empty() && !arguments.store.empty()) throw std::runtime_error("--store needs --db");
     if (!arguments.db.empty()) database_.emplace(arguments.db, Database::Use::create);
     prepare_store();
   }
@@ -88,14 +87,14 @@ class Load {
   int run() {
     load_inputs();
     print_summary();
-    if (database_) keep();
+    if (database_) write();
     if (arguments_.check) {
-      // What came back from the folder, not what was loaded into memory.
+      // Checks the content of the folder, not of the memory.
       if (database_) {
         store_.reset();
         store_.emplace(database_->open().store);
       }
-      if (!checks_out(*store_, inputs_, precision_, now_ns_)) return EXIT_ERROR;
+      if (!matches_inputs(*store_, inputs_, precision_, now_ns_)) return EXIT_ERROR;
     }
     return n_malformed_ == 0 ? EXIT_GOOD : EXIT_SOME_MALFORMED;
   }
@@ -108,48 +107,46 @@ class Load {
           "{}: holds a database already, and --store shm cannot attach to stored arrays: it needs a new folder",
           database_->folder()));
     if (continues && arguments_.check)
-      throw DatabaseError(fmt::format(
-          "{}: holds points of other inputs: check it with `metricdb check` and all of them", database_->folder()));
+      throw DatabaseError(
+          fmt::format("{}: holds points of other inputs: use `metricdb check` with all of them", database_->folder()));
     if (continues) {
       store_.emplace(database_->open().store);
     }
     StoreConfig config = continues ? store_->config() : StoreConfig();
-    if (arguments_.retain_s) config.retain_ns = *arguments_.retain_s * NS_PER_S;
-    if (arguments_.idle_s) config.idle_ns = *arguments_.idle_s * NS_PER_S;
-    if (arguments_.reuse_inactive_pct) config.reuse_inactive_pct = static_cast<uint8_t>(*arguments_.reuse_inactive_pct);
+    config.forgetting = arguments_.forgetting.applied_to(config.forgetting);
     if (arguments_.check) expect_checkable(config, "--check");
-    if (config.reuse_inactive_pct != 0 && config.idle_ns == 0)
+    if (config.forgetting.reuse_inactive_pct != 0 && config.forgetting.idle_ns == 0)
       throw std::runtime_error("--reuse-inactive-pct needs --idle: without it no series is inactive");
     if (continues) {
-      store_->forget_by(config.retain_ns, config.idle_ns, config.reuse_inactive_pct);
+      store_->set_forgetting(config.forgetting);
       return;
     }
     if (arguments_.store == STORE_NAMES[1]) {
       block_files_.emplace(*database_);
-      block_files_->take_block_files();
+      block_files_->set_block_file_path();
       config.mem_type = MPOOL_TYPE_SHM;
     }
     store_.emplace(config);
   }
 
   void load_inputs() {
-    Loader loader(*store_, Loader::WhenFull::stop, [this](uint64_t line, const std::string &reason) {
+    Loader loader(*store_, Loader::OnFull::stop, [this](uint64_t line, const std::string &reason) {
       const std::string message = fmt::format("{}:{}: {}; line skipped", name_, lines_before_ + line, reason);
-      complain(message);
+      print_error(message);
       TSLB_DLOG(LOG_DETAILS, "%s", message.c_str());
     });
     for (Input &input : inputs_) {
       const std::string_view text = input.text();
       const LoadStats before = loader.stats();
-      // From here on: a pipe can make us wait for as long as it likes.
+      // Measured from here on, because reading a pipe can wait.
       const Clock::time_point begin = Clock::now();
       name_ = input.name();
       load_text(loader, text);
-      const Clock::duration taken = Clock::now() - begin;
-      busy_ += taken;
+      const Clock::duration duration = Clock::now() - begin;
+      busy_ += duration;
       TSLB_DLOG(LOG_PROGRESS, "%s: %llu lines, %llu points, %llu malformed lines, %.3f s", input.name().c_str(),
                 printable(loader.stats().lines - before.lines), printable(loader.stats().points - before.points),
-                printable(loader.stats().malformed - before.malformed), seconds_of(taken));
+                printable(loader.stats().malformed - before.malformed), seconds_of(duration));
       input.release(arguments_.check);
     }
     const Clock::time_point begin = Clock::now();
@@ -159,23 +156,23 @@ class Load {
     n_malformed_ = stats_.malformed;
   }
 
-  // In pieces of whole lines, to tell how far it is.
+  // Loads pieces of whole lines, to show progress.
   void load_text(Loader &loader, std::string_view text) {
     constexpr size_t PIECE_BYTES = 1 << 20;
     Progress progress(text.size(), "points");
     const LoadStats before = loader.stats();
     for (size_t at = 0; at < text.size();) {
       const size_t feed = text.find('\n', std::min(at + PIECE_BYTES, text.size()));
-      const size_t behind = feed == text.npos ? text.size() : feed + 1;
+      const size_t piece_end = feed == text.npos ? text.size() : feed + 1;
       lines_before_ = loader.stats().lines - before.lines;
       try {
-        loader.load(text.substr(at, behind - at), precision_, now_ns_);
+        loader.load(text.substr(at, piece_end - at), precision_, now_ns_);
       } catch (const LoadStopped &stopped) {
         throw StoreFull(
             fmt::format("{}:{}: {}; loading stopped", name_, lines_before_ + stopped.line(), stopped.what()));
       }
-      at = behind;
-      progress.tell(at, loader.stats().points - before.points);
+      at = piece_end;
+      progress.update(at, loader.stats().points - before.points);
     }
   }
 
@@ -184,40 +181,39 @@ class Load {
     if (!arguments_.series_pattern.empty()) print(series_table(*store_, arguments_.series_pattern));
   }
 
-  void keep();
+  void write();
 
   const LoadArguments &arguments_;
   const Precision precision_;
-  // One reading for the whole load: a second pass over the same text must come to the same points.
+  // read once, because the check must use the same time
   const int64_t now_ns_;
   std::vector<Input> inputs_;
   std::optional<Database> database_;
   std::optional<NewGeneration> block_files_;
-  std::optional<Store> store_;  // behind what its block files lie in
+  std::optional<Store> store_;  // destroyed before the folder of its block files
   LoadStats stats_;
   Sweep last_sweep_;
   Clock::duration busy_{};
   uint64_t n_malformed_ = 0;
-  std::string name_;           // of the input at hand
-  uint64_t lines_before_ = 0;  // of the piece at hand in it
+  std::string name_;           // of the current input
+  uint64_t lines_before_ = 0;  // of the current piece in it
 };
 
-// Writes a generation and says so.
+// Writes a generation and prints a line about it.
 template <class Write>
-void write_generation(const Database &database, Write write) {
+void write_generation(const Database &database, Write write_files) {
   const Clock::time_point begin = Clock::now();
-  const Stored stored = write();
+  const GenerationInfo stored = write_files();
   const double seconds = seconds_of(Clock::now() - begin);
-  const double mega_bytes = static_cast<double>(stored.bytes()) / 1e6;
+  const double megabytes = static_cast<double>(stored.bytes()) / 1e6;
   TSLB_DLOG(LOG_PROGRESS, "%s: generation %llu written, store %s, %llu bytes, %.3f s", database.folder().c_str(),
-            printable(stored.generation), STORE_NAMES[static_cast<int>(stored.kind)], printable(stored.bytes()),
-            seconds);
+            printable(stored.number), STORE_NAMES[static_cast<int>(stored.kind)], printable(stored.bytes()), seconds);
   print(fmt::format("kept in          {}: generation {}, store {}, {} bytes, {:.3f} s ({:.0f} MB/s)\n",
-                    database.folder(), stored.generation, STORE_NAMES[static_cast<int>(stored.kind)], stored.bytes(),
-                    seconds, seconds > 0.0 ? mega_bytes / seconds : 0.0));
+                    database.folder(), stored.number, STORE_NAMES[static_cast<int>(stored.kind)], stored.bytes(),
+                    seconds, seconds > 0.0 ? megabytes / seconds : 0.0));
 }
 
-void Load::keep() {
+void Load::write() {
   write_generation(*database_, [this] {
     return block_files_ ? block_files_->seal_block_files(*store_) : NewGeneration(*database_).write_streams(*store_);
   });
@@ -235,10 +231,10 @@ int load(const LoadArguments &arguments) {
 }
 
 int check(const CheckArguments &arguments) {
-  const Opened opened = Database(arguments.db, Database::Use::read).open();
+  const LoadedDatabase opened = Database(arguments.db, Database::Use::read).open();
   expect_checkable(opened.store.config(), "check");
   std::vector<Input> inputs(arguments.files.begin(), arguments.files.end());
-  const bool is_same = checks_out(opened.store, inputs, precision_of(arguments.precision), library_now_ns());
+  const bool is_same = matches_inputs(opened.store, inputs, precision_of(arguments.precision), library_now_ns());
   return is_same ? EXIT_GOOD : EXIT_ERROR;
 }
 
@@ -247,17 +243,17 @@ int snapshot(const SnapshotArguments &arguments) {
   OpenOptions options;
   options.salvage = arguments.salvage;
   if (arguments.layout) options.layout = static_cast<uint8_t>(*arguments.layout);
-  const Opened opened = database.open(options);
-  tell_found(opened.found());
+  const LoadedDatabase opened = database.open(options);
+  report_warnings(opened.warnings());
   write_generation(database, [&] { return NewGeneration(database).write_streams(opened.store); });
   return EXIT_GOOD;
 }
 
 int stat(const VerifyArguments &arguments) {
   const Clock::time_point begin = Clock::now();
-  const Opened opened = open_to_read(arguments.db, arguments.salvage);
+  const LoadedDatabase opened = open_to_read(arguments.db, arguments.salvage);
   const double seconds = seconds_of(Clock::now() - begin);
-  print(database_summary(arguments.db, opened.store, opened.stored, seconds));
+  print(database_summary(arguments.db, opened.store, opened.generation, seconds));
   return EXIT_GOOD;
 }
 
@@ -277,14 +273,14 @@ int record(const RecordArguments &arguments) {
   const int64_t n_samples = std::max<int64_t>(1, int64_t{arguments.seconds} * 1000 / arguments.interval_ms);
   TSLB_DLOG(LOG_PROGRESS, "recording: %lld samples, one each %d ms", static_cast<long long>(n_samples),
             arguments.interval_ms);
-  // Against a fixed start, so that the time a sample takes does not add up.
+  // Relative to a fixed start, so that the duration of the samples does not accumulate.
   auto due = Clock::now();
   for (int64_t i = 0; i < n_samples; ++i) {
     std::this_thread::sleep_until(due);
     due += std::chrono::milliseconds(arguments.interval_ms);
     std::string text;
     sampler.sample(wall_clock_ns(), text);
-    // Flushed at once: whoever reads along, or stops the recording, has whole samples.
+    // Flushed after each sample, so that readers get complete samples.
     if (std::fwrite(text.data(), 1, text.size(), out) != text.size() || std::fflush(out) != 0) fail_output(name);
   }
   return EXIT_GOOD;

@@ -1,13 +1,15 @@
-// What the program does, command by command; main.cpp reads the command line for it.
+// The commands of the program. main.cpp parses their arguments.
 //
-// Each returns the program's exit code, prints to standard output, and throws what makes the program end with
-// EXIT_ERROR: then no database was changed, but by what `ingest` and `serve` had acknowledged before.
+// Each command prints to standard output and returns the exit code. An exception ends the program with EXIT_ERROR. Then
+// no database was changed, except by batches that `ingest` and `serve` had acknowledged.
 #pragma once
 
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "store/forgetting.h"
 
 namespace metricdb {
 
@@ -22,10 +24,8 @@ struct LoadArguments {
   std::string precision = "ns";
   std::string series_pattern;
   bool check = false;
-  std::optional<int64_t> retain_s;  // these three: as the database has it, or off
-  std::optional<int64_t> idle_s;
-  std::optional<int> reuse_inactive_pct;
-  std::string db;     // empty: the arrays are gone with the process
+  ForgettingChange forgetting;
+  std::string db;     // empty: the arrays exist in this process only
   std::string store;  // empty, `snapshot` or `shm`
 };
 
@@ -45,8 +45,8 @@ struct QueryArguments {
   std::string db;
   bool salvage = false;
   std::string key;
-  std::string from, to;  // as time_text.h reads them; empty: no limit
-  std::string every;     // likewise; empty: the points themselves
+  std::string from, to;  // texts for time_text.h; empty: no limit
+  std::string every;     // text for time_text.h; empty: the points themselves
   std::string fn = "mean";
   std::string format = "table";
 };
@@ -58,16 +58,14 @@ struct RecordArguments {
   std::string host = "local";
 };
 
-// Of a database that is written to while it is open: what `ingest` and `serve` have in common.
+// The common arguments of `ingest` and `serve`.
 struct WriteArguments {
   std::string db;
   std::string sync = "batch";
-  uint64_t snapshot_mb = 256;  // 0: no snapshot but those asked for
+  uint64_t snapshot_mb = 256;  // 0: snapshots only on request
   bool salvage = false;
   std::optional<int> layout;
-  std::optional<int64_t> retain_s;  // these three: as the database has it, or off
-  std::optional<int64_t> idle_s;
-  std::optional<int> reuse_inactive_pct;
+  ForgettingChange forgetting;
 };
 
 struct IngestArguments {
@@ -81,7 +79,7 @@ struct IngestArguments {
 struct ServeArguments {
   WriteArguments write;
   std::string address = "127.0.0.1";
-  std::optional<int> influx_port;  // 0: any that is free
+  std::optional<int> influx_port;  // 0: any free port
   std::optional<int> graphite_port;
 };
 
@@ -91,7 +89,7 @@ struct SnapshotArguments {
   std::optional<int> layout;
 };
 
-struct VerifyArguments {  // of `stat` too
+struct VerifyArguments {  // also for `stat`
   std::string db;
   bool salvage = false;
 };

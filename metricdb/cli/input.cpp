@@ -46,7 +46,7 @@ std::string_view Input::text() {
   constexpr size_t SMALLEST_READ = 1 << 16;
   std::string text;
   size_t used = 0;
-  // One byte more than the file has, so that its end shows without another round of growth.
+  // One byte more than the size, so that the end is detected without growth.
   text.resize(S_ISREG(status.st_mode) ? static_cast<size_t>(status.st_size) + 1 : SMALLEST_READ);
   for (;;) {
     if (used == text.size()) text.resize(text.size() * 2);

@@ -1,4 +1,4 @@
-// An input of the load: a file, or standard input named `-`.
+// An input of `load`: a file, or `-` for standard input.
 #pragma once
 
 #include <optional>
@@ -17,13 +17,13 @@ class Input {
  public:
   explicit Input(std::string path);
 
-  // As messages call it: the path, or `stdin`.
+  // The name for messages: the path, or `stdin`.
   const std::string &name() const { return name_; }
 
-  // The whole content, read now unless it is still held. Throws InputError.
+  // Returns the whole content; reads it unless it is in memory. Throws InputError.
   std::string_view text();
 
-  // Lets go of the content. What will be needed again stays if it cannot be read twice: a pipe's.
+  // Frees the content. The content of a pipe, which cannot be read twice, stays if it is needed again.
   void release(bool needed_again);
 
  private:

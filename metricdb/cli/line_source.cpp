@@ -15,7 +15,7 @@ namespace metricdb {
 namespace {
 
 constexpr size_t READ_BYTES = 256 << 10;
-constexpr size_t MOST_TEXT_BYTES = 8 << 20;
+constexpr size_t MAX_TEXT_BYTES = 8 << 20;
 
 [[noreturn]] void fail(const std::string &name) {
   const int error = errno;
@@ -54,27 +54,27 @@ bool LineSource::read_more() {
   return !at_end_;
 }
 
-// Moves the end of the text behind the next line. False if that is not whole yet, or was too long and is gone.
-bool LineSource::take_line() {
+// Moves `end_` after the next line. Returns false if the line is incomplete, or was too long and was removed.
+bool LineSource::find_line() {
   const size_t feed = buffer_.find('\n', end_);
   const bool is_whole = feed != buffer_.npos || (at_end_ && end_ < buffer_.size());
-  const size_t behind = feed != buffer_.npos ? feed + 1 : buffer_.size();
-  const bool is_too_long = behind - end_ > LONGEST_LINE + 1;
+  const size_t line_end = feed != buffer_.npos ? feed + 1 : buffer_.size();
+  const bool is_too_long = line_end - end_ > MAX_LINE_BYTES + 1;
   if (is_too_long && !skips_) ++n_too_long_;
   if (is_too_long || skips_) {
-    buffer_.erase(end_, behind - end_);
+    buffer_.erase(end_, line_end - end_);
     skips_ = !is_whole;
     return false;
   }
-  if (is_whole) end_ = behind;
+  if (is_whole) end_ = line_end;
   return is_whole;
 }
 
-std::string_view LineSource::next(uint64_t most_lines) {
+std::string_view LineSource::next(uint64_t max_lines) {
   buffer_.erase(0, end_);
   end_ = 0;
-  for (uint64_t n_lines = 0; n_lines < most_lines && end_ < MOST_TEXT_BYTES;) {
-    if (take_line()) {
+  for (uint64_t n_lines = 0; n_lines < max_lines && end_ < MAX_TEXT_BYTES;) {
+    if (find_line()) {
       ++n_lines;
       continue;
     }

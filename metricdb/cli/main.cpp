@@ -1,5 +1,5 @@
-// metricdb: loads line protocol into tslb's arrays, keeps them in a folder, checks and shows what they hold, and
-// records this machine's counters as line protocol. Here: the command line.
+// metricdb: the command line. The program loads line protocol into tslb's arrays, stores them in a folder, checks and
+// shows their content, and records counters of this machine.
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <signal.h>
@@ -17,8 +17,8 @@
 namespace metricdb {
 namespace {
 
-constexpr int64_t LONGEST_S = INT64_MAX / NS_PER_S;
-constexpr size_t LONGEST_LOG_NAME = 1000;  // the log adds process and version, and has room for 1,023 bytes
+constexpr int64_t MAX_SECONDS = INT64_MAX / NS_PER_S;
+constexpr size_t MAX_LOG_NAME_BYTES = 1000;  // the log adds process and version, and has room for 1,023 bytes
 constexpr int LOG_FILE_MIB = 10;
 
 struct LogArguments {
@@ -30,19 +30,19 @@ const char *const LOAD_FOOTER =
     "Numbers and booleans become points; quoted strings are counted and skipped. A malformed line\n"
     "is reported on stderr and skipped as a whole.\n"
     "\n"
-    "Forgetting goes by data time, which is the newest timestamp so far: one far ahead of the others\n"
-    "makes them all old. With --check, what is retained is compared with what should be.\n"
+    "Limits in time refer to data time, which is the newest timestamp so far. A timestamp in the far\n"
+    "future makes all other points old. With --check, the retained points are compared with the inputs.\n"
     "\n"
-    "With --db the load goes on from what DIR holds, and DIR holds the result when all was loaded:\n"
-    "until then, and if the load fails, it is as it was. --retain, --idle and --reuse-inactive-pct\n"
-    "are kept there; given again, they replace what is kept from then on.\n"
-    "  --store snapshot  the arrays live in process memory, and are written when all is loaded.\n"
-    "  --store shm       the arrays live in files of DIR, block by block. Needs a new DIR: such arrays\n"
-    "                    cannot be attached to again. A later load reads them into process memory,\n"
-    "                    goes on from there and writes a snapshot in their place.\n"
-    "--check then reads DIR back and compares that. It needs a new DIR; otherwise see `metricdb check`.\n"
+    "With --db the points are added to those in DIR. DIR is changed when everything was loaded; if the\n"
+    "load fails, it stays as it was. --retain, --idle and --reuse-inactive-pct are stored in DIR; new\n"
+    "values replace the stored ones.\n"
+    "  --store snapshot  the arrays are in process memory, and are written when everything is loaded.\n"
+    "  --store shm       the arrays are in files of DIR, block by block. This needs a new DIR, because\n"
+    "                    existing block files cannot be attached. A later load reads them into process\n"
+    "                    memory and replaces them by a snapshot.\n"
+    "--check then reads DIR and compares that. It needs a new DIR; otherwise see `metricdb check`.\n"
     "\n"
-    "Exit: 0 all was loaded\n"
+    "Exit: 0 everything was loaded\n"
     "      1 an input or DIR cannot be read, DIR cannot be written, the store is full, the check found\n"
     "        a difference, or the arguments are wrong\n"
     "      2 some lines were malformed, and the rest was loaded";
@@ -58,178 +58,185 @@ void add_db(CLI::App *command, std::string &db, const char *what) {
   command->add_option("--db", db, what)->required()->type_name("DIR");
 }
 
-void add_forgetting(CLI::App *command, std::optional<int64_t> &retain_s, std::optional<int64_t> &idle_s,
-                    std::optional<int> &reuse_inactive_pct) {
-  command->add_option("--retain", retain_s, "forget points that are more than this behind the newest of all series")
-      ->check(CLI::Range(int64_t{1}, LONGEST_S).description(""))
-      ->type_name("SECONDS");
-  command->add_option("--idle", idle_s, "make a series inactive that was not written for so long; it keeps its points")
-      ->check(CLI::Range(int64_t{1}, LONGEST_S).description(""))
-      ->type_name("SECONDS");
+void add_forgetting(CLI::App *command, ForgettingChange &change) {
+  const auto add_seconds = [command](const char *name, std::optional<int64_t> &ns, const char *what) {
+    command
+        ->add_option_function<int64_t>(
+            name, [&ns](int64_t seconds) { ns = seconds * NS_PER_S; }, what)
+        ->check(CLI::Range(int64_t{1}, MAX_SECONDS).description(""))
+        ->type_name("SECONDS");
+  };
+  add_seconds("--retain", change.retain_ns,
+              "forget points that are this much older than the newest point of all series");
+  add_seconds("--idle", change.idle_ns,
+              "make a series inactive if it was not written for this long; it keeps its points");
+  const auto set_percent = [&change](int percent) { change.reuse_inactive_pct = static_cast<uint8_t>(percent); };
   command
-      ->add_option("--reuse-inactive-pct", reuse_inactive_pct,
-                   "once so many percent of the slots are inactive, new series replace those\n"
-                   "inactive for longest; needs --idle")
+      ->add_option_function<int>("--reuse-inactive-pct", set_percent,
+                                 "when this percentage of the slots is inactive, new series replace the series\n"
+                                 "that have been inactive longest; needs --idle")
       ->check(CLI::Range(1, 100).description(""))
       ->type_name("PERCENT");
 }
 
 CLI::App *add_load(CLI::App &app, LoadArguments &arguments) {
-  CLI::App *const command = app.add_subcommand("load", "load line protocol and say what came of it");
+  CLI::App *const command = app.add_subcommand("load", "load line protocol and print a summary");
   command->add_option("FILE", arguments.files, "files of line protocol; - is standard input")
       ->required()
       ->type_name("");
   add_precision(command, arguments.precision);
-  command->add_option("--db", arguments.db, "keep what was loaded in this folder, beside what it holds")
-      ->type_name("DIR");
-  command->add_option("--store", arguments.store, "how --db keeps it: snapshot (the default) or shm")
+  command->add_option("--db", arguments.db, "add the points to the database in this folder")->type_name("DIR");
+  command->add_option("--store", arguments.store, "how --db stores the arrays: snapshot (the default) or shm")
       ->check(CLI::IsMember({"snapshot", "shm"}).description(""))
       ->type_name("KIND");
   command
       ->add_option("--series", arguments.series_pattern,
-                   "show the series whose keys match this pattern, as in 'cpu,*core=0* user'")
+                   "print the series whose keys match this pattern, for example 'cpu,*core=0* user'")
       ->type_name("PATTERN");
   command->add_flag("--check", arguments.check,
                     "read the inputs again and compare every point with the arrays;\n"
-                    "goes with no --reuse-inactive-pct");
-  add_forgetting(command, arguments.retain_s, arguments.idle_s, arguments.reuse_inactive_pct);
+                    "not possible with --reuse-inactive-pct");
+  add_forgetting(command, arguments.forgetting);
   command->footer(LOAD_FOOTER);
   return command;
 }
 
 CLI::App *add_check(CLI::App &app, CheckArguments &arguments) {
-  CLI::App *const command = app.add_subcommand("check", "compare a database with all that was loaded into it");
-  add_db(command, arguments.db, "the database's folder");
-  command->add_option("FILE", arguments.files, "the files that were loaded, all of them, in their order")
+  CLI::App *const command = app.add_subcommand("check", "compare a database with the inputs of all its loads");
+  add_db(command, arguments.db, "the folder of the database");
+  command->add_option("FILE", arguments.files, "all loaded files, in the order of the loads")
       ->required()
       ->type_name("");
   add_precision(command, arguments.precision);
   command->footer(
-      "Points without a timestamp got the time of their load, which is not known here: they differ.\n"
+      "Points without a timestamp have the time of their load, which is not known here, so they differ.\n"
       "\n"
-      "Exit: 0 every point is there and no other; 1 there are differences, or something cannot be read.");
+      "Exit: 0 there are no differences; 1 there are differences, or a file cannot be read.");
   return command;
 }
 
 void add_layout(CLI::App *command, std::optional<int> &layout) {
   command
       ->add_option("--layout", layout,
-                   "layout of the catalogue, 1 or 0: a database of layout 1 is taken down to 0 for good,\n"
-                   "for programs that know no other")
+                   "layout of the catalogue, 1 or 0; 0 converts a database of layout 1 permanently,\n"
+                   "for programs that support layout 0 only")
       ->check(CLI::Range(int{OLDEST_LAYOUT}, int{NEWEST_LAYOUT}).description(""))
       ->type_name("N");
 }
 
 void add_salvage(CLI::App *command, bool &salvage) {
-  command->add_flag("--salvage", salvage, "of a damaged journal take what lies ahead of the damage");
+  command->add_flag("--salvage", salvage, "read a damaged journal up to the damage");
 }
 
 CLI::App *add_snapshot(CLI::App &app, SnapshotArguments &arguments) {
-  CLI::App *const command = app.add_subcommand("snapshot", "write a database anew, as snapshot streams");
-  add_db(command, arguments.db, "the database's folder, of either store");
+  CLI::App *const command = app.add_subcommand("snapshot", "write a new generation of a database, as snapshot streams");
+  add_db(command, arguments.db, "the folder of the database, of either store");
   add_layout(command, arguments.layout);
   add_salvage(command, arguments.salvage);
-  command->footer("Exit: 0 it was written; 1 it could not be, or the database is damaged: DIR is as it was.");
+  command->footer("Exit: 0 it was written; 1 it was not written, or the database is damaged; DIR stays as it was.");
   return command;
 }
 
 CLI::App *add_verify(CLI::App &app, VerifyArguments &arguments) {
-  CLI::App *const command = app.add_subcommand("verify", "audit a database: lists, pools, keys, chains, journal");
-  add_db(command, arguments.db, "the database's folder");
+  CLI::App *const command = app.add_subcommand("verify", "check a database: lists, pools, keys, chains, journal");
+  add_db(command, arguments.db, "the folder of the database");
   add_salvage(command, arguments.salvage);
-  command->footer("Exit: 0 all is sound; 1 it is damaged, and the message says where, or it cannot be read.");
+  command->footer("Exit: 0 no fault was found; 1 it is damaged or cannot be read, and the message names the place.");
   return command;
 }
 
 const char *const INGEST_FOOTER =
-    "Each batch of lines is durable before the next but a few is taken: it is in a journal, which a\n"
-    "restart replays. A batch that cannot be written is refused as a whole, and ends the command;\n"
-    "what was durable before stays. One process at a time writes to DIR.\n"
+    "Each batch of lines is written to a journal, which is replayed when DIR is opened. A few batches can\n"
+    "be waiting for the disk. A batch that cannot be written is refused as a whole, and the command\n"
+    "ends; earlier batches stay durable. One process at a time can write to DIR.\n"
     "  --sync always  one sync of the disk for each batch\n"
-    "  --sync batch   batches that wait together share one\n"
-    "  --sync none    a batch outlives this process, but not a crash of the machine\n"
+    "  --sync batch   one sync for all waiting batches\n"
+    "  --sync none    no sync: a crash of the machine can lose batches\n"
     "\n"
-    "Exit: 0 all is durable\n"
+    "Exit: 0 all points are durable\n"
     "      1 an input or DIR cannot be read, a batch was refused, or the arguments are wrong\n"
     "      2 some lines were malformed, and the rest is durable";
 
-// What `ingest` and `serve` have in common.
+// The common options of `ingest` and `serve`.
 void add_write(CLI::App *command, WriteArguments &arguments) {
-  add_db(command, arguments.db, "the database's folder, made if there is none");
+  add_db(command, arguments.db, "the folder of the database, created if missing");
   command->add_option("--sync", arguments.sync, "when the disk is synced: always, batch or none")
       ->check(CLI::IsMember({"always", "batch", "none"}).description(""))
       ->capture_default_str()
       ->type_name("HOW");
   command
       ->add_option("--snapshot-mb", arguments.snapshot_mb,
-                   "write a snapshot each time the journal has grown by so much; 0: never")
+                   "write a snapshot each time the journal has grown by this size; 0: never")
       ->check(CLI::Range(0, 1 << 20).description(""))
       ->capture_default_str()
       ->type_name("MIB");
-  add_forgetting(command, arguments.retain_s, arguments.idle_s, arguments.reuse_inactive_pct);
+  add_forgetting(command, arguments.forgetting);
   add_layout(command, arguments.layout);
   add_salvage(command, arguments.salvage);
 }
 
 CLI::App *add_ingest(CLI::App &app, IngestArguments &arguments) {
-  CLI::App *const command = app.add_subcommand("ingest", "take line protocol into a database, durable batch by batch");
+  CLI::App *const command = app.add_subcommand("ingest", "write line protocol to a database in durable batches");
   command->add_option("FILE", arguments.files, "files or pipes of line protocol; - is standard input")
       ->required()
       ->type_name("");
   add_precision(command, arguments.precision);
   add_write(command, arguments.write);
-  command->add_option("--batch-lines", arguments.batch_lines, "lines of a batch, at most")
+  command->add_option("--batch-lines", arguments.batch_lines, "maximum number of lines in a batch")
       ->check(CLI::Range(1, 10'000'000).description(""))
       ->capture_default_str()
       ->type_name("N");
-  command->add_flag("--acks", arguments.acks, "print `durable N` whenever N lines are");
+  command->add_flag("--acks", arguments.acks, "print `durable N` when N lines are durable");
   command->footer(INGEST_FOOTER);
   return command;
 }
 
 const char *const SERVE_FOOTER =
-    "Influx: the HTTP interface of InfluxDB 1.x. POST /write answers 204 when all of the request is\n"
-    "durable, 400 with the first reason when some lines were malformed and the rest is, 503 or 507 when\n"
-    "nothing of it is; /ping and what agents ask of /query at their start are answered as well.\n"
-    "Graphite: the plaintext protocol, `path[;tag=value] value seconds`, which answers nothing.\n"
-    "Forgetting goes by data time, which is the newest timestamp so far: one far ahead of the others\n"
-    "makes them all old.\n"
-    "SIGTERM and SIGINT: what has arrived is taken, made durable and answered, then the command ends.\n"
+    "Influx: the HTTP interface of InfluxDB 1.x. POST /write answers 204 when all points are durable,\n"
+    "400 with the first reason when some lines were malformed and the rest is durable, 503 or 507 when\n"
+    "no point was stored. /ping and the initial requests of agents to /query are answered too.\n"
+    "Graphite: the plaintext protocol, `path[;tag=value] value seconds`, which has no answers.\n"
+    "Limits in time refer to data time, which is the newest timestamp so far. A timestamp in the far\n"
+    "future makes all other points old.\n"
+    "SIGTERM and SIGINT: requests that have arrived are processed and answered, then the command ends.\n"
     "\n"
-    "Exit: 0 it was told to end; 1 a port is taken, DIR cannot be used, or the disk failed.";
+    "Exit: 0 after a signal; 1 a port is in use, DIR cannot be used, or the disk failed.";
 
 CLI::App *add_serve(CLI::App &app, ServeArguments &arguments) {
-  CLI::App *const command = app.add_subcommand("serve", "take points from agents over TCP");
+  CLI::App *const command = app.add_subcommand("serve", "receive points from agents over TCP");
   add_write(command, arguments.write);
   const auto add_port = [command](const char *name, std::optional<int> &port, const char *what) {
     command->add_option(name, port, what)->check(CLI::Range(0, 65'535).description(""))->type_name("PORT");
   };
-  add_port("--influx", arguments.influx_port, "port of the InfluxDB interface; 0: any that is free");
-  add_port("--graphite", arguments.graphite_port, "port of Graphite's plaintext protocol; 0: any that is free");
-  command->add_option("--address", arguments.address, "address to listen at")->capture_default_str()->type_name("IP");
+  add_port("--influx", arguments.influx_port, "port of the InfluxDB interface; 0: any free port");
+  add_port("--graphite", arguments.graphite_port, "port of Graphite's plaintext protocol; 0: any free port");
+  command->add_option("--address", arguments.address, "address to listen on")->capture_default_str()->type_name("IP");
   command->footer(SERVE_FOOTER);
   return command;
 }
 
 CLI::App *add_stat(CLI::App &app, VerifyArguments &arguments) {
-  CLI::App *const command = app.add_subcommand("stat", "say what a database holds, array by array");
-  add_db(command, arguments.db, "the database's folder");
+  CLI::App *const command = app.add_subcommand("stat", "print the content and sizes of a database");
+  add_db(command, arguments.db, "the folder of the database");
   add_salvage(command, arguments.salvage);
   command->footer("Exit: 0; 1 the database is damaged or cannot be read.");
   return command;
 }
 
 CLI::App *add_query(CLI::App &app, QueryArguments &arguments) {
-  CLI::App *const command = app.add_subcommand("query", "show the points of a series, or a figure for each window");
-  add_db(command, arguments.db, "the database's folder");
-  command->add_option("KEY", arguments.key, "the series, as `series` shows it: 'cpu,core=0,host=a usage'")
+  CLI::App *const command =
+      app.add_subcommand("query", "print the points of a series, or a function of them per window");
+  add_db(command, arguments.db, "the folder of the database");
+  command->add_option("KEY", arguments.key, "key of the series, as printed by `series`: 'cpu,core=0,host=a usage'")
       ->required()
       ->type_name("");
-  command->add_option("--from", arguments.from, "from this time on; see below")->type_name("TIME");
-  command->add_option("--to", arguments.to, "up to this time, which does not count any more")->type_name("TIME");
-  command->add_option("--every", arguments.every, "length of the windows, as in 1m; without: the points themselves")
+  command->add_option("--from", arguments.from, "first time; see below")->type_name("TIME");
+  command->add_option("--to", arguments.to, "end of the range, exclusive")->type_name("TIME");
+  command
+      ->add_option("--every", arguments.every,
+                   "length of the windows, for example 1m; without it the points are printed")
       ->type_name("DURATION");
-  command->add_option("--fn", arguments.fn, "of the points in a window: mean, max, min, sum, count or last")
+  command->add_option("--fn", arguments.fn, "function of the points in a window: mean, max, min, sum, count or last")
       ->check(CLI::IsMember({"mean", "max", "min", "sum", "count", "last"}).description(""))
       ->capture_default_str()
       ->type_name("FN");
@@ -240,7 +247,7 @@ CLI::App *add_query(CLI::App &app, QueryArguments &arguments) {
   add_salvage(command, arguments.salvage);
   command->footer(
       "TIME is 2026-01-02T03:04:05.678Z, 2026-01-02, now, now-15m, or nanoseconds since 1970.\n"
-      "DURATION is 250ms, 10s, 1m, 2h, 1d, 1w, or a sum of them as in 1h30m.\n"
+      "DURATION is 250ms, 10s, 1m, 2h, 1d, 1w, or a sum of them, for example 1h30m.\n"
       "\n"
       "Exit: 0; 1 there is no such series, the database is damaged or cannot be read, or the\n"
       "arguments are wrong.");
@@ -249,8 +256,8 @@ CLI::App *add_query(CLI::App &app, QueryArguments &arguments) {
 
 CLI::App *add_of_series(CLI::App &app, SeriesArguments &arguments, const char *name, const char *what) {
   CLI::App *const command = app.add_subcommand(name, what);
-  add_db(command, arguments.db, "the database's folder");
-  command->add_option("PATTERN", arguments.pattern, "only series whose keys match, as in 'cpu,*core=0* user'")
+  add_db(command, arguments.db, "the folder of the database");
+  command->add_option("PATTERN", arguments.pattern, "only series whose keys match, for example 'cpu,*core=0* user'")
       ->type_name("");
   add_salvage(command, arguments.salvage);
   command->footer("Exit: 0; 1 the database is damaged or cannot be read.");
@@ -259,7 +266,7 @@ CLI::App *add_of_series(CLI::App &app, SeriesArguments &arguments, const char *n
 
 CLI::App *add_record(CLI::App &app, RecordArguments &arguments) {
   CLI::App *const command = app.add_subcommand("record", "sample this machine's counters as line protocol");
-  command->add_option("--seconds", arguments.seconds, "how long")->required()->check(CLI::Range(1, 10'000'000));
+  command->add_option("--seconds", arguments.seconds, "duration")->required()->check(CLI::Range(1, 10'000'000));
   command->add_option("--interval-ms", arguments.interval_ms, "milliseconds from one sample to the next")
       ->check(CLI::Range(1, 86'400'000))
       ->capture_default_str();
@@ -267,8 +274,8 @@ CLI::App *add_record(CLI::App &app, RecordArguments &arguments) {
   command->add_option("--host", arguments.host, "value of the tag host")
       ->check([](const std::string &host) {
         for (const unsigned char byte : host)
-          if (byte < ' ' || byte == 0x7f) return "a host has no control characters";
-        return host.empty() || host.back() == '\\' ? "a host is not empty and ends with no backslash" : "";
+          if (byte < ' ' || byte == 0x7f) return "a host name contains no control characters";
+        return host.empty() || host.back() == '\\' ? "a host name is not empty and does not end with a backslash" : "";
       })
       ->capture_default_str();
   command->footer("Exit: 0 all was recorded; 1 the output cannot be written or the arguments are wrong.");
@@ -276,13 +283,13 @@ CLI::App *add_record(CLI::App &app, RecordArguments &arguments) {
 }
 
 void add_log(CLI::App &app, LogArguments &arguments) {
-  app.add_option("--log", arguments.base, "write a log; process id and a number are added to the name")
+  app.add_option("--log", arguments.base, "write a log; its name gets the process id and a number")
       ->check([](const std::string &base) {
-        return base.empty() || base.size() > LONGEST_LOG_NAME ? "the name of a log has 1 to 1,000 bytes" : "";
+        return base.empty() || base.size() > MAX_LOG_NAME_BYTES ? "the name of a log has 1 to 1,000 bytes" : "";
       })
       ->type_name("FILE");
   app.add_option("--log-level", arguments.level,
-                 "what goes into the log: 1 refusals, 2 progress too, 3 sweeps, arrays and malformed lines too")
+                 "level of the log: 1 refusals, 2 also progress, 3 also sweeps, arrays and malformed lines")
       ->check(CLI::Range(1, 3).description(""))
       ->capture_default_str()
       ->type_name("N");
@@ -295,7 +302,7 @@ void start_log(const LogArguments &arguments, const char *command) {
   TSLB_DLOG(LOG_PROGRESS, "start: %s", command);
 }
 
-// A file that is opened under the number of a standard stream would get what is printed there.
+// Without this, a file could get the number of a closed standard stream, and printed text would be written to it.
 void hold_standard_streams() {
   for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
     if (fcntl(fd, F_GETFD) < 0) open("/dev/null", O_RDWR);  // the lowest number that is free
@@ -329,7 +336,7 @@ int main(int argc, char **argv) {
   const CLI::App *const is_snapshot = add_snapshot(app, snapshot_arguments);
   const CLI::App *const is_verify = add_verify(app, verify_arguments);
   const CLI::App *const is_stat = add_stat(app, stat_arguments);
-  const CLI::App *const is_series = add_of_series(app, series_arguments, "series", "show the series of a database");
+  const CLI::App *const is_series = add_of_series(app, series_arguments, "series", "print the series of a database");
   const CLI::App *const is_query = add_query(app, query_arguments);
   const CLI::App *const is_export =
       add_of_series(app, export_arguments, "export", "write the points of a database as line protocol");
@@ -339,7 +346,7 @@ int main(int argc, char **argv) {
   } catch (const CLI::ParseError &error) {
     return app.exit(error) == 0 ? EXIT_GOOD : EXIT_ERROR;
   }
-  signal(SIGXFSZ, SIG_IGN);  // a limit on file sizes is an error like a full disk
+  signal(SIGXFSZ, SIG_IGN);  // so that exceeding a limit on file sizes is an error, like a full disk
   try {
     start_log(log, app.get_subcommands().front()->get_name().c_str());
     if (*is_load) return load(load_arguments);
@@ -355,7 +362,7 @@ int main(int argc, char **argv) {
     return record(record_arguments);
   } catch (const std::exception &error) {
     TSLB_DLOG(LOG_REFUSALS, "refused: %s", error.what());
-    complain(fmt::format("metricdb: {}", error.what()));
+    print_error(fmt::format("metricdb: {}", error.what()));
     return EXIT_ERROR;
   }
 }

@@ -12,7 +12,7 @@
 namespace metricdb {
 namespace {
 
-constexpr std::chrono::milliseconds BETWEEN_LINES{250};
+constexpr std::chrono::milliseconds UPDATE_INTERVAL{250};
 
 }  // namespace
 
@@ -21,7 +21,7 @@ void fail_output(const std::string &name) {
   throw std::runtime_error(fmt::format("{}: cannot be written: {}", name, std::strerror(error)));
 }
 
-void complain(const std::string &line) {
+void print_error(const std::string &line) {
   const std::string whole = line + "\n";
   std::fwrite(whole.data(), 1, whole.size(), stderr);
 }
@@ -38,11 +38,11 @@ Progress::~Progress() {
   if (has_line_) std::fputs("\r\033[K", stderr);
 }
 
-void Progress::tell(uint64_t done, uint64_t count) {
+void Progress::update(uint64_t done, uint64_t count) {
   if (!is_shown_) return;
   const Clock::time_point now = Clock::now();
   if (now < next_) return;
-  next_ = now + BETWEEN_LINES;
+  next_ = now + UPDATE_INTERVAL;
   has_line_ = true;
   const double seconds = std::chrono::duration<double>(now - begin_).count();
   std::string line = fmt::format("{} {}, {:.0f} a second", count, unit_, static_cast<double>(count) / seconds);

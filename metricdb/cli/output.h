@@ -1,4 +1,4 @@
-// What the program says while it works: to standard output what was asked for, to a terminal how far it is.
+// Output of the program: results to standard output, progress to a terminal.
 #pragma once
 
 #include <chrono>
@@ -7,29 +7,29 @@
 
 namespace metricdb {
 
-// An output that could not be written: a full disk must not look like success. With errno as it is.
+// Throws an error about an output that could not be written, with the reason from errno.
 [[noreturn]] void fail_output(const std::string &name);
 
-// A line on stderr. Whatever becomes of it: there is nobody to tell.
-void complain(const std::string &line);
+// Prints a line on stderr. Errors are ignored.
+void print_error(const std::string &line);
 
-// To standard output, now. Throws std::runtime_error.
+// Prints to standard output and flushes. Throws std::runtime_error.
 void print(const std::string &text);
 
-// A line on stderr that is written anew a few times a second, with the rate and the time that is left, once the work
-// has taken a second. Nothing if stderr is no terminal.
+// A line on stderr with the rate and the remaining time, updated a few times per second, once the work has taken a
+// second. Nothing is printed if stderr is not a terminal.
 class Progress {
  public:
-  // total  of what `tell` counts; 0: not known.
-  // unit   of what is shown as a rate: "points".
+  // total  amount of work for `update`; 0: unknown.
+  // unit   of the number that is shown as a rate: "points".
   Progress(uint64_t total, const char *unit);
-  ~Progress();  // takes the line away
+  ~Progress();  // removes the line
   Progress(const Progress &) = delete;
   Progress &operator=(const Progress &) = delete;
 
-  // done   of the total.
-  // count  of the unit, so far.
-  void tell(uint64_t done, uint64_t count);
+  // done   amount of finished work.
+  // count  number of units so far.
+  void update(uint64_t done, uint64_t count);
 
  private:
   using Clock = std::chrono::steady_clock;

@@ -19,24 +19,22 @@ WriterOptions writer_options_of(const WriteArguments &arguments) {
   options.snapshot_bytes = arguments.snapshot_mb << 20;
   options.salvage = arguments.salvage;
   if (arguments.layout) options.layout = static_cast<uint8_t>(*arguments.layout);
-  if (arguments.retain_s) options.retain_ns = *arguments.retain_s * NS_PER_S;
-  if (arguments.idle_s) options.idle_ns = *arguments.idle_s * NS_PER_S;
-  if (arguments.reuse_inactive_pct) options.reuse_inactive_pct = static_cast<uint8_t>(*arguments.reuse_inactive_pct);
+  options.forgetting = arguments.forgetting;
   return options;
 }
 
-Opened open_to_read(const std::string &db, bool salvage) {
+LoadedDatabase open_to_read(const std::string &db, bool salvage) {
   OpenOptions options;
   options.salvage = salvage;
-  Opened opened = Database(db, Database::Use::read).open(options);
-  tell_found(opened.found());
+  LoadedDatabase opened = Database(db, Database::Use::read).open(options);
+  report_warnings(opened.warnings());
   return opened;
 }
 
-void tell_found(const std::string &lines) {
+void report_warnings(const std::string &lines) {
   std::string_view rest = lines;
   for (std::string_view line; next_line(rest, line);) {
-    complain(fmt::format("metricdb: {}", line));
+    print_error(fmt::format("metricdb: {}", line));
     TSLB_DLOG(LOG_PROGRESS, "%.*s", static_cast<int>(line.size()), line.data());
   }
 }

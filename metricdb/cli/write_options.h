@@ -1,4 +1,4 @@
-// From the words of the command line to what the classes behind it take.
+// Converts arguments of the command line for the other classes.
 #pragma once
 
 #include <string>
@@ -12,10 +12,10 @@ namespace metricdb {
 Precision precision_of(const std::string &unit);
 WriterOptions writer_options_of(const WriteArguments &arguments);
 
-// A database as it is now, to be read. What is not as it should be is told.
-Opened open_to_read(const std::string &db, bool salvage);
+// Opens a database for reading. Prints warnings about it.
+LoadedDatabase open_to_read(const std::string &db, bool salvage);
 
-// What was found at an opening that is not as it should be, line by line, goes to stderr and the log.
-void tell_found(const std::string &lines);
+// Prints warnings to stderr and the log, line by line.
+void report_warnings(const std::string &lines);
 
 }  // namespace metricdb

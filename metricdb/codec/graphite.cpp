@@ -10,9 +10,9 @@ namespace metricdb {
 namespace {
 
 constexpr size_t FRACTION_DIGITS = 9;
-constexpr size_t MOST_SECONDS_DIGITS = 10;
-// The last whole second whose nanoseconds can be counted.
-constexpr uint64_t MOST_SECONDS = 9'223'372'035;
+constexpr size_t MAX_SECONDS_DIGITS = 10;
+// The last whole second that is representable in nanoseconds.
+constexpr uint64_t MAX_SECONDS = 9'223'372'035;
 
 bool is_blank(char byte) {
   return byte == ' ' || byte == '\t';
@@ -26,7 +26,7 @@ bool is_control(char byte) {
   return static_cast<unsigned char>(byte) < 0x20 || byte == 0x7f;
 }
 
-// Takes the next word off the front; empty if there is none.
+// Removes the next word from the front of `rest`. Returns an empty word at the end.
 std::string_view next_word(std::string_view &rest) {
   size_t begin = 0;
   while (begin < rest.size() && is_blank(rest[begin])) ++begin;
@@ -61,7 +61,7 @@ bool GraphiteConverter::convert_line(std::string_view line) {
   const std::string_view path = next_word(line);
   const std::string_view value = next_word(line);
   const std::string_view time = next_word(line);
-  if (time.empty() || !next_word(line).empty()) return fail("a line is not: path value timestamp");
+  if (time.empty() || !next_word(line).empty()) return fail("expected: path value timestamp");
   if (!append_path(path) || !append_value(value) || !append_time(time)) return false;
   text_ += '\n';
   return true;
@@ -69,8 +69,8 @@ bool GraphiteConverter::convert_line(std::string_view line) {
 
 bool GraphiteConverter::append_path(std::string_view path) {
   size_t end = std::min(path.find(';'), path.size());
-  // As the first byte it would make a comment of the line.
-  if (path.starts_with('#')) return fail("a path begins with #");
+  // Otherwise the line would be a comment in line protocol.
+  if (path.starts_with('#')) return fail("the path begins with #");
   if (!append_name(path.substr(0, end), true)) return false;
   while (end < path.size()) {
     path.remove_prefix(end + 1);
@@ -88,7 +88,7 @@ bool GraphiteConverter::append_path(std::string_view path) {
 
 bool GraphiteConverter::append_name(std::string_view name, bool is_measurement) {
   if (name.empty()) return fail("a name is empty");
-  // It would take the meaning from the byte that follows, and there is no way to write it otherwise.
+  // In line protocol the backslash would escape the next byte, and cannot be escaped itself.
   if (name.ends_with('\\')) return fail("a name ends with a backslash");
   size_t copied = 0;
   for (size_t i = 0; i < name.size(); ++i) {
@@ -106,23 +106,23 @@ bool GraphiteConverter::append_value(std::string_view value) {
   double number = 0.0;
   const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), number);
   if (error != std::errc() || end != value.data() + value.size() || !std::isfinite(number))
-    return fail("a value is no finite number");
-  // As it was written: the same conversion reads it again.
+    return fail("the value is not a finite number");
+  // The text is copied, because line protocol uses the same conversion.
   text_.append(" value=").append(value);
   return true;
 }
 
 bool GraphiteConverter::append_time(std::string_view time) {
-  // Without a time the point gets that of its arrival.
+  // A point without a time gets the time of arrival.
   if (time == "-1" || time == "N") return true;
   const size_t point = std::min(time.find('.'), time.size());
   const std::string_view seconds = time.substr(0, point);
   std::string_view fraction = time.substr(std::min(point + 1, time.size()));
-  if (seconds.empty() || !is_digits(seconds) || !is_digits(fraction)) return fail("a timestamp is not in seconds");
+  if (seconds.empty() || !is_digits(seconds) || !is_digits(fraction)) return fail("the timestamp is not in seconds");
   uint64_t number = 0;
   const auto result = std::from_chars(seconds.data(), seconds.data() + seconds.size(), number);
-  if (result.ec != std::errc() || seconds.size() > MOST_SECONDS_DIGITS || number > MOST_SECONDS)
-    return fail("a timestamp is out of range");
+  if (result.ec != std::errc() || seconds.size() > MAX_SECONDS_DIGITS || number > MAX_SECONDS)
+    return fail("the timestamp is out of range");
   fraction = fraction.substr(0, FRACTION_DIGITS);
   text_.append(1, ' ').append(seconds).append(fraction).append(FRACTION_DIGITS - fraction.size(), '0');
   return true;

@@ -1,10 +1,10 @@
-// The plaintext protocol of Graphite as line protocol.
+// Converts the plaintext protocol of Graphite to line protocol.
 //
 //   path value timestamp          cpu.load;host=a 0.5 1700000000.25
 //   measurement,tags value=..     cpu.load,host=a value=0.5 1700000000250000000
 //
-// The path up to the first semicolon is the measurement, `;tag=value` behind it are tags. Timestamps are in seconds, a
-// fraction counts to the nanosecond, and `-1` or `N` is the time of arrival. A line that is none is skipped.
+// The path up to the first semicolon is the measurement, and each `;tag=value` after it is a tag. Timestamps are in
+// seconds, with a precision of a nanosecond. `-1` or `N` means the time of arrival. Malformed lines are skipped.
 #pragma once
 
 #include <cstdint>
@@ -15,12 +15,12 @@ namespace metricdb {
 
 class GraphiteConverter {
  public:
-  // Converts whole lines. `text()` then has those that are good, for nanoseconds, until the next call.
+  // Converts complete lines. Afterwards `text()` contains the valid lines, for nanoseconds, until the next call.
   void convert(std::string_view lines);
 
   const std::string &text() const { return text_; }
-  uint64_t malformed() const { return malformed_; }            // lines of this call
-  const std::string &first_reason() const { return reason_; }  // of the first of them
+  uint64_t malformed() const { return malformed_; }            // lines of the last call
+  const std::string &first_reason() const { return reason_; }  // for the first malformed line
 
  private:
   bool convert_line(std::string_view line);

@@ -14,9 +14,9 @@
 namespace metricdb {
 namespace {
 
-// What a byte means inside a name, as bits: one table look-up per byte.
+// Classes of bytes in a name.
 constexpr uint8_t STOPS_MEASUREMENT = 1;  // comma, blank
-constexpr uint8_t STOPS_NAME = 2;         // these and the equals sign
+constexpr uint8_t STOPS_NAME = 2;         // the same and the equals sign
 constexpr uint8_t CONTROL = 4;
 
 constexpr std::array<uint8_t, 256> make_byte_classes() {
@@ -33,7 +33,8 @@ uint8_t class_of(char byte) {
   return BYTE_CLASSES[static_cast<unsigned char>(byte)];
 }
 
-// The first byte of the text that may mean something in a name, or its end. Names are most of a line: by 16 bytes.
+// Returns the first byte that may be special in a name, or the end. Most bytes of a line are in names, so 16 are
+// compared at a time.
 const char *next_special(const char *at, const char *end) {
   for (; end - at >= 16; at += 16) {
     const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i *>(at));
@@ -48,12 +49,12 @@ const char *next_special(const char *at, const char *end) {
   return at;
 }
 
-// A piece of the input for a message: short, and without bytes that a terminal would act on.
+// A part of the input for a message: short, and without control characters.
 std::string quoted(std::string_view text) {
-  constexpr size_t LONGEST = 40;
+  constexpr size_t MAX_BYTES = 40;
   std::string shown = "\"";
-  for (const char byte : text.substr(0, LONGEST)) shown += (class_of(byte) & CONTROL) != 0 ? '?' : byte;
-  return shown + (text.size() > LONGEST ? "...\"" : "\"");
+  for (const char byte : text.substr(0, MAX_BYTES)) shown += (class_of(byte) & CONTROL) != 0 ? '?' : byte;
+  return shown + (text.size() > MAX_BYTES ? "...\"" : "\"");
 }
 
 std::optional<double> boolean_of(std::string_view text) {
@@ -64,7 +65,7 @@ std::optional<double> boolean_of(std::string_view text) {
   return std::nullopt;
 }
 
-// The whole text as a number, or why not.
+// Converts the whole text to a number.
 template <class Number>
 std::errc number_of(std::string_view text, Number &number) {
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
@@ -80,15 +81,15 @@ std::errc integer_as_double(std::string_view text, double &value) {
   return error;
 }
 
-// Of an integer of up to 18 digits and its `i` the end, else null. That many digits fit without a look at the range.
+// Converts an integer of up to 18 digits with its `i`. Returns its end, or null. So few digits cannot overflow.
 const char *read_short_integer(const char *begin, const char *end, double &value) {
-  constexpr ptrdiff_t MOST_DIGITS = 18;
+  constexpr ptrdiff_t MAX_DIGITS = 18;
   const bool is_negative = begin != end && *begin == '-';
   const char *const digits = begin + (is_negative ? 1 : 0);
   const char *at = digits;
   int64_t number = 0;
   for (; at != end && static_cast<unsigned char>(*at - '0') < 10; ++at) {
-    if (at - digits == MOST_DIGITS) return nullptr;
+    if (at - digits == MAX_DIGITS) return nullptr;
     number = number * 10 + (*at - '0');
   }
   if (at == digits || at == end || *at != 'i') return nullptr;
@@ -96,8 +97,8 @@ const char *read_short_integer(const char *begin, const char *end, double &value
   return at + 1;
 }
 
-// Of a plain number the end, else null. Zero is not plain: a number too small to be told from it is out of range, and
-// which one it is, only the standard's conversion says.
+// Converts a number that is not zero. Returns its end, or null. Zero is excluded, because only std::from_chars
+// distinguishes it from a number that is too small.
 const char *read_number(const char *begin, const char *end, double &value) {
   const auto [at, error] = fast_float::from_chars(begin, end, value);
   return error == std::errc() && std::isfinite(value) && value != 0.0 ? at : nullptr;
@@ -141,7 +142,7 @@ LineParser::Outcome LineParser::parse(std::string_view text, const LikelyLine &l
   return parse_head() && parse_fields() && parse_timestamp() ? Outcome::line : Outcome::malformed;
 }
 
-// The name from here to the first byte that stops it, which is not taken.
+// Returns the name from here to the first byte that ends it, which is not consumed.
 std::string_view LineParser::name_until(uint8_t stops) {
   const char *const begin = pos_;
   const char *at = begin;
@@ -168,7 +169,7 @@ bool LineParser::parse_head() {
     sorted = sorted && (n < 2 || tags_[n - 2].key < tags_[n - 1].key);
   }
   if (pos_ != end_ && !at(' '))
-    return fail(fmt::format("control character behind {}", quoted({begin, static_cast<size_t>(pos_ - begin)})));
+    return fail(fmt::format("control character after {}", quoted({begin, static_cast<size_t>(pos_ - begin)})));
   line_.head = {begin, static_cast<size_t>(pos_ - begin)};
   return sorted || join_sorted_head();
 }
@@ -186,7 +187,7 @@ bool LineParser::parse_tag() {
   return true;
 }
 
-// The uncommon path: the tags came in another order, or one came twice.
+// Called if the tags are not sorted or a tag is repeated.
 bool LineParser::join_sorted_head() {
   std::sort(tags_.begin(), tags_.end(), [](const Tag &a, const Tag &b) { return a.key < b.key; });
   const auto twice =
@@ -209,7 +210,7 @@ bool LineParser::parse_fields() {
   return true;
 }
 
-// A name that was one before ends at the same equals sign again: none ends in a backslash.
+// A known field name ends at the same equals sign in this line, because no name ends with a backslash.
 bool LineParser::parse_likely_name(std::string_view &key) {
   const size_t index = line_.fields.size();
   if (index != line_.n_likely || index >= likely_.size()) return false;
@@ -242,7 +243,7 @@ bool LineParser::parse_field() {
   return true;
 }
 
-// Nearly all values. What is not common, or no value at all, is left where it is for those who look closer.
+// Converts most values. Leaves unusual and invalid values to parse_value.
 bool LineParser::parse_common_value(double &value) {
   const char *end = read_short_integer(pos_, end_, value);
   if (end == nullptr) end = read_number(pos_, end_, value);
@@ -259,7 +260,7 @@ bool LineParser::parse_string(std::string_view key) {
   }
   if (pos_ == end_) return fail(fmt::format("the string of field {} has no closing quote", quoted(key)));
   ++pos_;
-  if (pos_ != end_ && !at(',') && !at(' ')) return fail(fmt::format("text behind the string of field {}", quoted(key)));
+  if (pos_ != end_ && !at(',') && !at(' ')) return fail(fmt::format("text after the string of field {}", quoted(key)));
   ++line_.strings_skipped;
   return true;
 }
@@ -274,14 +275,14 @@ bool LineParser::parse_value(std::string_view key, std::string_view text, double
     error = integer_as_double<uint64_t>(digits, value);
   } else {
     error = number_of(text, value);
-    // Written infinities and NaNs are numbers to the conversion, and none to the protocol.
+    // The conversion accepts infinity and NaN, but line protocol does not.
     if (error == std::errc() && !std::isfinite(value)) error = std::errc::invalid_argument;
   }
   if (error == std::errc()) return true;
   if (error == std::errc::result_out_of_range)
     return fail(fmt::format("field {}: {} is out of range", quoted(key), quoted(text)));
   const std::optional<double> boolean = boolean_of(text);
-  if (!boolean) return fail(fmt::format("field {}: {} is no number, boolean or string", quoted(key), quoted(text)));
+  if (!boolean) return fail(fmt::format("field {}: {} is not a number, boolean or string", quoted(key), quoted(text)));
   value = *boolean;
   return true;
 }
@@ -300,10 +301,10 @@ bool LineParser::parse_timestamp() {
   int64_t units = 0;
   int64_t ts_ns = 0;
   const std::errc error = number_of(text, units);
-  if (error == std::errc::invalid_argument) return fail(fmt::format("timestamp {} is no integer", quoted(text)));
+  if (error == std::errc::invalid_argument) return fail(fmt::format("timestamp {} is not an integer", quoted(text)));
   if (error != std::errc() || __builtin_mul_overflow(units, ns_per_unit_, &ts_ns))
     return fail(fmt::format("timestamp {} is out of range", quoted(text)));
-  if (pos_ != end_) return fail("text behind the timestamp");
+  if (pos_ != end_) return fail("text after the timestamp");
   line_.ts_ns = ts_ns_ = ts_ns;
   ts_text_ = text;
   return true;

@@ -3,17 +3,16 @@
 //   measurement[,tag=value...] field=value[,field=value...] [timestamp]
 //
 // Terms
-//   name    a measurement, tag key, tag value or field key. A backslash ahead of a comma, an equals sign or a
-//           blank (in a measurement: a comma or a blank) makes that byte part of the name; any other
-//           backslash stands for itself. Inside a name every such byte is escaped, so there is one way to
-//           write a name, and names are kept and compared as they are written.
-//   head    the measurement with its tags sorted by key: what the series of one line have in common.
-//   series key   head, a blank and the field key, as in `cpu,core=0,host=a usage`. With `=1` behind it, it is
-//   a
-//           line again, which gives the same key.
+//   name    a measurement, tag key, tag value or field key. A backslash before a comma, an equals sign or a blank (in a
+//           measurement: a comma or a blank) makes that byte part of the name. Any other backslash is an ordinary byte.
+//           Every such byte inside a name must be escaped, so each name has exactly one text. Names are stored and
+//           compared as they are written.
+//   head    the measurement with its tags sorted by key; common to the series of one line.
+//   series key   head, a blank and the field key, as in `cpu,core=0,host=a usage`. With `=1` appended it is a line
+//           again, which has the same key.
 //
-// Narrower than the protocol: a line ends at the next line feed, inside a quoted string too; names hold no
-// control characters; every number becomes a double, so integers beyond 2^53 are rounded.
+// Restrictions: a line ends at the next line feed, also inside a quoted string. Names contain no control characters.
+// Every number becomes a double, so integers above 2^53 are rounded.
 #pragma once
 
 #include <cstdint>
@@ -25,39 +24,39 @@
 
 namespace metricdb {
 
-// Nanoseconds in one unit of the timestamps of a file.
+// Nanoseconds per unit of the timestamps.
 enum class Precision : int64_t { ns = 1, us = 1'000, ms = 1'000'000, s = 1'000'000'000 };
 
 struct ParsedField {
   std::string_view key;
-  double value;  // of a boolean: 0 or 1
+  double value;  // 0 or 1 for a boolean
 };
 
-// A field that came with a head before, and the number that its reader gave it.
+// A field of an earlier line with the same head, and its series.
 struct KnownField {
   std::string_view name;
   uint32_t series;
 };
 
-// What a line is likely to be, from the lines before: it begins with this head and a blank, and these fields follow. A
-// line that goes on otherwise comes out all the same; one that goes on like this costs less.
+// The expected content of a line, from earlier lines: it begins with this head and a blank, and has these fields.
+// Parsing is faster if this is true, and correct in any case.
 struct LikelyLine {
-  std::string_view head;  // as `line().head` had it once; empty: nothing is known
+  std::string_view head;  // `line().head` of an earlier line; empty: nothing is expected
   std::span<const KnownField> fields;
 };
 
-// One line. The texts point into the line or the parser, and hold until its next line.
+// One line. The texts point into the line or the parser, and are valid until the next call of `parse`.
 struct ParsedLine {
   std::string_view head;
-  std::vector<ParsedField> fields;  // in the line's order; a key given twice stands here twice
+  std::vector<ParsedField> fields;  // in the line's order, repeated keys included
   std::optional<int64_t> ts_ns;
   uint32_t strings_skipped = 0;  // fields with a quoted string, which are not stored
-  size_t n_likely = 0;           // so many of `fields`, from the first on, are those of the likely line
+  size_t n_likely = 0;           // number of leading fields that are those of the likely line
 };
 
 class LineParser {
  public:
-  enum class Outcome { nothing, line, malformed };  // nothing: blank or a comment
+  enum class Outcome { nothing, line, malformed };  // nothing: empty or a comment
 
   explicit LineParser(Precision precision = Precision::ns) { set_precision(precision); }
 
@@ -66,8 +65,7 @@ class LineParser {
     ts_text_.clear();
   }
 
-  // Reads one line, given without its line end. Afterwards `line()` holds if it was one, and `reason()` says
-  // what is wrong with it if it was malformed.
+  // Parses one line, given without its line end. Sets `line()`, or `reason()` if the line is malformed.
   Outcome parse(std::string_view text, const LikelyLine &likely = {});
 
   const ParsedLine &line() const { return line_; }
@@ -101,17 +99,17 @@ class LineParser {
   std::span<const KnownField> likely_;
   std::vector<Tag> tags_;
   std::string sorted_head_;
-  std::string ts_text_;  // of the last timestamp: those of a batch are often alike
-  int64_t ts_ns_ = 0;    // and its value
+  std::string ts_text_;  // the last timestamp; many lines repeat it
+  int64_t ts_ns_ = 0;    // its value
   ParsedLine line_;
   std::string reason_;
 };
 
-// Text with a backslash ahead of each comma, equals sign and blank: a tag key, tag value or field key.
+// Returns the text with a backslash before each comma, equals sign and blank: a tag key, tag value or field key.
 std::string escaped_name(std::string_view text);
 
-// Takes the next line off the front of `rest`, without its line feed and a carriage return ahead of it. False
-// at the end of the text.
+// Removes the next line from the front of `rest`, and sets `line` without its line feed and a carriage return before
+// it. Returns false at the end of the text.
 inline bool next_line(std::string_view &rest, std::string_view &line) {
   if (rest.empty()) return false;
   const size_t feed = rest.find('\n');

@@ -1,4 +1,4 @@
-// One measured value.
+// A measured value.
 #pragma once
 
 #include <tslb/tslb_decl.h>

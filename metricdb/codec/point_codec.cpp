@@ -7,20 +7,20 @@
 namespace metricdb {
 namespace {
 
-static_assert(std::endian::native == std::endian::little, "bits are kept in the order in which words lie in memory");
+static_assert(std::endian::native == std::endian::little, "words are written as they are in memory");
 
-constexpr unsigned MOST_LEAD = 31;
+constexpr unsigned MAX_LEAD = 31;
 constexpr unsigned LEAD_BITS = 5;
 constexpr unsigned WIDTH_BITS = 6;
 
-// What one look at the bytes is sure to show, wherever in a byte it begins.
+// Number of bits that word_at returns at any position.
 constexpr unsigned SURE_BITS = 57;
 
 constexpr uint64_t low_bits(unsigned n) {
   return n == 64 ? ~uint64_t{0} : (uint64_t{1} << n) - 1;
 }
 
-// Small for small numbers of either sign.
+// Maps small numbers of either sign to small codes.
 constexpr uint64_t folded(uint64_t change) {
   return (change << 1) ^ (uint64_t{0} - (change >> 63));
 }
@@ -28,29 +28,29 @@ constexpr uint64_t unfolded(uint64_t code) {
   return (code >> 1) ^ (uint64_t{0} - (code & 1));
 }
 
-// 0 for 0, which is no code that is written.
+// 0 for code 0, which is never written.
 constexpr unsigned nibbles_of(uint64_t code) {
   return (static_cast<unsigned>(std::bit_width(code)) + 3) / 4;
 }
 
-// The narrowest window around bits of which one is set.
+// Returns the narrowest window that contains all set bits; at least one is set.
 ValueWindow window_around(uint64_t differing) {
-  const unsigned lead = std::min(static_cast<unsigned>(std::countl_zero(differing)), MOST_LEAD);
+  const unsigned lead = std::min(static_cast<unsigned>(std::countl_zero(differing)), MAX_LEAD);
   return {lead, 64 - lead - static_cast<unsigned>(std::countr_zero(differing))};
 }
 
-// Whether bits whose own window is `needed` are written in the one at hand.
-bool is_kept(const ValueWindow &at_hand, const ValueWindow &needed) {
-  return at_hand.lead <= needed.lead && at_hand.width <= needed.width + LEAD_BITS + WIDTH_BITS &&
-         at_hand.lead + at_hand.width >= needed.lead + needed.width;
+// Returns whether bits that need the window `needed` are written in the current window.
+bool is_kept(const ValueWindow &current, const ValueWindow &needed) {
+  return current.lead <= needed.lead && current.width <= needed.width + LEAD_BITS + WIDTH_BITS &&
+         current.lead + current.width >= needed.lead + needed.width;
 }
 
-// Writes whole words and moves on by the bytes in them that are complete: no branch depends on where a number falls.
+// Writes whole words and advances by the complete bytes in them, without a branch on the bit position.
 class BitWriter {
  public:
   explicit BitWriter(char *out) : begin_(out), out_(out) {}
 
-  // Up to 56 bits, and none set above them.
+  // Up to 56 bits; higher bits are zero.
   void put(uint64_t bits, unsigned n_bits) {
     pending_ |= bits << n_pending_;
     std::memcpy(out_, &pending_, sizeof pending_);
@@ -60,13 +60,13 @@ class BitWriter {
     n_pending_ = n % 8;
   }
 
-  // Up to 64 bits, and up to 16 ahead of them.
-  void put_behind(uint64_t head, unsigned n_head, uint64_t bits, unsigned n_bits) {
-    if (n_head + n_bits <= 56) {
-      put(head | bits << n_head, n_head + n_bits);
+  // A prefix of up to 16 bits, and up to 64 bits.
+  void put_with_prefix(uint64_t prefix, unsigned n_prefix, uint64_t bits, unsigned n_bits) {
+    if (n_prefix + n_bits <= 56) {
+      put(prefix | bits << n_prefix, n_prefix + n_bits);
       return;
     }
-    put(head | (bits & low_bits(32)) << n_head, n_head + 32);
+    put(prefix | (bits & low_bits(32)) << n_prefix, n_prefix + 32);
     put(bits >> 32, n_bits - 32);
   }
 
@@ -75,7 +75,7 @@ class BitWriter {
  private:
   char *const begin_;
   char *out_;
-  uint64_t pending_ = 0;  // fewer than 8 bits, which a word at out_ has as well
+  uint64_t pending_ = 0;  // fewer than 8 bits, which are also in the word at out_
   unsigned n_pending_ = 0;
 };
 
@@ -86,7 +86,7 @@ void put_time_change(BitWriter &out, uint64_t change) {
   }
   const uint64_t code = folded(change);
   const unsigned nibbles = nibbles_of(code);
-  out.put_behind(1 | (nibbles - 1) << 1, 1 + 4, code, 4 * nibbles);
+  out.put_with_prefix(1 | (nibbles - 1) << 1, 1 + 4, code, 4 * nibbles);
 }
 
 void put_value_change(BitWriter &out, uint64_t differing, ValueWindow &window) {
@@ -96,12 +96,12 @@ void put_value_change(BitWriter &out, uint64_t differing, ValueWindow &window) {
   }
   const ValueWindow needed = window_around(differing);
   if (is_kept(window, needed)) {
-    out.put_behind(1, 2, differing >> window.trail(), window.width);
+    out.put_with_prefix(1, 2, differing >> window.trail(), window.width);
     return;
   }
   window = needed;
-  out.put_behind(3 | window.lead << 2 | (window.width - 1) << (2 + LEAD_BITS), 2 + LEAD_BITS + WIDTH_BITS,
-                 differing >> window.trail(), window.width);
+  out.put_with_prefix(3 | window.lead << 2 | (window.width - 1) << (2 + LEAD_BITS), 2 + LEAD_BITS + WIDTH_BITS,
+                      differing >> window.trail(), window.width);
 }
 
 Point point_at(const char *points, size_t index) {
@@ -119,7 +119,7 @@ size_t seal_points(const char *points, size_t n, char *out) {
   uint64_t ts_ns = static_cast<uint64_t>(first.ts_ns);
   uint64_t step_ns = 0;
   uint64_t value = std::bit_cast<uint64_t>(first.value);
-  writer.put_behind(0, 0, ts_ns, 64);
+  writer.put_with_prefix(0, 0, ts_ns, 64);
   put_value_change(writer, value, window);
   for (size_t i = 1; i < n; ++i) {
     const Point point = point_at(points, i);
@@ -136,7 +136,7 @@ size_t seal_points(const char *points, size_t n, char *out) {
 
 SealedPoints::SealedPoints(const char *bytes, size_t size, size_t n) : bytes_(bytes), size_(size), n_left_(n) {}
 
-// The bits from there on, at least SURE_BITS of them. Behind the last byte there are zeroes.
+// Returns the bits from `bit` on, at least SURE_BITS of them. There are zeros after the last byte.
 inline uint64_t SealedPoints::word_at(uint64_t bit) const {
   const size_t begin = bit / 8;
   uint64_t word;
@@ -145,7 +145,7 @@ inline uint64_t SealedPoints::word_at(uint64_t bit) const {
   return word >> bit % 8;
 }
 
-// The same where a whole word would reach beyond the bytes.
+// The same near the end, where a whole word would exceed the bytes.
 [[gnu::noinline]] uint64_t SealedPoints::last_word_at(uint64_t bit) const {
   const size_t begin = bit / 8;
   uint64_t word = 0;
@@ -153,8 +153,8 @@ inline uint64_t SealedPoints::word_at(uint64_t bit) const {
   return word >> bit % 8;
 }
 
-// Up to 64 bits. False if the bytes end before.
-inline bool SealedPoints::take(unsigned n_bits, uint64_t &bits) {
+// Reads up to 64 bits. Returns false if there are fewer.
+inline bool SealedPoints::read(unsigned n_bits, uint64_t &bits) {
   bits = word_at(at_bit_);
   if (n_bits > SURE_BITS) bits = (bits & low_bits(32)) | word_at(at_bit_ + 32) << 32;
   bits &= low_bits(n_bits);
@@ -162,8 +162,8 @@ inline bool SealedPoints::take(unsigned n_bits, uint64_t &bits) {
   return at_bit_ <= uint64_t{size_} * 8;
 }
 
-inline bool SealedPoints::take_time() {
-  if (is_first_) return take(64, ts_ns_);
+inline bool SealedPoints::read_time() {
+  if (is_first_) return read(64, ts_ns_);
   const uint64_t word = word_at(at_bit_);
   if ((word & 1) == 0) {
     ++at_bit_;
@@ -171,47 +171,47 @@ inline bool SealedPoints::take_time() {
     const unsigned nibbles = static_cast<unsigned>(word >> 1 & 15) + 1;
     at_bit_ += 1 + 4;
     uint64_t code;
-    if (!take(4 * nibbles, code) || nibbles_of(code) != nibbles) return false;
+    if (!read(4 * nibbles, code) || nibbles_of(code) != nibbles) return false;
     step_ns_ += unfolded(code);
   }
   ts_ns_ += step_ns_;
   return true;
 }
 
-inline bool SealedPoints::take_kept_window(uint64_t &differing) {
+inline bool SealedPoints::read_kept_window(uint64_t &differing) {
   at_bit_ += 2;
-  uint64_t bits;  // none as long as no window was named
-  if (!take(window_.width, bits) || bits == 0) return false;
+  uint64_t bits;  // no bits before the first window
+  if (!read(window_.width, bits) || bits == 0) return false;
   differing = bits << window_.trail();
   return is_kept(window_, window_around(differing));
 }
 
-bool SealedPoints::take_new_window(uint64_t word, uint64_t &differing) {
+bool SealedPoints::read_new_window(uint64_t word, uint64_t &differing) {
   at_bit_ += 2 + LEAD_BITS + WIDTH_BITS;
   const ValueWindow window{static_cast<unsigned>(word >> 2 & low_bits(LEAD_BITS)),
                            static_cast<unsigned>(word >> (2 + LEAD_BITS) & low_bits(WIDTH_BITS)) + 1};
   uint64_t bits;
-  if (window.lead + window.width > 64 || !take(window.width, bits) || bits == 0) return false;
+  if (window.lead + window.width > 64 || !read(window.width, bits) || bits == 0) return false;
   differing = bits << window.trail();
   const ValueWindow needed = window_around(differing);
-  // No bit lies outside of the window, so one as wide as needed is the one that is needed.
+  // All set bits are within the window, so it is the needed one if it has the needed width.
   if (needed.width != window.width || is_kept(window_, needed)) return false;
   window_ = window;
   return true;
 }
 
-inline bool SealedPoints::take_value() {
+inline bool SealedPoints::read_value() {
   const uint64_t word = word_at(at_bit_);
   if ((word & 1) == 0) return ++at_bit_ <= uint64_t{size_} * 8;
   uint64_t differing;
-  if (!((word & 2) == 0 ? take_kept_window(differing) : take_new_window(word, differing))) return false;
+  if (!((word & 2) == 0 ? read_kept_window(differing) : read_new_window(word, differing))) return false;
   value_ ^= differing;
   return true;
 }
 
 bool SealedPoints::next(Point &point) {
   if (n_left_ == 0 || is_damaged_) return false;
-  if (!take_time() || !take_value()) {
+  if (!read_time() || !read_value()) {
     is_damaged_ = true;
     return false;
   }

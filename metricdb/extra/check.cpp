@@ -15,7 +15,7 @@ std::string shown(int64_t ts_ns, double value) {
   return fmt::format("{} at {}", value, ts_ns);
 }
 
-// By bits: 0 and -0 differ.
+// Compares bits, because 0 and -0 differ.
 bool same(double a, double b) {
   return std::bit_cast<uint64_t>(a) == std::bit_cast<uint64_t>(b);
 }
@@ -27,13 +27,13 @@ Check::Check(const Store &store, Precision precision, int64_t now_ns, int64_t re
   for (uint32_t index = 0; index < store.n_slots(); ++index) {
     if (!store.holds_series(index)) continue;
     const bool fresh = series_.emplace(store.key(index), Series{{store, index}, store.record(index).n_points()}).second;
-    if (!fresh) differs(fmt::format("series \"{}\" is twice in the catalogue", store.key(index)));
+    if (!fresh) add_difference(fmt::format("series \"{}\" is in the catalogue twice", store.key(index)));
   }
 }
 
-void Check::differs(std::string text) {
+void Check::add_difference(std::string text) {
   ++n_differences_;
-  if (shown_.size() < MOST_SHOWN) shown_.push_back(std::move(text));
+  if (shown_.size() < MAX_SHOWN) shown_.push_back(std::move(text));
 }
 
 void Check::find_newest(std::string_view text) {
@@ -43,7 +43,7 @@ void Check::find_newest(std::string_view text) {
       newest_ns_ = std::max(newest_ns_, point.ts_ns);
 }
 
-// Unsigned: the distance of two times can be beyond a signed one.
+// Unsigned: the difference of two times can exceed the signed range.
 bool Check::is_retained(int64_t ts_ns) const {
   return retain_ns_ == 0 ||
          static_cast<uint64_t>(newest_ns_) - static_cast<uint64_t>(ts_ns) <= static_cast<uint64_t>(retain_ns_);
@@ -56,21 +56,21 @@ void Check::compare(std::string_view text) {
       if (!is_retained(expected.ts_ns)) continue;
       const auto entry = series_.find(expected.key);
       if (entry == series_.end()) {
-        differs(fmt::format("series \"{}\": expected {}, found no such series", expected.key,
-                            shown(expected.ts_ns, expected.value)));
+        add_difference(fmt::format("series \"{}\": expected {}, found no such series", expected.key,
+                                   shown(expected.ts_ns, expected.value)));
         continue;
       }
       Series &series = entry->second;
       Point found;
       const uint64_t index = series.n_seen;
-      const bool is_there = series.cursor.next(found);
-      series.n_seen += is_there ? 1 : 0;
-      if (is_there && found.ts_ns == expected.ts_ns && same(found.value, expected.value))
+      const bool is_found = series.cursor.next(found);
+      series.n_seen += is_found ? 1 : 0;
+      if (is_found && found.ts_ns == expected.ts_ns && same(found.value, expected.value))
         ++n_matching_;
       else
-        differs(fmt::format("series \"{}\", point {}: expected {}, found {}", expected.key, index,
-                            shown(expected.ts_ns, expected.value),
-                            is_there ? shown(found.ts_ns, found.value) : "none"));
+        add_difference(fmt::format("series \"{}\", point {}: expected {}, found {}", expected.key, index,
+                                   shown(expected.ts_ns, expected.value),
+                                   is_found ? shown(found.ts_ns, found.value) : "none"));
     }
   }
 }
@@ -78,12 +78,12 @@ void Check::compare(std::string_view text) {
 void Check::finish() {
   for (auto &[key, series] : series_) {
     for (Point found; series.cursor.next(found); ++series.n_seen)
-      differs(fmt::format("series \"{}\", point {}: expected none, found {}", key, series.n_seen,
-                          shown(found.ts_ns, found.value)));
-    if (series.n_seen == 0) differs(fmt::format("series \"{}\": expected none, found one without points", key));
+      add_difference(fmt::format("series \"{}\", point {}: expected none, found {}", key, series.n_seen,
+                                 shown(found.ts_ns, found.value)));
+    if (series.n_seen == 0) add_difference(fmt::format("series \"{}\": expected none, found one without points", key));
     if (series.cursor.n_passed() != series.n_stored)
-      differs(fmt::format("series \"{}\": the catalogue counts {} points, the chunks hold {}", key, series.n_stored,
-                          series.cursor.n_passed()));
+      add_difference(fmt::format("series \"{}\": the catalogue counts {} points, the chunks hold {}", key,
+                                 series.n_stored, series.cursor.n_passed()));
   }
 }
 

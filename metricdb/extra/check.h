@@ -1,10 +1,10 @@
-// Compares what a store holds, point by point, with the texts that it was loaded from.
+// Compares the points of a store with the texts from which it was loaded.
 //
-// The texts are read by the reader of reference_reader.h, and series are found by walking the catalogue, not
-// through the store's own look-up: what is compared is the arrays' content and nothing else.
+// The texts are parsed by reference_reader.h, and series are found by a walk of the catalogue, not with the look-up of
+// the store. So the content of the arrays is compared, and nothing else.
 //
-// With a retention, exactly the points that are no further than it behind the newest of all are expected. Which that is
-// the check finds in the texts, so it takes them twice.
+// With a retention, the expected points are those that are at most retain_ns older than the newest point. The check
+// finds the newest point in the texts, so it reads them twice.
 #pragma once
 
 #include <cstdint>
@@ -20,19 +20,19 @@ namespace metricdb {
 
 class Check {
  public:
-  static constexpr size_t MOST_SHOWN = 10;
+  static constexpr size_t MAX_SHOWN = 10;
 
-  // precision, now_ns  as they were at the load.
-  // retain_ns          what the store was told to keep; 0 for everything.
+  // precision, now_ns  as for the load.
+  // retain_ns          the retention of the store; 0: none.
   Check(const Store &store, Precision precision, int64_t now_ns, int64_t retain_ns = 0);
 
-  // Takes the next text for its newest point. With a retention: all texts, ahead of the first comparison.
+  // Finds the newest point of the next text. With a retention this is called for all texts, before `compare`.
   void find_newest(std::string_view text);
 
-  // Takes the next text, in the order of the load.
+  // Compares the next text, in the order of the load.
   void compare(std::string_view text);
 
-  // Finds points that no text accounts for. Once, behind the last text.
+  // Finds points that are in no text. Called once, after the last text.
   void finish();
 
   uint64_t n_matching() const { return n_matching_; }
@@ -42,12 +42,12 @@ class Check {
  private:
   struct Series {
     PointCursor cursor;
-    uint64_t n_stored;  // as the catalogue says
+    uint64_t n_stored;  // from the catalogue
     uint64_t n_seen = 0;
   };
 
   bool is_retained(int64_t ts_ns) const;
-  void differs(std::string text);
+  void add_difference(std::string text);
 
   const int64_t ns_per_unit_;
   const int64_t now_ns_;

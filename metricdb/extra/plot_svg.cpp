@@ -1,10 +1,12 @@
-// The picture of an answer.
+// The picture of a result.
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <cmath>
 #include <iterator>
 #include <vector>
+
+#include "extra/plot_svg.h"
 
 #include "extra/plot_ticks.h"
 #include "query/escape.h"
@@ -19,24 +21,24 @@ constexpr double HEIGHT = 420;
 constexpr double TOP = 64;
 constexpr double RIGHT = WIDTH - 28;
 constexpr double BOTTOM = HEIGHT - 52;
-constexpr double CHARACTER_WIDTH = 7;  // of a label, about
-constexpr double LEAST_SPOT_GAP = 12;  // with more room than that between them, points are marked
-constexpr int MOST_VALUE_TICKS = 6;
-constexpr int MOST_TIME_TICKS = 9;
-constexpr size_t LONGEST_TITLE = 90;
+constexpr double CHARACTER_WIDTH = 7;  // of a label, approximately
+constexpr double MIN_SPOT_GAP = 12;    // points are marked if the average distance is larger
+constexpr int MAX_VALUE_TICKS = 6;
+constexpr int MAX_TIME_TICKS = 9;
+constexpr size_t MAX_TITLE_BYTES = 90;
 
 struct Spot {
   double x, y;
 };
 using Line = std::vector<Spot>;
 
-// From times and values to places in the picture.
+// Maps times and values to positions in the picture.
 struct Frame {
   double left;
   int64_t first_ns, last_ns;
   long double low, high;
 
-  // One time alone stands in the middle.
+  // A single time is in the middle.
   double x(int64_t ts_ns) const {
     const auto offset = [&](int64_t to_ns) {
       return static_cast<double>(static_cast<uint64_t>(to_ns) - static_cast<uint64_t>(first_ns));
@@ -56,9 +58,8 @@ std::vector<Point> finite_ones(std::span<const Point> points) {
   return finite;
 }
 
-// Of the spots from `begin` on, which are in one column of the picture, those that make a difference: the first, the
-// lowest, the highest and the last.
-void thin_out(Line &line, size_t begin) {
+// The spots from `begin` on are in one column of pixels. Keeps the first, the lowest, the highest and the last one.
+void thin_column(Line &line, size_t begin) {
   if (line.size() - begin <= 4) return;
   const auto first = line.begin() + static_cast<ptrdiff_t>(begin);
   auto [low, high] = std::minmax_element(first, line.end(), [](const Spot &a, const Spot &b) { return a.y < b.y; });
@@ -68,35 +69,35 @@ void thin_out(Line &line, size_t begin) {
   line.insert(line.end(), std::begin(kept), std::end(kept));
 }
 
-// A line ends where a value is no finite number.
+// A line ends at a value that is not finite.
 std::vector<Line> lines_of(const Frame &frame, std::span<const Point> points) {
   std::vector<Line> lines;
   size_t column_begin = 0;
-  bool goes_on = false;
+  bool is_line_open = false;
   for (const Point &point : points) {
     const bool is_finite = std::isfinite(point.value);
-    if (is_finite && !goes_on) lines.emplace_back();
+    if (is_finite && !is_line_open) lines.emplace_back();
     if (is_finite) {
       Line &line = lines.back();
       const Spot spot{frame.x(point.ts_ns), frame.y(point.value)};
-      if (!goes_on) column_begin = 0;
+      if (!is_line_open) column_begin = 0;
       if (!line.empty() && std::floor(line.back().x) != std::floor(spot.x)) {
-        thin_out(line, column_begin);
+        thin_column(line, column_begin);
         column_begin = line.size();
       }
       line.push_back(spot);
-    } else if (goes_on) {
-      thin_out(lines.back(), column_begin);
+    } else if (is_line_open) {
+      thin_column(lines.back(), column_begin);
     }
-    goes_on = is_finite;
+    is_line_open = is_finite;
   }
-  if (goes_on) thin_out(lines.back(), column_begin);
+  if (is_line_open) thin_column(lines.back(), column_begin);
   return lines;
 }
 
 void draw_lines(std::string &svg, const Frame &frame, std::span<const Point> points) {
   const auto out = std::back_inserter(svg);
-  const bool marks_points = static_cast<double>(points.size()) * LEAST_SPOT_GAP < RIGHT - frame.left;
+  const bool marks_points = static_cast<double>(points.size()) * MIN_SPOT_GAP < RIGHT - frame.left;
   for (const Line &line : lines_of(frame, points)) {
     if (line.size() > 1) {
       svg += "<path class=\"line\" d=\"";
@@ -104,7 +105,7 @@ void draw_lines(std::string &svg, const Frame &frame, std::span<const Point> poi
         fmt::format_to(out, "{}{:.1f},{:.1f}", i == 0 ? "M" : " ", line[i].x, line[i].y);
       svg += "\"/>\n";
     }
-    // A point alone would not show at all.
+    // A line of one point would be invisible.
     if (!marks_points && line.size() > 1) continue;
     for (const Spot &spot : line)
       fmt::format_to(out, "<circle class=\"spot\" cx=\"{:.1f}\" cy=\"{:.1f}\" r=\"2.5\"/>\n", spot.x, spot.y);
@@ -126,12 +127,12 @@ double text_width(const std::string &label) {
   return static_cast<double>(label.size()) * CHARACTER_WIDTH;
 }
 
-// Times of parts of a second are long: half as many, then.
-std::vector<TimeTick> fitting_time_ticks(const Frame &frame) {
-  std::vector<TimeTick> ticks = time_ticks(frame.first_ns, frame.last_ns, MOST_TIME_TICKS);
+// Labels with fractions of a second are long. Then there are half as many.
+std::vector<TimeTick> time_ticks_for(const Frame &frame) {
+  std::vector<TimeTick> ticks = time_ticks(frame.first_ns, frame.last_ns, MAX_TIME_TICKS);
   double width = 0;
   for (const TimeTick &tick : ticks) width += text_width(tick.label) + 2 * CHARACTER_WIDTH;
-  return width < RIGHT - frame.left ? ticks : time_ticks(frame.first_ns, frame.last_ns, MOST_TIME_TICKS / 2);
+  return width < RIGHT - frame.left ? ticks : time_ticks(frame.first_ns, frame.last_ns, MAX_TIME_TICKS / 2);
 }
 
 void draw_axes(std::string &svg, const Frame &frame, const std::vector<ValueTick> &values) {
@@ -139,9 +140,9 @@ void draw_axes(std::string &svg, const Frame &frame, const std::vector<ValueTick
     draw_rule(svg, "grid", frame.left, frame.y(tick.value), RIGHT, frame.y(tick.value));
     draw_text(svg, frame.left - 10, frame.y(tick.value) + 4, "value", tick.label);
   }
-  for (const TimeTick &tick : fitting_time_ticks(frame)) {
+  for (const TimeTick &tick : time_ticks_for(frame)) {
     const double x = frame.x(tick.ts_ns);
-    // A label at the edge stays within the picture.
+    // Keeps a label at the edge inside the picture.
     const double text_x = std::min(x, WIDTH - 6 - text_width(tick.label) / 2);
     draw_rule(svg, "grid", x, TOP, x, BOTTOM);
     draw_rule(svg, "axis", x, BOTTOM, x, BOTTOM + 5);
@@ -152,19 +153,19 @@ void draw_axes(std::string &svg, const Frame &frame, const std::vector<ValueTick
   draw_rule(svg, "axis", frame.left, TOP, frame.left, BOTTOM);
 }
 
-// Cut where a character ends.
-std::string short_title(const std::string &title) {
-  if (title.size() <= LONGEST_TITLE) return title;
-  size_t length = LONGEST_TITLE;
+// Cut at the end of a character.
+std::string shortened_title(const std::string &title) {
+  if (title.size() <= MAX_TITLE_BYTES) return title;
+  size_t length = MAX_TITLE_BYTES;
   while (length > 0 && (static_cast<unsigned char>(title[length]) & 0xc0) == 0x80) --length;
   return title.substr(0, length) + "…";
 }
 
-void draw_heading(std::string &svg, const Asked &asked, std::span<const Point> points) {
-  const std::string title = title_of(asked);
+void draw_heading(std::string &svg, const SeriesQuery &query, std::span<const Point> points) {
+  const std::string title = title_of(query);
   svg += fmt::format("<title>{}</title>\n", xml_text(title));
   svg += fmt::format("<rect width=\"{}\" height=\"{}\" fill=\"#ffffff\"/>\n", WIDTH, HEIGHT);
-  draw_text(svg, 24, 28, "title", short_title(title));
+  draw_text(svg, 24, 28, "title", shortened_title(title));
   if (points.empty()) return;
   const int64_t first_ns = points.front().ts_ns;
   const int64_t last_ns = points.back().ts_ns;
@@ -188,7 +189,7 @@ constexpr std::string_view STYLE =
 void draw_plot(std::string &svg, std::span<const Point> points, const std::vector<Point> &finite) {
   const auto [low, high] = std::minmax_element(finite.begin(), finite.end(),
                                                [](const Point &a, const Point &b) { return a.value < b.value; });
-  const std::vector<ValueTick> values = value_ticks(low->value, high->value, MOST_VALUE_TICKS);
+  const std::vector<ValueTick> values = value_ticks(low->value, high->value, MAX_VALUE_TICKS);
   size_t longest = 0;
   for (const ValueTick &tick : values) longest = std::max(longest, tick.label.size());
   const Frame frame{32 + static_cast<double>(longest) * CHARACTER_WIDTH, points.front().ts_ns, points.back().ts_ns,
@@ -199,13 +200,13 @@ void draw_plot(std::string &svg, std::span<const Point> points, const std::vecto
 
 }  // namespace
 
-std::string answer_svg(const Asked &asked, std::span<const Point> points) {
+std::string answer_svg(const SeriesQuery &query, std::span<const Point> points) {
   std::string svg = fmt::format(
       "<svg xmlns=\"http://www.w3.org/2000/svg\" version=\"1.1\" width=\"{0}\" height=\"{1}\" viewBox=\"0 0 {0} "
       "{1}\">\n",
       WIDTH, HEIGHT);
   svg += STYLE;
-  draw_heading(svg, asked, points);
+  draw_heading(svg, query, points);
   const std::vector<Point> finite = finite_ones(points);
   if (finite.empty())
     draw_text(svg, WIDTH / 2, HEIGHT / 2, "none", points.empty() ? "no points" : "no point has a finite value");

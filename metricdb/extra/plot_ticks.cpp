@@ -19,7 +19,7 @@ constexpr int64_t M = 60 * S;
 constexpr int64_t H = 60 * M;
 constexpr int64_t D = 24 * H;
 
-// Lengths of steps that divide the day, and of some days. Longer ones go by the calendar.
+// Steps that divide a day, and steps of some days. Longer steps follow the calendar.
 constexpr int64_t STEPS_NS[] = {
     1,        2,        5,        10,       20,       50,       100,    200,    500,    US,      2 * US,  5 * US,
     10 * US,  20 * US,  50 * US,  100 * US, 200 * US, 500 * US, MS,     2 * MS, 5 * MS, 10 * MS, 20 * MS, 50 * MS,
@@ -31,12 +31,12 @@ uint64_t distance(int64_t from, int64_t to) {
   return static_cast<uint64_t>(to) - static_cast<uint64_t>(from);
 }
 
-// The least step of 1, 2 or 5 times a power of ten with which `most` of them span the height.
-long double value_step(long double height, int most) {
-  const long double least = height / static_cast<long double>(most);
-  const long double power = std::pow(10.0L, std::floor(std::log10(least)));
+// The smallest step of 1, 2 or 5 times a power of ten so that at max_ticks `max_steps` cover the height.
+long double value_step(long double height, int max_steps) {
+  const long double min_step = height / static_cast<long double>(max_steps);
+  const long double power = std::pow(10.0L, std::floor(std::log10(min_step)));
   for (const int factor : {1, 2, 5})
-    if (power * factor >= least) return power * factor;
+    if (power * factor >= min_step) return power * factor;
   return power * 10;
 }
 
@@ -62,9 +62,9 @@ TimeTick one_time(int64_t ts_ns) {
 std::vector<TimeTick> even_ticks(int64_t first_ns, int64_t last_ns, int64_t step_ns) {
   std::vector<TimeTick> ticks;
   const int64_t rest_ns = first_ns % step_ns;
-  const uint64_t ahead_ns = rest_ns > 0 ? static_cast<uint64_t>(step_ns - rest_ns) : static_cast<uint64_t>(-rest_ns);
+  const uint64_t offset_ns = rest_ns > 0 ? static_cast<uint64_t>(step_ns - rest_ns) : static_cast<uint64_t>(-rest_ns);
   std::string day;
-  for (uint64_t at = ahead_ns; at <= distance(first_ns, last_ns); at += static_cast<uint64_t>(step_ns)) {
+  for (uint64_t at = offset_ns; at <= distance(first_ns, last_ns); at += static_cast<uint64_t>(step_ns)) {
     const auto ts_ns = static_cast<int64_t>(static_cast<uint64_t>(first_ns) + at);
     const std::string day_here = step_ns < D ? time_text(ts_ns, 0).substr(0, 10) : "";
     ticks.push_back({ts_ns, time_label(ts_ns, step_ns), day_here == day ? "" : day_here});
@@ -73,7 +73,7 @@ std::vector<TimeTick> even_ticks(int64_t first_ns, int64_t last_ns, int64_t step
   return ticks;
 }
 
-// Months are counted from the year 0.
+// Number of the month since the year 0.
 int month_of(int64_t ts_ns) {
   const std::string text = time_text(ts_ns, 0);
   return std::stoi(text.substr(0, 4)) * 12 + std::stoi(text.substr(5, 2)) - 1;
@@ -94,20 +94,20 @@ std::vector<TimeTick> month_ticks(int64_t first_ns, int64_t last_ns, int step) {
 
 }  // namespace
 
-std::vector<ValueTick> value_ticks(double low, double high, int most) {
+std::vector<ValueTick> value_ticks(double low, double high, int max_ticks) {
   long double bottom = low;
   long double top = high;
   if (bottom == top) {
-    // A level line runs in the middle.
+    // A constant line is in the middle.
     const long double margin = low == 0.0 ? 1.0L : std::fabs(bottom) / 10;
     bottom -= margin;
     top += margin;
   }
-  const long double step = value_step(top - bottom, most);
-  // Steps are no exact numbers: what is a tick but for that is one.
-  constexpr long double NEARLY = 1e-6L;
-  const long double first = std::floor(bottom / step + NEARLY);
-  const auto n_steps = static_cast<int>(std::ceil(top / step - NEARLY) - first);
+  const long double step = value_step(top - bottom, max_ticks);
+  // Tolerance for rounding errors of the steps.
+  constexpr long double TOLERANCE = 1e-6L;
+  const long double first = std::floor(bottom / step + TOLERANCE);
+  const auto n_steps = static_cast<int>(std::ceil(top / step - TOLERANCE) - first);
   const long double largest = std::max(std::fabs(bottom), std::fabs(top));
   std::vector<ValueTick> ticks;
   for (int i = 0; i <= n_steps; ++i)
@@ -115,14 +115,14 @@ std::vector<ValueTick> value_ticks(double low, double high, int most) {
   return ticks;
 }
 
-std::vector<TimeTick> time_ticks(int64_t first_ns, int64_t last_ns, int most) {
+std::vector<TimeTick> time_ticks(int64_t first_ns, int64_t last_ns, int max_ticks) {
   const uint64_t length_ns = distance(first_ns, last_ns);
   if (length_ns == 0) return {one_time(first_ns)};
   for (const int64_t step_ns : STEPS_NS)
-    if (length_ns / static_cast<uint64_t>(step_ns) < static_cast<uint64_t>(most))
+    if (length_ns / static_cast<uint64_t>(step_ns) < static_cast<uint64_t>(max_ticks))
       return even_ticks(first_ns, last_ns, step_ns);
   for (const int step : STEPS_MONTHS)
-    if ((month_of(last_ns) - month_of(first_ns)) / step < most) return month_ticks(first_ns, last_ns, step);
+    if ((month_of(last_ns) - month_of(first_ns)) / step < max_ticks) return month_ticks(first_ns, last_ns, step);
   return {};
 }
 

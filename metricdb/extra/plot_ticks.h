@@ -1,4 +1,4 @@
-// Where an axis is marked: at round values, at round times.
+// Positions and labels of axis ticks: round values and round times.
 #pragma once
 
 #include <cstdint>
@@ -12,19 +12,19 @@ struct ValueTick {
   std::string label;
 };
 
-// Ticks for values from `low` to `high`, both finite: up to `most` + 2 of them, evenly, the first at or below `low` and
-// the last at or above `high`, but for a millionth of a step, each a whole multiple of 1, 2 or 5 times a power of ten.
-// In long double: it holds the distance of any two doubles.
-std::vector<ValueTick> value_ticks(double low, double high, int most);
+// Ticks for values from `low` to `high`, both finite: up to `max_ticks` + 2, with equal distances. The first is at or
+// below `low` and the last at or above `high`, with a tolerance of a millionth of a step. Each is a multiple of 1, 2 or
+// 5 times a power of ten. In long double, which holds the difference of any two doubles.
+std::vector<ValueTick> value_ticks(double low, double high, int max_ticks);
 
 struct TimeTick {
   int64_t ts_ns;
-  std::string label;  // of the time of day, or of the day, month or year if the ticks are that far apart
-  std::string date;   // where the labels are of times of day: at the first tick, and where another day begins
+  std::string label;  // the time of day, or the day, month or year, depending on the step
+  std::string date;   // if the label is a time of day: at the first tick, and where a new day begins
 };
 
-// Up to `most` ticks within the times `first_ns` to `last_ns`: at whole parts of seconds, minutes, hours and days, at
-// the first days of months and years, all UTC. None if no such time is within. A single time is marked as it is.
-std::vector<TimeTick> time_ticks(int64_t first_ns, int64_t last_ns, int most);
+// Up to `max_ticks` ticks between `first_ns` and `last_ns`: at whole fractions of seconds, minutes, hours and days, or
+// at the first days of months and years, in UTC. None if there is no such time. A single time gets one tick.
+std::vector<TimeTick> time_ticks(int64_t first_ns, int64_t last_ns, int max_ticks);
 
 }  // namespace metricdb

@@ -26,7 +26,7 @@ Words words_of(std::string_view text, std::string_view separators = " \t") {
   return words;
 }
 
-// What does not read as a number counts as 0: a sample with a gap serves better than none.
+// An invalid number counts as 0, because an incomplete sample is better than none.
 int64_t number(std::string_view word) {
   int64_t value = 0;
   std::from_chars(word.data(), word.data() + word.size(), value);
@@ -41,7 +41,7 @@ double fraction(std::string_view word) {
 
 struct Column {
   const char *name;
-  size_t index;  // among the words of a line
+  size_t index;  // of a word of the line
 };
 
 template <size_t N>
@@ -53,20 +53,20 @@ std::string integer_fields(const Words &words, const Column (&columns)[N]) {
   return fields;
 }
 
-struct Renamed {
+struct FieldMapping {
   const char *proc_name;
   const char *field;
   int64_t factor;
 };
 
-// Fields from a file of "name value" lines, in the file's order.
+// Fields from a file with lines "name value", in the order of the file.
 template <size_t N>
-std::string named_fields(std::string_view text, const Renamed (&wanted)[N]) {
+std::string named_fields(std::string_view text, const FieldMapping (&wanted)[N]) {
   std::string fields;
   for (const std::string_view line : words_of(text, "\n")) {
     const Words words = words_of(line, " \t:");
     if (words.size() < 2) continue;
-    for (const Renamed &name : wanted)
+    for (const FieldMapping &name : wanted)
       if (words[0] == name.proc_name)
         fmt::format_to(std::back_inserter(fields), "{}{}={}i", fields.empty() ? "" : ",", name.field,
                        number(words[1]) * name.factor);
@@ -74,7 +74,7 @@ std::string named_fields(std::string_view text, const Renamed (&wanted)[N]) {
   return fields;
 }
 
-// A partition carries the name of a disk and a number: sda1 after sda, nvme0n1p1 after nvme0n1. The kernel
+// The name of a partition is the name of its disk and a number: sda1 after sda, nvme0n1p1 after nvme0n1. The kernel
 // lists the disk first.
 bool is_partition(std::string_view name, const Words &disks) {
   for (const std::string_view disk : disks)
@@ -135,7 +135,7 @@ void ProcSampler::sample_load(int64_t ts_ns, std::string &out) const {
 }
 
 void ProcSampler::sample_memory(int64_t ts_ns, std::string &out) const {
-  static constexpr Renamed wanted[] = {
+  static constexpr FieldMapping wanted[] = {
       {"MemTotal", "total", 1024}, {"MemFree", "free", 1024}, {"MemAvailable", "available", 1024},
       {"Cached", "cached", 1024},  {"Dirty", "dirty", 1024},  {"SwapFree", "swap_free", 1024}};
   const std::string fields = named_fields(file("meminfo"), wanted);
@@ -143,9 +143,9 @@ void ProcSampler::sample_memory(int64_t ts_ns, std::string &out) const {
 }
 
 void ProcSampler::sample_paging(int64_t ts_ns, std::string &out) const {
-  static constexpr Renamed wanted[] = {{"pgfault", "faults", 1}, {"pgmajfault", "major_faults", 1},
-                                       {"pgpgin", "in_kib", 1},  {"pgpgout", "out_kib", 1},
-                                       {"pswpin", "swap_in", 1}, {"pswpout", "swap_out", 1}};
+  static constexpr FieldMapping wanted[] = {{"pgfault", "faults", 1}, {"pgmajfault", "major_faults", 1},
+                                            {"pgpgin", "in_kib", 1},  {"pgpgout", "out_kib", 1},
+                                            {"pswpin", "swap_in", 1}, {"pswpout", "swap_out", 1}};
   const std::string fields = named_fields(file("vmstat"), wanted);
   if (!fields.empty()) fmt::format_to(std::back_inserter(out), "paging{} {} {}\n", tags_, fields, ts_ns);
 }
@@ -154,7 +154,7 @@ void ProcSampler::sample_interfaces(int64_t ts_ns, std::string &out) const {
   const std::string text = file("net/dev");
   for (const std::string_view line : words_of(text, "\n")) {
     const Words words = words_of(line, " \t:");
-    // Headings have bars, and an interface that never carried a byte has no news.
+    // Skips headings, which contain bars, and interfaces that were never used.
     if (words.size() < 17 || (number(words[1]) == 0 && number(words[9]) == 0)) continue;
     static constexpr Column columns[] = {{"rx_bytes", 1}, {"rx_packets", 2},  {"rx_errors", 3},
                                          {"tx_bytes", 9}, {"tx_packets", 10}, {"tx_errors", 11}};
@@ -181,7 +181,7 @@ void ProcSampler::sample_disks(int64_t ts_ns, std::string &out) const {
 
 void ProcSampler::sample_self(int64_t ts_ns, std::string &out) const {
   const std::string text = file("self/stat");
-  // The second word is the program's name in parentheses, which can hold blanks and parentheses itself.
+  // The second word is the program's name in parentheses, which can contain blanks and parentheses itself.
   const size_t name_end = text.rfind(')');
   if (name_end == text.npos) return;
   const Words words = words_of(std::string_view(text).substr(name_end + 1), " \n");

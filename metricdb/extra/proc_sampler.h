@@ -1,7 +1,7 @@
 // Samples the counters of this machine from the proc file system, as line protocol.
 //
-// Nothing but numbers leaves the machine, with the names of its network interfaces and disks. A file that is
-// missing or reads otherwise than expected costs its lines and nothing else: kernels differ.
+// A sample contains numbers, and the names of network interfaces and disks. The lines of a missing or unreadable file
+// are omitted, because kernels differ.
 #pragma once
 
 #include <cstdint>
@@ -13,12 +13,12 @@ namespace metricdb {
 
 class ProcSampler {
  public:
-  // host       value of the tag `host` on every line; any text without line ends.
-  // proc_root  where the proc file system is; a test gives a folder of its own.
+  // host       value of the tag `host` of every line; a text without line ends.
+  // proc_root  the root of the proc file system; tests use another folder.
   explicit ProcSampler(std::string_view host, std::string proc_root = "/proc");
 
-  // Appends one sample to `out`, one line per processor, interface, disk and so on, all at `ts_ns`.
-  // `busy` of a processor is its share of the time since the previous sample, so the first one lacks it.
+  // Appends one sample to `out`, one line per processor, interface, disk and so on, all with the time `ts_ns`.
+  // `busy` of a processor is its load since the previous sample, so the first sample lacks it.
   void sample(int64_t ts_ns, std::string &out);
 
  private:
@@ -36,7 +36,7 @@ class ProcSampler {
   void sample_self(int64_t ts_ns, std::string &out) const;
   std::string file(const char *name) const;
 
-  std::string tags_;  // ",host=..." as it stands behind each measurement
+  std::string tags_;  // ",host=..." for each line
   std::string root_;
   std::map<std::string, CpuTimes, std::less<>> previous_;
 };

@@ -11,9 +11,9 @@
 namespace metricdb {
 namespace {
 
-struct Malformed {};
+struct MalformedLine {};
 
-constexpr size_t LONGEST_KEY = 65'534;
+constexpr size_t MAX_KEY_BYTES = 65'534;
 
 bool is_control(char byte) {
   return (byte >= 0 && byte < ' ') || byte == 0x7f;
@@ -28,7 +28,7 @@ std::string escape(const std::string &text, std::string_view special) {
   return escaped;
 }
 
-// The bytes of one line, taken from the front.
+// The bytes of one line, consumed from the front.
 class Bytes {
  public:
   explicit Bytes(std::string_view line) : rest_(line) {}
@@ -36,61 +36,61 @@ class Bytes {
   bool done() const { return rest_.empty(); }
   bool starts_with(char byte) const { return rest_.starts_with(byte); }
 
-  bool take_if(char byte) {
+  bool skip_if(char byte) {
     if (!starts_with(byte)) return false;
     rest_.remove_prefix(1);
     return true;
   }
 
-  char take() {
-    if (done()) throw Malformed();
+  char read() {
+    if (done()) throw MalformedLine();
     const char byte = rest_.front();
     rest_.remove_prefix(1);
     return byte;
   }
 
-  void take_blanks() {
-    while (take_if(' ')) {
+  void skip_blanks() {
+    while (skip_if(' ')) {
     }
   }
 
-  // A name in clear, up to one of `stops` or the end.
-  std::string take_name(std::string_view stops) {
+  // Reads a name up to one of `stops` or the end, and removes its escapes.
+  std::string read_name(std::string_view stops) {
     std::string name;
     while (!done() && stops.find(rest_.front()) == stops.npos) {
-      char byte = take();
-      if (is_control(byte)) throw Malformed();
-      if (byte == '\\' && !done() && stops.find(rest_.front()) != stops.npos) byte = take();
+      char byte = read();
+      if (is_control(byte)) throw MalformedLine();
+      if (byte == '\\' && !done() && stops.find(rest_.front()) != stops.npos) byte = read();
       name += byte;
     }
-    if (name.empty()) throw Malformed();
+    if (name.empty()) throw MalformedLine();
     return name;
   }
 
-  std::string take_word() {
+  std::string read_word() {
     std::string word;
-    while (!done() && !starts_with(',') && !starts_with(' ')) word += take();
+    while (!done() && !starts_with(',') && !starts_with(' ')) word += read();
     return word;
   }
 
-  void take_string() {
-    for (char byte = take(); byte != '"'; byte = take())
-      if (byte == '\\' && (starts_with('"') || starts_with('\\'))) take();
-    if (!done() && !starts_with(',') && !starts_with(' ')) throw Malformed();
+  void skip_string() {
+    for (char byte = read(); byte != '"'; byte = read())
+      if (byte == '\\' && (starts_with('"') || starts_with('\\'))) read();
+    if (!done() && !starts_with(',') && !starts_with(' ')) throw MalformedLine();
   }
 
  private:
   std::string_view rest_;
 };
 
-std::string take_head(Bytes &bytes) {
-  std::string head = escape(bytes.take_name(", "), ", ");
+std::string read_head(Bytes &bytes) {
+  std::string head = escape(bytes.read_name(", "), ", ");
   std::map<std::string, std::string> tags;
-  while (bytes.take_if(',')) {
-    const std::string key = escape(bytes.take_name(",= "), ",= ");
-    if (!bytes.take_if('=')) throw Malformed();
-    const std::string value = escape(bytes.take_name(",= "), ",= ");
-    if (bytes.starts_with('=') || !tags.emplace(key, value).second) throw Malformed();
+  while (bytes.skip_if(',')) {
+    const std::string key = escape(bytes.read_name(",= "), ",= ");
+    if (!bytes.skip_if('=')) throw MalformedLine();
+    const std::string value = escape(bytes.read_name(",= "), ",= ");
+    if (bytes.starts_with('=') || !tags.emplace(key, value).second) throw MalformedLine();
   }
   for (const auto &[key, value] : tags) head += "," + key + "=" + value;
   return head;
@@ -102,7 +102,7 @@ size_t count_digits(const std::string &text, size_t &pos) {
   return pos - begin;
 }
 
-// -12.5e-3: strtod takes more than that.
+// A number like -12.5e-3. strtod accepts other forms too.
 bool is_decimal(const std::string &text) {
   size_t pos = text.starts_with('-') ? 1 : 0;
   size_t digits = count_digits(text, pos);
@@ -121,18 +121,18 @@ bool is_integer(const std::string &text, bool with_sign) {
 }
 
 int64_t integer_of(const std::string &text) {
-  if (!is_integer(text, true)) throw Malformed();
+  if (!is_integer(text, true)) throw MalformedLine();
   errno = 0;
   const long long value = std::strtoll(text.c_str(), nullptr, 10);
-  if (errno != 0) throw Malformed();
+  if (errno != 0) throw MalformedLine();
   return value;
 }
 
 double unsigned_of(const std::string &text) {
-  if (!is_integer(text, false)) throw Malformed();
+  if (!is_integer(text, false)) throw MalformedLine();
   errno = 0;
   const unsigned long long value = std::strtoull(text.c_str(), nullptr, 10);
-  if (errno != 0) throw Malformed();
+  if (errno != 0) throw MalformedLine();
   return static_cast<double>(value);
 }
 
@@ -143,36 +143,36 @@ double value_of(const std::string &word) {
   if (no.contains(word)) return 0.0;
   if (word.ends_with('i')) return static_cast<double>(integer_of(word.substr(0, word.size() - 1)));
   if (word.ends_with('u')) return unsigned_of(word.substr(0, word.size() - 1));
-  if (!is_decimal(word)) throw Malformed();
+  if (!is_decimal(word)) throw MalformedLine();
   errno = 0;
   const double value = std::strtod(word.c_str(), nullptr);
-  // A value too small for full precision is marked as well, and is good; what became 0 or infinite is not.
-  if (errno != 0 && (value == 0.0 || std::isinf(value))) throw Malformed();
+  // A denormal number sets errno too, and is valid. A number that became 0 or infinite is not.
+  if (errno != 0 && (value == 0.0 || std::isinf(value))) throw MalformedLine();
   return value;
 }
 
 std::vector<ReferencePoint> read_points(Bytes &bytes, int64_t ns_per_unit, int64_t now_ns) {
   std::vector<ReferencePoint> points;
-  const std::string head = take_head(bytes);
-  if (!bytes.done() && !bytes.starts_with(' ')) throw Malformed();
-  bytes.take_blanks();
+  const std::string head = read_head(bytes);
+  if (!bytes.done() && !bytes.starts_with(' ')) throw MalformedLine();
+  bytes.skip_blanks();
   do {
-    std::string key = head + " " + escape(bytes.take_name(",= "), ",= ");
-    if (!bytes.take_if('=')) throw Malformed();
-    if (bytes.take_if('"')) {
-      bytes.take_string();
+    std::string key = head + " " + escape(bytes.read_name(",= "), ",= ");
+    if (!bytes.skip_if('=')) throw MalformedLine();
+    if (bytes.skip_if('"')) {
+      bytes.skip_string();
       continue;
     }
-    const double value = value_of(bytes.take_word());
-    if (key.size() > LONGEST_KEY) throw Malformed();
+    const double value = value_of(bytes.read_word());
+    if (key.size() > MAX_KEY_BYTES) throw MalformedLine();
     points.push_back({std::move(key), now_ns, value});
-  } while (bytes.take_if(','));
-  bytes.take_blanks();
+  } while (bytes.skip_if(','));
+  bytes.skip_blanks();
   if (bytes.done()) return points;
 
-  const int64_t units = integer_of(bytes.take_name(" "));
-  bytes.take_blanks();
-  if (!bytes.done() || units > INT64_MAX / ns_per_unit || units < INT64_MIN / ns_per_unit) throw Malformed();
+  const int64_t units = integer_of(bytes.read_name(" "));
+  bytes.skip_blanks();
+  if (!bytes.done() || units > INT64_MAX / ns_per_unit || units < INT64_MIN / ns_per_unit) throw MalformedLine();
   for (ReferencePoint &point : points) point.ts_ns = units * ns_per_unit;
   return points;
 }
@@ -181,11 +181,11 @@ std::vector<ReferencePoint> read_points(Bytes &bytes, int64_t ns_per_unit, int64
 
 std::vector<ReferencePoint> reference_points(std::string_view line, int64_t ns_per_unit, int64_t now_ns) {
   Bytes bytes(line);
-  bytes.take_blanks();
+  bytes.skip_blanks();
   if (bytes.done() || bytes.starts_with('#')) return {};
   try {
     return read_points(bytes, ns_per_unit, now_ns);
-  } catch (const Malformed &) {
+  } catch (const MalformedLine &) {
     return {};
   }
 }

@@ -1,5 +1,5 @@
-// A second reader of line protocol, for checks: written for plainness, with no code and no shortcut of the
-// parser in line_protocol.h, so that a fault of either shows as a difference between them.
+// A second parser for line protocol, for checks. It is simple and shares no code with line_protocol.h, so that a fault
+// of one of them shows as a difference.
 #pragma once
 
 #include <cstdint>
@@ -15,10 +15,10 @@ struct ReferencePoint {
   double value;
 };
 
-// The points of one line, in its order: none for a blank line, a comment or a malformed one.
+// Returns the points of one line, in its order; none for an empty line, a comment or a malformed line.
 //
-// ns_per_unit  of the timestamp.
-// now_ns       the time if the line brings none.
+// ns_per_unit  of the timestamps.
+// now_ns       the time of a line without a timestamp.
 std::vector<ReferencePoint> reference_points(std::string_view line, int64_t ns_per_unit, int64_t now_ns);
 
 }  // namespace metricdb

@@ -10,7 +10,7 @@ namespace {
 
 constexpr uint32_t POLYNOMIAL = 0x82F63B78u;  // bits reversed
 
-// Row k: what a byte does that has k more bytes of its group of eight behind it.
+// Row k is the effect of a byte that is followed by k more bytes of its group of eight.
 using Tables = std::array<std::array<uint32_t, 256>, 8>;
 
 constexpr Tables make_tables() {
@@ -28,9 +28,9 @@ constexpr Tables make_tables() {
 
 constexpr Tables TABLES = make_tables();
 
-uint32_t go_on_by_table(uint32_t crc, const unsigned char *at, size_t count) {
+uint32_t update_by_table(uint32_t crc, const unsigned char *at, size_t count) {
   for (; count >= 8; count -= 8, at += 8) {
-    uint64_t group;  // the low byte is the first: x86-64
+    uint64_t group;  // the low byte is the first one: x86-64
     std::memcpy(&group, at, sizeof group);
     group ^= crc;
     crc = 0;
@@ -40,8 +40,8 @@ uint32_t go_on_by_table(uint32_t crc, const unsigned char *at, size_t count) {
   return crc;
 }
 
-// One instruction for eight bytes. It waits three cycles for the one before it, and starts one in each.
-__attribute__((target("sse4.2"))) uint32_t go_on_by_instruction(uint32_t crc, const unsigned char *at, size_t count) {
+// One instruction per eight bytes.
+__attribute__((target("sse4.2"))) uint32_t update_by_instruction(uint32_t crc, const unsigned char *at, size_t count) {
   uint64_t wide = crc;
   for (; count >= 8; count -= 8, at += 8) {
     uint64_t group;
@@ -55,13 +55,13 @@ __attribute__((target("sse4.2"))) uint32_t go_on_by_instruction(uint32_t crc, co
 
 }  // namespace
 
-uint32_t crc32c_by_table(const void *bytes, size_t count, uint32_t before) {
-  return ~go_on_by_table(~before, static_cast<const unsigned char *>(bytes), count);
+uint32_t crc32c_by_table(const void *bytes, size_t count, uint32_t previous) {
+  return ~update_by_table(~previous, static_cast<const unsigned char *>(bytes), count);
 }
 
-uint32_t crc32c(const void *bytes, size_t count, uint32_t before) {
-  static const auto go_on = __builtin_cpu_supports("sse4.2") ? go_on_by_instruction : go_on_by_table;
-  return ~go_on(~before, static_cast<const unsigned char *>(bytes), count);
+uint32_t crc32c(const void *bytes, size_t count, uint32_t previous) {
+  static const auto update = __builtin_cpu_supports("sse4.2") ? update_by_instruction : update_by_table;
+  return ~update(~previous, static_cast<const unsigned char *>(bytes), count);
 }
 
 }  // namespace metricdb

@@ -1,4 +1,4 @@
-// CRC-32C (Castagnoli): what a database's files are checked with.
+// CRC-32C (Castagnoli), the checksum of a database's files.
 #pragma once
 
 #include <cstddef>
@@ -6,10 +6,10 @@
 
 namespace metricdb {
 
-// The checksum of some bytes, going on from that of the bytes ahead of them; 0 ahead of the first.
-uint32_t crc32c(const void *bytes, size_t count, uint32_t before = 0);
+// Returns the checksum of some bytes. `previous` is the checksum of the bytes before them; 0 for the first bytes.
+uint32_t crc32c(const void *bytes, size_t count, uint32_t previous = 0);
 
-// The same, as it is computed on a processor without an instruction for it.
-uint32_t crc32c_by_table(const void *bytes, size_t count, uint32_t before = 0);
+// The same, computed without the processor's instruction for it.
+uint32_t crc32c_by_table(const void *bytes, size_t count, uint32_t previous = 0);
 
 }  // namespace metricdb

@@ -27,11 +27,11 @@ constexpr mode_t FILE_MODE = 0666;
 constexpr mode_t FOLDER_MODE = 0777;
 constexpr uint64_t STAT_BLOCK_BYTES = 512;
 
-// Fewer than `most` only at the end of the file.
-size_t read_some(const File &file, char *to, size_t most) {
+// Returns fewer than `count` bytes only at the end of the file.
+size_t read_some(const File &file, char *to, size_t count) {
   size_t filled = 0;
-  while (filled < most) {
-    const ssize_t got = read(file.fd(), to + filled, most - filled);
+  while (filled < count) {
+    const ssize_t got = read(file.fd(), to + filled, count - filled);
     if (got == 0) break;
     if (got > 0)
       filled += static_cast<size_t>(got);
@@ -41,13 +41,13 @@ size_t read_some(const File &file, char *to, size_t most) {
   return filled;
 }
 
-// A step of the file layer: false, with errno set, if a test wants it to fail.
-bool may_go_on() {
+// Counts a step of the file layer. Returns false and sets errno if a test makes it fail.
+bool begin_step() {
   errno = take_io_step();
   return errno == 0;
 }
 
-// put(bytes, count) writes some and returns how many.
+// put(bytes, count) writes some bytes and returns their number.
 template <class Put>
 bool put_all(std::string_view text, Put put) {
   while (!text.empty()) {
@@ -62,25 +62,25 @@ bool put_all(std::string_view text, Put put) {
 
 template <class Put>
 bool put_in_two_steps(std::string_view text, Put put) {
-  if (!may_go_on()) return false;
-  const size_t ahead = io_faults_are_armed() ? text.size() / 2 : 0;
-  return put_all(text.substr(0, ahead), put) && may_go_on() && put_all(text.substr(ahead), put);
+  if (!begin_step()) return false;
+  const size_t first_half = io_faults_are_armed() ? text.size() / 2 : 0;
+  return put_all(text.substr(0, first_half), put) && begin_step() && put_all(text.substr(first_half), put);
 }
 
 template <class Call>
 bool sync_with(Call call, int fd) {
-  if (!may_go_on()) return false;
+  if (!begin_step()) return false;
   return call(fd) == 0;
 }
 
-// The descriptor of a file that exists, and is no pipe or folder.
+// Returns the descriptor of an existing regular file.
 int regular_file(const std::string &path, int access) {
   const int fd = ::open(path.c_str(), access | O_CLOEXEC | O_NONBLOCK);
   struct stat about;
   if (fd < 0 || fstat(fd, &about) != 0) fail_file(path, "cannot be opened");
   if (S_ISREG(about.st_mode)) return fd;
   close(fd);
-  throw FileError(path + ": is not a regular file");
+  throw FileError(path + ": not a regular file");
 }
 
 }  // namespace
@@ -107,8 +107,8 @@ File File::open_to_write(const std::string &path) {
 }
 
 File File::create(const std::string &path) {
-  File file(may_go_on() ? ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, FILE_MODE) : -1, path);
-  if (file.fd_ < 0) fail_file(path, "cannot be made");
+  File file(begin_step() ? ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, FILE_MODE) : -1, path);
+  if (file.fd_ < 0) fail_file(path, "cannot be created");
   return file;
 }
 
@@ -120,13 +120,13 @@ File File::folder(const std::string &path) {
 
 File File::poll_group() {
   File file(epoll_create1(EPOLL_CLOEXEC), "epoll");
-  if (file.fd_ < 0) fail_file(file.path_, "cannot be made");
+  if (file.fd_ < 0) fail_file(file.path_, "cannot be created");
   return file;
 }
 
 File File::event() {
   File file(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "an event");
-  if (file.fd_ < 0) fail_file(file.path_, "cannot be made");
+  if (file.fd_ < 0) fail_file(file.path_, "cannot be created");
   return file;
 }
 
@@ -150,10 +150,10 @@ void File::write_at(uint64_t at, std::string_view text) const {
   if (!put_in_two_steps(text, put)) fail_file(path_, "cannot be written");
 }
 
-size_t File::read_at(uint64_t at, char *to, size_t most) const {
+size_t File::read_at(uint64_t at, char *to, size_t count) const {
   size_t filled = 0;
-  while (filled < most) {
-    const ssize_t got = pread(fd_, to + filled, most - filled, static_cast<off_t>(at + filled));
+  while (filled < count) {
+    const ssize_t got = pread(fd_, to + filled, count - filled, static_cast<off_t>(at + filled));
     if (got == 0) break;
     if (got > 0)
       filled += static_cast<size_t>(got);
@@ -172,11 +172,11 @@ void File::sync_data() const {
 }
 
 void File::truncate(uint64_t bytes) const {
-  if (!may_go_on() || ftruncate(fd_, static_cast<off_t>(bytes)) != 0) fail_file(path_, "cannot be cut");
+  if (!begin_step() || ftruncate(fd_, static_cast<off_t>(bytes)) != 0) fail_file(path_, "cannot be truncated");
 }
 
 int File::reserve(uint64_t at, uint64_t bytes) const {
-  if (!may_go_on()) return errno;
+  if (!begin_step()) return errno;
   int result;
   do {
     result = fallocate(fd_, FALLOC_FL_KEEP_SIZE, static_cast<off_t>(at), static_cast<off_t>(bytes));
@@ -185,32 +185,32 @@ int File::reserve(uint64_t at, uint64_t bytes) const {
 }
 
 void make_folder(const std::string &path) {
-  if (!may_go_on() || mkdir(path.c_str(), FOLDER_MODE) != 0) fail_file(path, "cannot be made");
+  if (!begin_step() || mkdir(path.c_str(), FOLDER_MODE) != 0) fail_file(path, "cannot be created");
 }
 
 bool make_folder_if_missing(const std::string &path) {
-  if (may_go_on() && mkdir(path.c_str(), FOLDER_MODE) == 0) return true;
-  if (errno != EEXIST) fail_file(path, "cannot be made");
+  if (begin_step() && mkdir(path.c_str(), FOLDER_MODE) == 0) return true;
+  if (errno != EEXIST) fail_file(path, "cannot be created");
   return false;
 }
 
 void rename_file(const std::string &from, const std::string &to) {
-  if (!may_go_on() || rename(from.c_str(), to.c_str()) != 0) fail_file(to, "cannot be put into place");
+  if (!begin_step() || rename(from.c_str(), to.c_str()) != 0) fail_file(to, "cannot be put into place");
 }
 
 void remove_file(const std::string &path) {
-  if ((!may_go_on() || unlink(path.c_str()) != 0) && errno != ENOENT) fail_file(path, "cannot be removed");
+  if ((!begin_step() || unlink(path.c_str()) != 0) && errno != ENOENT) fail_file(path, "cannot be removed");
 }
 
 void remove_folder_if_empty(const std::string &path) {
-  if (may_go_on() && rmdir(path.c_str()) == 0) return;
+  if (begin_step() && rmdir(path.c_str()) == 0) return;
   if (errno != ENOENT && errno != ENOTEMPTY) fail_file(path, "cannot be removed");
 }
 
 void remove_tree(const std::string &path) {
   std::error_code error;
   if (!fs::is_directory(fs::symlink_status(path, error))) return remove_file(path);
-  std::vector<std::string> members;  // ahead of the first change: what a folder lists while it shrinks is not said
+  std::vector<std::string> members;  // listed first, because removing changes the listing
   for (fs::directory_iterator it(path, error), end; !error && it != end; it.increment(error))
     members.push_back(it->path().string());
   for (const std::string &member : members) remove_tree(member);
@@ -237,11 +237,11 @@ FileSum sum_of(const File &file) {
   return sum;
 }
 
-std::string text_of(const File &file, size_t most) {
+std::string text_of(const File &file, size_t max_bytes) {
   struct stat about;
   if (fstat(file.fd(), &about) != 0) fail_file(file.path(), "cannot be read");
-  if (static_cast<uint64_t>(about.st_size) > most)
-    throw FileError(fmt::format("{}: has more than {} bytes", file.path(), most));
+  if (static_cast<uint64_t>(about.st_size) > max_bytes)
+    throw FileError(fmt::format("{}: has more than {} bytes", file.path(), max_bytes));
   std::string text(static_cast<size_t>(about.st_size), '\0');
   text.resize(read_some(file, text.data(), text.size()));
   return text;

@@ -1,25 +1,25 @@
-// Faults of the file layer (files.h), so that a test can end a process, or fail a disk, at each point where that makes
-// a difference on the disk.
+// Faults of the file layer (files.h). With them a test ends a process, or makes a disk fail, at every point where this
+// makes a difference on the disk.
 //
-// Whatever changes a file or a folder counts as one step, but a write as two: one ahead of it, and one when half of its
-// bytes are written. The variables are read at the first step of a process:
-//   METRICDB_CRASH_AT=k        it kills itself with SIGKILL ahead of step k
-//   METRICDB_FAIL_AT=k:ERROR   step k fails with that error, a name as in ENOSPC or a number, and no other does
+// Each change of a file or a folder is one step. A write is two steps, one before it and one after half of its bytes.
+// The variables are read at the first step of a process:
+//   METRICDB_CRASH_AT=k        the process kills itself with SIGKILL before step k
+//   METRICDB_FAIL_AT=k:ERROR   only step k fails, with that error: a name such as ENOSPC, or a number
 #pragma once
 
 #include <cstdint>
 
 namespace metricdb {
 
-// Steps so far.
+// Number of steps so far.
 uint64_t io_operations();
 
-// As the variables: k counts on from the steps so far, 0 is none. For tests in the process itself.
+// Like the variables, for tests in the process itself. k counts from the next step; 0 means none.
 void crash_at_io(uint64_t k);
 void fail_at_io(uint64_t k, int error);
 
-// For the file layer. The first takes a step: 0, or the error that it fails with. The second says whether a fault may
-// lie ahead, and writes have to stop halfway for it.
+// For the file layer. take_io_step counts a step and returns 0 or the error with which it fails. io_faults_are_armed
+// returns whether a fault can follow, so that writes must be done in two halves.
 int take_io_step();
 bool io_faults_are_armed();
 

@@ -13,7 +13,7 @@
 namespace metricdb {
 namespace {
 
-JournalPlace behind_mark(JournalPlace place) {
+JournalPlace place_after_mark(JournalPlace place) {
   return {place.generation, place.position + sizeof(MarkHead), place.next_sequence + 1};
 }
 
@@ -23,24 +23,24 @@ std::string mark_at(JournalPlace place, EntryKind kind) {
   return mark;
 }
 
-// Written aside first: a file of this name always has a whole head, whatever happens meanwhile.
+// The file is written under a temporary name first, so a file with the final name always has a complete head.
 File make_file(const std::string &path, uint64_t generation) {
-  if (access(path.c_str(), F_OK) == 0) throw FileError(path + ": is there already");
-  const std::string aside = path + ".new";
-  remove_file(aside);
+  if (access(path.c_str(), F_OK) == 0) throw FileError(path + ": already exists");
+  const std::string temporary = path + ".new";
+  remove_file(temporary);
   {
-    const File file = File::create(aside);
+    const File file = File::create(temporary);
     const JournalHead head = make_head(generation);
     file.write(std::string(reinterpret_cast<const char *>(&head), sizeof head) +
-               mark_at(behind_head(generation), EntryKind::opened));
+               mark_at(place_after_head(generation), EntryKind::opened));
     file.sync();
   }
-  rename_file(aside, path);
+  rename_file(temporary, path);
   File::folder(folder_of(path)).sync();
   return File::open_to_write(path);
 }
 
-// The cut is on the disk ahead of the mark, which says so: what was cut off cannot come back behind it.
+// The truncation is synced before the mark is written. Otherwise removed bytes could reappear after the mark.
 File open_file(const std::string &path, const JournalPlace &place) {
   File file = File::open_to_write(path);
   file.truncate(place.position);
@@ -52,13 +52,13 @@ File open_file(const std::string &path, const JournalPlace &place) {
 
 }  // namespace
 
-// ---- Beginning and end ---------------------------------------------------------------------------------------------
+// ---- Creating and closing -------------------------------------------------------------------------------------------
 
 Journal::Journal(const std::string &path, uint64_t generation, Sync sync)
-    : Journal(make_file(path, generation), behind_mark(behind_head(generation)), sync) {}
+    : Journal(make_file(path, generation), place_after_mark(place_after_head(generation)), sync) {}
 
 Journal::Journal(const std::string &path, const JournalPlace &place, Sync sync)
-    : Journal(open_file(path, place), behind_mark(place), sync) {}
+    : Journal(open_file(path, place), place_after_mark(place), sync) {}
 
 Journal::Journal(File file, const JournalPlace &place, Sync sync)
     : file_(std::move(file)),
@@ -73,7 +73,7 @@ Journal::~Journal() {
   try {
     close();
   } catch (const FileError &) {
-    // What is settled is in the file; only the last mark is missing.
+    // All settled batches are in the file; only the last mark is missing.
   }
 }
 
@@ -87,7 +87,7 @@ void Journal::close() {
   writer_.join();
   if (broken_) throw FileError(failed_);
   const uint64_t at = settled_place_.position;
-  // All ahead of the mark is on the disk before the mark can be.
+  // Everything before the mark must be on the disk before the mark is.
   if (durable_ < at) file_.sync_data();
   try {
     file_.write_at(at, mark_at(settled_place_, EntryKind::closed));
@@ -95,18 +95,18 @@ void Journal::close() {
     file_.truncate(at);
     throw;
   }
-  file_.truncate(behind_mark(settled_place_).position);
+  file_.truncate(place_after_mark(settled_place_).position);
   file_.sync();
 }
 
 // ---- Batches -------------------------------------------------------------------------------------------------------
 
-void Journal::append(const RedoRecord &record) noexcept {
+void Journal::append(const redo_args_t &record) noexcept {
   const std::lock_guard guard(mutex_);
-  if (closed_ || !failed_.empty() || !spoiled_.empty()) return;
-  // Short enough for any string to hold without memory.
-  if (record.ctx_name.size() > MOST_NAME_BYTES || record.data_sz > MOST_DATA_BYTES) {
-    spoiled_ = "record too long";
+  if (closed_ || !failed_.empty() || !batch_failure_.empty()) return;
+  // These texts fit a std::string without allocation.
+  if (record.ctx_name_len > MAX_NAME_BYTES || record.data_sz > MAX_DATA_BYTES) {
+    batch_failure_ = "record too long";
     return;
   }
   const size_t bytes_before = batch_.size();
@@ -114,29 +114,29 @@ void Journal::append(const RedoRecord &record) noexcept {
     add_redo(batch_, next_, record);
   } catch (const std::bad_alloc &) {
     batch_.resize(bytes_before);
-    spoiled_ = "no memory";
+    batch_failure_ = "no memory";
   }
 }
 
 uint64_t Journal::commit(std::string_view payload) {
-  if (payload.size() > MOST_PAYLOAD_BYTES) throw std::length_error("the payload of a commit mark is too long");
+  if (payload.size() > MAX_PAYLOAD_BYTES) throw std::length_error("the payload of a commit mark is too long");
   std::unique_lock lock(mutex_);
-  settled_moved_.wait(lock, [this] { return behind_bytes_ <= MOST_BEHIND_BYTES || !failed_.empty(); });
-  make_room(payload.size());
+  settled_moved_.wait(lock, [this] { return unsettled_bytes_ <= MAX_UNSETTLED_BYTES || !failed_.empty(); });
+  reserve_memory(payload.size());
   const uint64_t ticket = ++last_ticket_;
   if (failed_.empty()) {
-    hand_over(ticket, payload);
+    enqueue(ticket, payload);
     lock.unlock();
     work_.notify_one();
   } else {
-    note_refused(ticket, failed_);
-    tell_settled(ticket);
+    add_refused(ticket, failed_);
+    set_settled(ticket);
   }
   return ticket;
 }
 
-// What has to be had is had ahead of the first change: without memory a commit throws, and can be tried again.
-void Journal::make_room(size_t payload_bytes) {
+// Allocates everything before the first change, so that a commit that throws std::bad_alloc can be repeated.
+void Journal::reserve_memory(size_t payload_bytes) {
   const size_t batch_bytes = batch_.size() + sizeof(MarkHead) + payload_bytes;
   batch_.reserve(batch_bytes);
   if (!queue_.bytes.empty()) queue_.bytes.reserve(queue_.bytes.size() + batch_bytes);
@@ -144,10 +144,10 @@ void Journal::make_room(size_t payload_bytes) {
   if (refused_.size() == refused_.capacity()) refused_.reserve(2 * refused_.size() + 1);
 }
 
-void Journal::hand_over(uint64_t ticket, std::string_view payload) {
+void Journal::enqueue(uint64_t ticket, std::string_view payload) {
   add_mark(batch_, next_, EntryKind::commit, durable_, payload);
-  queue_.batches.push_back({ticket, batch_.size(), next_, std::exchange(spoiled_, {})});
-  behind_bytes_ += batch_.size();
+  queue_.batches.push_back({ticket, batch_.size(), next_, std::exchange(batch_failure_, {})});
+  unsettled_bytes_ += batch_.size();
   if (queue_.bytes.empty())
     std::swap(queue_.bytes, batch_);
   else
@@ -162,10 +162,10 @@ uint64_t Journal::settled() const {
 
 std::string Journal::failure(uint64_t ticket) const {
   const std::lock_guard guard(mutex_);
-  const auto behind = std::upper_bound(refused_.begin(), refused_.end(), ticket,
-                                       [](uint64_t value, const Refused &range) { return value < range.first; });
-  if (behind == refused_.begin() || std::prev(behind)->last < ticket) return {};
-  return std::prev(behind)->reason;
+  const auto next = std::upper_bound(refused_.begin(), refused_.end(), ticket,
+                                     [](uint64_t value, const RefusedRange &range) { return value < range.first; });
+  if (next == refused_.begin() || std::prev(next)->last < ticket) return {};
+  return std::prev(next)->reason;
 }
 
 void Journal::wait(uint64_t ticket) const {
@@ -200,34 +200,34 @@ void Journal::restart() {
   if (broken_) throw FileError(failed_);
   if (failed_.empty()) return;
   batch_.clear();
-  spoiled_.clear();
+  batch_failure_.clear();
   failed_.clear();
   next_ = settled_place_;
-  // What follows stands at other places than what was refused: a reader that has a part of that in its hands must not
-  // take it for the beginning of this.
+  // The mark shifts the following entries. So a reader that has read a part of the refused entries cannot combine them
+  // with the new ones.
   add_mark(batch_, next_, EntryKind::opened, durable_, {});
 }
 
 bool Journal::reserve(uint64_t bytes, std::string *why) {
-  uint64_t from, least, n_cuts;
+  uint64_t from, min_end, n_cuts;
   {
     const std::lock_guard guard(mutex_);
     if (!failed_.empty()) {
       if (why != nullptr) *why = failed_;
       return false;
     }
-    least = next_.position + bytes;
-    if (least <= reserved_end_) return true;
+    min_end = next_.position + bytes;
+    if (min_end <= reserved_end_) return true;
     from = std::max(reserved_end_, settled_place_.position);
     n_cuts = n_cuts_;
   }
-  // Without the lock: whoever appends need not wait for the file system.
-  uint64_t to = (least + RESERVE_BYTES - 1) / RESERVE_BYTES * RESERVE_BYTES;
+  // Without the lock, so that append does not wait for the file system.
+  uint64_t to = (min_end + RESERVE_BYTES - 1) / RESERVE_BYTES * RESERVE_BYTES;
   int error = file_.reserve(from, to - from);
-  if (error == ENOSPC || error == EDQUOT || error == EFBIG) error = file_.reserve(from, (to = least) - from);
+  if (error == ENOSPC || error == EDQUOT || error == EFBIG) error = file_.reserve(from, (to = min_end) - from);
   if (error == EOPNOTSUPP || error == ENOSYS) return true;
   if (error != 0) {
-    if (why != nullptr) *why = fmt::format("{}: no room for {} bytes: {}", path(), bytes, std::strerror(error));
+    if (why != nullptr) *why = fmt::format("{}: no space for {} bytes: {}", path(), bytes, std::strerror(error));
     return false;
   }
   const std::lock_guard guard(mutex_);
@@ -238,17 +238,17 @@ bool Journal::reserve(uint64_t bytes, std::string *why) {
 // ---- The writer ----------------------------------------------------------------------------------------------------
 
 void Journal::run() {
-  Queue taken;
+  Queue current;
   std::unique_lock lock(mutex_);
   for (;;) {
     work_.wait(lock, [this] { return closed_ || !queue_.batches.empty(); });
     if (queue_.batches.empty()) return;
-    std::swap(taken, queue_);
+    std::swap(current, queue_);
     const uint64_t at = settled_place_.position;
     lock.unlock();
-    write_queue(taken, at);
-    taken.bytes.clear();
-    taken.batches.clear();
+    write_queue(current, at);
+    current.bytes.clear();
+    current.batches.clear();
     lock.lock();
   }
 }
@@ -256,17 +256,17 @@ void Journal::run() {
 bool Journal::write_queue(const Queue &queue, uint64_t at) {
   std::string_view rest = queue.bytes;
   for (size_t first = 0; first < queue.batches.size();) {
-    if (const Batch &batch = queue.batches[first]; !batch.spoiled.empty())
-      return cut_and_refuse(at, batch.ticket, fmt::format("{}: {}", path(), batch.spoiled));
-    size_t behind = first, bytes = 0;
+    if (const Batch &batch = queue.batches[first]; !batch.failure.empty())
+      return cut_and_refuse(at, batch.ticket, fmt::format("{}: {}", path(), batch.failure));
+    size_t end = first, bytes = 0;
     do {
-      bytes += queue.batches[behind++].bytes;
-    } while (behind < queue.batches.size() && queue.batches[behind].spoiled.empty() && sync_ != Sync::always);
+      bytes += queue.batches[end++].bytes;
+    } while (end < queue.batches.size() && queue.batches[end].failure.empty() && sync_ != Sync::always);
     if (!write_batches(rest.substr(0, bytes), at, queue.batches[first].ticket)) return false;
-    settle(queue.batches[behind - 1], bytes);
+    settle(queue.batches[end - 1], bytes);
     rest.remove_prefix(bytes);
     at += bytes;
-    first = behind;
+    first = end;
   }
   return true;
 }
@@ -286,7 +286,7 @@ bool Journal::write_batches(std::string_view bytes, uint64_t at, uint64_t first_
   return true;
 }
 
-// The cut is on the disk before anybody hears of it: else a crash could bring back, whole, what was refused.
+// The truncation is synced before the refusal is reported. Otherwise a crash could restore a refused batch.
 bool Journal::cut_and_refuse(uint64_t at, uint64_t first_ticket, const std::string &reason) {
   try {
     file_.truncate(at);
@@ -303,34 +303,34 @@ void Journal::refuse(uint64_t first_ticket, const std::string &reason, bool for_
   failed_ = reason;
   broken_ = for_good;
   queue_ = {};
-  behind_bytes_ = 0;
+  unsettled_bytes_ = 0;
   reserved_end_ = 0;
   ++n_cuts_;
-  note_refused(first_ticket, reason);
-  tell_settled(last_ticket_);
+  add_refused(first_ticket, reason);
+  set_settled(last_ticket_);
 }
 
 void Journal::settle(const Batch &last, size_t bytes) {
   const std::lock_guard guard(mutex_);
-  settled_place_ = last.behind;
-  if (sync_ != Sync::none) durable_ = last.behind.position;
-  behind_bytes_ -= bytes;
-  tell_settled(last.ticket);
+  settled_place_ = last.next;
+  if (sync_ != Sync::none) durable_ = last.next.position;
+  unsettled_bytes_ -= bytes;
+  set_settled(last.ticket);
 }
 
-// All tickets from the first on are refused. Those of one outage make one range, however long it lasts.
-void Journal::note_refused(uint64_t first_ticket, const std::string &reason) {
+// Adds all tickets from `first_ticket` on. Consecutive tickets with the same reason are one range.
+void Journal::add_refused(uint64_t first_ticket, const std::string &reason) {
   if (!refused_.empty() && refused_.back().last + 1 == first_ticket && refused_.back().reason == reason)
     refused_.back().last = last_ticket_;
   else
     refused_.push_back({first_ticket, last_ticket_, reason});
 }
 
-void Journal::tell_settled(uint64_t ticket) {
+void Journal::set_settled(uint64_t ticket) {
   settled_ = ticket;
   settled_moved_.notify_all();
   const uint64_t one = 1;
-  // It fails only when the counter is full, and readable anyway.
+  // Fails only if the counter is at its maximum, and then the event is readable.
   [[maybe_unused]] const ssize_t ignored = write(event_.fd(), &one, sizeof one);
 }
 

@@ -12,7 +12,7 @@ std::string_view bytes_of(const Head &head) {
   return {reinterpret_cast<const char *>(&head), sizeof head};
 }
 
-// An entry that stands at the end of `text` gets its checksum, and the next one its place.
+// Completes the entry that begins at `at`: sets its checksum and moves the place to the next entry.
 void finish_entry(std::string &text, size_t at, JournalPlace &place) {
   const std::string_view entry = std::string_view(text).substr(at);
   const uint32_t sum = sum_of_entry(place.generation, place.position, entry);
@@ -29,27 +29,27 @@ JournalHead make_head(uint64_t generation) {
   head.version = JOURNAL_VERSION;
   head.generation = generation;
   const std::string_view bytes = bytes_of(head);
-  const uint32_t ahead = crc32c(bytes.data(), offsetof(JournalHead, crc32c));
-  head.crc32c = crc32c(bytes.data() + offsetof(JournalHead, generation), sizeof generation, ahead);
+  const uint32_t first_part = crc32c(bytes.data(), offsetof(JournalHead, crc32c));
+  head.crc32c = crc32c(bytes.data() + offsetof(JournalHead, generation), sizeof generation, first_part);
   return head;
 }
 
-void add_redo(std::string &to, JournalPlace &place, const RedoRecord &record) {
+void add_redo(std::string &to, JournalPlace &place, const redo_args_t &record) {
   const size_t at = to.size();
   const uint32_t n_bytes = record.data_ptr != nullptr ? record.data_sz : 0;
   RedoHead head = {};
-  head.entry.length = static_cast<uint32_t>(sizeof head + record.ctx_name.size() + n_bytes);
+  head.entry.length = static_cast<uint32_t>(sizeof head + record.ctx_name_len + n_bytes);
   head.entry.sequence = place.next_sequence;
   head.entry.kind = EntryKind::redo;
   head.entry.rec_type = record.rec_type;
   head.entry.has_data = record.data_ptr != nullptr ? 1 : 0;
-  head.entry.name_bytes = static_cast<uint8_t>(record.ctx_name.size());
+  head.entry.name_bytes = static_cast<uint8_t>(record.ctx_name_len);
   head.entry.tbl_id = record.tbl_id;
   head.txn_id = record.txn_id;
   head.data_off = record.data_off;
   head.aux_idx = record.aux_idx;
   head.data_sz = record.data_sz;
-  to.append(bytes_of(head)).append(record.ctx_name);
+  to.append(bytes_of(head)).append(record.ctx_name, record.ctx_name_len);
   if (n_bytes != 0) to.append(static_cast<const char *>(record.data_ptr), n_bytes);
   finish_entry(to, at, place);
 }

@@ -1,19 +1,18 @@
-// A journal's file, byte by byte: what its writer and its reader share. All numbers are little-endian, nothing is
-// aligned.
+// The format of a journal file, for its writer and its reader. All numbers are little-endian. Nothing is aligned.
 //
 // clang-format off
 //
 // Head
 //   0   8  magic
 //   8   4  format version
-//   12  4  CRC-32C of the other bytes of the head, in their order
-//   16  8  number of the generation that the file follows
+//   12  4  CRC-32C of the other bytes of the head
+//   16  8  number of the generation to which the journal belongs
 //
-// Entries, back to back after it
+// Entries, without gaps after it
 //   0   4  length of the entry, these bytes included
 //   4   4  CRC-32C of generation, position of the entry in the file and length (8, 8, 4 bytes), then of the entry from
 //          byte 8 on
-//   8   8  sequence: 1 for the first entry of a file, then without a gap
+//   8   8  sequence number: 1 for the first entry of a file, then without gaps
 //   16  1  kind
 //
 //          of a redo record                              of a mark
@@ -21,7 +20,7 @@
 //   18  1  1: data_ptr was not null; 0: it was           0
 //   19  1  length of ctx_name                            0
 //   20  4  tbl_id                                        0
-//   24  8  txn_id                                        position up to which the file was known to be on the disk
+//   24  8  txn_id                                        end of the part of the file that was synced
 //   32  8  data_off                                      payload of the caller, to the end of the entry
 //   40  4  aux_idx
 //   44  4  data_sz
@@ -29,10 +28,12 @@
 //
 // clang-format on
 //
-// The redo records of a batch are followed by its commit mark, and count when that is whole. The other marks stand
-// between batches. Since the checksum knows generation and position, bytes of another journal, of another place, or of
-// a journal that was stored as data are not taken for an entry.
+// The redo records of a batch are followed by its commit mark, and are valid if the mark is complete. The other marks
+// are between batches. The checksum includes generation and position, so bytes of another journal, of another position,
+// or of a journal that was stored as data are not valid entries.
 #pragma once
+
+#include <tslb/redo_applier.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -45,8 +46,8 @@ namespace metricdb {
 enum class EntryKind : uint8_t {
   redo = 1,
   commit = 2,  // ends a batch
-  opened = 3,  // first entry of a writer: all ahead of it is on the disk
-  closed = 4,  // last entry of one that came to its end, likewise
+  opened = 3,  // first entry of a writer: everything before it is synced
+  closed = 4,  // last entry of a writer that was closed: everything before it is synced
 };
 
 struct __attribute__((packed)) JournalHead {
@@ -95,42 +96,30 @@ static_assert(std::has_unique_object_representations_v<JournalHead> &&
 inline constexpr std::string_view JOURNAL_MAGIC = {"mdb\xB5jrn\n", 8};
 inline constexpr uint32_t JOURNAL_VERSION = 1;
 
-inline constexpr size_t MOST_NAME_BYTES = 255;
-inline constexpr uint32_t MOST_DATA_BYTES = 1u << 28;     // more than any slot of a pool that addresses can name
-inline constexpr uint32_t MOST_PAYLOAD_BYTES = 1u << 16;  // bounds the search for marks behind a fault
+inline constexpr size_t MAX_NAME_BYTES = 255;
+inline constexpr uint32_t MAX_DATA_BYTES = 1u << 28;     // more than the largest memory slot
+inline constexpr uint32_t MAX_PAYLOAD_BYTES = 1u << 16;  // limits the search for marks after a fault
 
-// A redo record as the hook gets it, with its bytes.
-struct RedoRecord {
-  uint64_t txn_id;
-  char rec_type;
-  std::string_view ctx_name;
-  uint32_t tbl_id;
-  uint64_t data_off;
-  uint32_t aux_idx;
-  const void *data_ptr;  // null: no bytes, whatever data_sz is
-  uint32_t data_sz;
-};
-
-// Where a journal goes on: behind its last mark.
+// The place after the last mark, where a writer continues.
 struct JournalPlace {
   uint64_t generation = 0;
   uint64_t position = 0;
   uint64_t next_sequence = 0;
 };
 
-// Where a file's first entry goes.
-inline JournalPlace behind_head(uint64_t generation) {
+// The place of the first entry of a file.
+inline JournalPlace place_after_head(uint64_t generation) {
   return {generation, sizeof(JournalHead), 1};
 }
 
 JournalHead make_head(uint64_t generation);
 
-// Put an entry behind `to`, and move `place` behind it. The record's name and bytes are within their limits, and so is
-// the payload.
-void add_redo(std::string &to, JournalPlace &place, const RedoRecord &record);
+// Append an entry to `to` and move `place` to its end. The record's name and data and the payload are within the
+// limits.
+void add_redo(std::string &to, JournalPlace &place, const redo_args_t &record);
 void add_mark(std::string &to, JournalPlace &place, EntryKind kind, uint64_t durable, std::string_view payload);
 
-// The checksum of a whole entry that lies at `position`.
+// Returns the checksum of a complete entry at `position`.
 uint32_t sum_of_entry(uint64_t generation, uint64_t position, std::string_view entry);
 
 }  // namespace metricdb

@@ -1,8 +1,7 @@
-// Reads a journal: the batches that count, in order, and what stands behind the last of them.
+// Reads a journal: its complete batches in order, and the state of the bytes after them.
 #pragma once
 
 #include <functional>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 
@@ -10,40 +9,35 @@
 
 namespace metricdb {
 
-// "path: byte 1234: what". The file is not what a journal can be, even after a crash.
-class JournalDamaged : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
-
 // How a file ends.
 enum class JournalEnd {
-  clean,    // with a mark
-  torn,     // with what a crash leaves: bytes that were never synced, or a batch without its mark
-  damaged,  // a fault ahead of bytes that were on the disk
+  clean,    // after a mark
+  torn,     // with a tail as a crash leaves it: bytes that were never synced, or a batch without its mark
+  damaged,  // with a fault before bytes that are known to have been on the disk, which no crash explains
 };
 
 struct ScanResult {
-  JournalPlace place;  // behind the last mark that counts, where a writer goes on; 0 if the head is damaged
-  uint64_t n_batches = 0;
+  JournalPlace place;      // after the last valid mark, where a writer continues; position 0 if the head is damaged
+  uint64_t n_batches = 0;  // before the place
   uint64_t n_records = 0;  // of those batches
-  uint64_t bytes_cut = 0;  // behind the place
+  uint64_t bytes_cut = 0;  // after the place
   JournalEnd end = JournalEnd::clean;
-  bool closed = false;  // the last mark says that the writer came to its end
-  std::string what;     // one line about a tail that is cut; empty if there is none
+  bool is_closed = false;  // the last mark is that of a writer that was closed
+  std::string fault;       // the first fault, "path: byte 1234: reason"; empty if the end is clean
+
+  // One line: the fault, and the number of bytes that are cut or lost. Empty if the end is clean.
+  std::string warning() const;
 };
 
-// What becomes of what is read. Views are good until the call returns. What they throw ends the scan.
+// Callbacks of scan_journal. Views and pointers are valid during the call. An exception ends the scan.
 struct JournalVisitor {
-  std::function<void(const RedoRecord &)> record;
-  std::function<void(std::string_view payload, uint64_t position)> commit;  // position: behind the mark
+  std::function<void(const redo_args_t &)> record;
+  std::function<void(std::string_view payload, uint64_t position)> commit;  // position: after the mark
 };
 
-// Reads the whole file, which stays as it is; a writer can go on meanwhile, and the end is where the file ended at the
-// start of the call. A batch is given when its commit mark was read whole; it is in memory until then. Throws
-// FileError, and JournalDamaged for a file that is no journal, or for a fault that no crash explains: an entry is
-// wrong, and a mark behind it says that the disk had it. By then the batches ahead of the fault were given. With
-// `salvage` those are what is returned, as `damaged`, and the line says how much is lost.
-ScanResult scan_journal(const std::string &path, const JournalVisitor &visitor, bool salvage = false);
+// Reads the whole file, without changing it. A writer can append meanwhile; the scan ends where the file ended at the
+// start of the call. The records of a batch are passed to the visitor after its commit mark was read, and are in memory
+// until then. The scan of a damaged file ends at the fault. Throws FileError.
+ScanResult scan_journal(const std::string &path, const JournalVisitor &visitor);
 
 }  // namespace metricdb

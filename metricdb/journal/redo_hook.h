@@ -1,21 +1,21 @@
-// The redo hook of this program: the library's records go to the journal that is switched on, and nowhere else.
+// The redo hook of this program. It writes the library's redo records to the current journal.
 #pragma once
 
 #include "journal/journal.h"
 
 namespace metricdb {
 
-// Switches a journal on while it lives. Nothing is logged when none is on, as while a journal is replayed.
-// Scopes nest. No thread changes arrays while one begins or ends.
-class RedoTo {
+// Makes a journal the current one during its lifetime. Without a current journal nothing is logged, for example during
+// the replay of a journal. Scopes can be nested. No thread may change arrays while a scope begins or ends.
+class RedoScope {
  public:
-  explicit RedoTo(Journal &journal);
-  ~RedoTo();
-  RedoTo(const RedoTo &) = delete;
-  RedoTo &operator=(const RedoTo &) = delete;
+  explicit RedoScope(Journal &journal);
+  ~RedoScope();
+  RedoScope(const RedoScope &) = delete;
+  RedoScope &operator=(const RedoScope &) = delete;
 
  private:
-  Journal *const before_;
+  Journal *const previous_;
 };
 
 }  // namespace metricdb

@@ -8,17 +8,17 @@
 namespace metricdb {
 namespace {
 
-// What stays with the pool for the next who asks; more goes back to the system.
-constexpr size_t MOST_SPARE_BYTES = size_t{64} << 20;
+// Unused memory that the pool keeps; more is freed.
+constexpr size_t MAX_SPARE_BYTES = size_t{64} << 20;
 
-// Less room than this is not worth a call to the system, and is made anew.
-constexpr size_t LITTLE_ROOM = 4096;
+// With less room than this a call of recv is not worthwhile.
+constexpr size_t MIN_ROOM = 4096;
 
 }  // namespace
 
 Block BlockPool::lend(size_t bytes) {
-  const size_t capacity = std::bit_ceil(std::max(bytes, LEAST_BYTES));
-  if (capacity > most_bytes_ - std::min(lent_bytes_, most_bytes_)) return {};
+  const size_t capacity = std::bit_ceil(std::max(bytes, MIN_BYTES));
+  if (capacity > max_bytes_ - std::min(lent_bytes_, max_bytes_)) return {};
   lent_bytes_ += capacity;
   std::vector<Block> &spares = spares_[static_cast<size_t>(std::countr_zero(capacity))];
   if (spares.empty()) return {std::make_unique_for_overwrite<char[]>(capacity), capacity};
@@ -30,7 +30,7 @@ Block BlockPool::lend(size_t bytes) {
 
 void BlockPool::take_back(Block block) {
   lent_bytes_ -= block.capacity;
-  if (block.capacity > MOST_SPARE_BYTES - spare_bytes_) return;
+  if (block.capacity > MAX_SPARE_BYTES - spare_bytes_) return;
   spare_bytes_ += block.capacity;
   spares_[static_cast<size_t>(std::countr_zero(block.capacity))].push_back(std::move(block));
 }
@@ -41,7 +41,7 @@ void ByteBuffer::release() {
 }
 
 bool ByteBuffer::make_room(size_t wanted) {
-  if (room() >= std::min(wanted, LITTLE_ROOM)) return true;
+  if (room() >= std::min(wanted, MIN_ROOM)) return true;
   if (size() + wanted <= block_.capacity) {
     std::memmove(block_.bytes.get(), data(), size());
     end_ = size();

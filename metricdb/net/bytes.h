@@ -1,7 +1,7 @@
-// Memory for what arrives over the network: blocks that go from hand to hand, and a buffer on one block.
+// Memory for received bytes: a pool of blocks, and a buffer on one block.
 //
-// A connection holds a block only while part of a request lies in it, so thousands of silent ones cost nothing, and a
-// busy one finds the block it just returned, warm in the cache. All blocks together have a bound.
+// A connection has a block only while part of a request is in it, so idle connections need no memory. A busy connection
+// gets the block that it returned last, which is in the cache. The size of all blocks in use is limited.
 //
 // Threads: one.
 #pragma once
@@ -21,25 +21,25 @@ struct Block {
 
 class BlockPool {
  public:
-  // Least block, and so the most that a connection costs before it has sent much.
-  static constexpr size_t LEAST_BYTES = size_t{64} << 10;
+  // The smallest block, and the memory of a connection that has received little.
+  static constexpr size_t MIN_BYTES = size_t{64} << 10;
 
-  explicit BlockPool(size_t most_bytes) : most_bytes_(most_bytes) {}
+  explicit BlockPool(size_t max_bytes) : max_bytes_(max_bytes) {}
 
-  // A block of at least that many bytes, not zeroed. Without bytes if the bound would be passed.
+  // Returns a block of at least that many bytes, not zeroed. Its `bytes` are null if the limit would be exceeded.
   Block lend(size_t bytes);
   void take_back(Block block);
 
   size_t lent_bytes() const { return lent_bytes_; }
 
  private:
-  const size_t most_bytes_;
+  const size_t max_bytes_;
   size_t lent_bytes_ = 0;
   size_t spare_bytes_ = 0;
-  std::array<std::vector<Block>, 64> spares_;  // by the power of two that is their size
+  std::array<std::vector<Block>, 64> spares_;  // by the logarithm of their size
 };
 
-// Bytes that come at the end and go at the front, always in one piece.
+// A queue of bytes in contiguous memory.
 class ByteBuffer {
  public:
   explicit ByteBuffer(BlockPool &pool) : pool_(pool) {}
@@ -55,11 +55,12 @@ class ByteBuffer {
   char *tail() { return block_.bytes.get() + end_; }
   size_t room() const { return block_.capacity - end_; }
 
-  // Makes room for `wanted` more bytes where hardly any is left; the bytes may move. False if the pool has no memory.
+  // Makes room for about `wanted` more bytes, unless there is room already. The bytes may move. Returns false without
+  // memory.
   bool make_room(size_t wanted);
-  void append_room(size_t n) { end_ += n; }  // so many were written at `tail`
+  void append_room(size_t n) { end_ += n; }  // bytes that were written at `tail`
   void drop_front(size_t n);
-  // Keeps `n` bytes from `from` on, which lies in the buffer.
+  // Keeps only the `n` bytes from `from` on, which are in the buffer.
   void keep(const char *from, size_t n);
 
  private:

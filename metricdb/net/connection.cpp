@@ -14,24 +14,24 @@
 namespace metricdb {
 namespace {
 
-// Requests of one connection whose answers are outstanding, and answers that the peer has not read.
-constexpr size_t MOST_OWED = 256;
-constexpr size_t MOST_OUT_BYTES = size_t{64} << 10;
+// Limits for the pending answers of one connection, and for the answers that the peer has not read.
+constexpr size_t MAX_OWED = 256;
+constexpr size_t MAX_OUT_BYTES = size_t{64} << 10;
 
-// One call's worth: what one peer may keep the others waiting for.
-constexpr size_t MOST_READ_BYTES = size_t{4} << 20;
+// Limit of one call, so that one peer does not delay the others.
+constexpr size_t MAX_READ_BYTES = size_t{4} << 20;
 
-// At the end of the server nobody waits long for a peer that does not hang up.
-constexpr std::chrono::milliseconds DRAIN_LEAVE{200};
+// During the shutdown of the server the time that a peer has to close its side.
+constexpr std::chrono::milliseconds DRAIN_CLOSE_TIMEOUT{200};
 
-bool is_for_now(int error) {
+bool is_temporary(int error) {
   return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
 }
 
 }  // namespace
 
-Taken Hub::take(std::string_view text, Precision precision) {
-  Taken taken;
+IngestResult Hub::take(std::string_view text, Precision precision) {
+  IngestResult taken;
   try {
     taken = ingest.take(text, precision);
   } catch (const IngestRefused &) {
@@ -48,7 +48,7 @@ Taken Hub::take(std::string_view text, Precision precision) {
 }
 
 Connection::Connection(int fd, Hub &hub)
-    : fd_(fd), hub_(hub), input_(hub.blocks), last_heard_(hub.now), request_began_(hub.now) {}
+    : fd_(fd), hub_(hub), input_(hub.blocks), last_activity_(hub.now), request_begin_(hub.now) {}
 
 Connection::~Connection() {
   hub_.closed.add(1);
@@ -59,55 +59,57 @@ void Connection::log(const std::string &what) const {
   TSLB_DLOG(LOG_REFUSALS, "%s: %s", tslb_get_dest_addr_ex(fd_, 1), what.c_str());
 }
 
-void Connection::give_up(const char *why) {
+void Connection::close_with_error(const char *why) {
   if (!is_broken_) log(std::string(why) + "; connection closed");
   is_broken_ = true;
 }
 
-bool Connection::may_take() const {
+bool Connection::is_within_limits() const {
   return !is_input_over_ && hub_.unanswered_bytes < hub_.options.max_unanswered_bytes &&
-         owed_bytes_ < hub_.options.max_connection_bytes && owed_.size() < MOST_OWED && out_.size() < MOST_OUT_BYTES;
+         pending_bytes_ < hub_.options.max_connection_bytes && pending_.size() < MAX_OWED &&
+         out_.size() < MAX_OUT_BYTES;
 }
 
 bool Connection::is_ready() const {
-  return is_leaving_ ? is_readable_ : may_take() && (is_readable_ || is_deferred_);
+  return is_closing_ ? is_readable_ : is_within_limits() && (is_readable_ || is_deferred_);
 }
 
 bool Connection::is_held() const {
-  return !is_input_over_ && !may_take() && (is_readable_ || is_deferred_);
+  return !is_input_over_ && !is_within_limits() && (is_readable_ || is_deferred_);
 }
 
 void Connection::on_events(uint32_t events) {
   if ((events & (EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) is_readable_ = true;
   if ((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) is_hung_up_ = true;
-  if ((events & (EPOLLHUP | EPOLLERR)) != 0 && is_leaving_) is_broken_ = true;
+  if ((events & (EPOLLHUP | EPOLLERR)) != 0 && is_closing_) is_broken_ = true;
 }
 
-void Connection::turn() {
-  if (is_deferred_ && may_take()) {
+void Connection::process() {
+  if (is_deferred_ && is_within_limits()) {
     is_deferred_ = false;
     consume();
   }
-  if (is_readable_ && may_take()) {
+  if (is_readable_ && is_within_limits()) {
     receive();
     if (!input_.empty() || is_inside_request()) consume();
   }
-  // Whatever the bounds left there is whole, or might be.
-  is_deferred_ = !input_.empty() && !is_input_over_ && !may_take();
-  if (is_leaving_) discard();
-  pay(0, {});
+  // The limits left bytes that may be complete requests.
+  is_deferred_ = !input_.empty() && !is_input_over_ && !is_within_limits();
+  if (is_closing_) discard();
+  send_settled(0, {});
 }
 
 void Connection::receive() {
   if (is_draining_ && drain_left_ == 0) return end_input();
   if (!input_.make_room(room_wanted())) return refuse_room();
-  size_t most = std::min(input_.room(), MOST_READ_BYTES);
-  if (is_draining_) most = std::min(most, drain_left_);
-  const ssize_t got = recv(fd_, input_.tail(), most, 0);
+  size_t max_bytes = std::min(input_.room(), MAX_READ_BYTES);
+  if (is_draining_) max_bytes = std::min(max_bytes, drain_left_);
+  const ssize_t got = recv(fd_, input_.tail(), max_bytes, 0);
   if (got > 0) {
     on_received(static_cast<size_t>(got));
-    // Less than asked for was all there was; the next byte gives the next event, but an end ahead of it gave its own.
-    if (static_cast<size_t>(got) < most && !is_hung_up_ && !is_draining_) is_readable_ = false;
+    // Fewer bytes than requested: the socket is empty, and the next byte causes an event. A pending close has caused
+    // its event already, so then it stays readable.
+    if (static_cast<size_t>(got) < max_bytes && !is_hung_up_ && !is_draining_) is_readable_ = false;
     return;
   }
   input_.drop_front(0);
@@ -117,7 +119,7 @@ void Connection::receive() {
     on_input_end();
   } else if (errno == EINTR) {
     return;
-  } else if (is_for_now(errno)) {
+  } else if (is_temporary(errno)) {
     is_readable_ = false;
     if (is_draining_) end_input();
   } else {
@@ -126,53 +128,53 @@ void Connection::receive() {
 }
 
 void Connection::on_received(size_t n) {
-  if (!is_inside_request() && input_.empty()) request_began_ = hub_.now;
+  if (!is_inside_request() && input_.empty()) request_begin_ = hub_.now;
   input_.append_room(n);
-  last_heard_ = hub_.now;
+  last_activity_ = hub_.now;
   hub_.bytes.add(n);
   if (is_draining_) drain_left_ -= n;
 }
 
-void Connection::owe(Owed owed) {
-  owed_bytes_ += owed.bytes;
-  owed_.push_back(std::move(owed));
+void Connection::queue(PendingAnswer answer) {
+  pending_bytes_ += answer.bytes;
+  pending_.push_back(std::move(answer));
 }
 
 void Connection::committed(uint64_t ticket) {
-  for (Owed &owed : owed_)
-    if (owed.ticket == OPEN_TICKET) owed.ticket = ticket;
+  for (PendingAnswer &answer : pending_)
+    if (answer.ticket == OPEN_TICKET) answer.ticket = ticket;
 }
 
 void Connection::settled(uint64_t ticket, const Refusals &refusals) {
-  pay(ticket, refusals);
+  send_settled(ticket, refusals);
 }
 
-// Sends what is owed up to the first answer that has to wait.
-void Connection::pay(uint64_t settled_ticket, const Refusals &refusals) {
-  while (!owed_.empty() && owed_.front().ticket <= settled_ticket) {
-    Owed &owed = owed_.front();
+// Sends the answers up to the first one whose batch is not settled.
+void Connection::send_settled(uint64_t settled_ticket, const Refusals &refusals) {
+  while (!pending_.empty() && pending_.front().ticket <= settled_ticket) {
+    PendingAnswer &answer = pending_.front();
     const auto refusal = std::find_if(refusals.begin(), refusals.end(),
-                                      [&](const auto &candidate) { return candidate.first == owed.ticket; });
+                                      [&](const auto &candidate) { return candidate.first == answer.ticket; });
     if (refusal != refusals.end()) {
       hub_.refused.add(1);
-      refuse(owed, refusal->second);
+      refuse(answer, refusal->second);
     }
-    owed_bytes_ -= owed.bytes;
-    out_ += owed.text;
-    owed_.pop_front();
+    pending_bytes_ -= answer.bytes;
+    out_ += answer.text;
+    pending_.pop_front();
   }
   send_out();
-  if (is_input_over_ && !is_leaving_ && !is_owed() && !is_broken_) take_leave();
+  if (is_input_over_ && !is_closing_ && !has_pending() && !is_broken_) begin_close();
 }
 
 void Connection::send_out() {
   while (!out_.empty() && !is_broken_) {
     const ssize_t sent = send(fd_, out_.data() + out_sent_, out_.size() - out_sent_, MSG_NOSIGNAL);
     if (sent < 0) {
-      is_broken_ = !is_for_now(errno);
+      is_broken_ = !is_temporary(errno);
       return;
     }
-    last_heard_ = hub_.now;
+    last_activity_ = hub_.now;
     out_sent_ += static_cast<size_t>(sent);
     if (out_sent_ < out_.size()) continue;
     out_.clear();
@@ -180,39 +182,40 @@ void Connection::send_out() {
   }
 }
 
-// A socket closed with unread bytes resets the connection, and the peer may lose the answers. So it hears of the end
-// first, and what it still sends is thrown away until its own end comes, or time is up.
-void Connection::take_leave() {
+// Closing a socket with unread bytes resets the connection, and the peer may lose the answers. So only the sending side
+// is closed first, and received bytes are discarded until the peer closes its side or a time limit is reached.
+void Connection::begin_close() {
   int unread = 0;
-  const bool hears_all = ioctl(fd_, FIONREAD, &unread) == 0 && unread == 0 && input_.empty() && !is_inside_request();
-  if (is_draining_ && hears_all) is_peer_done_ = true;
+  const bool has_read_all = ioctl(fd_, FIONREAD, &unread) == 0 && unread == 0 && input_.empty() && !is_inside_request();
+  if (is_draining_ && has_read_all) is_peer_done_ = true;
   if (is_peer_done_) return;
   input_.drop_front(input_.size());
   if (shutdown(fd_, SHUT_WR) != 0) is_broken_ = true;
-  is_leaving_ = true;
+  is_closing_ = true;
   is_readable_ = true;
-  last_heard_ = request_began_ = hub_.now;
+  last_activity_ = request_begin_ = hub_.now;
 }
 
 void Connection::discard() {
   if (!is_readable_) return;
-  const ssize_t got = recv(fd_, nullptr, MOST_READ_BYTES, MSG_TRUNC);
+  const ssize_t got = recv(fd_, nullptr, MAX_READ_BYTES, MSG_TRUNC);
   if (got == 0) is_peer_done_ = true;
-  if (got < 0 && is_for_now(errno)) is_readable_ = false;
-  if (got < 0 && !is_for_now(errno)) is_broken_ = true;
+  if (got < 0 && is_temporary(errno)) is_readable_ = false;
+  if (got < 0 && !is_temporary(errno)) is_broken_ = true;
 }
 
 void Connection::check_time() {
-  const Clock::duration silence = hub_.now - last_heard_;
-  if (is_leaving_) {
-    if (hub_.now - request_began_ > (is_draining_ ? DRAIN_LEAVE : hub_.options.request_timeout)) is_broken_ = true;
-  } else if (out_.empty() && (!owed_.empty() || is_held() || is_ready())) {
-    // It waits for us, and its time begins when we are done.
-    last_heard_ = request_began_ = hub_.now;
+  const Clock::duration silence = hub_.now - last_activity_;
+  if (is_closing_) {
+    if (hub_.now - request_begin_ > (is_draining_ ? DRAIN_CLOSE_TIMEOUT : hub_.options.request_timeout))
+      is_broken_ = true;
+  } else if (out_.empty() && (!pending_.empty() || is_held() || is_ready())) {
+    // The peer waits for the server. Its time limit begins when the answers are sent.
+    last_activity_ = request_begin_ = hub_.now;
   } else if (silence > hub_.options.idle_timeout) {
-    give_up("idle");
-  } else if (is_inside_request() && hub_.now - request_began_ > hub_.options.request_timeout) {
-    give_up("a request did not come to its end");
+    close_with_error("idle");
+  } else if (is_inside_request() && hub_.now - request_begin_ > hub_.options.request_timeout) {
+    close_with_error("a request was not completed in time");
   }
 }
 

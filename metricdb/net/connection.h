@@ -1,8 +1,8 @@
-// A connection of the server: its socket, what came and is not worked off, and what it is owed. The two protocols
-// derive from it and know only whole requests and answers.
+// A connection of the server: its socket, the received bytes that are not processed yet, and the pending answers. The
+// two protocols derive from it, and handle complete requests and answers.
 //
-// Input is read while the connection may take more: what waits for the Ingest, or for the peer to read its answers, is
-// bounded. Events are edges, so a connection remembers what it may still read.
+// Input is received while the connection is within its limits for bytes that wait for the Ingest, and for answers that
+// the peer has not read. Events are edge-triggered, so a connection keeps whether its socket may be readable.
 #pragma once
 
 #include <atomic>
@@ -22,7 +22,7 @@ namespace metricdb {
 
 using Clock = std::chrono::steady_clock;
 
-// Counted by the server's thread, read by any: each figure for itself, so no order is needed.
+// A number that the server's thread changes and any thread reads. Relaxed: the counters are independent of each other.
 class Counter {
  public:
   void add(uint64_t n) { value_.store(value_.load(std::memory_order_relaxed) + n, std::memory_order_relaxed); }
@@ -32,24 +32,25 @@ class Counter {
   std::atomic<uint64_t> value_ = 0;
 };
 
-// What the connections of a server share.
+// Shared by the connections of a server.
 struct Hub {
-  Hub(const ServerOptions &given, Ingest &to) : options(given), ingest(to), blocks(given.max_buffered_bytes) {}
+  Hub(const ServerOptions &server_options, Ingest &target)
+      : options(server_options), ingest(target), blocks(server_options.max_buffered_bytes) {}
 
-  // Hands lines to the Ingest and counts. Throws IngestRefused.
-  Taken take(std::string_view text, Precision precision);
+  // Passes lines to the Ingest and counts the result. Throws IngestRefused.
+  IngestResult take(std::string_view text, Precision precision);
 
   const ServerOptions options;
   Ingest &ingest;
   BlockPool blocks;
-  Clock::time_point now;        // of this round
-  size_t unanswered_bytes = 0;  // taken and not settled
+  Clock::time_point now;        // the time of the current round
+  size_t unanswered_bytes = 0;  // passed to the Ingest and not settled
   size_t open_bytes = 0;        // of these, not committed yet
   bool has_open_points = false;
   Counter accepted, closed, turned_away, requests, bytes, points, malformed, refused;
 };
 
-// Of tickets that were just settled: those of refused batches, each with its reason.
+// Tickets of refused batches that were just settled, each with its reason.
 using Refusals = std::vector<std::pair<uint64_t, std::string>>;
 
 class Connection {
@@ -62,41 +63,41 @@ class Connection {
   int fd() const { return fd_; }
 
   void on_events(uint32_t events);
-  // Reads once, takes what is whole, and sends what can be sent.
-  void turn();
+  // Receives once, processes complete requests, and sends answers.
+  void process();
   void committed(uint64_t ticket);
   void settled(uint64_t ticket, const Refusals &refusals);
-  // Gives up a peer that keeps us waiting.
+  // Closes the connection if the peer exceeds a time limit.
   void check_time();
-  // From here on only what has arrived is read.
+  // From here on only bytes that have already arrived are received.
   void drain();
 
-  // Has something to do in the next turn.
+  // Whether `process` has something to do.
   bool is_ready() const;
-  // Would have, but for its bounds.
+  // Whether it would have something to do without the limits.
   bool is_held() const;
-  bool is_finished() const { return is_broken_ || (is_input_over_ && !is_owed() && is_peer_done_); }
-  bool is_owed() const { return !owed_.empty() || !out_.empty(); }
-  bool waits_for_ingest() const { return owed_bytes_ != 0; }
+  bool is_finished() const { return is_broken_ || (is_input_over_ && !has_pending() && is_peer_done_); }
+  bool has_pending() const { return !pending_.empty() || !out_.empty(); }
+  bool waits_for_ingest() const { return pending_bytes_ != 0; }
 
  protected:
   static constexpr uint64_t OPEN_TICKET = std::numeric_limits<uint64_t>::max();
 
-  // An answer, in its place behind earlier ones.
-  struct Owed {
-    uint64_t ticket = 0;  // of the batch it waits for; 0 for none, OPEN_TICKET until the batch is committed
-    size_t bytes = 0;     // of the lines behind it
+  // An answer, in the order of the requests.
+  struct PendingAnswer {
+    uint64_t ticket = 0;  // of the batch it waits for; 0: none; OPEN_TICKET until the batch is committed
+    size_t bytes = 0;     // of its lines, for the limits
     std::string text;
   };
 
-  // Takes the whole requests at the front of the input, as long as `may_take`.
+  // Processes the complete requests at the front of the input, while `is_within_limits`.
   virtual void consume() = 0;
   virtual bool is_inside_request() const = 0;
   virtual size_t room_wanted() const = 0;
-  // There is no memory to receive more of a request.
+  // Called if there is no memory to receive more of a request.
   virtual void refuse_room() = 0;
-  // What was owed for a batch that was refused.
-  virtual void refuse(Owed &owed, const std::string &reason) = 0;
+  // Replaces the answer to a request whose batch was refused.
+  virtual void refuse(PendingAnswer &answer, const std::string &reason) = 0;
   virtual void on_input_end() {}
 
   Hub &hub() { return hub_; }
@@ -104,38 +105,38 @@ class Connection {
   ByteBuffer &input() { return input_; }
   const ByteBuffer &input() const { return input_; }
 
-  bool may_take() const;
-  void owe(Owed owed);
-  void request_taken() { request_began_ = hub_.now; }
-  // Nothing more is read; what is owed is still sent, and then the connection ends.
+  bool is_within_limits() const;
+  void queue(PendingAnswer answer);
+  void begin_next_request() { request_begin_ = hub_.now; }
+  // Nothing more is received. Pending answers are still sent, and then the connection is closed.
   void end_input() { is_input_over_ = true; }
-  void give_up(const char *why);
+  void close_with_error(const char *why);
   void log(const std::string &what) const;
 
  private:
   void receive();
   void on_received(size_t n);
-  void pay(uint64_t settled_ticket, const Refusals &refusals);
+  void send_settled(uint64_t settled_ticket, const Refusals &refusals);
   void send_out();
-  void take_leave();
+  void begin_close();
   void discard();
 
   const int fd_;
   Hub &hub_;
   ByteBuffer input_;
-  std::deque<Owed> owed_;
-  size_t owed_bytes_ = 0;
-  std::string out_;  // answers that are due, from out_sent_ on
+  std::deque<PendingAnswer> pending_;
+  size_t pending_bytes_ = 0;
+  std::string out_;  // answers to send, from out_sent_ on
   size_t out_sent_ = 0;
   size_t drain_left_ = 0;
-  Clock::time_point last_heard_;
-  Clock::time_point request_began_;
+  Clock::time_point last_activity_;
+  Clock::time_point request_begin_;
   bool is_readable_ = true;
-  bool is_hung_up_ = false;   // the peer's end is in sight, behind what is still unread
-  bool is_deferred_ = false;  // bytes lie in the input that the bounds did not let in
+  bool is_hung_up_ = false;   // the peer has closed its side; unread bytes can be left
+  bool is_deferred_ = false;  // the input contains bytes that the limits excluded
   bool is_draining_ = false;
   bool is_input_over_ = false;
-  bool is_leaving_ = false;  // all is said, and the peer's end is awaited
+  bool is_closing_ = false;  // everything is sent; waits until the peer closes its side
   bool is_peer_done_ = false;
   bool is_broken_ = false;
 };

@@ -5,7 +5,7 @@
 namespace metricdb {
 namespace {
 
-constexpr size_t MOST_LINE_BYTES = size_t{64} << 10;
+constexpr size_t MAX_LINE_BYTES = size_t{64} << 10;
 
 }  // namespace
 
@@ -15,35 +15,35 @@ GraphiteConnection::~GraphiteConnection() {
 }
 
 void GraphiteConnection::consume() {
-  if (!may_take()) return;
+  if (!is_within_limits()) return;
   const std::string_view text = input().text();
   const size_t end = text.rfind('\n') + 1;
   if (end != 0) {
-    take_lines(text.substr(0, end));
+    ingest_lines(text.substr(0, end));
     input().drop_front(end);
-    request_taken();
+    begin_next_request();
   }
-  if (input().size() >= MOST_LINE_BYTES) give_up("a line is longer than 64 KiB");
+  if (input().size() >= MAX_LINE_BYTES) close_with_error("a line is longer than 64 KiB");
 }
 
-void GraphiteConnection::take_lines(std::string_view lines) {
+void GraphiteConnection::ingest_lines(std::string_view lines) {
   converter_.convert(lines);
   hub().malformed.add(converter_.malformed());
   count_malformed(converter_.malformed(), converter_.first_reason());
   const std::string &text = converter_.text();
   if (text.empty()) return;
   try {
-    const Taken taken = hub().take(text, Precision::ns);
+    const IngestResult taken = hub().take(text, Precision::ns);
     count_malformed(taken.malformed, taken.first_reason);
-    if (taken.points != 0) owe({OPEN_TICKET, text.size(), {}});
+    if (taken.points != 0) queue({OPEN_TICKET, text.size(), {}});
   } catch (const IngestRefused &refusal) {
     count_refused(refusal.what());
   }
 }
 
-// A peer that sends what is no line sends many of them: the first speaks for all.
+// Only the first malformed line is logged, because such peers usually send many.
 void GraphiteConnection::count_malformed(uint64_t n, const std::string &reason) {
-  if (n != 0 && n_malformed_ == 0) log(reason + "; skipped, here and from now on");
+  if (n != 0 && n_malformed_ == 0) log(reason + "; such lines are skipped without further messages");
   n_malformed_ += n;
 }
 
@@ -51,15 +51,15 @@ void GraphiteConnection::count_refused(const std::string &reason) {
   if (n_refused_++ == 0) log("lines are lost: " + reason);
 }
 
-void GraphiteConnection::refuse(Owed &, const std::string &reason) {
+void GraphiteConnection::refuse(PendingAnswer &, const std::string &reason) {
   count_refused(reason);
 }
 
-// Half a line may be half a number.
+// An incomplete line may contain half a number.
 void GraphiteConnection::on_input_end() {
   if (input().empty()) return;
   hub().malformed.add(1);
-  count_malformed(1, "the last line does not end");
+  count_malformed(1, "the last line is incomplete");
   input().drop_front(input().size());
 }
 

@@ -1,4 +1,4 @@
-// A connection that sends lines of Graphite's plaintext protocol and hears nothing.
+// A connection that receives lines of Graphite's plaintext protocol and sends nothing.
 #pragma once
 
 #include <string>
@@ -10,20 +10,20 @@ namespace metricdb {
 
 class GraphiteConnection : public Connection {
  public:
-  // The converter is shared: it holds nothing from one call to the next but its memory.
+  // The converter is shared by the connections, because it keeps no state between calls.
   GraphiteConnection(int fd, Hub &hub, GraphiteConverter &converter) : Connection(fd, hub), converter_(converter) {}
   ~GraphiteConnection() override;
 
  protected:
   void consume() override;
   bool is_inside_request() const override { return !input().empty(); }
-  size_t room_wanted() const override { return BlockPool::LEAST_BYTES / 2; }
-  void refuse_room() override { give_up("no memory to receive more"); }
-  void refuse(Owed &owed, const std::string &reason) override;
+  size_t room_wanted() const override { return BlockPool::MIN_BYTES / 2; }
+  void refuse_room() override { close_with_error("no memory to receive more"); }
+  void refuse(PendingAnswer &answer, const std::string &reason) override;
   void on_input_end() override;
 
  private:
-  void take_lines(std::string_view lines);
+  void ingest_lines(std::string_view lines);
   void count_malformed(uint64_t n, const std::string &reason);
   void count_refused(const std::string &reason);
 

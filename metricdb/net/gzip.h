@@ -1,4 +1,4 @@
-// Bodies that arrive compressed.
+// Decompresses request bodies.
 #pragma once
 
 #include <zlib.h>
@@ -13,9 +13,9 @@ class Gunzip {
  public:
   enum class Outcome {
     good,
-    broken,    // not gzip, damaged, or cut off
-    too_long,  // more than the bound comes out
-    no_room    // the pool has no memory for it
+    broken,    // not gzip, damaged, or incomplete
+    too_long,  // the decompressed text exceeds the limit
+    no_room    // the pool has no memory
   };
 
   Gunzip();
@@ -23,8 +23,8 @@ class Gunzip {
   Gunzip(const Gunzip &) = delete;
   Gunzip &operator=(const Gunzip &) = delete;
 
-  // Appends what the text holds, one member or several, to `to`. Unless good, what stands there means nothing.
-  Outcome inflate_into(ByteBuffer &to, std::string_view text, size_t most_bytes);
+  // Appends the decompressed text, of one member or several, to `to`. The content of `to` is undefined unless good.
+  Outcome inflate_into(ByteBuffer &to, std::string_view text, size_t max_bytes);
 
  private:
   z_stream stream_{};

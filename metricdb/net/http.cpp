@@ -9,18 +9,18 @@
 namespace metricdb {
 namespace {
 
-// Request line and headers. Agents send some hundred bytes; a statement in a target may take some thousand.
-constexpr size_t MOST_HEAD_BYTES = size_t{16} << 10;
+// Request line and headers. Agents send some hundred bytes; a target with a statement can have some thousand.
+constexpr size_t MAX_HEAD_BYTES = size_t{16} << 10;
 
-// Of a body whose length is told, so much room is made at once, when the first block is full; then the rest follows
-// what really came: who tells a length and sends nothing shall not take memory from others.
-constexpr size_t GENEROUS_BYTES = size_t{4} << 20;
+// Room for a body of known length that is allocated at once, when the first block is full. Further room depends on the
+// received bytes, so that a client cannot reserve memory by announcing a large body.
+constexpr size_t FIRST_BODY_BYTES = size_t{4} << 20;
 
 char lower(char byte) {
   return byte >= 'A' && byte <= 'Z' ? static_cast<char>(byte - 'A' + 'a') : byte;
 }
 
-// A header is one line, whatever the reason quotes.
+// Replaces line ends and other control characters.
 std::string as_header_value(std::string text) {
   std::replace_if(
       text.begin(), text.end(), [](char byte) { return byte < 0x20 || byte == 0x7f; }, '?');
@@ -29,13 +29,13 @@ std::string as_header_value(std::string text) {
 
 }  // namespace
 
-std::string answer_text(const HttpAnswer &answer, http_method method, bool keep_alive, bool is_old) {
+std::string answer_text(const HttpAnswer &answer, http_method method, bool keep_alive, bool is_http_1_0) {
   std::string text = fmt::format("HTTP/1.1 {} {}\r\nX-Influxdb-Build: OSS\r\nX-Influxdb-Version: 1.8-metricdb\r\n",
                                  static_cast<int>(answer.status), http_status_str(answer.status));
   if (!answer.error.empty()) text += fmt::format("X-Influxdb-Error: {}\r\n", as_header_value(answer.error));
   if (!answer.allow.empty()) text += fmt::format("Allow: {}\r\n", answer.allow);
   if (!keep_alive) text += "Connection: close\r\n";
-  if (keep_alive && is_old) text += "Connection: keep-alive\r\n";
+  if (keep_alive && is_http_1_0) text += "Connection: keep-alive\r\n";
   if (answer.status != HTTP_STATUS_NO_CONTENT)
     text += fmt::format("Content-Type: application/json\r\nContent-Length: {}\r\n", answer.json.size());
   text += "\r\n";
@@ -59,25 +59,26 @@ const http_parser_settings HttpReader::SETTINGS = [] {
   return settings;
 }();
 
-HttpReader::HttpReader(size_t most_body_bytes) : most_body_bytes_(most_body_bytes) {
+HttpReader::HttpReader(size_t max_body_bytes) : max_body_bytes_(max_body_bytes) {
   http_parser_init(&parser_, HTTP_REQUEST);
   parser_.data = this;
 }
 
 HttpReader::Outcome HttpReader::read(ByteBuffer &input) {
   done(input);
-  if (input.size() == body_bytes_) return Outcome::more;  // no bytes would mean the connection's end to the parser
+  if (input.size() == body_bytes_)
+    return Outcome::more;  // zero bytes would mean the end of the connection to the parser
   body_ = input.data();
   char *const begin = body_ + body_bytes_;
   const size_t n = http_parser_execute(&parser_, &SETTINGS, begin, input.size() - body_bytes_);
   if (is_whole_) {
-    behind_ = begin + n;
+    end_of_request_ = begin + n;
     http_parser_pause(&parser_, 0);
     request_.body = {body_, body_bytes_};
     return Outcome::request;
   }
   if (HTTP_PARSER_ERRNO(&parser_) != HPE_OK) {
-    refuse_what_the_parser_did();
+    set_parser_refusal();
     return Outcome::refused;
   }
   input.keep(body_bytes_ == 0 ? begin + n : body_, body_bytes_);
@@ -86,21 +87,21 @@ HttpReader::Outcome HttpReader::read(ByteBuffer &input) {
 
 void HttpReader::done(ByteBuffer &input) {
   if (!is_whole_) return;
-  input.drop_front(static_cast<size_t>(behind_ - input.data()));
+  input.drop_front(static_cast<size_t>(end_of_request_ - input.data()));
   is_begun_ = is_head_whole_ = is_whole_ = false;
   body_bytes_ = 0;
   request_.body = {};
 }
 
 bool HttpReader::is_asked_to_continue(const ByteBuffer &input) const {
-  return is_head_whole_ && !is_whole_ && input.empty() && !request_.expect.empty() && !request_.is_old;
+  return is_head_whole_ && !is_whole_ && input.empty() && !request_.expect.empty() && !request_.is_http_1_0;
 }
 
 size_t HttpReader::room_wanted(const ByteBuffer &input) const {
-  if (!is_head_whole_ || is_whole_) return BlockPool::LEAST_BYTES / 2;
-  if ((parser_.flags & F_CHUNKED) != 0) return std::max(input.size(), BlockPool::LEAST_BYTES / 2);
-  // While a body is read the parser counts down what is missing.
-  return std::min<size_t>(parser_.content_length, std::max(GENEROUS_BYTES, 3 * input.size()));
+  if (!is_head_whole_ || is_whole_) return BlockPool::MIN_BYTES / 2;
+  if ((parser_.flags & F_CHUNKED) != 0) return std::max(input.size(), BlockPool::MIN_BYTES / 2);
+  // The parser decrements content_length while it parses the body.
+  return std::min<size_t>(parser_.content_length, std::max(FIRST_BODY_BYTES, 3 * input.size()));
 }
 
 int HttpReader::refuse(http_status status, std::string reason) {
@@ -109,17 +110,17 @@ int HttpReader::refuse(http_status status, std::string reason) {
   return -1;
 }
 
-void HttpReader::refuse_what_the_parser_did() {
+void HttpReader::set_parser_refusal() {
   if (!refusal_.error.empty()) return;
   const http_errno error = HTTP_PARSER_ERRNO(&parser_);
   const bool is_long = error == HPE_HEADER_OVERFLOW;
   refuse(is_long ? HTTP_STATUS_REQUEST_HEADER_FIELDS_TOO_LARGE : HTTP_STATUS_BAD_REQUEST,
-         fmt::format("not a request: {}", http_errno_description(error)));
+         fmt::format("invalid request: {}", http_errno_description(error)));
 }
 
 bool HttpReader::fits_head(size_t n) {
   head_bytes_ += n;
-  return head_bytes_ <= MOST_HEAD_BYTES;
+  return head_bytes_ <= MAX_HEAD_BYTES;
 }
 
 int HttpReader::on_begin() {
@@ -152,7 +153,7 @@ int HttpReader::on_header_value(std::string_view piece) {
               : header_name_ == "content-type"   ? &request_.content_type
               : header_name_ == "expect"         ? &request_.expect
                                                  : nullptr;
-    // Headers behind a body in chunks come too late to mean anything.
+    // Headers after a chunked body are ignored.
     if (is_head_whole_) header_ = nullptr;
   }
   if (header_ != nullptr)
@@ -162,25 +163,25 @@ int HttpReader::on_header_value(std::string_view piece) {
 
 int HttpReader::on_head() {
   is_head_whole_ = true;
-  // Offers of another protocol are not taken up, and the request stands for itself.
+  // Upgrades to another protocol are not supported, and the request is processed as it is.
   parser_.upgrade = 0;
   request_.method = static_cast<http_method>(parser_.method);
-  request_.is_old = parser_.http_major == 1 && parser_.http_minor == 0;
+  request_.is_http_1_0 = parser_.http_major == 1 && parser_.http_minor == 0;
   request_.keep_alive = http_should_keep_alive(&parser_) != 0;
   if (parser_.http_major != 1)
-    return refuse(HTTP_STATUS_HTTP_VERSION_NOT_SUPPORTED, "only HTTP/1.0 and 1.1 are spoken");
+    return refuse(HTTP_STATUS_HTTP_VERSION_NOT_SUPPORTED, "only HTTP/1.0 and 1.1 are supported");
   if (!request_.expect.empty() && request_.expect != "100-continue")
-    return refuse(HTTP_STATUS_EXPECTATION_FAILED, "only 100-continue can be expected");
-  const bool tells_length = (parser_.flags & F_CONTENTLENGTH) != 0;
-  if (tells_length && parser_.content_length > most_body_bytes_)
-    return refuse(HTTP_STATUS_PAYLOAD_TOO_LARGE, fmt::format("the body has more than {} bytes", most_body_bytes_));
+    return refuse(HTTP_STATUS_EXPECTATION_FAILED, "only 100-continue is supported as expectation");
+  const bool has_length = (parser_.flags & F_CONTENTLENGTH) != 0;
+  if (has_length && parser_.content_length > max_body_bytes_)
+    return refuse(HTTP_STATUS_PAYLOAD_TOO_LARGE, fmt::format("the body has more than {} bytes", max_body_bytes_));
   return 0;
 }
 
 int HttpReader::on_body(const char *piece, size_t n) {
-  if (body_bytes_ + n > most_body_bytes_)
-    return refuse(HTTP_STATUS_PAYLOAD_TOO_LARGE, fmt::format("the body has more than {} bytes", most_body_bytes_));
-  // The head, or the frames of chunks, stand in between: the body begins behind the one and closes over the other.
+  if (body_bytes_ + n > max_body_bytes_)
+    return refuse(HTTP_STATUS_PAYLOAD_TOO_LARGE, fmt::format("the body has more than {} bytes", max_body_bytes_));
+  // The body is contiguous: it begins after the header, and the frames of chunks are removed.
   if (body_bytes_ == 0)
     body_ = const_cast<char *>(piece);
   else if (piece != body_ + body_bytes_)

@@ -1,7 +1,7 @@
-// Requests of HTTP/1.0 and 1.1 out of a connection's bytes, and answers as text. What they mean is not known here.
+// Parses requests of HTTP/1.0 and 1.1 from received bytes, and formats answers.
 //
-// A body stays where it was received. That of a request in chunks is moved together there, so that it lies in one piece
-// too; nothing of it is copied otherwise.
+// The body of a request is not copied. The parts of a chunked body are moved together in the buffer, so that the body
+// is contiguous.
 #pragma once
 
 #include <http_parser.h>
@@ -21,43 +21,43 @@ struct HttpRequest {
   std::string expect;
   std::string_view body;
   bool keep_alive = false;
-  bool is_old = false;  // HTTP/1.0
+  bool is_http_1_0 = false;  // HTTP/1.0
 };
 
 struct HttpAnswer {
   http_status status = HTTP_STATUS_NO_CONTENT;
   std::string json;   // the body; none if empty
-  std::string error;  // what went wrong, in one line, for the head
-  std::string allow;  // with METHOD_NOT_ALLOWED: the methods
+  std::string error;  // the error in one line, for the header
+  std::string allow;  // with METHOD_NOT_ALLOWED: the allowed methods
 };
 
-// The whole answer to `request`. Without keep_alive it tells that the connection ends with it.
-std::string answer_text(const HttpAnswer &answer, http_method method, bool keep_alive, bool is_old);
+// Returns the text of the answer. Without keep_alive it says that the connection is closed.
+std::string answer_text(const HttpAnswer &answer, http_method method, bool keep_alive, bool is_http_1_0);
 
 class HttpReader {
  public:
   enum class Outcome {
-    more,     // the bytes end ahead of the request's end
-    request,  // `request()` holds until the next call of `read` or `done`
-    refused   // `refusal()` says why; nothing can be read behind it
+    more,     // the request is not complete
+    request,  // `request()` is valid until the next call of `read` or `done`
+    refused   // `refusal()` has the reason; no later bytes can be parsed
   };
 
-  explicit HttpReader(size_t most_body_bytes);
+  explicit HttpReader(size_t max_body_bytes);
   HttpReader(const HttpReader &) = delete;
   HttpReader &operator=(const HttpReader &) = delete;
 
-  // Reads on in the connection's bytes, of which it keeps those of the body. Between calls the buffer only grows.
+  // Parses the bytes in the buffer, and removes all but those of the body. The buffer may only grow between calls.
   Outcome read(ByteBuffer &input);
-  // Drops the request that was read.
+  // Discards the request.
   void done(ByteBuffer &input);
 
   const HttpRequest &request() const { return request_; }
   const HttpAnswer &refusal() const { return refusal_; }
 
   bool is_inside_request() const { return is_begun_; }
-  // The head is whole and the client waits for a word before it sends the body.
+  // The header is complete, and the client waits for permission to send the body.
   bool is_asked_to_continue(const ByteBuffer &input) const;
-  // Room to offer for what comes next.
+  // Room that the buffer should have for the next bytes.
   size_t room_wanted(const ByteBuffer &input) const;
 
  private:
@@ -73,14 +73,14 @@ class HttpReader {
   int on_end();
   int refuse(http_status status, std::string reason);
   bool fits_head(size_t n);
-  void refuse_what_the_parser_did();
+  void set_parser_refusal();
 
-  const size_t most_body_bytes_;
+  const size_t max_body_bytes_;
   http_parser parser_;
   HttpRequest request_;
   HttpAnswer refusal_;
   std::string header_name_;        // in lower case
-  std::string *header_ = nullptr;  // where the value of this header goes, if anybody asks for it
+  std::string *header_ = nullptr;  // destination of the current header's value; null if it is not needed
   bool is_in_header_value_ = false;
   size_t head_bytes_ = 0;
   bool is_begun_ = false;
@@ -88,7 +88,7 @@ class HttpReader {
   bool is_whole_ = false;
   char *body_ = nullptr;
   size_t body_bytes_ = 0;
-  const char *behind_ = nullptr;  // behind the whole request
+  const char *end_of_request_ = nullptr;  // end of the request
 };
 
 }  // namespace metricdb

@@ -7,19 +7,19 @@
 namespace metricdb {
 
 void HttpConnection::consume() {
-  while (may_take()) {
+  while (is_within_limits()) {
     switch (reader_.read(input())) {
       case HttpReader::Outcome::more:
         if (!is_continued_ && reader_.is_asked_to_continue(input())) answer_expectation();
         return;
       case HttpReader::Outcome::refused:
-        return refuse_the_rest(reader_.refusal());
+        return refuse_connection(reader_.refusal());
       case HttpReader::Outcome::request:
         answer_request();
         if (!reader_.request().keep_alive) end_input();
         is_continued_ = false;
         reader_.done(input());
-        request_taken();
+        begin_next_request();
     }
   }
 }
@@ -30,65 +30,66 @@ void HttpConnection::answer_request() {
   if (const auto *request = std::get_if<WriteRequest>(&routed))
     write(*request);
   else
-    owe_answer(std::get<HttpAnswer>(routed));
+    queue_answer(std::get<HttpAnswer>(routed));
 }
 
 void HttpConnection::write(const WriteRequest &request) {
   const std::string_view body = reader_.request().body;
   if (!request.is_gzip) return write_lines(body, request.precision);
   ByteBuffer plain(hub().blocks);
-  const size_t most_bytes = hub().options.max_body_bytes;
-  switch (gunzip_.inflate_into(plain, body, most_bytes)) {
+  const size_t max_bytes = hub().options.max_body_bytes;
+  switch (gunzip_.inflate_into(plain, body, max_bytes)) {
     case Gunzip::Outcome::good:
       return write_lines(plain.text(), request.precision);
     case Gunzip::Outcome::broken:
-      return owe_answer(error_answer(HTTP_STATUS_BAD_REQUEST, "the body is not whole in gzip"));
+      return queue_answer(error_answer(HTTP_STATUS_BAD_REQUEST, "the body is not valid gzip"));
     case Gunzip::Outcome::too_long:
-      return owe_answer(error_answer(HTTP_STATUS_PAYLOAD_TOO_LARGE,
-                                     fmt::format("the body has more than {} bytes in plain", most_bytes)));
+      return queue_answer(error_answer(HTTP_STATUS_PAYLOAD_TOO_LARGE,
+                                       fmt::format("the decompressed body has more than {} bytes", max_bytes)));
     case Gunzip::Outcome::no_room:
-      return owe_answer(error_answer(HTTP_STATUS_SERVICE_UNAVAILABLE, "too much is being received, try again"));
+      return queue_answer(
+          error_answer(HTTP_STATUS_SERVICE_UNAVAILABLE, "too many bytes are being received, try again"));
   }
 }
 
 void HttpConnection::write_lines(std::string_view lines, Precision precision) {
   try {
-    const Taken taken = hub().take(lines, precision);
-    // What left no point needs no batch to wait for.
-    owe_answer(answer_to(taken), taken.points == 0 ? 0 : OPEN_TICKET, taken.points == 0 ? 0 : lines.size());
+    const IngestResult taken = hub().take(lines, precision);
+    // Without points there is no batch to wait for.
+    queue_answer(answer_to(taken), taken.points == 0 ? 0 : OPEN_TICKET, taken.points == 0 ? 0 : lines.size());
   } catch (const IngestRefused &refusal) {
-    owe_answer(error_answer(HTTP_STATUS_SERVICE_UNAVAILABLE, refusal.what()));
+    queue_answer(error_answer(HTTP_STATUS_SERVICE_UNAVAILABLE, refusal.what()));
   }
 }
 
 void HttpConnection::answer_expectation() {
-  if (const auto answer = InfluxApi::answer_to_head(reader_.request())) return refuse_the_rest(*answer);
+  if (const auto answer = InfluxApi::answer_to_head(reader_.request())) return refuse_connection(*answer);
   is_continued_ = true;
-  owe({0, 0, "HTTP/1.1 100 Continue\r\n\r\n"});
+  queue({0, 0, "HTTP/1.1 100 Continue\r\n\r\n"});
 }
 
-void HttpConnection::refuse_the_rest(const HttpAnswer &answer) {
+void HttpConnection::refuse_connection(const HttpAnswer &answer) {
   hub().requests.add(1);
   log(answer.error + "; connection closed");
   end_input();
-  const HttpAnswer told = answer.json.empty() ? error_answer(answer.status, answer.error) : answer;
-  owe({0, 0, answer_text(told, HTTP_POST, false, false)});
+  const HttpAnswer with_body = answer.json.empty() ? error_answer(answer.status, answer.error) : answer;
+  queue({0, 0, answer_text(with_body, HTTP_POST, false, false)});
 }
 
 void HttpConnection::refuse_room() {
-  refuse_the_rest(error_answer(HTTP_STATUS_SERVICE_UNAVAILABLE, "too much is being received, try again"));
+  refuse_connection(error_answer(HTTP_STATUS_SERVICE_UNAVAILABLE, "too many bytes are being received, try again"));
 }
 
-void HttpConnection::owe_answer(const HttpAnswer &answer, uint64_t ticket, size_t bytes) {
+void HttpConnection::queue_answer(const HttpAnswer &answer, uint64_t ticket, size_t bytes) {
   const HttpRequest &request = reader_.request();
-  owe({ticket, bytes, answer_text(answer, request.method, request.keep_alive, request.is_old)});
+  queue({ticket, bytes, answer_text(answer, request.method, request.keep_alive, request.is_http_1_0)});
 }
 
-// The next requests may have been read since: what this one's answer said of the connection is all that is left of it.
-void HttpConnection::refuse(Owed &owed, const std::string &reason) {
-  const bool keep_alive = owed.text.find("\r\nConnection: close\r\n") == owed.text.npos;
-  const bool is_old = owed.text.find("\r\nConnection: keep-alive\r\n") != owed.text.npos;
-  owed.text = answer_text(error_answer(HTTP_STATUS_INSUFFICIENT_STORAGE, reason), HTTP_POST, keep_alive, is_old);
+// Later requests may have been parsed since. The pending answer says whether the connection is kept.
+void HttpConnection::refuse(PendingAnswer &answer, const std::string &reason) {
+  const bool keep_alive = answer.text.find("\r\nConnection: close\r\n") == answer.text.npos;
+  const bool is_http_1_0 = answer.text.find("\r\nConnection: keep-alive\r\n") != answer.text.npos;
+  answer.text = answer_text(error_answer(HTTP_STATUS_INSUFFICIENT_STORAGE, reason), HTTP_POST, keep_alive, is_http_1_0);
 }
 
 }  // namespace metricdb

@@ -1,4 +1,4 @@
-// A connection that speaks the HTTP interface of InfluxDB 1.x: requests in, an answer for each, in their order.
+// A connection with the HTTP interface of InfluxDB 1.x. Answers are sent in the order of the requests.
 #pragma once
 
 #include <string_view>
@@ -20,20 +20,20 @@ class HttpConnection : public Connection {
   bool is_inside_request() const override { return reader_.is_inside_request(); }
   size_t room_wanted() const override { return reader_.room_wanted(input()); }
   void refuse_room() override;
-  void refuse(Owed &owed, const std::string &reason) override;
+  void refuse(PendingAnswer &answer, const std::string &reason) override;
 
  private:
   void answer_request();
   void write(const WriteRequest &write);
   void write_lines(std::string_view lines, Precision precision);
   void answer_expectation();
-  void refuse_the_rest(const HttpAnswer &answer);
-  void owe_answer(const HttpAnswer &answer, uint64_t ticket = 0, size_t bytes = 0);
+  void refuse_connection(const HttpAnswer &answer);
+  void queue_answer(const HttpAnswer &answer, uint64_t ticket = 0, size_t bytes = 0);
 
   InfluxApi &api_;
   Gunzip &gunzip_;
   HttpReader reader_;
-  bool is_continued_ = false;  // this request's body was asked for
+  bool is_continued_ = false;  // the body of the current request was requested
 };
 
 }  // namespace metricdb

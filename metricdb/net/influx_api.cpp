@@ -13,11 +13,11 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-// Names are kept for SHOW DATABASES alone: so many, and no longer ones.
-constexpr size_t MOST_DATABASES = 64;
-constexpr size_t LONGEST_DATABASE = 128;
+// Limits for the names that SHOW DATABASES returns.
+constexpr size_t MAX_DATABASES = 64;
+constexpr size_t MAX_DATABASE_BYTES = 128;
 
-// Reasons quote what came, which need not be UTF-8.
+// Reasons quote the request, which need not be UTF-8.
 std::string json_text(const Json &json) {
   return json.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
 }
@@ -41,7 +41,7 @@ std::string url_decoded(std::string_view text) {
   return decoded;
 }
 
-// The value of `name` in `a=1&b=2`.
+// Returns the value of `name` in `a=1&b=2`.
 std::optional<std::string> argument(std::string_view arguments, std::string_view name) {
   while (!arguments.empty()) {
     const size_t end = std::min(arguments.find('&'), arguments.size());
@@ -82,7 +82,7 @@ std::optional<Precision> precision_of(std::string_view unit) {
 }
 
 HttpAnswer not_allowed(const char *methods) {
-  HttpAnswer answer = error_answer(HTTP_STATUS_METHOD_NOT_ALLOWED, fmt::format("the method can be: {}", methods));
+  HttpAnswer answer = error_answer(HTTP_STATUS_METHOD_NOT_ALLOWED, fmt::format("allowed methods: {}", methods));
   answer.allow = methods;
   return answer;
 }
@@ -93,17 +93,17 @@ std::variant<WriteRequest, HttpAnswer> route_write(const HttpRequest &request, s
   const std::optional<Precision> precision = precision_of(unit);
   if (!precision)
     return error_answer(HTTP_STATUS_BAD_REQUEST,
-                        fmt::format("precision \"{}\" is none of n, ns, u, us, ms, s, m and h", unit));
+                        fmt::format("precision \"{}\" is not one of n, ns, u, us, ms, s, m and h", unit));
   const std::string &encoding = request.content_encoding;
   const bool is_gzip = encoding == "gzip" || encoding == "x-gzip";
   if (!is_gzip && !encoding.empty() && encoding != "identity")
     return error_answer(HTTP_STATUS_UNSUPPORTED_MEDIA_TYPE,
-                        fmt::format("content encoding \"{}\" is not known: gzip and identity are", encoding));
+                        fmt::format("content encoding \"{}\" is not supported; gzip and identity are", encoding));
   return WriteRequest{*precision, is_gzip};
 }
 
-// Takes the words off the front of a statement, in whatever case they are.
-bool takes_words(std::string_view &statement, std::string_view words) {
+// Removes the words from the front of a statement, in any case.
+bool remove_words(std::string_view &statement, std::string_view words) {
   if (statement.size() < words.size()) return false;
   for (size_t i = 0; i < words.size(); ++i)
     if (std::toupper(static_cast<unsigned char>(statement[i])) != words[i]) return false;
@@ -111,16 +111,16 @@ bool takes_words(std::string_view &statement, std::string_view words) {
   return true;
 }
 
-// `name`, or `"a name"` with quotes.
+// Returns `name`, or `a name` for `"a name"`.
 std::string first_name(std::string_view text) {
   if (text.starts_with('"')) return std::string(text.substr(1, text.find('"', 1) - 1));
   return std::string(text.substr(0, text.find_first_of(" \t\r\n")));
 }
 
 std::string_view trimmed(std::string_view text) {
-  constexpr std::string_view AROUND = " \t\r\n;";
-  const size_t begin = std::min(text.find_first_not_of(AROUND), text.size());
-  return text.substr(begin, text.find_last_not_of(AROUND) + 1 - begin);
+  constexpr std::string_view IGNORED = " \t\r\n;";
+  const size_t begin = std::min(text.find_first_not_of(IGNORED), text.size());
+  return text.substr(begin, text.find_last_not_of(IGNORED) + 1 - begin);
 }
 
 Json one_result(Json result) {
@@ -138,7 +138,7 @@ HttpAnswer error_answer(http_status status, std::string reason) {
   return answer;
 }
 
-HttpAnswer answer_to(const Taken &taken) {
+HttpAnswer answer_to(const IngestResult &taken) {
   if (taken.malformed == 0) return {};
   return error_answer(HTTP_STATUS_BAD_REQUEST,
                       fmt::format("partial write: {} dropped={}", taken.first_reason, taken.malformed));
@@ -154,7 +154,7 @@ std::optional<HttpAnswer> InfluxApi::answer_to_head(const HttpRequest &request) 
 
 std::variant<WriteRequest, HttpAnswer> InfluxApi::route(const HttpRequest &request) {
   const std::optional<Target> target = target_of(request);
-  if (!target) return error_answer(HTTP_STATUS_BAD_REQUEST, "the request's target is no URL");
+  if (!target) return error_answer(HTTP_STATUS_BAD_REQUEST, "the target of the request is not a URL");
   const bool reads = request.method == HTTP_GET || request.method == HTTP_HEAD;
   if (target->path == "/write") return route_write(request, target->arguments);
   if (target->path == "/query")
@@ -163,7 +163,7 @@ std::variant<WriteRequest, HttpAnswer> InfluxApi::route(const HttpRequest &reque
   if (target->path == "/health")
     return reads ? json_answer({{"name", "metricdb"}, {"message", "ready for writes"}, {"status", "pass"}})
                  : not_allowed("GET, HEAD");
-  return error_answer(HTTP_STATUS_NOT_FOUND, "there are /write, /query, /ping and /health");
+  return error_answer(HTTP_STATUS_NOT_FOUND, "the paths are /write, /query, /ping and /health");
 }
 
 HttpAnswer InfluxApi::query(const HttpRequest &request, std::string_view arguments) {
@@ -179,17 +179,17 @@ HttpAnswer InfluxApi::query(const HttpRequest &request, std::string_view argumen
 
 std::string InfluxApi::run_statement(std::string_view statement) {
   std::string_view rest = statement;
-  if (takes_words(rest, "SHOW DATABASES")) {
+  if (remove_words(rest, "SHOW DATABASES")) {
     Json rows = Json::array();
     for (const std::string &name : databases_) rows.push_back(Json::array({name}));
     const Json series = {{"name", "databases"}, {"columns", Json::array({"name"})}, {"values", std::move(rows)}};
     return json_text(one_result({{"series", Json::array({series})}}));
   }
-  if (takes_words(rest, "CREATE DATABASE ")) {
+  if (remove_words(rest, "CREATE DATABASE ")) {
     std::string name = first_name(trimmed(rest));
-    if (name.empty() || name.size() > LONGEST_DATABASE)
-      return json_text(one_result({{"error", "a database's name has 1 to 128 bytes"}}));
-    if (databases_.size() < MOST_DATABASES) databases_.insert(std::move(name));
+    if (name.empty() || name.size() > MAX_DATABASE_BYTES)
+      return json_text(one_result({{"error", "the name of a database has 1 to 128 bytes"}}));
+    if (databases_.size() < MAX_DATABASES) databases_.insert(std::move(name));
     return json_text(one_result(Json::object()));
   }
   return json_text(one_result({{"error", fmt::format("not supported here: {}", statement.substr(0, 80))}}));

@@ -1,11 +1,11 @@
-// What agents and clients of InfluxDB 1.x ask for, as far as a store of lines can say something to it.
+// The requests of agents and clients of InfluxDB 1.x that metricdb supports.
 //
 //   POST /write?precision=ns|n|us|u|ms|s|m|h   lines of line protocol, plain or in gzip
-//   GET, HEAD /ping                            whether we are there, and our version
-//   GET /health                                the same in words
-//   GET, POST /query?q=...                     CREATE DATABASE and SHOW DATABASES; an error in the answer for others
+//   GET, HEAD /ping                            checks the connection; the header has the version
+//   GET /health                                the same, as JSON
+//   GET, POST /query?q=...                     CREATE DATABASE and SHOW DATABASES; others get an error in the answer
 //
-// There is one database: a name given by `db` is neither asked for nor looked up.
+// There is one database. The parameter `db` is ignored.
 #pragma once
 
 #include <optional>
@@ -20,28 +20,28 @@
 namespace metricdb {
 
 struct WriteRequest {
-  Precision precision = Precision::ns;  // or a multiple of s that has no name: minutes and hours
+  Precision precision = Precision::ns;  // or a multiple of s without a name: minutes and hours
   bool is_gzip = false;
 };
 
 class InfluxApi {
  public:
-  // A write that may be done, or the answer to any other request.
+  // Returns the write to execute, or the answer to any other request.
   std::variant<WriteRequest, HttpAnswer> route(const HttpRequest &request);
 
-  // Of a request of which only the head is known: the answer that no body could change, if there is one.
+  // The answer to a request whose header is known, if no body can change it.
   static std::optional<HttpAnswer> answer_to_head(const HttpRequest &request);
 
  private:
   HttpAnswer query(const HttpRequest &request, std::string_view arguments);
   std::string run_statement(std::string_view statement);
 
-  std::set<std::string> databases_{"metricdb"};  // names that clients have used
+  std::set<std::string> databases_{"metricdb"};  // names that clients have created
 };
 
 HttpAnswer error_answer(http_status status, std::string reason);
 
-// To a write whose points are durable.
-HttpAnswer answer_to(const Taken &taken);
+// The answer to a write whose points are durable.
+HttpAnswer answer_to(const IngestResult &taken);
 
 }  // namespace metricdb

@@ -32,7 +32,7 @@ Listener::Listener(const std::string &address, std::optional<int> port) {
   if (fd_.get() < 0)
     throw ServerError(fmt::format("{}:{}: {}", address, *port, text.substr(0, text.find_last_not_of('\n') + 1)));
   spare_.reset(open_spare());
-  // Not blocking: who knocked may be gone again when we open.
+  // Not blocking, because a client may disconnect before it is accepted.
   if (spare_.get() < 0 || fcntl(fd_.get(), F_SETFL, O_NONBLOCK) != 0 || fcntl(fd_.get(), F_SETFD, FD_CLOEXEC) != 0)
     throw ServerError(fmt::format("{}:{}: {}", address, port_, std::strerror(errno)));
 }
@@ -50,7 +50,7 @@ int Listener::accept(const std::function<void(const char *why)> &turned_away) {
   }
 }
 
-// Left in the queue it would wake us again and again.
+// If the connection stayed in the queue, it would cause an event again and again.
 void Listener::turn_away() {
   spare_.reset();
   Descriptor(accept4(fd_.get(), nullptr, nullptr, SOCK_CLOEXEC)).reset();

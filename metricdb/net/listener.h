@@ -1,4 +1,4 @@
-// A port that connections come to.
+// A listening port.
 #pragma once
 
 #include <unistd.h>
@@ -9,7 +9,7 @@
 
 namespace metricdb {
 
-// Closed with its owner; -1 for none.
+// A file descriptor that is closed with its owner; -1 for none.
 class Descriptor {
  public:
   explicit Descriptor(int fd = -1) : fd_(fd) {}
@@ -29,22 +29,22 @@ class Descriptor {
 
 class Listener {
  public:
-  // On that port, or any that is free for 0; without a port there is nothing to hear. Throws ServerError.
+  // Listens on that port, or on any free port for 0; without a port it does nothing. Throws ServerError.
   Listener(const std::string &address, std::optional<int> port);
 
   int fd() const { return fd_.get(); }  // -1: none
   int port() const { return fd_.get() < 0 ? 0 : port_; }
   void close() { fd_.reset(); }
 
-  // The next that waits, not blocking and with its owner from here on. -1: nobody, or none that could be had now.
-  // For each that had to be closed at once, since the process may not open more, `turned_away` is called first.
+  // Accepts the next connection without blocking; the caller owns the descriptor. Returns -1 if there is none, or on an
+  // error. `turned_away` is called before a connection is closed because the process has no more descriptors.
   int accept(const std::function<void(const char *why)> &turned_away);
 
  private:
   void turn_away();
 
   Descriptor fd_;
-  Descriptor spare_;  // given up to have one for a connection that must be turned away
+  Descriptor spare_;  // closed to get a descriptor for a connection that is turned away
   int port_ = 0;
 };
 

@@ -26,8 +26,8 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr size_t MOST_EVENTS = 256;
-constexpr int MOST_ACCEPTED = 64;  // in one round: a flood of new ones shall not delay those that are there
+constexpr size_t MAX_EVENTS = 256;
+constexpr int MAX_ACCEPTED = 64;  // per round, so that many new connections do not delay the others
 constexpr size_t MESSAGE_BYTES = 512;
 
 [[noreturn]] void fail(const char *what) {
@@ -61,17 +61,17 @@ class Server::Loop {
   using Fds = std::vector<int>;
 
   void watch(int fd, uint32_t events);
-  void round();
+  void run_round();
   void wait_for_events();
   void on_event(const epoll_event &event);
   void accept_some(Listener &listener);
-  void admit(int fd, bool speaks_http);
+  void admit(int fd, bool is_http);
   void turn_away(const char *why);
-  void turns();
-  void after_turn(Place &place);
+  void process_active();
+  void after_processing(Place &place);
   void commit();
   void settle();
-  void let_held_ones_go();
+  void resume_held();
   void activate(Place &place);
   void check_times();
   void begin_drain();
@@ -86,26 +86,26 @@ class Server::Loop {
   Descriptor epoll_;
   Listener influx_;
   Listener graphite_;
-  // By descriptor. The lists below name descriptors too: if another connection has it by then, it gets a look for
-  // nothing.
+  // By descriptor. The following lists contain descriptors too. If a descriptor was reused by another connection, that
+  // one is processed without effect.
   std::vector<Place> places_;
   size_t n_connections_ = 0;
-  Fds active_;   // have a turn in the next round
-  Fds taken_;    // handed lines to the open batch
-  Fds waiting_;  // for the Ingest
-  Fds held_;     // by bounds that may concern others too
+  Fds active_;    // to process in the next round
+  Fds ingested_;  // with lines in the open batch
+  Fds waiting_;   // for the Ingest
+  Fds held_;      // by limits that other connections can cause
   std::deque<Batch> batches_;
   bool is_settled_readable_ = false;
   bool is_turning_away_ = false;
   bool is_draining_ = false;
   Clock::time_point next_check_;
-  Clock::time_point drained_by_;
+  Clock::time_point drain_deadline_;
 };
 
 Server::Loop::Loop(const ServerOptions &options, Ingest &ingest)
     : hub_(options, ingest),
       stop_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      epoll_(tslb_epoll_init(static_cast<int>(MOST_EVENTS), nullptr)),
+      epoll_(tslb_epoll_init(static_cast<int>(MAX_EVENTS), nullptr)),
       influx_(options.address, options.influx_port),
       graphite_(options.address, options.graphite_port) {
   if (stop_.get() < 0 || epoll_.get() < 0) fail("server");
@@ -123,7 +123,7 @@ void Server::Loop::watch(int fd, uint32_t events) {
 
 void Server::Loop::stop() noexcept {
   const uint64_t one = 1;
-  // Fails only when the count is at its end, and then it was asked often enough.
+  // Fails only if the counter is at its maximum, and then the event is readable.
   [[maybe_unused]] const ssize_t written = write(stop_.get(), &one, sizeof(one));
 }
 
@@ -133,26 +133,26 @@ void Server::Loop::run() {
   hub_.now = Clock::now();
   next_check_ = hub_.now + tick();
   while (!is_drained()) {
-    if (is_draining_ && hub_.now >= drained_by_) {
+    if (is_draining_ && hub_.now >= drain_deadline_) {
       TSLB_DLOG(LOG_REFUSALS, "stopped: %zu connections were not answered in time", n_connections_);
       break;
     }
-    round();
+    run_round();
   }
   places_.clear();
   TSLB_DLOG(LOG_PROGRESS, "stopped");
 }
 
-void Server::Loop::round() {
+void Server::Loop::run_round() {
   wait_for_events();
   if (std::exchange(is_settled_readable_, false)) settle();
-  turns();
+  process_active();
   commit();
   if (hub_.now >= next_check_) check_times();
 }
 
 void Server::Loop::wait_for_events() {
-  std::array<epoll_event, MOST_EVENTS> events;
+  std::array<epoll_event, MAX_EVENTS> events;
   const auto until = std::chrono::ceil<milliseconds>(next_check_ - Clock::now());
   const int wait_ms = active_.empty() ? static_cast<int>(std::max<int64_t>(until.count(), 0)) : 0;
   const int n = epoll_wait(epoll_.get(), events.data(), static_cast<int>(events.size()), wait_ms);
@@ -185,26 +185,26 @@ void Server::Loop::activate(Place &place) {
 // ---- Accepting -----------------------------------------------------------------------------------------------------
 
 void Server::Loop::accept_some(Listener &listener) {
-  for (int i = 0; i < MOST_ACCEPTED; ++i) {
+  for (int i = 0; i < MAX_ACCEPTED; ++i) {
     const int fd = listener.accept([this](const char *why) { turn_away(why); });
     if (fd < 0) return;
     admit(fd, &listener == &influx_);
   }
 }
 
-void Server::Loop::admit(int fd, bool speaks_http) {
+void Server::Loop::admit(int fd, bool is_http) {
   char message[MESSAGE_BYTES] = "";
   const bool is_full = n_connections_ >= hub_.options.max_connections;
   constexpr uint32_t EVENTS = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
   if (is_full || tslb_add_select(epoll_.get(), fd, static_cast<int>(EVENTS), message) != 0) {
-    turn_away(is_full ? "there are as many as may be" : message);
+    turn_away(is_full ? "the maximum number of connections is reached" : message);
     close(fd);
     return;
   }
   is_turning_away_ = false;
   if (places_.size() <= static_cast<size_t>(fd)) places_.resize(static_cast<size_t>(fd) + 1);
   std::unique_ptr<Connection> &connection = places_[static_cast<size_t>(fd)].connection;
-  if (speaks_http)
+  if (is_http)
     connection = std::make_unique<HttpConnection>(fd, hub_, api_, gunzip_);
   else
     connection = std::make_unique<GraphiteConnection>(fd, hub_, converter_);
@@ -219,19 +219,19 @@ void Server::Loop::turn_away(const char *why) {
 
 // ---- A round -------------------------------------------------------------------------------------------------------
 
-void Server::Loop::turns() {
+void Server::Loop::process_active() {
   Fds turn;
   turn.swap(active_);
   for (const int fd : turn) {
     Place &place = places_[static_cast<size_t>(fd)];
     place.is_active = false;
     if (!place.connection) continue;
-    place.connection->turn();
-    after_turn(place);
+    place.connection->process();
+    after_processing(place);
   }
 }
 
-void Server::Loop::after_turn(Place &place) {
+void Server::Loop::after_processing(Place &place) {
   Connection &connection = *place.connection;
   const int fd = connection.fd();
   if (connection.is_finished()) {
@@ -240,7 +240,7 @@ void Server::Loop::after_turn(Place &place) {
     return;
   }
   if (connection.waits_for_ingest()) {
-    taken_.push_back(fd);
+    ingested_.push_back(fd);
     if (!std::exchange(place.is_waiting, true)) waiting_.push_back(fd);
   }
   if (connection.is_ready())
@@ -253,10 +253,10 @@ void Server::Loop::commit() {
   if (hub_.has_open_points) {
     const uint64_t ticket = hub_.ingest.commit();
     batches_.push_back({ticket, hub_.open_bytes});
-    for (const int fd : taken_)
+    for (const int fd : ingested_)
       if (const auto &connection = places_[static_cast<size_t>(fd)].connection) connection->committed(ticket);
   }
-  taken_.clear();
+  ingested_.clear();
   hub_.has_open_points = false;
   hub_.open_bytes = 0;
 }
@@ -279,12 +279,12 @@ void Server::Loop::settle() {
     place.is_waiting = false;
     if (!place.connection) continue;
     place.connection->settled(settled, refusals);
-    after_turn(place);
+    after_processing(place);
   }
-  let_held_ones_go();
+  resume_held();
 }
 
-void Server::Loop::let_held_ones_go() {
+void Server::Loop::resume_held() {
   Fds held;
   held.swap(held_);
   for (const int fd : held) {
@@ -306,13 +306,13 @@ void Server::Loop::check_times() {
   for (Place &place : places_) {
     if (!place.connection) continue;
     place.connection->check_time();
-    after_turn(place);
+    after_processing(place);
   }
 }
 
 void Server::Loop::begin_drain() {
   is_draining_ = true;
-  drained_by_ = hub_.now + hub_.options.drain_timeout;
+  drain_deadline_ = hub_.now + hub_.options.drain_timeout;
   next_check_ = hub_.now + tick();
   epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, stop_.get(), nullptr);
   influx_.close();

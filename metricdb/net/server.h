@@ -1,12 +1,13 @@
-// metricdb on the network: takes lines from agents over TCP and answers when they are kept.
+// metricdb on the network: receives lines over TCP, and answers when they are durable.
 //
-// Two protocols, each on a port of its own: the HTTP interface of InfluxDB 1.x (influx_api.h), which answers each
-// request, and the plaintext protocol of Graphite (graphite.h), which answers nothing: what a full or failing store
-// refuses is counted and lost there.
+// There are two protocols, each on its own port: the HTTP interface of InfluxDB 1.x (influx_api.h), which answers each
+// request, and the plaintext protocol of Graphite (graphite.h), which answers nothing. Graphite lines that are refused
+// are counted and lost.
 //
-// One thread runs everything, in rounds. A round reads what has arrived, once per connection, hands all whole requests
-// to the Ingest and commits them as one batch. Their answers wait for that batch's ticket, and meanwhile the next
-// rounds take what others send. What waits is bounded per connection and in sum; beyond that a connection is not read.
+// One thread runs everything, in rounds. A round receives once per connection, passes all complete requests to the
+// Ingest and commits them as one batch. Their answers wait for the ticket of this batch, while the following rounds
+// receive more. The number of waiting bytes is limited per connection and in total. When a limit is reached, nothing
+// more is received.
 #pragma once
 
 #include <chrono>
@@ -27,42 +28,42 @@ class ServerError : public std::runtime_error {
 
 struct ServerOptions {
   std::string address = "127.0.0.1";  // IPv4
-  std::optional<int> influx_port;     // 0: any that is free. Without one the protocol is off
+  std::optional<int> influx_port;     // 0: any free port. Without a port the protocol is off
   std::optional<int> graphite_port;
 
   size_t max_body_bytes = size_t{32} << 20;        // of a request, before and after decompression
-  size_t max_connections = 4096;                   // what comes beyond is closed at once
-  size_t max_unanswered_bytes = size_t{64} << 20;  // taken and not settled, of all; passed by one request at most
-  size_t max_connection_bytes = size_t{48} << 20;  // and of one connection
-  size_t max_buffered_bytes = size_t{512} << 20;   // requests that are not whole yet, of all; then 503
+  size_t max_connections = 4096;                   // further connections are closed immediately
+  size_t max_unanswered_bytes = size_t{64} << 20;  // received and not settled, in total; one request can exceed it
+  size_t max_connection_bytes = size_t{48} << 20;  // the same per connection
+  size_t max_buffered_bytes = size_t{512} << 20;   // of incomplete requests, in total; then the answer is 503
 
-  std::chrono::milliseconds idle_timeout{600'000};    // nothing came and nothing could be sent
-  std::chrono::milliseconds request_timeout{60'000};  // from the first byte of a request, or of a line, to its last
-  std::chrono::milliseconds drain_timeout{10'000};    // from `stop` to the return of `run`
+  std::chrono::milliseconds idle_timeout{600'000};    // without receiving or sending
+  std::chrono::milliseconds request_timeout{60'000};  // from the first byte of a request, or of a line, to its last one
+  std::chrono::milliseconds drain_timeout{10'000};    // from `stop` until `run` returns
 };
 
 struct ServerCounters {
   uint64_t connections = 0;  // open now
   uint64_t accepted = 0;
-  uint64_t turned_away = 0;  // connections beyond the limit
-  uint64_t requests = 0;     // over HTTP, of every kind
+  uint64_t turned_away = 0;  // over the limit
+  uint64_t requests = 0;     // over HTTP, of all kinds
   uint64_t bytes = 0;        // received
-  uint64_t points = 0;       // taken
+  uint64_t points = 0;       // stored
   uint64_t malformed = 0;    // lines
-  uint64_t refused = 0;      // requests, or pieces of a Graphite stream, whose lines the Ingest would or could not keep
+  uint64_t refused = 0;      // requests, or pieces of a Graphite stream, whose lines were refused
 };
 
 class Server {
  public:
-  // Listens from here on. Throws ServerError. The Ingest has to live as long as the server.
+  // Begins to listen. Throws ServerError. The Ingest must exist as long as the server.
   Server(const ServerOptions &options, Ingest &ingest);
   ~Server();
 
-  // Serves until `stop`; to be called once. Then whole requests that have arrived are still taken and answered. Throws
-  // ServerError if the system fails it, and what else than IngestRefused the Ingest throws.
+  // Serves until `stop`. Called once. After `stop`, complete requests that have arrived are still processed and
+  // answered. Throws ServerError after a failed system call, and exceptions of the Ingest other than IngestRefused.
   void run();
 
-  // Threads: any. Signal handlers too, also before `run`.
+  // Threads: any, also signal handlers, also before `run`.
   void stop() noexcept;
 
   // 0 if the protocol is off.

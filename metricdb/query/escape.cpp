@@ -9,36 +9,36 @@ namespace {
 
 constexpr std::string_view REPLACEMENT = "\xef\xbf\xbd";
 
-bool goes_on(char byte) {
+bool is_continuation(char byte) {
   return (static_cast<unsigned char>(byte) & 0xc0) == 0x80;
 }
 
-// The length that a sequence with this first byte has, or 0: none begins so.
-size_t length_behind(unsigned char first) {
+// Returns the length of a sequence with this first byte, or 0 if no sequence begins with it.
+size_t length_of(unsigned char first) {
   if (first < 0x80) return 1;
   if (first < 0xc2 || first > 0xf4) return 0;
   return first < 0xe0 ? 2 : first < 0xf0 ? 3 : 4;
 }
 
-// Whether the second byte is one of too long a form, of a surrogate, or beyond the last character.
+// Returns whether the second byte belongs to an overlong sequence, a surrogate, or a value after the last character.
 bool is_excluded(unsigned char first, unsigned char second) {
   return (first == 0xe0 && second < 0xa0) || (first == 0xed && second > 0x9f) || (first == 0xf0 && second < 0x90) ||
          (first == 0xf4 && second > 0x8f);
 }
 
-// The bytes of the character at the front, or 0 if there is none.
+// Returns the length of the character at the front, or 0 if it is invalid.
 size_t character_length(std::string_view text) {
   const auto first = static_cast<unsigned char>(text[0]);
-  const size_t length = length_behind(first);
+  const size_t length = length_of(first);
   if (length == 0 || length > text.size()) return 0;
   const std::string_view others = text.substr(1, length - 1);
-  if (!std::all_of(others.begin(), others.end(), goes_on)) return 0;
+  if (!std::all_of(others.begin(), others.end(), is_continuation)) return 0;
   return length > 2 && is_excluded(first, static_cast<unsigned char>(text[1])) ? 0 : length;
 }
 
-// Character by character; what is none is replaced byte by byte. `escape` says how a single byte reads.
+// Copies valid characters, and replaces each invalid byte. `escape` converts single-byte characters.
 template <class Escape>
-std::string with_characters(std::string_view text, Escape escape) {
+std::string escape_characters(std::string_view text, Escape escape) {
   std::string escaped;
   while (!text.empty()) {
     const size_t length = character_length(text);
@@ -64,16 +64,16 @@ std::string json_string(std::string_view text) {
     if (byte == '"' || byte == '\\') return std::string{'\\', byte};
     return is_control(byte) ? fmt::format("\\u{:04x}", static_cast<unsigned>(byte)) : std::string(1, byte);
   };
-  return fmt::format("\"{}\"", with_characters(text, escape));
+  return fmt::format("\"{}\"", escape_characters(text, escape));
 }
 
 std::string xml_text(std::string_view text) {
-  return with_characters(text, [](char byte) -> std::string {
+  return escape_characters(text, [](char byte) -> std::string {
     if (byte == '&') return "&amp;";
     if (byte == '<') return "&lt;";
     if (byte == '>') return "&gt;";
     if (byte == '"') return "&quot;";
-    // Most of them cannot be in XML, not even by number.
+    // XML excludes most control characters, even as character references.
     return is_control(byte) ? std::string(REPLACEMENT) : std::string(1, byte);
   });
 }

@@ -1,5 +1,5 @@
-// Texts of ours inside the formats of others. Series keys are any bytes but control characters: what is no UTF-8 in
-// them becomes U+FFFD where a format demands UTF-8.
+// Escapes texts for other formats. Series keys contain any bytes but control characters. If a format requires UTF-8,
+// invalid bytes become U+FFFD.
 #pragma once
 
 #include <string>
@@ -7,13 +7,13 @@
 
 namespace metricdb {
 
-// As a string of JSON, quotes included.
+// A string of JSON, quotes included.
 std::string json_string(std::string_view text);
 
-// As text or the value of an attribute of XML 1.0.
+// Text, or the value of an attribute, of XML 1.0.
 std::string xml_text(std::string_view text);
 
-// As a field of CSV (RFC 4180), in quotes if it needs them. Any bytes stay as they are.
+// A field of CSV (RFC 4180), in quotes if necessary. All bytes are copied.
 std::string csv_field(std::string_view text);
 
 }  // namespace metricdb

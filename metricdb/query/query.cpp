@@ -8,7 +8,7 @@
 namespace metricdb {
 namespace {
 
-// The points of one window.
+// Aggregates the points of one window.
 class Window {
  public:
   void add(const Point &point) {
@@ -36,19 +36,19 @@ class Window {
   Point last_{};
   double min_ = 0.0;
   double max_ = 0.0;
-  long double sum_ = 0.0L;  // its range holds the sum of any number of doubles, so that a mean lies among its values
+  long double sum_ = 0.0L;  // its range holds the sum of any number of doubles, so a mean is between its values
 };
 
 bool is_in_range(const Query &query, int64_t ts_ns) {
   return ts_ns >= query.from_ns && (!query.to_ns || ts_ns < *query.to_ns);
 }
 
-// Rounded down, before 1970 too.
+// Rounded down, also before 1970.
 int64_t window_number(int64_t ts_ns, int64_t every_ns) {
   return ts_ns / every_ns - (ts_ns % every_ns < 0 ? 1 : 0);
 }
 
-int64_t begin_of(int64_t number, int64_t every_ns) {
+int64_t window_begin(int64_t number, int64_t every_ns) {
   int64_t begin_ns;
   return __builtin_mul_overflow(number, every_ns, &begin_ns) ? INT64_MIN : begin_ns;
 }
@@ -69,13 +69,13 @@ std::vector<Point> windows_in_range(const Query &query, const NextPoint &next) {
   for (Point point; next(point);) {
     if (!is_in_range(query, point.ts_ns)) continue;
     const int64_t number = window_number(point.ts_ns, query.every_ns);
-    // Nearly always the window of the point before.
+    // Usually the window of the previous point.
     if (current == windows.end() || current->first != number) current = windows.try_emplace(number).first;
     current->second.add(point);
   }
   std::vector<Point> points;
   for (const auto &[number, window] : windows)
-    points.push_back({begin_of(number, query.every_ns), window.value(query.fn)});
+    points.push_back({window_begin(number, query.every_ns), window.value(query.fn)});
   return points;
 }
 

@@ -1,7 +1,7 @@
-// A question about the points of one series, and its answer.
+// Queries the points of one series.
 //
-// Points come in order of arrival, which need not be the order of their times; answers are in order of time. A value
-// that is not a number stands for one that is missing: it is a point, but no function of values counts it in.
+// Points arrive in order of arrival, which can differ from the order of their times. Results are in order of time. NaN
+// means a missing value: it is a point, but functions of values ignore it.
 #pragma once
 
 #include <cstdint>
@@ -15,10 +15,10 @@
 
 namespace metricdb {
 
-// Gives one point with each call, in order of arrival, and false behind the last.
+// Sets the next point in order of arrival. Returns false after the last one.
 using NextPoint = std::function<bool(Point &)>;
 
-// What becomes of the points in one window.
+// Functions of the points in one window.
 enum class Fn { mean, max, min, sum, count, last };
 inline constexpr const char *FN_NAMES[] = {"mean", "max", "min", "sum", "count", "last"};
 
@@ -27,18 +27,18 @@ inline const char *name_of(Fn fn) {
 }
 
 struct Query {
-  int64_t from_ns = INT64_MIN;                  // the first time that counts
-  std::optional<int64_t> to_ns = std::nullopt;  // the first one that does not any more; none: all later ones count
-  int64_t every_ns = 0;                         // length of a window; 0: the points themselves are the answer
-  Fn fn = Fn::mean;                             // with windows only
+  int64_t from_ns = INT64_MIN;                  // the first time in the range
+  std::optional<int64_t> to_ns = std::nullopt;  // the first time after the range; none: no limit
+  int64_t every_ns = 0;                         // length of a window; 0: no windows, the points themselves
+  Fn fn = Fn::mean;                             // used with windows only
 };
 
-// Without windows: the points in the range, those of one time in order of arrival.
-// With windows: one point for each window that has points, at its begin. Windows lie end to end from 1970 on, before
-// and after it; the first one that 64 bits can tell times of begins earlier, and stands at its first such time.
-//   mean, max, min, sum  of the values that are numbers; not a number if there is none
+// Without windows: the points in the range; points with the same time stay in order of arrival. With windows: one point
+// for each window that has points, at the beginning of the window. Windows are consecutive, and one begins at 1970. The
+// first window that contains representable times is placed at the minimum time.
+//   mean, max, min, sum  of the values that are not NaN; NaN if there is none
 //   count                of all points
-//   last                 the value latest in time, and of those the one that came last
+//   last                 the value with the latest time; of several, the last to arrive
 std::vector<Point> answer(const Query &query, const NextPoint &next);
 
 }  // namespace metricdb

@@ -16,15 +16,15 @@ namespace {
 
 constexpr size_t SPARK_CELLS = 60;
 
-// As many as the time that needs most, so that all are of one width.
+// The maximum over all points, so that all times have the same width.
 int decimals_of(std::span<const Point> points) {
   int decimals = 0;
   for (const Point &point : points) decimals = std::max(decimals, time_decimals(point.ts_ns));
   return decimals;
 }
 
-// Each cell the mean of as many finite values in order of time.
-std::string course_of(std::span<const Point> points) {
+// A sparkline. Each cell is the mean of equally many finite values, in order of time.
+std::string sparkline_of(std::span<const Point> points) {
   std::vector<double> values;
   for (const Point &point : points)
     if (std::isfinite(point.value)) values.push_back(point.value);
@@ -57,49 +57,49 @@ std::string duration_text(int64_t ns) {
   return text;
 }
 
-// What the values are: a function's, or the series' own.
+// Heading of the values.
 const char *value_name(const Query &query) {
   return query.every_ns == 0 ? "value" : name_of(query.fn);
 }
 
 }  // namespace
 
-std::string title_of(const Asked &asked) {
-  if (asked.query.every_ns == 0) return std::string(asked.key);
-  return fmt::format("{}, {} of {}", asked.key, name_of(asked.query.fn), duration_text(asked.query.every_ns));
+std::string title_of(const SeriesQuery &query) {
+  if (query.query.every_ns == 0) return std::string(query.key);
+  return fmt::format("{}, {} of {}", query.key, name_of(query.query.fn), duration_text(query.query.every_ns));
 }
 
-std::string answer_table(const Asked &asked, std::span<const Point> points) {
-  if (points.empty()) return fmt::format("{}\nno points\n", title_of(asked));
+std::string answer_table(const SeriesQuery &query, std::span<const Point> points) {
+  if (points.empty()) return fmt::format("{}\nno points\n", title_of(query));
   const int decimals = decimals_of(points);
   std::vector<std::string> values;
-  size_t width = std::string_view(value_name(asked.query)).size();
+  size_t width = std::string_view(value_name(query.query)).size();
   for (const Point &point : points)
     width = std::max(width, values.emplace_back(fmt::format("{:.10g}", point.value)).size());
-  std::string table = title_of(asked) + "\n";
+  std::string table = title_of(query) + "\n";
   const auto out = std::back_inserter(table);
-  fmt::format_to(out, "{:<{}}  {:>{}}\n", "time", time_text(0, decimals).size(), value_name(asked.query), width);
+  fmt::format_to(out, "{:<{}}  {:>{}}\n", "time", time_text(0, decimals).size(), value_name(query.query), width);
   for (size_t i = 0; i < points.size(); ++i)
     fmt::format_to(out, "{}  {:>{}}\n", time_text(points[i].ts_ns, decimals), values[i], width);
-  const std::string course = course_of(points);
-  fmt::format_to(out, "{} {}{}{}\n", points.size(), points.size() == 1 ? "point" : "points", course.empty() ? "" : "  ",
-                 course);
+  const std::string spark = sparkline_of(points);
+  fmt::format_to(out, "{} {}{}{}\n", points.size(), points.size() == 1 ? "point" : "points", spark.empty() ? "" : "  ",
+                 spark);
   return table;
 }
 
-std::string answer_csv(const Asked &asked, std::span<const Point> points) {
+std::string answer_csv(const SeriesQuery &query, std::span<const Point> points) {
   const int decimals = decimals_of(points);
-  std::string text = fmt::format("time,{}\r\n", csv_field(asked.key));
+  std::string text = fmt::format("time,{}\r\n", csv_field(query.key));
   for (const Point &point : points)
     fmt::format_to(std::back_inserter(text), "{},{}\r\n", time_text(point.ts_ns, decimals), point.value);
   return text;
 }
 
-std::string answer_json(const Asked &asked, std::span<const Point> points) {
-  std::string text = fmt::format("{{\"key\": {}", json_string(asked.key));
+std::string answer_json(const SeriesQuery &query, std::span<const Point> points) {
+  std::string text = fmt::format("{{\"key\": {}", json_string(query.key));
   const auto out = std::back_inserter(text);
-  if (asked.query.every_ns != 0)
-    fmt::format_to(out, ", \"fn\": \"{}\", \"every_ns\": {}", name_of(asked.query.fn), asked.query.every_ns);
+  if (query.query.every_ns != 0)
+    fmt::format_to(out, ", \"fn\": \"{}\", \"every_ns\": {}", name_of(query.query.fn), query.query.every_ns);
   text += ", \"points\": [";
   const int decimals = decimals_of(points);
   for (size_t i = 0; i < points.size(); ++i)

@@ -17,7 +17,7 @@ constexpr size_t SPARK_CELLS = 32;
 constexpr const char *LEVELS[] = {"▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
 constexpr size_t N_LEVELS = std::size(LEVELS);
 
-// Sums in long double: its range holds the sum of any number of doubles that memory holds.
+// Sums in long double, whose range holds the sum of any number of doubles.
 struct Mean {
   long double sum = 0.0L;
   uint64_t count = 0;
@@ -46,7 +46,7 @@ uint64_t count_visible(const Store &store, uint32_t series) {
   return count;
 }
 
-// Of a series with a visible point.
+// For a series with at least one visible point.
 Row row_of(const Store &store, uint32_t series) {
   const uint64_t n_points = count_visible(store, series);
   std::vector<Mean> cells(std::min<uint64_t>(n_points, SPARK_CELLS));
@@ -71,28 +71,23 @@ Row row_of(const Store &store, uint32_t series) {
           sparkline(values) + (store.is_inactive(series) ? "  inactive" : "")};
 }
 
-bool forgets(const StoreConfig &config) {
-  return config.retain_ns != 0 || config.idle_ns != 0;
-}
-
-std::string swept(const char *name, const PoolSweep &pool, uint64_t slots_in_all) {
+std::string sweep_line(const char *name, const PoolSweep &pool, uint64_t slots_released) {
   return fmt::format(
-      "{:<17}{} memory slots came back in all; the last sweep: {} free before it, {} after, {} bytes used, {} of them "
-      "deleted, in {} bytes of pool\n",
-      name, slots_in_all, pool.free_before, pool.free_after, pool.used_bytes, pool.deleted_bytes, pool.total_bytes);
+      "{:<17}{} memory slots released; last sweep: {} free before, {} after; {} bytes used, {} of them deleted, of {} "
+      "bytes\n",
+      name, slots_released, pool.free_before, pool.free_after, pool.used_bytes, pool.deleted_bytes, pool.total_bytes);
 }
 
-std::string forgetting(const Store &store, uint64_t n_visible, const Sweep &last) {
-  const Forgotten &gone = store.forgotten();
-  std::string text =
-      fmt::format("visible points   {}, and {} hidden beside them\n", n_visible, store.n_points() - n_visible);
-  text += fmt::format("forgotten        {} points in {} chunks, {} that came too late; {} series aged, {} reused\n",
-                      gone.points, gone.chunks, gone.late_points, gone.series_aged, gone.series_reused);
-  text += swept("keys swept", last.keys, gone.key_slots);
-  return text + swept("points swept", last.points, gone.point_slots);
+std::string forget_lines(const Store &store, uint64_t n_visible, const Sweep &last) {
+  const ForgetCounts &counts = store.forgotten();
+  std::string text = fmt::format("visible points   {}, {} hidden\n", n_visible, store.n_points() - n_visible);
+  text += fmt::format("forgotten        {} points in {} chunks, {} late; {} series aged, {} reused\n", counts.points,
+                      counts.chunks, counts.late_points, counts.series_aged, counts.series_reused);
+  text += sweep_line("keys swept", last.keys, counts.key_slots);
+  return text + sweep_line("points swept", last.points, counts.point_slots);
 }
 
-// Of all visible points of a store.
+// The visible points of a store.
 struct Span {
   uint64_t n_visible = 0;
   int64_t oldest_ns = INT64_MAX;
@@ -130,7 +125,7 @@ std::string array_lines(const char *name, DynArrHandle_t *array, const ArrayFile
   return text;
 }
 
-// For whoever looks for a fault: the words of the headers, as they stand in memory.
+// The headers in memory, to locate faults.
 std::string headers_of(const Store &store) {
   std::string text = "the headers of the arrays, as the library prints them\n";
   text += fmt::format("  catalogue      {}\n", tslb_da_get_hdr_str(store.catalogue()));
@@ -161,7 +156,7 @@ std::string sparkline(std::span<const double> values) {
   std::string line;
   if (values.empty()) return line;
   const auto [min, max] = std::minmax_element(values.begin(), values.end());
-  // In long double: the span of two doubles can be beyond a double.
+  // In long double: the difference of two doubles can exceed the range of double.
   const long double low = *min;
   const long double height = static_cast<long double>(*max) - low;
   for (const double value : values) {
@@ -190,36 +185,36 @@ std::string load_summary(const Store &store, const LoadStats &stats, const Sweep
   const auto out = std::back_inserter(text);
   fmt::format_to(out, "lines            {}\n", stats.lines);
   fmt::format_to(out, "series           {}{}\n", store.n_series(),
-                 store.config().idle_ns != 0 ? fmt::format(", {} inactive", store.n_inactive()) : "");
+                 store.config().forgetting.idle_ns != 0 ? fmt::format(", {} inactive", store.n_inactive()) : "");
   fmt::format_to(out, "points           {}\n", stats.points);
   fmt::format_to(out, "strings skipped  {}\n", stats.strings_skipped);
   fmt::format_to(out, "malformed lines  {}\n", stats.malformed);
   fmt::format_to(out, "bytes per point  {:.2f} in use, {:.2f} reserved\n",
                  static_cast<double>(store.bytes_in_use()) / n_points,
                  static_cast<double>(store.bytes_reserved()) / n_points);
-  if (forgets(store.config())) text += forgetting(store, n_visible, last);
+  if (store.config().forgetting.is_by_sweeps()) text += forget_lines(store, n_visible, last);
   fmt::format_to(out, "points per s     {:.0f} ({:.3f} s without reading the inputs)\n",
                  seconds > 0.0 ? static_cast<double>(stats.points) / seconds : 0.0, seconds);
   return text + headers_of(store);
 }
 
-std::string database_summary(const std::string &folder, const Store &store, const Stored &stored, double seconds) {
+std::string database_summary(const std::string &folder, const Store &store, const GenerationInfo &stored,
+                             double seconds) {
   const Span span = span_of(store);
   const double n_points = static_cast<double>(std::max<uint64_t>(span.n_visible, 1));
-  const Forgotten &gone = store.forgotten();
+  const ForgetCounts &counts = store.forgotten();
   std::string text;
   const auto out = std::back_inserter(text);
   fmt::format_to(out, "database         {}: generation {}, store {}, opened and checked in {:.3f} s\n", folder,
-                 stored.generation, STORE_NAMES[static_cast<int>(stored.kind)], seconds);
+                 stored.number, STORE_NAMES[static_cast<int>(stored.kind)], seconds);
   fmt::format_to(out, "series           {}, {} inactive\n", store.n_series(), store.n_inactive());
-  fmt::format_to(out, "visible points   {}, and {} hidden beside them\n", span.n_visible,
-                 store.n_points() - span.n_visible);
+  fmt::format_to(out, "visible points   {}, {} hidden\n", span.n_visible, store.n_points() - span.n_visible);
   if (span.n_visible != 0) {
     fmt::format_to(out, "oldest           {}\n", shown_time(span.oldest_ns));
     fmt::format_to(out, "newest           {}\n", shown_time(span.newest_ns));
   }
-  fmt::format_to(out, "forgotten        {} points in {} chunks, {} that came too late; {} series aged, {} reused\n",
-                 gone.points, gone.chunks, gone.late_points, gone.series_aged, gone.series_reused);
+  fmt::format_to(out, "forgotten        {} points in {} chunks, {} late; {} series aged, {} reused\n", counts.points,
+                 counts.chunks, counts.late_points, counts.series_aged, counts.series_reused);
   fmt::format_to(out, "bytes per point  {:.2f} in files, {:.2f} on the disk\n",
                  static_cast<double>(stored.bytes()) / n_points,
                  static_cast<double>(stored.allocated_bytes()) / n_points);

@@ -1,4 +1,4 @@
-// What the database prints about itself and its series.
+// Texts about the database and its series.
 #pragma once
 
 #include <span>
@@ -10,21 +10,21 @@
 
 namespace metricdb {
 
-// One cell per value, scaled between the smallest and the largest; all alike give a line at half height.
+// One cell per value, scaled between minimum and maximum. If all values are equal, all cells have half height.
 std::string sparkline(std::span<const double> values);
 
 // The series that have visible points and whose keys match `pattern` (*, ? and [...] as in file names), sorted by key,
-// one line each: key, count, min, max, mean, last, and a sparkline of up to 32 cells, each the mean of as many points
-// in order of arrival, with a word behind it if the series is inactive. A heading goes ahead of them; without a match,
-// one line says so.
+// with a heading. One line each: key, count, min, max, mean, last, and a sparkline of up to 32 cells, each the mean of
+// equally many points in order of arrival. Inactive series are marked. Without a match there is one line that says so.
 std::string series_table(const Store &store, const std::string &pattern);
 
-// Counts, sizes, speed (`seconds` is the time that parsing and storing took), and the headers of the arrays. Bytes per
-// point are by visible points. If the store forgets, also what it forgot, and what the sweep `last` found.
+// Counts, sizes, speed (`seconds` is the time for parsing and storing), and the headers of the arrays. Bytes per point
+// refer to visible points. If the store forgets data, also what it forgot, and the result of the last sweep.
 std::string load_summary(const Store &store, const LoadStats &stats, const Sweep &last, double seconds);
 
-// What a database holds: where, in which generation, series and points, what was forgotten, and for each array its
-// sizes and its headers. `seconds` is the time that opening took, checks included.
-std::string database_summary(const std::string &folder, const Store &store, const Stored &stored, double seconds);
+// The content of a database: folder and generation, series and points, forgotten data, and sizes and headers of each
+// array. `seconds` is the time for opening, checks included.
+std::string database_summary(const std::string &folder, const Store &store, const GenerationInfo &stored,
+                             double seconds);
 
 }  // namespace metricdb

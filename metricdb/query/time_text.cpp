@@ -39,13 +39,13 @@ std::string shown(std::string_view text) {
 
 [[noreturn]] void refuse_time(std::string_view text, std::string_view why) {
   throw BadText(
-      fmt::format("{} is no time{}: expected 2026-01-02T03:04:05Z, 2026-01-02, nanoseconds since 1970, or now-15m",
+      fmt::format("{} is not a time{}: expected 2026-01-02T03:04:05Z, 2026-01-02, nanoseconds since 1970, or now-15m",
                   shown(text), why));
 }
 
 [[noreturn]] void refuse_duration(std::string_view text) {
   throw BadText(
-      fmt::format("{} is no duration: expected 250ms, 10s, 1h30m or the like (ns us ms s m h d w)", shown(text)));
+      fmt::format("{} is not a duration: expected 250ms, 10s, 1h30m or the like (ns us ms s m h d w)", shown(text)));
 }
 
 [[noreturn]] void refuse_range(std::string_view text, const char *what) {
@@ -57,8 +57,8 @@ bool is_digit(char byte) {
   return byte >= '0' && byte <= '9';
 }
 
-// Takes `n` digits off the front.
-bool take_number(std::string_view &text, size_t n, int &number) {
+// Removes `n` digits from the front.
+bool read_number(std::string_view &text, size_t n, int &number) {
   number = 0;
   if (text.size() < n) return false;
   for (const char byte : text.substr(0, n)) {
@@ -69,16 +69,16 @@ bool take_number(std::string_view &text, size_t n, int &number) {
   return true;
 }
 
-bool take_byte(std::string_view &text, char byte) {
+bool skip_byte(std::string_view &text, char byte) {
   if (!text.starts_with(byte)) return false;
   text.remove_prefix(1);
   return true;
 }
 
-// Takes a point and digits behind it off the front, if they are there. Digits beyond nanoseconds are cut off.
-bool take_fraction(std::string_view &text, int64_t &ns) {
+// Removes a point and the following digits from the front, if they are there. Digits after nanoseconds are ignored.
+bool read_fraction(std::string_view &text, int64_t &ns) {
   ns = 0;
-  if (!take_byte(text, '.')) return true;
+  if (!skip_byte(text, '.')) return true;
   int n_digits = 0;
   for (; !text.empty() && is_digit(text.front()); text.remove_prefix(1), ++n_digits)
     if (n_digits < DECIMALS_OF_NS) ns = ns * 10 + (text.front() - '0');
@@ -86,13 +86,13 @@ bool take_fraction(std::string_view &text, int64_t &ns) {
   return n_digits != 0;
 }
 
-// Takes `03:04:05.123Z` off the front.
-bool take_time_of_day(std::string_view &text, int64_t &ns) {
+// Removes `03:04:05.123Z` from the front.
+bool read_time_of_day(std::string_view &text, int64_t &ns) {
   int hours, minutes, seconds;
   int64_t fraction_ns;
-  if (!take_number(text, 2, hours) || !take_byte(text, ':') || !take_number(text, 2, minutes) ||
-      !take_byte(text, ':') || !take_number(text, 2, seconds) || !take_fraction(text, fraction_ns) ||
-      !take_byte(text, 'Z'))
+  if (!read_number(text, 2, hours) || !skip_byte(text, ':') || !read_number(text, 2, minutes) ||
+      !skip_byte(text, ':') || !read_number(text, 2, seconds) || !read_fraction(text, fraction_ns) ||
+      !skip_byte(text, 'Z'))
     return false;
   ns = ((hours * 60 + minutes) * 60 + seconds) * S + fraction_ns;
   return hours < 24 && minutes < 60 && seconds < 60;
@@ -102,8 +102,8 @@ int64_t calendar_time_of(std::string_view text) {
   std::string_view rest = text;
   int y, m, d;
   int64_t of_day_ns = 0;
-  if (!take_number(rest, 4, y) || !take_byte(rest, '-') || !take_number(rest, 2, m) || !take_byte(rest, '-') ||
-      !take_number(rest, 2, d) || (take_byte(rest, 'T') && !take_time_of_day(rest, of_day_ns)) || !rest.empty())
+  if (!read_number(rest, 4, y) || !skip_byte(rest, '-') || !read_number(rest, 2, m) || !skip_byte(rest, '-') ||
+      !read_number(rest, 2, d) || (skip_byte(rest, 'T') && !read_time_of_day(rest, of_day_ns)) || !rest.empty())
     refuse_time(text, "");
   const year_month_day date = year(y) / month(static_cast<unsigned>(m)) / day(static_cast<unsigned>(d));
   if (!date.ok()) refuse_time(text, ", the calendar has no such day");
@@ -143,7 +143,7 @@ int64_t duration_of(std::string_view text) {
     if (error == std::errc::result_out_of_range) refuse_range(text, "the duration");
     if (error != std::errc() || number <= 0) refuse_duration(text);
     rest.remove_prefix(static_cast<size_t>(end - rest.data()));
-    // A unit ends where the next number begins: the m of ms is no minute.
+    // A unit ends at the next digit: "ms" is not "m" and a rest.
     const std::string_view name = rest.substr(0, std::min(rest.find_first_of("0123456789"), rest.size()));
     const auto *const unit =
         std::find_if(UNITS.begin(), UNITS.end(), [&](const auto &one) { return one.first == name; });
@@ -163,7 +163,8 @@ int time_decimals(int64_t ts_ns) {
 }
 
 std::optional<int64_t> time_on(sys_days date, int64_t of_day_ns) {
-  // Before 1970 from the end of the day: the first one that 64 bits tell times of begins earlier than they can tell.
+  // Before 1970 computed from the end of the day, because the beginning of the first representable day is not
+  // representable.
   const int64_t number = date.time_since_epoch().count();
   const int64_t before_1970 = number < 0 ? 1 : 0;
   int64_t ts_ns;
@@ -174,7 +175,8 @@ std::optional<int64_t> time_on(sys_days date, int64_t of_day_ns) {
 }
 
 std::string time_text(int64_t ts_ns, int decimals) {
-  // Rounded down, before 1970 too. No time of that day's begin: the first one that there is begins out of range.
+  // Rounded down, also before 1970. The beginning of the day is not computed, because that of the first day is not
+  // representable.
   const int64_t rest_ns = ts_ns % DAY_NS;
   const int64_t day_number = ts_ns / DAY_NS - (rest_ns < 0 ? 1 : 0);
   const int64_t of_day_ns = rest_ns + (rest_ns < 0 ? DAY_NS : 0);

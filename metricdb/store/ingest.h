@@ -1,8 +1,8 @@
-// Where lines go that come from outside, and how one learns that they are kept.
+// The interface through which received lines are stored.
 //
-// Lines are taken batch by batch: `take` as often as there is something, then `commit`, which ends the batch and
-// returns its ticket at once. The batch is kept, whatever happens to process and machine, when `settled` has reached
-// its ticket. A batch that could not be written is refused as a whole and nothing of it stays.
+// Lines are stored in batches: any number of calls of `take`, then `commit`, which ends the batch and returns its
+// ticket without waiting. When `settled` reaches the ticket, the batch is durable: a crash of the process or the
+// machine does not lose it. A batch that cannot be written is refused as a whole, and none of its points is stored.
 #pragma once
 
 #include <cstdint>
@@ -14,35 +14,35 @@
 
 namespace metricdb {
 
-// Nothing of the text was taken: there is no room for it now, or not in the time to come. Says why in one line.
+// No point of the text was stored, because there is no room. The message is one line.
 class IngestRefused : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-struct Taken {
+struct IngestResult {
   uint64_t points = 0;
-  uint64_t malformed = 0;    // lines, of which no point was taken; those that there was no room for too
-  std::string first_reason;  // of the first malformed one, as in "line 3: no fields"
+  uint64_t malformed = 0;    // skipped lines, including lines without room
+  std::string first_reason;  // for the first skipped line, as in "line 3: no fields"
 };
 
 class Ingest {
  public:
   virtual ~Ingest() = default;
 
-  // Takes whole lines of line protocol; the last needs no line feed. Throws IngestRefused.
-  virtual Taken take(std::string_view text, Precision precision) = 0;
+  // Stores complete lines of line protocol; the last one needs no line feed. Throws IngestRefused.
+  virtual IngestResult take(std::string_view text, Precision precision) = 0;
 
-  // Ends the batch, and returns its ticket: 1, 2 and so on. With nothing taken since the last batch, that one's ticket.
+  // Ends the batch, and returns its ticket: 1, 2 and so on. Without new points it returns the ticket of the last batch.
   virtual uint64_t commit() = 0;
 
-  // All batches up to this ticket are settled: durable, unless `failure` says otherwise.
+  // Returns the last settled ticket. All batches up to it are durable, or refused if `failure` returns a reason.
   virtual uint64_t settled() = 0;
 
-  // Of a settled batch: empty if it is durable, or why it was refused.
+  // Returns the reason why a settled batch was refused; empty if it is durable.
   virtual std::string failure(uint64_t ticket) = 0;
 
-  // Readable when `settled` may have moved. Reset by `settled`.
+  // Readable when the result of `settled` may have changed. Calling `settled` resets it.
   virtual int settled_fd() const = 0;
 };
 

@@ -1,4 +1,4 @@
-// Takes a catalogue down to an older layout of its records, with the library's routine for it.
+// Converts a catalogue to an older layout of its records, with the library's conversion routine.
 #pragma once
 
 #include <cstdint>
@@ -7,10 +7,10 @@
 
 namespace metricdb {
 
-// A new array in process memory with the records of `catalogue`, under the same indices, in `layout`, which is older.
-// Series stay, and what the older layout has no room for is gone. Free slots are free again, in order of their indices;
-// inactive ones come out active, and the reuse policy is not carried: whoever makes a store of it registers that.
-// Throws std::runtime_error where the library knows no way, or memory is refused.
-Array taken_down(DynArrHandle_t *catalogue, uint8_t layout);
+// Returns a new array in process memory with the records of `catalogue` in `layout`, which is older. Indices stay.
+// Fields that the older layout lacks are lost. Free slots are free, in order of their indices. Inactive slots become
+// active. The reuse policy is not copied; the constructor of Store registers it. Throws std::runtime_error if the
+// library has no routine for the conversion, and std::bad_alloc.
+Array convert_catalogue(DynArrHandle_t *catalogue, uint8_t layout);
 
 }  // namespace metricdb

@@ -6,13 +6,13 @@
 
 namespace metricdb {
 
-Loader::Loader(Store &store, WhenFull when_full, Report report)
-    : store_(store), when_full_(when_full), report_(std::move(report)) {}
+Loader::Loader(Store &store, OnFull on_full, Report report)
+    : store_(store), on_full_(on_full), report_(std::move(report)) {}
 
-// Ahead of the first point of a line: none of them is stored if one cannot be.
+// Checked before any point of a line is stored.
 bool Loader::keys_fit() {
   for (const ParsedField &field : parser_.line().fields)
-    if (parser_.line().head.size() + 1 + field.key.size() > Store::LONGEST_KEY) return false;
+    if (parser_.line().head.size() + 1 + field.key.size() > Store::MAX_KEY_BYTES) return false;
   return true;
 }
 
@@ -44,7 +44,7 @@ void Loader::store_fields(const ParsedLine &line, int64_t ts_ns) {
     } else {
       series = store_.series_of(key_.assign(line.head).append(1, ' ').append(field.key));
       is_like_last = false;
-      // A new one can have taken the slot of another. Never of one of this line: room was made for those.
+      // The new series can have replaced another one. Not a series of this line: `make_room` has activated those.
       drop_stale_series();
     }
     store_.make_room(series);
@@ -66,7 +66,7 @@ void Loader::load(std::string_view text, Precision precision, int64_t now_ns) {
     if (!fits) {
       ++stats_.malformed;
       report_(number, outcome == LineParser::Outcome::line
-                          ? fmt::format("a series key is longer than {} bytes", Store::LONGEST_KEY)
+                          ? fmt::format("a series key is longer than {} bytes", Store::MAX_KEY_BYTES)
                           : parser_.reason());
       continue;
     }
@@ -74,7 +74,7 @@ void Loader::load(std::string_view text, Precision precision, int64_t now_ns) {
     try {
       store_line(now_ns);
     } catch (const StoreFull &full) {
-      if (when_full_ == WhenFull::stop) throw LoadStopped(number, full.what());
+      if (on_full_ == OnFull::stop) throw LoadStopped(number, full.what());
       ++stats_.refused;
       report_(number, full.what());
     }

@@ -1,4 +1,4 @@
-// Brings texts in line protocol into a store.
+// Loads line protocol into a store.
 #pragma once
 
 #include <cstdint>
@@ -14,14 +14,14 @@
 namespace metricdb {
 
 struct LoadStats {
-  uint64_t lines = 0;   // all of them, comments and blank ones too
-  uint64_t points = 0;  // those that the store forgot too
+  uint64_t lines = 0;   // comments and empty lines included
+  uint64_t points = 0;  // late points included
   uint64_t strings_skipped = 0;
   uint64_t malformed = 0;
-  uint64_t refused = 0;  // lines that the store had no room for
+  uint64_t refused = 0;  // lines without room in the store
 };
 
-// The store had no room for a line.
+// The store has no room for a line.
 class LoadStopped : public StoreFull {
  public:
   LoadStopped(uint64_t line, const std::string &what) : StoreFull(what), line_(line) {}
@@ -33,21 +33,18 @@ class LoadStopped : public StoreFull {
 
 class Loader {
  public:
-  enum class WhenFull {
-    stop,
-    go_on
-  };  // go_on: with the next line, since known series can have room where others do not
+  // When the store has no room for a line. The following lines can have room if their series exist.
+  enum class OnFull { stop, skip_line };
 
-  // Receives each malformed line's number in its text, from 1 on, and what is wrong with it; and those without room, if
-  // the loader goes on.
+  // Called for each skipped line with its number in the text, from 1 on, and the reason.
   using Report = std::function<void(uint64_t line, const std::string &reason)>;
 
-  Loader(Store &store, WhenFull when_full, Report report);
+  Loader(Store &store, OnFull on_full, Report report);
 
-  // Loads one text. Of a malformed line no point is stored, nor of one without room. Throws LoadStopped, unless it goes
-  // on: the points ahead of the place are stored then.
+  // Loads one text. The points of a line are stored together or not at all. Throws LoadStopped with OnFull::stop; the
+  // previous lines are stored then.
   //
-  // now_ns  the time of points that bring none.
+  // now_ns  the time of points without a timestamp.
   void load(std::string_view text, Precision precision, int64_t now_ns);
 
   const LoadStats &stats() const { return stats_; }
@@ -59,15 +56,15 @@ class Loader {
   void drop_stale_series();
 
   Store &store_;
-  const WhenFull when_full_;
+  const OnFull on_full_;
   LineParser parser_;
   const Report report_;
   LoadStats stats_;
   std::string key_;
   SeriesCache cache_;
-  uint64_t n_forgotten_ = 0;                  // series, when the cache was last known to hold
-  std::span<const SeriesCache::Field> last_;  // of the last line with the head at hand
-  std::vector<SeriesCache::Field> fields_;    // of the line at hand
+  uint64_t n_forgotten_ = 0;                  // forgotten series when the cache was last valid
+  std::span<const SeriesCache::Field> last_;  // the fields of the last line with the current head
+  std::vector<SeriesCache::Field> fields_;    // of the current line
 };
 
 }  // namespace metricdb

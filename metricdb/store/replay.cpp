@@ -8,7 +8,6 @@
 
 #include <array>
 
-#include "journal/journal_reader.h"
 #include "journal/log.h"
 #include "store/manifest.h"
 #include "store/store_internal.h"
@@ -16,45 +15,41 @@
 namespace metricdb {
 namespace {
 
-// An array that records name by its table.
+// An array, which records name by its table id.
 struct Target {
   const char *name;
   uint32_t table;
   DynArrHandle_t *array;
   uint8_t kind;
-  uint32_t most_slots;
+  uint32_t max_slots;
 };
 
-constexpr uint32_t MOST_SERIES = 1u << 28;
+constexpr uint32_t MAX_SERIES = 1u << 28;
 
 class Replay {
  public:
   Replay(std::string path, const StoreArrays &arrays)
       : path_(std::move(path)),
         targets_{
-            {{"catalogue", CATALOGUE_TABLE, arrays.catalogue.get(), ARRAY_LOAD_ANY, MOST_SERIES},
-             {"keys", static_cast<uint32_t>(KEYS_TABLE), arrays.keys.get(), ARRAY_LOAD_POOL, MOST_KEY_SLOTS},
-             {"points", static_cast<uint32_t>(POINTS_TABLE), arrays.points.get(), ARRAY_LOAD_POOL, MOST_POINT_SLOTS}}} {
-  }
+            {{"catalogue", CATALOGUE_TABLE, arrays.catalogue.get(), ARRAY_LOAD_ANY, MAX_SERIES},
+             {"keys", static_cast<uint32_t>(KEYS_TABLE), arrays.keys.get(), ARRAY_LOAD_POOL, MAX_KEY_SLOTS},
+             {"points", static_cast<uint32_t>(POINTS_TABLE), arrays.points.get(), ARRAY_LOAD_POOL, MAX_POINT_SLOTS}}} {}
 
-  void apply(const RedoRecord &record) const {
-    const redo_args_t plain = {record.txn_id,          record.rec_type, record.ctx_name.data(),
-                               record.ctx_name.size(), record.tbl_id,   record.data_off,
-                               record.aux_idx,         record.data_ptr, record.data_sz};
+  void apply(const redo_args_t &record) const {
     for (const Target &target : targets_) {
       if (target.table != record.tbl_id) continue;
       char why[256];
-      if (redo_apply(target.array, &plain, target.kind, target.most_slots, why, sizeof why) == 0) return;
-      throw ReplayFailed(fmt::format("{}: a record of the {} does not go with it: {}", path_, target.name, why));
+      if (redo_apply(target.array, &record, target.kind, target.max_slots, why, sizeof why) == 0) return;
+      throw ReplayFailed(fmt::format("{}: a record does not fit the {}: {}", path_, target.name, why));
     }
-    throw ReplayFailed(fmt::format("{}: a record of table {}, which is none of ours", path_, record.tbl_id));
+    throw ReplayFailed(fmt::format("{}: a record has the unknown table {}", path_, record.tbl_id));
   }
 
   void check() const {
     for (const Target &target : targets_) {
       char why[256];
       if (array_check(target.array, target.kind, why, sizeof why) != 0)
-        throw ReplayFailed(fmt::format("{}: leaves damaged {}: {}", path_, target.name, why));
+        throw ReplayFailed(fmt::format("{}: the {} are damaged after replay: {}", path_, target.name, why));
     }
   }
 
@@ -65,38 +60,32 @@ class Replay {
 
 }  // namespace
 
-Replayed replay_journal(const std::string &path, uint64_t generation, bool salvage, const StoreArrays &arrays,
-                        StoreConfig &config, StoreState &state) {
-  Replayed replayed;
-  if (access(path.c_str(), F_OK) != 0) return replayed;
+std::optional<ScanResult> replay_journal(const std::string &path, uint64_t generation, bool salvage,
+                                         const StoreArrays &arrays, StoreConfig &config, StoreState &state) {
+  if (access(path.c_str(), F_OK) != 0) return std::nullopt;
   const Replay replay(path, arrays);
   const JournalVisitor visitor = {
-      .record = [&](const RedoRecord &record) { replay.apply(record); },
+      .record = [&](const redo_args_t &record) { replay.apply(record); },
       .commit =
           [&](std::string_view figures, uint64_t position) {
             try {
               read_figures(figures, config, state);
             } catch (const ManifestError &error) {
-              throw ReplayFailed(fmt::format("{}: the commit mark ahead of byte {}: {}", path, position, error.what()));
+              throw ReplayFailed(fmt::format("{}: commit mark before byte {}: {}", path, position, error.what()));
             }
           },
   };
-  const ScanResult scanned = scan_journal(path, visitor, salvage);
-  // Of a head that cannot be read there is no number to compare, and nothing that was applied.
-  const bool has_head = scanned.end != JournalEnd::damaged || scanned.n_batches != 0;
-  if (has_head && scanned.place.generation != generation)
-    throw ReplayFailed(fmt::format("{}: follows generation {}, not {}", path, scanned.place.generation, generation));
+  ScanResult scan = scan_journal(path, visitor);
+  if (scan.end == JournalEnd::damaged && !salvage) return scan;
+  // Without a valid head there is no number to compare, and no record was applied.
+  const bool has_head = scan.place.position != 0;
+  if (has_head && scan.place.generation != generation)
+    throw ReplayFailed(fmt::format("{}: is of generation {}, not {}", path, scan.place.generation, generation));
   replay.check();
   TSLB_DLOG(LOG_PROGRESS, "%s: %llu batches, %llu records, %llu bytes cut", path.c_str(),
-            static_cast<unsigned long long>(scanned.n_batches), static_cast<unsigned long long>(scanned.n_records),
-            static_cast<unsigned long long>(scanned.bytes_cut));
-  return {true,
-          scanned.place,
-          scanned.n_batches,
-          scanned.n_records,
-          scanned.bytes_cut,
-          scanned.end == JournalEnd::damaged,
-          scanned.what};
+            static_cast<unsigned long long>(scan.n_batches), static_cast<unsigned long long>(scan.n_records),
+            static_cast<unsigned long long>(scan.bytes_cut));
+  return scan;
 }
 
 }  // namespace metricdb

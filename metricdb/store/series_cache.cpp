@@ -3,10 +3,10 @@
 namespace metricdb {
 namespace {
 
-// What a text in a table takes beside its bytes: node, bucket, the text's own structure and the allocator's share.
-constexpr size_t BYTES_OF_ENTRY = 96;
+// Overhead of a string in a hash table: node, bucket, string structure and allocator.
+constexpr size_t ENTRY_BYTES = 96;
 
-bool begins_with_head(std::string_view line, std::string_view head) {
+bool has_head(std::string_view line, std::string_view head) {
   return line.size() > head.size() && line[head.size()] == ' ' && line.starts_with(head);
 }
 
@@ -17,18 +17,18 @@ std::span<const SeriesCache::Field> SeriesCache::fields_of(std::string_view head
   return known == fields_.end() ? std::span<const Field>() : known->second.fields;
 }
 
-// No head ends in a backslash, so none goes on behind the blank: what was kept is the whole head of this line too.
+// No head ends with a backslash, so the blank after it is not escaped, and the head ends there in this line too.
 SeriesCache::Entry *SeriesCache::entry_of(std::string_view line) {
-  if (asked_ != nullptr && asked_->second.next != nullptr && begins_with_head(line, asked_->second.next->first))
-    return asked_->second.next;
+  if (last_ != nullptr && last_->second.next != nullptr && has_head(line, last_->second.next->first))
+    return last_->second.next;
   const auto known = fields_.find(line.substr(0, line.find(' ')));
   return known == fields_.end() ? nullptr : &*known;
 }
 
 LikelyLine SeriesCache::likely(std::string_view line) {
   Entry *const entry = entry_of(line);
-  if (asked_ != nullptr && entry != nullptr) asked_->second.next = entry;
-  asked_ = entry;
+  if (last_ != nullptr && entry != nullptr) last_->second.next = entry;
+  last_ = entry;
   return entry == nullptr ? LikelyLine() : LikelyLine{entry->first, entry->second.fields};
 }
 
@@ -36,17 +36,17 @@ std::string_view SeriesCache::name_of(std::string_view name) {
   auto known = names_.find(name);
   if (known == names_.end()) {
     known = names_.emplace(name).first;
-    n_bytes_ += BYTES_OF_ENTRY + name.size();
+    n_bytes_ += ENTRY_BYTES + name.size();
   }
   return *known;
 }
 
 void SeriesCache::keep(std::string_view head, std::span<const Field> fields) {
-  if (n_bytes_ >= most_bytes_) clear();
+  if (n_bytes_ >= max_bytes_) clear();
   auto known = fields_.find(head);
   if (known == fields_.end()) {
-    known = fields_.emplace(head, Kept()).first;
-    n_bytes_ += BYTES_OF_ENTRY + head.size();
+    known = fields_.emplace(head, HeadFields()).first;
+    n_bytes_ += ENTRY_BYTES + head.size();
   }
   std::vector<Field> &kept = known->second.fields;
   n_bytes_ -= kept.capacity() * sizeof(Field);
@@ -57,7 +57,7 @@ void SeriesCache::keep(std::string_view head, std::span<const Field> fields) {
 }
 
 void SeriesCache::clear() {
-  asked_ = nullptr;
+  last_ = nullptr;
   fields_.clear();
   names_.clear();
   n_bytes_ = 0;

@@ -1,7 +1,7 @@
-// Where the fields of a line went last time, by the line's head. The lines of one source come with the same fields in
-// the same order, and then one look-up by the head replaces one by each series key.
+// Maps the head of a line to the fields of the last line with this head and their series. A source usually sends the
+// same fields in the same order, so one look-up by the head replaces one look-up per series key.
 //
-// Series numbers hold until the store forgets a series: who keeps them here clears the cache then.
+// Series numbers are valid until the store forgets a series. The owner clears the cache then.
 //
 // Threads: one.
 #pragma once
@@ -25,21 +25,21 @@ class SeriesCache {
  public:
   using Field = KnownField;
 
-  // About that many bytes are taken at most. What does not fit any more makes all the rest go: those of the heads that
-  // still come will be back with their next lines.
-  static constexpr size_t MOST_BYTES = size_t{64} << 20;
+  // Approximate maximum size. When it is reached the cache is cleared, and refilled by the following lines.
+  static constexpr size_t MAX_BYTES = size_t{64} << 20;
 
-  explicit SeriesCache(size_t most_bytes = MOST_BYTES) : most_bytes_(most_bytes) {}
+  explicit SeriesCache(size_t max_bytes = MAX_BYTES) : max_bytes_(max_bytes) {}
 
-  // The fields of the last line that was kept with this head, in its order; none if there is none. They hold until the
-  // next `keep` or `clear`.
+  // Returns the fields of the last line that was kept with this head, in their order; none if the head is unknown.
+  // Valid until the next `keep` or `clear`.
   std::span<const Field> fields_of(std::string_view head) const;
 
-  // What a line begins with and was kept. Sources come in the same order again and again: the head that followed the
-  // last one here is tried before any look-up. Holds as long as what `fields_of` returns.
+  // Returns the head with which the line begins, and its fields; nothing if the head is unknown. Sources often send the
+  // same sequence of heads, so the head that followed the previous one last time is compared before any look-up. Valid
+  // until the next `keep` or `clear`.
   LikelyLine likely(std::string_view line);
 
-  // Keeps the fields of a line in place of those before. The names are copied.
+  // Replaces the fields of a head. The names are copied.
   void keep(std::string_view head, std::span<const Field> fields);
 
   void clear();
@@ -52,20 +52,20 @@ class SeriesCache {
     size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
   };
 
-  struct Kept {
+  struct HeadFields {
     std::vector<Field> fields;
-    std::pair<const std::string, Kept> *next = nullptr;  // the one asked for after this one
+    std::pair<const std::string, HeadFields> *next = nullptr;  // the entry requested after this one last time
   };
-  using Entry = std::pair<const std::string, Kept>;
+  using Entry = std::pair<const std::string, HeadFields>;
 
   std::string_view name_of(std::string_view name);
   Entry *entry_of(std::string_view line);
 
-  const size_t most_bytes_;
+  const size_t max_bytes_;
   size_t n_bytes_ = 0;
-  std::unordered_set<std::string, Hash, std::equal_to<>> names_;  // sources of one kind share theirs
-  std::unordered_map<std::string, Kept, Hash, std::equal_to<>> fields_;
-  Entry *asked_ = nullptr;  // the last one that was asked for
+  std::unordered_set<std::string, Hash, std::equal_to<>> names_;  // shared by the heads
+  std::unordered_map<std::string, HeadFields, Hash, std::equal_to<>> fields_;
+  Entry *last_ = nullptr;  // the entry requested last
 };
 
 }  // namespace metricdb

@@ -9,14 +9,14 @@ bool SeriesRecord::is_clean() const {
   char rest[sizeof(ty_sub_t_v1)];
   const size_t bytes = series_record_bytes(layout_);
   std::memcpy(rest, at_, bytes);
-  const auto forget = [&rest](size_t offset, size_t length) { std::fill_n(rest + offset, length, '\0'); };
-  forget(KEY_REFERENCE, sizeof(maddr_t));
-  forget(N_SEALED, sizeof(uint32_t));
-  forget(FLAGS, sizeof(uint8_t));
-  forget(OPEN_REFERENCE, sizeof(maddr_t));
-  forget(N_OPEN, sizeof(uint32_t));
-  for (size_t number = 0; number < 4; ++number) forget(rsb(number), 2 * sizeof(uint32_t));
-  if (layout_ == NEWEST_LAYOUT) forget(INTERVAL, sizeof(uint32_t));
+  const auto clear = [&rest](size_t offset, size_t length) { std::fill_n(rest + offset, length, '\0'); };
+  clear(KEY_REFERENCE, sizeof(maddr_t));
+  clear(N_SEALED, sizeof(uint32_t));
+  clear(FLAGS, sizeof(uint8_t));
+  clear(OPEN_REFERENCE, sizeof(maddr_t));
+  clear(N_OPEN, sizeof(uint32_t));
+  for (size_t number = 0; number < 4; ++number) clear(rsb(number), 2 * sizeof(uint32_t));
+  if (layout_ == NEWEST_LAYOUT) clear(INTERVAL, sizeof(uint32_t));
   return std::all_of(rest, rest + bytes, [](char byte) { return byte == '\0'; });
 }
 

@@ -1,21 +1,22 @@
-// The catalogue's record of a series: one of the stored layouts of types and subjects, `ty_sub_t`, whose older version
-// the library's routines can make of the newer one. That is what lets an older program open the database.
+// The catalogue's record of a series. It uses a stored layout of types and subjects, `ty_sub_t`, which the library can
+// convert to its older version. So older programs can open the database after a conversion.
 //
-//   offset   field           what it holds here                                  version 0
+//   offset   field           content                                             version 0
 //        0   i_name          address of the key's chunk; all ones in a free slot   same
 //       12   nodes_group     sealed chunks                                         same
 //       16   flag_bitmask    SERIES_*                                              same
 //       20   mg              address of the open chunk, with SERIES_HAS_OPEN       same
 //       24   ag              points in the open chunk                              same
 //       32   rsb_arr[0]      addresses of the first and the last sealed chunk,     same
-//                            which count for nothing while there is none
+//                            valid only if there are sealed chunks
 //       44   rsb_arr[1]      points in its chunks, hidden ones included            at 40
 //       56   rsb_arr[2]      data time of the last write, ns                       at 48
 //       68   rsb_arr[3]      its newest timestamp, ns                              at 56
 //       52   stale_rsb of 1  milliseconds between its two newest timestamps, 0:    none
-//                            not known; more than the word holds: all ones
-// All else is zero. Figures of 64 bits fill the first two words of an rsb. A chunk's compaction header names who refers
-// to it by table, index and offset; the three references lie where both versions agree, so that these stay true.
+//                            unknown; all ones: more than 32 bits hold
+// All other bytes are zero. 64-bit numbers use the first two words of an rsb. The compaction header of a chunk names
+// the reference to it by table, index and offset. The three references have the same offsets in both versions, so they
+// stay valid after a conversion.
 #pragma once
 
 #include <tslb/tsdb_recovery_schema.h>
@@ -33,9 +34,7 @@ inline constexpr uint8_t NEWEST_LAYOUT = 1;
 inline constexpr uint8_t SERIES_READY = 0x01;
 inline constexpr uint8_t SERIES_HAS_OPEN = 0x02;
 
-inline constexpr uint32_t FREE_GATEKEEPER = 0xFFFFFFFFu;  // the library's word in the first field of a free slot
-
-// Where the references to chunks lie.
+// Offsets of the references to chunks.
 inline constexpr size_t KEY_REFERENCE = offsetof(ty_sub_t_v1, i_name);
 inline constexpr size_t OPEN_REFERENCE = offsetof(ty_sub_t_v1, mg);
 inline constexpr size_t FIRST_SEALED_REFERENCE = offsetof(ty_sub_t_v1, rsb_arr);
@@ -47,7 +46,7 @@ inline constexpr size_t series_record_bytes(uint8_t layout) {
   return layout == NEWEST_LAYOUT ? sizeof(ty_sub_t_v1) : sizeof(ty_sub_t_v0);
 }
 
-// A record where it lies, at any address. As cheap to copy as the pointer that it is.
+// Accesses a record in memory, at any alignment. As cheap to copy as a pointer.
 class SeriesRecord {
  public:
   SeriesRecord() = default;
@@ -68,7 +67,7 @@ class SeriesRecord {
   uint64_t n_points() const { return get<uint64_t>(rsb(1)); }
   int64_t written_at_ns() const { return get<int64_t>(rsb(2)); }
   int64_t newest_ns() const { return get<int64_t>(rsb(3)); }
-  // 0 where the layout has no room for it.
+  // 0 if the layout lacks the field.
   uint32_t interval_ms() const { return layout_ == NEWEST_LAYOUT ? get<uint32_t>(INTERVAL) : 0; }
 
   void set_flags(uint8_t flags) const { set(FLAGS, flags); }
@@ -85,7 +84,7 @@ class SeriesRecord {
     if (layout_ == NEWEST_LAYOUT) set(INTERVAL, ms);
   }
 
-  // Whether all that holds nothing here is zero.
+  // Returns whether all unused bytes are zero.
   bool is_clean() const;
 
  private:

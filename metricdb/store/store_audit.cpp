@@ -1,17 +1,17 @@
-// A store from arrays that somebody brings: nothing is used before it was looked at.
+// Restores a store from arrays, and validates their content before it is used.
 //
-// The arrays themselves are sound by then (recovery/array_loader.h says what that means). What is examined here is what
-// this store put into them:
-//   shapes      each array is one that this store would have made.
-//   chunks      a memory slot is covered by its chunks, back to back, as far as it is used; what is marked deleted adds
-//               up to the slot's count; the cursor stands behind the last chunk of its slot.
-//   catalogue   each slot is a series or free, as its status says.
-//   references  each address of a series names the beginning of a chunk that is not deleted, of a size that fits, whose
-//               header names that very reference. Each chunk is referred to once: so no chain runs in a ring or meets
-//               another one, and no chunk is lost.
-//   points      an open chunk counts no more than it has room for; a sealed one holds just the points and the span of
-//               time that it claims, in bytes that say nothing else.
-//   figures     counts of chunks and points, keys without a double, no time beyond data time.
+// The arrays themselves are sound by then, as recovery/array_loader.h defines it. The checks here are about the data of
+// the store in them:
+//   shapes      each array has the flags, versions and sizes of the store's configuration.
+//   chunks      the chunks of a memory slot cover its used bytes without gaps; the deleted bytes agree with the slot's
+//               count; the cursor is at the end of the last chunk of its slot.
+//   catalogue   each slot is a series or free, according to its status.
+//   references  each address of a series names the beginning of a chunk that is not deleted and has the right size. The
+//               chunk's header names this reference. Each chunk is referred to once, so no chain is a ring or joins
+//               another chain, and no chunk is lost.
+//   points      the number of points of an open chunk is within its capacity; a sealed chunk has the number of points
+//               and the time span in its header, and its bytes are the sealed form of these points.
+//   figures     counts of chunks and points; keys are unique; no time is after data time.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -30,57 +30,59 @@ void expect_shape(Where where, DynArrHandle_t *array, uint8_t daflag, uint8_t re
                   uint16_t user_header_bytes, uint32_t record_bytes) {
   const auto expect = [where](const char *what, uint32_t found, uint32_t expected) {
     if (found != expected)
-      throw StoreDamaged(where, StoreDamaged::NO_SLOT, fmt::format("{} {}, which is not {}", what, found, expected));
+      throw StoreDamaged(where, StoreDamaged::NO_SLOT, fmt::format("{} {}, expected {}", what, found, expected));
   };
   DynHdr_t header;
   std::memcpy(&header, tslb_da_get_dynhdr(array), sizeof header);
   expect("record version", header.rec_version, record_version);
   expect("list flags", array->daflag, daflag);
-  expect("bytes of user header", header.hdr_size, user_header_bytes);
-  expect("bytes of a record", tslb_da_get_record_size(array), record_bytes);
+  expect("user header size", header.hdr_size, user_header_bytes);
+  expect("record size", tslb_da_get_record_size(array), record_bytes);
 }
 
-// The chunks of a pool that are not deleted, by slot and offset, and which of them somebody has referred to.
+// The chunks of a pool that are not deleted, by slot and offset, and whether a reference to each was found.
 class ChunkMap {
  public:
-  ChunkMap(dynmem_t *pool, Where where, uint8_t kind_flag, uint32_t most_slots, int wanted_slot_bytes)
+  ChunkMap(dynmem_t *pool, Where where, uint8_t kind_flag, uint32_t max_slots, int configured_slot_bytes)
       : pool_(pool), where_(where) {
-    const uint32_t slot_bytes = (static_cast<uint32_t>(wanted_slot_bytes) + 3) / 4 * 4;
+    const uint32_t slot_bytes = (static_cast<uint32_t>(configured_slot_bytes) + 3) / 4 * 4;
     expect_shape(where, pool, TSLB_DA_DAFLAG_LL, POOL_RECORD_VERSION, sizeof(DynMemHdr_t),
                  slot_bytes + static_cast<uint32_t>(sizeof(MemSlot_t)));
     const DynMemHdr_t *const header = header_of(pool);
-    // Whether growth is logged follows from where the memory lies, and that can have changed.
+    // The persistence flag depends on the memory type, which can have changed.
     const auto flag = static_cast<uint8_t>(header->flag & ~MPOOL_FLAG_PERSIST);
-    if (flag != (MPOOL_FLAG_COMPAT | kind_flag)) fail(fmt::format("a pool with flags 0x{:02x}", flag));
-    if (header->max_slots != 0) fail(fmt::format("a pool limited to {} slots", short{header->max_slots}));
+    if (flag != (MPOOL_FLAG_COMPAT | kind_flag)) fail(fmt::format("the pool has flags 0x{:02x}", flag));
+    if (header->max_slots != 0) fail(fmt::format("the pool is limited to {} slots", short{header->max_slots}));
     const uint32_t n_slots = tslb_da_get_size(pool);
-    if (n_slots > most_slots) fail(fmt::format("{} memory slots, and addresses name {}", n_slots, most_slots));
+    if (n_slots > max_slots) fail(fmt::format("{} memory slots; the maximum is {}", n_slots, max_slots));
     slots_.resize(n_slots);
-    const MemSlotAddr_t cursor = cursor_of(pool);
-    if (cursor.mslot_idx == NO_SLOT && n_slots != 0) fail("no slot is current, and some are in use");
+    const uint64_t cursor = header->cur_slot_addr;
+    if (tslb_stored_cursor_slot(cursor) == TSLB_DA_NIL_IDX && n_slots != 0)
+      fail("slots are in use, but none is current");
     for (uint32_t slot = 0; slot < n_slots; ++slot) read_slot(slot, cursor);
     if (header->total_mused < used_bytes_)
-      fail(fmt::format("{} bytes were ever reserved, and {} are in use", uint64_t{header->total_mused}, used_bytes_));
+      fail(fmt::format("{} bytes are in use, but only {} were reserved", used_bytes_, uint64_t{header->total_mused}));
   }
 
-  // The data of the chunk at this address, and its length in bytes. `from` says who refers to it.
+  // Returns the data of the chunk at this address and sets its length. `from` is the reference to it.
   template <class Fail>
   char *claim(const maddr_t &address, const srcaddr_t &from, uint32_t &bytes, Fail fail_reference) {
-    const ChunkPlace place = place_of(pool_, address);
+    const tslb_chunk_place_t place = place_of(pool_, address);
     const auto refuse = [&](const char *why) {
-      fail_reference(fmt::format("names slot {}, byte {}, {}", place.slot, place.offset, why));
+      fail_reference(fmt::format("names slot {}, byte {}, {}", place.slot_idx, place.byte_off, why));
     };
-    if (place.slot >= slots_.size()) refuse("and there is no such slot");
-    Slot &slot = slots_[place.slot];
-    const auto found = std::lower_bound(slot.offsets.begin(), slot.offsets.end(), place.offset);
-    if (found == slot.offsets.end() || *found != place.offset) refuse("where no chunk in use begins");
+    if (place.slot_idx >= slots_.size()) refuse("but there is no such slot");
+    Slot &slot = slots_[place.slot_idx];
+    const auto found = std::lower_bound(slot.offsets.begin(), slot.offsets.end(), place.byte_off);
+    if (found == slot.offsets.end() || *found != place.byte_off) refuse("where no chunk in use begins");
     const auto index = static_cast<size_t>(found - slot.offsets.begin());
-    if (slot.is_claimed[index]) refuse("which was referred to before");
+    if (slot.is_claimed[index]) refuse("but another reference names the same chunk");
     slot.is_claimed[index] = true;
     compat_t header;
-    char *const chunk = memory(place.slot)->mslot + place.offset;
+    char *const chunk = memory(place.slot_idx)->mslot + place.byte_off;
     std::memcpy(&header, chunk, sizeof header);
-    if (std::memcmp(&header.srcaddr, &from, sizeof from) != 0) refuse("whose header names another reference");
+    if (std::memcmp(&header.srcaddr, &from, sizeof from) != 0)
+      refuse("but the header of that chunk names another reference");
     bytes = header.mchunk_len;
     return chunk + sizeof header;
   }
@@ -107,15 +109,17 @@ class ChunkMap {
 
   MemSlot_t *memory(uint32_t slot) const { return static_cast<MemSlot_t *>(tslb_da_get_ptr(pool_, slot)); }
 
-  void read_slot(uint32_t slot, const MemSlotAddr_t &cursor) {
+  void read_slot(uint32_t slot, uint64_t cursor) {
     const MemSlot_t *const mem = memory(slot);
     const uint32_t status = status_of(mem);
-    if (status == TSLB_DA_SLOT_FREE && slot != cursor.mslot_idx) return;
+    const bool is_current = slot == tslb_stored_cursor_slot(cursor);
+    if (status == TSLB_DA_SLOT_FREE && !is_current) return;
     if (status != TSLB_DA_SLOT_ACTIVE) fail(fmt::format("status {}", status), slot);
     if (mem->bytes_used > header_of(pool_)->mslot_sz)
       fail(fmt::format("{} bytes in use of {}", mem->bytes_used, header_of(pool_)->mslot_sz), slot);
-    if (slot == cursor.mslot_idx && mem->bytes_used != cursor.byte_off)
-      fail(fmt::format("{} bytes in use, and the cursor stands at {}", mem->bytes_used, cursor.byte_off), slot);
+    if (is_current && mem->bytes_used != tslb_stored_cursor_off(cursor))
+      fail(fmt::format("{} bytes in use, but the cursor is at {}", mem->bytes_used, tslb_stored_cursor_off(cursor)),
+           slot);
     used_bytes_ += mem->bytes_used;
     uint64_t deleted = 0;
     for (uint32_t offset = 0; offset < mem->bytes_used;) {
@@ -123,7 +127,7 @@ class ChunkMap {
       const uint32_t left = mem->bytes_used - offset;
       if (left >= sizeof header) std::memcpy(&header, mem->mslot + offset, sizeof header);
       if (left < sizeof header || left - sizeof header < header.mchunk_len)
-        fail(fmt::format("the chunk at byte {} goes beyond the bytes in use", offset), slot);
+        fail(fmt::format("the chunk at byte {} exceeds the bytes in use", offset), slot);
       const uint32_t bytes = static_cast<uint32_t>(sizeof header) + header.mchunk_len;
       if ((header.flag & MCHUNK_FLAG_DELETED) != 0)
         deleted += bytes;
@@ -133,7 +137,7 @@ class ChunkMap {
     }
     slots_[slot].is_claimed.resize(slots_[slot].offsets.size());
     if (deleted != mem->bytes_del)
-      fail(fmt::format("{} bytes are deleted, the slot counts {}", deleted, mem->bytes_del), slot);
+      fail(fmt::format("{} bytes are deleted, but the slot counts {}", deleted, mem->bytes_del), slot);
   }
 
   dynmem_t *const pool_;
@@ -142,13 +146,13 @@ class ChunkMap {
   uint64_t used_bytes_ = 0;  // of all slots that are not free
 };
 
-// One series: what its record refers to.
+// One series: its record and the chunks that it refers to.
 class SeriesAudit {
  public:
   SeriesAudit(uint32_t series, const SeriesRecord &record, int64_t data_time_ns) : series_(series), record_(record) {
-    if (!record.is_clean()) fail("bytes without a meaning are not zero");
+    if (!record.is_clean()) fail("unused bytes are not zero");
     if (record.written_at_ns() > data_time_ns || record.newest_ns() > data_time_ns)
-      fail("it was written behind data time");
+      fail("its times are after data time");
   }
 
   std::string_view take_key(ChunkMap &keys) const {
@@ -163,7 +167,7 @@ class SeriesAudit {
     take_sealed(points);
     take_open(points);
     if (n_points_ != record_.n_points())
-      fail(fmt::format("its chunks hold {} points, its record counts {}", n_points_, record_.n_points()));
+      fail(fmt::format("its chunks hold {} points, but its record counts {}", n_points_, record_.n_points()));
   }
 
  private:
@@ -171,7 +175,7 @@ class SeriesAudit {
     throw StoreDamaged(Where::catalogue, series_, fmt::format("series {}: {}", series_, what));
   }
 
-  // The claims bound it: a chunk is taken once.
+  // Ends even if the chain is a ring, because each chunk is claimed once.
   void take_sealed(ChunkMap &points) {
     maddr_t address = record_.first_sealed();
     srcaddr_t from = referrer_of(CATALOGUE_TABLE, series_, FIRST_SEALED_REFERENCE);
@@ -182,12 +186,12 @@ class SeriesAudit {
       uint32_t bytes;
       const auto *const chunk = reinterpret_cast<const SealedChunk *>(points.claim(address, from, bytes, fail_chunk));
       if (bytes < sizeof(SealedChunk) || bytes != sizeof(SealedChunk) + padded(chunk->bytes))
-        fail_chunk(fmt::format("of {} bytes has not the size of its points", bytes));
+        fail_chunk(fmt::format("has {} bytes, which is not the size of its points", bytes));
       if (chunk->count != SEALED_POINTS) fail_chunk(fmt::format("holds {} points", uint16_t{chunk->count}));
       const bool is_last = number + 1 == record_.n_sealed();
       if (is_last && bits_of(address) != bits_of(record_.last_sealed()))
         fail("its last sealed chunk is not the end of its chain");
-      if (is_last && bits_of(chunk->next) != 0) fail_chunk("is the last and names another one");
+      if (is_last && bits_of(chunk->next) != 0) fail_chunk("is the last one, but names a next chunk");
       expect_points(*chunk, fail_chunk);
       n_points_ += chunk->count;
       from = referrer_of(POINTS_TABLE, bits_of(address), offsetof(SealedChunk, next));
@@ -198,7 +202,7 @@ class SeriesAudit {
   void take_open(ChunkMap &points) {
     const uint8_t flags = record_.flags();
     if (flags != SERIES_READY && flags != (SERIES_READY | SERIES_HAS_OPEN)) fail(fmt::format("flags 0x{:02x}", flags));
-    if (flags == SERIES_READY && record_.n_open() + record_.n_sealed() != 0) fail("it has points and no open chunk");
+    if (flags == SERIES_READY && record_.n_open() + record_.n_sealed() != 0) fail("it has points but no open chunk");
     if (flags == SERIES_READY) return;
     const auto fail_chunk = [this](const std::string &what) { fail("its open chunk " + what); };
     uint32_t bytes;
@@ -206,8 +210,9 @@ class SeriesAudit {
         points.claim(record_.open(), referrer_of(CATALOGUE_TABLE, series_, OPEN_REFERENCE), bytes, fail_chunk);
     uint32_t capacity = FIRST_CAPACITY;
     while (capacity < SEALED_POINTS && capacity * sizeof(Point) != bytes) capacity *= CAPACITY_STEP;
-    if (capacity * sizeof(Point) != bytes) fail_chunk(fmt::format("of {} bytes has not the size of one", bytes));
-    if (record_.n_open() > capacity) fail_chunk(fmt::format("counts {} points of {}", record_.n_open(), capacity));
+    if (capacity * sizeof(Point) != bytes) fail_chunk(fmt::format("has {} bytes, which is no capacity", bytes));
+    if (record_.n_open() > capacity)
+      fail_chunk(fmt::format("counts {} points, but holds at most {}", record_.n_open(), capacity));
     for (uint32_t index = 0; index < record_.n_open(); ++index) expect_time(point_at(chunk, index).ts_ns);
     n_points_ += record_.n_open();
   }
@@ -226,13 +231,13 @@ class SeriesAudit {
         std::all_of(end, bytes_of(&chunk) + padded(chunk.bytes), [](char byte) { return byte == '\0'; });
     if (!points.is_whole() || !is_padded) fail_chunk("cannot be read");
     if (oldest_ns != chunk.oldest_ns || newest_ns != chunk.newest_ns)
-      fail_chunk(fmt::format("holds times from {} to {}, not what it claims", oldest_ns, newest_ns));
+      fail_chunk(fmt::format("holds times from {} to {}, but its header has others", oldest_ns, newest_ns));
     expect_time(newest_ns);
   }
 
   void expect_time(int64_t ts_ns) const {
     if (ts_ns > record_.newest_ns())
-      fail(fmt::format("a point at {}, behind its newest at {}", ts_ns, record_.newest_ns()));
+      fail(fmt::format("has a point at {}, but its newest is at {}", ts_ns, record_.newest_ns()));
   }
 
   const uint32_t series_;
@@ -240,21 +245,21 @@ class SeriesAudit {
   uint64_t n_points_ = 0;
 };
 
-// Whether there is a series; status and gatekeeper word must say the same.
+// Returns whether the slot holds a series. Status, flags and gatekeeper word must agree.
 bool is_series(const SeriesRecord &record, uint32_t index) {
   const auto fail = [index](const std::string &what) {
     throw StoreDamaged(Where::catalogue, index, fmt::format("slot {}: {}", index, what));
   };
   if (!record) fail("is missing");
   const uint32_t status = status_of(record.at());
-  const bool is_taken = status == TSLB_DA_SLOT_ACTIVE || status == TSLB_DA_SLOT_INACTIVE;
-  // One whose memory was refused has no status, and was never written.
-  if (!is_taken && status != TSLB_DA_SLOT_FREE && status != TSLB_DA_SLOT_UNSET) fail(fmt::format("status {}", status));
+  const bool is_in_use = status == TSLB_DA_SLOT_ACTIVE || status == TSLB_DA_SLOT_INACTIVE;
+  // A slot whose memory could not be allocated has no status, and was never written.
+  if (!is_in_use && status != TSLB_DA_SLOT_FREE && status != TSLB_DA_SLOT_UNSET) fail(fmt::format("status {}", status));
   const bool is_ready = (record.flags() & SERIES_READY) != 0;
-  if (is_ready != is_taken) fail(fmt::format("flags 0x{:02x} at status {}", record.flags(), status));
-  if (status == TSLB_DA_SLOT_FREE && record.gatekeeper() != FREE_GATEKEEPER)
+  if (is_ready != is_in_use) fail(fmt::format("flags 0x{:02x} at status {}", record.flags(), status));
+  if (status == TSLB_DA_SLOT_FREE && record.gatekeeper() != TSLB_GATEKEEPER_WORD)
     fail(fmt::format("gatekeeper 0x{:x} in a free slot", record.gatekeeper()));
-  return is_taken;
+  return is_in_use;
 }
 
 }  // namespace
@@ -262,15 +267,15 @@ bool is_series(const SeriesRecord &record, uint32_t index) {
 Store::Store(const StoreConfig &config, StoreArrays arrays, const StoreState &state)
     : config_(config),
       catalogue_(std::move(arrays.catalogue)),
-      keys_(std::move(arrays.keys)),
-      points_(std::move(arrays.points)),
+      keys_(std::move(arrays.keys), KEYS_NAME, MAX_KEY_SLOTS),
+      points_(std::move(arrays.points), POINTS_NAME, MAX_POINT_SLOTS),
       data_time_ns_(state.data_time_ns),
       n_since_sweep_(state.n_since_sweep),
       forgotten_(state.forgotten) {
   expect_shape(Where::catalogue, catalogue_.get(), TSLB_DA_DAFLAG_INLL, config.layout, 0,
                static_cast<uint32_t>(series_record_bytes(config.layout)));
-  ChunkMap keys(keys_.get(), Where::keys, 0, MOST_KEY_SLOTS, config.key_slot_bytes);
-  ChunkMap points(points_.get(), Where::points, MPOOL_FLAG_BV, MOST_POINT_SLOTS, config.point_slot_bytes);
+  ChunkMap keys(keys_.array(), Where::keys, 0, MAX_KEY_SLOTS, config.key_slot_bytes);
+  ChunkMap points(points_.array(), Where::points, MPOOL_FLAG_BV, MAX_POINT_SLOTS, config.point_slot_bytes);
   tails_.resize(n_slots());
   for (uint32_t index = 0; index < n_slots(); ++index) {
     const SeriesRecord record = slot(index);
@@ -279,7 +284,7 @@ Store::Store(const StoreConfig &config, StoreArrays arrays, const StoreState &st
     const std::string_view key = audit.take_key(keys);
     if (!series_by_key_.emplace(key, index).second)
       throw StoreDamaged(Where::catalogue, index,
-                         fmt::format("series {}: its key \"{}\" is another's too", index, key));
+                         fmt::format("series {}: another series has the same key \"{}\"", index, key));
     audit.take_points(points);
     n_points_ += record.n_points();
     tails_[index] = tail_of(record);
@@ -288,8 +293,8 @@ Store::Store(const StoreConfig &config, StoreArrays arrays, const StoreState &st
   points.expect_all_claimed();
   if (n_series() != state.n_series || n_points_ != state.n_points)
     throw StoreDamaged(Where::state, StoreDamaged::NO_SLOT,
-                       fmt::format("{} series with {} points are told of, the arrays hold {} with {}", state.n_series,
-                                   state.n_points, n_series(), n_points_));
+                       fmt::format("the figures say {} series with {} points, but the arrays hold {} with {}",
+                                   state.n_series, state.n_points, n_series(), n_points_));
   register_reuse_policy();
 }
 

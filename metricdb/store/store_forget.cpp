@@ -1,4 +1,4 @@
-// How a store forgets: chunks too old, series without chunks, series that nobody writes.
+// Forgetting: deletes old chunks and series without chunks, and inactivates idle series.
 #include <tslb/tslb_util.h>
 
 #include <algorithm>
@@ -10,24 +10,14 @@
 #include "store/store_internal.h"
 
 namespace metricdb {
-namespace {
-
-// Deletion gives back what it empties, but not a slot that is current then: that one waits for this.
-void sweep_pool(dynmem_t *pool, PoolSweep &found, uint64_t &slots_freed) {
-  const uint32_t free_before = lists_of(pool)->n_free;
-  tslb_dynmem_update_free_list(pool, &found.total_bytes, &found.used_bytes, &found.deleted_bytes);
-  found.free_after = lists_of(pool)->n_free;
-  slots_freed += found.free_after - free_before;
-}
-
-}  // namespace
 
 int64_t Store::visible_from_ns() const {
-  const bool reaches_back_to_all = data_time_ns_ < INT64_MIN + config_.retain_ns;
-  return config_.retain_ns == 0 || reaches_back_to_all ? INT64_MIN : data_time_ns_ - config_.retain_ns;
+  const int64_t retain_ns = config_.forgetting.retain_ns;
+  const bool covers_all_times = data_time_ns_ < INT64_MIN + retain_ns;
+  return retain_ns == 0 || covers_all_times ? INT64_MIN : data_time_ns_ - retain_ns;
 }
 
-// From the newest arrival on: it is nearly always visible.
+// Begins with the last arrival, which is nearly always visible.
 bool Store::are_all_hidden(const char *points, uint32_t count) const {
   const int64_t limit = visible_from_ns();
   for (uint32_t index = count; index > 0; --index)
@@ -36,9 +26,9 @@ bool Store::are_all_hidden(const char *points, uint32_t count) const {
 }
 
 void Store::drop_first_sealed(uint32_t series, const SeriesRecord &record) {
-  // Copied: a chunk's slot can be on the free list once it is deleted.
+  // Copied, because the deletion can put the chunk's slot on the free list.
   const SealedChunk head = *sealed_at(record.first_sealed());
-  forgotten_.point_slots += delete_chunk(points_.get(), record.first_sealed());
+  forgotten_.point_slots += points_.remove(record.first_sealed());
   ++forgotten_.chunks;
   forgotten_.points += head.count;
   n_points_ -= head.count;
@@ -48,21 +38,21 @@ void Store::drop_first_sealed(uint32_t series, const SeriesRecord &record) {
   record.set_first_sealed(head.next);
   compat_t *const compat = compat_of(reinterpret_cast<char *>(sealed_at(head.next)));
   compat->srcaddr = referrer_of(CATALOGUE_TABLE, series, FIRST_SEALED_REFERENCE);
-  log_chunk(points_.get(), head.next, reinterpret_cast<const char *>(compat), sizeof *compat);
+  points_.log(head.next, reinterpret_cast<const char *>(compat), sizeof *compat);
 }
 
-// Everything of a series but its slot. The record may be a copy.
+// Deletes all chunks of a series. The slot stays, and the record may be a copy.
 void Store::forget_content(uint32_t series, const SeriesRecord &record) {
   while (record.n_sealed() != 0) drop_first_sealed(series, record);
   if ((record.flags() & SERIES_HAS_OPEN) != 0) {
-    forgotten_.point_slots += delete_chunk(points_.get(), record.open());
+    forgotten_.point_slots += points_.remove(record.open());
     ++forgotten_.chunks;
     forgotten_.points += record.n_open();
     n_points_ -= record.n_open();
   }
-  // The map's text is the key chunk's: out of the map before it is gone.
+  // The map refers to the text in the key's chunk, so the entry is erased first.
   series_by_key_.erase(key_of(record));
-  forgotten_.key_slots += delete_chunk(keys_.get(), record.key());
+  forgotten_.key_slots += keys_.remove(record.key());
   tails_[series] = {};
 }
 
@@ -82,38 +72,39 @@ SeriesRecord Store::take_slot(uint32_t &index) {
   return record;
 }
 
-// What is too old of a series. True if nothing of it is left: then its slot is free.
+// Deletes the old chunks of a series. Returns true if no point is left and the slot was freed.
 bool Store::forget_old(uint32_t series) {
   Tail &tail = tails_[series];
   const SeriesRecord record = tail.record;
   while (record.n_sealed() != 0 && sealed_at(record.first_sealed())->newest_ns < visible_from_ns()) {
     drop_first_sealed(series, record);
-    change(series, tail);
+    mark_changed(series, tail);
   }
   if (record.n_sealed() != 0 || !are_all_hidden(tail.open, tail.n_open)) return false;
   forget_content(series, record);
-  record.set_flags(0);  // a free slot keeps its record but for the first word
+  record.set_flags(0);  // freeing the slot changes only the first word of the record
   tslb_da_free_idx(catalogue_.get(), series);
-  change(series, tail);
+  mark_changed(series, tail);
   ++forgotten_.series_aged;
   return true;
 }
 
-// The list is in order of inactivation. So that its head is the series unwritten for longest, those of one sweep join
-// it in the order of their last writes; those of earlier sweeps were written earlier still.
-void Store::park_idle_series() {
+// The inactive list is in order of inactivation. A sweep inactivates series in the order of their last writes, and
+// series of earlier sweeps were last written earlier. So the head of the list is the series that was not written for
+// longest.
+void Store::inactivate_idle_series() {
   std::vector<std::pair<int64_t, uint32_t>> idle;
   for (uint32_t series = 0; series < n_slots(); ++series) {
     if (!holds_series(series) || is_inactive(series)) continue;
     const int64_t written_at_ns = record(series).written_at_ns();
-    // Unsigned: the distance of two times can be beyond a signed one.
+    // Unsigned: the difference of two times can exceed the signed range.
     if (static_cast<uint64_t>(data_time_ns_) - static_cast<uint64_t>(written_at_ns) >=
-        static_cast<uint64_t>(config_.idle_ns))
+        static_cast<uint64_t>(config_.forgetting.idle_ns))
       idle.emplace_back(written_at_ns, series);
   }
   std::sort(idle.begin(), idle.end());
-  // The stamp is of the library's clock, which reuse compares it with. Data time has decided already, so the policy
-  // asks for an age of 0: only a clock that was set back in between delays reuse.
+  // Reuse compares this time stamp with the library's clock. The policy requires an age of 0, so reuse is delayed only
+  // if the clock was set back in between.
   for (const auto &[written_at_ns, series] : idle)
     tslb_da_inactivate_idx(catalogue_.get(), series, tslb_get_time(nullptr));
   is_catalogue_changed_ |= !idle.empty();
@@ -122,13 +113,13 @@ void Store::park_idle_series() {
 Sweep Store::sweep() {
   n_since_sweep_ = 0;
   Sweep found;
-  found.keys.free_before = lists_of(keys_.get())->n_free;
-  found.points.free_before = lists_of(points_.get())->n_free;
-  for (uint32_t series = 0; config_.retain_ns != 0 && series < n_slots(); ++series)
+  found.keys.free_before = keys_.n_free_slots();
+  found.points.free_before = points_.n_free_slots();
+  for (uint32_t series = 0; config_.forgetting.retain_ns != 0 && series < n_slots(); ++series)
     if (holds_series(series)) forget_old(series);
-  if (config_.idle_ns != 0) park_idle_series();
-  sweep_pool(keys_.get(), found.keys, forgotten_.key_slots);
-  sweep_pool(points_.get(), found.points, forgotten_.point_slots);
+  if (config_.forgetting.idle_ns != 0) inactivate_idle_series();
+  forgotten_.key_slots += keys_.sweep(found.keys);
+  forgotten_.point_slots += points_.sweep(found.points);
   TSLB_DLOG(LOG_DETAILS, "sweep: %u series, %u inactive, %llu points; forgotten so far: %llu points, %llu series",
             n_series(), n_inactive(), static_cast<unsigned long long>(n_points_),
             static_cast<unsigned long long>(forgotten_.points),

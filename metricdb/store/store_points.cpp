@@ -1,6 +1,4 @@
-// Chunks of a store: how they are taken and given back, how an open one grows and is sealed, and the walk over all.
-#include <fmt/format.h>
-
+// Chunks of points: how an open chunk grows and is sealed, and the walk over the points of a series.
 #include <algorithm>
 
 #include "store/store.h"
@@ -8,44 +6,15 @@
 
 namespace metricdb {
 
-// Refuses what would take one slot too many: a slot that the current one has no room for comes from the free list, and
-// is a fresh one only if that is empty.
-char *Store::take_chunk(dynmem_t *pool, size_t bytes, const srcaddr_t &referrer, maddr_t &address) {
-  const bool is_keys = pool == keys_.get();
-  const char *const what = is_keys ? "series keys" : "points";
-  const uint32_t most_slots = is_keys ? MOST_KEY_SLOTS : MOST_POINT_SLOTS;
-  const DynMemHdr_t *const hdr = header_of(pool);
-  const size_t total = bytes + sizeof(compat_t);
-  if (total > hdr->mslot_sz)
-    throw StoreFull(fmt::format("{} bytes of {} do not fit a memory slot of {}", total, what, hdr->mslot_sz));
-  const MemSlotAddr_t cursor = cursor_of(pool);
-  const bool fits_current = cursor.mslot_idx != NO_SLOT && hdr->mslot_sz - cursor.byte_off >= total;
-  if (!fits_current && lists_of(pool)->n_free == 0 && tslb_da_get_size(pool) >= most_slots)
-    throw StoreFull(
-        fmt::format("no room for more {}: all {} memory slots of {} bytes are full", what, most_slots, hdr->mslot_sz));
-  char *const chunk = static_cast<char *>(tslb_dynmem_get_mchunk(pool, &address, static_cast<int>(bytes), referrer));
-  if (chunk == nullptr) throw StoreFull(fmt::format("the pool of {} refused {} bytes", what, bytes));
-  return chunk + sizeof(compat_t);
-}
-
-// Returns the number of memory slots that went to the free list with the chunk.
-uint32_t Store::delete_chunk(dynmem_t *pool, const maddr_t &address) {
-  const auto *const chunk = static_cast<const char *>(tslb_dynmem_get_maddr2ptr(pool, address));
-  const uint32_t free_before = lists_of(pool)->n_free;
-  tslb_dynmem_del_mchunk(pool, address);
-  log_chunk(pool, address, chunk - sizeof(compat_t), sizeof(compat_t));
-  return lists_of(pool)->n_free - free_before;
-}
-
 SealedChunk *Store::sealed_at(const maddr_t &address) const {
-  return static_cast<SealedChunk *>(tslb_dynmem_get_maddr2ptr(points_.get(), address));
+  return reinterpret_cast<SealedChunk *>(points_.data(address));
 }
 
-// From the record, with all its points known to the redo log.
+// The tail of an existing series. All its points are in the redo log, or older than it.
 Store::Tail Store::tail_of(const SeriesRecord &record) const {
   Tail tail = {.record = record};
   if ((record.flags() & SERIES_HAS_OPEN) == 0) return tail;
-  tail.open = static_cast<char *>(tslb_dynmem_get_maddr2ptr(points_.get(), record.open()));
+  tail.open = points_.data(record.open());
   tail.capacity = compat_of(tail.open)->mchunk_len / sizeof(Point);
   tail.n_open = tail.n_logged = record.n_open();
   return tail;
@@ -63,14 +32,14 @@ void Store::append(uint32_t series, const Point &point) {
   record.set_written_at_ns(data_time_ns_);
   const int64_t newest_ns = record.newest_ns();
   if (point.ts_ns > newest_ns) {
-    // Unsigned: the distance of two times can be beyond a signed one.
+    // Unsigned: the difference of two times can exceed the signed range.
     constexpr uint64_t NS_PER_MS = 1'000'000;
     const uint64_t step_ms = (static_cast<uint64_t>(point.ts_ns) - static_cast<uint64_t>(newest_ns)) / NS_PER_MS;
     if (newest_ns != INT64_MIN) record.set_interval_ms(static_cast<uint32_t>(std::min<uint64_t>(step_ms, UINT32_MAX)));
     record.set_newest_ns(point.ts_ns);
   }
   activate(series, tail);
-  change(series, tail);
+  mark_changed(series, tail);
 }
 
 void Store::activate(uint32_t series, Tail &tail) {
@@ -86,7 +55,7 @@ void Store::make_room(uint32_t series) {
 }
 
 void Store::grow_or_seal(uint32_t series, Tail &tail) {
-  change(series, tail);
+  mark_changed(series, tail);
   if (tail.capacity == SEALED_POINTS)
     seal_open(series, tail);
   else
@@ -96,22 +65,22 @@ void Store::grow_or_seal(uint32_t series, Tail &tail) {
 void Store::grow_open(uint32_t series, Tail &tail) {
   const uint32_t capacity = tail.capacity == 0 ? FIRST_CAPACITY : tail.capacity * CAPACITY_STEP;
   maddr_t address;
-  char *const grown = take_chunk(points_.get(), capacity * sizeof(Point),
-                                 referrer_of(CATALOGUE_TABLE, series, OPEN_REFERENCE), address);
+  char *const grown =
+      points_.take(capacity * sizeof(Point), referrer_of(CATALOGUE_TABLE, series, OPEN_REFERENCE), address);
   if (tail.capacity != 0) {
     std::memcpy(grown, tail.open, tail.n_open * sizeof(Point));
-    forgotten_.point_slots += delete_chunk(points_.get(), tail.record.open());
+    forgotten_.point_slots += points_.remove(tail.record.open());
   }
   tail.record.set_open(address);
   tail.record.set_flags(SERIES_READY | SERIES_HAS_OPEN);
-  log_chunk(points_.get(), address, grown - sizeof(compat_t), sizeof(compat_t) + tail.n_open * sizeof(Point));
+  points_.log_new(address, tail.n_open * sizeof(Point));
   tail.open = grown;
   tail.capacity = capacity;
   tail.n_logged = tail.n_open;
 }
 
 void Store::seal_open(uint32_t series, Tail &tail) {
-  char encoded[most_sealed_bytes(SEALED_POINTS)];
+  char encoded[max_sealed_bytes(SEALED_POINTS)];
   const size_t bytes = seal_points(tail.open, tail.n_open, encoded);
   SealedChunk head = {};
   head.count = static_cast<uint16_t>(tail.n_open);
@@ -131,18 +100,18 @@ void Store::seal_open(uint32_t series, Tail &tail) {
                                            : referrer_of(POINTS_TABLE, bits_of(previous), offsetof(SealedChunk, next));
   maddr_t address;
   const size_t whole = sizeof head + padded(bytes);
-  char *const chunk = take_chunk(points_.get(), whole, referrer, address);
+  char *const chunk = points_.take(whole, referrer, address);
   std::memcpy(chunk, &head, sizeof head);
   std::memcpy(chunk + sizeof head, encoded, bytes);
   std::memset(chunk + sizeof head + bytes, 0, padded(bytes) - bytes);
-  log_chunk(points_.get(), address, chunk - sizeof(compat_t), sizeof(compat_t) + whole);
+  points_.log_new(address, whole);
 
   if (n_sealed == 0) {
     record.set_first_sealed(address);
   } else {
     SealedChunk *const last = sealed_at(previous);
     last->next = address;
-    log_chunk(points_.get(), previous, reinterpret_cast<const char *>(&last->next), sizeof last->next);
+    points_.log(previous, reinterpret_cast<const char *>(&last->next), sizeof last->next);
   }
   record.set_last_sealed(address);
   record.set_n_sealed(n_sealed + 1);
@@ -158,7 +127,7 @@ PointCursor::PointCursor(const Store &store, uint32_t series, const TimeRange &r
       next_sealed_(record_.first_sealed()),
       sealed_(nullptr, 0, 0) {}
 
-// Goes on to the next sealed chunk that can hold a point in range.
+// Moves to the next sealed chunk whose time span overlaps the range.
 bool PointCursor::enter_sealed() {
   while (n_sealed_left_ > 0) {
     const auto *const chunk = static_cast<const SealedChunk *>(tslb_dynmem_get_maddr2ptr(pool_, next_sealed_));
@@ -177,9 +146,9 @@ bool PointCursor::next_of_any(Point &point) {
   do {
     if (sealed_.next(point)) return true;
   } while (enter_sealed());
-  if (n_open_taken_ == record_.n_open()) return false;
+  if (n_open_read_ == record_.n_open()) return false;
   const auto *const open = static_cast<const char *>(tslb_dynmem_get_maddr2ptr(pool_, record_.open()));
-  point = point_at(open, n_open_taken_++);
+  point = point_at(open, n_open_read_++);
   return true;
 }
 

@@ -1,4 +1,4 @@
-// A small database in the folder of one test, to be damaged or written anew.
+// A small database in the folder of one test.
 #ifndef DATABASE_SUPPORT_H
 #define DATABASE_SUPPORT_H
 
@@ -11,7 +11,7 @@
 
 namespace metricdb {
 
-inline Stored keep(Database &database, const Store &store) {
+inline GenerationInfo keep(Database &database, const Store &store) {
   return NewGeneration(database).write_streams(store);
 }
 
@@ -20,7 +20,7 @@ inline std::string name_of_kind(const testing::TestParamInfo<StoreKind> &kind) {
   return STORE_NAMES[static_cast<int>(kind.param)];
 }
 
-// With free slots, deleted chunks and an inactive series.
+// Contains free slots, deleted chunks and inactive series.
 class SmallDatabase : public Folder {
  protected:
   void SetUp() override {
@@ -29,7 +29,7 @@ class SmallDatabase : public Folder {
   }
 
   static StoreConfig config() {
-    return {.key_slot_bytes = 64, .point_slot_bytes = 2400, .retain_ns = 100, .idle_ns = 50};
+    return {.key_slot_bytes = 64, .point_slot_bytes = 2400, .forgetting = {.retain_ns = 100, .idle_ns = 50}};
   }
 
   static void fill(Store &store) {
@@ -46,7 +46,7 @@ class SmallDatabase : public Folder {
 
   fs::path generation() const { return root_ / "db" / "generation.1"; }
 
-  // Why the database is not opened, or nothing; in one line, and without a change of the folder.
+  // Returns the reason why the database cannot be opened, in one line; empty if it can. The folder must not change.
   std::string refusal() const {
     const auto before = tree_of(root_);
     const std::string what = refusal_of([this] { database_->open(); });
@@ -60,7 +60,7 @@ class SmallDatabase : public Folder {
     std::optional<NewGeneration> blocks;
     StoreConfig with_memory = config();
     if (kind == StoreKind::shm) {
-      blocks.emplace(*database_).take_block_files();
+      blocks.emplace(*database_).set_block_file_path();
       with_memory.mem_type = MPOOL_TYPE_SHM;
     }
     Store store(with_memory);

@@ -1,4 +1,4 @@
-// What tests of the journal share: batches that tell their number, and what a scan finds.
+// Shared by tests of the journal: numbered batches, and the content of a scanned journal.
 #ifndef JOURNAL_SUPPORT_H
 #define JOURNAL_SUPPORT_H
 
@@ -28,14 +28,15 @@ class JournalTest : public Folder {
   std::string path_;
 };
 
-// Owns what a record points to.
-struct Written {
+// A record that owns its data.
+struct RecordWithBytes {
   std::string name, bytes;
-  RedoRecord record;
+  redo_args_t record;
 
-  RedoRecord get() const {
-    RedoRecord whole = record;
-    whole.ctx_name = name;
+  redo_args_t get() const {
+    redo_args_t whole = record;
+    whole.ctx_name = name.data();
+    whole.ctx_name_len = name.size();
     if (whole.data_ptr == nullptr) return whole;
     whole.data_ptr = bytes.data();
     whole.data_sz = static_cast<uint32_t>(bytes.size());
@@ -43,19 +44,19 @@ struct Written {
   }
 };
 
-inline std::string text_of_record(const RedoRecord &record) {
+inline std::string text_of_record(const redo_args_t &record) {
   const std::string_view bytes(static_cast<const char *>(record.data_ptr),
                                record.data_ptr != nullptr ? record.data_sz : 0);
   return fmt::format("{} {} \"{}\" {} {} {} {} {} {}", record.txn_id, static_cast<int>(record.rec_type),
-                     record.ctx_name, record.tbl_id, record.data_off, record.aux_idx, record.data_ptr != nullptr,
-                     record.data_sz, bytes);
+                     std::string_view(record.ctx_name, record.ctx_name_len), record.tbl_id, record.data_off,
+                     record.aux_idx, record.data_ptr != nullptr, record.data_sz, bytes);
 }
 
-inline Written small_record(uint64_t number) {
-  return {"metricdb", fmt::format("record {}", number), {number, 5, {}, 1, 84 + number, ~0u, "", 0}};
+inline RecordWithBytes small_record(uint64_t number) {
+  return {"metricdb", fmt::format("record {}", number), {number, 5, nullptr, 0, 1, 84 + number, ~0u, "", 0}};
 }
 
-// Batch `number` has that many records, and says so.
+// Batch `number` has `number` records, and its payload contains the number.
 inline std::string payload_of(uint64_t number) {
   return fmt::format("state {}", number);
 }
@@ -64,30 +65,27 @@ inline uint64_t commit_batch(Journal &journal, uint64_t number) {
   return journal.commit(payload_of(number));
 }
 
-struct Read {
+// The result of a scan.
+struct JournalContent {
   ScanResult result;
-  std::string error;                 // of JournalDamaged
   std::vector<std::string> records;  // of all batches
   std::vector<std::string> payloads;
   std::vector<uint64_t> ends;
 };
 
-inline Read read_journal(const std::string &path, bool salvage = false) {
-  Read read;
-  const JournalVisitor visitor = {[&read](const RedoRecord &record) { read.records.push_back(text_of_record(record)); },
-                                  [&read](std::string_view payload, uint64_t position) {
-                                    read.payloads.emplace_back(payload);
-                                    read.ends.push_back(position);
-                                  }};
-  try {
-    read.result = scan_journal(path, visitor, salvage);
-    EXPECT_EQ(read.result.n_batches, read.payloads.size());
-    EXPECT_EQ(read.result.n_records, read.records.size());
-    EXPECT_EQ(read.result.place.position + read.result.bytes_cut, fs::file_size(path));
-    EXPECT_EQ(read.result.what.empty(), read.result.end == JournalEnd::clean);
-  } catch (const JournalDamaged &damage) {
-    read.error = damage.what();
-  }
+inline JournalContent read_journal(const std::string &path) {
+  JournalContent read;
+  const JournalVisitor visitor = {
+      [&read](const redo_args_t &record) { read.records.push_back(text_of_record(record)); },
+      [&read](std::string_view payload, uint64_t position) {
+        read.payloads.emplace_back(payload);
+        read.ends.push_back(position);
+      }};
+  read.result = scan_journal(path, visitor);
+  EXPECT_EQ(read.result.n_batches, read.payloads.size());
+  EXPECT_EQ(read.result.n_records, read.records.size());
+  EXPECT_EQ(read.result.place.position + read.result.bytes_cut, fs::file_size(path));
+  EXPECT_EQ(read.result.fault.empty(), read.result.end == JournalEnd::clean);
   return read;
 }
 

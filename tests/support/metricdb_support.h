@@ -1,4 +1,4 @@
-// What tests of metricdb's databases share: a folder of their own, files in it, the program, and stores to compare.
+// Shared by tests of metricdb: a temporary folder, files, the program, and comparable stores.
 #ifndef METRICDB_SUPPORT_H
 #define METRICDB_SUPPORT_H
 
@@ -29,14 +29,14 @@ inline std::string read_file(const fs::path &path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// In place, not truncated first: that makes a file system write to the disk, thousands of times here.
+// Overwrites without truncating first, because that would cause a write to the disk in some file systems.
 inline void write_file(const fs::path &path, const std::string &bytes) {
   if (!fs::exists(path)) std::ofstream(path, std::ios::binary);
   std::fstream(path, std::ios::binary | std::ios::in | std::ios::out) << bytes;
   fs::resize_file(path, bytes.size());
 }
 
-// Everything under a folder: contents by name; of a folder, that it is there.
+// All files and folders: the content by name; empty for a folder.
 inline std::map<std::string, std::string> tree_of(const fs::path &folder) {
   std::map<std::string, std::string> tree;
   for (const auto &entry : fs::recursive_directory_iterator(folder))
@@ -57,7 +57,7 @@ inline std::string repeated(std::string_view text, int times) {
   return all;
 }
 
-// Why `work` threw, or nothing.
+// Returns the message of the exception of `work`, or nothing.
 template <class Work>
 std::string refusal_of(Work work) {
   try {
@@ -68,20 +68,20 @@ std::string refusal_of(Work work) {
   return "";
 }
 
-// What a program left.
+// The result of a program.
 struct Outcome {
-  int exit_code;  // -1: it was killed
+  int exit_code;  // -1: killed
   std::string out, err;
 };
 
 class Folder : public testing::Test {
  protected:
   void SetUp() override {
-    // In memory where that can be: what is synced there costs nothing, and the faults are as good.
+    // In memory if possible, so that syncs are fast.
     std::string name = (access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp") + std::string("/metricdb_test_XXXXXX");
     ASSERT_NE(mkdtemp(name.data()), nullptr);
     root_ = name;
-    // The clock stands still: its readings lie in the catalogue's nodes, and two stores shall be equal to the byte.
+    // The clock stands still, because the catalogue's nodes contain its time and stores are compared byte by byte.
     tslb_set_tsdb_start_ts(1'700'000'000);
     tslb_set_timer_factor(1e18);
   }
@@ -92,7 +92,7 @@ class Folder : public testing::Test {
   }
   std::string path(const std::string &name) const { return (root_ / name).string(); }
 
-  // metricdb in a process of its own, in the test's folder. What it says is kept, unless `streams` sends it elsewhere.
+  // Runs metricdb as a separate process in the test's folder. Returns its output, unless `streams` redirects it.
   Outcome run(const std::string &arguments, const std::string &environment = "", const char *streams = "") const {
     const std::string command = fmt::format("cd {} && {} {} {} >out.txt 2>err.txt {}", root_.string(), environment,
                                             METRICDB, arguments, streams);
@@ -108,7 +108,7 @@ class Folder : public testing::Test {
   fs::path root_;
 };
 
-// The blocks of all arrays as they lie in memory, headers, nodes and lists included.
+// All blocks of the arrays, with headers, nodes and lists.
 inline std::string image_of(const Store &store) {
   std::string image;
   for (DynArrHandle_t *array : {store.catalogue(), store.keys(), store.points()}) {
@@ -134,7 +134,7 @@ inline std::string shown(const std::vector<Point> &points) {
   return text;
 }
 
-// "value@time ..." of each series that the catalogue holds, by key, in order of arrival.
+// "value@time ..." of each series, by key, in order of arrival.
 using Content = std::map<std::string, std::string>;
 
 inline Content content_of(const Store &store) {
@@ -144,11 +144,11 @@ inline Content content_of(const Store &store) {
   return content;
 }
 
-constexpr int64_t NOW_NS = 77;  // of points without a time
+constexpr int64_t NOW_NS = 77;  // the time of points without a timestamp
 
-// As the program does, but for the sweep behind the last text. Every line is a good one.
+// Loads as the program does, without the final sweep. All lines must be valid.
 inline LoadStats load(Store &store, std::string_view text) {
-  Loader loader(store, Loader::WhenFull::stop, [](uint64_t, const std::string &reason) { ADD_FAILURE() << reason; });
+  Loader loader(store, Loader::OnFull::stop, [](uint64_t, const std::string &reason) { ADD_FAILURE() << reason; });
   loader.load(text, Precision::ns, NOW_NS);
   return loader.stats();
 }
@@ -161,7 +161,7 @@ inline Check checked(const Store &store, std::string_view text, int64_t retain_n
   return check;
 }
 
-// That the check finds so many points as they are told, so many differences, and that one first.
+// Expects these numbers of points and differences, and this first difference.
 inline void expect_checked(const Check &check, uint64_t n_matching, uint64_t n_differences,
                            const std::string &first_difference) {
   EXPECT_EQ(check.n_matching(), n_matching);
@@ -171,14 +171,13 @@ inline void expect_checked(const Check &check, uint64_t n_matching, uint64_t n_d
 
 inline std::string figures_of(const Store &store) {
   const StoreState state = store.state();
-  const Forgotten &gone = state.forgotten;
+  const ForgetCounts &gone = state.forgotten;
   return fmt::format("{} {} {} {} | {} {} {} {} {} {} {} | {} {}", state.n_series, state.n_points, state.data_time_ns,
                      state.n_since_sweep, gone.late_points, gone.points, gone.chunks, gone.series_aged,
                      gone.series_reused, gone.key_slots, gone.point_slots, store.n_visible(), store.n_inactive());
 }
 
-// Batch `number` of an endless input: keys that come, fall silent and return, one that stays,
-// and points that come late.
+// Batch `number` of an endless input. Some keys disappear and return, one stays, and some points are late.
 inline std::string batch_text(int number) {
   std::mt19937 random(static_cast<uint32_t>(number) + 20261125u);
   std::string text;
@@ -190,7 +189,7 @@ inline std::string batch_text(int number) {
   return text;
 }
 
-// No two are alike in more than a few bits, so that encoding saves nothing.
+// Values that differ in most bits, so that encoding saves nothing.
 inline double noise(uint64_t number) {
   return std::bit_cast<double>((number * 0x9E3779B97F4A7C15u & 0x800FFFFFFFFFFFFFu) | (number % 1024 + 512) << 52);
 }

@@ -1,4 +1,4 @@
-// A server on free ports in a thread of its own, with a place for lines, and a peer that speaks to it byte by byte.
+// A server on free ports in its own thread, with a fake Ingest, and a TCP client.
 #pragma once
 
 #include <arpa/inet.h>
@@ -20,9 +20,9 @@
 
 namespace metricdb {
 
-// Waits for what another thread does. The deadline only ends what would never come.
+// Waits for another thread. The deadline only limits a failing test.
 template <class Condition>
-bool comes_true(Condition condition) {
+bool wait_until(Condition condition) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   while (!condition()) {
     if (std::chrono::steady_clock::now() > deadline) return false;
@@ -31,18 +31,18 @@ bool comes_true(Condition condition) {
   return true;
 }
 
-// A place for lines that keeps them in memory and settles batches when the test says so.
-// Threads: the server's for what Ingest declares, any for the rest.
+// Keeps lines in memory, and settles batches when the test allows it.
+// Threads: the server's for the functions of Ingest, any for the others.
 class FakeIngest : public Ingest {
  public:
   FakeIngest() : fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
   ~FakeIngest() override { close(fd_); }
 
-  Taken take(std::string_view text, Precision precision) override {
+  IngestResult take(std::string_view text, Precision precision) override {
     const std::lock_guard lock(mutex_);
     if (!refusal_.empty()) throw IngestRefused(refusal_);
     LineParser parser(precision);
-    Taken taken;
+    IngestResult taken;
     uint64_t number = 0;
     for (std::string_view line; next_line(text, line);) {
       ++number;
@@ -82,7 +82,7 @@ class FakeIngest : public Ingest {
 
   int settled_fd() const override { return fd_; }
 
-  // No batch beyond this one is settled until more is allowed.
+  // Batches after this one are not settled until a later call.
   void settle_up_to(uint64_t ticket) {
     const std::lock_guard lock(mutex_);
     allowed_ = ticket;
@@ -98,12 +98,12 @@ class FakeIngest : public Ingest {
     const std::lock_guard lock(mutex_);
     refusal_ = reason;
   }
-  // Committed so far.
+  // Number of committed batches.
   uint64_t n_batches() const {
     const std::lock_guard lock(mutex_);
     return ticket_;
   }
-  // Each taken point as `head key=value@time`, without the time if it has none.
+  // Each stored point as `head key=value@time`, without the time if it has none.
   std::vector<std::string> points() const {
     const std::lock_guard lock(mutex_);
     return points_;
@@ -137,7 +137,7 @@ class RunningServer {
     stop();
   }
 
-  // Returns when `run` did.
+  // Returns when `run` has returned.
   void stop() {
     server_.stop();
     if (thread_.joinable()) thread_.join();
@@ -146,8 +146,8 @@ class RunningServer {
 
   FakeIngest &ingest() { return ingest_; }
   ServerCounters counters() const { return server_.counters(); }
-  bool comes_to_points(uint64_t n) const {
-    return comes_true([&] { return counters().points == n; });
+  bool wait_for_points(uint64_t n) const {
+    return wait_until([&] { return counters().points == n; });
   }
   int influx_port() const { return influx_port_; }
   int graphite_port() const { return graphite_port_; }
@@ -162,7 +162,7 @@ class RunningServer {
 
 class Peer {
  public:
-  // Without a connection yet for port 0.
+  // Not connected for port 0.
   explicit Peer(int port) : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
     const int on = 1;
     setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
@@ -189,7 +189,7 @@ class Peer {
     }
     return true;
   }
-  // What can be sent without waiting.
+  // Sends what is possible without waiting.
   size_t send_some(std::string_view text) const {
     const ssize_t sent = ::send(fd_, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     return sent < 0 ? 0 : static_cast<size_t>(sent);
@@ -203,13 +203,14 @@ class Peer {
     fd_ = -1;
   }
 
-  // Nothing has come that was not read.
-  bool hears_nothing() const {
+  // Returns whether all received bytes were read.
+  bool has_read_everything() const {
     char byte;
     return unread_.empty() && recv(fd_, &byte, 1, MSG_PEEK | MSG_DONTWAIT) < 0;
   }
 
-  // The next answer, whole: head and body. What there is of it if the connection ends or is silent for a minute.
+  // Returns the next complete answer: header and body. Incomplete if the connection ends, or after a minute without
+  // bytes.
   std::string answer() {
     size_t head_end = std::string::npos;
     while ((head_end = unread_.find("\r\n\r\n")) == std::string::npos)
@@ -227,7 +228,7 @@ class Peer {
   static int status_of(const std::string &answer) {
     return answer.starts_with("HTTP/1.1 ") ? std::atoi(answer.c_str() + 9) : 0;
   }
-  // The connection ends here, whether with an end or a reset.
+  // Waits for the end of the connection, by a close or a reset.
   bool is_closed() {
     while (receive()) {
     }
@@ -251,7 +252,7 @@ class Peer {
   std::string unread_;
 };
 
-// A write of those lines.
+// A write of these lines.
 inline std::string post(std::string_view lines, std::string_view arguments = "db=x",
                         std::string_view headers = "Host: x\r\n") {
   return fmt::format("POST /write?{} HTTP/1.1\r\n{}Content-Length: {}\r\n\r\n{}", arguments, headers, lines.size(),
@@ -268,7 +269,7 @@ inline std::string body_of(const std::string &answer) {
   return end == std::string::npos ? "" : answer.substr(end + 4);
 }
 
-// What it is answered.
+// Sends a request and returns the answer.
 inline std::string answer_to(Peer &peer, const std::string &request) {
   EXPECT_TRUE(peer.send(request));
   return peer.answer();
@@ -277,7 +278,7 @@ inline int ask(Peer &peer, const std::string &request) {
   return Peer::status_of(answer_to(peer, request));
 }
 
-// Whatever was sent before this returns has had a turn.
+// When this returns, the server has processed everything sent before.
 inline void expect_others_are_served(const RunningServer &server) {
   Peer other(server.influx_port());
   EXPECT_EQ(ask(other, get("/ping")), 204);

@@ -1,4 +1,4 @@
-// What tests of a database's writer share: input in batches, and a store in memory that took the same.
+// Shared by tests of a database's writer: batches of input, and a store in memory for comparison.
 #ifndef WRITER_SUPPORT_H
 #define WRITER_SUPPORT_H
 
@@ -11,7 +11,7 @@
 
 namespace metricdb {
 
-// The points of each key, and behind them what its record says.
+// The points of each key, followed by fields of its record.
 inline Content records_of(const Store &store) {
   Content content = content_of(store);
   for (uint32_t series = 0; series < store.n_slots(); ++series) {
@@ -31,7 +31,8 @@ inline std::vector<int> numbers_from(int first, int end) {
   return numbers;
 }
 
-// Of a store in memory alone that took those batches. Not beside a writer: its arrays would be logged as the writer's.
+// Of a store in memory with these batches. Not while a writer exists: its journal would contain the changes of this
+// store.
 inline Content records_after(const std::vector<int> &numbers) {
   Store store;
   for (const int number : numbers) load(store, batch_text(number));
@@ -42,16 +43,16 @@ class Writer : public Folder {
  protected:
   std::string db() const { return path("db"); }
 
-  // A database of this kind, and nothing in it.
+  // Creates an empty database with this configuration.
   void create(const StoreConfig &config) const {
     Database database(db(), Database::Use::create);
     NewGeneration(database).write_streams(Store(config));
   }
 
-  // A batch, waited for, and what comes meanwhile. Why the batch was refused, or nothing.
+  // Writes a batch and waits for it; `meanwhile` is stored before. Returns the reason of a refusal, or nothing.
   static std::string put(DatabaseWriter &writer, std::string_view text, std::string_view meanwhile = "") {
     try {
-      const Taken taken = writer.take(text, Precision::ns);
+      const IngestResult taken = writer.take(text, Precision::ns);
       EXPECT_EQ(taken.malformed, 0u) << taken.first_reason;
       const uint64_t ticket = writer.commit();
       if (!meanwhile.empty()) refusal_of([&] { writer.take(meanwhile, Precision::ns); });
@@ -61,7 +62,7 @@ class Writer : public Folder {
     }
   }
 
-  Opened reopened() const { return Database(db(), Database::Use::read).open(); }
+  LoadedDatabase reopened() const { return Database(db(), Database::Use::read).open(); }
 };
 
 }  // namespace metricdb
