@@ -1,16 +1,15 @@
-// What does it cost to reach a chunk by its address?
+// Cost of resolving the address of a chunk.
 //
-// Asked: tslb_dynmem_get_maddr2ptr in a big-buffer and in a bit-vector pool, and tslb_dynmem_get_maddr2ptr64, on chunks
-// of 64 bytes without compaction headers in slots of 1 MiB, and one load of 8 bytes from the chunk. 1,000 chunks stand
-// in one slot and 100,000 in 7 of the direct area; about a million stand in 65, direct and at level 1. Two orders:
-// random (addresses known ahead, so that lookups overlap), and chased (each address is read from the chunk before).
-// Against the floor (floor.h), raw pointers to the same chunks (the limit), Boost.Interprocess's offset_ptr to them,
-// and mdb_get of LMDB, by an integer key, in one read transaction on a tmpfs.
+// Measured: tslb_dynmem_get_maddr2ptr in a big-buffer pool and in a bit-vector pool, and tslb_dynmem_get_maddr2ptr64,
+// on chunks of 64 bytes without compaction headers in slots of 1 MiB, with one load of 8 bytes from the chunk. 1,000
+// chunks lie in one slot, 100,000 in 7 slots of the direct area, and about a million in 65 slots, direct and at level
+// 1. Two orders: random (addresses are known in advance, so that lookups overlap), and chased (each address is read
+// from the previous chunk). Compared with the floor (floor.h), raw pointers to the same chunks (the limit),
+// Boost.Interprocess's offset_ptr to them, and mdb_get of LMDB, by an integer key, in one read transaction on a tmpfs.
 //
-// Among a million chunks none of them is in a cache when a run begins: a sweep over other memory goes ahead of each.
+// With a million chunks no chunk is in a cache when a run begins: other memory is read before each run.
 //
-// Not asked: compaction headers, whose length the address's resolution skips with one addition; pools that grow
-// meanwhile.
+// Not measured: compaction headers, whose length is one addition; pools that grow meanwhile.
 //
 // Run: bench_addresses [--quick] [--benchmark_filter=REGEX]
 #include <benchmark/benchmark.h>
@@ -50,7 +49,7 @@ template <class Chunk>
 using offset_ptr_t = Chunk *;
 #endif
 
-// A chunk, with each kind of address of the one that follows it in a ring through all of them.
+// A chunk, with each kind of address of the next chunk in a cycle through all of them.
 struct chunk_t {
   uint64_t value;
   maddr_t next32;
@@ -64,7 +63,7 @@ static_assert(sizeof(chunk_t) == 64);
 
 enum kind_t { BIG_BUFFER, BIT_VECTOR, WIDE };
 
-// Chunks of a pool by their number, and the order in which they are visited.
+// Chunks of a pool by their number, and their order of visits.
 struct chunks_t {
   std::shared_ptr<dynmem_t> pool;
   std::vector<maddr_t> addresses32;
@@ -108,9 +107,9 @@ static std::shared_ptr<chunks_t> make_chunks(kind_t kind, uint32_t count, uint32
   return made;
 }
 
-// ---- Rivals
+// ---- Candidates
 
-// Fills the caches with something else.
+// Fills the caches with other memory.
 static void sweep_caches() {
   static std::vector<uint64_t> memory(uint64_t{96} << 17);
   benchmark::DoNotOptimize(std::accumulate(memory.begin(), memory.end(), uint64_t{0}));
@@ -121,15 +120,16 @@ struct visit_t {
   bool chased;
 };
 
-// The loops that all rivals share. `address_of` gives a chunk's address by its number, `next_of` the one that a chunk
-// keeps, and `reach` turns either into the chunk.
+// The loops of all candidates. `address_of` returns a chunk's address by its number, `next_of` the address stored in a
+// chunk, and `reach` resolves either.
 template <class AddressOf, class NextOf, class Reach>
-static rival_t rival(const char *name, const visit_t &visit, AddressOf address_of, NextOf next_of, Reach reach) {
+static candidate_t candidate(const char *name, const visit_t &visit, AddressOf address_of, NextOf next_of,
+                             Reach reach) {
   using address_t = std::decay_t<decltype(address_of(0))>;
   const auto addresses = std::make_shared<std::vector<address_t>>();
   const std::vector<uint32_t> &order = visit.chunks->order;
   for (uint32_t i = 0; i < LOOKUPS; ++i) addresses->push_back(address_of(order[i % order.size()]));
-  rival_t made = {name, {}, {}};
+  candidate_t made = {name, {}, {}};
   if (visit.chunks->raw.size() >= MANY) made.prepare = sweep_caches;
   if (visit.chased)
     made.run = [chunks = visit.chunks, addresses, next_of, reach](unsigned) {
@@ -151,10 +151,10 @@ static rival_t rival(const char *name, const visit_t &visit, AddressOf address_o
   return made;
 }
 
-// Functions are parameters of the template, so that they are called by their names.
+// Functions are template parameters, so that they are called directly.
 template <void *(*RESOLVE)(dynmem_t *, maddr_t)>
-static rival_t rival32(const char *name, const visit_t &visit) {
-  return rival(
+static candidate_t candidate32(const char *name, const visit_t &visit) {
+  return candidate(
       name, visit, [chunks = visit.chunks.get()](uint32_t i) { return chunks->addresses32[i]; },
       [](const chunk_t &chunk) { return chunk.next32; },
       [pool = visit.chunks->pool.get()](maddr_t address) {
@@ -162,8 +162,8 @@ static rival_t rival32(const char *name, const visit_t &visit) {
       });
 }
 template <void *(*RESOLVE)(dynmem_t *, maddr64_t)>
-static rival_t rival64(const char *name, const visit_t &visit) {
-  return rival(
+static candidate_t candidate64(const char *name, const visit_t &visit) {
+  return candidate(
       name, visit, [chunks = visit.chunks.get()](uint32_t i) { return chunks->addresses64[i]; },
       [](const chunk_t &chunk) { return chunk.next64; },
       [pool = visit.chunks->pool.get()](maddr64_t address) {
@@ -171,15 +171,15 @@ static rival_t rival64(const char *name, const visit_t &visit) {
       });
 }
 
-static rival_t raw_pointers(const visit_t &visit) {
-  return rival(
+static candidate_t raw_pointers(const visit_t &visit) {
+  return candidate(
       "raw pointer", visit, [chunks = visit.chunks.get()](uint32_t i) { return chunks->raw[i]; },
       [](const chunk_t &chunk) { return chunk.next_raw; }, [](const chunk_t *chunk) { return chunk; });
 }
 
 #ifdef TSLB_BENCH_BOOST
-static rival_t offset_pointers(const visit_t &visit) {
-  return rival(
+static candidate_t offset_pointers(const visit_t &visit) {
+  return candidate(
       "offset_ptr", visit, [chunks = visit.chunks.get()](uint32_t i) { return offset_ptr_t<chunk_t>(chunks->raw[i]); },
       [](const chunk_t &chunk) { return chunk.next_offset; },
       [](const offset_ptr_t<chunk_t> &chunk) { return chunk.get(); });
@@ -187,7 +187,7 @@ static rival_t offset_pointers(const visit_t &visit) {
 #endif
 
 #ifdef TSLB_BENCH_LMDB
-// Copies of the chunks under their numbers. Values and keys do not depend on the kind of pool.
+// Copies of the chunks with their numbers as keys. Values and keys do not depend on the kind of pool.
 static std::shared_ptr<environment_t> environment_of(const chunks_t &chunks) {
   static std::map<size_t, std::shared_ptr<environment_t>> made;
   std::shared_ptr<environment_t> &env = made[chunks.raw.size()];
@@ -200,12 +200,12 @@ static std::shared_ptr<environment_t> environment_of(const chunks_t &chunks) {
   return env;
 }
 
-static rival_t lmdb(const visit_t &visit) {
+static candidate_t lmdb(const visit_t &visit) {
   const auto env = environment_of(*visit.chunks);
   const std::shared_ptr<MDB_txn> txn(env->begin(MDB_RDONLY), mdb_txn_abort);
-  // A value may lie at an address that is only even: it is copied, 8 bytes of it or what the chase needs.
+  // A value's address may be only even. Its bytes are copied: 8 bytes, or those that the chase needs.
   const auto words = std::make_shared<chunk_t>();
-  return rival(
+  return candidate(
       "LMDB", visit, [](uint32_t i) { return i; }, [](const chunk_t &chunk) { return chunk.next_key; },
       [env, txn, words, bytes = visit.chased ? offsetof(chunk_t, next64) : sizeof(uint64_t)](uint32_t key) {
         memcpy(static_cast<void *>(words.get()), env->find(txn.get(), key), bytes);
@@ -216,24 +216,24 @@ static rival_t lmdb(const visit_t &visit) {
 
 // ---- Rows
 
-static std::vector<rival_t> make_rivals(kind_t kind, uint32_t count, bool direct, bool chased) {
+static std::vector<candidate_t> make_candidates(kind_t kind, uint32_t count, bool direct, bool chased) {
   const visit_t visit = {make_chunks(kind, count, direct ? DIRECT_SLOTS : 0), chased};
-  std::vector<rival_t> rivals;
+  std::vector<candidate_t> candidates;
   if (kind == WIDE) {
-    rivals.push_back(rival64<tslb_dynmem_get_maddr2ptr64>("tslb", visit));
-    rivals.push_back(rival64<floor_resolve_64>("floor", visit));
+    candidates.push_back(candidate64<tslb_dynmem_get_maddr2ptr64>("tslb", visit));
+    candidates.push_back(candidate64<floor_resolve_64>("floor", visit));
   } else {
-    rivals.push_back(rival32<tslb_dynmem_get_maddr2ptr>("tslb", visit));
-    rivals.push_back(rival32<floor_resolve>("floor", visit));
+    candidates.push_back(candidate32<tslb_dynmem_get_maddr2ptr>("tslb", visit));
+    candidates.push_back(candidate32<floor_resolve>("floor", visit));
   }
-  rivals.push_back(raw_pointers(visit));
+  candidates.push_back(raw_pointers(visit));
 #ifdef TSLB_BENCH_BOOST
-  rivals.push_back(offset_pointers(visit));
+  candidates.push_back(offset_pointers(visit));
 #endif
 #ifdef TSLB_BENCH_LMDB
-  if (!scratch_dir(ROOM_BYTES).empty()) rivals.push_back(lmdb(visit));
+  if (!scratch_dir(ROOM_BYTES).empty()) candidates.push_back(lmdb(visit));
 #endif
-  return rivals;
+  return candidates;
 }
 
 static void add_kind(kind_t kind, const std::string &name) {
@@ -249,7 +249,7 @@ static void add_kind(kind_t kind, const std::string &name) {
     for (const bool chased : {false, true})
       add_case(
           name + ", " + pool.chunks + (chased ? ", chased" : ", random"), 1,
-          [kind, &pool, chased] { return make_rivals(kind, pool.count, pool.direct, chased); }, LOOKUPS);
+          [kind, &pool, chased] { return make_candidates(kind, pool.count, pool.direct, chased); }, LOOKUPS);
 }
 
 static void add_cases() {

@@ -1,4 +1,4 @@
-// The allocators that chunks and slots are measured against: the C library's, and mimalloc and jemalloc where they are
+// The allocators with which chunks and slots are compared: that of the C library, and mimalloc and jemalloc if they are
 // installed.
 #ifndef TSLB_BENCH_ALLOCATORS_H
 #define TSLB_BENCH_ALLOCATORS_H
@@ -13,8 +13,8 @@ struct allocator_t {
   void (*give)(void *memory);
 };
 
-// The same ones at every call, "malloc" first. The others are opened while the program runs and out of everybody else's
-// sight: linked, they would put themselves in the place of malloc for all rivals.
+// Returns the same list at every call, "malloc" first. The other allocators are opened at run time and their symbols
+// are local. Linked, they would replace malloc for all candidates.
 const std::vector<allocator_t> &allocators();
 
 #endif

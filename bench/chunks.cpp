@@ -1,13 +1,13 @@
-// What does it cost to take a chunk of a pool?
+// Cost of allocating a chunk of a pool.
 //
-// Asked: tslb_dynmem_get_mchunk of 16, 64 and 256 bytes in a temporary ring pool with slots of 1 MiB, with 1
-// and 2 threads; the change of slot, every 4,096 to 65,536 chunks, is part of it. Against the floor (floor.h:
-// the seven atomics, on words that lie in their pages as the pool's do), against malloc, mimalloc and jemalloc, against
-// the standard library's monotonic buffer behind a mutex, and against Boost.Interprocess's allocator in a mapped file
-// on a tmpfs, which too is found by an offset in another process.
+// Measured: tslb_dynmem_get_mchunk of 16, 64 and 256 bytes in a temporary ring pool with slots of 1 MiB, with 1 and 2
+// threads. This includes the change of slot after 4,096 to 65,536 chunks. Compared with the floor (floor.h: the seven
+// atomics, on words in the same pages as the pool's), with malloc, mimalloc and jemalloc, with the standard library's
+// monotonic buffer and a mutex, and with Boost.Interprocess's allocator in a mapped file on a tmpfs, whose addresses
+// are also valid in other processes.
 //
-// Not asked: what the caller does with a chunk. Nobody touches its bytes here, the library neither, while
-// malloc writes a header beside each; what the peers gave is released outside the measured time.
+// Not measured: the use of a chunk by the caller. No candidate writes its bytes, except that malloc writes a header
+// next to each. Memory of the peers is released outside the measured time.
 //
 // Run: bench_chunks [--quick] [--benchmark_filter=REGEX]
 #include <stdlib.h>
@@ -32,10 +32,10 @@ constexpr uint32_t SLOT_BYTES = 1u << 20;
 constexpr uint32_t CHUNKS_PER_THREAD = 1u << 13;
 constexpr unsigned MAX_THREADS = 2;
 constexpr uint32_t MAX_CHUNK = 256;
-// A ring says so on the standard output when it wraps. None does here: one pool serves all rounds of a case.
+// A ring reports its wraps on the standard output. None wraps here: one pool is used in all rounds of a case.
 static_assert(uint64_t{ROUNDS + 1} * MAX_THREADS * CHUNKS_PER_THREAD * MAX_CHUNK <= uint64_t{250} * SLOT_BYTES);
 
-// What a run hands back for each chunk, one row per thread.
+// The results of a run: one pointer per chunk, one row per thread.
 using results_t = std::vector<std::vector<void *>>;
 static std::shared_ptr<results_t> make_results() {
   return std::make_shared<results_t>(MAX_THREADS, std::vector<void *>(CHUNKS_PER_THREAD));
@@ -47,15 +47,15 @@ static std::shared_ptr<dynmem_t> make_pool() {
   return {pool, destroy_dyn_arr};
 }
 
-// Bytes that a thread took, from the addresses it was given. All rivals come to the same sum.
+// Returns the bytes that a thread took, computed from the addresses. All candidates have the same sum.
 static uint64_t bytes_taken(const std::vector<void *> &chunks, uint32_t len) {
   uint64_t sum = 0;
   for (const void *chunk : chunks) sum += chunk != nullptr ? len : 0;
   return sum;
 }
 
-// `take` as tslb_dynmem_get_mchunk.
-static rival_t pool_rival(const char *name, uint32_t len, decltype(&tslb_dynmem_get_mchunk) take) {
+// `take` has the contract of tslb_dynmem_get_mchunk.
+static candidate_t pool_candidate(const char *name, uint32_t len, decltype(&tslb_dynmem_get_mchunk) take) {
   return {name,
           [take, len, pool = make_pool(), results = make_results()](unsigned thread) {
             std::vector<void *> &chunks = (*results)[thread];
@@ -76,9 +76,9 @@ static void release_all(results_t *results, const std::function<void(void *)> &g
     }
 }
 
-// A peer that takes chunks one by one and has them back by `give` ahead of the next run, and at the end.
+// A peer that takes chunks one by one. `give` releases them before the next run and at the end.
 template <class Take>
-static rival_t taking_peer(const char *name, uint32_t len, Take take, const std::function<void(void *)> &give) {
+static candidate_t taking_peer(const char *name, uint32_t len, Take take, const std::function<void(void *)> &give) {
   const std::shared_ptr<results_t> results(new results_t(MAX_THREADS, std::vector<void *>(CHUNKS_PER_THREAD)),
                                            [give](results_t *last) {
                                              release_all(last, give);
@@ -93,8 +93,8 @@ static rival_t taking_peer(const char *name, uint32_t len, Take take, const std:
           [results, give] { release_all(results.get(), give); }};
 }
 
-// The buffer has room for a run.
-static rival_t locked_buffer(uint32_t len) {
+// The buffer has space for one run.
+static candidate_t locked_buffer(uint32_t len) {
   struct shared_t {
     std::mutex mutex;
     std::vector<char> memory = std::vector<char>(MAX_THREADS * CHUNKS_PER_THREAD * MAX_CHUNK);
@@ -119,7 +119,7 @@ static rival_t locked_buffer(uint32_t len) {
 #ifdef TSLB_BENCH_BOOST
 constexpr uint64_t FILE_BYTES = uint64_t{4} * MAX_THREADS * CHUNKS_PER_THREAD * MAX_CHUNK;
 
-static rival_t mapped_file(uint32_t len) {
+static candidate_t mapped_file(uint32_t len) {
   using file_t = boost::interprocess::managed_mapped_file;
   const auto file = std::make_shared<file_t>(boost::interprocess::open_or_create,
                                              (scratch_dir(FILE_BYTES) + "/chunks").c_str(), FILE_BYTES);
@@ -129,27 +129,27 @@ static rival_t mapped_file(uint32_t len) {
 }
 #endif
 
-static std::vector<rival_t> make_rivals(uint32_t len) {
-  std::vector<rival_t> rivals = {pool_rival("tslb", len, tslb_dynmem_get_mchunk),
-                                 pool_rival("floor", len, floor_take_chunk)};
+static std::vector<candidate_t> make_candidates(uint32_t len) {
+  std::vector<candidate_t> candidates = {pool_candidate("tslb", len, tslb_dynmem_get_mchunk),
+                                         pool_candidate("floor", len, floor_take_chunk)};
   for (const allocator_t &allocator : allocators())
-    rivals.push_back(taking_peer(allocator.name, len, allocator.take, allocator.give));
-  rivals.push_back(locked_buffer(len));
+    candidates.push_back(taking_peer(allocator.name, len, allocator.take, allocator.give));
+  candidates.push_back(locked_buffer(len));
 #ifdef TSLB_BENCH_BOOST
-  if (!scratch_dir(FILE_BYTES).empty()) rivals.push_back(mapped_file(len));
+  if (!scratch_dir(FILE_BYTES).empty()) candidates.push_back(mapped_file(len));
 #endif
-  return rivals;
+  return candidates;
 }
 
 static void add_cases() {
 #ifdef TSLB_BENCH_BOOST
-  scratch_dir(FILE_BYTES);  // ahead of all threads
+  scratch_dir(FILE_BYTES);  // before any thread starts
 #endif
   for (const unsigned threads : {1u, MAX_THREADS})
     for (const uint32_t len : {16u, 64u, MAX_CHUNK})
       add_case(
           std::to_string(len) + " bytes, " + (threads == 1 ? "1 thread" : "2 threads"), threads,
-          [len] { return make_rivals(len); }, uint64_t{threads} * CHUNKS_PER_THREAD);
+          [len] { return make_candidates(len); }, uint64_t{threads} * CHUNKS_PER_THREAD);
 }
 
 int main(int argc, char **argv) {

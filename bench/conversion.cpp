@@ -1,12 +1,12 @@
-// What does it cost to take a catalogue down to an older layout?
+// Cost of converting catalogue records to an older layout.
 //
-// Asked: the routines of the version maps on a million records, into an array whose direct slots are as many, as a
-// recovery makes it; per record. The source has 1,000 direct slots and the rest in data blocks. Metric groups and
-// metric types lie in plain arrays, type subjects in slots with two nodes. Against the floor (floor.h: the bytes that
-// both layouts have, copied record by record from places that are known, and the nodes written), and against one memcpy
-// of as many bytes (the limit).
+// Measured: the routines of the version maps on a million records, per record. The destination has as many direct slots
+// as records, as a recovery creates it. The source has 1,000 direct slots and the rest in data blocks. Metric groups
+// and metric types are in plain arrays, type subjects in slots with two nodes. Compared with the floor (floor.h: the
+// bytes that both layouts have, copied record by record from known places, and the nodes), and with one memcpy of as
+// many bytes (the limit).
 //
-// Not asked: making the destination, and its new pages: every round has memory that the allocator had before.
+// Not measured: creation of the destination and its page faults. Every round uses memory that the allocator had before.
 //
 // Run: bench_conversion [--quick] [--benchmark_filter=REGEX]
 #include <malloc.h>
@@ -27,7 +27,7 @@ static uint32_t record_count() {
   return is_quick() ? 10000 : 1000000;
 }
 
-// A row: what the version maps are asked for, and the layouts.
+// A row: the arguments for the version maps, and the layouts.
 struct layout_t {
   const char *name;
   uint16_t rec_type;
@@ -53,7 +53,7 @@ static array_t make_array(uint32_t record_size, uint32_t n_direct, uint8_t dafla
   return {array, destroy_dyn_arr};
 }
 
-// The newer records.
+// Creates the source with the newer records.
 static array_t make_source(const layout_t &layout) {
   const array_t source = make_array(layout.newer_bytes, SOURCE_DIRECT, layout.daflag);
   std::vector<uint32_t> words(layout.newer_bytes / 4);
@@ -68,7 +68,7 @@ static array_t make_source(const layout_t &layout) {
   return source;
 }
 
-// The destination of a rival: new ahead of each run, looked at behind it.
+// The destination of a candidate: created before each run, checked after it.
 struct destination_t {
   const layout_t &layout;
   array_t array = nullptr;
@@ -79,7 +79,7 @@ struct destination_t {
   }
   DynArrHdr_t *hdr() const { return get_dyn_hdr(array.get()); }
 
-  // All bytes that a record has, nodes' times aside.
+  // Sums all bytes of the records, without the times in their nodes.
   uint64_t sum() const {
     uint64_t sum = hdr()->n_used;
     for (uint32_t id = 0; id < record_count(); ++id) {
@@ -97,7 +97,7 @@ struct destination_t {
 
 // convert(destination) fills the array.
 template <class Convert>
-static rival_t rival(const char *name, const layout_t &layout, Convert convert) {
+static candidate_t candidate(const char *name, const layout_t &layout, Convert convert) {
   const auto destination = std::make_shared<destination_t>(destination_t{layout});
   return {name,
           [destination, convert](unsigned) {
@@ -107,44 +107,44 @@ static rival_t rival(const char *name, const layout_t &layout, Convert convert) 
           [destination] { destination->make(); }, [destination] { return destination->sum(); }};
 }
 
-// The result of the others, lying in one piece: what a conversion costs that knows it ahead.
-static rival_t one_memcpy(const layout_t &layout, const array_t &source) {
+// Copies the expected result from one piece of memory: the cost of a conversion whose result is known.
+static candidate_t one_memcpy(const layout_t &layout, const array_t &source) {
   const auto result = std::make_shared<destination_t>(destination_t{layout});
   result->make();
   layout.floor(source.get(), result->array.get());
-  return rival("one memcpy", layout,
-               [result, bytes = size_t{record_count()} *
-                                tslb_da_get_slotsz(result->array.get(), nullptr)](const destination_t &destination) {
-                 memcpy(destination.hdr()->elem_direct, result->hdr()->elem_direct, bytes);
-                 destination.hdr()->n_used = result->hdr()->n_used;
-               });
+  return candidate("one memcpy", layout,
+                   [result, bytes = size_t{record_count()} * tslb_da_get_slotsz(result->array.get(), nullptr)](
+                       const destination_t &destination) {
+                     memcpy(destination.hdr()->elem_direct, result->hdr()->elem_direct, bytes);
+                     destination.hdr()->n_used = result->hdr()->n_used;
+                   });
 }
 
-static std::vector<rival_t> make_rivals(const layout_t &layout) {
+static std::vector<candidate_t> make_candidates(const layout_t &layout) {
   const array_t source = make_source(layout);
   const auto routine =
       reinterpret_cast<void (*)(void *)>(tsdb_recovery_version_get_downgrade_fn_ptr(layout.rec_type, layout.target, 0));
   if (routine == nullptr) abort();
-  return {rival("tslb", layout,
-                [&layout, source, routine](const destination_t &destination) {
-                  TSDBVerCBArgs_t args = {layout.rec_type, source.get(), destination.array.get()};
-                  routine(&args);
-                }),
-          rival("floor", layout,
-                [&layout, source](const destination_t &destination) {
-                  layout.floor(source.get(), destination.array.get());
-                }),
+  return {candidate("tslb", layout,
+                    [&layout, source, routine](const destination_t &destination) {
+                      TSDBVerCBArgs_t args = {layout.rec_type, source.get(), destination.array.get()};
+                      routine(&args);
+                    }),
+          candidate("floor", layout,
+                    [&layout, source](const destination_t &destination) {
+                      layout.floor(source.get(), destination.array.get());
+                    }),
           one_memcpy(layout, source)};
 }
 
 static void add_cases() {
   for (const layout_t &layout : LAYOUTS)
     add_case(
-        layout.name, 1, [&layout] { return make_rivals(layout); }, record_count());
+        layout.name, 1, [&layout] { return make_candidates(layout); }, record_count());
 }
 
 int main(int argc, char **argv) {
-  // Released memory is kept, however large.
+  // Released memory of any size is kept.
   mallopt(M_TRIM_THRESHOLD, 1 << 30);
   mallopt(M_MMAP_MAX, 0);
   return run_cases(argc, argv, "| record converted, time relative to", add_cases);

@@ -1,13 +1,13 @@
-// What does it cost to delete a chunk, to give an emptied slot back, and to sweep a pool?
+// Cost of deleting a chunk, of freeing an empty slot, and of a sweep of a pool.
 //
-// Asked: tslb_dynmem_del_mchunk per chunk of 64 bytes in slots that hold some 800, with 1 and 2 threads (who own every
-// other chunk), and of chunks that fill a slot each, so that every deletion gives a slot back;
-// tslb_dynmem_update_free_list per slot, over slots that stay and over slots that it gives back. Against the floor
-// (floor.h: the read of the compaction header, the write of its flag, one get_and_inc32; where a slot is given back,
-// the lock, the words of the free list and the lock again; for a sweep the slots' words at places that are known), and
-// for chunks against free of as many bytes, the C library's, mimalloc's and jemalloc's.
+// Measured: tslb_dynmem_del_mchunk, per chunk: chunks of 64 bytes in slots that hold about 800 of them, with 1 and 2
+// threads (each owns every other chunk), and chunks that fill a slot each, so that every deletion frees a slot.
+// tslb_dynmem_update_free_list, per slot, over slots that stay and over slots that it frees. Compared with the floor
+// (floor.h: the read of the compaction header, the write of its flag, one get_and_inc32; if a slot is freed, the lock
+// and the words of the free list; for a sweep the slots' words at known places). Deletions of chunks are also compared
+// with free of as many bytes, by the C library, mimalloc and jemalloc.
 //
-// Not asked: what taking the chunks costs (bench_chunks). The pools are of MPOOL_TYPE_SHM_TMP: process memory, no ring,
+// Not measured: allocation of the chunks (bench_chunks). The pools are of MPOOL_TYPE_SHM_TMP: process memory, no ring,
 // never redo logged.
 //
 // Run: bench_deletion [--quick] [--benchmark_filter=REGEX]
@@ -27,7 +27,7 @@ constexpr uint32_t HEADER = sizeof(compat_t);
 constexpr unsigned MAX_THREADS = 2;
 constexpr uint32_t SLOTS_MAX = 256;  // of one pool
 
-// Pools and chunks of a case. One pool names at most 256 slots, so a case that empties many has several.
+// Pools and chunks of a case. A pool has at most 256 slots, so a case that empties many slots has several pools.
 struct layout_t {
   uint32_t pools;
   uint32_t mslot_sz;
@@ -42,7 +42,7 @@ static_assert(FILLING.chunks_per_pool + 1 < SLOTS_MAX);
 struct pool_t {
   std::shared_ptr<dynmem_t> handle;
   DynMemHdr_t *hdr;
-  maddr_t last;  // the chunk that stands in the current slot, or stood there
+  maddr_t last;  // the last chunk, in the current slot or in one that was current
 };
 
 struct chunk_t {
@@ -71,7 +71,7 @@ static chunk_t take_chunk(const pool_t &pool, uint32_t bytes) {
   return chunk;
 }
 
-// A pool with one chunk.
+// Creates a pool with one chunk.
 static pool_t make_pool(uint32_t mslot_sz, uint32_t n_direct) {
   dynmem_t *const handle = tslb_init_dynmem(static_cast<int>(mslot_sz), static_cast<int>(n_direct), MPOOL_FLAG_COMPAT,
                                             MPOOL_TYPE_SHM_TMP, 0, nullptr, 0, TSLB_DA_DAFLAG_LL);
@@ -86,7 +86,8 @@ static void sweep(const pool_t &pool, size_t *used_sz, size_t *del_sz) {
   tslb_dynmem_update_free_list(pool.handle.get(), &total_sz, used_sz, del_sz);
 }
 
-// Slots that are empty and were not given back although they are not current, and the free list's count if it is wrong.
+// Returns the number of slots that are empty and not current but were not freed, plus the free list's error in its
+// count.
 static uint64_t misplaced_slots(const pool_t &pool) {
   const uint32_t n_slots = tslb_da_get_size(pool.handle.get());
   uint64_t wrong = 0;
@@ -104,13 +105,13 @@ static uint64_t misplaced_slots(const pool_t &pool) {
 
 // ---- Deletion
 
-// The chunks that a run deletes. The library takes them, for the floor too.
-struct filled_t {
+// The chunks that a run deletes. The library allocates them, for the floor too.
+struct chunk_set_t {
   layout_t layout;
   std::vector<pool_t> pools;
   std::vector<chunk_t> chunks;
 
-  explicit filled_t(const layout_t &wanted) : layout(wanted) {
+  explicit chunk_set_t(const layout_t &wanted) : layout(wanted) {
     for (uint32_t i = 0; i < layout.pools; ++i) pools.push_back(make_pool(layout.mslot_sz, SLOTS_MAX));
   }
 
@@ -119,7 +120,7 @@ struct filled_t {
     for (pool_t &pool : pools) {
       tslb_dynmem_del_mchunk(pool.handle.get(), pool.last);
       for (uint32_t n = 0; n < layout.chunks_per_pool; ++n) chunks.push_back(take_chunk(pool, layout.chunk_bytes));
-      // In its own slot where chunks fill slots: then none of the others is in the current one.
+      // If chunks fill slots, it has its own slot, so that no other chunk is in the current slot.
       pool.last = take_chunk(pool, layout.chunk_bytes).address;
       size_t used_sz, del_sz;
       sweep(pool, &used_sz, &del_sz);
@@ -134,10 +135,11 @@ struct filled_t {
   }
 };
 
-// `delete_chunk`, as tslb_dynmem_del_mchunk, on every chunk that the thread owns. The checksum counts them.
-static rival_t pool_rival(const char *name, const layout_t &layout, unsigned threads,
-                          decltype(&tslb_dynmem_del_mchunk) delete_chunk) {
-  const auto filled = std::make_shared<filled_t>(layout);
+// Calls `delete_chunk`, which has the contract of tslb_dynmem_del_mchunk, on every chunk of the thread. The checksum
+// counts them.
+static candidate_t pool_candidate(const char *name, const layout_t &layout, unsigned threads,
+                                  decltype(&tslb_dynmem_del_mchunk) delete_chunk) {
+  const auto filled = std::make_shared<chunk_set_t>(layout);
   return {name,
           [filled, threads, delete_chunk](unsigned thread) {
             uint64_t count = 0;
@@ -148,7 +150,7 @@ static rival_t pool_rival(const char *name, const layout_t &layout, unsigned thr
           [filled] { filled->fill(); }, [filled] { return filled->what_is_wrong(); }};
 }
 
-static rival_t allocator_peer(const allocator_t &allocator, const layout_t &layout, unsigned threads) {
+static candidate_t allocator_peer(const allocator_t &allocator, const layout_t &layout, unsigned threads) {
   const auto chunks = std::make_shared<std::vector<void *>>(size_t{layout.pools} * layout.chunks_per_pool);
   return {allocator.name,
           [chunks, threads, allocator](unsigned thread) {
@@ -161,11 +163,11 @@ static rival_t allocator_peer(const allocator_t &allocator, const layout_t &layo
           }};
 }
 
-static std::vector<rival_t> make_deletions(const layout_t &layout, unsigned threads) {
-  std::vector<rival_t> rivals = {pool_rival("tslb", layout, threads, tslb_dynmem_del_mchunk),
-                                 pool_rival("floor", layout, threads, floor_delete_chunk)};
-  for (const allocator_t &allocator : allocators()) rivals.push_back(allocator_peer(allocator, layout, threads));
-  return rivals;
+static std::vector<candidate_t> make_deletions(const layout_t &layout, unsigned threads) {
+  std::vector<candidate_t> candidates = {pool_candidate("tslb", layout, threads, tslb_dynmem_del_mchunk),
+                                         pool_candidate("floor", layout, threads, floor_delete_chunk)};
+  for (const allocator_t &allocator : allocators()) candidates.push_back(allocator_peer(allocator, layout, threads));
+  return candidates;
 }
 
 static void add_deletion(const char *name, const layout_t &layout) {
@@ -178,14 +180,14 @@ static void add_deletion(const char *name, const layout_t &layout) {
 
 // ---- Sweep
 
-using swept_t = std::vector<pool_t>;
+using pools_t = std::vector<pool_t>;
 
 constexpr uint32_t SWEPT_SLOTS = 250;
 constexpr uint32_t SWEEPS = 64;
 
-// One pool whose slots hold two chunks each, the first of them deleted.
-static std::shared_ptr<swept_t> make_staying(uint32_t n_direct) {
-  const auto swept = std::make_shared<swept_t>();
+// One pool whose slots have two chunks each; the first of them is deleted.
+static std::shared_ptr<pools_t> make_staying(uint32_t n_direct) {
+  const auto swept = std::make_shared<pools_t>();
   swept->push_back(make_pool(FILLING.mslot_sz, n_direct));
   const pool_t &pool = swept->front();
   constexpr uint32_t HALF = FILLING.mslot_sz / 2 - HEADER;
@@ -196,13 +198,13 @@ static std::shared_ptr<swept_t> make_staying(uint32_t n_direct) {
   return swept;
 }
 
-// Pools whose slots were emptied while they were current, which no deletion gives back.
-static std::shared_ptr<swept_t> make_emptied() {
-  const auto swept = std::make_shared<swept_t>();
+// Pools whose slots became empty while they were current, so that no deletion freed them.
+static std::shared_ptr<pools_t> make_emptied() {
+  const auto swept = std::make_shared<pools_t>();
   for (uint32_t i = 0; i < FILLING.pools; ++i) swept->push_back(make_pool(FILLING.mslot_sz, SLOTS_MAX));
   return swept;
 }
-static void empty_slots(swept_t *swept) {
+static void empty_slots(pools_t *swept) {
   for (pool_t &pool : *swept) {
     for (uint32_t n = 0; n < FILLING.chunks_per_pool; ++n) {
       tslb_dynmem_del_mchunk(pool.handle.get(), pool.last);
@@ -211,34 +213,35 @@ static void empty_slots(swept_t *swept) {
   }
 }
 
-// `sweep_pool`, as tslb_dynmem_update_free_list, on all pools, many times where the slots stay.
-static rival_t sweep_rival(const char *name, const std::shared_ptr<swept_t> &swept, bool emptied,
-                           decltype(&tslb_dynmem_update_free_list) sweep_pool) {
-  rival_t rival = {name,
-                   [swept, emptied, sweep_pool](unsigned) {
-                     uint64_t sum = 0;
-                     for (uint32_t round = 0; round < (emptied ? 1 : SWEEPS); ++round)
-                       for (const pool_t &pool : *swept) {
-                         size_t total_sz, used_sz, del_sz;
-                         sweep_pool(pool.handle.get(), &total_sz, &used_sz, &del_sz);
-                         sum += used_sz + (uint64_t{del_sz} << 32);
-                       }
-                     return sum;
-                   },
-                   {}};
-  if (emptied) rival.prepare = [swept] { empty_slots(swept.get()); };
-  rival.verify = [swept] {
+// Calls `sweep_pool`, which has the contract of tslb_dynmem_update_free_list, on all pools; many times if the slots
+// stay.
+static candidate_t sweep_candidate(const char *name, const std::shared_ptr<pools_t> &swept, bool emptied,
+                                   decltype(&tslb_dynmem_update_free_list) sweep_pool) {
+  candidate_t candidate = {name,
+                           [swept, emptied, sweep_pool](unsigned) {
+                             uint64_t sum = 0;
+                             for (uint32_t round = 0; round < (emptied ? 1 : SWEEPS); ++round)
+                               for (const pool_t &pool : *swept) {
+                                 size_t total_sz, used_sz, del_sz;
+                                 sweep_pool(pool.handle.get(), &total_sz, &used_sz, &del_sz);
+                                 sum += used_sz + (uint64_t{del_sz} << 32);
+                               }
+                             return sum;
+                           },
+                           {}};
+  if (emptied) candidate.prepare = [swept] { empty_slots(swept.get()); };
+  candidate.verify = [swept] {
     uint64_t sum = 0;
     for (const pool_t &pool : *swept) sum += misplaced_slots(pool);
     return sum;
   };
-  return rival;
+  return candidate;
 }
 
-static std::vector<rival_t> make_sweeps(const std::shared_ptr<swept_t> &tslb_pools,
-                                        const std::shared_ptr<swept_t> &floor_pools, bool emptied) {
-  return {sweep_rival("tslb", tslb_pools, emptied, tslb_dynmem_update_free_list),
-          sweep_rival("floor", floor_pools, emptied, floor_sweep)};
+static std::vector<candidate_t> make_sweeps(const std::shared_ptr<pools_t> &tslb_pools,
+                                            const std::shared_ptr<pools_t> &floor_pools, bool emptied) {
+  return {sweep_candidate("tslb", tslb_pools, emptied, tslb_dynmem_update_free_list),
+          sweep_candidate("floor", floor_pools, emptied, floor_sweep)};
 }
 
 static void add_cases() {

@@ -1,4 +1,4 @@
-// An LMDB environment that is one file on a tmpfs. Any error ends the program: a peer has no business failing.
+// An LMDB environment in one file on a tmpfs. Any error ends the program.
 #ifndef TSLB_BENCH_ENVIRONMENT_H
 #define TSLB_BENCH_ENVIRONMENT_H
 
@@ -15,11 +15,11 @@ inline void lmdb_check(int rc) {
   abort();
 }
 
-// Records under the keys 0, 1, 2, ... in the environment's one database.
+// Records with the keys 0, 1, 2, ... in the environment's only database.
 class environment_t {
  public:
-  // Nothing is forced out to the file, as nothing of the library's is until its host asks. No lock: the benchmarks read
-  // and write from one thread.
+  // No sync, since the library does not sync either before its host requests it. No lock: the benchmarks use one
+  // thread.
   environment_t(const std::string &path, size_t map_bytes) {
     lmdb_check(mdb_env_create(&env_));
     lmdb_check(mdb_env_set_mapsize(env_, map_bytes));
@@ -39,12 +39,12 @@ class environment_t {
     lmdb_check(mdb_txn_begin(env_, nullptr, flags, &txn));
     return txn;
   }
-  // Behind all records that are there.
+  // Appends after the existing records.
   void append(MDB_txn *txn, uint32_t id, const void *record, size_t bytes) {
     MDB_val key = {sizeof(id), &id}, value = {bytes, const_cast<void *>(record)};
     lmdb_check(mdb_put(txn, dbi_, &key, &value, MDB_APPEND));
   }
-  // The same with bytes that are left as they lie.
+  // The same without writing the record's bytes.
   void reserve(MDB_txn *txn, uint32_t id, size_t bytes) {
     MDB_val key = {sizeof(id), &id}, value = {bytes, nullptr};
     lmdb_check(mdb_put(txn, dbi_, &key, &value, MDB_APPEND | MDB_RESERVE));
@@ -61,7 +61,8 @@ class environment_t {
     mdb_txn_abort(txn);
     return stat.ms_entries;
   }
-  // The record's bytes, at any address; they are the environment's until the transaction ends.
+  // Returns the record's bytes, at any address. They belong to the environment and are valid until the transaction
+  // ends.
   const void *find(MDB_txn *txn, uint32_t id) {
     MDB_val key = {sizeof(id), &id}, value;
     lmdb_check(mdb_get(txn, dbi_, &key, &value));

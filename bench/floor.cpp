@@ -14,7 +14,7 @@
 #include <tslb/tslb_rd_api.h>
 #include <tslb/tslb_util.h>
 
-// The library reads shared words so too: a load that is neither torn nor ordered.
+// A load as in the library: not torn, not ordered.
 template <class Word>
 static inline Word load(const Word *word) {
   return __atomic_load_n(word, __ATOMIC_RELAXED);
@@ -38,7 +38,7 @@ static inline DynArrLLI_t *lli_of(const DynArrHandle_t *array) {
                                          reinterpret_cast<const DynHdr_t *>(block0)->hdr_size);
 }
 
-// Words of headers and nodes lie at any address.
+// Words of headers and nodes can lie at any address.
 static inline uint32_t word(const void *at) {
   return load(static_cast<const uint32_t *>(at));
 }
@@ -46,7 +46,7 @@ static inline void set_word(void *at, uint32_t value) {
   __atomic_store_n(static_cast<uint32_t *>(at), value, __ATOMIC_RELAXED);
 }
 
-// The block from the table that stands TIERS tables above it; null if one is missing on the way.
+// Returns the block that is TIERS tables below `table`; null if one is missing.
 template <unsigned TIERS>
 static inline void *block_below(void *table, uint32_t place) {
   if constexpr (TIERS == 0) {
@@ -70,7 +70,7 @@ static inline void *block_of(void **roots, uint32_t beyond) {
   return beyond < 0x11111100 ? block_in<6>(roots, beyond) : nullptr;
 }
 
-// `shift` bytes into the slot of an issued id; the library is asked for what it has to make.
+// Returns byte `shift` of the slot of an issued id. Calls the library if memory is missing.
 __attribute__((noinline)) static void *find_beyond(DynArrHandle_t *array, uint32_t id, uint32_t beyond,
                                                    uint64_t slot_bytes, uint64_t shift) {
   void **const roots = reinterpret_cast<void **>(load_entry(reinterpret_cast<void **>(&array->ir_base)));
@@ -134,7 +134,7 @@ void *floor_resolve_64(dynmem_t *pool, maddr64_t address) {
 
 // ---- Ids and chunks
 
-// Null where the array is full.
+// Returns null if the array is full.
 static inline void *take_id(DynArrHandle_t *array, uint8_t daflag, uint32_t *id) {
   DynArrHdr_t *const hdr = hdr_of(array);
   *id = get_and_inc32(reinterpret_cast<uint32_t *>(hdr) + offsetof(DynArrHdr_t, n_used) / 4, 1);
@@ -185,7 +185,7 @@ static inline node_fw *fw_of(void *payload) {
 static inline uint32_t status_of(void *payload) {
   return __atomic_load_n(reinterpret_cast<uint32_t *>(static_cast<char *>(payload) - NODE), __ATOMIC_ACQUIRE);
 }
-static inline bool somebody_logs(const dynarr_t *array) {
+static inline bool redo_is_on(const dynarr_t *array) {
   return load(&g_redo_handle) != nullptr && array->mem_type == MPOOL_TYPE_DRAM && array->ctx_name[0] != '\0';
 }
 
@@ -204,12 +204,12 @@ static inline void write_nodes(void *payload, uint32_t record_size, uint8_t dafl
   set_word(&fw_of(payload)->status, TSLB_DA_SLOT_ACTIVE);
 }
 
-// A slot that has left its list, under the lock, which is given back.
-static inline void *hand_out(dynarr_t *array, const DynArrHdr_t *hdr, void *payload, uint32_t now) {
+// Prepares a slot that was taken from its list. Called under the lock; releases it.
+static inline void *finish_slot(dynarr_t *array, const DynArrHdr_t *hdr, void *payload, uint32_t now) {
   memset(payload, 0, hdr->record_size);
   write_nodes(payload, hdr->record_size, array->daflag, now);
   cas16(&array->spinlock, 1, 0);
-  if (somebody_logs(array)) abort();
+  if (redo_is_on(array)) abort();
   set_word(payload, UINT32_MAX);
   return payload;
 }
@@ -226,7 +226,7 @@ void *floor_take_slot(dynarr_t *array, uint32_t *idx) {
   set_word(&lli->free_head, word(&fw_of(payload)->next));
   set_word(&lli->n_free, n_free - 1);
   *idx = head;
-  return hand_out(array, hdr, payload, now);
+  return finish_slot(array, hdr, payload, now);
 }
 
 static inline void append_free(dynarr_t *array, DynArrHdr_t *hdr, DynArrLLI_t *lli, uint8_t daflag, uint32_t idx,
@@ -296,7 +296,7 @@ void *floor_reuse_slot(dynarr_t *array, uint32_t *idx) {
   if (load(&g_redo_handle) != nullptr) abort();
   set_word(&lli->n_inact, n_inact - 1);
   *idx = head;
-  return hand_out(array, hdr, payload, now);
+  return finish_slot(array, hdr, payload, now);
 }
 
 int floor_inactivate_slot(dynarr_t *array, uint32_t idx, time_t ts) {
@@ -334,13 +334,13 @@ static inline bool looks_empty(const MemSlot_t *slot) {
   return __atomic_load_n(&slot->bytes_del, __ATOMIC_ACQUIRE) == load(&slot->bytes_used);
 }
 
-// No slot stopped being current while somebody's reservation in it was not counted yet: such a one is not empty,
-// whatever its counters say. Noted behind the handle.
+// Returns whether the pool has no unsettled slots, which are not empty whatever their counters show. The library's
+// notes of them follow the handle.
 static inline bool all_are_counted(const dynmem_t *pool) {
   return *reinterpret_cast<void *const *>(pool + 1) == nullptr;
 }
 
-static inline void give_back(dynmem_t *pool, const DynMemHdr_t *hdr, uint32_t idx, MemSlot_t *slot) {
+static inline void release_slot(dynmem_t *pool, const DynMemHdr_t *hdr, uint32_t idx, MemSlot_t *slot) {
   DynArrHdr_t *const arr_hdr = hdr_of(pool);
   lock(&pool->spinlock);
   const bool empty =
@@ -361,7 +361,7 @@ void floor_delete_chunk(dynmem_t *pool, maddr_t address) {
   chunk->flag = static_cast<char>(chunk->flag | MCHUNK_FLAG_DELETED);
   if (bytes == 0) return;
   get_and_inc32(&slot->bytes_del, bytes + static_cast<uint32_t>(sizeof(compat_t)));
-  if (looks_empty(slot) && current_of(hdr) != address.mslot_idx) give_back(pool, hdr, address.mslot_idx, slot);
+  if (looks_empty(slot) && current_of(hdr) != address.mslot_idx) release_slot(pool, hdr, address.mslot_idx, slot);
 }
 
 void floor_sweep(dynmem_t *pool, size_t *total_sz, size_t *used_sz, size_t *del_sz) {
@@ -379,7 +379,7 @@ void floor_sweep(dynmem_t *pool, size_t *total_sz, size_t *used_sz, size_t *del_
     MemSlot_t *const slot = reinterpret_cast<MemSlot_t *>(payload);
     const uint32_t deleted = load(&slot->bytes_del), used = load(&slot->bytes_used);
     if (used == deleted && current_of(hdr) != idx) {
-      give_back(pool, hdr, idx, slot);
+      release_slot(pool, hdr, idx, slot);
       continue;
     }
     *used_sz += used;
@@ -389,7 +389,7 @@ void floor_sweep(dynmem_t *pool, size_t *total_sz, size_t *used_sz, size_t *del_
 
 // ---- Conversion
 
-// A slot as tslb_da_get_newptr gives it, of an array without reuse.
+// Takes a slot as tslb_da_get_newptr does, of an array without reuse.
 static inline void *take_fresh(dynarr_t *array) {
   const uint8_t daflag = array->daflag;
   const uint32_t now = static_cast<uint32_t>(tslb_get_time(nullptr));
@@ -404,7 +404,7 @@ static inline void *take_fresh(dynarr_t *array) {
     payload = take_id(array, daflag, &id);
     if (payload != nullptr) write_nodes(payload, hdr_of(array)->record_size, daflag, now);
     cas16(&array->spinlock, 1, 0);
-    if (somebody_logs(array)) abort();
+    if (redo_is_on(array)) abort();
   }
   if (payload != nullptr) set_word(payload, UINT32_MAX);
   return payload;
@@ -440,7 +440,7 @@ void floor_convert_g_mt_1_0(dynarr_t *from, dynarr_t *to) {
   convert_prefix<g_mt_t_v1, g_mt_t_v0>(from, to);
 }
 
-// The gaps are the destination's, zero from the start.
+// The gaps stay as in the destination, where they are zero.
 void floor_convert_tysub_1_0(dynarr_t *from, dynarr_t *to) {
   convert(from, to, sizeof(ty_sub_t_v1) + 2 * NODE, [](char *older, const char *newer) {
     memcpy(older, newer, offsetof(ty_sub_t_v0, gap10));

@@ -1,15 +1,15 @@
-// What does it cost to grow an array in files, and to force it out to them?
+// Cost of growing an array in files, and of syncing it.
 //
-// Asked, on a tmpfs:
-//   growth of an MPOOL_TYPE_SHM array, per block of 16 ids. Against the floor (floor.h: stat, open, ftruncate, mmap,
-//   close, and one swap, under names that are formatted ahead); against one file that is mapped whole, for all blocks
-//   at once; and against LMDB, which appends 16 records of as many bytes in one transaction for all;
-//   tslb_syn_shm_dynarr, per block. Against msync of the same blocks.
+// Measured, on a tmpfs:
+//   growth of an MPOOL_TYPE_SHM array, per block of 16 ids. Compared with the floor (floor.h: stat, open, ftruncate,
+//   mmap, close, and one swap, with names formatted in advance); with one mapping of one file for all blocks; and with
+//   LMDB, which appends 16 records of as many bytes in one transaction for all;
+//   tslb_syn_shm_dynarr, per block. Compared with msync of the same blocks.
 //
-// Where files are old they exist at their length, and LMDB has the pages of records that were dropped.
+// Old files already have their length, and LMDB has the pages of dropped records.
 //
-// Not asked: a disk. A tmpfs has nothing to flush, so msync is its bare call here, and that is what lets the rest be
-// seen. Nobody touches the blocks of a growing array, and LMDB only reserves its records.
+// Not measured: a disk. A tmpfs has nothing to flush, so msync is only a call, and the rest is visible. No candidate
+// writes the blocks of a growing array, and LMDB only reserves its records.
 //
 // Run: bench_growth [--quick] [--benchmark_filter=REGEX]
 #include <fcntl.h>
@@ -36,12 +36,12 @@
 #endif
 
 constexpr uint64_t MIB = uint64_t{1} << 20;
-// Of small blocks, and of LMDB's records.
+// The folder of small blocks and of LMDB's records.
 static const std::string &dir() {
   return scratch_dir(640 * MIB);
 }
 
-// msync as the library and the floor reach it: the kernel's, and a count of bytes.
+// Replaces msync for the library and the floor: calls the kernel's and counts bytes.
 static uint64_t synced_bytes;
 extern "C" TSLB_API int msync(void *memory, size_t bytes, int flags) {
   synced_bytes += bytes;
@@ -66,7 +66,7 @@ static size_t files_of(const std::string &path, size_t bytes) {
   return count;
 }
 
-static rival_t growing_array(int record_size, bool old_files) {
+static candidate_t growing_array(int record_size, bool old_files) {
   const auto array = std::make_shared<array_t>();
   const std::string path = dir() + "/array";
   return {"tslb",
@@ -86,7 +86,7 @@ static rival_t growing_array(int record_size, bool old_files) {
           [path, record_size] { return files_of(path, static_cast<size_t>(record_size) * 16); }};
 }
 
-static rival_t growing_floor(size_t block_bytes, bool old_files) {
+static candidate_t growing_floor(size_t block_bytes, bool old_files) {
   struct shared_t {
     std::string path = dir() + "/floor";
     std::vector<std::string> names;
@@ -121,7 +121,7 @@ static rival_t growing_floor(size_t block_bytes, bool old_files) {
           [shared] { return files_of(shared->path, shared->bytes); }};
 }
 
-static rival_t one_mapping(size_t block_bytes, bool old_files) {
+static candidate_t one_mapping(size_t block_bytes, bool old_files) {
   const std::string file = dir() + "/mapping";
   const size_t bytes = GROWTH_BLOCKS * block_bytes;
   const std::shared_ptr<void *> mapped(new void *(nullptr), [bytes](void **last) {
@@ -145,7 +145,7 @@ static rival_t one_mapping(size_t block_bytes, bool old_files) {
 }
 
 #ifdef TSLB_BENCH_LMDB
-static rival_t appending_environment(size_t record_size, bool old_files) {
+static candidate_t appending_environment(size_t record_size, bool old_files) {
   const auto env = std::make_shared<std::unique_ptr<environment_t>>();
   const std::string file = dir() + "/environment";
   return {"LMDB put",
@@ -165,14 +165,14 @@ static rival_t appending_environment(size_t record_size, bool old_files) {
 }
 #endif
 
-static std::vector<rival_t> make_growth(int record_size, bool old_files) {
+static std::vector<candidate_t> make_growth(int record_size, bool old_files) {
   const size_t block_bytes = static_cast<size_t>(record_size) * 16;
-  std::vector<rival_t> rivals = {growing_array(record_size, old_files), growing_floor(block_bytes, old_files),
-                                 one_mapping(block_bytes, old_files)};
+  std::vector<candidate_t> candidates = {growing_array(record_size, old_files), growing_floor(block_bytes, old_files),
+                                         one_mapping(block_bytes, old_files)};
 #ifdef TSLB_BENCH_LMDB
-  rivals.push_back(appending_environment(static_cast<size_t>(record_size), old_files));
+  candidates.push_back(appending_environment(static_cast<size_t>(record_size), old_files));
 #endif
-  return rivals;
+  return candidates;
 }
 
 static void add_growth() {
@@ -193,9 +193,9 @@ static int collect_block(DynamicArray_t, void *block, int, size_t, int hdr_size,
   return 0;
 }
 
-// `sync` on blocks that are all there; the checksum is the bytes that msync was given for data blocks.
+// Calls `sync` on existing blocks. The checksum is the number of bytes of data blocks passed to msync.
 template <class Sync>
-static rival_t sync_rival(const char *name, size_t block0_bytes, Sync sync) {
+static candidate_t sync_candidate(const char *name, size_t block0_bytes, Sync sync) {
   return {name,
           [block0_bytes, sync](unsigned) {
             synced_bytes = 0;
@@ -205,7 +205,7 @@ static rival_t sync_rival(const char *name, size_t block0_bytes, Sync sync) {
           {}};
 }
 
-static std::vector<rival_t> make_syncs(int record_size) {
+static std::vector<candidate_t> make_syncs(int record_size) {
   const array_t array = make_array(record_size);
   for (uint32_t id = 0; id < 16 * SYNCED_BLOCKS; ++id) {
     void *record;
@@ -217,8 +217,8 @@ static std::vector<rival_t> make_syncs(int record_size) {
   if (blocks.size() != SYNCED_BLOCKS) abort();
   const size_t hdr_bytes = static_cast<size_t>(tslb_dynmem_get_hdrsz(array.get()));
   const size_t block_bytes = static_cast<size_t>(record_size) * 16;
-  return {sync_rival("tslb", hdr_bytes, [array] { tslb_syn_shm_dynarr(array.get()); }),
-          sync_rival("floor", 0, [array, blocks, block_bytes] {
+  return {sync_candidate("tslb", hdr_bytes, [array] { tslb_syn_shm_dynarr(array.get()); }),
+          sync_candidate("floor", 0, [array, blocks, block_bytes] {
             if (floor_sync(blocks.data(), SYNCED_BLOCKS, block_bytes) != 0) abort();
           })};
 }

@@ -1,10 +1,11 @@
-// What does it cost to take an id together with its address?
+// Cost of a new id with its address.
 //
-// Asked: get_dyn_arr_new_record_id_ex on an array of 100-byte records without direct slots, with 1 and 2
-// threads, and a store of the id to the record. Against the floor (floor.h), against a std::deque behind a mutex, and
-// against oneTBB's concurrent_vector, which grows by one element or by 16 at a time and zeroes them too.
+// Measured: get_dyn_arr_new_record_id_ex on an array of 100-byte records without direct slots, with 1 and 2 threads,
+// and a store of the id to the record. Compared with the floor (floor.h), with a std::deque and a mutex, and with
+// oneTBB's concurrent_vector, which grows by one element or by 16 at a time and also zeroes them.
 //
-// Every round starts anew, on memory that the allocator has had before and keeps, and once more (cold memory) on none.
+// Every round starts with an empty array, on memory that the allocator had before and keeps, and again (cold memory)
+// without such memory.
 //
 // Run: bench_ids [--quick] [--benchmark_filter=REGEX]
 #include <malloc.h>
@@ -31,8 +32,8 @@ static_assert(sizeof(record_t) == 100);
 
 constexpr uint32_t IDS_PER_THREAD = 1u << 14;
 
-// `take` as get_dyn_arr_new_record_id_ex.
-static rival_t array_rival(const char *name, decltype(&get_dyn_arr_new_record_id_ex) take) {
+// `take` has the contract of get_dyn_arr_new_record_id_ex.
+static candidate_t array_candidate(const char *name, decltype(&get_dyn_arr_new_record_id_ex) take) {
   using owner_t = std::shared_ptr<DynArrHandle_t>;
   const auto array = std::make_shared<owner_t>();
   return {name,
@@ -52,7 +53,7 @@ static rival_t array_rival(const char *name, decltype(&get_dyn_arr_new_record_id
           }};
 }
 
-static rival_t locked_deque() {
+static candidate_t locked_deque() {
   struct shared_t {
     std::mutex mutex;
     std::deque<record_t> records;
@@ -79,8 +80,8 @@ static rival_t locked_deque() {
 }
 
 #ifdef TSLB_BENCH_TBB
-// `step` ids at a time, 1 or what makes a block of the library's.
-static rival_t growing_vector(const char *name, uint32_t step) {
+// Takes `step` ids at a time: 1, or as many as a block of the library has.
+static candidate_t growing_vector(const char *name, uint32_t step) {
   using elements_t = tbb::concurrent_vector<record_t>;
   const auto elements = std::make_shared<std::unique_ptr<elements_t>>();
   return {name,
@@ -97,23 +98,23 @@ static rival_t growing_vector(const char *name, uint32_t step) {
 }
 #endif
 
-// With `cold` memory the allocator has nothing left when a round begins: every page is the kernel's to give.
-static std::vector<rival_t> make_rivals(bool cold) {
-  std::vector<rival_t> rivals = {array_rival("tslb", get_dyn_arr_new_record_id_ex), array_rival("floor", floor_take_id),
-                                 locked_deque()};
+// With `cold` memory the allocator has no free memory when a round begins: every page comes from the kernel.
+static std::vector<candidate_t> make_candidates(bool cold) {
+  std::vector<candidate_t> candidates = {array_candidate("tslb", get_dyn_arr_new_record_id_ex),
+                                         array_candidate("floor", floor_take_id), locked_deque()};
 #ifdef TSLB_BENCH_TBB
-  rivals.push_back(growing_vector("tbb emplace_back", 1));
-  rivals.push_back(growing_vector("tbb grow_by 16", 16));
+  candidates.push_back(growing_vector("tbb emplace_back", 1));
+  candidates.push_back(growing_vector("tbb grow_by 16", 16));
 #endif
-  for (rival_t &rival : rivals) {
+  for (candidate_t &candidate : candidates) {
     if (cold) {
-      rival.prepare = [prepare = rival.prepare] {
+      candidate.prepare = [prepare = candidate.prepare] {
         prepare();
         malloc_trim(0);
       };
     }
   }
-  return rivals;
+  return candidates;
 }
 
 static void add_cases() {
@@ -121,7 +122,7 @@ static void add_cases() {
     for (const unsigned threads : {1u, 2u})
       add_case(
           std::string(threads == 1 ? "1 thread" : "2 threads") + (cold ? ", cold memory" : ""), threads,
-          [cold] { return make_rivals(cold); }, uint64_t{threads} * IDS_PER_THREAD);
+          [cold] { return make_candidates(cold); }, uint64_t{threads} * IDS_PER_THREAD);
 }
 
 int main(int argc, char **argv) {

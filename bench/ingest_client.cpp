@@ -1,12 +1,12 @@
-// How fast does a database take line protocol over HTTP?
+// The client of scripts/bench-ingest, which runs the databases: sends line protocol over HTTP and measures the time.
 //
-// The client's half of scripts/bench-ingest, which runs the databases: sends a file in bodies of so many lines over one
-// or more connections that stay open, one request in flight on each, and ends when the last one is answered. A server
-// that shares the machine shall have all of it but what the socket costs: bodies are cut and their heads written
-// beforehand, and a request is one writev of both and a recv of an answer that is mostly one piece.
+// Sends a file in bodies with a fixed number of lines, over one or more persistent connections, one request in flight
+// on each. Ends when the last request is answered. A server on the same machine should have all of its time except that
+// of the socket calls: bodies and their heads are prepared in advance, and a request is one writev of both and one recv
+// of an answer, which mostly arrives in one piece.
 //
-// Prints one line: lines, bodies and bytes sent, seconds, the client's own CPU seconds meanwhile, and the middle and
-// the longest time for an answer in milliseconds. An answer other than 204 ends it.
+// Prints one line: lines, bodies and bytes sent, seconds, the client's CPU seconds during the run, and the median and
+// the maximum time of an answer in milliseconds. An answer other than 204 ends the program.
 //
 // Run: bench_ingest_client FILE --port N [--target /write?db=x] [--lines N] [--connections N]
 #include <arpa/inet.h>
@@ -58,7 +58,7 @@ struct request_t {
   throw std::system_error(errno, std::generic_category(), what);
 }
 
-// The whole file, in memory before anything is timed.
+// The whole file, read into memory before the measurement.
 class file_text_t {
  public:
   explicit file_text_t(const std::string &path) {
@@ -82,7 +82,7 @@ class file_text_t {
   size_t n_bytes_;
 };
 
-// The text behind the first `n_lines` of its lines; they are counted.
+// Returns the position after the first `n_lines` lines, and counts them.
 size_t end_of_lines(std::string_view text, uint64_t n_lines, uint64_t &lines_in_all) {
   size_t end = 0;
   for (uint64_t i = 0; i < n_lines && end < text.size(); ++i, ++lines_in_all)
@@ -110,7 +110,7 @@ class connection_t {
     address.sin_port = htons(port);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     if (fd_ < 0 || connect(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) fail("connect");
-    // The last piece of a body is not to wait for the acknowledgement of those before.
+    // The last piece of a body must not wait for the acknowledgement of earlier pieces.
     const int one = 1;
     if (setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one) != 0) fail("TCP_NODELAY");
   }
@@ -118,12 +118,12 @@ class connection_t {
   connection_t(const connection_t &) = delete;
   connection_t &operator=(const connection_t &) = delete;
 
-  // Sends and waits for the answer, which has to be 204.
+  // Sends and waits for the answer, which must be 204.
   void exchange(const request_t &request) const {
     send(request);
     char answer[MOST_ANSWER_BYTES];
     const std::string_view head = receive_head(answer);
-    // Of this status there is no body: the head is the whole answer.
+    // A 204 has no body: the head is the whole answer.
     if (!head.starts_with("HTTP/1.1 204 ")) throw std::runtime_error("the answer was: " + std::string(head));
   }
 
@@ -160,7 +160,7 @@ class connection_t {
   const int fd_;
 };
 
-// Each connection takes the next request that nobody has taken.
+// Each connection takes the next request that no connection has taken.
 class load_t {
  public:
   load_t(const std::vector<request_t> &requests, const arguments_t &arguments)
@@ -174,7 +174,7 @@ class load_t {
     if (!failure_.empty()) throw std::runtime_error(failure_);
   }
 
-  // Of the waits for an answer, in their order of length.
+  // Returns the times of all answers in ascending order.
   std::vector<double> waits_ms() const {
     std::vector<double> sorted = waits_ms_;
     std::sort(sorted.begin(), sorted.end());
@@ -191,7 +191,7 @@ class load_t {
         waits_ms_[i] = std::chrono::duration<double, std::milli>(steady::now() - begin).count();
       }
     } catch (const std::exception &error) {
-      // The others find nothing left to send. The first reason is the one to tell.
+      // Leaves nothing to send for the other connections. The first failure is reported.
       next_ = requests_.size();
       if (!has_failed_.exchange(true)) failure_ = error.what();
     }
@@ -234,14 +234,16 @@ void run(const arguments_t &arguments) {
 
 int main(int argc, char **argv) {
   arguments_t arguments;
-  CLI::App app("sends a file of line protocol to a database, and says how long that took");
+  CLI::App app("sends a file of line protocol to a database and prints how long that took");
   app.add_option("FILE", arguments.file, "file of line protocol")->required()->type_name("");
   app.add_option("--port", arguments.port, "port on 127.0.0.1")->required();
   app.add_option("--target", arguments.target, "path and query to post to")->capture_default_str();
   app.add_option("--lines", arguments.lines, "lines of a request")
       ->check(CLI::Range(uint64_t{1}, uint64_t{10'000'000}))
       ->capture_default_str();
-  app.add_option("--connections", arguments.connections, "how many")->check(CLI::Range(1u, 64u))->capture_default_str();
+  app.add_option("--connections", arguments.connections, "number of connections")
+      ->check(CLI::Range(1u, 64u))
+      ->capture_default_str();
   CLI11_PARSE(app, argc, argv);
   try {
     run(arguments);

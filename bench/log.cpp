@@ -1,13 +1,13 @@
-// What does a line of the debug log cost?
+// Cost of a line of the debug log.
 //
-// Asked: tslb_dl_logging to a file on a tmpfs, a short message with one number, with 1 and 2 threads. Against the floor
-// (floor.h: the same bytes, formatted in advance; the clock and its conversion to local time with signals blocked, stat
-// of the file, one write, all under one mutex, since lines are in the order of their stamps), against spdlog with the
-// same fields, a file of its own and a flush after every line, and against the bare write of the same bytes, with no
-// time and no lock (the limit). spdlog looks at no file, blocks no signal and converts the time once in a second.
-// Without spdlog its column is left out.
+// Measured: tslb_dl_logging to a file on a tmpfs, a short message with one number, with 1 and 2 threads. Compared with
+// the floor (floor.h: the same bytes, formatted in advance; the clock and its conversion to local time with signals
+// blocked, stat of the file, one write, all under one mutex, since lines are in the order of their stamps), with spdlog
+// with the same fields, its own file and a flush after every line, and with the plain write of the same bytes, without
+// time and lock (the limit). spdlog does not check its file, blocks no signal and converts the time once per second.
+// Without spdlog its column is omitted.
 //
-// Not asked: the rollover to a new file; lines that the level refuses, which are a comparison; a disk.
+// Not measured: the rollover to a new file; lines above the level, which are one comparison; a disk.
 //
 // Run: bench_log [--quick] [--benchmark_filter=REGEX]
 #include <tslb/tslb_dlog.h>
@@ -39,7 +39,7 @@ constexpr int FILE_MIB = 2047;  // no rollover
 static std::string path_of(const char *name) {
   return scratch_dir(ROOM_BYTES) + "/" + name;
 }
-// What the debug log makes of its base path.
+// Returns the name that the debug log derives from its base path.
 static std::string dlog_file() {
   return path_of("dlog") + "." + std::to_string(getpid()) + ".0";
 }
@@ -51,7 +51,7 @@ static std::vector<std::string> lines_in(const std::string &path) {
   return lines;
 }
 
-// Adds up the numbers that the messages in a file end in. A line that is broken or missing changes the sum.
+// Adds up the numbers at the end of the messages in a file. A broken or missing line changes the sum.
 static uint64_t sum_of_messages(const std::string &path) {
   uint64_t sum = 0;
   for (const std::string &line : lines_in(path)) {
@@ -76,11 +76,11 @@ static uint64_t log_lines(unsigned thread) {
   return 0;
 }
 
-static rival_t ours() {
+static candidate_t ours() {
   return {"tslb", log_lines, start_dlog, [] { return sum_of_messages(dlog_file()); }};
 }
 
-// The library's own lines, thread after thread, as it writes them.
+// Returns the library's own lines, thread by thread.
 static std::vector<std::string> lines_of_library(unsigned threads) {
   start_dlog();
   for (unsigned thread = 0; thread < threads; ++thread) log_lines(thread);
@@ -91,7 +91,7 @@ static std::vector<std::string> lines_of_library(unsigned threads) {
   return lines;
 }
 
-// A file that the library's lines are written to again.
+// A file to which the library's lines are written again.
 struct copy_t {
   std::string path;
   floor_log_t log;
@@ -106,9 +106,9 @@ struct copy_t {
   ~copy_t() { close(log.fd); }
 };
 
-// write_line(log, line, length) does it, and says what write did.
+// write_line(log, line, length) writes a line and returns the result of write.
 template <class WriteLine>
-static rival_t copying(const char *name, const char *file, unsigned threads, WriteLine write_line) {
+static candidate_t copying(const char *name, const char *file, unsigned threads, WriteLine write_line) {
   const auto copy = std::make_shared<copy_t>(file, threads);
   return {name,
           [copy, write_line](unsigned thread) {
@@ -126,7 +126,7 @@ static rival_t copying(const char *name, const char *file, unsigned threads, Wri
 }
 
 #ifdef TSLB_BENCH_SPDLOG
-static rival_t peer() {
+static candidate_t peer() {
   const auto logger = std::make_shared<std::shared_ptr<spdlog::logger>>();
   return {"spdlog",
           [logger](unsigned thread) {
@@ -144,22 +144,22 @@ static rival_t peer() {
 }
 #endif
 
-static std::vector<rival_t> make_rivals(unsigned threads) {
-  std::vector<rival_t> rivals = {ours(), copying("floor", "floor", threads, floor_write_line),
-                                 copying("write", "write", threads, [](floor_log_t *log, const char *line, size_t len) {
-                                   return write(log->fd, line, len);
-                                 })};
+static std::vector<candidate_t> make_candidates(unsigned threads) {
+  std::vector<candidate_t> candidates = {
+      ours(), copying("floor", "floor", threads, floor_write_line),
+      copying("write", "write", threads,
+              [](floor_log_t *log, const char *line, size_t len) { return write(log->fd, line, len); })};
 #ifdef TSLB_BENCH_SPDLOG
-  rivals.push_back(peer());
+  candidates.push_back(peer());
 #endif
-  return rivals;
+  return candidates;
 }
 
 static void add_cases() {
   if (scratch_dir(ROOM_BYTES).empty()) return;
   for (const unsigned threads : {1u, MAX_THREADS})
     add_case(
-        threads == 1 ? "1 thread" : "2 threads", threads, [threads] { return make_rivals(threads); },
+        threads == 1 ? "1 thread" : "2 threads", threads, [threads] { return make_candidates(threads); },
         uint64_t{threads} * LINES_PER_THREAD);
 }
 

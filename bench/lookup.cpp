@@ -1,15 +1,15 @@
-// What does it cost to reach a record by its id?
+// Cost of the lookup of a record by its id.
 //
-// Asked: get_dyn_arr_record_position_ex on ten million records of 100 bytes, in the direct area and at levels 1 to 5,
-// of which level 4 has a million and level 5 the rest, and one load from the record it returns. Against the floor
-// (floor.h), and against std::vector (the limit), std::deque and oneTBB's concurrent_vector of the same records. Three
-// orders: sequential, random (ids known ahead, so that lookups overlap), and chained (each record names the next id, so
-// that a lookup waits for the one before). A round goes on where the one before stopped, so that records of a large
-// level are not in the caches because they were read just now.
+// Measured: get_dyn_arr_record_position_ex on ten million records of 100 bytes, in the direct area and at levels 1 to
+// 5, of which level 4 has a million and level 5 the rest, with one load from the record. Compared with the floor
+// (floor.h), and with std::vector (the limit), std::deque and oneTBB's concurrent_vector of the same records. Three
+// orders: sequential, random (ids are known in advance, so that lookups overlap), and chained (each record names the
+// next id, so that a lookup waits for the previous one). A round continues where the previous round stopped, so that
+// records of a large level are not in the caches from it.
 //
-// Not asked: level 6, whose first id comes behind 17 million; arrays with nodes; lookups beside a writer; ids that
-// change level from one to the next, which adds a mispredicted branch. The vector never moves here; one that grows
-// would, and is no peer then.
+// Not measured: level 6, whose first id follows 17 million others; arrays with nodes; lookups concurrent with a writer;
+// ids that change level from one to the next, which adds a mispredicted branch. The vector never moves here. A growing
+// vector would move, and would not be a peer.
 //
 // Run: bench_lookup [--quick] [--benchmark_filter=REGEX]
 #include <stdlib.h>
@@ -32,7 +32,7 @@
 
 struct record_t {
   uint32_t id;
-  uint32_t next;  // the following id of a chain through all ids of the level
+  uint32_t next;  // the next id of a chain through all ids of the level
   unsigned char rest[92];
 };
 static_assert(sizeof(record_t) == 100);
@@ -46,7 +46,7 @@ struct level_t {
   uint32_t first, count;
 };
 
-// Filled one after the other, the last one up to ten million records.
+// The levels, filled in order, up to ten million records.
 static const std::vector<level_t> &levels() {
   static const uint32_t total = is_quick() ? 1400000 : 10000000;
   static const std::vector<level_t> all = {
@@ -70,7 +70,7 @@ struct records_t {
 #endif
 };
 
-// Links a level's records into one ring in random order.
+// Links a level's records into one cycle in random order.
 static void link_level(const level_t &level, std::vector<record_t> *records, std::mt19937 *random) {
   std::vector<uint32_t> ids(level.count);
   std::iota(ids.begin(), ids.end(), level.first);
@@ -111,10 +111,10 @@ static std::vector<uint32_t> ids_of(const level_t &level, order_t order) {
   return ids;
 }
 
-// The loop that all rivals share; `find` is what differs.
+// The loop of all candidates, which differ in `find`.
 template <class Find>
-static rival_t rival(const char *name, const std::shared_ptr<const std::vector<uint32_t>> &ids, order_t order,
-                     Find find) {
+static candidate_t candidate(const char *name, const std::shared_ptr<const std::vector<uint32_t>> &ids, order_t order,
+                             Find find) {
   if (order == CHAINED)
     return {name,
             [id = (*ids)[0], find](unsigned) mutable {
@@ -133,7 +133,7 @@ static rival_t rival(const char *name, const std::shared_ptr<const std::vector<u
           {}};
 }
 
-static std::vector<rival_t> make_rivals(const level_t &level, order_t order) {
+static std::vector<candidate_t> make_candidates(const level_t &level, order_t order) {
   const auto ids = std::make_shared<const std::vector<uint32_t>>(ids_of(level, order));
   const records_t &all = records();
   const DynamicArray_t array = all.array;
@@ -145,14 +145,14 @@ static std::vector<rival_t> make_rivals(const level_t &level, order_t order) {
   };
   const auto in_vector = [vector = &all.vector](uint32_t id) { return &(*vector)[id]; };
   const auto in_deque = [deque = &all.deque](uint32_t id) { return &(*deque)[id]; };
-  std::vector<rival_t> rivals = {rival("tslb", ids, order, ours), rival("floor", ids, order, floor),
-                                 rival("std::vector", ids, order, in_vector),
-                                 rival("std::deque", ids, order, in_deque)};
+  std::vector<candidate_t> candidates = {candidate("tslb", ids, order, ours), candidate("floor", ids, order, floor),
+                                         candidate("std::vector", ids, order, in_vector),
+                                         candidate("std::deque", ids, order, in_deque)};
 #ifdef TSLB_BENCH_TBB
-  rivals.push_back(rival("tbb::concurrent_vector", ids, order,
-                         [elements = &all.concurrent_vector](uint32_t id) { return &(*elements)[id]; }));
+  candidates.push_back(candidate("tbb::concurrent_vector", ids, order,
+                                 [elements = &all.concurrent_vector](uint32_t id) { return &(*elements)[id]; }));
 #endif
-  return rivals;
+  return candidates;
 }
 
 static void add_level(const level_t &level) {
@@ -160,7 +160,7 @@ static void add_level(const level_t &level) {
       {SEQUENTIAL, "sequential"}, {RANDOM, "random"}, {CHAINED, "chained"}};
   for (const auto &[order, name] : orders)
     add_case(
-        std::string(level.name) + ", " + name, 1, [&level, order = order] { return make_rivals(level, order); },
+        std::string(level.name) + ", " + name, 1, [&level, order = order] { return make_candidates(level, order); },
         LOOKUPS);
 }
 

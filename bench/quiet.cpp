@@ -1,16 +1,15 @@
-// What do the common paths leave alone?
+// Calls and writes that the common paths do not make.
 //
-// Asked: how many calls of the allocator, which system calls, and which writes to the array and to the
-// library's own data are made by a lookup (every id, from the direct area to level 5), by a chunk within a
-// slot, and by a new id.
+// Measured: the number of calls of the allocator, the system calls, and the writes to the array and to the library's
+// own data, by a lookup (every id, from the direct area to level 5), by a chunk within a slot, and by a new id.
 //
-// How: the allocator's functions are this program's and count their calls. Each piece of work runs in a child
-// process that ends at its first system call, and for the lookup also at its first write: the array and the
-// library's data are read-only there. The rows named control do what is forbidden, and show that the child
-// then ends.
+// Method: this program defines the allocator's functions and counts their calls. Each piece of work runs in a child
+// process that is killed at its first system call. For the lookup the array and the library's data are read-only, so
+// the child also ends at its first write. The rows named control do what is forbidden, and show that the child is then
+// killed.
 //
-// Not asked: time. What a system allocator would ask of the kernel is not seen either: the array's memory
-// comes from a region made beforehand.
+// Not measured: time. System calls of a system allocator are not visible either: the array's memory comes from a region
+// that is allocated before.
 //
 // Run: bench_quiet, with or without --quick. Exits with 1 if a row is not as expected.
 #include <dlfcn.h>
@@ -40,7 +39,7 @@ void *__libc_memalign(size_t alignment, size_t bytes);
 void __libc_free(void *memory);
 }
 
-// While `arena_open`, calloc serves from here: memory of its own, which can be made read-only as a whole.
+// While `arena_open`, calloc allocates from this region, which can be made read-only as a whole.
 constexpr size_t ARENA_BYTES = size_t{64} << 20;
 static char *arena;
 static size_t arena_used;
@@ -98,7 +97,7 @@ static bool protect_memory() {
   return done && mprotect(arena, ARENA_BYTES, PROT_READ) == 0;
 }
 
-// From here on every system call but the last one ends the process.
+// From here on every system call except exit_group ends the process.
 static bool forbid_system_calls() {
   sock_filter program[] = {
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
@@ -111,12 +110,12 @@ static bool forbid_system_calls() {
 }
 
 struct outcome_t {
-  bool ran;  // the child set itself up; else nothing is known
+  bool ran;  // the set-up in the child succeeded; otherwise there is no result
   uint64_t allocator_calls, sum;
-  int signal;  // that ended the child, 0 if it came to its end
+  int signal;  // that ended the child, 0 if it ended normally
 };
 
-static outcome_t *shared;  // with the child
+static outcome_t *shared;  // shared with the child
 
 static outcome_t run_in_child(uint64_t (*work)(), bool read_only, bool no_system_calls) {
   *shared = {};
@@ -137,7 +136,7 @@ static outcome_t run_in_child(uint64_t (*work)(), bool read_only, bool no_system
 // ---- The work
 
 constexpr uint32_t N_DIRECT = 1000;
-constexpr uint32_t N_IDS = N_DIRECT + 0x111100 + 10000;  // beyond the fourth level
+constexpr uint32_t N_IDS = N_DIRECT + 0x111100 + 10000;  // after the fourth level
 constexpr uint32_t N_CHUNKS = 50000;
 constexpr uint32_t N_NEW = 16000;
 static DynamicArray_t array;
@@ -180,7 +179,7 @@ static bool set_up() {
   if (region == MAP_FAILED || page == MAP_FAILED) return false;
   arena = static_cast<char *>(region);
   shared = static_cast<outcome_t *>(page);
-  // By name at run time: named in the source, the linker would move it into this program's own data.
+  // Looked up at run time: a reference in the source would move the variable into this program's data.
   GlobalMemStats_t *const totals = static_cast<GlobalMemStats_t *>(dlsym(RTLD_DEFAULT, "g_mem_st"));
   if (totals == nullptr) return false;
   library_word = &totals->total_mdel;
@@ -193,7 +192,7 @@ static bool set_up() {
   }
   pool = tslb_init_dynmem(1 << 20, 2, 0, MPOOL_TYPE_DRAM_TMP, MPOOL_FLAG_BV, nullptr, 0, 0);
   maddr_t address;
-  // The first chunk takes the slot; those that follow are the common ones.
+  // The first chunk takes the slot. The following ones use the common path.
   return array != nullptr && pool != nullptr && tslb_dynmem_get_mchunk(pool, &address, 16, srcaddr_t{}) != nullptr;
 }
 
@@ -203,12 +202,12 @@ int main() {
     uint64_t (*work)();
     uint64_t operations;
     bool read_only, no_system_calls;
-    int signal;              // expected
-    uint64_t calls_at_most;  // of the allocator
+    int signal;          // expected
+    uint64_t max_calls;  // of the allocator
   } rows[] = {
       {"lookup, every id of 6 depths", look_up_all, N_IDS, true, true, 0, 0},
       {"chunk of 16 bytes within a slot", take_chunks, N_CHUNKS, false, true, 0, 0},
-      // A block for each 16 ids, a table for each 256, and at most one more of each on the way.
+      // One block per 16 ids, one table per 256 ids, and at most one more of each on the path.
       {"new id beyond the direct area", take_ids, N_NEW, false, true, 0, N_NEW / 16 + N_NEW / 256 + 5},
       {"control: one write to the array", write_to_array, 1, true, true, SIGSEGV, 0},
       {"control: one write to the library's data", write_to_library, 1, true, true, SIGSEGV, 0},
@@ -229,7 +228,7 @@ int main() {
       continue;
     }
     if (outcome.signal != row.signal ||
-        (row.signal == 0 && (outcome.sum != row.operations || outcome.allocator_calls > row.calls_at_most))) {
+        (row.signal == 0 && (outcome.sum != row.operations || outcome.allocator_calls > row.max_calls))) {
       fprintf(stderr, "%s: signal %d, %lu of %lu done, %lu allocator calls\n", row.name, outcome.signal,
               static_cast<unsigned long>(outcome.sum), static_cast<unsigned long>(row.operations),
               static_cast<unsigned long>(outcome.allocator_calls));

@@ -17,17 +17,17 @@ using bench_clock = std::chrono::steady_clock;
 static bool quick = false;
 static bool counting = false;
 static bool failed = false;
-static const char *next_title = "";  // of the cases that are being added
+static const char *next_title = "";  // of the cases added next
 static unsigned cases_added;
-static const char *table_title = "";      // of the case that runs
-static std::vector<std::string> columns;  // names of the rivals, the library's left out
+static const char *table_title = "";      // of the running case
+static std::vector<std::string> columns;  // names of the candidates, the library's left out
 
 bool is_quick() {
   return quick;
 }
 
-// Seconds from the first thread's start to the last one's end. With one thread nothing but the caller runs.
-static double time_of(const rival_t &rival, unsigned threads, uint64_t *checksum) {
+// Returns the seconds from the first thread's start to the last thread's end. With one thread only the caller runs.
+static double time_of(const candidate_t &candidate, unsigned threads, uint64_t *checksum) {
   struct part_t {
     bench_clock::time_point start, end;
     uint64_t checksum;
@@ -40,16 +40,16 @@ static double time_of(const rival_t &rival, unsigned threads, uint64_t *checksum
     }
     part_t part;
     part.start = bench_clock::now();
-    part.checksum = rival.run(thread);
+    part.checksum = candidate.run(thread);
     part.end = bench_clock::now();
     parts[thread] = part;
   };
-  if (rival.prepare) rival.prepare();
+  if (candidate.prepare) candidate.prepare();
   std::vector<std::thread> others;
   for (unsigned thread = 1; thread < threads; ++thread) others.emplace_back(work, thread);
   work(0);
   for (std::thread &other : others) other.join();
-  if (rival.verify) *checksum += rival.verify();
+  if (candidate.verify) *checksum += candidate.verify();
 
   bench_clock::time_point first = parts[0].start, last = parts[0].end;
   for (const part_t &part : parts) {
@@ -67,59 +67,60 @@ static double quantile(std::vector<double> values, double share) {
 }
 
 #ifdef TSLB_BENCH_CALLGRIND
-static void count_run(const rival_t &rival, const std::string &label) {
-  if (rival.prepare) rival.prepare();
+static void count_run(const candidate_t &candidate, const std::string &label) {
+  if (candidate.prepare) candidate.prepare();
   CALLGRIND_ZERO_STATS;
-  rival.run(0);
+  candidate.run(0);
   CALLGRIND_DUMP_STATS_AT(label.c_str());
-  if (rival.verify) rival.verify();
+  if (candidate.verify) candidate.verify();
 }
 #else
-static void count_run(const rival_t &, const std::string &) {
+static void count_run(const candidate_t &, const std::string &) {
   fprintf(stderr, "built without valgrind's headers: nothing is counted\n");
   failed = true;
 }
 #endif
 
-// What the first run makes (tables, blocks, the allocator's lists) is not counted. The floor finds the case made anew:
-// what the library's arrays left with the allocator would cost it, or spare it, instructions.
-static void count_case(const std::string &row, const std::function<std::vector<rival_t>()> &make, uint64_t operations) {
-  const auto count = [&](const rival_t &rival) {
+// Allocations of the first run (tables, blocks, the allocator's lists) are not counted. The floor gets a new case:
+// memory that the library's arrays left in the allocator would change its instructions.
+static void count_case(const std::string &row, const std::function<std::vector<candidate_t>()> &make,
+                       uint64_t operations) {
+  const auto count = [&](const candidate_t &candidate) {
     uint64_t ignored = 0;
-    time_of(rival, 1, &ignored);
-    count_run(rival, row + "|" + rival.name + "|" + std::to_string(operations));
+    time_of(candidate, 1, &ignored);
+    count_run(candidate, row + "|" + candidate.name + "|" + std::to_string(operations));
   };
   count(make().front());
-  for (const rival_t &rival : make())
-    if (strcmp(rival.name, "floor") == 0) count(rival);
+  for (const candidate_t &candidate : make())
+    if (strcmp(candidate.name, "floor") == 0) count(candidate);
 }
 
-static void measure(benchmark::State &state, unsigned threads, const std::vector<rival_t> &rivals,
+static void measure(benchmark::State &state, unsigned threads, const std::vector<candidate_t> &candidates,
                     uint64_t operations) {
   columns.clear();
   std::vector<double> own_seconds;
-  for (size_t i = 1; i < rivals.size(); ++i) columns.push_back(rivals[i].name);
-  std::vector<std::vector<double>> ratios(rivals.size());
-  std::vector<uint64_t> checksums(rivals.size());
+  for (size_t i = 1; i < candidates.size(); ++i) columns.push_back(candidates[i].name);
+  std::vector<std::vector<double>> ratios(candidates.size());
+  std::vector<uint64_t> checksums(candidates.size());
   size_t round = 0;
-  // A first run of each fills caches, tables and the allocator's lists; it is not counted.
-  for (size_t i = 0; i < rivals.size(); ++i) time_of(rivals[i], threads, &checksums[i]);
+  // The first run of each candidate fills caches, tables and the allocator's lists. It is not counted.
+  for (size_t i = 0; i < candidates.size(); ++i) time_of(candidates[i], threads, &checksums[i]);
   for (auto _ : state) {
-    std::vector<double> seconds(rivals.size());
-    for (size_t turn = 0; turn < rivals.size(); ++turn) {
-      // Every other round backward: what a rival leaves in the caches serves both its neighbours.
-      const size_t i = round % 2 == 0 ? turn : rivals.size() - 1 - turn;
-      seconds[i] = time_of(rivals[i], threads, &checksums[i]);
+    std::vector<double> seconds(candidates.size());
+    for (size_t turn = 0; turn < candidates.size(); ++turn) {
+      // Every other round runs in reverse order, so that the caches a candidate leaves serve both its neighbours.
+      const size_t i = round % 2 == 0 ? turn : candidates.size() - 1 - turn;
+      seconds[i] = time_of(candidates[i], threads, &checksums[i]);
     }
-    for (size_t i = 1; i < rivals.size(); ++i) ratios[i].push_back(seconds[0] / seconds[i]);
+    for (size_t i = 1; i < candidates.size(); ++i) ratios[i].push_back(seconds[0] / seconds[i]);
     own_seconds.push_back(seconds[0]);
     state.SetIterationTime(seconds[0]);
     ++round;
   }
   state.counters["ns"] = quantile(own_seconds, 0.5) * 1e9 / static_cast<double>(operations);
-  for (size_t i = 1; i < rivals.size(); ++i) {
-    if (checksums[i] != checksums[0]) state.SkipWithError("the rivals did not do the same work");
-    const std::string name = rivals[i].name;
+  for (size_t i = 1; i < candidates.size(); ++i) {
+    if (checksums[i] != checksums[0]) state.SkipWithError("the candidates did not do the same work");
+    const std::string name = candidates[i].name;
     state.counters[name] = quantile(ratios[i], 0.5);
     state.counters[name + " spread"] = (quantile(ratios[i], 0.75) - quantile(ratios[i], 0.25)) / 2;
   }
@@ -132,7 +133,7 @@ void begin_table(const char *title) {
   next_title = title;
 }
 
-void add_case(const std::string &name, unsigned threads, std::function<std::vector<rival_t>()> make,
+void add_case(const std::string &name, unsigned threads, std::function<std::vector<candidate_t>()> make,
               uint64_t operations) {
   if (counting && threads != 1) return;
   ++cases_added;
@@ -148,7 +149,7 @@ void add_case(const std::string &name, unsigned threads, std::function<std::vect
       ->UseManualTime();
 }
 
-// A row per case, the median with half the distance between the quartiles.
+// Prints one row per case: the median with half the interquartile range.
 class markdown_t : public benchmark::BenchmarkReporter {
  public:
   bool ReportContext(const Context &) override { return true; }
@@ -185,7 +186,7 @@ class markdown_t : public benchmark::BenchmarkReporter {
   std::string printed_title_;
 };
 
-// Removes a flag of our own from the command line and says whether it was there.
+// Removes one of this program's own flags from the command line. Returns whether it was there.
 static bool take_flag(int *argc, char **argv, const char *flag) {
   char **const end = argv + *argc;
   char **const kept = std::remove_if(argv + 1, end, [flag](const char *arg) { return strcmp(arg, flag) == 0; });

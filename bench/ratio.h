@@ -1,8 +1,7 @@
-// How a question about cost is measured: the library's way of doing a piece of work and its rivals' ways, one
-// after the other, round after round, on the same threads. A noisy moment hits all of them. The result of a
-// rival is the median over the rounds of the library's time divided by the rival's: 1.00 is a draw, above it
-// the library is slower. Google Benchmark runs and filters the cases (--benchmark_filter=REGEX); the table is
-// Markdown.
+// Measures cost ratios. The library and the other candidates do the same work, one after the other, round after round,
+// on the same threads, so that noise affects all of them. The result of a candidate is the median over the rounds of
+// the library's time divided by the candidate's time: 1.00 means equal, above 1.00 the library is slower. Google
+// Benchmark runs and filters the cases (--benchmark_filter=REGEX); the table is Markdown.
 #ifndef TSLB_BENCH_RATIO_H
 #define TSLB_BENCH_RATIO_H
 
@@ -13,36 +12,38 @@
 #include <vector>
 
 // A column of the table.
-struct rival_t {
+struct candidate_t {
   const char *name;
-  // The work, timed; called on every thread at once. Returns a checksum, which all rivals of a case agree on.
+  // The timed work, called on all threads at once. Returns a checksum, which must be equal for all candidates of a
+  // case.
   std::function<uint64_t(unsigned thread)> run;
-  // Ahead of each run, untimed. May be empty.
+  // Called before each run, untimed. May be empty.
   std::function<void()> prepare;
-  // Behind each run, untimed: looks at what the run left, and its result joins the checksum. May be empty.
+  // Called after each run, untimed: checks the results and returns a number that is added to the checksum. May be
+  // empty.
   std::function<uint64_t()> verify = {};
 };
 
 constexpr unsigned ROUNDS = 61;
 
-// True if the program was called with --quick: 3 rounds, to see that everything runs and agrees.
+// True if the program was called with --quick: 3 rounds, to check that everything runs and agrees.
 bool is_quick();
 
-// With --count nothing is timed. Under callgrind the library and the floor of each case with one thread run once more
-// after a first run, and the instructions of that run go to a dump of their own, whose description names the row:
-// table|case|rival|operations. scripts/instructions reads them.
+// With --count nothing is timed. Under callgrind the library and the floor of each case with one thread run twice, and
+// the instructions of the second run go to a dump of their own. Its description names the row:
+// table|case|candidate|operations. scripts/instructions reads the dumps.
 
-// Cases added from here on stand in a table of their own.
+// Starts a new table for the cases added after this call.
 void begin_table(const char *title);
 
-// A row of the table. `make` is called when the row's turn comes, and what it returns is released behind it.
-// The library comes first; the rivals' names are those of every other case of the table. `operations` make up a
-// run on all threads together: the library's median time for one is a column.
-void add_case(const std::string &name, unsigned threads, std::function<std::vector<rival_t>()> make,
+// Adds a row to the table. `make` is called before the row runs, and its result is destroyed after it. The library
+// comes first. The names of the candidates are the same in all cases of a table. `operations` is the number of
+// operations of a run on all threads together; a column shows the library's median time for one.
+void add_case(const std::string &name, unsigned threads, std::function<std::vector<candidate_t>()> make,
               uint64_t operations);
 
-// Runs the cases and prints the tables, of which the first has this title. The result is main's: not 0 if
-// checksums differ, or if a filter left nothing. `add_cases` may add none, when it has said why.
+// Runs the cases and prints the tables. The first one has this title. Returns main's result: not 0 if checksums differ,
+// or if a filter left no case. `add_cases` may add none after printing the reason.
 int run_cases(int argc, char **argv, const char *title, void (*add_cases)());
 
 #endif

@@ -13,7 +13,7 @@
 
 constexpr char TMPFS[] = "/dev/shm";
 
-// Whether there is a tmpfs with so much room; false after a line on stderr.
+// Returns whether there is a tmpfs with `bytes` free; false after a line on stderr.
 static bool has_room(uint64_t bytes) {
   struct statfs found;
   if (statfs(TMPFS, &found) != 0 || found.f_type != TMPFS_MAGIC) {
@@ -25,8 +25,8 @@ static bool has_room(uint64_t bytes) {
   return false;
 }
 
-// The directory is removed by a child that waits for this process to end, however it ends: a pipe says so, whose other
-// end nobody else holds.
+// A child removes the directory when this process ends for any reason. It waits at a pipe whose other end no other
+// process has.
 struct scratch_t {
   std::string path;
   int pipe_end = -1;
@@ -42,7 +42,7 @@ struct scratch_t {
     }
     remover = fork();
     if (remover == 0) {
-      setsid();  // out of reach of what a terminal or a timeout sends to the whole group
+      setsid();  // signals to the process group do not reach the child
       close(ends[1]);
       char ignored_byte;
       std::error_code ignored;

@@ -1,4 +1,4 @@
-// Room for files that are gone when the program ends.
+// Space for temporary files.
 #ifndef TSLB_BENCH_SCRATCH_H
 #define TSLB_BENCH_SCRATCH_H
 
@@ -6,9 +6,9 @@
 
 #include <string>
 
-// A directory of this process on a tmpfs with `bytes` to spare, the same at every call; removed with all that is in it
-// when the program ends, however it does. Empty after a line on stderr if there is none, and then there is nothing to
-// measure. The first call is made before there are threads.
+// Returns a directory of this process on a tmpfs with `bytes` free, the same at every call. It is removed with its
+// contents when the program ends for any reason. Empty after a line on stderr if there is none; then nothing can be
+// measured. The first call is made before any thread starts.
 const std::string &scratch_dir(uint64_t bytes);
 
 #endif

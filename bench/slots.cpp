@@ -1,19 +1,18 @@
-// What does it cost to take a slot and to free it again?
+// Cost of taking and freeing a slot.
 //
-// Asked: tslb_da_get_newptr and tslb_da_free_idx on slot arrays with a free list (LL) and with an inactive list too
+// Measured: tslb_da_get_newptr and tslb_da_free_idx on slot arrays with a free list (LL) and also with an inactive list
 // (INLL), records of 100 bytes and of 1 KiB, with 1 and 2 threads. A thread takes 64 slots, writes a word to each,
-// reads it back, and frees them in the order of their taking; 512 are free at the start, so the list is never empty.
-// Against the floor (floor.h: the clock, the lock taken and given back twice through the host's cas16, the words of
-// list and nodes, the clearing of the payload, in an array of the same kind), and against malloc, mimalloc and
-// jemalloc, the standard library's synchronized_pool_resource, and two free lists of as many slots: Boost's lock-free
-// stack, and a std::vector behind a std::mutex. The peers keep no time and no status, clear nothing, and give back
-// first what was freed last.
+// reads it back, and frees the slots in the same order. 512 slots are free at the start, so the list is never empty.
+// Compared with the floor (floor.h: the clock, two locks and unlocks through the host's cas16, the words of list and
+// nodes, clearing the payload, in an array of the same kind), with malloc, mimalloc and jemalloc, with the standard
+// library's synchronized_pool_resource, and with two free lists of as many slots: Boost's lock-free stack, and a
+// std::vector with a std::mutex. The peers keep no time and no status, clear nothing, and return the slot freed last.
 //
-// And with a reuse policy: the slots are on the inactive list, are taken from there (the free list is empty, and any
-// age and share will do) and inactivated again. While the free list has a slot, the policy is not asked at all.
+// Also with a reuse policy: the slots are on the inactive list, are taken from it (the free list is empty, and any age
+// and share suffice) and inactivated again. While the free list has a slot, the policy is not evaluated.
 //
-// Not asked: redo records (the arrays are of MPOOL_TYPE_DRAM_TMP, which is never logged); fresh ids, which bench_ids
-// measures; the way to slots beyond the direct area, which bench_lookup measures.
+// Not measured: redo records (the arrays are of MPOOL_TYPE_DRAM_TMP, which is never logged); new ids, which bench_ids
+// measures; lookups of slots after the direct area, which bench_lookup measures.
 //
 // Run: bench_slots [--quick] [--benchmark_filter=REGEX]
 #include <stdlib.h>
@@ -40,25 +39,25 @@ constexpr uint32_t BATCHES_PER_THREAD = 128;
 constexpr unsigned MAX_THREADS = 2;
 static_assert(MAX_THREADS * BATCH < N_SLOTS, "the free list is never empty");
 
-// A slot in a thread's hands.
-struct held_t {
+// A slot that a thread owns.
+struct slot_t {
   void *payload;
-  uint32_t idx;  // the peers have none
+  uint32_t idx;  // not used by the peers
 };
 
-// What all rivals do. The sum is wrong if two threads were given one slot.
+// The work of all candidates. The sum is wrong if two threads received the same slot.
 template <class Take, class Free>
 static uint64_t take_and_free(unsigned thread, Take take, Free free_one) {
   uint64_t sum = 0;
-  std::array<held_t, BATCH> held;
+  std::array<slot_t, BATCH> held;
   for (uint32_t batch = 0; batch < BATCHES_PER_THREAD; ++batch) {
     uint32_t mark = thread * BATCHES_PER_THREAD * BATCH + batch * BATCH;
-    for (held_t &slot : held) {
+    for (slot_t &slot : held) {
       slot = take();
       static_cast<volatile uint32_t *>(slot.payload)[1] = mark++;
     }
-    for (const held_t &slot : held) sum += static_cast<volatile uint32_t *>(slot.payload)[1];
-    for (const held_t &slot : held) free_one(slot);
+    for (const slot_t &slot : held) sum += static_cast<volatile uint32_t *>(slot.payload)[1];
+    for (const slot_t &slot : held) free_one(slot);
   }
   return sum;
 }
@@ -73,10 +72,10 @@ static int floor_inactivate(dynarr_t *array, uint32_t idx) {
 struct kind_t {
   const char *name;
   uint8_t daflag;
-  bool by_policy;  // slots go to the inactive list, and its policy gives them back
+  bool by_policy;  // slots go to the inactive list and are reused by policy
 };
 
-// An array whose slots are all on the list that they are taken from.
+// Creates an array whose slots are all on the list from which they are taken.
 static std::shared_ptr<dynarr_t> make_array(int record_size, const kind_t &kind) {
   dynarr_t *const array = tslb_da_init_ll(record_size, N_SLOTS, MPOOL_TYPE_DRAM_TMP, nullptr, 0, kind.daflag);
   uint32_t idx;
@@ -90,49 +89,49 @@ static std::shared_ptr<dynarr_t> make_array(int record_size, const kind_t &kind)
   return {array, destroy_dyn_arr};
 }
 
-static rival_t array_rival(const char *name, std::shared_ptr<dynarr_t> array, decltype(&tslb_da_get_newptr) take,
-                           decltype(&tslb_da_free_idx) give) {
+static candidate_t array_candidate(const char *name, std::shared_ptr<dynarr_t> array,
+                                   decltype(&tslb_da_get_newptr) take, decltype(&tslb_da_free_idx) give) {
   return {name,
           [array = std::move(array), take, give](unsigned thread) {
             return take_and_free(
                 thread,
                 [&] {
-                  held_t slot;
+                  slot_t slot;
                   slot.payload = take(array.get(), &slot.idx);
                   return slot;
                 },
-                [&](const held_t &slot) { give(array.get(), slot.idx); });
+                [&](const slot_t &slot) { give(array.get(), slot.idx); });
           },
           {}};
 }
 
-static rival_t allocator_peer(const allocator_t &allocator, size_t record_size) {
+static candidate_t allocator_peer(const allocator_t &allocator, size_t record_size) {
   return {allocator.name,
           [allocator, record_size](unsigned thread) {
             return take_and_free(
                 thread,
                 [&] {
-                  return held_t{allocator.take(record_size), 0};
+                  return slot_t{allocator.take(record_size), 0};
                 },
-                [&](const held_t &slot) { allocator.give(slot.payload); });
+                [&](const slot_t &slot) { allocator.give(slot.payload); });
           },
           {}};
 }
 
-static rival_t pool_resource(size_t record_size) {
+static candidate_t pool_resource(size_t record_size) {
   return {"pool_resource",
           [record_size, pool = std::make_shared<std::pmr::synchronized_pool_resource>()](unsigned thread) {
             return take_and_free(
                 thread,
                 [&] {
-                  return held_t{pool->allocate(record_size), 0};
+                  return slot_t{pool->allocate(record_size), 0};
                 },
-                [&](const held_t &slot) { pool->deallocate(slot.payload, record_size); });
+                [&](const slot_t &slot) { pool->deallocate(slot.payload, record_size); });
           },
           {}};
 }
 
-static rival_t locked_vector(size_t record_size) {
+static candidate_t locked_vector(size_t record_size) {
   struct shared_t {
     std::mutex mutex;
     std::vector<char> memory;
@@ -150,9 +149,9 @@ static rival_t locked_vector(size_t record_size) {
                   const std::lock_guard<std::mutex> guard(shared->mutex);
                   void *const payload = shared->free_list.back();
                   shared->free_list.pop_back();
-                  return held_t{payload, 0};
+                  return slot_t{payload, 0};
                 },
-                [&](const held_t &slot) {
+                [&](const slot_t &slot) {
                   const std::lock_guard<std::mutex> guard(shared->mutex);
                   shared->free_list.push_back(slot.payload);
                 });
@@ -161,7 +160,7 @@ static rival_t locked_vector(size_t record_size) {
 }
 
 #ifdef TSLB_BENCH_BOOST
-static rival_t lockfree_stack(size_t record_size) {
+static candidate_t lockfree_stack(size_t record_size) {
   struct shared_t {
     boost::lockfree::stack<void *, boost::lockfree::capacity<N_SLOTS>> free_list;
     std::vector<char> memory;
@@ -175,30 +174,30 @@ static rival_t lockfree_stack(size_t record_size) {
             return take_and_free(
                 thread,
                 [&] {
-                  held_t slot = {nullptr, 0};
+                  slot_t slot = {nullptr, 0};
                   if (!shared->free_list.pop(slot.payload)) abort();
                   return slot;
                 },
-                [&](const held_t &slot) { shared->free_list.push(slot.payload); });
+                [&](const slot_t &slot) { shared->free_list.push(slot.payload); });
           },
           {}};
 }
 #endif
 
-static std::vector<rival_t> make_rivals(int record_size, const kind_t &kind) {
+static std::vector<candidate_t> make_candidates(int record_size, const kind_t &kind) {
   const size_t bytes = static_cast<size_t>(record_size);
-  std::vector<rival_t> rivals = {
-      array_rival("tslb", make_array(record_size, kind), tslb_da_get_newptr,
-                  kind.by_policy ? inactivate : tslb_da_free_idx),
-      array_rival("floor", make_array(record_size, kind), kind.by_policy ? floor_reuse_slot : floor_take_slot,
-                  kind.by_policy ? floor_inactivate : floor_free_slot)};
-  for (const allocator_t &allocator : allocators()) rivals.push_back(allocator_peer(allocator, bytes));
-  rivals.push_back(pool_resource(bytes));
-  rivals.push_back(locked_vector(bytes));
+  std::vector<candidate_t> candidates = {
+      array_candidate("tslb", make_array(record_size, kind), tslb_da_get_newptr,
+                      kind.by_policy ? inactivate : tslb_da_free_idx),
+      array_candidate("floor", make_array(record_size, kind), kind.by_policy ? floor_reuse_slot : floor_take_slot,
+                      kind.by_policy ? floor_inactivate : floor_free_slot)};
+  for (const allocator_t &allocator : allocators()) candidates.push_back(allocator_peer(allocator, bytes));
+  candidates.push_back(pool_resource(bytes));
+  candidates.push_back(locked_vector(bytes));
 #ifdef TSLB_BENCH_BOOST
-  rivals.push_back(lockfree_stack(bytes));
+  candidates.push_back(lockfree_stack(bytes));
 #endif
-  return rivals;
+  return candidates;
 }
 
 static void add_cases() {
@@ -209,7 +208,7 @@ static void add_cases() {
         add_case(
             std::string(kind.name) + ", " + (record_size == 100 ? "100 bytes, " : "1 KiB, ") +
                 (threads == 1 ? "1 thread" : "2 threads"),
-            threads, [record_size, kind] { return make_rivals(record_size, kind); },
+            threads, [record_size, kind] { return make_candidates(record_size, kind); },
             uint64_t{threads} * BATCHES_PER_THREAD * BATCH);
 }
 

@@ -1,11 +1,11 @@
-// What does it cost to write a whole array to a file?
+// Cost of writing a whole array to a file.
 //
-// Asked, on a tmpfs: tslb_create_dump_for_dynarr of 256 MiB in data blocks of 1.6 KiB, 16 KiB and 1 MiB (records of 100
-// bytes, 1 KiB and 64 KiB), and in one direct area, to an empty file and over an old one; per MiB. Against one write of
-// the same bytes, and against writes of a block each, both from one buffer; and against mdb_env_copyfd of an LMDB
+// Measured, on a tmpfs: tslb_create_dump_for_dynarr of 256 MiB in data blocks of 1.6 KiB, 16 KiB and 1 MiB (records of
+// 100 bytes, 1 KiB and 64 KiB), and in one direct area, to an empty file and over an old one; per MiB. Compared with
+// one write of the same bytes, with one write per block, both from one buffer, and with mdb_env_copyfd of an LMDB
 // environment with the same records, whose pages are more bytes.
 //
-// Not asked: a disk.
+// Not measured: a disk.
 //
 // Run: bench_snapshot [--quick] [--benchmark_filter=REGEX]
 #include <fcntl.h>
@@ -31,14 +31,14 @@ constexpr uint64_t MIB = uint64_t{1} << 20;
 static uint64_t snapshot_bytes() {
   return (is_quick() ? 8 : 256) * MIB;
 }
-// Room for two files of that size, and for an environment of twice as much.
+// Space for two files of that size, and for an environment of twice as much.
 static const std::string &dir() {
   return scratch_dir(5 * snapshot_bytes());
 }
 
 using array_t = std::shared_ptr<DynArrHandle_t>;
 
-// The file that the rivals of all rows write, one after the other. It has no name any more.
+// The file that the candidates of all rows write, one after the other. It is already unlinked.
 static int snapshot_file() {
   static const int fd = [] {
     const std::string path = dir() + "/snapshot";
@@ -49,7 +49,7 @@ static int snapshot_file() {
   return fd;
 }
 
-// The file's size, and words from all over it.
+// Sums the file's size and sampled words.
 static uint64_t sum_of_file() {
   const int fd = snapshot_file();
   const uint64_t bytes = static_cast<uint64_t>(lseek(fd, 0, SEEK_END));
@@ -72,7 +72,7 @@ static bool write_all(int fd, const char *bytes, size_t count) {
   return true;
 }
 
-// An array of `snapshot_bytes` in which every word of every record is another.
+// Creates an array of `snapshot_bytes` in which all words of the records differ.
 static array_t make_full_array(uint32_t record_size, uint32_t n_direct) {
   const array_t array(
       get_default_dyn_array(static_cast<int>(record_size), static_cast<int>(n_direct), MPOOL_TYPE_DRAM_TMP),
@@ -104,9 +104,9 @@ static std::vector<char> stream_of(const array_t &array) {
   return stream;
 }
 
-// `write_stream` says whether it wrote all.
+// `write_stream` returns whether it wrote everything.
 template <class WriteStream>
-static rival_t snapshot_rival(const char *name, bool over_old, WriteStream write_stream) {
+static candidate_t snapshot_candidate(const char *name, bool over_old, WriteStream write_stream) {
   return {name, [write_stream](unsigned) { return uint64_t{!write_stream(snapshot_file())}; },
           [over_old] {
             const int fd = snapshot_file();
@@ -116,8 +116,8 @@ static rival_t snapshot_rival(const char *name, bool over_old, WriteStream write
 }
 
 #ifdef TSLB_BENCH_LMDB
-// The environment's copy goes to a file of its own. It holds what it should if it is as long as the records.
-static rival_t environment_copy(const array_t &array, uint32_t record_size, bool over_old, uint64_t expected) {
+// The environment's copy goes to its own file. It is complete if it is at least as long as the records.
+static candidate_t environment_copy(const array_t &array, uint32_t record_size, bool over_old, uint64_t expected) {
   const std::string path = dir() + "/environment";
   const auto env = std::make_shared<environment_t>(path, 2 * snapshot_bytes());
   const std::shared_ptr<int> file(new int(open((path + ".copy").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)),
@@ -139,7 +139,7 @@ static rival_t environment_copy(const array_t &array, uint32_t record_size, bool
 }
 #endif
 
-static std::vector<rival_t> make_snapshots(uint32_t record_size, bool direct, bool over_old) {
+static std::vector<candidate_t> make_snapshots(uint32_t record_size, bool direct, bool over_old) {
   const uint32_t n_direct = direct ? static_cast<uint32_t>(snapshot_bytes() / record_size) : 0;
   const array_t array = make_full_array(record_size, n_direct);
   const auto stream = std::make_shared<std::vector<char>>(stream_of(array));
@@ -156,13 +156,13 @@ static std::vector<rival_t> make_snapshots(uint32_t record_size, bool direct, bo
       if (!write_all(fd, stream->data() + done, std::min(block_bytes, stream->size() - done))) return false;
     return true;
   };
-  std::vector<rival_t> rivals = {snapshot_rival("tslb", over_old, dump),
-                                 snapshot_rival("one write", over_old, one_write),
-                                 snapshot_rival("a write per block", over_old, block_writes)};
+  std::vector<candidate_t> candidates = {snapshot_candidate("tslb", over_old, dump),
+                                         snapshot_candidate("one write", over_old, one_write),
+                                         snapshot_candidate("a write per block", over_old, block_writes)};
 #ifdef TSLB_BENCH_LMDB
-  rivals.push_back(environment_copy(array, record_size, over_old, expected));
+  candidates.push_back(environment_copy(array, record_size, over_old, expected));
 #endif
-  return rivals;
+  return candidates;
 }
 
 static void add_cases() {

@@ -1,5 +1,5 @@
-# The public headers: what is installed, what the umbrella header includes, and what the tests compile by itself. Every
-# other header is private.
+# The public headers. They are installed, included by the umbrella header, and compiled one by one by the tests. All
+# other headers are private.
 set(TSLB_PUBLIC_HEADERS
   catalog/src/mvt.h
   catalog/src/tsdb_multi_thread_trace_log.h
@@ -19,7 +19,8 @@ set(TSLB_PUBLIC_HEADERS
   utils/dynmem/src/tslb_dynmem.h
   utils/redo/src/tslb_rd_api.h
   utils/stored/src/tslb_stored.h)
-# These belong to libtslb_host.a. The umbrella header leaves them out: not every program that includes it links that.
+# The headers of libtslb_host.a. The umbrella header does not include them: programs that include it may not link this
+# archive.
 set(TSLB_HOST_PUBLIC_HEADERS
   recovery/array_check.h
   recovery/array_loader.h
@@ -45,7 +46,7 @@ foreach(header IN LISTS TSLB_PUBLIC_HEADERS)
 endforeach()
 set(umbrella ${TSLB_HEADER_FOLDER}/tslb.h)
 file(CONFIGURE OUTPUT ${umbrella} @ONLY CONTENT
-"/* All public headers of libtslb, for C11 and C++17 on. Those of libtslb_host.a are included by name, as in
+"/* All public headers of libtslb, for C11, and for C++17 and later. Headers of libtslb_host.a are included by name, such as
  * <tslb/array_loader.h>. */
 #ifndef TSLB_H
 #define TSLB_H

@@ -1,5 +1,5 @@
-# What `cmake --install` gives: library, host stand-in, headers, documents, how CMake and pkg-config find them, and what
-# gdb shows of arrays. No installed file holds the prefix, so the whole can be moved.
+# The files of `cmake --install`: library, host stand-in, headers, documents, files for CMake and pkg-config, and the
+# gdb scripts. No installed file contains the prefix, so the installation can be moved.
 include(CMakePackageConfigHelpers)
 set(TSLB_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/tslb)
 set(TSLB_PKGCONFIG_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
@@ -22,12 +22,12 @@ install(EXPORT tslb-targets NAMESPACE tslb:: DESTINATION ${TSLB_CMAKE_DIR} COMPO
 set(generated ${PROJECT_BINARY_DIR}/install)
 configure_package_config_file(cmake/tslb-config.cmake.in ${generated}/tslb-config.cmake
   INSTALL_DESTINATION ${TSLB_CMAKE_DIR} NO_SET_AND_CHECK_MACRO)
-# Before 1.0 a minor version may break what the one before it promised.
+# Before 1.0 a minor version may break compatibility.
 write_basic_package_version_file(${generated}/tslb-config-version.cmake COMPATIBILITY SameMinorVersion)
 install(FILES ${generated}/tslb-config.cmake ${generated}/tslb-config-version.cmake
   DESTINATION ${TSLB_CMAKE_DIR} COMPONENT dev)
 
-# From the .pc file's folder to the prefix. The root stands in for it: only the way back matters.
+# The relative path from the .pc file's folder to the prefix, computed with the root as the prefix.
 file(RELATIVE_PATH TSLB_PREFIX_FROM_PC /${TSLB_PKGCONFIG_DIR} /)
 string(REGEX REPLACE "/$" "" TSLB_PREFIX_FROM_PC "${TSLB_PREFIX_FROM_PC}")
 list(JOIN TSLB_HOST_LINK_OPTIONS " " TSLB_HOST_PC_OPTIONS)
@@ -36,8 +36,8 @@ foreach(name IN ITEMS tslb tslb-host)
   install(FILES ${generated}/${name}.pc DESTINATION ${TSLB_PKGCONFIG_DIR} COMPONENT dev)
 endforeach()
 
-# What somebody reads who builds on it, and the smallest host. Below /usr they lie where Debian has the documents of a
-# package.
+# Documents for developers of hosts, and the smallest host. For the prefix /usr they are in Debian's folder for
+# documents of a package.
 include(cmake/readme_host.cmake)
 set(doc_dir ${CMAKE_INSTALL_DATADIR}/doc/tslb)
 if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
@@ -47,8 +47,8 @@ install(FILES docs/architecture.md docs/hosting.md docs/formats.md docs/debuggin
   DESTINATION ${doc_dir} COMPONENT dev)
 install(FILES ${TSLB_README_HOST} DESTINATION ${doc_dir}/examples COMPONENT dev)
 
-# gdb reads a script named for a library with it: from below its own share/gdb/auto-load, which it trusts, and from the
-# library's folder. Only a library below /usr is sure to have the first.
+# gdb reads a script with a library's name together with that library: from its own share/gdb/auto-load, which it
+# trusts, and from the library's folder. Only for a library below /usr is the first folder certain to exist.
 set(gdb_modules ${CMAKE_INSTALL_DATADIR}/tslb/gdb)
 set(gdb_loader_dir ${CMAKE_INSTALL_LIBDIR})
 if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
@@ -60,7 +60,7 @@ configure_file(tools/gdb/tslb-gdb.py.in ${gdb_loader} @ONLY)
 install(FILES ${gdb_loader} DESTINATION ${gdb_loader_dir} COMPONENT runtime)
 install(DIRECTORY tools/gdb/tslb_gdb DESTINATION ${gdb_modules} COMPONENT runtime FILES_MATCHING PATTERN "*.py")
 
-# Its constants of the stored formats, from the header that has them.
+# The constants of the stored formats for the gdb scripts, generated from their header.
 set(stored_header ${PROJECT_SOURCE_DIR}/utils/stored/src/tslb_stored.h)
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${stored_header})
 file(STRINGS ${stored_header} numbers REGEX "^#define [A-Z_0-9]+ +(0x)?[0-9A-Fa-f]+u?( |$)")

@@ -1,4 +1,4 @@
-# The host that the README shows, as a source: the tests run it, and it is installed as an example.
+# Extracts the README's host as a source file: the tests run it, and it is installed as an example.
 include_guard(GLOBAL)
 file(READ ${PROJECT_SOURCE_DIR}/README.md readme)
 string(REGEX MATCH "```c\n([^`]*)```" ignored "${readme}")

@@ -1,6 +1,6 @@
-// Any bytes as block files: refused with a line, or an array that can be used. The input is the files back to back. It
-// is cut where its own headers say, so that most changes reach what lies behind the comparison of sizes; what is
-// left over ends in a file that is too short.
+// Loads any bytes as block files. They must be refused with an error text or give a usable array. The input is the
+// concatenated files. It is split according to its own headers, so that most changes reach the code after the
+// comparison of sizes. Remaining bytes go to a file that is too short.
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -46,8 +46,8 @@ static void write_file(unsigned block_num, const uint8_t *data, size_t size) {
   close(fd);
 }
 
-// Sizes of block 0 and of a data block, and where used slots of block 0 end; block 0 is all of the input if its
-// headers are beyond belief.
+// Sizes of block 0 and of a data block, and the end of the used slots in block 0. If the headers are implausible, block
+// 0 is the whole input.
 struct sizes_t {
   size_t headers, slot, block0;
 };
@@ -81,11 +81,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const array_load_options_t options = options_for(data, size);
   char error[512];
   const DynamicArray_t array = array_load_block_files(folder.c_str(), &options, error, sizeof(error));
-  expect_told(array, error);
+  expect_error_text(array, error);
   for (unsigned block_num = 0; block_num < n_files; ++block_num) unlink(file_of(block_num).c_str());
   if (array == nullptr) return 0;
 
-  // The flat image ends with the used slots of block 0, where the file goes on with unused ones.
+  // In the flat image the used slots of block 0 are followed by data blocks, in the file by unused slots.
   const size_t used_in_block0 = sizes.headers + sizes.slot * std::min(tslb_da_get_size(array), array->n_direct);
   exercise(array, options.kind, data, tslb_da_get_size(array) > array->n_direct ? size : used_in_block0);
   return 0;

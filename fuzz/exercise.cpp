@@ -13,7 +13,7 @@
 #include <tslb/tslb_dynmem.h>
 #include <tslb/tslb_settings.h>
 
-static volatile uint8_t seen;  // so that no read is dropped
+static volatile uint8_t seen;  // so that no read is optimized away
 
 static void need(bool holds, const char *what) {
   if (holds) return;
@@ -28,8 +28,8 @@ array_load_options_t options_for(const uint8_t *data, size_t size) {
   return {"fuzz", 7, mem_type, kinds[(choice >> 5) & 3], 1 << 20, ARRAY_LOAD_ANY_VERSION, ARRAY_LOAD_ANY_SIZE};
 }
 
-void expect_told(DynamicArray_t array, const char *error) {
-  need((array != nullptr) == (error[0] == '\0'), "an error text with every refusal, and with nothing else");
+void expect_error_text(DynamicArray_t array, const char *error) {
+  need((array != nullptr) == (error[0] == '\0'), "an error text with every refusal and only then");
 }
 
 // ---- Reading -------------------------------------------------------------------------------------------------------
@@ -45,7 +45,8 @@ static void read_all_slots(DynamicArray_t array) {
   seen = static_cast<uint8_t>(strlen(tslb_print_poolhdr(array)) + strlen(tslb_dynarr_lli_string(array, text)));
 }
 
-// The stream of what was loaded is what was loaded: all of it but n_alloc, and as far as the image goes.
+// Stores the loaded array and compares the stream with the input: everything except n_alloc, up to the end of the
+// image.
 static void compare_with_image(DynamicArray_t array, const uint8_t *image, size_t size) {
   const int fd = memfd_create("stream", MFD_CLOEXEC);
   size_t total = 0;
@@ -55,9 +56,9 @@ static void compare_with_image(DynamicArray_t array, const uint8_t *image, size_
   close(fd);
   const size_t n_alloc_at = static_cast<size_t>(tslb_dynmem_get_hdrsz(array)) - sizeof(DynArrHdr_t);
   const size_t common = std::min(size, total);
-  need(memcmp(stream.data(), image, n_alloc_at) == 0, "headers as they were");
+  need(memcmp(stream.data(), image, n_alloc_at) == 0, "headers are unchanged");
   need(memcmp(stream.data() + n_alloc_at + 4, image + n_alloc_at + 4, common - n_alloc_at - 4) == 0,
-       "counts and slots as they were");
+       "counts and slots are unchanged");
 }
 
 // ---- Use -----------------------------------------------------------------------------------------------------------
@@ -73,24 +74,24 @@ static void use_slots(DynamicArray_t array) {
   }
   if (array->daflag == 0) return;
   if ((array->daflag & TSLB_DA_DAFLAG_INLL) != 0) {
-    need(tslb_da_inactivate_idx(array, taken[0], 5) == 0, "an active slot can be parked");
-    need(tslb_da_inactivate_idx(array, taken[1], 6) == 0, "and another");
-    need(tslb_da_activate_idx(array, taken[0]) == 0, "and come back");
+    need(tslb_da_inactivate_idx(array, taken[0], 5) == 0, "an active slot can be inactivated");
+    need(tslb_da_inactivate_idx(array, taken[1], 6) == 0, "a second active slot can be inactivated");
+    need(tslb_da_activate_idx(array, taken[0]) == 0, "an inactive slot can be activated");
   }
   for (const uint32_t idx : taken) need(tslb_da_free_idx(array, idx) == 0, "a slot can be freed");
   for (uint32_t idx = 0; idx < tslb_da_get_size(array); ++idx) tslb_da_free_idx(array, idx);
   const uint32_t n_free = static_cast<const DynArrLLI_t *>(tslb_da_get_lli(array))->n_free;
   for (uint32_t i = 0; i < n_free; ++i) {
     uint32_t idx;
-    need(tslb_da_get_newptr(array, &idx) != nullptr && idx < tslb_da_get_size(array), "each freed slot comes back");
+    need(tslb_da_get_newptr(array, &idx) != nullptr && idx < tslb_da_get_size(array), "each freed slot is taken again");
   }
 }
 
 static void use_chunks(DynamicArray_t pool) {
   DynMemHdr_t *const hdr = static_cast<DynMemHdr_t *>(get_user_hdr(pool));
-  // Near its last address a pool stops the process, which is what it promises.
+  // A pool stops the process after its last slot.
   if (tslb_da_get_size(pool) > 240) return;
-  // Room for the header and the data, and never a length that the header cannot keep.
+  // The chunk has space for the header and the data, and its length fits the header's field.
   const uint32_t overhead = (hdr->flag & MPOOL_FLAG_COMPAT) != 0 ? sizeof(compat_t) : 0;
   if (hdr->mslot_sz < overhead + 8) return;
   const uint32_t longest = std::min(hdr->mslot_sz - overhead, 0xFFF8u) & ~7u;
@@ -113,7 +114,7 @@ static void use_chunks(DynamicArray_t pool) {
   tslb_dynmem_get_mchunk64(pool, &address64, 8, srcaddr64_t{1, 2, 3});
 }
 
-// An empty array can have slots of any size, and its first block is made here.
+// An empty array can have slots of any size, and its first block would be allocated here.
 static bool may_grow(DynamicArray_t array) {
   return tslb_da_get_slotsz(array, nullptr) <= 1 << 16;
 }

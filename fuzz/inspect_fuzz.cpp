@@ -1,5 +1,5 @@
-// Any bytes as a stored array, in both forms: inspected and shown in every way; and what the inspector calls sound is
-// what the loader takes.
+// Inspects any bytes as a stored array, as a stream and as block files, and renders the report in every form. An array
+// that the inspector calls sound must load.
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -20,7 +20,7 @@ static void need(bool holds, const char *what) {
   abort();
 }
 
-// The input as one stream; or cut into pieces of a length that it chooses, as files of blocks.
+// The input as one stream, or cut into block files of a length that the input selects.
 class bytes_store_t final : public inspect::store_t {
  public:
   bytes_store_t(const uint8_t *data, size_t size, bool is_stream) : data_(data), is_stream_(is_stream) {
@@ -32,7 +32,7 @@ class bytes_store_t final : public inspect::store_t {
       files_.push_back({"data", static_cast<uint32_t>(files_.size()), std::min(step, size - at)});
       begins_.push_back(at);
     }
-    // A gap among the blocks.
+    // Removes one of the blocks.
     if (files_.size() > 3 && (data[size - 3] & 1) != 0) {
       files_.erase(files_.begin() + 2);
       begins_.erase(begins_.begin() + 2);
@@ -67,7 +67,7 @@ static void check_report(const inspect::report_t &report, const inspect::store_t
   need(!inspect::text_of(report).empty(), "a text");
 }
 
-// One of them for each input: they take far longer than the analysis.
+// One form per input: rendering takes much longer than the analysis.
 static void show(const inspect::report_t &report, inspect::slot_rows_t *rows, size_t choice) {
   const inspect::reports_t reports = {report};
   if (choice % 16 == 0) {
@@ -85,7 +85,7 @@ static void show(const inspect::report_t &report, inspect::slot_rows_t *rows, si
 }
 
 static void compare_with_loader(const inspect::report_t &report, const uint8_t *data, size_t size, uint8_t kind) {
-  // An empty array can claim gigabytes of block 0, which the loader makes.
+  // An empty array can claim gigabytes for block 0, which the loader would allocate.
   if (!report.is_sound() || report.geometry->block0_bytes > 1 << 20 || report.geometry->data_block_bytes > 1 << 22)
     return;
   const int fd = memfd_create("stream", MFD_CLOEXEC);
@@ -96,8 +96,8 @@ static void compare_with_loader(const inspect::report_t &report, const uint8_t *
   const DynamicArray_t array = array_load_stream(fd, &options, error, sizeof(error));
   close(fd);
   if (array == nullptr) fprintf(stderr, "refused: %s\n", error);
-  need(array != nullptr, "what is called sound can be loaded");
-  need(tslb_da_get_size(array) == report.geometry->n_present, "all of its slots are there");
+  need(array != nullptr, "a sound array can be loaded");
+  need(tslb_da_get_size(array) == report.geometry->n_present, "all of its slots are loaded");
   destroy_dyn_arr(array);
 }
 

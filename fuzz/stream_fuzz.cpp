@@ -1,4 +1,4 @@
-// Any bytes as a snapshot stream: refused with a line, or an array that can be used.
+// Loads any bytes as a snapshot stream. They must be refused with an error text or give a usable array.
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -11,7 +11,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   char error[256];
   const DynamicArray_t array = array_load_stream(fd, &options, error, sizeof(error));
   close(fd);
-  expect_told(array, error);
+  expect_error_text(array, error);
   if (array != nullptr) exercise(array, options.kind, data, size);
   return 0;
 }

@@ -1,4 +1,4 @@
-// The four atomics, on the processor's own instructions.
+// The four atomic hooks, implemented with compiler builtins.
 #include <tslb/tslb_atomics.h>
 
 template <class Word>

@@ -1,5 +1,5 @@
-// Copies an array into another one of the same geometry: every header field that describes the content, and every slot
-// with its nodes. Conversions that change no record use it.
+// The host's copy hook, for conversions that change no record. Copies the header fields that describe the content, and
+// every slot with its nodes, to an empty array of the same geometry.
 #include <stdio.h>
 #include <string.h>
 
@@ -13,8 +13,8 @@ static bool same_geometry(dynarr_t *from, dynarr_t *to) {
          tslb_da_get_record_size(from) == tslb_da_get_record_size(to);
 }
 
-// Returns slot `idx` of `to`, and issues that id if it is the next one. Null if memory for it was refused. Such an id
-// stays issued, so a missing slot of an issued id is a failure: the next id would be another slot.
+// Returns slot `idx` of `to`, and issues that id if it is the next one. Returns null if memory for it was refused. The
+// id of a refused slot stays issued, so a missing slot of an issued id is a failure: the next id would be another slot.
 static void *slot_for_copy(dynarr_t *to, uint32_t idx) {
   if (idx < tslb_da_get_size(to)) return tslb_da_get_ptr(to, idx);
   void *slot = nullptr;
@@ -22,7 +22,7 @@ static void *slot_for_copy(dynarr_t *to, uint32_t idx) {
   return slot;
 }
 
-// Copies slot by slot. False if memory was refused.
+// Copies all slots. Returns false if memory was refused.
 static bool copy_slots(dynarr_t *from, dynarr_t *to) {
   int shift = 0;
   const uint32_t slot_bytes = tslb_da_get_slotsz(from, &shift);
@@ -33,7 +33,7 @@ static bool copy_slots(dynarr_t *from, dynarr_t *to) {
     if (slot == nullptr || source == nullptr) return false;
     char *const slot_start = static_cast<char *>(slot) - shift;
     const char *const source_start = static_cast<const char *>(source) - shift;
-    // Zeroes over new memory would only make the machine give pages for it.
+    // Writing zeroes to new memory would only allocate its pages.
     if (memcmp(slot_start, source_start, slot_bytes) != 0) memcpy(slot_start, source_start, slot_bytes);
   }
   return true;

@@ -1,4 +1,4 @@
-// No redo log: nothing listens.
+// No redo log: the handle is null, and the hook does nothing.
 #include <tslb/tslb_rd_api.h>
 
 RedoHandler_t *g_redo_handle = nullptr;

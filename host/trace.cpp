@@ -1,4 +1,4 @@
-// No trace log: tracing is off, and no module has a level on.
+// No trace log: tracing is off, and every level of every module is off.
 #include <tslb/tsdb_multi_thread_trace_log.h>
 
 MTTraceLogKey *trace_log_key = nullptr;

@@ -1,4 +1,4 @@
-// Where an id lies: the direct area, six levels, and what a lookup makes on its way.
+// Tests of addressing: the place of an id in the direct area and the six levels, and the memory that a lookup creates.
 #include "array_support.h"
 #include "fault_alloc.h"
 
@@ -13,15 +13,15 @@ static place_t place_of(uint32_t beyond) {
 
 TEST(Addressing, PlaceOfId) {
   static const struct {
-    const char *fault;  // what the row would catch
+    const char *fault;  // the bug that this row detects
     uint32_t n_direct, id;
     unsigned level;
     uint32_t actual_id, block_num;
   } rows[] = {
       {"level 2 numbers its blocks from 1 again, so two blocks share a file", 16, 272, 2, 0, 17},
-      {"the very last id refused", 0, 286331135, 6, 0xFFFFFFF, 17895696},
-      {"worked by hand: entries 14 and 10, slot 0", 1000, 5000, 2, 0xEA0, 251},
-      {"worked by hand: entries 14, 2, 13, 5, slot 8", 1000, 1000000, 4, 0xE2D58, 62438},
+      {"the maximum id is refused", 0, 286331135, 6, 0xFFFFFFF, 17895696},
+      {"computed by hand: entries 14 and 10, slot 0", 1000, 5000, 2, 0xEA0, 251},
+      {"computed by hand: entries 14, 2, 13, 5, slot 8", 1000, 1000000, 4, 0xE2D58, 62438},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);
@@ -34,7 +34,7 @@ TEST(Addressing, PlaceOfId) {
   EXPECT_EQ(place_of(0xFFFFFFFF).level, 7u);
 }
 
-TEST(Addressing, LevelSizesAreTheOnesThatTheLookupUses) {
+TEST(Addressing, LookupUsesThePublishedLevelSizes) {
   const uint32_t sizes[] = {single_redirection_elements_count, second_redirection_elements_count,
                             third_redirection_elements_count,  fourth_redirection_elements_count,
                             fifth_redirection_elements_count,  sixth_redirection_elements_count};
@@ -49,7 +49,7 @@ TEST(Addressing, LevelSizesAreTheOnesThatTheLookupUses) {
   EXPECT_EQ(first, 286331136u);
 }
 
-// Follows the tables by hand, independent of the lookup: entry by entry of the path in base 16.
+// Follows the tables without a lookup, one entry per digit of the path in base 16.
 static void *slot_by_hand(DynArrHandle_t *array, unsigned level, uint32_t actual_id, uint32_t slot_bytes) {
   void *at = reinterpret_cast<void **>(array->ir_base)[level - 1];
   for (unsigned digit = level; digit >= 1; --digit) {
@@ -59,7 +59,7 @@ static void *slot_by_hand(DynArrHandle_t *array, unsigned level, uint32_t actual
   return at != nullptr ? bytes_of(at) + (actual_id & 15) * slot_bytes : nullptr;
 }
 
-TEST(Addressing, OneLookupMakesOnePath) {
+TEST(Addressing, LookupCreatesOnlyItsOwnPath) {
   const uint32_t n = 1000;
   const uint32_t offsets[] = {0, 255, 256, 4351, 4352, 69887, 69888, 1118463, 1118464, 17895679, 17895680, 286331135};
   for (const uint8_t daflag : std::initializer_list<uint8_t>{0, 1, 2}) {
@@ -76,7 +76,7 @@ TEST(Addressing, OneLookupMakesOnePath) {
       EXPECT_EQ(get_dyn_total_allocated_records(array.get()), n + 16);
       EXPECT_EQ(get_dyn_arr_record_position_ex(array.get(), n + beyond, 0, nullptr, daflag), record);
       EXPECT_EQ(get_dyn_total_allocated_records(array.get()), n + 16);
-      // Zeroed, to the last byte of its nodes.
+      // The slot is zeroed, up to the last byte of its nodes.
       const char *const slot = record - tslb_stored_shift(daflag);
       for (uint32_t i = 0; i < slot_bytes; ++i) EXPECT_EQ(slot[i], 0) << i;
       for (unsigned level = 1; level <= 6; ++level)
@@ -85,7 +85,7 @@ TEST(Addressing, OneLookupMakesOnePath) {
   }
 }
 
-// Every byte of every slot, nodes included, is stamped, and read back at the end.
+// Writes every byte of every slot, nodes included, and reads them back at the end.
 TEST(Addressing, SlotsNeverOverlapNorMove) {
   for (const uint8_t daflag : std::initializer_list<uint8_t>{0, 1, 2, 3}) {
     SCOPED_TRACE(int{daflag});
@@ -109,7 +109,7 @@ TEST(Addressing, SlotsNeverOverlapNorMove) {
   }
 }
 
-TEST(Lookup, WhatWasIssuedIsServedAndARefusalMakesNothing) {
+TEST(Lookup, IssuedIdsAreFoundAndARefusalAllocatesNothing) {
   const array_t array(get_default_dyn_array(8, 4, MPOOL_TYPE_DRAM));
   EXPECT_EQ(stderr_of([&] {
               EXPECT_EQ(get_dyn_arr_record_position(array.get(), 0), nullptr);
@@ -119,14 +119,14 @@ TEST(Lookup, WhatWasIssuedIsServedAndARefusalMakesNothing) {
   pretend_issued(array.get(), 100);
   EXPECT_NE(get_dyn_arr_record_position(array.get(), 3), nullptr);
   EXPECT_EQ(get_dyn_arr_record_position(array.get(), 100), nullptr);
-  EXPECT_EQ(array->ir_base, nullptr) << "tables where the direct area is enough";
-  // Every id below the count, not only the last.
+  EXPECT_EQ(array->ir_base, nullptr) << "tables were allocated although the direct area is enough";
+  // Every id below the count was issued, not only the last.
   EXPECT_NE(get_dyn_arr_record_position(array.get(), 99), nullptr);
   EXPECT_NE(get_dyn_arr_record_position(array.get(), 40), nullptr);
   EXPECT_EQ(get_dyn_total_allocated_records(array.get()), 36u);
 }
 
-TEST(Lookup, BeyondTheSixthLevelIsReportedAndNull) {
+TEST(Lookup, IdAboveTheSixthLevelIsReportedAndNull) {
   const array_t array(get_default_dyn_array(8, 5, MPOOL_TYPE_DRAM));
   pretend_issued(array.get(), 286331141);
   void *record = &record;
@@ -138,15 +138,15 @@ TEST(Lookup, BeyondTheSixthLevelIsReportedAndNull) {
   EXPECT_EQ(id, -1);
   EXPECT_EQ(record, nullptr);
   EXPECT_EQ(get_dyn_arr_size(array.get()), 286331142u);
-  // The very last number: the count behind it is 0 again, so it was not issued.
+  // The maximum number: after it the count is 0 again, so it does not count as issued.
   pretend_issued(array.get(), 0xFFFFFFFF);
   EXPECT_EQ(stderr_of([&] { id = get_dyn_arr_new_record_id_ex(array.get(), &record, 0); }), "");
   EXPECT_EQ(id, -1);
   EXPECT_EQ(record, nullptr);
 }
 
-// No array in persistent memory can be made, but a host's own handle can say that it is one.
-TEST(Lookup, BlockThatPersistentMemoryWouldHoldIsToldAndNull) {
+// An array in persistent memory cannot be created, but a host's own handle can have that type.
+TEST(Lookup, BlockInPersistentMemoryIsReportedAndNull) {
   const array_t array(get_default_dyn_array(8, 0, MPOOL_TYPE_DRAM));
   pretend_issued(array.get(), 17);
   array->mem_type = MPOOL_TYPE_PMEM;
@@ -154,7 +154,8 @@ TEST(Lookup, BlockThatPersistentMemoryWouldHoldIsToldAndNull) {
   EXPECT_EQ(stderr_of([&] { record = get_dyn_arr_record_position(array.get(), 16); }),
             "Unexpected data_addr NULL, count: 16, block_num: 2\n");
   EXPECT_EQ(record, nullptr);
-  EXPECT_EQ(get_dyn_total_allocated_records(array.get()), 16u) << "its result is what counts the slots";
+  EXPECT_EQ(get_dyn_total_allocated_records(array.get()), 16u)
+      << "the slots are counted by the result of get_pmem_block";
   array->mem_type = MPOOL_TYPE_DRAM;
   EXPECT_NE(get_dyn_arr_record_position(array.get(), 16), nullptr);
 }
@@ -172,8 +173,8 @@ TEST(NewId, FullArrayRefusesAndKeepsTheCount) {
   stderr_of([&] { EXPECT_EQ(tslb_da_get_newidx(array.get()), 0xFFFFFFFFu); });
 }
 
-TEST(Lookup, DirectAreaEndsWhereTheKeeperOfTheCountSays) {
-  // Whoever can write a mapped file can write its header; the handle is out of reach.
+TEST(Lookup, MappedFilesCannotChangeTheDirectAreaOfALookup) {
+  // Other processes can write the header of a mapped file, but not the handle.
   const array_t array(get_default_dyn_array(8, 20, MPOOL_TYPE_DRAM));
   pretend_issued(array.get(), 20);
   get_dyn_hdr(array.get())->n_direct = 4;
@@ -184,7 +185,7 @@ TEST(Lookup, DirectAreaEndsWhereTheKeeperOfTheCountSays) {
   EXPECT_NE(get_dyn_arr_record_position(array.get(), 10), base + 24 + 80);
 }
 
-// Blocks before their table, tables before the one above, root by root, and at last block 0 and the handle.
+// Returns the blocks before their table and the tables before their parent, root by root, then block 0 and the handle.
 static std::vector<void *> tree_of(void **table, unsigned tiers) {
   std::vector<void *> order;
   for (unsigned i = 0; i < 16; ++i) {
@@ -200,7 +201,7 @@ static std::vector<void *> freed;
 
 TEST(Teardown, ReleasesEachTreeDepthFirst) {
 #ifdef TSLB_SANITIZES_ADDRESS
-  GTEST_SKIP() << "free is the sanitizer's";
+  GTEST_SKIP() << "the sanitizer defines free";
 #endif
   DynArrHandle_t *const array = get_default_dyn_array(8, 1, MPOOL_TYPE_DRAM);
   pretend_issued(array, UINT32_MAX);

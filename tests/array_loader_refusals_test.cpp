@@ -1,4 +1,4 @@
-// What the loaders refuse as a whole, with a line that says what and where.
+// Tests of streams and files that the loaders refuse. Each refusal has a line with the place and the fault.
 #include <tslb/block_files.h>
 #include "fault_alloc.h"
 #include "loader_support.h"
@@ -13,7 +13,7 @@ static array_load_options_t blocks_up_to(uint64_t bytes) {
   return {"ctx", 12, MPOOL_TYPE_DRAM, ARRAY_LOAD_ANY, bytes, ARRAY_LOAD_ANY_VERSION, ARRAY_LOAD_ANY_SIZE};
 }
 
-TEST(ArrayLoader, WhatTheCallerWants) {
+TEST(ArrayLoader, OptionsOfTheCaller) {
   const std::string array = stream_of(slot_array(0, 12, 3, 0, 9).get());
   const std::string parked = stream_of(slot_array(0, 12, 3, TSLB_DA_DAFLAG_INLL, 9).get());
   const std::string pool = stream_of(chunk_pool(BIG_BUFFER, 5).get());
@@ -27,11 +27,11 @@ TEST(ArrayLoader, WhatTheCallerWants) {
   } rows[] = {
       {"temporary process memory refused", array, of_kind(ARRAY_LOAD_ANY, MPOOL_TYPE_DRAM_TMP), ""},
       {"temporary files that are process memory refused", array, of_kind(ARRAY_LOAD_ANY, MPOOL_TYPE_SHM_TMP), ""},
-      {"an array over its own files begun", array, of_kind(ARRAY_LOAD_ANY, MPOOL_TYPE_SHM),
+      {"loading into block files accepted", array, of_kind(ARRAY_LOAD_ANY, MPOOL_TYPE_SHM),
        "option mem_type 1 is not in process memory"},
-      {"memory that is not available asked for", array, of_kind(ARRAY_LOAD_ANY, MPOOL_TYPE_PMEM),
+      {"memory that is not available accepted", array, of_kind(ARRAY_LOAD_ANY, MPOOL_TYPE_PMEM),
        "option mem_type 2 is not in process memory"},
-      {"a kind from the future", array, of_kind(3), "option kind 3 is unknown"},
+      {"a kind that is unknown", array, of_kind(3), "option kind 3 is unknown"},
       {"the expected layout refused", array, expecting(0xC3, 12), ""},
       {"a version read with its sign", array, expecting(0xC3, ARRAY_LOAD_ANY_SIZE), ""},
       {"records of another version loaded", array, expecting(0, 12), "byte 1: rec_version 195, expected 0"},
@@ -50,7 +50,7 @@ TEST(ArrayLoader, WhatTheCallerWants) {
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);
-    const loaded_t loaded = load(row.stream, row.options);
+    const load_result_t loaded = load(row.stream, row.options);
     EXPECT_EQ(loaded.error, row.error);
     if (loaded.array != nullptr) {
       EXPECT_EQ(loaded.array->mem_type, row.options.mem_type);
@@ -65,7 +65,7 @@ TEST(ArrayLoader, EveryTruncationIsRefused) {
     std::string stream;
     array_load_options_t options;
     size_t header_bytes, slot_bytes;
-    size_t also_whole_at;  // the one shorter stream that is sound
+    size_t also_whole_at;  // the only shorter stream that is valid
   } rows[] = {
       {"of a plain array", stream_of(slot_array(0, 5, 2, 0, 19).get()), ANY, 24, 5, 0},
       {"of an array with both lists", stream_of(slot_array(5, 7, 2, TSLB_DA_DAFLAG_INLL, 19).get()), ANY, 89, 23, 0},
@@ -85,7 +85,7 @@ TEST(ArrayLoader, EveryTruncationIsRefused) {
     };
     for (size_t size = 0; size < row.stream.size(); ++size) {
       SCOPED_TRACE(testing::Message() << row.fault << ", to " << size << " bytes");
-      const loaded_t loaded = load(row.stream.substr(0, size), row.options);
+      const load_result_t loaded = load(row.stream.substr(0, size), row.options);
       if (size == row.also_whole_at && size != 0) {
         EXPECT_NE(loaded.array, nullptr) << loaded.error;
       } else if (size < row.header_bytes) {
@@ -97,7 +97,7 @@ TEST(ArrayLoader, EveryTruncationIsRefused) {
     }
     SCOPED_TRACE(row.fault);
     EXPECT_EQ(load(row.stream, row.options).error, "");
-    // One byte more than a cut slot has is a whole slot that lacks some.
+    // One byte more than a cut slot is a whole slot with missing bytes.
     const size_t size = row.stream.size();
     const bool is_whole = (size - row.header_bytes) % row.slot_bytes == 0;
     expect_refused(
@@ -106,8 +106,8 @@ TEST(ArrayLoader, EveryTruncationIsRefused) {
   }
 }
 
-// The last slot is the end of what is read ahead (16,384 bytes at a time), or too long to be read ahead at all.
-TEST(ArrayLoader, BytesBehindWhatWasReadAheadAreRefused) {
+// The last slot ends the first read (16,384 bytes at a time), or is longer than one read.
+TEST(ArrayLoader, BytesAfterTheLastSlotAreRefused) {
   for (const auto &[record_sz, n_used] : {std::pair{20000, 1}, std::pair{4, (16384 - 24) / 4}}) {
     const std::string stream = stream_of(slot_array(0, record_sz, n_used, 0, n_used).get());
     EXPECT_EQ(load(stream).error, "");
@@ -115,8 +115,8 @@ TEST(ArrayLoader, BytesBehindWhatWasReadAheadAreRefused) {
   }
 }
 
-// Slots 0 to 7 of 9 bytes between their nodes, behind headers of 84 bytes: free are 1, 4, 7, and parked 0 and 3 (slots
-// 2, 5 and 6 are active).
+// Slots 0 to 7 have 9 bytes between their nodes, after headers of 84 bytes. Slots 1, 4 and 7 are free, 0 and 3
+// inactive, 2, 5 and 6 active.
 class Contradictions : public testing::Test {
  protected:
   static constexpr uint32_t LLI = 8, HDR = 68, SLOTS = 84, SLOT = 25;
@@ -137,7 +137,7 @@ struct patch_t {
 };
 using patches_t = std::vector<patch_t>;
 
-// A word, or as many of its bytes.
+// Writes a word, or its first bytes.
 static patches_t put(uint32_t at, uint32_t value, uint32_t bytes = 4) {
   return {{at, value, bytes}};
 }
@@ -149,7 +149,7 @@ static patches_t operator+(patches_t first, const patches_t &then) {
 struct contradiction_t {
   const char *fault;
   patches_t patches;
-  const char *error;  // behind "byte "
+  const char *error;  // after "byte "
 };
 
 static void expect_contradictions(const std::string &sound, const array_load_options_t &options,
@@ -194,7 +194,7 @@ TEST_F(Contradictions, OfHeadersAndLists) {
           {"free on no list", put(LLI, NIL) + put(LLI + 4, NIL) + put(LLI + 24, 0),
            "109: slot 1 has the status free, but is not on that list"},
 
-          {"inactive list begins outside", put(LLI + 8, 77), "16: the inactive list names slot 77 of 8"},
+          {"inactive list begins out of the array", put(LLI + 8, 77), "16: the inactive list names slot 77 of 8"},
           {"active slot on the inactive list", put(status(3), 2), "159: status 2 on the inactive list, slot 3"},
           {"back link", put(prev(3), 2), "176: prev 2 of slot 3 on the inactive list, expected 0"},
           {"back link at the head", put(prev(0), 3), "101: prev 3 of slot 0 on the inactive list, expected 4294967295"},
@@ -231,11 +231,11 @@ TEST_F(Contradictions, OfPools) {
            "12: mslot_sz 4294967288 does not match record_size 0"},
           {"slots that no creator makes", put(12, 65) + put(124 + 12, 73), "12: mslot_sz 65 is not a multiple of 4"},
           {"current slot beyond the last", put(16, 3), "16: cur_slot_addr names slot 3 of 3"},
-          {"offset behind the slot", put(20, 65), "20: cur_slot_addr is at byte 65 of a slot of 64"},
-          {"offset behind a slot that is none", put(16, 0xFFFFFFFF) + put(20, 65),
+          {"offset after the slot", put(20, 65), "20: cur_slot_addr is at byte 65 of a slot of 64"},
+          {"offset after a slot that does not exist", put(16, 0xFFFFFFFF) + put(20, 65),
            "20: cur_slot_addr is at byte 65 of a slot of 64"},
       });
-  // Slot 1 was taken, filled and freed; slot 0 holds two chunks of 24 and 32 bytes, slot 2 is current.
+  // Slot 1 was taken, filled and freed. Slot 0 has two chunks of 24 and 32 bytes. Slot 2 is current.
   const std::string stream = stream_of(array.get());
   ASSERT_EQ(read_at<uint32_t>(stream.data(), 140 + 80), uint32_t{TSLB_DA_SLOT_FREE});
   const uint32_t used = read_at<uint32_t>(stream.data(), 140 + 2 * 80 + 8);
@@ -249,14 +249,14 @@ TEST_F(Contradictions, OfPools) {
           {"more used than a slot has", put(148, 65), "148: bytes_used 65 of slot 0, but the slot has 64"},
           {"cursor that went back", put(20, used - 8), went_back.c_str()},
       });
-  // What a killed process or a host's own bits leave.
+  // States that a killed process or a host's own bits can leave.
   const struct {
     const char *fault;
     std::function<void(char *)> change;
   } remarks[] = {
       {"bits of a host's own slot_type", [](char *bytes) { bytes[8] |= 0x2C; }},
       {"chunk that was reserved and not counted", [used](char *bytes) { write_at(bytes, 308, used - 8); }},
-      {"chunk that the total does not have yet", [](char *bytes) { write_at(bytes, 24, uint64_t{0}); }},
+      {"chunk that is not in the total yet", [](char *bytes) { write_at(bytes, 24, uint64_t{0}); }},
       {"slot that never became current", [](char *bytes) { write_at(bytes, 148, 0xFFFFFFFFu); }},
       {"total that another process counted", [](char *bytes) { write_at(bytes, 48, uint64_t{1}); }},
   };
@@ -267,11 +267,11 @@ TEST_F(Contradictions, OfPools) {
   }
   std::string none = stream_of(array.get());
   write_at(none.data(), 16, uint64_t{0xFFFFFFFF});
-  EXPECT_NE(load(none, POOL).array, nullptr) << "a cursor in no slot is not in a wrong one";
+  EXPECT_NE(load(none, POOL).array, nullptr) << "a cursor without a slot is refused";
 }
 
-// A slot is cut where the cursor says, and nowhere else.
-TEST(ArrayLoader, OnlyTheCursorsSlotMayBeCut) {
+// A slot may be cut only at the cursor.
+TEST(ArrayLoader, OnlyTheCurrentSlotMayBeCut) {
   const array_t pool = chunk_pool(BIG_BUFFER, 6);
   const std::string cut = cut_stream_of(pool.get());
   std::string elsewhere = cut, nowhere = cut;
@@ -283,22 +283,22 @@ TEST(ArrayLoader, OnlyTheCursorsSlotMayBeCut) {
   EXPECT_EQ(load(nowhere, POOL).error.rfind(ends, 0), 0u);
 }
 
-TEST(ArrayLoader, RingsHaveAnEnd) {
+TEST(ArrayLoader, RingHasAMaximumOfSlots) {
   for (const int n_slots : {254, 255}) {
     const array_t pool(tslb_init_dynmem(8, 4, 0, MPOOL_TYPE_DRAM, MPOOL_FLAG_BV, "ctx", 12, 0));
     maddr_t address;
     for (int i = 0; i < n_slots; ++i) tslb_dynmem_get_mchunk(pool.get(), &address, 8, srcaddr_t{});
     const std::string stream = stream_of(pool.get());
     EXPECT_EQ(load(stream, POOL).error, "");
-    const loaded_t ring = load(stream, of_kind(ARRAY_LOAD_POOL, MPOOL_TYPE_DRAM_TMP));
+    const load_result_t ring = load(stream, of_kind(ARRAY_LOAD_POOL, MPOOL_TYPE_DRAM_TMP));
     EXPECT_EQ(ring.error, n_slots == 254 ? "" : "byte 68: n_used 255, but a ring has 254 slots");
     if (ring.array == nullptr) continue;
     stdout_of([&] { tslb_dynmem_get_mchunk(ring.array.get(), &address, 8, srcaddr_t{}); });
-    EXPECT_EQ(as_word(address), 0u) << "it goes round";
+    EXPECT_EQ(as_word(address), 0u) << "the ring does not wrap";
   }
 }
 
-TEST(ArrayLoader, BlocksBeyondTheLimitAreRefused) {
+TEST(ArrayLoader, BlocksAboveTheLimitAreRefused) {
   const std::string stream = stream_of(slot_array(0, 100, 10, 0, 12).get());  // block 0: 1024, a data block: 1600
   EXPECT_EQ(load(stream, blocks_up_to(1023)).error,
             "byte 16: n_direct 10 with slots of 100 bytes exceeds the maximum size of block 0");
@@ -310,13 +310,13 @@ TEST(ArrayLoader, BlocksBeyondTheLimitAreRefused) {
   EXPECT_EQ(load(direct, blocks_up_to(1100)).error, "") << "no data block, no limit on it";
 }
 
-TEST(ArrayLoader, ClaimsCostNoMemory) {
+TEST(ArrayLoader, ClaimedSlotsAllocateNoMemory) {
   std::string stream = stream_of(slot_array(0, 4, 0, 0, 40).get());
   write_at(stream.data(), 8 + 4, uint32_t{286331136});  // n_used: 1.1 GB of slots
   const unsigned long before = allocations_so_far();
-  const loaded_t loaded = load(stream);
+  const load_result_t loaded = load(stream);
   expect_refused(loaded, "byte 184: ends 0 bytes into slot 40 of 4 bytes");
-  EXPECT_LT(allocations_so_far() - before, 40u) << "blocks for 40 slots, not for all that are claimed";
+  EXPECT_LT(allocations_so_far() - before, 40u) << "blocks were allocated for all claimed slots, not for 40";
 
   std::string no_bytes = stream_of(slot_array(0, 0, 4, 0, 0).get());
   EXPECT_EQ(load(no_bytes).error, "");
@@ -344,7 +344,7 @@ TEST(ArrayLoader, EveryRefusedAllocationIsARefusedLoad) {
   EXPECT_GT(nth, 20) << "headers, handle, block 0, tables and 18 blocks";
 }
 
-// No data block of such an array has a byte, so no position lies in one.
+// The data blocks of such an array have no bytes, so no position lies in one.
 TEST(ArrayLoader, RefusedMemoryForBlockFilesOfNoBytes) {
   const base_path_t base;
   slot_array(0, 0, 4, 0, 0, MPOOL_TYPE_SHM);

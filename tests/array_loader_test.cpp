@@ -1,4 +1,4 @@
-// The loaders: what was stored comes back and goes on as the original would, however its bytes arrive.
+// Tests of the loaders: a loaded array equals the original and behaves like it, for every kind of read.
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/syscall.h>
@@ -7,8 +7,8 @@
 #include <tslb/tslb_settings.h>
 #include "loader_support.h"
 
-// What the next reads do: a count is read at most that far, -1 fails with EINTR, -2 with EIO. Behind the script, and
-// without one, reads are the system's.
+// Script of the next reads: a positive number is the maximum of bytes read, -1 fails with EINTR, -2 with EIO. After the
+// script reads go to the system.
 static std::vector<int> read_script;
 static size_t read_script_at;
 
@@ -33,26 +33,26 @@ static const struct {
     {"an empty array is not read to its end", 0, 12, 4, TSLB_DA_DAFLAG_INLL, 0},
     {"slots of a plain array are shifted", 0, 12, 4, 0, 3},
     {"the direct area's last slot is taken from a block", 0, 12, 4, TSLB_DA_DAFLAG_LL, 4},
-    {"the first slot behind the direct area is lost", 0, 12, 4, TSLB_DA_DAFLAG_LL, 5},
-    {"an array without a direct area has no place", 0, 12, 0, TSLB_DA_DAFLAG_INLL, 20},
+    {"the first slot after the direct area is lost", 0, 12, 4, TSLB_DA_DAFLAG_LL, 5},
+    {"an array without a direct area is not loaded", 0, 12, 0, TSLB_DA_DAFLAG_INLL, 20},
     {"a user header shifts lists or counts", 13, 9, 3, TSLB_DA_DAFLAG_INLL, 40},
     {"one of two flags is lost", 13, 9, 3, TSLB_DA_DAFLAG_LL | TSLB_DA_DAFLAG_INLL, 40},
-    {"a flag that means nothing here is lost", 0, 9, 3, 0xF0 | TSLB_DA_DAFLAG_LL, 40},
+    {"an unknown flag is lost", 0, 9, 3, 0xF0 | TSLB_DA_DAFLAG_LL, 40},
     {"level 2 is not reached", 0, 5, 2, TSLB_DA_DAFLAG_INLL, 2 + 256 + 21},
-    {"a slot longer than what is read ahead is cut", 0, 40000, 2, TSLB_DA_DAFLAG_INLL, 5},
-    {"56 bytes that are no pool's header are read as one", 56, 12, 4, TSLB_DA_DAFLAG_INLL, 9},
+    {"a slot longer than one read is cut", 0, 40000, 2, TSLB_DA_DAFLAG_INLL, 5},
+    {"56 bytes of another user header are read as a pool's", 56, 12, 4, TSLB_DA_DAFLAG_INLL, 9},
 };
 
 static const pool_kind_t pool_kinds[] = {
-    {"a pool without lists is not read as one", 64, 2, 0, 0, 0},
+    {"a pool without lists is not read as a pool", 64, 2, 0, 0, 0},
     {"compaction headers or a freed slot are lost", 64, 2, MPOOL_FLAG_COMPAT, 0, TSLB_DA_DAFLAG_LL},
-    {"a bit-vector pool comes back as another kind", 64, 2, 0, MPOOL_FLAG_BV, TSLB_DA_DAFLAG_LL},
-    {"the cut of a back node is not mended", 64, 2, MPOOL_FLAG_COMPAT, MPOOL_FLAG_BV, TSLB_DA_DAFLAG_INLL},
+    {"a bit-vector pool is loaded as another kind", 64, 2, 0, MPOOL_FLAG_BV, TSLB_DA_DAFLAG_LL},
+    {"a back node that was cut off is not restored", 64, 2, MPOOL_FLAG_COMPAT, MPOOL_FLAG_BV, TSLB_DA_DAFLAG_INLL},
 };
 
-// Whole, and with its last slot cut: in the direct area, in its last slot or not, and in a data block. All that a cut
-// leaves out is zero in the original too, once the time in its back node is taken away.
-TEST(ArrayLoader, PoolsComeBackAndGoOn) {
+// Loads each pool whole and with its last slot cut. The last slot is in the direct area or in a data block. All bytes
+// that the cut removes are zero in the original too, except for the time in its back node, which is cleared first.
+TEST(ArrayLoader, PoolsAreRestored) {
   for (const pool_kind_t &kind : pool_kinds)
     for (const int n_chunks : {0, 1, 2, 3, 32})
       for (const bool is_cut : {false, true}) {
@@ -66,7 +66,7 @@ TEST(ArrayLoader, PoolsComeBackAndGoOn) {
         const std::string whole = stream_of(original.get());
         const std::string stream = is_cut ? cut_stream_of(original.get()) : whole;
         ASSERT_EQ(stream.size() < whole.size(), is_cut);
-        const loaded_t loaded = load(stream, POOL);
+        const load_result_t loaded = load(stream, POOL);
         ASSERT_NE(loaded.array, nullptr) << loaded.error;
         if (kind.daflag != 0) audit_lists(loaded.array.get());
         expect_same_from_now_on(original.get(), loaded.array.get(), go_on_with_chunks);
@@ -82,8 +82,8 @@ class Descriptors : public testing::Test {
   }
 };
 
-// Through a pipe, which tells no size and has no way back.
-TEST_F(Descriptors, ShortAndInterruptedReadsGoOn) {
+// Through a pipe, which has no size and no seek.
+TEST_F(Descriptors, ShortAndInterruptedReadsContinue) {
   const array_t original = slot_array(13, 9000, 3, TSLB_DA_DAFLAG_INLL, 6);
   const std::string stream = stream_of(original.get());
   int ends[2];
@@ -91,7 +91,7 @@ TEST_F(Descriptors, ShortAndInterruptedReadsGoOn) {
   ASSERT_EQ(write(ends[1], stream.data(), stream.size()), static_cast<ssize_t>(stream.size()));
   close(ends[1]);
   script({-1, 5, -1, -1, 1, 2, 75, 3, -1, 8999, 17, 1, 1, -1, 16384, 1, -1});
-  const loaded_t loaded =
+  const load_result_t loaded =
       loaded_by([&](char *error, size_t size) { return array_load_stream(ends[0], &ANY, error, size); });
   close(ends[0]);
   ASSERT_NE(loaded.array, nullptr) << loaded.error;
@@ -99,11 +99,11 @@ TEST_F(Descriptors, ShortAndInterruptedReadsGoOn) {
   EXPECT_EQ(stream_of(loaded.array.get()), stream);
 }
 
-TEST_F(Descriptors, FailedReadIsTold) {
+TEST_F(Descriptors, FailedReadIsReported) {
   const std::string stream = stream_of(slot_array(0, 20000, 3, 0, 4).get());
   script({-2});
   expect_refused(load(stream), "byte 0: the stream cannot be read: Input/output error");
-  script({16384, 3640, -1, -2});  // behind what is read ahead, in the first slot
+  script({16384, 3640, -1, -2});  // after what is read ahead, in the first slot
   expect_refused(load(stream), "byte 16384: the stream cannot be read: Input/output error");
 
   char error[256];
@@ -114,10 +114,10 @@ TEST_F(Descriptors, FailedReadIsTold) {
   EXPECT_STREQ(error, "byte 0:") << "cut to fit";
 }
 
-TEST_F(Descriptors, StreamBeginsWhereTheDescriptorStands) {
-  const memory_file_t file("ahead of it" + stream_of(slot_array(0, 9, 3, 0, 30).get()));
+TEST_F(Descriptors, StreamBeginsAtTheDescriptorsPosition) {
+  const memory_file_t file("other bytes" + stream_of(slot_array(0, 9, 3, 0, 30).get()));
   lseek(file.fd(), 11, SEEK_SET);
-  const loaded_t loaded =
+  const load_result_t loaded =
       loaded_by([&](char *error, size_t size) { return array_load_stream(file.fd(), &ANY, error, size); });
   EXPECT_NE(loaded.array, nullptr) << loaded.error;
   EXPECT_EQ(fcntl(file.fd(), F_GETFD), FD_CLOEXEC) << "not closed";
@@ -131,9 +131,9 @@ static int next_descriptor() {
 
 class BlockFiles : public Descriptors {
  protected:
-  loaded_t load_files(const array_load_options_t &options = ANY) {
+  load_result_t load_files(const array_load_options_t &options = ANY) {
     const int descriptor = next_descriptor();
-    loaded_t loaded = loaded_by(
+    load_result_t loaded = loaded_by(
         [&](char *error, size_t size) { return array_load_block_files(base_.path.c_str(), &options, error, size); });
     EXPECT_EQ(next_descriptor(), descriptor) << "a file was left open";
     return loaded;
@@ -143,7 +143,7 @@ class BlockFiles : public Descriptors {
   const base_path_t base_;
 };
 
-TEST_F(BlockFiles, SlotArraysComeBackAndGoOn) {
+TEST_F(BlockFiles, SlotArraysAreRestored) {
   lib_config.tslb_mvt_reuse_enabled = 1;
   for (const auto &row : slot_arrays) {
     for (const char mem_type : std::initializer_list<char>{MPOOL_TYPE_DRAM, MPOOL_TYPE_SHM}) {
@@ -154,7 +154,7 @@ TEST_F(BlockFiles, SlotArraysComeBackAndGoOn) {
         tsdb_mem_pressure_config_t policy = {1, {}, {0, 0, 0, 3, 10}, {1, 0, 2, 0, 10}};
         tslb_da_register_reuse_policy(original.get(), &policy);
       }
-      const loaded_t loaded = mem_type == MPOOL_TYPE_SHM ? load_files() : load(stream_of(original.get()));
+      const load_result_t loaded = mem_type == MPOOL_TYPE_SHM ? load_files() : load(stream_of(original.get()));
       ASSERT_NE(loaded.array, nullptr) << loaded.error;
       EXPECT_EQ(loaded.array->daflag, row.daflag);
       EXPECT_STREQ(loaded.array->ctx_name, "ctx");
@@ -166,21 +166,21 @@ TEST_F(BlockFiles, SlotArraysComeBackAndGoOn) {
   lib_config.tslb_mvt_reuse_enabled = 0;
 }
 
-TEST_F(BlockFiles, PoolsComeBackAndGoOn) {
+TEST_F(BlockFiles, PoolsAreRestored) {
   const array_t original(tslb_init_dynmem(64, 2, MPOOL_FLAG_COMPAT, MPOOL_TYPE_SHM, 0, "ctx", 12, TSLB_DA_DAFLAG_INLL));
   take_chunks(original.get(), 30, 0);
-  const loaded_t loaded = load_files(POOL);
+  const load_result_t loaded = load_files(POOL);
   ASSERT_NE(loaded.array, nullptr) << loaded.error;
   expect_same_from_now_on(original.get(), loaded.array.get(), go_on_with_chunks);
 }
 
-// The library names file 0 from the whole name, and data blocks from the 32 characters that the handle keeps.
+// The library names file 0 by the whole context name, and data blocks by the 32 characters that the handle keeps.
 TEST_F(BlockFiles, LongNamesAndNegativeIds) {
   const std::string name = "a name of more than thirty-two characters";
   const array_t original(get_default_dyn_array_ex(0, 8, 1, MPOOL_TYPE_SHM, -3, name.c_str(), 0));
   for (int i = 0; i < 9; ++i)
     write_at(tslb_da_get_ptr(original.get(), tslb_da_get_newidx(original.get())), 0, i + 0x123456789LL);
-  const loaded_t loaded =
+  const load_result_t loaded =
       load_files({name.c_str(), -3, MPOOL_TYPE_DRAM, ARRAY_LOAD_ANY, 0, ARRAY_LOAD_ANY_VERSION, ARRAY_LOAD_ANY_SIZE});
   ASSERT_NE(loaded.array, nullptr) << loaded.error;
   EXPECT_EQ(stream_of(loaded.array.get()), stream_of(original.get()));
@@ -205,7 +205,7 @@ TEST_F(BlockFiles, PathWithoutABase) {
 }
 
 // Block 0: 84 bytes of headers and 3 slots of 25. Data blocks: 400 bytes each, two of them, the second with 2 slots.
-TEST_F(BlockFiles, FilesThatAreNotAsTheHeaderSays) {
+TEST_F(BlockFiles, FilesThatContradictTheHeader) {
   const auto resize = [this](int block, uintmax_t bytes) { return [=, this] { fs::resize_file(file(block), bytes); }; };
   const auto remove = [this](int block) { return [=, this] { fs::remove(file(block)); }; };
   const auto set = [this](int block, long at, uint32_t value) {
@@ -224,7 +224,7 @@ TEST_F(BlockFiles, FilesThatAreNotAsTheHeaderSays) {
       {"file 0 short", resize(0, 158), 0, "158 bytes long, but its block has 159"},
       {"file 0 long", resize(0, 160), 0, "160 bytes long, but its block has 159"},
       {"data block short", resize(1, 399), 1, "399 bytes long, but its block has 400"},
-      {"last data block cut behind its last slot", resize(2, 50), 2, "50 bytes long, but its block has 400"},
+      {"last data block cut after its last slot", resize(2, 50), 2, "50 bytes long, but its block has 400"},
       {"a folder in a file's place", [this] { fs::remove(file(2)), fs::create_directory(file(2)); }, 2, not_regular},
       {"a pipe in a file's place", [this] { fs::remove(file(0)), mkfifo(file(0).c_str(), 0600); }, 0, not_regular},
       {"more slots than files", set(0, 68 + 4, 36), 3, "No such file or directory"},
@@ -243,7 +243,7 @@ TEST_F(BlockFiles, FilesThatAreNotAsTheHeaderSays) {
   }
 }
 
-TEST_F(BlockFiles, FileThatShrinksMeanwhileIsNoCutPool) {
+TEST_F(BlockFiles, FileThatShrinksWhileItIsReadIsRefused) {
   const array_t pool(tslb_init_dynmem(64, 1, 0, MPOOL_TYPE_SHM, 0, "ctx", 12, 0));
   take_chunks(pool.get(), 1, 0);  // 8 bytes
   script({8, 72, 8 + 8, 0});
@@ -252,11 +252,11 @@ TEST_F(BlockFiles, FileThatShrinksMeanwhileIsNoCutPool) {
   expect_refused(load_files(POOL), file(0) + ": byte 80: the file cannot be read: Input/output error");
 }
 
-TEST_F(BlockFiles, UnusedSlotsComeBackEmptyAndOtherFilesAreLeft) {
+TEST_F(BlockFiles, UnusedSlotsAreEmptyAndOtherFilesAreIgnored) {
   const array_t original = slot_array(0, 9, 3, 0, 5, MPOOL_TYPE_SHM);
   patch_file(file(1), 5 * 9, 0x55555555);
   std::ofstream(file(2)) << "an old file";
-  const loaded_t loaded = load_files();
+  const load_result_t loaded = load_files();
   ASSERT_NE(loaded.array, nullptr) << loaded.error;
   uint32_t idx;
   for (int i = 0; i < 4; ++i) tslb_da_get_newptr(loaded.array.get(), &idx);

@@ -1,5 +1,5 @@
-// Arrays in mapped files: names, sizes, contents, old files, races for one block, and what happens when the system says
-// no. With the sync walk, whose reports are the only sign of a failed flush.
+// Tests of arrays in mapped files: names, sizes, contents, old files, races for one block, and failing system calls.
+// Also tests of sync, whose only result is its reports.
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -12,7 +12,7 @@
 #include "stored_image.h"
 #include "threads.h"
 
-// A base path of its own for each test; the directory of `ctx_name` in it is the library's to make.
+// Each test has its own base path. The library creates the directory `ctx_name` in it.
 class BlockFiles : public testing::Test {
  protected:
   array_t make(int record_size, int n_direct, uint8_t daflag, const char *ctx_name = "metrics", int tbl_id = 12) {
@@ -27,7 +27,7 @@ class BlockFiles : public testing::Test {
 TEST_F(BlockFiles, NamesOfTablesAndContexts) {
   const array_t negative = make(8, 1, 0, "metrics", -4);
   EXPECT_TRUE(fs::exists(dir_ / "metrics" / "-4.0.darr"));
-  // Block 0 goes by the name as it was given, data blocks by what the handle keeps of it.
+  // Block 0 has the name that was given, data blocks the name that the handle keeps.
   const std::string long_name(40, 'n');
   const array_t split = make(8, 0, 0, long_name.c_str(), 5);
   get_dyn_arr_new_record_id(split.get());
@@ -47,24 +47,24 @@ TEST_F(BlockFiles, NamesOfTablesAndContexts) {
   EXPECT_FALSE(fs::exists(dir_ / "never"));
 }
 
-TEST_F(BlockFiles, OldFilesAreCutEmptiedOrTakenOver) {
+TEST_F(BlockFiles, OldFilesAreResizedAndOnlyFile0IsCleared) {
   fs::create_directory(dir_ / "metrics");
   leave(0, std::string(5000, 'x'));
   leave(1, std::string(5000, 'y'));
   leave(2, std::string(10, 'z'));
   const array_t array = make(8, 2, 0);
-  EXPECT_EQ(get_dyn_arr_size(array.get()), 0u) << "an array left by an earlier run came back";
+  EXPECT_EQ(get_dyn_arr_size(array.get()), 0u) << "the array of an earlier run is still there";
   EXPECT_EQ(fs::file_size(file(0)), 24u + 16);
   void *record;
   for (int i = 0; i < 3; ++i) get_dyn_arr_new_record_id_ex(array.get(), &record, 0);
-  EXPECT_EQ(std::string(bytes_of(record), 8), "yyyyyyyy") << "a data block's file is not cleared";
+  EXPECT_EQ(std::string(bytes_of(record), 8), "yyyyyyyy") << "the file of a data block was cleared";
   EXPECT_EQ(fs::file_size(file(1)), 128u);
   for (int i = 0; i < 16; ++i) get_dyn_arr_new_record_id_ex(array.get(), &record, 0);
   EXPECT_EQ(std::string(bytes_of(record), 16), std::string("zzzzzzzzzz") + std::string(6, '\0'));
 }
 
-// An earlier run's bytes_del would meet bytes_used some time, and the slot would be given back with live chunks in it.
-TEST_F(BlockFiles, PoolCountsItsSlotsAnewInAnOldFile) {
+// An old bytes_del could become equal to bytes_used later. The slot would then be freed with live chunks in it.
+TEST_F(BlockFiles, PoolResetsTheCountersOfSlotsInAnOldFile) {
   fs::create_directory(dir_ / "metrics");
   for (const bool wide : {false, true}) {
     SCOPED_TRACE(wide ? "64-bit address" : "32-bit address");
@@ -78,11 +78,11 @@ TEST_F(BlockFiles, PoolCountsItsSlotsAnewInAnOldFile) {
     take(pool, 1000);
     size_t sums[3];
     tslb_dynmem_update_free_list(pool.get(), &sums[0], &sums[1], &sums[2]);
-    EXPECT_EQ(status_at(pool.get(), 0), TSLB_DA_SLOT_ACTIVE) << "a slot with a live chunk was given back";
+    EXPECT_EQ(status_at(pool.get(), 0), TSLB_DA_SLOT_ACTIVE) << "a slot with a live chunk was freed";
   }
 }
 
-TEST_F(BlockFiles, RacersForABlockEndUpWithOne) {
+TEST_F(BlockFiles, ThreadsThatRaceForABlockGetTheSameOne) {
   for (int round = 0; round < 8; ++round) {
     const array_t array = make(8, 0, 0, "metrics", round);
     pretend_issued(array.get(), 64);
@@ -108,14 +108,14 @@ TEST(BasePath, Lengths) {
   tslb_set_base_path("");
 }
 
-TEST_F(BlockFiles, DirectoryThatCannotBeMadeEndsTheProcess) {
+TEST_F(BlockFiles, DirectoryThatCannotBeCreatedEndsTheProcess) {
   tslb_set_base_path((dir_ / "not" / "there").c_str());
   EXPECT_EXIT(make(8, 1, 0), testing::ExitedWithCode(1),
               "^Erro\\(get_shm_block:[0-9]+\\): failed to create pmem path .*/not/there/metrics. "
               "err\\(2\\)=No such file or directory\n$");
 }
 
-TEST_F(BlockFiles, RefusedBlockLeavesItsEntry) {
+TEST_F(BlockFiles, RefusedBlockLeavesItsEntryNull) {
   const auto expect_refused = [](int64_t bytes, const std::string &ctx_name, const char *why, int want) {
     void *entry = nullptr;
     int err = 0;
@@ -127,12 +127,12 @@ TEST_F(BlockFiles, RefusedBlockLeavesItsEntry) {
     EXPECT_EQ(err, want);
     EXPECT_NE(report.find(why), std::string::npos) << report;
   };
-  // Cut, a path could name another block; and a file of no bytes has no mapping.
+  // A cut path could name another block. A file of no bytes cannot be mapped.
   expect_refused(100, std::string(4096, 'n'), "): path of block 7 of table 3 is too long.", ENAMETOOLONG);
   expect_refused(0, "metrics", "mmap file failed: Invalid argument\n", EINVAL);
 }
 
-TEST_F(BlockFiles, RefusalsAtGrowthLeaveTheArrayUsable) {
+TEST_F(BlockFiles, ArrayStaysUsableAfterARefusedGrowth) {
   signal(SIGXFSZ, SIG_IGN);
   const struct {
     const char *fault;
@@ -142,13 +142,13 @@ TEST_F(BlockFiles, RefusalsAtGrowthLeaveTheArrayUsable) {
   } rows[] = {
     {"no descriptor left", RLIMIT_NOFILE, 0, "open: Too many open files\n"},
     {"no room for the file", RLIMIT_FSIZE, 64, ""},
-#if !defined(TSLB_SANITIZES_ADDRESS) && !defined(TSLB_SANITIZES_THREAD)  // which have reserved far more than any limit
+#if !defined(TSLB_SANITIZES_ADDRESS) && !defined(TSLB_SANITIZES_THREAD)  // sanitizers reserve more than any limit
     {"no mapping left", RLIMIT_AS, 1 << 20, "mmap file failed: Cannot allocate memory\n"},
 #endif
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);
-    const array_t array = make(100, 1, TSLB_DA_DAFLAG_LL, "metrics", row.limit);  // files of its own
+    const array_t array = make(100, 1, TSLB_DA_DAFLAG_LL, "metrics", row.limit);  // each row has its own files
     uint32_t idx;
     ASSERT_NE(tslb_da_get_newptr(array.get(), &idx), nullptr);
     void *slot = &slot;
@@ -166,7 +166,7 @@ TEST_F(BlockFiles, RefusalsAtGrowthLeaveTheArrayUsable) {
   }
 }
 
-TEST_F(BlockFiles, CreationTellsWhyBlock0CannotBeHad) {
+TEST_F(BlockFiles, CreationReportsWhyBlock0IsRefused) {
   const auto expect_refused = [&](const char *fault, const std::string &why, int err) {
     DynamicArray_t array = nullptr;
     const std::string report =
@@ -179,12 +179,12 @@ TEST_F(BlockFiles, CreationTellsWhyBlock0CannotBeHad) {
   fs::create_directories(file(0));
   expect_refused("a folder opened as a file", "Is a directory", EISDIR);
   fs::remove_all(dir_ / "metrics");
-  // stat says of a link to nowhere that it is missing, mkdir that it is there.
+  // stat reports that a dangling link does not exist, mkdir that it exists.
   fs::create_symlink(dir_ / "nowhere", dir_ / "metrics");
-  expect_refused("a folder that a rival made taken for a failure", "No such file or directory", ENOENT);
+  expect_refused("a folder that another process created treated as a failure", "No such file or directory", ENOENT);
 }
 
-// What a sync says while some bytes of an array, a page's beginning on, are not mapped.
+// Returns the report of a sync while some bytes of an array, from the start of a page, are not mapped.
 static std::string report_without(DynArrHandle_t *array, const std::vector<std::pair<void *, size_t>> &parts) {
   for (const auto &[at, bytes] : parts) munmap(at, bytes);
   const std::string report = stderr_of([&] { tslb_syn_shm_dynarr(array); });
@@ -208,12 +208,12 @@ TEST_F(BlockFiles, SyncCoversEveryBlockInUseAndReportsWhatFails) {
     both += want;
   }
   EXPECT_EQ(report_without(array.get(), {{array->ir_base->ir1[0], 16 * 108}, {array->ir_base->ir1[1], 16 * 108}}), both)
-      << "a block that fails stops nothing";
+      << "a failed block ended the walk";
 
-  // One id fewer, and the second block is in nobody's use.
+  // With one id fewer, the second block is not in use.
   get_dyn_hdr(array.get())->n_used = 18;
   EXPECT_EQ(report_without(array.get(), {{array->ir_base->ir1[1], 16 * 108}}), "");
-  // And two fewer levels of trust: with n_used within the direct area no table is touched at all.
+  // With n_used in the direct area, no table is read.
   get_dyn_hdr(array.get())->n_used = 2;
   PtrTbl_t *const tables = array->ir_base;
   array->ir_base = reinterpret_cast<PtrTbl_t *>(8);
@@ -221,8 +221,8 @@ TEST_F(BlockFiles, SyncCoversEveryBlockInUseAndReportsWhatFails) {
   array->ir_base = tables;
 }
 
-// A direct area of just one page, which the headers push into a second one: the report counts the area alone.
-TEST_F(BlockFiles, SyncOfBlock0TakesItsHeadersInAndGoesOnPastItsFailure) {
+// A direct area of exactly one page. With the headers it reaches into a second page. The report counts only the area.
+TEST_F(BlockFiles, SyncOfBlock0IncludesItsHeadersAndContinuesAfterAFailure) {
   const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
   const array_t array = make(64, static_cast<int>(page / 64), 0);
   for (size_t i = 0; i < page / 64 + 256 + 1; ++i) get_dyn_arr_new_record_id(array.get());
@@ -236,29 +236,29 @@ TEST_F(BlockFiles, SyncOfBlock0TakesItsHeadersInAndGoesOnPastItsFailure) {
   EXPECT_EQ(count_of(report, "msync failed"), 2u) << report;
 }
 
-TEST_F(BlockFiles, NoDescriptorAndNoMappingStaysBehind) {
+TEST_F(BlockFiles, NoDescriptorOrMappingLeaks) {
   const auto mapped = [&] { return count_of(content_of("/proc/self/maps"), dir_.string()); };
   const size_t descriptors = open_descriptors();
   {
     const array_t array = make(8, 1, 0);
     for (int i = 0; i < 100; ++i) get_dyn_arr_new_record_id(array.get());
-    EXPECT_EQ(open_descriptors(), descriptors) << "a mapping lives on without its descriptor";
+    EXPECT_EQ(open_descriptors(), descriptors) << "a mapping keeps its descriptor open";
     EXPECT_EQ(mapped(), 1u + 7);
     void *entry = this;
-    EXPECT_EQ(get_shm_block(128, "metrics", 12, 1, &entry), 0) << "a rival was first";
+    EXPECT_EQ(get_shm_block(128, "metrics", 12, 1, &entry), 0) << "the entry was filled already";
     EXPECT_EQ(get_pmem_block(128, "metrics", 12, 1, &entry), 1);
     EXPECT_EQ(entry, this);
-    EXPECT_EQ(mapped(), 1u + 7) << "the loser of the swap keeps its mapping";
+    EXPECT_EQ(mapped(), 1u + 7) << "the thread that lost the swap kept its mapping";
     signal(SIGXFSZ, SIG_IGN);
     const limit_t limit(RLIMIT_FSIZE, 64);
     entry = nullptr;
     get_shm_block(128, "metrics", 99, 1, &entry);
   }
   EXPECT_EQ(open_descriptors(), descriptors);
-  EXPECT_EQ(mapped(), 0u) << "teardown left blocks mapped";
+  EXPECT_EQ(mapped(), 0u) << "blocks are still mapped after destroy_dyn_arr";
 }
 
-TEST_F(BlockFiles, ModesAreThoseOfSharedFiles) {
+TEST_F(BlockFiles, FilesAndFoldersHaveSharedModes) {
   const mode_t mask = umask(0);
   const array_t array = make(8, 1, 0);
   umask(mask);

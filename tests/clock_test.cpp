@@ -1,4 +1,4 @@
-// The clock: scaling, shifting, refusals, and times as text. The system's time is ours here.
+// Tests of the clock: scaling, shifting, refusals, and times as text. The test defines the system's time.
 #include <dlfcn.h>
 #include <math.h>
 #include <signal.h>
@@ -7,7 +7,7 @@
 #include <tslb/tslb_util.h>
 #include "array_support.h"
 
-static time_t system_now;  // 0: the real one
+static time_t system_now;  // 0: the real time
 
 extern "C" __attribute__((visibility("default"))) time_t time(time_t *at) {
   struct timespec real;
@@ -17,7 +17,7 @@ extern "C" __attribute__((visibility("default"))) time_t time(time_t *at) {
   return now;
 }
 
-// What the conversion runs under.
+// Signal mask during the conversion.
 static sigset_t mask_at_conversion;
 
 extern "C" __attribute__((visibility("default"))) struct tm *localtime_r(const time_t *at, struct tm *parts) {
@@ -55,8 +55,8 @@ TEST_F(Clock, Arithmetic) {
       {"offset ignored at factor 1", 1.0, 0, 1000, -5, 995, 995},
       {"offset added after scaling", 2.0, 1000, 1000, 10, 1005, 1010},
       {"origin changes factor 1", 1.0, 123456789, 9007199254740991, 0, 9007199254740991, 9007199254740991},
-      {"origin added ahead of the division", 3.0, 1, 9007199254740993, 0, 3002399751580331, 9007199254740993},
-      {"an origin that no double holds skipped at factor 1", 1.0, (1L << 53) + 1, 3, 0, 2, 3},
+      {"origin added before the division", 3.0, 1, 9007199254740993, 0, 3002399751580331, 9007199254740993},
+      {"an origin that is not exact as a double skipped at factor 1", 1.0, (1L << 53) + 1, 3, 0, 2, 3},
       {"cast beyond the range", 1e-300, 0, 1, 0, INT64_MAX, 1},
       {"cast beyond the range, before the origin", 1e-300, 2, 1, 0, INT64_MIN, 1},
   };
@@ -103,13 +103,13 @@ TEST_F(Clock, CurrentDateAndTime) {
   EXPECT_STREQ(tslb_get_cur_date_time(text, 0), "01/01/1999 02:00:00");
   system_now = 4102444800;  // 2100
   EXPECT_STREQ(tslb_get_cur_date_time(text, 0), "01/01/100 02:00:00");
-  system_now = -62324985600;  // five years ahead of year 0
+  system_now = -62324985600;  // five years before year 0
   EXPECT_STREQ(tslb_get_cur_date_time(text, 0), "01/01/-5 02:00:00");
   system_now = INT64_MAX / 2;
   EXPECT_STREQ(tslb_get_cur_date_time(text, 1), "Error|Error");
 }
 
-TEST_F(Clock, SignalMaskIsGivenBackExactly) {
+TEST_F(Clock, SignalMaskIsRestoredExactly) {
   char text[65];
   sigset_t mine, after;
   sigemptyset(&mine);
@@ -127,7 +127,7 @@ TEST_F(Clock, SignalMaskIsGivenBackExactly) {
   sigprocmask(SIG_SETMASK, &mine, nullptr);
   tslb_dl_init_internal("stdout", 0, 0);
   stdout_of([] { tslb_dl_logging(0, "f", "g", 1, "x"); });
-  EXPECT_EQ(sigismember(&mask_at_conversion, SIGUSR2), 1) << "a line of the log is stamped with signals let in";
+  EXPECT_EQ(sigismember(&mask_at_conversion, SIGUSR2), 1) << "a log line's time stamp is made with signals allowed";
 }
 
 TEST_F(Clock, InstantAsText) {
@@ -144,10 +144,10 @@ TEST_F(Clock, InstantAsText) {
   EXPECT_STREQ(tslb_ts_string(noon, nullptr, text, sizeof(text)), "1735560000 30/12/2025 12:00:00 GMT ");
   text[0] = 'x';
   tslb_ts_string(noon, nullptr, text, 0);
-  EXPECT_EQ(text[0], 'x') << "no room, nothing written";
+  EXPECT_EQ(text[0], 'x') << "written although there is no room";
 }
 
-TEST_F(Clock, AbortFlagIsSetAndStays) {
+TEST_F(Clock, AbortFlagStaysSet) {
   EXPECT_EQ(g_tslb_abort_on_error, 0);
   tslb_set_abort_on_error();
   EXPECT_EQ(g_tslb_abort_on_error, 1);

@@ -1,4 +1,4 @@
-// Conversions through the driver: every route against streams put together byte by byte, and every refusal.
+// Tests of the conversion driver: every conversion against streams that are assembled byte by byte, and every refusal.
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -9,10 +9,10 @@
 #include "convert_support.h"
 #include "fault_alloc.h"
 
-TEST(Convert, RoutesHereAreThoseOfTheMaps) {
+TEST(Convert, RoutesMatchTheVersionMaps) {
   size_t n_routes = 0;
   for (const TSDBVerMap_t &row : g_old_vermap)
-    for (const TSDBVerCB_t &way : row.cb) n_routes += way.downgrade_cb != nullptr ? 1 : 0;
+    for (const TSDBVerCB_t &conversion : row.cb) n_routes += conversion.downgrade_cb != nullptr ? 1 : 0;
   EXPECT_EQ(std::size(kRoutes), n_routes) << "a route is not covered by these tests";
 }
 
@@ -20,17 +20,17 @@ static bool operator==(const recovery_counts_t &a, const recovery_counts_t &b) {
   return memcmp(&a, &b, sizeof(a)) == 0;
 }
 
-struct converted_t {
+struct conversion_result_t {
   recovery_result_t result;
   recovery_counts_t counts;
   std::string error, output;
-  bool struck;  // by the failure of an allocation that was asked for
+  bool struck;  // the requested failure of an allocation happened
 };
 
-// The nth allocation on the way fails; 0: none.
-static converted_t convert(const std::string &stream, const recovery_conversion_t &conversion, int nth = 0) {
+// Converts; the nth allocation fails (0: none).
+static conversion_result_t convert(const std::string &stream, const recovery_conversion_t &conversion, int nth = 0) {
   const memory_file_t in(stream), out;
-  converted_t converted = {};
+  conversion_result_t converted = {};
   char error[256] = "untouched";
   converted.counts.n_records = 99;
   {
@@ -40,12 +40,12 @@ static converted_t convert(const std::string &stream, const recovery_conversion_
   }
   converted.error = error;
   converted.output = content_of(out.fd());
-  EXPECT_EQ(content_of(in.fd()), stream) << "the input is only read";
+  EXPECT_EQ(content_of(in.fd()), stream) << "the input was changed";
   return converted;
 }
 
-static void expect_nothing_done(const converted_t &converted) {
-  EXPECT_EQ(converted.output, "") << "a refusal writes nothing";
+static void expect_nothing_done(const conversion_result_t &converted) {
+  EXPECT_EQ(converted.output, "") << "a refused conversion wrote output";
   EXPECT_EQ(converted.counts, recovery_counts_t{});
   EXPECT_NE(converted.error, "");
   EXPECT_EQ(converted.error.find('\n'), std::string::npos);
@@ -57,14 +57,14 @@ TEST(ConvertDriver, EveryRouteOfTheCatalogue) {
       for (const uint32_t n_records : {0u, 3u, 60u}) {
         SCOPED_TRACE(testing::Message() << route.name << " to " << int{route.to} << ", flags " << int{daflag} << ", "
                                         << n_records << " records");
-        const stored_t stored = store(route.newer_bytes, daflag, route.from, n_records);
+        const stored_array_t stored = store(route.newer_bytes, daflag, route.from, n_records);
         const std::string want = expected_stream(route, stored, daflag);
         const uint32_t n_active = n_records - stored.n_free - stored.n_inactive - stored.n_other;
         const recovery_counts_t counts = {want.size(),       n_records,         n_active,
                                           stored.n_free,     stored.n_inactive, stored.n_other,
                                           route.newer_bytes, route.older_bytes, 0};
         for (const uint8_t dry_run : {uint8_t{0}, uint8_t{1}}) {
-          const converted_t got = convert(stored.stream, {route.rec_type, 0, route.to, dry_run});
+          const conversion_result_t got = convert(stored.stream, {route.rec_type, 0, route.to, dry_run});
           ASSERT_EQ(got.result, RECOVERY_DONE) << got.error;
           EXPECT_EQ(got.error, "");
           EXPECT_TRUE(got.output == (dry_run != 0 ? "" : want)) << got.output.size() << " bytes of " << want.size();
@@ -86,14 +86,14 @@ TEST(ConvertDriver, OldHeadersKeepEverySlotAndList) {
       {"a plain array gets nodes", 12, 0, 0, 40},
       {"an empty array is refused", 12, 0, TSLB_DA_DAFLAG_INLL, 0},
       {"data blocks are lost with the handle's flags", 12, 0, TSLB_DA_DAFLAG_INLL, 60},
-      {"one of two flags, or a flag that means nothing here, is lost", 9, 0, 0xF3, 40},
-      {"a user header shifts lists or slots, or is not carried", 9, 13, TSLB_DA_DAFLAG_INLL, 40},
-      {"a user header longer than a pool's is carried in part", 12, 300, TSLB_DA_DAFLAG_LL, 40},
+      {"one of two flags, or an unknown flag, is lost", 9, 0, 0xF3, 40},
+      {"a user header shifts lists or slots, or is not copied", 9, 13, TSLB_DA_DAFLAG_INLL, 40},
+      {"a user header longer than a pool's is copied in part", 12, 300, TSLB_DA_DAFLAG_LL, 40},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);
-    const stored_t stored = store(row.record_bytes, row.daflag, 0xC3, row.n_records, row.hdr_size);
-    const converted_t got = convert(stored.stream, {RECTYPE_LIB, 1, 1, 0});
+    const stored_array_t stored = store(row.record_bytes, row.daflag, 0xC3, row.n_records, row.hdr_size);
+    const conversion_result_t got = convert(stored.stream, {RECTYPE_LIB, 1, 1, 0});
     ASSERT_EQ(got.result, RECOVERY_DONE) << got.error;
     std::string want = stored.stream;
     want[0] = 1;
@@ -105,8 +105,8 @@ TEST(ConvertDriver, OldHeadersKeepEverySlotAndList) {
   }
 }
 
-// Anything but 0 chooses the library's map.
-TEST(ConvertDriver, PoolsComeOutAsTheyAre) {
+// Every value except 0 selects the library's map.
+TEST(ConvertDriver, PoolsAreCopiedUnchanged) {
   static const struct {
     const char *fault;
     uint16_t rec_type;
@@ -129,7 +129,7 @@ TEST(ConvertDriver, PoolsComeOutAsTheyAre) {
       std::string older = want;
       older[0] = static_cast<char>(row.lib_version_after);
       for (const std::string &stream : {want, cut}) {
-        const converted_t got = convert(stream, {row.rec_type, 2, row.to, 0});
+        const conversion_result_t got = convert(stream, {row.rec_type, 2, row.to, 0});
         EXPECT_EQ(got.result, RECOVERY_DONE) << got.error;
         EXPECT_EQ(got.counts.version_is_asserted, row.asserted);
         EXPECT_EQ(got.counts.stream_bytes_after, want.size());
@@ -140,8 +140,8 @@ TEST(ConvertDriver, PoolsComeOutAsTheyAre) {
   }
 }
 
-// The older reader has no array_settle, so bytes that a killed process reserved are accounted for here.
-TEST(ConvertDriver, PoolsComeOutSettled) {
+// The older reader has no array_settle, so the conversion accounts for the bytes that a killed process reserved.
+TEST(ConvertDriver, PoolsAreSettledInTheOutput) {
   const array_t pool = chunk_pool(BIT_VECTOR, 1);
   DynMemHdr_t *const hdr = static_cast<DynMemHdr_t *>(get_user_hdr(pool.get()));
   MemSlot_t *const slot = static_cast<MemSlot_t *>(tslb_da_get_ptr(pool.get(), 0));
@@ -149,12 +149,12 @@ TEST(ConvertDriver, PoolsComeOutSettled) {
   const std::string stream = stream_of(pool.get());
   slot->bytes_used += 8;
   slot->bytes_del += 8;
-  const converted_t got = convert(stream, {RECTYPE_LIB_BV, 2, 0, 0});
+  const conversion_result_t got = convert(stream, {RECTYPE_LIB_BV, 2, 0, 0});
   EXPECT_EQ(got.result, RECOVERY_DONE) << got.error;
   EXPECT_TRUE(got.output == stream_of(pool.get()));
 }
 
-TEST(ConvertDriver, RefusesWhatDoesNotFit) {
+TEST(ConvertDriver, RefusesArraysThatDoNotMatchTheMap) {
   constexpr uint8_t LL = TSLB_DA_DAFLAG_LL, INLL = TSLB_DA_DAFLAG_INLL;
   const std::string groups = store(44, 0, 2, 20).stream, types = store(100, INLL, 1, 20).stream;
   const std::string big_buffer = stream_of(chunk_pool(BIG_BUFFER, 9).get());
@@ -175,12 +175,12 @@ TEST(ConvertDriver, RefusesWhatDoesNotFit) {
   } rows[] = {
       {"truncated records", 2, 0, 0, groups.substr(0, groups.size() - 1), BAD_STREAM,
        "byte 903: ends 43 bytes into slot 19 of 44 bytes"},
-      {"a list that contradicts itself", 1, 0, 0, edited(types, 8, 18), BAD_STREAM,
+      {"an inconsistent list", 1, 0, 0, edited(types, 8, 18), BAD_STREAM,
        "byte 2172: status 2 on the free list, slot 18"},
-      {"a status that is none made active", 1, 0, 0, edited(types, 84 + 2 * 116, 9), BAD_STREAM,
+      {"a status that does not exist made active", 1, 0, 0, edited(types, 84 + 2 * 116, 9), BAD_STREAM,
        "byte 316: status 9 of slot 2 does not exist"},
       {"older", 2, 0, 0, edited(groups, 1, 1), DOES_NOT_FIT, "rec_version 1, but the version map has 2 for g_mg"},
-      {"a version from the future", 2, 0, 1, edited(groups, 1, 3), DOES_NOT_FIT,
+      {"a version that is unknown", 2, 0, 1, edited(groups, 1, 3), DOES_NOT_FIT,
        "rec_version 3, but the version map has 2 for g_mg"},
       {"other records", 2, 0, 0, stored(28, 0, 2), DOES_NOT_FIT, "record_size 28, but g_mg has 44 in version 2"},
       {"older", 20, 0, 0, stored(392, 0, 1), DOES_NOT_FIT, "record_size 392, but dmt_subject has 4232 in version 1"},
@@ -194,7 +194,7 @@ TEST(ConvertDriver, RefusesWhatDoesNotFit) {
       {"its own version", 2, 0, 2, groups, UNSUPPORTED, "g_mg is already in version 2"},
       {"no routine", 2, 0, 3, groups, UNSUPPORTED, "g_mg has no conversion from version 2 to 3"},
       {"no such version", 2, 0, 4, groups, UNSUPPORTED, "g_mg has no conversion from version 2 to 4"},
-      {"a type without a way", 5, 0, 1, groups, UNSUPPORTED, "l_mt has no conversion from version 0 to 1"},
+      {"a type without conversions", 5, 0, 1, groups, UNSUPPORTED, "l_mt has no conversion from version 0 to 1"},
       {"a type in version 0", 0, 0, 0, groups, UNSUPPORTED, "subject is already in version 0"},
       {"a row of the catalogue", 2, 1, 1, bit_vector, UNSUPPORTED, "lib_bv is already in version 1"},
       {"an empty row", 4, 1, 1, groups, UNSUPPORTED, "tot has no conversion from version 0 to 1"},
@@ -210,7 +210,7 @@ TEST(ConvertDriver, RefusesWhatDoesNotFit) {
   for (const auto &row : rows) {
     for (const uint8_t dry_run : {uint8_t{0}, uint8_t{1}}) {
       SCOPED_TRACE(testing::Message() << row.fault << (dry_run != 0 ? ", dry" : ""));
-      const converted_t got = convert(row.stream, {row.rec_type, row.is_lib, row.to, dry_run});
+      const conversion_result_t got = convert(row.stream, {row.rec_type, row.is_lib, row.to, dry_run});
       EXPECT_EQ(got.result, row.result);
       EXPECT_EQ(got.error, row.line);
       expect_nothing_done(got);
@@ -218,7 +218,7 @@ TEST(ConvertDriver, RefusesWhatDoesNotFit) {
   }
 }
 
-TEST(ConvertDriver, KnowsNothingOutsideTheMaps) {
+TEST(ConvertDriver, RefusesRowsOutsideTheMaps) {
   static const struct {
     uint16_t rec_type;
     uint8_t is_lib;
@@ -230,7 +230,7 @@ TEST(ConvertDriver, KnowsNothingOutsideTheMaps) {
       {32, 9, "record type 32 is not in the library's version map"},
   };
   for (const auto &row : rows) {
-    const converted_t got = convert(store(44, 0, 2, 5).stream, {row.rec_type, row.is_lib, 0, 0});
+    const conversion_result_t got = convert(store(44, 0, 2, 5).stream, {row.rec_type, row.is_lib, 0, 0});
     EXPECT_EQ(got.result, RECOVERY_UNSUPPORTED);
     EXPECT_EQ(got.error, row.line);
     expect_nothing_done(got);
@@ -251,23 +251,23 @@ TEST(ConvertDriver, LineIsCutToTheBuffer) {
 
 TEST(ConvertDriver, RefusedMemoryWritesNothing) {
   const std::string groups = store(44, 0, 2, 60).stream;
-  // The last record alone lies in the last block: without its memory a copy has as many ids, and headers that differ in
-  // nothing.
+  // Only the last record lies in the last block. If the memory of that block is refused, a copy has as many ids and the
+  // same headers.
   const std::string slots = store(12, 0, 0, 3 + 3 * 16 + 1).stream;
   static const struct {
     const char *fault;
     const std::string *stream;
     recovery_conversion_t conversion;
   } rows[] = {
-      {"a catalogue array half done", &groups, {RECTYPE_G_MG, 0, 0, 0}},
-      {"a copy that ended early taken for a whole one", &slots, {RECTYPE_LIB, 1, 1, 0}},
+      {"a partly converted catalogue array written", &groups, {RECTYPE_G_MG, 0, 0, 0}},
+      {"an incomplete copy treated as complete", &slots, {RECTYPE_LIB, 1, 1, 0}},
   };
   for (const auto &row : rows) {
     std::set<recovery_result_t> seen;
     bool struck = true;
     for (int nth = 1; struck; ++nth) {
       SCOPED_TRACE(testing::Message() << row.fault << ", allocation " << nth);
-      converted_t got;
+      conversion_result_t got;
       stderr_of([&] { got = convert(*row.stream, row.conversion, nth); });
       struck = got.struck;
       ASSERT_EQ(got.result == RECOVERY_DONE, !struck);
@@ -279,9 +279,9 @@ TEST(ConvertDriver, RefusedMemoryWritesNothing) {
   }
 }
 
-// Headers can claim a direct area or records that the stream does not have. The tests' allocator counts no bytes; the
-// address space shows what was asked for.
-TEST(ConvertDriver, ClaimsCostNoMemory) {
+// Headers can claim a direct area or records that the stream does not contain. The tests' allocator does not count
+// bytes, so a limit on the address space shows the requested memory.
+TEST(ConvertDriver, ClaimedRecordsAllocateNoMemory) {
 #ifndef TSLB_SANITIZES_ADDRESS
   std::string wide = store(44, 0, 2, 3).stream;  // 156 bytes
   write_at(wide.data(), 8 + 8, uint32_t{12'000'000});
@@ -292,7 +292,7 @@ TEST(ConvertDriver, ClaimsCostNoMemory) {
   if (child == 0) {
     const rlimit limit = {rlim_t{256} << 20, rlim_t{256} << 20};
     if (setrlimit(RLIMIT_AS, &limit) != 0) _exit(9);
-    const converted_t older = convert(wide, {RECTYPE_LIB, 1, 1, 0});
+    const conversion_result_t older = convert(wide, {RECTYPE_LIB, 1, 1, 0});
     std::string want = wide;
     want[0] = 1;
     if (older.result != RECOVERY_DONE || older.output != want) _exit(1);
@@ -306,10 +306,10 @@ TEST(ConvertDriver, ClaimsCostNoMemory) {
 #endif
 }
 
-// A stream whose slots lie in one block in memory comes out as one whose slots did not.
+// The output does not depend on whether the slots lie in one block in memory.
 TEST(ConvertDriver, PipesAreConvertedLikeFiles) {
   for (const uint32_t n_records : {0u, 2u, 3u, 60u}) {
-    const stored_t stored = store(12, TSLB_DA_DAFLAG_INLL, 7, n_records);
+    const stored_array_t stored = store(12, TSLB_DA_DAFLAG_INLL, 7, n_records);
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
     ASSERT_EQ(write(ends[1], stored.stream.data(), stored.stream.size()), static_cast<ssize_t>(stored.stream.size()));
@@ -327,7 +327,7 @@ TEST(ConvertDriver, PipesAreConvertedLikeFiles) {
   }
 }
 
-TEST(ConvertDriver, TellsABrokenOutput) {
+TEST(ConvertDriver, ReportsAnOutputThatCannotBeWritten) {
   const std::string groups = store(44, 0, 2, 60).stream;
   const memory_file_t in(groups);
   const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);

@@ -1,4 +1,4 @@
-// Conversions through the tool: that it hands what is asked to the driver, and what becomes of files that are there.
+// Tests of the conversion tool: the arguments that it passes to the driver, and its treatment of existing files.
 #include <sys/stat.h>
 
 #include <map>
@@ -26,7 +26,8 @@ TEST_F(Tool, EveryRouteOfTheLibrary) {
       {"headers", "--to 1 --rec-type lib", slots, edited(slots, 0, 1), false},
       {"number read as a row of the catalogue", "--to 1 --rec-type 0 --lib", slots, edited(slots, 0, 1), false},
       {"name refused beside --lib", "--to 0 --rec-type lib_bb --lib", big_buffer, big_buffer, true},
-      {"an asserted version passed off as checked", "--to 0 --rec-type lib_bb", big_buffer, big_buffer, true},
+      {"a version that only the user states reported as checked", "--to 0 --rec-type lib_bb", big_buffer, big_buffer,
+       true},
       {"bit-vector pool", "--to 0 --rec-type 2 --lib", bit_vector, bit_vector, true},
   };
   for (const auto &row : rows) {
@@ -42,7 +43,7 @@ TEST_F(Tool, EveryRouteOfTheLibrary) {
 
 const std::string TO_OLDEST = "--rec-type g_mg --to 0 ";
 
-TEST_F(Tool, LeavesOtherFilesAlone) {
+TEST_F(Tool, DoesNotReplaceOtherFiles) {
   const std::string groups = store(44, 0, 2, 20).stream;
   write("in", groups);
   write("old", "old");
@@ -58,8 +59,8 @@ TEST_F(Tool, LeavesOtherFilesAlone) {
     bool force;
     const char *line;
   } rows[] = {
-      {"replaced unasked", "in", "old", false, "old: exists; --force replaces it"},
-      {"a link followed or replaced unasked", "in", "dangling", false, "dangling: exists; --force replaces it"},
+      {"replaced without --force", "in", "old", false, "old: exists; --force replaces it"},
+      {"a link followed or replaced without --force", "in", "dangling", false, "dangling: exists; --force replaces it"},
       {"input replaced", "in", "in", true, "in: is the input file"},
       {"input replaced through a link", "in", "link_to_in", true, "link_to_in: is the input file"},
       {"input read through a link, replaced", "link_to_in", "in", true, "in: is the input file"},
@@ -72,11 +73,11 @@ TEST_F(Tool, LeavesOtherFilesAlone) {
        "none/out: no temporary file can be created in its folder: No such file or directory"},
       {"missing input", "none", "out", false, "none: cannot be read: No such file or directory"},
       {"a directory read", "dir", "out", false, "dir: not a regular file"},
-      {"a pipe waited for", "pipe", "out", false, "pipe: not a regular file"},
+      {"waits for a pipe", "pipe", "out", false, "pipe: not a regular file"},
   };
   for (const auto &row : rows) {
     for (const bool dry : {false, true}) {
-      if (dry && strcmp(row.out, "none/out") == 0) continue;  // it makes no file there
+      if (dry && strcmp(row.out, "none/out") == 0) continue;  // a dry run creates no file there
       SCOPED_TRACE(testing::Message() << row.fault << (dry ? ", dry" : ""));
       const std::string files = row.in + std::string(" ") + row.out;
       expect_refused(run(TO_OLDEST + files + (row.force ? " --force" : "") + (dry ? " --dry-run" : "")), row.line);
@@ -87,19 +88,19 @@ TEST_F(Tool, LeavesOtherFilesAlone) {
   }
 }
 
-// By the number of its row, as others are by name.
+// Names the type by its row number; other tests use the type's name.
 TEST_F(Tool, ForceReplacesAFile) {
-  const stored_t groups = store(44, 0, 2, 20);
+  const stored_array_t groups = store(44, 0, 2, 20);
   write("in", groups.stream);
   write("out", std::string(100000, 'x'));
   ASSERT_EQ(chmod(path("in").c_str(), 0640), 0);
   EXPECT_EQ(run("--rec-type 2 --to 1 --force in out").exit_code, 0);
   EXPECT_TRUE(read("out") == expected_stream(kRoutes[2], groups, 0));
-  EXPECT_EQ(fs::status(path("out")).permissions(), fs::perms{0640}) << "the mode is the input's";
+  EXPECT_EQ(fs::status(path("out")).permissions(), fs::perms{0640}) << "the output does not have the input's mode";
   EXPECT_EQ(names(), (std::vector<std::string>{"in", "out"}));
 }
 
-TEST_F(Tool, AnOutputThatFailsIsNotThere) {
+TEST_F(Tool, FailedOutputLeavesNoFile) {
   write("in", store(44, 0, 2, 60).stream);
   const struct {
     const char *fault;
@@ -107,7 +108,7 @@ TEST_F(Tool, AnOutputThatFailsIsNotThere) {
     limits_t limits;
     const char *last_line;
   } rows[] = {
-      {"a refusal is not told", "--rec-type g_mg --to 2 ", {}, "in: g_mg is already in version 2"},
+      {"a refusal is not reported", "--rec-type g_mg --to 2 ", {}, "in: g_mg is already in version 2"},
       {"a cut output is kept", TO_OLDEST, {nullptr, 2000}, "out: the converted array could not be written completely"},
       {"a lost report", TO_OLDEST, {"/dev/full"}, "stdout: cannot be written: No space left on device"},
   };
@@ -119,7 +120,7 @@ TEST_F(Tool, AnOutputThatFailsIsNotThere) {
       EXPECT_EQ(ran.exit_code, 1);
       const std::string end = std::string("tslb-convert: ") + row.last_line + "\n";
       EXPECT_EQ(ran.err.substr(ran.err.size() - std::min(ran.err.size(), end.size())), end);
-      EXPECT_EQ(names().size(), over_old ? 2u : 1u) << "something was left behind";
+      EXPECT_EQ(names().size(), over_old ? 2u : 1u) << "a file was left over";
       if (over_old) {
         EXPECT_EQ(read("out"), "old");
       }
@@ -129,7 +130,7 @@ TEST_F(Tool, AnOutputThatFailsIsNotThere) {
 }
 
 TEST_F(Tool, DryRunCountsAndWritesNothing) {
-  const stored_t types = store(100, TSLB_DA_DAFLAG_INLL, 1, 60);
+  const stored_array_t types = store(100, TSLB_DA_DAFLAG_INLL, 1, 60);
   write("in", types.stream);
   for (const char *files : {"in", "in out"}) {
     const run_t ran = run(std::string("--dry-run --rec-type type --to 0 ") + files);
@@ -149,8 +150,8 @@ TEST_F(Tool, DryRunCountsAndWritesNothing) {
   }
 }
 
-// Row, name, version, nodes, versions there is a way to, and record bytes by version. All that are left out here stand
-// in version 0, without a way.
+// Row, name, version, nodes, target versions, and record bytes by version. Rows that are missing here have version 0
+// and no conversion.
 TEST_F(Tool, ListHasEveryRow) {
   const std::map<std::string, std::string> rows = {
       {"0 subject", "0 INLL - -"},
@@ -183,7 +184,7 @@ TEST_F(Tool, ListHasEveryRow) {
   }
   EXPECT_EQ(n_known, rows.size());
   EXPECT_EQ(n_rows, 33u + 5u);
-  EXPECT_EQ(run("--list", {.out_path = "/dev/full"}).exit_code, 1) << "a list that did not arrive is success";
+  EXPECT_EQ(run("--list", {.out_path = "/dev/full"}).exit_code, 1) << "an unwritten list counts as success";
 }
 
 TEST_F(Tool, Usage) {
@@ -194,15 +195,15 @@ TEST_F(Tool, Usage) {
     const char *fault, *arguments;
     std::string line;
   } rows[] = {
-      {"nothing asked", "", "--rec-type is missing"},
+      {"no arguments accepted", "", "--rec-type is missing"},
       {"version 0 assumed", "--rec-type g_mg in out", "--to is missing"},
       {"no files", "--rec-type g_mg --to 0", "IN is missing"},
       {"no output", "--rec-type g_mg --to 0 in", "OUT is missing"},
-      {"a type that is none", "--rec-type G_MG --to 0 in out", "--rec-type G_MG" + in_neither},
+      {"an unknown type", "--rec-type G_MG --to 0 in out", "--rec-type G_MG" + in_neither},
       {"the start of a number", "--rec-type 2x --to 0 in out", "--rec-type 2x" + in_neither},
-      {"a row behind the catalogue", "--rec-type 33 --to 0 in out", "--rec-type 33" + in_neither},
+      {"a row after the end of the catalogue", "--rec-type 33 --to 0 in out", "--rec-type 33" + in_neither},
       {"a number cut to 16 bits", "--rec-type 65538 --to 0 in out", "--rec-type 65538" + in_neither},
-      {"a row behind the library", "--lib --rec-type 5 --to 0 in out", "--rec-type 5" + not_in_library},
+      {"a row after the end of the library's map", "--lib --rec-type 5 --to 0 in out", "--rec-type 5" + not_in_library},
       {"a catalogue type of the library", "--lib --rec-type g_mg --to 0 in out", "--rec-type g_mg" + not_in_library},
       {"a version cut to 8 bits", "--rec-type g_mg --to 256 in out", "--to: Value 256 not in range 0 to 255"},
       {"a list with a conversion", "--list in", "--list takes no other arguments"},

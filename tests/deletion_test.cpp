@@ -1,5 +1,5 @@
-// Deletion of chunks and the way of emptied slots back to the free list. Other operations are put between a reservation
-// and its counter, ahead of the lock, or into the search through notes.
+// Tests of chunk deletion and of the return of empty slots to the free list. Other operations run between a reservation
+// and its counter, before the lock, or during the search through notes.
 #include <thread>
 
 #include <tslb/array_settle.h>
@@ -25,7 +25,7 @@ static indices_t free_slots(const array_t &pool) {
   return audit_lists(pool.get()).free;
 }
 
-TEST(Deletion, LastOfAFilledSlotGivesItBack) {
+TEST(Deletion, LastChunkOfAFilledSlotReleasesIt) {
   for (const char slot_type : std::initializer_list<char>{0, MPOOL_FLAG_BV}) {
     const array_t pool = pool_of({.slot_type = slot_type});
     const auto filled = take_several(pool, 3, 320);
@@ -38,23 +38,25 @@ TEST(Deletion, LastOfAFilledSlotGivesItBack) {
     redo_recorder_t log(&pool->spinlock);
     del(pool, filled[2]);
     EXPECT_EQ(free_slots(pool), indices_t{0});
-    std::string told;  // the slot's node and the header
+    std::string logged;  // the slot's node and the header
     for (const auto &record : log.take())
-      told += (record.locked ? "locked " : "") + std::to_string(record.data_off) + "+" +
-              std::to_string(record.bytes.size()) + " ";
-    EXPECT_EQ(told, "140+8 0+140 ");
-    EXPECT_EQ(memcmp(&g_mem_st, &global_before, sizeof(g_mem_st)), 0) << "deletion does not touch the totals";
+      logged += (record.locked ? "locked " : "") + std::to_string(record.data_off) + "+" +
+                std::to_string(record.bytes.size()) + " ";
+    EXPECT_EQ(logged, "140+8 0+140 ");
+    EXPECT_EQ(memcmp(&g_mem_st, &global_before, sizeof(g_mem_st)), 0) << "a deletion changed the totals";
     EXPECT_EQ(memcmp(&hdr_of(pool), &before, sizeof(before)), 0);
   }
 }
 
-TEST(Deletion, SecondDeletionCountsNothingAndTheChunkResolves) {
+TEST(Deletion, SecondDeletionCountsNothingAndTheAddressStillResolves) {
   const array_t pool = pool_of();
   const maddr_t address = take(pool, 116);
   char *const data = bytes_of(tslb_dynmem_get_maddr2ptr(pool.get(), address));
-  data[-4] = 0x7E;  // bits of the host's own
-  // Once it is counted, another deletion can give the slot away: a mark that came behind would be a new chunk's.
-  before_addition.arm(&slot_at(pool, 0).bytes_del, [&] { EXPECT_EQ(data[-4], 0x7F) << "counted ahead of the mark"; });
+  data[-4] = 0x7E;  // the host's own bits
+  // Once the deletion is counted, another deletion can free the slot. A flag that is set later would change a new
+  // chunk.
+  before_addition.arm(&slot_at(pool, 0).bytes_del,
+                      [&] { EXPECT_EQ(data[-4], 0x7F) << "counted before the flag was set"; });
   del(pool, address);
   ASSERT_EQ(before_addition.word, nullptr);
   EXPECT_EQ(data[-4], 0x7F);
@@ -66,7 +68,7 @@ TEST(Deletion, SecondDeletionCountsNothingAndTheChunkResolves) {
   EXPECT_EQ(std::string(data, 100), std::string(100, 'x'));
 }
 
-TEST(Deletion, WhatCannotBeDeletedStays) {
+TEST(Deletion, DeletionsThatAreRefusedChangeNothing) {
   const array_t bare = pool_of({.compat = 0});
   const auto chunks = take_several(bare, 5);
   const std::string image(bytes_of(bare->arr_base), 140 + 4 * 1016);
@@ -83,15 +85,15 @@ TEST(Deletion, WhatCannotBeDeletedStays) {
   EXPECT_TRUE(free_slots(pool).empty());
   expect_sums(pool, 1250, 0);
 
-  // A slot that is stored as free, with chunks in it, is not freed by their deletion.
+  // A slot that is stored as free is not freed again by the deletion of its chunks.
   forward_node(&slot_at(pool, 0)).status = TSLB_DA_SLOT_FREE;
   redo_recorder_t log;
   del(pool, filled);
   EXPECT_EQ(list_roots(pool.get()).n_free, 0u);
-  EXPECT_TRUE(log.take().empty()) << "a release was logged that was none";
+  EXPECT_TRUE(log.take().empty()) << "a release that did not happen was logged";
 }
 
-TEST(Deletion, PoolWithoutListsSaysSoAndKeepsItsSlots) {
+TEST(Deletion, PoolWithoutListsReportsItAndKeepsItsSlots) {
   const array_t pool = pool_of({.daflag = 0});
   const auto filled = take_several(pool, 3);
   const maddr_t last = take(pool);
@@ -114,35 +116,35 @@ TEST(Deletion, ChunkOfNoBytesKeepsItsSlot) {
   EXPECT_TRUE(free_slots(pool).empty());
 }
 
-TEST(Sweep, SumsAreThoseOfTheActiveSlotsThatStay) {
+TEST(Sweep, SumsCoverTheActiveSlotsThatStay) {
   const array_t pool = pool_of({.daflag = 3}, 2);  // the others lie in redirected blocks
   for (const uint8_t kept : {0, 1, 2, 3}) {
-    // Slot 0 keeps nothing, slot 1 one chunk and so on; only slot 0 is given back.
+    // Slot 0 keeps no chunk, slot 1 keeps one chunk and so on. Only slot 0 is freed.
     const auto filled = take_several(pool, 4);
     for (size_t i = kept; i < 4; ++i) del(pool, filled[i]);
   }
   take(pool, 100);
   pretend_issued(pool.get(), 6);  // an id without an allocation
-  EXPECT_TRUE(free_slots(pool).empty()) << "slot 0 was current when its last chunk went";
+  EXPECT_TRUE(free_slots(pool).empty()) << "slot 0 was freed while it was current";
   expect_sums(pool, 3000 + 100, 750 + 500 + 250);
   EXPECT_EQ(free_slots(pool), indices_t{0});
   expect_sums(pool, 3000 + 100, 750 + 500 + 250);
   EXPECT_EQ(free_slots(pool), indices_t{0});
-  EXPECT_EQ(slot_at(pool, 5).bytes_used, 0u) << "a slot that nobody took was freed";
+  EXPECT_EQ(slot_at(pool, 5).bytes_used, 0u) << "a slot that was never taken was freed";
   ASSERT_EQ(tslb_da_inactivate_idx(pool.get(), 2, 1), 0);
   expect_sums(pool, 2000 + 100, 750 + 250);
   uint32_t idx;
   tslb_da_get_newptr(pool.get(), &idx);
   ASSERT_EQ(idx, 0u);
-  expect_sums(pool, 2000 + 100, 750 + 250);  // a slot whose counters are not set up yet has none
+  expect_sums(pool, 2000 + 100, 750 + 250);  // a slot whose counters are not set up yet does not count
   slot_at(pool, 0).bytes_used = 0;
   expect_sums(pool, 2000 + 100, 750 + 250);
-  EXPECT_EQ(free_slots(pool), indices_t{0}) << "a slot that never held a chunk stays";
+  EXPECT_EQ(free_slots(pool), indices_t{0}) << "a slot that never held a chunk was not freed";
 }
 
-// Between the two loads of a slot's counters the slot is emptied, given back and taken again: a sum of both uses would
-// have more deleted than used.
-TEST(Sweep, CountersAreOfOneUseOfTheSlot) {
+// Between the two loads of a slot's counters the slot is emptied, freed and taken again. Counters of both uses together
+// would show more deleted than used bytes.
+TEST(Sweep, CountersBelongToOneUseOfTheSlot) {
   size_t instructions = 0;
   for (bool reached = true; reached; ++instructions) {
     const array_t pool = pool_of({}, 2);
@@ -162,8 +164,8 @@ TEST(Sweep, CountersAreOfOneUseOfTheSlot) {
   EXPECT_GT(instructions, 30u) << "the sweep was not interrupted";
 }
 
-// While the sweep waits for the lock to give slot 0 back, the cursor leaves slot 1, which has emptied as well.
-TEST(Sweep, SlotThatTheCursorLeavesMeanwhileIsSeen) {
+// While the sweep waits for the lock to free slot 0, the cursor leaves slot 1, which is empty too.
+TEST(Sweep, SlotThatTheCursorLeavesDuringTheSweepIsFreed) {
   const array_t pool = pool_of();
   del(pool, take(pool, 900));
   del(pool, take(pool, 900));
@@ -171,19 +173,19 @@ TEST(Sweep, SlotThatTheCursorLeavesMeanwhileIsSeen) {
   before_lock.arm(&pool->spinlock, [&] { take(pool, 900); });
   sweep(pool);
   ASSERT_EQ(cursor_slot(pool), 2u);
-  EXPECT_EQ(free_slots(pool), (indices_t{0, 1})) << "held against a cursor from before";
+  EXPECT_EQ(free_slots(pool), (indices_t{0, 1})) << "compared with an old value of the cursor";
 }
 
-// A chunk of the slot `idx`, and what comes between its reservation and its counter.
+// Takes a chunk of slot `idx` and runs `between` between its reservation and its counter.
 template <class Between>
 static maddr_t take_late(const array_t &pool, uint32_t idx, int len, Between between) {
   before_addition.arm(&slot_at(pool, idx).bytes_used, between);
   const maddr_t late = take(pool, len);
-  EXPECT_EQ(before_addition.word, nullptr) << "nothing came between";
+  EXPECT_EQ(before_addition.word, nullptr) << "`between` did not run";
   return late;
 }
 
-TEST(Window, SlotOfALateChunkIsKeptAndGivenBackWithIt) {
+TEST(Window, SlotOfALateChunkIsReleasedWithThatChunk) {
   static const struct {
     const char *fault;
     uint8_t daflag;
@@ -192,7 +194,7 @@ TEST(Window, SlotOfALateChunkIsKeptAndGivenBackWithIt) {
   } rows[] = {
       {"chunk up to the slot's end", TSLB_DA_DAFLAG_LL, 250, false},
       {"chunk short of the end", TSLB_DA_DAFLAG_LL, 20, false},
-      {"pool with an inactive list alone", TSLB_DA_DAFLAG_INLL, 250, false},  // which no sweep looks at
+      {"pool with an inactive list alone", TSLB_DA_DAFLAG_INLL, 250, false},  // which a sweep skips
       {"cursor moved by a long address", TSLB_DA_DAFLAG_LL, 250, true},
   };
   for (const auto &row : rows) {
@@ -204,24 +206,24 @@ TEST(Window, SlotOfALateChunkIsKeptAndGivenBackWithIt) {
       if (row.wide)
         take64(pool, 900);
       else
-        take(pool, 900);  // moves the cursor on
+        take(pool, 900);  // moves the cursor to another slot
       del(pool, early);
       expect_counted(pool, 0, 750, 750);
       expect_sums(pool, swept ? 750 + 900 : 0, swept ? 750 : 0);
       EXPECT_TRUE(free_slots(pool).empty());
-      take(pool, 900);  // neither does a later slot take the note away
+      take(pool, 900);  // a later slot does not remove the note either
       sweep(pool);
       EXPECT_TRUE(free_slots(pool).empty());
     });
     expect_counted(pool, 0, 750 + row.late_len, 750);
     sweep(pool);
-    EXPECT_TRUE(free_slots(pool).empty()) << "a slot was given away with a live chunk in it";
+    EXPECT_TRUE(free_slots(pool).empty()) << "a slot with a live chunk was freed";
     del(pool, late);
-    EXPECT_EQ(free_slots(pool), indices_t{0}) << "the late chunk's deletion gives the slot back";
+    EXPECT_EQ(free_slots(pool), indices_t{0}) << "the deletion of the late chunk did not free the slot";
   }
 }
 
-TEST(Window, TwoLateChunksAreBothWaitedFor) {
+TEST(Window, TwoLateChunksBothKeepTheSlot) {
   const array_t pool = pool_of();
   const maddr_t early = take(pool);
   const maddr_t outer = take_late(pool, 0, 200, [&] {
@@ -229,7 +231,7 @@ TEST(Window, TwoLateChunksAreBothWaitedFor) {
       take(pool, 900);
       del(pool, early);
     });
-    // Counted and deleted again: equal once more, with the outer one on its way still.
+    // The inner chunk is counted and deleted again: the counters are equal, but the outer chunk is still late.
     del(pool, inner);
     EXPECT_EQ(slot_at(pool, 0).bytes_used, slot_at(pool, 0).bytes_del);
     sweep(pool);
@@ -241,8 +243,8 @@ TEST(Window, TwoLateChunksAreBothWaitedFor) {
   EXPECT_EQ(free_slots(pool), indices_t{0});
 }
 
-TEST(Window, SlotsLeftUnsettledAtOnceAreToldApart) {
-  // A late chunk in slot 0, and another in slot 1 while that one is late.
+TEST(Window, TwoUnsettledSlotsAreDistinguished) {
+  // A late chunk in slot 0, and meanwhile another late chunk in slot 1.
   const array_t pool = pool_of();
   const maddr_t early = take(pool, 700);
   const maddr_t late = take_late(pool, 0, 300, [&] {
@@ -255,7 +257,7 @@ TEST(Window, SlotsLeftUnsettledAtOnceAreToldApart) {
       EXPECT_TRUE(free_slots(pool).empty());
     });
     del(pool, second_late);
-    EXPECT_EQ(free_slots(pool), indices_t{1}) << "settled, though slot 0 is not";
+    EXPECT_EQ(free_slots(pool), indices_t{1}) << "slot 1 is settled, although slot 0 is not";
   });
   EXPECT_EQ(free_slots(pool), indices_t{1});
   del(pool, late);
@@ -263,8 +265,8 @@ TEST(Window, SlotsLeftUnsettledAtOnceAreToldApart) {
   EXPECT_EQ(as_word(take(pool, 900)), 1u);
 }
 
-// A host frees the slot of a late chunk itself. The note of it would keep the slot's next use from being given back.
-TEST(Window, NoteDoesNotOutliveTheUseOfItsSlot) {
+// A host frees the slot of a late chunk itself. The note must not keep the slot's next use from being freed.
+TEST(Window, NoteIsDroppedWhenItsSlotIsTakenAgain) {
   const array_t pool = pool_of();
   take(pool, 600);
   uint32_t *const counter = &slot_at(pool, 0).bytes_used;
@@ -277,11 +279,11 @@ TEST(Window, NoteDoesNotOutliveTheUseOfItsSlot) {
     del(pool, in_new_use);
     EXPECT_EQ(free_slots(pool), indices_t{0}) << "a note of the slot's earlier use keeps it";
   });
-  EXPECT_EQ(*counter - 300, TSLB_DA_NIL_IDX) << "the late counter came into the freed slot's mark";
+  EXPECT_EQ(*counter - 300, TSLB_DA_NIL_IDX) << "the late addition changed the gatekeeper word of the freed slot";
 }
 
-// The pool's end is the note's as well, which a sanitizer sees. Where no slot is ever given back there is none.
-TEST(Window, NoteThatNobodyAskedAboutGoesWithThePool) {
+// Destroying the pool frees the note, which a leak check verifies. A pool that never frees slots has no notes.
+TEST(Window, UnusedNoteIsFreedWithThePool) {
   for (const kind_t &kind : {kind_t{}, kind_t{.compat = 0}, kind_t{.daflag = 0}}) {
     const array_t pool = pool_of(kind);
     take(pool);
@@ -293,8 +295,8 @@ TEST(Window, NoteThatNobodyAskedAboutGoesWithThePool) {
   }
 }
 
-// The cursor is stored: one that somebody else wrote can name a slot that does not exist.
-TEST(Window, CursorAtASlotThatNeverWasIsLeftBehind) {
+// The cursor is stored. A cursor that another program wrote can name a slot that does not exist.
+TEST(Window, CursorAtAMissingSlotMovesToANewSlot) {
   const array_t pool = pool_of();
   hdr_of(pool).cur_slot_addr = 50 | (uint64_t{900} << 32);
   EXPECT_EQ(as_word(take(pool, 900)), 0u);
@@ -303,44 +305,44 @@ TEST(Window, CursorAtASlotThatNeverWasIsLeftBehind) {
 
 static uint32_t *late_counter;
 
-// A slot is looked at for deletions after it was found settled, not before: here the late chunk is counted while notes
-// are searched, and an older look would say that everything counted is deleted.
-TEST(Window, CounterThatCatchesUpDuringTheSearchIsSeen) {
+// The deletion counter is read after the slot was found settled, not before. Here the late chunk is counted during the
+// search through notes. An earlier reading would show that everything counted is deleted.
+TEST(Window, CounterThatSettlesDuringTheSearchIsRead) {
 #ifdef TSLB_SANITIZES_ADDRESS
-  GTEST_SKIP() << "free is the sanitizer's";
+  GTEST_SKIP() << "the sanitizer defines free";
 #endif
   const array_t pool = pool_of();
   const maddr_t early = take(pool, 700);
   uint32_t *const counter = &slot_at(pool, 0).bytes_used;
   const maddr_t late = take_late(pool, 0, 200, [&] {
-    take(pool, 700);                                    // slot 0 is noted
-    take_late(pool, 1, 200, [&] { take(pool, 900); });  // slot 1 is noted ahead of it, and has settled now
+    take(pool, 700);                                    // slot 0 has a note
+    take_late(pool, 1, 200, [&] { take(pool, 900); });  // slot 1 has a note before it in the list, and is settled now
     late_counter = counter;
     on_free = [](void *) {
       on_free = nullptr;
-      *late_counter += 200;  // the late chunk's, which comes again with it
+      *late_counter += 200;  // the late chunk's addition, which runs again later
     };
     del(pool, early);
   });
   *counter -= 200;
   ASSERT_EQ(on_free, nullptr) << "no note was dropped";
-  EXPECT_EQ(status_at(pool.get(), 0), TSLB_DA_SLOT_ACTIVE) << "a slot was given away with a live chunk in it";
+  EXPECT_EQ(status_at(pool.get(), 0), TSLB_DA_SLOT_ACTIVE) << "a slot with a live chunk was freed";
   expect_counted(pool, 0, 900, 700);
   del(pool, late);
   EXPECT_EQ(free_slots(pool), indices_t{0});
 }
 
-// Until the cursor has moved, rivals reserve in the old slot, also while a new one is being taken.
-TEST(Window, ReservationDuringTheChangeOfSlotIsWaitedForToo) {
+// Until the cursor has moved, other threads reserve in the old slot, also while a new slot is being taken.
+TEST(Window, ReservationDuringTheChangeOfSlotKeepsTheSlotToo) {
   const array_t pool = pool_of();
   const maddr_t early = take(pool, 700);
   uint32_t *const counter = &slot_at(pool, 0).bytes_used;
   maddr_t late = {};
   before_addition.arm(&get_dyn_hdr(pool.get())->n_used, [&] {
     late = take(pool, 100);
-    *counter -= 100;  // held back until later
+    *counter -= 100;  // delayed until later
   });
-  EXPECT_EQ(as_word(take(pool, 900)), 1u) << "the change of slot gave up, or took a second slot";
+  EXPECT_EQ(as_word(take(pool, 900)), 1u) << "the change of slot failed or took a second slot";
   EXPECT_EQ(tslb_da_get_size(pool.get()), 2u);
   EXPECT_EQ(as_word(late), 700u << 8);
   del(pool, early);
@@ -352,12 +354,13 @@ TEST(Window, ReservationDuringTheChangeOfSlotIsWaitedForToo) {
   EXPECT_EQ(free_slots(pool), indices_t{0});
 }
 
-// The maker of a slot has the bytes at its start, and counts them after others may have reserved behind.
-TEST(Window, FirstChunkOfASlotCanBeTheLateOne) {
+// The thread that takes a slot owns the bytes at its start. It counts them after others may have reserved bytes after
+// them.
+TEST(Window, FirstChunkOfASlotCanBeLate) {
   const array_t pool = pool_of();
   take(pool, 900);
   pretend_issued(pool.get(), 2);
-  uint32_t *const counter_of_1 = &slot_at(pool, 1).bytes_used;  // where the next slot will have it
+  uint32_t *const counter_of_1 = &slot_at(pool, 1).bytes_used;  // address of the next slot's counter
   pretend_issued(pool.get(), 1);
   before_addition.arm(counter_of_1, [&] {
     const maddr_t rest = take(pool, 500);
@@ -374,9 +377,9 @@ TEST(Window, FirstChunkOfASlotCanBeTheLateOne) {
   EXPECT_EQ(free_slots(pool), indices_t{1});
 }
 
-// Without memory for a note, whoever moves the cursor waits for the counter instead. Tried again where the mover came
-// to its note only after the counter.
-TEST(Window, RefusedMemoryForTheNoteIsWaitedOut) {
+// Without memory for a note, the thread that moves the cursor waits for the counter. The test is repeated if the thread
+// reached its note after the counter.
+TEST(Window, WithoutMemoryForANoteTheThreadWaits) {
   if (!fault_t::works()) GTEST_SKIP() << "no allocation can be refused here";
   bool struck = false;
   for (int attempt = 0; attempt < 200 && !struck; ++attempt) {
@@ -399,15 +402,15 @@ TEST(Window, RefusedMemoryForTheNoteIsWaitedOut) {
     const maddr_t late = take(pool, 200);
     mover.join();
     deleter.join();
-    EXPECT_TRUE(free_slots(pool).empty()) << "a slot was given away with a chunk on its way";
+    EXPECT_TRUE(free_slots(pool).empty()) << "a slot was freed before a reserved chunk was counted";
     EXPECT_EQ(slot_at(pool, 0).bytes_used, 900u);
     del(pool, late);
     EXPECT_EQ(free_slots(pool), indices_t{0});
   }
-  EXPECT_TRUE(struck) << "memory was never asked for";
+  EXPECT_TRUE(struck) << "no memory was requested";
 }
 
-// While a deletion waits for the lock, a rival gives its slot back and somebody takes it again.
+// While a deletion waits for the lock, another thread frees its slot and takes it again.
 TEST(Window, DeletionDecidesUnderTheLock) {
   for (const bool emptied_again : {false, true}) {
     const array_t pool = pool_of({}, 2);
@@ -416,26 +419,26 @@ TEST(Window, DeletionDecidesUnderTheLock) {
     for (size_t i = 0; i < 3; ++i) del(pool, filled[i]);
     before_lock.arm(&pool->spinlock, [&] {
       sweep(pool);
-      const maddr_t rivals = take(pool, 900);
-      EXPECT_EQ(as_word(rivals), 0u);
-      if (emptied_again) del(pool, rivals);  // and the slot is current
+      const maddr_t other_chunk = take(pool, 900);
+      EXPECT_EQ(as_word(other_chunk), 0u);
+      if (emptied_again) del(pool, other_chunk);  // the slot is empty and current
     });
     del(pool, filled[3]);
     ASSERT_EQ(before_lock.word, nullptr);
-    EXPECT_EQ(status_at(pool.get(), 0), TSLB_DA_SLOT_ACTIVE) << "a slot that is in use again was given back";
+    EXPECT_EQ(status_at(pool.get(), 0), TSLB_DA_SLOT_ACTIVE) << "a slot that is in use again was freed";
     EXPECT_EQ(slot_at(pool, 0).bytes_used, 900u);
     EXPECT_TRUE(free_slots(pool).empty());
   }
 }
 
-// A process that ended between a reservation and its counter: the pool comes back with its cursor beyond bytes_used. The
-// bytes are nobody's, and without array_settle the slot that they lie in would never be given back.
-TEST(ArraySettle, SlotOfAPoolThatCameBackIsGivenBack) {
+// A process ended between a reservation and its counter: the cursor of the stored pool is above bytes_used. No chunk
+// has these bytes. Without array_settle their slot would never be freed.
+TEST(ArraySettle, SlotOfARestoredPoolIsReleased) {
   static const struct {
     const char *fault;
     uint32_t used, reserved, settled_used, settled_del;
   } rows[] = {
-      {"reserved bytes that nobody accounts for", 750, 900, 900, 150},
+      {"reserved bytes that were never counted", 750, 900, 900, 150},
       {"nothing is missing", 750, 750, 750, 0},
       {"more than reserved, as in a ring", 750, 600, 750, 0},
   };
@@ -457,7 +460,7 @@ TEST(ArraySettle, SlotOfAPoolThatCameBackIsGivenBack) {
   EXPECT_EQ(array_settle(fresh.get()), 0);
   set_cursor(fresh, 50, 900);
   EXPECT_EQ(array_settle(fresh.get()), -1) << "a cursor at a slot that does not exist";
-  // User headers that are no pool's: of another size, and of the same size with other contents.
+  // User headers of other arrays: of another size, and of the same size with other contents.
   for (const int header_bytes : {60, 56}) {
     const array_t other(
         get_default_dyn_array_ex(header_bytes, 1008, 4, MPOOL_TYPE_DRAM, 0, nullptr, TSLB_DA_DAFLAG_LL));
@@ -475,19 +478,19 @@ TEST(ArraySettle, SlotOfAPoolThatCameBackIsGivenBack) {
                              .total_mavail = 0};
     memcpy(get_user_hdr(other.get()), &hdr, sizeof(hdr));
     EXPECT_EQ(array_settle(other.get()), 0);
-    EXPECT_EQ(read_at<uint64_t>(record, 0), 0u) << "a record was taken for a slot of a pool";
+    EXPECT_EQ(read_at<uint64_t>(record, 0), 0u) << "a record was treated as a slot of a pool";
   }
 }
 
-// A ring enters its slots by their numbers. One of them on the free list would be free and current at once, and a
-// 64-bit chunk would take it from there and clear it under its live chunks.
-TEST(Ring, KeepsTheSlotsThatItComesRoundTo) {
+// A ring uses its slots in the order of their indices. A slot on the free list would be free and current at once, and a
+// 64-bit chunk would take it and clear it under its live chunks.
+TEST(Ring, FullRingReleasesNoSlot) {
   const array_t pool(
       tslb_init_dynmem(256, 0, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM_TMP, MPOOL_FLAG_BV, "ring", 1, TSLB_DA_DAFLAG_LL));
   std::vector<maddr_t> chunks;
   for (int i = 0; i < 10; ++i) chunks.push_back(take(pool, 240));
   del(pool, chunks[4]);
-  EXPECT_EQ(free_slots(pool), (indices_t{4})) << "on its first round a ring gives slots back like any pool";
+  EXPECT_EQ(free_slots(pool), (indices_t{4})) << "on its first round a ring does not free slots";
   stdout_of([&] {
     while (tslb_da_get_size(pool.get()) < 254) take(pool, 240);
     while (cursor_slot(pool) != 20) take(pool, 240);

@@ -1,4 +1,4 @@
-// The one-line texts about arrays and pools, whole.
+// Tests of the one-line texts about arrays and pools.
 #include <functional>
 #include <thread>
 
@@ -70,7 +70,7 @@ TEST(PoolLine, ArraysWithoutPoolHeader) {
   const std::string line = tslb_print_poolhdr(lists.get());
   EXPECT_NE(line.find("ctx_name = , tbl_id = 9, mem_type = -1, daflag = 0x02"), std::string::npos) << line;
   EXPECT_NE(line.find("DynMemHdr((nil)): {--}, DynArrLLI_t(0x"), std::string::npos) << line;
-  // A user header that is too short for a pool's is not read as one.
+  // A user header shorter than a pool's is not read as one.
   const array_t shorter(get_default_dyn_array_ex(4, 4, 0, MPOOL_TYPE_DRAM, 0, nullptr, 0));
   EXPECT_NE(std::string(tslb_print_poolhdr(shorter.get())).find("DynMemHdr((nil)): {--}, "), std::string::npos);
 }
@@ -106,7 +106,7 @@ TEST(Description, ShowsListsOfInactiveListArraysOnly) {
                  static_cast<void *>(free_only.get())));
 }
 
-TEST(Lines, BuffersAreTheThreadsOwn) {
+TEST(Lines, EachThreadHasItsOwnBuffers) {
   const array_t first(tslb_da_init_v5(10, 2, MPOOL_TYPE_DRAM, "first", 1));
   const array_t second(tslb_da_init_v5(20, 2, MPOOL_TYPE_DRAM, "second", 1));
   const std::function<char *(DynArrHandle_t *)> lines[] = {tslb_print_poolhdr, tslb_da_get_hdr_str};
@@ -114,7 +114,7 @@ TEST(Lines, BuffersAreTheThreadsOwn) {
     const char *const line = line_of(first.get());
     const std::string before = line;
     std::thread([&] { EXPECT_NE(line_of(second.get()), before); }).join();
-    EXPECT_EQ(line, before) << "another thread wrote into this one's text";
+    EXPECT_EQ(line, before) << "another thread changed this thread's text";
     EXPECT_EQ(line_of(second.get()), line);
   }
   EXPECT_EQ(tslb_print_poolhdr(first.get()), g_mpool_hdr_str);

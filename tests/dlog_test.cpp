@@ -1,4 +1,4 @@
-// The debug log's files and lines: rollover, deletion, many threads, cut lines, full disks and bad names.
+// Tests of the debug log: rollover, deleted files, many threads, cut lines, full disks and bad names.
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -22,21 +22,21 @@
 
 constexpr char kHeader[] = "#DateTime|FileName|LineNo|FunName|PID|TID|THName|Msg\n";
 
-// Closes of a descriptor that the log still calls its own. A child that is forked right after one, and starts the log,
-// closes another file of that number.
-static int n_closed_too_early;
+// Counts closes of a descriptor that the log still names as its file. A child forked after such a close that starts the
+// log would close another file with that number.
+static int n_early_closes;
 
 extern "C" __attribute__((visibility("default"))) int close(int fd) {
   static const auto real = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "close"));
   const TSLBDLog_t *const log = __atomic_load_n(&g_dl, __ATOMIC_ACQUIRE);
-  n_closed_too_early += log != nullptr && log->fname_abs[0] != '\0' && log->fd == fd;
+  n_early_closes += log != nullptr && log->fname_abs[0] != '\0' && log->fd == fd;
   return real(fd);
 }
 
 class DebugLog : public InFolder {
  protected:
-  void TearDown() override { EXPECT_EQ(std::exchange(n_closed_too_early, 0), 0); }
-  // A log of its own files, which begin with the first line.
+  void TearDown() override { EXPECT_EQ(std::exchange(n_early_closes, 0), 0); }
+  // Starts a log with files of its own. The first line creates them.
   void start(int level = 0, int mib = -1, const char *tail = "") const {
     tslb_dl_init_internal((base_.string() + tail).c_str(), level, mib);
   }
@@ -55,8 +55,8 @@ class DebugLog : public InFolder {
   const fs::path base_ = dir_ / "log";
 };
 
-// Runs first in this program, on a log that nobody has started.
-TEST(ADebugLogThatWasNeverStarted, DoesNothing) {
+// Runs first in this program, before the log is started.
+TEST(DebugLogBeforeItsStart, DoesNothing) {
   if (fault_t::works()) {
     const std::string report = stderr_of([] {
       const fault_t fault(1);
@@ -72,29 +72,29 @@ TEST(ADebugLogThatWasNeverStarted, DoesNothing) {
   EXPECT_EQ(g_tid, -1);
 }
 
-// Two threads start the log at once: one log is left, which the later start has set up.
-TEST_F(DebugLog, StartThatLosesSetsTheRivalsLogAnew) {
-  if (g_dl != nullptr) GTEST_SKIP() << "the log is started once in a process";
-  static const TSLBDLog_t *rivals;
+// Two threads start the log at once. One log exists afterwards, with the settings of the later start.
+TEST_F(DebugLog, ConcurrentStartsGiveOneLogWithTheLaterSettings) {
+  if (g_dl != nullptr) GTEST_SKIP() << "the log is already started in this process";
+  static const TSLBDLog_t *other_log;
   before_swap.arm(&g_dl, [] {
     tslb_dl_init_internal("stdout", 7, 1);
-    rivals = g_dl;
+    other_log = g_dl;
   });
   start(2);
   ASSERT_EQ(before_swap.word, nullptr);
-  EXPECT_EQ(g_dl, rivals);
+  EXPECT_EQ(g_dl, other_log);
   EXPECT_EQ(g_dl->level, 2);
   log(2, "kept");
   EXPECT_TRUE(has_line(0, "kept"));
 }
 
-TEST_F(DebugLog, FirstLineMakesTheFileWithItsHeader) {
+TEST_F(DebugLog, FirstLineCreatesTheFileWithItsHeader) {
   const mode_t mask = umask(0);
   start(3);
   EXPECT_EQ(g_dl->fmax_sz, 10485760);
   EXPECT_FALSE(fs::exists(file(0)));
   errno = EACCES;
-  const std::string format = "%d apples, %m";  // the C library's own
+  const std::string format = "%d apples, %m";  // formatted by the C library
   tslb_dl_logging(3, "some/dir/source.cpp", "place", 42, format.c_str(), 5);
   EXPECT_EQ(errno, EACCES);
   umask(mask);
@@ -106,13 +106,13 @@ TEST_F(DebugLog, FirstLineMakesTheFileWithItsHeader) {
   EXPECT_NE(fcntl(g_dl->fd, F_GETFD) & FD_CLOEXEC, 0) << "children of the host inherit the file";
 }
 
-TEST_F(DebugLog, LevelsAreTestedBeforeAnythingElse) {
+TEST_F(DebugLog, LevelIsTestedFirst) {
   start(2);
   int evaluated = 0;
   std::thread([&] {
     log(3, "no");
     TSLB_DLOG(3, "%d", ++evaluated);
-    EXPECT_EQ(g_tid, -1) << "a line that is not wanted takes a number";
+    EXPECT_EQ(g_tid, -1) << "a line above the level gave the thread a number";
     EXPECT_FALSE(fs::exists(file(0)));
     log(2, "yes");
     log(-5, "yes");
@@ -153,13 +153,13 @@ TEST_F(DebugLog, RollsOverAtExactlyItsSize) {
   for (int i = 0; i < 3; ++i) EXPECT_EQ(count_of(lines_of(i, "each"), "\n"), 1u);
 }
 
-// And all of that with one descriptor.
-TEST_F(DebugLog, DeletionOfTheCurrentFileRestartsTheNumbers) {
+// Only one descriptor is open at a time.
+TEST_F(DebugLog, DeletionOfTheCurrentFileRestartsTheVersions) {
   start(0, 0);
   log(0, "x");
   const int fd = g_dl->fd;
   for (int i = 0; i < 2; ++i) log(0, "x");
-  EXPECT_EQ(g_dl->fd, fd) << "the files that were left stay open";
+  EXPECT_EQ(g_dl->fd, fd) << "the old files stay open";
   fs::remove(file(2));
   fs::remove(file(0));
   log(0, "again");
@@ -168,7 +168,7 @@ TEST_F(DebugLog, DeletionOfTheCurrentFileRestartsTheNumbers) {
   EXPECT_EQ(g_dl->fd, fd);
 }
 
-TEST_F(DebugLog, FileThatExistsIsAppendedToBehindAnotherHeader) {
+TEST_F(DebugLog, ExistingFileGetsAnotherHeaderAndIsAppendedTo) {
   for (const char *line : {"first start", "second start"}) {
     start();
     log(0, line);
@@ -177,7 +177,7 @@ TEST_F(DebugLog, FileThatExistsIsAppendedToBehindAnotherHeader) {
   EXPECT_TRUE(has_line(0, "second start"));
 }
 
-TEST_F(DebugLog, ChildWritesUnderTheNumberOfItsParent) {
+TEST_F(DebugLog, ChildUsesTheProcessIdOfItsParent) {
   start();
   log(0, "parent");
   const pid_t parent = getpid();
@@ -190,8 +190,8 @@ TEST_F(DebugLog, ChildWritesUnderTheNumberOfItsParent) {
   EXPECT_TRUE(has_line(0, "place|" + std::to_string(parent) + "|" + std::to_string(g_tid) + "|-|child")) << lines_of(0);
 }
 
-// The child has no thread that would release the lock. A child that waits for it is ended by the alarm.
-TEST_F(DebugLog, ChildThatStartsTheLogDoesNotWaitForAThreadOfItsParent) {
+// No thread of the child can release the lock. The alarm ends a child that waits for it.
+TEST_F(DebugLog, ChildThatStartsTheLogDoesNotWaitForItsParentsLock) {
   start();
   log(0, "parent");
   std::atomic<bool> is_held{false}, may_release{false};
@@ -232,7 +232,7 @@ TEST_F(DebugLog, NumbersOfLines) {
   EXPECT_EQ(std::regex_replace(lines_of(0), std::regex("[^|]+(\\|f\\|[^|]+\\|g\\|).*\n"), "$1"), want);
 }
 
-// All lines of one second: nothing of a line is taken over from the one before it.
+// All lines are of one second: no part of a time stamp is reused from the previous line.
 TEST_F(DebugLog, StampsFollowTheClockAndTheTimeZone) {
   start();
   static const struct {
@@ -242,11 +242,11 @@ TEST_F(DebugLog, StampsFollowTheClockAndTheTimeZone) {
       {"UTC0", 0},
       {"UTC0", 3600},
       {"UTC0", 0},
-      {"UTC-1", 0},  // the same name at another distance
+      {"UTC-1", 0},  // the same name with another offset
       {"AST-5", 0},
-      {"AST-5ADT,0/0,J365/25", 0},    // summer all the year
-      {"AST-5ADT,J1/0,J1/0", 0},      // the same names and distances, and never summer
-      {"BST-5ADT-7,0/0,J365/25", 0},  // another summer
+      {"AST-5ADT,0/0,J365/25", 0},    // always summer time
+      {"AST-5ADT,J1/0,J1/0", 0},      // the same names and offsets, never summer time
+      {"BST-5ADT-7,0/0,J365/25", 0},  // another summer time
   };
   for (const auto &row : rows) {
     setenv("TZ", row.zone, 1);
@@ -274,7 +274,7 @@ TEST_F(DebugLog, LinesAreCutToFit) {
     tslb_dl_logging(0, "dir/source.cpp", function.c_str(), 7, "%s", message.c_str());
     return content_of(file(0)).substr(before);
   };
-  // The longest line that fits, one that loses its newline, and one whose end would be written behind the buffer.
+  // The longest line that fits, a line that loses its newline, and a line whose end would be written after the buffer.
   for (const size_t over : {0, 1, 1000})
     EXPECT_EQ(line_of("place", std::string(fits + over, 'm')).substr(prefix), std::string(fits, 'm') + "\n") << over;
   const std::string prefix_alone = line_of(std::string(6000, 'p'), "message");
@@ -287,11 +287,12 @@ TEST_F(DebugLog, FormatThatFailsLeavesItsLineEmpty) {
   start();
   log(0, "");
   const std::string format = "%lc";
-  tslb_dl_logging(0, "dir/source.cpp", "place", 7, format.c_str(), 0xD800);  // half of a pair: no character
+  tslb_dl_logging(0, "dir/source.cpp", "place", 7, format.c_str(),
+                  0xD800);  // half of a surrogate pair: not a character
   log(0, "next");
   const std::string lines = lines_of(0);
   const size_t len = lines.find('\n') + 1;
-  EXPECT_EQ(lines.substr(17, len - 17), lines.substr(len + 17, len - 17)) << "behind the time stamps";
+  EXPECT_EQ(lines.substr(17, len - 17), lines.substr(len + 17, len - 17)) << "after the time stamps";
   EXPECT_EQ(count_of(lines, "\n"), 3u);
 }
 
@@ -311,14 +312,14 @@ TEST_F(DebugLog, NamesAndNumbersOfThreads) {
     log(0, "dash");
     tslb_dl_set_thname_internal("");
     log(0, "dash");
-    EXPECT_EQ(g_tid, second) << "a number stays with its thread";
+    EXPECT_EQ(g_tid, second) << "a thread changed its number";
   }).join();
   EXPECT_EQ(second, first + 1);
   const std::string one = std::to_string(first), two = std::to_string(second), name(31, 'n');
   const std::string want = one + "|" + name + "|named\n" + one + "|" + name + "|named\n" + two + "||nameless\n" + two +
                            "|-|dash\n" + two + "|-|dash\n";
-  const std::regex ahead(".*\\|place\\|" + std::to_string(getpid()) + "\\|");
-  EXPECT_EQ(std::regex_replace(lines_of(0), ahead, ""), want);
+  const std::regex prefix_pattern(".*\\|place\\|" + std::to_string(getpid()) + "\\|");
+  EXPECT_EQ(std::regex_replace(lines_of(0), prefix_pattern, ""), want);
 }
 
 TEST_F(DebugLog, NullAndLongTextsDoNotCrash) {
@@ -341,7 +342,7 @@ TEST_F(DebugLog, StandardOutputHasNoFileAndStaysOpen) {
     tslb_dl_init_internal("stdout", 0, 0);
     log(0, "one");
     log(0, "two");
-    tslb_dl_init_internal("", 0, 0);  // no path is standard output as well
+    tslb_dl_init_internal("", 0, 0);  // an empty path also means standard output
     log(0, "three");
   });
   EXPECT_EQ(count_of(said, "\n"), 3u);
@@ -349,7 +350,7 @@ TEST_F(DebugLog, StandardOutputHasNoFileAndStaysOpen) {
   start();
   EXPECT_GE(fcntl(1, F_GETFD), 0) << "standard output was closed";
 
-  // Nor is it where it took the number of the log's file.
+  // It is not closed either if it has the number of the log's file.
   const int hosts = dup(1);
   close(1);
   log(0, "into number 1");
@@ -373,7 +374,7 @@ TEST_F(DebugLog, SecondStartClosesTheFileAndKeepsCounting) {
   EXPECT_EQ(g_dl->n_threads, n_threads);
   EXPECT_EQ(g_dl->level, 5);
   EXPECT_EQ(g_tid, -1);
-  // By its own path: the level alone is changed.
+  // Given its own path: only the level changes.
   tslb_dl_init_internal(g_dl->fname_abs, 4, -1);
   EXPECT_EQ(g_dl->fname_abs, base_.string() + "2");
   EXPECT_EQ(g_dl->level, 4);
@@ -389,7 +390,7 @@ TEST_F(DebugLog, FailuresAreReportedAndTheNextLineTriesAgain) {
   expect_report(stderr_of([] { log(0, "lost"); }), "open file " + missing + ". err(2)=No such file or directory\n");
   fs::create_directory(dir_ / "no");
   EXPECT_EQ(stderr_of([] { log(0, "kept"); }), "");
-  EXPECT_TRUE(fs::exists(missing + "." + std::to_string(getpid()) + ".0")) << "the numbers begin again";
+  EXPECT_TRUE(fs::exists(missing + "." + std::to_string(getpid()) + ".0")) << "the versions do not begin again at 0";
 
   const std::string too_long = dir_.string() + "/" + std::string(1023 - dir_.string().size() - 1 - 5, 'l');
   tslb_dl_init_internal(too_long.c_str(), 0, -1);
@@ -415,9 +416,9 @@ TEST_F(DebugLog, FailuresAreReportedAndTheNextLineTriesAgain) {
   EXPECT_TRUE(has_line(0, "kept"));
 }
 
-TEST_F(DebugLog, ManyThreadsLoseTearAndDoubleNothing) {
+TEST_F(DebugLog, LinesOfManyThreadsAreWholeAndUnique) {
   constexpr int kThreads = 4, kLines = 1500;
-  start(0, 0);  // a new file for each line: rollover all the time
+  start(0, 0);  // a new file for each line
   g_dl->fmax_sz = 20000;
   on_threads(kThreads, [](int self) {
     for (int i = 0; i < kLines; ++i)

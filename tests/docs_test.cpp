@@ -1,19 +1,19 @@
-// What docs/formats.md shows is what the library stores: its dumps, its tables of offsets, its list of redo records.
-// And the sources and tests that documents name are in the tree.
+// Tests of documents. docs/formats.md must show what the library stores: dumps, tables of offsets, redo records.
+// Sources and tests that documents name must exist.
 #include <functional>
 #include <map>
 #include <regex>
 #include <sstream>
 
 #include "array_support.h"
-#include "own_time.h"  // nodes carry it
+#include "own_time.h"  // nodes contain it
 #include "redo_recorder.h"
 #include "stored_image.h"
 
 constexpr time_t START = 1700000000;
 static const fs::path ROOT = TSLB_SOURCE_DIR;
 
-// What stands between "```dump name" and "```".
+// Returns the text between "```dump name" and "```".
 static std::string block_of(const std::string &name) {
   const std::string document = content_of(ROOT / "docs/formats.md");
   const std::string begin = "\n```" + name + "\n";
@@ -25,7 +25,7 @@ static std::string block_of(const std::string &name) {
   return document.substr(at + begin.size(), document.find("```", at + begin.size()) - at - begin.size());
 }
 
-// Lines as in "0008  ff ff ff ff  ; no slot is free", each with its offset.
+// Parses lines such as "0008  ff ff ff ff  ; no slot is free", which begin with their offset.
 static std::string bytes_of_dump(const std::string &dump) {
   std::string bytes;
   std::istringstream lines(dump);
@@ -88,7 +88,8 @@ static array_t keys() {
   return pool;
 }
 
-// Of the second chunk of 24 bytes in slot 200 of a big-buffer pool, and in slot 300 of bit-vector pools by both widths.
+// Returns the addresses of the second chunk of 24 bytes in slot 200 of a big-buffer pool, and in slot 300 of bit-vector
+// pools with 32-bit and 64-bit addresses.
 static std::string addresses() {
   const array_t small(tslb_init_dynmem(48, 1, 0, MPOOL_TYPE_DRAM, 0, nullptr, 0, 0));
   const array_t large(tslb_init_dynmem(48, 1, 0, MPOOL_TYPE_DRAM, MPOOL_FLAG_BV, nullptr, 0, 0));
@@ -108,7 +109,7 @@ static std::string addresses() {
   return bytes;
 }
 
-TEST(FormatsDocument, DumpsAreWhatIsStored) {
+TEST(FormatsDocument, DumpsShowTheStoredBytes) {
   const struct {
     const char *name;
     std::string bytes;
@@ -127,11 +128,11 @@ TEST(FormatsDocument, DumpsAreWhatIsStored) {
   EXPECT_TRUE(cut == whole.substr(0, whole.size() - 10)) << dump_of(cut);
 }
 
-TEST(FormatsDocument, RedoRecordsAreThoseThatAreWritten) {
+TEST(FormatsDocument, RedoRecordsMatchTheWrittenOnes) {
   now = START;
   redo_recorder_t log;
   std::string list;
-  // "label" in a column of its own, then each record that `work` causes: type, position, bytes.
+  // Adds a line: the label in its own column, then type, offset and size of each record that `work` causes.
   const auto add = [&](const char *label, const std::function<void()> &work) {
     work();
     const std::vector<redo_record_t> records = log.take();
@@ -185,7 +186,7 @@ TEST(FormatsDocument, RedoRecordsAreThoseThatAreWritten) {
   EXPECT_EQ(block_of("redo"), list);
 }
 
-using numbers_t = std::map<std::string, std::string>;  // by "type" or "type, field", as they are written
+using numbers_t = std::map<std::string, std::string>;  // the key is "type" or "type, field"
 
 static numbers_t numbers_in(const std::string &text, const char *pattern) {
   numbers_t numbers;
@@ -196,8 +197,8 @@ static numbers_t numbers_in(const std::string &text, const char *pattern) {
 
 // The rows "| offset | size | `field` |" below each heading "### `type`, n bytes". Addresses have fields of bits, and
 // no offsets in the headers.
-TEST(FormatsDocument, TablesAreThoseOfTheHeaders) {
-  numbers_t stored, told;
+TEST(FormatsDocument, TablesMatchTheHeaders) {
+  numbers_t stored, documented;
   for (const char *const header :
        {"utils/dynarr/src/dynamic_array.h", "utils/dynarr/src/tslb_dynarr.h", "utils/dynmem/src/tslb_dynmem.h"})
     stored.merge(numbers_in(content_of(ROOT / header), R"(\nTSLB_STORED_(?:SIZE|AT)\((\w+(?:, \w+)?), (\d+)\))"));
@@ -208,31 +209,31 @@ TEST(FormatsDocument, TablesAreThoseOfTheHeaders) {
   for (std::string line; std::getline(lines, line);) {
     std::smatch found;
     if (line.starts_with("##")) {
-      EXPECT_TRUE(end == 0 || std::to_string(end) == told[type]) << type << ": the rows end at " << end;
+      EXPECT_TRUE(end == 0 || std::to_string(end) == documented[type]) << type << ": the rows end at " << end;
       type.clear();
       end = 0;
     }
     if (std::regex_match(line, found, heading)) {
       type = found[1];
-      told[type] = found[2];
+      documented[type] = found[2];
     } else if (!type.empty() && std::regex_match(line, found, row)) {
-      told[type + ", " + found[3].str()] = found[1];
+      documented[type + ", " + found[3].str()] = found[1];
       EXPECT_EQ(found[1], std::to_string(end)) << type << ": " << line;
       end += found[2].length() != 0 ? std::stoul(found[2]) : 0;
     }
   }
-  EXPECT_EQ(told, stored);
+  EXPECT_EQ(documented, stored);
 }
 
 // The rows "| `layout` | bytes |" of the catalogue's records: every versioned layout once.
-TEST(FormatsDocument, SizesOfRecordsAreThoseOfTheHeader) {
+TEST(FormatsDocument, SizesOfRecordsMatchTheHeader) {
   const numbers_t stored =
       numbers_in(content_of(ROOT / "catalog/src/tsdb_recovery_schema.h"), R"(TSLB_STORED_SIZE\((\w+_v\d), (\d+)\))");
   EXPECT_FALSE(stored.empty());
   EXPECT_EQ(numbers_in(content_of(ROOT / "docs/formats.md"), R"(\n\| `(\w+_v\d)` \| (\d+) \|)"), stored);
 }
 
-TEST(Documents, FilesAndTestsThatTheyNameAreThere) {
+TEST(Documents, NamedFilesAndTestsExist) {
   std::string paths, tests;
   for (const char *const folder :
        {"utils", "catalog", "host", "recovery", "metricdb", "tools", "fuzz", "tests", "docs", "bench"})
@@ -251,7 +252,7 @@ TEST(Documents, FilesAndTestsThatTheyNameAreThere) {
       std::smatch found;
       if (!is_file && !std::regex_match(name, found, test)) continue;
       ++n_names;
-      // A file by its name, or by the end of its path.
+      // A file is named by its name or by the end of its path.
       EXPECT_NE(is_file ? paths.find("/" + name + "\n") : tests.find(found.format("($1, $2)")), std::string::npos)
           << document << ": " << name;
     }

@@ -1,6 +1,5 @@
-// Conversions to older layouts by their routines: where they end, strings at their limits, what is traced when, and
-// what the maps say. Every byte of every record is convert_test's. The program brings its own trace log and recovery
-// copy.
+// Tests of the conversion routines: where they end, maximum string lengths, trace lines, and the version maps.
+// convert_test checks every byte of the records. This program defines its own trace log and recovery copy.
 #include <stdarg.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -16,7 +15,7 @@ struct trace_t {
   std::string component, function, text;
 };
 static std::vector<trace_t> traced;
-static int hook_mistakes;  // arguments that are the same at every call
+static int hook_mistakes;  // number of calls with a wrong value in an argument that never changes
 
 MTTraceLogKey *trace_log_key = nullptr;
 uint8_t g_tstl_module_debug_arr[TSTL_NUM_MODULES][4];
@@ -42,14 +41,14 @@ void tsdb_recov_version_copy_rc(void *cbargs) {
   copy_called_with = cbargs;
 }
 
-// Tracing for the module's two levels while it lives.
+// Switches the module's two trace levels on for its lifetime.
 struct tracing_t {
   tracing_t(bool on, bool level1, bool level2) {
     traced.clear();
     hook_mistakes = 0;
     trace_log_key = on ? reinterpret_cast<MTTraceLogKey *>(&traced) : nullptr;
     g_tstl_module_names[tstl_module_recovery] = "the recovery";
-    // Every other switch is the opposite, so that a wrong row or column shows.
+    // Every other switch has the opposite value, so that a wrong row or column is detected.
     memset(g_tstl_module_debug_arr, 1, sizeof(g_tstl_module_debug_arr));
     g_tstl_module_debug_arr[tstl_module_recovery][0] = level1;
     g_tstl_module_debug_arr[tstl_module_recovery][1] = level2;
@@ -64,7 +63,7 @@ static array_t array_of(int record_size, int n_direct, uint8_t daflag, uint8_t r
   return array_t(tslb_da_init_ver(record_size, n_direct, MPOOL_TYPE_DRAM, nullptr, 0, daflag, rec_version));
 }
 
-TEST(RecordDowngrade, EndsWhereSourceOrDestinationDoes) {
+TEST(RecordDowngrade, EndsWithItsSourceOrDestination) {
   const array_t source = array_of(44, 3, 0);
   for (int i = 0; i < 5; ++i) tslb_da_get_newidx(source.get());
   TSDBVerCBArgs_t args = {RECTYPE_G_MG, source.get(), nullptr};
@@ -73,13 +72,13 @@ TEST(RecordDowngrade, EndsWhereSourceOrDestinationDoes) {
   {
     const tracing_t tracing(true, true, true);
     tsdb_recov_downgrade_g_mg_2_0(&args);
-    ASSERT_EQ(traced.size(), 1u) << "the call is traced whether there are records or not";
+    ASSERT_EQ(traced.size(), 1u) << "a call without records is not traced";
     EXPECT_EQ(traced[0].function, "tsdb_recov_downgrade_g_mg_2_0");
   }
   EXPECT_EQ(tslb_da_get_size(none.get()), 0u);
-  EXPECT_EQ(static_cast<DynHdr_t *>(none->arr_base)->rec_version, 0) << "the version is stamped all the same";
+  EXPECT_EQ(static_cast<DynHdr_t *>(none->arr_base)->rec_version, 0) << "the version is not set without records";
 
-  // A destination without a source is an empty array of the older version.
+  // A destination without a source becomes an empty array of the older version.
   const array_t alone = array_of(36, 9, 0);
   TSDBVerCBArgs_t sourceless = {RECTYPE_G_MG, nullptr, alone.get()};
   tsdb_recov_downgrade_g_mg_2_1(&sourceless);
@@ -91,25 +90,25 @@ TEST(RecordDowngrade, EndsWhereSourceOrDestinationDoes) {
   const std::string before = stream_of(source.get());
   tsdb_recov_downgrade_g_mg_2_0(&args);
   EXPECT_EQ(tslb_da_get_size(larger.get()), 5u);
-  EXPECT_EQ(stream_of(source.get()), before) << "the source is only read";
+  EXPECT_EQ(stream_of(source.get()), before) << "the source was changed";
 
   const array_t full = array_of(36, 9, 0);
   get_dyn_hdr(full.get())->n_alloc = 0xFFFFFFFF;
   args.h_mpool_cur = full.get();
   stderr_of([&] { tsdb_recov_downgrade_g_mg_2_0(&args); });
-  EXPECT_EQ(tslb_da_get_size(full.get()), 1u) << "the first refusal is the last try";
+  EXPECT_EQ(tslb_da_get_size(full.get()), 1u) << "allocation was tried again after a refusal";
 }
 
-TEST(RecordDowngrade, StringsAtTheirLimits) {
+TEST(RecordDowngrade, StringsOfMaximumLength) {
   static const struct {
     const char *fault;
-    size_t tag, value;  // characters; at the size of the field: no terminator
+    size_t tag, value;  // characters; a string of the field's size has no terminator
     size_t tag_kept, value_kept;
   } rows[] = {
       {"empty value", 0, 0, 0, 0},
-      {"stored length believed, longest tag cut", 63, 254, 63, 254},
+      {"stored length used, or longest tag cut", 63, 254, 63, 254},
       {"255 characters cut", 1, 255, 1, 255},
-      {"256 characters come out empty", 1, 256, 1, 255},
+      {"256 characters become an empty string", 1, 256, 1, 255},
       {"read on past fields without a terminator", 64, 4096, 63, 255},
   };
   for (const auto &row : rows) {
@@ -147,7 +146,7 @@ TEST(LibraryDowngrade, HeadersAndPoolHeader) {
   } rows[] = {
       {"header of another size copied", 56, 0, 0, ", mismatched, prev_sz = 56, cur_sz = 0"},
       {"nothing to copy is a mismatch", 0, 56, 0, nullptr},
-      {"pool header not carried", 56, 56, 56, nullptr},
+      {"pool header not copied", 56, 56, 56, nullptr},
       {"copied past a short header", 8, 8, 8, nullptr},
       {"more than a pool header copied", 100, 100, 56, nullptr},
   };
@@ -157,7 +156,7 @@ TEST(LibraryDowngrade, HeadersAndPoolHeader) {
     const array_t destination(get_default_dyn_array_ex_ex(row.cur_hdr, 8, 1, MPOOL_TYPE_DRAM, 0, nullptr, 1, 7));
     memset(bytes_of(source->arr_base) + 8, 'S', static_cast<size_t>(row.prev_hdr));
     memset(bytes_of(destination->arr_base) + 8, 'D', static_cast<size_t>(row.cur_hdr));
-    const std::string behind(bytes_of(destination->arr_base) + 8 + row.cur_hdr, 60 + 16 + 16);
+    const std::string lists_and_counts(bytes_of(destination->arr_base) + 8 + row.cur_hdr, 60 + 16 + 16);
     TSDBVerCBArgs_t args = {RECTYPE_LIB_BV, source.get(), destination.get()};
     const tracing_t tracing(true, false, true);
     tsdb_recov_downgrade_rc_lib_2_1(&args);
@@ -166,10 +165,10 @@ TEST(LibraryDowngrade, HeadersAndPoolHeader) {
     EXPECT_EQ(hdr->rec_version, 2);
     EXPECT_EQ(std::string(bytes_of(destination->arr_base) + 8, static_cast<size_t>(row.cur_hdr)),
               std::string(row.copied, 'S') + std::string(static_cast<size_t>(row.cur_hdr) - row.copied, 'D'));
-    EXPECT_EQ(std::string(bytes_of(destination->arr_base) + 8 + row.cur_hdr, 60 + 16 + 16), behind);
+    EXPECT_EQ(std::string(bytes_of(destination->arr_base) + 8 + row.cur_hdr, 60 + 16 + 16), lists_and_counts);
     EXPECT_EQ(destination->daflag, 0);
-    EXPECT_EQ(list_roots(destination.get()).lltype, 1) << "stored flags stay";
-    // A plain array from here on: no list is asked, no lock taken, no node written.
+    EXPECT_EQ(list_roots(destination.get()).lltype, 1) << "stored flags changed";
+    // From here on it is a plain array: no list, lock or node is used.
     list_roots(destination.get()).n_free = 1;
     list_roots(destination.get()).free_head = 0;
     uint32_t idx;
@@ -198,7 +197,7 @@ TEST(LibraryDowngrade, HeadersAndPoolHeader) {
   }
 }
 
-TEST(LibraryDowngrade, PoolsGoByTheHostsCopy) {
+TEST(LibraryDowngrade, PoolsUseTheHostsCopy) {
   TSDBVerCBArgs_t args = {};
   for (const auto routine : {tsdb_recov_downgrade_rc_lib_bb_1_0, tsdb_recov_downgrade_rc_lib_bv_1_0}) {
     copy_called_with = nullptr;
@@ -207,7 +206,7 @@ TEST(LibraryDowngrade, PoolsGoByTheHostsCopy) {
   }
 }
 
-TEST(Trace, LinesFollowTheirSwitches) {
+TEST(Trace, LinesDependOnTheirSwitches) {
   const array_t subjects = array_of(sizeof(subject_value_t_v1), 2, 0);
   for (int i = 0; i < 2; ++i) {
     uint32_t idx;
@@ -240,8 +239,8 @@ TEST(Trace, LinesFollowTheirSwitches) {
   }
 }
 
-// What there is a way to, and the nodes and version that it leads from, convert_test asks the tool.
-TEST(Maps, RowsStandAtTheirNumbersAndNothingGoesUp) {
+// The convert_test program checks the available conversions, their flags and their versions through the tool.
+TEST(Maps, RowsHaveTheirOwnNumbersAndNoUpgrades) {
   const auto expect_row = [](const TSDBVerMap_t &row, int rec_type, uint8_t is_lib) {
     SCOPED_TRACE(testing::Message() << rec_type << (is_lib != 0 ? ", the library's" : ""));
     EXPECT_EQ(row.rec_type, rec_type);
@@ -256,8 +255,8 @@ TEST(Maps, RowsStandAtTheirNumbersAndNothingGoesUp) {
   for (int row = 0; row < 3; ++row) expect_row(g_old_lib_vermap[row], row, 2);
 }
 
-// Fills the cells of a map that lead up, which are null in every row. A lookup after the last version of a row reads one
-// of them in the next row.
+// Fills the upgrade cells of a map, which are null in every row. A lookup after the last version of a row would read
+// such a cell of the next row.
 class filled_map_t {
  public:
   filled_map_t(const TSDBVerMap_t *rows, size_t count) : rows_(const_cast<TSDBVerMap_t *>(rows)), count_(count) {
@@ -280,7 +279,7 @@ class filled_map_t {
   size_t count_;
 };
 
-TEST(Maps, NothingLiesOutside) {
+TEST(Maps, ValuesOutsideTheMapsGiveNull) {
   const filled_map_t records(g_old_vermap, 33), library(g_old_lib_vermap, 5);
   static const struct {
     uint16_t rec_type;
@@ -296,7 +295,7 @@ TEST(Maps, LookupAndPrintAreTraced) {
       const tracing_t none(false, level1, level1);
       tsdb_recovery_version_get_downgrade_fn_ptr(RECTYPE_G_MG, 1, 2);
       tsdb_print_old_version_tb();
-      EXPECT_TRUE(traced.empty()) << "traced into a log that does not run";
+      EXPECT_TRUE(traced.empty()) << "traced although the log is off";
     }
     const tracing_t tracing(true, level1, !level1);
     tsdb_recovery_version_get_downgrade_fn_ptr(RECTYPE_G_MG, 1, 2);

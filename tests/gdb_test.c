@@ -1,5 +1,5 @@
-/* Arrays for a debugger to look at: what a host keeps, what a crash can leave behind, and what is no array at all.
- * gdb_test.gdb stops in look_here and asks; gdb_test.expected holds the answers. */
+/* Arrays for a debugger: those of a host, those that a crash can leave, and memory that is not an array. gdb_test.gdb
+ * stops in look_here and runs commands; gdb_test.expected holds their output. */
 #include <string.h>
 
 #include <tslb/tslb_dynarr.h>
@@ -13,18 +13,18 @@ typedef struct reading_t {
 
 dynarr_t *readings;       /* both lists, block 0 and two blocks of level 1 */
 DynamicArray_t plain;     /* no lists, levels 1 to 3, and a user header */
-dynarr_t *looped;         /* a free list that leads into itself */
-dynarr_t *cut;            /* one that leads to a slot which does not exist, and an inactive list at odds with itself */
+dynarr_t *looped;         /* a free list with a cycle */
+dynarr_t *cut;            /* a free list that leads to a missing slot, and an inconsistent inactive list */
 dynmem_t *buffers, *bits; /* pools of the two kinds */
 maddr_t first_chunk, last_chunk, bit_chunk;
 maddr64_t wide_chunk;
 dynarr_t *no_array;
-DynArrHandle_t unmade;  /* a handle ahead of its block 0 */
-DynArrHandle_t hanging; /* one whose block 0 is gone */
-DynArrHandle_t hollow;  /* one whose block 0 holds zeroes */
+DynArrHandle_t unmade;  /* a handle before its block 0 exists */
+DynArrHandle_t hanging; /* a handle whose block 0 was released */
+DynArrHandle_t hollow;  /* a handle whose block 0 holds zeroes */
 char zeroes[4096];
 
-dynarr_t *look_up(void) { /* for gdb to be denied */
+dynarr_t *look_up(void) { /* gdb must not call this function */
   return readings;
 }
 
@@ -52,7 +52,7 @@ static void make_readings(void) {
 
 static void make_plain(void) {
   plain = get_default_dyn_array_ex(56, 8, 10, MPOOL_TYPE_DRAM_TMP, 3, NULL, 0);
-  memset(get_user_hdr(plain), 0x2A, 56); /* as long as a pool's, and none */
+  memset(get_user_hdr(plain), 0x2A, 56); /* as long as a pool's header, but not one */
   for (int i = 0; i < 4400; ++i) get_dyn_arr_new_record_id(plain);
 }
 
@@ -94,7 +94,7 @@ static void look_here(void) {
 }
 
 int main(void) {
-  tslb_set_timer_factor(1e12); /* the clock stands at 0 */
+  tslb_set_timer_factor(1e12); /* the clock stays at 0 */
   make_readings();
   make_plain();
   make_damaged();

@@ -1,4 +1,4 @@
-# What gdb_test.sh asks, of a process and of its core.
+# Commands of gdb_test.sh, for a process and for its core.
 echo -- a handle, by value and by pointer --\n
 set print pretty on
 print *readings

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Asks gdb about the arrays of a program, with what is installed beside the library and loaded on its own: in a process,
-# in the core of that process, and in one without debug information.
+# Runs gdb on a program with arrays, with the installed script that gdb loads by itself: in a process, in the core of
+# that process, and in a process without debug information.
 #   gdb_test.sh BUILD_FOLDER CMAKE GDB OBJCOPY PROGRAM
 set -euo pipefail
 build=$1 cmake=$2 gdb=$3 objcopy=$4 program=$5
@@ -13,30 +13,30 @@ env -u DESTDIR "$cmake" --install "$build" --component runtime --prefix "$scratc
 mv "$scratch/first" "$scratch/prefix"
 LD_LIBRARY_PATH=$(dirname "$(find "$scratch/prefix" -name 'libtslb.so.?')")
 export LD_LIBRARY_PATH DEBUGINFOD_URLS=''
-ask=("$gdb" -nx -batch -iex "add-auto-load-safe-path $scratch/prefix" -iex 'set width 0')
+gdb_command=("$gdb" -nx -batch -iex "add-auto-load-safe-path $scratch/prefix" -iex 'set width 0')
 
-# One error does not end the questions, as it would if gdb read them with -x.
-questions=()
+# Passed as -ex options: an error does not stop the commands, as it would with -x.
+commands=()
 while IFS= read -r line; do
-  case $line in '' | '#'*) ;; *) questions+=(-ex "$line") ;; esac
+  case $line in '' | '#'*) ;; *) commands+=(-ex "$line") ;; esac
 done <"$here/gdb_test.gdb"
-# An error as its last answer would be gdb's own exit code.
-questions+=(-ex 'echo -- end --\n')
+# An error in the last command would become gdb's exit code.
+commands+=(-ex 'echo -- end --\n')
 to_there=(-ex 'break look_here' -ex run -ex up)
 answers() { sed -n '/^-- a handle/,/^-- end --/p' "$1" | sed 's/0x[0-9a-f]\{7,\}/ADDRESS/g'; }
 
-"${ask[@]}" "${to_there[@]}" "${questions[@]}" -ex 'generate-core-file core' "$program" \
+"${gdb_command[@]}" "${to_there[@]}" "${commands[@]}" -ex 'generate-core-file core' "$program" \
   >process 2>&1
 answers process >process.answers
 diff -u "$here/gdb_test.expected" process.answers || { cat process >&2; exit 1; }
 
-"${ask[@]}" "${questions[@]}" "$program" core >core.log 2>&1
+"${gdb_command[@]}" "${commands[@]}" "$program" core >core.log 2>&1
 answers core.log >core.answers
-diff -u process.answers core.answers || { echo "a core answers otherwise than its process" >&2; exit 1; }
+diff -u process.answers core.answers || { echo "the output for a core differs from that for its process" >&2; exit 1; }
 
-# Handles by their addresses, types by their widths.
+# Without types: handles as addresses, addresses of chunks as integers of the same size.
 "$objcopy" --strip-debug "$program" bare
-"${ask[@]}" "${to_there[@]}" -ex 'tslb show *(long*)&readings' -ex 'tslb list *(long*)&readings free' \
+"${gdb_command[@]}" "${to_there[@]}" -ex 'tslb show *(long*)&readings' -ex 'tslb list *(long*)&readings free' \
   -ex 'tslb address *(long*)&buffers *(long*)&wide_chunk' -ex 'tslb address *(long*)&bits *(int*)&bit_chunk' \
   -ex 'output $tslb_record(*(long*)&readings, 30)' ./bare >bare.log 2>&1
 for text in 'level 1      1 table, 2 blocks' '3 slots on the free list' 'a wide address' 'bit-vector address' \

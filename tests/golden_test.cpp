@@ -1,5 +1,5 @@
-// Stored formats are promises: what scripted operations store is, byte for byte, what tests/golden holds; and what it
-// holds can be loaded. A change of format shows as a change of a file there, which scripts/golden makes on purpose.
+// Tests that stored formats do not change. Scripted operations must store, byte for byte, the files in tests/golden,
+// and these files must load. An intended change of a format changes these files with scripts/golden.
 #include <map>
 
 #include <tslb/block_files.h>
@@ -23,7 +23,7 @@ static std::string hex(std::string_view bytes) {
   return text;
 }
 
-// Bytes that tell their place: a record that is stored elsewhere, or shifted, does not look like this one.
+// Fills with bytes that depend on their place, so that a record at another place or with an offset differs.
 static void fill(void *at, size_t size, int seed) {
   for (size_t i = 0; i < size; ++i) bytes_of(at)[i] = static_cast<char>(static_cast<size_t>(seed) * 16 + i);
 }
@@ -75,12 +75,12 @@ static std::string block0_variants() {
 
 static array_t plain_array() {
   array_t array(tslb_da_init_v5(4, 2, MPOOL_TYPE_DRAM, "golden", 7));
-  for (uint32_t i = 0; i < 2 + 256 + 5; ++i)  // into level 2
+  for (uint32_t i = 0; i < 2 + 256 + 5; ++i)  // up to level 2
     write_at(tslb_da_get_ptr(array.get(), tslb_da_get_newidx(array.get())), 0, i * 0x01010101u);
   return array;
 }
 
-// Slots of both kinds on their lists, in an order that is not that of their indices.
+// Free and inactive slots, in an order different from that of their indices.
 static array_t list_array(char mem_type, int record_sz, int n_slots, uint8_t daflag) {
   array_t array(tslb_da_init_ver(record_sz, 3, mem_type, "metrics", 12, daflag, 5));
   DynArrHandle_t *const handle = array.get();
@@ -99,7 +99,7 @@ static array_t list_array(char mem_type, int record_sz, int n_slots, uint8_t daf
   return array;
 }
 
-// Chunks of growing length; each third one is deleted, and so are all of slot 1, which goes back where that is possible.
+// Chunks of growing length. Each third one and all chunks of slot 1 are deleted. Slot 1 is freed if the pool allows it.
 static array_t chunk_pool(char compat_flag, char slot_type, int tbl_id, uint8_t daflag) {
   array_t pool(tslb_init_dynmem_ex(64, 2, compat_flag, MPOOL_TYPE_DRAM, slot_type, "golden", tbl_id, daflag, 5));
   for (int i = 0; i < 12; ++i, ++now) {
@@ -181,7 +181,7 @@ static void write_images(const images_t &images, const fs::path &dir) {
   }
 }
 
-// As text, of which the lines that differ are shown.
+// Compared as text, so that a failure shows the lines that differ.
 static void expect_same(const std::string &name, const std::string &made, const std::string &golden) {
   const bool is_text = name.ends_with(".txt");
   EXPECT_EQ(is_text ? made : hex(made), is_text ? golden : hex(golden)) << name;
@@ -189,7 +189,7 @@ static void expect_same(const std::string &name, const std::string &made, const 
 
 static const fs::path golden_dir = TSLB_GOLDEN_DIR;
 
-TEST(Golden, TodaysCodeStoresTheSameBytes) {
+TEST(Golden, StoredBytesMatchTheGoldenFiles) {
   const images_t images = make_images();
   if (const char *const dir = getenv("TSLB_REMAKE_GOLDEN"); dir != nullptr) {
     write_images(images, dir);
@@ -199,11 +199,11 @@ TEST(Golden, TodaysCodeStoresTheSameBytes) {
 
   for (const auto &file : fs::recursive_directory_iterator(golden_dir)) {
     const std::string name = fs::relative(file.path(), golden_dir);
-    EXPECT_TRUE(!file.is_regular_file() || images.count(name) == 1) << name << " is made by nobody";
+    EXPECT_TRUE(!file.is_regular_file() || images.count(name) == 1) << name << " is not made by this test";
   }
 }
 
-// Whoever stored them is gone; they load, and storing them again gives the same bytes.
+// Streams of an earlier version load, and storing them again gives the same bytes.
 TEST(Golden, StreamsLoad) {
   int n_streams = 0;
   for (const auto &file : fs::directory_iterator(golden_dir)) {
@@ -211,7 +211,7 @@ TEST(Golden, StreamsLoad) {
     SCOPED_TRACE(file.path().filename());
     ++n_streams;
     const bool is_cut = file.path().filename().string().starts_with("bitvector_cut");
-    const loaded_t loaded =
+    const load_result_t loaded =
         load(content_of(file.path()), {"golden", is_cut ? BVP_TBLID : 7, MPOOL_TYPE_DRAM, ARRAY_LOAD_POOL_BY_SIZE, 0,
                                        ARRAY_LOAD_ANY_VERSION, ARRAY_LOAD_ANY_SIZE});
     ASSERT_NE(loaded.array, nullptr) << loaded.error;
@@ -223,7 +223,7 @@ TEST(Golden, StreamsLoad) {
 TEST(Golden, BlockFilesLoad) {
   const array_load_options_t options = {
       "metrics", 12, MPOOL_TYPE_DRAM, ARRAY_LOAD_ANY, 0, ARRAY_LOAD_ANY_VERSION, ARRAY_LOAD_ANY_SIZE};
-  const loaded_t loaded = loaded_by([&](char *error, size_t size) {
+  const load_result_t loaded = loaded_by([&](char *error, size_t size) {
     return array_load_block_files((golden_dir / "block_files").c_str(), &options, error, size);
   });
   ASSERT_NE(loaded.array, nullptr) << loaded.error;

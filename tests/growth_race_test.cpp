@@ -1,4 +1,5 @@
-// Races for table entries, ids and bytes: decided by hand where an outcome must be forced, and by real threads.
+// Tests of races for table entries, ids and bytes: with a forced interleaving where an outcome is required, and with
+// real threads.
 #include <sys/mman.h>
 
 #include <set>
@@ -10,13 +11,13 @@
 #include "stored_image.h"
 #include "threads.h"
 
-// A rival fills an entry just ahead of the swap that would.
+// Another thread fills an entry directly before the swap.
 template <class Entry>
 static void fill_ahead(Entry *entry, void *with) {
   before_swap.arm(entry, [=] { *entry = static_cast<Entry>(with); });
 }
 
-TEST(Growth, LoserOfTheBlockSwapCountsNothingAndUsesTheRivals) {
+TEST(Growth, LostBlockSwapCountsNothingAndUsesTheOtherBlock) {
   const base_path_t base;
   for (const char mem_type : {MPOOL_TYPE_DRAM, MPOOL_TYPE_SHM}) {
     const array_t array(get_default_dyn_array_ex(0, 8, 0, mem_type, 12, "metrics", 0));
@@ -27,12 +28,12 @@ TEST(Growth, LoserOfTheBlockSwapCountsNothingAndUsesTheRivals) {
                             : mmap(nullptr, 128, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     fill_ahead(&array->ir_base->ir1[1], block);
     EXPECT_EQ(get_dyn_arr_record_position(array.get(), 16), block);
-    EXPECT_EQ(before_swap.word, nullptr) << "the swap that was to be lost did not happen";
+    EXPECT_EQ(before_swap.word, nullptr) << "the swap did not happen";
     EXPECT_EQ(get_dyn_total_allocated_records(array.get()), 16u) << "memory type " << int{mem_type};
   }
 }
 
-TEST(Growth, LoserOfTheTableSwapStepsDownTheRivals) {
+TEST(Growth, LostTableSwapUsesTheOtherTable) {
   const array_t array(get_default_dyn_array(8, 0, MPOOL_TYPE_DRAM));
   pretend_issued(array.get(), 1);
   void *const root = calloc(16, 8);
@@ -40,7 +41,7 @@ TEST(Growth, LoserOfTheTableSwapStepsDownTheRivals) {
   EXPECT_NE(get_dyn_arr_record_position(array.get(), 0), nullptr);
   EXPECT_EQ(static_cast<void *>(array->ir_base), root);
   pretend_issued(array.get(), 257);
-  // A rival that has come further: what hangs below its table serves too.
+  // The other thread's table already contains a block, which is used too.
   void *const block = calloc(16, 8);
   void **const table = static_cast<void **>(calloc(16, 8)), **const below = static_cast<void **>(calloc(16, 8));
   table[0] = below;
@@ -49,13 +50,13 @@ TEST(Growth, LoserOfTheTableSwapStepsDownTheRivals) {
   const unsigned long before = allocations_so_far();
   EXPECT_EQ(get_dyn_arr_record_position(array.get(), 256), block);
   if (fault_t::works()) {
-    EXPECT_EQ(allocations_so_far(), before + 1) << "more made than the table that lost";
+    EXPECT_EQ(allocations_so_far(), before + 1) << "more was allocated than the table that lost the race";
   }
   EXPECT_EQ(static_cast<void *>(array->ir_base->ir2), table);
   EXPECT_EQ(below[0], block);
 }
 
-// Offset of a chunk under an address of either width.
+// Takes a chunk with a 32-bit or 64-bit address. Returns its offset.
 static uint32_t take_either(const array_t &pool, int len, bool wide) {
   return wide ? take64(pool, len).mchunk_idx : take(pool, len).mchunk_idx;
 }
@@ -66,20 +67,20 @@ TEST(ChangeOfSlot, CountersAreZeroBeforeTheCursorShowsTheSlot) {
   uint32_t as_seen = 77;
   before_swap.arm(&hdr_of(pool).cur_slot_addr, [&] { as_seen = slot_at(pool, 1).bytes_used; });
   take(pool, 500);
-  EXPECT_EQ(as_seen, 0u) << "a rival's first reservation would be wiped out";
+  EXPECT_EQ(as_seen, 0u) << "another thread's first reservation would be lost";
 }
 
-TEST(ChangeOfSlot, RingThatARivalMovedIsNotMovedAgain) {
+TEST(ChangeOfSlot, RingThatAnotherThreadMovedIsNotMovedAgain) {
   const array_t pool =
       pool_of({.compat = 0, .daflag = 0, .slot_type = MPOOL_FLAG_BV, .mem_type = MPOOL_TYPE_DRAM_TMP}, 4, 64);
   ASSERT_EQ(as_word(take_several(pool, 254 + 10, 64).back()), 9u) << "the ring has wrapped and slot 9 is full";
   before_swap.arm(&hdr_of(pool).cur_slot_addr, [&] { set_cursor(pool, 10, 24); });
-  EXPECT_EQ(as_word(take(pool, 8)), 10u | (3u << 11)) << "a rival's bytes were handed out twice";
+  EXPECT_EQ(as_word(take(pool, 8)), 10u | (3u << 11)) << "another thread's bytes were allocated twice";
 }
 
-// While a thread waits for the lock to leave slot 252, others complete the ring and come round to that slot again. What
-// is true under the lock decides: a 255th slot would be above the ring, and an address of it is handed out twice.
-TEST(ChangeOfSlot, RingThatWasCompletedMeanwhileGetsNoFurtherSlot) {
+// While a thread waits for the lock to leave slot 252, other threads complete the ring and reach that slot again. The
+// state under the lock decides: slot 254 would be above the ring, and its addresses would name two chunks.
+TEST(ChangeOfSlot, RingCompletedDuringTheWaitGetsNoFurtherSlot) {
   static const struct {
     const char *fault;
     int filled;  // of the 64 bytes of slot 252, when it is reached again
@@ -103,8 +104,8 @@ TEST(ChangeOfSlot, RingThatWasCompletedMeanwhileGetsNoFurtherSlot) {
   }
 }
 
-// The same in a pool with lists: the slot was given back and taken again, and half of it is free.
-TEST(ChangeOfSlot, SlotThatCameRoundWithRoomIsNotLeft) {
+// The same in a pool with lists: the slot was freed and taken again, and half of it is free.
+TEST(ChangeOfSlot, ReusedCurrentSlotWithRoomIsNotLeft) {
   for (const bool wide : {false, true}) {
     const array_t pool = pool_of();
     const maddr_t first = take(pool, 900);
@@ -119,16 +120,16 @@ TEST(ChangeOfSlot, SlotThatCameRoundWithRoomIsNotLeft) {
   }
 }
 
-// A pool reaches its limit with the slot that another thread has just taken, which has room.
-TEST(ChangeOfSlot, LimitRefusesNothingThatTheCurrentSlotCanHold) {
+// A pool reaches its limit with a slot that another thread has just taken and that has room.
+TEST(ChangeOfSlot, LimitDoesNotRefuseWhatTheCurrentSlotCanHold) {
 #if defined(TSLB_SANITIZES_THREAD)
-  GTEST_SKIP() << "signals are delayed here";
+  GTEST_SKIP() << "ThreadSanitizer delays signals";
 #elif defined(TSLB_SANITIZES_ADDRESS)
-  GTEST_SKIP() << "the checks between the instructions take minutes in single steps";
+  GTEST_SKIP() << "single steps through AddressSanitizer's checks take minutes";
 #endif
   size_t instructions = 0;
   for (bool reached = true; reached; ++instructions) {
-    // Small slots: the C library clears the new block one step for each byte.
+    // Small slots: clearing a new block takes one step per byte.
     const array_t pool = pool_of({.max_slots = 8}, 4, 64);
     take_several(pool, 4, 64);
     maddr_t address = {};
@@ -141,20 +142,20 @@ TEST(ChangeOfSlot, LimitRefusesNothingThatTheCurrentSlotCanHold) {
   EXPECT_GT(instructions, 30u) << "the allocation was not interrupted";
 }
 
-TEST(ChangeOfSlot, LoserUsesTheRivals) {
+TEST(ChangeOfSlot, ThreadThatLosesUsesTheOthersSlot) {
   for (const bool wide : {false, true}) {
     const array_t pool = pool_of();
     take(pool, 900);
     before_lock.arm(&pool->spinlock, [&] { EXPECT_EQ(as_word(take(pool, 300)), 1u); });
     EXPECT_EQ(take_either(pool, 400, wide), 300u);
     ASSERT_EQ(before_lock.word, nullptr);
-    EXPECT_EQ(tslb_da_get_size(pool.get()), 2u) << "more than one slot for a full one";
+    EXPECT_EQ(tslb_da_get_size(pool.get()), 2u) << "more than one slot was taken";
     EXPECT_EQ(slot_at(pool, 1).bytes_used, 700u);
   }
 }
 
-// Nobody else may touch the lists, and the ids of a list array are drawn with them.
-TEST(ChangeOfSlot, TakesTheNewOneUnderTheLock) {
+// No other thread may use the lists, and the ids of an array with lists are issued under the same lock.
+TEST(ChangeOfSlot, NewSlotIsTakenUnderTheLock) {
   for (const bool wide : {false, true}) {
     const array_t pool = pool_of();
     uint32_t held = 9;
@@ -163,19 +164,19 @@ TEST(ChangeOfSlot, TakesTheNewOneUnderTheLock) {
     EXPECT_EQ(held, 1u);
     EXPECT_EQ(pool->spinlock, 0);
   }
-  // Nor is the slot of a complete ring's cursor changed without it.
+  // The cursor's slot in a complete ring also changes only under the lock.
   const array_t ring =
       pool_of({.compat = 0, .daflag = 0, .slot_type = MPOOL_FLAG_BV, .mem_type = MPOOL_TYPE_DRAM_TMP}, 4, 64);
   take_several(ring, 254 + 1, 64);
   uint32_t held = 9;
   before_swap.arm(&hdr_of(ring).cur_slot_addr, [&] { held = ring->spinlock; });
   EXPECT_EQ(as_word(take(ring, 64)), 1u);
-  EXPECT_EQ(held, 1u) << "the ring's step takes no lock";
+  EXPECT_EQ(held, 1u) << "the ring moves its cursor without the lock";
   EXPECT_EQ(ring->spinlock, 0);
 }
 
-// A swap that is lost twice is tried a third time, at the place that the second rival left.
-TEST(Reservation, TriedUntilNoRivalIsFirst) {
+// A swap that fails twice is tried a third time, at the offset that the second thread left.
+TEST(Reservation, RetriedUntilItSucceeds) {
   for (const bool wide : {false, true}) {
     const array_t pool = pool_of({.compat = 0, .daflag = 0});
     take(pool, 100);
@@ -184,13 +185,13 @@ TEST(Reservation, TriedUntilNoRivalIsFirst) {
       reserve_10();
       before_swap.arm(&hdr_of(pool).cur_slot_addr, reserve_10);
     });
-    EXPECT_EQ(take_either(pool, 50, wide), 120u) << "bytes were handed out twice";
+    EXPECT_EQ(take_either(pool, 50, wide), 120u) << "bytes were allocated twice";
     EXPECT_EQ(cursor_off(pool), 170u);
     EXPECT_EQ(tslb_da_get_size(pool.get()), 1u) << "a slot with room was left";
   }
 }
 
-TEST(Locks, TakenOnceWhereAListIsTouchedAndNowhereElse) {
+TEST(Locks, TakenOncePerListOperationAndNowhereElse) {
   const array_t lists(tslb_da_init_ll(8, 4, MPOOL_TYPE_DRAM, nullptr, 0, TSLB_DA_DAFLAG_LL));
   const array_t plain(tslb_da_init_v5(8, 4, MPOOL_TYPE_DRAM, nullptr, 0));
   const auto calls_of = [](auto work) {
@@ -247,7 +248,7 @@ TEST(Threads, IdsAreUniqueAndRecordsDistinct) {
     for (int i = 0; i < kIds; ++i) {
       void *record;
       const int32_t id = get_dyn_arr_new_record_id_ex(array.get(), &record, TSLB_DA_DAFLAG_INLL);
-      // Nodes included: what overlaps another thread's slot shows below, and under TSan at once.
+      // Nodes included: an overlap with another thread's slot shows in the check below, and immediately under TSan.
       memset(bytes_of(record) - 8, self + 1, 28);
       taken[static_cast<size_t>(self)].push_back({id, record});
     }

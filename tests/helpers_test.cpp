@@ -1,4 +1,4 @@
-// Partitions, tokens, directories, error texts, sockets.
+// Tests of partitions, tokens, directories, error texts and sockets.
 #include <arpa/inet.h>
 #include <dlfcn.h>
 #include <errno.h>
@@ -59,7 +59,7 @@ TEST(Tokens, ManyThreadsAtOnce) {
   });
 }
 
-TEST(ErrorText, IsTheThreadsOwn) {
+TEST(ErrorText, EachThreadHasItsOwn) {
   char *const mine = qxlb_strerror(ENOENT);
   EXPECT_STREQ(mine, "No such file or directory");
   std::thread([&] {
@@ -72,14 +72,14 @@ TEST(ErrorText, IsTheThreadsOwn) {
 
 using Directories = InFolder;
 
-TEST_F(Directories, ChainsUpToTheLastSlash) {
+TEST_F(Directories, CreatesAllDirectoriesUpToTheLastSlash) {
   EXPECT_EQ(mkdir_ex((dir_ / "a/b/c").c_str()), 1);
   EXPECT_TRUE(fs::is_directory(dir_ / "a/b"));
   const mode_t mask = umask(0);
   EXPECT_EQ(mkdir_ex((dir_ / "open/x").c_str()), 1);
   umask(mask);
   EXPECT_EQ(fs::status(dir_ / "open").permissions(), fs::perms(0777));
-  EXPECT_FALSE(fs::exists(dir_ / "a/b/c")) << "a name without a slash behind it is a file's";
+  EXPECT_FALSE(fs::exists(dir_ / "a/b/c")) << "the name after the last slash was created as a directory";
   EXPECT_EQ(mkdir_ex((dir_ / "a/b/c/").c_str()), 1);
   EXPECT_TRUE(fs::is_directory(dir_ / "a/b/c"));
   EXPECT_EQ(mkdir_ex((dir_ / "a//x///y/").c_str()), 1);
@@ -94,7 +94,7 @@ TEST_F(Directories, ChainsUpToTheLastSlash) {
   for (const char *made : {"r/s", "t", "u"}) EXPECT_TRUE(fs::is_directory(dir_ / made)) << made;
 }
 
-TEST_F(Directories, FailuresNameTheLevelAndKeepWhatStands) {
+TEST_F(Directories, FailuresNameTheDirectoryAndKeepExistingOnes) {
   std::ofstream(dir_ / "file") << "x";
   EXPECT_EQ(
       stderr_of([&] { EXPECT_EQ(mkdir_ex((dir_ / "new/../file/below/x").c_str()), 0); }),
@@ -109,7 +109,7 @@ TEST_F(Directories, Limits) {
     return path;
   };
   EXPECT_EQ(stderr_of([&] { EXPECT_EQ(mkdir_ex(with_length(4000).c_str()), 1); }), "");
-  // Longer than the system takes: accepted here, refused there.
+  // Longer than the system allows: accepted by mkdir_ex, refused by the system.
   EXPECT_EQ(stderr_of([&] { mkdir_ex(with_length(8000).c_str()); }).find("Error in creating directory."), 0u);
   const std::string path = with_length(8001);
   EXPECT_EQ(stderr_of([&] { EXPECT_EQ(mkdir_ex(path.c_str()), 0); }),
@@ -121,7 +121,7 @@ TEST_F(Directories, Limits) {
   EXPECT_EQ(stderr_of([&] { EXPECT_EQ(mkdir_ex(fields.c_str()), 1); }), "");
   fs::remove_all(dir_ / "x");
   EXPECT_NE(stderr_of([&] { EXPECT_EQ(mkdir_ex((fields + "/x").c_str()), 0); }), "");
-  EXPECT_FALSE(fs::exists(dir_ / "x")) << "a path that is refused was made in part";
+  EXPECT_FALSE(fs::exists(dir_ / "x")) << "directories of a refused path were created";
 }
 
 static std::string text_of(const void *address, int give_port) {
@@ -176,12 +176,13 @@ TEST(Sockets, ListeningAndItsFailures) {
   close(on_all);
   const std::string port_text = std::to_string(port);
   const int second = tslb_tcp_listen(&port, 5, "127.0.0.2", err_msg);
-  EXPECT_EQ(std::string(tslb_get_src_addr_ex(second, 1)), "127.0.0.2:" + port_text) << "not the port that was chosen";
+  EXPECT_EQ(std::string(tslb_get_src_addr_ex(second, 1)), "127.0.0.2:" + port_text)
+      << "the reported port is not the socket's";
   close(second);
-  // What stands behind an address is not looked at, but shown.
+  // Text after an address is not parsed, but the report shows it.
   EXPECT_EQ(tslb_tcp_listen(&port, 5, ("127.0.0.1 " + std::string(600, 'x')).c_str(), err_msg), -2);
   EXPECT_EQ(strlen(err_msg), 511u);
-  EXPECT_EQ(std::string(err_msg + 512, 512), std::string(512, '\0')) << "written behind the text's room";
+  EXPECT_EQ(std::string(err_msg + 512, 512), std::string(512, '\0')) << "written after the end of the buffer";
   const std::string taken = "Port = " + port_text + "). IP Address and port is in use";
   const struct {
     const char *address;
@@ -209,7 +210,7 @@ TEST(Sockets, ListeningAndItsFailures) {
   }
   EXPECT_STREQ(err_msg, "Error in creating socket. Error: Too many open files\n");
 
-  // Both ends of a connection.
+  // The addresses of both ends of a connection.
   const int client = socket(AF_INET, SOCK_STREAM, 0);
   struct sockaddr_in to = {};
   to.sin_family = AF_INET;
@@ -263,7 +264,7 @@ TEST(Sockets, StepsOfListeningThatFail) {
     int port = 0;
     refused_call = row.call;
     EXPECT_EQ(tslb_tcp_listen(&port, 5, "127.0.0.1", err_msg), -1);
-    EXPECT_EQ(refused_call, nullptr) << "not called";
+    EXPECT_EQ(refused_call, nullptr) << "the call was not made";
     EXPECT_STREQ(err_msg, row.text);
     EXPECT_EQ(open_descriptors(), before) << "the socket was left open";
   }
@@ -271,7 +272,7 @@ TEST(Sockets, StepsOfListeningThatFail) {
 
 using LocalSockets = InFolder;
 
-TEST_F(LocalSockets, EndsOfWhatIsNoneAndOfLocalOnes) {
+TEST_F(LocalSockets, AddressesOfOtherDescriptorsAndOfLocalSockets) {
   int pipe_ends[2];
   ASSERT_EQ(pipe(pipe_ends), 0);
   EXPECT_STREQ(tslb_get_src_addr_ex(pipe_ends[0], 1), "Unknown or Not Connected");
@@ -279,7 +280,7 @@ TEST_F(LocalSockets, EndsOfWhatIsNoneAndOfLocalOnes) {
   close(pipe_ends[0]);
   close(pipe_ends[1]);
 
-  // A peer's path that is longer than the 28 bytes which are asked for ends with them.
+  // A peer's path longer than the 28 bytes that are requested is cut to them.
   struct sockaddr_un address = {};
   address.sun_family = AF_UNIX;
   snprintf(address.sun_path, sizeof(address.sun_path), "%s/a_rather_long_name_of_a_socket", dir_.c_str());
@@ -289,12 +290,12 @@ TEST_F(LocalSockets, EndsOfWhatIsNoneAndOfLocalOnes) {
   ASSERT_EQ(connect(client, reinterpret_cast<struct sockaddr *>(&address), sizeof(address)), 0);
   EXPECT_STREQ(tslb_get_src_addr_ex(listening, 1), address.sun_path);
   EXPECT_EQ(std::string(tslb_get_dest_addr_ex(client, 1)), std::string(address.sun_path, 26));
-  EXPECT_STREQ(tslb_get_src_addr_ex(client, 1), "") << "an end without a path";
+  EXPECT_STREQ(tslb_get_src_addr_ex(client, 1), "") << "a socket without a path has one";
   close(listening);
   close(client);
 }
 
-TEST(Epoll, SetsAndTheirFailures) {
+TEST(Epoll, CreationAdditionAndFailures) {
   char err_msg[512] = "from before";
   const int set = tslb_epoll_init(10, err_msg);
   ASSERT_GE(set, 0);

@@ -1,4 +1,4 @@
-// The stand-in for the host's symbols, and the exported settings as they are at load.
+// Tests of the stand-in for the host's symbols, and of the exported settings at load.
 #include <tslb/tsdb_multi_thread_trace_log.h>
 #include <tslb/tsdb_recovery_version_compatibility.h>
 #include <tslb/tslb_rd_api.h>
@@ -6,7 +6,7 @@
 #include "array_support.h"
 #include "fault_alloc.h"
 
-TEST(StandIn, SwapsSayWhetherTheySwappedAndAdditionsGiveTheOldValue) {
+TEST(StandIn, SwapsReportSuccessAndAdditionsReturnTheOldValue) {
   uint64_t word = 5;
   EXPECT_NE(cas64(&word, 5, 1ull << 40), 0);
   EXPECT_EQ(cas64(&word, 5, 9), 0);
@@ -19,7 +19,7 @@ TEST(StandIn, SwapsSayWhetherTheySwappedAndAdditionsGiveTheOldValue) {
   uint32_t words[] = {1, 0};
   EXPECT_EQ(get_and_inc32(words, 0xFFFFFFFF), 1u);
   EXPECT_EQ(words[0], 0u);
-  EXPECT_EQ(words[1], 0u) << "the carry left the word";
+  EXPECT_EQ(words[1], 0u) << "the carry changed the next word";
 }
 
 TEST(StandIn, LogsAreOff) {
@@ -33,7 +33,7 @@ TEST(StandIn, LogsAreOff) {
   }
 }
 
-// What it brings, convert_test asks the driver.
+// convert_test checks the copied content through the driver.
 TEST(StandIn, RecoveryCopyRefusesAnotherGeometry) {
   const array_t from(tslb_init_dynmem(64, 2, 0, MPOOL_TYPE_DRAM, 0, "p", 1, TSLB_DA_DAFLAG_LL));
   const array_t to(tslb_init_dynmem(68, 5, 0, MPOOL_TYPE_DRAM, 0, "p", 1, TSLB_DA_DAFLAG_LL));
@@ -44,8 +44,8 @@ TEST(StandIn, RecoveryCopyRefusesAnotherGeometry) {
   EXPECT_EQ(tslb_da_get_size(to.get()), 0u) << "an array of another geometry was written";
 }
 
-// A refused allocation leaves an id without memory in the copy. When the copy is tried again, that id is not the next.
-TEST(StandIn, RecoveryCopyTriedAgainLosesNoRecord) {
+// A refused allocation leaves an id without memory in the copy. If the copy is repeated, this id is not the next one.
+TEST(StandIn, RepeatedRecoveryCopyLosesNoRecord) {
   const array_t from(tslb_da_init_v5(8, 1, MPOOL_TYPE_DRAM, nullptr, 0));
   for (uint64_t i = 0; i < 40; ++i)
     write_at(tslb_da_get_ptr(from.get(), tslb_da_get_newidx(from.get())), 0, i + 0x123456789);

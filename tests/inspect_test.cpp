@@ -1,4 +1,4 @@
-// The inspector against arrays that the library stored: facts, and each contradiction with the byte where it stands.
+// Tests of the inspector on arrays that the library stored: facts, and each inconsistency with its byte.
 
 #include <functional>
 #include <nlohmann/json.hpp>
@@ -11,7 +11,7 @@ using json_t = nlohmann::json;
 using namespace nlohmann::literals;
 using testing::HasSubstr;
 
-// 20 slots, 3 of them direct: free 4, 2, 9; inactive 7, 5. Record i begins with the word i.
+// 20 slots, 3 of them direct. Free: 4, 2, 9. Inactive: 7, 5. Record i begins with the word i.
 static array_t two_lists(char mem_type = MPOOL_TYPE_DRAM, const char *ctx_name = nullptr) {
   array_t array(tslb_da_init_ver(12, 3, mem_type, ctx_name, 12, TSLB_DA_DAFLAG_INLL, 5));
   for (uint32_t i = 0; i < 20; ++i) {
@@ -47,7 +47,7 @@ class Inspect : public ToolTest {
   Inspect() : ToolTest(TSLB_INSPECT) {}
   ~Inspect() override { tslb_set_base_path(""); }
 
-  // The only array of the output.
+  // Returns the only array of the output.
   json_t inspect(const std::string &arguments, int exit_code) const {
     const run_t ran = run("--json " + arguments);
     EXPECT_EQ(ran.exit_code, exit_code) << ran.err;
@@ -57,14 +57,14 @@ class Inspect : public ToolTest {
     return output["arrays"][0];
   }
 
-  // Files 0 to 2 of the array with two lists.
+  // Writes files 0 to 2 of the array with two lists.
   void write_block_files(const std::string &ctx_name = "ctx") const {
     tslb_set_base_path(folder_.path.c_str());
     const array_t array = two_lists(MPOOL_TYPE_SHM, ctx_name.c_str());
   }
 };
 
-// As in "in: byte 8: ...", the faults alone.
+// Returns the faults as text, such as "in: byte 8: ...".
 static std::vector<std::string> faults_of(const json_t &array) {
   std::vector<std::string> faults;
   for (const json_t &found : array["findings"])
@@ -101,7 +101,7 @@ TEST_F(Inspect, SlotArraysOfBothForms) {
   expect_two_lists(stream);
   EXPECT_EQ(stream["form"], "stream");
   EXPECT_EQ(stream["geometry"]["stored_bytes"], slot(20));
-  // The set is one array, whichever of its files are named.
+  // The files are one array, whichever of them are named.
   for (const std::string &ctx_name : {std::string("ctx"), std::string(40, 'c')}) {
     write_block_files(ctx_name);
     const json_t blocks = inspect(ctx_name + "/12.0.darr " + ctx_name + "/12.0.darr", 0);
@@ -139,8 +139,8 @@ TEST_F(Inspect, PoolsSlotBySlot) {
       {"state": "current", "used": 24, "deleted": 0, "tail": 40}]})"_json);
     EXPECT_EQ(field_of(array, "DynMemHdr_t", "cur_slot_addr.byte_off")["value"], 24);
   }
-  // Another user header of that size is nobody's business.
-  EXPECT_FALSE(inspect("--kind array in", 1).contains("pool")) << "a cut slot is a pool's";
+  // Another user header of that size is not examined.
+  EXPECT_FALSE(inspect("--kind array in", 1).contains("pool")) << "a cut slot was accepted as a pool's";
 }
 
 TEST_F(Inspect, RecordsById) {
@@ -173,7 +173,7 @@ TEST_F(Inspect, UserHeadersAsText) {
 struct contradiction_t {
   const char *fault;
   std::function<void(std::string *)> damage;
-  const char *findings;  // a line each, behind "in: byte "
+  const char *findings;  // one line each, after "in: byte "
 };
 
 template <class Value>
@@ -235,7 +235,7 @@ TEST_F(Contradictions, OfLists) {
   expect_told(
       sound,
       {
-          {"a head beyond the array", put<uint32_t>(8, 20),
+          {"a head out of the array", put<uint32_t>(8, 20),
            "8: the free list names slot 20 of 20\n"
            "140: slot 2 has the status free, but is not on that list\n"
            "196: slot 4 has the status free, but is not on that list\n"
@@ -255,7 +255,7 @@ TEST_F(Contradictions, OfLists) {
           {"a tail", put<uint32_t>(20, 7), "20: tail 7 of the inactive list, but its last slot is 5"},
           {"a status on a list", put<uint32_t>(slot(5), 2), "224: status 2 on the inactive list, slot 5"},
           {"on no list", put<uint32_t>(slot(0), 3), "84: slot 0 has the status inactive, but is not on that list"},
-          {"a status that is none", put<uint32_t>(slot(0), 9), "84: status 9 of slot 0 does not exist"},
+          {"a status that does not exist", put<uint32_t>(slot(0), 9), "84: status 9 of slot 0 does not exist"},
           {"a back link", put<uint32_t>(slot(5) + prev, 3), "244: prev 3 of slot 5 on the inactive list, expected 7"},
       });
 }
@@ -267,13 +267,13 @@ TEST_F(Contradictions, OfPools) {
       {
           {"a slot's capacity", put<uint32_t>(12, 60), "12: mslot_sz 60 does not match record_size 72"},
           {"a cursor beyond the slots", put<uint32_t>(16, 3), "16: cur_slot_addr names slot 3 of 3"},
-          {"a cursor behind its slot", put<uint32_t>(20, 65), "20: cur_slot_addr is at byte 65 of a slot of 64"},
+          {"a cursor after its slot", put<uint32_t>(20, 65), "20: cur_slot_addr is at byte 65 of a slot of 64"},
           {"a current slot that is free", put<uint32_t>(16, 0), "140: status 1 of the current slot, 0"},
           {"more used than there is", put<uint32_t>(slot1 + 8, 65),
            "228: bytes_used 65 of slot 1, but the slot has 64"},
           {"more deleted", put<uint32_t>(slot1 + 12, 57), "232: bytes_del 57 of slot 1, but bytes_used is 56"},
           {"a last slot cut too early", cut(slot2 + 39), "339: ends 39 bytes into slot 2 of 3"},
-          {"a last slot cut behind its cursor", cut(slot2 + 41), "341: ends 41 bytes into slot 2 of 3"},
+          {"a last slot cut after its cursor", cut(slot2 + 41), "341: ends 41 bytes into slot 2 of 3"},
       });
 }
 
@@ -303,7 +303,7 @@ TEST_F(Contradictions, OfBlockFiles) {
   }
 }
 
-TEST_F(Inspect, WhatIsUnusualIsNoFault) {
+TEST_F(Inspect, UnusualStatesAreNotFaults) {
   write_block_files();
   write("ctx/12.3.darr", "left by an earlier run");
   write("ctx/12.x.darr", "not a block");
@@ -313,7 +313,7 @@ TEST_F(Inspect, WhatIsUnusualIsNoFault) {
   EXPECT_EQ(array["findings"][0]["file"], "ctx/12.3.darr");
 }
 
-TEST_F(Inspect, WhatIsUnusualInPools) {
+TEST_F(Inspect, UnusualStatesOfPools) {
   static const struct {
     const char *fault;
     size_t at;
@@ -342,7 +342,7 @@ TEST_F(Inspect, WhatIsUnusualInPools) {
   }
 }
 
-TEST_F(Inspect, NamesDoNotCommandTerminals) {
+TEST_F(Inspect, NamesDoNotControlTheTerminal) {
   const std::string name = "a\x1b[2J\nb\\x0a";
   std::string damaged = stream_of(two_lists().get());
   write_at(damaged.data(), slot(0), uint32_t{9});
@@ -353,11 +353,11 @@ TEST_F(Inspect, NamesDoNotCommandTerminals) {
   EXPECT_EQ(text.out.find('\x1b'), std::string::npos);
   EXPECT_EQ(run(arguments_t{name + "1"}).err,
             "tslb-inspect: " + shown + "1: cannot be read: No such file or directory\n");
-  // A program gets the name itself.
+  // JSON output contains the unchanged name.
   EXPECT_EQ(json_t::parse(run(arguments_t{"--json", name}).out)["arrays"][0]["name"], name);
 }
 
-// 120,000 slots in 3 MB, a third of them free.
+// 120,000 slots in 3 MB. A third of them are free.
 TEST_F(Inspect, JsonOfManySlotsTakesLittleMemory) {
   constexpr uint32_t N_SLOTS = 120000;
   const array_t pool(tslb_init_dynmem_ex1(8, N_SLOTS, 0, MPOOL_TYPE_DRAM, 0, nullptr, 1, TSLB_DA_DAFLAG_LL, 0, 0, 0));
@@ -368,7 +368,7 @@ TEST_F(Inspect, JsonOfManySlotsTakesLittleMemory) {
   const run_t ran = run("--json in");
   EXPECT_EQ(ran.exit_code, 0) << ran.err;
 #ifndef TSLB_SANITIZES_ADDRESS
-  EXPECT_LT(ran.most_kilobytes, 64 * 1024);
+  EXPECT_LT(ran.max_kilobytes, 64 * 1024);
 #endif
   const json_t slots = json_t::parse(ran.out)["arrays"][0]["pool"]["slots"];
   ASSERT_EQ(slots.size(), N_SLOTS);
@@ -389,13 +389,13 @@ TEST_F(Inspect, FilesThatCannotBeRead) {
     const run_t ran = run(row.file + std::string(" in"));
     EXPECT_EQ(ran.exit_code, 2);
     EXPECT_EQ(ran.err, std::string("tslb-inspect: ") + row.line + "\n");
-    EXPECT_EQ(ran.out.find("in: snapshot stream, slot array: sound\n"), 0u) << "the others are still inspected";
+    EXPECT_EQ(ran.out.find("in: snapshot stream, slot array: sound\n"), 0u) << "the other files were not inspected";
   }
   EXPECT_EQ(run("").exit_code, 2);
   EXPECT_EQ(run("--kind list in").exit_code, 2);
 }
 
-TEST_F(Inspect, OutputsReplaceNothingUnasked) {
+TEST_F(Inspect, OutputsReplaceFilesOnlyWithForce) {
   const std::string sound = stream_of(two_lists().get());
   write("in", sound);
   write("old", "old");
@@ -407,7 +407,7 @@ TEST_F(Inspect, OutputsReplaceNothingUnasked) {
   EXPECT_EQ(read("old").find("<?xml"), 0u);
 }
 
-// A browser parses the page and runs what may be in it; the tree that comes out is looked at.
+// A browser parses the page and runs its scripts, if there are any. The test examines the resulting tree.
 TEST_F(Inspect, PageInABrowser) {
   const char *const browser = "/usr/bin/chromium";
   if (access(browser, X_OK) != 0) GTEST_SKIP() << "chromium is not installed";
@@ -427,7 +427,7 @@ TEST_F(Inspect, PageInABrowser) {
   const std::string page = tree_of("page.html");
   EXPECT_NE(page.find("<title>Stored arrays</title>"), std::string::npos) << "a file's name ran as a script";
   EXPECT_EQ(count_of(page, "<section>"), 2u);
-  EXPECT_EQ(count_of(page, "<title>slot "), 35u + 2 * 18u) << "each slot of memory is a cell, in a pool two";
+  EXPECT_EQ(count_of(page, "<title>slot "), 35u + 2 * 18u) << "each slot is one cell, two in a pool";
   EXPECT_EQ(count_of(page, "class=\"m-stray\""), 2u) << "the slot and the legend";
   EXPECT_THAT(page, HasSubstr("slot 0: inactive, not on the list of its status"));
   EXPECT_THAT(page, HasSubstr("<td>slot 0 has the status inactive, but is not on that list</td>"));

@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# Installs into an empty folder, moves that elsewhere, and builds and runs hosts and a plugin on what lies there: found by
-# CMake, and found by pkg-config.
+# Installs into an empty folder, moves it, and builds and runs hosts and a plugin on the moved installation, with CMake
+# and with pkg-config.
 #   install_test.sh BUILD_FOLDER CMAKE C_COMPILER CXX_COMPILER
 set -euo pipefail
 build=$1
 cmake=$2
 export CC=$3 CXX=$4
-# What built the library builds the hosts: there may be no other.
+# The hosts use the library's generator: no other may be installed.
 CMAKE_GENERATOR=$(sed -n 's/^CMAKE_GENERATOR:INTERNAL=//p' "$build/CMakeCache.txt")
 export CMAKE_GENERATOR
 hosts=$(cd "$(dirname "$0")/install" && pwd)
@@ -18,7 +18,7 @@ fail() {
   exit 1
 }
 expect() {
-  [ "$1" = "$2" ] || fail "got \"$1\" where \"$2\" was due"
+  [ "$1" = "$2" ] || fail "got \"$1\", expected \"$2\""
 }
 check_host_c() {
   expect "$("$1/host_c")" "100 records, the last from the hill"
@@ -33,7 +33,7 @@ env -u DESTDIR "$cmake" --install "$build" --prefix "$scratch/first" >/dev/null
 prefix=$scratch/moved/here
 mkdir "$scratch/moved"
 mv "$scratch/first" "$prefix"
-! grep -rlF -e "$scratch/first" -e "$build" "$prefix" || fail "these name the folder of a build or an installation"
+! grep -rlF -e "$scratch/first" -e "$build" "$prefix" || fail "these files contain the path of the build or of the first installation"
 
 # by_cmake FOLDER LANGUAGES
 by_cmake() {
@@ -61,7 +61,7 @@ rpath=-Wl,-rpath,$(pkg-config --variable=libdir tslb)
   "$rpath"
 check_hosts "$scratch/by_pkg_config"
 
-# The example comes along, and is enough to begin with: as the README says, in a tree like this one.
+# The installed example is enough to start with, as the README describes for a tree like this one.
 mkdir -p "$scratch/tree/host" "$scratch/tree/build/example"
 cp "$(find "$prefix/share/doc" -name host.c)" "$scratch/tree/build/example"
 by_hand=$(sed -n '/^```sh$/,/^```$/{/^```/d;/^cd build\/example$/,/^cd /p}' "$readme")
@@ -70,17 +70,28 @@ by_hand=$(sed -n '/^```sh$/,/^```$/{/^```/d;/^cd build\/example$/,/^cd /p}' "$re
   cd "$scratch/tree"
   cc() { "$CC" "${strict[@]}" "$@"; }
   eval "$by_hand" >"$scratch/log"
-) || fail "what $readme shows for its host fails: $(cat "$scratch/log")"
+) || fail "the commands of $readme for its host fail: $(cat "$scratch/log")"
 [ -e "$scratch/tree/build/example/names.stream" ] || fail "the host of $readme left no stream"
 
-# No header leans on one that is not installed.
+# No header includes a header that is not installed.
 for header in "$prefix"/include/tslb/*.h; do echo "#include <tslb/${header##*/}>"; done >"$scratch/all.c"
 "$CC" -std=c11 "${strict[@]}" "${cflags[@]}" -fsyntax-only "$scratch/all.c"
 "$CXX" -std=c++17 "${strict[@]}" "${cflags[@]}" -fsyntax-only -x c++ "$scratch/all.c"
 
-# The tools find the library where it lies now, and each has its man page.
+# The tools find the library in the moved installation, and each has its man page.
 for tool in "$prefix"/bin/*; do
   env -u LD_LIBRARY_PATH "$tool" --help >/dev/null
   expect "$("$tool" --version)" "${tool##*/} $(pkg-config --modversion tslb)"
   [ -e "$prefix/share/man/man1/${tool##*/}.1" ] || fail "${tool##*/} has no man page"
 done
+
+# metricdb is a project of its own on the installed library. Unoptimized, and with several sources in one: only that it
+# builds and works matters here.
+metricdb=$(cd "$(dirname "$0")/../metricdb" && pwd)
+{
+  "$cmake" -S "$metricdb" -B "$scratch/metricdb" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_BUILD_TYPE=None \
+    -DCMAKE_UNITY_BUILD=ON -DCMAKE_CXX_FLAGS=-O0 && "$cmake" --build "$scratch/metricdb" -j "$(nproc)"
+} >"$scratch/log" 2>&1 || fail "$(cat "$scratch/log")"
+echo 'weather,place=hill celsius=21.5 1700000000000000000' >"$scratch/weather.lp"
+"$scratch/metricdb/metricdb" load "$scratch/weather.lp" --db "$scratch/database" >"$scratch/log"
+"$scratch/metricdb/metricdb" verify --db "$scratch/database" >"$scratch/log" || fail "$(cat "$scratch/log")"

@@ -1,9 +1,9 @@
-// Block 0 and creation: where its parts lie, and what creation refuses. What they hold at first is golden_test's.
+// Tests of block 0 and creation: offsets of its parts, and refused arguments. golden_test checks the initial contents.
 #include <errno.h>
 
 #include "array_support.h"
 
-TEST(Layout, PartsOfBlock0LieAtPlainSums) {
+TEST(Layout, PartsOfBlock0FollowEachOtherWithoutPadding) {
   static const struct {
     const char *fault;
     int usrhdr_sz;
@@ -12,7 +12,7 @@ TEST(Layout, PartsOfBlock0LieAtPlainSums) {
   } rows[] = {
       {"plain array gets nodes", 0, 0, 0, 8, 24, 0, 100},
       {"free list alone has a back node", 0, TSLB_DA_DAFLAG_LL, 8, 68, 84, 8, 108},
-      {"back node ahead of the record", 0, TSLB_DA_DAFLAG_INLL, 8, 68, 84, 8, 116},
+      {"back node before the record", 0, TSLB_DA_DAFLAG_INLL, 8, 68, 84, 8, 116},
       {"both flags add up to 24", 0, TSLB_DA_DAFLAG_LL | TSLB_DA_DAFLAG_INLL, 8, 68, 84, 8, 116},
       {"user header of a plain array", 56, 0, 0, 64, 80, 0, 100},
       {"counters rounded up to 8 bytes", 56, TSLB_DA_DAFLAG_INLL, 64, 124, 140, 8, 116},
@@ -38,13 +38,13 @@ TEST(Layout, PartsOfBlock0LieAtPlainSums) {
     EXPECT_EQ(bytes_of(record) - base, row.slot0_at + row.shift);
     int shift = -1;
     EXPECT_EQ(tslb_da_get_slotsz(array.get(), &shift), row.slot_bytes);
-    EXPECT_EQ(shift, row.daflag != 0 ? 8 : -1) << "an array without nodes leaves it";
+    EXPECT_EQ(shift, row.daflag != 0 ? 8 : -1) << "shift was changed for an array without nodes";
     ASSERT_EQ(get_dyn_arr_new_record_id_ex(array.get(), &record, row.daflag), 1);
     EXPECT_EQ(bytes_of(record) - base, row.slot0_at + row.slot_bytes + row.shift);
   }
 }
 
-TEST(Layout, HandleKeepsNameAndTableIdCut) {
+TEST(Layout, HandleCutsNameAndTableId) {
   const std::string long_name(40, 'n');
   const array_t array(
       get_default_dyn_array_ex(0, 8, 1, MPOOL_TYPE_DRAM, 0x1234567890, long_name.c_str(), TSLB_DA_DAFLAG_LL));
@@ -52,10 +52,10 @@ TEST(Layout, HandleKeepsNameAndTableIdCut) {
   EXPECT_EQ(array->tbl_id, 0x34567890u);
   const array_t nameless(get_default_dyn_array(8, 1, MPOOL_TYPE_DRAM));
   EXPECT_STREQ(nameless->ctx_name, "");
-  EXPECT_EQ(static_cast<DynHdr_t *>(nameless->arr_base)->rec_version, 0) << "a version that nobody gave";
+  EXPECT_EQ(static_cast<DynHdr_t *>(nameless->arr_base)->rec_version, 0) << "a version without an argument for it";
 }
 
-TEST(Creation, RefusesWhatCannotBeLaidOut) {
+TEST(Creation, RefusesImpossibleSizes) {
   static const struct {
     const char *fault;
     int usrhdr_sz, record_sz, n_direct;
@@ -72,7 +72,8 @@ TEST(Creation, RefusesWhatCannotBeLaidOut) {
       {"block 0 wraps in 32 bits to a small one", 0, 65536, 65536, MPOOL_TYPE_DRAM, 0, EOVERFLOW, "4294967320"},
       {"block 0 one byte too long", 0, 1, 2147483624, MPOOL_TYPE_DRAM, 0, EOVERFLOW, "2147483648"},
       {"data block wraps in 32 bits", 0, 268435456, 0, MPOOL_TYPE_DRAM, 0, EOVERFLOW, "24"},
-      {"nodes push the data block over", 0, 268435455 - 15, 0, MPOOL_TYPE_DRAM, TSLB_DA_DAFLAG_INLL, EOVERFLOW, "84"},
+      {"nodes not counted in the size of the data block", 0, 268435455 - 15, 0, MPOOL_TYPE_DRAM, TSLB_DA_DAFLAG_INLL,
+       EOVERFLOW, "84"},
       {"persistent memory served from the heap", 0, 8, 1, MPOOL_TYPE_PMEM, 0, ENOTSUP, "32"},
   };
   for (const auto &row : rows) {
@@ -97,7 +98,7 @@ TEST(Creation, RefusesWhatCannotBeLaidOut) {
 }
 
 TEST(Creation, AcceptsTheLargestSizes) {
-  // calloc of the largest block touches no page until something is written behind the headers.
+  // calloc of the largest block writes no page before a byte after the headers is written.
   const array_t block(get_default_dyn_array(1, 2147483623, MPOOL_TYPE_DRAM));
   ASSERT_TRUE(block);
   EXPECT_EQ(get_dyn_total_allocated_records(block.get()), 2147483623u);

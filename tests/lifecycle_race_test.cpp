@@ -1,6 +1,6 @@
-// Threads that take and give back: slots of one list array with a reuse policy, and chunks of one pool with sweeps in
-// between. A table of owners finds a slot that two threads were given at the moment it happens; at rest everything is
-// counted. Where an outcome must be forced, a rival's work is put ahead of the lock.
+// Tests with threads that take and free: slots of one array with lists and a reuse policy, and chunks of one pool with
+// concurrent sweeps. A table of owners detects a slot that two threads own at once. Afterwards everything is counted.
+// Where an outcome must be forced, another thread's work runs before the lock.
 #include <atomic>
 #include <random>
 
@@ -18,31 +18,31 @@ constexpr int kThreads = 4;
 TEST(OneIndex, DecisionIsConfirmedUnderTheLock) {
   using operation_t = int (*)(DynArrHandle_t *);
   const operation_t free_it = [](DynArrHandle_t *array) { return tslb_da_free_idx(array, 3); };
-  const operation_t park_it = [](DynArrHandle_t *array) { return tslb_da_inactivate_idx(array, 3, 5); };
-  const operation_t wake_it = [](DynArrHandle_t *array) { return tslb_da_activate_idx(array, 3); };
+  const operation_t inactivate_it = [](DynArrHandle_t *array) { return tslb_da_inactivate_idx(array, 3, 5); };
+  const operation_t activate_it = [](DynArrHandle_t *array) { return tslb_da_activate_idx(array, 3); };
   const operation_t ready_it = [](DynArrHandle_t *array) {
     tslb_da_make_ready(array, tslb_da_get_ptr(array, 3));
     return 0;
   };
-  const operation_t ready_and_park_it = [](DynArrHandle_t *array) {
+  const operation_t ready_and_inactivate_it = [](DynArrHandle_t *array) {
     tslb_da_make_ready(array, tslb_da_get_ptr(array, 3));
     return tslb_da_inactivate_idx(array, 3, 5);
   };
   const struct {
     const char *fault;
     uint32_t status;
-    operation_t ours, rivals;
+    operation_t ours, others;
     int result;
     indices_t free, inactive;
   } rows[] = {
       {"put on the free list twice", TSLB_DA_SLOT_ACTIVE, free_it, free_it, 1, {1, 3}, {0}},
-      {"put on the inactive list twice", TSLB_DA_SLOT_ACTIVE, park_it, park_it, 1, {1}, {0, 3}},
-      {"on both lists, parked behind a free", TSLB_DA_SLOT_ACTIVE, park_it, free_it, 1, {1, 3}, {0}},
-      {"on both lists, freed behind a park", TSLB_DA_SLOT_ACTIVE, free_it, park_it, 0, {1, 3}, {0}},
-      {"unlinked twice", TSLB_DA_SLOT_INACTIVE, wake_it, wake_it, 1, {1}, {0}},
-      {"active and on the free list", TSLB_DA_SLOT_INACTIVE, wake_it, free_it, 1, {1, 3}, {0}},
-      {"unlinked by the free though activated", TSLB_DA_SLOT_INACTIVE, free_it, wake_it, 0, {1, 3}, {0}},
-      {"active and on the inactive list", TSLB_DA_SLOT_NOT_READY, ready_it, ready_and_park_it, 0, {1}, {0, 3}},
+      {"put on the inactive list twice", TSLB_DA_SLOT_ACTIVE, inactivate_it, inactivate_it, 1, {1}, {0, 3}},
+      {"on both lists, inactivated after a free", TSLB_DA_SLOT_ACTIVE, inactivate_it, free_it, 1, {1, 3}, {0}},
+      {"on both lists, freed after an inactivation", TSLB_DA_SLOT_ACTIVE, free_it, inactivate_it, 0, {1, 3}, {0}},
+      {"unlinked twice", TSLB_DA_SLOT_INACTIVE, activate_it, activate_it, 1, {1}, {0}},
+      {"active and on the free list", TSLB_DA_SLOT_INACTIVE, activate_it, free_it, 1, {1, 3}, {0}},
+      {"unlinked by the free though activated", TSLB_DA_SLOT_INACTIVE, free_it, activate_it, 0, {1, 3}, {0}},
+      {"active and on the inactive list", TSLB_DA_SLOT_NOT_READY, ready_it, ready_and_inactivate_it, 0, {1}, {0, 3}},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);
@@ -50,9 +50,9 @@ TEST(OneIndex, DecisionIsConfirmedUnderTheLock) {
     tslb_da_get_range(array.get(), 6);
     tslb_da_free_idx(array.get(), 1);
     tslb_da_inactivate_idx(array.get(), 0, 1);
-    if (row.status == TSLB_DA_SLOT_INACTIVE) park_it(array.get());
+    if (row.status == TSLB_DA_SLOT_INACTIVE) inactivate_it(array.get());
     if (row.status == TSLB_DA_SLOT_NOT_READY) forward_node(tslb_da_get_ptr(array.get(), 3)).status = row.status;
-    before_lock.arm(&array->spinlock, [&] { EXPECT_EQ(row.rivals(array.get()), 0); });
+    before_lock.arm(&array->spinlock, [&] { EXPECT_EQ(row.others(array.get()), 0); });
     stderr_of([&] { EXPECT_EQ(row.ours(array.get()), row.result); });
     ASSERT_EQ(before_lock.word, nullptr) << "the lock was not taken";
     const lists_t lists = audit_lists(array.get());
@@ -64,13 +64,13 @@ TEST(OneIndex, DecisionIsConfirmedUnderTheLock) {
 class slot_user_t {
  public:
   static constexpr uint32_t kRecordSize = 24;
-  static constexpr size_t kMost = 60;  // slots of one thread
+  static constexpr size_t kMax = 60;  // slots of one thread
 
   slot_user_t(DynArrHandle_t *array, std::vector<std::atomic<int>> &owners, int self)
       : array_(array), owners_(owners), self_(self), random_(static_cast<uint32_t>(self) + 17) {}
 
   void step() {
-    const uint32_t choice = mine_.empty() ? 0 : mine_.size() == kMost ? 40 + random_() % 60 : random_() % 100;
+    const uint32_t choice = mine_.empty() ? 0 : mine_.size() == kMax ? 40 + random_() % 60 : random_() % 100;
     if (choice < 40) return take();
     slot_t &slot = mine_[random_() % mine_.size()];
     check(slot);
@@ -80,7 +80,7 @@ class slot_user_t {
       EXPECT_EQ(tslb_da_activate_idx(array_, slot.idx), 0);
       slot.parked = false;
     } else if (choice < 80) {
-      // Too young for reuse for as long as this test runs: it stays this thread's.
+      // Too young for reuse while this test runs, so the slot stays this thread's.
       EXPECT_EQ(tslb_da_inactivate_idx(array_, slot.idx, tslb_get_time(nullptr) + 1000000), 0);
       slot.parked = true;
     } else {
@@ -88,7 +88,7 @@ class slot_user_t {
     }
   }
 
-  // The number of those that are active.
+  // Returns the number of active slots.
   size_t check_all() {
     size_t active = 0;
     for (const slot_t &slot : mine_) {
@@ -141,14 +141,14 @@ class slot_user_t {
   uint32_t reused_ = 0;
 };
 
-TEST(Slots, TakenFreedParkedAndReusedSideBySide) {
+TEST(Slots, ConcurrentTakeFreeInactivateAndReuse) {
   constexpr int kSteps = 12000;
   const array_t array(
       tslb_da_init_ll(slot_user_t::kRecordSize, 8, MPOOL_TYPE_DRAM_TMP, nullptr, 0, TSLB_DA_DAFLAG_INLL));
   tsdb_mem_pressure_config_t policy = {1, {}, {0, 0, 0, 100, 0}, {}};
   tslb_da_register_reuse_policy(array.get(), &policy);
   lib_config.tslb_mvt_reuse_enabled = 1;
-  // Both lists have members from the start: threads meet at their heads at once.
+  // Both lists have members from the start, so that threads meet at their heads immediately.
   tslb_da_get_range(array.get(), 400);
   for (uint32_t idx = 0; idx < 400; ++idx) {
     if (idx % 2 == 0)
@@ -173,10 +173,10 @@ TEST(Slots, TakenFreedParkedAndReusedSideBySide) {
     reused += user.reused();
   }
   EXPECT_EQ(lists.free.size() + lists.inactive.size() + active, tslb_da_get_size(array.get()));
-  EXPECT_GT(reused, 100u) << "the inactive list was not drawn on";
+  EXPECT_GT(reused, 100u) << "the inactive list was not used";
 }
 
-// The chunks of a slot, header by header, come to what its counters say.
+// Expects that the headers of a slot's chunks add up to its counters.
 static void expect_counted(MemSlot_t &slot) {
   uint32_t used = 0, deleted = 0;
   while (used < slot.bytes_used) {
@@ -190,7 +190,7 @@ static void expect_counted(MemSlot_t &slot) {
 
 class chunk_user_t {
  public:
-  static constexpr size_t kMost = 24;  // chunks of one thread
+  static constexpr size_t kMax = 24;  // chunks of one thread
 
   chunk_user_t(DynArrHandle_t *pool, int self) : pool_(pool), random_(static_cast<uint32_t>(self) + 71) {}
 
@@ -199,7 +199,7 @@ class chunk_user_t {
     if (choice < 4) {
       size_t total, used, deleted;
       tslb_dynmem_update_free_list(pool_, &total, &used, &deleted);
-    } else if (live_.empty() || (choice < 53 && live_.size() < kMost)) {
+    } else if (live_.empty() || (choice < 53 && live_.size() < kMax)) {
       chunk_t chunk = {{}, static_cast<size_t>(8 + random_() % 300), static_cast<char>(random_())};
       char *const at = bytes_of(tslb_dynmem_get_mchunk(pool_, &chunk.address, static_cast<int>(chunk.len), {}));
       memset(at + 16, chunk.mark, chunk.len);
@@ -248,7 +248,7 @@ class chunk_user_t {
   size_t reserved_ = 0;
 };
 
-TEST(Chunks, TakenDeletedAndSweptSideBySide) {
+TEST(Chunks, ConcurrentTakeDeleteAndSweep) {
   constexpr int kSteps = 8000;
   const array_t pool = pool_of({}, 4, 2048);
   const size_t global_before = g_mem_st.total_mused;
@@ -266,16 +266,17 @@ TEST(Chunks, TakenDeletedAndSweptSideBySide) {
   EXPECT_EQ(hdr_of(pool).total_mused, reserved);
   EXPECT_EQ(g_mem_st.total_mused - global_before, reserved);
   tslb_dynmem_update_free_list(pool.get(), &total, &used, &deleted);
-  EXPECT_EQ(used - deleted, live) << "a live chunk lies in a slot that was given back, or was counted wrong";
+  EXPECT_EQ(used - deleted, live) << "a live chunk is in a freed slot, or was counted wrong";
   const uint32_t n_slots = tslb_da_get_size(pool.get()), current = cursor_slot(pool);
   EXPECT_EQ(status_at(pool.get(), current), TSLB_DA_SLOT_ACTIVE);
   for (uint32_t idx = 0; idx < n_slots; ++idx) {
     if (status_at(pool.get(), idx) != TSLB_DA_SLOT_ACTIVE) continue;
     MemSlot_t &slot = slot_at(pool, idx);
     expect_counted(slot);
-    EXPECT_TRUE(idx == current || slot.bytes_del != slot.bytes_used) << "emptied slot " << idx << " outlived a sweep";
+    EXPECT_TRUE(idx == current || slot.bytes_del != slot.bytes_used)
+        << "empty slot " << idx << " was not freed by a sweep";
   }
-  // What lay emptied for its last chunk's time as the current slot is found by one sweep.
+  // A slot that became empty while it was current is freed by one sweep.
   for (chunk_user_t &user : users) user.delete_all();
   tslb_dynmem_update_free_list(pool.get(), &total, &used, &deleted);
   EXPECT_EQ(used, deleted);
@@ -283,8 +284,8 @@ TEST(Chunks, TakenDeletedAndSweptSideBySide) {
   EXPECT_EQ(audit_lists(pool.get()).free.size(), n_slots - 1);
 }
 
-// All deletions meet in one counter: one addition lost, and the slot would never come back.
-TEST(Chunks, EmptiedByManyAtOnceASlotComesBackOnce) {
+// All deletions change one counter: if an addition were lost, the slot would never be freed.
+TEST(Chunks, SlotEmptiedByManyThreadsIsReleasedOnce) {
   constexpr int kChunks = 12000, kRounds = 4;
   const array_t pool = pool_of({}, 2, kChunks * 17);
   for (uint32_t round = 0; round < kRounds; ++round) {
@@ -297,7 +298,7 @@ TEST(Chunks, EmptiedByManyAtOnceASlotComesBackOnce) {
     });
     ASSERT_EQ(slot_at(pool, filled).bytes_del, kChunks * 17u);
     ASSERT_EQ(audit_lists(pool.get()).free, indices_t{filled});
-    del(pool, next);  // current still; the next round takes the slot that came back
+    del(pool, next);  // still current; the next round takes the slot that was freed
     ASSERT_EQ(status_at(pool.get(), next.mslot_idx), TSLB_DA_SLOT_ACTIVE);
   }
 }

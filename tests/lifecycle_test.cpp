@@ -1,5 +1,5 @@
-// Life of a slot after allocation: list surgery at every position with the records that tell it, refusals to the
-// character, and lists that were lost.
+// Tests of slots after allocation: list changes at every position with their redo records, refusals with their exact
+// texts, and damaged lists.
 #include "list_audit.h"
 #include "redo_recorder.h"
 
@@ -9,7 +9,7 @@ constexpr int kRecordSize = 21;  // odd: nodes at any address
 constexpr uint32_t kSlots = 12;
 constexpr char kSource[] = "tslb_dynarr_lists.cpp";
 
-// 12 active slots, each payload full of its own mark.
+// 12 active slots. Each payload is filled with its own character.
 static array_t marked_array(uint8_t daflag = TSLB_DA_DAFLAG_INLL, int n_direct = 3) {
   array_t array(tslb_da_init_ll(kRecordSize, n_direct, MPOOL_TYPE_DRAM, "metrics", -9, daflag));
   for (uint32_t i = 0; i < kSlots; ++i) {
@@ -24,7 +24,7 @@ static void put_on_lists(DynArrHandle_t *array, const indices_t &inactive, const
   for (const uint32_t idx : free) ASSERT_EQ(tslb_da_free_idx(array, idx), 0);
 }
 
-// Block 0, which holds all that an array with a direct area of kSlots has.
+// Returns block 0, which is the whole array if the direct area has kSlots slots.
 static std::string image_of(DynArrHandle_t *array) {
   const size_t bytes = static_cast<size_t>(tslb_dynmem_get_hdrsz(array)) + kSlots * tslb_da_get_slotsz(array, nullptr);
   return std::string(bytes_of(array->arr_base), bytes);
@@ -34,8 +34,8 @@ static std::string payload_of(DynArrHandle_t *array, uint32_t idx) {
   return std::string(bytes_of(tslb_da_get_ptr(array, idx)), kRecordSize);
 }
 
-// What each record covers. What its bytes say, golden_test and redo_applier_test show.
-static std::string told(DynArrHandle_t *array, const std::vector<redo_record_t> &records) {
+// Returns the part that each record covers. golden_test and redo_applier_test check the bytes.
+static std::string covered(DynArrHandle_t *array, const std::vector<redo_record_t> &records) {
   const size_t hdr_bytes = static_cast<size_t>(tslb_dynmem_get_hdrsz(array));
   const size_t slot_bytes = tslb_da_get_slotsz(array, nullptr);
   std::string text;
@@ -58,9 +58,10 @@ static int perform(step_t step, DynArrHandle_t *array, uint32_t idx) {
   return step == INACTIVATE ? tslb_da_inactivate_idx(array, idx, 77) : tslb_da_activate_idx(array, idx);
 }
 
-// Lists from head to tail. Records: neighbours under the lock, the one before first; the slot and then the header after
-// its release. An activation leaves the inactive list as a free does. Where a slot goes is list_model_test's.
-TEST(Surgery, EveryPositionWithItsRecords) {
+// Lists are given from head to tail. Records: neighbours under the lock, the previous one first; then the slot and the
+// header after the lock is released. An activation leaves the inactive list like a free. list_model_test checks the
+// resulting lists.
+TEST(ListChange, EveryPositionWithItsRecords) {
   static const struct {
     const char *fault;
     indices_t inactive, free;
@@ -68,14 +69,14 @@ TEST(Surgery, EveryPositionWithItsRecords) {
     uint32_t idx;
     const char *records;
   } rows[] = {
-      {"old tail of the free list is not told", {}, {7, 0}, FREE, 5, "locked node 0; node 5; header; "},
-      {"neighbours of an only slot told", {4}, {}, FREE, 4, "node 4; header; "},
-      {"slot behind the head is not told", {4, 9, 2}, {}, FREE, 4, "locked slot 9; node 4; header; "},
-      {"slot ahead of the tail is not told", {4, 9, 2}, {}, FREE, 2, "locked slot 9; node 2; header; "},
+      {"old tail of the free list is not logged", {}, {7, 0}, FREE, 5, "locked node 0; node 5; header; "},
+      {"neighbours of an only slot logged", {4}, {}, FREE, 4, "node 4; header; "},
+      {"slot after the head is not logged", {4, 9, 2}, {}, FREE, 4, "locked slot 9; node 4; header; "},
+      {"slot before the tail is not logged", {4, 9, 2}, {}, FREE, 2, "locked slot 9; node 2; header; "},
       {"free list first", {4, 9, 2}, {7, 0}, FREE, 9, "locked slot 4; locked slot 2; locked node 0; node 9; header; "},
-      {"activation tells less", {4, 9, 2}, {7}, ACTIVATE, 9, "locked slot 4; locked slot 2; slot 9; "},
+      {"activation logs less", {4, 9, 2}, {7}, ACTIVATE, 9, "locked slot 4; locked slot 2; slot 9; "},
       {"first inactive slot has neighbours", {}, {7}, INACTIVATE, 5, "slot 5; "},
-      {"old tail of the inactive list is not told", {4, 9}, {}, INACTIVATE, 0, "locked slot 9; slot 0; "},
+      {"old tail of the inactive list is not logged", {4, 9}, {}, INACTIVATE, 0, "locked slot 9; slot 0; "},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);
@@ -84,16 +85,16 @@ TEST(Surgery, EveryPositionWithItsRecords) {
     put_on_lists(array, row.inactive, row.free);
     redo_recorder_t log(&array->spinlock);
     EXPECT_EQ(perform(row.step, array, row.idx), 0);
-    EXPECT_EQ(told(array, log.take()), row.records);
+    EXPECT_EQ(covered(array, log.take()), row.records);
     audit_lists(array);
-    // The record is kept, but for the mark that a free leaves in its first word.
+    // The record is kept, except for the gatekeeper word that a free stores.
     std::string payload(kRecordSize, static_cast<char>('a' + row.idx));
     if (row.step == FREE) payload.replace(0, 4, "\xFF\xFF\xFF\xFF");
     EXPECT_EQ(payload_of(array, row.idx), payload);
   }
 }
 
-TEST(Surgery, StoredNeighboursWithoutASlotAreSteppedOver) {
+TEST(ListChange, StoredNeighboursWithoutASlotAreSkipped) {
   for (const step_t step : {FREE, ACTIVATE}) {
     const array_t owner = marked_array();
     DynArrHandle_t *const array = owner.get();
@@ -114,14 +115,14 @@ TEST(Surgery, StoredNeighboursWithoutASlotAreSteppedOver) {
   node_fw &node = forward_node(tslb_da_get_ptr(owner.get(), 5));
   node.next = 4711;
   EXPECT_EQ(tslb_da_free_idx(owner.get(), 5), 0);
-  EXPECT_EQ(node.next, kNil) << "the new tail leads on";
+  EXPECT_EQ(node.next, kNil) << "the new tail has a next slot";
   EXPECT_EQ(tslb_da_inactivate_idx(owner.get(), 6, 1), 0);
   EXPECT_EQ(lli.free_tail, 5u);
   EXPECT_EQ(lli.inact_tail, 6u);
 }
 
-// Any other number than the three is no status of the library's: no list knows the slot, and none gets it.
-TEST(States, FreeOfANumberThatIsNoStatus) {
+// Other values than the three statuses are unknown to the library: no list contains the slot, and it is added to none.
+TEST(States, FreeOfASlotWithAnUnknownStatus) {
   for (const uint32_t status : {0u, 7u, kNotReady}) {
     SCOPED_TRACE(status);
     const array_t owner = marked_array(TSLB_DA_DAFLAG_INLL, kSlots);
@@ -131,23 +132,24 @@ TEST(States, FreeOfANumberThatIsNoStatus) {
     std::string image = image_of(array);
     redo_recorder_t log(&array->spinlock);
     EXPECT_EQ(stdout_of([&] { EXPECT_EQ(stderr_of([&] { EXPECT_EQ(tslb_da_free_idx(array, 5), 0); }), ""); }), "");
-    EXPECT_EQ(told(array, log.take()), "node 5; header; ");
-    // What it leaves is its mark in the payload.
+    EXPECT_EQ(covered(array, log.take()), "node 5; header; ");
+    // Only the gatekeeper word in the payload changes.
     memset(image.data() + (bytes_of(tslb_da_get_ptr(array, 5)) - bytes_of(array->arr_base)), 0xFF, 4);
-    EXPECT_EQ(image_of(array), image) << "more was changed";
+    EXPECT_EQ(image_of(array), image) << "more than the gatekeeper word changed";
   }
 }
 
-// Without a record, a change or the lock: held here, it would never come to whoever takes it.
+// A refusal writes no record, changes nothing and takes no lock. The lock is held here, so a call that takes it would
+// never return.
 TEST(States, Refusals) {
   constexpr uint32_t kActive = TSLB_DA_SLOT_ACTIVE;
   constexpr uint8_t kPlain = 0, kFreeList = TSLB_DA_DAFLAG_LL, kBoth = TSLB_DA_DAFLAG_INLL;
   static const char kNoFree[] =
       "tslb_da_free_idx: Warning: provided dynamic array has not advance features but using APIs for the same.\n";
-  static const char kNoPark[] =
+  static const char kNoInactivate[] =
       "tslb_da_inactivate_idx: Warning: can not inactive idx 5 because given dynamic array % has not initialized by "
       "flag TSLB_DA_DAFLAG_INLL\n";
-  static const char kNoWake[] =
+  static const char kNoActivate[] =
       "tslb_da_activate_idx: Warning: idx 5 cannot be activate because dynamic array % is not initialized by "
       "TSLB_DA_DAFLAG_INLL\n";
   static const char kNotActive[] =
@@ -161,24 +163,24 @@ TEST(States, Refusals) {
     uint32_t idx;
     uint32_t status;  // of slot 5
     int result;
-    const char *text;  // behind the line number; % is the status, or in an array without the list the handle
+    const char *text;  // after the line number; % is the status, or the handle if the array has no such list
   } rows[] = {
       {"plain array has a free list", kPlain, FREE, 5, kActive, 1, kNoFree},
-      {"index looked at ahead of the array", kPlain, FREE, kSlots, kActive, 1, kNoFree},
-      {"plain array parks", kPlain, INACTIVATE, 5, kActive, 1, kNoPark},
-      {"plain array activates", kPlain, ACTIVATE, 5, kActive, 1, kNoWake},
-      {"free list taken for an inactive list", kFreeList, INACTIVATE, 5, kActive, 1, kNoPark},
-      {"free list taken for an inactive list", kFreeList, ACTIVATE, 5, kActive, 1, kNoWake},
+      {"index tested before the array", kPlain, FREE, kSlots, kActive, 1, kNoFree},
+      {"plain array inactivates", kPlain, INACTIVATE, 5, kActive, 1, kNoInactivate},
+      {"plain array activates", kPlain, ACTIVATE, 5, kActive, 1, kNoActivate},
+      {"free list taken for an inactive list", kFreeList, INACTIVATE, 5, kActive, 1, kNoInactivate},
+      {"free list taken for an inactive list", kFreeList, ACTIVATE, 5, kActive, 1, kNoActivate},
       {"free of no slot", kFreeList, FREE, kSlots, kActive, -1, ""},
-      {"no slot parked", kBoth, INACTIVATE, kSlots, kActive, -1, ""},
+      {"no slot inactivated", kBoth, INACTIVATE, kSlots, kActive, -1, ""},
       {"no slot activated", kBoth, ACTIVATE, kNil, kActive, -1, ""},
-      {"unset slot parked", kBoth, INACTIVATE, 5, TSLB_DA_SLOT_UNSET, 1, kNotActive},
+      {"unset slot inactivated", kBoth, INACTIVATE, 5, TSLB_DA_SLOT_UNSET, 1, kNotActive},
       {"unset slot activated", kBoth, ACTIVATE, 5, TSLB_DA_SLOT_UNSET, 1, kNotInactive},
-      {"free slot parked", kBoth, INACTIVATE, 5, TSLB_DA_SLOT_FREE, 1, kNotActive},
+      {"free slot inactivated", kBoth, INACTIVATE, 5, TSLB_DA_SLOT_FREE, 1, kNotActive},
       {"active slot activated", kBoth, ACTIVATE, 5, kActive, 1, kNotInactive},
       {"status read as bits", kBoth, INACTIVATE, 5, 6, 1, kNotActive},
       {"status read as bits", kBoth, ACTIVATE, 5, 7, 1, kNotInactive},
-      {"slot not ready parked", kBoth, INACTIVATE, 5, kNotReady, 1, kNotActive},
+      {"slot not ready inactivated", kBoth, INACTIVATE, 5, kNotReady, 1, kNotActive},
       {"slot not ready activated", kBoth, ACTIVATE, 5, kNotReady, 1, kNotInactive},
   };
   for (const auto &row : rows) {
@@ -218,22 +220,22 @@ TEST(States, Readiness) {
     forward_node(slot).status = status == kNotReady ? TSLB_DA_SLOT_ACTIVE : status;
     const std::string image = image_of(array);
     forward_node(slot).status = status;
-    EXPECT_EQ(tslb_da_is_ready(nullptr, slot), status == kNotReady ? 0 : 1) << "the handle is not used";
+    EXPECT_EQ(tslb_da_is_ready(nullptr, slot), status == kNotReady ? 0 : 1) << "the handle was used";
     tslb_da_make_ready(array, slot);
     EXPECT_EQ(image_of(array), image);
     EXPECT_EQ(array->spinlock, 0);
   }
   EXPECT_TRUE(log.take().empty());
 
-  // In a plain array the 8 bytes ahead of a record belong to the record before it.
+  // In a plain array the 8 bytes before a record belong to the record before it.
   const array_t plain = marked_array(0, kSlots);
   memset(tslb_da_get_ptr(plain.get(), 4), 0xFF, kRecordSize);
   tslb_da_make_ready(plain.get(), tslb_da_get_ptr(plain.get(), 5));
   EXPECT_EQ(payload_of(plain.get(), 4), std::string(kRecordSize, '\xFF'));
 }
 
-// Between its take and its gatekeeper word, which its records precede, a used slot shows a cleared payload.
-TEST(States, FreedSlotOfAnySizeComesBackCleared) {
+// The redo records are written before the gatekeeper word is set. At that moment a used slot has a cleared payload.
+TEST(States, FreedSlotOfAnySizeIsClearedWhenTaken) {
   for (int size = 1; size <= 9; ++size) {
     SCOPED_TRACE(size);
     const array_t array(tslb_da_init_ll(size, 4, MPOOL_TYPE_DRAM, "metrics", -9, TSLB_DA_DAFLAG_LL));
@@ -251,7 +253,7 @@ TEST(States, FreedSlotOfAnySizeComesBackCleared) {
   }
 }
 
-TEST(States, LookAtTheInactiveHead) {
+TEST(States, InactiveHeadIsReadWithoutAChange) {
   const array_t owner = marked_array();
   DynArrHandle_t *const array = owner.get();
   uint32_t idx = 6;
@@ -265,16 +267,16 @@ TEST(States, LookAtTheInactiveHead) {
   put_on_lists(array, {9, 4});
   EXPECT_EQ(tslb_da_get_inactive_head_ptr(array, &idx), tslb_da_get_ptr(array, 9));
   EXPECT_EQ(idx, 9u);
-  EXPECT_EQ(audit_lists(array).inactive, (indices_t{9, 4})) << "a look removed something";
+  EXPECT_EQ(audit_lists(array).inactive, (indices_t{9, 4})) << "the read changed the list";
 }
 
-TEST(Repair, CountWithoutAHeadStartsTheListAnew) {
+TEST(Repair, CountWithoutAHeadEmptiesTheList) {
   static const struct {
     const char *fault;
     uint32_t count, head, head_after;
     bool lost;
   } rows[] = {
-      {"lost list not started anew", 3, kNil, 5, true},
+      {"lost list not emptied", 3, kNil, 5, true},
       {"tail without a count repaired", 0, kNil, 5, false},
       {"head without a count replaced", 0, 3, 3, false},
   };
@@ -302,14 +304,15 @@ TEST(Repair, CountWithoutAHeadStartsTheListAnew) {
       EXPECT_EQ(frees ? lli.n_free : lli.n_inact, 1u);
       EXPECT_EQ(frees ? lli.free_head : lli.inact_head, row.head_after);
       EXPECT_EQ(frees ? lli.free_tail : lli.inact_tail, 5u);
-      EXPECT_EQ(forward_node(tslb_da_get_ptr(array, 7)).next, row.lost ? 1u : 5u) << "the lost list's slots";
+      EXPECT_EQ(forward_node(tslb_da_get_ptr(array, 7)).next, row.lost ? 1u : 5u)
+          << "a slot of the lost list was changed";
       EXPECT_EQ(backward_node(array, tslb_da_get_ptr(array, 5)).prev, frees || row.lost ? kNil : 7u);
       EXPECT_EQ(log.take().size(), (row.lost ? 0u : 1u) + (frees ? 2u : 1u));
     }
   }
 }
 
-TEST(Repair, OnlyWhatAppendsRepairs) {
+TEST(Repair, OnlyAppendingRepairs) {
   const array_t array = marked_array();
   put_on_lists(array.get(), {4, 9, 2});
   list_roots(array.get()).inact_head = kNil;

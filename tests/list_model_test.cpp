@@ -1,5 +1,6 @@
-// Long random histories of slot arrays against two queues and a table of statuses. The system's time is ours here, so
-// that ages are the model's to know. What the redo log tells of such histories is redo_applier_test's.
+// Tests with long random histories of slot arrays, compared with a model of two queues and a table of statuses. The
+// test defines the system's time, so that the model knows all ages. redo_applier_test checks the redo log of such
+// histories.
 #include <algorithm>
 #include <deque>
 #include <random>
@@ -11,7 +12,7 @@
 constexpr uint32_t kNil = TSLB_DA_NIL_IDX;
 constexpr uint32_t kRecordSize = 18;
 
-// The array as one would keep it on paper.
+// The model of the array.
 struct model_t {
   std::deque<uint32_t> free, inactive;
   std::vector<uint32_t> status, ts;
@@ -25,12 +26,12 @@ struct model_t {
   }
   bool head_is_old_enough() const { return now - time_t{ts[inactive.front()]} >= kMinAge; }
 
-  struct taken_t {
-    uint32_t idx, status, ts;  // the last two: what the telling form reports
+  struct expected_slot_t {
+    uint32_t idx, status, ts;  // the last two: the values that tslb_da_get_newptr_inll reports
   };
-  taken_t take(bool may_reuse) {
+  expected_slot_t take(bool may_reuse) {
     const uint32_t today = static_cast<uint32_t>(now);
-    taken_t taken = {static_cast<uint32_t>(status.size()), TSLB_DA_SLOT_UNSET, today};
+    expected_slot_t taken = {static_cast<uint32_t>(status.size()), TSLB_DA_SLOT_UNSET, today};
     if (!free.empty()) {
       taken = {free.front(), TSLB_DA_SLOT_FREE, today};
       free.pop_front();
@@ -38,8 +39,7 @@ struct model_t {
       taken = {inactive.front(), TSLB_DA_SLOT_INACTIVE, ts[inactive.front()]};
       inactive.pop_front();
     } else {
-      if (may_reuse && looks_at_head())
-        taken.ts = ts[inactive.front()];  // a head that is too young is told all the same
+      if (may_reuse && looks_at_head()) taken.ts = ts[inactive.front()];  // reported also for a head that is too young
       status.push_back(0);
       ts.push_back(0);
     }
@@ -47,7 +47,7 @@ struct model_t {
     ts[taken.idx] = today;
     return taken;
   }
-  // Gives a slot another status, if the library would; its result.
+  // Changes the status of a slot as the library would. Returns the library's result.
   int move(uint32_t idx, uint32_t to) {
     if (idx == status.size()) return -1;
     const uint32_t from = status[idx];
@@ -79,7 +79,7 @@ class history_t {
   }
   void step(int at) {
     now += below(3);
-    // By turns the array fills, drains and idles, so that both lists grow long and run empty.
+    // Phases alternate: the array fills, empties and inactivates, so that both lists grow long and become empty.
     static const int weights[3][5] = {{60, 8, 10, 4, 2}, {15, 45, 15, 10, 2}, {25, 12, 30, 12, 2}};
     std::discrete_distribution<int> pick(std::begin(weights[at / 300 % 3]), std::end(weights[at / 300 % 3]));
     switch (pick(random_)) {
@@ -117,9 +117,11 @@ class history_t {
 
  private:
   uint32_t below(uint32_t bound) { return static_cast<uint32_t>(random_() % bound); }
-  uint32_t any_index() { return below(static_cast<uint32_t>(model_.status.size()) + 1); }  // sometimes one too many
+  uint32_t any_index() {
+    return below(static_cast<uint32_t>(model_.status.size()) + 1);
+  }  // sometimes one above the maximum
 
-  void expect_taken(const model_t::taken_t &want, uint32_t idx, void *slot) {
+  void expect_taken(const model_t::expected_slot_t &want, uint32_t idx, void *slot) {
     ASSERT_EQ(idx, want.idx);
     ASSERT_EQ(slot, tslb_da_get_ptr(array_.get(), idx));
     ASSERT_EQ(std::string(bytes_of(slot), kRecordSize), "\xFF\xFF\xFF\xFF" + std::string(kRecordSize - 4, '\0'));
@@ -129,7 +131,7 @@ class history_t {
   }
 
   void take() {
-    const model_t::taken_t want = model_.take(true);
+    const model_t::expected_slot_t want = model_.take(true);
     uint32_t idx;
     void *const slot = tslb_da_get_newptr(array_.get(), &idx);
     expect_taken(want, idx, slot);
@@ -137,7 +139,7 @@ class history_t {
 
   void take_telling() {
     lib_config.tslb_mvt_reuse_enabled = static_cast<char>(below(4));
-    const model_t::taken_t want = model_.take(lib_config.tslb_mvt_reuse_enabled != 0);
+    const model_t::expected_slot_t want = model_.take(lib_config.tslb_mvt_reuse_enabled != 0);
     const std::string payload(bytes_of(tslb_da_get_ptr(array_.get(), want.idx)),
                               want.status == TSLB_DA_SLOT_UNSET ? 0 : kRecordSize);
     uint32_t idx, last_ts;
@@ -154,7 +156,7 @@ class history_t {
     const uint32_t count = below(9);
     indices_t taken;
     for (uint32_t i = 0; i < count; ++i) {
-      const model_t::taken_t want = model_.take(true);
+      const model_t::expected_slot_t want = model_.take(true);
       n_reused_ += want.status == TSLB_DA_SLOT_INACTIVE ? 1 : 0;
       taken.push_back(want.idx);
     }
@@ -168,7 +170,7 @@ class history_t {
 
   void inactivate() {
     const uint32_t idx = any_index();
-    // The upper half of a time is dropped.
+    // The upper 32 bits of a time are dropped.
     const int result = tslb_da_inactivate_idx(array_.get(), idx, now + (time_t{below(2)} << 32));
     ASSERT_EQ(result, model_.move(idx, TSLB_DA_SLOT_INACTIVE));
     n_refused_aloud_ += result == 1 ? 1 : 0;
@@ -210,7 +212,7 @@ TEST(Histories, ListsAndResultsAgreeWithTheModel) {
         });
         ASSERT_FALSE(testing::Test::HasFailure());
         EXPECT_EQ(std::count(warnings.begin(), warnings.end(), '\n'), history.n_refused_aloud());
-        // A history that never came by what it is for would agree with anything.
+        // A history without these events would agree with any library.
         EXPECT_GT(history.n_from_free(), 500u);
         EXPECT_EQ(history.n_reused() > 40, reuse);
       }

@@ -1,11 +1,12 @@
-// The n-th allocation fails, for every n: null, the message, nothing leaked, and the array still usable.
+// Tests in which the n-th allocation fails, for every n: the result is null with a message, nothing leaks, and the
+// array stays usable.
 #include <errno.h>
 
 #include "array_support.h"
 #include "fault_alloc.h"
 #include "system_support.h"
 
-// What `work` says while its n-th allocation fails, and whether it came to that.
+// Returns the text that `work` writes while its n-th allocation fails, and checks whether it reached that allocation.
 template <class Work>
 static std::string report_of(int nth, Work work, bool expect_struck = true) {
   return stderr_of([&] {
@@ -33,10 +34,10 @@ TEST(OutOfMemory, Creation) {
     EXPECT_EQ(count_of(report, reports[nth - 1]), 1u) << report;
   }
   report_of(3, create, false);
-  EXPECT_TRUE(array) << "a creation allocates its handle and block 0";
+  EXPECT_TRUE(array) << "creation allocates more than its handle and block 0";
 }
 
-// A lookup of an id of the sixth level: root table, six tiers, data block.
+// A lookup of an id of the sixth level: root table, six levels of tables, data block.
 TEST(OutOfMemory, LookupAtEachStepOfItsPath) {
   for (int nth = 1; nth <= 8; ++nth) {
     SCOPED_TRACE(nth);
@@ -59,7 +60,7 @@ TEST(OutOfMemory, LookupAtEachStepOfItsPath) {
   }
 }
 
-TEST(OutOfMemory, SlotAllocationLeavesTheListsAlone) {
+TEST(OutOfMemory, FailedSlotAllocationDoesNotChangeTheLists) {
   const array_t array(tslb_da_init_ll(16, 1, MPOOL_TYPE_DRAM, "ctx", 0, TSLB_DA_DAFLAG_INLL));
   uint32_t idx;
   ASSERT_NE(tslb_da_get_newptr(array.get(), &idx), nullptr);
@@ -77,7 +78,7 @@ TEST(OutOfMemory, SlotAllocationLeavesTheListsAlone) {
   EXPECT_EQ(idx, 3u);
 }
 
-TEST(OutOfMemory, RangeThatFailsHalfwayKeepsWhatItTook) {
+TEST(OutOfMemory, FailedRangeKeepsTheSlotsItTook) {
   const array_t array(tslb_da_init_ll(16, 1, MPOOL_TYPE_DRAM, nullptr, 0, TSLB_DA_DAFLAG_LL));
   uint32_t first = 0;
   report_of(4, [&] { first = tslb_da_get_range(array.get(), 20); });  // root table, table, block 1; then block 2
@@ -88,7 +89,7 @@ TEST(OutOfMemory, RangeThatFailsHalfwayKeepsWhatItTook) {
   EXPECT_EQ(tslb_da_get_size(array.get()), 18u);
 }
 
-TEST(OutOfMemory, SweepStepsOverSlotsThatCannotBeLookedUp) {
+TEST(OutOfMemory, SweepSkipsSlotsThatCannotBeLookedUp) {
   const array_t pool(tslb_init_dynmem(1000, 1, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM, 0, "p", 0, TSLB_DA_DAFLAG_LL));
   maddr_t address;
   tslb_dynmem_get_mchunk(pool.get(), &address, 100, srcaddr_t{});
@@ -99,7 +100,7 @@ TEST(OutOfMemory, SweepStepsOverSlotsThatCannotBeLookedUp) {
   EXPECT_EQ(used, 116u);
 }
 
-TEST(OutOfMemory, CommonChunkAllocatesNothing) {
+TEST(OutOfMemory, ChunkInTheCurrentSlotAllocatesNothing) {
   const array_t pool(tslb_init_dynmem(100000, 1, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM, 0, "p", 0, 0));
   maddr_t address;
   tslb_dynmem_get_mchunk(pool.get(), &address, 100, srcaddr_t{});
@@ -107,5 +108,5 @@ TEST(OutOfMemory, CommonChunkAllocatesNothing) {
   for (int i = 0; i < 500; ++i) tslb_dynmem_get_mchunk(pool.get(), &address, 100, srcaddr_t{});
   EXPECT_EQ(allocations_so_far(), before);
   destroy_dyn_arr(get_default_dyn_array(8, 1, MPOOL_TYPE_DRAM));
-  EXPECT_EQ(allocations_so_far(), before + 2) << "the counter does not see the library";
+  EXPECT_EQ(allocations_so_far(), before + 2) << "the counter does not count allocations of the library";
 }

@@ -1,28 +1,28 @@
-// Chunk pools: creation, addresses of both widths, accounting to the byte, and what happens when slots run out, for all
-// three kinds.
+// Tests of chunk pools: creation, 32-bit and 64-bit addresses, exact accounting, and pools that run out of slots, for
+// all three kinds.
 #include <regex>
 
 #include "pool_support.h"
 
-// Without headers ahead of the chunks, and without lists.
+// Without compaction headers and without lists.
 constexpr kind_t kBigBuffer = {.compat = 0, .daflag = 0},
                  kBitVector = {.compat = 0, .daflag = 0, .slot_type = MPOOL_FLAG_BV};
 constexpr kind_t kRing = {.compat = 0, .daflag = 0, .slot_type = MPOOL_FLAG_BV, .mem_type = MPOOL_TYPE_DRAM_TMP};
 
-// Fills the current slot and takes new ones until `idx` is current.
+// Fills the current slot and takes new slots until `idx` is current.
 static void advance_to(const array_t &pool, uint32_t idx) {
   while (cursor_slot(pool) != idx) take(pool, static_cast<int>(hdr_of(pool).mslot_sz));
 }
 
-// What the headers say, golden_test shows.
-TEST(PoolCreation, RecordsAndHeadersAreCountedInAll) {
+// golden_test checks the contents of the headers.
+TEST(PoolCreation, TotalsIncludeRecordsAndHeaders) {
   const size_t msz = g_mem_st.total_msz, overhead = g_mem_st.pool_hdr_overhead;
   const array_t pool = pool_of({.daflag = TSLB_DA_DAFLAG_INLL}, 4, 1001);
-  EXPECT_EQ(hdr_of(pool).total_msz, 4 * 1012 + 140u) << "nodes are counted as usable";
+  EXPECT_EQ(hdr_of(pool).total_msz, 4 * 1012 + 140u) << "nodes were counted as usable";
   EXPECT_EQ(g_mem_st.total_msz - msz, 4 * 1012u);
   EXPECT_EQ(g_mem_st.pool_hdr_overhead - overhead, 140u);
   const array_t slots(tslb_da_init_ll(100, 5, MPOOL_TYPE_DRAM, nullptr, 0, TSLB_DA_DAFLAG_INLL));
-  EXPECT_EQ(g_mem_st.total_msz - msz, 4 * 1012u + 500) << "slot arrays are counted too";
+  EXPECT_EQ(g_mem_st.total_msz - msz, 4 * 1012u + 500) << "slot arrays were not counted";
   EXPECT_EQ(g_mem_st.pool_hdr_overhead - overhead, 140u + 84);
 }
 
@@ -36,26 +36,26 @@ TEST(PoolCreation, FailureCountsNothing) {
   EXPECT_EQ(g_mem_st.pool_hdr_overhead, overhead);
 }
 
-TEST(BigBuffer, ChunksLieBackToBackUnderTheirAddresses) {
+TEST(BigBuffer, ChunksLieBackToBackAtTheirAddresses) {
   const array_t pool = pool_of(kBigBuffer, 2);
-  EXPECT_EQ(as_word(take(pool, 7)), 0u) << "the first chunk is address 0";
+  EXPECT_EQ(as_word(take(pool, 7)), 0u) << "the first chunk does not have address 0";
   EXPECT_EQ(as_word(take(pool, 0)), 7u << 8);
-  EXPECT_EQ(as_word(take(pool, 93)), 7u << 8) << "a chunk of no bytes reserves some";
+  EXPECT_EQ(as_word(take(pool, 93)), 7u << 8) << "a chunk of no bytes reserved some";
   EXPECT_EQ(as_word(take(pool, 800)), 100u << 8);
-  EXPECT_EQ(as_word(take(pool, 100)), 900u << 8) << "fits the remainder exactly";
+  EXPECT_EQ(as_word(take(pool, 100)), 900u << 8) << "a chunk that fits exactly was moved to the next slot";
   EXPECT_EQ(cursor_off(pool), 1000u);
   EXPECT_EQ(as_word(take(pool, 901)), 1u);
-  EXPECT_EQ(as_word(take(pool, 100)), 2u) << "99 bytes are left";
-  EXPECT_EQ(as_word(take(pool, 50)), 2u | (100u << 8)) << "a tail is given up for good";
-  EXPECT_EQ(as_word(take(pool, 1000)), 3u) << "a chunk can fill a slot";
+  EXPECT_EQ(as_word(take(pool, 100)), 2u) << "a chunk of 100 bytes was put into 99";
+  EXPECT_EQ(as_word(take(pool, 50)), 2u | (100u << 8)) << "the unused tail of an earlier slot was used";
+  EXPECT_EQ(as_word(take(pool, 1000)), 3u) << "a chunk that fills a slot was not put at its start";
   uint32_t idx = 0;
   for (const uint32_t used : {1000, 901, 150, 1000}) expect_counted(pool, idx++, used, 0);
   uint32_t size = 5;
   EXPECT_EQ(tslb_dynmem_get_maddr2ptr_ex(pool.get(), maddr_t{3, 0}, &size), slot_at(pool, 3).mslot);
-  EXPECT_EQ(size, 0u) << "a length where there are no headers";
+  EXPECT_EQ(size, 0u) << "a length without a header";
 }
 
-TEST(Accounting, TotalsToTheByte) {
+TEST(Accounting, TotalsAreExact) {
   for (const char compat : std::initializer_list<char>{0, MPOOL_FLAG_COMPAT}) {
     for (const uint8_t daflag : std::initializer_list<uint8_t>{0, 1}) {
       SCOPED_TRACE(testing::Message() << int{compat} << " " << int{daflag});
@@ -75,13 +75,13 @@ TEST(Accounting, TotalsToTheByte) {
         EXPECT_EQ(hdr_of(pool).total_mavail, total - (hdr_bytes + used + wasted));
         EXPECT_EQ(g_mem_st.total_mavail, hdr_of(pool).total_mavail);
       };
-      step(600, false, 1);  // slot 0 lies within what creation counted
+      step(600, false, 1);  // slot 0 is within the size that creation counted
       step(300, false, 1);
-      // The size at creation leaves the nodes out, so in a pool with lists slot 1 ends beyond it; without
-      // them, on it.
+      // The size at creation does not include the nodes. In a pool with lists slot 1 therefore ends after it; without
+      // lists it ends exactly there.
       step(600, true, 2);
       step(984, true, 3);
-      step(10, compat != 0, 4);  // fits behind 984, but not behind 984 and a header
+      step(10, compat != 0, 4);  // fits after 984, but not after 984 and a header
       EXPECT_EQ(g_mem_st.total_mused - global_before, used);
     }
   }
@@ -98,13 +98,14 @@ TEST(Accounting, ReusedSlotBelowTheHighestIsNoGrowth) {
   expect_counted(pool, 1, 500, 0);
 }
 
-TEST(Compat, HeaderStandsAheadOfTheData) {
+TEST(Compat, HeaderIsBeforeTheData) {
   const array_t pool = pool_of({.daflag = 0}, 1, 70000);
   uint32_t size = 5;
-  EXPECT_EQ(tslb_dynmem_get_maddr2ptr_ex(pool.get(), maddr_t{}, &size), nullptr) << "no slot was taken yet";
+  EXPECT_EQ(tslb_dynmem_get_maddr2ptr_ex(pool.get(), maddr_t{}, &size), nullptr)
+      << "resolved although no slot was taken";
   EXPECT_EQ(tslb_dynmem_get_maddr2ptr(pool.get(), maddr_t{}), nullptr);
   EXPECT_EQ(size, 0u);
-  take(pool, 16 + 3);  // the next header stands at an odd address
+  take(pool, 16 + 3);  // the next header starts at an odd address
   char *const next = slot_at(pool, 0).mslot + 19;
   next[12] = 0x7F;
   const srcaddr_t source = {11, 22, -33, {'x', 'y'}};
@@ -112,15 +113,15 @@ TEST(Compat, HeaderStandsAheadOfTheData) {
   EXPECT_EQ(tslb_dynmem_get_mchunk(pool.get(), &address, 65536 + 5, source), next);
   EXPECT_EQ(as_word(address), 19u << 8);
   EXPECT_EQ(memcmp(next, &source, 12), 0);
-  EXPECT_EQ(next[12], 0x7E) << "the deleted bit alone is cleared";
-  EXPECT_EQ(read_at<uint16_t>(next, 14), 5) << "16 bits of the length";
+  EXPECT_EQ(next[12], 0x7E) << "another bit than the deleted bit changed";
+  EXPECT_EQ(read_at<uint16_t>(next, 14), 5) << "not the low 16 bits of the length";
   EXPECT_EQ(tslb_dynmem_get_maddr2ptr_ex(pool.get(), address, &size), next + 16);
   EXPECT_EQ(size, 4u);
   EXPECT_EQ(tslb_dynmem_get_maddr2ptr(pool.get(), address), next + 16);
 }
 
-// A slot with all bits of its group, and the last offset that such an address reaches into.
-TEST(BitVector, AddressesAreGroupsAndUnitsOfEightAndTheSizeIsOf32Bits) {
+// A slot with all bits of its group set, and the maximum offset that such an address can name.
+TEST(BitVector, AddressHasGroupAndUnitsOfEight) {
   constexpr int kLargest = 16777216;
   const array_t pool = pool_of(kBitVector, 0, kLargest);
   pretend_issued(pool.get(), 0x766);
@@ -132,9 +133,9 @@ TEST(BitVector, AddressesAreGroupsAndUnitsOfEightAndTheSizeIsOf32Bits) {
   EXPECT_EQ(hdr_of(pool).total_msz, (uint64_t{16777224} * 0x767 + 80) & 0xFFFFFFFF);
 }
 
-TEST(BitVector, ChunkLiesWhereItsAddressPoints) {
+TEST(BitVector, ChunkLiesAtItsAddress) {
   const array_t pool = pool_of(kBitVector, 4, 64);
-  take(pool, 12);  // not a multiple of 8: the next address cannot say 12
+  take(pool, 12);  // not a multiple of 8: an address cannot contain the offset 12
   maddr_t address;
   void *const chunk = tslb_dynmem_get_mchunk(pool.get(), &address, 8, srcaddr_t{});
   EXPECT_EQ(chunk, slot_at(pool, 0).mslot + 8);
@@ -143,7 +144,7 @@ TEST(BitVector, ChunkLiesWhereItsAddressPoints) {
 
 // ---- Refusals and ends ---------------------------------------------------------------------------------------------
 
-TEST(Chunks, RefusesWhatNoSlotCanHold) {
+TEST(Chunks, RefusesImpossibleLengths) {
   const array_t plain = pool_of(kBigBuffer, 1), compat = pool_of({.daflag = 0}, 1);
   const struct {
     const char *fault;
@@ -154,7 +155,7 @@ TEST(Chunks, RefusesWhatNoSlotCanHold) {
       {"one byte too long", plain, 1001, "1001"},
       {"header not counted", compat, 985, "1001"},
       {"negative length", plain, -1, "-1"},
-      {"header lifts a negative length", compat, -10, "6"},
+      {"negative length becomes positive with the header", compat, -10, "6"},
       {"sum wraps", compat, 2147483647, "-2147483633"},
   };
   for (const auto &row : rows) {
@@ -183,33 +184,33 @@ TEST(Chunks, RefusesWhatNoSlotCanHold) {
   take64(compat, 1000);
 }
 
-TEST(BigBuffer, MaxSlotsLimitsWhatMemoryExistsFor) {
+TEST(BigBuffer, MaxSlotsLimitsTheSlotsWithMemory) {
   const array_t pool = pool_of({.compat = 0, .daflag = 0, .max_slots = 8});
-  for (int i = 0; i < 5; ++i) take(pool, 900);  // slot 4 publishes a block of 16
+  for (int i = 0; i < 5; ++i) take(pool, 900);  // slot 4 creates a block of 16
   EXPECT_EQ(tslb_da_get_total_size(pool.get()), 20u);
   maddr_t address = {9, 9};
   EXPECT_EQ(stderr_of([&] { EXPECT_EQ(tslb_dynmem_get_mchunk(pool.get(), &address, 900, srcaddr_t{}), nullptr); }), "");
   EXPECT_EQ(as_word(address), 9u | (9u << 8));
-  EXPECT_EQ(as_word(take(pool, 100)), 4u | (900u << 8)) << "the current slot still serves";
+  EXPECT_EQ(as_word(take(pool, 100)), 4u | (900u << 8)) << "a chunk that the current slot can hold was refused";
   for (const short max_slots : {short{8}, short{-1}}) {
     const array_t eight = pool_of({.compat = 0, .daflag = 0, .max_slots = max_slots}, 8);
     EXPECT_EQ(tslb_dynmem_get_mchunk(eight.get(), &address, 1, srcaddr_t{}) == nullptr, max_slots == 8) << max_slots;
   }
 }
 
-TEST(Exhaustion, StopsWhereNoAddressCanNameASlot) {
+TEST(Exhaustion, StopsAfterTheLastSlotThatAnAddressCanName) {
   static const struct {
     const char *fault;
     kind_t kind;
     uint32_t n_used, current, offset;
   } rows[] = {
-      {"goes on behind slot 255", kBigBuffer, 256, 255, 16},
-      {"its limit asked first", {.compat = 0, .daflag = 0, .max_slots = 20}, 256, 255, 16},
-      {"fresh slot 256 while a reused one was current", {.compat = 0}, 256, 3, 16},
-      {"room in slot 256, where long addresses went", {.compat = 0}, 257, 256, 0},
-      {"goes on behind slot 2040", kBitVector, 2041, 2040, 16},
-      {"fresh slot 2041 while a reused one was current", {.compat = 0, .slot_type = MPOOL_FLAG_BV}, 2041, 3, 16},
-      {"room in slot 2041, where long addresses went", {.compat = 0, .slot_type = MPOOL_FLAG_BV}, 2042, 2041, 0},
+      {"continues after slot 255", kBigBuffer, 256, 255, 16},
+      {"its limit tested first", {.compat = 0, .daflag = 0, .max_slots = 20}, 256, 255, 16},
+      {"new slot 256 while a reused slot was current", {.compat = 0}, 256, 3, 16},
+      {"room in slot 256, which 64-bit chunks reached", {.compat = 0}, 257, 256, 0},
+      {"continues after slot 2040", kBitVector, 2041, 2040, 16},
+      {"new slot 2041 while a reused slot was current", {.compat = 0, .slot_type = MPOOL_FLAG_BV}, 2041, 3, 16},
+      {"room in slot 2041, which 64-bit chunks reached", {.compat = 0, .slot_type = MPOOL_FLAG_BV}, 2042, 2041, 0},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);
@@ -221,7 +222,7 @@ TEST(Exhaustion, StopsWhereNoAddressCanNameASlot) {
                                     (row.kind.slot_type == 0 ? "Warning: Bigbuffer" : "Error: BitVector") +
                                     " pool exhausted. \\[MPOOL-HDR\\] DynArrHandle.*");
     const uint32_t wide = take64(pool, 8).mslot_idx;
-    EXPECT_EQ(wide, row.offset == 0 ? row.current : row.n_used) << "64 bits can";
+    EXPECT_EQ(wide, row.offset == 0 ? row.current : row.n_used) << "a 64-bit address did not name the slot";
   }
   for (const char slot_type : std::initializer_list<char>{0, MPOOL_FLAG_BV}) {
     const uint32_t last = slot_type == 0 ? 255 : 2040;
@@ -229,9 +230,9 @@ TEST(Exhaustion, StopsWhereNoAddressCanNameASlot) {
     pretend_issued(pool.get(), last);
     set_cursor(pool, last - 1, 16);
     take(pool, 8);
-    EXPECT_EQ(cursor_slot(pool), last) << "the last slot is in use";
+    EXPECT_EQ(cursor_slot(pool), last) << "the last slot was not used";
   }
-  // A slot that it can name is taken instead where the free list has one.
+  // A slot with a lower index is taken if the free list has one.
   const array_t pool = pool_of({.compat = 0}, 0, 16);
   while (tslb_da_get_size(pool.get()) < 301) take64(pool, 16);
   tslb_da_free_idx(pool.get(), 7);
@@ -260,11 +261,11 @@ TEST(Ring, WrapsToSlot0AndKeepsItsCounts) {
   EXPECT_EQ(as_word(address), 0u);
   EXPECT_EQ(cursor_slot(pool), 0u);
   EXPECT_EQ(cursor_off(pool), 40u);
-  EXPECT_EQ(slot_at(pool, 0).bytes_used, 104u) << "a ring's slots keep their old count";
+  EXPECT_EQ(slot_at(pool, 0).bytes_used, 104u) << "the count of a ring's slot was reset";
   EXPECT_EQ(tslb_da_get_size(pool.get()), 254u);
   EXPECT_EQ(hdr_of(pool).total_msz, total);
 
-  // Round again: every slot is met in turn, from its start, without new ones.
+  // Second round: every slot is used in turn, from its start, and no new slot is taken.
   for (uint32_t want = 1; want < 254; ++want) {
     take(pool, 64);
     ASSERT_EQ(cursor_slot(pool), want);
@@ -276,7 +277,7 @@ TEST(Ring, WrapsToSlot0AndKeepsItsCounts) {
             hdr_of(pool).total_msz - (80 + hdr_of(pool).total_mused + hdr_of(pool).total_mwast));
 }
 
-TEST(Ring, ReturnsFromSlotsBeyondIt) {
+TEST(Ring, ReturnsFromSlotsAboveIt) {
   const array_t pool = pool_of(kRing, 0, 16);
   while (tslb_da_get_size(pool.get()) < 301) take64(pool, 16);
   maddr_t address = {1, 1};
@@ -286,7 +287,7 @@ TEST(Ring, ReturnsFromSlotsBeyondIt) {
 
 // ---- 64-bit addresses ----------------------------------------------------------------------------------------------
 
-TEST(Chunks64, AddressesAreWholeAndOfAnyOffset) {
+TEST(Chunks64, AddressesHaveWholeFieldsAndAnyOffset) {
   for (const char slot_type : std::initializer_list<char>{0, MPOOL_FLAG_BV}) {
     const array_t pool = pool_of({.slot_type = slot_type}, 2, 70000);
     uint32_t offset = 0;
@@ -298,11 +299,11 @@ TEST(Chunks64, AddressesAreWholeAndOfAnyOffset) {
       EXPECT_EQ(address.mslot_idx, 0u);
       EXPECT_EQ(address.mchunk_idx, offset);
       EXPECT_EQ(chunk, slot_at(pool, 0).mslot + offset);
-      EXPECT_EQ(memcmp(chunk, &source, 12), 0) << "all 12 bytes of the source";
-      EXPECT_EQ(chunk[12], offset != 0 ? 0x7E : 0) << "the deleted bit alone is cleared";
+      EXPECT_EQ(memcmp(chunk, &source, 12), 0) << "the source address was not copied whole";
+      EXPECT_EQ(chunk[12], offset != 0 ? 0x7E : 0) << "another bit than the deleted bit changed";
       uint32_t size = 0;
       EXPECT_EQ(tslb_dynmem_get_maddr2ptr64_ex(pool.get(), address, &size), chunk + 16);
-      EXPECT_EQ(size, len % 65536u) << "16 bits of the length itself, where the short form gives one less";
+      EXPECT_EQ(size, len % 65536u) << "not the low 16 bits of the length";
       EXPECT_EQ(tslb_dynmem_get_maddr2ptr64(pool.get(), address), chunk + 16);
       offset += static_cast<uint32_t>(len) + 16;
     }
@@ -312,7 +313,7 @@ TEST(Chunks64, AddressesAreWholeAndOfAnyOffset) {
   }
 }
 
-TEST(Chunks64, NoLimitOnSlotsOfAnyKindAndNothingSaid) {
+TEST(Chunks64, NoLimitAndNoWarningInPoolsOfAnyKind) {
   static const struct {
     const char *fault;
     kind_t kind;
@@ -339,7 +340,7 @@ TEST(Chunks64, NoLimitOnSlotsOfAnyKindAndNothingSaid) {
   }
 }
 
-TEST(Chunks64, StopsWhereTheArrayHasNoSlot) {
+TEST(Chunks64, StopsIfTheArrayHasNoSlot) {
   const array_t pool = pool_of();
   take64(pool, 900);
   get_dyn_hdr(pool.get())->n_alloc = 0xFFFFFFFF;
@@ -352,7 +353,8 @@ TEST(Chunks64, ResolvesWholeFieldsAndRefusesNegativeOffsets) {
   const array_t compat = pool_of({.slot_type = MPOOL_FLAG_BV}),
                 bare = pool_of({.compat = 0, .slot_type = MPOOL_FLAG_BV});
   uint32_t size = 5;
-  EXPECT_EQ(tslb_dynmem_get_maddr2ptr64_ex(compat.get(), maddr64_t{0, 0}, &size), nullptr) << "no slot was taken yet";
+  EXPECT_EQ(tslb_dynmem_get_maddr2ptr64_ex(compat.get(), maddr64_t{0, 0}, &size), nullptr)
+      << "resolved although no slot was taken";
   EXPECT_EQ(size, 0u);
   take64(compat, 100);
   take64(bare, 100);
@@ -368,7 +370,7 @@ TEST(Chunks64, ResolvesWholeFieldsAndRefusesNegativeOffsets) {
       {"largest offset", false, 0, 0x7FFFFFFF, true},
       {"first negative offset", false, 0, 0x80000000, false},
       {"first offset that a header makes negative", true, 0, 0x7FFFFFF0, false},
-      {"negative offset behind a header", true, 0, 0x80000000, false},
+      {"negative offset with a header", true, 0, 0x80000000, false},
       {"sum of offset and header wraps", true, 0, 0xFFFFFFF0, false},
       {"last offset", false, 0, 0xFFFFFFFF, false},
   };

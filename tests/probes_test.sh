@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# The probes in the library's notes, with their numbers of arguments: the same wherever the compiler put a copy.
+# Compares the probes in the library's notes, and their numbers of arguments, with a list. Every copy of a probe must
+# have the same number.
 #   probes_test.sh LIBRARY
 set -euo pipefail
 found=$(readelf -n "$1" | awk '

@@ -1,4 +1,4 @@
-// Processes and commands: real children of every kind, pid files, and the SIGCHLD handler before and after.
+// Tests of processes and commands: real children of every kind, pid files, and the SIGCHLD handler before and after.
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -14,7 +14,7 @@
 #include "fault_alloc.h"
 #include "system_support.h"
 
-// A file that is opened as another one, or not at all.
+// A path whose open is redirected to another file, or fails.
 static const char *redirected, *redirected_to;
 
 static bool is_redirected(const char *path) {
@@ -34,7 +34,7 @@ extern "C" __attribute__((visibility("default"))) int stat(const char *path, str
   return -1;
 }
 
-// A child of that name, which waits to be killed.
+// A child with the given name, which waits to be killed.
 class child_t {
  public:
   explicit child_t(const char *name) {
@@ -53,7 +53,7 @@ class child_t {
     close(ready[1]);
   }
   ~child_t() { end(); }
-  void die() {  // and stay a zombie
+  void die() {  // becomes a zombie
     kill(pid_, SIGKILL);
     waitid(P_PID, static_cast<id_t>(pid_), nullptr, WEXITED | WNOWAIT);
   }
@@ -80,7 +80,7 @@ TEST(Alive, ByNumberAndName) {
   const pid_t pid = child.pid();
   child.die();
   EXPECT_EQ(tslb_check_is_process_zombie(pid), 0);
-  EXPECT_EQ(kill(pid, 0), 0) << "kill itself would say alive";
+  EXPECT_EQ(kill(pid, 0), 0) << "kill does not report the zombie as alive";
   EXPECT_EQ(tslb_check_pid_alive(pid, nullptr), 0);
   child.end();
   EXPECT_EQ(tslb_check_is_process_zombie(pid), 2);
@@ -89,29 +89,29 @@ TEST(Alive, ByNumberAndName) {
   EXPECT_EQ(tslb_check_pid_alive(-1, nullptr), 0);
 }
 
-TEST(Alive, AnotherUsersProcessIsNotAskedForItsName) {
+TEST(Alive, NameOfAnotherUsersProcessIsNotCompared) {
   const uid_t own = getuid(), other = own == 0 ? 65533 : own;
   ASSERT_EQ(setresuid(other, other, own), 0);
   const bool is_anothers = kill(1, 0) != 0 && errno == EPERM;
   const int alive = tslb_check_pid_alive(1, "wrong name");
-  redirected = "/proc/";  // which does not show processes of others, or no longer this one
+  redirected = "/proc/";  // as if /proc hid processes of other users, or the process had ended
   const int hidden = tslb_check_pid_alive(1, "wrong name");
   redirected = nullptr;
   ASSERT_EQ(setresuid(own, own, own), 0);
-  prctl(PR_SET_DUMPABLE, 1);  // which a change of users takes away, and a sanitizer needs
-  if (!is_anothers) GTEST_SKIP() << "the first process is this user's own";
+  prctl(PR_SET_DUMPABLE, 1);  // a change of the user clears it, and a sanitizer needs it
+  if (!is_anothers) GTEST_SKIP() << "process 1 belongs to this user";
   EXPECT_EQ(alive, 1);
   EXPECT_EQ(hidden, 0);
 }
 
-// A process can end between two looks at it.
-TEST(Alive, FilesThatGoMeanwhile) {
+// A process can end between two reads of its files.
+TEST(Alive, FilesThatDisappear) {
   static const struct {
     const char *fault, *file, *shows, *name;
     int zombie, alive;
   } rows[] = {
-      {"a name that cannot be had is another one", "/comm", nullptr, "theirs", 1, 1},
-      {"a name of nothing is anybody's", "/comm", "/dev/null", "theirs", 1, 0},
+      {"a name that cannot be read does not match", "/comm", nullptr, "theirs", 1, 1},
+      {"an empty name matches", "/comm", "/dev/null", "theirs", 1, 0},
       {"a process without a state is a zombie", "/status", "/dev/null", "busy", 2, 1},
   };
   const child_t child("busy");
@@ -147,7 +147,7 @@ TEST_F(PidFile, FilesThatNameNoProcess) {
   } rows[] = {
       {"empty file", "", "Error in reading pid"},
       {"no number", "abc", "invalid pid [abc] found"},
-      {"no number on a line", "abc\n17\n", "invalid pid [abc] found"},
+      {"no number on the first line", "abc\n17\n", "invalid pid [abc] found"},
       {"zero", "0\n", "invalid pid [0] found"},
       {"more read than seven characters", "abcdefghij", "invalid pid [abcdefg] found"},
   };
@@ -159,7 +159,7 @@ TEST_F(PidFile, FilesThatNameNoProcess) {
   }
 }
 
-TEST_F(PidFile, NamesDecide) {
+TEST_F(PidFile, NamesAreCompared) {
   static const struct {
     const char *fault, *process, *bin_name;
     bool matches;
@@ -167,10 +167,10 @@ TEST_F(PidFile, NamesDecide) {
       {"same name", "velomark", "velomark", true},
       {"another name", "velomark", "other", false},
       {"a longer name than ps shows", "fifteen_letters", "fifteen_letters_and_more", true},
-      {"a name in front of the dot", "velomark.new", "velomark", true},
-      {"a part of it in front of the dot", "velo.x", "velomark", true},
-      {"another one in front of the dot", "vexo.x", "velomark", false},
-      {"nothing in front of the dot", ".x", "velomark", true},
+      {"the name before the dot", "velomark.new", "velomark", true},
+      {"a part of the name before the dot", "velo.x", "velomark", true},
+      {"another name before the dot", "vexo.x", "velomark", false},
+      {"nothing before the dot", ".x", "velomark", true},
       {"dot on the wrong side", "velomark", "velomark.new", false},
   };
   for (const auto &row : rows) {
@@ -183,7 +183,7 @@ TEST_F(PidFile, NamesDecide) {
   }
 }
 
-TEST_F(PidFile, OwnNameAndGoneProcesses) {
+TEST_F(PidFile, OwnNameAndProcessesThatEnded) {
   char own[16] = {};
   prctl(PR_GET_NAME, own);
   write(std::to_string(child_t(own).pid()));
@@ -195,8 +195,8 @@ TEST_F(PidFile, OwnNameAndGoneProcesses) {
   EXPECT_EQ(get(nullptr), child.pid());
 }
 
-// A ps that shows nobody's name but one.
-TEST_F(PidFile, ProcessThatHasNoNameItselfHasNoOthers) {
+// A ps that shows the name of one process only.
+TEST_F(PidFile, WithoutAnOwnNameNoProcessMatches) {
   std::ofstream(dir_ / "ps") << "#!/bin/sh\n[ $2 != 17 ] || echo name\n";
   fs::permissions(dir_ / "ps", fs::perms(0755));
   const std::string path = getenv("PATH");
@@ -208,7 +208,7 @@ TEST_F(PidFile, ProcessThatHasNoNameItselfHasNoOthers) {
 }
 
 TEST_F(PidFile, PathsThatDoNotFitAreRefusedNotCut) {
-  // Cut at 1,023 characters this one names a file of a process that lives.
+  // Cut at 1,023 characters, this path names a pid file of a live process.
   std::string deep = dir_.string();
   while (deep.size() < 900) deep += "/.";
   const std::string component(600, 'c');
@@ -232,7 +232,7 @@ TEST_F(PidFile, MainComponentOfARun) {
   tslb_testidx = 17;
   EXPECT_EQ(check_tarnhub_pid_alive(), child.pid());
   tslb_testidx = 0;
-  // One character too long: cut, this one names a directory with a pid file of a process that lives.
+  // One character too long: cut, this path names a directory with a pid file of a live process.
   std::string padded = dir_.string();
   const std::string tail = "/logs/TR17/.pidfiles";
   while (padded.size() + tail.size() < 255) padded += "/.";
@@ -255,8 +255,8 @@ static void hosts_handler_with_info(int, siginfo_t *info, void *) {
   hosts_code = info->si_code;
 }
 
-// Every form, run under the host's own handler, which is not called meanwhile and is restored with all that belongs to
-// it. No descriptor and no child remains.
+// Every function runs with a handler of the host installed. The handler is not called meanwhile and is restored with
+// its flags and mask. No descriptor and no child remains.
 class Commands : public testing::Test {
  protected:
   void SetUp() override {
@@ -270,7 +270,7 @@ class Commands : public testing::Test {
     descriptors_ = open_descriptors();
   }
   void TearDown() override {
-    EXPECT_EQ(hosts_signals, 0) << "the host's handler saw children that are not the host's";
+    EXPECT_EQ(hosts_signals, 0) << "the host's handler was called for the library's children";
     struct sigaction after;
     sigaction(SIGCHLD, nullptr, &after);
     EXPECT_EQ(after.sa_sigaction, hosts_.sa_sigaction) << "the host's SIGCHLD handler was not restored";
@@ -278,21 +278,21 @@ class Commands : public testing::Test {
     for (int signal = 1; signal < NSIG; ++signal)
       EXPECT_EQ(sigismember(&after.sa_mask, signal), sigismember(&hosts_.sa_mask, signal)) << signal;
     raise(SIGCHLD);
-    EXPECT_EQ(hosts_code, SI_TKILL) << "the host's handler is called without its arguments";
+    EXPECT_EQ(hosts_code, SI_TKILL) << "the host's handler was called without its arguments";
     signal(SIGCHLD, SIG_DFL);
     EXPECT_EQ(open_descriptors(), descriptors_);
-    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child was left to nobody";
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child was not waited for";
   }
   struct sigaction hosts_;
   size_t descriptors_;
 };
 
-TEST(CommandsOfAHostThatIgnoresItsChildren, AreWaitedForAllTheSame) {
+TEST(CommandsWithIgnoredSigchld, AreWaitedForToo) {
   signal(SIGCHLD, SIG_IGN);
   char err_msg[256], out[16], error[512];
   EXPECT_EQ(tslb_system("exit 3", err_msg), 3);
   EXPECT_EQ(tslb_run_cmd_and_get_last_line("echo x", 16, out, error), 0);
-  EXPECT_STREQ(error, "Method called. Command = echo x") << "pclose had no child left";
+  EXPECT_STREQ(error, "Method called. Command = echo x") << "pclose found no child";
   EXPECT_EQ(signal(SIGCHLD, SIG_DFL), SIG_IGN);
 }
 
@@ -325,7 +325,7 @@ TEST_F(Commands, ExitStatus) {
   EXPECT_EQ(bounded[256], 'g');
 }
 
-// Another thread of the host takes every child before it is waited for.
+// Another thread of the host reaps every child before the library waits for it.
 static bool children_are_taken;
 static int n_pipes, n_inherited;  // of commands; those that a child of another thread would have got
 
@@ -353,7 +353,7 @@ TEST_F(Commands, PipesAreNotInheritedByOtherChildren) {
   EXPECT_EQ(n_inherited, 0);
 }
 
-// The number of the call of fgets before which the pipe becomes unreadable; 0 for none.
+// fgets fails from this call on; 0 for none.
 static int fails_before_piece;
 
 extern "C" __attribute__((visibility("default"))) char *fgets(char *text, int room, FILE *from) {
@@ -366,17 +366,17 @@ extern "C" __attribute__((visibility("default"))) char *fgets(char *text, int ro
   return real(text, room, from);
 }
 
-TEST_F(Commands, FailedReadLeavesTheLastWholePiece) {
+TEST_F(Commands, FailedReadKeepsTheLastCompletePiece) {
   static const struct {
     const char *fault, *command;
     bool whole;
     int fails_before, room;
     const char *output;
   } rows[] = {
-      {"start of a line that was not read whole", "printf 'one\\ntw'", false, 2, 100, "one"},
+      {"start of a line that was not read completely", "printf 'one\\ntw'", false, 2, 100, "one"},
       {"start of a piece", "printf abcdefg", false, 2, 6, "abcde"},
-      {"longer pieces than the stack has room for", "printf 'one\\ntw'", false, 2, 5000, "one"},
-      {"text before the call taken for a piece", "printf 'one\\n'", false, 1, 100, "before"},
+      {"a piece longer than the buffer on the stack", "printf 'one\\ntw'", false, 2, 5000, "one"},
+      {"text from before the call treated as a piece", "printf 'one\\n'", false, 1, 100, "before"},
       {"whole output", "printf 'one\\ntw'", true, 2, 100, "one\n"},
   };
   for (const auto &row : rows) {
@@ -394,23 +394,23 @@ TEST_F(Commands, FailedReadLeavesTheLastWholePiece) {
   }
 }
 
-TEST_F(Commands, ChildThatAnotherThreadTookIsNoFailure) {
+TEST_F(Commands, ChildReapedByAnotherThreadIsNoFailure) {
   char out[16], error[513], err_msg[256];
   error[512] = 'g';
   const std::string command = "echo x # " + std::string(600, 'l');
   children_are_taken = true;
   EXPECT_EQ(tslb_run_cmd_and_get_last_line(command.c_str(), 16, out, error), 0);
-  EXPECT_EQ(tslb_system("true", err_msg), -1) << "an exit status that nobody knows";
+  EXPECT_EQ(tslb_system("true", err_msg), -1) << "a result for an unknown exit status";
   children_are_taken = false;
   EXPECT_STREQ(out, "x");
   EXPECT_EQ(std::string(error).rfind("Error: Error in pclose() after executing following cmd: 'echo x #", 0), 0u);
-  EXPECT_EQ(strlen(error), 510u) << "cut to its buffer";
+  EXPECT_EQ(strlen(error), 510u) << "not cut to its buffer";
   EXPECT_EQ(error[512], 'g');
   EXPECT_STREQ(err_msg, "Error in running command. Err[10]: No child processes. Command = true");
 }
 
-// The last line of what a command says, or all of it.
-TEST_F(Commands, OutputAndItsRoom) {
+// The last line of a command's output, or all of it.
+TEST_F(Commands, OutputIsCutToItsBuffer) {
   static const struct {
     const char *fault, *command;
     bool whole;
@@ -419,7 +419,7 @@ TEST_F(Commands, OutputAndItsRoom) {
   } rows[] = {
       {"first line kept", "printf 'one\\ntwo\\nthree\\n'", false, 100, "three"},
       {"last line needs a newline", "printf 'one\\ntwo'", false, 100, "two"},
-      {"exit status looked at", "echo line; exit 1", false, 100, "line"},
+      {"output depends on the exit status", "echo line; exit 1", false, 100, "line"},
       {"emptied without output", "true", false, 100, "before"},
       {"whole line kept", "echo abcdefgh", false, 6, "fgh"},
       {"piece that is a newline", "echo abcde", false, 6, ""},
@@ -427,7 +427,7 @@ TEST_F(Commands, OutputAndItsRoom) {
       {"no room and nothing written", "true", false, 1, "before"},
       {"newlines dropped", "printf 'one\\ntwo\\n'", true, 100, "one\ntwo\n"},
       {"terminator not counted", "printf abcdefgh", true, 6, "abcde"},
-      {"several pieces run over", "printf 'ab\\ncd\\nef\\n'", true, 6, "ab\ncd"},
+      {"several pieces exceed the buffer", "printf 'ab\\ncd\\nef\\n'", true, 6, "ab\ncd"},
       {"no room for a character", "echo abc", true, 1, ""},
       {"old text kept", "true", true, 100, ""},
       {"waits for a command that never ends", "yes", true, 5, "y\ny\n"},
@@ -442,7 +442,7 @@ TEST_F(Commands, OutputAndItsRoom) {
     EXPECT_STREQ(output, row.output);
     EXPECT_EQ(said, row.whole ? "untouched" : std::string("Method called. Command = ") + row.command);
   }
-  // Longer lines than any stack has room for.
+  // A line longer than any stack.
   static const char kLong[] = "head -c 2000000 /dev/zero | tr '\\0' a";
   std::string line(3 << 20, '\0'), all = line;
   char said[512];
@@ -452,7 +452,7 @@ TEST_F(Commands, OutputAndItsRoom) {
   EXPECT_EQ(strlen(all.data()), 2000000u);
 }
 
-TEST_F(Commands, OutputThatIsRefused) {
+TEST_F(Commands, RefusedOutput) {
   char out[8] = "before", said[513];
   said[512] = 'g';
   const std::string long_command = "true # " + std::string(1000, 'x');

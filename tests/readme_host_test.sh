@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Runs the host that the README shows: it prints what the README says, writes files that are sound, and tells when it
-# cannot write one.
+# Runs the host of the README. It must print the text in the README, write valid files, and report a file that it cannot
+# write.
 #   readme_host_test.sh PROGRAM README [TSLB_INSPECT]
 set -euo pipefail
 host=$1 readme=$2 inspect=${3:-}
@@ -12,15 +12,15 @@ fail() {
   exit 1
 }
 
-promised=$(sed -n 's/^It prints `\([^`]*\)`.*/\1/p' "$readme")
-[ -n "$promised" ] || fail "$readme does not say what its host prints"
+documented=$(sed -n 's/^It prints `\([^`]*\)`.*/\1/p' "$readme")
+[ -n "$documented" ] || fail "$readme does not contain the output of its host"
 printed=$("$host")
-[ "$printed" = "$promised" ] || fail "the host prints \"$printed\", and the README says \"$promised\""
+[ "$printed" = "$documented" ] || fail "the host prints \"$printed\", the README shows \"$documented\""
 if [ -n "$inspect" ]; then
   "$inspect" sensors.stream names.stream >inspected || fail "$(cat inspected)"
 fi
 
 rm names.stream
 mkdir names.stream
-! "$host" >/dev/null 2>told || fail "it wrote no file, and reports success"
-grep -q '^names.stream: ' told || fail "it does not tell which file it could not write: $(cat told)"
+! "$host" >/dev/null 2>errors || fail "it wrote no file and reported success"
+grep -q '^names.stream: ' errors || fail "it does not report which file it could not write: $(cat errors)"

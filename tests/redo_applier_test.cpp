@@ -1,5 +1,5 @@
-// Redo records applied to a replica, in lock step with the array that wrote them; records that are refused; and the
-// check of a whole array in memory.
+// Tests of redo records that are applied to a replica step by step, of refused records, and of the check of a whole
+// array in memory.
 #include <tslb/redo_applier.h>
 
 #include <gmock/gmock.h>
@@ -15,7 +15,7 @@
 constexpr uint32_t kMaxSlots = 4000;
 constexpr const char *kName = "metrics";
 
-// An array that is logged, and the one that its records are applied to.
+// An array that is logged, and a replica to which its records are applied.
 class pair_t {
  public:
   pair_t(uint8_t kind, const std::function<DynArrHandle_t *()> &create)
@@ -43,10 +43,10 @@ class pair_t {
       ASSERT_EQ(redo_apply(replica(), &args, kind_, kMaxSlots, error, sizeof(error)), 0) << error;
       ASSERT_STREQ(error, "");
     }
-    ASSERT_EQ(g_mem_st.total_mused, counted) << "applying counts nothing";
+    ASSERT_EQ(g_mem_st.total_mused, counted) << "applying changed the totals";
   }
 
-  // The replica begins anew from a snapshot.
+  // Replaces the replica by a snapshot.
   void reload() {
     const array_load_options_t options = {kName,
                                           static_cast<int32_t>(source()->tbl_id),
@@ -59,14 +59,14 @@ class pair_t {
     ASSERT_NE(replica_, nullptr);
   }
 
-  // What both stand for is the same, where `mask` has wiped out what no record tells.
+  // Compares both images. `mask` clears the bytes that no record contains.
   void compare(const std::function<void(DynArrHandle_t *, std::string &)> &mask) {
     char error[256];
     ASSERT_EQ(array_check(replica(), kind_, error, sizeof(error)), 0) << error;
     std::string images[2] = {stream_of(source()), stream_of(replica())};
     ASSERT_EQ(images[0].size(), images[1].size());
     for (std::string &image : images) {
-      // n_alloc is each array's own.
+      // n_alloc can differ.
       write_at<uint32_t>(image.data(), static_cast<size_t>(tslb_dynmem_get_hdrsz(source())) - 16, 0);
       mask(source(), image);
     }
@@ -76,7 +76,7 @@ class pair_t {
 
  private:
   const uint8_t kind_;
-  array_t replica_;  // created ahead of the log: what that would record is not for it
+  array_t replica_;  // created before the log: records of its creation are not applied to it
   redo_recorder_t log_;
   array_t source_;
 };
@@ -89,8 +89,8 @@ static size_t payload_at(DynArrHandle_t *array, uint32_t idx) {
 
 // ---- Slot arrays ---------------------------------------------------------------------------------------------------
 
-// A free slot's mark and the back link that it had on the inactive list: whoever takes the slot again, or walks the
-// lists, looks at neither.
+// Clears a free slot's gatekeeper word and the back link that it had on the inactive list. Nothing reads them before
+// the slot is taken again.
 static void mask_free_slots(DynArrHandle_t *array, std::string &image) {
   for (uint32_t idx = 0; idx < tslb_da_get_size(array); ++idx) {
     if (forward_node(tslb_da_get_ptr(array, idx)).status != TSLB_DA_SLOT_FREE) continue;
@@ -101,7 +101,7 @@ static void mask_free_slots(DynArrHandle_t *array, std::string &image) {
   }
 }
 
-// One operation on the source, and what the library leaves to the host to log.
+// Runs one operation on the source, and logs what the library leaves to the host.
 static void change_slots(DynArrHandle_t *array, std::mt19937 &random) {
   const uint32_t n_used = tslb_da_get_size(array);
   const uint32_t any = n_used != 0 ? static_cast<uint32_t>(random()) % n_used : 0;
@@ -109,11 +109,11 @@ static void change_slots(DynArrHandle_t *array, std::mt19937 &random) {
   if (operation <= 3) {
     uint32_t idx, last_ts;
     uint8_t last_status;
-    const bool is_told = operation == 3;
+    const bool by_inll = operation == 3;
     void *const slot =
-        is_told ? tslb_da_get_newptr_inll(array, &idx, &last_ts, &last_status) : tslb_da_get_newptr(array, &idx);
+        by_inll ? tslb_da_get_newptr_inll(array, &idx, &last_ts, &last_status) : tslb_da_get_newptr(array, &idx);
     memset(slot, static_cast<int>(random()), tslb_da_get_record_size(array));
-    if (is_told) tslb_redo_log_da_hdr(array, idx, 7, 5);
+    if (by_inll) tslb_redo_log_da_hdr(array, idx, 7, 5);
     tslb_redo_log_da(array, idx, 7, 0);
   } else if (operation <= 5) {
     tslb_da_free_idx(array, any);
@@ -134,7 +134,7 @@ TEST(RedoApplier, SlotArraysInLockStep) {
     uint8_t daflag;
     int record_size, n_direct;
     bool reuses;
-    uint32_t least_slots;  // so that more levels than the first are there, where slots are not taken again
+    uint32_t min_slots;  // reaches level 2 if slots are not reused
   } rows[] = {
       {"slots without a back node", TSLB_DA_DAFLAG_LL, 20, 3, false, 290},
       {"slots at odd addresses, none of them direct", TSLB_DA_DAFLAG_INLL, 13, 0, false, 290},
@@ -159,12 +159,12 @@ TEST(RedoApplier, SlotArraysInLockStep) {
     };
     stdout_of([&] { stderr_of(play); });  // refusals
     pair.compare(mask_free_slots);
-    EXPECT_GT(tslb_da_get_size(pair.source()), row.least_slots);
+    EXPECT_GT(tslb_da_get_size(pair.source()), row.min_slots);
   }
   lib_config.tslb_mvt_reuse_enabled = 0;
 }
 
-// The first bytes of a slot that is shorter than a node.
+// Records of the first bytes of slots that are shorter than a node.
 TEST(RedoApplier, ShortSlotsOfAPlainArray) {
   pair_t pair(ARRAY_LOAD_ANY, [] { return tslb_da_init_v5(4, 3, MPOOL_TYPE_DRAM, kName, 3); });
   for (uint32_t i = 0; i < 19; ++i) {
@@ -177,19 +177,19 @@ TEST(RedoApplier, ShortSlotsOfAPlainArray) {
 
 // ---- Pools ---------------------------------------------------------------------------------------------------------
 
-// A memory slot that is taken again is cleared, which nobody logs: what it holds behind its chunks is not said, and so
-// is all of a free one.
-static void mask_behind_chunks(DynArrHandle_t *pool, std::string &image) {
+// A memory slot that is taken again is cleared without a redo record. The bytes after its chunks are therefore unknown,
+// and so are all bytes of a free slot.
+static void mask_after_chunks(DynArrHandle_t *pool, std::string &image) {
   const uint32_t mslot_sz = static_cast<DynMemHdr_t *>(tslb_da_get_usrhdr(pool))->mslot_sz;
   for (uint32_t idx = 0; idx < tslb_da_get_size(pool); ++idx) {
     const size_t at = payload_at(pool, idx);
     const uint32_t used = read_at<uint32_t>(image.data(), at);
-    const uint32_t kept = used <= mslot_sz ? used : 0;  // the mark of a free one is more
+    const uint32_t kept = used <= mslot_sz ? used : 0;  // the gatekeeper word of a free slot is larger
     memset(image.data() + at + 8 + kept, 0, mslot_sz - kept);
   }
 }
 
-// A pool whose host logs what it does: the bytes of a chunk that change, its slot's counters, and the pool's header.
+// A pool whose host logs its changes: the changed bytes of a chunk, its slot's counters, and the pool's header.
 class logged_pool_t {
  public:
   explicit logged_pool_t(dynmem_t *pool)
@@ -265,15 +265,15 @@ TEST(RedoApplier, PoolsInLockStep) {
         pool.remove(random);
       pair.follow();
       if (step == 1200) pair.reload();
-      if (step % 50 == 0) pair.compare(mask_behind_chunks);
+      if (step % 50 == 0) pair.compare(mask_after_chunks);
     }
-    pair.compare(mask_behind_chunks);
+    pair.compare(mask_after_chunks);
     EXPECT_GT(tslb_da_get_size(pair.source()), 20u);
   }
 }
 
-// Of a pool without nodes the growth alone says that slots exist.
-TEST(RedoApplier, GrowthMakesSlots) {
+// In a pool without nodes only the growth record shows that slots exist.
+TEST(RedoApplier, GrowthCreatesSlots) {
   pair_t pair(ARRAY_LOAD_POOL, [] { return tslb_init_dynmem(1000, 1, 0, MPOOL_TYPE_DRAM, 0, kName, 3, 0); });
   maddr_t address;
   for (int i = 0; i < 20; ++i) tslb_dynmem_get_mchunk(pair.source(), &address, 1000, srcaddr_t{});
@@ -282,11 +282,11 @@ TEST(RedoApplier, GrowthMakesSlots) {
   EXPECT_EQ(tslb_da_get_total_size(pair.replica()), tslb_da_get_total_size(pair.source()));
   const DynMemHdr_t *const hdr = static_cast<const DynMemHdr_t *>(tslb_da_get_usrhdr(pair.replica()));
   EXPECT_EQ(hdr->total_msz, 80u + 20 * 1008);
-  // The record of a thread that was overtaken names a smaller size.
+  // The record of a slower thread contains a smaller size.
   const redo_args_t late = {1, TSLB_REDO_GROWTH, kName, strlen(kName), 3, 80 + 19 * 1008, 0xFFFFFFFFu, nullptr, 0};
   char error[256];
   EXPECT_EQ(redo_apply(pair.replica(), &late, ARRAY_LOAD_POOL, 100, error, sizeof(error)), 0) << error;
-  EXPECT_EQ(hdr->total_msz, 80u + 20 * 1008) << "the pool shrinks";
+  EXPECT_EQ(hdr->total_msz, 80u + 20 * 1008) << "the pool was made smaller";
 }
 
 // ---- Refusals ------------------------------------------------------------------------------------------------------
@@ -303,14 +303,14 @@ static void expect_refused(DynArrHandle_t *array, uint8_t kind, const std::vecto
   for (const bad_record_t &row : rows) {
     SCOPED_TRACE(row.fault);
     std::string headers(before.data(), header_bytes);
-    headers.resize(500);  // for those who claim more
+    headers.resize(500);  // for rows with longer records
     redo_args_t record = {
         1, 5, kName, strlen(kName), array->tbl_id, 0, 0xFFFFFFFFu, headers.data(), static_cast<uint32_t>(header_bytes)};
     row.spoil(record, headers);
     char error[256];
     EXPECT_EQ(redo_apply(array, &record, kind, 100, error, sizeof(error)), -1);
     EXPECT_THAT(error, testing::HasSubstr(row.error));
-    EXPECT_EQ(stream_of(array), before) << "changed by a record that was refused";
+    EXPECT_EQ(stream_of(array), before) << "changed by a refused record";
   }
 }
 
@@ -318,7 +318,7 @@ static std::function<void(redo_args_t &, std::string &)> word(size_t offset, uin
   return [offset, value](redo_args_t &, std::string &headers) { write_at(headers.data(), offset, value); };
 }
 
-TEST(RedoApplier, RefusesWhatDoesNotFitAnArray) {
+TEST(RedoApplier, RefusesRecordsThatDoNotFitTheArray) {
   const array_t array(tslb_da_init_ll(20, 3, MPOOL_TYPE_DRAM, kName, 5, TSLB_DA_DAFLAG_INLL));
   tslb_da_get_range(array.get(), 10);
   const auto at = [](uint64_t off, uint32_t bytes) {
@@ -359,7 +359,7 @@ TEST(RedoApplier, RefusesWhatDoesNotFitAnArray) {
   array->mem_type = MPOOL_TYPE_DRAM;
 }
 
-TEST(RedoApplier, RefusesWhatDoesNotFitAPool) {
+TEST(RedoApplier, RefusesRecordsThatDoNotFitThePool) {
   const array_t pool(tslb_init_dynmem(1000, 1, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM, MPOOL_FLAG_BV, kName, 5, 0));
   maddr_t address;
   tslb_dynmem_get_mchunk(pool.get(), &address, 800, srcaddr_t{});
@@ -374,8 +374,8 @@ TEST(RedoApplier, RefusesWhatDoesNotFitAPool) {
   expect_refused(pool.get(), ARRAY_LOAD_POOL,
                  {
                      {"growth with bytes", "growth with 4 bytes", growth(80 + 2016, 4)},
-                     {"growth to less than nothing", "growth to a size", growth(79, 0)},
-                     {"growth beyond what is allowed", "growth to a size", growth(80 + 1008 * 101, 0)},
+                     {"growth to a negative size", "growth to a size", growth(79, 0)},
+                     {"growth above the limit", "growth to a size", growth(80 + 1008 * 101, 0)},
                      {"another kind of pool", "the pool's flag", word(8, MPOOL_FLAG_COMPAT)},
                      {"other memory slots", "mslot_sz", word(8 + 4, 996)},
                  });
@@ -383,8 +383,8 @@ TEST(RedoApplier, RefusesWhatDoesNotFitAPool) {
 
 // ---- The checks ----------------------------------------------------------------------------------------------------
 
-// What is checked, the loader's tests show: it is the same. Here that it is asked of an array in memory.
-TEST(ArrayCheck, SaysWhatDoesNotHold) {
+// The loader's tests cover the checks, which are the same. This test runs them on an array in memory.
+TEST(ArrayCheck, ReportsInconsistencies) {
   const array_t array(tslb_da_init_ll(20, 3, MPOOL_TYPE_DRAM, kName, 5, TSLB_DA_DAFLAG_INLL));
   tslb_da_get_range(array.get(), 10);
   for (const uint32_t parked : {4u, 6u}) tslb_da_inactivate_idx(array.get(), parked, 9);
@@ -405,9 +405,9 @@ TEST(ArrayCheck, SaysWhatDoesNotHold) {
   EXPECT_EQ(check(), "");
 }
 
-// A pool with slots of `mslot_sz` bytes.
-static array_t checked_pool(int mslot_sz, char slot_type = 0, uint8_t daflag = TSLB_DA_DAFLAG_LL,
-                            char mem_type = MPOOL_TYPE_DRAM) {
+// Creates a pool with slots of `mslot_sz` bytes.
+static array_t make_checked_pool(int mslot_sz, char slot_type = 0, uint8_t daflag = TSLB_DA_DAFLAG_LL,
+                                 char mem_type = MPOOL_TYPE_DRAM) {
   return array_t(tslb_init_dynmem(mslot_sz, 2, MPOOL_FLAG_COMPAT, mem_type, slot_type, kName, 5, daflag));
 }
 
@@ -429,10 +429,11 @@ static std::string fault_of(const array_t &pool) {
   return error;
 }
 
-// Slot 0: chunks of 40, 24 and 116 bytes with their headers, the second deleted; 20 bytes are left. Slot 1: one of 116.
-TEST(PoolCheck, SaysWhichChunksDoNotHold) {
+// Slot 0: chunks of 40, 24 and 116 bytes with their headers; the second is deleted and 20 bytes are left. Slot 1: one
+// chunk of 116 bytes.
+TEST(PoolCheck, ReportsInconsistentChunks) {
   const auto make = [] {
-    array_t pool = checked_pool(200);
+    array_t pool = make_checked_pool(200);
     for (const int bytes : {24, 8, 100, 100}) {
       const maddr_t address = take_chunk(pool, bytes);
       if (bytes == 8) tslb_dynmem_del_mchunk(pool.get(), address);
@@ -469,16 +470,16 @@ TEST(PoolCheck, SaysWhichChunksDoNotHold) {
             "byte 4: hdr_size 0, but a pool has 56");
 }
 
-TEST(PoolCheck, TakesWhatPoolsCanHold) {
+TEST(PoolCheck, AcceptsEveryStateOfAPool) {
   const auto expect_sound = [](const char *what, const array_t &pool) { EXPECT_EQ(fault_of(pool), "") << what; };
   for (const uint8_t daflag : {uint8_t{0}, uint8_t{TSLB_DA_DAFLAG_LL}, uint8_t{TSLB_DA_DAFLAG_INLL}}) {
     SCOPED_TRACE(int{daflag});
-    const array_t pool = checked_pool(200, 0, daflag);
+    const array_t pool = make_checked_pool(200, 0, daflag);
     expect_sound("no slot yet", pool);
     take_chunk(pool, 40);
     const maddr_t empty = take_chunk(pool, 0);
     tslb_dynmem_del_mchunk(pool.get(), empty);
-    expect_sound("a deleted chunk of no bytes, which nothing counts", pool);
+    expect_sound("a deleted chunk of no bytes, which is not counted", pool);
     maddr64_t address;
     tslb_dynmem_get_mchunk64(pool.get(), &address, 30, srcaddr64_t{});
     expect_sound("chunks of both widths", pool);
@@ -493,42 +494,42 @@ TEST(PoolCheck, TakesWhatPoolsCanHold) {
   memset(tslb_dynmem_get_mchunk(plain.get(), &address, 100, srcaddr_t{}), 0x5A, 100);
   expect_sound("a pool without compaction headers", plain);
 
-  const array_t ring = checked_pool(64, MPOOL_FLAG_BV, TSLB_DA_DAFLAG_LL, MPOOL_TYPE_DRAM_TMP);
+  const array_t ring = make_checked_pool(64, MPOOL_FLAG_BV, TSLB_DA_DAFLAG_LL, MPOOL_TYPE_DRAM_TMP);
   stdout_of([&ring] {
     for (const int bytes : {8, 8}) take_chunk(ring, bytes);
     for (int i = 0; i < 253; ++i) take_chunk(ring, 40);
     for (const int bytes : {0, 40}) take_chunk(ring, bytes);
   });
-  expect_sound("a ring that has come round, with the rest of an old chunk in slot 0", ring);
+  expect_sound("a ring that has wrapped, with the rest of an old chunk in slot 0", ring);
   stdout_of([&ring] {
     for (int i = 0; i < 700; ++i) take_chunk(ring, 24);
   });
-  expect_sound("a ring whose counters are beyond its slots", ring);
+  expect_sound("a ring whose counters exceed its slots", ring);
 }
 
 // Headers keep 16 bits of a length.
 TEST(PoolCheck, FollowsLongChunks) {
-  const array_t pool = checked_pool(200000);
+  const array_t pool = make_checked_pool(200000);
   std::vector<maddr_t> chunks;
   for (const int bytes : {100, 65600, 65536 + 20, 500}) chunks.push_back(take_chunk(pool, bytes));
   EXPECT_EQ(fault_of(pool), "");
   tslb_dynmem_del_mchunk(pool.get(), chunks[1]);
   EXPECT_EQ(fault_of(pool), "");
   write_at<uint16_t>(slot_bytes_at(pool, 0, 8 + 116 + 14), 0, 66);
-  EXPECT_NE(fault_of(pool), "") << "no lengths lead to the end";
+  EXPECT_NE(fault_of(pool), "") << "lengths that do not lead to the end were accepted";
 }
 
-TEST(PoolCheck, TakesWhatAKilledProcessLeaves) {
+TEST(PoolCheck, AcceptsStatesThatAKilledProcessLeaves) {
   for (const uint32_t missing : {48u, 50u}) {
     SCOPED_TRACE(missing);
-    const array_t pool = checked_pool(200);
+    const array_t pool = make_checked_pool(200);
     take_chunk(pool, 24);
     static_cast<DynMemHdr_t *>(tslb_da_get_usrhdr(pool.get()))->cur_slot_addr += uint64_t{missing} << 32;
-    EXPECT_EQ(fault_of(pool), "") << "bytes were reserved, and neither counted nor written";
+    EXPECT_EQ(fault_of(pool), "") << "reserved bytes that were neither counted nor written";
     take_chunk(pool, 60);
     char *const gap = slot_bytes_at(pool, 0, 8 + 40);
     memset(gap, 0x77, missing);
-    EXPECT_EQ(fault_of(pool), "") << "old bytes of a block file, and a chunk after them";
+    EXPECT_EQ(fault_of(pool), "") << "old bytes of a block file with a chunk after them";
     // The missing bytes are counted as dead.
     memset(gap, 0, missing);
     for (const size_t counter : {0, 4}) {

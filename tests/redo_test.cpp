@@ -1,4 +1,4 @@
-// Redo records: which bytes, under which position, in which order. The program brings its own redo pair.
+// Tests of redo records: their bytes, positions and order. The program defines its own redo hooks.
 #include "pool_support.h"
 #include "redo_recorder.h"
 
@@ -24,7 +24,7 @@ static void expect_records(const DynArrHandle_t *array, const std::vector<redo_r
   }
 }
 
-// Headers take 84 bytes, a slot 48. Slot 10 begins at 564, in a redirected block here.
+// Headers take 84 bytes, a slot 48. Slot 10 begins at 564, in a data block.
 static array_t worked_example(const char *ctx_name = "metrics", char mem_type = MPOOL_TYPE_DRAM) {
   array_t array(tslb_da_init_ll(32, 3, mem_type, ctx_name, -9, TSLB_DA_DAFLAG_INLL));
   tslb_da_get_range(array.get(), 11);
@@ -48,7 +48,7 @@ TEST(Redo, ShapesOfTheWorkedExample) {
       {"field counted from the slot's start", 0, 4, 8, 576, 4, 8},
       {"field of no bytes is not a field", 0, 4, 0, 564, -8, 48},
       {"negative offset is not a field", 0, -4, 8, 564, -8, 48},
-      {"field yields to the first node", 1, 0, 1, 572, 0, 1},
+      {"first node logged instead of the field", 1, 0, 1, 572, 0, 1},
       {"field checked against the record", 0, 30, 10, 602, 30, 10},
   };
   for (const auto &row : rows) {
@@ -60,7 +60,7 @@ TEST(Redo, ShapesOfTheWorkedExample) {
     EXPECT_EQ(records[0].rec_type, 42);
   }
   tslb_redo_log_da_hdr(array.get(), 0, 0, 0);
-  EXPECT_EQ(log.take().at(0).rec_type, 0) << "a slot's 0 becomes 2";
+  EXPECT_EQ(log.take().at(0).rec_type, 0) << "a header's 0 was replaced";
 }
 
 TEST(Redo, PlainArraysHaveNoShift) {
@@ -74,8 +74,8 @@ TEST(Redo, PlainArraysHaveNoShift) {
   expect_records(array.get(), log.take(), {{24 + 50, slot, 10}, {24 + 54, slot + 4, 6}, {24 + 50, slot, 8}});
 }
 
-// Slot 2 is the last one of block 0, slot 18 the last one of data block 1.
-TEST(Redo, ShortSlotsEndTheirRecords) {
+// Slot 2 is the last slot of block 0, slot 18 the last slot of data block 1.
+TEST(Redo, RecordsOfShortSlotsEndWithTheSlot) {
   for (const int record_size : {4, 7, 8}) {
     const array_t array(tslb_da_init_v5(record_size, 3, MPOOL_TYPE_DRAM, "", 1));
     for (int i = 0; i < 19; ++i) tslb_da_get_newidx(array.get());
@@ -88,7 +88,7 @@ TEST(Redo, ShortSlotsEndTheirRecords) {
   }
 }
 
-// Which records, golden_test shows.
+// golden_test checks the records themselves.
 TEST(Redo, AllocationLogsAfterItsLock) {
   for (const uint8_t daflag : std::initializer_list<uint8_t>{TSLB_DA_DAFLAG_LL, TSLB_DA_DAFLAG_INLL}) {
     const array_t array(tslb_da_init_ll(32, 3, MPOOL_TYPE_DRAM, "metrics", -9, daflag));
@@ -105,7 +105,7 @@ TEST(Redo, AllocationLogsAfterItsLock) {
   }
 }
 
-TEST(Redo, WhatIsNotLogged) {
+TEST(Redo, ArraysThatAreNotLogged) {
   redo_recorder_t log;
   const auto count_of_own = [&log](const array_t &array, uint32_t idx) {
     log.take();
@@ -116,23 +116,23 @@ TEST(Redo, WhatIsNotLogged) {
   for (const char mem_type : std::initializer_list<char>{3, 4, 5})
     EXPECT_EQ(count_of_own(worked_example("metrics", mem_type), 0), 0u) << int{mem_type};
   const array_t nameless = worked_example("");
-  EXPECT_TRUE(log.take().empty()) << "creation and allocation need a name";
-  EXPECT_EQ(count_of_own(nameless, 0), 2u) << "the host's own logging needs none";
-  EXPECT_EQ(count_of_own(nameless, 11), 1u) << "no slot, no record";
+  EXPECT_TRUE(log.take().empty()) << "creation or allocation was logged without a name";
+  EXPECT_EQ(count_of_own(nameless, 0), 2u) << "the host's own logging needed a name";
+  EXPECT_EQ(count_of_own(nameless, 11), 1u) << "a record for a slot that does not exist";
 
   uint32_t idx;
   const array_t plain(tslb_da_init_v5(32, 3, MPOOL_TYPE_DRAM, "metrics", 1)), named = worked_example();
   log.take();
   tslb_da_get_newptr(plain.get(), &idx);
   tslb_da_get_newidx(plain.get());
-  EXPECT_TRUE(log.take().empty()) << "plain arrays have no nodes to log";
+  EXPECT_TRUE(log.take().empty()) << "nodes of a plain array were logged";
   g_redo_handle = nullptr;
   tslb_da_get_newptr(named.get(), &idx);
-  EXPECT_TRUE(log.take().empty()) << "logging is off";
-  EXPECT_EQ(count_of_own(named, 0), 0u) << "and the host's as well";
+  EXPECT_TRUE(log.take().empty()) << "logged although logging is off";
+  EXPECT_EQ(count_of_own(named, 0), 0u) << "the host's records were written although logging is off";
 }
 
-TEST(Redo, PositionsBeyondFourGiB) {
+TEST(Redo, PositionsAboveFourGiB) {
   const array_t array(get_default_dyn_array_ex(0, 1u << 20, 0, MPOOL_TYPE_DRAM, 1, "big", 0));
   pretend_issued(array.get(), 5000);
   redo_recorder_t log;
@@ -149,8 +149,8 @@ TEST(Redo, CreationLogsTheFilledHeader) {
     bool persists;
   } rows[] = {
       {"persistent pool not logged", "pool", 1, 1, true},
-      {"any wish is taken for growth logging", "pool", 2, 1, false},
-      {"logged against the caller's wish, or growth by the argument's bit", "pool", 0, 0, false},
+      {"any value of is_persist switches growth records on", "pool", 2, 1, false},
+      {"logged against is_persist, or growth logged by a bit of compat_flag", "pool", 0, 0, false},
       {"logged without a name", "", 1, 0, true},
       {"logged without a name", nullptr, 1, 0, true},
   };
@@ -166,20 +166,21 @@ TEST(Redo, CreationLogsTheFilledHeader) {
     expect_records(pool.get(), records, {{0, pool->arr_base, 140}});
     EXPECT_EQ(records[0].txn_id, kNoTxn);
     EXPECT_EQ(records[0].rec_type, 5);
-    EXPECT_EQ(records[0].bytes, std::string(bytes_of(pool->arr_base), 140)) << "logged ahead of creation's end";
+    EXPECT_EQ(records[0].bytes, std::string(bytes_of(pool->arr_base), 140))
+        << "logged before creation filled the headers";
   }
   redo_recorder_t log;
   const array_t temporary(tslb_init_dynmem(1000, 4, 0, MPOOL_TYPE_DRAM_TMP, 0, "pool", 1, 0));
   EXPECT_TRUE(log.take().empty());
   const array_t slots(tslb_da_init_v5(100, 4, MPOOL_TYPE_DRAM, "slots", 1));
   expect_records(slots.get(), log.take(), {{0, slots->arr_base, 24}});
-  // The wish counts, not the memory type; and the name as the handle keeps it, under which all later records come.
+  // is_persist decides, not the memory type. The record has the name as the handle keeps it, like all later records.
   const array_t wished(
       tslb_init_dynmem_ex1(100, 1, 0, MPOOL_TYPE_SHM_TMP, 0, std::string(40, 'n').c_str(), 1, 0, 0, 1, 0));
   expect_records(wished.get(), log.take(), {{0, wished->arr_base, 80}});
 }
 
-// What is told last of a pool that has grown to `size`, with the lock released.
+// Expects that the last record is the growth of the pool to `size`, with the lock released.
 static void expect_growth(const array_t &pool, const std::vector<redo_record_t> &records, uint64_t size) {
   ASSERT_FALSE(records.empty());
   expect_records(pool.get(), {records.back()}, {{size, nullptr, 0}});
@@ -193,7 +194,7 @@ TEST(Redo, GrowthOfAPersistentPool) {
   const array_t pool = pool_of({.compat = 0, .daflag = 0}, 1);
   log.watch(&pool->spinlock);
   log.take();
-  for (uint64_t slots = 1; slots <= 3; ++slots) {  // the first one fills the direct area exactly and is told as well
+  for (uint64_t slots = 1; slots <= 3; ++slots) {  // the first slot fills the direct area exactly and is logged too
     take(pool, 1000);
     const auto records = log.take();
     EXPECT_EQ(records.size(), 1u);
@@ -202,11 +203,11 @@ TEST(Redo, GrowthOfAPersistentPool) {
   const array_t quiet = pool_of({.daflag = 0, .is_persist = 0}, 2);
   take(quiet);
   take64(quiet, 900);
-  EXPECT_TRUE(log.take().empty()) << "a pool that does not persist grows in silence";
+  EXPECT_TRUE(log.take().empty()) << "growth of a pool without MPOOL_FLAG_PERSIST was logged";
 }
 
-// With long addresses a pool's size leaves the nodes out, and follows the new slot down.
-TEST(Redo, GrowthUnderLongAddresses) {
+// With 64-bit addresses a pool's size does not include the nodes, and can become smaller with a new slot.
+TEST(Redo, GrowthWith64BitAddresses) {
   redo_recorder_t log;
   const array_t pool = pool_of({}, 2);
   log.watch(&pool->spinlock);
@@ -221,7 +222,8 @@ TEST(Redo, GrowthUnderLongAddresses) {
     expect_counted(pool, slot_idx, 916, 0);
     expect_growth(pool, log.take(), record_size * slots + hdr_bytes);
   };
-  for (const uint64_t slots : {1, 2, 3, 4}) take_slot(slots);  // slot 0 lowers what creation counted for two
+  for (const uint64_t slots : {1, 2, 3, 4})
+    take_slot(slots);  // slot 0 lowers the size that creation counted for two slots
   del(pool, maddr_t{1, 0});
   log.take();
   take_slot(2);
@@ -231,7 +233,7 @@ TEST(Redo, GrowthUnderLongAddresses) {
   take64(pool, 26);  // within the slot: no growth
   EXPECT_EQ(hdr_of(pool).total_mwast, wasted + 16);
   EXPECT_TRUE(log.take().empty());
-  // The short form on the same pool counts the nodes, and does not go down.
+  // The 32-bit form on the same pool includes the nodes, and does not make the size smaller.
   take(pool, 916);
   EXPECT_EQ(hdr_of(pool).total_msz, (record_size + 8) * 5 + hdr_bytes);
 }

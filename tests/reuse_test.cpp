@@ -1,5 +1,5 @@
-// Reuse of inactive slots: when a policy takes one back, how old it has to be, and what the caller is told. The
-// system's time is ours here. That slots, lists and results agree over long histories of reuse is list_model_test's.
+// Tests of the reuse of inactive slots: thresholds, age, and the values that the caller receives. The test defines the
+// system's time. list_model_test compares slots, lists and results over long histories of reuse.
 #include <limits.h>
 
 #include <tslb/tslb_settings.h>
@@ -13,13 +13,13 @@ constexpr int kRecordSize = 21;
 constexpr time_t kNow = 1000000000;
 constexpr time_t kLate = 0xFFFFFFF0;  // does not fit 31 bits
 
-using limits_t = tsdb_inactive_thshld_policy_t;  // percentage, 0, count, age, least n_used
+using limits_t = tsdb_inactive_thshld_policy_t;  // percentage, 0, count, age, minimum of n_used
 
-// What no array of these tests reaches; a set of nothing passes always.
+// Limits that no array of these tests reaches, and limits that always pass.
 constexpr limits_t kNever = {101, 0, 65535, 0, 0}, kAlways = {0, 0, 0, 0, 0};
 
-// `n_used` slots, the first `n_inactive` of which were inactivated at the clock's time, highest index first: the head
-// is the last of them.
+// Creates `n_used` slots and inactivates the first `n_inactive` of them at the current time, in descending order: the
+// head has the highest index.
 static array_t idle_array(uint32_t n_used, uint32_t n_inactive, const char *ctx_name = "metrics") {
   array_t array(tslb_da_init_ll(kRecordSize, 4, MPOOL_TYPE_DRAM, ctx_name, 7, TSLB_DA_DAFLAG_INLL));
   for (uint32_t i = 0; i < n_used; ++i) {
@@ -35,12 +35,12 @@ static void with_policy(const array_t &array, limits_t major, limits_t critical,
   tslb_da_register_reuse_policy(array.get(), &policy);
 }
 
-// A slot's index, in the form that tells about it or in the other.
-static uint32_t take(const array_t &array, bool tells = false) {
+// Takes a slot with tslb_da_get_newptr_inll or with tslb_da_get_newptr. Returns its index.
+static uint32_t take(const array_t &array, bool by_inll = false) {
   uint32_t idx, last_ts;
   uint8_t last_status;
-  EXPECT_NE(tells ? tslb_da_get_newptr_inll(array.get(), &idx, &last_ts, &last_status)
-                  : tslb_da_get_newptr(array.get(), &idx),
+  EXPECT_NE(by_inll ? tslb_da_get_newptr_inll(array.get(), &idx, &last_ts, &last_status)
+                    : tslb_da_get_newptr(array.get(), &idx),
             nullptr);
   return idx;
 }
@@ -65,42 +65,42 @@ TEST_F(Reuse, Thresholds) {
     uint8_t use;
     bool reuses;
   } rows[] = {
-      {"percentage multiplied ahead of the division, or rounded", 100, 29, {29, 0, 65535, 0, 0}, kNever, 1, false},
+      {"percentage multiplied before the division, or rounded", 100, 29, {29, 0, 65535, 0, 0}, kNever, 1, false},
       {"29 of 100 is not 28", 100, 29, {28, 0, 65535, 0, 0}, kNever, 1, true},
-      {"a set of nothing does not pass", 100, 1, kAlways, kNever, 1, true},
+      {"a set of zeroes does not pass", 100, 1, kAlways, kNever, 1, true},
       {"count at the limit does not pass", 400, 50, {101, 0, 50, 0, 0}, kNever, 1, true},
       {"count below the limit passes", 400, 50, {101, 0, 51, 0, 0}, kNever, 1, false},
       {"count kept in 8 bits", 400, 256, {101, 0, 256, 0, 0}, kNever, 1, true},
       {"n_used at major's minimum is not enough", 100, 5, {0, 0, 0, 0, 100}, kNever, 1, true},
       {"major considered below its minimum", 100, 5, {0, 0, 0, 0, 101}, kNever, 1, false},
-      {"critical not tried where major is skipped", 100, 5, {0, 0, 0, 0, 101}, kAlways, 1, true},
-      {"critical not tried where major fails", 100, 5, kNever, kAlways, 1, true},
+      {"critical not tested if major is skipped", 100, 5, {0, 0, 0, 0, 101}, kAlways, 1, true},
+      {"critical not tested if major fails", 100, 5, kNever, kAlways, 1, true},
       {"critical considered below its minimum", 100, 5, kNever, {0, 0, 0, 0, 101}, 1, false},
-      {"critical's minimum held against major", 100, 5, kAlways, {0, 0, 0, 0, 101}, 1, true},
+      {"critical's minimum applied to major", 100, 5, kAlways, {0, 0, 0, 0, 101}, 1, true},
       {"used although switched off", 100, 90, kAlways, kAlways, 0, false},
       {"switch read as a bit", 100, 90, kAlways, kAlways, 0x80, true},
       {"no inactive slot", 100, 0, kAlways, kAlways, 1, false},
-      {"age limit of major asked for", 100, 5, {0, 0, 0, 86400, 0}, kAlways, 1, true},
-      {"age limit of critical left out where major passes", 100, 5, kAlways, {0, 0, 0, 86400, 0}, 1, false},
+      {"age limit of major used", 100, 5, {0, 0, 0, 86400, 0}, kAlways, 1, true},
+      {"age limit of critical not used if major passes", 100, 5, kAlways, {0, 0, 0, 86400, 0}, 1, false},
       {"age limit compared without sign", 100, 5, kAlways, {0, 0, 0, 0xFFFFFFFF, 0}, 1, true},
   };
   for (const auto &row : rows) {
-    for (const bool tells : {false, true}) {
-      SCOPED_TRACE(testing::Message() << row.fault << (tells ? ", telling" : ""));
+    for (const bool by_inll : {false, true}) {
+      SCOPED_TRACE(testing::Message() << row.fault << (by_inll ? ", by tslb_da_get_newptr_inll" : ""));
       const array_t array = idle_array(row.n_used, row.n_inactive);
       with_policy(array, row.major, row.critical, row.use);
       const indices_t before = audit_lists(array.get()).inactive;
       redo_recorder_t log;
-      EXPECT_EQ(take(array, tells), row.reuses ? before.at(0) : row.n_used);
-      // The head that comes next; in the form that does not tell also the header and both nodes.
-      EXPECT_EQ(log.take().size(), (row.reuses && before.size() > 1 ? 1u : 0u) + (tells ? 0u : 3u));
+      EXPECT_EQ(take(array, by_inll), row.reuses ? before.at(0) : row.n_used);
+      // The record of the next head; tslb_da_get_newptr also logs the header and both nodes.
+      EXPECT_EQ(log.take().size(), (row.reuses && before.size() > 1 ? 1u : 0u) + (by_inll ? 0u : 3u));
       EXPECT_EQ(tslb_da_get_size(array.get()), row.n_used + (row.reuses ? 0 : 1));
       EXPECT_EQ(audit_lists(array.get()).inactive, indices_t(before.begin() + (row.reuses ? 1 : 0), before.end()));
     }
   }
 }
 
-TEST_F(Reuse, FreeSlotsFirstAndRootsThatContradictArePassedOver) {
+TEST_F(Reuse, FreeSlotsComeFirstAndInconsistentRootsAreSkipped) {
   for (const uint32_t head : {4u, kNil, 4711u}) {
     const array_t array = idle_array(6, 5);
     with_policy(array, kAlways, kAlways);
@@ -120,7 +120,7 @@ TEST_F(Reuse, AgeInSeconds) {
     int old_enough;
   } rows[] = {
       {"no age at all does not reach 0", 0, 0, 1},
-      {"a time ahead of the clock passes", -1, 0, 0},
+      {"a time in the future passes", -1, 0, 0},
       {"negative ages are not compared", -1, -1, 1},
       {"the limit itself does not pass", 86400, 86400, 1},
       {"days instead of seconds", 86400, 86401, 0},
@@ -129,7 +129,7 @@ TEST_F(Reuse, AgeInSeconds) {
       {"more than the lowest bit lost", 16777217, 16777216, 1},
       {"cut instead of rounded to single precision", 16777219, 16777220, 1},
       {"largest age wraps", INT64_C(1) << 40, INT_MAX, 1},
-      {"just beyond 32 bits wraps", INT64_C(1) << 31, INT_MAX, 1},
+      {"first age above 32 bits wraps", INT64_C(1) << 31, INT_MAX, 1},
       {"most negative age wraps", -(INT64_C(1) << 40), INT_MIN + 1, 0},
       {"most negative age is below every limit", -(INT64_C(1) << 40), INT_MIN, 1},
   };
@@ -157,7 +157,7 @@ TEST_F(Reuse, AgeOnTheScaledClockThroughTheList) {
     tslb_set_timer_factor(row.factor);
     const array_t array = idle_array(6, 0);
     tslb_da_inactivate_idx(array.get(), 3, row.inactivated);
-    // An older one behind the head is not looked at.
+    // An older slot after the head is not examined.
     tslb_da_inactivate_idx(array.get(), 1, 1);
     with_policy(array, kAlways, {0, 0, 0, row.limit, 0});
     now = row.now;
@@ -166,8 +166,9 @@ TEST_F(Reuse, AgeOnTheScaledClockThroughTheList) {
   }
 }
 
-// Where there is no slot, and in a plain array, whose lock is not touched; and a caller who does not want the payload.
-TEST_F(Reuse, WhatTheCallerIsToldBySource) {
+// Also if there is no slot, in a plain array, whose lock is not used, and for a caller that does not request the
+// payload.
+TEST_F(Reuse, ValuesReturnedPerSourceOfTheSlot) {
   static const struct {
     const char *fault;
     uint8_t daflag;
@@ -176,8 +177,8 @@ TEST_F(Reuse, WhatTheCallerIsToldBySource) {
     bool wants_payload;
   } rows[] = {
       {"a plain array has no history", 0, 6, TSLB_DA_SLOT_UNSET, true},
-      {"a full array gives a slot", TSLB_DA_DAFLAG_INLL, kNil, TSLB_DA_SLOT_UNSET, true},
-      {"a payload that nobody wants is written", TSLB_DA_DAFLAG_INLL, 3, TSLB_DA_SLOT_FREE, false},
+      {"a full array returns a slot", TSLB_DA_DAFLAG_INLL, kNil, TSLB_DA_SLOT_UNSET, true},
+      {"a payload that was not requested is written", TSLB_DA_DAFLAG_INLL, 3, TSLB_DA_SLOT_FREE, false},
       {"more than a payload is written", TSLB_DA_DAFLAG_INLL, 3, TSLB_DA_SLOT_FREE, true},
   };
   for (const auto &row : rows) {
@@ -200,9 +201,10 @@ TEST_F(Reuse, WhatTheCallerIsToldBySource) {
     EXPECT_EQ(slot, row.idx == kNil ? nullptr : tslb_da_get_ptr(array.get(), row.idx));
     EXPECT_EQ(last_status, row.status);
     EXPECT_EQ(last_ts, static_cast<uint32_t>(kNow));
-    const bool tells = row.status == TSLB_DA_SLOT_FREE && row.wants_payload;
-    EXPECT_EQ(last_value,
-              (tells ? "\xFF\xFF\xFF\xFF" + std::string(kRecordSize - 4, '\0') : std::string(kRecordSize, '#')) + '#');
+    const bool gets_payload = row.status == TSLB_DA_SLOT_FREE && row.wants_payload;
+    EXPECT_EQ(
+        last_value,
+        (gets_payload ? "\xFF\xFF\xFF\xFF" + std::string(kRecordSize - 4, '\0') : std::string(kRecordSize, '#')) + '#');
     EXPECT_EQ(array->spinlock, row.daflag == 0 ? 1 : 0);
     if (row.daflag == 0) {
       EXPECT_EQ(std::string(bytes_of(slot), kRecordSize), "\xFF\xFF\xFF\xFF" + std::string(kRecordSize - 4, '\0'));
@@ -212,7 +214,7 @@ TEST_F(Reuse, WhatTheCallerIsToldBySource) {
 
 TEST_F(Reuse, RegistrationStoresAllBytesAndLogsTheHeader) {
   tsdb_mem_pressure_config_t policy;
-  for (size_t i = 0; i < sizeof(policy); ++i) bytes_of(&policy)[i] = static_cast<char>(i + 1);  // reserved ones too
+  for (size_t i = 0; i < sizeof(policy); ++i) bytes_of(&policy)[i] = static_cast<char>(i + 1);  // reserved bytes too
   const array_t array = idle_array(2, 0), nameless = idle_array(2, 0, "");
   const array_t temporary(tslb_da_init_ll(kRecordSize, 4, MPOOL_TYPE_DRAM_TMP, "metrics", 7, TSLB_DA_DAFLAG_INLL));
   redo_recorder_t log;
@@ -221,8 +223,9 @@ TEST_F(Reuse, RegistrationStoresAllBytesAndLogsTheHeader) {
     EXPECT_EQ(memcmp(&list_roots(each).mem_pressure_conf, &policy, 28), 0);
   }
   const auto records = log.take();
-  ASSERT_EQ(records.size(), 1u) << "the named array in process memory alone is logged";
-  EXPECT_EQ(records[0].bytes, std::string(bytes_of(array->arr_base), 84)) << "with the policy in it";
+  ASSERT_EQ(records.size(), 1u) << "not only the named array in process memory was logged";
+  EXPECT_EQ(records[0].bytes, std::string(bytes_of(array->arr_base), 84))
+      << "the logged header does not contain the policy";
 
   const std::string before(bytes_of(array->arr_base), 84);
   EXPECT_EQ(stderr_of([&] { tslb_da_register_reuse_policy(array.get(), nullptr); }), "");

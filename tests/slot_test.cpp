@@ -1,5 +1,5 @@
-// Slot arrays: handles that are none, and the status and contents of what allocation gives. The order in which lists
-// give slots back is list_model_test's.
+// Tests of slot arrays: null handles, and the status and contents of allocated slots. list_model_test checks the order
+// in which lists return slots.
 #include "array_support.h"
 
 static array_t list_array(int record_size, int n_slots, uint8_t daflag) {
@@ -28,11 +28,12 @@ TEST(Slots, SpinLockIsTakenReleasedAndReleasedTwice) {
   EXPECT_EQ(lock, 0);
   lock = 2;
   tslb_da_spin_unlock16(&lock);
-  EXPECT_EQ(lock, 2) << "only a held lock is released";
+  EXPECT_EQ(lock, 2) << "a lock that was not held was released";
 }
 
-// Nodes and their times are list_model_test's too; here is what a slot without a back node leaves alone behind itself.
-TEST(Allocation, FreshSlotsAreMarkedAndClear) {
+// list_model_test also checks nodes and their times. This test checks that a slot without a back node changes no byte
+// after itself.
+TEST(Allocation, NewSlotsAreClearExceptForTheGatekeeperWord) {
   for (const uint8_t daflag : std::initializer_list<uint8_t>{0, TSLB_DA_DAFLAG_LL}) {
     SCOPED_TRACE(int{daflag});
     const array_t array = list_array(13, 2, daflag);
@@ -44,7 +45,7 @@ TEST(Allocation, FreshSlotsAreMarkedAndClear) {
       EXPECT_EQ(slot, tslb_da_get_ptr(array.get(), idx));
       EXPECT_EQ(std::string(bytes_of(slot), 13), "\xFF\xFF\xFF\xFF" + std::string(9, '\0'));
       if (idx % 16 != 1) {  // the last slot of a block has no next one
-        EXPECT_EQ(read_at<uint64_t>(slot, 13), 0u) << "written behind the payload";
+        EXPECT_EQ(read_at<uint64_t>(slot, 13), 0u) << "written after the payload";
       }
     }
     EXPECT_EQ(tslb_da_get_size(array.get()), 20u);
@@ -52,7 +53,7 @@ TEST(Allocation, FreshSlotsAreMarkedAndClear) {
   }
 }
 
-TEST(Allocation, OnlyMemberEmptiesBothEndsWhateverItsLinkSays) {
+TEST(Allocation, TakingTheOnlyMemberEmptiesTheListWhateverItsLink) {
   const array_t array = list_array(8, 4, TSLB_DA_DAFLAG_LL);
   uint32_t idx;
   for (int i = 0; i < 3; ++i) tslb_da_get_newptr(array.get(), &idx);
@@ -64,7 +65,7 @@ TEST(Allocation, OnlyMemberEmptiesBothEndsWhateverItsLinkSays) {
   EXPECT_EQ(list_roots(array.get()).free_tail, TSLB_DA_NIL_IDX);
 }
 
-TEST(Allocation, ContradictoryRootsArePassedOverInSilence) {
+TEST(Allocation, InconsistentRootsAreSkippedWithoutAMessage) {
   static const struct {
     const char *fault;
     uint32_t n_free, free_head;
@@ -88,7 +89,7 @@ TEST(Allocation, ContradictoryRootsArePassedOverInSilence) {
 TEST(NewIdx, IssuesAnIdAndWritesNothing) {
   const array_t array = list_array(8, 4, 0);
   EXPECT_EQ(tslb_da_get_newidx(array.get()), 0u);
-  EXPECT_EQ(tslb_da_get_ptr(array.get(), 1), nullptr) << "an index that nobody was given";
+  EXPECT_EQ(tslb_da_get_ptr(array.get(), 1), nullptr) << "an index that was not issued";
   EXPECT_EQ(tslb_da_get_newidx(array.get()), 1u);
   EXPECT_EQ(read_at<uint64_t>(tslb_da_get_ptr(array.get(), 1), 0), 0u);
 }

@@ -1,4 +1,4 @@
-// The snapshot stream, byte for byte, and the walk that hands blocks to a callback.
+// Tests of the snapshot stream, byte for byte, and of the walk that passes blocks to a callback.
 #include <dlfcn.h>
 #include <errno.h>
 #include <signal.h>
@@ -10,7 +10,7 @@
 #include "array_support.h"
 #include "stored_image.h"
 
-// What the next calls of write do: a count is written at most that far, -1 fails with EINTR.
+// Script of the next writes: a positive number is the maximum of bytes written, -1 fails with EINTR.
 static std::vector<int> script;
 static size_t script_at;
 static int write_calls;
@@ -40,7 +40,7 @@ class Snapshot : public testing::Test {
     script.clear();
     script_at = 0;
   }
-  // The stream of an array; result and total_write_sz stay in the members.
+  // Returns the stream of an array. The members keep the result and total_write_sz.
   std::string dump(DynArrHandle_t *array) {
     const memory_file_t file;
     total_ = 1000;
@@ -52,7 +52,7 @@ class Snapshot : public testing::Test {
   int result_;
 };
 
-// The flat image by hand: headers, then slot after slot as lookups find them.
+// Builds the flat image: headers, then each slot as a lookup finds it.
 static std::string image_of(DynArrHandle_t *array) {
   int shift = 0;
   const uint32_t slot_bytes = tslb_da_get_slotsz(array, &shift);
@@ -71,13 +71,13 @@ static array_t filled(int record_size, int n_direct, uint8_t daflag, int n_used)
   return array;
 }
 
-TEST_F(Snapshot, IsTheFlatImageOfWhatIsInUse) {
+TEST_F(Snapshot, IsTheFlatImageUpToTheLastSlot) {
   static const struct {
     const char *fault;
     int n_direct, n_used;
   } rows[] = {
       {"empty array writes its direct area", 4, 0},
-      {"direct area beyond n_used written", 4, 3},
+      {"direct area written above n_used", 4, 3},
       {"last block written whole", 4, 5},
       {"full last block cut", 4, 20},
       {"level 1 left early", 4, 4 + 256},
@@ -96,10 +96,10 @@ TEST_F(Snapshot, IsTheFlatImageOfWhatIsInUse) {
   }
 }
 
-TEST_F(Snapshot, IdsIssuedDuringTheWalkAreNotReached) {
+TEST_F(Snapshot, IdsIssuedDuringTheWalkAreNotWritten) {
   const array_t array = filled(13, 4, 0, 4 + 32);
   const std::string image = image_of(array.get());
-  // A block and a half more, ahead of the last write.
+  // One and a half more blocks before the last write.
   before_write = [&](int call) {
     for (int i = 0; call == 3 && i < 24; ++i) get_dyn_arr_new_record_id(array.get());
   };
@@ -110,19 +110,19 @@ TEST_F(Snapshot, IdsIssuedDuringTheWalkAreNotReached) {
   EXPECT_EQ(tslb_da_get_size(array.get()), 60u);
 }
 
-TEST_F(Snapshot, TablesAreLeftAloneWhereBlock0IsAll) {
+TEST_F(Snapshot, TablesAreNotReadIfBlock0IsEverything) {
   const array_t array = filled(13, 4, 0, 4);
   array->ir_base = reinterpret_cast<PtrTbl_t *>(8);
   EXPECT_EQ(dump(array.get()).size(), 24u + 52);
   EXPECT_EQ(result_, 0);
   array->ir_base = nullptr;
-  // And an array that has none ends there, whatever it counts.
+  // An array without tables ends there, whatever its count.
   pretend_issued(array.get(), 9);
   EXPECT_EQ(dump(array.get()).size(), 24u + 52);
   EXPECT_EQ(result_, 0);
 }
 
-TEST_F(Snapshot, OneWriteTellsWhetherAllWasDumped) {
+TEST_F(Snapshot, OneWriteReportsWhetherEverythingWasWritten) {
   const array_t array = filled(10, 8, 0, 8);
   const memory_file_t file;
   int dumped = 0;
@@ -133,12 +133,12 @@ TEST_F(Snapshot, OneWriteTellsWhetherAllWasDumped) {
   EXPECT_EQ(step(3, file.fd()), 0);
   EXPECT_EQ(dumped, 3);
   stderr_of([&] { EXPECT_EQ(step(3, -1), -1); });
-  EXPECT_EQ(dumped, 3) << "what failed was counted";
+  EXPECT_EQ(dumped, 3) << "a failed write was counted";
   EXPECT_EQ(step(5, file.fd()), 1);
   EXPECT_EQ(dumped, 8);
 }
 
-TEST_F(Snapshot, InterruptedAndShortWritesGoOn) {
+TEST_F(Snapshot, InterruptedAndShortWritesContinue) {
   const array_t array = filled(13, 10, 2, 40);
   script = {-1, 5, -1, -1, 0, 1, 7, -1, 100, 3, 2, -1};
   std::string stream;
@@ -148,7 +148,7 @@ TEST_F(Snapshot, InterruptedAndShortWritesGoOn) {
   EXPECT_EQ(stream, image_of(array.get()));
 }
 
-TEST_F(Snapshot, FailedWriteIsReportedAndMinusOne) {
+TEST_F(Snapshot, FailedWriteIsReportedAndReturnsMinusOne) {
   const array_t array = filled(100, 2, 0, 40);
   signal(SIGXFSZ, SIG_IGN);
   std::string stream;
@@ -157,8 +157,8 @@ TEST_F(Snapshot, FailedWriteIsReportedAndMinusOne) {
     stream = dump(array.get());
   });
   EXPECT_EQ(result_, -1);
-  EXPECT_EQ(stream, image_of(array.get()).substr(0, 2000)) << "what was written before stays";
-  EXPECT_EQ(total_, 224u + 1600 + 1600) << "the failed block counts in full";
+  EXPECT_EQ(stream, image_of(array.get()).substr(0, 2000)) << "the bytes before the failure differ";
+  EXPECT_EQ(total_, 224u + 1600 + 1600) << "the failed block was not counted in full";
   char want[512];
   snprintf(
       want, sizeof(want),
@@ -170,7 +170,7 @@ TEST_F(Snapshot, FailedWriteIsReportedAndMinusOne) {
   EXPECT_NE(stderr_of([&] { EXPECT_EQ(tslb_create_dump_for_dynarr(array.get(), -1, 0, &total_), -1); }), "");
 }
 
-TEST_F(Snapshot, HoleIsSteppedOverAndTold) {
+TEST_F(Snapshot, MissingBlockIsSkippedAndReported) {
   const array_t array(get_default_dyn_array(8, 0, MPOOL_TYPE_DRAM));
   pretend_issued(array.get(), 40);
   write_at(get_dyn_arr_record_position(array.get(), 39), 0, uint64_t{39});  // blocks 1 and 2 are missing
@@ -208,7 +208,7 @@ TEST_F(Snapshot, ShortLastSlotAndItsConditions) {
       lib_config.tslb_enable_file_trimming_flag = static_cast<uint8_t>(row.trimming);
       const std::string whole = image_of(pool.get()), stream = dump(pool.get());
       EXPECT_EQ(result_, 0);
-      EXPECT_EQ(total_, whole.size()) << "a cut slot counts in full";
+      EXPECT_EQ(total_, whole.size()) << "a cut slot was not counted in full";
       const size_t slot_bytes = tslb_da_get_slotsz(pool.get(), nullptr);
       const size_t cut_size = whole.size() - slot_bytes + (daflag != 0 ? 8 : 0) + 8 + 300;
       EXPECT_EQ(stream, row.cut ? whole.substr(0, cut_size) : whole);
@@ -224,7 +224,7 @@ TEST_F(Snapshot, ShortSlotInADataBlockAndNoneInAnEmptyPool) {
   maddr_t address;
   for (int i = 0; i < 20; ++i) tslb_dynmem_get_mchunk(pool.get(), &address, 700, srcaddr_t{});
   EXPECT_EQ(dump(pool.get()), image_of(pool.get()).substr(0, 80 + 19 * 1008 + 708));
-  // A slot array under a pool's table id has no cursor to go by, whatever its headers would read as.
+  // A slot array with a pool's table id has no cursor, whatever its headers contain.
   const array_t slots(tslb_da_init_v5(100, 4, MPOOL_TYPE_DRAM, "x", BBP_TBLID));
   for (int i = 0; i < 5; ++i) tslb_da_get_newidx(slots.get());
   EXPECT_EQ(dump(slots.get()).size(), 24u + 500);
@@ -255,7 +255,7 @@ static std::vector<visit_t> visits_of(const array_t &array, size_t stop_after = 
   return visits.seen;
 }
 
-TEST(Iteration, BlocksInOrderWithTheirShares) {
+TEST(Iteration, BlocksInOrderWithTheirSlots) {
   const array_t array = filled(100, 4, TSLB_DA_DAFLAG_INLL, 4 + 256 + 5);
   const auto seen = visits_of(array);
   ASSERT_EQ(seen.size(), 1u + 16 + 1);
@@ -267,7 +267,7 @@ TEST(Iteration, BlocksInOrderWithTheirShares) {
     EXPECT_EQ(seen[i], want);
   }
   for (const size_t stop_after : {size_t{1}, size_t{2}, size_t{17}})
-    EXPECT_EQ(visits_of(array, stop_after).size(), stop_after) << "a callback's result ends the walk";
+    EXPECT_EQ(visits_of(array, stop_after).size(), stop_after) << "the callback's result did not end the walk";
 
   // One block of each level.
   const array_t deep(get_default_dyn_array(8, 4, MPOOL_TYPE_DRAM));
@@ -276,7 +276,7 @@ TEST(Iteration, BlocksInOrderWithTheirShares) {
   for (const uint32_t first : {0, 256, 4352, 69888, 1118464, 17895680})
     want.push_back({static_cast<int>(want.size()), get_dyn_arr_record_position(deep.get(), 4 + first)});
   for (const visit_t &visit : visits_of(deep)) got.push_back({visit.level, visit.block});
-  EXPECT_EQ(got, want) << "a level is left out";
+  EXPECT_EQ(got, want) << "a level was not visited";
 
   const array_t empty = filled(100, 4, 0, 0);
   EXPECT_EQ(visits_of(empty), (std::vector<visit_t>{{empty->arr_base, 0, 24, 24, 0, 100, 0}}));

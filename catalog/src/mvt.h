@@ -1,5 +1,5 @@
-/* Record types of the catalogue and of the library: rows of the version maps. Two numberings, told apart by whoever
- * passes one. */
+/* Record types of the catalogue and of the library: row numbers of the version maps. There are two numberings; the
+ * caller states which one a number belongs to. */
 #ifndef MVT_H
 #define MVT_H
 

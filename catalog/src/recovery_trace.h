@@ -1,5 +1,5 @@
-// The one way from the recovery routines to the host's trace log. A macro, since nothing may be evaluated while tracing
-// is off: the test stands at the call site. Private.
+// Writes a line to the host's trace log. The recovery routines use only this macro. A macro, so that the arguments are
+// not evaluated while tracing is off. Private.
 #ifndef RECOVERY_TRACE_H
 #define RECOVERY_TRACE_H
 

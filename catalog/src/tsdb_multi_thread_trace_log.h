@@ -1,5 +1,5 @@
-/* The trace log, which is the host's. The library calls it from the recovery routines alone, under the module
- * tstl_module_recovery, and only behind the test that tracing is on. The host defines all four symbols. */
+/* The trace log, which the host implements. Only the library's recovery routines call it, with the module
+ * tstl_module_recovery, and only if tracing is on. The host defines all four symbols. */
 #ifndef TSDB_MULTI_THREAD_TRACE_LOG_H
 #define TSDB_MULTI_THREAD_TRACE_LOG_H
 
@@ -64,26 +64,26 @@ typedef enum tstl_modules {
   TSTL_NUM_MODULES
 } tstl_modules;
 
-typedef struct MTTraceLogKey MTTraceLogKey; /* the host's; opaque here */
+typedef struct MTTraceLogKey MTTraceLogKey; /* defined by the host; opaque here */
 
-/* NULL: tracing is off, and nothing else of this header is read. */
+/* NULL: tracing is off, and the library reads nothing else of this header. */
 extern TSLB_API MTTraceLogKey *trace_log_key;
 
-/* Row: module. Column: level - 1. Non-zero: that level is on for that module. */
+/* Row: module. Column: level - 1. Non-zero: this level is on for this module. */
 extern TSLB_API uint8_t g_tstl_module_debug_arr[TSTL_NUM_MODULES][4];
 
-/* Passed on to the trace log as they are. */
+/* Passed to the trace log unchanged. */
 extern TSLB_API const char *g_tstl_module_names[TSTL_NUM_MODULES];
 
-/* Writes one trace line; its result is not looked at.
+/* Writes one trace line. The library ignores the result.
  *
  * log_key       trace_log_key.
  * module_name   an entry of g_tstl_module_names.
  * level         1 or 2.
  * request_id    always -1.
  * component, severity, file_name, line, function
- *               where the line comes from.
- * format, ...   the text, as printf takes it.
+ *               the source of the line.
+ * format, ...   the text, as for printf.
  * Threads       any number at once. Does not throw: the library has no exceptions. */
 TSLB_API int tslb_mt_trace_log(void *log_key, const char *module_name, int32_t level, int64_t request_id,
                                const char *component, const char *severity, const char *file_name, int32_t line,

@@ -1,6 +1,6 @@
-/* Stored layouts of the catalogue's versioned records, which are the host's: the library knows them only to take them
- * down a version. Every offset and size is format, the gaps included, which are named after the offset they stand at
- * and have no meaning. Records lie in slots at any address: copy them, or parts of them, in and out. */
+/* Stored layouts of the catalogue's versioned records. The records belong to the host; the library uses the layouts
+ * only to convert records to an older version. Every offset and size is part of the format, gaps included. A gap is
+ * named after its offset and has no meaning. Records lie in slots at any address: copy them, or parts of them. */
 #ifndef TSDB_RECOVERY_SCHEMA_H
 #define TSDB_RECOVERY_SCHEMA_H
 
@@ -12,8 +12,8 @@
 TSLB_BEGIN_DECLS
 
 typedef unsigned int bv_t;
-typedef struct subject_value_t subject_value_t;         /* the host's */
-typedef struct derived_metric_fn_t derived_metric_fn_t; /* the host's */
+typedef struct subject_value_t subject_value_t;         /* defined by the host */
+typedef struct derived_metric_fn_t derived_metric_fn_t; /* defined by the host */
 
 /* One entry of rsb_arr. */
 typedef struct rsb_t_v0 {
@@ -316,7 +316,7 @@ TSLB_STORED_AT(measure_t, mg_name, 141);
 TSLB_STORED_AT(measure_t, mt_name, 269);
 TSLB_STORED_AT(measure_t, gap397, 397);
 
-/* Members of derived metrics. Pointers are stored as raw bytes and mean nothing after the process that wrote them. */
+/* Members of derived metrics. Pointers are stored as raw bytes and are meaningless in other processes. */
 typedef struct derived_var_value_t_v0 {
   char *var_exp;
   uint32_t i_var_exp;
@@ -384,7 +384,8 @@ TSLB_STORED_AT(reco_agg_type_t, type, 0);
 TSLB_STORED_AT(reco_agg_type_t, by, 1);
 TSLB_STORED_AT(reco_agg_type_t, level, 2);
 
-/* Derived metrics. The field that version 1 adds stands where version 0 ends in padding, so both have one size. */
+/* Derived metrics. The field that version 1 adds is at the offset where version 0 ends in padding, so both versions
+ * have one size. */
 typedef struct derived_metric_t_v0 {
   u_int32_t i_name;
   u_int32_t i_description;
@@ -469,7 +470,7 @@ TSLB_STORED_AT(derived_metric_t_v1, reserved, 104);
 TSLB_STORED_AT(derived_metric_t_v1, gap105, 105);
 TSLB_STORED_AT(derived_metric_t_v1, tag_attr_for_group_by_bb_offset, 108);
 
-/* Subjects of derived metrics. Strings are terminated; the regex is raw bytes, as pointers are. */
+/* Subjects of derived metrics. Strings are terminated. The regex is stored as raw bytes, like pointers. */
 typedef struct subject_value_t_v0 {
   uint8_t tag_len;
   char tag[64];

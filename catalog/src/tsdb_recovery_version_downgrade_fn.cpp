@@ -1,4 +1,5 @@
-// Conversions of stored arrays to older layouts. The seven record routines are one frame over a copy step each.
+// Conversions of stored arrays to older layouts. The seven record routines share one loop and differ in their copy
+// step.
 #include "tsdb_recovery_version_downgrade_fn.h"
 
 #include <stddef.h>
@@ -12,9 +13,9 @@
 
 constexpr const char *COMPONENT = "TSDBRecovery";
 
-// ---- Frame ---------------------------------------------------------------------------------------------------------
+// ---- Record loop ---------------------------------------------------------------------------------------------------
 
-// Converts record after record: copy(to, from) fills a new record of the destination. Records lie at any address.
+// Converts all records: copy(to, from) fills one new record of the destination. Records lie at any address.
 template <class Copy>
 static void convert(const char *function, void *cbargs, uint8_t target_version, Copy copy) {
   const TSDBVerCBArgs_t args = *static_cast<const TSDBVerCBArgs_t *>(cbargs);
@@ -58,7 +59,7 @@ void tsdb_recov_downgrade_g_mt_1_0(void *cbargs) {
 void tsdb_recov_downgrade_derived_var_value_t_1_0(void *cbargs) {
   convert_by_prefix<derived_var_value_t_v0>(__func__, cbargs, 0);
 }
-// All bytes: the field that goes stays, in what is padding to the older reader.
+// Copies all bytes: the dropped field stays where older readers see padding.
 void tsdb_recov_downgrade_derived_metric_t_1_0(void *cbargs) {
   convert_by_prefix<derived_metric_t_v0>(__func__, cbargs, 0);
 }
@@ -69,7 +70,7 @@ void tsdb_recov_downgrade_rc_tysub_1_0(void *cbargs) {
   convert(__func__, cbargs, 0, [](char *to, const char *from) {
     typedef ty_sub_t_v1 newer_t;
     typedef ty_sub_t_v0 older_t;
-    // From gap to gap: up to the entries both layouts agree. The gaps stay what the new slot has there.
+    // Copies the parts between the gaps. Both layouts agree up to the entries. The gaps keep the bytes of the new slot.
     memcpy(to, from, offsetof(older_t, gap10));
     memcpy(to + offsetof(older_t, nodes_group), from + offsetof(newer_t, nodes_group),
            offsetof(older_t, gap17) - offsetof(older_t, nodes_group));
@@ -82,8 +83,8 @@ void tsdb_recov_downgrade_rc_tysub_1_0(void *cbargs) {
   });
 }
 
-// Copies a string into a field that is not longer than the one it stands in, terminated; what does not fit is cut, as
-// is what has no terminator. Result: its length.
+// Copies a string to a field that is not longer than its source field, and terminates it. A string that does not fit or
+// has no terminator is cut. Returns its length.
 template <size_t OLDER, size_t NEWER>
 static uint8_t copy_text(char (&older)[OLDER], const char (&newer)[NEWER]) {
   static_assert(OLDER <= NEWER && OLDER - 1 <= UINT8_MAX, "the length has one byte");
@@ -118,7 +119,7 @@ void tsdb_recov_downgrade_rc_lib_2_1(void *cbargs) {
   DynHdr_t *const dyn_hdr_cv = static_cast<DynHdr_t *>(tslb_da_get_dynhdr(args.h_mpool_cur));
   dyn_hdr_cv->lib_version = 1;
   dyn_hdr_cv->rec_version = dyn_hdr_pv->rec_version;
-  // The handle's byte alone: what the array's block stores of its flags stays.
+  // Only the handle's flags change. The flags stored in the array's block stay.
   static_cast<DynArrHandle_t *>(args.h_mpool_cur)->daflag = 0;
   if (dyn_hdr_pv->hdr_size == 0) return;
   if (dyn_hdr_pv->hdr_size == dyn_hdr_cv->hdr_size) {

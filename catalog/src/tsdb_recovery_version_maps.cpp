@@ -1,4 +1,4 @@
-// The version maps, and the lookup over them.
+// The version maps and their lookup.
 #include "recovery_trace.h"
 #include "tsdb_recovery_version_compatibility.h"
 #include "tsdb_recovery_version_downgrade_fn.h"
@@ -12,63 +12,63 @@ constexpr uint8_t PLAIN = 0;
 constexpr uint8_t LL = TSLB_DA_DAFLAG_LL;
 constexpr uint8_t INLL = TSLB_DA_DAFLAG_INLL;
 
-// The routines to target versions 0 and 1; nothing leads to 2 and 3.
-struct ways_t {
+// Routines to target versions 0 and 1. There are none to 2 and 3.
+struct routines_t {
   void (*to_0)(void *);
   void (*to_1)(void *);
 };
-constexpr ways_t NO_WAY = {nullptr, nullptr};
+constexpr routines_t NO_ROUTINES = {nullptr, nullptr};
 
-static constexpr TSDBVerMap_t row(uint8_t rec_type, uint8_t version, uint8_t daflag, ways_t ways) {
+static constexpr TSDBVerMap_t row(uint8_t rec_type, uint8_t version, uint8_t daflag, routines_t routines) {
   return {rec_type,
           version,
           daflag,
-          {{0, nullptr, ways.to_0}, {0, nullptr, ways.to_1}, {0, nullptr, nullptr}, {0, nullptr, nullptr}}};
+          {{0, nullptr, routines.to_0}, {0, nullptr, routines.to_1}, {0, nullptr, nullptr}, {0, nullptr, nullptr}}};
 }
 
 const TSDBVerMap_t g_old_vermap[__TSDB_RECORD_TYPES_LAST__] = {
-    row(RECTYPE_SUBJECT, 0, INLL, NO_WAY),
+    row(RECTYPE_SUBJECT, 0, INLL, NO_ROUTINES),
     row(RECTYPE_TYPE, 1, INLL, {tsdb_recov_downgrade_rc_tysub_1_0, nullptr}),
     row(RECTYPE_G_MG, 2, PLAIN, {tsdb_recov_downgrade_g_mg_2_0, tsdb_recov_downgrade_g_mg_2_1}),
     row(RECTYPE_G_MT, 1, PLAIN, {tsdb_recov_downgrade_g_mt_1_0, nullptr}),
-    row(RECTYPE_L_MG, 0, PLAIN, NO_WAY),
-    row(RECTYPE_L_MT, 0, PLAIN, NO_WAY),
-    row(RECTYPE_MSG, 0, PLAIN, NO_WAY),
-    row(RECTYPE_TS_DATA_TYPE, 0, PLAIN, NO_WAY),
-    row(RECTYPE_UMG, 0, PLAIN, NO_WAY),
-    row(RECTYPE_OSP, 0, PLAIN, NO_WAY),
+    row(RECTYPE_L_MG, 0, PLAIN, NO_ROUTINES),
+    row(RECTYPE_L_MT, 0, PLAIN, NO_ROUTINES),
+    row(RECTYPE_MSG, 0, PLAIN, NO_ROUTINES),
+    row(RECTYPE_TS_DATA_TYPE, 0, PLAIN, NO_ROUTINES),
+    row(RECTYPE_UMG, 0, PLAIN, NO_ROUTINES),
+    row(RECTYPE_OSP, 0, PLAIN, NO_ROUTINES),
     row(RECTYPE_LOCAL_ROOT_SUBJECT, 1, INLL, {tsdb_recov_downgrade_rc_tysub_1_0, nullptr}),
-    row(RECTYPE_OD, 0, PLAIN, NO_WAY),
-    row(RECTYPE_TT, 0, PLAIN, NO_WAY),
-    row(RECTYPE_OD_IDX, 0, PLAIN, NO_WAY),
+    row(RECTYPE_OD, 0, PLAIN, NO_ROUTINES),
+    row(RECTYPE_TT, 0, PLAIN, NO_ROUTINES),
+    row(RECTYPE_OD_IDX, 0, PLAIN, NO_ROUTINES),
     row(RECTYPE_G_DMT_INFO, 1, PLAIN, {tsdb_recov_downgrade_derived_metric_t_1_0, nullptr}),
-    row(RECTYPE_G_VMT, 0, PLAIN, NO_WAY),
+    row(RECTYPE_G_VMT, 0, PLAIN, NO_ROUTINES),
     row(RECTYPE_G_DMG, 2, PLAIN, {tsdb_recov_downgrade_g_mg_2_0, tsdb_recov_downgrade_g_mg_2_1}),
-    row(RECTYPE_G_CACHEQ, 0, PLAIN, NO_WAY),
-    row(RECTYPE_G_RULET, 0, PLAIN, NO_WAY),
+    row(RECTYPE_G_CACHEQ, 0, PLAIN, NO_ROUTINES),
+    row(RECTYPE_G_RULET, 0, PLAIN, NO_ROUTINES),
     row(RECTYPE_DMT_MEMBER, 1, PLAIN, {tsdb_recov_downgrade_derived_var_value_t_1_0, nullptr}),
     row(RECTYPE_DMT_SUBJECT, 1, PLAIN, {tsdb_recov_downgrade_derived_subject_value_t_1_0, nullptr}),
-    row(RECTYPE_TT_RSB, 0, PLAIN, NO_WAY),
-    row(RECTYPE_TAG, 0, PLAIN, NO_WAY),
-    row(RECTYPE_TAG_NAME, 0, PLAIN, NO_WAY),
-    row(RECTYPE_TAG_VALUE, 0, PLAIN, NO_WAY),
-    row(RECTYPE_UTVT_IDX, 0, PLAIN, NO_WAY),
-    row(RECTYPE_AG, 0, PLAIN, NO_WAY),
-    row(RECTYPE_ATTR, 0, PLAIN, NO_WAY),
-    row(RECTYPE_ATTR_NAME, 0, PLAIN, NO_WAY),
-    row(RECTYPE_ATTR_UTVT_IDX, 0, PLAIN, NO_WAY),
-    row(RECTYPE_ATTR_VALUE, 0, PLAIN, NO_WAY),
-    row(RECTYPE_MG_TAG, 0, PLAIN, NO_WAY),
-    row(RECTYPE_MG_TAG_MAPPING, 0, PLAIN, NO_WAY),
+    row(RECTYPE_TT_RSB, 0, PLAIN, NO_ROUTINES),
+    row(RECTYPE_TAG, 0, PLAIN, NO_ROUTINES),
+    row(RECTYPE_TAG_NAME, 0, PLAIN, NO_ROUTINES),
+    row(RECTYPE_TAG_VALUE, 0, PLAIN, NO_ROUTINES),
+    row(RECTYPE_UTVT_IDX, 0, PLAIN, NO_ROUTINES),
+    row(RECTYPE_AG, 0, PLAIN, NO_ROUTINES),
+    row(RECTYPE_ATTR, 0, PLAIN, NO_ROUTINES),
+    row(RECTYPE_ATTR_NAME, 0, PLAIN, NO_ROUTINES),
+    row(RECTYPE_ATTR_UTVT_IDX, 0, PLAIN, NO_ROUTINES),
+    row(RECTYPE_ATTR_VALUE, 0, PLAIN, NO_ROUTINES),
+    row(RECTYPE_MG_TAG, 0, PLAIN, NO_ROUTINES),
+    row(RECTYPE_MG_TAG_MAPPING, 0, PLAIN, NO_ROUTINES),
 };
 
-// The last two rows are all zero, their record type included.
+// In the last two rows everything is zero, also the record type.
 const TSDBVerMap_t g_old_lib_vermap[__TSDB_LIB__RECORD_TYPESLAST__] = {
     row(RECTYPE_LIB, 2, PLAIN, {nullptr, tsdb_recov_downgrade_rc_lib_2_1}),
     row(RECTYPE_LIB_BB, 1, LL, {tsdb_recov_downgrade_rc_lib_bb_1_0, nullptr}),
     row(RECTYPE_LIB_BV, 1, LL, {tsdb_recov_downgrade_rc_lib_bv_1_0, nullptr}),
-    row(0, 0, PLAIN, NO_WAY),
-    row(0, 0, PLAIN, NO_WAY),
+    row(0, 0, PLAIN, NO_ROUTINES),
+    row(0, 0, PLAIN, NO_ROUTINES),
 };
 
 // ---- Lookup --------------------------------------------------------------------------------------------------------

@@ -1,5 +1,5 @@
-/* A host on an installed library: an array goes through a snapshot stream and comes back. It asks the stand-in's
- * archive for a loader, and the library has its atomics from there. */
+/* A host on an installed library: writes an array to a snapshot stream and loads it. It uses a loader from the
+ * stand-in's archive, so the library gets its atomic hooks from there too. */
 #define _POSIX_C_SOURCE 200809L /* fileno */
 #include <stdio.h>
 #include <string.h>

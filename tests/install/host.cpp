@@ -1,5 +1,5 @@
-// A host on an installed library: a chunk in a pool. It names nothing of the stand-in, so its archive is only on the
-// linker's line for what the library leaves undefined.
+// A host on an installed library: a chunk in a pool. It uses no symbol of the stand-in. The archive is on the linker's
+// line only for the undefined symbols of the library.
 #include <tslb/tslb.h>
 
 #include <cstdio>

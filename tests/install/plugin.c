@@ -1,10 +1,10 @@
-/* A plugin on an installed library, which brings the stand-in with it: a shared object whose program knows neither. */
+/* A plugin on an installed library: a shared object that contains the stand-in. Its program uses neither. */
 #define _POSIX_C_SOURCE 200809L /* fileno */
 #include <stdio.h>
 #include <tslb/array_loader.h>
 #include <tslb/tslb.h>
 
-/* Takes an array through a snapshot stream. Returns how many of its records come back, -1 if it does not. */
+/* Writes an array to a snapshot stream and loads it. Returns the number of loaded records, or -1. */
 __attribute__((visibility("default"))) int plugin_records(void) {
   dynarr_t *array = tslb_da_init_ll(16, 4, MPOOL_TYPE_DRAM, "readings", 1, TSLB_DA_DAFLAG_INLL);
   tslb_da_get_range(array, 100);

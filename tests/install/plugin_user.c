@@ -1,4 +1,4 @@
-/* Opens the plugin whose path it is given. */
+/* Opens the plugin at the given path. */
 #include <dlfcn.h>
 #include <stdio.h>
 #include <string.h>

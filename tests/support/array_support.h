@@ -1,4 +1,4 @@
-// What tests of arrays share: an owner for handles, captured output, and small readers of stored bytes.
+// Helpers for tests of arrays: an owner of handles, captured output, and readers of stored bytes.
 #ifndef TSLB_TESTS_ARRAY_SUPPORT_H
 #define TSLB_TESTS_ARRAY_SUPPORT_H
 
@@ -17,7 +17,7 @@ struct array_release_t {
 };
 using array_t = std::unique_ptr<DynArrHandle_t, array_release_t>;
 
-// What `work` writes to the standard error stream.
+// Returns the text that `work` writes to the standard error stream.
 template <class Work>
 std::string stderr_of(Work work) {
   testing::internal::CaptureStderr();
@@ -34,7 +34,7 @@ std::string stdout_of(Work work) {
   return testing::internal::GetCapturedStdout();
 }
 
-// That a report is `file`, a line's number and `text`, with colons between them.
+// Expects a report of the form `file`, line number and `text`, separated by colons.
 inline void expect_report(const std::string &report, const std::string &file, const std::string &text) {
   ASSERT_EQ(report.rfind(file + ':', 0), 0u) << report;
   const size_t number = file.size() + 1, end = report.find_first_not_of("0123456789", number);
@@ -58,7 +58,7 @@ void write_at(void *base, size_t offset, T value) {
   memcpy(static_cast<char *>(base) + offset, &value, sizeof(value));
 }
 
-// Claims that `count` ids were issued, without making memory for them: the next lookups make just their own
+// Sets the number of issued ids to `count` without allocating their memory. The next lookups create only their own
 // paths.
 inline void pretend_issued(DynArrHandle_t *array, uint32_t count) {
   get_dyn_hdr(array)->n_used = count;

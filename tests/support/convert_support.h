@@ -1,4 +1,4 @@
-// What tests of conversions share: the routes of the catalogue as the format has them, and arrays to store.
+// Helpers for tests of conversions: the conversions of the catalogue as the format defines them, and arrays to store.
 #ifndef CONVERT_SUPPORT_H
 #define CONVERT_SUPPORT_H
 
@@ -14,12 +14,12 @@ inline std::string first_bytes(const std::string &newer) {
 
 inline std::string older_ty_sub(const std::string &newer) {
   std::string older(80, '\0');
-  const auto carry = [&](size_t from, size_t to, size_t bytes) { older.replace(to, bytes, newer, from, bytes); };
-  carry(0, 0, 10);
-  carry(12, 12, 5);
-  carry(20, 20, 9);
-  for (size_t i = 0; i < 5; ++i) carry(32 + 12 * i, 32 + 8 * i, 8);
-  carry(92, 72, 8);
+  const auto copy = [&](size_t from, size_t to, size_t bytes) { older.replace(to, bytes, newer, from, bytes); };
+  copy(0, 0, 10);
+  copy(12, 12, 5);
+  copy(20, 20, 9);
+  for (size_t i = 0; i < 5; ++i) copy(32 + 12 * i, 32 + 8 * i, 8);
+  copy(92, 72, 8);
   return older;
 }
 
@@ -40,7 +40,7 @@ struct route_t {
   const char *name;
   uint16_t rec_type;
   uint8_t from, to;
-  uint8_t daflag;  // where the array has nodes; 0: it must have none
+  uint8_t daflag;  // flags of the array; 0: it must have no nodes
   uint32_t newer_bytes, older_bytes;
   older_t older;
 };
@@ -57,15 +57,15 @@ inline const route_t kRoutes[] = {
     {"dmt_subject", 20, 1, 0, 0, 4232, 392, older_subject_value},
 };
 
-struct stored_t {
+struct stored_array_t {
   std::string stream;
   std::vector<std::string> records;
   uint32_t n_free = 0, n_inactive = 0, n_other = 0;
 };
 
-// With nodes, slots of every status: the last one has an id that nobody took, and its node is zero.
-inline stored_t store(uint32_t record_bytes, uint8_t daflag, uint8_t rec_version, uint32_t n_records,
-                      int hdr_size = 0) {
+// With nodes, the array has slots of every status. The last id was issued without an allocation, and its node is zero.
+inline stored_array_t store(uint32_t record_bytes, uint8_t daflag, uint8_t rec_version, uint32_t n_records,
+                            int hdr_size = 0) {
   const uint32_t n_other = daflag != 0 && n_records != 0 ? 1 : 0;
   const array_t array =
       slot_array(hdr_size, static_cast<int>(record_bytes), 3, daflag, static_cast<int>(n_records - n_other));
@@ -75,7 +75,7 @@ inline stored_t store(uint32_t record_bytes, uint8_t daflag, uint8_t rec_version
     get_dyn_arr_new_record_id_ex(array.get(), &record, daflag);
     stamp(array.get(), record, 77);
   }
-  stored_t stored;
+  stored_array_t stored;
   stored.n_other = n_other;
   for (uint32_t i = 0; i < n_records; ++i) {
     record = tslb_da_get_ptr(array.get(), i);
@@ -94,8 +94,8 @@ inline std::string words(std::initializer_list<uint32_t> values) {
   return bytes;
 }
 
-// The older stream, from the format alone: no call of the library.
-inline std::string expected_stream(const route_t &route, const stored_t &stored, uint8_t daflag) {
+// Builds the older stream from the format, without calls of the library.
+inline std::string expected_stream(const route_t &route, const stored_array_t &stored, uint8_t daflag) {
   constexpr uint32_t NIL = 0xFFFFFFFF;
   const uint32_t n = static_cast<uint32_t>(stored.records.size());
   std::string stream = {2, static_cast<char>(route.to), 0, 0, 0, 0, static_cast<char>(daflag != 0 ? 60 : 0), 0};

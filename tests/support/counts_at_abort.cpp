@@ -1,8 +1,8 @@
-// Part of the library where it counts what the tests reach: a process that stops itself leaves its counts as well.
+// Linked into the library in coverage builds: a process that aborts still writes its counts.
 #include <signal.h>
 
 extern "C" {
-#include <gcov.h>  // which is for C alone
+#include <gcov.h>  // the header has no C++ linkage
 }
 
 static void write_counts(int) {

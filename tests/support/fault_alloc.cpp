@@ -45,7 +45,7 @@ static Function next(const char *name) {
   return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
 }
 
-// The next definition in line is the C library's, or the sanitizer's, which then sees every block.
+// Calls the next definition: that of the C library, or of the sanitizer, which then sees every block.
 extern "C" __attribute__((visibility("default"))) void *calloc(size_t n, size_t size) {
   static const auto real = next<void *(*)(size_t, size_t)>("calloc");
   return strikes() ? nullptr : real(n, size);

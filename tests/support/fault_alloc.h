@@ -1,5 +1,4 @@
-// Lets the n-th allocation fail. Interposes calloc, malloc and free of the whole program, and acts on the
-// calling thread alone.
+// Makes the n-th allocation of the calling thread fail. Interposes calloc, malloc and free of the whole program.
 #ifndef TSLB_TESTS_FAULT_ALLOC_H
 #define TSLB_TESTS_FAULT_ALLOC_H
 
@@ -8,14 +7,14 @@ struct fault_t {
   ~fault_t();
   fault_t(const fault_t &) = delete;
   bool struck() const;
-  static bool works();  // not under ThreadSanitizer, whose own start needs the allocator that it would stand before
+  static bool works();  // not under ThreadSanitizer, which allocates before it can be interposed
 };
 
-// Allocations of the calling thread since its start.
+// Returns the number of allocations of the calling thread since its start.
 unsigned long allocations_so_far();
 
-// Called with each block that the calling thread is about to free, while it is set. Not under a sanitizer, which needs
-// its own free before symbols can be looked up.
+// If set, called with each block that the calling thread frees. Not under a sanitizer, which needs its own free before
+// symbols can be looked up.
 extern __thread void (*on_free)(void *block);
 
 #endif

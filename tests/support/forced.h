@@ -1,5 +1,5 @@
-// The host's atomics, defined by the program that includes this: what a rival does can be put just ahead of one of
-// them.
+// The host's atomics, defined by the program that includes this header. A test can run another thread's work directly
+// before one of them.
 #ifndef TSLB_TESTS_FORCED_H
 #define TSLB_TESTS_FORCED_H
 
@@ -11,8 +11,8 @@
 
 #include <tslb/tslb_atomics.h>
 
-// Work that comes between: once, when `word` is about to be changed. Armed while no other thread uses the library.
-struct between_t {
+// Work that runs once, when `word` is about to be changed. It is armed while no other thread uses the library.
+struct injection_t {
   const void *word = nullptr;
   std::function<void()> work;
 
@@ -27,9 +27,10 @@ struct between_t {
     std::exchange(work, {})();
   }
 };
-inline between_t before_addition, before_lock, before_swap;
+inline injection_t before_addition, before_lock, before_swap;
 inline thread_local unsigned n_lock_swaps;  // of this thread, releases included
-// Gives the processor away now and then: here a thread can be between a reservation and its counter.
+// If set, additions yield the processor from time to time. This widens the window between a reservation and its
+// counter.
 inline bool additions_yield = false;
 
 extern "C" int32_t cas16(uint16_t *word, uint16_t expected, uint16_t desired) {

@@ -1,4 +1,4 @@
-// Walks both lists of a whole slot array at rest and says what does not hold.
+// Walks both lists of a slot array that no other thread uses, and reports inconsistencies.
 #ifndef TSLB_TESTS_LIST_AUDIT_H
 #define TSLB_TESTS_LIST_AUDIT_H
 
@@ -14,13 +14,13 @@ inline uint32_t status_at(DynArrHandle_t *array, uint32_t idx) {
   return forward_node(tslb_da_get_ptr(array, idx)).status;
 }
 
-// Follows the forward links; a walk that leaves the array or does not end is cut and told.
+// Follows the forward links. A walk that leaves the array or does not end is cut and reported.
 inline indices_t walk_forward(DynArrHandle_t *array, uint32_t head) {
   indices_t members;
   for (uint32_t idx = head; idx != TSLB_DA_NIL_IDX;) {
     void *const slot = tslb_da_get_ptr(array, idx);
     if (slot == nullptr || members.size() > tslb_da_get_size(array)) {
-      ADD_FAILURE() << "a list " << (slot == nullptr ? "leaves the array at " : "runs in a ring by ") << idx;
+      ADD_FAILURE() << "a list " << (slot == nullptr ? "leaves the array at " : "has a cycle at ") << idx;
       break;
     }
     members.push_back(idx);
@@ -29,8 +29,8 @@ inline indices_t walk_forward(DynArrHandle_t *array, uint32_t head) {
   return members;
 }
 
-// Every member has its list's status, ends and counts are what the links say, back links mirror forward links, every
-// free or inactive slot is on its list, and no other slot keeps a link.
+// Checks that every member has its list's status, that ends and counts match the links, that back links mirror forward
+// links, that every free or inactive slot is on its list, and that no other slot has a link.
 inline lists_t audit_lists(DynArrHandle_t *array) {
   const DynArrLLI_t &lli = list_roots(array);
   const bool has_inactive = (array->daflag & TSLB_DA_DAFLAG_INLL) != 0;

@@ -1,4 +1,4 @@
-// What tests of the loaders share: arrays to store, loading them, and what a host does next.
+// Helpers for tests of the loaders: arrays to store, calls of the loaders, and the operations of a host afterwards.
 #ifndef LOADER_SUPPORT_H
 #define LOADER_SUPPORT_H
 
@@ -7,7 +7,7 @@
 #include <tslb/array_loader.h>
 #include "array_support.h"
 #include "list_audit.h"
-#include "own_time.h"  // nodes carry it: both arrays of a comparison get the same
+#include "own_time.h"  // both arrays of a comparison get the same times in their nodes
 #include "stored_image.h"
 
 constexpr array_load_options_t ANY = {
@@ -15,27 +15,27 @@ constexpr array_load_options_t ANY = {
 constexpr array_load_options_t POOL = {
     "ctx", 12, MPOOL_TYPE_DRAM, ARRAY_LOAD_POOL, 0, ARRAY_LOAD_ANY_VERSION, ARRAY_LOAD_ANY_SIZE};
 
-struct loaded_t {
+struct load_result_t {
   array_t array;
   std::string error;
 };
 
-// By `load(error, size)`.
+// Loads with `load(error, size)`.
 template <class Load>
-loaded_t loaded_by(Load load) {
+load_result_t loaded_by(Load load) {
   char error[512] = "untouched";
-  loaded_t loaded = {array_t(load(error, sizeof(error))), error};
-  EXPECT_EQ(loaded.array != nullptr, loaded.error.empty()) << "a line with each refusal, and only then";
+  load_result_t loaded = {array_t(load(error, sizeof(error))), error};
+  EXPECT_EQ(loaded.array != nullptr, loaded.error.empty()) << "an error text with each refusal, and only then";
   EXPECT_EQ(loaded.error.find('\n'), std::string::npos);
   return loaded;
 }
 
-inline loaded_t load(const std::string &stream, const array_load_options_t &options = ANY) {
+inline load_result_t load(const std::string &stream, const array_load_options_t &options = ANY) {
   const memory_file_t file(stream);
   return loaded_by([&](char *error, size_t size) { return array_load_stream(file.fd(), &options, error, size); });
 }
 
-inline void expect_refused(const loaded_t &loaded, const std::string &error) {
+inline void expect_refused(const load_result_t &loaded, const std::string &error) {
   EXPECT_EQ(loaded.array, nullptr);
   EXPECT_EQ(loaded.error, error);
 }
@@ -45,7 +45,7 @@ inline void stamp(DynArrHandle_t *array, void *record, int seed) {
     bytes_of(record)[i] = static_cast<char>(seed * 31 + static_cast<int>(i));
 }
 
-// With lists: every third slot freed, every fourth of the others parked.
+// With lists: every third slot is freed, and every fourth of the others is inactive.
 inline array_t slot_array(int usrhdr_sz, int record_sz, int n_direct, uint8_t daflag, int n_used,
                           char mem_type = MPOOL_TYPE_DRAM, const char *ctx_name = "ctx") {
   array_t array(get_default_dyn_array_ex_ex(usrhdr_sz, record_sz, n_direct, mem_type, 12, ctx_name, daflag, 0xC3));
@@ -88,7 +88,7 @@ inline array_t chunk_pool(const pool_kind_t &kind, int n_chunks, int tbl_id = BB
   return pool;
 }
 
-// What a host does next, with every result and time in the text that comes back.
+// Runs further operations of a host. Returns a text with every result and time.
 inline std::string go_on_with_slots(DynArrHandle_t *array) {
   std::string seen;
   for (int i = 0; i < 60; ++i) {
@@ -111,7 +111,7 @@ inline std::string go_on_with_slots(DynArrHandle_t *array) {
   return seen;
 }
 
-// Both are the same array now, and stay so under the same operations.
+// Expects that both arrays are equal, and that they stay equal after the same operations.
 inline void expect_same_from_now_on(DynArrHandle_t *original, DynArrHandle_t *loaded,
                                     const std::function<std::string(DynArrHandle_t *)> &go_on) {
   const time_t then = now;

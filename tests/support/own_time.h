@@ -1,4 +1,4 @@
-// The system's time is the test's own: it stands at `now`.
+// The test defines the system's time: it is `now`.
 #ifndef TSLB_TESTS_OWN_TIME_H
 #define TSLB_TESTS_OWN_TIME_H
 

@@ -1,4 +1,4 @@
-// What tests of chunk pools share: pools of every kind, their headers and slots, and chunks that come and go.
+// Helpers for tests of chunk pools: pools of every kind, their headers and slots, and chunks to take and delete.
 #ifndef TSLB_TESTS_POOL_SUPPORT_H
 #define TSLB_TESTS_POOL_SUPPORT_H
 
@@ -41,7 +41,7 @@ inline int chunk_header_of(const array_t &pool) {
   return (hdr_of(pool).flag & MPOOL_FLAG_COMPAT) != 0 ? 16 : 0;
 }
 
-// A chunk of `len` bytes, its header included where there is one, full of x.
+// Takes a chunk of `len` bytes, including its header if there is one, and fills it with x.
 inline maddr_t take(const array_t &pool, int len = 250) {
   const int hdr_bytes = chunk_header_of(pool);
   maddr_t address = {};
@@ -57,7 +57,7 @@ inline std::vector<maddr_t> take_several(const array_t &pool, int count, int len
   for (int i = 0; i < count; ++i) addresses.push_back(take(pool, len));
   return addresses;
 }
-// The same under a long address.
+// The same with a 64-bit address.
 inline maddr64_t take64(const array_t &pool, int len = 250) {
   maddr64_t address = {77, 77};
   EXPECT_NE(tslb_dynmem_get_mchunk64(pool.get(), &address, len - chunk_header_of(pool), srcaddr64_t{}), nullptr);

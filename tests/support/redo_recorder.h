@@ -1,4 +1,4 @@
-// A redo log that remembers. Who includes it shows that a program can define this pair of hooks and take all others
+// A redo log in memory. A program that includes this header defines the two redo hooks itself and takes all other hooks
 // from the stand-in.
 #ifndef TSLB_TESTS_REDO_RECORDER_H
 #define TSLB_TESTS_REDO_RECORDER_H
@@ -20,17 +20,17 @@ struct redo_record_t {
   uint64_t data_off;
   uint32_t aux_idx;
   const void *data_ptr;
-  std::string bytes;    // as they were when the hook was called
+  std::string bytes;    // at the time of the hook's call
   bool locked = false;  // the watched spin lock was held
-  uint32_t word = 0;    // what the watched word held
+  uint32_t word = 0;    // value of the watched word
 };
 
-// Records everything while it lives, with logging switched on.
+// Switches logging on for its lifetime and records everything.
 class redo_recorder_t {
  public:
   explicit redo_recorder_t(const uint16_t *watched_lock = nullptr) : lock_(watched_lock) {
     current = this;
-    // The library only tests the pointer; nothing of the structure behind it is read.
+    // The library only tests the pointer and reads nothing through it.
     g_redo_handle = reinterpret_cast<RedoHandler_t *>(this);
   }
   ~redo_recorder_t() {
@@ -41,11 +41,11 @@ class redo_recorder_t {
 
   void watch(const uint16_t *lock) { lock_ = lock; }
   void watch_word(const void *word) { word_ = word; }
-  // What came since the last call.
+  // Returns the records since the last call.
   std::vector<redo_record_t> take() { return std::exchange(records_, {}); }
 
   static int add(redo_record_t record) {
-    const std::lock_guard guard(mutex);  // the hook is called by many threads
+    const std::lock_guard guard(mutex);  // many threads call the hook
     if (current == nullptr) return -1;
     record.locked = current->lock_ != nullptr && *current->lock_ != 0;
     if (current->word_ != nullptr) memcpy(&record.word, current->word_, sizeof(record.word));

@@ -1,6 +1,6 @@
-// Interrupts the library at every instruction: runs an operation in single steps and lets other work come in between, at
-// the first instruction of the first run, at the second of the next, and so on. What a preempted thread would meet at
-// that place is met there for certain.
+// Interrupts the library at every instruction. Runs an operation in single steps and runs other work before one of its
+// instructions: the first one in the first run, the second one in the next run, and so on. Every state that a preempted
+// thread could leave is tested.
 #ifndef TSLB_TESTS_SINGLE_STEP_H
 #define TSLB_TESTS_SINGLE_STEP_H
 
@@ -16,7 +16,7 @@
 class single_step_t {
  public:
   // Runs `operation` and, within it, `work` before the n-th instruction of the library (from 1) at which the lock of
-  // `array` is free. Returns false if the operation has fewer.
+  // `array` is free. Returns false if the operation has fewer instructions.
   static bool run(DynArrHandle_t *array, size_t nth, const std::function<void()> &operation,
                   const std::function<void()> &work) {
     struct sigaction action = {}, before;
@@ -78,7 +78,7 @@ class single_step_t {
     if (at < now.library.begin || at >= now.library.end || now.to_go == 0 || now.array->spinlock != 0) return;
     if (--now.to_go != 0) return;
     (*now.work)();
-    registers[REG_EFL] &= ~TRAP_FLAG;  // the rest at full speed
+    registers[REG_EFL] &= ~TRAP_FLAG;  // the rest runs at full speed
   }
 };
 

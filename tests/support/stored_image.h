@@ -1,4 +1,4 @@
-// What the library writes into streams and block files, for tests that look at its bytes.
+// Readers of the bytes that the library writes to streams and block files.
 #ifndef STORED_IMAGE_H
 #define STORED_IMAGE_H
 
@@ -10,14 +10,14 @@
 #include <tslb/tslb_settings.h>
 #include "system_support.h"
 
-// From the first byte, wherever the descriptor stands.
+// Reads from the first byte, independent of the descriptor's position.
 inline std::string content_of(int fd) {
   std::string content(static_cast<size_t>(lseek(fd, 0, SEEK_END)), '\0');
   EXPECT_EQ(pread(fd, content.data(), content.size(), 0), static_cast<ssize_t>(content.size()));
   return content;
 }
 
-// A file in memory, closed with its owner.
+// A file in memory. The destructor closes it.
 class memory_file_t {
  public:
   explicit memory_file_t(const std::string &content = "") : fd_(memfd_create("stream", MFD_CLOEXEC)) {
@@ -38,7 +38,7 @@ inline std::string stream_of(DynArrHandle_t *array) {
   return content_of(file.fd());
 }
 
-// While it lives, pools of the two fixed table ids are stored with a short last slot.
+// During its lifetime, pools of the two fixed table ids are stored with a short last slot.
 struct trimming_t {
   trimming_t() {
     tslb_test_mode = 0;
@@ -55,7 +55,7 @@ inline std::string cut_stream_of(DynArrHandle_t *pool) {
   return stream_of(pool);
 }
 
-// A folder under which the library keeps block files.
+// A folder in which the library keeps block files.
 struct base_path_t : temp_folder_t {
   base_path_t() { tslb_set_base_path(path.c_str()); }
   ~base_path_t() { tslb_set_base_path(""); }

@@ -1,4 +1,4 @@
-// What tests of files, processes and sockets share: a folder, a limit of the process, and what is open.
+// Helpers for tests of files, processes and sockets: a folder, limits of the process, and its open descriptors.
 #ifndef TSLB_TESTS_SYSTEM_SUPPORT_H
 #define TSLB_TESTS_SYSTEM_SUPPORT_H
 
@@ -13,7 +13,7 @@
 
 namespace fs = std::filesystem;
 
-// A folder that goes with its owner.
+// A folder that the destructor removes.
 struct temp_folder_t {
   temp_folder_t() {
     std::string name = fs::temp_directory_path() / "tslb_test_XXXXXX";
@@ -25,7 +25,7 @@ struct temp_folder_t {
   fs::path path;
 };
 
-// Each test of the suite has an empty one of its own.
+// Each test of the suite has its own empty folder.
 class InFolder : public testing::Test {
  protected:
   const temp_folder_t folder_;
@@ -34,11 +34,11 @@ class InFolder : public testing::Test {
 
 inline std::string content_of(const fs::path &path) {
   std::ifstream file(path, std::ios::binary);
-  EXPECT_TRUE(file.good()) << path << " is not there";
+  EXPECT_TRUE(file.good()) << path << " does not exist";
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// A word of a file that is there.
+// Writes a word of an existing file.
 inline void patch_file(const fs::path &path, long at, uint32_t value) {
   std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
   file.seekp(at).write(reinterpret_cast<const char *>(&value), sizeof(value));
@@ -57,7 +57,7 @@ inline size_t open_descriptors() {
   return n;
 }
 
-// Lowers a limit of the process while it lives.
+// Lowers a limit of the process for its lifetime.
 struct limit_t {
   limit_t(int what, rlim_t value) : what_(what) {
     getrlimit(what_, &before_);

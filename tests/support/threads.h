@@ -1,4 +1,4 @@
-// Threads that begin together.
+// Threads that start together.
 #ifndef TSLB_TESTS_THREADS_H
 #define TSLB_TESTS_THREADS_H
 
@@ -6,7 +6,7 @@
 #include <thread>
 #include <vector>
 
-// Runs work(0) to work(n - 1), each on a thread of its own, all let go at one moment.
+// Runs work(0) to work(n - 1), each on its own thread, all released at the same moment.
 template <class Work>
 void on_threads(int n, Work work) {
   std::vector<std::thread> threads;

@@ -1,4 +1,4 @@
-// A tool run in a folder of its own, with its standard streams kept.
+// Runs a tool in its own folder and captures its standard streams.
 #ifndef TOOL_SUPPORT_H
 #define TOOL_SUPPORT_H
 
@@ -18,7 +18,7 @@
 
 using arguments_t = std::vector<std::string>;
 
-// As a shell parts them, without its quotes.
+// Splits a line into words, as a shell does, but without quotes.
 inline arguments_t words_of(const std::string &line) {
   std::istringstream items(line);
   return {std::istream_iterator<std::string>(items), {}};
@@ -27,10 +27,10 @@ inline arguments_t words_of(const std::string &line) {
 struct run_t {
   int exit_code;
   std::string out, err;
-  long most_kilobytes;  // of memory that the tool had at one moment
+  long max_kilobytes;  // maximum memory of the tool
 };
 
-// What the child has for its standard output where it is not kept, and how long the files that it writes may get.
+// The child's standard output if it is not captured, and the maximum size of the files that it writes.
 struct limits_t {
   const char *out_path = nullptr;
   rlim_t file_bytes = RLIM_INFINITY;
@@ -80,7 +80,7 @@ class ToolTest : public testing::Test {
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, content_of(out.fd()), content_of(err.fd()), usage.ru_maxrss};
   }
 
-  // With that exit code, a line of the tool's and nothing else.
+  // Expects this exit code, one line of the tool and no other output.
   static void expect_says(const run_t &ran, int exit_code, const std::string &line) {
     EXPECT_EQ(ran.exit_code, exit_code);
     EXPECT_EQ(ran.out, "");

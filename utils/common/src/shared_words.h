@@ -1,10 +1,10 @@
-// Words of stored structures that one thread reads while another writes. Private.
+// Access to words of stored structures that one thread reads while another thread writes them. Private.
 //
-// A word is named by its field, so that a field of another width does not compile. Stored structures can stand at any
-// address; the processor keeps each access whole all the same, except where a word crosses a cache line, which no reader
-// without the lock depends on.
+// A word is named by its field, so a field of another width does not compile. A stored structure can start at any
+// address. The processor reads and writes each word whole unless it crosses a cache line. No reader without the lock
+// depends on a word that crosses a cache line.
 //
-// Relaxed: the spin lock, or the full barrier in the host's atomics, orders what must be ordered.
+// Relaxed: the spin lock or the full barrier in the host's atomics provides the required order.
 #ifndef SHARED_WORDS_H
 #define SHARED_WORDS_H
 
@@ -23,14 +23,14 @@ template <class Struct>
 static inline void set32(Struct *at, uint32_t Struct::*field, uint32_t value) {
   __atomic_store_n(shared_word(at, field), value, __ATOMIC_RELAXED);
 }
-// Through the host's hook: a full barrier.
+// Calls the host's hook, which is a full barrier.
 template <class Struct>
 static inline uint32_t add32(Struct *at, uint32_t Struct::*field, uint32_t amount) {
   return get_and_inc32(shared_word(at, field), amount);
 }
 
-// Counters of 64 bits that other threads change at the same time. Each reading is true of some moment, and nothing is
-// read through it.
+// 64-bit counters that other threads change concurrently. A read returns the value at some moment. No pointer is read
+// through it.
 template <class Word, class Struct>
 static inline Word get64(const Struct *at, Word Struct::*field) {
   static_assert(sizeof(Word) == 8);

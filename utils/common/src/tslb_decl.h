@@ -1,5 +1,5 @@
-/* What every public header of the library shares: the export mark, C linkage, and the means to state a stored layout
- * where it is declared. C11 and C++17 on. */
+/* Macros that every public header of the library uses: the export mark, C linkage, and checks of stored layouts at
+ * their declaration. For C11, and for C++17 and later. */
 #ifndef TSLB_DECL_H
 #define TSLB_DECL_H
 
@@ -7,8 +7,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
-/* The library is built with hidden symbols: only what carries this mark crosses its border. The host's hooks carry it
- * too, so that a host built with hidden symbols still offers them to the library. */
+/* Exports a declaration. The library is built with hidden symbols. The host's hooks have this mark too, so that a host
+ * built with hidden symbols still exports them to the library. */
 #define TSLB_API __attribute__((visibility("default")))
 
 #ifdef __cplusplus
@@ -19,11 +19,11 @@
 #define TSLB_END_DECLS
 #endif
 
-/* For a stored structure that can begin at any byte, because what lies ahead of it has any length. Its layout is the
- * natural one; the attribute only tells the compiler that no field is aligned. */
+/* For a stored structure that can begin at any byte because the parts before it have any length. The layout is the
+ * natural one. The attribute only declares that no field is aligned. */
 #define TSLB_UNALIGNED __attribute__((packed, aligned(1)))
 
-/* The open end of a stored structure, which C++ compilers give as an extension and warn about. */
+/* The flexible array member of a stored structure. C++ compilers accept it as an extension and warn about it. */
 #define TSLB_FLEXIBLE_TAIL(type, field)                                                         \
   _Pragma("GCC diagnostic push") _Pragma("GCC diagnostic ignored \"-Wpedantic\"") type field[]; \
   _Pragma("GCC diagnostic pop")

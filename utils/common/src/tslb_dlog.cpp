@@ -1,5 +1,5 @@
-// The debug log. One mutex covers a line from its time stamp to its write, so lines stand in the order of their stamps
-// and a rollover happens between two of them.
+// The debug log. One mutex is held from a line's time stamp to its write. Lines are therefore in the order of their
+// stamps, and a rollover happens between two lines.
 #include "tslb_dlog.h"
 
 #include <errno.h>
@@ -24,19 +24,20 @@ constexpr char DEFAULT_BASE[] = "/tmp/tslb_dlog";
 constexpr char FILE_HEADER[] = "#DateTime|FileName|LineNo|FunName|PID|TID|THName|Msg\n";
 constexpr size_t FILE_HEADER_LEN = sizeof(FILE_HEADER) - 1;
 constexpr size_t BASE_LEN = 1023;
-constexpr size_t LINE_BYTES = 4096;  // newline included
+constexpr size_t LINE_BYTES = 4096;  // with the newline
 constexpr size_t NAME_LEN = 31;
 constexpr int DEFAULT_MIB = 10;
-constexpr int MIB_MAX = 2047;  // more does not fit an int as bytes
+constexpr int MIB_MAX = 2047;  // in bytes a larger value does not fit an int
 
-// Acquire, paired with the barrier of the swap that published it: who sees the log sees it set up.
-static TSLBDLog_t *the_log() {
+// Acquire. Pairs with the barrier of the swap that published the log: a reader that sees the log also sees its
+// settings.
+static TSLBDLog_t *current_log() {
   return __atomic_load_n(&g_dl, __ATOMIC_ACQUIRE);
 }
 
-static void leave_file(TSLBDLog_t *log) {
+static void close_file(TSLBDLog_t *log) {
   const int fd = log->fd;
-  // Before the close: a child that is forked in between must not close another file of that number.
+  // Before the close: a child forked in between must not close another file with the same number.
   log->fd = -1;
   if (fd > 0) close(fd);
 }
@@ -44,13 +45,13 @@ static void leave_file(TSLBDLog_t *log) {
 // ---- Initialisation ------------------------------------------------------------------------------------------------
 
 static void set_up(TSLBDLog_t *log, const char *dlog_fname, int dlevel, int fmax_sz) {
-  // Through a buffer of its own: a host that changes the level alone passes the log's own path.
+  // A copy, because dlog_fname can be the log's own path if the host changes only the level.
   char base[BASE_LEN + 1];
   const bool to_stdout = dlog_fname != nullptr && strcmp(dlog_fname, "stdout") == 0;
   snprintf(base, sizeof(base), "%s", to_stdout ? "" : dlog_fname != nullptr ? dlog_fname : DEFAULT_BASE);
-  // Only what the log opened itself. Standard output is the process's, even where it was what the log was given.
+  // Only files that the log opened. Standard output belongs to the process, also if the log was given it as a file.
   const bool owns_file = log->fname_abs[0] != '\0' && log->fd != STDOUT_FILENO;
-  if (owns_file) leave_file(log);
+  if (owns_file) close_file(log);
   const int mib = fmax_sz < 0 ? DEFAULT_MIB : fmax_sz > MIB_MAX ? MIB_MAX : fmax_sz;
   __atomic_store_n(&log->pid, getpid(), __ATOMIC_RELAXED);
   log->fver = -1;
@@ -60,7 +61,7 @@ static void set_up(TSLBDLog_t *log, const char *dlog_fname, int dlevel, int fmax
   __atomic_store_n(&log->level, dlevel, __ATOMIC_RELAXED);
 }
 
-// A log that is set up and not published yet; null after a report.
+// Returns a log that is set up and not published yet; null after a report.
 static TSLBDLog_t *make_log(const char *dlog_fname, int dlevel, int fmax_sz) {
   TSLBDLog_t *const log = static_cast<TSLBDLog_t *>(calloc(1, sizeof(TSLBDLog_t)));
   if (log == nullptr) {
@@ -74,20 +75,20 @@ static TSLBDLog_t *make_log(const char *dlog_fname, int dlevel, int fmax_sz) {
 }
 
 void tslb_dl_init_internal(const char *dlog_fname, int dlevel, int fmax_sz) {
-  TSLBDLog_t *log = the_log();
+  TSLBDLog_t *log = current_log();
   if (log == nullptr) {
     log = make_log(dlog_fname, dlevel, fmax_sz);
     if (log == nullptr) return;
     if (cas64(reinterpret_cast<uint64_t *>(&g_dl), 0, reinterpret_cast<uint64_t>(log)) == 0) {
-      free(log);  // another thread was first, and its log is set anew below
+      free(log);  // another thread published its log first; it gets the new settings below
       log = nullptr;
     }
   } else {
     log = nullptr;
   }
   if (log == nullptr) {
-    TSLBDLog_t *const running = the_log();
-    // In a child of fork the lock can be held by a thread that does not exist here and never releases it.
+    TSLBDLog_t *const running = current_log();
+    // In a child of fork, a thread that does not exist in the child can hold the lock.
     if (__atomic_load_n(&running->pid, __ATOMIC_RELAXED) != getpid()) pthread_mutex_init(&running->dl_thlock, nullptr);
     pthread_mutex_lock(&running->dl_thlock);
     set_up(running, dlog_fname, dlevel, fmax_sz);
@@ -104,7 +105,7 @@ static void tslb_dl_set_thid(TSLBDLog_t *log) {
 }
 
 void tslb_dl_set_thname_internal(const char *thname) {
-  TSLBDLog_t *const log = the_log();
+  TSLBDLog_t *const log = current_log();
   if (log == nullptr) return;
   const bool named = thname != nullptr && thname[0] != '\0';
   snprintf(g_thname, NAME_LEN + 1, "%s", named ? thname : "-");
@@ -115,7 +116,8 @@ void tslb_dl_set_thname_internal(const char *thname) {
 
 #define REPORT_PLACE __FILE_NAME__, __LINE__, "tslb_dl_fwrite"
 
-// "base.pid.version"; false, with errno set, if that does not fit: cut numbers would name one file for all versions.
+// Writes "base.pid.version". Returns false with errno set if it does not fit: a cut number would give all versions the
+// same name.
 static bool name_file(const TSLBDLog_t *log, char (&name)[BASE_LEN + 1]) {
   const int len = snprintf(name, sizeof(name), "%s.%d.%d", log->fname_abs, log->pid, log->fver);
   if (len >= 0 && static_cast<size_t>(len) < sizeof(name)) return true;
@@ -123,7 +125,7 @@ static bool name_file(const TSLBDLog_t *log, char (&name)[BASE_LEN + 1]) {
   return false;
 }
 
-// The name of the file that is open, under the log's lock: formatted once for a file, not for each line.
+// The name of the open file, under the log's lock. It is formatted once per file, not per line.
 static char open_file[BASE_LEN + 1];
 
 static bool stat_current(const TSLBDLog_t *log, struct stat *file) {
@@ -132,18 +134,18 @@ static bool stat_current(const TSLBDLog_t *log, struct stat *file) {
   return name_file(log, name) && stat(name, file) == 0;
 }
 
-// Leaves a file that has grown to its size, and one that is gone, whose numbering begins again.
+// Closes the file if it has reached its size. If it was deleted, version numbers begin again at 0.
 static void roll_over(TSLBDLog_t *log) {
   struct stat file;
   if (!stat_current(log, &file)) {
-    leave_file(log);
+    close_file(log);
     log->fver = -1;
   } else if (file.st_size >= log->fmax_sz) {
-    leave_file(log);
+    close_file(log);
   }
 }
 
-// Opens the next version with its header; false after a report.
+// Opens the next version and writes its header; false after a report.
 static bool open_next(TSLBDLog_t *log, char (&name)[BASE_LEN + 1]) {
   ++log->fver;
   if (name_file(log, name)) log->fd = open(name, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
@@ -161,7 +163,7 @@ static bool open_next(TSLBDLog_t *log, char (&name)[BASE_LEN + 1]) {
   return false;
 }
 
-// Writes one line, to the file that is due. Under the lock.
+// Writes one line to the current file, after a rollover if one is due. The caller holds the lock.
 static void tslb_dl_fwrite(TSLBDLog_t *log, const char *msg, size_t msg_len) {
   char name[BASE_LEN + 1] = "";
   if (log->fname_abs[0] != '\0') {
@@ -177,8 +179,8 @@ static void tslb_dl_fwrite(TSLBDLog_t *log, const char *msg, size_t msg_len) {
 
 // ---- Lines ---------------------------------------------------------------------------------------------------------
 
-// Base name of a path. One that ends in a slash is cut in a buffer, since basename may change what it is given; where
-// it is too long for that it loses its start.
+// Returns the base name of a path. A path that ends in a slash is copied, since basename may change its argument. If it
+// is too long for the copy, its start is dropped.
 static const char *base_name_of(const char *path, char (&copy)[1024]) {
   if (path == nullptr) return "-";
   const char *const slash = strrchr(path, '/');
@@ -190,9 +192,9 @@ static const char *base_name_of(const char *path, char (&copy)[1024]) {
   return basename(copy);
 }
 
-// A line grows from `at` to `end`, and each of these returns where it goes on. What does not fit is cut.
+// The functions below write at `at`, up to `end`, and return the next position. Text that does not fit is cut.
 
-// A field and the bar behind it.
+// Writes a field and the bar after it.
 static char *put_field(char *at, char *end, const char *field) {
   const size_t len = strlen(field);
   const size_t room = static_cast<size_t>(end - at);
@@ -212,23 +214,23 @@ static char *put_field(char *at, char *end, int number) {
   return at + 1;
 }
 
-// The message. `end` has room for the terminator.
+// Writes the message. `end` has room for the terminator.
 __attribute__((format(printf, 3, 0))) static char *put_message(char *at, char *end, const char *fmt, va_list values) {
   const int wanted = vsnprintf(at, static_cast<size_t>(end - at) + 1, fmt, values);
   return wanted < 0 ? at : wanted < end - at ? at + wanted : end;
 }
 
 void tslb_dl_logging(int dlevel, const char *file_name, const char *fun_name, int line_no, const char *fmt, ...) {
-  TSLBDLog_t *const log = the_log();
+  TSLBDLog_t *const log = current_log();
   if (log == nullptr || dlevel > __atomic_load_n(&log->level, __ATOMIC_RELAXED)) return;
   const int caller_errno = errno;
   tslb_dl_set_thid(log);
   char base[1024], date_time[65], line[LINE_BYTES];
-  char *const end = line + sizeof(line) - 1;  // the newline has its room
+  char *const end = line + sizeof(line) - 1;  // leaves room for the newline
   const char *const file = base_name_of(file_name, base);
 
   pthread_mutex_lock(&log->dl_thlock);
-  // Converted for every line: two time zones can agree in all that the C library shows of them and still differ.
+  // Converted for every line: two time zones can agree in everything that the C library exposes and still differ.
   char *at = put_field(line, end, tslb_get_cur_date_time(date_time, 1));
   at = put_field(at, end, file);
   at = put_field(at, end, line_no);
@@ -238,7 +240,7 @@ void tslb_dl_logging(int dlevel, const char *file_name, const char *fun_name, in
   at = put_field(at, end, g_thname);
   va_list values;
   va_start(values, fmt);
-  errno = caller_errno;  // which %m shows
+  errno = caller_errno;  // for %m
   at = put_message(at, end, fmt, values);
   va_end(values);
   *at++ = '\n';

@@ -1,5 +1,5 @@
-/* What callers of the debug log write. The format is checked by the compiler, the caller's place is filled in, and the
- * arguments of a line that is not wanted are not evaluated. */
+/* Macros for callers of the debug log. The compiler checks the format. The macros pass the caller's source position.
+ * The arguments of a line above the log's level are not evaluated. */
 #ifndef TSLB_DLOG_MACROS_H
 #define TSLB_DLOG_MACROS_H
 
@@ -13,7 +13,7 @@
       tslb_dl_logging(tslb_dlog_level_, __FILE__, __func__, __LINE__, __VA_ARGS__); \
   } while (0)
 
-/* Whether a line of this level would be written: for work that only serves the log. */
+/* True if a line of this level would be written. For work that only serves the log. */
 #define TSLB_DLOG_WANTS(wanted)                        \
   (__atomic_load_n(&g_dl, __ATOMIC_ACQUIRE) != NULL && \
    (wanted) <= __atomic_load_n(&__atomic_load_n(&g_dl, __ATOMIC_ACQUIRE)->level, __ATOMIC_RELAXED))

@@ -1,8 +1,8 @@
-// The library's static probes: places that a tracer can watch in a running process (provider "tslb"). Private.
+// Static probes of the library (provider "tslb"), which a tracer can watch in a running process. Private.
 //
-// A probe is one `nop` and a note in the file that tells a tracer where it is and in which registers its arguments lie;
-// whoever watches it puts a trap in the nop's place. So an argument is a value that the code has at hand at that point:
-// one computed for the probe's sake would be paid for by everybody.
+// A probe is one `nop` and a note in the file. The note gives the tracer the probe's address and the registers of its
+// arguments. A tracer replaces the `nop` with a trap. Arguments are values that the code has anyway: computing a value
+// only for a probe would cost time in every process.
 //
 //   block__created    handle, number (0: block 0), bytes, address
 //   slot__taken       handle, index, record
@@ -12,9 +12,9 @@
 //   chunk__deleted    handle, slot, offset, bytes without the header, address of the chunk
 //   snapshot__block   handle, level (0: block 0), address, bytes as total_write_sz counts them
 //
-// slot__freed and pool__slot stand under the handle's spin lock: the next one to take the slot cannot be ahead of them
-// in a trace, and whoever watches them holds the others up. slot__taken stands behind the lock, except where the caller
-// holds it.
+// slot__freed and pool__slot fire under the handle's spin lock. A trace therefore never shows the next owner of the
+// slot before them, but a tracer that watches them delays other threads. slot__taken fires after the lock is released,
+// unless the caller holds it.
 #ifndef TSLB_PROBES_H
 #define TSLB_PROBES_H
 

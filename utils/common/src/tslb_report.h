@@ -1,6 +1,5 @@
-// How the library says where a report comes from. Macros, since function and line must be the reporting
-// place's own;
-// __FILE_NAME__ is the base name, where __FILE__ may be the path of whoever built the library.
+// Source positions in the library's messages. These are macros because function and line must be those of the reporting
+// code. __FILE_NAME__ is the base name; __FILE__ may be a build path.
 #ifndef TSLB_REPORT_H
 #define TSLB_REPORT_H
 

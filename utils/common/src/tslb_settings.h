@@ -1,4 +1,5 @@
-/* Settings that the host writes and the library reads, as plain words without a lock. No operation writes them. */
+/* Settings that the host writes and the library reads. They are plain words without a lock. No operation of the library
+ * writes them. */
 #ifndef TSLB_SETTINGS_H
 #define TSLB_SETTINGS_H
 
@@ -17,8 +18,8 @@ typedef struct tslb_configuration_t {
 } tslb_configuration_t;
 
 extern TSLB_API tslb_configuration_t lib_config;    /* all zero at load */
-extern TSLB_API char tslb_test_mode;                /* 0xFF at load; consulted by the snapshot */
-extern TSLB_API int tslb_testidx;                   /* 0 at load; the run whose pid files are looked at */
+extern TSLB_API char tslb_test_mode;                /* 0xFF at load; read by the snapshot */
+extern TSLB_API int tslb_testidx;                   /* 0 at load; the run whose pid files are read */
 extern TSLB_API uint8_t tslb_tsdb_mode;             /* 0xFF at load; not read here */
 extern TSLB_API char tslb_qxwdir[1025];             /* empty at load; not read here */
 extern TSLB_API uint8_t tstl_dont_merge_indr_slots; /* 1 at load; not read here */

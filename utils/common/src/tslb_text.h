@@ -1,11 +1,11 @@
-// Numbers as text without printf, for what is formatted with every line of the log. Private.
+// Formats numbers without printf, for fields that every line of the log contains. Private.
 #ifndef TSLB_TEXT_H
 #define TSLB_TEXT_H
 
 constexpr int NUMBER_LEN = 11;  // "-2147483648"
 
-// As "%d", without a terminator. The result is behind the last digit; `at` has room for NUMBER_LEN characters.
-// Not std::to_chars, whose table of digits every library that uses it exports.
+// Writes as "%d" does, without a terminator. Returns the position after the last digit. `at` has room for NUMBER_LEN
+// characters. std::to_chars is not used: every library that uses it exports its table of digits.
 static inline char *put_number(char *at, int number) {
   unsigned left = number < 0 ? 0u - static_cast<unsigned>(number) : static_cast<unsigned>(number);
   if (number < 0) *at++ = '-';
@@ -16,7 +16,7 @@ static inline char *put_number(char *at, int number) {
   return end;
 }
 
-// As "%02d".
+// Writes as "%02d" does, without a terminator.
 static inline char *put_padded(char *at, int number) {
   if (number < 0 || number > 99) return put_number(at, number);
   at[0] = static_cast<char>('0' + number / 10);

@@ -1,5 +1,5 @@
-// The library's one clock. Its settings are relaxed words: nothing orders them against each other, and a
-// reading that overlaps a setter may mix old and new.
+// The library's clock. Its settings are relaxed words without an order between them. A reading concurrent with a setter
+// may mix old and new values.
 #include "tslb_util.h"
 
 #include <math.h>
@@ -27,14 +27,14 @@ static void set(T &setting, T value) {
   __atomic_store(&setting, &value, __ATOMIC_RELAXED);
 }
 
-// Toward zero, as the cast goes; the cast itself is undefined beyond the range.
+// Rounds toward zero, as the cast does. The cast is undefined for values out of range.
 static int64_t seconds_of(double value) {
   if (value >= 0x1p63) return INT64_MAX;
   if (value < -0x1p63) return INT64_MIN;
   return static_cast<int64_t>(value);
 }
 
-static time_t deliver(time_t value, time_t *time_loc) {
+static time_t store_and_return(time_t value, time_t *time_loc) {
   if (time_loc != nullptr) *time_loc = value;
   return value;
 }
@@ -68,7 +68,8 @@ int tslb_get_timestamp_offset(void) {
   return get(timestamp_offset);
 }
 
-// Below 2^52 on both sides of zero: the difference of two such, and a sum that gives one again, are exact as doubles.
+// True below 2^52 in magnitude. The difference of two such numbers is exact as a double, and so is their sum if it is
+// such a number.
 static bool is_exact(int64_t seconds) {
   constexpr uint64_t LIMIT = uint64_t{1} << 52;
   return static_cast<uint64_t>(seconds) + LIMIT < 2 * LIMIT;
@@ -77,22 +78,21 @@ static bool is_exact(int64_t seconds) {
 time_t tslb_get_time(time_t *time_loc) {
   const int64_t now = time(nullptr) + int64_t{get(timestamp_offset)};
   const double factor = get(timer_factor);
-  // What the lines below would come to: they take the origin away and add it again. No system's clock comes near 2^52.
-  if (factor == 1.0 && is_exact(get(tsdb_start_ts))) return deliver(now, time_loc);
-  // Unsigned: a host may set any origin, and a difference that leaves 64 bits wraps instead of being
-  // undefined.
+  // The lines below would give the same result: they subtract the origin and add it again. No system clock comes near
+  // 2^52.
+  if (factor == 1.0 && is_exact(get(tsdb_start_ts))) return store_and_return(now, time_loc);
+  // Unsigned: a host may set any origin, and a difference beyond 64 bits wraps instead of being undefined.
   const int64_t elapsed = static_cast<int64_t>(static_cast<uint64_t>(now) - static_cast<uint64_t>(get(tsdb_start_ts)));
-  // The origin is added after the division: at factor 1.0 whole seconds below 2^53 come out as they went in.
+  // The origin is added after the division, so that at factor 1.0 whole seconds below 2^53 are unchanged.
   const double scaled = static_cast<double>(elapsed) / factor + static_cast<double>(get(tsdb_start_ts));
-  return deliver(seconds_of(scaled), time_loc);
+  return store_and_return(seconds_of(scaled), time_loc);
 }
 
 time_t tslb_get_time_without_tf(time_t *time_loc) {
-  return deliver(time(nullptr) + int64_t{get(timestamp_offset)}, time_loc);
+  return store_and_return(time(nullptr) + int64_t{get(timestamp_offset)}, time_loc);
 }
 
-// A handler that calls localtime_r while this thread is inside it would wait for the time zone's lock for
-// ever.
+// A signal handler that calls localtime_r while this thread is inside it would wait for the time zone's lock forever.
 static struct tm *local_time_signals_blocked(const time_t *at, struct tm *parts) {
   sigset_t all, before;
   sigfillset(&all);
@@ -117,12 +117,12 @@ char *tslb_get_cur_date_time(char *time_string, int need_to_block_signal) {
   char *at = time_string;
   for (int i = 0; i < 6; ++i) {
     at = put_padded(at, fields[i]);
-    *at++ = "// ::"[i];  // the last one is the terminator
+    *at++ = "// ::"[i];  // the last character is the terminator
   }
   return time_string;
 }
 
-// Leaves `text` empty for an instant without a broken-down form, or whose text does not fit.
+// Leaves `text` empty if the instant has no broken-down form or its text does not fit.
 static void render_instant(char (&text)[32], const struct tm *parts) {
   if (parts == nullptr || strftime(text, sizeof(text), "%d/%m/%G %T %Z", parts) == 0) text[0] = '\0';
 }

@@ -11,13 +11,13 @@
 constexpr size_t ERR_MSG_ROOM = 256;
 constexpr size_t ERROR_BUFFER_ROOM = 511;
 constexpr size_t PIECE_BYTES = 4096;
-// The descriptor is closed in children that other threads of the host start meanwhile; the flag is of this call alone.
+// Programs that other threads of the host start meanwhile do not inherit the descriptor.
 constexpr char READ_CLOSE_ON_EXEC[] = "re";
 
-// A handler with no body, not SIG_IGN: with that the children would be reaped before pclose asks for them.
+// An empty handler, not SIG_IGN: with SIG_IGN the kernel would reap the children before pclose waits for them.
 void tslb_ignore_sigchild(int) {}
 
-// Installs the empty handler while it exists. The destructor restores the host's whole action: signal() would lose its
+// Installs the empty handler for its lifetime. The destructor restores the host's whole action: signal() would lose its
 // mask, its flags and, with SA_SIGINFO, its arguments.
 struct sigchld_guard_t {
   sigchld_guard_t() {
@@ -48,8 +48,8 @@ int tslb_system(const char *cmd, char *err_msg) {
   return exit_status;
 }
 
-// A buffer of at least PIECE_BYTES, which costs an allocation only if that is not enough. `bytes` is null, with errno
-// set, if memory was refused.
+// A buffer of at least PIECE_BYTES. It allocates only for a larger size. `bytes` is null, with errno set, if memory was
+// refused.
 struct scratch_t {
   explicit scratch_t(size_t room) : bytes(room > PIECE_BYTES ? static_cast<char *>(malloc(room)) : small) {}
   ~scratch_t() {
@@ -60,11 +60,11 @@ struct scratch_t {
   char *const bytes;
 };
 
-// Reads to the end. Keeps the last line or its last piece that fits; `out` is unchanged if nothing was read. Pieces are
-// read into `piece` first: after a failed read, that buffer holds anything, and `out` the last whole piece.
+// Reads to the end and keeps the last line, or the last piece of it that fits. `out` is unchanged if nothing was read.
+// Reads go to `piece` first: after a failed read `piece` is undefined, and `out` still holds the last complete piece.
 static void keep_last_line(FILE *from, char *piece, char *out, int length) {
   bool read_any = false;
-  // With a length of 1 fgets would consume nothing. The text is empty then, whatever was read.
+  // With a length of 1 fgets would read nothing. The result is then an empty text.
   const int piece_bytes = length > 1 ? length : static_cast<int>(PIECE_BYTES);
   while (fgets(piece, piece_bytes, from) != nullptr) {
     read_any = true;
@@ -115,7 +115,7 @@ char *tslb_exe_command_and_get_op(const char *command, char *err_msg, char *outp
     memcpy(output_ptr, piece, length);
     output_ptr += length;
     amt_left -= length;
-    if (amt_left == 0) break;  // the rest is not waited for
+    if (amt_left == 0) break;  // does not wait for the rest
   }
   *output_ptr = '\0';
   pclose(from);

@@ -38,10 +38,10 @@ int get_tokens(char *read_buf, char **fields, const char *token, int max_flds) {
 // ---- Directories ---------------------------------------------------------------------------------------------------
 
 constexpr size_t PATH_LEN_MAX = 8000;
-constexpr int PATH_LEN_SHOWN = 8192;  // what the refusal has always named as the limit
+constexpr int PATH_LEN_SHOWN = 8192;  // the limit that the message names
 constexpr int PATH_FIELDS_MAX = 64;
 
-// Names between the slashes of a path; one more stands behind each slash but a last one.
+// Counts the names between the slashes of a path. A slash at the end adds no name.
 static int count_fields(const char *path) {
   int n_fields = 1;
   for (; *path != '\0'; ++path) n_fields += path[0] == '/' && path[1] != '\0';
@@ -64,7 +64,7 @@ int mkdir_ex(const char *path) {
   const bool all_are_dirs = path_len > 0 && path[path_len - 1] == '/';
   const int n_dirs = all_are_dirs ? n_fields : n_fields - 1;
 
-  // Each field goes behind a slash, so an absolute path, whose first field is empty, gets two at its start.
+  // Each field follows a slash, so an absolute path, whose first field is empty, begins with two.
   char so_far[PATH_LEN_MAX + PATH_FIELDS_MAX + 2];
   size_t so_far_len = 0;
   const char *field = path;
@@ -85,14 +85,14 @@ int mkdir_ex(const char *path) {
 
 // ---- Error text ----------------------------------------------------------------------------------------------------
 
-// strerror_r has two forms. One fills the buffer; the other may answer with a constant of its own instead.
-[[maybe_unused]] static void settle(int, char *, size_t) {}
-[[maybe_unused]] static void settle(const char *answer, char *text, size_t room) {
+// strerror_r has two forms. One always fills the buffer. The other may return a constant instead.
+[[maybe_unused]] static void copy_if_elsewhere(int, char *, size_t) {}
+[[maybe_unused]] static void copy_if_elsewhere(const char *answer, char *text, size_t room) {
   if (answer != text) snprintf(text, room, "%s", answer);
 }
 
 char *qxlb_strerror(int num) {
   static thread_local char text[256];
-  settle(strerror_r(num, text, sizeof(text)), text, sizeof(text));
+  copy_if_elsewhere(strerror_r(num, text, sizeof(text)), text, sizeof(text));
   return text;
 }

@@ -1,4 +1,4 @@
-// Whether processes live: by number, from /proc and kill; by pid file, from ps.
+// Checks whether processes run: by process id, with /proc and kill; by pid file, with ps.
 #include <errno.h>
 #include <signal.h>
 #include <stdio.h>
@@ -11,10 +11,10 @@
 #include "tslb_util_common.h"
 
 constexpr size_t ERROR_BUFFER_ROOM = 511;
-constexpr size_t COMM_LEN = 15;  // what the kernel, and so ps, keeps of a process's name
+constexpr size_t COMM_LEN = 15;  // the kernel, and so ps, keeps this much of a process's name
 constexpr size_t LINE_ROOM = 1024;
 
-// A file of /proc for one process.
+// Path of a file of /proc for one process.
 struct proc_path_t {
   char text[64];
   proc_path_t(pid_t pid, const char *file) { snprintf(text, sizeof(text), "/proc/%d%s", pid, file); }
@@ -38,7 +38,7 @@ int tslb_check_is_process_zombie(pid_t pid) {
   return answer;
 }
 
-// A process whose name cannot be opened counts as the one asked for.
+// A process whose name cannot be read counts as a match.
 static bool has_name(pid_t pid, const char *proc_name) {
   FILE *const comm = fopen(proc_path_t(pid, "/comm").text, "r");
   if (comm == nullptr) return true;
@@ -50,7 +50,7 @@ static bool has_name(pid_t pid, const char *proc_name) {
 }
 
 int tslb_check_pid_alive(pid_t pid, const char *proc_name) {
-  // kill takes a negative number for a group; no process has one.
+  // kill treats a negative number as a process group. No process has such a number.
   if (pid <= 0) return 0;
   if (tslb_check_is_process_zombie(pid) == 0) return 0;
   if (kill(pid, 0) == 0) return proc_name == nullptr || has_name(pid, proc_name) ? 1 : 0;
@@ -61,7 +61,7 @@ int tslb_check_pid_alive(pid_t pid, const char *proc_name) {
 
 // ---- By pid file ---------------------------------------------------------------------------------------------------
 
-// What ps calls a process, into an emptied line; still empty if it knows none.
+// Reads the name that ps gives a process. `name` is empty if ps does not know the process.
 static void name_by_ps(int pid, char (&name)[LINE_ROOM], char *error_buffer) {
   char command[64];
   snprintf(command, sizeof(command), "ps -p %d -o comm=", pid);
@@ -69,7 +69,7 @@ static void name_by_ps(int pid, char (&name)[LINE_ROOM], char *error_buffer) {
   tslb_run_cmd_and_get_last_line(command, sizeof(name), name, error_buffer);
 }
 
-// The process id on a file's first line; 0 after a text on stdout.
+// Reads the process id on a file's first line; 0 after a text on stdout.
 static int read_pid(FILE *file, const char *component) {
   char line[8];
   if (fgets(line, sizeof(line), file) == nullptr) {
@@ -82,7 +82,7 @@ static int read_pid(FILE *file, const char *component) {
   return pid;
 }
 
-// By the 15 characters that ps shows, or, for a name with a dot, by the part before it.
+// Compares the 15 characters that ps shows or, for a name with a dot, the part before the dot.
 static bool names_match(const char *running, const char *expected) {
   if (strncmp(running, expected, COMM_LEN) == 0) return true;
   const char *const dot = strchr(running, '.');
@@ -91,7 +91,7 @@ static bool names_match(const char *running, const char *expected) {
   return strncmp(running, expected, len) == 0;
 }
 
-// The text is cut to the buffer where the path is long.
+// Writes the text, cut to the buffer if the path is long.
 static void report_no_file(char *error_buffer, const char *path) {
   const int shown = snprintf(error_buffer, ERROR_BUFFER_ROOM, "Not able to open %s file, so returning.\n", path);
   if (shown < 0) error_buffer[0] = '\0';
@@ -100,7 +100,7 @@ static void report_no_file(char *error_buffer, const char *path) {
 int tslb_get_pid(const char *base_dir, const char *component, const char *bin_name, char *error_buffer) {
   char path[LINE_ROOM];
   const int path_len = snprintf(path, sizeof(path), "%s/.%s.pid", base_dir, component);
-  // A path that does not fit is not cut into another one.
+  // A path that does not fit is refused: cut, it could name another file.
   const bool fits = path_len >= 0 && static_cast<size_t>(path_len) < sizeof(path);
   FILE *const file = fits ? fopen(path, "r") : nullptr;
   if (file == nullptr) {

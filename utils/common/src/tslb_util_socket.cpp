@@ -1,4 +1,4 @@
-// Addresses as text, a listening socket in one call, epoll.
+// Addresses as text, listening sockets, epoll.
 #include <arpa/inet.h>
 #include <errno.h>
 #include <netinet/in.h>
@@ -29,7 +29,7 @@ static void write_internet_address(int family, const void *address, in_port_t po
   snprintf(address_text + len, sizeof(address_text) - len, ":%d", ntohs(port));
 }
 
-// `sa_len` bytes of the address are there to read: a path ends with them if it does not end before.
+// Formats an address. Only `sa_len` bytes of it may be read: a local path may end there without a terminator.
 static char *text_of(const struct sockaddr *sa, size_t sa_len, int give_port) {
   address_text[0] = '\0';
   if (sa->sa_family == AF_INET) {
@@ -57,11 +57,11 @@ char *tslb_sockaddr_to_ip(const struct sockaddr *sa, int give_port) {
   return text_of(sa, sizeof(struct sockaddr_un), give_port);
 }
 
-// What an end without an address is called. A constant, whatever the type of the functions that return it.
+// The text for an end without an address. Not const only because of the return type of its users.
 static char NOT_CONNECTED[] = "Unknown or Not Connected";
 
-// One end of a socket, by getsockname or getpeername, into as many bytes as Address has. The system says how long the
-// whole address is, which can be more than it had room for.
+// Formats one end of a socket, read by getsockname or getpeername. The system reports the length of the whole address,
+// which can exceed the size of Address.
 template <class Address>
 static char *end_of(int (*name_of)(int, struct sockaddr *, socklen_t *), int fd, int give_port) {
   Address address;
@@ -94,7 +94,7 @@ static void report_bind(char *err_msg, const char *ip_addr, int port, int err) {
     snprintf(err_msg + used, ERR_MSG_ROOM - used, "Error = %s", qxlb_strerror(err));
 }
 
-// Everything behind the making of the socket; 0, or the code of a failure that was reported.
+// All steps after socket(). Returns 0, or the code of a failure after its report.
 static int bind_and_listen(int fd, int *local_port, int backlog, const char *ip_addr, char *err_msg) {
   const int on = 1;
   if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) != 0) {

@@ -1,6 +1,6 @@
-// Record arrays: creation of block 0, issue of ids, and the lookup that makes tables and blocks on its way.
-// Lock-free: a table entry goes from null to a pointer once, by one swap, and the loser of a race releases
-// what it made.
+// Record arrays: creation of block 0, issue of ids, and the lookup, which creates missing tables and blocks. Lock-free:
+// a table entry changes once, from null to a pointer, by one swap. A thread that loses the race releases the memory it
+// allocated.
 #include "dynamic_array.h"
 
 #include <errno.h>
@@ -15,7 +15,7 @@
 #include "tslb_probes.h"
 #include "tslb_report.h"
 
-// A gap in one of these would carry stray bytes into a file.
+// Padding in one of these would put undefined bytes into a file.
 static_assert(std::has_unique_object_representations_v<DynHdr_t>);
 static_assert(std::has_unique_object_representations_v<DynArrLLI_t>);
 static_assert(std::has_unique_object_representations_v<node_fw> && std::has_unique_object_representations_v<node_bw>);
@@ -29,8 +29,7 @@ uint32_t sixth_redirection_elements_count = 1u << 28;
 
 // ---- Creation -----------------------------------------------------------------------------------------------------
 
-// 0 if an array of these sizes can exist, else the errno that tells why not. `block_bytes` is the size of
-// block 0.
+// Returns 0 if an array of these sizes can exist, else the errno of the refusal. `block_bytes` is the size of block 0.
 static int refusal_of(int32_t usrhdr_sz, int32_t record_sz, int32_t n_direct, uint32_t node_bytes,
                       int64_t block_bytes) {
   if (usrhdr_sz < 0 || record_sz < 0 || n_direct < 0) return EINVAL;
@@ -39,7 +38,7 @@ static int refusal_of(int32_t usrhdr_sz, int32_t record_sz, int32_t n_direct, ui
   return slot_bytes * TSLB_SLOTS_PER_BLOCK > UINT32_MAX ? EOVERFLOW : 0;
 }
 
-// Memory of block 0, zeroed; null with errno set. A file's old content is lost here: a new array is always empty.
+// Allocates block 0, zeroed; null with errno set. A file loses its old content here: a new array is always empty.
 static void *make_block0(char mem_type, int64_t bytes, const char *ctx_name, int32_t tbl_id) {
   if (mem_type != MPOOL_TYPE_SHM && mem_type != MPOOL_TYPE_PMEM) return calloc(1, static_cast<size_t>(bytes));
   void *block0 = nullptr;
@@ -60,7 +59,7 @@ static void fill_handle(DynArrHandle_t *array, void *block0, char mem_type, int6
   array->mem_type = mem_type;
   array->daflag = daflag;
   array->n_direct = static_cast<uint32_t>(n_direct);
-  // The rest stays zero: lock free, no root table, and the name's terminator.
+  // The other fields stay zero: lock free, no root table, and the name's terminator.
   if (ctx_name != nullptr) memcpy(array->ctx_name, ctx_name, strnlen(ctx_name, sizeof(array->ctx_name) - 1));
 }
 
@@ -154,13 +153,13 @@ void *dyn_array_record(DynamicArray_t, int32_t) {
 
 // ---- Growth -------------------------------------------------------------------------------------------------------
 
-// Acquire, paired with the barrier in cas64: who sees the pointer also sees the zeroes behind it.
+// Acquire. Pairs with the full barrier in cas64: a reader that sees the pointer also sees zeroed memory.
 static inline void *load_entry(void *const *entry) {
   return __atomic_load_n(entry, __ATOMIC_ACQUIRE);
 }
 
-// Offers `fresh` for an empty entry and says whether it serves now. No retry: cas64 fails only when a rival
-// was first, and then the entry is filled for good.
+// Swaps `fresh` into an empty entry. Returns false if another thread filled the entry first; `fresh` is released then.
+// No retry: cas64 fails only for a filled entry, and a filled entry never changes.
 static bool publish(void *entry, void *fresh) {
   if (cas64(static_cast<uint64_t *>(entry), 0, reinterpret_cast<uint64_t>(fresh)) != 0) return true;
   free(fresh);
@@ -179,9 +178,10 @@ void get_dyn_array_of_pointers(int32_t count, void *addr) {
   publish(addr, table);
 }
 
-// Swaps a data block from the process allocator in. False if a rival's serves, or after a report.
+// Publishes a data block from the process allocator. Returns false if another thread's block is in the entry, or after
+// a report.
 static bool publish_heap_block(size_t chunk_size, void *addr) {
-  // Zeroed before the swap: a rival may read the block the moment it is published.
+  // Zeroed before the swap: another thread may read the block once it is published.
   void *const block = calloc(1, chunk_size);
   if (block != nullptr) return publish(addr, block);
   fprintf(stderr, "Error(DALib): Failed to allocted memory of size %ld\n", static_cast<long>(chunk_size));
@@ -203,7 +203,7 @@ void get_dyn_data_array(DynamicArray_t array, uint32_t record_size, int32_t coun
     TSLB_PROBE_BLOCK_CREATED(array, block_num, chunk_size, load_entry(static_cast<void **>(addr)));
     add32(arr_hdr_of(array), &DynArrHdr_t::n_alloc, static_cast<uint32_t>(count));
   }
-  // A heap block that could not be had was reported above.
+  // A failed heap allocation was reported above.
   if (from_file && load_entry(static_cast<void **>(addr)) == nullptr)
     fprintf(stderr, "Unexpected data_addr NULL, count: %d, block_num: %d\n", count, block_num);
 }
@@ -229,7 +229,7 @@ __attribute__((noinline, cold)) static void *make_block(DynArrHandle_t *array, u
 
 __attribute__((noinline, cold)) static void *report_beyond_levels(const DynArrHandle_t *array, uint32_t beyond) {
   const uint32_t n_direct = n_direct_of(array, arr_hdr_of(array));
-  // Silent: once this one is taken, n_used is 0 again, and an id that is not below n_used counts as not issued.
+  // No message: once this id is issued, n_used is 0 again, and an id that is not below n_used counts as not issued.
   if (beyond + n_direct == UINT32_MAX) return nullptr;
   fprintf(stderr, "ID %d is not correct, n_direct:%d\n", static_cast<int>(beyond + n_direct),
           static_cast<int>(n_direct));
@@ -240,8 +240,8 @@ static inline void *record_in(void *block, uint32_t beyond, uint64_t slot_bytes,
   return static_cast<char *>(block) + beyond % TSLB_SLOTS_PER_BLOCK * slot_bytes + shift;
 }
 
-// The way to a record of which some part is missing, or which lies beyond all levels. Every entry is read from its
-// parent, and again after it was made: what a rival published is what serves.
+// Finds a record whose tables or block may be missing, or whose id is too large for all levels. Each entry is read
+// again after it was created: another thread may have published its own memory.
 __attribute__((noinline, cold)) static void *make_record_beyond(DynArrHandle_t *array, uint32_t beyond,
                                                                 uint64_t slot_bytes, uint64_t shift) {
   PtrTbl_t *root = __atomic_load_n(&array->ir_base, __ATOMIC_ACQUIRE);
@@ -261,8 +261,8 @@ __attribute__((noinline, cold)) static void *make_record_beyond(DynArrHandle_t *
   return block != nullptr ? record_in(block, beyond, slot_bytes, shift) : nullptr;
 }
 
-// The data block at the end of a way, from a table so many steps ahead of it; null if something is missing on the way.
-// A recursion, since the compiler does not unroll the loop that it stands for: here every shift is a constant.
+// Returns the data block that is STEPS tables below `table`; null if a table or the block is missing. A recursion, so
+// that every shift is a constant; see docs/performance.md, "Lookup".
 template <unsigned STEPS>
 static inline void *descend_from(void *table, uint32_t actual_id) {
   if constexpr (STEPS == 0) {
@@ -280,8 +280,7 @@ static inline void *descend(PtrTbl_t *root, uint32_t beyond) {
   return descend_from<LEVEL>(table, beyond - tslb_stored_first_of_level(LEVEL));
 }
 
-// The lower levels first: they hold few ids, but all those of a small array. The processor goes ahead on the level that
-// it expects, where an entry computed from the id would have to be waited for.
+// Lower levels first, found by comparisons; see docs/performance.md, "Lookup".
 static inline void *find_block(PtrTbl_t *root, uint32_t beyond) {
   if (__builtin_expect(beyond < tslb_stored_first_of_level(3), 1)) {
     if (__builtin_expect(beyond < tslb_stored_first_of_level(2), 1)) return descend<1>(root, beyond);
@@ -311,7 +310,7 @@ void *get_dyn_arr_record_position(DynamicArray_t array, uint32_t id) {
 // ---- New ids ------------------------------------------------------------------------------------------------------
 
 int32_t dynarr_refuse_id(uint32_t n_alloc) {
-  // The id stays counted: taking it back would race with those who came after.
+  // The id stays issued: taking it back would race with threads that were issued later ids.
   fprintf(stderr, "Can not allocate more space as array is full. Total allocated space = %hu\n",
           static_cast<unsigned short>(n_alloc));
   return -1;

@@ -1,7 +1,7 @@
-// Where blocks come from besides the process allocator: mapped files, and the place that waits for persistent memory.
+// Memory for blocks outside the process allocator: mapped files, and the interface for persistent memory.
 //
-// A block file is handed over like every block: its mapping is swapped into an entry that must be null. Threads that
-// race for one block open, size and map the same file at the same size, and each loser drops its own mapping.
+// A mapping is published like every block: it is swapped into an entry that must be null. Threads that race for one
+// block open, size and map the same file at the same size, and each loser unmaps its own mapping.
 #include <errno.h>
 #include <fcntl.h>
 #include <stdarg.h>
@@ -17,7 +17,7 @@
 
 char g_base_path[1025];
 
-constexpr int BASE_PATH_ROOM = 1024;  // terminator included; a path of just that length is stored cut
+constexpr int BASE_PATH_ROOM = 1024;  // terminator included; a path of exactly this length loses its last character
 constexpr mode_t DIR_MODE = 0744;
 constexpr mode_t FILE_MODE = 0666;
 
@@ -37,7 +37,7 @@ struct path_t {
   char text[4096];
 };
 
-// False, with errno set, if the path does not fit.
+// Returns false with errno set if the path does not fit.
 __attribute__((format(printf, 2, 3))) static bool format_path(path_t *path, const char *format, ...) {
   va_list values;
   va_start(values, format);
@@ -53,7 +53,7 @@ static bool format_file_path(path_t *path, const char *ctx_name, int32_t tbl_id,
   return format_path(path, "%s/%d.%d.darr", ctx_name, tbl_id, block_id);
 }
 
-// The last component only: what lies above it must exist. A block that has nowhere to go ends the process.
+// Creates the directory if it is missing, but none above it. A block without a directory ends the process.
 static void need_directory(const path_t *dir) {
   struct stat ignored;
   if (stat(dir->text, &ignored) == 0 || mkdir(dir->text, DIR_MODE) == 0 || errno == EEXIST) return;
@@ -65,7 +65,7 @@ static void need_directory(const path_t *dir) {
 
 // ---- Blocks --------------------------------------------------------------------------------------------------------
 
-// The file, opened and sized; -1 with errno set after its report. Being unable to size it is told by the callers.
+// Opens and sizes the file; -1 with errno set after a report. The callers report a file that cannot be sized.
 static int open_sized(const path_t *file, int64_t bytes) {
   const int fd = open(file->text, O_RDWR | O_CREAT | O_CLOEXEC, FILE_MODE);
   if (fd < 0) {
@@ -81,7 +81,7 @@ static int open_sized(const path_t *file, int64_t bytes) {
   return -1;
 }
 
-// A mapping of the whole file, which lives on without a descriptor; null with errno set after its report.
+// Maps the whole file and closes its descriptor; null with errno set after a report.
 static void *map_file(const path_t *file, int64_t bytes) {
   const int fd = open_sized(file, bytes);
   if (fd < 0) return nullptr;
@@ -112,7 +112,7 @@ int32_t get_shm_block(int64_t chunk_size, const char *ctx_name, int32_t tbl_id, 
   return 0;
 }
 
-// A place for a store that delivers: what it would return, "published", and nothing done.
+// Not implemented. Returns "published" and does nothing.
 int32_t get_pmem_block(int64_t, const char *, int32_t, int32_t, void *) {
   return 1;
 }

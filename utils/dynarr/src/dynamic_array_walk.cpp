@@ -1,4 +1,4 @@
-// Teardown and sync.
+// Release and sync of whole arrays.
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -10,7 +10,7 @@
 #include "dynarr_layout.h"
 #include "dynarr_walk.h"
 
-// ---- Teardown ------------------------------------------------------------------------------------------------------
+// ---- Release -------------------------------------------------------------------------------------------------------
 
 static void release_block(const DynArrHandle_t *array, void *block, size_t bytes) {
   if (array->mem_type == MPOOL_TYPE_SHM)
@@ -19,8 +19,8 @@ static void release_block(const DynArrHandle_t *array, void *block, size_t bytes
     free(block);
 }
 
-// Releases what hangs below a table with `tiers` of tables above the blocks (this one counted), and then the table. An
-// empty entry between others is what a lookup left that was refused memory.
+// Releases everything below a table, then the table. `tiers` is the number of table levels down to the blocks, this one
+// included. An entry can be null between others if a lookup was refused memory.
 static void release_tree(const DynArrHandle_t *array, void **table, unsigned tiers, size_t block_bytes) {
   for (uint32_t i = 0; i < TSLB_ENTRIES_PER_TABLE; ++i) {
     if (table[i] == nullptr) continue;
@@ -43,7 +43,7 @@ static void release_levels(const DynArrHandle_t *array, size_t block_bytes) {
 
 void destroy_dyn_arr(DynamicArray_t array) {
   if (array == nullptr) return;
-  // Sizes first: they stand in block 0, whose number of slots the handle knows on its own.
+  // Sizes first, since they are in block 0. n_direct comes from the handle: another process can write a mapped block 0.
   const size_t slot_bytes = slot_bytes_of(array);
   const size_t block0_bytes = header_bytes_of(array) + slot_bytes * array->n_direct;
   if (array->ir_base != nullptr) release_levels(array, slot_bytes * TSLB_SLOTS_PER_BLOCK);
@@ -55,7 +55,8 @@ void destroy_dyn_arr(DynamicArray_t array) {
 
 // ---- Sync ----------------------------------------------------------------------------------------------------------
 
-// `shown_bytes` is what the report counts: for block 0 the direct area alone, although its headers are flushed too.
+// `shown_bytes` is the size that the report shows. For block 0 it is the direct area alone, although its headers are
+// synced too.
 static void sync_block(const DynArrHandle_t *array, void *block, size_t bytes, size_t shown_bytes, unsigned level) {
   if (msync(block, bytes, MS_SYNC) == 0) return;
   const int err = errno;
@@ -72,7 +73,7 @@ void tslb_syn_shm_dynarr(DynamicArray_t array) {
   const size_t direct_bytes = slot_bytes * hdr->n_direct;
   sync_block(array, array->arr_base, header_bytes_of(array) + direct_bytes, direct_bytes, 0);
 
-  // Slots covered, not records used; n_used is read anew each time, so ids issued meanwhile are followed.
+  // Counts slots, not records in use. n_used is read again for each block, so ids issued meanwhile are included.
   uint64_t num_ele_synced = hdr->n_direct;
   if (num_ele_synced >= get32(hdr, &DynArrHdr_t::n_used)) return;
   walk_data_blocks(array, [&](void *block, unsigned level) {

@@ -1,4 +1,4 @@
-// What follows the handle in its allocation: memory of the process that belongs to an array and concerns no caller.
+// The part of a handle's allocation that follows DynArrHandle_t: process memory of the library that callers do not see.
 // Private.
 #ifndef DYNARR_HANDLE_H
 #define DYNARR_HANDLE_H
@@ -7,7 +7,7 @@
 
 struct array_private_t {
   DynArrHandle_t handle;
-  // State of the module that the array belongs to, which alone knows its type. Released with the array if not null.
+  // State of the module that owns the array. Only that module knows its type. Released with the array if not null.
   void *module_state;
   void (*release_module_state)(void *module_state);
 };

@@ -1,4 +1,4 @@
-// Parts of block 0 and of slots, as pointers. Where they lie is told by tslb_stored.h. Private.
+// Pointers to the parts of block 0 and of slots. Their offsets come from tslb_stored.h. Private.
 #ifndef DYNARR_LAYOUT_H
 #define DYNARR_LAYOUT_H
 
@@ -24,7 +24,7 @@ static inline void *user_hdr_of(const DynArrHandle_t *array) {
   return block0_of(array) + TSLB_USER_HDR_AT;
 }
 
-// The address of DynArrHdr_t if there are no nodes.
+// Returns the address of DynArrHdr_t if there are no nodes.
 static inline DynArrLLI_t *lli_of(const DynArrHandle_t *array) {
   return reinterpret_cast<DynArrLLI_t *>(block0_of(array) + tslb_stored_lli_at(dyn_hdr_of(array)->hdr_size));
 }
@@ -64,8 +64,8 @@ static inline node_bw *bw_of(void *slot_ptr, uint32_t record_size) {
   return reinterpret_cast<node_bw *>(static_cast<char *>(slot_ptr) + record_size);
 }
 
-// Status is read without the lock, and the reader relies on what it says about the slot's contents: it is stored with
-// release and loaded with acquire.
+// Status is read without the lock, and the reader relies on it for the slot's contents. The release store pairs with
+// the acquire load.
 static inline uint32_t status_of(const void *slot_ptr) {
   return __atomic_load_n(shared_word(fw_of(slot_ptr), &node_fw::status), __ATOMIC_ACQUIRE);
 }
@@ -73,7 +73,7 @@ static inline void set_status(void *slot_ptr, uint32_t status) {
   __atomic_store_n(shared_word(fw_of(slot_ptr), &node_fw::status), status, __ATOMIC_RELEASE);
 }
 
-// The mark in the first word of a record that was just taken or freed. The record can stand at any address.
+// Stores the gatekeeper word, the mark of a record that was just taken or freed. The record can start at any address.
 static inline void set_gatekeeper(void *slot_ptr) {
   __atomic_store_n(static_cast<uint32_t *>(slot_ptr), TSLB_GATEKEEPER_WORD, __ATOMIC_RELAXED);
 }

@@ -1,5 +1,5 @@
-// List surgery where slots are freed and taken: what must be in line there, and what stays out of it. Roots, counters
-// and nodes change under the handle's spin lock. Private: never installed.
+// List operations of slot allocation and release: inline functions of the hot paths, and declarations of the others.
+// Roots, counters and nodes change under the handle's spin lock. Private: never installed.
 #ifndef DYNARR_LISTS_H
 #define DYNARR_LISTS_H
 
@@ -10,17 +10,16 @@
 #include "tslb_probes.h"
 #include "tslb_util.h"
 
-// What the paths over lists need again and again. A hook that is called in between may change any word, so the compiler
-// would read these anew behind each; they stay as they are as long as the array lives. Handed to functions that are in
-// line only: for another one it would have to be written to the stack.
+// Values that list operations use repeatedly. They are constant while the array lives. Passed only to inline functions;
+// see docs/performance.md, "Slot taken and freed".
 struct list_array_t {
   DynArrHandle_t *array;
   DynArrHdr_t *hdr;
   DynArrLLI_t *lli;
-  uint32_t node_bytes;  // of one slot
+  uint32_t node_bytes;  // nodes of one slot
 
   bool has_inactive_list() const { return node_bytes != TSLB_NODE_BYTES; }
-  // Null if there is no such slot.
+  // Returns null if there is no such slot.
   void *slot(uint32_t idx) const { return idx < get32(hdr, &DynArrHdr_t::n_used) ? issued_slot(idx) : nullptr; }
   void *issued_slot(uint32_t idx) const {
     return lookup_byte(array, hdr, idx, hdr->record_size + node_bytes, TSLB_NODE_BYTES);
@@ -29,13 +28,13 @@ struct list_array_t {
 };
 
 static inline list_array_t list_array_of(DynArrHandle_t *array) {
-  // A product: of a choice the compiler makes four steps.
+  // A product instead of a branch; see docs/performance.md, "Slot taken and freed".
   const uint32_t second_node = (array->daflag & TSLB_DA_DAFLAG_INLL) * (TSLB_NODE_BYTES / TSLB_DA_DAFLAG_INLL);
   return {array, arr_hdr_of(array), lli_of(array), TSLB_NODE_BYTES + second_node};
 }
 
-// Log a slot, and a slot's forward node. The functions called ask the same first; asked here, logging that is off costs
-// no call.
+// Log a slot, and a slot's forward node. The called functions test redo_is_on too; the test here saves the call while
+// logging is off.
 static inline void log_slot(dynarr_t *array, uint32_t idx) {
   if (redo_is_on(array)) tslb_redo_log_da(array, idx, NO_TXN, TSLB_REDO_SLOT);
 }
@@ -43,7 +42,7 @@ static inline void log_forward_node(dynarr_t *array, uint32_t idx) {
   if (redo_is_on(array)) tslb_redo_log_da_ex(array, idx, NO_TXN, TSLB_REDO_SLOT, 1);
 }
 
-// tslb_da_get_newptr of an array without lists. The clock is read for every slot, also for one that keeps no time.
+// tslb_da_get_newptr for an array without lists. The clock is read for every slot, also for arrays that store no time.
 static inline void *take_plain_slot(DynArrHandle_t *array, uint32_t *idx) {
   tslb_get_time(nullptr);
   void *slot_ptr;
@@ -56,16 +55,16 @@ static inline void *take_plain_slot(DynArrHandle_t *array, uint32_t *idx) {
 
 // ---- Out of line ---------------------------------------------------------------------------------------------------
 
-// tslb_da_get_newptr of an array with lists.
+// tslb_da_get_newptr for an array with lists.
 void *lists_take(dynarr_t *array, uint32_t *new_idx);
 
-// Takes a slot from the inactive list to the free one.
+// Moves a slot from the inactive list to the free list.
 void lists_free_inactive(dynarr_t *array, uint32_t idx, void *slot_ptr);
 
-// Starts the free list anew, after a report.
+// Reports a damaged free list and empties it.
 __attribute__((cold)) void lists_repair_free(dynarr_t *array);
 
-// The records of a slot that was freed, after the lock's release.
+// Writes the redo records of a slot that was freed, after the lock is released.
 __attribute__((noinline)) void lists_write_freed(dynarr_t *array, uint32_t idx);
 static inline void lists_log_freed(dynarr_t *array, uint32_t idx) {
   if (redo_is_on(array)) lists_write_freed(array, idx);
@@ -73,8 +72,8 @@ static inline void lists_log_freed(dynarr_t *array, uint32_t idx) {
 
 // ---- In line -------------------------------------------------------------------------------------------------------
 
-// Point a neighbour's forward or back link elsewhere, and log that whole slot. A stored index can name a slot that does
-// not exist, in an array that somebody else wrote: it is stepped over.
+// Change a neighbour's forward or back link, and log that whole slot. In an array that another program wrote, a stored
+// index can name a slot that does not exist. Such an index is skipped.
 static inline void lists_relink_next(const list_array_t &list, uint32_t idx, uint32_t next) {
   void *const slot_ptr = list.slot(idx);
   if (slot_ptr != nullptr) set32(fw_of(slot_ptr), &node_fw::next, next);
@@ -103,10 +102,10 @@ static inline void lists_append_free(const list_array_t &list, uint32_t idx, voi
   set32(fw_of(slot_ptr), &node_fw::next, TSLB_DA_NIL_IDX);
 }
 
-// tslb_da_free_idx under the lock, with its result; if that is 0, lists_log_freed is due behind it. For whoever has to
-// decide and free in one hold of the lock.
+// tslb_da_free_idx for callers that hold the lock; same result. After a result of 0 the caller calls lists_log_freed.
+// For callers that decide and free under one hold of the lock.
 static inline int lists_free(const list_array_t &list, uint32_t idx, void *slot_ptr) {
-  // Read under the lock: of two frees at the same moment the second one finds the slot free.
+  // Read under the lock: of two concurrent frees the second one finds the slot free.
   const uint32_t status = status_of(slot_ptr);
   if (__builtin_expect(status == TSLB_DA_SLOT_ACTIVE, 1))
     lists_append_free(list, idx, slot_ptr);
@@ -114,7 +113,7 @@ static inline int lists_free(const list_array_t &list, uint32_t idx, void *slot_
     return 1;
   else if (status == TSLB_DA_SLOT_INACTIVE)
     lists_free_inactive(list.array, idx, slot_ptr);
-  // Any other number is no status of this library: no list knows the slot, and none gets it.
+  // Other values are not statuses of this library: no list contains the slot, and it is added to none.
   set_gatekeeper(slot_ptr);
   TSLB_PROBE_SLOT_FREED(list.array, idx, slot_ptr);
   return 0;

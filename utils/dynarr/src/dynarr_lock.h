@@ -1,7 +1,6 @@
-// The spin lock of a handle: tslb_da_spin_lock16 and tslb_da_spin_unlock16, without the call around the host's swap.
-// Private.
+// The spin lock of a handle: tslb_da_spin_lock16 and tslb_da_spin_unlock16 as inline functions. Private.
 //
-// With TSLB_CHECK_INVARIANTS, lock_array and unlock_array check small arrays as well (dynarr_invariants.cpp).
+// With TSLB_CHECK_INVARIANTS, lock_array and unlock_array also check small arrays (dynarr_invariants.cpp).
 #ifndef DYNARR_LOCK_H
 #define DYNARR_LOCK_H
 

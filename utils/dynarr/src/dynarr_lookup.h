@@ -1,10 +1,11 @@
-// The lookup and the issue of ids, inlined where they are part of a hot path. Private.
+// Inline functions for lookup and for issuing ids. Private.
 #ifndef DYNARR_LOOKUP_H
 #define DYNARR_LOOKUP_H
 
 #include "dynarr_layout.h"
 
-// Byte `shift` of the slot of id `beyond` after the direct area. Makes the memory if it is missing. Null after a report.
+// Returns byte `shift` of the slot of id `beyond`, counted from the end of the direct area. Creates missing memory.
+// Returns null after a report.
 void *dynarr_record_beyond(DynArrHandle_t *array, uint32_t beyond, uint64_t slot_bytes, uint64_t shift);
 
 // Other processes can write the header of a mapped file, but not the handle.
@@ -12,7 +13,7 @@ static inline uint32_t n_direct_of(const DynArrHandle_t *array, const DynArrHdr_
   return array->mem_type == MPOOL_TYPE_SHM ? array->n_direct : hdr->n_direct;
 }
 
-// Byte `byte_off` of the slot of an id that was issued; `hdr` is the array's. Null after a report.
+// Returns byte `byte_off` of the slot of an issued id; `hdr` is the array's. Returns null after a report.
 static inline void *lookup_byte(DynArrHandle_t *array, DynArrHdr_t *hdr, uint32_t id, uint32_t slot_bytes,
                                 uint32_t byte_off) {
   const uint32_t n_direct = n_direct_of(array, hdr);
@@ -21,7 +22,8 @@ static inline void *lookup_byte(DynArrHandle_t *array, DynArrHdr_t *hdr, uint32_
   return dynarr_record_beyond(array, id - n_direct, slot_bytes, byte_off);
 }
 
-// Byte `byte_off` of the record of an id that was issued. A flag of 0 is tested first; see docs/performance.md, "Lookup".
+// Returns byte `byte_off` of the record of an issued id. Arrays without nodes are tested first; see
+// docs/performance.md, "Lookup".
 static inline void *lookup_issued(DynArrHandle_t *array, DynArrHdr_t *hdr, uint32_t id, uint8_t daflag,
                                   uint32_t byte_off = 0) {
   if (tslb_stored_shift(daflag) == 0) return lookup_byte(array, hdr, id, hdr->record_size, byte_off);
@@ -31,22 +33,23 @@ static inline void *lookup_issued(DynArrHandle_t *array, DynArrHdr_t *hdr, uint3
 // get_dyn_arr_record_position_ex, with an offset into the record.
 static inline void *lookup(DynArrHandle_t *array, uint32_t id, uint8_t daflag, uint32_t byte_off = 0) {
   DynArrHdr_t *const hdr = arr_hdr_of(array);
-  // Relaxed: a caller that was given the id sees a count above it. For all others it is a bound, not a publication.
+  // Relaxed: a caller that received the id sees a larger count. For other callers the count is only a bound; it
+  // publishes nothing.
   return id < get32(hdr, &DynArrHdr_t::n_used) ? lookup_issued(array, hdr, id, daflag, byte_off) : nullptr;
 }
 
-// The record of a slot, by the array's own flags.
+// Returns the record of a slot, using the array's own flags.
 static inline void *lookup_slot(DynArrHandle_t *array, uint32_t idx) {
   return lookup(array, idx, array->daflag);
 }
 
-// Slots that lie side by side: in the direct area or in one data block, from one of them on.
+// Consecutive slots in the direct area or in one data block.
 struct slot_run_t {
-  char *slot;      // null: memory was refused, which was reported
+  char *slot;      // null: memory was refused and the failure was reported
   uint32_t count;  // 0: no id below the end
 };
 
-// The run that begins at `idx` and ends before id `end`. A full scan does one lookup per block.
+// Returns the run that begins at `idx` and ends before id `end`. A full scan does one lookup per block.
 static inline slot_run_t run_at(DynArrHandle_t *array, uint32_t idx, uint32_t end) {
   if (idx >= end) return {nullptr, 0};
   const uint32_t n_direct = n_direct_of(array, arr_hdr_of(array));

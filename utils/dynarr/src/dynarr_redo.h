@@ -1,4 +1,4 @@
-// Whether and how the library writes redo records. Private.
+// Conditions and functions for the library's redo records. Private.
 #ifndef DYNARR_REDO_H
 #define DYNARR_REDO_H
 
@@ -12,7 +12,7 @@ static inline bool redo_log_exists() {
   return __atomic_load_n(&g_redo_handle, __ATOMIC_RELAXED) != nullptr;
 }
 
-// Only arrays in process memory are logged: the others have files, or are temporary.
+// Only arrays of MPOOL_TYPE_DRAM are logged: the others have files or are temporary.
 static inline bool redo_is_on(const DynArrHandle_t *array) {
   return redo_log_exists() && array->mem_type == MPOOL_TYPE_DRAM;
 }
@@ -22,7 +22,8 @@ static inline bool redo_is_on_by_name(const DynArrHandle_t *array) {
   return redo_is_on(array) && array->ctx_name[0] != '\0';
 }
 
-// The library's records of an array's header and of a slot's nodes. Callers ask one of the functions above first.
+// Write the library's records of an array's header and of a slot's nodes. Callers test one of the functions above
+// first.
 void redo_header(DynArrHandle_t *array, uint64_t txn_id = NO_TXN, char rec_type = TSLB_REDO_SLOT);
 void redo_nodes(DynArrHandle_t *array, uint32_t idx, void *slot_ptr);
 

@@ -1,17 +1,17 @@
-// The one walk over an array's data blocks, in id order: what sync, snapshot, iteration and release share. Private.
+// Walks an array's data blocks in id order. Used by sync and by the walks of tslb_dynarr_snapshot.cpp. Private.
 #ifndef DYNARR_WALK_H
 #define DYNARR_WALK_H
 
 #include "dynarr_layout.h"
 
-// Plain reads with acquire: tables only ever gain entries. A hole is what a lookup left that was refused memory; it is
-// stepped over.
+// Acquire loads: entries go from null to a pointer and never change again. An entry can stay null between others if a
+// lookup was refused memory. The walk skips it.
 static inline void *load_table_entry(void *const *entry) {
   return __atomic_load_n(entry, __ATOMIC_ACQUIRE);
 }
 
-// Visits what hangs below one table, `tiers` of tables above the blocks (this one counted). False if the visit ended
-// it.
+// Visits the blocks below one table. `tiers` is the number of table levels down to the blocks, this one included.
+// Returns false if the visit ended the walk.
 template <class Visit>
 static bool walk_table(void *const *table, unsigned tiers, unsigned level, Visit visit) {
   for (uint32_t i = 0; i < TSLB_ENTRIES_PER_TABLE; ++i) {
@@ -24,7 +24,7 @@ static bool walk_table(void *const *table, unsigned tiers, unsigned level, Visit
   return true;
 }
 
-// visit(block, level) says whether to go on. True if all levels were walked to their ends.
+// visit(block, level) returns false to end the walk. Returns true if all levels were walked to their ends.
 template <class Visit>
 static bool walk_data_blocks(const DynArrHandle_t *array, Visit visit) {
   void *const *const roots = reinterpret_cast<void *const *>(__atomic_load_n(&array->ir_base, __ATOMIC_ACQUIRE));

@@ -5,13 +5,13 @@
 
 #include "dynarr_lock.h"
 #include "dynarr_lookup.h"
-// The one call upward in the layers: pools and slot arrays have one creator, which knows both.
+// The only upward call in this file: pools and slot arrays have one creation function, which knows both.
 #include "tslb_dynmem.h"
 
 // ---- Creation -----------------------------------------------------------------------------------------------------
 
-// compat_flag of a slot array. It has no effect without a pool header, and says so to whoever reads a trace
-// of calls.
+// compat_flag of a slot array. Without a pool header it has no effect; it only identifies slot arrays in a trace of
+// calls.
 constexpr char NO_COMPAT = -2;
 
 dynarr_t *tslb_da_init_v5(int slot_sz, int n_slots, char pool_type, const char *ctx_name, int tbl_id) {
@@ -70,7 +70,7 @@ char *tslb_da_get_hdr_str(DynamicArray_t dyn_handle) {
   static thread_local char text[512];
   if (dyn_handle == nullptr) return nullptr;
   const DynArrHdr_t *const hdr = arr_hdr_of(dyn_handle);
-  // The numbers print signed, so that TSLB_DA_NIL_IDX shows as -1.
+  // Printed as signed numbers, so that TSLB_DA_NIL_IDX shows as -1.
   const auto shown = [](const auto *at, auto field) { return static_cast<int>(get32(at, field)); };
   const int used_len = snprintf(
       text, sizeof(text), "dyn_arr ptr[%p], da_flag[%d], n_alloc[%d], n_used[%d], n_direct[%d], record_size[%d]",

@@ -1,5 +1,6 @@
-// Slot allocation: free list, then inactive list, then a fresh id. With lists, everything from the choice of
-// the slot to its status happens under the handle's spin lock; a plain array has no lock on this path.
+// Slot allocation: from the free list, else from the inactive list, else a new id. In an array with lists, the choice
+// of the slot and the change of its status happen under one hold of the handle's spin lock. A plain array takes no lock
+// here.
 #include <stdio.h>
 #include <string.h>
 #include <time.h>
@@ -12,8 +13,8 @@
 #include "tslb_settings.h"
 #include "tslb_util.h"
 
-// Takes the head of the free list; null if the list gives none. A control block that contradicts itself (a
-// count without a head, a head without a count or without a slot) is passed over and left as it is.
+// Takes the head of the free list; null if it gives none. An inconsistent control block (a count without a head, a head
+// without a count or without a slot) is skipped and not changed.
 static inline void *take_free_head(const list_array_t &list, uint32_t *idx) {
   DynArrLLI_t *const lli = list.lli;
   const uint32_t head = get32(lli, &DynArrLLI_t::free_head);
@@ -34,8 +35,8 @@ static inline void *take_free_head(const list_array_t &list, uint32_t *idx) {
 
 // ---- Reuse of inactive slots --------------------------------------------------------------------------------------
 
-// Share of inactive slots in percent, cut: the quotient is formed first, so 29 of 100 come out as 28. Kept in 8 bits,
-// as the limits are.
+// Share of inactive slots in percent, rounded down. The quotient is computed first, so 29 of 100 gives 28. The result
+// has 8 bits, like the limits.
 static uint8_t inactive_percent(uint32_t n_inact, uint32_t n_used) {
   if (n_used == 0) return 0;
   return static_cast<uint8_t>(
@@ -47,10 +48,10 @@ static bool passes(tsdb_inactive_thshld_policy_t set, uint32_t n_used, uint32_t 
          (percent >= set.inactive_threshold_pct || n_inact >= set.inactive_threshold_cnt);
 }
 
-// Whether enough of the array lies idle for its policy, which is in use, to take inactive slots back.
+// Returns whether the share or count of inactive slots allows reuse under the array's policy. The policy is in use.
 static inline bool policy_wants_reuse(const list_array_t &list) {
   const DynArrLLI_t *const lli = list.lli;
-  const tsdb_mem_pressure_config_t policy = lli->mem_pressure_conf;  // stored unaligned: no reference to it
+  const tsdb_mem_pressure_config_t policy = lli->mem_pressure_conf;  // a copy: the field is not aligned
   const uint32_t n_inact = get32(lli, &DynArrLLI_t::n_inact);
   if (n_inact == 0 || get32(lli, &DynArrLLI_t::inact_head) == TSLB_DA_NIL_IDX) return false;
   const uint32_t n_used = get32(list.hdr, &DynArrHdr_t::n_used);
@@ -58,8 +59,8 @@ static inline bool policy_wants_reuse(const list_array_t &list) {
   return passes(policy.major, n_used, n_inact, percent) || passes(policy.critical, n_used, n_inact, percent);
 }
 
-// Takes the head of the inactive list if policy and age allow it; null if not. `*head_ts` is the head's time whenever a
-// head was looked at. No other slot is: the head has been inactive for longest.
+// Takes the head of the inactive list if policy and age allow it; else returns null. `*head_ts` receives the head's
+// time if a head was examined. No other slot is examined: the head has been inactive longest.
 __attribute__((always_inline)) static inline void *take_inactive_head(const list_array_t &list, uint32_t *idx,
                                                                       uint32_t *head_ts) {
   DynArrLLI_t *const lli = list.lli;
@@ -68,7 +69,7 @@ __attribute__((always_inline)) static inline void *take_inactive_head(const list
   void *const slot_ptr = list.slot(head);
   if (slot_ptr == nullptr) return nullptr;
   *head_ts = get32(list.bw(slot_ptr), &node_bw::ts);
-  // The limit comes from `critical` whichever set passed.
+  // The age limit comes from `critical`, whichever set passed.
   const uint32_t min_age = lli->mem_pressure_conf.critical.min_days_since_inactive;
   if (tslb_validate_days_since_node_inact(*head_ts, static_cast<int>(min_age)) == 0) return nullptr;
 
@@ -85,7 +86,7 @@ __attribute__((always_inline)) static inline void *take_inactive_head(const list
   return slot_ptr;
 }
 
-// Days in name only: both sides are seconds of the library's clock. Single precision is part of the answer.
+// Both values are seconds of the library's clock, in spite of the name. The result depends on single precision.
 int tslb_validate_days_since_node_inact(time_t node_ts, int days_since_node_for_reuse) {
   const float time_duration = static_cast<float>(difftime(tslb_get_time(nullptr), node_ts));
   const int32_t seconds = time_duration >= 0x1p31f    ? INT32_MAX
@@ -109,7 +110,7 @@ void tslb_da_register_reuse_policy(dynarr_t *handle_dynarr, tsdb_mem_pressure_co
 
 // ---- Allocation ---------------------------------------------------------------------------------------------------
 
-// Status last: a reader that finds the slot active finds its links settled.
+// Status last: a reader that sees the slot active also sees its links.
 static inline void write_nodes(const list_array_t &list, void *slot_ptr, uint32_t now) {
   if (list.has_inactive_list()) {
     node_bw *const bw = list.bw(slot_ptr);
@@ -120,16 +121,16 @@ static inline void write_nodes(const list_array_t &list, void *slot_ptr, uint32_
   set_status(slot_ptr, TSLB_DA_SLOT_ACTIVE);
 }
 
-// What an allocation took, and what the slot was before.
-struct taken_t {
+// Result of an allocation, with the slot's previous state.
+struct allocation_t {
   void *slot_ptr;  // null: the array is full or memory was refused
   uint32_t idx;
   uint32_t last_ts;
   uint8_t last_status;
 };
 
-// The first two words of a payload are what others look at without the lock: the gatekeeper word, and a memory slot's
-// counters. Each changes whole; the rest has no reader.
+// Other threads read the first two words of a payload without the lock: the gatekeeper word and a memory slot's
+// counters. Each word changes in one store. The other bytes have no concurrent reader.
 static inline void clear_payload(void *payload, uint32_t record_size) {
   if (__builtin_expect(record_size >= 8, 1)) {
     __atomic_store_n(static_cast<uint64_t *>(payload), 0, __ATOMIC_RELAXED);
@@ -140,10 +141,9 @@ static inline void clear_payload(void *payload, uint32_t record_size) {
   }
 }
 
-// Takes a slot: a free one, else an inactive one that the policy gives back, else a fresh one. Its payload is what it
-// was.
+// Takes a free slot, else an inactive slot that the policy allows, else a new id. Does not change the payload.
 __attribute__((always_inline)) static inline void choose_slot(const list_array_t &list, uint32_t now, bool may_reuse,
-                                                              taken_t *taken) {
+                                                              allocation_t *taken) {
   *taken = {nullptr, TSLB_DA_NIL_IDX, now, TSLB_DA_SLOT_FREE};
   taken->slot_ptr = take_free_head(list, &taken->idx);
   if (taken->slot_ptr != nullptr) return;
@@ -157,12 +157,12 @@ __attribute__((always_inline)) static inline void choose_slot(const list_array_t
   taken->last_status = TSLB_DA_SLOT_UNSET;
 }
 
-// A slot of a list array, its nodes written. The payload of a used one goes to `last_value` if that is not null. Under
-// the lock.
-__attribute__((always_inline)) static inline taken_t take_slot(dynarr_t *array, uint32_t now, bool may_reuse,
-                                                               void *last_value) {
+// Takes a slot of an array with lists and writes its nodes. Copies the payload of a used slot to `last_value` if that
+// is not null. The caller holds the lock.
+__attribute__((always_inline)) static inline allocation_t take_slot(dynarr_t *array, uint32_t now, bool may_reuse,
+                                                                    void *last_value) {
   const list_array_t list = list_array_of(array);
-  taken_t taken;
+  allocation_t taken;
   choose_slot(list, now, may_reuse, &taken);
   if (taken.slot_ptr == nullptr) return taken;
   if (taken.last_status != TSLB_DA_SLOT_UNSET) {
@@ -174,13 +174,13 @@ __attribute__((always_inline)) static inline taken_t take_slot(dynarr_t *array, 
   return taken;
 }
 
-// In line in a function for each use, so that none asks at both ends whether its caller holds the lock.
+// Inlined once per use of the lock; see docs/performance.md, "Slot taken and freed".
 enum lock_use_t { CALLER_HOLDS_LOCK, TAKES_LOCK };
 __attribute__((always_inline)) static inline void *take_and_log(dynarr_t *array, uint32_t *new_idx,
                                                                 lock_use_t lock_use) {
   const uint32_t now = static_cast<uint32_t>(tslb_get_time(nullptr));
   if (lock_use == TAKES_LOCK) lock_array(array);
-  const taken_t taken = take_slot(array, now, true, nullptr);
+  const allocation_t taken = take_slot(array, now, true, nullptr);
   if (lock_use == TAKES_LOCK) unlock_array(array);
   if (taken.slot_ptr != nullptr) {
     if (redo_is_on_by_name(array)) {
@@ -221,7 +221,7 @@ void *tslb_da_get_newptr_inll(dynarr_t *handle_dynarr, uint32_t *new_idx, uint32
 void *tslb_da_get_newptr_inll_ex(dynarr_t *handle_dynarr, uint32_t *new_idx, uint32_t *slot_last_ts,
                                  uint8_t *slot_last_status, void *last_slot_val) {
   const uint32_t now = static_cast<uint32_t>(tslb_get_time(nullptr));
-  taken_t taken = {nullptr, TSLB_DA_NIL_IDX, now, TSLB_DA_SLOT_UNSET};
+  allocation_t taken = {nullptr, TSLB_DA_NIL_IDX, now, TSLB_DA_SLOT_UNSET};
   if (!has_lists(handle_dynarr)) {
     taken.idx = static_cast<uint32_t>(new_record_id(handle_dynarr, &taken.slot_ptr, handle_dynarr->daflag));
   } else {

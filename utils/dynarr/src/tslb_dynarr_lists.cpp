@@ -1,6 +1,6 @@
-// Life of a slot after allocation: freed, inactivated, activated, looked at. Lists are joined at their tail and left by
-// the links in the slot, so nothing here walks. Roots, counters and nodes change under the handle's spin lock; records
-// of a slot's neighbours are logged under it, the slot's own after its release.
+// Operations on slots after allocation: free, inactivate, activate, inspect. Slots join a list at its tail and leave it
+// by their own links, so no list is walked. Roots, counters and nodes change under the handle's spin lock. Redo records
+// of a slot's neighbours are written under it; records of the slot itself after it is released.
 #include <stdio.h>
 
 #include "dynarr_lists.h"
@@ -8,9 +8,10 @@
 #include "tslb_probes.h"
 #include "tslb_report.h"
 
-// ---- List surgery -------------------------------------------------------------------------------------------------
+// ---- List operations ----------------------------------------------------------------------------------------------
 
-// A count without a head is a list that was lost: it is started anew. Its slots keep their status, out of reach.
+// A count without a head means that the list is lost. It is emptied. Its slots keep their status and are not used
+// again.
 void lists_repair_free(dynarr_t *array) {
   DynArrLLI_t *const lli = lli_of(array);
   fprintf(stderr,
@@ -49,8 +50,8 @@ static inline void append_inactive(const list_array_t &list, uint32_t idx, void 
   set32(lli, &DynArrLLI_t::n_inact, get32(lli, &DynArrLLI_t::n_inact) + 1);
 }
 
-// Takes a slot out of the inactive list from wherever it stands: two tests cover head, tail, middle and only member.
-static void leave_inactive(const list_array_t &list, void *slot_ptr, uint32_t status) {
+// Removes a slot from the inactive list. The two tests cover the head, the tail, the middle and the only member.
+static void remove_from_inactive(const list_array_t &list, void *slot_ptr, uint32_t status) {
   DynArrLLI_t *const lli = list.lli;
   node_fw *const fw = fw_of(slot_ptr);
   node_bw *const bw = list.bw(slot_ptr);
@@ -73,7 +74,7 @@ static void leave_inactive(const list_array_t &list, void *slot_ptr, uint32_t st
 
 void lists_free_inactive(dynarr_t *array, uint32_t idx, void *slot_ptr) {
   const list_array_t list = list_array_of(array);
-  leave_inactive(list, slot_ptr, TSLB_DA_SLOT_FREE);
+  remove_from_inactive(list, slot_ptr, TSLB_DA_SLOT_FREE);
   lists_append_free(list, idx, slot_ptr);
 }
 
@@ -100,8 +101,9 @@ int tslb_da_free_idx(dynarr_t *handle_dynarr, uint32_t idx) {
 
 // ---- Inactivate and activate --------------------------------------------------------------------------------------
 
-// Takes the lock if the slot has the status that the caller wants to change, and holds it then. The first look is
-// without the lock, so that a refusal costs none; the second confirms it against a rival.
+// Takes the lock if the slot has the status `wanted`, and returns true with the lock held. The status is tested first
+// without the lock, so that a refusal takes no lock, and again under the lock, since another thread may have changed
+// it.
 static bool lock_if_status(dynarr_t *array, const void *slot_ptr, uint32_t wanted, uint32_t *status) {
   if ((*status = status_of(slot_ptr)) != wanted) return false;
   lock_array(array);
@@ -150,7 +152,7 @@ int tslb_da_activate_idx(dynarr_t *handle_dynarr, uint32_t idx) {
             TSLB_FILE_LINE_FUNC, idx, status);
     return 1;
   }
-  leave_inactive(list, slot_ptr, TSLB_DA_SLOT_ACTIVE);
+  remove_from_inactive(list, slot_ptr, TSLB_DA_SLOT_ACTIVE);
   unlock_array(handle_dynarr);
   log_slot(handle_dynarr, idx);
   return 0;

@@ -1,7 +1,6 @@
-// Redo records of slots and headers: which bytes of the flat image, and where they lie in memory now.
+// Redo records of slots and headers: offsets in the flat image, and the bytes in memory.
 //
-// Positions are 64-bit sums. Below 4 GiB of image that is what any log has always held; above it, a narrower
-// sum would name the wrong bytes.
+// Offsets are 64-bit sums: in an image of 4 GiB or more a 32-bit sum would name the wrong bytes.
 #include "dynarr_lookup.h"
 #include "dynarr_redo.h"
 #include "tslb_dynarr.h"
@@ -54,7 +53,7 @@ void tslb_redo_log_da_internal(dynarr_t *h_dynarr, unsigned int sidx, uint64_t t
     write_record(h_dynarr, txn_id, rec_type, base + shift + static_cast<uint32_t>(field_offset),
                  slot_ptr + field_offset, static_cast<uint32_t>(field_size));
   } else {
-    // A plain slot can be shorter than a node; what follows it is another slot's or nobody's.
+    // A plain slot can be shorter than a node. The bytes after it are not part of it.
     const uint32_t slot_bytes = slot_bytes_of(h_dynarr);
     const bool node_only = rec_hdr_only != 0 && slot_bytes > TSLB_NODE_BYTES;
     write_record(h_dynarr, txn_id, rec_type, base, slot_ptr - shift, node_only ? TSLB_NODE_BYTES : slot_bytes);

@@ -1,5 +1,5 @@
-// Walks for the host: each block to a callback, or to a descriptor. What the second writes is the array's flat image,
-// cut behind the last slot: the one stored form of an array as a whole.
+// Walks for the host: one passes each block to a callback, the other writes each block to a descriptor. The second
+// writes the array's flat image up to its last slot, the stored form of a whole array.
 #include <errno.h>
 #include <stdio.h>
 #include <string.h>
@@ -12,26 +12,26 @@
 #include "tslb_rd_api.h"
 #include "tslb_settings.h"
 
-// A block of the walk, and its slots that are in use.
-struct walked_block_t {
+// A block of the walk and its slots in use.
+struct used_block_t {
   void *at;  // block 0: its headers
   int n_block_elem;
   int hdr_size;         // bytes of headers at the block's start
   unsigned level;       // 0 for block 0
-  bool ends_the_array;  // no slot is left behind it
+  bool ends_the_array;  // no later slot is in use
 };
 
 enum walk_end_t { WALK_ENDED, WALK_RAN_OUT };
 
-// deal(block) ends the walk with a result other than 0. Slots behind the count read here are not reached.
+// deal(block) returns a value other than 0 to end the walk. Slots issued after n_used is read here are not visited.
 template <class Deal>
 static walk_end_t walk_blocks(DynArrHandle_t *array, Deal deal) {
   const DynArrHdr_t *const hdr = arr_hdr_of(array);
   const uint32_t n_used = get32(hdr, &DynArrHdr_t::n_used);
   int num_elem_left = static_cast<int>(n_used);
   const int in_block0 = static_cast<int>(hdr->n_direct < n_used ? hdr->n_direct : n_used);
-  const int outcome = deal(walked_block_t{array->arr_base, in_block0, static_cast<int>(header_bytes_of(array)), 0,
-                                          num_elem_left == in_block0});
+  const int outcome = deal(used_block_t{array->arr_base, in_block0, static_cast<int>(header_bytes_of(array)), 0,
+                                        num_elem_left == in_block0});
   num_elem_left -= in_block0;
   if (num_elem_left == 0 || outcome != 0 || __atomic_load_n(&array->ir_base, __ATOMIC_ACQUIRE) == nullptr)
     return WALK_ENDED;
@@ -39,14 +39,14 @@ static walk_end_t walk_blocks(DynArrHandle_t *array, Deal deal) {
   const bool ran_out = walk_data_blocks(array, [&](void *block, unsigned level) {
     const int per_block = static_cast<int>(TSLB_SLOTS_PER_BLOCK);
     const int in_block = num_elem_left <= per_block ? num_elem_left : per_block;
-    const bool goes_on = deal(walked_block_t{block, in_block, 0, level, num_elem_left == in_block}) == 0;
+    const bool goes_on = deal(used_block_t{block, in_block, 0, level, num_elem_left == in_block}) == 0;
     num_elem_left -= in_block;
     return goes_on && num_elem_left != 0;
   });
   return ran_out ? WALK_RAN_OUT : WALK_ENDED;
 }
 
-static size_t bytes_of(const walked_block_t &block, uint32_t slot_bytes) {
+static size_t bytes_of(const used_block_t &block, uint32_t slot_bytes) {
   return static_cast<uint32_t>(block.hdr_size) + static_cast<uint32_t>(block.n_block_elem) * slot_bytes;
 }
 
@@ -56,7 +56,7 @@ void tslb_iterate_dyn_array_blocks(DynamicArray_t dyn_handle, tslb_dyn_arr_block
                                    void *user_data) {
   const uint32_t slot_bytes = slot_bytes_of(dyn_handle);
   const int record_size = static_cast<int>(arr_hdr_of(dyn_handle)->record_size);
-  walk_blocks(dyn_handle, [&](const walked_block_t &block) {
+  walk_blocks(dyn_handle, [&](const used_block_t &block) {
     return iterator_fn(dyn_handle, block.at, block.n_block_elem, bytes_of(block, slot_bytes), block.hdr_size,
                        static_cast<int>(block.level), record_size, 0, user_data);
   });
@@ -89,8 +89,8 @@ int tslb_dump_data_into_dds_file(const char *ctx_name, void *blk_ptr, int num_el
   return static_cast<uint32_t>(*num_elem_dumped) >= get32(dyn_handle_hdr, &DynArrHdr_t::n_used) ? 1 : 0;
 }
 
-// Bytes of the array's last slot that are worth storing, where the host has asked for a cut: what the pool's cursor has
-// reached, if that slot is the current one. 0: the slot is stored whole.
+// Returns the number of bytes of the array's last slot to store, if the host enabled the cut: the bytes below the
+// pool's cursor, if that slot is current. 0: the slot is stored whole.
 static uint32_t short_last_slot_bytes(const DynArrHandle_t *array) {
   const int32_t tbl_id = static_cast<int32_t>(array->tbl_id);
   const uint8_t test_mode = static_cast<uint8_t>(tslb_test_mode);
@@ -110,7 +110,7 @@ int tslb_create_dump_for_dynarr(DynamicArray_t dyn_handle, int fd, uint8_t, size
   const uint32_t last_slot_byte_off = short_last_slot_bytes(dyn_handle);
   int num_elem_dumped = 0;
   int outcome = 0;
-  const walk_end_t end = walk_blocks(dyn_handle, [&](const walked_block_t &block) {
+  const walk_end_t end = walk_blocks(dyn_handle, [&](const used_block_t &block) {
     outcome = tslb_dump_data_into_dds_file(dyn_handle->ctx_name, block.at, block.n_block_elem, arr_hdr_of(dyn_handle),
                                            static_cast<int>(block.level), block.hdr_size, slot_bytes, fd,
                                            &num_elem_dumped, block.ends_the_array ? last_slot_byte_off : 0);
@@ -118,6 +118,6 @@ int tslb_create_dump_for_dynarr(DynamicArray_t dyn_handle, int fd, uint8_t, size
     if (outcome >= 0) TSLB_PROBE_SNAPSHOT_BLOCK(dyn_handle, block.level, block.at, bytes_of(block, slot_bytes));
     return outcome;
   });
-  // After a failed write too: a host must not take a broken stream for a whole one.
+  // A failed write also returns -1: the host must not use an incomplete stream.
   return end == WALK_RAN_OUT || outcome < 0 ? -1 : 0;
 }

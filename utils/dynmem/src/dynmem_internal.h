@@ -1,4 +1,4 @@
-// What the modules of the chunk pool share. Private: never installed.
+// Functions shared by the modules of the chunk pool. Private: never installed.
 #ifndef DYNMEM_INTERNAL_H
 #define DYNMEM_INTERNAL_H
 
@@ -11,7 +11,7 @@ static_assert(offsetof(DynMemHdr_t, cur_slot_addr) == TSLB_POOL_CURSOR_AT &&
 static_assert(sizeof(DynMemHdr_t) == TSLB_POOL_HDR_BYTES && sizeof(MemSlot_t) == TSLB_MEM_SLOT_HDR_BYTES);
 static_assert(sizeof(compat_t) == TSLB_COMPAT_BYTES && sizeof(compat64_t) == TSLB_COMPAT_BYTES);
 
-// Always aligned: it stands 8 bytes into block 0, ahead of everything of odd length.
+// Always aligned: it starts at byte 8 of block 0, before any part of odd length.
 static inline DynMemHdr_t *pool_hdr_of(const dynmem_t *pool) {
   return static_cast<DynMemHdr_t *>(user_hdr_of(pool));
 }
@@ -23,7 +23,7 @@ static inline bool is_bitvector(const DynMemHdr_t *hdr) {
   return (hdr->flag & MPOOL_FLAG_BV) != 0;
 }
 
-// A ring goes round its slots once all of them exist, whatever the lists say.
+// A ring reuses its slots in turn once all of them exist, whatever the lists contain.
 static inline bool is_ring(const dynmem_t *pool) {
   return is_bitvector(pool_hdr_of(pool)) && pool->mem_type == MPOOL_TYPE_DRAM_TMP;
 }
@@ -48,22 +48,23 @@ static inline tslb_chunk_place_t decode_address(const DynMemHdr_t *hdr, maddr_t 
                            : tslb_stored_decode_bigbuffer(word_of(address));
 }
 
-// ---- Slots that were left before they were settled ------------------------------------------------------------------
-// A list of notes in the handle's module state, under the spin lock.
+// ---- Unsettled slots ------------------------------------------------------------------------------------------------
+// An unsettled slot stopped being current before all reservations in it had reached its counter. The handle's module
+// state holds a list of notes, one per unsettled slot, under the spin lock.
 
-// Notes that a slot stopped being current with `end.byte_off` bytes reserved in it, if not all of them have reached its
-// counter yet.
-void note_slot_left(dynmem_t *pool, tslb_chunk_place_t end);
+// Adds a note if not all of the `end.byte_off` bytes reserved in a slot that stopped being current have reached its
+// counter.
+void note_if_unsettled(dynmem_t *pool, tslb_chunk_place_t end);
 
-// Drops what was noted of an index whose slot becomes current again: a host can free a slot itself, and a note of its
-// earlier use would keep the new one from being released.
-void forget_notes_of(dynmem_t *pool, uint32_t slot_idx);
+// Drops the notes of a slot that becomes current again. A host can free a slot itself, and a note of its earlier use
+// would keep it from being released.
+void drop_existing_notes_of(dynmem_t *pool, uint32_t slot_idx);
 
 static inline bool has_notes(dynmem_t *pool) {
   return private_of(pool)->module_state != nullptr;
 }
-static inline void forget_slot_left(dynmem_t *pool, uint32_t slot_idx) {
-  if (has_notes(pool)) forget_notes_of(pool, slot_idx);
+static inline void drop_notes_of(dynmem_t *pool, uint32_t slot_idx) {
+  if (has_notes(pool)) drop_existing_notes_of(pool, slot_idx);
 }
 
 static inline MemSlot_t *slot_of(dynmem_t *pool, uint32_t slot_idx) {

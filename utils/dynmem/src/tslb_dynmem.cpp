@@ -14,7 +14,7 @@ __thread int g_mpool_hdr_str_sz;
 
 // ---- Creation -----------------------------------------------------------------------------------------------------
 
-// Record size of a pool: its slot header and the usable bytes, rounded up to a multiple of 4. A negative wish
+// Returns the record size of a pool: slot header and usable bytes, rounded up to a multiple of 4. A negative request
 // stays negative and one beyond 31 bits stays too large, so that array creation refuses both.
 static int record_bytes_of(int mslot_sz) {
   if (mslot_sz < 0) return mslot_sz;
@@ -28,7 +28,7 @@ static void fill_pool_hdr(dynmem_t *pool, uint64_t direct_bytes, int record_byte
   hdr->cur_slot_addr = tslb_stored_cursor(TSLB_DA_NIL_IDX, 0);
   hdr->total_msz = direct_bytes + header_bytes_of(pool);
   hdr->mslot_sz = static_cast<uint32_t>(record_bytes) - static_cast<uint32_t>(sizeof(MemSlot_t));
-  // Bits that the two arguments carry beyond the known ones stay; only this one is the library's to say.
+  // Unknown bits in the two arguments are kept. Only MPOOL_FLAG_PERSIST is decided by the library.
   hdr->flag = static_cast<char>(growth_logged ? flag_bits | MPOOL_FLAG_PERSIST : flag_bits & ~MPOOL_FLAG_PERSIST);
   hdr->max_slots = max_slots;
 }
@@ -43,7 +43,7 @@ dynmem_t *tslb_init_dynmem_ex1(int mslot_sz, int num_mslot, char compat_flag, un
                                                      tbl_id, ctx_name, daflag, rec_version);
   if (pool == nullptr) return nullptr;
 
-  // Without the slots' nodes: this figure counts what chunks and records can use.
+  // Without the slots' nodes: the figure counts bytes that chunks and records can use.
   const uint64_t direct_bytes = static_cast<uint64_t>(tot_mslot_sz) * static_cast<uint64_t>(num_mslot);
   get_and_inc64(&g_mem_st.total_msz, direct_bytes);
   get_and_inc64(&g_mem_st.pool_hdr_overhead, header_bytes_of(pool));
@@ -51,8 +51,8 @@ dynmem_t *tslb_init_dynmem_ex1(int mslot_sz, int num_mslot, char compat_flag, un
     fill_pool_hdr(pool, direct_bytes, tot_mslot_sz, static_cast<char>(compat_flag | slot_type), is_persist == 1,
                   max_slots);
 
-  // Whatever the memory type, unlike the slot layer's records: is_persist is the caller's wish. Under the handle's
-  // name, as all later records of the array.
+  // For every memory type, unlike the slot layer's records: the caller asks for it with is_persist. The record has the
+  // handle's name, like all later records of the array.
   if (redo_log_exists() && pool->ctx_name[0] != '\0' && is_persist != 0) redo_header(pool);
   return pool;
 }
@@ -74,7 +74,7 @@ int tslb_dynmem_get_hdrsz(dynmem_t *dynmem_handle) {
 
 // ---- Diagnostics --------------------------------------------------------------------------------------------------
 
-// Formats behind what a buffer holds already, and never past its end.
+// Appends formatted text to a buffer, never past its end.
 struct line_t {
   char *text;
   size_t room;
@@ -162,7 +162,7 @@ char *tslb_print_poolhdr(void *h_pool) {
   const DynHdr_t *const hdr = dyn_hdr_of(array);
   line_t line = {g_mpool_hdr_str, sizeof(g_mpool_hdr_str) - 1, 0};
   append_handle(&line, array);
-  // A shorter user header is not a pool's, and reading it as one would leave block 0.
+  // A shorter user header is not a pool's. Reading it as one would read past block 0.
   append_pool_hdr(&line, hdr->hdr_size >= sizeof(DynMemHdr_t) ? pool_hdr_of(array) : nullptr);
   if (hdr->lli_sz != 0) {
     append_list_roots(&line, lli_of(array));

@@ -1,6 +1,6 @@
-// Chunk allocation. Bytes of the current slot are won by one swap of the pool's cursor; only the change to a
-// new slot takes the handle's spin lock. One reservation serves both address widths: an address policy says
-// how a chunk is named and what happens when the current slot has no room.
+// Chunk allocation. A swap of the pool's cursor reserves bytes of the current slot; only the change to another slot
+// takes the handle's spin lock. Both address widths use the same reservation. An address policy defines how a chunk is
+// named and what happens if the current slot has no room.
 #include <stdio.h>
 #include <stdlib.h>
 
@@ -11,16 +11,16 @@
 #include "tslb_probes.h"
 #include "tslb_report.h"
 
-// The pool promises to stop when the array below has no slot for it: in every build.
+// A pool must stop the process in every build if its array has no slot.
 #undef NDEBUG
 #include <assert.h>
 
-constexpr uint32_t CHUNK_OVERHEAD = 16;  // what total_mwast counts for a chunk, with or without a compaction header
-constexpr uint32_t SLOT_OVERHEAD = 8;    // and for a slot that made the pool grow
+constexpr uint32_t CHUNK_OVERHEAD = 16;  // total_mwast counts this for a chunk, with or without a compaction header
+constexpr uint32_t SLOT_OVERHEAD = 8;    // and this for a slot that made the pool grow
 
-constexpr uint32_t BITVEC_WARN_SLOTS = 255;  // a warning each time so many have been filled
+constexpr uint32_t BITVEC_WARN_SLOTS = 255;  // a warning after each such number of filled slots
 
-// Reports name the public function, whichever helper writes them.
+// Messages name the public function, whichever helper writes them.
 constexpr const char *ALLOCATOR32 = "tslb_dynmem_get_mchunk";
 
 // ---- Reservation --------------------------------------------------------------------------------------------------
@@ -42,7 +42,7 @@ static inline claim_t try_claim(DynMemHdr_t *hdr, uint32_t len, uint32_t last_sl
   return cas64(&hdr->cur_slot_addr, *seen, *seen + tslb_stored_cursor(0, len)) != 0 ? CLAIM_WON : CLAIM_RACED;
 }
 
-// What a caller does when the current slot has no room.
+// What the allocator does if the current slot has no room.
 enum no_room_t { CHANGE_SLOT, TRY_AGAIN, REFUSE };
 
 [[noreturn]] __attribute__((noinline, cold)) static void stop_exhausted(dynmem_t *pool) {
@@ -55,7 +55,7 @@ enum no_room_t { CHANGE_SLOT, TRY_AGAIN, REFUSE };
   abort();
 }
 
-// Where a ring goes from a slot. Slots above the ring hold 64-bit chunks of the same pool.
+// Returns the slot that follows a slot in a ring. Slots above the ring hold 64-bit chunks of the same pool.
 static uint32_t slot_after(uint32_t slot_idx) {
   return slot_idx >= TSLB_RING_SLOTS - 1 && slot_idx != TSLB_DA_NIL_IDX ? 0 : slot_idx + 1;
 }
@@ -66,8 +66,8 @@ static no_room_t no_room_in_ring(uint32_t slot_idx) {
 }
 
 // Moves the cursor of a complete ring from `seen` to the next slot. One attempt: it fails if another thread reserved in
-// the old slot meanwhile, and the caller's next attempt sees the cursor as it is then. Under the lock, like every change
-// of the cursor's slot.
+// the old slot meanwhile, and the caller's next attempt reads the cursor again. Called under the lock, like every
+// change of the cursor's slot.
 static void step_ring(dynmem_t *pool, DynMemHdr_t *hdr, uint64_t seen) {
   const uint32_t next_slot = slot_after(tslb_stored_cursor_slot(seen));
   if (cas64(&hdr->cur_slot_addr, seen, tslb_stored_cursor(next_slot, 0)) != 0)
@@ -84,17 +84,19 @@ static no_room_t no_room_in_bitvector(dynmem_t *pool, uint32_t slot_idx) {
 
 static no_room_t no_room_in_bigbuffer(dynmem_t *pool, DynMemHdr_t *hdr, uint64_t seen) {
   if (tslb_stored_cursor_slot(seen) == TSLB_BIGBUF_LAST_SLOT) stop_exhausted(pool);
-  // Compared with the slots that memory exists for, and sign-extended: a negative limit never limits.
+  // The limit is compared with the number of slots whose memory exists. It is sign-extended, so a negative limit never
+  // applies.
   const bool at_limit = hdr->max_slots != 0 && get32(arr_hdr_of(pool), &DynArrHdr_t::n_alloc) >=
                                                    static_cast<uint32_t>(int32_t{hdr->max_slots});
   if (!at_limit) return CHANGE_SLOT;
-  // The slot that brought the pool to its limit can be a new current slot, with room: the cursor shows it.
+  // The slot with which the pool reached its limit can be a new current slot with room. The cursor shows whether it
+  // changed.
   return get64(hdr, &DynMemHdr_t::cur_slot_addr) == seen ? REFUSE : TRY_AGAIN;
 }
 
 // ---- Address policies ---------------------------------------------------------------------------------------------
 
-// Chunks named by 32 bits, whose reading and limits depend on the pool's kind.
+// Chunks with 32-bit addresses. Their form and limits depend on the pool's kind.
 struct address32_t {
   using name_t = maddr_t;
   using source_t = srcaddr_t;
@@ -106,22 +108,22 @@ struct address32_t {
     if (is_bitvector(hdr)) return no_room_in_bitvector(pool, tslb_stored_cursor_slot(seen));
     return no_room_in_bigbuffer(pool, hdr, seen);
   }
-  static bool goes_round(const dynmem_t *pool) { return is_complete_ring(pool); }
+  static bool steps_ring(const dynmem_t *pool) { return is_complete_ring(pool); }
 
-  // In a pool with lists the current slot can be a reused one below the limit while the ids stand at it: then it is
-  // the fresh index that no address can have.
+  // In a pool with lists the current slot can be a reused slot below the limit although all ids below the limit are
+  // issued. The next new slot then has an index that no address can name.
   static uint32_t last_slot(const DynMemHdr_t *hdr) {
     return is_bitvector(hdr) ? TSLB_BITVEC_LAST_SLOT : TSLB_BIGBUF_LAST_SLOT;
   }
 
-  // The expression is what the process says when it stops.
+  // The message of the assertion shows this expression.
   static void assert_slot(MemSlot_t *slot) {
     MemSlot_t **const mslot_ref = &slot;
     assert(*mslot_ref);
   }
 
-  // Bytes of the pool up to the new slot, and whether that is news: a slot from the free list can lie below
-  // others.
+  // grown_size returns the bytes of the pool up to the new slot. counts_growth is false if the pool was larger already:
+  // a slot from the free list can lie below others.
   static uint32_t grown_size(dynmem_t *pool, uint32_t slot_idx) {
     return slot_bytes_of(pool) * (slot_idx + 1) + header_bytes_of(pool);
   }
@@ -129,12 +131,13 @@ struct address32_t {
 
   static tslb_chunk_place_t name(const DynMemHdr_t *hdr, maddr_t *maddr, tslb_chunk_place_t place) {
     *maddr = encode_address(hdr, place);
-    // As the address reads: in a bit-vector pool an odd length would leave the chunk where no address points.
+    // The chunk lies where the decoded address points. In a bit-vector pool an odd length would otherwise put it
+    // elsewhere.
     return {place.slot_idx, decode_address(hdr, *maddr).byte_off};
   }
 };
 
-// Chunks named by 64 bits, alike in pools of every kind: no limit, no warning, no ring.
+// Chunks with 64-bit addresses. The same in pools of every kind: no limit, no warning, no ring.
 struct address64_t {
   using name_t = maddr64_t;
   using source_t = srcaddr64_t;
@@ -142,11 +145,11 @@ struct address64_t {
   static constexpr const char *FUNCTION = "tslb_dynmem_get_mchunk64";
 
   static no_room_t no_room(dynmem_t *, DynMemHdr_t *, uint64_t) { return CHANGE_SLOT; }
-  static bool goes_round(const dynmem_t *) { return false; }
+  static bool steps_ring(const dynmem_t *) { return false; }
   static uint32_t last_slot(const DynMemHdr_t *) { return TSLB_DA_NIL_IDX - 1; }
   static void assert_slot(MemSlot_t *cur_mslot) { assert(cur_mslot); }
 
-  // Without the slots' nodes, and told for every new slot: one below the highest lowers the figure.
+  // Without the slots' nodes, and set for every new slot: a slot below the highest lowers the figure.
   static uint32_t grown_size(dynmem_t *pool, uint32_t slot_idx) {
     return arr_hdr_of(pool)->record_size * (slot_idx + 1) + header_bytes_of(pool);
   }
@@ -168,11 +171,12 @@ static MemSlot_t *tslb_dynmem_get_newslot(dynmem_t *dynmem_handle, DynMemHdr_t *
                                           uint32_t *new_mslot_idx_ref, uint32_t chunk_sz) {
   const uint32_t last_slot = Address::last_slot(dynmem_hdr);
   lock_array(dynmem_handle);
-  // What the caller saw can be old. The slot index decides, and a slot that came round again with room is not left.
+  // The caller's view of the cursor can be out of date. The slot index decides; a slot that became current again
+  // and has room is not left.
   uint64_t seen = get64(dynmem_hdr, &DynMemHdr_t::cur_slot_addr);
   const bool is_stale = tslb_stored_cursor_slot(seen) != cslot_idx || has_room(dynmem_hdr, seen, chunk_sz, last_slot);
-  // Whether a ring is complete is read here too: ids of a pool are issued under this lock.
-  if (is_stale || Address::goes_round(dynmem_handle)) {
+  // Whether a ring is complete is read under the lock too: ids of a pool are issued under it.
+  if (is_stale || Address::steps_ring(dynmem_handle)) {
     if (!is_stale) step_ring(dynmem_handle, dynmem_hdr, seen);
     unlock_array(dynmem_handle);
     return nullptr;
@@ -180,24 +184,24 @@ static MemSlot_t *tslb_dynmem_get_newslot(dynmem_t *dynmem_handle, DynMemHdr_t *
   MemSlot_t *const slot = static_cast<MemSlot_t *>(tslb_da_get_newptr_ex(dynmem_handle, new_mslot_idx_ref, 0));
   Address::assert_slot(slot);
   if (*new_mslot_idx_ref > last_slot) stop_exhausted(dynmem_handle);
-  // Before the cursor moves: a reservation by another thread must not be wiped out. The first word also loses the mark
-  // that slot allocation left there. A new id in a block file that existed before brings old bytes in both words.
+  // Before the cursor moves, so that no reservation by another thread is lost. This also overwrites the gatekeeper word
+  // that slot allocation stored. A new id in an old block file starts with old bytes in both words.
   set32(slot, &MemSlot_t::bytes_used, 0);
   set32(slot, &MemSlot_t::bytes_del, 0);
-  forget_slot_left(dynmem_handle, *new_mslot_idx_ref);
-  // Other threads can reserve in the old slot until this swap and not after it: the offset that it replaces is all that
-  // was ever reserved there.
+  drop_notes_of(dynmem_handle, *new_mslot_idx_ref);
+  // Other threads can reserve in the old slot until this swap and not after it. The offset that the swap replaces is
+  // therefore all that was ever reserved there.
   const uint64_t moved = tslb_stored_cursor(*new_mslot_idx_ref, chunk_sz);
   while (cas64(&dynmem_hdr->cur_slot_addr, seen, moved) == 0) seen = get64(dynmem_hdr, &DynMemHdr_t::cur_slot_addr);
   TSLB_PROBE_POOL_SLOT(dynmem_handle, *new_mslot_idx_ref, cslot_idx, tslb_stored_cursor_off(seen));
-  if (cslot_idx != TSLB_DA_NIL_IDX) note_slot_left(dynmem_handle, {cslot_idx, tslb_stored_cursor_off(seen)});
+  if (cslot_idx != TSLB_DA_NIL_IDX) note_if_unsettled(dynmem_handle, {cslot_idx, tslb_stored_cursor_off(seen)});
   unlock_array(dynmem_handle);
   return slot;
 }
 
-// The pool's size after a new slot. One attempt, no retry: if another thread's size replaced the one read here, that one
-// stays, also if it is smaller. total_msz and the growth records are therefore approximate under concurrency; a host logs
-// the pool's header with each batch.
+// Updates the pool's size after a new slot. One attempt, no retry: if another thread stored its size first, that size
+// stays, even if it is smaller. total_msz and the growth records are therefore approximate under concurrency. A host
+// logs the pool's header with each batch.
 template <class Address>
 static void account_new_slot(dynmem_t *pool, DynMemHdr_t *hdr, uint32_t slot_idx) {
   const uint64_t size = Address::grown_size(pool, slot_idx);
@@ -220,7 +224,7 @@ static inline void account_chunk(dynmem_t *pool, DynMemHdr_t *hdr, MemSlot_t *sl
   const uint64_t avail =
       get64(hdr, &DynMemHdr_t::total_msz) -
       (header_bytes_of(pool) + get64(hdr, &DynMemHdr_t::total_mused) + get64(hdr, &DynMemHdr_t::total_mwast));
-  // One attempt each: these two are figures of a moment, and whichever thread's stands is as good.
+  // One attempt each: both figures describe one moment, and either thread's value is good.
   cas64(&hdr->total_mavail, get64(hdr, &DynMemHdr_t::total_mavail), avail);
   cas64(&g_mem_st.total_mavail, get64(&g_mem_st, &GlobalMemStats_t::total_mavail), avail);
 }
@@ -235,46 +239,48 @@ __attribute__((noinline, cold)) static void *refuse_length(const char *function,
   return nullptr;
 }
 
-// A chunk's slot and its place there, once it is won.
-struct won_t {
-  MemSlot_t *slot;  // null: not yet
+// A reserved chunk: its slot and its place.
+struct reservation_t {
+  MemSlot_t *slot;  // null: no reservation yet
   tslb_chunk_place_t place;
 };
 
-// Handles a slot that was seen without room: takes a new one with the chunk at its start, or leaves `won` empty for
-// another attempt. Returns false if the request is refused.
+// Handles a slot that was seen without room: takes another slot and reserves the chunk at its start, or leaves
+// `reservation` empty for another attempt. Returns false if the request is refused.
 template <class Address>
 __attribute__((noinline, cold)) static bool change_slot(dynmem_t *pool, DynMemHdr_t *hdr, uint64_t seen, uint32_t len,
-                                                        won_t *won) {
+                                                        reservation_t *reservation) {
   const no_room_t answer = Address::no_room(pool, hdr, seen);
   if (answer != CHANGE_SLOT) return answer != REFUSE;
-  won->place.byte_off = 0;
-  won->slot = tslb_dynmem_get_newslot<Address>(pool, hdr, tslb_stored_cursor_slot(seen), &won->place.slot_idx, len);
-  if (won->slot != nullptr) account_new_slot<Address>(pool, hdr, won->place.slot_idx);
+  reservation->place.byte_off = 0;
+  reservation->slot =
+      tslb_dynmem_get_newslot<Address>(pool, hdr, tslb_stored_cursor_slot(seen), &reservation->place.slot_idx, len);
+  if (reservation->slot != nullptr) account_new_slot<Address>(pool, hdr, reservation->place.slot_idx);
   return true;
 }
 
-// What the swap of a cursor won.
+// Returns the reservation that a swap of the cursor made.
 template <class Address>
-static inline won_t won_at(dynmem_t *pool, uint64_t cursor) {
+static inline reservation_t reservation_at(dynmem_t *pool, uint64_t cursor) {
   MemSlot_t *const slot = slot_of(pool, tslb_stored_cursor_slot(cursor));
   Address::assert_slot(slot);
   return {slot, {tslb_stored_cursor_slot(cursor), tslb_stored_cursor_off(cursor)}};
 }
 
-// Tries until a reservation succeeds, and leaves slots without room. A null slot if the request is refused.
+// Tries until a reservation succeeds, and leaves slots without room. Returns a null slot if the request is refused.
 template <class Address>
-__attribute__((noinline, cold)) static won_t win_later(dynmem_t *pool, DynMemHdr_t *hdr, uint32_t len) {
-  won_t won = {nullptr, {0, 0}};
-  while (won.slot == nullptr) {
+__attribute__((noinline, cold)) static reservation_t reserve_with_retries(dynmem_t *pool, DynMemHdr_t *hdr,
+                                                                          uint32_t len) {
+  reservation_t reservation = {nullptr, {0, 0}};
+  while (reservation.slot == nullptr) {
     uint64_t seen;
     const claim_t claim = try_claim(hdr, len, Address::last_slot(hdr), &seen);
     if (claim == CLAIM_WON)
-      won = won_at<Address>(pool, seen);
-    else if (claim == CLAIM_NO_ROOM && !change_slot<Address>(pool, hdr, seen, len, &won))
+      reservation = reservation_at<Address>(pool, seen);
+    else if (claim == CLAIM_NO_ROOM && !change_slot<Address>(pool, hdr, seen, len, &reservation))
       return {nullptr, {0, 0}};
   }
-  return won;
+  return reservation;
 }
 
 template <class Address>
@@ -282,20 +288,21 @@ static inline void *take_chunk(dynmem_t *pool, typename Address::name_t *maddr, 
                                const typename Address::source_t &saddr) {
   DynMemHdr_t *const hdr = pool_hdr_of(pool);
   const uint32_t len = static_cast<uint32_t>(mchunk_len) + (has_compat(hdr) ? TSLB_COMPAT_BYTES : 0);
-  // A negative length is tested by itself: the header can lift it to a small positive one.
+  // A negative length needs its own test: with the header it can become a small positive number.
   if (__builtin_expect(mchunk_len < 0 || hdr->mslot_sz < len, 0))
     return refuse_length(Address::FUNCTION, hdr, len, mchunk_len);
 
-  // The first attempt needs nothing but the cursor, and is nearly always the last.
+  // The first attempt needs only the cursor and nearly always succeeds.
   uint64_t seen;
   const bool at_once = try_claim(hdr, len, Address::last_slot(hdr), &seen) == CLAIM_WON;
-  const won_t won = __builtin_expect(at_once, 1) ? won_at<Address>(pool, seen) : win_later<Address>(pool, hdr, len);
-  if (won.slot == nullptr) return nullptr;
+  const reservation_t reservation = __builtin_expect(at_once, 1) ? reservation_at<Address>(pool, seen)
+                                                                 : reserve_with_retries<Address>(pool, hdr, len);
+  if (reservation.slot == nullptr) return nullptr;
 
-  const tslb_chunk_place_t named = Address::name(hdr, maddr, won.place);
-  char *const chunk = won.slot->mslot + named.byte_off;
+  const tslb_chunk_place_t named = Address::name(hdr, maddr, reservation.place);
+  char *const chunk = reservation.slot->mslot + named.byte_off;
   TSLB_PROBE_CHUNK_TAKEN(pool, named.slot_idx, named.byte_off, len, chunk);
-  account_chunk(pool, hdr, won.slot, len);
+  account_chunk(pool, hdr, reservation.slot, len);
   if (has_compat(hdr)) {
     auto *const compat = reinterpret_cast<typename Address::header_t *>(chunk);
     compat->srcaddr = saddr;

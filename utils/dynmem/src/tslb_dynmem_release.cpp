@@ -1,14 +1,14 @@
-// Deletion of chunks and the way of emptied slots back to the free list.
+// Deletion of chunks, and the return of empty slots to the free list.
 //
-// A slot is given back when it is not current, everything that was reserved in it has reached bytes_used, and bytes_del
-// has come up to that. All three are looked at under the handle's spin lock and the slot is freed in the same hold: the
-// slot half of the cursor changes under that lock alone, so a slot that was given back and taken again meanwhile shows
-// as current, or as filled anew, and is left.
+// A slot is freed if it is not current, everything reserved in it has reached bytes_used, and bytes_del equals
+// bytes_used. All three conditions are tested under the handle's spin lock, and the slot is freed under the same hold.
+// The slot half of the cursor changes only under that lock. A slot that was freed and taken again meanwhile is
+// therefore current or filled again, and is not freed.
 //
 // The second condition needs memory beside the counters. A reservation is a swap of the cursor, and its counter follows
-// a few instructions later. Whoever moves the cursor on knows how far the old slot was reserved; where the counter has
-// not come so far, it is noted behind the handle. The reservation that is late owns a chunk whose deletion comes later
-// still, and asks again: no release is lost.
+// a few instructions later. The thread that moves the cursor to another slot knows how many bytes of the old slot were
+// reserved. If the counter has not reached that number, it adds a note to the handle's list. The late reservation owns
+// a chunk whose deletion comes later and tests again, so no release is lost.
 #include <stdlib.h>
 
 #include "dynarr_lists.h"
@@ -16,13 +16,13 @@
 #include "tslb_dynmem.h"
 #include "tslb_probes.h"
 
-// ---- Slots that were left before they were settled -----------------------------------------------------------------
+// ---- Unsettled slots -----------------------------------------------------------------------------------------------
 
-// A memory slot that stopped being current while reservations in it had not reached its counter yet.
+// A memory slot that stopped being current before all reservations in it had reached its counter.
 struct unsettled_slot_t {
   unsettled_slot_t *next;
   uint32_t slot_idx;
-  uint32_t bytes_reserved;  // bytes_used once all of them have
+  uint32_t bytes_reserved;  // value of bytes_used when all of them have
 };
 
 static unsettled_slot_t *notes_of(dynmem_t *pool) {
@@ -37,7 +37,7 @@ static void release_notes(void *module_state) {
   }
 }
 
-// Greater counts as settled: the slots of a ring keep the counts of earlier rounds, and are not released.
+// A greater count is settled too: the slots of a ring keep the counts of earlier rounds, and are not released.
 static bool has_settled(const MemSlot_t *slot, uint32_t bytes_reserved) {
   return get32(slot, &MemSlot_t::bytes_used) >= bytes_reserved;
 }
@@ -63,11 +63,11 @@ static void drop_settled(dynmem_t *pool) {
   });
 }
 
-void forget_notes_of(dynmem_t *pool, uint32_t slot_idx) {
+void drop_existing_notes_of(dynmem_t *pool, uint32_t slot_idx) {
   drop_notes(pool, [=](const unsettled_slot_t *noted) { return noted->slot_idx == slot_idx; });
 }
 
-void note_slot_left(dynmem_t *pool, tslb_chunk_place_t end) {
+void note_if_unsettled(dynmem_t *pool, tslb_chunk_place_t end) {
   // Other pools never release a slot.
   if (!has_compat(pool_hdr_of(pool)) || !has_lists(pool)) return;
   drop_settled(pool);
@@ -75,8 +75,8 @@ void note_slot_left(dynmem_t *pool, tslb_chunk_place_t end) {
   if (slot == nullptr || has_settled(slot, end.byte_off)) return;
   unsettled_slot_t *const noted = static_cast<unsettled_slot_t *>(malloc(sizeof(unsettled_slot_t)));
   if (noted == nullptr) {
-    // No memory for a note: wait for the other threads. They need a few instructions, or the time of the host's redo
-    // hook if one of them made the slot.
+    // No memory for a note: waits for the other threads. They need a few instructions, or the time of the host's redo
+    // hook if one of them created the slot.
     while (!has_settled(slot, end.byte_off)) {
     }
     return;
@@ -100,8 +100,8 @@ static inline bool is_settled(dynmem_t *pool, uint32_t slot_idx) {
 
 // ---- Release -------------------------------------------------------------------------------------------------------
 
-// Whether everything in a slot looks deleted. Acquire, paired with the barrier of the addition to bytes_del: who sees
-// the last deletion may clear what the deleters had in hand.
+// Returns whether everything in a slot looks deleted. Acquire. Pairs with the barrier of the addition to bytes_del: a
+// thread that sees the last deletion may overwrite the chunks.
 static bool looks_empty(const MemSlot_t *slot) {
   return __atomic_load_n(&slot->bytes_del, __ATOMIC_ACQUIRE) == get32(slot, &MemSlot_t::bytes_used);
 }
@@ -110,14 +110,13 @@ static bool is_current(const dynmem_t *pool, uint32_t slot_idx) {
   return tslb_stored_cursor_slot(get64(pool_hdr_of(pool), &DynMemHdr_t::cur_slot_addr)) == slot_idx;
 }
 
-// Gives a slot back if it is empty still, and says whether it did. Not in line: who finds nothing to give back saves no
-// registers for it.
+// Frees a slot if it is still empty. Returns whether it did. Not inlined; see docs/performance.md, "Chunk deleted".
 __attribute__((noinline)) static bool release_if_empty(dynmem_t *pool, uint32_t slot_idx, MemSlot_t *slot) {
-  if (__builtin_expect(!has_lists(pool), 0)) return tslb_da_free_idx(pool, slot_idx) == 0;  // which says why it cannot
+  if (__builtin_expect(!has_lists(pool), 0)) return tslb_da_free_idx(pool, slot_idx) == 0;  // which reports the refusal
   lock_array(pool);
   const list_array_t list = list_array_of(pool);
-  // A complete ring comes to the slot again without asking any list: on one, it would be free and current at once.
-  // Settled first: a counter that catches up between the two must be seen by the comparison.
+  // A complete ring reaches the slot again without a list: a freed slot would be free and current at once. is_settled
+  // before looks_empty: a counter that reaches its value between the two must be seen by the comparison.
   const bool is_empty =
       !is_complete_ring(pool) && !is_current(pool, slot_idx) && is_settled(pool, slot_idx) && looks_empty(slot);
   const bool released = __builtin_expect(is_empty, 1) && lists_free(list, slot_idx, slot) == 0;
@@ -133,11 +132,11 @@ __attribute__((always_inline)) static inline void delete_chunk(dynmem_t *pool, t
   compat_t *const compat = reinterpret_cast<compat_t *>(slot->mslot + place.byte_off);
   if ((compat->flag & MCHUNK_FLAG_DELETED) != 0) return;
   const uint32_t mchunk_len = compat->mchunk_len;
-  // Ahead of the mark: behind it the compiler would save another register.
+  // The probe comes before the flag is set; see docs/performance.md, "Chunk deleted".
   TSLB_PROBE_CHUNK_DELETED(pool, place.slot_idx, place.byte_off, mchunk_len, compat);
   compat->flag = static_cast<char>(compat->flag | MCHUNK_FLAG_DELETED);
   if (mchunk_len == 0) return;
-  // The last touch of the chunk: from here on another deletion can give the slot away.
+  // The last access to the chunk: from here on another deletion can free the slot.
   add32(slot, &MemSlot_t::bytes_del, mchunk_len + TSLB_COMPAT_BYTES);
   if (looks_empty(slot) && !is_current(pool, place.slot_idx)) release_if_empty(pool, place.slot_idx, slot);
 }
@@ -145,18 +144,18 @@ __attribute__((always_inline)) static inline void delete_chunk(dynmem_t *pool, t
 void tslb_dynmem_del_mchunk(dynmem_t *dynmem_handle, maddr_t maddr) {
   const DynMemHdr_t *const hdr = pool_hdr_of(dynmem_handle);
   if (!has_compat(hdr)) return;
-  // Two whole ways, as where addresses are resolved.
+  // Two complete paths; see docs/performance.md, "Address".
   if (is_bitvector(hdr)) return delete_chunk(dynmem_handle, tslb_stored_decode_bitvector(word_of(maddr)));
   delete_chunk(dynmem_handle, tslb_stored_decode_bigbuffer(word_of(maddr)));
 }
 
-// The two counters of a slot, both of one moment.
+// The two counters of a slot at one moment.
 struct slot_counts_t {
   uint32_t bytes_used, bytes_del;
 };
 
-// A slot that is released and taken again between two loads mixes the counts of two uses, so the pair is read until two
-// readings agree. More deleted than used is accepted then: a stored pool can say so.
+// If a slot is released and taken again between two loads, they mix the counts of two uses. The pair is therefore read
+// until two readings agree. Then bytes_del above bytes_used is accepted: a stored pool can contain it.
 static slot_counts_t read_counts(const MemSlot_t *slot) {
   slot_counts_t last = {get32(slot, &MemSlot_t::bytes_used), 0};
   for (bool agrees = false; !agrees;) {
@@ -174,7 +173,7 @@ static inline void sweep_slot(dynmem_t *pool, uint32_t slot_idx, MemSlot_t *slot
   const slot_counts_t counts = read_counts(slot);
   if (counts.bytes_del == counts.bytes_used && !is_current(pool, slot_idx) && release_if_empty(pool, slot_idx, slot))
     return;
-  // A slot that is being set up still shows the slot layer's mark in place of a count.
+  // While a slot is being set up, its first word holds the gatekeeper word instead of a count.
   if (counts.bytes_used == TSLB_GATEKEEPER_WORD) return;
   *used_sz += counts.bytes_used;
   *del_sz += counts.bytes_del;
@@ -197,6 +196,6 @@ void tslb_dynmem_update_free_list(dynmem_t *dynmem_handle, size_t *total_sz, siz
   }
 }
 
-// Nothing moves yet. What stands ready: chunks of a slot can be walked by their headers, the deleted bit tells which
-// are dead, and srcaddr names the place that holds a chunk's address.
+// Not implemented. The stored data would allow it: chunks of a slot can be walked by their headers, the deleted bit
+// marks the dead ones, and srcaddr names the field that holds a chunk's address.
 void tslb_dynmem_memcompat(dynmem_t *) {}

@@ -1,8 +1,8 @@
-/* The redo log, which is the host's. The library tells it, through one function, which bytes of an array have
- * changed, and whether anybody listens is told by one variable. The host defines both.
+/* The redo log, which the host implements. The library reports changed bytes of arrays through one function, and one
+ * variable switches this on. The host defines both.
  *
- * Positions are those of an array's flat image: its headers, then slot after slot in order of their ids, wherever the
- * slots lie in memory. A reader of the log needs the header size and the slot size to find its way, no address. */
+ * Offsets are those of an array's flat image: its headers, then its slots in id order, wherever the slots lie in
+ * memory. A reader of the log needs the header size and the slot size, but no memory address. */
 #ifndef TSLB_RD_API_H
 #define TSLB_RD_API_H
 
@@ -15,11 +15,11 @@
 TSLB_BEGIN_DECLS
 
 /* Record types that the library writes. All others come from the host through the logging operations. */
-#define TSLB_REDO_DEFAULT 2 /* what a caller's 0 becomes where slots are logged */
+#define TSLB_REDO_DEFAULT 2 /* replaces a caller's 0 when slots are logged */
 #define TSLB_REDO_SLOT 5    /* slots and headers */
 #define TSLB_REDO_GROWTH 13 /* a pool grew: data_off is its new size, no bytes follow */
 
-/* Table ids that the redo interface keeps for the host's own arrays. Free choice begins above. */
+/* Table ids reserved for the host's own arrays. Other ids are above them. */
 typedef enum tslb_fixed_tblid_t {
   __FIXED_TBLIDS_FISRT__ = -17,
   PDP2_TBLID = -16,
@@ -76,26 +76,26 @@ typedef struct RedoHandler_t {
   pid_t main_thpid;
   char redobuf_dump_flag;
   int fsync_mode;
-  __useconds_t get_write_cursor_sleep; /* a useconds_t, by the name that strict C11 leaves visible */
+  __useconds_t get_write_cursor_sleep; /* useconds_t, by the name that strict C11 also defines */
   uint8_t buffer_count;
 } RedoHandler_t;
 
-/* NULL: nothing is logged, and the hook is never called. Read without a lock. */
+/* NULL: nothing is logged, and the hook is never called. It is read without a lock. */
 extern TSLB_API RedoHandler_t *g_redo_handle;
 
-/* Takes one redo record. Defined by the host; its result is not looked at.
+/* Receives one redo record. Defined by the host; the library ignores the result.
  *
  * txn_id    the caller's transaction; all ones for the library's own records.
  * rec_type  a TSLB_REDO_* value, or the host's own.
  * ctx_name, tbl_id
  *           the array's name (possibly empty) and table id.
- * data_off  position in the flat image of the array, in bytes; for TSLB_REDO_GROWTH the pool's new size.
+ * data_off  offset in the flat image of the array, in bytes; for TSLB_REDO_GROWTH the pool's new size.
  * aux_idx   always 0xFFFFFFFF.
- * data_ptr  the bytes in live array memory, not a copy: the hook consumes them before it returns, since the next
- *           operation overwrites them. NULL when data_sz is 0.
- * Threads   any number at once, also for one array, and some calls come with the array's spin lock held. So the hook
- *           does its own locking, and calls nothing that waits for that spin lock: it would wait for ever. It does not
- *           throw: an exception would leave the spin lock held for good. */
+ * data_ptr  the bytes in live array memory, not a copy. The hook consumes them before returning, since the next
+ *           operation overwrites them. NULL if data_sz is 0.
+ * Threads   any number at once, also for one array. Some calls hold the array's spin lock. The hook therefore has its
+ *           own locking, and calls nothing that waits for that spin lock: that call would wait forever. It does not
+ *           throw: an exception would leave the spin lock held forever. */
 TSLB_API int tslb_redo_log_ex(uint64_t txn_id, char rec_type, char *ctx_name, uint32_t tbl_id, uint64_t data_off,
                               uint32_t aux_idx, void *data_ptr, unsigned int data_sz);
 

@@ -1,9 +1,9 @@
-/* Facts about stored bytes: constants of the formats, and where things lie. Everything that reads or writes stored
- * arrays takes them from here: the library, recovery, tools, hosts. For C11 and C++17 on; no function of the library is
- * called.
+/* Facts about stored bytes: constants of the formats, offsets and sizes. Everything that reads or writes stored arrays
+ * uses this header: the library, recovery, tools, hosts. For C11, and for C++17 and later. It calls no function of the
+ * library.
  *
- * The structures are declared where they are used (dynamic_array.h, tslb_dynarr.h, tslb_dynmem.h), which assert that
- * their sizes are these. */
+ * The structures are declared in the headers of their modules (dynamic_array.h, tslb_dynarr.h, tslb_dynmem.h), which
+ * assert that their sizes are these. */
 #ifndef TSLB_STORED_H
 #define TSLB_STORED_H
 
@@ -48,16 +48,16 @@ TSLB_STORED_INLINE size_t tslb_stored_header_bytes(uint16_t hdr_size, uint16_t l
  *   TSLB_DA_DAFLAG_INLL     node_fw (8), record, node_bw (8) */
 
 #define TSLB_DA_DAFLAG_LL 0x01   /* slots can be freed and taken again */
-#define TSLB_DA_DAFLAG_INLL 0x02 /* and parked on an inactive list; decides the slot's shape if both are set */
+#define TSLB_DA_DAFLAG_INLL 0x02 /* and put on an inactive list; decides the slot's layout if both are set */
 
 #define TSLB_NODE_BYTES 8u               /* of node_fw and of node_bw */
 #define TSLB_DA_NIL_IDX 0xFFFFFFFFu      /* end of a list, no slot */
 #define TSLB_GATEKEEPER_WORD 0xFFFFFFFFu /* first word of a record that was just taken or freed */
 
-/* Slot status: a plain value, tested for equality only. */
-#define TSLB_DA_SLOT_UNSET 0u              /* id issued, never allocated; on no list */
+/* Slot status: one value, not a bit mask. Compared for equality only. */
+#define TSLB_DA_SLOT_UNSET 0u              /* id issued, slot never allocated; on no list */
 #define TSLB_DA_SLOT_FREE 1u               /* on the free list */
-#define TSLB_DA_SLOT_ACTIVE 2u             /* a caller's; on no list */
+#define TSLB_DA_SLOT_ACTIVE 2u             /* owned by a caller; on no list */
 #define TSLB_DA_SLOT_INACTIVE 3u           /* on the inactive list, record intact */
 #define TSLB_DA_SLOT_NOT_READY 0xFFFFFFFFu /* only a host writes this one */
 
@@ -78,33 +78,33 @@ TSLB_STORED_INLINE uint64_t tslb_stored_slot_at(uint32_t header_bytes, uint64_t 
 }
 
 /* ---- Blocks and levels --------------------------------------------------------------------------------------------
- * Block 0 has the first n_direct slots. All later ones lie in data blocks of 16 slots, numbered from 1 in order of their
- * ids. `beyond` is an id less n_direct.
+ * Block 0 has the first n_direct slots. All later slots lie in data blocks of 16 slots, numbered from 1 in id order.
+ * `beyond` is an id less n_direct.
  *
- * In memory the data blocks hang from six levels of tables with 16 entries. Level L holds 16^(L+1) ids. Written in base
- * 16, the number of an id in its level is its path: the lowest digit is the slot in the block, each other digit is an
- * entry of one table. */
+ * In memory the data blocks are reached through six levels of tables with 16 entries. Level L holds 16^(L+1) ids. The
+ * index of an id in its level, written in base 16, is its path: the lowest digit is the slot in the block, each other
+ * digit is an entry of one table. */
 
 #define TSLB_SLOTS_PER_BLOCK 16u
 #define TSLB_ENTRIES_PER_TABLE 16u
 #define TSLB_LEVELS 6u
-#define TSLB_IDS_BEYOND_DIRECT 286331136u /* 16^2 + 16^3 + ... + 16^7: what the six levels hold */
+#define TSLB_IDS_BEYOND_DIRECT 286331136u /* 16^2 + 16^3 + ... + 16^7: the capacity of the six levels */
 
 TSLB_STORED_INLINE uint32_t tslb_stored_block_num(uint32_t beyond) {
   return beyond / TSLB_SLOTS_PER_BLOCK + 1;
 }
 
-/* Data blocks that so many slots need. */
+/* Returns the number of data blocks that n_slots need. */
 TSLB_STORED_INLINE uint32_t tslb_stored_n_blocks(uint32_t n_slots, uint32_t n_direct) {
   return n_slots <= n_direct ? 0 : (n_slots - n_direct - 1) / TSLB_SLOTS_PER_BLOCK + 1;
 }
 
-/* First `beyond` of a level: 0, 0x100, 0x1100 ... That of level 7 is the first that no level holds. */
+/* Returns the first `beyond` of a level: 0, 0x100, 0x1100 ... For level 7 it is the first id that no level holds. */
 TSLB_STORED_INLINE uint32_t tslb_stored_first_of_level(unsigned level) {
   return (uint32_t)(0x11111100u & (((uint64_t)1 << (4 * (level + 1))) - 1));
 }
 
-/* Level that holds `beyond`, 1 to 6; 7 if none does. */
+/* Returns the level that holds `beyond`, 1 to 6; 7 if none does. */
 TSLB_STORED_INLINE unsigned tslb_stored_level_of(uint32_t beyond) {
   unsigned level = 1;
   while (level <= TSLB_LEVELS && beyond >= tslb_stored_first_of_level(level + 1)) ++level;
@@ -123,23 +123,23 @@ static inline int tslb_stored_block_file_name(char *text, size_t size, int32_t t
 /* ---- Chunk pools --------------------------------------------------------------------------------------------------- */
 
 #define TSLB_POOL_HDR_BYTES 56u     /* DynMemHdr_t */
-#define TSLB_POOL_MSLOT_SZ_AT 4u    /* DynMemHdr_t.mslot_sz in it */
-#define TSLB_POOL_CURSOR_AT 8u      /* DynMemHdr_t.cur_slot_addr in it */
+#define TSLB_POOL_MSLOT_SZ_AT 4u    /* offset of DynMemHdr_t.mslot_sz in it */
+#define TSLB_POOL_CURSOR_AT 8u      /* offset of DynMemHdr_t.cur_slot_addr in it */
 #define TSLB_MEM_SLOT_HDR_BYTES 8u  /* MemSlot_t, before its chunks */
 #define TSLB_COMPAT_BYTES 16u       /* compat_t and compat64_t, before a chunk's data */
-#define TSLB_COMPAT_LEN_MAX 65535u  /* longest data whose length a compaction header can keep */
+#define TSLB_COMPAT_LEN_MAX 65535u  /* maximum data length that a compaction header can keep */
 #define TSLB_RING_SLOTS 254u        /* of a bit-vector pool of MPOOL_TYPE_DRAM_TMP */
-#define TSLB_BIGBUF_LAST_SLOT 255u  /* what 8 bits of an address can name */
-#define TSLB_BITVEC_LAST_SLOT 2040u /* the last one in use, a little less than 11 bits can name */
+#define TSLB_BIGBUF_LAST_SLOT 255u  /* the highest slot that 8 bits of an address can name */
+#define TSLB_BITVEC_LAST_SLOT 2040u /* 11 bits could name slots up to 2047 */
 
-#define MPOOL_SLOT_TYPE_DA 4     /* slot_type: a slot array, no pool */
+#define MPOOL_SLOT_TYPE_DA 4     /* slot_type: a slot array, not a pool */
 #define MPOOL_FLAG_COMPAT 0x01   /* every chunk begins with a compaction header */
 #define MPOOL_FLAG_PERSIST 0x02  /* growth is written to the redo log */
 #define MPOOL_FLAG_BV 0x10       /* bit-vector pool: addresses read as maddrBV_t */
 #define MCHUNK_FLAG_DELETED 0x01 /* in a compaction header: the chunk was deleted */
 
-/* The cursor, DynMemHdr_t.cur_slot_addr: slot in the low half, first free byte of its chunks in the high half. The slot
- * is TSLB_DA_NIL_IDX before the first chunk. */
+/* The cursor, DynMemHdr_t.cur_slot_addr: slot index in the low half, first free byte of the slot's chunks in the high
+ * half. The slot index is TSLB_DA_NIL_IDX before the first chunk. */
 TSLB_STORED_INLINE uint64_t tslb_stored_cursor(uint32_t slot_idx, uint32_t byte_off) {
   return slot_idx | ((uint64_t)byte_off << 32);
 }
@@ -150,14 +150,14 @@ TSLB_STORED_INLINE uint32_t tslb_stored_cursor_off(uint64_t cursor) {
   return (uint32_t)(cursor >> 32);
 }
 
-/* A chunk's place, whatever kind of address names it. */
+/* A chunk's place, for every kind of address. */
 typedef struct tslb_chunk_place_t {
   uint32_t slot_idx;
   uint32_t byte_off; /* from the start of the slot's chunks */
 } tslb_chunk_place_t;
 
 /* 32-bit addresses as whole words. Big-buffer pool: slot in bits 0 to 7, byte offset in bits 8 to 31. Bit-vector pool:
- * slot in bits 0 to 10, offset in units of 8 bytes in bits 11 to 31. What does not fit is cut. */
+ * slot in bits 0 to 10, offset in units of 8 bytes in bits 11 to 31. Values that do not fit are cut. */
 #define TSLB_BV_UNIT_BYTES 8u
 #define TSLB_BV_SLOT_BITS 11u
 
@@ -178,17 +178,18 @@ TSLB_STORED_INLINE tslb_chunk_place_t tslb_stored_decode_bitvector(uint32_t word
 }
 
 /* ---- Rules --------------------------------------------------------------------------------------------------------
- * What holds of headers, lists, slots and the counters of pools: an identifier and the text of a violation for each.
- * The loaders, array_check and tslb-inspect share this list and the code that checks it.
+ * Rules for headers, lists, slots and the counters of pools: each has an identifier and the text of a violation. The
+ * loaders, array_check and tslb-inspect share this list and the code that checks it.
  *
- * A violated rule is a fault or a remark. A fault contradicts what the library or the format relies on: the loaders and
- * array_check refuse at the first one. A remark is unusual, and the array can be used in spite of it: a killed process
- * can leave counters of a pool that lag, and hosts choose bits of their own in a pool's flag. The loaders do not look for
- * remarks. Identifiers begin with the structure or list that a rule is about; those that begin with CHUNK are checked by
- * pool_check alone. */
+ * A violated rule is a fault or a remark. A fault contradicts an assumption of the library or of the format: the
+ * loaders and array_check refuse at the first fault. A remark is an unusual state of a usable array: a killed process
+ * can leave counters of a pool that lag, and hosts can set their own bits in a pool's flag. The loaders do not check
+ * remarks. An identifier begins with the structure or list of its rule. Rules that begin with CHUNK are checked only by
+ * pool_check. */
 
-/* X(identifier, FAULT or REMARK, text). In a text {} stands for the next value, {x} for a value in hexadecimal, {list}
- * for a list (TSLB_RULE_FREE_LIST or _INACTIVE_LIST), {state} for the status that belongs to it. */
+/* X(identifier, FAULT or REMARK, text). In a text {} is replaced by the next value, {x} by the next value in
+ * hexadecimal, {list} by the name of a list (TSLB_RULE_FREE_LIST or _INACTIVE_LIST), and {state} by the status of its
+ * slots. */
 /* clang-format off */
 #define TSLB_STORED_RULES(X)                                                                                   \
   X(HDR_LIB_VERSION, FAULT, "lib_version {}, expected {}")                                                     \
