@@ -29,7 +29,7 @@ class Ingestion {
     Progress progress(source.total_bytes(), "points");
     for (std::string_view text; !(text = source.next(arguments_.batch_lines)).empty();) {
       take(source, text);
-      progress.update(source.bytes_taken(), n_points_);
+      progress.update(source.bytes_read(), n_points_);
       while (!unsettled_.empty() &&
              (unsettled_.size() >= MAX_UNSETTLED_BATCHES || writer_.settled() >= unsettled_.front().ticket))
         acknowledge_oldest();

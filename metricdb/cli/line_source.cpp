@@ -49,7 +49,7 @@ bool LineSource::read_more() {
   while (got < 0 && errno == EINTR);
   if (got < 0) fail(name_);
   buffer_.resize(used + static_cast<size_t>(got));
-  bytes_taken_ += static_cast<uint64_t>(got);
+  bytes_read_ += static_cast<uint64_t>(got);
   at_end_ = got == 0;
   return !at_end_;
 }

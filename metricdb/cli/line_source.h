@@ -26,7 +26,7 @@ class LineSource {
   // Empty at the end. Valid until the next call. A line longer than MAX_LINE_BYTES is skipped and counted.
   std::string_view next(uint64_t max_lines);
 
-  uint64_t bytes_taken() const { return bytes_taken_; }
+  uint64_t bytes_read() const { return bytes_read_; }
   uint64_t n_too_long() const { return n_too_long_; }
 
  private:
@@ -41,7 +41,7 @@ class LineSource {
   size_t end_ = 0;  // of the current lines
   bool at_end_ = false;
   bool skips_ = false;  // skipping the rest of a line that was too long
-  uint64_t bytes_taken_ = 0;
+  uint64_t bytes_read_ = 0;
   uint64_t n_too_long_ = 0;
 };
 

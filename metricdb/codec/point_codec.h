@@ -51,7 +51,7 @@ struct ValueWindow {
   unsigned trail() const { return 64 - lead - width; }
 };
 
-// Decodes a sealed run. Accepts any bytes: reports what is not the sealed form of n points, and reads only these bytes.
+// Decodes a sealed run. Accepts any bytes, detects if they are not the sealed form of n points, and reads no others.
 // They must not change meanwhile.
 class SealedPoints {
  public:

@@ -61,12 +61,12 @@ struct FieldMapping {
 
 // Fields from a file with lines "name value", in the order of the file.
 template <size_t N>
-std::string named_fields(std::string_view text, const FieldMapping (&wanted)[N]) {
+std::string named_fields(std::string_view text, const FieldMapping (&mappings)[N]) {
   std::string fields;
   for (const std::string_view line : words_of(text, "\n")) {
     const Words words = words_of(line, " \t:");
     if (words.size() < 2) continue;
-    for (const FieldMapping &name : wanted)
+    for (const FieldMapping &name : mappings)
       if (words[0] == name.proc_name)
         fmt::format_to(std::back_inserter(fields), "{}{}={}i", fields.empty() ? "" : ",", name.field,
                        number(words[1]) * name.factor);
@@ -135,18 +135,18 @@ void ProcSampler::sample_load(int64_t ts_ns, std::string &out) const {
 }
 
 void ProcSampler::sample_memory(int64_t ts_ns, std::string &out) const {
-  static constexpr FieldMapping wanted[] = {
+  static constexpr FieldMapping mappings[] = {
       {"MemTotal", "total", 1024}, {"MemFree", "free", 1024}, {"MemAvailable", "available", 1024},
       {"Cached", "cached", 1024},  {"Dirty", "dirty", 1024},  {"SwapFree", "swap_free", 1024}};
-  const std::string fields = named_fields(file("meminfo"), wanted);
+  const std::string fields = named_fields(file("meminfo"), mappings);
   if (!fields.empty()) fmt::format_to(std::back_inserter(out), "mem{} {} {}\n", tags_, fields, ts_ns);
 }
 
 void ProcSampler::sample_paging(int64_t ts_ns, std::string &out) const {
-  static constexpr FieldMapping wanted[] = {{"pgfault", "faults", 1}, {"pgmajfault", "major_faults", 1},
-                                            {"pgpgin", "in_kib", 1},  {"pgpgout", "out_kib", 1},
-                                            {"pswpin", "swap_in", 1}, {"pswpout", "swap_out", 1}};
-  const std::string fields = named_fields(file("vmstat"), wanted);
+  static constexpr FieldMapping mappings[] = {{"pgfault", "faults", 1}, {"pgmajfault", "major_faults", 1},
+                                              {"pgpgin", "in_kib", 1},  {"pgpgout", "out_kib", 1},
+                                              {"pswpin", "swap_in", 1}, {"pswpout", "swap_out", 1}};
+  const std::string fields = named_fields(file("vmstat"), mappings);
   if (!fields.empty()) fmt::format_to(std::back_inserter(out), "paging{} {} {}\n", tags_, fields, ts_ns);
 }
 

@@ -15,7 +15,7 @@ namespace metricdb {
 namespace {
 
 // Limits for the pending answers of one connection, and for the answers that the peer has not read.
-constexpr size_t MAX_OWED = 256;
+constexpr size_t MAX_PENDING_ANSWERS = 256;
 constexpr size_t MAX_OUT_BYTES = size_t{64} << 10;
 
 // Limit of one call, so that one peer does not delay the others.
@@ -31,20 +31,20 @@ bool is_temporary(int error) {
 }  // namespace
 
 IngestResult Hub::take(std::string_view text, Precision precision) {
-  IngestResult taken;
+  IngestResult result;
   try {
-    taken = ingest.take(text, precision);
+    result = ingest.take(text, precision);
   } catch (const IngestRefused &) {
     refused.add(1);
     throw;
   }
-  points.add(taken.points);
-  malformed.add(taken.malformed);
-  if (taken.points == 0) return taken;
+  points.add(result.points);
+  malformed.add(result.malformed);
+  if (result.points == 0) return result;
   has_open_points = true;
   unanswered_bytes += text.size();
   open_bytes += text.size();
-  return taken;
+  return result;
 }
 
 Connection::Connection(int fd, Hub &hub)
@@ -66,7 +66,7 @@ void Connection::close_with_error(const char *why) {
 
 bool Connection::is_within_limits() const {
   return !is_input_over_ && hub_.unanswered_bytes < hub_.options.max_unanswered_bytes &&
-         pending_bytes_ < hub_.options.max_connection_bytes && pending_.size() < MAX_OWED &&
+         pending_bytes_ < hub_.options.max_connection_bytes && pending_.size() < MAX_PENDING_ANSWERS &&
          out_.size() < MAX_OUT_BYTES;
 }
 

@@ -33,9 +33,9 @@ void GraphiteConnection::ingest_lines(std::string_view lines) {
   const std::string &text = converter_.text();
   if (text.empty()) return;
   try {
-    const IngestResult taken = hub().take(text, Precision::ns);
-    count_malformed(taken.malformed, taken.first_reason);
-    if (taken.points != 0) queue({OPEN_TICKET, text.size(), {}});
+    const IngestResult result = hub().take(text, Precision::ns);
+    count_malformed(result.malformed, result.first_reason);
+    if (result.points != 0) queue({OPEN_TICKET, text.size(), {}});
   } catch (const IngestRefused &refusal) {
     count_refused(refusal.what());
   }

@@ -54,9 +54,9 @@ void HttpConnection::write(const WriteRequest &request) {
 
 void HttpConnection::write_lines(std::string_view lines, Precision precision) {
   try {
-    const IngestResult taken = hub().take(lines, precision);
+    const IngestResult result = hub().take(lines, precision);
     // Without points there is no batch to wait for.
-    queue_answer(answer_to(taken), taken.points == 0 ? 0 : OPEN_TICKET, taken.points == 0 ? 0 : lines.size());
+    queue_answer(answer_to(result), result.points == 0 ? 0 : OPEN_TICKET, result.points == 0 ? 0 : lines.size());
   } catch (const IngestRefused &refusal) {
     queue_answer(error_answer(HTTP_STATUS_SERVICE_UNAVAILABLE, refusal.what()));
   }

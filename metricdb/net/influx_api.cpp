@@ -138,10 +138,10 @@ HttpAnswer error_answer(http_status status, std::string reason) {
   return answer;
 }
 
-HttpAnswer answer_to(const IngestResult &taken) {
-  if (taken.malformed == 0) return {};
+HttpAnswer answer_to(const IngestResult &result) {
+  if (result.malformed == 0) return {};
   return error_answer(HTTP_STATUS_BAD_REQUEST,
-                      fmt::format("partial write: {} dropped={}", taken.first_reason, taken.malformed));
+                      fmt::format("partial write: {} dropped={}", result.first_reason, result.malformed));
 }
 
 std::optional<HttpAnswer> InfluxApi::answer_to_head(const HttpRequest &request) {

@@ -42,6 +42,6 @@ class InfluxApi {
 HttpAnswer error_answer(http_status status, std::string reason);
 
 // The answer to a write whose points are durable.
-HttpAnswer answer_to(const IngestResult &taken);
+HttpAnswer answer_to(const IngestResult &result);
 
 }  // namespace metricdb

@@ -19,7 +19,7 @@ std::string sparkline(std::span<const double> values);
 std::string series_table(const Store &store, const std::string &pattern);
 
 // Counts, sizes, speed (`seconds` is the time for parsing and storing), and the headers of the arrays. Bytes per point
-// refer to visible points. If the store forgets data, also what it forgot, and the result of the last sweep.
+// refer to visible points. If the store forgets data, also counts of forgotten data, and the result of the last sweep.
 std::string load_summary(const Store &store, const LoadStats &stats, const Sweep &last, double seconds);
 
 // The content of a database: folder and generation, series and points, forgotten data, and sizes and headers of each
