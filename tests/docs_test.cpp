@@ -233,6 +233,23 @@ TEST(FormatsDocument, SizesOfRecordsMatchTheHeader) {
   EXPECT_EQ(numbers_in(content_of(ROOT / "docs/formats.md"), R"(\n\| `(\w+_v\d)` \| (\d+) \|)"), stored);
 }
 
+// A source refers to a reason as: docs/performance.md, "Section".
+TEST(Documents, SectionsThatSourcesReferToExist) {
+  static const std::regex reference(R"re((docs/\w+\.md),(?:\s|//)+"([^"\n]+)")re");
+  int n_references = 0;
+  for (const char *const folder : {"utils", "catalog", "host", "recovery", "metricdb", "tools"})
+    for (const auto &file : fs::recursive_directory_iterator(ROOT / folder)) {
+      if (file.path().extension() != ".h" && file.path().extension() != ".cpp") continue;
+      const std::string text = content_of(file.path());
+      for (std::sregex_iterator it(text.begin(), text.end(), reference), end; it != end; ++it) {
+        ++n_references;
+        EXPECT_NE(content_of(ROOT / (*it)[1].str()).find("\n## " + (*it)[2].str() + "\n"), std::string::npos)
+            << file.path() << ": " << it->str();
+      }
+    }
+  EXPECT_GT(n_references, 0) << "no reference was found";
+}
+
 TEST(Documents, NamedFilesAndTestsExist) {
   std::string paths, tests;
   for (const char *const folder :

@@ -11,7 +11,7 @@
 #include "tslb_util.h"
 
 // Values that list operations use repeatedly. They are constant while the array lives. Passed only to inline functions;
-// see docs/performance.md, "Slot taken and freed".
+// see docs/performance.md, "Slot taken".
 struct list_array_t {
   DynArrHandle_t *array;
   DynArrHdr_t *hdr;
@@ -28,7 +28,7 @@ struct list_array_t {
 };
 
 static inline list_array_t list_array_of(DynArrHandle_t *array) {
-  // A product instead of a branch; see docs/performance.md, "Slot taken and freed".
+  // A product instead of a branch; see docs/performance.md, "Slot taken".
   const uint32_t second_node = (array->daflag & TSLB_DA_DAFLAG_INLL) * (TSLB_NODE_BYTES / TSLB_DA_DAFLAG_INLL);
   return {array, arr_hdr_of(array), lli_of(array), TSLB_NODE_BYTES + second_node};
 }

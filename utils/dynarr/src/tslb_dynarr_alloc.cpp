@@ -174,7 +174,7 @@ __attribute__((always_inline)) static inline allocation_t take_slot(dynarr_t *ar
   return taken;
 }
 
-// Inlined once per use of the lock; see docs/performance.md, "Slot taken and freed".
+// Inlined once per use of the lock; see docs/performance.md, "Slot taken".
 enum lock_use_t { CALLER_HOLDS_LOCK, TAKES_LOCK };
 __attribute__((always_inline)) static inline void *take_and_log(dynarr_t *array, uint32_t *new_idx,
                                                                 lock_use_t lock_use) {
