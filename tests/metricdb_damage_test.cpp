@@ -220,7 +220,7 @@ TEST_F(Damage, InconsistentStores) {
       {"used bytes exceed the slot", [](Parts p) { p.current_slot->bytes_used = 5000; },
        "bytes_used 5000 of slot 3, but the slot has 2400", "points"},
       {"a cursor inside", [](Parts p) { p.current_slot->bytes_used += 8; }, "is more than the cursor's ", "points"},
-      {"a cursor beyond", [](Parts p) { p.current_slot->bytes_used -= 8; }, "but the cursor is at ", "points"},
+      {"a cursor beyond", [](Parts p) { p.current_slot->bytes_used -= 8; }, "but the slot counts 8", "points"},
       {"a free slot that claims a series", [](Parts p) { p.free.set_flags(SERIES_READY); }, "flags 0x01 at status 1"},
       {"a free slot without its mark", [](Parts p) { p.free.set_key({}); }, "gatekeeper 0x0 in a free slot"},
       {"a slot in use without a series", [](Parts p) { p.a.set_flags(0); }, "flags 0x00 at status "},

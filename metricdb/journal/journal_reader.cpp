@@ -10,7 +10,7 @@
 namespace metricdb {
 namespace {
 
-constexpr uint64_t READ_BYTES = 1 << 20;
+constexpr uint64_t JOURNAL_READ_BYTES = 1 << 20;
 
 // A part of the file in memory, from the first byte that is still needed on. It grows on demand.
 class Window {
@@ -35,7 +35,7 @@ class Window {
     bytes_.erase(0, std::min<uint64_t>(needed_ - base_, bytes_.size()));
     base_ = needed_;
     const size_t had = bytes_.size();
-    const uint64_t missing = std::max(until - base_ - had, std::min(READ_BYTES, end_ - base_ - had));
+    const uint64_t missing = std::max(until - base_ - had, std::min(JOURNAL_READ_BYTES, end_ - base_ - had));
     bytes_.resize(had + missing);
     const size_t got = file_.read_at(base_ + had, bytes_.data() + had, missing);
     bytes_.resize(had + got);
