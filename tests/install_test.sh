@@ -85,11 +85,12 @@ for tool in "$prefix"/bin/*; do
   [ -e "$prefix/share/man/man1/${tool##*/}.1" ] || fail "${tool##*/} has no man page"
 done
 
-# metricdb is a project of its own on the installed library. Unoptimized: only that it builds and works matters here.
+# metricdb is a project of its own on the installed library. Unoptimized and one source per library, which takes a third
+# of the time: the test is that it builds and works.
 metricdb=$(cd "$(dirname "$0")/../metricdb" && pwd)
 {
   "$cmake" -S "$metricdb" -B "$scratch/metricdb" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_BUILD_TYPE=None \
-    -DCMAKE_CXX_FLAGS=-O0 && "$cmake" --build "$scratch/metricdb" -j "$(nproc)"
+    -DCMAKE_UNITY_BUILD=ON -DCMAKE_UNITY_BUILD_BATCH_SIZE=0 -DCMAKE_CXX_FLAGS=-O0 && "$cmake" --build "$scratch/metricdb" -j "$(nproc)"
 } >"$scratch/log" 2>&1 || fail "$(cat "$scratch/log")"
 echo 'weather,place=hill celsius=21.5 1700000000000000000' >"$scratch/weather.lp"
 "$scratch/metricdb/metricdb" load "$scratch/weather.lp" --db "$scratch/database" >"$scratch/log"

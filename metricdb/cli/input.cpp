@@ -27,7 +27,7 @@ class Descriptor {
   const int fd_;
 };
 
-[[noreturn]] void fail(const std::string &name) {
+[[noreturn]] void fail_input(const std::string &name) {
   const int error = errno;
   throw InputError(fmt::format("{}: cannot be read: {}", name, std::strerror(error)));
 }
@@ -40,7 +40,7 @@ std::string_view Input::text() {
   if (text_) return *text_;
   const Descriptor file(path_);
   struct stat status {};
-  if (file.get() < 0 || fstat(file.get(), &status) != 0) fail(name_);
+  if (file.get() < 0 || fstat(file.get(), &status) != 0) fail_input(name_);
   readable_again_ = S_ISREG(status.st_mode) && path_ != "-";
 
   constexpr size_t SMALLEST_READ = 1 << 16;
@@ -52,7 +52,7 @@ std::string_view Input::text() {
     if (used == text.size()) text.resize(text.size() * 2);
     const ssize_t got = read(file.get(), text.data() + used, text.size() - used);
     if (got < 0 && errno == EINTR) continue;
-    if (got < 0) fail(name_);
+    if (got < 0) fail_input(name_);
     if (got == 0) break;
     used += static_cast<size_t>(got);
   }

@@ -15,7 +15,7 @@ namespace metricdb {
 namespace {
 
 constexpr int BACKLOG = 1024;
-constexpr size_t MESSAGE_BYTES = 512;
+constexpr size_t LISTEN_MESSAGE_BYTES = 512;
 
 int open_spare() {
   return open("/dev/null", O_RDONLY | O_CLOEXEC);
@@ -25,7 +25,7 @@ int open_spare() {
 
 Listener::Listener(const std::string &address, std::optional<int> port) {
   if (!port) return;
-  char message[MESSAGE_BYTES] = "";
+  char message[LISTEN_MESSAGE_BYTES] = "";
   port_ = *port;
   fd_.reset(tslb_tcp_listen(&port_, BACKLOG, address.c_str(), message));
   const std::string_view text(message);

@@ -13,7 +13,7 @@
 namespace metricdb {
 namespace {
 
-constexpr size_t SPARK_CELLS = 32;
+constexpr size_t SERIES_CELLS = 32;
 constexpr const char *LEVELS[] = {"▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
 constexpr size_t N_LEVELS = std::size(LEVELS);
 
@@ -49,7 +49,7 @@ uint64_t count_visible(const Store &store, uint32_t series) {
 // For a series with at least one visible point.
 Row row_of(const Store &store, uint32_t series) {
   const uint64_t n_points = count_visible(store, series);
-  std::vector<Mean> cells(std::min<uint64_t>(n_points, SPARK_CELLS));
+  std::vector<Mean> cells(std::min<uint64_t>(n_points, SERIES_CELLS));
   Mean all;
   Point point{0, 0.0};
   double min = 0.0;
