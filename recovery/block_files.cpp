@@ -70,8 +70,8 @@ class block_files_t final : public image_source_t {
   bool format_path(uint64_t block_num, path_t *path) const {
     const int name_chars = block_num == 0 ? INT_MAX : NAME_CHARS;
     const int len =
-        snprintf(path->text, sizeof(path->text), "%s%s%.*s/%d.%llu.darr", base_path_, base_path_[0] != '\0' ? "/" : "",
-                 name_chars, ctx_name_, tbl_id_, static_cast<unsigned long long>(block_num));
+        snprintf(path->text, sizeof(path->text), "%s%s%.*s/" TSLB_BLOCK_FILE_FORMAT, base_path_,
+                 base_path_[0] != '\0' ? "/" : "", name_chars, ctx_name_, tbl_id_, static_cast<int>(block_num));
     return len >= 0 && static_cast<size_t>(len) < sizeof(path->text);
   }
 

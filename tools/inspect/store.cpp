@@ -27,7 +27,7 @@ namespace {
 
 // Maximum length of a context name in the directory of data blocks.
 constexpr size_t NAME_CHARS = sizeof(DynArrHandle_t::ctx_name) - 1;
-constexpr std::string_view SUFFIX = ".darr";
+constexpr std::string_view SUFFIX = TSLB_BLOCK_FILE_SUFFIX;
 
 [[noreturn]] void throw_unreadable(const std::string &path) {
   const int error = errno;

@@ -49,8 +49,9 @@ __attribute__((format(printf, 2, 3))) static bool format_path(path_t *path, cons
 }
 
 static bool format_file_path(path_t *path, const char *ctx_name, int32_t tbl_id, int32_t block_id) {
-  if (g_base_path[0] != '\0') return format_path(path, "%s/%s/%d.%d.darr", g_base_path, ctx_name, tbl_id, block_id);
-  return format_path(path, "%s/%d.%d.darr", ctx_name, tbl_id, block_id);
+  if (g_base_path[0] != '\0')
+    return format_path(path, "%s/%s/" TSLB_BLOCK_FILE_FORMAT, g_base_path, ctx_name, tbl_id, block_id);
+  return format_path(path, "%s/" TSLB_BLOCK_FILE_FORMAT, ctx_name, tbl_id, block_id);
 }
 
 // Creates the directory if it is missing, but none above it. A block without a directory ends the process.

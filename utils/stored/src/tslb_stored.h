@@ -113,7 +113,8 @@ TSLB_STORED_INLINE unsigned tslb_stored_level_of(uint32_t beyond) {
 
 /* ---- Block files --------------------------------------------------------------------------------------------------- */
 
-#define TSLB_BLOCK_FILE_FORMAT "%d.%d.darr" /* table id, block number; 0 is block 0 */
+#define TSLB_BLOCK_FILE_SUFFIX ".darr"
+#define TSLB_BLOCK_FILE_FORMAT "%d.%d" TSLB_BLOCK_FILE_SUFFIX /* table id, block number; 0 is block 0 */
 
 /* Writes the name of a block file, as snprintf does. */
 static inline int tslb_stored_block_file_name(char *text, size_t size, int32_t tbl_id, int32_t block_num) {
