@@ -125,7 +125,7 @@ TEST(ConvertDriver, PoolsAreCopiedUnchanged) {
       const array_t pool = chunk_pool(row.kind, n_chunks);
       const std::string want = stream_of(pool.get());
       const std::string cut = cut_stream_of(pool.get());
-      const trimming_t trimming;
+      const trim_settings_t trimming;
       std::string older = want;
       older[0] = static_cast<char>(row.lib_version_after);
       for (const std::string &stream : {want, cut}) {

@@ -42,8 +42,8 @@ void tsdb_recov_version_copy_rc(void *cbargs) {
 }
 
 // Switches the module's two trace levels on for its lifetime.
-struct tracing_t {
-  tracing_t(bool on, bool level1, bool level2) {
+struct trace_scope_t {
+  trace_scope_t(bool on, bool level1, bool level2) {
     traced.clear();
     hook_mistakes = 0;
     trace_log_key = on ? reinterpret_cast<MTTraceLogKey *>(&traced) : nullptr;
@@ -53,7 +53,7 @@ struct tracing_t {
     g_tstl_module_debug_arr[tstl_module_recovery][0] = level1;
     g_tstl_module_debug_arr[tstl_module_recovery][1] = level2;
   }
-  ~tracing_t() {
+  ~trace_scope_t() {
     trace_log_key = nullptr;
     EXPECT_EQ(hook_mistakes, 0);
   }
@@ -70,7 +70,7 @@ TEST(RecordDowngrade, EndsWithItsSourceOrDestination) {
   const array_t none = array_of(36, 0, 0);
   args.h_mpool_cur = none.get();
   {
-    const tracing_t tracing(true, true, true);
+    const trace_scope_t tracing(true, true, true);
     tsdb_recov_downgrade_g_mg_2_0(&args);
     ASSERT_EQ(traced.size(), 1u) << "a call without records is not traced";
     EXPECT_EQ(traced[0].function, "tsdb_recov_downgrade_g_mg_2_0");
@@ -158,7 +158,7 @@ TEST(LibraryDowngrade, HeadersAndPoolHeader) {
     memset(bytes_of(destination->arr_base) + 8, 'D', static_cast<size_t>(row.cur_hdr));
     const std::string lists_and_counts(bytes_of(destination->arr_base) + 8 + row.cur_hdr, 60 + 16 + 16);
     TSDBVerCBArgs_t args = {RECTYPE_LIB_BV, source.get(), destination.get()};
-    const tracing_t tracing(true, false, true);
+    const trace_scope_t tracing(true, false, true);
     tsdb_recov_downgrade_rc_lib_2_1(&args);
     const DynHdr_t *const hdr = static_cast<const DynHdr_t *>(destination->arr_base);
     EXPECT_EQ(hdr->lib_version, 1);
@@ -190,7 +190,7 @@ TEST(LibraryDowngrade, HeadersAndPoolHeader) {
       EXPECT_EQ(line.function, "tsdb_recov_downgrade_rc_lib_2_1");
     }
     for (const bool on : {false, true}) {
-      const tracing_t without_its_switch(on, true, !on);
+      const trace_scope_t without_its_switch(on, true, !on);
       tsdb_recov_downgrade_rc_lib_2_1(&args);
       EXPECT_TRUE(traced.empty()) << on;
     }
@@ -220,7 +220,7 @@ TEST(Trace, LinesDependOnTheirSwitches) {
     SCOPED_TRACE(switches);
     const bool on = (switches & 1) != 0, level1 = (switches & 2) != 0, level2 = (switches & 4) != 0;
     const array_t older = array_of(sizeof(subject_value_t_v0), 2, 0);
-    const tracing_t tracing(on, level1, level2);
+    const trace_scope_t tracing(on, level1, level2);
     TSDBVerCBArgs_t args = {1, subjects.get(), older.get()};
     tsdb_recov_downgrade_derived_subject_value_t_1_0(&args);
     char frame[200];
@@ -292,12 +292,12 @@ TEST(Maps, ValuesOutsideTheMapsGiveNull) {
 TEST(Maps, LookupAndPrintAreTraced) {
   for (const bool level1 : {false, true}) {
     {
-      const tracing_t none(false, level1, level1);
+      const trace_scope_t none(false, level1, level1);
       tsdb_recovery_version_get_downgrade_fn_ptr(RECTYPE_G_MG, 1, 2);
       tsdb_print_old_version_tb();
       EXPECT_TRUE(traced.empty()) << "traced although the log is off";
     }
-    const tracing_t tracing(true, level1, !level1);
+    const trace_scope_t tracing(true, level1, !level1);
     tsdb_recovery_version_get_downgrade_fn_ptr(RECTYPE_G_MG, 1, 2);
     EXPECT_EQ(tsdb_print_old_version_tb(), nullptr);
     ASSERT_EQ(traced.size(), level1 ? 34u : 0u);

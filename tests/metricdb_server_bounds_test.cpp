@@ -165,12 +165,12 @@ TEST_F(Bounds, DescriptorsRunOut) {
   Peer first(server.influx_port());
   EXPECT_EQ(ask(first, get("/ping")), 204);
   {
-    Peer unlucky(0);  // created before the limit
+    Peer refused(0);  // created before the limit
     const int next = dup(0);
     close(next);
     const limit_t fewer(RLIMIT_NOFILE, static_cast<rlim_t>(next));
-    unlucky.connect_to(server.influx_port());
-    EXPECT_TRUE(unlucky.is_closed());
+    refused.connect_to(server.influx_port());
+    EXPECT_TRUE(refused.is_closed());
     EXPECT_EQ(server.counters().turned_away, 1u);
     EXPECT_EQ(ask(first, get("/ping")), 204);
   }

@@ -217,7 +217,7 @@ TEST_F(Snapshot, ShortLastSlotAndItsConditions) {
 }
 
 TEST_F(Snapshot, ShortSlotInADataBlockAndNoneInAnEmptyPool) {
-  const trimming_t trimming;
+  const trim_settings_t trimming;
   const array_t empty(tslb_init_dynmem(1000, 4, 0, MPOOL_TYPE_DRAM, 0, "bb", BBP_TBLID, 0));
   EXPECT_EQ(dump(empty.get()).size(), 80u);
   const array_t pool(tslb_init_dynmem(1000, 1, 0, MPOOL_TYPE_DRAM, 0, "bb", BBP_TBLID, 0));

@@ -39,19 +39,19 @@ inline std::string stream_of(DynArrHandle_t *array) {
 }
 
 // During its lifetime, pools of the two fixed table ids are stored with a short last slot.
-struct trimming_t {
-  trimming_t() {
+struct trim_settings_t {
+  trim_settings_t() {
     tslb_test_mode = 0;
     lib_config.tslb_enable_file_trimming_flag = 1;
   }
-  ~trimming_t() {
+  ~trim_settings_t() {
     tslb_test_mode = static_cast<char>(0xFF);
     lib_config.tslb_enable_file_trimming_flag = 0;
   }
 };
 
 inline std::string cut_stream_of(DynArrHandle_t *pool) {
-  const trimming_t trimming;
+  const trim_settings_t trimming;
   return stream_of(pool);
 }
 

@@ -1,8 +1,9 @@
 // Access to words of stored structures that one thread reads while another thread writes them. Private.
 //
 // A word is named by its field, so a field of another width does not compile. A stored structure can start at any
-// address. The processor reads and writes each word whole unless it crosses a cache line. No reader without the lock
-// depends on a word that crosses a cache line.
+// address. The processor reads and writes each word whole unless it crosses a cache line. n_used can cross one if a user
+// header's size is not a multiple of 4 (dynamic_array.h); other words that are read without the lock are aligned or are
+// only confirmed under the lock.
 //
 // Relaxed: the spin lock or the full barrier in the host's atomics provides the required order.
 #ifndef SHARED_WORDS_H

@@ -4,7 +4,7 @@
  *
  * Requirements:
  * - Each function is one lock-free read-modify-write and a full barrier. A thread that reads the new value also sees
- *   the bytes written before the swap.
+ *   the bytes written before the operation.
  * - A swap fails only if the word differs from `expected`. Spurious failures are not allowed: after a failed swap of a
  *   table entry the library releases its own table and uses the pointer in the entry.
  * - No function throws. The library is built without exceptions, and an exception from a hook would leave the array's

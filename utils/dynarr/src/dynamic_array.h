@@ -213,7 +213,8 @@ TSLB_API int32_t get_pmem_block(int64_t chunk_size, const char *ctx_name, int32_
 
 /* Creates an empty array.
  *
- * usrhdr_sz    bytes of user header, 0 to 65,535.
+ * usrhdr_sz    bytes of user header, 0 to 65,535. A multiple of 4 if threads look up ids while others take new ones:
+ *              otherwise n_used can cross a cache line, and a lookup can read half of an old and half of a new count.
  * size_of_single_data_slot
  *              bytes of a record, without nodes. A data block of 16 slots must be smaller than 4 GiB.
  * number_of_direct_slots

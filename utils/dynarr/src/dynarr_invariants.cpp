@@ -1,6 +1,6 @@
-// Executed invariants, compiled with TSLB_CHECK_INVARIANTS: what the rules in tslb_stored.h say of lists and of a pool's
-// cursor is checked when the lock of a small array is taken and again before it is released. A rule that an operation
-// breaks ends the process. An array that is damaged already, as a host can load or make it, is left alone.
+// Compiled with TSLB_CHECK_INVARIANTS. Checks the rules for lists and for a pool's cursor (tslb_stored.h) when the lock of a
+// small array is taken, and before it is released. The process ends if an operation breaks a rule. An array that violated a
+// rule before the operation is not checked.
 #include <stdio.h>
 #include <stdlib.h>
 
@@ -21,7 +21,7 @@ static const char *text_of(tslb_rule_t rule) {
   return TEXTS[rule];
 }
 
-// Slots of the direct area only: a lookup beyond it would make memory that is missing.
+// Slots of the direct area only: a lookup beyond it would allocate missing memory.
 static void *slot_at(const DynArrHandle_t *array, uint32_t idx) {
   return arr_hdr_of(array)->elem_direct + size_t{idx} * slot_bytes_of(array) + TSLB_NODE_BYTES;
 }
@@ -66,7 +66,7 @@ static tslb_rule_t broken_by_lists(const DynArrHandle_t *array, uint32_t n_used)
   return broken;
 }
 
-// By its header's size and place of the cursor; an array whose header is not a pool's has other sizes.
+// A pool is recognised by the size of its header and by mslot_sz.
 static tslb_rule_t broken_by_cursor(const DynArrHandle_t *array, uint32_t n_used) {
   if (dyn_hdr_of(array)->hdr_size != TSLB_POOL_HDR_BYTES) return NO_RULE;
   const char *const hdr = static_cast<const char *>(user_hdr_of(array));

@@ -23,15 +23,15 @@ struct used_block_t {
 
 enum walk_end_t { WALK_ENDED, WALK_RAN_OUT };
 
-// deal(block) returns a value other than 0 to end the walk. Slots issued after n_used is read here are not visited.
-template <class Deal>
-static walk_end_t walk_blocks(DynArrHandle_t *array, Deal deal) {
+// visit(block) returns a value other than 0 to end the walk. Slots issued after n_used is read here are not visited.
+template <class Visit>
+static walk_end_t walk_blocks(DynArrHandle_t *array, Visit visit) {
   const DynArrHdr_t *const hdr = arr_hdr_of(array);
   const uint32_t n_used = get32(hdr, &DynArrHdr_t::n_used);
   int num_elem_left = static_cast<int>(n_used);
   const int in_block0 = static_cast<int>(hdr->n_direct < n_used ? hdr->n_direct : n_used);
-  const int outcome = deal(used_block_t{array->arr_base, in_block0, static_cast<int>(header_bytes_of(array)), 0,
-                                        num_elem_left == in_block0});
+  const int outcome = visit(used_block_t{array->arr_base, in_block0, static_cast<int>(header_bytes_of(array)), 0,
+                                         num_elem_left == in_block0});
   num_elem_left -= in_block0;
   if (num_elem_left == 0 || outcome != 0 || __atomic_load_n(&array->ir_base, __ATOMIC_ACQUIRE) == nullptr)
     return WALK_ENDED;
@@ -39,7 +39,7 @@ static walk_end_t walk_blocks(DynArrHandle_t *array, Deal deal) {
   const bool ran_out = walk_data_blocks(array, [&](void *block, unsigned level) {
     const int per_block = static_cast<int>(TSLB_SLOTS_PER_BLOCK);
     const int in_block = num_elem_left <= per_block ? num_elem_left : per_block;
-    const bool goes_on = deal(used_block_t{block, in_block, 0, level, num_elem_left == in_block}) == 0;
+    const bool goes_on = visit(used_block_t{block, in_block, 0, level, num_elem_left == in_block}) == 0;
     num_elem_left -= in_block;
     return goes_on && num_elem_left != 0;
   });
