@@ -40,7 +40,7 @@ class single_step_t {
     DynArrHandle_t *array;
     size_t to_go;
     const std::function<void()> *work;
-    range_t library;
+    range_t code;
     bool steps;
   };
   static state_t &state() {
@@ -75,7 +75,7 @@ class single_step_t {
       return;
     }
     const uintptr_t at = static_cast<uintptr_t>(registers[REG_RIP]);
-    if (at < now.library.begin || at >= now.library.end || now.to_go == 0 || now.array->spinlock != 0) return;
+    if (at < now.code.begin || at >= now.code.end || now.to_go == 0 || now.array->spinlock != 0) return;
     if (--now.to_go != 0) return;
     (*now.work)();
     registers[REG_EFL] &= ~TRAP_FLAG;  // the rest runs at full speed
