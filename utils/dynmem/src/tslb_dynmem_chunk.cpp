@@ -25,10 +25,10 @@ constexpr const char *ALLOCATOR32 = "tslb_dynmem_get_mchunk";
 
 // ---- Reservation --------------------------------------------------------------------------------------------------
 
-// Whether the current slot can hold a chunk of `len` bytes. Slots above `last_slot` count as full, because the caller's
-// addresses cannot name them; TSLB_DA_NIL_IDX, the largest number, is above all.
-static inline bool has_room(const DynMemHdr_t *hdr, uint64_t cursor, uint32_t len, uint32_t last_slot) {
-  return hdr->mslot_sz - tslb_stored_cursor_off(cursor) >= len && tslb_stored_cursor_slot(cursor) <= last_slot;
+// Whether the current slot cannot hold a chunk of `len` bytes. Slots above `last_slot` count as full, because the
+// caller's addresses cannot name them; TSLB_DA_NIL_IDX, the largest number, is above all.
+static inline bool is_full(const DynMemHdr_t *hdr, uint64_t cursor, uint32_t len, uint32_t last_slot) {
+  return hdr->mslot_sz - tslb_stored_cursor_off(cursor) < len || tslb_stored_cursor_slot(cursor) > last_slot;
 }
 
 enum claim_t { CLAIM_WON, CLAIM_RACED, CLAIM_NO_ROOM };
@@ -37,7 +37,7 @@ enum claim_t { CLAIM_WON, CLAIM_RACED, CLAIM_NO_ROOM };
 static inline claim_t try_claim(DynMemHdr_t *hdr, uint32_t len, uint32_t last_slot, uint64_t *seen) {
   // Relaxed: nothing is read through these bits before the swap, and the swap is a full barrier.
   *seen = get64(hdr, &DynMemHdr_t::cur_slot_addr);
-  if (!has_room(hdr, *seen, len, last_slot)) return CLAIM_NO_ROOM;
+  if (is_full(hdr, *seen, len, last_slot)) return CLAIM_NO_ROOM;
   // The sum stays in the upper half: a slot's size bounds it.
   return cas64(&hdr->cur_slot_addr, *seen, *seen + tslb_stored_cursor(0, len)) != 0 ? CLAIM_WON : CLAIM_RACED;
 }
@@ -174,7 +174,7 @@ static MemSlot_t *tslb_dynmem_get_newslot(dynmem_t *dynmem_handle, DynMemHdr_t *
   // The caller's view of the cursor can be out of date. The slot index decides; a slot that became current again
   // and has room is not left.
   uint64_t seen = get64(dynmem_hdr, &DynMemHdr_t::cur_slot_addr);
-  const bool is_stale = tslb_stored_cursor_slot(seen) != cslot_idx || has_room(dynmem_hdr, seen, chunk_sz, last_slot);
+  const bool is_stale = tslb_stored_cursor_slot(seen) != cslot_idx || !is_full(dynmem_hdr, seen, chunk_sz, last_slot);
   // Whether a ring is complete is read under the lock too: ids of a pool are issued under it.
   if (is_stale || Address::steps_ring(dynmem_handle)) {
     if (!is_stale) step_ring(dynmem_handle, dynmem_hdr, seen);
