@@ -33,10 +33,10 @@
 /* Offset of the user header, of DynArrLLI_t, of DynArrHdr_t, and of slot 0. */
 #define TSLB_USER_HDR_AT TSLB_DYN_HDR_BYTES
 TSLB_STORED_INLINE size_t tslb_stored_lli_at(uint16_t hdr_size) {
-  return (size_t)TSLB_USER_HDR_AT + hdr_size;
+  return (size_t)hdr_size + TSLB_USER_HDR_AT;
 }
 TSLB_STORED_INLINE size_t tslb_stored_arr_hdr_at(uint16_t hdr_size, uint16_t lli_sz) {
-  return tslb_stored_lli_at(hdr_size) + lli_sz;
+  return (size_t)hdr_size + lli_sz + TSLB_USER_HDR_AT;
 }
 TSLB_STORED_INLINE size_t tslb_stored_header_bytes(uint16_t hdr_size, uint16_t lli_sz) {
   return tslb_stored_arr_hdr_at(hdr_size, lli_sz) + TSLB_ARR_HDR_BYTES;
