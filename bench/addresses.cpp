@@ -39,7 +39,9 @@ constexpr uint32_t SLOT_BYTES = 1u << 20;
 constexpr uint32_t DIRECT_SLOTS = 80;
 constexpr uint32_t MANY = 1u << 20;
 constexpr uint32_t LOOKUPS = 1u << 15;
+#ifdef TSLB_BENCH_LMDB
 constexpr uint64_t ROOM_BYTES = uint64_t{256} << 20;
+#endif
 
 #ifdef TSLB_BENCH_BOOST
 template <class Chunk>
