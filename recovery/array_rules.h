@@ -14,7 +14,7 @@ bool rule_is_fault(tslb_rule_t rule);
 
 // Writes the text of a violation, cut to `size` with its terminator.
 //
-// values  one for each placeholder in the rule's text.
+// values  one for each pair of braces in the rule's text.
 void write_rule(tslb_rule_t rule, const uint64_t *values, char *text, size_t size);
 
 // Receives violations. Positions are byte offsets in the flat image: the headers, then the slots in order.
