@@ -28,13 +28,17 @@ set(TSLB_HOST_PUBLIC_HEADERS
   recovery/block_files.h
   recovery/recovery_driver.h
   recovery/redo_applier.h)
+# The header of libtslb_durable.a.
+set(TSLB_DURABLE_PUBLIC_HEADERS
+  durable/durable.h)
+list(TRANSFORM TSLB_DURABLE_PUBLIC_HEADERS PREPEND ${PROJECT_SOURCE_DIR}/)
 list(TRANSFORM TSLB_PUBLIC_HEADERS PREPEND ${PROJECT_SOURCE_DIR}/)
 list(TRANSFORM TSLB_HOST_PUBLIC_HEADERS PREPEND ${PROJECT_SOURCE_DIR}/)
 
 # One folder for all of them, as after installation: <tslb/tslb_dynarr.h> is the name in the build tree too.
 set(TSLB_HEADER_FOLDER ${PROJECT_BINARY_DIR}/include/tslb)
 file(MAKE_DIRECTORY ${TSLB_HEADER_FOLDER})
-foreach(header IN LISTS TSLB_PUBLIC_HEADERS TSLB_HOST_PUBLIC_HEADERS)
+foreach(header IN LISTS TSLB_PUBLIC_HEADERS TSLB_HOST_PUBLIC_HEADERS TSLB_DURABLE_PUBLIC_HEADERS)
   get_filename_component(name ${header} NAME)
   file(CREATE_LINK ${header} ${TSLB_HEADER_FOLDER}/${name} SYMBOLIC)
 endforeach()

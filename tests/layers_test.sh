@@ -8,7 +8,7 @@ source=$1
 
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
-for folder in utils catalog host recovery tools bench fuzz metricdb tests cmake; do
+for folder in utils catalog host recovery durable tools bench fuzz metricdb tests cmake; do
   (cd "$source" && find "$folder" \( -name '*.h' -o -name '*.cpp' -o -name '*.c' -o -name headers.cmake \) -print0 |
     xargs -0 cp --parents -t "$scratch")
 done
@@ -31,5 +31,7 @@ expect_report utils/dynmem/src/tslb_dynmem.cpp '"tsdb_recovery_schema.h"'
 expect_report utils/dynmem/src/tslb_dynmem.cpp '<tslb/tslb_dynarr.h>'          # a staged header in the library
 expect_report tests/pool_test.cpp '"dynarr_lookup.h"'                          # a private header outside the library
 expect_report recovery/array_loader.cpp '<tslb/dynarr_lookup.h>'
+expect_report recovery/array_loader.cpp '<tslb/durable.h>'                     # an installed header of a higher folder
+expect_report tests/pool_test.cpp '"journal_writer.h"'
 expect_report metricdb/codec/point_codec.cpp '"store/store.h"'
 expect_report metricdb/query/query.cpp '"net/server.h"'

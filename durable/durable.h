@@ -1,0 +1,278 @@
+/* Arrays that survive a crash. A store is a folder with the arrays of a host: the last complete state of each (a
+ * generation) and a journal of the batches since then. The host changes the arrays in memory as always, within a batch,
+ * and names what it changed. The store writes the changes, restores the arrays at the next opening, and replaces the
+ * generation when the journal has become long. Everything is in libtslb_durable.a, which also defines the redo hook
+ * (tslb_rd_api.h).
+ *
+ * Terms
+ *   batch        the unit of atomicity. After a crash all changes of a batch are there, or none.
+ *   group        the batches that are written together. Batches of several threads share a group, and one sync.
+ *   ticket       number of a batch, in the order of tslb_batch_end: 1, 2, 3 and so on. Tickets settle in this order: the
+ *                batch is durable (as `sync` says), or it was refused.
+ *   generation   one stored state of all arrays: a snapshot stream for each, and a manifest.
+ *
+ * Batches. Changes between tslb_batch_begin and tslb_batch_end belong to the batch; they are made by the thread that
+ * began it, which has one batch of a store at a time. Changes of a store's array outside of a batch are an error that
+ * breaks the store. A group ends at a moment without an open batch, so a batch should be short: while one is open,
+ * nothing becomes durable. Changes cannot be taken back by the host.
+ *
+ * What the host names, and what it does not:
+ *   - the contents of records and chunks: tslb_batch_log_record, _bytes and _chunk. The store copies the bytes when the
+ *     group ends, so they can be named before or after the change, and are written once for each group.
+ *   - not: list nodes, headers of arrays and pools, new ids, counters of memory slots, compaction headers of chunks that
+ *     were taken or deleted through the store. The store logs these itself.
+ *   - Chunks of the 32-bit or 64-bit allocator that were taken without the store, and their compaction headers, are
+ *     named like other contents.
+ * A content that was not named is not restored. With TSLB_STORE_SHADOW the store keeps a replica that is built from the
+ * journal alone, and compares it with the arrays at the end of each group. The first difference is reported with array,
+ * slot, byte and batch, and breaks the store. Tests of a host run with it.
+ *
+ * Errors. Functions that can fail take `error`, which may be null, and fill it on failure. Nothing is written to stderr
+ * except by libtslb.so itself. No function throws.
+ *
+ * Threads. A store can be used by any number of threads, as each function says. The host must ignore SIGXFSZ if the size
+ * of files is limited: the signal would end it. */
+#ifndef TSLB_DURABLE_H
+#define TSLB_DURABLE_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <tslb/tslb_dynarr.h>
+#include <tslb/tslb_dynmem.h>
+
+TSLB_BEGIN_DECLS
+
+/* ---- Errors ------------------------------------------------------------------------------------------------------- */
+
+typedef enum tslb_durable_code_t {
+  TSLB_DURABLE_OK = 0,
+  TSLB_DURABLE_INVALID,   /* an argument or a declaration is invalid, or a call is not allowed now */
+  TSLB_DURABLE_IO,        /* a system call failed: errnum */
+  TSLB_DURABLE_NO_MEMORY, /* memory was refused */
+  TSLB_DURABLE_NO_STORE,  /* the folder is not a store */
+  TSLB_DURABLE_NOT_EMPTY, /* the folder has other content, so no store is created in it */
+  TSLB_DURABLE_LOCKED,    /* another writer has the store */
+  TSLB_DURABLE_DAMAGED,   /* stored bytes are not what a writer left, and no crash explains it */
+  TSLB_DURABLE_MISMATCH,  /* the store has other arrays than those declared */
+  TSLB_DURABLE_FULL,      /* a pool has no room for a chunk; nothing was changed */
+  TSLB_DURABLE_REFUSED,   /* a batch could not be written: tslb_store_restore */
+  TSLB_DURABLE_BROKEN     /* the store accepts no more batches. Close it, and open it again */
+} tslb_durable_code_t;
+
+typedef struct tslb_error_t {
+  int code;       /* tslb_durable_code_t */
+  int errnum;     /* errno of a failed system call, else 0 */
+  uint64_t byte;  /* position in `file` that the error is about, or 0 */
+  char file[512]; /* path, or empty */
+  char text[512]; /* one line that includes file and byte, cut to fit */
+} tslb_error_t;
+
+/* ---- Declaration of arrays ---------------------------------------------------------------------------------------- */
+
+typedef enum tslb_array_kind_t {
+  TSLB_ARRAY_RECORDS,   /* without nodes: ids only (get_dyn_arr_new_record_id_ex with daflag 0) */
+  TSLB_ARRAY_SLOTS,     /* with lists: tslb_dynarr.h */
+  TSLB_POOL_BIG_BUFFER, /* chunk pool with maddr_t, or with maddr64_t (tslb_dynmem.h) */
+  TSLB_POOL_BIT_VECTOR  /* chunk pool with maddrBV_t */
+} tslb_array_kind_t;
+
+/* Converts one record to the declared version: fills `to`, which is zeroed. Called for each active or inactive slot.
+ * A result other than 0 fails the opening. */
+typedef int (*tslb_record_converter_t)(void *arg, uint8_t from_version, const void *from, uint32_t from_bytes, void *to,
+                                       uint32_t to_bytes);
+
+/* Zero in fields that a kind does not use. */
+typedef struct tslb_array_decl_t {
+  const char *name; /* 1 to 31 of a-z, A-Z, 0-9, '_' and '-'; the array's name in the store and its ctx_name */
+  tslb_array_kind_t kind;
+  int32_t tbl_id;        /* table id */
+  uint32_t record_bytes; /* bytes of a record; pool: usable bytes of a memory slot, a multiple of 4, at most 16 MiB */
+  uint32_t n_direct;     /* slots in block 0 */
+  uint8_t daflag;        /* TSLB_ARRAY_SLOTS: TSLB_DA_DAFLAG_*; pools: the same, or 0 for a pool that frees no slot */
+  uint8_t rec_version;   /* version of the records */
+  uint8_t has_compat;    /* pools: not 0: chunks have compaction headers */
+  int16_t max_slots;     /* big-buffer pools: limit of slots, or 0 */
+  const tsdb_mem_pressure_config_t *reuse_policy; /* with TSLB_DA_DAFLAG_INLL: copied; or NULL, which changes nothing */
+  const char *description;                        /* of the records, kept in the manifest: one line; or NULL */
+  /* Used if the stored array has an older rec_version. NULL: it is refused. A stored rec_version that is newer, or other
+   * sizes with the same version, are refused. */
+  tslb_record_converter_t convert;
+  void *convert_arg;
+} tslb_array_decl_t;
+
+/* ---- Stores -------------------------------------------------------------------------------------------------------- */
+
+typedef struct tslb_store_t tslb_store_t;
+typedef struct tslb_batch_t tslb_batch_t;
+
+/* When a ticket settles. */
+typedef enum tslb_sync_t {
+  TSLB_SYNC_GROUP,  /* when its group is synced. tslb_batch_end does not wait */
+  TSLB_SYNC_ALWAYS, /* the same, and tslb_batch_end waits for it */
+  TSLB_SYNC_NONE    /* when its group is written: a crash of the machine can lose it, a crash of the process cannot */
+} tslb_sync_t;
+
+enum {
+  TSLB_STORE_CREATE = 1,    /* creates a store in a missing or empty folder. An existing store is opened */
+  TSLB_STORE_IN_ANY = 2,    /* with CREATE: also in a folder that has other files, which stay */
+  TSLB_STORE_READ_ONLY = 4, /* loads the arrays and changes nothing; also beside a writer */
+  TSLB_STORE_SALVAGE = 8,   /* uses what precedes the damage; see tslb_store_info_t.warning */
+  TSLB_STORE_SHADOW = 16,   /* compares the arrays with a replica after each group. Needs twice the memory */
+  TSLB_STORE_NO_FORK = 32   /* snapshots are written by the caller while batches wait, not by a child process */
+};
+
+/* Options of tslb_store_open. A zeroed structure has the defaults. */
+typedef struct tslb_store_options_t {
+  uint32_t flags; /* TSLB_STORE_* */
+  tslb_sync_t sync;
+  uint64_t snapshot_bytes; /* writes a generation by itself when the journal has grown by so much; 0: never */
+  uint32_t keep;           /* older generations that are kept, with their journals */
+  uint64_t bytes_per_s;    /* limits the writing of generations by a child; 0: no limit */
+  uint32_t journal_level;  /* compression of the journal: 0: the default, 1 to 9: zstd, 10: none */
+  /* Called while the store is opened, with bytes done and in all; or NULL. */
+  void (*progress)(void *arg, uint64_t done_bytes, uint64_t all_bytes);
+  void *progress_arg;
+} tslb_store_options_t;
+
+/* What was found and done. Numbers are those of this opening. */
+typedef struct tslb_store_info_t {
+  uint8_t identity[16];       /* random, from the creation of the store */
+  uint64_t generation;        /* number of the current generation */
+  uint64_t journal_bytes;     /* of the journals since it */
+  uint64_t n_batches_found;   /* batches that were recovered from journals when the store was opened */
+  uint64_t cut_bytes;         /* bytes after the last complete group, as a crash leaves them */
+  uint64_t n_groups;          /* groups that were written */
+  uint64_t n_batches;         /* batches in them */
+  uint64_t n_changes;         /* changed ranges in them */
+  uint64_t raw_bytes;         /* their size before compression */
+  uint64_t stored_bytes;      /* and after it */
+  uint64_t n_snapshots;       /* generations that were written */
+  uint64_t snapshot_pause_ns; /* of the last one: time during which no batch could begin */
+  uint64_t fork_ns;           /* part of the pause: the fork */
+  uint64_t max_pause_ns;      /* longest pause */
+  uint8_t was_created;        /* the store was created by this opening */
+  uint8_t was_sealed;         /* the last writer ended orderly */
+  uint8_t was_upgraded;       /* arrays were added or converted */
+  char warning[512];          /* what is remarkable, one line; empty if nothing is */
+  char snapshot_failure[512]; /* why the last automatic snapshot failed; empty if it did not */
+} tslb_store_info_t;
+
+/* Opens a store.
+ *
+ * folder    path of the store.
+ * arrays    declarations of all arrays of the store, in any order. Arrays that the store does not have are added.
+ *           Copied, with the texts.
+ * options   may be null.
+ * Result    the store, or NULL. The arrays have the last durable state.
+ *
+ * A store that was not closed is recovered: bytes after the last complete group are cut. Everything is checked before:
+ * files against the manifest, groups against their checksums, arrays against the rules of the formats. Anything that a
+ * crash does not explain is TSLB_DURABLE_DAMAGED. */
+tslb_store_t *tslb_store_open(const char *folder, const tslb_array_decl_t *arrays, uint32_t n_arrays,
+                              const tslb_store_options_t *options, tslb_error_t *error);
+
+/* Writes what is pending, seals the journal and releases the store with its arrays. No batch may be open, and no other
+ * thread may use the store. The store is released also on failure. Null is ignored. Result: 0, or -1. */
+int tslb_store_close(tslb_store_t *store, tslb_error_t *error);
+
+/* Returns the array of declaration `idx`. It belongs to the store. The pointer stays the same until the store is closed.
+ * NULL if there is no such declaration. Any thread. */
+DynamicArray_t tslb_store_array(tslb_store_t *store, uint32_t idx);
+
+/* Any thread. */
+void tslb_store_get_info(tslb_store_t *store, tslb_store_info_t *info);
+
+/* Returns the payload of the last durable batch that had one, as it was found when the store was opened or restored, and
+ * its size. NULL with size 0 if there was none. Valid until the store is restored or closed. */
+const void *tslb_store_payload(tslb_store_t *store, size_t *size);
+
+/* ---- Batches ------------------------------------------------------------------------------------------------------- */
+
+/* Begins a batch on this thread. Waits while a group ends. NULL with TSLB_DURABLE_REFUSED, _BROKEN, _NO_MEMORY, or
+ * _INVALID (the store is read-only, or the thread has a batch already). */
+tslb_batch_t *tslb_batch_begin(tslb_store_t *store, tslb_error_t *error);
+
+/* Name changed contents. `array` is the index of the declaration. A range is within a record (pools: within MemSlot_t
+ * with its chunks). An invalid range makes the batch refuse to end well: its ticket fails. Thread of the batch. */
+void tslb_batch_log_record(tslb_batch_t *batch, uint32_t array, uint32_t idx);
+void tslb_batch_log_bytes(tslb_batch_t *batch, uint32_t array, uint32_t idx, uint32_t offset, uint32_t bytes);
+/* Bytes of a chunk's data, which begin after a compaction header. */
+void tslb_batch_log_chunk(tslb_batch_t *batch, uint32_t array, maddr_t address, uint32_t offset, uint32_t bytes);
+void tslb_batch_log_chunk64(tslb_batch_t *batch, uint32_t array, maddr64_t address, uint32_t offset, uint32_t bytes);
+
+/* Takes a chunk. Never ends the process, unless memory is refused: at the pool's last slot it fails, also with many
+ * threads. The rules for lengths are checked (tslb_dynmem.h).
+ *
+ * bytes     of data.
+ * referrer  stored in the compaction header, if there is one.
+ * address   receives the address.
+ * Result    the data, after a compaction header. It is not zeroed if the slot was used before; name what you write. NULL
+ *           with TSLB_DURABLE_FULL or _INVALID: nothing was changed. */
+void *tslb_batch_take_chunk(tslb_batch_t *batch, uint32_t array, uint32_t bytes, srcaddr_t referrer, maddr_t *address,
+                            tslb_error_t *error);
+/* With a 64-bit address, in a big-buffer pool without a limit of slots. Such chunks cannot be deleted one by one. */
+void *tslb_batch_take_chunk64(tslb_batch_t *batch, uint32_t array, uint32_t bytes, srcaddr64_t referrer,
+                              maddr64_t *address, tslb_error_t *error);
+
+/* Deletes a chunk of a pool with compaction headers. */
+void tslb_batch_delete_chunk(tslb_batch_t *batch, uint32_t array, maddr_t address);
+
+/* Releases the empty slots of a pool (tslb_dynmem_update_free_list). Returns their number, which is too small if other
+ * threads take slots meanwhile. */
+uint32_t tslb_batch_sweep(tslb_batch_t *batch, uint32_t array);
+
+/* Gives the batch a payload of at most 65,536 bytes, which is copied. Result: 0, or -1. */
+int tslb_batch_set_payload(tslb_batch_t *batch, const void *bytes, size_t size, tslb_error_t *error);
+
+/* Ends the batch and releases it. Returns its ticket. With TSLB_SYNC_ALWAYS it waits until the ticket is settled. */
+uint64_t tslb_batch_end(tslb_batch_t *batch);
+
+/* Ends the batch and waits until it is settled; the calling thread writes the group if no other does. Result: 0: it is
+ * durable. -1: it was refused. */
+int tslb_batch_commit(tslb_batch_t *batch, tslb_error_t *error);
+
+/* ---- Tickets ------------------------------------------------------------------------------------------------------- */
+
+/* Waits until the ticket is settled. Result: 0: it is durable. -1: it was refused. Any thread. No batch of the calling
+ * thread may be open. */
+int tslb_store_wait(tslb_store_t *store, uint64_t ticket, tslb_error_t *error);
+
+/* Returns the last settled ticket; 0 if there is none. Any thread. */
+uint64_t tslb_store_settled(tslb_store_t *store);
+
+/* Returns an eventfd that is readable when tickets have settled. The reader resets it. It belongs to the store. */
+int tslb_store_event_fd(tslb_store_t *store);
+
+/* After TSLB_DURABLE_REFUSED: brings the arrays back to the last durable batch, in place, so pointers to arrays stay
+ * valid. Afterwards batches can begin again. Reads the store from the disk, and needs twice the memory meanwhile. No
+ * batch may be open. State of the host that follows from the arrays is made anew by the host. Result: 0. -1: the store
+ * is broken, or reading failed; it can be tried again. */
+int tslb_store_restore(tslb_store_t *store, tslb_error_t *error);
+
+/* ---- Generations --------------------------------------------------------------------------------------------------- */
+
+/* Writes a generation and removes older ones (options.keep). Batches go on meanwhile, except for a short pause
+ * (tslb_store_info_t). Waits until it is complete. Result: 0, or -1: the store goes on with the generation before.
+ * Any thread; one snapshot at a time. No batch of the calling thread may be open. */
+int tslb_store_snapshot(tslb_store_t *store, tslb_error_t *error);
+
+/* Writes a copy of the store to a missing or empty folder, as of the last settled ticket, and verifies it there. Opening
+ * it restores the copy, which has the same identity. Batches go on. Any thread. Result: 0, or -1. */
+int tslb_store_backup(tslb_store_t *store, const char *folder, tslb_error_t *error);
+
+/* Bytes of a pool. */
+typedef struct tslb_pool_room_t {
+  uint64_t current;  /* left in the current slot */
+  uint64_t free;     /* in slots on the free list */
+  uint64_t inactive; /* in slots on the inactive list */
+  uint64_t fresh;    /* in slots that do not exist yet and that addresses can name. UINT64_MAX for 64-bit addresses */
+} tslb_pool_room_t;
+
+/* Returns how much room a pool of 32-bit addresses has. -1 if it is not a pool. Any thread; out of date at once while
+ * others take chunks. */
+int tslb_store_pool_room(tslb_store_t *store, uint32_t array, tslb_pool_room_t *room);
+
+TSLB_END_DECLS
+
+#endif

@@ -1,0 +1,299 @@
+#include "files.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/eventfd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "checksum.h"
+#include "io_faults.h"
+
+namespace tslb_durable {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr size_t READ_BYTES = 1 << 20;
+constexpr mode_t FILE_MODE = 0666;
+constexpr mode_t FOLDER_MODE = 0777;
+constexpr uint64_t STAT_BLOCK_BYTES = 512;
+
+// Returns fewer than `count` bytes only at the end of the file.
+size_t read_some(const File &file, char *to, size_t count) {
+  size_t filled = 0;
+  while (filled < count) {
+    const ssize_t got = read(file.fd(), to + filled, count - filled);
+    if (got == 0) break;
+    if (got > 0)
+      filled += static_cast<size_t>(got);
+    else if (errno != EINTR)
+      fail_file(file.path(), "cannot be read");
+  }
+  return filled;
+}
+
+// Counts a step of the file layer. Returns false and sets errno if a test makes it fail.
+bool begin_step() {
+  errno = take_io_step();
+  return errno == 0;
+}
+
+// put(bytes, count) writes some bytes and returns their number.
+template <class Put>
+bool put_all(std::string_view text, Put put) {
+  while (!text.empty()) {
+    const ssize_t written = put(text.data(), text.size());
+    if (written >= 0)
+      text.remove_prefix(static_cast<size_t>(written));
+    else if (errno != EINTR)
+      return false;
+  }
+  return true;
+}
+
+template <class Put>
+bool put_in_two_steps(std::string_view text, Put put) {
+  if (!begin_step()) return false;
+  const size_t first_half = io_faults_are_armed() ? text.size() / 2 : 0;
+  return put_all(text.substr(0, first_half), put) && begin_step() && put_all(text.substr(first_half), put);
+}
+
+template <class Call>
+bool sync_with(Call call, int fd) {
+  if (!begin_step()) return false;
+  return call(fd) == 0;
+}
+
+// Returns the descriptor of an existing regular file.
+int regular_file(const std::string &path, int access) {
+  const int fd = ::open(path.c_str(), access | O_CLOEXEC | O_NONBLOCK);
+  struct stat about;
+  if (fd < 0 || fstat(fd, &about) != 0) fail_file(path, "cannot be opened");
+  if (S_ISREG(about.st_mode)) return fd;
+  close(fd);
+  throw StoreError(TSLB_DURABLE_IO, path + ": not a regular file", path);
+}
+
+}  // namespace
+
+StoreError damaged(const std::string &path, const std::string &what) {
+  return StoreError(TSLB_DURABLE_DAMAGED, fmt::format("{}: {}", path, what), path);
+}
+
+StoreError damaged_at(const std::string &path, uint64_t byte, const std::string &what) {
+  return StoreError(TSLB_DURABLE_DAMAGED, fmt::format("{}: byte {}: {}", path, byte, what), path, byte);
+}
+
+void fail_file(const std::string &path, std::string_view what) {
+  const int error = errno;
+  throw StoreError(TSLB_DURABLE_IO, fmt::format("{}: {}: {}", path, what, std::strerror(error)), path, 0, error);
+}
+
+File::File(int fd, std::string path) : fd_(fd), path_(std::move(path)) {}
+
+File::File(File &&other) noexcept : fd_(std::exchange(other.fd_, -1)), path_(std::move(other.path_)) {}
+
+File::~File() {
+  if (fd_ >= 0) close(fd_);
+}
+
+File File::open(const std::string &path) {
+  return File(regular_file(path, O_RDONLY), path);
+}
+
+File File::open_to_write(const std::string &path) {
+  return File(regular_file(path, O_RDWR), path);
+}
+
+File File::create(const std::string &path) {
+  File file(begin_step() ? ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, FILE_MODE) : -1, path);
+  if (file.fd_ < 0) fail_file(path, "cannot be created");
+  return file;
+}
+
+File File::open_or_create(const std::string &path) {
+  File file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK, FILE_MODE), path);
+  if (file.fd_ < 0) fail_file(path, "cannot be opened");
+  return file;
+}
+
+File File::adopt(int fd, const std::string &what) {
+  return File(fd, what);
+}
+
+File File::folder(const std::string &path) {
+  File file(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC), path);
+  if (file.fd_ < 0) fail_file(path, "cannot be opened");
+  return file;
+}
+
+File File::event() {
+  File file(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "an event");
+  if (file.fd_ < 0) fail_file(file.path_, "cannot be created");
+  return file;
+}
+
+uint64_t File::bytes() const {
+  struct stat about;
+  if (fstat(fd_, &about) != 0) fail_file(path_, "cannot be read");
+  return static_cast<uint64_t>(about.st_size);
+}
+
+void File::write(std::string_view text) const {
+  const auto put = [this](const char *bytes, size_t count) { return ::write(fd_, bytes, count); };
+  if (!put_in_two_steps(text, put)) fail_file(path_, "cannot be written");
+}
+
+void File::write_at(uint64_t at, std::string_view text) const {
+  const auto put = [this, &at](const char *bytes, size_t count) {
+    const ssize_t written = pwrite(fd_, bytes, count, static_cast<off_t>(at));
+    if (written > 0) at += static_cast<uint64_t>(written);
+    return written;
+  };
+  if (!put_in_two_steps(text, put)) fail_file(path_, "cannot be written");
+}
+
+size_t File::read_at(uint64_t at, char *to, size_t count) const {
+  size_t filled = 0;
+  while (filled < count) {
+    const ssize_t got = pread(fd_, to + filled, count - filled, static_cast<off_t>(at + filled));
+    if (got == 0) break;
+    if (got > 0)
+      filled += static_cast<size_t>(got);
+    else if (errno != EINTR)
+      fail_file(path_, "cannot be read");
+  }
+  return filled;
+}
+
+void File::sync() const {
+  if (!sync_with(fsync, fd_)) fail_file(path_, "cannot be synced");
+}
+
+void File::sync_data() const {
+  if (!sync_with(fdatasync, fd_)) fail_file(path_, "cannot be synced");
+}
+
+void File::truncate(uint64_t bytes) const {
+  if (!begin_step() || ftruncate(fd_, static_cast<off_t>(bytes)) != 0) fail_file(path_, "cannot be truncated");
+}
+
+int File::reserve(uint64_t at, uint64_t bytes) const {
+  if (!begin_step()) return errno;
+  int result;
+  do {
+    result = fallocate(fd_, FALLOC_FL_KEEP_SIZE, static_cast<off_t>(at), static_cast<off_t>(bytes));
+  } while (result != 0 && errno == EINTR);
+  return result != 0 ? errno : 0;
+}
+
+void make_folder(const std::string &path) {
+  if (!begin_step() || mkdir(path.c_str(), FOLDER_MODE) != 0) fail_file(path, "cannot be created");
+}
+
+bool make_folder_if_missing(const std::string &path) {
+  if (begin_step() && mkdir(path.c_str(), FOLDER_MODE) == 0) return true;
+  if (errno != EEXIST) fail_file(path, "cannot be created");
+  return false;
+}
+
+void rename_file(const std::string &from, const std::string &to) {
+  if (!begin_step() || rename(from.c_str(), to.c_str()) != 0) fail_file(to, "cannot be put into place");
+}
+
+void remove_file(const std::string &path) {
+  if ((!begin_step() || unlink(path.c_str()) != 0) && errno != ENOENT) fail_file(path, "cannot be removed");
+}
+
+void remove_folder_if_empty(const std::string &path) {
+  if (begin_step() && rmdir(path.c_str()) == 0) return;
+  if (errno != ENOENT && errno != ENOTEMPTY) fail_file(path, "cannot be removed");
+}
+
+void remove_tree(const std::string &path) {
+  std::error_code error;
+  if (!fs::is_directory(fs::symlink_status(path, error))) return remove_file(path);
+  std::vector<std::string> members;  // listed first, because removing changes the listing
+  for (fs::directory_iterator it(path, error), end; !error && it != end; it.increment(error))
+    members.push_back(it->path().string());
+  for (const std::string &member : members) remove_tree(member);
+  if (error)
+    throw StoreError(TSLB_DURABLE_IO, fmt::format("{}: cannot be removed: {}", path, error.message()), path, 0,
+                     error.value());
+  remove_folder_if_empty(path);
+}
+
+void for_each_name(const std::string &folder, const std::function<void(const std::string &name)> &visit) {
+  std::error_code error;
+  for (fs::directory_iterator it(folder, error), end; !error && it != end; it.increment(error))
+    visit(it->path().filename().string());
+  if (error)
+    throw StoreError(TSLB_DURABLE_IO, fmt::format("{}: cannot be read: {}", folder, error.message()), folder, 0,
+                     error.value());
+}
+
+void replace_file(const std::string &path, std::string_view text) {
+  const std::string temporary = path + ".new";
+  remove_file(temporary);
+  {
+    const File file = File::create(temporary);
+    file.write(text);
+    file.sync();
+  }
+  rename_file(temporary, path);
+  File::folder(folder_of(path)).sync();
+}
+
+void copy_file(const std::string &from, const std::string &to, uint64_t bytes) {
+  const File source = File::open(from);
+  const File copy = File::create(to);
+  const auto buffer = std::make_unique<char[]>(READ_BYTES);
+  for (uint64_t at = 0; at < bytes;) {
+    const size_t wanted = static_cast<size_t>(std::min<uint64_t>(READ_BYTES, bytes - at));
+    const size_t got = source.read_at(at, buffer.get(), wanted);
+    if (got < wanted) throw damaged_at(from, at + got, "the file ends here");
+    copy.write({buffer.get(), got});
+    at += got;
+  }
+  copy.sync();
+}
+
+std::string folder_of(const std::string &path) {
+  return fs::absolute(path).parent_path().string();
+}
+
+FileSum sum_of(const File &file) {
+  const auto buffer = std::make_unique<char[]>(READ_BYTES);
+  struct stat about;
+  if (lseek(file.fd(), 0, SEEK_SET) != 0 || fstat(file.fd(), &about) != 0) fail_file(file.path(), "cannot be read");
+  FileSum sum;
+  sum.allocated_bytes = static_cast<uint64_t>(about.st_blocks) * STAT_BLOCK_BYTES;
+  for (size_t got = READ_BYTES; got == READ_BYTES;) {
+    got = read_some(file, buffer.get(), READ_BYTES);
+    sum.crc32c = crc32c(buffer.get(), got, sum.crc32c);
+    sum.bytes += got;
+  }
+  if (lseek(file.fd(), 0, SEEK_SET) != 0) fail_file(file.path(), "cannot be read");
+  return sum;
+}
+
+std::string text_of(const File &file, size_t max_bytes) {
+  struct stat about;
+  if (fstat(file.fd(), &about) != 0) fail_file(file.path(), "cannot be read");
+  if (static_cast<uint64_t>(about.st_size) > max_bytes)
+    throw damaged(file.path(), fmt::format("has more than {} bytes", max_bytes));
+  std::string text(static_cast<size_t>(about.st_size), '\0');
+  text.resize(read_some(file, text.data(), text.size()));
+  return text;
+}
+
+}  // namespace tslb_durable

@@ -1,0 +1,230 @@
+#include "journal_reader.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "checksum.h"
+#include "files.h"
+
+namespace tslb_durable {
+namespace {
+
+constexpr uint64_t JOURNAL_READ_BYTES = 1 << 20;
+
+// A part of the file in memory, from the first byte that is still needed on. It grows on demand.
+class Window {
+ public:
+  Window(const File &file, uint64_t end) : file_(file), end_(end) {}
+
+  uint64_t end() const { return end_; }
+
+  // Returns `count` bytes from `at` on, fewer at the end of the file. Valid until the next call.
+  std::string_view view(uint64_t at, uint64_t count) {
+    const uint64_t until = std::min(end_, at + count);
+    if (until > base_ + bytes_.size()) read_on(until);
+    if (at >= base_ + bytes_.size()) return {};
+    return std::string_view(bytes_).substr(at - base_, until - at);
+  }
+
+  // Bytes before `at` are not needed any more.
+  void discard_before(uint64_t at) { needed_ = at; }
+
+ private:
+  void read_on(uint64_t until) {
+    bytes_.erase(0, std::min<uint64_t>(needed_ - base_, bytes_.size()));
+    base_ = needed_;
+    const size_t had = bytes_.size();
+    const uint64_t missing = std::max(until - base_ - had, std::min(JOURNAL_READ_BYTES, end_ - base_ - had));
+    bytes_.resize(had + missing);
+    const size_t got = file_.read_at(base_ + had, bytes_.data() + had, missing);
+    bytes_.resize(had + got);
+    if (got < missing) end_ = base_ + bytes_.size();  // another process truncated the file
+  }
+
+  const File &file_;
+  uint64_t end_;
+  uint64_t base_ = 0;    // position of the first byte in memory
+  uint64_t needed_ = 0;  // position of the first byte that is needed
+  std::string bytes_;
+};
+
+FrameHead head_in(std::string_view frame) {
+  FrameHead head;
+  std::memcpy(&head, frame.data(), sizeof head);
+  return head;
+}
+
+// Returns whether the fields of a head agree.
+bool is_sound(const FrameHead &head) {
+  if (head.zero != 0 || head.zero2 != 0 || head.length < sizeof head) return false;
+  if (head.kind == FrameKind::group)
+    return head.raw_bytes != 0 && head.raw_bytes <= MAX_BODY_BYTES && head.length <= sizeof head + MAX_BODY_BYTES;
+  return (head.kind == FrameKind::opened || head.kind == FrameKind::sealed) && head.length == sizeof head &&
+         head.raw_bytes == 0 && head.n_batches == 0 && head.compression == Compression::none;
+}
+
+class Scan {
+ public:
+  Scan(const File &file, const JournalName &name, const GroupVisitor &visit)
+      : file_(file), name_(name), visit_(visit), window_(file, file.bytes()) {}
+
+  ScanResult run() {
+    result_.bytes = window_.end();
+    read_head();
+    while (fault_.empty() && result_.place.position < window_.end() && !is_zero_to_end()) read_frame();
+    if (!fault_.empty()) classify_tail();
+    return result_;
+  }
+
+ private:
+  void read_head();
+  bool is_zero_to_end();
+  std::string_view whole_frame();
+  void read_frame();
+  void classify_tail();
+  bool proves_that_fault_was_synced(uint64_t at);
+  uint64_t count_later_frames();
+
+  const File &file_;
+  const JournalName &name_;
+  const GroupVisitor &visit_;
+  Window window_;
+  ScanResult result_;
+  std::string fault_;
+  bool is_certain_damage_ = false;  // the fault is in a frame whose checksum is right
+  std::string body_;                // decompressed
+};
+
+void Scan::read_head() {
+  const std::string_view bytes = window_.view(0, sizeof(JournalHead));
+  if (bytes.size() < sizeof(JournalHead)) throw damaged_at(file_.path(), 0, "shorter than the head of a journal");
+  JournalHead head;
+  std::memcpy(&head, bytes.data(), sizeof head);
+  if (std::string_view(head.magic, sizeof head.magic) != JOURNAL_MAGIC)
+    throw damaged_at(file_.path(), 0, "not a journal");
+  const uint32_t version = head.version;
+  if (version != JOURNAL_VERSION)
+    throw damaged_at(file_.path(), offsetof(JournalHead, version),
+                     fmt::format("unknown format version {}, expected {}", version, JOURNAL_VERSION));
+  JournalName found = {{}, head.generation};
+  std::memcpy(found.identity.data(), head.identity, sizeof head.identity);
+  const JournalHead expected = make_head(found);
+  if (std::memcmp(&expected, &head, sizeof head) != 0)
+    throw damaged_at(file_.path(), 0, "the checksum of the head is wrong");
+  if (found.identity != name_.identity)
+    throw damaged_at(file_.path(), offsetof(JournalHead, identity), "the journal of another store");
+  if (found.generation != name_.generation)
+    throw damaged_at(file_.path(), offsetof(JournalHead, generation),
+                     fmt::format("is of generation {}, not {}", found.generation, name_.generation));
+  result_.place = {sizeof head, 1, crc32c(bytes.data(), bytes.size())};
+}
+
+// Reserved space is zero. A frame is not: its length is never 0.
+bool Scan::is_zero_to_end() {
+  const std::string_view start = window_.view(result_.place.position, sizeof(uint32_t));
+  if (start.find_first_not_of('\0') != start.npos) return false;
+  for (uint64_t at = result_.place.position; at < window_.end();) {
+    const std::string_view bytes = window_.view(at, std::min(JOURNAL_READ_BYTES, window_.end() - at));
+    if (bytes.empty()) break;
+    if (bytes.find_first_not_of('\0') != bytes.npos) return false;
+    at += bytes.size();
+  }
+  return true;
+}
+
+// Returns the frame at the place. Returns nothing and sets the fault if it is not valid.
+std::string_view Scan::whole_frame() {
+  const uint64_t at = result_.place.position;
+  const uint64_t left = window_.end() - at;
+  const std::string_view start = window_.view(at, sizeof(FrameHead));
+  if (start.size() < sizeof(FrameHead)) {
+    fault_ = "the file ends within the head of a frame";
+    return {};
+  }
+  const FrameHead head = head_in(start);
+  const uint32_t length = head.length;
+  if (length < sizeof head || length > left) {
+    fault_ = fmt::format("a frame of {} bytes, but only {} are left", length, left);
+    return {};
+  }
+  const std::string_view frame = window_.view(at, length);
+  const uint64_t sequence = head.sequence;
+  if (frame.size() < length || sum_of_frame(name_, at, frame) != head.crc32c)
+    fault_ = "the checksum of a frame is wrong";
+  else if (sequence != result_.place.next_sequence)
+    fault_ = fmt::format("sequence {}, expected {}", sequence, result_.place.next_sequence);
+  else if (!is_sound(head))
+    fault_ = "a frame contradicts itself";
+  return fault_.empty() ? frame : std::string_view();
+}
+
+void Scan::read_frame() {
+  const std::string_view frame = whole_frame();
+  if (frame.empty()) return;
+  const FrameHead head = head_in(frame);
+  if (head.kind == FrameKind::group) {
+    bool ok = false;
+    const std::string_view body = decompress(head, frame.substr(sizeof head), body_, ok);
+    fault_ = ok ? visit_(body, result_.place.position) : "the body of a group cannot be decompressed";
+    is_certain_damage_ = !fault_.empty();
+    if (is_certain_damage_) return;
+    ++result_.n_groups;
+    result_.n_batches += head.n_batches;
+  }
+  result_.is_sealed = head.kind == FrameKind::sealed;
+  result_.place.crc32c = crc32c(frame.data(), frame.size(), result_.place.crc32c);
+  result_.place.position += frame.size();
+  ++result_.place.next_sequence;
+  window_.discard_before(result_.place.position);
+}
+
+void Scan::classify_tail() {
+  const uint64_t at = result_.place.position;
+  const uint64_t n_later = count_later_frames();
+  result_.end = n_later != 0 || is_certain_damage_ ? JournalEnd::damaged : JournalEnd::torn;
+  result_.is_sealed = false;
+  result_.fault_at = at;
+  result_.bytes_cut = window_.end() - at;
+  result_.fault = fmt::format("{}: byte {}: {}", file_.path(), at, fault_);
+  if (n_later != 0)
+    result_.fault +=
+        fmt::format(", but {} later {} that this was on the disk", n_later, n_later == 1 ? "frame says" : "frames say");
+}
+
+// Returns whether a valid frame at `at` says that the faulty bytes were on the disk. Its fields exclude most positions
+// before its checksum is computed.
+bool Scan::proves_that_fault_was_synced(uint64_t at) {
+  const std::string_view start = window_.view(at, sizeof(FrameHead));
+  if (start.size() < sizeof(FrameHead)) return false;
+  const FrameHead head = head_in(start);
+  if (!is_sound(head) || head.sequence <= result_.place.next_sequence || head.durable > at ||
+      head.durable <= result_.place.position || head.length > window_.end() - at)
+    return false;
+  const uint32_t length = head.length;
+  const std::string_view frame = window_.view(at, length);
+  return frame.size() == length && sum_of_frame(name_, at, frame) == head.crc32c;
+}
+
+// After a crash any part of the bytes that were not synced can be missing, so complete frames after a fault prove
+// nothing by themselves. But a frame says up to which position the file was on the disk.
+uint64_t Scan::count_later_frames() {
+  uint64_t n_frames = 0;
+  for (uint64_t at = result_.place.position + 1; at + sizeof(FrameHead) <= window_.end(); ++at) {
+    window_.discard_before(at);
+    if (!proves_that_fault_was_synced(at)) continue;
+    ++n_frames;
+    at += head_in(window_.view(at, sizeof(FrameHead))).length - 1;
+  }
+  return n_frames;
+}
+
+}  // namespace
+
+ScanResult scan_journal(const std::string &path, const JournalName &name, const GroupVisitor &visit) {
+  const File file = File::open(path);
+  return Scan(file, name, visit).run();
+}
+
+}  // namespace tslb_durable

@@ -1,0 +1,120 @@
+#include "journal_writer.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "checksum.h"
+#include "store_error.h"
+
+namespace tslb_durable {
+namespace {
+
+template <class Head>
+std::string_view bytes_of(const Head &head) {
+  return {reinterpret_cast<const char *>(&head), sizeof head};
+}
+
+// The file is written under a temporary name first, so a file with the final name always has a complete head.
+File make_file(const std::string &path, const JournalHead &head) {
+  if (access(path.c_str(), F_OK) == 0) throw StoreError(TSLB_DURABLE_IO, path + ": already exists", path);
+  const std::string temporary = path + ".new";
+  remove_file(temporary);
+  {
+    const File file = File::create(temporary);
+    file.write(bytes_of(head));
+    file.sync();
+  }
+  rename_file(temporary, path);
+  File::folder(folder_of(path)).sync();
+  return File::open_to_write(path);
+}
+
+// The truncation is synced before anything is written. Otherwise removed bytes could reappear after it.
+File open_file(const std::string &path, const JournalPlace &place) {
+  File file = File::open_to_write(path);
+  file.truncate(place.position);
+  file.sync();
+  return file;
+}
+
+JournalPlace place_after_head(const JournalHead &head) {
+  return {sizeof head, 1, crc32c(&head, sizeof head)};
+}
+
+}  // namespace
+
+JournalWriter::JournalWriter(const std::string &path, const JournalName &name)
+    : JournalWriter(make_file(path, make_head(name)), name, place_after_head(make_head(name))) {}
+
+JournalWriter::JournalWriter(const std::string &path, const JournalName &name, const JournalPlace &place)
+    : JournalWriter(open_file(path, place), name, place) {
+  append_opened();
+  has_groups_ = true;
+}
+
+JournalWriter::JournalWriter(File file, const JournalName &name, const JournalPlace &place)
+    : file_(std::move(file)), name_(name), place_(place), marked_(place), durable_(place.position) {}
+
+void JournalWriter::append(const Frame &frame, std::string_view body) {
+  const FrameHead head = make_frame_head(name_, place_, frame, durable_, body);
+  buffer_.assign(bytes_of(head)).append(body);
+  file_.write_at(place_.position, buffer_);
+  place_.crc32c = crc32c(buffer_.data(), buffer_.size(), place_.crc32c);
+  place_.position += buffer_.size();
+  ++place_.next_sequence;
+}
+
+// A write into reserved space does not change the metadata of the file much, so the sync is shorter. A full disk is
+// found by the write itself.
+void JournalWriter::reserve(uint64_t bytes) {
+  const uint64_t end = place_.position + bytes;
+  if (!can_reserve_ || end <= reserved_end_) return;
+  const uint64_t from = std::max(reserved_end_, place_.position);
+  const uint64_t to = (end + RESERVE_BYTES - 1) / RESERVE_BYTES * RESERVE_BYTES;
+  can_reserve_ = file_.reserve(from, to - from) == 0;
+  reserved_end_ = to;
+}
+
+void JournalWriter::append_group(const Frame &frame, std::string_view body) {
+  reserve(sizeof(FrameHead) + body.size());
+  append(frame, body);
+  has_groups_ = true;
+}
+
+void JournalWriter::sync() {
+  file_.sync_data();
+  durable_ = place_.position;
+}
+
+void JournalWriter::mark() {
+  marked_ = place_;
+}
+
+void JournalWriter::cut() {
+  file_.truncate(marked_.position);
+  file_.sync();
+  place_ = marked_;
+  reserved_end_ = 0;
+  can_reserve_ = true;
+}
+
+void JournalWriter::append_opened() {
+  append({FrameKind::opened}, {});
+  file_.sync();
+  durable_ = place_.position;
+  mark();
+}
+
+void JournalWriter::seal() {
+  // Everything before the seal must be on the disk before the seal is.
+  sync();
+  append({FrameKind::sealed}, {});
+  file_.truncate(place_.position);
+  file_.sync();
+  durable_ = place_.position;
+  mark();
+}
+
+}  // namespace tslb_durable

@@ -1,0 +1,56 @@
+// Writes a journal file. Threads: one at a time.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "files.h"
+#include "journal_format.h"
+
+namespace tslb_durable {
+
+class JournalWriter {
+ public:
+  // Creates a file, which must not exist. It gets its name when its head is written and synced. Throws StoreError.
+  JournalWriter(const std::string &path, const JournalName &name);
+  // Continues an existing file. Bytes after the place are removed. Throws StoreError.
+  JournalWriter(const std::string &path, const JournalName &name, const JournalPlace &place);
+
+  const std::string &path() const { return file_.path(); }
+  const JournalPlace &place() const { return place_; }
+  bool has_groups() const { return has_groups_; }
+
+  // Appends a group. `body` is the stored form. Throws StoreError; then cut() follows.
+  void append_group(const Frame &frame, std::string_view body);
+  // Waits until everything is on the disk. Throws StoreError; the content of the disk is unknown then.
+  void sync();
+  // Removes what was appended after the last mark(). Throws StoreError; the content of the disk is unknown then.
+  void cut();
+  // Everything that was appended so far stays.
+  void mark();
+
+  // Marks that the journal was continued after a cut, so that a reader cannot combine removed bytes with new ones.
+  void append_opened();
+  // Appends the last frame, syncs, and releases reserved space.
+  void seal();
+
+ private:
+  static constexpr uint64_t RESERVE_BYTES = 4 << 20;
+
+  JournalWriter(File file, const JournalName &name, const JournalPlace &place);
+  void append(const Frame &frame, std::string_view body);
+  void reserve(uint64_t bytes);
+
+  const File file_;
+  const JournalName name_;
+  JournalPlace place_;   // after the last frame
+  JournalPlace marked_;  // place of the last mark
+  uint64_t durable_;     // end of the synced part
+  uint64_t reserved_end_ = 0;
+  bool can_reserve_ = true;
+  bool has_groups_ = false;
+  std::string buffer_;
+};
+
+}  // namespace tslb_durable

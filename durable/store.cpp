@@ -1,0 +1,302 @@
+// Opening, closing and questions.
+#include "store.h"
+
+#include <fmt/format.h>
+#include <sys/file.h>
+#include <tslb/tslb_settings.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <utility>
+
+using namespace tslb_durable;
+
+namespace {
+
+constexpr int DEFAULT_LEVEL = 1;
+constexpr uint32_t MAX_LEVEL = 9;
+constexpr uint64_t FIRST_GENERATION = 1;
+
+bool has(const tslb_store_options_t &options, uint32_t flag) {
+  return (options.flags & flag) != 0;
+}
+
+int level_of(const tslb_store_options_t &options) {
+  if (options.journal_level == 0) return DEFAULT_LEVEL;
+  return options.journal_level <= MAX_LEVEL ? static_cast<int>(options.journal_level) : 0;
+}
+
+void copy_text(const std::string &text, char *to, size_t size) {
+  const size_t length = std::min(text.size(), size - 1);
+  std::memcpy(to, text.data(), length);
+  to[length] = '\0';
+}
+
+std::string without_slash(std::string folder) {
+  while (folder.size() > 1 && folder.back() == '/') folder.pop_back();
+  return folder;
+}
+
+}  // namespace
+
+tslb_store_t::tslb_store_t(std::string folder, std::vector<ArrayDecl> decls, const tslb_store_options_t &options)
+    : folder_(without_slash(std::move(folder))),
+      decls_(std::move(decls)),
+      options_(options),
+      level_(level_of(options)),
+      event_(File::event()) {
+  spare_batches_.reserve(Gate::MAX_INSIDE);
+  try {
+    open_or_create();
+  } catch (...) {
+    stop_threads();
+    unregister_store(this);
+    throw;
+  }
+}
+
+tslb_store_t::~tslb_store_t() {
+  stop_threads();
+  if (journal_) unregister_store(this);
+}
+
+// ---- Opening -------------------------------------------------------------------------------------------------------
+
+void tslb_store_t::open_or_create() {
+  const bool is_reader = has(options_, TSLB_STORE_READ_ONLY);
+  if (is_reader && has(options_, TSLB_STORE_CREATE))
+    throw StoreError(TSLB_DURABLE_INVALID, "TSLB_STORE_CREATE with TSLB_STORE_READ_ONLY");
+  if (has(options_, TSLB_STORE_CREATE)) {
+    const bool is_new = make_folder_if_missing(folder_);
+    if (is_new) File::folder(folder_of(folder_)).sync();
+    create_store();
+  }
+  if (!is_reader) {
+    read_state(folder_);  // a folder that is no store gets no lock file
+    take_lock();
+  }
+  LoadOptions load_options;
+  load_options.salvage = has(options_, TSLB_STORE_SALVAGE);
+  if (options_.progress != nullptr)
+    load_options.progress = [this](uint64_t done, uint64_t all) {
+      options_.progress(options_.progress_arg, done, all);
+    };
+  LoadedStore loaded = load_store(folder_, load_options);
+  adopt(loaded);
+  bind_arrays();
+  if (is_reader) return;
+  register_policies();
+  continue_journal(loaded);
+  register_store(this);
+  start_threads();
+}
+
+// Creates the files of an empty store. Its state is written first, with generation 0, so a folder in which the creation
+// did not end is known as such.
+void tslb_store_t::create_store() {
+  StoreState state;
+  try {
+    state = read_state(folder_);
+    if (state.generation != 0) return;
+  } catch (const StoreError &error) {
+    if (error.code() != TSLB_DURABLE_NO_STORE) throw;
+    if (!has(options_, TSLB_STORE_IN_ANY)) expect_empty_folder();
+  }
+  take_lock();
+  // Another process can have created the store meanwhile.
+  try {
+    state = read_state(folder_);
+    if (state.generation != 0) return;
+  } catch (const StoreError &error) {
+    if (error.code() != TSLB_DURABLE_NO_STORE) throw;
+    state.identity = new_identity();
+    write_state(folder_, state);
+  }
+  state_ = state;
+  for (const ArrayDecl &decl : decls_) arrays_.push_back(create_array(decl));
+  write_generation_alone(FIRST_GENERATION);
+  arrays_.clear();
+  journal_.reset();
+  info_.was_created = 1;
+}
+
+void tslb_store_t::expect_empty_folder() const {
+  for_each_name(folder_, [this](const std::string &name) {
+    if (name == "lock" || name == "store.new") return;  // of a creation that did not end
+    throw StoreError(TSLB_DURABLE_NOT_EMPTY,
+                     fmt::format("{}: is not a store and has other content, such as \"{}\"", folder_, name), folder_);
+  });
+}
+
+void tslb_store_t::take_lock() {
+  if (lock_) return;
+  File file = File::open_or_create(lock_path(folder_));
+  if (flock(file.fd(), LOCK_EX | LOCK_NB) != 0) {
+    if (errno == EWOULDBLOCK)
+      throw StoreError(TSLB_DURABLE_LOCKED, folder_ + ": another writer has the store", folder_);
+    fail_file(file.path(), "cannot be locked");
+  }
+  lock_.emplace(std::move(file));
+}
+
+// Puts the loaded arrays into the order of the declarations. Creates arrays that the store lacks, and converts those of
+// an older version.
+void tslb_store_t::adopt(LoadedStore &loaded) {
+  state_ = loaded.state;
+  const bool is_reader = has(options_, TSLB_STORE_READ_ONLY);
+  for (const StoredArrayEntry &entry : loaded.manifest.arrays) {
+    const bool is_declared =
+        std::any_of(decls_.begin(), decls_.end(), [&](const ArrayDecl &decl) { return decl.name == entry.name; });
+    if (!is_declared)
+      throw StoreError(TSLB_DURABLE_MISMATCH,
+                       fmt::format("{}: has the array \"{}\", which is not declared", folder_, entry.name), folder_);
+  }
+  for (const ArrayDecl &decl : decls_) {
+    const auto &entries = loaded.manifest.arrays;
+    const auto entry =
+        std::find_if(entries.begin(), entries.end(), [&](const auto &one) { return one.name == decl.name; });
+    if (entry == entries.end()) {
+      if (is_reader)
+        throw StoreError(TSLB_DURABLE_MISMATCH, fmt::format("{}: has no array \"{}\"", folder_, decl.name), folder_);
+      arrays_.push_back(create_array(decl));
+      info_.was_upgraded = 1;
+      continue;
+    }
+    Array array = std::move(loaded.arrays[static_cast<size_t>(entry - entries.begin())]);
+    const bool is_old = entry->rec_version < decl.rec_version && decl.convert != nullptr && !is_pool(decl.kind);
+    std::string why;
+    if (entry->kind != decl.kind)
+      why = fmt::format("kind {} is stored, but {} is declared", KIND_NAMES[entry->kind], KIND_NAMES[decl.kind]);
+    else if (entry->tbl_id != decl.tbl_id)
+      why = fmt::format("table id {} is stored, but {} is declared", entry->tbl_id, decl.tbl_id);
+    else if (entry->rec_version != decl.rec_version && !is_old)
+      why = fmt::format("rec_version {} is stored, but {} is declared", entry->rec_version, decl.rec_version);
+    else
+      why = mismatch_of(array.get(), decl, !is_old);
+    if (!why.empty())
+      throw StoreError(TSLB_DURABLE_MISMATCH, fmt::format("{}: array \"{}\": {}", folder_, decl.name, why), folder_);
+    if (is_old) {
+      array = converted(array.get(), decl);
+      info_.was_upgraded = 1;
+    }
+    arrays_.push_back(std::move(array));
+  }
+  payload_ = std::move(loaded.payload);
+  has_payload_ = loaded.has_payload;
+  durable_payload_ = payload_;
+  has_durable_payload_ = has_payload_;
+  info_.generation = loaded.generation;
+  next_snapshot_at_ = options_.snapshot_bytes;
+  std::memcpy(info_.identity, state_.identity.data(), sizeof info_.identity);
+  info_.n_batches_found = loaded.n_batches;
+  info_.cut_bytes = loaded.cut_bytes;
+  info_.journal_bytes = loaded.journal_bytes;
+  info_.was_sealed = loaded.is_sealed ? 1 : 0;
+  copy_text(loaded.warning, info_.warning, sizeof info_.warning);
+}
+
+void tslb_store_t::register_policies() {
+  for (size_t i = 0; i < decls_.size(); ++i) {
+    if (!decls_[i].reuse_policy) continue;
+    tsdb_mem_pressure_config_t policy = *decls_[i].reuse_policy;
+    tslb_da_register_reuse_policy(arrays_[i].get(), &policy);
+  }
+}
+
+void tslb_store_t::bind_arrays() {
+  for (uint32_t i = 0; i < decls_.size(); ++i) {
+    logged_.emplace_back(arrays_[i].get(), decls_[i].kind, i);
+    rooms_.push_back(is_pool(decls_[i].kind)
+                         ? std::make_unique<ChunkRoom>(arrays_[i].get(), decls_[i].kind, decls_[i].max_slots)
+                         : nullptr);
+    if (has(options_, TSLB_STORE_SHADOW) && !has(options_, TSLB_STORE_READ_ONLY))
+      shadows_.push_back(copy_of(arrays_[i].get()));
+  }
+}
+
+// Groups of a journal apply to the arrays of its generation. If the arrays in memory are not these arrays with the
+// journals applied, a new generation begins.
+void tslb_store_t::continue_journal(const LoadedStore &loaded) {
+  if (loaded.is_salvaged || info_.was_upgraded != 0) {
+    write_generation_alone(std::max(loaded.state.generation, loaded.state.journals.back().number) + 1);
+    return;
+  }
+  for (uint32_t i = 0; i < decls_.size(); ++i) {
+    const auto &entries = loaded.manifest.arrays;
+    const auto entry =
+        std::find_if(entries.begin(), entries.end(), [&](const auto &one) { return one.name == decls_[i].name; });
+    logged_[i].set_number(static_cast<uint32_t>(entry - entries.begin()));
+  }
+  // A journal before the last one is not continued. It is sealed, if the process ended before it could do so.
+  for (size_t i = 0; i + 1 < state_.journals.size(); ++i) {
+    JournalState &journal = state_.journals[i];
+    if (!journal.is_sealed) {
+      const JournalName name = {state_.identity, journal.number};
+      JournalWriter writer(journal_path(folder_, journal.number), name, loaded.places[i]);
+      writer.seal();
+      journal = {journal.number, true, writer.place().position, writer.place().crc32c};
+    }
+    journals_before_ += journal.bytes;
+  }
+  state_.journals.back() = {state_.journals.back().number, false, 0, 0};
+  write_state(folder_, state_);
+  const uint64_t last = state_.journals.back().number;
+  journal_ = std::make_unique<JournalWriter>(journal_path(folder_, last), JournalName{state_.identity, last},
+                                             loaded.places.back());
+}
+
+void tslb_store_t::start_threads() {
+  journal_thread_ = std::thread([this] { run_journal(); });
+  if (options_.snapshot_bytes != 0) snapshot_thread_ = std::thread([this] { run_snapshots(); });
+}
+
+// ---- Closing -------------------------------------------------------------------------------------------------------
+
+void tslb_store_t::stop_threads() {
+  {
+    const std::lock_guard lock(mutex_);
+    is_ending_ = true;
+  }
+  work_.notify_all();
+  snapshot_work_.notify_all();
+  if (journal_thread_.joinable()) journal_thread_.join();
+  if (snapshot_thread_.joinable()) snapshot_thread_.join();
+}
+
+void tslb_store_t::close() {
+  if (!journal_) return;
+  expect_no_batch_of_this_thread();
+  stop_threads();
+  {
+    const std::lock_guard flushing(flush_mutex_);
+    while (flush()) continue;
+  }
+  const std::lock_guard lock(mutex_);
+  if (!failed_.empty()) throw StoreError(is_broken_ ? TSLB_DURABLE_BROKEN : TSLB_DURABLE_REFUSED, failed_, folder_);
+  seal();
+}
+
+void tslb_store_t::seal() {
+  journal_->seal();
+  state_.journals.back() = {state_.journals.back().number, true, journal_->place().position, journal_->place().crc32c};
+  write_state(folder_, state_);
+}
+
+// ---- Questions -----------------------------------------------------------------------------------------------------
+
+DynArrHandle_t *tslb_store_t::array(uint32_t declaration) const {
+  return declaration < arrays_.size() ? arrays_[declaration].get() : nullptr;
+}
+
+uint32_t tslb_store_t::declaration_of(const DynArrHandle_t *array) const noexcept {
+  uint32_t declaration = 0;
+  while (declaration < arrays_.size() && arrays_[declaration].get() != array) ++declaration;
+  return declaration;
+}
+
+tslb_store_info_t tslb_store_t::info() {
+  const std::lock_guard lock(mutex_);
+  return info_;
+}

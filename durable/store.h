@@ -1,0 +1,199 @@
+// A store that is open.
+//
+// The path of a change: a batch collects ranges (Range), from the host and from the redo hook. The end of the batch hands
+// them to the pending group. The end of a group closes the gate, so that no batch is open, copies the bytes of the ranges
+// from the arrays, and opens the gate; then the group is compressed, written and synced while the next one fills. Who
+// waits for a ticket writes the group itself if no other thread does; the journal thread writes groups that no thread
+// waits for.
+//
+// Locks, in the order in which they are taken: snapshot_mutex_, flush_mutex_, the gate, mutex_.
+#pragma once
+
+#include <tslb/durable.h>
+
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "changes.h"
+#include "chunk_room.h"
+#include "gate.h"
+#include "journal_writer.h"
+#include "store_error.h"
+#include "store_files.h"
+#include "store_load.h"
+#include "stored_array.h"
+
+// A batch. Only its thread uses it.
+struct tslb_batch_t {
+  tslb_store_t *store = nullptr;
+  std::vector<tslb_durable::Range> ranges;
+  std::string payload;
+  bool has_payload = false;
+  std::string fault;  // why it cannot be logged; empty if it can
+
+  void add(const tslb_durable::Range &range) noexcept;
+};
+
+// The store of the C interface. Its functions throw StoreError unless declared noexcept.
+struct tslb_store_t {
+ public:
+  tslb_store_t(std::string folder, std::vector<tslb_durable::ArrayDecl> decls, const tslb_store_options_t &options);
+  ~tslb_store_t();
+  tslb_store_t(const tslb_store_t &) = delete;
+  tslb_store_t &operator=(const tslb_store_t &) = delete;
+
+  void close();
+  tslb_store_info_t info();
+  DynArrHandle_t *array(uint32_t declaration) const;
+  uint32_t n_arrays() const { return static_cast<uint32_t>(decls_.size()); }
+  const std::vector<uint8_t> *payload() const { return has_payload_ ? &payload_ : nullptr; }
+  // Returns the index of the declaration of an array; n_arrays() if it is not one of this store.
+  uint32_t declaration_of(const DynArrHandle_t *array) const noexcept;
+  const tslb_durable::Geometry &geometry(uint32_t declaration) const { return logged_[declaration].geometry(); }
+  const tslb_durable::ArrayDecl &decl(uint32_t declaration) const { return decls_[declaration]; }
+  tslb_durable::ChunkRoom *room(uint32_t declaration) const { return rooms_[declaration].get(); }
+
+  tslb_batch_t *begin();
+  // Ends the batch. With TSLB_SYNC_ALWAYS it waits until the ticket is settled; otherwise the journal thread writes it.
+  uint64_t end_without_wait(tslb_batch_t *batch) noexcept;
+  // Ends the batch, waits, and throws if it was refused.
+  void commit(tslb_batch_t *batch);
+  // Throws if the ticket was refused.
+  void wait(uint64_t ticket);
+  uint64_t settled();
+  int event_fd() const { return event_.fd(); }
+  void restore();
+  // Called by the redo hook when a thread without a batch changes an array.
+  void changed_outside_of_batch(const DynArrHandle_t *array) noexcept;
+
+  void snapshot();
+  void backup(const std::string &folder);
+
+ private:
+  // Batches that ended and are not written.
+  struct PendingGroup {
+    std::vector<tslb_durable::Range> ranges;
+    std::string payload;
+    bool has_payload = false;
+    uint64_t first_ticket = 0;
+    uint32_t n_batches = 0;
+    std::string fault;
+  };
+  // Tickets that were refused for the same reason.
+  struct RefusedRange {
+    uint64_t first, last;
+    std::string reason;
+  };
+  // A group whose bytes were copied.
+  struct CopiedGroup {
+    uint64_t last_ticket = 0;
+    uint32_t n_batches = 0;
+    uint64_t n_ranges = 0;
+    std::string payload;
+    bool has_payload = false;
+    std::string failure;  // why it must be refused
+    bool breaks = false;
+  };
+  // A generation while it is written.
+  struct NewGeneration;
+
+  // Opening, in store.cpp.
+  void open_or_create();
+  void create_store();
+  void expect_empty_folder() const;
+  void take_lock();
+  void adopt(tslb_durable::LoadedStore &loaded);
+  void register_policies();
+  void bind_arrays();
+  void continue_journal(const tslb_durable::LoadedStore &loaded);
+  void start_threads();
+  void stop_threads();
+  void seal();
+
+  // Groups, in store_group.cpp.
+  uint64_t end(tslb_batch_t *batch) noexcept;
+  void settle_ticket(uint64_t ticket);
+  bool flush();  // flush_mutex_ is held; returns whether there was a group
+  void copy_group(CopiedGroup &group);
+  void write_group(const CopiedGroup &group);
+  void compare_with_shadow(const PendingGroup &pending, CopiedGroup &group);
+  void refuse(const std::string &reason, bool for_good);
+  void settle(const CopiedGroup &group);
+  void signal_settled();
+  void run_journal();
+  void expect_usable() const;  // mutex_ is held
+  void expect_no_batch_of_this_thread() const;
+  const std::string *refusal_of(uint64_t ticket) const;  // mutex_ is held
+
+  // Generations, in store_snapshot.cpp.
+  void write_generation_alone(uint64_t number);
+  void write_streams(NewGeneration &next);
+  void finish_generation(NewGeneration &next);
+  void remove_older_generations();
+  void run_snapshots();
+
+  const std::string folder_;
+  const std::vector<tslb_durable::ArrayDecl> decls_;
+  const tslb_store_options_t options_;
+  const int level_;  // of compression; 0: none
+  std::optional<tslb_durable::File> lock_;
+  tslb_durable::StoreState state_;  // as in the folder; guarded by snapshot_mutex_
+  std::vector<tslb_durable::Array> arrays_;
+  std::vector<std::unique_ptr<tslb_durable::ChunkRoom>> rooms_;  // null for arrays that are no pools
+
+  std::mutex snapshot_mutex_;
+
+  std::mutex flush_mutex_;  // guards the following members
+  std::vector<tslb_durable::LoggedArray> logged_;
+  std::vector<tslb_durable::Array> shadows_;  // replicas; empty without a shadow
+  std::unique_ptr<tslb_durable::JournalWriter> journal_;
+  uint64_t journals_before_ = 0;  // bytes of the journals of the generation before this one
+  std::string body_;
+  std::string compressed_;
+  uint32_t n_raw_in_turn_ = 0;  // groups that were not worth compressing
+
+  tslb_durable::Gate gate_;
+
+  mutable std::mutex mutex_;  // guards the following members
+  std::condition_variable work_;
+  std::condition_variable snapshot_work_;
+  PendingGroup pending_;
+  std::vector<std::unique_ptr<tslb_batch_t>> spare_batches_;
+  uint64_t last_ticket_ = 0;
+  uint64_t settled_ = 0;
+  std::vector<RefusedRange> refused_;
+  std::string failed_;  // why batches are refused; empty if they are not
+  bool is_broken_ = false;
+  bool is_ending_ = false;
+  bool is_snapshot_due_ = false;
+  uint64_t next_snapshot_at_ = 0;         // bytes of the journals
+  std::vector<uint8_t> durable_payload_;  // of the last settled batch that had one
+  bool has_durable_payload_ = false;
+  tslb_store_info_t info_ = {};
+
+  std::vector<uint8_t> payload_;  // as found by the opening or restoring
+  bool has_payload_ = false;
+  const tslb_durable::File event_;
+
+  std::thread journal_thread_;
+  std::thread snapshot_thread_;
+};
+
+namespace tslb_durable {
+
+// Makes the store known to the redo hook, or ends that.
+void register_store(tslb_store_t *store);
+void unregister_store(tslb_store_t *store);
+
+// Batches of the calling thread.
+void add_open_batch(tslb_batch_t *batch);
+void remove_open_batch(const tslb_batch_t *batch);
+tslb_batch_t *open_batch_of(const tslb_store_t *store);
+
+}  // namespace tslb_durable

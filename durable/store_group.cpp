@@ -1,0 +1,331 @@
+// Batches, groups and tickets.
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <new>
+#include <utility>
+
+#include "store.h"
+
+using namespace tslb_durable;
+
+namespace {
+
+// A body that zstd did not shorten is followed by others that are not tried.
+constexpr uint32_t MAX_RAW_IN_TURN = 15;
+
+}  // namespace
+
+void tslb_batch_t::add(const Range &range) noexcept {
+  try {
+    ranges.push_back(range);
+  } catch (const std::bad_alloc &) {
+    fault = "no memory";  // fits a std::string without allocation
+  }
+}
+
+// ---- Batches -------------------------------------------------------------------------------------------------------
+
+void tslb_store_t::expect_usable() const {
+  if (!journal_) throw StoreError(TSLB_DURABLE_INVALID, folder_ + ": was opened to read", folder_);
+  if (!failed_.empty()) throw StoreError(is_broken_ ? TSLB_DURABLE_BROKEN : TSLB_DURABLE_REFUSED, failed_, folder_);
+}
+
+void tslb_store_t::expect_no_batch_of_this_thread() const {
+  if (open_batch_of(this) != nullptr)
+    throw StoreError(TSLB_DURABLE_INVALID, folder_ + ": a batch of this thread is open", folder_);
+}
+
+tslb_batch_t *tslb_store_t::begin() {
+  expect_no_batch_of_this_thread();
+  std::unique_ptr<tslb_batch_t> batch;
+  gate_.enter();
+  try {
+    std::unique_lock lock(mutex_);
+    expect_usable();
+    if (!spare_batches_.empty()) {
+      batch = std::move(spare_batches_.back());
+      spare_batches_.pop_back();
+    }
+    lock.unlock();
+    if (!batch) batch = std::make_unique<tslb_batch_t>();
+    batch->store = this;
+    add_open_batch(batch.get());
+  } catch (...) {
+    gate_.leave();
+    throw;
+  }
+  return batch.release();
+}
+
+uint64_t tslb_store_t::end(tslb_batch_t *ended) noexcept {
+  std::unique_ptr<tslb_batch_t> batch(ended);
+  remove_open_batch(ended);
+  uint64_t ticket;
+  {
+    const std::lock_guard lock(mutex_);
+    ticket = ++last_ticket_;
+    if (pending_.n_batches++ == 0) pending_.first_ticket = ticket;
+    try {
+      if (pending_.ranges.empty())
+        pending_.ranges.swap(batch->ranges);
+      else
+        pending_.ranges.insert(pending_.ranges.end(), batch->ranges.begin(), batch->ranges.end());
+    } catch (const std::bad_alloc &) {
+      batch->fault = "no memory";
+    }
+    if (batch->has_payload) {
+      pending_.payload.swap(batch->payload);
+      pending_.has_payload = true;
+    }
+    if (pending_.fault.empty()) pending_.fault.swap(batch->fault);
+    batch->ranges.clear();
+    batch->payload.clear();
+    batch->has_payload = false;
+    batch->fault.clear();
+    // The capacity was reserved by the constructor.
+    if (spare_batches_.size() < Gate::MAX_INSIDE) spare_batches_.push_back(std::move(batch));
+  }
+  gate_.leave();
+  return ticket;
+}
+
+uint64_t tslb_store_t::end_without_wait(tslb_batch_t *batch) noexcept {
+  const uint64_t ticket = end(batch);
+  if (options_.sync == TSLB_SYNC_ALWAYS)
+    settle_ticket(ticket);
+  else
+    work_.notify_one();
+  return ticket;
+}
+
+void tslb_store_t::commit(tslb_batch_t *batch) {
+  wait(end(batch));
+}
+
+void tslb_store_t::changed_outside_of_batch(const DynArrHandle_t *array) noexcept {
+  try {
+    const std::lock_guard lock(mutex_);
+    is_broken_ = true;
+    failed_ = fmt::format("{}: array \"{}\" was changed outside of a batch", folder_, array->ctx_name);
+  } catch (const std::bad_alloc &) {
+    failed_ = "no memory";
+  }
+}
+
+// ---- Tickets -------------------------------------------------------------------------------------------------------
+
+const std::string *tslb_store_t::refusal_of(uint64_t ticket) const {
+  for (const RefusedRange &range : refused_)
+    if (ticket >= range.first && ticket <= range.last) return &range.reason;
+  return nullptr;
+}
+
+void tslb_store_t::wait(uint64_t ticket) {
+  expect_no_batch_of_this_thread();
+  {
+    const std::lock_guard lock(mutex_);
+    if (ticket > last_ticket_)
+      throw StoreError(TSLB_DURABLE_INVALID, fmt::format("{}: ticket {} was not given", folder_, ticket), folder_);
+  }
+  settle_ticket(ticket);
+  const std::lock_guard lock(mutex_);
+  if (const std::string *const why = refusal_of(ticket))
+    throw StoreError(is_broken_ ? TSLB_DURABLE_BROKEN : TSLB_DURABLE_REFUSED, *why, folder_);
+}
+
+// The calling thread writes groups until the ticket is settled.
+void tslb_store_t::settle_ticket(uint64_t ticket) {
+  while (settled() < ticket) {
+    const std::lock_guard flushing(flush_mutex_);
+    if (settled() < ticket) flush();
+  }
+}
+
+uint64_t tslb_store_t::settled() {
+  const std::lock_guard lock(mutex_);
+  return settled_;
+}
+
+void tslb_store_t::signal_settled() {
+  const uint64_t one = 1;
+  // Fails only if the counter is at its maximum, and then the event is readable.
+  [[maybe_unused]] const ssize_t ignored = write(event_.fd(), &one, sizeof one);
+}
+
+void tslb_store_t::run_journal() {
+  for (;;) {
+    {
+      std::unique_lock lock(mutex_);
+      work_.wait(lock, [this] { return is_ending_ || pending_.n_batches != 0; });
+      if (pending_.n_batches == 0) return;
+    }
+    const std::lock_guard flushing(flush_mutex_);
+    flush();
+  }
+}
+
+// ---- Groups --------------------------------------------------------------------------------------------------------
+
+bool tslb_store_t::flush() {
+  CopiedGroup group;
+  {
+    const GateClosed closed(gate_);
+    copy_group(group);
+  }
+  if (group.n_batches == 0) return false;
+  write_group(group);
+  return true;
+}
+
+// Copies the bytes of the pending batches. The gate is closed.
+void tslb_store_t::copy_group(CopiedGroup &group) {
+  PendingGroup pending;
+  {
+    const std::lock_guard lock(mutex_);
+    std::swap(pending, pending_);
+    if (!failed_.empty()) {
+      // These batches began before the refusal. Their changes are in the arrays until these are restored.
+      if (pending.n_batches != 0) {
+        refused_.push_back({pending.first_ticket, last_ticket_, failed_});
+        settled_ = last_ticket_;
+        signal_settled();
+      }
+      return;
+    }
+  }
+  group.n_batches = pending.n_batches;
+  group.last_ticket = pending.first_ticket + pending.n_batches - 1;
+  group.failure = pending.fault;
+  if (pending.n_batches == 0) return;
+  try {
+    body_.clear();
+    for (uint32_t i = 0; i < logged_.size(); ++i) logged_[i].add_counters(i, pending.ranges);
+    normalize(logged_, pending.ranges);
+    append_body(logged_, pending.ranges, pending.has_payload ? &pending.payload : nullptr, body_);
+    group.n_ranges = pending.ranges.size();
+    if (body_.size() > MAX_BODY_BYTES && group.failure.empty())
+      group.failure = fmt::format("a group of {} bytes is too long", body_.size());
+    if (!shadows_.empty() && group.failure.empty()) compare_with_shadow(pending, group);
+  } catch (const std::bad_alloc &) {
+    group.failure = "no memory";
+  } catch (const StoreError &error) {
+    group.failure = error.what();
+  }
+  group.has_payload = pending.has_payload;
+  group.payload = std::move(pending.payload);
+}
+
+// Applies the group to the replica as a recovery would, and compares all arrays.
+void tslb_store_t::compare_with_shadow(const PendingGroup &pending, CopiedGroup &group) {
+  // The body has the numbers of the journal.
+  std::vector<ReplayTarget> targets(shadows_.size());
+  for (uint32_t i = 0; i < shadows_.size(); ++i) targets[logged_[i].number()] = {shadows_[i].get(), decls_[i].kind};
+  std::string payload;
+  bool has_payload = false;
+  group.failure = apply_body(body_, targets, payload, has_payload);
+  for (uint32_t i = 0; i < shadows_.size() && group.failure.empty(); ++i) {
+    const Difference difference = first_difference(arrays_[i].get(), shadows_[i].get());
+    if (!difference) continue;
+    const std::string batches =
+        pending.n_batches == 1 ? fmt::format("batch {}", pending.first_ticket)
+                               : fmt::format("one of the batches {} to {}", pending.first_ticket, group.last_ticket);
+    group.failure =
+        fmt::format("{} changed array \"{}\" without naming it: {}", batches, decls_[i].name, difference.what);
+  }
+  group.breaks = !group.failure.empty();
+}
+
+// Writes a group to the journal, and settles its tickets.
+void tslb_store_t::write_group(const CopiedGroup &group) {
+  if (!group.failure.empty()) return refuse(group.failure, group.breaks);
+  Frame frame = {FrameKind::group, Compression::none, static_cast<uint32_t>(body_.size()), group.n_batches};
+  const bool is_tried = level_ != 0 && (n_raw_in_turn_ == 0 || ++n_raw_in_turn_ > MAX_RAW_IN_TURN);
+  std::string_view stored = body_;
+  if (is_tried) {
+    stored = compress(body_, level_, compressed_, frame.compression);
+    n_raw_in_turn_ = frame.compression == Compression::none ? 1 : 0;
+  }
+  try {
+    journal_->append_group(frame, stored);
+  } catch (const StoreError &error) {
+    std::string reason = error.what();
+    // The cut is synced before the refusal is reported. Otherwise a crash could restore a refused batch.
+    try {
+      journal_->cut();
+      return refuse(reason, false);
+    } catch (const StoreError &cut_error) {
+      return refuse(fmt::format("{}; {}", reason, cut_error.what()), true);
+    }
+  }
+  try {
+    if (options_.sync != TSLB_SYNC_NONE) journal_->sync();
+  } catch (const StoreError &error) {
+    // The content of the disk is unknown, and a second sync would not report the error again.
+    return refuse(error.what(), true);
+  }
+  journal_->mark();
+  const std::lock_guard lock(mutex_);
+  ++info_.n_groups;
+  info_.n_batches += group.n_batches;
+  info_.n_changes += group.n_ranges;
+  info_.raw_bytes += body_.size();
+  info_.stored_bytes += stored.size();
+  settle(group);
+}
+
+// mutex_ is held.
+void tslb_store_t::settle(const CopiedGroup &group) {
+  settled_ = group.last_ticket;
+  if (group.has_payload) {
+    durable_payload_.assign(group.payload.begin(), group.payload.end());
+    has_durable_payload_ = true;
+  }
+  const uint64_t journal_bytes = journals_before_ + journal_->place().position;
+  info_.journal_bytes = journal_bytes;
+  if (options_.snapshot_bytes != 0 && journal_bytes > next_snapshot_at_ && !is_snapshot_due_) {
+    is_snapshot_due_ = true;
+    snapshot_work_.notify_one();
+  }
+  signal_settled();
+}
+
+void tslb_store_t::refuse(const std::string &reason, bool for_good) {
+  const std::lock_guard lock(mutex_);
+  failed_ = fmt::format("{}: {}", folder_, reason);
+  is_broken_ = for_good;
+  refused_.push_back({settled_ + 1, last_ticket_, failed_});
+  settled_ = last_ticket_;
+  pending_ = {};
+  signal_settled();
+}
+
+// ---- Restoring -----------------------------------------------------------------------------------------------------
+
+void tslb_store_t::restore() {
+  expect_no_batch_of_this_thread();
+  const std::lock_guard snapshots(snapshot_mutex_);
+  const std::lock_guard flushing(flush_mutex_);
+  const GateClosed closed(gate_);
+  {
+    CopiedGroup rest;
+    copy_group(rest);  // refuses batches that ended after the refusal
+    const std::lock_guard lock(mutex_);
+    if (failed_.empty()) return;
+    if (is_broken_) throw StoreError(TSLB_DURABLE_BROKEN, failed_, folder_);
+  }
+  LoadedStore loaded = load_store(folder_, {});
+  if (loaded.places.back().position != journal_->place().position)
+    throw damaged_at(journal_->path(), loaded.places.back().position, "ends before the last settled batch");
+  for (uint32_t i = 0; i < arrays_.size(); ++i) {
+    DynArrHandle_t *const stored = loaded.arrays[logged_[i].number()].get();
+    copy_content(stored, arrays_[i].get());
+    logged_[i].headers_are_logged();
+    if (!shadows_.empty()) copy_content(stored, shadows_[i].get());
+  }
+  journal_->append_opened();
+  const std::lock_guard lock(mutex_);
+  payload_ = loaded.payload;
+  has_payload_ = loaded.has_payload;
+  failed_.clear();
+}

@@ -1,0 +1,245 @@
+#include "store_load.h"
+
+#include <fmt/format.h>
+#include <tslb/array_check.h>
+#include <tslb/array_loader.h>
+#include <tslb/array_settle.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <future>
+#include <utility>
+
+#include "changes.h"
+#include "store_error.h"
+
+namespace tslb_durable {
+namespace {
+
+constexpr size_t MAX_PAYLOAD_BYTES = 1 << 16;
+constexpr int MAX_TRIES = 10;  // of a reader whose files are replaced
+
+uint8_t load_kind_of(tslb_array_kind_t kind) {
+  return is_pool(kind) ? ARRAY_LOAD_POOL : ARRAY_LOAD_ANY;
+}
+
+// Counts bytes for the host's callback.
+class Progress {
+ public:
+  Progress(const LoadOptions &options, uint64_t all_bytes) : report_(options.progress), all_bytes_(all_bytes) {}
+  void done(uint64_t bytes) {
+    done_bytes_ = std::min(all_bytes_, done_bytes_ + bytes);
+    if (report_) report_(done_bytes_, all_bytes_);
+  }
+
+ private:
+  const std::function<void(uint64_t, uint64_t)> &report_;
+  uint64_t done_bytes_ = 0;
+  const uint64_t all_bytes_;
+};
+
+void expect_file(const std::string &path, const FileSum &found, const StoredFile &expected) {
+  if (found.bytes != expected.bytes)
+    throw damaged(path, fmt::format("has {} bytes, expected {}", found.bytes, expected.bytes));
+  if (found.crc32c != expected.crc32c)
+    throw damaged(path, fmt::format("has the checksum {:08x}, expected {:08x}", found.crc32c, expected.crc32c));
+}
+
+// One stored array. The checksum is computed beside the loading.
+Array load_array(const std::string &folder, const StoredArrayEntry &entry) {
+  const std::string path = folder + "/" + stream_name(entry.name);
+  const File file = File::open(path);
+  std::future<FileSum> sum = std::async(std::launch::async, [&path] { return sum_of(File::open(path)); });
+  array_load_options_t options = {};
+  options.ctx_name = entry.name.c_str();
+  options.tbl_id = entry.tbl_id;
+  options.mem_type = MPOOL_TYPE_DRAM;
+  options.kind = load_kind_of(entry.kind);
+  options.rec_version = entry.rec_version;
+  options.record_size = entry.record_bytes;
+  char why[256];
+  Array array(array_load_stream(file.fd(), &options, why, sizeof why));
+  expect_file(path, sum.get(), entry.file);
+  if (!array) throw damaged(path, why);
+  if (array->daflag != entry.daflag || tslb_da_get_size(array.get()) != entry.n_slots ||
+      array->n_direct != entry.n_direct)
+    throw damaged(path, "is not the array that the manifest describes");
+  return array;
+}
+
+// Loads one generation with its journals. `files` is the state that names the journals.
+class Loading {
+ public:
+  Loading(std::string folder, const LoadOptions &options, LoadedStore &loaded)
+      : folder_(std::move(folder)), options_(options), loaded_(loaded) {}
+
+  void load_generation(uint64_t number);
+  void load_journals(const std::vector<JournalState> &journals);
+  void check_arrays();
+
+ private:
+  void read_payload(const std::string &folder);
+  void scan(const JournalState &journal, Progress &progress);
+
+  const std::string folder_;
+  const LoadOptions &options_;
+  LoadedStore &loaded_;
+  std::vector<ReplayTarget> targets_;
+  std::string payload_;  // of the journals
+  bool has_payload_ = false;
+  bool is_gap_ = false;  // a journal ended without a seal
+};
+
+void Loading::read_payload(const std::string &folder) {
+  if (!loaded_.manifest.payload) return;
+  const std::string path = folder + "/" + PAYLOAD;
+  const File file = File::open(path);
+  expect_file(path, sum_of(file), *loaded_.manifest.payload);
+  const std::string text = text_of(file, MAX_PAYLOAD_BYTES);
+  loaded_.payload.assign(text.begin(), text.end());
+  loaded_.has_payload = true;
+}
+
+void Loading::load_generation(uint64_t number) {
+  const std::string folder = generation_path(folder_, number);
+  loaded_.generation = number;
+  loaded_.manifest = read_manifest(folder);
+  const Manifest &manifest = loaded_.manifest;
+  const std::string path = folder + "/" + MANIFEST;
+  if (manifest.identity != loaded_.state.identity) throw damaged(path, "is the generation of another store");
+  if (manifest.generation != number) throw damaged(path, fmt::format("is generation {}", manifest.generation));
+  read_payload(folder);
+  uint64_t bytes = 0;
+  for (const StoredArrayEntry &entry : manifest.arrays) bytes += entry.file.bytes;
+  Progress progress(options_, bytes);
+  for (const StoredArrayEntry &entry : manifest.arrays) {
+    loaded_.arrays.push_back(load_array(folder, entry));
+    targets_.push_back({loaded_.arrays.back().get(), entry.kind});
+    progress.done(entry.file.bytes);
+  }
+}
+
+// Applies a journal. Throws StoreError if it is damaged, or is not the one that the state describes.
+void Loading::scan(const JournalState &journal, Progress &progress) {
+  const std::string path = journal_path(folder_, journal.number);
+  if (access(path.c_str(), F_OK) != 0) throw damaged(path, "is missing");
+  uint64_t done_at = 0;
+  const ScanResult scan =
+      scan_journal(path, {loaded_.state.identity, journal.number}, [&](std::string_view body, uint64_t position) {
+        // The arrays lack the end of the journal before, so later groups do not fit them.
+        if (is_gap_) return std::string("a group after a journal without a seal");
+        progress.done(position - std::exchange(done_at, position));
+        return apply_body(body, targets_, payload_, has_payload_);
+      });
+  loaded_.places.push_back(scan.place);
+  loaded_.is_sealed = scan.is_sealed;
+  loaded_.journal_bytes += scan.place.position;
+  loaded_.n_batches += scan.n_batches;
+  loaded_.cut_bytes += scan.bytes_cut;
+  is_gap_ |= !scan.is_sealed;
+  const bool must_be_whole = journal.is_sealed;
+  if (scan.end == JournalEnd::damaged || (must_be_whole && !scan.fault.empty()))
+    throw StoreError(TSLB_DURABLE_DAMAGED, scan.fault, path, scan.fault_at);
+  if (must_be_whole && scan.bytes != journal.bytes)
+    throw damaged(path, fmt::format("has {} bytes, but was sealed with {}", scan.bytes, journal.bytes));
+  if (must_be_whole && (!scan.is_sealed || scan.place.crc32c != journal.crc32c))
+    throw damaged(path, "is not the journal that was sealed");
+  if (!scan.fault.empty()) loaded_.warning = fmt::format("{}; {} bytes were cut", scan.fault, scan.bytes_cut);
+}
+
+void Loading::load_journals(const std::vector<JournalState> &journals) {
+  uint64_t all_bytes = 0;
+  for (const JournalState &journal : journals) {
+    const std::string path = journal_path(folder_, journal.number);
+    if (access(path.c_str(), F_OK) == 0) all_bytes += File::open(path).bytes();
+  }
+  Progress progress(options_, all_bytes);
+  try {
+    for (const JournalState &journal : journals) scan(journal, progress);
+  } catch (const StoreError &error) {
+    if (error.code() != TSLB_DURABLE_DAMAGED || !options_.salvage) throw;
+    loaded_.is_salvaged = true;
+    loaded_.warning = fmt::format("{}; what follows is lost", error.what());
+  }
+  if (!has_payload_) return;
+  loaded_.payload.assign(payload_.begin(), payload_.end());
+  loaded_.has_payload = true;
+}
+
+// The arrays are checked as wholes after the last group: lists and counters are consistent at the end of a group only.
+void Loading::check_arrays() {
+  for (const ReplayTarget &target : targets_) {
+    char why[256];
+    if (array_check(target.array, load_kind_of(target.kind), why, sizeof why) != 0)
+      throw StoreError(TSLB_DURABLE_DAMAGED, fmt::format("{}: array \"{}\": {}", folder_, target.array->ctx_name, why),
+                       folder_);
+    if (is_pool(target.kind) && array_settle(target.array) != 0)
+      throw StoreError(
+          TSLB_DURABLE_DAMAGED,
+          fmt::format("{}: array \"{}\": the cursor names a slot without memory", folder_, target.array->ctx_name),
+          folder_);
+  }
+}
+
+LoadedStore load_from(const std::string &folder, const StoreState &state, uint64_t generation,
+                      const std::vector<JournalState> &journals, const LoadOptions &options) {
+  LoadedStore loaded;
+  loaded.state = state;
+  Loading loading(folder, options, loaded);
+  loading.load_generation(generation);
+  loading.load_journals(journals);
+  loading.check_arrays();
+  return loaded;
+}
+
+// An older generation with the journals since then leads to the same state.
+std::optional<LoadedStore> load_older(const std::string &folder, const StoreState &state, const LoadOptions &options,
+                                      const std::string &why) {
+  std::vector<uint64_t> generations, journals;
+  for_each_name(folder, [&](const std::string &name) {
+    if (const auto number = number_of(name, GENERATION_PREFIX)) generations.push_back(*number);
+    if (const auto number = number_of(name, JOURNAL_PREFIX)) journals.push_back(*number);
+  });
+  std::sort(generations.rbegin(), generations.rend());
+  std::sort(journals.begin(), journals.end());
+  for (const uint64_t generation : generations) {
+    if (generation >= state.generation) continue;
+    std::vector<JournalState> chain;
+    for (const uint64_t number : journals)
+      if (number >= generation && number <= state.journals.back().number) chain.push_back({number, false, 0, 0});
+    try {
+      LoadedStore loaded = load_from(folder, state, generation, chain, options);
+      loaded.is_salvaged = true;
+      loaded.warning = fmt::format("{}; generation {} and the journals since it were used", why, generation);
+      return loaded;
+    } catch (const StoreError &) {
+      // The next one may be sound.
+    }
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+LoadedStore load_store(const std::string &folder, const LoadOptions &options) {
+  for (int n_tries = 1;; ++n_tries) {
+    const StoreState state = read_state(folder);
+    if (state.generation == 0)
+      throw StoreError(TSLB_DURABLE_NO_STORE, folder + ": the creation of this store did not end", folder);
+    std::string why;
+    try {
+      return load_from(folder, state, state.generation, state.journals, options);
+    } catch (const StoreError &error) {
+      const bool is_about_files = error.code() == TSLB_DURABLE_IO || error.code() == TSLB_DURABLE_DAMAGED;
+      // A writer has replaced the generation, or withdraws a refused batch. Real damage is there on the second read.
+      const bool has_moved = read_state(folder).generation != state.generation;
+      if (is_about_files && n_tries < MAX_TRIES && (has_moved || n_tries == 1)) continue;
+      if (!options.salvage || !is_about_files) throw;
+      why = error.what();
+      if (std::optional<LoadedStore> older = load_older(folder, state, options, why)) return std::move(*older);
+      throw;
+    }
+  }
+}
+
+}  // namespace tslb_durable

@@ -1,0 +1,41 @@
+// Loads the arrays of a store from its folder: the generation, and the groups of the journals since it.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "journal_reader.h"
+#include "store_files.h"
+#include "stored_array.h"
+
+namespace tslb_durable {
+
+struct LoadedStore {
+  StoreState state;
+  uint64_t generation = 0;  // that was loaded; with salvage it can be older than that of the state
+  Manifest manifest;
+  std::vector<Array> arrays;  // in the order of the manifest
+  std::vector<uint8_t> payload;
+  bool has_payload = false;
+
+  std::vector<JournalPlace> places;  // where each journal of the state ends
+  bool is_sealed = false;            // the last writer ended orderly
+  uint64_t journal_bytes = 0;        // of all journals that were read
+  uint64_t n_batches = 0;            // in them
+  uint64_t cut_bytes = 0;
+  bool is_salvaged = false;  // the arrays are not what generation and journals of the state would give
+  std::string warning;
+};
+
+struct LoadOptions {
+  bool salvage = false;
+  std::function<void(uint64_t done_bytes, uint64_t all_bytes)> progress;
+};
+
+// Throws StoreError. A reader that runs beside a writer is tried again if the writer replaced files meanwhile.
+LoadedStore load_store(const std::string &folder, const LoadOptions &options);
+
+}  // namespace tslb_durable

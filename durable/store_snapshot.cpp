@@ -1,0 +1,352 @@
+// Generations and backups.
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <utility>
+
+#include "store.h"
+#include "stream_writer.h"
+
+using namespace tslb_durable;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+uint64_t ns_since(Clock::time_point start) {
+  return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - start).count());
+}
+
+void remove_unused(const std::string &path) {
+  try {
+    remove_tree(path);
+  } catch (const StoreError &) {
+    // Unused files stay. The next generation tries again.
+  }
+}
+
+// The result that a child sends for each array.
+struct StreamResult {
+  int error;
+  StoredFile file;
+};
+
+bool read_whole(int fd, void *to, size_t bytes) {
+  auto *at = static_cast<char *>(to);
+  while (bytes != 0) {
+    const ssize_t got = read(fd, at, bytes);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) return false;
+    at += got;
+    bytes -= static_cast<size_t>(got);
+  }
+  return true;
+}
+
+}  // namespace
+
+struct tslb_store_t::NewGeneration {
+  NewGeneration(const tslb_store_t &store, uint64_t number);
+  ~NewGeneration() {
+    if (!is_in_place) remove_unused(folder);
+  }
+
+  const uint64_t number;
+  const std::string final_folder;
+  const std::string folder;
+  std::vector<File> streams;
+  std::vector<StreamResult> results;
+  std::vector<uint32_t> n_slots;
+  std::vector<uint32_t> numbers;  // of the arrays in the manifest
+  std::vector<uint8_t> payload;
+  bool has_payload = false;
+  StreamWriter writer;
+  bool is_in_place = false;
+};
+
+tslb_store_t::NewGeneration::NewGeneration(const tslb_store_t &store, uint64_t the_number)
+    : number(the_number),
+      final_folder(generation_path(store.folder_, number)),
+      folder(final_folder + std::string(UNFINISHED_SUFFIX)),
+      results(store.decls_.size()),
+      n_slots(store.decls_.size()),
+      numbers(store.decls_.size()),
+      writer(store.options_.bytes_per_s) {
+  for_each_name(store.folder_, [&store](const std::string &name) {
+    if (name.starts_with(GENERATION_PREFIX) && name.ends_with(UNFINISHED_SUFFIX))
+      remove_unused(store.folder_ + "/" + name);
+  });
+  make_folder(folder);
+  for (const ArrayDecl &decl : store.decls_) streams.push_back(File::create(folder + "/" + stream_name(decl.name)));
+}
+
+// Writes all streams. No thread changes the arrays, or this is a child process.
+void tslb_store_t::write_streams(NewGeneration &next) {
+  for (size_t i = 0; i < decls_.size(); ++i)
+    next.results[i].error =
+        next.writer.write(arrays_[i].get(), is_pool(decls_[i].kind), next.streams[i].fd(), next.results[i].file);
+}
+
+// Completes the folder of a generation whose streams are written, and puts it in place.
+void tslb_store_t::finish_generation(NewGeneration &next) {
+  Manifest manifest;
+  manifest.identity = state_.identity;
+  manifest.generation = next.number;
+  manifest.environment = current_environment();
+  manifest.arrays.resize(decls_.size());
+  for (size_t i = 0; i < decls_.size(); ++i) {
+    const ArrayDecl &decl = decls_[i];
+    if (const int error = next.results[i].error; error != 0) {
+      errno = error;
+      fail_file(next.streams[i].path(), "cannot be written");
+    }
+    next.streams[i].sync();
+    // The numbers stay those of the generation before, because groups of the next journal must fit both.
+    manifest.arrays[next.numbers[i]] = {
+        decl.name,         decl.kind,       decl.tbl_id,          decl.rec_version,     decl.daflag,
+        decl.record_bytes, next.n_slots[i], arrays_[i]->n_direct, next.results[i].file, decl.description};
+  }
+  if (next.has_payload) {
+    const File file = File::create(next.folder + "/" + PAYLOAD);
+    file.write({reinterpret_cast<const char *>(next.payload.data()), next.payload.size()});
+    file.sync();
+    const FileSum sum = sum_of(file);
+    manifest.payload = {sum.bytes, sum.crc32c};
+  }
+  {
+    const File file = File::create(next.folder + "/" + MANIFEST);
+    file.write(manifest_text(manifest));
+    file.sync();
+  }
+  File::folder(next.folder).sync();
+  rename_file(next.folder, next.final_folder);
+  next.is_in_place = true;
+  File::folder(folder_).sync();
+}
+
+// Writes a generation and begins its journal, while no batch can be open: at creation and after an upgrade.
+void tslb_store_t::write_generation_alone(uint64_t number) {
+  // An ended process can have left these.
+  remove_tree(generation_path(folder_, number));
+  remove_file(journal_path(folder_, number));
+  NewGeneration next(*this, number);
+  for (uint32_t i = 0; i < arrays_.size(); ++i) {
+    next.n_slots[i] = tslb_da_get_size(arrays_[i].get());
+    next.numbers[i] = i;
+  }
+  next.payload = durable_payload_;
+  next.has_payload = has_durable_payload_;
+  write_streams(next);
+  finish_generation(next);
+  journal_ = std::make_unique<JournalWriter>(journal_path(folder_, number), JournalName{state_.identity, number});
+  state_.generation = number;
+  state_.journals = {{number, false, 0, 0}};
+  write_state(folder_, state_);
+  journals_before_ = 0;
+  info_.generation = number;
+  for (uint32_t i = 0; i < logged_.size(); ++i) {
+    logged_[i].set_number(i);
+    logged_[i].headers_are_logged();
+  }
+  remove_older_generations();
+}
+
+// Removes what the state does not need, except for the generations to keep and the journals since them.
+void tslb_store_t::remove_older_generations() {
+  std::vector<uint64_t> generations;
+  for_each_name(folder_, [&](const std::string &name) {
+    if (const auto number = number_of(name, GENERATION_PREFIX); number && *number < state_.generation)
+      generations.push_back(*number);
+  });
+  std::sort(generations.rbegin(), generations.rend());
+  const uint64_t oldest_kept = options_.keep == 0 || generations.empty()
+                                   ? state_.generation
+                                   : generations[std::min<size_t>(options_.keep, generations.size()) - 1];
+  for_each_name(folder_, [&](const std::string &name) {
+    std::optional<uint64_t> number = number_of(name, GENERATION_PREFIX);
+    if (!number) number = number_of(name, JOURNAL_PREFIX);
+    if (number && *number < oldest_kept) remove_unused(folder_ + "/" + name);
+  });
+}
+
+// The files of the next generation and the next journal are made while batches go on. Then, without an open batch, the
+// pending group is copied and the process forks: the child has the arrays as they are at that moment, and writes them.
+// Later groups go to the next journal. The state names it before it gets a group.
+void tslb_store_t::snapshot() {
+  expect_no_batch_of_this_thread();
+  const std::lock_guard snapshots(snapshot_mutex_);
+  {
+    const std::lock_guard lock(mutex_);
+    expect_usable();
+  }
+  const uint64_t number = state_.journals.back().number + 1;
+  NewGeneration next(*this, number);
+  const std::string next_path = journal_path(folder_, number);
+  remove_file(next_path);  // of an attempt that failed
+  auto next_journal = std::make_unique<JournalWriter>(next_path, JournalName{state_.identity, number});
+  StoreState with_next = state_;
+  with_next.journals.push_back({number, false, 0, 0});
+  write_state(folder_, with_next);
+
+  int ends[2] = {-1, -1};
+  if (pipe2(ends, O_CLOEXEC) != 0) fail_file(folder_, "no pipe for a child process");
+  const File from_child = File::adopt(ends[0], "a pipe");
+  std::optional<File> to_parent(File::adopt(ends[1], "a pipe"));
+  const bool forks = (options_.flags & TSLB_STORE_NO_FORK) == 0;
+  const pid_t parent = getpid();
+  pid_t child = -1;
+  int fork_error = 0;
+  uint64_t fork_ns = 0, pause_ns = 0;
+  std::optional<std::string> failure;
+  {
+    const std::lock_guard flushing(flush_mutex_);
+    CopiedGroup group;
+    const auto start = Clock::now();
+    {
+      const GateClosed closed(gate_);
+      copy_group(group);
+      for (size_t i = 0; i < arrays_.size(); ++i) {
+        next.n_slots[i] = tslb_da_get_size(arrays_[i].get());
+        next.numbers[i] = logged_[i].number();
+      }
+      const auto before_fork = Clock::now();
+      if (!forks) {
+        write_streams(next);
+      } else if ((child = fork()) == 0) {
+        // The child ends with the thread that waits for it, and does not hold the lock of the store.
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        ::close(lock_->fd());
+        if (getppid() != parent) _exit(1);
+        write_streams(next);
+        const size_t bytes = next.results.size() * sizeof next.results[0];
+        const ssize_t sent = ::write(ends[1], next.results.data(), bytes);
+        _exit(sent == static_cast<ssize_t>(bytes) ? 0 : 1);
+      } else if (child < 0) {
+        fork_error = errno;
+      }
+      fork_ns = ns_since(before_fork);
+    }
+    pause_ns = ns_since(start);
+    to_parent.reset();
+    if (group.n_batches != 0) write_group(group);
+    {
+      const std::lock_guard lock(mutex_);
+      if (!failed_.empty()) failure = failed_;
+      next.payload = durable_payload_;
+      next.has_payload = has_durable_payload_;
+      info_.fork_ns = forks ? fork_ns : 0;
+      info_.snapshot_pause_ns = pause_ns;
+      info_.max_pause_ns = std::max(info_.max_pause_ns, pause_ns);
+    }
+    if (!failure && fork_error == 0) {
+      try {
+        journal_->seal();
+        state_ = std::move(with_next);
+        JournalState &sealed = state_.journals[state_.journals.size() - 2];
+        sealed = {sealed.number, true, journal_->place().position, journal_->place().crc32c};
+        journals_before_ += sealed.bytes;
+        journal_ = std::move(next_journal);
+      } catch (const StoreError &error) {
+        failure = error.what();
+      }
+    }
+  }
+  const auto discard = [&] {
+    if (child > 0) kill(child, SIGKILL);
+  };
+  if (failure || fork_error != 0) discard();
+  bool is_complete = !forks;
+  if (forks && child > 0) {
+    is_complete = read_whole(from_child.fd(), next.results.data(), next.results.size() * sizeof next.results[0]);
+    while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) continue;
+  }
+  if (failure || fork_error != 0) {
+    write_state(folder_, state_);
+    if (failure) throw StoreError(TSLB_DURABLE_REFUSED, *failure, folder_);
+    errno = fork_error;
+    fail_file(folder_, "cannot fork");
+  }
+  if (!is_complete) {
+    write_state(folder_, state_);
+    throw StoreError(TSLB_DURABLE_IO, folder_ + ": the child process that writes a generation ended", folder_);
+  }
+  finish_generation(next);
+  StoreState finished = state_;
+  finished.generation = number;
+  finished.journals.erase(finished.journals.begin(), finished.journals.end() - 1);
+  write_state(folder_, finished);
+  state_ = std::move(finished);
+  remove_older_generations();
+  const std::lock_guard flushing(flush_mutex_);
+  journals_before_ = 0;
+  const std::lock_guard lock(mutex_);
+  info_.generation = number;
+  ++info_.n_snapshots;
+  info_.journal_bytes = journal_->place().position;
+}
+
+void tslb_store_t::run_snapshots() {
+  for (;;) {
+    {
+      std::unique_lock lock(mutex_);
+      snapshot_work_.wait(lock, [this] { return is_ending_ || is_snapshot_due_; });
+      if (is_ending_) return;
+    }
+    std::string failure;
+    try {
+      snapshot();
+    } catch (const std::exception &error) {
+      failure = error.what();
+    }
+    const std::lock_guard lock(mutex_);
+    is_snapshot_due_ = false;
+    next_snapshot_at_ = options_.snapshot_bytes + (failure.empty() ? 0 : info_.journal_bytes);
+    const size_t length = std::min(failure.size(), sizeof info_.snapshot_failure - 1);
+    std::memcpy(info_.snapshot_failure, failure.data(), length);
+    info_.snapshot_failure[length] = '\0';
+  }
+}
+
+// Copies the generation, and the journals up to the last settled group. No generation is removed meanwhile.
+void tslb_store_t::backup(const std::string &target) {
+  expect_no_batch_of_this_thread();
+  const std::lock_guard snapshots(snapshot_mutex_);
+  StoreState copy = state_;
+  {
+    const std::lock_guard lock(mutex_);
+    expect_usable();
+  }
+  {
+    const std::lock_guard flushing(flush_mutex_);
+    flush();
+    const std::lock_guard lock(mutex_);
+    expect_usable();
+    copy.journals.back().bytes = journal_->place().position;
+  }
+  if (make_folder_if_missing(target)) File::folder(folder_of(target)).sync();
+  for_each_name(target, [&](const std::string &name) {
+    throw StoreError(TSLB_DURABLE_NOT_EMPTY, fmt::format("{}: has other content, such as \"{}\"", target, name),
+                     target);
+  });
+  const std::string from = generation_path(folder_, copy.generation);
+  const std::string to = generation_path(target, copy.generation);
+  make_folder(to);
+  for_each_name(from, [&](const std::string &name) {
+    const std::string source = from + "/" + name;
+    copy_file(source, to + "/" + name, File::open(source).bytes());
+  });
+  File::folder(to).sync();
+  for (const JournalState &journal : copy.journals)
+    copy_file(journal_path(folder_, journal.number), journal_path(target, journal.number), journal.bytes);
+  copy.journals.back().bytes = 0;
+  write_state(target, copy);
+  load_store(target, {});
+}

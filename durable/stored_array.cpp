@@ -1,0 +1,219 @@
+#include "stored_array.h"
+
+#include <fmt/format.h>
+#include <tslb/tslb_stored.h>
+
+#include <cstring>
+#include <string_view>
+
+#include "store_error.h"
+
+namespace tslb_durable {
+namespace {
+
+constexpr size_t MAX_NAME_BYTES = 31;
+constexpr uint32_t MAX_MSLOT_BYTES = 1u << 24;
+constexpr uint8_t PERSISTENT = 1;
+
+[[noreturn]] void refuse_memory(const std::string &name) {
+  throw StoreError(TSLB_DURABLE_NO_MEMORY, fmt::format("array \"{}\": memory was refused", name));
+}
+
+bool is_name(std::string_view name) {
+  constexpr std::string_view ALLOWED = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-";
+  return !name.empty() && name.size() <= MAX_NAME_BYTES && name.find_first_not_of(ALLOWED) == name.npos;
+}
+
+// Returns why a declaration is invalid; empty if it is not.
+std::string fault_of(const tslb_array_decl_t &decl) {
+  if (decl.kind < TSLB_ARRAY_RECORDS || decl.kind > TSLB_POOL_BIT_VECTOR)
+    return fmt::format("unknown kind {}", static_cast<int>(decl.kind));
+  constexpr uint8_t LIST_FLAGS = TSLB_DA_DAFLAG_LL | TSLB_DA_DAFLAG_INLL;
+  if ((decl.daflag & ~LIST_FLAGS) != 0) return fmt::format("unknown bits in daflag {:#x}", decl.daflag);
+  if (decl.kind == TSLB_ARRAY_RECORDS && decl.daflag != 0) return "a record array has no lists";
+  if (decl.kind == TSLB_ARRAY_SLOTS && decl.daflag == 0) return "a slot array needs TSLB_DA_DAFLAG_LL or _INLL";
+  if (decl.record_bytes == 0) return "records without bytes";
+  if (decl.kind == TSLB_ARRAY_SLOTS && decl.record_bytes < sizeof(uint32_t))
+    return "a slot's record has 4 bytes or more";
+  if (is_pool(decl.kind) && (decl.record_bytes % 4 != 0 || decl.record_bytes > MAX_MSLOT_BYTES))
+    return fmt::format("memory slots of {} bytes: must be a multiple of 4, and at most {}", decl.record_bytes,
+                       MAX_MSLOT_BYTES);
+  if (!is_pool(decl.kind) && (decl.has_compat != 0 || decl.max_slots != 0))
+    return "has_compat and max_slots are for pools";
+  if (decl.reuse_policy != nullptr && (decl.daflag & TSLB_DA_DAFLAG_INLL) == 0)
+    return "a reuse policy needs TSLB_DA_DAFLAG_INLL";
+  if (decl.description != nullptr && std::strchr(decl.description, '\n') != nullptr) return "a description is one line";
+  return {};
+}
+
+ArrayDecl copied(const tslb_array_decl_t &decl) {
+  ArrayDecl own;
+  own.name = decl.name;
+  own.kind = decl.kind;
+  own.tbl_id = decl.tbl_id;
+  own.record_bytes = decl.record_bytes + (is_pool(decl.kind) ? TSLB_MEM_SLOT_HDR_BYTES : 0);
+  own.n_direct = decl.n_direct;
+  own.daflag = decl.daflag;
+  own.rec_version = decl.rec_version;
+  own.has_compat = decl.has_compat != 0;
+  own.max_slots = decl.max_slots;
+  if (decl.reuse_policy != nullptr) own.reuse_policy = *decl.reuse_policy;
+  if (decl.description != nullptr) own.description = decl.description;
+  own.convert = decl.convert;
+  own.convert_arg = decl.convert_arg;
+  return own;
+}
+
+const DynHdr_t *dyn_hdr_of(DynArrHandle_t *array) {
+  return static_cast<const DynHdr_t *>(tslb_da_get_dynhdr(array));
+}
+
+uint32_t arr_hdr_at(DynArrHandle_t *array) {
+  return static_cast<uint32_t>(sizeof(DynHdr_t) + dyn_hdr_of(array)->hdr_size + dyn_hdr_of(array)->lli_sz);
+}
+
+// Issues ids until `array` has as many as requested, with their memory.
+void issue_ids(DynArrHandle_t *array, uint32_t n_used) {
+  while (tslb_da_get_size(array) < n_used) {
+    void *record = nullptr;
+    get_dyn_arr_new_record_id_ex(array, &record, array->daflag);
+    if (record == nullptr) refuse_memory(array->ctx_name);
+  }
+}
+
+// Returns an empty array with the parameters of `array`, but other records.
+Array empty_like(DynArrHandle_t *array, uint32_t record_bytes, uint8_t rec_version) {
+  Array empty(get_default_dyn_array_ex_ex(
+      dyn_hdr_of(array)->hdr_size, static_cast<int32_t>(record_bytes), static_cast<int32_t>(array->n_direct),
+      MPOOL_TYPE_DRAM, static_cast<int32_t>(array->tbl_id), array->ctx_name, array->daflag, rec_version));
+  if (!empty) refuse_memory(array->ctx_name);
+  return empty;
+}
+
+// Copies the user header and the list roots.
+void copy_roots(DynArrHandle_t *from, DynArrHandle_t *to) {
+  const size_t bytes = size_t{dyn_hdr_of(from)->hdr_size} + dyn_hdr_of(from)->lli_sz;
+  std::memcpy(tslb_da_get_usrhdr(to), tslb_da_get_usrhdr(from), bytes);
+}
+
+std::string different(const char *what, uint64_t stored, uint64_t declared) {
+  return stored == declared ? "" : fmt::format("{} {} is stored, but {} is declared", what, stored, declared);
+}
+
+}  // namespace
+
+std::vector<ArrayDecl> checked_decls(const tslb_array_decl_t *decls, uint32_t n_decls) {
+  std::vector<ArrayDecl> own;
+  for (uint32_t i = 0; i < n_decls; ++i) {
+    if (decls[i].name == nullptr || !is_name(decls[i].name))
+      throw StoreError(TSLB_DURABLE_INVALID, fmt::format("declaration {}: the name is missing or has other characters "
+                                                         "than a-z, A-Z, 0-9, '_' and '-', or more than {}",
+                                                         i, MAX_NAME_BYTES));
+    std::string fault = fault_of(decls[i]);
+    for (const ArrayDecl &other : own)
+      if (other.name == decls[i].name) fault = "the name is declared twice";
+    if (!fault.empty()) throw StoreError(TSLB_DURABLE_INVALID, fmt::format("array \"{}\": {}", decls[i].name, fault));
+    own.push_back(copied(decls[i]));
+  }
+  return own;
+}
+
+Geometry::Geometry(DynArrHandle_t *array) {
+  int shift_bytes = 0;
+  header_bytes = static_cast<uint32_t>(tslb_dynmem_get_hdrsz(array));
+  slot_bytes = tslb_da_get_slotsz(array, &shift_bytes);
+  shift = static_cast<uint32_t>(shift_bytes);
+  record_bytes = tslb_da_get_record_size(array);
+}
+
+char *slot_start(DynArrHandle_t *array, const Geometry &geometry, uint32_t idx) {
+  char *const record = static_cast<char *>(tslb_da_get_ptr(array, idx));
+  if (record == nullptr) refuse_memory(array->ctx_name);
+  return record - geometry.shift;
+}
+
+uint32_t n_alloc_at(DynArrHandle_t *array) {
+  return arr_hdr_at(array) + static_cast<uint32_t>(offsetof(DynArrHdr_t, n_alloc));
+}
+
+uint8_t rec_version_of(DynArrHandle_t *array) {
+  return dyn_hdr_of(array)->rec_version;
+}
+
+Array create_array(const ArrayDecl &decl) {
+  const auto n_direct = static_cast<int>(decl.n_direct);
+  Array array(is_pool(decl.kind)
+                  ? tslb_init_dynmem_ex1(static_cast<int>(decl.record_bytes - TSLB_MEM_SLOT_HDR_BYTES), n_direct,
+                                         decl.has_compat ? MPOOL_FLAG_COMPAT : 0, MPOOL_TYPE_DRAM,
+                                         decl.kind == TSLB_POOL_BIT_VECTOR ? MPOOL_FLAG_BV : 0, decl.name.c_str(),
+                                         decl.tbl_id, decl.daflag, decl.rec_version, PERSISTENT, decl.max_slots)
+                  : tslb_da_init_ver(static_cast<int>(decl.record_bytes), n_direct, MPOOL_TYPE_DRAM, decl.name.c_str(),
+                                     decl.tbl_id, decl.daflag, decl.rec_version));
+  if (!array) refuse_memory(decl.name);
+  return array;
+}
+
+Array copy_of(DynArrHandle_t *array) {
+  Array copy = empty_like(array, tslb_da_get_record_size(array), rec_version_of(array));
+  copy_content(array, copy.get());
+  return copy;
+}
+
+void copy_content(DynArrHandle_t *from, DynArrHandle_t *to) {
+  const Geometry geometry(from);
+  const uint32_t n_used = tslb_da_get_size(from);
+  issue_ids(to, n_used);
+  for (uint32_t idx = 0; idx < n_used; ++idx)
+    std::memcpy(slot_start(to, geometry, idx), slot_start(from, geometry, idx), geometry.slot_bytes);
+  for (uint32_t idx = n_used; idx < tslb_da_get_size(to); ++idx)
+    std::memset(slot_start(to, geometry, idx), 0, geometry.slot_bytes);
+  copy_roots(from, to);
+  std::memcpy(static_cast<char *>(to->arr_base) + arr_hdr_at(to) + offsetof(DynArrHdr_t, n_used), &n_used,
+              sizeof n_used);
+}
+
+Array converted(DynArrHandle_t *from, const ArrayDecl &decl) {
+  const Geometry old_geometry(from);
+  const uint8_t old_version = rec_version_of(from);
+  Array to = empty_like(from, decl.record_bytes, decl.rec_version);
+  const Geometry geometry(to.get());
+  const uint32_t n_used = tslb_da_get_size(from);
+  issue_ids(to.get(), n_used);
+  copy_roots(from, to.get());
+  for (uint32_t idx = 0; idx < n_used; ++idx) {
+    const char *const old_slot = slot_start(from, old_geometry, idx);
+    char *const slot = slot_start(to.get(), geometry, idx);
+    std::memcpy(slot, old_slot, geometry.shift);
+    const size_t back_bytes = geometry.slot_bytes - geometry.shift - geometry.record_bytes;
+    std::memcpy(slot + geometry.shift + geometry.record_bytes,
+                old_slot + old_geometry.shift + old_geometry.record_bytes, back_bytes);
+    uint32_t status = TSLB_DA_SLOT_ACTIVE;
+    if (geometry.shift != 0) std::memcpy(&status, slot, sizeof status);
+    char *const record = slot + geometry.shift;
+    const char *const old_record = old_slot + old_geometry.shift;
+    if (status == TSLB_DA_SLOT_FREE) {
+      std::memcpy(record, old_record, sizeof(uint32_t));  // the gatekeeper word
+    } else if (decl.convert(decl.convert_arg, old_version, old_record, old_geometry.record_bytes, record,
+                            geometry.record_bytes) != 0) {
+      throw StoreError(TSLB_DURABLE_MISMATCH, fmt::format("array \"{}\": record {} cannot be converted from version {} "
+                                                          "to {}",
+                                                          decl.name, idx, old_version, decl.rec_version));
+    }
+  }
+  return to;
+}
+
+std::string mismatch_of(DynArrHandle_t *array, const ArrayDecl &decl, bool compare_record_bytes) {
+  std::string why = different("daflag", array->daflag, decl.daflag);
+  if (why.empty() && compare_record_bytes)
+    why = different("a record size of", tslb_da_get_record_size(array), decl.record_bytes);
+  if (!why.empty() || !is_pool(decl.kind)) return why;
+  const DynMemHdr_t *const pool = pool_header_of(array);
+  const auto flag = static_cast<unsigned char>(pool->flag);
+  why = different("a compaction flag of", flag & MPOOL_FLAG_COMPAT, decl.has_compat ? MPOOL_FLAG_COMPAT : 0);
+  if (why.empty())
+    why = different("a kind flag of", flag & MPOOL_FLAG_BV, decl.kind == TSLB_POOL_BIT_VECTOR ? MPOOL_FLAG_BV : 0);
+  return why;
+}
+
+}  // namespace tslb_durable

@@ -1,0 +1,107 @@
+#include "stream_writer.h"
+
+#include <tslb/tslb_stored.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <ctime>
+
+#include "checksum.h"
+#include "io_faults.h"
+
+namespace tslb_durable {
+namespace {
+
+constexpr size_t MAX_PIECES = IOV_MAX;
+constexpr size_t FLUSH_BYTES = 4 << 20;  // with a limit of bytes per second, the step of the throttle
+constexpr int64_t NS_PER_S = 1'000'000'000;
+
+int64_t now_ns() {
+  timespec time;
+  clock_gettime(CLOCK_MONOTONIC, &time);
+  return time.tv_sec * NS_PER_S + time.tv_nsec;
+}
+
+// Bytes of the stream: all slots in use, the last one of a pool up to the cursor if it is the current slot.
+uint64_t stream_bytes(DynArrHandle_t *array, bool is_pool) {
+  const Geometry geometry(array);
+  const uint32_t n_used = tslb_da_get_size(array);
+  const uint64_t whole = tslb_stored_slot_at(geometry.header_bytes, geometry.slot_bytes, n_used);
+  if (!is_pool || n_used == 0) return whole;
+  const uint64_t cursor = pool_header_of(array)->cur_slot_addr;
+  if (tslb_stored_cursor_slot(cursor) != n_used - 1) return whole;
+  return tslb_stored_slot_at(geometry.header_bytes, geometry.slot_bytes, n_used - 1) + geometry.shift +
+         TSLB_MEM_SLOT_HDR_BYTES + tslb_stored_cursor_off(cursor);
+}
+
+}  // namespace
+
+void Throttle::wrote(uint64_t bytes) {
+  if (bytes_per_s_ == 0) return;
+  if (start_ns_ == 0) start_ns_ = now_ns();
+  bytes_ += bytes;
+  const double due_s = static_cast<double>(bytes_) / static_cast<double>(bytes_per_s_);
+  const int64_t wait_ns = start_ns_ + static_cast<int64_t>(due_s * static_cast<double>(NS_PER_S)) - now_ns();
+  if (wait_ns <= 0) return;
+  const timespec pause = {wait_ns / NS_PER_S, wait_ns % NS_PER_S};
+  nanosleep(&pause, nullptr);
+}
+
+StreamWriter::StreamWriter(uint64_t bytes_per_s) : throttle_(bytes_per_s), pieces_(MAX_PIECES) {}
+
+int StreamWriter::write(DynArrHandle_t *array, bool is_pool, int fd, StoredFile &written) {
+  fd_ = fd;
+  error_ = 0;
+  written_ = {};
+  bytes_left_ = stream_bytes(array, is_pool);
+  tslb_iterate_dyn_array_blocks(array, add_block, this);
+  if (error_ == 0) error_ = flush();
+  // The walk ends early if a block is missing: an id was issued and memory for it was refused.
+  if (error_ == 0 && bytes_left_ != 0) error_ = ENOMEM;
+  written = written_;
+  return error_;
+}
+
+int StreamWriter::add_block(DynamicArray_t, void *block, int, size_t bytes, int, int, int, int, void *self) {
+  auto *const writer = static_cast<StreamWriter *>(self);
+  const size_t used = std::min<uint64_t>(bytes, writer->bytes_left_);
+  writer->bytes_left_ -= used;
+  return writer->error_ = writer->add(static_cast<char *>(block), used);
+}
+
+int StreamWriter::add(char *from, size_t bytes) {
+  if (bytes == 0) return 0;
+  pieces_[n_pieces_++] = {from, bytes};
+  piece_bytes_ += bytes;
+  return n_pieces_ == MAX_PIECES || piece_bytes_ >= FLUSH_BYTES ? flush() : 0;
+}
+
+int StreamWriter::flush() {
+  for (size_t i = 0; i < n_pieces_; ++i)
+    written_.crc32c = crc32c(pieces_[i].iov_base, pieces_[i].iov_len, written_.crc32c);
+  written_.bytes += piece_bytes_;
+  if (const int fault = take_io_step(); fault != 0) return fault;
+  for (size_t first = 0; first < n_pieces_;) {
+    const ssize_t n_written = writev(fd_, pieces_.data() + first, static_cast<int>(n_pieces_ - first));
+    if (n_written < 0) {
+      if (errno == EINTR) continue;
+      return errno;
+    }
+    for (auto left = static_cast<size_t>(n_written); left != 0;) {
+      iovec &piece = pieces_[first];
+      const size_t part = std::min(left, piece.iov_len);
+      piece.iov_base = static_cast<char *>(piece.iov_base) + part;
+      piece.iov_len -= part;
+      left -= part;
+      first += piece.iov_len == 0 ? 1 : 0;
+    }
+  }
+  throttle_.wrote(piece_bytes_);
+  n_pieces_ = 0;
+  piece_bytes_ = 0;
+  return 0;
+}
+
+}  // namespace tslb_durable
