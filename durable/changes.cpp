@@ -129,6 +129,12 @@ bool LoggedArray::are_headers_changed() const {
          std::memcmp(headers + after, logged_headers_.data() + after, geometry_.header_bytes - after) != 0;
 }
 
+uint32_t LoggedArray::n_logged() const {
+  uint32_t n_used;
+  std::memcpy(&n_used, logged_headers_.data() + n_alloc_at(array_) + sizeof(uint32_t), sizeof n_used);
+  return n_used;
+}
+
 void LoggedArray::add_counters(uint32_t declaration, std::vector<Range> &ranges) const {
   if (!is_pool_ || !are_headers_changed()) return;
   const auto add = [&](uint32_t idx) {
@@ -137,9 +143,7 @@ void LoggedArray::add_counters(uint32_t declaration, std::vector<Range> &ranges)
   const char *const headers = static_cast<const char *>(array_->arr_base);
   for (const uint64_t cursor : {cursor_in(headers), cursor_in(logged_headers_.data())})
     if (tslb_stored_cursor_slot(cursor) != TSLB_DA_NIL_IDX) add(tslb_stored_cursor_slot(cursor));
-  uint32_t n_logged;
-  std::memcpy(&n_logged, logged_headers_.data() + n_alloc_at(array_) + sizeof(uint32_t), sizeof n_logged);
-  for (uint32_t idx = n_logged; idx < tslb_da_get_size(array_); ++idx) add(idx);
+  for (uint32_t idx = n_logged(); idx < tslb_da_get_size(array_); ++idx) add(idx);
 }
 
 void normalize(const std::vector<LoggedArray> &arrays, std::vector<Range> &ranges) {
@@ -165,8 +169,8 @@ void normalize(const std::vector<LoggedArray> &arrays, std::vector<Range> &range
     const LoggedArray &array = arrays[range.array];
     // The ranges of a slot are in the order of their offsets: first its node, then its counters, then chunks.
     const bool is_first_after_node = array.is_pool() && range.offset >= array.geometry().shift &&
-                                      (i == 0 || ranges[i - 1].array != range.array || ranges[i - 1].idx != range.idx ||
-                                       ranges[i - 1].offset < array.geometry().shift);
+                                     (i == 0 || ranges[i - 1].array != range.array || ranges[i - 1].idx != range.idx ||
+                                      ranges[i - 1].offset < array.geometry().shift);
     if (is_first_after_node) add({range.array, range.idx, array.geometry().shift, TSLB_MEM_SLOT_HDR_BYTES});
     add(range);
     const bool is_last_of_slot =

@@ -50,6 +50,8 @@ class LoggedArray {
   void headers_are_logged();
   // Returns whether the headers differ from those in the journal.
   bool are_headers_changed() const;
+  // Number of ids in the headers that are in the journal. Memory of later ids is zero in a replica.
+  uint32_t n_logged() const;
   // Adds ranges of the counters that the changed headers of a pool hint at: those of slots that were taken or current.
   void add_counters(uint32_t declaration, std::vector<Range> &ranges) const;
 

@@ -172,9 +172,13 @@ tslb_batch_t *tslb_batch_begin(tslb_store_t *store, tslb_error_t *error) {
   return guarded(error, static_cast<tslb_batch_t *>(nullptr), [&] { return store->begin(); });
 }
 
+// With the nodes, which the library does not report for some operations (tslb_da_get_newptr_inll, tslb_da_make_ready).
 void tslb_batch_log_record(tslb_batch_t *batch, uint32_t array, uint32_t idx) {
-  const bool is_known = array < batch->store->n_arrays();
-  add_range(batch, array, idx, 0, is_known ? batch->store->geometry(array).record_bytes : 0);
+  const tslb_store_t &store = *batch->store;
+  if (array < store.n_arrays() && idx < tslb_da_get_size(store.array(array)))
+    batch->add({array, idx, 0, store.geometry(array).slot_bytes});
+  else
+    add_range(batch, array, idx, 0, 0);  // sets the fault
 }
 
 void tslb_batch_log_bytes(tslb_batch_t *batch, uint32_t array, uint32_t idx, uint32_t offset, uint32_t bytes) {

@@ -193,7 +193,8 @@ const void *tslb_store_payload(tslb_store_t *store, size_t *size);
  * _INVALID (the store is read-only, or the thread has a batch already). */
 tslb_batch_t *tslb_batch_begin(tslb_store_t *store, tslb_error_t *error);
 
-/* Name changed contents. `array` is the index of the declaration. A range is within a record (pools: within MemSlot_t
+/* Name changed contents. A record is named with its list nodes: so after tslb_da_get_newptr_inll, tslb_da_make_ready, or a
+ * status that the host wrote, tslb_batch_log_record is needed. `array` is the index of the declaration. A range is within a record (pools: within MemSlot_t
  * with its chunks). An invalid range makes the batch refuse to end well: its ticket fails. Thread of the batch. */
 void tslb_batch_log_record(tslb_batch_t *batch, uint32_t array, uint32_t idx);
 void tslb_batch_log_bytes(tslb_batch_t *batch, uint32_t array, uint32_t idx, uint32_t offset, uint32_t bytes);

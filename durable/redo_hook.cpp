@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstring>
 #include <shared_mutex>
 #include <vector>
 
@@ -36,13 +37,31 @@ void report_outside_change(const DynArrHandle_t *array) {
     if (store->declaration_of(array) < store->n_arrays()) store->changed_outside_of_batch(array);
 }
 
+// Adds what an operation on a slot's lists changed. The library reports the forward node alone. It does not report the
+// back node of a freed slot, the gatekeeper word, and that it cleared the payload of a slot that was used before.
+void add_node(tslb_batch_t &batch, uint32_t declaration, uint32_t idx, const void *node) {
+  const LoggedArray &array = batch.store->logged(declaration);
+  const Geometry &geometry = array.geometry();
+  uint32_t status;
+  std::memcpy(&status, node, sizeof status);
+  if (status == TSLB_DA_SLOT_ACTIVE && idx < array.n_logged())
+    return batch.add({declaration, idx, 0, geometry.slot_bytes});
+  batch.add({declaration, idx, 0, geometry.shift + static_cast<uint32_t>(sizeof(uint32_t))});
+  const uint32_t back_at = geometry.shift + geometry.record_bytes;
+  if (back_at < geometry.slot_bytes) batch.add({declaration, idx, back_at, geometry.slot_bytes - back_at});
+}
+
 // The headers of all arrays are compared at the end of each group, so records of headers and growth need no range.
-void add_record(tslb_batch_t &batch, uint32_t declaration, char rec_type, uint64_t position, uint32_t bytes) {
+void add_record(tslb_batch_t &batch, uint32_t declaration, char rec_type, uint64_t position, const void *data,
+                uint32_t bytes) {
   const Geometry &geometry = batch.store->geometry(declaration);
   if (rec_type == TSLB_REDO_GROWTH || position < geometry.header_bytes || bytes == 0) return;
-  const uint64_t at = position - geometry.header_bytes;
-  batch.add({declaration, static_cast<uint32_t>(at / geometry.slot_bytes),
-             static_cast<uint32_t>(at % geometry.slot_bytes), bytes});
+  const auto idx = static_cast<uint32_t>((position - geometry.header_bytes) / geometry.slot_bytes);
+  const auto offset = static_cast<uint32_t>((position - geometry.header_bytes) % geometry.slot_bytes);
+  if (offset == 0 && bytes == TSLB_NODE_BYTES && geometry.shift != 0)
+    add_node(batch, declaration, idx, data);
+  else
+    batch.add({declaration, idx, offset, bytes});
 }
 
 }  // namespace
@@ -76,14 +95,14 @@ tslb_batch_t *open_batch_of(const tslb_store_t *store) {
 
 }  // namespace tslb_durable
 
-int tslb_redo_log_ex(uint64_t, char rec_type, char *ctx_name, uint32_t, uint64_t data_off, uint32_t, void *,
+int tslb_redo_log_ex(uint64_t, char rec_type, char *ctx_name, uint32_t, uint64_t data_off, uint32_t, void *data_ptr,
                      unsigned int data_sz) {
   using namespace tslb_durable;
   const DynArrHandle_t *const array = handle_of(ctx_name);
   for (tslb_batch_t *const batch : open_batches) {
     const uint32_t declaration = batch->store->declaration_of(array);
     if (declaration == batch->store->n_arrays()) continue;
-    add_record(*batch, declaration, rec_type, data_off, data_sz);
+    add_record(*batch, declaration, rec_type, data_off, data_ptr, data_sz);
     return 0;
   }
   report_outside_change(array);

@@ -56,6 +56,8 @@ struct tslb_store_t {
   // Returns the index of the declaration of an array; n_arrays() if it is not one of this store.
   uint32_t declaration_of(const DynArrHandle_t *array) const noexcept;
   const tslb_durable::Geometry &geometry(uint32_t declaration) const { return logged_[declaration].geometry(); }
+  // Does not change while a batch is open.
+  const tslb_durable::LoggedArray &logged(uint32_t declaration) const { return logged_[declaration]; }
   const tslb_durable::ArrayDecl &decl(uint32_t declaration) const { return decls_[declaration]; }
   tslb_durable::ChunkRoom *room(uint32_t declaration) const { return rooms_[declaration].get(); }
 

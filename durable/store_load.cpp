@@ -23,21 +23,6 @@ uint8_t load_kind_of(tslb_array_kind_t kind) {
   return is_pool(kind) ? ARRAY_LOAD_POOL : ARRAY_LOAD_ANY;
 }
 
-// Counts bytes for the host's callback.
-class Progress {
- public:
-  Progress(const LoadOptions &options, uint64_t all_bytes) : report_(options.progress), all_bytes_(all_bytes) {}
-  void done(uint64_t bytes) {
-    done_bytes_ = std::min(all_bytes_, done_bytes_ + bytes);
-    if (report_) report_(done_bytes_, all_bytes_);
-  }
-
- private:
-  const std::function<void(uint64_t, uint64_t)> &report_;
-  uint64_t done_bytes_ = 0;
-  const uint64_t all_bytes_;
-};
-
 void expect_file(const std::string &path, const FileSum &found, const StoredFile &expected) {
   if (found.bytes != expected.bytes)
     throw damaged(path, fmt::format("has {} bytes, expected {}", found.bytes, expected.bytes));
@@ -73,13 +58,15 @@ class Loading {
   Loading(std::string folder, const LoadOptions &options, LoadedStore &loaded)
       : folder_(std::move(folder)), options_(options), loaded_(loaded) {}
 
-  void load_generation(uint64_t number);
+  void load_generation(uint64_t number, const std::vector<JournalState> &journals);
   void load_journals(const std::vector<JournalState> &journals);
   void check_arrays();
 
  private:
   void read_payload(const std::string &folder);
-  void scan(const JournalState &journal, Progress &progress);
+  void scan(const JournalState &journal);
+  void count_bytes(const std::vector<JournalState> &journals);
+  void report_done(uint64_t bytes);
 
   const std::string folder_;
   const LoadOptions &options_;
@@ -87,6 +74,8 @@ class Loading {
   std::vector<ReplayTarget> targets_;
   std::string payload_;  // of the journals
   bool has_payload_ = false;
+  uint64_t done_bytes_ = 0;  // for the callback of the host
+  uint64_t all_bytes_ = 0;
   bool is_gap_ = false;  // a journal ended without a seal
 };
 
@@ -100,7 +89,20 @@ void Loading::read_payload(const std::string &folder) {
   loaded_.has_payload = true;
 }
 
-void Loading::load_generation(uint64_t number) {
+void Loading::count_bytes(const std::vector<JournalState> &journals) {
+  for (const StoredArrayEntry &entry : loaded_.manifest.arrays) all_bytes_ += entry.file.bytes;
+  for (const JournalState &journal : journals) {
+    const std::string path = journal_path(folder_, journal.number);
+    if (access(path.c_str(), F_OK) == 0) all_bytes_ += File::open(path).bytes();
+  }
+}
+
+void Loading::report_done(uint64_t bytes) {
+  done_bytes_ = std::min(all_bytes_, done_bytes_ + bytes);
+  if (options_.progress) options_.progress(done_bytes_, all_bytes_);
+}
+
+void Loading::load_generation(uint64_t number, const std::vector<JournalState> &journals) {
   const std::string folder = generation_path(folder_, number);
   loaded_.generation = number;
   loaded_.manifest = read_manifest(folder);
@@ -109,18 +111,16 @@ void Loading::load_generation(uint64_t number) {
   if (manifest.identity != loaded_.state.identity) throw damaged(path, "is the generation of another store");
   if (manifest.generation != number) throw damaged(path, fmt::format("is generation {}", manifest.generation));
   read_payload(folder);
-  uint64_t bytes = 0;
-  for (const StoredArrayEntry &entry : manifest.arrays) bytes += entry.file.bytes;
-  Progress progress(options_, bytes);
+  count_bytes(journals);
   for (const StoredArrayEntry &entry : manifest.arrays) {
     loaded_.arrays.push_back(load_array(folder, entry));
     targets_.push_back({loaded_.arrays.back().get(), entry.kind});
-    progress.done(entry.file.bytes);
+    report_done(entry.file.bytes);
   }
 }
 
 // Applies a journal. Throws StoreError if it is damaged, or is not the one that the state describes.
-void Loading::scan(const JournalState &journal, Progress &progress) {
+void Loading::scan(const JournalState &journal) {
   const std::string path = journal_path(folder_, journal.number);
   if (access(path.c_str(), F_OK) != 0) throw damaged(path, "is missing");
   uint64_t done_at = 0;
@@ -128,9 +128,10 @@ void Loading::scan(const JournalState &journal, Progress &progress) {
       scan_journal(path, {loaded_.state.identity, journal.number}, [&](std::string_view body, uint64_t position) {
         // The arrays lack the end of the journal before, so later groups do not fit them.
         if (is_gap_) return std::string("a group after a journal without a seal");
-        progress.done(position - std::exchange(done_at, position));
+        report_done(position - std::exchange(done_at, position));
         return apply_body(body, targets_, payload_, has_payload_);
       });
+  report_done(scan.bytes - done_at);
   loaded_.places.push_back(scan.place);
   loaded_.is_sealed = scan.is_sealed;
   loaded_.journal_bytes += scan.place.position;
@@ -148,14 +149,8 @@ void Loading::scan(const JournalState &journal, Progress &progress) {
 }
 
 void Loading::load_journals(const std::vector<JournalState> &journals) {
-  uint64_t all_bytes = 0;
-  for (const JournalState &journal : journals) {
-    const std::string path = journal_path(folder_, journal.number);
-    if (access(path.c_str(), F_OK) == 0) all_bytes += File::open(path).bytes();
-  }
-  Progress progress(options_, all_bytes);
   try {
-    for (const JournalState &journal : journals) scan(journal, progress);
+    for (const JournalState &journal : journals) scan(journal);
   } catch (const StoreError &error) {
     if (error.code() != TSLB_DURABLE_DAMAGED || !options_.salvage) throw;
     loaded_.is_salvaged = true;
@@ -186,7 +181,7 @@ LoadedStore load_from(const std::string &folder, const StoreState &state, uint64
   LoadedStore loaded;
   loaded.state = state;
   Loading loading(folder, options, loaded);
-  loading.load_generation(generation);
+  loading.load_generation(generation, journals);
   loading.load_journals(journals);
   loading.check_arrays();
   return loaded;

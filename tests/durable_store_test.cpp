@@ -1,0 +1,456 @@
+// Durable stores: opening, batches, what is named and what is forgotten, upgrades, payloads.
+#include <gmock/gmock.h>
+#include <poll.h>
+
+#include <set>
+
+#include "durable_support.h"
+
+using testing::HasSubstr;
+
+using DurableStore = DurableTest;
+
+TEST_F(DurableStore, FolderIsOnlyTakenWhenAllowed) {
+  TestStore store;
+  EXPECT_FALSE(store.open(folder_, 0));
+  EXPECT_EQ(store.error.code, TSLB_DURABLE_NO_STORE);
+  fs::create_directory(folder_);
+  put_bytes(folder_ + "/notes.txt", "mine");
+  EXPECT_FALSE(store.open(folder_, 0));
+  EXPECT_EQ(store.error.code, TSLB_DURABLE_NO_STORE);
+  EXPECT_FALSE(store.open(folder_, TSLB_STORE_CREATE));
+  EXPECT_EQ(store.error.code, TSLB_DURABLE_NOT_EMPTY);
+  EXPECT_THAT(store.error.text, HasSubstr("notes.txt"));
+  EXPECT_EQ(std::distance(fs::directory_iterator(folder_), {}), 1) << "a refused opening left files";
+  ASSERT_TRUE(store.open(folder_, TSLB_STORE_CREATE | TSLB_STORE_IN_ANY)) << store.error.text;
+  EXPECT_EQ(store.info().was_created, 1);
+
+  TestStore second;
+  EXPECT_FALSE(second.open(folder_, TSLB_STORE_CREATE));
+  EXPECT_EQ(second.error.code, TSLB_DURABLE_LOCKED);
+  tslb_batch_t *const batch = store.begin();
+  store.add_slot(batch, 5, 16);
+  ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0) << store.error.text;
+  TestStore reader;
+  ASSERT_TRUE(reader.open(folder_, TSLB_STORE_READ_ONLY)) << reader.error.text;
+  EXPECT_EQ(reader.content(), store.content());
+  EXPECT_EQ(reader.begin(), nullptr);
+  EXPECT_EQ(reader.error.code, TSLB_DURABLE_INVALID);
+  EXPECT_EQ(bytes_of(folder_ + "/notes.txt"), "mine");
+}
+
+TEST_F(DurableStore, DeclarationsMustFitTheStore) {
+  TestStore first;
+  ASSERT_TRUE(first.open(folder_));
+  ASSERT_EQ(first.close(), 0);
+  const struct {
+    const char *fault;
+    void (*change)(std::vector<tslb_array_decl_t> &);
+    const char *why;
+  } rows[] = {
+      {"another record size is read with wrong offsets", [](auto &d) { d[SLOTS].record_bytes = 44; },
+       "a record size of 40 is stored, but 44 is declared"},
+      {"another kind", [](auto &d) { d[BITS].kind = TSLB_POOL_BIG_BUFFER; },
+       "kind bit_vector is stored, but big_buffer is declared"},
+      {"another table id", [](auto &d) { d[SLOTS].tbl_id = 9; }, "table id 2 is stored, but 9 is declared"},
+      {"other lists", [](auto &d) { d[SLOTS].daflag = TSLB_DA_DAFLAG_LL; }, "daflag 2 is stored, but 1 is declared"},
+      {"compaction headers", [](auto &d) { d[BITS].has_compat = 0; }, "compaction flag"},
+      {"a newer version without a converter", [](auto &d) { d[SLOTS].rec_version = 1; },
+       "rec_version 0 is stored, but 1 is declared"},
+      {"an array of the store is forgotten", [](auto &d) { d.pop_back(); }, "\"bytes\", which is not declared"},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    std::vector<tslb_array_decl_t> decls = test_decls();
+    row.change(decls);
+    TestStore store(decls);
+    EXPECT_FALSE(store.open(folder_));
+    EXPECT_EQ(store.error.code, TSLB_DURABLE_MISMATCH);
+    EXPECT_THAT(store.error.text, HasSubstr(row.why));
+  }
+}
+
+TEST_F(DurableStore, InvalidDeclarationsAndOptionsAreRefused) {
+  const struct {
+    const char *why;
+    void (*change)(std::vector<tslb_array_decl_t> &, tslb_store_options_t &);
+  } rows[] = {
+      {"name", [](auto &d, auto &) { d[0].name = "a/b"; }},
+      {"declared twice", [](auto &d, auto &) { d[1].name = "records"; }},
+      {"needs TSLB_DA_DAFLAG_LL", [](auto &d, auto &) { d[SLOTS].daflag = 0; }},
+      {"has no lists", [](auto &d, auto &) { d[RECORDS].daflag = TSLB_DA_DAFLAG_LL; }},
+      {"multiple of 4", [](auto &d, auto &) { d[BITS].record_bytes = 510; }},
+      {"without bytes", [](auto &d, auto &) { d[SLOTS].record_bytes = 0; }},
+      {"are for pools", [](auto &d, auto &) { d[SLOTS].has_compat = 1; }},
+      {"one line", [](auto &d, auto &) { d[SLOTS].description = "a\nb"; }},
+      {"unknown sync", [](auto &, auto &o) { o.sync = static_cast<tslb_sync_t>(7); }},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.why);
+    std::vector<tslb_array_decl_t> decls = test_decls();
+    tslb_store_options_t options = {};
+    row.change(decls, options);
+    TestStore store(decls);
+    store.options = options;
+    EXPECT_FALSE(store.open(folder_));
+    EXPECT_EQ(store.error.code, TSLB_DURABLE_INVALID);
+    EXPECT_THAT(store.error.text, HasSubstr(row.why));
+    EXPECT_FALSE(fs::exists(folder_));
+  }
+}
+
+// Random batches, snapshots and openings, with the replica compared after each group.
+TEST_F(DurableStore, RandomBatchesComeBack) {
+  for (const uint32_t seed : {1u, 2u, 3u}) {
+    SCOPED_TRACE(fmt::format("seed {}", seed));
+    fs::remove_all(folder_);
+    std::mt19937 random(seed);
+    std::string expected, payload = "none";
+    uint64_t n_batches = 0;
+    for (int opening = 0; opening < 8; ++opening) {
+      TestStore store;
+      store.options.journal_level = opening % 2 == 0 ? 0 : 10;
+      store.options.keep = opening % 3;
+      ASSERT_TRUE(store.open(folder_)) << store.error.text;
+      if (opening != 0) {
+        ASSERT_EQ(store.content(), expected);
+        ASSERT_EQ(store.payload(), payload);
+      }
+      for (int i = 0; i < 40; ++i) {
+        tslb_batch_t *const batch = store.begin();
+        ASSERT_NE(batch, nullptr) << store.error.text;
+        store.change(batch, random);
+        if (i % 3 == 0) {
+          payload = fmt::format("{} batches", n_batches);
+          ASSERT_EQ(tslb_batch_set_payload(batch, payload.data(), payload.size(), &store.error), 0);
+        }
+        ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0) << store.error.text;
+        ++n_batches;
+        if (i == 20 && opening % 2 == 1) {
+          ASSERT_EQ(tslb_store_snapshot(store.get(), &store.error), 0) << store.error.text;
+        }
+      }
+      expected = store.content();
+      EXPECT_EQ(store.info().n_batches, 40u);
+      if (opening % 4 != 3) {
+        ASSERT_EQ(store.close(), 0) << store.error.text;
+      }
+    }
+  }
+}
+
+TEST_F(DurableStore, ForgottenChangeIsReportedWithItsPlace) {
+  const struct {
+    const char *fault;
+    std::function<void(TestStore &, tslb_batch_t *)> change;
+    const char *why;
+  } rows[] = {
+      {"a record that is not named",
+       [](TestStore &store, tslb_batch_t *) {
+         static_cast<TestRecord *>(tslb_da_get_ptr(store.array(SLOTS), 1))->value = 9;
+       },
+       R"(batch 2 changed array "slots" without naming it: slot 1, byte 4 of the record: 0x09 in the array, 0x05 in the journal)"},
+      {"bytes next to those that are named",
+       [](TestStore &store, tslb_batch_t *batch) {
+         std::memset(static_cast<TestRecord *>(tslb_da_get_ptr(store.array(SLOTS), 0))->rest, 7, 2);
+         tslb_batch_log_bytes(batch, SLOTS, 0, offsetof(TestRecord, rest), 1);
+       },
+       "slot 0, byte 17 of the record"},
+      {"the bytes of a chunk",
+       [](TestStore &, tslb_batch_t *batch) {
+         maddr_t address;
+         void *const chunk = tslb_batch_take_chunk(batch, BITS, 16, {}, &address, nullptr);
+         std::memset(chunk, 1, 16);
+       },
+       R"(array "bits")"},
+      {"a status that the host writes",
+       [](TestStore &store, tslb_batch_t *) {
+         char *const slot = static_cast<char *>(tslb_da_get_ptr(store.array(SLOTS), 0));
+         const uint32_t status = TSLB_DA_SLOT_NOT_READY;
+         std::memcpy(slot - TSLB_NODE_BYTES, &status, sizeof status);
+       },
+       "slot 0, byte 0, in a list node"},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    fs::remove_all(folder_);
+    TestStore store;
+    ASSERT_TRUE(store.open(folder_));
+    tslb_batch_t *batch = store.begin();
+    store.add_slot(batch, 5, 16);
+    store.add_slot(batch, 5, 16);
+    ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0) << store.error.text;
+    const std::string durable = store.content();
+    batch = store.begin();
+    row.change(store, batch);
+    EXPECT_EQ(tslb_batch_commit(batch, &store.error), -1);
+    EXPECT_EQ(store.error.code, TSLB_DURABLE_BROKEN);
+    EXPECT_THAT(store.error.text, HasSubstr(row.why));
+    EXPECT_EQ(store.begin(), nullptr);
+    EXPECT_EQ(store.close(), -1);
+    ASSERT_TRUE(store.open(folder_)) << store.error.text;
+    EXPECT_EQ(store.content(), durable);
+  }
+}
+
+TEST_F(DurableStore, ChangeOutsideOfABatchBreaksTheStore) {
+  TestStore store;
+  ASSERT_TRUE(store.open(folder_, TSLB_STORE_CREATE));
+  uint32_t idx;
+  tslb_da_get_newptr(store.array(SLOTS), &idx);
+  EXPECT_EQ(store.begin(), nullptr);
+  EXPECT_EQ(store.error.code, TSLB_DURABLE_BROKEN);
+  EXPECT_THAT(store.error.text, HasSubstr("\"slots\" was changed outside of a batch"));
+}
+
+TEST_F(DurableStore, BatchWithAnInvalidRangeIsRefusedAndTakenBack) {
+  TestStore store;
+  ASSERT_TRUE(store.open(folder_));
+  tslb_batch_t *batch = store.begin();
+  store.add_slot(batch, 5, 16);
+  ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0);
+  const std::string durable = store.content();
+  const struct {
+    const char *why;
+    void (*log)(tslb_batch_t *);
+  } rows[] = {
+      {"4 are declared", [](tslb_batch_t *b) { tslb_batch_log_record(b, 4, 0); }},
+      {"record 7 are not in the array", [](tslb_batch_t *b) { tslb_batch_log_record(b, SLOTS, 7); }},
+      {"8 bytes at byte 33", [](tslb_batch_t *b) { tslb_batch_log_bytes(b, SLOTS, 0, 33, 8); }},
+      {"is not a pool", [](tslb_batch_t *b) { tslb_batch_log_chunk(b, SLOTS, {}, 0, 8); }},
+      {"are not in the array", [](tslb_batch_t *b) { tslb_batch_log_chunk(b, BITS, {}, 0, 600); }},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.why);
+    batch = store.begin();
+    ASSERT_NE(batch, nullptr) << store.error.text;
+    store.add_slot(batch, 6, 120);
+    row.log(batch);
+    EXPECT_EQ(tslb_batch_commit(batch, &store.error), -1);
+    EXPECT_EQ(store.error.code, TSLB_DURABLE_REFUSED);
+    EXPECT_THAT(store.error.text, HasSubstr(row.why));
+    EXPECT_EQ(store.begin(), nullptr);
+    EXPECT_EQ(store.error.code, TSLB_DURABLE_REFUSED);
+    ASSERT_EQ(tslb_store_restore(store.get(), &store.error), 0) << store.error.text;
+    EXPECT_EQ(store.content(), durable);
+  }
+  batch = store.begin();
+  store.add_slot(batch, 7, 24);
+  ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0) << store.error.text;
+  const std::string expected = store.content();
+  ASSERT_EQ(store.close(), 0);
+  ASSERT_TRUE(store.open(folder_)) << store.error.text;
+  EXPECT_EQ(store.content(), expected);
+}
+
+// Record layouts of the upgrade.
+struct OldRecord {
+  uint32_t gatekeeper, value;
+};
+struct NewRecord {
+  uint32_t gatekeeper, value, doubled;
+};
+
+static std::vector<tslb_array_decl_t> versioned(uint8_t version) {
+  const auto record_bytes = static_cast<uint32_t>(version == 0 ? sizeof(OldRecord) : sizeof(NewRecord));
+  std::vector<tslb_array_decl_t> decls = {decl_of("events", TSLB_ARRAY_SLOTS, 3, record_bytes, 4, TSLB_DA_DAFLAG_INLL)};
+  decls[0].rec_version = version;
+  if (version == 1) {
+    decls[0].convert = [](void *arg, uint8_t from_version, const void *from, uint32_t from_bytes, void *to, uint32_t) {
+      if (from_version != 0 || from_bytes != sizeof(OldRecord)) return -1;
+      const auto &old_record = *static_cast<const OldRecord *>(from);
+      if (arg != nullptr && old_record.value == 7) return -1;
+      *static_cast<NewRecord *>(to) = {old_record.gatekeeper, old_record.value, 2 * old_record.value};
+      return 0;
+    };
+  }
+  return decls;
+}
+
+TEST_F(DurableStore, UpgradeConvertsRecordsAndKeepsIndicesAndLists) {
+  std::vector<uint32_t> freed;
+  {
+    TestStore store(versioned(0));
+    ASSERT_TRUE(store.open(folder_));
+    tslb_batch_t *const batch = store.begin();
+    for (uint32_t value = 0; value < 30; ++value) {
+      uint32_t idx;
+      *static_cast<OldRecord *>(tslb_da_get_newptr(store.array(0), &idx)) = {1, value};
+      tslb_batch_log_record(batch, 0, idx);
+    }
+    for (const uint32_t idx : {12u, 3u, 25u}) tslb_da_free_idx(store.array(0), idx);
+    for (const uint32_t idx : {20u, 2u}) tslb_da_inactivate_idx(store.array(0), idx, 55);
+    ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0) << store.error.text;
+    ASSERT_EQ(store.close(), 0);
+  }
+  std::vector<tslb_array_decl_t> failing = versioned(1);
+  failing[0].convert_arg = &failing;
+  TestStore refused(failing);
+  EXPECT_FALSE(refused.open(folder_));
+  EXPECT_THAT(refused.error.text, HasSubstr("record 7 cannot be converted from version 0 to 1"));
+
+  TestStore store(versioned(1));
+  ASSERT_TRUE(store.open(folder_)) << store.error.text;
+  EXPECT_EQ(store.info().was_upgraded, 1);
+  DynamicArray_t const array = store.array(0);
+  for (uint32_t idx = 0; idx < 30; ++idx) {
+    if (idx == 12 || idx == 3 || idx == 25) continue;
+    const auto &record = *static_cast<const NewRecord *>(tslb_da_get_ptr(array, idx));
+    EXPECT_EQ(record.value, idx);
+    EXPECT_EQ(record.doubled, 2 * idx);
+  }
+  uint32_t head;
+  tslb_da_get_inactive_head_ptr(array, &head);
+  EXPECT_EQ(head, 20u);
+  tslb_batch_t *const batch = store.begin();
+  for (const uint32_t expected : {12u, 3u, 25u, 30u}) {
+    uint32_t idx;
+    tslb_da_get_newptr(array, &idx);
+    tslb_batch_log_record(batch, 0, idx);
+    EXPECT_EQ(idx, expected);
+  }
+  ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0) << store.error.text;
+  const std::string expected = store.content();
+  ASSERT_EQ(store.close(), 0);
+
+  TestStore older(versioned(0));
+  EXPECT_FALSE(older.open(folder_));
+  EXPECT_THAT(older.error.text, HasSubstr("rec_version 1 is stored, but 0 is declared"));
+  ASSERT_TRUE(store.open(folder_)) << store.error.text;
+  EXPECT_EQ(store.info().was_upgraded, 0);
+  EXPECT_EQ(store.content(), expected);
+}
+
+TEST_F(DurableStore, ArrayIsAddedAndOrderOfDeclarationsIsFree) {
+  std::vector<tslb_array_decl_t> decls = test_decls();
+  decls.pop_back();
+  std::string slots;
+  {
+    TestStore store(decls);
+    ASSERT_TRUE(store.open(folder_));
+    tslb_batch_t *const batch = store.begin();
+    store.add_slot(batch, 3, 40);
+    ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0);
+    slots = content_of(store.array(SLOTS));
+  }
+  decls = test_decls();
+  std::reverse(decls.begin(), decls.end());
+  for (const bool is_first : {true, false}) {
+    TestStore store(decls);
+    ASSERT_TRUE(store.open(folder_)) << store.error.text;
+    EXPECT_EQ(store.info().was_upgraded, is_first ? 1 : 0);
+    EXPECT_EQ(content_of(store.array(3 - SLOTS)), slots);
+    tslb_batch_t *const batch = store.begin();
+    maddr64_t address;
+    ASSERT_NE(tslb_batch_take_chunk64(batch, 3 - BYTES, 10, {}, &address, &store.error), nullptr);
+    ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0) << store.error.text;
+  }
+}
+
+TEST_F(DurableStore, StreamIsThatOfTheLibrary) {
+  TestStore store;
+  ASSERT_TRUE(store.open(folder_));
+  std::mt19937 random(7);
+  for (int i = 0; i < 60; ++i) {
+    tslb_batch_t *const batch = store.begin();
+    store.change(batch, random);
+    ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0) << store.error.text;
+  }
+  ASSERT_EQ(tslb_store_snapshot(store.get(), &store.error), 0) << store.error.text;
+  tslb_test_mode = 0;
+  lib_config.tslb_enable_file_trimming_flag = 1;
+  for (uint32_t i = 0; i < 4; ++i) {
+    const fs::path path = root_ + "/expected";
+    FILE *const file = fopen(path.c_str(), "w");
+    size_t ignored = 0;
+    ASSERT_EQ(tslb_create_dump_for_dynarr(store.array(i), fileno(file), 0, &ignored), 0);
+    fclose(file);
+    const std::string name = test_decls()[i].name;
+    EXPECT_EQ(bytes_of(fmt::format("{}/generation.2/{}.stream", folder_, name)), bytes_of(path)) << name;
+  }
+}
+
+TEST_F(DurableStore, PoolRefusesAtItsLastSlot) {
+  std::vector<tslb_array_decl_t> decls = test_decls();
+  decls[BITS].kind = TSLB_POOL_BIG_BUFFER;
+  decls[BITS].record_bytes = 64;
+  TestStore store(decls);
+  ASSERT_TRUE(store.open(folder_, TSLB_STORE_CREATE));
+  tslb_batch_t *const batch = store.begin();
+  maddr_t address;
+  std::vector<maddr_t> taken;
+  for (const uint32_t bytes : {0u, 49u, 70'000u}) {
+    EXPECT_EQ(tslb_batch_take_chunk(batch, BITS, bytes, {}, &address, &store.error), nullptr);
+    EXPECT_EQ(store.error.code, TSLB_DURABLE_INVALID);
+  }
+  while (tslb_batch_take_chunk(batch, BITS, 40, {}, &address, &store.error) != nullptr) taken.push_back(address);
+  EXPECT_EQ(store.error.code, TSLB_DURABLE_FULL);
+  EXPECT_THAT(store.error.text, HasSubstr("no room for 40 bytes; free 0, inactive 0, fresh 0, current 8"));
+  EXPECT_EQ(taken.size(), 255u);
+  tslb_batch_delete_chunk(batch, BITS, taken[17]);
+  tslb_pool_room_t room;
+  ASSERT_EQ(tslb_store_pool_room(store.get(), BITS, &room), 0);
+  EXPECT_EQ(room.free, 64u);
+  EXPECT_NE(tslb_batch_take_chunk(batch, BITS, 40, {}, &address, &store.error), nullptr) << store.error.text;
+  EXPECT_EQ(tslb_batch_take_chunk(batch, BITS, 40, {}, &address, &store.error), nullptr);
+  EXPECT_EQ(tslb_store_pool_room(store.get(), SLOTS, &room), -1);
+  ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0) << store.error.text;
+}
+
+TEST_F(DurableStore, TicketsSettleInOrderAndSignal) {
+  for (const tslb_sync_t sync : {TSLB_SYNC_GROUP, TSLB_SYNC_ALWAYS, TSLB_SYNC_NONE}) {
+    fs::remove_all(folder_);
+    TestStore store;
+    store.options.sync = sync;
+    ASSERT_TRUE(store.open(folder_));
+    uint64_t ticket = 0;
+    for (uint32_t i = 1; i <= 5; ++i) {
+      tslb_batch_t *const batch = store.begin();
+      store.add_slot(batch, i, 0);
+      ticket = tslb_batch_end(batch);
+      EXPECT_EQ(ticket, i);
+      if (sync == TSLB_SYNC_ALWAYS) {
+        EXPECT_EQ(tslb_store_settled(store.get()), i);
+      }
+    }
+    // The journal thread settles tickets that no thread waits for.
+    while (tslb_store_settled(store.get()) < ticket) {
+      pollfd event = {tslb_store_event_fd(store.get()), POLLIN, 0};
+      ASSERT_EQ(poll(&event, 1, 10'000), 1) << "no ticket settled within ten seconds";
+      uint64_t count;
+      ASSERT_EQ(read(event.fd, &count, sizeof count), 8);
+    }
+    EXPECT_EQ(tslb_store_wait(store.get(), ticket, &store.error), 0);
+    EXPECT_EQ(tslb_store_wait(store.get(), ticket + 1, &store.error), -1);
+    EXPECT_EQ(store.error.code, TSLB_DURABLE_INVALID);
+    tslb_batch_t *const batch = store.begin();
+    EXPECT_EQ(store.begin(), nullptr) << "a second batch of a thread would wait for the first";
+    EXPECT_EQ(tslb_store_wait(store.get(), ticket, &store.error), -1);
+    EXPECT_EQ(store.error.code, TSLB_DURABLE_INVALID);
+    tslb_batch_end(batch);
+  }
+}
+
+TEST_F(DurableStore, ProgressRisesToAllBytes) {
+  TestStore store;
+  ASSERT_TRUE(store.open(folder_));
+  std::mt19937 random(3);
+  for (int i = 0; i < 30; ++i) {
+    tslb_batch_t *const batch = store.begin();
+    store.change(batch, random);
+    ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0);
+  }
+  ASSERT_EQ(store.close(), 0);
+  std::vector<std::pair<uint64_t, uint64_t>> reports;
+  store.options.progress = [](void *arg, uint64_t done, uint64_t all) {
+    static_cast<decltype(reports) *>(arg)->emplace_back(done, all);
+  };
+  store.options.progress_arg = &reports;
+  ASSERT_TRUE(store.open(folder_));
+  ASSERT_GT(reports.size(), 4u);
+  for (size_t i = 1; i < reports.size(); ++i) {
+    EXPECT_EQ(reports[i].second, reports[0].second) << "the total changed";
+    EXPECT_GE(reports[i].first, reports[i - 1].first);
+  }
+  EXPECT_EQ(reports.back().first, reports.back().second);
+}
