@@ -1,0 +1,262 @@
+// Durable stores whose files were changed, removed or exchanged; salvage, kept generations, backups.
+#include <gmock/gmock.h>
+
+#include <algorithm>
+
+#include "durable_support.h"
+
+using testing::HasSubstr;
+
+namespace {
+
+class DurableDamage : public DurableTest {
+ protected:
+  // Makes a store with a generation and two journals' worth of batches. The contents after each batch are kept.
+  void fill(const std::string &folder, bool closes, uint32_t keep = 0, uint32_t seed = 1) {
+    contents_.clear();
+    TestStore store;
+    store.options.keep = keep;
+    ASSERT_TRUE(store.open(folder)) << store.error.text;
+    std::mt19937 random(seed);
+    for (int i = 0; i < 12; ++i) {
+      tslb_batch_t *const batch = store.begin();
+      store.change(batch, random);
+      tslb_batch_set_payload(batch, &i, sizeof i, nullptr);
+      ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0) << store.error.text;
+      contents_.push_back(store.content());
+      if (i == 4 || i == 7) {
+        ASSERT_EQ(tslb_store_snapshot(store.get(), &store.error), 0) << store.error.text;
+      }
+    }
+    if (closes) {
+      ASSERT_EQ(store.close(), 0) << store.error.text;
+    } else {
+      // A copy of the folder is what a killed process leaves.
+      fs::copy(folder, folder + ".killed", fs::copy_options::recursive);
+      store.close();
+      fs::remove_all(folder);
+      fs::rename(folder + ".killed", folder);
+    }
+  }
+
+  std::vector<std::string> files() const {
+    std::vector<std::string> names;
+    for (const auto &entry : fs::recursive_directory_iterator(folder_))
+      if (entry.is_regular_file() && entry.path().filename() != "lock")
+        names.push_back(fs::relative(entry.path(), folder_).string());
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+  std::vector<std::string> contents_;
+};
+
+TEST_F(DurableDamage, EachFlippedBitAfterAnOrderlyEndIsRefused) {
+  ASSERT_NO_FATAL_FAILURE(fill(folder_, true));
+  ASSERT_THAT(files(),
+              testing::ElementsAre("generation.3/bits.stream", "generation.3/bytes.stream", "generation.3/manifest",
+                                   "generation.3/payload", "generation.3/records.stream", "generation.3/slots.stream",
+                                   "journal.3", "store"));
+  for (const std::string &name : files()) {
+    const std::string path = folder_ + "/" + name;
+    const std::string intact = bytes_of(path);
+    // Every byte of short files and of the first kilobyte, then a sample.
+    for (size_t at = 0; at < intact.size(); at += at < 1024 ? 1 : 61) {
+      std::string changed = intact;
+      changed[at] = static_cast<char>(changed[at] ^ (1 << at % 8));
+      put_bytes(path, changed);
+      TestStore store;
+      ASSERT_FALSE(store.open(folder_, TSLB_STORE_READ_ONLY)) << name << ", byte " << at;
+      ASSERT_EQ(store.error.code, TSLB_DURABLE_DAMAGED) << store.error.text;
+      ASSERT_THAT(store.error.text, HasSubstr(folder_));
+    }
+    put_bytes(path, intact);
+  }
+  TestStore store;
+  ASSERT_TRUE(store.open(folder_)) << store.error.text;
+  EXPECT_EQ(store.content(), contents_.back());
+}
+
+// A flipped bit in the last group cannot be told from a write that a crash cut. In front of it, it is damage.
+TEST_F(DurableDamage, FlippedBitInAnOpenJournalCostsAtMostTheLastGroup) {
+  ASSERT_NO_FATAL_FAILURE(fill(folder_, false));
+  const std::string path = folder_ + "/journal.3";
+  const std::string intact = bytes_of(path);
+  int n_refused = 0, n_cut = 0;
+  for (size_t at = 0; at < intact.size(); ++at) {
+    std::string changed = intact;
+    changed[at] = static_cast<char>(changed[at] ^ (1 << at % 8));
+    put_bytes(path, changed);
+    TestStore store;
+    if (!store.open(folder_, TSLB_STORE_READ_ONLY)) {
+      ASSERT_EQ(store.error.code, TSLB_DURABLE_DAMAGED);
+      ++n_refused;
+      continue;
+    }
+    ++n_cut;
+    ASSERT_EQ(store.content(), contents_[contents_.size() - 2]) << "byte " << at;
+    ASSERT_GT(store.info().cut_bytes, 0u);
+    ASSERT_THAT(store.info().warning, HasSubstr("were cut"));
+  }
+  EXPECT_GT(n_refused, n_cut);
+  EXPECT_GT(n_cut, 40);
+}
+
+TEST_F(DurableDamage, CutJournalOfAKilledWriterEndsAfterItsLastWholeGroup) {
+  ASSERT_NO_FATAL_FAILURE(fill(folder_, false));
+  const std::string path = folder_ + "/journal.3";
+  const std::string intact = bytes_of(path);
+  size_t n_batches = 12;
+  for (size_t bytes = intact.size(); bytes >= 40; --bytes) {
+    put_bytes(path, intact.substr(0, bytes));
+    TestStore store;
+    ASSERT_TRUE(store.open(folder_, TSLB_STORE_READ_ONLY)) << store.error.text;
+    const auto found = std::find(contents_.begin() + 7, contents_.end(), store.content());
+    ASSERT_NE(found, contents_.end()) << bytes;
+    const auto n_found = static_cast<size_t>(found - contents_.begin()) + 1;
+    ASSERT_LE(n_found, n_batches);
+    n_batches = n_found;
+  }
+  EXPECT_EQ(n_batches, 8u) << "the generation has eight batches";
+  put_bytes(path, intact.substr(0, 39));
+  TestStore store;
+  EXPECT_FALSE(store.open(folder_, TSLB_STORE_READ_ONLY)) << "a journal always has its head";
+}
+
+TEST_F(DurableDamage, FilesOfTheFolderBelongTogether) {
+  const std::string other = root_ + "/other";
+  ASSERT_NO_FATAL_FAILURE(fill(other, true, 0, 2));
+  ASSERT_NO_FATAL_FAILURE(fill(folder_, true));
+  const std::string old_journal = bytes_of(folder_ + "/journal.3");
+  const std::string old_state = bytes_of(folder_ + "/store");
+  {
+    TestStore store;
+    ASSERT_TRUE(store.open(folder_));
+    std::mt19937 random(5);
+    tslb_batch_t *const batch = store.begin();
+    store.change(batch, random);
+    ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0);
+    ASSERT_EQ(store.close(), 0);
+  }
+  fs::copy(folder_, root_ + "/intact", fs::copy_options::recursive);
+  const struct {
+    const char *fault;
+    std::function<void()> damage;
+    const char *why;
+  } rows[] = {
+      {"the journal is gone", [&] { fs::remove(folder_ + "/journal.3"); }, "journal.3: is missing"},
+      {"the journal is empty", [&] { put_bytes(folder_ + "/journal.3", ""); }, "shorter than the head"},
+      {"the journal is cut at a group", [&] { put_bytes(folder_ + "/journal.3", old_journal); },
+       "bytes, but was sealed"},
+      {"the journal of another store",
+       [&] { fs::copy(other + "/journal.3", folder_ + "/journal.3", fs::copy_options::overwrite_existing); },
+       "the journal of another store"},
+      {"the journal has more bytes", [&] { put_bytes(folder_ + "/journal.3", bytes_of(folder_ + "/journal.3") + "x"); },
+       "journal.3"},
+      {"the state of an earlier end", [&] { put_bytes(folder_ + "/store", old_state); }, "journal.3: has"},
+      {"the state is gone", [&] { fs::remove(folder_ + "/store"); }, "is not a store"},
+      {"the state of another store",
+       [&] { fs::copy(other + "/store", folder_ + "/store", fs::copy_options::overwrite_existing); },
+       "is the generation of another store"},
+      {"the generation is gone", [&] { fs::remove_all(folder_ + "/generation.3"); }, "generation.3/manifest"},
+      {"the generation of another store",
+       [&] {
+         fs::remove_all(folder_ + "/generation.3");
+         fs::copy(other + "/generation.3", folder_ + "/generation.3", fs::copy_options::recursive);
+       },
+       "is the generation of another store"},
+      {"two streams are exchanged",
+       [&] {
+         fs::copy(folder_ + "/generation.3/slots.stream", folder_ + "/generation.3/records.stream",
+                  fs::copy_options::overwrite_existing);
+       },
+       "records.stream: has"},
+      {"the payload is gone", [&] { fs::remove(folder_ + "/generation.3/payload"); }, "generation.3/payload"},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    fs::remove_all(folder_);
+    fs::copy(root_ + "/intact", folder_, fs::copy_options::recursive);
+    row.damage();
+    for (const uint32_t flags : {uint32_t{TSLB_STORE_READ_ONLY}, uint32_t{TSLB_STORE_CREATE}}) {
+      TestStore store;
+      EXPECT_FALSE(store.open(folder_, flags));
+      if (flags == TSLB_STORE_READ_ONLY) {
+        EXPECT_THAT(store.error.text, HasSubstr(row.why));
+      }
+    }
+  }
+}
+
+TEST_F(DurableDamage, SalvageUsesWhatPrecedesTheDamage) {
+  ASSERT_NO_FATAL_FAILURE(fill(folder_, false));
+  const std::string path = folder_ + "/journal.3";
+  std::string changed = bytes_of(path);
+  changed[changed.size() / 2] ^= 1;
+  put_bytes(path, changed);
+  TestStore store;
+  EXPECT_FALSE(store.open(folder_));
+  ASSERT_TRUE(store.open(folder_, TSLB_STORE_SALVAGE | TSLB_STORE_SHADOW)) << store.error.text;
+  EXPECT_THAT(store.info().warning, HasSubstr("what follows is lost"));
+  const auto found = std::find(contents_.begin() + 7, contents_.end() - 1, store.content());
+  ASSERT_NE(found, contents_.end() - 1);
+  // The salvaged state is a generation of its own, so the damage does not come back.
+  std::mt19937 random(9);
+  tslb_batch_t *const batch = store.begin();
+  store.change(batch, random);
+  ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0) << store.error.text;
+  const std::string expected = store.content();
+  ASSERT_EQ(store.close(), 0);
+  ASSERT_TRUE(store.open(folder_)) << store.error.text;
+  EXPECT_EQ(store.content(), expected);
+  EXPECT_STREQ(store.info().warning, "");
+}
+
+TEST_F(DurableDamage, KeptGenerationLeadsToTheSameState) {
+  ASSERT_NO_FATAL_FAILURE(fill(folder_, true, 1));
+  EXPECT_TRUE(fs::exists(folder_ + "/generation.2"));
+  EXPECT_FALSE(fs::exists(folder_ + "/generation.1")) << "more generations than requested are kept";
+  EXPECT_FALSE(fs::exists(folder_ + "/journal.1"));
+  std::string changed = bytes_of(folder_ + "/generation.3/slots.stream");
+  changed[100] ^= 1;
+  put_bytes(folder_ + "/generation.3/slots.stream", changed);
+  TestStore store;
+  EXPECT_FALSE(store.open(folder_));
+  ASSERT_TRUE(store.open(folder_, TSLB_STORE_SALVAGE | TSLB_STORE_SHADOW)) << store.error.text;
+  EXPECT_EQ(store.content(), contents_.back());
+  EXPECT_THAT(store.info().warning, HasSubstr("generation 2 and the journals since it were used"));
+  ASSERT_EQ(store.close(), 0);
+  ASSERT_TRUE(store.open(folder_)) << store.error.text;
+  EXPECT_EQ(store.content(), contents_.back());
+}
+
+TEST_F(DurableDamage, BackupIsAStoreOfTheSettledState) {
+  TestStore store;
+  ASSERT_TRUE(store.open(folder_));
+  std::mt19937 random(4);
+  for (int i = 0; i < 10; ++i) {
+    tslb_batch_t *const batch = store.begin();
+    store.change(batch, random);
+    ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0);
+  }
+  const std::string copied = store.content(), target = root_ + "/backup";
+  ASSERT_EQ(tslb_store_backup(store.get(), target.c_str(), &store.error), 0) << store.error.text;
+  EXPECT_EQ(tslb_store_backup(store.get(), target.c_str(), &store.error), -1);
+  EXPECT_EQ(store.error.code, TSLB_DURABLE_NOT_EMPTY);
+  tslb_batch_t *const batch = store.begin();
+  store.change(batch, random);
+  ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0);
+  TestStore backup;
+  ASSERT_TRUE(backup.open(target)) << backup.error.text;
+  EXPECT_EQ(backup.content(), copied);
+  EXPECT_EQ(std::memcmp(backup.info().identity, store.info().identity, 16), 0);
+
+  // A source that is damaged gives no backup that looks whole.
+  std::string changed = bytes_of(folder_ + "/generation.1/slots.stream");
+  changed[changed.size() - 1] ^= 1;
+  put_bytes(folder_ + "/generation.1/slots.stream", changed);
+  EXPECT_EQ(tslb_store_backup(store.get(), (root_ + "/second").c_str(), &store.error), -1);
+  EXPECT_EQ(store.error.code, TSLB_DURABLE_DAMAGED);
+}
+
+}  // namespace
