@@ -9,8 +9,8 @@
 #include "cli/line_source.h"
 #include "cli/output.h"
 #include "cli/write_options.h"
-#include "journal/log.h"
 #include "store/database_writer.h"
+#include "store/log.h"
 
 namespace metricdb {
 namespace {

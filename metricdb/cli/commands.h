@@ -25,8 +25,7 @@ struct LoadArguments {
   std::string series_pattern;
   bool check = false;
   ForgettingChange forgetting;
-  std::string db;     // empty: the arrays exist in this process only
-  std::string store;  // empty, `snapshot` or `shm`
+  std::string db;  // empty: the arrays exist in this process only
 };
 
 struct CheckArguments {
@@ -62,7 +61,7 @@ struct RecordArguments {
 struct WriteArguments {
   std::string db;
   std::string sync = "batch";
-  uint64_t snapshot_mb = 256;  // 0: snapshots only on request
+  double snapshot_mb = 256;  // 0: snapshots only on request
   bool salvage = false;
   std::optional<int> layout;
   ForgettingChange forgetting;

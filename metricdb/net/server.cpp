@@ -15,11 +15,11 @@
 #include <utility>
 #include <vector>
 
-#include "journal/log.h"
 #include "net/connection.h"
 #include "net/graphite_connection.h"
 #include "net/http_connection.h"
 #include "net/listener.h"
+#include "store/log.h"
 
 namespace metricdb {
 namespace {
