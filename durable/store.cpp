@@ -229,15 +229,18 @@ void tslb_store_t::continue_journal(const LoadedStore &loaded) {
         std::find_if(entries.begin(), entries.end(), [&](const auto &one) { return one.name == decls_[i].name; });
     logged_[i].set_number(static_cast<uint32_t>(entry - entries.begin()));
   }
-  // A journal before the last one is not continued. It is sealed, if the process ended before it could do so.
+  // A journal before the last one is not continued. It is sealed, if the process ended before it could do so. A journal
+  // with a seal is not opened again: the last one has groups, which no crash may leave after a journal without a seal.
   for (size_t i = 0; i + 1 < state_.journals.size(); ++i) {
     JournalState &journal = state_.journals[i];
-    if (!journal.is_sealed) {
+    JournalPlace place = loaded.places[i];
+    if (!loaded.ends_with_seal[i]) {
       const JournalName name = {state_.identity, journal.number};
-      JournalWriter writer(journal_path(folder_, journal.number), name, loaded.places[i]);
+      JournalWriter writer(journal_path(folder_, journal.number), name, place);
       writer.seal();
-      journal = {journal.number, true, writer.place().position, writer.place().crc32c};
+      place = writer.place();
     }
+    journal = {journal.number, true, place.position, place.crc32c};
     journals_before_ += journal.bytes;
   }
   state_.journals.back() = {state_.journals.back().number, false, 0, 0};

@@ -1,0 +1,66 @@
+// A recovery that is itself killed: at each of its steps on the disk, and then repeated.
+#include <io_faults.h>
+
+#include "durable_support.h"
+
+using DurableRecovery = DurableTest;
+
+namespace {
+
+void commit_one(TestStore &store, uint32_t value) {
+  tslb_batch_t *const batch = store.begin();
+  ASSERT_NE(batch, nullptr) << store.error.text;
+  store.add_slot(batch, value, 16);
+  ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0) << store.error.text;
+}
+
+}  // namespace
+
+// The process ends between the change to the next journal and the end of the generation. The first journal has its seal,
+// but the state of the store does not say so yet. A recovery that opens it again, and is killed before it seals it,
+// would leave groups after a journal without a seal.
+TEST_F(DurableRecovery, KilledAtAnyStepLeavesTheStoreReadable) {
+  constexpr uint64_t MAX_STEPS = 200;
+  uint64_t n_recoveries = 0, n_with_two_journals = 0;
+  for (uint64_t failing = 1; failing < MAX_STEPS; ++failing) {
+    SCOPED_TRACE(fmt::format("step {} of the snapshot fails", failing));
+    fs::remove_all(folder_);
+    std::string expected;
+    {
+      TestStore store;
+      ASSERT_TRUE(store.open(folder_, TSLB_STORE_CREATE | TSLB_STORE_NO_FORK)) << store.error.text;
+      commit_one(store, 1);
+      tslb_durable::fail_at_io(failing, EIO);
+      const bool is_done = tslb_store_snapshot(store.get(), nullptr) == 0;
+      tslb_durable::fail_at_io(0, 0);
+      if (is_done) break;  // the snapshot has fewer steps
+      commit_one(store, 2);
+      expected = store.content();
+      // As a kill leaves it: the folder is copied before the store is closed.
+      fs::copy(folder_, root_ + "/killed", fs::copy_options::recursive);
+    }
+    n_with_two_journals += fs::exists(root_ + "/killed/journal.2") && fs::file_size(root_ + "/killed/journal.2") > 40;
+    for (uint64_t step = 1; step < MAX_STEPS; ++step) {
+      SCOPED_TRACE(fmt::format("killed at step {} of the recovery", step));
+      const std::string copy = root_ + "/copy";
+      fs::remove_all(copy);
+      fs::copy(root_ + "/killed", copy, fs::copy_options::recursive);
+      const int result = in_child([&] {
+        tslb_durable::crash_at_io(step);
+        TestStore store;
+        const bool is_open = store.open(copy, 0);
+        store.abandon();
+        return is_open ? 0 : 1;
+      });
+      ASSERT_NE(result, 1) << "the first recovery failed";
+      TestStore again;
+      ASSERT_TRUE(again.open(copy, TSLB_STORE_SHADOW)) << again.error.text;
+      ASSERT_EQ(again.content(), expected);
+      ++n_recoveries;
+      if (result == 0) break;  // the recovery has fewer steps
+    }
+    fs::remove_all(root_ + "/killed");
+  }
+  EXPECT_GT(n_recoveries, 20u);
+  EXPECT_GT(n_with_two_journals, 0u) << "the snapshot never failed after the change to the next journal";
+}
