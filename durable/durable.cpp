@@ -136,7 +136,8 @@ tslb_store_t *tslb_store_open(const char *folder, const tslb_array_decl_t *array
     const tslb_store_options_t defaults = {};
     const tslb_store_options_t &chosen = options != nullptr ? *options : defaults;
     if ((chosen.flags & ~KNOWN_FLAGS) != 0) refuse_argument(fmt::format("unknown flags {:#x}", chosen.flags));
-    if (chosen.sync < TSLB_SYNC_GROUP || chosen.sync > TSLB_SYNC_NONE) refuse_argument("unknown sync");
+    if (const int sync = raw_value(chosen.sync); sync < TSLB_SYNC_GROUP || sync > TSLB_SYNC_NONE)
+      refuse_argument(fmt::format("unknown sync {}", sync));
     return new tslb_store_t(folder, checked_decls(arrays, n_arrays), chosen);
   });
 }

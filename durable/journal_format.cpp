@@ -3,6 +3,7 @@
 #include <zstd.h>
 
 #include <cstring>
+#include <memory>
 
 #include "checksum.h"
 
@@ -11,6 +12,10 @@ namespace {
 
 constexpr size_t SUMMED_FROM = offsetof(FrameHead, sequence);
 constexpr size_t MIN_COMPRESSED_BYTES = 256;  // shorter bodies gain nothing
+
+struct ReleaseContext {
+  void operator()(ZSTD_CCtx *context) const { ZSTD_freeCCtx(context); }
+};
 
 template <class Head>
 std::string_view bytes_of(const Head &head) {
@@ -65,10 +70,10 @@ uint32_t sum_of_frame(const JournalName &name, uint64_t position, std::string_vi
 std::string_view compress(std::string_view body, int level, std::string &buffer, Compression &compression) {
   compression = Compression::none;
   if (level == 0 || body.size() < MIN_COMPRESSED_BYTES) return body;
-  thread_local ZSTD_CCtx *const context = ZSTD_createCCtx();
-  if (context == nullptr) return body;
+  thread_local const std::unique_ptr<ZSTD_CCtx, ReleaseContext> context(ZSTD_createCCtx());
+  if (!context) return body;
   buffer.resize(ZSTD_compressBound(body.size()));
-  const size_t size = ZSTD_compressCCtx(context, buffer.data(), buffer.size(), body.data(), body.size(), level);
+  const size_t size = ZSTD_compressCCtx(context.get(), buffer.data(), buffer.size(), body.data(), body.size(), level);
   if (ZSTD_isError(size) != 0 || size >= body.size()) return body;
   compression = Compression::zstd;
   return std::string_view(buffer).substr(0, size);

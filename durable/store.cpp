@@ -45,6 +45,7 @@ tslb_store_t::tslb_store_t(std::string folder, std::vector<ArrayDecl> decls, con
     : folder_(without_slash(std::move(folder))),
       decls_(std::move(decls)),
       options_(options),
+      is_reader_(has(options, TSLB_STORE_READ_ONLY)),
       level_(level_of(options)),
       event_(File::event()) {
   spare_batches_.reserve(Gate::MAX_INSIDE);
@@ -59,21 +60,20 @@ tslb_store_t::tslb_store_t(std::string folder, std::vector<ArrayDecl> decls, con
 
 tslb_store_t::~tslb_store_t() {
   stop_threads();
-  if (journal_) unregister_store(this);
+  unregister_store(this);
 }
 
 // ---- Opening -------------------------------------------------------------------------------------------------------
 
 void tslb_store_t::open_or_create() {
-  const bool is_reader = has(options_, TSLB_STORE_READ_ONLY);
-  if (is_reader && has(options_, TSLB_STORE_CREATE))
+  if (is_reader_ && has(options_, TSLB_STORE_CREATE))
     throw StoreError(TSLB_DURABLE_INVALID, "TSLB_STORE_CREATE with TSLB_STORE_READ_ONLY");
   if (has(options_, TSLB_STORE_CREATE)) {
     const bool is_new = make_folder_if_missing(folder_);
     if (is_new) File::folder(folder_of(folder_)).sync();
     create_store();
   }
-  if (!is_reader) {
+  if (!is_reader_) {
     read_state(folder_);  // a folder that is no store gets no lock file
     take_lock();
   }
@@ -86,7 +86,7 @@ void tslb_store_t::open_or_create() {
   LoadedStore loaded = load_store(folder_, load_options);
   adopt(loaded);
   bind_arrays();
-  if (is_reader) return;
+  if (is_reader_) return;
   register_policies();
   continue_journal(loaded);
   register_store(this);
@@ -145,7 +145,6 @@ void tslb_store_t::take_lock() {
 // an older version.
 void tslb_store_t::adopt(LoadedStore &loaded) {
   state_ = loaded.state;
-  const bool is_reader = has(options_, TSLB_STORE_READ_ONLY);
   for (const StoredArrayEntry &entry : loaded.manifest.arrays) {
     const bool is_declared =
         std::any_of(decls_.begin(), decls_.end(), [&](const ArrayDecl &decl) { return decl.name == entry.name; });
@@ -158,7 +157,7 @@ void tslb_store_t::adopt(LoadedStore &loaded) {
     const auto entry =
         std::find_if(entries.begin(), entries.end(), [&](const auto &one) { return one.name == decl.name; });
     if (entry == entries.end()) {
-      if (is_reader)
+      if (is_reader_)
         throw StoreError(TSLB_DURABLE_MISMATCH, fmt::format("{}: has no array \"{}\"", folder_, decl.name), folder_);
       arrays_.push_back(create_array(decl));
       info_.was_upgraded = 1;
@@ -211,8 +210,7 @@ void tslb_store_t::bind_arrays() {
     rooms_.push_back(is_pool(decls_[i].kind)
                          ? std::make_unique<ChunkRoom>(arrays_[i].get(), decls_[i].kind, decls_[i].max_slots)
                          : nullptr);
-    if (has(options_, TSLB_STORE_SHADOW) && !has(options_, TSLB_STORE_READ_ONLY))
-      shadows_.push_back(copy_of(arrays_[i].get()));
+    if (has(options_, TSLB_STORE_SHADOW) && !is_reader_) shadows_.push_back(copy_of(arrays_[i].get()));
   }
 }
 
@@ -269,7 +267,7 @@ void tslb_store_t::stop_threads() {
 }
 
 void tslb_store_t::close() {
-  if (!journal_) return;
+  if (is_reader_) return;
   expect_no_batch_of_this_thread();
   stop_threads();
   {

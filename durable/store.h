@@ -143,6 +143,7 @@ struct tslb_store_t {
   const std::string folder_;
   const std::vector<tslb_durable::ArrayDecl> decls_;
   const tslb_store_options_t options_;
+  const bool is_reader_;
   const int level_;  // of compression; 0: none
   std::optional<tslb_durable::File> lock_;
   tslb_durable::StoreState state_;  // as in the folder; guarded by snapshot_mutex_

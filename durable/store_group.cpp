@@ -27,7 +27,7 @@ void tslb_batch_t::add(const Range &range) noexcept {
 // ---- Batches -------------------------------------------------------------------------------------------------------
 
 void tslb_store_t::expect_usable() const {
-  if (!journal_) throw StoreError(TSLB_DURABLE_INVALID, folder_ + ": was opened to read", folder_);
+  if (is_reader_) throw StoreError(TSLB_DURABLE_INVALID, folder_ + ": was opened to read", folder_);
   if (!failed_.empty()) throw StoreError(is_broken_ ? TSLB_DURABLE_BROKEN : TSLB_DURABLE_REFUSED, failed_, folder_);
 }
 

@@ -16,6 +16,7 @@
 namespace tslb_durable {
 namespace {
 
+constexpr uint64_t MIN_PARALLEL_BYTES = 1 << 20;
 constexpr size_t MAX_PAYLOAD_BYTES = 1 << 16;
 constexpr int MAX_TRIES = 10;  // of a reader whose files are replaced
 
@@ -30,11 +31,12 @@ void expect_file(const std::string &path, const FileSum &found, const StoredFile
     throw damaged(path, fmt::format("has the checksum {:08x}, expected {:08x}", found.crc32c, expected.crc32c));
 }
 
-// One stored array. The checksum is computed beside the loading.
+// One stored array. The checksum of a long file is computed beside the loading.
 Array load_array(const std::string &folder, const StoredArrayEntry &entry) {
   const std::string path = folder + "/" + stream_name(entry.name);
   const File file = File::open(path);
-  std::future<FileSum> sum = std::async(std::launch::async, [&path] { return sum_of(File::open(path)); });
+  const auto policy = entry.file.bytes > MIN_PARALLEL_BYTES ? std::launch::async : std::launch::deferred;
+  std::future<FileSum> sum = std::async(policy, [&path] { return sum_of(File::open(path)); });
   array_load_options_t options = {};
   options.ctx_name = entry.name.c_str();
   options.tbl_id = entry.tbl_id;

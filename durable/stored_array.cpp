@@ -26,8 +26,8 @@ bool is_name(std::string_view name) {
 
 // Returns why a declaration is invalid; empty if it is not.
 std::string fault_of(const tslb_array_decl_t &decl) {
-  if (decl.kind < TSLB_ARRAY_RECORDS || decl.kind > TSLB_POOL_BIT_VECTOR)
-    return fmt::format("unknown kind {}", static_cast<int>(decl.kind));
+  if (const int kind = raw_value(decl.kind); kind < TSLB_ARRAY_RECORDS || kind > TSLB_POOL_BIT_VECTOR)
+    return fmt::format("unknown kind {}", kind);
   constexpr uint8_t LIST_FLAGS = TSLB_DA_DAFLAG_LL | TSLB_DA_DAFLAG_INLL;
   if ((decl.daflag & ~LIST_FLAGS) != 0) return fmt::format("unknown bits in daflag {:#x}", decl.daflag);
   if (decl.kind == TSLB_ARRAY_RECORDS && decl.daflag != 0) return "a record array has no lists";

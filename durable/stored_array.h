@@ -4,6 +4,7 @@
 #include <tslb/durable.h>
 
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <string>
@@ -17,6 +18,15 @@ struct ReleaseArray {
 using Array = std::unique_ptr<DynArrHandle_t, ReleaseArray>;
 
 inline constexpr const char *KIND_NAMES[] = {"records", "slots", "big_buffer", "bit_vector"};
+
+// Returns the value of an enumerator that a caller set, also if it is none.
+template <class Enumeration>
+int raw_value(const Enumeration &value) {
+  int raw;
+  static_assert(sizeof raw == sizeof value);
+  std::memcpy(&raw, &value, sizeof raw);
+  return raw;
+}
 
 inline bool is_pool(tslb_array_kind_t kind) {
   return kind == TSLB_POOL_BIG_BUFFER || kind == TSLB_POOL_BIT_VECTOR;

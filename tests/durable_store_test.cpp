@@ -83,7 +83,8 @@ TEST_F(DurableStore, InvalidDeclarationsAndOptionsAreRefused) {
       {"without bytes", [](auto &d, auto &) { d[SLOTS].record_bytes = 0; }},
       {"are for pools", [](auto &d, auto &) { d[SLOTS].has_compat = 1; }},
       {"one line", [](auto &d, auto &) { d[SLOTS].description = "a\nb"; }},
-      {"unknown sync", [](auto &, auto &o) { o.sync = static_cast<tslb_sync_t>(7); }},
+      {"unknown sync 7", [](auto &, auto &o) { std::memset(&o.sync, 7, 1); }},
+      {"unknown kind 9", [](auto &d, auto &) { std::memset(&d[1].kind, 9, 1); }},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.why);
