@@ -1,4 +1,4 @@
-// A process that is killed while it recovers, or in a snapshot after one that failed.
+// A process that is killed while it recovers, in a snapshot after one that failed, or while a child has its lock.
 #include <io_faults.h>
 
 #include "durable_support.h"
@@ -99,4 +99,25 @@ TEST_F(DurableRecovery, KilledInTheSnapshotAfterAFailedOneLeavesTheStoreReadable
     }
   }
   EXPECT_TRUE(has_first_succeeded) << "a snapshot has more steps than are tried";
+}
+
+// A child of a killed writer has the lock for a moment after the kill. Another writer in the same process has it for
+// longer, and is reported at once.
+TEST_F(DurableRecovery, LockOfAKilledWriterIsWaitedFor) {
+  const int result = in_child([&] {
+    TestStore store;
+    if (!store.open(folder_)) return 1;
+    if (fork() == 0) {
+      usleep(200'000);
+      _exit(0);
+    }
+    kill(getpid(), SIGKILL);
+    return 2;
+  });
+  ASSERT_EQ(result, -SIGKILL);
+  TestStore store;
+  ASSERT_TRUE(store.open(folder_)) << store.error.text;
+  TestStore second;
+  EXPECT_FALSE(second.open(folder_));
+  EXPECT_EQ(second.error.code, TSLB_DURABLE_LOCKED);
 }
