@@ -19,7 +19,7 @@ namespace {
 
 constexpr size_t MAX_PAYLOAD_BYTES = 1 << 16;
 constexpr uint32_t KNOWN_FLAGS = TSLB_STORE_CREATE | TSLB_STORE_IN_ANY | TSLB_STORE_READ_ONLY | TSLB_STORE_SALVAGE |
-                                 TSLB_STORE_SHADOW | TSLB_STORE_NO_FORK;
+                                 TSLB_STORE_SHADOW | TSLB_STORE_NO_FORK | TSLB_STORE_BULK;
 
 void copy_text(std::string_view text, char *to, size_t size) {
   const size_t length = std::min(text.size(), size - 1);
@@ -139,6 +139,32 @@ tslb_store_t *tslb_store_open(const char *folder, const tslb_array_decl_t *array
     if (const int sync = raw_value(chosen.sync); sync < TSLB_SYNC_GROUP || sync > TSLB_SYNC_NONE)
       refuse_argument(fmt::format("unknown sync {}", sync));
     return new tslb_store_t(folder, checked_decls(arrays, n_arrays), chosen);
+  });
+}
+
+int32_t tslb_store_describe(const char *folder, tslb_stored_array_t *arrays, uint32_t capacity, tslb_error_t *error) {
+  return guarded(error, int32_t{-1}, [&] {
+    if (folder == nullptr || folder[0] == '\0') refuse_argument("no folder");
+    const StoreState state = read_state(folder);
+    if (state.generation == 0)
+      throw StoreError(TSLB_DURABLE_NO_STORE, fmt::format("{}: the creation of this store did not end", folder),
+                       folder);
+    const Manifest manifest = read_manifest(generation_path(folder, state.generation));
+    for (uint32_t i = 0; i < std::min<size_t>(capacity, manifest.arrays.size()); ++i) {
+      const StoredArrayEntry &entry = manifest.arrays[i];
+      tslb_stored_array_t &array = arrays[i];
+      copy_text(entry.name, array.name, sizeof array.name);
+      array.kind = entry.kind;
+      array.tbl_id = entry.tbl_id;
+      array.record_bytes = entry.record_bytes - (is_pool(entry.kind) ? TSLB_MEM_SLOT_HDR_BYTES : 0);
+      array.n_direct = entry.n_direct;
+      array.n_slots = entry.n_slots;
+      array.daflag = entry.daflag;
+      array.rec_version = entry.rec_version;
+      array.has_compat = entry.has_compat ? 1 : 0;
+      copy_text(entry.description, array.description, sizeof array.description);
+    }
+    return static_cast<int32_t>(manifest.arrays.size());
   });
 }
 
@@ -280,6 +306,17 @@ int tslb_batch_commit(tslb_batch_t *batch, tslb_error_t *error) {
 int tslb_store_wait(tslb_store_t *store, uint64_t ticket, tslb_error_t *error) {
   return guarded(error, -1, [&] {
     store->wait(ticket);
+    return 0;
+  });
+}
+
+int tslb_store_check(tslb_store_t *store, uint64_t ticket, tslb_error_t *error) {
+  return guarded(error, -1, [&] { return store->check(ticket) ? 0 : 1; });
+}
+
+int tslb_store_reserve(tslb_store_t *store, uint64_t bytes, tslb_error_t *error) {
+  return guarded(error, -1, [&] {
+    store->reserve(bytes);
     return 0;
   });
 }

@@ -96,9 +96,10 @@ typedef struct tslb_array_decl_t {
   const tsdb_mem_pressure_config_t *reuse_policy; /* with TSLB_DA_DAFLAG_INLL: copied; or NULL, which changes nothing */
   const char *description;                        /* of the records, kept in the manifest: one line; or NULL */
   /* Used if the stored array has an older rec_version. NULL: it is refused. A stored rec_version that is newer, or other
-   * sizes with the same version, are refused. */
+   * sizes with the same version, are refused. Pools are not converted. */
   tslb_record_converter_t convert;
   void *convert_arg;
+  uint8_t converts_newer; /* not 0: `convert` is used for a newer rec_version too */
 } tslb_array_decl_t;
 
 /* ---- Stores -------------------------------------------------------------------------------------------------------- */
@@ -119,7 +120,10 @@ enum {
   TSLB_STORE_READ_ONLY = 4, /* loads the arrays and changes nothing; also beside a writer */
   TSLB_STORE_SALVAGE = 8,   /* uses what precedes the damage; see tslb_store_info_t.warning */
   TSLB_STORE_SHADOW = 16,   /* compares the arrays with a replica after each group. Needs twice the memory */
-  TSLB_STORE_NO_FORK = 32   /* snapshots are written by the caller while batches wait, not by a child process */
+  TSLB_STORE_NO_FORK = 32,  /* snapshots are written by the caller while batches wait, not by a child process */
+  /* For imports: no batches and no journal. What is changed is durable when tslb_store_snapshot returns. Without it the
+   * store stays as it was, and a new one is removed. One thread. */
+  TSLB_STORE_BULK = 64
 };
 
 /* Options of tslb_store_open. A zeroed structure has the defaults. */
@@ -171,6 +175,26 @@ typedef struct tslb_store_info_t {
  * crash does not explain is TSLB_DURABLE_DAMAGED. */
 tslb_store_t *tslb_store_open(const char *folder, const tslb_array_decl_t *arrays, uint32_t n_arrays,
                               const tslb_store_options_t *options, tslb_error_t *error);
+
+/* An array as a store describes it. */
+typedef struct tslb_stored_array_t {
+  char name[32];
+  tslb_array_kind_t kind;
+  int32_t tbl_id;
+  uint32_t record_bytes; /* as in a declaration */
+  uint32_t n_direct;
+  uint32_t n_slots; /* in the generation */
+  uint8_t daflag;
+  uint8_t rec_version;
+  uint8_t has_compat;
+  char description[256]; /* cut to fit */
+} tslb_stored_array_t;
+
+/* Reads which arrays a store has, without loading them.
+ *
+ * arrays    receives the first `capacity` of them; may be null with 0.
+ * Result    their number, or -1. */
+int32_t tslb_store_describe(const char *folder, tslb_stored_array_t *arrays, uint32_t capacity, tslb_error_t *error);
 
 /* Writes what is pending, seals the journal and releases the store with its arrays. No batch may be open, and no other
  * thread may use the store. The store is released also on failure. Null is ignored. Result: 0, or -1. */
@@ -238,6 +262,14 @@ int tslb_batch_commit(tslb_batch_t *batch, tslb_error_t *error);
 /* Waits until the ticket is settled. Result: 0: it is durable. -1: it was refused. Any thread. No batch of the calling
  * thread may be open. */
 int tslb_store_wait(tslb_store_t *store, uint64_t ticket, tslb_error_t *error);
+
+/* Returns at once: 1: the ticket is not settled. 0: it is durable. -1: it was refused. Any thread, also with an open
+ * batch. */
+int tslb_store_check(tslb_store_t *store, uint64_t ticket, tslb_error_t *error);
+
+/* Reserves disk space for so many bytes of journal, so that a full disk is detected before the arrays are changed.
+ * Result: 0, also if the file system cannot reserve space. -1 with TSLB_DURABLE_IO: there is no space. Any thread. */
+int tslb_store_reserve(tslb_store_t *store, uint64_t bytes, tslb_error_t *error);
 
 /* Returns the last settled ticket; 0 if there is none. Any thread. */
 uint64_t tslb_store_settled(tslb_store_t *store);

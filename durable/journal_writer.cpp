@@ -1,8 +1,10 @@
 #include "journal_writer.h"
 
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <utility>
 
 #include "checksum.h"
@@ -66,19 +68,31 @@ void JournalWriter::append(const Frame &frame, std::string_view body) {
   ++place_.next_sequence;
 }
 
-// A write into reserved space does not change the metadata of the file much, so the sync is shorter. A full disk is
-// found by the write itself.
-void JournalWriter::reserve(uint64_t bytes) {
-  const uint64_t end = place_.position + bytes;
-  if (!can_reserve_ || end <= reserved_end_) return;
+uint64_t JournalWriter::reserved_bytes() const {
+  if (!can_reserve_) return UINT64_MAX;
+  return reserved_end_ > place_.position ? reserved_end_ - place_.position : 0;
+}
+
+uint64_t JournalWriter::reserve_space(uint64_t bytes) {
+  if (reserved_bytes() >= bytes) return reserved_bytes();
   const uint64_t from = std::max(reserved_end_, place_.position);
-  const uint64_t to = (end + RESERVE_BYTES - 1) / RESERVE_BYTES * RESERVE_BYTES;
-  can_reserve_ = file_.reserve(from, to - from) == 0;
+  const uint64_t min_end = place_.position + bytes;
+  uint64_t to = (min_end + RESERVE_BYTES - 1) / RESERVE_BYTES * RESERVE_BYTES;
+  int error = file_.reserve(from, to - from);
+  if (error == ENOSPC || error == EDQUOT || error == EFBIG) error = file_.reserve(from, (to = min_end) - from);
+  can_reserve_ = error != EOPNOTSUPP && error != ENOSYS;
+  if (!can_reserve_) return UINT64_MAX;
+  if (error != 0) {
+    errno = error;
+    fail_file(path(), fmt::format("no space for {} bytes", bytes));
+  }
   reserved_end_ = to;
+  return reserved_bytes();
 }
 
 void JournalWriter::append_group(const Frame &frame, std::string_view body) {
-  reserve(sizeof(FrameHead) + body.size());
+  // A write into reserved space changes less metadata of the file, so the sync is shorter.
+  reserve_space(sizeof(FrameHead) + body.size());
   append(frame, body);
   has_groups_ = true;
 }

@@ -30,6 +30,11 @@ class JournalWriter {
   // Everything that was appended so far stays.
   void mark();
 
+  // Reserves disk space for at least so many bytes. Returns for how many there is space; the maximum if the file system
+  // cannot reserve space. Throws StoreError if there is none.
+  uint64_t reserve_space(uint64_t bytes);
+  uint64_t reserved_bytes() const;
+
   // Marks that the journal was continued after a cut, so that a reader cannot combine removed bytes with new ones.
   void append_opened();
   // Appends the last frame, syncs, and releases reserved space.
@@ -40,7 +45,6 @@ class JournalWriter {
 
   JournalWriter(File file, const JournalName &name, const JournalPlace &place);
   void append(const Frame &frame, std::string_view body);
-  void reserve(uint64_t bytes);
 
   const File file_;
   const JournalName name_;

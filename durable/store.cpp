@@ -20,7 +20,6 @@ namespace {
 
 constexpr int DEFAULT_LEVEL = 1;
 constexpr uint32_t MAX_LEVEL = 9;
-constexpr uint64_t FIRST_GENERATION = 1;
 constexpr std::chrono::seconds MAX_LOCK_WAIT{10};
 constexpr std::chrono::milliseconds LOCK_RETRY{2};
 
@@ -58,6 +57,7 @@ tslb_store_t::tslb_store_t(std::string folder, std::vector<ArrayDecl> decls, con
       decls_(std::move(decls)),
       options_(options),
       is_reader_(has(options, TSLB_STORE_READ_ONLY)),
+      is_bulk_(has(options, TSLB_STORE_BULK)),
       level_(level_of(options)),
       event_(File::event()) {
   spare_batches_.reserve(Gate::MAX_INSIDE);
@@ -78,31 +78,36 @@ tslb_store_t::~tslb_store_t() {
 // ---- Opening -------------------------------------------------------------------------------------------------------
 
 void tslb_store_t::open_or_create() {
-  if (is_reader_ && has(options_, TSLB_STORE_CREATE))
-    throw StoreError(TSLB_DURABLE_INVALID, "TSLB_STORE_CREATE with TSLB_STORE_READ_ONLY");
+  if (is_reader_ && (has(options_, TSLB_STORE_CREATE) || is_bulk_))
+    throw StoreError(TSLB_DURABLE_INVALID, "TSLB_STORE_READ_ONLY with TSLB_STORE_CREATE or TSLB_STORE_BULK");
   if (has(options_, TSLB_STORE_CREATE)) {
-    const bool is_new = make_folder_if_missing(folder_);
-    if (is_new) File::folder(folder_of(folder_)).sync();
+    made_folder_ = make_folder_if_missing(folder_);
+    if (made_folder_) File::folder(folder_of(folder_)).sync();
     create_store();
   }
   if (!is_reader_) {
     read_state(folder_);  // a folder that is no store gets no lock file
     take_lock();
   }
+  if (info_.was_created == 0 || !is_bulk_) load();
+  bind_arrays();
+  if (is_reader_) return;
+  register_policies();
+  if (is_bulk_) return;
+  continue_journal();
+  register_store(this);
+  start_threads();
+}
+
+void tslb_store_t::load() {
   LoadOptions load_options;
   load_options.salvage = has(options_, TSLB_STORE_SALVAGE);
   if (options_.progress != nullptr)
     load_options.progress = [this](uint64_t done, uint64_t all) {
       options_.progress(options_.progress_arg, done, all);
     };
-  LoadedStore loaded = load_store(folder_, load_options);
-  adopt(loaded);
-  bind_arrays();
-  if (is_reader_) return;
-  register_policies();
-  continue_journal(loaded);
-  register_store(this);
-  start_threads();
+  loaded_.emplace(load_store(folder_, load_options));
+  adopt(*loaded_);
 }
 
 // Creates the files of an empty store. Its state is written first, with generation 0, so a folder in which the creation
@@ -128,10 +133,11 @@ void tslb_store_t::create_store() {
   }
   state_ = state;
   for (const ArrayDecl &decl : decls_) arrays_.push_back(create_array(decl));
+  info_.was_created = 1;
+  if (is_bulk_) return;
   write_generation_alone(FIRST_GENERATION);
   arrays_.clear();
   journal_.reset();
-  info_.was_created = 1;
 }
 
 void tslb_store_t::expect_empty_folder() const {
@@ -184,7 +190,9 @@ void tslb_store_t::adopt(LoadedStore &loaded) {
       continue;
     }
     Array array = std::move(loaded.arrays[static_cast<size_t>(entry - entries.begin())]);
-    const bool is_old = entry->rec_version < decl.rec_version && decl.convert != nullptr && !is_pool(decl.kind);
+    const bool is_convertible = decl.convert != nullptr && !is_pool(decl.kind) &&
+                                (entry->rec_version < decl.rec_version || decl.converts_newer);
+    const bool is_old = entry->rec_version != decl.rec_version && is_convertible;
     std::string why;
     if (entry->kind != decl.kind)
       why = fmt::format("kind {} is stored, but {} is declared", KIND_NAMES[entry->kind], KIND_NAMES[decl.kind]);
@@ -236,7 +244,9 @@ void tslb_store_t::bind_arrays() {
 
 // Groups of a journal apply to the arrays of its generation. If the arrays in memory are not these arrays with the
 // journals applied, a new generation begins.
-void tslb_store_t::continue_journal(const LoadedStore &loaded) {
+void tslb_store_t::continue_journal() {
+  const LoadedStore loaded = std::move(*loaded_);
+  loaded_.reset();
   if (loaded.is_salvaged || info_.was_upgraded != 0) {
     write_generation_alone(std::max(loaded.state.generation, loaded.state.journals.back().number) + 1);
     return;
@@ -288,6 +298,7 @@ void tslb_store_t::stop_threads() {
 
 void tslb_store_t::close() {
   if (is_reader_) return;
+  if (is_bulk_) return close_bulk();
   expect_no_batch_of_this_thread();
   stop_threads();
   {
@@ -299,7 +310,16 @@ void tslb_store_t::close() {
   seal();
 }
 
+// Removes a store that was created for an import and has no generation.
+void tslb_store_t::close_bulk() {
+  if (state_.generation != 0) return seal();
+  remove_file(state_path(folder_));
+  remove_file(lock_path(folder_));
+  if (made_folder_) remove_folder_if_empty(folder_);
+}
+
 void tslb_store_t::seal() {
+  if (!journal_) return;  // an import that changed nothing
   journal_->seal();
   state_.journals.back() = {state_.journals.back().number, true, journal_->place().position, journal_->place().crc32c};
   write_state(folder_, state_);

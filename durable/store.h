@@ -11,6 +11,7 @@
 
 #include <tslb/durable.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
@@ -69,6 +70,10 @@ struct tslb_store_t {
   // Throws if the ticket was refused.
   void wait(uint64_t ticket);
   uint64_t settled();
+  // Returns whether the ticket is settled. Throws if it was refused.
+  bool check(uint64_t ticket);
+  // Throws if the disk has no space for so many bytes of journal.
+  void reserve(uint64_t bytes);
   int event_fd() const { return event_.fd(); }
   void restore();
   // Called by the redo hook when a thread without a batch changes an array.
@@ -107,15 +112,17 @@ struct tslb_store_t {
 
   // Opening, in store.cpp.
   void open_or_create();
+  void load();
   void create_store();
   void expect_empty_folder() const;
   void take_lock();
   void adopt(tslb_durable::LoadedStore &loaded);
   void register_policies();
   void bind_arrays();
-  void continue_journal(const tslb_durable::LoadedStore &loaded);
+  void continue_journal();
   void start_threads();
   void stop_threads();
+  void close_bulk();
   void seal();
 
   // Groups, in store_group.cpp.
@@ -138,15 +145,19 @@ struct tslb_store_t {
   void write_streams(NewGeneration &next);
   void finish_generation(NewGeneration &next);
   void remove_older_generations();
+  void snapshot_of_bulk();
   void run_snapshots();
 
   const std::string folder_;
   const std::vector<tslb_durable::ArrayDecl> decls_;
   const tslb_store_options_t options_;
   const bool is_reader_;
+  const bool is_bulk_;
   const int level_;  // of compression; 0: none
   std::optional<tslb_durable::File> lock_;
-  tslb_durable::StoreState state_;  // as in the folder; guarded by snapshot_mutex_
+  bool made_folder_ = false;
+  std::optional<tslb_durable::LoadedStore> loaded_;  // while the store is opened
+  tslb_durable::StoreState state_;                   // as in the folder; guarded by snapshot_mutex_
   std::vector<tslb_durable::Array> arrays_;
   std::vector<std::unique_ptr<tslb_durable::ChunkRoom>> rooms_;  // null for arrays that are no pools
 
@@ -159,7 +170,8 @@ struct tslb_store_t {
   uint64_t journals_before_ = 0;  // bytes of the journals of the generation before this one
   std::string body_;
   std::string compressed_;
-  uint32_t n_raw_in_turn_ = 0;  // groups that were not worth compressing
+  std::atomic<uint64_t> reserved_left_{0};  // bytes of the journal that need no new disk space
+  uint32_t n_raw_in_turn_ = 0;              // groups that were not worth compressing
 
   tslb_durable::Gate gate_;
 

@@ -74,6 +74,9 @@ StoredArrayEntry read_array(Words &words) {
   entry.name = words.next();
   words.expect("kind");
   entry.kind = read_kind(words);
+  int compat = 0;
+  read_named(words, "compat", compat);
+  entry.has_compat = compat != 0;
   read_named(words, "table", entry.tbl_id);
   read_named(words, "rec_version", entry.rec_version);
   read_named(words, "daflag", entry.daflag);
@@ -185,9 +188,10 @@ std::string manifest_text(const Manifest &manifest) {
   text += fmt::format("arrays {}\n", manifest.arrays.size());
   for (const StoredArrayEntry &entry : manifest.arrays)
     text += fmt::format(
-        "array {} kind {} table {} rec_version {} daflag {} record_bytes {} slots {} direct {} {}\ndescription {}\n",
-        entry.name, KIND_NAMES[entry.kind], entry.tbl_id, entry.rec_version, entry.daflag, entry.record_bytes,
-        entry.n_slots, entry.n_direct, file_words(entry.file), entry.description);
+        "array {} kind {} compat {:d} table {} rec_version {} daflag {} record_bytes {} slots {} direct {} "
+        "{}\ndescription {}\n",
+        entry.name, KIND_NAMES[entry.kind], entry.has_compat, entry.tbl_id, entry.rec_version, entry.daflag,
+        entry.record_bytes, entry.n_slots, entry.n_direct, file_words(entry.file), entry.description);
   append_checksum(text);
   return text;
 }

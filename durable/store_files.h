@@ -25,6 +25,7 @@
 
 namespace tslb_durable {
 
+inline constexpr uint64_t FIRST_GENERATION = 1;
 inline constexpr std::string_view GENERATION_PREFIX = "generation.";
 inline constexpr std::string_view JOURNAL_PREFIX = "journal.";
 inline constexpr std::string_view UNFINISHED_SUFFIX = ".new";
@@ -77,7 +78,7 @@ Identity new_identity();
 //   clock factor 1 origin 0 offset 0 at 1795677865
 //   payload 0                                 or: payload 1 bytes 12 crc32c 1a2b3c4d
 //   arrays 2
-//   array events kind slots table 5 rec_version 1 daflag 3 record_bytes 64 slots 1000 direct 64 bytes 81948 crc32c ...
+//   array events kind slots compat 0 table 5 rec_version 1 daflag 3 record_bytes 64 slots 1000 direct 64 bytes 81948 crc32c ...
 //   description TEXT                          of the array above; can be empty
 //   ...
 //   crc32c 5e6f7a8b                           of all lines above
@@ -90,6 +91,7 @@ struct StoredFile {
 struct StoredArrayEntry {
   std::string name;
   tslb_array_kind_t kind = TSLB_ARRAY_RECORDS;
+  bool has_compat = false;  // compaction headers
   int32_t tbl_id = 0;
   uint8_t rec_version = 0;
   uint8_t daflag = 0;

@@ -27,6 +27,7 @@ void tslb_batch_t::add(const Range &range) noexcept {
 // ---- Batches -------------------------------------------------------------------------------------------------------
 
 void tslb_store_t::expect_usable() const {
+  if (is_bulk_) throw StoreError(TSLB_DURABLE_INVALID, folder_ + ": was opened for an import", folder_);
   if (is_reader_) throw StoreError(TSLB_DURABLE_INVALID, folder_ + ": was opened to read", folder_);
   if (!failed_.empty()) throw StoreError(is_broken_ ? TSLB_DURABLE_BROKEN : TSLB_DURABLE_REFUSED, failed_, folder_);
 }
@@ -147,6 +148,25 @@ uint64_t tslb_store_t::settled() {
   return settled_;
 }
 
+bool tslb_store_t::check(uint64_t ticket) {
+  const std::lock_guard lock(mutex_);
+  if (settled_ < ticket) return false;
+  if (const std::string *const why = refusal_of(ticket))
+    throw StoreError(is_broken_ ? TSLB_DURABLE_BROKEN : TSLB_DURABLE_REFUSED, *why, folder_);
+  return true;
+}
+
+// Rarely waits for a group that is written, because space is reserved in large steps.
+void tslb_store_t::reserve(uint64_t bytes) {
+  if (reserved_left_ >= bytes) return;
+  const std::lock_guard flushing(flush_mutex_);
+  {
+    const std::lock_guard lock(mutex_);
+    expect_usable();
+  }
+  reserved_left_ = journal_->reserve_space(bytes);
+}
+
 void tslb_store_t::signal_settled() {
   const uint64_t one = 1;
   // Fails only if the counter is at its maximum, and then the event is readable.
@@ -265,6 +285,7 @@ void tslb_store_t::write_group(const CopiedGroup &group) {
     return refuse(error.what(), true);
   }
   journal_->mark();
+  reserved_left_ = journal_->reserved_bytes();
   const std::lock_guard lock(mutex_);
   ++info_.n_groups;
   info_.n_batches += group.n_batches;

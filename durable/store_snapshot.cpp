@@ -110,9 +110,10 @@ void tslb_store_t::finish_generation(NewGeneration &next) {
     }
     next.streams[i].sync();
     // The numbers stay those of the generation before, because groups of the next journal must fit both.
-    manifest.arrays[next.numbers[i]] = {
-        decl.name,         decl.kind,       decl.tbl_id,          decl.rec_version,     decl.daflag,
-        decl.record_bytes, next.n_slots[i], arrays_[i]->n_direct, next.results[i].file, decl.description};
+    StoredArrayEntry &entry = manifest.arrays[next.numbers[i]];
+    entry = {decl.name,       decl.kind,         decl.has_compat, decl.tbl_id,          decl.rec_version,
+             decl.daflag,     decl.record_bytes, next.n_slots[i], arrays_[i]->n_direct, next.results[i].file,
+             decl.description};
   }
   if (next.has_payload) {
     const File file = File::create(next.folder + "/" + PAYLOAD);
@@ -183,6 +184,7 @@ void tslb_store_t::remove_older_generations() {
 void tslb_store_t::snapshot() {
   expect_no_batch_of_this_thread();
   const std::lock_guard snapshots(snapshot_mutex_);
+  if (is_bulk_) return snapshot_of_bulk();
   {
     const std::lock_guard lock(mutex_);
     expect_usable();
@@ -301,6 +303,12 @@ void tslb_store_t::snapshot() {
   info_.generation = number;
   ++info_.n_snapshots;
   info_.journal_bytes = journal_->place().position;
+}
+
+// The arrays were changed without a journal.
+void tslb_store_t::snapshot_of_bulk() {
+  write_generation_alone(state_.journals.empty() ? FIRST_GENERATION : state_.journals.back().number + 1);
+  ++info_.n_snapshots;
 }
 
 void tslb_store_t::run_snapshots() {

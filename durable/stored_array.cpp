@@ -61,6 +61,7 @@ ArrayDecl copied(const tslb_array_decl_t &decl) {
   if (decl.description != nullptr) own.description = decl.description;
   own.convert = decl.convert;
   own.convert_arg = decl.convert_arg;
+  own.converts_newer = decl.converts_newer != 0;
   return own;
 }
 

@@ -47,6 +47,7 @@ struct ArrayDecl {
   std::string description;
   tslb_record_converter_t convert = nullptr;
   void *convert_arg = nullptr;
+  bool converts_newer = false;
 };
 
 // Throws StoreError with TSLB_DURABLE_INVALID.

@@ -455,3 +455,99 @@ TEST_F(DurableStore, ProgressRisesToAllBytes) {
   }
   EXPECT_EQ(reports.back().first, reports.back().second);
 }
+
+TEST_F(DurableStore, ImportIsDurableWithItsSnapshotOnly) {
+  std::string imported;
+  for (const bool ends_with_snapshot : {false, true}) {
+    TestStore store;
+    ASSERT_TRUE(store.open(folder_, TSLB_STORE_CREATE | TSLB_STORE_BULK)) << store.error.text;
+    EXPECT_EQ(store.begin(), nullptr);
+    EXPECT_EQ(store.error.code, TSLB_DURABLE_INVALID);
+    uint32_t idx;
+    *static_cast<TestRecord *>(tslb_da_get_newptr(store.array(SLOTS), &idx)) = {1, 77, {}, 0, {}};
+    if (ends_with_snapshot) {
+      ASSERT_EQ(tslb_store_snapshot(store.get(), &store.error), 0) << store.error.text;
+    }
+    imported = store.content();
+    ASSERT_EQ(store.close(), 0) << store.error.text;
+    EXPECT_EQ(fs::exists(folder_), ends_with_snapshot) << "a store without an import stayed";
+  }
+  // A second import that is given up changes nothing.
+  TestStore store;
+  ASSERT_TRUE(store.open(folder_, TSLB_STORE_BULK)) << store.error.text;
+  uint32_t idx;
+  tslb_da_get_newptr(store.array(SLOTS), &idx);
+  ASSERT_EQ(store.close(), 0);
+  ASSERT_TRUE(store.open(folder_)) << store.error.text;
+  EXPECT_EQ(store.content(), imported);
+  EXPECT_EQ(store.info().was_sealed, 1);
+}
+
+TEST_F(DurableStore, DescriptionNamesTheArrays) {
+  std::vector<tslb_array_decl_t> decls = test_decls();
+  decls[SLOTS].description = "gatekeeper u32, value u32";
+  tslb_error_t error;
+  EXPECT_EQ(tslb_store_describe(folder_.c_str(), nullptr, 0, &error), -1);
+  EXPECT_EQ(error.code, TSLB_DURABLE_NO_STORE);
+  TestStore store(decls);
+  ASSERT_TRUE(store.open(folder_));
+  tslb_stored_array_t found[2];
+  ASSERT_EQ(tslb_store_describe(folder_.c_str(), nullptr, 0, &error), 4);
+  ASSERT_EQ(tslb_store_describe(folder_.c_str(), found, 2, &error), 4);
+  EXPECT_STREQ(found[SLOTS].name, "slots");
+  EXPECT_STREQ(found[SLOTS].description, "gatekeeper u32, value u32");
+  EXPECT_EQ(found[SLOTS].kind, TSLB_ARRAY_SLOTS);
+  EXPECT_EQ(found[SLOTS].record_bytes, sizeof(TestRecord));
+  EXPECT_EQ(found[SLOTS].daflag, TSLB_DA_DAFLAG_INLL);
+  EXPECT_EQ(found[SLOTS].n_direct, 5u);
+}
+
+TEST_F(DurableStore, NewerRecordsAreConvertedOnRequestOnly) {
+  std::vector<tslb_array_decl_t> newer = versioned(1), older = versioned(0);
+  older[0].convert = [](void *, uint8_t, const void *from, uint32_t, void *to, uint32_t to_bytes) {
+    std::memcpy(to, from, to_bytes);
+    return 0;
+  };
+  {
+    TestStore store(newer);
+    ASSERT_TRUE(store.open(folder_));
+    tslb_batch_t *const batch = store.begin();
+    uint32_t idx;
+    *static_cast<NewRecord *>(tslb_da_get_newptr(store.array(0), &idx)) = {1, 5, 10};
+    tslb_batch_log_record(batch, 0, idx);
+    ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0);
+  }
+  TestStore refused(older);
+  EXPECT_FALSE(refused.open(folder_));
+  EXPECT_EQ(refused.error.code, TSLB_DURABLE_MISMATCH);
+  older[0].converts_newer = 1;
+  TestStore store(older);
+  ASSERT_TRUE(store.open(folder_)) << store.error.text;
+  EXPECT_EQ(static_cast<const OldRecord *>(tslb_da_get_ptr(store.array(0), 0))->value, 5u);
+  EXPECT_EQ(tslb_da_get_record_size(store.array(0)), sizeof(OldRecord));
+}
+
+TEST_F(DurableStore, TicketsCanBeCheckedWithoutWaiting) {
+  TestStore store;
+  ASSERT_TRUE(store.open(folder_));
+  tslb_batch_t *batch = store.begin();
+  store.add_slot(batch, 1, 0);
+  const uint64_t durable = tslb_batch_end(batch);
+  ASSERT_EQ(tslb_store_wait(store.get(), durable, &store.error), 0);
+  batch = store.begin();
+  tslb_batch_log_record(batch, SLOTS, 99);
+  const uint64_t refused = tslb_batch_end(batch);
+  EXPECT_EQ(tslb_store_wait(store.get(), refused, &store.error), -1);
+  EXPECT_EQ(tslb_store_check(store.get(), durable, &store.error), 0);
+  EXPECT_EQ(tslb_store_check(store.get(), refused, &store.error), -1);
+  EXPECT_THAT(store.error.text, HasSubstr("record 99 are not in the array"));
+  ASSERT_EQ(tslb_store_restore(store.get(), &store.error), 0);
+  batch = store.begin();
+  EXPECT_EQ(tslb_store_check(store.get(), refused + 1, &store.error), 1);
+  EXPECT_EQ(tslb_store_check(store.get(), refused, &store.error), -1) << "a refusal is remembered";
+  tslb_batch_end(batch);
+  EXPECT_EQ(tslb_store_reserve(store.get(), 10 << 20, &store.error), 0);
+  EXPECT_EQ(tslb_store_reserve(store.get(), uint64_t{1} << 60, &store.error), -1);
+  EXPECT_EQ(store.error.code, TSLB_DURABLE_IO);
+  EXPECT_NE(store.error.errnum, 0);
+}
