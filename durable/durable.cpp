@@ -117,6 +117,11 @@ void expect_length(const tslb_store_t &store, uint32_t array, uint32_t bytes) {
         fmt::format("pool \"{}\": a chunk of {} bytes is not a multiple of {}", decl.name, total, TSLB_BV_UNIT_BYTES));
 }
 
+void expect_payload_size(size_t size) {
+  if (size > MAX_PAYLOAD_BYTES)
+    refuse_argument(fmt::format("a payload of {} bytes, but the maximum is {}", size, MAX_PAYLOAD_BYTES));
+}
+
 [[noreturn]] void refuse_full(const tslb_store_t &store, uint32_t array, uint32_t bytes) {
   const tslb_pool_room_t room = store.room(array)->room();
   throw StoreError(TSLB_DURABLE_FULL,
@@ -191,6 +196,15 @@ const void *tslb_store_payload(tslb_store_t *store, size_t *size) {
   *size = payload != nullptr ? payload->size() : 0;
   if (payload == nullptr) return nullptr;
   return payload->empty() ? static_cast<const void *>(&NOTHING) : payload->data();
+}
+
+int tslb_store_set_payload(tslb_store_t *store, const void *bytes, size_t size, tslb_error_t *error) {
+  return guarded(error, -1, [&] {
+    expect_payload_size(size);
+    const auto *const first = static_cast<const uint8_t *>(bytes);
+    store->set_payload_of_import({first, first + size});
+    return 0;
+  });
 }
 
 // ---- Batches -------------------------------------------------------------------------------------------------------
@@ -281,8 +295,7 @@ uint32_t tslb_batch_sweep(tslb_batch_t *batch, uint32_t array) {
 
 int tslb_batch_set_payload(tslb_batch_t *batch, const void *bytes, size_t size, tslb_error_t *error) {
   return guarded(error, -1, [&] {
-    if (size > MAX_PAYLOAD_BYTES)
-      refuse_argument(fmt::format("a payload of {} bytes, but the maximum is {}", size, MAX_PAYLOAD_BYTES));
+    expect_payload_size(size);
     batch->payload.assign(static_cast<const char *>(bytes), size);
     batch->has_payload = true;
     return 0;

@@ -211,6 +211,9 @@ void tslb_store_get_info(tslb_store_t *store, tslb_store_info_t *info);
  * its size. NULL with size 0 if there was none. Valid until the store is restored or closed. */
 const void *tslb_store_payload(tslb_store_t *store, size_t *size);
 
+/* In an import (TSLB_STORE_BULK): sets the payload of the next snapshot. Result: 0, or -1. */
+int tslb_store_set_payload(tslb_store_t *store, const void *bytes, size_t size, tslb_error_t *error);
+
 /* ---- Batches ------------------------------------------------------------------------------------------------------- */
 
 /* Begins a batch on this thread. Waits while a group ends. NULL with TSLB_DURABLE_REFUSED, _BROKEN, _NO_MEMORY, or
@@ -268,7 +271,8 @@ int tslb_store_wait(tslb_store_t *store, uint64_t ticket, tslb_error_t *error);
 int tslb_store_check(tslb_store_t *store, uint64_t ticket, tslb_error_t *error);
 
 /* Reserves disk space for so many bytes of journal, so that a full disk is detected before the arrays are changed.
- * Result: 0, also if the file system cannot reserve space. -1 with TSLB_DURABLE_IO: there is no space. Any thread. */
+ * Result: 0, also if the file system cannot reserve space. -1 with TSLB_DURABLE_IO: there is no space. Any thread.
+ * No batch of the calling thread may be open. */
 int tslb_store_reserve(tslb_store_t *store, uint64_t bytes, tslb_error_t *error);
 
 /* Returns the last settled ticket; 0 if there is none. Any thread. */

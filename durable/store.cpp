@@ -327,6 +327,12 @@ void tslb_store_t::seal() {
 
 // ---- Questions -----------------------------------------------------------------------------------------------------
 
+void tslb_store_t::set_payload_of_import(std::vector<uint8_t> payload) {
+  if (!is_bulk_) throw StoreError(TSLB_DURABLE_INVALID, folder_ + ": was not opened for an import", folder_);
+  durable_payload_ = std::move(payload);
+  has_durable_payload_ = true;
+}
+
 DynArrHandle_t *tslb_store_t::array(uint32_t declaration) const {
   return declaration < arrays_.size() ? arrays_[declaration].get() : nullptr;
 }

@@ -62,6 +62,8 @@ struct tslb_store_t {
   const tslb_durable::ArrayDecl &decl(uint32_t declaration) const { return decls_[declaration]; }
   tslb_durable::ChunkRoom *room(uint32_t declaration) const { return rooms_[declaration].get(); }
 
+  void set_payload_of_import(std::vector<uint8_t> payload);
+
   tslb_batch_t *begin();
   // Ends the batch. With TSLB_SYNC_ALWAYS it waits until the ticket is settled; otherwise the journal thread writes it.
   uint64_t end_without_wait(tslb_batch_t *batch) noexcept;

@@ -158,6 +158,7 @@ bool tslb_store_t::check(uint64_t ticket) {
 
 // Rarely waits for a group that is written, because space is reserved in large steps.
 void tslb_store_t::reserve(uint64_t bytes) {
+  expect_no_batch_of_this_thread();
   if (reserved_left_ >= bytes) return;
   const std::lock_guard flushing(flush_mutex_);
   {

@@ -545,6 +545,8 @@ TEST_F(DurableStore, TicketsCanBeCheckedWithoutWaiting) {
   batch = store.begin();
   EXPECT_EQ(tslb_store_check(store.get(), refused + 1, &store.error), 1);
   EXPECT_EQ(tslb_store_check(store.get(), refused, &store.error), -1) << "a refusal is remembered";
+  EXPECT_EQ(tslb_store_reserve(store.get(), 1, &store.error), -1);
+  EXPECT_EQ(store.error.code, TSLB_DURABLE_INVALID);
   tslb_batch_end(batch);
   EXPECT_EQ(tslb_store_reserve(store.get(), 10 << 20, &store.error), 0);
   EXPECT_EQ(tslb_store_reserve(store.get(), uint64_t{1} << 60, &store.error), -1);

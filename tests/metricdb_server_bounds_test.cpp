@@ -2,7 +2,7 @@
 
 #include <list>
 
-#include "journal/log.h"
+#include "store/log.h"
 #include "server_support.h"
 
 using Bounds = Folder;

@@ -29,8 +29,8 @@ void append_series(const Store &store, uint32_t series, std::string &text) {
 }  // namespace
 
 int export_points(const SeriesArguments &arguments) {
-  const LoadedDatabase opened = open_to_read(arguments.db, arguments.salvage);
-  const Store &store = opened.store;
+  const OpenDatabase opened = open_to_read(arguments.db, arguments.salvage);
+  const Store &store = opened.store();
   std::string text;
   for (uint32_t series = 0; series < store.n_slots(); ++series)
     if (store.holds_series(series) && fnmatch(arguments.pattern.c_str(), store.key(series).data(), 0) == 0)

@@ -39,14 +39,14 @@ std::string text_of(const std::string &format, const SeriesQuery &query, const s
 
 int query(const QueryArguments &arguments) {
   const Query query = query_of(arguments);
-  const LoadedDatabase opened = open_to_read(arguments.db, arguments.salvage);
-  const std::optional<uint32_t> series = opened.store.find(arguments.key);
+  const OpenDatabase opened = open_to_read(arguments.db, arguments.salvage);
+  const std::optional<uint32_t> series = opened.store().find(arguments.key);
   if (!series) throw DatabaseError(fmt::format("{}: holds no series \"{}\"", arguments.db, arguments.key));
   TimeRange range;
   range.from_ns = query.from_ns;
   // The limit of the query is the first time after the range.
   if (query.to_ns) range.to_ns = *query.to_ns == INT64_MIN ? INT64_MIN : *query.to_ns - 1;
-  PointCursor cursor(opened.store, *series, range);
+  PointCursor cursor(opened.store(), *series, range);
   const auto points = answer(query, [&cursor](Point &point) { return cursor.next(point); });
   print(text_of(arguments.format, {arguments.key, query}, points));
   return EXIT_GOOD;

@@ -9,7 +9,7 @@
 #include "cli/commands.h"
 #include "cli/output.h"
 #include "cli/write_options.h"
-#include "journal/log.h"
+#include "store/log.h"
 #include "net/server.h"
 #include "store/database_writer.h"
 

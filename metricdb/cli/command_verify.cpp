@@ -56,8 +56,8 @@ std::string pool_line(const char *name, dynmem_t *pool, const PoolBytes &bytes) 
 }  // namespace
 
 int verify(const VerifyArguments &arguments) {
-  const LoadedDatabase opened = open_to_read(arguments.db, arguments.salvage);
-  const Store &store = opened.store;
+  const OpenDatabase opened = open_to_read(arguments.db, arguments.salvage);
+  const Store &store = opened.store();
   expect_sound("catalogue", store.catalogue(), false);
   expect_sound("keys", store.keys(), true);
   expect_sound("points", store.points(), true);
@@ -66,7 +66,7 @@ int verify(const VerifyArguments &arguments) {
   print(fmt::format("verified         {}: generation {}, layout {} of the catalogue; {} batches in its journal\n"
                     "series           {} in {} slots, {} inactive, {} free; every key leads to its series\n"
                     "points           {}, in chains that contain each chunk once\n",
-                    arguments.db, opened.generation.number, store.config().layout, opened.n_batches(), n_keys,
+                    arguments.db, opened.generation().number, store.config().layout, opened.n_batches(), n_keys,
                     store.n_slots(), store.n_inactive(), uint32_t{lists_of(store.catalogue())->n_free}, n_points) +
         pool_line("keys", store.keys(), store.key_bytes()) + pool_line("points", store.points(), store.point_bytes()));
   return EXIT_GOOD;

@@ -17,7 +17,7 @@
 #include "cli/write_options.h"
 #include "extra/check.h"
 #include "extra/proc_sampler.h"
-#include "journal/log.h"
+#include "store/log.h"
 #include "query/report.h"
 #include "store/database.h"
 #include "store/loader.h"
@@ -79,8 +79,6 @@ class Load {
         precision_(precision_of(arguments.precision)),
         now_ns_(library_now_ns()),
         inputs_(arguments.files.begin(), arguments.files.end()) {
-    if (arguments.db.empty() && !arguments.store.empty()) throw std::runtime_error("--store needs --db");
-    if (!arguments.db.empty()) database_.emplace(arguments.db, Database::Use::create);
     prepare_store();
   }
 
@@ -90,47 +88,39 @@ class Load {
     if (database_) write();
     if (arguments_.check) {
       // Checks the content of the folder, not of the memory.
-      if (database_) {
-        store_.reset();
-        store_.emplace(database_->open().store);
-      }
-      if (!matches_inputs(*store_, inputs_, precision_, now_ns_)) return EXIT_ERROR;
+      if (database_) database_.emplace(arguments_.db);
+      if (!matches_inputs(store(), inputs_, precision_, now_ns_)) return EXIT_ERROR;
     }
     return n_malformed_ == 0 ? EXIT_GOOD : EXIT_SOME_MALFORMED;
   }
 
  private:
+  Store &store() { return database_ ? database_->store() : *store_; }
+
   void prepare_store() {
-    const bool continues = database_ && database_->newest();
-    if (continues && arguments_.store == STORE_NAMES[1])
-      throw DatabaseError(fmt::format(
-          "{}: holds a database already, and --store shm cannot attach to stored arrays: it needs a new folder",
-          database_->folder()));
+    const bool continues = !arguments_.db.empty() && stored_parameters(arguments_.db);
     if (continues && arguments_.check)
       throw DatabaseError(
-          fmt::format("{}: holds points of other inputs: use `metricdb check` with all of them", database_->folder()));
+          fmt::format("{}: holds points of other inputs: use `metricdb check` with all of them", arguments_.db));
+    StoreConfig config;
     if (continues) {
-      store_.emplace(database_->open().store);
+      database_.emplace(arguments_.db, OpenOptions(), OpenDatabase::Use::load);
+      config = database_->store().config();
     }
-    StoreConfig config = continues ? store_->config() : StoreConfig();
     config.forgetting = arguments_.forgetting.applied_to(config.forgetting);
     if (arguments_.check) expect_checkable(config, "--check");
     if (config.forgetting.reuse_inactive_pct != 0 && config.forgetting.idle_ns == 0)
       throw std::runtime_error("--reuse-inactive-pct needs --idle: without it no series is inactive");
-    if (continues) {
-      store_->set_forgetting(config.forgetting);
-      return;
-    }
-    if (arguments_.store == STORE_NAMES[1]) {
-      block_files_.emplace(*database_);
-      block_files_->set_block_file_path();
-      config.mem_type = MPOOL_TYPE_SHM;
-    }
-    store_.emplace(config);
+    if (continues)
+      database_->store().set_forgetting(config.forgetting);
+    else if (!arguments_.db.empty())
+      database_.emplace(arguments_.db, OpenOptions(), OpenDatabase::Use::load, config);
+    else
+      store_.emplace(config);
   }
 
   void load_inputs() {
-    Loader loader(*store_, Loader::OnFull::stop, [this](uint64_t line, const std::string &reason) {
+    Loader loader(store(), Loader::OnFull::stop, [this](uint64_t line, const std::string &reason) {
       const std::string message = fmt::format("{}:{}: {}; line skipped", name_, lines_before_ + line, reason);
       print_error(message);
       TSLB_DLOG(LOG_DETAILS, "%s", message.c_str());
@@ -150,7 +140,7 @@ class Load {
       input.release(arguments_.check);
     }
     const Clock::time_point begin = Clock::now();
-    last_sweep_ = store_->sweep();
+    last_sweep_ = store().sweep();
     busy_ += Clock::now() - begin;
     stats_ = loader.stats();
     n_malformed_ = stats_.malformed;
@@ -176,9 +166,9 @@ class Load {
     }
   }
 
-  void print_summary() const {
-    print(load_summary(*store_, stats_, last_sweep_, seconds_of(busy_)));
-    if (!arguments_.series_pattern.empty()) print(series_table(*store_, arguments_.series_pattern));
+  void print_summary() {
+    print(load_summary(store(), stats_, last_sweep_, seconds_of(busy_)));
+    if (!arguments_.series_pattern.empty()) print(series_table(store(), arguments_.series_pattern));
   }
 
   void write();
@@ -188,9 +178,8 @@ class Load {
   // read once, because the check must use the same time
   const int64_t now_ns_;
   std::vector<Input> inputs_;
-  std::optional<Database> database_;
-  std::optional<NewGeneration> block_files_;
-  std::optional<Store> store_;  // destroyed before the folder of its block files
+  std::optional<OpenDatabase> database_;
+  std::optional<Store> store_;  // without a database
   LoadStats stats_;
   Sweep last_sweep_;
   Clock::duration busy_{};
@@ -201,22 +190,19 @@ class Load {
 
 // Writes a generation and prints a line about it.
 template <class Write>
-void write_generation(const Database &database, Write write_files) {
+void write_generation(const std::string &db, Write write_files) {
   const Clock::time_point begin = Clock::now();
   const GenerationInfo stored = write_files();
   const double seconds = seconds_of(Clock::now() - begin);
   const double megabytes = static_cast<double>(stored.bytes()) / 1e6;
-  TSLB_DLOG(LOG_PROGRESS, "%s: generation %llu written, store %s, %llu bytes, %.3f s", database.folder().c_str(),
-            printable(stored.number), STORE_NAMES[static_cast<int>(stored.kind)], printable(stored.bytes()), seconds);
-  print(fmt::format("kept in          {}: generation {}, store {}, {} bytes, {:.3f} s ({:.0f} MB/s)\n",
-                    database.folder(), stored.number, STORE_NAMES[static_cast<int>(stored.kind)], stored.bytes(),
-                    seconds, seconds > 0.0 ? megabytes / seconds : 0.0));
+  TSLB_DLOG(LOG_PROGRESS, "%s: generation %llu written, %llu bytes, %.3f s", db.c_str(), printable(stored.number),
+            printable(stored.bytes()), seconds);
+  print(fmt::format("kept in          {}: generation {}, {} bytes, {:.3f} s ({:.0f} MB/s)\n", db, stored.number,
+                    stored.bytes(), seconds, seconds > 0.0 ? megabytes / seconds : 0.0));
 }
 
 void Load::write() {
-  write_generation(*database_, [this] {
-    return block_files_ ? block_files_->seal_block_files(*store_) : NewGeneration(*database_).write_streams(*store_);
-  });
+  write_generation(database_->folder(), [this] { return database_->write(); });
 }
 
 int64_t wall_clock_ns() {
@@ -231,34 +217,33 @@ int load(const LoadArguments &arguments) {
 }
 
 int check(const CheckArguments &arguments) {
-  const LoadedDatabase opened = Database(arguments.db, Database::Use::read).open();
-  expect_checkable(opened.store.config(), "check");
+  const OpenDatabase opened(arguments.db);
+  expect_checkable(opened.store().config(), "check");
   std::vector<Input> inputs(arguments.files.begin(), arguments.files.end());
-  const bool is_same = matches_inputs(opened.store, inputs, precision_of(arguments.precision), library_now_ns());
+  const bool is_same = matches_inputs(opened.store(), inputs, precision_of(arguments.precision), library_now_ns());
   return is_same ? EXIT_GOOD : EXIT_ERROR;
 }
 
 int snapshot(const SnapshotArguments &arguments) {
-  Database database(arguments.db, Database::Use::write);
   OpenOptions options;
   options.salvage = arguments.salvage;
   if (arguments.layout) options.layout = static_cast<uint8_t>(*arguments.layout);
-  const LoadedDatabase opened = database.open(options);
+  OpenDatabase opened(arguments.db, options, OpenDatabase::Use::load);
   report_warnings(opened.warnings());
-  write_generation(database, [&] { return NewGeneration(database).write_streams(opened.store); });
+  write_generation(opened.folder(), [&opened] { return opened.write(); });
   return EXIT_GOOD;
 }
 
 int stat(const VerifyArguments &arguments) {
   const Clock::time_point begin = Clock::now();
-  const LoadedDatabase opened = open_to_read(arguments.db, arguments.salvage);
+  const OpenDatabase opened = open_to_read(arguments.db, arguments.salvage);
   const double seconds = seconds_of(Clock::now() - begin);
-  print(database_summary(arguments.db, opened.store, opened.generation, seconds));
+  print(database_summary(arguments.db, opened.store(), opened.generation(), seconds));
   return EXIT_GOOD;
 }
 
 int series(const SeriesArguments &arguments) {
-  print(series_table(open_to_read(arguments.db, arguments.salvage).store, arguments.pattern));
+  print(series_table(open_to_read(arguments.db, arguments.salvage).store(), arguments.pattern));
   return EXIT_GOOD;
 }
 

@@ -25,8 +25,7 @@ struct LoadArguments {
   std::string series_pattern;
   bool check = false;
   ForgettingChange forgetting;
-  std::string db;     // empty: the arrays exist in this process only
-  std::string store;  // empty, `snapshot` or `shm`
+  std::string db;  // empty: the arrays exist in this process only
 };
 
 struct CheckArguments {

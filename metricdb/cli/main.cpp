@@ -11,7 +11,7 @@
 
 #include "cli/commands.h"
 #include "cli/output.h"
-#include "journal/log.h"
+#include "store/log.h"
 #include "store/series_record.h"
 
 namespace metricdb {
@@ -36,10 +36,6 @@ const char *const LOAD_FOOTER =
     "With --db the points are added to those in DIR. DIR is changed when everything was loaded; if the\n"
     "load fails, it stays as it was. --retain, --idle and --reuse-inactive-pct are stored in DIR; new\n"
     "values replace the stored ones.\n"
-    "  --store snapshot  the arrays are in process memory, and are written when everything is loaded.\n"
-    "  --store shm       the arrays are in files of DIR, block by block. This needs a new DIR, because\n"
-    "                    existing block files cannot be attached. A later load reads them into process\n"
-    "                    memory and replaces them by a snapshot.\n"
     "--check then reads DIR and compares that. It needs a new DIR; otherwise see `metricdb check`.\n"
     "\n"
     "Exit: 0 everything was loaded\n"
@@ -86,9 +82,6 @@ CLI::App *add_load(CLI::App &app, LoadArguments &arguments) {
       ->type_name("");
   add_precision(command, arguments.precision);
   command->add_option("--db", arguments.db, "add the points to the database in this folder")->type_name("DIR");
-  command->add_option("--store", arguments.store, "how --db stores the arrays: snapshot (the default) or shm")
-      ->check(CLI::IsMember({"snapshot", "shm"}).description(""))
-      ->type_name("KIND");
   command
       ->add_option("--series", arguments.series_pattern,
                    "print the series whose keys match this pattern, for example 'cpu,*core=0* user'")
@@ -129,8 +122,8 @@ void add_salvage(CLI::App *command, bool &salvage) {
 }
 
 CLI::App *add_snapshot(CLI::App &app, SnapshotArguments &arguments) {
-  CLI::App *const command = app.add_subcommand("snapshot", "write a new generation of a database, as snapshot streams");
-  add_db(command, arguments.db, "the folder of the database, of either store");
+  CLI::App *const command = app.add_subcommand("snapshot", "write a new generation of a database");
+  add_db(command, arguments.db, "the folder of the database");
   add_layout(command, arguments.layout);
   add_salvage(command, arguments.salvage);
   command->footer("Exit: 0 it was written; 1 it was not written, or the database is damaged; DIR stays as it was.");

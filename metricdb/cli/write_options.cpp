@@ -3,7 +3,7 @@
 #include <fmt/format.h>
 
 #include "cli/output.h"
-#include "journal/log.h"
+#include "store/log.h"
 
 namespace metricdb {
 
@@ -15,7 +15,9 @@ Precision precision_of(const std::string &unit) {
 
 WriterOptions writer_options_of(const WriteArguments &arguments) {
   WriterOptions options;
-  options.sync = arguments.sync == "always" ? Sync::always : arguments.sync == "none" ? Sync::none : Sync::batch;
+  options.sync = arguments.sync == "always" ? TSLB_SYNC_ALWAYS
+                 : arguments.sync == "none" ? TSLB_SYNC_NONE
+                                            : TSLB_SYNC_GROUP;
   options.snapshot_bytes = arguments.snapshot_mb << 20;
   options.salvage = arguments.salvage;
   if (arguments.layout) options.layout = static_cast<uint8_t>(*arguments.layout);
@@ -23,10 +25,10 @@ WriterOptions writer_options_of(const WriteArguments &arguments) {
   return options;
 }
 
-LoadedDatabase open_to_read(const std::string &db, bool salvage) {
+OpenDatabase open_to_read(const std::string &db, bool salvage) {
   OpenOptions options;
   options.salvage = salvage;
-  LoadedDatabase opened = Database(db, Database::Use::read).open(options);
+  OpenDatabase opened(db, options);
   report_warnings(opened.warnings());
   return opened;
 }

@@ -13,7 +13,7 @@ Precision precision_of(const std::string &unit);
 WriterOptions writer_options_of(const WriteArguments &arguments);
 
 // Opens a database for reading. Prints warnings about it.
-LoadedDatabase open_to_read(const std::string &db, bool salvage);
+OpenDatabase open_to_read(const std::string &db, bool salvage);
 
 // Prints warnings to stderr and the log, line by line.
 void report_warnings(const std::string &lines);

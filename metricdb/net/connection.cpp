@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "journal/log.h"
+#include "store/log.h"
 
 namespace metricdb {
 namespace {

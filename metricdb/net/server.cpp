@@ -15,7 +15,7 @@
 #include <utility>
 #include <vector>
 
-#include "journal/log.h"
+#include "store/log.h"
 #include "net/connection.h"
 #include "net/graphite_connection.h"
 #include "net/http_connection.h"

@@ -118,8 +118,8 @@ std::string shown_time(int64_t ts_ns) {
 std::string array_lines(const char *name, DynArrHandle_t *array, const ArrayFiles &files, const PoolBytes *bytes) {
   const auto *const lists = static_cast<const DynArrLLI_t *>(tslb_da_get_lli(array));
   std::string text = fmt::format(
-      "{:<17}{} slots used, {} of them free, {} inactive; {} bytes in {} files, {} on the disk\n", name,
-      tslb_da_get_size(array), lists->n_free, lists->n_inact, files.bytes, files.n_files, files.allocated_bytes);
+      "{:<17}{} slots used, {} of them free, {} inactive; {} bytes in its file, {} on the disk\n", name,
+      tslb_da_get_size(array), lists->n_free, lists->n_inact, files.bytes, files.allocated_bytes);
   if (bytes != nullptr)
     text += fmt::format("{:17}{} bytes of chunks, {} of them deleted\n", "", bytes->used, bytes->deleted);
   return text;
@@ -205,8 +205,8 @@ std::string database_summary(const std::string &folder, const Store &store, cons
   const ForgetCounts &counts = store.forgotten();
   std::string text;
   const auto out = std::back_inserter(text);
-  fmt::format_to(out, "database         {}: generation {}, store {}, opened and checked in {:.3f} s\n", folder,
-                 stored.number, STORE_NAMES[static_cast<int>(stored.kind)], seconds);
+  fmt::format_to(out, "database         {}: generation {}, opened and checked in {:.3f} s\n", folder, stored.number,
+                 seconds);
   fmt::format_to(out, "series           {}, {} inactive\n", store.n_series(), store.n_inactive());
   fmt::format_to(out, "visible points   {}, {} hidden\n", span.n_visible, store.n_points() - span.n_visible);
   if (span.n_visible != 0) {

@@ -2,8 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
-
 #include "store/store_internal.h"
 
 namespace metricdb {
@@ -40,16 +38,25 @@ char *ChunkPool::take(size_t bytes, const srcaddr_t &referrer, maddr_t &address)
   if (!fits_current && n_free_slots() == 0 && tslb_da_get_size(array()) >= max_slots_)
     throw StoreFull(fmt::format("no room for more {}: all {} memory slots of {} bytes are full", name_, max_slots_,
                                 header->mslot_sz));
+  if (batch_ != nullptr) {
+    tslb_error_t error;
+    void *const data =
+        tslb_batch_take_chunk(batch_, number_, static_cast<uint32_t>(bytes), referrer, &address, &error);
+    if (data == nullptr) throw StoreFull(error.text);
+    batch_bytes_ += bytes;
+    return static_cast<char *>(data);
+  }
   char *const chunk = static_cast<char *>(tslb_dynmem_get_mchunk(array(), &address, static_cast<int>(bytes), referrer));
   if (chunk == nullptr) throw StoreFull(fmt::format("the pool of {} refused {} bytes", name_, bytes));
   return chunk + TSLB_COMPAT_BYTES;
 }
 
 uint32_t ChunkPool::remove(const maddr_t &address) {
-  const char *const chunk = data(address);
   const uint32_t free_before = n_free_slots();
-  tslb_dynmem_del_mchunk(array(), address);
-  log(address, chunk - TSLB_COMPAT_BYTES, TSLB_COMPAT_BYTES);
+  if (batch_ != nullptr)
+    tslb_batch_delete_chunk(batch_, number_, address);
+  else
+    tslb_dynmem_del_mchunk(array(), address);
   return n_free_slots() - free_before;
 }
 
@@ -60,32 +67,15 @@ uint32_t ChunkPool::sweep(PoolSweep &found) {
   return found.free_after - free_before;
 }
 
-void ChunkPool::begin_log() {
-  is_logging_ = true;
-  changed_slots_.clear();
-}
-
 void ChunkPool::log(const maddr_t &address, const char *from, size_t bytes) {
-  if (!is_logging_) return;
+  if (batch_ == nullptr) return;
   const uint32_t slot_idx = place_of(array(), address).slot_idx;
   const auto *const slot = static_cast<const char *>(tslb_da_get_ptr(array(), slot_idx));
-  tslb_redo_log_da_field(array(), slot_idx, NO_TRANSACTION, SLOT_RECORD, static_cast<int>(from - slot),
-                         static_cast<int>(bytes));
-  if (changed_slots_.empty() || changed_slots_.back() != slot_idx) changed_slots_.push_back(slot_idx);
+  tslb_batch_log_bytes(batch_, number_, slot_idx, static_cast<uint32_t>(from - slot), static_cast<uint32_t>(bytes));
 }
 
-void ChunkPool::log_new(const maddr_t &address, size_t bytes) {
-  if (is_logging_) log(address, data(address) - TSLB_COMPAT_BYTES, TSLB_COMPAT_BYTES + bytes);
-}
-
-void ChunkPool::log_counters() {
-  if (changed_slots_.empty()) return;
-  tslb_redo_log_da_hdr(array(), 0, NO_TRANSACTION, SLOT_RECORD);
-  std::sort(changed_slots_.begin(), changed_slots_.end());
-  changed_slots_.erase(std::unique(changed_slots_.begin(), changed_slots_.end()), changed_slots_.end());
-  for (const uint32_t slot_idx : changed_slots_)
-    tslb_redo_log_da_field(array(), slot_idx, NO_TRANSACTION, SLOT_RECORD, 0, sizeof(MemSlot_t));
-  changed_slots_.clear();
+void ChunkPool::log_data(const maddr_t &address, size_t bytes) {
+  if (batch_ != nullptr) tslb_batch_log_chunk(batch_, number_, address, 0, static_cast<uint32_t>(bytes));
 }
 
 }  // namespace metricdb

@@ -1,4 +1,4 @@
-// One of the two pools of a store: its chunks, and the redo records of their changes.
+// One of the two pools of a store: its chunks, and the names of their changes for a batch.
 //
 // An address names the chunk's data, which follows its compaction header. That header names the place that refers to
 // the chunk. Deleting the last chunk of a memory slot releases the slot, except the current slot, which the next sweep
@@ -7,6 +7,7 @@
 // Threads: one.
 #pragma once
 
+#include <tslb/durable.h>
 #include <tslb/tslb_dynarr.h>
 #include <tslb/tslb_dynmem.h>
 
@@ -14,12 +15,19 @@
 #include <memory>
 #include <stdexcept>
 #include <utility>
-#include <vector>
 
 namespace metricdb {
 
+// The arrays of a store, by their numbers in a durable store.
+enum : uint32_t { CATALOGUE = 0, KEYS = 1, POINTS = 2, N_ARRAYS = 3 };
+inline constexpr const char *ARRAY_NAMES[] = {"catalogue", "keys", "points"};
+
+// A view does not own its array.
 struct ReleaseArray {
-  void operator()(DynArrHandle_t *array) const { destroy_dyn_arr(array); }
+  bool owns = true;
+  void operator()(DynArrHandle_t *array) const {
+    if (owns) destroy_dyn_arr(array);
+  }
 };
 using Array = std::unique_ptr<DynArrHandle_t, ReleaseArray>;
 
@@ -48,8 +56,9 @@ class ChunkPool {
  public:
   // name       of the content, for messages.
   // max_slots  the highest number of memory slots that is used.
-  ChunkPool(Array array, const char *name, uint32_t max_slots)
-      : array_(std::move(array)), name_(name), max_slots_(max_slots) {}
+  // number     of the array in its durable store.
+  ChunkPool(Array array, const char *name, uint32_t max_slots, uint32_t number)
+      : array_(std::move(array)), name_(name), max_slots_(max_slots), number_(number) {}
 
   dynmem_t *array() const { return array_.get(); }
   char *data(const maddr_t &address) const;
@@ -65,21 +74,24 @@ class ChunkPool {
   // Releases the slots whose chunks are all deleted, and returns their number. Sets all of `found` but free_before.
   uint32_t sweep(PoolSweep &found);
 
-  // From here on changes are logged.
-  void begin_log();
-  // Logs `bytes` bytes from `from` on, which lie in the chunk or its compaction header.
+  // From here on changes belong to this batch; null: to none.
+  void set_batch(tslb_batch_t *batch) {
+    batch_ = batch;
+    batch_bytes_ = 0;
+  }
+  uint64_t batch_bytes() const { return batch_bytes_; }  // of chunks taken in this batch
+  // Names a change of `bytes` bytes from `from` on, which lie in the chunk or its compaction header.
   void log(const maddr_t &address, const char *from, size_t bytes);
-  // Logs a new chunk: the compaction header and the first `bytes` bytes of the data.
-  void log_new(const maddr_t &address, size_t bytes);
-  // Logs cursor and totals of the pool, and the counters of the slots changed since the last call.
-  void log_counters();
+  // Names the first `bytes` bytes of a chunk's data.
+  void log_data(const maddr_t &address, size_t bytes);
 
  private:
   Array array_;
   const char *name_;
   uint32_t max_slots_;
-  bool is_logging_ = false;
-  std::vector<uint32_t> changed_slots_;  // each at least once
+  uint32_t number_;
+  tslb_batch_t *batch_ = nullptr;
+  uint64_t batch_bytes_ = 0;
 };
 
 }  // namespace metricdb

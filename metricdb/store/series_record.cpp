@@ -5,6 +5,20 @@
 
 namespace metricdb {
 
+void SeriesRecord::copy_fields(const SeriesRecord &from) const {
+  set_key(from.key());
+  set_flags(from.flags());
+  set_open(from.open());
+  set_n_open(from.n_open());
+  set_n_sealed(from.n_sealed());
+  set_first_sealed(from.first_sealed());
+  set_last_sealed(from.last_sealed());
+  set_n_points(from.n_points());
+  set_written_at_ns(from.written_at_ns());
+  set_newest_ns(from.newest_ns());
+  set_interval_ms(from.interval_ms());
+}
+
 bool SeriesRecord::is_clean() const {
   char rest[sizeof(ty_sub_t_v1)];
   const size_t bytes = series_record_bytes(layout_);

@@ -84,6 +84,9 @@ class SeriesRecord {
     if (layout_ == NEWEST_LAYOUT) set(INTERVAL, ms);
   }
 
+  // Sets all fields to those of a record that can have another layout.
+  void copy_fields(const SeriesRecord &from) const;
+
   // Returns whether all unused bytes are zero.
   bool is_clean() const;
 

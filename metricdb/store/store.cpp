@@ -12,14 +12,11 @@ namespace metricdb {
 namespace {
 
 constexpr int CATALOGUE_DIRECT_SLOTS = 64;
-// With block files: each 16 series beyond the direct area need a file of their own. The direct area is written at
-// creation.
-constexpr int CATALOGUE_DIRECT_SLOTS_SHM = 1 << 14;
 constexpr int NO_DIRECT_SLOTS = 0;  // with direct slots the first memory slots of a pool would exist before use
 
-Array make_pool(int slot_bytes, char mem_type, unsigned char kind_flag, int table) {
-  Array pool(tslb_init_dynmem_ex(slot_bytes, NO_DIRECT_SLOTS, MPOOL_FLAG_COMPAT, static_cast<unsigned char>(mem_type),
-                                 kind_flag, CONTEXT, table, TSLB_DA_DAFLAG_LL, POOL_RECORD_VERSION));
+Array make_pool(int slot_bytes, unsigned char kind_flag, int table) {
+  Array pool(tslb_init_dynmem_ex(slot_bytes, NO_DIRECT_SLOTS, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM, kind_flag,
+                                 CONTEXT, table, TSLB_DA_DAFLAG_LL, POOL_RECORD_VERSION));
   if (!pool) throw std::bad_alloc();
   return pool;
 }
@@ -48,20 +45,22 @@ Store::Store(const StoreConfig &config)
     : config_(config),
       catalogue_(
           tslb_da_init_ver(static_cast<int>(series_record_bytes(config.layout)),
-                           config.mem_type == MPOOL_TYPE_SHM ? CATALOGUE_DIRECT_SLOTS_SHM : CATALOGUE_DIRECT_SLOTS,
-                           config.mem_type, CONTEXT, CATALOGUE_TABLE, TSLB_DA_DAFLAG_INLL, config.layout)),
-      keys_(make_pool(config.key_slot_bytes, config.mem_type, 0, KEYS_TABLE), KEYS_NAME, MAX_KEY_SLOTS),
-      points_(make_pool(config.point_slot_bytes, config.mem_type, MPOOL_FLAG_BV, POINTS_TABLE), POINTS_NAME,
-              MAX_POINT_SLOTS) {
+                           CATALOGUE_DIRECT_SLOTS, MPOOL_TYPE_DRAM, CONTEXT, CATALOGUE_TABLE, TSLB_DA_DAFLAG_INLL, config.layout)),
+      keys_(make_pool(config.key_slot_bytes, 0, KEYS_TABLE), KEYS_NAME, MAX_KEY_SLOTS, KEYS),
+      points_(make_pool(config.point_slot_bytes, MPOOL_FLAG_BV, POINTS_TABLE), POINTS_NAME,
+              MAX_POINT_SLOTS, POINTS) {
   if (!catalogue_) throw std::bad_alloc();
   if (config.forgetting.reuse_inactive_pct != 0) register_reuse_policy();
 }
 
+// The policy is in the headers of the catalogue. It is changed only if it differs, because the arrays of a durable store
+// may be changed only within a batch.
 void Store::register_reuse_policy() {
   tsdb_mem_pressure_config_t policy = {};
   const uint8_t inactive_pct = config_.forgetting.reuse_inactive_pct;
   if (inactive_pct != 0) policy = reuse_policy(inactive_pct);
-  tslb_da_register_reuse_policy(catalogue_.get(), &policy);
+  if (std::memcmp(&lists_of(catalogue_.get())->mem_pressure_conf, &policy, sizeof policy) != 0)
+    tslb_da_register_reuse_policy(catalogue_.get(), &policy);
   // This setting is for the whole process, and is never cleared here. It does not affect arrays without a policy.
   if (inactive_pct != 0) lib_config.tslb_mvt_reuse_enabled = 1;
 }
@@ -135,7 +134,7 @@ uint32_t Store::add_series(std::string_view key) {
   }
   std::memcpy(text, key.data(), key.size());
   text[key.size()] = '\0';
-  keys_.log_new(address, key.size() + 1);
+  keys_.log_data(address, key.size() + 1);
   record.set_key(address);
   record.set_written_at_ns(data_time_ns_);
   record.set_newest_ns(INT64_MIN);

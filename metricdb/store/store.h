@@ -15,10 +15,8 @@
 // A store can be restored from its three arrays, which are loaded elsewhere, and the figures outside of them
 // (StoreState). All of this is validated first: see store_audit.cpp.
 //
-// From `begin_log` on a store writes its changes to the redo log. Applied to copies of the arrays as they were at
-// `begin_log`, the records up to the end of a `log_changes` produce the arrays as they are at that moment. The arrays
-// log some changes themselves. The store logs the rest: immediately if it is written once (keys, sealed chunks), and in
-// `log_changes` if it changes many times in between (records, open chunks, counters, headers).
+// A store whose arrays belong to a durable store is changed in batches (tslb/durable.h). It names its changes: immediately
+// if they are made once (keys, sealed chunks), and in `end_batch` if they are made many times (records, open chunks).
 //
 // Threads: one. A store belongs to the thread that uses it.
 #pragma once
@@ -87,10 +85,6 @@ struct StoreConfig {
 
   // Version of the catalogue's records, OLDEST_LAYOUT to NEWEST_LAYOUT.
   uint8_t layout = NEWEST_LAYOUT;
-
-  // MPOOL_TYPE_SHM keeps the arrays in block files under the library's base path, which must exist. If the disk is
-  // full, the write that finds no room ends the process.
-  char mem_type = MPOOL_TYPE_DRAM;
 };
 
 // The figures of a store outside its arrays, and figures counted from the arrays.
@@ -155,10 +149,11 @@ class Store {
   // Applies the limits, and releases empty memory slots.
   Sweep sweep();
 
-  // The redo log; see the top of this file. Without a redo log these calls do nothing.
-  void begin_log();
-  void log_changes();
-  uint64_t n_changed_series() const { return changed_series_.size(); }  // that `log_changes` will log
+  // Changes between these calls belong to the batch. The arrays must be those of the batch's durable store.
+  void begin_batch(tslb_batch_t *batch);
+  void end_batch();
+  // Approximate bytes that the batch will have in the journal.
+  uint64_t batch_bytes() const;
 
   // The series are the slots below n_slots for which holds_series is true, inactive ones included.
   uint32_t n_slots() const { return tslb_da_get_size(catalogue_.get()); }
@@ -195,7 +190,7 @@ class Store {
     char *open = nullptr;  // the points of its open chunk
     uint32_t n_open = 0;
     uint32_t capacity = 0;
-    uint32_t n_logged = 0;    // points of the open chunk in the redo log
+    uint32_t n_logged = 0;    // points of the open chunk in earlier batches
     bool is_changed = false;  // listed in changed_series_
   };
 
@@ -222,7 +217,7 @@ class Store {
   bool forget_old(uint32_t series);
   void inactivate_idle_series();
 
-  // The redo log.
+  // Batches.
   void mark_changed(uint32_t series, Tail &tail);
   void log_series(uint32_t series, Tail &tail);
 
@@ -237,9 +232,8 @@ class Store {
   uint64_t n_since_sweep_ = 0;
   ForgetCounts forgotten_;
 
-  bool is_logging_ = false;
-  std::vector<uint32_t> changed_series_;
-  bool is_catalogue_changed_ = false;  // in headers that the array does not log
+  tslb_batch_t *batch_ = nullptr;
+  std::vector<uint32_t> changed_series_;  // in this batch
 };
 
 // Timestamps, both limits included.

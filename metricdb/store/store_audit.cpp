@@ -267,8 +267,8 @@ bool is_series(const SeriesRecord &record, uint32_t index) {
 Store::Store(const StoreConfig &config, StoreArrays arrays, const StoreState &state)
     : config_(config),
       catalogue_(std::move(arrays.catalogue)),
-      keys_(std::move(arrays.keys), KEYS_NAME, MAX_KEY_SLOTS),
-      points_(std::move(arrays.points), POINTS_NAME, MAX_POINT_SLOTS),
+      keys_(std::move(arrays.keys), KEYS_NAME, MAX_KEY_SLOTS, KEYS),
+      points_(std::move(arrays.points), POINTS_NAME, MAX_POINT_SLOTS, POINTS),
       data_time_ns_(state.data_time_ns),
       n_since_sweep_(state.n_since_sweep),
       forgotten_(state.forgotten) {

@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "journal/log.h"
+#include "store/log.h"
 #include "store/store.h"
 #include "store/store_internal.h"
 
@@ -64,7 +64,6 @@ SeriesRecord Store::take_slot(uint32_t &index) {
                                                                            &previous_status, previous)),
                             config_.layout);
   if (!record) throw StoreFull("the catalogue has no room for another series");
-  is_catalogue_changed_ = true;
   if (previous_status == TSLB_DA_SLOT_INACTIVE) {
     forget_content(index, {previous, config_.layout});
     ++forgotten_.series_reused;
@@ -107,7 +106,6 @@ void Store::inactivate_idle_series() {
   // if the clock was set back in between.
   for (const auto &[written_at_ns, series] : idle)
     tslb_da_inactivate_idx(catalogue_.get(), series, tslb_get_time(nullptr));
-  is_catalogue_changed_ |= !idle.empty();
 }
 
 Sweep Store::sweep() {

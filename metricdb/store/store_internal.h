@@ -21,10 +21,6 @@ inline constexpr int POINTS_TABLE = BVP_TBLID;
 inline constexpr const char *CONTEXT = "metricdb";
 inline constexpr uint8_t POOL_RECORD_VERSION = 0;
 
-// Arguments of the redo functions. The journal delimits batches, so records name no transaction.
-inline constexpr uint64_t NO_TRANSACTION = UINT64_MAX;
-inline constexpr char SLOT_RECORD = TSLB_REDO_SLOT;
-
 // Highest number of memory slots in use: the pool's last addressable slot is never taken. The library stops the process
 // when that slot is current and full, even if other slots are free.
 inline constexpr uint32_t MAX_KEY_SLOTS = TSLB_BIGBUF_LAST_SLOT;

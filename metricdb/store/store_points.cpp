@@ -45,7 +45,6 @@ void Store::append(uint32_t series, const Point &point) {
 void Store::activate(uint32_t series, Tail &tail) {
   if (status_of(tail.record.at()) != TSLB_DA_SLOT_INACTIVE) return;
   tslb_da_activate_idx(catalogue_.get(), series);
-  is_catalogue_changed_ = true;
 }
 
 void Store::make_room(uint32_t series) {
@@ -73,7 +72,7 @@ void Store::grow_open(uint32_t series, Tail &tail) {
   }
   tail.record.set_open(address);
   tail.record.set_flags(SERIES_READY | SERIES_HAS_OPEN);
-  points_.log_new(address, tail.n_open * sizeof(Point));
+  points_.log_data(address, tail.n_open * sizeof(Point));
   tail.open = grown;
   tail.capacity = capacity;
   tail.n_logged = tail.n_open;
@@ -104,7 +103,7 @@ void Store::seal_open(uint32_t series, Tail &tail) {
   std::memcpy(chunk, &head, sizeof head);
   std::memcpy(chunk + sizeof head, encoded, bytes);
   std::memset(chunk + sizeof head + bytes, 0, padded(bytes) - bytes);
-  points_.log_new(address, whole);
+  points_.log_data(address, whole);
 
   if (n_sealed == 0) {
     record.set_first_sealed(address);

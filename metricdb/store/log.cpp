@@ -1,4 +1,4 @@
-#include "journal/log.h"
+#include "store/log.h"
 
 #include <cstdio>
 
