@@ -1,4 +1,4 @@
-# The files of `cmake --install`: library, host stand-in, headers, documents, files for CMake and pkg-config, and the
+# The files of `cmake --install`: library, host stand-in, durable store, headers, documents, files for CMake and pkg-config, and the
 # gdb scripts. No installed file contains the prefix, so the installation can be moved.
 include(CMakePackageConfigHelpers)
 set(TSLB_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/tslb)
@@ -18,6 +18,17 @@ install(TARGETS tslb tslb_host EXPORT tslb-targets
   PUBLIC_HEADER DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tslb COMPONENT dev
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(EXPORT tslb-targets NAMESPACE tslb:: DESTINATION ${TSLB_CMAKE_DIR} COMPONENT dev)
+set(pc_names tslb tslb-host)
+# In a file of its own: programs without the durable store need no zstd.
+if(TSLB_BUILD_DURABLE)
+  set_target_properties(tslb_durable PROPERTIES PUBLIC_HEADER "${TSLB_DURABLE_PUBLIC_HEADERS}")
+  install(TARGETS tslb_durable EXPORT tslb-durable-targets
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev
+    PUBLIC_HEADER DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tslb COMPONENT dev
+    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+  install(EXPORT tslb-durable-targets NAMESPACE tslb:: DESTINATION ${TSLB_CMAKE_DIR} COMPONENT dev)
+  list(APPEND pc_names tslb-durable)
+endif()
 
 set(generated ${PROJECT_BINARY_DIR}/install)
 configure_package_config_file(cmake/tslb-config.cmake.in ${generated}/tslb-config.cmake
@@ -31,12 +42,12 @@ install(FILES ${generated}/tslb-config.cmake ${generated}/tslb-config-version.cm
 file(RELATIVE_PATH TSLB_PREFIX_FROM_PC /${TSLB_PKGCONFIG_DIR} /)
 string(REGEX REPLACE "/$" "" TSLB_PREFIX_FROM_PC "${TSLB_PREFIX_FROM_PC}")
 list(JOIN TSLB_HOST_LINK_OPTIONS " " TSLB_HOST_PC_OPTIONS)
-foreach(name IN ITEMS tslb tslb-host)
+foreach(name IN LISTS pc_names)
   configure_file(cmake/${name}.pc.in ${generated}/${name}.pc @ONLY)
   install(FILES ${generated}/${name}.pc DESTINATION ${TSLB_PKGCONFIG_DIR} COMPONENT dev)
 endforeach()
 
-# Documents for developers of hosts, and the smallest host. For the prefix /usr they are in Debian's folder for
+# Documents for developers of hosts, the hosts of the README, and event_store. For the prefix /usr they are in Debian's folder for
 # documents of a package.
 include(cmake/readme_host.cmake)
 set(doc_dir ${CMAKE_INSTALL_DATADIR}/doc/tslb)
@@ -46,6 +57,10 @@ endif()
 install(FILES docs/architecture.md docs/hosting.md docs/formats.md docs/debugging.md docs/performance.md
   DESTINATION ${doc_dir} COMPONENT dev)
 install(FILES ${TSLB_README_HOST} DESTINATION ${doc_dir}/examples COMPONENT dev)
+if(TSLB_BUILD_DURABLE)
+  install(FILES ${TSLB_README_DURABLE_HOST} DESTINATION ${doc_dir}/examples COMPONENT dev)
+  install(DIRECTORY examples/event_store DESTINATION ${doc_dir}/examples COMPONENT dev)
+endif()
 
 # gdb reads a script with a library's name together with that library: from its own share/gdb/auto-load, which it
 # trusts, and from the library's folder. Only for a library below /usr is the first folder certain to exist.

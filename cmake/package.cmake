@@ -35,12 +35,12 @@ This package contains the shared library, which a database loads.")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libtslb-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
-# The stand-in contains C++: it cannot be linked on a machine with only a C compiler.
-set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libtslb0 ${same_version}, libstdc++-12-dev | libstdc++-dev")
+# The archives contain C++: they cannot be linked on a machine with only a C compiler. The durable store uses zstd.
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libtslb0 ${same_version}, libstdc++-12-dev | libstdc++-dev, libzstd-dev")
 set(CPACK_COMPONENT_DEV_DESCRIPTION "storage primitives for time-series databases (development files)
-Headers, the link to the shared library, a static library with a stand-in for
-the host's symbols, files for CMake and pkg-config, documents, and a small host
-as an example.")
+Headers, the link to the shared library, static libraries with a stand-in for
+the host's symbols and with the durable store, files for CMake and pkg-config,
+documents, and small hosts as examples.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME tslb-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION database)

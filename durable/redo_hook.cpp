@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <cstring>
 #include <shared_mutex>
 #include <vector>
 
@@ -42,8 +41,9 @@ void report_outside_change(const DynArrHandle_t *array) {
 void add_node(tslb_batch_t &batch, uint32_t declaration, uint32_t idx, const void *node) {
   const LoggedArray &array = batch.store->logged(declaration);
   const Geometry &geometry = array.geometry();
-  uint32_t status;
-  std::memcpy(&status, node, sizeof status);
+  // The library reports a freed slot after it has released the lock, so another thread can be taking it. Its own record
+  // then names the rest.
+  const uint32_t status = __atomic_load_n(static_cast<const uint32_t *>(node), __ATOMIC_RELAXED);
   if (status == TSLB_DA_SLOT_ACTIVE && idx < array.n_logged())
     return batch.add({declaration, idx, 0, geometry.slot_bytes});
   batch.add({declaration, idx, 0, geometry.shift + static_cast<uint32_t>(sizeof(uint32_t))});

@@ -4,9 +4,12 @@
 #include <fmt/format.h>
 #include <sys/file.h>
 #include <tslb/tslb_settings.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <csignal>
 #include <cstring>
 #include <exception>
 #include <utility>
@@ -17,6 +20,8 @@ namespace {
 
 constexpr int DEFAULT_LEVEL = 1;
 constexpr uint32_t MAX_LEVEL = 9;
+constexpr std::chrono::seconds MAX_LOCK_WAIT{10};
+constexpr std::chrono::milliseconds LOCK_RETRY{2};
 
 bool has(const tslb_store_options_t &options, uint32_t flag) {
   return (options.flags & flag) != 0;
@@ -31,6 +36,13 @@ void copy_text(const std::string &text, char *to, size_t size) {
   const size_t length = std::min(text.size(), size - 1);
   std::memcpy(to, text.data(), length);
   to[length] = '\0';
+}
+
+// Returns whether the process that a lock file names does not exist any more.
+bool has_writer_ended(const File &lock) {
+  pid_t writer = 0;
+  if (pread(lock.fd(), &writer, sizeof writer, 0) != static_cast<ssize_t>(sizeof writer) || writer <= 0) return false;
+  return kill(writer, 0) != 0 && errno == ESRCH;
 }
 
 std::string without_slash(std::string folder) {
@@ -136,14 +148,22 @@ void tslb_store_t::expect_empty_folder() const {
   });
 }
 
+// A child that writes a generation has the lock of its parent until its first steps. If the parent is killed just then,
+// the lock is free a moment later. So the file names the writer: while a writer that has ended has the lock, it is tried
+// again.
 void tslb_store_t::take_lock() {
   if (lock_) return;
   File file = File::open_or_create(lock_path(folder_));
-  if (flock(file.fd(), LOCK_EX | LOCK_NB) != 0) {
-    if (errno == EWOULDBLOCK)
+  const auto deadline = std::chrono::steady_clock::now() + MAX_LOCK_WAIT;
+  while (flock(file.fd(), LOCK_EX | LOCK_NB) != 0) {
+    if (errno != EWOULDBLOCK) fail_file(file.path(), "cannot be locked");
+    if (!has_writer_ended(file) || std::chrono::steady_clock::now() > deadline)
       throw StoreError(TSLB_DURABLE_LOCKED, folder_ + ": another writer has the store", folder_);
-    fail_file(file.path(), "cannot be locked");
+    std::this_thread::sleep_for(LOCK_RETRY);
   }
+  // Not with the functions for files that a recovery needs. If it fails, the lock is not tried again.
+  const pid_t writer = getpid();
+  [[maybe_unused]] const ssize_t ignored = pwrite(file.fd(), &writer, sizeof writer, 0);
   lock_.emplace(std::move(file));
 }
 
@@ -237,15 +257,18 @@ void tslb_store_t::continue_journal() {
         std::find_if(entries.begin(), entries.end(), [&](const auto &one) { return one.name == decls_[i].name; });
     logged_[i].set_number(static_cast<uint32_t>(entry - entries.begin()));
   }
-  // A journal before the last one is not continued. It is sealed, if the process ended before it could do so.
+  // A journal before the last one is not continued. It is sealed, if the process ended before it could do so. A journal
+  // with a seal is not opened again: the last one has groups, which no crash may leave after a journal without a seal.
   for (size_t i = 0; i + 1 < state_.journals.size(); ++i) {
     JournalState &journal = state_.journals[i];
-    if (!journal.is_sealed) {
+    JournalPlace place = loaded.places[i];
+    if (!loaded.ends_with_seal[i]) {
       const JournalName name = {state_.identity, journal.number};
-      JournalWriter writer(journal_path(folder_, journal.number), name, loaded.places[i]);
+      JournalWriter writer(journal_path(folder_, journal.number), name, place);
       writer.seal();
-      journal = {journal.number, true, writer.place().position, writer.place().crc32c};
+      place = writer.place();
     }
+    journal = {journal.number, true, place.position, place.crc32c};
     journals_before_ += journal.bytes;
   }
   state_.journals.back() = {state_.journals.back().number, false, 0, 0};

@@ -135,6 +135,7 @@ void Loading::scan(const JournalState &journal) {
       });
   report_done(scan.bytes - done_at);
   loaded_.places.push_back(scan.place);
+  loaded_.ends_with_seal.push_back(scan.is_sealed && scan.bytes == scan.place.position);
   loaded_.is_sealed = scan.is_sealed;
   loaded_.journal_bytes += scan.place.position;
   loaded_.n_batches += scan.n_batches;

@@ -22,6 +22,7 @@ struct LoadedStore {
   bool has_payload = false;
 
   std::vector<JournalPlace> places;  // where each journal of the state ends
+  std::vector<bool> ends_with_seal;  // a journal of the state ends with its seal, and nothing follows it
   bool is_sealed = false;            // the last writer ended orderly
   uint64_t journal_bytes = 0;        // of all journals that were read
   uint64_t n_batches = 0;            // in them

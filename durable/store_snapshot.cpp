@@ -192,7 +192,11 @@ void tslb_store_t::snapshot() {
   const uint64_t number = state_.journals.back().number + 1;
   NewGeneration next(*this, number);
   const std::string next_path = journal_path(folder_, number);
-  remove_file(next_path);  // of an attempt that failed
+  if (access(next_path.c_str(), F_OK) == 0) {
+    // Of an attempt that failed. The stored state can name it, so it is written anew before the journal is removed.
+    write_state(folder_, state_);
+    remove_file(next_path);
+  }
   auto next_journal = std::make_unique<JournalWriter>(next_path, JournalName{state_.identity, number});
   StoreState with_next = state_;
   with_next.journals.push_back({number, false, 0, 0});
@@ -258,6 +262,12 @@ void tslb_store_t::snapshot() {
         journal_ = std::move(next_journal);
       } catch (const StoreError &error) {
         failure = error.what();
+        // Groups must not follow a seal of which a part may be missing on the disk.
+        try {
+          journal_->cut();
+        } catch (const StoreError &cut_error) {
+          refuse(fmt::format("{}; {}", *failure, cut_error.what()), true);
+        }
       }
     }
   }

@@ -23,6 +23,7 @@ expect() {
 check_host_c() {
   expect "$("$1/host_c")" "100 records, the last from the hill"
   expect "$("$1/plugin_user" "$1/plugin.so")" "100 records through a plugin"
+  expect "$(cd "$1" && ./durable_host_c && ./durable_host_c)" "$(printf '%s readings, the last: roof 21.5\n' 2 4)"
 }
 check_hosts() {
   check_host_c "$1"
@@ -35,10 +36,13 @@ mkdir "$scratch/moved"
 mv "$scratch/first" "$prefix"
 ! grep -rlF -e "$scratch/first" -e "$build" "$prefix" || fail "these files contain the path of the build or of the first installation"
 
+examples=$(dirname "$(find "$prefix/share/doc" -name durable_host.c)")
+
 # by_cmake FOLDER LANGUAGES
 by_cmake() {
   {
-    "$cmake" -S "$hosts" -B "$1" -DCMAKE_PREFIX_PATH="$prefix" -DHOST_LANGUAGES="$2" && "$cmake" --build "$1"
+    "$cmake" -S "$hosts" -B "$1" -DCMAKE_PREFIX_PATH="$prefix" -DHOST_LANGUAGES="$2" \
+      -DDURABLE_HOST="$examples/durable_host.c" && "$cmake" --build "$1"
   } >"$scratch/log" 2>&1 || fail "$(cat "$scratch/log")"
 }
 by_cmake "$scratch/by_cmake" "C;CXX"
@@ -59,6 +63,10 @@ rpath=-Wl,-rpath,$(pkg-config --variable=libdir tslb)
 "$CC" -std=c11 "${strict[@]}" "$hosts/plugin_user.c" -o "$scratch/by_pkg_config/plugin_user" -ldl
 "$CXX" -std=c++17 "${strict[@]}" "${cflags[@]}" "$hosts/host.cpp" -o "$scratch/by_pkg_config/host_cpp" "${libs[@]}" \
   "$rpath"
+read -ra durable_cflags < <(pkg-config --cflags tslb-durable)
+read -ra durable_libs < <(pkg-config --libs tslb-durable)
+"$CC" -std=c11 "${strict[@]}" "${durable_cflags[@]}" "$examples/durable_host.c" -o "$scratch/by_pkg_config/durable_host_c" \
+  "${durable_libs[@]}" "$rpath"
 check_hosts "$scratch/by_pkg_config"
 
 # The installed example is enough to start with, as the README describes for a tree like this one.
@@ -72,6 +80,15 @@ by_hand=$(sed -n '/^```sh$/,/^```$/{/^```/d;/^cd build\/example$/,/^cd /p}' "$re
   eval "$by_hand" >"$scratch/log"
 ) || fail "the commands of $readme for its host fail: $(cat "$scratch/log")"
 [ -e "$scratch/tree/build/example/names.stream" ] || fail "the host of $readme left no stream"
+
+# event_store is a project of its own, from the installed sources.
+{
+  "$cmake" -S "$examples/event_store" -B "$scratch/event_store" -DCMAKE_PREFIX_PATH="$prefix" \
+    -DCMAKE_CXX_FLAGS_RELEASE=-O0 && "$cmake" --build "$scratch/event_store"
+} >"$scratch/log" 2>&1 || fail "$(cat "$scratch/log")"
+"$scratch/event_store/event_store" run "$scratch/events" --events 100 --layout 1 --shadow >"$scratch/log"
+"$scratch/event_store/event_store" run "$scratch/events" --events 100 --shadow >"$scratch/log"
+"$scratch/event_store/event_store" check "$scratch/events" >"$scratch/log" || fail "$(cat "$scratch/log")"
 
 # No header includes a header that is not installed.
 for header in "$prefix"/include/tslb/*.h; do echo "#include <tslb/${header##*/}>"; done >"$scratch/all.c"

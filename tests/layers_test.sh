@@ -8,7 +8,7 @@ source=$1
 
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
-for folder in utils catalog host recovery durable tools bench fuzz metricdb tests cmake; do
+for folder in utils catalog host recovery durable examples tools bench fuzz metricdb tests cmake; do
   (cd "$source" && find "$folder" \( -name '*.h' -o -name '*.cpp' -o -name '*.c' -o -name headers.cmake \) -print0 |
     xargs -0 cp --parents -t "$scratch")
 done
