@@ -14,7 +14,6 @@ namespace {
 
 constexpr uint64_t NO_TRANSACTION = UINT64_MAX;
 constexpr uint32_t NO_AUX = UINT32_MAX;
-constexpr uint32_t MAX_SLOTS = 1u << 28;
 constexpr size_t MAX_NUMBER_BYTES = 10;
 
 uint64_t cursor_in(const char *headers) {
@@ -72,18 +71,18 @@ class BodyReader {
 };
 
 // Applies bytes at a position of the flat image. Returns why they do not fit.
-std::string apply_bytes(const ReplayTarget &target, uint64_t position, std::string_view bytes) {
+std::string apply_bytes(const ReplayTarget &target, uint64_t position, std::string_view bytes, uint32_t max_slots) {
   DynArrHandle_t *const array = target.array;
   const redo_args_t record = {
       NO_TRANSACTION, TSLB_REDO_SLOT, array->ctx_name, std::strlen(array->ctx_name),       array->tbl_id,
       position,       NO_AUX,         bytes.data(),    static_cast<uint32_t>(bytes.size())};
   char why[256];
   const uint8_t kind = is_pool(target.kind) ? ARRAY_LOAD_POOL : ARRAY_LOAD_ANY;
-  if (redo_apply(array, &record, kind, MAX_SLOTS, why, sizeof why) == 0) return {};
+  if (redo_apply(array, &record, kind, max_slots, why, sizeof why) == 0) return {};
   return fmt::format("array \"{}\": {}", array->ctx_name, why);
 }
 
-std::string apply_section(BodyReader &reader, const std::vector<ReplayTarget> &targets) {
+std::string apply_section(BodyReader &reader, const std::vector<ReplayTarget> &targets, uint32_t max_slots) {
   const uint64_t number = reader.number();
   const uint64_t header_bytes = reader.number();
   const uint64_t n_ranges = reader.number();
@@ -98,14 +97,16 @@ std::string apply_section(BodyReader &reader, const std::vector<ReplayTarget> &t
   }
   const std::string_view headers = reader.bytes(header_bytes);
   if (!reader.is_sound()) return "a section that is cut";
-  std::string why = headers.empty() ? "" : apply_bytes(target, 0, headers);
+  std::string why = headers.empty() ? "" : apply_bytes(target, 0, headers, max_slots);
   const Geometry geometry(target.array);
   for (const Range &range : ranges) {
     const std::string_view bytes = reader.bytes(range.bytes);
     if (!why.empty()) break;
     if (!reader.is_sound() || range.offset >= geometry.slot_bytes) return "a range outside of its slot, or cut";
+    // The headers of a group name all ids.
+    if (range.idx >= tslb_da_get_size(target.array)) return "a range of a slot that does not exist";
     const uint64_t at = tslb_stored_slot_at(geometry.header_bytes, geometry.slot_bytes, range.idx);
-    why = apply_bytes(target, at + range.offset, bytes);
+    why = apply_bytes(target, at + range.offset, bytes, max_slots);
   }
   return why;
 }
@@ -224,7 +225,7 @@ void append_body(std::vector<LoggedArray> &arrays, const std::vector<Range> &ran
 }
 
 std::string apply_body(std::string_view body, const std::vector<ReplayTarget> &targets, std::string &payload,
-                       bool &has_payload) {
+                       bool &has_payload, uint32_t max_slots) {
   BodyReader reader(body);
   const uint64_t payload_size = reader.number();
   if (payload_size != 0) {
@@ -233,7 +234,7 @@ std::string apply_body(std::string_view body, const std::vector<ReplayTarget> &t
   }
   const uint64_t n_sections = reader.number();
   for (uint64_t i = 0; i < n_sections && reader.is_sound(); ++i)
-    if (std::string why = apply_section(reader, targets); !why.empty()) return why;
+    if (std::string why = apply_section(reader, targets, max_slots); !why.empty()) return why;
   return reader.is_sound() && reader.n_left() == 0 ? "" : "a body of another length";
 }
 

@@ -77,9 +77,11 @@ struct ReplayTarget {
   tslb_array_kind_t kind;
 };
 
+inline constexpr uint32_t MAX_REPLAYED_SLOTS = 1u << 28;
+
 // Applies a body. Returns why it does not fit the arrays; empty if it does. Sets `payload` if there is one.
 std::string apply_body(std::string_view body, const std::vector<ReplayTarget> &targets, std::string &payload,
-                       bool &has_payload);
+                       bool &has_payload, uint32_t max_slots = MAX_REPLAYED_SLOTS);
 
 // The first difference between two arrays with the same parameters; empty if there is none.
 struct Difference {

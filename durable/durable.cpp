@@ -150,11 +150,7 @@ tslb_store_t *tslb_store_open(const char *folder, const tslb_array_decl_t *array
 int32_t tslb_store_describe(const char *folder, tslb_stored_array_t *arrays, uint32_t capacity, tslb_error_t *error) {
   return guarded(error, int32_t{-1}, [&] {
     if (folder == nullptr || folder[0] == '\0') refuse_argument("no folder");
-    const StoreState state = read_state(folder);
-    if (state.generation == 0)
-      throw StoreError(TSLB_DURABLE_NO_STORE, fmt::format("{}: the creation of this store did not end", folder),
-                       folder);
-    const Manifest manifest = read_manifest(generation_path(folder, state.generation));
+    const Manifest manifest = read_newest_manifest(folder);
     for (uint32_t i = 0; i < std::min<size_t>(capacity, manifest.arrays.size()); ++i) {
       const StoredArrayEntry &entry = manifest.arrays[i];
       tslb_stored_array_t &array = arrays[i];

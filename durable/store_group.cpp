@@ -259,7 +259,7 @@ void tslb_store_t::compare_with_shadow(const PendingGroup &pending, CopiedGroup 
 
 // Writes a group to the journal, and settles its tickets.
 void tslb_store_t::write_group(const CopiedGroup &group) {
-  if (!group.failure.empty()) return refuse(group.failure, group.breaks);
+  if (!group.failure.empty()) return refuse(fmt::format("{}: {}", folder_, group.failure), group.breaks);
   Frame frame = {FrameKind::group, Compression::none, static_cast<uint32_t>(body_.size()), group.n_batches};
   const bool is_tried = level_ != 0 && (n_raw_in_turn_ == 0 || ++n_raw_in_turn_ > MAX_RAW_IN_TURN);
   std::string_view stored = body_;
@@ -314,7 +314,7 @@ void tslb_store_t::settle(const CopiedGroup &group) {
 
 void tslb_store_t::refuse(const std::string &reason, bool for_good) {
   const std::lock_guard lock(mutex_);
-  failed_ = fmt::format("{}: {}", folder_, reason);
+  failed_ = reason;
   is_broken_ = for_good;
   refused_.push_back({settled_ + 1, last_ticket_, failed_});
   settled_ = last_ticket_;

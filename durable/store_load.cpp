@@ -217,24 +217,45 @@ std::optional<LoadedStore> load_older(const std::string &folder, const StoreStat
   return std::nullopt;
 }
 
+StoreState read_complete_state(const std::string &folder) {
+  const StoreState state = read_state(folder);
+  if (state.generation == 0)
+    throw StoreError(TSLB_DURABLE_NO_STORE, folder + ": the creation of this store did not end", folder);
+  return state;
+}
+
+bool is_about_files(const StoreError &error) {
+  return error.code() == TSLB_DURABLE_IO || error.code() == TSLB_DURABLE_DAMAGED;
+}
+
+// Returns whether a failure can be due to a writer that has replaced the generation, or withdraws a refused batch. Real
+// damage is there on the second read.
+bool can_be_repeated(const std::string &folder, const StoreState &state, int n_tries) {
+  return n_tries < MAX_TRIES && (n_tries == 1 || read_state(folder).generation != state.generation);
+}
+
 }  // namespace
+
+Manifest read_newest_manifest(const std::string &folder) {
+  for (int n_tries = 1;; ++n_tries) {
+    const StoreState state = read_complete_state(folder);
+    try {
+      return read_manifest(generation_path(folder, state.generation));
+    } catch (const StoreError &error) {
+      if (!is_about_files(error) || !can_be_repeated(folder, state, n_tries)) throw;
+    }
+  }
+}
 
 LoadedStore load_store(const std::string &folder, const LoadOptions &options) {
   for (int n_tries = 1;; ++n_tries) {
-    const StoreState state = read_state(folder);
-    if (state.generation == 0)
-      throw StoreError(TSLB_DURABLE_NO_STORE, folder + ": the creation of this store did not end", folder);
-    std::string why;
+    const StoreState state = read_complete_state(folder);
     try {
       return load_from(folder, state, state.generation, state.journals, options);
     } catch (const StoreError &error) {
-      const bool is_about_files = error.code() == TSLB_DURABLE_IO || error.code() == TSLB_DURABLE_DAMAGED;
-      // A writer has replaced the generation, or withdraws a refused batch. Real damage is there on the second read.
-      const bool has_moved = read_state(folder).generation != state.generation;
-      if (is_about_files && n_tries < MAX_TRIES && (has_moved || n_tries == 1)) continue;
-      if (!options.salvage || !is_about_files) throw;
-      why = error.what();
-      if (std::optional<LoadedStore> older = load_older(folder, state, options, why)) return std::move(*older);
+      if (is_about_files(error) && can_be_repeated(folder, state, n_tries)) continue;
+      if (!options.salvage || !is_about_files(error)) throw;
+      if (std::optional<LoadedStore> older = load_older(folder, state, options, error.what())) return std::move(*older);
       throw;
     }
   }

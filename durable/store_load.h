@@ -36,6 +36,9 @@ struct LoadOptions {
   std::function<void(uint64_t done_bytes, uint64_t all_bytes)> progress;
 };
 
+// Returns the manifest of the generation of a store. Throws StoreError, as load_store does.
+Manifest read_newest_manifest(const std::string &folder);
+
 // Throws StoreError. A reader that runs beside a writer is tried again if the writer replaced files meanwhile.
 LoadedStore load_store(const std::string &folder, const LoadOptions &options);
 

@@ -318,7 +318,7 @@ void tslb_store_t::run_snapshots() {
     {
       std::unique_lock lock(mutex_);
       snapshot_work_.wait(lock, [this] { return is_ending_ || is_snapshot_due_; });
-      if (is_ending_) return;
+      if (!is_snapshot_due_) return;
     }
     std::string failure;
     try {

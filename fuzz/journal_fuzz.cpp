@@ -1,20 +1,22 @@
-// Scans any bytes as a journal. The input is a file, or a list of entries that get valid checksums here and are then
-// changed by the input, because random inputs have no valid checksums.
+// Scans any bytes as the journal of a durable store, and applies its groups to arrays. The input is a file, or a list of
+// frames that get valid checksums here and are then changed by the input, because random inputs have no valid checksums.
+#include <changes.h>
 #include <fcntl.h>
+#include <journal_reader.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <store_error.h>
 #include <sys/mman.h>
+#include <tslb/tslb_rd_api.h>
+#include <tslb/tslb_stored.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <string>
 
-#include "journal/files.h"
-#include "journal/journal_reader.h"
+using namespace tslb_durable;
 
-using namespace metricdb;
-
-static volatile uint8_t seen;  // so that no read is dropped
+static const JournalName NAME = {{1, 2, 3}, 7};
 
 static void need(bool holds, const char *what) {
   if (holds) return;
@@ -37,28 +39,24 @@ struct input_t {
   }
 };
 
-static void add_entry(std::string &file, JournalPlace &place, input_t &input) {
+static void add_frame(std::string &file, JournalPlace &place, input_t &input) {
   const uint8_t choice = input.byte();
   if ((choice & 0x80) != 0) place.next_sequence += choice & 0x7F;  // a gap
-  if (choice % 8 < 5) {
-    const std::string_view name = input.text(input.byte() % 8), bytes = input.text(input.byte() % 64);
-    const bool has_data = (choice & 0x40) == 0;
-    const uint16_t off = input.word();
-    add_redo(file, place,
-             {choice, static_cast<char>(choice), name.data(), name.size(), choice, off, ~0u,
-              has_data ? bytes.data() : nullptr, static_cast<uint32_t>(bytes.size())});
-  } else {
-    const EntryKind kinds[] = {EntryKind::commit, EntryKind::opened, EntryKind::closed};
-    const uint16_t durable = input.word();
-    add_mark(file, place, kinds[choice % 8 - 5], durable, input.text(input.byte() % 32));
-  }
+  const std::string_view body = choice % 8 < 6 ? input.text(input.byte()) : "";
+  Frame frame = {body.empty() ? (choice % 2 == 0 ? FrameKind::opened : FrameKind::sealed) : FrameKind::group,
+                 (choice & 0x40) != 0 && !body.empty() ? Compression::zstd : Compression::none,
+                 static_cast<uint32_t>(body.size()), body.empty() ? 0u : 1u};
+  const FrameHead head = make_frame_head(NAME, place, frame, input.word(), body);
+  file.append(reinterpret_cast<const char *>(&head), sizeof head).append(body);
+  place.position = file.size();
+  ++place.next_sequence;
 }
 
 static std::string make_file(input_t input) {
-  const JournalHead head = make_head(7);
+  const JournalHead head = make_head(NAME);
   std::string file(reinterpret_cast<const char *>(&head), sizeof head);
-  JournalPlace place = place_after_head(7);
-  for (uint8_t left = input.byte() % 32; left != 0; --left) add_entry(file, place, input);
+  JournalPlace place = {file.size(), 1, 0};
+  for (uint8_t left = input.byte() % 32; left != 0; --left) add_frame(file, place, input);
   while (input.size > 2) {
     const size_t at = input.word();
     const char changed = static_cast<char>(input.byte());
@@ -67,52 +65,63 @@ static std::string make_file(input_t input) {
   return file;
 }
 
-static void read_record(const redo_args_t &record) {
-  for (const char byte : std::string_view(record.ctx_name, record.ctx_name_len)) seen = static_cast<uint8_t>(byte);
-  const char *const bytes = static_cast<const char *>(record.data_ptr);
-  for (uint32_t i = 0; bytes != nullptr && i < record.data_sz; ++i) seen = static_cast<uint8_t>(bytes[i]);
-}
+// Arrays of each shape, to which groups are applied.
+class Arrays {
+ public:
+  Arrays()
+      : slots_(tslb_da_init_ver(12, 3, MPOOL_TYPE_DRAM, "slots", 5, TSLB_DA_DAFLAG_INLL, 0)),
+        pool_(tslb_init_dynmem_ex(64, 0, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM, 0, "pool", 6, TSLB_DA_DAFLAG_LL, 0)),
+        targets_{{slots_.get(), TSLB_ARRAY_SLOTS}, {pool_.get(), TSLB_POOL_BIG_BUFFER}} {}
+
+  std::string apply(std::string_view body) {
+    std::string payload;
+    bool has_payload = false;
+    constexpr uint32_t MAX_SLOTS = 1000;  // a few bytes can name many
+    return apply_body(body, targets_, payload, has_payload, MAX_SLOTS);
+  }
+
+ private:
+  const Array slots_, pool_;
+  const std::vector<ReplayTarget> targets_;
+};
 
 static ScanResult read_whole(const std::string &path) {
-  uint64_t n_records = 0, n_batches = 0, end = 0;
-  const JournalVisitor visitor = {[&n_records](const redo_args_t &record) { read_record(record), ++n_records; },
-                                  [&n_batches, &end](std::string_view payload, uint64_t position) {
-                                    for (const char byte : payload) seen = static_cast<uint8_t>(byte);
-                                    need(position > end, "batches are in order");
-                                    end = position;
-                                    ++n_batches;
-                                  }};
-  const ScanResult result = scan_journal(path, visitor);
-  need(result.n_records == n_records && result.n_batches == n_batches, "the counts are those of the callbacks");
-  if (result.place.position == 0)
-    need(result.end == JournalEnd::damaged && n_records + n_batches == 0, "a file without a head has no batches");
-  else
-    need(result.place.position >= end && result.place.next_sequence > n_records + n_batches,
-         "the place is after the last batch");
-  need((result.end == JournalEnd::clean) == result.warning().empty(), "a warning unless the end is clean");
+  Arrays arrays;
+  uint64_t n_groups = 0, end = 0;
+  const ScanResult result = scan_journal(path, NAME, [&](std::string_view body, uint64_t position) {
+    need(position > end, "groups are in order");
+    end = position;
+    std::string why = arrays.apply(body);
+    n_groups += why.empty() ? 1 : 0;
+    return why;
+  });
+  need(result.n_groups == n_groups, "the count is that of the callbacks");
+  need(result.place.position > end || result.end == JournalEnd::damaged, "the place is after the last group");
+  need((result.end == JournalEnd::clean) == result.fault.empty(), "a fault unless the end is clean");
   need(result.end != JournalEnd::clean || result.bytes_cut == 0, "a clean end is the end");
   return result;
 }
 
-// Cuts the file after its last valid mark. It must have the same content and be clean.
+// Cuts the file after its last valid frame. It must have the same content and be clean.
 static void expect_clean_when_cut(int fd, const std::string &path, const ScanResult &before) {
   need(ftruncate(fd, static_cast<off_t>(before.place.position)) == 0, "a file can be cut");
   const ScanResult after = read_whole(path);
-  need(after.end == JournalEnd::clean && after.n_batches == before.n_batches &&
-           after.place.next_sequence == before.place.next_sequence,
+  need(after.end == JournalEnd::clean && after.n_groups == before.n_groups && after.place.crc32c == before.place.crc32c,
        "a journal that is cut at its place is clean");
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size == 0) return 0;
-  const input_t input = {data, size};
   const std::string file =
-      data[0] == static_cast<uint8_t>(JOURNAL_MAGIC[0]) ? std::string(input.data, input.data + size) : make_file(input);
+      data[0] == static_cast<uint8_t>(JOURNAL_MAGIC[0]) ? std::string(data, data + size) : make_file({data, size});
   const int fd = memfd_create("journal", MFD_CLOEXEC);
   const std::string path = "/proc/self/fd/" + std::to_string(fd);
   if (fd < 0 || write(fd, file.data(), file.size()) != static_cast<ssize_t>(file.size())) return -1;
-  const ScanResult result = read_whole(path);
-  if (result.place.position != 0) expect_clean_when_cut(fd, path, result);
+  try {
+    expect_clean_when_cut(fd, path, read_whole(path));
+  } catch (const StoreError &error) {
+    need(error.code() == TSLB_DURABLE_DAMAGED, "a file without a valid head is refused as damaged");
+  }
   close(fd);
   return 0;
 }

@@ -1,4 +1,5 @@
 // Durable stores whose files were changed, removed or exchanged; salvage, kept generations, backups.
+#include <checksum.h>
 #include <gmock/gmock.h>
 
 #include <algorithm>
@@ -57,6 +58,20 @@ class DurableDamage : public DurableTest {
 
   std::vector<std::string> contents_;
 };
+
+TEST(DurableChecksum, InstructionAndTableAgree) {
+  using tslb_durable::crc32c, tslb_durable::crc32c_by_table;
+  EXPECT_EQ(crc32c("123456789", 9), 0xE3069283);
+  EXPECT_EQ(crc32c("6789", 4, crc32c("12345", 5)), 0xE3069283);
+  std::mt19937 random(5);
+  std::string bytes(300, '\0');
+  for (char &byte : bytes) byte = static_cast<char>(random());
+  for (size_t from = 0; from < 9; ++from)
+    for (size_t count = 0; count < 280; ++count) {
+      const uint32_t before = static_cast<uint32_t>(random());
+      ASSERT_EQ(crc32c(&bytes[from], count, before), crc32c_by_table(&bytes[from], count, before)) << from << count;
+    }
+}
 
 TEST_F(DurableDamage, EachFlippedBitAfterAnOrderlyEndIsRefused) {
   ASSERT_NO_FATAL_FAILURE(fill(folder_, true));

@@ -7,26 +7,13 @@
 #include <utility>
 
 #include "database_support.h"
-#include "journal/checksum.h"
 #include "query/report.h"
+#include "store/figures.h"
 
-TEST(Checksum, InstructionAndTableAgree) {
-  EXPECT_EQ(crc32c("123456789", 9), 0xE3069283);
-  EXPECT_EQ(crc32c("6789", 4, crc32c("12345", 5)), 0xE3069283);
-  std::mt19937 random(5);
-  std::string bytes(300, '\0');
-  for (char &byte : bytes) byte = static_cast<char>(random());
-  for (size_t from = 0; from < 9; ++from)
-    for (size_t count = 0; count < 280; ++count) {
-      const uint32_t before = static_cast<uint32_t>(random());
-      ASSERT_EQ(crc32c(&bytes[from], count, before), crc32c_by_table(&bytes[from], count, before)) << from << count;
-    }
-}
-
-class RoundTrip : public Folder, public testing::WithParamInterface<StoreKind> {};
+using RoundTrip = Folder;
 
 // Compared with a store that is never closed. Compares blocks: points, records, nodes, lists and cursors.
-TEST_P(RoundTrip, ReopenedStoreContinuesUnchanged) {
+TEST_F(RoundTrip, ReopenedStoreContinuesUnchanged) {
   constexpr int N_BATCHES = 103;  // so that the number of points is no multiple of points_per_sweep
   const auto fill = [](Store &store, int first) {
     for (int number = first; number < first + N_BATCHES; ++number) load(store, batch_text(number));
@@ -45,17 +32,10 @@ TEST_P(RoundTrip, ReopenedStoreContinuesUnchanged) {
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.what);
-    fs::remove_all(path("straight"));
     fs::remove_all(path("db"));
     StoreConfig config = row.config;
     config.key_slot_bytes = 256;
     config.point_slot_bytes = 3000;
-    Database straight_folder(path("straight"), Database::Use::create), folder(path("db"), Database::Use::create);
-    std::optional<NewGeneration> straight_blocks, blocks;
-    if (GetParam() == StoreKind::shm) {
-      config.mem_type = MPOOL_TYPE_SHM;
-      straight_blocks.emplace(straight_folder).set_block_file_path();
-    }
     Store straight(config);
     fill(straight, 0);
     const std::string half_time = image_of(straight), half_time_figures = figures_of(straight);
@@ -68,152 +48,155 @@ TEST_P(RoundTrip, ReopenedStoreContinuesUnchanged) {
 
     GenerationInfo written;
     {
-      if (GetParam() == StoreKind::shm) blocks.emplace(folder).set_block_file_path();
-      Store store(config);
-      fill(store, 0);
-      ASSERT_EQ(image_of(store), half_time) << "the input is not reproducible";
-      written = blocks ? blocks->seal_block_files(store) : keep(folder, store);
+      OpenDatabase created = open_to_change(path("db"), config);
+      fill(created.store(), 0);
+      ASSERT_EQ(image_of(created.store()), half_time) << "the input is not reproducible";
+      written = created.write();
     }
-    LoadedDatabase opened = folder.open();
-    EXPECT_EQ(opened.generation.kind, GetParam());
-    EXPECT_EQ(opened.generation.bytes(), written.bytes());
-    uint64_t bytes_there = 0;
-    for (const auto &[name, content] : tree_of(folder.folder())) bytes_there += content.size();
-    EXPECT_EQ(written.bytes(), bytes_there);
-    EXPECT_EQ(figures_of(opened.store), half_time_figures);
-    EXPECT_TRUE(image_of(opened.store) == half_time) << "the opened store differs";
-    EXPECT_EQ(series_table(opened.store, "m,n=* f").find("no series"), std::string::npos);
+    OpenDatabase opened = open_to_change(path("db"));
+    EXPECT_EQ(generation_info(path("db"), opened.generation()).bytes(), written.bytes());
+    EXPECT_EQ(figures_of(opened.store()), half_time_figures);
+    EXPECT_TRUE(image_of(opened.store()) == half_time) << "the opened store differs";
+    EXPECT_EQ(series_table(opened.store(), "m,n=* f").find("no series"), std::string::npos);
 
-    fill(opened.store, N_BATCHES);
-    EXPECT_EQ(figures_of(opened.store), figures_of(straight));
-    EXPECT_TRUE(image_of(opened.store) == image_of(straight)) << "it did not continue as the original";
-    EXPECT_EQ(series_table(opened.store, "*"), series_table(straight, "*"));
+    fill(opened.store(), N_BATCHES);
+    EXPECT_EQ(figures_of(opened.store()), figures_of(straight));
+    EXPECT_TRUE(image_of(opened.store()) == image_of(straight)) << "it did not continue as the original";
+    EXPECT_EQ(series_table(opened.store(), "*"), series_table(straight, "*"));
 
-    // The next generation is written as streams in any case.
-    EXPECT_EQ(keep(folder, opened.store).number, 2u);
-    EXPECT_THAT(names_in(folder.folder()), ElementsAre("generation.2"));
-    const LoadedDatabase again = folder.open();
-    EXPECT_EQ(again.generation.kind, StoreKind::snapshot);
-    EXPECT_EQ(figures_of(again.store), figures_of(straight));
-    EXPECT_TRUE(image_of(again.store) == image_of(straight));
+    EXPECT_EQ(opened.write().number, 2u);
+    EXPECT_THAT(names_in(path("db")), ElementsAre("generation.2", "journal.2", "lock", "store"));
+    const OpenDatabase again(path("db"));
+    EXPECT_EQ(figures_of(again.store()), figures_of(straight));
+    EXPECT_TRUE(image_of(again.store()) == image_of(straight));
   }
 }
-INSTANTIATE_TEST_SUITE_P(Stores, RoundTrip, testing::ValuesIn(STORE_KINDS), name_of_kind);
-
-using RoundTripOfPoints = Folder;
-
-TEST_F(RoundTripOfPoints, BitForBit) {
+TEST_F(RoundTrip, PointsBitForBit) {
   using Limits = std::numeric_limits<double>;
   const std::vector<Point> points = {
       {INT64_MIN, 0.0},          {INT64_MAX, -0.0},         {0, Limits::infinity()},
       {-1, -Limits::infinity()}, {1, Limits::denorm_min()}, {2, std::bit_cast<double>(uint64_t{0xFFF8000000000001})},
       {3, Limits::max()}};
-  Database folder(path("db"), Database::Use::create);
   {
-    Store store;
-    for (const Point &point : points) store.add("m f", point);
-    store.add(std::string(Store::MAX_KEY_BYTES, 'k'), {0, 1.0});
-    keep(folder, store);
+    OpenDatabase created = open_to_change(path("db"));
+    for (const Point &point : points) created.store().add("m f", point);
+    created.store().add(std::string(Store::MAX_KEY_BYTES, 'k'), {0, 1.0});
+    created.write();
   }
-  const LoadedDatabase opened = folder.open();
-  const std::vector<Point> found = points_of(opened.store, 0);
+  const OpenDatabase opened(path("db"));
+  const std::vector<Point> found = points_of(opened.store(), 0);
   ASSERT_EQ(found.size(), points.size());
   EXPECT_EQ(std::memcmp(found.data(), points.data(), points.size() * sizeof(Point)), 0);
-  EXPECT_EQ(opened.store.key(1), std::string(Store::MAX_KEY_BYTES, 'k'));
+  EXPECT_EQ(opened.store().key(1), std::string(Store::MAX_KEY_BYTES, 'k'));
   // The range exceeds 64 bits, and some times are before 1970.
-  EXPECT_THAT(database_summary("db", opened.store, opened.generation, 0.0),
+  EXPECT_THAT(database_summary("db", opened.store(), generation_info(path("db"), opened.generation()), 0.0),
               HasSubstr("oldest           -9223372036854775808 (1677-09-21 00:12:43.145224192 UTC)\n"
                         "newest           9223372036854775807 (2262-04-11 23:47:16.854775807 UTC)\n"));
 }
 
 using Writing = SmallDatabase;
 
-// The state after a process that ended between writing and renaming, or between renaming and removing the old
-// generation. The crash tests meet each of these moments.
-TEST_F(Writing, NewestGenerationIsUsedAndLeftoversAreRemoved) {
-  ASSERT_NO_FATAL_FAILURE(keep_filled(StoreKind::snapshot));
-  const fs::path old = root_ / "old", half = root_ / "db" / "generation.3.new";
-  fs::copy(generation(), old);
-  LoadedDatabase opened = database_->open();
-  opened.store.add("d f", {181, 1.0});
-  keep(*database_, opened.store);
-  fs::rename(old, generation());
-  fs::copy(generation(), half);
-  fs::resize_file(half / "points.stream", 10);
-  fs::create_directory(root_ / "db" / "somebody's.new");
-  EXPECT_EQ(database_->open().generation.number, 2u);
-  EXPECT_EQ(figures_of(database_->open().store), figures_of(opened.store));
-  // An older generation must not hide damage of the newest one.
-  const fs::path points = root_ / "db" / "generation.2" / "points.stream";
-  const std::string whole = read_file(points);
-  fs::remove(points);
-  EXPECT_THAT(refusal(), StartsWith(points.string()));
-  write_file(points, whole);
-  keep(*database_, opened.store);
-  EXPECT_THAT(names_in(root_ / "db"), ElementsAre("generation.3", "somebody's.new"));
-}
-
 // Limits on the file size make writes to each of the files fail.
 TEST_F(Writing, FailedWriteChangesNothing) {
-  ASSERT_NO_FATAL_FAILURE(keep_filled(StoreKind::snapshot));
-  LoadedDatabase opened = database_->open();
-  for (int i = 0; i < 3000; ++i) opened.store.add(fmt::format("many,n={} f", i % 40), {181 + i % 7, 1.0});
+  ASSERT_NO_FATAL_FAILURE(keep_filled());
   const auto before = tree_of(root_);
   const auto old_handler = signal(SIGXFSZ, SIG_IGN);
   std::set<std::string> refused_files;
+  const auto with_many_series = [this] {
+    OpenDatabase opened = open_to_change(db());
+    for (int i = 0; i < 3000; ++i) opened.store().add(fmt::format("many,n={} f", i % 40), {181 + i % 7, 1.0});
+    return opened;
+  };
   for (const rlim_t max_bytes : {0, 100, 1500, 2300, 2500, 2800, 3500, 20'000}) {
-    testing::internal::CaptureStderr();
+    OpenDatabase opened = with_many_series();
     const std::string what = refusal_of([&] {
       const limit_t tight(RLIMIT_FSIZE, max_bytes);
-      keep(*database_, opened.store);
+      opened.write();
     });
-    testing::internal::GetCapturedStderr();
     EXPECT_THAT(what, HasSubstr("cannot be written")) << max_bytes;
     refused_files.insert(fs::path(what.substr(0, what.find(": "))).filename());
-    EXPECT_TRUE(tree_of(root_) == before) << max_bytes;
   }
   signal(SIGXFSZ, old_handler);
+  EXPECT_TRUE(tree_of(root_) == before);
   EXPECT_GE(refused_files.size(), 2u) << "all limits affected the same file";
-  keep(*database_, opened.store);
-  EXPECT_EQ(figures_of(database_->open().store), figures_of(opened.store));
+  OpenDatabase opened = with_many_series();
+  const std::string figures = figures_of(opened.store());
+  opened.write();
+  EXPECT_EQ(figures_of(OpenDatabase(db()).store()), figures);
 }
 
 TEST_F(Writing, OneWriterAtATime) {
-  ASSERT_NO_FATAL_FAILURE(keep_filled(StoreKind::snapshot));
-  const auto write = [this] { const Database second(path("db"), Database::Use::write); };
-  EXPECT_EQ(refusal_of(write), path("db") + ": another process is writing to it");
-  EXPECT_EQ(Database(path("db"), Database::Use::read).open().generation.number, 1u) << "readers are kept out";
-  database_.reset();
+  ASSERT_NO_FATAL_FAILURE(keep_filled());
+  std::optional<OpenDatabase> first(open_to_change(db()));
+  const auto write = [this] { open_to_change(db()); };
+  EXPECT_EQ(refusal_of(write), db() + ": another writer has the store");
+  EXPECT_EQ(OpenDatabase(db()).generation(), 1u) << "readers are kept out";
+  first.reset();
   EXPECT_EQ(refusal_of(write), "");
 }
 
 TEST_F(Writing, ReadersSeeCompleteGenerations) {
-  Database folder(path("busy"), Database::Use::create);
-  Store store(config());
-  store.add("a f", {0, 0.0});
-  keep(folder, store);
+  {
+    OpenDatabase created = open_to_change(db(), config());
+    created.store().add("a f", {0, 0.0});
+    created.write();
+  }
   std::atomic<bool> done{false};
   std::string failure;
   std::atomic<uint64_t> n_opened{0};
   uint64_t last_points = 0;
   std::thread reader([&] {
-    const Database reading(folder.folder(), Database::Use::read);
     for (; !done && failure.empty(); ++n_opened)
       failure = refusal_of([&] {
-        const LoadedDatabase opened = reading.open();
+        const OpenDatabase opened(db());
         // A generation contains as many points as its number.
-        EXPECT_EQ(opened.store.n_points(), opened.generation.number);
-        EXPECT_GE(opened.store.n_points(), std::exchange(last_points, opened.store.n_points()));
+        EXPECT_EQ(opened.store().n_points(), opened.generation());
+        EXPECT_GE(opened.store().n_points(), std::exchange(last_points, opened.store().n_points()));
       });
   });
   // The reader may start late: the writer then goes on, more slowly, until enough generations were opened.
   for (int i = 1; i < 60 || (n_opened <= 5 && i < 10000); ++i) {
-    store.append(0, {i, 0.0});
-    keep(folder, store);
+    OpenDatabase opened = open_to_change(db());
+    opened.store().append(0, {i, 0.0});
+    opened.write();
     if (i >= 60) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   done = true;
   reader.join();
   EXPECT_EQ(failure, "");
   EXPECT_GT(n_opened, 5u);
+}
+
+// Payloads that other programs, or later versions, could have written.
+TEST_F(Writing, FiguresHaveOneTextAndLimits) {
+  Store store(config());
+  fill(store);
+  const std::string whole = figures_text(store.config(), store.state());
+  const struct {
+    const char *fault, *found, *put, *message;
+  } rows[] = {
+      {"a later version", "metricdb 3\n", "metricdb 4\n", "unknown format \"metricdb 4\""},
+      {"an unknown layout", "layout 1", "layout 2", "layout \"2\""},
+      {"a line left out", "retain_ns 100\n", "", "\"idle_ns 50\", expected \"retain_ns\""},
+      {"a negative time span", "retain_ns 100", "retain_ns -100", "retain_ns \"-100\""},
+      {"a percentage above 100", "reuse_inactive_pct 0", "reuse_inactive_pct 101", "reuse_inactive_pct \"101\""},
+      {"letters after a number", "idle_ns 50", "idle_ns 50s", "idle_ns \"50s\""},
+      {"another spelling", "idle_ns 50", "idle_ns 050", "not the text that this program writes"},
+      {"a huge slot size", "point_slot_bytes 2400", "point_slot_bytes 16777217", "point_slot_bytes \""},
+      {"more text", "point_slots_freed", "more 1\npoint_slots_freed", "\"more 1\", expected \"point_slots_freed\""},
+  };
+  StoreConfig read_config;
+  StoreState read_state;
+  read_figures(whole, read_config, read_state);
+  EXPECT_EQ(figures_text(read_config, read_state), whole);
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    std::string text = whole;
+    const size_t at = text.find(row.found);
+    ASSERT_NE(at, text.npos) << text;
+    text.replace(at, std::strlen(row.found), row.put);
+    EXPECT_THAT(refusal_of([&] { read_figures(text, read_config, read_state); }), HasSubstr(row.message));
+  }
+  for (size_t bytes = 0; bytes < whole.size(); ++bytes)
+    ASSERT_NE(refusal_of([&] { read_figures(whole.substr(0, bytes), read_config, read_state); }), "") << bytes;
 }

@@ -2,8 +2,8 @@
 
 #include <list>
 
-#include "store/log.h"
 #include "server_support.h"
+#include "store/log.h"
 
 using Bounds = Folder;
 

@@ -9,8 +9,12 @@
 #include "cli/line_source.h"
 #include "cli/output.h"
 #include "cli/write_options.h"
+<<<<<<< HEAD
+=======
 #include "store/log.h"
+>>>>>>> 849eaa61c1ff322441a9fbfeece636806ef785c7
 #include "store/database_writer.h"
+#include "store/log.h"
 
 namespace metricdb {
 namespace {

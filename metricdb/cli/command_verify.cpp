@@ -66,7 +66,11 @@ int verify(const VerifyArguments &arguments) {
   print(fmt::format("verified         {}: generation {}, layout {} of the catalogue; {} batches in its journal\n"
                     "series           {} in {} slots, {} inactive, {} free; every key leads to its series\n"
                     "points           {}, in chains that contain each chunk once\n",
+<<<<<<< HEAD
+                    arguments.db, opened.generation(), store.config().layout, opened.n_batches(), n_keys,
+=======
                     arguments.db, opened.generation().number, store.config().layout, opened.n_batches(), n_keys,
+>>>>>>> 849eaa61c1ff322441a9fbfeece636806ef785c7
                     store.n_slots(), store.n_inactive(), uint32_t{lists_of(store.catalogue())->n_free}, n_points) +
         pool_line("keys", store.keys(), store.key_bytes()) + pool_line("points", store.points(), store.point_bytes()));
   return EXIT_GOOD;

@@ -17,10 +17,14 @@
 #include "cli/write_options.h"
 #include "extra/check.h"
 #include "extra/proc_sampler.h"
+<<<<<<< HEAD
+=======
 #include "store/log.h"
+>>>>>>> 849eaa61c1ff322441a9fbfeece636806ef785c7
 #include "query/report.h"
 #include "store/database.h"
 #include "store/loader.h"
+#include "store/log.h"
 #include "store/store.h"
 
 namespace metricdb {
@@ -238,7 +242,11 @@ int stat(const VerifyArguments &arguments) {
   const Clock::time_point begin = Clock::now();
   const OpenDatabase opened = open_to_read(arguments.db, arguments.salvage);
   const double seconds = seconds_of(Clock::now() - begin);
+<<<<<<< HEAD
+  print(database_summary(arguments.db, opened.store(), generation_info(arguments.db, opened.generation()), seconds));
+=======
   print(database_summary(arguments.db, opened.store(), opened.generation(), seconds));
+>>>>>>> 849eaa61c1ff322441a9fbfeece636806ef785c7
   return EXIT_GOOD;
 }
 

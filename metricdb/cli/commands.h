@@ -61,7 +61,7 @@ struct RecordArguments {
 struct WriteArguments {
   std::string db;
   std::string sync = "batch";
-  uint64_t snapshot_mb = 256;  // 0: snapshots only on request
+  double snapshot_mb = 256;  // 0: snapshots only on request
   bool salvage = false;
   std::optional<int> layout;
   ForgettingChange forgetting;

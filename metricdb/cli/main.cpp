@@ -160,7 +160,7 @@ void add_write(CLI::App *command, WriteArguments &arguments) {
   command
       ->add_option("--snapshot-mb", arguments.snapshot_mb,
                    "write a snapshot each time the journal has grown by this size; 0: never")
-      ->check(CLI::Range(0, 1 << 20).description(""))
+      ->check(CLI::Range(0.0, double{1 << 20}).description(""))
       ->capture_default_str()
       ->type_name("MIB");
   add_forgetting(command, arguments.forgetting);

@@ -18,7 +18,11 @@ WriterOptions writer_options_of(const WriteArguments &arguments) {
   options.sync = arguments.sync == "always" ? TSLB_SYNC_ALWAYS
                  : arguments.sync == "none" ? TSLB_SYNC_NONE
                                             : TSLB_SYNC_GROUP;
+<<<<<<< HEAD
+  options.snapshot_bytes = static_cast<uint64_t>(arguments.snapshot_mb * (1 << 20));
+=======
   options.snapshot_bytes = arguments.snapshot_mb << 20;
+>>>>>>> 849eaa61c1ff322441a9fbfeece636806ef785c7
   options.salvage = arguments.salvage;
   if (arguments.layout) options.layout = static_cast<uint8_t>(*arguments.layout);
   options.forgetting = arguments.forgetting;

@@ -15,11 +15,15 @@
 #include <utility>
 #include <vector>
 
+<<<<<<< HEAD
+=======
 #include "store/log.h"
+>>>>>>> 849eaa61c1ff322441a9fbfeece636806ef785c7
 #include "net/connection.h"
 #include "net/graphite_connection.h"
 #include "net/http_connection.h"
 #include "net/listener.h"
+#include "store/log.h"
 
 namespace metricdb {
 namespace {

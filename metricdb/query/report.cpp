@@ -117,9 +117,15 @@ std::string shown_time(int64_t ts_ns) {
 
 std::string array_lines(const char *name, DynArrHandle_t *array, const ArrayFiles &files, const PoolBytes *bytes) {
   const auto *const lists = static_cast<const DynArrLLI_t *>(tslb_da_get_lli(array));
+<<<<<<< HEAD
+  std::string text =
+      fmt::format("{:<17}{} slots used, {} of them free, {} inactive; {} bytes in its file, {} on the disk\n", name,
+                  tslb_da_get_size(array), lists->n_free, lists->n_inact, files.bytes, files.allocated_bytes);
+=======
   std::string text = fmt::format(
       "{:<17}{} slots used, {} of them free, {} inactive; {} bytes in its file, {} on the disk\n", name,
       tslb_da_get_size(array), lists->n_free, lists->n_inact, files.bytes, files.allocated_bytes);
+>>>>>>> 849eaa61c1ff322441a9fbfeece636806ef785c7
   if (bytes != nullptr)
     text += fmt::format("{:17}{} bytes of chunks, {} of them deleted\n", "", bytes->used, bytes->deleted);
   return text;

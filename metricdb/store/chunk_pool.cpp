@@ -40,8 +40,12 @@ char *ChunkPool::take(size_t bytes, const srcaddr_t &referrer, maddr_t &address)
                                 header->mslot_sz));
   if (batch_ != nullptr) {
     tslb_error_t error;
+<<<<<<< HEAD
+    void *const data = tslb_batch_take_chunk(batch_, number_, static_cast<uint32_t>(bytes), referrer, &address, &error);
+=======
     void *const data =
         tslb_batch_take_chunk(batch_, number_, static_cast<uint32_t>(bytes), referrer, &address, &error);
+>>>>>>> 849eaa61c1ff322441a9fbfeece636806ef785c7
     if (data == nullptr) throw StoreFull(error.text);
     batch_bytes_ += bytes;
     return static_cast<char *>(data);

@@ -47,10 +47,16 @@ uint64_t GenerationInfo::allocated_bytes() const {
   return bytes;
 }
 
+<<<<<<< HEAD
+GenerationInfo generation_info(const std::string &folder, uint64_t number) {
+  GenerationInfo info;
+  info.number = number;
+=======
 GenerationInfo generation_info(const std::string &folder, uint64_t number, uint8_t layout) {
   GenerationInfo info;
   info.number = number;
   info.layout = layout;
+>>>>>>> 849eaa61c1ff322441a9fbfeece636806ef785c7
   const std::string path = fmt::format("{}/generation.{}", folder, number);
   for (uint32_t i = 0; i < N_ARRAYS; ++i) {
     const struct stat about = stat_of(fmt::format("{}/{}.stream", path, ARRAY_NAMES[i]));
@@ -68,9 +74,14 @@ ArrayParameters parameters_of(const std::string &folder, const std::optional<uin
     return {layout.value_or(new_config->layout), new_config->key_slot_bytes, new_config->point_slot_bytes};
   }
   if (layout && *layout > parameters->layout)
+<<<<<<< HEAD
+    throw DatabaseError(fmt::format("{}: the catalogue has layout {}, and cannot be converted to the newer layout {}",
+                                    folder, parameters->layout, *layout));
+=======
     throw DatabaseError(
         fmt::format("{}: the catalogue has layout {}, and cannot be converted to the newer layout {}", folder,
                     parameters->layout, *layout));
+>>>>>>> 849eaa61c1ff322441a9fbfeece636806ef785c7
   parameters->layout = layout.value_or(parameters->layout);
   return *parameters;
 }
@@ -88,9 +99,14 @@ Store store_of(const std::string &folder, const DurableArrays &durable, const St
     throw DatabaseError(fmt::format("{}: payload: {}", folder, error.what()));
   } catch (const StoreDamaged &damage) {
     const bool is_array = damage.where() != StoreDamaged::Where::state;
+<<<<<<< HEAD
+    throw DatabaseError(fmt::format(
+        "{}: {}: {}", folder, is_array ? ARRAY_NAMES[static_cast<size_t>(damage.where())] : "figures", damage.what()));
+=======
     throw DatabaseError(fmt::format("{}: {}: {}", folder,
                                     is_array ? ARRAY_NAMES[static_cast<size_t>(damage.where())] : "figures",
                                     damage.what()));
+>>>>>>> 849eaa61c1ff322441a9fbfeece636806ef785c7
   }
 }
 
@@ -100,10 +116,16 @@ OpenDatabase::OpenDatabase(const std::string &folder, const OpenOptions &options
       durable_(folder_, parameters_of(folder_, options.layout, config), store_options(options, use)) {
   store_.emplace(store_of(folder_, durable_, config.value_or(StoreConfig())));
   const tslb_store_info_t info = durable_.info();
+<<<<<<< HEAD
+  n_batches_ = info.n_batches_found;
+  warnings_ = info.warning;
+  generation_ = info.generation;
+=======
   was_created_ = info.was_created != 0;
   n_batches_ = info.n_batches_found;
   warnings_ = info.warning;
   if (!was_created_) generation_ = generation_info(folder_, info.generation, store_->config().layout);
+>>>>>>> 849eaa61c1ff322441a9fbfeece636806ef785c7
   TSLB_DLOG(LOG_PROGRESS, "%s: opened, generation %llu, %u series, %llu points", folder_.c_str(),
             static_cast<unsigned long long>(info.generation), store_->n_series(),
             static_cast<unsigned long long>(store_->n_points()));
@@ -112,7 +134,11 @@ OpenDatabase::OpenDatabase(const std::string &folder, const OpenOptions &options
 GenerationInfo OpenDatabase::write() {
   durable_.set_payload(figures_text(store_->config(), store_->state()));
   durable_.snapshot();
+<<<<<<< HEAD
+  const GenerationInfo written = generation_info(folder_, durable_.info().generation);
+=======
   const GenerationInfo written = generation_info(folder_, durable_.info().generation, store_->config().layout);
+>>>>>>> 849eaa61c1ff322441a9fbfeece636806ef785c7
   store_.reset();
   durable_.close();
   return written;

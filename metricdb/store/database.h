@@ -23,7 +23,10 @@ struct ArrayFiles {
 // A generation on the disk.
 struct GenerationInfo {
   uint64_t number = 0;
+<<<<<<< HEAD
+=======
   uint8_t layout = NEWEST_LAYOUT;           // of the catalogue
+>>>>>>> 849eaa61c1ff322441a9fbfeece636806ef785c7
   std::array<ArrayFiles, N_ARRAYS> arrays;  // in the order of ARRAY_NAMES
   uint64_t manifest_bytes = 0;
 
@@ -32,7 +35,11 @@ struct GenerationInfo {
 };
 
 // Returns the sizes of the files of a generation. Throws DatabaseError.
+<<<<<<< HEAD
+GenerationInfo generation_info(const std::string &folder, uint64_t number);
+=======
 GenerationInfo generation_info(const std::string &folder, uint64_t number, uint8_t layout);
+>>>>>>> 849eaa61c1ff322441a9fbfeece636806ef785c7
 
 struct OpenOptions {
   // Uses what precedes damage. If the newest generation is damaged, uses an older one with the following journals, if it
@@ -61,8 +68,12 @@ class OpenDatabase {
   const std::string &folder() const { return folder_; }
   Store &store() { return *store_; }
   const Store &store() const { return *store_; }
+<<<<<<< HEAD
+  uint64_t generation() const { return generation_; }
+=======
   const GenerationInfo &generation() const { return generation_; }
   bool was_created() const { return was_created_; }
+>>>>>>> 849eaa61c1ff322441a9fbfeece636806ef785c7
   uint64_t n_batches() const { return n_batches_; }  // in the journals since the generation
   // What was remarkable, one line; empty if nothing was.
   const std::string &warnings() const { return warnings_; }
@@ -74,8 +85,12 @@ class OpenDatabase {
   std::string folder_;
   DurableArrays durable_;
   std::optional<Store> store_;
+<<<<<<< HEAD
+  uint64_t generation_ = 0;
+=======
   GenerationInfo generation_;
   bool was_created_ = false;
+>>>>>>> 849eaa61c1ff322441a9fbfeece636806ef785c7
   uint64_t n_batches_ = 0;
   std::string warnings_;
 };

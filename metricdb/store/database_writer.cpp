@@ -84,6 +84,37 @@ void DatabaseWriter::apply_forgetting_options() {
 // ---- Batches ----
 
 // After a refused batch the arrays are brought back to the last durable one.
+<<<<<<< HEAD
+void DatabaseWriter::restore(const std::string &why) {
+  report_refusal(fmt::format("a batch was refused, the arrays are loaded again: {}", why));
+  loader_.reset();
+  store_.reset();
+  durable_->restore();
+  read_store();
+}
+
+void DatabaseWriter::begin_batch() {
+  if (batch_ != nullptr) return;
+  batch_ = durable_->begin();
+  if (batch_ == nullptr) {
+    restore(durable_->error());
+    batch_ = durable_->begin();
+    if (batch_ == nullptr) throw DatabaseError(durable_->error());
+  }
+  store_->begin_batch(batch_);
+}
+
+void DatabaseWriter::expect_room(size_t text_bytes) {
+  const uint64_t bytes = text_bytes * JOURNAL_BYTES_PER_TEXT_BYTE + JOURNAL_BYTES_PER_BATCH;
+  tslb_error_t error;
+  int result = tslb_store_reserve(durable_->get(), bytes, &error);
+  if (result != 0 && error.code == TSLB_DURABLE_REFUSED) {
+    restore(error.text);
+    result = tslb_store_reserve(durable_->get(), bytes, &error);
+  }
+  if (result != 0 && error.code == TSLB_DURABLE_BROKEN) throw DatabaseError(error.text);
+  if (result != 0) throw IngestRefused(error.text);
+=======
 void DatabaseWriter::begin_batch() {
   if (batch_ != nullptr) return;
   batch_ = durable_->begin();
@@ -103,6 +134,7 @@ void DatabaseWriter::expect_room(size_t text_bytes) {
   tslb_error_t error;
   if (tslb_store_reserve(durable_->get(), text_bytes * JOURNAL_BYTES_PER_TEXT_BYTE + JOURNAL_BYTES_PER_BATCH, &error) != 0)
     throw IngestRefused(error.text);
+>>>>>>> 849eaa61c1ff322441a9fbfeece636806ef785c7
 }
 
 // A batch is in memory until it is written, and the changes of new and short series are much larger than their text. So
@@ -128,6 +160,11 @@ void DatabaseWriter::load_within_bounds(std::string_view text, Precision precisi
 }
 
 IngestResult DatabaseWriter::take(std::string_view text, Precision precision) {
+<<<<<<< HEAD
+  // A batch that began before a refusal would be refused too.
+  if (batch_ != nullptr && !has_points_ && !failure(last_ended_).empty()) commit();
+=======
+>>>>>>> 849eaa61c1ff322441a9fbfeece636806ef785c7
   // Before a batch is open: the group that is written while space is reserved waits for open batches.
   if (batch_ == nullptr) expect_room(text.size());
   begin_batch();
@@ -145,9 +182,15 @@ uint64_t DatabaseWriter::commit() {
   store_->end_batch();
   const std::string figures = figures_text(store_->config(), store_->state());
   tslb_batch_set_payload(batch_, figures.data(), figures.size(), nullptr);
+<<<<<<< HEAD
+  last_ended_ = tslb_batch_end(std::exchange(batch_, nullptr));
+  // A batch without points need not be waited for.
+  if (std::exchange(has_points_, false)) last_ticket_ = last_ended_;
+=======
   const uint64_t ticket = tslb_batch_end(std::exchange(batch_, nullptr));
   // A batch without points need not be waited for.
   if (std::exchange(has_points_, false)) last_ticket_ = ticket;
+>>>>>>> 849eaa61c1ff322441a9fbfeece636806ef785c7
   return last_ticket_;
 }
 
@@ -163,6 +206,16 @@ std::string DatabaseWriter::failure(uint64_t ticket) {
 }
 
 std::string DatabaseWriter::wait(uint64_t ticket) {
+<<<<<<< HEAD
+  tslb_error_t error;
+  int result = ticket == 0 ? 0 : tslb_store_check(durable_->get(), ticket, &error);
+  if (result == 1) {
+    // A batch of this thread can be open, and would keep the group from ending.
+    commit();
+    result = tslb_store_wait(durable_->get(), ticket, &error);
+  }
+  return result == 0 ? "" : error.text;
+=======
   // A batch of this thread may be open, and would keep the group from ending.
   if (tslb_store_settled(durable_->get()) < ticket) commit();
   tslb_error_t error;
@@ -170,13 +223,18 @@ std::string DatabaseWriter::wait(uint64_t ticket) {
   return tslb_store_check(durable_->get(), ticket, &error) < 0 || tslb_store_wait(durable_->get(), ticket, &error) != 0
              ? error.text
              : "";
+>>>>>>> 849eaa61c1ff322441a9fbfeece636806ef785c7
 }
 
 GenerationInfo DatabaseWriter::snapshot() {
   commit();
   if (const std::string why = wait(last_ticket_); !why.empty()) throw DatabaseError(why);
   durable_->snapshot();
+<<<<<<< HEAD
+  return generation_info(folder_, durable_->info().generation);
+=======
   return generation_info(folder_, durable_->info().generation, store_->config().layout);
+>>>>>>> 849eaa61c1ff322441a9fbfeece636806ef785c7
 }
 
 void DatabaseWriter::close() {

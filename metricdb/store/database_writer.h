@@ -59,6 +59,10 @@ class DatabaseWriter final : public Ingest {
   void open(const ArrayParameters &parameters);
   void read_store();
   void apply_forgetting_options();
+<<<<<<< HEAD
+  void restore(const std::string &why);
+=======
+>>>>>>> 849eaa61c1ff322441a9fbfeece636806ef785c7
   void begin_batch();
   void expect_room(size_t text_bytes);
   void load_within_bounds(std::string_view text, Precision precision);
@@ -69,11 +73,20 @@ class DatabaseWriter final : public Ingest {
   std::optional<DurableArrays> durable_;
   std::optional<Store> store_;
   std::unique_ptr<Loader> loader_;
+<<<<<<< HEAD
+  IngestResult result_;        // of the current call of `take`
+  uint64_t lines_before_ = 0;  // of its text, before the current piece
+  tslb_batch_t *batch_ = nullptr;
+  bool has_points_ = false;   // the batch has points, or changed limits
+  uint64_t last_ticket_ = 0;  // of a batch with points
+  uint64_t last_ended_ = 0;   // of any batch
+=======
   IngestResult result_;         // of the current call of `take`
   uint64_t lines_before_ = 0;   // of its text, before the current piece
   tslb_batch_t *batch_ = nullptr;
   bool has_points_ = false;     // the batch has points, or changed limits
   uint64_t last_ticket_ = 0;
+>>>>>>> 849eaa61c1ff322441a9fbfeece636806ef785c7
 };
 
 }  // namespace metricdb

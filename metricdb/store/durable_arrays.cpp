@@ -61,7 +61,12 @@ std::optional<ArrayParameters> stored_parameters(const std::string &folder) {
 DurableArrays::DurableArrays(const std::string &folder, const ArrayParameters &parameters,
                              const tslb_store_options_t &options) {
   tslb_array_decl_t decls[N_ARRAYS] = {
+<<<<<<< HEAD
+      {},
+      pool_decl(ARRAY_NAMES[KEYS], TSLB_POOL_BIG_BUFFER, KEYS_TABLE, parameters.key_slot_bytes),
+=======
       {}, pool_decl(ARRAY_NAMES[KEYS], TSLB_POOL_BIG_BUFFER, KEYS_TABLE, parameters.key_slot_bytes),
+>>>>>>> 849eaa61c1ff322441a9fbfeece636806ef785c7
       pool_decl(ARRAY_NAMES[POINTS], TSLB_POOL_BIT_VECTOR, POINTS_TABLE, parameters.point_slot_bytes)};
   tslb_array_decl_t &catalogue = decls[CATALOGUE];
   catalogue.name = ARRAY_NAMES[CATALOGUE];
@@ -104,7 +109,12 @@ tslb_batch_t *DurableArrays::begin() const {
 
 void DurableArrays::set_payload(const std::string &payload) const {
   tslb_error_t error = {};
+<<<<<<< HEAD
+  if (tslb_store_set_payload(store_.get(), payload.data(), payload.size(), &error) != 0)
+    throw DatabaseError(error.text);
+=======
   if (tslb_store_set_payload(store_.get(), payload.data(), payload.size(), &error) != 0) throw DatabaseError(error.text);
+>>>>>>> 849eaa61c1ff322441a9fbfeece636806ef785c7
 }
 
 void DurableArrays::snapshot() const {

@@ -40,7 +40,11 @@ class DurableArrays {
   tslb_store_info_t info() const;
   std::string payload() const;
 
+<<<<<<< HEAD
+  tslb_batch_t *begin() const;                         // null: refused; `error` says why
+=======
   tslb_batch_t *begin() const;  // null: refused; `error` says why
+>>>>>>> 849eaa61c1ff322441a9fbfeece636806ef785c7
   void set_payload(const std::string &payload) const;  // of an import
   void snapshot() const;
   void restore() const;

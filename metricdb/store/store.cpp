@@ -15,8 +15,13 @@ constexpr int CATALOGUE_DIRECT_SLOTS = 64;
 constexpr int NO_DIRECT_SLOTS = 0;  // with direct slots the first memory slots of a pool would exist before use
 
 Array make_pool(int slot_bytes, unsigned char kind_flag, int table) {
+<<<<<<< HEAD
+  Array pool(tslb_init_dynmem_ex(slot_bytes, NO_DIRECT_SLOTS, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM, kind_flag, CONTEXT,
+                                 table, TSLB_DA_DAFLAG_LL, POOL_RECORD_VERSION));
+=======
   Array pool(tslb_init_dynmem_ex(slot_bytes, NO_DIRECT_SLOTS, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM, kind_flag,
                                  CONTEXT, table, TSLB_DA_DAFLAG_LL, POOL_RECORD_VERSION));
+>>>>>>> 849eaa61c1ff322441a9fbfeece636806ef785c7
   if (!pool) throw std::bad_alloc();
   return pool;
 }
@@ -43,12 +48,19 @@ tsdb_mem_pressure_config_t reuse_policy(uint8_t inactive_pct) {
 
 Store::Store(const StoreConfig &config)
     : config_(config),
+<<<<<<< HEAD
+      catalogue_(tslb_da_init_ver(static_cast<int>(series_record_bytes(config.layout)), CATALOGUE_DIRECT_SLOTS,
+                                  MPOOL_TYPE_DRAM, CONTEXT, CATALOGUE_TABLE, TSLB_DA_DAFLAG_INLL, config.layout)),
+      keys_(make_pool(config.key_slot_bytes, 0, KEYS_TABLE), KEYS_NAME, MAX_KEY_SLOTS, KEYS),
+      points_(make_pool(config.point_slot_bytes, MPOOL_FLAG_BV, POINTS_TABLE), POINTS_NAME, MAX_POINT_SLOTS, POINTS) {
+=======
       catalogue_(
           tslb_da_init_ver(static_cast<int>(series_record_bytes(config.layout)),
                            CATALOGUE_DIRECT_SLOTS, MPOOL_TYPE_DRAM, CONTEXT, CATALOGUE_TABLE, TSLB_DA_DAFLAG_INLL, config.layout)),
       keys_(make_pool(config.key_slot_bytes, 0, KEYS_TABLE), KEYS_NAME, MAX_KEY_SLOTS, KEYS),
       points_(make_pool(config.point_slot_bytes, MPOOL_FLAG_BV, POINTS_TABLE), POINTS_NAME,
               MAX_POINT_SLOTS, POINTS) {
+>>>>>>> 849eaa61c1ff322441a9fbfeece636806ef785c7
   if (!catalogue_) throw std::bad_alloc();
   if (config.forgetting.reuse_inactive_pct != 0) register_reuse_policy();
 }

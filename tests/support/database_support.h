@@ -11,23 +11,14 @@
 
 namespace metricdb {
 
-inline GenerationInfo keep(Database &database, const Store &store) {
-  return NewGeneration(database).write_streams(store);
-}
-
-constexpr StoreKind STORE_KINDS[] = {StoreKind::snapshot, StoreKind::shm};
-inline std::string name_of_kind(const testing::TestParamInfo<StoreKind> &kind) {
-  return STORE_NAMES[static_cast<int>(kind.param)];
+// Creates a database with a configuration, or opens it, for changes that `write` makes durable.
+inline OpenDatabase open_to_change(const std::string &folder, const StoreConfig &config = {}) {
+  return OpenDatabase(folder, {}, OpenDatabase::Use::load, config);
 }
 
 // Contains free slots, deleted chunks and inactive series.
 class SmallDatabase : public Folder {
  protected:
-  void SetUp() override {
-    Folder::SetUp();
-    database_.emplace(path("db"), Database::Use::create);
-  }
-
   static StoreConfig config() {
     return {.key_slot_bytes = 64, .point_slot_bytes = 2400, .forgetting = {.retain_ns = 100, .idle_ns = 50}};
   }
@@ -44,35 +35,25 @@ class SmallDatabase : public Folder {
     ASSERT_GT(store.point_bytes().deleted, 0u);
   }
 
-  fs::path generation() const { return root_ / "db" / "generation.1"; }
+  std::string db() const { return path("db"); }
 
   // Returns the reason why the database cannot be opened, in one line; empty if it can. The folder must not change.
   std::string refusal() const {
     const auto before = tree_of(root_);
-    const std::string what = refusal_of([this] { database_->open(); });
+    const std::string what = refusal_of([this] { OpenDatabase opened(db()); });
     EXPECT_TRUE(tree_of(root_) == before) << "the folder was changed";
     EXPECT_EQ(what.find('\n'), std::string::npos) << what;
     return what;
   }
 
-  void keep_filled(
-      StoreKind kind, const std::function<void(Store &)> &damage = [](Store &) {}) {
-    std::optional<NewGeneration> blocks;
-    StoreConfig with_memory = config();
-    if (kind == StoreKind::shm) {
-      blocks.emplace(*database_).set_block_file_path();
-      with_memory.mem_type = MPOOL_TYPE_SHM;
-    }
-    Store store(with_memory);
-    ASSERT_NO_FATAL_FAILURE(fill(store));
-    damage(store);
-    if (blocks)
-      blocks->seal_block_files(store);
-    else
-      keep(*database_, store);
+  // Writes a new database with the small store, after `damage`.
+  void keep_filled(const std::function<void(Store &)> &damage = [](Store &) {}) const {
+    fs::remove_all(db());
+    OpenDatabase database = open_to_change(db(), config());
+    ASSERT_NO_FATAL_FAILURE(fill(database.store()));
+    damage(database.store());
+    database.write();
   }
-
-  std::optional<Database> database_;
 };
 
 }  // namespace metricdb

@@ -2,9 +2,10 @@
 #ifndef WRITER_SUPPORT_H
 #define WRITER_SUPPORT_H
 
+#include <io_faults.h>
+
 #include <numeric>
 
-#include "journal/io_faults.h"
 #include "metricdb_support.h"
 #include "store/database_writer.h"
 #include "store/store_internal.h"
@@ -31,8 +32,7 @@ inline std::vector<int> numbers_from(int first, int end) {
   return numbers;
 }
 
-// Of a store in memory with these batches. Not while a writer exists: its journal would contain the changes of this
-// store.
+// Of a store in memory with these batches.
 inline Content records_after(const std::vector<int> &numbers) {
   Store store;
   for (const int number : numbers) load(store, batch_text(number));
@@ -44,10 +44,7 @@ class Writer : public Folder {
   std::string db() const { return path("db"); }
 
   // Creates an empty database with this configuration.
-  void create(const StoreConfig &config) const {
-    Database database(db(), Database::Use::create);
-    NewGeneration(database).write_streams(Store(config));
-  }
+  void create(const StoreConfig &config) const { OpenDatabase(db(), {}, OpenDatabase::Use::load, config).write(); }
 
   // Writes a batch and waits for it; `meanwhile` is stored before. Returns the reason of a refusal, or nothing.
   static std::string put(DatabaseWriter &writer, std::string_view text, std::string_view meanwhile = "") {
@@ -62,7 +59,7 @@ class Writer : public Folder {
     }
   }
 
-  LoadedDatabase reopened() const { return Database(db(), Database::Use::read).open(); }
+  OpenDatabase reopened() const { return OpenDatabase(db()); }
 };
 
 }  // namespace metricdb
