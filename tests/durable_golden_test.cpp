@@ -1,4 +1,4 @@
-// The formats of a durable store: an image of a store in tests/golden that must stay readable, and journals that must
+// The formats of a durable store: an image of a store, tests/durable_store, that must stay readable, and journals that must
 // have the bytes of that image.
 #include <journal_writer.h>
 #include <store_files.h>
@@ -13,7 +13,7 @@ using tslb_durable::Compression, tslb_durable::FrameKind, tslb_durable::JournalW
 // TSLB_GOLDEN_WRITE=1 writes the image anew.
 class DurableGolden : public DurableTest {
  protected:
-  static constexpr const char *IMAGE = TSLB_GOLDEN_DIR "/durable_store";
+  static constexpr const char *IMAGE = TSLB_DURABLE_IMAGE;
 
   static void fill(TestStore &store, int n_batches) {
     for (int number = 0; number < n_batches; ++number) {
