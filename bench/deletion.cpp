@@ -255,7 +255,7 @@ static void add_cases() {
       "stays, level 1", 1, [] { return make_sweeps(make_staying(0), make_staying(0), false); },
       uint64_t{SWEEPS} * SWEPT_SLOTS);
   add_case(
-      "given back", 1, [] { return make_sweeps(make_emptied(), make_emptied(), true); },
+      "freed", 1, [] { return make_sweeps(make_emptied(), make_emptied(), true); },
       uint64_t{FILLING.pools} * FILLING.chunks_per_pool);
 }
 

@@ -54,7 +54,7 @@ set(doc_dir ${CMAKE_INSTALL_DATADIR}/doc/tslb)
 if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
   set(doc_dir ${CMAKE_INSTALL_DATADIR}/doc/libtslb-dev)
 endif()
-install(FILES docs/architecture.md docs/hosting.md docs/formats.md docs/debugging.md docs/performance.md
+install(FILES docs/architecture.md docs/hosting.md docs/formats.md docs/debugging.md docs/performance.md docs/durable.md
   DESTINATION ${doc_dir} COMPONENT dev)
 install(FILES ${TSLB_README_HOST} DESTINATION ${doc_dir}/examples COMPONENT dev)
 if(TSLB_BUILD_DURABLE)

@@ -103,6 +103,7 @@ tslb_store_t::NewGeneration::NewGeneration(const tslb_store_t &store, uint64_t t
     if (name.starts_with(GENERATION_PREFIX) && name.ends_with(UNFINISHED_SUFFIX))
       remove_unused(store.folder_ + "/" + name);
   });
+  remove_tree(folder);  // again, to report a failure: it must not exist
   make_folder(folder);
   for (const ArrayDecl &decl : store.decls_) streams.push_back(File::create(folder + "/" + stream_name(decl.name)));
 }
@@ -230,7 +231,7 @@ void tslb_store_t::snapshot() {
   pid_t child = -1;
   int fork_error = 0;
   uint64_t fork_ns = 0, pause_ns = 0;
-  std::optional<std::string> failure;
+  std::optional<StoreError> failure;
   {
     const std::lock_guard flushing(flush_mutex_);
     CopiedGroup group;
@@ -264,7 +265,7 @@ void tslb_store_t::snapshot() {
     if (group.n_batches != 0) write_group(group);
     {
       const std::lock_guard lock(mutex_);
-      if (!failed_.empty()) failure = failed_;
+      if (!failed_.empty()) failure.emplace(is_broken_ ? TSLB_DURABLE_BROKEN : TSLB_DURABLE_REFUSED, failed_, folder_);
       next.payload = durable_payload_;
       next.has_payload = has_durable_payload_;
       info_.fork_ns = forks ? fork_ns : 0;
@@ -280,12 +281,13 @@ void tslb_store_t::snapshot() {
         journals_before_ += sealed.bytes;
         journal_ = std::move(next_journal);
       } catch (const StoreError &error) {
-        failure = error.what();
+        failure = error;
         // Groups must not follow a seal of which a part may be missing on the disk.
         try {
           journal_->cut();
         } catch (const StoreError &cut_error) {
-          refuse(fmt::format("{}; {}", *failure, cut_error.what()), true);
+          refuse(fmt::format("{}; {}", error.what(), cut_error.what()), true);
+          failure = cut_error;
         }
       }
     }
@@ -301,7 +303,7 @@ void tslb_store_t::snapshot() {
   }
   if (failure || fork_error != 0) {
     write_state(folder_, state_);
-    if (failure) throw StoreError(TSLB_DURABLE_REFUSED, *failure, folder_);
+    if (failure) throw *failure;
     errno = fork_error;
     fail_file(folder_, "cannot fork");
   }

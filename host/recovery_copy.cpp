@@ -13,8 +13,8 @@ static bool same_geometry(dynarr_t *from, dynarr_t *to) {
          tslb_da_get_record_size(from) == tslb_da_get_record_size(to);
 }
 
-// Returns slot `idx` of `to`, and issues that id if it is the next one. Returns null if memory for it was refused. The
-// id of a refused slot stays issued, so a missing slot of an issued id is a failure: the next id would be another slot.
+// Returns slot `idx` of `to`, and issues that id if it is the next one. Returns null if memory for it was refused.
+// The id then stays issued, and another call that issues an id would return the next slot.
 static void *slot_for_copy(dynarr_t *to, uint32_t idx) {
   if (idx < tslb_da_get_size(to)) return tslb_da_get_ptr(to, idx);
   void *slot = nullptr;

@@ -121,3 +121,29 @@ TEST_F(DurableRecovery, LockOfAKilledWriterIsWaitedFor) {
   EXPECT_FALSE(second.open(folder_));
   EXPECT_EQ(second.error.code, TSLB_DURABLE_LOCKED);
 }
+
+// An unfinished generation has the next number. If a step of its removal fails, the snapshot succeeds nevertheless, or
+// reports the error of this step, and not that the folder exists.
+TEST_F(DurableRecovery, FailedStepOfASnapshotAfterAnUnfinishedOneIsReported) {
+  constexpr uint64_t MAX_STEPS = 200;
+  int n_failed = 0;
+  bool had_fault = true;
+  for (uint64_t failing = 1; failing < MAX_STEPS && had_fault; ++failing) {
+    SCOPED_TRACE(fmt::format("step {} of a snapshot fails", failing));
+    fs::remove_all(folder_);
+    TestStore store;
+    ASSERT_TRUE(store.open(folder_, TSLB_STORE_CREATE | TSLB_STORE_NO_FORK)) << store.error.text;
+    fs::create_directory(folder_ + "/generation.2.new");
+    put_bytes(folder_ + "/generation.2.new/slots.stream", "unfinished");
+    const uint64_t before = tslb_durable::io_operations();
+    tslb_durable::fail_at_io(failing, EDQUOT);
+    if (tslb_store_snapshot(store.get(), &store.error) != 0) {
+      ++n_failed;
+      EXPECT_EQ(store.error.errnum, EDQUOT) << store.error.text;
+    }
+    had_fault = tslb_durable::io_operations() - before >= failing;
+    tslb_durable::fail_at_io(0, 0);
+  }
+  EXPECT_FALSE(had_fault) << "a snapshot has more steps than are tried";
+  EXPECT_GT(n_failed, 10);
+}

@@ -1,6 +1,6 @@
 // Tests of chunk pools: creation, 32-bit and 64-bit addresses, exact accounting, and pools that run out of slots, for
 // all three kinds.
-#include <regex>
+#include <gmock/gmock.h>
 
 #include "pool_support.h"
 
@@ -170,10 +170,10 @@ TEST(Chunks, RefusesImpossibleLengths) {
                        : tslb_dynmem_get_mchunk(pool, &address, row.len, srcaddr_t{}),
                   nullptr);
       });
-      const std::regex text("Error: \\(tslb_dynmem_get_mchunk" + std::string(wide ? "64" : "") +
-                            ":[0-9]+\\): Memory chunk len " + row.sum + "\\(Hdr:16 \\+ Data:" +
-                            std::to_string(row.len) + "\\) should not be greater than memory slot length 1000\\.\n");
-      EXPECT_TRUE(std::regex_match(report, text)) << report;
+      EXPECT_THAT(report, testing::MatchesRegex("Error: \\(tslb_dynmem_get_mchunk" + std::string(wide ? "64" : "") +
+                                                ":[0-9]+\\): Memory chunk len " + row.sum +
+                                                "\\(Hdr:16 \\+ Data:" + std::to_string(row.len) +
+                                                "\\) should not be greater than memory slot length 1000\\.\n"));
       EXPECT_EQ(as_word(address), 7u | (7u << 8));
       EXPECT_EQ(address64.mslot_idx, 7u);
       EXPECT_EQ(address64.mchunk_idx, 7u);
@@ -244,9 +244,9 @@ TEST(Exhaustion, BitVectorsWarnEvery255Slots) {
   const std::string report = stderr_of([&] { advance_to(pool, 600); });
   static const char kText[] =
       "tslb_dynmem_chunk\\.cpp:tslb_dynmem_get_mchunk:[0-9]+: BitVector overusage Warning: Bitvect pool "
-      "\\[\\[MPOOL-HDR\\] .*\\], it has already used ";
-  const std::regex text(std::string(kText) + "255 slot index\\.\n" + kText + "510 slot index\\.\n");
-  EXPECT_TRUE(std::regex_match(report, text)) << report;
+      "\\[\\[MPOOL-HDR\\] [^\n]*\\], it has already used ";
+  EXPECT_THAT(report,
+              testing::MatchesRegex(std::string(kText) + "255 slot index\\.\n" + kText + "510 slot index\\.\n"));
 }
 
 TEST(Ring, WrapsToSlot0AndKeepsItsCounts) {

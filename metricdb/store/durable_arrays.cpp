@@ -11,8 +11,6 @@
 namespace metricdb {
 namespace {
 
-constexpr uint32_t CATALOGUE_DIRECT_SLOTS = 64;
-
 // Converts a record of the catalogue to another layout. Fields that the older layout lacks are lost.
 int convert_record(void *, uint8_t from_layout, const void *from, uint32_t, void *to, uint32_t to_bytes) {
   const uint8_t to_layout = to_bytes == series_record_bytes(NEWEST_LAYOUT) ? NEWEST_LAYOUT : OLDEST_LAYOUT;
@@ -69,7 +67,7 @@ DurableArrays::DurableArrays(const std::string &folder, const ArrayParameters &p
   catalogue.kind = TSLB_ARRAY_SLOTS;
   catalogue.tbl_id = CATALOGUE_TABLE;
   catalogue.record_bytes = static_cast<uint32_t>(series_record_bytes(parameters.layout));
-  catalogue.n_direct = CATALOGUE_DIRECT_SLOTS;
+  catalogue.n_direct = static_cast<uint32_t>(CATALOGUE_DIRECT_SLOTS);
   catalogue.daflag = TSLB_DA_DAFLAG_INLL;
   catalogue.rec_version = parameters.layout;
   catalogue.convert = convert_record;

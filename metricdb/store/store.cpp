@@ -11,7 +11,6 @@
 namespace metricdb {
 namespace {
 
-constexpr int CATALOGUE_DIRECT_SLOTS = 64;
 constexpr int NO_DIRECT_SLOTS = 0;  // with direct slots the first memory slots of a pool would exist before use
 
 Array make_pool(int slot_bytes, unsigned char kind_flag, int table) {

@@ -20,6 +20,7 @@ inline constexpr int POINTS_TABLE = BVP_TBLID;
 
 inline constexpr const char *CONTEXT = "metricdb";
 inline constexpr uint8_t POOL_RECORD_VERSION = 0;
+inline constexpr int CATALOGUE_DIRECT_SLOTS = 64;
 
 // Highest number of memory slots in use: the pool's last addressable slot is never taken. The library stops the process
 // when that slot is current and full, even if other slots are free.

@@ -36,11 +36,12 @@ inline void write_file(const fs::path &path, const std::string &bytes) {
   fs::resize_file(path, bytes.size());
 }
 
-// All files and folders: the content by name; empty for a folder.
+// All files and folders: the content by name; empty for a folder. A lock file names the last process that had it.
 inline std::map<std::string, std::string> tree_of(const fs::path &folder) {
   std::map<std::string, std::string> tree;
   for (const auto &entry : fs::recursive_directory_iterator(folder))
-    tree[fs::relative(entry.path(), folder).string()] = entry.is_regular_file() ? read_file(entry.path()) : "";
+    tree[fs::relative(entry.path(), folder).string()] =
+        entry.is_regular_file() && entry.path().filename() != "lock" ? read_file(entry.path()) : "";
   return tree;
 }
 

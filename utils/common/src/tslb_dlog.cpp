@@ -230,7 +230,8 @@ void tslb_dl_logging(int dlevel, const char *file_name, const char *fun_name, in
   const char *const file = base_name_of(file_name, base);
 
   pthread_mutex_lock(&log->dl_thlock);
-  // Converted for every line: two time zones can agree in everything that the C library exposes and still differ.
+  // Every line converts its time. A kept result could be wrong after tzset: no value of the C library shows every change
+  // of the time zone.
   char *at = put_field(line, end, tslb_get_cur_date_time(date_time, 1));
   at = put_field(at, end, file);
   at = put_field(at, end, line_no);

@@ -229,7 +229,7 @@ __attribute__((noinline, cold)) static void *make_block(DynArrHandle_t *array, u
 
 __attribute__((noinline, cold)) static void *report_beyond_levels(const DynArrHandle_t *array, uint32_t beyond) {
   const uint32_t n_direct = n_direct_of(array, arr_hdr_of(array));
-  // No message: once this id is issued, n_used is 0 again, and an id that is not below n_used counts as not issued.
+  // The id UINT32_MAX gets no message. Issuing it wraps n_used to 0, so a lookup treats it as an id that was not issued.
   if (beyond + n_direct == UINT32_MAX) return nullptr;
   fprintf(stderr, "ID %d is not correct, n_direct:%d\n", static_cast<int>(beyond + n_direct),
           static_cast<int>(n_direct));

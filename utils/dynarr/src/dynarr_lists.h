@@ -102,8 +102,8 @@ static inline void lists_append_free(const list_array_t &list, uint32_t idx, voi
   set32(fw_of(slot_ptr), &node_fw::next, TSLB_DA_NIL_IDX);
 }
 
-// tslb_da_free_idx for callers that hold the lock; same result. After a result of 0 the caller calls lists_log_freed.
-// For callers that decide and free under one hold of the lock.
+// tslb_da_free_idx for a caller that holds the lock, with the same result. After a result of 0 the caller releases the
+// lock and calls lists_log_freed.
 static inline int lists_free(const list_array_t &list, uint32_t idx, void *slot_ptr) {
   // Read under the lock: of two concurrent frees the second one finds the slot free.
   const uint32_t status = status_of(slot_ptr);

@@ -46,8 +46,8 @@ static inline void append_inactive(const list_array_t &list, uint32_t idx, void 
   set32(bw, &node_bw::ts, ts);
   set_status(slot_ptr, TSLB_DA_SLOT_INACTIVE);
   set32(lli, &DynArrLLI_t::inact_tail, idx);
-  if (head == TSLB_DA_NIL_IDX) set32(lli, &DynArrLLI_t::inact_head, idx);
   set32(lli, &DynArrLLI_t::n_inact, get32(lli, &DynArrLLI_t::n_inact) + 1);
+  if (head == TSLB_DA_NIL_IDX) set32(lli, &DynArrLLI_t::inact_head, idx);
 }
 
 // Removes a slot from the inactive list. The two tests cover the head, the tail, the middle and the only member.

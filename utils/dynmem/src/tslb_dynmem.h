@@ -35,9 +35,9 @@ typedef struct DynMemHdr_t {
   __extension__ union {
     short pad_bytes;
     /* A big-buffer pool does not leave its current slot once memory exists for this many slots, even if other slots are
-     * free; 0 for no limit. Memory is the direct area, and 16 slots at a time after it. The limit must therefore be
-     * above num_mslot for a first chunk, and a pool at its limit allocates in its current slot only, from then on. In
-     * slot 255 the limit is not tested: the process stops. */
+     * free; 0 for no limit. Memory exists for num_mslot slots at creation, and then grows by 16 slots at a time. With a
+     * limit of num_mslot or less the pool allocates no chunk. In slot 255 the limit is not tested: the process
+     * stops. */
     short max_slots;
   };
   u_int32_t mslot_sz;      /* bytes of a slot that chunks can use */

@@ -28,7 +28,7 @@ constexpr const char *ALLOCATOR32 = "tslb_dynmem_get_mchunk";
 // Whether the current slot cannot hold a chunk of `len` bytes. Slots above `last_slot` count as full, because the
 // caller's addresses cannot name them; TSLB_DA_NIL_IDX, the largest number, is above all.
 static inline bool is_full(const DynMemHdr_t *hdr, uint64_t cursor, uint32_t len, uint32_t last_slot) {
-  return hdr->mslot_sz - tslb_stored_cursor_off(cursor) < len || tslb_stored_cursor_slot(cursor) > last_slot;
+  return tslb_stored_cursor_slot(cursor) > last_slot || hdr->mslot_sz - tslb_stored_cursor_off(cursor) < len;
 }
 
 enum claim_t { CLAIM_WON, CLAIM_RACED, CLAIM_NO_ROOM };

@@ -38,8 +38,9 @@ TSLB_STORED_INLINE size_t tslb_stored_lli_at(uint16_t hdr_size) {
 TSLB_STORED_INLINE size_t tslb_stored_arr_hdr_at(uint16_t hdr_size, uint16_t lli_sz) {
   return (size_t)hdr_size + lli_sz + TSLB_USER_HDR_AT;
 }
+/* A 32-bit sum; see docs/performance.md, "Chunk". */
 TSLB_STORED_INLINE size_t tslb_stored_header_bytes(uint16_t hdr_size, uint16_t lli_sz) {
-  return tslb_stored_arr_hdr_at(hdr_size, lli_sz) + TSLB_ARR_HDR_BYTES;
+  return TSLB_DYN_HDR_BYTES + hdr_size + lli_sz + TSLB_ARR_HDR_BYTES;
 }
 
 /* ---- Slots --------------------------------------------------------------------------------------------------------
