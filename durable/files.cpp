@@ -196,6 +196,20 @@ int File::reserve(uint64_t at, uint64_t bytes) const {
   return result != 0 ? errno : 0;
 }
 
+int File::write_zeros(uint64_t at, uint64_t bytes) const {
+  static constexpr char ZEROS[1 << 16] = {};
+  if (!begin_step()) return errno;
+  while (bytes != 0) {
+    const ssize_t written =
+        pwrite(fd_, ZEROS, static_cast<size_t>(std::min<uint64_t>(bytes, sizeof ZEROS)), static_cast<off_t>(at));
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) return errno;
+    at += static_cast<uint64_t>(written);
+    bytes -= static_cast<uint64_t>(written);
+  }
+  return 0;
+}
+
 void make_folder(const std::string &path) {
   if (!begin_step() || mkdir(path.c_str(), FOLDER_MODE) != 0) fail_file(path, "cannot be created");
 }

@@ -42,6 +42,8 @@ class File {
   void truncate(uint64_t bytes) const;
   // Reserves disk space for later writes. The length of the file stays. Returns 0 or the error.
   int reserve(uint64_t at, uint64_t bytes) const;
+  // Returns 0 or the error. Fewer zeros may have been written then.
+  int write_zeros(uint64_t at, uint64_t bytes) const;
 
  private:
   File(int fd, std::string path);

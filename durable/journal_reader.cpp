@@ -50,6 +50,17 @@ class Window {
   std::string bytes_;
 };
 
+// Returns how many bytes at the start are zero.
+size_t n_zeros(std::string_view bytes) {
+  size_t count = 0;
+  for (uint64_t word = 0; bytes.size() - count >= sizeof word; count += sizeof word) {
+    std::memcpy(&word, bytes.data() + count, sizeof word);
+    if (word != 0) break;
+  }
+  while (count < bytes.size() && bytes[count] == '\0') ++count;
+  return count;
+}
+
 FrameHead head_in(std::string_view frame) {
   FrameHead head;
   std::memcpy(&head, frame.data(), sizeof head);
@@ -124,11 +135,11 @@ void Scan::read_head() {
 // Reserved space is zero. A frame is not: its length is never 0.
 bool Scan::is_zero_to_end() {
   const std::string_view start = window_.view(result_.place.position, sizeof(uint32_t));
-  if (start.find_first_not_of('\0') != start.npos) return false;
+  if (n_zeros(start) != start.size()) return false;
   for (uint64_t at = result_.place.position; at < window_.end();) {
     const std::string_view bytes = window_.view(at, std::min(JOURNAL_READ_BYTES, window_.end() - at));
     if (bytes.empty()) break;
-    if (bytes.find_first_not_of('\0') != bytes.npos) return false;
+    if (n_zeros(bytes) != bytes.size()) return false;
     at += bytes.size();
   }
   return true;
@@ -213,6 +224,12 @@ uint64_t Scan::count_later_frames() {
   uint64_t n_frames = 0;
   for (uint64_t at = result_.place.position + 1; at + sizeof(FrameHead) <= window_.end(); ++at) {
     window_.discard_before(at);
+    const size_t zeros = n_zeros(window_.view(at, JOURNAL_READ_BYTES));
+    // A frame begins with its length, which is not zero.
+    if (zeros >= sizeof(FrameHead::length)) {
+      at += zeros - sizeof(FrameHead::length);
+      continue;
+    }
     if (!proves_that_fault_was_synced(at)) continue;
     ++n_frames;
     at += head_in(window_.view(at, sizeof(FrameHead))).length - 1;

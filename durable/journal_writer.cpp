@@ -97,7 +97,17 @@ void JournalWriter::append_group(const Frame &frame, std::string_view body) {
   has_groups_ = true;
 }
 
+// Writes zeros after the last frame, which later groups replace. The sync of a group that replaces bytes of the disk
+// changes no metadata. Otherwise it would wait for the file system's own journal, and so for other files that are
+// written at the same time, such as those of a generation. Without the zeros nothing is wrong, so a failure is ignored.
+void JournalWriter::write_zeros() {
+  const uint64_t bytes = std::clamp(place_.position, MIN_ZERO_BYTES, MAX_ZERO_BYTES);
+  file_.write_zeros(place_.position, bytes);
+  zeros_end_ = place_.position + bytes;
+}
+
 void JournalWriter::sync() {
+  if (place_.position > zeros_end_) write_zeros();
   file_.sync_data();
   durable_ = place_.position;
 }
@@ -112,6 +122,7 @@ void JournalWriter::cut() {
   place_ = marked_;
   reserved_end_ = 0;
   can_reserve_ = true;
+  zeros_end_ = 0;
 }
 
 void JournalWriter::append_opened() {
@@ -123,7 +134,7 @@ void JournalWriter::append_opened() {
 
 void JournalWriter::seal() {
   // Everything before the seal must be on the disk before the seal is.
-  sync();
+  file_.sync_data();
   append({FrameKind::sealed}, {});
   file_.truncate(place_.position);
   file_.sync();

@@ -42,9 +42,12 @@ class JournalWriter {
 
  private:
   static constexpr uint64_t RESERVE_BYTES = 4 << 20;
+  static constexpr uint64_t MIN_ZERO_BYTES = 64 << 10;
+  static constexpr uint64_t MAX_ZERO_BYTES = 1 << 20;
 
   JournalWriter(File file, const JournalName &name, const JournalPlace &place);
   void append(const Frame &frame, std::string_view body);
+  void write_zeros();
 
   const File file_;
   const JournalName name_;
@@ -53,6 +56,7 @@ class JournalWriter {
   uint64_t durable_;     // end of the synced part
   uint64_t reserved_end_ = 0;
   bool can_reserve_ = true;
+  uint64_t zeros_end_ = 0;  // end of the zeros after the last frame
   bool has_groups_ = false;
   std::string buffer_;
 };

@@ -33,6 +33,25 @@ void remove_unused(const std::string &path) {
   }
 }
 
+// Removes the folder of a generation. The removal of a large file is one large change of the file system's own journal,
+// for which groups would wait, so its streams are shortened step by step before.
+void remove_generation(const std::string &folder) {
+  constexpr uint64_t STEP_BYTES = 16 << 20;
+  try {
+    for_each_name(folder, [&folder](const std::string &name) {
+      const File file = File::open_to_write(folder + "/" + name);
+      for (uint64_t bytes = file.bytes(); bytes > STEP_BYTES;) {
+        bytes -= STEP_BYTES;
+        file.truncate(bytes);
+        file.sync();
+      }
+    });
+  } catch (const StoreError &) {
+    // It is removed whole.
+  }
+  remove_unused(folder);
+}
+
 // The result that a child sends for each array.
 struct StreamResult {
   int error;
@@ -173,9 +192,9 @@ void tslb_store_t::remove_older_generations() {
                                    ? state_.generation
                                    : generations[std::min<size_t>(options_.keep, generations.size()) - 1];
   for_each_name(folder_, [&](const std::string &name) {
-    std::optional<uint64_t> number = number_of(name, GENERATION_PREFIX);
-    if (!number) number = number_of(name, JOURNAL_PREFIX);
-    if (number && *number < oldest_kept) remove_unused(folder_ + "/" + name);
+    const auto generation = number_of(name, GENERATION_PREFIX), journal = number_of(name, JOURNAL_PREFIX);
+    if (generation && *generation < oldest_kept) remove_generation(folder_ + "/" + name);
+    if (journal && *journal < oldest_kept) remove_unused(folder_ + "/" + name);
   });
 }
 

@@ -1,5 +1,6 @@
 #include "stream_writer.h"
 
+#include <fcntl.h>
 #include <tslb/tslb_stored.h>
 #include <unistd.h>
 
@@ -16,6 +17,7 @@ namespace {
 
 constexpr size_t MAX_PIECES = IOV_MAX;
 constexpr size_t FLUSH_BYTES = 4 << 20;  // with a limit of bytes per second, the step of the throttle
+constexpr size_t SPREAD_BYTES = 4 << 20;
 constexpr int64_t NS_PER_S = 1'000'000'000;
 
 int64_t now_ns() {
@@ -56,6 +58,7 @@ int StreamWriter::write(DynArrHandle_t *array, bool is_pool, int fd, StoredFile 
   error_ = 0;
   written_ = {};
   bytes_left_ = stream_bytes(array, is_pool);
+  on_disk_ = on_way_ = 0;
   tslb_iterate_dyn_array_blocks(array, add_block, this);
   if (error_ == 0) error_ = flush();
   // The walk ends early if a block is missing: an id was issued and memory for it was refused.
@@ -101,7 +104,24 @@ int StreamWriter::flush() {
   throttle_.wrote(piece_bytes_);
   n_pieces_ = 0;
   piece_bytes_ = 0;
-  return 0;
+  return spread();
+}
+
+// Keeps the bytes that are not on the disk few. Otherwise the last sync would write the whole stream at once, and groups
+// of the journal would wait for it.
+int StreamWriter::spread() {
+  const uint64_t end = written_.bytes;
+  if (end - on_way_ < SPREAD_BYTES) return 0;
+  const auto sync = [this](uint64_t from, uint64_t to, unsigned flags) {
+    return sync_file_range(fd_, static_cast<off_t>(from), static_cast<off_t>(to - from), flags);
+  };
+  int failure = sync(on_way_, end, SYNC_FILE_RANGE_WRITE);
+  // The wait reports errors of the disk, which the last sync would then not report again.
+  if (failure == 0 && on_way_ != on_disk_) failure = sync(on_disk_, on_way_, SYNC_FILE_RANGE_WAIT_AFTER);
+  on_disk_ = on_way_;
+  on_way_ = end;
+  // A file system that does not support this writes the stream at the last sync.
+  return failure != 0 && errno != ENOSYS && errno != EINVAL && errno != ESPIPE ? errno : 0;
 }
 
 }  // namespace tslb_durable

@@ -37,6 +37,7 @@ class StreamWriter {
                        int record_size, int reserved, void *self);
   int add(char *from, size_t bytes);
   int flush();
+  int spread();
 
   Throttle throttle_;
   std::vector<iovec> pieces_;  // allocated at construction
@@ -45,6 +46,8 @@ class StreamWriter {
   int fd_ = -1;
   int error_ = 0;
   uint64_t bytes_left_ = 0;  // of the stream
+  uint64_t on_disk_ = 0;     // bytes of the stream on the disk
+  uint64_t on_way_ = 0;      // end of those that are written to it
   StoredFile written_;
 };
 

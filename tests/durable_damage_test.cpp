@@ -47,6 +47,13 @@ class DurableDamage : public DurableTest {
     }
   }
 
+  // Bytes of the journal up to the end of its last group. Zeros follow, which later groups would replace.
+  size_t bytes_of_groups() const {
+    TestStore store;
+    EXPECT_TRUE(store.open(folder_, TSLB_STORE_READ_ONLY)) << store.error.text;
+    return store.info().journal_bytes;
+  }
+
   std::vector<std::string> files() const {
     std::vector<std::string> names;
     for (const auto &entry : fs::recursive_directory_iterator(folder_))
@@ -104,8 +111,9 @@ TEST_F(DurableDamage, FlippedBitInAnOpenJournalCostsAtMostTheLastGroup) {
   ASSERT_NO_FATAL_FAILURE(fill(folder_, false));
   const std::string path = folder_ + "/journal.3";
   const std::string intact = bytes_of(path);
+  const size_t n_bytes = bytes_of_groups();
   int n_refused = 0, n_cut = 0;
-  for (size_t at = 0; at < intact.size(); at += STEP) {
+  for (size_t at = 0; at < n_bytes; at += STEP) {
     std::string changed = intact;
     changed[at] = static_cast<char>(changed[at] ^ (1 << at % 8));
     put_bytes(path, changed);
@@ -124,12 +132,56 @@ TEST_F(DurableDamage, FlippedBitInAnOpenJournalCostsAtMostTheLastGroup) {
   EXPECT_GT(n_cut, 40 / static_cast<int>(STEP));
 }
 
+TEST_F(DurableDamage, BytesAfterTheLastGroupAreCutAndCostNoGroup) {
+  ASSERT_NO_FATAL_FAILURE(fill(folder_, false));
+  const std::string path = folder_ + "/journal.3";
+  const std::string intact = bytes_of(path);
+  const size_t n_bytes = bytes_of_groups();
+  ASSERT_GT(intact.size(), n_bytes + 1000);
+  // The first bytes, those before and after a length that is not zero, and the last one.
+  for (const size_t at :
+       {n_bytes, n_bytes + 3, n_bytes + 4, n_bytes + 39, n_bytes + 40, n_bytes + 999, intact.size() - 1}) {
+    std::string changed = intact;
+    changed[at] = 'x';
+    put_bytes(path, changed);
+    TestStore store;
+    ASSERT_TRUE(store.open(folder_, TSLB_STORE_READ_ONLY)) << store.error.text;
+    ASSERT_EQ(store.content(), contents_.back()) << "byte " << at;
+    ASSERT_EQ(store.info().cut_bytes, intact.size() - n_bytes);
+  }
+}
+
+// Only the last group says that the one before it was synced, and it begins where the zeros end.
+TEST_F(DurableDamage, SyncedGroupThatBecameZerosIsDamage) {
+  std::vector<uint64_t> ends;
+  {
+    TestStore store;
+    ASSERT_TRUE(store.open(folder_)) << store.error.text;
+    std::mt19937 random(3);
+    for (int i = 0; i < 3; ++i) {
+      tslb_batch_t *const batch = store.begin();
+      store.change(batch, random);
+      ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0) << store.error.text;
+      ends.push_back(store.info().journal_bytes);
+    }
+    fs::copy(folder_, folder_ + ".killed", fs::copy_options::recursive);
+  }
+  const std::string path = folder_ + ".killed/journal.1";
+  std::string changed = bytes_of(path);
+  changed.replace(ends[0], ends[1] - ends[0], ends[1] - ends[0], '\0');
+  put_bytes(path, changed);
+  TestStore store;
+  ASSERT_FALSE(store.open(folder_ + ".killed", TSLB_STORE_READ_ONLY));
+  EXPECT_EQ(store.error.code, TSLB_DURABLE_DAMAGED);
+  EXPECT_EQ(store.error.byte, ends[0]);
+}
+
 TEST_F(DurableDamage, CutJournalOfAKilledWriterEndsAfterItsLastWholeGroup) {
   ASSERT_NO_FATAL_FAILURE(fill(folder_, false));
   const std::string path = folder_ + "/journal.3";
   const std::string intact = bytes_of(path);
   size_t n_batches = 12;
-  for (size_t bytes = intact.size(); bytes >= 40; bytes -= STEP) {
+  for (size_t bytes = bytes_of_groups() + 50; bytes >= 40; bytes -= STEP) {
     put_bytes(path, intact.substr(0, bytes));
     TestStore store;
     ASSERT_TRUE(store.open(folder_, TSLB_STORE_READ_ONLY)) << store.error.text;
@@ -214,7 +266,7 @@ TEST_F(DurableDamage, SalvageUsesWhatPrecedesTheDamage) {
   ASSERT_NO_FATAL_FAILURE(fill(folder_, false));
   const std::string path = folder_ + "/journal.3";
   std::string changed = bytes_of(path);
-  changed[changed.size() / 2] ^= 1;
+  changed[bytes_of_groups() / 2] ^= 1;
   put_bytes(path, changed);
   TestStore store;
   EXPECT_FALSE(store.open(folder_));

@@ -371,6 +371,35 @@ TEST_F(DurableStore, StreamIsThatOfTheLibrary) {
   }
 }
 
+// Streams of more than some MiB are handed to the disk, and removed, in pieces.
+TEST_F(DurableStore, LargeGenerationReplacesAnother) {
+  constexpr uint32_t N_RECORDS = 600, RECORD_BYTES = 1 << 16;
+  const std::vector<tslb_array_decl_t> decls = {decl_of("large", TSLB_ARRAY_RECORDS, 1, RECORD_BYTES, 0, 0)};
+  std::string expected;
+  {
+    TestStore store(decls);
+    ASSERT_TRUE(store.open(folder_, TSLB_STORE_CREATE)) << store.error.text;
+    for (const int value : {'a', 'b'}) {
+      tslb_batch_t *const batch = store.begin();
+      while (tslb_da_get_size(store.array(0)) < N_RECORDS) get_dyn_arr_new_record_id(store.array(0));
+      for (uint32_t id = 0; id < N_RECORDS; ++id) {
+        std::memset(tslb_da_get_ptr(store.array(0), id), value + static_cast<int>(id % 20), RECORD_BYTES);
+        tslb_batch_log_record(batch, 0, id);
+      }
+      ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0) << store.error.text;
+      ASSERT_EQ(tslb_store_snapshot(store.get(), &store.error), 0) << store.error.text;
+    }
+    expected = store.content();
+    EXPECT_FALSE(fs::exists(folder_ + "/generation.2"));
+    EXPECT_GT(fs::file_size(folder_ + "/generation.3/large.stream"), uint64_t{N_RECORDS} * RECORD_BYTES);
+    EXPECT_LT(store.info().journal_bytes, 1000u) << "the generation has the batches";
+  }
+  TestStore store(decls);
+  ASSERT_TRUE(store.open(folder_)) << store.error.text;
+  EXPECT_EQ(store.info().n_batches_found, 0u);
+  EXPECT_TRUE(store.content() == expected);
+}
+
 TEST_F(DurableStore, PoolRefusesAtItsLastSlot) {
   std::vector<tslb_array_decl_t> decls = test_decls();
   decls[BITS].kind = TSLB_POOL_BIG_BUFFER;
