@@ -169,9 +169,9 @@ TEST_F(DurableFaults, FailureOfEachStepRefusesOrBreaksAndLosesNothing) {
       ASSERT_EQ(n_batches_in(store), N_BATCHES);
       if (!had_fault) break;
     }
-    EXPECT_GT(n_refused, 10 / static_cast<int>(STEP));
-    EXPECT_GT(n_broken, 10 / static_cast<int>(STEP));
-    EXPECT_GT(n_failed_snapshots, 5 / static_cast<int>(STEP));
+    EXPECT_GT(n_refused, 0);
+    EXPECT_GT(n_broken, 0);
+    EXPECT_GT(n_failed_snapshots, 0);
   }
 }
 
