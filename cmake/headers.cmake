@@ -24,6 +24,7 @@ set(TSLB_PUBLIC_HEADERS
 set(TSLB_HOST_PUBLIC_HEADERS
   recovery/array_check.h
   recovery/array_loader.h
+  recovery/array_rebuild.h
   recovery/array_settle.h
   recovery/block_files.h
   recovery/recovery_driver.h

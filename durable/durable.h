@@ -220,9 +220,10 @@ int tslb_store_set_payload(tslb_store_t *store, const void *bytes, size_t size, 
  * _INVALID (the store is read-only, or the thread has a batch already). */
 tslb_batch_t *tslb_batch_begin(tslb_store_t *store, tslb_error_t *error);
 
-/* Name changed contents. A record is named with its list nodes: so after tslb_da_get_newptr_inll, tslb_da_make_ready, or a
- * status that the host wrote, tslb_batch_log_record is needed. `array` is the index of the declaration. A range is within a record (pools: within MemSlot_t
- * with its chunks). An invalid range makes the batch refuse to end well: its ticket fails. Thread of the batch. */
+/* Name changed contents. `array` is the index of the declaration. A range is within a record (pools: within MemSlot_t with
+ * its chunks); with an invalid range the ticket of the batch fails. tslb_batch_log_record names the list nodes of a slot
+ * too, so it is needed after tslb_da_get_newptr_inll, tslb_da_make_ready, and a status that the host wrote. Thread of the
+ * batch. */
 void tslb_batch_log_record(tslb_batch_t *batch, uint32_t array, uint32_t idx);
 void tslb_batch_log_bytes(tslb_batch_t *batch, uint32_t array, uint32_t idx, uint32_t offset, uint32_t bytes);
 /* Bytes of a chunk's data, which begin after a compaction header. */
@@ -303,7 +304,7 @@ typedef struct tslb_pool_room_t {
   uint64_t current;  /* left in the current slot */
   uint64_t free;     /* in slots on the free list */
   uint64_t inactive; /* in slots on the inactive list */
-  uint64_t fresh;    /* in slots that do not exist yet and that addresses can name. UINT64_MAX for 64-bit addresses */
+  uint64_t fresh;    /* in slots that do not exist yet and that 32-bit addresses can name */
 } tslb_pool_room_t;
 
 /* Returns how much room a pool of 32-bit addresses has. -1 if it is not a pool. Any thread; out of date at once while

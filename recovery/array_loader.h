@@ -27,6 +27,9 @@ enum {
   ARRAY_LOAD_ANY = 0,          /* none: the user header is copied unchecked */
   ARRAY_LOAD_POOL = 1,         /* a pool's (DynMemHdr_t); anything else is refused */
   ARRAY_LOAD_POOL_BY_SIZE = 2, /* a pool's if it has 56 bytes, else none */
+
+  /* Added to one of these: the stored lists are ignored, and made from the statuses (array_rebuild.h). */
+  ARRAY_LOAD_REBUILDS_LISTS = 0x80
 };
 
 /* Values that match every array. */

@@ -10,6 +10,8 @@
 
 #include <memory>
 
+#include <tslb/array_check.h>
+#include <tslb/array_rebuild.h>
 #include <tslb/tslb_dynarr.h>
 
 ssize_t read_fully(int fd, void *to, size_t bytes) {
@@ -43,14 +45,16 @@ class reader_t {
     const bool loaded =
         options_are_sound() && read_headers() && check_.headers_are_sound(headers_.get(), options_->max_block_bytes) &&
         check_.records_are_expected(options_->rec_version, options_->record_size) &&
-        check_.pool_is_sound(options_->kind, options_->mem_type) && source_->expect(check_.shape(), refusal_) &&
-        create() && fill() && check_.slots_are_sound(array_.get());
+        check_.pool_is_sound(kind(), options_->mem_type) && source_->expect(check_.shape(), refusal_) && create() &&
+        fill() && (rebuilds_lists() ? lists_are_rebuilt() : check_.slots_are_sound(array_.get()));
     return loaded ? array_.release() : nullptr;
   }
 
  private:
   using array_t = std::unique_ptr<DynArrHandle_t, array_release_t>;
 
+  uint8_t kind() const { return static_cast<uint8_t>(options_->kind & ~ARRAY_LOAD_REBUILDS_LISTS); }
+  bool rebuilds_lists() const { return (options_->kind & ARRAY_LOAD_REBUILDS_LISTS) != 0; }
   bool options_are_sound();
   bool read_headers();
   uint32_t direct_slots() const;
@@ -58,6 +62,8 @@ class reader_t {
   bool fill();
   bool fill_slot(uint32_t idx, char *slot);
   void complete_cut_slot(char *slot);
+  void forget_lists();
+  bool lists_are_rebuilt();
   bool read_part(void *to, size_t bytes, const char *what);
 
   image_source_t *const source_;
@@ -82,7 +88,7 @@ bool reader_t::options_are_sound() {
     refusal_->add("option mem_type %d is not in process memory", options_->mem_type);
     return false;
   }
-  if (options_->kind > ARRAY_LOAD_POOL_BY_SIZE) {
+  if (kind() > ARRAY_LOAD_POOL_BY_SIZE) {
     refusal_->add("option kind %u is unknown", options_->kind);
     return false;
   }
@@ -102,7 +108,28 @@ bool reader_t::read_headers() {
   headers_.reset(static_cast<char *>(malloc(header_bytes)));
   if (headers_ == nullptr) return check_.refuse_at(pos_, "no memory for the headers");
   memcpy(headers_.get(), &hdr, sizeof(hdr));
-  return read_part(headers_.get() + sizeof(hdr), header_bytes - sizeof(hdr), "headers");
+  if (!read_part(headers_.get() + sizeof(hdr), header_bytes - sizeof(hdr), "headers")) return false;
+  if (rebuilds_lists() && hdr.lli_sz == sizeof(DynArrLLI_t)) forget_lists();
+  return true;
+}
+
+// Empties the stored lists, whose roots and counters the checks of the headers would refuse.
+void reader_t::forget_lists() {
+  char *const roots = headers_.get() + sizeof(DynHdr_t) + check_.hdr().hdr_size;
+  DynArrLLI_t lists;
+  memcpy(&lists, roots, sizeof(lists));
+  lists.free_head = lists.free_tail = lists.inact_head = lists.inact_tail = TSLB_DA_NIL_IDX;
+  lists.n_free = lists.n_inact = 0;
+  memcpy(roots, &lists, sizeof(lists));
+}
+
+// The rules are checked from the start, because the headers have changed.
+bool reader_t::lists_are_rebuilt() {
+  if (array_rebuild_lists(array_.get()) != 0) return check_.refuse_at(pos_, "no memory for the lists");
+  char why[256];
+  if (array_check(array_.get(), kind(), why, sizeof(why)) == 0) return true;
+  refusal_->add("%s", why);
+  return false;
 }
 
 // ---- Slots ---------------------------------------------------------------------------------------------------------

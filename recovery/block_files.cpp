@@ -1,6 +1,7 @@
 // Loads block files: first file 0 up to its last used slot, then the data blocks in order.
 #include <tslb/block_files.h>
 
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
@@ -133,4 +134,46 @@ DynamicArray_t array_load_block_files(const char *base_path, const array_load_op
   refusal_t refusal(error, error_size);
   block_files_t files(base_path, options);
   return files.open_block0(&refusal) ? load_image(&files, options, &refusal) : nullptr;
+}
+
+// ---- Presence ------------------------------------------------------------------------------------------------------
+
+static bool is_block_file_of(const char *name, int32_t tbl_id) {
+  int found_id, block_num, length = 0;
+  return sscanf(name, TSLB_BLOCK_FILE_FORMAT "%n", &found_id, &block_num, &length) == 2 && length != 0 &&
+         name[length] == '\0' && found_id == tbl_id;
+}
+
+// Returns 1, 0 or -1 as block_files_exist. A folder that does not exist has no file.
+static int folder_has_file(const char *path, int32_t tbl_id) {
+  DIR *const folder = opendir(path);
+  if (folder == nullptr) return errno == ENOENT ? 0 : -1;
+  int result = 0;
+  errno = 0;
+  while (result == 0) {
+    const dirent *const entry = readdir(folder);
+    if (entry == nullptr) break;
+    result = is_block_file_of(entry->d_name, tbl_id) ? 1 : 0;
+  }
+  const int err = errno;
+  closedir(folder);
+  errno = err;
+  return result == 0 && err != 0 ? -1 : result;
+}
+
+int block_files_exist(const char *base_path, const char *ctx_name, int32_t tbl_id) {
+  const char *const base = base_path != nullptr ? base_path : "";
+  const char *const name = ctx_name != nullptr ? ctx_name : "";
+  path_t path;
+  // Block 0 and the data blocks can be in different folders.
+  for (const int chars : {INT_MAX, NAME_CHARS}) {
+    const int length =
+        snprintf(path.text, sizeof(path.text), "%s%s%.*s", base, base[0] != '\0' ? "/" : "", chars, name);
+    if (length < 0 || static_cast<size_t>(length) >= sizeof(path.text)) {
+      errno = ENAMETOOLONG;
+      return -1;
+    }
+    if (const int found = folder_has_file(path.text, tbl_id); found != 0) return found;
+  }
+  return 0;
 }

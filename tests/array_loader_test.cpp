@@ -5,6 +5,7 @@
 
 #include <tslb/block_files.h>
 #include <tslb/tslb_settings.h>
+#include "list_audit.h"
 #include "loader_support.h"
 
 // Script of the next reads: a positive number is the maximum of bytes read, -1 fails with EINTR, -2 with EIO. After the
@@ -263,4 +264,61 @@ TEST_F(BlockFiles, UnusedSlotsAreEmptyAndOtherFilesAreIgnored) {
   EXPECT_EQ(idx, 8u);
   EXPECT_EQ(read_at<uint32_t>(tslb_da_get_ptr(loaded.array.get(), 8), 4), 0u);
   EXPECT_EQ(fs::file_size(file(2)), 11u);
+}
+
+// What a kill within list operations can leave: statuses are single words, links, roots and counters are not. Without the
+// option the files are refused.
+TEST_F(BlockFiles, ListsAreRebuiltFromStatuses) {
+  array_load_options_t rebuilding = ANY;
+  rebuilding.kind |= ARRAY_LOAD_REBUILDS_LISTS;
+  for (const uint8_t daflag : {uint8_t{TSLB_DA_DAFLAG_LL}, uint8_t{TSLB_DA_DAFLAG_INLL}}) {
+    SCOPED_TRACE(int{daflag});
+    fs::remove_all(folder());
+    const array_t original(tslb_da_init_ver(8, 3, MPOOL_TYPE_SHM, "ctx", 12, daflag, 0));
+    for (uint32_t idx = 0, taken; idx < 40; ++idx) tslb_da_get_newptr(original.get(), &taken);
+    for (const uint32_t idx : {7u, 30u, 2u}) tslb_da_free_idx(original.get(), idx);
+    if (daflag == TSLB_DA_DAFLAG_INLL) {
+      tslb_da_inactivate_idx(original.get(), 9, 300);
+      tslb_da_inactivate_idx(original.get(), 4, 200);
+      tslb_da_inactivate_idx(original.get(), 20, 200);
+    }
+    // A slot that was freed up to its status, and links that lead nowhere.
+    const auto node = [&](uint32_t idx) {
+      return reinterpret_cast<node_fw *>(static_cast<char *>(tslb_da_get_ptr(original.get(), idx)) - sizeof(node_fw));
+    };
+    node(11)->status = TSLB_DA_SLOT_FREE;
+    node(30)->next = 30;
+    auto *const roots = static_cast<DynArrLLI_t *>(tslb_da_get_lli(original.get()));
+    roots->free_tail = 4000;
+    roots->n_free = 9;
+    tslb_syn_shm_dynarr(original.get());
+    EXPECT_EQ(load_files().array, nullptr);
+    const load_result_t loaded = load_files(rebuilding);
+    ASSERT_NE(loaded.array, nullptr) << loaded.error;
+    const lists_t lists = audit_lists(loaded.array.get());
+    EXPECT_EQ(lists.free.size(), static_cast<DynArrLLI_t *>(tslb_da_get_lli(loaded.array.get()))->n_free);
+    for (const uint32_t idx : lists.free) EXPECT_EQ(node(idx)->status, TSLB_DA_SLOT_FREE);
+    EXPECT_NE(std::find(lists.free.begin(), lists.free.end(), 11u), lists.free.end());
+    EXPECT_TRUE(std::is_sorted(lists.free.begin(), lists.free.end()));
+    if (daflag == TSLB_DA_DAFLAG_INLL) {
+      EXPECT_EQ(lists.inactive, (indices_t{4, 20, 9}));
+    }
+    uint32_t taken;
+    ASSERT_NE(tslb_da_get_newptr(loaded.array.get(), &taken), nullptr);
+    EXPECT_EQ(taken, lists.free.front());
+  }
+}
+
+TEST_F(BlockFiles, PresenceIsReported) {
+  const char *const base = base_.path.c_str();
+  EXPECT_EQ(block_files_exist(base, "ctx", 12), 0);
+  const array_t original = slot_array(0, 8, 3, TSLB_DA_DAFLAG_LL, 40, MPOOL_TYPE_SHM);
+  EXPECT_EQ(block_files_exist(base, "ctx", 12), 1);
+  EXPECT_EQ(block_files_exist(base, "ctx", 1), 0) << "12.0.darr is not a file of table 1";
+  fs::rename(file(1), folder() / "13.1.darr.old");
+  fs::rename(file(0), folder() / "13.0.darr");
+  fs::remove(file(2));
+  fs::remove(file(3));
+  EXPECT_EQ(block_files_exist(base, "ctx", 12), 0);
+  EXPECT_EQ(block_files_exist(base, "ctx", 13), 1);
 }
