@@ -12,15 +12,21 @@
  *   generation   one stored state of all arrays: a snapshot stream for each, and a manifest.
  *
  * Batches. Changes between tslb_batch_begin and tslb_batch_end belong to the batch; they are made by the thread that
- * began it, which has one batch of a store at a time. Changes of a store's array outside of a batch are an error that
- * breaks the store. A group ends at a moment without an open batch, so a batch should be short: while one is open,
- * nothing becomes durable. Changes cannot be taken back by the host.
+ * began it, which has one batch of a store at a time; at most 64 are open at once. Changes of a store's array outside of a
+ * batch are an error that breaks the store. Reading needs no batch, but sees changes that are not durable yet. A group ends
+ * at a moment without an open batch, so a batch should be short: while one is open, nothing becomes durable. A batch cannot
+ * be given up: a host that fails halfway changes the arrays back itself, and ends the batch.
+ *
+ * Locks of the host. tslb_batch_begin and _commit, tslb_store_wait, _snapshot, _backup, _reserve, _restore and _close wait
+ * until no batch is open. So a lock that a thread takes within a batch is not held when one of them is called.
+ * tslb_batch_end does not wait, except with TSLB_SYNC_ALWAYS.
  *
  * What the host names, and what it does not:
  *   - the contents of records and chunks: tslb_batch_log_record, _bytes and _chunk. The store copies the bytes when the
  *     group ends, so they can be named before or after the change, and are written once for each group.
- *   - not: list nodes, headers of arrays and pools, new ids, counters of memory slots, compaction headers of chunks that
- *     were taken or deleted through the store. The store logs these itself.
+ *   - not: list nodes, gatekeeper words of freed slots, the clearing of a slot that is taken again, headers of arrays and
+ *     pools, new ids, counters of memory slots, compaction headers of chunks that were taken or deleted through the store.
+ *     The store logs these itself.
  *   - Chunks of the 32-bit or 64-bit allocator that were taken without the store, and their compaction headers, are
  *     named like other contents.
  * A content that was not named is not restored. With TSLB_STORE_SHADOW the store keeps a replica that is built from the
@@ -28,7 +34,12 @@
  * slot, byte and batch, and breaks the store. Tests of a host run with it.
  *
  * Errors. Functions that can fail take `error`, which may be null, and fill it on failure. Nothing is written to stderr
- * except by libtslb.so itself. No function throws.
+ * except by libtslb.so itself, for example when a bit-vector pool grows by 255 slots: its lines cannot be redirected. No
+ * function throws.
+ *
+ * Child processes. A snapshot is written by a forked child, which the store waits for; a host that ignores SIGCHLD or waits
+ * for any child may see it first, and no harm is done. A child that the host forks keeps the store locked until it ends or
+ * calls exec.
  *
  * Threads. A store can be used by any number of threads, as each function says. The host must ignore SIGXFSZ if the size
  * of files is limited: the signal would end it. */
@@ -77,8 +88,8 @@ typedef enum tslb_array_kind_t {
   TSLB_POOL_BIT_VECTOR  /* chunk pool with maddrBV_t */
 } tslb_array_kind_t;
 
-/* Converts one record to the declared version: fills `to`, which is zeroed. Called for each active or inactive slot.
- * A result other than 0 fails the opening. */
+/* Converts one record to the declared version: fills `to`, which is zeroed, with the gatekeeper word of a slot array too.
+ * Called for each slot that is not free. A result other than 0 fails the opening with TSLB_DURABLE_MISMATCH. */
 typedef int (*tslb_record_converter_t)(void *arg, uint8_t from_version, const void *from, uint32_t from_bytes, void *to,
                                        uint32_t to_bytes);
 
@@ -86,7 +97,7 @@ typedef int (*tslb_record_converter_t)(void *arg, uint8_t from_version, const vo
 typedef struct tslb_array_decl_t {
   const char *name; /* 1 to 31 of a-z, A-Z, 0-9, '_' and '-'; the array's name in the store and its ctx_name */
   tslb_array_kind_t kind;
-  int32_t tbl_id;        /* table id */
+  int32_t tbl_id;        /* table id; two arrays may have the same */
   uint32_t record_bytes; /* bytes of a record; pool: usable bytes of a memory slot, a multiple of 4, at most 16 MiB */
   uint32_t n_direct;     /* slots in block 0 */
   uint8_t daflag;        /* TSLB_ARRAY_SLOTS: TSLB_DA_DAFLAG_*; pools: the same, or 0 for a pool that frees no slot */
@@ -168,9 +179,12 @@ typedef struct tslb_store_info_t {
  * arrays    declarations of all arrays of the store, in any order. Arrays that the store does not have are added.
  *           Copied, with the texts.
  * options   may be null.
- * Result    the store, or NULL. The arrays have the last durable state.
+ * Result    the store, or NULL: TSLB_DURABLE_NO_STORE for a missing folder, one without a store, and one whose creation did
+ *           not end (with TSLB_STORE_CREATE these are created); _NOT_EMPTY; _LOCKED; _MISMATCH; _DAMAGED; _IO. The arrays
+ *           have the last durable state.
  *
- * A store that was not closed is recovered: bytes after the last complete group are cut. Everything is checked before:
+ * Arrays of an older rec_version are converted, and added arrays created; then a whole generation is written before the
+ * call returns. With TSLB_STORE_READ_ONLY this happens in memory alone. A store that was not closed is recovered: bytes after the last complete group are cut. Everything is checked before:
  * files against the manifest, groups against their checksums, arrays against the rules of the formats. Anything that a
  * crash does not explain is TSLB_DURABLE_DAMAGED. */
 tslb_store_t *tslb_store_open(const char *folder, const tslb_array_decl_t *arrays, uint32_t n_arrays,
@@ -216,12 +230,12 @@ int tslb_store_set_payload(tslb_store_t *store, const void *bytes, size_t size, 
 
 /* ---- Batches ------------------------------------------------------------------------------------------------------- */
 
-/* Begins a batch on this thread. Waits while a group ends. NULL with TSLB_DURABLE_REFUSED, _BROKEN, _NO_MEMORY, or
+/* Begins a batch on this thread. Waits while a group ends, and while 64 batches are open. NULL with TSLB_DURABLE_REFUSED, _BROKEN, _NO_MEMORY, or
  * _INVALID (the store is read-only, or the thread has a batch already). */
 tslb_batch_t *tslb_batch_begin(tslb_store_t *store, tslb_error_t *error);
 
 /* Name changed contents. `array` is the index of the declaration. A range is within a record (pools: within MemSlot_t with
- * its chunks); with an invalid range the ticket of the batch fails. tslb_batch_log_record names the list nodes of a slot
+ * its chunks); an invalid range refuses the whole group. tslb_batch_log_record names the list nodes of a slot
  * too, so it is needed after tslb_da_get_newptr_inll, tslb_da_make_ready, and a status that the host wrote. Thread of the
  * batch. */
 void tslb_batch_log_record(tslb_batch_t *batch, uint32_t array, uint32_t idx);
@@ -236,8 +250,9 @@ void tslb_batch_log_chunk64(tslb_batch_t *batch, uint32_t array, maddr64_t addre
  * bytes     of data.
  * referrer  stored in the compaction header, if there is one.
  * address   receives the address.
- * Result    the data, after a compaction header. It is not zeroed if the slot was used before; name what you write. NULL
- *           with TSLB_DURABLE_FULL or _INVALID: nothing was changed. */
+ * Result    the data, after a compaction header. It is zero. NULL with TSLB_DURABLE_FULL or
+ *           _INVALID: nothing was changed. After FULL: delete chunks, and call tslb_batch_sweep, which also releases slots
+ *           that were emptied while they were current. */
 void *tslb_batch_take_chunk(tslb_batch_t *batch, uint32_t array, uint32_t bytes, srcaddr_t referrer, maddr_t *address,
                             tslb_error_t *error);
 /* With a 64-bit address, in a big-buffer pool without a limit of slots. Such chunks cannot be deleted one by one. */
@@ -251,14 +266,16 @@ void tslb_batch_delete_chunk(tslb_batch_t *batch, uint32_t array, maddr_t addres
  * threads take slots meanwhile. */
 uint32_t tslb_batch_sweep(tslb_batch_t *batch, uint32_t array);
 
-/* Gives the batch a payload of at most 65,536 bytes, which is copied. Result: 0, or -1. */
+/* Gives the batch a payload of at most 65,536 bytes, which is copied. Result: 0, or -1. The store keeps the last payload
+ * in the order of the tickets, also beyond a generation. With several threads, set it and call tslb_batch_end under one
+ * lock of the host, and wait after that. */
 int tslb_batch_set_payload(tslb_batch_t *batch, const void *bytes, size_t size, tslb_error_t *error);
 
 /* Ends the batch and releases it. Returns its ticket. With TSLB_SYNC_ALWAYS it waits until the ticket is settled. */
 uint64_t tslb_batch_end(tslb_batch_t *batch);
 
-/* Ends the batch and waits until it is settled; the calling thread writes the group if no other does. Result: 0: it is
- * durable. -1: it was refused. */
+/* Ends the batch, releases it, and waits until it is settled; the calling thread writes the group if no other does. Result:
+ * 0: it is durable. -1: it was refused. */
 int tslb_batch_commit(tslb_batch_t *batch, tslb_error_t *error);
 
 /* ---- Tickets ------------------------------------------------------------------------------------------------------- */
@@ -282,9 +299,14 @@ uint64_t tslb_store_settled(tslb_store_t *store);
 /* Returns an eventfd that is readable when tickets have settled. The reader resets it. It belongs to the store. */
 int tslb_store_event_fd(tslb_store_t *store);
 
-/* After TSLB_DURABLE_REFUSED: brings the arrays back to the last durable batch, in place, so pointers to arrays stay
+/* A refusal concerns a whole group, and all batches that were open then or had ended: their tickets are settled and fail.
+ * Until this call tslb_batch_begin, tslb_store_reserve, _snapshot and _backup fail with TSLB_DURABLE_REFUSED. Tickets
+ * continue after the last one.
+ *
+ * After TSLB_DURABLE_REFUSED: brings the arrays back to the last durable batch, in place, so pointers to arrays stay
  * valid. Afterwards batches can begin again. Reads the store from the disk, and needs twice the memory meanwhile. No
- * batch may be open. State of the host that follows from the arrays is made anew by the host. Result: 0. -1: the store
+ * batch may be open, and no thread may read the arrays. State of the host that follows from the arrays is made anew by the
+ * host. Result: 0, also if nothing was refused. -1: the store
  * is broken, or reading failed; it can be tried again. */
 int tslb_store_restore(tslb_store_t *store, tslb_error_t *error);
 
@@ -292,7 +314,7 @@ int tslb_store_restore(tslb_store_t *store, tslb_error_t *error);
 
 /* Writes a generation and removes older ones (options.keep). Batches go on meanwhile, except for a short pause
  * (tslb_store_info_t). Waits until it is complete. Result: 0, or -1: the store goes on with the generation before.
- * Any thread; one snapshot at a time. No batch of the calling thread may be open. */
+ * Any thread; a second snapshot waits for the first. No batch of the calling thread may be open. */
 int tslb_store_snapshot(tslb_store_t *store, tslb_error_t *error);
 
 /* Writes a copy of the store to a missing or empty folder, as of the last settled ticket, and verifies it there. Opening
