@@ -106,7 +106,7 @@ TEST_F(DurableDamage, EachFlippedBitAfterAnOrderlyEndIsRefused) {
   EXPECT_EQ(store.content(), contents_.back());
 }
 
-// A flipped bit in the last group cannot be told from a write that a crash cut. In front of it, it is damage.
+// A flipped bit in the last group looks like a write that a crash cut. Before the last group it is damage.
 TEST_F(DurableDamage, FlippedBitInAnOpenJournalCostsAtMostTheLastGroup) {
   ASSERT_NO_FATAL_FAILURE(fill(folder_, false));
   const std::string path = folder_ + "/journal.3";
