@@ -134,6 +134,7 @@ struct tslb_store_t {
   void copy_group(CopiedGroup &group);
   void write_group(const CopiedGroup &group);
   void compare_with_shadow(const PendingGroup &pending, CopiedGroup &group);
+  void cut_and_refuse(const std::string &reason);
   void refuse(const std::string &reason, bool for_good);
   void settle(const CopiedGroup &group);
   void signal_settled();

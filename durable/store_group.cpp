@@ -263,21 +263,16 @@ void tslb_store_t::write_group(const CopiedGroup &group) {
   Frame frame = {FrameKind::group, Compression::none, static_cast<uint32_t>(body_.size()), group.n_batches};
   const bool is_tried = level_ != 0 && (n_raw_in_turn_ == 0 || ++n_raw_in_turn_ > MAX_RAW_IN_TURN);
   std::string_view stored = body_;
-  if (is_tried) {
-    stored = compress(body_, level_, compressed_, frame.compression);
-    n_raw_in_turn_ = frame.compression == Compression::none ? 1 : 0;
-  }
   try {
+    if (is_tried) {
+      stored = compress(body_, level_, compressed_, frame.compression);
+      n_raw_in_turn_ = frame.compression == Compression::none ? 1 : 0;
+    }
     journal_->append_group(frame, stored);
   } catch (const StoreError &error) {
-    std::string reason = error.what();
-    // The cut is synced before the refusal is reported. Otherwise a crash could restore a refused batch.
-    try {
-      journal_->cut();
-      return refuse(reason, false);
-    } catch (const StoreError &cut_error) {
-      return refuse(fmt::format("{}; {}", reason, cut_error.what()), true);
-    }
+    return cut_and_refuse(error.what());
+  } catch (const std::bad_alloc &) {
+    return cut_and_refuse("no memory");
   }
   try {
     if (options_.sync != TSLB_SYNC_NONE) journal_->sync();
@@ -294,6 +289,16 @@ void tslb_store_t::write_group(const CopiedGroup &group) {
   info_.raw_bytes += body_.size();
   info_.stored_bytes += stored.size();
   settle(group);
+}
+
+// The cut is synced before the refusal is reported. Otherwise a crash could restore a refused batch.
+void tslb_store_t::cut_and_refuse(const std::string &reason) {
+  try {
+    journal_->cut();
+  } catch (const StoreError &error) {
+    return refuse(fmt::format("{}; {}", reason, error.what()), true);
+  }
+  refuse(reason, false);
 }
 
 // mutex_ is held.

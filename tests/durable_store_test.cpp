@@ -5,6 +5,7 @@
 #include <set>
 
 #include "durable_support.h"
+#include "fault_alloc.h"
 
 using testing::HasSubstr;
 
@@ -581,4 +582,46 @@ TEST_F(DurableStore, TicketsCanBeCheckedWithoutWaiting) {
   EXPECT_EQ(tslb_store_reserve(store.get(), uint64_t{1} << 60, &store.error), -1);
   EXPECT_EQ(store.error.code, TSLB_DURABLE_IO);
   EXPECT_NE(store.error.errnum, 0);
+}
+
+// The n-th allocation of the thread that writes the group fails, for each n. With compression its buffers are new in each
+// round, because the stored bytes are longer than before.
+TEST_F(DurableStore, RefusedMemoryRefusesTheGroup) {
+#if defined(TSLB_SANITIZES_ADDRESS) || defined(TSLB_SANITIZES_THREAD)
+  GTEST_SKIP() << "operator new is the sanitizer's";
+#endif
+  TestStore store;
+  ASSERT_TRUE(store.open(folder_, TSLB_STORE_CREATE));
+  tslb_batch_t *batch = store.begin();
+  for (int i = 0; i < 200; ++i) store.add_slot(batch, 1, 0);
+  ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0);
+  int n_refused = 0;
+  for (int nth = 1;; ++nth) {
+    SCOPED_TRACE(fmt::format("allocation {}", nth));
+    ASSERT_EQ(store.close(), 0) << store.error.text;
+    ASSERT_TRUE(store.open(folder_, 0)) << store.error.text;
+    const std::string before = store.content();
+    bool struck, is_durable = false;
+    {
+      const fault_t fault(nth);
+      batch = store.begin();
+      if (batch != nullptr) {
+        for (uint32_t idx = 0; idx < 200; ++idx) {
+          static_cast<TestRecord *>(tslb_da_get_ptr(store.array(SLOTS), idx))->value = static_cast<uint32_t>(nth) * idx;
+          tslb_batch_log_record(batch, SLOTS, idx);
+        }
+        is_durable = tslb_batch_commit(batch, &store.error) == 0;
+      }
+      struck = fault.struck();
+    }
+    if (!is_durable) {
+      ASSERT_TRUE(store.error.code == TSLB_DURABLE_REFUSED || store.error.code == TSLB_DURABLE_NO_MEMORY)
+          << store.error.text;
+      ++n_refused;
+      ASSERT_EQ(tslb_store_restore(store.get(), &store.error), 0) << store.error.text;
+      ASSERT_EQ(store.content(), before);
+    }
+    if (!struck) break;
+  }
+  EXPECT_GT(n_refused, 5);
 }
