@@ -27,6 +27,8 @@
 
 namespace tslb_durable {
 
+inline constexpr size_t MAX_PAYLOAD_BYTES = 1 << 16;
+
 // Changed bytes within one slot.
 struct Range {
   uint32_t array;  // index of the declaration

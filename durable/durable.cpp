@@ -17,15 +17,8 @@ using namespace tslb_durable;
 
 namespace {
 
-constexpr size_t MAX_PAYLOAD_BYTES = 1 << 16;
 constexpr uint32_t KNOWN_FLAGS = TSLB_STORE_CREATE | TSLB_STORE_IN_ANY | TSLB_STORE_READ_ONLY | TSLB_STORE_SALVAGE |
                                  TSLB_STORE_SHADOW | TSLB_STORE_NO_FORK | TSLB_STORE_BULK;
-
-void copy_text(std::string_view text, char *to, size_t size) {
-  const size_t length = std::min(text.size(), size - 1);
-  std::memcpy(to, text.data(), length);
-  to[length] = '\0';
-}
 
 void set_error(tslb_error_t *error, tslb_durable_code_t code, std::string_view text, const std::string &file = {},
                uint64_t byte = 0, int errnum = 0) {

@@ -85,6 +85,12 @@ int regular_file(const std::string &path, int access) {
 
 }  // namespace
 
+void copy_text(std::string_view text, char *to, size_t size) {
+  const size_t length = std::min(text.size(), size - 1);
+  std::memcpy(to, text.data(), length);
+  to[length] = '\0';
+}
+
 StoreError damaged(const std::string &path, const std::string &what) {
   return StoreError(TSLB_DURABLE_DAMAGED, fmt::format("{}: {}", path, what), path);
 }

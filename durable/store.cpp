@@ -32,12 +32,6 @@ int level_of(const tslb_store_options_t &options) {
   return options.journal_level <= MAX_LEVEL ? static_cast<int>(options.journal_level) : 0;
 }
 
-void copy_text(const std::string &text, char *to, size_t size) {
-  const size_t length = std::min(text.size(), size - 1);
-  std::memcpy(to, text.data(), length);
-  to[length] = '\0';
-}
-
 // Returns whether the process that a lock file names does not exist any more.
 bool has_writer_ended(const File &lock) {
   pid_t writer = 0;
@@ -306,7 +300,7 @@ void tslb_store_t::close() {
     while (flush()) continue;
   }
   const std::lock_guard lock(mutex_);
-  if (!failed_.empty()) throw StoreError(is_broken_ ? TSLB_DURABLE_BROKEN : TSLB_DURABLE_REFUSED, failed_, folder_);
+  if (!failed_.empty()) throw refusal(failed_);
   seal();
 }
 
@@ -318,10 +312,14 @@ void tslb_store_t::close_bulk() {
   if (made_folder_) remove_folder_if_empty(folder_);
 }
 
+JournalState tslb_store_t::sealed_state() const {
+  return {state_.journals.back().number, true, journal_->place().position, journal_->place().crc32c};
+}
+
 void tslb_store_t::seal() {
   if (!journal_) return;  // an import that changed nothing
   journal_->seal();
-  state_.journals.back() = {state_.journals.back().number, true, journal_->place().position, journal_->place().crc32c};
+  state_.journals.back() = sealed_state();
   write_state(folder_, state_);
 }
 

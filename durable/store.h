@@ -30,6 +30,10 @@
 #include "store_load.h"
 #include "stored_array.h"
 
+namespace tslb_durable {
+class StreamChild;
+}
+
 // A batch. Only its thread uses it.
 struct tslb_batch_t {
   tslb_store_t *store = nullptr;
@@ -139,12 +143,19 @@ struct tslb_store_t {
   void settle(const CopiedGroup &group);
   void signal_settled();
   void run_journal();
-  void expect_usable() const;  // mutex_ is held
+  tslb_durable::StoreError refusal(const std::string &reason) const;  // mutex_ is held
+  void expect_usable() const;                                         // mutex_ is held
   void expect_no_batch_of_this_thread() const;
   const std::string *refusal_of(uint64_t ticket) const;  // mutex_ is held
 
   // Generations, in store_snapshot.cpp.
   void write_generation_alone(uint64_t number);
+  bool forks() const { return (options_.flags & TSLB_STORE_NO_FORK) == 0; }
+  void begin_next_journal(NewGeneration &next);
+  std::optional<tslb_durable::StoreError> freeze(NewGeneration &next, tslb_durable::StreamChild &child);
+  std::optional<tslb_durable::StoreError> switch_journal(NewGeneration &next);
+  void use_generation(uint64_t number);
+  tslb_durable::JournalState sealed_state() const;
   void write_streams(NewGeneration &next);
   void finish_generation(NewGeneration &next);
   void remove_older_generations();

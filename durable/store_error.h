@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <stdexcept>
 #include <string>
+#include <string_view>
+#include <utility>
 
 namespace tslb_durable {
 
@@ -28,6 +30,9 @@ class StoreError : public std::runtime_error {
   uint64_t byte_;
   std::string file_;
 };
+
+// Copies a text to an array of `size` bytes, cut to fit.
+void copy_text(std::string_view text, char *to, size_t size);
 
 // Returns "path: what", with TSLB_DURABLE_DAMAGED.
 StoreError damaged(const std::string &path, const std::string &what);

@@ -26,10 +26,14 @@ void tslb_batch_t::add(const Range &range) noexcept {
 
 // ---- Batches -------------------------------------------------------------------------------------------------------
 
+StoreError tslb_store_t::refusal(const std::string &reason) const {
+  return StoreError(is_broken_ ? TSLB_DURABLE_BROKEN : TSLB_DURABLE_REFUSED, reason, folder_);
+}
+
 void tslb_store_t::expect_usable() const {
   if (is_bulk_) throw StoreError(TSLB_DURABLE_INVALID, folder_ + ": was opened for an import", folder_);
   if (is_reader_) throw StoreError(TSLB_DURABLE_INVALID, folder_ + ": was opened to read", folder_);
-  if (!failed_.empty()) throw StoreError(is_broken_ ? TSLB_DURABLE_BROKEN : TSLB_DURABLE_REFUSED, failed_, folder_);
+  if (!failed_.empty()) throw refusal(failed_);
 }
 
 void tslb_store_t::expect_no_batch_of_this_thread() const {
@@ -131,8 +135,7 @@ void tslb_store_t::wait(uint64_t ticket) {
   }
   settle_ticket(ticket);
   const std::lock_guard lock(mutex_);
-  if (const std::string *const why = refusal_of(ticket))
-    throw StoreError(is_broken_ ? TSLB_DURABLE_BROKEN : TSLB_DURABLE_REFUSED, *why, folder_);
+  if (const std::string *const why = refusal_of(ticket)) throw refusal(*why);
 }
 
 // The calling thread writes groups until the ticket is settled.
@@ -151,8 +154,7 @@ uint64_t tslb_store_t::settled() {
 bool tslb_store_t::check(uint64_t ticket) {
   const std::lock_guard lock(mutex_);
   if (settled_ < ticket) return false;
-  if (const std::string *const why = refusal_of(ticket))
-    throw StoreError(is_broken_ ? TSLB_DURABLE_BROKEN : TSLB_DURABLE_REFUSED, *why, folder_);
+  if (const std::string *const why = refusal_of(ticket)) throw refusal(*why);
   return true;
 }
 

@@ -17,7 +17,6 @@ namespace tslb_durable {
 namespace {
 
 constexpr uint64_t MIN_PARALLEL_BYTES = 1 << 20;
-constexpr size_t MAX_PAYLOAD_BYTES = 1 << 16;
 constexpr int MAX_TRIES = 10;  // of a reader whose files are replaced
 
 uint8_t load_kind_of(tslb_array_kind_t kind) {
@@ -54,7 +53,7 @@ Array load_array(const std::string &folder, const StoredArrayEntry &entry) {
   return array;
 }
 
-// Loads one generation with its journals. `files` is the state that names the journals.
+// Loads one generation with its journals.
 class Loading {
  public:
   Loading(std::string folder, const LoadOptions &options, LoadedStore &loaded)

@@ -1,18 +1,15 @@
 // Generations and backups.
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstring>
 #include <utility>
 
 #include "store.h"
+#include "stream_child.h"
 #include "stream_writer.h"
 
 using namespace tslb_durable;
@@ -52,24 +49,6 @@ void remove_generation(const std::string &folder) {
   remove_unused(folder);
 }
 
-// The result that a child sends for each array.
-struct StreamResult {
-  int error;
-  StoredFile file;
-};
-
-bool read_whole(int fd, void *to, size_t bytes) {
-  auto *at = static_cast<char *>(to);
-  while (bytes != 0) {
-    const ssize_t got = read(fd, at, bytes);
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) return false;
-    at += got;
-    bytes -= static_cast<size_t>(got);
-  }
-  return true;
-}
-
 }  // namespace
 
 struct tslb_store_t::NewGeneration {
@@ -87,6 +66,7 @@ struct tslb_store_t::NewGeneration {
   std::vector<uint32_t> numbers;  // of the arrays in the manifest
   std::vector<uint8_t> payload;
   bool has_payload = false;
+  std::unique_ptr<JournalWriter> journal;  // that begins with the generation
   StreamWriter writer;
   bool is_in_place = false;
 };
@@ -198,9 +178,98 @@ void tslb_store_t::remove_older_generations() {
   });
 }
 
-// The files of the next generation and the next journal are made while batches go on. Then, without an open batch, the
-// pending group is copied and the process forks: the child has the arrays as they are at that moment, and writes them.
-// Later groups go to the next journal. The state names it before it gets a group.
+// Makes the journal of the next generation, and names it in the stored state before it gets a group.
+void tslb_store_t::begin_next_journal(NewGeneration &next) {
+  const std::string path = journal_path(folder_, next.number);
+  if (access(path.c_str(), F_OK) == 0) {
+    // Of an attempt that failed. The stored state can name it, so it is written anew before the journal is removed.
+    write_state(folder_, state_);
+    remove_file(path);
+  }
+  next.journal = std::make_unique<JournalWriter>(path, JournalName{state_.identity, next.number});
+  StoreState with_next = state_;
+  with_next.journals.push_back({next.number, false, 0, 0});
+  write_state(folder_, with_next);
+}
+
+// Seals the journal, and goes on with that of the next generation. Returns why it cannot. flush_mutex_ is held.
+std::optional<StoreError> tslb_store_t::switch_journal(NewGeneration &next) {
+  try {
+    journal_->seal();
+  } catch (const StoreError &error) {
+    // Groups must not follow a seal of which a part may be missing on the disk.
+    try {
+      journal_->cut();
+    } catch (const StoreError &cut_error) {
+      refuse(fmt::format("{}; {}", error.what(), cut_error.what()), true);
+      return cut_error;
+    }
+    return error;
+  }
+  state_.journals.back() = sealed_state();
+  state_.journals.push_back({next.number, false, 0, 0});
+  journals_before_ += journal_->place().position;
+  journal_ = std::move(next.journal);
+  return std::nullopt;
+}
+
+// The moment of a snapshot. Without an open batch, the pending group is copied and the process forks: the child has the
+// arrays as they are then. Later groups go to the next journal. Returns why the snapshot fails.
+std::optional<StoreError> tslb_store_t::freeze(NewGeneration &next, StreamChild &child) {
+  const std::lock_guard flushing(flush_mutex_);
+  CopiedGroup group;
+  int fork_error = 0;
+  uint64_t fork_ns = 0;
+  const auto start = Clock::now();
+  {
+    const GateClosed closed(gate_);
+    copy_group(group);
+    for (size_t i = 0; i < arrays_.size(); ++i) {
+      next.n_slots[i] = tslb_da_get_size(arrays_[i].get());
+      next.numbers[i] = logged_[i].number();
+    }
+    const auto before_fork = Clock::now();
+    if (forks()) {
+      fork_error = child.start(next.results, lock_->fd(), [this, &next] { write_streams(next); });
+      fork_ns = ns_since(before_fork);
+    } else {
+      write_streams(next);
+    }
+  }
+  const uint64_t pause_ns = ns_since(start);
+  if (group.n_batches != 0) write_group(group);
+  {
+    const std::lock_guard lock(mutex_);
+    info_.fork_ns = fork_ns;
+    info_.snapshot_pause_ns = pause_ns;
+    info_.max_pause_ns = std::max(info_.max_pause_ns, pause_ns);
+    if (!failed_.empty()) return refusal(failed_);
+    next.payload = durable_payload_;
+    next.has_payload = has_durable_payload_;
+  }
+  if (fork_error != 0)
+    return StoreError(TSLB_DURABLE_IO, fmt::format("{}: cannot fork: {}", folder_, std::strerror(fork_error)), folder_,
+                      0, fork_error);
+  return switch_journal(next);
+}
+
+// Makes a generation that is in place the current one.
+void tslb_store_t::use_generation(uint64_t number) {
+  StoreState state = state_;
+  state.generation = number;
+  state.journals = {state_.journals.back()};
+  write_state(folder_, state);
+  state_ = std::move(state);
+  remove_older_generations();
+  const std::lock_guard flushing(flush_mutex_);
+  journals_before_ = 0;
+  const std::lock_guard lock(mutex_);
+  info_.generation = number;
+  ++info_.n_snapshots;
+  info_.journal_bytes = journal_->place().position;
+}
+
+// The files of the next generation and the next journal are made while batches go on.
 void tslb_store_t::snapshot() {
   expect_no_batch_of_this_thread();
   const std::lock_guard snapshots(snapshot_mutex_);
@@ -209,121 +278,18 @@ void tslb_store_t::snapshot() {
     const std::lock_guard lock(mutex_);
     expect_usable();
   }
-  const uint64_t number = state_.journals.back().number + 1;
-  NewGeneration next(*this, number);
-  const std::string next_path = journal_path(folder_, number);
-  if (access(next_path.c_str(), F_OK) == 0) {
-    // Of an attempt that failed. The stored state can name it, so it is written anew before the journal is removed.
+  NewGeneration next(*this, state_.journals.back().number + 1);
+  begin_next_journal(next);
+  StreamChild child(folder_);
+  std::optional<StoreError> failure = freeze(next, child);
+  if (!failure && forks() && !child.receive(next.results))
+    failure.emplace(TSLB_DURABLE_IO, folder_ + ": the child process that writes a generation ended", folder_);
+  if (failure) {
     write_state(folder_, state_);
-    remove_file(next_path);
-  }
-  auto next_journal = std::make_unique<JournalWriter>(next_path, JournalName{state_.identity, number});
-  StoreState with_next = state_;
-  with_next.journals.push_back({number, false, 0, 0});
-  write_state(folder_, with_next);
-
-  int ends[2] = {-1, -1};
-  if (pipe2(ends, O_CLOEXEC) != 0) fail_file(folder_, "no pipe for a child process");
-  const File from_child = File::adopt(ends[0], "a pipe");
-  std::optional<File> to_parent(File::adopt(ends[1], "a pipe"));
-  const bool forks = (options_.flags & TSLB_STORE_NO_FORK) == 0;
-  const pid_t parent = getpid();
-  pid_t child = -1;
-  int fork_error = 0;
-  uint64_t fork_ns = 0, pause_ns = 0;
-  std::optional<StoreError> failure;
-  {
-    const std::lock_guard flushing(flush_mutex_);
-    CopiedGroup group;
-    const auto start = Clock::now();
-    {
-      const GateClosed closed(gate_);
-      copy_group(group);
-      for (size_t i = 0; i < arrays_.size(); ++i) {
-        next.n_slots[i] = tslb_da_get_size(arrays_[i].get());
-        next.numbers[i] = logged_[i].number();
-      }
-      const auto before_fork = Clock::now();
-      if (!forks) {
-        write_streams(next);
-      } else if ((child = fork()) == 0) {
-        // The child ends with the thread that waits for it, and does not hold the lock of the store.
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        ::close(lock_->fd());
-        if (getppid() != parent) _exit(1);
-        write_streams(next);
-        const size_t bytes = next.results.size() * sizeof next.results[0];
-        const ssize_t sent = ::write(ends[1], next.results.data(), bytes);
-        _exit(sent == static_cast<ssize_t>(bytes) ? 0 : 1);
-      } else if (child < 0) {
-        fork_error = errno;
-      }
-      fork_ns = ns_since(before_fork);
-    }
-    pause_ns = ns_since(start);
-    to_parent.reset();
-    if (group.n_batches != 0) write_group(group);
-    {
-      const std::lock_guard lock(mutex_);
-      if (!failed_.empty()) failure.emplace(is_broken_ ? TSLB_DURABLE_BROKEN : TSLB_DURABLE_REFUSED, failed_, folder_);
-      next.payload = durable_payload_;
-      next.has_payload = has_durable_payload_;
-      info_.fork_ns = forks ? fork_ns : 0;
-      info_.snapshot_pause_ns = pause_ns;
-      info_.max_pause_ns = std::max(info_.max_pause_ns, pause_ns);
-    }
-    if (!failure && fork_error == 0) {
-      try {
-        journal_->seal();
-        state_ = std::move(with_next);
-        JournalState &sealed = state_.journals[state_.journals.size() - 2];
-        sealed = {sealed.number, true, journal_->place().position, journal_->place().crc32c};
-        journals_before_ += sealed.bytes;
-        journal_ = std::move(next_journal);
-      } catch (const StoreError &error) {
-        failure = error;
-        // Groups must not follow a seal of which a part may be missing on the disk.
-        try {
-          journal_->cut();
-        } catch (const StoreError &cut_error) {
-          refuse(fmt::format("{}; {}", error.what(), cut_error.what()), true);
-          failure = cut_error;
-        }
-      }
-    }
-  }
-  const auto discard = [&] {
-    if (child > 0) kill(child, SIGKILL);
-  };
-  if (failure || fork_error != 0) discard();
-  bool is_complete = !forks;
-  if (forks && child > 0) {
-    is_complete = read_whole(from_child.fd(), next.results.data(), next.results.size() * sizeof next.results[0]);
-    while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) continue;
-  }
-  if (failure || fork_error != 0) {
-    write_state(folder_, state_);
-    if (failure) throw *failure;
-    errno = fork_error;
-    fail_file(folder_, "cannot fork");
-  }
-  if (!is_complete) {
-    write_state(folder_, state_);
-    throw StoreError(TSLB_DURABLE_IO, folder_ + ": the child process that writes a generation ended", folder_);
+    throw *failure;
   }
   finish_generation(next);
-  StoreState finished = state_;
-  finished.generation = number;
-  finished.journals.erase(finished.journals.begin(), finished.journals.end() - 1);
-  write_state(folder_, finished);
-  state_ = std::move(finished);
-  remove_older_generations();
-  const std::lock_guard flushing(flush_mutex_);
-  journals_before_ = 0;
-  const std::lock_guard lock(mutex_);
-  info_.generation = number;
-  ++info_.n_snapshots;
-  info_.journal_bytes = journal_->place().position;
+  use_generation(next.number);
 }
 
 // The arrays were changed without a journal.
@@ -348,9 +314,7 @@ void tslb_store_t::run_snapshots() {
     const std::lock_guard lock(mutex_);
     is_snapshot_due_ = false;
     next_snapshot_at_ = options_.snapshot_bytes + (failure.empty() ? 0 : info_.journal_bytes);
-    const size_t length = std::min(failure.size(), sizeof info_.snapshot_failure - 1);
-    std::memcpy(info_.snapshot_failure, failure.data(), length);
-    info_.snapshot_failure[length] = '\0';
+    copy_text(failure, info_.snapshot_failure, sizeof info_.snapshot_failure);
   }
 }
 
