@@ -23,6 +23,7 @@ set(TSLB_PUBLIC_HEADERS
 # archive.
 set(TSLB_HOST_PUBLIC_HEADERS
   recovery/array_check.h
+  recovery/array_convert.h
   recovery/array_loader.h
   recovery/array_rebuild.h
   recovery/array_settle.h

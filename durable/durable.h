@@ -49,6 +49,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <tslb/array_convert.h>
 #include <tslb/tslb_dynarr.h>
 #include <tslb/tslb_dynmem.h>
 
@@ -88,11 +89,6 @@ typedef enum tslb_array_kind_t {
   TSLB_POOL_BIT_VECTOR  /* chunk pool with maddrBV_t */
 } tslb_array_kind_t;
 
-/* Converts one record to the declared version: fills `to`, which is zeroed, with the gatekeeper word of a slot array too.
- * Called for each slot that is not free. A result other than 0 fails the opening with TSLB_DURABLE_MISMATCH. */
-typedef int (*tslb_record_converter_t)(void *arg, uint8_t from_version, const void *from, uint32_t from_bytes, void *to,
-                                       uint32_t to_bytes);
-
 /* Zero in fields that a kind does not use. */
 typedef struct tslb_array_decl_t {
   const char *name; /* 1 to 31 of a-z, A-Z, 0-9, '_' and '-'; the array's name in the store and its ctx_name */
@@ -106,7 +102,8 @@ typedef struct tslb_array_decl_t {
   int16_t max_slots;     /* big-buffer pools: limit of slots, or 0 */
   const tsdb_mem_pressure_config_t *reuse_policy; /* with TSLB_DA_DAFLAG_INLL: copied; or NULL, which changes nothing */
   const char *description;                        /* of the records, kept in the manifest: one line; or NULL */
-  /* Used if the stored array has an older rec_version. NULL: it is refused. A stored rec_version that is newer, or other
+  /* Used if the stored array has an older rec_version (array_convert.h). If it does not return 0, the opening fails with
+   * TSLB_DURABLE_MISMATCH. NULL: the array is refused. A stored rec_version that is newer, or other
    * sizes with the same version, are refused. Pools are not converted. */
   tslb_record_converter_t convert;
   void *convert_arg;

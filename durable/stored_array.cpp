@@ -82,21 +82,6 @@ void issue_ids(DynArrHandle_t *array, uint32_t n_used) {
   }
 }
 
-// Returns an empty array with the parameters of `array`, but other records.
-Array empty_like(DynArrHandle_t *array, uint32_t record_bytes, uint8_t rec_version) {
-  Array empty(get_default_dyn_array_ex_ex(
-      dyn_hdr_of(array)->hdr_size, static_cast<int32_t>(record_bytes), static_cast<int32_t>(array->n_direct),
-      MPOOL_TYPE_DRAM, static_cast<int32_t>(array->tbl_id), array->ctx_name, array->daflag, rec_version));
-  if (!empty) refuse_memory(array->ctx_name);
-  return empty;
-}
-
-// Copies the user header and the list roots.
-void copy_roots(DynArrHandle_t *from, DynArrHandle_t *to) {
-  const size_t bytes = size_t{dyn_hdr_of(from)->hdr_size} + dyn_hdr_of(from)->lli_sz;
-  std::memcpy(tslb_da_get_usrhdr(to), tslb_da_get_usrhdr(from), bytes);
-}
-
 std::string different(const char *what, uint64_t stored, uint64_t declared) {
   return stored == declared ? "" : fmt::format("{} {} is stored, but {} is declared", what, stored, declared);
 }
@@ -155,7 +140,11 @@ Array create_array(const ArrayDecl &decl) {
 }
 
 Array copy_of(DynArrHandle_t *array) {
-  Array copy = empty_like(array, tslb_da_get_record_size(array), rec_version_of(array));
+  Array copy(get_default_dyn_array_ex_ex(
+      dyn_hdr_of(array)->hdr_size, static_cast<int32_t>(tslb_da_get_record_size(array)),
+      static_cast<int32_t>(array->n_direct), MPOOL_TYPE_DRAM, static_cast<int32_t>(array->tbl_id), array->ctx_name,
+      array->daflag, rec_version_of(array)));
+  if (!copy) refuse_memory(array->ctx_name);
   copy_content(array, copy.get());
   return copy;
 }
@@ -168,40 +157,24 @@ void copy_content(DynArrHandle_t *from, DynArrHandle_t *to) {
     std::memcpy(slot_start(to, geometry, idx), slot_start(from, geometry, idx), geometry.slot_bytes);
   for (uint32_t idx = n_used; idx < tslb_da_get_size(to); ++idx)
     std::memset(slot_start(to, geometry, idx), 0, geometry.slot_bytes);
-  copy_roots(from, to);
+  // The user header and the list roots.
+  std::memcpy(tslb_da_get_usrhdr(to), tslb_da_get_usrhdr(from),
+              size_t{dyn_hdr_of(from)->hdr_size} + dyn_hdr_of(from)->lli_sz);
   std::memcpy(static_cast<char *>(to->arr_base) + arr_hdr_at(to) + offsetof(DynArrHdr_t, n_used), &n_used,
               sizeof n_used);
 }
 
 Array converted(DynArrHandle_t *from, const ArrayDecl &decl) {
-  const Geometry old_geometry(from);
-  const uint8_t old_version = rec_version_of(from);
-  Array to = empty_like(from, decl.record_bytes, decl.rec_version);
-  const Geometry geometry(to.get());
-  const uint32_t n_used = tslb_da_get_size(from);
-  issue_ids(to.get(), n_used);
-  copy_roots(from, to.get());
-  for (uint32_t idx = 0; idx < n_used; ++idx) {
-    const char *const old_slot = slot_start(from, old_geometry, idx);
-    char *const slot = slot_start(to.get(), geometry, idx);
-    std::memcpy(slot, old_slot, geometry.shift);
-    const size_t back_bytes = geometry.slot_bytes - geometry.shift - geometry.record_bytes;
-    std::memcpy(slot + geometry.shift + geometry.record_bytes,
-                old_slot + old_geometry.shift + old_geometry.record_bytes, back_bytes);
-    uint32_t status = TSLB_DA_SLOT_ACTIVE;
-    if (geometry.shift != 0) std::memcpy(&status, slot, sizeof status);
-    char *const record = slot + geometry.shift;
-    const char *const old_record = old_slot + old_geometry.shift;
-    if (status == TSLB_DA_SLOT_FREE) {
-      std::memcpy(record, old_record, sizeof(uint32_t));  // the gatekeeper word
-    } else if (decl.convert(decl.convert_arg, old_version, old_record, old_geometry.record_bytes, record,
-                            geometry.record_bytes) != 0) {
-      throw StoreError(TSLB_DURABLE_MISMATCH, fmt::format("array \"{}\": record {} cannot be converted from version {} "
-                                                          "to {}",
-                                                          decl.name, idx, old_version, decl.rec_version));
-    }
-  }
-  return to;
+  const array_conversion_t conversion = {
+      nullptr,           rec_version_of(from), decl.rec_version, tslb_da_get_record_size(from),
+      decl.record_bytes, decl.convert,         decl.convert_arg};
+  DynamicArray_t to = nullptr;
+  char why[256];
+  const recovery_result_t result = array_convert(from, &conversion, MPOOL_TYPE_DRAM, from->ctx_name,
+                                                 static_cast<int32_t>(from->tbl_id), &to, why, sizeof why);
+  if (result == RECOVERY_FAILED) refuse_memory(decl.name);
+  if (result != RECOVERY_DONE) throw StoreError(TSLB_DURABLE_MISMATCH, fmt::format("array \"{}\": {}", decl.name, why));
+  return Array(to);
 }
 
 std::string mismatch_of(DynArrHandle_t *array, const ArrayDecl &decl, bool compare_record_bytes) {

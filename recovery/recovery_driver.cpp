@@ -7,7 +7,6 @@
 #include <string.h>
 
 #include <iterator>
-#include <memory>
 
 #include <tslb/array_loader.h>
 #include <tslb/array_settle.h>
@@ -16,6 +15,7 @@
 #include <tslb/tslb_dynarr.h>
 #include <tslb/tslb_dynmem.h>
 #include "array_reader.h"
+#include "converted_stream.h"
 
 namespace {
 
@@ -170,11 +170,6 @@ bool source_fits(const plan_t &plan, dynarr_t *source, refusal_t *refusal) {
 
 // ---- Conversion ----------------------------------------------------------------------------------------------------
 
-struct array_release_t {
-  void operator()(DynArrHandle_t *array) const { destroy_dyn_arr(array); }
-};
-using array_t = std::unique_ptr<DynArrHandle_t, array_release_t>;
-
 array_t load(const plan_t &plan, int fd, refusal_t *refusal, uint32_t *n_direct) {
   const uint8_t library_kind = plan.is_pool() ? ARRAY_LOAD_POOL : ARRAY_LOAD_POOL_BY_SIZE;
   // Accepts any layout: source_fits checks it and returns its own result.
@@ -234,74 +229,6 @@ bool convert(const plan_t &plan, dynarr_t *source, dynarr_t *destination) {
   return plan.is_lib ? has_all_of(source, destination) : tslb_da_get_size(destination) == tslb_da_get_size(source);
 }
 
-// ---- Output --------------------------------------------------------------------------------------------------------
-
-struct output_t {
-  int fd;
-  uint32_t slot_bytes;
-  int n_written;
-};
-
-int write_slots(DynamicArray_t array, void *block, int n_slots, size_t, int hdr_size, int level, int, int, void *user) {
-  output_t *const output = static_cast<output_t *>(user);
-  return tslb_dump_data_into_dds_file(array->ctx_name, static_cast<char *>(block) + hdr_size, n_slots,
-                                      get_dyn_hdr(array), level, 0, output->slot_bytes, output->fd, &output->n_written,
-                                      0);
-}
-
-// Writes the stream that tslb_create_dump_for_dynarr would write of an array with `n_direct` direct slots. The slots of
-// `array` can be placed differently.
-bool write_stream(dynarr_t *array, uint32_t n_direct, int fd) {
-  DynArrHdr_t *const hdr = get_dyn_hdr(array);
-  const uint32_t own_n_direct = hdr->n_direct, own_n_alloc = hdr->n_alloc;
-  hdr->n_direct = n_direct;
-  hdr->n_alloc = n_direct + tslb_stored_n_blocks(hdr->n_used, n_direct) * TSLB_SLOTS_PER_BLOCK;
-  output_t output = {fd, tslb_da_get_slotsz(array, nullptr), 0};
-  const bool has_headers =
-      tslb_dump_data_into_dds_file(array->ctx_name, array->arr_base, 0, hdr, 0, tslb_dynmem_get_hdrsz(array),
-                                   output.slot_bytes, fd, &output.n_written, 0) >= 0;
-  hdr->n_direct = own_n_direct;
-  hdr->n_alloc = own_n_alloc;
-  if (!has_headers) return false;
-  tslb_iterate_dyn_array_blocks(array, write_slots, &output);
-  return static_cast<uint32_t>(output.n_written) == hdr->n_used;
-}
-
-// ---- Counts --------------------------------------------------------------------------------------------------------
-
-uint32_t *count_of(uint32_t status, recovery_counts_t *counts) {
-  switch (status) {
-    case TSLB_DA_SLOT_ACTIVE:
-      return &counts->n_active;
-    case TSLB_DA_SLOT_FREE:
-      return &counts->n_free;
-    case TSLB_DA_SLOT_INACTIVE:
-      return &counts->n_inactive;
-    default:
-      return &counts->n_other;
-  }
-}
-
-recovery_counts_t count(const plan_t &plan, dynarr_t *source, dynarr_t *destination) {
-  recovery_counts_t counts = {};
-  counts.n_records = tslb_da_get_size(source);
-  counts.record_bytes_before = tslb_da_get_record_size(source);
-  counts.record_bytes_after = tslb_da_get_record_size(destination);
-  counts.stream_bytes_after = static_cast<uint64_t>(tslb_dynmem_get_hdrsz(destination)) +
-                              uint64_t{counts.n_records} * tslb_da_get_slotsz(destination, nullptr);
-  counts.version_is_asserted = plan.is_pool() ? 1 : 0;
-  if (dyn_hdr_of(source)->lli_sz == 0) {
-    counts.n_active = counts.n_records;
-    return counts;
-  }
-  for (uint32_t idx = 0; idx < counts.n_records; ++idx) {
-    node_fw node;
-    memcpy(&node, static_cast<const char *>(tslb_da_get_ptr(source, idx)) - sizeof(node), sizeof(node));
-    ++*count_of(node.status, &counts);
-  }
-  return counts;
-}
-
 }  // namespace
 
 // ---- Public --------------------------------------------------------------------------------------------------------
@@ -330,12 +257,10 @@ recovery_result_t recovery_convert_stream(int fd_in, int fd_out, const recovery_
   }
   // All records of a catalogue type become direct.
   if (!plan.is_lib) n_direct = get_dyn_hdr(destination.get())->n_direct;
-  if (conversion->dry_run == 0 && !write_stream(destination.get(), n_direct, fd_out)) {
-    refusal.add("the converted array could not be written completely");
-    return RECOVERY_NOT_WRITTEN;
-  }
-  *counts = count(plan, source.get(), destination.get());
-  return RECOVERY_DONE;
+  const recovery_result_t result =
+      finish_conversion(source.get(), destination.get(), n_direct, conversion->dry_run != 0, fd_out, counts, &refusal);
+  if (result == RECOVERY_DONE) counts->version_is_asserted = plan.is_pool() ? 1 : 0;
+  return result;
 }
 
 const char *recovery_type_name(uint16_t rec_type, uint8_t is_lib_rc_type) {

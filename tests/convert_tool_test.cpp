@@ -206,7 +206,9 @@ TEST_F(Tool, Usage) {
       {"a row after the end of the library's map", "--lib --rec-type 5 --to 0 in out", "--rec-type 5" + not_in_library},
       {"a catalogue type of the library", "--lib --rec-type g_mg --to 0 in out", "--rec-type g_mg" + not_in_library},
       {"a version cut to 8 bits", "--rec-type g_mg --to 256 in out", "--to: Value 256 not in range 0 to 255"},
-      {"a list with a conversion", "--list in", "--list takes no other arguments"},
+      {"a list with a conversion", "--list in", "--list takes no other arguments than --converters"},
+      {"a row of the library's map with a host's conversions", "--rec-type readings --to 8 --lib --converters x in out",
+       "--lib and --converters exclude each other"},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);
@@ -217,4 +219,62 @@ TEST_F(Tool, Usage) {
   EXPECT_EQ(help.exit_code, 0);
   EXPECT_NE(help.out.find("Exit: 0 done\n      1 refused"), std::string::npos) << help.out;
   EXPECT_NE(help.out.find("\n      2 wrong usage"), std::string::npos);
+}
+
+TEST_F(Tool, ConvertsTheRecordsOfAHost) {
+  const stored_array_t stored = store(8, TSLB_DA_DAFLAG_INLL, 7, 60);
+  write("in", stored.stream);
+  fs::create_symlink(HOST_CONVERTERS, path("host.so"));
+  const std::string arguments = "--converters host.so --rec-type readings --to 8 in out";
+  const run_t ran = run(arguments);
+  ASSERT_EQ(ran.exit_code, 0) << ran.err;
+  EXPECT_EQ(ran.out.substr(0, ran.out.find('\n')), "readings: version 7 to 8");
+  EXPECT_EQ(ran.out.find("become active"), std::string::npos) << ran.out;
+  const load_result_t converted = load(read("out"));
+  ASSERT_NE(converted.array, nullptr) << converted.error;
+  for (uint32_t idx = 0; idx < 60; ++idx) {
+    if (status_at(converted.array.get(), idx) == TSLB_DA_SLOT_FREE) continue;
+    const std::string &old_record = stored.records[idx];
+    EXPECT_EQ(std::string(bytes_of(tslb_da_get_ptr(converted.array.get(), idx)), 16),
+              old_record.substr(0, 4) + words({0}) + old_record.substr(4, 4) + words({0}))
+        << idx;
+  }
+  EXPECT_EQ(run("--list --converters host.so").out,
+            "host.so\nname                from    to  record bytes\nreadings               7     8  8 to 16\n"
+            "readings               8     7  16 to 8\n");
+}
+
+TEST_F(Tool, RefusesConvertersThatDoNotFit) {
+  const std::string stream = store(8, 0, 7, 5).stream;
+  write("in", stream);
+  write("in8", store(16, 0, 8, 5).stream);
+  write("in9", store(16, 0, 9, 5).stream);
+  write("short", "x");
+  write("text.so", "not an object");
+  fs::create_symlink(HOST_CONVERTERS, path("host.so"));
+  fs::create_symlink(INVALID_CONVERTERS, path("invalid.so"));
+  const std::vector<std::string> before = names();
+  static const struct {
+    const char *fault, *converters, *type, *to, *in, *line;
+  } rows[] = {
+      {"missing", "none.so", "readings", "8", "in", "./none.so: cannot open shared object file"},
+      {"not an object", "text.so", "readings", "8", "in", "./text.so: "},
+      {"one of two conversions chosen", "invalid.so", "readings", "8", "in",
+       "invalid.so: conversions 0 and 1 are both from version 7 of readings to 8"},
+      {"another type", "host.so", "g_mg", "8", "in", "host.so: has no conversion of g_mg; --list shows them"},
+      {"another target", "host.so", "readings", "9", "in",
+       "in: has version 7, and host.so has no conversion of readings from version 7 to 9"},
+      {"another source", "host.so", "readings", "8", "in9",
+       "in9: has version 9, and host.so has no conversion of readings from version 9 to 8"},
+      {"no headers", "host.so", "readings", "8", "short", "short: shorter than the headers of an array"},
+      {"a failed record", "host.so", "readings", "7", "in8",
+       "in8: record 0 cannot be converted from version 8 to 7: the converter returned 1"},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    const run_t ran = run({"--converters", row.converters, "--rec-type", row.type, "--to", row.to, row.in, "out"});
+    EXPECT_EQ(ran.exit_code, 1);
+    EXPECT_EQ(ran.err.find(std::string("tslb-convert: ") + row.line), 0u) << ran.err;
+    EXPECT_EQ(names(), before);
+  }
 }

@@ -1,5 +1,6 @@
-// tslb-convert: converts the snapshot stream of an array to an older layout, from file to file. This file has the
-// command line and an atomic output. recovery/recovery_driver.h converts.
+// tslb-convert: converts the records of an array's snapshot stream to another version, from file to file. This file has
+// the command line and an atomic output. recovery/recovery_driver.h converts the catalogue's records,
+// recovery/array_convert.h those of a host.
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <stdlib.h>
@@ -11,6 +12,7 @@
 #include <charconv>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -20,6 +22,7 @@
 #include <tslb/tsdb_recovery_version_compatibility.h>
 #include <tslb/tslb_dynarr.h>
 #include <tslb/tslb_version.h>
+#include "convert/host_converters.h"
 #include "refusal.h"
 
 namespace {
@@ -189,47 +192,87 @@ class output_t {
 // ---- Conversion ----------------------------------------------------------------------------------------------------
 
 struct arguments_t {
-  std::string rec_type, in, out;
+  std::string rec_type, converters, in, out;
   int to = 0;
   bool lib = false, list = false, dry_run = false, force = false;
 };
 
-std::string report(record_type_t type, const arguments_t &arguments, const recovery_counts_t &counts,
-                   off_t bytes_before) {
-  std::string text = fmt::format("{}: version {} to {}{}\n", type.name(), type.in_map().version, arguments.to,
-                                 arguments.dry_run ? ", dry run: nothing is written" : "");
-  if (counts.version_is_asserted != 0)
-    text += fmt::format("  version {} of the input is assumed: a stream does not store it\n", type.in_map().version);
-  text += fmt::format("  records       {}: {} active, {} free, {} inactive, {} other\n", counts.n_records,
-                      counts.n_active, counts.n_free, counts.n_inactive, counts.n_other);
-  if (type.is_lib == 0 && counts.n_active != counts.n_records)
+// Converts the open input. fd_out is not used in a dry run. Returns the report.
+using conversion_t = std::function<std::string(const input_t &input, int fd_out)>;
+
+std::string head_of_report(const char *name, uint8_t version, const arguments_t &arguments) {
+  return fmt::format("{}: version {} to {}{}\n", name, version, arguments.to,
+                     arguments.dry_run ? ", dry run: nothing is written" : "");
+}
+
+std::string report_of_counts(const recovery_counts_t &counts, bool becomes_active, off_t bytes_before) {
+  std::string text = fmt::format("  records       {}: {} active, {} free, {} inactive, {} other\n", counts.n_records,
+                                 counts.n_active, counts.n_free, counts.n_inactive, counts.n_other);
+  if (becomes_active && counts.n_active != counts.n_records)
     text += fmt::format("                {} of them become active\n", counts.n_records - counts.n_active);
   text += fmt::format("  record bytes  {} before, {} after\n", counts.record_bytes_before, counts.record_bytes_after);
   text += fmt::format("  file bytes    {} before, {} after\n", bytes_before, counts.stream_bytes_after);
   return text;
 }
 
-recovery_counts_t convert_stream(record_type_t type, const arguments_t &arguments, int fd_in, int fd_out) {
-  const recovery_conversion_t wanted = {type.row, type.is_lib, static_cast<uint8_t>(arguments.to), arguments.dry_run};
-  recovery_counts_t counts;
-  char line[512];
-  const recovery_result_t result = recovery_convert_stream(fd_in, fd_out, &wanted, &counts, line, sizeof(line));
-  if (result == RECOVERY_DONE) return counts;
+void check_result(recovery_result_t result, const char *line, const arguments_t &arguments) {
+  if (result == RECOVERY_DONE) return;
   throw tool_error_t(fmt::format("{}: {}", result == RECOVERY_NOT_WRITTEN ? arguments.out : arguments.in, line));
 }
 
+std::string convert_type(record_type_t type, const arguments_t &arguments, const input_t &input, int fd_out) {
+  const recovery_conversion_t wanted = {type.row, type.is_lib, static_cast<uint8_t>(arguments.to), arguments.dry_run};
+  recovery_counts_t counts;
+  char line[512];
+  check_result(recovery_convert_stream(input.file.get(), fd_out, &wanted, &counts, line, sizeof(line)), line,
+               arguments);
+  std::string text = head_of_report(type.name().c_str(), type.in_map().version, arguments);
+  if (counts.version_is_asserted != 0)
+    text += fmt::format("  version {} of the input is assumed: a stream does not store it\n", type.in_map().version);
+  return text + report_of_counts(counts, type.is_lib == 0, input.about.st_size);
+}
+
+std::string convert_host_records(const host_converters_t &converters, const arguments_t &arguments,
+                                 const input_t &input, int fd_out) {
+  const array_conversion_t &conversion =
+      converters.find(arguments.rec_type, static_cast<uint8_t>(arguments.to), input.file.get(), arguments.in);
+  recovery_counts_t counts;
+  char line[512];
+  check_result(
+      array_convert_stream(input.file.get(), fd_out, &conversion, arguments.dry_run, &counts, line, sizeof(line)), line,
+      arguments);
+  return head_of_report(conversion.name, conversion.from_version, arguments) +
+         report_of_counts(counts, false, input.about.st_size);
+}
+
+conversion_t conversion_of(const arguments_t &arguments) {
+  if (arguments.converters.empty())
+    return [&arguments, type = record_type_of(arguments.rec_type, arguments.lib)](const input_t &input, int fd_out) {
+      return convert_type(type, arguments, input, fd_out);
+    };
+  return [&arguments, converters = host_converters_t(arguments.converters)](const input_t &input, int fd_out) {
+    return convert_host_records(converters, arguments, input, fd_out);
+  };
+}
+
 void convert(const arguments_t &arguments) {
-  const record_type_t type = record_type_of(arguments.rec_type, arguments.lib);
+  const conversion_t conversion = conversion_of(arguments);
   const input_t input = open_input(arguments.in);
   if (!arguments.out.empty()) check_output(arguments.out, input.about, arguments.force);
   if (arguments.dry_run) {
-    print(report(type, arguments, convert_stream(type, arguments, input.file.get(), -1), input.about.st_size));
+    print(conversion(input, -1));
     return;
   }
   output_t output(arguments.out, input.about.st_mode & 0777);
-  const recovery_counts_t counts = convert_stream(type, arguments, input.file.get(), output.fd());
-  print(report(type, arguments, counts, input.about.st_size));
+  print(conversion(input, output.fd()));
   output.keep(arguments.force);
+}
+
+void list(const arguments_t &arguments) {
+  if (arguments.converters.empty())
+    print(list_map("Catalogue", 0) + list_map("\nLibrary: by name, or by number with --lib", 1));
+  else
+    print(host_converters_t(arguments.converters).list());
 }
 
 // ---- Command line --------------------------------------------------------------------------------------------------
@@ -238,6 +281,10 @@ const char *const FOOTER =
     "IN is a snapshot stream and is never changed. OUT is written as OUT.XXXXXX, synced and renamed,\n"
     "so OUT is never incomplete. It gets the mode of IN. A run that is killed can leave the temporary\n"
     "file.\n"
+    "\n"
+    "With --converters TYPE is a name of the shared object, which defines tslb_converters\n"
+    "(<tslb/array_convert.h>). Slots, lists and reuse policy are kept. Load only objects that you trust:\n"
+    "their code runs.\n"
     "\n"
     "For catalogue types, free and inactive records become active, and lists and the reuse policy are\n"
     "not copied. The version of lib_bb and lib_bv is not stored: the conversion assumes that IN has the\n"
@@ -256,6 +303,7 @@ void add_options(CLI::App *app, arguments_t *arguments) {
   app->add_option("--to", arguments->to, "version to convert to")
       ->type_name("VERSION")
       ->check(CLI::Range(0, 255).description(""));
+  app->add_option("--converters", arguments->converters, "shared object with a host's conversions")->type_name("FILE");
   app->add_flag("--lib", arguments->lib, "TYPE is a row number of the library's map");
   app->add_flag("--list", arguments->list, "show the version maps and exit");
   app->add_flag("--dry-run", arguments->dry_run, "convert in memory, show the counts, write nothing");
@@ -265,9 +313,11 @@ void add_options(CLI::App *app, arguments_t *arguments) {
 
 void check_usage(const CLI::App &app, const arguments_t &arguments) {
   if (arguments.list) {
-    if (app.parse_order().size() != 1) throw usage_t("--list takes no other arguments");
+    if (app.parse_order().size() != 1 + app.count("--converters"))
+      throw usage_t("--list takes no other arguments than --converters");
     return;
   }
+  if (arguments.lib && !arguments.converters.empty()) throw usage_t("--lib and --converters exclude each other");
   if (arguments.rec_type.empty()) throw usage_t("--rec-type is missing");
   if (app.count("--to") == 0) throw usage_t("--to is missing");
   if (arguments.in.empty()) throw usage_t("IN is missing");
@@ -282,7 +332,7 @@ int print_error(const char *what, int status) {
 }  // namespace
 
 int main(int argc, char **argv) {
-  CLI::App app("tslb-convert: converts the snapshot stream of an array to an older layout", "tslb-convert");
+  CLI::App app("tslb-convert: converts the records of an array's snapshot stream to another version", "tslb-convert");
   app.set_version_flag("--version", "tslb-convert " TSLB_VERSION_STRING, "show the version");
   arguments_t arguments;
   add_options(&app, &arguments);
@@ -290,7 +340,7 @@ int main(int argc, char **argv) {
     app.parse(argc, argv);
     check_usage(app, arguments);
     if (arguments.list)
-      print(list_map("Catalogue", 0) + list_map("\nLibrary: by name, or by number with --lib", 1));
+      list(arguments);
     else
       convert(arguments);
     return EXIT_DONE;
