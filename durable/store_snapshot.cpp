@@ -8,6 +8,7 @@
 #include <cstring>
 #include <utility>
 
+#include "huge_pages.h"
 #include "store.h"
 #include "stream_child.h"
 #include "stream_writer.h"
@@ -30,21 +31,32 @@ void remove_unused(const std::string &path) {
   }
 }
 
-// Removes the folder of a generation. The removal of a large file is one large change of the file system's own journal,
-// for which groups would wait, so its streams are shortened step by step before.
-void remove_generation(const std::string &folder) {
-  constexpr uint64_t STEP_BYTES = 16 << 20;
+// Shortens a file that is removed next. The removal of a large file is one large change of the file system's own journal,
+// for which groups would wait, so it becomes a sequence of small ones.
+void shorten(const std::string &path) {
+  constexpr uint64_t STEP_BYTES = 4 << 20;
   try {
-    for_each_name(folder, [&folder](const std::string &name) {
-      const File file = File::open_to_write(folder + "/" + name);
-      for (uint64_t bytes = file.bytes(); bytes > STEP_BYTES;) {
-        bytes -= STEP_BYTES;
-        file.truncate(bytes);
-        file.sync();
-      }
-    });
+    const File file = File::open_to_write(path);
+    for (uint64_t bytes = file.bytes(); bytes > STEP_BYTES;) {
+      bytes -= STEP_BYTES;
+      file.truncate(bytes);
+      file.sync();
+    }
   } catch (const StoreError &) {
     // It is removed whole.
+  }
+}
+
+void remove_journal(const std::string &path) {
+  shorten(path);
+  remove_unused(path);
+}
+
+void remove_generation(const std::string &folder) {
+  try {
+    for_each_name(folder, [&folder](const std::string &name) { shorten(folder + "/" + name); });
+  } catch (const StoreError &) {
+    // The streams are removed whole.
   }
   remove_unused(folder);
 }
@@ -174,7 +186,7 @@ void tslb_store_t::remove_older_generations() {
   for_each_name(folder_, [&](const std::string &name) {
     const auto generation = number_of(name, GENERATION_PREFIX), journal = number_of(name, JOURNAL_PREFIX);
     if (generation && *generation < oldest_kept) remove_generation(folder_ + "/" + name);
-    if (journal && *journal < oldest_kept) remove_unused(folder_ + "/" + name);
+    if (journal && *journal < oldest_kept) remove_journal(folder_ + "/" + name);
   });
 }
 
@@ -280,6 +292,7 @@ void tslb_store_t::snapshot() {
   }
   NewGeneration next(*this, state_.journals.back().number + 1);
   begin_next_journal(next);
+  if (forks()) use_huge_pages(arrays_);
   StreamChild child(folder_);
   std::optional<StoreError> failure = freeze(next, child);
   if (!failure && forks() && !child.receive(next.results))
