@@ -20,6 +20,8 @@ namespace {
 constexpr uint32_t KNOWN_FLAGS = TSLB_STORE_CREATE | TSLB_STORE_IN_ANY | TSLB_STORE_READ_ONLY | TSLB_STORE_SALVAGE |
                                  TSLB_STORE_SHADOW | TSLB_STORE_NO_FORK | TSLB_STORE_BULK;
 
+constexpr uint32_t MAX_JOURNAL_LEVEL = 10;  // no compression
+
 void set_error(tslb_error_t *error, tslb_durable_code_t code, std::string_view text, const std::string &file = {},
                uint64_t byte = 0, int errnum = 0) {
   if (error == nullptr) return;
@@ -45,6 +47,14 @@ Result guarded(tslb_error_t *error, Result failed, Function function) {
   return failed;
 }
 
+// The same for a function of a store, which a child process does not have.
+template <class Result, class Function>
+Result guarded_in(const tslb_store_t *store, tslb_error_t *error, Result failed, Function function) {
+  if (!store->is_of_parent()) return guarded(error, failed, function);
+  set_error(error, TSLB_DURABLE_INVALID, "the store was opened by the parent process");
+  return failed;
+}
+
 [[noreturn]] void refuse_argument(const std::string &why) {
   throw StoreError(TSLB_DURABLE_INVALID, why);
 }
@@ -55,7 +65,10 @@ void add_range(tslb_batch_t *batch, uint32_t array, uint32_t idx, uint64_t offse
   try {
     if (array >= store.n_arrays()) {
       batch->fault = fmt::format("a range of array {}, but {} are declared", array, store.n_arrays());
-    } else if (idx >= tslb_da_get_size(store.array(array)) || offset + bytes > store.geometry(array).record_bytes) {
+    } else if (const uint32_t n_used = tslb_da_get_size(store.array(array)); idx >= n_used) {
+      batch->fault =
+          fmt::format("array \"{}\": record {} was named, but the array has {}", store.decl(array).name, idx, n_used);
+    } else if (offset + bytes > store.geometry(array).record_bytes) {
       batch->fault = fmt::format("array \"{}\": {} bytes at byte {} of record {} are not in the array",
                                  store.decl(array).name, bytes, offset, idx);
     } else if (bytes != 0) {
@@ -136,6 +149,8 @@ tslb_store_t *tslb_store_open(const char *folder, const tslb_array_decl_t *array
     if ((chosen.flags & ~KNOWN_FLAGS) != 0) refuse_argument(fmt::format("unknown flags {:#x}", chosen.flags));
     if (const int sync = raw_value(chosen.sync); sync < TSLB_SYNC_GROUP || sync > TSLB_SYNC_NONE)
       refuse_argument(fmt::format("unknown sync {}", sync));
+    if (chosen.journal_level > MAX_JOURNAL_LEVEL)
+      refuse_argument(fmt::format("journal_level {}, but the maximum is {}", chosen.journal_level, MAX_JOURNAL_LEVEL));
     return new tslb_store_t(folder, checked_decls(arrays, n_arrays), chosen);
   });
 }
@@ -164,8 +179,9 @@ int32_t tslb_store_describe(const char *folder, tslb_stored_array_t *arrays, uin
 
 int tslb_store_close(tslb_store_t *store, tslb_error_t *error) {
   if (store == nullptr) return 0;
-  const std::unique_ptr<tslb_store_t> released(store);
-  return guarded(error, -1, [&] {
+  return guarded_in(store, error, -1, [&] {
+    store->expect_no_batch_of_this_thread();
+    const std::unique_ptr<tslb_store_t> released(store);
     store->close();
     return 0;
   });
@@ -176,7 +192,7 @@ DynamicArray_t tslb_store_array(tslb_store_t *store, uint32_t idx) {
 }
 
 void tslb_store_get_info(tslb_store_t *store, tslb_store_info_t *info) {
-  *info = store->info();
+  *info = store->is_of_parent() ? tslb_store_info_t{} : store->info();
 }
 
 const void *tslb_store_payload(tslb_store_t *store, size_t *size) {
@@ -188,7 +204,7 @@ const void *tslb_store_payload(tslb_store_t *store, size_t *size) {
 }
 
 int tslb_store_set_payload(tslb_store_t *store, const void *bytes, size_t size, tslb_error_t *error) {
-  return guarded(error, -1, [&] {
+  return guarded_in(store, error, -1, [&] {
     expect_payload_size(size);
     const auto *const first = static_cast<const uint8_t *>(bytes);
     store->set_payload_of_import({first, first + size});
@@ -199,7 +215,7 @@ int tslb_store_set_payload(tslb_store_t *store, const void *bytes, size_t size, 
 // ---- Batches -------------------------------------------------------------------------------------------------------
 
 tslb_batch_t *tslb_batch_begin(tslb_store_t *store, tslb_error_t *error) {
-  return guarded(error, static_cast<tslb_batch_t *>(nullptr), [&] { return store->begin(); });
+  return guarded_in(store, error, static_cast<tslb_batch_t *>(nullptr), [&] { return store->begin(); });
 }
 
 // With the nodes, which the library does not report for some operations (tslb_da_get_newptr_inll, tslb_da_make_ready).
@@ -232,7 +248,7 @@ void tslb_batch_log_chunk64(tslb_batch_t *batch, uint32_t array, maddr64_t addre
 
 void *tslb_batch_take_chunk(tslb_batch_t *batch, uint32_t array, uint32_t bytes, srcaddr_t referrer, maddr_t *address,
                             tslb_error_t *error) {
-  return guarded(error, static_cast<void *>(nullptr), [&] {
+  return guarded_in(batch->store, error, static_cast<void *>(nullptr), [&] {
     const tslb_store_t &store = *batch->store;
     expect_length(store, array, bytes);
     char *const chunk = static_cast<char *>(store.room(array)->take(bytes, referrer, address));
@@ -247,9 +263,12 @@ void *tslb_batch_take_chunk(tslb_batch_t *batch, uint32_t array, uint32_t bytes,
 
 void *tslb_batch_take_chunk64(tslb_batch_t *batch, uint32_t array, uint32_t bytes, srcaddr64_t referrer,
                               maddr64_t *address, tslb_error_t *error) {
-  return guarded(error, static_cast<void *>(nullptr), [&] {
+  return guarded_in(batch->store, error, static_cast<void *>(nullptr), [&] {
     const tslb_store_t &store = *batch->store;
     expect_length(store, array, bytes);
+    if (store.decl(array).kind != TSLB_POOL_BIG_BUFFER || store.decl(array).max_slots != 0)
+      refuse_argument(fmt::format("pool \"{}\": 64-bit addresses need a big-buffer pool without max_slots",
+                                  store.decl(array).name));
     char *const chunk =
         static_cast<char *>(tslb_dynmem_get_mchunk64(store.array(array), address, static_cast<int>(bytes), referrer));
     if (chunk == nullptr) refuse_full(store, array, bytes);
@@ -283,7 +302,7 @@ uint32_t tslb_batch_sweep(tslb_batch_t *batch, uint32_t array) {
 }
 
 int tslb_batch_set_payload(tslb_batch_t *batch, const void *bytes, size_t size, tslb_error_t *error) {
-  return guarded(error, -1, [&] {
+  return guarded_in(batch->store, error, -1, [&] {
     expect_payload_size(size);
     batch->payload.assign(static_cast<const char *>(bytes), size);
     batch->has_payload = true;
@@ -292,12 +311,12 @@ int tslb_batch_set_payload(tslb_batch_t *batch, const void *bytes, size_t size, 
 }
 
 uint64_t tslb_batch_end(tslb_batch_t *batch) {
-  return batch->store->end_without_wait(batch);
+  return batch->store->is_of_parent() ? 0 : batch->store->end_without_wait(batch);
 }
 
 int tslb_batch_commit(tslb_batch_t *batch, tslb_error_t *error) {
   tslb_store_t *const store = batch->store;
-  return guarded(error, -1, [&] {
+  return guarded_in(store, error, -1, [&] {
     store->commit(batch);
     return 0;
   });
@@ -306,25 +325,25 @@ int tslb_batch_commit(tslb_batch_t *batch, tslb_error_t *error) {
 // ---- Tickets -------------------------------------------------------------------------------------------------------
 
 int tslb_store_wait(tslb_store_t *store, uint64_t ticket, tslb_error_t *error) {
-  return guarded(error, -1, [&] {
+  return guarded_in(store, error, -1, [&] {
     store->wait(ticket);
     return 0;
   });
 }
 
 int tslb_store_check(tslb_store_t *store, uint64_t ticket, tslb_error_t *error) {
-  return guarded(error, -1, [&] { return store->check(ticket) ? 0 : 1; });
+  return guarded_in(store, error, -1, [&] { return store->check(ticket) ? 0 : 1; });
 }
 
 int tslb_store_reserve(tslb_store_t *store, uint64_t bytes, tslb_error_t *error) {
-  return guarded(error, -1, [&] {
+  return guarded_in(store, error, -1, [&] {
     store->reserve(bytes);
     return 0;
   });
 }
 
 uint64_t tslb_store_settled(tslb_store_t *store) {
-  return store->settled();
+  return store->is_of_parent() ? 0 : store->settled();
 }
 
 int tslb_store_event_fd(tslb_store_t *store) {
@@ -332,7 +351,7 @@ int tslb_store_event_fd(tslb_store_t *store) {
 }
 
 int tslb_store_restore(tslb_store_t *store, tslb_error_t *error) {
-  return guarded(error, -1, [&] {
+  return guarded_in(store, error, -1, [&] {
     store->restore();
     return 0;
   });
@@ -341,14 +360,14 @@ int tslb_store_restore(tslb_store_t *store, tslb_error_t *error) {
 // ---- Generations ---------------------------------------------------------------------------------------------------
 
 int tslb_store_snapshot(tslb_store_t *store, tslb_error_t *error) {
-  return guarded(error, -1, [&] {
+  return guarded_in(store, error, -1, [&] {
     store->snapshot();
     return 0;
   });
 }
 
 int tslb_store_backup(tslb_store_t *store, const char *folder, tslb_error_t *error) {
-  return guarded(error, -1, [&] {
+  return guarded_in(store, error, -1, [&] {
     if (folder == nullptr || folder[0] == '\0') refuse_argument("no folder");
     store->backup(folder);
     return 0;

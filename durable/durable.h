@@ -12,13 +12,15 @@
  *   generation   one stored state of all arrays: a snapshot stream for each, and a manifest.
  *
  * Batches. Changes between tslb_batch_begin and tslb_batch_end belong to the batch; they are made by the thread that
- * began it, which has one batch of a store at a time; at most 64 are open at once. Changes of a store's array outside of a
- * batch are an error that breaks the store. Reading needs no batch, but sees changes that are not durable yet. A group ends
+ * began it, which has one batch of a store at a time and ends it; at most 64 are open at once. A function of the library
+ * that changes a store's array outside of a batch breaks the store. The store cannot see a direct write to a record outside
+ * of a batch: without a shadow the write is lost at the next opening. Reading needs no batch, but sees changes that are not durable yet. A group ends
  * at a moment without an open batch, so a batch should be short: while one is open, nothing becomes durable. A batch cannot
  * be given up: a host that fails halfway changes the arrays back itself, and ends the batch.
  *
  * Locks of the host. tslb_batch_begin and _commit, tslb_store_wait, _snapshot, _backup, _reserve, _restore and _close wait
- * until no batch is open. So a lock that a thread takes within a batch is not held when one of them is called.
+ * until no batch of another thread is open. So a lock that a thread takes within a batch is not held when one of them is
+ * called.
  * tslb_batch_end does not wait, except with TSLB_SYNC_ALWAYS.
  *
  * What the host names, and what it does not:
@@ -39,7 +41,8 @@
  *
  * Child processes. A snapshot is written by a forked child, which the store waits for; a host that ignores SIGCHLD or waits
  * for any child may see it first, and no harm is done. A child that the host forks keeps the store locked until it ends or
- * calls exec.
+ * calls exec. In it, functions of the store fail with TSLB_DURABLE_INVALID, or return 0, and nothing is released: it can
+ * only read its copies of the arrays. So a host becomes a daemon before it opens a store.
  *
  * Threads. A store can be used by any number of threads, as each function says. The host must ignore SIGXFSZ if the size
  * of files is limited: the signal would end it. */
@@ -89,7 +92,8 @@ typedef enum tslb_array_kind_t {
   TSLB_POOL_BIT_VECTOR  /* chunk pool with maddrBV_t */
 } tslb_array_kind_t;
 
-/* Zero in fields that a kind does not use. */
+/* Zero in fields that a kind does not use. Of an array that is stored, kind, tbl_id, record_bytes, daflag, rec_version and
+ * has_compat are compared. n_direct is used at creation only. The others can be another each time. */
 typedef struct tslb_array_decl_t {
   const char *name; /* 1 to 31 of a-z, A-Z, 0-9, '_' and '-'; the array's name in the store and its ctx_name */
   tslb_array_kind_t kind;
@@ -99,12 +103,12 @@ typedef struct tslb_array_decl_t {
   uint8_t daflag;        /* TSLB_ARRAY_SLOTS: TSLB_DA_DAFLAG_*; pools: the same, or 0 for a pool that frees no slot */
   uint8_t rec_version;   /* version of the records */
   uint8_t has_compat;    /* pools: not 0: chunks have compaction headers */
-  int16_t max_slots;     /* big-buffer pools: limit of slots, or 0 */
+  int16_t max_slots;     /* pools: limit of memory slots for the functions of this header, or 0 */
   const tsdb_mem_pressure_config_t *reuse_policy; /* with TSLB_DA_DAFLAG_INLL: copied; or NULL, which changes nothing */
   const char *description;                        /* of the records, kept in the manifest: one line; or NULL */
   /* Used if the stored array has an older rec_version (array_convert.h). If it does not return 0, the opening fails with
-   * TSLB_DURABLE_MISMATCH. NULL: the array is refused. A stored rec_version that is newer, or other
-   * sizes with the same version, are refused. Pools are not converted. */
+   * TSLB_DURABLE_MISMATCH. NULL: the array is refused. A stored rec_version that is newer, or other sizes with the same
+   * version, are refused. Pools are not converted. */
   tslb_record_converter_t convert;
   void *convert_arg;
   uint8_t converts_newer; /* not 0: `convert` is used for a newer rec_version too */
@@ -123,12 +127,14 @@ typedef enum tslb_sync_t {
 } tslb_sync_t;
 
 enum {
-  TSLB_STORE_CREATE = 1,    /* creates a store in a missing or empty folder. An existing store is opened */
-  TSLB_STORE_IN_ANY = 2,    /* with CREATE: also in a folder that has other files, which stay */
-  TSLB_STORE_READ_ONLY = 4, /* loads the arrays and changes nothing; also beside a writer */
-  TSLB_STORE_SALVAGE = 8,   /* uses what precedes the damage; see tslb_store_info_t.warning */
-  TSLB_STORE_SHADOW = 16,   /* compares the arrays with a replica after each group. Needs twice the memory */
-  TSLB_STORE_NO_FORK = 32,  /* snapshots are written by the caller while batches wait, not by a child process */
+  TSLB_STORE_CREATE = 1, /* creates a store in a missing or empty folder. An existing store is opened */
+  TSLB_STORE_IN_ANY = 2, /* with CREATE: also in a folder that has other files, which stay */
+  TSLB_STORE_READ_ONLY =
+      4,                  /* loads the arrays and changes nothing; also beside a writer, whose later batches it does not
+                             * see. was_sealed is 0 then */
+  TSLB_STORE_SALVAGE = 8, /* uses what precedes the damage; see tslb_store_info_t.warning */
+  TSLB_STORE_SHADOW = 16, /* compares the arrays with a replica after each group. Needs twice the memory */
+  TSLB_STORE_NO_FORK = 32, /* snapshots are written by the caller while batches wait, not by a child process */
   /* For imports: no batches and no journal. What is changed is durable when tslb_store_snapshot returns. Without it the
    * store stays as it was, and a new one is removed. One thread. */
   TSLB_STORE_BULK = 64
@@ -172,7 +178,7 @@ typedef struct tslb_store_info_t {
 
 /* Opens a store.
  *
- * folder    path of the store.
+ * folder    path of the store. The process may change its working folder later.
  * arrays    declarations of all arrays of the store, in any order. Arrays that the store does not have are added.
  *           Copied, with the texts.
  * options   may be null.
@@ -181,9 +187,9 @@ typedef struct tslb_store_info_t {
  *           have the last durable state.
  *
  * Arrays of an older rec_version are converted, and added arrays created; then a whole generation is written before the
- * call returns. With TSLB_STORE_READ_ONLY this happens in memory alone. A store that was not closed is recovered: bytes after the last complete group are cut. Everything is checked before:
- * files against the manifest, groups against their checksums, arrays against the rules of the formats. Anything that a
- * crash does not explain is TSLB_DURABLE_DAMAGED. */
+ * call returns. With TSLB_STORE_READ_ONLY this happens in memory alone. A store that was not closed is recovered: bytes
+ * after the last complete group are cut. Everything is checked before: files against the manifest, groups against their
+ * checksums, arrays against the rules of the formats. Anything that a crash does not explain is TSLB_DURABLE_DAMAGED. */
 tslb_store_t *tslb_store_open(const char *folder, const tslb_array_decl_t *arrays, uint32_t n_arrays,
                               const tslb_store_options_t *options, tslb_error_t *error);
 
@@ -207,8 +213,9 @@ typedef struct tslb_stored_array_t {
  * Result    their number, or -1. */
 int32_t tslb_store_describe(const char *folder, tslb_stored_array_t *arrays, uint32_t capacity, tslb_error_t *error);
 
-/* Writes what is pending, seals the journal and releases the store with its arrays. No batch may be open, and no other
- * thread may use the store. The store is released also on failure. Null is ignored. Result: 0, or -1. */
+/* Writes what is pending, seals the journal and releases the store with its arrays. Waits until no batch of another thread
+ * is open; no other thread may begin one or use the store. Null is ignored. Result: 0, or -1: the store is released all the
+ * same, except with TSLB_DURABLE_INVALID: a batch of this thread is open, or the store was opened by the parent process. */
 int tslb_store_close(tslb_store_t *store, tslb_error_t *error);
 
 /* Returns the array of declaration `idx`. It belongs to the store. The pointer stays the same until the store is closed.
@@ -227,8 +234,8 @@ int tslb_store_set_payload(tslb_store_t *store, const void *bytes, size_t size, 
 
 /* ---- Batches ------------------------------------------------------------------------------------------------------- */
 
-/* Begins a batch on this thread. Waits while a group ends, and while 64 batches are open. NULL with TSLB_DURABLE_REFUSED, _BROKEN, _NO_MEMORY, or
- * _INVALID (the store is read-only, or the thread has a batch already). */
+/* Begins a batch on this thread. Waits while a group ends, and while 64 batches are open. NULL with TSLB_DURABLE_REFUSED,
+ * _BROKEN, _NO_MEMORY, or _INVALID (the store is read-only, or the thread has a batch already). */
 tslb_batch_t *tslb_batch_begin(tslb_store_t *store, tslb_error_t *error);
 
 /* Name changed contents. `array` is the index of the declaration. A range is within a record (pools: within MemSlot_t with
@@ -268,11 +275,11 @@ uint32_t tslb_batch_sweep(tslb_batch_t *batch, uint32_t array);
  * lock of the host, and wait after that. */
 int tslb_batch_set_payload(tslb_batch_t *batch, const void *bytes, size_t size, tslb_error_t *error);
 
-/* Ends the batch and releases it. Returns its ticket. With TSLB_SYNC_ALWAYS it waits until the ticket is settled. */
+/* Ends the batch and releases it. Thread of the batch. Returns its ticket. With TSLB_SYNC_ALWAYS it waits until the ticket is settled. */
 uint64_t tslb_batch_end(tslb_batch_t *batch);
 
-/* Ends the batch, releases it, and waits until it is settled; the calling thread writes the group if no other does. Result:
- * 0: it is durable. -1: it was refused. */
+/* Ends the batch, releases it, and waits until it is settled; the calling thread writes the group if no other does. Thread of
+ * the batch. Result: 0: it is durable. -1: it was refused. */
 int tslb_batch_commit(tslb_batch_t *batch, tslb_error_t *error);
 
 /* ---- Tickets ------------------------------------------------------------------------------------------------------- */
@@ -281,8 +288,8 @@ int tslb_batch_commit(tslb_batch_t *batch, tslb_error_t *error);
  * thread may be open. */
 int tslb_store_wait(tslb_store_t *store, uint64_t ticket, tslb_error_t *error);
 
-/* Returns at once: 1: the ticket is not settled. 0: it is durable. -1: it was refused. Any thread, also with an open
- * batch. */
+/* Returns at once: 1: the ticket is not settled. 0: it is durable. -1: it was refused, or never given. Any thread, also with
+ * an open batch. */
 int tslb_store_check(tslb_store_t *store, uint64_t ticket, tslb_error_t *error);
 
 /* Reserves disk space for so many bytes of journal, so that a full disk is detected before the arrays are changed.
@@ -303,8 +310,9 @@ int tslb_store_event_fd(tslb_store_t *store);
  * After TSLB_DURABLE_REFUSED: brings the arrays back to the last durable batch, in place, so pointers to arrays stay
  * valid. Afterwards batches can begin again. Reads the store from the disk, and needs twice the memory meanwhile. No
  * batch may be open, and no thread may read the arrays. State of the host that follows from the arrays is made anew by the
- * host. Result: 0, also if nothing was refused. -1: the store
- * is broken, or reading failed; it can be tried again. */
+ * host. Result: 0, also if nothing was refused. -1 with _BROKEN: close the store and open it again. -1 with another code:
+ * reading failed, memory was refused, or the disk has no space for the entry that the journal gets then; it can be tried
+ * again. */
 int tslb_store_restore(tslb_store_t *store, tslb_error_t *error);
 
 /* ---- Generations --------------------------------------------------------------------------------------------------- */
@@ -314,11 +322,13 @@ int tslb_store_restore(tslb_store_t *store, tslb_error_t *error);
  * Any thread; a second snapshot waits for the first. No batch of the calling thread may be open. */
 int tslb_store_snapshot(tslb_store_t *store, tslb_error_t *error);
 
-/* Writes a copy of the store to a missing or empty folder, as of the last settled ticket, and verifies it there. Opening
- * it restores the copy, which has the same identity. Batches go on. Any thread. Result: 0, or -1. */
+/* Writes a copy of the store to a missing or empty folder that is not in the store, as of the last settled ticket, and
+ * verifies it there. Opening it restores the copy, which has the same identity. Batches go on. Any thread. Not with a store
+ * that was opened to read. Result: 0, or -1: files of the copy were removed. If the process is killed, the folder has a part
+ * of a copy; remove it. */
 int tslb_store_backup(tslb_store_t *store, const char *folder, tslb_error_t *error);
 
-/* Bytes of a pool. */
+/* Bytes of a pool that can still be taken. */
 typedef struct tslb_pool_room_t {
   uint64_t current;  /* left in the current slot */
   uint64_t free;     /* in slots on the free list */

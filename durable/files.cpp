@@ -287,6 +287,12 @@ void copy_file(const std::string &from, const std::string &to, uint64_t bytes) {
   copy.sync();
 }
 
+bool is_within(const std::string &path, const std::string &folder) {
+  std::error_code error;
+  const fs::path inner = fs::canonical(path, error), outer = fs::canonical(folder, error);
+  return !error && std::mismatch(outer.begin(), outer.end(), inner.begin(), inner.end()).first == outer.end();
+}
+
 std::string folder_of(const std::string &path) {
   return fs::absolute(path).parent_path().string();
 }

@@ -69,6 +69,9 @@ void replace_file(const std::string &path, std::string_view text);
 // Copies `bytes` bytes of a file to a new file, and syncs it.
 void copy_file(const std::string &from, const std::string &to, uint64_t bytes);
 
+// Returns whether an existing path leads to a folder or to something in it.
+bool is_within(const std::string &path, const std::string &folder);
+
 // Returns the folder that contains a path.
 std::string folder_of(const std::string &path);
 

@@ -31,7 +31,11 @@ const DynArrHandle_t *handle_of(const char *ctx_name) {
 }
 
 void report_outside_change(const DynArrHandle_t *array) {
-  const std::shared_lock lock(registry().mutex);
+  std::shared_lock lock(registry().mutex, std::defer_lock);
+  if (forks_of_process() == 0)
+    lock.lock();
+  else if (!lock.try_lock())
+    return;  // a thread of the parent process had it at the fork
   for (tslb_store_t *const store : registry().stores)
     if (store->declaration_of(array) < store->n_arrays()) store->changed_outside_of_batch(array);
 }

@@ -2,6 +2,7 @@
 #include "store.h"
 
 #include <fmt/format.h>
+#include <pthread.h>
 #include <sys/file.h>
 #include <tslb/tslb_settings.h>
 #include <unistd.h>
@@ -12,6 +13,7 @@
 #include <csignal>
 #include <cstring>
 #include <exception>
+#include <filesystem>
 #include <utility>
 
 using namespace tslb_durable;
@@ -32,22 +34,44 @@ int level_of(const tslb_store_options_t &options) {
   return options.journal_level <= MAX_LEVEL ? static_cast<int>(options.journal_level) : 0;
 }
 
-// Returns whether the process that a lock file names does not exist any more.
-bool has_writer_ended(const File &lock) {
+// Returns the process that a lock file names; 0 if it names none.
+pid_t named_writer(const File &lock) {
   pid_t writer = 0;
-  if (pread(lock.fd(), &writer, sizeof writer, 0) != static_cast<ssize_t>(sizeof writer) || writer <= 0) return false;
-  return kill(writer, 0) != 0 && errno == ESRCH;
+  const ssize_t got = pread(lock.fd(), &writer, sizeof writer, 0);
+  return got == static_cast<ssize_t>(sizeof writer) && writer > 0 ? writer : 0;
 }
 
-std::string without_slash(std::string folder) {
-  while (folder.size() > 1 && folder.back() == '/') folder.pop_back();
-  return folder;
+bool has_writer_ended(const File &lock) {
+  const pid_t writer = named_writer(lock);
+  return writer != 0 && kill(writer, 0) != 0 && errno == ESRCH;
 }
+
+std::string writer_in(const File &lock) {
+  const pid_t writer = named_writer(lock);
+  return writer != 0 ? fmt::format(": process {}", writer) : "";
+}
+
+// The process may change its working folder.
+std::string absolute_path(const std::string &folder) {
+  std::error_code error;
+  std::string path = std::filesystem::absolute(folder, error);
+  if (error)
+    throw StoreError(TSLB_DURABLE_IO, folder + ": the working folder: " + error.message(), folder, 0, error.value());
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  return path;
+}
+
+std::atomic<uint32_t> n_forks{0};
 
 }  // namespace
 
-tslb_store_t::tslb_store_t(std::string folder, std::vector<ArrayDecl> decls, const tslb_store_options_t &options)
-    : folder_(without_slash(std::move(folder))),
+uint32_t tslb_durable::forks_of_process() noexcept {
+  [[maybe_unused]] static const int registered = pthread_atfork(nullptr, nullptr, [] { ++n_forks; });
+  return n_forks.load(std::memory_order_relaxed);
+}
+
+tslb_store_t::tslb_store_t(const std::string &folder, std::vector<ArrayDecl> decls, const tslb_store_options_t &options)
+    : folder_(absolute_path(folder)),
       decls_(std::move(decls)),
       options_(options),
       is_reader_(has(options, TSLB_STORE_READ_ONLY)),
@@ -152,7 +176,8 @@ void tslb_store_t::take_lock() {
   while (flock(file.fd(), LOCK_EX | LOCK_NB) != 0) {
     if (errno != EWOULDBLOCK) fail_file(file.path(), "cannot be locked");
     if (!has_writer_ended(file) || std::chrono::steady_clock::now() > deadline)
-      throw StoreError(TSLB_DURABLE_LOCKED, folder_ + ": another writer has the store", folder_);
+      throw StoreError(TSLB_DURABLE_LOCKED, fmt::format("{}: another writer has the store{}", folder_, writer_in(file)),
+                       folder_);
     std::this_thread::sleep_for(LOCK_RETRY);
   }
   // Not with the functions for files that a recovery needs. If it fails, the lock is not tried again.
@@ -199,7 +224,7 @@ void tslb_store_t::adopt(LoadedStore &loaded) {
     if (!why.empty())
       throw StoreError(TSLB_DURABLE_MISMATCH, fmt::format("{}: array \"{}\": {}", folder_, decl.name, why), folder_);
     if (is_old) {
-      array = converted(array.get(), decl);
+      array = converted(array.get(), decl, folder_);
       info_.was_upgraded = 1;
     }
     arrays_.push_back(std::move(array));
@@ -290,10 +315,14 @@ void tslb_store_t::stop_threads() {
   if (snapshot_thread_.joinable()) snapshot_thread_.join();
 }
 
+void tslb_store_t::expect_no_batch_of_this_thread() const {
+  if (open_batch_of(this) != nullptr)
+    throw StoreError(TSLB_DURABLE_INVALID, folder_ + ": a batch of this thread is open", folder_);
+}
+
 void tslb_store_t::close() {
   if (is_reader_) return;
   if (is_bulk_) return close_bulk();
-  expect_no_batch_of_this_thread();
   stop_threads();
   {
     const std::lock_guard flushing(flush_mutex_);

@@ -32,7 +32,10 @@
 
 namespace tslb_durable {
 class StreamChild;
-}
+
+// Returns how many forks lie between the first process that opened a store and this one.
+uint32_t forks_of_process() noexcept;
+}  // namespace tslb_durable
 
 // A batch. Only its thread uses it.
 struct tslb_batch_t {
@@ -48,7 +51,8 @@ struct tslb_batch_t {
 // The store of the C interface. Its functions throw StoreError unless declared noexcept.
 struct tslb_store_t {
  public:
-  tslb_store_t(std::string folder, std::vector<tslb_durable::ArrayDecl> decls, const tslb_store_options_t &options);
+  tslb_store_t(const std::string &folder, std::vector<tslb_durable::ArrayDecl> decls,
+               const tslb_store_options_t &options);
   ~tslb_store_t();
   tslb_store_t(const tslb_store_t &) = delete;
   tslb_store_t &operator=(const tslb_store_t &) = delete;
@@ -56,6 +60,9 @@ struct tslb_store_t {
   void close();
   tslb_store_info_t info();
   DynArrHandle_t *array(uint32_t declaration) const;
+  // Whether the calling process is a fork of the one that opened the store. Threads and locks of the store are not there.
+  bool is_of_parent() const noexcept { return forks_before_ != tslb_durable::forks_of_process(); }
+  void expect_no_batch_of_this_thread() const;
   uint32_t n_arrays() const { return static_cast<uint32_t>(decls_.size()); }
   const std::vector<uint8_t> *payload() const { return has_payload_ ? &payload_ : nullptr; }
   // Returns the index of the declaration of an array; n_arrays() if it is not one of this store.
@@ -145,8 +152,8 @@ struct tslb_store_t {
   void run_journal();
   tslb_durable::StoreError refusal(const std::string &reason) const;  // mutex_ is held
   void expect_usable() const;                                         // mutex_ is held
-  void expect_no_batch_of_this_thread() const;
-  const std::string *refusal_of(uint64_t ticket) const;  // mutex_ is held
+  void expect_given(uint64_t ticket) const;                           // mutex_ is held
+  const std::string *refusal_of(uint64_t ticket) const;               // mutex_ is held
 
   // Generations, in store_snapshot.cpp.
   void write_generation_alone(uint64_t number);
@@ -160,8 +167,11 @@ struct tslb_store_t {
   void finish_generation(NewGeneration &next);
   void remove_older_generations();
   void snapshot_of_bulk();
+  void expect_backup_folder(const std::string &target) const;
+  void write_backup(tslb_durable::StoreState copy, const std::string &target) const;
   void run_snapshots();
 
+  const uint32_t forks_before_ = tslb_durable::forks_of_process();
   const std::string folder_;
   const std::vector<tslb_durable::ArrayDecl> decls_;
   const tslb_store_options_t options_;

@@ -36,11 +36,6 @@ void tslb_store_t::expect_usable() const {
   if (!failed_.empty()) throw refusal(failed_);
 }
 
-void tslb_store_t::expect_no_batch_of_this_thread() const {
-  if (open_batch_of(this) != nullptr)
-    throw StoreError(TSLB_DURABLE_INVALID, folder_ + ": a batch of this thread is open", folder_);
-}
-
 tslb_batch_t *tslb_store_t::begin() {
   expect_no_batch_of_this_thread();
   std::unique_ptr<tslb_batch_t> batch;
@@ -109,6 +104,7 @@ void tslb_store_t::commit(tslb_batch_t *batch) {
 }
 
 void tslb_store_t::changed_outside_of_batch(const DynArrHandle_t *array) noexcept {
+  if (is_of_parent()) return;  // the arrays are the child's own copies
   try {
     const std::lock_guard lock(mutex_);
     is_broken_ = true;
@@ -126,12 +122,16 @@ const std::string *tslb_store_t::refusal_of(uint64_t ticket) const {
   return nullptr;
 }
 
+void tslb_store_t::expect_given(uint64_t ticket) const {
+  if (ticket > last_ticket_)
+    throw StoreError(TSLB_DURABLE_INVALID, fmt::format("{}: ticket {} was not given", folder_, ticket), folder_);
+}
+
 void tslb_store_t::wait(uint64_t ticket) {
   expect_no_batch_of_this_thread();
   {
     const std::lock_guard lock(mutex_);
-    if (ticket > last_ticket_)
-      throw StoreError(TSLB_DURABLE_INVALID, fmt::format("{}: ticket {} was not given", folder_, ticket), folder_);
+    expect_given(ticket);
   }
   settle_ticket(ticket);
   const std::lock_guard lock(mutex_);
@@ -153,6 +153,7 @@ uint64_t tslb_store_t::settled() {
 
 bool tslb_store_t::check(uint64_t ticket) {
   const std::lock_guard lock(mutex_);
+  expect_given(ticket);
   if (settled_ < ticket) return false;
   if (const std::string *const why = refusal_of(ticket)) throw refusal(*why);
   return true;
@@ -253,8 +254,8 @@ void tslb_store_t::compare_with_shadow(const PendingGroup &pending, CopiedGroup 
     const std::string batches =
         pending.n_batches == 1 ? fmt::format("batch {}", pending.first_ticket)
                                : fmt::format("one of the batches {} to {}", pending.first_ticket, group.last_ticket);
-    group.failure =
-        fmt::format("{} changed array \"{}\" without naming it: {}", batches, decls_[i].name, difference.what);
+    group.failure = fmt::format("{}, or a thread outside of a batch, changed array \"{}\" without naming it: {}",
+                                batches, decls_[i].name, difference.what);
   }
   group.breaks = !group.failure.empty();
 }

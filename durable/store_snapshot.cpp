@@ -348,10 +348,31 @@ void tslb_store_t::backup(const std::string &target) {
     copy.journals.back().bytes = journal_->place().position;
   }
   if (make_folder_if_missing(target)) File::folder(folder_of(target)).sync();
+  expect_backup_folder(target);
+  try {
+    write_backup(copy, target);
+  } catch (...) {
+    try {
+      for_each_name(target, [&](const std::string &name) { remove_tree(target + "/" + name); });
+    } catch (const StoreError &) {
+      // The failure is reported. What is left is refused by the next backup.
+    }
+    throw;
+  }
+}
+
+// Throws if the folder has content, or is in the store.
+void tslb_store_t::expect_backup_folder(const std::string &target) const {
   for_each_name(target, [&](const std::string &name) {
     throw StoreError(TSLB_DURABLE_NOT_EMPTY, fmt::format("{}: has other content, such as \"{}\"", target, name),
                      target);
   });
+  if (!is_within(target, folder_)) return;
+  remove_folder_if_empty(target);
+  throw StoreError(TSLB_DURABLE_INVALID, target + ": is in the folder of the store", target);
+}
+
+void tslb_store_t::write_backup(StoreState copy, const std::string &target) const {
   const std::string from = generation_path(folder_, copy.generation);
   const std::string to = generation_path(target, copy.generation);
   make_folder(to);

@@ -14,6 +14,8 @@ namespace {
 constexpr size_t MAX_NAME_BYTES = 31;
 constexpr uint32_t MAX_MSLOT_BYTES = 1u << 24;
 constexpr uint8_t PERSISTENT = 1;
+// The limit of the library counts slots that have memory, and stops a pool that has free slots. ChunkRoom has its own.
+constexpr int16_t NO_LIMIT = 0;
 
 [[noreturn]] void refuse_memory(const std::string &name) {
   throw StoreError(TSLB_DURABLE_NO_MEMORY, fmt::format("array \"{}\": memory was refused", name));
@@ -40,6 +42,7 @@ std::string fault_of(const tslb_array_decl_t &decl) {
                        MAX_MSLOT_BYTES);
   if (!is_pool(decl.kind) && (decl.has_compat != 0 || decl.max_slots != 0))
     return "has_compat and max_slots are for pools";
+  if (decl.max_slots < 0) return fmt::format("max_slots {}", decl.max_slots);
   if (decl.reuse_policy != nullptr && (decl.daflag & TSLB_DA_DAFLAG_INLL) == 0)
     return "a reuse policy needs TSLB_DA_DAFLAG_INLL";
   if (decl.description != nullptr && std::strchr(decl.description, '\n') != nullptr) return "a description is one line";
@@ -132,7 +135,7 @@ Array create_array(const ArrayDecl &decl) {
                   ? tslb_init_dynmem_ex1(static_cast<int>(decl.record_bytes - TSLB_MEM_SLOT_HDR_BYTES), n_direct,
                                          decl.has_compat ? MPOOL_FLAG_COMPAT : 0, MPOOL_TYPE_DRAM,
                                          decl.kind == TSLB_POOL_BIT_VECTOR ? MPOOL_FLAG_BV : 0, decl.name.c_str(),
-                                         decl.tbl_id, decl.daflag, decl.rec_version, PERSISTENT, decl.max_slots)
+                                         decl.tbl_id, decl.daflag, decl.rec_version, PERSISTENT, NO_LIMIT)
                   : tslb_da_init_ver(static_cast<int>(decl.record_bytes), n_direct, MPOOL_TYPE_DRAM, decl.name.c_str(),
                                      decl.tbl_id, decl.daflag, decl.rec_version));
   if (!array) refuse_memory(decl.name);
@@ -164,7 +167,7 @@ void copy_content(DynArrHandle_t *from, DynArrHandle_t *to) {
               sizeof n_used);
 }
 
-Array converted(DynArrHandle_t *from, const ArrayDecl &decl) {
+Array converted(DynArrHandle_t *from, const ArrayDecl &decl, const std::string &folder) {
   const array_conversion_t conversion = {
       nullptr,           rec_version_of(from), decl.rec_version, tslb_da_get_record_size(from),
       decl.record_bytes, decl.convert,         decl.convert_arg};
@@ -173,14 +176,16 @@ Array converted(DynArrHandle_t *from, const ArrayDecl &decl) {
   const recovery_result_t result = array_convert(from, &conversion, MPOOL_TYPE_DRAM, from->ctx_name,
                                                  static_cast<int32_t>(from->tbl_id), &to, why, sizeof why);
   if (result == RECOVERY_FAILED) refuse_memory(decl.name);
-  if (result != RECOVERY_DONE) throw StoreError(TSLB_DURABLE_MISMATCH, fmt::format("array \"{}\": {}", decl.name, why));
+  if (result != RECOVERY_DONE)
+    throw StoreError(TSLB_DURABLE_MISMATCH, fmt::format("{}: array \"{}\": {}", folder, decl.name, why), folder);
   return Array(to);
 }
 
 std::string mismatch_of(DynArrHandle_t *array, const ArrayDecl &decl, bool compare_record_bytes) {
+  const uint32_t own_bytes = is_pool(decl.kind) ? TSLB_MEM_SLOT_HDR_BYTES : 0;  // which the host does not declare
   std::string why = different("daflag", array->daflag, decl.daflag);
   if (why.empty() && compare_record_bytes)
-    why = different("a record size of", tslb_da_get_record_size(array), decl.record_bytes);
+    why = different("record_bytes", tslb_da_get_record_size(array) - own_bytes, decl.record_bytes - own_bytes);
   if (!why.empty() || !is_pool(decl.kind)) return why;
   const DynMemHdr_t *const pool = pool_header_of(array);
   const auto flag = static_cast<unsigned char>(pool->flag);

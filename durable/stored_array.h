@@ -85,7 +85,7 @@ void copy_content(DynArrHandle_t *from, DynArrHandle_t *to);
 
 // Returns an array with the records of `from` in the declared version and size. Indices, statuses, lists and their order
 // stay. Throws StoreError also if the converter fails.
-Array converted(DynArrHandle_t *from, const ArrayDecl &decl);
+Array converted(DynArrHandle_t *from, const ArrayDecl &decl, const std::string &folder);
 
 // Returns why a stored array is not the declared one; empty if it is. A different rec_version is not compared.
 std::string mismatch_of(DynArrHandle_t *array, const ArrayDecl &decl, bool compare_record_bytes);

@@ -102,10 +102,10 @@ bool reader_t::options_are_sound() {
 // ---- Headers -------------------------------------------------------------------------------------------------------
 
 bool reader_t::read_headers() {
-  DynHdr_t hdr;
+  DynHdr_t hdr = {};  // a source can compare the bytes before it writes them
   if (!read_part(&hdr, sizeof(hdr), "DynHdr_t") || !check_.start_is_sound(hdr)) return false;
   const uint64_t header_bytes = check_.shape().header_bytes;
-  headers_.reset(static_cast<char *>(malloc(header_bytes)));
+  headers_.reset(static_cast<char *>(calloc(1, header_bytes)));
   if (headers_ == nullptr) return check_.refuse_at(pos_, "no memory for the headers");
   memcpy(headers_.get(), &hdr, sizeof(hdr));
   if (!read_part(headers_.get() + sizeof(hdr), header_bytes - sizeof(hdr), "headers")) return false;
