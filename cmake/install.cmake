@@ -56,6 +56,8 @@ if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
 endif()
 install(FILES docs/architecture.md docs/hosting.md docs/formats.md docs/debugging.md docs/performance.md docs/durable.md
   DESTINATION ${doc_dir} COMPONENT dev)
+install(FILES CHANGELOG.md DESTINATION ${doc_dir} COMPONENT dev)
+install(DIRECTORY examples/converters DESTINATION ${doc_dir}/examples COMPONENT dev)
 install(FILES ${TSLB_README_HOST} DESTINATION ${doc_dir}/examples COMPONENT dev)
 if(TSLB_BUILD_DURABLE)
   install(FILES ${TSLB_README_DURABLE_HOST} DESTINATION ${doc_dir}/examples COMPONENT dev)

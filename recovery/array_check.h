@@ -16,7 +16,7 @@ TSLB_BEGIN_DECLS
 
 /* Checks a whole array.
  *
- * kind    how the user header is read: ARRAY_LOAD_* of array_loader.h.
+ * kind    how the user header is read: ARRAY_LOAD_* of array_loader.h. ARRAY_LOAD_ANY for an array that is no pool.
  * error   error_size bytes; receives one line without a line end, cut to fit: "byte 92: status 2 on the free list, slot
  *         0". The byte is a position in the flat image. Empty on success. May be null with size 0.
  * Result  0, or -1 if a rule is violated. error has the first violation found.

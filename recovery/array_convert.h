@@ -49,10 +49,9 @@ recovery_result_t array_convert(DynamicArray_t from, const array_conversion_t *c
 recovery_result_t array_convert_stream(int fd_in, int fd_out, const array_conversion_t *conversion, int dry_run,
                                        recovery_counts_t *counts, char *error, size_t error_size);
 
-/* tslb-convert --converters FILE loads a shared object that defines this function with C linkage. It returns the host's
- * conversions, which stay valid, and sets their number. */
-typedef const array_conversion_t *(*tslb_converters_fn_t)(uint32_t *n_conversions);
-#define TSLB_CONVERTERS_SYMBOL "tslb_converters"
+/* Not a function of this library. A host defines it in a shared object for tslb-convert --converters FILE
+ * (examples/converters). It returns the host's conversions, which stay valid, and sets their number. */
+TSLB_API const array_conversion_t *tslb_converters(uint32_t *n_conversions);
 
 TSLB_END_DECLS
 

@@ -222,13 +222,13 @@ TEST_F(Tool, Usage) {
 }
 
 TEST_F(Tool, ConvertsTheRecordsOfAHost) {
-  const stored_array_t stored = store(8, TSLB_DA_DAFLAG_INLL, 7, 60);
+  const stored_array_t stored = store(8, TSLB_DA_DAFLAG_INLL, 1, 60);
   write("in", stored.stream);
   fs::create_symlink(HOST_CONVERTERS, path("host.so"));
-  const std::string arguments = "--converters host.so --rec-type readings --to 8 in out";
+  const std::string arguments = "--converters host.so --rec-type readings --to 2 in out";
   const run_t ran = run(arguments);
   ASSERT_EQ(ran.exit_code, 0) << ran.err;
-  EXPECT_EQ(ran.out.substr(0, ran.out.find('\n')), "readings: version 7 to 8");
+  EXPECT_EQ(ran.out.substr(0, ran.out.find('\n')), "readings: version 1 to 2");
   EXPECT_EQ(ran.out.find("become active"), std::string::npos) << ran.out;
   const load_result_t converted = load(read("out"));
   ASSERT_NE(converted.array, nullptr) << converted.error;
@@ -240,14 +240,14 @@ TEST_F(Tool, ConvertsTheRecordsOfAHost) {
         << idx;
   }
   EXPECT_EQ(run("--list --converters host.so").out,
-            "host.so\nname                from    to  record bytes\nreadings               7     8  8 to 16\n"
-            "readings               8     7  16 to 8\n");
+            "host.so\nname                from    to  record bytes\nreadings               1     2  8 to 16\n"
+            "readings               2     1  16 to 8\n");
 }
 
 TEST_F(Tool, RefusesConvertersThatDoNotFit) {
-  const std::string stream = store(8, 0, 7, 5).stream;
+  const std::string stream = store(8, 0, 1, 5).stream;
   write("in", stream);
-  write("in8", store(16, 0, 8, 5).stream);
+  write("in2", store(16, 0, 2, 5).stream);
   write("in9", store(16, 0, 9, 5).stream);
   write("short", "x");
   write("text.so", "not an object");
@@ -257,18 +257,18 @@ TEST_F(Tool, RefusesConvertersThatDoNotFit) {
   static const struct {
     const char *fault, *converters, *type, *to, *in, *line;
   } rows[] = {
-      {"missing", "none.so", "readings", "8", "in", "./none.so: cannot open shared object file"},
-      {"not an object", "text.so", "readings", "8", "in", "./text.so: "},
-      {"one of two conversions chosen", "invalid.so", "readings", "8", "in",
+      {"missing", "none.so", "readings", "2", "in", "./none.so: cannot open shared object file"},
+      {"not an object", "text.so", "readings", "2", "in", "./text.so: "},
+      {"one of two conversions chosen", "invalid.so", "readings", "2", "in",
        "invalid.so: conversions 0 and 1 are both from version 7 of readings to 8"},
-      {"another type", "host.so", "g_mg", "8", "in", "host.so: has no conversion of g_mg; --list shows them"},
+      {"another type", "host.so", "g_mg", "2", "in", "host.so: has no conversion of g_mg; --list shows them"},
       {"another target", "host.so", "readings", "9", "in",
-       "in: has version 7, and host.so has no conversion of readings from version 7 to 9"},
-      {"another source", "host.so", "readings", "8", "in9",
-       "in9: has version 9, and host.so has no conversion of readings from version 9 to 8"},
-      {"no headers", "host.so", "readings", "8", "short", "short: shorter than the headers of an array"},
-      {"a failed record", "host.so", "readings", "7", "in8",
-       "in8: record 0 cannot be converted from version 8 to 7: the converter returned 1"},
+       "in: has version 1, and host.so has no conversion of readings from version 1 to 9"},
+      {"another source", "host.so", "readings", "2", "in9",
+       "in9: has version 9, and host.so has no conversion of readings from version 9 to 2"},
+      {"no headers", "host.so", "readings", "2", "short", "short: shorter than the headers of an array"},
+      {"a failed record", "host.so", "readings", "1", "in2",
+       "in2: record 0 cannot be converted from version 2 to 1: the converter returned -1"},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.fault);

@@ -18,6 +18,9 @@
 #include <tslb/array_loader.h>
 #include <tslb/tslb_version.h>
 #include "inspect/analysis.h"
+#ifdef TSLB_WITH_DURABLE
+#include "inspect/durable_store.h"
+#endif
 #include "inspect/render.h"
 #include "refusal.h"
 
@@ -29,7 +32,7 @@ constexpr int EXIT_ERROR = 2;
 
 struct arguments_t {
   std::vector<std::string> files;
-  std::string svg, html;
+  std::string svg, html, store;
   inspect::options_t options;
   bool json = false, force = false;
 };
@@ -94,6 +97,9 @@ int inspect_all(const arguments_t &arguments) {
   int status = EXIT_SOUND;
   for (const std::string &file : arrays_of(arguments.files)) {
     try {
+#ifdef TSLB_WITH_DURABLE
+      inspect::expect_no_store(file);
+#endif
       const auto store = inspect::open_store(file);
       inspect::analysis_result_t analysed = inspect::analyse(store.get(), arguments.options);
       if (arguments.json)
@@ -114,6 +120,21 @@ int inspect_all(const arguments_t &arguments) {
   if (!arguments.html.empty()) write_file(arguments.html, inspect::html_of(reports), arguments.force);
   return status;
 }
+
+#ifdef TSLB_WITH_DURABLE
+int inspect_durable(const arguments_t &arguments) {
+  const inspect::store_inspection_t inspection = inspect::inspect_store(arguments.store, arguments.json);
+  print(inspection.output);
+  return inspection.is_sound ? EXIT_SOUND : EXIT_FAULTS;
+}
+
+void add_store_option(CLI::App *app, arguments_t *arguments) {
+  CLI::Option *const store =
+      app->add_option("--store", arguments->store, "load and verify a durable store, and show it");
+  store->type_name("FOLDER");
+  for (const char *other : {"FILE", "--kind", "--record", "--svg", "--html"}) store->excludes(other);
+}
+#endif
 
 // ---- Command line --------------------------------------------------------------------------------------------------
 
@@ -137,7 +158,7 @@ void add_options(CLI::App *app, arguments_t *arguments) {
   static const std::map<std::string, uint8_t> kinds = {
       {"auto", ARRAY_LOAD_POOL_BY_SIZE}, {"pool", ARRAY_LOAD_POOL}, {"array", ARRAY_LOAD_ANY}};
   arguments->options.kind = ARRAY_LOAD_POOL_BY_SIZE;
-  app->add_option("FILE", arguments->files, "stream or block file to inspect")->type_name("")->required();
+  app->add_option("FILE", arguments->files, "stream or block file to inspect")->type_name("");
   app->add_option_function<std::string>(
          "--kind", [arguments](const std::string &kind) { arguments->options.kind = kinds.at(kind); },
          "auto, pool or array: type of the user header; auto: a pool's if it has 56 bytes")
@@ -148,6 +169,9 @@ void add_options(CLI::App *app, arguments_t *arguments) {
   app->add_option("--svg", arguments->svg, "write an SVG picture of the slots")->type_name("OUT");
   app->add_option("--html", arguments->html, "write an HTML page with the picture and all tables")->type_name("OUT");
   app->add_flag("--force", arguments->force, "replace an existing file OUT");
+#ifdef TSLB_WITH_DURABLE
+  add_store_option(app, arguments);
+#endif
   app->footer(FOOTER);
 }
 
@@ -160,6 +184,10 @@ int main(int argc, char **argv) {
   add_options(&app, &arguments);
   try {
     app.parse(argc, argv);
+#ifdef TSLB_WITH_DURABLE
+    if (!arguments.store.empty()) return inspect_durable(arguments);
+#endif
+    if (arguments.files.empty()) throw CLI::RequiredError("FILE");
     return inspect_all(arguments);
   } catch (const CLI::Success &help) {
     return app.exit(help);

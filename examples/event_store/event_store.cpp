@@ -45,12 +45,6 @@ int convert_event(void *, uint8_t from_version, const void *from, uint32_t from_
   return 0;
 }
 
-uint32_t status_of(const void *slot) {
-  node_fw node;
-  std::memcpy(&node, static_cast<const char *>(slot) - sizeof(node), sizeof(node));
-  return node.status;
-}
-
 }  // namespace
 
 EventStore::EventStore(const std::string &folder, int layout, size_t keep, const tslb_store_options_t &options)
@@ -227,7 +221,7 @@ void EventStore::restore(uint64_t seen) {
 void EventStore::build_index() {
   std::vector<std::pair<uint64_t, uint32_t>> found;
   for (uint32_t idx = 0; idx < tslb_da_get_size(events_); ++idx)
-    if (status_of(tslb_da_get_ptr(events_, idx)) == TSLB_DA_SLOT_ACTIVE) found.emplace_back(read(idx).order, idx);
+    if (tslb_da_slot_status(events_, idx) == TSLB_DA_SLOT_ACTIVE) found.emplace_back(read(idx).order, idx);
   std::sort(found.begin(), found.end());
   index_.clear();
   for (const auto &[order, idx] : found) index_.push_back(idx);
@@ -282,7 +276,7 @@ std::vector<std::string> EventStore::audit() const {
   uint64_t pool_bytes = 0;
   for (uint32_t idx = 0; idx < tslb_da_get_size(texts_); ++idx) {
     const auto *slot = static_cast<const MemSlot_t *>(tslb_da_get_ptr(texts_, idx));
-    if (status_of(slot) == TSLB_DA_SLOT_ACTIVE) pool_bytes += slot->bytes_used - slot->bytes_del;
+    if (tslb_da_slot_status(texts_, idx) == TSLB_DA_SLOT_ACTIVE) pool_bytes += slot->bytes_used - slot->bytes_del;
   }
   if (pool_bytes != chunk_bytes)
     faults.push_back("the pool has " + std::to_string(pool_bytes) + " bytes of chunks, the events " +

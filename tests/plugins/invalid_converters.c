@@ -6,7 +6,7 @@ static int keep(void *arg, uint8_t from_version, const void *from, uint32_t from
   return 0;
 }
 
-__attribute__((visibility("default"))) const array_conversion_t *tslb_converters(uint32_t *n_conversions) {
+const array_conversion_t *tslb_converters(uint32_t *n_conversions) {
   static const array_conversion_t conversions[] = {
       {"readings", 7, 8, 8, 16, keep, 0},
       {"readings", 7, 8, 8, 24, keep, 0},

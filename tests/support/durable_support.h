@@ -122,10 +122,7 @@ class TestStore {
     return idx;
   }
 
-  uint32_t status_of(uint32_t idx) const {
-    const void *const slot = tslb_da_get_ptr(array(SLOTS), idx);
-    return reinterpret_cast<const node_fw *>(static_cast<const char *>(slot) - TSLB_NODE_BYTES)->status;
-  }
+  uint32_t status_of(uint32_t idx) const { return tslb_da_slot_status(array(SLOTS), idx); }
 
   // Some changes of every kind.
   void change(tslb_batch_t *batch, std::mt19937 &random) {

@@ -12,8 +12,9 @@ host_converters_t::host_converters_t(const std::string &path) : path_(path) {
   const std::string file = path.find('/') == std::string::npos ? "./" + path : path;
   void *const object = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (object == nullptr) throw tool_error_t(dlerror());
-  const auto converters = reinterpret_cast<tslb_converters_fn_t>(dlsym(object, TSLB_CONVERTERS_SYMBOL));
-  if (converters == nullptr) throw tool_error_t(path + ": does not define " TSLB_CONVERTERS_SYMBOL);
+  const auto converters = reinterpret_cast<decltype(&tslb_converters)>(dlsym(object, "tslb_converters"));
+  if (converters == nullptr)
+    throw tool_error_t(path + ": does not define tslb_converters as <tslb/array_convert.h> declares it");
   conversions_ = converters(&n_conversions_);
   if (conversions_ == nullptr && n_conversions_ != 0) throw tool_error_t(path + ": has no conversions");
   for (uint32_t i = 0; i < n_conversions_; ++i) check(conversions_[i], i);

@@ -159,7 +159,7 @@ TSLB_API void *tslb_da_get_newptr_inll_ex(dynarr_t *handle_dynarr, uint32_t *new
 TSLB_API int tslb_da_free_idx(dynarr_t *handle_dynarr, uint32_t idx);
 
 /* Moves an active slot to the tail of the inactive list, with its record intact. Its time is the low 32 bits of `ts`,
- * in seconds of tslb_get_time. A refusal writes a line (stdout: no inactive list; stderr: not active). */
+ * in seconds of tslb_get_time (tslb_util.h). A refusal writes a line (stdout: no inactive list; stderr: not active). */
 TSLB_API int tslb_da_inactivate_idx(dynarr_t *handle_dynarr, uint32_t idx, time_t ts);
 
 /* Takes an inactive slot off its list and makes it active. Record and time stay. Refusals as for
@@ -176,6 +176,14 @@ TSLB_API int tslb_da_is_ready(dynarr_t *handle_dynarr, void *slot_ptr);
  * TSLB_DA_NIL_IDX if there is none; NULL after a line on stdout for a null handle. For arrays with an inactive list.
  * Takes no lock: the result is out of date once another thread changes the list. */
 TSLB_API void *tslb_da_get_inactive_head_ptr(dynarr_t *handle_dynarr, uint32_t *head_idx);
+
+/* Returns the status of a slot (TSLB_DA_SLOT_*), for example to find the records of a loaded array. The array has lists, and
+ * idx is below tslb_da_get_size. Any thread; out of date at once while others change the slot. Not exported. */
+static inline uint32_t tslb_da_slot_status(dynarr_t *handle_dynarr, uint32_t idx) {
+  const char *const record = (const char *)tslb_da_get_ptr(handle_dynarr, idx);
+  return record != NULL ? __atomic_load_n((const uint32_t *)(record - sizeof(node_fw)), __ATOMIC_RELAXED)
+                        : (uint32_t)TSLB_DA_SLOT_FREE;
+}
 
 /* ---- Redo logging -------------------------------------------------------------------------------------------------
  *
