@@ -51,14 +51,16 @@ std::string writer_in(const File &lock) {
   return writer != 0 ? fmt::format(": process {}", writer) : "";
 }
 
-// The process may change its working folder.
+std::string without_slash(std::string folder) {
+  while (folder.size() > 1 && folder.back() == '/') folder.pop_back();
+  return folder;
+}
+
 std::string absolute_path(const std::string &folder) {
   std::error_code error;
   std::string path = std::filesystem::absolute(folder, error);
-  if (error)
-    throw StoreError(TSLB_DURABLE_IO, folder + ": the working folder: " + error.message(), folder, 0, error.value());
-  while (path.size() > 1 && path.back() == '/') path.pop_back();
-  return path;
+  if (!error) return path;
+  throw StoreError(TSLB_DURABLE_IO, folder + ": the working folder: " + error.message(), folder, 0, error.value());
 }
 
 std::atomic<uint32_t> n_forks{0};
@@ -71,7 +73,7 @@ uint32_t tslb_durable::forks_of_process() noexcept {
 }
 
 tslb_store_t::tslb_store_t(const std::string &folder, std::vector<ArrayDecl> decls, const tslb_store_options_t &options)
-    : folder_(absolute_path(folder)),
+    : folder_(without_slash(folder)),
       decls_(std::move(decls)),
       options_(options),
       is_reader_(has(options, TSLB_STORE_READ_ONLY)),
@@ -110,6 +112,7 @@ void tslb_store_t::open_or_create() {
   if (info_.was_created == 0 || !is_bulk_) load();
   bind_arrays();
   if (is_reader_) return;
+  folder_ = absolute_path(folder_);
   register_policies();
   if (is_bulk_) return;
   continue_journal();

@@ -172,7 +172,7 @@ struct tslb_store_t {
   void run_snapshots();
 
   const uint32_t forks_before_ = tslb_durable::forks_of_process();
-  const std::string folder_;
+  std::string folder_;  // as given while the store is opened, for errors; then absolute, because a process may move
   const std::vector<tslb_durable::ArrayDecl> decls_;
   const tslb_store_options_t options_;
   const bool is_reader_;

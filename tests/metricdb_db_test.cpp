@@ -129,7 +129,7 @@ TEST_F(Writing, OneWriterAtATime) {
   ASSERT_NO_FATAL_FAILURE(keep_filled());
   std::optional<OpenDatabase> first(open_to_change(db()));
   const auto write = [this] { open_to_change(db()); };
-  EXPECT_EQ(refusal_of(write), db() + ": another writer has the store");
+  EXPECT_EQ(refusal_of(write), fmt::format("{}: another writer has the store: process {}", db(), getpid()));
   EXPECT_EQ(OpenDatabase(db()).generation(), 1u) << "readers are kept out";
   first.reset();
   EXPECT_EQ(refusal_of(write), "");
