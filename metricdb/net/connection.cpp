@@ -149,6 +149,15 @@ void Connection::settled(uint64_t ticket, const Refusals &refusals) {
   send_settled(ticket, refusals);
 }
 
+void Connection::answered(uint64_t query, const QueryAnswer &answer) {
+  for (PendingAnswer &pending : pending_) {
+    if (pending.query != query) continue;
+    pending.text = text_of(query, answer);
+    pending.ticket = pending.query = 0;
+  }
+  send_settled(0, {});
+}
+
 // Sends the answers up to the first one whose batch is not settled.
 void Connection::send_settled(uint64_t settled_ticket, const Refusals &refusals) {
   while (!pending_.empty() && pending_.front().ticket <= settled_ticket) {

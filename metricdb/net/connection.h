@@ -11,6 +11,7 @@
 #include <limits>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -35,7 +36,10 @@ class Counter {
 // Shared by the connections of a server.
 struct Hub {
   Hub(const ServerOptions &server_options, Ingest &target)
-      : options(server_options), ingest(target), blocks(server_options.max_buffered_bytes) {}
+      : options(server_options),
+        ingest(target),
+        blocks(server_options.max_buffered_bytes),
+        queries(options.query, options.n_query_threads, options.max_waiting_queries) {}
 
   // Passes lines to the Ingest and counts the result. Throws IngestRefused.
   IngestResult take(std::string_view text, Precision precision);
@@ -47,6 +51,9 @@ struct Hub {
   size_t unanswered_bytes = 0;  // passed to the Ingest and not settled
   size_t open_bytes = 0;        // of these, not committed yet
   bool has_open_points = false;
+  QueryWorkers queries;
+  uint64_t last_query = 0;
+  std::unordered_map<uint64_t, int> query_fds;  // connections that wait for queries
   Counter accepted, closed, turned_away, requests, bytes, points, malformed, refused;
 };
 
@@ -67,6 +74,8 @@ class Connection {
   void process();
   void committed(uint64_t ticket);
   void settled(uint64_t ticket, const Refusals &refusals);
+  // Sends the answer of a query, and what waits for it.
+  void answered(uint64_t query, const QueryAnswer &answer);
   // Closes the connection if the peer exceeds a time limit.
   void check_time();
   // From here on only bytes that have already arrived are received.
@@ -82,12 +91,14 @@ class Connection {
 
  protected:
   static constexpr uint64_t OPEN_TICKET = std::numeric_limits<uint64_t>::max();
+  static constexpr uint64_t QUERY_TICKET = OPEN_TICKET - 1;
 
   // An answer, in the order of the requests.
   struct PendingAnswer {
-    uint64_t ticket = 0;  // of the batch it waits for; 0: none; OPEN_TICKET until the batch is committed
+    uint64_t ticket = 0;  // of the batch it waits for; 0: none; OPEN_TICKET until the batch is committed; QUERY_TICKET
     size_t bytes = 0;     // of its lines, for the limits
     std::string text;
+    uint64_t query = 0;  // with QUERY_TICKET: the query it waits for
   };
 
   // Processes the complete requests at the front of the input, while `is_within_limits`.
@@ -98,6 +109,8 @@ class Connection {
   virtual void refuse_room() = 0;
   // Replaces the answer to a request whose batch was refused.
   virtual void refuse(PendingAnswer &answer, const std::string &reason) = 0;
+  // Returns the text of the answer to a query of this connection. Called once for each, in the order of the answers.
+  virtual std::string text_of(uint64_t query, const QueryAnswer &answer) = 0;
   virtual void on_input_end() {}
 
   Hub &hub() { return hub_; }

@@ -20,6 +20,7 @@ class GraphiteConnection : public Connection {
   size_t room_wanted() const override { return BlockPool::MIN_BYTES / 2; }
   void refuse_room() override { close_with_error("no memory to receive more"); }
   void refuse(PendingAnswer &answer, const std::string &reason) override;
+  std::string text_of(uint64_t, const QueryAnswer &) override { return {}; }  // it sends no query
   void on_input_end() override;
 
  private:

@@ -37,7 +37,7 @@ std::string answer_text(const HttpAnswer &answer, http_method method, bool keep_
   if (!keep_alive) text += "Connection: close\r\n";
   if (keep_alive && is_http_1_0) text += "Connection: keep-alive\r\n";
   if (answer.status != HTTP_STATUS_NO_CONTENT)
-    text += fmt::format("Content-Type: application/json\r\nContent-Length: {}\r\n", answer.json.size());
+    text += fmt::format("Content-Type: {}\r\nContent-Length: {}\r\n", answer.content_type, answer.json.size());
   text += "\r\n";
   return method == HTTP_HEAD ? text : text + answer.json;
 }
@@ -125,7 +125,8 @@ bool HttpReader::fits_head(size_t n) {
 
 int HttpReader::on_begin() {
   request_.target.clear();
-  for (std::string *header : {&request_.content_encoding, &request_.content_type, &request_.expect}) header->clear();
+  for (std::string *header : {&request_.content_encoding, &request_.content_type, &request_.expect, &request_.accept})
+    header->clear();
   header_name_.clear();
   head_bytes_ = 0;
   is_in_header_value_ = is_head_whole_ = false;
@@ -152,6 +153,7 @@ int HttpReader::on_header_value(std::string_view piece) {
     header_ = header_name_ == "content-encoding" ? &request_.content_encoding
               : header_name_ == "content-type"   ? &request_.content_type
               : header_name_ == "expect"         ? &request_.expect
+              : header_name_ == "accept"         ? &request_.accept
                                                  : nullptr;
     // Headers after a chunked body are ignored.
     if (is_head_whole_) header_ = nullptr;

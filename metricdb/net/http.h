@@ -19,6 +19,7 @@ struct HttpRequest {
   std::string content_encoding;
   std::string content_type;
   std::string expect;
+  std::string accept;
   std::string_view body;
   bool keep_alive = false;
   bool is_http_1_0 = false;  // HTTP/1.0
@@ -26,7 +27,8 @@ struct HttpRequest {
 
 struct HttpAnswer {
   http_status status = HTTP_STATUS_NO_CONTENT;
-  std::string json;   // the body; none if empty
+  std::string json;  // the body; none if empty
+  std::string content_type = "application/json";
   std::string error;  // the error in one line, for the header
   std::string allow;  // with METHOD_NOT_ALLOWED: the allowed methods
 };

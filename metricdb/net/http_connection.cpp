@@ -29,8 +29,34 @@ void HttpConnection::answer_request() {
   const auto routed = api_.route(reader_.request());
   if (const auto *request = std::get_if<WriteRequest>(&routed))
     write(*request);
+  else if (const auto *query = std::get_if<QueryRequest>(&routed))
+    begin_query(*query);
   else
     queue_answer(std::get<HttpAnswer>(routed));
+}
+
+void HttpConnection::begin_query(const QueryRequest &query) {
+  if (!hub().options.query) return queue_answer(error_answer(HTTP_STATUS_NOT_IMPLEMENTED, "queries are not answered"));
+  const uint64_t id = ++hub().last_query;
+  if (!hub().queries.submit(id, query))
+    return queue_answer(error_answer(HTTP_STATUS_SERVICE_UNAVAILABLE, "too many queries wait, try again"));
+  const HttpRequest &request = reader_.request();
+  queries_[id] = {request.method, request.keep_alive, request.is_http_1_0};
+  hub().query_fds[id] = fd();
+  PendingAnswer answer;
+  answer.ticket = QUERY_TICKET;
+  answer.query = id;
+  queue(std::move(answer));
+}
+
+std::string HttpConnection::text_of(uint64_t query, const QueryAnswer &answer) {
+  const Form form = queries_.at(query);
+  queries_.erase(query);
+  HttpAnswer http;
+  http.status = answer.status;
+  http.json = answer.body;
+  http.content_type = answer.content_type;
+  return answer_text(http, form.method, form.keep_alive, form.is_http_1_0);
 }
 
 void HttpConnection::write(const WriteRequest &request) {

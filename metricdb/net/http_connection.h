@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string_view>
+#include <unordered_map>
 
 #include "net/connection.h"
 #include "net/gzip.h"
@@ -21,11 +22,13 @@ class HttpConnection : public Connection {
   size_t room_wanted() const override { return reader_.room_wanted(input()); }
   void refuse_room() override;
   void refuse(PendingAnswer &answer, const std::string &reason) override;
+  std::string text_of(uint64_t query, const QueryAnswer &answer) override;
 
  private:
   void answer_request();
   void write(const WriteRequest &write);
   void write_lines(std::string_view lines, Precision precision);
+  void begin_query(const QueryRequest &query);
   void answer_expectation();
   void refuse_connection(const HttpAnswer &answer);
   void queue_answer(const HttpAnswer &answer, uint64_t ticket = 0, size_t bytes = 0);
@@ -33,6 +36,12 @@ class HttpConnection : public Connection {
   InfluxApi &api_;
   Gunzip &gunzip_;
   HttpReader reader_;
+  // How the answers of the queries that this connection waits for are sent.
+  struct Form {
+    http_method method;
+    bool keep_alive, is_http_1_0;
+  };
+  std::unordered_map<uint64_t, Form> queries_;
   bool is_continued_ = false;  // the body of the current request was requested
 };
 

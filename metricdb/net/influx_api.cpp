@@ -87,7 +87,8 @@ HttpAnswer not_allowed(const char *methods) {
   return answer;
 }
 
-std::variant<WriteRequest, HttpAnswer> route_write(const HttpRequest &request, std::string_view arguments) {
+std::variant<WriteRequest, QueryRequest, HttpAnswer> route_write(const HttpRequest &request,
+                                                                 std::string_view arguments) {
   if (request.method != HTTP_POST) return not_allowed("POST");
   const std::string unit = argument(arguments, "precision").value_or("");
   const std::optional<Precision> precision = precision_of(unit);
@@ -152,13 +153,15 @@ std::optional<HttpAnswer> InfluxApi::answer_to_head(const HttpRequest &request) 
   return answer != nullptr ? std::optional(*answer) : std::nullopt;
 }
 
-std::variant<WriteRequest, HttpAnswer> InfluxApi::route(const HttpRequest &request) {
+std::variant<WriteRequest, QueryRequest, HttpAnswer> InfluxApi::route(const HttpRequest &request) {
   const std::optional<Target> target = target_of(request);
   if (!target) return error_answer(HTTP_STATUS_BAD_REQUEST, "the target of the request is not a URL");
   const bool reads = request.method == HTTP_GET || request.method == HTTP_HEAD;
   if (target->path == "/write") return route_write(request, target->arguments);
   if (target->path == "/query")
-    return reads || request.method == HTTP_POST ? query(request, target->arguments) : not_allowed("GET, POST");
+    return reads || request.method == HTTP_POST
+               ? query(request, target->arguments)
+               : std::variant<WriteRequest, QueryRequest, HttpAnswer>(not_allowed("GET, POST"));
   if (target->path == "/ping") return reads ? HttpAnswer() : not_allowed("GET, HEAD");
   if (target->path == "/health")
     return reads ? json_answer({{"name", "metricdb"}, {"message", "ready for writes"}, {"status", "pass"}})
@@ -166,33 +169,33 @@ std::variant<WriteRequest, HttpAnswer> InfluxApi::route(const HttpRequest &reque
   return error_answer(HTTP_STATUS_NOT_FOUND, "the paths are /write, /query, /ping and /health");
 }
 
-HttpAnswer InfluxApi::query(const HttpRequest &request, std::string_view arguments) {
-  std::optional<std::string> statement = argument(arguments, "q");
-  if (!statement && request.content_type.starts_with("application/x-www-form-urlencoded"))
-    statement = argument(request.body, "q");
-  if (!statement) return error_answer(HTTP_STATUS_BAD_REQUEST, "missing required parameter \"q\"");
-  HttpAnswer answer;
-  answer.status = HTTP_STATUS_OK;
-  answer.json = run_statement(trimmed(*statement));
-  return answer;
-}
-
-std::string InfluxApi::run_statement(std::string_view statement) {
-  std::string_view rest = statement;
-  if (remove_words(rest, "SHOW DATABASES")) {
-    Json rows = Json::array();
-    for (const std::string &name : databases_) rows.push_back(Json::array({name}));
-    const Json series = {{"name", "databases"}, {"columns", Json::array({"name"})}, {"values", std::move(rows)}};
-    return json_text(one_result({{"series", Json::array({series})}}));
-  }
+std::variant<WriteRequest, QueryRequest, HttpAnswer> InfluxApi::query(const HttpRequest &request,
+                                                                      std::string_view arguments) {
+  const bool is_form = request.content_type.starts_with("application/x-www-form-urlencoded");
+  const auto value_of = [&](std::string_view name) {
+    const std::optional<std::string> value = argument(arguments, name);
+    return value || !is_form ? value : argument(request.body, name);
+  };
+  const std::optional<std::string> text = value_of("q");
+  if (!text) return error_answer(HTTP_STATUS_BAD_REQUEST, "missing required parameter \"q\"");
+  std::string_view rest = trimmed(*text);
   if (remove_words(rest, "CREATE DATABASE ")) {
     std::string name = first_name(trimmed(rest));
     if (name.empty() || name.size() > MAX_DATABASE_BYTES)
-      return json_text(one_result({{"error", "the name of a database has 1 to 128 bytes"}}));
+      return json_answer(one_result({{"error", "the name of a database has 1 to 128 bytes"}}));
     if (databases_.size() < MAX_DATABASES) databases_.insert(std::move(name));
-    return json_text(one_result(Json::object()));
+    return json_answer(one_result(Json::object()));
   }
-  return json_text(one_result({{"error", fmt::format("not supported here: {}", statement.substr(0, 80))}}));
+  QueryRequest query;
+  query.text = *text;
+  query.epoch = value_of("epoch").value_or("");
+  query.is_pretty = value_of("pretty") == "true";
+  query.is_chunked = value_of("chunked") == "true";
+  const std::string rows = value_of("chunk_size").value_or("");
+  std::from_chars(rows.data(), rows.data() + rows.size(), query.chunk_rows);
+  query.is_csv = request.accept.starts_with("application/csv") || request.accept.starts_with("text/csv");
+  query.databases.assign(databases_.begin(), databases_.end());
+  return query;
 }
 
 }  // namespace metricdb

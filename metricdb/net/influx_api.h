@@ -3,7 +3,7 @@
 //   POST /write?precision=ns|n|us|u|ms|s|m|h   lines of line protocol, plain or in gzip
 //   GET, HEAD /ping                            checks the connection; the header has the version
 //   GET /health                                the same, as JSON
-//   GET, POST /query?q=...                     CREATE DATABASE and SHOW DATABASES; others get an error in the answer
+//   GET, POST /query?q=...                     InfluxQL, also as the text of a form. CREATE DATABASE is accepted
 //
 // There is one database. The parameter `db` is ignored.
 #pragma once
@@ -15,6 +15,7 @@
 #include <variant>
 
 #include "net/http.h"
+#include "net/query_workers.h"
 #include "store/ingest.h"
 
 namespace metricdb {
@@ -26,15 +27,14 @@ struct WriteRequest {
 
 class InfluxApi {
  public:
-  // Returns the write to execute, or the answer to any other request.
-  std::variant<WriteRequest, HttpAnswer> route(const HttpRequest &request);
+  // Returns the write or the query to execute, or the answer to any other request.
+  std::variant<WriteRequest, QueryRequest, HttpAnswer> route(const HttpRequest &request);
 
   // The answer to a request whose header is known, if no body can change it.
   static std::optional<HttpAnswer> answer_to_head(const HttpRequest &request);
 
  private:
-  HttpAnswer query(const HttpRequest &request, std::string_view arguments);
-  std::string run_statement(std::string_view statement);
+  std::variant<WriteRequest, QueryRequest, HttpAnswer> query(const HttpRequest &request, std::string_view arguments);
 
   std::set<std::string> databases_{"metricdb"};  // names that clients have created
 };

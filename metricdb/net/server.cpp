@@ -71,6 +71,7 @@ class Server::Loop {
   void after_processing(Place &place);
   void commit();
   void settle();
+  void answer_queries();
   void resume_held();
   void activate(Place &place);
   void check_times();
@@ -96,6 +97,7 @@ class Server::Loop {
   Fds held_;      // by limits that other connections can cause
   std::deque<Batch> batches_;
   bool is_settled_readable_ = false;
+  bool has_query_answers_ = false;
   bool is_turning_away_ = false;
   bool is_draining_ = false;
   Clock::time_point next_check_;
@@ -112,6 +114,7 @@ Server::Loop::Loop(const ServerOptions &options, Ingest &ingest)
   if (fcntl(epoll_.get(), F_SETFD, FD_CLOEXEC) != 0) fail("epoll");
   watch(stop_.get(), EPOLLIN);
   watch(ingest.settled_fd(), EPOLLIN);
+  watch(hub_.queries.event_fd(), EPOLLIN);
   for (const Listener *listener : {&influx_, &graphite_})
     if (listener->fd() >= 0) watch(listener->fd(), EPOLLIN);
 }
@@ -146,6 +149,7 @@ void Server::Loop::run() {
 void Server::Loop::run_round() {
   wait_for_events();
   if (std::exchange(is_settled_readable_, false)) settle();
+  if (std::exchange(has_query_answers_, false)) answer_queries();
   process_active();
   commit();
   if (hub_.now >= next_check_) check_times();
@@ -167,6 +171,8 @@ void Server::Loop::on_event(const epoll_event &event) {
     if (!is_draining_) begin_drain();
   } else if (fd == hub_.ingest.settled_fd()) {
     is_settled_readable_ = true;
+  } else if (fd == hub_.queries.event_fd()) {
+    has_query_answers_ = true;
   } else if (fd == influx_.fd()) {
     accept_some(influx_);
   } else if (fd == graphite_.fd()) {
@@ -282,6 +288,18 @@ void Server::Loop::settle() {
     after_processing(place);
   }
   resume_held();
+}
+
+// A connection can be closed, and its descriptor reused, while a query is answered: the other connection has no such query.
+void Server::Loop::answer_queries() {
+  for (const QueryWorkers::Done &done : hub_.queries.take_answers()) {
+    const auto waiting = hub_.query_fds.find(done.id);
+    Place &place = places_[static_cast<size_t>(waiting->second)];
+    hub_.query_fds.erase(waiting);
+    if (!place.connection) continue;
+    place.connection->answered(done.id, done.answer);
+    after_processing(place);
+  }
 }
 
 void Server::Loop::resume_held() {

@@ -4,7 +4,7 @@
 // request, and the plaintext protocol of Graphite (graphite.h), which answers nothing. Graphite lines that are refused
 // are counted and lost.
 //
-// One thread runs everything, in rounds. A round receives once per connection, passes all complete requests to the
+// One thread runs everything but queries, in rounds. A round receives once per connection, passes all complete requests to the
 // Ingest and commits them as one batch. Their answers wait for the ticket of this batch, while the following rounds
 // receive more. The number of waiting bytes is limited per connection and in total. When a limit is reached, nothing
 // more is received.
@@ -17,6 +17,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "net/query_workers.h"
 #include "store/ingest.h"
 
 namespace metricdb {
@@ -30,6 +31,10 @@ struct ServerOptions {
   std::string address = "127.0.0.1";  // IPv4
   std::optional<int> influx_port;     // 0: any free port. Without a port the protocol is off
   std::optional<int> graphite_port;
+
+  QueryFunction query = nullptr;  // answers SELECT and SHOW; without it they are refused
+  unsigned n_query_threads = 2;
+  size_t max_waiting_queries = 64;
 
   size_t max_body_bytes = size_t{32} << 20;        // of a request, before and after decompression
   size_t max_connections = 4096;                   // further connections are closed immediately

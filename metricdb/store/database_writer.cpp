@@ -69,6 +69,7 @@ void DatabaseWriter::read_store() {
       std::make_unique<Loader>(*store_, Loader::OnFull::skip_line, [this](uint64_t line, const std::string &reason) {
         if (result_.malformed++ == 0) result_.first_reason = fmt::format("line {}: {}", lines_before_ + line, reason);
       });
+  if (options_.is_live) store_->go_live();
 }
 
 // Limits in the options replace those of the database, from here on and for later openings.
@@ -86,10 +87,17 @@ void DatabaseWriter::apply_forgetting_options() {
 // After a refused batch the arrays are brought back to the last durable one.
 void DatabaseWriter::restore(const std::string &why) {
   report_refusal(fmt::format("a batch was refused, the arrays are loaded again: {}", why));
+  const std::unique_lock alone(store_mutex_);
   loader_.reset();
   store_.reset();
   durable_->restore();
   read_store();
+}
+
+void DatabaseWriter::read(const std::function<void(const Store &)> &use) const {
+  const std::shared_lock lock(store_mutex_);
+  if (!store_) throw DatabaseError(folder_ + ": is not open");  // it could not be made anew
+  use(*store_);
 }
 
 void DatabaseWriter::begin_batch() {
@@ -165,7 +173,7 @@ uint64_t DatabaseWriter::commit() {
 
 uint64_t DatabaseWriter::settled() {
   uint64_t n_events;
-  [[maybe_unused]] const ssize_t got = read(settled_fd(), &n_events, sizeof n_events);  // before the ticket is read
+  [[maybe_unused]] const ssize_t got = ::read(settled_fd(), &n_events, sizeof n_events);  // before the ticket is read
   return tslb_store_settled(durable_->get());
 }
 

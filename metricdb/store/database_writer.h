@@ -5,12 +5,14 @@
 // brought back to the last durable batch, which takes as long as opening. A full disk is usually detected before, because
 // room in the journal is reserved before a text is stored.
 //
-// Threads: one.
+// Threads: one, except for `read`.
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
+#include <shared_mutex>
 #include <string>
 
 #include "store/database.h"
@@ -25,6 +27,7 @@ struct WriterOptions {
   bool salvage = false;
   std::optional<uint8_t> layout = {};  // as in OpenOptions; for a new database: its layout
   ForgettingChange forgetting = {};    // stored with the database
+  bool is_live = false;                // `read` can be called
 };
 
 class DatabaseWriter final : public Ingest {
@@ -50,6 +53,10 @@ class DatabaseWriter final : public Ingest {
   // replaced by a new generation. Throws DatabaseError.
   void close();
 
+  // Calls `use` with the store, which is live (Store::go_live), on the calling thread. Any thread, also while points are
+  // taken. Waits while a refused batch is taken back; meanwhile `use` is not running.
+  void read(const std::function<void(const Store &)> &use) const;
+
   const Store &store() const { return *store_; }
   // What was remarkable when the database was opened, one line; empty if nothing was.
   const std::string &warnings() const { return warnings_; }
@@ -68,6 +75,7 @@ class DatabaseWriter final : public Ingest {
   const WriterOptions options_;
   std::string warnings_;
   std::optional<DurableArrays> durable_;
+  mutable std::shared_mutex store_mutex_;  // held to read the store, and alone to make it anew
   std::optional<Store> store_;
   std::unique_ptr<Loader> loader_;
   IngestResult result_;        // of the current call of `take`

@@ -74,7 +74,6 @@ class LiveChange {
       SeriesVersions &versions = live_->versions.of(series);
       begin(versions.head);
       if (what == CHAIN) begin(versions.chain);
-
     }
   }
   ~LiveChange() {

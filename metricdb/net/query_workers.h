@@ -1,0 +1,79 @@
+// Threads that answer queries beside the thread of the server.
+#pragma once
+
+#include <http_parser.h>
+
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "net/listener.h"
+
+namespace metricdb {
+
+// The parameters of a request to /query.
+struct QueryRequest {
+  std::string text;
+  std::string epoch;  // unit of times in the answer; empty: text
+  bool is_pretty = false;
+  bool is_chunked = false;
+  size_t chunk_rows = 10'000;
+  bool is_csv = false;
+  std::vector<std::string> databases;  // that clients have created
+};
+
+struct QueryAnswer {
+  http_status status = HTTP_STATUS_OK;
+  std::string content_type;
+  std::string body;
+};
+
+// Called by several threads at once. An exception becomes an answer with status 500.
+using QueryFunction = std::function<QueryAnswer(const QueryRequest &)>;
+
+class QueryWorkers {
+ public:
+  struct Done {
+    uint64_t id;
+    QueryAnswer answer;
+  };
+
+  // Without a function no thread is started, and `submit` is not called.
+  QueryWorkers(QueryFunction function, unsigned n_threads, size_t max_waiting);
+  ~QueryWorkers();  // waits for the queries that have begun
+  QueryWorkers(const QueryWorkers &) = delete;
+  QueryWorkers &operator=(const QueryWorkers &) = delete;
+
+  // The server's thread. Returns false if too many queries wait.
+  bool submit(uint64_t id, QueryRequest request);
+  // Readable when there are answers. Calling `take_answers` resets it.
+  int event_fd() const { return event_.get(); }
+  std::vector<Done> take_answers();
+
+ private:
+  struct Waiting {
+    uint64_t id;
+    QueryRequest request;
+  };
+
+  void run();
+  QueryAnswer answer(const QueryRequest &request) const;
+
+  const QueryFunction function_;
+  const size_t max_waiting_;
+  const Descriptor event_;
+  std::mutex mutex_;  // guards the following members
+  std::condition_variable work_;
+  std::deque<Waiting> waiting_;
+  std::vector<Done> done_;
+  bool is_ending_ = false;
+  std::vector<std::thread> threads_;
+};
+
+}  // namespace metricdb
