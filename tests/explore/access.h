@@ -1,0 +1,29 @@
+// Accesses of the explored program, as scenarios and the self-check make them.
+#ifndef TSLB_EXPLORE_ACCESS_H
+#define TSLB_EXPLORE_ACCESS_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+// How an atomic word takes part in the search. Other words are scheduling points, and each order of accesses counts.
+enum word_use_t {
+  NO_CHOICE,          // no switch of threads before an access: a figure that nothing decides on
+  ADDITIONS_COMMUTE,  // the results of its additions are not used
+};
+void unmark_words();
+void mark_words(const void *at, size_t bytes, word_use_t use);
+
+// A plain access by the calling thread, as if the explored program had made it.
+void note_access(const void *at, size_t bytes, bool writes);
+
+// Atomic accesses by the calling thread; each is a scheduling point.
+uint64_t explore_load(const uint64_t *at, int order);
+void explore_store(uint64_t *at, uint64_t value, int order);
+
+// A scheduling point: the redo hook was called with these bytes.
+void reach_hook(const void *data, size_t bytes, const void *caller);
+
+// From now on every allocation of the explored program fails.
+void refuse_memory(bool refuses);
+
+#endif
