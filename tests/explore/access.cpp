@@ -210,7 +210,11 @@ ATOMIC(64)
 static bool refuses_memory;
 
 void *explored_calloc(size_t count, size_t bytes) {
-  return refuses_memory ? nullptr : machine.arena.allocate(machine.thread() + 1, count * bytes);
+  if (refuses_memory && machine.thread() >= 0) return nullptr;
+  void *const block = machine.arena.allocate(machine.thread() + 1, count * bytes);
+  // Zeroing is a write: a thread that finds the block through a relaxed load has a race with it.
+  if (block != nullptr && count * bytes != 0) check(block, count * bytes, PLAIN_WRITE);
+  return block;
 }
 void *explored_malloc(size_t bytes) {
   return explored_calloc(1, bytes);

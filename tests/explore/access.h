@@ -23,7 +23,7 @@ void explore_store(uint64_t *at, uint64_t value, int order);
 // A scheduling point: the redo hook was called with these bytes.
 void reach_hook(const void *data, size_t bytes, const void *caller);
 
-// From now on every allocation of the explored program fails.
+// Whether every allocation by a thread fails.
 void refuse_memory(bool refuses);
 
 #endif

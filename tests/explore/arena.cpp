@@ -5,6 +5,8 @@
 #include <string.h>
 #include <sys/mman.h>
 
+#include <algorithm>
+
 static void *map(void *at, size_t bytes) {
   void *const mapped =
       mmap(at, bytes, PROT_READ | PROT_WRITE,
@@ -48,6 +50,15 @@ bool arena_t::is_allocated(uintptr_t address, size_t bytes) const {
   for (size_t unit = offset_of(address) / UNIT; unit <= offset_of(address + bytes - 1) / UNIT; ++unit)
     if (units_[unit] != FIRST && units_[unit] != MORE) return false;
   return true;
+}
+
+size_t arena_t::n_blocks() const {
+  size_t n = 0;
+  for (int region = 0; region < N_REGIONS; ++region) {
+    const unit_t *const first = units_ + static_cast<size_t>(region) * REGION_BYTES / UNIT;
+    n += static_cast<size_t>(std::count(first, first + used_[region] / UNIT, FIRST));
+  }
+  return n;
 }
 
 void arena_t::reset() {

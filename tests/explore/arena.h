@@ -25,6 +25,9 @@ class arena_t {
   // Whether all bytes belong to blocks that were not released.
   bool is_allocated(uintptr_t at, size_t bytes) const;
 
+  // Blocks that were not released.
+  size_t n_blocks() const;
+
   void reset();    // an empty arena
   void keep();     // as the state to which restore() returns
   void restore();  // also the allocations of threads are dropped

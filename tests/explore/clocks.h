@@ -17,6 +17,8 @@ enum access_t : uint8_t { PLAIN_READ, PLAIN_WRITE, ATOMIC_READ, ATOMIC_WRITE };
 class clocks_t {
  public:
   using clock_t = std::array<uint16_t, MAX_THREADS>;
+  // By access_t, then by thread.
+  typedef uint16_t clocks_of_byte_t __attribute__((vector_size(MAX_THREADS * 4 * sizeof(uint16_t)), aligned(4)));
 
   // offsets: positions in the arena, from 0 to `bytes` - 1.
   explicit clocks_t(size_t bytes);
@@ -41,8 +43,8 @@ class clocks_t {
     clock_t fenced = {};  // at the last barrier; relaxed stores release it
   };
   struct cell_t {
-    uint32_t run = 0;
-    clock_t last[4] = {};  // by access_t
+    uint32_t run;
+    clocks_of_byte_t last;
   };
   struct word_t {
     uint32_t run = 0;

@@ -17,7 +17,22 @@ extern "C" void explored_free(void *block);
 
 namespace {
 
-enum code_t { LOAD, LOAD_ACQUIRE, STORE, STORE_RELEASE, SWAP, ADD, LOCK, UNLOCK, READ, WRITE, HOOK, TAKE_MEMORY, FREE };
+enum code_t {
+  LOAD,
+  LOAD_ACQUIRE,
+  STORE,
+  STORE_RELEASE,
+  SWAP,
+  ADD,
+  LOCK,
+  UNLOCK,
+  READ,
+  WRITE,
+  HOOK,
+  WAIT,
+  TAKE_MEMORY,
+  FREE
+};
 struct instruction_t {
   code_t code;
   int word;
@@ -69,6 +84,10 @@ void execute(const instruction_t &instruction, int thread) {
       break;
     case HOOK:
       reach_hook(word, 8, nullptr);
+      break;
+    case WAIT:
+      while (explore_load(word, __ATOMIC_ACQUIRE) == 0) {
+      }
       break;
     case TAKE_MEMORY:
       words->block = explored_malloc(16);
@@ -138,13 +157,13 @@ std::set<std::string> distinct(const std::multiset<std::string> &traces) {
 }
 
 program_t random_program(std::mt19937 *random) {
-  static constexpr code_t CODES[] = {LOAD, STORE, SWAP, ADD, HOOK};
+  static constexpr code_t CODES[] = {LOAD, STORE, SWAP, ADD, HOOK, UNLOCK};
   const auto below = [&](int n) { return static_cast<int>((*random)() % static_cast<unsigned>(n)); };
   program_t made(static_cast<size_t>(2 + below(2)));
   for (thread_t &thread : made) {
     // Three threads of three operations have 1,680 schedules.
     const int n = 1 + below(made.size() == 2 ? 5 : 3);
-    for (int i = 0; i < n; ++i) thread.push_back({CODES[below(5)], below(3)});
+    for (int i = 0; i < n; ++i) thread.push_back({CODES[below(6)], below(2)});
     if (below(2) != 0) continue;
     const int lock = below(2);
     thread.insert(thread.begin() + below(static_cast<int>(thread.size())), {LOCK, lock});
@@ -188,6 +207,9 @@ TEST(Explorer, NumberOfTracesIsTheKnownOne) {
       // Of three swaps one is successful; the others only read, in either order.
       {"three swaps", {{{SWAP, 0}}, {{SWAP, 0}}, {{SWAP, 0}}}, 3},
       {"three owners of a lock", {{{LOCK, 0}, {UNLOCK, 0}}, {{LOCK, 0}, {UNLOCK, 0}}, {{LOCK, 0}, {UNLOCK, 0}}}, 6},
+      // The store comes before one of the first five loads, or before the one that waits.
+      {"a loop that waits for a word", {{{WAIT, 0}}, {{STORE, 0}}}, 6},
+      {"two loops that wait for a word", {{{WAIT, 0}}, {{WAIT, 0}}, {{STORE, 0}}}, 36},
       {"the order of a log", {{{HOOK, 0}}, {{HOOK, 1}}}, 2},
   };
   for (const auto &row : rows) {
@@ -232,7 +254,7 @@ TEST(Explorer, ReportsWhatIsWrong) {
       {"read that is not ordered", {{{WRITE, 0}, {STORE_RELEASE, 0}}, {{LOAD_ACQUIRE, 0}, {READ, 0}}}, "data race"},
       {"opposite orders of locks",
        {{{LOCK, 0}, {LOCK, 1}, {UNLOCK, 1}, {UNLOCK, 0}}, {{LOCK, 1}, {LOCK, 0}, {UNLOCK, 0}, {UNLOCK, 1}}},
-       "waits for a lock"},
+       "every thread waits"},
       {"block released twice", {{{TAKE_MEMORY, 0}, {FREE, 0}, {FREE, 0}}}, "not allocated"},
   };
   for (const auto &row : rows) {

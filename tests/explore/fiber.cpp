@@ -48,9 +48,9 @@ void fiber_t::prepare(body_t body, void *argument) {
   body_ = body;
   argument_ = argument;
   has_ended_ = false;
-  // The frame that explore_switch_stack loads: r15, r14, r13, r12, rbx, rbp, return address.
+  // The frame that explore_switch_stack loads: r15, r14, r13, r12, rbx, rbp, return address. The stack is then empty.
   const uintptr_t top = (reinterpret_cast<uintptr_t>(stack_.get()) + STACK_BYTES) & ~uintptr_t{15};
-  void **const frame = reinterpret_cast<void **>(top) - 8;
+  void **const frame = reinterpret_cast<void **>(top) - 7;
   frame[2] = reinterpret_cast<void *>(&fiber_t::enter);
   frame[3] = this;
   frame[6] = reinterpret_cast<void *>(&explore_enter_fiber);

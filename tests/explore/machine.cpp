@@ -13,7 +13,9 @@ void machine_t::enter(void *argument) {
 bool machine_t::can_run(int thread) const {
   const thread_t &at = threads_[thread];
   if (at.fiber.has_ended()) return false;
-  return at.next.kind != OP_LOCK || *reinterpret_cast<const volatile uint16_t *>(at.next.at) == 0;
+  uint64_t word = 0;
+  memcpy(&word, reinterpret_cast<const void *>(at.next.at), at.next.kind == OP_HOOK ? 0 : at.next.bytes);
+  return (at.next.kind != OP_LOCK || word == 0) && (at.next.kind != OP_AWAIT || word != at.next.unwanted);
 }
 
 run_result_t machine_t::run(int n_threads, body_t body, scheduler_t *scheduler) {
@@ -39,7 +41,7 @@ run_result_t machine_t::run(int n_threads, body_t body, scheduler_t *scheduler) 
     thread_ = -1;
     if (all_ended) break;
     if (choice.enabled == 0) {
-      violation("every thread waits for a lock");
+      violation("every thread waits");
     } else if (static_cast<int>(events_.size()) >= step_limit) {
       violation("no end after %d steps", step_limit);
     } else if ((thread_ = scheduler->choose(choice)) < 0) {
@@ -56,9 +58,28 @@ run_result_t machine_t::run(int n_threads, body_t body, scheduler_t *scheduler) 
   return text_.empty() ? result : RUN_VIOLATION;
 }
 
+// A thread that waits in a loop without a lock would make schedules without end.
+void machine_t::notice_loop(thread_t *at) {
+  constexpr int ENOUGH = 5;
+  int n_same = 0;
+  uint64_t value = 0;
+  for (size_t i = events_.size(); i-- > 0 && n_same < ENOUGH;) {
+    const event_t &event = events_[i];
+    if (event.thread != thread_) continue;
+    const bool is_same = event.op.kind == OP_LOAD && event.op.at == at->next.at && event.op.caller == at->next.caller;
+    if (!is_same || (n_same != 0 && event.value != value)) return;
+    value = event.value;
+    ++n_same;
+  }
+  if (n_same < ENOUGH) return;
+  at->next.kind = OP_AWAIT;
+  at->next.unwanted = value;
+}
+
 bool machine_t::reach(const op_t &op) {
   if (thread_ < 0) return false;
   threads_[thread_].next = op;
+  if (op.kind == OP_LOAD) notice_loop(&threads_[thread_]);
   threads_[thread_].fiber.yield();
   return true;
 }

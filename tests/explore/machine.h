@@ -57,13 +57,15 @@ class machine_t {
   clocks_t clocks{arena_t::BYTES};
 
  private:
-  static void enter(void *argument);
-  bool can_run(int thread) const;
-
   struct thread_t {
     fiber_t fiber;
     op_t next;
   };
+
+  static void enter(void *argument);
+  bool can_run(int thread) const;
+  void notice_loop(thread_t *at);
+
   thread_t threads_[MAX_THREADS];
   int n_threads_ = 0;
   int thread_ = -1;

@@ -6,7 +6,8 @@
 
 constexpr int MAX_THREADS = 4;
 
-enum op_kind_t : uint8_t { OP_LOAD, OP_STORE, OP_SWAP, OP_ADD, OP_LOCK, OP_UNLOCK, OP_HOOK };
+// OP_AWAIT: a load in a loop that read the same value again and again. It runs once the word has another value.
+enum op_kind_t : uint8_t { OP_LOAD, OP_AWAIT, OP_STORE, OP_SWAP, OP_ADD, OP_LOCK, OP_UNLOCK, OP_HOOK };
 
 struct op_t {
   uintptr_t at = 0;
@@ -17,6 +18,7 @@ struct op_t {
   // Additions to the same word whose results nobody uses. Their order is of no consequence.
   bool commutes = false;
   const void *caller = nullptr;  // return address in the explored program
+  uint64_t unwanted = 0;         // OP_AWAIT: the value that it read last
 };
 
 struct event_t {

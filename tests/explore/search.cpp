@@ -182,8 +182,10 @@ void searcher_t::plan_reversals_of(size_t event) {
     const event_t &earlier = events()[i];
     // An event that comes before by a third one cannot be reversed alone.
     if (earlier.thread == at.thread || is_before(i, order) || !are_dependent(earlier.op, at.op)) continue;
-    // Taking a lock cannot come before the release that it waited for.
-    if (at.op.kind != OP_LOCK || earlier.op.kind != OP_UNLOCK) races[n_races++] = i;
+    // What a thread waited for cannot come after it.
+    const bool is_release = earlier.op.kind == OP_UNLOCK && earlier.op.writes;
+    const bool waited = at.op.kind == OP_AWAIT || (at.op.kind == OP_LOCK && is_release);
+    if (!waited) races[n_races++] = i;
     join(&order, orders_[i]);
   }
   order[at.thread] = static_cast<uint16_t>(event + 1);
