@@ -137,6 +137,26 @@ void explore_store(uint64_t *at, uint64_t value, int order) {
   store<uint64_t>(at, value, order, CALLER);
 }
 
+int32_t swap_lock(uint16_t *word, uint16_t expected, uint16_t desired, const void *caller) {
+  return swap(word, expected, desired, expected == 0 ? OP_LOCK : OP_UNLOCK, caller);
+}
+void explore_store16(uint16_t *at, uint16_t value, const void *caller) {
+  store(at, value, __ATOMIC_RELAXED, caller);
+}
+uint64_t exchange_zero(uint64_t *at, const void *caller) {
+  return modify(at, OP_SWAP, caller, [](uint64_t, uint64_t *fresh) {
+    *fresh = 0;
+    return true;
+  });
+}
+void await_zero(const uint16_t *at, const void *caller) {
+  const uintptr_t address = reinterpret_cast<uintptr_t>(at);
+  machine.reach({address, sizeof(*at), OP_AWAIT, false, false, caller, 1});
+  check(at, sizeof(*at), ATOMIC_READ);
+  machine.clocks.load(machine.thread(), machine.arena.offset_of(address), sizeof(*at), true);
+  machine.executed(*at, false);
+}
+
 void reach_hook(const void *data, size_t bytes, const void *caller) {
   if (machine.reach({reinterpret_cast<uintptr_t>(data), static_cast<uint32_t>(bytes), OP_HOOK, false, false, caller}))
     machine.executed(bytes, false);
@@ -149,7 +169,7 @@ void reach_hook(const void *data, size_t bytes, const void *caller) {
 extern "C" {
 
 int32_t cas16(uint16_t *word, uint16_t expected, uint16_t desired) {
-  return swap(word, expected, desired, expected == 0 ? OP_LOCK : OP_UNLOCK, CALLER);
+  return swap_lock(word, expected, desired, CALLER);
 }
 int32_t cas64(uint64_t *word, uint64_t expected, uint64_t desired) {
   return swap(word, expected, desired, OP_SWAP, CALLER);
@@ -204,6 +224,14 @@ ATOMIC(8)
 ATOMIC(16)
 ATOMIC(32)
 ATOMIC(64)
+
+// Of std::atomic; each is sequentially consistent.
+uint32_t __tsan_atomic32_fetch_add(volatile void *at, uint32_t amount, int) {
+  return add(const_cast<uint32_t *>(static_cast<volatile uint32_t *>(at)), amount, CALLER);
+}
+uint32_t __tsan_atomic32_fetch_sub(volatile void *at, uint32_t amount, int) {
+  return add(const_cast<uint32_t *>(static_cast<volatile uint32_t *>(at)), 0 - amount, CALLER);
+}
 
 // ---- The C library --------------------------------------------------------------------------------------------------
 

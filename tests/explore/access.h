@@ -20,6 +20,14 @@ void note_access(const void *at, size_t bytes, bool writes);
 uint64_t explore_load(const uint64_t *at, int order);
 void explore_store(uint64_t *at, uint64_t value, int order);
 
+// Operations of locks and condition variables (sync.cpp). `caller` is shown in reports.
+int32_t swap_lock(uint16_t *word, uint16_t expected, uint16_t desired, const void *caller);
+void explore_store16(uint16_t *at, uint16_t value, const void *caller);
+// Waits until the word is 0, in one step.
+void await_zero(const uint16_t *at, const void *caller);
+// Stores 0 and returns the value before.
+uint64_t exchange_zero(uint64_t *at, const void *caller);
+
 // A scheduling point: the redo hook was called with these bytes.
 void reach_hook(const void *data, size_t bytes, const void *caller);
 

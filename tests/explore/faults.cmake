@@ -2,11 +2,11 @@
 # own. A line that is not there exactly once stops CMake.
 #
 # explore_fault(NAME SCENARIOS PATH LINE REPLACEMENT [SOURCES ...])
-#   PATH     below utils/. For a header, SOURCES are the sources that are compiled with it; for a source it is that one.
+#   PATH     for a header, SOURCES are the sources that are compiled with it; for a source it is that one.
 #   LINE     with the line before or after it, if it is there more than once.
 
 # ---- Growth ---------------------------------------------------------------------------------------------------------
-set(path dynarr/src/dynamic_array.cpp)
+set(path utils/dynarr/src/dynamic_array.cpp)
 explore_fault(lost_table_is_kept ids_without_root ${path}
   "  free(fresh);\n  return false;"
   "  return false;")
@@ -19,13 +19,13 @@ explore_fault(entry_is_stored_without_swap "ids_at_table_end;two_lookups_of_new_
 explore_fault(entry_is_loaded_relaxed "lookup_beside_new_id;ids_without_root" ${path}
   "return __atomic_load_n(entry, __ATOMIC_ACQUIRE);"
   "return __atomic_load_n(entry, __ATOMIC_RELAXED);")
-explore_fault(id_without_atomic_addition "ids_at_block_end;ids_at_level_end" dynarr/src/dynarr_lookup.h
+explore_fault(id_without_atomic_addition "ids_at_block_end;ids_at_level_end" utils/dynarr/src/dynarr_lookup.h
   "const uint32_t id = add32(hdr, &DynArrHdr_t::n_used, 1);"
   "const uint32_t id = get32(hdr, &DynArrHdr_t::n_used); set32(hdr, &DynArrHdr_t::n_used, id + 1);"
-  SOURCES dynarr/src/dynamic_array.cpp)
+  SOURCES utils/dynarr/src/dynamic_array.cpp)
 
 # ---- Slots ----------------------------------------------------------------------------------------------------------
-set(path dynarr/src/tslb_dynarr_alloc.cpp)
+set(path utils/dynarr/src/tslb_dynarr_alloc.cpp)
 explore_fault(take_without_lock "take_beside_take;take_3;take_and_free_3;reuse_2;take_beside_activation" ${path}
   "  if (lock_use == TAKES_LOCK) lock_array(array);"
   "")
@@ -38,7 +38,7 @@ explore_fault(range_without_lock "range_is_in_one_piece;range_beside_take" ${pat
 explore_fault(reuse_unlocks_early reuse_beside_inactivation ${path}
   "  *head_ts = get32(list.bw(slot_ptr), &node_bw::ts);"
   "  unlock_array(list.array); *head_ts = get32(list.bw(slot_ptr), &node_bw::ts);")
-set(path dynarr/src/tslb_dynarr_lists.cpp)
+set(path utils/dynarr/src/tslb_dynarr_lists.cpp)
 explore_fault(status_is_not_tested_again
   "two_activations_of_one_index;two_inactivations_of_one_index;free_beside_inactivation" ${path}
   "  if ((*status = status_of(slot_ptr)) == wanted) return true;"
@@ -57,13 +57,13 @@ explore_fault(append_unlocks_early "inactivate_2;redo_inactivate_2" ${path}
 explore_fault(head_is_read_twice inactive_head_beside_activation ${path}
   "  return tslb_da_get_ptr(handle_dynarr, *head_idx);"
   "  return tslb_da_get_ptr(handle_dynarr, get32(lli_of(handle_dynarr), &DynArrLLI_t::inact_head));")
-explore_fault(status_is_loaded_relaxed make_ready_beside_neighbours dynarr/src/dynarr_layout.h
+explore_fault(status_is_loaded_relaxed make_ready_beside_neighbours utils/dynarr/src/dynarr_layout.h
   "return __atomic_load_n(shared_word(fw_of(slot_ptr), &node_fw::status), __ATOMIC_ACQUIRE);"
   "return __atomic_load_n(shared_word(fw_of(slot_ptr), &node_fw::status), __ATOMIC_RELAXED);"
-  SOURCES dynarr/src/tslb_dynarr_lists.cpp)
+  SOURCES utils/dynarr/src/tslb_dynarr_lists.cpp)
 
 # ---- Chunks ---------------------------------------------------------------------------------------------------------
-set(path dynmem/src/tslb_dynmem_chunk.cpp)
+set(path utils/dynmem/src/tslb_dynmem_chunk.cpp)
 explore_fault(reservation_without_swap "first_chunks_3;slot_end;slot_end_wide;slot_end_mixed;slot_end_4;smaller_chunk_fits" ${path}
   "  return cas64(&hdr->cur_slot_addr, *seen, *seen + tslb_stored_cursor(0, len)) != 0 ? CLAIM_WON : CLAIM_RACED;"
   "  return __atomic_store_n(&hdr->cur_slot_addr, *seen + tslb_stored_cursor(0, len), __ATOMIC_RELEASE), CLAIM_WON;")
@@ -94,16 +94,16 @@ explore_fault(ring_steps_twice "ring_wrap;ring_wrap_3;ring_completion_3;ring_mix
 explore_fault(complete_ring_takes_new_slots ring_completion_and_wrap ${path}
   "  if (is_stale || Address::steps_ring(dynmem_handle)) {"
   "  if (is_stale) {")
-explore_fault(slot_is_looked_up_before_its_memory resolve_beside_take dynarr/src/dynarr_lookup.h
+explore_fault(slot_is_looked_up_before_its_memory resolve_beside_take utils/dynarr/src/dynarr_lookup.h
   "  return id < get32(hdr, &DynArrHdr_t::n_used) ? lookup_issued(array, hdr, id, daflag, byte_off) : nullptr;"
   "  return id + 1 < get32(hdr, &DynArrHdr_t::n_used) ? lookup_issued(array, hdr, id, daflag, byte_off) : nullptr;"
-  SOURCES dynmem/src/tslb_dynmem_address.cpp)
+  SOURCES utils/dynmem/src/tslb_dynmem_address.cpp)
 
 # ---- Deletion -------------------------------------------------------------------------------------------------------
 explore_fault(no_note "late_reservation;late_reservation_deleted;late_wide_reservation;late_reservation_4" ${path}
   "  if (cslot_idx != TSLB_DA_NIL_IDX) note_if_unsettled(dynmem_handle, {cslot_idx, tslb_stored_cursor_off(seen)});"
   "")
-set(path dynmem/src/tslb_dynmem_release.cpp)
+set(path utils/dynmem/src/tslb_dynmem_release.cpp)
 explore_fault(notes_are_not_asked "late_reservation;late_reservation_swept" ${path}
   "  return !has_notes(pool) || !is_noted(pool, slot_idx);"
   "  return !has_notes(pool) || slot_idx != TSLB_DA_NIL_IDX;")
@@ -143,19 +143,44 @@ explore_fault(release_without_lock "two_sweeps;delete_beside_reuse;sweep_beside_
   "")
 
 # ---- Redo records ---------------------------------------------------------------------------------------------------
-explore_fault(tail_is_not_logged redo_two_frees dynarr/src/dynarr_lists.h
+explore_fault(tail_is_not_logged redo_two_frees utils/dynarr/src/dynarr_lists.h
   "    log_forward_node(list.array, tail);"
   ""
-  SOURCES dynarr/src/tslb_dynarr_lists.cpp)
+  SOURCES utils/dynarr/src/tslb_dynarr_lists.cpp)
 explore_fault(neighbour_is_not_logged "redo_inactivate_2;redo_activate_neighbours;redo_neighbours_mixed"
-  dynarr/src/dynarr_lists.h
+  utils/dynarr/src/dynarr_lists.h
   "  if (slot_ptr != nullptr) set32(fw_of(slot_ptr), &node_fw::next, next);\n  log_slot(list.array, idx);"
   "  if (slot_ptr != nullptr) set32(fw_of(slot_ptr), &node_fw::next, next);"
-  SOURCES dynarr/src/tslb_dynarr_lists.cpp)
-explore_fault(taken_slot_is_not_logged "redo_two_takes;redo_free_beside_take" dynarr/src/tslb_dynarr_alloc.cpp
+  SOURCES utils/dynarr/src/tslb_dynarr_lists.cpp)
+explore_fault(taken_slot_is_not_logged "redo_two_takes;redo_free_beside_take" utils/dynarr/src/tslb_dynarr_alloc.cpp
   "      redo_nodes(array, taken.idx, taken.slot_ptr);"
   "")
 # The header that a host logs at the end: growth records alone miss a slot.
-explore_fault(header_is_not_logged growth_records dynarr/src/tslb_dynarr_redo.cpp
+explore_fault(header_is_not_logged growth_records utils/dynarr/src/tslb_dynarr_redo.cpp
   "  if (redo_is_on(h_dynarr)) redo_header(h_dynarr, txn_id, rec_type);"
   "  static_cast<void>(h_dynarr), static_cast<void>(txn_id), static_cast<void>(rec_type);")
+
+# ---- Groups of the durable store ------------------------------------------------------------------------------------
+if(TSLB_BUILD_DURABLE)
+  set(path durable/gate.h)
+  set(from SOURCES tests/explore/durable_scenarios.cpp durable/chunk_room.cpp)
+  explore_fault(closed_gate_lets_in "gate_closes;tickets;tickets_3" ${path}
+    "[this] { return !is_closed_ && n_inside_ < MAX_INSIDE; }"
+    "[this] { return n_inside_ < MAX_INSIDE; }"
+    ${from})
+  explore_fault(close_does_not_wait gate_closes ${path}
+    "    emptied_.wait(lock, [this] { return n_inside_ == 0; });"
+    ""
+    ${from})
+  explore_fault(full_gate_wakes_nobody gate_is_full ${path}
+    "    if (n_inside_-- == MAX_INSIDE) opened_.notify_all();"
+    "    --n_inside_;"
+    ${from})
+  explore_fault(last_batch_wakes_nobody "gate_closes;gate_is_full_and_closes" ${path}
+    "    if (is_closed_ && n_inside_ == 0) emptied_.notify_one();"
+    ""
+    ${from})
+  explore_fault(limit_without_lock last_slot_of_a_limit durable/chunk_room.cpp
+    "  const std::lock_guard lock(mutex_);\n  while"
+    "  while")
+endif()

@@ -56,6 +56,7 @@ class searcher_t final : public scheduler_t {
   mask_t sleepers_after(const node_t &node) const;
   mask_t within_bound(const node_t &node) const;
   bool advance();
+  bool waited_at(size_t event, const event_t &loop) const;
   void plan_reversals();
   void plan_reversals_of(size_t event);
   void plan(size_t first, size_t second, const order_t &order_of_second);
@@ -164,6 +165,12 @@ void searcher_t::plan(size_t first, size_t second, const order_t &order_of_secon
                                      ((initial & bit(second_thread)) != 0 ? bit(second_thread) : bit(lowest(initial))));
 }
 
+// Whether the thread of a loop was already waiting before an event.
+bool searcher_t::waited_at(size_t event, const event_t &loop) const {
+  const op_t &next = nodes_[event].next[loop.thread];
+  return (nodes_[event].enabled & bit(loop.thread)) == 0 && next.kind == OP_AWAIT && next.at == loop.op.at;
+}
+
 void searcher_t::plan_reversals_of(size_t event) {
   const event_t &at = events()[event];
   order_t own = {};
@@ -184,7 +191,7 @@ void searcher_t::plan_reversals_of(size_t event) {
     if (earlier.thread == at.thread || is_before(i, order) || !are_dependent(earlier.op, at.op)) continue;
     // What a thread waited for cannot come after it.
     const bool is_release = earlier.op.kind == OP_UNLOCK && earlier.op.writes;
-    const bool waited = at.op.kind == OP_AWAIT || (at.op.kind == OP_LOCK && is_release);
+    const bool waited = at.op.kind == OP_AWAIT ? waited_at(i, at) : at.op.kind == OP_LOCK && is_release;
     if (!waited) races[n_races++] = i;
     join(&order, orders_[i]);
   }
