@@ -228,6 +228,27 @@ const scenario_t SCENARIOS[] = {
        expect_sums(3, 128);
        finish();
      }},
+    {"two_late_reservations", "late reservations in two slots, which are left one after the other", 4,
+     [] { pool_of_chunks(1); },
+     [](int t) {
+       if (t == 0) del(0);
+       if (t == 1) take(1, 32), del(4 + 1);
+       if (t == 2) take(2, 48);
+       if (t == 3) take(3, 64);
+     },
+     [] { finish(); }, 1},
+    {"sweeps_delete_take", "two sweeps, the deletion that empties a slot, and a chunk that needs one", 4,
+     [] {
+       pool_of_chunks(2);
+       scene.chunk[2] = take_chunk(64);
+       del(0);
+     },
+     [](int t) {
+       if (t == 0) del(1);
+       if (t == 1) take(1, 64);
+       if (t >= 2) sweep();
+     },
+     [] { finish(); }, 1},
     {"two_owners_delete", "two owners read their chunks and delete them; one of them takes a new chunk", 2,
      [] {
        pool_of_chunks(2);
@@ -254,6 +275,17 @@ const scenario_t SCENARIOS[] = {
        take(1, 64);
      },
      [] { finish(); }},
+    {"ring_with_lists_wraps", "a ring with lists is completed and starts again, while a chunk is deleted", 3,
+     [] {
+       make_pool(4, 64, {MPOOL_FLAG_COMPAT, TSLB_DA_DAFLAG_LL, MPOOL_FLAG_BV, 0, MPOOL_TYPE_DRAM_TMP});
+       for (int i = 0; i < 253; ++i) take_chunk(64);
+       scene.chunk[0] = {5, 0};
+     },
+     [](int t) { t == 0 ? del(0) : take(t, 64); },
+     [] {
+       EXPECT_THAT_AT_END(n_used() < TSLB_RING_SLOTS || n_free() == 0);
+       audit_pool();
+     }},
     {"ring_keeps_slots", "chunks are deleted while a ring with lists becomes complete: no slot is released", 2,
      [] {
        make_pool(4, 64, {MPOOL_FLAG_COMPAT, TSLB_DA_DAFLAG_LL, MPOOL_FLAG_BV, 0, MPOOL_TYPE_DRAM_TMP});

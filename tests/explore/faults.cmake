@@ -32,7 +32,7 @@ explore_fault(take_without_lock "take_beside_take;take_3;take_and_free_3;reuse_2
 explore_fault(old_record_without_lock last_value_beside_free ${path}
   "    lock_array(handle_dynarr);\n    const bool may_reuse"
   "    const bool may_reuse")
-explore_fault(range_without_lock "range_is_in_one_piece;range_beside_take" ${path}
+explore_fault(range_without_lock "range_is_in_one_piece;range_beside_take;range_beside_reuse" ${path}
   "  lock_array(handle_dynarr);\n  for (uint32_t i = 0; i < num_entries"
   "  for (uint32_t i = 0; i < num_entries")
 explore_fault(reuse_unlocks_early reuse_beside_inactivation ${path}
@@ -40,7 +40,7 @@ explore_fault(reuse_unlocks_early reuse_beside_inactivation ${path}
   "  unlock_array(list.array); *head_ts = get32(list.bw(slot_ptr), &node_bw::ts);")
 set(path utils/dynarr/src/tslb_dynarr_lists.cpp)
 explore_fault(status_is_not_tested_again
-  "two_activations_of_one_index;two_inactivations_of_one_index;free_beside_inactivation" ${path}
+  "two_activations_of_one_index;two_inactivations_of_one_index;free_beside_inactivation;free_beside_activation" ${path}
   "  if ((*status = status_of(slot_ptr)) == wanted) return true;"
   "  return true;")
 explore_fault(free_without_lock
@@ -100,7 +100,7 @@ explore_fault(slot_is_looked_up_before_its_memory resolve_beside_take utils/dyna
   SOURCES utils/dynmem/src/tslb_dynmem_address.cpp)
 
 # ---- Deletion -------------------------------------------------------------------------------------------------------
-explore_fault(no_note "late_reservation;late_reservation_deleted;late_wide_reservation;late_reservation_4" ${path}
+explore_fault(no_note "late_reservation;late_reservation_deleted;late_wide_reservation;late_reservation_4;two_late_reservations" ${path}
   "  if (cslot_idx != TSLB_DA_NIL_IDX) note_if_unsettled(dynmem_handle, {cslot_idx, tslb_stored_cursor_off(seen)});"
   "")
 set(path utils/dynmem/src/tslb_dynmem_release.cpp)
@@ -123,7 +123,7 @@ explore_fault(current_slot_is_released
 explore_fault(cursor_is_not_tested_again "release_after_second_use;delete_sweep_reuse" ${path}
   "      !is_complete_ring(pool) && !is_current(pool, slot_idx) &&"
   "      !is_complete_ring(pool) &&")
-explore_fault(slot_of_a_ring_is_released ring_keeps_slots ${path}
+explore_fault(slot_of_a_ring_is_released "ring_keeps_slots;ring_with_lists_wraps" ${path}
   "      !is_complete_ring(pool) && !is_current(pool, slot_idx) &&"
   "      !is_current(pool, slot_idx) &&")
 explore_fault(deletion_without_atomic_addition "delete_2;two_owners_delete" ${path}
@@ -138,7 +138,7 @@ explore_fault(counters_are_read_once sweep_beside_second_use ${path}
 explore_fault(gatekeeper_word_is_counted sweep_beside_take ${path}
   "  if (counts.bytes_used == TSLB_GATEKEEPER_WORD) return;"
   "")
-explore_fault(release_without_lock "two_sweeps;delete_beside_reuse;sweep_beside_reuse" ${path}
+explore_fault(release_without_lock "two_sweeps;delete_beside_reuse;sweep_beside_reuse;sweeps_delete_take" ${path}
   "  lock_array(pool);\n"
   "")
 
@@ -152,7 +152,7 @@ explore_fault(neighbour_is_not_logged "redo_inactivate_2;redo_activate_neighbour
   "  if (slot_ptr != nullptr) set32(fw_of(slot_ptr), &node_fw::next, next);\n  log_slot(list.array, idx);"
   "  if (slot_ptr != nullptr) set32(fw_of(slot_ptr), &node_fw::next, next);"
   SOURCES utils/dynarr/src/tslb_dynarr_lists.cpp)
-explore_fault(taken_slot_is_not_logged "redo_two_takes;redo_free_beside_take" utils/dynarr/src/tslb_dynarr_alloc.cpp
+explore_fault(taken_slot_is_not_logged "redo_two_takes;redo_free_beside_take;redo_pool;redo_3" utils/dynarr/src/tslb_dynarr_alloc.cpp
   "      redo_nodes(array, taken.idx, taken.slot_ptr);"
   "")
 # The header that a host logs at the end: growth records alone miss a slot.

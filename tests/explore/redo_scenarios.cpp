@@ -74,6 +74,34 @@ void finish_growth() {
 const scenario_t SCENARIOS[] = {
     {"growth_records", "two threads make a pool without nodes grow; the header is logged at the end", 2, growing_pools,
      [](int) { take_chunk(64); }, finish_growth},
+    {"redo_pool", "a slot of a pool is released and one is taken: the replica's lists", 3,
+     [] {
+       for (dynarr_t **pool : {&scene.replica, &scene.array}) {
+         monitor = {};
+         *pool = scene.array =
+             tslb_init_dynmem_ex1(64, 4, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM, 0, "redo", 1, TSLB_DA_DAFLAG_LL, 0, 1, 0);
+         for (int i = 0; i < 2; ++i) scene.chunk[i] = take_chunk(64);
+       }
+       switch_log(true);
+     },
+     [](int t) { t == 0 ? delete_chunk(scene.chunk[0]) : static_cast<void>(take_chunk(64)); },
+     [] {
+       tslb_redo_log_da_hdr(scene.array, 0, 0, TSLB_REDO_SLOT);
+       if (!apply_log()) return;
+       EXPECT_THAT_AT_END(tslb_da_get_size(scene.replica) == n_used());
+       EXPECT_THAT_AT_END(memcmp(scene.replica->arr_base, scene.array->arr_base, 8 + 56 + 60) == 0);
+       for (uint32_t idx = 0; idx < n_used(); ++idx)
+         EXPECT_THAT_AT_END(memcmp(start_of(scene.array, idx), start_of(scene.replica, idx), 8) == 0);
+       audit_pool();
+     },
+     2},
+    {"redo_3", "a slot is freed, one is taken and one is inactivated", 3, [] { array_with(3, {0}, {}); },
+     [](int t) {
+       if (t == 0) take(0);
+       if (t == 1) tslb_da_free_idx(scene.array, 1);
+       if (t == 2) tslb_da_inactivate_idx(scene.array, 2, 200);
+     },
+     finish},
     {"redo_two_frees", "two slots are freed: the replica's free list", 2, [] { array_with(2, {}, {}); },
      [](int t) { tslb_da_free_idx(scene.array, static_cast<uint32_t>(t)); }, finish},
     {"redo_two_takes", "two slots are taken, one of them from the free list", 2, [] { array_with(2, {1}, {}); }, take,

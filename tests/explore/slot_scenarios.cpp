@@ -149,6 +149,30 @@ const scenario_t SCENARIOS[] = {
        EXPECT_THAT_AT_END(scene.result[0] == 0);
        finish(2, 1, 1);
      }},
+    {"free_beside_activation", "one inactive slot is freed and activated: it ends on the free list", 2,
+     [] {
+       array_with(2, {}, {0, 1});
+     },
+     [](int thread) { thread == 0 ? release(0, 1) : activate(1, 1); },
+     [] {
+       EXPECT_THAT_AT_END(scene.result[0] == 0);
+       finish(2, 1, 1);
+     }},
+    {"range_beside_reuse", "a range takes inactive slots by policy, while one of them is activated and one is added", 3,
+     [] {
+       array_with(3, {}, {0, 1});
+       reuse_always();
+     },
+     [](int thread) {
+       if (thread == 0) scene.idx[0] = tslb_da_get_range(scene.array, 2);
+       if (thread == 1) activate(1, 1);
+       if (thread == 2) take(2);
+     },
+     [] {
+       EXPECT_THAT_AT_END(scene.idx[0] != scene.idx[2] && scene.result[2] == 1);
+       EXPECT_THAT_AT_END(n_inactive() == 0 && n_free() == 0);
+       audit_array();
+     }},
     {"take_beside_activation", "the head of the inactive list is reused by policy, or activated", 2,
      [] {
        array_with(2, {}, {0, 1});
