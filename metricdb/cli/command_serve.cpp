@@ -4,12 +4,15 @@
 #include <sys/resource.h>
 
 #include <algorithm>
+#include <chrono>
 #include <stdexcept>
 
 #include "cli/commands.h"
 #include "cli/output.h"
 #include "cli/write_options.h"
 #include "net/server.h"
+#include "query/influxql.h"
+#include "query/store_source.h"
 #include "store/database_writer.h"
 #include "store/log.h"
 
@@ -69,17 +72,38 @@ std::string counters_line(const ServerCounters &counters) {
       counters.refused);
 }
 
+int64_t now_ns() {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
+}
+
+// Reads the arrays while the server's thread feeds them.
+QueryAnswer answer_query(const DatabaseWriter &writer, const QueryRequest &request) {
+  const InfluxqlRequest query = {request.text,   request.epoch,      request.is_pretty, request.is_chunked,
+                                 request.is_csv, request.chunk_rows, now_ns()};
+  InfluxqlAnswer answer;
+  writer.read([&](const Store &store) { answer = answer_influxql(StoreSource(store), query, request.databases); });
+  return {answer.is_bad_request ? HTTP_STATUS_BAD_REQUEST : HTTP_STATUS_OK, answer.content_type, answer.body};
+}
+
+WriterOptions live_options(const WriteArguments &arguments) {
+  WriterOptions options = writer_options_of(arguments);
+  options.is_live = true;
+  return options;
+}
+
 }  // namespace
 
 int serve(const ServeArguments &arguments) {
   if (!arguments.influx_port && !arguments.graphite_port)
     throw std::runtime_error("nothing to serve: use --influx, --graphite or both");
-  DatabaseWriter writer(arguments.write.db, writer_options_of(arguments.write));
+  DatabaseWriter writer(arguments.write.db, live_options(arguments.write));
   report_warnings(writer.warnings());
   ServerOptions options;
   options.address = arguments.address;
   options.influx_port = arguments.influx_port;
   options.graphite_port = arguments.graphite_port;
+  options.query = [&writer](const QueryRequest &request) { return answer_query(writer, request); };
   options.max_connections = connection_limit(options.max_connections);
   Server server(options, writer);
   const StopOnSignal stop(server);

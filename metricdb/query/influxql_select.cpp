@@ -1,0 +1,218 @@
+#include "query/influxql_select.h"
+
+#include <fmt/format.h>
+
+#include <cmath>
+#include <map>
+#include <set>
+#include <tuple>
+
+#include "query/influxql_show.h"
+
+namespace metricdb::influxql {
+namespace {
+
+using Names = std::set<std::string>;
+
+// The field, if all series of the statement have it.
+std::optional<std::string> only_field_of(const SelectStatement &select) {
+  if (select.fields.size() != 1) return std::nullopt;
+  const Expression *part = &select.fields[0].expression;
+  while (part->kind == Expression::Kind::call) part = part->args.data();
+  if (part->kind != Expression::Kind::reference || part->reference_kind == ReferenceKind::tag) return std::nullopt;
+  return part->name;
+}
+
+SeriesByMeasurement series_of(const Environment &environment, const SelectStatement &select) {
+  SeriesByMeasurement found;
+  for_each_matching(environment, select.sources, select.condition, only_field_of(select),
+                    [&](uint32_t series, const SeriesName &name) {
+                      found[name.measurement].push_back({series, name});
+                    });
+  return found;
+}
+
+Names tags_of(const std::vector<FoundSeries> &series) {
+  Names names;
+  for (const FoundSeries &one : series)
+    for (const auto &[tag, value] : one.name.tags) names.insert(tag);
+  return names;
+}
+
+Names fields_of(const std::vector<FoundSeries> &series) {
+  Names names;
+  for (const FoundSeries &one : series) names.insert(one.name.field);
+  return names;
+}
+
+bool is_admitted(const Dimension &dimension, const std::string &tag) {
+  if (dimension.kind == Dimension::Kind::tag) return dimension.tag == tag;
+  return dimension.kind == Dimension::Kind::wildcard || dimension.pattern->matches(tag);
+}
+
+Names dimensions_of(const SelectStatement &select, const Names &tags) {
+  Names dimensions;
+  for (const Dimension &dimension : select.dimensions) {
+    if (dimension.kind == Dimension::Kind::tag) dimensions.insert(dimension.tag);
+    for (const std::string &tag : tags)
+      if (is_admitted(dimension, tag)) dimensions.insert(tag);
+  }
+  return dimensions;
+}
+
+// Wildcards expand to names of all measurements, so that all result series have the same columns. Tags that are
+// dimensions are not columns.
+Columns columns_of_all(const SelectStatement &select, const SeriesByMeasurement &found) {
+  Names fields;
+  Names tags;
+  for (const auto &[measurement, series] : found) {
+    fields.merge(fields_of(series));
+    tags.merge(tags_of(series));
+  }
+  for (const std::string &dimension : dimensions_of(select, tags)) tags.erase(dimension);
+  return columns_of(select, fields, tags);
+}
+
+// A name without a kind is that of a field if the measurement has one.
+void resolve_references(Columns &columns, const std::vector<FoundSeries> &series) {
+  const Names fields = fields_of(series);
+  for (Leaf &leaf : columns.leaves)
+    if (leaf.reference_kind == ReferenceKind::any)
+      leaf.reference_kind =
+          leaf.aggregate || leaf.derivative || fields.count(leaf.name) != 0 ? ReferenceKind::field : ReferenceKind::tag;
+}
+
+bool is_read(const Columns &columns, const FoundSeries &series) {
+  return std::any_of(columns.leaves.begin(), columns.leaves.end(), [&](const Leaf &leaf) {
+    return leaf.reference_kind == ReferenceKind::field && leaf.name == series.name.field;
+  });
+}
+
+std::vector<Group> groups_of(const SelectStatement &select, const Columns &columns,
+                             const std::vector<FoundSeries> &series) {
+  const Names dimensions = dimensions_of(select, tags_of(series));
+  std::map<std::vector<std::string>, Group> groups;
+  for (const FoundSeries &one : series) {
+    if (!is_read(columns, one)) continue;
+    std::vector<std::string> values;
+    for (const std::string &dimension : dimensions) values.push_back(tag_value_of(one.name, dimension));
+    groups[std::move(values)].members.push_back(&one);
+  }
+  std::vector<Group> sorted;
+  for (auto &[values, group] : groups) {
+    auto value = values.begin();
+    for (const std::string &dimension : dimensions) group.tags.emplace_back(dimension, *value++);
+    std::sort(group.members.begin(), group.members.end(), [](const FoundSeries *a, const FoundSeries *b) {
+      return std::tie(a->name.tags, a->name.field) < std::tie(b->name.tags, b->name.field);
+    });
+    sorted.push_back(std::move(group));
+  }
+  return sorted;
+}
+
+template <class T>
+void cut_page(std::vector<T> &all, const Page &page, size_t n_of_one = 1) {
+  const size_t n = all.size() / n_of_one;
+  const size_t begin = std::min<uint64_t>(page.offset, n);
+  const size_t end = page.limit == 0 ? n : begin + std::min<uint64_t>(page.limit, n - begin);
+  all.erase(all.begin() + static_cast<ptrdiff_t>(end * n_of_one), all.end());
+  all.erase(all.begin(), all.begin() + static_cast<ptrdiff_t>(begin * n_of_one));
+}
+
+void reverse_rows(ResultSeries &result) {
+  const size_t n_cells = result.n_cells_of_row();
+  std::reverse(result.times_ns.begin(), result.times_ns.end());
+  std::reverse(result.cells.begin(), result.cells.end());
+  for (auto row = result.cells.begin(); row != result.cells.end(); row += static_cast<ptrdiff_t>(n_cells))
+    std::reverse(row, row + static_cast<ptrdiff_t>(n_cells));
+}
+
+ResultSeries result_of_group(const Selection &selection, const Group &group) {
+  const SelectStatement &select = selection.select;
+  ResultSeries result;
+  result.name = group.members[0]->name.measurement;
+  result.tags = group.tags;
+  result.has_times = true;
+  result.columns.push_back(select.time_name);
+  for (const Column &column : selection.columns.columns) result.columns.push_back(column.name);
+  const Leaf &leaf = selection.columns.leaves[0];
+  if (leaf.aggregate)
+    select_windows(selection, group, result);
+  else if (leaf.derivative)
+    select_derivatives(selection, group, result);
+  else
+    select_rows(selection, group, result);
+  if (select.is_descending) reverse_rows(result);
+  cut_page(result.times_ns, select.rows);
+  cut_page(result.cells, select.rows, result.n_cells_of_row());
+  return result;
+}
+
+// Without an end, windows go to the present, as those of InfluxDB do. Without a beginning too, they have all points.
+void set_range(const Environment &environment, Selection &selection) {
+  const TimeRange &range = selection.select.range;
+  selection.from_ns = range.from_ns.value_or(INT64_MIN);
+  const bool is_to_present = selection.select.every_ns != 0 && range.from_ns && !range.to_ns;
+  selection.to_ns = is_to_present ? environment.now_ns : range.to_ns.value_or(INT64_MAX);
+}
+
+}  // namespace
+
+std::vector<ResultSeries> execute_select(const Environment &environment, const SelectStatement &select) {
+  const SeriesByMeasurement found = series_of(environment, select);
+  const Columns columns = columns_of_all(select, found);
+  std::vector<ResultSeries> results;
+  size_t n_cells = 0;
+  for (const auto &[measurement, series] : found) {
+    Selection selection{environment, select, columns};
+    set_range(environment, selection);
+    if (select.range.is_empty || selection.from_ns > selection.to_ns || columns.leaves.empty()) continue;
+    resolve_references(selection.columns, series);
+    std::vector<Group> groups = groups_of(select, selection.columns, series);
+    cut_page(groups, select.series);
+    for (const Group &group : groups) {
+      ResultSeries result = result_of_group(selection, group);
+      if (result.times_ns.empty()) continue;
+      n_cells += result.cells.size();
+      if (n_cells > environment.limits.n_cells)
+        throw ExecutionFailed(fmt::format("more than {} values in the result", environment.limits.n_cells));
+      results.push_back(std::move(result));
+    }
+  }
+  return results;
+}
+
+void read_points(const Environment &environment, const FoundSeries &series, int64_t from_ns, int64_t to_ns,
+                 std::vector<Point> &points) {
+  points.clear();
+  environment.source.read(series.series, from_ns, to_ns, points);
+  size_t n = 0;
+  for (const Point &point : points) {
+    if (std::isnan(point.value)) continue;
+    if (n != 0 && points[n - 1].ts_ns == point.ts_ns) --n;
+    points[n++] = point;
+  }
+  points.resize(n);
+}
+
+std::vector<Point> derivative_of(std::span<const Point> points, Function function, int64_t unit_ns) {
+  std::vector<Point> rates;
+  for (size_t i = 1, previous = 0; i < points.size(); ++i) {
+    if (points[i].ts_ns == points[previous].ts_ns) continue;
+    // Times in order can differ by more than the signed type holds.
+    const uint64_t elapsed_ns = static_cast<uint64_t>(points[i].ts_ns) - static_cast<uint64_t>(points[previous].ts_ns);
+    const double difference = points[i].value - points[previous].value;
+    previous = i;
+    if (function == Function::non_negative_derivative && difference < 0.0) continue;
+    rates.push_back({points[i].ts_ns, difference / (static_cast<double>(elapsed_ns) / static_cast<double>(unit_ns))});
+  }
+  return rates;
+}
+
+std::vector<ResultSeries> execute(const Environment &environment, const Statement &statement) {
+  if (const auto *const select = std::get_if<SelectStatement>(&statement)) return execute_select(environment, *select);
+  if (const auto *const show = std::get_if<ShowStatement>(&statement)) return execute_show(environment, *show);
+  return {};  // databases are not created here
+}
+
+}  // namespace metricdb::influxql

@@ -1,0 +1,73 @@
+// Answers SELECT statements.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <limits>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "query/influxql_columns.h"
+#include "query/influxql_execute.h"
+#include "query/influxql_series.h"
+
+namespace metricdb::influxql {
+
+// Throws ExecutionFailed.
+std::vector<ResultSeries> execute_select(const Environment &environment, const SelectStatement &select);
+
+// What the parts of an execution share. All series are of one measurement.
+struct Selection {
+  const Environment &environment;
+  const SelectStatement &select;
+  Columns columns;
+  int64_t from_ns = INT64_MIN;
+  int64_t to_ns = INT64_MAX;
+};
+
+// The series of one result series, sorted by tags and field.
+struct Group {
+  std::vector<std::pair<std::string, std::string>> tags;
+  std::vector<const FoundSeries *> members;
+};
+
+// Sets the points of a series in a range of time: one for each time, and with a number. The last one to arrive at a time
+// is used.
+void read_points(const Environment &environment, const FoundSeries &series, int64_t from_ns, int64_t to_ns,
+                 std::vector<Point> &points);
+
+// Calls row(ts_ns, values) for each time at which one of the lists has a point, in order. A missing value is NaN. The
+// times of each list are ascending and different.
+template <class Row>
+void merge_by_time(std::span<const std::vector<Point>> lists, Row row) {
+  std::vector<size_t> next(lists.size());
+  std::vector<double> values(lists.size());
+  while (true) {
+    bool is_end = true;
+    int64_t ts_ns = INT64_MAX;
+    for (size_t i = 0; i < lists.size(); ++i) {
+      if (next[i] == lists[i].size()) continue;
+      is_end = false;
+      ts_ns = std::min(ts_ns, lists[i][next[i]].ts_ns);
+    }
+    if (is_end) return;
+    for (size_t i = 0; i < lists.size(); ++i) {
+      const bool has_point = next[i] < lists[i].size() && lists[i][next[i]].ts_ns == ts_ns;
+      values[i] = has_point ? lists[i][next[i]++].value : std::numeric_limits<double>::quiet_NaN();
+    }
+    row(ts_ns, std::span<const double>(values));
+  }
+}
+
+// Append the rows of a group, in order of time.
+void select_rows(const Selection &selection, const Group &group, ResultSeries &result);  // influxql_select_rows.cpp
+void select_derivatives(const Selection &selection, const Group &group, ResultSeries &result);  // the same
+void select_windows(const Selection &selection, const Group &group,
+                    ResultSeries &result);  // influxql_select_windows.cpp
+
+// The rate of change of points in order of time, for each pair of following ones.
+std::vector<Point> derivative_of(std::span<const Point> points, Function function, int64_t unit_ns);
+
+}  // namespace metricdb::influxql

@@ -1,0 +1,156 @@
+// SELECT of points: rows of fields with the same time and tags, and derivatives of fields.
+#include <fmt/format.h>
+
+#include <numeric>
+#include <optional>
+
+#include "query/influxql_select.h"
+
+namespace metricdb::influxql {
+namespace {
+
+constexpr int64_t DERIVATIVE_UNIT_NS = 1'000'000'000;
+
+void check_cells(const Selection &selection, const ResultSeries &result) {
+  const size_t n_max = selection.environment.limits.n_cells;
+  if (result.cells.size() > n_max) throw ExecutionFailed(fmt::format("more than {} values in the result", n_max));
+}
+
+// Reads the points of series with the same tags, and appends their rows.
+class RowSelector {
+ public:
+  RowSelector(const Selection &selection, ResultSeries &result)
+      : selection_(selection), result_(result), lists_(selection.columns.leaves.size()) {}
+
+  void add(std::span<const FoundSeries *const> members) {
+    std::vector<Point> points;
+    for (auto &list : lists_) list.clear();
+    for (const FoundSeries *const member : members) {
+      read_points(selection_.environment, *member, selection_.from_ns, selection_.to_ns, points);
+      for (size_t i = 0; i < lists_.size(); ++i) {
+        const Leaf &leaf = selection_.columns.leaves[i];
+        if (leaf.reference_kind == ReferenceKind::field && leaf.name == member->name.field) lists_[i] = points;
+      }
+    }
+    set_texts(*members[0]);
+    const size_t n_before = result_.times_ns.size();
+    merge_by_time(lists_, [&](int64_t ts_ns, std::span<const double> values) { add_row(n_before, ts_ns, values); });
+    cut_front(n_before);
+  }
+
+ private:
+  // Tags have the same texts in all rows of a call.
+  void set_texts(const FoundSeries &series) {
+    texts_.assign(lists_.size(), std::nullopt);
+    for (const Column &column : selection_.columns.columns) {
+      const std::optional<size_t> i = column.only_leaf();
+      if (!i || selection_.columns.leaves[*i].reference_kind != ReferenceKind::tag) continue;
+      const std::string &value = tag_value_of(series.name, selection_.columns.leaves[*i].name);
+      if (value.empty()) continue;
+      texts_[*i] = static_cast<uint32_t>(result_.texts.size());
+      result_.texts.push_back(value);
+    }
+  }
+
+  // Rows that the page has in any order of the groups.
+  uint64_t n_rows_max() const {
+    const Page &page = selection_.select.rows;
+    uint64_t n_max;
+    return page.limit == 0 || __builtin_add_overflow(page.limit, page.offset, &n_max) ? UINT64_MAX : n_max;
+  }
+
+  void add_row(size_t n_before, int64_t ts_ns, std::span<const double> values) {
+    if (!selection_.select.is_descending && result_.times_ns.size() - n_before >= n_rows_max()) return;
+    result_.times_ns.push_back(ts_ns);
+    for (const Column &column : selection_.columns.columns) {
+      const std::optional<size_t> i = column.only_leaf();
+      if (i && texts_[*i])
+        result_.cells.push_back({Cell::Kind::text, *texts_[*i], 0.0});
+      else
+        result_.cells.push_back(cell_of(calculator_.value(column, values)));
+    }
+    check_cells(selection_, result_);
+  }
+
+  // In descending order the page has the last rows.
+  void cut_front(size_t n_before) {
+    const size_t n_added = result_.times_ns.size() - n_before;
+    if (n_added <= n_rows_max()) return;
+    const size_t n_cut = n_added - n_rows_max();
+    const auto cells_of = [&](size_t n_rows) { return static_cast<ptrdiff_t>(n_rows * result_.n_cells_of_row()); };
+    const auto time = result_.times_ns.begin() + static_cast<ptrdiff_t>(n_before);
+    result_.times_ns.erase(time, time + static_cast<ptrdiff_t>(n_cut));
+    const auto cell = result_.cells.begin() + cells_of(n_before);
+    result_.cells.erase(cell, cell + cells_of(n_cut));
+  }
+
+  const Selection &selection_;
+  ResultSeries &result_;
+  std::vector<std::vector<Point>> lists_;  // by leaf
+  std::vector<std::optional<uint32_t>> texts_;
+  Calculator calculator_;
+};
+
+// Rows with the same time stay in order of their tags.
+void sort_by_time(ResultSeries &result) {
+  if (std::is_sorted(result.times_ns.begin(), result.times_ns.end())) return;
+  std::vector<size_t> order(result.times_ns.size());
+  std::iota(order.begin(), order.end(), size_t{0});
+  std::stable_sort(order.begin(), order.end(),
+                   [&](size_t a, size_t b) { return result.times_ns[a] < result.times_ns[b]; });
+  const size_t n_cells = result.n_cells_of_row();
+  std::vector<int64_t> times_ns;
+  std::vector<Cell> cells;
+  times_ns.reserve(order.size());
+  cells.reserve(result.cells.size());
+  for (const size_t row : order) {
+    times_ns.push_back(result.times_ns[row]);
+    const auto begin = result.cells.begin() + static_cast<ptrdiff_t>(row * n_cells);
+    cells.insert(cells.end(), begin, begin + static_cast<ptrdiff_t>(n_cells));
+  }
+  result.times_ns = std::move(times_ns);
+  result.cells = std::move(cells);
+}
+
+// The points of all series of the field, in order of time.
+std::vector<Point> points_of_field(const Selection &selection, const Group &group, const std::string &field) {
+  std::vector<Point> all;
+  std::vector<Point> points;
+  for (const FoundSeries *const member : group.members) {
+    if (member->name.field != field) continue;
+    read_points(selection.environment, *member, selection.from_ns, selection.to_ns, points);
+    all.insert(all.end(), points.begin(), points.end());
+    if (all.size() > selection.environment.limits.n_points)
+      throw ExecutionFailed(fmt::format("more than {} points for a derivative", selection.environment.limits.n_points));
+  }
+  std::stable_sort(all.begin(), all.end(), [](const Point &a, const Point &b) { return a.ts_ns < b.ts_ns; });
+  return all;
+}
+
+}  // namespace
+
+void select_rows(const Selection &selection, const Group &group, ResultSeries &result) {
+  RowSelector selector(selection, result);
+  const std::span<const FoundSeries *const> all(group.members);
+  for (size_t begin = 0, end = 0; begin < all.size(); begin = end) {
+    while (end < all.size() && all[end]->name.tags == all[begin]->name.tags) ++end;
+    selector.add(all.subspan(begin, end - begin));
+  }
+  sort_by_time(result);
+}
+
+void select_derivatives(const Selection &selection, const Group &group, ResultSeries &result) {
+  std::vector<std::vector<Point>> lists;
+  for (const Leaf &leaf : selection.columns.leaves)
+    lists.push_back(derivative_of(points_of_field(selection, group, leaf.name), *leaf.derivative,
+                                  leaf.unit_ns.value_or(DERIVATIVE_UNIT_NS)));
+  Calculator calculator;
+  merge_by_time(lists, [&](int64_t ts_ns, std::span<const double> values) {
+    result.times_ns.push_back(ts_ns);
+    for (const Column &column : selection.columns.columns)
+      result.cells.push_back(cell_of(calculator.value(column, values)));
+    check_cells(selection, result);
+  });
+}
+
+}  // namespace metricdb::influxql

@@ -1,0 +1,66 @@
+// Aggregates of points in consecutive windows of time.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "codec/point.h"
+#include "query/influxql_ast.h"
+
+namespace metricdb::influxql {
+
+// Windows are numbered; one begins at offset_ns after 1970.
+class WindowGrid {
+ public:
+  // every_ns  length of a window; 0: one window of all times
+  WindowGrid(int64_t every_ns, int64_t offset_ns) : every_ns_(every_ns), offset_ns_(offset_ns) {}
+
+  int64_t number_of(int64_t ts_ns) const;
+  // The minimum time for the first window that contains representable times.
+  int64_t begin_of(int64_t number) const;
+  // The number of points at the front that are in the window of the first one.
+  size_t length_of_run(std::span<const Point> points) const;
+
+ private:
+  int64_t every_ns_;
+  int64_t offset_ns_;
+};
+
+// One aggregate function in each window.
+class Aggregation {
+ public:
+  Aggregation(Function function, double percent) : function_(function), percent_(percent) {}
+
+  // Adds empty windows before and after the others.
+  void extend(size_t n_before, size_t n_after);
+
+  // Adds points, in order of time, to a window. Points of several series follow each other in any order. Values are
+  // numbers.
+  void add(size_t window, std::span<const Point> points);
+
+  // The result of a window, and the time of the point that it is, if the function selects one. None if there is no
+  // result. Reorders the points that a percentile keeps.
+  std::optional<Point> result(size_t window);
+
+  bool keeps_points() const { return function_ == Function::percentile; }
+  Function function() const { return function_; }
+
+ private:
+  struct Cell {
+    uint64_t n = 0;
+    double a = 0.0;  // sum, mean, selected value, or minimum
+    double b = 0.0;  // sum of squared distances, or maximum
+    int64_t ts_ns = 0;
+  };
+
+  std::optional<Point> percentile_of(std::vector<Point> &points) const;
+
+  Function function_;
+  double percent_;
+  std::vector<Cell> cells_;
+  std::vector<std::vector<Point>> kept_;  // of a percentile
+};
+
+}  // namespace metricdb::influxql

@@ -1,0 +1,53 @@
+// Series in memory, as a source of queries.
+#ifndef INFLUXQL_SUPPORT_H
+#define INFLUXQL_SUPPORT_H
+
+#include <algorithm>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "query/series_source.h"
+
+namespace metricdb {
+
+class MemorySource : public SeriesSource {
+ public:
+  void add(const std::string &measurement, std::vector<std::pair<std::string, std::string>> tags,
+           const std::string &field, std::vector<Point> points) {
+    series_.push_back({{measurement, std::move(tags), field}, std::move(points)});
+  }
+
+  void for_each_series(const SeriesFilter &filter, const Visit &visit) const override {
+    for (uint32_t i = 0; i < series_.size(); ++i) {
+      if (!is_admitted(filter, series_[i].first)) continue;
+      ++n_visited;
+      visit(i, series_[i].first);
+    }
+  }
+
+  void read(uint32_t series, int64_t from_ns, int64_t to_ns, std::vector<Point> &points) const override {
+    points.clear();
+    for (const Point &point : series_[series].second)
+      if (point.ts_ns >= from_ns && point.ts_ns <= to_ns) points.push_back(point);
+    n_read += points.size();
+  }
+
+  mutable size_t n_visited = 0;
+  mutable size_t n_read = 0;
+
+ private:
+  static bool is_admitted(const SeriesFilter &filter, const SeriesName &name) {
+    return (!filter.measurement || *filter.measurement == name.measurement) &&
+           (!filter.field || *filter.field == name.field) &&
+           std::all_of(filter.tags.begin(), filter.tags.end(), [&](const auto &tag) {
+             return std::find(name.tags.begin(), name.tags.end(), tag) != name.tags.end();
+           });
+  }
+
+  std::vector<std::pair<SeriesName, std::vector<Point>>> series_;
+};
+
+}  // namespace metricdb
+
+#endif
