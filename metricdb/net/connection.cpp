@@ -96,7 +96,7 @@ void Connection::process() {
   // The limits left bytes that may be complete requests.
   is_deferred_ = !input_.empty() && !is_input_over_ && !is_within_limits();
   if (is_closing_) discard();
-  send_settled(0, {});
+  send_answers();
 }
 
 void Connection::receive() {
@@ -146,7 +146,17 @@ void Connection::committed(uint64_t ticket) {
 }
 
 void Connection::settled(uint64_t ticket, const Refusals &refusals) {
-  send_settled(ticket, refusals);
+  for (PendingAnswer &answer : pending_) {
+    if (answer.ticket == 0 || answer.ticket > ticket) continue;
+    const auto refusal = std::find_if(refusals.begin(), refusals.end(),
+                                      [&](const auto &candidate) { return candidate.first == answer.ticket; });
+    if (refusal != refusals.end()) {
+      hub_.refused.add(1);
+      refuse(answer, refusal->second);
+    }
+    answer.ticket = 0;
+  }
+  send_answers();
 }
 
 void Connection::answered(uint64_t query, const QueryAnswer &answer) {
@@ -155,21 +165,14 @@ void Connection::answered(uint64_t query, const QueryAnswer &answer) {
     pending.text = text_of(query, answer);
     pending.ticket = pending.query = 0;
   }
-  send_settled(0, {});
+  send_answers();
 }
 
-// Sends the answers up to the first one whose batch is not settled.
-void Connection::send_settled(uint64_t settled_ticket, const Refusals &refusals) {
-  while (!pending_.empty() && pending_.front().ticket <= settled_ticket) {
-    PendingAnswer &answer = pending_.front();
-    const auto refusal = std::find_if(refusals.begin(), refusals.end(),
-                                      [&](const auto &candidate) { return candidate.first == answer.ticket; });
-    if (refusal != refusals.end()) {
-      hub_.refused.add(1);
-      refuse(answer, refusal->second);
-    }
-    pending_bytes_ -= answer.bytes;
-    out_ += answer.text;
+// Sends the answers up to the first one that waits for its batch or its query.
+void Connection::send_answers() {
+  while (!pending_.empty() && pending_.front().ticket == 0) {
+    pending_bytes_ -= pending_.front().bytes;
+    out_ += pending_.front().text;
     pending_.pop_front();
   }
   send_out();

@@ -129,7 +129,7 @@ class Connection {
  private:
   void receive();
   void on_received(size_t n);
-  void send_settled(uint64_t settled_ticket, const Refusals &refusals);
+  void send_answers();
   void send_out();
   void begin_close();
   void discard();

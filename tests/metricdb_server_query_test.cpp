@@ -1,0 +1,122 @@
+// Queries of the server: threads of their own, the order of answers, limits, connections that end meanwhile.
+#include <condition_variable>
+#include <mutex>
+
+#include <gmock/gmock.h>
+#include "server_support.h"
+
+using namespace metricdb;
+using testing::HasSubstr;
+
+namespace {
+
+// A query function that answers with the text of the query when it is allowed to.
+class HeldQueries {
+ public:
+  QueryFunction function() {
+    return [this](const QueryRequest &request) {
+      std::unique_lock lock(mutex_);
+      ++n_begun_;
+      changed_.notify_all();
+      changed_.wait(lock, [this] { return is_open_; });
+      return QueryAnswer{HTTP_STATUS_OK, "text/plain", "answer to " + request.text};
+    };
+  }
+  void wait_until_begun(int n) {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [&] { return n_begun_ >= n; });
+  }
+  void open() {
+    const std::lock_guard lock(mutex_);
+    is_open_ = true;
+    changed_.notify_all();
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  int n_begun_ = 0;
+  bool is_open_ = false;
+};
+
+ServerOptions options_with(QueryFunction function) {
+  ServerOptions options = {.influx_port = 0, .graphite_port = 0};
+  options.query = std::move(function);
+  return options;
+}
+
+}  // namespace
+
+TEST(Queries, RunBesideWritesAndAreAnsweredInOrder) {
+  HeldQueries held;
+  RunningServer server(options_with(held.function()));
+  Peer asking(server.influx_port()), writing(server.influx_port());
+  ASSERT_TRUE(asking.send(get("/query?q=one") + get("/ping") + get("/query?q=two") + post("m f=1 5")));
+  held.wait_until_begun(2);
+  EXPECT_EQ(ask(writing, post("m f=2 5")), 204) << "a query holds up other connections";
+  held.open();
+  EXPECT_THAT(asking.answer(), HasSubstr("\r\n\r\nanswer to one"));
+  EXPECT_EQ(asking.status(), 204);
+  EXPECT_THAT(asking.answer(), HasSubstr("\r\n\r\nanswer to two"));
+  EXPECT_EQ(asking.status(), 204);
+  EXPECT_EQ(server.ingest().points().size(), 2u);
+}
+
+TEST(Queries, TooManyAreRefused) {
+  HeldQueries held;
+  ServerOptions options = options_with(held.function());
+  options.n_query_threads = 1;
+  options.max_waiting_queries = 2;
+  RunningServer server(options);
+  Peer first(server.influx_port()), peer(server.influx_port());
+  ASSERT_TRUE(first.send(get("/query?q=running")));
+  held.wait_until_begun(1);
+  std::string requests;
+  for (int i = 0; i < 5; ++i) requests += get("/query?q=more");
+  ASSERT_TRUE(peer.send(requests));
+  ASSERT_TRUE(wait_until([&] { return server.counters().requests == 6; }));
+  held.open();
+  EXPECT_EQ(first.status(), 200);
+  const int expected[] = {200, 200, 503, 503, 503};
+  for (const int status : expected) EXPECT_EQ(peer.status(), status);
+}
+
+// The descriptor of the closed connection is reused by the next one, which must not get the answer.
+TEST(Queries, AnswerOfAClosedConnectionReachesNobody) {
+  HeldQueries held;
+  RunningServer server(options_with(held.function()));
+  {
+    Peer gone(server.influx_port());
+    ASSERT_TRUE(gone.send(get("/query?q=lost")));
+    held.wait_until_begun(1);
+    gone.reset();
+  }
+  ASSERT_TRUE(wait_until([&] { return server.counters().connections == 0; }));
+  Peer next(server.influx_port());
+  EXPECT_EQ(ask(next, get("/ping")), 204);
+  ASSERT_TRUE(next.send(get("/query?q=mine")));
+  held.wait_until_begun(2);
+  held.open();
+  EXPECT_THAT(next.answer(), HasSubstr("answer to mine"));
+}
+
+TEST(Queries, ParametersAndFailures) {
+  RunningServer server(options_with([](const QueryRequest &request) -> QueryAnswer {
+    if (request.text == "fail") throw std::runtime_error("it failed");
+    return {HTTP_STATUS_BAD_REQUEST, "application/csv",
+            fmt::format("{} {} {} {} {} {}", request.text, request.epoch, request.is_pretty, request.is_chunked,
+                        request.chunk_rows, request.is_csv)};
+  }));
+  Peer peer(server.influx_port());
+  EXPECT_THAT(answer_to(peer, get("/query?q=a+b&epoch=ms&pretty=true&chunked=true&chunk_size=7")),
+              testing::AllOf(HasSubstr(" 400 "), HasSubstr("Content-Type: application/csv\r\n"),
+                             HasSubstr("\r\n\r\na b ms true true 7 false")));
+  const std::string form = "q=c&epoch=s";
+  EXPECT_THAT(answer_to(peer, fmt::format("POST /query HTTP/1.1\r\nAccept: text/csv\r\nContent-Type: "
+                                          "application/x-www-form-urlencoded\r\nContent-Length: {}\r\n\r\n{}",
+                                          form.size(), form)),
+              HasSubstr("\r\n\r\nc s false false 10000 true"));
+  const std::string failed = answer_to(peer, get("/query?q=fail"));
+  EXPECT_EQ(Peer::status_of(failed), 500);
+  EXPECT_THAT(failed, HasSubstr("it failed"));
+}
