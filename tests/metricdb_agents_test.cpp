@@ -73,7 +73,6 @@ TEST_F(Agents, InfluxClient) {
   EXPECT_THAT(server_.ingest().points(),
               ElementsAre("cpu,host=a load=0.5@1700000000000000000", "cpu,host=a n=3@1700000000000000000"));
   EXPECT_THAT(run({"-execute", "CREATE DATABASE telegraf"}), "");
-  EXPECT_THAT(run({"-execute", "SHOW DATABASES"}), AllOf(HasSubstr("metricdb\n"), HasSubstr("telegraf\n")));
 
   std::string file = "# DDL\nCREATE DATABASE imported\n# DML\n# CONTEXT-DATABASE: imported\n";
   constexpr size_t N = 12'000;
@@ -84,6 +83,75 @@ TEST_F(Agents, InfluxClient) {
   EXPECT_EQ(server_.ingest().points().size(), N + 2);
   EXPECT_EQ(server_.ingest().points().back(),
             fmt::format("disk,n={} used={}@{}000000000", (N - 1) % 100, N - 1, 1'700'000'000 + N - 1));
+}
+
+// A server with a database of its own, and its clients for InfluxDB.
+class QueryClients : public Agents {
+ protected:
+  void SetUp() override {
+    Agents::SetUp();
+    serve_.emplace(std::vector<std::string>{METRICDB, "serve", "--db", path("db"), "--influx", "0"},
+                   root_ / "serve.out");
+    const std::string mark = "influx 127.0.0.1:";
+    ASSERT_TRUE(wait_until([&] { return serve_->output().find('\n') != std::string::npos; }));
+    port_ = serve_->output().substr(serve_->output().find(mark) + mark.size());
+    port_ = port_.substr(0, port_.find_first_of(" \n"));
+  }
+  void TearDown() override {
+    EXPECT_EQ(serve_->end(SIGTERM), 0) << serve_->output();
+    Agents::TearDown();
+  }
+
+  std::optional<Program> serve_;
+  std::string port_;
+};
+
+TEST_F(QueryClients, InfluxClient) {
+  SKIP_WITHOUT(INFLUX);
+  const auto run = [&](const std::string &statement) {
+    return run_to_end({INFLUX, "-host", "127.0.0.1", "-port", port_, "-database", "metricdb", "-precision", "s",
+                       "-execute", statement});
+  };
+  for (int i = 0; i < 6; ++i)
+    EXPECT_EQ(run(fmt::format("INSERT cpu,host={} load={} {}", i % 2 == 0 ? "a" : "b", i, 1'700'000'000 + 60 * i)), "");
+  EXPECT_EQ(run("CREATE DATABASE telegraf"), "");
+  EXPECT_THAT(run("SHOW DATABASES"), AllOf(HasSubstr("metricdb\n"), HasSubstr("telegraf\n")));
+  EXPECT_THAT(run("SHOW SERIES"), AllOf(HasSubstr("cpu,host=a\n"), HasSubstr("cpu,host=b\n")));
+  EXPECT_EQ(run("SELECT load FROM cpu WHERE host = 'b' AND time > 1700000100s ORDER BY time DESC LIMIT 1"),
+            "name: cpu\ntime       load\n----       ----\n1700000300 5\n");
+  EXPECT_EQ(run("SELECT mean(load), count(load) FROM cpu WHERE time >= 1699999980s AND time < 1700000340s "
+                "GROUP BY time(3m), host"),
+            "name: cpu\ntags: host=a\ntime       mean count\n----       ---- -----\n1699999920 0    1\n"
+            "1700000100 3    2\n1700000280      0\n\nname: cpu\ntags: host=b\ntime       mean count\n"
+            "----       ---- -----\n1699999920 1    1\n1700000100 3    1\n1700000280 5    1\n");
+}
+
+constexpr const char *PYTHON = "/usr/bin/python3";
+
+TEST_F(QueryClients, PythonClient) {
+  SKIP_WITHOUT("/usr/lib/python3/dist-packages/influxdb");
+  const std::string script = write("client.py", R"(
+import sys
+from influxdb import InfluxDBClient
+client = InfluxDBClient(host="127.0.0.1", port=int(sys.argv[1]), database="metricdb")
+client.create_database("metricdb")
+client.write_points([{"measurement": "disk", "tags": {"host": h, "dev": "sda"}, "time": 1700000000 + 10 * i,
+                      "fields": {"used": float(i), "free": 100.0 - i}} for h in ("a", "b") for i in range(30)],
+                    time_precision="s")
+print(sorted(d["name"] for d in client.get_list_database()), client.get_list_measurements())
+rows = list(client.query("SELECT max(used) AS m FROM disk WHERE time < 1700000300s GROUP BY host", epoch="s").items())
+print([(dict(key[1]), [row["m"] for row in points]) for key, points in rows])
+print([row["free"] for row in client.query("SELECT free FROM disk WHERE host='b' LIMIT 3").get_points()])
+print([len(list(part.get_points())) for part in client.query("SELECT used FROM disk", chunked=True, chunk_size=25)])
+try:
+    client.query("SELECT used FROM")
+except Exception as error:
+    print(error.code)
+)");
+  EXPECT_EQ(run_to_end({PYTHON, script, port_}),
+            "['metricdb'] [{'name': 'disk'}]\n"
+            "[({'host': 'a'}, [29]), ({'host': 'b'}, [29])]\n"
+            "[100, 99, 98]\n[25, 25, 10]\n400\n");
 }
 
 constexpr const char *CURL = "/usr/bin/curl";
