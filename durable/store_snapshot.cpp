@@ -349,6 +349,8 @@ void tslb_store_t::backup(const std::string &target) {
   File::folder(to).sync();
   for (const JournalState &journal : copy.journals)
     copy_file(journal_path(folder_, journal.number), journal_path(target, journal.number), journal.bytes);
+  // The state must not be there before the files that it names.
+  File::folder(target).sync();
   copy.journals.back().bytes = 0;
   write_state(target, copy);
   load_store(target, {});
