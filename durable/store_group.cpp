@@ -227,6 +227,8 @@ void tslb_store_t::copy_group(CopiedGroup &group) {
     normalize(logged_, pending.ranges);
     append_body(logged_, pending.ranges, pending.has_payload ? &pending.payload : nullptr, body_);
     group.n_ranges = pending.ranges.size();
+    group.payload.assign(pending.payload.begin(), pending.payload.end());
+    group.has_payload = pending.has_payload;
     if (body_.size() > MAX_BODY_BYTES && group.failure.empty())
       group.failure = fmt::format("a group of {} bytes is too long", body_.size());
     if (!shadows_.empty() && group.failure.empty()) compare_with_shadow(pending, group);
@@ -235,8 +237,6 @@ void tslb_store_t::copy_group(CopiedGroup &group) {
   } catch (const StoreError &error) {
     group.failure = error.what();
   }
-  group.has_payload = pending.has_payload;
-  group.payload = std::move(pending.payload);
 }
 
 // Applies the group to the replica as a recovery would, and compares all arrays.
@@ -260,7 +260,7 @@ void tslb_store_t::compare_with_shadow(const PendingGroup &pending, CopiedGroup 
 }
 
 // Writes a group to the journal, and settles its tickets.
-void tslb_store_t::write_group(const CopiedGroup &group) {
+void tslb_store_t::write_group(CopiedGroup &group) {
   if (!group.failure.empty()) return refuse(fmt::format("{}: {}", folder_, group.failure), group.breaks);
   Frame frame = {FrameKind::group, Compression::none, static_cast<uint32_t>(body_.size()), group.n_batches};
   const bool is_tried = level_ != 0 && (n_raw_in_turn_ == 0 || ++n_raw_in_turn_ > MAX_RAW_IN_TURN);
@@ -303,11 +303,11 @@ void tslb_store_t::cut_and_refuse(const std::string &reason) {
   refuse(reason, false);
 }
 
-// mutex_ is held.
-void tslb_store_t::settle(const CopiedGroup &group) {
+// mutex_ is held. The group is on the disk, so nothing here may fail: no memory is allocated.
+void tslb_store_t::settle(CopiedGroup &group) noexcept {
   settled_ = group.last_ticket;
   if (group.has_payload) {
-    durable_payload_.assign(group.payload.begin(), group.payload.end());
+    durable_payload_.swap(group.payload);
     has_durable_payload_ = true;
   }
   const uint64_t journal_bytes = journals_before_ + journal_->place().position;
