@@ -143,6 +143,7 @@ struct tslb_store_t {
   void settle(CopiedGroup &group) noexcept;
   void signal_settled();
   void run_journal();
+  void append_opened();
   tslb_durable::StoreError refusal(const std::string &reason) const;  // mutex_ is held
   void expect_usable() const;                                         // mutex_ is held
   void expect_no_batch_of_this_thread() const;

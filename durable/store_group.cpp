@@ -331,6 +331,20 @@ void tslb_store_t::refuse(const std::string &reason, bool for_good) {
 
 // ---- Restoring -----------------------------------------------------------------------------------------------------
 
+// A restoration can be repeated if the frame was not written, but not if it was not synced.
+void tslb_store_t::append_opened() {
+  const uint64_t position = journal_->place().position;
+  try {
+    journal_->append_opened();
+  } catch (const StoreError &error) {
+    const std::lock_guard lock(mutex_);
+    if (journal_->place().position == position) throw;
+    failed_ = error.what();
+    is_broken_ = true;
+    throw refusal(failed_);
+  }
+}
+
 void tslb_store_t::restore() {
   expect_no_batch_of_this_thread();
   const std::lock_guard snapshots(snapshot_mutex_);
@@ -352,7 +366,7 @@ void tslb_store_t::restore() {
     logged_[i].headers_are_logged();
     if (!shadows_.empty()) copy_content(stored, shadows_[i].get());
   }
-  journal_->append_opened();
+  append_opened();
   const std::lock_guard lock(mutex_);
   payload_ = loaded.payload;
   has_payload_ = loaded.has_payload;
