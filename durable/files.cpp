@@ -1,5 +1,6 @@
 #include "files.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/eventfd.h>
@@ -71,6 +72,21 @@ template <class Call>
 bool sync_with(Call call, int fd) {
   if (!begin_step()) return false;
   return call(fd) == 0;
+}
+
+// Not with std::filesystem::directory_iterator, which ends the process if memory is refused.
+void visit_names(const std::string &folder, std::string_view what,
+                 const std::function<void(const std::string &)> &visit) {
+  const std::unique_ptr<DIR, int (*)(DIR *)> names(opendir(folder.c_str()), closedir);
+  if (!names) fail_file(folder, what);
+  for (;;) {
+    errno = 0;
+    const dirent *const entry = readdir(names.get());
+    if (entry == nullptr) break;
+    const std::string name = entry->d_name;
+    if (name != "." && name != "..") visit(name);
+  }
+  if (errno != 0) fail_file(folder, what);
 }
 
 // Returns the descriptor of an existing regular file.
@@ -243,22 +259,13 @@ void remove_tree(const std::string &path) {
   std::error_code error;
   if (!fs::is_directory(fs::symlink_status(path, error))) return remove_file(path);
   std::vector<std::string> members;  // listed first, because removing changes the listing
-  for (fs::directory_iterator it(path, error), end; !error && it != end; it.increment(error))
-    members.push_back(it->path().string());
+  visit_names(path, "cannot be removed", [&](const std::string &name) { members.push_back(path + "/" + name); });
   for (const std::string &member : members) remove_tree(member);
-  if (error)
-    throw StoreError(TSLB_DURABLE_IO, fmt::format("{}: cannot be removed: {}", path, error.message()), path, 0,
-                     error.value());
   remove_folder_if_empty(path);
 }
 
 void for_each_name(const std::string &folder, const std::function<void(const std::string &name)> &visit) {
-  std::error_code error;
-  for (fs::directory_iterator it(folder, error), end; !error && it != end; it.increment(error))
-    visit(it->path().filename().string());
-  if (error)
-    throw StoreError(TSLB_DURABLE_IO, fmt::format("{}: cannot be read: {}", folder, error.message()), folder, 0,
-                     error.value());
+  visit_names(folder, "cannot be read", visit);
 }
 
 void replace_file(const std::string &path, std::string_view text) {

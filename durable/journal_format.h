@@ -85,6 +85,7 @@ struct JournalPlace {
   uint64_t position = 0;
   uint64_t next_sequence = 0;
   uint32_t crc32c = 0;  // of the file up to the position
+  uint64_t synced = 0;  // end of the part that was synced before the last frame was made
 };
 
 // Identifies a journal.

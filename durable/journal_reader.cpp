@@ -129,7 +129,7 @@ void Scan::read_head() {
   if (found.generation != name_.generation)
     throw damaged_at(file_.path(), offsetof(JournalHead, generation),
                      fmt::format("is of generation {}, not {}", found.generation, name_.generation));
-  result_.place = {sizeof head, 1, crc32c(bytes.data(), bytes.size())};
+  result_.place = {sizeof head, 1, crc32c(bytes.data(), bytes.size()), sizeof head};
 }
 
 // Reserved space is zero. A frame is not: its length is never 0.
@@ -187,6 +187,7 @@ void Scan::read_frame() {
   result_.is_sealed = head.kind == FrameKind::sealed;
   result_.place.crc32c = crc32c(frame.data(), frame.size(), result_.place.crc32c);
   result_.place.position += frame.size();
+  result_.place.synced = head.durable;
   ++result_.place.next_sequence;
   window_.discard_before(result_.place.position);
 }

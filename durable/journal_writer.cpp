@@ -37,15 +37,27 @@ File make_file(const std::string &path, const JournalHead &head) {
 File open_file(const std::string &path, const JournalPlace &place) {
   File file = File::open_to_write(path);
   file.truncate(place.position);
-  file.sync();
+  sync_again(file, place);
   return file;
 }
 
 JournalPlace place_after_head(const JournalHead &head) {
-  return {sizeof head, 1, crc32c(&head, sizeof head)};
+  return {sizeof head, 1, crc32c(&head, sizeof head), sizeof head};
 }
 
 }  // namespace
+
+void sync_again(const File &file, const JournalPlace &place) {
+  constexpr uint64_t STEP_BYTES = 1 << 20;
+  std::string bytes;
+  for (uint64_t at = place.synced; at < place.position; at += bytes.size()) {
+    bytes.resize(std::min(STEP_BYTES, place.position - at));
+    bytes.resize(file.read_at(at, bytes.data(), bytes.size()));
+    if (bytes.empty()) throw damaged_at(file.path(), at, "the file ends here");
+    file.write_at(at, bytes);
+  }
+  file.sync();
+}
 
 JournalWriter::JournalWriter(const std::string &path, const JournalName &name)
     : JournalWriter(make_file(path, make_head(name)), name, place_after_head(make_head(name))) {}
@@ -106,9 +118,18 @@ void JournalWriter::write_zeros() {
   zeros_end_ = place_.position + bytes;
 }
 
+void JournalWriter::sync_with(void (File::*method)() const) {
+  try {
+    (file_.*method)();
+  } catch (const StoreError &) {
+    is_lost_ |= durable_ < marked_.position;
+    throw;
+  }
+}
+
 void JournalWriter::sync() {
   if (place_.position > zeros_end_) write_zeros();
-  file_.sync_data();
+  sync_with(&File::sync_data);
   durable_ = place_.position;
 }
 
@@ -117,8 +138,9 @@ void JournalWriter::mark() {
 }
 
 void JournalWriter::cut() {
+  if (is_lost_) throw StoreError(TSLB_DURABLE_IO, path() + ": a sync failed", path());
   file_.truncate(marked_.position);
-  file_.sync();
+  sync_with(&File::sync);
   place_ = marked_;
   reserved_end_ = 0;
   can_reserve_ = true;
@@ -127,17 +149,17 @@ void JournalWriter::cut() {
 
 void JournalWriter::append_opened() {
   append({FrameKind::opened}, {});
-  file_.sync();
+  sync_with(&File::sync);
   durable_ = place_.position;
   mark();
 }
 
 void JournalWriter::seal() {
   // Everything before the seal must be on the disk before the seal is.
-  file_.sync_data();
+  sync_with(&File::sync_data);
   append({FrameKind::sealed}, {});
   file_.truncate(place_.position);
-  file_.sync();
+  sync_with(&File::sync);
   durable_ = place_.position;
   mark();
 }

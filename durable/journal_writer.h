@@ -14,7 +14,7 @@ class JournalWriter {
  public:
   // Creates a file, which must not exist. It gets its name when its head is written and synced. Throws StoreError.
   JournalWriter(const std::string &path, const JournalName &name);
-  // Continues an existing file. Bytes after the place are removed. Throws StoreError.
+  // Continues an existing file. Bytes after the place are removed, and those before it are synced. Throws StoreError.
   JournalWriter(const std::string &path, const JournalName &name, const JournalPlace &place);
 
   const std::string &path() const { return file_.path(); }
@@ -25,7 +25,8 @@ class JournalWriter {
   void append_group(const Frame &frame, std::string_view body);
   // Waits until everything is on the disk. Throws StoreError; the content of the disk is unknown then.
   void sync();
-  // Removes what was appended after the last mark(). Throws StoreError; the content of the disk is unknown then.
+  // Removes what was appended after the last mark(). Throws StoreError; the content of the disk is unknown then. Fails
+  // if a sync failed that should have covered bytes before the mark.
   void cut();
   // Everything that was appended so far stays.
   void mark();
@@ -47,6 +48,7 @@ class JournalWriter {
 
   JournalWriter(File file, const JournalName &name, const JournalPlace &place);
   void append(const Frame &frame, std::string_view body);
+  void sync_with(void (File::*method)() const);
   void write_zeros();
 
   const File file_;
@@ -58,7 +60,12 @@ class JournalWriter {
   bool can_reserve_ = true;
   uint64_t zeros_end_ = 0;  // end of the zeros after the last frame
   bool has_groups_ = false;
+  bool is_lost_ = false;  // a sync of marked bytes failed
   std::string buffer_;
 };
+
+// Writes the bytes of a journal from `place.synced` to the place again, and syncs the file. If a sync failed before, the
+// system can give bytes to a reader that are not on the disk, and not write them at the next sync. Throws StoreError.
+void sync_again(const File &file, const JournalPlace &place);
 
 }  // namespace tslb_durable

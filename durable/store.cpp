@@ -289,6 +289,8 @@ void tslb_store_t::continue_journal() {
       JournalWriter writer(journal_path(folder_, journal.number), name, place);
       writer.seal();
       place = writer.place();
+    } else if (!journal.is_sealed) {
+      sync_again(File::open_to_write(journal_path(folder_, journal.number)), place);
     }
     journal = {journal.number, true, place.position, place.crc32c};
     journals_before_ += journal.bytes;

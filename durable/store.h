@@ -115,7 +115,7 @@ struct tslb_store_t {
     uint64_t last_ticket = 0;
     uint32_t n_batches = 0;
     uint64_t n_ranges = 0;
-    std::string payload;
+    std::vector<uint8_t> payload;
     bool has_payload = false;
     std::string failure;  // why it must be refused
     bool breaks = false;
@@ -143,13 +143,14 @@ struct tslb_store_t {
   void settle_ticket(uint64_t ticket);
   bool flush();  // flush_mutex_ is held; returns whether there was a group
   void copy_group(CopiedGroup &group);
-  void write_group(const CopiedGroup &group);
+  void write_group(CopiedGroup &group);
   void compare_with_shadow(const PendingGroup &pending, CopiedGroup &group);
   void cut_and_refuse(const std::string &reason);
   void refuse(const std::string &reason, bool for_good);
-  void settle(const CopiedGroup &group);
+  void settle(CopiedGroup &group) noexcept;
   void signal_settled();
   void run_journal();
+  void append_opened();
   tslb_durable::StoreError refusal(const std::string &reason) const;  // mutex_ is held
   void expect_usable() const;                                         // mutex_ is held
   void expect_given(uint64_t ticket) const;                           // mutex_ is held

@@ -228,6 +228,8 @@ void tslb_store_t::copy_group(CopiedGroup &group) {
     normalize(logged_, pending.ranges);
     append_body(logged_, pending.ranges, pending.has_payload ? &pending.payload : nullptr, body_);
     group.n_ranges = pending.ranges.size();
+    group.payload.assign(pending.payload.begin(), pending.payload.end());
+    group.has_payload = pending.has_payload;
     if (body_.size() > MAX_BODY_BYTES && group.failure.empty())
       group.failure = fmt::format("a group of {} bytes is too long", body_.size());
     if (!shadows_.empty() && group.failure.empty()) compare_with_shadow(pending, group);
@@ -236,8 +238,6 @@ void tslb_store_t::copy_group(CopiedGroup &group) {
   } catch (const StoreError &error) {
     group.failure = error.what();
   }
-  group.has_payload = pending.has_payload;
-  group.payload = std::move(pending.payload);
 }
 
 // Applies the group to the replica as a recovery would, and compares all arrays.
@@ -261,7 +261,7 @@ void tslb_store_t::compare_with_shadow(const PendingGroup &pending, CopiedGroup 
 }
 
 // Writes a group to the journal, and settles its tickets.
-void tslb_store_t::write_group(const CopiedGroup &group) {
+void tslb_store_t::write_group(CopiedGroup &group) {
   if (!group.failure.empty()) return refuse(fmt::format("{}: {}", folder_, group.failure), group.breaks);
   Frame frame = {FrameKind::group, Compression::none, static_cast<uint32_t>(body_.size()), group.n_batches};
   const bool is_tried = level_ != 0 && (n_raw_in_turn_ == 0 || ++n_raw_in_turn_ > MAX_RAW_IN_TURN);
@@ -304,11 +304,11 @@ void tslb_store_t::cut_and_refuse(const std::string &reason) {
   refuse(reason, false);
 }
 
-// mutex_ is held.
-void tslb_store_t::settle(const CopiedGroup &group) {
+// mutex_ is held. The group is on the disk, so nothing here may fail: no memory is allocated.
+void tslb_store_t::settle(CopiedGroup &group) noexcept {
   settled_ = group.last_ticket;
   if (group.has_payload) {
-    durable_payload_.assign(group.payload.begin(), group.payload.end());
+    durable_payload_.swap(group.payload);
     has_durable_payload_ = true;
   }
   const uint64_t journal_bytes = journals_before_ + journal_->place().position;
@@ -332,6 +332,20 @@ void tslb_store_t::refuse(const std::string &reason, bool for_good) {
 
 // ---- Restoring -----------------------------------------------------------------------------------------------------
 
+// A restoration can be repeated if the frame was not written, but not if it was not synced.
+void tslb_store_t::append_opened() {
+  const uint64_t position = journal_->place().position;
+  try {
+    journal_->append_opened();
+  } catch (const StoreError &error) {
+    const std::lock_guard lock(mutex_);
+    if (journal_->place().position == position) throw;
+    failed_ = error.what();
+    is_broken_ = true;
+    throw refusal(failed_);
+  }
+}
+
 void tslb_store_t::restore() {
   expect_no_batch_of_this_thread();
   const std::lock_guard snapshots(snapshot_mutex_);
@@ -353,7 +367,7 @@ void tslb_store_t::restore() {
     logged_[i].headers_are_logged();
     if (!shadows_.empty()) copy_content(stored, shadows_[i].get());
   }
-  journal_->append_opened();
+  append_opened();
   const std::lock_guard lock(mutex_);
   payload_ = loaded.payload;
   has_payload_ = loaded.has_payload;

@@ -383,6 +383,8 @@ void tslb_store_t::write_backup(StoreState copy, const std::string &target) cons
   File::folder(to).sync();
   for (const JournalState &journal : copy.journals)
     copy_file(journal_path(folder_, journal.number), journal_path(target, journal.number), journal.bytes);
+  // The state must not be there before the files that it names.
+  File::folder(target).sync();
   copy.journals.back().bytes = 0;
   write_state(target, copy);
   load_store(target, {});

@@ -256,7 +256,7 @@ TEST(Documents, NamedFilesAndTestsExist) {
        {"utils", "catalog", "host", "recovery", "durable", "metricdb", "tools", "fuzz", "tests", "docs", "bench"})
     for (const auto &file : fs::recursive_directory_iterator(ROOT / folder)) paths += file.path().string() + "\n";
   for (const auto &file : fs::directory_iterator(ROOT)) paths += file.path().string() + "\n";
-  for (const auto &file : fs::directory_iterator(ROOT / "tests"))
+  for (const auto &file : fs::recursive_directory_iterator(ROOT / "tests"))
     if (file.path().extension() == ".cpp") tests += content_of(file.path());
   static const std::regex quoted("`([^`\n]+)`"), file(R"(([\w-]+/)*\w+\.(h|cpp|c|md))"),
       test(R"((?:\w+_test\.)?([A-Z]\w+)\.([A-Z]\w+))");

@@ -15,7 +15,8 @@ namespace metricdb {
 
 class GraphiteConverter {
  public:
-  // Converts complete lines. Afterwards `text()` contains the valid lines, for nanoseconds, until the next call.
+  // Converts complete lines. Afterwards `text()` contains the valid lines, for nanoseconds, until the next call. A tag that
+  // is given twice is left to the parser of line protocol, and so is a path that begins with '#', a comment there.
   void convert(std::string_view lines);
 
   const std::string &text() const { return text_; }

@@ -38,8 +38,8 @@ struct KnownField {
   uint32_t series;
 };
 
-// The expected content of a line, from earlier lines: it begins with this head and a blank, and has these fields.
-// Parsing is faster if this is true, and correct in any case.
+// The expected content of a line, from earlier lines: it begins with this head and a blank, and has these fields. The
+// head must be true; the fields make parsing faster if they are, and it is correct in any case.
 struct LikelyLine {
   std::string_view head;  // `line().head` of an earlier line; empty: nothing is expected
   std::span<const KnownField> fields;

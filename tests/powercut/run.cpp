@@ -1,0 +1,272 @@
+// Steps of scenarios, and the recovery of a folder.
+#include <algorithm>
+
+#include "search.h"
+
+namespace powercut {
+namespace {
+
+[[noreturn]] void fail(const std::string &what, const tslb_error_t &error) {
+  throw Failure{fmt::format("{}: {}", what, error.text)};
+}
+
+}  // namespace
+
+void Bounds::apply(const Op &op) {
+  const int number = static_cast<int>(op.at);
+  switch (op.mark) {
+    case MarkKind::begun:
+      begun = number;
+      break;
+    case MarkKind::acknowledged:
+      acknowledged = number;
+      break;
+    case MarkKind::refused:
+      refused.push_back(number);
+  }
+}
+
+bool Bounds::allows(int batch) const {
+  return batch >= acknowledged && batch <= begun && std::find(refused.begin(), refused.end(), batch) == refused.end();
+}
+
+std::unique_ptr<TestStore> StoreRun::new_store() const {
+  std::vector<tslb_array_decl_t> decls = {
+      decl_of("records", TSLB_ARRAY_RECORDS, 1, 20, 2, 0),
+      decl_of("slots", TSLB_ARRAY_SLOTS, 2, sizeof(TestRecord), 2, TSLB_DA_DAFLAG_INLL)};
+  if (arrays_ == Arrays::large) decls = test_decls();
+  if (has_added_array) decls.push_back(decl_of("added", TSLB_ARRAY_RECORDS, 9, 20, 2, 0));
+  auto store = std::make_unique<TestStore>(decls);
+  store->options = options;
+  return store;
+}
+
+std::string StoreRun::content_of_store(const TestStore &store, const std::string &payload) const {
+  std::string content = payload + ":";
+  for (uint32_t i = 0; i < (arrays_ == Arrays::large ? 4u : 2u); ++i) content += content_of(store.array(i));
+  return content;
+}
+
+// The same for the same number and content.
+void StoreRun::change(TestStore &store, tslb_batch_t *batch, uint32_t number) const {
+  if (arrays_ == Arrays::large) {
+    std::mt19937 random(static_cast<uint32_t>(seed_ * 10007 + number));
+    for (int left = 3; left > 0; --left) store.change(batch, random);
+  } else {
+    const int32_t id = get_dyn_arr_new_record_id(store.array(RECORDS));
+    auto *const record =
+        static_cast<char *>(get_dyn_arr_record_position(store.array(RECORDS), static_cast<uint32_t>(id)));
+    std::memset(record, static_cast<int>(number), 20);
+    tslb_batch_log_record(batch, RECORDS, static_cast<uint32_t>(id));
+    const uint32_t idx = store.add_slot(batch, number, 0);
+    if (number % 2 == 0) tslb_da_free_idx(store.array(SLOTS), idx);
+  }
+  const std::string payload = payload_of(static_cast<int>(number));
+  tslb_batch_set_payload(batch, payload.data(), payload.size(), nullptr);
+}
+
+// ---- Steps ---------------------------------------------------------------------------------------------------------
+
+void StoreRun::acknowledge() {
+  if (!marks_backup_only) record_mark(MarkKind::acknowledged, static_cast<uint32_t>(last_));
+}
+
+void StoreRun::open(uint32_t flags) {
+  store_ = new_store();
+  const std::string folder = store_folder();
+  if (!attempt([&] { return store_->open(folder, flags | options.flags); })) {
+    expect_fault("a store cannot be opened");
+    store_ = new_store();
+    if (!store_->open(folder, flags | options.flags)) fail("a store cannot be opened again", store_->error);
+  }
+  if (contents_.empty()) contents_.push_back(content_of_store(*store_, payload_of(0)));
+  if (content_of_store(*store_, store_->payload()) != contents_[static_cast<size_t>(last_)])
+    throw Failure{fmt::format("a store without a cut was not opened with batch {}", last_)};
+  acknowledge();
+}
+
+// Only a fault explains that a step failed.
+void StoreRun::expect_fault(const std::string &what) const {
+  const int code = store_->error.code;
+  const bool is_explained = code == TSLB_DURABLE_IO || code == TSLB_DURABLE_NO_MEMORY || code == TSLB_DURABLE_REFUSED ||
+                            code == TSLB_DURABLE_BROKEN;
+  if ((fault_struck() != Struck::fault && !had_fault_) || !is_explained) fail(what, store_->error);
+}
+
+bool StoreRun::attempt(const std::function<bool()> &step) {
+  if (!with_fault) return step();
+  had_fault_ = true;
+  bool is_done = false;
+  std::exchange(with_fault, nullptr)([&] { is_done = step(); });
+  return is_done;
+}
+
+int StoreRun::begin_batch() {
+  contents_.emplace_back();
+  return static_cast<int>(contents_.size()) - 1;
+}
+
+void StoreRun::commit() {
+  for (bool is_done = false; !is_done;) {
+    const int number = begin_batch();
+    tslb_batch_t *const batch = store_->begin();
+    if (batch != nullptr) {
+      change(*store_, batch, static_cast<uint32_t>(number));
+      contents_.back() = content_of_store(*store_, payload_of(number));
+      record_mark(MarkKind::begun, static_cast<uint32_t>(number));
+      is_done = attempt([&] { return tslb_batch_commit(batch, &store_->error) == 0; });
+    }
+    if (is_done) {
+      last_ = number;
+      if (content_of_store(*store_, payload_of(number)) != contents_.back())
+        throw Failure{"the end of a batch changed the arrays"};
+      if (options.sync != TSLB_SYNC_NONE) acknowledge();
+    } else {
+      expect_fault("a batch failed");
+      if (store_->error.code == TSLB_DURABLE_BROKEN)
+        replace_broken(number);
+      else if (store_->error.code == TSLB_DURABLE_REFUSED)
+        restore(number);
+      else
+        fail("a batch is neither there nor refused", store_->error);
+    }
+  }
+}
+
+void StoreRun::restore(int refused) {
+  record_mark(MarkKind::refused, static_cast<uint32_t>(refused));
+  if (before_restoration) std::exchange(before_restoration, nullptr)();
+  if (tslb_store_restore(store_->get(), &store_->error) != 0) {
+    expect_fault("a store cannot be restored");
+    if (store_->error.code == TSLB_DURABLE_BROKEN) return replace_broken(refused);
+    if (tslb_store_restore(store_->get(), &store_->error) != 0) {
+      if (store_->error.code == TSLB_DURABLE_BROKEN) return replace_broken(refused);
+      fail("a store cannot be restored again", store_->error);
+    }
+  }
+  if (content_of_store(*store_, store_->payload()) != contents_[static_cast<size_t>(last_)])
+    throw Failure{fmt::format("a store was not restored with batch {}", last_)};
+}
+
+// The batch that broke the store can be there or not.
+void StoreRun::replace_broken(int number) {
+  if (store_->close() == 0) throw Failure{"a broken store was closed without an error"};
+  store_ = new_store();
+  if (!store_->open(store_folder(), options.flags)) fail("a broken store cannot be opened", store_->error);
+  const std::string found = content_of_store(*store_, store_->payload());
+  if (found == contents_[static_cast<size_t>(number)])
+    last_ = number;
+  else if (found == contents_[static_cast<size_t>(last_)])
+    record_mark(MarkKind::refused, static_cast<uint32_t>(number));
+  else
+    throw Failure{"a broken store was opened with another content"};
+  acknowledge();
+}
+
+bool StoreRun::snapshot() {
+  const bool is_done = attempt([&] { return tslb_store_snapshot(store_->get(), &store_->error) == 0; });
+  if (!is_done) expect_fault("a snapshot cannot be made");
+  if (is_done) acknowledge();
+  return is_done;
+}
+
+void StoreRun::close() {
+  const bool is_done = attempt([&] { return store_->close() == 0; });
+  if (!is_done) expect_fault("a store cannot be closed");
+  if (is_done) acknowledge();
+}
+
+void StoreRun::save() {
+  saved_ = last_;
+  fs::remove_all(root_ + "/saved");
+  fs::copy(store_folder(), root_ + "/saved", fs::copy_options::recursive);
+}
+
+void StoreRun::use_saved() {
+  store_->close();
+  fs::remove_all(store_folder());
+  fs::rename(root_ + "/saved", store_folder());
+  last_ = saved_;
+}
+
+void StoreRun::import() {
+  store_ = new_store();
+  if (!store_->open(store_folder(), TSLB_STORE_CREATE | TSLB_STORE_BULK)) fail("no import", store_->error);
+  contents_.push_back(content_of_store(*store_, payload_of(0)));
+  last_ = begin_batch();
+  uint32_t idx;
+  auto *const record = static_cast<TestRecord *>(tslb_da_get_newptr(store_->array(SLOTS), &idx));
+  *record = {1, 2, {}, 0, {}};
+  const std::string payload = payload_of(last_);
+  tslb_store_set_payload(store_->get(), payload.data(), payload.size(), nullptr);
+  contents_.back() = content_of_store(*store_, payload);
+  record_mark(MarkKind::begun, static_cast<uint32_t>(last_));
+  snapshot();
+}
+
+void StoreRun::back_up() {
+  if (tslb_store_backup(store_->get(), (root_ + "/backup").c_str(), &store_->error) != 0)
+    fail("no backup", store_->error);
+  record_mark(MarkKind::acknowledged, static_cast<uint32_t>(last_));
+}
+
+// ---- Recovery ------------------------------------------------------------------------------------------------------
+
+int StoreRun::found_in(const TestStore &store, const Bounds &bounds) const {
+  const std::string found = content_of_store(store, store.payload());
+  for (size_t batch = 0; batch < contents_.size(); ++batch)
+    if (found == contents_[batch] && bounds.allows(static_cast<int>(batch))) return static_cast<int>(batch);
+  std::string what = "that of no batch";
+  for (size_t batch = 0; batch < contents_.size(); ++batch)
+    if (found == contents_[batch]) what = fmt::format("that of batch {}", batch);
+  throw Failure{fmt::format("the content is {}; {} is acknowledged, {} begun, {} refused", what, bounds.acknowledged,
+                            bounds.begun, bounds.refused.size())};
+}
+
+int StoreRun::recover(const std::string &folder, const Bounds &bounds, bool goes_on) const {
+  const bool must_exist = bounds.acknowledged >= 0;
+  int seen = -1;
+  if (!has_added_array) {
+    const std::unique_ptr<TestStore> reader = new_store();
+    if (reader->open(folder, TSLB_STORE_READ_ONLY))
+      seen = found_in(*reader, bounds);
+    else if (must_exist || reader->error.code != TSLB_DURABLE_NO_STORE)
+      fail("a reader is refused", reader->error);
+    else if (marks_backup_only)
+      return -1;  // a part of a backup is no store
+  }
+  std::unique_ptr<TestStore> store = new_store();
+  if (!store->open(folder, TSLB_STORE_CREATE | TSLB_STORE_SHADOW | TSLB_STORE_NO_FORK))
+    fail("the store is refused", store->error);
+  const int found = found_in(*store, bounds);
+  record_mark(MarkKind::acknowledged, static_cast<uint32_t>(found));
+  if (seen >= 0 && seen != found) throw Failure{fmt::format("a reader found batch {}, the writer {}", seen, found)};
+  store->close();
+  store = new_store();
+  if (!store->open(folder, TSLB_STORE_SHADOW | TSLB_STORE_NO_FORK))
+    fail("the store is refused after its recovery", store->error);
+  if (found_in(*store, bounds) != found) throw Failure{"the second recovery found another batch"};
+  if (goes_on) use(*store, folder);
+  return found;
+}
+
+// The recovered store goes on.
+void StoreRun::use(TestStore &store, const std::string &folder) const {
+  constexpr uint32_t FIRST = 200;
+  for (uint32_t number = FIRST; number < FIRST + 2; ++number) {
+    tslb_batch_t *const batch = store.begin();
+    if (batch == nullptr) fail("a batch after the recovery cannot begin", store.error);
+    change(store, batch, number);
+    if (tslb_batch_commit(batch, &store.error) != 0) fail("a batch after the recovery is refused", store.error);
+    if (number == FIRST && tslb_store_snapshot(store.get(), &store.error) != 0)
+      fail("a snapshot after the recovery fails", store.error);
+  }
+  const std::string expected = content_of_store(store, payload_of(FIRST + 1));
+  if (store.close() != 0) fail("the store cannot be closed after its recovery", store.error);
+  const std::unique_ptr<TestStore> again = new_store();
+  if (!again->open(folder, TSLB_STORE_SHADOW | TSLB_STORE_NO_FORK))
+    fail("the store is refused after its use", again->error);
+  if (content_of_store(*again, again->payload()) != expected) throw Failure{"a batch after the recovery is lost"};
+}
+
+}  // namespace powercut
