@@ -225,6 +225,11 @@ ATOMIC(16)
 ATOMIC(32)
 ATOMIC(64)
 
+void __tsan_atomic_thread_fence(int order) {
+  if (machine.thread() < 0) return;
+  machine.clocks.fence(machine.thread(), order != __ATOMIC_RELEASE, order != __ATOMIC_ACQUIRE);
+}
+
 // Of std::atomic; each is sequentially consistent.
 uint32_t __tsan_atomic32_fetch_add(volatile void *at, uint32_t amount, int) {
   return add(const_cast<uint32_t *>(static_cast<volatile uint32_t *>(at)), amount, CALLER);

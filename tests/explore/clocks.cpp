@@ -99,6 +99,12 @@ void clocks_t::store(int thread, size_t offset, size_t bytes, bool releases) {
   for_halves(offset, bytes, [&](clock_t &released) { released = releases ? at.now : at.fenced; });
 }
 
+void clocks_t::fence(int thread, bool acquires, bool releases) {
+  thread_t &at = threads_[thread];
+  if (acquires) join(&at.now, at.read);
+  if (releases) at.fenced = at.now;
+}
+
 void clocks_t::full_barrier(int thread, size_t offset, size_t bytes, bool stores) {
   thread_t &at = threads_[thread];
   join(&at.now, at.read);

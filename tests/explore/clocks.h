@@ -33,6 +33,7 @@ class clocks_t {
   // Orders that atomic operations cause. `bytes` 8 stands for both halves.
   void load(int thread, size_t offset, size_t bytes, bool acquires);
   void store(int thread, size_t offset, size_t bytes, bool releases);
+  void fence(int thread, bool acquires, bool releases);
   // One of the host's atomics, which are full barriers. A failed swap stores nothing.
   void full_barrier(int thread, size_t offset, size_t bytes, bool stores);
 

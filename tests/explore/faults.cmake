@@ -160,6 +160,17 @@ explore_fault(header_is_not_logged growth_records utils/dynarr/src/tslb_dynarr_r
   "  if (redo_is_on(h_dynarr)) redo_header(h_dynarr, txn_id, rec_type);"
   "  static_cast<void>(h_dynarr), static_cast<void>(txn_id), static_cast<void>(rec_type);")
 
+# ---- Readers without a lock -----------------------------------------------------------------------------------------
+set(path metricdb/store/optimistic.h)
+explore_fault(version_is_not_compared "reader_of_a_version;readers_of_a_version" ${path}
+  "    return !is_changing(seen) && value_.load(std::memory_order_relaxed) == seen;"
+  "    return !is_changing(seen);"
+  SOURCES tests/explore/reader_scenarios.cpp)
+explore_fault(odd_version_is_accepted "reader_of_a_version;readers_of_a_version" ${path}
+  "    return !is_changing(seen) && value_.load(std::memory_order_relaxed) == seen;"
+  "    return value_.load(std::memory_order_relaxed) == seen;"
+  SOURCES tests/explore/reader_scenarios.cpp)
+
 # ---- Groups of the durable store ------------------------------------------------------------------------------------
 if(TSLB_BUILD_DURABLE)
   set(path durable/gate.h)

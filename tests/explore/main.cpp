@@ -55,7 +55,8 @@ request_t parse(int argc, char **argv) {
 
 std::vector<const scenario_t *> all_scenarios() {
   std::vector<const scenario_t *> all;
-  for (const auto &group : {GROWTH_SCENARIOS, SLOT_SCENARIOS, CHUNK_SCENARIOS, DELETION_SCENARIOS, REDO_SCENARIOS})
+  for (const auto &group :
+       {GROWTH_SCENARIOS, SLOT_SCENARIOS, CHUNK_SCENARIOS, DELETION_SCENARIOS, REDO_SCENARIOS, READER_SCENARIOS})
     for (const scenario_t &scenario : group) all.push_back(&scenario);
 #ifdef EXPLORE_DURABLE
   for (const scenario_t &scenario : DURABLE_SCENARIOS) all.push_back(&scenario);

@@ -23,7 +23,7 @@ struct scenario_t {
 };
 
 extern const std::span<const scenario_t> GROWTH_SCENARIOS, SLOT_SCENARIOS, CHUNK_SCENARIOS, DELETION_SCENARIOS,
-    REDO_SCENARIOS, DURABLE_SCENARIOS;
+    REDO_SCENARIOS, DURABLE_SCENARIOS, READER_SCENARIOS;
 
 // Data of a scenario. It comes back as the setup left it before each schedule. Threads write only their own entries.
 struct scene_t {
