@@ -113,6 +113,15 @@ TEST(InfluxqlParser, RefusesWhatIsTooDeepOrTooLong) {
   EXPECT_THAT(refusal_of(repeated("SHOW DATABASES;", 1'001)), testing::HasSubstr("more than 1000 statements"));
 }
 
+// A zero byte ended the message before its position.
+TEST(InfluxqlParser, ControlCharactersAreNotInMessages) {
+  using namespace std::string_literals;
+  EXPECT_EQ(refusal_of("SHOW\0SERIES"s),
+            "error parsing query: found ?, expected DATABASES, FIELD, MEASUREMENTS, SERIES, TAG at line 1, char 5");
+  EXPECT_EQ(refusal_of("SELECT a FROM /(\0\x1b\x7f/"s),
+            "error parsing query: regular expression: missing ): (??? at line 1, char 15");
+}
+
 TEST(InfluxqlParser, TimesOfTheCondition) {
   static constexpr int64_t S = 1'000'000'000;
   static const struct {

@@ -53,7 +53,8 @@ void refuse_statement(std::string_view text, size_t offset, std::string_view why
   const std::string_view line = before.substr(feed == before.npos ? 0 : feed + 1);
   const auto n_characters =
       static_cast<ptrdiff_t>(line.size()) - std::count_if(line.begin(), line.end(), continues_character);
-  throw BadStatement(fmt::format("error parsing query: {} at line {}, char {}", why, n_lines + 1, n_characters + 1));
+  throw BadStatement(
+      fmt::format("error parsing query: {} at line {}, char {}", printable(why), n_lines + 1, n_characters + 1));
 }
 
 // Returns whether a comment was there.
@@ -73,6 +74,13 @@ void Lexer::skip_blanks() {
   do {
     while (pos_ < text_.size() && is_blank(text_[pos_])) ++pos_;
   } while (skip_comment());
+}
+
+std::string printable(std::string_view text) {
+  std::string shown(text);
+  const auto is_control = [](char byte) { return static_cast<unsigned char>(byte) < ' ' || byte == 0x7f; };
+  std::replace_if(shown.begin(), shown.end(), is_control, '?');
+  return shown;
 }
 
 Token Lexer::next() {

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <set>
 
+#include "query/influxql_lexer.h"
+
 namespace metricdb::influxql {
 namespace {
 
@@ -57,7 +59,7 @@ bool fulfils(const Condition &condition, const SeriesName &name) {
 void check_database(const Environment &environment, const std::string &database) {
   const auto &all = environment.databases;
   if (!database.empty() && std::find(all.begin(), all.end(), database) == all.end())
-    throw ExecutionFailed(fmt::format("database not found: {}", database));
+    throw ExecutionFailed(fmt::format("database not found: {}", printable(database)));
 }
 
 void for_each_matching(const Environment &environment, const std::vector<Source> &sources, const Condition &condition,
