@@ -71,13 +71,15 @@ void for_each_matching(const Environment &environment, const std::vector<Source>
   size_t n_found = 0;
   const auto visit_matching = [&](uint32_t series, const SeriesName &name) {
     if (field && name.field != *field) return;
-    if (!is_from(sources, name.measurement) || !fulfils(condition, name)) return;
+    if (!fulfils(condition, name)) return;
     if (++n_found > environment.limits.n_series)
       throw ExecutionFailed(fmt::format("more than {} series match", environment.limits.n_series));
     visit(series, name);
   };
   if (sources.empty() || has_pattern(sources)) {
-    environment.source.for_each_series(filter, visit_matching);
+    environment.source.for_each_series(filter, [&](uint32_t series, const SeriesName &name) {
+      if (is_from(sources, name.measurement)) visit_matching(series, name);
+    });
     return;
   }
   std::set<std::string> measurements;
