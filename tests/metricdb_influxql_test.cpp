@@ -380,6 +380,32 @@ TEST(Influxql, Limits) {
   }
 }
 
+// Only rows that can be in the page are kept. Fails if a limit of memory counts the others, or if the page lacks rows.
+TEST(Influxql, PagesOfManySeries) {
+  MemorySource source;
+  for (int i = 0; i < 3'000; ++i)
+    source.add("m", {{"host", fmt::format("{:04}", i)}}, "v", points_at_seconds({{i, i}, {4'000, i}, {9'000 - i, i}}));
+  static const struct {
+    const char *order;
+    std::vector<std::pair<int64_t, double>> rows;
+  } rows[] = {
+      {"LIMIT 3 OFFSET 1", {{1, 1}, {2, 2}, {3, 3}}},
+      {"LIMIT 2 OFFSET 2999", {{2'999, 2'999}, {4'000, 0}}},
+      {"ORDER BY time DESC LIMIT 2 OFFSET 2", {{8'998, 2}, {8'997, 3}}},
+      {"ORDER BY time DESC LIMIT 2 OFFSET 2999", {{6'001, 2'999}, {4'000, 2'999}}},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.order);
+    const auto statement = influxql::parse_statements(fmt::format("SELECT v FROM m {}", row.order), 0).at(0);
+    const auto results = influxql::execute({source, {}, 0, {.n_cells = 8'000}}, statement);
+    ASSERT_EQ(results.size(), 1U);
+    std::vector<std::pair<int64_t, double>> found;
+    for (size_t i = 0; i < results[0].n_rows(); ++i)
+      found.emplace_back(results[0].times_ns[i] / SECOND_NS, results[0].cells[i].number);
+    EXPECT_EQ(found, row.rows);
+  }
+}
+
 // Without the filter a source visits all series for each statement.
 TEST(Influxql, SourcesGetTheFilterOfTheStatement) {
   static const struct {
