@@ -1,4 +1,5 @@
 // InfluxQL: the answers to statements.
+#include <array>
 #include <limits>
 
 #include "influxql_support.h"
@@ -114,6 +115,7 @@ TEST(Influxql, ConditionsOnTags) {
       {"host =~ /^[a]$/", A},
       {"host !~ /a/", B},
       {"host =~ /c/", NONE},
+      {"host =~ /a\\/|^b\\/?$/", B},
       {"host = 'a' AND zone = 'y'", NONE},
       {"host = 'a' OR zone = 'y'", B},
       {"host = 'b' OR host = 'a' AND zone = 'y'", B},
@@ -247,6 +249,15 @@ TEST(Influxql, Derivatives) {
       // The window before the range gives the first one a value.
       {"SELECT derivative(max(free), 1s) FROM mem WHERE time >= 10s AND time <= 20s GROUP BY time(10s)",
        SERIES(R"("name":"mem","columns":["time","derivative"],"values":[[10,-4],[20,8]])")},
+      // It is not a row of the result.
+      {"SELECT derivative(max(free), 1s), max(free) FROM mem WHERE time >= 10s AND time <= 20s GROUP BY time(10s)",
+       SERIES(R"("name":"mem","columns":["time","derivative","max"],"values":[[10,-4,60],[20,8,140]])")},
+      {"SELECT derivative(max(free), 1s), max(free) FROM mem WHERE time >= 10s AND time <= 20s GROUP BY time(10s) "
+       "fill(none)",
+       SERIES(R"("name":"mem","columns":["time","derivative","max"],"values":[[10,-4,60],[20,8,140]])")},
+      {"SELECT derivative(max(free), 1s), max(free) FROM mem WHERE time >= 0 AND time <= 20s GROUP BY time(10s) "
+       "fill(none)",
+       SERIES(R"("name":"mem","columns":["time","derivative","max"],"values":[[0,null,100],[10,-4,60],[20,8,140]])")},
       {"SELECT derivative(last(load), 1s) FROM cpu WHERE host = 'b' GROUP BY time(10s)",
        SERIES(R"("name":"cpu","columns":["time","derivative"],"values":[[10,1],[60,0.2]])")},
       {"SELECT derivative(last(load), 1s) FROM cpu WHERE host = 'b' GROUP BY time(20s) fill(previous)",
@@ -299,6 +310,31 @@ TEST(Influxql, Listings) {
        R"({"statement_id":2,"error":"not executed"})"},
   };
   expect_results(two_hosts(), rows);
+}
+
+// Of points with the same time the greater value is selected, and of the same value the earlier point. Fails if the order
+// of the series decides.
+TEST(Influxql, SelectedPointsOfSeveralSeries) {
+  MemorySource source;
+  source.add("up", {{"i", "0"}}, "v", points_at_seconds({{1, 1}, {5, 1}}));
+  source.add("up", {{"i", "1"}}, "v", points_at_seconds({{1, 2}, {5, 2}}));
+  source.add("down", {{"i", "0"}}, "v", points_at_seconds({{1, 2}, {5, 2}}));
+  source.add("down", {{"i", "1"}}, "v", points_at_seconds({{1, 1}, {5, 1}}));
+  source.add("late", {{"i", "0"}}, "v", points_at_seconds({{5, 2}}));
+  source.add("late", {{"i", "1"}}, "v", points_at_seconds({{1, 2}}));
+  for (const auto &[function, up_and_down, late] : std::vector<std::array<const char *, 3>>{{"first", "[1,2]", "[1,2]"},
+                                                                                            {"last", "[5,2]", "[5,2]"},
+                                                                                            {"min", "[1,1]", "[1,2]"},
+                                                                                            {"max", "[1,2]", "[1,2]"}})
+    for (const auto &[measurement, row] : std::vector<std::pair<const char *, const char *>>{
+             {"up", up_and_down}, {"down", up_and_down}, {"late", late}}) {
+      const std::string text = fmt::format("SELECT {}(v) FROM {}", function, measurement);
+      const std::string results =
+          fmt::format(R"({{"statement_id":0,"series":[{{"name":"{}","columns":["time","{}"],"values":[{}]}}]}})",
+                      measurement, function, row);
+      const StatementRow statement{text.c_str(), results.c_str()};
+      expect_results(source, {&statement, 1});
+    }
 }
 
 TEST(Influxql, PointsThatAreNotNumbersOrRepeatATime) {

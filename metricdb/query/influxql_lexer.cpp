@@ -187,11 +187,8 @@ Token Lexer::read_pattern(size_t offset) {
   token.kind = TokenKind::pattern;
   token.offset = offset;
   for (pos_ = offset + 1; pos_ < text_.size() && text_[pos_] != '/' && text_[pos_] != '\n'; ++pos_) {
-    if (text_[pos_] == '\\' && pos_ + 1 < text_.size() && text_[pos_ + 1] != '\n') {
-      // The grammar's escape is removed. All others belong to the expression.
-      if (text_[pos_ + 1] != '/') token.text += '\\';
-      ++pos_;
-    }
+    // An escape belongs to the expression, also that of a slash.
+    if (text_[pos_] == '\\' && pos_ + 1 < text_.size() && text_[pos_ + 1] != '\n') token.text += text_[pos_++];
     token.text += text_[pos_];
   }
   if (peek() != '/') refuse_statement(text_, offset, "regular expression without an end");
