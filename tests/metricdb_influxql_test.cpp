@@ -416,6 +416,22 @@ TEST(Influxql, Limits) {
   }
 }
 
+TEST(Influxql, InterruptedQueries) {
+  MemorySource source;
+  for (int i = 0; i < 1'000; ++i) source.add("m", {{"host", std::to_string(i)}}, "v", points_at_seconds({{i, i}}));
+  int n_asked = 0;
+  InfluxqlRequest request{.text = "SELECT mean(v) FROM m GROUP BY host; SHOW DATABASES"};
+  request.is_interrupted = [&] { return ++n_asked == 20; };
+  EXPECT_EQ(answer_influxql(source, request, {}).body,
+            "{\"results\":[{\"statement_id\":0,\"error\":\"query interrupted\"},"
+            "{\"statement_id\":1,\"error\":\"not executed\"}]}\n");
+  // Four times while series were searched.
+  EXPECT_EQ(source.n_read, 15U);
+  n_asked = 17;
+  request.text = "SHOW SERIES";
+  EXPECT_THAT(answer_influxql(source, request, {}).body, testing::HasSubstr("query interrupted"));
+}
+
 // Only rows that can be in the page are kept. Fails if a limit of memory counts the others, or if the page lacks rows.
 TEST(Influxql, PagesOfManySeries) {
   MemorySource source;

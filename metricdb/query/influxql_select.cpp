@@ -194,6 +194,7 @@ std::vector<ResultSeries> execute_select(const Environment &environment, const S
 
 void read_points(const Environment &environment, const FoundSeries &series, int64_t from_ns, int64_t to_ns,
                  std::vector<Point> &points) {
+  check_interruption(environment);
   points.clear();
   environment.source.read(series.series, from_ns, to_ns, points);
   size_t n = 0;

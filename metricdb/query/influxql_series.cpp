@@ -10,6 +10,8 @@
 namespace metricdb::influxql {
 namespace {
 
+constexpr size_t VISITS_OF_CHECK = 256;  // few, since a condition can have a thousand comparisons
+
 // The values that every series has that fulfils the condition.
 void collect_exact_tags(const Condition &condition, SeriesFilter &filter) {
   if (condition.kind == Condition::Kind::equal && !condition.value.empty())
@@ -56,6 +58,10 @@ bool fulfils(const Condition &condition, const SeriesName &name) {
   return false;
 }
 
+void check_interruption(const Environment &environment) {
+  if (environment.is_interrupted && environment.is_interrupted()) throw ExecutionFailed("query interrupted");
+}
+
 void check_database(const Environment &environment, const std::string &database) {
   const auto &all = environment.databases;
   if (!database.empty() && std::find(all.begin(), all.end(), database) == all.end())
@@ -69,7 +75,9 @@ void for_each_matching(const Environment &environment, const std::vector<Source>
   filter.field = field;
   collect_exact_tags(condition, filter);
   size_t n_found = 0;
+  size_t n_visited = 0;
   const auto visit_matching = [&](uint32_t series, const SeriesName &name) {
+    if (n_visited++ % VISITS_OF_CHECK == 0) check_interruption(environment);
     if (field && name.field != *field) return;
     if (!fulfils(condition, name)) return;
     if (++n_found > environment.limits.n_series)
