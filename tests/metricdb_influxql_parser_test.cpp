@@ -108,9 +108,28 @@ TEST(InfluxqlParser, RefusesWhatIsTooDeepOrTooLong) {
   EXPECT_THAT(refusal_of(minus), testing::HasSubstr("more than 64 nested parts"));
   EXPECT_THAT(refusal_of("SELECT load" + repeated(" + 1", 100'000)), testing::HasSubstr("more than 64 operations"));
   EXPECT_THAT(refusal_of(select + "a='b'" + repeated(" OR a='b'", 100'000)),
-              testing::HasSubstr("more than 10000 comparisons"));
-  EXPECT_EQ(refusal_of(select + "a='b'" + repeated(" OR a='b'", 9'999)), "accepted");
+              testing::HasSubstr("more than 1000 comparisons"));
+  EXPECT_EQ(refusal_of(select + "a='b'" + repeated(" OR a='b'", 999)), "accepted");
+  EXPECT_THAT(refusal_of("SELECT a FROM b" + repeated(", b", 1'000)), testing::HasSubstr("more than 1000 entries"));
+  EXPECT_EQ(refusal_of("SELECT a FROM b" + repeated(", b", 999)), "accepted");
+  EXPECT_THAT(refusal_of("SELECT a" + repeated(", a", 1'000)), testing::HasSubstr("more than 1000 entries"));
+  EXPECT_THAT(refusal_of("SELECT a FROM b GROUP BY a" + repeated(", a", 1'000)),
+              testing::HasSubstr("more than 1000 entries"));
+  EXPECT_THAT(refusal_of("SHOW TAG VALUES WITH KEY IN (a" + repeated(", a", 1'000)),
+              testing::HasSubstr("more than 1000 entries"));
+  // Each expression has memory of its own.
+  EXPECT_THAT(refusal_of("SELECT a FROM b" + repeated(", /b/", 101)), testing::HasSubstr("more than 100 regular"));
+  EXPECT_EQ(refusal_of("SELECT a FROM b" + repeated(", /b/", 100)), "accepted");
   EXPECT_THAT(refusal_of(repeated("SHOW DATABASES;", 1'001)), testing::HasSubstr("more than 1000 statements"));
+}
+
+// A zero byte ended the message before its position.
+TEST(InfluxqlParser, ControlCharactersAreNotInMessages) {
+  using namespace std::string_literals;
+  EXPECT_EQ(refusal_of("SHOW\0SERIES"s),
+            "error parsing query: found ?, expected DATABASES, FIELD, MEASUREMENTS, SERIES, TAG at line 1, char 5");
+  EXPECT_EQ(refusal_of("SELECT a FROM /(\0\x1b\x7f/"s),
+            "error parsing query: regular expression: missing ): (??? at line 1, char 15");
 }
 
 TEST(InfluxqlParser, TimesOfTheCondition) {

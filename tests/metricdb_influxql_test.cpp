@@ -1,4 +1,5 @@
 // InfluxQL: the answers to statements.
+#include <array>
 #include <limits>
 
 #include "influxql_support.h"
@@ -114,6 +115,7 @@ TEST(Influxql, ConditionsOnTags) {
       {"host =~ /^[a]$/", A},
       {"host !~ /a/", B},
       {"host =~ /c/", NONE},
+      {"host =~ /a\\/|^b\\/?$/", B},
       {"host = 'a' AND zone = 'y'", NONE},
       {"host = 'a' OR zone = 'y'", B},
       {"host = 'b' OR host = 'a' AND zone = 'y'", B},
@@ -247,6 +249,15 @@ TEST(Influxql, Derivatives) {
       // The window before the range gives the first one a value.
       {"SELECT derivative(max(free), 1s) FROM mem WHERE time >= 10s AND time <= 20s GROUP BY time(10s)",
        SERIES(R"("name":"mem","columns":["time","derivative"],"values":[[10,-4],[20,8]])")},
+      // It is not a row of the result.
+      {"SELECT derivative(max(free), 1s), max(free) FROM mem WHERE time >= 10s AND time <= 20s GROUP BY time(10s)",
+       SERIES(R"("name":"mem","columns":["time","derivative","max"],"values":[[10,-4,60],[20,8,140]])")},
+      {"SELECT derivative(max(free), 1s), max(free) FROM mem WHERE time >= 10s AND time <= 20s GROUP BY time(10s) "
+       "fill(none)",
+       SERIES(R"("name":"mem","columns":["time","derivative","max"],"values":[[10,-4,60],[20,8,140]])")},
+      {"SELECT derivative(max(free), 1s), max(free) FROM mem WHERE time >= 0 AND time <= 20s GROUP BY time(10s) "
+       "fill(none)",
+       SERIES(R"("name":"mem","columns":["time","derivative","max"],"values":[[0,null,100],[10,-4,60],[20,8,140]])")},
       {"SELECT derivative(last(load), 1s) FROM cpu WHERE host = 'b' GROUP BY time(10s)",
        SERIES(R"("name":"cpu","columns":["time","derivative"],"values":[[10,1],[60,0.2]])")},
       {"SELECT derivative(last(load), 1s) FROM cpu WHERE host = 'b' GROUP BY time(20s) fill(previous)",
@@ -299,6 +310,31 @@ TEST(Influxql, Listings) {
        R"({"statement_id":2,"error":"not executed"})"},
   };
   expect_results(two_hosts(), rows);
+}
+
+// Of points with the same time the greater value is selected, and of the same value the earlier point. Fails if the order
+// of the series decides.
+TEST(Influxql, SelectedPointsOfSeveralSeries) {
+  MemorySource source;
+  source.add("up", {{"i", "0"}}, "v", points_at_seconds({{1, 1}, {5, 1}}));
+  source.add("up", {{"i", "1"}}, "v", points_at_seconds({{1, 2}, {5, 2}}));
+  source.add("down", {{"i", "0"}}, "v", points_at_seconds({{1, 2}, {5, 2}}));
+  source.add("down", {{"i", "1"}}, "v", points_at_seconds({{1, 1}, {5, 1}}));
+  source.add("late", {{"i", "0"}}, "v", points_at_seconds({{5, 2}}));
+  source.add("late", {{"i", "1"}}, "v", points_at_seconds({{1, 2}}));
+  for (const auto &[function, up_and_down, late] : std::vector<std::array<const char *, 3>>{{"first", "[1,2]", "[1,2]"},
+                                                                                            {"last", "[5,2]", "[5,2]"},
+                                                                                            {"min", "[1,1]", "[1,2]"},
+                                                                                            {"max", "[1,2]", "[1,2]"}})
+    for (const auto &[measurement, row] : std::vector<std::pair<const char *, const char *>>{
+             {"up", up_and_down}, {"down", up_and_down}, {"late", late}}) {
+      const std::string text = fmt::format("SELECT {}(v) FROM {}", function, measurement);
+      const std::string results =
+          fmt::format(R"({{"statement_id":0,"series":[{{"name":"{}","columns":["time","{}"],"values":[{}]}}]}})",
+                      measurement, function, row);
+      const StatementRow statement{text.c_str(), results.c_str()};
+      expect_results(source, {&statement, 1});
+    }
 }
 
 TEST(Influxql, PointsThatAreNotNumbersOrRepeatATime) {
@@ -377,6 +413,48 @@ TEST(Influxql, Limits) {
     } catch (const influxql::ExecutionFailed &error) {
       EXPECT_STREQ(error.what(), row.error);
     }
+  }
+}
+
+TEST(Influxql, InterruptedQueries) {
+  MemorySource source;
+  for (int i = 0; i < 1'000; ++i) source.add("m", {{"host", std::to_string(i)}}, "v", points_at_seconds({{i, i}}));
+  int n_asked = 0;
+  InfluxqlRequest request{.text = "SELECT mean(v) FROM m GROUP BY host; SHOW DATABASES"};
+  request.is_interrupted = [&] { return ++n_asked == 20; };
+  EXPECT_EQ(answer_influxql(source, request, {}).body,
+            "{\"results\":[{\"statement_id\":0,\"error\":\"query interrupted\"},"
+            "{\"statement_id\":1,\"error\":\"not executed\"}]}\n");
+  // Four times while series were searched.
+  EXPECT_EQ(source.n_read, 15U);
+  n_asked = 17;
+  request.text = "SHOW SERIES";
+  EXPECT_THAT(answer_influxql(source, request, {}).body, testing::HasSubstr("query interrupted"));
+}
+
+// Only rows that can be in the page are kept. Fails if a limit of memory counts the others, or if the page lacks rows.
+TEST(Influxql, PagesOfManySeries) {
+  MemorySource source;
+  for (int i = 0; i < 3'000; ++i)
+    source.add("m", {{"host", fmt::format("{:04}", i)}}, "v", points_at_seconds({{i, i}, {4'000, i}, {9'000 - i, i}}));
+  static const struct {
+    const char *order;
+    std::vector<std::pair<int64_t, double>> rows;
+  } rows[] = {
+      {"LIMIT 3 OFFSET 1", {{1, 1}, {2, 2}, {3, 3}}},
+      {"LIMIT 2 OFFSET 2999", {{2'999, 2'999}, {4'000, 0}}},
+      {"ORDER BY time DESC LIMIT 2 OFFSET 2", {{8'998, 2}, {8'997, 3}}},
+      {"ORDER BY time DESC LIMIT 2 OFFSET 2999", {{6'001, 2'999}, {4'000, 2'999}}},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.order);
+    const auto statement = influxql::parse_statements(fmt::format("SELECT v FROM m {}", row.order), 0).at(0);
+    const auto results = influxql::execute({source, {}, 0, {.n_cells = 8'000}}, statement);
+    ASSERT_EQ(results.size(), 1U);
+    std::vector<std::pair<int64_t, double>> found;
+    for (size_t i = 0; i < results[0].n_rows(); ++i)
+      found.emplace_back(results[0].times_ns[i] / SECOND_NS, results[0].cells[i].number);
+    EXPECT_EQ(found, row.rows);
   }
 }
 

@@ -57,7 +57,8 @@ InfluxqlAnswer answer_influxql(const SeriesSource &source, const InfluxqlRequest
   }
   const auto renderer = request.csv ? influxql::make_csv_renderer(request, answer.body)
                                     : influxql::make_json_renderer(request, answer.body);
-  answer_statements({source, databases, request.now_ns}, statements, *renderer, answer.body);
+  answer_statements({source, databases, request.now_ns, {}, request.is_interrupted}, statements, *renderer,
+                    answer.body);
   renderer->finish();
   return answer;
 }

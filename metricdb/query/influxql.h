@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,9 @@ struct InfluxqlRequest {
   bool csv = false;           // CSV instead of JSON; its times are always numbers
   size_t chunk_size = 10000;  // at least 1
   int64_t now_ns = 0;         // value of now()
+  // Asked again and again, at least before each series is read. If it returns true the statement fails with "query
+  // interrupted", and the others are not executed. None: nothing interrupts a query.
+  std::function<bool()> is_interrupted = {};
 };
 
 struct InfluxqlAnswer {

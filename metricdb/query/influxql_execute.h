@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <string>
 #include <vector>
@@ -25,7 +26,11 @@ struct Environment {
   std::span<const std::string> databases;
   int64_t now_ns = 0;
   Limits limits = {};
+  std::function<bool()> is_interrupted = {};
 };
+
+// Throws ExecutionFailed if the query is interrupted.
+void check_interruption(const Environment &environment);
 
 // Throws ExecutionFailed.
 std::vector<ResultSeries> execute(const Environment &environment, const Statement &statement);

@@ -53,7 +53,8 @@ void refuse_statement(std::string_view text, size_t offset, std::string_view why
   const std::string_view line = before.substr(feed == before.npos ? 0 : feed + 1);
   const auto n_characters =
       static_cast<ptrdiff_t>(line.size()) - std::count_if(line.begin(), line.end(), continues_character);
-  throw BadStatement(fmt::format("error parsing query: {} at line {}, char {}", why, n_lines + 1, n_characters + 1));
+  throw BadStatement(
+      fmt::format("error parsing query: {} at line {}, char {}", printable(why), n_lines + 1, n_characters + 1));
 }
 
 // Returns whether a comment was there.
@@ -73,6 +74,13 @@ void Lexer::skip_blanks() {
   do {
     while (pos_ < text_.size() && is_blank(text_[pos_])) ++pos_;
   } while (skip_comment());
+}
+
+std::string printable(std::string_view text) {
+  std::string shown(text);
+  const auto is_control = [](char byte) { return static_cast<unsigned char>(byte) < ' ' || byte == 0x7f; };
+  std::replace_if(shown.begin(), shown.end(), is_control, '?');
+  return shown;
 }
 
 Token Lexer::next() {
@@ -179,11 +187,8 @@ Token Lexer::read_pattern(size_t offset) {
   token.kind = TokenKind::pattern;
   token.offset = offset;
   for (pos_ = offset + 1; pos_ < text_.size() && text_[pos_] != '/' && text_[pos_] != '\n'; ++pos_) {
-    if (text_[pos_] == '\\' && pos_ + 1 < text_.size() && text_[pos_ + 1] != '\n') {
-      // The grammar's escape is removed. All others belong to the expression.
-      if (text_[pos_ + 1] != '/') token.text += '\\';
-      ++pos_;
-    }
+    // An escape belongs to the expression, also that of a slash.
+    if (text_[pos_] == '\\' && pos_ + 1 < text_.size() && text_[pos_ + 1] != '\n') token.text += text_[pos_++];
     token.text += text_[pos_];
   }
   if (peek() != '/') refuse_statement(text_, offset, "regular expression without an end");

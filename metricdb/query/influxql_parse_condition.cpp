@@ -10,7 +10,7 @@
 namespace metricdb::influxql {
 namespace {
 
-constexpr size_t COMPARISONS_MAX = 10'000;
+constexpr size_t COMPARISONS_MAX = 1'000;  // each series is compared with all
 
 // A condition, with comparisons of time that are not yet part of the range.
 struct ParsedCondition {
@@ -53,7 +53,7 @@ class ConditionParser {
       reader_.expect_symbol(")");
       return inner;
     }
-    if (++n_comparisons_ > COMPARISONS_MAX) reader_.refuse_at(reader_.current().offset, "more than 10000 comparisons");
+    if (++n_comparisons_ > COMPARISONS_MAX) reader_.refuse_at(reader_.current().offset, "more than 1000 comparisons");
     if (!reader_.is_name() || reader_.is_keyword("NOW")) return parse_reversed_time();
     const bool is_time = reader_.is_keyword("TIME") ||
                          (reader_.current().kind == TokenKind::quoted_name && reader_.current().text == "time");

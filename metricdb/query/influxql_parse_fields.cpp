@@ -10,7 +10,6 @@
 namespace metricdb::influxql {
 namespace {
 
-constexpr size_t FIELDS_MAX = 1'000;
 constexpr size_t OPERATIONS_MAX = 64;  // in a row; each is a level of the tree
 
 constexpr std::pair<std::string_view, Function> FUNCTIONS[] = {
@@ -198,12 +197,11 @@ ReferenceKind parse_reference_kind(TokenReader &reader) {
 std::vector<SelectedField> parse_fields(TokenReader &reader) {
   std::vector<SelectedField> fields;
   do {
-    if (fields.size() == FIELDS_MAX) reader.refuse_at(reader.current().offset, "more than 1000 fields");
     SelectedField field;
     field.expression = parse_sum(reader);
     if (reader.accept_keyword("AS")) field.alias = reader.expect_name();
     fields.push_back(std::move(field));
-  } while (reader.accept_symbol(","));
+  } while (reader.accept_comma(fields.size()));
   return fields;
 }
 

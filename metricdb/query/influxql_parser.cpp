@@ -44,7 +44,7 @@ std::vector<Source> parse_sources(TokenReader &reader) {
   std::vector<Source> sources;
   do {
     sources.push_back(parse_source(reader));
-  } while (reader.accept_symbol(","));
+  } while (reader.accept_comma(sources.size()));
   return sources;
 }
 
@@ -100,7 +100,7 @@ void parse_dimensions(TokenReader &reader, SelectStatement &select) {
       parse_time_dimension(reader, select);
     else
       select.dimensions.push_back(parse_tag_dimension(reader));
-  } while (reader.accept_symbol(","));
+  } while (reader.accept_comma(select.dimensions.size()));
 }
 
 void parse_fill(TokenReader &reader, SelectStatement &select) {
@@ -221,7 +221,7 @@ NameFilter parse_name_filter(TokenReader &reader) {
     reader.expect_symbol("(");
     do {
       filter.names.push_back(reader.expect_name());
-    } while (reader.accept_symbol(","));
+    } while (reader.accept_comma(filter.names.size()));
     reader.expect_symbol(")");
     return filter;
   }

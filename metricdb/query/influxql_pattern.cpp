@@ -4,6 +4,8 @@
 
 #include <stdexcept>
 
+#include "query/influxql_lexer.h"
+
 namespace metricdb::influxql {
 namespace {
 
@@ -20,7 +22,7 @@ Pattern::Pattern(std::string_view text) {
   options.set_log_errors(false);
   options.set_max_mem(PATTERN_MEMORY_BYTES);
   regex_ = std::make_shared<const RE2>(piece_of(text), options);
-  if (!regex_->ok()) throw std::invalid_argument(regex_->error());
+  if (!regex_->ok()) throw std::invalid_argument(printable(regex_->error()));
 }
 
 bool Pattern::matches(std::string_view text) const {

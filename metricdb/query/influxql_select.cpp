@@ -88,6 +88,18 @@ bool is_read(const Columns &columns, const FoundSeries &series) {
   });
 }
 
+// Rows of points are made of series with the same tags, one after another. Aggregates only need an order that is always
+// the same, since a sum depends on it.
+void sort_members(const Columns &columns, Group &group) {
+  if (columns.leaves[0].aggregate)
+    std::sort(group.members.begin(), group.members.end(),
+              [](const FoundSeries *a, const FoundSeries *b) { return a->series < b->series; });
+  else
+    std::sort(group.members.begin(), group.members.end(), [](const FoundSeries *a, const FoundSeries *b) {
+      return std::tie(a->name.tags, a->name.field) < std::tie(b->name.tags, b->name.field);
+    });
+}
+
 std::vector<Group> groups_of(const SelectStatement &select, const Columns &columns,
                              const std::vector<FoundSeries> &series) {
   const Names dimensions = dimensions_of(select, tags_of(series));
@@ -102,9 +114,7 @@ std::vector<Group> groups_of(const SelectStatement &select, const Columns &colum
   for (auto &[values, group] : groups) {
     auto value = values.begin();
     for (const std::string &dimension : dimensions) group.tags.emplace_back(dimension, *value++);
-    std::sort(group.members.begin(), group.members.end(), [](const FoundSeries *a, const FoundSeries *b) {
-      return std::tie(a->name.tags, a->name.field) < std::tie(b->name.tags, b->name.field);
-    });
+    sort_members(columns, group);
     sorted.push_back(std::move(group));
   }
   return sorted;
@@ -184,6 +194,7 @@ std::vector<ResultSeries> execute_select(const Environment &environment, const S
 
 void read_points(const Environment &environment, const FoundSeries &series, int64_t from_ns, int64_t to_ns,
                  std::vector<Point> &points) {
+  check_interruption(environment);
   points.clear();
   environment.source.read(series.series, from_ns, to_ns, points);
   size_t n = 0;

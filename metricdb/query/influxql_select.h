@@ -27,7 +27,7 @@ struct Selection {
   int64_t to_ns = INT64_MAX;
 };
 
-// The series of one result series, sorted by tags and field.
+// The series of one result series. Without aggregates they are sorted by tags and field.
 struct Group {
   std::vector<std::pair<std::string, std::string>> tags;
   std::vector<const FoundSeries *> members;

@@ -10,10 +10,34 @@ namespace metricdb::influxql {
 namespace {
 
 constexpr int64_t DERIVATIVE_UNIT_NS = 1'000'000'000;
+constexpr size_t UNSORTED_ROWS = 500;
 
 void check_cells(const Selection &selection, const ResultSeries &result) {
   const size_t n_max = selection.environment.limits.n_cells;
-  if (result.cells.size() > n_max) throw ExecutionFailed(fmt::format("more than {} values in the result", n_max));
+  if (std::max(result.cells.size(), result.texts.size()) > n_max)
+    throw ExecutionFailed(fmt::format("more than {} values in the result", n_max));
+}
+
+void erase_rows(ResultSeries &result, size_t begin, size_t n) {
+  const auto time = result.times_ns.begin() + static_cast<ptrdiff_t>(begin);
+  result.times_ns.erase(time, time + static_cast<ptrdiff_t>(n));
+  const auto n_cells = static_cast<ptrdiff_t>(result.n_cells_of_row());
+  const auto cell = result.cells.begin() + static_cast<ptrdiff_t>(begin) * n_cells;
+  result.cells.erase(cell, cell + static_cast<ptrdiff_t>(n) * n_cells);
+}
+
+// The number of rows from which the page is cut; the maximum for all.
+uint64_t n_rows_to_page(const SelectStatement &select) {
+  const Page &page = select.rows;
+  uint64_t n_max;
+  return page.limit == 0 || __builtin_add_overflow(page.limit, page.offset, &n_max) ? UINT64_MAX : n_max;
+}
+
+// Erases rows after `begin` that are not in the page, since they are sorted by time.
+void cut_rows(const SelectStatement &select, size_t begin, ResultSeries &result) {
+  const uint64_t n_max = n_rows_to_page(select);
+  const size_t n = result.times_ns.size() - begin;
+  if (n > n_max) erase_rows(result, begin + (select.is_descending ? 0 : n_max), n - n_max);
 }
 
 // Reads the points of series with the same tags, and appends their rows.
@@ -34,8 +58,11 @@ class RowSelector {
     }
     set_texts(*members[0]);
     const size_t n_before = result_.times_ns.size();
-    merge_by_time(lists_, [&](int64_t ts_ns, std::span<const double> values) { add_row(n_before, ts_ns, values); });
-    cut_front(n_before);
+    const size_t n_max = selection_.select.is_descending ? SIZE_MAX : n_rows_to_page(selection_.select);
+    merge_by_time(lists_, [&](int64_t ts_ns, std::span<const double> values) {
+      if (result_.times_ns.size() - n_before < n_max) add_row(ts_ns, values);
+    });
+    cut_rows(selection_.select, n_before, result_);
   }
 
  private:
@@ -52,15 +79,7 @@ class RowSelector {
     }
   }
 
-  // Rows that the page has in any order of the groups.
-  uint64_t n_rows_max() const {
-    const Page &page = selection_.select.rows;
-    uint64_t n_max;
-    return page.limit == 0 || __builtin_add_overflow(page.limit, page.offset, &n_max) ? UINT64_MAX : n_max;
-  }
-
-  void add_row(size_t n_before, int64_t ts_ns, std::span<const double> values) {
-    if (!selection_.select.is_descending && result_.times_ns.size() - n_before >= n_rows_max()) return;
+  void add_row(int64_t ts_ns, std::span<const double> values) {
     result_.times_ns.push_back(ts_ns);
     for (const Column &column : selection_.columns.columns) {
       const std::optional<size_t> i = column.only_leaf();
@@ -70,18 +89,6 @@ class RowSelector {
         result_.cells.push_back(cell_of(calculator_.value(column, values)));
     }
     check_cells(selection_, result_);
-  }
-
-  // In descending order the page has the last rows.
-  void cut_front(size_t n_before) {
-    const size_t n_added = result_.times_ns.size() - n_before;
-    if (n_added <= n_rows_max()) return;
-    const size_t n_cut = n_added - n_rows_max();
-    const auto cells_of = [&](size_t n_rows) { return static_cast<ptrdiff_t>(n_rows * result_.n_cells_of_row()); };
-    const auto time = result_.times_ns.begin() + static_cast<ptrdiff_t>(n_before);
-    result_.times_ns.erase(time, time + static_cast<ptrdiff_t>(n_cut));
-    const auto cell = result_.cells.begin() + cells_of(n_before);
-    result_.cells.erase(cell, cell + cells_of(n_cut));
   }
 
   const Selection &selection_;
@@ -135,6 +142,11 @@ void select_rows(const Selection &selection, const Group &group, ResultSeries &r
   for (size_t begin = 0, end = 0; begin < all.size(); begin = end) {
     while (end < all.size() && all[end]->name.tags == all[begin]->name.tags) ++end;
     selector.add(all.subspan(begin, end - begin));
+    // Many series of which a page has few rows would need memory for all of their first rows.
+    if (result.times_ns.size() / 2 < UNSORTED_ROWS || result.times_ns.size() / 2 < n_rows_to_page(selection.select))
+      continue;
+    sort_by_time(result);
+    cut_rows(selection.select, 0, result);
   }
   sort_by_time(result);
 }

@@ -68,11 +68,13 @@ class WindowSelector {
     cover(grid_.number_of(points_.front().ts_ns), grid_.number_of(points_.back().ts_ns));
     if (!has_points_) cover_range();
     has_points_ = true;
+    std::vector<Aggregation *> wanted;
+    for (size_t i = 0; i < aggregations_.size(); ++i)
+      if (selection_.columns.leaves[i].name == member.name.field) wanted.push_back(&aggregations_[i]);
     for (std::span<const Point> rest(points_); !rest.empty();) {
       const size_t n = grid_.length_of_run(rest);
       const auto window = static_cast<size_t>(grid_.number_of(rest[0].ts_ns) - first_number_);
-      for (size_t i = 0; i < aggregations_.size(); ++i)
-        if (selection_.columns.leaves[i].name == member.name.field) add(aggregations_[i], window, rest.first(n));
+      for (Aggregation *const aggregation : wanted) add(*aggregation, window, rest.first(n));
       rest = rest.subspan(n);
     }
   }

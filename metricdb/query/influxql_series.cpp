@@ -5,8 +5,12 @@
 #include <algorithm>
 #include <set>
 
+#include "query/influxql_lexer.h"
+
 namespace metricdb::influxql {
 namespace {
+
+constexpr size_t VISITS_OF_CHECK = 256;  // few, since a condition can have a thousand comparisons
 
 // The values that every series has that fulfils the condition.
 void collect_exact_tags(const Condition &condition, SeriesFilter &filter) {
@@ -54,10 +58,14 @@ bool fulfils(const Condition &condition, const SeriesName &name) {
   return false;
 }
 
+void check_interruption(const Environment &environment) {
+  if (environment.is_interrupted && environment.is_interrupted()) throw ExecutionFailed("query interrupted");
+}
+
 void check_database(const Environment &environment, const std::string &database) {
   const auto &all = environment.databases;
   if (!database.empty() && std::find(all.begin(), all.end(), database) == all.end())
-    throw ExecutionFailed(fmt::format("database not found: {}", database));
+    throw ExecutionFailed(fmt::format("database not found: {}", printable(database)));
 }
 
 void for_each_matching(const Environment &environment, const std::vector<Source> &sources, const Condition &condition,
@@ -67,15 +75,19 @@ void for_each_matching(const Environment &environment, const std::vector<Source>
   filter.field = field;
   collect_exact_tags(condition, filter);
   size_t n_found = 0;
+  size_t n_visited = 0;
   const auto visit_matching = [&](uint32_t series, const SeriesName &name) {
+    if (n_visited++ % VISITS_OF_CHECK == 0) check_interruption(environment);
     if (field && name.field != *field) return;
-    if (!is_from(sources, name.measurement) || !fulfils(condition, name)) return;
+    if (!fulfils(condition, name)) return;
     if (++n_found > environment.limits.n_series)
       throw ExecutionFailed(fmt::format("more than {} series match", environment.limits.n_series));
     visit(series, name);
   };
   if (sources.empty() || has_pattern(sources)) {
-    environment.source.for_each_series(filter, visit_matching);
+    environment.source.for_each_series(filter, [&](uint32_t series, const SeriesName &name) {
+      if (is_from(sources, name.measurement)) visit_matching(series, name);
+    });
     return;
   }
   std::set<std::string> measurements;

@@ -10,6 +10,8 @@ namespace metricdb::influxql {
 namespace {
 
 constexpr size_t SHOWN_BYTES_MAX = 60;
+constexpr size_t ENTRIES_MAX = 1'000;  // of a list
+constexpr size_t PATTERNS_MAX = 100;   // of all statements; each has memory for its automaton
 
 // Names must be quoted if they are one of these: the grammar has them where a name can end.
 constexpr std::string_view RESERVED[] = {"AND",   "AS",     "ASC",  "BY",     "CREATE",  "DESC",  "FROM",
@@ -86,8 +88,14 @@ double TokenReader::expect_number() {
   return is_negative ? -number : number;
 }
 
+bool TokenReader::accept_comma(size_t n_entries) {
+  if (is_symbol(",") && n_entries >= ENTRIES_MAX) refuse_at(token_.offset, "more than 1000 entries of a list");
+  return accept_symbol(",");
+}
+
 Pattern TokenReader::expect_pattern() {
   if (!is_pattern()) refuse_found("regex");
+  if (++n_patterns_ > PATTERNS_MAX) refuse_at(token_.offset, "more than 100 regular expressions");
   const Token pattern = lexer_.read_pattern(token_.offset);
   advance();
   try {

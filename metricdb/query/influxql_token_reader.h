@@ -35,6 +35,9 @@ class TokenReader {
   double expect_number();  // may be negative
   Pattern expect_pattern();
 
+  // Advances over a comma, which is followed by another entry of a list. Throws BadStatement if the list is too long.
+  bool accept_comma(size_t n_entries);
+
   [[noreturn]] void refuse_found(std::string_view expected) const;
   [[noreturn]] void refuse_at(size_t offset, std::string_view why) const { refuse_statement(text_, offset, why); }
 
@@ -61,6 +64,7 @@ class TokenReader {
   Lexer lexer_;
   Token token_;
   int depth_ = 0;
+  size_t n_patterns_ = 0;
 };
 
 // influxql_parse_fields.cpp: the list of fields of a SELECT.
