@@ -9,23 +9,14 @@
 #include <cstring>
 #include <utility>
 
+#include "net/descriptor.h"
+
 namespace metricdb {
 namespace {
 
-class Descriptor {
- public:
-  explicit Descriptor(const std::string &path)
-      : fd_(path == "-" ? dup(STDIN_FILENO) : open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
-  ~Descriptor() {
-    if (fd_ >= 0) close(fd_);
-  }
-  Descriptor(const Descriptor &) = delete;
-  Descriptor &operator=(const Descriptor &) = delete;
-  int get() const { return fd_; }
-
- private:
-  const int fd_;
-};
+int opened(const std::string &path) {
+  return path == "-" ? dup(STDIN_FILENO) : open(path.c_str(), O_RDONLY | O_CLOEXEC);
+}
 
 [[noreturn]] void fail_input(const std::string &name) {
   const int error = errno;
@@ -38,7 +29,7 @@ Input::Input(std::string path) : path_(std::move(path)), name_(path_ == "-" ? "s
 
 std::string_view Input::text() {
   if (text_) return *text_;
-  const Descriptor file(path_);
+  const Descriptor file(opened(path_));
   struct stat status {};
   if (file.get() < 0 || fstat(file.get(), &status) != 0) fail_input(name_);
   readable_again_ = S_ISREG(status.st_mode) && path_ != "-";

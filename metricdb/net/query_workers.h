@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "net/listener.h"
+#include "net/descriptor.h"
 
 namespace metricdb {
 
