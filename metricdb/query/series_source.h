@@ -3,28 +3,12 @@
 
 #include <cstdint>
 #include <functional>
-#include <optional>
-#include <string>
-#include <utility>
 #include <vector>
 
 #include "codec/point.h"
+#include "store/series_name.h"
 
 namespace metricdb {
-
-// A series key "cpu,host=a,zone=b idle" taken apart, without escapes.
-struct SeriesName {
-  std::string measurement;
-  std::vector<std::pair<std::string, std::string>> tags;  // sorted by name
-  std::string field;
-};
-
-// Conditions that each wanted series fulfils. A source uses them to visit fewer series.
-struct SeriesFilter {
-  std::optional<std::string> measurement;
-  std::optional<std::string> field;
-  std::vector<std::pair<std::string, std::string>> tags;  // with exactly these values
-};
 
 class SeriesSource {
  public:
