@@ -123,7 +123,7 @@ TEST(HttpReader, MemoryFollowsReceivedBytes) {
         rest.remove_prefix(n);
         outcome = reader.read(input);
         // Memory depends on the received bytes, not on the announced length.
-        EXPECT_LE(pool.lent_bytes(), std::max<size_t>(8 << 20, 8 * (stream.size() - rest.size())));
+        EXPECT_LE(pool.lent_bytes(), std::max(BlockPool::MIN_BYTES, 5 * (stream.size() - rest.size())));
       }
       ASSERT_EQ(outcome, HttpReader::Outcome::request);
       EXPECT_TRUE(reader.request().body == body);

@@ -63,10 +63,11 @@ std::string ports_line(const ServeArguments &arguments, const Server &server) {
 
 std::string counters_line(const ServerCounters &counters) {
   return fmt::format(
-      "served           {} connections, {} turned away; {} requests, {} bytes; {} points, {} malformed lines, "
+      "served           {} connections, {} turned away, {} stalled; {} requests, {} bytes; {} points, {} malformed "
+      "lines, "
       "{} refused\n",
-      counters.accepted, counters.turned_away, counters.requests, counters.bytes, counters.points, counters.malformed,
-      counters.refused);
+      counters.accepted, counters.turned_away, counters.stalled, counters.requests, counters.bytes, counters.points,
+      counters.malformed, counters.refused);
 }
 
 }  // namespace

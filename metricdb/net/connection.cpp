@@ -219,6 +219,11 @@ void Connection::check_time() {
   }
 }
 
+Clock::duration Connection::stalled_for() const {
+  const bool is_waited_for = is_inside_request() && !is_input_over_ && !is_readable_ && !is_deferred_;
+  return is_waited_for && pending_.empty() && input_.capacity() != 0 ? hub_.now - last_activity_ : Clock::duration(0);
+}
+
 void Connection::drain() {
   int unread = 0;
   is_draining_ = true;

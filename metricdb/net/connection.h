@@ -47,7 +47,7 @@ struct Hub {
   size_t unanswered_bytes = 0;  // passed to the Ingest and not settled
   size_t open_bytes = 0;        // of these, not committed yet
   bool has_open_points = false;
-  Counter accepted, closed, turned_away, requests, bytes, points, malformed, refused;
+  Counter accepted, closed, turned_away, stalled, requests, bytes, points, malformed, refused;
 };
 
 // Tickets of refused batches that were just settled, each with its reason.
@@ -71,6 +71,11 @@ class Connection {
   void check_time();
   // From here on only bytes that have already arrived are received.
   void drain();
+  // Returns for how long the peer has sent nothing of an incomplete request that uses memory; zero if there is none, and
+  // if the peer waits for the server.
+  Clock::duration stalled_for() const;
+  // Closes a stalled connection, to use its memory for others.
+  void give_up() { close_with_error("stalled while memory was short"); }
 
   // Whether `process` has something to do.
   bool is_ready() const;

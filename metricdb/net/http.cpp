@@ -12,10 +12,6 @@ namespace {
 // Request line and headers. Agents send some hundred bytes; a target with a statement can have some thousand.
 constexpr size_t MAX_HEAD_BYTES = size_t{16} << 10;
 
-// Room for a body of known length that is allocated at once, when the first block is full. Further room depends on the
-// received bytes, so that a client cannot reserve memory by announcing a large body.
-constexpr size_t FIRST_BODY_BYTES = size_t{4} << 20;
-
 char lower(char byte) {
   return byte >= 'A' && byte <= 'Z' ? static_cast<char>(byte - 'A' + 'a') : byte;
 }
@@ -100,8 +96,9 @@ bool HttpReader::is_asked_to_continue(const ByteBuffer &input) const {
 size_t HttpReader::room_wanted(const ByteBuffer &input) const {
   if (!is_head_whole_ || is_whole_) return BlockPool::MIN_BYTES / 2;
   if ((parser_.flags & F_CHUNKED) != 0) return std::max(input.size(), BlockPool::MIN_BYTES / 2);
-  // The parser decrements content_length while it parses the body.
-  return std::min<size_t>(parser_.content_length, std::max(FIRST_BODY_BYTES, 3 * input.size()));
+  // Room follows the bytes that have arrived, because a client can announce a large body and send nothing. The parser
+  // decrements content_length while it parses the body.
+  return std::min<size_t>(parser_.content_length, std::max(BlockPool::MIN_BYTES / 2, 3 * input.size()));
 }
 
 int HttpReader::refuse(http_status status, std::string reason) {

@@ -69,6 +69,8 @@ class Server::Loop {
   void turn_away(const char *why);
   void process_active();
   void after_processing(Place &place);
+  void remove(Place &place);
+  bool close_stalled();
   void commit();
   void settle();
   void resume_held();
@@ -90,10 +92,11 @@ class Server::Loop {
   // one is processed without effect.
   std::vector<Place> places_;
   size_t n_connections_ = 0;
-  Fds active_;    // to process in the next round
-  Fds ingested_;  // with lines in the open batch
-  Fds waiting_;   // for the Ingest
-  Fds held_;      // by limits that other connections can cause
+  int current_ = -1;  // being processed
+  Fds active_;        // to process in the next round
+  Fds ingested_;      // with lines in the open batch
+  Fds waiting_;       // for the Ingest
+  Fds held_;          // by limits that other connections can cause
   std::deque<Batch> batches_;
   bool is_settled_readable_ = false;
   bool is_turning_away_ = false;
@@ -110,6 +113,7 @@ Server::Loop::Loop(const ServerOptions &options, Ingest &ingest)
       graphite_(options.address, options.graphite_port) {
   if (stop_.get() < 0 || epoll_.get() < 0) fail("server");
   if (fcntl(epoll_.get(), F_SETFD, FD_CLOEXEC) != 0) fail("epoll");
+  hub_.blocks.set_reclaim([this] { return close_stalled(); });
   watch(stop_.get(), EPOLLIN);
   watch(ingest.settled_fd(), EPOLLIN);
   for (const Listener *listener : {&influx_, &graphite_})
@@ -226,7 +230,9 @@ void Server::Loop::process_active() {
     Place &place = places_[static_cast<size_t>(fd)];
     place.is_active = false;
     if (!place.connection) continue;
+    current_ = fd;
     place.connection->process();
+    current_ = -1;
     after_processing(place);
   }
 }
@@ -234,11 +240,7 @@ void Server::Loop::process_active() {
 void Server::Loop::after_processing(Place &place) {
   Connection &connection = *place.connection;
   const int fd = connection.fd();
-  if (connection.is_finished()) {
-    place.connection.reset();
-    --n_connections_;
-    return;
-  }
+  if (connection.is_finished()) return remove(place);
   if (connection.waits_for_ingest()) {
     ingested_.push_back(fd);
     if (!std::exchange(place.is_waiting, true)) waiting_.push_back(fd);
@@ -247,6 +249,29 @@ void Server::Loop::after_processing(Place &place) {
     activate(place);
   else if (connection.is_held() && !std::exchange(place.is_held, true))
     held_.push_back(fd);
+}
+
+void Server::Loop::remove(Place &place) {
+  place.connection.reset();
+  --n_connections_;
+}
+
+// Called when memory is short. Closes one connection, and never the one that needs the memory.
+bool Server::Loop::close_stalled() {
+  Place *longest = nullptr;
+  Clock::duration stalled_for = hub_.options.stall_timeout;
+  for (Place &place : places_) {
+    if (!place.connection || place.connection->fd() == current_) continue;
+    const Clock::duration candidate = place.connection->stalled_for();
+    if (candidate == Clock::duration(0) || candidate < stalled_for) continue;
+    longest = &place;
+    stalled_for = candidate;
+  }
+  if (longest == nullptr) return false;
+  hub_.stalled.add(1);
+  longest->connection->give_up();
+  remove(*longest);
+  return true;
 }
 
 void Server::Loop::commit() {
@@ -329,6 +354,7 @@ ServerCounters Server::Loop::counters() const {
   counters.accepted = hub_.accepted.value();
   counters.connections = counters.accepted - std::min(hub_.closed.value(), counters.accepted);
   counters.turned_away = hub_.turned_away.value();
+  counters.stalled = hub_.stalled.value();
   counters.requests = hub_.requests.value();
   counters.bytes = hub_.bytes.value();
   counters.points = hub_.points.value();

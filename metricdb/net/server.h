@@ -37,6 +37,9 @@ struct ServerOptions {
   size_t max_connection_bytes = size_t{48} << 20;  // the same per connection
   size_t max_buffered_bytes = size_t{512} << 20;   // of incomplete requests, in total; then the answer is 503
 
+  // When memory for incomplete requests is short, the connection that has sent nothing for longest is closed, if it has
+  // sent nothing for this long. Only if there is none, the answer is 503.
+  std::chrono::milliseconds stall_timeout{1'000};
   std::chrono::milliseconds idle_timeout{600'000};    // without receiving or sending
   std::chrono::milliseconds request_timeout{60'000};  // from the first byte of a request, or of a line, to its last one
   std::chrono::milliseconds drain_timeout{10'000};    // from `stop` until `run` returns
@@ -46,6 +49,7 @@ struct ServerCounters {
   uint64_t connections = 0;  // open now
   uint64_t accepted = 0;
   uint64_t turned_away = 0;  // over the limit
+  uint64_t stalled = 0;      // closed because memory was short
   uint64_t requests = 0;     // over HTTP, of all kinds
   uint64_t bytes = 0;        // received
   uint64_t points = 0;       // stored
