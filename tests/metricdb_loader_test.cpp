@@ -29,17 +29,57 @@ TEST(Loader, SkipsMalformedLinesAsAWhole) {
   Loader loader(store, Loader::OnFull::stop, [&](uint64_t line, const std::string &reason) {
     messages.push_back(fmt::format("{}: {}", line, reason));
   });
-  loader.load("# a comment\r\n\r\nm a=1,s=\"x\" 1\r\nm a=2,b=3,load 2\nm a=4,b=\"y\n m a=5,b=6\nm a=7," + long_field +
-                  "=8\nm a=9 3",
+  loader.load("# a comment\r\n\r\nm a=1,s=\"x\" 1\r\nm a=2,b=3,load 2\nm a=4,b=\"y\"z\n m a=5,b=6\nm a=7," +
+                  long_field + "=8\nm a=9 3",
               Precision::ns, NOW_NS);
-  EXPECT_EQ(messages, (std::vector<std::string>{"4: field \"load\" has no value",
-                                                "5: the string of field \"b\" has no closing quote",
-                                                "7: a series key is longer than 65534 bytes"}));
+  EXPECT_EQ(messages,
+            (std::vector<std::string>{"4: field \"load\" has no value", "5: text after the string of field \"b\"",
+                                      "7: a series key is longer than 65534 bytes"}));
   EXPECT_EQ(loader.stats().lines, 8u);
   EXPECT_EQ(loader.stats().malformed, 3u);
   EXPECT_EQ(loader.stats().strings_skipped, 1u) << "strings of a skipped line are counted";
   EXPECT_EQ(loader.stats().points, 4u);
   EXPECT_EQ(content_of(store), (Content{{"m a", "1@1 5@77 9@3 "}, {"m b", "6@77 "}}));
+}
+
+// Each row has a line `m f=1 1` that a string contains or that follows the string.
+TEST(Loader, LineFeedsInStringsEndNoLine) {
+  static const struct {
+    const char *fault, *text, *points, *messages;
+  } rows[] = {
+      {"the rest of a string is a line", "m s=\"x\nm f=1 1\n\",g=2 3\nm f=1 1\n", "m f 1@1 |m g 2@3 |", ""},
+      {"carriage returns", "m s=\"x\r\n\",g=2 3\r\nm f=1 1\r\n", "m f 1@1 |m g 2@3 |", ""},
+      {"only one string per line", "m s=\"\n\",t=\"\n\n\",g=2\nm f=1 1", "m f 1@1 |m g 2@77 |", ""},
+      {"an escaped quote ends a string", "m s=\"x\\\"\nm f=2 2\n\\\\\",g=2 3\nm f=1 1", "m f 1@1 |m g 2@3 |", ""},
+      {"the string of a malformed line is ignored", "m g=x,s=\"\nm f=2 2\n\"\nm f=1 1", "m f 1@1 |",
+       "1: field \"g\": \"x\" is not a number, boolean or string|"},
+      {"lines are counted wrongly", "m s=\"\n\n\"\nm f=\nm f=1 1", "m f 1@1 |", "4: field \"f\" has no value|"},
+      {"a string without an end leaves lines", "m f=1 1\nm s=\"x\nm f=2 2\nm f=3 3\n", "m f 1@1 |",
+       "2: the string of field \"s\" has no closing quote|"},
+      {"a quote elsewhere begins a string", "m\"=\"x f=1 1\nm,a=\"b f=1 1\n#=\"\nm f=1\"\nm f=1 1\n",
+       "m f 1@1 |m\"=\"x f 1@1 |m,a=\"b f 1@1 |", "4: field \"f\": \"1\"\" is not a number, boolean or string|"},
+      {"an escaped equals sign begins a value", "m a\\=\"=1 1\nm f=1 1\n", "m a\\=\" 1@1 |m f 1@1 |", ""},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    Store store;
+    std::string messages, points;
+    Loader loader(store, Loader::OnFull::stop,
+                  [&](uint64_t line, const std::string &reason) { messages += fmt::format("{}: {}|", line, reason); });
+    EXPECT_EQ(loader.load(row.text, Precision::ns, NOW_NS), std::strlen(row.text));
+    for (const auto &[key, shown] : content_of(store)) points += key + " " + shown + "|";
+    EXPECT_EQ(points, row.points);
+    EXPECT_EQ(messages, row.messages);
+    expect_checked(checked(store, row.text), store.n_points(), 0, "");
+    // In pieces: each call loads one line with everything that belongs to it.
+    Store other;
+    Loader in_pieces(other, Loader::OnFull::stop, [](uint64_t, const std::string &) {});
+    for (std::string_view rest = row.text; !rest.empty();)
+      rest.remove_prefix(in_pieces.load(rest, Precision::ns, NOW_NS, 1));
+    EXPECT_EQ(content_of(other), content_of(store));
+    EXPECT_EQ(in_pieces.stats().lines, loader.stats().lines);
+    EXPECT_EQ(in_pieces.stats().malformed, loader.stats().malformed);
+  }
 }
 
 TEST(SeriesCache, KeepsTheLastFieldsWithinItsLimit) {

@@ -1,6 +1,7 @@
 // The program with databases: output, refusals that change nothing, and the log.
 
 #include "metricdb_support.h"
+#include "store/database.h"
 
 class Program : public Folder {
  protected:
@@ -98,6 +99,16 @@ TEST_F(Program, RefusesInOneLineAndChangesNothing) {
   fs::resize_file(root_ / "db/generation.1/points.stream", 99);
   for (const char *arguments : {"stat --db db", "series --db db", "snapshot --db db", "load --db db second.lp"})
     expect_refused(arguments, StartsWith("metricdb: db/generation.1/points.stream: has 99 bytes, expected "));
+}
+
+// Lines are passed one at a time, and a line that is too long ends where its string ends.
+TEST_F(Program, IngestReadsStringsWithLineFeeds) {
+  const std::string long_string = repeated("m f=2 2\n", 10'000);
+  write_file(root_ / "strings.lp", "m s=\"\nm f=2 2\n\",g=3 3\nm s=\"" + long_string + "\",h=4 4\nm f=1 1\n");
+  const Outcome outcome = run("ingest --db db --batch-lines 1 strings.lp");
+  EXPECT_EQ(outcome.exit_code, 2) << outcome.err;
+  EXPECT_THAT(outcome.err, HasSubstr("1 lines longer than 65536 bytes"));
+  EXPECT_EQ(content_of(OpenDatabase(path("db")).store()), (Content{{"m f", "1@1 "}, {"m g", "3@3 "}}));
 }
 
 TEST_F(Program, LogsItsProgress) {

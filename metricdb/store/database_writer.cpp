@@ -129,11 +129,8 @@ void DatabaseWriter::load_within_bounds(std::string_view text, Precision precisi
       result_.malformed += text.ends_with('\n') ? 0 : 1;
       return;
     }
-    const size_t feed = text.find('\n', std::min(PIECE_BYTES, text.size()));
-    const size_t piece_bytes = feed == text.npos ? text.size() : feed + 1;
     lines_before_ = loader_->stats().lines - lines_before;
-    loader_->load(text.substr(0, piece_bytes), precision, time_ns);
-    text.remove_prefix(piece_bytes);
+    text.remove_prefix(loader_->load(text, precision, time_ns, PIECE_BYTES));
   }
 }
 

@@ -2,9 +2,21 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <utility>
 
 namespace metricdb {
+namespace {
+
+// Removes bytes from the front, which are whole lines. Returns their number.
+uint64_t remove_lines(std::string_view &text, size_t n_bytes) {
+  if (n_bytes == 0) return 0;
+  const std::string_view removed = text.substr(0, n_bytes);
+  text.remove_prefix(n_bytes);
+  return static_cast<uint64_t>(std::count(removed.begin(), removed.end(), '\n')) + (removed.ends_with('\n') ? 0 : 1);
+}
+
+}  // namespace
 
 Loader::Loader(Store &store, OnFull on_full, Report report)
     : store_(store), on_full_(on_full), report_(std::move(report)) {}
@@ -54,17 +66,21 @@ void Loader::store_fields(const ParsedLine &line, int64_t ts_ns) {
   if (!is_like_last) cache_.keep(line.head, fields_);
 }
 
-void Loader::load(std::string_view text, Precision precision, int64_t now_ns) {
+size_t Loader::load(std::string_view text, Precision precision, int64_t now_ns, size_t max_bytes) {
   parser_.set_precision(precision);
+  const size_t n_bytes = text.size();
   std::string_view line;
-  for (uint64_t number = 1; next_line(text, line); ++number) {
-    ++stats_.lines;
+  uint64_t n_lines = 0;  // of the text, before the current line
+  for (uint64_t n_own = 0; n_bytes - text.size() < max_bytes && next_line(text, line); n_lines += n_own) {
     const LikelyLine likely = cache_.likely(line);
-    const LineParser::Outcome outcome = parser_.parse(line, likely);
+    const LineParser::Outcome outcome = parser_.parse(line, likely, text);
+    const uint64_t number = n_lines + 1;
+    n_own = 1 + remove_lines(text, parser_.n_following());
+    stats_.lines += n_own;
     if (outcome == LineParser::Outcome::nothing) continue;
     const bool fits = outcome == LineParser::Outcome::line && keys_fit();
     if (!fits) {
-      ++stats_.malformed;
+      stats_.malformed += n_own;
       report_(number, outcome == LineParser::Outcome::line
                           ? fmt::format("a series key is longer than {} bytes", Store::MAX_KEY_BYTES)
                           : parser_.reason());
@@ -79,6 +95,7 @@ void Loader::load(std::string_view text, Precision precision, int64_t now_ns) {
       report_(number, full.what());
     }
   }
+  return n_bytes - text.size();
 }
 
 }  // namespace metricdb

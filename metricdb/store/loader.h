@@ -14,11 +14,11 @@
 namespace metricdb {
 
 struct LoadStats {
-  uint64_t lines = 0;   // comments and empty lines included
+  uint64_t lines = 0;   // of text: comments, empty lines and the lines in strings included
   uint64_t points = 0;  // late points included
   uint64_t strings_skipped = 0;
-  uint64_t malformed = 0;
-  uint64_t refused = 0;  // lines without room in the store
+  uint64_t malformed = 0;  // lines of text
+  uint64_t refused = 0;    // lines without room in the store
 };
 
 // The store has no room for a line.
@@ -44,8 +44,10 @@ class Loader {
   // Loads one text. The points of a line are stored together or not at all. Throws LoadStopped with OnFull::stop; the
   // previous lines are stored then.
   //
-  // now_ns  the time of points without a timestamp.
-  void load(std::string_view text, Precision precision, int64_t now_ns);
+  // now_ns     the time of points without a timestamp.
+  // max_bytes  loading ends after the line in which so many bytes are reached.
+  // Result     number of bytes of the text that were loaded: whole lines.
+  size_t load(std::string_view text, Precision precision, int64_t now_ns, size_t max_bytes = std::string_view::npos);
 
   const LoadStats &stats() const { return stats_; }
 

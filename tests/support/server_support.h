@@ -46,7 +46,8 @@ class FakeIngest : public Ingest {
     uint64_t number = 0;
     for (std::string_view line; next_line(text, line);) {
       ++number;
-      const auto outcome = parser.parse(line);
+      const auto outcome = parser.parse(line, {}, text);
+      text.remove_prefix(parser.n_following());
       if (outcome == LineParser::Outcome::malformed && ++taken.malformed == 1)
         taken.first_reason = fmt::format("line {}: {}", number, parser.reason());
       if (outcome != LineParser::Outcome::line) continue;
