@@ -63,11 +63,11 @@ std::string ports_line(const ServeArguments &arguments, const Server &server) {
 
 std::string counters_line(const ServerCounters &counters) {
   return fmt::format(
-      "served           {} connections, {} turned away, {} stalled; {} requests, {} bytes; {} points, {} malformed "
+      "served           {} connections, {} turned away, {} stalled; {} requests, {} bytes; {} points; {} malformed "
       "lines, "
-      "{} refused\n",
+      "{} late, {} in the future, {} without room; {} refused\n",
       counters.accepted, counters.turned_away, counters.stalled, counters.requests, counters.bytes, counters.points,
-      counters.malformed, counters.refused);
+      counters.malformed, counters.late, counters.future, counters.no_room, counters.refused);
 }
 
 }  // namespace
@@ -75,7 +75,11 @@ std::string counters_line(const ServerCounters &counters) {
 int serve(const ServeArguments &arguments) {
   if (!arguments.influx_port && !arguments.graphite_port)
     throw std::runtime_error("nothing to serve: use --influx, --graphite or both");
-  DatabaseWriter writer(arguments.write.db, writer_options_of(arguments.write));
+  WriterOptions writer_options = writer_options_of(arguments.write);
+  writer_options.max_future_ns = arguments.max_future_s * NS_PER_S;
+  writer_options.max_key_bytes = arguments.max_key_bytes;
+  writer_options.max_new_series = arguments.max_new_series;
+  DatabaseWriter writer(arguments.write.db, writer_options);
   report_warnings(writer.warnings());
   ServerOptions options;
   options.address = arguments.address;

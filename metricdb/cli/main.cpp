@@ -13,6 +13,7 @@
 #include "cli/output.h"
 #include "store/log.h"
 #include "store/series_record.h"
+#include "store/store.h"
 
 namespace metricdb {
 namespace {
@@ -186,11 +187,12 @@ CLI::App *add_ingest(CLI::App &app, IngestArguments &arguments) {
 
 const char *const SERVE_FOOTER =
     "Influx: the HTTP interface of InfluxDB 1.x. POST /write answers 204 when all points are durable,\n"
-    "400 with the first reason when some lines were malformed and the rest is durable, 503 or 507 when\n"
-    "no point was stored. /ping and the initial requests of agents to /query are answered too.\n"
+    "400 with the first reason when some lines were malformed, too old or too new and the rest is durable,\n"
+    "503 when lines have no room at the moment, 507 when no point was stored. /ping and the\n"
+    "initial requests of agents to /query are answered too.\n"
     "Graphite: the plaintext protocol, `path[;tag=value] value seconds`, which has no answers.\n"
-    "Limits in time refer to data time, which is the newest timestamp so far. A timestamp in the far\n"
-    "future makes all other points old.\n"
+    "Limits in time refer to data time, which is the newest timestamp so far. --max-future limits how far\n"
+    "one timestamp can move it.\n"
     "SIGTERM and SIGINT: requests that have arrived are processed and answered, then the command ends.\n"
     "\n"
     "Exit: 0 after a signal; 1 a port is in use, DIR cannot be used, or the disk failed.";
@@ -204,6 +206,22 @@ CLI::App *add_serve(CLI::App &app, ServeArguments &arguments) {
   add_port("--influx", arguments.influx_port, "port of the InfluxDB interface; 0: any free port");
   add_port("--graphite", arguments.graphite_port, "port of Graphite's plaintext protocol; 0: any free port");
   command->add_option("--address", arguments.address, "address to listen on")->capture_default_str()->type_name("IP");
+  command
+      ->add_option("--max-future", arguments.max_future_s,
+                   "refuse lines whose timestamp is this much after the clock of this machine")
+      ->check(CLI::Range(int64_t{0}, MAX_SECONDS).description(""))
+      ->capture_default_str()
+      ->type_name("SECONDS");
+  command->add_option("--max-key-bytes", arguments.max_key_bytes, "refuse lines with a longer series key")
+      ->check(CLI::Range(size_t{1}, Store::MAX_KEY_BYTES).description(""))
+      ->capture_default_str()
+      ->type_name("BYTES");
+  command
+      ->add_option("--max-new-series", arguments.max_new_series,
+                   "create at most so many series per request; the answer 503 asks for the rest again")
+      ->check(CLI::Range(uint64_t{1}, uint64_t{1} << 32).description(""))
+      ->capture_default_str()
+      ->type_name("N");
   command->footer(SERVE_FOOTER);
   return command;
 }

@@ -40,6 +40,9 @@ IngestResult Hub::take(std::string_view text, Precision precision) {
   }
   points.add(result.points);
   malformed.add(result.malformed);
+  late.add(result.late);
+  future.add(result.future);
+  no_room.add(result.no_room);
   if (result.points == 0) return result;
   has_open_points = true;
   unanswered_bytes += text.size();

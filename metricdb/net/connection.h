@@ -47,7 +47,7 @@ struct Hub {
   size_t unanswered_bytes = 0;  // passed to the Ingest and not settled
   size_t open_bytes = 0;        // of these, not committed yet
   bool has_open_points = false;
-  Counter accepted, closed, turned_away, stalled, requests, bytes, points, malformed, refused;
+  Counter accepted, closed, turned_away, stalled, requests, bytes, points, malformed, late, future, no_room, refused;
 };
 
 // Tickets of refused batches that were just settled, each with its reason.

@@ -34,7 +34,7 @@ void GraphiteConnection::ingest_lines(std::string_view lines) {
   if (text.empty()) return;
   try {
     const IngestResult result = hub().take(text, Precision::ns);
-    count_malformed(result.malformed, result.first_reason);
+    count_malformed(result.n_skipped(), result.first_reason);
     if (result.points != 0) queue({OPEN_TICKET, text.size(), {}});
   } catch (const IngestRefused &refusal) {
     count_refused(refusal.what());

@@ -139,9 +139,12 @@ HttpAnswer error_answer(http_status status, std::string reason) {
 }
 
 HttpAnswer answer_to(const IngestResult &result) {
-  if (result.malformed == 0) return {};
-  return error_answer(HTTP_STATUS_BAD_REQUEST,
-                      fmt::format("partial write: {} dropped={}", result.first_reason, result.malformed));
+  if (result.n_skipped() == 0) return {};
+  // The client should send the request again if lines had no room, although some points are stored.
+  const bool has_room = result.no_room == 0;
+  return error_answer(has_room ? HTTP_STATUS_BAD_REQUEST : HTTP_STATUS_SERVICE_UNAVAILABLE,
+                      fmt::format("partial write: {} dropped={}", has_room ? result.first_reason : result.room_reason,
+                                  result.n_skipped()));
 }
 
 std::optional<HttpAnswer> InfluxApi::answer_to_head(const HttpRequest &request) {

@@ -359,6 +359,9 @@ ServerCounters Server::Loop::counters() const {
   counters.bytes = hub_.bytes.value();
   counters.points = hub_.points.value();
   counters.malformed = hub_.malformed.value();
+  counters.late = hub_.late.value();
+  counters.future = hub_.future.value();
+  counters.no_room = hub_.no_room.value();
   counters.refused = hub_.refused.value();
   return counters;
 }

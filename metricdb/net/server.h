@@ -53,7 +53,10 @@ struct ServerCounters {
   uint64_t requests = 0;     // over HTTP, of all kinds
   uint64_t bytes = 0;        // received
   uint64_t points = 0;       // stored
-  uint64_t malformed = 0;    // lines
+  uint64_t malformed = 0;    // lines; the next three are skipped lines too
+  uint64_t late = 0;         // older than the retention
+  uint64_t future = 0;       // too far after the server's clock
+  uint64_t no_room = 0;      // in requests of which other lines were stored
   uint64_t refused = 0;      // requests, or pieces of a Graphite stream, whose lines were refused
 };
 

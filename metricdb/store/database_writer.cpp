@@ -65,10 +65,9 @@ void DatabaseWriter::read_store() {
   loader_.reset();
   store_.reset();
   store_.emplace(store_of(folder_, *durable_, {}));
-  loader_ =
-      std::make_unique<Loader>(*store_, Loader::OnFull::skip_line, [this](uint64_t line, const std::string &reason) {
-        if (result_.malformed++ == 0) result_.first_reason = fmt::format("line {}: {}", lines_before_ + line, reason);
-      });
+  loader_ = std::make_unique<Loader>(
+      *store_, Loader::OnFull::skip_line,
+      [this](uint64_t line, const std::string &reason) { on_skipped_line(lines_before_ + line, reason); });
 }
 
 // Limits in the options replace those of the database, from here on and for later openings.
@@ -115,21 +114,42 @@ void DatabaseWriter::expect_room(size_t text_bytes) {
   if (result != 0) throw IngestRefused(error.text);
 }
 
+void DatabaseWriter::set_limits(int64_t now_ns) {
+  LoadLimits limits;
+  if (options_.max_future_ns && __builtin_add_overflow(now_ns, *options_.max_future_ns, &limits.newest_ns))
+    limits.newest_ns = INT64_MAX;
+  limits.max_key_bytes = options_.max_key_bytes;
+  limits.max_new_series = options_.max_new_series;
+  limits.reports_late = true;
+  loader_->set_limits(limits);
+}
+
+void DatabaseWriter::on_skipped_line(uint64_t number, const std::string &reason) {
+  const bool is_first = result_.first_reason.empty();
+  // The loader counts a line before it reports it.
+  const bool is_first_without_room = result_.room_reason.empty() && loader_->stats().refused != stats_before_.refused;
+  if (!is_first && !is_first_without_room) return;
+  const std::string line = fmt::format("line {}: {}", number, reason);
+  if (is_first) result_.first_reason = line;
+  if (is_first_without_room) result_.room_reason = line;
+}
+
+void DatabaseWriter::skip_rest(std::string_view text) {
+  const std::string reason = fmt::format("line {}: no room for this line and the following ones in one batch",
+                                         loader_->stats().lines - stats_before_.lines + 1);
+  if (result_.first_reason.empty()) result_.first_reason = reason;
+  if (result_.room_reason.empty()) result_.room_reason = reason;
+  result_.no_room += static_cast<uint64_t>(std::count(text.begin(), text.end(), '\n')) + (text.ends_with('\n') ? 0 : 1);
+}
+
 // A batch is in memory until it is written, and the changes of new and short series are much larger than their text. So
 // the text is loaded in pieces, and the rest is refused when the batch is too large.
 void DatabaseWriter::load_within_bounds(std::string_view text, Precision precision) {
   const int64_t time_ns = now_ns();
-  const uint64_t lines_before = loader_->stats().lines;
+  set_limits(time_ns);
   while (!text.empty()) {
-    if (store_->batch_bytes() > MAX_BATCH_BYTES) {
-      if (result_.malformed == 0)
-        result_.first_reason = fmt::format("line {}: the batch is too large for this line and the following ones",
-                                           loader_->stats().lines - lines_before + 1);
-      result_.malformed += static_cast<uint64_t>(std::count(text.begin(), text.end(), '\n'));
-      result_.malformed += text.ends_with('\n') ? 0 : 1;
-      return;
-    }
-    lines_before_ = loader_->stats().lines - lines_before;
+    if (store_->batch_bytes() > MAX_BATCH_BYTES) return skip_rest(text);
+    lines_before_ = loader_->stats().lines - stats_before_.lines;
     text.remove_prefix(loader_->load(text, precision, time_ns, PIECE_BYTES));
   }
 }
@@ -141,11 +161,17 @@ IngestResult DatabaseWriter::take(std::string_view text, Precision precision) {
   if (batch_ == nullptr) expect_room(text.size());
   begin_batch();
   result_ = {};
-  const LoadStats before = loader_->stats();
+  stats_before_ = loader_->stats();
   load_within_bounds(text, precision);
-  result_.points = loader_->stats().points - before.points;
+  const LoadStats &stats = loader_->stats();
+  const LoadStats &before = stats_before_;
+  result_.points = (stats.points - stats.late_points) - (before.points - before.late_points);
+  result_.malformed = stats.malformed - before.malformed;
+  result_.late = stats.late - before.late;
+  result_.future = stats.future - before.future;
+  result_.no_room += stats.refused - before.refused;
   has_points_ |= result_.points != 0;
-  if (result_.points == 0 && loader_->stats().refused != before.refused) throw IngestRefused(result_.first_reason);
+  if (result_.points == 0 && result_.no_room != 0) throw IngestRefused(result_.room_reason);
   return result_;
 }
 

@@ -25,6 +25,10 @@ struct WriterOptions {
   bool salvage = false;
   std::optional<uint8_t> layout = {};  // as in OpenOptions; for a new database: its layout
   ForgettingChange forgetting = {};    // stored with the database
+  // Limits of each text. A timestamp can be this much after the clock; without a value any timestamp is stored.
+  std::optional<int64_t> max_future_ns = {};
+  size_t max_key_bytes = Store::MAX_KEY_BYTES;
+  uint64_t max_new_series = UINT64_MAX;
 };
 
 class DatabaseWriter final : public Ingest {
@@ -63,6 +67,9 @@ class DatabaseWriter final : public Ingest {
   void begin_batch();
   void expect_room(size_t text_bytes);
   void load_within_bounds(std::string_view text, Precision precision);
+  void set_limits(int64_t now_ns);
+  void on_skipped_line(uint64_t number, const std::string &reason);
+  void skip_rest(std::string_view text);
 
   const std::string folder_;
   const WriterOptions options_;
@@ -72,6 +79,7 @@ class DatabaseWriter final : public Ingest {
   std::unique_ptr<Loader> loader_;
   IngestResult result_;        // of the current call of `take`
   uint64_t lines_before_ = 0;  // of its text, before the current piece
+  LoadStats stats_before_;     // before the call
   tslb_batch_t *batch_ = nullptr;
   bool has_points_ = false;   // the batch has points, or changed limits
   uint64_t last_ticket_ = 0;  // of a batch with points

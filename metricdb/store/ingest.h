@@ -21,9 +21,17 @@ class IngestRefused : public std::runtime_error {
 };
 
 struct IngestResult {
-  uint64_t points = 0;
-  uint64_t malformed = 0;    // skipped lines, including lines without room
-  std::string first_reason;  // for the first skipped line, as in "line 3: no fields"
+  uint64_t points = 0;  // stored
+  // Skipped lines. None of their points is stored.
+  uint64_t malformed = 0;  // they would be skipped again
+  uint64_t late = 0;       // older than the retention
+  uint64_t future = 0;     // the timestamp is too far after the server's clock
+  uint64_t no_room = 0;    // they can be stored later, or with the next request
+  // For the first skipped line, and for the first one without room, as in "line 3: no fields".
+  std::string first_reason = {};
+  std::string room_reason = {};
+
+  uint64_t n_skipped() const { return malformed + late + future + no_room; }
 };
 
 class Ingest {

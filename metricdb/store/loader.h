@@ -13,12 +13,23 @@
 
 namespace metricdb {
 
+// What a loader refuses. By default everything that the store can hold is loaded.
+struct LoadLimits {
+  int64_t newest_ns = INT64_MAX;  // lines with a later timestamp are refused
+  size_t max_key_bytes = Store::MAX_KEY_BYTES;
+  uint64_t max_new_series = UINT64_MAX;  // until the limits are set again; lines with further ones have no room
+  bool reports_late = false;             // calls the report for late lines
+};
+
 struct LoadStats {
   uint64_t lines = 0;   // of text: comments, empty lines and the lines in strings included
   uint64_t points = 0;  // late points included
   uint64_t strings_skipped = 0;
-  uint64_t malformed = 0;  // lines of text
-  uint64_t refused = 0;    // lines without room in the store
+  uint64_t malformed = 0;    // lines of text
+  uint64_t refused = 0;      // lines without room in the store, or with too many new series
+  uint64_t late = 0;         // lines older than the retention
+  uint64_t late_points = 0;  // of these lines
+  uint64_t future = 0;       // lines after LoadLimits::newest_ns
 };
 
 // The store has no room for a line.
@@ -41,6 +52,8 @@ class Loader {
 
   Loader(Store &store, OnFull on_full, Report report);
 
+  void set_limits(const LoadLimits &limits);
+
   // Loads one text. The points of a line are stored together or not at all. Throws LoadStopped with OnFull::stop; the
   // previous lines are stored then.
   //
@@ -53,7 +66,12 @@ class Loader {
 
  private:
   bool keys_fit();
-  void store_line(int64_t now_ns);
+  std::string invalid_reason(LineParser::Outcome outcome);
+  bool is_future();
+  void store_line(uint64_t number, int64_t now_ns);
+  void skip_late(uint64_t number);
+  uint32_t series_of(const ParsedLine &line, const ParsedField &field);
+  uint64_t n_created() const { return store_.n_series() + store_.n_forgotten_series(); }
   void store_fields(const ParsedLine &line, int64_t ts_ns);
   void drop_stale_series();
 
@@ -61,6 +79,8 @@ class Loader {
   const OnFull on_full_;
   LineParser parser_;
   const Report report_;
+  LoadLimits limits_;
+  uint64_t n_created_before_ = 0;  // series, when the limits were set
   LoadStats stats_;
   std::string key_;
   SeriesCache cache_;
