@@ -3,6 +3,7 @@
 
 #include "codec/line_protocol.h"
 #include "codec/line_scanner.h"
+#include "codec/printable.h"
 #include "extra/reference_reader.h"
 #include "metricdb_support.h"
 #include "store/series_cache.h"
@@ -152,6 +153,29 @@ TEST(LineProtocol, ExpectedContentDoesNotChangeTheResult) {
     if (random() % 4 == 0) cache.keep(helped.line().head, fields);
   }
   EXPECT_GT(n_likely, 5'000u);
+}
+
+TEST(Printable, ReplacesWhatATerminalExecutes) {
+  static const struct {
+    const char *text, *shown;
+  } rows[] = {
+      {"a b~", "a b~"},
+      {"\x1b[31m\x7f\r\n\t", "?[31m??\n\t"},
+      {"\xc2\x9b"
+       "31m",
+       "??31m"},  // CSI in UTF-8
+      {"\x9b"
+       "31m",
+       "?31m"},  // CSI in 8 bits
+      {"Z\xc3\xbcrich \xe2\x82\xac \xf0\x9f\x99\x82", "Z\xc3\xbcrich \xe2\x82\xac \xf0\x9f\x99\x82"},
+      {"\xc3\x9b \xc2\xa0", "\xc3\x9b \xc2\xa0"},  // the same second byte
+      {"\xe2\x9b", "??"},
+      {"\xc3", "?"},
+      {"\xc3\x1b", "??"},
+      {"\xff\xfe", "??"},
+  };
+  for (const auto &row : rows) EXPECT_EQ(printable(row.text, "\n\t"), row.shown);
+  EXPECT_EQ(printable("a\nb"), "a?b");
 }
 
 // Random texts with strings, quotes and line feeds anywhere. The parser, the scanner, which gets the text in pieces, and

@@ -105,6 +105,30 @@ TEST_F(Bounds, SlowReadersDoNotDelayOthers) {
   for (size_t i = 0; i < n_whole; ++i) ASSERT_EQ(slow.status(), 200) << i << " of " << n_whole;
 }
 
+// The peer reads nothing, and the limit of the whole end is not reached.
+TEST_F(Bounds, SlowReadersDoNotDelayTheEnd) {
+  TSLB_DLOG_INIT(path("log").c_str(), LOG_REFUSALS, 10);
+  {
+    RunningServer server({.influx_port = 0,
+                          .graphite_port = 0,
+                          .drain_timeout = milliseconds(600'000),
+                          .drain_read_timeout = milliseconds(50)});
+    Peer slow(server.influx_port());
+    const std::string pipeline = repeated("GET /query?q=" + std::string(60, 'x') + " HTTP/1.1\r\n\r\n", 1000);
+    ASSERT_TRUE(wait_until([&] {
+      const uint64_t before = server.counters().requests;
+      slow.send_some(pipeline);
+      expect_others_are_served(server);
+      return server.counters().requests == before + 1;
+    }));
+    server.stop();
+  }
+  TSLB_DLOG_INIT(nullptr, 0, 10);
+  std::string log;
+  for (const auto &[name, content] : tree_of(root_)) log += content;
+  EXPECT_EQ(count_of(log, "the answers are not read; connection closed"), 1u) << log;
+}
+
 constexpr milliseconds NEVER(3'600'000);
 
 TEST_F(Bounds, MemoryForIncompleteRequests) {

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "cli/commands.h"
+#include "cli/log_file.h"
 #include "cli/output.h"
 #include "store/log.h"
 #include "store/series_record.h"
@@ -20,12 +21,6 @@ namespace {
 
 constexpr int64_t MAX_SECONDS = INT64_MAX / NS_PER_S;
 constexpr size_t MAX_LOG_NAME_BYTES = 1000;  // the log adds process and version, and has room for 1,023 bytes
-constexpr int LOG_FILE_MIB = 10;
-
-struct LogArguments {
-  std::string base;
-  int level = LOG_PROGRESS;
-};
 
 const char *const LOAD_FOOTER =
     "Numbers and booleans become points; quoted strings are counted and skipped. A malformed line\n"
@@ -194,6 +189,7 @@ const char *const SERVE_FOOTER =
     "Limits in time refer to data time, which is the newest timestamp so far. --max-future limits how far\n"
     "one timestamp can move it.\n"
     "SIGTERM and SIGINT: requests that have arrived are processed and answered, then the command ends.\n"
+    "SIGHUP: the log is opened again, for example after it was renamed.\n"
     "\n"
     "Exit: 0 after a signal; 1 a port is in use, DIR cannot be used, or the disk failed.";
 
@@ -304,13 +300,6 @@ void add_log(CLI::App &app, LogArguments &arguments) {
       ->check(CLI::Range(1, 3).description(""))
       ->capture_default_str()
       ->type_name("N");
-}
-
-void start_log(const LogArguments &arguments, const char *command) {
-  if (arguments.base.empty()) return;
-  TSLB_DLOG_INIT(arguments.base.c_str(), arguments.level, LOG_FILE_MIB);
-  TSLB_DLOG_THREAD_NAME("metricdb");
-  TSLB_DLOG(LOG_PROGRESS, "start: %s", command);
 }
 
 // Without this, a file could get the number of a closed standard stream, and printed text would be written to it.

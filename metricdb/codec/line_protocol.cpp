@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "codec/line_scanner.h"
+#include "codec/printable.h"
 
 namespace metricdb {
 namespace {
@@ -54,9 +55,7 @@ const char *next_special(const char *at, const char *end) {
 // A part of the input for a message: short, and without control characters.
 std::string quoted(std::string_view text) {
   constexpr size_t MAX_BYTES = 40;
-  std::string shown = "\"";
-  for (const char byte : text.substr(0, MAX_BYTES)) shown += (class_of(byte) & CONTROL) != 0 ? '?' : byte;
-  return shown + (text.size() > MAX_BYTES ? "...\"" : "\"");
+  return '"' + printable(text.substr(0, MAX_BYTES)) + (text.size() > MAX_BYTES ? "...\"" : "\"");
 }
 
 std::optional<double> boolean_of(std::string_view text) {

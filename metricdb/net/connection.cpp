@@ -212,6 +212,8 @@ void Connection::check_time() {
   if (is_closing_) {
     if (hub_.now - request_begin_ > (is_draining_ ? DRAIN_CLOSE_TIMEOUT : hub_.options.request_timeout))
       is_broken_ = true;
+  } else if (is_draining_ && !out_.empty() && silence > hub_.options.drain_read_timeout) {
+    close_with_error("the answers are not read");
   } else if (out_.empty() && (!pending_.empty() || is_held() || is_ready())) {
     // The peer waits for the server. Its time limit begins when the answers are sent.
     last_activity_ = request_begin_ = hub_.now;
@@ -230,6 +232,7 @@ Clock::duration Connection::stalled_for() const {
 void Connection::drain() {
   int unread = 0;
   is_draining_ = true;
+  last_activity_ = hub_.now;
   drain_left_ = ioctl(fd_, FIONREAD, &unread) == 0 ? static_cast<size_t>(unread) : 0;
   is_readable_ = true;
 }

@@ -50,6 +50,7 @@ const http_parser_settings HttpReader::SETTINGS = [] {
     return of(parser).on_header_value({at, n});
   };
   settings.on_headers_complete = [](http_parser *parser) { return of(parser).on_head(); };
+  settings.on_chunk_header = [](http_parser *parser) { return of(parser).on_chunk(); };
   settings.on_body = [](http_parser *parser, const char *at, size_t n) { return of(parser).on_body(at, n); };
   settings.on_message_complete = [](http_parser *parser) { return of(parser).on_end(); };
   return settings;
@@ -122,7 +123,9 @@ bool HttpReader::fits_head(size_t n) {
 
 int HttpReader::on_begin() {
   request_.target.clear();
-  for (std::string *header : {&request_.content_encoding, &request_.content_type, &request_.expect}) header->clear();
+  for (std::string *header :
+       {&request_.content_encoding, &request_.content_type, &request_.expect, &request_.transfer_encoding})
+    header->clear();
   header_name_.clear();
   head_bytes_ = 0;
   is_in_header_value_ = is_head_whole_ = false;
@@ -146,12 +149,14 @@ int HttpReader::on_header_name(std::string_view piece) {
 int HttpReader::on_header_value(std::string_view piece) {
   if (!fits_head(piece.size())) return refuse(HTTP_STATUS_REQUEST_HEADER_FIELDS_TOO_LARGE, "the headers are too long");
   if (!std::exchange(is_in_header_value_, true)) {
-    header_ = header_name_ == "content-encoding" ? &request_.content_encoding
-              : header_name_ == "content-type"   ? &request_.content_type
-              : header_name_ == "expect"         ? &request_.expect
-                                                 : nullptr;
+    header_ = header_name_ == "content-encoding"    ? &request_.content_encoding
+              : header_name_ == "content-type"      ? &request_.content_type
+              : header_name_ == "expect"            ? &request_.expect
+              : header_name_ == "transfer-encoding" ? &request_.transfer_encoding
+                                                    : nullptr;
     // Headers after a chunked body are ignored.
     if (is_head_whole_) header_ = nullptr;
+    if (header_ != nullptr && !header_->empty()) *header_ += ',';
   }
   if (header_ != nullptr)
     for (const char byte : piece) *header_ += lower(byte);
@@ -169,15 +174,24 @@ int HttpReader::on_head() {
     return refuse(HTTP_STATUS_HTTP_VERSION_NOT_SUPPORTED, "only HTTP/1.0 and 1.1 are supported");
   if (!request_.expect.empty() && request_.expect != "100-continue")
     return refuse(HTTP_STATUS_EXPECTATION_FAILED, "only 100-continue is supported as expectation");
+  // The parser accepts a list of codings that ends with `chunked`, and does not decode the others.
+  if (!request_.transfer_encoding.empty() && request_.transfer_encoding != "chunked")
+    return refuse(HTTP_STATUS_NOT_IMPLEMENTED, "only chunked is supported as transfer encoding");
   const bool has_length = (parser_.flags & F_CONTENTLENGTH) != 0;
-  if (has_length && parser_.content_length > max_body_bytes_)
-    return refuse(HTTP_STATUS_PAYLOAD_TOO_LARGE, fmt::format("the body has more than {} bytes", max_body_bytes_));
-  return 0;
+  return has_length && parser_.content_length > max_body_bytes_ ? refuse_long_body() : 0;
+}
+
+int HttpReader::refuse_long_body() {
+  return refuse(HTTP_STATUS_PAYLOAD_TOO_LARGE, fmt::format("the body has more than {} bytes", max_body_bytes_));
+}
+
+// Refuses a long chunk before its bytes arrive.
+int HttpReader::on_chunk() {
+  return parser_.content_length > max_body_bytes_ - body_bytes_ ? refuse_long_body() : 0;
 }
 
 int HttpReader::on_body(const char *piece, size_t n) {
-  if (body_bytes_ + n > max_body_bytes_)
-    return refuse(HTTP_STATUS_PAYLOAD_TOO_LARGE, fmt::format("the body has more than {} bytes", max_body_bytes_));
+  if (body_bytes_ + n > max_body_bytes_) return refuse_long_body();
   // The body is contiguous: it begins after the header, and the frames of chunks are removed.
   if (body_bytes_ == 0)
     body_ = const_cast<char *>(piece);

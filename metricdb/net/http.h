@@ -16,9 +16,11 @@ namespace metricdb {
 struct HttpRequest {
   http_method method = HTTP_GET;
   std::string target;  // as on the request line
+  // Values of headers, in lower case. If a header is repeated, they are joined by commas.
   std::string content_encoding;
   std::string content_type;
   std::string expect;
+  std::string transfer_encoding;
   std::string_view body;
   bool keep_alive = false;
   bool is_http_1_0 = false;  // HTTP/1.0
@@ -69,10 +71,12 @@ class HttpReader {
   int on_header_name(std::string_view piece);
   int on_header_value(std::string_view piece);
   int on_head();
+  int on_chunk();
   int on_body(const char *piece, size_t n);
   int on_end();
   int refuse(http_status status, std::string reason);
   bool fits_head(size_t n);
+  int refuse_long_body();
   void set_parser_refusal();
 
   const size_t max_body_bytes_;

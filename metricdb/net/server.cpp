@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <deque>
@@ -42,7 +43,8 @@ class Server::Loop {
   Loop(const ServerOptions &options, Ingest &ingest);
 
   void run();
-  void stop() noexcept;
+  void stop() noexcept { request(is_stop_requested_); }
+  void hang_up() noexcept { request(is_hang_up_requested_); }
   int influx_port() const { return influx_.port(); }
   int graphite_port() const { return graphite_.port(); }
   ServerCounters counters() const;
@@ -60,6 +62,8 @@ class Server::Loop {
   };
   using Fds = std::vector<int>;
 
+  void request(std::atomic<bool> &flag) noexcept;
+  void on_requests();
   void watch(int fd, uint32_t events);
   void run_round();
   void wait_for_events();
@@ -84,7 +88,10 @@ class Server::Loop {
   InfluxApi api_;
   Gunzip gunzip_;
   GraphiteConverter converter_;
-  Descriptor stop_;
+  // Set by signal handlers and other threads.
+  std::atomic<bool> is_stop_requested_ = false;
+  std::atomic<bool> is_hang_up_requested_ = false;
+  Descriptor wake_;  // readable when one of them was set
   Descriptor epoll_;
   Listener influx_;
   Listener graphite_;
@@ -107,14 +114,14 @@ class Server::Loop {
 
 Server::Loop::Loop(const ServerOptions &options, Ingest &ingest)
     : hub_(options, ingest),
-      stop_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       epoll_(tslb_epoll_init(static_cast<int>(MAX_EVENTS), nullptr)),
       influx_(options.address, options.influx_port),
       graphite_(options.address, options.graphite_port) {
-  if (stop_.get() < 0 || epoll_.get() < 0) fail("server");
+  if (wake_.get() < 0 || epoll_.get() < 0) fail("server");
   if (fcntl(epoll_.get(), F_SETFD, FD_CLOEXEC) != 0) fail("epoll");
   hub_.blocks.set_reclaim([this] { return close_stalled(); });
-  watch(stop_.get(), EPOLLIN);
+  watch(wake_.get(), EPOLLIN);
   watch(ingest.settled_fd(), EPOLLIN);
   for (const Listener *listener : {&influx_, &graphite_})
     if (listener->fd() >= 0) watch(listener->fd(), EPOLLIN);
@@ -125,10 +132,19 @@ void Server::Loop::watch(int fd, uint32_t events) {
   if (tslb_add_select(epoll_.get(), fd, static_cast<int>(events), message) != 0) throw ServerError(message);
 }
 
-void Server::Loop::stop() noexcept {
+void Server::Loop::request(std::atomic<bool> &flag) noexcept {
+  flag = true;
   const uint64_t one = 1;
   // Fails only if the counter is at its maximum, and then the event is readable.
-  [[maybe_unused]] const ssize_t written = write(stop_.get(), &one, sizeof(one));
+  [[maybe_unused]] const ssize_t written = write(wake_.get(), &one, sizeof(one));
+}
+
+void Server::Loop::on_requests() {
+  uint64_t n_events;
+  // Before the flags are read, so that no request is lost.
+  [[maybe_unused]] const ssize_t got = read(wake_.get(), &n_events, sizeof(n_events));
+  if (is_hang_up_requested_.exchange(false) && hub_.options.on_hang_up) hub_.options.on_hang_up();
+  if (is_stop_requested_ && !is_draining_) begin_drain();
 }
 
 void Server::Loop::run() {
@@ -167,8 +183,8 @@ void Server::Loop::wait_for_events() {
 
 void Server::Loop::on_event(const epoll_event &event) {
   const int fd = event.data.fd;
-  if (fd == stop_.get()) {
-    if (!is_draining_) begin_drain();
+  if (fd == wake_.get()) {
+    on_requests();
   } else if (fd == hub_.ingest.settled_fd()) {
     is_settled_readable_ = true;
   } else if (fd == influx_.fd()) {
@@ -339,7 +355,6 @@ void Server::Loop::begin_drain() {
   is_draining_ = true;
   drain_deadline_ = hub_.now + hub_.options.drain_timeout;
   next_check_ = hub_.now + tick();
-  epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, stop_.get(), nullptr);
   influx_.close();
   graphite_.close();
   for (Place &place : places_) {
@@ -376,6 +391,10 @@ void Server::run() {
 
 void Server::stop() noexcept {
   loop_->stop();
+}
+
+void Server::hang_up() noexcept {
+  loop_->hang_up();
 }
 
 int Server::influx_port() const {

@@ -12,6 +12,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -43,6 +44,10 @@ struct ServerOptions {
   std::chrono::milliseconds idle_timeout{600'000};    // without receiving or sending
   std::chrono::milliseconds request_timeout{60'000};  // from the first byte of a request, or of a line, to its last one
   std::chrono::milliseconds drain_timeout{10'000};    // from `stop` until `run` returns
+  std::chrono::milliseconds drain_read_timeout{500};  // after `stop`: the time in which a peer must read something
+
+  // Called on the server's thread after `hang_up`.
+  std::function<void()> on_hang_up = {};
 };
 
 struct ServerCounters {
@@ -72,6 +77,9 @@ class Server {
 
   // Threads: any, also signal handlers, also before `run`.
   void stop() noexcept;
+
+  // Threads: as `stop`.
+  void hang_up() noexcept;
 
   // 0 if the protocol is off.
   int influx_port() const;
