@@ -145,7 +145,7 @@ TEST_F(Agents, CollectdAndCurlFeedADatabase) {
           << collectd.output();
     EXPECT_EQ(collectd.end(SIGTERM), 0);
     EXPECT_EQ(serve.end(SIGTERM), 0) << serve.output();
-    EXPECT_THAT(serve.output(), HasSubstr(" 0 malformed lines, 0 refused"));
+    EXPECT_THAT(serve.output(), HasSubstr(" 0 malformed lines, 0 late, 0 in the future, 0 without room; 0 refused"));
     EXPECT_THAT(run_to_end({METRICDB, "verify", "--db", db}), HasSubstr("verified "));
     const std::string kept = run_to_end({METRICDB, "export", "--db", db, "m,*"});
     EXPECT_EQ(std::count(kept.begin(), kept.end(), '\n'), N_LINES * (round + 1));

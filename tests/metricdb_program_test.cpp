@@ -90,6 +90,7 @@ TEST_F(Program, RefusesInOneLineAndChangesNothing) {
       {"load --db plain first.lp", "plain: cannot be read: Not a directory"},
       {"stat --db plain", "plain: holds no database"},
       {"stat --db none", "none: holds no database"},
+      {"stat --db db --log no/such/log", "no/such/log: the log cannot be opened: No such file or directory"},
       {"snapshot --db none", "none: holds no database"},
       {"serve --db etc --influx 0", "etc: is not a store and has other content, such as \"passwd\""},
       {"ingest --db etc first.lp", "etc: is not a store and has other content, such as \"passwd\""},

@@ -58,6 +58,21 @@ TEST_F(Serve, SignalsThatDoNotEndIt) {
   EXPECT_THAT(serve.output(), HasSubstr("4 requests"));
 }
 
+TEST_F(Serve, DefaultLogShowsSkippedLinesAndSnapshots) {
+  ServeProcess serve(root_, "--db db --log log --snapshot-mb 0.001");
+  const std::string log = path(fmt::format("log.{}.0", serve.pid()));
+  Peer peer(serve.port());
+  EXPECT_EQ(ask(peer, post("bad\n")), 400);
+  EXPECT_TRUE(wait_until([&] {
+    for (int i = 0; i < 10; ++i) EXPECT_EQ(ask(peer, post(repeated("m f=1 5\n", 200))), 204);
+    return read_file(log).find(" was written, writes were stopped for ") != std::string::npos;
+  }));
+  EXPECT_THAT(read_file(log), HasSubstr("1 lines were skipped; the first: line 1: no fields"));
+  EXPECT_THAT(body_of(answer_to(peer, get("/metrics"))), HasSubstr("metricdb_max_key_bytes 267386880\n"));
+  EXPECT_EQ(ask(peer, get("/health")), 200);
+  EXPECT_EQ(serve.end(SIGTERM), 0);
+}
+
 TEST_F(Serve, HangUpOpensTheLogAgain) {
   ServeProcess serve(root_, "--db db --log log");
   const int port = serve.port();

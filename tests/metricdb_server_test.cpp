@@ -29,6 +29,7 @@ TEST(Influx, AnswersToRequests) {
       {get("/ping", "HEAD"), 204, "", 0},
       {get("/ping", "DELETE"), 405, "GET, HEAD", 0},
       {get("/health"), 200, "\"status\":\"pass\"", 0},
+      {get("/metrics", "POST"), 405, "GET, HEAD", 0},
       {get("/"), 404, "/write", 0},
       {get("/writes"), 404, "/write", 0},
       {get("/query"), 400, "missing required parameter", 0},

@@ -181,6 +181,25 @@ TEST_F(Writer, LimitsOfKeysAndOfNewSeries) {
   EXPECT_EQ(writer.take("d f=1 1\ne f=1 1\n", Precision::ns).points, 2u) << "the limit is not per text";
 }
 
+TEST_F(Writer, FiguresOfTheStoreAndItsCapacity) {
+  create({.key_slot_bytes = 64, .point_slot_bytes = 4096});
+  DatabaseWriter writer(db(), {});
+  EXPECT_EQ(writer.figures().series, 0u);
+  EXPECT_EQ(put(writer, "m f=1,g=2 5\nm f=3 6\n"), "");
+  const IngestFigures figures = writer.figures();
+  EXPECT_EQ(figures.series, 2u);
+  EXPECT_EQ(figures.points, 3u);
+  EXPECT_EQ(figures.max_key_bytes, 64u * MAX_KEY_SLOTS);
+  EXPECT_EQ(figures.key_bytes, 2 * (sizeof "m f" + TSLB_COMPAT_BYTES));
+  EXPECT_EQ(figures.max_point_bytes, 4096u * MAX_POINT_SLOTS);
+  EXPECT_EQ(figures.point_bytes, 2 * (8 * sizeof(Point) + TSLB_COMPAT_BYTES));
+  EXPECT_EQ(figures.snapshots, 0u);
+  const uint64_t generation = writer.snapshot().number;
+  EXPECT_EQ(writer.figures().snapshots, 1u);
+  EXPECT_EQ(writer.figures().generation, generation);
+  EXPECT_GT(figures.journal_bytes, 0u);
+}
+
 TEST_F(Writer, ForgottenSeriesMakeRoomForNewOnes) {
   create({.key_slot_bytes = 64, .forgetting = {.retain_ns = 10}, .points_per_sweep = 1});
   DatabaseWriter writer(db(), {});
@@ -321,7 +340,9 @@ TEST_F(Writer, FullDiskRefusesBatches) {
     {
       const limit_t tight(RLIMIT_FSIZE, 400'000);
       for (int number = 0; number < 400 && n_refused < 3; ++number) take(number);
+      EXPECT_THAT(writer.why_not_writable(), HasSubstr("journal.1: "));
     }
+    EXPECT_EQ(writer.why_not_writable(), "");
     signal(SIGXFSZ, old_handler);
     EXPECT_GT(kept.size(), 5u);
     for (const int number : numbers_from(400, 410)) take(number);

@@ -12,6 +12,7 @@ struct LogArguments {
   int level = LOG_PROGRESS;
 };
 
+// Throws std::runtime_error if the file cannot be opened.
 void start_log(const LogArguments &arguments, const char *command);
 
 // Closes the file. The next line opens the first file again, which is a new one if the old one was renamed.

@@ -184,7 +184,8 @@ const char *const SERVE_FOOTER =
     "Influx: the HTTP interface of InfluxDB 1.x. POST /write answers 204 when all points are durable,\n"
     "400 with the first reason when some lines were malformed, too old or too new and the rest is durable,\n"
     "503 when lines have no room at the moment, 507 when no point was stored. /ping and the\n"
-    "initial requests of agents to /query are answered too.\n"
+    "initial requests of agents to /query are answered too. /health answers 503 while points cannot be\n"
+    "made durable, and /metrics has figures for Prometheus.\n"
     "Graphite: the plaintext protocol, `path[;tag=value] value seconds`, which has no answers.\n"
     "Limits in time refer to data time, which is the newest timestamp so far. --max-future limits how far\n"
     "one timestamp can move it.\n"
@@ -296,7 +297,8 @@ void add_log(CLI::App &app, LogArguments &arguments) {
       })
       ->type_name("FILE");
   app.add_option("--log-level", arguments.level,
-                 "level of the log: 1 refusals, 2 also progress, 3 also sweeps, arrays and malformed lines")
+                 "level of the log: 1 refusals and faults of clients, 2 also progress, 3 also sweeps, arrays and\n"
+                 "malformed lines of files")
       ->check(CLI::Range(1, 3).description(""))
       ->capture_default_str()
       ->type_name("N");

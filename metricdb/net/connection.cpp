@@ -1,5 +1,6 @@
 #include "net/connection.h"
 
+#include <fmt/format.h>
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -8,8 +9,6 @@
 
 #include <algorithm>
 #include <cerrno>
-
-#include "store/log.h"
 
 namespace metricdb {
 namespace {
@@ -58,8 +57,8 @@ Connection::~Connection() {
   close(fd_);
 }
 
-void Connection::log(const std::string &what) const {
-  TSLB_DLOG(LOG_REFUSALS, "%s: %s", tslb_get_dest_addr_ex(fd_, 1), what.c_str());
+void Connection::log(const std::string &what, LogTopic topic) const {
+  hub_.log.add(topic, hub_.now, fmt::format("{}: {}", tslb_get_dest_addr_ex(fd_, 1), what));
 }
 
 void Connection::close_with_error(const char *why) {
@@ -140,6 +139,7 @@ void Connection::on_received(size_t n) {
 
 void Connection::queue(PendingAnswer answer) {
   pending_bytes_ += answer.bytes;
+  answer.since = hub_.now;
   pending_.push_back(std::move(answer));
 }
 
@@ -152,6 +152,15 @@ void Connection::settled(uint64_t ticket, const Refusals &refusals) {
   send_settled(ticket, refusals);
 }
 
+void Connection::check_speed(const PendingAnswer &answer) {
+  const Clock::duration duration = hub_.now - answer.since;
+  if (duration <= hub_.options.slow_request) return;
+  hub_.slow.add(1);
+  log(fmt::format("a request with {} bytes of lines was answered after {:.3f} s", answer.bytes,
+                  std::chrono::duration<double>(duration).count()),
+      LogTopic::slow_requests);
+}
+
 // Sends the answers up to the first one whose batch is not settled.
 void Connection::send_settled(uint64_t settled_ticket, const Refusals &refusals) {
   while (!pending_.empty() && pending_.front().ticket <= settled_ticket) {
@@ -160,8 +169,10 @@ void Connection::send_settled(uint64_t settled_ticket, const Refusals &refusals)
                                       [&](const auto &candidate) { return candidate.first == answer.ticket; });
     if (refusal != refusals.end()) {
       hub_.refused.add(1);
+      hub_.lost.add(1);
       refuse(answer, refusal->second);
     }
+    check_speed(answer);
     pending_bytes_ -= answer.bytes;
     out_ += answer.text;
     pending_.pop_front();

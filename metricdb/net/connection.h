@@ -15,6 +15,8 @@
 #include <vector>
 
 #include "net/bytes.h"
+#include "net/limited_log.h"
+#include "net/metrics.h"
 #include "net/server.h"
 #include "store/ingest.h"
 
@@ -35,7 +37,10 @@ class Counter {
 // Shared by the connections of a server.
 struct Hub {
   Hub(const ServerOptions &server_options, Ingest &target)
-      : options(server_options), ingest(target), blocks(server_options.max_buffered_bytes) {}
+      : options(server_options),
+        ingest(target),
+        blocks(server_options.max_buffered_bytes),
+        log(server_options.max_log_lines, server_options.log_interval) {}
 
   // Passes lines to the Ingest and counts the result. Throws IngestRefused.
   IngestResult take(std::string_view text, Precision precision);
@@ -47,7 +52,10 @@ struct Hub {
   size_t unanswered_bytes = 0;  // passed to the Ingest and not settled
   size_t open_bytes = 0;        // of these, not committed yet
   bool has_open_points = false;
-  Counter accepted, closed, turned_away, stalled, requests, bytes, points, malformed, late, future, no_room, refused;
+  LimitedLog log;
+  DurationHistogram batch_times;
+  Counter accepted, closed, turned_away, stalled, requests, bytes, points, malformed, late, future, no_room, slow;
+  Counter refused, lost;  // lost: refused because their batch was
 };
 
 // Tickets of refused batches that were just settled, each with its reason.
@@ -93,6 +101,7 @@ class Connection {
     uint64_t ticket = 0;  // of the batch it waits for; 0: none; OPEN_TICKET until the batch is committed
     size_t bytes = 0;     // of its lines, for the limits
     std::string text;
+    Clock::time_point since = {};  // when it was queued
   };
 
   // Processes the complete requests at the front of the input, while `is_within_limits`.
@@ -116,9 +125,10 @@ class Connection {
   // Nothing more is received. Pending answers are still sent, and then the connection is closed.
   void end_input() { is_input_over_ = true; }
   void close_with_error(const char *why);
-  void log(const std::string &what) const;
+  void log(const std::string &what, LogTopic topic = LogTopic::connections) const;
 
  private:
+  void check_speed(const PendingAnswer &answer);
   void receive();
   void on_received(size_t n);
   void send_settled(uint64_t settled_ticket, const Refusals &refusals);

@@ -33,7 +33,7 @@ std::string answer_text(const HttpAnswer &answer, http_method method, bool keep_
   if (!keep_alive) text += "Connection: close\r\n";
   if (keep_alive && is_http_1_0) text += "Connection: keep-alive\r\n";
   if (answer.status != HTTP_STATUS_NO_CONTENT)
-    text += fmt::format("Content-Type: application/json\r\nContent-Length: {}\r\n", answer.json.size());
+    text += fmt::format("Content-Type: {}\r\nContent-Length: {}\r\n", answer.content_type, answer.json.size());
   text += "\r\n";
   return method == HTTP_HEAD ? text : text + answer.json;
 }

@@ -28,9 +28,10 @@ struct HttpRequest {
 
 struct HttpAnswer {
   http_status status = HTTP_STATUS_NO_CONTENT;
-  std::string json;   // the body; none if empty
+  std::string json;   // the body, of another type if content_type says so; none if empty
   std::string error;  // the error in one line, for the header
   std::string allow;  // with METHOD_NOT_ALLOWED: the allowed methods
+  std::string content_type = "application/json";
 };
 
 // Returns the text of the answer. Without keep_alive it says that the connection is closed.

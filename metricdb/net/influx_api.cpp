@@ -163,10 +163,26 @@ std::variant<WriteRequest, HttpAnswer> InfluxApi::route(const HttpRequest &reque
   if (target->path == "/query")
     return reads || request.method == HTTP_POST ? query(request, target->arguments) : not_allowed("GET, POST");
   if (target->path == "/ping") return reads ? HttpAnswer() : not_allowed("GET, HEAD");
-  if (target->path == "/health")
-    return reads ? json_answer({{"name", "metricdb"}, {"message", "ready for writes"}, {"status", "pass"}})
-                 : not_allowed("GET, HEAD");
-  return error_answer(HTTP_STATUS_NOT_FOUND, "the paths are /write, /query, /ping and /health");
+  if (target->path == "/health") return reads ? health() : not_allowed("GET, HEAD");
+  if (target->path == "/metrics") return reads ? metrics() : not_allowed("GET, HEAD");
+  return error_answer(HTTP_STATUS_NOT_FOUND, "the paths are /write, /query, /ping, /health and /metrics");
+}
+
+HttpAnswer InfluxApi::health() const {
+  const std::string why = view_.why_unhealthy();
+  HttpAnswer answer = json_answer({{"name", "metricdb"},
+                                   {"message", why.empty() ? "ready for writes" : why},
+                                   {"status", why.empty() ? "pass" : "fail"}});
+  if (!why.empty()) answer.status = HTTP_STATUS_SERVICE_UNAVAILABLE;
+  return answer;
+}
+
+HttpAnswer InfluxApi::metrics() const {
+  HttpAnswer answer;
+  answer.status = HTTP_STATUS_OK;
+  answer.json = view_.metrics();
+  answer.content_type = "text/plain; version=0.0.4; charset=utf-8";
+  return answer;
 }
 
 HttpAnswer InfluxApi::query(const HttpRequest &request, std::string_view arguments) {

@@ -20,6 +20,7 @@
 #include "net/graphite_connection.h"
 #include "net/http_connection.h"
 #include "net/listener.h"
+#include "net/metrics.h"
 #include "store/log.h"
 
 namespace metricdb {
@@ -59,6 +60,7 @@ class Server::Loop {
   struct Batch {
     uint64_t ticket;
     size_t bytes;
+    Clock::time_point committed;
   };
   using Fds = std::vector<int>;
 
@@ -80,6 +82,8 @@ class Server::Loop {
   void resume_held();
   void activate(Place &place);
   void check_times();
+  void log_snapshots();
+  std::string why_unhealthy();
   void begin_drain();
   bool is_drained() const { return is_draining_ && n_connections_ == 0; }
   milliseconds tick() const;
@@ -105,6 +109,8 @@ class Server::Loop {
   Fds waiting_;       // for the Ingest
   Fds held_;          // by limits that other connections can cause
   std::deque<Batch> batches_;
+  uint64_t n_snapshots_ = 0;
+  std::string snapshot_failure_;
   bool is_settled_readable_ = false;
   bool is_turning_away_ = false;
   bool is_draining_ = false;
@@ -114,6 +120,7 @@ class Server::Loop {
 
 Server::Loop::Loop(const ServerOptions &options, Ingest &ingest)
     : hub_(options, ingest),
+      api_({[this] { return why_unhealthy(); }, [this] { return metrics_text(hub_, batches_.size()); }}),
       wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       epoll_(tslb_epoll_init(static_cast<int>(MAX_EVENTS), nullptr)),
       influx_(options.address, options.influx_port),
@@ -160,6 +167,8 @@ void Server::Loop::run() {
     run_round();
   }
   places_.clear();
+  log_snapshots();
+  hub_.log.end();
   TSLB_DLOG(LOG_PROGRESS, "stopped");
 }
 
@@ -293,7 +302,7 @@ bool Server::Loop::close_stalled() {
 void Server::Loop::commit() {
   if (hub_.has_open_points) {
     const uint64_t ticket = hub_.ingest.commit();
-    batches_.push_back({ticket, hub_.open_bytes});
+    batches_.push_back({ticket, hub_.open_bytes, Clock::now()});
     for (const int fd : ingested_)
       if (const auto &connection = places_[static_cast<size_t>(fd)].connection) connection->committed(ticket);
   }
@@ -307,10 +316,10 @@ void Server::Loop::settle() {
   Refusals refusals;
   for (; !batches_.empty() && batches_.front().ticket <= settled; batches_.pop_front()) {
     hub_.unanswered_bytes -= batches_.front().bytes;
+    hub_.batch_times.add(hub_.now - std::min(hub_.now, batches_.front().committed));
     std::string reason = hub_.ingest.failure(batches_.front().ticket);
     if (reason.empty()) continue;
-    TSLB_DLOG(LOG_REFUSALS, "batch %llu is lost: %s", static_cast<unsigned long long>(batches_.front().ticket),
-              reason.c_str());
+    hub_.log.add(LogTopic::refusals, hub_.now, fmt::format("batch {} is lost: {}", batches_.front().ticket, reason));
     refusals.emplace_back(batches_.front().ticket, std::move(reason));
   }
   Fds waiting;
@@ -342,8 +351,30 @@ milliseconds Server::Loop::tick() const {
   return std::clamp(shortest / 4, milliseconds(10), milliseconds(is_draining_ ? 100 : 1000));
 }
 
+// Snapshots are written by a child process, and have ended when the generation has changed.
+void Server::Loop::log_snapshots() {
+  const IngestFigures figures = hub_.ingest.figures();
+  if (figures.snapshots != n_snapshots_)
+    TSLB_DLOG(LOG_PROGRESS, "generation %llu was written, writes were stopped for %.3f ms",
+              static_cast<unsigned long long>(figures.generation),
+              static_cast<double>(figures.snapshot_pause_ns) / 1e6);
+  if (!figures.snapshot_failure.empty() && figures.snapshot_failure != snapshot_failure_)
+    TSLB_DLOG(LOG_REFUSALS, "a snapshot failed: %s", figures.snapshot_failure.c_str());
+  n_snapshots_ = figures.snapshots;
+  snapshot_failure_ = figures.snapshot_failure;
+}
+
+std::string Server::Loop::why_unhealthy() {
+  if (!batches_.empty() && Clock::now() - batches_.front().committed > hub_.options.stuck_batch)
+    return fmt::format("the disk has not confirmed a batch for {:.0f} s",
+                       std::chrono::duration<double>(Clock::now() - batches_.front().committed).count());
+  return hub_.ingest.why_not_writable();
+}
+
 void Server::Loop::check_times() {
   next_check_ = hub_.now + tick();
+  hub_.log.end_intervals(hub_.now);
+  log_snapshots();
   for (Place &place : places_) {
     if (!place.connection) continue;
     place.connection->check_time();

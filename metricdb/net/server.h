@@ -46,6 +46,11 @@ struct ServerOptions {
   std::chrono::milliseconds drain_timeout{10'000};    // from `stop` until `run` returns
   std::chrono::milliseconds drain_read_timeout{500};  // after `stop`: the time in which a peer must read something
 
+  std::chrono::milliseconds slow_request{1'000};   // longer requests are logged
+  std::chrono::milliseconds stuck_batch{30'000};   // unhealthy if a batch is not durable after this time
+  std::chrono::milliseconds log_interval{10'000};  // in which clients cause at most max_log_lines of each kind
+  size_t max_log_lines = 20;
+
   // Called on the server's thread after `hang_up`.
   std::function<void()> on_hang_up = {};
 };

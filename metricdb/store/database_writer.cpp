@@ -17,6 +17,8 @@ namespace {
 // they detect a full disk only when they are written.
 constexpr uint64_t JOURNAL_BYTES_PER_TEXT_BYTE = 4;
 constexpr uint64_t JOURNAL_BYTES_PER_BATCH = 64 << 10;
+// A text for which there must be room on the disk, so that the database counts as writable.
+constexpr size_t EXPECTED_TEXT_BYTES = 256 << 10;
 
 constexpr uint64_t MAX_BATCH_BYTES = 128 << 20;  // of journal, before compression
 constexpr size_t PIECE_BYTES = 256 << 10;
@@ -195,6 +197,37 @@ uint64_t DatabaseWriter::settled() {
 std::string DatabaseWriter::failure(uint64_t ticket) {
   tslb_error_t error;
   return tslb_store_check(durable_->get(), ticket, &error) < 0 ? error.text : "";
+}
+
+IngestFigures DatabaseWriter::figures() {
+  const tslb_store_info_t info = durable_->info();
+  const PoolBytes keys = store_->key_bytes(), points = store_->point_bytes();
+  IngestFigures figures;
+  figures.series = store_->n_series();
+  figures.inactive_series = store_->n_inactive();
+  figures.points = store_->n_points();
+  figures.key_bytes = keys.used;
+  figures.max_key_bytes = keys.max;
+  figures.point_bytes = points.used;
+  figures.max_point_bytes = points.max;
+  figures.memory_bytes = store_->bytes_reserved();
+  figures.journal_bytes = info.journal_bytes;
+  figures.generation = info.generation;
+  figures.snapshots = info.n_snapshots;
+  figures.snapshot_pause_ns = info.snapshot_pause_ns;
+  figures.snapshot_failure = info.snapshot_failure;
+  return figures;
+}
+
+std::string DatabaseWriter::why_not_writable() {
+  // An open batch has its room.
+  if (batch_ != nullptr) return "";
+  try {
+    expect_room(EXPECTED_TEXT_BYTES);
+    return "";
+  } catch (const IngestRefused &refused) {
+    return refused.what();
+  }
 }
 
 std::string DatabaseWriter::wait(uint64_t ticket) {

@@ -42,6 +42,8 @@ class DatabaseWriter final : public Ingest {
   uint64_t commit() override;
   uint64_t settled() override;
   std::string failure(uint64_t ticket) override;
+  IngestFigures figures() override;
+  std::string why_not_writable() override;
   int settled_fd() const override { return tslb_store_event_fd(durable_->get()); }
 
   // Waits until the ticket is settled. Returns its failure.

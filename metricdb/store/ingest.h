@@ -34,6 +34,22 @@ struct IngestResult {
   uint64_t n_skipped() const { return malformed + late + future + no_room; }
 };
 
+// Sizes and counts for an operator.
+struct IngestFigures {
+  uint64_t series = 0;
+  uint64_t inactive_series = 0;
+  uint64_t points = 0;  // in memory, those older than the retention included
+  // Of the pools: in use, and how much there can be.
+  uint64_t key_bytes = 0, max_key_bytes = 0;
+  uint64_t point_bytes = 0, max_point_bytes = 0;
+  uint64_t memory_bytes = 0;  // reserved by all arrays
+  uint64_t journal_bytes = 0;
+  uint64_t generation = 0;
+  uint64_t snapshots = 0;
+  uint64_t snapshot_pause_ns = 0;     // of the last snapshot
+  std::string snapshot_failure = {};  // why the last snapshot failed; empty if it did not
+};
+
 class Ingest {
  public:
   virtual ~Ingest() = default;
@@ -49,6 +65,11 @@ class Ingest {
 
   // Returns the reason why a settled batch was refused; empty if it is durable.
   virtual std::string failure(uint64_t ticket) = 0;
+
+  virtual IngestFigures figures() = 0;
+
+  // Returns why points cannot be made durable at the moment, in one line; empty if they can.
+  virtual std::string why_not_writable() = 0;
 
   // Readable when the result of `settled` may have changed. Calling `settled` resets it.
   virtual int settled_fd() const = 0;
