@@ -82,6 +82,75 @@ TEST(Loader, LineFeedsInStringsEndNoLine) {
   }
 }
 
+static void load_once(Store &store, Loader &loader, std::string_view text) {
+  const uint64_t points = loader.stats().points;
+  loader.load(text, Precision::ns, NOW_NS);
+  EXPECT_EQ(loader.stats().points - points, static_cast<uint64_t>(std::count(text.begin(), text.end(), '='))) << text;
+  EXPECT_EQ(loader.stats().malformed + loader.stats().refused, 0u);
+  EXPECT_LE(store.n_points(), loader.stats().points);
+}
+
+// Batches of some chunks per series, in which one series is not in order. Earlier batches return at random.
+TEST(RepeatedPoints, BatchesThatAreSentAgainChangeNothing) {
+  constexpr uint32_t SEED = 20261127;
+  SCOPED_TRACE(SEED);
+  std::mt19937 random(SEED);
+  std::vector<std::string> batches;
+  for (int batch = 0; batch < 40; ++batch) {
+    std::string text;
+    for (int i = 0; i < 400; ++i) {
+      const int time = batch * 400 + i;
+      text += fmt::format("m a={} {}\nm b={} {}\n", random() % 100, time, random() % 100,
+                          time / 100 * 100 + 99 - time % 100);
+    }
+    batches.push_back(text);
+  }
+  Store once, again;
+  const auto ignore = [](uint64_t, const std::string &) {};
+  Loader loader(once, Loader::OnFull::stop, ignore), repeating(again, Loader::OnFull::stop, ignore);
+  repeating.set_limits({.one_per_time = true});
+  for (size_t batch = 0; batch < batches.size(); ++batch) {
+    load_once(once, loader, batches[batch]);
+    load_once(again, repeating, batches[batch]);
+    for (int n = 0; n < 3; ++n) load_once(again, repeating, batches[random() % (batch + 1)]);
+    ASSERT_EQ(again.n_points(), once.n_points()) << "after batch " << batch;
+  }
+  EXPECT_EQ(content_of(again), content_of(once));
+  EXPECT_EQ(once.n_points(), 40u * 800);
+}
+
+TEST(RepeatedPoints, TheLastValueOfATimeWins) {
+  Store store;
+  Loader loader(store, Loader::OnFull::stop, [](uint64_t, const std::string &reason) { ADD_FAILURE() << reason; });
+  loader.set_limits({.one_per_time = true});
+  load_once(store, loader, "m f=1 5\nm f=2 6\nm f=3 5\nm f=4 4\nm f=5,f=6 7\nm f=-0 8\nm f=0 8\n");
+  EXPECT_EQ(content_of(store), (Content{{"m f", "3@5 2@6 4@4 6@7 0@8 "}}));
+  // Sealed chunks keep their points, and the last one is still found.
+  std::string text;
+  for (int i = 0; i < 300; ++i) text += fmt::format("s f={} {}\n", i, i);
+  load_once(store, loader, text);
+  for (int i = 0; i < 2; ++i) load_once(store, loader, "s f=7 3\ns f=3 3\ns f=8 3\n");
+  EXPECT_EQ(store.record(*store.find("s f")).n_points(), 301u);
+  EXPECT_TRUE(content_of(store).at("s f").ends_with("299@299 8@3 ")) << content_of(store).at("s f");
+}
+
+// With a retention the chunks that were examined are deleted, and their memory is used again.
+TEST(RepeatedPoints, ForgottenChunksAreNotExamined) {
+  Store store({.point_slot_bytes = 4096, .forgetting = {.retain_ns = 700}, .points_per_sweep = 50});
+  Loader loader(store, Loader::OnFull::stop, [](uint64_t, const std::string &reason) { ADD_FAILURE() << reason; });
+  loader.set_limits({.one_per_time = true});
+  std::string last;
+  for (int batch = 0; batch < 60; ++batch) {
+    std::string text;
+    for (int i = 0; i < 300; ++i) text += fmt::format("m{} f={} {}\n", batch / 3 % 2, i % 7, batch * 300 + i);
+    load_once(store, loader, text);
+    if (batch % 3 != 0) load_once(store, loader, last);
+    last = text;
+  }
+  EXPECT_GT(store.forgotten().chunks, 20u);
+  EXPECT_EQ(store.n_visible(), 701u);
+}
+
 TEST(SeriesCache, KeepsTheLastFieldsWithinItsLimit) {
   constexpr size_t MAX_BYTES = 100'000;
   SeriesCache cache(MAX_BYTES);

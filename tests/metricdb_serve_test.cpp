@@ -11,6 +11,7 @@ class ServeProcess {
   ServeProcess(const fs::path &folder, const std::string &arguments) : output_(folder / "serve.out") {
     const std::string command = fmt::format("cd {} && exec {} serve --influx 0 {} >{} 2>&1", folder.string(), METRICDB,
                                             arguments, output_.string());
+    fs::remove(output_);  // of an earlier process
     pid_ = fork();
     if (pid_ == 0) {
       execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
@@ -71,6 +72,23 @@ TEST_F(Serve, DefaultLogShowsSkippedLinesAndSnapshots) {
   EXPECT_THAT(body_of(answer_to(peer, get("/metrics"))), HasSubstr("metricdb_max_key_bytes 267386880\n"));
   EXPECT_EQ(ask(peer, get("/health")), 200);
   EXPECT_EQ(serve.end(SIGTERM), 0);
+}
+
+TEST_F(Serve, RequestsCanBeSentAgain) {
+  ServeProcess serve(root_, "--db db");
+  Peer peer(serve.port());
+  std::string text;
+  for (int i = 0; i < 1000; ++i) text += fmt::format("m f={}i,b=true {}\n", i, i);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(ask(peer, post(text)), 204);
+  EXPECT_THAT(body_of(answer_to(peer, get("/metrics"))), HasSubstr("\nmetricdb_stored_points 2000\n"));
+  const std::string refused = answer_to(peer, post("m s=\"x\" 5"));
+  EXPECT_EQ(Peer::status_of(refused), 400);
+  EXPECT_THAT(refused, HasSubstr("is a string, and strings are not stored"));
+  EXPECT_EQ(serve.end(SIGTERM), 0);
+  ServeProcess dropping(root_, "--db db --drop-strings");
+  Peer other(dropping.port());
+  EXPECT_EQ(ask(other, post("m s=\"x\" 5")), 204);
+  EXPECT_EQ(dropping.end(SIGTERM), 0);
 }
 
 TEST_F(Serve, HangUpOpensTheLogAgain) {

@@ -181,6 +181,28 @@ TEST_F(Writer, LimitsOfKeysAndOfNewSeries) {
   EXPECT_EQ(writer.take("d f=1 1\ne f=1 1\n", Precision::ns).points, 2u) << "the limit is not per text";
 }
 
+TEST_F(Writer, ReplacedValuesAreDurable) {
+  {
+    DatabaseWriter writer(db(), {.one_per_time = true});
+    for (const char *text : {"m f=1 1\nm f=2 2\n", "m f=3 3\n", "m f=7 1\n", "m f=3 3\n", "m f=8 2\nm f=4 4\n"})
+      EXPECT_EQ(put(writer, text), "");
+    EXPECT_EQ(content_of(writer.store()), (Content{{"m f", "7@1 8@2 3@3 4@4 "}}));
+    EXPECT_EQ(content_of(reopened().store()), (Content{{"m f", "7@1 8@2 3@3 4@4 "}}));
+  }
+  EXPECT_EQ(content_of(reopened().store()), (Content{{"m f", "7@1 8@2 3@3 4@4 "}}));
+}
+
+TEST_F(Writer, StringsAreRefusedOrLeftOut) {
+  const std::string text = "m f=1,s=\"a\",t=\"b\" 1\nm f=2 2\nm s=\"a\" 3\n";
+  DatabaseWriter refusing(db(), {.refuse_strings = true});
+  const IngestResult taken = refusing.take(text, Precision::ns);
+  EXPECT_EQ(taken.points, 1u);
+  EXPECT_EQ(taken.malformed, 2u);
+  EXPECT_EQ(taken.first_reason, "line 1: field \"s\" is a string, and strings are not stored");
+  DatabaseWriter dropping(path("dropping"), {});
+  EXPECT_EQ(dropping.take(text, Precision::ns).points, 2u);
+}
+
 TEST_F(Writer, FiguresOfTheStoreAndItsCapacity) {
   create({.key_slot_bytes = 64, .point_slot_bytes = 4096});
   DatabaseWriter writer(db(), {});

@@ -91,6 +91,8 @@ int serve(const ServeArguments &arguments) {
   writer_options.max_future_ns = arguments.max_future_s * NS_PER_S;
   writer_options.max_key_bytes = arguments.max_key_bytes;
   writer_options.max_new_series = arguments.max_new_series;
+  writer_options.refuse_strings = !arguments.drop_strings;
+  writer_options.one_per_time = true;
   DatabaseWriter writer(arguments.write.db, writer_options);
   report_warnings(writer.warnings());
   ServerOptions options;

@@ -83,6 +83,7 @@ struct ServeArguments {
   int64_t max_future_s = 600;
   size_t max_key_bytes = 1024;
   uint64_t max_new_series = 50'000;
+  bool drop_strings = false;
 };
 
 struct SnapshotArguments {

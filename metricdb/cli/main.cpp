@@ -187,6 +187,7 @@ const char *const SERVE_FOOTER =
     "initial requests of agents to /query are answered too. /health answers 503 while points cannot be\n"
     "made durable, and /metrics has figures for Prometheus.\n"
     "Graphite: the plaintext protocol, `path[;tag=value] value seconds`, which has no answers.\n"
+    "A point with the time of a recent point of its series replaces it, so requests can be sent again.\n"
     "Limits in time refer to data time, which is the newest timestamp so far. --max-future limits how far\n"
     "one timestamp can move it.\n"
     "SIGTERM and SIGINT: requests that have arrived are processed and answered, then the command ends.\n"
@@ -219,6 +220,8 @@ CLI::App *add_serve(CLI::App &app, ServeArguments &arguments) {
       ->check(CLI::Range(uint64_t{1}, uint64_t{1} << 32).description(""))
       ->capture_default_str()
       ->type_name("N");
+  command->add_flag("--drop-strings", arguments.drop_strings,
+                    "store the other fields of a line with strings; without it such lines are refused");
   command->footer(SERVE_FOOTER);
   return command;
 }

@@ -276,7 +276,7 @@ bool LineParser::parse_string(std::string_view key) {
   ++pos_;
   if (pos_ > end_) extend_line();
   if (pos_ != end_ && !at(',') && !at(' ')) return fail(fmt::format("text after the string of field {}", quoted(key)));
-  ++line_.strings_skipped;
+  if (line_.strings_skipped++ == 0) line_.first_string = key;
   return true;
 }
 

@@ -52,8 +52,9 @@ struct ParsedLine {
   std::string_view head;
   std::vector<ParsedField> fields;  // in the line's order, repeated keys included
   std::optional<int64_t> ts_ns;
-  uint32_t strings_skipped = 0;  // fields with a quoted string, which are not stored
-  size_t n_likely = 0;           // number of leading fields that are those of the likely line
+  uint32_t strings_skipped = 0;   // fields with a quoted string, which are not stored
+  std::string_view first_string;  // the name of the first of them
+  size_t n_likely = 0;            // number of leading fields that are those of the likely line
 };
 
 class LineParser {

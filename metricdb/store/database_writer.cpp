@@ -123,6 +123,8 @@ void DatabaseWriter::set_limits(int64_t now_ns) {
   limits.max_key_bytes = options_.max_key_bytes;
   limits.max_new_series = options_.max_new_series;
   limits.reports_late = true;
+  limits.refuses_strings = options_.refuse_strings;
+  limits.one_per_time = options_.one_per_time;
   loader_->set_limits(limits);
 }
 

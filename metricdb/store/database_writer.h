@@ -29,6 +29,8 @@ struct WriterOptions {
   std::optional<int64_t> max_future_ns = {};
   size_t max_key_bytes = Store::MAX_KEY_BYTES;
   uint64_t max_new_series = UINT64_MAX;
+  bool refuse_strings = false;  // as in LoadLimits
+  bool one_per_time = false;
 };
 
 class DatabaseWriter final : public Ingest {

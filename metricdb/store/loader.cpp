@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "codec/printable.h"
+
 namespace metricdb {
 namespace {
 
@@ -19,7 +21,7 @@ uint64_t remove_lines(std::string_view &text, size_t n_bytes) {
 }  // namespace
 
 Loader::Loader(Store &store, OnFull on_full, Report report)
-    : store_(store), on_full_(on_full), report_(std::move(report)) {}
+    : store_(store), on_full_(on_full), report_(std::move(report)), repeated_(store) {}
 
 void Loader::set_limits(const LoadLimits &limits) {
   limits_ = limits;
@@ -36,6 +38,8 @@ bool Loader::keys_fit() {
 // Returns why the line is skipped in any case; empty if it is valid.
 std::string Loader::invalid_reason(LineParser::Outcome outcome) {
   if (outcome == LineParser::Outcome::malformed) return parser_.reason();
+  if (outcome == LineParser::Outcome::line && limits_.refuses_strings && parser_.line().strings_skipped != 0)
+    return fmt::format("field \"{}\" is a string, and strings are not stored", printable(parser_.line().first_string));
   return keys_fit() ? "" : fmt::format("a series key is longer than {} bytes", limits_.max_key_bytes);
 }
 
@@ -93,7 +97,10 @@ void Loader::store_fields(const ParsedLine &line, int64_t ts_ns) {
     store_.make_room(series);
     fields_.push_back({field.key, series});
   }
-  for (size_t i = 0; i < line.fields.size(); ++i) store_.append(fields_[i].series, {ts_ns, line.fields[i].value});
+  for (size_t i = 0; i < line.fields.size(); ++i) {
+    const Point point = {ts_ns, line.fields[i].value};
+    if (!is_repeated(fields_[i].series, point)) store_.append(fields_[i].series, point);
+  }
   if (!is_like_last) cache_.keep(line.head, fields_);
 }
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "codec/line_protocol.h"
+#include "store/repeated_points.h"
 #include "store/series_cache.h"
 #include "store/store.h"
 
@@ -19,6 +20,8 @@ struct LoadLimits {
   size_t max_key_bytes = Store::MAX_KEY_BYTES;
   uint64_t max_new_series = UINT64_MAX;  // until the limits are set again; lines with further ones have no room
   bool reports_late = false;             // calls the report for late lines
+  bool refuses_strings = false;          // lines with a string are malformed; otherwise the string is left out
+  bool one_per_time = false;             // repeated_points.h; otherwise every point is appended
 };
 
 struct LoadStats {
@@ -68,6 +71,9 @@ class Loader {
   bool keys_fit();
   std::string invalid_reason(LineParser::Outcome outcome);
   bool is_future();
+  bool is_repeated(uint32_t series, const Point &point) {
+    return limits_.one_per_time && repeated_.absorb(series, point);
+  }
   void store_line(uint64_t number, int64_t now_ns);
   void skip_late(uint64_t number);
   uint32_t series_of(const ParsedLine &line, const ParsedField &field);
@@ -84,6 +90,7 @@ class Loader {
   LoadStats stats_;
   std::string key_;
   SeriesCache cache_;
+  RepeatedPoints repeated_;
   uint64_t n_forgotten_ = 0;                  // forgotten series when the cache was last valid
   std::span<const SeriesCache::Field> last_;  // the fields of the last line with the current head
   std::vector<SeriesCache::Field> fields_;    // of the current line
