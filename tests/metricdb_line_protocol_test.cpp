@@ -2,6 +2,8 @@
 #include <iterator>
 
 #include "codec/line_protocol.h"
+#include "codec/line_scanner.h"
+#include "codec/printable.h"
 #include "extra/reference_reader.h"
 #include "metricdb_support.h"
 #include "store/series_cache.h"
@@ -151,6 +153,70 @@ TEST(LineProtocol, ExpectedContentDoesNotChangeTheResult) {
     if (random() % 4 == 0) cache.keep(helped.line().head, fields);
   }
   EXPECT_GT(n_likely, 5'000u);
+}
+
+TEST(Printable, ReplacesWhatATerminalExecutes) {
+  static const struct {
+    const char *text, *shown;
+  } rows[] = {
+      {"a b~", "a b~"},
+      {"\x1b[31m\x7f\r\n\t", "?[31m??\n\t"},
+      {"\xc2\x9b"
+       "31m",
+       "??31m"},  // CSI in UTF-8
+      {"\x9b"
+       "31m",
+       "?31m"},  // CSI in 8 bits
+      {"Z\xc3\xbcrich \xe2\x82\xac \xf0\x9f\x99\x82", "Z\xc3\xbcrich \xe2\x82\xac \xf0\x9f\x99\x82"},
+      {"\xc3\x9b \xc2\xa0", "\xc3\x9b \xc2\xa0"},  // the same second byte
+      {"\xe2\x9b", "??"},
+      {"\xc3", "?"},
+      {"\xc3\x1b", "??"},
+      {"\xff\xfe", "??"},
+  };
+  for (const auto &row : rows) EXPECT_EQ(printable(row.text, "\n\t"), row.shown);
+  EXPECT_EQ(printable("a\nb"), "a?b");
+}
+
+// Random texts with strings, quotes and line feeds anywhere. The parser, the scanner, which gets the text in pieces, and
+// the reference must find the same lines.
+TEST(LineProtocol, LinesOfRandomTexts) {
+  constexpr uint32_t SEED = 20261126;
+  SCOPED_TRACE(SEED);
+  std::mt19937 random(SEED);
+  constexpr std::string_view PARTS[] = {"m,a=b ", "m ",  "s=\"", "\"",      "\\", "\n",      "\r\n",      ",",
+                                        "=",      "f=1", " 5\n", "g=\"x\"", "#",  "m f=1\n", "\nm f=2\n", " "};
+  uint64_t n_long = 0, n_points = 0;
+  for (int i = 0; i < 50'000; ++i) {
+    std::string text;
+    for (uint32_t n = 1 + random() % 12; n > 0; --n) text += PARTS[random() % std::size(PARTS)];
+    SCOPED_TRACE(text);
+    LineParser parser;
+    LineScanner scanner;
+    std::string_view rest = text, reference_rest = text, line, reference_line;
+    size_t scanned = 0;
+    while (next_line(rest, line)) {
+      const auto outcome = parser.parse(line, {}, rest);
+      rest.remove_prefix(parser.n_following());
+      n_long += parser.n_following() != 0;
+      ASSERT_TRUE(next_reference_line(reference_rest, reference_line));
+      ASSERT_EQ(rest, reference_rest) << "another end of a line";
+      const auto points = reference_points(reference_line, 1, NOW_NS);
+      ASSERT_EQ(outcome == LineParser::Outcome::line ? parser.line().fields.size() : 0, points.size());
+      for (size_t field = 0; field < points.size(); ++field)
+        ASSERT_EQ(parser.line().fields[field].value, points[field].value);
+      n_points += points.size();
+      size_t end = scanner.npos;
+      while (end == scanner.npos && scanned < text.size()) {
+        const size_t n = std::min<size_t>(1 + random() % 9, text.size() - scanned);
+        end = scanner.end_of_line(std::string_view(text).substr(scanned, n));
+        scanned += end == scanner.npos ? n : end;
+      }
+      ASSERT_EQ(scanned, text.size() - rest.size()) << "the scanner";
+    }
+  }
+  EXPECT_GT(n_long, 1'000u);
+  EXPECT_GT(n_points, 5'000u);
 }
 
 // The parser compares names in groups of 16 bytes, and converts numbers in two ways. Special bytes at each position,

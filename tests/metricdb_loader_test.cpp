@@ -29,17 +29,126 @@ TEST(Loader, SkipsMalformedLinesAsAWhole) {
   Loader loader(store, Loader::OnFull::stop, [&](uint64_t line, const std::string &reason) {
     messages.push_back(fmt::format("{}: {}", line, reason));
   });
-  loader.load("# a comment\r\n\r\nm a=1,s=\"x\" 1\r\nm a=2,b=3,load 2\nm a=4,b=\"y\n m a=5,b=6\nm a=7," + long_field +
-                  "=8\nm a=9 3",
+  loader.load("# a comment\r\n\r\nm a=1,s=\"x\" 1\r\nm a=2,b=3,load 2\nm a=4,b=\"y\"z\n m a=5,b=6\nm a=7," +
+                  long_field + "=8\nm a=9 3",
               Precision::ns, NOW_NS);
-  EXPECT_EQ(messages, (std::vector<std::string>{"4: field \"load\" has no value",
-                                                "5: the string of field \"b\" has no closing quote",
-                                                "7: a series key is longer than 65534 bytes"}));
+  EXPECT_EQ(messages,
+            (std::vector<std::string>{"4: field \"load\" has no value", "5: text after the string of field \"b\"",
+                                      "7: a series key is longer than 65534 bytes"}));
   EXPECT_EQ(loader.stats().lines, 8u);
   EXPECT_EQ(loader.stats().malformed, 3u);
   EXPECT_EQ(loader.stats().strings_skipped, 1u) << "strings of a skipped line are counted";
   EXPECT_EQ(loader.stats().points, 4u);
   EXPECT_EQ(content_of(store), (Content{{"m a", "1@1 5@77 9@3 "}, {"m b", "6@77 "}}));
+}
+
+// Each row has a line `m f=1 1` that a string contains or that follows the string.
+TEST(Loader, LineFeedsInStringsEndNoLine) {
+  static const struct {
+    const char *fault, *text, *points, *messages;
+  } rows[] = {
+      {"the rest of a string is a line", "m s=\"x\nm f=1 1\n\",g=2 3\nm f=1 1\n", "m f 1@1 |m g 2@3 |", ""},
+      {"carriage returns", "m s=\"x\r\n\",g=2 3\r\nm f=1 1\r\n", "m f 1@1 |m g 2@3 |", ""},
+      {"only one string per line", "m s=\"\n\",t=\"\n\n\",g=2\nm f=1 1", "m f 1@1 |m g 2@77 |", ""},
+      {"an escaped quote ends a string", "m s=\"x\\\"\nm f=2 2\n\\\\\",g=2 3\nm f=1 1", "m f 1@1 |m g 2@3 |", ""},
+      {"the string of a malformed line is ignored", "m g=x,s=\"\nm f=2 2\n\"\nm f=1 1", "m f 1@1 |",
+       "1: field \"g\": \"x\" is not a number, boolean or string|"},
+      {"lines are counted wrongly", "m s=\"\n\n\"\nm f=\nm f=1 1", "m f 1@1 |", "4: field \"f\" has no value|"},
+      {"a string without an end leaves lines", "m f=1 1\nm s=\"x\nm f=2 2\nm f=3 3\n", "m f 1@1 |",
+       "2: the string of field \"s\" has no closing quote|"},
+      {"a quote elsewhere begins a string", "m\"=\"x f=1 1\nm,a=\"b f=1 1\n#=\"\nm f=1\"\nm f=1 1\n",
+       "m f 1@1 |m\"=\"x f 1@1 |m,a=\"b f 1@1 |", "4: field \"f\": \"1\"\" is not a number, boolean or string|"},
+      {"an escaped equals sign begins a value", "m a\\=\"=1 1\nm f=1 1\n", "m a\\=\" 1@1 |m f 1@1 |", ""},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    Store store;
+    std::string messages, points;
+    Loader loader(store, Loader::OnFull::stop,
+                  [&](uint64_t line, const std::string &reason) { messages += fmt::format("{}: {}|", line, reason); });
+    EXPECT_EQ(loader.load(row.text, Precision::ns, NOW_NS), std::strlen(row.text));
+    for (const auto &[key, shown] : content_of(store)) points += key + " " + shown + "|";
+    EXPECT_EQ(points, row.points);
+    EXPECT_EQ(messages, row.messages);
+    expect_checked(checked(store, row.text), store.n_points(), 0, "");
+    // In pieces: each call loads one line with everything that belongs to it.
+    Store other;
+    Loader in_pieces(other, Loader::OnFull::stop, [](uint64_t, const std::string &) {});
+    for (std::string_view rest = row.text; !rest.empty();)
+      rest.remove_prefix(in_pieces.load(rest, Precision::ns, NOW_NS, 1));
+    EXPECT_EQ(content_of(other), content_of(store));
+    EXPECT_EQ(in_pieces.stats().lines, loader.stats().lines);
+    EXPECT_EQ(in_pieces.stats().malformed, loader.stats().malformed);
+  }
+}
+
+static void load_once(Store &store, Loader &loader, std::string_view text) {
+  const uint64_t points = loader.stats().points;
+  loader.load(text, Precision::ns, NOW_NS);
+  EXPECT_EQ(loader.stats().points - points, static_cast<uint64_t>(std::count(text.begin(), text.end(), '='))) << text;
+  EXPECT_EQ(loader.stats().malformed + loader.stats().refused, 0u);
+  EXPECT_LE(store.n_points(), loader.stats().points);
+}
+
+// Batches of some chunks per series, in which one series is not in order. Earlier batches return at random.
+TEST(RepeatedPoints, BatchesThatAreSentAgainChangeNothing) {
+  constexpr uint32_t SEED = 20261127;
+  SCOPED_TRACE(SEED);
+  std::mt19937 random(SEED);
+  std::vector<std::string> batches;
+  for (int batch = 0; batch < 40; ++batch) {
+    std::string text;
+    for (int i = 0; i < 400; ++i) {
+      const int time = batch * 400 + i;
+      text += fmt::format("m a={} {}\nm b={} {}\n", random() % 100, time, random() % 100,
+                          time / 100 * 100 + 99 - time % 100);
+    }
+    batches.push_back(text);
+  }
+  Store once, again;
+  const auto ignore = [](uint64_t, const std::string &) {};
+  Loader loader(once, Loader::OnFull::stop, ignore), repeating(again, Loader::OnFull::stop, ignore);
+  repeating.set_limits({.one_per_time = true});
+  for (size_t batch = 0; batch < batches.size(); ++batch) {
+    load_once(once, loader, batches[batch]);
+    load_once(again, repeating, batches[batch]);
+    for (int n = 0; n < 3; ++n) load_once(again, repeating, batches[random() % (batch + 1)]);
+    ASSERT_EQ(again.n_points(), once.n_points()) << "after batch " << batch;
+  }
+  EXPECT_EQ(content_of(again), content_of(once));
+  EXPECT_EQ(once.n_points(), 40u * 800);
+}
+
+TEST(RepeatedPoints, TheLastValueOfATimeWins) {
+  Store store;
+  Loader loader(store, Loader::OnFull::stop, [](uint64_t, const std::string &reason) { ADD_FAILURE() << reason; });
+  loader.set_limits({.one_per_time = true});
+  load_once(store, loader, "m f=1 5\nm f=2 6\nm f=3 5\nm f=4 4\nm f=5,f=6 7\nm f=-0 8\nm f=0 8\n");
+  EXPECT_EQ(content_of(store), (Content{{"m f", "3@5 2@6 4@4 6@7 0@8 "}}));
+  // Sealed chunks keep their points, and the last one is still found.
+  std::string text;
+  for (int i = 0; i < 300; ++i) text += fmt::format("s f={} {}\n", i, i);
+  load_once(store, loader, text);
+  for (int i = 0; i < 2; ++i) load_once(store, loader, "s f=7 3\ns f=3 3\ns f=8 3\n");
+  EXPECT_EQ(store.record(*store.find("s f")).n_points(), 301u);
+  EXPECT_TRUE(content_of(store).at("s f").ends_with("299@299 8@3 ")) << content_of(store).at("s f");
+}
+
+// With a retention the chunks that were examined are deleted, and their memory is used again.
+TEST(RepeatedPoints, ForgottenChunksAreNotExamined) {
+  Store store({.point_slot_bytes = 4096, .forgetting = {.retain_ns = 700}, .points_per_sweep = 50});
+  Loader loader(store, Loader::OnFull::stop, [](uint64_t, const std::string &reason) { ADD_FAILURE() << reason; });
+  loader.set_limits({.one_per_time = true});
+  std::string last;
+  for (int batch = 0; batch < 60; ++batch) {
+    std::string text;
+    for (int i = 0; i < 300; ++i) text += fmt::format("m{} f={} {}\n", batch / 3 % 2, i % 7, batch * 300 + i);
+    load_once(store, loader, text);
+    if (batch % 3 != 0) load_once(store, loader, last);
+    last = text;
+  }
+  EXPECT_GT(store.forgotten().chunks, 20u);
+  EXPECT_EQ(store.n_visible(), 701u);
 }
 
 TEST(SeriesCache, KeepsTheLastFieldsWithinItsLimit) {

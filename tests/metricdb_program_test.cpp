@@ -1,6 +1,10 @@
 // The program with databases: output, refusals that change nothing, and the log.
 
+#include <fcntl.h>
+#include <stdlib.h>
+
 #include "metricdb_support.h"
+#include "store/database.h"
 
 class Program : public Folder {
  protected:
@@ -73,6 +77,8 @@ TEST_F(Program, RefusesInOneLineAndChangesNothing) {
   expect_good("load --db db first.lp");
   expect_good("load --db reusing --idle 1 --reuse-inactive-pct 5 first.lp");
   write_file(root_ / "plain", "");
+  fs::create_directory(root_ / "etc");
+  write_file(root_ / "etc/passwd", "");
   static const struct {
     const char *arguments, *line;
   } rows[] = {
@@ -84,7 +90,11 @@ TEST_F(Program, RefusesInOneLineAndChangesNothing) {
       {"load --db plain first.lp", "plain: cannot be read: Not a directory"},
       {"stat --db plain", "plain: holds no database"},
       {"stat --db none", "none: holds no database"},
+      {"stat --db db --log no/such/log", "no/such/log: the log cannot be opened: No such file or directory"},
       {"snapshot --db none", "none: holds no database"},
+      {"serve --db etc --influx 0", "etc: is not a store and has other content, such as \"passwd\""},
+      {"ingest --db etc first.lp", "etc: is not a store and has other content, such as \"passwd\""},
+      {"load --db etc first.lp", "etc: is not a store and has other content, such as \"passwd\""},
       {"check --db none first.lp", "none: holds no database"},
       {"stat --db .", ".: holds no database"},
       {"snapshot --db .", ".: holds no database"},
@@ -98,6 +108,38 @@ TEST_F(Program, RefusesInOneLineAndChangesNothing) {
   fs::resize_file(root_ / "db/generation.1/points.stream", 99);
   for (const char *arguments : {"stat --db db", "series --db db", "snapshot --db db", "load --db db second.lp"})
     expect_refused(arguments, StartsWith("metricdb: db/generation.1/points.stream: has 99 bytes, expected "));
+}
+
+TEST_F(Program, TerminalsGetNoControlCharacters) {
+  write_file(root_ / "control.lp",
+             "m\xc2\x9b"
+             "31m f=1 1\n");
+  expect_good("load --db db control.lp");
+  EXPECT_THAT(run("series --db db").out, HasSubstr("m\xc2\x9b"
+                                                   "31m f"))
+      << "files get keys as they are";
+  const int terminal = posix_openpt(O_RDWR | O_NOCTTY);
+  ASSERT_TRUE(terminal >= 0 && grantpt(terminal) == 0 && unlockpt(terminal) == 0);
+  const std::string name = ptsname(terminal);
+  const int other_end = open(name.c_str(), O_RDWR | O_NOCTTY);  // keeps the output until it is read
+  ASSERT_GE(other_end, 0);
+  run("series --db db", "", fmt::format(">{}", name).c_str());
+  char shown[4096];
+  const ssize_t n = read(terminal, shown, sizeof shown);
+  ASSERT_GT(n, 0);
+  EXPECT_THAT(std::string(shown, static_cast<size_t>(n)), HasSubstr("m??31m f"));
+  close(other_end);
+  close(terminal);
+}
+
+// Lines are passed one at a time, and a line that is too long ends where its string ends.
+TEST_F(Program, IngestReadsStringsWithLineFeeds) {
+  const std::string long_string = repeated("m f=2 2\n", 10'000);
+  write_file(root_ / "strings.lp", "m s=\"\nm f=2 2\n\",g=3 3\nm s=\"" + long_string + "\",h=4 4\nm f=1 1\n");
+  const Outcome outcome = run("ingest --db db --batch-lines 1 strings.lp");
+  EXPECT_EQ(outcome.exit_code, 2) << outcome.err;
+  EXPECT_THAT(outcome.err, HasSubstr("1 lines longer than 65536 bytes"));
+  EXPECT_EQ(content_of(OpenDatabase(path("db")).store()), (Content{{"m f", "1@1 "}, {"m g", "3@3 "}}));
 }
 
 TEST_F(Program, LogsItsProgress) {

@@ -105,8 +105,34 @@ TEST_F(Bounds, SlowReadersDoNotDelayOthers) {
   for (size_t i = 0; i < n_whole; ++i) ASSERT_EQ(slow.status(), 200) << i << " of " << n_whole;
 }
 
+// The peer reads nothing, and the limit of the whole end is not reached.
+TEST_F(Bounds, SlowReadersDoNotDelayTheEnd) {
+  TSLB_DLOG_INIT(path("log").c_str(), LOG_REFUSALS, 10);
+  {
+    RunningServer server({.influx_port = 0,
+                          .graphite_port = 0,
+                          .drain_timeout = milliseconds(600'000),
+                          .drain_read_timeout = milliseconds(50)});
+    Peer slow(server.influx_port());
+    const std::string pipeline = repeated("GET /query?q=" + std::string(60, 'x') + " HTTP/1.1\r\n\r\n", 1000);
+    ASSERT_TRUE(wait_until([&] {
+      const uint64_t before = server.counters().requests;
+      slow.send_some(pipeline);
+      expect_others_are_served(server);
+      return server.counters().requests == before + 1;
+    }));
+    server.stop();
+  }
+  TSLB_DLOG_INIT(nullptr, 0, 10);
+  std::string log;
+  for (const auto &[name, content] : tree_of(root_)) log += content;
+  EXPECT_EQ(count_of(log, "the answers are not read; connection closed"), 1u) << log;
+}
+
+constexpr milliseconds NEVER(3'600'000);
+
 TEST_F(Bounds, MemoryForIncompleteRequests) {
-  RunningServer server({.influx_port = 0, .graphite_port = 0, .max_buffered_bytes = 1 << 20});
+  RunningServer server({.influx_port = 0, .graphite_port = 0, .max_buffered_bytes = 1 << 20, .stall_timeout = NEVER});
   const std::string request = post(std::string(400'000, '#') + "\n");
   std::list<Peer> peers;
   for (int i = 0; i < 4; ++i) peers.emplace_back(server.influx_port()).send(request.substr(0, 390'000));
@@ -121,6 +147,43 @@ TEST_F(Bounds, MemoryForIncompleteRequests) {
   }
   EXPECT_GE(n_good, 1);
   EXPECT_LT(n_good, 4);
+}
+
+// Each peer announces a large body and sends one byte of it, after its header was processed.
+TEST_F(Bounds, AnnouncedBodiesUseNoMemory) {
+  constexpr size_t MAX = size_t{64} << 20;
+  RunningServer server({.influx_port = 0, .graphite_port = 0, .max_buffered_bytes = MAX, .stall_timeout = NEVER});
+  std::list<Peer> peers;
+  for (size_t i = 0; i < MAX / (size_t{4} << 20); ++i) {
+    Peer &peer = peers.emplace_back(server.influx_port());
+    ASSERT_EQ(ask(peer, "POST /write HTTP/1.1\r\nExpect: 100-continue\r\nContent-Length: 4194304\r\n\r\n"), 100);
+    ASSERT_TRUE(peer.send("#"));
+  }
+  expect_others_are_served(server);
+  Peer writer(server.influx_port());
+  EXPECT_EQ(ask(writer, post("m f=1 5\n" + std::string(100'000, '#'))), 204);
+}
+
+TEST_F(Bounds, StalledPeersAreClosedWhenMemoryIsShort) {
+  constexpr size_t MAX = 1280 << 10;  // two such requests, and a smaller block while one of them moves to a larger one
+  RunningServer server(
+      {.influx_port = 0, .graphite_port = 0, .max_buffered_bytes = MAX, .stall_timeout = milliseconds(0)});
+  const std::string request = post(std::string(400'000, '#') + "\nm f=1 5");
+  std::list<Peer> stalled;
+  // Two of them fill the memory. Each waits until the server has received what the previous one has sent.
+  for (uint64_t sent = 0; stalled.size() < 2;) {
+    ASSERT_TRUE(stalled.emplace_back(server.influx_port()).send(request.substr(0, 390'000)));
+    sent += 390'000;
+    ASSERT_TRUE(wait_until([&] { return server.counters().bytes >= sent; }));
+  }
+  Peer waiting(server.influx_port());  // uses no memory, so it stays
+  EXPECT_EQ(ask(waiting, get("/ping")), 204);
+  Peer writer(server.influx_port());
+  EXPECT_EQ(ask(writer, post(std::string(400'000, '#') + "\nm f=1 5")), 204);
+  EXPECT_EQ(server.counters().stalled, 1u);
+  EXPECT_TRUE(stalled.front().is_closed()) << "the other one has been silent for less time";
+  EXPECT_EQ(ask(stalled.back(), request.substr(390'000)), 204);
+  EXPECT_EQ(ask(waiting, get("/ping")), 204);
 }
 
 TEST_F(Bounds, IdlePeersAreClosed) {

@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "net/influx_api.h"
 #include "server_support.h"
 
 using testing::EndsWith;
@@ -28,6 +29,7 @@ TEST(Influx, AnswersToRequests) {
       {get("/ping", "HEAD"), 204, "", 0},
       {get("/ping", "DELETE"), 405, "GET, HEAD", 0},
       {get("/health"), 200, "\"status\":\"pass\"", 0},
+      {get("/metrics", "POST"), 405, "GET, HEAD", 0},
       {get("/"), 404, "/write", 0},
       {get("/writes"), 404, "/write", 0},
       {get("/query"), 400, "missing required parameter", 0},
@@ -72,6 +74,28 @@ TEST(Influx, Precisions) {
   for (const auto &row : rows) {
     EXPECT_EQ(ask(peer, post("m f=1 7", std::string("precision=") + row.unit)), 204);
     EXPECT_THAT(server.ingest().points().back(), EndsWith(fmt::format("@{}", 7 * row.ns)));
+  }
+}
+
+// A client drops lines after 400, and sends the request again after 503.
+TEST(Influx, AnswersToSkippedLines) {
+  static const struct {
+    IngestResult result;
+    int status;
+    const char *error;
+  } rows[] = {
+      {{.points = 1}, 204, ""},
+      {{.malformed = 2, .first_reason = "line 3: a"}, 400, "partial write: line 3: a dropped=2"},
+      {{.points = 1, .late = 3, .first_reason = "line 3: a"}, 400, "partial write: line 3: a dropped=3"},
+      {{.points = 1, .future = 4, .first_reason = "line 3: a"}, 400, "partial write: line 3: a dropped=4"},
+      {{.points = 1, .malformed = 1, .no_room = 2, .first_reason = "line 3: a", .room_reason = "line 4: b"},
+       503,
+       "partial write: line 4: b dropped=3"},
+  };
+  for (const auto &row : rows) {
+    const HttpAnswer answer = answer_to(row.result);
+    EXPECT_EQ(answer.status, row.status) << row.error;
+    EXPECT_EQ(answer.error, row.error);
   }
 }
 

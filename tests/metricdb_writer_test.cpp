@@ -119,13 +119,121 @@ TEST_F(Writer, FullStoreRefusesLinesWithoutRoom) {
       "measurement,number=0000000003 other=1 6\n",
       Precision::ns);
   EXPECT_EQ(taken.points, 1u);
-  EXPECT_EQ(taken.malformed, 2u);
-  EXPECT_THAT(taken.first_reason, StartsWith("line 1: no room for more series keys"));
+  EXPECT_EQ(taken.no_room, 2u);
+  EXPECT_THAT(taken.room_reason, StartsWith("line 1: no room for more series keys"));
   EXPECT_THROW(writer.take("measurement,number=9999999999 field=1 7\n", Precision::ns), IngestRefused);
   EXPECT_EQ(writer.wait(writer.commit()), "");
   const auto points = content_of(reopened().store());
   EXPECT_EQ(points.at("measurement,number=0000000001 field"), "1@5 ");
   EXPECT_EQ(points.at("measurement,number=0000000002 field"), "1@5 5@6 ");
+}
+
+static int64_t clock_ns() {
+  using namespace std::chrono;
+  return duration_cast<nanoseconds>(system_clock::now().time_since_epoch()).count();
+}
+
+// With the timestamp stored, the data time would be two hours later, and the last line would be late.
+TEST_F(Writer, TimestampsFarAfterTheClockAreRefused) {
+  constexpr int64_t HOUR_NS = 3'600'000'000'000;
+  const int64_t now_ns = clock_ns();
+  DatabaseWriter writer(db(), {.forgetting = {.retain_ns = HOUR_NS}, .max_future_ns = HOUR_NS});
+  const IngestResult taken =
+      writer.take(fmt::format("m f=1 {}\nm f=2,g=2 {}\nm f=3 {}\n", now_ns, now_ns + 2 * HOUR_NS, now_ns - HOUR_NS / 2),
+                  Precision::ns);
+  EXPECT_EQ(taken.points, 2u);
+  EXPECT_EQ(taken.future, 1u);
+  EXPECT_EQ(taken.n_skipped(), 1u);
+  EXPECT_EQ(taken.first_reason, "line 2: the timestamp is too far after the server's clock");
+  const IngestResult within = writer.take(fmt::format("m f=4 {}\n", now_ns + HOUR_NS / 2), Precision::ns);
+  EXPECT_EQ(within.points, 1u);
+  DatabaseWriter any(path("any"), {});
+  EXPECT_EQ(any.take("m f=1 9223372036854775807\n", Precision::ns).points, 1u);
+}
+
+TEST_F(Writer, LateLinesAreReportedAndNotCounted) {
+  DatabaseWriter writer(db(), {.forgetting = {.retain_ns = 10}});
+  const IngestResult taken = writer.take("m f=1 100\nm f=2 50\nm f=3,g=4 20\nn f=5 95\n", Precision::ns);
+  EXPECT_EQ(taken.points, 2u);
+  EXPECT_EQ(taken.late, 2u);
+  EXPECT_EQ(taken.n_skipped(), 2u);
+  EXPECT_EQ(taken.first_reason, "line 2: the timestamp is older than the retention");
+  const uint64_t ticket = writer.commit();
+  EXPECT_EQ(writer.take("m f=6 1\n", Precision::ns).points, 0u);
+  EXPECT_EQ(writer.commit(), ticket) << "the answer waits for a batch without points";
+  EXPECT_EQ(writer.wait(ticket), "");
+  EXPECT_EQ(content_of(reopened().store()), (Content{{"m f", "1@100 "}, {"n f", "5@95 "}}));
+}
+
+TEST_F(Writer, LimitsOfKeysAndOfNewSeries) {
+  DatabaseWriter writer(db(), {.max_key_bytes = 10, .max_new_series = 3});
+  const IngestResult keys = writer.take("m,t=seven f=1 1\nm,t=six6 f=1 1\n", Precision::ns);
+  EXPECT_EQ(keys.points, 1u);
+  EXPECT_EQ(keys.malformed, 1u);
+  EXPECT_EQ(keys.first_reason, "line 1: a series key is longer than 10 bytes");
+  const std::string text = "a f=1 1\nb f=1 1\nbad\nc f=1 1\nd f=1 1\ne f=1 1\na f=2 2\n";
+  const IngestResult series = writer.take(text, Precision::ns);
+  EXPECT_EQ(series.points, 4u);
+  EXPECT_EQ(series.malformed, 1u);
+  EXPECT_EQ(series.no_room, 2u);
+  EXPECT_EQ(series.first_reason, "line 3: no fields");
+  EXPECT_EQ(series.room_reason, "line 5: no room for more than 3 new series at a time");
+  EXPECT_EQ(writer.take("d f=1 1\ne f=1 1\n", Precision::ns).points, 2u) << "the limit is not per text";
+}
+
+TEST_F(Writer, ReplacedValuesAreDurable) {
+  {
+    DatabaseWriter writer(db(), {.one_per_time = true});
+    for (const char *text : {"m f=1 1\nm f=2 2\n", "m f=3 3\n", "m f=7 1\n", "m f=3 3\n", "m f=8 2\nm f=4 4\n"})
+      EXPECT_EQ(put(writer, text), "");
+    EXPECT_EQ(content_of(writer.store()), (Content{{"m f", "7@1 8@2 3@3 4@4 "}}));
+    EXPECT_EQ(content_of(reopened().store()), (Content{{"m f", "7@1 8@2 3@3 4@4 "}}));
+  }
+  EXPECT_EQ(content_of(reopened().store()), (Content{{"m f", "7@1 8@2 3@3 4@4 "}}));
+}
+
+TEST_F(Writer, StringsAreRefusedOrLeftOut) {
+  const std::string text = "m f=1,s=\"a\",t=\"b\" 1\nm f=2 2\nm s=\"a\" 3\n";
+  DatabaseWriter refusing(db(), {.refuse_strings = true});
+  const IngestResult taken = refusing.take(text, Precision::ns);
+  EXPECT_EQ(taken.points, 1u);
+  EXPECT_EQ(taken.malformed, 2u);
+  EXPECT_EQ(taken.first_reason, "line 1: field \"s\" is a string, and strings are not stored");
+  DatabaseWriter dropping(path("dropping"), {});
+  EXPECT_EQ(dropping.take(text, Precision::ns).points, 2u);
+}
+
+TEST_F(Writer, FiguresOfTheStoreAndItsCapacity) {
+  create({.key_slot_bytes = 64, .point_slot_bytes = 4096});
+  DatabaseWriter writer(db(), {});
+  EXPECT_EQ(writer.figures().series, 0u);
+  EXPECT_EQ(put(writer, "m f=1,g=2 5\nm f=3 6\n"), "");
+  const IngestFigures figures = writer.figures();
+  EXPECT_EQ(figures.series, 2u);
+  EXPECT_EQ(figures.points, 3u);
+  EXPECT_EQ(figures.max_key_bytes, 64u * MAX_KEY_SLOTS);
+  EXPECT_EQ(figures.key_bytes, 2 * (sizeof "m f" + TSLB_COMPAT_BYTES));
+  EXPECT_EQ(figures.max_point_bytes, 4096u * MAX_POINT_SLOTS);
+  EXPECT_EQ(figures.point_bytes, 2 * (8 * sizeof(Point) + TSLB_COMPAT_BYTES));
+  EXPECT_EQ(figures.snapshots, 0u);
+  const uint64_t generation = writer.snapshot().number;
+  EXPECT_EQ(writer.figures().snapshots, 1u);
+  EXPECT_EQ(writer.figures().generation, generation);
+  EXPECT_GT(figures.journal_bytes, 0u);
+}
+
+TEST_F(Writer, ForgottenSeriesMakeRoomForNewOnes) {
+  create({.key_slot_bytes = 64, .forgetting = {.retain_ns = 10}, .points_per_sweep = 1});
+  DatabaseWriter writer(db(), {});
+  std::string text;
+  for (int i = 0; i < 255; ++i) text += fmt::format("measurement,number={:010},type=of,size=64 f=1 5\n", i);
+  ASSERT_EQ(writer.take(text, Precision::ns).n_skipped(), 0u);
+  const std::string other = "measurement,number=other,type=of,size=64 f=1 5\n";
+  EXPECT_THROW(writer.take(other, Precision::ns), IngestRefused);
+  writer.take(repeated("measurement,number=0000000001,type=of,size=64 f=1 500\n", 300), Precision::ns);
+  EXPECT_EQ(writer.store().n_series(), 1u);
+  EXPECT_EQ(writer.take("measurement,number=new,type=of,size=64 f=1 500\n", Precision::ns).points, 1u);
+  EXPECT_EQ(writer.wait(writer.commit()), "");
 }
 
 // Each step of the file operations fails once, during batches, snapshots and openings. Afterwards all settled batches
@@ -254,7 +362,9 @@ TEST_F(Writer, FullDiskRefusesBatches) {
     {
       const limit_t tight(RLIMIT_FSIZE, 400'000);
       for (int number = 0; number < 400 && n_refused < 3; ++number) take(number);
+      EXPECT_THAT(writer.why_not_writable(), HasSubstr("journal.1: "));
     }
+    EXPECT_EQ(writer.why_not_writable(), "");
     signal(SIGXFSZ, old_handler);
     EXPECT_GT(kept.size(), 5u);
     for (const int number : numbers_from(400, 410)) take(number);

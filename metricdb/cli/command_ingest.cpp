@@ -64,11 +64,11 @@ class Ingestion {
     const uint64_t ticket = writer_.commit();
     n_lines_ += static_cast<uint64_t>(std::count(text.begin(), text.end(), '\n')) + (text.ends_with('\n') ? 0 : 1);
     n_points_ += result.points;
-    n_malformed_ += result.malformed;
+    n_malformed_ += result.n_skipped() - result.late;
     unsettled_.push_back({ticket, n_lines_});
-    if (result.malformed == 0) return;
+    if (result.n_skipped() == 0) return;
     const std::string message = fmt::format("{}: {} lines of the batch from line {} on were skipped; the first: {}",
-                                            source.name(), result.malformed, first_line, result.first_reason);
+                                            source.name(), result.n_skipped(), first_line, result.first_reason);
     print_error(message);
     TSLB_DLOG(LOG_DETAILS, "%s", message.c_str());
   }

@@ -5,9 +5,11 @@
 
 #include <algorithm>
 #include <chrono>
+#include <iterator>
 #include <stdexcept>
 
 #include "cli/commands.h"
+#include "cli/log_file.h"
 #include "cli/output.h"
 #include "cli/write_options.h"
 #include "net/server.h"
@@ -19,32 +21,41 @@
 namespace metricdb {
 namespace {
 
-Server *server_to_stop = nullptr;
+Server *signalled_server = nullptr;
 
-void stop_server(int) {
-  server_to_stop->stop();
+void on_signal(int signal) {
+  if (signal == SIGHUP)
+    signalled_server->hang_up();
+  else
+    signalled_server->stop();
 }
 
-// SIGTERM and SIGINT stop the server during the lifetime of this object.
-class StopOnSignal {
+// During the lifetime of this object SIGTERM and SIGINT stop the server, and SIGHUP reopens the log.
+class ServerSignals {
  public:
-  explicit StopOnSignal(Server &server) {
-    server_to_stop = &server;
+  explicit ServerSignals(Server &server) {
+    signalled_server = &server;
     struct sigaction action = {};
-    action.sa_handler = stop_server;
-    sigaction(SIGTERM, &action, &previous_term_);
-    sigaction(SIGINT, &action, &previous_int_);
+    action.sa_handler = on_signal;
+    action.sa_flags = SA_RESTART;
+    for (size_t i = 0; i < std::size(SIGNALS); ++i) sigaction(SIGNALS[i], &action, &previous_[i]);
   }
-  ~StopOnSignal() {
-    sigaction(SIGTERM, &previous_term_, nullptr);
-    sigaction(SIGINT, &previous_int_, nullptr);
+  ~ServerSignals() {
+    for (size_t i = 0; i < std::size(SIGNALS); ++i) sigaction(SIGNALS[i], &previous_[i], nullptr);
   }
-  StopOnSignal(const StopOnSignal &) = delete;
-  StopOnSignal &operator=(const StopOnSignal &) = delete;
+  ServerSignals(const ServerSignals &) = delete;
+  ServerSignals &operator=(const ServerSignals &) = delete;
 
  private:
-  struct sigaction previous_term_, previous_int_;
+  static constexpr int SIGNALS[] = {SIGTERM, SIGINT, SIGHUP};
+  struct sigaction previous_[std::size(SIGNALS)];
 };
+
+// Signals that would end the process by default: a reader of its output that ended, a terminal that was closed while the
+// database is opened, and signals that other programs use to reopen their logs.
+void ignore_harmless_signals() {
+  for (const int number : {SIGPIPE, SIGHUP, SIGUSR1, SIGUSR2}) signal(number, SIG_IGN);
+}
 
 // The limit leaves descriptors for the files of the database.
 size_t connection_limit(size_t wanted) {
@@ -66,10 +77,11 @@ std::string ports_line(const ServeArguments &arguments, const Server &server) {
 
 std::string counters_line(const ServerCounters &counters) {
   return fmt::format(
-      "served           {} connections, {} turned away; {} requests, {} bytes; {} points, {} malformed lines, "
-      "{} refused\n",
-      counters.accepted, counters.turned_away, counters.requests, counters.bytes, counters.points, counters.malformed,
-      counters.refused);
+      "served           {} connections, {} turned away, {} stalled; {} requests, {} bytes; {} points; {} malformed "
+      "lines, "
+      "{} late, {} in the future, {} without room; {} refused\n",
+      counters.accepted, counters.turned_away, counters.stalled, counters.requests, counters.bytes, counters.points,
+      counters.malformed, counters.late, counters.future, counters.no_room, counters.refused);
 }
 
 int64_t now_ns() {
@@ -86,18 +98,20 @@ QueryAnswer answer_query(const DatabaseWriter &writer, const QueryRequest &reque
   return {answer.is_bad_request ? HTTP_STATUS_BAD_REQUEST : HTTP_STATUS_OK, answer.content_type, answer.body};
 }
 
-WriterOptions live_options(const WriteArguments &arguments) {
-  WriterOptions options = writer_options_of(arguments);
-  options.is_live = true;
-  return options;
-}
-
 }  // namespace
 
 int serve(const ServeArguments &arguments) {
   if (!arguments.influx_port && !arguments.graphite_port)
     throw std::runtime_error("nothing to serve: use --influx, --graphite or both");
-  DatabaseWriter writer(arguments.write.db, live_options(arguments.write));
+  ignore_harmless_signals();
+  WriterOptions writer_options = writer_options_of(arguments.write);
+  writer_options.max_future_ns = arguments.max_future_s * NS_PER_S;
+  writer_options.max_key_bytes = arguments.max_key_bytes;
+  writer_options.max_new_series = arguments.max_new_series;
+  writer_options.refuse_strings = !arguments.drop_strings;
+  writer_options.one_per_time = true;
+  writer_options.is_live = true;
+  DatabaseWriter writer(arguments.write.db, writer_options);
   report_warnings(writer.warnings());
   ServerOptions options;
   options.address = arguments.address;
@@ -105,14 +119,15 @@ int serve(const ServeArguments &arguments) {
   options.graphite_port = arguments.graphite_port;
   options.query = [&writer](const QueryRequest &request) { return answer_query(writer, request); };
   options.max_connections = connection_limit(options.max_connections);
+  options.on_hang_up = reopen_log;
   Server server(options, writer);
-  const StopOnSignal stop(server);
+  const ServerSignals signals(server);
   print(ports_line(arguments, server));
   TSLB_DLOG(LOG_PROGRESS, "%s", ports_line(arguments, server).c_str());
   server.run();
   const std::string why = writer.wait(writer.commit());
   writer.close();
-  print(counters_line(server.counters()));
+  print_if_read(counters_line(server.counters()));
   if (!why.empty()) throw IngestRefused(fmt::format("the last batch was refused: {}", why));
   return EXIT_GOOD;
 }

@@ -152,16 +152,13 @@ class Load {
     Progress progress(text.size(), "points");
     const LoadStats before = loader.stats();
     for (size_t at = 0; at < text.size();) {
-      const size_t feed = text.find('\n', std::min(at + PIECE_BYTES, text.size()));
-      const size_t piece_end = feed == text.npos ? text.size() : feed + 1;
       lines_before_ = loader.stats().lines - before.lines;
       try {
-        loader.load(text.substr(at, piece_end - at), precision_, now_ns_);
+        at += loader.load(text.substr(at), precision_, now_ns_, PIECE_BYTES);
       } catch (const LoadStopped &stopped) {
         throw StoreFull(
             fmt::format("{}:{}: {}; loading stopped", name_, lines_before_ + stopped.line(), stopped.what()));
       }
-      at = piece_end;
       progress.update(at, loader.stats().points - before.points);
     }
   }

@@ -54,31 +54,32 @@ bool LineSource::read_more() {
   return !at_end_;
 }
 
-// Moves `end_` after the next line. Returns false if the line is incomplete, or was too long and was removed.
-bool LineSource::find_line() {
-  const size_t feed = buffer_.find('\n', end_);
-  const bool is_whole = feed != buffer_.npos || (at_end_ && end_ < buffer_.size());
-  const size_t line_end = feed != buffer_.npos ? feed + 1 : buffer_.size();
+// Moves `end_` after the next line, or removes the next line if it is too long. Returns `nothing` if its end is not there.
+LineSource::Found LineSource::find_line() {
+  const size_t found = scanner_.end_of_line(std::string_view(buffer_).substr(scanned_));
+  const bool is_whole = found != buffer_.npos || (at_end_ && end_ < buffer_.size());
+  const size_t line_end = found != buffer_.npos ? scanned_ + found : buffer_.size();
   const bool is_too_long = line_end - end_ > MAX_LINE_BYTES + 1;
   if (is_too_long && !skips_) ++n_too_long_;
   if (is_too_long || skips_) {
     buffer_.erase(end_, line_end - end_);
+    scanned_ = end_;
     skips_ = !is_whole;
-    return false;
+    return is_whole ? Found::too_long : Found::nothing;
   }
+  scanned_ = line_end;
   if (is_whole) end_ = line_end;
-  return is_whole;
+  return is_whole ? Found::line : Found::nothing;
 }
 
 std::string_view LineSource::next(uint64_t max_lines) {
   buffer_.erase(0, end_);
+  scanned_ -= end_;
   end_ = 0;
   for (uint64_t n_lines = 0; n_lines < max_lines && end_ < MAX_TEXT_BYTES;) {
-    if (find_line()) {
-      ++n_lines;
-      continue;
-    }
-    if (buffer_.find('\n', end_) != buffer_.npos) continue;
+    const Found found = find_line();
+    if (found == Found::line) ++n_lines;
+    if (found != Found::nothing) continue;
     if (n_lines != 0 && waits_for_more()) break;
     if (!at_end_ && read_more()) continue;
     if (end_ == buffer_.size()) break;

@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "codec/line_scanner.h"
+
 namespace metricdb {
 
 class LineSource {
@@ -30,7 +32,9 @@ class LineSource {
   uint64_t n_too_long() const { return n_too_long_; }
 
  private:
-  bool find_line();
+  enum class Found { line, too_long, nothing };
+
+  Found find_line();
   bool read_more();
   bool waits_for_more() const;
 
@@ -38,7 +42,9 @@ class LineSource {
   int fd_;
   uint64_t total_bytes_ = 0;
   std::string buffer_;
-  size_t end_ = 0;  // of the current lines
+  size_t end_ = 0;      // of the current lines
+  size_t scanned_ = 0;  // by the scanner
+  LineScanner scanner_;
   bool at_end_ = false;
   bool skips_ = false;  // skipping the rest of a line that was too long
   uint64_t bytes_read_ = 0;

@@ -10,21 +10,17 @@
 #include <string>
 
 #include "cli/commands.h"
+#include "cli/log_file.h"
 #include "cli/output.h"
 #include "store/log.h"
 #include "store/series_record.h"
+#include "store/store.h"
 
 namespace metricdb {
 namespace {
 
 constexpr int64_t MAX_SECONDS = INT64_MAX / NS_PER_S;
 constexpr size_t MAX_LOG_NAME_BYTES = 1000;  // the log adds process and version, and has room for 1,023 bytes
-constexpr int LOG_FILE_MIB = 10;
-
-struct LogArguments {
-  std::string base;
-  int level = LOG_PROGRESS;
-};
 
 const char *const LOAD_FOOTER =
     "Numbers and booleans become points; quoted strings are counted and skipped. A malformed line\n"
@@ -186,12 +182,16 @@ CLI::App *add_ingest(CLI::App &app, IngestArguments &arguments) {
 
 const char *const SERVE_FOOTER =
     "Influx: the HTTP interface of InfluxDB 1.x. POST /write answers 204 when all points are durable,\n"
-    "400 with the first reason when some lines were malformed and the rest is durable, 503 or 507 when\n"
-    "no point was stored. /ping and the initial requests of agents to /query are answered too.\n"
+    "400 with the first reason when some lines were malformed, too old or too new and the rest is durable,\n"
+    "503 when lines have no room at the moment, 507 when no point was stored. /ping and the\n"
+    "initial requests of agents to /query are answered too. /health answers 503 while points cannot be\n"
+    "made durable, and /metrics has figures for Prometheus.\n"
     "Graphite: the plaintext protocol, `path[;tag=value] value seconds`, which has no answers.\n"
-    "Limits in time refer to data time, which is the newest timestamp so far. A timestamp in the far\n"
-    "future makes all other points old.\n"
+    "A point with the time of a recent point of its series replaces it, so requests can be sent again.\n"
+    "Limits in time refer to data time, which is the newest timestamp so far. --max-future limits how far\n"
+    "one timestamp can move it.\n"
     "SIGTERM and SIGINT: requests that have arrived are processed and answered, then the command ends.\n"
+    "SIGHUP: the log is opened again, for example after it was renamed.\n"
     "\n"
     "Exit: 0 after a signal; 1 a port is in use, DIR cannot be used, or the disk failed.";
 
@@ -204,6 +204,24 @@ CLI::App *add_serve(CLI::App &app, ServeArguments &arguments) {
   add_port("--influx", arguments.influx_port, "port of the InfluxDB interface; 0: any free port");
   add_port("--graphite", arguments.graphite_port, "port of Graphite's plaintext protocol; 0: any free port");
   command->add_option("--address", arguments.address, "address to listen on")->capture_default_str()->type_name("IP");
+  command
+      ->add_option("--max-future", arguments.max_future_s,
+                   "refuse lines whose timestamp is this much after the clock of this machine")
+      ->check(CLI::Range(int64_t{0}, MAX_SECONDS).description(""))
+      ->capture_default_str()
+      ->type_name("SECONDS");
+  command->add_option("--max-key-bytes", arguments.max_key_bytes, "refuse lines with a longer series key")
+      ->check(CLI::Range(size_t{1}, Store::MAX_KEY_BYTES).description(""))
+      ->capture_default_str()
+      ->type_name("BYTES");
+  command
+      ->add_option("--max-new-series", arguments.max_new_series,
+                   "create at most so many series per request; the answer 503 asks for the rest again")
+      ->check(CLI::Range(uint64_t{1}, uint64_t{1} << 32).description(""))
+      ->capture_default_str()
+      ->type_name("N");
+  command->add_flag("--drop-strings", arguments.drop_strings,
+                    "store the other fields of a line with strings; without it such lines are refused");
   command->footer(SERVE_FOOTER);
   return command;
 }
@@ -282,17 +300,11 @@ void add_log(CLI::App &app, LogArguments &arguments) {
       })
       ->type_name("FILE");
   app.add_option("--log-level", arguments.level,
-                 "level of the log: 1 refusals, 2 also progress, 3 also sweeps, arrays and malformed lines")
+                 "level of the log: 1 refusals and faults of clients, 2 also progress, 3 also sweeps, arrays and\n"
+                 "malformed lines of files")
       ->check(CLI::Range(1, 3).description(""))
       ->capture_default_str()
       ->type_name("N");
-}
-
-void start_log(const LogArguments &arguments, const char *command) {
-  if (arguments.base.empty()) return;
-  TSLB_DLOG_INIT(arguments.base.c_str(), arguments.level, LOG_FILE_MIB);
-  TSLB_DLOG_THREAD_NAME("metricdb");
-  TSLB_DLOG(LOG_PROGRESS, "start: %s", command);
 }
 
 // Without this, a file could get the number of a closed standard stream, and printed text would be written to it.

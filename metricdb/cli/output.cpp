@@ -9,10 +9,16 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "codec/printable.h"
+
 namespace metricdb {
 namespace {
 
 constexpr std::chrono::milliseconds UPDATE_INTERVAL{250};
+
+std::string shown_on(int fd, const std::string &text) {
+  return isatty(fd) != 0 ? printable(text, "\n\t") : text;
+}
 
 }  // namespace
 
@@ -22,13 +28,19 @@ void fail_output(const std::string &name) {
 }
 
 void print_error(const std::string &line) {
-  const std::string whole = line + "\n";
+  const std::string whole = shown_on(STDERR_FILENO, line) + "\n";
   std::fwrite(whole.data(), 1, whole.size(), stderr);
 }
 
 void print(const std::string &text) {
-  if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0)
+  const std::string shown = shown_on(STDOUT_FILENO, text);
+  if (std::fwrite(shown.data(), 1, shown.size(), stdout) != shown.size() || std::fflush(stdout) != 0)
     fail_output("stdout");
+}
+
+void print_if_read(const std::string &text) {
+  std::fwrite(text.data(), 1, text.size(), stdout);
+  std::fflush(stdout);
 }
 
 Progress::Progress(uint64_t total, const char *unit)

@@ -13,8 +13,12 @@ namespace metricdb {
 // Prints a line on stderr. Errors are ignored.
 void print_error(const std::string &line);
 
-// Prints to standard output and flushes. Throws std::runtime_error.
+// Prints to standard output and flushes. Throws std::runtime_error. On a terminal control characters in names are
+// replaced, here and in print_error.
 void print(const std::string &text);
+
+// The same, but ignores errors: for lines that nobody may read any more.
+void print_if_read(const std::string &text);
 
 // A line on stderr with the rate and the remaining time, updated a few times per second, once the work has taken a
 // second. Nothing is printed if stderr is not a terminal.

@@ -11,6 +11,9 @@
 #include <cmath>
 #include <cstring>
 
+#include "codec/line_scanner.h"
+#include "codec/printable.h"
+
 namespace metricdb {
 namespace {
 
@@ -52,9 +55,7 @@ const char *next_special(const char *at, const char *end) {
 // A part of the input for a message: short, and without control characters.
 std::string quoted(std::string_view text) {
   constexpr size_t MAX_BYTES = 40;
-  std::string shown = "\"";
-  for (const char byte : text.substr(0, MAX_BYTES)) shown += (class_of(byte) & CONTROL) != 0 ? '?' : byte;
-  return shown + (text.size() > MAX_BYTES ? "...\"" : "\"");
+  return '"' + printable(text.substr(0, MAX_BYTES)) + (text.size() > MAX_BYTES ? "...\"" : "\"");
 }
 
 std::optional<double> boolean_of(std::string_view text) {
@@ -124,7 +125,19 @@ void LineParser::skip_blanks() {
   while (at(' ')) ++pos_;
 }
 
-LineParser::Outcome LineParser::parse(std::string_view text, const LikelyLine &likely) {
+LineParser::Outcome LineParser::parse(std::string_view text, const LikelyLine &likely, std::string_view following) {
+  following_ = following;
+  n_following_ = 0;
+  const Outcome outcome = parse_parts(text, likely);
+  if (outcome != Outcome::malformed || following.empty()) return outcome;
+  // The fault can precede a string with line feeds, whose bytes must not be taken for lines.
+  const std::string_view all(text.data(), static_cast<size_t>(following.data() + following.size() - text.data()));
+  const size_t end = std::min(LineScanner().end_of_line(all), all.size());
+  n_following_ = end - std::min(end, static_cast<size_t>(following.data() - text.data()));
+  return outcome;
+}
+
+LineParser::Outcome LineParser::parse_parts(std::string_view text, const LikelyLine &likely) {
   pos_ = text.data();
   end_ = pos_ + text.size();
   skip_blanks();
@@ -254,15 +267,26 @@ bool LineParser::parse_common_value(double &value) {
 
 bool LineParser::parse_string(std::string_view key) {
   ++pos_;
-  while (pos_ != end_ && *pos_ != '"') {
-    const bool escapes = *pos_ == '\\' && pos_ + 1 != end_ && (pos_[1] == '"' || pos_[1] == '\\');
+  const char *const limit = following_.empty() ? end_ : following_.data() + following_.size();
+  while (pos_ != limit && *pos_ != '"') {
+    const bool escapes = *pos_ == '\\' && pos_ + 1 != limit && (pos_[1] == '"' || pos_[1] == '\\');
     pos_ += escapes ? 2 : 1;
   }
-  if (pos_ == end_) return fail(fmt::format("the string of field {} has no closing quote", quoted(key)));
+  if (pos_ == limit) return fail(fmt::format("the string of field {} has no closing quote", quoted(key)));
   ++pos_;
+  if (pos_ > end_) extend_line();
   if (pos_ != end_ && !at(',') && !at(' ')) return fail(fmt::format("text after the string of field {}", quoted(key)));
-  ++line_.strings_skipped;
+  if (line_.strings_skipped++ == 0) line_.first_string = key;
   return true;
+}
+
+// Moves the end of the line to the next line feed after a string.
+void LineParser::extend_line() {
+  const size_t begin = static_cast<size_t>(pos_ - following_.data());
+  const size_t feed = std::min(following_.find('\n', begin), following_.size());
+  n_following_ = std::min(feed + 1, following_.size());
+  end_ = following_.data() + feed;
+  if (end_ != pos_ && end_[-1] == '\r') --end_;
 }
 
 bool LineParser::parse_value(std::string_view key, std::string_view text, double &value) {

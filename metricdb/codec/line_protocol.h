@@ -11,8 +11,10 @@
 //   series key   head, a blank and the field key, as in `cpu,core=0,host=a usage`. With `=1` appended it is a line
 //           again, which has the same key.
 //
-// Restrictions: a line ends at the next line feed, also inside a quoted string. Names contain no control characters.
-// Every number becomes a double, so integers above 2^53 are rounded.
+// A quoted string can contain line feeds, so a line ends at the first line feed outside of its strings. A string without
+// a closing quote contains the rest of the text.
+//
+// Restrictions: names contain no control characters. Every number becomes a double, so integers above 2^53 are rounded.
 #pragma once
 
 #include <cstdint>
@@ -50,8 +52,9 @@ struct ParsedLine {
   std::string_view head;
   std::vector<ParsedField> fields;  // in the line's order, repeated keys included
   std::optional<int64_t> ts_ns;
-  uint32_t strings_skipped = 0;  // fields with a quoted string, which are not stored
-  size_t n_likely = 0;           // number of leading fields that are those of the likely line
+  uint32_t strings_skipped = 0;   // fields with a quoted string, which are not stored
+  std::string_view first_string;  // the name of the first of them
+  size_t n_likely = 0;            // number of leading fields that are those of the likely line
 };
 
 class LineParser {
@@ -66,7 +69,13 @@ class LineParser {
   }
 
   // Parses one line, given without its line end. Sets `line()`, or `reason()` if the line is malformed.
-  Outcome parse(std::string_view text, const LikelyLine &likely = {});
+  //
+  // following  the text after that line end, in the same memory. If a string is open at the line end, the line continues
+  //            there.
+  Outcome parse(std::string_view text, const LikelyLine &likely = {}, std::string_view following = {});
+
+  // Number of bytes of `following` that belong to the last line, its line feed included.
+  size_t n_following() const { return n_following_; }
 
   const ParsedLine &line() const { return line_; }
   const std::string &reason() const { return reason_; }
@@ -85,6 +94,8 @@ class LineParser {
   bool parse_likely_name(std::string_view &key);
   bool parse_common_value(double &value);
   bool parse_string(std::string_view key);
+  void extend_line();
+  Outcome parse_parts(std::string_view text, const LikelyLine &likely);
   bool parse_value(std::string_view key, std::string_view text, double &value);
   bool parse_timestamp();
   std::string_view name_until(uint8_t stops);
@@ -95,6 +106,8 @@ class LineParser {
   int64_t ns_per_unit_;
   const char *pos_ = nullptr;  // the next byte of the line
   const char *end_ = nullptr;
+  std::string_view following_;
+  size_t n_following_ = 0;
   std::string_view measurement_;
   std::span<const KnownField> likely_;
   std::vector<Tag> tags_;

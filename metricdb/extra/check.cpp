@@ -38,7 +38,7 @@ void Check::add_difference(std::string text) {
 
 void Check::find_newest(std::string_view text) {
   std::string_view line;
-  while (next_line(text, line))
+  while (next_reference_line(text, line))
     for (const ReferencePoint &point : reference_points(line, ns_per_unit_, now_ns_))
       newest_ns_ = std::max(newest_ns_, point.ts_ns);
 }
@@ -51,7 +51,7 @@ bool Check::is_retained(int64_t ts_ns) const {
 
 void Check::compare(std::string_view text) {
   std::string_view line;
-  while (next_line(text, line)) {
+  while (next_reference_line(text, line)) {
     for (const ReferencePoint &expected : reference_points(line, ns_per_unit_, now_ns_)) {
       if (!is_retained(expected.ts_ns)) continue;
       const auto entry = series_.find(expected.key);

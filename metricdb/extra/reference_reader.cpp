@@ -177,7 +177,40 @@ std::vector<ReferencePoint> read_points(Bytes &bytes, int64_t ns_per_unit, int64
   return points;
 }
 
+// Returns the index of a string's closing quote, or the end of the text.
+size_t string_end(std::string_view text, size_t at) {
+  while (at < text.size() && text[at] != '"')
+    at += text[at] == '\\' && at + 1 < text.size() && (text[at + 1] == '"' || text[at + 1] == '\\') ? 2 : 1;
+  return at;
+}
+
+// Returns the index of the line feed that ends the first line, or the end of the text.
+size_t line_end(std::string_view text) {
+  constexpr std::string_view ESCAPED = ", =";
+  const size_t begin = std::min(text.find_first_not_of(' '), text.size());
+  const size_t feed = std::min(text.find('\n'), text.size());
+  if (text.substr(begin).starts_with('#')) return feed;
+  bool is_in_fields = false;
+  size_t at = begin;
+  while (at < text.size() && text[at] != '\n') {
+    const bool escapes = text[at] == '\\' && at + 1 < text.size() && ESCAPED.find(text[at + 1]) != ESCAPED.npos;
+    const bool begins_string = is_in_fields && text.substr(at).starts_with("=\"");
+    is_in_fields = is_in_fields || text[at] == ' ';
+    at = begins_string ? std::min(string_end(text, at + 2) + 1, text.size()) : at + (escapes ? 2 : 1);
+  }
+  return at;
+}
+
 }  // namespace
+
+bool next_reference_line(std::string_view &text, std::string_view &line) {
+  if (text.empty()) return false;
+  const size_t end = line_end(text);
+  line = text.substr(0, end);
+  text.remove_prefix(std::min(end + 1, text.size()));
+  if (line.ends_with('\r')) line.remove_suffix(1);
+  return true;
+}
 
 std::vector<ReferencePoint> reference_points(std::string_view line, int64_t ns_per_unit, int64_t now_ns) {
   Bytes bytes(line);

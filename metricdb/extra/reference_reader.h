@@ -15,6 +15,9 @@ struct ReferencePoint {
   double value;
 };
 
+// Removes the next line from the front of `text`, and sets `line` without its line end. Returns false at the end.
+bool next_reference_line(std::string_view &text, std::string_view &line);
+
 // Returns the points of one line, in its order; none for an empty line, a comment or a malformed line.
 //
 // ns_per_unit  of the timestamps.

@@ -18,7 +18,8 @@ constexpr size_t MIN_ROOM = 4096;
 
 Block BlockPool::lend(size_t bytes) {
   const size_t capacity = std::bit_ceil(std::max(bytes, MIN_BYTES));
-  if (capacity > max_bytes_ - std::min(lent_bytes_, max_bytes_)) return {};
+  while (!fits(capacity))
+    if (!reclaim_ || !reclaim_()) return {};
   lent_bytes_ += capacity;
   std::vector<Block> &spares = spares_[static_cast<size_t>(std::countr_zero(capacity))];
   if (spares.empty()) return {std::make_unique_for_overwrite<char[]>(capacity), capacity};

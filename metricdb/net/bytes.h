@@ -6,10 +6,13 @@
 // Threads: one.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace metricdb {
@@ -28,12 +31,18 @@ class BlockPool {
 
   // Returns a block of at least that many bytes, not zeroed. Its `bytes` are null if the limit would be exceeded.
   Block lend(size_t bytes);
+  // Sets the function that returns blocks to the pool when a block would exceed the limit. It is called until the block
+  // fits or it returns false.
+  void set_reclaim(std::function<bool()> reclaim) { reclaim_ = std::move(reclaim); }
   void take_back(Block block);
 
   size_t lent_bytes() const { return lent_bytes_; }
 
  private:
+  bool fits(size_t bytes) const { return bytes <= max_bytes_ - std::min(lent_bytes_, max_bytes_); }
+
   const size_t max_bytes_;
+  std::function<bool()> reclaim_;
   size_t lent_bytes_ = 0;
   size_t spare_bytes_ = 0;
   std::array<std::vector<Block>, 64> spares_;  // by the logarithm of their size
@@ -49,6 +58,7 @@ class ByteBuffer {
 
   char *data() { return block_.bytes.get() + begin_; }
   size_t size() const { return end_ - begin_; }
+  size_t capacity() const { return block_.capacity; }
   bool empty() const { return begin_ == end_; }
   std::string_view text() const { return {block_.bytes.get() + begin_, size()}; }
 

@@ -1,5 +1,6 @@
 #include "net/connection.h"
 
+#include <fmt/format.h>
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -8,8 +9,6 @@
 
 #include <algorithm>
 #include <cerrno>
-
-#include "store/log.h"
 
 namespace metricdb {
 namespace {
@@ -40,6 +39,9 @@ IngestResult Hub::take(std::string_view text, Precision precision) {
   }
   points.add(result.points);
   malformed.add(result.malformed);
+  late.add(result.late);
+  future.add(result.future);
+  no_room.add(result.no_room);
   if (result.points == 0) return result;
   has_open_points = true;
   unanswered_bytes += text.size();
@@ -55,8 +57,8 @@ Connection::~Connection() {
   close(fd_);
 }
 
-void Connection::log(const std::string &what) const {
-  TSLB_DLOG(LOG_REFUSALS, "%s: %s", tslb_get_dest_addr_ex(fd_, 1), what.c_str());
+void Connection::log(const std::string &what, LogTopic topic) const {
+  hub_.log.add(topic, hub_.now, fmt::format("{}: {}", tslb_get_dest_addr_ex(fd_, 1), what));
 }
 
 void Connection::close_with_error(const char *why) {
@@ -137,6 +139,7 @@ void Connection::on_received(size_t n) {
 
 void Connection::queue(PendingAnswer answer) {
   pending_bytes_ += answer.bytes;
+  answer.since = hub_.now;
   pending_.push_back(std::move(answer));
 }
 
@@ -152,6 +155,7 @@ void Connection::settled(uint64_t ticket, const Refusals &refusals) {
                                       [&](const auto &candidate) { return candidate.first == answer.ticket; });
     if (refusal != refusals.end()) {
       hub_.refused.add(1);
+      hub_.lost.add(1);
       refuse(answer, refusal->second);
     }
     answer.ticket = 0;
@@ -168,9 +172,19 @@ void Connection::answered(uint64_t query, const QueryAnswer &answer) {
   send_answers();
 }
 
+void Connection::check_speed(const PendingAnswer &answer) {
+  const Clock::duration duration = hub_.now - answer.since;
+  if (duration <= hub_.options.slow_request) return;
+  hub_.slow.add(1);
+  log(fmt::format("a request with {} bytes of lines was answered after {:.3f} s", answer.bytes,
+                  std::chrono::duration<double>(duration).count()),
+      LogTopic::slow_requests);
+}
+
 // Sends the answers up to the first one that waits for its batch or its query.
 void Connection::send_answers() {
   while (!pending_.empty() && pending_.front().ticket == 0) {
+    check_speed(pending_.front());
     pending_bytes_ -= pending_.front().bytes;
     out_ += pending_.front().text;
     pending_.pop_front();
@@ -221,6 +235,8 @@ void Connection::check_time() {
   if (is_closing_) {
     if (hub_.now - request_begin_ > (is_draining_ ? DRAIN_CLOSE_TIMEOUT : hub_.options.request_timeout))
       is_broken_ = true;
+  } else if (is_draining_ && !out_.empty() && silence > hub_.options.drain_read_timeout) {
+    close_with_error("the answers are not read");
   } else if (out_.empty() && (!pending_.empty() || is_held() || is_ready())) {
     // The peer waits for the server. Its time limit begins when the answers are sent.
     last_activity_ = request_begin_ = hub_.now;
@@ -231,9 +247,15 @@ void Connection::check_time() {
   }
 }
 
+Clock::duration Connection::stalled_for() const {
+  const bool is_waited_for = is_inside_request() && !is_input_over_ && !is_readable_ && !is_deferred_;
+  return is_waited_for && pending_.empty() && input_.capacity() != 0 ? hub_.now - last_activity_ : Clock::duration(0);
+}
+
 void Connection::drain() {
   int unread = 0;
   is_draining_ = true;
+  last_activity_ = hub_.now;
   drain_left_ = ioctl(fd_, FIONREAD, &unread) == 0 ? static_cast<size_t>(unread) : 0;
   is_readable_ = true;
 }

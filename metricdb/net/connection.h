@@ -16,6 +16,8 @@
 #include <vector>
 
 #include "net/bytes.h"
+#include "net/limited_log.h"
+#include "net/metrics.h"
 #include "net/server.h"
 #include "store/ingest.h"
 
@@ -39,7 +41,8 @@ struct Hub {
       : options(server_options),
         ingest(target),
         blocks(server_options.max_buffered_bytes),
-        queries(options.query, options.n_query_threads, options.max_waiting_queries) {}
+        queries(options.query, options.n_query_threads, options.max_waiting_queries),
+        log(server_options.max_log_lines, server_options.log_interval) {}
 
   // Passes lines to the Ingest and counts the result. Throws IngestRefused.
   IngestResult take(std::string_view text, Precision precision);
@@ -54,7 +57,10 @@ struct Hub {
   QueryWorkers queries;
   uint64_t last_query = 0;
   std::unordered_map<uint64_t, int> query_fds;  // connections that wait for queries
-  Counter accepted, closed, turned_away, requests, bytes, points, malformed, refused;
+  LimitedLog log;
+  DurationHistogram batch_times;
+  Counter accepted, closed, turned_away, stalled, requests, bytes, points, malformed, late, future, no_room, slow;
+  Counter refused, lost;  // lost: refused because their batch was
 };
 
 // Tickets of refused batches that were just settled, each with its reason.
@@ -80,6 +86,11 @@ class Connection {
   void check_time();
   // From here on only bytes that have already arrived are received.
   void drain();
+  // Returns for how long the peer has sent nothing of an incomplete request that uses memory; zero if there is none, and
+  // if the peer waits for the server.
+  Clock::duration stalled_for() const;
+  // Closes a stalled connection, to use its memory for others.
+  void give_up() { close_with_error("stalled while memory was short"); }
 
   // Whether `process` has something to do.
   bool is_ready() const;
@@ -98,7 +109,8 @@ class Connection {
     uint64_t ticket = 0;  // of the batch it waits for; 0: none; OPEN_TICKET until the batch is committed; QUERY_TICKET
     size_t bytes = 0;     // of its lines, for the limits
     std::string text;
-    uint64_t query = 0;  // with QUERY_TICKET: the query it waits for
+    uint64_t query = 0;            // with QUERY_TICKET: the query it waits for
+    Clock::time_point since = {};  // when it was queued
   };
 
   // Processes the complete requests at the front of the input, while `is_within_limits`.
@@ -124,9 +136,10 @@ class Connection {
   // Nothing more is received. Pending answers are still sent, and then the connection is closed.
   void end_input() { is_input_over_ = true; }
   void close_with_error(const char *why);
-  void log(const std::string &what) const;
+  void log(const std::string &what, LogTopic topic = LogTopic::connections) const;
 
  private:
+  void check_speed(const PendingAnswer &answer);
   void receive();
   void on_received(size_t n);
   void send_answers();

@@ -34,7 +34,7 @@ void GraphiteConnection::ingest_lines(std::string_view lines) {
   if (text.empty()) return;
   try {
     const IngestResult result = hub().take(text, Precision::ns);
-    count_malformed(result.malformed, result.first_reason);
+    count_malformed(result.n_skipped(), result.first_reason);
     if (result.points != 0) queue({OPEN_TICKET, text.size(), {}});
   } catch (const IngestRefused &refusal) {
     count_refused(refusal.what());
@@ -43,12 +43,13 @@ void GraphiteConnection::ingest_lines(std::string_view lines) {
 
 // Only the first malformed line is logged, because such peers usually send many.
 void GraphiteConnection::count_malformed(uint64_t n, const std::string &reason) {
-  if (n != 0 && n_malformed_ == 0) log(reason + "; such lines are skipped without further messages");
+  if (n != 0 && n_malformed_ == 0)
+    log(reason + "; such lines are skipped without further messages", LogTopic::skipped_lines);
   n_malformed_ += n;
 }
 
 void GraphiteConnection::count_refused(const std::string &reason) {
-  if (n_refused_++ == 0) log("lines are lost: " + reason);
+  if (n_refused_++ == 0) log("lines are lost: " + reason, LogTopic::refusals);
 }
 
 void GraphiteConnection::refuse(PendingAnswer &, const std::string &reason) {

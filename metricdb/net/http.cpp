@@ -12,10 +12,6 @@ namespace {
 // Request line and headers. Agents send some hundred bytes; a target with a statement can have some thousand.
 constexpr size_t MAX_HEAD_BYTES = size_t{16} << 10;
 
-// Room for a body of known length that is allocated at once, when the first block is full. Further room depends on the
-// received bytes, so that a client cannot reserve memory by announcing a large body.
-constexpr size_t FIRST_BODY_BYTES = size_t{4} << 20;
-
 char lower(char byte) {
   return byte >= 'A' && byte <= 'Z' ? static_cast<char>(byte - 'A' + 'a') : byte;
 }
@@ -54,6 +50,7 @@ const http_parser_settings HttpReader::SETTINGS = [] {
     return of(parser).on_header_value({at, n});
   };
   settings.on_headers_complete = [](http_parser *parser) { return of(parser).on_head(); };
+  settings.on_chunk_header = [](http_parser *parser) { return of(parser).on_chunk(); };
   settings.on_body = [](http_parser *parser, const char *at, size_t n) { return of(parser).on_body(at, n); };
   settings.on_message_complete = [](http_parser *parser) { return of(parser).on_end(); };
   return settings;
@@ -100,8 +97,9 @@ bool HttpReader::is_asked_to_continue(const ByteBuffer &input) const {
 size_t HttpReader::room_wanted(const ByteBuffer &input) const {
   if (!is_head_whole_ || is_whole_) return BlockPool::MIN_BYTES / 2;
   if ((parser_.flags & F_CHUNKED) != 0) return std::max(input.size(), BlockPool::MIN_BYTES / 2);
-  // The parser decrements content_length while it parses the body.
-  return std::min<size_t>(parser_.content_length, std::max(FIRST_BODY_BYTES, 3 * input.size()));
+  // Room follows the bytes that have arrived, because a client can announce a large body and send nothing. The parser
+  // decrements content_length while it parses the body.
+  return std::min<size_t>(parser_.content_length, std::max(BlockPool::MIN_BYTES / 2, 3 * input.size()));
 }
 
 int HttpReader::refuse(http_status status, std::string reason) {
@@ -125,7 +123,8 @@ bool HttpReader::fits_head(size_t n) {
 
 int HttpReader::on_begin() {
   request_.target.clear();
-  for (std::string *header : {&request_.content_encoding, &request_.content_type, &request_.expect, &request_.accept})
+  for (std::string *header : {&request_.content_encoding, &request_.content_type, &request_.expect, &request_.accept,
+                              &request_.transfer_encoding})
     header->clear();
   header_name_.clear();
   head_bytes_ = 0;
@@ -150,13 +149,15 @@ int HttpReader::on_header_name(std::string_view piece) {
 int HttpReader::on_header_value(std::string_view piece) {
   if (!fits_head(piece.size())) return refuse(HTTP_STATUS_REQUEST_HEADER_FIELDS_TOO_LARGE, "the headers are too long");
   if (!std::exchange(is_in_header_value_, true)) {
-    header_ = header_name_ == "content-encoding" ? &request_.content_encoding
-              : header_name_ == "content-type"   ? &request_.content_type
-              : header_name_ == "expect"         ? &request_.expect
-              : header_name_ == "accept"         ? &request_.accept
-                                                 : nullptr;
+    header_ = header_name_ == "content-encoding"    ? &request_.content_encoding
+              : header_name_ == "content-type"      ? &request_.content_type
+              : header_name_ == "expect"            ? &request_.expect
+              : header_name_ == "accept"            ? &request_.accept
+              : header_name_ == "transfer-encoding" ? &request_.transfer_encoding
+                                                    : nullptr;
     // Headers after a chunked body are ignored.
     if (is_head_whole_) header_ = nullptr;
+    if (header_ != nullptr && !header_->empty()) *header_ += ',';
   }
   if (header_ != nullptr)
     for (const char byte : piece) *header_ += lower(byte);
@@ -174,15 +175,24 @@ int HttpReader::on_head() {
     return refuse(HTTP_STATUS_HTTP_VERSION_NOT_SUPPORTED, "only HTTP/1.0 and 1.1 are supported");
   if (!request_.expect.empty() && request_.expect != "100-continue")
     return refuse(HTTP_STATUS_EXPECTATION_FAILED, "only 100-continue is supported as expectation");
+  // The parser accepts a list of codings that ends with `chunked`, and does not decode the others.
+  if (!request_.transfer_encoding.empty() && request_.transfer_encoding != "chunked")
+    return refuse(HTTP_STATUS_NOT_IMPLEMENTED, "only chunked is supported as transfer encoding");
   const bool has_length = (parser_.flags & F_CONTENTLENGTH) != 0;
-  if (has_length && parser_.content_length > max_body_bytes_)
-    return refuse(HTTP_STATUS_PAYLOAD_TOO_LARGE, fmt::format("the body has more than {} bytes", max_body_bytes_));
-  return 0;
+  return has_length && parser_.content_length > max_body_bytes_ ? refuse_long_body() : 0;
+}
+
+int HttpReader::refuse_long_body() {
+  return refuse(HTTP_STATUS_PAYLOAD_TOO_LARGE, fmt::format("the body has more than {} bytes", max_body_bytes_));
+}
+
+// Refuses a long chunk before its bytes arrive.
+int HttpReader::on_chunk() {
+  return parser_.content_length > max_body_bytes_ - body_bytes_ ? refuse_long_body() : 0;
 }
 
 int HttpReader::on_body(const char *piece, size_t n) {
-  if (body_bytes_ + n > max_body_bytes_)
-    return refuse(HTTP_STATUS_PAYLOAD_TOO_LARGE, fmt::format("the body has more than {} bytes", max_body_bytes_));
+  if (body_bytes_ + n > max_body_bytes_) return refuse_long_body();
   // The body is contiguous: it begins after the header, and the frames of chunks are removed.
   if (body_bytes_ == 0)
     body_ = const_cast<char *>(piece);

@@ -16,10 +16,12 @@ namespace metricdb {
 struct HttpRequest {
   http_method method = HTTP_GET;
   std::string target;  // as on the request line
+  // Values of headers, in lower case. If a header is repeated, they are joined by commas.
   std::string content_encoding;
   std::string content_type;
   std::string expect;
   std::string accept;
+  std::string transfer_encoding;
   std::string_view body;
   bool keep_alive = false;
   bool is_http_1_0 = false;  // HTTP/1.0
@@ -27,10 +29,10 @@ struct HttpRequest {
 
 struct HttpAnswer {
   http_status status = HTTP_STATUS_NO_CONTENT;
-  std::string json;  // the body; none if empty
-  std::string content_type = "application/json";
+  std::string json;   // the body, of another type if content_type says so; none if empty
   std::string error;  // the error in one line, for the header
   std::string allow;  // with METHOD_NOT_ALLOWED: the allowed methods
+  std::string content_type = "application/json";
 };
 
 // Returns the text of the answer. Without keep_alive it says that the connection is closed.
@@ -71,10 +73,12 @@ class HttpReader {
   int on_header_name(std::string_view piece);
   int on_header_value(std::string_view piece);
   int on_head();
+  int on_chunk();
   int on_body(const char *piece, size_t n);
   int on_end();
   int refuse(http_status status, std::string reason);
   bool fits_head(size_t n);
+  int refuse_long_body();
   void set_parser_refusal();
 
   const size_t max_body_bytes_;

@@ -81,9 +81,13 @@ void HttpConnection::write(const WriteRequest &request) {
 void HttpConnection::write_lines(std::string_view lines, Precision precision) {
   try {
     const IngestResult result = hub().take(lines, precision);
+    if (result.n_skipped() != 0)
+      log(fmt::format("{} lines were skipped; the first: {}", result.n_skipped(), result.first_reason),
+          LogTopic::skipped_lines);
     // Without points there is no batch to wait for.
     queue_answer(answer_to(result), result.points == 0 ? 0 : OPEN_TICKET, result.points == 0 ? 0 : lines.size());
   } catch (const IngestRefused &refusal) {
+    log(fmt::format("{} bytes of lines were refused: {}", lines.size(), refusal.what()), LogTopic::refusals);
     queue_answer(error_answer(HTTP_STATUS_SERVICE_UNAVAILABLE, refusal.what()));
   }
 }

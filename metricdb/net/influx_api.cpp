@@ -140,9 +140,12 @@ HttpAnswer error_answer(http_status status, std::string reason) {
 }
 
 HttpAnswer answer_to(const IngestResult &result) {
-  if (result.malformed == 0) return {};
-  return error_answer(HTTP_STATUS_BAD_REQUEST,
-                      fmt::format("partial write: {} dropped={}", result.first_reason, result.malformed));
+  if (result.n_skipped() == 0) return {};
+  // The client should send the request again if lines had no room, although some points are stored.
+  const bool has_room = result.no_room == 0;
+  return error_answer(has_room ? HTTP_STATUS_BAD_REQUEST : HTTP_STATUS_SERVICE_UNAVAILABLE,
+                      fmt::format("partial write: {} dropped={}", has_room ? result.first_reason : result.room_reason,
+                                  result.n_skipped()));
 }
 
 std::optional<HttpAnswer> InfluxApi::answer_to_head(const HttpRequest &request) {
@@ -163,10 +166,26 @@ std::variant<WriteRequest, QueryRequest, HttpAnswer> InfluxApi::route(const Http
                ? query(request, target->arguments)
                : std::variant<WriteRequest, QueryRequest, HttpAnswer>(not_allowed("GET, POST"));
   if (target->path == "/ping") return reads ? HttpAnswer() : not_allowed("GET, HEAD");
-  if (target->path == "/health")
-    return reads ? json_answer({{"name", "metricdb"}, {"message", "ready for writes"}, {"status", "pass"}})
-                 : not_allowed("GET, HEAD");
-  return error_answer(HTTP_STATUS_NOT_FOUND, "the paths are /write, /query, /ping and /health");
+  if (target->path == "/health") return reads ? health() : not_allowed("GET, HEAD");
+  if (target->path == "/metrics") return reads ? metrics() : not_allowed("GET, HEAD");
+  return error_answer(HTTP_STATUS_NOT_FOUND, "the paths are /write, /query, /ping, /health and /metrics");
+}
+
+HttpAnswer InfluxApi::health() const {
+  const std::string why = view_.why_unhealthy();
+  HttpAnswer answer = json_answer({{"name", "metricdb"},
+                                   {"message", why.empty() ? "ready for writes" : why},
+                                   {"status", why.empty() ? "pass" : "fail"}});
+  if (!why.empty()) answer.status = HTTP_STATUS_SERVICE_UNAVAILABLE;
+  return answer;
+}
+
+HttpAnswer InfluxApi::metrics() const {
+  HttpAnswer answer;
+  answer.status = HTTP_STATUS_OK;
+  answer.json = view_.metrics();
+  answer.content_type = "text/plain; version=0.0.4; charset=utf-8";
+  return answer;
 }
 
 std::variant<WriteRequest, QueryRequest, HttpAnswer> InfluxApi::query(const HttpRequest &request,

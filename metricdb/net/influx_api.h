@@ -2,16 +2,19 @@
 //
 //   POST /write?precision=ns|n|us|u|ms|s|m|h   lines of line protocol, plain or in gzip
 //   GET, HEAD /ping                            checks the connection; the header has the version
-//   GET /health                                the same, as JSON
+//   GET /health                                whether points can be made durable, as JSON; 503 if not
+//   GET /metrics                               the server's figures for Prometheus
 //   GET, POST /query?q=...                     InfluxQL, also as the text of a form. CREATE DATABASE is accepted
 //
 // There is one database. The parameter `db` is ignored.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <set>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <variant>
 
 #include "net/http.h"
@@ -25,8 +28,16 @@ struct WriteRequest {
   bool is_gzip = false;
 };
 
+// What the server says about itself.
+struct OperatorView {
+  std::function<std::string()> why_unhealthy;  // empty if it is healthy
+  std::function<std::string()> metrics;
+};
+
 class InfluxApi {
  public:
+  explicit InfluxApi(OperatorView view) : view_(std::move(view)) {}
+
   // Returns the write or the query to execute, or the answer to any other request.
   std::variant<WriteRequest, QueryRequest, HttpAnswer> route(const HttpRequest &request);
 
@@ -35,7 +46,10 @@ class InfluxApi {
 
  private:
   std::variant<WriteRequest, QueryRequest, HttpAnswer> query(const HttpRequest &request, std::string_view arguments);
+  HttpAnswer health() const;
+  HttpAnswer metrics() const;
 
+  const OperatorView view_;
   std::set<std::string> databases_{"metricdb"};  // names that clients have created
 };
 

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <deque>
@@ -19,6 +20,7 @@
 #include "net/graphite_connection.h"
 #include "net/http_connection.h"
 #include "net/listener.h"
+#include "net/metrics.h"
 #include "store/log.h"
 
 namespace metricdb {
@@ -42,7 +44,8 @@ class Server::Loop {
   Loop(const ServerOptions &options, Ingest &ingest);
 
   void run();
-  void stop() noexcept;
+  void stop() noexcept { request(is_stop_requested_); }
+  void hang_up() noexcept { request(is_hang_up_requested_); }
   int influx_port() const { return influx_.port(); }
   int graphite_port() const { return graphite_.port(); }
   ServerCounters counters() const;
@@ -57,9 +60,12 @@ class Server::Loop {
   struct Batch {
     uint64_t ticket;
     size_t bytes;
+    Clock::time_point committed;
   };
   using Fds = std::vector<int>;
 
+  void request(std::atomic<bool> &flag) noexcept;
+  void on_requests();
   void watch(int fd, uint32_t events);
   void run_round();
   void wait_for_events();
@@ -69,12 +75,16 @@ class Server::Loop {
   void turn_away(const char *why);
   void process_active();
   void after_processing(Place &place);
+  void remove(Place &place);
+  bool close_stalled();
   void commit();
   void settle();
   void answer_queries();
   void resume_held();
   void activate(Place &place);
   void check_times();
+  void log_snapshots();
+  std::string why_unhealthy();
   void begin_drain();
   bool is_drained() const { return is_draining_ && n_connections_ == 0; }
   milliseconds tick() const;
@@ -83,7 +93,10 @@ class Server::Loop {
   InfluxApi api_;
   Gunzip gunzip_;
   GraphiteConverter converter_;
-  Descriptor stop_;
+  // Set by signal handlers and other threads.
+  std::atomic<bool> is_stop_requested_ = false;
+  std::atomic<bool> is_hang_up_requested_ = false;
+  Descriptor wake_;  // readable when one of them was set
   Descriptor epoll_;
   Listener influx_;
   Listener graphite_;
@@ -91,11 +104,14 @@ class Server::Loop {
   // one is processed without effect.
   std::vector<Place> places_;
   size_t n_connections_ = 0;
-  Fds active_;    // to process in the next round
-  Fds ingested_;  // with lines in the open batch
-  Fds waiting_;   // for the Ingest
-  Fds held_;      // by limits that other connections can cause
+  int current_ = -1;  // being processed
+  Fds active_;        // to process in the next round
+  Fds ingested_;      // with lines in the open batch
+  Fds waiting_;       // for the Ingest
+  Fds held_;          // by limits that other connections can cause
   std::deque<Batch> batches_;
+  uint64_t n_snapshots_ = 0;
+  std::string snapshot_failure_;
   bool is_settled_readable_ = false;
   bool has_query_answers_ = false;
   bool is_turning_away_ = false;
@@ -106,13 +122,15 @@ class Server::Loop {
 
 Server::Loop::Loop(const ServerOptions &options, Ingest &ingest)
     : hub_(options, ingest),
-      stop_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      api_({[this] { return why_unhealthy(); }, [this] { return metrics_text(hub_, batches_.size()); }}),
+      wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       epoll_(tslb_epoll_init(static_cast<int>(MAX_EVENTS), nullptr)),
       influx_(options.address, options.influx_port),
       graphite_(options.address, options.graphite_port) {
-  if (stop_.get() < 0 || epoll_.get() < 0) fail("server");
+  if (wake_.get() < 0 || epoll_.get() < 0) fail("server");
   if (fcntl(epoll_.get(), F_SETFD, FD_CLOEXEC) != 0) fail("epoll");
-  watch(stop_.get(), EPOLLIN);
+  hub_.blocks.set_reclaim([this] { return close_stalled(); });
+  watch(wake_.get(), EPOLLIN);
   watch(ingest.settled_fd(), EPOLLIN);
   watch(hub_.queries.event_fd(), EPOLLIN);
   for (const Listener *listener : {&influx_, &graphite_})
@@ -124,10 +142,19 @@ void Server::Loop::watch(int fd, uint32_t events) {
   if (tslb_add_select(epoll_.get(), fd, static_cast<int>(events), message) != 0) throw ServerError(message);
 }
 
-void Server::Loop::stop() noexcept {
+void Server::Loop::request(std::atomic<bool> &flag) noexcept {
+  flag = true;
   const uint64_t one = 1;
   // Fails only if the counter is at its maximum, and then the event is readable.
-  [[maybe_unused]] const ssize_t written = write(stop_.get(), &one, sizeof(one));
+  [[maybe_unused]] const ssize_t written = write(wake_.get(), &one, sizeof(one));
+}
+
+void Server::Loop::on_requests() {
+  uint64_t n_events;
+  // Before the flags are read, so that no request is lost.
+  [[maybe_unused]] const ssize_t got = read(wake_.get(), &n_events, sizeof(n_events));
+  if (is_hang_up_requested_.exchange(false) && hub_.options.on_hang_up) hub_.options.on_hang_up();
+  if (is_stop_requested_ && !is_draining_) begin_drain();
 }
 
 void Server::Loop::run() {
@@ -143,6 +170,8 @@ void Server::Loop::run() {
     run_round();
   }
   places_.clear();
+  log_snapshots();
+  hub_.log.end();
   TSLB_DLOG(LOG_PROGRESS, "stopped");
 }
 
@@ -167,8 +196,8 @@ void Server::Loop::wait_for_events() {
 
 void Server::Loop::on_event(const epoll_event &event) {
   const int fd = event.data.fd;
-  if (fd == stop_.get()) {
-    if (!is_draining_) begin_drain();
+  if (fd == wake_.get()) {
+    on_requests();
   } else if (fd == hub_.ingest.settled_fd()) {
     is_settled_readable_ = true;
   } else if (fd == hub_.queries.event_fd()) {
@@ -232,7 +261,9 @@ void Server::Loop::process_active() {
     Place &place = places_[static_cast<size_t>(fd)];
     place.is_active = false;
     if (!place.connection) continue;
+    current_ = fd;
     place.connection->process();
+    current_ = -1;
     after_processing(place);
   }
 }
@@ -240,11 +271,7 @@ void Server::Loop::process_active() {
 void Server::Loop::after_processing(Place &place) {
   Connection &connection = *place.connection;
   const int fd = connection.fd();
-  if (connection.is_finished()) {
-    place.connection.reset();
-    --n_connections_;
-    return;
-  }
+  if (connection.is_finished()) return remove(place);
   if (connection.waits_for_ingest()) {
     ingested_.push_back(fd);
     if (!std::exchange(place.is_waiting, true)) waiting_.push_back(fd);
@@ -255,10 +282,33 @@ void Server::Loop::after_processing(Place &place) {
     held_.push_back(fd);
 }
 
+void Server::Loop::remove(Place &place) {
+  place.connection.reset();
+  --n_connections_;
+}
+
+// Called when memory is short. Closes one connection, and never the one that needs the memory.
+bool Server::Loop::close_stalled() {
+  Place *longest = nullptr;
+  Clock::duration stalled_for = hub_.options.stall_timeout;
+  for (Place &place : places_) {
+    if (!place.connection || place.connection->fd() == current_) continue;
+    const Clock::duration candidate = place.connection->stalled_for();
+    if (candidate == Clock::duration(0) || candidate < stalled_for) continue;
+    longest = &place;
+    stalled_for = candidate;
+  }
+  if (longest == nullptr) return false;
+  hub_.stalled.add(1);
+  longest->connection->give_up();
+  remove(*longest);
+  return true;
+}
+
 void Server::Loop::commit() {
   if (hub_.has_open_points) {
     const uint64_t ticket = hub_.ingest.commit();
-    batches_.push_back({ticket, hub_.open_bytes});
+    batches_.push_back({ticket, hub_.open_bytes, Clock::now()});
     for (const int fd : ingested_)
       if (const auto &connection = places_[static_cast<size_t>(fd)].connection) connection->committed(ticket);
   }
@@ -272,10 +322,10 @@ void Server::Loop::settle() {
   Refusals refusals;
   for (; !batches_.empty() && batches_.front().ticket <= settled; batches_.pop_front()) {
     hub_.unanswered_bytes -= batches_.front().bytes;
+    hub_.batch_times.add(hub_.now - std::min(hub_.now, batches_.front().committed));
     std::string reason = hub_.ingest.failure(batches_.front().ticket);
     if (reason.empty()) continue;
-    TSLB_DLOG(LOG_REFUSALS, "batch %llu is lost: %s", static_cast<unsigned long long>(batches_.front().ticket),
-              reason.c_str());
+    hub_.log.add(LogTopic::refusals, hub_.now, fmt::format("batch {} is lost: {}", batches_.front().ticket, reason));
     refusals.emplace_back(batches_.front().ticket, std::move(reason));
   }
   Fds waiting;
@@ -319,8 +369,30 @@ milliseconds Server::Loop::tick() const {
   return std::clamp(shortest / 4, milliseconds(10), milliseconds(is_draining_ ? 100 : 1000));
 }
 
+// Snapshots are written by a child process, and have ended when the generation has changed.
+void Server::Loop::log_snapshots() {
+  const IngestFigures figures = hub_.ingest.figures();
+  if (figures.snapshots != n_snapshots_)
+    TSLB_DLOG(LOG_PROGRESS, "generation %llu was written, writes were stopped for %.3f ms",
+              static_cast<unsigned long long>(figures.generation),
+              static_cast<double>(figures.snapshot_pause_ns) / 1e6);
+  if (!figures.snapshot_failure.empty() && figures.snapshot_failure != snapshot_failure_)
+    TSLB_DLOG(LOG_REFUSALS, "a snapshot failed: %s", figures.snapshot_failure.c_str());
+  n_snapshots_ = figures.snapshots;
+  snapshot_failure_ = figures.snapshot_failure;
+}
+
+std::string Server::Loop::why_unhealthy() {
+  if (!batches_.empty() && Clock::now() - batches_.front().committed > hub_.options.stuck_batch)
+    return fmt::format("the disk has not confirmed a batch for {:.0f} s",
+                       std::chrono::duration<double>(Clock::now() - batches_.front().committed).count());
+  return hub_.ingest.why_not_writable();
+}
+
 void Server::Loop::check_times() {
   next_check_ = hub_.now + tick();
+  hub_.log.end_intervals(hub_.now);
+  log_snapshots();
   for (Place &place : places_) {
     if (!place.connection) continue;
     place.connection->check_time();
@@ -332,7 +404,6 @@ void Server::Loop::begin_drain() {
   is_draining_ = true;
   drain_deadline_ = hub_.now + hub_.options.drain_timeout;
   next_check_ = hub_.now + tick();
-  epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, stop_.get(), nullptr);
   influx_.close();
   graphite_.close();
   for (Place &place : places_) {
@@ -347,10 +418,14 @@ ServerCounters Server::Loop::counters() const {
   counters.accepted = hub_.accepted.value();
   counters.connections = counters.accepted - std::min(hub_.closed.value(), counters.accepted);
   counters.turned_away = hub_.turned_away.value();
+  counters.stalled = hub_.stalled.value();
   counters.requests = hub_.requests.value();
   counters.bytes = hub_.bytes.value();
   counters.points = hub_.points.value();
   counters.malformed = hub_.malformed.value();
+  counters.late = hub_.late.value();
+  counters.future = hub_.future.value();
+  counters.no_room = hub_.no_room.value();
   counters.refused = hub_.refused.value();
   return counters;
 }
@@ -365,6 +440,10 @@ void Server::run() {
 
 void Server::stop() noexcept {
   loop_->stop();
+}
+
+void Server::hang_up() noexcept {
+  loop_->hang_up();
 }
 
 int Server::influx_port() const {

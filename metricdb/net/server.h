@@ -12,6 +12,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -42,19 +43,35 @@ struct ServerOptions {
   size_t max_connection_bytes = size_t{48} << 20;  // the same per connection
   size_t max_buffered_bytes = size_t{512} << 20;   // of incomplete requests, in total; then the answer is 503
 
+  // When memory for incomplete requests is short, the connection that has sent nothing for longest is closed, if it has
+  // sent nothing for this long. Only if there is none, the answer is 503.
+  std::chrono::milliseconds stall_timeout{1'000};
   std::chrono::milliseconds idle_timeout{600'000};    // without receiving or sending
   std::chrono::milliseconds request_timeout{60'000};  // from the first byte of a request, or of a line, to its last one
   std::chrono::milliseconds drain_timeout{10'000};    // from `stop` until `run` returns
+  std::chrono::milliseconds drain_read_timeout{500};  // after `stop`: the time in which a peer must read something
+
+  std::chrono::milliseconds slow_request{1'000};   // longer requests are logged
+  std::chrono::milliseconds stuck_batch{30'000};   // unhealthy if a batch is not durable after this time
+  std::chrono::milliseconds log_interval{10'000};  // in which clients cause at most max_log_lines of each kind
+  size_t max_log_lines = 20;
+
+  // Called on the server's thread after `hang_up`.
+  std::function<void()> on_hang_up = {};
 };
 
 struct ServerCounters {
   uint64_t connections = 0;  // open now
   uint64_t accepted = 0;
   uint64_t turned_away = 0;  // over the limit
+  uint64_t stalled = 0;      // closed because memory was short
   uint64_t requests = 0;     // over HTTP, of all kinds
   uint64_t bytes = 0;        // received
   uint64_t points = 0;       // stored
-  uint64_t malformed = 0;    // lines
+  uint64_t malformed = 0;    // lines; the next three are skipped lines too
+  uint64_t late = 0;         // older than the retention
+  uint64_t future = 0;       // too far after the server's clock
+  uint64_t no_room = 0;      // in requests of which other lines were stored
   uint64_t refused = 0;      // requests, or pieces of a Graphite stream, whose lines were refused
 };
 
@@ -70,6 +87,9 @@ class Server {
 
   // Threads: any, also signal handlers, also before `run`.
   void stop() noexcept;
+
+  // Threads: as `stop`.
+  void hang_up() noexcept;
 
   // 0 if the protocol is off.
   int influx_port() const;

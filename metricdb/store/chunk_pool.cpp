@@ -16,6 +16,7 @@ uint32_t ChunkPool::n_free_slots() const {
 
 PoolBytes ChunkPool::bytes() const {
   PoolBytes bytes;
+  bytes.max = uint64_t{max_slots_} * header_of(array())->mslot_sz;
   for (uint32_t index = 0; index < tslb_da_get_size(array()); ++index) {
     const auto *const slot = static_cast<const MemSlot_t *>(tslb_da_get_ptr(array(), index));
     if (slot == nullptr || status_of(slot) != TSLB_DA_SLOT_ACTIVE) continue;

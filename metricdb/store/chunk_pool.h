@@ -41,6 +41,7 @@ class StoreFull : public std::runtime_error {
 struct PoolBytes {
   uint64_t used = 0;     // by chunks, deleted ones included
   uint64_t deleted = 0;  // of those
+  uint64_t max = 0;      // of all slots that the pool can have
 };
 
 // Result of a sweep of one pool.

@@ -17,6 +17,8 @@ namespace {
 // they detect a full disk only when they are written.
 constexpr uint64_t JOURNAL_BYTES_PER_TEXT_BYTE = 4;
 constexpr uint64_t JOURNAL_BYTES_PER_BATCH = 64 << 10;
+// A text for which there must be room on the disk, so that the database counts as writable.
+constexpr size_t EXPECTED_TEXT_BYTES = 256 << 10;
 
 constexpr uint64_t MAX_BATCH_BYTES = 128 << 20;  // of journal, before compression
 constexpr size_t PIECE_BYTES = 256 << 10;
@@ -65,10 +67,9 @@ void DatabaseWriter::read_store() {
   loader_.reset();
   store_.reset();
   store_.emplace(store_of(folder_, *durable_, {}));
-  loader_ =
-      std::make_unique<Loader>(*store_, Loader::OnFull::skip_line, [this](uint64_t line, const std::string &reason) {
-        if (result_.malformed++ == 0) result_.first_reason = fmt::format("line {}: {}", lines_before_ + line, reason);
-      });
+  loader_ = std::make_unique<Loader>(
+      *store_, Loader::OnFull::skip_line,
+      [this](uint64_t line, const std::string &reason) { on_skipped_line(lines_before_ + line, reason); });
   if (options_.is_live) store_->go_live();
 }
 
@@ -123,25 +124,45 @@ void DatabaseWriter::expect_room(size_t text_bytes) {
   if (result != 0) throw IngestRefused(error.text);
 }
 
+void DatabaseWriter::set_limits(int64_t now_ns) {
+  LoadLimits limits;
+  if (options_.max_future_ns && __builtin_add_overflow(now_ns, *options_.max_future_ns, &limits.newest_ns))
+    limits.newest_ns = INT64_MAX;
+  limits.max_key_bytes = options_.max_key_bytes;
+  limits.max_new_series = options_.max_new_series;
+  limits.reports_late = true;
+  limits.refuses_strings = options_.refuse_strings;
+  limits.one_per_time = options_.one_per_time;
+  loader_->set_limits(limits);
+}
+
+void DatabaseWriter::on_skipped_line(uint64_t number, const std::string &reason) {
+  const bool is_first = result_.first_reason.empty();
+  // The loader counts a line before it reports it.
+  const bool is_first_without_room = result_.room_reason.empty() && loader_->stats().refused != stats_before_.refused;
+  if (!is_first && !is_first_without_room) return;
+  const std::string line = fmt::format("line {}: {}", number, reason);
+  if (is_first) result_.first_reason = line;
+  if (is_first_without_room) result_.room_reason = line;
+}
+
+void DatabaseWriter::skip_rest(std::string_view text) {
+  const std::string reason = fmt::format("line {}: no room for this line and the following ones in one batch",
+                                         loader_->stats().lines - stats_before_.lines + 1);
+  if (result_.first_reason.empty()) result_.first_reason = reason;
+  if (result_.room_reason.empty()) result_.room_reason = reason;
+  result_.no_room += static_cast<uint64_t>(std::count(text.begin(), text.end(), '\n')) + (text.ends_with('\n') ? 0 : 1);
+}
+
 // A batch is in memory until it is written, and the changes of new and short series are much larger than their text. So
 // the text is loaded in pieces, and the rest is refused when the batch is too large.
 void DatabaseWriter::load_within_bounds(std::string_view text, Precision precision) {
   const int64_t time_ns = now_ns();
-  const uint64_t lines_before = loader_->stats().lines;
+  set_limits(time_ns);
   while (!text.empty()) {
-    if (store_->batch_bytes() > MAX_BATCH_BYTES) {
-      if (result_.malformed == 0)
-        result_.first_reason = fmt::format("line {}: the batch is too large for this line and the following ones",
-                                           loader_->stats().lines - lines_before + 1);
-      result_.malformed += static_cast<uint64_t>(std::count(text.begin(), text.end(), '\n'));
-      result_.malformed += text.ends_with('\n') ? 0 : 1;
-      return;
-    }
-    const size_t feed = text.find('\n', std::min(PIECE_BYTES, text.size()));
-    const size_t piece_bytes = feed == text.npos ? text.size() : feed + 1;
-    lines_before_ = loader_->stats().lines - lines_before;
-    loader_->load(text.substr(0, piece_bytes), precision, time_ns);
-    text.remove_prefix(piece_bytes);
+    if (store_->batch_bytes() > MAX_BATCH_BYTES) return skip_rest(text);
+    lines_before_ = loader_->stats().lines - stats_before_.lines;
+    text.remove_prefix(loader_->load(text, precision, time_ns, PIECE_BYTES));
   }
 }
 
@@ -152,11 +173,17 @@ IngestResult DatabaseWriter::take(std::string_view text, Precision precision) {
   if (batch_ == nullptr) expect_room(text.size());
   begin_batch();
   result_ = {};
-  const LoadStats before = loader_->stats();
+  stats_before_ = loader_->stats();
   load_within_bounds(text, precision);
-  result_.points = loader_->stats().points - before.points;
+  const LoadStats &stats = loader_->stats();
+  const LoadStats &before = stats_before_;
+  result_.points = (stats.points - stats.late_points) - (before.points - before.late_points);
+  result_.malformed = stats.malformed - before.malformed;
+  result_.late = stats.late - before.late;
+  result_.future = stats.future - before.future;
+  result_.no_room += stats.refused - before.refused;
   has_points_ |= result_.points != 0;
-  if (result_.points == 0 && loader_->stats().refused != before.refused) throw IngestRefused(result_.first_reason);
+  if (result_.points == 0 && result_.no_room != 0) throw IngestRefused(result_.room_reason);
   return result_;
 }
 
@@ -180,6 +207,37 @@ uint64_t DatabaseWriter::settled() {
 std::string DatabaseWriter::failure(uint64_t ticket) {
   tslb_error_t error;
   return tslb_store_check(durable_->get(), ticket, &error) < 0 ? error.text : "";
+}
+
+IngestFigures DatabaseWriter::figures() {
+  const tslb_store_info_t info = durable_->info();
+  const PoolBytes keys = store_->key_bytes(), points = store_->point_bytes();
+  IngestFigures figures;
+  figures.series = store_->n_series();
+  figures.inactive_series = store_->n_inactive();
+  figures.points = store_->n_points();
+  figures.key_bytes = keys.used;
+  figures.max_key_bytes = keys.max;
+  figures.point_bytes = points.used;
+  figures.max_point_bytes = points.max;
+  figures.memory_bytes = store_->bytes_reserved();
+  figures.journal_bytes = info.journal_bytes;
+  figures.generation = info.generation;
+  figures.snapshots = info.n_snapshots;
+  figures.snapshot_pause_ns = info.snapshot_pause_ns;
+  figures.snapshot_failure = info.snapshot_failure;
+  return figures;
+}
+
+std::string DatabaseWriter::why_not_writable() {
+  // An open batch has its room.
+  if (batch_ != nullptr) return "";
+  try {
+    expect_room(EXPECTED_TEXT_BYTES);
+    return "";
+  } catch (const IngestRefused &refused) {
+    return refused.what();
+  }
 }
 
 std::string DatabaseWriter::wait(uint64_t ticket) {

@@ -28,6 +28,12 @@ struct WriterOptions {
   std::optional<uint8_t> layout = {};  // as in OpenOptions; for a new database: its layout
   ForgettingChange forgetting = {};    // stored with the database
   bool is_live = false;                // `read` can be called
+  // Limits of each text. A timestamp can be this much after the clock; without a value any timestamp is stored.
+  std::optional<int64_t> max_future_ns = {};
+  size_t max_key_bytes = Store::MAX_KEY_BYTES;
+  uint64_t max_new_series = UINT64_MAX;
+  bool refuse_strings = false;  // as in LoadLimits
+  bool one_per_time = false;
 };
 
 class DatabaseWriter final : public Ingest {
@@ -41,6 +47,8 @@ class DatabaseWriter final : public Ingest {
   uint64_t commit() override;
   uint64_t settled() override;
   std::string failure(uint64_t ticket) override;
+  IngestFigures figures() override;
+  std::string why_not_writable() override;
   int settled_fd() const override { return tslb_store_event_fd(durable_->get()); }
 
   // Waits until the ticket is settled. Returns its failure.
@@ -70,6 +78,9 @@ class DatabaseWriter final : public Ingest {
   void begin_batch();
   void expect_room(size_t text_bytes);
   void load_within_bounds(std::string_view text, Precision precision);
+  void set_limits(int64_t now_ns);
+  void on_skipped_line(uint64_t number, const std::string &reason);
+  void skip_rest(std::string_view text);
 
   const std::string folder_;
   const WriterOptions options_;
@@ -80,6 +91,7 @@ class DatabaseWriter final : public Ingest {
   std::unique_ptr<Loader> loader_;
   IngestResult result_;        // of the current call of `take`
   uint64_t lines_before_ = 0;  // of its text, before the current piece
+  LoadStats stats_before_;     // before the call
   tslb_batch_t *batch_ = nullptr;
   bool has_points_ = false;   // the batch has points, or changed limits
   uint64_t last_ticket_ = 0;  // of a batch with points

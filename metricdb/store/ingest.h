@@ -21,9 +21,33 @@ class IngestRefused : public std::runtime_error {
 };
 
 struct IngestResult {
-  uint64_t points = 0;
-  uint64_t malformed = 0;    // skipped lines, including lines without room
-  std::string first_reason;  // for the first skipped line, as in "line 3: no fields"
+  uint64_t points = 0;  // stored
+  // Skipped lines. None of their points is stored.
+  uint64_t malformed = 0;  // they would be skipped again
+  uint64_t late = 0;       // older than the retention
+  uint64_t future = 0;     // the timestamp is too far after the server's clock
+  uint64_t no_room = 0;    // they can be stored later, or with the next request
+  // For the first skipped line, and for the first one without room, as in "line 3: no fields".
+  std::string first_reason = {};
+  std::string room_reason = {};
+
+  uint64_t n_skipped() const { return malformed + late + future + no_room; }
+};
+
+// Sizes and counts for an operator.
+struct IngestFigures {
+  uint64_t series = 0;
+  uint64_t inactive_series = 0;
+  uint64_t points = 0;  // in memory, those older than the retention included
+  // Of the pools: in use, and how much there can be.
+  uint64_t key_bytes = 0, max_key_bytes = 0;
+  uint64_t point_bytes = 0, max_point_bytes = 0;
+  uint64_t memory_bytes = 0;  // reserved by all arrays
+  uint64_t journal_bytes = 0;
+  uint64_t generation = 0;
+  uint64_t snapshots = 0;
+  uint64_t snapshot_pause_ns = 0;     // of the last snapshot
+  std::string snapshot_failure = {};  // why the last snapshot failed; empty if it did not
 };
 
 class Ingest {
@@ -41,6 +65,11 @@ class Ingest {
 
   // Returns the reason why a settled batch was refused; empty if it is durable.
   virtual std::string failure(uint64_t ticket) = 0;
+
+  virtual IngestFigures figures() = 0;
+
+  // Returns why points cannot be made durable at the moment, in one line; empty if they can.
+  virtual std::string why_not_writable() = 0;
 
   // Readable when the result of `settled` may have changed. Calling `settled` resets it.
   virtual int settled_fd() const = 0;

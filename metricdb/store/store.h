@@ -145,6 +145,12 @@ class Store {
   // Throws StoreFull.
   void make_room(uint32_t series);
 
+  // The newest timestamp of the series; the minimum without points.
+  int64_t newest_ns(uint32_t series) const { return tails_[series].record.newest_ns(); }
+
+  // Replaces the value of the last point of that time in the open chunk. Returns false if there is none.
+  bool replace_open(uint32_t series, const Point &point);
+
   // Appends a point to the series. Throws StoreFull.
   void append(uint32_t series, const Point &point);
 

@@ -46,7 +46,8 @@ class FakeIngest : public Ingest {
     uint64_t number = 0;
     for (std::string_view line; next_line(text, line);) {
       ++number;
-      const auto outcome = parser.parse(line);
+      const auto outcome = parser.parse(line, {}, text);
+      text.remove_prefix(parser.n_following());
       if (outcome == LineParser::Outcome::malformed && ++taken.malformed == 1)
         taken.first_reason = fmt::format("line {}: {}", number, parser.reason());
       if (outcome != LineParser::Outcome::line) continue;
@@ -80,7 +81,24 @@ class FakeIngest : public Ingest {
     return found == failures_.end() ? std::string() : std::exchange(found->second, "asked for twice");
   }
 
+  IngestFigures figures() override {
+    const std::lock_guard lock(mutex_);
+    return figures_;
+  }
+  std::string why_not_writable() override {
+    const std::lock_guard lock(mutex_);
+    return why_not_writable_;
+  }
   int settled_fd() const override { return fd_; }
+
+  void set_figures(const IngestFigures &figures) {
+    const std::lock_guard lock(mutex_);
+    figures_ = figures;
+  }
+  void set_not_writable(const std::string &why) {
+    const std::lock_guard lock(mutex_);
+    why_not_writable_ = why;
+  }
 
   // Batches after this one are not settled until a later call.
   void settle_up_to(uint64_t ticket) {
@@ -124,6 +142,8 @@ class FakeIngest : public Ingest {
   uint64_t allowed_ = std::numeric_limits<uint64_t>::max();
   bool has_more_ = false;
   std::string refusal_;
+  std::string why_not_writable_;
+  IngestFigures figures_;
   std::map<uint64_t, std::string> failures_;
   std::vector<std::string> points_;
 };

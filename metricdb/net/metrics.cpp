@@ -1,0 +1,115 @@
+#include "net/metrics.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <numeric>
+
+#include "net/connection.h"
+
+namespace metricdb {
+namespace {
+
+// Returns the resident memory of the process; 0 if it is not known.
+uint64_t resident_bytes() {
+  std::FILE *const file = std::fopen("/proc/self/statm", "re");
+  if (file == nullptr) return 0;
+  unsigned long long all = 0, resident = 0;
+  const int n_read = std::fscanf(file, "%llu %llu", &all, &resident);
+  std::fclose(file);
+  return n_read == 2 ? resident * static_cast<uint64_t>(sysconf(_SC_PAGESIZE)) : 0;
+}
+
+class MetricsText {
+ public:
+  void begin(const char *name, const char *type, const char *help) {
+    text_ += fmt::format("# HELP {} {}\n# TYPE {} {}\n", name, help, name, type);
+  }
+  template <class Number>
+  void add(const char *name, const char *type, const char *help, Number value) {
+    begin(name, type, help);
+    text_ += fmt::format("{} {}\n", name, value);
+  }
+  void add_reason(const char *name, const char *reason, uint64_t value) {
+    text_ += fmt::format("{}{{reason=\"{}\"}} {}\n", name, reason, value);
+  }
+  std::string &text() { return text_; }
+
+ private:
+  std::string text_;
+};
+
+void append_server(MetricsText &metrics, const Hub &hub, size_t n_waiting_batches) {
+  metrics.add("metricdb_points_total", "counter", "Points that were stored.", hub.points.value());
+  metrics.add("metricdb_requests_total", "counter", "Requests over HTTP.", hub.requests.value());
+  metrics.add("metricdb_received_bytes_total", "counter", "Bytes received from clients.", hub.bytes.value());
+  const char *const skipped = "metricdb_skipped_lines_total";
+  metrics.begin(skipped, "counter", "Lines whose points were not stored.");
+  metrics.add_reason(skipped, "malformed", hub.malformed.value());
+  metrics.add_reason(skipped, "late", hub.late.value());
+  metrics.add_reason(skipped, "future", hub.future.value());
+  metrics.add_reason(skipped, "no_room", hub.no_room.value());
+  const char *const refused = "metricdb_refused_requests_total";
+  metrics.begin(refused, "counter", "Requests of which no point was stored, and pieces of Graphite streams.");
+  metrics.add_reason(refused, "no_room", hub.refused.value() - hub.lost.value());
+  metrics.add_reason(refused, "batch_lost", hub.lost.value());
+  metrics.add("metricdb_slow_requests_total", "counter", "Requests that were answered slowly.", hub.slow.value());
+  metrics.add("metricdb_connections", "gauge", "Open connections.", hub.accepted.value() - hub.closed.value());
+  metrics.add("metricdb_accepted_connections_total", "counter", "Accepted connections.", hub.accepted.value());
+  const char *const closed = "metricdb_refused_connections_total";
+  metrics.begin(closed, "counter", "Connections that the server closed.");
+  metrics.add_reason(closed, "too_many", hub.turned_away.value());
+  metrics.add_reason(closed, "stalled", hub.stalled.value());
+  metrics.add("metricdb_buffered_bytes", "gauge", "Memory for incomplete requests.", hub.blocks.lent_bytes());
+  metrics.add("metricdb_waiting_bytes", "gauge", "Bytes of lines that are not durable yet.", hub.unanswered_bytes);
+  metrics.add("metricdb_waiting_batches", "gauge", "Batches that are not durable yet.", n_waiting_batches);
+  metrics.begin("metricdb_batch_seconds", "histogram", "Time from the end of a batch until it is durable.");
+  hub.batch_times.append_to(metrics.text(), "metricdb_batch_seconds");
+}
+
+void append_store(MetricsText &metrics, const IngestFigures &figures) {
+  metrics.add("metricdb_series", "gauge", "Series.", figures.series);
+  metrics.add("metricdb_inactive_series", "gauge", "Series that were not written for a time.", figures.inactive_series);
+  metrics.add("metricdb_stored_points", "gauge", "Points in memory.", figures.points);
+  metrics.add("metricdb_key_bytes", "gauge", "Memory for series keys.", figures.key_bytes);
+  metrics.add("metricdb_max_key_bytes", "gauge", "Capacity for series keys.", figures.max_key_bytes);
+  metrics.add("metricdb_point_bytes", "gauge", "Memory for points.", figures.point_bytes);
+  metrics.add("metricdb_max_point_bytes", "gauge", "Capacity for points.", figures.max_point_bytes);
+  metrics.add("metricdb_array_bytes", "gauge", "Memory reserved by the arrays.", figures.memory_bytes);
+  metrics.add("metricdb_journal_bytes", "gauge", "Journal since the last snapshot.", figures.journal_bytes);
+  metrics.add("metricdb_generation", "gauge", "Number of the current generation.", figures.generation);
+  metrics.add("metricdb_snapshots_total", "counter", "Snapshots that were written.", figures.snapshots);
+  metrics.add("metricdb_snapshot_failed", "gauge", "1 if the last snapshot failed.",
+              figures.snapshot_failure.empty() ? 0 : 1);
+  metrics.add("metricdb_snapshot_pause_seconds", "gauge", "Time in which the last snapshot stopped writes.",
+              static_cast<double>(figures.snapshot_pause_ns) / 1e9);
+}
+
+}  // namespace
+
+void DurationHistogram::add(std::chrono::steady_clock::duration duration) {
+  const double seconds = std::chrono::duration<double>(duration).count();
+  sum_s_ += seconds;
+  ++counts_[static_cast<size_t>(std::lower_bound(LIMITS_S.begin(), LIMITS_S.end(), seconds) - LIMITS_S.begin())];
+}
+
+void DurationHistogram::append_to(std::string &text, const char *name) const {
+  uint64_t n_up_to = 0;
+  for (size_t i = 0; i < LIMITS_S.size(); ++i)
+    text += fmt::format("{}_bucket{{le=\"{}\"}} {}\n", name, LIMITS_S[i], n_up_to += counts_[i]);
+  n_up_to += counts_.back();
+  text +=
+      fmt::format("{}_bucket{{le=\"+Inf\"}} {}\n{}_sum {}\n{}_count {}\n", name, n_up_to, name, sum_s_, name, n_up_to);
+}
+
+std::string metrics_text(const Hub &hub, size_t n_waiting_batches) {
+  MetricsText metrics;
+  append_server(metrics, hub, n_waiting_batches);
+  append_store(metrics, hub.ingest.figures());
+  metrics.add("process_resident_memory_bytes", "gauge", "Resident memory of the process.", resident_bytes());
+  return std::move(metrics.text());
+}
+
+}  // namespace metricdb
