@@ -12,15 +12,15 @@
 namespace metricdb {
 namespace {
 
-class Descriptor {
+class InputFile {
  public:
-  explicit Descriptor(const std::string &path)
+  explicit InputFile(const std::string &path)
       : fd_(path == "-" ? dup(STDIN_FILENO) : open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
-  ~Descriptor() {
+  ~InputFile() {
     if (fd_ >= 0) close(fd_);
   }
-  Descriptor(const Descriptor &) = delete;
-  Descriptor &operator=(const Descriptor &) = delete;
+  InputFile(const InputFile &) = delete;
+  InputFile &operator=(const InputFile &) = delete;
   int get() const { return fd_; }
 
  private:
@@ -38,7 +38,7 @@ Input::Input(std::string path) : path_(std::move(path)), name_(path_ == "-" ? "s
 
 std::string_view Input::text() {
   if (text_) return *text_;
-  const Descriptor file(path_);
+  const InputFile file(path_);
   struct stat status {};
   if (file.get() < 0 || fstat(file.get(), &status) != 0) fail_input(name_);
   readable_again_ = S_ISREG(status.st_mode) && path_ != "-";
