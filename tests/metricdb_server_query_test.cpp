@@ -14,7 +14,7 @@ namespace {
 class HeldQueries {
  public:
   QueryFunction function() {
-    return [this](const QueryRequest &request) {
+    return [this](const QueryRequest &request, const IsInterrupted &) {
       std::unique_lock lock(mutex_);
       ++n_begun_;
       changed_.notify_all();
@@ -101,7 +101,7 @@ TEST(Queries, AnswerOfAClosedConnectionReachesNobody) {
 }
 
 TEST(Queries, ParametersAndFailures) {
-  RunningServer server(options_with([](const QueryRequest &request) -> QueryAnswer {
+  RunningServer server(options_with([](const QueryRequest &request, const IsInterrupted &) -> QueryAnswer {
     if (request.text == "fail") throw std::runtime_error("it failed");
     return {HTTP_STATUS_BAD_REQUEST, "application/csv",
             fmt::format("{} {} {} {} {} {}", request.text, request.epoch, request.is_pretty, request.is_chunked,

@@ -101,7 +101,7 @@ TEST(Influx, AnswersToSkippedLines) {
 
 TEST(Influx, DatabasesAreRemembered) {
   ServerOptions options = {.influx_port = 0, .graphite_port = 0};
-  options.query = [](const QueryRequest &request) {
+  options.query = [](const QueryRequest &request, const IsInterrupted &) {
     return QueryAnswer{HTTP_STATUS_OK, "application/json", nlohmann::json(request.databases).dump()};
   };
   RunningServer server(options);

@@ -4,14 +4,20 @@
 #include <sys/resource.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <cstdlib>
+#include <exception>
 #include <iterator>
+#include <optional>
 #include <stdexcept>
+#include <thread>
 
 #include "cli/commands.h"
 #include "cli/log_file.h"
 #include "cli/output.h"
 #include "cli/write_options.h"
+#include "net/opening_ingest.h"
 #include "net/server.h"
 #include "query/influxql.h"
 #include "query/store_source.h"
@@ -89,14 +95,104 @@ int64_t now_ns() {
   return std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
 }
 
-// Reads the arrays while the server's thread feeds them.
-QueryAnswer answer_query(const DatabaseWriter &writer, const QueryRequest &request) {
-  const InfluxqlRequest query = {request.text,   request.epoch,      request.is_pretty, request.is_chunked,
-                                 request.is_csv, request.chunk_rows, now_ns()};
+// Reads the arrays while the server's thread feeds them. writer: null until the database is open.
+QueryAnswer answer_query(const DatabaseWriter *writer, const QueryRequest &request,
+                         const IsInterrupted &is_interrupted) {
+  if (writer == nullptr) return {HTTP_STATUS_SERVICE_UNAVAILABLE, "application/json", "{\"error\":\"starting\"}\n"};
+  const InfluxqlRequest query = {.text = request.text,
+                                 .epoch = request.epoch,
+                                 .pretty = request.is_pretty,
+                                 .chunked = request.is_chunked,
+                                 .csv = request.is_csv,
+                                 .chunk_size = request.chunk_rows,
+                                 .now_ns = now_ns(),
+                                 .is_interrupted = is_interrupted};
   InfluxqlAnswer answer;
-  writer.read([&](const Store &store) { answer = answer_influxql(StoreSource(store), query, request.databases); });
+  writer->read([&](const Store &store) { answer = answer_influxql(StoreSource(store), query, request.databases); });
   return {answer.is_bad_request ? HTTP_STATUS_BAD_REQUEST : HTTP_STATUS_OK, answer.content_type, answer.body};
 }
+
+WriterOptions serve_writer_options(const ServeArguments &arguments) {
+  WriterOptions options = writer_options_of(arguments.write);
+  options.max_future_ns = arguments.max_future_s * NS_PER_S;
+  options.max_key_bytes = arguments.max_key_bytes;
+  options.max_new_series = arguments.max_new_series;
+  options.refuse_strings = !arguments.drop_strings;
+  options.one_per_time = true;
+  options.is_live = true;
+  return options;
+}
+
+// Opens the database on a thread of its own, while the server answers that it is starting. Stops the server if that fails.
+class Opening {
+ public:
+  // readable  receives the database when it is open.
+  Opening(const ServeArguments &arguments, Server &server, OpeningIngest &ingest,
+          std::atomic<const DatabaseWriter *> &readable)
+      : arguments_(arguments), server_(server), ingest_(ingest), readable_(readable), thread_([this] { run(); }) {}
+  ~Opening() {
+    if (thread_.joinable()) thread_.join();
+  }
+  Opening(const Opening &) = delete;
+  Opening &operator=(const Opening &) = delete;
+
+  // Called after the server has ended. Throws what the opening has thrown. If a signal came before the database was open,
+  // this ends the process: nothing was stored, and opening can take long.
+  DatabaseWriter &result() {
+    if (!is_done_) {
+      TSLB_DLOG(LOG_PROGRESS, "stopped while the database was opened");
+      std::_Exit(EXIT_GOOD);
+    }
+    thread_.join();
+    if (failure_) std::rethrow_exception(failure_);
+    return *writer_;
+  }
+
+ private:
+  void run() {
+    TSLB_DLOG_THREAD_NAME("opening");
+    try {
+      open();
+    } catch (...) {
+      failure_ = std::current_exception();
+    }
+    is_done_ = true;
+    if (failure_) server_.stop();
+  }
+
+  void open() {
+    WriterOptions options = serve_writer_options(arguments_);
+    options.on_progress = [this](uint64_t done_bytes, uint64_t all_bytes) { report(done_bytes, all_bytes); };
+    writer_.emplace(arguments_.write.db, options);
+    report_warnings(writer_->warnings());
+    const std::string line = ports_line(arguments_, server_);
+    TSLB_DLOG(LOG_PROGRESS, "%s", line.c_str());
+    is_done_ = true;  // before points can be stored
+    readable_ = &*writer_;
+    ingest_.set_ready(*writer_);
+    print(line);
+  }
+
+  // Small databases are open at once.
+  void report(uint64_t done_bytes, uint64_t all_bytes) {
+    constexpr uint64_t LOGGED_BYTES = 64 << 20;
+    ingest_.set_progress(done_bytes, all_bytes);
+    if (all_bytes < LOGGED_BYTES || done_bytes < next_logged_bytes_) return;
+    next_logged_bytes_ = done_bytes + all_bytes / 10;
+    TSLB_DLOG(LOG_PROGRESS, "opening: %llu of %llu bytes", static_cast<unsigned long long>(done_bytes),
+              static_cast<unsigned long long>(all_bytes));
+  }
+
+  const ServeArguments &arguments_;
+  Server &server_;
+  OpeningIngest &ingest_;
+  std::atomic<const DatabaseWriter *> &readable_;
+  uint64_t next_logged_bytes_ = 0;
+  std::optional<DatabaseWriter> writer_;
+  std::exception_ptr failure_;
+  std::atomic<bool> is_done_ = false;
+  std::thread thread_;  // the last member, because it uses the others
+};
 
 }  // namespace
 
@@ -104,27 +200,22 @@ int serve(const ServeArguments &arguments) {
   if (!arguments.influx_port && !arguments.graphite_port)
     throw std::runtime_error("nothing to serve: use --influx, --graphite or both");
   ignore_harmless_signals();
-  WriterOptions writer_options = writer_options_of(arguments.write);
-  writer_options.max_future_ns = arguments.max_future_s * NS_PER_S;
-  writer_options.max_key_bytes = arguments.max_key_bytes;
-  writer_options.max_new_series = arguments.max_new_series;
-  writer_options.refuse_strings = !arguments.drop_strings;
-  writer_options.one_per_time = true;
-  writer_options.is_live = true;
-  DatabaseWriter writer(arguments.write.db, writer_options);
-  report_warnings(writer.warnings());
   ServerOptions options;
   options.address = arguments.address;
   options.influx_port = arguments.influx_port;
   options.graphite_port = arguments.graphite_port;
-  options.query = [&writer](const QueryRequest &request) { return answer_query(writer, request); };
+  std::atomic<const DatabaseWriter *> readable = nullptr;
+  options.query = [&readable](const QueryRequest &request, const IsInterrupted &is_interrupted) {
+    return answer_query(readable, request, is_interrupted);
+  };
   options.max_connections = connection_limit(options.max_connections);
   options.on_hang_up = reopen_log;
-  Server server(options, writer);
+  OpeningIngest ingest;
+  Server server(options, ingest);
   const ServerSignals signals(server);
-  print(ports_line(arguments, server));
-  TSLB_DLOG(LOG_PROGRESS, "%s", ports_line(arguments, server).c_str());
+  Opening opening(arguments, server, ingest, readable);
   server.run();
+  DatabaseWriter &writer = opening.result();
   const std::string why = writer.wait(writer.commit());
   writer.close();
   print_if_read(counters_line(server.counters()));

@@ -32,7 +32,7 @@ double seconds_of(Clock::duration time) {
   return std::chrono::duration<double>(time).count();
 }
 
-unsigned long long printable(uint64_t number) {
+unsigned long long as_llu(uint64_t number) {
   return number;
 }
 
@@ -48,8 +48,8 @@ bool matches_inputs(const Store &store, std::vector<Input> &inputs, Precision pr
     input.release(false);
   }
   check.finish();
-  TSLB_DLOG(LOG_PROGRESS, "check: %llu points match, %llu differences", printable(check.n_matching()),
-            printable(check.n_differences()));
+  TSLB_DLOG(LOG_PROGRESS, "check: %llu points match, %llu differences", as_llu(check.n_matching()),
+            as_llu(check.n_differences()));
   if (check.n_differences() == 0) {
     print(fmt::format("check: {} points match\n", check.n_matching()));
     return true;
@@ -135,8 +135,8 @@ class Load {
       const Clock::duration duration = Clock::now() - begin;
       busy_ += duration;
       TSLB_DLOG(LOG_PROGRESS, "%s: %llu lines, %llu points, %llu malformed lines, %.3f s", input.name().c_str(),
-                printable(loader.stats().lines - before.lines), printable(loader.stats().points - before.points),
-                printable(loader.stats().malformed - before.malformed), seconds_of(duration));
+                as_llu(loader.stats().lines - before.lines), as_llu(loader.stats().points - before.points),
+                as_llu(loader.stats().malformed - before.malformed), seconds_of(duration));
       input.release(arguments_.check);
     }
     const Clock::time_point begin = Clock::now();
@@ -192,8 +192,8 @@ void write_generation(const std::string &db, Write write_files) {
   const GenerationInfo stored = write_files();
   const double seconds = seconds_of(Clock::now() - begin);
   const double megabytes = static_cast<double>(stored.bytes()) / 1e6;
-  TSLB_DLOG(LOG_PROGRESS, "%s: generation %llu written, %llu bytes, %.3f s", db.c_str(), printable(stored.number),
-            printable(stored.bytes()), seconds);
+  TSLB_DLOG(LOG_PROGRESS, "%s: generation %llu written, %llu bytes, %.3f s", db.c_str(), as_llu(stored.number),
+            as_llu(stored.bytes()), seconds);
   print(fmt::format("kept in          {}: generation {}, {} bytes, {:.3f} s ({:.0f} MB/s)\n", db, stored.number,
                     stored.bytes(), seconds, seconds > 0.0 ? megabytes / seconds : 0.0));
 }

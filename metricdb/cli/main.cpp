@@ -190,6 +190,7 @@ const char *const SERVE_FOOTER =
     "A point with the time of a recent point of its series replaces it, so requests can be sent again.\n"
     "Limits in time refer to data time, which is the newest timestamp so far. --max-future limits how far\n"
     "one timestamp can move it.\n"
+    "The ports are open before the database is; meanwhile the answer is 503 with the progress.\n"
     "SIGTERM and SIGINT: requests that have arrived are processed and answered, then the command ends.\n"
     "SIGHUP: the log is opened again, for example after it was renamed.\n"
     "\n"

@@ -41,7 +41,7 @@ struct Hub {
       : options(server_options),
         ingest(target),
         blocks(server_options.max_buffered_bytes),
-        queries(options.query, options.n_query_threads, options.max_waiting_queries),
+        queries(options.query, options.n_query_threads, options.max_waiting_queries, options.max_query_time),
         log(server_options.max_log_lines, server_options.log_interval) {}
 
   // Passes lines to the Ingest and counts the result. Throws IngestRefused.

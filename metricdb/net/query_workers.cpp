@@ -12,19 +12,24 @@
 
 namespace metricdb {
 
-QueryWorkers::QueryWorkers(QueryFunction function, unsigned n_threads, size_t max_waiting)
-    : function_(std::move(function)), max_waiting_(max_waiting), event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+QueryWorkers::QueryWorkers(QueryFunction function, unsigned n_threads, size_t max_waiting,
+                           std::chrono::milliseconds max_duration)
+    : function_(std::move(function)),
+      max_waiting_(max_waiting),
+      max_duration_(max_duration),
+      event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   if (event_.get() < 0) throw ServerError(std::string("eventfd: ") + std::strerror(errno));
   for (unsigned i = 0; function_ && i < n_threads; ++i) threads_.emplace_back([this] { run(); });
 }
 
-QueryWorkers::~QueryWorkers() {
+void QueryWorkers::stop() {
   {
     const std::lock_guard lock(mutex_);
     is_ending_ = true;
   }
   work_.notify_all();
   for (std::thread &thread : threads_) thread.join();
+  threads_.clear();
 }
 
 bool QueryWorkers::submit(uint64_t id, QueryRequest request) {
@@ -45,8 +50,10 @@ std::vector<QueryWorkers::Done> QueryWorkers::take_answers() {
 }
 
 QueryAnswer QueryWorkers::answer(const QueryRequest &request) const {
+  const auto end = std::chrono::steady_clock::now() + max_duration_;
+  const auto is_interrupted = [&] { return is_ending_ || std::chrono::steady_clock::now() > end; };
   try {
-    return function_(request);
+    return function_(request, is_interrupted);
   } catch (const std::exception &error) {
     return {HTTP_STATUS_INTERNAL_SERVER_ERROR, "text/plain", std::string(error.what()) + "\n"};
   }

@@ -3,6 +3,8 @@
 
 #include <http_parser.h>
 
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -34,8 +36,11 @@ struct QueryAnswer {
   std::string body;
 };
 
+// Asked now and then by a query: whether it should end. It can throw then.
+using IsInterrupted = std::function<bool()>;
+
 // Called by several threads at once. An exception becomes an answer with status 500.
-using QueryFunction = std::function<QueryAnswer(const QueryRequest &)>;
+using QueryFunction = std::function<QueryAnswer(const QueryRequest &, const IsInterrupted &)>;
 
 class QueryWorkers {
  public:
@@ -45,10 +50,15 @@ class QueryWorkers {
   };
 
   // Without a function no thread is started, and `submit` is not called.
-  QueryWorkers(QueryFunction function, unsigned n_threads, size_t max_waiting);
-  ~QueryWorkers();  // waits for the queries that have begun
+  //
+  // max_duration  after which a query is interrupted.
+  QueryWorkers(QueryFunction function, unsigned n_threads, size_t max_waiting, std::chrono::milliseconds max_duration);
+  ~QueryWorkers() { stop(); }
   QueryWorkers(const QueryWorkers &) = delete;
   QueryWorkers &operator=(const QueryWorkers &) = delete;
+
+  // Interrupts the queries that have begun, and waits for their threads.
+  void stop();
 
   // The server's thread. Returns false if too many queries wait.
   bool submit(uint64_t id, QueryRequest request);
@@ -67,12 +77,13 @@ class QueryWorkers {
 
   const QueryFunction function_;
   const size_t max_waiting_;
+  const std::chrono::milliseconds max_duration_;
   const Descriptor event_;
   std::mutex mutex_;  // guards the following members
   std::condition_variable work_;
   std::deque<Waiting> waiting_;
   std::vector<Done> done_;
-  bool is_ending_ = false;
+  std::atomic<bool> is_ending_ = false;  // written with the mutex locked
   std::vector<std::thread> threads_;
 };
 

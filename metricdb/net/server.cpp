@@ -67,6 +67,7 @@ class Server::Loop {
   void request(std::atomic<bool> &flag) noexcept;
   void on_requests();
   void watch(int fd, uint32_t events);
+  void accept_graphite_if_ready();
   void run_round();
   void wait_for_events();
   void on_event(const epoll_event &event);
@@ -112,6 +113,7 @@ class Server::Loop {
   std::deque<Batch> batches_;
   uint64_t n_snapshots_ = 0;
   std::string snapshot_failure_;
+  bool accepts_graphite_ = false;
   bool is_settled_readable_ = false;
   bool has_query_answers_ = false;
   bool is_turning_away_ = false;
@@ -133,13 +135,20 @@ Server::Loop::Loop(const ServerOptions &options, Ingest &ingest)
   watch(wake_.get(), EPOLLIN);
   watch(ingest.settled_fd(), EPOLLIN);
   watch(hub_.queries.event_fd(), EPOLLIN);
-  for (const Listener *listener : {&influx_, &graphite_})
-    if (listener->fd() >= 0) watch(listener->fd(), EPOLLIN);
+  if (influx_.fd() >= 0) watch(influx_.fd(), EPOLLIN);
+  accept_graphite_if_ready();
 }
 
 void Server::Loop::watch(int fd, uint32_t events) {
   char message[MESSAGE_BYTES] = "";
   if (tslb_add_select(epoll_.get(), fd, static_cast<int>(events), message) != 0) throw ServerError(message);
+}
+
+// The protocol has no answers, so lines would be lost. Until then the connections wait in the queue of the port.
+void Server::Loop::accept_graphite_if_ready() {
+  if (accepts_graphite_ || graphite_.fd() < 0 || !hub_.ingest.is_ready()) return;
+  watch(graphite_.fd(), EPOLLIN);
+  accepts_graphite_ = true;
 }
 
 void Server::Loop::request(std::atomic<bool> &flag) noexcept {
@@ -169,6 +178,7 @@ void Server::Loop::run() {
     }
     run_round();
   }
+  hub_.queries.stop();
   places_.clear();
   log_snapshots();
   hub_.log.end();
@@ -319,6 +329,7 @@ void Server::Loop::commit() {
 
 void Server::Loop::settle() {
   const uint64_t settled = hub_.ingest.settled();
+  if (!is_draining_) accept_graphite_if_ready();
   Refusals refusals;
   for (; !batches_.empty() && batches_.front().ticket <= settled; batches_.pop_front()) {
     hub_.unanswered_bytes -= batches_.front().bytes;

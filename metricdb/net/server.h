@@ -36,6 +36,7 @@ struct ServerOptions {
   QueryFunction query = nullptr;  // answers SELECT and SHOW; without it they are refused
   unsigned n_query_threads = 2;
   size_t max_waiting_queries = 64;
+  std::chrono::milliseconds max_query_time{30'000};  // then a query is interrupted
 
   size_t max_body_bytes = size_t{32} << 20;        // of a request, before and after decompression
   size_t max_connections = 4096;                   // further connections are closed immediately

@@ -6,6 +6,8 @@
 #include <charconv>
 #include <iterator>
 
+#include "codec/printable.h"
+
 namespace metricdb::influxql {
 namespace {
 
@@ -74,13 +76,6 @@ void Lexer::skip_blanks() {
   do {
     while (pos_ < text_.size() && is_blank(text_[pos_])) ++pos_;
   } while (skip_comment());
-}
-
-std::string printable(std::string_view text) {
-  std::string shown(text);
-  const auto is_control = [](char byte) { return static_cast<unsigned char>(byte) < ' ' || byte == 0x7f; };
-  std::replace_if(shown.begin(), shown.end(), is_control, '?');
-  return shown;
 }
 
 Token Lexer::next() {

@@ -18,9 +18,6 @@ class BadStatement : public std::runtime_error {
 // Throws BadStatement: "error parsing query: WHY at line 1, char 8". Characters are those of UTF-8, counted from 1.
 [[noreturn]] void refuse_statement(std::string_view text, size_t offset, std::string_view why);
 
-// The text for a message: a question mark for each control character. A zero byte would end the message.
-std::string printable(std::string_view text);
-
 enum class TokenKind {
   end,
   name,         // cpu, select: a keyword is a name

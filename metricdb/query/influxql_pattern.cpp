@@ -4,6 +4,7 @@
 
 #include <stdexcept>
 
+#include "codec/printable.h"
 #include "query/influxql_lexer.h"
 
 namespace metricdb::influxql {

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <set>
 
+#include "codec/printable.h"
 #include "query/influxql_lexer.h"
 
 namespace metricdb::influxql {

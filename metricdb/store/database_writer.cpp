@@ -38,6 +38,11 @@ StoreConfig new_config(const WriterOptions &options) {
   return config;
 }
 
+void report_progress(void *options, uint64_t done_bytes, uint64_t all_bytes) {
+  const auto &on_progress = static_cast<const WriterOptions *>(options)->on_progress;
+  if (on_progress) on_progress(done_bytes, all_bytes);
+}
+
 }  // namespace
 
 DatabaseWriter::DatabaseWriter(const std::string &folder, const WriterOptions &options)
@@ -57,6 +62,8 @@ void DatabaseWriter::open(const ArrayParameters &parameters) {
   options.flags = options_.salvage ? TSLB_STORE_SALVAGE : 0;
   options.sync = options_.sync;
   options.snapshot_bytes = options_.snapshot_bytes;
+  options.progress = report_progress;
+  options.progress_arg = const_cast<WriterOptions *>(&options_);
   durable_.emplace(folder_, parameters, options);
   warnings_ = durable_->info().warning;
   read_store();
@@ -270,6 +277,7 @@ void DatabaseWriter::close() {
       report_refusal(fmt::format("the new generation cannot be written: {}", error.what()));
     }
   }
+  const std::unique_lock alone(store_mutex_);
   loader_.reset();
   store_.reset();
   durable_->close();

@@ -34,6 +34,8 @@ struct WriterOptions {
   uint64_t max_new_series = UINT64_MAX;
   bool refuse_strings = false;  // as in LoadLimits
   bool one_per_time = false;
+  // Called while the database is opened.
+  std::function<void(uint64_t done_bytes, uint64_t all_bytes)> on_progress = {};
 };
 
 class DatabaseWriter final : public Ingest {
