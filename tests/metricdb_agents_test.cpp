@@ -62,6 +62,7 @@ class Agents : public Folder {
   if (!fs::exists(program)) GTEST_SKIP() << program << " is not there"
 
 constexpr const char *INFLUX = "/usr/bin/influx";
+constexpr const char *CURL = "/usr/bin/curl";
 
 TEST_F(Agents, InfluxClient) {
   SKIP_WITHOUT(INFLUX);
@@ -126,6 +127,20 @@ TEST_F(QueryClients, InfluxClient) {
             "----       ---- -----\n1699999920 1    1\n1700000100 3    1\n1700000280 5    1\n");
 }
 
+// The program itself, beside the server and on its database.
+TEST_F(QueryClients, OwnProgram) {
+  write_file(root_ / "points.lp", "cpu,host=a load=1 1\ncpu,host=a load=2 2\ncpu,host=b load=5 2\n");
+  run_to_end({CURL, "-sS", "--fail", "--data-binary", "@" + path("points.lp"),
+              fmt::format("http://127.0.0.1:{}/write?precision=s", port_)});
+  const std::string statement = "SELECT sum(load) AS s FROM cpu GROUP BY host";
+  const std::string csv = "name,tags,time,s\ncpu,host=a,0,3\ncpu,host=b,0,5\n";
+  EXPECT_EQ(run_to_end({METRICDB, "query", "--server", "127.0.0.1:" + port_, "--influxql", statement}), csv);
+  EXPECT_EQ(run_to_end({METRICDB, "query", "--db", path("db"), "--influxql", statement}), csv);
+  EXPECT_THAT(run_to_end({METRICDB, "query", "--server", "127.0.0.1:" + port_, "--format", "json", "--influxql",
+                          "SHOW FIELD KEYS"}),
+              HasSubstr("\"values\":[[\"load\",\"float\"]]"));
+}
+
 constexpr const char *PYTHON = "/usr/bin/python3";
 
 TEST_F(QueryClients, PythonClient) {
@@ -154,7 +169,6 @@ except Exception as error:
             "[100, 99, 98]\n[25, 25, 10]\n400\n");
 }
 
-constexpr const char *CURL = "/usr/bin/curl";
 constexpr const char *COLLECTD = "/usr/sbin/collectd";
 
 // Rates are off, because each begins with a NaN.

@@ -100,6 +100,13 @@ TEST_F(Program, RefusesInOneLineAndChangesNothing) {
       {"snapshot --db .", ".: holds no database"},
       {"check --db reusing first.lp",
        "check does not know which series --reuse-inactive-pct replaces: use one of them"},
+      {"query --db db", "use either a KEY or --influxql"},
+      {"query --influxql SHOW", "use either --db or --server"},
+      {"query --server 127.0.0.1:1 key", "--server needs --influxql"},
+      {"query --server 127.0.0.1:1 --influxql SHOW", "127.0.0.1:1: Connection refused"},
+      {"query --server 127 --influxql SHOW", "127: not ADDRESS:PORT"},
+      {"query --db db --influxql SELECT",
+       "\"error parsing query: found EOF, expected identifier, number, function, *, regex at line 1, char 7\""},
       {"load --db db --reuse-inactive-pct 5 first.lp",
        "--reuse-inactive-pct needs --idle: without it no series is inactive"},
   };

@@ -42,6 +42,8 @@ struct SeriesArguments {
 
 struct QueryArguments {
   std::string db;
+  std::string server;     // ADDRESS:PORT of a running server, in place of db
+  std::string statement;  // InfluxQL, in place of a key and a function
   bool salvage = false;
   std::string key;
   std::string from, to;  // texts for time_text.h; empty: no limit

@@ -237,10 +237,12 @@ CLI::App *add_stat(CLI::App &app, VerifyArguments &arguments) {
 
 CLI::App *add_query(CLI::App &app, QueryArguments &arguments) {
   CLI::App *const command =
-      app.add_subcommand("query", "print the points of a series, or a function of them per window");
-  add_db(command, arguments.db, "the folder of the database");
+      app.add_subcommand("query", "print the points of a series, or the answer to a statement of InfluxQL");
+  command->add_option("--db", arguments.db, "the folder of the database")->type_name("DIR");
+  command->add_option("--server", arguments.server, "a running server, with --influxql, in place of --db")
+      ->type_name("ADDRESS:PORT");
+  command->add_option("--influxql", arguments.statement, "statements, separated by semicolons")->type_name("TEXT");
   command->add_option("KEY", arguments.key, "key of the series, as printed by `series`: 'cpu,core=0,host=a usage'")
-      ->required()
       ->type_name("");
   command->add_option("--from", arguments.from, "first time; see below")->type_name("TIME");
   command->add_option("--to", arguments.to, "end of the range, exclusive")->type_name("TIME");
@@ -260,6 +262,10 @@ CLI::App *add_query(CLI::App &app, QueryArguments &arguments) {
   command->footer(
       "TIME is 2026-01-02T03:04:05.678Z, 2026-01-02, now, now-15m, or nanoseconds since 1970.\n"
       "DURATION is 250ms, 10s, 1m, 2h, 1d, 1w, or a sum of them, for example 1h30m.\n"
+      "\n"
+      "The answer to --influxql is CSV, or JSON with --format json:\n"
+      "  metricdb query --db data --influxql \"SELECT mean(user) FROM cpu GROUP BY time(1m), host\"\n"
+      "  metricdb query --server 127.0.0.1:8086 --influxql 'SHOW MEASUREMENTS'\n"
       "\n"
       "Exit: 0; 1 there is no such series, the database is damaged or cannot be read, or the\n"
       "arguments are wrong.");
