@@ -61,6 +61,7 @@ class SeriesRecord {
   maddr_t key() const { return get<maddr_t>(KEY_REFERENCE); }
   maddr_t open() const { return get<maddr_t>(OPEN_REFERENCE); }
   uint32_t n_open() const { return get<uint32_t>(N_OPEN); }
+  const uint32_t *n_open_at() const { return n_open_word(); }
   uint32_t n_sealed() const { return get<uint32_t>(N_SEALED); }
   maddr_t first_sealed() const { return get<maddr_t>(FIRST_SEALED_REFERENCE); }
   maddr_t last_sealed() const { return get<maddr_t>(FIRST_SEALED_REFERENCE + sizeof(maddr_t)); }
@@ -73,7 +74,8 @@ class SeriesRecord {
   void set_flags(uint8_t flags) const { set(FLAGS, flags); }
   void set_key(maddr_t address) const { set(KEY_REFERENCE, address); }
   void set_open(maddr_t address) const { set(OPEN_REFERENCE, address); }
-  void set_n_open(uint32_t count) const { set(N_OPEN, count); }
+  // Other threads can read the points that it counts (read_count_racing).
+  void set_n_open(uint32_t count) const { __atomic_store_n(n_open_word(), count, __ATOMIC_RELEASE); }
   void set_n_sealed(uint32_t count) const { set(N_SEALED, count); }
   void set_first_sealed(maddr_t address) const { set(FIRST_SEALED_REFERENCE, address); }
   void set_last_sealed(maddr_t address) const { set(FIRST_SEALED_REFERENCE + sizeof(maddr_t), address); }
@@ -97,6 +99,9 @@ class SeriesRecord {
   static constexpr size_t INTERVAL = offsetof(ty_sub_t_v1, rsb_arr) + sizeof(rsb_t_v1) + offsetof(rsb_t_v1, stale_rsb);
   static_assert(N_SEALED == offsetof(ty_sub_t_v0, nodes_group) && FLAGS == offsetof(ty_sub_t_v0, flag_bitmask) &&
                 N_OPEN == offsetof(ty_sub_t_v0, ag));
+
+  // Records are aligned to 4 bytes.
+  uint32_t *n_open_word() const { return reinterpret_cast<uint32_t *>(at_ + N_OPEN); }
 
   size_t rsb(size_t number) const {
     return FIRST_SEALED_REFERENCE + number * (layout_ == NEWEST_LAYOUT ? sizeof(rsb_t_v1) : sizeof(rsb_t_v0));

@@ -115,6 +115,8 @@ uint32_t Store::series_of(std::string_view key) {
 
 uint32_t Store::add_series(std::string_view key) {
   if (key.size() > MAX_KEY_BYTES) throw StoreFull("a series key is too long");
+  // Until the series is complete: the library clears the record of a series that is replaced.
+  const LiveChange change(live_.get(), LiveChange::SLOTS);
   // The slot is taken first: its index goes into the key's chunk, and a series replaced by this one releases its key.
   uint32_t index;
   const SeriesRecord record = take_slot(index);
@@ -137,7 +139,15 @@ uint32_t Store::add_series(std::string_view key) {
   record.set_newest_ns(INT64_MIN);
   record.set_flags(SERIES_READY);
   series_by_key_.emplace(std::string_view(text, key.size()), index);
+  if (live_) live_->index.add(index, ++live_->versions.of(index).stamp, key);
   return index;
+}
+
+void Store::go_live() {
+  live_ = std::make_unique<LiveState>();
+  live_->visible_from_ns = visible_from_ns();
+  for (uint32_t series = 0; series < n_slots(); ++series)
+    if (holds_series(series)) live_->index.add(series, ++live_->versions.of(series).stamp, key(series));
 }
 
 void Store::add(std::string_view key, const Point &point) {

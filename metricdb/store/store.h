@@ -18,12 +18,13 @@
 // A store whose arrays belong to a durable store is changed in batches (tslb/durable.h). It names its changes: immediately
 // if they are made once (keys, sealed chunks), and in `end_batch` if they are made many times (records, open chunks).
 //
-// Threads: one. A store belongs to the thread that uses it.
+// Threads: one. A store belongs to the thread that uses it. After `go_live` other threads read it with live_reader.h.
 #pragma once
 
 #include <tslb/tslb_stored.h>
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -35,6 +36,7 @@
 #include "codec/point_codec.h"
 #include "store/chunk_pool.h"
 #include "store/forgetting.h"
+#include "store/live_state.h"
 #include "store/series_record.h"
 
 namespace metricdb {
@@ -161,6 +163,10 @@ class Store {
   // Approximate bytes that the batch will have in the journal.
   uint64_t batch_bytes() const;
 
+  // From here on changes are announced to readers on other threads, and the series are indexed.
+  void go_live();
+  const LiveState *live() const { return live_.get(); }
+
   // The series are the slots below n_slots for which holds_series is true, inactive ones included.
   uint32_t n_slots() const { return tslb_da_get_size(catalogue_.get()); }
   bool holds_series(uint32_t slot_index) const;
@@ -238,6 +244,7 @@ class Store {
   uint64_t n_since_sweep_ = 0;
   ForgetCounts forgotten_;
 
+  std::unique_ptr<LiveState> live_;  // null: no other thread reads the store
   tslb_batch_t *batch_ = nullptr;
   std::vector<uint32_t> changed_series_;  // in this batch
 };

@@ -26,6 +26,7 @@ bool Store::are_all_hidden(const char *points, uint32_t count) const {
 }
 
 void Store::drop_first_sealed(uint32_t series, const SeriesRecord &record) {
+  const LiveChange change(live_.get(), LiveChange::CHAIN, series);
   // Copied, because the deletion can put the chunk's slot on the free list.
   const SealedChunk head = *sealed_at(record.first_sealed());
   forgotten_.point_slots += points_.remove(record.first_sealed());
@@ -43,6 +44,11 @@ void Store::drop_first_sealed(uint32_t series, const SeriesRecord &record) {
 
 // Deletes all chunks of a series. The slot stays, and the record may be a copy.
 void Store::forget_content(uint32_t series, const SeriesRecord &record) {
+  const LiveChange change(live_.get(), LiveChange::CHAIN, series);
+  if (live_) {
+    ++live_->versions.of(series).stamp;
+    live_->index.remove(series);
+  }
   while (record.n_sealed() != 0) drop_first_sealed(series, record);
   if ((record.flags() & SERIES_HAS_OPEN) != 0) {
     forgotten_.point_slots += points_.remove(record.open());
@@ -80,6 +86,7 @@ bool Store::forget_old(uint32_t series) {
     mark_changed(series, tail);
   }
   if (record.n_sealed() != 0 || !are_all_hidden(tail.open, tail.n_open)) return false;
+  const LiveChange change(live_.get(), LiveChange::HEAD, series);
   forget_content(series, record);
   record.set_flags(0);  // freeing the slot changes only the first word of the record
   tslb_da_free_idx(catalogue_.get(), series);

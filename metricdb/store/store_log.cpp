@@ -31,6 +31,7 @@ void Store::log_series(uint32_t series, Tail &tail) {
 }
 
 void Store::end_batch() {
+  if (live_) live_->visible_from_ns.store(visible_from_ns(), std::memory_order_relaxed);
   for (const uint32_t series : changed_series_) log_series(series, tails_[series]);
   changed_series_.clear();
   begin_batch(nullptr);

@@ -55,6 +55,7 @@ void Store::make_room(uint32_t series) {
 
 void Store::grow_or_seal(uint32_t series, Tail &tail) {
   mark_changed(series, tail);
+  const LiveChange change(live_.get(), LiveChange::HEAD, series);
   if (tail.capacity == SEALED_POINTS)
     seal_open(series, tail);
   else

@@ -89,9 +89,12 @@ static no_room_t no_room_in_bigbuffer(dynmem_t *pool, DynMemHdr_t *hdr, uint64_t
   const bool at_limit = hdr->max_slots != 0 && get32(arr_hdr_of(pool), &DynArrHdr_t::n_alloc) >=
                                                    static_cast<uint32_t>(int32_t{hdr->max_slots});
   if (!at_limit) return CHANGE_SLOT;
-  // The slot with which the pool reached its limit can be a new current slot with room. The cursor shows whether it
-  // changed.
-  return get64(hdr, &DynMemHdr_t::cur_slot_addr) == seen ? REFUSE : TRY_AGAIN;
+  // The slot with which the pool reached its limit can be a new current slot with room, or become it in a moment. No
+  // change of the slot is in progress under the lock, so the cursor shows which is the case.
+  lock_array(pool);
+  const bool is_left = get64(hdr, &DynMemHdr_t::cur_slot_addr) != seen;
+  unlock_array(pool);
+  return is_left ? TRY_AGAIN : REFUSE;
 }
 
 // ---- Address policies ---------------------------------------------------------------------------------------------

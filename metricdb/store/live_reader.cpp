@@ -1,0 +1,129 @@
+#include "store/live_reader.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <mutex>
+
+#include "store/store_internal.h"
+
+namespace metricdb {
+namespace {
+
+constexpr int MAX_ATTEMPTS = 16;
+
+std::atomic<uint64_t> n_repeated{0}, n_locked{0};
+
+// A series at one moment: a copy of its record, and of the points in its open chunk.
+struct Head {
+  std::array<char, sizeof(ty_sub_t_v1)> bytes;
+  SeriesRecord record;
+  uint32_t n_open = 0;
+  std::array<char, SEALED_POINTS * sizeof(Point)> open;
+};
+
+enum class Outcome { done, gone, moved };
+
+class Reader {
+ public:
+  Reader(const Store &store, const LiveSeries &which, const TimeRange &range, std::vector<Point> &points)
+      : store_(store),
+        live_(*store.live()),
+        which_(which),
+        versions_(live_.versions.find(which.series)),
+        range_{std::max(range.from_ns, live_.visible_from_ns.load(std::memory_order_relaxed)), range.to_ns},
+        points_(points),
+        n_before_(points.size()) {}
+
+  Outcome attempt() {
+    points_.resize(n_before_);
+    if (versions_ == nullptr) return Outcome::gone;
+    chain_seen_ = versions_->chain.begin_read();
+    if (const Outcome outcome = copy_head(); outcome != Outcome::done) return outcome;
+    if (!walk_chain()) return Outcome::moved;
+    for (uint32_t i = 0; i < head_.n_open; ++i) add(point_at(head_.open.data(), i));
+    return Outcome::done;
+  }
+
+ private:
+  // Whether record, open chunk and slot are those of `head_seen` and `slots_seen`.
+  bool is_same_head(uint32_t head_seen, uint32_t slots_seen) const {
+    return versions_->head.is_unchanged(head_seen) && live_.slots.is_unchanged(slots_seen);
+  }
+
+  Outcome copy_head() {
+    const uint32_t slots_seen = live_.slots.begin_read(), head_seen = versions_->head.begin_read();
+    if (Version::is_changing(slots_seen) || Version::is_changing(head_seen)) return Outcome::moved;
+    const SeriesRecord record = store_.record(which_.series);
+    const uint32_t n_open = read_count_racing(record.n_open_at());
+    copy_racing(head_.bytes.data(), record.at(), series_record_bytes(record.layout()));
+    const uint32_t stamp = versions_->stamp.load(std::memory_order_relaxed);
+    if (!is_same_head(head_seen, slots_seen)) return Outcome::moved;
+    // From here on the copy can be used. The open chunk can be replaced while it is copied.
+    if (stamp != which_.stamp) return Outcome::gone;
+    head_.record = SeriesRecord(head_.bytes.data(), record.layout());
+    head_.n_open = (head_.record.flags() & SERIES_HAS_OPEN) != 0 ? n_open : 0;
+    if (head_.n_open == 0) return Outcome::done;
+    copy_racing(head_.open.data(), tslb_dynmem_get_maddr2ptr(store_.points(), head_.record.open()),
+                head_.n_open * sizeof(Point));
+    return is_same_head(head_seen, slots_seen) ? Outcome::done : Outcome::moved;
+  }
+
+  // Sealed chunks do not change, except for the link of the last one, which is not used. They can be deleted.
+  bool walk_chain() {
+    maddr_t address = head_.record.first_sealed();
+    for (uint32_t n_left = head_.record.n_sealed(); n_left > 0; --n_left) {
+      const auto *const chunk = static_cast<const char *>(tslb_dynmem_get_maddr2ptr(store_.points(), address));
+      SealedChunk sealed;
+      copy_racing(&sealed, chunk, sizeof sealed);
+      if (!versions_->chain.is_unchanged(chain_seen_)) return false;
+      if (sealed.newest_ns >= range_.from_ns && sealed.oldest_ns <= range_.to_ns && !add_sealed(sealed, chunk))
+        return false;
+      address = sealed.next;
+    }
+    return true;
+  }
+
+  bool add_sealed(const SealedChunk &sealed, const char *chunk) {
+    encoded_.resize(sealed.bytes);
+    copy_racing(encoded_.data(), chunk + sizeof sealed, sealed.bytes);
+    if (!versions_->chain.is_unchanged(chain_seen_)) return false;
+    SealedPoints decoder(encoded_.data(), encoded_.size(), sealed.count);
+    for (Point point; decoder.next(point);) add(point);
+    return true;
+  }
+
+  void add(const Point &point) {
+    if (point.ts_ns >= range_.from_ns && point.ts_ns <= range_.to_ns) points_.push_back(point);
+  }
+
+  const Store &store_;
+  const LiveState &live_;
+  const LiveSeries which_;
+  const SeriesVersions *const versions_;
+  const TimeRange range_;
+  std::vector<Point> &points_;
+  const size_t n_before_;
+  uint32_t chain_seen_ = 0;
+  Head head_;
+  std::vector<char> encoded_;
+};
+
+}  // namespace
+
+void read_live(const Store &store, const LiveSeries &which, const TimeRange &range, std::vector<Point> &points) {
+  Reader reader(store, which, range, points);
+  for (int i = 0; i < MAX_ATTEMPTS; ++i) {
+    if (reader.attempt() != Outcome::moved) return;
+    n_repeated.fetch_add(1, std::memory_order_relaxed);
+  }
+  n_locked.fetch_add(1, std::memory_order_relaxed);
+  const std::lock_guard lock(store.live()->changes);
+  reader.attempt();
+}
+
+LiveReadCounts live_read_counts() {
+  return {n_repeated.load(std::memory_order_relaxed), n_locked.load(std::memory_order_relaxed)};
+}
+
+}  // namespace metricdb

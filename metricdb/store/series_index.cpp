@@ -1,0 +1,169 @@
+#include "store/series_index.h"
+
+#include <algorithm>
+#include <memory>
+#include <mutex>
+
+namespace metricdb {
+namespace {
+
+constexpr size_t MIN_REMOVED = 4096;  // before the index is built again
+
+// Removes the text before the first byte of `stops` that no backslash escapes, and returns it without escapes of
+// `escaped`. The stop stays.
+std::string take_name(std::string_view &rest, std::string_view stops, std::string_view escaped) {
+  std::string name;
+  size_t at = 0;
+  for (; at < rest.size() && stops.find(rest[at]) == stops.npos; ++at) {
+    if (rest[at] == '\\' && at + 1 < rest.size() && escaped.find(rest[at + 1]) != escaped.npos) ++at;
+    name += rest[at];
+  }
+  rest.remove_prefix(at);
+  return name;
+}
+
+}  // namespace
+
+SeriesName series_name_of(std::string_view key) {
+  SeriesName name;
+  name.measurement = take_name(key, ", ", ", ");
+  while (key.starts_with(',')) {
+    key.remove_prefix(1);
+    std::string tag = take_name(key, "=", ",= ");
+    key.remove_prefix(std::min<size_t>(1, key.size()));
+    name.tags.emplace_back(std::move(tag), take_name(key, ", ", ",= "));
+  }
+  key.remove_prefix(std::min<size_t>(1, key.size()));
+  name.field = take_name(key, "", ",= ");
+  // In the key the order is that of the escaped names.
+  std::sort(name.tags.begin(), name.tags.end());
+  return name;
+}
+
+SeriesIndex::Symbol SeriesIndex::known(std::string_view text) const {
+  const auto found = symbols_.find(text);
+  return found == symbols_.end() ? NONE : found->second;
+}
+
+SeriesIndex::Symbol SeriesIndex::symbol_of(std::string_view text) {
+  if (const Symbol symbol = known(text); symbol != NONE) return symbol;
+  owned_texts_.push_back(std::make_unique<std::string>(text));
+  texts_.push_back(owned_texts_.back().get());
+  const auto symbol = static_cast<Symbol>(texts_.size() - 1);
+  symbols_.emplace(*texts_.back(), symbol);
+  return symbol;
+}
+
+void SeriesIndex::add(uint32_t series, uint32_t stamp, std::string_view key) {
+  const SeriesName name = series_name_of(key);
+  const std::unique_lock lock(mutex_);
+  Entry entry = {stamp, symbol_of(name.measurement), symbol_of(name.field), static_cast<uint32_t>(tags_.size()),
+                 static_cast<uint32_t>(name.tags.size())};
+  for (const auto &[tag, value] : name.tags) tags_.push_back({symbol_of(tag), symbol_of(value)});
+  if (entries_.size() <= series) entries_.resize(series + 1);
+  entries_[series] = entry;
+  insert(series, entry);
+  ++n_live_;
+}
+
+void SeriesIndex::insert(uint32_t series, const Entry &entry) {
+  lists_[list_key(MEASUREMENTS, entry.measurement)].push_back(series);
+  lists_[list_key(FIELDS, entry.field)].push_back(series);
+  for (uint32_t i = 0; i < entry.n_tags; ++i) {
+    const Tag &tag = tags_[entry.first_tag + i];
+    lists_[list_key(tag.name, tag.value)].push_back(series);
+  }
+}
+
+void SeriesIndex::remove(uint32_t series) {
+  const std::unique_lock lock(mutex_);
+  if (series >= entries_.size() || entries_[series].measurement == NONE) return;
+  entries_[series] = {};
+  --n_live_;
+  if (++n_removed_ > MIN_REMOVED && n_removed_ > n_live_) rebuild();
+}
+
+void SeriesIndex::rebuild() {
+  std::vector<Tag> old_tags;
+  old_tags.swap(tags_);
+  lists_.clear();
+  for (uint32_t series = 0; series < entries_.size(); ++series) {
+    Entry &entry = entries_[series];
+    if (entry.measurement == NONE) continue;
+    const auto first = old_tags.begin() + entry.first_tag;
+    entry.first_tag = static_cast<uint32_t>(tags_.size());
+    tags_.insert(tags_.end(), first, first + entry.n_tags);
+    insert(series, entry);
+  }
+  n_removed_ = 0;
+}
+
+// Returns false if no series fulfils the filter.
+bool SeriesIndex::want(const SeriesFilter &filter, Wanted &wanted) const {
+  const auto add_list = [&](Symbol name, Symbol value) {
+    const auto found = lists_.find(list_key(name, value));
+    if (found == lists_.end()) return false;
+    wanted.lists.push_back(&found->second);
+    return true;
+  };
+  if (filter.measurement) {
+    wanted.measurement = known(*filter.measurement);
+    if (wanted.measurement == NONE || !add_list(MEASUREMENTS, wanted.measurement)) return false;
+  }
+  if (filter.field) {
+    wanted.field = known(*filter.field);
+    if (wanted.field == NONE || !add_list(FIELDS, wanted.field)) return false;
+  }
+  for (const auto &[name, value] : filter.tags) {
+    const Tag tag = {known(name), known(value)};
+    if (tag.name == NONE || tag.value == NONE || !add_list(tag.name, tag.value)) return false;
+    wanted.tags.push_back(tag);
+  }
+  return true;
+}
+
+bool SeriesIndex::fulfils(const Entry &entry, const Wanted &wanted) const {
+  if (entry.measurement == NONE) return false;
+  if (wanted.measurement != NONE && entry.measurement != wanted.measurement) return false;
+  if (wanted.field != NONE && entry.field != wanted.field) return false;
+  const auto first = tags_.begin() + entry.first_tag, last = first + entry.n_tags;
+  return std::all_of(wanted.tags.begin(), wanted.tags.end(),
+                     [&](const Tag &tag) { return std::find(first, last, tag) != last; });
+}
+
+void SeriesIndex::set_name(const Entry &entry, SeriesName &name) const {
+  name.measurement = *texts_[entry.measurement];
+  name.field = *texts_[entry.field];
+  name.tags.resize(entry.n_tags);
+  for (uint32_t i = 0; i < entry.n_tags; ++i) {
+    const Tag &tag = tags_[entry.first_tag + i];
+    name.tags[i].first = *texts_[tag.name];
+    name.tags[i].second = *texts_[tag.value];
+  }
+}
+
+void SeriesIndex::for_each(const SeriesFilter &filter, const Visit &visit) const {
+  const std::shared_lock lock(mutex_);
+  Wanted wanted;
+  if (!want(filter, wanted)) return;
+  SeriesName name;
+  const auto visit_one = [&](uint32_t series) {
+    const Entry &entry = entries_[series];
+    if (!fulfils(entry, wanted)) return;
+    set_name(entry, name);
+    visit(series, entry.stamp, name);
+  };
+  if (wanted.lists.empty()) {
+    for (uint32_t series = 0; series < entries_.size(); ++series) visit_one(series);
+    return;
+  }
+  const List *const shortest = *std::min_element(wanted.lists.begin(), wanted.lists.end(),
+                                                 [](const List *a, const List *b) { return a->size() < b->size(); });
+  // A number that was removed and added again can be there twice.
+  List candidates = *shortest;
+  std::sort(candidates.begin(), candidates.end());
+  candidates.erase(std::unique(candidates.begin(), candidates.end()), candidates.end());
+  for (const uint32_t series : candidates) visit_one(series);
+}
+
+}  // namespace metricdb
