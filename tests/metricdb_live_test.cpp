@@ -67,6 +67,41 @@ class LiveReading : public testing::TestWithParam<Scenario> {};
 
 }  // namespace
 
+// The writer raises the values from the first point to the last, again and again. At each moment no value is larger than
+// that of an earlier point, and the smallest is at most 1 less than the largest.
+TEST(LiveReplacing, EachReadIsOfOneMoment) {
+  constexpr int N_POINTS = 100, N_ROUNDS = 5'000;
+  Store store;
+  store.go_live();
+  const uint32_t series = store.series_of(key_of(1));
+  for (int i = 0; i < N_POINTS; ++i) store.append(series, {i, 0.0});
+  std::atomic<bool> is_done = false;
+  std::atomic<int> n_reads = 0, n_changed = 0;
+  int n_faults = 0;
+  std::thread reader([&] {
+    const StoreSource source(store);
+    source.for_each_series({}, [](uint32_t, const SeriesName &) {});
+    std::vector<Point> points;
+    while (!is_done) {
+      source.read(series, INT64_MIN, INT64_MAX, points);
+      bool is_good = points.size() == N_POINTS && points.front().value - points.back().value <= 1.0;
+      for (size_t i = 1; is_good && i < points.size(); ++i) is_good = points[i].value <= points[i - 1].value;
+      n_faults += is_good ? 0 : 1;
+      n_changed += !points.empty() && points.front().value > 0.0 ? 1 : 0;
+      ++n_reads;
+    }
+  });
+  // Goes on until the reader has read beside it. The limit only ends a failing test.
+  for (int value = 1; value < N_ROUNDS || (n_changed < 10 && value < 100 * N_ROUNDS); ++value) {
+    for (int i = 0; i < N_POINTS; ++i) EXPECT_TRUE(store.replace_open(series, {i, static_cast<double>(value)}));
+    std::this_thread::yield();
+  }
+  is_done = true;
+  reader.join();
+  EXPECT_EQ(n_faults, 0) << "of " << n_reads;
+  EXPECT_GE(n_changed, 10);
+}
+
 TEST_P(LiveReading, EachReadIsOfOneMoment) {
   const Scenario &scenario = GetParam();
   StoreConfig config;

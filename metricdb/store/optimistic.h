@@ -43,11 +43,12 @@ class Version {
 __attribute__((no_sanitize("thread"))) inline void copy_racing(void *to, const void *from, size_t bytes) {
   auto *target = static_cast<char *>(to);
   const auto *source = static_cast<const char *>(from);
-  using Word = uint64_t __attribute__((aligned(1), may_alias));
-  for (; bytes >= sizeof(Word); bytes -= sizeof(Word), target += sizeof(Word), source += sizeof(Word)) {
-    const uint64_t word = *reinterpret_cast<const volatile Word *>(source);
-    *reinterpret_cast<Word *>(target) = word;
-  }
+  // At any alignment, and whatever the bytes are.
+  struct __attribute__((packed, may_alias)) Word {
+    uint64_t value;
+  };
+  for (; bytes >= sizeof(Word); bytes -= sizeof(Word), target += sizeof(Word), source += sizeof(Word))
+    reinterpret_cast<Word *>(target)->value = reinterpret_cast<const volatile Word *>(source)->value;
   for (; bytes != 0; --bytes) *target++ = *reinterpret_cast<const volatile char *>(source++);
 }
 

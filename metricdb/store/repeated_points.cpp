@@ -98,6 +98,7 @@ bool Store::replace_open(uint32_t series, const Point &point) {
     const Point stored = point_at(tail.open, index - 1);
     if (stored.ts_ns != point.ts_ns) continue;
     if (std::bit_cast<uint64_t>(stored.value) == std::bit_cast<uint64_t>(point.value)) return true;
+    const LiveChange change(live_.get(), LiveChange::HEAD, series);
     std::memcpy(at + offsetof(Point, value), &point.value, sizeof point.value);
     tail.n_logged = std::min(tail.n_logged, index - 1);
     mark_changed(series, tail);
