@@ -181,6 +181,38 @@ TEST(LiveReading, NumberOfAForgottenSeriesReadsNothing) {
   EXPECT_EQ(points.size(), 0u);
 }
 
+// Points out of order, some of them at the same time or not numbers, in ranges that cut chunks.
+TEST(LiveReading, NewestIsThatOfAllPoints) {
+  std::mt19937 random(3);
+  const auto below = [&](uint32_t n) { return static_cast<int64_t>(random() % n); };
+  uint64_t n_shorter = 0;
+  for (int round = 0; round < 60; ++round) {
+    Store store;
+    store.go_live();
+    const auto spread = static_cast<uint32_t>(1 + below(2000));
+    for (int64_t i = below(2000); i >= 0; --i)
+      store.add("m f", {below(5) + below(spread), below(4) == 0 ? std::nan("") : static_cast<double>(i)});
+    const StoreSource source(store);
+    uint32_t series = 0;
+    source.for_each_series({}, [&](uint32_t number, const SeriesName &) { series = number; });
+    for (int i = 0; i < 40; ++i) {
+      const int64_t from_ns = below(2000) - 5, to_ns = from_ns + below(2000);
+      std::vector<Point> all, newest;
+      source.read(series, from_ns, to_ns, all);
+      source.read_newest(series, from_ns, to_ns, newest);
+      n_shorter += newest.size() < all.size() ? 1 : 0;
+      const auto last_number = [](const std::vector<Point> &points) {
+        const auto found =
+            std::find_if(points.rbegin(), points.rend(), [](auto &point) { return !std::isnan(point.value); });
+        return found == points.rend() ? Point{-100, 0.0} : *found;
+      };
+      EXPECT_EQ(last_number(newest).ts_ns, last_number(all).ts_ns) << round << ": " << from_ns << " to " << to_ns;
+      EXPECT_EQ(last_number(newest).value, last_number(all).value) << round << ": " << from_ns << " to " << to_ns;
+    }
+  }
+  EXPECT_NE(n_shorter, 0u) << "all points were read";
+}
+
 TEST(SeriesIndex, NamesAreTakenApart) {
   const struct {
     const char *key;

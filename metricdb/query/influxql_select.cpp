@@ -193,10 +193,13 @@ std::vector<ResultSeries> execute_select(const Environment &environment, const S
 }
 
 void read_points(const Environment &environment, const FoundSeries &series, int64_t from_ns, int64_t to_ns,
-                 std::vector<Point> &points) {
+                 std::vector<Point> &points, Wanted wanted) {
   check_interruption(environment);
   points.clear();
-  environment.source.read(series.series, from_ns, to_ns, points);
+  if (wanted == Wanted::newest)
+    environment.source.read_newest(series.series, from_ns, to_ns, points);
+  else
+    environment.source.read(series.series, from_ns, to_ns, points);
   size_t n = 0;
   for (const Point &point : points) {
     if (std::isnan(point.value)) continue;

@@ -33,10 +33,15 @@ struct Group {
   std::vector<const FoundSeries *> members;
 };
 
+enum class Wanted {
+  all,
+  newest  // older points may be missing
+};
+
 // Sets the points of a series in a range of time: one for each time, and with a number. The last one to arrive at a time
 // is used.
 void read_points(const Environment &environment, const FoundSeries &series, int64_t from_ns, int64_t to_ns,
-                 std::vector<Point> &points);
+                 std::vector<Point> &points, Wanted wanted = Wanted::all);
 
 // Calls row(ts_ns, values) for each time at which one of the lists has a point, in order. A missing value is NaN. The
 // times of each list are ascending and different.

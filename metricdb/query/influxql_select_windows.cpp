@@ -63,7 +63,7 @@ class WindowSelector {
 
  private:
   void add_points(const FoundSeries &member) {
-    read_points(selection_.environment, member, from_ns_, selection_.to_ns, points_);
+    read_points(selection_.environment, member, from_ns_, selection_.to_ns, points_, wanted_of(member));
     if (points_.empty()) return;
     cover(grid_.number_of(points_.front().ts_ns), grid_.number_of(points_.back().ts_ns));
     if (!has_points_) cover_range();
@@ -77,6 +77,17 @@ class WindowSelector {
       for (Aggregation *const aggregation : wanted) add(*aggregation, window, rest.first(n));
       rest = rest.subspan(n);
     }
+  }
+
+  // Whether the newest point of the series is all that the functions need.
+  Wanted wanted_of(const FoundSeries &member) const {
+    if (selection_.select.every_ns != 0) return Wanted::all;
+    const auto needs_newest = [&](const Leaf &leaf) {
+      return leaf.name != member.name.field || leaf.aggregate == Function::last;
+    };
+    return std::all_of(selection_.columns.leaves.begin(), selection_.columns.leaves.end(), needs_newest)
+               ? Wanted::newest
+               : Wanted::all;
   }
 
   void add(Aggregation &aggregation, size_t window, std::span<const Point> points) {

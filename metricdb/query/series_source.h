@@ -22,6 +22,12 @@ class SeriesSource {
   // Sets `points` to the visible points of a series from `from_ns` to `to_ns`, both included, in order of time; points with
   // the same time stay in order of arrival. Empty if the series does not exist any more.
   virtual void read(uint32_t series, int64_t from_ns, int64_t to_ns, std::vector<Point> &points) const = 0;
+
+  // The same, but points that are older than the newest number may be missing. Of several numbers with its time only the
+  // last to arrive must be there.
+  virtual void read_newest(uint32_t series, int64_t from_ns, int64_t to_ns, std::vector<Point> &points) const {
+    read(series, from_ns, to_ns, points);
+  }
 };
 
 }  // namespace metricdb

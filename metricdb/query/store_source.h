@@ -16,8 +16,11 @@ class StoreSource : public SeriesSource {
 
   void for_each_series(const SeriesFilter &filter, const Visit &visit) const override;
   void read(uint32_t series, int64_t from_ns, int64_t to_ns, std::vector<Point> &points) const override;
+  void read_newest(uint32_t series, int64_t from_ns, int64_t to_ns, std::vector<Point> &points) const override;
 
  private:
+  void read_as(LiveRead what, uint32_t series, const TimeRange &range, std::vector<Point> &points) const;
+
   const Store &store_;
   mutable std::unordered_map<uint32_t, uint32_t> stamps_;  // of the series that were visited
 };

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cmath>
 #include <mutex>
 
 #include "store/store_internal.h"
@@ -26,8 +27,9 @@ enum class Outcome { done, gone, moved };
 
 class Reader {
  public:
-  Reader(const Store &store, const LiveSeries &which, const TimeRange &range, std::vector<Point> &points)
-      : store_(store),
+  Reader(const Store &store, const LiveSeries &which, const TimeRange &range, std::vector<Point> &points, LiveRead what)
+      : what_(what),
+        store_(store),
         live_(*store.live()),
         which_(which),
         versions_(live_.versions.find(which.series)),
@@ -40,6 +42,7 @@ class Reader {
     if (versions_ == nullptr) return Outcome::gone;
     chain_seen_ = versions_->chain.begin_read();
     if (const Outcome outcome = copy_head(); outcome != Outcome::done) return outcome;
+    if (what_ == LiveRead::newest && !find_newest()) return Outcome::moved;
     if (!walk_chain()) return Outcome::moved;
     for (uint32_t i = 0; i < head_.n_open; ++i) add(point_at(head_.open.data(), i));
     return Outcome::done;
@@ -69,19 +72,42 @@ class Reader {
     return is_same_head(head_seen, slots_seen) ? Outcome::done : Outcome::moved;
   }
 
-  // Sealed chunks do not change, except for the link of the last one, which is not used. They can be deleted.
-  bool walk_chain() {
+  // Calls visit(head of the chunk, place of the chunk) until it returns false, for each sealed chunk. Returns false then, and
+  // if a chunk was deleted. Sealed chunks do not change, except for the link of the last one, which is not used.
+  template <class Visit>
+  bool for_each_sealed(Visit visit) const {
     maddr_t address = head_.record.first_sealed();
     for (uint32_t n_left = head_.record.n_sealed(); n_left > 0; --n_left) {
       const auto *const chunk = static_cast<const char *>(tslb_dynmem_get_maddr2ptr(store_.points(), address));
       SealedChunk sealed;
       copy_racing(&sealed, chunk, sizeof sealed);
-      if (!versions_->chain.is_unchanged(chain_seen_)) return false;
-      if (sealed.newest_ns >= range_.from_ns && sealed.oldest_ns <= range_.to_ns && !add_sealed(sealed, chunk))
-        return false;
+      if (!versions_->chain.is_unchanged(chain_seen_) || !visit(sealed, chunk)) return false;
       address = sealed.next;
     }
     return true;
+  }
+
+  // Raises `needed_from_ns_` to the time of the newest point that lies in the range for certain: chunks without a point from
+  // then on need not be decoded. Of a chunk that reaches beyond the range this is not known.
+  bool find_newest() {
+    needed_from_ns_ = range_.from_ns;
+    for (uint32_t i = 0; i < head_.n_open; ++i) need_from(point_at(head_.open.data(), i));
+    return for_each_sealed([this](const SealedChunk &sealed, const char *) {
+      need_from({sealed.newest_ns, 0.0});
+      return true;
+    });
+  }
+
+  void need_from(const Point &point) {
+    const bool is_number = !std::isnan(point.value);
+    if (is_number && point.ts_ns <= range_.to_ns) needed_from_ns_ = std::max<int64_t>(needed_from_ns_, point.ts_ns);
+  }
+
+  bool walk_chain() {
+    const int64_t from_ns = what_ == LiveRead::newest ? needed_from_ns_ : range_.from_ns;
+    return for_each_sealed([&](const SealedChunk &sealed, const char *chunk) {
+      return sealed.newest_ns < from_ns || sealed.oldest_ns > range_.to_ns || add_sealed(sealed, chunk);
+    });
   }
 
   bool add_sealed(const SealedChunk &sealed, const char *chunk) {
@@ -97,6 +123,7 @@ class Reader {
     if (point.ts_ns >= range_.from_ns && point.ts_ns <= range_.to_ns) points_.push_back(point);
   }
 
+  const LiveRead what_;
   const Store &store_;
   const LiveState &live_;
   const LiveSeries which_;
@@ -105,14 +132,16 @@ class Reader {
   std::vector<Point> &points_;
   const size_t n_before_;
   uint32_t chain_seen_ = 0;
+  int64_t needed_from_ns_ = INT64_MIN;
   Head head_;
   std::vector<char> encoded_;
 };
 
 }  // namespace
 
-void read_live(const Store &store, const LiveSeries &which, const TimeRange &range, std::vector<Point> &points) {
-  Reader reader(store, which, range, points);
+void read_live(const Store &store, const LiveSeries &which, const TimeRange &range, std::vector<Point> &points,
+               LiveRead what) {
+  Reader reader(store, which, range, points, what);
   for (int i = 0; i < MAX_ATTEMPTS; ++i) {
     if (reader.attempt() != Outcome::moved) return;
     n_repeated.fetch_add(1, std::memory_order_relaxed);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <memory>
 #include <mutex>
+#include <numeric>
 
 namespace metricdb {
 namespace {
@@ -142,28 +143,40 @@ void SeriesIndex::set_name(const Entry &entry, SeriesName &name) const {
   }
 }
 
-void SeriesIndex::for_each(const SeriesFilter &filter, const Visit &visit) const {
+// Returns the numbers of the series that can fulfil the filter, in order.
+SeriesIndex::List SeriesIndex::candidates(const SeriesFilter &filter, Wanted &wanted) const {
   const std::shared_lock lock(mutex_);
-  Wanted wanted;
-  if (!want(filter, wanted)) return;
-  SeriesName name;
-  const auto visit_one = [&](uint32_t series) {
-    const Entry &entry = entries_[series];
-    if (!fulfils(entry, wanted)) return;
-    set_name(entry, name);
-    visit(series, entry.stamp, name);
-  };
+  if (!want(filter, wanted)) return {};
   if (wanted.lists.empty()) {
-    for (uint32_t series = 0; series < entries_.size(); ++series) visit_one(series);
-    return;
+    List all(entries_.size());
+    std::iota(all.begin(), all.end(), 0);
+    return all;
   }
-  const List *const shortest = *std::min_element(wanted.lists.begin(), wanted.lists.end(),
-                                                 [](const List *a, const List *b) { return a->size() < b->size(); });
+  List found = **std::min_element(wanted.lists.begin(), wanted.lists.end(),
+                                  [](const List *a, const List *b) { return a->size() < b->size(); });
+  wanted.lists.clear();
   // A number that was removed and added again can be there twice.
-  List candidates = *shortest;
-  std::sort(candidates.begin(), candidates.end());
-  candidates.erase(std::unique(candidates.begin(), candidates.end()), candidates.end());
-  for (const uint32_t series : candidates) visit_one(series);
+  std::sort(found.begin(), found.end());
+  found.erase(std::unique(found.begin(), found.end()), found.end());
+  return found;
+}
+
+// The lock is released now and then, because a visit evaluates conditions, and the store's thread waits for it to add a
+// series.
+void SeriesIndex::for_each(const SeriesFilter &filter, const Visit &visit) const {
+  constexpr size_t BATCH = 256;
+  Wanted wanted;
+  const List series = candidates(filter, wanted);
+  SeriesName name;
+  for (size_t at = 0; at < series.size();) {
+    const std::shared_lock lock(mutex_);
+    for (const size_t end = std::min(at + BATCH, series.size()); at < end; ++at) {
+      const Entry &entry = entries_[series[at]];
+      if (!fulfils(entry, wanted)) continue;
+      set_name(entry, name);
+      visit(series[at], entry.stamp, name);
+    }
+  }
 }
 
 }  // namespace metricdb

@@ -27,8 +27,8 @@ class SeriesIndex {
   void add(uint32_t series, uint32_t stamp, std::string_view key);
   void remove(uint32_t series);
 
-  // Visits the series that fulfil all conditions, in the order of their numbers, each once. `visit` must not call the
-  // index.
+  // Visits the series that fulfil all conditions, in the order of their numbers, each once: those of one moment, except that
+  // series are left out which are removed meanwhile. `visit` must not call the index.
   void for_each(const SeriesFilter &filter, const Visit &visit) const;
 
  private:
@@ -58,6 +58,7 @@ class SeriesIndex {
   Symbol known(std::string_view text) const;
   void insert(uint32_t series, const Entry &entry);
   void rebuild();
+  List candidates(const SeriesFilter &filter, Wanted &wanted) const;
   bool want(const SeriesFilter &filter, Wanted &wanted) const;
   bool fulfils(const Entry &entry, const Wanted &wanted) const;
   void set_name(const Entry &entry, SeriesName &name) const;
