@@ -358,6 +358,7 @@ void tslb_store_t::restore() {
     if (failed_.empty()) return;
     if (is_broken_) throw StoreError(TSLB_DURABLE_BROKEN, failed_, folder_);
   }
+  write_state(folder_, state_);  // a snapshot that failed can have left a state that names its journal
   LoadedStore loaded = load_store(folder_, {});
   if (loaded.places.back().position != journal_->place().position)
     throw damaged_at(journal_->path(), loaded.places.back().position, "ends before the last settled batch");

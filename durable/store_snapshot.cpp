@@ -206,6 +206,7 @@ void tslb_store_t::begin_next_journal(NewGeneration &next) {
 
 // Seals the journal, and goes on with that of the next generation. Returns why it cannot. flush_mutex_ is held.
 std::optional<StoreError> tslb_store_t::switch_journal(NewGeneration &next) {
+  state_.journals.reserve(state_.journals.size() + 1);  // after the seal no memory may be refused
   try {
     journal_->seal();
   } catch (const StoreError &error) {

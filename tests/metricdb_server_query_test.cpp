@@ -100,6 +100,21 @@ TEST(Queries, AnswerOfAClosedConnectionReachesNobody) {
   EXPECT_THAT(next.answer(), HasSubstr("answer to mine"));
 }
 
+// Answers that a peer does not read are in memory.
+TEST(Queries, UnreadAnswersAreLimited) {
+  constexpr size_t BYTES = 32 << 20;
+  ServerOptions options = options_with([](const QueryRequest &request, const IsInterrupted &) {
+    return QueryAnswer{HTTP_STATUS_OK, "text/plain", std::string(request.text == "long" ? BYTES : 1, 'x')};
+  });
+  options.max_query_bytes = BYTES / 4;
+  RunningServer server(options);
+  Peer slow(server.influx_port()), peer(server.influx_port());
+  ASSERT_TRUE(slow.send(get("/query?q=long")));
+  ASSERT_TRUE(wait_until([&] { return ask(peer, get("/query?q=short")) == 503; })) << "an unread answer is not counted";
+  EXPECT_EQ(slow.answer().size() / BYTES, 1u);
+  EXPECT_TRUE(wait_until([&] { return ask(peer, get("/query?q=short")) == 200; })) << "an answer that was read counts";
+}
+
 TEST(Queries, ParametersAndFailures) {
   RunningServer server(options_with([](const QueryRequest &request, const IsInterrupted &) -> QueryAnswer {
     if (request.text == "fail") throw std::runtime_error("it failed");

@@ -170,7 +170,7 @@ class Opening {
     is_done_ = true;  // before points can be stored
     readable_ = &*writer_;
     ingest_.set_ready(*writer_);
-    print(line);
+    print_if_read(line);
   }
 
   // Small databases are open at once.

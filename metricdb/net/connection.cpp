@@ -54,6 +54,7 @@ Connection::Connection(int fd, Hub &hub)
 
 Connection::~Connection() {
   hub_.closed.add(1);
+  hub_.query_bytes -= query_bytes_;
   close(fd_);
 }
 
@@ -167,6 +168,8 @@ void Connection::answered(uint64_t query, const QueryAnswer &answer) {
   for (PendingAnswer &pending : pending_) {
     if (pending.query != query) continue;
     pending.text = text_of(query, answer);
+    query_bytes_ += pending.text.size();
+    hub_.query_bytes += pending.text.size();
     pending.ticket = pending.query = 0;
   }
   send_answers();
@@ -205,6 +208,7 @@ void Connection::send_out() {
     if (out_sent_ < out_.size()) continue;
     out_.clear();
     out_sent_ = 0;
+    if (pending_.empty()) hub_.query_bytes -= std::exchange(query_bytes_, 0);
   }
 }
 

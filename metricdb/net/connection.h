@@ -56,6 +56,7 @@ struct Hub {
   bool has_open_points = false;
   QueryWorkers queries;
   uint64_t last_query = 0;
+  size_t query_bytes = 0;                       // of answers to queries that are not sent completely
   std::unordered_map<uint64_t, int> query_fds;  // connections that wait for queries
   LimitedLog log;
   DurationHistogram batch_times;
@@ -152,7 +153,8 @@ class Connection {
   ByteBuffer input_;
   std::deque<PendingAnswer> pending_;
   size_t pending_bytes_ = 0;
-  std::string out_;  // answers to send, from out_sent_ on
+  size_t query_bytes_ = 0;  // of this connection in the Hub's
+  std::string out_;         // answers to send, from out_sent_ on
   size_t out_sent_ = 0;
   size_t drain_left_ = 0;
   Clock::time_point last_activity_;

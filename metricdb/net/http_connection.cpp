@@ -38,7 +38,7 @@ void HttpConnection::answer_request() {
 void HttpConnection::begin_query(const QueryRequest &query) {
   if (!hub().options.query) return queue_answer(error_answer(HTTP_STATUS_NOT_IMPLEMENTED, "queries are not answered"));
   const uint64_t id = ++hub().last_query;
-  if (!hub().queries.submit(id, query))
+  if (hub().query_bytes > hub().options.max_query_bytes || !hub().queries.submit(id, query))
     return queue_answer(error_answer(HTTP_STATUS_SERVICE_UNAVAILABLE, "too many queries wait, try again"));
   const HttpRequest &request = reader_.request();
   queries_[id] = {request.method, request.keep_alive, request.is_http_1_0};

@@ -19,7 +19,12 @@ QueryWorkers::QueryWorkers(QueryFunction function, unsigned n_threads, size_t ma
       max_duration_(max_duration),
       event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   if (event_.get() < 0) throw ServerError(std::string("eventfd: ") + std::strerror(errno));
-  for (unsigned i = 0; function_ && i < n_threads; ++i) threads_.emplace_back([this] { run(); });
+  try {
+    for (unsigned i = 0; function_ && i < n_threads; ++i) threads_.emplace_back([this] { run(); });
+  } catch (...) {
+    stop();
+    throw;
+  }
 }
 
 void QueryWorkers::stop() {

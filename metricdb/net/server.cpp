@@ -167,6 +167,11 @@ void Server::Loop::on_requests() {
 }
 
 void Server::Loop::run() {
+  // Also if a round throws: queries use what the caller owns.
+  struct StopQueries {
+    QueryWorkers &queries;
+    ~StopQueries() { queries.stop(); }
+  } const stop_queries{hub_.queries};
   TSLB_DLOG(LOG_PROGRESS, "serving: influx %d, graphite %d on %s", influx_port(), graphite_port(),
             hub_.options.address.c_str());
   hub_.now = Clock::now();
@@ -178,7 +183,6 @@ void Server::Loop::run() {
     }
     run_round();
   }
-  hub_.queries.stop();
   places_.clear();
   log_snapshots();
   hub_.log.end();

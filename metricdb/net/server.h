@@ -37,6 +37,7 @@ struct ServerOptions {
   unsigned n_query_threads = 2;
   size_t max_waiting_queries = 64;
   std::chrono::milliseconds max_query_time{30'000};  // then a query is interrupted
+  size_t max_query_bytes = size_t{512} << 20;        // of answers that are not read; then further queries are refused
 
   size_t max_body_bytes = size_t{32} << 20;        // of a request, before and after decompression
   size_t max_connections = 4096;                   // further connections are closed immediately

@@ -9,8 +9,6 @@
 namespace metricdb {
 namespace {
 
-constexpr size_t BODY_BYTES_MAX = size_t{256} << 20;  // checked between statements, each of which has its own limits
-
 influxql::StatementResult result_of_statement(const influxql::Environment &environment,
                                               const influxql::Statement &statement, size_t id) {
   influxql::StatementResult result;
@@ -25,15 +23,13 @@ influxql::StatementResult result_of_statement(const influxql::Environment &envir
 
 // Like InfluxDB, executes no statement after one that failed.
 void answer_statements(const influxql::Environment &environment, const std::vector<influxql::Statement> &statements,
-                       influxql::Renderer &renderer, const std::string &body) {
+                       influxql::Renderer &renderer) {
   bool has_failed = false;
   for (size_t id = 0; id < statements.size(); ++id) {
     influxql::StatementResult result;
     result.id = id;
     if (has_failed)
       result.error = "not executed";
-    else if (body.size() > BODY_BYTES_MAX)
-      result.error = fmt::format("the answer is larger than {} bytes", BODY_BYTES_MAX);
     else
       result = result_of_statement(environment, statements[id], id);
     has_failed = has_failed || !result.error.empty();
@@ -57,9 +53,13 @@ InfluxqlAnswer answer_influxql(const SeriesSource &source, const InfluxqlRequest
   }
   const auto renderer = request.csv ? influxql::make_csv_renderer(request, answer.body)
                                     : influxql::make_json_renderer(request, answer.body);
-  answer_statements({source, databases, request.now_ns, {}, request.is_interrupted}, statements, *renderer,
-                    answer.body);
-  renderer->finish();
+  try {
+    answer_statements({source, databases, request.now_ns, {}, request.is_interrupted}, statements, *renderer);
+    renderer->finish();
+  } catch (const influxql::AnswerTooLarge &error) {
+    answer.is_bad_request = true;
+    answer.body = influxql::error_text(request, error.what());
+  }
   return answer;
 }
 

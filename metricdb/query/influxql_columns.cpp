@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <map>
+
 #include <cmath>
 #include <limits>
 #include <utility>
@@ -10,6 +12,7 @@ namespace metricdb::influxql {
 namespace {
 
 constexpr size_t COLUMNS_MAX = 10'000;
+constexpr size_t LEAVES_MAX = 10'000;
 
 bool is_expanded(const Expression &expression) {
   return expression.kind == Expression::Kind::wildcard || expression.kind == Expression::Kind::pattern;
@@ -104,10 +107,19 @@ class ColumnBuilder {
       step.number = expression.number;
     } else {
       step.kind = Step::Kind::leaf;
-      step.leaf = columns_.leaves.size();
-      columns_.leaves.push_back(leaf_of(expression));
+      step.leaf = index_of(leaf_of(expression));
     }
     steps.push_back(step);
+  }
+
+  // Equal leaves are one, because each has its own points.
+  size_t index_of(Leaf leaf) {
+    const auto [known, is_new] = leaves_.try_emplace(leaf, columns_.leaves.size());
+    if (!is_new) return known->second;
+    if (columns_.leaves.size() == LEAVES_MAX)
+      throw ExecutionFailed(fmt::format("more than {} different fields and functions of them", LEAVES_MAX));
+    columns_.leaves.push_back(std::move(leaf));
+    return columns_.leaves.size() - 1;
   }
 
   static Leaf leaf_of(const Expression &expression) {
@@ -132,6 +144,7 @@ class ColumnBuilder {
   const std::set<std::string> &tags_;
   Columns columns_;
   std::set<std::string> names_;
+  std::map<Leaf, size_t> leaves_;  // their indices
 };
 
 double result_of(char op, double left, double right) {

@@ -1,6 +1,7 @@
 // The columns of a SELECT: its fields, with wildcards expanded, as small programs over leaves.
 #pragma once
 
+#include <compare>
 #include <optional>
 #include <set>
 #include <span>
@@ -20,6 +21,8 @@ struct Leaf {
   double percent = 0.0;                // of a percentile
   std::optional<Function> derivative;  // of the points, or of the aggregate
   std::optional<int64_t> unit_ns;      // of the derivative
+
+  auto operator<=>(const Leaf &) const = default;
 };
 
 struct Step {

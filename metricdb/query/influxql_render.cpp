@@ -213,6 +213,7 @@ class JsonRenderer : public Renderer {
   }
 
   void add_row(const ResultSeries &series, size_t row) {
+    check_size(body_);
     writer_.begin('[');
     if (series.has_times) add_time(series.times_ns[row]);
     const size_t n_cells = series.n_cells_of_row();
@@ -258,6 +259,9 @@ void append_integer(std::string &text, int64_t number) {
 void append_fixed(std::string &text, double number) {
   append_chars(text, number, std::chars_format::fixed);
 }
+
+AnswerTooLarge::AnswerTooLarge()
+    : std::runtime_error(fmt::format("the answer is larger than {} bytes", BODY_BYTES_MAX)) {}
 
 std::unique_ptr<Renderer> make_json_renderer(const InfluxqlRequest &request, std::string &body) {
   return std::make_unique<JsonRenderer>(request, body);

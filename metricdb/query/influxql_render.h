@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,18 @@ struct StatementResult {
   std::vector<ResultSeries> series;
   std::string error;  // empty: none
 };
+
+// The text of an answer is larger than a maximum. It is not complete.
+class AnswerTooLarge : public std::runtime_error {
+ public:
+  AnswerTooLarge();
+};
+
+// Throws AnswerTooLarge. Called for each row: a row repeats texts that its result has once.
+inline constexpr size_t BODY_BYTES_MAX = size_t{256} << 20;
+inline void check_size(const std::string &body) {
+  if (body.size() > BODY_BYTES_MAX) throw AnswerTooLarge();
+}
 
 // Results are added in order of their statements.
 class Renderer {

@@ -50,6 +50,7 @@ class CsvRenderer : public Renderer {
     const std::string begin = fmt::format("{},{}", csv_field(series.name), csv_field(tags_text(series)));
     const size_t n_cells = series.n_cells_of_row();
     for (size_t row = 0; row < series.n_rows(); ++row) {
+      check_size(body_);
       body_ += begin;
       if (series.has_times) {
         body_ += ',';

@@ -40,6 +40,11 @@ void cut_rows(const SelectStatement &select, size_t begin, ResultSeries &result)
   if (n > n_max) erase_rows(result, begin + (select.is_descending ? 0 : n_max), n - n_max);
 }
 
+void check_points(const Environment &environment, size_t n_held) {
+  if (n_held > environment.limits.n_points)
+    throw ExecutionFailed(fmt::format("more than {} points at a time", environment.limits.n_points));
+}
+
 // Reads the points of series with the same tags, and appends their rows.
 class RowSelector {
  public:
@@ -48,12 +53,17 @@ class RowSelector {
 
   void add(std::span<const FoundSeries *const> members) {
     std::vector<Point> points;
+    size_t n_held = 0;
     for (auto &list : lists_) list.clear();
     for (const FoundSeries *const member : members) {
       read_points(selection_.environment, *member, selection_.from_ns, selection_.to_ns, points);
       for (size_t i = 0; i < lists_.size(); ++i) {
         const Leaf &leaf = selection_.columns.leaves[i];
-        if (leaf.reference_kind == ReferenceKind::field && leaf.name == member->name.field) lists_[i] = points;
+        if (leaf.reference_kind == ReferenceKind::field && leaf.name == member->name.field) {
+          n_held += points.size();
+          check_points(selection_.environment, n_held);
+          lists_[i] = points;
+        }
       }
     }
     set_texts(*members[0]);
@@ -153,9 +163,13 @@ void select_rows(const Selection &selection, const Group &group, ResultSeries &r
 
 void select_derivatives(const Selection &selection, const Group &group, ResultSeries &result) {
   std::vector<std::vector<Point>> lists;
-  for (const Leaf &leaf : selection.columns.leaves)
+  size_t n_held = 0;
+  for (const Leaf &leaf : selection.columns.leaves) {
     lists.push_back(derivative_of(points_of_field(selection, group, leaf.name), *leaf.derivative,
                                   leaf.unit_ns.value_or(DERIVATIVE_UNIT_NS)));
+    n_held += lists.back().size();
+    check_points(selection.environment, n_held);
+  }
   Calculator calculator;
   merge_by_time(lists, [&](int64_t ts_ns, std::span<const double> values) {
     result.times_ns.push_back(ts_ns);

@@ -12,10 +12,10 @@
 #include <functional>
 #include <memory>
 #include <optional>
-#include <shared_mutex>
 #include <string>
 
 #include "store/database.h"
+#include "store/fair_shared_mutex.h"
 #include "store/ingest.h"
 #include "store/loader.h"
 
@@ -88,7 +88,7 @@ class DatabaseWriter final : public Ingest {
   const WriterOptions options_;
   std::string warnings_;
   std::optional<DurableArrays> durable_;
-  mutable std::shared_mutex store_mutex_;  // held to read the store, and alone to make it anew
+  mutable FairSharedMutex store_mutex_;  // held to read the store, and alone to make it anew
   std::optional<Store> store_;
   std::unique_ptr<Loader> loader_;
   IngestResult result_;        // of the current call of `take`

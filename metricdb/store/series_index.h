@@ -9,12 +9,12 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <shared_mutex>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <vector>
 
+#include "store/fair_shared_mutex.h"
 #include "store/series_name.h"
 
 namespace metricdb {
@@ -64,7 +64,7 @@ class SeriesIndex {
   void set_name(const Entry &entry, SeriesName &name) const;
   static uint64_t list_key(Symbol name, Symbol value) { return uint64_t{name} << 32 | value; }
 
-  mutable std::shared_mutex mutex_;
+  mutable FairSharedMutex mutex_;
   std::unordered_map<std::string_view, Symbol> symbols_;  // the texts are those of texts_
   std::vector<const std::string *> texts_;
   std::vector<std::unique_ptr<std::string>> owned_texts_;
