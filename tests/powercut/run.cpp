@@ -90,7 +90,9 @@ void StoreRun::expect_fault(const std::string &what) const {
   const int code = store_->error.code;
   const bool is_explained = code == TSLB_DURABLE_IO || code == TSLB_DURABLE_NO_MEMORY || code == TSLB_DURABLE_REFUSED ||
                             code == TSLB_DURABLE_BROKEN;
-  if ((fault_struck() != Struck::fault && !had_fault_) || !is_explained) fail(what, store_->error);
+  const bool had_fault =
+      fault_struck() == Struck::fault || had_fault_ || (can_be_broken_ && code == TSLB_DURABLE_BROKEN);
+  if (!had_fault || !is_explained) fail(what, store_->error);
 }
 
 bool StoreRun::attempt(const std::function<bool()> &step) {
@@ -152,6 +154,7 @@ void StoreRun::restore(int refused) {
 void StoreRun::replace_broken(int number) {
   if (store_->close() == 0) throw Failure{"a broken store was closed without an error"};
   store_ = new_store();
+  can_be_broken_ = false;
   if (!store_->open(store_folder(), options.flags)) fail("a broken store cannot be opened", store_->error);
   const std::string found = content_of_store(*store_, store_->payload());
   if (found == contents_[static_cast<size_t>(number)])
@@ -166,6 +169,7 @@ void StoreRun::replace_broken(int number) {
 bool StoreRun::snapshot() {
   const bool is_done = attempt([&] { return tslb_store_snapshot(store_->get(), &store_->error) == 0; });
   if (!is_done) expect_fault("a snapshot cannot be made");
+  can_be_broken_ = !is_done;  // if the journal could neither be sealed nor cut
   if (is_done) acknowledge();
   return is_done;
 }

@@ -91,6 +91,7 @@ class StoreRun {
   int last_ = 0;                       // batch that the store has
   int saved_ = 0;                      // batch of the saved folder
   bool had_fault_ = false;             // of memory
+  bool can_be_broken_ = false;         // by a snapshot that failed
 };
 
 struct Scenario {
