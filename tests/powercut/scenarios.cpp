@@ -129,7 +129,7 @@ void failed_sync_at_a_border(StoreRun &run) {
   run.commit();
   run.padding = 0;
   if (run.journal_bytes() % SECTOR_BYTES < SECTOR_BYTES - 39) throw Failure{"the frame does not cross a border"};
-  run.before_restoration = [] { fail_call(1, 0, "fsync"); };
+  run.before_restoration = [] { fail_call(3, 0, "fsync"); };  // after the two of the state file and its folder
   fail_call(1, HALF_OF_A_WRITE, "pwrite");
   run.commit();
   if (fault_struck() != Struck::fault) throw Failure{"the restoration had no sync"};
