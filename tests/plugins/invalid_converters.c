@@ -1,4 +1,4 @@
-/* Two conversions that tslb-convert cannot tell apart. */
+/* Two conversions that tslb-convert cannot distinguish. */
 #include <tslb/array_convert.h>
 
 static int keep(void *arg, uint8_t from_version, const void *from, uint32_t from_bytes, void *to, uint32_t to_bytes) {
