@@ -258,10 +258,14 @@ void remove_folder_if_empty(const std::string &path) {
 void remove_tree(const std::string &path) {
   std::error_code error;
   if (!fs::is_directory(fs::symlink_status(path, error))) return remove_file(path);
-  std::vector<std::string> members;  // listed first, because removing changes the listing
-  visit_names(path, "cannot be removed", [&](const std::string &name) { members.push_back(path + "/" + name); });
-  for (const std::string &member : members) remove_tree(member);
+  remove_content(path);
   remove_folder_if_empty(path);
+}
+
+void remove_content(const std::string &folder) {
+  std::vector<std::string> members;  // listed first, because removing changes the listing
+  visit_names(folder, "cannot be removed", [&](const std::string &name) { members.push_back(folder + "/" + name); });
+  for (const std::string &member : members) remove_tree(member);
 }
 
 void for_each_name(const std::string &folder, const std::function<void(const std::string &name)> &visit) {

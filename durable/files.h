@@ -59,6 +59,7 @@ void rename_file(const std::string &from, const std::string &to);  // files and 
 void remove_file(const std::string &path);                         // no error if it is missing
 void remove_folder_if_empty(const std::string &path);
 void remove_tree(const std::string &path);  // a file, or a folder with its content
+void remove_content(const std::string &folder);
 
 // Calls `visit` for each name in the folder, except "." and "..".
 void for_each_name(const std::string &folder, const std::function<void(const std::string &name)> &visit);

@@ -354,7 +354,7 @@ void tslb_store_t::backup(const std::string &target) {
     write_backup(copy, target);
   } catch (...) {
     try {
-      for_each_name(target, [&](const std::string &name) { remove_tree(target + "/" + name); });
+      remove_content(target);
     } catch (const StoreError &) {
       // The failure is reported. What is left is refused by the next backup.
     }

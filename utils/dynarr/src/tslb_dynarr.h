@@ -178,10 +178,11 @@ TSLB_API int tslb_da_is_ready(dynarr_t *handle_dynarr, void *slot_ptr);
 TSLB_API void *tslb_da_get_inactive_head_ptr(dynarr_t *handle_dynarr, uint32_t *head_idx);
 
 /* Returns the status of a slot (TSLB_DA_SLOT_*), for example to find the records of a loaded array. The array has lists, and
- * idx is below tslb_da_get_size. Any thread; out of date at once while others change the slot. Not exported. */
+ * idx is below tslb_da_get_size. Any thread; out of date at once while others change the slot. The load acquires: what a thread
+ * wrote before it gave the slot this status can be read. Not exported. */
 static inline uint32_t tslb_da_slot_status(dynarr_t *handle_dynarr, uint32_t idx) {
   const char *const record = (const char *)tslb_da_get_ptr(handle_dynarr, idx);
-  return record != NULL ? __atomic_load_n((const uint32_t *)(record - sizeof(node_fw)), __ATOMIC_RELAXED)
+  return record != NULL ? __atomic_load_n((const uint32_t *)(record - sizeof(node_fw)), __ATOMIC_ACQUIRE)
                         : (uint32_t)TSLB_DA_SLOT_FREE;
 }
 
