@@ -30,6 +30,16 @@ static MemorySource two_hosts() {
   return source;
 }
 
+// Integers above 2^53, and a series of real numbers with the same field.
+static MemorySource counters() {
+  MemorySource source;
+  source.add_integers("c", {{"host", "a"}}, "n",
+                      {{0, 9007199254740993}, {10 * SECOND_NS, 9007199254740995}, {20 * SECOND_NS, INT64_MAX}});
+  source.add_integers("c", {{"host", "b"}}, "n", {{10 * SECOND_NS, -7}});
+  source.add("c", {{"host", "c"}}, "n", points_at_seconds({{10, 0.5}}));
+  return source;
+}
+
 struct StatementRow {
   const char *text;
   const char *results;  // between the brackets of "results"
@@ -47,6 +57,33 @@ static void expect_results(const MemorySource &source, std::span<const Statement
 
 // One series, in statement 0.
 #define SERIES(text) R"({"statement_id":0,"series":[{)" text R"(}]})"
+
+// Integers are exact until a real number takes part.
+TEST(Influxql, Integers) {
+  static const StatementRow rows[] = {
+      {"SELECT n, n + 1, n / 2 FROM c WHERE host = 'a'",
+       SERIES(R"("name":"c","columns":["time","n","n_1","n_2"],"values":[)"
+              R"([0,9007199254740993,9007199254740994,4503599627370496],)"
+              R"([10,9007199254740995,9007199254740996,4503599627370498],)"
+              R"([20,9223372036854775807,9223372036854775808,4611686018427387904]])")},
+      {"SELECT min(n), max(n), first(n), last(n), sum(n), spread(n), count(n), percentile(n, 60) FROM c "
+       "WHERE time <= 10s AND (host = 'a' OR host = 'b')",
+       SERIES(R"("name":"c","columns":["time","min","max","first","last","sum","spread","count","percentile"],"values":[)"
+              R"([0,-7,9007199254740995,9007199254740993,9007199254740995,18014398509481981,9007199254741002,3,)"
+              R"(9007199254740993]])")},
+      {"SELECT spread(n), mean(n) FROM c WHERE time >= 10s AND (host = 'a' OR host = 'b')",
+       SERIES(R"("name":"c","columns":["time","spread","mean"],"values":[[10,9223372036854775808,3077459745369839104]])")},
+      // With the series of real numbers all are.
+      {"SELECT max(n), sum(n), last(n) FROM c WHERE time <= 10s",
+       SERIES(R"("name":"c","columns":["time","max","sum","last"],"values":[)"
+              R"([0,9007199254740996,18014398509481980,9007199254740996]])")},
+      {"SELECT derivative(n, 1s) FROM c WHERE time <= 10s AND host = 'a'",
+       SERIES(R"("name":"c","columns":["time","derivative"],"values":[[10,0.2]])")},
+      {"SELECT sum(n) FROM c WHERE time >= 0 AND time <= 20s AND host = 'b' GROUP BY time(10s) fill(previous)",
+       SERIES(R"("name":"c","columns":["time","sum"],"values":[[0,null],[10,-7],[20,-7]])")},
+  };
+  expect_results(counters(), rows);
+}
 
 TEST(Influxql, PointsOfFields) {
   static const StatementRow rows[] = {

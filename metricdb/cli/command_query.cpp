@@ -98,7 +98,7 @@ int query(const QueryArguments &arguments) {
   // The limit of the query is the first time after the range.
   if (query.to_ns) range.to_ns = *query.to_ns == INT64_MIN ? INT64_MIN : *query.to_ns - 1;
   PointCursor cursor(opened.store(), *series, range);
-  const auto points = answer(query, [&cursor](Point &point) { return cursor.next(point); });
+  const auto points = answer(query, [&cursor](Point &point) { return cursor.next_real(point); });
   print(text_of(arguments.format, {arguments.key, query}, points));
   return EXIT_GOOD;
 }

@@ -193,32 +193,46 @@ std::vector<ResultSeries> execute_select(const Environment &environment, const S
 }
 
 void read_points(const Environment &environment, const FoundSeries &series, int64_t from_ns, int64_t to_ns,
-                 std::vector<Point> &points, Wanted wanted) {
+                 PointList &list, Wanted wanted) {
   check_interruption(environment);
-  points.clear();
   if (wanted == Wanted::newest)
-    environment.source.read_newest(series.series, from_ns, to_ns, points);
+    environment.source.read_newest(series.series, from_ns, to_ns, list);
   else
-    environment.source.read(series.series, from_ns, to_ns, points);
+    environment.source.read(series.series, from_ns, to_ns, list);
+  std::vector<Point> &points = list.points;
   size_t n = 0;
   for (const Point &point : points) {
-    if (std::isnan(point.value)) continue;
+    if (list.type == ValueType::real && std::isnan(point.value)) continue;
     if (n != 0 && points[n - 1].ts_ns == point.ts_ns) --n;
     points[n++] = point;
   }
   points.resize(n);
 }
 
-std::vector<Point> derivative_of(std::span<const Point> points, Function function, int64_t unit_ns) {
-  std::vector<Point> rates;
+namespace {
+
+// Exact for integers, whose differences are small in relation to them if they are counters.
+double change_of(const Point &before, const Point &after, ValueType type) {
+  int64_t change;
+  if (type == ValueType::integer && !__builtin_sub_overflow(integer_of(after), integer_of(before), &change))
+    return static_cast<double>(change);
+  return real_of(after, type) - real_of(before, type);
+}
+
+}  // namespace
+
+PointList derivative_of(const PointList &list, Function function, int64_t unit_ns) {
+  const std::vector<Point> &points = list.points;
+  PointList rates;
   for (size_t i = 1, previous = 0; i < points.size(); ++i) {
     if (points[i].ts_ns == points[previous].ts_ns) continue;
     // Times in order can differ by more than the signed type holds.
     const uint64_t elapsed_ns = static_cast<uint64_t>(points[i].ts_ns) - static_cast<uint64_t>(points[previous].ts_ns);
-    const double difference = points[i].value - points[previous].value;
+    const double change = change_of(points[previous], points[i], list.type);
     previous = i;
-    if (function == Function::non_negative_derivative && difference < 0.0) continue;
-    rates.push_back({points[i].ts_ns, difference / (static_cast<double>(elapsed_ns) / static_cast<double>(unit_ns))});
+    if (function == Function::non_negative_derivative && change < 0.0) continue;
+    rates.points.push_back(
+        {points[i].ts_ns, change / (static_cast<double>(elapsed_ns) / static_cast<double>(unit_ns))});
   }
   return rates;
 }

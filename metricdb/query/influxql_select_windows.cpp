@@ -1,37 +1,34 @@
 // SELECT of aggregates: one row, or one for each window of GROUP BY time.
 #include <fmt/format.h>
 
-#include <cmath>
-
 #include "query/influxql_select.h"
 #include "query/influxql_windows.h"
 
 namespace metricdb::influxql {
 namespace {
 
-constexpr double MISSING = std::numeric_limits<double>::quiet_NaN();
-
-using Values = std::vector<double>;  // by window; NaN is a missing value
+using Values = std::vector<Number>;  // by window
 
 void fill_previous(Values &values) {
   for (size_t i = 1; i < values.size(); ++i)
-    if (std::isnan(values[i])) values[i] = values[i - 1];
+    if (values[i].is_missing()) values[i] = values[i - 1];
 }
 
 void fill_linear(Values &values) {
   size_t known = values.size();
   for (size_t i = 0; i < values.size(); ++i) {
-    if (std::isnan(values[i])) continue;
+    if (values[i].is_missing()) continue;
+    const double before = known == values.size() ? 0.0 : values[known].real();
     for (size_t gap = known; gap + 1 < i && known != values.size(); ++gap)
-      values[gap + 1] = values[known] + (values[i] - values[known]) * static_cast<double>(gap + 1 - known) /
-                                            static_cast<double>(i - known);
+      values[gap + 1] = Number(before + (values[i].real() - before) * static_cast<double>(gap + 1 - known) /
+                                            static_cast<double>(i - known));
     known = i;
   }
 }
 
-void fill_number(Values &values, double number) {
+void fill_number(Values &values, const Number &number) {
   std::replace_if(
-      values.begin(), values.end(), [](double value) { return std::isnan(value); }, number);
+      values.begin(), values.end(), [](const Number &value) { return value.is_missing(); }, number);
 }
 
 class WindowSelector {
@@ -63,18 +60,30 @@ class WindowSelector {
 
  private:
   void add_points(const FoundSeries &member) {
-    read_points(selection_.environment, member, from_ns_, selection_.to_ns, points_, wanted_of(member));
-    if (points_.empty()) return;
-    cover(grid_.number_of(points_.front().ts_ns), grid_.number_of(points_.back().ts_ns));
+    read_points(selection_.environment, member, from_ns_, selection_.to_ns, list_, wanted_of(member));
+    const std::vector<Point> &points = list_.points;
+    if (points.empty()) return;
+    cover(grid_.number_of(points.front().ts_ns), grid_.number_of(points.back().ts_ns));
     if (!has_points_) cover_range();
     has_points_ = true;
-    std::vector<Aggregation *> wanted;
-    for (size_t i = 0; i < aggregations_.size(); ++i)
-      if (selection_.columns.leaves[i].name == member.name.field) wanted.push_back(&aggregations_[i]);
-    for (std::span<const Point> rest(points_); !rest.empty();) {
+    std::vector<Aggregation *> of_integers, of_reals;
+    for (size_t i = 0; i < aggregations_.size(); ++i) {
+      if (selection_.columns.leaves[i].name != member.name.field) continue;
+      if (list_.type == ValueType::real) aggregations_[i].make_real();
+      (aggregations_[i].type() == ValueType::integer ? of_integers : of_reals).push_back(&aggregations_[i]);
+    }
+    add_to_all(of_integers);
+    if (of_reals.empty()) return;
+    list_.make_real();
+    add_to_all(of_reals);
+  }
+
+  void add_to_all(std::span<Aggregation *const> aggregations) {
+    if (aggregations.empty()) return;
+    for (std::span<const Point> rest(list_.points); !rest.empty();) {
       const size_t n = grid_.length_of_run(rest);
       const auto window = static_cast<size_t>(grid_.number_of(rest[0].ts_ns) - first_number_);
-      for (Aggregation *const aggregation : wanted) add(*aggregation, window, rest.first(n));
+      for (Aggregation *const aggregation : aggregations) add(*aggregation, window, rest.first(n));
       rest = rest.subspan(n);
     }
   }
@@ -127,9 +136,9 @@ class WindowSelector {
   }
 
   Values values_of(size_t i) {
-    Values values(n_windows_, MISSING);
+    Values values(n_windows_);
     for (size_t window = 0; window < n_windows_; ++window) {
-      const std::optional<Point> result = aggregations_[i].result(window);
+      const std::optional<WindowResult> result = aggregations_[i].result(window);
       if (result) values[window] = result->value;
     }
     if (selection_.select.every_ns != 0) fill(aggregations_[i].function(), values);
@@ -146,10 +155,10 @@ class WindowSelector {
         fill_linear(values);
         break;
       case Fill::number:
-        fill_number(values, selection_.select.fill_number);
+        fill_number(values, Number(selection_.select.fill_number));
         break;
       case Fill::null:
-        if (function == Function::count) fill_number(values, 0.0);
+        if (function == Function::count) fill_number(values, Number(int64_t{0}));
         break;
       case Fill::none:
         break;
@@ -157,12 +166,13 @@ class WindowSelector {
   }
 
   Values derivatives_of(const Leaf &leaf, const Values &values) const {
-    std::vector<Point> points;
+    PointList list;
     for (size_t window = 0; window < values.size(); ++window)
-      if (!std::isnan(values[window])) points.push_back({time_of_window(window), values[window]});
-    Values rates(values.size(), MISSING);
-    for (const Point &rate : derivative_of(points, *leaf.derivative, leaf.unit_ns.value_or(selection_.select.every_ns)))
-      rates[static_cast<size_t>(grid_.number_of(rate.ts_ns) - first_number_)] = rate.value;
+      if (!values[window].is_missing()) list.points.push_back({time_of_window(window), values[window].real()});
+    Values rates(values.size());
+    const int64_t unit_ns = leaf.unit_ns.value_or(selection_.select.every_ns);
+    for (const Point &rate : derivative_of(list, *leaf.derivative, unit_ns).points)
+      rates[static_cast<size_t>(grid_.number_of(rate.ts_ns) - first_number_)] = Number(rate.value);
     return rates;
   }
 
@@ -175,7 +185,7 @@ class WindowSelector {
 
   // Rows without a value are left out if they are not filled, and of derivatives always.
   bool is_wanted(const Values &row) const {
-    const auto is_missing = [](double value) { return std::isnan(value); };
+    const auto is_missing = [](const Number &value) { return value.is_missing(); };
     if (!std::all_of(row.begin(), row.end(), is_missing)) return true;
     return selection_.select.every_ns != 0 && selection_.select.fill != Fill::none &&
            !std::all_of(selection_.columns.leaves.begin(), selection_.columns.leaves.end(),
@@ -205,7 +215,7 @@ class WindowSelector {
   size_t n_windows_ = 0;
   bool has_points_ = false;
   size_t n_kept_ = 0;
-  std::vector<Point> points_;
+  PointList list_;  // of the current series
   Calculator calculator_;
 };
 

@@ -15,7 +15,13 @@ class MemorySource : public SeriesSource {
  public:
   void add(const std::string &measurement, std::vector<std::pair<std::string, std::string>> tags,
            const std::string &field, std::vector<Point> points) {
-    series_.push_back({{measurement, std::move(tags), field}, std::move(points)});
+    series_.push_back({{measurement, std::move(tags), field}, {ValueType::real, std::move(points)}});
+  }
+  void add_integers(const std::string &measurement, std::vector<std::pair<std::string, std::string>> tags,
+                    const std::string &field, const std::vector<std::pair<int64_t, int64_t>> &values) {
+    add(measurement, std::move(tags), field, {});
+    series_.back().second.type = ValueType::integer;
+    for (const auto &[ts_ns, value] : values) series_.back().second.points.push_back(integer_point(ts_ns, value));
   }
 
   void for_each_series(const SeriesFilter &filter, const Visit &visit) const override {
@@ -26,11 +32,11 @@ class MemorySource : public SeriesSource {
     }
   }
 
-  void read(uint32_t series, int64_t from_ns, int64_t to_ns, std::vector<Point> &points) const override {
-    points.clear();
-    for (const Point &point : series_[series].second)
-      if (point.ts_ns >= from_ns && point.ts_ns <= to_ns) points.push_back(point);
-    n_read += points.size();
+  void read(uint32_t series, int64_t from_ns, int64_t to_ns, PointList &list) const override {
+    list = {series_[series].second.type};
+    for (const Point &point : series_[series].second.points)
+      if (point.ts_ns >= from_ns && point.ts_ns <= to_ns) list.points.push_back(point);
+    n_read += list.points.size();
   }
 
   mutable size_t n_visited = 0;
@@ -45,7 +51,7 @@ class MemorySource : public SeriesSource {
            });
   }
 
-  std::vector<std::pair<SeriesName, std::vector<Point>>> series_;
+  std::vector<std::pair<SeriesName, PointList>> series_;
 };
 
 }  // namespace metricdb
