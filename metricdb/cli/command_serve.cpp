@@ -106,7 +106,8 @@ QueryAnswer answer_query(const DatabaseWriter *writer, const QueryRequest &reque
                                  .csv = request.is_csv,
                                  .chunk_size = request.chunk_rows,
                                  .now_ns = now_ns(),
-                                 .is_interrupted = is_interrupted};
+                                 .is_interrupted = is_interrupted,
+                                 .n_threads = std::thread::hardware_concurrency()};
   InfluxqlAnswer answer;
   writer->read([&](const Store &store) { answer = answer_influxql(StoreSource(store), query, request.databases); });
   return {answer.is_bad_request ? HTTP_STATUS_BAD_REQUEST : HTTP_STATUS_OK, answer.content_type, answer.body};

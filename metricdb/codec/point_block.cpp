@@ -334,75 +334,87 @@ class BlockReader {
   }
   int64_t signed_number() { return unfolded(varint()); }
 
-  void group(std::span<int64_t> numbers) {
+  // Calls emit(i, number) for the n numbers.
+  template <class Emit>
+  void sequence(size_t n, bool as_differences, Emit emit) {
+    if (as_differences) {
+      auto sum = static_cast<uint64_t>(signed_number());
+      emit(size_t{0}, static_cast<int64_t>(sum));
+      groups(1, n, [&sum, emit](size_t i, int64_t change) {
+        sum += static_cast<uint64_t>(change);
+        emit(i, static_cast<int64_t>(sum));
+      });
+    } else {
+      groups(0, n, emit);
+    }
+  }
+
+ private:
+  template <class Emit>
+  void groups(size_t begin, size_t end, Emit emit) {
+    for (; begin < end && is_valid_; begin += std::min(end - begin, GROUP))
+      group(std::min(end - begin, GROUP), [emit, begin](size_t i, int64_t number) { emit(begin + i, number); });
+  }
+
+  template <class Emit>
+  void group(size_t n, Emit emit) {
     const unsigned head = byte(), code = head & WIDTH_MASK;
     if (code > WHOLE_WIDTH_CODE) fail();
     const unsigned width = code == WHOLE_WIDTH_CODE ? 64 : code;
     const int64_t base = signed_number();
-    const size_t n_bytes = (numbers.size() * width + 7) / 8;
+    const size_t n_bytes = (n * width + 7) / 8;
     if (!is_valid_ || static_cast<size_t>(end_ - at_) < n_bytes) return fail();
-    if ((head & (BOTH_SIGNS | HAS_EXCEPTIONS)) == 0 && width <= MAX_PACKED_WIDTH) {
-      unpack(width, numbers, [base](uint64_t offset) { return plus(base, offset); });
+    if ((head & (BOTH_SIGNS | HAS_EXCEPTIONS)) == 0) {
+      unpack(width, n, [emit, base](size_t i, uint64_t offset) { emit(i, plus(base, offset)); });
       at_ += n_bytes;
       return;
     }
-    unpack(width, numbers, [](uint64_t offset) { return static_cast<int64_t>(offset); });
+    std::array<uint64_t, GROUP> offsets;
+    unpack(width, n, [&](size_t i, uint64_t offset) { offsets[i] = offset; });
     at_ += n_bytes;
-    if ((head & HAS_EXCEPTIONS) != 0) add_exceptions(numbers, width);
-    if ((head & BOTH_SIGNS) != 0)
-      for (int64_t &number : numbers) number = unfolded(static_cast<uint64_t>(number));
-    for (int64_t &number : numbers) number = plus(base, static_cast<uint64_t>(number));
+    if ((head & HAS_EXCEPTIONS) != 0) add_exceptions({offsets.data(), n}, width);
+    const bool both_signs = (head & BOTH_SIGNS) != 0;
+    for (size_t i = 0; i < n; ++i)
+      emit(i, plus(base, both_signs ? static_cast<uint64_t>(unfolded(offsets[i])) : offsets[i]));
   }
 
-  void sequence(std::span<int64_t> numbers, bool as_differences) {
-    std::span<int64_t> rest = numbers;
-    if (as_differences) {
-      numbers[0] = signed_number();
-      rest = rest.subspan(1);
-    }
-    while (!rest.empty() && is_valid_) {
-      const size_t n = std::min(rest.size(), GROUP);
-      group(rest.first(n));
-      rest = rest.subspan(n);
-    }
-    if (as_differences)
-      for (size_t i = 1; i < numbers.size(); ++i) numbers[i] = plus(numbers[i - 1], static_cast<uint64_t>(numbers[i]));
-  }
-
- private:
+  // Calls use(i, offset) for the n offsets. Their bytes exist.
   template <class Use>
-  void unpack(unsigned width, std::span<int64_t> numbers, Use use) const {
+  void unpack(unsigned width, size_t n, Use use) const {
+    if (width == 0) {
+      for (size_t i = 0; i < n; ++i) use(i, 0);
+      return;
+    }
+    if (width == 64) {
+      for (size_t i = 0; i < n; ++i) use(i, word_at(at_ + i * 8));
+      return;
+    }
     const uint64_t mask = low_bits(width);
+    const char *const bytes = at_;
     const auto n_bytes = static_cast<size_t>(end_ - at_);
-    size_t i = 0;
-    if (width == 0) std::fill(numbers.begin(), numbers.end(), use(0));
-    if (width == 64)
-      for (; i < numbers.size(); ++i) numbers[i] = use(load(i * 8));
-    if (width == 0 || width == 64) return;
-    // The numbers whose 8 bytes are in the block.
-    const size_t n_whole = n_bytes < 8 ? 0 : ((n_bytes - 8) * 8 + 7) / width + 1;
-    size_t bit = 0;
-    for (const size_t n = std::min(numbers.size(), n_whole); i < n; ++i, bit += width)
-      numbers[i] = use(load(bit / 8) >> bit % 8 & mask);
-    for (; i < numbers.size(); ++i, bit += width) {
+    // The offsets whose 8 bytes are in the block.
+    const size_t n_whole = std::min(n, n_bytes < 8 ? 0 : ((n_bytes - 8) * 8 + 7) / width + 1);
+    size_t i = 0, bit = 0;
+    for (; i < n_whole; ++i, bit += width) use(i, word_at(bytes + bit / 8) >> bit % 8 & mask);
+    for (; i < n; ++i, bit += width) {
       uint64_t last = 0;
-      std::memcpy(&last, at_ + bit / 8, std::min<size_t>(8, n_bytes - bit / 8));
-      numbers[i] = use(last >> bit % 8 & mask);
+      std::memcpy(&last, bytes + bit / 8, std::min<size_t>(8, n_bytes - bit / 8));
+      use(i, last >> bit % 8 & mask);
     }
   }
 
-  uint64_t load(size_t offset) const {
+  static uint64_t word_at(const char *bytes) {
     uint64_t word;
-    std::memcpy(&word, at_ + offset, sizeof word);
+    std::memcpy(&word, bytes, sizeof word);
     return word;
   }
 
-  void add_exceptions(std::span<int64_t> numbers, unsigned width) {
+  void add_exceptions(std::span<uint64_t> offsets, unsigned width) {
     for (unsigned n_left = byte() + 1; n_left > 0; --n_left) {
       const unsigned index = byte();
       const uint64_t upper = varint();
-      if (!is_valid_ || index >= numbers.size() || width == 64) return fail();
-      numbers[index] |= static_cast<int64_t>(upper << width);
+      if (!is_valid_ || index >= offsets.size() || width == 64) return fail();
+      offsets[index] |= upper << width;
     }
   }
 
@@ -411,48 +423,45 @@ class BlockReader {
   bool is_valid_ = true;
 };
 
-// Sets the times of the points.
-void read_times(BlockReader &in, std::span<int64_t> numbers, Point *points) {
+void read_times(BlockReader &in, std::span<Point> points) {
   const unsigned unit = in.byte();
   if (unit >= TIME_UNITS.size()) return in.fail();
-  in.sequence(numbers, true);
   const auto factor = static_cast<uint64_t>(TIME_UNITS[unit]);
-  for (size_t i = 0; i < numbers.size(); ++i)
-    points[i].ts_ns = static_cast<int64_t>(static_cast<uint64_t>(numbers[i]) * factor);
+  in.sequence(points.size(), true, [at = points.data(), factor](size_t i, int64_t time) {
+    at[i].ts_ns = static_cast<int64_t>(static_cast<uint64_t>(time) * factor);
+  });
 }
 
-void read_decimals(BlockReader &in, unsigned places, bool as_differences, std::span<int64_t> numbers, Point *points) {
+void read_decimals(BlockReader &in, unsigned places, bool as_differences, std::span<Point> points) {
   if (places >= POWERS.size()) return in.fail();
-  in.sequence(numbers, as_differences);
   const double power = POWERS[places];
-  for (size_t i = 0; i < numbers.size(); ++i) points[i].value = static_cast<double>(numbers[i]) / power;
+  in.sequence(points.size(), as_differences,
+              [at = points.data(), power](size_t i, int64_t number) { at[i].value = static_cast<double>(number) / power; });
   for (uint64_t n_left = in.varint(); n_left > 0 && in.is_valid(); --n_left) {
     const uint64_t index = in.varint();
-    if (index >= numbers.size()) return in.fail();
+    if (index >= points.size()) return in.fail();
     points[index].value = std::bit_cast<double>(in.word());
   }
 }
 
-void read_bits(BlockReader &in, bool as_differences, std::span<int64_t> numbers, Point *points) {
+void read_bits(BlockReader &in, bool as_differences, std::span<Point> points) {
   const unsigned shift = in.byte();
   if (shift > 62) return in.fail();
-  in.sequence(numbers, as_differences);
-  for (size_t i = 0; i < numbers.size(); ++i) {
-    const auto code = static_cast<uint64_t>(numbers[i]);
-    const bool is_negative = numbers[i] < 0;
-    points[i].value = std::bit_cast<double>((is_negative ? ~code << shift | SIGN : code << shift));
-  }
+  in.sequence(points.size(), as_differences, [at = points.data(), shift](size_t i, int64_t number) {
+    const auto code = static_cast<uint64_t>(number);
+    at[i].value = std::bit_cast<double>(number < 0 ? ~code << shift | SIGN : code << shift);
+  });
 }
 
-void read_values(BlockReader &in, ValueType type, std::span<int64_t> numbers, Point *points) {
+void read_values(BlockReader &in, ValueType type, std::span<Point> points) {
   const unsigned head = in.byte(), kind = head & KIND_MASK, places = head >> PLACES_SHIFT;
   const bool as_differences = (head & AS_DIFFERENCES) != 0;
   if ((kind == INTEGERS) != (type == ValueType::integer) || (kind != DECIMALS && places != 0)) return in.fail();
-  if (kind == DECIMALS) return read_decimals(in, places, as_differences, numbers, points);
-  if (kind == BITS) return read_bits(in, as_differences, numbers, points);
+  if (kind == DECIMALS) return read_decimals(in, places, as_differences, points);
+  if (kind == BITS) return read_bits(in, as_differences, points);
   if (kind != INTEGERS) return in.fail();
-  in.sequence(numbers, as_differences);
-  for (size_t i = 0; i < numbers.size(); ++i) points[i].value = std::bit_cast<double>(numbers[i]);
+  in.sequence(points.size(), as_differences,
+              [at = points.data()](size_t i, int64_t number) { at[i].value = std::bit_cast<double>(number); });
 }
 
 }  // namespace
@@ -482,9 +491,9 @@ bool decode_block(const char *bytes, size_t size, size_t n, ValueType type, std:
   BlockReader in(bytes, size);
   const size_t n_before = points.size();
   points.resize(n_before + n);
-  std::vector<int64_t> numbers(n);
-  read_times(in, numbers, points.data() + n_before);
-  if (in.is_valid()) read_values(in, type, numbers, points.data() + n_before);
+  const std::span<Point> decoded(points.data() + n_before, n);
+  read_times(in, decoded);
+  if (in.is_valid()) read_values(in, type, decoded);
   if (in.is_valid() && in.is_at_end()) return true;
   points.resize(n_before);
   return false;

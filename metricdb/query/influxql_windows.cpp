@@ -1,6 +1,7 @@
 #include "query/influxql_windows.h"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cmath>
 
@@ -85,6 +86,15 @@ void add_deviations(Cell &cell, std::span<const Point> points) {
   }
 }
 
+// As of the points of both (Chan, Golub and LeVeque).
+template <class Cell>
+void merge_deviations(Cell &cell, const Cell &added) {
+  const auto n = static_cast<double>(cell.n), n_added = static_cast<double>(added.n);
+  const double distance = added.a.value - cell.a.value;
+  cell.a.value += distance * n_added / (n + n_added);
+  cell.b.value += added.b.value + distance * distance * n * n_added / (n + n_added);
+}
+
 // Real if the range of integers is no integer of 64 bits.
 Number range_of(const Point &min, const Point &max, ValueType type) {
   int64_t range;
@@ -123,9 +133,16 @@ size_t WindowGrid::length_of_run(std::span<const Point> points) const {
   // Differences of times in order do not fit into the signed type, but do into the unsigned one.
   const auto first = static_cast<uint64_t>(points[0].ts_ns);
   const auto left_ns = static_cast<uint64_t>(every_ns_ - into_ns);
-  size_t length = 1;
-  while (length < points.size() && static_cast<uint64_t>(points[length].ts_ns) - first < left_ns) ++length;
-  return length;
+  const auto is_inside = [&](const Point &point) { return static_cast<uint64_t>(point.ts_ns) - first < left_ns; };
+  // Doubled while it is inside, and then halved: windows have few points, or many.
+  size_t inside = 1, step = 1;
+  while (inside + step <= points.size() && is_inside(points[inside + step - 1])) {
+    inside += step;
+    step *= 2;
+  }
+  const auto end = points.begin() + static_cast<ptrdiff_t>(std::min(inside + step, points.size()));
+  return static_cast<size_t>(
+      std::partition_point(points.begin() + static_cast<ptrdiff_t>(inside), end, is_inside) - points.begin());
 }
 
 void Aggregation::extend(size_t n_before, size_t n_after) {
@@ -151,7 +168,7 @@ void Aggregation::make_real() {
 }
 
 template <class Value>
-void Aggregation::add_values(Cell &cell, std::span<const Point> points) {
+void Aggregation::add_typed(Cell &cell, std::span<const Point> points) {
   switch (function_) {
     case Function::sum:
     case Function::mean:
@@ -177,6 +194,13 @@ void Aggregation::add_values(Cell &cell, std::span<const Point> points) {
   }
 }
 
+void Aggregation::add_values(Cell &cell, std::span<const Point> points) {
+  if (type_ == ValueType::integer)
+    add_typed<int64_t>(cell, points);
+  else
+    add_typed<double>(cell, points);
+}
+
 void Aggregation::add(size_t window, std::span<const Point> points) {
   if (points.empty()) return;
   Cell &cell = cells_[window];
@@ -184,11 +208,28 @@ void Aggregation::add(size_t window, std::span<const Point> points) {
     kept_[window].insert(kept_[window].end(), points.begin(), points.end());
   else if (function_ == Function::stddev)
     add_deviations(cell, points);
-  else if (type_ == ValueType::integer)
-    add_values<int64_t>(cell, points);
   else
-    add_values<double>(cell, points);
+    add_values(cell, points);
   cell.n += points.size();
+}
+
+void Aggregation::merge(Aggregation &other, size_t at) {
+  if (type_ == ValueType::real) other.make_real();
+  if (other.type_ == ValueType::real) make_real();
+  for (size_t window = 0; window < other.cells_.size(); ++window) {
+    Cell &cell = cells_[at + window];
+    const Cell &added = other.cells_[window];
+    if (added.n == 0) continue;
+    if (keeps_points())
+      kept_[at + window].insert(kept_[at + window].end(), other.kept_[window].begin(), other.kept_[window].end());
+    else if (function_ == Function::stddev)
+      merge_deviations(cell, added);
+    else if (function_ == Function::spread)
+      add_values(cell, std::array{added.a, added.b});
+    else
+      add_values(cell, {&added.a, 1});
+    cell.n += added.n;
+  }
 }
 
 std::optional<WindowResult> Aggregation::result(size_t window) {

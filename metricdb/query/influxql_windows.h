@@ -47,6 +47,9 @@ class Aggregation {
   // numbers of the aggregation's type.
   void add(size_t window, std::span<const Point> points);
 
+  // Adds all windows of another aggregation of the same function. Its first one is window `at` here.
+  void merge(Aggregation &other, size_t at);
+
   ValueType type() const { return type_; }
   // From here on all values are real.
   void make_real();
@@ -65,6 +68,7 @@ class Aggregation {
   };
 
   template <class Value>
+  void add_typed(Cell &cell, std::span<const Point> points);
   void add_values(Cell &cell, std::span<const Point> points);
   std::optional<WindowResult> percentile_of(std::vector<Point> &points) const;
 

@@ -27,8 +27,10 @@ enum class Outcome { done, gone, moved };
 
 class Reader {
  public:
-  Reader(const Store &store, const LiveSeries &which, const TimeRange &range, PointList &list, LiveRead what)
+  Reader(const Store &store, const LiveSeries &which, const TimeRange &range, PointList &list, LiveRead what,
+         const std::function<bool(size_t)> &goes_on)
       : what_(what),
+        goes_on_(goes_on),
         store_(store),
         live_(*store.live()),
         which_(which),
@@ -108,9 +110,13 @@ class Reader {
 
   bool walk_chain() {
     const int64_t from_ns = what_ == LiveRead::newest ? needed_from_ns_ : range_.from_ns;
-    return for_each_sealed([&](const SealedChunk &sealed, const char *chunk) {
-      return sealed.newest_ns < from_ns || sealed.oldest_ns > range_.to_ns || add_sealed(sealed, chunk);
+    const bool is_complete = for_each_sealed([&](const SealedChunk &sealed, const char *chunk) {
+      if (sealed.newest_ns < from_ns || sealed.oldest_ns > range_.to_ns) return true;
+      if (!add_sealed(sealed, chunk)) return false;
+      is_stopped_ = goes_on_ && !goes_on_(points_.size());
+      return !is_stopped_;
     });
+    return is_complete || is_stopped_;
   }
 
   bool add_sealed(const SealedChunk &sealed, const char *chunk) {
@@ -134,6 +140,8 @@ class Reader {
   }
 
   const LiveRead what_;
+  const std::function<bool(size_t)> &goes_on_;
+  bool is_stopped_ = false;
   const Store &store_;
   const LiveState &live_;
   const LiveSeries which_;
@@ -149,8 +157,9 @@ class Reader {
 
 }  // namespace
 
-void read_live(const Store &store, const LiveSeries &which, const TimeRange &range, PointList &list, LiveRead what) {
-  Reader reader(store, which, range, list, what);
+void read_live(const Store &store, const LiveSeries &which, const TimeRange &range, PointList &list, LiveRead what,
+               const std::function<bool(size_t)> &goes_on) {
+  Reader reader(store, which, range, list, what, goes_on);
   for (int i = 0; i < MAX_ATTEMPTS; ++i) {
     if (reader.attempt() != Outcome::moved) return;
     n_repeated.fetch_add(1, std::memory_order_relaxed);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 #include "store/store.h"
@@ -21,10 +22,13 @@ enum class LiveRead {
 // Sets `list` to the visible points of the series in the range, in order of arrival: those of one moment between call and
 // return, perhaps not durable yet. Nothing if the series does not exist any more.
 //
+// goes_on  asked after each sealed chunk with the number of points so far; if it returns false the reading ends, and `list`
+//          has any points. Not called without one.
+//
 // It takes no lock, unless what it reads was moved many times meanwhile; then it holds the lock of `changes` for this
 // series, for which the store's thread can wait.
 void read_live(const Store &store, const LiveSeries &which, const TimeRange &range, PointList &list,
-               LiveRead what = LiveRead::all);
+               LiveRead what = LiveRead::all, const std::function<bool(size_t n_points)> &goes_on = {});
 
 // Attempts that had to be repeated, and those that took the lock, of all threads since the process began.
 struct LiveReadCounts {

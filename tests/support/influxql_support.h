@@ -3,6 +3,7 @@
 #define INFLUXQL_SUPPORT_H
 
 #include <algorithm>
+#include <atomic>
 #include <string>
 #include <utility>
 #include <vector>
@@ -32,11 +33,11 @@ class MemorySource : public SeriesSource {
     }
   }
 
-  void read(uint32_t series, int64_t from_ns, int64_t to_ns, PointList &list) const override {
+  void read(uint32_t series, const SeriesRead &what, PointList &list) const override {
     list = {series_[series].second.type};
     for (const Point &point : series_[series].second.points)
-      if (point.ts_ns >= from_ns && point.ts_ns <= to_ns) list.points.push_back(point);
-    n_read += list.points.size();
+      if (point.ts_ns >= what.from_ns && point.ts_ns <= what.to_ns) list.points.push_back(point);
+    std::atomic_ref(n_read) += list.points.size();
   }
 
   mutable size_t n_visited = 0;
