@@ -66,13 +66,14 @@ class BlockWriter {
   }
   void signed_number(int64_t value) { varint(folded(value)); }
 
-  // Writes the lower bits of each number.
-  void packed(std::span<const uint64_t> numbers, unsigned width) {
+  // Writes the lower bits of the n numbers number(i).
+  template <class Number>
+  void packed(size_t n, unsigned width, Number number) {
     const uint64_t mask = low_bits(width);
     uint64_t bits = 0;
     unsigned n_bits = 0;  // in `bits`
-    for (const uint64_t number : numbers) {
-      const uint64_t low = number & mask;
+    for (size_t i = 0; i < n; ++i) {
+      const uint64_t low = number(i) & mask;
       bits |= low << n_bits;
       n_bits += width;
       if (n_bits >= 64) {
@@ -110,6 +111,12 @@ uint64_t offset_of(int64_t number, const GroupPlan &plan) {
   return plan.both_signs ? folded(offset) : static_cast<uint64_t>(offset);
 }
 
+void set_width(size_t n, unsigned longest, GroupPlan &plan) {
+  plan.width = longest > MAX_PACKED_WIDTH ? 64 : longest;
+  plan.n_exceptions = 0;
+  plan.bits = static_cast<unsigned>(n) * plan.width + 8 + varint_bits(length_of(folded(plan.base)));
+}
+
 // Sets the width with the fewest bits: the offsets that are longer become exceptions.
 void choose_width(std::span<const int64_t> numbers, GroupPlan &plan) {
   std::array<uint8_t, 65> n_of_length = {};
@@ -117,21 +124,19 @@ void choose_width(std::span<const int64_t> numbers, GroupPlan &plan) {
   const auto n = static_cast<unsigned>(numbers.size());
   unsigned longest = 64;
   while (longest > 0 && n_of_length[longest] == 0) --longest;
-  plan.width = longest > MAX_PACKED_WIDTH ? 64 : longest;
-  plan.n_exceptions = 0;
-  plan.bits = n * plan.width;
+  set_width(n, longest, plan);
+  const unsigned head_bits = plan.bits - n * plan.width;
   unsigned n_longer = 0;
   // With narrower widths there are more exceptions, each of at least 16 bits.
   for (unsigned width = longest; width-- > 0;) {
     n_longer += n_of_length[width + 1];
-    if (n_longer * 16 > plan.bits) break;
+    if (n_longer * 16 + head_bits > plan.bits) break;
     if (width > MAX_PACKED_WIDTH) continue;
-    unsigned bits = n * width + 8;
+    unsigned bits = head_bits + n * width + 8;
     for (unsigned length = width + 1; length <= longest; ++length)
       bits += n_of_length[length] * (8 + varint_bits(length - width));
     if (bits < plan.bits) plan = {plan.base, plan.both_signs, width, n_longer, bits};
   }
-  plan.bits += 8 + varint_bits(length_of(folded(plan.base)));
 }
 
 // The median of some of the n numbers number(i).
@@ -143,24 +148,32 @@ auto typical_of(size_t n, Number number) {
   return some[some.size() / 2];
 }
 
+// Whether a few numbers are far from the others, so that they can be exceptions. A quick test.
+bool has_outliers(std::span<const int64_t> numbers, int64_t typical, unsigned longest) {
+  constexpr unsigned SAVED_BITS = 3, BITS_OF_EXCEPTION = 16;
+  if (longest <= SAVED_BITS) return false;
+  size_t n_far = 0;
+  for (const int64_t number : numbers)
+    n_far += folded(difference(number, typical)) >> (longest - SAVED_BITS) != 0 ? 1 : 0;
+  return n_far * BITS_OF_EXCEPTION < numbers.size() * SAVED_BITS;
+}
+
 GroupPlan plan_of(std::span<const int64_t> numbers) {
-  GroupPlan plan;
   int64_t min = numbers[0], max = numbers[0];
   for (const int64_t number : numbers) {
     min = std::min(min, number);
     max = std::max(max, number);
   }
+  GroupPlan plan;
   plan.base = min;
-  const auto range = static_cast<uint64_t>(difference(max, min));
-  if (range == 0) {
-    plan.bits = 8 + varint_bits(length_of(folded(plan.base)));
-    return plan;
-  }
+  const unsigned longest = length_of(static_cast<uint64_t>(difference(max, min)));
+  set_width(numbers.size(), longest, plan);
+  const int64_t typical = typical_of(numbers.size(), [numbers](size_t i) { return numbers[i]; });
+  if (!has_outliers(numbers, typical, longest)) return plan;
   choose_width(numbers, plan);
-  // Numbers far below the others make a bad base.
+  // With numbers far below the others, the minimum is a bad base.
   GroupPlan other;
-  other.base = typical_of(numbers.size(), [&](size_t i) { return numbers[i]; });
-  if (length_of(range) <= length_of(static_cast<uint64_t>(difference(max, other.base))) + 2) return plan;
+  other.base = typical;
   other.both_signs = true;
   choose_width(numbers, other);
   return other.bits < plan.bits ? other : plan;
@@ -170,15 +183,22 @@ void write_group(std::span<const int64_t> numbers, const GroupPlan &plan, BlockW
   const unsigned code = plan.width == 64 ? WHOLE_WIDTH_CODE : plan.width;
   out.byte(code | (plan.both_signs ? BOTH_SIGNS : 0u) | (plan.n_exceptions != 0 ? HAS_EXCEPTIONS : 0u));
   out.signed_number(plan.base);
-  std::array<uint64_t, GROUP> offsets;
-  for (size_t i = 0; i < numbers.size(); ++i) offsets[i] = offset_of(numbers[i], plan);
-  if (plan.width != 0) out.packed({offsets.data(), numbers.size()}, plan.width);
+  if (plan.n_exceptions == 0 && !plan.both_signs) {
+    const auto base = static_cast<uint64_t>(plan.base);
+    if (plan.width != 0)
+      out.packed(numbers.size(), plan.width,
+                 [numbers, base](size_t i) { return static_cast<uint64_t>(numbers[i]) - base; });
+    return;
+  }
+  if (plan.width != 0)
+    out.packed(numbers.size(), plan.width, [numbers, plan](size_t i) { return offset_of(numbers[i], plan); });
   if (plan.n_exceptions == 0) return;
   out.byte(plan.n_exceptions - 1);
   for (size_t i = 0; i < numbers.size(); ++i) {
-    if (length_of(offsets[i]) <= plan.width) continue;
+    const uint64_t offset = offset_of(numbers[i], plan);
+    if (length_of(offset) <= plan.width) continue;
     out.byte(static_cast<unsigned>(i));
-    out.varint(offsets[i] >> plan.width);
+    out.varint(offset >> plan.width);
   }
 }
 
@@ -189,29 +209,53 @@ void write_groups(std::span<const int64_t> numbers, BlockWriter &out) {
   }
 }
 
-// Replaces each number except for the first one by its difference to the previous one, and writes all.
-void write_differences(std::span<int64_t> numbers, BlockWriter &out) {
-  for (size_t i = numbers.size() - 1; i > 0; --i) numbers[i] = difference(numbers[i], numbers[i - 1]);
+// Replaces each number except for the first one by its difference to the previous one. Returns whether one has wrapped.
+bool make_differences(std::span<int64_t> numbers) {
+  bool has_wrapped = false;
+  for (size_t i = numbers.size() - 1; i > 0; --i)
+    has_wrapped |= __builtin_sub_overflow(numbers[i], numbers[i - 1], &numbers[i]);
+  return has_wrapped;
+}
+
+bool are_equal(std::span<const int64_t> numbers) {
+  uint64_t any = 0;
+  for (const int64_t number : numbers) any |= static_cast<uint64_t>(number) ^ static_cast<uint64_t>(numbers[0]);
+  return any == 0;
+}
+
+void write_differences(std::span<const int64_t> numbers, BlockWriter &out) {
   out.signed_number(numbers[0]);
   write_groups(numbers.subspan(1), out);
 }
 
-// Divides the times by the unit if all are multiples of it. A template, because divisors that are known are fast.
+// Divides the numbers by the unit if all are multiples of it. A template, because divisors that are known are fast.
 template <int64_t UNIT>
-bool divide_by_unit(std::span<int64_t> times) {
-  for (const int64_t time : times)
-    if (time % UNIT != 0) return false;
-  for (int64_t &time : times) time /= UNIT;
+bool divide_by_unit(std::span<int64_t> numbers) {
+  for (const int64_t number : numbers)
+    if (number % UNIT != 0) return false;
+  for (int64_t &number : numbers) number /= UNIT;
   return true;
 }
 
+unsigned divide_by_largest_unit(std::span<int64_t> numbers) {
+  if (divide_by_unit<TIME_UNITS[3]>(numbers)) return 3;
+  if (divide_by_unit<TIME_UNITS[2]>(numbers)) return 2;
+  return divide_by_unit<TIME_UNITS[1]>(numbers) ? 1 : 0;
+}
+
 void write_times(std::span<int64_t> times, BlockWriter &out) {
-  if (divide_by_unit<TIME_UNITS[3]>(times))
-    out.byte(3);
-  else if (divide_by_unit<TIME_UNITS[2]>(times))
-    out.byte(2);
-  else
-    out.byte(divide_by_unit<TIME_UNITS[1]>(times) ? 1 : 0);
+  unsigned unit = 0;
+  const bool has_wrapped = make_differences(times);
+  const std::span<int64_t> differences = times.subspan(1);
+  if (has_wrapped) {
+    // What the decoder sums up wraps too, and then is no multiple of a unit.
+  } else if (differences.size() > 1 && are_equal(differences)) {
+    unit = divide_by_largest_unit(times.first(2));  // a regular series, as most are
+    std::fill(differences.begin(), differences.end(), differences[0]);
+  } else {
+    unit = divide_by_largest_unit(times);
+  }
+  out.byte(unit);
   write_differences(times, out);
 }
 
@@ -219,7 +263,7 @@ void write_times(std::span<int64_t> times, BlockWriter &out) {
 bool are_differences_short(std::span<const int64_t> numbers) {
   const size_t n = numbers.size();
   if (n < 3) return false;
-  const int64_t middle = typical_of(n, [&](size_t i) { return numbers[i]; });
+  const int64_t middle = typical_of(n, [numbers](size_t i) { return numbers[i]; });
   const uint64_t distance = typical_of(n, [&](size_t i) { return folded(difference(numbers[i], middle)); });
   const uint64_t change = typical_of(n - 1, [&](size_t i) { return folded(difference(numbers[i + 1], numbers[i])); });
   return change <= distance && distance != 0;
@@ -229,10 +273,12 @@ void write_values(uint8_t kind, std::span<int64_t> numbers, BlockWriter &out, st
   const bool as_differences = are_differences_short(numbers);
   out.byte(kind | (as_differences ? AS_DIFFERENCES : 0u));
   if (shift) out.byte(*shift);
-  if (as_differences)
+  if (as_differences) {
+    make_differences(numbers);
     write_differences(numbers, out);
-  else
+  } else {
     write_groups(numbers, out);
+  }
 }
 
 // Returns x with x / 10^places == value, bit by bit.
