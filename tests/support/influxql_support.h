@@ -21,9 +21,12 @@ class MemorySource : public SeriesSource {
   void add_integers(const std::string &measurement, std::vector<std::pair<std::string, std::string>> tags,
                     const std::string &field, const std::vector<std::pair<int64_t, int64_t>> &values) {
     add(measurement, std::move(tags), field, {});
-    series_.back().second.type = ValueType::integer;
-    for (const auto &[ts_ns, value] : values) series_.back().second.points.push_back(integer_point(ts_ns, value));
+    std::vector<Point> points;
+    for (const auto &[ts_ns, value] : values) points.push_back(integer_point(ts_ns, value));
+    set_last(points, ValueType::integer);
   }
+  // Replaces the points of the series that was added last.
+  void set_last(const std::vector<Point> &points, ValueType type) { series_.back().second = {type, points}; }
 
   void for_each_series(const SeriesFilter &filter, const Visit &visit) const override {
     for (uint32_t i = 0; i < series_.size(); ++i) {
