@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 #include <sys/epoll.h>
-#include <sys/eventfd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -21,15 +20,14 @@ void watch_input(int epoll_fd, int fd) {
 
 }  // namespace
 
-OpeningIngest::OpeningIngest() : wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), events_(epoll_create1(EPOLL_CLOEXEC)) {
-  watch_input(events_.get(), wake_.get());
+OpeningIngest::OpeningIngest() : events_(epoll_create1(EPOLL_CLOEXEC)) {
+  watch_input(events_.get(), wake_.fd());
 }
 
 void OpeningIngest::set_ready(Ingest &ingest) {
   watch_input(events_.get(), ingest.settled_fd());
   ready_.store(&ingest, std::memory_order_release);
-  const uint64_t one = 1;
-  [[maybe_unused]] const ssize_t written = write(wake_.get(), &one, sizeof(one));
+  wake_.raise();
 }
 
 void OpeningIngest::set_progress(uint64_t done_bytes, uint64_t all_bytes) {
@@ -51,8 +49,7 @@ uint64_t OpeningIngest::commit() {
 }
 
 uint64_t OpeningIngest::settled() {
-  uint64_t n_events;
-  [[maybe_unused]] const ssize_t got = read(wake_.get(), &n_events, sizeof(n_events));
+  wake_.drain();
   return is_ready() ? ready()->settled() : 0;
 }
 

@@ -7,7 +7,8 @@
 #include <atomic>
 #include <string>
 
-#include "net/listener.h"
+#include "net/descriptor.h"
+#include "net/event.h"
 #include "store/ingest.h"
 
 namespace metricdb {
@@ -35,7 +36,7 @@ class OpeningIngest final : public Ingest {
   Ingest *ready() const { return ready_.load(std::memory_order_acquire); }
   std::string starting() const;
 
-  Descriptor wake_;    // readable once it is ready
+  Event wake_;         // it has become ready
   Descriptor events_;  // readable when wake_ or the Ingest's descriptor is
   std::atomic<Ingest *> ready_ = nullptr;
   std::atomic<unsigned> percent_ = 0;
