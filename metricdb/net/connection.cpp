@@ -49,6 +49,14 @@ IngestResult Hub::take(std::string_view text, Precision precision) {
   return result;
 }
 
+void Hub::count(const QueryWorkers::Done &done) {
+  Counter &result = done.result == QueryResult::answered ? queries_answered
+                    : done.result == QueryResult::failed ? queries_failed
+                                                         : queries_interrupted;
+  result.add(1);
+  query_times.add(done.duration);
+}
+
 Connection::Connection(int fd, Hub &hub)
     : fd_(fd), hub_(hub), input_(hub.blocks), last_activity_(hub.now), request_begin_(hub.now) {}
 
@@ -99,6 +107,7 @@ void Connection::process() {
   // The limits left bytes that may be complete requests.
   is_deferred_ = !input_.empty() && !is_input_over_ && !is_within_limits();
   if (is_closing_) discard();
+  if (is_hung_up_ || is_peer_done_) on_hung_up();
   send_answers();
 }
 

@@ -46,6 +46,7 @@ struct Hub {
 
   // Passes lines to the Ingest and counts the result. Throws IngestRefused.
   IngestResult take(std::string_view text, Precision precision);
+  void count(const QueryWorkers::Done &done);
 
   const ServerOptions options;
   Ingest &ingest;
@@ -62,6 +63,8 @@ struct Hub {
   DurationHistogram batch_times;
   Counter accepted, closed, turned_away, stalled, requests, bytes, points, malformed, late, future, no_room, slow;
   Counter refused, lost;  // lost: refused because their batch was
+  DurationHistogram query_times;
+  Counter queries_answered, queries_failed, queries_refused, queries_interrupted;
 };
 
 // Tickets of refused batches that were just settled, each with its reason.
@@ -125,6 +128,8 @@ class Connection {
   // Returns the text of the answer to a query of this connection. Called once for each, in the order of the answers.
   virtual std::string text_of(uint64_t query, const QueryAnswer &answer) = 0;
   virtual void on_input_end() {}
+  // The peer has closed its side of the connection, or both. Can be called several times.
+  virtual void on_hung_up() {}
 
   Hub &hub() { return hub_; }
   const Hub &hub() const { return hub_; }

@@ -6,6 +6,19 @@
 
 namespace metricdb {
 
+HttpConnection::~HttpConnection() {
+  for (const auto &[id, form] : queries_) {
+    hub().query_fds.erase(id);
+    hub().queries.interrupt(id);
+  }
+}
+
+// A client that ends while it waits closes its side in the same way as one that only sends nothing more. The first kind is
+// common, and its queries would delay others.
+void HttpConnection::on_hung_up() {
+  for (const auto &[id, form] : queries_) hub().queries.interrupt(id);
+}
+
 void HttpConnection::consume() {
   while (is_within_limits()) {
     switch (reader_.read(input())) {
@@ -38,8 +51,10 @@ void HttpConnection::answer_request() {
 void HttpConnection::begin_query(const QueryRequest &query) {
   if (!hub().options.query) return queue_answer(error_answer(HTTP_STATUS_NOT_IMPLEMENTED, "queries are not answered"));
   const uint64_t id = ++hub().last_query;
-  if (hub().query_bytes > hub().options.max_query_bytes || !hub().queries.submit(id, query))
+  if (hub().query_bytes > hub().options.max_query_bytes || !hub().queries.submit(id, query)) {
+    hub().queries_refused.add(1);
     return queue_answer(error_answer(HTTP_STATUS_SERVICE_UNAVAILABLE, "too many queries wait, try again"));
+  }
   const HttpRequest &request = reader_.request();
   queries_[id] = {request.method, request.keep_alive, request.is_http_1_0};
   hub().query_fds[id] = fd();

@@ -15,6 +15,7 @@ class HttpConnection : public Connection {
  public:
   HttpConnection(int fd, Hub &hub, InfluxApi &api, Gunzip &gunzip)
       : Connection(fd, hub), api_(api), gunzip_(gunzip), reader_(hub.options.max_body_bytes) {}
+  ~HttpConnection() override;
 
  protected:
   void consume() override;
@@ -23,6 +24,7 @@ class HttpConnection : public Connection {
   void refuse_room() override;
   void refuse(PendingAnswer &answer, const std::string &reason) override;
   std::string text_of(uint64_t query, const QueryAnswer &answer) override;
+  void on_hung_up() override;
 
  private:
   void answer_request();

@@ -32,8 +32,9 @@ class MetricsText {
     begin(name, type, help);
     text_ += fmt::format("{} {}\n", name, value);
   }
-  void add_reason(const char *name, const char *reason, uint64_t value) {
-    text_ += fmt::format("{}{{reason=\"{}\"}} {}\n", name, reason, value);
+  void add_reason(const char *name, const char *reason, uint64_t value) { add_labelled(name, "reason", reason, value); }
+  void add_labelled(const char *name, const char *label, const char *text, uint64_t value) {
+    text_ += fmt::format("{}{{{}=\"{}\"}} {}\n", name, label, text, value);
   }
   std::string &text() { return text_; }
 
@@ -67,6 +68,20 @@ void append_server(MetricsText &metrics, const Hub &hub, size_t n_waiting_batche
   metrics.add("metricdb_waiting_batches", "gauge", "Batches that are not durable yet.", n_waiting_batches);
   metrics.begin("metricdb_batch_seconds", "histogram", "Time from the end of a batch until it is durable.");
   hub.batch_times.append_to(metrics.text(), "metricdb_batch_seconds");
+}
+
+void append_queries(MetricsText &metrics, const Hub &hub) {
+  const char *const queries = "metricdb_queries_total";
+  metrics.begin(queries, "counter", "Queries by their result.");
+  metrics.add_labelled(queries, "result", "answered", hub.queries_answered.value());
+  metrics.add_labelled(queries, "result", "failed", hub.queries_failed.value());
+  metrics.add_labelled(queries, "result", "refused", hub.queries_refused.value());
+  metrics.add_labelled(queries, "result", "interrupted", hub.queries_interrupted.value());
+  const QueryWorkers::Load load = hub.queries.load();
+  metrics.add("metricdb_waiting_queries", "gauge", "Queries that have not begun.", load.n_waiting);
+  metrics.add("metricdb_running_queries", "gauge", "Queries that have begun.", load.n_running);
+  metrics.begin("metricdb_query_seconds", "histogram", "Time from the arrival of a query until its answer is known.");
+  hub.query_times.append_to(metrics.text(), "metricdb_query_seconds");
 }
 
 void append_store(MetricsText &metrics, const IngestFigures &figures) {
@@ -107,6 +122,7 @@ void DurationHistogram::append_to(std::string &text, const char *name) const {
 std::string metrics_text(const Hub &hub, size_t n_waiting_batches) {
   MetricsText metrics;
   append_server(metrics, hub, n_waiting_batches);
+  append_queries(metrics, hub);
   append_store(metrics, hub.ingest.figures());
   metrics.add("process_resident_memory_bytes", "gauge", "Resident memory of the process.", resident_bytes());
   return std::move(metrics.text());

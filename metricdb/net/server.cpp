@@ -3,9 +3,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/epoll.h>
-#include <sys/eventfd.h>
 #include <tslb/tslb_util_common.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -17,6 +15,7 @@
 #include <vector>
 
 #include "net/connection.h"
+#include "net/event.h"
 #include "net/graphite_connection.h"
 #include "net/http_connection.h"
 #include "net/listener.h"
@@ -97,7 +96,7 @@ class Server::Loop {
   // Set by signal handlers and other threads.
   std::atomic<bool> is_stop_requested_ = false;
   std::atomic<bool> is_hang_up_requested_ = false;
-  Descriptor wake_;  // readable when one of them was set
+  Event wake_;  // one of them was set
   Descriptor epoll_;
   Listener influx_;
   Listener graphite_;
@@ -125,14 +124,13 @@ class Server::Loop {
 Server::Loop::Loop(const ServerOptions &options, Ingest &ingest)
     : hub_(options, ingest),
       api_({[this] { return why_unhealthy(); }, [this] { return metrics_text(hub_, batches_.size()); }}),
-      wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       epoll_(tslb_epoll_init(static_cast<int>(MAX_EVENTS), nullptr)),
       influx_(options.address, options.influx_port),
       graphite_(options.address, options.graphite_port) {
-  if (wake_.get() < 0 || epoll_.get() < 0) fail("server");
+  if (epoll_.get() < 0) fail("epoll");
   if (fcntl(epoll_.get(), F_SETFD, FD_CLOEXEC) != 0) fail("epoll");
   hub_.blocks.set_reclaim([this] { return close_stalled(); });
-  watch(wake_.get(), EPOLLIN);
+  watch(wake_.fd(), EPOLLIN);
   watch(ingest.settled_fd(), EPOLLIN);
   watch(hub_.queries.event_fd(), EPOLLIN);
   if (influx_.fd() >= 0) watch(influx_.fd(), EPOLLIN);
@@ -153,15 +151,11 @@ void Server::Loop::accept_graphite_if_ready() {
 
 void Server::Loop::request(std::atomic<bool> &flag) noexcept {
   flag = true;
-  const uint64_t one = 1;
-  // Fails only if the counter is at its maximum, and then the event is readable.
-  [[maybe_unused]] const ssize_t written = write(wake_.get(), &one, sizeof(one));
+  wake_.raise();
 }
 
 void Server::Loop::on_requests() {
-  uint64_t n_events;
-  // Before the flags are read, so that no request is lost.
-  [[maybe_unused]] const ssize_t got = read(wake_.get(), &n_events, sizeof(n_events));
+  wake_.drain();
   if (is_hang_up_requested_.exchange(false) && hub_.options.on_hang_up) hub_.options.on_hang_up();
   if (is_stop_requested_ && !is_draining_) begin_drain();
 }
@@ -210,7 +204,7 @@ void Server::Loop::wait_for_events() {
 
 void Server::Loop::on_event(const epoll_event &event) {
   const int fd = event.data.fd;
-  if (fd == wake_.get()) {
+  if (fd == wake_.fd()) {
     on_requests();
   } else if (fd == hub_.ingest.settled_fd()) {
     is_settled_readable_ = true;
@@ -355,13 +349,14 @@ void Server::Loop::settle() {
   resume_held();
 }
 
-// A connection can be closed, and its descriptor reused, while a query is answered: the other connection has no such query.
+// A connection that was closed has taken its queries out of query_fds.
 void Server::Loop::answer_queries() {
   for (const QueryWorkers::Done &done : hub_.queries.take_answers()) {
+    hub_.count(done);
     const auto waiting = hub_.query_fds.find(done.id);
+    if (waiting == hub_.query_fds.end()) continue;
     Place &place = places_[static_cast<size_t>(waiting->second)];
     hub_.query_fds.erase(waiting);
-    if (!place.connection) continue;
     place.connection->answered(done.id, done.answer);
     after_processing(place);
   }
