@@ -204,6 +204,7 @@ int serve(const ServeArguments &arguments) {
   options.address = arguments.address;
   options.influx_port = arguments.influx_port;
   options.graphite_port = arguments.graphite_port;
+  options.user_file = arguments.user_file;
   std::atomic<const DatabaseWriter *> readable = nullptr;
   options.query = [&readable](const QueryRequest &request, const IsInterrupted &is_interrupted) {
     return answer_query(readable, request, is_interrupted);

@@ -82,6 +82,7 @@ struct ServeArguments {
   std::string address = "127.0.0.1";
   std::optional<int> influx_port;  // 0: any free port
   std::optional<int> graphite_port;
+  std::string user_file;  // as in ServerOptions
   int64_t max_future_s = 600;
   size_t max_key_bytes = 1024;
   uint64_t max_new_series = 50'000;

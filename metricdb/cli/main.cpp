@@ -190,9 +190,11 @@ const char *const SERVE_FOOTER =
     "A point with the time of a recent point of its series replaces it, so requests can be sent again.\n"
     "Limits in time refer to data time, which is the newest timestamp so far. --max-future limits how far\n"
     "one timestamp can move it.\n"
+    "Users: the hash is one of crypt(3), for example of `openssl passwd -6`. The rights are rw, r or w; w for\n"
+    "/write, r for queries and /metrics. /ping and /health need no user.\n"
     "The ports are open before the database is; meanwhile the answer is 503 with the progress.\n"
     "SIGTERM and SIGINT: requests that have arrived are processed and answered, then the command ends.\n"
-    "SIGHUP: the log is opened again, for example after it was renamed.\n"
+    "SIGHUP: the log is opened again, for example after it was renamed, and the users are read again.\n"
     "\n"
     "Exit: 0 after a signal; 1 a port is in use, DIR cannot be used, or the disk failed.";
 
@@ -205,6 +207,10 @@ CLI::App *add_serve(CLI::App &app, ServeArguments &arguments) {
   add_port("--influx", arguments.influx_port, "port of the InfluxDB interface; 0: any free port");
   add_port("--graphite", arguments.graphite_port, "port of Graphite's plaintext protocol; 0: any free port");
   command->add_option("--address", arguments.address, "address to listen on")->capture_default_str()->type_name("IP");
+  command
+      ->add_option("--user-file", arguments.user_file,
+                   "users of the InfluxDB interface, lines name:hash or name:hash:rights; see below")
+      ->type_name("FILE");
   command
       ->add_option("--max-future", arguments.max_future_s,
                    "refuse lines whose timestamp is this much after the clock of this machine")

@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "net/access.h"
 #include "net/bytes.h"
 #include "net/limited_log.h"
 #include "net/metrics.h"
@@ -41,6 +42,7 @@ struct Hub {
       : options(server_options),
         ingest(target),
         blocks(server_options.max_buffered_bytes),
+        access(options.user_file),
         queries(options.query, options.n_query_threads, options.max_waiting_queries, options.max_query_time),
         log(server_options.max_log_lines, server_options.log_interval) {}
 
@@ -51,6 +53,7 @@ struct Hub {
   const ServerOptions options;
   Ingest &ingest;
   BlockPool blocks;
+  Access access;
   Clock::time_point now;        // the time of the current round
   size_t unanswered_bytes = 0;  // passed to the Ingest and not settled
   size_t open_bytes = 0;        // of these, not committed yet

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <utility>
 #include <variant>
 
 namespace metricdb {
@@ -23,14 +24,14 @@ void HttpConnection::consume() {
   while (is_within_limits()) {
     switch (reader_.read(input())) {
       case HttpReader::Outcome::more:
-        if (!is_continued_ && reader_.is_asked_to_continue(input())) answer_expectation();
+        if (reader_.has_head_only()) check_head();
         return;
       case HttpReader::Outcome::refused:
         return refuse_connection(reader_.refusal());
       case HttpReader::Outcome::request:
         answer_request();
         if (!reader_.request().keep_alive) end_input();
-        is_continued_ = false;
+        is_head_checked_ = is_continued_ = false;
         reader_.done(input());
         begin_next_request();
     }
@@ -44,8 +45,11 @@ void HttpConnection::answer_request() {
     write(*request);
   else if (const auto *query = std::get_if<QueryRequest>(&routed))
     begin_query(*query);
-  else
-    queue_answer(std::get<HttpAnswer>(routed));
+  else {
+    const HttpAnswer &answer = std::get<HttpAnswer>(routed);
+    if (!answer.log.empty()) log(answer.log, LogTopic::denials);
+    queue_answer(answer);
+  }
 }
 
 void HttpConnection::begin_query(const QueryRequest &query) {
@@ -107,6 +111,12 @@ void HttpConnection::write_lines(std::string_view lines, Precision precision) {
   }
 }
 
+void HttpConnection::check_head() {
+  if (!std::exchange(is_head_checked_, true))
+    if (const auto denial = api_.denial_of_head(reader_.request())) return refuse_connection(*denial);
+  if (!is_continued_ && reader_.is_asked_to_continue(input())) answer_expectation();
+}
+
 void HttpConnection::answer_expectation() {
   if (const auto answer = InfluxApi::answer_to_head(reader_.request())) return refuse_connection(*answer);
   is_continued_ = true;
@@ -115,7 +125,10 @@ void HttpConnection::answer_expectation() {
 
 void HttpConnection::refuse_connection(const HttpAnswer &answer) {
   hub().requests.add(1);
-  log(answer.error + "; connection closed");
+  if (answer.log.empty())
+    log(answer.error + "; connection closed");
+  else
+    log(answer.log + "; connection closed", LogTopic::denials);
   end_input();
   const HttpAnswer with_body = answer.json.empty() ? error_answer(answer.status, answer.error) : answer;
   queue({0, 0, answer_text(with_body, HTTP_POST, false, false)});

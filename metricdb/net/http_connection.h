@@ -31,6 +31,7 @@ class HttpConnection : public Connection {
   void write(const WriteRequest &write);
   void write_lines(std::string_view lines, Precision precision);
   void begin_query(const QueryRequest &query);
+  void check_head();
   void answer_expectation();
   void refuse_connection(const HttpAnswer &answer);
   void queue_answer(const HttpAnswer &answer, uint64_t ticket = 0, size_t bytes = 0);
@@ -44,7 +45,9 @@ class HttpConnection : public Connection {
     bool keep_alive, is_http_1_0;
   };
   std::unordered_map<uint64_t, Form> queries_;
-  bool is_continued_ = false;  // the body of the current request was requested
+  // Of the current request:
+  bool is_head_checked_ = false;  // its sender may send a body
+  bool is_continued_ = false;     // the body was requested
 };
 
 }  // namespace metricdb

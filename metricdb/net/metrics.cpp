@@ -8,6 +8,7 @@
 #include <numeric>
 
 #include "net/connection.h"
+#include "net/influx_api.h"
 
 namespace metricdb {
 namespace {
@@ -70,6 +71,14 @@ void append_server(MetricsText &metrics, const Hub &hub, size_t n_waiting_batche
   hub.batch_times.append_to(metrics.text(), "metricdb_batch_seconds");
 }
 
+void append_denied(MetricsText &metrics, const DeniedRequests &denied) {
+  const char *const name = "metricdb_denied_requests_total";
+  metrics.begin(name, "counter", "Requests that their user, or the lack of one, does not allow.");
+  metrics.add_reason(name, "unknown_user", denied.unknown);
+  metrics.add_reason(name, "no_right", denied.forbidden);
+  metrics.add_reason(name, "too_many_passwords", denied.busy);
+}
+
 void append_queries(MetricsText &metrics, const Hub &hub) {
   const char *const queries = "metricdb_queries_total";
   metrics.begin(queries, "counter", "Queries by their result.");
@@ -119,9 +128,10 @@ void DurationHistogram::append_to(std::string &text, const char *name) const {
       fmt::format("{}_bucket{{le=\"+Inf\"}} {}\n{}_sum {}\n{}_count {}\n", name, n_up_to, name, sum_s_, name, n_up_to);
 }
 
-std::string metrics_text(const Hub &hub, size_t n_waiting_batches) {
+std::string metrics_text(const Hub &hub, const DeniedRequests &denied, size_t n_waiting_batches) {
   MetricsText metrics;
   append_server(metrics, hub, n_waiting_batches);
+  append_denied(metrics, denied);
   append_queries(metrics, hub);
   append_store(metrics, hub.ingest.figures());
   metrics.add("process_resident_memory_bytes", "gauge", "Resident memory of the process.", resident_bytes());

@@ -65,6 +65,7 @@ class Server::Loop {
 
   void request(std::atomic<bool> &flag) noexcept;
   void on_requests();
+  void read_files_again();
   void watch(int fd, uint32_t events);
   void accept_graphite_if_ready();
   void run_round();
@@ -123,7 +124,8 @@ class Server::Loop {
 
 Server::Loop::Loop(const ServerOptions &options, Ingest &ingest)
     : hub_(options, ingest),
-      api_({[this] { return why_unhealthy(); }, [this] { return metrics_text(hub_, batches_.size()); }}),
+      api_({[this] { return why_unhealthy(); }, [this] { return metrics_text(hub_, api_.denied(), batches_.size()); }},
+           hub_.access),
       epoll_(tslb_epoll_init(static_cast<int>(MAX_EVENTS), nullptr)),
       influx_(options.address, options.influx_port),
       graphite_(options.address, options.graphite_port) {
@@ -156,8 +158,17 @@ void Server::Loop::request(std::atomic<bool> &flag) noexcept {
 
 void Server::Loop::on_requests() {
   wake_.drain();
-  if (is_hang_up_requested_.exchange(false) && hub_.options.on_hang_up) hub_.options.on_hang_up();
+  if (is_hang_up_requested_.exchange(false)) read_files_again();
   if (is_stop_requested_ && !is_draining_) begin_drain();
+}
+
+void Server::Loop::read_files_again() {
+  if (hub_.options.on_hang_up) hub_.options.on_hang_up();
+  try {
+    hub_.access.reload();
+  } catch (const ServerError &error) {
+    TSLB_DLOG(LOG_REFUSALS, "the users stay as they were: %s", error.what());
+  }
 }
 
 void Server::Loop::run() {

@@ -33,6 +33,8 @@ struct ServerOptions {
   std::optional<int> influx_port;     // 0: any free port. Without a port the protocol is off
   std::optional<int> graphite_port;
 
+  std::string user_file = {};  // for access.h, read again after `hang_up`; empty: clients need no password
+
   QueryFunction query = nullptr;  // answers SELECT and SHOW; without it they are refused
   unsigned n_query_threads = 2;
   size_t max_waiting_queries = 64;
@@ -58,7 +60,7 @@ struct ServerOptions {
   std::chrono::milliseconds log_interval{10'000};  // in which clients cause at most max_log_lines of each kind
   size_t max_log_lines = 20;
 
-  // Called on the server's thread after `hang_up`.
+  // Called on the server's thread after `hang_up`, before the files are read again.
   std::function<void()> on_hang_up = {};
 };
 
@@ -90,6 +92,7 @@ class Server {
   // Threads: any, also signal handlers, also before `run`.
   void stop() noexcept;
 
+  // Reads the files of the options again. One that has become wrong is logged, and what was read before stays.
   // Threads: as `stop`.
   void hang_up() noexcept;
 

@@ -158,6 +158,7 @@ class RunningServer {
     if (thread_.joinable()) thread_.join();
   }
   void stop_later() { server_.stop(); }
+  void hang_up() { server_.hang_up(); }
 
   FakeIngest &ingest() { return ingest_; }
   ServerCounters counters() const { return server_.counters(); }
