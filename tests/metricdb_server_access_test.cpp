@@ -148,6 +148,6 @@ TEST_F(Users, HangUpReadsThemAgainAndTheLogHasNoPassword) {
   std::string log;
   for (const auto &[name, content] : tree_of(root_)) log += content;
   EXPECT_THAT(log, HasSubstr("user \"b?ob\" was denied: wrong name or password"));
-  EXPECT_THAT(log, HasSubstr("the users stay as they were: " + path("users") + ":1: the hash is not one"));
+  EXPECT_THAT(log, HasSubstr("the users stay as before: " + path("users") + ":1: the hash is not one"));
   for (const char *secret : {"secret", "new-pass", "hidden-guess", "typo"}) EXPECT_EQ(count_of(log, secret), 0u) << log;
 }

@@ -1,5 +1,7 @@
 // `metricdb serve`: receives points over the network until a signal ends it.
+#include <arpa/inet.h>
 #include <fmt/format.h>
+#include <netinet/in.h>
 #include <signal.h>
 #include <sys/resource.h>
 
@@ -72,6 +74,22 @@ size_t connection_limit(size_t wanted) {
   setrlimit(RLIMIT_NOFILE, &limit);  // if this fails, the limit stays as it is
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur <= 2 * OWN_DESCRIPTORS) return 1;
   return std::min<size_t>(wanted, limit.rlim_cur - OWN_DESCRIPTORS);
+}
+
+bool is_loopback(const std::string &address) {
+  in_addr ipv4;
+  return inet_pton(AF_INET, address.c_str(), &ipv4) == 1 && ntohl(ipv4.s_addr) >> 24 == IN_LOOPBACKNET;
+}
+
+// Refuses to serve other machines without what protects the data.
+void check_exposure(const ServeArguments &arguments) {
+  if (arguments.insecure || is_loopback(arguments.address)) return;
+  const auto refuse = [&](const char *what) {
+    throw std::runtime_error(fmt::format("other machines can reach {}: {}, or --insecure", arguments.address, what));
+  };
+  if (arguments.tls_certificate_file.empty()) refuse("use --tls-cert and --tls-key");
+  if (arguments.user_file.empty()) refuse("use --user-file");
+  if (arguments.graphite_port) refuse("Graphite's protocol has no users, so use --influx alone");
 }
 
 std::string ports_line(const ServeArguments &arguments, const Server &server) {
@@ -199,11 +217,16 @@ class Opening {
 int serve(const ServeArguments &arguments) {
   if (!arguments.influx_port && !arguments.graphite_port)
     throw std::runtime_error("nothing to serve: use --influx, --graphite or both");
+  if (arguments.tls_certificate_file.empty() != arguments.tls_key_file.empty())
+    throw std::runtime_error("--tls-cert and --tls-key need each other");
+  check_exposure(arguments);
   ignore_harmless_signals();
   ServerOptions options;
   options.address = arguments.address;
   options.influx_port = arguments.influx_port;
   options.graphite_port = arguments.graphite_port;
+  options.tls_certificate_file = arguments.tls_certificate_file;
+  options.tls_key_file = arguments.tls_key_file;
   options.user_file = arguments.user_file;
   std::atomic<const DatabaseWriter *> readable = nullptr;
   options.query = [&readable](const QueryRequest &request, const IsInterrupted &is_interrupted) {

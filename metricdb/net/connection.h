@@ -9,6 +9,7 @@
 #include <chrono>
 #include <deque>
 #include <limits>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -20,6 +21,7 @@
 #include "net/limited_log.h"
 #include "net/metrics.h"
 #include "net/server.h"
+#include "net/transport.h"
 #include "store/ingest.h"
 
 namespace metricdb {
@@ -43,8 +45,12 @@ struct Hub {
         ingest(target),
         blocks(server_options.max_buffered_bytes),
         access(options.user_file),
+        tls(tls_of(options)),
         queries(options.query, options.n_query_threads, options.max_waiting_queries, options.max_query_time),
         log(server_options.max_log_lines, server_options.log_interval) {}
+
+  // None without a certificate. Throws TlsError.
+  static std::optional<TlsContext> tls_of(const ServerOptions &options);
 
   // Passes lines to the Ingest and counts the result. Throws IngestRefused.
   IngestResult take(std::string_view text, Precision precision);
@@ -54,6 +60,7 @@ struct Hub {
   Ingest &ingest;
   BlockPool blocks;
   Access access;
+  std::optional<TlsContext> tls;
   Clock::time_point now;        // the time of the current round
   size_t unanswered_bytes = 0;  // passed to the Ingest and not settled
   size_t open_bytes = 0;        // of these, not committed yet
@@ -65,6 +72,7 @@ struct Hub {
   LimitedLog log;
   DurationHistogram batch_times;
   Counter accepted, closed, turned_away, stalled, requests, bytes, points, malformed, late, future, no_room, slow;
+  Counter tls_failed;
   Counter refused, lost;  // lost: refused because their batch was
   DurationHistogram query_times;
   Counter queries_answered, queries_failed, queries_refused, queries_interrupted;
@@ -80,7 +88,7 @@ class Connection {
   Connection(const Connection &) = delete;
   Connection &operator=(const Connection &) = delete;
 
-  int fd() const { return fd_; }
+  int fd() const { return transport_.fd(); }
 
   void on_events(uint32_t events);
   // Receives once, processes complete requests, and sends answers.
@@ -150,14 +158,15 @@ class Connection {
  private:
   void check_speed(const PendingAnswer &answer);
   void receive();
+  void on_error();
   void on_received(size_t n);
   void send_answers();
   void send_out();
   void begin_close();
   void discard();
 
-  const int fd_;
   Hub &hub_;
+  Transport transport_;
   ByteBuffer input_;
   std::deque<PendingAnswer> pending_;
   size_t pending_bytes_ = 0;

@@ -64,6 +64,7 @@ void append_server(MetricsText &metrics, const Hub &hub, size_t n_waiting_batche
   metrics.begin(closed, "counter", "Connections that the server closed.");
   metrics.add_reason(closed, "too_many", hub.turned_away.value());
   metrics.add_reason(closed, "stalled", hub.stalled.value());
+  metrics.add_reason(closed, "tls", hub.tls_failed.value());
   metrics.add("metricdb_buffered_bytes", "gauge", "Memory for incomplete requests.", hub.blocks.lent_bytes());
   metrics.add("metricdb_waiting_bytes", "gauge", "Bytes of lines that are not durable yet.", hub.unanswered_bytes);
   metrics.add("metricdb_waiting_batches", "gauge", "Batches that are not durable yet.", n_waiting_batches);

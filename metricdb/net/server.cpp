@@ -164,11 +164,15 @@ void Server::Loop::on_requests() {
 
 void Server::Loop::read_files_again() {
   if (hub_.options.on_hang_up) hub_.options.on_hang_up();
-  try {
-    hub_.access.reload();
-  } catch (const ServerError &error) {
-    TSLB_DLOG(LOG_REFUSALS, "the users stay as they were: %s", error.what());
-  }
+  const auto attempt = [](const char *what, const auto &read) {
+    try {
+      read();
+    } catch (const std::runtime_error &error) {
+      TSLB_DLOG(LOG_REFUSALS, "the %s as before: %s", what, error.what());
+    }
+  };
+  attempt("users stay", [this] { hub_.access.reload(); });
+  attempt("certificate stays", [this] { hub_.tls = Hub::tls_of(hub_.options); });
 }
 
 void Server::Loop::run() {

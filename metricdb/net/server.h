@@ -33,6 +33,8 @@ struct ServerOptions {
   std::optional<int> influx_port;     // 0: any free port. Without a port the protocol is off
   std::optional<int> graphite_port;
 
+  // PEM; for both protocols. Read again after `hang_up`, for new connections. Empty: no TLS.
+  std::string tls_certificate_file = {}, tls_key_file = {};
   std::string user_file = {};  // for access.h, read again after `hang_up`; empty: clients need no password
 
   QueryFunction query = nullptr;  // answers SELECT and SHOW; without it they are refused
@@ -81,7 +83,7 @@ struct ServerCounters {
 
 class Server {
  public:
-  // Begins to listen. Throws ServerError. The Ingest must exist as long as the server.
+  // Begins to listen. Throws ServerError; TlsError for the certificate. The Ingest must exist as long as the server.
   Server(const ServerOptions &options, Ingest &ingest);
   ~Server();
 
