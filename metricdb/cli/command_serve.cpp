@@ -19,7 +19,6 @@
 #include "cli/log_file.h"
 #include "cli/output.h"
 #include "cli/write_options.h"
-#include "net/opening_ingest.h"
 #include "net/server.h"
 #include "query/influxql.h"
 #include "query/store_source.h"
@@ -145,9 +144,8 @@ WriterOptions serve_writer_options(const ServeArguments &arguments) {
 class Opening {
  public:
   // readable  receives the database when it is open.
-  Opening(const ServeArguments &arguments, Server &server, OpeningIngest &ingest,
-          std::atomic<const DatabaseWriter *> &readable)
-      : arguments_(arguments), server_(server), ingest_(ingest), readable_(readable), thread_([this] { run(); }) {}
+  Opening(const ServeArguments &arguments, Server &server, std::atomic<const DatabaseWriter *> &readable)
+      : arguments_(arguments), server_(server), readable_(readable), thread_([this] { run(); }) {}
   ~Opening() {
     if (thread_.joinable()) thread_.join();
   }
@@ -187,14 +185,14 @@ class Opening {
     TSLB_DLOG(LOG_PROGRESS, "%s", line.c_str());
     is_done_ = true;  // before points can be stored
     readable_ = &*writer_;
-    ingest_.set_ready(*writer_);
+    server_.open(*writer_);
     print_if_read(line);
   }
 
   // Small databases are open at once.
   void report(uint64_t done_bytes, uint64_t all_bytes) {
     constexpr uint64_t LOGGED_BYTES = 64 << 20;
-    ingest_.set_progress(done_bytes, all_bytes);
+    server_.set_progress(done_bytes, all_bytes);
     if (all_bytes < LOGGED_BYTES || done_bytes < next_logged_bytes_) return;
     next_logged_bytes_ = done_bytes + all_bytes / 10;
     TSLB_DLOG(LOG_PROGRESS, "opening: %llu of %llu bytes", static_cast<unsigned long long>(done_bytes),
@@ -203,7 +201,6 @@ class Opening {
 
   const ServeArguments &arguments_;
   Server &server_;
-  OpeningIngest &ingest_;
   std::atomic<const DatabaseWriter *> &readable_;
   uint64_t next_logged_bytes_ = 0;
   std::optional<DatabaseWriter> writer_;
@@ -234,10 +231,9 @@ int serve(const ServeArguments &arguments) {
   };
   options.max_connections = connection_limit(options.max_connections);
   options.on_hang_up = reopen_log;
-  OpeningIngest ingest;
-  Server server(options, ingest);
+  Server server(options);
   const ServerSignals signals(server);
-  Opening opening(arguments, server, ingest, readable);
+  Opening opening(arguments, server, readable);
   server.run();
   DatabaseWriter &writer = opening.result();
   const std::string why = writer.wait(writer.commit());

@@ -34,7 +34,8 @@ std::optional<TlsContext> Hub::tls_of(const ServerOptions &options) {
 IngestResult Hub::take(std::string_view text, Precision precision) {
   IngestResult result;
   try {
-    result = ingest.take(text, precision);
+    if (ingest == nullptr) throw IngestRefused(why_not_writable());
+    result = ingest->take(text, precision);
   } catch (const IngestRefused &) {
     refused.add(1);
     throw;
@@ -49,6 +50,11 @@ IngestResult Hub::take(std::string_view text, Precision precision) {
   unanswered_bytes += text.size();
   open_bytes += text.size();
   return result;
+}
+
+std::string Hub::why_not_writable() const {
+  if (ingest != nullptr) return ingest->why_not_writable();
+  return fmt::format("starting: the database is being opened, {} % are read", opened_percent.load());
 }
 
 void Hub::count(const QueryWorkers::Done &done) {

@@ -40,9 +40,8 @@ class Counter {
 
 // Shared by the connections of a server.
 struct Hub {
-  Hub(const ServerOptions &server_options, Ingest &target)
+  explicit Hub(const ServerOptions &server_options)
       : options(server_options),
-        ingest(target),
         blocks(server_options.max_buffered_bytes),
         access(options.user_file),
         tls(tls_of(options)),
@@ -52,12 +51,16 @@ struct Hub {
   // None without a certificate. Throws TlsError.
   static std::optional<TlsContext> tls_of(const ServerOptions &options);
 
-  // Passes lines to the Ingest and counts the result. Throws IngestRefused.
+  // Passes lines to the Ingest and counts the result. Throws IngestRefused, also while there is none.
   IngestResult take(std::string_view text, Precision precision);
   void count(const QueryWorkers::Done &done);
+  IngestFigures figures() const { return ingest != nullptr ? ingest->figures() : IngestFigures(); }
+  // As the function of the Ingest.
+  std::string why_not_writable() const;
 
   const ServerOptions options;
-  Ingest &ingest;
+  Ingest *ingest = nullptr;                  // null while the database is being opened
+  std::atomic<unsigned> opened_percent = 0;  // set by another thread
   BlockPool blocks;
   Access access;
   std::optional<TlsContext> tls;

@@ -134,7 +134,7 @@ std::string metrics_text(const Hub &hub, const DeniedRequests &denied, size_t n_
   append_server(metrics, hub, n_waiting_batches);
   append_denied(metrics, denied);
   append_queries(metrics, hub);
-  append_store(metrics, hub.ingest.figures());
+  append_store(metrics, hub.figures());
   metrics.add("process_resident_memory_bytes", "gauge", "Resident memory of the process.", resident_bytes());
   return std::move(metrics.text());
 }

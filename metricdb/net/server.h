@@ -4,8 +4,8 @@
 // request, and the plaintext protocol of Graphite (graphite.h), which answers nothing. Graphite lines that are refused
 // are counted and lost.
 //
-// One thread runs everything but queries, in rounds. A round receives once per connection, passes all complete requests to the
-// Ingest and commits them as one batch. Their answers wait for the ticket of this batch, while the following rounds
+// One thread runs everything but queries, in rounds. A round receives once per connection, passes all complete requests to
+// the Ingest and commits them as one batch. Their answers wait for the ticket of this batch, while the following rounds
 // receive more. The number of waiting bytes is limited per connection and in total. When a limit is reached, nothing
 // more is received.
 #pragma once
@@ -83,9 +83,15 @@ struct ServerCounters {
 
 class Server {
  public:
-  // Begins to listen. Throws ServerError; TlsError for the certificate. The Ingest must exist as long as the server.
-  Server(const ServerOptions &options, Ingest &ingest);
+  // Begins to listen. Throws ServerError; TlsError for the certificate.
+  explicit Server(const ServerOptions &options);
   ~Server();
+
+  // Gives the server the database, once. Until then lines are refused with the progress, /health fails, and Graphite
+  // connections wait. The Ingest must exist until `run` has returned, and is used by its thread only.
+  // Threads: any, also before `run`.
+  void open(Ingest &ingest) noexcept;
+  void set_progress(uint64_t done_bytes, uint64_t all_bytes) noexcept;
 
   // Serves until `stop`. Called once. After `stop`, complete requests that have arrived are still processed and
   // answered. Throws ServerError after a failed system call, and exceptions of the Ingest other than IngestRefused.

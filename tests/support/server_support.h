@@ -146,7 +146,10 @@ class FakeIngest : public Ingest {
 class RunningServer {
  public:
   explicit RunningServer(const ServerOptions &options = {.influx_port = 0, .graphite_port = 0})
-      : server_(options, ingest_), thread_([this] { server_.run(); }) {}
+      : server_(options), thread_([this] {
+          server_.open(ingest_);
+          server_.run();
+        }) {}
   ~RunningServer() {
     ingest_.settle_all();
     stop();
