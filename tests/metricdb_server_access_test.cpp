@@ -120,6 +120,12 @@ TEST_F(Users, GuessesHaveABudget) {
   EXPECT_EQ(access.check(Credentials{"ann", "guess"}, Right::any), Outcome::busy);
   EXPECT_EQ(access.check(Credentials{"nobody", "guess"}, Right::any), Outcome::busy);
   EXPECT_EQ(access.check(ann, Right::write), Outcome::allowed);
+  access.reload();
+  EXPECT_EQ(access.check(ann, Right::write), Outcome::allowed) << "a password that has not changed is hashed again";
+  write_users("ann:" + hash_of("new"));
+  access.reload();
+  EXPECT_EQ(access.check(ann, Right::write), Outcome::busy) << "the former password is still known";
+  write_users(three_users());
   Access guessed(path("users"), {.max_s = 1e-9, .share = 0});
   for (int i = 0; i < 2; ++i) EXPECT_EQ(guessed.check(Credentials{"ann", "old"}, Right::any), Outcome::unknown);
   EXPECT_EQ(guessed.check(ann, Right::any), Outcome::busy);

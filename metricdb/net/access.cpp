@@ -71,7 +71,11 @@ Access::Access(std::string file, const PasswordBudget &budget)
 
 void Access::reload() {
   if (file_.empty()) return;
-  users_ = users_of(file_);
+  Users users = users_of(file_);
+  for (auto &[name, user] : users)
+    if (const auto former = users_.find(name); former != users_.end() && former->second.hash == user.hash)
+      user.verified = former->second.verified;
+  users_ = std::move(users);
   wrong_ = {};
 }
 
