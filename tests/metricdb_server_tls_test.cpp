@@ -1,6 +1,7 @@
 // TLS of the server and of its own client.
 #include "certificate.h"
 #include "net/http_client.h"
+#include "net/listener.h"
 #include "net/transport.h"
 #include "server_support.h"
 
@@ -94,7 +95,7 @@ TEST_F(Tls, CarriesBothProtocols) {
   EXPECT_EQ(server.ingest().points().back(), "b value=2@7000000000");
 }
 
-// Requests that have arrived are answered when the server ends, and the session is closed as TLS demands.
+// Requests that have arrived are answered when the server ends.
 TEST_F(Tls, DrainsAtTheEnd) {
   RunningServer server(options());
   const TlsContext trust = trusting("first");
@@ -144,6 +145,23 @@ TEST_F(Tls, ClientsCheckTheCertificateAndHangUpReplacesIt) {
   write_file(root_ / "second.key", "damaged");
   EXPECT_THAT(refusal_of([&] { TlsContext::of_server(path("second.crt"), path("second.key")); }),
               HasSubstr("second.key: "));
+}
+
+TEST(HttpClient, RefusesIncompleteAnswers) {
+  Listener listener("127.0.0.1", 0);
+  std::thread server([&] {
+    const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 6\r\n\r\nshort";
+    int fd = -1;
+    wait_until([&] { return (fd = listener.accept([](const char *) {})) >= 0; });
+    const Descriptor connection(fd);
+    EXPECT_EQ(send(fd, answer.data(), answer.size(), 0), static_cast<ssize_t>(answer.size()));
+    shutdown(fd, SHUT_WR);
+    char byte;
+    wait_until([&] { return recv(fd, &byte, 1, 0) == 0; });
+  });
+  EXPECT_THAT(refusal_of([&] { fetch({.address = fmt::format("127.0.0.1:{}", listener.port())}, "/", ""); }),
+              HasSubstr("incomplete"));
+  server.join();
 }
 
 TEST(HttpClient, SendsPasswordsToLoopbackOnly) {

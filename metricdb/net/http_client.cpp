@@ -9,6 +9,7 @@
 
 #include <cctype>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <optional>
@@ -118,7 +119,13 @@ FetchedAnswer fetch(const HttpServer &server, std::string_view target, std::stri
   const std::string text = received(server.address, transport);
   const size_t head_end = text.find("\r\n\r\n");
   if (!text.starts_with("HTTP/1.") || head_end == text.npos) fail(server.address, "the answer is no HTTP");
-  return {std::atoi(text.c_str() + std::strlen("HTTP/1.1 ")), text.substr(head_end + 4)};
+  FetchedAnswer answer = {std::atoi(text.c_str() + std::strlen("HTTP/1.1 ")), text.substr(head_end + 4)};
+  // The end of a connection does not say that the answer is complete.
+  const size_t length = text.find("\r\nContent-Length: ");
+  if (length < head_end &&
+      std::strtoull(&text[length + std::strlen("\r\nContent-Length: ")], nullptr, 10) != answer.body.size())
+    fail(server.address, "the answer is incomplete");
+  return answer;
 }
 
 }  // namespace metricdb
