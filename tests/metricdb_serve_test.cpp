@@ -91,6 +91,29 @@ TEST_F(Serve, RequestsCanBeSentAgain) {
   EXPECT_EQ(dropping.end(SIGTERM), 0);
 }
 
+TEST_F(Serve, OtherMachinesNeedTlsAndUsers) {
+  const struct {
+    const char *arguments, *reason;
+  } rows[] = {
+      {"--address 0.0.0.0", "use --tls-cert and --tls-key, or --insecure"},
+      {"--address 192.0.2.1 --tls-cert c --tls-key k", "use --user-file, or --insecure"},
+      {"--address 128.0.0.1 --tls-cert c --tls-key k --user-file u --graphite 0", "Graphite's protocol has no users"},
+      {"--tls-cert c", "--tls-cert and --tls-key need each other"},
+      {"--tls-cert c --tls-key k", "c: "},
+      {"--user-file u", "u: No such file"},
+  };
+  for (const auto &row : rows) {
+    const Outcome refused = run(std::string("serve --db db --influx 0 ") + row.arguments);
+    EXPECT_EQ(refused.exit_code, 1);
+    EXPECT_THAT(refused.err, HasSubstr(row.reason));
+    EXPECT_FALSE(fs::exists(path("db")));
+  }
+  ServeProcess serve(root_, "--db db --address 0.0.0.0 --insecure");
+  EXPECT_TRUE(wait_until([&] { return serve.output().find("influx 0.0.0.0:") != std::string::npos; }))
+      << serve.output();
+  EXPECT_EQ(serve.end(SIGTERM), 0);
+}
+
 TEST_F(Serve, HangUpOpensTheLogAgain) {
   ServeProcess serve(root_, "--db db --log log");
   const int port = serve.port();

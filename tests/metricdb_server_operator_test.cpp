@@ -1,6 +1,5 @@
 // What a server says about itself: /health, /metrics and the log.
 #include "net/limited_log.h"
-#include "net/opening_ingest.h"
 #include "server_support.h"
 #include "store/log.h"
 
@@ -111,20 +110,19 @@ TEST_F(Operator, HealthFailsWhileItCannotWrite) {
 
 // Graphite lines have no answer, so they are not received before they can be stored.
 TEST_F(Operator, AnswersWhileTheDatabaseIsOpened) {
-  OpeningIngest opening;
   FakeIngest fake;
-  Server server({.influx_port = 0, .graphite_port = 0}, opening);
+  Server server({.influx_port = 0, .graphite_port = 0});
   std::thread thread([&server] { server.run(); });
   Peer peer(server.influx_port()), graphite(server.graphite_port());
   ASSERT_TRUE(graphite.send("early 1 7\n"));
-  opening.set_progress(1, 4);
+  server.set_progress(1, 4);
   const std::string health = answer_to(peer, get("/health"));
   EXPECT_EQ(Peer::status_of(health), 503);
   EXPECT_THAT(health, HasSubstr("starting: the database is being opened, 25 % are read"));
   EXPECT_EQ(ask(peer, post("m f=1 5")), 503);
   EXPECT_EQ(ask(peer, get("/ping")), 204);
   EXPECT_EQ(ask(peer, get("/metrics")), 200);
-  opening.set_ready(fake);
+  server.open(fake);
   ASSERT_TRUE(wait_until([&] { return server.counters().points == 1; })) << "the Graphite line";
   EXPECT_EQ(ask(peer, get("/health")), 200);
   EXPECT_EQ(ask(peer, post("m f=1 5")), 204);

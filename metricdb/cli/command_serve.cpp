@@ -1,5 +1,7 @@
 // `metricdb serve`: receives points over the network until a signal ends it.
+#include <arpa/inet.h>
 #include <fmt/format.h>
+#include <netinet/in.h>
 #include <signal.h>
 #include <sys/resource.h>
 
@@ -17,7 +19,6 @@
 #include "cli/log_file.h"
 #include "cli/output.h"
 #include "cli/write_options.h"
-#include "net/opening_ingest.h"
 #include "net/server.h"
 #include "query/influxql.h"
 #include "query/store_source.h"
@@ -74,6 +75,22 @@ size_t connection_limit(size_t wanted) {
   return std::min<size_t>(wanted, limit.rlim_cur - OWN_DESCRIPTORS);
 }
 
+bool is_loopback(const std::string &address) {
+  in_addr ipv4;
+  return inet_pton(AF_INET, address.c_str(), &ipv4) == 1 && ntohl(ipv4.s_addr) >> 24 == IN_LOOPBACKNET;
+}
+
+// Refuses to serve other machines without what protects the data.
+void check_exposure(const ServeArguments &arguments) {
+  if (arguments.insecure || is_loopback(arguments.address)) return;
+  const auto refuse = [&](const char *what) {
+    throw std::runtime_error(fmt::format("other machines can reach {}: {}, or --insecure", arguments.address, what));
+  };
+  if (arguments.tls_certificate_file.empty()) refuse("use --tls-cert and --tls-key");
+  if (arguments.user_file.empty()) refuse("use --user-file");
+  if (arguments.graphite_port) refuse("Graphite's protocol has no users, so use --influx alone");
+}
+
 std::string ports_line(const ServeArguments &arguments, const Server &server) {
   std::string line = "serving         ";
   if (arguments.influx_port) line += fmt::format(" influx {}:{}", arguments.address, server.influx_port());
@@ -128,9 +145,8 @@ WriterOptions serve_writer_options(const ServeArguments &arguments) {
 class Opening {
  public:
   // readable  receives the database when it is open.
-  Opening(const ServeArguments &arguments, Server &server, OpeningIngest &ingest,
-          std::atomic<const DatabaseWriter *> &readable)
-      : arguments_(arguments), server_(server), ingest_(ingest), readable_(readable), thread_([this] { run(); }) {}
+  Opening(const ServeArguments &arguments, Server &server, std::atomic<const DatabaseWriter *> &readable)
+      : arguments_(arguments), server_(server), readable_(readable), thread_([this] { run(); }) {}
   ~Opening() {
     if (thread_.joinable()) thread_.join();
   }
@@ -170,14 +186,14 @@ class Opening {
     TSLB_DLOG(LOG_PROGRESS, "%s", line.c_str());
     is_done_ = true;  // before points can be stored
     readable_ = &*writer_;
-    ingest_.set_ready(*writer_);
+    server_.open(*writer_);
     print_if_read(line);
   }
 
   // Small databases are open at once.
   void report(uint64_t done_bytes, uint64_t all_bytes) {
     constexpr uint64_t LOGGED_BYTES = 64 << 20;
-    ingest_.set_progress(done_bytes, all_bytes);
+    server_.set_progress(done_bytes, all_bytes);
     if (all_bytes < LOGGED_BYTES || done_bytes < next_logged_bytes_) return;
     next_logged_bytes_ = done_bytes + all_bytes / 10;
     TSLB_DLOG(LOG_PROGRESS, "opening: %llu of %llu bytes", static_cast<unsigned long long>(done_bytes),
@@ -186,7 +202,6 @@ class Opening {
 
   const ServeArguments &arguments_;
   Server &server_;
-  OpeningIngest &ingest_;
   std::atomic<const DatabaseWriter *> &readable_;
   uint64_t next_logged_bytes_ = 0;
   std::optional<DatabaseWriter> writer_;
@@ -200,21 +215,26 @@ class Opening {
 int serve(const ServeArguments &arguments) {
   if (!arguments.influx_port && !arguments.graphite_port)
     throw std::runtime_error("nothing to serve: use --influx, --graphite or both");
+  if (arguments.tls_certificate_file.empty() != arguments.tls_key_file.empty())
+    throw std::runtime_error("--tls-cert and --tls-key need each other");
+  check_exposure(arguments);
   ignore_harmless_signals();
   ServerOptions options;
   options.address = arguments.address;
   options.influx_port = arguments.influx_port;
   options.graphite_port = arguments.graphite_port;
+  options.tls_certificate_file = arguments.tls_certificate_file;
+  options.tls_key_file = arguments.tls_key_file;
+  options.user_file = arguments.user_file;
   std::atomic<const DatabaseWriter *> readable = nullptr;
   options.query = [&readable](const QueryRequest &request, const IsInterrupted &is_interrupted) {
     return answer_query(readable, request, is_interrupted);
   };
   options.max_connections = connection_limit(options.max_connections);
   options.on_hang_up = reopen_log;
-  OpeningIngest ingest;
-  Server server(options, ingest);
+  Server server(options);
   const ServerSignals signals(server);
-  Opening opening(arguments, server, ingest, readable);
+  Opening opening(arguments, server, readable);
   server.run();
   DatabaseWriter &writer = opening.result();
   const std::string why = writer.wait(writer.commit());

@@ -42,8 +42,10 @@ struct SeriesArguments {
 
 struct QueryArguments {
   std::string db;
-  std::string server;     // ADDRESS:PORT of a running server, in place of db
-  std::string statement;  // InfluxQL, in place of a key and a function
+  std::string server;         // of a running server, as in HttpServer, in place of db
+  std::string ca_file, user;  // as in HttpServer
+  std::string password_file;  // empty: the variable METRICDB_PASSWORD
+  std::string statement;      // InfluxQL, in place of a key and a function
   bool salvage = false;
   std::string key;
   std::string from, to;  // texts for time_text.h; empty: no limit
@@ -82,6 +84,8 @@ struct ServeArguments {
   std::string address = "127.0.0.1";
   std::optional<int> influx_port;  // 0: any free port
   std::optional<int> graphite_port;
+  std::string tls_certificate_file, tls_key_file, user_file;  // as in ServerOptions
+  bool insecure = false;                                      // other machines can connect without TLS or users
   int64_t max_future_s = 600;
   size_t max_key_bytes = 1024;
   uint64_t max_new_series = 50'000;
