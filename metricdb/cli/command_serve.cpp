@@ -17,6 +17,7 @@
 #include "cli/log_file.h"
 #include "cli/output.h"
 #include "cli/write_options.h"
+#include "net/backup_api.h"
 #include "net/opening_ingest.h"
 #include "net/server.h"
 #include "query/influxql.h"
@@ -110,6 +111,13 @@ QueryAnswer answer_query(const DatabaseWriter *writer, const QueryRequest &reque
   InfluxqlAnswer answer;
   writer->read([&](const Store &store) { answer = answer_influxql(StoreSource(store), query, request.databases); });
   return {answer.is_bad_request ? HTTP_STATUS_BAD_REQUEST : HTTP_STATUS_OK, answer.content_type, answer.body};
+}
+
+// On a thread of its own. writer: as in answer_query. request: the name is its text.
+QueryAnswer answer_backup_request(const DatabaseWriter *writer, const std::string &folder,
+                                  const QueryRequest &request) {
+  if (writer == nullptr) return {HTTP_STATUS_SERVICE_UNAVAILABLE, "application/json", "{\"error\":\"starting\"}\n"};
+  return answer_backup(folder, request.text, [writer](const std::string &to) { return writer->backup(to); });
 }
 
 WriterOptions serve_writer_options(const ServeArguments &arguments) {
@@ -208,6 +216,10 @@ int serve(const ServeArguments &arguments) {
   options.query = [&readable](const QueryRequest &request, const IsInterrupted &is_interrupted) {
     return answer_query(readable, request, is_interrupted);
   };
+  if (!arguments.backup_folder.empty())
+    options.backup = [&readable, &arguments](const QueryRequest &request, const IsInterrupted &) {
+      return answer_backup_request(readable, arguments.backup_folder, request);
+    };
   options.max_connections = connection_limit(options.max_connections);
   options.on_hang_up = reopen_log;
   OpeningIngest ingest;

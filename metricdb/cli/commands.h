@@ -86,6 +86,18 @@ struct ServeArguments {
   size_t max_key_bytes = 1024;
   uint64_t max_new_series = 50'000;
   bool drop_strings = false;
+  std::string backup_folder;  // empty: no backups
+};
+
+struct BackupArguments {
+  std::string db;
+  std::string server;  // ADDRESS:PORT of a running server, in place of db
+  std::string to;      // folder; with a server its name in the server's folder for backups
+};
+
+struct RestoreArguments {
+  std::string from;
+  std::string db;
 };
 
 struct SnapshotArguments {
@@ -109,6 +121,8 @@ int query(const QueryArguments &arguments);
 int stat(const VerifyArguments &arguments);
 int series(const SeriesArguments &arguments);
 int export_points(const SeriesArguments &arguments);
+int backup(const BackupArguments &arguments);
+int restore(const RestoreArguments &arguments);
 int record(const RecordArguments &arguments);
 
 }  // namespace metricdb

@@ -126,6 +126,31 @@ CLI::App *add_snapshot(CLI::App &app, SnapshotArguments &arguments) {
   return command;
 }
 
+CLI::App *add_backup(CLI::App &app, BackupArguments &arguments) {
+  CLI::App *const command = app.add_subcommand("backup", "copy a database, also while it is served");
+  command->add_option("--db", arguments.db, "the folder of a database that no process writes to")->type_name("DIR");
+  command->add_option("--server", arguments.server, "a running server with --backup-folder, in place of --db")
+      ->type_name("ADDRESS:PORT");
+  command->add_option("TO", arguments.to, "the new folder; with --server its name in the server's folder for backups")
+      ->required()
+      ->type_name("");
+  command->footer(
+      "The copy is complete, verified and durable when TO has its name; until then it is TO.partial.\n"
+      "\n"
+      "Exit: 0 it was written; 1 it was not written, and nothing is left of it.");
+  return command;
+}
+
+CLI::App *add_restore(CLI::App &app, RestoreArguments &arguments) {
+  CLI::App *const command = app.add_subcommand("restore", "verify a backup and make a new database of it");
+  command->add_option("FROM", arguments.from, "the folder of the backup, which is not changed")
+      ->required()
+      ->type_name("");
+  add_db(command, arguments.db, "the new folder, which does not exist or is empty");
+  command->footer("Exit: 0 it was written and verified; 1 it was not written, and nothing is left of it.");
+  return command;
+}
+
 CLI::App *add_verify(CLI::App &app, VerifyArguments &arguments) {
   CLI::App *const command = app.add_subcommand("verify", "check a database: lists, pools, keys, chains, journal");
   add_db(command, arguments.db, "the folder of the database");
@@ -221,6 +246,10 @@ CLI::App *add_serve(CLI::App &app, ServeArguments &arguments) {
       ->check(CLI::Range(uint64_t{1}, uint64_t{1} << 32).description(""))
       ->capture_default_str()
       ->type_name("N");
+  command
+      ->add_option("--backup-folder", arguments.backup_folder,
+                   "answer POST /backup?name=NAME by writing a backup to this folder")
+      ->type_name("DIR");
   command->add_flag("--drop-strings", arguments.drop_strings,
                     "store the other fields of a line with strings; without it such lines are refused");
   command->footer(SERVE_FOOTER);
@@ -340,12 +369,16 @@ int main(int argc, char **argv) {
   VerifyArguments verify_arguments;
   QueryArguments query_arguments;
   VerifyArguments stat_arguments;
+  BackupArguments backup_arguments;
+  RestoreArguments restore_arguments;
   add_log(app, log);
   const CLI::App *const is_load = add_load(app, load_arguments);
   const CLI::App *const is_check = add_check(app, check_arguments);
   const CLI::App *const is_ingest = add_ingest(app, ingest_arguments);
   const CLI::App *const is_serve = add_serve(app, serve_arguments);
   const CLI::App *const is_snapshot = add_snapshot(app, snapshot_arguments);
+  const CLI::App *const is_backup = add_backup(app, backup_arguments);
+  const CLI::App *const is_restore = add_restore(app, restore_arguments);
   const CLI::App *const is_verify = add_verify(app, verify_arguments);
   const CLI::App *const is_stat = add_stat(app, stat_arguments);
   const CLI::App *const is_series = add_of_series(app, series_arguments, "series", "print the series of a database");
@@ -366,6 +399,8 @@ int main(int argc, char **argv) {
     if (*is_ingest) return ingest(ingest_arguments);
     if (*is_serve) return serve(serve_arguments);
     if (*is_snapshot) return snapshot(snapshot_arguments);
+    if (*is_backup) return backup(backup_arguments);
+    if (*is_restore) return restore(restore_arguments);
     if (*is_verify) return verify(verify_arguments);
     if (*is_stat) return metricdb::stat(stat_arguments);
     if (*is_query) return query(query_arguments);

@@ -72,9 +72,10 @@ std::string url_encoded(std::string_view text) {
 }
 
 // With HTTP/1.0 the server closes the connection after the answer.
-FetchedAnswer fetch(const std::string &server, std::string_view target, std::string_view accept) {
+FetchedAnswer fetch(const std::string &server, std::string_view target, std::string_view accept,
+                    std::string_view method) {
   const Descriptor connection(connected(server));
-  send_all(server, connection.get(), fmt::format("GET {} HTTP/1.0\r\nAccept: {}\r\n\r\n", target, accept));
+  send_all(server, connection.get(), fmt::format("{} {} HTTP/1.0\r\nAccept: {}\r\n\r\n", method, target, accept));
   const std::string text = received(server, connection.get());
   const size_t head_end = text.find("\r\n\r\n");
   if (!text.starts_with("HTTP/1.") || head_end == text.npos) fail(server, "the answer is no HTTP");

@@ -18,12 +18,13 @@ struct FetchedAnswer {
   std::string body;
 };
 
-// Sends GET and returns the whole answer. Throws HttpClientError.
+// Sends a request without a body and returns the whole answer. Throws HttpClientError.
 //
 // server  "ADDRESS:PORT", an IPv4 address or a name.
 // target  path and query, encoded.
 // accept  the type that is preferred, such as application/csv.
-FetchedAnswer fetch(const std::string &server, std::string_view target, std::string_view accept);
+FetchedAnswer fetch(const std::string &server, std::string_view target, std::string_view accept,
+                    std::string_view method = "GET");
 
 std::string url_encoded(std::string_view text);
 

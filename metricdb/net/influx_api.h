@@ -4,6 +4,7 @@
 //   GET, HEAD /ping                            checks the connection; the header has the version
 //   GET /health                                whether points can be made durable, as JSON; 503 if not
 //   GET /metrics                               the server's figures for Prometheus
+//   POST /backup?name=NAME                     a backup of the database (backup_api.h)
 //   GET, POST /query?q=...                     InfluxQL, also as the text of a form. CREATE DATABASE is accepted
 //
 // There is one database. The parameter `db` is ignored.
@@ -28,6 +29,12 @@ struct WriteRequest {
   bool is_gzip = false;
 };
 
+struct BackupRequest {
+  std::string name;
+};
+
+using RoutedRequest = std::variant<WriteRequest, QueryRequest, BackupRequest, HttpAnswer>;
+
 // What the server says about itself.
 struct OperatorView {
   std::function<std::string()> why_unhealthy;  // empty if it is healthy
@@ -38,14 +45,14 @@ class InfluxApi {
  public:
   explicit InfluxApi(OperatorView view) : view_(std::move(view)) {}
 
-  // Returns the write or the query to execute, or the answer to any other request.
-  std::variant<WriteRequest, QueryRequest, HttpAnswer> route(const HttpRequest &request);
+  // Returns the write, the query or the backup to execute, or the answer to any other request.
+  RoutedRequest route(const HttpRequest &request);
 
   // The answer to a request whose header is known, if no body can change it.
   static std::optional<HttpAnswer> answer_to_head(const HttpRequest &request);
 
  private:
-  std::variant<WriteRequest, QueryRequest, HttpAnswer> query(const HttpRequest &request, std::string_view arguments);
+  RoutedRequest query(const HttpRequest &request, std::string_view arguments);
   HttpAnswer health() const;
   HttpAnswer metrics() const;
 

@@ -33,7 +33,8 @@ struct ServerOptions {
   std::optional<int> influx_port;     // 0: any free port. Without a port the protocol is off
   std::optional<int> graphite_port;
 
-  QueryFunction query = nullptr;  // answers SELECT and SHOW; without it they are refused
+  QueryFunction backup = nullptr;  // writes a backup with the name in `text`; without it they are refused
+  QueryFunction query = nullptr;   // answers SELECT and SHOW; without it they are refused
   unsigned n_query_threads = 2;
   size_t max_waiting_queries = 64;
   std::chrono::milliseconds max_query_time{30'000};  // then a query is interrupted
@@ -58,8 +59,10 @@ struct ServerOptions {
   std::chrono::milliseconds log_interval{10'000};  // in which clients cause at most max_log_lines of each kind
   size_t max_log_lines = 20;
 
-  // Called on the server's thread after `hang_up`.
+  // Called on the server's thread: after `hang_up`, at least once per second, and when the end begins.
   std::function<void()> on_hang_up = {};
+  std::function<void()> on_tick = {};
+  std::function<void()> on_stop = {};
 };
 
 struct ServerCounters {
