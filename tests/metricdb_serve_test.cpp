@@ -62,3 +62,54 @@ TEST_F(Serve, HangUpOpensTheLogAgain) {
   EXPECT_THAT(read_file(log), HasSubstr("|metricdb|stopped\n"));
   EXPECT_EQ(count_of(read_file(path("older")), "stopped"), 0u);
 }
+
+// Every option of the example is one that the command has, with a value that it takes.
+TEST_F(Serve, ExampleOfAConfigurationIsAccepted) {
+  std::string example = read_file(METRICDB_PACKAGING "/metricdb.toml");
+  for (size_t at = 0; (at = example.find("\n# ", at)) != std::string::npos; ++at)
+    if (const size_t end = example.find('\n', at + 1); example.substr(at, end - at).find(" = ") != std::string::npos)
+      example.erase(at + 1, 2);
+  for (const std::string folder : {"/var/lib/metricdb/", "/var/log/metricdb/"})
+    while (example.find(folder) != std::string::npos) example.erase(example.find(folder), folder.size());
+  write_file(path("metricdb.toml"), example);
+  EXPECT_EQ(count_of(example, "\n# log-level"), 0u) << "the examples are not tested";
+  ServeProcess serve(root_, "--config metricdb.toml --influx 0 --graphite 0");
+  ASSERT_NE(serve.port(), 0) << serve.output();
+  EXPECT_EQ(serve.end(SIGTERM), 0);
+  EXPECT_TRUE(fs::exists(path("db")));
+}
+
+TEST_F(Serve, CommandLineReplacesTheConfiguration) {
+  write_file(path("some.toml"), "db = \"of the file\"\ninflux = 0\nretain = 5\ndrop-strings = true\n");
+  ServeProcess serve(root_, "--db db --config some.toml");
+  Peer peer(serve.port());
+  EXPECT_EQ(ask(peer, post("m f=1,s=\"x\" 10000000000")), 204) << "drop-strings";
+  EXPECT_EQ(ask(peer, post("m f=1 1000000000")), 400) << "retain";
+  EXPECT_EQ(serve.end(SIGTERM), 0);
+  EXPECT_THAT(names_in(root_), ElementsAre("db", "serve.out", "some.toml"));
+}
+
+TEST_F(Serve, WrongConfigurationsNameFileAndLine) {
+  const struct {
+    const char *file, *message;
+  } rows[] = {
+      {"db = \"d\"\ninfluxx = 1\n", "wrong.toml:2: there is no option \"influxx\""},
+      {"\n\ninflux = 99999\n", "wrong.toml:3: "},
+      {"influx = \"port\"\n", "wrong.toml:1: "},
+      {"sync = \"later\"\n", "wrong.toml:1: "},
+      {"log-level = 9\n", "wrong.toml:1: "},
+      {"influx = [1, 2]\n", "wrong.toml:1: influx: a text that is not empty, a number or a boolean is expected"},
+      {"[serve]\ninflux = 1\n", "wrong.toml:1: there is no option \"serve\""},
+      {"config = \"other.toml\"\n", "wrong.toml:1: there is no option \"config\""},
+      {"influx = 1\ninflux = 2\n", "wrong.toml:2: "},
+      {"influx 1\n", "wrong.toml:1: "},
+  };
+  for (const auto &row : rows) {
+    std::ofstream(path("wrong.toml")) << row.file;
+    const Outcome outcome = run("serve --db db --config wrong.toml");
+    EXPECT_EQ(outcome.exit_code, 1) << row.file;
+    EXPECT_THAT(outcome.err, HasSubstr(row.message));
+  }
+  EXPECT_THAT(run("serve --db db --config missing.toml").err, HasSubstr("missing.toml: No such file or directory"));
+  EXPECT_FALSE(fs::exists(path("db")));
+}

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "cli/commands.h"
+#include "cli/config_file.h"
 #include "cli/log_file.h"
 #include "cli/output.h"
 #include "store/log.h"
@@ -223,6 +224,7 @@ const char *const SERVE_FOOTER =
 
 CLI::App *add_serve(CLI::App &app, ServeArguments &arguments) {
   CLI::App *const command = app.add_subcommand("serve", "receive points from agents over TCP");
+  add_config_file(command);
   add_write(command, arguments.write);
   const auto add_port = [command](const char *name, std::optional<int> &port, const char *what) {
     command->add_option(name, port, what)->check(CLI::Range(0, 65'535).description(""))->type_name("PORT");
