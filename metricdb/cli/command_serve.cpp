@@ -16,6 +16,7 @@
 #include "cli/commands.h"
 #include "cli/log_file.h"
 #include "cli/output.h"
+#include "cli/service_manager.h"
 #include "cli/write_options.h"
 #include "net/backup_api.h"
 #include "net/opening_ingest.h"
@@ -75,11 +76,16 @@ size_t connection_limit(size_t wanted) {
   return std::min<size_t>(wanted, limit.rlim_cur - OWN_DESCRIPTORS);
 }
 
-std::string ports_line(const ServeArguments &arguments, const Server &server) {
-  std::string line = "serving         ";
-  if (arguments.influx_port) line += fmt::format(" influx {}:{}", arguments.address, server.influx_port());
-  if (arguments.graphite_port) line += fmt::format(" graphite {}:{}", arguments.address, server.graphite_port());
-  return line + "\n";
+// One port, by its name.
+std::string port_text(const char *name, const ServeArguments &arguments, bool is_served, int passed, int port) {
+  if (passed >= 0) return fmt::format(" {} passed:{}", name, port);
+  return is_served ? fmt::format(" {} {}:{}", name, arguments.address, port) : "";
+}
+
+std::string ports_of(const ServeArguments &arguments, const PassedSockets &sockets, const Server &server) {
+  return port_text("influx", arguments, arguments.influx_port.has_value(), sockets.influx, server.influx_port()) +
+         port_text("graphite", arguments, arguments.graphite_port.has_value(), sockets.graphite,
+                   server.graphite_port());
 }
 
 std::string counters_line(const ServerCounters &counters) {
@@ -135,9 +141,16 @@ WriterOptions serve_writer_options(const ServeArguments &arguments) {
 class Opening {
  public:
   // readable  receives the database when it is open.
+  // ports     for the line that says what is served.
   Opening(const ServeArguments &arguments, Server &server, OpeningIngest &ingest,
-          std::atomic<const DatabaseWriter *> &readable)
-      : arguments_(arguments), server_(server), ingest_(ingest), readable_(readable), thread_([this] { run(); }) {}
+          std::atomic<const DatabaseWriter *> &readable, ServiceNotices &notices, std::string ports)
+      : arguments_(arguments),
+        server_(server),
+        ingest_(ingest),
+        readable_(readable),
+        notices_(notices),
+        ports_(std::move(ports)),
+        thread_([this] { run(); }) {}
   ~Opening() {
     if (thread_.joinable()) thread_.join();
   }
@@ -170,14 +183,16 @@ class Opening {
 
   void open() {
     WriterOptions options = serve_writer_options(arguments_);
+    notices_.opening(0, 1);
     options.on_progress = [this](uint64_t done_bytes, uint64_t all_bytes) { report(done_bytes, all_bytes); };
     writer_.emplace(arguments_.write.db, options);
     report_warnings(writer_->warnings());
-    const std::string line = ports_line(arguments_, server_);
+    const std::string line = "serving         " + ports_ + "\n";
     TSLB_DLOG(LOG_PROGRESS, "%s", line.c_str());
     is_done_ = true;  // before points can be stored
     readable_ = &*writer_;
     ingest_.set_ready(*writer_);
+    notices_.ready("serving" + ports_);
     print_if_read(line);
   }
 
@@ -185,6 +200,7 @@ class Opening {
   void report(uint64_t done_bytes, uint64_t all_bytes) {
     constexpr uint64_t LOGGED_BYTES = 64 << 20;
     ingest_.set_progress(done_bytes, all_bytes);
+    notices_.opening(done_bytes, all_bytes);
     if (all_bytes < LOGGED_BYTES || done_bytes < next_logged_bytes_) return;
     next_logged_bytes_ = done_bytes + all_bytes / 10;
     TSLB_DLOG(LOG_PROGRESS, "opening: %llu of %llu bytes", static_cast<unsigned long long>(done_bytes),
@@ -195,6 +211,8 @@ class Opening {
   Server &server_;
   OpeningIngest &ingest_;
   std::atomic<const DatabaseWriter *> &readable_;
+  ServiceNotices &notices_;
+  const std::string ports_;
   uint64_t next_logged_bytes_ = 0;
   std::optional<DatabaseWriter> writer_;
   std::exception_ptr failure_;
@@ -205,13 +223,16 @@ class Opening {
 }  // namespace
 
 int serve(const ServeArguments &arguments) {
-  if (!arguments.influx_port && !arguments.graphite_port)
+  const PassedSockets sockets = take_passed_sockets();
+  if (!arguments.influx_port && !arguments.graphite_port && sockets.influx < 0 && sockets.graphite < 0)
     throw std::runtime_error("nothing to serve: use --influx, --graphite or both");
   ignore_harmless_signals();
   ServerOptions options;
   options.address = arguments.address;
   options.influx_port = arguments.influx_port;
   options.graphite_port = arguments.graphite_port;
+  options.influx_socket = sockets.influx;
+  options.graphite_socket = sockets.graphite;
   std::atomic<const DatabaseWriter *> readable = nullptr;
   options.query = [&readable](const QueryRequest &request, const IsInterrupted &is_interrupted) {
     return answer_query(readable, request, is_interrupted);
@@ -221,11 +242,14 @@ int serve(const ServeArguments &arguments) {
       return answer_backup_request(readable, arguments.backup_folder, request);
     };
   options.max_connections = connection_limit(options.max_connections);
+  ServiceNotices notices;
   options.on_hang_up = reopen_log;
+  options.on_tick = [&notices] { notices.alive(); };
+  options.on_stop = [&notices] { notices.stopping(); };
   OpeningIngest ingest;
   Server server(options, ingest);
   const ServerSignals signals(server);
-  Opening opening(arguments, server, ingest, readable);
+  Opening opening(arguments, server, ingest, readable, notices, ports_of(arguments, sockets, server));
   server.run();
   DatabaseWriter &writer = opening.result();
   const std::string why = writer.wait(writer.commit());

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <signal.h>
+#include <tslb/tslb_version.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -13,6 +14,7 @@
 #include "cli/config_file.h"
 #include "cli/log_file.h"
 #include "cli/output.h"
+#include "cli/service_manager.h"
 #include "store/log.h"
 #include "store/series_record.h"
 #include "store/store.h"
@@ -359,6 +361,10 @@ int main(int argc, char **argv) {
   hold_standard_streams();
   CLI::App app("metricdb: a small time-series database on tslb's arrays", "metricdb");
   app.require_subcommand(1);
+  app.set_version_flag(
+      "--version",
+      fmt::format("metricdb {}, {} systemd", TSLB_VERSION_STRING, KNOWS_SERVICE_MANAGER ? "with" : "without"),
+      "show the version, and whether services of systemd are supported");
   app.fallthrough();
   LogArguments log;
   LoadArguments load_arguments;

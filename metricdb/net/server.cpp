@@ -127,8 +127,8 @@ Server::Loop::Loop(const ServerOptions &options, Ingest &ingest)
       api_({[this] { return why_unhealthy(); }, [this] { return metrics_text(hub_, batches_.size()); }}),
       wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       epoll_(tslb_epoll_init(static_cast<int>(MAX_EVENTS), nullptr)),
-      influx_(options.address, options.influx_port),
-      graphite_(options.address, options.graphite_port) {
+      influx_(options.address, options.influx_port, options.influx_socket),
+      graphite_(options.address, options.graphite_port, options.graphite_socket) {
   if (wake_.get() < 0 || epoll_.get() < 0) fail("server");
   if (fcntl(epoll_.get(), F_SETFD, FD_CLOEXEC) != 0) fail("epoll");
   hub_.blocks.set_reclaim([this] { return close_stalled(); });

@@ -32,6 +32,8 @@ struct ServerOptions {
   std::string address = "127.0.0.1";  // IPv4
   std::optional<int> influx_port;     // 0: any free port. Without a port the protocol is off
   std::optional<int> graphite_port;
+  int influx_socket = -1;  // a listening socket that the server owns, in place of the port; -1: none
+  int graphite_socket = -1;
 
   QueryFunction backup = nullptr;  // writes a backup with the name in `text`; without it they are refused
   QueryFunction query = nullptr;   // answers SELECT and SHOW; without it they are refused

@@ -1,6 +1,7 @@
 // `metricdb serve` as a process.
 #pragma once
 
+#include <fcntl.h>
 #include <sys/wait.h>
 
 #include <csignal>
@@ -20,7 +21,9 @@ class ServeProcess {
     fs::remove(output_);  // of an earlier process
     pid_ = fork();
     if (pid_ == 0) {
-      for (size_t i = 0; i < passed.size(); ++i) dup2(passed[i], 3 + static_cast<int>(i));
+      std::vector<int> moved;  // so that no one is in the place of another
+      for (const int fd : passed) moved.push_back(fcntl(fd, F_DUPFD_CLOEXEC, 100));
+      for (size_t i = 0; i < passed.size(); ++i) dup2(moved[i], 3 + static_cast<int>(i));
       execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
       _exit(127);
     }
