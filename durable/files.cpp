@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/eventfd.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -205,6 +206,10 @@ void File::sync_data() const {
   if (!sync_with(fdatasync, fd_)) fail_file(path_, "cannot be synced");
 }
 
+bool File::try_lock(bool is_exclusive) const {
+  return flock(fd_, (is_exclusive ? LOCK_EX : LOCK_SH) | LOCK_NB) == 0 || errno != EWOULDBLOCK;
+}
+
 void File::truncate(uint64_t bytes) const {
   if (!begin_step() || ftruncate(fd_, static_cast<off_t>(bytes)) != 0) fail_file(path_, "cannot be truncated");
 }
@@ -311,15 +316,14 @@ std::string folder_of(const std::string &path) {
 FileSum sum_of(const File &file) {
   const auto buffer = std::make_unique<char[]>(READ_BYTES);
   struct stat about;
-  if (lseek(file.fd(), 0, SEEK_SET) != 0 || fstat(file.fd(), &about) != 0) fail_file(file.path(), "cannot be read");
+  if (fstat(file.fd(), &about) != 0) fail_file(file.path(), "cannot be read");
   FileSum sum;
   sum.allocated_bytes = static_cast<uint64_t>(about.st_blocks) * STAT_BLOCK_BYTES;
   for (size_t got = READ_BYTES; got == READ_BYTES;) {
-    got = read_some(file, buffer.get(), READ_BYTES);
+    got = file.read_at(sum.bytes, buffer.get(), READ_BYTES);
     sum.crc32c = crc32c(buffer.get(), got, sum.crc32c);
     sum.bytes += got;
   }
-  if (lseek(file.fd(), 0, SEEK_SET) != 0) fail_file(file.path(), "cannot be read");
   return sum;
 }
 

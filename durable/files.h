@@ -38,6 +38,9 @@ class File {
   size_t read_at(uint64_t at, char *to, size_t count) const;
   void sync() const;
   void sync_data() const;  // data and length, but no other attribute
+  // Locks the file for its readers, or for one writer. Returns false if another open file has a lock that excludes it. A
+  // file system without locks gives each.
+  bool try_lock(bool is_exclusive) const;
   // Releases disk space that was reserved after the new end, too.
   void truncate(uint64_t bytes) const;
   // Reserves disk space for later writes. The length of the file stays. Returns 0 or the error.
@@ -83,7 +86,7 @@ struct FileSum {
   uint32_t crc32c = 0;
 };
 
-// Reads the whole file. Leaves the position at its start.
+// Reads the whole file. Does not use its position.
 FileSum sum_of(const File &file);
 
 // Returns the whole content. Throws StoreError, also for a file of more than `max_bytes`.

@@ -6,7 +6,6 @@
 #include <cstring>
 
 #include "checksum.h"
-#include "files.h"
 
 namespace tslb_durable {
 namespace {
@@ -240,8 +239,7 @@ uint64_t Scan::count_later_frames() {
 
 }  // namespace
 
-ScanResult scan_journal(const std::string &path, const JournalName &name, const GroupVisitor &visit) {
-  const File file = File::open(path);
+ScanResult scan_journal(const File &file, const JournalName &name, const GroupVisitor &visit) {
   return Scan(file, name, visit).run();
 }
 

@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "files.h"
 #include "journal_format.h"
 
 namespace tslb_durable {
@@ -35,6 +36,6 @@ using GroupVisitor = std::function<std::string(std::string_view body, uint64_t p
 // Reads the whole file, without changing it. A writer can append meanwhile; the scan ends where the file ended at the
 // start of the call. The scan of a damaged file ends at the fault. Throws StoreError if the file cannot be read, or its
 // head is not that of the journal `name`.
-ScanResult scan_journal(const std::string &path, const JournalName &name, const GroupVisitor &visit);
+ScanResult scan_journal(const File &file, const JournalName &name, const GroupVisitor &visit);
 
 }  // namespace tslb_durable

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <future>
+#include <map>
 #include <utility>
 
 #include "changes.h"
@@ -30,12 +31,15 @@ void expect_file(const std::string &path, const FileSum &found, const StoredFile
     throw damaged(path, fmt::format("has the checksum {:08x}, expected {:08x}", found.crc32c, expected.crc32c));
 }
 
+std::string stream_path(const std::string &folder, const StoredArrayEntry &entry) {
+  return folder + "/" + stream_name(entry.name);
+}
+
 // One stored array. The checksum of a long file is computed beside the loading.
-Array load_array(const std::string &folder, const StoredArrayEntry &entry) {
-  const std::string path = folder + "/" + stream_name(entry.name);
-  const File file = File::open(path);
+Array load_array(const File &file, const StoredArrayEntry &entry) {
+  const std::string &path = file.path();
   const auto policy = entry.file.bytes > MIN_PARALLEL_BYTES ? std::launch::async : std::launch::deferred;
-  std::future<FileSum> sum = std::async(policy, [&path] { return sum_of(File::open(path)); });
+  std::future<FileSum> sum = std::async(policy, [&file] { return sum_of(file); });
   array_load_options_t options = {};
   options.ctx_name = entry.name.c_str();
   options.tbl_id = entry.tbl_id;
@@ -64,14 +68,16 @@ class Loading {
   void check_arrays();
 
  private:
+  void hold(const std::string &path);
   void read_payload(const std::string &folder);
   void scan(const JournalState &journal);
-  void count_bytes(const std::vector<JournalState> &journals);
+  void count_bytes();
   void report_done(uint64_t bytes);
 
   const std::string folder_;
   const LoadOptions &options_;
   LoadedStore &loaded_;
+  std::map<std::string, File> files_;  // streams and journals, by path
   std::vector<ReplayTarget> targets_;
   std::string payload_;  // of the journals
   bool has_payload_ = false;
@@ -79,6 +85,13 @@ class Loading {
   uint64_t all_bytes_ = 0;
   bool is_gap_ = false;  // a journal ended without a seal
 };
+
+// Opens a file before the first one is read, and keeps it: a writer can replace the generation meanwhile, and removes the
+// names. The lock keeps it from shortening the file.
+void Loading::hold(const std::string &path) {
+  const File &file = files_.emplace(path, File::open(path)).first->second;
+  if (!file.try_lock(false)) throw StoreError(TSLB_DURABLE_IO, path + ": is being removed", path);
+}
 
 void Loading::read_payload(const std::string &folder) {
   if (!loaded_.manifest.payload) return;
@@ -90,12 +103,8 @@ void Loading::read_payload(const std::string &folder) {
   loaded_.has_payload = true;
 }
 
-void Loading::count_bytes(const std::vector<JournalState> &journals) {
-  for (const StoredArrayEntry &entry : loaded_.manifest.arrays) all_bytes_ += entry.file.bytes;
-  for (const JournalState &journal : journals) {
-    const std::string path = journal_path(folder_, journal.number);
-    if (access(path.c_str(), F_OK) == 0) all_bytes_ += File::open(path).bytes();
-  }
+void Loading::count_bytes() {
+  for (const auto &[path, file] : files_) all_bytes_ += file.bytes();
 }
 
 void Loading::report_done(uint64_t bytes) {
@@ -111,10 +120,14 @@ void Loading::load_generation(uint64_t number, const std::vector<JournalState> &
   const std::string path = folder + "/" + MANIFEST;
   if (manifest.identity != loaded_.state.identity) throw damaged(path, "is the generation of another store");
   if (manifest.generation != number) throw damaged(path, fmt::format("is generation {}", manifest.generation));
+  for (const StoredArrayEntry &entry : manifest.arrays) hold(stream_path(folder, entry));
+  for (const JournalState &journal : journals)
+    if (const std::string journal_file = journal_path(folder_, journal.number); access(journal_file.c_str(), F_OK) == 0)
+      hold(journal_file);
   read_payload(folder);
-  count_bytes(journals);
+  count_bytes();
   for (const StoredArrayEntry &entry : manifest.arrays) {
-    loaded_.arrays.push_back(load_array(folder, entry));
+    loaded_.arrays.push_back(load_array(files_.at(stream_path(folder, entry)), entry));
     targets_.push_back({loaded_.arrays.back().get(), entry.kind});
     report_done(entry.file.bytes);
   }
@@ -123,15 +136,16 @@ void Loading::load_generation(uint64_t number, const std::vector<JournalState> &
 // Applies a journal. Throws StoreError if it is damaged, or is not the one that the state describes.
 void Loading::scan(const JournalState &journal) {
   const std::string path = journal_path(folder_, journal.number);
-  if (access(path.c_str(), F_OK) != 0) throw damaged(path, "is missing");
+  const auto held = files_.find(path);
+  if (held == files_.end()) throw damaged(path, "is missing");
   uint64_t done_at = 0;
-  const ScanResult scan =
-      scan_journal(path, {loaded_.state.identity, journal.number}, [&](std::string_view body, uint64_t position) {
-        // The arrays lack the end of the journal before, so later groups do not fit them.
-        if (is_gap_) return std::string("a group after a journal without a seal");
-        report_done(position - std::exchange(done_at, position));
-        return apply_body(body, targets_, payload_, has_payload_);
-      });
+  const ScanResult scan = scan_journal(held->second, {loaded_.state.identity, journal.number},
+                                       [&](std::string_view body, uint64_t position) {
+                                         // The arrays lack the end of the journal before, so later groups do not fit them.
+                                         if (is_gap_) return std::string("a group after a journal without a seal");
+                                         report_done(position - std::exchange(done_at, position));
+                                         return apply_body(body, targets_, payload_, has_payload_);
+                                       });
   report_done(scan.bytes - done_at);
   loaded_.places.push_back(scan.place);
   loaded_.ends_with_seal.push_back(scan.is_sealed && scan.bytes == scan.place.position);

@@ -32,11 +32,13 @@ void remove_unused(const std::string &path) {
 }
 
 // Shortens a file that is removed next. The removal of a large file is one large change of the file system's own journal,
-// for which groups would wait, so it becomes a sequence of small ones.
+// for which groups would wait, so it becomes a sequence of small ones. Not while a reader has the file: it is then removed
+// when the reader closes it.
 void shorten(const std::string &path) {
   constexpr uint64_t STEP_BYTES = 4 << 20;
   try {
     const File file = File::open_to_write(path);
+    if (!file.try_lock(true)) return;
     for (uint64_t bytes = file.bytes(); bytes > STEP_BYTES;) {
       bytes -= STEP_BYTES;
       file.truncate(bytes);

@@ -88,7 +88,7 @@ class Arrays {
 static ScanResult read_whole(const std::string &path) {
   Arrays arrays;
   uint64_t n_groups = 0, end = 0;
-  const ScanResult result = scan_journal(path, NAME, [&](std::string_view body, uint64_t position) {
+  const ScanResult result = scan_journal(File::open(path), NAME, [&](std::string_view body, uint64_t position) {
     need(position > end, "groups are in order");
     end = position;
     std::string why = arrays.apply(body);

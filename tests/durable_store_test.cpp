@@ -40,6 +40,28 @@ TEST_F(DurableStore, FolderIsOnlyTakenWhenAllowed) {
   EXPECT_EQ(bytes_of(folder_ + "/notes.txt"), "mine");
 }
 
+// Each array is loaded while the writer replaces the generation that is being read.
+TEST_F(DurableStore, ReaderIsNotDisturbedByLaterGenerations) {
+  TestStore store;
+  ASSERT_TRUE(store.open(folder_)) << store.error.text;
+  std::vector<std::string> contents;
+  const std::function<void()> replace = [&] {
+    tslb_batch_t *const batch = store.begin();
+    store.add_slot(batch, 5, 16);
+    EXPECT_EQ(tslb_batch_commit(batch, &store.error), 0) << store.error.text;
+    contents.push_back(store.content());
+    EXPECT_EQ(tslb_store_snapshot(store.get(), &store.error), 0) << store.error.text;
+  };
+  replace();
+  TestStore reader;
+  reader.options.progress = [](void *step, uint64_t, uint64_t) { (*static_cast<std::function<void()> *>(step))(); };
+  reader.options.progress_arg = const_cast<std::function<void()> *>(&replace);
+  ASSERT_TRUE(reader.open(folder_, TSLB_STORE_READ_ONLY)) << reader.error.text;
+  EXPECT_THAT(contents, testing::Contains(reader.content()));
+  EXPECT_GT(contents.size(), 2u);
+  EXPECT_FALSE(fs::exists(folder_ + "/generation.2")) << "the generation that was read stayed";
+}
+
 TEST_F(DurableStore, DeclarationsMustFitTheStore) {
   TestStore first;
   ASSERT_TRUE(first.open(folder_));

@@ -1,55 +1,12 @@
 // `metricdb serve` as a process: signals, its log, and what an operator sees.
-#include <sys/wait.h>
-
 #include <csignal>
 
-#include "server_support.h"
-
-// A server on a free port, killed with its owner.
-class ServeProcess {
- public:
-  ServeProcess(const fs::path &folder, const std::string &arguments) : output_(folder / "serve.out") {
-    const std::string command = fmt::format("cd {} && exec {} serve --influx 0 {} >{} 2>&1", folder.string(), METRICDB,
-                                            arguments, output_.string());
-    fs::remove(output_);  // of an earlier process
-    pid_ = fork();
-    if (pid_ == 0) {
-      execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
-      _exit(127);
-    }
-  }
-  ~ServeProcess() {
-    if (pid_ > 0) end(SIGKILL);
-  }
-  ServeProcess(const ServeProcess &) = delete;
-  ServeProcess &operator=(const ServeProcess &) = delete;
-
-  std::string output() const { return fs::exists(output_) ? read_file(output_) : ""; }
-  // Waits until it serves. Returns its port, or 0.
-  int port() const {
-    const std::string before = " influx 127.0.0.1:";
-    if (!wait_until([&] { return output().find(before) != std::string::npos && output().ends_with("\n"); })) return 0;
-    return std::atoi(output().c_str() + output().find(before) + before.size());
-  }
-  void signal(int number) const { kill(pid_, number); }
-  // Returns the exit status; -1 if it was killed.
-  int end(int number) {
-    kill(pid_, number);
-    int status = 0;
-    waitpid(std::exchange(pid_, -1), &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-  pid_t pid() const { return pid_; }
-
- private:
-  const fs::path output_;
-  pid_t pid_;
-};
+#include "serve_process.h"
 
 class Serve : public Folder {};
 
 TEST_F(Serve, SignalsThatDoNotEndIt) {
-  ServeProcess serve(root_, "--db db");
+  ServeProcess serve(root_, "--influx 0 --db db");
   for (const int number : {SIGPIPE, SIGHUP, SIGUSR1, SIGUSR2}) {
     Peer peer(serve.port());
     serve.signal(number);
@@ -60,7 +17,7 @@ TEST_F(Serve, SignalsThatDoNotEndIt) {
 }
 
 TEST_F(Serve, DefaultLogShowsSkippedLinesAndSnapshots) {
-  ServeProcess serve(root_, "--db db --log log --snapshot-mb 0.001");
+  ServeProcess serve(root_, "--influx 0 --db db --log log --snapshot-mb 0.001");
   const std::string log = path(fmt::format("log.{}.0", serve.pid()));
   Peer peer(serve.port());
   EXPECT_EQ(ask(peer, post("bad\n")), 400);
@@ -75,7 +32,7 @@ TEST_F(Serve, DefaultLogShowsSkippedLinesAndSnapshots) {
 }
 
 TEST_F(Serve, RequestsCanBeSentAgain) {
-  ServeProcess serve(root_, "--db db");
+  ServeProcess serve(root_, "--influx 0 --db db");
   Peer peer(serve.port());
   std::string text;
   for (int i = 0; i < 1000; ++i) text += fmt::format("m f={}i,b=true {}\n", i, i);
@@ -85,7 +42,7 @@ TEST_F(Serve, RequestsCanBeSentAgain) {
   EXPECT_EQ(Peer::status_of(refused), 400);
   EXPECT_THAT(refused, HasSubstr("is a string, and strings are not stored"));
   EXPECT_EQ(serve.end(SIGTERM), 0);
-  ServeProcess dropping(root_, "--db db --drop-strings");
+  ServeProcess dropping(root_, "--influx 0 --db db --drop-strings");
   Peer other(dropping.port());
   EXPECT_EQ(ask(other, post("m s=\"x\" 5")), 204);
   EXPECT_EQ(dropping.end(SIGTERM), 0);
@@ -115,7 +72,7 @@ TEST_F(Serve, OtherMachinesNeedTlsAndUsers) {
 }
 
 TEST_F(Serve, HangUpOpensTheLogAgain) {
-  ServeProcess serve(root_, "--db db --log log");
+  ServeProcess serve(root_, "--influx 0 --db db --log log");
   const int port = serve.port();
   const std::string log = path(fmt::format("log.{}.0", serve.pid()));
   ASSERT_TRUE(fs::exists(log));
@@ -127,4 +84,55 @@ TEST_F(Serve, HangUpOpensTheLogAgain) {
   EXPECT_EQ(serve.end(SIGTERM), 0);
   EXPECT_THAT(read_file(log), HasSubstr("|metricdb|stopped\n"));
   EXPECT_EQ(count_of(read_file(path("older")), "stopped"), 0u);
+}
+
+// Every option of the example is one that the command has, with a value that it takes.
+TEST_F(Serve, ExampleOfAConfigurationIsAccepted) {
+  std::string example = read_file(METRICDB_PACKAGING "/metricdb.toml");
+  for (size_t at = 0; (at = example.find("\n# ", at)) != std::string::npos; ++at)
+    if (const size_t end = example.find('\n', at + 1); example.substr(at, end - at).find(" = ") != std::string::npos)
+      example.erase(at + 1, 2);
+  for (const std::string folder : {"/var/lib/metricdb/", "/var/log/metricdb/"})
+    while (example.find(folder) != std::string::npos) example.erase(example.find(folder), folder.size());
+  write_file(path("metricdb.toml"), example);
+  EXPECT_EQ(count_of(example, "\n# log-level"), 0u) << "the examples are not tested";
+  ServeProcess serve(root_, "--config metricdb.toml --influx 0 --graphite 0");
+  ASSERT_NE(serve.port(), 0) << serve.output();
+  EXPECT_EQ(serve.end(SIGTERM), 0);
+  EXPECT_TRUE(fs::exists(path("db")));
+}
+
+TEST_F(Serve, CommandLineReplacesTheConfiguration) {
+  write_file(path("some.toml"), "db = \"of the file\"\ninflux = 0\nretain = 5\ndrop-strings = true\n");
+  ServeProcess serve(root_, "--db db --config some.toml");
+  Peer peer(serve.port());
+  EXPECT_EQ(ask(peer, post("m f=1,s=\"x\" 10000000000")), 204) << "drop-strings";
+  EXPECT_EQ(ask(peer, post("m f=1 1000000000")), 400) << "retain";
+  EXPECT_EQ(serve.end(SIGTERM), 0);
+  EXPECT_THAT(names_in(root_), ElementsAre("db", "serve.out", "some.toml"));
+}
+
+TEST_F(Serve, WrongConfigurationsNameFileAndLine) {
+  const struct {
+    const char *file, *message;
+  } rows[] = {
+      {"db = \"d\"\ninfluxx = 1\n", "wrong.toml:2: there is no option \"influxx\""},
+      {"\n\ninflux = 99999\n", "wrong.toml:3: "},
+      {"influx = \"port\"\n", "wrong.toml:1: "},
+      {"sync = \"later\"\n", "wrong.toml:1: "},
+      {"log-level = 9\n", "wrong.toml:1: "},
+      {"influx = [1, 2]\n", "wrong.toml:1: influx: a text that is not empty, a number or a boolean is expected"},
+      {"[serve]\ninflux = 1\n", "wrong.toml:1: there is no option \"serve\""},
+      {"config = \"other.toml\"\n", "wrong.toml:1: there is no option \"config\""},
+      {"influx = 1\ninflux = 2\n", "wrong.toml:2: "},
+      {"influx 1\n", "wrong.toml:1: "},
+  };
+  for (const auto &row : rows) {
+    std::ofstream(path("wrong.toml")) << row.file;
+    const Outcome outcome = run("serve --db db --config wrong.toml");
+    EXPECT_EQ(outcome.exit_code, 1) << row.file;
+    EXPECT_THAT(outcome.err, HasSubstr(row.message));
+  }
+  EXPECT_THAT(run("serve --db db --config missing.toml").err, HasSubstr("missing.toml: No such file or directory"));
+  EXPECT_FALSE(fs::exists(path("db")));
 }

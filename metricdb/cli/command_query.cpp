@@ -3,8 +3,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdlib>
-#include <fstream>
 #include <iterator>
 #include <stdexcept>
 
@@ -46,11 +44,9 @@ std::string text_of(const std::string &format, const SeriesQuery &query, const s
 }
 
 void check_usage(const QueryArguments &arguments) {
-  if (arguments.db.empty() == arguments.server.empty()) refuse_usage("use either --db or --server");
+  check_server_or_db(arguments.server, arguments.db);
   if (arguments.key.empty() == arguments.statement.empty()) refuse_usage("use either a KEY or --influxql");
-  if (!arguments.server.empty() && arguments.statement.empty()) refuse_usage("--server needs --influxql");
-  const bool has_access = !arguments.ca_file.empty() || !arguments.user.empty() || !arguments.password_file.empty();
-  if (has_access && arguments.server.empty()) refuse_usage("--ca, --user and --password-file need --server");
+  if (!arguments.server.address.empty() && arguments.statement.empty()) refuse_usage("--server needs --influxql");
   const bool has_options = !arguments.from.empty() || !arguments.to.empty() || !arguments.every.empty();
   if (has_options && !arguments.statement.empty()) refuse_usage("--from, --to and --every are for a KEY");
   if (arguments.format == "svg" && !arguments.statement.empty()) refuse_usage("--format svg is for a KEY");
@@ -62,28 +58,15 @@ std::string last_line(std::string_view text) {
   return std::string(text.substr(text.rfind('\n') + 1));
 }
 
-std::string password_of(const QueryArguments &arguments) {
-  if (arguments.password_file.empty()) {
-    const char *const password = std::getenv("METRICDB_PASSWORD");
-    if (password == nullptr) refuse_usage("--user needs --password-file or the variable METRICDB_PASSWORD");
-    return password;
-  }
-  std::ifstream file(arguments.password_file);
-  std::string password;
-  if (!std::getline(file, password)) throw std::runtime_error(arguments.password_file + ": no line with a password");
-  return password;
-}
-
 // Prints JSON, or CSV for each other format.
 int answer_statement(const QueryArguments &arguments) {
   const bool is_json = arguments.format == "json";
   bool is_bad = false;
   std::string body;
-  if (!arguments.server.empty()) {
-    HttpServer server = {.address = arguments.server, .ca_file = arguments.ca_file, .user = arguments.user};
-    if (!server.user.empty()) server.password = password_of(arguments);
+  if (!arguments.server.address.empty()) {
     const FetchedAnswer answer =
-        fetch(server, "/query?q=" + url_encoded(arguments.statement), is_json ? "application/json" : "application/csv");
+        fetch(http_server_of(arguments.server), "/query?q=" + url_encoded(arguments.statement),
+              is_json ? "application/json" : "application/csv");
     is_bad = answer.status != 200;
     body = answer.body;
   } else {

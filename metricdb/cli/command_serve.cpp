@@ -18,7 +18,9 @@
 #include "cli/commands.h"
 #include "cli/log_file.h"
 #include "cli/output.h"
+#include "cli/service_manager.h"
 #include "cli/write_options.h"
+#include "net/backup_api.h"
 #include "net/server.h"
 #include "query/influxql.h"
 #include "query/store_source.h"
@@ -91,11 +93,16 @@ void check_exposure(const ServeArguments &arguments) {
   if (arguments.graphite_port) refuse("Graphite's protocol has no users, so use --influx alone");
 }
 
-std::string ports_line(const ServeArguments &arguments, const Server &server) {
-  std::string line = "serving         ";
-  if (arguments.influx_port) line += fmt::format(" influx {}:{}", arguments.address, server.influx_port());
-  if (arguments.graphite_port) line += fmt::format(" graphite {}:{}", arguments.address, server.graphite_port());
-  return line + "\n";
+// One port, by its name.
+std::string port_text(const char *name, const ServeArguments &arguments, bool is_served, int passed, int port) {
+  if (passed >= 0) return fmt::format(" {} passed:{}", name, port);
+  return is_served ? fmt::format(" {} {}:{}", name, arguments.address, port) : "";
+}
+
+std::string ports_of(const ServeArguments &arguments, const PassedSockets &sockets, const Server &server) {
+  return port_text("influx", arguments, arguments.influx_port.has_value(), sockets.influx, server.influx_port()) +
+         port_text("graphite", arguments, arguments.graphite_port.has_value(), sockets.graphite,
+                   server.graphite_port());
 }
 
 std::string counters_line(const ServerCounters &counters) {
@@ -130,6 +137,13 @@ QueryAnswer answer_query(const DatabaseWriter *writer, const QueryRequest &reque
   return {answer.is_bad_request ? HTTP_STATUS_BAD_REQUEST : HTTP_STATUS_OK, answer.content_type, answer.body};
 }
 
+// On a thread of its own. writer: as in answer_query. request: the name is its text.
+QueryAnswer answer_backup_request(const DatabaseWriter *writer, const std::string &folder,
+                                  const QueryRequest &request) {
+  if (writer == nullptr) return {HTTP_STATUS_SERVICE_UNAVAILABLE, "application/json", "{\"error\":\"starting\"}\n"};
+  return answer_backup(folder, request.text, [writer](const std::string &to) { return writer->backup(to); });
+}
+
 WriterOptions serve_writer_options(const ServeArguments &arguments) {
   WriterOptions options = writer_options_of(arguments.write);
   options.max_future_ns = arguments.max_future_s * NS_PER_S;
@@ -145,8 +159,15 @@ WriterOptions serve_writer_options(const ServeArguments &arguments) {
 class Opening {
  public:
   // readable  receives the database when it is open.
-  Opening(const ServeArguments &arguments, Server &server, std::atomic<const DatabaseWriter *> &readable)
-      : arguments_(arguments), server_(server), readable_(readable), thread_([this] { run(); }) {}
+  // ports     for the line that says what is served.
+  Opening(const ServeArguments &arguments, Server &server,
+          std::atomic<const DatabaseWriter *> &readable, ServiceNotices &notices, std::string ports)
+      : arguments_(arguments),
+        server_(server),
+        readable_(readable),
+        notices_(notices),
+        ports_(std::move(ports)),
+        thread_([this] { run(); }) {}
   ~Opening() {
     if (thread_.joinable()) thread_.join();
   }
@@ -179,14 +200,16 @@ class Opening {
 
   void open() {
     WriterOptions options = serve_writer_options(arguments_);
+    notices_.opening(0, 1);
     options.on_progress = [this](uint64_t done_bytes, uint64_t all_bytes) { report(done_bytes, all_bytes); };
     writer_.emplace(arguments_.write.db, options);
     report_warnings(writer_->warnings());
-    const std::string line = ports_line(arguments_, server_);
+    const std::string line = "serving         " + ports_ + "\n";
     TSLB_DLOG(LOG_PROGRESS, "%s", line.c_str());
     is_done_ = true;  // before points can be stored
     readable_ = &*writer_;
     server_.open(*writer_);
+    notices_.ready("serving" + ports_);
     print_if_read(line);
   }
 
@@ -194,6 +217,7 @@ class Opening {
   void report(uint64_t done_bytes, uint64_t all_bytes) {
     constexpr uint64_t LOGGED_BYTES = 64 << 20;
     server_.set_progress(done_bytes, all_bytes);
+    notices_.opening(done_bytes, all_bytes);
     if (all_bytes < LOGGED_BYTES || done_bytes < next_logged_bytes_) return;
     next_logged_bytes_ = done_bytes + all_bytes / 10;
     TSLB_DLOG(LOG_PROGRESS, "opening: %llu of %llu bytes", static_cast<unsigned long long>(done_bytes),
@@ -203,6 +227,8 @@ class Opening {
   const ServeArguments &arguments_;
   Server &server_;
   std::atomic<const DatabaseWriter *> &readable_;
+  ServiceNotices &notices_;
+  const std::string ports_;
   uint64_t next_logged_bytes_ = 0;
   std::optional<DatabaseWriter> writer_;
   std::exception_ptr failure_;
@@ -213,7 +239,8 @@ class Opening {
 }  // namespace
 
 int serve(const ServeArguments &arguments) {
-  if (!arguments.influx_port && !arguments.graphite_port)
+  const PassedSockets sockets = take_passed_sockets();
+  if (!arguments.influx_port && !arguments.graphite_port && sockets.influx < 0 && sockets.graphite < 0)
     throw std::runtime_error("nothing to serve: use --influx, --graphite or both");
   if (arguments.tls_certificate_file.empty() != arguments.tls_key_file.empty())
     throw std::runtime_error("--tls-cert and --tls-key need each other");
@@ -226,15 +253,24 @@ int serve(const ServeArguments &arguments) {
   options.tls_certificate_file = arguments.tls_certificate_file;
   options.tls_key_file = arguments.tls_key_file;
   options.user_file = arguments.user_file;
+  options.influx_socket = sockets.influx;
+  options.graphite_socket = sockets.graphite;
   std::atomic<const DatabaseWriter *> readable = nullptr;
   options.query = [&readable](const QueryRequest &request, const IsInterrupted &is_interrupted) {
     return answer_query(readable, request, is_interrupted);
   };
+  if (!arguments.backup_folder.empty())
+    options.backup = [&readable, &arguments](const QueryRequest &request, const IsInterrupted &) {
+      return answer_backup_request(readable, arguments.backup_folder, request);
+    };
   options.max_connections = connection_limit(options.max_connections);
+  ServiceNotices notices;
   options.on_hang_up = reopen_log;
+  options.on_tick = [&notices] { notices.alive(); };
+  options.on_stop = [&notices] { notices.stopping(); };
   Server server(options);
   const ServerSignals signals(server);
-  Opening opening(arguments, server, readable);
+  Opening opening(arguments, server, readable, notices, ports_of(arguments, sockets, server));
   server.run();
   DatabaseWriter &writer = opening.result();
   const std::string why = writer.wait(writer.commit());

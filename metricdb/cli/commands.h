@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "cli/server_access.h"
 #include "store/forgetting.h"
 
 namespace metricdb {
@@ -42,10 +43,8 @@ struct SeriesArguments {
 
 struct QueryArguments {
   std::string db;
-  std::string server;         // of a running server, as in HttpServer, in place of db
-  std::string ca_file, user;  // as in HttpServer
-  std::string password_file;  // empty: the variable METRICDB_PASSWORD
-  std::string statement;      // InfluxQL, in place of a key and a function
+  ServerAccess server;    // in place of db
+  std::string statement;  // InfluxQL, in place of a key and a function
   bool salvage = false;
   std::string key;
   std::string from, to;  // texts for time_text.h; empty: no limit
@@ -90,6 +89,18 @@ struct ServeArguments {
   size_t max_key_bytes = 1024;
   uint64_t max_new_series = 50'000;
   bool drop_strings = false;
+  std::string backup_folder;  // empty: no backups
+};
+
+struct BackupArguments {
+  std::string db;
+  ServerAccess server;  // in place of db
+  std::string to;       // folder; with a server its name in the server's folder for backups
+};
+
+struct RestoreArguments {
+  std::string from;
+  std::string db;
 };
 
 struct SnapshotArguments {
@@ -113,6 +124,8 @@ int query(const QueryArguments &arguments);
 int stat(const VerifyArguments &arguments);
 int series(const SeriesArguments &arguments);
 int export_points(const SeriesArguments &arguments);
+int backup(const BackupArguments &arguments);
+int restore(const RestoreArguments &arguments);
 int record(const RecordArguments &arguments);
 
 }  // namespace metricdb

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <signal.h>
+#include <tslb/tslb_version.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -10,8 +11,10 @@
 #include <string>
 
 #include "cli/commands.h"
+#include "cli/config_file.h"
 #include "cli/log_file.h"
 #include "cli/output.h"
+#include "cli/service_manager.h"
 #include "store/log.h"
 #include "store/series_record.h"
 #include "store/store.h"
@@ -126,6 +129,40 @@ CLI::App *add_snapshot(CLI::App &app, SnapshotArguments &arguments) {
   return command;
 }
 
+void add_server(CLI::App *command, ServerAccess &server, const char *what) {
+  command->add_option("--server", server.address, what)->type_name("[https://]ADDRESS:PORT");
+  command->add_option("--ca", server.ca_file, "with https: trust these authorities, in PEM, in place of the system's")
+      ->type_name("FILE");
+  command->add_option("--user", server.user, "user of the server; the password is in METRICDB_PASSWORD")
+      ->type_name("NAME");
+  command->add_option("--password-file", server.password_file, "read the password from the first line of a file")
+      ->type_name("FILE");
+}
+
+CLI::App *add_backup(CLI::App &app, BackupArguments &arguments) {
+  CLI::App *const command = app.add_subcommand("backup", "copy a database, also while it is served");
+  command->add_option("--db", arguments.db, "the folder of a database that no process writes to")->type_name("DIR");
+  add_server(command, arguments.server, "a running server with --backup-folder, in place of --db");
+  command->add_option("TO", arguments.to, "the new folder; with --server its name in the server's folder for backups")
+      ->required()
+      ->type_name("");
+  command->footer(
+      "The copy is complete, verified and durable when TO has its name; until then it is TO.partial.\n"
+      "\n"
+      "Exit: 0 it was written; 1 it was not written, and nothing is left of it.");
+  return command;
+}
+
+CLI::App *add_restore(CLI::App &app, RestoreArguments &arguments) {
+  CLI::App *const command = app.add_subcommand("restore", "verify a backup and make a new database of it");
+  command->add_option("FROM", arguments.from, "the folder of the backup, which is not changed")
+      ->required()
+      ->type_name("");
+  add_db(command, arguments.db, "the new folder, which does not exist or is empty");
+  command->footer("Exit: 0 it was written and verified; 1 it was not written, and nothing is left of it.");
+  return command;
+}
+
 CLI::App *add_verify(CLI::App &app, VerifyArguments &arguments) {
   CLI::App *const command = app.add_subcommand("verify", "check a database: lists, pools, keys, chains, journal");
   add_db(command, arguments.db, "the folder of the database");
@@ -202,6 +239,7 @@ const char *const SERVE_FOOTER =
 
 CLI::App *add_serve(CLI::App &app, ServeArguments &arguments) {
   CLI::App *const command = app.add_subcommand("serve", "receive points from agents over TCP");
+  add_config_file(command);
   add_write(command, arguments.write);
   const auto add_port = [command](const char *name, std::optional<int> &port, const char *what) {
     command->add_option(name, port, what)->check(CLI::Range(0, 65'535).description(""))->type_name("PORT");
@@ -233,6 +271,10 @@ CLI::App *add_serve(CLI::App &app, ServeArguments &arguments) {
       ->check(CLI::Range(uint64_t{1}, uint64_t{1} << 32).description(""))
       ->capture_default_str()
       ->type_name("N");
+  command
+      ->add_option("--backup-folder", arguments.backup_folder,
+                   "answer POST /backup?name=NAME by writing a backup to this folder")
+      ->type_name("DIR");
   command->add_flag("--drop-strings", arguments.drop_strings,
                     "store the other fields of a line with strings; without it such lines are refused");
   command->footer(SERVE_FOOTER);
@@ -251,15 +293,7 @@ CLI::App *add_query(CLI::App &app, QueryArguments &arguments) {
   CLI::App *const command =
       app.add_subcommand("query", "print the points of a series, or the answer to a statement of InfluxQL");
   command->add_option("--db", arguments.db, "the folder of the database")->type_name("DIR");
-  command->add_option("--server", arguments.server, "a running server, with --influxql, in place of --db")
-      ->type_name("[https://]ADDRESS:PORT");
-  command
-      ->add_option("--ca", arguments.ca_file, "with https: trust these authorities, in PEM, in place of the system's")
-      ->type_name("FILE");
-  command->add_option("--user", arguments.user, "user of the server; the password is in METRICDB_PASSWORD")
-      ->type_name("NAME");
-  command->add_option("--password-file", arguments.password_file, "read the password from the first line of a file")
-      ->type_name("FILE");
+  add_server(command, arguments.server, "a running server, with --influxql, in place of --db");
   command->add_option("--influxql", arguments.statement, "statements, separated by semicolons")->type_name("TEXT");
   command->add_option("KEY", arguments.key, "key of the series, as printed by `series`: 'cpu,core=0,host=a usage'")
       ->type_name("");
@@ -347,6 +381,10 @@ int main(int argc, char **argv) {
   hold_standard_streams();
   CLI::App app("metricdb: a small time-series database on tslb's arrays", "metricdb");
   app.require_subcommand(1);
+  app.set_version_flag(
+      "--version",
+      fmt::format("metricdb {}, {} systemd", TSLB_VERSION_STRING, KNOWS_SERVICE_MANAGER ? "with" : "without"),
+      "show the version, and whether services of systemd are supported");
   app.fallthrough();
   LogArguments log;
   LoadArguments load_arguments;
@@ -359,12 +397,16 @@ int main(int argc, char **argv) {
   VerifyArguments verify_arguments;
   QueryArguments query_arguments;
   VerifyArguments stat_arguments;
+  BackupArguments backup_arguments;
+  RestoreArguments restore_arguments;
   add_log(app, log);
   const CLI::App *const is_load = add_load(app, load_arguments);
   const CLI::App *const is_check = add_check(app, check_arguments);
   const CLI::App *const is_ingest = add_ingest(app, ingest_arguments);
   const CLI::App *const is_serve = add_serve(app, serve_arguments);
   const CLI::App *const is_snapshot = add_snapshot(app, snapshot_arguments);
+  const CLI::App *const is_backup = add_backup(app, backup_arguments);
+  const CLI::App *const is_restore = add_restore(app, restore_arguments);
   const CLI::App *const is_verify = add_verify(app, verify_arguments);
   const CLI::App *const is_stat = add_stat(app, stat_arguments);
   const CLI::App *const is_series = add_of_series(app, series_arguments, "series", "print the series of a database");
@@ -385,6 +427,8 @@ int main(int argc, char **argv) {
     if (*is_ingest) return ingest(ingest_arguments);
     if (*is_serve) return serve(serve_arguments);
     if (*is_snapshot) return snapshot(snapshot_arguments);
+    if (*is_backup) return backup(backup_arguments);
+    if (*is_restore) return restore(restore_arguments);
     if (*is_verify) return verify(verify_arguments);
     if (*is_stat) return metricdb::stat(stat_arguments);
     if (*is_query) return query(query_arguments);

@@ -46,6 +46,7 @@ struct Hub {
         access(options.user_file),
         tls(tls_of(options)),
         queries(options.query, options.n_query_threads, options.max_waiting_queries, options.max_query_time),
+        backups(server_options.backup, 1, 1, server_options.max_query_time),
         log(server_options.max_log_lines, server_options.log_interval) {}
 
   // None without a certificate. Throws TlsError.
@@ -69,7 +70,8 @@ struct Hub {
   size_t open_bytes = 0;        // of these, not committed yet
   bool has_open_points = false;
   QueryWorkers queries;
-  uint64_t last_query = 0;
+  QueryWorkers backups;                         // not interrupted; one is written, and one can wait
+  uint64_t last_query = 0;                      // of both
   size_t query_bytes = 0;                       // of answers to queries that are not sent completely
   std::unordered_map<uint64_t, int> query_fds;  // connections that wait for queries
   LimitedLog log;

@@ -105,14 +105,15 @@ std::string url_encoded(std::string_view text) {
 }
 
 // With HTTP/1.0 the server closes the connection after the answer.
-FetchedAnswer fetch(const HttpServer &server, std::string_view target, std::string_view accept) {
+FetchedAnswer fetch(const HttpServer &server, std::string_view target, std::string_view accept,
+                    std::string_view method) {
   std::string address = server.address;
   const bool is_https = remove_scheme(address);
   std::optional<TlsContext> tls;
   if (is_https) tls = TlsContext::of_client(server.ca_file);
   Transport transport(connected(address, !is_https && !server.password.empty()), tls ? &*tls : nullptr,
                       address.substr(0, address.rfind(':')));
-  std::string request = fmt::format("GET {} HTTP/1.0\r\nAccept: {}\r\n", target, accept);
+  std::string request = fmt::format("{} {} HTTP/1.0\r\nAccept: {}\r\n", method, target, accept);
   if (!server.user.empty())
     request += fmt::format("Authorization: Basic {}\r\n", base64(server.user + ':' + server.password));
   send_all(server.address, transport, request + "\r\n");

@@ -25,11 +25,12 @@ struct HttpServer {
   std::string password = {};  // without https it is sent to loopback addresses only
 };
 
-// Sends GET and returns the whole answer. Throws HttpClientError; TlsError for ca_file.
+// Sends a request without a body and returns the whole answer. Throws HttpClientError; TlsError for ca_file.
 //
 // target  path and query, encoded.
 // accept  the type that is preferred, such as application/csv.
-FetchedAnswer fetch(const HttpServer &server, std::string_view target, std::string_view accept);
+FetchedAnswer fetch(const HttpServer &server, std::string_view target, std::string_view accept,
+                    std::string_view method = "GET");
 
 std::string url_encoded(std::string_view text);
 

@@ -45,6 +45,8 @@ void HttpConnection::answer_request() {
     write(*request);
   else if (const auto *query = std::get_if<QueryRequest>(&routed))
     begin_query(*query);
+  else if (const auto *backup = std::get_if<BackupRequest>(&routed))
+    begin_backup(*backup);
   else {
     const HttpAnswer &answer = std::get<HttpAnswer>(routed);
     if (!answer.log.empty()) log(answer.log, LogTopic::denials);
@@ -59,6 +61,21 @@ void HttpConnection::begin_query(const QueryRequest &query) {
     hub().queries_refused.add(1);
     return queue_answer(error_answer(HTTP_STATUS_SERVICE_UNAVAILABLE, "too many queries wait, try again"));
   }
+  wait_for_query(id);
+}
+
+void HttpConnection::begin_backup(const BackupRequest &backup) {
+  if (!hub().options.backup)
+    return queue_answer(error_answer(HTTP_STATUS_FORBIDDEN, "backups are off: the server has no --backup-folder"));
+  const uint64_t id = ++hub().last_query;
+  QueryRequest request;
+  request.text = backup.name;
+  if (!hub().backups.submit(id, std::move(request)))
+    return queue_answer(error_answer(HTTP_STATUS_SERVICE_UNAVAILABLE, "another backup waits, try again"));
+  wait_for_query(id);
+}
+
+void HttpConnection::wait_for_query(uint64_t id) {
   const HttpRequest &request = reader_.request();
   queries_[id] = {request.method, request.keep_alive, request.is_http_1_0};
   hub().query_fds[id] = fd();

@@ -32,6 +32,9 @@ class HttpConnection : public Connection {
   void write_lines(std::string_view lines, Precision precision);
   void begin_query(const QueryRequest &query);
   void check_head();
+  void begin_backup(const BackupRequest &backup);
+  // Queues the answer of a query or a backup, which follows later.
+  void wait_for_query(uint64_t id);
   void answer_expectation();
   void refuse_connection(const HttpAnswer &answer);
   void queue_answer(const HttpAnswer &answer, uint64_t ticket = 0, size_t bytes = 0);

@@ -94,8 +94,7 @@ HttpAnswer not_allowed(const char *methods) {
   return answer;
 }
 
-std::variant<WriteRequest, QueryRequest, HttpAnswer> route_write(const HttpRequest &request,
-                                                                 std::string_view arguments) {
+RoutedRequest route_write(const HttpRequest &request, std::string_view arguments) {
   if (request.method != HTTP_POST) return not_allowed("POST");
   const std::string unit = argument(arguments, "precision").value_or("");
   const std::optional<Precision> precision = precision_of(unit);
@@ -197,7 +196,7 @@ std::optional<HttpAnswer> InfluxApi::answer_to_head(const HttpRequest &request) 
   return answer != nullptr ? std::optional(*answer) : std::nullopt;
 }
 
-std::variant<WriteRequest, QueryRequest, HttpAnswer> InfluxApi::route(const HttpRequest &request) {
+RoutedRequest InfluxApi::route(const HttpRequest &request) {
   const std::optional<Target> target = target_of(request);
   if (!target) return error_answer(HTTP_STATUS_BAD_REQUEST, "the target of the request is not a URL");
   const bool reads = request.method == HTTP_GET || request.method == HTTP_HEAD;
@@ -207,16 +206,20 @@ std::variant<WriteRequest, QueryRequest, HttpAnswer> InfluxApi::route(const Http
     return route_write(request, target->arguments);
   }
   if (target->path == "/query")
-    return reads || request.method == HTTP_POST
-               ? query(request, target->arguments)
-               : std::variant<WriteRequest, QueryRequest, HttpAnswer>(not_allowed("GET, POST"));
+    return reads || request.method == HTTP_POST ? query(request, target->arguments)
+                                                : RoutedRequest(not_allowed("GET, POST"));
+  if (target->path == "/backup") {
+    if (auto answer = denied(Right::write)) return *std::move(answer);
+    return request.method == HTTP_POST ? RoutedRequest(BackupRequest{argument(target->arguments, "name").value_or("")})
+                                       : RoutedRequest(not_allowed("POST"));
+  }
   if (target->path == "/ping") return reads ? HttpAnswer() : not_allowed("GET, HEAD");
   if (target->path == "/health") return reads ? health() : not_allowed("GET, HEAD");
   if (target->path == "/metrics") {
     if (auto answer = denied(Right::read)) return *std::move(answer);
     return reads ? metrics() : not_allowed("GET, HEAD");
   }
-  return error_answer(HTTP_STATUS_NOT_FOUND, "the paths are /write, /query, /ping, /health and /metrics");
+  return error_answer(HTTP_STATUS_NOT_FOUND, "the paths are /write, /query, /ping, /health, /metrics and /backup");
 }
 
 HttpAnswer InfluxApi::health() const {
@@ -236,8 +239,7 @@ HttpAnswer InfluxApi::metrics() const {
   return answer;
 }
 
-std::variant<WriteRequest, QueryRequest, HttpAnswer> InfluxApi::query(const HttpRequest &request,
-                                                                      std::string_view arguments) {
+RoutedRequest InfluxApi::query(const HttpRequest &request, std::string_view arguments) {
   const bool is_form = request.content_type.starts_with("application/x-www-form-urlencoded");
   const auto value_of = [&](std::string_view name) {
     const std::optional<std::string> value = argument(arguments, name);

@@ -4,10 +4,11 @@
 //   GET, HEAD /ping                            checks the connection; the header has the version
 //   GET /health                                whether points can be made durable, as JSON; 503 if not
 //   GET /metrics                               the server's figures for Prometheus
+//   POST /backup?name=NAME                     a backup of the database (backup_api.h)
 //   GET, POST /query?q=...                     InfluxQL, also as the text of a form. CREATE DATABASE is accepted
 //
 // There is one database. The parameter `db` is ignored. If there are users, all but /ping and /health need a user with a
-// right: read for queries and /metrics, write for /write and CREATE DATABASE. The credentials are those of the parameters
+// right: read for queries and /metrics, write for /write, /backup and CREATE DATABASE. The credentials are those of the parameters
 // u and p, or else those of the header Authorization.
 #pragma once
 
@@ -31,6 +32,12 @@ struct WriteRequest {
   bool is_gzip = false;
 };
 
+struct BackupRequest {
+  std::string name;
+};
+
+using RoutedRequest = std::variant<WriteRequest, QueryRequest, BackupRequest, HttpAnswer>;
+
 // What the server says about itself.
 struct OperatorView {
   std::function<std::string()> why_unhealthy;  // empty if it is healthy
@@ -46,8 +53,8 @@ class InfluxApi {
  public:
   InfluxApi(OperatorView view, Access &access) : view_(std::move(view)), access_(access) {}
 
-  // Returns the write or the query to execute, or the answer to any other request.
-  std::variant<WriteRequest, QueryRequest, HttpAnswer> route(const HttpRequest &request);
+  // Returns the write, the query or the backup to execute, or the answer to any other request.
+  RoutedRequest route(const HttpRequest &request);
 
   // Of a request whose header is known. Returns the answer if its sender may send no body.
   std::optional<HttpAnswer> denial_of_head(const HttpRequest &request);
@@ -58,7 +65,7 @@ class InfluxApi {
 
  private:
   std::optional<HttpAnswer> denial(const HttpRequest &request, std::string_view arguments, Right right);
-  std::variant<WriteRequest, QueryRequest, HttpAnswer> query(const HttpRequest &request, std::string_view arguments);
+  RoutedRequest query(const HttpRequest &request, std::string_view arguments);
   HttpAnswer health() const;
   HttpAnswer metrics() const;
 

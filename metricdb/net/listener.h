@@ -12,10 +12,12 @@ namespace metricdb {
 class Listener {
  public:
   // Listens on that port, or on any free port for 0; without a port it does nothing. Throws ServerError.
-  Listener(const std::string &address, std::optional<int> port);
+  //
+  // passed  a listening socket that it owns from here on, in place of the port; -1: none.
+  Listener(const std::string &address, std::optional<int> port, int passed = -1);
 
-  int fd() const { return fd_.get(); }  // -1: none
-  int port() const { return fd_.get() < 0 ? 0 : port_; }
+  int fd() const { return fd_.get(); }                    // -1: none
+  int port() const { return fd_.get() < 0 ? 0 : port_; }  // 0 also for a socket without ports
   void close() { fd_.reset(); }
 
   // Accepts the next connection without blocking; the caller owns the descriptor. Returns -1 if there is none, or on an
@@ -23,6 +25,8 @@ class Listener {
   int accept(const std::function<void(const char *why)> &turned_away);
 
  private:
+  void listen(const std::string &address, int port);
+  void take(int passed);
   void turn_away();
 
   Descriptor fd_;

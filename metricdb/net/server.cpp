@@ -82,7 +82,7 @@ class Server::Loop {
   bool close_stalled();
   void commit();
   void settle();
-  void answer_queries();
+  void answer_queries(QueryWorkers &workers);
   void resume_held();
   void activate(Place &place);
   void check_times();
@@ -129,13 +129,14 @@ Server::Loop::Loop(const ServerOptions &options)
       api_({[this] { return why_unhealthy(); }, [this] { return metrics_text(hub_, api_.denied(), batches_.size()); }},
            hub_.access),
       epoll_(tslb_epoll_init(static_cast<int>(MAX_EVENTS), nullptr)),
-      influx_(options.address, options.influx_port),
-      graphite_(options.address, options.graphite_port) {
+      influx_(options.address, options.influx_port, options.influx_socket),
+      graphite_(options.address, options.graphite_port, options.graphite_socket) {
   if (epoll_.get() < 0) fail("epoll");
   if (fcntl(epoll_.get(), F_SETFD, FD_CLOEXEC) != 0) fail("epoll");
   hub_.blocks.set_reclaim([this] { return close_stalled(); });
   watch(wake_.fd(), EPOLLIN);
   watch(hub_.queries.event_fd(), EPOLLIN);
+  watch(hub_.backups.event_fd(), EPOLLIN);
   if (influx_.fd() >= 0) watch(influx_.fd(), EPOLLIN);
 }
 
@@ -189,11 +190,14 @@ void Server::Loop::read_files_again() {
 }
 
 void Server::Loop::run() {
-  // Also if a round throws: queries use what the caller owns.
+  // Also if a round throws: queries and backups use what the caller owns. A backup is completed.
   struct StopQueries {
-    QueryWorkers &queries;
-    ~StopQueries() { queries.stop(); }
-  } const stop_queries{hub_.queries};
+    Hub &hub;
+    ~StopQueries() {
+      hub.queries.stop();
+      hub.backups.stop();
+    }
+  } const stop_queries{hub_};
   TSLB_DLOG(LOG_PROGRESS, "serving: influx %d, graphite %d on %s", influx_port(), graphite_port(),
             hub_.options.address.c_str());
   hub_.now = Clock::now();
@@ -214,7 +218,10 @@ void Server::Loop::run() {
 void Server::Loop::run_round() {
   wait_for_events();
   if (std::exchange(is_settled_readable_, false)) settle();
-  if (std::exchange(has_query_answers_, false)) answer_queries();
+  if (std::exchange(has_query_answers_, false)) {
+    answer_queries(hub_.queries);
+    answer_queries(hub_.backups);
+  }
   process_active();
   commit();
   if (hub_.now >= next_check_) check_times();
@@ -236,7 +243,7 @@ void Server::Loop::on_event(const epoll_event &event) {
     on_requests();
   } else if (hub_.ingest != nullptr && fd == hub_.ingest->settled_fd()) {
     is_settled_readable_ = true;
-  } else if (fd == hub_.queries.event_fd()) {
+  } else if (fd == hub_.queries.event_fd() || fd == hub_.backups.event_fd()) {
     has_query_answers_ = true;
   } else if (fd == influx_.fd()) {
     accept_some(influx_);
@@ -377,9 +384,9 @@ void Server::Loop::settle() {
 }
 
 // A connection that was closed has taken its queries out of query_fds.
-void Server::Loop::answer_queries() {
-  for (const QueryWorkers::Done &done : hub_.queries.take_answers()) {
-    hub_.count(done);
+void Server::Loop::answer_queries(QueryWorkers &workers) {
+  for (const QueryWorkers::Done &done : workers.take_answers()) {
+    if (&workers == &hub_.queries) hub_.count(done);
     const auto waiting = hub_.query_fds.find(done.id);
     if (waiting == hub_.query_fds.end()) continue;
     Place &place = places_[static_cast<size_t>(waiting->second)];
@@ -428,6 +435,7 @@ std::string Server::Loop::why_unhealthy() {
 
 void Server::Loop::check_times() {
   next_check_ = hub_.now + tick();
+  if (hub_.options.on_tick) hub_.options.on_tick();
   hub_.log.end_intervals(hub_.now);
   log_snapshots();
   for (Place &place : places_) {
@@ -439,6 +447,7 @@ void Server::Loop::check_times() {
 
 void Server::Loop::begin_drain() {
   is_draining_ = true;
+  if (hub_.options.on_stop) hub_.options.on_stop();
   drain_deadline_ = hub_.now + hub_.options.drain_timeout;
   next_check_ = hub_.now + tick();
   influx_.close();

@@ -32,12 +32,15 @@ struct ServerOptions {
   std::string address = "127.0.0.1";  // IPv4
   std::optional<int> influx_port;     // 0: any free port. Without a port the protocol is off
   std::optional<int> graphite_port;
+  int influx_socket = -1;  // a listening socket that the server owns, in place of the port; -1: none
+  int graphite_socket = -1;
 
   // PEM; for both protocols. Read again after `hang_up`, for new connections. Empty: no TLS.
   std::string tls_certificate_file = {}, tls_key_file = {};
   std::string user_file = {};  // for access.h, read again after `hang_up`; empty: clients need no password
 
-  QueryFunction query = nullptr;  // answers SELECT and SHOW; without it they are refused
+  QueryFunction backup = nullptr;  // writes a backup with the name in `text`; without it they are refused
+  QueryFunction query = nullptr;   // answers SELECT and SHOW; without it they are refused
   unsigned n_query_threads = 2;
   size_t max_waiting_queries = 64;
   std::chrono::milliseconds max_query_time{30'000};  // then a query is interrupted
@@ -62,8 +65,11 @@ struct ServerOptions {
   std::chrono::milliseconds log_interval{10'000};  // in which clients cause at most max_log_lines of each kind
   size_t max_log_lines = 20;
 
-  // Called on the server's thread after `hang_up`, before the files are read again.
+  // Called on the server's thread: after `hang_up`, before the files are read again; at least once per second; and when the
+  // end begins.
   std::function<void()> on_hang_up = {};
+  std::function<void()> on_tick = {};
+  std::function<void()> on_stop = {};
 };
 
 struct ServerCounters {

@@ -14,6 +14,7 @@
 #include <optional>
 #include <string>
 
+#include "store/backup.h"
 #include "store/database.h"
 #include "store/fair_shared_mutex.h"
 #include "store/ingest.h"
@@ -66,6 +67,9 @@ class DatabaseWriter final : public Ingest {
   // Calls `use` with the store, which is live (Store::go_live), on the calling thread. Any thread, also while points are
   // taken. Waits while a refused batch is taken back; meanwhile `use` is not running.
   void read(const std::function<void(const Store &)> &use) const;
+
+  // Writes a backup (backup.h). Any thread, also while points are taken.
+  BackupInfo backup(const std::string &to) const { return write_backup(durable_->get(), to); }
 
   const Store &store() const { return *store_; }
   // What was remarkable when the database was opened, one line; empty if nothing was.

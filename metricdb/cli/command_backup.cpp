@@ -1,0 +1,49 @@
+// `metricdb backup` and `metricdb restore`.
+#include "store/backup.h"
+
+#include <fmt/format.h>
+
+#include <chrono>
+#include <stdexcept>
+
+#include "cli/commands.h"
+#include "cli/output.h"
+#include "net/http_client.h"
+#include "store/log.h"
+
+namespace metricdb {
+namespace {
+
+void print_backup(const std::string &what, const BackupInfo &info, std::chrono::steady_clock::time_point begin) {
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+  TSLB_DLOG(LOG_PROGRESS, "%s, %llu bytes, %.3f s", what.c_str(), static_cast<unsigned long long>(info.bytes), seconds);
+  print(fmt::format("{}: generation {}, {} bytes, {:.3f} s\n", what, info.generation, info.bytes, seconds));
+}
+
+// Prints the server's answer.
+int backup_of_server(const BackupArguments &arguments) {
+  const std::string target = "/backup?name=" + url_encoded(arguments.to);
+  const FetchedAnswer answer = fetch(http_server_of(arguments.server), target, "application/json", "POST");
+  const std::string text = answer.body.substr(0, answer.body.find_last_not_of('\n') + 1);
+  if (answer.status != 200) throw std::runtime_error(fmt::format("{}: {}: {}", arguments.server.address, answer.status, text));
+  print(text + "\n");
+  return EXIT_GOOD;
+}
+
+}  // namespace
+
+int backup(const BackupArguments &arguments) {
+  check_server_or_db(arguments.server, arguments.db);
+  if (!arguments.server.address.empty()) return backup_of_server(arguments);
+  const auto begin = std::chrono::steady_clock::now();
+  print_backup("backup           " + arguments.to, backup_database(arguments.db, arguments.to), begin);
+  return EXIT_GOOD;
+}
+
+int restore(const RestoreArguments &arguments) {
+  const auto begin = std::chrono::steady_clock::now();
+  print_backup("restored         " + arguments.db, restore_backup(arguments.from, arguments.db), begin);
+  return EXIT_GOOD;
+}
+
+}  // namespace metricdb
