@@ -65,7 +65,7 @@ TEST_F(Serve, OtherMachinesNeedTlsAndUsers) {
     EXPECT_THAT(refused.err, HasSubstr(row.reason));
     EXPECT_FALSE(fs::exists(path("db")));
   }
-  ServeProcess serve(root_, "--db db --address 0.0.0.0 --insecure");
+  ServeProcess serve(root_, "--influx 0 --db db --address 0.0.0.0 --insecure");
   EXPECT_TRUE(wait_until([&] { return serve.output().find("influx 0.0.0.0:") != std::string::npos; }))
       << serve.output();
   EXPECT_EQ(serve.end(SIGTERM), 0);
