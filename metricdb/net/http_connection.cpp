@@ -41,11 +41,11 @@ void HttpConnection::consume() {
 void HttpConnection::answer_request() {
   hub().requests.add(1);
   const auto routed = api_.route(reader_.request());
-  if (const auto *request = std::get_if<WriteRequest>(&routed))
+  if (const auto *request = std::get_if<WriteRequest>(&routed)) {
     write(*request);
-  else if (const auto *query = std::get_if<QueryRequest>(&routed))
+  } else if (const auto *query = std::get_if<QueryRequest>(&routed)) {
     begin_query(*query);
-  else {
+  } else {
     const HttpAnswer &answer = std::get<HttpAnswer>(routed);
     if (!answer.log.empty()) log(answer.log, LogTopic::denials);
     queue_answer(answer);
