@@ -45,12 +45,14 @@ class Access {
     busy        // the budget is used up; the client should try again
   };
 
-  // file  empty: everything is allowed. Others must not be able to read it. Throws ServerError.
+  // file  empty: no users. Others must not be able to read it. Throws ServerError.
   explicit Access(std::string file, const PasswordBudget &budget = {});
 
   // Reads the file again. Throws ServerError, and then the former users stay.
   void reload();
 
+  bool has_users() const { return !users_.empty(); }
+  // Without users everything is allowed.
   Outcome check(const std::optional<Credentials> &credentials, Right right);
 
  private:

@@ -41,13 +41,13 @@ void HttpConnection::consume() {
 void HttpConnection::answer_request() {
   hub().requests.add(1);
   const auto routed = api_.route(reader_.request());
-  if (const auto *request = std::get_if<WriteRequest>(&routed))
+  if (const auto *request = std::get_if<WriteRequest>(&routed)) {
     write(*request);
-  else if (const auto *query = std::get_if<QueryRequest>(&routed))
+  } else if (const auto *query = std::get_if<QueryRequest>(&routed)) {
     begin_query(*query);
-  else if (const auto *backup = std::get_if<BackupRequest>(&routed))
+  } else if (const auto *backup = std::get_if<BackupRequest>(&routed)) {
     begin_backup(*backup);
-  else {
+  } else {
     const HttpAnswer &answer = std::get<HttpAnswer>(routed);
     if (!answer.log.empty()) log(answer.log, LogTopic::denials);
     queue_answer(answer);

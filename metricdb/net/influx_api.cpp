@@ -155,25 +155,27 @@ HttpAnswer answer_to(const IngestResult &result) {
 }
 
 std::optional<HttpAnswer> InfluxApi::denial(const HttpRequest &request, std::string_view arguments, Right right) {
+  if (!access_.has_users()) return std::nullopt;
   const std::optional<Credentials> credentials = credentials_of(request, arguments);
+  const Access::Outcome outcome = access_.check(credentials, right);
+  if (outcome == Access::Outcome::allowed) return std::nullopt;
   const std::string who =
       credentials ? fmt::format("user \"{}\"", printable(credentials->name)) : "a request without a user";
   HttpAnswer answer;
-  switch (access_.check(credentials, right)) {
+  switch (outcome) {
     case Access::Outcome::allowed:
-      return std::nullopt;
     case Access::Outcome::unknown:
       ++denied_.unknown;
       answer = error_answer(HTTP_STATUS_UNAUTHORIZED,
                             credentials ? "authorization failed" : "unable to parse authentication credentials");
       answer.log = who + " was denied: " + (credentials ? "wrong name or password" : "this server has users");
-      return answer;
+      break;
     case Access::Outcome::forbidden:
       ++denied_.forbidden;
       answer = error_answer(HTTP_STATUS_FORBIDDEN,
                             fmt::format("{} is not authorized to {}", who, right == Right::read ? "read" : "write"));
       answer.log = answer.error;
-      return answer;
+      break;
     case Access::Outcome::busy:
       ++denied_.busy;
       answer = error_answer(HTTP_STATUS_SERVICE_UNAVAILABLE, "too many passwords are being checked, try again");
