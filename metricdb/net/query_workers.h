@@ -39,7 +39,7 @@ struct QueryAnswer {
 };
 
 // Asked now and then by a query: whether it should end. It can throw then.
-using IsInterrupted = std::function<bool()>;
+using IsInterrupted = std::function<bool()>;  // can be called on any thread of the query
 
 // Called by several threads at once. An exception becomes an answer with status 500.
 using QueryFunction = std::function<QueryAnswer(const QueryRequest &, const IsInterrupted &)>;
