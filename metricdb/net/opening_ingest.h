@@ -25,6 +25,7 @@ class OpeningIngest final : public Ingest {
   uint64_t commit() override;
   uint64_t settled() override;
   std::string failure(uint64_t ticket) override;
+  Work work() override { return is_ready() ? ready()->work() : Work(); }
   IngestFigures figures() override;
   std::string why_not_writable() override;
   bool is_ready() const override { return ready() != nullptr; }

@@ -31,6 +31,7 @@ using std::chrono::milliseconds;
 constexpr size_t MAX_EVENTS = 256;
 constexpr int MAX_ACCEPTED = 64;  // per round, so that many new connections do not delay the others
 constexpr size_t MESSAGE_BYTES = 512;
+constexpr size_t MAX_BATCHES_OF_WORK = 8;
 
 [[noreturn]] void fail(const char *what) {
   const int error = errno;
@@ -78,6 +79,7 @@ class Server::Loop {
   void after_processing(Place &place);
   void remove(Place &place);
   bool close_stalled();
+  void work();
   void commit();
   void settle();
   void answer_queries();
@@ -116,6 +118,7 @@ class Server::Loop {
   bool accepts_graphite_ = false;
   bool is_settled_readable_ = false;
   bool has_query_answers_ = false;
+  bool has_more_work_ = false;
   bool is_turning_away_ = false;
   bool is_draining_ = false;
   Clock::time_point next_check_;
@@ -194,6 +197,7 @@ void Server::Loop::run_round() {
   if (std::exchange(is_settled_readable_, false)) settle();
   if (std::exchange(has_query_answers_, false)) answer_queries();
   process_active();
+  work();
   commit();
   if (hub_.now >= next_check_) check_times();
 }
@@ -201,7 +205,7 @@ void Server::Loop::run_round() {
 void Server::Loop::wait_for_events() {
   std::array<epoll_event, MAX_EVENTS> events;
   const auto until = std::chrono::ceil<milliseconds>(next_check_ - Clock::now());
-  const int wait_ms = active_.empty() ? static_cast<int>(std::max<int64_t>(until.count(), 0)) : 0;
+  const int wait_ms = active_.empty() && !has_more_work_ ? static_cast<int>(std::max<int64_t>(until.count(), 0)) : 0;
   const int n = epoll_wait(epoll_.get(), events.data(), static_cast<int>(events.size()), wait_ms);
   if (n < 0 && errno != EINTR) fail("epoll");
   hub_.now = Clock::now();
@@ -317,6 +321,15 @@ bool Server::Loop::close_stalled() {
   longest->connection->give_up();
   remove(*longest);
   return true;
+}
+
+// Changes that queries have requested. Not while many batches wait, because these are in memory.
+void Server::Loop::work() {
+  has_more_work_ = false;
+  if (batches_.size() >= MAX_BATCHES_OF_WORK) return;
+  const Ingest::Work work = hub_.ingest.work();
+  has_more_work_ = work.has_more;
+  hub_.has_open_points |= work.has_changed;
 }
 
 void Server::Loop::commit() {

@@ -66,6 +66,14 @@ class Ingest {
   // Returns the reason why a settled batch was refused; empty if it is durable.
   virtual std::string failure(uint64_t ticket) = 0;
 
+  // Does a part of the changes that other threads have requested (DatabaseWriter::request), a few milliseconds at most.
+  // Called now and then, and after settled_fd became readable.
+  struct Work {
+    bool has_changed = false;  // a batch is open, and must be committed
+    bool has_more = false;
+  };
+  virtual Work work() { return {}; }
+
   virtual IngestFigures figures() = 0;
 
   // Returns why points cannot be made durable at the moment, in one line; empty if they can.
@@ -74,7 +82,7 @@ class Ingest {
   // False while it refuses everything because it is being opened. Then settled_fd becomes readable when this changes.
   virtual bool is_ready() const { return true; }
 
-  // Readable when the result of `settled` may have changed. Calling `settled` resets it.
+  // Readable when the result of `settled` may have changed, or a change was requested. Calling `settled` resets it.
   virtual int settled_fd() const = 0;
 };
 

@@ -18,6 +18,11 @@
 
 namespace metricdb {
 
+struct LiveSeries {
+  uint32_t series;
+  uint32_t stamp;  // from the index: distinguishes series with the same number
+};
+
 struct SeriesVersions {
   Version head;                    // the record's references, and the place of the open chunk
   Version chain;                   // sealed chunks are deleted

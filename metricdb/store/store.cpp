@@ -67,6 +67,11 @@ void Store::set_forgetting(const Forgetting &forgetting) {
   register_reuse_policy();
 }
 
+void Store::set_clock(int64_t now_ns) {
+  clock_ns_ = now_ns;
+  if (live_) live_->visible_from_ns.store(visible_from_ns(), std::memory_order_relaxed);
+}
+
 StoreState Store::state() const {
   return {n_series(), n_points_, data_time_ns_, n_since_sweep_, forgotten_};
 }

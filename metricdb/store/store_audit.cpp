@@ -187,14 +187,15 @@ class SeriesAudit {
       const auto *const chunk = reinterpret_cast<const SealedChunk *>(points.claim(address, from, bytes, fail_chunk));
       if (bytes < sizeof(SealedChunk) || bytes != sizeof(SealedChunk) + padded(chunk->bytes))
         fail_chunk(fmt::format("has {} bytes, which is not the size of its points", bytes));
-      if (chunk->count != SEALED_POINTS) fail_chunk(fmt::format("holds {} points", uint16_t{chunk->count}));
+      if (chunk->count == 0 || chunk->count > SEALED_POINTS)
+        fail_chunk(fmt::format("holds {} points", uint16_t{chunk->count}));
       const bool is_last = number + 1 == record_.n_sealed();
       if (is_last && bits_of(address) != bits_of(record_.last_sealed()))
         fail("its last sealed chunk is not the end of its chain");
       if (is_last && bits_of(chunk->next) != 0) fail_chunk("is the last one, but names a next chunk");
       expect_points(*chunk, fail_chunk);
       n_points_ += chunk->count;
-      from = referrer_of(POINTS_TABLE, bits_of(address), offsetof(SealedChunk, next));
+      from = referrer_in_chunk(address);
       address = chunk->next;
     }
   }
