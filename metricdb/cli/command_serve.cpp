@@ -9,19 +9,19 @@
 #include <cstdlib>
 #include <exception>
 #include <iterator>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <thread>
 
 #include "cli/commands.h"
 #include "cli/log_file.h"
+#include "cli/open_databases.h"
 #include "cli/output.h"
 #include "cli/write_options.h"
 #include "net/opening_ingest.h"
 #include "net/server.h"
 #include "query/influxql.h"
-#include "query/store_source.h"
-#include "store/database_writer.h"
 #include "store/log.h"
 
 namespace metricdb {
@@ -95,10 +95,26 @@ int64_t now_ns() {
   return std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
 }
 
-// Reads the arrays while the server's thread feeds them. writer: null until the database is open.
-QueryAnswer answer_query(const DatabaseWriter *writer, const QueryRequest &request,
+// What the server feeds: one of both.
+struct Served {
+  std::shared_ptr<DatabaseWriter> only = {};
+  std::unique_ptr<DatabaseSet> set = {};
+
+  Ingest &ingest() const { return set ? static_cast<Ingest &>(*set) : *only; }
+  const std::string &warnings() const { return set ? set->warnings() : only->warnings(); }
+  // Returns why the last batch was refused; empty if it was not.
+  std::string close() const {
+    if (set) return set->close();
+    std::string why = only->wait(only->commit());
+    only->close();
+    return why;
+  }
+};
+
+// Reads the arrays while the server's thread feeds them. served: null until the databases are open.
+QueryAnswer answer_query(const Served *served, DatabaseNames &names, const QueryRequest &request,
                          const IsInterrupted &is_interrupted) {
-  if (writer == nullptr) return {HTTP_STATUS_SERVICE_UNAVAILABLE, "application/json", "{\"error\":\"starting\"}\n"};
+  if (served == nullptr) return {HTTP_STATUS_SERVICE_UNAVAILABLE, "application/json", "{\"error\":\"starting\"}\n"};
   const InfluxqlRequest query = {.text = request.text,
                                  .epoch = request.epoch,
                                  .pretty = request.is_pretty,
@@ -106,10 +122,14 @@ QueryAnswer answer_query(const DatabaseWriter *writer, const QueryRequest &reque
                                  .csv = request.is_csv,
                                  .chunk_size = request.chunk_rows,
                                  .now_ns = now_ns(),
+                                 .database = request.database,
+                                 .is_read_only = request.is_read_only,
                                  .is_interrupted = is_interrupted};
-  InfluxqlAnswer answer;
-  writer->read([&](const Store &store) { answer = answer_influxql(StoreSource(store), query, request.databases); });
-  return {answer.is_bad_request ? HTTP_STATUS_BAD_REQUEST : HTTP_STATUS_OK, answer.content_type, answer.body};
+  const auto answer_from = [&query](InfluxqlDatabases &&databases) { return answer_influxql(databases, query); };
+  const InfluxqlAnswer answer = served->set ? answer_from(SeveralDatabases(*served->set, is_interrupted))
+                                            : answer_from(OnlyDatabase(served->only, names, false, is_interrupted));
+  const http_status refusal = answer.is_not_found ? HTTP_STATUS_NOT_FOUND : HTTP_STATUS_BAD_REQUEST;
+  return {answer.is_not_found || answer.is_bad_request ? refusal : HTTP_STATUS_OK, answer.content_type, answer.body};
 }
 
 WriterOptions serve_writer_options(const ServeArguments &arguments) {
@@ -120,15 +140,15 @@ WriterOptions serve_writer_options(const ServeArguments &arguments) {
   options.refuse_strings = !arguments.drop_strings;
   options.one_per_time = true;
   options.is_live = true;
+  options.retains_by_clock = true;
   return options;
 }
 
 // Opens the database on a thread of its own, while the server answers that it is starting. Stops the server if that fails.
 class Opening {
  public:
-  // readable  receives the database when it is open.
-  Opening(const ServeArguments &arguments, Server &server, OpeningIngest &ingest,
-          std::atomic<const DatabaseWriter *> &readable)
+  // readable  receives the databases when they are open.
+  Opening(const ServeArguments &arguments, Server &server, OpeningIngest &ingest, std::atomic<const Served *> &readable)
       : arguments_(arguments), server_(server), ingest_(ingest), readable_(readable), thread_([this] { run(); }) {}
   ~Opening() {
     if (thread_.joinable()) thread_.join();
@@ -138,14 +158,14 @@ class Opening {
 
   // Called after the server has ended. Throws what the opening has thrown. If a signal came before the database was open,
   // this ends the process: nothing was stored, and opening can take long.
-  DatabaseWriter &result() {
+  const Served &result() {
     if (!is_done_) {
       TSLB_DLOG(LOG_PROGRESS, "stopped while the database was opened");
       std::_Exit(EXIT_GOOD);
     }
     thread_.join();
     if (failure_) std::rethrow_exception(failure_);
-    return *writer_;
+    return served_;
   }
 
  private:
@@ -163,13 +183,18 @@ class Opening {
   void open() {
     WriterOptions options = serve_writer_options(arguments_);
     options.on_progress = [this](uint64_t done_bytes, uint64_t all_bytes) { report(done_bytes, all_bytes); };
-    writer_.emplace(arguments_.write.db, options);
-    report_warnings(writer_->warnings());
+    if (arguments_.data.empty()) {
+      served_.only = std::make_shared<DatabaseWriter>(arguments_.write.db, options);
+    } else {
+      served_.set = std::make_unique<DatabaseSet>(arguments_.data, options);
+      if (arguments_.graphite_port) served_.set->create(arguments_.graphite_database, {});
+    }
+    report_warnings(served_.warnings());
     const std::string line = ports_line(arguments_, server_);
     TSLB_DLOG(LOG_PROGRESS, "%s", line.c_str());
     is_done_ = true;  // before points can be stored
-    readable_ = &*writer_;
-    ingest_.set_ready(*writer_);
+    readable_ = &served_;
+    ingest_.set_ready(served_.ingest());
     print_if_read(line);
   }
 
@@ -186,9 +211,9 @@ class Opening {
   const ServeArguments &arguments_;
   Server &server_;
   OpeningIngest &ingest_;
-  std::atomic<const DatabaseWriter *> &readable_;
+  std::atomic<const Served *> &readable_;
   uint64_t next_logged_bytes_ = 0;
-  std::optional<DatabaseWriter> writer_;
+  Served served_;
   std::exception_ptr failure_;
   std::atomic<bool> is_done_ = false;
   std::thread thread_;  // the last member, because it uses the others
@@ -199,14 +224,17 @@ class Opening {
 int serve(const ServeArguments &arguments) {
   if (!arguments.influx_port && !arguments.graphite_port)
     throw std::runtime_error("nothing to serve: use --influx, --graphite or both");
+  if (arguments.write.db.empty() == arguments.data.empty()) throw std::runtime_error("use either --db or --data");
   ignore_harmless_signals();
   ServerOptions options;
   options.address = arguments.address;
   options.influx_port = arguments.influx_port;
   options.graphite_port = arguments.graphite_port;
-  std::atomic<const DatabaseWriter *> readable = nullptr;
-  options.query = [&readable](const QueryRequest &request, const IsInterrupted &is_interrupted) {
-    return answer_query(readable, request, is_interrupted);
+  options.graphite_database = arguments.graphite_database;
+  std::atomic<const Served *> readable = nullptr;
+  DatabaseNames names;
+  options.query = [&](const QueryRequest &request, const IsInterrupted &is_interrupted) {
+    return answer_query(readable, names, request, is_interrupted);
   };
   options.max_connections = connection_limit(options.max_connections);
   options.on_hang_up = reopen_log;
@@ -215,9 +243,7 @@ int serve(const ServeArguments &arguments) {
   const ServerSignals signals(server);
   Opening opening(arguments, server, ingest, readable);
   server.run();
-  DatabaseWriter &writer = opening.result();
-  const std::string why = writer.wait(writer.commit());
-  writer.close();
+  const std::string why = opening.result().close();
   print_if_read(counters_line(server.counters()));
   if (!why.empty()) throw IngestRefused(fmt::format("the last batch was refused: {}", why));
   return EXIT_GOOD;

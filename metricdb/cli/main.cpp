@@ -148,7 +148,6 @@ const char *const INGEST_FOOTER =
 
 // The common options of `ingest` and `serve`.
 void add_write(CLI::App *command, WriteArguments &arguments) {
-  add_db(command, arguments.db, "the folder of the database, created if missing");
   command->add_option("--sync", arguments.sync, "when the disk is synced: always, batch or none")
       ->check(CLI::IsMember({"always", "batch", "none"}).description(""))
       ->capture_default_str()
@@ -170,6 +169,7 @@ CLI::App *add_ingest(CLI::App &app, IngestArguments &arguments) {
       ->required()
       ->type_name("");
   add_precision(command, arguments.precision);
+  add_db(command, arguments.write.db, "the folder of the database, created if missing");
   add_write(command, arguments.write);
   command->add_option("--batch-lines", arguments.batch_lines, "maximum number of lines in a batch")
       ->check(CLI::Range(1, 10'000'000).description(""))
@@ -188,8 +188,11 @@ const char *const SERVE_FOOTER =
     "made durable, and /metrics has figures for Prometheus.\n"
     "Graphite: the plaintext protocol, `path[;tag=value] value seconds`, which has no answers.\n"
     "A point with the time of a recent point of its series replaces it, so requests can be sent again.\n"
-    "Limits in time refer to data time, which is the newest timestamp so far. --max-future limits how far\n"
-    "one timestamp can move it.\n"
+    "--retain counts from the clock of this machine, so that one odd timestamp does not matter; with --data\n"
+    "it is for new databases. --idle refers to data time, which is the newest timestamp so far. --max-future\n"
+    "limits how far one timestamp can move it.\n"
+    "Statements with POST /query delete series and points, change the retention, and with --data create and\n"
+    "drop databases: --db takes any name of a database for the only one.\n"
     "The ports are open before the database is; meanwhile the answer is 503 with the progress.\n"
     "SIGTERM and SIGINT: requests that have arrived are processed and answered, then the command ends.\n"
     "SIGHUP: the log is opened again, for example after it was renamed.\n"
@@ -198,6 +201,14 @@ const char *const SERVE_FOOTER =
 
 CLI::App *add_serve(CLI::App &app, ServeArguments &arguments) {
   CLI::App *const command = app.add_subcommand("serve", "receive points from agents over TCP");
+  command->add_option("--db", arguments.write.db, "the folder of the only database, created if missing")
+      ->type_name("DIR");
+  command
+      ->add_option("--data", arguments.data, "a folder of databases, which clients create and drop, in place of --db")
+      ->type_name("DIR");
+  command->add_option("--graphite-db", arguments.graphite_database, "with --data: the database of Graphite lines")
+      ->capture_default_str()
+      ->type_name("NAME");
   add_write(command, arguments.write);
   const auto add_port = [command](const char *name, std::optional<int> &port, const char *what) {
     command->add_option(name, port, what)->check(CLI::Range(0, 65'535).description(""))->type_name("PORT");
@@ -241,6 +252,8 @@ CLI::App *add_query(CLI::App &app, QueryArguments &arguments) {
   command->add_option("--db", arguments.db, "the folder of the database")->type_name("DIR");
   command->add_option("--server", arguments.server, "a running server, with --influxql, in place of --db")
       ->type_name("ADDRESS:PORT");
+  command->add_option("--database", arguments.database, "with --server: the database of the statements")
+      ->type_name("NAME");
   command->add_option("--influxql", arguments.statement, "statements, separated by semicolons")->type_name("TEXT");
   command->add_option("KEY", arguments.key, "key of the series, as printed by `series`: 'cpu,core=0,host=a usage'")
       ->type_name("");

@@ -29,10 +29,10 @@ bool is_temporary(int error) {
 
 }  // namespace
 
-IngestResult Hub::take(std::string_view text, Precision precision) {
+IngestResult Hub::take(const std::string &database, std::string_view text, Precision precision) {
   IngestResult result;
   try {
-    result = ingest.take(text, precision);
+    result = ingest.take_for(database, text, precision);
   } catch (const IngestRefused &) {
     refused.add(1);
     throw;
@@ -152,12 +152,13 @@ void Connection::committed(uint64_t ticket) {
 void Connection::settled(uint64_t ticket, const Refusals &refusals) {
   for (PendingAnswer &answer : pending_) {
     if (answer.ticket == 0 || answer.ticket > ticket) continue;
-    const auto refusal = std::find_if(refusals.begin(), refusals.end(),
-                                      [&](const auto &candidate) { return candidate.first == answer.ticket; });
+    const auto refusal = std::find_if(refusals.begin(), refusals.end(), [&](const Refusal &candidate) {
+      return candidate.ticket == answer.ticket && (candidate.database.empty() || candidate.database == answer.database);
+    });
     if (refusal != refusals.end()) {
       hub_.refused.add(1);
       hub_.lost.add(1);
-      refuse(answer, refusal->second);
+      refuse(answer, refusal->reason);
     }
     answer.ticket = 0;
   }

@@ -44,8 +44,8 @@ struct Hub {
         queries(options.query, options.n_query_threads, options.max_waiting_queries, options.max_query_time),
         log(server_options.max_log_lines, server_options.log_interval) {}
 
-  // Passes lines to the Ingest and counts the result. Throws IngestRefused.
-  IngestResult take(std::string_view text, Precision precision);
+  // Passes lines for a database to the Ingest and counts the result. Throws IngestRefused.
+  IngestResult take(const std::string &database, std::string_view text, Precision precision);
 
   const ServerOptions options;
   Ingest &ingest;
@@ -64,8 +64,13 @@ struct Hub {
   Counter refused, lost;  // lost: refused because their batch was
 };
 
-// Tickets of refused batches that were just settled, each with its reason.
-using Refusals = std::vector<std::pair<uint64_t, std::string>>;
+// A batch that was just settled and is lost. An empty database is the only one.
+struct Refusal {
+  uint64_t ticket;
+  std::string database;
+  std::string reason;
+};
+using Refusals = std::vector<Refusal>;
 
 class Connection {
  public:
@@ -110,6 +115,7 @@ class Connection {
     uint64_t ticket = 0;  // of the batch it waits for; 0: none; OPEN_TICKET until the batch is committed; QUERY_TICKET
     size_t bytes = 0;     // of its lines, for the limits
     std::string text;
+    std::string database = {};     // of its lines
     uint64_t query = 0;            // with QUERY_TICKET: the query it waits for
     Clock::time_point since = {};  // when it was queued
   };

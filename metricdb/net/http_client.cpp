@@ -74,7 +74,8 @@ std::string url_encoded(std::string_view text) {
 // With HTTP/1.0 the server closes the connection after the answer.
 FetchedAnswer fetch(const std::string &server, std::string_view target, std::string_view accept) {
   const Descriptor connection(connected(server));
-  send_all(server, connection.get(), fmt::format("GET {} HTTP/1.0\r\nAccept: {}\r\n\r\n", target, accept));
+  send_all(server, connection.get(),
+           fmt::format("POST {} HTTP/1.0\r\nAccept: {}\r\nContent-Length: 0\r\n\r\n", target, accept));
   const std::string text = received(server, connection.get());
   const size_t head_end = text.find("\r\n\r\n");
   if (!text.starts_with("HTTP/1.") || head_end == text.npos) fail(server, "the answer is no HTTP");

@@ -18,7 +18,7 @@ struct FetchedAnswer {
   std::string body;
 };
 
-// Sends GET and returns the whole answer. Throws HttpClientError.
+// Sends POST without a body, and returns the whole answer. Throws HttpClientError.
 //
 // server  "ADDRESS:PORT", an IPv4 address or a name.
 // target  path and query, encoded.

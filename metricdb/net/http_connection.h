@@ -27,11 +27,11 @@ class HttpConnection : public Connection {
  private:
   void answer_request();
   void write(const WriteRequest &write);
-  void write_lines(std::string_view lines, Precision precision);
+  void write_lines(const WriteRequest &request, std::string_view lines);
   void begin_query(const QueryRequest &query);
   void answer_expectation();
   void refuse_connection(const HttpAnswer &answer);
-  void queue_answer(const HttpAnswer &answer, uint64_t ticket = 0, size_t bytes = 0);
+  void queue_answer(const HttpAnswer &answer, uint64_t ticket = 0, size_t bytes = 0, const std::string &database = {});
 
   InfluxApi &api_;
   Gunzip &gunzip_;

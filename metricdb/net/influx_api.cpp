@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <cctype>
 #include <charconv>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -12,10 +11,6 @@ namespace metricdb {
 namespace {
 
 using Json = nlohmann::ordered_json;
-
-// Limits for the names that SHOW DATABASES returns.
-constexpr size_t MAX_DATABASES = 64;
-constexpr size_t MAX_DATABASE_BYTES = 128;
 
 // Reasons quote the request, which need not be UTF-8.
 std::string json_text(const Json &json) {
@@ -100,33 +95,7 @@ std::variant<WriteRequest, QueryRequest, HttpAnswer> route_write(const HttpReque
   if (!is_gzip && !encoding.empty() && encoding != "identity")
     return error_answer(HTTP_STATUS_UNSUPPORTED_MEDIA_TYPE,
                         fmt::format("content encoding \"{}\" is not supported; gzip and identity are", encoding));
-  return WriteRequest{*precision, is_gzip};
-}
-
-// Removes the words from the front of a statement, in any case.
-bool remove_words(std::string_view &statement, std::string_view words) {
-  if (statement.size() < words.size()) return false;
-  for (size_t i = 0; i < words.size(); ++i)
-    if (std::toupper(static_cast<unsigned char>(statement[i])) != words[i]) return false;
-  statement.remove_prefix(words.size());
-  return true;
-}
-
-// Returns `name`, or `a name` for `"a name"`.
-std::string first_name(std::string_view text) {
-  if (text.starts_with('"')) return std::string(text.substr(1, text.find('"', 1) - 1));
-  return std::string(text.substr(0, text.find_first_of(" \t\r\n")));
-}
-
-std::string_view trimmed(std::string_view text) {
-  constexpr std::string_view IGNORED = " \t\r\n;";
-  const size_t begin = std::min(text.find_first_not_of(IGNORED), text.size());
-  return text.substr(begin, text.find_last_not_of(IGNORED) + 1 - begin);
-}
-
-Json one_result(Json result) {
-  result["statement_id"] = 0;
-  return {{"results", Json::array({std::move(result)})}};
+  return WriteRequest{*precision, is_gzip, argument(arguments, "db").value_or("")};
 }
 
 }  // namespace
@@ -137,6 +106,11 @@ HttpAnswer error_answer(http_status status, std::string reason) {
   answer.json = json_text({{"error", reason}});
   answer.error = std::move(reason);
   return answer;
+}
+
+HttpAnswer unknown_database(const std::string &name) {
+  return name.empty() ? error_answer(HTTP_STATUS_BAD_REQUEST, "database is required")
+                      : error_answer(HTTP_STATUS_NOT_FOUND, fmt::format("database not found: \"{}\"", name));
 }
 
 HttpAnswer answer_to(const IngestResult &result) {
@@ -197,14 +171,6 @@ std::variant<WriteRequest, QueryRequest, HttpAnswer> InfluxApi::query(const Http
   };
   const std::optional<std::string> text = value_of("q");
   if (!text) return error_answer(HTTP_STATUS_BAD_REQUEST, "missing required parameter \"q\"");
-  std::string_view rest = trimmed(*text);
-  if (remove_words(rest, "CREATE DATABASE ")) {
-    std::string name = first_name(trimmed(rest));
-    if (name.empty() || name.size() > MAX_DATABASE_BYTES)
-      return json_answer(one_result({{"error", "the name of a database has 1 to 128 bytes"}}));
-    if (databases_.size() < MAX_DATABASES) databases_.insert(std::move(name));
-    return json_answer(one_result(Json::object()));
-  }
   QueryRequest query;
   query.text = *text;
   query.epoch = value_of("epoch").value_or("");
@@ -213,7 +179,8 @@ std::variant<WriteRequest, QueryRequest, HttpAnswer> InfluxApi::query(const Http
   const std::string rows = value_of("chunk_size").value_or("");
   std::from_chars(rows.data(), rows.data() + rows.size(), query.chunk_rows);
   query.is_csv = request.accept.starts_with("application/csv") || request.accept.starts_with("text/csv");
-  query.databases.assign(databases_.begin(), databases_.end());
+  query.database = value_of("db").value_or("");
+  query.is_read_only = request.method != HTTP_POST;
   return query;
 }
 

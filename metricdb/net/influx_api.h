@@ -4,14 +4,13 @@
 //   GET, HEAD /ping                            checks the connection; the header has the version
 //   GET /health                                whether points can be made durable, as JSON; 503 if not
 //   GET /metrics                               the server's figures for Prometheus
-//   GET, POST /query?q=...                     InfluxQL, also as the text of a form. CREATE DATABASE is accepted
+//   GET, POST /query?q=...&db=NAME             InfluxQL, also as the text of a form. GET only reads
 //
-// There is one database. The parameter `db` is ignored.
+// /write has a parameter `db` too. A server with one database ignores it.
 #pragma once
 
 #include <functional>
 #include <optional>
-#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -26,6 +25,7 @@ namespace metricdb {
 struct WriteRequest {
   Precision precision = Precision::ns;  // or a multiple of s without a name: minutes and hours
   bool is_gzip = false;
+  std::string database = {};
 };
 
 // What the server says about itself.
@@ -45,15 +45,18 @@ class InfluxApi {
   static std::optional<HttpAnswer> answer_to_head(const HttpRequest &request);
 
  private:
-  std::variant<WriteRequest, QueryRequest, HttpAnswer> query(const HttpRequest &request, std::string_view arguments);
+  static std::variant<WriteRequest, QueryRequest, HttpAnswer> query(const HttpRequest &request,
+                                                                    std::string_view arguments);
   HttpAnswer health() const;
   HttpAnswer metrics() const;
 
   const OperatorView view_;
-  std::set<std::string> databases_{"metricdb"};  // names that clients have created
 };
 
 HttpAnswer error_answer(http_status status, std::string reason);
+
+// The answer to a write to a database that does not exist.
+HttpAnswer unknown_database(const std::string &name);
 
 // The answer to a write whose points are durable.
 HttpAnswer answer_to(const IngestResult &result);

@@ -46,6 +46,11 @@ IngestResult OpeningIngest::take(std::string_view text, Precision precision) {
   return ready()->take(text, precision);
 }
 
+IngestResult OpeningIngest::take_for(const std::string &database, std::string_view text, Precision precision) {
+  if (!is_ready()) throw IngestRefused(starting());
+  return ready()->take_for(database, text, precision);
+}
+
 uint64_t OpeningIngest::commit() {
   return is_ready() ? ready()->commit() : 0;
 }
@@ -58,6 +63,10 @@ uint64_t OpeningIngest::settled() {
 
 std::string OpeningIngest::failure(uint64_t ticket) {
   return is_ready() ? ready()->failure(ticket) : "";
+}
+
+std::vector<std::pair<std::string, IngestFigures>> OpeningIngest::figures_of_all() {
+  return is_ready() ? ready()->figures_of_all() : Ingest::figures_of_all();
 }
 
 IngestFigures OpeningIngest::figures() {

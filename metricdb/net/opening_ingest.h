@@ -28,6 +28,10 @@ class OpeningIngest final : public Ingest {
   Work work() override { return is_ready() ? ready()->work() : Work(); }
   IngestFigures figures() override;
   std::string why_not_writable() override;
+  bool has(const std::string &database) override { return !is_ready() || ready()->has(database); }
+  IngestResult take_for(const std::string &database, std::string_view text, Precision precision) override;
+  Lost lost(uint64_t ticket) override { return is_ready() ? ready()->lost(ticket) : Lost(); }
+  std::vector<std::pair<std::string, IngestFigures>> figures_of_all() override;
   bool is_ready() const override { return ready() != nullptr; }
   int settled_fd() const override { return events_.get(); }
 

@@ -27,7 +27,8 @@ struct QueryRequest {
   bool is_chunked = false;
   size_t chunk_rows = 10'000;
   bool is_csv = false;
-  std::vector<std::string> databases;  // that clients have created
+  std::string database;  // of statements that name none
+  bool is_read_only = false;
 };
 
 struct QueryAnswer {

@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstring>
 #include <deque>
+#include <map>
 #include <utility>
 #include <vector>
 
@@ -113,8 +114,7 @@ class Server::Loop {
   Fds waiting_;       // for the Ingest
   Fds held_;          // by limits that other connections can cause
   std::deque<Batch> batches_;
-  uint64_t n_snapshots_ = 0;
-  std::string snapshot_failure_;
+  std::map<std::string, IngestFigures> figures_;  // by database, when snapshots were logged
   bool accepts_graphite_ = false;
   bool is_settled_readable_ = false;
   bool has_query_answers_ = false;
@@ -351,10 +351,11 @@ void Server::Loop::settle() {
   for (; !batches_.empty() && batches_.front().ticket <= settled; batches_.pop_front()) {
     hub_.unanswered_bytes -= batches_.front().bytes;
     hub_.batch_times.add(hub_.now - std::min(hub_.now, batches_.front().committed));
-    std::string reason = hub_.ingest.failure(batches_.front().ticket);
-    if (reason.empty()) continue;
-    hub_.log.add(LogTopic::refusals, hub_.now, fmt::format("batch {} is lost: {}", batches_.front().ticket, reason));
-    refusals.emplace_back(batches_.front().ticket, std::move(reason));
+    const uint64_t ticket = batches_.front().ticket;
+    for (auto &[database, reason] : hub_.ingest.lost(ticket)) {
+      hub_.log.add(LogTopic::refusals, hub_.now, fmt::format("batch {} is lost: {}", ticket, reason));
+      refusals.push_back({ticket, std::move(database), std::move(reason)});
+    }
   }
   Fds waiting;
   waiting.swap(waiting_);
@@ -399,15 +400,19 @@ milliseconds Server::Loop::tick() const {
 
 // Snapshots are written by a child process, and have ended when the generation has changed.
 void Server::Loop::log_snapshots() {
-  const IngestFigures figures = hub_.ingest.figures();
-  if (figures.snapshots != n_snapshots_)
-    TSLB_DLOG(LOG_PROGRESS, "generation %llu was written, writes were stopped for %.3f ms",
-              static_cast<unsigned long long>(figures.generation),
-              static_cast<double>(figures.snapshot_pause_ns) / 1e6);
-  if (!figures.snapshot_failure.empty() && figures.snapshot_failure != snapshot_failure_)
-    TSLB_DLOG(LOG_REFUSALS, "a snapshot failed: %s", figures.snapshot_failure.c_str());
-  n_snapshots_ = figures.snapshots;
-  snapshot_failure_ = figures.snapshot_failure;
+  std::map<std::string, IngestFigures> seen;
+  for (auto &[database, figures] : hub_.ingest.figures_of_all()) {
+    const IngestFigures &before = figures_[database];
+    const std::string name = database.empty() ? "" : database + ": ";
+    if (figures.snapshots != before.snapshots)
+      TSLB_DLOG(LOG_PROGRESS, "%sgeneration %llu was written, writes were stopped for %.3f ms", name.c_str(),
+                static_cast<unsigned long long>(figures.generation),
+                static_cast<double>(figures.snapshot_pause_ns) / 1e6);
+    if (!figures.snapshot_failure.empty() && figures.snapshot_failure != before.snapshot_failure)
+      TSLB_DLOG(LOG_REFUSALS, "%sa snapshot failed: %s", name.c_str(), figures.snapshot_failure.c_str());
+    seen.emplace(std::move(database), std::move(figures));
+  }
+  figures_ = std::move(seen);
 }
 
 std::string Server::Loop::why_unhealthy() {

@@ -32,8 +32,9 @@ struct ServerOptions {
   std::string address = "127.0.0.1";  // IPv4
   std::optional<int> influx_port;     // 0: any free port. Without a port the protocol is off
   std::optional<int> graphite_port;
+  std::string graphite_database = {};  // of the lines of that protocol, for an Ingest with several databases
 
-  QueryFunction query = nullptr;  // answers SELECT and SHOW; without it they are refused
+  QueryFunction query = nullptr;  // answers statements; without it they are refused
   unsigned n_query_threads = 2;
   size_t max_waiting_queries = 64;
   std::chrono::milliseconds max_query_time{30'000};  // then a query is interrupted

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "query/series_source.h"
+#include "query/influxql_databases.h"
 
 namespace metricdb {
 
@@ -20,6 +20,8 @@ struct InfluxqlRequest {
   bool csv = false;           // CSV instead of JSON; its times are always numbers
   size_t chunk_size = 10000;  // at least 1
   int64_t now_ns = 0;         // value of now()
+  std::string database = {};  // of statements that name none
+  bool is_read_only = false;  // statements that change a database are refused
   // Asked again and again, at least before each series is read. If it returns true the statement fails with "query
   // interrupted", and the others are not executed. None: nothing interrupts a query.
   std::function<bool()> is_interrupted = {};
@@ -27,13 +29,21 @@ struct InfluxqlRequest {
 
 struct InfluxqlAnswer {
   bool is_bad_request = false;  // the text is not valid: HTTP 400. Errors of single statements are in the body only.
+  bool is_not_found = false;    // the database of the request does not exist: HTTP 404
   std::string content_type;
   std::string body;
 };
 
-// databases  the names of all; the first is not special
-// Threads    any number, if the source allows it
+// Executes the statements of a request. Threads: any number, if the databases allow it.
+InfluxqlAnswer answer_influxql(InfluxqlDatabases &databases, const InfluxqlRequest &request);
+
+// The same for one database that is read only.
+//
+// databases  its names
 InfluxqlAnswer answer_influxql(const SeriesSource &source, const InfluxqlRequest &request,
                                const std::vector<std::string> &databases);
+
+// Whether the text has statements that InfluxqlRequest::is_read_only refuses.
+bool changes_databases(const std::string &text);
 
 }  // namespace metricdb

@@ -226,7 +226,7 @@ std::vector<Point> derivative_of(std::span<const Point> points, Function functio
 std::vector<ResultSeries> execute(const Environment &environment, const Statement &statement) {
   if (const auto *const select = std::get_if<SelectStatement>(&statement)) return execute_select(environment, *select);
   if (const auto *const show = std::get_if<ShowStatement>(&statement)) return execute_show(environment, *show);
-  return {};  // databases are not created here
+  return {};  // others are executed by influxql_change.h
 }
 
 }  // namespace metricdb::influxql

@@ -16,7 +16,7 @@ class ExecutionFailed : public std::runtime_error {
 };
 
 struct Cell {
-  enum class Kind : uint8_t { null, number, text };
+  enum class Kind : uint8_t { null, number, text, truth };  // truth: true, unless the number is 0
 
   Kind kind = Kind::null;
   uint32_t text = 0;  // index in `ResultSeries::texts`

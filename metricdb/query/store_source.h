@@ -18,6 +18,9 @@ class StoreSource : public SeriesSource {
   void read(uint32_t series, int64_t from_ns, int64_t to_ns, std::vector<Point> &points) const override;
   void read_newest(uint32_t series, int64_t from_ns, int64_t to_ns, std::vector<Point> &points) const override;
 
+  // Of a number that was visited.
+  LiveSeries live_series(uint32_t series) const { return {series, stamps_.at(series)}; }
+
  private:
   void read_as(LiveRead what, uint32_t series, const TimeRange &range, std::vector<Point> &points) const;
 

@@ -103,7 +103,7 @@ void DatabaseWriter::apply_forgetting_options() {
 void DatabaseWriter::restore(const std::string &why) {
   report_refusal(fmt::format("a batch was refused, the arrays are loaded again: {}", why));
   const std::unique_lock alone(store_mutex_);
-  end_changes(why);
+  fail_changes(why);
   loader_.reset();
   store_.reset();
   durable_->restore();
@@ -238,7 +238,10 @@ std::shared_ptr<StoreChange> DatabaseWriter::request(StoreChange::Step step) {
   auto change = std::make_shared<StoreChange>(std::move(step));
   {
     const std::lock_guard lock(changes_mutex_);
-    changes_.push_back(change);
+    if (why_no_changes_.empty())
+      changes_.push_back(change);
+    else
+      change->end(why_no_changes_);
   }
   const uint64_t one = 1;
   // Fails only if the counter is at its maximum, and then the event is readable.
@@ -255,6 +258,12 @@ std::shared_ptr<StoreChange> DatabaseWriter::next_change(bool &has_more) {
 }
 
 void DatabaseWriter::end_changes(const std::string &why) {
+  fail_changes(why);
+  const std::lock_guard lock(changes_mutex_);
+  why_no_changes_ = why;
+}
+
+void DatabaseWriter::fail_changes(const std::string &why) {
   const std::lock_guard lock(changes_mutex_);
   for (const auto &change : std::exchange(changes_, {})) change->end(why);
   for (const auto &change : std::exchange(made_changes_, {})) change->end(why);

@@ -60,6 +60,9 @@ class DatabaseWriter final : public Ingest {
   std::string why_not_writable() override;
   int settled_fd() const override { return tslb_store_event_fd(durable_->get()); }
 
+  // From here on changes are not made. Those that were requested fail.
+  void end_changes(const std::string &why);
+
   // Waits until the ticket is settled. Returns its failure.
   std::string wait(uint64_t ticket);
 
@@ -89,8 +92,8 @@ class DatabaseWriter final : public Ingest {
   void read_store();
   void apply_forgetting_options();
   void restore(const std::string &why);
+  void fail_changes(const std::string &why);
   std::shared_ptr<StoreChange> next_change(bool &has_more);
-  void end_changes(const std::string &why);
   void set_clock(int64_t now_ns);
   void begin_batch();
   void expect_room(size_t text_bytes);
@@ -114,8 +117,9 @@ class DatabaseWriter final : public Ingest {
   uint64_t last_ticket_ = 0;  // of a batch with points
   uint64_t last_ended_ = 0;   // of any batch
   mutable std::mutex changes_mutex_;
-  std::deque<std::shared_ptr<StoreChange>> changes_;                             // requested, with the mutex locked
-  std::vector<std::shared_ptr<StoreChange>> made_changes_;                       // in the open batch
+  std::string why_no_changes_;                              // with the mutex locked; empty: they are made
+  std::deque<std::shared_ptr<StoreChange>> changes_;        // requested, with the mutex locked
+  std::vector<std::shared_ptr<StoreChange>> made_changes_;  // in the open batch
   std::vector<std::pair<uint64_t, std::shared_ptr<StoreChange>>> done_changes_;  // by ticket, not settled
 };
 

@@ -9,6 +9,8 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "codec/line_protocol.h"
 
@@ -78,6 +80,20 @@ class Ingest {
 
   // Returns why points cannot be made durable at the moment, in one line; empty if they can.
   virtual std::string why_not_writable() = 0;
+
+  // An Ingest with several databases overrides the following functions. One with a single database takes lines for any name,
+  // and its name is empty.
+  virtual bool has(const std::string & /*database*/) { return true; }
+  virtual IngestResult take_for(const std::string & /*database*/, std::string_view text, Precision precision) {
+    return take(text, precision);
+  }
+  // Returns the databases of which a settled batch was refused, each with the reason. Called once for each ticket.
+  using Lost = std::vector<std::pair<std::string, std::string>>;
+  virtual Lost lost(uint64_t ticket) {
+    std::string reason = failure(ticket);
+    return reason.empty() ? Lost() : Lost{{"", std::move(reason)}};
+  }
+  virtual std::vector<std::pair<std::string, IngestFigures>> figures_of_all() { return {{"", figures()}}; }
 
   // False while it refuses everything because it is being opened. Then settled_fd becomes readable when this changes.
   virtual bool is_ready() const { return true; }

@@ -64,6 +64,7 @@ void Store::register_reuse_policy() {
 
 void Store::set_forgetting(const Forgetting &forgetting) {
   config_.forgetting = forgetting;
+  if (live_) live_->retain_ns = forgetting.retain_ns;
   register_reuse_policy();
 }
 
@@ -151,6 +152,7 @@ uint32_t Store::add_series(std::string_view key) {
 void Store::go_live() {
   live_ = std::make_unique<LiveState>();
   live_->visible_from_ns = visible_from_ns();
+  live_->retain_ns = config_.forgetting.retain_ns;
   for (uint32_t series = 0; series < n_slots(); ++series)
     if (holds_series(series)) live_->index.add(series, ++live_->versions.of(series).stamp, key(series));
 }
