@@ -92,7 +92,8 @@ TEST_F(Databases, ComeAndGoBesideWritesAndReads) {
     uint64_t ticket = 0;
     for (int64_t i = 0; !is_done; ++i) {
       n_stored += set.take_for("kept", fmt::format("m f=1 {}", i), Precision::ns).points;
-      if (set.has("passing")) set.take_for("passing", fmt::format("m f=1 {}", i), Precision::ns);
+      // Refused if it is not there.
+      refusal_of([&] { set.take_for("passing", fmt::format("m f=1 {}", i), Precision::ns); });
       set.work();
       ticket = set.commit();
       while (set.settled() < ticket) std::this_thread::yield();
