@@ -73,8 +73,9 @@ void add_record(tslb_batch_t &batch, uint32_t declaration, char rec_type, uint64
 void register_store(tslb_store_t *store) {
   const std::unique_lock lock(registry().mutex);
   registry().stores.push_back(store);
-  // The library only compares the handle with null, and never reads the structure.
-  g_redo_handle = reinterpret_cast<RedoHandler_t *>(&registry());
+  // The library only compares the handle with null, and never reads the structure. It does so without a lock, perhaps for
+  // another store on another thread, so the handle is written only for the first store.
+  if (g_redo_handle == nullptr) g_redo_handle = reinterpret_cast<RedoHandler_t *>(&registry());
 }
 
 void unregister_store(tslb_store_t *store) {

@@ -56,7 +56,16 @@ class Agents : public Folder {
     return program.output();
   }
 
-  RunningServer server_;
+  // Statements have no effect.
+  static ServerOptions options() {
+    ServerOptions options = {.influx_port = 0, .graphite_port = 0};
+    options.query = [](const QueryRequest &, const IsInterrupted &) {
+      return QueryAnswer{HTTP_STATUS_OK, "application/json", R"({"results":[{"statement_id":0}]})"};
+    };
+    return options;
+  }
+
+  RunningServer server_{options()};
 };
 
 #define SKIP_WITHOUT(program) \
@@ -186,6 +195,48 @@ TEST_F(Agents, TlsAndPasswords) {
 }
 
 constexpr const char *PYTHON = "/usr/bin/python3";
+
+// Databases, deletes and the retention through the client's functions.
+TEST_F(Agents, PythonClientOfSeveralDatabases) {
+  SKIP_WITHOUT("/usr/lib/python3/dist-packages/influxdb");
+  Program serve({METRICDB, "serve", "--data", path("data"), "--influx", "0"}, root_ / "serve.out");
+  int port = 0;
+  ASSERT_TRUE(
+      wait_until([&] { return std::sscanf(serve.output().c_str(), "serving influx 127.0.0.1:%d", &port) == 1; }));
+  const std::string script = write("client.py", R"(
+import sys, time
+from influxdb import InfluxDBClient
+client = InfluxDBClient(host="127.0.0.1", port=int(sys.argv[1]), database="a")
+def attempt(work):
+    try:
+        print(work())
+    except Exception as error:
+        print(getattr(error, "code", None), error.content if hasattr(error, "content") else error)
+points = [{"measurement": m, "tags": {"host": h}, "fields": {"v": 1.0}} for m in ("cpu", "mem") for h in ("x", "y")]
+attempt(lambda: client.write_points(points))
+client.create_database("a")
+client.create_database("b")
+attempt(lambda: client.write_points(points))
+attempt(lambda: sorted(d["name"] for d in client.get_list_database()))
+client.drop_measurement("mem")
+client.delete_series(measurement="cpu", tags={"host": "x"})
+attempt(lambda: client.get_list_series())
+client.alter_retention_policy("autogen", duration="3d", replication=1)
+attempt(lambda: client.create_retention_policy("year", "365d", "1"))
+attempt(lambda: [(p["name"], p["duration"], p["default"]) for p in client.get_list_retention_policies("a")])
+client.drop_database("a")
+attempt(lambda: client.get_list_series())
+client.switch_database("b")
+attempt(lambda: client.get_list_series())
+)");
+  EXPECT_EQ(run_to_end({PYTHON, script, std::to_string(port)}),
+            "404 {\"error\":\"database not found: \\\"a\\\"\"}\n\n"
+            "True\n['a', 'b']\n['cpu,host=y']\n"
+            "None retention policy not found: year: the only one is autogen, which ALTER RETENTION POLICY changes\n"
+            "[('autogen', '72h0m0s', True)]\n"
+            "404 {\"error\":\"database not found: \\\"a\\\"\"}\n\n[]\n");
+  EXPECT_EQ(serve.end(SIGTERM), 0) << serve.output();
+}
 
 TEST_F(QueryClients, PythonClient) {
   SKIP_WITHOUT("/usr/lib/python3/dist-packages/influxdb");

@@ -20,8 +20,7 @@ TEST(InfluxqlParser, RefusalsHaveThePosition) {
     const char *text;
     const char *why;
   } rows[] = {
-      {"blah", "found blah, expected SELECT, SHOW, CREATE at line 1, char 1"},
-      {"DROP DATABASE x", "found DROP, expected SELECT, SHOW, CREATE at line 1, char 1"},
+      {"blah", "found blah, expected SELECT, SHOW, DELETE, DROP, CREATE, ALTER at line 1, char 1"},
       {"SELECT", "found EOF, expected identifier, number, function, *, regex at line 1, char 7"},
       {"SELECT load", "found EOF, expected FROM at line 1, char 12"},
       {"select load from", "found EOF, expected identifier, regex at line 1, char 17"},
@@ -88,11 +87,22 @@ TEST(InfluxqlParser, RefusalsHaveThePosition) {
       {"SELECT load FROM cpu WHERE time > 0 - 15000w - 15000w",
        "a time that 64 bits of nanoseconds do not hold at line 1, char 48"},
       {"SELECT load FROM cpu /* all", "comment without an end at line 1, char 22"},
-      {"SHOW", "found EOF, expected DATABASES, FIELD, MEASUREMENTS, SERIES, TAG at line 1, char 5"},
+      {"SHOW", "found EOF, expected DATABASES, FIELD, MEASUREMENTS, RETENTION, SERIES, TAG at line 1, char 5"},
       {"SHOW TAG", "found EOF, expected KEYS, VALUES at line 1, char 9"},
       {"SHOW TAG VALUES FROM cpu", "found EOF, expected WITH at line 1, char 25"},
       {"SHOW TAG VALUES WITH KEY > host", "found >, expected IN, =, !=, =~, !~ at line 1, char 26"},
-      {"CREATE USER x", "found USER, expected DATABASE at line 1, char 8"},
+      {"CREATE USER x", "found USER, expected DATABASE, RETENTION at line 1, char 8"},
+      {"CREATE DATABASE d WITH", "found EOF, expected DURATION, REPLICATION, SHARD, NAME, DEFAULT at line 1, char 23"},
+      {"CREATE DATABASE d WITH NAME x", "the only retention policy is autogen at line 1, char 29"},
+      {"CREATE RETENTION POLICY x ON d DEFAULT", "a new retention policy needs a DURATION at line 1, char 32"},
+      {"ALTER RETENTION POLICY autogen ON d DURATION 7", "found 7, expected duration at line 1, char 46"},
+      {"DELETE", "found EOF, expected FROM, WHERE at line 1, char 7"},
+      {"DELETE FROM cpu WHERE load > 5",
+       "conditions on fields are not supported, only on tags and time at line 1, char 23"},
+      {"DROP SERIES", "found EOF, expected FROM, WHERE at line 1, char 12"},
+      {"DROP SERIES FROM cpu WHERE time < 5", "DROP SERIES doesn't support time in WHERE clause at line 1, char 22"},
+      {"DROP MEASUREMENT /cpu/", "found /, expected identifier at line 1, char 18"},
+      {"DROP", "found EOF, expected DATABASE, MEASUREMENT, SERIES at line 1, char 5"},
   };
   for (const auto &row : rows)
     EXPECT_EQ(refusal_of(row.text), std::string("error parsing query: ") + row.why) << row.text;
@@ -127,7 +137,8 @@ TEST(InfluxqlParser, RefusesWhatIsTooDeepOrTooLong) {
 TEST(InfluxqlParser, ControlCharactersAreNotInMessages) {
   using namespace std::string_literals;
   EXPECT_EQ(refusal_of("SHOW\0SERIES"s),
-            "error parsing query: found ?, expected DATABASES, FIELD, MEASUREMENTS, SERIES, TAG at line 1, char 5");
+            "error parsing query: found ?, expected DATABASES, FIELD, MEASUREMENTS, RETENTION, SERIES, TAG at line 1, "
+            "char 5");
   EXPECT_EQ(refusal_of("SELECT a FROM /(\0\x1b\x7f/"s),
             "error parsing query: regular expression: missing ): (??? at line 1, char 15");
 }

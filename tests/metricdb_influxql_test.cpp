@@ -339,6 +339,8 @@ TEST(Influxql, Listings) {
       {"SHOW TAG KEYS FROM nothing", R"({"statement_id":0})"},
       {"SHOW SERIES ON missing", R"({"statement_id":0,"error":"database not found: missing"})"},
       {"CREATE DATABASE new", R"({"statement_id":0})"},
+      {"DELETE FROM cpu; SHOW DATABASES",
+       R"({"statement_id":0,"error":"the database is open for reading only"},{"statement_id":1,"error":"not executed"})"},
       {"", ""},
       {"CREATE DATABASE new; SHOW FIELD KEYS FROM net;",
        R"({"statement_id":0},{"statement_id":1,"series":[{"name":"net","columns":["fieldKey","fieldType"],)"

@@ -274,4 +274,27 @@ TEST(SeriesIndex, VisitsWhatAScanFinds) {
   }
 }
 
+// Also for a visit that waits for the lock between two batches, while the index is built again.
+TEST(SeriesIndex, TextsOfRemovedSeriesAreReleased) {
+  constexpr uint32_t N = 20'000, N_LEFT = 1'000;
+  SeriesIndex index;
+  const auto key_of = [](uint32_t series) { return fmt::format("m,h={} f", series); };
+  for (int round = 0; round < 3; ++round) {
+    for (uint32_t series = round == 0 ? 0 : N_LEFT; series < N; ++series) index.add(series, 1, key_of(series));
+    EXPECT_EQ(index.n_texts(), N + 3);
+    uint32_t n_seen = 0;
+    std::thread removing;
+    index.for_each({"m", "f", {}}, [&](uint32_t series, uint32_t, const SeriesName &name) {
+      EXPECT_EQ(name.tags.at(0).second, std::to_string(series));
+      if (++n_seen != 1) return;
+      removing = std::thread([&] {
+        for (uint32_t i = N_LEFT; i < N; ++i) index.remove(i);
+      });
+    });
+    removing.join();
+    EXPECT_GE(n_seen, N_LEFT);
+    EXPECT_LE(index.n_texts(), 3 + 2 * N_LEFT + 4096);
+  }
+}
+
 }  // namespace metricdb

@@ -59,7 +59,11 @@ TEST_F(Users, FilesThatAreRefused) {
 
 TEST_F(Users, RequestsNeedAUserWithTheRight) {
   ServerOptions options = {.influx_port = 0, .graphite_port = {}, .user_file = write_users(three_users())};
-  options.query = [](const QueryRequest &, const IsInterrupted &) { return QueryAnswer{HTTP_STATUS_OK, "", "1"}; };
+  options.query = [](const QueryRequest &request, const IsInterrupted &) {
+    const bool is_change = request.text.starts_with("create");
+    const bool is_refused = !(is_change ? request.refusal_of_changes : request.refusal_of_reads).empty();
+    return QueryAnswer{is_refused ? HTTP_STATUS_FORBIDDEN : HTTP_STATUS_OK, "", "1"};
+  };
   RunningServer server(options);
   const struct {
     std::string fault, arguments, headers;
@@ -91,7 +95,9 @@ TEST_F(Users, RequestsNeedAUserWithTheRight) {
       SCOPED_TRACE(row.fault);
       EXPECT_EQ(ask(peer, post("m f=1 5", "db=x" + row.arguments, row.headers)), row.write);
       EXPECT_EQ(ask(peer, get_with("/query?q=SELECT" + row.arguments, row.headers)), row.query);
-      EXPECT_EQ(ask(peer, get_with("/query?q=create+database+x" + row.arguments, row.headers)), row.creation);
+      EXPECT_EQ(ask(peer, "POST /query?q=create+database+x" + row.arguments +
+                              " HTTP/1.1\r\nContent-Length: 0\r\n" + row.headers + "\r\n"),
+                row.creation);
       EXPECT_EQ(ask(peer, get_with("/metrics?" + row.arguments, row.headers)), row.query);
       EXPECT_EQ(ask(peer, get_with("/ping", row.headers)), 204);
       EXPECT_EQ(ask(peer, get_with("/health", row.headers)), 200);
@@ -104,7 +110,7 @@ TEST_F(Users, RequestsNeedAUserWithTheRight) {
   EXPECT_EQ(body_of(answer_to(peer, get("/query?u=a&p=b"))), "{\"error\":\"authorization failed\"}\n");
   const std::string metrics = answer_to(peer, get_with("/metrics", basic(ANN)));
   EXPECT_THAT(metrics, HasSubstr("metricdb_denied_requests_total{reason=\"unknown_user\"} 82\n"));
-  EXPECT_THAT(metrics, HasSubstr("metricdb_denied_requests_total{reason=\"no_right\"} 8\n"));
+  EXPECT_THAT(metrics, HasSubstr("metricdb_denied_requests_total{reason=\"no_right\"} 4\n"));
   // The body, which is not sent, would use memory.
   EXPECT_EQ(ask(peer, "POST /write HTTP/1.1\r\nContent-Length: 9000\r\n\r\nm"), 401);
   EXPECT_TRUE(peer.is_closed());

@@ -137,18 +137,18 @@ TEST(Queries, ParametersAndFailures) {
   RunningServer server(options_with([](const QueryRequest &request, const IsInterrupted &) -> QueryAnswer {
     if (request.text == "fail") throw std::runtime_error("it failed");
     return {HTTP_STATUS_BAD_REQUEST, "application/csv",
-            fmt::format("{} {} {} {} {} {}", request.text, request.epoch, request.is_pretty, request.is_chunked,
-                        request.chunk_rows, request.is_csv)};
+            fmt::format("{} {} {} {} {} {} {} {}", request.text, request.epoch, request.is_pretty, request.is_chunked,
+                        request.chunk_rows, request.is_csv, request.database, !request.refusal_of_changes.empty())};
   }));
   Peer peer(server.influx_port());
-  EXPECT_THAT(answer_to(peer, get("/query?q=a+b&epoch=ms&pretty=true&chunked=true&chunk_size=7")),
+  EXPECT_THAT(answer_to(peer, get("/query?q=a+b&epoch=ms&pretty=true&chunked=true&chunk_size=7&db=d%2Fe")),
               testing::AllOf(HasSubstr(" 400 "), HasSubstr("Content-Type: application/csv\r\n"),
-                             HasSubstr("\r\n\r\na b ms true true 7 false")));
-  const std::string form = "q=c&epoch=s";
+                             HasSubstr("\r\n\r\na b ms true true 7 false d/e true")));
+  const std::string form = "q=c&epoch=s&db=f";
   EXPECT_THAT(answer_to(peer, fmt::format("POST /query HTTP/1.1\r\nAccept: text/csv\r\nContent-Type: "
                                           "application/x-www-form-urlencoded\r\nContent-Length: {}\r\n\r\n{}",
                                           form.size(), form)),
-              HasSubstr("\r\n\r\nc s false false 10000 true"));
+              HasSubstr("\r\n\r\nc s false false 10000 true f false"));
   const std::string failed = answer_to(peer, get("/query?q=fail"));
   EXPECT_EQ(Peer::status_of(failed), 500);
   EXPECT_THAT(failed, HasSubstr("it failed"));

@@ -165,6 +165,40 @@ TEST_F(Writer, LateLinesAreReportedAndNotCounted) {
   EXPECT_EQ(content_of(reopened().store()), (Content{{"m f", "1@100 "}, {"n f", "5@95 "}}));
 }
 
+// One timestamp of the future hides nothing, points that are too old by the clock are refused, and the limit can be changed
+// while the database is open.
+TEST_F(Writer, RetentionByTheClock) {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  const int64_t now_ns = std::chrono::duration_cast<std::chrono::nanoseconds>(now).count(), hour_ns = 3'600'000'000'000;
+  const auto line = [&](int hours) { return fmt::format("m f={} {}\n", hours, now_ns + hours * hour_ns); };
+  WriterOptions options;
+  options.forgetting.retain_ns = 10 * hour_ns;
+  options.is_live = options.retains_by_clock = true;
+  {
+    DatabaseWriter writer(db(), options);
+    EXPECT_EQ(writer.take(line(-1) + line(1000) + line(-9) + line(-11), Precision::ns).late, 1u);
+    writer.wait(writer.commit());
+    EXPECT_EQ(writer.store().n_visible(), 3u);
+    const auto limit_to = [&](int64_t retain_ns) {
+      const auto change = writer.request([retain_ns](Store &store) {
+        store.set_forgetting({.retain_ns = retain_ns});
+        return true;
+      });
+      EXPECT_TRUE(writer.work().has_changed);
+      writer.wait(writer.commit());
+      writer.settled();
+      EXPECT_EQ(change->wait(nullptr), "");
+      EXPECT_EQ(writer.store().live()->visible_from_ns == INT64_MIN, retain_ns == 0);
+    };
+    limit_to(0);
+    EXPECT_EQ(writer.take(line(-12), Precision::ns).late, 0u);
+    limit_to(5 * hour_ns);
+    EXPECT_EQ(writer.store().n_visible(), 2u);
+  }
+  EXPECT_EQ(reopened().store().config().forgetting.retain_ns, 5 * hour_ns);
+  EXPECT_EQ(reopened().store().n_visible(), 1u) << "without a clock the newest timestamp counts";
+}
+
 TEST_F(Writer, LimitsOfKeysAndOfNewSeries) {
   DatabaseWriter writer(db(), {.max_key_bytes = 10, .max_new_series = 3});
   const IngestResult keys = writer.take("m,t=seven f=1 1\nm,t=six6 f=1 1\n", Precision::ns);

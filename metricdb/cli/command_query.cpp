@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "cli/commands.h"
+#include "cli/open_databases.h"
 #include "cli/output.h"
 #include "cli/write_options.h"
 #include "extra/plot_svg.h"
@@ -58,6 +59,27 @@ std::string last_line(std::string_view text) {
   return std::string(text.substr(text.rfind('\n') + 1));
 }
 
+InfluxqlAnswer answer_from_files(const QueryArguments &arguments, const InfluxqlRequest &request) {
+  OpenDatabase opened = open_to_read(arguments.db, arguments.salvage);
+  opened.store().go_live();
+  return answer_influxql(StoreSource(opened.store()), request, {"metricdb"});
+}
+
+// No other process may have the database open.
+InfluxqlAnswer answer_with_changes(const QueryArguments &arguments, const InfluxqlRequest &request) {
+  if (!stored_parameters(arguments.db)) throw DatabaseError(arguments.db + ": holds no database");
+  WriterOptions options;
+  options.salvage = arguments.salvage;
+  options.is_live = true;
+  const auto writer = std::make_shared<DatabaseWriter>(arguments.db, options);
+  report_warnings(writer->warnings());
+  DatabaseNames names;
+  OnlyDatabase database(writer, names, true, {});
+  InfluxqlAnswer answer = answer_influxql(database, request);
+  writer->close();
+  return answer;
+}
+
 // Prints JSON, or CSV for each other format.
 int answer_statement(const QueryArguments &arguments) {
   const bool is_json = arguments.format == "json";
@@ -65,18 +87,18 @@ int answer_statement(const QueryArguments &arguments) {
   std::string body;
   if (!arguments.server.address.empty()) {
     const FetchedAnswer answer =
-        fetch(http_server_of(arguments.server), "/query?q=" + url_encoded(arguments.statement),
+        fetch(http_server_of(arguments.server),
+              fmt::format("/query?db={}&q={}", url_encoded(arguments.database), url_encoded(arguments.statement)),
               is_json ? "application/json" : "application/csv");
     is_bad = answer.status != 200;
     body = answer.body;
   } else {
-    OpenDatabase opened = open_to_read(arguments.db, arguments.salvage);
-    opened.store().go_live();
     const auto now = std::chrono::system_clock::now().time_since_epoch();
     const InfluxqlRequest request = {.text = arguments.statement,
                                      .csv = !is_json,
                                      .now_ns = std::chrono::duration_cast<std::chrono::nanoseconds>(now).count()};
-    const InfluxqlAnswer answer = answer_influxql(StoreSource(opened.store()), request, {"metricdb"});
+    const InfluxqlAnswer answer = changes_databases(arguments.statement) ? answer_with_changes(arguments, request)
+                                                                         : answer_from_files(arguments, request);
     is_bad = answer.is_bad_request;
     body = answer.body;
   }

@@ -11,20 +11,20 @@
 #include <cstdlib>
 #include <exception>
 #include <iterator>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <thread>
 
 #include "cli/commands.h"
 #include "cli/log_file.h"
+#include "cli/open_databases.h"
 #include "cli/output.h"
 #include "cli/service_manager.h"
 #include "cli/write_options.h"
 #include "net/backup_api.h"
 #include "net/server.h"
 #include "query/influxql.h"
-#include "query/store_source.h"
-#include "store/database_writer.h"
 #include "store/log.h"
 
 namespace metricdb {
@@ -119,10 +119,32 @@ int64_t now_ns() {
   return std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
 }
 
-// Reads the arrays while the server's thread feeds them. writer: null until the database is open.
-QueryAnswer answer_query(const DatabaseWriter *writer, const QueryRequest &request,
+// What the server feeds: one of both.
+struct Served {
+  std::shared_ptr<DatabaseWriter> only = {};
+  std::unique_ptr<DatabaseSet> set = {};
+
+  Ingest &ingest() const { return set ? static_cast<Ingest &>(*set) : *only; }
+  const std::string &warnings() const { return set ? set->warnings() : only->warnings(); }
+  // Returns why the last batch was refused; empty if it was not.
+  std::string close() const {
+    if (set) return set->close();
+    std::string why = only->wait(only->commit());
+    only->close();
+    return why;
+  }
+};
+
+http_status status_of(const InfluxqlAnswer &answer) {
+  if (answer.is_forbidden) return HTTP_STATUS_FORBIDDEN;
+  if (answer.is_not_found) return HTTP_STATUS_NOT_FOUND;
+  return answer.is_bad_request ? HTTP_STATUS_BAD_REQUEST : HTTP_STATUS_OK;
+}
+
+// Reads the arrays while the server's thread feeds them. served: null until the databases are open.
+QueryAnswer answer_query(const Served *served, DatabaseNames &names, const QueryRequest &request,
                          const IsInterrupted &is_interrupted) {
-  if (writer == nullptr) return {HTTP_STATUS_SERVICE_UNAVAILABLE, "application/json", "{\"error\":\"starting\"}\n"};
+  if (served == nullptr) return {HTTP_STATUS_SERVICE_UNAVAILABLE, "application/json", "{\"error\":\"starting\"}\n"};
   const InfluxqlRequest query = {.text = request.text,
                                  .epoch = request.epoch,
                                  .pretty = request.is_pretty,
@@ -130,17 +152,22 @@ QueryAnswer answer_query(const DatabaseWriter *writer, const QueryRequest &reque
                                  .csv = request.is_csv,
                                  .chunk_size = request.chunk_rows,
                                  .now_ns = now_ns(),
+                                 .database = request.database,
+                                 .refusal_of_reads = request.refusal_of_reads,
+                                 .refusal_of_changes = request.refusal_of_changes,
                                  .is_interrupted = is_interrupted,
                                  .n_threads = std::thread::hardware_concurrency()};
-  InfluxqlAnswer answer;
-  writer->read([&](const Store &store) { answer = answer_influxql(StoreSource(store), query, request.databases); });
-  return {answer.is_bad_request ? HTTP_STATUS_BAD_REQUEST : HTTP_STATUS_OK, answer.content_type, answer.body};
+  const auto answer_from = [&query](InfluxqlDatabases &&databases) { return answer_influxql(databases, query); };
+  const InfluxqlAnswer answer = served->set ? answer_from(SeveralDatabases(*served->set, is_interrupted))
+                                            : answer_from(OnlyDatabase(served->only, names, false, is_interrupted));
+  return {status_of(answer), answer.content_type, answer.body};
 }
 
-// On a thread of its own. writer: as in answer_query. request: the name is its text.
-QueryAnswer answer_backup_request(const DatabaseWriter *writer, const std::string &folder,
-                                  const QueryRequest &request) {
-  if (writer == nullptr) return {HTTP_STATUS_SERVICE_UNAVAILABLE, "application/json", "{\"error\":\"starting\"}\n"};
+// On a thread of its own. served: as in answer_query. request: the name is its text.
+QueryAnswer answer_backup_request(const Served *served, const std::string &folder, const QueryRequest &request) {
+  if (served == nullptr) return {HTTP_STATUS_SERVICE_UNAVAILABLE, "application/json", "{\"error\":\"starting\"}\n"};
+  const std::shared_ptr<DatabaseWriter> writer = served->set ? served->set->find(request.database) : served->only;
+  if (!writer) return {HTTP_STATUS_NOT_FOUND, "application/json", "{\"error\":\"database not found\"}\n"};
   return answer_backup(folder, request.text, [writer](const std::string &to) { return writer->backup(to); });
 }
 
@@ -152,16 +179,17 @@ WriterOptions serve_writer_options(const ServeArguments &arguments) {
   options.refuse_strings = !arguments.drop_strings;
   options.one_per_time = true;
   options.is_live = true;
+  options.retains_by_clock = true;
   return options;
 }
 
 // Opens the database on a thread of its own, while the server answers that it is starting. Stops the server if that fails.
 class Opening {
  public:
-  // readable  receives the database when it is open.
+  // readable  receives the databases when they are open.
   // ports     for the line that says what is served.
   Opening(const ServeArguments &arguments, Server &server,
-          std::atomic<const DatabaseWriter *> &readable, ServiceNotices &notices, std::string ports)
+          std::atomic<const Served *> &readable, ServiceNotices &notices, std::string ports)
       : arguments_(arguments),
         server_(server),
         readable_(readable),
@@ -176,14 +204,14 @@ class Opening {
 
   // Called after the server has ended. Throws what the opening has thrown. If a signal came before the database was open,
   // this ends the process: nothing was stored, and opening can take long.
-  DatabaseWriter &result() {
+  const Served &result() {
     if (!is_done_) {
       TSLB_DLOG(LOG_PROGRESS, "stopped while the database was opened");
       std::_Exit(EXIT_GOOD);
     }
     thread_.join();
     if (failure_) std::rethrow_exception(failure_);
-    return *writer_;
+    return served_;
   }
 
  private:
@@ -202,13 +230,18 @@ class Opening {
     WriterOptions options = serve_writer_options(arguments_);
     notices_.opening(0, 1);
     options.on_progress = [this](uint64_t done_bytes, uint64_t all_bytes) { report(done_bytes, all_bytes); };
-    writer_.emplace(arguments_.write.db, options);
-    report_warnings(writer_->warnings());
+    if (arguments_.data.empty()) {
+      served_.only = std::make_shared<DatabaseWriter>(arguments_.write.db, options);
+    } else {
+      served_.set = std::make_unique<DatabaseSet>(arguments_.data, options);
+      if (arguments_.graphite_port) served_.set->create(arguments_.graphite_database, {});
+    }
+    report_warnings(served_.warnings());
     const std::string line = "serving         " + ports_ + "\n";
     TSLB_DLOG(LOG_PROGRESS, "%s", line.c_str());
     is_done_ = true;  // before points can be stored
-    readable_ = &*writer_;
-    server_.open(*writer_);
+    readable_ = &served_;
+    server_.open(served_.ingest());
     notices_.ready("serving" + ports_);
     print_if_read(line);
   }
@@ -226,11 +259,11 @@ class Opening {
 
   const ServeArguments &arguments_;
   Server &server_;
-  std::atomic<const DatabaseWriter *> &readable_;
+  std::atomic<const Served *> &readable_;
   ServiceNotices &notices_;
   const std::string ports_;
   uint64_t next_logged_bytes_ = 0;
-  std::optional<DatabaseWriter> writer_;
+  Served served_;
   std::exception_ptr failure_;
   std::atomic<bool> is_done_ = false;
   std::thread thread_;  // the last member, because it uses the others
@@ -245,6 +278,7 @@ int serve(const ServeArguments &arguments) {
   if (arguments.tls_certificate_file.empty() != arguments.tls_key_file.empty())
     throw std::runtime_error("--tls-cert and --tls-key need each other");
   check_exposure(arguments);
+  if (arguments.write.db.empty() == arguments.data.empty()) throw std::runtime_error("use either --db or --data");
   ignore_harmless_signals();
   ServerOptions options;
   options.address = arguments.address;
@@ -255,9 +289,11 @@ int serve(const ServeArguments &arguments) {
   options.user_file = arguments.user_file;
   options.influx_socket = sockets.influx;
   options.graphite_socket = sockets.graphite;
-  std::atomic<const DatabaseWriter *> readable = nullptr;
-  options.query = [&readable](const QueryRequest &request, const IsInterrupted &is_interrupted) {
-    return answer_query(readable, request, is_interrupted);
+  options.graphite_database = arguments.graphite_database;
+  std::atomic<const Served *> readable = nullptr;
+  DatabaseNames names;
+  options.query = [&](const QueryRequest &request, const IsInterrupted &is_interrupted) {
+    return answer_query(readable, names, request, is_interrupted);
   };
   if (!arguments.backup_folder.empty())
     options.backup = [&readable, &arguments](const QueryRequest &request, const IsInterrupted &) {
@@ -272,9 +308,7 @@ int serve(const ServeArguments &arguments) {
   const ServerSignals signals(server);
   Opening opening(arguments, server, readable, notices, ports_of(arguments, sockets, server));
   server.run();
-  DatabaseWriter &writer = opening.result();
-  const std::string why = writer.wait(writer.commit());
-  writer.close();
+  const std::string why = opening.result().close();
   print_if_read(counters_line(server.counters()));
   if (!why.empty()) throw IngestRefused(fmt::format("the last batch was refused: {}", why));
   return EXIT_GOOD;

@@ -44,6 +44,7 @@ struct SeriesArguments {
 struct QueryArguments {
   std::string db;
   ServerAccess server;    // in place of db
+  std::string database;   // its name, with `server`
   std::string statement;  // InfluxQL, in place of a key and a function
   bool salvage = false;
   std::string key;
@@ -80,6 +81,8 @@ struct IngestArguments {
 
 struct ServeArguments {
   WriteArguments write;
+  std::string data;  // the folder of several databases, in place of write.db
+  std::string graphite_database = "graphite";
   std::string address = "127.0.0.1";
   std::optional<int> influx_port;  // 0: any free port
   std::optional<int> graphite_port;
@@ -95,6 +98,7 @@ struct ServeArguments {
 struct BackupArguments {
   std::string db;
   ServerAccess server;  // in place of db
+  std::string database;  // its name, with `server`
   std::string to;       // folder; with a server its name in the server's folder for backups
 };
 

@@ -143,6 +143,7 @@ CLI::App *add_backup(CLI::App &app, BackupArguments &arguments) {
   CLI::App *const command = app.add_subcommand("backup", "copy a database, also while it is served");
   command->add_option("--db", arguments.db, "the folder of a database that no process writes to")->type_name("DIR");
   add_server(command, arguments.server, "a running server with --backup-folder, in place of --db");
+  command->add_option("--database", arguments.database, "with --server: the database to copy")->type_name("NAME");
   command->add_option("TO", arguments.to, "the new folder; with --server its name in the server's folder for backups")
       ->required()
       ->type_name("");
@@ -185,7 +186,6 @@ const char *const INGEST_FOOTER =
 
 // The common options of `ingest` and `serve`.
 void add_write(CLI::App *command, WriteArguments &arguments) {
-  add_db(command, arguments.db, "the folder of the database, created if missing");
   command->add_option("--sync", arguments.sync, "when the disk is synced: always, batch or none")
       ->check(CLI::IsMember({"always", "batch", "none"}).description(""))
       ->capture_default_str()
@@ -207,6 +207,7 @@ CLI::App *add_ingest(CLI::App &app, IngestArguments &arguments) {
       ->required()
       ->type_name("");
   add_precision(command, arguments.precision);
+  add_db(command, arguments.write.db, "the folder of the database, created if missing");
   add_write(command, arguments.write);
   command->add_option("--batch-lines", arguments.batch_lines, "maximum number of lines in a batch")
       ->check(CLI::Range(1, 10'000'000).description(""))
@@ -225,8 +226,11 @@ const char *const SERVE_FOOTER =
     "made durable, and /metrics has figures for Prometheus.\n"
     "Graphite: the plaintext protocol, `path[;tag=value] value seconds`, which has no answers.\n"
     "A point with the time of a recent point of its series replaces it, so requests can be sent again.\n"
-    "Limits in time refer to data time, which is the newest timestamp so far. --max-future limits how far\n"
-    "one timestamp can move it.\n"
+    "--retain counts from the clock of this machine, so that one odd timestamp does not matter; with --data\n"
+    "it is for new databases. --idle refers to data time, which is the newest timestamp so far. --max-future\n"
+    "limits how far one timestamp can move it.\n"
+    "Statements with POST /query delete series and points, change the retention, and with --data create and\n"
+    "drop databases: --db takes any name of a database for the only one.\n"
     "Users: the hash is one of crypt(3), for example of `openssl passwd -6`. The rights are rw, r or w; w for\n"
     "/write, r for queries and /metrics. /ping and /health need no user.\n"
     "TLS: for both ports. Without it and users the command serves loopback addresses only; see --insecure.\n"
@@ -240,6 +244,14 @@ const char *const SERVE_FOOTER =
 CLI::App *add_serve(CLI::App &app, ServeArguments &arguments) {
   CLI::App *const command = app.add_subcommand("serve", "receive points from agents over TCP");
   add_config_file(command);
+  command->add_option("--db", arguments.write.db, "the folder of the only database, created if missing")
+      ->type_name("DIR");
+  command
+      ->add_option("--data", arguments.data, "a folder of databases, which clients create and drop, in place of --db")
+      ->type_name("DIR");
+  command->add_option("--graphite-db", arguments.graphite_database, "with --data: the database of Graphite lines")
+      ->capture_default_str()
+      ->type_name("NAME");
   add_write(command, arguments.write);
   const auto add_port = [command](const char *name, std::optional<int> &port, const char *what) {
     command->add_option(name, port, what)->check(CLI::Range(0, 65'535).description(""))->type_name("PORT");
@@ -294,6 +306,8 @@ CLI::App *add_query(CLI::App &app, QueryArguments &arguments) {
       app.add_subcommand("query", "print the points of a series, or the answer to a statement of InfluxQL");
   command->add_option("--db", arguments.db, "the folder of the database")->type_name("DIR");
   add_server(command, arguments.server, "a running server, with --influxql, in place of --db");
+  command->add_option("--database", arguments.database, "with --server: the database of the statements")
+      ->type_name("NAME");
   command->add_option("--influxql", arguments.statement, "statements, separated by semicolons")->type_name("TEXT");
   command->add_option("KEY", arguments.key, "key of the series, as printed by `series`: 'cpu,core=0,host=a usage'")
       ->type_name("");

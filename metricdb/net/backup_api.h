@@ -1,4 +1,4 @@
-// POST /backup?name=NAME: writes a backup of the served database to the folder for backups, and answers when it is durable.
+// POST /backup?name=NAME&db=NAME: writes a backup of a served database to the folder for backups, and answers when it is durable.
 #pragma once
 
 #include <functional>

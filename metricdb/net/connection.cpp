@@ -31,11 +31,16 @@ std::optional<TlsContext> Hub::tls_of(const ServerOptions &options) {
   return TlsContext::of_server(options.tls_certificate_file, options.tls_key_file);
 }
 
-IngestResult Hub::take(std::string_view text, Precision precision) {
+std::vector<std::pair<std::string, IngestFigures>> Hub::figures_of_all() const {
+  if (ingest != nullptr) return ingest->figures_of_all();
+  return {{"", IngestFigures()}};
+}
+
+IngestResult Hub::take(const std::string &database, std::string_view text, Precision precision) {
   IngestResult result;
   try {
     if (ingest == nullptr) throw IngestRefused(why_not_writable());
-    result = ingest->take(text, precision);
+    result = ingest->take_for(database, text, precision);
   } catch (const IngestRefused &) {
     refused.add(1);
     throw;
@@ -180,12 +185,13 @@ void Connection::committed(uint64_t ticket) {
 void Connection::settled(uint64_t ticket, const Refusals &refusals) {
   for (PendingAnswer &answer : pending_) {
     if (answer.ticket == 0 || answer.ticket > ticket) continue;
-    const auto refusal = std::find_if(refusals.begin(), refusals.end(),
-                                      [&](const auto &candidate) { return candidate.first == answer.ticket; });
+    const auto refusal = std::find_if(refusals.begin(), refusals.end(), [&](const Refusal &candidate) {
+      return candidate.ticket == answer.ticket && (candidate.database.empty() || candidate.database == answer.database);
+    });
     if (refusal != refusals.end()) {
       hub_.refused.add(1);
       hub_.lost.add(1);
-      refuse(answer, refusal->second);
+      refuse(answer, refusal->reason);
     }
     answer.ticket = 0;
   }

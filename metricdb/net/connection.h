@@ -52,10 +52,10 @@ struct Hub {
   // None without a certificate. Throws TlsError.
   static std::optional<TlsContext> tls_of(const ServerOptions &options);
 
-  // Passes lines to the Ingest and counts the result. Throws IngestRefused, also while there is none.
-  IngestResult take(std::string_view text, Precision precision);
+  // Passes lines for a database to the Ingest and counts the result. Throws IngestRefused, also while there is none.
+  IngestResult take(const std::string &database, std::string_view text, Precision precision);
   void count(const QueryWorkers::Done &done);
-  IngestFigures figures() const { return ingest != nullptr ? ingest->figures() : IngestFigures(); }
+  std::vector<std::pair<std::string, IngestFigures>> figures_of_all() const;
   // As the function of the Ingest.
   std::string why_not_writable() const;
 
@@ -83,8 +83,13 @@ struct Hub {
   Counter queries_answered, queries_failed, queries_refused, queries_interrupted;
 };
 
-// Tickets of refused batches that were just settled, each with its reason.
-using Refusals = std::vector<std::pair<uint64_t, std::string>>;
+// A batch that was just settled and is lost. An empty database is the only one.
+struct Refusal {
+  uint64_t ticket;
+  std::string database;
+  std::string reason;
+};
+using Refusals = std::vector<Refusal>;
 
 class Connection {
  public:
@@ -129,6 +134,7 @@ class Connection {
     uint64_t ticket = 0;  // of the batch it waits for; 0: none; OPEN_TICKET until the batch is committed; QUERY_TICKET
     size_t bytes = 0;     // of its lines, for the limits
     std::string text;
+    std::string database = {};     // of its lines
     uint64_t query = 0;            // with QUERY_TICKET: the query it waits for
     Clock::time_point since = {};  // when it was queued
   };

@@ -33,9 +33,9 @@ void GraphiteConnection::ingest_lines(std::string_view lines) {
   const std::string &text = converter_.text();
   if (text.empty()) return;
   try {
-    const IngestResult result = hub().take(text, Precision::ns);
+    const IngestResult result = hub().take(hub().options.graphite_database, text, Precision::ns);
     count_malformed(result.n_skipped(), result.first_reason);
-    if (result.points != 0) queue({OPEN_TICKET, text.size(), {}});
+    if (result.points != 0) queue({OPEN_TICKET, text.size(), {}, hub().options.graphite_database});
   } catch (const IngestRefused &refusal) {
     count_refused(refusal.what());
   }

@@ -113,7 +113,7 @@ FetchedAnswer fetch(const HttpServer &server, std::string_view target, std::stri
   if (is_https) tls = TlsContext::of_client(server.ca_file);
   Transport transport(connected(address, !is_https && !server.password.empty()), tls ? &*tls : nullptr,
                       address.substr(0, address.rfind(':')));
-  std::string request = fmt::format("{} {} HTTP/1.0\r\nAccept: {}\r\n", method, target, accept);
+  std::string request = fmt::format("{} {} HTTP/1.0\r\nAccept: {}\r\nContent-Length: 0\r\n", method, target, accept);
   if (!server.user.empty())
     request += fmt::format("Authorization: Basic {}\r\n", base64(server.user + ':' + server.password));
   send_all(server.address, transport, request + "\r\n");

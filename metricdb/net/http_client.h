@@ -30,7 +30,7 @@ struct HttpServer {
 // target  path and query, encoded.
 // accept  the type that is preferred, such as application/csv.
 FetchedAnswer fetch(const HttpServer &server, std::string_view target, std::string_view accept,
-                    std::string_view method = "GET");
+                    std::string_view method = "POST");
 
 std::string url_encoded(std::string_view text);
 

@@ -70,6 +70,7 @@ void HttpConnection::begin_backup(const BackupRequest &backup) {
   const uint64_t id = ++hub().last_query;
   QueryRequest request;
   request.text = backup.name;
+  request.database = backup.database;
   if (!hub().backups.submit(id, std::move(request)))
     return queue_answer(error_answer(HTTP_STATUS_SERVICE_UNAVAILABLE, "another backup waits, try again"));
   wait_for_query(id);
@@ -97,12 +98,14 @@ std::string HttpConnection::text_of(uint64_t query, const QueryAnswer &answer) {
 
 void HttpConnection::write(const WriteRequest &request) {
   const std::string_view body = reader_.request().body;
-  if (!request.is_gzip) return write_lines(body, request.precision);
+  if (hub().ingest != nullptr && !hub().ingest->has(request.database))
+    return queue_answer(unknown_database(request.database));
+  if (!request.is_gzip) return write_lines(request, body);
   ByteBuffer plain(hub().blocks);
   const size_t max_bytes = hub().options.max_body_bytes;
   switch (gunzip_.inflate_into(plain, body, max_bytes)) {
     case Gunzip::Outcome::good:
-      return write_lines(plain.text(), request.precision);
+      return write_lines(request, plain.text());
     case Gunzip::Outcome::broken:
       return queue_answer(error_answer(HTTP_STATUS_BAD_REQUEST, "the body is not valid gzip"));
     case Gunzip::Outcome::too_long:
@@ -114,14 +117,15 @@ void HttpConnection::write(const WriteRequest &request) {
   }
 }
 
-void HttpConnection::write_lines(std::string_view lines, Precision precision) {
+void HttpConnection::write_lines(const WriteRequest &request, std::string_view lines) {
   try {
-    const IngestResult result = hub().take(lines, precision);
+    const IngestResult result = hub().take(request.database, lines, request.precision);
     if (result.n_skipped() != 0)
       log(fmt::format("{} lines were skipped; the first: {}", result.n_skipped(), result.first_reason),
           LogTopic::skipped_lines);
     // Without points there is no batch to wait for.
-    queue_answer(answer_to(result), result.points == 0 ? 0 : OPEN_TICKET, result.points == 0 ? 0 : lines.size());
+    queue_answer(answer_to(result), result.points == 0 ? 0 : OPEN_TICKET, result.points == 0 ? 0 : lines.size(),
+                 request.database);
   } catch (const IngestRefused &refusal) {
     log(fmt::format("{} bytes of lines were refused: {}", lines.size(), refusal.what()), LogTopic::refusals);
     queue_answer(error_answer(HTTP_STATUS_SERVICE_UNAVAILABLE, refusal.what()));
@@ -155,9 +159,10 @@ void HttpConnection::refuse_room() {
   refuse_connection(error_answer(HTTP_STATUS_SERVICE_UNAVAILABLE, "too many bytes are being received, try again"));
 }
 
-void HttpConnection::queue_answer(const HttpAnswer &answer, uint64_t ticket, size_t bytes) {
+void HttpConnection::queue_answer(const HttpAnswer &answer, uint64_t ticket, size_t bytes,
+                                  const std::string &database) {
   const HttpRequest &request = reader_.request();
-  queue({ticket, bytes, answer_text(answer, request.method, request.keep_alive, request.is_http_1_0)});
+  queue({ticket, bytes, answer_text(answer, request.method, request.keep_alive, request.is_http_1_0), database});
 }
 
 // Later requests may have been parsed since. The pending answer says whether the connection is kept.

@@ -29,7 +29,7 @@ class HttpConnection : public Connection {
  private:
   void answer_request();
   void write(const WriteRequest &write);
-  void write_lines(std::string_view lines, Precision precision);
+  void write_lines(const WriteRequest &request, std::string_view lines);
   void begin_query(const QueryRequest &query);
   void check_head();
   void begin_backup(const BackupRequest &backup);
@@ -37,7 +37,7 @@ class HttpConnection : public Connection {
   void wait_for_query(uint64_t id);
   void answer_expectation();
   void refuse_connection(const HttpAnswer &answer);
-  void queue_answer(const HttpAnswer &answer, uint64_t ticket = 0, size_t bytes = 0);
+  void queue_answer(const HttpAnswer &answer, uint64_t ticket = 0, size_t bytes = 0, const std::string &database = {});
 
   InfluxApi &api_;
   Gunzip &gunzip_;

@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <cctype>
 #include <charconv>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -14,10 +13,6 @@ namespace metricdb {
 namespace {
 
 using Json = nlohmann::ordered_json;
-
-// Limits for the names that SHOW DATABASES returns.
-constexpr size_t MAX_DATABASES = 64;
-constexpr size_t MAX_DATABASE_BYTES = 128;
 
 // Reasons quote the request, which need not be UTF-8.
 std::string json_text(const Json &json) {
@@ -106,33 +101,7 @@ RoutedRequest route_write(const HttpRequest &request, std::string_view arguments
   if (!is_gzip && !encoding.empty() && encoding != "identity")
     return error_answer(HTTP_STATUS_UNSUPPORTED_MEDIA_TYPE,
                         fmt::format("content encoding \"{}\" is not supported; gzip and identity are", encoding));
-  return WriteRequest{*precision, is_gzip};
-}
-
-// Removes the words from the front of a statement, in any case.
-bool remove_words(std::string_view &statement, std::string_view words) {
-  if (statement.size() < words.size()) return false;
-  for (size_t i = 0; i < words.size(); ++i)
-    if (std::toupper(static_cast<unsigned char>(statement[i])) != words[i]) return false;
-  statement.remove_prefix(words.size());
-  return true;
-}
-
-// Returns `name`, or `a name` for `"a name"`.
-std::string first_name(std::string_view text) {
-  if (text.starts_with('"')) return std::string(text.substr(1, text.find('"', 1) - 1));
-  return std::string(text.substr(0, text.find_first_of(" \t\r\n")));
-}
-
-std::string_view trimmed(std::string_view text) {
-  constexpr std::string_view IGNORED = " \t\r\n;";
-  const size_t begin = std::min(text.find_first_not_of(IGNORED), text.size());
-  return text.substr(begin, text.find_last_not_of(IGNORED) + 1 - begin);
-}
-
-Json one_result(Json result) {
-  result["statement_id"] = 0;
-  return {{"results", Json::array({std::move(result)})}};
+  return WriteRequest{*precision, is_gzip, argument(arguments, "db").value_or("")};
 }
 
 }  // namespace
@@ -143,6 +112,11 @@ HttpAnswer error_answer(http_status status, std::string reason) {
   answer.json = json_text({{"error", reason}});
   answer.error = std::move(reason);
   return answer;
+}
+
+HttpAnswer unknown_database(const std::string &name) {
+  return name.empty() ? error_answer(HTTP_STATUS_BAD_REQUEST, "database is required")
+                      : error_answer(HTTP_STATUS_NOT_FOUND, fmt::format("database not found: \"{}\"", name));
 }
 
 HttpAnswer answer_to(const IngestResult &result) {
@@ -184,6 +158,15 @@ std::optional<HttpAnswer> InfluxApi::denial(const HttpRequest &request, std::str
   return answer;
 }
 
+// Why a user that is known lacks a right; empty if it does not.
+std::string InfluxApi::refusal(const HttpRequest &request, std::string_view arguments, Right right) const {
+  if (!access_.has_users()) return "";
+  const std::optional<Credentials> credentials = credentials_of(request, arguments);
+  if (access_.check(credentials, right) == Access::Outcome::allowed) return "";
+  return fmt::format("user \"{}\" is not authorized to {}", printable(credentials->name),
+                     right == Right::read ? "read" : "write");
+}
+
 std::optional<HttpAnswer> InfluxApi::denial_of_head(const HttpRequest &request) {
   const std::optional<Target> target = target_of(request);
   if (!target || (target->path != "/write" && target->path != "/query")) return std::nullopt;
@@ -212,7 +195,8 @@ RoutedRequest InfluxApi::route(const HttpRequest &request) {
                                                 : RoutedRequest(not_allowed("GET, POST"));
   if (target->path == "/backup") {
     if (auto answer = denied(Right::write)) return *std::move(answer);
-    return request.method == HTTP_POST ? RoutedRequest(BackupRequest{argument(target->arguments, "name").value_or("")})
+    return request.method == HTTP_POST ? RoutedRequest(BackupRequest{argument(target->arguments, "name").value_or(""),
+                                                                     argument(target->arguments, "db").value_or("")})
                                        : RoutedRequest(not_allowed("POST"));
   }
   if (target->path == "/ping") return reads ? HttpAnswer() : not_allowed("GET, HEAD");
@@ -248,17 +232,8 @@ RoutedRequest InfluxApi::query(const HttpRequest &request, std::string_view argu
     return value || !is_form ? value : argument(request.body, name);
   };
   const std::optional<std::string> text = value_of("q");
-  std::string_view rest = text ? trimmed(*text) : std::string_view();
-  const bool is_creation = remove_words(rest, "CREATE DATABASE ");
-  if (auto answer = denial(request, arguments, is_creation ? Right::write : Right::read)) return *std::move(answer);
+  if (auto answer = denial(request, arguments, Right::any)) return *std::move(answer);
   if (!text) return error_answer(HTTP_STATUS_BAD_REQUEST, "missing required parameter \"q\"");
-  if (is_creation) {
-    std::string name = first_name(trimmed(rest));
-    if (name.empty() || name.size() > MAX_DATABASE_BYTES)
-      return json_answer(one_result({{"error", "the name of a database has 1 to 128 bytes"}}));
-    if (databases_.size() < MAX_DATABASES) databases_.insert(std::move(name));
-    return json_answer(one_result(Json::object()));
-  }
   QueryRequest query;
   query.text = *text;
   query.epoch = value_of("epoch").value_or("");
@@ -267,7 +242,10 @@ RoutedRequest InfluxApi::query(const HttpRequest &request, std::string_view argu
   const std::string rows = value_of("chunk_size").value_or("");
   std::from_chars(rows.data(), rows.data() + rows.size(), query.chunk_rows);
   query.is_csv = request.accept.starts_with("application/csv") || request.accept.starts_with("text/csv");
-  query.databases.assign(databases_.begin(), databases_.end());
+  query.database = value_of("db").value_or("");
+  query.refusal_of_reads = refusal(request, arguments, Right::read);
+  query.refusal_of_changes = request.method == HTTP_POST ? refusal(request, arguments, Right::write)
+                                                         : "a statement that changes the database needs a POST request";
   return query;
 }
 

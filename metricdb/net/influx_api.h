@@ -4,17 +4,16 @@
 //   GET, HEAD /ping                            checks the connection; the header has the version
 //   GET /health                                whether points can be made durable, as JSON; 503 if not
 //   GET /metrics                               the server's figures for Prometheus
-//   POST /backup?name=NAME                     a backup of the database (backup_api.h)
-//   GET, POST /query?q=...                     InfluxQL, also as the text of a form. CREATE DATABASE is accepted
+//   POST /backup?name=NAME&db=NAME             a backup of a database (backup_api.h)
+//   GET, POST /query?q=...&db=NAME             InfluxQL, also as the text of a form. GET only reads
 //
-// There is one database. The parameter `db` is ignored. If there are users, all but /ping and /health need a user with a
-// right: read for queries and /metrics, write for /write, /backup and CREATE DATABASE. The credentials are those of the parameters
-// u and p, or else those of the header Authorization.
+// /write has a parameter `db` too. A server with one database ignores it. If there are users, all but /ping and /health
+// need a user with a right: read for /metrics and statements that read, write for /write, /backup and statements that change
+// a database. The credentials are those of the parameters u and p, or else those of the header Authorization.
 #pragma once
 
 #include <functional>
 #include <optional>
-#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -30,10 +29,12 @@ namespace metricdb {
 struct WriteRequest {
   Precision precision = Precision::ns;  // or a multiple of s without a name: minutes and hours
   bool is_gzip = false;
+  std::string database = {};
 };
 
 struct BackupRequest {
   std::string name;
+  std::string database;
 };
 
 using RoutedRequest = std::variant<WriteRequest, QueryRequest, BackupRequest, HttpAnswer>;
@@ -65,6 +66,7 @@ class InfluxApi {
 
  private:
   std::optional<HttpAnswer> denial(const HttpRequest &request, std::string_view arguments, Right right);
+  std::string refusal(const HttpRequest &request, std::string_view arguments, Right right) const;
   RoutedRequest query(const HttpRequest &request, std::string_view arguments);
   HttpAnswer health() const;
   HttpAnswer metrics() const;
@@ -72,10 +74,12 @@ class InfluxApi {
   const OperatorView view_;
   Access &access_;
   DeniedRequests denied_;
-  std::set<std::string> databases_{"metricdb"};  // names that clients have created
 };
 
 HttpAnswer error_answer(http_status status, std::string reason);
+
+// The answer to a write to a database that does not exist.
+HttpAnswer unknown_database(const std::string &name);
 
 // The answer to a write whose points are durable.
 HttpAnswer answer_to(const IngestResult &result);

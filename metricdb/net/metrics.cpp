@@ -94,22 +94,44 @@ void append_queries(MetricsText &metrics, const Hub &hub) {
   hub.query_times.append_to(metrics.text(), "metricdb_query_seconds");
 }
 
-void append_store(MetricsText &metrics, const IngestFigures &figures) {
-  metrics.add("metricdb_series", "gauge", "Series.", figures.series);
-  metrics.add("metricdb_inactive_series", "gauge", "Series that were not written for a time.", figures.inactive_series);
-  metrics.add("metricdb_stored_points", "gauge", "Points in memory.", figures.points);
-  metrics.add("metricdb_key_bytes", "gauge", "Memory for series keys.", figures.key_bytes);
-  metrics.add("metricdb_max_key_bytes", "gauge", "Capacity for series keys.", figures.max_key_bytes);
-  metrics.add("metricdb_point_bytes", "gauge", "Memory for points.", figures.point_bytes);
-  metrics.add("metricdb_max_point_bytes", "gauge", "Capacity for points.", figures.max_point_bytes);
-  metrics.add("metricdb_array_bytes", "gauge", "Memory reserved by the arrays.", figures.memory_bytes);
-  metrics.add("metricdb_journal_bytes", "gauge", "Journal since the last snapshot.", figures.journal_bytes);
-  metrics.add("metricdb_generation", "gauge", "Number of the current generation.", figures.generation);
-  metrics.add("metricdb_snapshots_total", "counter", "Snapshots that were written.", figures.snapshots);
-  metrics.add("metricdb_snapshot_failed", "gauge", "1 if the last snapshot failed.",
-              figures.snapshot_failure.empty() ? 0 : 1);
-  metrics.add("metricdb_snapshot_pause_seconds", "gauge", "Time in which the last snapshot stopped writes.",
-              static_cast<double>(figures.snapshot_pause_ns) / 1e9);
+using FiguresOfAll = std::vector<std::pair<std::string, IngestFigures>>;
+
+// One line for each database. The names need no escapes.
+template <class Value>
+void add_for_each(MetricsText &metrics, const FiguresOfAll &all, const char *name, const char *type, const char *help,
+                  Value value) {
+  metrics.begin(name, type, help);
+  for (const auto &[database, figures] : all)
+    metrics.text() += fmt::format("{}{} {}\n", name,
+                                  database.empty() ? "" : fmt::format("{{database=\"{}\"}}", database), value(figures));
+}
+
+void append_stores(MetricsText &metrics, const FiguresOfAll &all) {
+  static constexpr struct {
+    const char *name, *type, *help;
+    uint64_t IngestFigures::*value;
+  } FIGURES[] = {
+      {"metricdb_series", "gauge", "Series.", &IngestFigures::series},
+      {"metricdb_inactive_series", "gauge", "Series that were not written for a time.",
+       &IngestFigures::inactive_series},
+      {"metricdb_stored_points", "gauge", "Points in memory.", &IngestFigures::points},
+      {"metricdb_key_bytes", "gauge", "Memory for series keys.", &IngestFigures::key_bytes},
+      {"metricdb_max_key_bytes", "gauge", "Capacity for series keys.", &IngestFigures::max_key_bytes},
+      {"metricdb_point_bytes", "gauge", "Memory for points.", &IngestFigures::point_bytes},
+      {"metricdb_max_point_bytes", "gauge", "Capacity for points.", &IngestFigures::max_point_bytes},
+      {"metricdb_array_bytes", "gauge", "Memory reserved by the arrays.", &IngestFigures::memory_bytes},
+      {"metricdb_journal_bytes", "gauge", "Journal since the last snapshot.", &IngestFigures::journal_bytes},
+      {"metricdb_generation", "gauge", "Number of the current generation.", &IngestFigures::generation},
+      {"metricdb_snapshots_total", "counter", "Snapshots that were written.", &IngestFigures::snapshots},
+  };
+  for (const auto &row : FIGURES)
+    add_for_each(metrics, all, row.name, row.type, row.help,
+                 [&row](const IngestFigures &figures) { return figures.*row.value; });
+  add_for_each(metrics, all, "metricdb_snapshot_failed", "gauge", "1 if the last snapshot failed.",
+               [](const IngestFigures &figures) { return figures.snapshot_failure.empty() ? 0 : 1; });
+  add_for_each(metrics, all, "metricdb_snapshot_pause_seconds", "gauge",
+               "Time in which the last snapshot stopped writes.",
+               [](const IngestFigures &figures) { return static_cast<double>(figures.snapshot_pause_ns) / 1e9; });
 }
 
 }  // namespace
@@ -134,7 +156,7 @@ std::string metrics_text(const Hub &hub, const DeniedRequests &denied, size_t n_
   append_server(metrics, hub, n_waiting_batches);
   append_denied(metrics, denied);
   append_queries(metrics, hub);
-  append_store(metrics, hub.figures());
+  append_stores(metrics, hub.figures_of_all());
   metrics.add("process_resident_memory_bytes", "gauge", "Resident memory of the process.", resident_bytes());
   return std::move(metrics.text());
 }

@@ -29,7 +29,9 @@ struct QueryRequest {
   bool is_chunked = false;
   size_t chunk_rows = 10'000;
   bool is_csv = false;
-  std::vector<std::string> databases;  // that clients have created
+  std::string database;  // of statements that name none
+  // Why statements that only read, and those that change a database, are refused; empty: they are not.
+  std::string refusal_of_reads = {}, refusal_of_changes = {};
 };
 
 struct QueryAnswer {

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstring>
 #include <deque>
+#include <map>
 #include <utility>
 #include <vector>
 
@@ -30,6 +31,7 @@ using std::chrono::milliseconds;
 constexpr size_t MAX_EVENTS = 256;
 constexpr int MAX_ACCEPTED = 64;  // per round, so that many new connections do not delay the others
 constexpr size_t MESSAGE_BYTES = 512;
+constexpr size_t MAX_BATCHES_OF_WORK = 8;
 
 [[noreturn]] void fail(const char *what) {
   const int error = errno;
@@ -80,6 +82,7 @@ class Server::Loop {
   void after_processing(Place &place);
   void remove(Place &place);
   bool close_stalled();
+  void work();
   void commit();
   void settle();
   void answer_queries(QueryWorkers &workers);
@@ -114,10 +117,10 @@ class Server::Loop {
   Fds waiting_;       // for the Ingest
   Fds held_;          // by limits that other connections can cause
   std::deque<Batch> batches_;
-  uint64_t n_snapshots_ = 0;
-  std::string snapshot_failure_;
+  std::map<std::string, IngestFigures> figures_;  // by database, when snapshots were logged
   bool is_settled_readable_ = false;
   bool has_query_answers_ = false;
+  bool has_more_work_ = false;
   bool is_turning_away_ = false;
   bool is_draining_ = false;
   Clock::time_point next_check_;
@@ -223,6 +226,7 @@ void Server::Loop::run_round() {
     answer_queries(hub_.backups);
   }
   process_active();
+  work();
   commit();
   if (hub_.now >= next_check_) check_times();
 }
@@ -230,7 +234,7 @@ void Server::Loop::run_round() {
 void Server::Loop::wait_for_events() {
   std::array<epoll_event, MAX_EVENTS> events;
   const auto until = std::chrono::ceil<milliseconds>(next_check_ - Clock::now());
-  const int wait_ms = active_.empty() ? static_cast<int>(std::max<int64_t>(until.count(), 0)) : 0;
+  const int wait_ms = active_.empty() && !has_more_work_ ? static_cast<int>(std::max<int64_t>(until.count(), 0)) : 0;
   const int n = epoll_wait(epoll_.get(), events.data(), static_cast<int>(events.size()), wait_ms);
   if (n < 0 && errno != EINTR) fail("epoll");
   hub_.now = Clock::now();
@@ -348,6 +352,15 @@ bool Server::Loop::close_stalled() {
   return true;
 }
 
+// Changes that queries have requested. Not while many batches wait, because these are in memory.
+void Server::Loop::work() {
+  has_more_work_ = false;
+  if (hub_.ingest == nullptr || batches_.size() >= MAX_BATCHES_OF_WORK) return;
+  const Ingest::Work work = hub_.ingest->work();
+  has_more_work_ = work.has_more;
+  hub_.has_open_points |= work.has_changed;
+}
+
 void Server::Loop::commit() {
   if (hub_.has_open_points) {
     const uint64_t ticket = hub_.ingest->commit();
@@ -366,10 +379,11 @@ void Server::Loop::settle() {
   for (; !batches_.empty() && batches_.front().ticket <= settled; batches_.pop_front()) {
     hub_.unanswered_bytes -= batches_.front().bytes;
     hub_.batch_times.add(hub_.now - std::min(hub_.now, batches_.front().committed));
-    std::string reason = hub_.ingest->failure(batches_.front().ticket);
-    if (reason.empty()) continue;
-    hub_.log.add(LogTopic::refusals, hub_.now, fmt::format("batch {} is lost: {}", batches_.front().ticket, reason));
-    refusals.emplace_back(batches_.front().ticket, std::move(reason));
+    const uint64_t ticket = batches_.front().ticket;
+    for (auto &[database, reason] : hub_.ingest->lost(ticket)) {
+      hub_.log.add(LogTopic::refusals, hub_.now, fmt::format("batch {} is lost: {}", ticket, reason));
+      refusals.push_back({ticket, std::move(database), std::move(reason)});
+    }
   }
   Fds waiting;
   waiting.swap(waiting_);
@@ -415,15 +429,19 @@ milliseconds Server::Loop::tick() const {
 
 // Snapshots are written by a child process, and have ended when the generation has changed.
 void Server::Loop::log_snapshots() {
-  const IngestFigures figures = hub_.figures();
-  if (figures.snapshots != n_snapshots_)
-    TSLB_DLOG(LOG_PROGRESS, "generation %llu was written, writes were stopped for %.3f ms",
-              static_cast<unsigned long long>(figures.generation),
-              static_cast<double>(figures.snapshot_pause_ns) / 1e6);
-  if (!figures.snapshot_failure.empty() && figures.snapshot_failure != snapshot_failure_)
-    TSLB_DLOG(LOG_REFUSALS, "a snapshot failed: %s", figures.snapshot_failure.c_str());
-  n_snapshots_ = figures.snapshots;
-  snapshot_failure_ = figures.snapshot_failure;
+  std::map<std::string, IngestFigures> seen;
+  for (auto &[database, figures] : hub_.figures_of_all()) {
+    const IngestFigures &before = figures_[database];
+    const std::string name = database.empty() ? "" : database + ": ";
+    if (figures.snapshots != before.snapshots)
+      TSLB_DLOG(LOG_PROGRESS, "%sgeneration %llu was written, writes were stopped for %.3f ms", name.c_str(),
+                static_cast<unsigned long long>(figures.generation),
+                static_cast<double>(figures.snapshot_pause_ns) / 1e6);
+    if (!figures.snapshot_failure.empty() && figures.snapshot_failure != before.snapshot_failure)
+      TSLB_DLOG(LOG_REFUSALS, "%sa snapshot failed: %s", name.c_str(), figures.snapshot_failure.c_str());
+    seen.emplace(std::move(database), std::move(figures));
+  }
+  figures_ = std::move(seen);
 }
 
 std::string Server::Loop::why_unhealthy() {

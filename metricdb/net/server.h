@@ -32,6 +32,7 @@ struct ServerOptions {
   std::string address = "127.0.0.1";  // IPv4
   std::optional<int> influx_port;     // 0: any free port. Without a port the protocol is off
   std::optional<int> graphite_port;
+  std::string graphite_database = {};  // of the lines of that protocol, for an Ingest with several databases
   int influx_socket = -1;  // a listening socket that the server owns, in place of the port; -1: none
   int graphite_socket = -1;
 
@@ -40,7 +41,7 @@ struct ServerOptions {
   std::string user_file = {};  // for access.h, read again after `hang_up`; empty: clients need no password
 
   QueryFunction backup = nullptr;  // writes a backup with the name in `text`; without it they are refused
-  QueryFunction query = nullptr;   // answers SELECT and SHOW; without it they are refused
+  QueryFunction query = nullptr;   // answers statements; without it they are refused
   unsigned n_query_threads = 2;
   size_t max_waiting_queries = 64;
   std::chrono::milliseconds max_query_time{30'000};  // then a query is interrupted

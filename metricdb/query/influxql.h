@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "query/series_source.h"
+#include "query/influxql_databases.h"
 
 namespace metricdb {
 
@@ -20,6 +20,10 @@ struct InfluxqlRequest {
   bool csv = false;           // CSV instead of JSON; its times are always numbers
   size_t chunk_size = 10000;  // at least 1
   int64_t now_ns = 0;         // value of now()
+  std::string database = {};  // of statements that name none
+  // Why statements that only read, and those that change a database, are refused; empty: they are not. If one of the
+  // statements is refused, none is executed.
+  std::string refusal_of_reads = {}, refusal_of_changes = {};
   // Asked again and again, on any thread of the query, at least for each sealed chunk that is read. If it returns true the
   // statement fails with "query interrupted", and the others are not executed. None: nothing interrupts a query.
   std::function<bool()> is_interrupted = {};
@@ -28,14 +32,23 @@ struct InfluxqlRequest {
 };
 
 struct InfluxqlAnswer {
+  bool is_forbidden = false;    // by the request's refusals: HTTP 403
   bool is_bad_request = false;  // the text is not valid: HTTP 400. Errors of single statements are in the body only.
+  bool is_not_found = false;    // the database of the request does not exist: HTTP 404
   std::string content_type;
   std::string body;
 };
 
-// databases  the names of all; the first is not special
-// Threads    any number, if the source allows it
+// Executes the statements of a request. Threads: any number, if the databases allow it.
+InfluxqlAnswer answer_influxql(InfluxqlDatabases &databases, const InfluxqlRequest &request);
+
+// The same for one database that is read only.
+//
+// databases  its names
 InfluxqlAnswer answer_influxql(const SeriesSource &source, const InfluxqlRequest &request,
                                const std::vector<std::string> &databases);
+
+// Whether the text has statements that InfluxqlRequest::refusal_of_changes refuses.
+bool changes_databases(const std::string &text);
 
 }  // namespace metricdb

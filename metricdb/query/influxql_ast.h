@@ -127,7 +127,7 @@ struct SelectStatement {
   Page series;  // for each measurement
 };
 
-enum class Shown { databases, measurements, series, tag_keys, tag_values, field_keys };
+enum class Shown { databases, measurements, series, tag_keys, tag_values, field_keys, retention_policies };
 
 // Wanted names: one of a list, or all matching ones, or all others.
 struct NameFilter {
@@ -148,10 +148,32 @@ struct ShowStatement {
   Page series;
 };
 
+// DELETE, DROP SERIES and DROP MEASUREMENT.
+struct EraseStatement {
+  std::vector<Source> sources;  // empty: all measurements
+  Condition condition;
+  TimeRange range;
+};
+
+// A duration of 0 keeps all points.
 struct CreateDatabaseStatement {
+  std::string name;
+  std::optional<int64_t> duration_ns;
+};
+
+struct DropDatabaseStatement {
   std::string name;
 };
 
-using Statement = std::variant<SelectStatement, ShowStatement, CreateDatabaseStatement>;
+// CREATE and ALTER RETENTION POLICY.
+struct RetentionStatement {
+  bool is_new = false;
+  std::string policy;
+  std::string database;
+  std::optional<int64_t> duration_ns;
+};
+
+using Statement = std::variant<SelectStatement, ShowStatement, EraseStatement, CreateDatabaseStatement,
+                               DropDatabaseStatement, RetentionStatement>;
 
 }  // namespace metricdb::influxql

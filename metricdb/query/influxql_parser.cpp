@@ -244,7 +244,11 @@ Shown parse_shown(TokenReader &reader) {
     reader.expect_keyword("KEYS");
     return Shown::field_keys;
   }
-  if (!reader.accept_keyword("TAG")) reader.refuse_found("DATABASES, FIELD, MEASUREMENTS, SERIES, TAG");
+  if (reader.accept_keyword("RETENTION")) {
+    reader.expect_keyword("POLICIES");
+    return Shown::retention_policies;
+  }
+  if (!reader.accept_keyword("TAG")) reader.refuse_found("DATABASES, FIELD, MEASUREMENTS, RETENTION, SERIES, TAG");
   if (reader.accept_keyword("KEYS")) return Shown::tag_keys;
   if (!reader.accept_keyword("VALUES")) reader.refuse_found("KEYS, VALUES");
   return Shown::tag_values;
@@ -267,6 +271,7 @@ ShowStatement parse_show(TokenReader &reader) {
   show.shown = parse_shown(reader);
   if (show.shown == Shown::databases) return show;
   if (reader.accept_keyword("ON")) show.database = reader.expect_name();
+  if (show.shown == Shown::retention_policies) return show;
   if (show.shown != Shown::measurements && reader.accept_keyword("FROM")) show.sources = parse_sources(reader);
   parse_with(reader, show);
   TimeRange ignored;
@@ -277,12 +282,89 @@ ShowStatement parse_show(TokenReader &reader) {
   return show;
 }
 
+// Changes
+
+// FROM cpu WHERE host = 'a', or one of both
+EraseStatement parse_erased(TokenReader &reader, bool can_have_time) {
+  EraseStatement erase;
+  const bool has_from = reader.accept_keyword("FROM");
+  if (has_from) erase.sources = parse_sources(reader);
+  const size_t offset = reader.current().offset;
+  if (reader.accept_keyword("WHERE"))
+    parse_condition(reader, erase.condition, erase.range);
+  else if (!has_from)
+    reader.refuse_found("FROM, WHERE");
+  const TimeRange &range = erase.range;
+  if (!can_have_time && (range.from_ns || range.to_ns || range.is_empty))
+    reader.refuse_at(offset, "DROP SERIES doesn't support time in WHERE clause");
+  return erase;
+}
+
+int64_t parse_retention(TokenReader &reader) {
+  return reader.accept_keyword("INF") ? 0 : reader.expect_duration();
+}
+
+// DURATION 7d REPLICATION 1 SHARD DURATION 1d NAME autogen DEFAULT, in any order, at least one. Only DURATION has an
+// effect.
+void parse_retention_options(TokenReader &reader, std::optional<int64_t> &duration_ns) {
+  for (int n_options = 0;; ++n_options) {
+    if (reader.accept_keyword("DURATION")) {
+      duration_ns = parse_retention(reader);
+    } else if (reader.accept_keyword("REPLICATION")) {
+      reader.expect_integer();
+    } else if (reader.accept_keyword("SHARD")) {
+      reader.expect_keyword("DURATION");
+      parse_retention(reader);
+    } else if (reader.accept_keyword("NAME")) {
+      const size_t offset = reader.current().offset;
+      if (reader.expect_name() != "autogen") reader.refuse_at(offset, "the only retention policy is autogen");
+    } else if (!reader.accept_keyword("DEFAULT")) {
+      if (n_options == 0) reader.refuse_found("DURATION, REPLICATION, SHARD, NAME, DEFAULT");
+      return;
+    }
+  }
+}
+
+RetentionStatement parse_policy(TokenReader &reader, bool is_new) {
+  reader.expect_keyword("POLICY");
+  RetentionStatement statement;
+  statement.is_new = is_new;
+  statement.policy = reader.expect_name();
+  reader.expect_keyword("ON");
+  statement.database = reader.expect_name();
+  const size_t offset = reader.current().offset;
+  parse_retention_options(reader, statement.duration_ns);
+  if (is_new && !statement.duration_ns) reader.refuse_at(offset, "a new retention policy needs a DURATION");
+  return statement;
+}
+
+Statement parse_create(TokenReader &reader) {
+  if (reader.accept_keyword("RETENTION")) return parse_policy(reader, true);
+  if (!reader.accept_keyword("DATABASE")) reader.refuse_found("DATABASE, RETENTION");
+  CreateDatabaseStatement create = {reader.expect_name(), {}};
+  if (!reader.accept_keyword("WITH")) return create;
+  parse_retention_options(reader, create.duration_ns);
+  return create;
+}
+
+Statement parse_drop(TokenReader &reader) {
+  if (reader.accept_keyword("DATABASE")) return DropDatabaseStatement{reader.expect_name()};
+  if (reader.accept_keyword("SERIES")) return parse_erased(reader, false);
+  if (!reader.accept_keyword("MEASUREMENT")) reader.refuse_found("DATABASE, MEASUREMENT, SERIES");
+  Source source;
+  source.measurement = reader.expect_name();
+  return EraseStatement{{source}, {}, {}};
+}
+
 Statement parse_statement(TokenReader &reader) {
   if (reader.accept_keyword("SELECT")) return parse_select(reader);
   if (reader.accept_keyword("SHOW")) return parse_show(reader);
-  if (!reader.accept_keyword("CREATE")) reader.refuse_found("SELECT, SHOW, CREATE");
-  reader.expect_keyword("DATABASE");
-  return CreateDatabaseStatement{reader.expect_name()};
+  if (reader.accept_keyword("DELETE")) return parse_erased(reader, true);
+  if (reader.accept_keyword("DROP")) return parse_drop(reader);
+  if (reader.accept_keyword("CREATE")) return parse_create(reader);
+  if (!reader.accept_keyword("ALTER")) reader.refuse_found("SELECT, SHOW, DELETE, DROP, CREATE, ALTER");
+  reader.expect_keyword("RETENTION");
+  return parse_policy(reader, false);
 }
 
 }  // namespace

@@ -224,6 +224,8 @@ class JsonRenderer : public Renderer {
         append_json_number(body_, cell.number);
       else if (cell.kind == Cell::Kind::integer)
         append_integer(body_, cell.integer);
+      else if (cell.kind == Cell::Kind::truth)
+        body_ += cell.number != 0.0 ? "true" : "false";
       else
         body_ += cell.kind == Cell::Kind::text ? json_string(series.texts[cell.text]) : "null";
     }

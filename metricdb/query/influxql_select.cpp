@@ -270,7 +270,7 @@ PointList derivative_of(const PointList &list, Function function, int64_t unit_n
 std::vector<ResultSeries> execute(const Environment &environment, const Statement &statement) {
   if (const auto *const select = std::get_if<SelectStatement>(&statement)) return execute_select(environment, *select);
   if (const auto *const show = std::get_if<ShowStatement>(&statement)) return execute_show(environment, *show);
-  return {};  // databases are not created here
+  return {};  // others are executed by influxql_change.h
 }
 
 }  // namespace metricdb::influxql

@@ -95,6 +95,7 @@ void add_rows(const ShowStatement &show, const SeriesName &name, Listing &listin
       listing.add(name.measurement, {name.field, "float"});
       break;
     case Shown::databases:
+    case Shown::retention_policies:
       break;
   }
 }

@@ -16,7 +16,7 @@ class ExecutionFailed : public std::runtime_error {
 };
 
 struct Cell {
-  enum class Kind : uint8_t { null, number, integer, text };
+  enum class Kind : uint8_t { null, number, integer, text, truth };  // truth: true, unless the number is 0
 
   static Cell of_text(uint32_t index) { return {Kind::text, index, 0.0, 0}; }
 

@@ -17,6 +17,9 @@ class StoreSource : public SeriesSource {
   void for_each_series(const SeriesFilter &filter, const Visit &visit) const override;
   void read(uint32_t series, const SeriesRead &what, PointList &list) const override;
 
+  // Of a number that was visited.
+  LiveSeries live_series(uint32_t series) const { return {series, stamps_.at(series)}; }
+
  private:
   void read_as(LiveRead how, uint32_t series, const SeriesRead &what, PointList &list) const;
 

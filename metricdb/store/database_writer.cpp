@@ -19,6 +19,8 @@ constexpr uint64_t JOURNAL_BYTES_PER_TEXT_BYTE = 4;
 constexpr uint64_t JOURNAL_BYTES_PER_BATCH = 64 << 10;
 // A text for which there must be room on the disk, so that the database counts as writable.
 constexpr size_t EXPECTED_TEXT_BYTES = 256 << 10;
+// A text that needs about as much journal as a part of a change.
+constexpr size_t CHANGE_TEXT_BYTES = 256 << 10;
 
 constexpr uint64_t MAX_BATCH_BYTES = 128 << 20;  // of journal, before compression
 constexpr size_t PIECE_BYTES = 256 << 10;
@@ -77,7 +79,12 @@ void DatabaseWriter::read_store() {
   loader_ = std::make_unique<Loader>(
       *store_, Loader::OnFull::skip_line,
       [this](uint64_t line, const std::string &reason) { on_skipped_line(lines_before_ + line, reason); });
+  set_clock(now_ns());
   if (options_.is_live) store_->go_live();
+}
+
+void DatabaseWriter::set_clock(int64_t now_ns) {
+  if (options_.retains_by_clock) store_->set_clock(now_ns);
 }
 
 // Limits in the options replace those of the database, from here on and for later openings.
@@ -96,6 +103,7 @@ void DatabaseWriter::apply_forgetting_options() {
 void DatabaseWriter::restore(const std::string &why) {
   report_refusal(fmt::format("a batch was refused, the arrays are loaded again: {}", why));
   const std::unique_lock alone(store_mutex_);
+  fail_changes(why);
   loader_.reset();
   store_.reset();
   durable_->restore();
@@ -165,6 +173,7 @@ void DatabaseWriter::skip_rest(std::string_view text) {
 // the text is loaded in pieces, and the rest is refused when the batch is too large.
 void DatabaseWriter::load_within_bounds(std::string_view text, Precision precision) {
   const int64_t time_ns = now_ns();
+  set_clock(time_ns);
   set_limits(time_ns);
   while (!text.empty()) {
     if (store_->batch_bytes() > MAX_BATCH_BYTES) return skip_rest(text);
@@ -202,18 +211,92 @@ uint64_t DatabaseWriter::commit() {
   last_ended_ = tslb_batch_end(std::exchange(batch_, nullptr));
   // A batch without points need not be waited for.
   if (std::exchange(has_points_, false)) last_ticket_ = last_ended_;
+  for (auto &change : std::exchange(made_changes_, {})) done_changes_.emplace_back(last_ended_, std::move(change));
   return last_ticket_;
 }
 
 uint64_t DatabaseWriter::settled() {
   uint64_t n_events;
   [[maybe_unused]] const ssize_t got = ::read(settled_fd(), &n_events, sizeof n_events);  // before the ticket is read
-  return tslb_store_settled(durable_->get());
+  const uint64_t settled = tslb_store_settled(durable_->get());
+  std::erase_if(done_changes_, [&](const auto &done) {
+    if (done.first > settled) return false;
+    done.second->end(failure(done.first));
+    return true;
+  });
+  return settled;
 }
 
 std::string DatabaseWriter::failure(uint64_t ticket) {
   tslb_error_t error;
   return tslb_store_check(durable_->get(), ticket, &error) < 0 ? error.text : "";
+}
+
+// ---- Changes ----
+
+std::shared_ptr<StoreChange> DatabaseWriter::request(StoreChange::Step step) {
+  auto change = std::make_shared<StoreChange>(std::move(step));
+  {
+    const std::lock_guard lock(changes_mutex_);
+    if (why_no_changes_.empty())
+      changes_.push_back(change);
+    else
+      change->end(why_no_changes_);
+  }
+  const uint64_t one = 1;
+  // Fails only if the counter is at its maximum, and then the event is readable.
+  [[maybe_unused]] const ssize_t written = write(settled_fd(), &one, sizeof one);
+  return change;
+}
+
+// Null: none. Interrupted changes are dropped.
+std::shared_ptr<StoreChange> DatabaseWriter::next_change(bool &has_more) {
+  const std::lock_guard lock(changes_mutex_);
+  while (!changes_.empty() && changes_.front()->is_over()) changes_.pop_front();
+  has_more = !changes_.empty();
+  return has_more ? changes_.front() : nullptr;
+}
+
+void DatabaseWriter::end_changes(const std::string &why) {
+  fail_changes(why);
+  const std::lock_guard lock(changes_mutex_);
+  why_no_changes_ = why;
+}
+
+void DatabaseWriter::fail_changes(const std::string &why) {
+  const std::lock_guard lock(changes_mutex_);
+  for (const auto &change : std::exchange(changes_, {})) change->end(why);
+  for (const auto &change : std::exchange(made_changes_, {})) change->end(why);
+  for (const auto &[ticket, change] : std::exchange(done_changes_, {})) {
+    const std::string failed = failure(ticket);
+    change->end(failed.empty() && ticket > tslb_store_settled(durable_->get()) ? why : failed);
+  }
+}
+
+Ingest::Work DatabaseWriter::work() {
+  set_clock(now_ns());
+  Work work;
+  std::shared_ptr<StoreChange> change = next_change(work.has_more);
+  if (!change) return work;
+  bool is_complete = true;
+  try {
+    if (batch_ == nullptr) expect_room(CHANGE_TEXT_BYTES);
+    begin_batch();
+    // Both can have made the store anew, without this change.
+    if (change->is_over()) return {false, next_change(work.has_more) != nullptr};
+    has_points_ = work.has_changed = true;
+    is_complete = change->step_(*store_);
+  } catch (const std::exception &error) {
+    if (dynamic_cast<const DatabaseError *>(&error) != nullptr) throw;
+    change->end(error.what());
+  }
+  if (is_complete && !change->is_over()) made_changes_.push_back(change);
+  if (is_complete) {
+    const std::lock_guard lock(changes_mutex_);
+    std::erase(changes_, change);
+  }
+  next_change(work.has_more);
+  return work;
 }
 
 IngestFigures DatabaseWriter::figures() {
@@ -277,6 +360,8 @@ void DatabaseWriter::close() {
       report_refusal(fmt::format("the new generation cannot be written: {}", error.what()));
     }
   }
+  settled();
+  end_changes("the database is closed");
   const std::unique_lock alone(store_mutex_);
   loader_.reset();
   store_.reset();

@@ -5,20 +5,25 @@
 // brought back to the last durable batch, which takes as long as opening. A full disk is usually detected before, because
 // room in the journal is reserved before a text is stored.
 //
-// Threads: one, except for `read`.
+// Threads: one, except for `read` and `request`.
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "store/backup.h"
 #include "store/database.h"
 #include "store/fair_shared_mutex.h"
 #include "store/ingest.h"
 #include "store/loader.h"
+#include "store/store_change.h"
 
 namespace metricdb {
 
@@ -35,6 +40,7 @@ struct WriterOptions {
   uint64_t max_new_series = UINT64_MAX;
   bool refuse_strings = false;  // as in LoadLimits
   bool one_per_time = false;
+  bool retains_by_clock = false;  // Store::set_clock
   // Called while the database is opened.
   std::function<void(uint64_t done_bytes, uint64_t all_bytes)> on_progress = {};
 };
@@ -50,9 +56,13 @@ class DatabaseWriter final : public Ingest {
   uint64_t commit() override;
   uint64_t settled() override;
   std::string failure(uint64_t ticket) override;
+  Work work() override;
   IngestFigures figures() override;
   std::string why_not_writable() override;
   int settled_fd() const override { return tslb_store_event_fd(durable_->get()); }
+
+  // From here on changes are not made. Those that were requested fail.
+  void end_changes(const std::string &why);
 
   // Waits until the ticket is settled. Returns its failure.
   std::string wait(uint64_t ticket);
@@ -71,6 +81,11 @@ class DatabaseWriter final : public Ingest {
   // Writes a backup (backup.h). Any thread, also while points are taken.
   BackupInfo backup(const std::string &to) const { return write_backup(durable_->get(), to); }
 
+  // Requests a change, of the store for which `read` calls the caller: numbers of series stay those of that store. The parts
+  // of a change are in one batch each, and changes are made one after the other. If a refused batch is taken back, changes
+  // that are not durable fail. Any thread.
+  std::shared_ptr<StoreChange> request(StoreChange::Step step);
+
   const Store &store() const { return *store_; }
   // What was remarkable when the database was opened, one line; empty if nothing was.
   const std::string &warnings() const { return warnings_; }
@@ -81,6 +96,9 @@ class DatabaseWriter final : public Ingest {
   void read_store();
   void apply_forgetting_options();
   void restore(const std::string &why);
+  void fail_changes(const std::string &why);
+  std::shared_ptr<StoreChange> next_change(bool &has_more);
+  void set_clock(int64_t now_ns);
   void begin_batch();
   void expect_room(size_t text_bytes);
   void load_within_bounds(std::string_view text, Precision precision);
@@ -102,6 +120,11 @@ class DatabaseWriter final : public Ingest {
   bool has_points_ = false;   // the batch has points, or changed limits
   uint64_t last_ticket_ = 0;  // of a batch with points
   uint64_t last_ended_ = 0;   // of any batch
+  mutable std::mutex changes_mutex_;
+  std::string why_no_changes_;                              // with the mutex locked; empty: they are made
+  std::deque<std::shared_ptr<StoreChange>> changes_;        // requested, with the mutex locked
+  std::vector<std::shared_ptr<StoreChange>> made_changes_;  // in the open batch
+  std::vector<std::pair<uint64_t, std::shared_ptr<StoreChange>>> done_changes_;  // by ticket, not settled
 };
 
 }  // namespace metricdb

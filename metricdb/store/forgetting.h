@@ -1,8 +1,9 @@
 // The limits by which a store forgets data. Data time is the newest timestamp received so far, of any series.
-//   retention   Points with ts < data time - retain_ns are invisible, and are not stored if they arrive late. A sweep
-//               deletes chunks from the front of each chain, up to the first chunk with a visible point. Older points
-//               in the remaining chunks are hidden by their timestamps. A series without a visible point loses its
-//               open chunk, its key and its slot, and is a new series if it returns.
+//   retention   Points with ts < now - retain_ns are invisible, and are not stored if they arrive late. Now is the clock
+//               of a server (Store::set_clock), or without one data time. A sweep deletes chunks from the front of each
+//               chain, up to the first chunk with a visible point. Older points in the remaining chunks are hidden by
+//               their timestamps. A series without a visible point loses its open chunk, its key and its slot, and is a
+//               new series if it returns.
 //   idleness    A sweep moves each series that was not written for idle_ns of data time to the catalogue's inactive
 //               list, in the order of the last writes. Its points stay visible. The next write activates it.
 //   reuse       When enough slots of the catalogue are inactive, a new series takes the slot of the series that has
@@ -39,10 +40,10 @@ struct ForgettingChange {
   }
 };
 
-// What was forgotten since the store was created.
+// What was forgotten or erased since the store was created.
 struct ForgetCounts {
   uint64_t late_points = 0;    // not stored: too old when they arrived
-  uint64_t points = 0;         // in deleted chunks
+  uint64_t points = 0;         // in deleted chunks, and erased ones
   uint64_t chunks = 0;         // of points, open and sealed
   uint64_t series_aged = 0;    // deleted with the last of their chunks
   uint64_t series_reused = 0;  // deleted because a new series took their slot

@@ -9,6 +9,8 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "codec/line_protocol.h"
 
@@ -66,12 +68,34 @@ class Ingest {
   // Returns the reason why a settled batch was refused; empty if it is durable.
   virtual std::string failure(uint64_t ticket) = 0;
 
+  // Does a part of the changes that other threads have requested (DatabaseWriter::request), a few milliseconds at most.
+  // Called now and then, and after settled_fd became readable.
+  struct Work {
+    bool has_changed = false;  // a batch is open, and must be committed
+    bool has_more = false;
+  };
+  virtual Work work() { return {}; }
+
   virtual IngestFigures figures() = 0;
 
   // Returns why points cannot be made durable at the moment, in one line; empty if they can.
   virtual std::string why_not_writable() = 0;
 
-  // Readable when the result of `settled` may have changed. Calling `settled` resets it.
+  // An Ingest with several databases overrides the following functions. One with a single database takes lines for any name,
+  // and its name is empty.
+  virtual bool has(const std::string & /*database*/) { return true; }
+  virtual IngestResult take_for(const std::string & /*database*/, std::string_view text, Precision precision) {
+    return take(text, precision);
+  }
+  // Returns the databases of which a settled batch was refused, each with the reason. Called once for each ticket.
+  using Lost = std::vector<std::pair<std::string, std::string>>;
+  virtual Lost lost(uint64_t ticket) {
+    std::string reason = failure(ticket);
+    return reason.empty() ? Lost() : Lost{{"", std::move(reason)}};
+  }
+  virtual std::vector<std::pair<std::string, IngestFigures>> figures_of_all() { return {{"", figures()}}; }
+
+  // Readable when the result of `settled` may have changed, or a change was requested. Calling `settled` resets it.
   virtual int settled_fd() const = 0;
 };
 

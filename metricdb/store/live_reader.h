@@ -9,11 +9,6 @@
 
 namespace metricdb {
 
-struct LiveSeries {
-  uint32_t series;
-  uint32_t stamp;  // from the index: distinguishes series with the same number
-};
-
 enum class LiveRead {
   all,
   newest  // may leave out points that are older than the newest one

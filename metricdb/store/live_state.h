@@ -18,6 +18,11 @@
 
 namespace metricdb {
 
+struct LiveSeries {
+  uint32_t series;
+  uint32_t stamp;  // from the index: distinguishes series with the same number
+};
+
 struct SeriesVersions {
   Version head;                    // the record's references, and the place of the open chunk
   Version chain;                   // sealed chunks are deleted
@@ -55,8 +60,9 @@ struct LiveState {
   VersionTable versions;
   Version slots;  // a slot is taken, perhaps that of an inactive series
   std::atomic<int64_t> visible_from_ns{INT64_MIN};
-  mutable std::mutex changes;  // held during changes
-  int depth = 0;               // of nested changes; the store's thread
+  std::atomic<int64_t> retain_ns{0};  // of the store's configuration
+  mutable std::mutex changes;         // held during changes
+  int depth = 0;                      // of nested changes; the store's thread
 };
 
 // A change during the lifetime of this object: of one series, or of the slots. Does nothing without a LiveState. Changes can

@@ -4,6 +4,7 @@
 #include <memory>
 #include <mutex>
 #include <numeric>
+#include <utility>
 
 namespace metricdb {
 namespace {
@@ -48,8 +49,11 @@ SeriesIndex::Symbol SeriesIndex::known(std::string_view text) const {
 
 SeriesIndex::Symbol SeriesIndex::symbol_of(std::string_view text) {
   if (const Symbol symbol = known(text); symbol != NONE) return symbol;
-  owned_texts_.push_back(std::make_unique<std::string>(text));
-  texts_.push_back(owned_texts_.back().get());
+  return add_text(std::make_unique<std::string>(text));
+}
+
+SeriesIndex::Symbol SeriesIndex::add_text(Text text) {
+  texts_.push_back(std::move(text));
   const auto symbol = static_cast<Symbol>(texts_.size() - 1);
   symbols_.emplace(*texts_.back(), symbol);
   return symbol;
@@ -84,19 +88,37 @@ void SeriesIndex::remove(uint32_t series) {
   if (++n_removed_ > MIN_REMOVED && n_removed_ > n_live_) rebuild();
 }
 
+// Texts that no series has are released, so symbols change.
 void SeriesIndex::rebuild() {
-  std::vector<Tag> old_tags;
-  old_tags.swap(tags_);
+  const std::vector<Tag> old_tags = std::exchange(tags_, {});
+  std::vector<Text> old_texts = std::exchange(texts_, {});
+  std::vector<Symbol> renamed(old_texts.size(), NONE);
+  symbols_.clear();
   lists_.clear();
+  const auto rename = [&](Symbol &symbol) {
+    if (renamed[symbol] == NONE) renamed[symbol] = add_text(std::move(old_texts[symbol]));
+    symbol = renamed[symbol];
+  };
   for (uint32_t series = 0; series < entries_.size(); ++series) {
     Entry &entry = entries_[series];
     if (entry.measurement == NONE) continue;
-    const auto first = old_tags.begin() + entry.first_tag;
-    entry.first_tag = static_cast<uint32_t>(tags_.size());
-    tags_.insert(tags_.end(), first, first + entry.n_tags);
+    rename(entry.measurement);
+    rename(entry.field);
+    const auto first = old_tags.begin() + std::exchange(entry.first_tag, static_cast<uint32_t>(tags_.size()));
+    for (auto tag = first; tag != first + entry.n_tags; ++tag) {
+      tags_.push_back(*tag);
+      rename(tags_.back().name);
+      rename(tags_.back().value);
+    }
     insert(series, entry);
   }
   n_removed_ = 0;
+  ++n_built_;
+}
+
+size_t SeriesIndex::n_texts() const {
+  const std::shared_lock lock(mutex_);
+  return texts_.size();
 }
 
 // Returns false if no series fulfils the filter.
@@ -146,6 +168,7 @@ void SeriesIndex::set_name(const Entry &entry, SeriesName &name) const {
 // Returns the numbers of the series that can fulfil the filter, in order.
 SeriesIndex::List SeriesIndex::candidates(const SeriesFilter &filter, Wanted &wanted) const {
   const std::shared_lock lock(mutex_);
+  wanted.n_built = n_built_;
   if (!want(filter, wanted)) return {};
   if (wanted.lists.empty()) {
     List all(entries_.size());
@@ -170,6 +193,11 @@ void SeriesIndex::for_each(const SeriesFilter &filter, const Visit &visit) const
   SeriesName name;
   for (size_t at = 0; at < series.size();) {
     const std::shared_lock lock(mutex_);
+    if (wanted.n_built != n_built_) {
+      wanted = {};
+      wanted.n_built = n_built_;
+      if (!want(filter, wanted)) return;  // all were removed
+    }
     for (const size_t end = std::min(at + BATCH, series.size()); at < end; ++at) {
       const Entry &entry = entries_[series[at]];
       if (!fulfils(entry, wanted)) continue;

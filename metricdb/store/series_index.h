@@ -1,7 +1,8 @@
 // An inverted index over the keys of the series: which series have a measurement, a field, or a tag with a value.
 //
 // Texts are kept once, and a series is a few numbers, so a million series need about a hundred bytes each. Entries of
-// removed series stay in the lists until half of them are out of date; then the index is built again.
+// removed series stay in the lists until half of them are out of date; then the index is built again, without the texts that
+// no series has.
 //
 // Threads: one adds and removes, any number visit.
 #pragma once
@@ -31,8 +32,11 @@ class SeriesIndex {
   // series are left out which are removed meanwhile. `visit` must not call the index.
   void for_each(const SeriesFilter &filter, const Visit &visit) const;
 
+  size_t n_texts() const;  // in memory
+
  private:
   using Symbol = uint32_t;
+  using Text = std::unique_ptr<std::string>;  // does not move, because symbols_ refers to it
   using List = std::vector<uint32_t>;
   struct Entry {
     uint32_t stamp = 0;
@@ -49,12 +53,14 @@ class SeriesIndex {
     Symbol measurement = NONE, field = NONE;
     std::vector<Tag> tags;
     std::vector<const List *> lists;  // of the series that fulfil one condition
+    uint64_t n_built = 0;             // when the symbols were looked up
   };
   static constexpr Symbol NONE = UINT32_MAX;
   // In place of a tag's name in the key of a list.
   static constexpr Symbol MEASUREMENTS = UINT32_MAX - 1, FIELDS = UINT32_MAX - 2;
 
   Symbol symbol_of(std::string_view text);
+  Symbol add_text(Text text);
   Symbol known(std::string_view text) const;
   void insert(uint32_t series, const Entry &entry);
   void rebuild();
@@ -66,13 +72,13 @@ class SeriesIndex {
 
   mutable FairSharedMutex mutex_;
   std::unordered_map<std::string_view, Symbol> symbols_;  // the texts are those of texts_
-  std::vector<const std::string *> texts_;
-  std::vector<std::unique_ptr<std::string>> owned_texts_;
+  std::vector<Text> texts_;
   std::vector<Entry> entries_;  // by series
   std::vector<Tag> tags_;
   std::unordered_map<uint64_t, List> lists_;
   size_t n_live_ = 0;
   size_t n_removed_ = 0;  // since the index was built
+  uint64_t n_built_ = 0;  // how often it was built again
 };
 
 }  // namespace metricdb

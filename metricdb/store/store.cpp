@@ -64,7 +64,13 @@ void Store::register_reuse_policy() {
 
 void Store::set_forgetting(const Forgetting &forgetting) {
   config_.forgetting = forgetting;
+  if (live_) live_->retain_ns = forgetting.retain_ns;
   register_reuse_policy();
+}
+
+void Store::set_clock(int64_t now_ns) {
+  clock_ns_ = now_ns;
+  if (live_) live_->visible_from_ns.store(visible_from_ns(), std::memory_order_relaxed);
 }
 
 StoreState Store::state() const {
@@ -146,6 +152,7 @@ uint32_t Store::add_series(std::string_view key, ValueType type) {
 void Store::go_live() {
   live_ = std::make_unique<LiveState>();
   live_->visible_from_ns = visible_from_ns();
+  live_->retain_ns = config_.forgetting.retain_ns;
   for (uint32_t series = 0; series < n_slots(); ++series)
     if (holds_series(series)) live_->index.add(series, ++live_->versions.of(series).stamp, key(series));
 }

@@ -94,6 +94,9 @@ struct Sweep {
   PoolSweep points;
 };
 
+struct Erasure;
+struct TimeRange;
+
 class Store {
  public:
   // The length of a chunk is a 16-bit number, and the terminating zero needs one byte.
@@ -108,6 +111,9 @@ class Store {
 
   // Changes the limits from here on. Data that was forgotten before stays forgotten.
   void set_forgetting(const Forgetting &forgetting);
+
+  // From the first call on, the retention is reckoned from this time, and not from data time.
+  void set_clock(int64_t now_ns);
 
   // Adds a point to a series of real numbers. Throws StoreFull; data time has moved then.
   void add(std::string_view key, const Point &point);
@@ -143,6 +149,12 @@ class Store {
 
   // Applies the limits, and releases empty memory slots.
   Sweep sweep();
+
+  // Does a part of an erasure (erasure.h). Returns true when it is complete. The store is live, and no other erasure is
+  // continued later. Throws StoreFull if there is no room for what remains of a chunk; the store is consistent then.
+  //
+  // max_work  ends the call: the unit is about 10 ns.
+  bool erase_some(Erasure &erasure, uint32_t max_work);
 
   // Changes between these calls belong to the batch. The arrays must be those of the batch's durable store.
   void begin_batch(tslb_batch_t *batch);
@@ -194,6 +206,15 @@ class Store {
     bool is_changed = false;  // listed in changed_series_
   };
 
+  // A place in the chain of a series: after `previous`, which is valid if n_passed is not 0. Only an erasure has one.
+  // Meanwhile others append to the chain, and delete from its front.
+  struct ChainPlace {
+    uint32_t series = 0;
+    uint32_t n_passed = 0;
+    maddr_t previous = {};
+    int64_t newest_ns = INT64_MIN;  // of the chunks that were passed
+  };
+
   void register_reuse_policy();
 
   // Series.
@@ -209,13 +230,26 @@ class Store {
   void grow_or_seal(uint32_t series, Tail &tail);
   void grow_open(uint32_t series, Tail &tail);
   void seal_open(uint32_t series, Tail &tail);
+  maddr_t seal_run(const char *points, uint32_t count, ValueType type, const srcaddr_t &referrer, const maddr_t &next);
+  void set_next(const maddr_t &chunk, const maddr_t &next);
+  void set_referrer(const maddr_t &chunk, const srcaddr_t &referrer);
 
   // Forgetting.
   bool are_all_hidden(const char *points, uint32_t count) const;
+  void remove_points_chunk(const SeriesRecord &record, const maddr_t &address, uint32_t n_lost);
   void drop_first_sealed(uint32_t series, const SeriesRecord &record);
   void forget_content(uint32_t series, const SeriesRecord &record);
+  void free_series(uint32_t series);
   bool forget_old(uint32_t series);
   void inactivate_idle_series();
+  void release_slots(Sweep &found);
+
+  // Erasing.
+  bool is_same(const LiveSeries &which) const;
+  uint32_t erase_in_sealed(const TimeRange &range);
+  void replace_sealed(const SeriesRecord &record, const maddr_t &address, const char *points, uint32_t count);
+  void erase_in_open(uint32_t series, Tail &tail, const TimeRange &range);
+  uint32_t end_series(Tail &tail, const TimeRange &range);
 
   // Batches.
   void mark_changed(uint32_t series, Tail &tail);
@@ -229,19 +263,24 @@ class Store {
   std::vector<Tail> tails_;                                       // by series
   uint64_t n_points_ = 0;
   int64_t data_time_ns_ = INT64_MIN;
+  std::optional<int64_t> clock_ns_;
   uint64_t n_since_sweep_ = 0;
   ForgetCounts forgotten_;
+  ChainPlace place_;
 
   std::unique_ptr<LiveState> live_;  // null: no other thread reads the store
   tslb_batch_t *batch_ = nullptr;
   std::vector<uint32_t> changed_series_;  // in this batch
   std::vector<char> sealed_;              // a chunk that is being made
+  std::vector<Point> erased_chunk_;       // what an erasure leaves of a chunk
 };
 
 // Timestamps, both limits included.
 struct TimeRange {
   int64_t from_ns = INT64_MIN;
   int64_t to_ns = INT64_MAX;
+
+  bool contains(int64_t ts_ns) const { return ts_ns >= from_ns && ts_ns <= to_ns; }
 };
 
 // Walks the visible points of one series in a range of time, in order of arrival. It may or may not return points that

@@ -187,7 +187,7 @@ class SeriesAudit {
       const auto *const chunk = reinterpret_cast<const SealedChunk *>(points.claim(address, from, bytes, fail_chunk));
       if (bytes < sizeof(SealedChunk) || bytes != sizeof(SealedChunk) + padded(chunk->bytes))
         fail_chunk(fmt::format("has {} bytes, which is not the size of its points", bytes));
-      if (chunk->is_block() ? chunk->count() == 0 : chunk->count() != SEALED_POINTS)
+      if (chunk->count() == 0 || chunk->count() > MAX_SEALED_CHUNK_POINTS)
         fail_chunk(fmt::format("holds {} points", chunk->count()));
       const bool is_last = number + 1 == record_.n_sealed();
       if (is_last && bits_of(address) != bits_of(record_.last_sealed()))
@@ -195,7 +195,7 @@ class SeriesAudit {
       if (is_last && bits_of(chunk->next) != 0) fail_chunk("is the last one, but names a next chunk");
       expect_points(*chunk, fail_chunk);
       n_points_ += chunk->count();
-      from = referrer_of(POINTS_TABLE, bits_of(address), offsetof(SealedChunk, next));
+      from = referrer_in_chunk(address);
       address = chunk->next;
     }
   }

@@ -13,8 +13,9 @@ namespace metricdb {
 
 int64_t Store::visible_from_ns() const {
   const int64_t retain_ns = config_.forgetting.retain_ns;
-  const bool covers_all_times = data_time_ns_ < INT64_MIN + retain_ns;
-  return retain_ns == 0 || covers_all_times ? INT64_MIN : data_time_ns_ - retain_ns;
+  const int64_t now_ns = clock_ns_.value_or(data_time_ns_);
+  const bool covers_all_times = now_ns < INT64_MIN + retain_ns;
+  return retain_ns == 0 || covers_all_times ? INT64_MIN : now_ns - retain_ns;
 }
 
 // Begins with the last arrival, which is nearly always visible.
@@ -25,21 +26,25 @@ bool Store::are_all_hidden(const char *points, uint32_t count) const {
   return true;
 }
 
+// Deletes a chunk of points, of which n_lost are in no other chunk. The record may be a copy.
+void Store::remove_points_chunk(const SeriesRecord &record, const maddr_t &address, uint32_t n_lost) {
+  forgotten_.point_slots += points_.remove(address);
+  ++forgotten_.chunks;
+  forgotten_.points += n_lost;
+  n_points_ -= n_lost;
+  record.set_n_points(record.n_points() - n_lost);
+}
+
 void Store::drop_first_sealed(uint32_t series, const SeriesRecord &record) {
   const LiveChange change(live_.get(), LiveChange::CHAIN, series);
   // Copied, because the deletion can put the chunk's slot on the free list.
   const SealedChunk head = *sealed_at(record.first_sealed());
-  forgotten_.point_slots += points_.remove(record.first_sealed());
-  ++forgotten_.chunks;
-  forgotten_.points += head.count();
-  n_points_ -= head.count();
-  record.set_n_points(record.n_points() - head.count());
+  remove_points_chunk(record, record.first_sealed(), head.count());
   record.set_n_sealed(record.n_sealed() - 1);
+  if (place_.series == series && place_.n_passed != 0) --place_.n_passed;
   if (record.n_sealed() == 0) return;
   record.set_first_sealed(head.next);
-  compat_t *const compat = compat_of(reinterpret_cast<char *>(sealed_at(head.next)));
-  compat->srcaddr = referrer_of(CATALOGUE_TABLE, series, FIRST_SEALED_REFERENCE);
-  points_.log(head.next, reinterpret_cast<const char *>(compat), sizeof *compat);
+  set_referrer(head.next, referrer_of(CATALOGUE_TABLE, series, FIRST_SEALED_REFERENCE));
 }
 
 // Deletes all chunks of a series. The slot stays, and the record may be a copy.
@@ -50,12 +55,7 @@ void Store::forget_content(uint32_t series, const SeriesRecord &record) {
     live_->index.remove(series);
   }
   while (record.n_sealed() != 0) drop_first_sealed(series, record);
-  if ((record.flags() & SERIES_HAS_OPEN) != 0) {
-    forgotten_.point_slots += points_.remove(record.open());
-    ++forgotten_.chunks;
-    forgotten_.points += record.n_open();
-    n_points_ -= record.n_open();
-  }
+  if ((record.flags() & SERIES_HAS_OPEN) != 0) remove_points_chunk(record, record.open(), record.n_open());
   // The map refers to the text in the key's chunk, so the entry is erased first.
   series_by_key_.erase(key_of(record));
   forgotten_.key_slots += keys_.remove(record.key());
@@ -77,6 +77,17 @@ SeriesRecord Store::take_slot(uint32_t &index) {
   return record;
 }
 
+// Deletes a series, and frees its slot.
+void Store::free_series(uint32_t series) {
+  const LiveChange change(live_.get(), LiveChange::HEAD, series);
+  const SeriesRecord record = tails_[series].record;
+  forget_content(series, record);
+  record.set_flags(0);  // freeing the slot changes only the first word of the record
+  tslb_da_free_idx(catalogue_.get(), series);
+  mark_changed(series, tails_[series]);
+  ++forgotten_.series_aged;
+}
+
 // Deletes the old chunks of a series. Returns true if no point is left and the slot was freed.
 bool Store::forget_old(uint32_t series) {
   Tail &tail = tails_[series];
@@ -86,12 +97,7 @@ bool Store::forget_old(uint32_t series) {
     mark_changed(series, tail);
   }
   if (record.n_sealed() != 0 || !are_all_hidden(tail.open, tail.n_open)) return false;
-  const LiveChange change(live_.get(), LiveChange::HEAD, series);
-  forget_content(series, record);
-  record.set_flags(0);  // freeing the slot changes only the first word of the record
-  tslb_da_free_idx(catalogue_.get(), series);
-  mark_changed(series, tail);
-  ++forgotten_.series_aged;
+  free_series(series);
   return true;
 }
 
@@ -115,6 +121,12 @@ void Store::inactivate_idle_series() {
     tslb_da_inactivate_idx(catalogue_.get(), series, tslb_get_time(nullptr));
 }
 
+// Releases the memory slots whose chunks are all deleted.
+void Store::release_slots(Sweep &found) {
+  forgotten_.key_slots += keys_.sweep(found.keys);
+  forgotten_.point_slots += points_.sweep(found.points);
+}
+
 Sweep Store::sweep() {
   n_since_sweep_ = 0;
   Sweep found;
@@ -123,8 +135,7 @@ Sweep Store::sweep() {
   for (uint32_t series = 0; config_.forgetting.retain_ns != 0 && series < n_slots(); ++series)
     if (holds_series(series)) forget_old(series);
   if (config_.forgetting.idle_ns != 0) inactivate_idle_series();
-  forgotten_.key_slots += keys_.sweep(found.keys);
-  forgotten_.point_slots += points_.sweep(found.points);
+  release_slots(found);
   TSLB_DLOG(LOG_DETAILS, "sweep: %u series, %u inactive, %llu points; forgotten so far: %llu points, %llu series",
             n_series(), n_inactive(), static_cast<unsigned long long>(n_points_),
             static_cast<unsigned long long>(forgotten_.points),

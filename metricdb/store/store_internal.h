@@ -60,6 +60,11 @@ inline srcaddr_t referrer_of(int table, uint32_t index, size_t offset) {
   return {static_cast<uint32_t>(table), index, static_cast<short>(offset), {0, 0}};
 }
 
+// The reference to a sealed chunk in the one before it.
+inline srcaddr_t referrer_in_chunk(const maddr_t &previous) {
+  return referrer_of(POINTS_TABLE, bits_of(previous), offsetof(SealedChunk, next));
+}
+
 // The compaction header of the chunk with this data.
 inline compat_t *compat_of(char *chunk) {
   return reinterpret_cast<compat_t *>(chunk) - 1;

@@ -79,28 +79,43 @@ void Store::grow_open(uint32_t series, Tail &tail) {
   tail.n_logged = tail.n_open;
 }
 
-void Store::seal_open(uint32_t series, Tail &tail) {
-  sealed_.resize(max_sealed_chunk_bytes(SEALED_POINTS));
-  const size_t bytes = seal_chunk(tail.open, tail.n_open, tail.type, sealed_.data());
-
-  const SeriesRecord &record = tail.record;
-  const uint32_t n_sealed = record.n_sealed();
-  const maddr_t previous = record.last_sealed();
-  const srcaddr_t referrer = n_sealed == 0 ? referrer_of(CATALOGUE_TABLE, series, FIRST_SEALED_REFERENCE)
-                                           : referrer_of(POINTS_TABLE, bits_of(previous), offsetof(SealedChunk, next));
+// Puts points into a new sealed chunk, which `referrer` is to refer to. Throws StoreFull before anything changes.
+maddr_t Store::seal_run(const char *points, uint32_t count, ValueType type, const srcaddr_t &referrer,
+                        const maddr_t &next) {
+  sealed_.resize(max_sealed_chunk_bytes(count));
+  const size_t bytes = seal_chunk(points, count, type, sealed_.data());
+  reinterpret_cast<SealedChunk *>(sealed_.data())->next = next;
   maddr_t address;
   char *const chunk = points_.take(padded(bytes), referrer, address);
   std::memcpy(chunk, sealed_.data(), bytes);
   std::memset(chunk + bytes, 0, padded(bytes) - bytes);
   points_.log_data(address, padded(bytes));
+  return address;
+}
 
-  if (n_sealed == 0) {
+void Store::set_next(const maddr_t &chunk, const maddr_t &next) {
+  SealedChunk *const sealed = sealed_at(chunk);
+  sealed->next = next;
+  points_.log(chunk, reinterpret_cast<const char *>(&sealed->next), sizeof sealed->next);
+}
+
+void Store::set_referrer(const maddr_t &chunk, const srcaddr_t &referrer) {
+  compat_t *const compat = compat_of(points_.data(chunk));
+  compat->srcaddr = referrer;
+  points_.log(chunk, reinterpret_cast<const char *>(compat), sizeof *compat);
+}
+
+void Store::seal_open(uint32_t series, Tail &tail) {
+  const SeriesRecord &record = tail.record;
+  const uint32_t n_sealed = record.n_sealed();
+  const maddr_t previous = record.last_sealed();
+  const srcaddr_t referrer =
+      n_sealed == 0 ? referrer_of(CATALOGUE_TABLE, series, FIRST_SEALED_REFERENCE) : referrer_in_chunk(previous);
+  const maddr_t address = seal_run(tail.open, tail.n_open, tail.type, referrer, {});
+  if (n_sealed == 0)
     record.set_first_sealed(address);
-  } else {
-    SealedChunk *const last = sealed_at(previous);
-    last->next = address;
-    points_.log(previous, reinterpret_cast<const char *>(&last->next), sizeof last->next);
-  }
+  else
+    set_next(previous, address);
   record.set_last_sealed(address);
   record.set_n_sealed(n_sealed + 1);
   record.set_n_open(0);
@@ -147,7 +162,7 @@ bool PointCursor::next_of_any(Point &point) {
 bool PointCursor::next(Point &point) {
   for (Point found; next_of_any(found);) {
     ++n_passed_;
-    if (found.ts_ns < range_.from_ns || found.ts_ns > range_.to_ns) continue;
+    if (!range_.contains(found.ts_ns)) continue;
     point = found;
     return true;
   }

@@ -77,6 +77,13 @@ class FakeIngest : public Ingest {
     return found == failures_.end() ? std::string() : std::exchange(found->second, "asked for twice");
   }
 
+  bool has(const std::string &database) override { return database != "unknown"; }
+  Lost lost(uint64_t ticket) override {
+    std::string reason = failure(ticket);
+    const std::lock_guard lock(mutex_);
+    return reason.empty() ? Lost() : Lost{{lost_database_, std::move(reason)}};
+  }
+
   IngestFigures figures() override {
     const std::lock_guard lock(mutex_);
     return figures_;
@@ -104,9 +111,11 @@ class FakeIngest : public Ingest {
   }
   void settle_all() { settle_up_to(std::numeric_limits<uint64_t>::max()); }
 
-  void fail(uint64_t ticket, const std::string &reason) {
+  // database  that loses the batch; empty: all
+  void fail(uint64_t ticket, const std::string &reason, const std::string &database = {}) {
     const std::lock_guard lock(mutex_);
     failures_[ticket] = reason;
+    lost_database_ = database;
   }
   void refuse_all(const std::string &reason) {
     const std::lock_guard lock(mutex_);
@@ -140,6 +149,7 @@ class FakeIngest : public Ingest {
   std::string why_not_writable_;
   IngestFigures figures_;
   std::map<uint64_t, std::string> failures_;
+  std::string lost_database_;
   std::vector<std::string> points_;
 };
 
