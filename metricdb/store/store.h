@@ -6,6 +6,7 @@
 //               from 8 over 32 to 128 points, so that a short series needs little memory. When it has 128 points it is
 //               sealed: its points are encoded (point_codec.h) into a chunk of the necessary length, which is appended
 //               to the series' chain of sealed chunks, and the open chunk is empty again. The order of arrival is kept.
+//               An erasure (erasure.h) replaces sealed chunks by ones with fewer points.
 //
 // No stored structure contains a pointer: chunks are named by addresses, which are valid wherever the memory is mapped.
 // Address 0 is the first chunk of a pool, so counts and flags say whether an address is valid.
@@ -41,7 +42,7 @@
 
 namespace metricdb {
 
-inline constexpr size_t SEALED_POINTS = 128;  // in a sealed chunk, and the maximum in an open one
+inline constexpr size_t SEALED_POINTS = 128;  // the maximum in a chunk; an open one that has so many is sealed
 
 // Header of a sealed chunk's data. `bytes` bytes of encoded points follow, and zeros up to a multiple of 8.
 struct TSLB_UNALIGNED SealedChunk {
