@@ -25,7 +25,7 @@ class Tls : public Folder {
     return refusal_of([&] {
       const HttpServer at = {.address = fmt::format("https://{}:{}", host, server.influx_port()),
                              .ca_file = path(authority + ".crt")};
-      metrics_ = fetch(at, "/metrics", "").body;
+      metrics_ = fetch(at, "/metrics", "", "GET").body;
     });
   }
 

@@ -63,7 +63,8 @@ void OpenDatabases::erase(const std::string &database, const Choose &choose, int
     erasure.range = {from_ns, to_ns};
     for (const uint32_t series : choose(source)) erasure.series.push_back(source.live_series(series));
     if (erasure.series.empty()) return;
-    change = writer->request([erasure](Store &changed) mutable { return changed.erase_some(erasure, WORK_OF_STEP); });
+    change = writer->request(
+        [erasure = std::move(erasure)](Store &changed) mutable { return changed.erase_some(erasure, WORK_OF_STEP); });
   });
   if (change) finish(*writer, *change);
 }

@@ -76,7 +76,8 @@ class Reader {
   }
 
   // Calls visit(head of the chunk, place of the chunk) until it returns false, for each sealed chunk. Returns false then, and
-  // if a chunk was deleted. Sealed chunks do not change, except for the link of the last one, which is not used.
+  // if a chunk was deleted or replaced. Sealed chunks do not change, except for their links: that of the last one, which is
+  // not used, and those around a chunk that is deleted or replaced.
   template <class Visit>
   bool for_each_sealed(Visit visit) const {
     maddr_t address = head_.record.first_sealed();

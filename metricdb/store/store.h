@@ -6,6 +6,7 @@
 //               from 8 over 32 to 128 points, so that a short series needs little memory. When it has 128 points it is
 //               sealed: its points are encoded (sealed_chunk.h) into a chunk of the necessary length, which is appended
 //               to the series' chain of sealed chunks, and the open chunk is empty again. The order of arrival is kept.
+//               An erasure (erasure.h) replaces sealed chunks by ones with fewer points.
 //
 // No stored structure contains a pointer: chunks are named by addresses, which are valid wherever the memory is mapped.
 // Address 0 is the first chunk of a pool, so counts and flags say whether an address is valid.
