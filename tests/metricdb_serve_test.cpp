@@ -113,3 +113,19 @@ TEST_F(Serve, WrongConfigurationsNameFileAndLine) {
   EXPECT_THAT(run("serve --db db --config missing.toml").err, HasSubstr("missing.toml: No such file or directory"));
   EXPECT_FALSE(fs::exists(path("db")));
 }
+
+// The manual pages have each option of each command.
+TEST_F(Serve, ManualNamesEveryOption) {
+  const std::string manual = read_file(METRICDB_MANUAL "/metricdb.1") + read_file(METRICDB_MANUAL "/metricdb-serve.1");
+  const std::string summary = run("--help").out;
+  std::istringstream commands("\n" + summary.substr(summary.find("Subcommands:\n") + 13));
+  std::set<std::string> options;
+  for (std::string command, line; commands >> command && std::getline(commands, line);) {
+    EXPECT_THAT(manual, HasSubstr("Cm " + command)) << "the command is missing";
+    std::istringstream words(run(command + " --help").out);
+    for (std::string word; words >> word;)
+      if (word.starts_with("--") && word.size() > 2) options.insert(word.substr(2, word.find_first_of("=,`") - 2));
+  }
+  EXPECT_GT(options.size(), 30u);
+  for (const std::string &option : options) EXPECT_THAT(manual, HasSubstr("Fl -" + option)) << "is missing";
+}
