@@ -1,52 +1,47 @@
-// Decodes any bytes as a sealed run, and seals any bytes as points.
+// Decodes any bytes as a block and as a run, and encodes any bytes as points.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
 
+#include "codec/point_block.h"
 #include "codec/point_codec.h"
 
 namespace {
 
-std::vector<char> sealed(const std::vector<char> &points) {
-  const size_t n = points.size() / sizeof(metricdb::Point);
-  std::vector<char> out(metricdb::max_sealed_bytes(n));
-  out.resize(metricdb::seal_points(points.data(), n, out.data()));
-  return out;
-}
-
-// The decoded points of a run, as bytes.
-std::vector<char> walked(const std::vector<char> &run, size_t n, bool &is_whole) {
-  std::vector<char> points;
-  metricdb::SealedPoints walk(run.data(), run.size(), n);
-  for (metricdb::Point point; walk.next(point);) {
-    const auto *const bytes = reinterpret_cast<const char *>(&point);
-    points.insert(points.end(), bytes, bytes + sizeof point);
-  }
-  is_whole = walk.is_whole();
-  return points;
-}
+using metricdb::Point;
+using metricdb::ValueType;
 
 void expect(bool holds) {
   if (!holds) abort();
 }
 
+void expect_back(const std::vector<char> &points, ValueType type) {
+  const size_t n = points.size() / sizeof(Point);
+  std::vector<char> block(metricdb::max_block_bytes(n));
+  block.resize(metricdb::encode_block(points.data(), n, type, block.data()));
+  std::vector<Point> found;
+  expect(metricdb::decode_block(block.data(), block.size(), n, type, found));
+  expect(std::memcmp(found.data(), points.data(), points.size()) == 0);
+}
+
 }  // namespace
 
-// The first two bytes are the count of points.
+// The first two bytes are the number of points and their type.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size < 3) return 0;
-  uint16_t n;
-  std::memcpy(&n, data, sizeof n);
-  const std::vector<char> bytes(data + sizeof n, data + size);
-  bool is_whole;
-  const std::vector<char> points = walked(bytes, n, is_whole);
-  // A valid run is the only form of its points.
-  if (is_whole && n != 0) expect(sealed(points) == bytes);
+  uint16_t head;
+  std::memcpy(&head, data, sizeof head);
+  const size_t n = head & metricdb::MAX_BLOCK_POINTS;
+  const ValueType type = (head & 0x8000) != 0 ? ValueType::integer : ValueType::real;
+  const std::vector<char> bytes(data + sizeof head, data + size);
+  std::vector<Point> found;
+  expect(metricdb::decode_block(bytes.data(), bytes.size(), n, type, found) == (!found.empty()));
+  expect(found.empty() || found.size() == n);
+  metricdb::SealedPoints run(bytes.data(), bytes.size(), n);
+  for (Point point; run.next(point);) continue;
 
-  const std::vector<char> given(bytes.begin(), bytes.end() - static_cast<ptrdiff_t>(bytes.size() % 16));
-  if (given.empty()) return 0;
-  expect(walked(sealed(given), given.size() / 16, is_whole) == given);
-  expect(is_whole);
+  const std::vector<char> given(bytes.begin(), bytes.end() - static_cast<ptrdiff_t>(bytes.size() % sizeof(Point)));
+  if (!given.empty()) expect_back(given, type);
   return 0;
 }

@@ -25,11 +25,11 @@ class FewSeries : public metricdb::SeriesSource {
     for (uint32_t i = 0; i < names_.size(); ++i) visit(i, names_[i]);
   }
 
-  void read(uint32_t series, int64_t from_ns, int64_t to_ns, std::vector<metricdb::Point> &points) const override {
-    points.clear();
+  void read(uint32_t series, const metricdb::SeriesRead &what, metricdb::PointList &list) const override {
+    list = {series % 2 == 0 ? metricdb::ValueType::real : metricdb::ValueType::integer};
     const int64_t times_ns[] = {INT64_MIN, -1, 0, 0, 1'000'000'000, PRESENT_NS, PRESENT_NS + 1, INT64_MAX};
     for (const int64_t ts_ns : times_ns)
-      if (ts_ns >= from_ns && ts_ns <= to_ns) points.push_back({ts_ns, static_cast<double>(series) - 1.5});
+      if (ts_ns >= what.from_ns && ts_ns <= what.to_ns) list.points.push_back({ts_ns, static_cast<double>(series) - 1.5});
   }
 
  private:

@@ -1,6 +1,7 @@
 // Agents from Debian packages: their points are stored, and they accept the answers.
 #include <fcntl.h>
 
+#include "certificate.h"
 #include "server_support.h"
 
 // A separate program, killed with its owner. Its output is written to a file.
@@ -139,6 +140,49 @@ TEST_F(QueryClients, OwnProgram) {
   EXPECT_THAT(run_to_end({METRICDB, "query", "--server", "127.0.0.1:" + port_, "--format", "json", "--influxql",
                           "SHOW FIELD KEYS"}),
               HasSubstr("\"values\":[[\"load\",\"float\"]]"));
+}
+
+// TLS and a user with a password: clients of others and the program itself.
+TEST_F(Agents, TlsAndPasswords) {
+  SKIP_WITHOUT(INFLUX);
+  make_certificate(root_, "server");
+  const std::string hash = run_to_end({"/usr/bin/openssl", "passwd", "-6", "s3cret word"});
+  fs::permissions(write("users", "ann:" + hash), fs::perms::owner_read | fs::perms::owner_write);
+  Program serve({METRICDB, "serve", "--db", path("db"), "--influx", "0", "--tls-cert", path("server.crt"), "--tls-key",
+                 path("server.key"), "--user-file", path("users")},
+                root_ / "serve.out");
+  int port = 0;
+  ASSERT_TRUE(wait_until([&] {
+    return std::sscanf(serve.output().c_str(), "serving influx 127.0.0.1:%d", &port) == 1;
+  })) << serve.output();
+  const std::string address = fmt::format("https://127.0.0.1:{}", port);
+  const auto curl = [&](const std::string &user) {
+    return run_to_end({CURL, "-sS", "--noproxy", "*", "-o", "/dev/null", "-w", "%{http_code}", "--cacert",
+                       path("server.crt"), "-u", user, "--data-binary", "cpu load=1 1700000000",
+                       address + "/write?precision=s"});
+  };
+  EXPECT_EQ(curl("ann:s3cret word"), "204");
+  EXPECT_EQ(curl("ann:guess"), "401");
+  const auto influx = [&](const std::string &statement) {
+    return run_to_end({INFLUX, "-host", "127.0.0.1", "-port", fmt::format("{}", port), "-ssl", "-unsafeSsl",
+                       "-username", "ann", "-password", "s3cret word", "-precision", "s", "-database", "x", "-execute",
+                       statement});
+  };
+  EXPECT_EQ(influx("INSERT cpu load=2 1700000060"), "");
+  EXPECT_EQ(influx("SELECT load FROM cpu"),
+            "name: cpu\ntime       load\n----       ----\n1700000000 1\n1700000060 2\n");
+  const auto own = [&](const std::string &arguments, const std::string &environment = "") {
+    return run(
+        fmt::format("query --server {} --ca server.crt --influxql 'SELECT sum(load) FROM cpu' {}", address, arguments),
+        environment);
+  };
+  write("password", "s3cret word\n");
+  EXPECT_THAT(own("--user ann --password-file password").out, HasSubstr("cpu,,0,3\n"));
+  EXPECT_THAT(own("--user ann", "METRICDB_PASSWORD='s3cret word'").out, HasSubstr("cpu,,0,3\n"));
+  EXPECT_THAT(own("--user ann").err, HasSubstr("METRICDB_PASSWORD"));
+  EXPECT_THAT(own("--user ann", "METRICDB_PASSWORD=guess").err, HasSubstr("authorization failed"));
+  EXPECT_THAT(own("").err, HasSubstr("unable to parse authentication credentials"));
+  EXPECT_EQ(serve.end(SIGTERM), 0) << serve.output();
 }
 
 constexpr const char *PYTHON = "/usr/bin/python3";

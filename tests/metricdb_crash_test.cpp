@@ -61,7 +61,7 @@ TEST_F(Crash, EachStepKeepsAcknowledgedBatches) {
     ASSERT_EQ(records_of(reopened().store()), records_of(whole));
   }
   EXPECT_GT(n_killed, 40) << "too few steps";
-  EXPECT_GT(acknowledged.size(), 5u) << "the steps were not between the batches";
+  EXPECT_GT(acknowledged.size(), 3u) << "the steps were not between the batches";
 }
 
 // With closed or full standard streams, files get only their own data, and the exit codes are correct.

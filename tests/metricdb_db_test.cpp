@@ -167,6 +167,27 @@ TEST_F(Writing, ReadersSeeCompleteGenerations) {
   EXPECT_GT(n_opened, 5u);
 }
 
+// 300 lines of an earlier version, which wrote runs and stored integers as real numbers. New points are in blocks beside them.
+TEST_F(Writing, DatabasesOfEarlierVersionsGoOn) {
+  const auto line = [](int i) {
+    return fmt::format("cpu,host=a load={},n={}i,on={} {}\n", 20 + i * i % 7 * 0.25, 1'000'000 * i, i % 7 != 0,
+                       1'700'000'000'000'000'000 + i * 10'000'000'000 + i % 3);
+  };
+  std::string text;
+  for (int i = 0; i < 300; ++i) text += line(i);
+  fs::copy(METRICDB_OLD_DATABASE, db(), fs::copy_options::recursive);
+  expect_checked(checked(OpenDatabase(db()).store(), text), 900, 0, "");
+  for (int round = 0; round < 2; ++round) {
+    OpenDatabase opened = open_to_change(db());
+    std::string more;
+    for (int i = 300 * (round + 1); i < 300 * (round + 2); ++i) more += line(i);
+    load(opened.store(), more);
+    opened.write();
+    text += more;
+    expect_checked(checked(OpenDatabase(db()).store(), text), 900u * (static_cast<unsigned>(round) + 2), 0, "");
+  }
+}
+
 // Payloads that other programs, or later versions, could have written.
 TEST_F(Writing, FiguresHaveOneTextAndLimits) {
   Store store(config());
@@ -175,7 +196,7 @@ TEST_F(Writing, FiguresHaveOneTextAndLimits) {
   const struct {
     const char *fault, *found, *put, *message;
   } rows[] = {
-      {"a later version", "metricdb 3\n", "metricdb 4\n", "unknown format \"metricdb 4\""},
+      {"a later version", "metricdb 4\n", "metricdb 5\n", "unknown format \"metricdb 5\""},
       {"an unknown layout", "layout 1", "layout 2", "layout \"2\""},
       {"a line left out", "retain_ns 100\n", "", "\"idle_ns 50\", expected \"retain_ns\""},
       {"a negative time span", "retain_ns 100", "retain_ns -100", "retain_ns \"-100\""},

@@ -1,6 +1,7 @@
 // InfluxQL: the answers to statements.
 #include <array>
 #include <limits>
+#include <random>
 
 #include "influxql_support.h"
 #include "metricdb_support.h"
@@ -30,6 +31,16 @@ static MemorySource two_hosts() {
   return source;
 }
 
+// Integers above 2^53, and a series of real numbers with the same field.
+static MemorySource counters() {
+  MemorySource source;
+  source.add_integers("c", {{"host", "a"}}, "n",
+                      {{0, 9007199254740993}, {10 * SECOND_NS, 9007199254740995}, {20 * SECOND_NS, INT64_MAX}});
+  source.add_integers("c", {{"host", "b"}}, "n", {{10 * SECOND_NS, -7}});
+  source.add("c", {{"host", "c"}}, "n", points_at_seconds({{10, 0.5}}));
+  return source;
+}
+
 struct StatementRow {
   const char *text;
   const char *results;  // between the brackets of "results"
@@ -47,6 +58,33 @@ static void expect_results(const MemorySource &source, std::span<const Statement
 
 // One series, in statement 0.
 #define SERIES(text) R"({"statement_id":0,"series":[{)" text R"(}]})"
+
+// Integers are exact until a real number takes part.
+TEST(Influxql, Integers) {
+  static const StatementRow rows[] = {
+      {"SELECT n, n + 1, n / 2 FROM c WHERE host = 'a'",
+       SERIES(R"("name":"c","columns":["time","n","n_1","n_2"],"values":[)"
+              R"([0,9007199254740993,9007199254740994,4503599627370496],)"
+              R"([10,9007199254740995,9007199254740996,4503599627370498],)"
+              R"([20,9223372036854775807,9223372036854775808,4611686018427387904]])")},
+      {"SELECT min(n), max(n), first(n), last(n), sum(n), spread(n), count(n), percentile(n, 60) FROM c "
+       "WHERE time <= 10s AND (host = 'a' OR host = 'b')",
+       SERIES(R"("name":"c","columns":["time","min","max","first","last","sum","spread","count","percentile"],"values":[)"
+              R"([0,-7,9007199254740995,9007199254740993,9007199254740995,18014398509481981,9007199254741002,3,)"
+              R"(9007199254740993]])")},
+      {"SELECT spread(n), mean(n) FROM c WHERE time >= 10s AND (host = 'a' OR host = 'b')",
+       SERIES(R"("name":"c","columns":["time","spread","mean"],"values":[[10,9223372036854775808,3077459745369839104]])")},
+      // With the series of real numbers all are.
+      {"SELECT max(n), sum(n), last(n) FROM c WHERE time <= 10s",
+       SERIES(R"("name":"c","columns":["time","max","sum","last"],"values":[)"
+              R"([0,9007199254740996,18014398509481980,9007199254740996]])")},
+      {"SELECT derivative(n, 1s) FROM c WHERE time <= 10s AND host = 'a'",
+       SERIES(R"("name":"c","columns":["time","derivative"],"values":[[10,0.2]])")},
+      {"SELECT sum(n) FROM c WHERE time >= 0 AND time <= 20s AND host = 'b' GROUP BY time(10s) fill(previous)",
+       SERIES(R"("name":"c","columns":["time","sum"],"values":[[0,null],[10,-7],[20,-7]])")},
+  };
+  expect_results(counters(), rows);
+}
 
 TEST(Influxql, PointsOfFields) {
   static const StatementRow rows[] = {
@@ -414,6 +452,53 @@ TEST(Influxql, Limits) {
       EXPECT_STREQ(error.what(), row.error);
     }
   }
+}
+
+// The points of one series, and the same points in a hundred, which several threads read in parts and merge. With few
+// permitted values there are no parts. Whole numbers, whose sums are exact.
+TEST(Influxql, PartsOfManySeries) {
+  MemorySource source;
+  std::mt19937 random(4);
+  std::vector<std::vector<Point>> of_host(100);
+  std::vector<Point> all;
+  for (int64_t i = 0; i < 4'000; ++i) {
+    const Point point{i * SECOND_NS / 10, static_cast<double>(random() % 1'000)};
+    all.push_back(point);
+    of_host[random() % of_host.size()].push_back(point);
+  }
+  source.add("all", {}, "v", all);
+  for (size_t i = 0; i < of_host.size(); ++i) {
+    if (i % 3 == 0)
+      for (Point &point : of_host[i]) point = integer_point(point.ts_ns, static_cast<int64_t>(point.value));
+    source.add("parts", {{"host", std::to_string(i)}, {"zone", std::to_string(i % 2)}}, "v", {});
+    source.set_last(of_host[i], i % 3 == 0 ? ValueType::integer : ValueType::real);
+  }
+  const auto values_of = [&](const std::string &measurement, const char *rest, unsigned n_threads, size_t n_cells) {
+    const std::string text =
+        "SELECT count(v), sum(v), mean(v), min(v), max(v), first(v), last(v), spread(v), percentile(v, 70), stddev(v) FROM " +
+        measurement + rest;
+    influxql::Limits limits;
+    limits.n_cells = n_cells;
+    std::vector<double> values;
+    for (const influxql::ResultSeries &result :
+         influxql::execute({source, {}, PRESENT_NS, limits, {}, n_threads}, influxql::parse_statements(text, 0)[0]))
+      for (const influxql::Cell &cell : result.cells)
+        values.push_back(cell.kind == influxql::Cell::Kind::integer ? static_cast<double>(cell.integer) : cell.number);
+    return values;
+  };
+  for (const char *rest : {"", " GROUP BY time(7s)", " WHERE time >= 100s AND time < 333s GROUP BY time(1s, 300ms)"}) {
+    SCOPED_TRACE(rest);
+    const std::vector<double> expected = values_of("all", rest, 1, 1'000'000);
+    ASSERT_FALSE(expected.empty());
+    for (const size_t n_cells : {expected.size(), size_t{1'000'000}}) {
+      const std::vector<double> found = values_of("parts", rest, 4, n_cells);
+      ASSERT_EQ(found.size(), expected.size());
+      for (size_t i = 0; i < found.size(); ++i) EXPECT_NEAR(found[i], expected[i], i % 10 == 9 ? 1e-9 : 0.0) << i;
+      EXPECT_EQ(values_of("parts", rest, 1, n_cells), found) << "the result depends on the number of threads";
+    }
+  }
+  EXPECT_EQ(values_of("parts", " GROUP BY zone", 4, 20).size(), 20u);
+  EXPECT_THROW(values_of("parts", " GROUP BY zone", 4, 19), influxql::ExecutionFailed);
 }
 
 TEST(Influxql, InterruptedQueries) {

@@ -8,21 +8,25 @@
 #include "metricdb_support.h"
 #include "store/series_cache.h"
 
+static std::string value_text(std::string_view key, double value, const std::optional<int64_t> &integer) {
+  return integer ? fmt::format("{}={}i", key, *integer) : fmt::format("{}={}", key, value);
+}
+
 // The points of a line as both parsers return them, as "key=value@time".
 static std::string points_text(std::string_view text, Precision precision = Precision::ns) {
   LineParser parser(precision);
   if (parser.parse(text) != LineParser::Outcome::line) return "";
   std::string shown;
   for (const ParsedField &field : parser.line().fields)
-    shown +=
-        fmt::format("{} {}={}@{}|", parser.line().head, field.key, field.value, parser.line().ts_ns.value_or(NOW_NS));
+    shown += fmt::format("{} {}@{}|", parser.line().head, value_text(field.key, field.value, field.integer),
+                         parser.line().ts_ns.value_or(NOW_NS));
   return shown;
 }
 
 static std::string reference_text(std::string_view text, Precision precision = Precision::ns) {
   std::string shown;
   for (const ReferencePoint &point : reference_points(text, static_cast<int64_t>(precision), NOW_NS))
-    shown += fmt::format("{}={}@{}|", point.key, point.value, point.ts_ns);
+    shown += fmt::format("{}@{}|", value_text(point.key, point.value, point.integer), point.ts_ns);
   return shown;
 }
 
@@ -39,8 +43,8 @@ TEST(LineProtocol, GoodLines) {
       {"escaped bytes end a name", R"(m\,\ x,t\=\,\ k=v\ \,\= f\=\ \,=1 5)", R"(m\,\ x,t\=\,\ k=v\ \,\= f\=\ \,=1@5|)"},
       {"equals sign ends a measurement", R"(m=\=,a=2 f=1 5)", R"(m=\=,a=2 f=1@5|)"},
       {"a backslash alone escapes", R"(m\n,a=\\b\,c\x f=1 5)", R"(m\n,a=\\b\,c\x f=1@5|)"},
-      {"integers", "m a=1i,b=-9223372036854775808i,c=18446744073709551615u 5",
-       "m a=1@5|m b=-9.223372036854776e+18@5|m c=1.8446744073709552e+19@5|"},
+      {"integers", "m a=1i,b=-9223372036854775808i,c=9223372036854775807u 5",
+       "m a=1i@5|m b=-9223372036854775808i@5|m c=9223372036854775807i@5|"},
       {"floats", "m a=-.5,b=5.,c=1e3,d=1E-3,e=-0,f=4.9e-324 5",
        "m a=-0.5@5|m b=5@5|m c=1000@5|m d=0.001@5|m e=-0@5|m f=5e-324@5|"},
       {"a spelling of true is missing", "m a=t,b=T,c=true,d=True,e=TRUE 5", "m a=1@5|m b=1@5|m c=1@5|m d=1@5|m e=1@5|"},
@@ -116,7 +120,7 @@ static std::string shown(LineParser &parser, LineParser::Outcome outcome) {
   if (outcome == LineParser::Outcome::nothing) return "nothing";
   if (outcome == LineParser::Outcome::malformed) return parser.reason();
   std::string text = std::string(parser.line().head);
-  for (const ParsedField &field : parser.line().fields) text += fmt::format("|{}={}", field.key, field.value);
+  for (const ParsedField &field : parser.line().fields) text += "|" + value_text(field.key, field.value, field.integer);
   return text + fmt::format("|{}|{}", parser.line().ts_ns.value_or(-1), parser.line().strings_skipped);
 }
 

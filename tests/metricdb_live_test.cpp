@@ -38,7 +38,8 @@ struct Seen {
 // Reads all series again and again.
 Seen read_until(const Store &store, int64_t step_ns, const std::atomic<bool> &is_done) {
   Seen seen;
-  std::vector<Point> points;
+  PointList list;
+  const std::vector<Point> &points = list.points;
   while (!is_done && seen.fault.empty()) {
     const StoreSource source(store);
     std::vector<std::pair<uint32_t, uint64_t>> series;
@@ -46,7 +47,7 @@ Seen read_until(const Store &store, int64_t step_ns, const std::atomic<bool> &is
       series.emplace_back(number, std::stoull(name.tags.at(0).second));
     });
     for (const auto &[number, name] : series) {
-      source.read(number, INT64_MIN, INT64_MAX, points);
+      source.read(number, {}, list);
       ++seen.n_reads;
       seen.n_points += points.size();
       if (std::string fault = fault_of(name, points, step_ns); !fault.empty()) seen.fault = std::move(fault);
@@ -81,9 +82,10 @@ TEST(LiveReplacing, EachReadIsOfOneMoment) {
   std::thread reader([&] {
     const StoreSource source(store);
     source.for_each_series({}, [](uint32_t, const SeriesName &) {});
-    std::vector<Point> points;
+    PointList list;
+  const std::vector<Point> &points = list.points;
     while (!is_done) {
-      source.read(series, INT64_MIN, INT64_MAX, points);
+      source.read(series, {}, list);
       bool is_good = points.size() == N_POINTS && points.front().value - points.back().value <= 1.0;
       for (size_t i = 1; is_good && i < points.size(); ++i) is_good = points[i].value <= points[i - 1].value;
       n_faults += is_good ? 0 : 1;
@@ -140,9 +142,10 @@ TEST_P(LiveReading, EachReadIsOfOneMoment) {
   EXPECT_EQ(names.size(), store.n_series());
   for (const auto &[number, name] : names) {
     EXPECT_EQ(store.key(number), fmt::format("live,number={} field", name));
-    std::vector<Point> points;
+    PointList list;
+  const std::vector<Point> &points = list.points;
     // Readers learn the limit of the retention at the end of a batch.
-    source.read(number, store.visible_from_ns(), INT64_MAX, points);
+    source.read(number, {.from_ns = store.visible_from_ns()}, list);
     PointCursor cursor(store, number);
     size_t n = 0;
     for (Point point; cursor.next(point); ++n) {
@@ -170,14 +173,15 @@ TEST(LiveReading, NumberOfAForgottenSeriesReadsNothing) {
   const StoreSource source(store);
   uint32_t number = 0;
   source.for_each_series({}, [&](uint32_t series, const SeriesName &) { number = series; });
-  std::vector<Point> points;
-  source.read(number, INT64_MIN, INT64_MAX, points);
+  PointList list;
+  const std::vector<Point> &points = list.points;
+  source.read(number, {}, list);
   EXPECT_EQ(points.size(), 1u);
   store.add("m,a=2 f", {100, 2.0});
   store.sweep();
   store.add("m,a=3 f", {100, 3.0});
   ASSERT_EQ(store.find("m,a=3 f"), number) << "the slot was not taken again";
-  source.read(number, INT64_MIN, INT64_MAX, points);
+  source.read(number, {}, list);
   EXPECT_EQ(points.size(), 0u);
 }
 
@@ -197,11 +201,12 @@ TEST(LiveReading, NewestIsThatOfAllPoints) {
     source.for_each_series({}, [&](uint32_t number, const SeriesName &) { series = number; });
     for (int i = 0; i < 40; ++i) {
       const int64_t from_ns = below(2000) - 5, to_ns = from_ns + below(2000);
-      std::vector<Point> all, newest;
-      source.read(series, from_ns, to_ns, all);
-      source.read_newest(series, from_ns, to_ns, newest);
-      n_shorter += newest.size() < all.size() ? 1 : 0;
-      const auto last_number = [](const std::vector<Point> &points) {
+      PointList all, newest;
+      source.read(series, {from_ns, to_ns}, all);
+      source.read(series, {from_ns, to_ns, true}, newest);
+      n_shorter += newest.points.size() < all.points.size() ? 1 : 0;
+      const auto last_number = [](const PointList &list) {
+        const std::vector<Point> &points = list.points;
         const auto found =
             std::find_if(points.rbegin(), points.rend(), [](auto &point) { return !std::isnan(point.value); });
         return found == points.rend() ? Point{-100, 0.0} : *found;

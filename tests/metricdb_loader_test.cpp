@@ -42,6 +42,33 @@ TEST(Loader, SkipsMalformedLinesAsAWhole) {
   EXPECT_EQ(content_of(store), (Content{{"m a", "1@1 5@77 9@3 "}, {"m b", "6@77 "}}));
 }
 
+// A series has the type of its first point. All 64 bits of an integer come back, also from sealed chunks.
+TEST(Loader, IntegersKeepAllBits) {
+  Store store;
+  std::vector<std::string> messages;
+  Loader loader(store, Loader::OnFull::stop, [&](uint64_t line, const std::string &reason) {
+    messages.push_back(fmt::format("{}: {}", line, reason));
+  });
+  std::string text = "m,t=a n=1i,x=1 1\nm,t=a g=1,n=2.5 2\nm,t=a x=3i,n=4u 3\nm,t=a n=9223372036854775808u 4\n";
+  for (int64_t i = 0; i < 400; ++i) text += fmt::format("m,t=a n={}i {}\n", INT64_MIN + i * i * 1'000'003, 5 + i);
+  loader.load(text, Precision::ns, NOW_NS);
+  EXPECT_EQ(messages, (std::vector<std::string>{"2: field type conflict: input field \"n\" on measurement \"m\" is type "
+                                                "float, already exists as type integer",
+                                                "4: field \"n\": \"9223372036854775808u\" is out of range"}));
+  EXPECT_EQ(loader.stats().malformed, 2u);
+  EXPECT_FALSE(store.find("m,t=a g")) << "a series without points stays";
+  expect_checked(checked(store, text), loader.stats().points, 0, "");
+  PointCursor x(store, *store.find("m,t=a x"));
+  Point point;
+  ASSERT_TRUE(x.next(point) && x.next(point));
+  EXPECT_EQ(x.type(), ValueType::real);
+  EXPECT_EQ(point.value, 3.0) << "an integer in a series of real numbers";
+
+  loader.load("m,t=a x=5,z=3i,z=4.5 5", Precision::ns, NOW_NS);
+  EXPECT_THAT(messages.back(), HasSubstr("\"z\" on measurement \"m\" is type float"));
+  EXPECT_FALSE(x.next(point)) << "a part of the line was stored";
+}
+
 // Each row has a line `m f=1 1` that a string contains or that follows the string.
 TEST(Loader, LineFeedsInStringsEndNoLine) {
   static const struct {

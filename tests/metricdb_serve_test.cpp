@@ -48,6 +48,29 @@ TEST_F(Serve, RequestsCanBeSentAgain) {
   EXPECT_EQ(dropping.end(SIGTERM), 0);
 }
 
+TEST_F(Serve, OtherMachinesNeedTlsAndUsers) {
+  const struct {
+    const char *arguments, *reason;
+  } rows[] = {
+      {"--address 0.0.0.0", "use --tls-cert and --tls-key, or --insecure"},
+      {"--address 192.0.2.1 --tls-cert c --tls-key k", "use --user-file, or --insecure"},
+      {"--address 128.0.0.1 --tls-cert c --tls-key k --user-file u --graphite 0", "Graphite's protocol has no users"},
+      {"--tls-cert c", "--tls-cert and --tls-key need each other"},
+      {"--tls-cert c --tls-key k", "c: "},
+      {"--user-file u", "u: No such file"},
+  };
+  for (const auto &row : rows) {
+    const Outcome refused = run(std::string("serve --db db --influx 0 ") + row.arguments);
+    EXPECT_EQ(refused.exit_code, 1);
+    EXPECT_THAT(refused.err, HasSubstr(row.reason));
+    EXPECT_FALSE(fs::exists(path("db")));
+  }
+  ServeProcess serve(root_, "--influx 0 --db db --address 0.0.0.0 --insecure");
+  EXPECT_TRUE(wait_until([&] { return serve.output().find("influx 0.0.0.0:") != std::string::npos; }))
+      << serve.output();
+  EXPECT_EQ(serve.end(SIGTERM), 0);
+}
+
 TEST_F(Serve, HangUpOpensTheLogAgain) {
   ServeProcess serve(root_, "--influx 0 --db db --log log");
   const int port = serve.port();
@@ -65,12 +88,15 @@ TEST_F(Serve, HangUpOpensTheLogAgain) {
 
 // Every option of the example is one that the command has, with a value that it takes.
 TEST_F(Serve, ExampleOfAConfigurationIsAccepted) {
-  std::string example = read_file(METRICDB_PACKAGING "/metricdb.toml");
-  for (size_t at = 0; (at = example.find("\n# ", at)) != std::string::npos; ++at)
-    if (const size_t end = example.find('\n', at + 1); example.substr(at, end - at).find(" = ") != std::string::npos)
-      example.erase(at + 1, 2);
-  for (const std::string folder : {"/var/lib/metricdb/", "/var/log/metricdb/"})
-    while (example.find(folder) != std::string::npos) example.erase(example.find(folder), folder.size());
+  std::istringstream lines(read_file(METRICDB_PACKAGING "/metricdb.toml"));
+  std::string example;
+  for (std::string line; std::getline(lines, line);) {
+    if (line.find("/run/credentials/") != std::string::npos) continue;  // files that are not here
+    if (line.starts_with("# ") && line.find(" = ") != std::string::npos) line.erase(0, 2);
+    for (const std::string folder : {"/var/lib/metricdb/", "/var/log/metricdb/"})
+      if (const size_t at = line.find(folder); at != std::string::npos) line.erase(at, folder.size());
+    example += line + "\n";
+  }
   write_file(path("metricdb.toml"), example);
   EXPECT_EQ(count_of(example, "\n# log-level"), 0u) << "the examples are not tested";
   ServeProcess serve(root_, "--config metricdb.toml --influx 0 --graphite 0");
@@ -124,8 +150,8 @@ TEST_F(Serve, ManualNamesEveryOption) {
     EXPECT_THAT(manual, HasSubstr("Cm " + command)) << "the command is missing";
     std::istringstream words(run(command + " --help").out);
     for (std::string word; words >> word;)
-      if (word.starts_with("--") && word.size() > 2) options.insert(word.substr(2, word.find_first_of("=,`") - 2));
+      if (word.starts_with("--") && word.size() > 2) options.insert(word.substr(2, word.find_first_of("=,.;`") - 2));
   }
   EXPECT_GT(options.size(), 30u);
-  for (const std::string &option : options) EXPECT_THAT(manual, HasSubstr("Fl -" + option)) << "is missing";
+  for (const std::string &option : options) EXPECT_GT(count_of(manual, "Fl -" + option), 0u) << option;
 }

@@ -10,15 +10,16 @@ using testing::HasSubstr;
 
 namespace {
 
-// A query function that answers with the text of the query when it is allowed to.
+// A query function that answers with the text of the query when it is allowed to, and throws when it is interrupted.
 class HeldQueries {
  public:
   QueryFunction function() {
-    return [this](const QueryRequest &request, const IsInterrupted &) {
+    return [this](const QueryRequest &request, const IsInterrupted &is_interrupted) {
       std::unique_lock lock(mutex_);
       ++n_begun_;
       changed_.notify_all();
-      changed_.wait(lock, [this] { return is_open_; });
+      while (!changed_.wait_for(lock, milliseconds(1), [this] { return is_open_; }))
+        if (is_interrupted()) throw std::runtime_error("interrupted");
       return QueryAnswer{HTTP_STATUS_OK, "text/plain", "answer to " + request.text};
     };
   }
@@ -79,25 +80,42 @@ TEST(Queries, TooManyAreRefused) {
   EXPECT_EQ(first.status(), 200);
   const int expected[] = {200, 200, 503, 503, 503};
   for (const int status : expected) EXPECT_EQ(peer.status(), status);
+  EXPECT_THAT(answer_to(peer, get("/metrics")), HasSubstr("metricdb_queries_total{result=\"refused\"} 3\n"));
 }
 
-// The descriptor of the closed connection is reused by the next one, which must not get the answer.
-TEST(Queries, AnswerOfAClosedConnectionReachesNobody) {
-  HeldQueries held;
-  RunningServer server(options_with(held.function()));
-  {
-    Peer gone(server.influx_port());
-    ASSERT_TRUE(gone.send(get("/query?q=lost")));
-    held.wait_until_begun(1);
-    gone.reset();
-  }
-  ASSERT_TRUE(wait_until([&] { return server.counters().connections == 0; }));
-  Peer next(server.influx_port());
-  EXPECT_EQ(ask(next, get("/ping")), 204);
-  ASSERT_TRUE(next.send(get("/query?q=mine")));
-  held.wait_until_begun(2);
-  held.open();
-  EXPECT_THAT(next.answer(), HasSubstr("answer to mine"));
+// The only thread is free again although the query would never end, and a query that waits does not begin. The
+// descriptor of the closed connection is reused by the next one, which must not get the answer.
+TEST(Queries, ClosedConnectionsInterruptThem) {
+  const struct {
+    const char *how;
+    std::function<void(Peer &)> close;
+  } rows[] = {{"reset", [](Peer &peer) { peer.reset(); }}, {"end of sending", [](Peer &peer) { peer.end_sending(); }}};
+  for (const auto &row : rows)
+    for (const char *kept : {"", "Connection: close\r\n"}) {
+      SCOPED_TRACE(std::string(row.how) + kept);
+      HeldQueries held;
+      ServerOptions options = options_with(held.function());
+      options.n_query_threads = 1;
+      RunningServer server(options);
+      Peer gone(server.influx_port()), waiting(server.influx_port());
+      const std::string request = std::string("GET /query?q=lost HTTP/1.1\r\n") + kept + "\r\n";
+      ASSERT_TRUE(gone.send(request));
+      held.wait_until_begun(1);
+      ASSERT_TRUE(waiting.send(request));
+      ASSERT_TRUE(wait_until([&] { return server.counters().requests == 2; }));
+      row.close(waiting);
+      row.close(gone);
+      ASSERT_TRUE(wait_until([&] { return server.counters().connections == 0; }));
+      Peer next(server.influx_port());
+      ASSERT_TRUE(next.send(get("/query?q=mine")));
+      held.wait_until_begun(2);
+      held.open();
+      EXPECT_THAT(next.answer(), HasSubstr("answer to mine"));
+      const std::string metrics = answer_to(next, get("/metrics"));
+      for (const char *line : {"metricdb_queries_total{result=\"answered\"} 1\n", "{result=\"interrupted\"} 2\n",
+                               "metricdb_waiting_queries 0\n", "metricdb_query_seconds_count 3\n"})
+        EXPECT_THAT(metrics, HasSubstr(line));
+    }
 }
 
 // Answers that a peer does not read are in memory.
@@ -134,4 +152,5 @@ TEST(Queries, ParametersAndFailures) {
   const std::string failed = answer_to(peer, get("/query?q=fail"));
   EXPECT_EQ(Peer::status_of(failed), 500);
   EXPECT_THAT(failed, HasSubstr("it failed"));
+  EXPECT_THAT(answer_to(peer, get("/metrics")), HasSubstr("metricdb_queries_total{result=\"failed\"} 3\n"));
 }

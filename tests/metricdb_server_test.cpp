@@ -246,9 +246,8 @@ TEST(Stop, ReturnsAfterTheTimeout) {
   EXPECT_TRUE(peer.is_closed());
 }
 
-TEST(Stop, BeforeRun) {
-  FakeIngest ingest;
-  Server server({.influx_port = 0, .graphite_port = {}}, ingest);
+TEST(Stop, BeforeRunAndBeforeTheDatabaseIsOpen) {
+  Server server({.influx_port = 0, .graphite_port = {}});
   EXPECT_NE(server.influx_port(), 0);
   EXPECT_EQ(server.graphite_port(), 0);
   server.stop();
@@ -257,7 +256,6 @@ TEST(Stop, BeforeRun) {
 
 TEST(Start, UnusableAddresses) {
   RunningServer first;
-  FakeIngest ingest;
-  EXPECT_THROW(Server({.influx_port = first.influx_port(), .graphite_port = 0}, ingest), ServerError);
-  EXPECT_THROW(Server({.address = "nowhere", .influx_port = 0, .graphite_port = 0}, ingest), ServerError);
+  EXPECT_THROW(Server({.influx_port = first.influx_port(), .graphite_port = 0}), ServerError);
+  EXPECT_THROW(Server({.address = "nowhere", .influx_port = 0, .graphite_port = 0}), ServerError);
 }

@@ -23,9 +23,9 @@ void print_backup(const std::string &what, const BackupInfo &info, std::chrono::
 // Prints the server's answer.
 int backup_of_server(const BackupArguments &arguments) {
   const std::string target = "/backup?name=" + url_encoded(arguments.to);
-  const FetchedAnswer answer = fetch(arguments.server, target, "application/json", "POST");
+  const FetchedAnswer answer = fetch(http_server_of(arguments.server), target, "application/json", "POST");
   const std::string text = answer.body.substr(0, answer.body.find_last_not_of('\n') + 1);
-  if (answer.status != 200) throw std::runtime_error(fmt::format("{}: {}: {}", arguments.server, answer.status, text));
+  if (answer.status != 200) throw std::runtime_error(fmt::format("{}: {}: {}", arguments.server.address, answer.status, text));
   print(text + "\n");
   return EXIT_GOOD;
 }
@@ -33,8 +33,8 @@ int backup_of_server(const BackupArguments &arguments) {
 }  // namespace
 
 int backup(const BackupArguments &arguments) {
-  if (arguments.db.empty() == arguments.server.empty()) throw std::runtime_error("use either --db or --server");
-  if (!arguments.server.empty()) return backup_of_server(arguments);
+  check_server_or_db(arguments.server, arguments.db);
+  if (!arguments.server.address.empty()) return backup_of_server(arguments);
   const auto begin = std::chrono::steady_clock::now();
   print_backup("backup           " + arguments.to, backup_database(arguments.db, arguments.to), begin);
   return EXIT_GOOD;

@@ -19,7 +19,10 @@ void append_series(const Store &store, uint32_t series, std::string &text) {
   const std::string_view key = store.key(series);
   PointCursor cursor(store, series);
   for (Point point; cursor.next(point);) {
-    fmt::format_to(std::back_inserter(text), "{}={} {}\n", key, point.value, point.ts_ns);
+    if (cursor.type() == ValueType::integer)
+      fmt::format_to(std::back_inserter(text), "{}={}i {}\n", key, integer_of(point), point.ts_ns);
+    else
+      fmt::format_to(std::back_inserter(text), "{}={} {}\n", key, point.value, point.ts_ns);
     if (text.size() < BYTES_AT_ONCE) continue;
     print(text);
     text.clear();

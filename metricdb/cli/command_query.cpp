@@ -44,9 +44,9 @@ std::string text_of(const std::string &format, const SeriesQuery &query, const s
 }
 
 void check_usage(const QueryArguments &arguments) {
-  if (arguments.db.empty() == arguments.server.empty()) refuse_usage("use either --db or --server");
+  check_server_or_db(arguments.server, arguments.db);
   if (arguments.key.empty() == arguments.statement.empty()) refuse_usage("use either a KEY or --influxql");
-  if (!arguments.server.empty() && arguments.statement.empty()) refuse_usage("--server needs --influxql");
+  if (!arguments.server.address.empty() && arguments.statement.empty()) refuse_usage("--server needs --influxql");
   const bool has_options = !arguments.from.empty() || !arguments.to.empty() || !arguments.every.empty();
   if (has_options && !arguments.statement.empty()) refuse_usage("--from, --to and --every are for a KEY");
   if (arguments.format == "svg" && !arguments.statement.empty()) refuse_usage("--format svg is for a KEY");
@@ -63,9 +63,10 @@ int answer_statement(const QueryArguments &arguments) {
   const bool is_json = arguments.format == "json";
   bool is_bad = false;
   std::string body;
-  if (!arguments.server.empty()) {
-    const FetchedAnswer answer = fetch(arguments.server, "/query?q=" + url_encoded(arguments.statement),
-                                       is_json ? "application/json" : "application/csv");
+  if (!arguments.server.address.empty()) {
+    const FetchedAnswer answer =
+        fetch(http_server_of(arguments.server), "/query?q=" + url_encoded(arguments.statement),
+              is_json ? "application/json" : "application/csv");
     is_bad = answer.status != 200;
     body = answer.body;
   } else {
@@ -98,7 +99,7 @@ int query(const QueryArguments &arguments) {
   // The limit of the query is the first time after the range.
   if (query.to_ns) range.to_ns = *query.to_ns == INT64_MIN ? INT64_MIN : *query.to_ns - 1;
   PointCursor cursor(opened.store(), *series, range);
-  const auto points = answer(query, [&cursor](Point &point) { return cursor.next(point); });
+  const auto points = answer(query, [&cursor](Point &point) { return cursor.next_real(point); });
   print(text_of(arguments.format, {arguments.key, query}, points));
   return EXIT_GOOD;
 }

@@ -1,5 +1,7 @@
 // `metricdb serve`: receives points over the network until a signal ends it.
+#include <arpa/inet.h>
 #include <fmt/format.h>
+#include <netinet/in.h>
 #include <signal.h>
 #include <sys/resource.h>
 
@@ -19,7 +21,6 @@
 #include "cli/service_manager.h"
 #include "cli/write_options.h"
 #include "net/backup_api.h"
-#include "net/opening_ingest.h"
 #include "net/server.h"
 #include "query/influxql.h"
 #include "query/store_source.h"
@@ -76,6 +77,31 @@ size_t connection_limit(size_t wanted) {
   return std::min<size_t>(wanted, limit.rlim_cur - OWN_DESCRIPTORS);
 }
 
+bool is_loopback(const std::string &address) {
+  in_addr ipv4;
+  return inet_pton(AF_INET, address.c_str(), &ipv4) == 1 && ntohl(ipv4.s_addr) >> 24 == IN_LOOPBACKNET;
+}
+
+// Returns the address at which other machines can reach a port or a passed socket; empty if there is none.
+std::string exposed_address(const ServeArguments &arguments, const std::optional<int> &port, int passed) {
+  if (passed >= 0) return exposed_address_of(passed);
+  return port && !is_loopback(arguments.address) ? arguments.address : "";
+}
+
+// Refuses to serve other machines without what protects the data.
+void check_exposure(const ServeArguments &arguments, const PassedSockets &sockets) {
+  const std::string influx = exposed_address(arguments, arguments.influx_port, sockets.influx);
+  const std::string graphite = exposed_address(arguments, arguments.graphite_port, sockets.graphite);
+  if (arguments.insecure || (influx.empty() && graphite.empty())) return;
+  const auto refuse = [](const std::string &address, const char *what) {
+    throw std::runtime_error(fmt::format("other machines can reach {}: {}, or --insecure", address, what));
+  };
+  if (arguments.tls_certificate_file.empty())
+    refuse(influx.empty() ? graphite : influx, "use --tls-cert and --tls-key");
+  if (!influx.empty() && arguments.user_file.empty()) refuse(influx, "use --user-file");
+  if (!graphite.empty()) refuse(graphite, "Graphite's protocol has no users, so use --influx alone");
+}
+
 // One port, by its name.
 std::string port_text(const char *name, const ServeArguments &arguments, bool is_served, int passed, int port) {
   if (passed >= 0) return fmt::format(" {} passed:{}", name, port);
@@ -113,7 +139,8 @@ QueryAnswer answer_query(const DatabaseWriter *writer, const QueryRequest &reque
                                  .csv = request.is_csv,
                                  .chunk_size = request.chunk_rows,
                                  .now_ns = now_ns(),
-                                 .is_interrupted = is_interrupted};
+                                 .is_interrupted = is_interrupted,
+                                 .n_threads = std::thread::hardware_concurrency()};
   InfluxqlAnswer answer;
   writer->read([&](const Store &store) { answer = answer_influxql(StoreSource(store), query, request.databases); });
   return {answer.is_bad_request ? HTTP_STATUS_BAD_REQUEST : HTTP_STATUS_OK, answer.content_type, answer.body};
@@ -142,11 +169,10 @@ class Opening {
  public:
   // readable  receives the database when it is open.
   // ports     for the line that says what is served.
-  Opening(const ServeArguments &arguments, Server &server, OpeningIngest &ingest,
-          std::atomic<const DatabaseWriter *> &readable, ServiceNotices &notices, std::string ports)
+  Opening(const ServeArguments &arguments, Server &server, std::atomic<const DatabaseWriter *> &readable,
+          ServiceNotices &notices, std::string ports)
       : arguments_(arguments),
         server_(server),
-        ingest_(ingest),
         readable_(readable),
         notices_(notices),
         ports_(std::move(ports)),
@@ -191,7 +217,7 @@ class Opening {
     TSLB_DLOG(LOG_PROGRESS, "%s", line.c_str());
     is_done_ = true;  // before points can be stored
     readable_ = &*writer_;
-    ingest_.set_ready(*writer_);
+    server_.open(*writer_);
     notices_.ready("serving" + ports_);
     print_if_read(line);
   }
@@ -199,7 +225,7 @@ class Opening {
   // Small databases are open at once.
   void report(uint64_t done_bytes, uint64_t all_bytes) {
     constexpr uint64_t LOGGED_BYTES = 64 << 20;
-    ingest_.set_progress(done_bytes, all_bytes);
+    server_.set_progress(done_bytes, all_bytes);
     notices_.opening(done_bytes, all_bytes);
     if (all_bytes < LOGGED_BYTES || done_bytes < next_logged_bytes_) return;
     next_logged_bytes_ = done_bytes + all_bytes / 10;
@@ -209,7 +235,6 @@ class Opening {
 
   const ServeArguments &arguments_;
   Server &server_;
-  OpeningIngest &ingest_;
   std::atomic<const DatabaseWriter *> &readable_;
   ServiceNotices &notices_;
   const std::string ports_;
@@ -226,11 +251,17 @@ int serve(const ServeArguments &arguments) {
   const PassedSockets sockets = take_passed_sockets();
   if (!arguments.influx_port && !arguments.graphite_port && sockets.influx < 0 && sockets.graphite < 0)
     throw std::runtime_error("nothing to serve: use --influx, --graphite or both");
+  if (arguments.tls_certificate_file.empty() != arguments.tls_key_file.empty())
+    throw std::runtime_error("--tls-cert and --tls-key need each other");
+  check_exposure(arguments, sockets);
   ignore_harmless_signals();
   ServerOptions options;
   options.address = arguments.address;
   options.influx_port = arguments.influx_port;
   options.graphite_port = arguments.graphite_port;
+  options.tls_certificate_file = arguments.tls_certificate_file;
+  options.tls_key_file = arguments.tls_key_file;
+  options.user_file = arguments.user_file;
   options.influx_socket = sockets.influx;
   options.graphite_socket = sockets.graphite;
   std::atomic<const DatabaseWriter *> readable = nullptr;
@@ -246,10 +277,9 @@ int serve(const ServeArguments &arguments) {
   options.on_hang_up = reopen_log;
   options.on_tick = [&notices] { notices.alive(); };
   options.on_stop = [&notices] { notices.stopping(); };
-  OpeningIngest ingest;
-  Server server(options, ingest);
+  Server server(options);
   const ServerSignals signals(server);
-  Opening opening(arguments, server, ingest, readable, notices, ports_of(arguments, sockets, server));
+  Opening opening(arguments, server, readable, notices, ports_of(arguments, sockets, server));
   server.run();
   DatabaseWriter &writer = opening.result();
   const std::string why = writer.wait(writer.commit());

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "cli/server_access.h"
 #include "store/forgetting.h"
 
 namespace metricdb {
@@ -42,7 +43,7 @@ struct SeriesArguments {
 
 struct QueryArguments {
   std::string db;
-  std::string server;     // ADDRESS:PORT of a running server, in place of db
+  ServerAccess server;    // in place of db
   std::string statement;  // InfluxQL, in place of a key and a function
   bool salvage = false;
   std::string key;
@@ -82,6 +83,8 @@ struct ServeArguments {
   std::string address = "127.0.0.1";
   std::optional<int> influx_port;  // 0: any free port
   std::optional<int> graphite_port;
+  std::string tls_certificate_file, tls_key_file, user_file;  // as in ServerOptions
+  bool insecure = false;                                      // other machines can connect without TLS or users
   int64_t max_future_s = 600;
   size_t max_key_bytes = 1024;
   uint64_t max_new_series = 50'000;
@@ -91,8 +94,8 @@ struct ServeArguments {
 
 struct BackupArguments {
   std::string db;
-  std::string server;  // ADDRESS:PORT of a running server, in place of db
-  std::string to;      // folder; with a server its name in the server's folder for backups
+  ServerAccess server;  // in place of db
+  std::string to;       // folder; with a server its name in the server's folder for backups
 };
 
 struct RestoreArguments {

@@ -129,11 +129,20 @@ CLI::App *add_snapshot(CLI::App &app, SnapshotArguments &arguments) {
   return command;
 }
 
+void add_server(CLI::App *command, ServerAccess &server, const char *what) {
+  command->add_option("--server", server.address, what)->type_name("[https://]ADDRESS:PORT");
+  command->add_option("--ca", server.ca_file, "with https: trust these authorities, in PEM, in place of the system's")
+      ->type_name("FILE");
+  command->add_option("--user", server.user, "user of the server; the password is in METRICDB_PASSWORD")
+      ->type_name("NAME");
+  command->add_option("--password-file", server.password_file, "read the password from the first line of a file")
+      ->type_name("FILE");
+}
+
 CLI::App *add_backup(CLI::App &app, BackupArguments &arguments) {
   CLI::App *const command = app.add_subcommand("backup", "copy a database, also while it is served");
   command->add_option("--db", arguments.db, "the folder of a database that no process writes to")->type_name("DIR");
-  command->add_option("--server", arguments.server, "a running server with --backup-folder, in place of --db")
-      ->type_name("ADDRESS:PORT");
+  add_server(command, arguments.server, "a running server with --backup-folder, in place of --db");
   command->add_option("TO", arguments.to, "the new folder; with --server its name in the server's folder for backups")
       ->required()
       ->type_name("");
@@ -218,9 +227,13 @@ const char *const SERVE_FOOTER =
     "A point with the time of a recent point of its series replaces it, so requests can be sent again.\n"
     "Limits in time refer to data time, which is the newest timestamp so far. --max-future limits how far\n"
     "one timestamp can move it.\n"
+    "Users: the hash is one of crypt(3), for example of `openssl passwd -6`. The rights are rw, r or w; w for\n"
+    "/write, r for queries and /metrics. /ping and /health need no user.\n"
+    "TLS: for both ports. Without it and users the command serves loopback addresses only; see --insecure.\n"
     "The ports are open before the database is; meanwhile the answer is 503 with the progress.\n"
     "SIGTERM and SIGINT: requests that have arrived are processed and answered, then the command ends.\n"
-    "SIGHUP: the log is opened again, for example after it was renamed.\n"
+    "SIGHUP: the log is opened again, for example after it was renamed, and the certificate and the\n"
+    "users are read again.\n"
     "\n"
     "Exit: 0 after a signal; 1 a port is in use, DIR cannot be used, or the disk failed.";
 
@@ -234,6 +247,14 @@ CLI::App *add_serve(CLI::App &app, ServeArguments &arguments) {
   add_port("--influx", arguments.influx_port, "port of the InfluxDB interface; 0: any free port");
   add_port("--graphite", arguments.graphite_port, "port of Graphite's plaintext protocol; 0: any free port");
   command->add_option("--address", arguments.address, "address to listen on")->capture_default_str()->type_name("IP");
+  const auto add_file = [command](const char *name, std::string &file, const char *what) {
+    command->add_option(name, file, what)->type_name("FILE");
+  };
+  add_file("--tls-cert", arguments.tls_certificate_file, "speak TLS with this certificate and its chain, in PEM");
+  add_file("--tls-key", arguments.tls_key_file, "the key of the certificate, in PEM");
+  add_file("--user-file", arguments.user_file,
+           "users of the InfluxDB interface, lines name:hash or name:hash:rights; see below");
+  command->add_flag("--insecure", arguments.insecure, "serve other machines without TLS, users or both");
   command
       ->add_option("--max-future", arguments.max_future_s,
                    "refuse lines whose timestamp is this much after the clock of this machine")
@@ -272,8 +293,7 @@ CLI::App *add_query(CLI::App &app, QueryArguments &arguments) {
   CLI::App *const command =
       app.add_subcommand("query", "print the points of a series, or the answer to a statement of InfluxQL");
   command->add_option("--db", arguments.db, "the folder of the database")->type_name("DIR");
-  command->add_option("--server", arguments.server, "a running server, with --influxql, in place of --db")
-      ->type_name("ADDRESS:PORT");
+  add_server(command, arguments.server, "a running server, with --influxql, in place of --db");
   command->add_option("--influxql", arguments.statement, "statements, separated by semicolons")->type_name("TEXT");
   command->add_option("KEY", arguments.key, "key of the series, as printed by `series`: 'cpu,core=0,host=a usage'")
       ->type_name("");

@@ -74,16 +74,13 @@ std::errc number_of(std::string_view text, Number &number) {
   return end == text.data() + text.size() ? std::errc() : std::errc::invalid_argument;
 }
 
-template <class Integer>
-std::errc integer_as_double(std::string_view text, double &value) {
-  Integer integer = 0;
-  const std::errc error = number_of(text, integer);
-  value = static_cast<double>(integer);
-  return error;
+void set_integer(ParsedField &field, int64_t integer) {
+  field.integer = integer;
+  field.value = static_cast<double>(integer);
 }
 
 // Converts an integer of up to 18 digits with its `i`. Returns its end, or null. So few digits cannot overflow.
-const char *read_short_integer(const char *begin, const char *end, double &value) {
+const char *read_short_integer(const char *begin, const char *end, ParsedField &field) {
   constexpr ptrdiff_t MAX_DIGITS = 18;
   const bool is_negative = begin != end && *begin == '-';
   const char *const digits = begin + (is_negative ? 1 : 0);
@@ -94,7 +91,7 @@ const char *read_short_integer(const char *begin, const char *end, double &value
     number = number * 10 + (*at - '0');
   }
   if (at == digits || at == end || *at != 'i') return nullptr;
-  value = static_cast<double>(is_negative ? -number : number);
+  set_integer(field, is_negative ? -number : number);
   return at + 1;
 }
 
@@ -243,23 +240,23 @@ bool LineParser::parse_field() {
   if (!at('=')) return fail(fmt::format("field {} has no value", quoted(key)));
   ++pos_;
   if (at('"')) return parse_string(key);
-  double value = 0.0;
-  if (parse_common_value(value)) {
-    line_.fields.push_back({key, value});
+  ParsedField field{key, 0.0, {}};
+  if (parse_common_value(field)) {
+    line_.fields.push_back(field);
     line_.n_likely += is_likely ? 1 : 0;
     return true;
   }
   const char *const begin = pos_;
   while (pos_ != end_ && *pos_ != ',' && *pos_ != ' ') ++pos_;
-  if (!parse_value(key, {begin, static_cast<size_t>(pos_ - begin)}, value)) return false;
-  line_.fields.push_back({key, value});
+  if (!parse_value({begin, static_cast<size_t>(pos_ - begin)}, field)) return false;
+  line_.fields.push_back(field);
   return true;
 }
 
 // Converts most values. Leaves unusual and invalid values to parse_value.
-bool LineParser::parse_common_value(double &value) {
-  const char *end = read_short_integer(pos_, end_, value);
-  if (end == nullptr) end = read_number(pos_, end_, value);
+bool LineParser::parse_common_value(ParsedField &field) {
+  const char *end = read_short_integer(pos_, end_, field);
+  if (end == nullptr) end = read_number(pos_, end_, field.value);
   if (end == nullptr || (end != end_ && *end != ',' && *end != ' ')) return false;
   pos_ = end;
   return true;
@@ -289,25 +286,27 @@ void LineParser::extend_line() {
   if (end_ != pos_ && end_[-1] == '\r') --end_;
 }
 
-bool LineParser::parse_value(std::string_view key, std::string_view text, double &value) {
+bool LineParser::parse_value(std::string_view text, ParsedField &field) {
+  const std::string_view key = field.key;
+  field.integer.reset();
   if (text.empty()) return fail(fmt::format("field {} has no value", quoted(key)));
   const std::string_view digits = text.substr(0, text.size() - 1);
   std::errc error;
-  if (text.back() == 'i') {
-    error = integer_as_double<int64_t>(digits, value);
-  } else if (text.back() == 'u') {
-    error = integer_as_double<uint64_t>(digits, value);
+  if (text.back() == 'i' || (text.back() == 'u' && !digits.starts_with('-'))) {
+    int64_t integer = 0;
+    error = number_of(digits, integer);
+    set_integer(field, integer);
   } else {
-    error = number_of(text, value);
+    error = number_of(text, field.value);
     // The conversion accepts infinity and NaN, but line protocol does not.
-    if (error == std::errc() && !std::isfinite(value)) error = std::errc::invalid_argument;
+    if (error == std::errc() && !std::isfinite(field.value)) error = std::errc::invalid_argument;
   }
   if (error == std::errc()) return true;
   if (error == std::errc::result_out_of_range)
     return fail(fmt::format("field {}: {} is out of range", quoted(key), quoted(text)));
   const std::optional<double> boolean = boolean_of(text);
   if (!boolean) return fail(fmt::format("field {}: {} is not a number, boolean or string", quoted(key), quoted(text)));
-  value = *boolean;
+  field = {key, *boolean, {}};
   return true;
 }
 

@@ -14,7 +14,8 @@
 // A quoted string can contain line feeds, so a line ends at the first line feed outside of its strings. A string without
 // a closing quote contains the rest of the text.
 //
-// Restrictions: names contain no control characters. Every number becomes a double, so integers above 2^53 are rounded.
+// Restrictions: names contain no control characters. Unsigned integers above 2^63 - 1 are out of
+// range.
 #pragma once
 
 #include <cstdint>
@@ -31,7 +32,8 @@ enum class Precision : int64_t { ns = 1, us = 1'000, ms = 1'000'000, s = 1'000'0
 
 struct ParsedField {
   std::string_view key;
-  double value;  // 0 or 1 for a boolean
+  double value;                    // 0 or 1 for a boolean
+  std::optional<int64_t> integer;  // the value, if it has the suffix of an integer
 };
 
 // A field of an earlier line with the same head, and its series.
@@ -92,11 +94,11 @@ class LineParser {
   bool parse_fields();
   bool parse_field();
   bool parse_likely_name(std::string_view &key);
-  bool parse_common_value(double &value);
+  bool parse_common_value(ParsedField &field);
   bool parse_string(std::string_view key);
   void extend_line();
   Outcome parse_parts(std::string_view text, const LikelyLine &likely);
-  bool parse_value(std::string_view key, std::string_view text, double &value);
+  bool parse_value(std::string_view text, ParsedField &field);
   bool parse_timestamp();
   std::string_view name_until(uint8_t stops);
   bool at(char byte) const { return pos_ != end_ && *pos_ == byte; }

@@ -20,10 +20,6 @@ constexpr uint64_t low_bits(unsigned n) {
   return n == 64 ? ~uint64_t{0} : (uint64_t{1} << n) - 1;
 }
 
-// Maps small numbers of either sign to small codes.
-constexpr uint64_t folded(uint64_t change) {
-  return (change << 1) ^ (uint64_t{0} - (change >> 63));
-}
 constexpr uint64_t unfolded(uint64_t code) {
   return (code >> 1) ^ (uint64_t{0} - (code & 1));
 }
@@ -45,94 +41,7 @@ bool is_kept(const ValueWindow &current, const ValueWindow &needed) {
          current.lead + current.width >= needed.lead + needed.width;
 }
 
-// Writes whole words and advances by the complete bytes in them, without a branch on the bit position.
-class BitWriter {
- public:
-  explicit BitWriter(char *out) : begin_(out), out_(out) {}
-
-  // Up to 56 bits; higher bits are zero.
-  void put(uint64_t bits, unsigned n_bits) {
-    pending_ |= bits << n_pending_;
-    std::memcpy(out_, &pending_, sizeof pending_);
-    const unsigned n = n_pending_ + n_bits;
-    out_ += n / 8;
-    pending_ >>= n / 8 * 8;
-    n_pending_ = n % 8;
-  }
-
-  // A prefix of up to 16 bits, and up to 64 bits.
-  void put_with_prefix(uint64_t prefix, unsigned n_prefix, uint64_t bits, unsigned n_bits) {
-    if (n_prefix + n_bits <= 56) {
-      put(prefix | bits << n_prefix, n_prefix + n_bits);
-      return;
-    }
-    put(prefix | (bits & low_bits(32)) << n_prefix, n_prefix + 32);
-    put(bits >> 32, n_bits - 32);
-  }
-
-  size_t n_bytes() const { return static_cast<size_t>(out_ - begin_) + (n_pending_ != 0 ? 1 : 0); }
-
- private:
-  char *const begin_;
-  char *out_;
-  uint64_t pending_ = 0;  // fewer than 8 bits, which are also in the word at out_
-  unsigned n_pending_ = 0;
-};
-
-void put_time_change(BitWriter &out, uint64_t change) {
-  if (change == 0) {
-    out.put(0, 1);
-    return;
-  }
-  const uint64_t code = folded(change);
-  const unsigned nibbles = nibbles_of(code);
-  out.put_with_prefix(1 | (nibbles - 1) << 1, 1 + 4, code, 4 * nibbles);
-}
-
-void put_value_change(BitWriter &out, uint64_t differing, ValueWindow &window) {
-  if (differing == 0) {
-    out.put(0, 1);
-    return;
-  }
-  const ValueWindow needed = window_around(differing);
-  if (is_kept(window, needed)) {
-    out.put_with_prefix(1, 2, differing >> window.trail(), window.width);
-    return;
-  }
-  window = needed;
-  out.put_with_prefix(3 | window.lead << 2 | (window.width - 1) << (2 + LEAD_BITS), 2 + LEAD_BITS + WIDTH_BITS,
-                      differing >> window.trail(), window.width);
-}
-
-Point point_at(const char *points, size_t index) {
-  Point point;
-  std::memcpy(&point, points + index * sizeof point, sizeof point);
-  return point;
-}
-
 }  // namespace
-
-size_t seal_points(const char *points, size_t n, char *out) {
-  BitWriter writer(out);
-  ValueWindow window;
-  const Point first = point_at(points, 0);
-  uint64_t ts_ns = static_cast<uint64_t>(first.ts_ns);
-  uint64_t step_ns = 0;
-  uint64_t value = std::bit_cast<uint64_t>(first.value);
-  writer.put_with_prefix(0, 0, ts_ns, 64);
-  put_value_change(writer, value, window);
-  for (size_t i = 1; i < n; ++i) {
-    const Point point = point_at(points, i);
-    const uint64_t step_before_ns = step_ns;
-    step_ns = static_cast<uint64_t>(point.ts_ns) - ts_ns;
-    ts_ns = static_cast<uint64_t>(point.ts_ns);
-    put_time_change(writer, step_ns - step_before_ns);
-    const uint64_t value_before = value;
-    value = std::bit_cast<uint64_t>(point.value);
-    put_value_change(writer, value ^ value_before, window);
-  }
-  return writer.n_bytes();
-}
 
 SealedPoints::SealedPoints(const char *bytes, size_t size, size_t n) : bytes_(bytes), size_(size), n_left_(n) {}
 

@@ -1,4 +1,5 @@
-// The sealed form of a run of points: an encoding of consecutive points of one series, in order of arrival.
+// A run of points: the encoding of consecutive points of one series, in order of arrival, that earlier versions wrote. Blocks
+// (point_block.h) have replaced it. Values are real numbers.
 //
 // A run is a string of bits. Its length and its number of points are stored elsewhere. Bits fill a byte from the lowest
 // bit on, and a number begins with its lowest bit. Unused bits of the last byte are zero.
@@ -27,21 +28,6 @@
 #include "codec/point.h"
 
 namespace metricdb {
-
-inline constexpr size_t MAX_SEALED_POINTS = 65'535;
-
-// Upper bound of the bytes for n points. Bits are written in words, so one word is added to the maximum number of bits.
-constexpr size_t max_sealed_bytes(size_t n) {
-  constexpr size_t MAX_TIME_BITS = 1 + 4 + 64;
-  constexpr size_t MAX_VALUE_BITS = 2 + 5 + 6 + 64;
-  return (n * (MAX_TIME_BITS + MAX_VALUE_BITS) + 7) / 8 + sizeof(uint64_t);
-}
-
-// Seals the n points at `points`, 16 bytes each, at any alignment. Writes to `out`, which has room for
-// max_sealed_bytes(n), and returns the number of bytes.
-//
-// n  1 to MAX_SEALED_POINTS.
-size_t seal_points(const char *points, size_t n, char *out);
 
 // The bits of a value that are written: `width` bits after `lead` bits from the top. Width 0: no window yet.
 struct ValueWindow {

@@ -11,13 +11,19 @@
 namespace metricdb {
 namespace {
 
-std::string shown(int64_t ts_ns, double value) {
-  return fmt::format("{} at {}", value, ts_ns);
+std::string shown(const Point &point, ValueType type) {
+  return type == ValueType::integer ? fmt::format("{}i at {}", integer_of(point), point.ts_ns)
+                                    : fmt::format("{} at {}", point.value, point.ts_ns);
+}
+
+Point point_of(const ReferencePoint &expected, ValueType type) {
+  return type == ValueType::integer ? integer_point(expected.ts_ns, expected.integer.value_or(0))
+                                    : Point{expected.ts_ns, expected.value};
 }
 
 // Compares bits, because 0 and -0 differ.
-bool same(double a, double b) {
-  return std::bit_cast<uint64_t>(a) == std::bit_cast<uint64_t>(b);
+bool same(const Point &a, const Point &b) {
+  return a.ts_ns == b.ts_ns && std::bit_cast<uint64_t>(a.value) == std::bit_cast<uint64_t>(b.value);
 }
 
 }  // namespace
@@ -49,28 +55,39 @@ bool Check::is_retained(int64_t ts_ns) const {
          static_cast<uint64_t>(newest_ns_) - static_cast<uint64_t>(ts_ns) <= static_cast<uint64_t>(retain_ns_);
 }
 
+// Whether a series of integers gets a real number, so that the line is refused.
+bool Check::has_wrong_type(const std::vector<ReferencePoint> &points) const {
+  return std::any_of(points.begin(), points.end(), [this](const ReferencePoint &point) {
+    const auto entry = series_.find(point.key);
+    return entry != series_.end() && entry->second.cursor.type() == ValueType::integer && !point.integer;
+  });
+}
+
 void Check::compare(std::string_view text) {
   std::string_view line;
   while (next_reference_line(text, line)) {
-    for (const ReferencePoint &expected : reference_points(line, ns_per_unit_, now_ns_)) {
+    const std::vector<ReferencePoint> points = reference_points(line, ns_per_unit_, now_ns_);
+    if (has_wrong_type(points)) continue;
+    for (const ReferencePoint &expected : points) {
       if (!is_retained(expected.ts_ns)) continue;
       const auto entry = series_.find(expected.key);
       if (entry == series_.end()) {
         add_difference(fmt::format("series \"{}\": expected {}, found no such series", expected.key,
-                                   shown(expected.ts_ns, expected.value)));
+                                   shown(point_of(expected, ValueType::real), ValueType::real)));
         continue;
       }
       Series &series = entry->second;
+      const ValueType type = series.cursor.type();
+      const Point wanted = point_of(expected, type);
       Point found;
       const uint64_t index = series.n_seen;
       const bool is_found = series.cursor.next(found);
       series.n_seen += is_found ? 1 : 0;
-      if (is_found && found.ts_ns == expected.ts_ns && same(found.value, expected.value))
+      if (is_found && same(found, wanted))
         ++n_matching_;
       else
         add_difference(fmt::format("series \"{}\", point {}: expected {}, found {}", expected.key, index,
-                                   shown(expected.ts_ns, expected.value),
-                                   is_found ? shown(found.ts_ns, found.value) : "none"));
+                                   shown(wanted, type), is_found ? shown(found, type) : "none"));
     }
   }
 }
@@ -79,7 +96,7 @@ void Check::finish() {
   for (auto &[key, series] : series_) {
     for (Point found; series.cursor.next(found); ++series.n_seen)
       add_difference(fmt::format("series \"{}\", point {}: expected none, found {}", key, series.n_seen,
-                                 shown(found.ts_ns, found.value)));
+                                 shown(found, series.cursor.type())));
     if (series.n_seen == 0) add_difference(fmt::format("series \"{}\": expected none, found one without points", key));
     if (series.cursor.n_passed() != series.n_stored)
       add_difference(fmt::format("series \"{}\": the catalogue counts {} points, the chunks hold {}", key,

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "codec/line_protocol.h"
+#include "extra/reference_reader.h"
 #include "store/store.h"
 
 namespace metricdb {
@@ -47,6 +48,7 @@ class Check {
   };
 
   bool is_retained(int64_t ts_ns) const;
+  bool has_wrong_type(const std::vector<ReferencePoint> &points) const;
   void add_difference(std::string text);
 
   const int64_t ns_per_unit_;

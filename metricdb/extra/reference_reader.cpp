@@ -128,12 +128,11 @@ int64_t integer_of(const std::string &text) {
   return value;
 }
 
-double unsigned_of(const std::string &text) {
-  if (!is_integer(text, false)) throw MalformedLine();
-  errno = 0;
-  const unsigned long long value = std::strtoull(text.c_str(), nullptr, 10);
-  if (errno != 0) throw MalformedLine();
-  return static_cast<double>(value);
+// With the suffix of an integer.
+std::optional<int64_t> suffixed_integer_of(const std::string &word) {
+  if (!word.ends_with('i') && !word.ends_with('u')) return std::nullopt;
+  if (word.ends_with('u') && word.starts_with('-')) throw MalformedLine();
+  return integer_of(word.substr(0, word.size() - 1));
 }
 
 double value_of(const std::string &word) {
@@ -141,8 +140,6 @@ double value_of(const std::string &word) {
   static const std::set<std::string> no = {"f", "F", "false", "False", "FALSE"};
   if (yes.contains(word)) return 1.0;
   if (no.contains(word)) return 0.0;
-  if (word.ends_with('i')) return static_cast<double>(integer_of(word.substr(0, word.size() - 1)));
-  if (word.ends_with('u')) return unsigned_of(word.substr(0, word.size() - 1));
   if (!is_decimal(word)) throw MalformedLine();
   errno = 0;
   const double value = std::strtod(word.c_str(), nullptr);
@@ -163,9 +160,11 @@ std::vector<ReferencePoint> read_points(Bytes &bytes, int64_t ns_per_unit, int64
       bytes.skip_string();
       continue;
     }
-    const double value = value_of(bytes.read_word());
+    const std::string word = bytes.read_word();
+    const std::optional<int64_t> integer = suffixed_integer_of(word);
+    const double value = integer ? static_cast<double>(*integer) : value_of(word);
     if (key.size() > MAX_KEY_BYTES) throw MalformedLine();
-    points.push_back({std::move(key), now_ns, value});
+    points.push_back({std::move(key), now_ns, value, integer});
   } while (bytes.skip_if(','));
   bytes.skip_blanks();
   if (bytes.done()) return points;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -13,6 +14,7 @@ struct ReferencePoint {
   std::string key;
   int64_t ts_ns;
   double value;
+  std::optional<int64_t> integer = {};  // the value, if it is written as an integer
 };
 
 // Removes the next line from the front of `text`, and sets `line` without its line end. Returns false at the end.

@@ -2,10 +2,7 @@
 
 #include <fmt/format.h>
 #include <sys/epoll.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
 #include <tslb/tslb_util_common.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -29,10 +26,16 @@ bool is_temporary(int error) {
 
 }  // namespace
 
+std::optional<TlsContext> Hub::tls_of(const ServerOptions &options) {
+  if (options.tls_certificate_file.empty()) return std::nullopt;
+  return TlsContext::of_server(options.tls_certificate_file, options.tls_key_file);
+}
+
 IngestResult Hub::take(std::string_view text, Precision precision) {
   IngestResult result;
   try {
-    result = ingest.take(text, precision);
+    if (ingest == nullptr) throw IngestRefused(why_not_writable());
+    result = ingest->take(text, precision);
   } catch (const IngestRefused &) {
     refused.add(1);
     throw;
@@ -49,17 +52,33 @@ IngestResult Hub::take(std::string_view text, Precision precision) {
   return result;
 }
 
+std::string Hub::why_not_writable() const {
+  if (ingest != nullptr) return ingest->why_not_writable();
+  return fmt::format("starting: the database is being opened, {} % are read", opened_percent.load());
+}
+
+void Hub::count(const QueryWorkers::Done &done) {
+  Counter &result = done.result == QueryResult::answered ? queries_answered
+                    : done.result == QueryResult::failed ? queries_failed
+                                                         : queries_interrupted;
+  result.add(1);
+  query_times.add(done.duration);
+}
+
 Connection::Connection(int fd, Hub &hub)
-    : fd_(fd), hub_(hub), input_(hub.blocks), last_activity_(hub.now), request_begin_(hub.now) {}
+    : hub_(hub),
+      transport_(fd, hub.tls ? &*hub.tls : nullptr),
+      input_(hub.blocks),
+      last_activity_(hub.now),
+      request_begin_(hub.now) {}
 
 Connection::~Connection() {
   hub_.closed.add(1);
   hub_.query_bytes -= query_bytes_;
-  close(fd_);
 }
 
 void Connection::log(const std::string &what, LogTopic topic) const {
-  hub_.log.add(topic, hub_.now, fmt::format("{}: {}", tslb_get_dest_addr_ex(fd_, 1), what));
+  hub_.log.add(topic, hub_.now, fmt::format("{}: {}", tslb_get_dest_addr_ex(fd(), 1), what));
 }
 
 void Connection::close_with_error(const char *why) {
@@ -82,7 +101,8 @@ bool Connection::is_held() const {
 }
 
 void Connection::on_events(uint32_t events) {
-  if ((events & (EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) is_readable_ = true;
+  const bool is_unblocked = (events & EPOLLOUT) != 0 && transport_.receives_after_sending();
+  if (is_unblocked || (events & (EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) is_readable_ = true;
   if ((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) is_hung_up_ = true;
   if ((events & (EPOLLHUP | EPOLLERR)) != 0 && is_closing_) is_broken_ = true;
 }
@@ -99,6 +119,7 @@ void Connection::process() {
   // The limits left bytes that may be complete requests.
   is_deferred_ = !input_.empty() && !is_input_over_ && !is_within_limits();
   if (is_closing_) discard();
+  if (is_hung_up_ || is_peer_done_) on_hung_up();
   send_answers();
 }
 
@@ -107,12 +128,11 @@ void Connection::receive() {
   if (!input_.make_room(room_wanted())) return refuse_room();
   size_t max_bytes = std::min(input_.room(), MAX_READ_BYTES);
   if (is_draining_) max_bytes = std::min(max_bytes, drain_left_);
-  const ssize_t got = recv(fd_, input_.tail(), max_bytes, 0);
+  const ssize_t got = transport_.receive(input_.tail(), max_bytes);
   if (got > 0) {
     on_received(static_cast<size_t>(got));
-    // Fewer bytes than requested: the socket is empty, and the next byte causes an event. A pending close has caused
-    // its event already, so then it stays readable.
-    if (static_cast<size_t>(got) < max_bytes && !is_hung_up_ && !is_draining_) is_readable_ = false;
+    // The next byte causes an event. A pending close has caused its event already, so then it stays readable.
+    if (transport_.is_emptied() && !is_hung_up_ && !is_draining_) is_readable_ = false;
     return;
   }
   input_.drop_front(0);
@@ -126,8 +146,16 @@ void Connection::receive() {
     is_readable_ = false;
     if (is_draining_) end_input();
   } else {
-    is_broken_ = true;
+    on_error();
   }
+}
+
+void Connection::on_error() {
+  if (!transport_.tls_failure().empty()) {
+    hub_.tls_failed.add(1);
+    close_with_error(("TLS failed: " + transport_.tls_failure()).c_str());
+  }
+  is_broken_ = true;
 }
 
 void Connection::on_received(size_t n) {
@@ -198,7 +226,7 @@ void Connection::send_answers() {
 
 void Connection::send_out() {
   while (!out_.empty() && !is_broken_) {
-    const ssize_t sent = send(fd_, out_.data() + out_sent_, out_.size() - out_sent_, MSG_NOSIGNAL);
+    const ssize_t sent = transport_.send(out_.data() + out_sent_, out_.size() - out_sent_);
     if (sent < 0) {
       is_broken_ = !is_temporary(errno);
       return;
@@ -215,12 +243,11 @@ void Connection::send_out() {
 // Closing a socket with unread bytes resets the connection, and the peer may lose the answers. So only the sending side
 // is closed first, and received bytes are discarded until the peer closes its side or a time limit is reached.
 void Connection::begin_close() {
-  int unread = 0;
-  const bool has_read_all = ioctl(fd_, FIONREAD, &unread) == 0 && unread == 0 && input_.empty() && !is_inside_request();
+  const bool has_read_all = transport_.unread_bytes() == 0 && input_.empty() && !is_inside_request();
   if (is_draining_ && has_read_all) is_peer_done_ = true;
   if (is_peer_done_) return;
   input_.drop_front(input_.size());
-  if (shutdown(fd_, SHUT_WR) != 0) is_broken_ = true;
+  if (!transport_.end_sending()) is_broken_ = true;
   is_closing_ = true;
   is_readable_ = true;
   last_activity_ = request_begin_ = hub_.now;
@@ -228,7 +255,7 @@ void Connection::begin_close() {
 
 void Connection::discard() {
   if (!is_readable_) return;
-  const ssize_t got = recv(fd_, nullptr, MAX_READ_BYTES, MSG_TRUNC);
+  const ssize_t got = transport_.discard(MAX_READ_BYTES);
   if (got == 0) is_peer_done_ = true;
   if (got < 0 && is_temporary(errno)) is_readable_ = false;
   if (got < 0 && !is_temporary(errno)) is_broken_ = true;
@@ -246,6 +273,8 @@ void Connection::check_time() {
     last_activity_ = request_begin_ = hub_.now;
   } else if (silence > hub_.options.idle_timeout) {
     close_with_error("idle");
+  } else if (transport_.is_in_handshake() && hub_.now - request_begin_ > hub_.options.request_timeout) {
+    close_with_error("the handshake of TLS was not completed in time");
   } else if (is_inside_request() && hub_.now - request_begin_ > hub_.options.request_timeout) {
     close_with_error("a request was not completed in time");
   }
@@ -257,10 +286,9 @@ Clock::duration Connection::stalled_for() const {
 }
 
 void Connection::drain() {
-  int unread = 0;
   is_draining_ = true;
   last_activity_ = hub_.now;
-  drain_left_ = ioctl(fd_, FIONREAD, &unread) == 0 ? static_cast<size_t>(unread) : 0;
+  drain_left_ = transport_.unread_bytes();
   is_readable_ = true;
 }
 

@@ -9,16 +9,19 @@
 #include <chrono>
 #include <deque>
 #include <limits>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
+#include "net/access.h"
 #include "net/bytes.h"
 #include "net/limited_log.h"
 #include "net/metrics.h"
 #include "net/server.h"
+#include "net/transport.h"
 #include "store/ingest.h"
 
 namespace metricdb {
@@ -37,20 +40,31 @@ class Counter {
 
 // Shared by the connections of a server.
 struct Hub {
-  Hub(const ServerOptions &server_options, Ingest &target)
+  explicit Hub(const ServerOptions &server_options)
       : options(server_options),
-        ingest(target),
         blocks(server_options.max_buffered_bytes),
+        access(options.user_file),
+        tls(tls_of(options)),
         queries(options.query, options.n_query_threads, options.max_waiting_queries, options.max_query_time),
         backups(server_options.backup, 1, 1, server_options.max_query_time),
         log(server_options.max_log_lines, server_options.log_interval) {}
 
-  // Passes lines to the Ingest and counts the result. Throws IngestRefused.
+  // None without a certificate. Throws TlsError.
+  static std::optional<TlsContext> tls_of(const ServerOptions &options);
+
+  // Passes lines to the Ingest and counts the result. Throws IngestRefused, also while there is none.
   IngestResult take(std::string_view text, Precision precision);
+  void count(const QueryWorkers::Done &done);
+  IngestFigures figures() const { return ingest != nullptr ? ingest->figures() : IngestFigures(); }
+  // As the function of the Ingest.
+  std::string why_not_writable() const;
 
   const ServerOptions options;
-  Ingest &ingest;
+  Ingest *ingest = nullptr;                  // null while the database is being opened
+  std::atomic<unsigned> opened_percent = 0;  // set by another thread
   BlockPool blocks;
+  Access access;
+  std::optional<TlsContext> tls;
   Clock::time_point now;        // the time of the current round
   size_t unanswered_bytes = 0;  // passed to the Ingest and not settled
   size_t open_bytes = 0;        // of these, not committed yet
@@ -63,7 +77,10 @@ struct Hub {
   LimitedLog log;
   DurationHistogram batch_times;
   Counter accepted, closed, turned_away, stalled, requests, bytes, points, malformed, late, future, no_room, slow;
+  Counter tls_failed;
   Counter refused, lost;  // lost: refused because their batch was
+  DurationHistogram query_times;
+  Counter queries_answered, queries_failed, queries_refused, queries_interrupted;
 };
 
 // Tickets of refused batches that were just settled, each with its reason.
@@ -76,7 +93,7 @@ class Connection {
   Connection(const Connection &) = delete;
   Connection &operator=(const Connection &) = delete;
 
-  int fd() const { return fd_; }
+  int fd() const { return transport_.fd(); }
 
   void on_events(uint32_t events);
   // Receives once, processes complete requests, and sends answers.
@@ -127,6 +144,8 @@ class Connection {
   // Returns the text of the answer to a query of this connection. Called once for each, in the order of the answers.
   virtual std::string text_of(uint64_t query, const QueryAnswer &answer) = 0;
   virtual void on_input_end() {}
+  // The peer has closed its side of the connection, or both. Can be called several times.
+  virtual void on_hung_up() {}
 
   Hub &hub() { return hub_; }
   const Hub &hub() const { return hub_; }
@@ -144,14 +163,15 @@ class Connection {
  private:
   void check_speed(const PendingAnswer &answer);
   void receive();
+  void on_error();
   void on_received(size_t n);
   void send_answers();
   void send_out();
   void begin_close();
   void discard();
 
-  const int fd_;
   Hub &hub_;
+  Transport transport_;
   ByteBuffer input_;
   std::deque<PendingAnswer> pending_;
   size_t pending_bytes_ = 0;

@@ -29,6 +29,7 @@ std::string answer_text(const HttpAnswer &answer, http_method method, bool keep_
   std::string text = fmt::format("HTTP/1.1 {} {}\r\nX-Influxdb-Build: OSS\r\nX-Influxdb-Version: 1.8-metricdb\r\n",
                                  static_cast<int>(answer.status), http_status_str(answer.status));
   if (!answer.error.empty()) text += fmt::format("X-Influxdb-Error: {}\r\n", as_header_value(answer.error));
+  if (answer.status == HTTP_STATUS_UNAUTHORIZED) text += "WWW-Authenticate: Basic realm=\"metricdb\"\r\n";
   if (!answer.allow.empty()) text += fmt::format("Allow: {}\r\n", answer.allow);
   if (!keep_alive) text += "Connection: close\r\n";
   if (keep_alive && is_http_1_0) text += "Connection: keep-alive\r\n";
@@ -91,11 +92,11 @@ void HttpReader::done(ByteBuffer &input) {
 }
 
 bool HttpReader::is_asked_to_continue(const ByteBuffer &input) const {
-  return is_head_whole_ && !is_whole_ && input.empty() && !request_.expect.empty() && !request_.is_http_1_0;
+  return has_head_only() && input.empty() && !request_.expect.empty() && !request_.is_http_1_0;
 }
 
 size_t HttpReader::room_wanted(const ByteBuffer &input) const {
-  if (!is_head_whole_ || is_whole_) return BlockPool::MIN_BYTES / 2;
+  if (!has_head_only()) return BlockPool::MIN_BYTES / 2;
   if ((parser_.flags & F_CHUNKED) != 0) return std::max(input.size(), BlockPool::MIN_BYTES / 2);
   // Room follows the bytes that have arrived, because a client can announce a large body and send nothing. The parser
   // decrements content_length while it parses the body.
@@ -123,8 +124,8 @@ bool HttpReader::fits_head(size_t n) {
 
 int HttpReader::on_begin() {
   request_.target.clear();
-  for (std::string *header : {&request_.content_encoding, &request_.content_type, &request_.expect, &request_.accept,
-                              &request_.transfer_encoding})
+  for (std::string *header : {&request_.authorization, &request_.content_encoding, &request_.content_type,
+                              &request_.expect, &request_.accept, &request_.transfer_encoding})
     header->clear();
   header_name_.clear();
   head_bytes_ = 0;
@@ -151,6 +152,7 @@ int HttpReader::on_header_value(std::string_view piece) {
   if (!std::exchange(is_in_header_value_, true)) {
     header_ = header_name_ == "content-encoding"    ? &request_.content_encoding
               : header_name_ == "content-type"      ? &request_.content_type
+              : header_name_ == "authorization"     ? &request_.authorization
               : header_name_ == "expect"            ? &request_.expect
               : header_name_ == "accept"            ? &request_.accept
               : header_name_ == "transfer-encoding" ? &request_.transfer_encoding
@@ -160,7 +162,7 @@ int HttpReader::on_header_value(std::string_view piece) {
     if (header_ != nullptr && !header_->empty()) *header_ += ',';
   }
   if (header_ != nullptr)
-    for (const char byte : piece) *header_ += lower(byte);
+    for (const char byte : piece) *header_ += header_ == &request_.authorization ? byte : lower(byte);
   return 0;
 }
 

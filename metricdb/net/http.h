@@ -16,7 +16,8 @@ namespace metricdb {
 struct HttpRequest {
   http_method method = HTTP_GET;
   std::string target;  // as on the request line
-  // Values of headers, in lower case. If a header is repeated, they are joined by commas.
+  std::string authorization;
+  // Values of headers, in lower case. If a header is repeated, they are joined by commas, as above.
   std::string content_encoding;
   std::string content_type;
   std::string expect;
@@ -31,6 +32,7 @@ struct HttpAnswer {
   http_status status = HTTP_STATUS_NO_CONTENT;
   std::string json;   // the body, of another type if content_type says so; none if empty
   std::string error;  // the error in one line, for the header
+  std::string log;    // a line for the log; none if empty
   std::string allow;  // with METHOD_NOT_ALLOWED: the allowed methods
   std::string content_type = "application/json";
 };
@@ -59,6 +61,8 @@ class HttpReader {
   const HttpAnswer &refusal() const { return refusal_; }
 
   bool is_inside_request() const { return is_begun_; }
+  // The header is complete, and the body is not.
+  bool has_head_only() const { return is_head_whole_ && !is_whole_; }
   // The header is complete, and the client waits for permission to send the body.
   bool is_asked_to_continue(const ByteBuffer &input) const;
   // Room that the buffer should have for the next bytes.

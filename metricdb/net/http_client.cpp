@@ -2,14 +2,19 @@
 
 #include <fmt/format.h>
 #include <netdb.h>
+#include <netinet/in.h>
+#include <openssl/evp.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cctype>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
 
-#include "net/descriptor.h"
+#include "net/transport.h"
 
 namespace metricdb {
 namespace {
@@ -18,7 +23,13 @@ namespace {
   throw HttpClientError(fmt::format("{}: {}", server, why));
 }
 
-int connected(const std::string &server) {
+bool is_loopback(const addrinfo &address) {
+  const auto *const ipv4 = reinterpret_cast<const sockaddr_in *>(address.ai_addr);
+  return ntohl(ipv4->sin_addr.s_addr) >> 24 == IN_LOOPBACKNET;
+}
+
+// needs_privacy  whether the connection carries a password in clear.
+int connected(const std::string &server, bool needs_privacy) {
   const size_t colon = server.rfind(':');
   if (colon == server.npos) fail(server, "not ADDRESS:PORT");
   addrinfo hints = {};
@@ -28,6 +39,7 @@ int connected(const std::string &server) {
   const int error = getaddrinfo(server.substr(0, colon).c_str(), server.substr(colon + 1).c_str(), &hints, &found);
   if (error != 0) fail(server, gai_strerror(error));
   const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> addresses(found, freeaddrinfo);
+  if (needs_privacy && !is_loopback(*addresses)) fail(server, "others could read the password; use https://");
   const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0 || connect(fd, addresses->ai_addr, addresses->ai_addrlen) != 0) {
     const int why = errno;
@@ -37,26 +49,47 @@ int connected(const std::string &server) {
   return fd;
 }
 
-void send_all(const std::string &server, int fd, std::string_view text) {
+[[noreturn]] void fail(const std::string &server, const Transport &transport) {
+  const char *const system = std::strerror(errno);
+  fail(server, transport.tls_failure().empty() ? system : transport.tls_failure().c_str());
+}
+
+void send_all(const std::string &server, Transport &transport, std::string_view text) {
   while (!text.empty()) {
-    const ssize_t sent = send(fd, text.data(), text.size(), MSG_NOSIGNAL);
+    const ssize_t sent = transport.send(text.data(), text.size());
     if (sent < 0 && errno == EINTR) continue;
-    if (sent < 0) fail(server, std::strerror(errno));
+    if (sent < 0) fail(server, transport);
     text.remove_prefix(static_cast<size_t>(sent));
   }
 }
 
-std::string received(const std::string &server, int fd) {
+std::string received(const std::string &server, Transport &transport) {
   std::string text;
   char bytes[65536];
   for (;;) {
-    const ssize_t got = recv(fd, bytes, sizeof bytes, 0);
+    const ssize_t got = transport.receive(bytes, sizeof bytes);
     if (got == 0) return text;
     if (got > 0)
       text.append(bytes, static_cast<size_t>(got));
     else if (errno != EINTR)
-      fail(server, std::strerror(errno));
+      fail(server, transport);
   }
+}
+
+std::string base64(const std::string &text) {
+  std::string encoded((text.size() + 2) / 3 * 4 + 1, '\0');
+  encoded.resize(static_cast<size_t>(EVP_EncodeBlock(reinterpret_cast<unsigned char *>(encoded.data()),
+                                                     reinterpret_cast<const unsigned char *>(text.data()),
+                                                     static_cast<int>(text.size()))));
+  return encoded;
+}
+
+// Removes the scheme. Returns whether it is https.
+bool remove_scheme(std::string &address) {
+  const bool is_https = address.starts_with("https://");
+  if (is_https || address.starts_with("http://")) address.erase(0, address.find("//") + 2);
+  if (address.ends_with('/')) address.pop_back();
+  return is_https;
 }
 
 }  // namespace
@@ -72,14 +105,28 @@ std::string url_encoded(std::string_view text) {
 }
 
 // With HTTP/1.0 the server closes the connection after the answer.
-FetchedAnswer fetch(const std::string &server, std::string_view target, std::string_view accept,
+FetchedAnswer fetch(const HttpServer &server, std::string_view target, std::string_view accept,
                     std::string_view method) {
-  const Descriptor connection(connected(server));
-  send_all(server, connection.get(), fmt::format("{} {} HTTP/1.0\r\nAccept: {}\r\n\r\n", method, target, accept));
-  const std::string text = received(server, connection.get());
+  std::string address = server.address;
+  const bool is_https = remove_scheme(address);
+  std::optional<TlsContext> tls;
+  if (is_https) tls = TlsContext::of_client(server.ca_file);
+  Transport transport(connected(address, !is_https && !server.password.empty()), tls ? &*tls : nullptr,
+                      address.substr(0, address.rfind(':')));
+  std::string request = fmt::format("{} {} HTTP/1.0\r\nAccept: {}\r\n", method, target, accept);
+  if (!server.user.empty())
+    request += fmt::format("Authorization: Basic {}\r\n", base64(server.user + ':' + server.password));
+  send_all(server.address, transport, request + "\r\n");
+  const std::string text = received(server.address, transport);
   const size_t head_end = text.find("\r\n\r\n");
-  if (!text.starts_with("HTTP/1.") || head_end == text.npos) fail(server, "the answer is no HTTP");
-  return {std::atoi(text.c_str() + std::strlen("HTTP/1.1 ")), text.substr(head_end + 4)};
+  if (!text.starts_with("HTTP/1.") || head_end == text.npos) fail(server.address, "the answer is no HTTP");
+  FetchedAnswer answer = {std::atoi(text.c_str() + std::strlen("HTTP/1.1 ")), text.substr(head_end + 4)};
+  // The end of a connection does not say that the answer is complete.
+  const size_t length = text.find("\r\nContent-Length: ");
+  if (length < head_end &&
+      std::strtoull(&text[length + std::strlen("\r\nContent-Length: ")], nullptr, 10) != answer.body.size())
+    fail(server.address, "the answer is incomplete");
+  return answer;
 }
 
 }  // namespace metricdb

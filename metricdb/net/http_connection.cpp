@@ -2,22 +2,36 @@
 
 #include <fmt/format.h>
 
+#include <utility>
 #include <variant>
 
 namespace metricdb {
+
+HttpConnection::~HttpConnection() {
+  for (const auto &[id, form] : queries_) {
+    hub().query_fds.erase(id);
+    hub().queries.interrupt(id);
+  }
+}
+
+// A client that ends while it waits closes its side in the same way as one that only sends nothing more. The first kind is
+// common, and its queries would delay others.
+void HttpConnection::on_hung_up() {
+  for (const auto &[id, form] : queries_) hub().queries.interrupt(id);
+}
 
 void HttpConnection::consume() {
   while (is_within_limits()) {
     switch (reader_.read(input())) {
       case HttpReader::Outcome::more:
-        if (!is_continued_ && reader_.is_asked_to_continue(input())) answer_expectation();
+        if (reader_.has_head_only()) check_head();
         return;
       case HttpReader::Outcome::refused:
         return refuse_connection(reader_.refusal());
       case HttpReader::Outcome::request:
         answer_request();
         if (!reader_.request().keep_alive) end_input();
-        is_continued_ = false;
+        is_head_checked_ = is_continued_ = false;
         reader_.done(input());
         begin_next_request();
     }
@@ -27,21 +41,26 @@ void HttpConnection::consume() {
 void HttpConnection::answer_request() {
   hub().requests.add(1);
   const auto routed = api_.route(reader_.request());
-  if (const auto *request = std::get_if<WriteRequest>(&routed))
+  if (const auto *request = std::get_if<WriteRequest>(&routed)) {
     write(*request);
-  else if (const auto *query = std::get_if<QueryRequest>(&routed))
+  } else if (const auto *query = std::get_if<QueryRequest>(&routed)) {
     begin_query(*query);
-  else if (const auto *backup = std::get_if<BackupRequest>(&routed))
+  } else if (const auto *backup = std::get_if<BackupRequest>(&routed)) {
     begin_backup(*backup);
-  else
-    queue_answer(std::get<HttpAnswer>(routed));
+  } else {
+    const HttpAnswer &answer = std::get<HttpAnswer>(routed);
+    if (!answer.log.empty()) log(answer.log, LogTopic::denials);
+    queue_answer(answer);
+  }
 }
 
 void HttpConnection::begin_query(const QueryRequest &query) {
   if (!hub().options.query) return queue_answer(error_answer(HTTP_STATUS_NOT_IMPLEMENTED, "queries are not answered"));
   const uint64_t id = ++hub().last_query;
-  if (hub().query_bytes > hub().options.max_query_bytes || !hub().queries.submit(id, query))
+  if (hub().query_bytes > hub().options.max_query_bytes || !hub().queries.submit(id, query)) {
+    hub().queries_refused.add(1);
     return queue_answer(error_answer(HTTP_STATUS_SERVICE_UNAVAILABLE, "too many queries wait, try again"));
+  }
   wait_for_query(id);
 }
 
@@ -109,6 +128,12 @@ void HttpConnection::write_lines(std::string_view lines, Precision precision) {
   }
 }
 
+void HttpConnection::check_head() {
+  if (!std::exchange(is_head_checked_, true))
+    if (const auto denial = api_.denial_of_head(reader_.request())) return refuse_connection(*denial);
+  if (!is_continued_ && reader_.is_asked_to_continue(input())) answer_expectation();
+}
+
 void HttpConnection::answer_expectation() {
   if (const auto answer = InfluxApi::answer_to_head(reader_.request())) return refuse_connection(*answer);
   is_continued_ = true;
@@ -117,7 +142,10 @@ void HttpConnection::answer_expectation() {
 
 void HttpConnection::refuse_connection(const HttpAnswer &answer) {
   hub().requests.add(1);
-  log(answer.error + "; connection closed");
+  if (answer.log.empty())
+    log(answer.error + "; connection closed");
+  else
+    log(answer.log + "; connection closed", LogTopic::denials);
   end_input();
   const HttpAnswer with_body = answer.json.empty() ? error_answer(answer.status, answer.error) : answer;
   queue({0, 0, answer_text(with_body, HTTP_POST, false, false)});

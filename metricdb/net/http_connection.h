@@ -15,6 +15,7 @@ class HttpConnection : public Connection {
  public:
   HttpConnection(int fd, Hub &hub, InfluxApi &api, Gunzip &gunzip)
       : Connection(fd, hub), api_(api), gunzip_(gunzip), reader_(hub.options.max_body_bytes) {}
+  ~HttpConnection() override;
 
  protected:
   void consume() override;
@@ -23,12 +24,14 @@ class HttpConnection : public Connection {
   void refuse_room() override;
   void refuse(PendingAnswer &answer, const std::string &reason) override;
   std::string text_of(uint64_t query, const QueryAnswer &answer) override;
+  void on_hung_up() override;
 
  private:
   void answer_request();
   void write(const WriteRequest &write);
   void write_lines(std::string_view lines, Precision precision);
   void begin_query(const QueryRequest &query);
+  void check_head();
   void begin_backup(const BackupRequest &backup);
   // Queues the answer of a query or a backup, which follows later.
   void wait_for_query(uint64_t id);
@@ -45,7 +48,9 @@ class HttpConnection : public Connection {
     bool keep_alive, is_http_1_0;
   };
   std::unordered_map<uint64_t, Form> queries_;
-  bool is_continued_ = false;  // the body of the current request was requested
+  // Of the current request:
+  bool is_head_checked_ = false;  // its sender may send a body
+  bool is_continued_ = false;     // the body was requested
 };
 
 }  // namespace metricdb

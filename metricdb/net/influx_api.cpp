@@ -8,6 +8,8 @@
 #include <optional>
 #include <utility>
 
+#include "codec/printable.h"
+
 namespace metricdb {
 namespace {
 
@@ -81,6 +83,11 @@ std::optional<Precision> precision_of(std::string_view unit) {
   return std::nullopt;
 }
 
+std::optional<Credentials> credentials_of(const HttpRequest &request, std::string_view arguments) {
+  const std::string name = argument(arguments, "u").value_or(""), password = argument(arguments, "p").value_or("");
+  return name.empty() || password.empty() ? basic_credentials(request.authorization) : Credentials{name, password};
+}
+
 HttpAnswer not_allowed(const char *methods) {
   HttpAnswer answer = error_answer(HTTP_STATUS_METHOD_NOT_ALLOWED, fmt::format("allowed methods: {}", methods));
   answer.allow = methods;
@@ -147,6 +154,42 @@ HttpAnswer answer_to(const IngestResult &result) {
                                   result.n_skipped()));
 }
 
+std::optional<HttpAnswer> InfluxApi::denial(const HttpRequest &request, std::string_view arguments, Right right) {
+  if (!access_.has_users()) return std::nullopt;
+  const std::optional<Credentials> credentials = credentials_of(request, arguments);
+  const Access::Outcome outcome = access_.check(credentials, right);
+  if (outcome == Access::Outcome::allowed) return std::nullopt;
+  const std::string who =
+      credentials ? fmt::format("user \"{}\"", printable(credentials->name)) : "a request without a user";
+  HttpAnswer answer;
+  switch (outcome) {
+    case Access::Outcome::allowed:
+    case Access::Outcome::unknown:
+      ++denied_.unknown;
+      answer = error_answer(HTTP_STATUS_UNAUTHORIZED,
+                            credentials ? "authorization failed" : "unable to parse authentication credentials");
+      answer.log = who + " was denied: " + (credentials ? "wrong name or password" : "this server has users");
+      break;
+    case Access::Outcome::forbidden:
+      ++denied_.forbidden;
+      answer = error_answer(HTTP_STATUS_FORBIDDEN,
+                            fmt::format("{} is not authorized to {}", who, right == Right::read ? "read" : "write"));
+      answer.log = answer.error;
+      break;
+    case Access::Outcome::busy:
+      ++denied_.busy;
+      answer = error_answer(HTTP_STATUS_SERVICE_UNAVAILABLE, "too many passwords are being checked, try again");
+      answer.log = who + " was denied: " + answer.error;
+  }
+  return answer;
+}
+
+std::optional<HttpAnswer> InfluxApi::denial_of_head(const HttpRequest &request) {
+  const std::optional<Target> target = target_of(request);
+  if (!target || (target->path != "/write" && target->path != "/query")) return std::nullopt;
+  return denial(request, target->arguments, target->path == "/write" ? Right::write : Right::any);
+}
+
 std::optional<HttpAnswer> InfluxApi::answer_to_head(const HttpRequest &request) {
   const std::optional<Target> target = target_of(request);
   if (!target || target->path != "/write") return std::nullopt;
@@ -159,16 +202,25 @@ RoutedRequest InfluxApi::route(const HttpRequest &request) {
   const std::optional<Target> target = target_of(request);
   if (!target) return error_answer(HTTP_STATUS_BAD_REQUEST, "the target of the request is not a URL");
   const bool reads = request.method == HTTP_GET || request.method == HTTP_HEAD;
-  if (target->path == "/write") return route_write(request, target->arguments);
+  const auto denied = [&](Right right) { return denial(request, target->arguments, right); };
+  if (target->path == "/write") {
+    if (auto answer = denied(Right::write)) return *std::move(answer);
+    return route_write(request, target->arguments);
+  }
   if (target->path == "/query")
     return reads || request.method == HTTP_POST ? query(request, target->arguments)
                                                 : RoutedRequest(not_allowed("GET, POST"));
-  if (target->path == "/backup")
+  if (target->path == "/backup") {
+    if (auto answer = denied(Right::write)) return *std::move(answer);
     return request.method == HTTP_POST ? RoutedRequest(BackupRequest{argument(target->arguments, "name").value_or("")})
                                        : RoutedRequest(not_allowed("POST"));
+  }
   if (target->path == "/ping") return reads ? HttpAnswer() : not_allowed("GET, HEAD");
   if (target->path == "/health") return reads ? health() : not_allowed("GET, HEAD");
-  if (target->path == "/metrics") return reads ? metrics() : not_allowed("GET, HEAD");
+  if (target->path == "/metrics") {
+    if (auto answer = denied(Right::read)) return *std::move(answer);
+    return reads ? metrics() : not_allowed("GET, HEAD");
+  }
   return error_answer(HTTP_STATUS_NOT_FOUND, "the paths are /write, /query, /ping, /health, /metrics and /backup");
 }
 
@@ -196,9 +248,11 @@ RoutedRequest InfluxApi::query(const HttpRequest &request, std::string_view argu
     return value || !is_form ? value : argument(request.body, name);
   };
   const std::optional<std::string> text = value_of("q");
+  std::string_view rest = text ? trimmed(*text) : std::string_view();
+  const bool is_creation = remove_words(rest, "CREATE DATABASE ");
+  if (auto answer = denial(request, arguments, is_creation ? Right::write : Right::read)) return *std::move(answer);
   if (!text) return error_answer(HTTP_STATUS_BAD_REQUEST, "missing required parameter \"q\"");
-  std::string_view rest = trimmed(*text);
-  if (remove_words(rest, "CREATE DATABASE ")) {
+  if (is_creation) {
     std::string name = first_name(trimmed(rest));
     if (name.empty() || name.size() > MAX_DATABASE_BYTES)
       return json_answer(one_result({{"error", "the name of a database has 1 to 128 bytes"}}));

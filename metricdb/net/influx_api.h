@@ -7,7 +7,9 @@
 //   POST /backup?name=NAME                     a backup of the database (backup_api.h)
 //   GET, POST /query?q=...                     InfluxQL, also as the text of a form. CREATE DATABASE is accepted
 //
-// There is one database. The parameter `db` is ignored.
+// There is one database. The parameter `db` is ignored. If there are users, all but /ping and /health need a user with a
+// right: read for queries and /metrics, write for /write, /backup and CREATE DATABASE. The credentials are those of the parameters
+// u and p, or else those of the header Authorization.
 #pragma once
 
 #include <functional>
@@ -18,6 +20,7 @@
 #include <utility>
 #include <variant>
 
+#include "net/access.h"
 #include "net/http.h"
 #include "net/query_workers.h"
 #include "store/ingest.h"
@@ -41,22 +44,34 @@ struct OperatorView {
   std::function<std::string()> metrics;
 };
 
+// Requests that were answered without their effect, by the reason.
+struct DeniedRequests {
+  uint64_t unknown = 0, forbidden = 0, busy = 0;
+};
+
 class InfluxApi {
  public:
-  explicit InfluxApi(OperatorView view) : view_(std::move(view)) {}
+  InfluxApi(OperatorView view, Access &access) : view_(std::move(view)), access_(access) {}
 
   // Returns the write, the query or the backup to execute, or the answer to any other request.
   RoutedRequest route(const HttpRequest &request);
 
-  // The answer to a request whose header is known, if no body can change it.
+  // Of a request whose header is known. Returns the answer if its sender may send no body.
+  std::optional<HttpAnswer> denial_of_head(const HttpRequest &request);
+  // Of such a request. Returns the answer if no body can change it.
   static std::optional<HttpAnswer> answer_to_head(const HttpRequest &request);
 
+  const DeniedRequests &denied() const { return denied_; }
+
  private:
+  std::optional<HttpAnswer> denial(const HttpRequest &request, std::string_view arguments, Right right);
   RoutedRequest query(const HttpRequest &request, std::string_view arguments);
   HttpAnswer health() const;
   HttpAnswer metrics() const;
 
   const OperatorView view_;
+  Access &access_;
+  DeniedRequests denied_;
   std::set<std::string> databases_{"metricdb"};  // names that clients have created
 };
 

@@ -5,7 +5,7 @@
 namespace metricdb {
 namespace {
 
-constexpr const char *TOPIC_NAMES[] = {"connections", "skipped lines", "refusals", "slow requests"};
+constexpr const char *TOPIC_NAMES[] = {"connections", "skipped lines", "refusals", "slow requests", "denied requests"};
 
 }  // namespace
 

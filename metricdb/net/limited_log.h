@@ -9,7 +9,7 @@
 
 namespace metricdb {
 
-enum class LogTopic { connections, skipped_lines, refusals, slow_requests };
+enum class LogTopic { connections, skipped_lines, refusals, slow_requests, denials };
 
 // Threads: one.
 class LimitedLog {
@@ -37,7 +37,7 @@ class LimitedLog {
 
   const size_t max_lines_;
   const Clock::duration interval_;
-  std::array<Topic, 4> topics_;
+  std::array<Topic, 5> topics_;
 };
 
 }  // namespace metricdb

@@ -8,6 +8,7 @@
 #include <numeric>
 
 #include "net/connection.h"
+#include "net/influx_api.h"
 
 namespace metricdb {
 namespace {
@@ -32,8 +33,9 @@ class MetricsText {
     begin(name, type, help);
     text_ += fmt::format("{} {}\n", name, value);
   }
-  void add_reason(const char *name, const char *reason, uint64_t value) {
-    text_ += fmt::format("{}{{reason=\"{}\"}} {}\n", name, reason, value);
+  void add_reason(const char *name, const char *reason, uint64_t value) { add_labelled(name, "reason", reason, value); }
+  void add_labelled(const char *name, const char *label, const char *text, uint64_t value) {
+    text_ += fmt::format("{}{{{}=\"{}\"}} {}\n", name, label, text, value);
   }
   std::string &text() { return text_; }
 
@@ -62,11 +64,34 @@ void append_server(MetricsText &metrics, const Hub &hub, size_t n_waiting_batche
   metrics.begin(closed, "counter", "Connections that the server closed.");
   metrics.add_reason(closed, "too_many", hub.turned_away.value());
   metrics.add_reason(closed, "stalled", hub.stalled.value());
+  metrics.add_reason(closed, "tls", hub.tls_failed.value());
   metrics.add("metricdb_buffered_bytes", "gauge", "Memory for incomplete requests.", hub.blocks.lent_bytes());
   metrics.add("metricdb_waiting_bytes", "gauge", "Bytes of lines that are not durable yet.", hub.unanswered_bytes);
   metrics.add("metricdb_waiting_batches", "gauge", "Batches that are not durable yet.", n_waiting_batches);
   metrics.begin("metricdb_batch_seconds", "histogram", "Time from the end of a batch until it is durable.");
   hub.batch_times.append_to(metrics.text(), "metricdb_batch_seconds");
+}
+
+void append_denied(MetricsText &metrics, const DeniedRequests &denied) {
+  const char *const name = "metricdb_denied_requests_total";
+  metrics.begin(name, "counter", "Requests that their user, or the lack of one, does not allow.");
+  metrics.add_reason(name, "unknown_user", denied.unknown);
+  metrics.add_reason(name, "no_right", denied.forbidden);
+  metrics.add_reason(name, "too_many_passwords", denied.busy);
+}
+
+void append_queries(MetricsText &metrics, const Hub &hub) {
+  const char *const queries = "metricdb_queries_total";
+  metrics.begin(queries, "counter", "Queries by their result.");
+  metrics.add_labelled(queries, "result", "answered", hub.queries_answered.value());
+  metrics.add_labelled(queries, "result", "failed", hub.queries_failed.value());
+  metrics.add_labelled(queries, "result", "refused", hub.queries_refused.value());
+  metrics.add_labelled(queries, "result", "interrupted", hub.queries_interrupted.value());
+  const QueryWorkers::Load load = hub.queries.load();
+  metrics.add("metricdb_waiting_queries", "gauge", "Queries that have not begun.", load.n_waiting);
+  metrics.add("metricdb_running_queries", "gauge", "Queries that have begun.", load.n_running);
+  metrics.begin("metricdb_query_seconds", "histogram", "Time from the arrival of a query until its answer is known.");
+  hub.query_times.append_to(metrics.text(), "metricdb_query_seconds");
 }
 
 void append_store(MetricsText &metrics, const IngestFigures &figures) {
@@ -104,10 +129,12 @@ void DurationHistogram::append_to(std::string &text, const char *name) const {
       fmt::format("{}_bucket{{le=\"+Inf\"}} {}\n{}_sum {}\n{}_count {}\n", name, n_up_to, name, sum_s_, name, n_up_to);
 }
 
-std::string metrics_text(const Hub &hub, size_t n_waiting_batches) {
+std::string metrics_text(const Hub &hub, const DeniedRequests &denied, size_t n_waiting_batches) {
   MetricsText metrics;
   append_server(metrics, hub, n_waiting_batches);
-  append_store(metrics, hub.ingest.figures());
+  append_denied(metrics, denied);
+  append_queries(metrics, hub);
+  append_store(metrics, hub.figures());
   metrics.add("process_resident_memory_bytes", "gauge", "Resident memory of the process.", resident_bytes());
   return std::move(metrics.text());
 }

@@ -8,6 +8,7 @@
 
 namespace metricdb {
 
+struct DeniedRequests;
 struct Hub;
 
 // Counts durations by their length. Threads: one.
@@ -26,6 +27,6 @@ class DurationHistogram {
 };
 
 // n_waiting_batches  committed and not settled.
-std::string metrics_text(const Hub &hub, size_t n_waiting_batches);
+std::string metrics_text(const Hub &hub, const DeniedRequests &denied, size_t n_waiting_batches);
 
 }  // namespace metricdb

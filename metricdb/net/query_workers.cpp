@@ -1,24 +1,18 @@
 #include "net/query_workers.h"
 
-#include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
+#include <algorithm>
+#include <atomic>
 #include <exception>
 #include <utility>
-
-#include "net/server.h"
 
 namespace metricdb {
 
 QueryWorkers::QueryWorkers(QueryFunction function, unsigned n_threads, size_t max_waiting,
                            std::chrono::milliseconds max_duration)
-    : function_(std::move(function)),
-      max_waiting_(max_waiting),
-      max_duration_(max_duration),
-      event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-  if (event_.get() < 0) throw ServerError(std::string("eventfd: ") + std::strerror(errno));
+    : function_(std::move(function)), max_waiting_(max_waiting), max_duration_(max_duration) {
   try {
     for (unsigned i = 0; function_ && i < n_threads; ++i) threads_.emplace_back([this] { run(); });
   } catch (...) {
@@ -37,51 +31,85 @@ void QueryWorkers::stop() {
   threads_.clear();
 }
 
+QueryWorkers::Queries::const_iterator QueryWorkers::find(const Queries &queries, uint64_t id) {
+  return std::find_if(queries.begin(), queries.end(), [id](const auto &query) { return query->id == id; });
+}
+
 bool QueryWorkers::submit(uint64_t id, QueryRequest request) {
   {
     const std::lock_guard lock(mutex_);
     if (waiting_.size() >= max_waiting_) return false;
-    waiting_.push_back({id, std::move(request)});
+    waiting_.push_back(std::make_shared<Query>(id, std::move(request)));
   }
   work_.notify_one();
   return true;
 }
 
+void QueryWorkers::interrupt(uint64_t id) {
+  const std::lock_guard lock(mutex_);
+  if (const auto running = find(running_, id); running != running_.end()) (*running)->is_interrupted = true;
+  const auto waiting = find(waiting_, id);
+  if (waiting == waiting_.end()) return;
+  done_.push_back({id,
+                   {HTTP_STATUS_SERVICE_UNAVAILABLE, "application/json", "{\"error\":\"query interrupted\"}\n"},
+                   QueryResult::interrupted,
+                   Clock::now() - (*waiting)->since});
+  waiting_.erase(waiting);
+  event_.raise();
+}
+
+QueryWorkers::Load QueryWorkers::load() const {
+  const std::lock_guard lock(mutex_);
+  return {waiting_.size(), running_.size()};
+}
+
 std::vector<QueryWorkers::Done> QueryWorkers::take_answers() {
-  uint64_t n_events;
-  [[maybe_unused]] const ssize_t got = read(event_.get(), &n_events, sizeof n_events);  // before the answers are taken
+  event_.drain();
   const std::lock_guard lock(mutex_);
   return std::exchange(done_, {});
 }
 
-QueryAnswer QueryWorkers::answer(const QueryRequest &request) const {
-  const auto end = std::chrono::steady_clock::now() + max_duration_;
-  const auto is_interrupted = [&] { return is_ending_ || std::chrono::steady_clock::now() > end; };
+QueryWorkers::Done QueryWorkers::answer(const Query &query) const {
+  const auto end = Clock::now() + max_duration_;
+  std::atomic<bool> was_interrupted = false;
+  const auto is_interrupted = [&] {
+    if (is_ending_ || query.is_interrupted || Clock::now() > end) was_interrupted = true;
+    return was_interrupted.load();
+  };
+  Done done = {query.id, {}, QueryResult::answered, {}};
   try {
-    return function_(request, is_interrupted);
+    done.answer = function_(query.request, is_interrupted);
   } catch (const std::exception &error) {
-    return {HTTP_STATUS_INTERNAL_SERVER_ERROR, "text/plain", std::string(error.what()) + "\n"};
+    done.answer = {HTTP_STATUS_INTERNAL_SERVER_ERROR, "text/plain", std::string(error.what()) + "\n"};
   }
+  if (done.answer.status != HTTP_STATUS_OK) done.result = QueryResult::failed;
+  if (was_interrupted) done.result = QueryResult::interrupted;
+  done.duration = Clock::now() - query.since;
+  return done;
+}
+
+// Returns null at the end.
+std::shared_ptr<QueryWorkers::Query> QueryWorkers::next() {
+  std::unique_lock lock(mutex_);
+  work_.wait(lock, [this] { return is_ending_ || !waiting_.empty(); });
+  if (is_ending_) return nullptr;
+  running_.push_back(std::move(waiting_.front()));
+  waiting_.pop_front();
+  return running_.back();
 }
 
 void QueryWorkers::run() {
-  for (;;) {
-    Waiting waiting;
-    {
-      std::unique_lock lock(mutex_);
-      work_.wait(lock, [this] { return is_ending_ || !waiting_.empty(); });
-      if (is_ending_) return;
-      waiting = std::move(waiting_.front());
-      waiting_.pop_front();
-    }
-    QueryAnswer answered = answer(waiting.request);
+  // Of this thread, and of those that it starts: points that arrive come first. Without the right it stays as it is.
+  constexpr int LOWER_PRIORITY = 5;
+  [[maybe_unused]] const int ignored = setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), LOWER_PRIORITY);
+  while (const std::shared_ptr<Query> query = next()) {
+    Done done = answer(*query);
     {
       const std::lock_guard lock(mutex_);
-      done_.push_back({waiting.id, std::move(answered)});
+      running_.erase(find(running_, query->id));
+      done_.push_back(std::move(done));
     }
-    const uint64_t one = 1;
-    // Fails only if the counter is at its maximum, and then the event is readable.
-    [[maybe_unused]] const ssize_t written = write(event_.get(), &one, sizeof one);
+    event_.raise();
   }
 }
 

@@ -10,12 +10,14 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
-#include "net/descriptor.h"
+#include "net/event.h"
 
 namespace metricdb {
 
@@ -37,16 +39,25 @@ struct QueryAnswer {
 };
 
 // Asked now and then by a query: whether it should end. It can throw then.
-using IsInterrupted = std::function<bool()>;
+using IsInterrupted = std::function<bool()>;  // can be called on any thread of the query
 
 // Called by several threads at once. An exception becomes an answer with status 500.
 using QueryFunction = std::function<QueryAnswer(const QueryRequest &, const IsInterrupted &)>;
 
+enum class QueryResult { answered, failed, interrupted };
+
 class QueryWorkers {
  public:
+  using Clock = std::chrono::steady_clock;
+
   struct Done {
     uint64_t id;
     QueryAnswer answer;
+    QueryResult result;
+    Clock::duration duration;  // since it was submitted
+  };
+  struct Load {
+    size_t n_waiting, n_running;
   };
 
   // Without a function no thread is started, and `submit` is not called.
@@ -62,26 +73,37 @@ class QueryWorkers {
 
   // The server's thread. Returns false if too many queries wait.
   bool submit(uint64_t id, QueryRequest request);
+  // The server's thread. A query that runs ends soon, a waiting one does not begin, and its answer says that it was
+  // interrupted. Does nothing if it was answered.
+  void interrupt(uint64_t id);
+  Load load() const;
   // Readable when there are answers. Calling `take_answers` resets it.
-  int event_fd() const { return event_.get(); }
+  int event_fd() const { return event_.fd(); }
   std::vector<Done> take_answers();
 
  private:
-  struct Waiting {
-    uint64_t id;
-    QueryRequest request;
-  };
+  struct Query {
+    Query(uint64_t number, QueryRequest asked) : id(number), request(std::move(asked)) {}
 
+    const uint64_t id;
+    const QueryRequest request;
+    const Clock::time_point since = Clock::now();
+    std::atomic<bool> is_interrupted = false;
+  };
+  using Queries = std::deque<std::shared_ptr<Query>>;
+
+  static Queries::const_iterator find(const Queries &queries, uint64_t id);
   void run();
-  QueryAnswer answer(const QueryRequest &request) const;
+  std::shared_ptr<Query> next();
+  Done answer(const Query &query) const;
 
   const QueryFunction function_;
   const size_t max_waiting_;
   const std::chrono::milliseconds max_duration_;
-  const Descriptor event_;
-  std::mutex mutex_;  // guards the following members
+  Event event_;
+  mutable std::mutex mutex_;  // guards the following members
   std::condition_variable work_;
-  std::deque<Waiting> waiting_;
+  Queries waiting_, running_;
   std::vector<Done> done_;
   std::atomic<bool> is_ending_ = false;  // written with the mutex locked
   std::vector<std::thread> threads_;

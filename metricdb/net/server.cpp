@@ -3,9 +3,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/epoll.h>
-#include <sys/eventfd.h>
 #include <tslb/tslb_util_common.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -17,6 +15,7 @@
 #include <vector>
 
 #include "net/connection.h"
+#include "net/event.h"
 #include "net/graphite_connection.h"
 #include "net/http_connection.h"
 #include "net/listener.h"
@@ -41,8 +40,10 @@ constexpr size_t MESSAGE_BYTES = 512;
 
 class Server::Loop {
  public:
-  Loop(const ServerOptions &options, Ingest &ingest);
+  explicit Loop(const ServerOptions &options);
 
+  void open(Ingest &ingest) noexcept;
+  void set_progress(uint64_t done_bytes, uint64_t all_bytes) noexcept;
   void run();
   void stop() noexcept { request(is_stop_requested_); }
   void hang_up() noexcept { request(is_hang_up_requested_); }
@@ -66,8 +67,9 @@ class Server::Loop {
 
   void request(std::atomic<bool> &flag) noexcept;
   void on_requests();
+  void read_files_again();
   void watch(int fd, uint32_t events);
-  void accept_graphite_if_ready();
+  void begin_ingest(Ingest &ingest);
   void run_round();
   void wait_for_events();
   void on_event(const epoll_event &event);
@@ -95,9 +97,10 @@ class Server::Loop {
   Gunzip gunzip_;
   GraphiteConverter converter_;
   // Set by signal handlers and other threads.
+  std::atomic<Ingest *> opened_ = nullptr;  // the server's thread has not taken it
   std::atomic<bool> is_stop_requested_ = false;
   std::atomic<bool> is_hang_up_requested_ = false;
-  Descriptor wake_;  // readable when one of them was set
+  Event wake_;  // one of them was set
   Descriptor epoll_;
   Listener influx_;
   Listener graphite_;
@@ -113,7 +116,6 @@ class Server::Loop {
   std::deque<Batch> batches_;
   uint64_t n_snapshots_ = 0;
   std::string snapshot_failure_;
-  bool accepts_graphite_ = false;
   bool is_settled_readable_ = false;
   bool has_query_answers_ = false;
   bool is_turning_away_ = false;
@@ -122,22 +124,20 @@ class Server::Loop {
   Clock::time_point drain_deadline_;
 };
 
-Server::Loop::Loop(const ServerOptions &options, Ingest &ingest)
-    : hub_(options, ingest),
-      api_({[this] { return why_unhealthy(); }, [this] { return metrics_text(hub_, batches_.size()); }}),
-      wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+Server::Loop::Loop(const ServerOptions &options)
+    : hub_(options),
+      api_({[this] { return why_unhealthy(); }, [this] { return metrics_text(hub_, api_.denied(), batches_.size()); }},
+           hub_.access),
       epoll_(tslb_epoll_init(static_cast<int>(MAX_EVENTS), nullptr)),
       influx_(options.address, options.influx_port, options.influx_socket),
       graphite_(options.address, options.graphite_port, options.graphite_socket) {
-  if (wake_.get() < 0 || epoll_.get() < 0) fail("server");
+  if (epoll_.get() < 0) fail("epoll");
   if (fcntl(epoll_.get(), F_SETFD, FD_CLOEXEC) != 0) fail("epoll");
   hub_.blocks.set_reclaim([this] { return close_stalled(); });
-  watch(wake_.get(), EPOLLIN);
-  watch(ingest.settled_fd(), EPOLLIN);
+  watch(wake_.fd(), EPOLLIN);
   watch(hub_.queries.event_fd(), EPOLLIN);
   watch(hub_.backups.event_fd(), EPOLLIN);
   if (influx_.fd() >= 0) watch(influx_.fd(), EPOLLIN);
-  accept_graphite_if_ready();
 }
 
 void Server::Loop::watch(int fd, uint32_t events) {
@@ -145,26 +145,48 @@ void Server::Loop::watch(int fd, uint32_t events) {
   if (tslb_add_select(epoll_.get(), fd, static_cast<int>(events), message) != 0) throw ServerError(message);
 }
 
-// The protocol has no answers, so lines would be lost. Until then the connections wait in the queue of the port.
-void Server::Loop::accept_graphite_if_ready() {
-  if (accepts_graphite_ || graphite_.fd() < 0 || !hub_.ingest.is_ready()) return;
-  watch(graphite_.fd(), EPOLLIN);
-  accepts_graphite_ = true;
+void Server::Loop::open(Ingest &ingest) noexcept {
+  // Release. Pairs with the acquire in on_requests: the server's thread sees everything that the opening thread did.
+  opened_.store(&ingest, std::memory_order_release);
+  wake_.raise();
+}
+
+void Server::Loop::set_progress(uint64_t done_bytes, uint64_t all_bytes) noexcept {
+  if (all_bytes != 0)
+    hub_.opened_percent =
+        static_cast<unsigned>(100.0 * static_cast<double>(done_bytes) / static_cast<double>(all_bytes));
+}
+
+// Graphite has no answers, so lines would have been lost before. The connections have waited in the queue of the port.
+void Server::Loop::begin_ingest(Ingest &ingest) {
+  hub_.ingest = &ingest;
+  watch(ingest.settled_fd(), EPOLLIN);
+  if (graphite_.fd() >= 0) watch(graphite_.fd(), EPOLLIN);
 }
 
 void Server::Loop::request(std::atomic<bool> &flag) noexcept {
   flag = true;
-  const uint64_t one = 1;
-  // Fails only if the counter is at its maximum, and then the event is readable.
-  [[maybe_unused]] const ssize_t written = write(wake_.get(), &one, sizeof(one));
+  wake_.raise();
 }
 
 void Server::Loop::on_requests() {
-  uint64_t n_events;
-  // Before the flags are read, so that no request is lost.
-  [[maybe_unused]] const ssize_t got = read(wake_.get(), &n_events, sizeof(n_events));
-  if (is_hang_up_requested_.exchange(false) && hub_.options.on_hang_up) hub_.options.on_hang_up();
+  wake_.drain();
+  if (Ingest *const opened = opened_.exchange(nullptr, std::memory_order_acquire)) begin_ingest(*opened);
+  if (is_hang_up_requested_.exchange(false)) read_files_again();
   if (is_stop_requested_ && !is_draining_) begin_drain();
+}
+
+void Server::Loop::read_files_again() {
+  if (hub_.options.on_hang_up) hub_.options.on_hang_up();
+  const auto attempt = [](const char *what, const auto &read) {
+    try {
+      read();
+    } catch (const std::runtime_error &error) {
+      TSLB_DLOG(LOG_REFUSALS, "the %s as before: %s", what, error.what());
+    }
+  };
+  attempt("users stay", [this] { hub_.access.reload(); });
+  attempt("certificate stays", [this] { hub_.tls = Hub::tls_of(hub_.options); });
 }
 
 void Server::Loop::run() {
@@ -217,9 +239,9 @@ void Server::Loop::wait_for_events() {
 
 void Server::Loop::on_event(const epoll_event &event) {
   const int fd = event.data.fd;
-  if (fd == wake_.get()) {
+  if (fd == wake_.fd()) {
     on_requests();
-  } else if (fd == hub_.ingest.settled_fd()) {
+  } else if (hub_.ingest != nullptr && fd == hub_.ingest->settled_fd()) {
     is_settled_readable_ = true;
   } else if (fd == hub_.queries.event_fd() || fd == hub_.backups.event_fd()) {
     has_query_answers_ = true;
@@ -328,7 +350,7 @@ bool Server::Loop::close_stalled() {
 
 void Server::Loop::commit() {
   if (hub_.has_open_points) {
-    const uint64_t ticket = hub_.ingest.commit();
+    const uint64_t ticket = hub_.ingest->commit();
     batches_.push_back({ticket, hub_.open_bytes, Clock::now()});
     for (const int fd : ingested_)
       if (const auto &connection = places_[static_cast<size_t>(fd)].connection) connection->committed(ticket);
@@ -339,13 +361,12 @@ void Server::Loop::commit() {
 }
 
 void Server::Loop::settle() {
-  const uint64_t settled = hub_.ingest.settled();
-  if (!is_draining_) accept_graphite_if_ready();
+  const uint64_t settled = hub_.ingest->settled();
   Refusals refusals;
   for (; !batches_.empty() && batches_.front().ticket <= settled; batches_.pop_front()) {
     hub_.unanswered_bytes -= batches_.front().bytes;
     hub_.batch_times.add(hub_.now - std::min(hub_.now, batches_.front().committed));
-    std::string reason = hub_.ingest.failure(batches_.front().ticket);
+    std::string reason = hub_.ingest->failure(batches_.front().ticket);
     if (reason.empty()) continue;
     hub_.log.add(LogTopic::refusals, hub_.now, fmt::format("batch {} is lost: {}", batches_.front().ticket, reason));
     refusals.emplace_back(batches_.front().ticket, std::move(reason));
@@ -362,13 +383,14 @@ void Server::Loop::settle() {
   resume_held();
 }
 
-// A connection can be closed, and its descriptor reused, while a query is answered: the other connection has no such query.
+// A connection that was closed has taken its queries out of query_fds.
 void Server::Loop::answer_queries(QueryWorkers &workers) {
   for (const QueryWorkers::Done &done : workers.take_answers()) {
+    if (&workers == &hub_.queries) hub_.count(done);
     const auto waiting = hub_.query_fds.find(done.id);
+    if (waiting == hub_.query_fds.end()) continue;
     Place &place = places_[static_cast<size_t>(waiting->second)];
     hub_.query_fds.erase(waiting);
-    if (!place.connection) continue;
     place.connection->answered(done.id, done.answer);
     after_processing(place);
   }
@@ -393,7 +415,7 @@ milliseconds Server::Loop::tick() const {
 
 // Snapshots are written by a child process, and have ended when the generation has changed.
 void Server::Loop::log_snapshots() {
-  const IngestFigures figures = hub_.ingest.figures();
+  const IngestFigures figures = hub_.figures();
   if (figures.snapshots != n_snapshots_)
     TSLB_DLOG(LOG_PROGRESS, "generation %llu was written, writes were stopped for %.3f ms",
               static_cast<unsigned long long>(figures.generation),
@@ -408,7 +430,7 @@ std::string Server::Loop::why_unhealthy() {
   if (!batches_.empty() && Clock::now() - batches_.front().committed > hub_.options.stuck_batch)
     return fmt::format("the disk has not confirmed a batch for {:.0f} s",
                        std::chrono::duration<double>(Clock::now() - batches_.front().committed).count());
-  return hub_.ingest.why_not_writable();
+  return hub_.why_not_writable();
 }
 
 void Server::Loop::check_times() {
@@ -454,9 +476,17 @@ ServerCounters Server::Loop::counters() const {
   return counters;
 }
 
-Server::Server(const ServerOptions &options, Ingest &ingest) : loop_(std::make_unique<Loop>(options, ingest)) {}
+Server::Server(const ServerOptions &options) : loop_(std::make_unique<Loop>(options)) {}
 
 Server::~Server() = default;
+
+void Server::open(Ingest &ingest) noexcept {
+  loop_->open(ingest);
+}
+
+void Server::set_progress(uint64_t done_bytes, uint64_t all_bytes) noexcept {
+  loop_->set_progress(done_bytes, all_bytes);
+}
 
 void Server::run() {
   loop_->run();

@@ -4,8 +4,8 @@
 // request, and the plaintext protocol of Graphite (graphite.h), which answers nothing. Graphite lines that are refused
 // are counted and lost.
 //
-// One thread runs everything but queries, in rounds. A round receives once per connection, passes all complete requests to the
-// Ingest and commits them as one batch. Their answers wait for the ticket of this batch, while the following rounds
+// One thread runs everything but queries, in rounds. A round receives once per connection, passes all complete requests to
+// the Ingest and commits them as one batch. Their answers wait for the ticket of this batch, while the following rounds
 // receive more. The number of waiting bytes is limited per connection and in total. When a limit is reached, nothing
 // more is received.
 #pragma once
@@ -35,6 +35,10 @@ struct ServerOptions {
   int influx_socket = -1;  // a listening socket that the server owns, in place of the port; -1: none
   int graphite_socket = -1;
 
+  // PEM; for both protocols. Read again after `hang_up`, for new connections. Empty: no TLS.
+  std::string tls_certificate_file = {}, tls_key_file = {};
+  std::string user_file = {};  // for access.h, read again after `hang_up`; empty: clients need no password
+
   QueryFunction backup = nullptr;  // writes a backup with the name in `text`; without it they are refused
   QueryFunction query = nullptr;   // answers SELECT and SHOW; without it they are refused
   unsigned n_query_threads = 2;
@@ -61,7 +65,8 @@ struct ServerOptions {
   std::chrono::milliseconds log_interval{10'000};  // in which clients cause at most max_log_lines of each kind
   size_t max_log_lines = 20;
 
-  // Called on the server's thread: after `hang_up`, at least once per second, and when the end begins.
+  // Called on the server's thread: after `hang_up`, before the files are read again; at least once per second; and when the
+  // end begins.
   std::function<void()> on_hang_up = {};
   std::function<void()> on_tick = {};
   std::function<void()> on_stop = {};
@@ -84,9 +89,15 @@ struct ServerCounters {
 
 class Server {
  public:
-  // Begins to listen. Throws ServerError. The Ingest must exist as long as the server.
-  Server(const ServerOptions &options, Ingest &ingest);
+  // Begins to listen. Throws ServerError; TlsError for the certificate.
+  explicit Server(const ServerOptions &options);
   ~Server();
+
+  // Gives the server the database, once. Until then lines are refused with the progress, /health fails, and Graphite
+  // connections wait. The Ingest must exist until `run` has returned, and is used by its thread only.
+  // Threads: any, also before `run`.
+  void open(Ingest &ingest) noexcept;
+  void set_progress(uint64_t done_bytes, uint64_t all_bytes) noexcept;
 
   // Serves until `stop`. Called once. After `stop`, complete requests that have arrived are still processed and
   // answered. Throws ServerError after a failed system call, and exceptions of the Ingest other than IngestRefused.
@@ -95,6 +106,7 @@ class Server {
   // Threads: any, also signal handlers, also before `run`.
   void stop() noexcept;
 
+  // Reads the files of the options again. One that has become wrong is logged, and what was read before stays.
   // Threads: as `stop`.
   void hang_up() noexcept;
 

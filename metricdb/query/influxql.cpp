@@ -54,7 +54,7 @@ InfluxqlAnswer answer_influxql(const SeriesSource &source, const InfluxqlRequest
   const auto renderer = request.csv ? influxql::make_csv_renderer(request, answer.body)
                                     : influxql::make_json_renderer(request, answer.body);
   try {
-    answer_statements({source, databases, request.now_ns, {}, request.is_interrupted}, statements, *renderer);
+    answer_statements({source, databases, request.now_ns, {}, request.is_interrupted, request.n_threads}, statements, *renderer);
     renderer->finish();
   } catch (const influxql::AnswerTooLarge &error) {
     answer.is_bad_request = true;

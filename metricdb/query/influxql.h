@@ -20,9 +20,11 @@ struct InfluxqlRequest {
   bool csv = false;           // CSV instead of JSON; its times are always numbers
   size_t chunk_size = 10000;  // at least 1
   int64_t now_ns = 0;         // value of now()
-  // Asked again and again, at least before each series is read. If it returns true the statement fails with "query
-  // interrupted", and the others are not executed. None: nothing interrupts a query.
+  // Asked again and again, on any thread of the query, at least for each sealed chunk that is read. If it returns true the
+  // statement fails with "query interrupted", and the others are not executed. None: nothing interrupts a query.
   std::function<bool()> is_interrupted = {};
+  // The most threads that read at a time. The result does not depend on it.
+  unsigned n_threads = 1;
 };
 
 struct InfluxqlAnswer {

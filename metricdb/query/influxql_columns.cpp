@@ -147,7 +147,17 @@ class ColumnBuilder {
   std::map<Leaf, size_t> leaves_;  // their indices
 };
 
-double result_of(char op, double left, double right) {
+// Integers stay integers if the result is one.
+std::optional<Number> integer_result_of(char op, int64_t left, int64_t right) {
+  int64_t result = 0;
+  const bool is_wrong = op == '+'   ? __builtin_add_overflow(left, right, &result)
+                        : op == '-' ? __builtin_sub_overflow(left, right, &result)
+                        : op == '*' ? __builtin_mul_overflow(left, right, &result)
+                                    : true;
+  return is_wrong ? std::nullopt : std::optional(Number(result));
+}
+
+double real_result_of(char op, double left, double right) {
   switch (op) {
     case '+':
       return left + right;
@@ -163,6 +173,19 @@ double result_of(char op, double left, double right) {
   }
 }
 
+// A whole number is an integer, so that n + 1 stays one.
+Number literal(double number) {
+  constexpr double MAX_EXACT = 9007199254740992.0;  // 2^53
+  return std::fabs(number) < MAX_EXACT && std::trunc(number) == number ? Number(static_cast<int64_t>(number))
+                                                                       : Number(number);
+}
+
+Number result_of(char op, const Number &left, const Number &right) {
+  if (left.is_integer() && right.is_integer())
+    if (const std::optional<Number> result = integer_result_of(op, left.integer(), right.integer())) return *result;
+  return Number(real_result_of(op, left.real(), right.real()));
+}
+
 }  // namespace
 
 std::optional<size_t> Column::only_leaf() const {
@@ -176,22 +199,30 @@ Columns columns_of(const SelectStatement &select, const std::set<std::string> &f
   return builder.take();
 }
 
-double Calculator::value(const Column &column, std::span<const double> leaves) {
+Number Calculator::value(const Column &column, std::span<const Number> leaves) {
   stack_.clear();
   for (const Step &step : column.steps) {
     if (step.kind != Step::Kind::operation) {
-      stack_.push_back(step.kind == Step::Kind::number ? step.number : leaves[step.leaf]);
+      stack_.push_back(step.kind == Step::Kind::number ? literal(step.number) : leaves[step.leaf]);
       continue;
     }
-    const double right = stack_.back();
+    const Number right = stack_.back();
     stack_.pop_back();
     stack_.back() = result_of(step.op, stack_.back(), right);
   }
   return stack_.back();
 }
 
-Cell cell_of(double value) {
-  return std::isfinite(value) ? Cell{Cell::Kind::number, 0, value} : Cell{};
+Cell cell_of(const Number &value) {
+  Cell cell;
+  if (value.is_integer()) {
+    cell.kind = Cell::Kind::integer;
+    cell.integer = value.integer();
+  } else if (std::isfinite(value.real())) {
+    cell.kind = Cell::Kind::number;
+    cell.number = value.real();
+  }
+  return cell;
 }
 
 }  // namespace metricdb::influxql

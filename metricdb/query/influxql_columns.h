@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "query/influxql_ast.h"
+#include "query/influxql_number.h"
 #include "query/influxql_table.h"
 
 namespace metricdb::influxql {
@@ -51,17 +52,17 @@ struct Columns {
 Columns columns_of(const SelectStatement &select, const std::set<std::string> &fields,
                    const std::set<std::string> &tags);
 
-// Computes columns of one row after another. NaN is a missing value.
+// Computes columns of one row after another.
 class Calculator {
  public:
   // The value of the column, of those of the leaves.
-  double value(const Column &column, std::span<const double> leaves);
+  Number value(const Column &column, std::span<const Number> leaves);
 
  private:
-  std::vector<double> stack_;
+  std::vector<Number> stack_;
 };
 
 // The cell of a number. JSON has no number that is not finite, so such a value is missing.
-Cell cell_of(double value);
+Cell cell_of(const Number &value);
 
 }  // namespace metricdb::influxql

@@ -18,7 +18,7 @@ struct Limits {
   size_t n_series = 1'000'000;   // that fulfil its condition
   uint64_t n_windows = 100'000;  // of GROUP BY time, in each result series
   size_t n_cells = 5'000'000;    // of its result, without the times
-  size_t n_points = 20'000'000;  // that are in memory at a time, for percentiles and derivatives
+  size_t n_points = 20'000'000;  // that are in memory at a time: of a series, for percentiles, for derivatives
 };
 
 struct Environment {
@@ -27,7 +27,10 @@ struct Environment {
   int64_t now_ns = 0;
   Limits limits = {};
   std::function<bool()> is_interrupted = {};
+  unsigned n_threads = 1;
 };
+
+bool is_interrupted(const Environment &environment);
 
 // Throws ExecutionFailed if the query is interrupted.
 void check_interruption(const Environment &environment);

@@ -222,6 +222,8 @@ class JsonRenderer : public Renderer {
       writer_.begin_value();
       if (cell.kind == Cell::Kind::number)
         append_json_number(body_, cell.number);
+      else if (cell.kind == Cell::Kind::integer)
+        append_integer(body_, cell.integer);
       else
         body_ += cell.kind == Cell::Kind::text ? json_string(series.texts[cell.text]) : "null";
     }

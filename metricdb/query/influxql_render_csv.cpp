@@ -66,6 +66,7 @@ class CsvRenderer : public Renderer {
 
   void add_cell(const ResultSeries &series, const Cell &cell) {
     if (cell.kind == Cell::Kind::number) append_fixed(body_, cell.number);
+    if (cell.kind == Cell::Kind::integer) append_integer(body_, cell.integer);
     if (cell.kind == Cell::Kind::text) body_ += csv_field(series.texts[cell.text]);
   }
 

@@ -2,12 +2,14 @@
 
 #include <fmt/format.h>
 
+#include <atomic>
 #include <cmath>
 #include <map>
 #include <set>
 #include <tuple>
 
 #include "query/influxql_show.h"
+#include "query/parallel.h"
 
 namespace metricdb::influxql {
 namespace {
@@ -172,53 +174,95 @@ std::vector<ResultSeries> execute_select(const Environment &environment, const S
   const SeriesByMeasurement found = series_of(environment, select);
   const Columns columns = columns_of_all(select, found);
   std::vector<ResultSeries> results;
-  size_t n_cells = 0;
+  std::atomic<size_t> n_cells{0};
   for (const auto &[measurement, series] : found) {
-    Selection selection{environment, select, columns};
+    Environment of_group = environment;
+    Selection selection{of_group, select, columns};
     set_range(environment, selection);
     if (select.range.is_empty || selection.from_ns > selection.to_ns || columns.leaves.empty()) continue;
     resolve_references(selection.columns, series);
     std::vector<Group> groups = groups_of(select, selection.columns, series);
     cut_page(groups, select.series);
-    for (const Group &group : groups) {
-      ResultSeries result = result_of_group(selection, group);
-      if (result.times_ns.empty()) continue;
-      n_cells += result.cells.size();
-      if (n_cells > environment.limits.n_cells)
+    std::vector<ResultSeries> of_groups(groups.size());
+    if (groups.size() > 1) of_group.n_threads = 1;  // several groups at a time, or several parts of one
+    parallel_for(groups.size(), environment.n_threads, [&](size_t i) {
+      of_groups[i] = result_of_group(selection, groups[i]);
+      if (n_cells.fetch_add(of_groups[i].cells.size()) + of_groups[i].cells.size() > environment.limits.n_cells)
         throw ExecutionFailed(fmt::format("more than {} values in the result", environment.limits.n_cells));
-      results.push_back(std::move(result));
-    }
+    });
+    for (ResultSeries &result : of_groups)
+      if (!result.times_ns.empty()) results.push_back(std::move(result));
   }
   return results;
 }
 
-void read_points(const Environment &environment, const FoundSeries &series, int64_t from_ns, int64_t to_ns,
-                 std::vector<Point> &points, Wanted wanted) {
-  check_interruption(environment);
-  points.clear();
-  if (wanted == Wanted::newest)
-    environment.source.read_newest(series.series, from_ns, to_ns, points);
-  else
-    environment.source.read(series.series, from_ns, to_ns, points);
+namespace {
+
+// The number of points at the front with different times and with numbers: usually all.
+size_t n_regular(const PointList &list) {
+  const std::vector<Point> &points = list.points;
   size_t n = 0;
-  for (const Point &point : points) {
-    if (std::isnan(point.value)) continue;
-    if (n != 0 && points[n - 1].ts_ns == point.ts_ns) --n;
-    points[n++] = point;
+  const auto has_own_time = [&points](size_t i) { return i == 0 || points[i - 1].ts_ns != points[i].ts_ns; };
+  if (list.type == ValueType::integer)
+    while (n < points.size() && has_own_time(n)) ++n;
+  else
+    while (n < points.size() && has_own_time(n) && !std::isnan(points[n].value)) ++n;
+  return n;
+}
+
+}  // namespace
+
+void read_points(const Environment &environment, const FoundSeries &series, int64_t from_ns, int64_t to_ns,
+                 PointList &list, Wanted wanted) {
+  check_interruption(environment);
+  const size_t n_max = environment.limits.n_points;
+  bool is_cut = false;
+  environment.source.read(series.series,
+                          {.from_ns = from_ns,
+                           .to_ns = to_ns,
+                           .is_newest_enough = wanted == Wanted::newest,
+                           .goes_on =
+                               [&](size_t n_points) {
+                                 is_cut = n_points > n_max || is_interrupted(environment);
+                                 return !is_cut;
+                               }},
+                          list);
+  if (is_cut) check_interruption(environment);
+  if (is_cut || list.points.size() > n_max) throw ExecutionFailed(fmt::format("more than {} points of a series", n_max));
+  std::vector<Point> &points = list.points;
+  size_t n = n_regular(list);
+  for (size_t i = n; i < points.size(); ++i) {
+    if (list.type == ValueType::real && std::isnan(points[i].value)) continue;
+    if (n != 0 && points[n - 1].ts_ns == points[i].ts_ns) --n;
+    points[n++] = points[i];
   }
   points.resize(n);
 }
 
-std::vector<Point> derivative_of(std::span<const Point> points, Function function, int64_t unit_ns) {
-  std::vector<Point> rates;
+namespace {
+
+// Exact for integers, whose differences are small in relation to them if they are counters.
+double change_of(const Point &before, const Point &after, ValueType type) {
+  int64_t change;
+  if (type == ValueType::integer && !__builtin_sub_overflow(integer_of(after), integer_of(before), &change))
+    return static_cast<double>(change);
+  return real_of(after, type) - real_of(before, type);
+}
+
+}  // namespace
+
+PointList derivative_of(const PointList &list, Function function, int64_t unit_ns) {
+  const std::vector<Point> &points = list.points;
+  PointList rates;
   for (size_t i = 1, previous = 0; i < points.size(); ++i) {
     if (points[i].ts_ns == points[previous].ts_ns) continue;
     // Times in order can differ by more than the signed type holds.
     const uint64_t elapsed_ns = static_cast<uint64_t>(points[i].ts_ns) - static_cast<uint64_t>(points[previous].ts_ns);
-    const double difference = points[i].value - points[previous].value;
+    const double change = change_of(points[previous], points[i], list.type);
     previous = i;
-    if (function == Function::non_negative_derivative && difference < 0.0) continue;
-    rates.push_back({points[i].ts_ns, difference / (static_cast<double>(elapsed_ns) / static_cast<double>(unit_ns))});
+    if (function == Function::non_negative_derivative && change < 0.0) continue;
+    rates.points.push_back(
+        {points[i].ts_ns, change / (static_cast<double>(elapsed_ns) / static_cast<double>(unit_ns))});
   }
   return rates;
 }

@@ -41,28 +41,29 @@ enum class Wanted {
 // Sets the points of a series in a range of time: one for each time, and with a number. The last one to arrive at a time
 // is used.
 void read_points(const Environment &environment, const FoundSeries &series, int64_t from_ns, int64_t to_ns,
-                 std::vector<Point> &points, Wanted wanted = Wanted::all);
+                 PointList &list, Wanted wanted = Wanted::all);
 
-// Calls row(ts_ns, values) for each time at which one of the lists has a point, in order. A missing value is NaN. The
-// times of each list are ascending and different.
+// Calls row(ts_ns, values) for each time at which one of the lists has a point, in order. The times of each list are
+// ascending and different.
 template <class Row>
-void merge_by_time(std::span<const std::vector<Point>> lists, Row row) {
+void merge_by_time(std::span<const PointList> lists, Row row) {
   std::vector<size_t> next(lists.size());
-  std::vector<double> values(lists.size());
+  std::vector<Number> values(lists.size());
   while (true) {
     bool is_end = true;
     int64_t ts_ns = INT64_MAX;
     for (size_t i = 0; i < lists.size(); ++i) {
-      if (next[i] == lists[i].size()) continue;
+      if (next[i] == lists[i].points.size()) continue;
       is_end = false;
-      ts_ns = std::min(ts_ns, lists[i][next[i]].ts_ns);
+      ts_ns = std::min(ts_ns, lists[i].points[next[i]].ts_ns);
     }
     if (is_end) return;
     for (size_t i = 0; i < lists.size(); ++i) {
-      const bool has_point = next[i] < lists[i].size() && lists[i][next[i]].ts_ns == ts_ns;
-      values[i] = has_point ? lists[i][next[i]++].value : std::numeric_limits<double>::quiet_NaN();
+      const std::vector<Point> &points = lists[i].points;
+      const bool has_point = next[i] < points.size() && points[next[i]].ts_ns == ts_ns;
+      values[i] = has_point ? Number::of(points[next[i]++], lists[i].type) : Number();
     }
-    row(ts_ns, std::span<const double>(values));
+    row(ts_ns, std::span<const Number>(values));
   }
 }
 
@@ -73,6 +74,6 @@ void select_windows(const Selection &selection, const Group &group,
                     ResultSeries &result);  // influxql_select_windows.cpp
 
 // The rate of change of points in order of time, for each pair of following ones.
-std::vector<Point> derivative_of(std::span<const Point> points, Function function, int64_t unit_ns);
+PointList derivative_of(const PointList &list, Function function, int64_t unit_ns);
 
 }  // namespace metricdb::influxql

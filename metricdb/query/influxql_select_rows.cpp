@@ -52,24 +52,24 @@ class RowSelector {
       : selection_(selection), result_(result), lists_(selection.columns.leaves.size()) {}
 
   void add(std::span<const FoundSeries *const> members) {
-    std::vector<Point> points;
+    PointList list;
     size_t n_held = 0;
-    for (auto &list : lists_) list.clear();
+    lists_.assign(lists_.size(), {});
     for (const FoundSeries *const member : members) {
-      read_points(selection_.environment, *member, selection_.from_ns, selection_.to_ns, points);
+      read_points(selection_.environment, *member, selection_.from_ns, selection_.to_ns, list);
       for (size_t i = 0; i < lists_.size(); ++i) {
         const Leaf &leaf = selection_.columns.leaves[i];
         if (leaf.reference_kind == ReferenceKind::field && leaf.name == member->name.field) {
-          n_held += points.size();
+          n_held += list.points.size();
           check_points(selection_.environment, n_held);
-          lists_[i] = points;
+          lists_[i] = list;
         }
       }
     }
     set_texts(*members[0]);
     const size_t n_before = result_.times_ns.size();
     const size_t n_max = selection_.select.is_descending ? SIZE_MAX : n_rows_to_page(selection_.select);
-    merge_by_time(lists_, [&](int64_t ts_ns, std::span<const double> values) {
+    merge_by_time(lists_, [&](int64_t ts_ns, std::span<const Number> values) {
       if (result_.times_ns.size() - n_before < n_max) add_row(ts_ns, values);
     });
     cut_rows(selection_.select, n_before, result_);
@@ -89,12 +89,12 @@ class RowSelector {
     }
   }
 
-  void add_row(int64_t ts_ns, std::span<const double> values) {
+  void add_row(int64_t ts_ns, std::span<const Number> values) {
     result_.times_ns.push_back(ts_ns);
     for (const Column &column : selection_.columns.columns) {
       const std::optional<size_t> i = column.only_leaf();
       if (i && texts_[*i])
-        result_.cells.push_back({Cell::Kind::text, *texts_[*i], 0.0});
+        result_.cells.push_back(Cell::of_text(*texts_[*i]));
       else
         result_.cells.push_back(cell_of(calculator_.value(column, values)));
     }
@@ -103,7 +103,7 @@ class RowSelector {
 
   const Selection &selection_;
   ResultSeries &result_;
-  std::vector<std::vector<Point>> lists_;  // by leaf
+  std::vector<PointList> lists_;  // by leaf
   std::vector<std::optional<uint32_t>> texts_;
   Calculator calculator_;
 };
@@ -129,18 +129,29 @@ void sort_by_time(ResultSeries &result) {
   result.cells = std::move(cells);
 }
 
+// The result has real values if one of the lists has.
+void append_points(PointList &more, PointList &all) {
+  if (all.points.empty()) all.type = more.type;
+  if (all.type != more.type) {
+    all.make_real();
+    more.make_real();
+  }
+  all.points.insert(all.points.end(), more.points.begin(), more.points.end());
+}
+
 // The points of all series of the field, in order of time.
-std::vector<Point> points_of_field(const Selection &selection, const Group &group, const std::string &field) {
-  std::vector<Point> all;
-  std::vector<Point> points;
+PointList points_of_field(const Selection &selection, const Group &group, const std::string &field) {
+  PointList all;
+  PointList list;
   for (const FoundSeries *const member : group.members) {
     if (member->name.field != field) continue;
-    read_points(selection.environment, *member, selection.from_ns, selection.to_ns, points);
-    all.insert(all.end(), points.begin(), points.end());
-    if (all.size() > selection.environment.limits.n_points)
+    read_points(selection.environment, *member, selection.from_ns, selection.to_ns, list);
+    append_points(list, all);
+    if (all.points.size() > selection.environment.limits.n_points)
       throw ExecutionFailed(fmt::format("more than {} points for a derivative", selection.environment.limits.n_points));
   }
-  std::stable_sort(all.begin(), all.end(), [](const Point &a, const Point &b) { return a.ts_ns < b.ts_ns; });
+  std::stable_sort(all.points.begin(), all.points.end(),
+                   [](const Point &a, const Point &b) { return a.ts_ns < b.ts_ns; });
   return all;
 }
 
@@ -162,16 +173,16 @@ void select_rows(const Selection &selection, const Group &group, ResultSeries &r
 }
 
 void select_derivatives(const Selection &selection, const Group &group, ResultSeries &result) {
-  std::vector<std::vector<Point>> lists;
+  std::vector<PointList> lists;
   size_t n_held = 0;
   for (const Leaf &leaf : selection.columns.leaves) {
     lists.push_back(derivative_of(points_of_field(selection, group, leaf.name), *leaf.derivative,
                                   leaf.unit_ns.value_or(DERIVATIVE_UNIT_NS)));
-    n_held += lists.back().size();
+    n_held += lists.back().points.size();
     check_points(selection.environment, n_held);
   }
   Calculator calculator;
-  merge_by_time(lists, [&](int64_t ts_ns, std::span<const double> values) {
+  merge_by_time(lists, [&](int64_t ts_ns, std::span<const Number> values) {
     result.times_ns.push_back(ts_ns);
     for (const Column &column : selection.columns.columns)
       result.cells.push_back(cell_of(calculator.value(column, values)));

@@ -1,100 +1,82 @@
 // SELECT of aggregates: one row, or one for each window of GROUP BY time.
 #include <fmt/format.h>
 
-#include <cmath>
+#include <algorithm>
+#include <atomic>
 
 #include "query/influxql_select.h"
 #include "query/influxql_windows.h"
+#include "query/parallel.h"
 
 namespace metricdb::influxql {
 namespace {
 
-constexpr double MISSING = std::numeric_limits<double>::quiet_NaN();
-
-using Values = std::vector<double>;  // by window; NaN is a missing value
+using Values = std::vector<Number>;  // by window
 
 void fill_previous(Values &values) {
   for (size_t i = 1; i < values.size(); ++i)
-    if (std::isnan(values[i])) values[i] = values[i - 1];
+    if (values[i].is_missing()) values[i] = values[i - 1];
 }
 
 void fill_linear(Values &values) {
   size_t known = values.size();
   for (size_t i = 0; i < values.size(); ++i) {
-    if (std::isnan(values[i])) continue;
+    if (values[i].is_missing()) continue;
+    const double before = known == values.size() ? 0.0 : values[known].real();
     for (size_t gap = known; gap + 1 < i && known != values.size(); ++gap)
-      values[gap + 1] = values[known] + (values[i] - values[known]) * static_cast<double>(gap + 1 - known) /
-                                            static_cast<double>(i - known);
+      values[gap + 1] = Number(before + (values[i].real() - before) * static_cast<double>(gap + 1 - known) /
+                                            static_cast<double>(i - known));
     known = i;
   }
 }
 
-void fill_number(Values &values, double number) {
+void fill_number(Values &values, const Number &number) {
   std::replace_if(
-      values.begin(), values.end(), [](double value) { return std::isnan(value); }, number);
+      values.begin(), values.end(), [](const Number &value) { return value.is_missing(); }, number);
 }
 
-class WindowSelector {
+// What the parts of one selection share.
+struct WindowPlan {
+  const Selection &selection;
+  const Group &group;
+  WindowGrid grid;
+  int64_t from_ns;             // of the points that are read
+  size_t n_cells_max;          // of a part
+  std::atomic<size_t> n_kept;  // points of percentiles in all parts
+};
+
+// A part would have more windows than it may. Then there are no parts.
+struct TooManyWindows {};
+
+// The aggregates of some members of a group.
+class WindowPart {
  public:
-  WindowSelector(const Selection &selection, const Group &group)
-      : selection_(selection), group_(group), grid_(selection.select.every_ns, selection.select.offset_ns) {
-    for (const Leaf &leaf : selection.columns.leaves) aggregations_.emplace_back(*leaf.aggregate, leaf.percent);
-    const bool has_derivative = std::any_of(selection.columns.leaves.begin(), selection.columns.leaves.end(),
-                                            [](const Leaf &leaf) { return leaf.derivative.has_value(); });
-    // A derivative has a value in the first window if there is one before it.
-    if (has_derivative && selection.select.range.from_ns &&
-        !__builtin_sub_overflow(selection.from_ns, selection.select.every_ns, &from_ns_))
-      n_extra_ = 1;
-    else
-      from_ns_ = selection.from_ns;
+  explicit WindowPart(WindowPlan &plan) : plan_(plan) {
+    for (const Leaf &leaf : plan.selection.columns.leaves) aggregations_.emplace_back(*leaf.aggregate, leaf.percent);
   }
 
-  void select(ResultSeries &result) {
-    for (const FoundSeries *const member : group_.members) add_points(*member);
-    if (!has_points_) return;
-    std::vector<Values> values;
-    for (size_t i = 0; i < aggregations_.size(); ++i) values.push_back(values_of(i));
-    Values row(values.size());
-    for (size_t window = n_extra_of(); window < n_windows_; ++window) {
-      for (size_t i = 0; i < values.size(); ++i) row[i] = values[i][window];
-      if (is_wanted(row)) add_row(window, row, result);
+  void add(const FoundSeries &member) {
+    const Selection &selection = plan_.selection;
+    read_points(selection.environment, member, plan_.from_ns, selection.to_ns, list_, wanted_of(member));
+    if (list_.points.empty()) return;
+    cover(plan_.grid.number_of(list_.points.front().ts_ns), plan_.grid.number_of(list_.points.back().ts_ns));
+    std::vector<Aggregation *> of_integers, of_reals;
+    for (size_t i = 0; i < aggregations_.size(); ++i) {
+      if (selection.columns.leaves[i].name != member.name.field) continue;
+      if (list_.type == ValueType::real) aggregations_[i].make_real();
+      (aggregations_[i].type() == ValueType::integer ? of_integers : of_reals).push_back(&aggregations_[i]);
     }
+    add_to_all(of_integers);
+    if (of_reals.empty()) return;
+    list_.make_real();
+    add_to_all(of_reals);
   }
 
- private:
-  void add_points(const FoundSeries &member) {
-    read_points(selection_.environment, member, from_ns_, selection_.to_ns, points_, wanted_of(member));
-    if (points_.empty()) return;
-    cover(grid_.number_of(points_.front().ts_ns), grid_.number_of(points_.back().ts_ns));
-    if (!has_points_) cover_range();
-    has_points_ = true;
-    std::vector<Aggregation *> wanted;
-    for (size_t i = 0; i < aggregations_.size(); ++i)
-      if (selection_.columns.leaves[i].name == member.name.field) wanted.push_back(&aggregations_[i]);
-    for (std::span<const Point> rest(points_); !rest.empty();) {
-      const size_t n = grid_.length_of_run(rest);
-      const auto window = static_cast<size_t>(grid_.number_of(rest[0].ts_ns) - first_number_);
-      for (Aggregation *const aggregation : wanted) add(*aggregation, window, rest.first(n));
-      rest = rest.subspan(n);
-    }
-  }
-
-  // Whether the newest point of the series is all that the functions need.
-  Wanted wanted_of(const FoundSeries &member) const {
-    if (selection_.select.every_ns != 0) return Wanted::all;
-    const auto needs_newest = [&](const Leaf &leaf) {
-      return leaf.name != member.name.field || leaf.aggregate == Function::last;
-    };
-    return std::all_of(selection_.columns.leaves.begin(), selection_.columns.leaves.end(), needs_newest)
-               ? Wanted::newest
-               : Wanted::all;
-  }
-
-  void add(Aggregation &aggregation, size_t window, std::span<const Point> points) {
-    if (aggregation.keeps_points() && (n_kept_ += points.size()) > selection_.environment.limits.n_points)
-      throw ExecutionFailed(
-          fmt::format("more than {} points for a percentile", selection_.environment.limits.n_points));
-    aggregation.add(window, points);
+  void merge(WindowPart &other) {
+    if (!other.has_points()) return;
+    cover(other.first_number_, other.last_number());
+    const auto at = static_cast<size_t>(other.first_number_ - first_number_);
+    for (size_t i = 0; i < aggregations_.size(); ++i) aggregations_[i].merge(other.aggregations_[i], at);
   }
 
   // Makes the windows from one number to another exist.
@@ -105,34 +87,127 @@ class WindowSelector {
     // Numbers of short windows differ by more than the signed type holds.
     const uint64_t n_before = static_cast<uint64_t>(old_first) - static_cast<uint64_t>(first);
     const uint64_t n_windows = static_cast<uint64_t>(last) - static_cast<uint64_t>(first) + 1;
-    const Limits &limits = selection_.environment.limits;
+    const Limits &limits = plan_.selection.environment.limits;
     if (n_windows - 1 >= limits.n_windows)
       throw ExecutionFailed(fmt::format("GROUP BY time makes more than {} windows", limits.n_windows));
     if (n_windows * aggregations_.size() > limits.n_cells)
       throw ExecutionFailed(fmt::format("more than {} values in the result", limits.n_cells));
+    if (n_windows * aggregations_.size() > plan_.n_cells_max) throw TooManyWindows();
     for (Aggregation &aggregation : aggregations_) aggregation.extend(n_before, n_windows - n_before - n_windows_);
     first_number_ = first;
     n_windows_ = n_windows;
   }
 
+  bool has_points() const { return n_windows_ != 0; }
+  int64_t first_number() const { return first_number_; }
   int64_t last_number() const { return first_number_ + static_cast<int64_t>(n_windows_ - 1); }
+  size_t n_windows() const { return n_windows_; }
+  std::vector<Aggregation> &aggregations() { return aggregations_; }
+
+ private:
+  void add_to_all(std::span<Aggregation *const> aggregations) {
+    if (aggregations.empty()) return;
+    for (std::span<const Point> rest(list_.points); !rest.empty();) {
+      const size_t n = plan_.grid.length_of_run(rest);
+      const auto window = static_cast<size_t>(plan_.grid.number_of(rest[0].ts_ns) - first_number_);
+      for (Aggregation *const aggregation : aggregations) add(*aggregation, window, rest.first(n));
+      rest = rest.subspan(n);
+    }
+  }
+
+  // Whether the newest point of the series is all that the functions need.
+  Wanted wanted_of(const FoundSeries &member) const {
+    if (plan_.selection.select.every_ns != 0) return Wanted::all;
+    const auto needs_newest = [&](const Leaf &leaf) {
+      return leaf.name != member.name.field || leaf.aggregate == Function::last;
+    };
+    const std::vector<Leaf> &leaves = plan_.selection.columns.leaves;
+    return std::all_of(leaves.begin(), leaves.end(), needs_newest) ? Wanted::newest : Wanted::all;
+  }
+
+  void add(Aggregation &aggregation, size_t window, std::span<const Point> points) {
+    const size_t n_max = plan_.selection.environment.limits.n_points;
+    if (aggregation.keeps_points() && plan_.n_kept.fetch_add(points.size()) + points.size() > n_max)
+      throw ExecutionFailed(fmt::format("more than {} points for a percentile", n_max));
+    aggregation.add(window, points);
+  }
+
+  WindowPlan &plan_;
+  std::vector<Aggregation> aggregations_;  // by leaf
+  int64_t first_number_ = 0;
+  size_t n_windows_ = 0;
+  PointList list_;  // of the current series
+};
+
+class WindowSelector {
+ public:
+  WindowSelector(const Selection &selection, const Group &group)
+      : selection_(selection),
+        plan_{selection, group, {selection.select.every_ns, selection.select.offset_ns}, selection.from_ns, 0, 0},
+        all_(plan_) {
+    const bool has_derivative = std::any_of(selection.columns.leaves.begin(), selection.columns.leaves.end(),
+                                            [](const Leaf &leaf) { return leaf.derivative.has_value(); });
+    // A derivative has a value in the first window if there is one before it.
+    if (has_derivative && selection.select.range.from_ns &&
+        !__builtin_sub_overflow(selection.from_ns, selection.select.every_ns, &plan_.from_ns))
+      n_extra_ = 1;
+    else
+      plan_.from_ns = selection.from_ns;
+  }
+
+  void select(ResultSeries &result) {
+    add_members();
+    if (!all_.has_points()) return;
+    cover_range();
+    std::vector<Values> values;
+    for (size_t i = 0; i < all_.aggregations().size(); ++i) values.push_back(values_of(i));
+    Values row(values.size());
+    for (size_t window = n_extra_of(); window < all_.n_windows(); ++window) {
+      for (size_t i = 0; i < values.size(); ++i) row[i] = values[i][window];
+      if (is_wanted(row)) add_row(window, row, result);
+    }
+  }
+
+ private:
+  // The parts depend only on the members, so that a sum has the same rounding with any number of threads.
+  void add_members() {
+    constexpr size_t MEMBERS_OF_PART = 16, MAX_PARTS = 4;
+    const size_t n_members = plan_.group.members.size();
+    const size_t n_parts = std::clamp<size_t>(n_members / MEMBERS_OF_PART, 1, MAX_PARTS);
+    const size_t n_cells_max = selection_.environment.limits.n_cells;
+    plan_.n_cells_max = n_cells_max / n_parts;
+    try {
+      std::vector<WindowPart> parts(n_parts, WindowPart(plan_));
+      parallel_for(n_parts, selection_.environment.n_threads, [&](size_t i) {
+        for (size_t m = n_members * i / n_parts; m < n_members * (i + 1) / n_parts; ++m)
+          parts[i].add(*plan_.group.members[m]);
+      });
+      plan_.n_cells_max = n_cells_max;
+      for (WindowPart &part : parts) all_.merge(part);
+    } catch (const TooManyWindows &) {
+      plan_.n_cells_max = n_cells_max;
+      plan_.n_kept = 0;
+      for (const FoundSeries *const member : plan_.group.members) all_.add(*member);
+    }
+  }
 
   // Adds empty windows up to the limits of the statement.
   void cover_range() {
     if (selection_.select.every_ns == 0 || selection_.select.fill == Fill::none) return;
     const TimeRange &range = selection_.select.range;
-    const int64_t first = range.from_ns ? grid_.number_of(from_ns_) : first_number_;
+    const int64_t first = range.from_ns ? plan_.grid.number_of(plan_.from_ns) : all_.first_number();
     const bool has_end = range.from_ns || range.to_ns;
-    cover(first, has_end ? grid_.number_of(selection_.to_ns) : last_number());
+    all_.cover(first, has_end ? plan_.grid.number_of(selection_.to_ns) : all_.last_number());
   }
 
   Values values_of(size_t i) {
-    Values values(n_windows_, MISSING);
-    for (size_t window = 0; window < n_windows_; ++window) {
-      const std::optional<Point> result = aggregations_[i].result(window);
+    Aggregation &aggregation = all_.aggregations()[i];
+    Values values(all_.n_windows());
+    for (size_t window = 0; window < values.size(); ++window) {
+      const std::optional<WindowResult> result = aggregation.result(window);
       if (result) values[window] = result->value;
     }
-    if (selection_.select.every_ns != 0) fill(aggregations_[i].function(), values);
+    if (selection_.select.every_ns != 0) fill(aggregation.function(), values);
     const Leaf &leaf = selection_.columns.leaves[i];
     return leaf.derivative ? derivatives_of(leaf, values) : values;
   }
@@ -146,10 +221,10 @@ class WindowSelector {
         fill_linear(values);
         break;
       case Fill::number:
-        fill_number(values, selection_.select.fill_number);
+        fill_number(values, Number(selection_.select.fill_number));
         break;
       case Fill::null:
-        if (function == Function::count) fill_number(values, 0.0);
+        if (function == Function::count) fill_number(values, Number(int64_t{0}));
         break;
       case Fill::none:
         break;
@@ -157,25 +232,28 @@ class WindowSelector {
   }
 
   Values derivatives_of(const Leaf &leaf, const Values &values) const {
-    std::vector<Point> points;
+    PointList list;
     for (size_t window = 0; window < values.size(); ++window)
-      if (!std::isnan(values[window])) points.push_back({time_of_window(window), values[window]});
-    Values rates(values.size(), MISSING);
-    for (const Point &rate : derivative_of(points, *leaf.derivative, leaf.unit_ns.value_or(selection_.select.every_ns)))
-      rates[static_cast<size_t>(grid_.number_of(rate.ts_ns) - first_number_)] = rate.value;
+      if (!values[window].is_missing()) list.points.push_back({time_of_window(window), values[window].real()});
+    Values rates(values.size());
+    const int64_t unit_ns = leaf.unit_ns.value_or(selection_.select.every_ns);
+    for (const Point &rate : derivative_of(list, *leaf.derivative, unit_ns).points)
+      rates[static_cast<size_t>(plan_.grid.number_of(rate.ts_ns) - all_.first_number())] = Number(rate.value);
     return rates;
   }
 
-  int64_t time_of_window(size_t window) const { return grid_.begin_of(first_number_ + static_cast<int64_t>(window)); }
+  int64_t time_of_window(size_t window) const {
+    return plan_.grid.begin_of(all_.first_number() + static_cast<int64_t>(window));
+  }
 
   // Windows before the first one of the statement.
   size_t n_extra_of() const {
-    return n_extra_ != 0 && first_number_ < grid_.number_of(selection_.from_ns) ? n_extra_ : 0;
+    return n_extra_ != 0 && all_.first_number() < plan_.grid.number_of(selection_.from_ns) ? n_extra_ : 0;
   }
 
   // Rows without a value are left out if they are not filled, and of derivatives always.
   bool is_wanted(const Values &row) const {
-    const auto is_missing = [](double value) { return std::isnan(value); };
+    const auto is_missing = [](const Number &value) { return value.is_missing(); };
     if (!std::all_of(row.begin(), row.end(), is_missing)) return true;
     return selection_.select.every_ns != 0 && selection_.select.fill != Fill::none &&
            !std::all_of(selection_.columns.leaves.begin(), selection_.columns.leaves.end(),
@@ -191,21 +269,15 @@ class WindowSelector {
   // A single selected point has its own time. Other rows have the beginning of the window, or of the statement's range.
   int64_t time_of_row(size_t window) {
     if (selection_.select.every_ns != 0) return time_of_window(window);
-    if (aggregations_.size() == 1 && is_selector(aggregations_[0].function())) return aggregations_[0].result(0)->ts_ns;
+    std::vector<Aggregation> &aggregations = all_.aggregations();
+    if (aggregations.size() == 1 && is_selector(aggregations[0].function())) return aggregations[0].result(0)->ts_ns;
     return selection_.select.range.from_ns.value_or(0);
   }
 
   const Selection &selection_;
-  const Group &group_;
-  WindowGrid grid_;
-  std::vector<Aggregation> aggregations_;  // by leaf
-  int64_t from_ns_ = 0;
+  WindowPlan plan_;
+  WindowPart all_;
   size_t n_extra_ = 0;
-  int64_t first_number_ = 0;
-  size_t n_windows_ = 0;
-  bool has_points_ = false;
-  size_t n_kept_ = 0;
-  std::vector<Point> points_;
   Calculator calculator_;
 };
 

@@ -59,8 +59,12 @@ bool fulfils(const Condition &condition, const SeriesName &name) {
   return false;
 }
 
+bool is_interrupted(const Environment &environment) {
+  return environment.is_interrupted && environment.is_interrupted();
+}
+
 void check_interruption(const Environment &environment) {
-  if (environment.is_interrupted && environment.is_interrupted()) throw ExecutionFailed("query interrupted");
+  if (is_interrupted(environment)) throw ExecutionFailed("query interrupted");
 }
 
 void check_database(const Environment &environment, const std::string &database) {

@@ -16,11 +16,14 @@ class ExecutionFailed : public std::runtime_error {
 };
 
 struct Cell {
-  enum class Kind : uint8_t { null, number, text };
+  enum class Kind : uint8_t { null, number, integer, text };
+
+  static Cell of_text(uint32_t index) { return {Kind::text, index, 0.0, 0}; }
 
   Kind kind = Kind::null;
   uint32_t text = 0;  // index in `ResultSeries::texts`
   double number = 0.0;
+  int64_t integer = 0;
 };
 
 // Rows with the same measurement and tags.
@@ -37,7 +40,7 @@ struct ResultSeries {
   size_t n_rows() const { return has_times ? times_ns.size() : cells.size() / n_cells_of_row(); }
 
   void add_text(std::string text) {
-    cells.push_back({Cell::Kind::text, static_cast<uint32_t>(texts.size()), 0.0});
+    cells.push_back(Cell::of_text(static_cast<uint32_t>(texts.size())));
     texts.push_back(std::move(text));
   }
 };

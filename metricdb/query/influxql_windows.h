@@ -8,6 +8,7 @@
 
 #include "codec/point.h"
 #include "query/influxql_ast.h"
+#include "query/influxql_number.h"
 
 namespace metricdb::influxql {
 
@@ -28,21 +29,33 @@ class WindowGrid {
   int64_t offset_ns_;
 };
 
-// One aggregate function in each window.
+// The result of a function in a window, and the time of the point that it is, if the function selects one.
+struct WindowResult {
+  int64_t ts_ns = 0;
+  Number value;
+};
+
+// One aggregate function in each window. It computes with integers until it gets the first real value.
 class Aggregation {
  public:
-  Aggregation(Function function, double percent) : function_(function), percent_(percent) {}
+  Aggregation(Function function, double percent);
 
   // Adds empty windows before and after the others.
   void extend(size_t n_before, size_t n_after);
 
   // Adds points, in order of time, to a window. Points of several series follow each other in any order. Values are
-  // numbers.
+  // numbers of the aggregation's type.
   void add(size_t window, std::span<const Point> points);
 
-  // The result of a window, and the time of the point that it is, if the function selects one. None if there is no
-  // result. Reorders the points that a percentile keeps.
-  std::optional<Point> result(size_t window);
+  // Adds all windows of another aggregation of the same function. Its first one is window `at` here.
+  void merge(Aggregation &other, size_t at);
+
+  ValueType type() const { return type_; }
+  // From here on all values are real.
+  void make_real();
+
+  // The result of a window; none if there is none. Reorders the points that a percentile keeps.
+  std::optional<WindowResult> result(size_t window);
 
   bool keeps_points() const { return function_ == Function::percentile; }
   Function function() const { return function_; }
@@ -50,15 +63,18 @@ class Aggregation {
  private:
   struct Cell {
     uint64_t n = 0;
-    double a = 0.0;  // sum, mean, selected value, or minimum
-    double b = 0.0;  // sum of squared distances, or maximum
-    int64_t ts_ns = 0;
+    Point a{0, 0.0};  // sum, mean, selected point, or minimum; a sum of integers wraps
+    Point b{0, 0.0};  // sum of squared distances, or maximum
   };
 
-  std::optional<Point> percentile_of(std::vector<Point> &points) const;
+  template <class Value>
+  void add_typed(Cell &cell, std::span<const Point> points);
+  void add_values(Cell &cell, std::span<const Point> points);
+  std::optional<WindowResult> percentile_of(std::vector<Point> &points) const;
 
   Function function_;
   double percent_;
+  ValueType type_;
   std::vector<Cell> cells_;
   std::vector<std::vector<Point>> kept_;  // of a percentile
 };

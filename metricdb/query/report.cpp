@@ -54,7 +54,7 @@ Row row_of(const Store &store, uint32_t series) {
   Point point{0, 0.0};
   double min = 0.0;
   double max = 0.0;
-  for (PointCursor cursor(store, series); cursor.next(point);) {
+  for (PointCursor cursor(store, series); cursor.next_real(point);) {
     min = all.count == 0 ? point.value : std::min(min, point.value);
     max = all.count == 0 ? point.value : std::max(max, point.value);
     cells[all.count * cells.size() / n_points].add(point.value);

@@ -10,6 +10,16 @@
 
 namespace metricdb {
 
+struct SeriesRead {
+  int64_t from_ns = INT64_MIN;  // both included
+  int64_t to_ns = INT64_MAX;
+  // Points that are older than the newest number in the range may be missing. Of several numbers with its time only the last
+  // to arrive must be there.
+  bool is_newest_enough = false;
+  // Called now and then with the number of points so far. If it returns false the reading ends, with any points.
+  std::function<bool(size_t n_points)> goes_on = {};
+};
+
 class SeriesSource {
  public:
   using Visit = std::function<void(uint32_t series, const SeriesName &name)>;
@@ -19,15 +29,9 @@ class SeriesSource {
   // Visits the series that the filter admits, in any order. `visit` does not call the source.
   virtual void for_each_series(const SeriesFilter &filter, const Visit &visit) const = 0;
 
-  // Sets `points` to the visible points of a series from `from_ns` to `to_ns`, both included, in order of time; points with
-  // the same time stay in order of arrival. Empty if the series does not exist any more.
-  virtual void read(uint32_t series, int64_t from_ns, int64_t to_ns, std::vector<Point> &points) const = 0;
-
-  // The same, but points that are older than the newest number may be missing. Of several numbers with its time only the
-  // last to arrive must be there.
-  virtual void read_newest(uint32_t series, int64_t from_ns, int64_t to_ns, std::vector<Point> &points) const {
-    read(series, from_ns, to_ns, points);
-  }
+  // Sets `list` to the visible points of a series, in order of time; points with the same time stay in order of arrival.
+  // Empty if the series does not exist any more. Threads: any number at a time, while none visits series.
+  virtual void read(uint32_t series, const SeriesRead &what, PointList &list) const = 0;
 };
 
 }  // namespace metricdb

@@ -12,21 +12,20 @@ void StoreSource::for_each_series(const SeriesFilter &filter, const Visit &visit
   });
 }
 
-void StoreSource::read(uint32_t series, int64_t from_ns, int64_t to_ns, std::vector<Point> &points) const {
-  read_as(LiveRead::all, series, {from_ns, to_ns}, points);
-}
-
-void StoreSource::read_newest(uint32_t series, int64_t from_ns, int64_t to_ns, std::vector<Point> &points) const {
-  read_as(LiveRead::newest, series, {from_ns, to_ns}, points);
+void StoreSource::read(uint32_t series, const SeriesRead &what, PointList &list) const {
+  read_as(what.is_newest_enough ? LiveRead::newest : LiveRead::all, series, what, list);
   // A chunk does not say whether its newest point is a number.
-  if (points.empty() || std::isnan(points.back().value)) read(series, from_ns, to_ns, points);
+  const bool has_newest =
+      !list.points.empty() && (list.type == ValueType::integer || !std::isnan(list.points.back().value));
+  if (what.is_newest_enough && !has_newest) read_as(LiveRead::all, series, what, list);
 }
 
-void StoreSource::read_as(LiveRead what, uint32_t series, const TimeRange &range, std::vector<Point> &points) const {
-  points.clear();
+void StoreSource::read_as(LiveRead how, uint32_t series, const SeriesRead &what, PointList &list) const {
+  list.points.clear();
   const auto stamp = stamps_.find(series);
   if (stamp == stamps_.end()) return;
-  read_live(store_, {series, stamp->second}, range, points, what);
+  read_live(store_, {series, stamp->second}, {what.from_ns, what.to_ns}, list, how, what.goes_on);
+  std::vector<Point> &points = list.points;
   const auto is_earlier = [](const Point &a, const Point &b) { return a.ts_ns < b.ts_ns; };
   if (!std::is_sorted(points.begin(), points.end(), is_earlier))
     std::stable_sort(points.begin(), points.end(), is_earlier);

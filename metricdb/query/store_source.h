@@ -8,18 +8,17 @@
 
 namespace metricdb {
 
-// One for each query, and used by one thread. A series that was visited is read as that one: nothing if its number belongs
+// One for each query. A series that was visited is read as that one: nothing if its number belongs
 // to another series now.
 class StoreSource : public SeriesSource {
  public:
   explicit StoreSource(const Store &store) : store_(store) {}
 
   void for_each_series(const SeriesFilter &filter, const Visit &visit) const override;
-  void read(uint32_t series, int64_t from_ns, int64_t to_ns, std::vector<Point> &points) const override;
-  void read_newest(uint32_t series, int64_t from_ns, int64_t to_ns, std::vector<Point> &points) const override;
+  void read(uint32_t series, const SeriesRead &what, PointList &list) const override;
 
  private:
-  void read_as(LiveRead what, uint32_t series, const TimeRange &range, std::vector<Point> &points) const;
+  void read_as(LiveRead how, uint32_t series, const SeriesRead &what, PointList &list) const;
 
   const Store &store_;
   mutable std::unordered_map<uint32_t, uint32_t> stamps_;  // of the series that were visited

@@ -71,9 +71,6 @@ class Ingest {
   // Returns why points cannot be made durable at the moment, in one line; empty if they can.
   virtual std::string why_not_writable() = 0;
 
-  // False while it refuses everything because it is being opened. Then settled_fd becomes readable when this changes.
-  virtual bool is_ready() const { return true; }
-
   // Readable when the result of `settled` may have changed. Calling `settled` resets it.
   virtual int settled_fd() const = 0;
 };

@@ -27,21 +27,24 @@ enum class Outcome { done, gone, moved };
 
 class Reader {
  public:
-  Reader(const Store &store, const LiveSeries &which, const TimeRange &range, std::vector<Point> &points, LiveRead what)
+  Reader(const Store &store, const LiveSeries &which, const TimeRange &range, PointList &list, LiveRead what,
+         const std::function<bool(size_t)> &goes_on)
       : what_(what),
+        goes_on_(goes_on),
         store_(store),
         live_(*store.live()),
         which_(which),
         versions_(live_.versions.find(which.series)),
         range_{std::max(range.from_ns, live_.visible_from_ns.load(std::memory_order_relaxed)), range.to_ns},
-        points_(points),
-        n_before_(points.size()) {}
+        list_(list),
+        points_(list.points) {}
 
   Outcome attempt() {
-    points_.resize(n_before_);
+    points_.clear();
     if (versions_ == nullptr) return Outcome::gone;
     chain_seen_ = versions_->chain.begin_read();
     if (const Outcome outcome = copy_head(); outcome != Outcome::done) return outcome;
+    list_.type = head_.record.type();
     if (what_ == LiveRead::newest && !find_newest()) return Outcome::moved;
     if (!walk_chain()) return Outcome::moved;
     for (uint32_t i = 0; i < head_.n_open; ++i) add(point_at(head_.open.data(), i));
@@ -91,31 +94,44 @@ class Reader {
   // then on need not be decoded. Of a chunk that reaches beyond the range this is not known.
   bool find_newest() {
     needed_from_ns_ = range_.from_ns;
-    for (uint32_t i = 0; i < head_.n_open; ++i) need_from(point_at(head_.open.data(), i));
+    for (uint32_t i = 0; i < head_.n_open; ++i) {
+      const Point point = point_at(head_.open.data(), i);
+      if (head_.record.type() == ValueType::integer || !std::isnan(point.value)) need_from(point.ts_ns);
+    }
     return for_each_sealed([this](const SealedChunk &sealed, const char *) {
-      need_from({sealed.newest_ns, 0.0});
+      need_from(sealed.newest_ns);
       return true;
     });
   }
 
-  void need_from(const Point &point) {
-    const bool is_number = !std::isnan(point.value);
-    if (is_number && point.ts_ns <= range_.to_ns) needed_from_ns_ = std::max<int64_t>(needed_from_ns_, point.ts_ns);
+  void need_from(int64_t ts_ns) {
+    if (ts_ns <= range_.to_ns) needed_from_ns_ = std::max(needed_from_ns_, ts_ns);
   }
 
   bool walk_chain() {
     const int64_t from_ns = what_ == LiveRead::newest ? needed_from_ns_ : range_.from_ns;
-    return for_each_sealed([&](const SealedChunk &sealed, const char *chunk) {
-      return sealed.newest_ns < from_ns || sealed.oldest_ns > range_.to_ns || add_sealed(sealed, chunk);
+    const bool is_complete = for_each_sealed([&](const SealedChunk &sealed, const char *chunk) {
+      if (sealed.newest_ns < from_ns || sealed.oldest_ns > range_.to_ns) return true;
+      if (!add_sealed(sealed, chunk)) return false;
+      is_stopped_ = goes_on_ && !goes_on_(points_.size());
+      return !is_stopped_;
     });
+    return is_complete || is_stopped_;
   }
 
   bool add_sealed(const SealedChunk &sealed, const char *chunk) {
     encoded_.resize(sealed.bytes);
     copy_racing(encoded_.data(), chunk + sizeof sealed, sealed.bytes);
     if (!versions_->chain.is_unchanged(chain_seen_)) return false;
-    SealedPoints decoder(encoded_.data(), encoded_.size(), sealed.count);
-    for (Point point; decoder.next(point);) add(point);
+    const size_t n_added_before = points_.size();
+    open_chunk(sealed, encoded_.data(), head_.record.type(), points_);
+    if (sealed.oldest_ns < range_.from_ns || sealed.newest_ns > range_.to_ns) {
+      const auto is_outside = [this](const Point &point) {
+        return point.ts_ns < range_.from_ns || point.ts_ns > range_.to_ns;
+      };
+      points_.erase(std::remove_if(points_.begin() + static_cast<ptrdiff_t>(n_added_before), points_.end(), is_outside),
+                    points_.end());
+    }
     return true;
   }
 
@@ -124,13 +140,15 @@ class Reader {
   }
 
   const LiveRead what_;
+  const std::function<bool(size_t)> &goes_on_;
+  bool is_stopped_ = false;
   const Store &store_;
   const LiveState &live_;
   const LiveSeries which_;
   const SeriesVersions *const versions_;
   const TimeRange range_;
+  PointList &list_;
   std::vector<Point> &points_;
-  const size_t n_before_;
   uint32_t chain_seen_ = 0;
   int64_t needed_from_ns_ = INT64_MIN;
   Head head_;
@@ -139,9 +157,9 @@ class Reader {
 
 }  // namespace
 
-void read_live(const Store &store, const LiveSeries &which, const TimeRange &range, std::vector<Point> &points,
-               LiveRead what) {
-  Reader reader(store, which, range, points, what);
+void read_live(const Store &store, const LiveSeries &which, const TimeRange &range, PointList &list, LiveRead what,
+               const std::function<bool(size_t)> &goes_on) {
+  Reader reader(store, which, range, list, what, goes_on);
   for (int i = 0; i < MAX_ATTEMPTS; ++i) {
     if (reader.attempt() != Outcome::moved) return;
     n_repeated.fetch_add(1, std::memory_order_relaxed);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 #include "store/store.h"
@@ -18,13 +19,16 @@ enum class LiveRead {
   newest  // may leave out points that are older than the newest one
 };
 
-// Appends the visible points of the series in the range to `points`, in order of arrival: those of one moment between call
-// and return, perhaps not durable yet. Nothing if the series does not exist any more.
+// Sets `list` to the visible points of the series in the range, in order of arrival: those of one moment between call and
+// return, perhaps not durable yet. Nothing if the series does not exist any more.
+//
+// goes_on  asked after each sealed chunk with the number of points so far; if it returns false the reading ends, and `list`
+//          has any points. Not called without one.
 //
 // It takes no lock, unless what it reads was moved many times meanwhile; then it holds the lock of `changes` for this
 // series, for which the store's thread can wait.
-void read_live(const Store &store, const LiveSeries &which, const TimeRange &range, std::vector<Point> &points,
-               LiveRead what = LiveRead::all);
+void read_live(const Store &store, const LiveSeries &which, const TimeRange &range, PointList &list,
+               LiveRead what = LiveRead::all, const std::function<bool(size_t n_points)> &goes_on = {});
 
 // Attempts that had to be repeated, and those that took the lock, of all threads since the process began.
 struct LiveReadCounts {

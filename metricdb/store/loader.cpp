@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <stdexcept>
 #include <utility>
 
 #include "codec/printable.h"
@@ -16,6 +17,16 @@ uint64_t remove_lines(std::string_view &text, size_t n_bytes) {
   const std::string_view removed = text.substr(0, n_bytes);
   text.remove_prefix(n_bytes);
   return static_cast<uint64_t>(std::count(removed.begin(), removed.end(), '\n')) + (removed.ends_with('\n') ? 0 : 1);
+}
+
+// The line has a real number for a series of integers.
+class WrongType : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+ValueType type_of(const ParsedField &field) {
+  return field.integer ? ValueType::integer : ValueType::real;
 }
 
 }  // namespace
@@ -75,18 +86,46 @@ uint32_t Loader::series_of(const ParsedLine &line, const ParsedField &field) {
   key_.assign(line.head).append(1, ' ').append(field.key);
   if (n_created() - n_created_before_ >= limits_.max_new_series && !store_.find(key_))
     throw StoreFull(fmt::format("no room for more than {} new series at a time", limits_.max_new_series));
-  return store_.series_of(key_);
+  return store_.series_of(key_, type_of(field));
+}
+
+// A series of real numbers takes integers too, because agents send 0 as an integer, and earlier versions stored integers
+// as real numbers.
+void Loader::expect_type(const ParsedField &field, uint32_t series) {
+  if (field.integer || store_.type(series) != ValueType::integer) return;
+  const std::string_view head = parser_.line().head;
+  throw WrongType(fmt::format("field type conflict: input field \"{}\" on measurement \"{}\" is type float, already exists "
+                              "as type integer",
+                              printable(field.key), printable(head.substr(0, head.find(',')))));
+}
+
+bool Loader::is_known(const ParsedLine &line, size_t i) const {
+  return i < last_.size() && (i < line.n_likely || last_[i].name == line.fields[i].key);
+}
+
+// Before a series is made: one of a refused line would stay without points.
+void Loader::expect_types(const ParsedLine &line) {
+  for (size_t i = 0; i < line.fields.size(); ++i) {
+    const ParsedField &field = line.fields[i];
+    if (field.integer) continue;
+    if (is_known(line, i)) {
+      expect_type(field, last_[i].series);
+      continue;
+    }
+    key_.assign(line.head).append(1, ' ').append(field.key);
+    if (const std::optional<uint32_t> series = store_.find(key_)) expect_type(field, *series);
+  }
 }
 
 void Loader::store_fields(const ParsedLine &line, int64_t ts_ns) {
   drop_stale_series();
+  expect_types(line);
   bool is_like_last = last_.size() == line.fields.size();
   fields_.clear();
   for (size_t i = 0; i < line.fields.size(); ++i) {
     const ParsedField &field = line.fields[i];
-    const bool is_known = i < last_.size() && (i < line.n_likely || last_[i].name == field.key);
     uint32_t series;
-    if (is_known) {
+    if (is_known(line, i)) {
       series = last_[i].series;
     } else {
       series = series_of(line, field);
@@ -94,12 +133,16 @@ void Loader::store_fields(const ParsedLine &line, int64_t ts_ns) {
       // The new series can have replaced another one. Not a series of this line: `make_room` has activated those.
       drop_stale_series();
     }
+    expect_type(field, series);  // the line can have an integer and a real number of one new series
     store_.make_room(series);
     fields_.push_back({field.key, series});
   }
   for (size_t i = 0; i < line.fields.size(); ++i) {
-    const Point point = {ts_ns, line.fields[i].value};
-    if (!is_repeated(fields_[i].series, point)) store_.append(fields_[i].series, point);
+    const ParsedField &field = line.fields[i];
+    const uint32_t series = fields_[i].series;
+    const Point point = store_.type(series) == ValueType::integer ? integer_point(ts_ns, *field.integer)
+                                                                  : Point{ts_ns, field.value};
+    if (!is_repeated(series, point)) store_.append(series, point);
   }
   if (!is_like_last) cache_.keep(line.head, fields_);
 }
@@ -133,6 +176,9 @@ size_t Loader::load(std::string_view text, Precision precision, int64_t now_ns, 
       if (on_full_ == OnFull::stop) throw LoadStopped(number, full.what());
       ++stats_.refused;
       report_(number, full.what());
+    } catch (const WrongType &wrong) {
+      stats_.malformed += n_own;
+      report_(number, wrong.what());
     }
   }
   return n_bytes - text.size();

@@ -78,6 +78,9 @@ class Loader {
   void skip_late(uint64_t number);
   uint32_t series_of(const ParsedLine &line, const ParsedField &field);
   uint64_t n_created() const { return store_.n_series() + store_.n_forgotten_series(); }
+  bool is_known(const ParsedLine &line, size_t i) const;
+  void expect_types(const ParsedLine &line);
+  void expect_type(const ParsedField &field, uint32_t series);
   void store_fields(const ParsedLine &line, int64_t ts_ns);
   void drop_stale_series();
 

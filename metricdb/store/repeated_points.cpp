@@ -50,22 +50,21 @@ RepeatedPoints::Chain &RepeatedPoints::chain_of(uint32_t series, const SeriesRec
 }
 
 // May be wrong if the result is true.
-bool RepeatedPoints::can_have(Chunk &chunk, int64_t ts_ns) {
+bool RepeatedPoints::can_have(Chunk &chunk, ValueType type, int64_t ts_ns) {
   if (ts_ns < chunk.oldest_ns || ts_ns > chunk.newest_ns) return false;
   if (!chunk.times) {
     chunk.times = std::make_unique<Filter>();
-    for (const Point &point : points_of(chunk.address)) chunk.times->set(hash_of(point.ts_ns));
+    for (const Point &point : points_of(chunk.address, type)) chunk.times->set(hash_of(point.ts_ns));
   }
   return chunk.times->test(hash_of(ts_ns));
 }
 
-const std::vector<Point> &RepeatedPoints::points_of(const maddr_t &address) {
+const std::vector<Point> &RepeatedPoints::points_of(const maddr_t &address, ValueType type) {
   const SealedChunk *const chunk = chunk_at(address);
   if (decoded_ == chunk) return points_;
   decoded_ = chunk;
   points_.clear();
-  SealedPoints sealed(bytes_of(chunk), chunk->bytes, chunk->count);
-  for (Point point; sealed.next(point);) points_.push_back(point);
+  open_chunk(*chunk, bytes_of(chunk), type, points_);
   return points_;
 }
 
@@ -80,9 +79,9 @@ bool RepeatedPoints::is_sealed(uint32_t series, const Point &point) {
   for (size_t i = chunks.size(); i > 0 && chunks.size() - i < MAX_CHUNKS && n_decoded < MAX_DECODED; --i) {
     Chunk &chunk = chunks[i - 1];
     if (chunk.newest_up_to_ns < point.ts_ns) return false;
-    if (!can_have(chunk, point.ts_ns)) continue;
+    if (!can_have(chunk, record.type(), point.ts_ns)) continue;
     ++n_decoded;
-    const std::vector<Point> &points = points_of(chunk.address);
+    const std::vector<Point> &points = points_of(chunk.address, record.type());
     const auto found = std::find_if(points.rbegin(), points.rend(),
                                     [&point](const Point &candidate) { return candidate.ts_ns == point.ts_ns; });
     if (found != points.rend()) return std::bit_cast<uint64_t>(found->value) == std::bit_cast<uint64_t>(point.value);

@@ -57,8 +57,8 @@ class RepeatedPoints {
   void list_next(Chain &chain, const SeriesRecord &record);
   Chain &chain_of(uint32_t series, const SeriesRecord &record);
   size_t hash_of(int64_t ts_ns) const { return static_cast<size_t>((static_cast<uint64_t>(ts_ns) * seed_) >> 54); }
-  bool can_have(Chunk &chunk, int64_t ts_ns);
-  const std::vector<Point> &points_of(const maddr_t &address);
+  bool can_have(Chunk &chunk, ValueType type, int64_t ts_ns);
+  const std::vector<Point> &points_of(const maddr_t &address, ValueType type);
 
   Store &store_;
   uint64_t n_forgotten_ = 0;  // chunks, when the following were valid

@@ -26,6 +26,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "codec/point.h"
+
 namespace metricdb {
 
 inline constexpr uint8_t OLDEST_LAYOUT = 0;
@@ -33,6 +35,7 @@ inline constexpr uint8_t NEWEST_LAYOUT = 1;
 
 inline constexpr uint8_t SERIES_READY = 0x01;
 inline constexpr uint8_t SERIES_HAS_OPEN = 0x02;
+inline constexpr uint8_t SERIES_HAS_INTEGERS = 0x04;  // instead of real numbers
 
 // Offsets of the references to chunks.
 inline constexpr size_t KEY_REFERENCE = offsetof(ty_sub_t_v1, i_name);
@@ -58,6 +61,7 @@ class SeriesRecord {
 
   uint32_t gatekeeper() const { return get<uint32_t>(KEY_REFERENCE); }
   uint8_t flags() const { return get<uint8_t>(FLAGS); }
+  ValueType type() const { return (flags() & SERIES_HAS_INTEGERS) != 0 ? ValueType::integer : ValueType::real; }
   maddr_t key() const { return get<maddr_t>(KEY_REFERENCE); }
   maddr_t open() const { return get<maddr_t>(OPEN_REFERENCE); }
   uint32_t n_open() const { return get<uint32_t>(N_OPEN); }

@@ -108,12 +108,12 @@ std::optional<uint32_t> Store::find(std::string_view key) const {
   return known == series_by_key_.end() ? std::nullopt : std::optional(known->second);
 }
 
-uint32_t Store::series_of(std::string_view key) {
+uint32_t Store::series_of(std::string_view key, ValueType type) {
   const auto known = series_by_key_.find(key);
-  return known != series_by_key_.end() ? known->second : add_series(key);
+  return known != series_by_key_.end() ? known->second : add_series(key, type);
 }
 
-uint32_t Store::add_series(std::string_view key) {
+uint32_t Store::add_series(std::string_view key, ValueType type) {
   if (key.size() > MAX_KEY_BYTES) throw StoreFull("a series key is too long");
   // Until the series is complete: the library clears the record of a series that is replaced.
   const LiveChange change(live_.get(), LiveChange::SLOTS);
@@ -121,7 +121,7 @@ uint32_t Store::add_series(std::string_view key) {
   uint32_t index;
   const SeriesRecord record = take_slot(index);
   if (tails_.size() <= index) tails_.resize(index + 1);
-  tails_[index] = {.record = record};
+  tails_[index] = {.record = record, .type = type};
   mark_changed(index, tails_[index]);
   maddr_t address;
   char *text;
@@ -137,7 +137,7 @@ uint32_t Store::add_series(std::string_view key) {
   record.set_key(address);
   record.set_written_at_ns(data_time_ns_);
   record.set_newest_ns(INT64_MIN);
-  record.set_flags(SERIES_READY);
+  record.set_flags(static_cast<uint8_t>(SERIES_READY | (type == ValueType::integer ? SERIES_HAS_INTEGERS : 0)));
   series_by_key_.emplace(std::string_view(text, key.size()), index);
   if (live_) live_->index.add(index, ++live_->versions.of(index).stamp, key);
   return index;

@@ -4,7 +4,7 @@
 //   keys        big-buffer pool, one chunk per series: its key and a terminating zero.
 //   points      bit-vector pool. The newest points of a series are in its open chunk, unencoded. An open chunk grows
 //               from 8 over 32 to 128 points, so that a short series needs little memory. When it has 128 points it is
-//               sealed: its points are encoded (point_codec.h) into a chunk of the necessary length, which is appended
+//               sealed: its points are encoded (sealed_chunk.h) into a chunk of the necessary length, which is appended
 //               to the series' chain of sealed chunks, and the open chunk is empty again. The order of arrival is kept.
 //
 // No stored structure contains a pointer: chunks are named by addresses, which are valid wherever the memory is mapped.
@@ -33,30 +33,15 @@
 #include <vector>
 
 #include "codec/point.h"
-#include "codec/point_codec.h"
 #include "store/chunk_pool.h"
 #include "store/forgetting.h"
 #include "store/live_state.h"
+#include "store/sealed_chunk.h"
 #include "store/series_record.h"
 
 namespace metricdb {
 
-inline constexpr size_t SEALED_POINTS = 128;  // in a sealed chunk, and the maximum in an open one
-
-// Header of a sealed chunk's data. `bytes` bytes of encoded points follow, and zeros up to a multiple of 8.
-struct TSLB_UNALIGNED SealedChunk {
-  maddr_t next;  // 0 in the last chunk of a chain
-  uint16_t count;
-  uint16_t bytes;
-  int64_t oldest_ns;  // the minimum and the maximum timestamp in the chunk
-  int64_t newest_ns;
-};
-TSLB_STORED_SIZE(SealedChunk, 24);
-TSLB_STORED_AT(SealedChunk, next, 0);
-TSLB_STORED_AT(SealedChunk, count, 4);
-TSLB_STORED_AT(SealedChunk, bytes, 6);
-TSLB_STORED_AT(SealedChunk, oldest_ns, 8);
-TSLB_STORED_AT(SealedChunk, newest_ns, 16);
+inline constexpr size_t SEALED_POINTS = 128;  // in an open chunk when it is sealed
 
 // The arrays or figures of a store contradict themselves.
 class StoreDamaged : public std::runtime_error {
@@ -124,16 +109,16 @@ class Store {
   // Changes the limits from here on. Data that was forgotten before stays forgotten.
   void set_forgetting(const Forgetting &forgetting);
 
-  // Adds a point. Throws StoreFull; data time has moved then.
+  // Adds a point to a series of real numbers. Throws StoreFull; data time has moved then.
   void add(std::string_view key, const Point &point);
 
   // Announces points of one time: moves data time on, and sweeps if a sweep is due. Returns true if the points can be
   // stored with `append`; false if they are too old, and counts them as late.
   bool admit(int64_t ts_ns, uint32_t n_points);
 
-  // Returns the number of the series with this key, and creates the series if necessary. The number is valid until a
-  // series is forgotten. Throws StoreFull.
-  uint32_t series_of(std::string_view key);
+  // Returns the number of the series with this key, and creates a series of this type if necessary. The number is valid
+  // until a series is forgotten. Throws StoreFull.
+  uint32_t series_of(std::string_view key, ValueType type = ValueType::real);
 
   // The same, but creates nothing.
   std::optional<uint32_t> find(std::string_view key) const;
@@ -145,13 +130,15 @@ class Store {
   // Throws StoreFull.
   void make_room(uint32_t series);
 
+  ValueType type(uint32_t series) const { return tails_[series].type; }
+
   // The newest timestamp of the series; the minimum without points.
   int64_t newest_ns(uint32_t series) const { return tails_[series].record.newest_ns(); }
 
   // Replaces the value of the last point of that time in the open chunk. Returns false if there is none.
   bool replace_open(uint32_t series, const Point &point);
 
-  // Appends a point to the series. Throws StoreFull.
+  // Appends a point to the series, of its type. Throws StoreFull.
   void append(uint32_t series, const Point &point);
 
   // Applies the limits, and releases empty memory slots.
@@ -203,6 +190,7 @@ class Store {
     uint32_t n_open = 0;
     uint32_t capacity = 0;
     uint32_t n_logged = 0;    // points of the open chunk in earlier batches
+    ValueType type = ValueType::real;
     bool is_changed = false;  // listed in changed_series_
   };
 
@@ -210,7 +198,7 @@ class Store {
 
   // Series.
   SeriesRecord slot(uint32_t series) const;
-  uint32_t add_series(std::string_view key);
+  uint32_t add_series(std::string_view key, ValueType type);
   SeriesRecord take_slot(uint32_t &index);
   std::string_view key_of(const SeriesRecord &record) const;
   Tail tail_of(const SeriesRecord &record) const;
@@ -247,6 +235,7 @@ class Store {
   std::unique_ptr<LiveState> live_;  // null: no other thread reads the store
   tslb_batch_t *batch_ = nullptr;
   std::vector<uint32_t> changed_series_;  // in this batch
+  std::vector<char> sealed_;              // a chunk that is being made
 };
 
 // Timestamps, both limits included.
@@ -260,7 +249,15 @@ struct TimeRange {
 class PointCursor {
  public:
   PointCursor(const Store &store, uint32_t series, const TimeRange &range = {});
+  // The value of `point` has the type of the series.
   bool next(Point &point);
+  ValueType type() const { return record_.type(); }
+  // The same, but an integer becomes a real number.
+  bool next_real(Point &point) {
+    const bool has_point = next(point);
+    if (has_point) point.value = real_of(point, type());
+    return has_point;
+  }
 
   // Number of points passed so far, including those in chunks that were skipped as a whole.
   uint64_t n_passed() const { return n_passed_; }
@@ -274,7 +271,8 @@ class PointCursor {
   TimeRange range_;
   uint32_t n_sealed_left_;
   maddr_t next_sealed_;
-  SealedPoints sealed_;
+  std::vector<Point> sealed_;  // of the current chunk
+  size_t n_sealed_read_ = 0;
   uint32_t n_open_read_ = 0;
   uint64_t n_passed_ = 0;
 };

@@ -10,7 +10,7 @@
 //               chunk's header names this reference. Each chunk is referred to once, so no chain is a ring or joins
 //               another chain, and no chunk is lost.
 //   points      the number of points of an open chunk is within its capacity; a sealed chunk has the number of points
-//               and the time span in its header, and its bytes are the sealed form of these points.
+//               and the time span in its header, and its bytes are a sealed form of that many points.
 //   figures     counts of chunks and points; keys are unique; no time is after data time.
 #include <fmt/format.h>
 
@@ -187,21 +187,23 @@ class SeriesAudit {
       const auto *const chunk = reinterpret_cast<const SealedChunk *>(points.claim(address, from, bytes, fail_chunk));
       if (bytes < sizeof(SealedChunk) || bytes != sizeof(SealedChunk) + padded(chunk->bytes))
         fail_chunk(fmt::format("has {} bytes, which is not the size of its points", bytes));
-      if (chunk->count != SEALED_POINTS) fail_chunk(fmt::format("holds {} points", uint16_t{chunk->count}));
+      if (chunk->is_block() ? chunk->count() == 0 : chunk->count() != SEALED_POINTS)
+        fail_chunk(fmt::format("holds {} points", chunk->count()));
       const bool is_last = number + 1 == record_.n_sealed();
       if (is_last && bits_of(address) != bits_of(record_.last_sealed()))
         fail("its last sealed chunk is not the end of its chain");
       if (is_last && bits_of(chunk->next) != 0) fail_chunk("is the last one, but names a next chunk");
       expect_points(*chunk, fail_chunk);
-      n_points_ += chunk->count;
+      n_points_ += chunk->count();
       from = referrer_of(POINTS_TABLE, bits_of(address), offsetof(SealedChunk, next));
       address = chunk->next;
     }
   }
 
   void take_open(ChunkMap &points) {
-    const uint8_t flags = record_.flags();
-    if (flags != SERIES_READY && flags != (SERIES_READY | SERIES_HAS_OPEN)) fail(fmt::format("flags 0x{:02x}", flags));
+    const uint8_t flags = record_.flags() & static_cast<uint8_t>(~SERIES_HAS_INTEGERS);
+    if (flags != SERIES_READY && flags != (SERIES_READY | SERIES_HAS_OPEN))
+      fail(fmt::format("flags 0x{:02x}", record_.flags()));
     if (flags == SERIES_READY && record_.n_open() + record_.n_sealed() != 0) fail("it has points but no open chunk");
     if (flags == SERIES_READY) return;
     const auto fail_chunk = [this](const std::string &what) { fail("its open chunk " + what); };
@@ -218,18 +220,19 @@ class SeriesAudit {
   }
 
   template <class Fail>
-  void expect_points(const SealedChunk &chunk, Fail fail_chunk) const {
-    SealedPoints points(bytes_of(&chunk), chunk.bytes, chunk.count);
-    int64_t oldest_ns = INT64_MAX;
-    int64_t newest_ns = INT64_MIN;
-    for (Point point; points.next(point);) {
-      oldest_ns = std::min(oldest_ns, point.ts_ns);
-      newest_ns = std::max(newest_ns, point.ts_ns);
-    }
+  void expect_points(const SealedChunk &chunk, Fail fail_chunk) {
+    chunk_points_.clear();
+    const bool is_whole = open_chunk(chunk, bytes_of(&chunk), record_.type(), chunk_points_);
     const char *const end = bytes_of(&chunk) + chunk.bytes;
     const bool is_padded =
         std::all_of(end, bytes_of(&chunk) + padded(chunk.bytes), [](char byte) { return byte == '\0'; });
-    if (!points.is_whole() || !is_padded) fail_chunk("cannot be read");
+    if (!is_whole || !is_padded) fail_chunk("cannot be read");
+    int64_t oldest_ns = INT64_MAX;
+    int64_t newest_ns = INT64_MIN;
+    for (const Point &point : chunk_points_) {
+      oldest_ns = std::min(oldest_ns, point.ts_ns);
+      newest_ns = std::max(newest_ns, point.ts_ns);
+    }
     if (oldest_ns != chunk.oldest_ns || newest_ns != chunk.newest_ns)
       fail_chunk(fmt::format("holds times from {} to {}, but its header has others", oldest_ns, newest_ns));
     expect_time(newest_ns);
@@ -243,6 +246,7 @@ class SeriesAudit {
   const uint32_t series_;
   const SeriesRecord record_;
   uint64_t n_points_ = 0;
+  std::vector<Point> chunk_points_;
 };
 
 // Returns whether the slot holds a series. Status, flags and gatekeeper word must agree.

@@ -31,9 +31,9 @@ void Store::drop_first_sealed(uint32_t series, const SeriesRecord &record) {
   const SealedChunk head = *sealed_at(record.first_sealed());
   forgotten_.point_slots += points_.remove(record.first_sealed());
   ++forgotten_.chunks;
-  forgotten_.points += head.count;
-  n_points_ -= head.count;
-  record.set_n_points(record.n_points() - head.count);
+  forgotten_.points += head.count();
+  n_points_ -= head.count();
+  record.set_n_points(record.n_points() - head.count());
   record.set_n_sealed(record.n_sealed() - 1);
   if (record.n_sealed() == 0) return;
   record.set_first_sealed(head.next);

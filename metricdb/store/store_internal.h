@@ -72,10 +72,6 @@ inline Point point_at(const char *points, size_t index) {
   return point;
 }
 
-inline const char *bytes_of(const SealedChunk *chunk) {
-  return reinterpret_cast<const char *>(chunk + 1);
-}
-
 // All arrays of the store have lists.
 inline const DynArrLLI_t *lists_of(DynArrHandle_t *array) {
   return static_cast<const DynArrLLI_t *>(tslb_da_get_lli(array));

@@ -12,7 +12,7 @@ SealedChunk *Store::sealed_at(const maddr_t &address) const {
 
 // The tail of an existing series. All its points are in the redo log, or older than it.
 Store::Tail Store::tail_of(const SeriesRecord &record) const {
-  Tail tail = {.record = record};
+  Tail tail = {.record = record, .type = record.type()};
   if ((record.flags() & SERIES_HAS_OPEN) == 0) return tail;
   tail.open = points_.data(record.open());
   tail.capacity = compat_of(tail.open)->mchunk_len / sizeof(Point);
@@ -72,7 +72,7 @@ void Store::grow_open(uint32_t series, Tail &tail) {
     forgotten_.point_slots += points_.remove(tail.record.open());
   }
   tail.record.set_open(address);
-  tail.record.set_flags(SERIES_READY | SERIES_HAS_OPEN);
+  tail.record.set_flags(tail.record.flags() | SERIES_HAS_OPEN);
   points_.log_data(address, tail.n_open * sizeof(Point));
   tail.open = grown;
   tail.capacity = capacity;
@@ -80,18 +80,8 @@ void Store::grow_open(uint32_t series, Tail &tail) {
 }
 
 void Store::seal_open(uint32_t series, Tail &tail) {
-  char encoded[max_sealed_bytes(SEALED_POINTS)];
-  const size_t bytes = seal_points(tail.open, tail.n_open, encoded);
-  SealedChunk head = {};
-  head.count = static_cast<uint16_t>(tail.n_open);
-  head.bytes = static_cast<uint16_t>(bytes);
-  head.oldest_ns = INT64_MAX;
-  head.newest_ns = INT64_MIN;
-  for (uint32_t index = 0; index < tail.n_open; ++index) {
-    const int64_t ts_ns = point_at(tail.open, index).ts_ns;
-    head.oldest_ns = std::min<int64_t>(head.oldest_ns, ts_ns);
-    head.newest_ns = std::max<int64_t>(head.newest_ns, ts_ns);
-  }
+  sealed_.resize(max_sealed_chunk_bytes(SEALED_POINTS));
+  const size_t bytes = seal_chunk(tail.open, tail.n_open, tail.type, sealed_.data());
 
   const SeriesRecord &record = tail.record;
   const uint32_t n_sealed = record.n_sealed();
@@ -99,12 +89,10 @@ void Store::seal_open(uint32_t series, Tail &tail) {
   const srcaddr_t referrer = n_sealed == 0 ? referrer_of(CATALOGUE_TABLE, series, FIRST_SEALED_REFERENCE)
                                            : referrer_of(POINTS_TABLE, bits_of(previous), offsetof(SealedChunk, next));
   maddr_t address;
-  const size_t whole = sizeof head + padded(bytes);
-  char *const chunk = points_.take(whole, referrer, address);
-  std::memcpy(chunk, &head, sizeof head);
-  std::memcpy(chunk + sizeof head, encoded, bytes);
-  std::memset(chunk + sizeof head + bytes, 0, padded(bytes) - bytes);
-  points_.log_data(address, whole);
+  char *const chunk = points_.take(padded(bytes), referrer, address);
+  std::memcpy(chunk, sealed_.data(), bytes);
+  std::memset(chunk + bytes, 0, padded(bytes) - bytes);
+  points_.log_data(address, padded(bytes));
 
   if (n_sealed == 0) {
     record.set_first_sealed(address);
@@ -124,27 +112,31 @@ PointCursor::PointCursor(const Store &store, uint32_t series, const TimeRange &r
       record_(store.record(series)),
       range_{std::max(range.from_ns, store.visible_from_ns()), range.to_ns},
       n_sealed_left_(record_.n_sealed()),
-      next_sealed_(record_.first_sealed()),
-      sealed_(nullptr, 0, 0) {}
+      next_sealed_(record_.first_sealed()) {}
 
 // Moves to the next sealed chunk whose time span overlaps the range.
 bool PointCursor::enter_sealed() {
+  sealed_.clear();
+  n_sealed_read_ = 0;
   while (n_sealed_left_ > 0) {
     const auto *const chunk = static_cast<const SealedChunk *>(tslb_dynmem_get_maddr2ptr(pool_, next_sealed_));
     --n_sealed_left_;
     next_sealed_ = chunk->next;
     if (chunk->newest_ns >= range_.from_ns && chunk->oldest_ns <= range_.to_ns) {
-      sealed_ = SealedPoints(bytes_of(chunk), chunk->bytes, chunk->count);
+      open_chunk(*chunk, bytes_of(chunk), type(), sealed_);
       return true;
     }
-    n_passed_ += chunk->count;
+    n_passed_ += chunk->count();
   }
   return false;
 }
 
 bool PointCursor::next_of_any(Point &point) {
   do {
-    if (sealed_.next(point)) return true;
+    if (n_sealed_read_ < sealed_.size()) {
+      point = sealed_[n_sealed_read_++];
+      return true;
+    }
   } while (enter_sealed());
   if (n_open_read_ == record_.n_open()) return false;
   const auto *const open = static_cast<const char *>(tslb_dynmem_get_maddr2ptr(pool_, record_.open()));

@@ -3,6 +3,7 @@
 #define INFLUXQL_SUPPORT_H
 
 #include <algorithm>
+#include <atomic>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,8 +16,17 @@ class MemorySource : public SeriesSource {
  public:
   void add(const std::string &measurement, std::vector<std::pair<std::string, std::string>> tags,
            const std::string &field, std::vector<Point> points) {
-    series_.push_back({{measurement, std::move(tags), field}, std::move(points)});
+    series_.push_back({{measurement, std::move(tags), field}, {ValueType::real, std::move(points)}});
   }
+  void add_integers(const std::string &measurement, std::vector<std::pair<std::string, std::string>> tags,
+                    const std::string &field, const std::vector<std::pair<int64_t, int64_t>> &values) {
+    add(measurement, std::move(tags), field, {});
+    std::vector<Point> points;
+    for (const auto &[ts_ns, value] : values) points.push_back(integer_point(ts_ns, value));
+    set_last(points, ValueType::integer);
+  }
+  // Replaces the points of the series that was added last.
+  void set_last(const std::vector<Point> &points, ValueType type) { series_.back().second = {type, points}; }
 
   void for_each_series(const SeriesFilter &filter, const Visit &visit) const override {
     for (uint32_t i = 0; i < series_.size(); ++i) {
@@ -26,11 +36,11 @@ class MemorySource : public SeriesSource {
     }
   }
 
-  void read(uint32_t series, int64_t from_ns, int64_t to_ns, std::vector<Point> &points) const override {
-    points.clear();
-    for (const Point &point : series_[series].second)
-      if (point.ts_ns >= from_ns && point.ts_ns <= to_ns) points.push_back(point);
-    n_read += points.size();
+  void read(uint32_t series, const SeriesRead &what, PointList &list) const override {
+    list = {series_[series].second.type};
+    for (const Point &point : series_[series].second.points)
+      if (point.ts_ns >= what.from_ns && point.ts_ns <= what.to_ns) list.points.push_back(point);
+    std::atomic_ref(n_read) += list.points.size();
   }
 
   mutable size_t n_visited = 0;
@@ -45,7 +55,7 @@ class MemorySource : public SeriesSource {
            });
   }
 
-  std::vector<std::pair<SeriesName, std::vector<Point>>> series_;
+  std::vector<std::pair<SeriesName, PointList>> series_;
 };
 
 }  // namespace metricdb

@@ -4,7 +4,6 @@
 #include <arpa/inet.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 
 #include <chrono>
@@ -15,6 +14,7 @@
 #include <utility>
 
 #include "metricdb_support.h"
+#include "net/event.h"
 #include "net/server.h"
 #include "store/ingest.h"
 
@@ -35,9 +35,6 @@ bool wait_until(Condition condition) {
 // Threads: the server's for the functions of Ingest, any for the others.
 class FakeIngest : public Ingest {
  public:
-  FakeIngest() : fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
-  ~FakeIngest() override { close(fd_); }
-
   IngestResult take(std::string_view text, Precision precision) override {
     const std::lock_guard lock(mutex_);
     if (!refusal_.empty()) throw IngestRefused(refusal_);
@@ -70,8 +67,7 @@ class FakeIngest : public Ingest {
 
   uint64_t settled() override {
     const std::lock_guard lock(mutex_);
-    uint64_t count = 0;
-    [[maybe_unused]] const ssize_t got = read(fd_, &count, sizeof(count));
+    settled_event_.drain();
     return settled_;
   }
 
@@ -89,7 +85,7 @@ class FakeIngest : public Ingest {
     const std::lock_guard lock(mutex_);
     return why_not_writable_;
   }
-  int settled_fd() const override { return fd_; }
+  int settled_fd() const override { return settled_event_.fd(); }
 
   void set_figures(const IngestFigures &figures) {
     const std::lock_guard lock(mutex_);
@@ -131,11 +127,10 @@ class FakeIngest : public Ingest {
   void settle_some() {
     if (settled_ == std::min(ticket_, allowed_)) return;
     settled_ = std::min(ticket_, allowed_);
-    const uint64_t one = 1;
-    [[maybe_unused]] const ssize_t put = write(fd_, &one, sizeof(one));
+    settled_event_.raise();
   }
 
-  const int fd_;
+  Event settled_event_;
   mutable std::mutex mutex_;
   uint64_t ticket_ = 0;
   uint64_t settled_ = 0;
@@ -151,7 +146,10 @@ class FakeIngest : public Ingest {
 class RunningServer {
  public:
   explicit RunningServer(const ServerOptions &options = {.influx_port = 0, .graphite_port = 0})
-      : server_(options, ingest_), thread_([this] { server_.run(); }) {}
+      : server_(options), thread_([this] {
+          server_.open(ingest_);
+          server_.run();
+        }) {}
   ~RunningServer() {
     ingest_.settle_all();
     stop();
@@ -163,6 +161,7 @@ class RunningServer {
     if (thread_.joinable()) thread_.join();
   }
   void stop_later() { server_.stop(); }
+  void hang_up() { server_.hang_up(); }
 
   FakeIngest &ingest() { return ingest_; }
   ServerCounters counters() const { return server_.counters(); }

@@ -1,0 +1,38 @@
+#include "cli/server_access.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <stdexcept>
+
+namespace metricdb {
+namespace {
+
+std::string password_of(const ServerAccess &access) {
+  if (access.password_file.empty()) {
+    const char *const password = std::getenv("METRICDB_PASSWORD");
+    if (password == nullptr)
+      throw std::runtime_error("--user needs --password-file or the variable METRICDB_PASSWORD");
+    return password;
+  }
+  std::ifstream file(access.password_file);
+  std::string password;
+  if (!std::getline(file, password)) throw std::runtime_error(access.password_file + ": no line with a password");
+  return password;
+}
+
+}  // namespace
+
+void check_server_or_db(const ServerAccess &access, const std::string &db) {
+  if (db.empty() == access.address.empty()) throw std::runtime_error("use either --db or --server");
+  const bool has_access = !access.ca_file.empty() || !access.user.empty() || !access.password_file.empty();
+  if (has_access && access.address.empty())
+    throw std::runtime_error("--ca, --user and --password-file need --server");
+}
+
+HttpServer http_server_of(const ServerAccess &access) {
+  HttpServer server = {.address = access.address, .ca_file = access.ca_file, .user = access.user};
+  if (!server.user.empty()) server.password = password_of(access);
+  return server;
+}
+
+}  // namespace metricdb

@@ -1,0 +1,22 @@
+// How a command reaches a running server.
+#pragma once
+
+#include <string>
+
+#include "net/http_client.h"
+
+namespace metricdb {
+
+struct ServerAccess {
+  std::string address;        // as in HttpServer; empty: no server
+  std::string ca_file, user;  // as in HttpServer
+  std::string password_file;  // empty: the variable METRICDB_PASSWORD
+};
+
+// Throws std::runtime_error if both a server and a folder are named, or none of them, or what only a server needs.
+void check_server_or_db(const ServerAccess &access, const std::string &db);
+
+// Reads the password. Throws std::runtime_error.
+HttpServer http_server_of(const ServerAccess &access);
+
+}  // namespace metricdb

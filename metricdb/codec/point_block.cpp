@@ -1,0 +1,548 @@
+#include "codec/point_block.h"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cmath>
+#include <cstring>
+#include <optional>
+#include <span>
+
+namespace metricdb {
+namespace {
+
+static_assert(std::endian::native == std::endian::little, "numbers are written as they are in memory");
+
+constexpr size_t GROUP = 128;
+constexpr unsigned MAX_PACKED_WIDTH = 57;  // of a number that any 8 bytes contain, whatever its first bit in them
+constexpr unsigned WHOLE_WIDTH_CODE = 58;  // for 64 bits
+constexpr uint8_t WIDTH_MASK = 0x3F, BOTH_SIGNS = 0x40, HAS_EXCEPTIONS = 0x80;
+
+enum Kind : uint8_t { INTEGERS, DECIMALS, BITS };
+constexpr uint8_t KIND_MASK = 0x03, AS_DIFFERENCES = 0x04;
+constexpr unsigned PLACES_SHIFT = 3;
+
+constexpr std::array<int64_t, 4> TIME_UNITS = {1, 1'000, 1'000'000, 1'000'000'000};
+// Powers of ten up to 10^22 are doubles, so a quotient of an integer and one of them is rounded once.
+constexpr std::array<double, 19> POWERS = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8, 1e9,
+                                           1e10, 1e11, 1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18};
+constexpr double MAX_SCALED = 2251799813685248.0;  // 2^51
+constexpr double ROUNDER = 3 * MAX_SCALED;         // a sum with it has no bits after the point
+constexpr uint64_t SIGN = uint64_t{1} << 63;
+
+uint64_t folded(int64_t number) {
+  return static_cast<uint64_t>(number) << 1 ^ static_cast<uint64_t>(number >> 63);
+}
+
+int64_t unfolded(uint64_t code) {
+  return static_cast<int64_t>(code >> 1 ^ (0 - (code & 1)));
+}
+
+int64_t plus(int64_t a, uint64_t b) {
+  return static_cast<int64_t>(static_cast<uint64_t>(a) + b);
+}
+
+int64_t difference(int64_t a, int64_t b) {
+  return static_cast<int64_t>(static_cast<uint64_t>(a) - static_cast<uint64_t>(b));
+}
+
+uint64_t low_bits(unsigned n) {
+  return n == 64 ? ~uint64_t{0} : (uint64_t{1} << n) - 1;
+}
+
+class BlockWriter {
+ public:
+  explicit BlockWriter(char *at) : at_(at) {}
+
+  char *at() const { return at_; }
+  void byte(unsigned value) { *at_++ = static_cast<char>(value); }
+  void word(uint64_t value) {
+    std::memcpy(at_, &value, sizeof value);
+    at_ += sizeof value;
+  }
+  void varint(uint64_t value) {
+    for (; value >= 0x80; value >>= 7) byte(static_cast<unsigned>(value & 0x7F) | 0x80);
+    byte(static_cast<unsigned>(value));
+  }
+  void signed_number(int64_t value) { varint(folded(value)); }
+
+  // Writes the lower bits of the n numbers number(i).
+  template <class Number>
+  void packed(size_t n, unsigned width, Number number) {
+    const uint64_t mask = low_bits(width);
+    uint64_t bits = 0;
+    unsigned n_bits = 0;  // in `bits`
+    for (size_t i = 0; i < n; ++i) {
+      const uint64_t low = number(i) & mask;
+      bits |= low << n_bits;
+      n_bits += width;
+      if (n_bits >= 64) {
+        word(bits);
+        n_bits -= 64;
+        bits = n_bits == 0 ? 0 : low >> (width - n_bits);
+      }
+    }
+    for (; n_bits > 0; n_bits -= std::min(n_bits, 8u), bits >>= 8) byte(bits & 0xFF);
+  }
+
+ private:
+  char *at_;
+};
+
+unsigned length_of(uint64_t number) {
+  return static_cast<unsigned>(64 - std::countl_zero(number));
+}
+
+constexpr unsigned varint_bits(unsigned length) {
+  return length == 0 ? 8 : (length + 6) / 7 * 8;
+}
+
+// How a group is packed.
+struct GroupPlan {
+  int64_t base = 0;
+  bool both_signs = false;
+  unsigned width = 0;
+  unsigned n_exceptions = 0;
+  unsigned bits = 0;  // approximately, of all
+};
+
+uint64_t offset_of(int64_t number, const GroupPlan &plan) {
+  const int64_t offset = difference(number, plan.base);
+  return plan.both_signs ? folded(offset) : static_cast<uint64_t>(offset);
+}
+
+void set_width(size_t n, unsigned longest, GroupPlan &plan) {
+  plan.width = longest > MAX_PACKED_WIDTH ? 64 : longest;
+  plan.n_exceptions = 0;
+  plan.bits = static_cast<unsigned>(n) * plan.width + 8 + varint_bits(length_of(folded(plan.base)));
+}
+
+// Sets the width with the fewest bits: the offsets that are longer become exceptions.
+void choose_width(std::span<const int64_t> numbers, GroupPlan &plan) {
+  std::array<uint8_t, 65> n_of_length = {};
+  for (const int64_t number : numbers) ++n_of_length[length_of(offset_of(number, plan))];
+  const auto n = static_cast<unsigned>(numbers.size());
+  unsigned longest = 64;
+  while (longest > 0 && n_of_length[longest] == 0) --longest;
+  set_width(n, longest, plan);
+  const unsigned head_bits = plan.bits - n * plan.width;
+  unsigned n_longer = 0;
+  // With narrower widths there are more exceptions, each of at least 16 bits.
+  for (unsigned width = longest; width-- > 0;) {
+    n_longer += n_of_length[width + 1];
+    if (n_longer * 16 + head_bits > plan.bits) break;
+    if (width > MAX_PACKED_WIDTH) continue;
+    unsigned bits = head_bits + n * width + 8;
+    for (unsigned length = width + 1; length <= longest; ++length)
+      bits += n_of_length[length] * (8 + varint_bits(length - width));
+    if (bits < plan.bits) plan = {plan.base, plan.both_signs, width, n_longer, bits};
+  }
+}
+
+// The median of some of the n numbers number(i).
+template <class Number>
+auto typical_of(size_t n, Number number) {
+  std::array<decltype(number(size_t{0})), 9> some;
+  for (size_t i = 0; i < some.size(); ++i) some[i] = number(i * (n - 1) / (some.size() - 1));
+  std::nth_element(some.begin(), some.begin() + some.size() / 2, some.end());
+  return some[some.size() / 2];
+}
+
+// Whether a few numbers are far from the others, so that they can be exceptions. A quick test.
+bool has_outliers(std::span<const int64_t> numbers, int64_t typical, unsigned longest) {
+  constexpr unsigned SAVED_BITS = 3, BITS_OF_EXCEPTION = 16;
+  if (longest <= SAVED_BITS) return false;
+  size_t n_far = 0;
+  for (const int64_t number : numbers)
+    n_far += folded(difference(number, typical)) >> (longest - SAVED_BITS) != 0 ? 1 : 0;
+  return n_far * BITS_OF_EXCEPTION < numbers.size() * SAVED_BITS;
+}
+
+GroupPlan plan_of(std::span<const int64_t> numbers) {
+  int64_t min = numbers[0], max = numbers[0];
+  for (const int64_t number : numbers) {
+    min = std::min(min, number);
+    max = std::max(max, number);
+  }
+  GroupPlan plan;
+  plan.base = min;
+  const unsigned longest = length_of(static_cast<uint64_t>(difference(max, min)));
+  set_width(numbers.size(), longest, plan);
+  const int64_t typical = typical_of(numbers.size(), [numbers](size_t i) { return numbers[i]; });
+  if (!has_outliers(numbers, typical, longest)) return plan;
+  choose_width(numbers, plan);
+  // With numbers far below the others, the minimum is a bad base.
+  GroupPlan other;
+  other.base = typical;
+  other.both_signs = true;
+  choose_width(numbers, other);
+  return other.bits < plan.bits ? other : plan;
+}
+
+void write_group(std::span<const int64_t> numbers, const GroupPlan &plan, BlockWriter &out) {
+  const unsigned code = plan.width == 64 ? WHOLE_WIDTH_CODE : plan.width;
+  out.byte(code | (plan.both_signs ? BOTH_SIGNS : 0u) | (plan.n_exceptions != 0 ? HAS_EXCEPTIONS : 0u));
+  out.signed_number(plan.base);
+  if (plan.n_exceptions == 0 && !plan.both_signs) {
+    const auto base = static_cast<uint64_t>(plan.base);
+    if (plan.width != 0)
+      out.packed(numbers.size(), plan.width,
+                 [numbers, base](size_t i) { return static_cast<uint64_t>(numbers[i]) - base; });
+    return;
+  }
+  if (plan.width != 0)
+    out.packed(numbers.size(), plan.width, [numbers, plan](size_t i) { return offset_of(numbers[i], plan); });
+  if (plan.n_exceptions == 0) return;
+  out.byte(plan.n_exceptions - 1);
+  for (size_t i = 0; i < numbers.size(); ++i) {
+    const uint64_t offset = offset_of(numbers[i], plan);
+    if (length_of(offset) <= plan.width) continue;
+    out.byte(static_cast<unsigned>(i));
+    out.varint(offset >> plan.width);
+  }
+}
+
+void write_groups(std::span<const int64_t> numbers, BlockWriter &out) {
+  for (; !numbers.empty(); numbers = numbers.subspan(std::min(numbers.size(), GROUP))) {
+    const std::span<const int64_t> group = numbers.first(std::min(numbers.size(), GROUP));
+    write_group(group, plan_of(group), out);
+  }
+}
+
+// Replaces each number except for the first one by its difference to the previous one. Returns whether one has wrapped.
+bool make_differences(std::span<int64_t> numbers) {
+  bool has_wrapped = false;
+  for (size_t i = numbers.size() - 1; i > 0; --i)
+    has_wrapped |= __builtin_sub_overflow(numbers[i], numbers[i - 1], &numbers[i]);
+  return has_wrapped;
+}
+
+bool are_equal(std::span<const int64_t> numbers) {
+  uint64_t any = 0;
+  for (const int64_t number : numbers) any |= static_cast<uint64_t>(number) ^ static_cast<uint64_t>(numbers[0]);
+  return any == 0;
+}
+
+void write_differences(std::span<const int64_t> numbers, BlockWriter &out) {
+  out.signed_number(numbers[0]);
+  write_groups(numbers.subspan(1), out);
+}
+
+// Divides the numbers by the unit if all are multiples of it. A template, because divisors that are known are fast.
+template <int64_t UNIT>
+bool divide_by_unit(std::span<int64_t> numbers) {
+  for (const int64_t number : numbers)
+    if (number % UNIT != 0) return false;
+  for (int64_t &number : numbers) number /= UNIT;
+  return true;
+}
+
+unsigned divide_by_largest_unit(std::span<int64_t> numbers) {
+  if (divide_by_unit<TIME_UNITS[3]>(numbers)) return 3;
+  if (divide_by_unit<TIME_UNITS[2]>(numbers)) return 2;
+  return divide_by_unit<TIME_UNITS[1]>(numbers) ? 1 : 0;
+}
+
+void write_times(std::span<int64_t> times, BlockWriter &out) {
+  unsigned unit = 0;
+  const bool has_wrapped = make_differences(times);
+  const std::span<int64_t> differences = times.subspan(1);
+  if (has_wrapped) {
+    // What the decoder sums up wraps too, and then is no multiple of a unit.
+  } else if (differences.size() > 1 && are_equal(differences)) {
+    unit = divide_by_largest_unit(times.first(2));  // a regular series, as most are
+    std::fill(differences.begin(), differences.end(), differences[0]);
+  } else {
+    unit = divide_by_largest_unit(times);
+  }
+  out.byte(unit);
+  write_differences(times, out);
+}
+
+// Whether most differences are shorter than the distances to the middle of the numbers.
+bool are_differences_short(std::span<const int64_t> numbers) {
+  const size_t n = numbers.size();
+  if (n < 3) return false;
+  const int64_t middle = typical_of(n, [numbers](size_t i) { return numbers[i]; });
+  const uint64_t distance = typical_of(n, [&](size_t i) { return folded(difference(numbers[i], middle)); });
+  const uint64_t change = typical_of(n - 1, [&](size_t i) { return folded(difference(numbers[i + 1], numbers[i])); });
+  return change <= distance && distance != 0;
+}
+
+void write_values(uint8_t kind, std::span<int64_t> numbers, BlockWriter &out, std::optional<unsigned> shift = {}) {
+  const bool as_differences = are_differences_short(numbers);
+  out.byte(kind | (as_differences ? AS_DIFFERENCES : 0u));
+  if (shift) out.byte(*shift);
+  if (as_differences) {
+    make_differences(numbers);
+    write_differences(numbers, out);
+  } else {
+    write_groups(numbers, out);
+  }
+}
+
+// Returns x with x / 10^places == value, bit by bit.
+std::optional<int64_t> scaled(double value, unsigned places) {
+  const double product = value * POWERS[places];
+  if (!(std::fabs(product) < MAX_SCALED)) return std::nullopt;
+  const double number = product + ROUNDER - ROUNDER;  // rounded to an integer without a call
+  const double back = number / POWERS[places];
+  if (std::bit_cast<uint64_t>(back) != std::bit_cast<uint64_t>(value)) return std::nullopt;
+  return static_cast<int64_t>(number);
+}
+
+// Returns how many decimal places some of the values need; nothing if many have no short decimal form.
+std::optional<unsigned> places_of(std::span<const double> values) {
+  constexpr size_t N_SAMPLES = 16, MAX_WITHOUT = 3;
+  unsigned places = 0;
+  size_t n_without = 0;
+  for (size_t i = 0; i < values.size(); i += std::max<size_t>(1, values.size() / N_SAMPLES)) {
+    unsigned needed = places;
+    while (needed < POWERS.size() && !scaled(values[i], needed)) ++needed;
+    if (needed == POWERS.size())
+      ++n_without;
+    else
+      places = needed;
+    if (n_without > MAX_WITHOUT) return std::nullopt;
+  }
+  return places;
+}
+
+bool write_decimals(std::span<const double> values, BlockWriter &out) {
+  const std::optional<unsigned> places = places_of(values);
+  if (!places) return false;
+  std::vector<int64_t> numbers(values.size());
+  std::vector<size_t> exceptions;
+  int64_t previous = 0;
+  for (size_t i = 0; i < values.size(); ++i) {
+    const std::optional<int64_t> number = scaled(values[i], *places);
+    if (!number) exceptions.push_back(i);
+    numbers[i] = previous = number.value_or(previous);
+  }
+  if (exceptions.size() > values.size() / 8) return false;
+  write_values(static_cast<uint8_t>(DECIMALS | *places << PLACES_SHIFT), numbers, out);
+  out.varint(exceptions.size());
+  for (const size_t i : exceptions) {
+    out.varint(i);
+    out.word(std::bit_cast<uint64_t>(values[i]));
+  }
+  return true;
+}
+
+void write_bits(std::span<const double> values, BlockWriter &out) {
+  uint64_t any = 0;
+  for (const double value : values) any |= std::bit_cast<uint64_t>(value) & ~SIGN;
+  const unsigned shift = any == 0 ? 0 : static_cast<unsigned>(std::countr_zero(any));
+  std::vector<int64_t> numbers(values.size());
+  for (size_t i = 0; i < values.size(); ++i) {
+    const uint64_t bits = std::bit_cast<uint64_t>(values[i]), magnitude = (bits & ~SIGN) >> shift;
+    numbers[i] = static_cast<int64_t>((bits & SIGN) != 0 ? ~magnitude : magnitude);
+  }
+  write_values(BITS, numbers, out, shift);
+}
+
+// Reads a block. After the first invalid byte all results are undefined, and `is_valid` is false.
+class BlockReader {
+ public:
+  BlockReader(const char *bytes, size_t size) : at_(bytes), end_(bytes + size) {}
+
+  bool is_valid() const { return is_valid_; }
+  bool is_at_end() const { return at_ == end_; }
+  void fail() { is_valid_ = false; }
+
+  unsigned byte() {
+    if (at_ == end_) {
+      fail();
+      return 0;
+    }
+    return static_cast<uint8_t>(*at_++);
+  }
+  uint64_t word() {
+    if (end_ - at_ < 8) {
+      fail();
+      return 0;
+    }
+    uint64_t value;
+    std::memcpy(&value, at_, sizeof value);
+    at_ += sizeof value;
+    return value;
+  }
+  uint64_t varint() {
+    uint64_t value = 0;
+    for (unsigned shift = 0;; shift += 7) {
+      const unsigned next = byte();
+      // The tenth byte has one bit.
+      if (shift == 63 && next > 1) fail();
+      if (!is_valid_) return 0;
+      value |= uint64_t{next & 0x7F} << shift;
+      if (next < 0x80) return value;
+    }
+  }
+  int64_t signed_number() { return unfolded(varint()); }
+
+  // Calls emit(i, number) for the n numbers.
+  template <class Emit>
+  void sequence(size_t n, bool as_differences, Emit emit) {
+    if (as_differences) {
+      auto sum = static_cast<uint64_t>(signed_number());
+      emit(size_t{0}, static_cast<int64_t>(sum));
+      groups(1, n, [&sum, emit](size_t i, int64_t change) {
+        sum += static_cast<uint64_t>(change);
+        emit(i, static_cast<int64_t>(sum));
+      });
+    } else {
+      groups(0, n, emit);
+    }
+  }
+
+ private:
+  template <class Emit>
+  void groups(size_t begin, size_t end, Emit emit) {
+    for (; begin < end && is_valid_; begin += std::min(end - begin, GROUP))
+      group(std::min(end - begin, GROUP), [emit, begin](size_t i, int64_t number) { emit(begin + i, number); });
+  }
+
+  template <class Emit>
+  void group(size_t n, Emit emit) {
+    const unsigned head = byte(), code = head & WIDTH_MASK;
+    if (code > WHOLE_WIDTH_CODE) fail();
+    const unsigned width = code == WHOLE_WIDTH_CODE ? 64 : code;
+    const int64_t base = signed_number();
+    const size_t n_bytes = (n * width + 7) / 8;
+    if (!is_valid_ || static_cast<size_t>(end_ - at_) < n_bytes) return fail();
+    if ((head & (BOTH_SIGNS | HAS_EXCEPTIONS)) == 0) {
+      unpack(width, n, [emit, base](size_t i, uint64_t offset) { emit(i, plus(base, offset)); });
+      at_ += n_bytes;
+      return;
+    }
+    std::array<uint64_t, GROUP> offsets;
+    unpack(width, n, [&](size_t i, uint64_t offset) { offsets[i] = offset; });
+    at_ += n_bytes;
+    if ((head & HAS_EXCEPTIONS) != 0) add_exceptions({offsets.data(), n}, width);
+    const bool both_signs = (head & BOTH_SIGNS) != 0;
+    for (size_t i = 0; i < n; ++i)
+      emit(i, plus(base, both_signs ? static_cast<uint64_t>(unfolded(offsets[i])) : offsets[i]));
+  }
+
+  // Calls use(i, offset) for the n offsets. Their bytes exist.
+  template <class Use>
+  void unpack(unsigned width, size_t n, Use use) const {
+    if (width == 0) {
+      for (size_t i = 0; i < n; ++i) use(i, 0);
+      return;
+    }
+    if (width == 64) {
+      for (size_t i = 0; i < n; ++i) use(i, word_at(at_ + i * 8));
+      return;
+    }
+    const uint64_t mask = low_bits(width);
+    const char *const bytes = at_;
+    const auto n_bytes = static_cast<size_t>(end_ - at_);
+    // The offsets whose 8 bytes are in the block.
+    const size_t n_whole = std::min(n, n_bytes < 8 ? 0 : ((n_bytes - 8) * 8 + 7) / width + 1);
+    size_t i = 0, bit = 0;
+    for (; i < n_whole; ++i, bit += width) use(i, word_at(bytes + bit / 8) >> bit % 8 & mask);
+    for (; i < n; ++i, bit += width) {
+      uint64_t last = 0;
+      std::memcpy(&last, bytes + bit / 8, std::min<size_t>(8, n_bytes - bit / 8));
+      use(i, last >> bit % 8 & mask);
+    }
+  }
+
+  static uint64_t word_at(const char *bytes) {
+    uint64_t word;
+    std::memcpy(&word, bytes, sizeof word);
+    return word;
+  }
+
+  void add_exceptions(std::span<uint64_t> offsets, unsigned width) {
+    for (unsigned n_left = byte() + 1; n_left > 0; --n_left) {
+      const unsigned index = byte();
+      const uint64_t upper = varint();
+      if (!is_valid_ || index >= offsets.size() || width == 64) return fail();
+      offsets[index] |= upper << width;
+    }
+  }
+
+  const char *at_;
+  const char *const end_;
+  bool is_valid_ = true;
+};
+
+void read_times(BlockReader &in, std::span<Point> points) {
+  const unsigned unit = in.byte();
+  if (unit >= TIME_UNITS.size()) return in.fail();
+  const auto factor = static_cast<uint64_t>(TIME_UNITS[unit]);
+  in.sequence(points.size(), true, [at = points.data(), factor](size_t i, int64_t time) {
+    at[i].ts_ns = static_cast<int64_t>(static_cast<uint64_t>(time) * factor);
+  });
+}
+
+void read_decimals(BlockReader &in, unsigned places, bool as_differences, std::span<Point> points) {
+  if (places >= POWERS.size()) return in.fail();
+  const double power = POWERS[places];
+  in.sequence(points.size(), as_differences,
+              [at = points.data(), power](size_t i, int64_t number) { at[i].value = static_cast<double>(number) / power; });
+  for (uint64_t n_left = in.varint(); n_left > 0 && in.is_valid(); --n_left) {
+    const uint64_t index = in.varint();
+    if (index >= points.size()) return in.fail();
+    points[index].value = std::bit_cast<double>(in.word());
+  }
+}
+
+void read_bits(BlockReader &in, bool as_differences, std::span<Point> points) {
+  const unsigned shift = in.byte();
+  if (shift > 62) return in.fail();
+  in.sequence(points.size(), as_differences, [at = points.data(), shift](size_t i, int64_t number) {
+    const auto code = static_cast<uint64_t>(number);
+    at[i].value = std::bit_cast<double>(number < 0 ? ~code << shift | SIGN : code << shift);
+  });
+}
+
+void read_values(BlockReader &in, ValueType type, std::span<Point> points) {
+  const unsigned head = in.byte(), kind = head & KIND_MASK, places = head >> PLACES_SHIFT;
+  const bool as_differences = (head & AS_DIFFERENCES) != 0;
+  if ((kind == INTEGERS) != (type == ValueType::integer) || (kind != DECIMALS && places != 0)) return in.fail();
+  if (kind == DECIMALS) return read_decimals(in, places, as_differences, points);
+  if (kind == BITS) return read_bits(in, as_differences, points);
+  if (kind != INTEGERS) return in.fail();
+  in.sequence(points.size(), as_differences,
+              [at = points.data()](size_t i, int64_t number) { at[i].value = std::bit_cast<double>(number); });
+}
+
+}  // namespace
+
+size_t encode_block(const char *points, size_t n, ValueType type, char *out) {
+  BlockWriter writer(out);
+  std::vector<int64_t> numbers(n);
+  std::vector<double> values(n);
+  for (size_t i = 0; i < n; ++i) {
+    Point point;
+    std::memcpy(&point, points + i * sizeof point, sizeof point);
+    numbers[i] = point.ts_ns;
+    values[i] = point.value;
+  }
+  write_times(numbers, writer);
+  if (type == ValueType::integer) {
+    std::memcpy(numbers.data(), values.data(), n * sizeof(int64_t));
+    write_values(INTEGERS, numbers, writer);
+  } else if (!write_decimals(values, writer)) {
+    write_bits(values, writer);
+  }
+  return static_cast<size_t>(writer.at() - out);
+}
+
+bool decode_block(const char *bytes, size_t size, size_t n, ValueType type, std::vector<Point> &points) {
+  if (n == 0) return false;
+  BlockReader in(bytes, size);
+  const size_t n_before = points.size();
+  points.resize(n_before + n);
+  const std::span<Point> decoded(points.data() + n_before, n);
+  read_times(in, decoded);
+  if (in.is_valid()) read_values(in, type, decoded);
+  if (in.is_valid() && in.is_at_end()) return true;
+  points.resize(n_before);
+  return false;
+}
+
+}  // namespace metricdb
