@@ -1,8 +1,11 @@
-# Debian packages, one per component: the library, the development files, and the tools.
+# Debian packages, one per component: the library, the development files, the tools, and the database metricdb.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_CONTACT "tslb developers <maintainers@tslb.example>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # otherwise it precedes the first line of each description
 set(CPACK_COMPONENTS_ALL runtime dev tools)
+if(TARGET metricdb)
+  list(APPEND CPACK_COMPONENTS_ALL metricdb)
+endif()
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -49,5 +52,20 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libtslb0 ${same_version}")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "tools for the stored arrays of tslb databases
 Command line programs for arrays that the tslb library stored: tslb-inspect
 shows their contents and faults, tslb-convert converts them to older layouts.")
+
+set(CPACK_DEBIAN_METRICDB_PACKAGE_NAME metricdb)
+set(CPACK_DEBIAN_METRICDB_PACKAGE_SECTION database)
+set(CPACK_DEBIAN_METRICDB_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_METRICDB_PACKAGE_DEPENDS "libtslb0 ${same_version}")
+set(CPACK_DEBIAN_METRICDB_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/metricdb/conffiles
+  ${PROJECT_SOURCE_DIR}/packaging/metricdb/postinst ${PROJECT_SOURCE_DIR}/packaging/metricdb/prerm
+  ${PROJECT_SOURCE_DIR}/packaging/metricdb/postrm)
+set(CPACK_COMPONENT_METRICDB_DESCRIPTION "time-series database for agents and dashboards
+Receives points over the HTTP interface of InfluxDB 1.x and over Graphite's
+plaintext protocol, answers InfluxQL, and acknowledges points when they are on
+the disk. Databases are folders, which can be copied while they are served.
+.
+The package contains the program, a service of systemd that is not started by
+the installation, and its configuration.")
 
 include(CPack)

@@ -1,4 +1,4 @@
-// What a server says about itself: /health, /metrics and the log.
+// What a server does for its operator: /health, /metrics, the log and backups.
 #include "net/limited_log.h"
 #include "server_support.h"
 #include "store/log.h"
@@ -183,4 +183,40 @@ TEST_F(Operator, LimitedLogBeginsAgainWithTheNextInterval) {
   EXPECT_THAT(lines_of(end_log(root_)),
               ElementsAre("second 0;", "second 1;", "another topic;", "refusals: 2 further lines were left out",
                           "second 10;", "second 11;"));
+}
+
+TEST_F(Operator, BackupsAreOffWithoutAFolder) {
+  RunningServer server;
+  Peer peer(server.influx_port());
+  const std::string answer = answer_to(peer, get("/backup?name=x", "POST"));
+  EXPECT_EQ(Peer::status_of(answer), 403);
+  EXPECT_THAT(answer, HasSubstr("the server has no --backup-folder"));
+}
+
+// A backup that does not end holds up neither writes nor queries; the end of the server waits for it.
+TEST_F(Operator, BackupRunsBesideEverythingElse) {
+  std::atomic<bool> has_begun = false, may_end = false, has_ended = false;
+  ServerOptions options = {.influx_port = 0, .graphite_port = 0};
+  options.backup = [&](const QueryRequest &request, const IsInterrupted &) {
+    has_begun = true;
+    EXPECT_TRUE(wait_until([&] { return may_end.load(); }));
+    has_ended = true;
+    return QueryAnswer{HTTP_STATUS_OK, "text/plain", "backup " + request.text};
+  };
+  options.query = [](const QueryRequest &, const IsInterrupted &) { return QueryAnswer{HTTP_STATUS_OK, "", "rows"}; };
+  RunningServer server(options);
+  Peer asking(server.influx_port()), others(server.influx_port());
+  ASSERT_TRUE(asking.send(get("/backup?name=a", "POST")));
+  ASSERT_TRUE(wait_until([&] { return has_begun.load(); }));
+  EXPECT_EQ(ask(others, post("m f=1 5")), 204);
+  EXPECT_EQ(ask(others, get("/query?q=x")), 200);
+  ASSERT_TRUE(asking.send(get("/backup?name=b", "POST") + get("/backup?name=c", "POST")));
+  ASSERT_TRUE(wait_until([&] { return server.counters().requests == 5; }));
+  server.stop_later();
+  may_end = true;
+  EXPECT_EQ(body_of(asking.answer()), "backup a");
+  EXPECT_EQ(body_of(asking.answer()), "backup b");
+  EXPECT_EQ(asking.status(), 503);
+  server.stop();
+  EXPECT_TRUE(has_ended);
 }

@@ -38,10 +38,11 @@ class Manager {
 // A socket at a free port of this machine.
 class Bound {
  public:
-  explicit Bound(int type = SOCK_STREAM) : fd_(socket(AF_INET, type | SOCK_CLOEXEC, 0)) {
+  explicit Bound(int type = SOCK_STREAM, in_addr_t at = INADDR_LOOPBACK)
+      : fd_(socket(AF_INET, type | SOCK_CLOEXEC, 0)) {
     sockaddr_in address = {};
     address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_addr.s_addr = htonl(at);
     socklen_t bytes = sizeof address;
     EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr *>(&address), bytes), 0);
     if (type == SOCK_STREAM) {
@@ -129,7 +130,7 @@ TEST_F(Service, PassedSocketsOutliveTheProcess) {
 }
 
 TEST_F(Service, WrongSocketsAreRefused) {
-  const Bound stream, other, datagrams(SOCK_DGRAM);
+  const Bound stream, other, datagrams(SOCK_DGRAM), open(SOCK_STREAM, INADDR_ANY);
   const struct {
     const char *environment;
     std::vector<int> passed;
@@ -141,6 +142,9 @@ TEST_F(Service, WrongSocketsAreRefused) {
        {stream.fd(), other.fd()},
        "two sockets with the name \"influx\""},
       {"LISTEN_PID=$$ LISTEN_FDS=1 LISTEN_FDNAMES=influx", {datagrams.fd()}, "is not a listening stream socket"},
+      {"LISTEN_PID=$$ LISTEN_FDS=1 LISTEN_FDNAMES=influx",
+       {open.fd()},
+       "other machines can reach 0.0.0.0: use --tls-cert"},
       {"LISTEN_PID=1 LISTEN_FDS=1 LISTEN_FDNAMES=influx", {stream.fd()}, "nothing to serve"},
   };
   for (const auto &row : rows) {

@@ -82,15 +82,24 @@ bool is_loopback(const std::string &address) {
   return inet_pton(AF_INET, address.c_str(), &ipv4) == 1 && ntohl(ipv4.s_addr) >> 24 == IN_LOOPBACKNET;
 }
 
+// Returns the address at which other machines can reach a port or a passed socket; empty if there is none.
+std::string exposed_address(const ServeArguments &arguments, const std::optional<int> &port, int passed) {
+  if (passed >= 0) return exposed_address_of(passed);
+  return port && !is_loopback(arguments.address) ? arguments.address : "";
+}
+
 // Refuses to serve other machines without what protects the data.
-void check_exposure(const ServeArguments &arguments) {
-  if (arguments.insecure || is_loopback(arguments.address)) return;
-  const auto refuse = [&](const char *what) {
-    throw std::runtime_error(fmt::format("other machines can reach {}: {}, or --insecure", arguments.address, what));
+void check_exposure(const ServeArguments &arguments, const PassedSockets &sockets) {
+  const std::string influx = exposed_address(arguments, arguments.influx_port, sockets.influx);
+  const std::string graphite = exposed_address(arguments, arguments.graphite_port, sockets.graphite);
+  if (arguments.insecure || (influx.empty() && graphite.empty())) return;
+  const auto refuse = [](const std::string &address, const char *what) {
+    throw std::runtime_error(fmt::format("other machines can reach {}: {}, or --insecure", address, what));
   };
-  if (arguments.tls_certificate_file.empty()) refuse("use --tls-cert and --tls-key");
-  if (arguments.user_file.empty()) refuse("use --user-file");
-  if (arguments.graphite_port) refuse("Graphite's protocol has no users, so use --influx alone");
+  if (arguments.tls_certificate_file.empty())
+    refuse(influx.empty() ? graphite : influx, "use --tls-cert and --tls-key");
+  if (!influx.empty() && arguments.user_file.empty()) refuse(influx, "use --user-file");
+  if (!graphite.empty()) refuse(graphite, "Graphite's protocol has no users, so use --influx alone");
 }
 
 // One port, by its name.
@@ -188,8 +197,8 @@ class Opening {
  public:
   // readable  receives the databases when they are open.
   // ports     for the line that says what is served.
-  Opening(const ServeArguments &arguments, Server &server,
-          std::atomic<const Served *> &readable, ServiceNotices &notices, std::string ports)
+  Opening(const ServeArguments &arguments, Server &server, std::atomic<const Served *> &readable,
+          ServiceNotices &notices, std::string ports)
       : arguments_(arguments),
         server_(server),
         readable_(readable),
@@ -277,7 +286,7 @@ int serve(const ServeArguments &arguments) {
     throw std::runtime_error("nothing to serve: use --influx, --graphite or both");
   if (arguments.tls_certificate_file.empty() != arguments.tls_key_file.empty())
     throw std::runtime_error("--tls-cert and --tls-key need each other");
-  check_exposure(arguments);
+  check_exposure(arguments, sockets);
   if (arguments.write.db.empty() == arguments.data.empty()) throw std::runtime_error("use either --db or --data");
   ignore_harmless_signals();
   ServerOptions options;

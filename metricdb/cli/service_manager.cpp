@@ -1,6 +1,9 @@
 #include "cli/service_manager.h"
 
+#include <arpa/inet.h>
 #include <fmt/format.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <cstdlib>
 #include <memory>
@@ -8,7 +11,6 @@
 #include <string_view>
 
 #ifdef METRICDB_SYSTEMD
-#include <sys/socket.h>
 #include <systemd/sd-daemon.h>
 #endif
 
@@ -72,6 +74,21 @@ PassedSockets take_passed_sockets() {
   return {};
 }
 #endif
+
+std::string exposed_address_of(int socket) {
+  sockaddr_storage bound = {};
+  socklen_t bytes = sizeof bound;
+  if (getsockname(socket, reinterpret_cast<sockaddr *>(&bound), &bytes) != 0) return "a passed socket";
+  char text[INET6_ADDRSTRLEN] = "";
+  if (bound.ss_family == AF_INET) {
+    const in_addr &address = reinterpret_cast<const sockaddr_in &>(bound).sin_addr;
+    if (ntohl(address.s_addr) >> 24 == IN_LOOPBACKNET) return "";
+    return inet_ntop(AF_INET, &address, text, sizeof text);
+  }
+  if (bound.ss_family != AF_INET6) return "";
+  const in6_addr &address = reinterpret_cast<const sockaddr_in6 &>(bound).sin6_addr;
+  return IN6_IS_ADDR_LOOPBACK(&address) ? "" : inet_ntop(AF_INET6, &address, text, sizeof text);
+}
 
 ServiceNotices::ServiceNotices() : has_watchdog_(is_watched()) {}
 

@@ -22,6 +22,9 @@ struct PassedSockets {
 // another or a repeated name, and for a descriptor that is not a listening stream socket.
 PassedSockets take_passed_sockets();
 
+// Returns the address of a socket, if other machines can reach it; empty for loopback addresses and Unix sockets.
+std::string exposed_address_of(int socket);
+
 // Notices for the manager. Any thread, except that `opening` is called by one.
 class ServiceNotices {
  public:
