@@ -1,5 +1,5 @@
-// Tests of races for table entries, ids and bytes: with a forced interleaving where an outcome is required, and with
-// real threads.
+// Tests of growth with several threads: the swap of a block that is lost in a forced interleaving, locks that are taken,
+// and ids of real threads. tests/explore searches all interleavings of small cases.
 #include <sys/mman.h>
 
 #include <set>
@@ -7,15 +7,8 @@
 #include "fault_alloc.h"
 #include "forced.h"
 #include "pool_support.h"
-#include "single_step.h"
 #include "stored_image.h"
 #include "threads.h"
-
-// Another thread fills an entry directly before the swap.
-template <class Entry>
-static void fill_ahead(Entry *entry, void *with) {
-  before_swap.arm(entry, [=] { *entry = static_cast<Entry>(with); });
-}
 
 TEST(Growth, LostBlockSwapCountsNothingAndUsesTheOtherBlock) {
   const base_path_t base;
@@ -26,168 +19,11 @@ TEST(Growth, LostBlockSwapCountsNothingAndUsesTheOtherBlock) {
     void *const block = mem_type == MPOOL_TYPE_DRAM
                             ? calloc(16, 8)
                             : mmap(nullptr, 128, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    fill_ahead(&array->ir_base->ir1[1], block);
+    auto *const entry = &array->ir_base->ir1[1];
+    before_swap.arm(entry, [=] { memcpy(static_cast<void *>(entry), &block, sizeof(block)); });
     EXPECT_EQ(get_dyn_arr_record_position(array.get(), 16), block);
     EXPECT_EQ(before_swap.word, nullptr) << "the swap did not happen";
     EXPECT_EQ(get_dyn_total_allocated_records(array.get()), 16u) << "memory type " << int{mem_type};
-  }
-}
-
-TEST(Growth, LostTableSwapUsesTheOtherTable) {
-  const array_t array(get_default_dyn_array(8, 0, MPOOL_TYPE_DRAM));
-  pretend_issued(array.get(), 1);
-  void *const root = calloc(16, 8);
-  fill_ahead(&array->ir_base, root);
-  EXPECT_NE(get_dyn_arr_record_position(array.get(), 0), nullptr);
-  EXPECT_EQ(static_cast<void *>(array->ir_base), root);
-  pretend_issued(array.get(), 257);
-  // The other thread's table already contains a block, which is used too.
-  void *const block = calloc(16, 8);
-  void **const table = static_cast<void **>(calloc(16, 8)), **const below = static_cast<void **>(calloc(16, 8));
-  table[0] = below;
-  below[0] = block;
-  fill_ahead(&array->ir_base->ir2, table);
-  const unsigned long before = allocations_so_far();
-  EXPECT_EQ(get_dyn_arr_record_position(array.get(), 256), block);
-  if (fault_t::works()) {
-    EXPECT_EQ(allocations_so_far(), before + 1) << "more was allocated than the table that lost the race";
-  }
-  EXPECT_EQ(static_cast<void *>(array->ir_base->ir2), table);
-  EXPECT_EQ(below[0], block);
-}
-
-// Takes a chunk with a 32-bit or 64-bit address. Returns its offset.
-static uint32_t take_either(const array_t &pool, int len, bool wide) {
-  return wide ? take64(pool, len).mchunk_idx : take(pool, len).mchunk_idx;
-}
-
-TEST(ChangeOfSlot, CountersAreZeroBeforeTheCursorShowsTheSlot) {
-  const array_t pool = pool_of({.compat = 0});
-  take(pool, 1000);
-  uint32_t as_seen = 77;
-  before_swap.arm(&hdr_of(pool).cur_slot_addr, [&] { as_seen = slot_at(pool, 1).bytes_used; });
-  take(pool, 500);
-  EXPECT_EQ(as_seen, 0u) << "another thread's first reservation would be lost";
-}
-
-TEST(ChangeOfSlot, RingThatAnotherThreadMovedIsNotMovedAgain) {
-  const array_t pool =
-      pool_of({.compat = 0, .daflag = 0, .slot_type = MPOOL_FLAG_BV, .mem_type = MPOOL_TYPE_DRAM_TMP}, 4, 64);
-  ASSERT_EQ(as_word(take_several(pool, 254 + 10, 64).back()), 9u) << "the ring has wrapped and slot 9 is full";
-  before_swap.arm(&hdr_of(pool).cur_slot_addr, [&] { set_cursor(pool, 10, 24); });
-  EXPECT_EQ(as_word(take(pool, 8)), 10u | (3u << 11)) << "another thread's bytes were allocated twice";
-}
-
-// While a thread waits for the lock to leave slot 252, other threads complete the ring and reach that slot again. The
-// state under the lock decides: slot 254 would be above the ring, and its addresses would name two chunks.
-TEST(ChangeOfSlot, RingCompletedDuringTheWaitGetsNoFurtherSlot) {
-  static const struct {
-    const char *fault;
-    int filled;  // of the 64 bytes of slot 252, when it is reached again
-    uint32_t slot, byte_off;
-  } rows[] = {
-      {"slot 254 issued", 64, 253, 0},
-      {"slot left that has room again", 32, 252, 32},
-  };
-  for (const auto &row : rows) {
-    SCOPED_TRACE(row.fault);
-    const array_t pool =
-        pool_of({.compat = 0, .daflag = 0, .slot_type = MPOOL_FLAG_BV, .mem_type = MPOOL_TYPE_DRAM_TMP}, 4, 64);
-    take_several(pool, 253, 64);
-    before_lock.arm(&pool->spinlock, [&] {
-      stdout_of([&] { take_several(pool, 1 + 252, 64); });
-      take(pool, row.filled);
-      ASSERT_EQ(cursor_slot(pool), 252u);
-    });
-    EXPECT_EQ(as_word(take(pool, 32)), row.slot | row.byte_off / 8 << 11);
-    EXPECT_EQ(tslb_da_get_size(pool.get()), 254u);
-  }
-}
-
-// The same in a pool with lists: the slot was freed and taken again, and half of it is free.
-TEST(ChangeOfSlot, ReusedCurrentSlotWithRoomIsNotLeft) {
-  for (const bool wide : {false, true}) {
-    const array_t pool = pool_of();
-    const maddr_t first = take(pool, 900);
-    before_lock.arm(&pool->spinlock, [&] {
-      take(pool, 900);
-      del(pool, first);
-      EXPECT_EQ(as_word(take(pool, 500)), 0u);
-    });
-    EXPECT_EQ(take_either(pool, 400, wide), 500u);
-    EXPECT_EQ(cursor_slot(pool), 0u);
-    EXPECT_EQ(tslb_da_get_size(pool.get()), 2u);
-  }
-}
-
-// A pool reaches its limit with a slot that another thread has just taken and that has room.
-TEST(ChangeOfSlot, LimitDoesNotRefuseWhatTheCurrentSlotCanHold) {
-#if defined(TSLB_SANITIZES_THREAD)
-  GTEST_SKIP() << "ThreadSanitizer delays signals";
-#elif defined(TSLB_SANITIZES_ADDRESS)
-  GTEST_SKIP() << "single steps through AddressSanitizer's checks take minutes";
-#endif
-  size_t instructions = 0;
-  for (bool reached = true; reached; ++instructions) {
-    // Small slots: clearing a new block takes one step per byte.
-    const array_t pool = pool_of({.max_slots = 8}, 4, 64);
-    take_several(pool, 4, 64);
-    maddr_t address = {};
-    void *chunk = nullptr;
-    reached = single_step_t::run(
-        pool.get(), instructions + 1, [&] { chunk = tslb_dynmem_get_mchunk(pool.get(), &address, 8, srcaddr_t{}); },
-        [&] { take(pool, 24); });
-    ASSERT_NE(chunk, nullptr) << "interrupted at instruction " << instructions + 1;
-  }
-  EXPECT_GT(instructions, 30u) << "the allocation was not interrupted";
-}
-
-TEST(ChangeOfSlot, ThreadThatLosesUsesTheOthersSlot) {
-  for (const bool wide : {false, true}) {
-    const array_t pool = pool_of();
-    take(pool, 900);
-    before_lock.arm(&pool->spinlock, [&] { EXPECT_EQ(as_word(take(pool, 300)), 1u); });
-    EXPECT_EQ(take_either(pool, 400, wide), 300u);
-    ASSERT_EQ(before_lock.word, nullptr);
-    EXPECT_EQ(tslb_da_get_size(pool.get()), 2u) << "more than one slot was taken";
-    EXPECT_EQ(slot_at(pool, 1).bytes_used, 700u);
-  }
-}
-
-// No other thread may use the lists, and the ids of an array with lists are issued under the same lock.
-TEST(ChangeOfSlot, NewSlotIsTakenUnderTheLock) {
-  for (const bool wide : {false, true}) {
-    const array_t pool = pool_of();
-    uint32_t held = 9;
-    before_addition.arm(&get_dyn_hdr(pool.get())->n_used, [&] { held = pool->spinlock; });
-    take_either(pool, 400, wide);
-    EXPECT_EQ(held, 1u);
-    EXPECT_EQ(pool->spinlock, 0);
-  }
-  // The cursor's slot in a complete ring also changes only under the lock.
-  const array_t ring =
-      pool_of({.compat = 0, .daflag = 0, .slot_type = MPOOL_FLAG_BV, .mem_type = MPOOL_TYPE_DRAM_TMP}, 4, 64);
-  take_several(ring, 254 + 1, 64);
-  uint32_t held = 9;
-  before_swap.arm(&hdr_of(ring).cur_slot_addr, [&] { held = ring->spinlock; });
-  EXPECT_EQ(as_word(take(ring, 64)), 1u);
-  EXPECT_EQ(held, 1u) << "the ring moves its cursor without the lock";
-  EXPECT_EQ(ring->spinlock, 0);
-}
-
-// A swap that fails twice is tried a third time, at the offset that the second thread left.
-TEST(Reservation, RetriedUntilItSucceeds) {
-  for (const bool wide : {false, true}) {
-    const array_t pool = pool_of({.compat = 0, .daflag = 0});
-    take(pool, 100);
-    const auto reserve_10 = [&] { set_cursor(pool, 0, cursor_off(pool) + 10); };
-    before_swap.arm(&hdr_of(pool).cur_slot_addr, [&] {
-      reserve_10();
-      before_swap.arm(&hdr_of(pool).cur_slot_addr, reserve_10);
-    });
-    EXPECT_EQ(take_either(pool, 50, wide), 120u) << "bytes were allocated twice";
-    EXPECT_EQ(cursor_off(pool), 170u);
-    EXPECT_EQ(tslb_da_get_size(pool.get()), 1u) << "a slot with room was left";
   }
 }
 

@@ -128,11 +128,11 @@ const scenario_t SCENARIOS[] = {
        EXPECT_THAT_AT_END(scene.ptr[1] == scene.ptr[0] && scene.value[1] == 64 - 16 - 1);
        finish(2, 1, 24);
      }},
-    {"ring_completion", "three threads fill the last slot of a ring and go on", 3, [] { ring_with(253, 64); },
-     [](int t) { take(t, 64); },
+    {"ring_completion", "three threads need the last slot of a ring, which has room for two of them", 3,
+     [] { ring_with(253, 32); }, [](int t) { take(t, 32); },
      [] {
        EXPECT_THAT_AT_END(slot_at(253)->bytes_used == 64);
-       finish_ring(1, 64);
+       finish_ring(0, 32);
      }},
     {"ring_wrap", "three threads at the end of a complete ring, one with a smaller chunk", 3,
      [] {

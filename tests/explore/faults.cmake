@@ -116,7 +116,7 @@ explore_fault(no_wait_without_memory no_memory_for_a_note ${path}
 explore_fault(emptiness_is_not_tested_again release_after_second_use ${path}
   "is_settled(pool, slot_idx) && looks_empty(slot);"
   "is_settled(pool, slot_idx);")
-explore_fault(counter_is_read_before_the_note "late_reservation;late_wide_reservation" ${path}
+explore_fault(counter_is_read_before_the_note late_wide_reservation ${path}
   "is_settled(pool, slot_idx) && looks_empty(slot);"
   "looks_empty(slot) && is_settled(pool, slot_idx);")
 explore_fault(current_slot_is_released "delete_3;take_and_delete_3" ${path}
