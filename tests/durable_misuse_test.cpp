@@ -1,5 +1,7 @@
-// Uses of a store that a host can get wrong: in a child process, with an open batch, with a path that changes its meaning.
+// Uses of a store that a host can get wrong: in a child process, with an open batch, with a path that changes its meaning;
+// and what an ended process leaves. tests/powercut ends it at each moment and lets each call fail.
 #include <gmock/gmock.h>
+#include <io_faults.h>
 
 #include "durable_support.h"
 
@@ -148,4 +150,51 @@ TEST_F(DurableMisuse, SecondWriterIsToldWhoHasTheStore) {
   EXPECT_FALSE(second.open(folder_));
   EXPECT_EQ(second.error.code, TSLB_DURABLE_LOCKED);
   EXPECT_THAT(second.error.text, HasSubstr(fmt::format("process {}", getpid())));
+}
+
+// A child of a killed writer has the lock for a moment after the kill. Another writer in the same process has it for
+// longer, and is reported at once.
+TEST_F(DurableMisuse, LockOfAKilledWriterIsWaitedFor) {
+  const int result = in_child([&] {
+    TestStore store;
+    if (!store.open(folder_)) return 1;
+    if (fork() == 0) {
+      usleep(200'000);
+      _exit(0);
+    }
+    kill(getpid(), SIGKILL);
+    return 2;
+  });
+  ASSERT_EQ(result, -SIGKILL);
+  TestStore store;
+  ASSERT_TRUE(store.open(folder_)) << store.error.text;
+  TestStore second;
+  EXPECT_FALSE(second.open(folder_));
+  EXPECT_EQ(second.error.code, TSLB_DURABLE_LOCKED);
+}
+
+// An unfinished generation has the next number. If a step of its removal fails, the snapshot succeeds nevertheless, or
+// reports the error of this step, and not that the folder exists.
+TEST_F(DurableMisuse, FailedStepOfASnapshotAfterAnUnfinishedOneIsReported) {
+  constexpr uint64_t MAX_STEPS = 200;
+  int n_failed = 0;
+  bool had_fault = true;
+  for (uint64_t failing = 1; failing < MAX_STEPS && had_fault; ++failing) {
+    SCOPED_TRACE(fmt::format("step {} of a snapshot fails", failing));
+    fs::remove_all(folder_);
+    TestStore store;
+    ASSERT_TRUE(store.open(folder_, TSLB_STORE_CREATE | TSLB_STORE_NO_FORK)) << store.error.text;
+    fs::create_directory(folder_ + "/generation.2.new");
+    put_bytes(folder_ + "/generation.2.new/slots.stream", "unfinished");
+    const uint64_t before = tslb_durable::io_operations();
+    tslb_durable::fail_at_io(failing, EDQUOT);
+    if (tslb_store_snapshot(store.get(), &store.error) != 0) {
+      ++n_failed;
+      EXPECT_EQ(store.error.errnum, EDQUOT) << store.error.text;
+    }
+    had_fault = tslb_durable::io_operations() - before >= failing;
+    tslb_durable::fail_at_io(0, 0);
+  }
+  EXPECT_FALSE(had_fault) << "a snapshot has more steps than are tried";
+  EXPECT_GT(n_failed, 10);
 }
