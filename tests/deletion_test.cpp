@@ -1,7 +1,6 @@
 // Tests of chunk deletion and of the return of empty slots to the free list. Other operations run between a reservation
 // and its counter, or before the lock. tests/explore searches all interleavings of small cases.
 #include <tslb/array_settle.h>
-#include "fault_alloc.h"
 #include "forced.h"
 #include "list_audit.h"
 #include "pool_support.h"
@@ -235,19 +234,6 @@ TEST(Window, NoteIsDroppedWhenItsSlotIsTakenAgain) {
     EXPECT_EQ(free_slots(pool), indices_t{0}) << "a note of the slot's earlier use keeps it";
   });
   EXPECT_EQ(*counter - 300, TSLB_DA_NIL_IDX) << "the late addition changed the gatekeeper word of the freed slot";
-}
-
-// Destroying the pool frees the note, which a leak check verifies. A pool that never frees slots has no notes.
-TEST(Window, UnusedNoteIsFreedWithThePool) {
-  for (const kind_t &kind : {kind_t{}, kind_t{.compat = 0}, kind_t{.daflag = 0}}) {
-    const array_t pool = pool_of(kind);
-    take(pool);
-    before_addition.arm(&slot_at(pool, 0).bytes_used, [&] { take(pool, 900); });
-    const unsigned long before = allocations_so_far();
-    take(pool, 200);
-    const unsigned long notes = kind.compat != 0 && kind.daflag != 0 && fault_t::works() ? 1 : 0;
-    EXPECT_EQ(allocations_so_far(), before + notes);
-  }
 }
 
 // The cursor is stored. A cursor that another program wrote can name a slot that does not exist.

@@ -9,18 +9,6 @@ using testing::HasSubstr;
 
 using DurableMisuse = DurableTest;
 
-namespace {
-
-// Commits a batch with one slot. Returns whether it is durable.
-bool commit_slot(TestStore &store, uint32_t value) {
-  tslb_batch_t *const batch = store.begin();
-  if (batch == nullptr) return false;
-  store.add_slot(batch, value, 16);
-  return tslb_batch_commit(batch, &store.error) == 0;
-}
-
-}  // namespace
-
 // A child that ends with exit runs destructors, and one that goes on could use the store.
 TEST_F(DurableMisuse, ForkedChildCannotTouchTheStore) {
   const std::function<bool(TestStore &)> rows[] = {
@@ -34,7 +22,7 @@ TEST_F(DurableMisuse, ForkedChildCannotTouchTheStore) {
   ASSERT_TRUE(store.open(folder_));
   uint32_t n_slots = 0;
   for (const auto &is_refused : rows) {
-    ASSERT_TRUE(commit_slot(store, ++n_slots));
+    ASSERT_TRUE(store.commit_slot(++n_slots, 16));
     const auto in_the_child = [&] {
       if (!is_refused(store) || store.error.code != TSLB_DURABLE_INVALID) return 1;
       uint32_t idx;
@@ -75,10 +63,10 @@ TEST_F(DurableMisuse, WorkingFolderMayChange) {
   const auto run = [this] {
     fs::current_path(root_);
     TestStore store;
-    if (!store.open("store") || !commit_slot(store, 1)) return 1;
+    if (!store.open("store") || !store.commit_slot(1, 16)) return 1;
     fs::create_directory("elsewhere");
     fs::current_path("elsewhere");
-    if (tslb_store_snapshot(store.get(), &store.error) != 0 || !commit_slot(store, 2)) return 2;
+    if (tslb_store_snapshot(store.get(), &store.error) != 0 || !store.commit_slot(2, 16)) return 2;
     if (store.close() != 0) return 3;
     return fs::is_empty(".") ? 0 : 4;
   };
@@ -130,7 +118,7 @@ TEST_F(DurableMisuse, LimitOfSlotsIsExact) {
 TEST_F(DurableMisuse, RefusedBackupLeavesNothing) {
   TestStore store;
   ASSERT_TRUE(store.open(folder_));
-  ASSERT_TRUE(commit_slot(store, 1));
+  ASSERT_TRUE(store.commit_slot(1, 16));
   EXPECT_EQ(tslb_store_backup(store.get(), (folder_ + "/copy").c_str(), &store.error), -1);
   EXPECT_EQ(store.error.code, TSLB_DURABLE_INVALID);
   EXPECT_FALSE(fs::exists(folder_ + "/copy"));

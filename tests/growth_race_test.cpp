@@ -1,31 +1,10 @@
-// Tests of growth with several threads: the swap of a block that is lost in a forced interleaving, locks that are taken,
-// and ids of real threads. tests/explore searches all interleavings of small cases.
-#include <sys/mman.h>
-
+// Tests of locks that operations take, of invariants, and of ids of real threads. tests/explore searches all interleavings
+// of small cases.
 #include <set>
 
-#include "fault_alloc.h"
 #include "forced.h"
 #include "pool_support.h"
-#include "stored_image.h"
 #include "threads.h"
-
-TEST(Growth, LostBlockSwapCountsNothingAndUsesTheOtherBlock) {
-  const base_path_t base;
-  for (const char mem_type : {MPOOL_TYPE_DRAM, MPOOL_TYPE_SHM}) {
-    const array_t array(get_default_dyn_array_ex(0, 8, 0, mem_type, 12, "metrics", 0));
-    ASSERT_EQ(get_dyn_arr_new_record_id(array.get()), 0);  // tables and block 1 exist
-    pretend_issued(array.get(), 17);
-    void *const block = mem_type == MPOOL_TYPE_DRAM
-                            ? calloc(16, 8)
-                            : mmap(nullptr, 128, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    auto *const entry = &array->ir_base->ir1[1];
-    before_swap.arm(entry, [=] { memcpy(static_cast<void *>(entry), &block, sizeof(block)); });
-    EXPECT_EQ(get_dyn_arr_record_position(array.get(), 16), block);
-    EXPECT_EQ(before_swap.word, nullptr) << "the swap did not happen";
-    EXPECT_EQ(get_dyn_total_allocated_records(array.get()), 16u) << "memory type " << int{mem_type};
-  }
-}
 
 TEST(Locks, TakenOncePerListOperationAndNowhereElse) {
   const array_t lists(tslb_da_init_ll(8, 4, MPOOL_TYPE_DRAM, nullptr, 0, TSLB_DA_DAFLAG_LL));

@@ -236,22 +236,3 @@ TEST(Chunks, ConcurrentTakeDeleteAndSweep) {
   EXPECT_EQ(used, slot_at(pool, current).bytes_used);
   EXPECT_EQ(audit_lists(pool.get()).free.size(), n_slots - 1);
 }
-
-// All deletions change one counter: if an addition were lost, the slot would never be freed.
-TEST(Chunks, SlotEmptiedByManyThreadsIsReleasedOnce) {
-  constexpr int kChunks = 12000, kRounds = 4;
-  const array_t pool = pool_of({}, 2, kChunks * 17);
-  for (uint32_t round = 0; round < kRounds; ++round) {
-    const auto chunks = take_several(pool, kChunks, 17);
-    const uint32_t filled = chunks[0].mslot_idx;
-    ASSERT_EQ(chunks.back().mslot_idx, filled);
-    const maddr_t next = take(pool, kChunks * 17);
-    on_threads(kThreads, [&](int self) {
-      for (size_t i = static_cast<size_t>(self); i < kChunks; i += kThreads) del(pool, chunks[i]);
-    });
-    ASSERT_EQ(slot_at(pool, filled).bytes_del, kChunks * 17u);
-    ASSERT_EQ(audit_lists(pool.get()).free, indices_t{filled});
-    del(pool, next);  // still current; the next round takes the slot that was freed
-    ASSERT_EQ(status_at(pool.get(), next.mslot_idx), TSLB_DA_SLOT_ACTIVE);
-  }
-}
