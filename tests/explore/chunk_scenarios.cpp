@@ -54,8 +54,6 @@ const scenario_t SCENARIOS[] = {
        const bool old_slot = cursor_off() == 40;
        finish(2, 1, old_slot ? 40 : 64);
      }},
-    {"two_slots_at_once", "two chunks, each of which fills a slot", 2, [] { pool_with_room(0, 64); },
-     [](int t) { take(t, 64); }, [] { finish(3, 2, 64); }},
     {"limit", "two chunks at the limit of slots: the room of the new slot is used, then requests are refused", 2,
      [] {
        make_pool(1, 64, {MPOOL_FLAG_COMPAT, TSLB_DA_DAFLAG_LL, 0, 2});

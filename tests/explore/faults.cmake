@@ -67,7 +67,7 @@ set(path utils/dynmem/src/tslb_dynmem_chunk.cpp)
 explore_fault(reservation_without_swap "first_chunks;slot_end_4;smaller_chunk_fits" ${path}
   "  return cas64(&hdr->cur_slot_addr, *seen, *seen + tslb_stored_cursor(0, len)) != 0 ? CLAIM_WON : CLAIM_RACED;"
   "  return __atomic_store_n(&hdr->cur_slot_addr, *seen + tslb_stored_cursor(0, len), __ATOMIC_RELEASE), CLAIM_WON;")
-explore_fault(change_of_slot_without_lock "two_slots_at_once;slot_end_3;first_chunks" ${path}
+explore_fault(change_of_slot_without_lock "slot_end_3;first_chunks;slot_end_4" ${path}
   "  lock_array(dynmem_handle);\n  // The caller's view"
   "  // The caller's view")
 explore_fault(old_view_of_the_cursor "first_chunks;slot_end_3;reused_slot_at_the_end" ${path}
