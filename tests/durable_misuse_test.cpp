@@ -1,11 +1,8 @@
 // Uses of a store that a host can get wrong: in a child process, with an open batch, with a path that changes its meaning;
 // and what an ended process leaves. tests/powercut ends it at each moment and lets each call fail.
-#include <gmock/gmock.h>
 #include <io_faults.h>
 
 #include "durable_support.h"
-
-using testing::HasSubstr;
 
 using DurableMisuse = DurableTest;
 
@@ -130,14 +127,6 @@ TEST_F(DurableMisuse, RefusedBackupLeavesNothing) {
   EXPECT_TRUE(fs::is_empty(target)) << store.error.text;
   put_bytes(journal, bytes);
   EXPECT_EQ(tslb_store_backup(store.get(), target.c_str(), &store.error), 0) << store.error.text;
-}
-
-TEST_F(DurableMisuse, SecondWriterIsToldWhoHasTheStore) {
-  TestStore store, second;
-  ASSERT_TRUE(store.open(folder_));
-  EXPECT_FALSE(second.open(folder_));
-  EXPECT_EQ(second.error.code, TSLB_DURABLE_LOCKED);
-  EXPECT_THAT(second.error.text, HasSubstr(fmt::format("process {}", getpid())));
 }
 
 // A child of a killed writer has the lock for a moment after the kill. Another writer in the same process has it for

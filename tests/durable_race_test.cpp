@@ -62,7 +62,7 @@ TEST_F(DurableRace, BatchesOfManyThreadsAreWholeBesideSnapshotsAndBackups) {
       if (number == 0 && i % 50 == 20) n_failures += tslb_store_snapshot(store.get(), &error) != 0 ? 1 : 0;
       if (number == 1 && i == 60)
         n_failures += tslb_store_backup(store.get(), (root_ + "/backup").c_str(), &error) != 0 ? 1 : 0;
-      if (number == 2 && i % 40 == 10) {
+      if (number == 2 && i % 4 == 2) {
         TestStore reader;
         n_failures += reader.open(folder_, TSLB_STORE_READ_ONLY) && sum_of(reader) == N_ACCOUNTS * AMOUNT ? 0 : 1;
       }

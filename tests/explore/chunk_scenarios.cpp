@@ -44,8 +44,8 @@ void finish_ring(uint32_t slot, uint32_t off) {
 }
 
 const scenario_t SCENARIOS[] = {
-    {"first_chunks", "the first chunks of an empty pool, with addresses of both widths", 3, [] { pool_with_room(64, 0); },
-     [](int t) { t == 2 ? take_wide(2, 20) : take(t, 20); }, [] { finish(1, 0, 60); }},
+    {"first_chunks", "the first chunks of an empty pool, with addresses of both widths", 3,
+     [] { pool_with_room(64, 0); }, [](int t) { t == 2 ? take_wide(2, 20) : take(t, 20); }, [] { finish(1, 0, 60); }},
     {"slot_end_3", "three chunks at the end of a full slot, with addresses of both widths", 3,
      [] { pool_with_room(0, 20); }, [](int t) { t == 2 ? take_wide(2, 20) : take(t, 20); }, [] { finish(2, 1, 60); }},
     {"smaller_chunk_fits", "a chunk that fits beside one that does not", 2, [] { pool_with_room(24, 40); },

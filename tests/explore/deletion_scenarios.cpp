@@ -156,7 +156,8 @@ const scenario_t SCENARIOS[] = {
        del(4 + t);
      },
      [] { finish(); }},
-    {"late_wide_reservation", "a late 64-bit chunk, the deletion of its slot's other chunk, a change of slot, a sweep", 4,
+    {"late_wide_reservation", "a late 64-bit chunk, the deletion of its slot's other chunk, a change of slot, a sweep",
+     4,
      [] {
        pool_of_chunks(1);
        monitor.largest_chunk = 64;

@@ -45,7 +45,8 @@ static void finish(uint32_t n_blocks) {
 }
 
 static const scenario_t SCENARIOS[] = {
-    {"ids_without_root", "three new ids in an empty array: root, table and block are missing", 3, [] { issued_up_to(0, false); }, issue,
+    {"ids_without_root", "three new ids in an empty array: root, table and block are missing", 3,
+     [] { issued_up_to(0, false); }, issue,
      [] {
        expect_ids(3);
        finish(1);

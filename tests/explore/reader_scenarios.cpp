@@ -45,8 +45,8 @@ void check() {
 }
 
 const scenario_t SCENARIOS[] = {
-    {"readers_of_a_version", "two words are changed twice; two readers try twice to copy them", 3, setup, [](int t) { t == 0 ? write_twice() : read(t); },
-     check},
+    {"readers_of_a_version", "two words are changed twice; two readers try twice to copy them", 3, setup,
+     [](int t) { t == 0 ? write_twice() : read(t); }, check},
 };
 
 }  // namespace

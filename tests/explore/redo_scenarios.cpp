@@ -115,7 +115,8 @@ const scenario_t SCENARIOS[] = {
        array_with(4, {}, {0, 1, 2, 3});
      },
      [](int t) { scene.result[t] = tslb_da_activate_idx(scene.array, 1 + static_cast<uint32_t>(t)); }, finish},
-    {"redo_neighbours_mixed", "an inactive slot is freed while its neighbour is activated and another is inactivated", 3,
+    {"redo_neighbours_mixed", "an inactive slot is freed while its neighbour is activated and another is inactivated",
+     3,
      [] {
        array_with(4, {}, {0, 1, 2});
      },
