@@ -1,6 +1,5 @@
 // Tests of addressing: the place of an id in the direct area and the six levels, and the memory that a lookup creates.
 #include "array_support.h"
-#include "fault_alloc.h"
 
 struct place_t {
   unsigned level;
@@ -183,44 +182,4 @@ TEST(Lookup, MappedFilesCannotChangeTheDirectAreaOfALookup) {
   EXPECT_EQ(get_dyn_arr_record_position(array.get(), 10), base + 24 + 80);
   array->mem_type = MPOOL_TYPE_DRAM;
   EXPECT_NE(get_dyn_arr_record_position(array.get(), 10), base + 24 + 80);
-}
-
-// Returns the blocks before their table and the tables before their parent, root by root, then block 0 and the handle.
-static std::vector<void *> tree_of(void **table, unsigned tiers) {
-  std::vector<void *> order;
-  for (unsigned i = 0; i < 16; ++i) {
-    if (table[i] == nullptr) continue;
-    const std::vector<void *> below =
-        tiers > 1 ? tree_of(static_cast<void **>(table[i]), tiers - 1) : std::vector<void *>{table[i]};
-    order.insert(order.end(), below.begin(), below.end());
-  }
-  order.push_back(table);
-  return order;
-}
-static std::vector<void *> freed;
-
-TEST(Teardown, ReleasesEachTreeDepthFirst) {
-#ifdef TSLB_SANITIZES_ADDRESS
-  GTEST_SKIP() << "the sanitizer defines free";
-#endif
-  DynArrHandle_t *const array = get_default_dyn_array(8, 1, MPOOL_TYPE_DRAM);
-  pretend_issued(array, UINT32_MAX);
-  // Two blocks in two tables of each level, with gaps before them.
-  std::vector<void *> order;
-  void **const roots = reinterpret_cast<void **>(&array->ir_base);
-  for (uint64_t level = 1, first = 1; level <= 6; first += uint64_t{1} << (4 * (level + 1)), ++level) {
-    for (const uint64_t offset : {0x20, 0x40, 0x300, 0xFFFFFF0}) {
-      if (offset >= uint64_t{1} << (4 * (level + 1))) break;
-      ASSERT_NE(get_dyn_arr_record_position(array, static_cast<uint32_t>(first + offset)), nullptr);
-    }
-    const auto tree =
-        tree_of(static_cast<void **>((static_cast<void **>(*roots))[level - 1]), static_cast<unsigned>(level));
-    order.insert(order.end(), tree.begin(), tree.end());
-  }
-  order.insert(order.end(), {*roots, array->arr_base, array});
-  freed.reserve(order.size() + 100);
-  on_free = [](void *block) { freed.push_back(block); };
-  destroy_dyn_arr(array);
-  on_free = nullptr;
-  EXPECT_EQ(freed, order);
 }

@@ -1,14 +1,10 @@
 // Tests of chunk deletion and of the return of empty slots to the free list. Other operations run between a reservation
-// and its counter, before the lock, or during the search through notes.
-#include <thread>
-
+// and its counter, or before the lock. tests/explore searches all interleavings of small cases.
 #include <tslb/array_settle.h>
-#include "fault_alloc.h"
 #include "forced.h"
 #include "list_audit.h"
 #include "pool_support.h"
 #include "redo_recorder.h"
-#include "single_step.h"
 
 static void expect_sums(const array_t &pool, size_t used, size_t deleted) {
   size_t sums[] = {1, 1, 1};
@@ -142,28 +138,6 @@ TEST(Sweep, SumsCoverTheActiveSlotsThatStay) {
   EXPECT_EQ(free_slots(pool), indices_t{0}) << "a slot that never held a chunk was not freed";
 }
 
-// Between the two loads of a slot's counters the slot is emptied, freed and taken again. Counters of both uses together
-// would show more deleted than used bytes.
-TEST(Sweep, CountersBelongToOneUseOfTheSlot) {
-  size_t instructions = 0;
-  for (bool reached = true; reached; ++instructions) {
-    const array_t pool = pool_of({}, 2);
-    const auto chunks = take_several(pool, 2, 500);
-    del(pool, chunks[0]);
-    const maddr_t in_slot_1 = take(pool, 900);  // slot 0 is filled and half deleted
-    size_t total, used, deleted;
-    reached = single_step_t::run(
-        pool.get(), instructions + 1, [&] { tslb_dynmem_update_free_list(pool.get(), &total, &used, &deleted); },
-        [&] {
-          del(pool, chunks[1]);
-          take(pool, 124);  // slot 0 again
-          del(pool, in_slot_1);
-        });
-    ASSERT_LE(deleted, used) << "interrupted at instruction " << instructions + 1;
-  }
-  EXPECT_GT(instructions, 30u) << "the sweep was not interrupted";
-}
-
 // While the sweep waits for the lock to free slot 0, the cursor leaves slot 1, which is empty too.
 TEST(Sweep, SlotThatTheCursorLeavesDuringTheSweepIsFreed) {
   const array_t pool = pool_of();
@@ -223,26 +197,6 @@ TEST(Window, SlotOfALateChunkIsReleasedWithThatChunk) {
   }
 }
 
-TEST(Window, TwoLateChunksBothKeepTheSlot) {
-  const array_t pool = pool_of();
-  const maddr_t early = take(pool);
-  const maddr_t outer = take_late(pool, 0, 200, [&] {
-    const maddr_t inner = take_late(pool, 0, 100, [&] {
-      take(pool, 900);
-      del(pool, early);
-    });
-    // The inner chunk is counted and deleted again: the counters are equal, but the outer chunk is still late.
-    del(pool, inner);
-    EXPECT_EQ(slot_at(pool, 0).bytes_used, slot_at(pool, 0).bytes_del);
-    sweep(pool);
-    EXPECT_TRUE(free_slots(pool).empty());
-  });
-  EXPECT_EQ(slot_at(pool, 0).bytes_used, 550u);
-  EXPECT_TRUE(free_slots(pool).empty());
-  del(pool, outer);
-  EXPECT_EQ(free_slots(pool), indices_t{0});
-}
-
 TEST(Window, TwoUnsettledSlotsAreDistinguished) {
   // A late chunk in slot 0, and meanwhile another late chunk in slot 1.
   const array_t pool = pool_of();
@@ -282,153 +236,12 @@ TEST(Window, NoteIsDroppedWhenItsSlotIsTakenAgain) {
   EXPECT_EQ(*counter - 300, TSLB_DA_NIL_IDX) << "the late addition changed the gatekeeper word of the freed slot";
 }
 
-// Destroying the pool frees the note, which a leak check verifies. A pool that never frees slots has no notes.
-TEST(Window, UnusedNoteIsFreedWithThePool) {
-  for (const kind_t &kind : {kind_t{}, kind_t{.compat = 0}, kind_t{.daflag = 0}}) {
-    const array_t pool = pool_of(kind);
-    take(pool);
-    before_addition.arm(&slot_at(pool, 0).bytes_used, [&] { take(pool, 900); });
-    const unsigned long before = allocations_so_far();
-    take(pool, 200);
-    const unsigned long notes = kind.compat != 0 && kind.daflag != 0 && fault_t::works() ? 1 : 0;
-    EXPECT_EQ(allocations_so_far(), before + notes);
-  }
-}
-
 // The cursor is stored. A cursor that another program wrote can name a slot that does not exist.
 TEST(Window, CursorAtAMissingSlotMovesToANewSlot) {
   const array_t pool = pool_of();
   hdr_of(pool).cur_slot_addr = 50 | (uint64_t{900} << 32);
   EXPECT_EQ(as_word(take(pool, 900)), 0u);
   EXPECT_EQ(slot_at(pool, 0).bytes_used, 900u);
-}
-
-static uint32_t *late_counter;
-
-// The deletion counter is read after the slot was found settled, not before. Here the late chunk is counted during the
-// search through notes. An earlier reading would show that everything counted is deleted.
-TEST(Window, CounterThatSettlesDuringTheSearchIsRead) {
-#ifdef TSLB_SANITIZES_ADDRESS
-  GTEST_SKIP() << "the sanitizer defines free";
-#endif
-  const array_t pool = pool_of();
-  const maddr_t early = take(pool, 700);
-  uint32_t *const counter = &slot_at(pool, 0).bytes_used;
-  const maddr_t late = take_late(pool, 0, 200, [&] {
-    take(pool, 700);                                    // slot 0 has a note
-    take_late(pool, 1, 200, [&] { take(pool, 900); });  // slot 1 has a note before it in the list, and is settled now
-    late_counter = counter;
-    on_free = [](void *) {
-      on_free = nullptr;
-      *late_counter += 200;  // the late chunk's addition, which runs again later
-    };
-    del(pool, early);
-  });
-  *counter -= 200;
-  ASSERT_EQ(on_free, nullptr) << "no note was dropped";
-  EXPECT_EQ(status_at(pool.get(), 0), TSLB_DA_SLOT_ACTIVE) << "a slot with a live chunk was freed";
-  expect_counted(pool, 0, 900, 700);
-  del(pool, late);
-  EXPECT_EQ(free_slots(pool), indices_t{0});
-}
-
-// Until the cursor has moved, other threads reserve in the old slot, also while a new slot is being taken.
-TEST(Window, ReservationDuringTheChangeOfSlotKeepsTheSlotToo) {
-  const array_t pool = pool_of();
-  const maddr_t early = take(pool, 700);
-  uint32_t *const counter = &slot_at(pool, 0).bytes_used;
-  maddr_t late = {};
-  before_addition.arm(&get_dyn_hdr(pool.get())->n_used, [&] {
-    late = take(pool, 100);
-    *counter -= 100;  // delayed until later
-  });
-  EXPECT_EQ(as_word(take(pool, 900)), 1u) << "the change of slot failed or took a second slot";
-  EXPECT_EQ(tslb_da_get_size(pool.get()), 2u);
-  EXPECT_EQ(as_word(late), 700u << 8);
-  del(pool, early);
-  EXPECT_TRUE(free_slots(pool).empty());
-  *counter += 100;
-  sweep(pool);
-  EXPECT_TRUE(free_slots(pool).empty());
-  del(pool, late);
-  EXPECT_EQ(free_slots(pool), indices_t{0});
-}
-
-// The thread that takes a slot owns the bytes at its start. It counts them after others may have reserved bytes after
-// them.
-TEST(Window, FirstChunkOfASlotCanBeLate) {
-  const array_t pool = pool_of();
-  take(pool, 900);
-  pretend_issued(pool.get(), 2);
-  uint32_t *const counter_of_1 = &slot_at(pool, 1).bytes_used;  // address of the next slot's counter
-  pretend_issued(pool.get(), 1);
-  before_addition.arm(counter_of_1, [&] {
-    const maddr_t rest = take(pool, 500);
-    take(pool, 900);
-    del(pool, rest);
-    sweep(pool);
-    EXPECT_TRUE(free_slots(pool).empty());
-  });
-  const maddr_t first = take(pool, 400);
-  ASSERT_EQ(before_addition.word, nullptr);
-  EXPECT_EQ(first.mslot_idx, 1u);
-  EXPECT_EQ(slot_at(pool, 1).bytes_used, 900u);
-  del(pool, first);
-  EXPECT_EQ(free_slots(pool), indices_t{1});
-}
-
-// Without memory for a note, the thread that moves the cursor waits for the counter. The test is repeated if the thread
-// reached its note after the counter.
-TEST(Window, WithoutMemoryForANoteTheThreadWaits) {
-  if (!fault_t::works()) GTEST_SKIP() << "no allocation can be refused here";
-  bool struck = false;
-  for (int attempt = 0; attempt < 200 && !struck; ++attempt) {
-    const array_t pool = pool_of();
-    const maddr_t early = take(pool, 700);
-    std::thread mover, deleter;
-    const auto let_others_run = [] { std::this_thread::sleep_for(std::chrono::milliseconds(5)); };
-    before_addition.arm(&slot_at(pool, 0).bytes_used, [&] {
-      mover = std::thread([&] {
-        const fault_t fault(1);
-        take(pool, 900);
-        struck = fault.struck();
-      });
-      while (static_cast<uint32_t>(__atomic_load_n(&hdr_of(pool).cur_slot_addr, __ATOMIC_SEQ_CST)) == 0)
-        std::this_thread::yield();
-      let_others_run();
-      deleter = std::thread([&] { del(pool, early); });
-      let_others_run();
-    });
-    const maddr_t late = take(pool, 200);
-    mover.join();
-    deleter.join();
-    EXPECT_TRUE(free_slots(pool).empty()) << "a slot was freed before a reserved chunk was counted";
-    EXPECT_EQ(slot_at(pool, 0).bytes_used, 900u);
-    del(pool, late);
-    EXPECT_EQ(free_slots(pool), indices_t{0});
-  }
-  EXPECT_TRUE(struck) << "no memory was requested";
-}
-
-// While a deletion waits for the lock, another thread frees its slot and takes it again.
-TEST(Window, DeletionDecidesUnderTheLock) {
-  for (const bool emptied_again : {false, true}) {
-    const array_t pool = pool_of({}, 2);
-    const auto filled = take_several(pool, 4);
-    take(pool, 900);
-    for (size_t i = 0; i < 3; ++i) del(pool, filled[i]);
-    before_lock.arm(&pool->spinlock, [&] {
-      sweep(pool);
-      const maddr_t other_chunk = take(pool, 900);
-      EXPECT_EQ(as_word(other_chunk), 0u);
-      if (emptied_again) del(pool, other_chunk);  // the slot is empty and current
-    });
-    del(pool, filled[3]);
-    ASSERT_EQ(before_lock.word, nullptr);
-    EXPECT_EQ(status_at(pool.get(), 0), TSLB_DA_SLOT_ACTIVE) << "a slot that is in use again was freed";
-    EXPECT_EQ(slot_at(pool, 0).bytes_used, 900u);
-    EXPECT_TRUE(free_slots(pool).empty());
-  }
 }
 
 // A process ended between a reservation and its counter: the cursor of the stored pool is above bytes_used. No chunk

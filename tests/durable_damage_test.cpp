@@ -159,9 +159,7 @@ TEST_F(DurableDamage, SyncedGroupThatBecameZerosIsDamage) {
     ASSERT_TRUE(store.open(folder_)) << store.error.text;
     std::mt19937 random(3);
     for (int i = 0; i < 3; ++i) {
-      tslb_batch_t *const batch = store.begin();
-      store.change(batch, random);
-      ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0) << store.error.text;
+      ASSERT_TRUE(store.commit_changes(random)) << store.error.text;
       ends.push_back(store.info().journal_bytes);
     }
     fs::copy(folder_, folder_ + ".killed", fs::copy_options::recursive);
@@ -207,9 +205,7 @@ TEST_F(DurableDamage, FilesOfTheFolderBelongTogether) {
     TestStore store;
     ASSERT_TRUE(store.open(folder_));
     std::mt19937 random(5);
-    tslb_batch_t *const batch = store.begin();
-    store.change(batch, random);
-    ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0);
+    ASSERT_TRUE(store.commit_changes(random)) << store.error.text;
     ASSERT_EQ(store.close(), 0);
   }
   fs::copy(folder_, root_ + "/intact", fs::copy_options::recursive);
@@ -276,9 +272,7 @@ TEST_F(DurableDamage, SalvageUsesWhatPrecedesTheDamage) {
   ASSERT_NE(found, contents_.end() - 1);
   // The salvaged state is a generation of its own, so the damage does not come back.
   std::mt19937 random(9);
-  tslb_batch_t *const batch = store.begin();
-  store.change(batch, random);
-  ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0) << store.error.text;
+  ASSERT_TRUE(store.commit_changes(random)) << store.error.text;
   const std::string expected = store.content();
   ASSERT_EQ(store.close(), 0);
   ASSERT_TRUE(store.open(folder_)) << store.error.text;
@@ -308,18 +302,12 @@ TEST_F(DurableDamage, BackupIsAStoreOfTheSettledState) {
   TestStore store;
   ASSERT_TRUE(store.open(folder_));
   std::mt19937 random(4);
-  for (int i = 0; i < 10; ++i) {
-    tslb_batch_t *const batch = store.begin();
-    store.change(batch, random);
-    ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0);
-  }
+  ASSERT_TRUE(store.commit_changes(random, 10)) << store.error.text;
   const std::string copied = store.content(), target = root_ + "/backup";
   ASSERT_EQ(tslb_store_backup(store.get(), target.c_str(), &store.error), 0) << store.error.text;
   EXPECT_EQ(tslb_store_backup(store.get(), target.c_str(), &store.error), -1);
   EXPECT_EQ(store.error.code, TSLB_DURABLE_NOT_EMPTY);
-  tslb_batch_t *const batch = store.begin();
-  store.change(batch, random);
-  ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0);
+  ASSERT_TRUE(store.commit_changes(random)) << store.error.text;
   TestStore backup;
   ASSERT_TRUE(backup.open(target)) << backup.error.text;
   EXPECT_EQ(backup.content(), copied);

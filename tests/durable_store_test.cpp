@@ -5,7 +5,6 @@
 #include <set>
 
 #include "durable_support.h"
-#include "fault_alloc.h"
 
 using testing::HasSubstr;
 
@@ -29,9 +28,8 @@ TEST_F(DurableStore, FolderIsOnlyTakenWhenAllowed) {
   TestStore second;
   EXPECT_FALSE(second.open(folder_, TSLB_STORE_CREATE));
   EXPECT_EQ(second.error.code, TSLB_DURABLE_LOCKED);
-  tslb_batch_t *const batch = store.begin();
-  store.add_slot(batch, 5, 16);
-  ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0) << store.error.text;
+  EXPECT_THAT(second.error.text, HasSubstr(fmt::format("process {}", getpid())));
+  ASSERT_TRUE(store.commit_slot(5, 16)) << store.error.text;
   TestStore reader;
   ASSERT_TRUE(reader.open(folder_, TSLB_STORE_READ_ONLY)) << reader.error.text;
   EXPECT_EQ(reader.content(), store.content());
@@ -232,9 +230,7 @@ TEST_F(DurableStore, ChangeOutsideOfABatchBreaksTheStore) {
 TEST_F(DurableStore, BatchWithAnInvalidRangeIsRefusedAndTakenBack) {
   TestStore store;
   ASSERT_TRUE(store.open(folder_));
-  tslb_batch_t *batch = store.begin();
-  store.add_slot(batch, 5, 16);
-  ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0);
+  ASSERT_TRUE(store.commit_slot(5, 16)) << store.error.text;
   const std::string durable = store.content();
   const struct {
     const char *why;
@@ -248,7 +244,7 @@ TEST_F(DurableStore, BatchWithAnInvalidRangeIsRefusedAndTakenBack) {
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.why);
-    batch = store.begin();
+    tslb_batch_t *const batch = store.begin();
     ASSERT_NE(batch, nullptr) << store.error.text;
     store.add_slot(batch, 6, 120);
     row.log(batch);
@@ -260,9 +256,7 @@ TEST_F(DurableStore, BatchWithAnInvalidRangeIsRefusedAndTakenBack) {
     ASSERT_EQ(tslb_store_restore(store.get(), &store.error), 0) << store.error.text;
     EXPECT_EQ(store.content(), durable);
   }
-  batch = store.begin();
-  store.add_slot(batch, 7, 24);
-  ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0) << store.error.text;
+  ASSERT_TRUE(store.commit_slot(7, 24)) << store.error.text;
   const std::string expected = store.content();
   ASSERT_EQ(store.close(), 0);
   ASSERT_TRUE(store.open(folder_)) << store.error.text;
@@ -354,9 +348,7 @@ TEST_F(DurableStore, ArrayIsAddedAndOrderOfDeclarationsIsFree) {
   {
     TestStore store(decls);
     ASSERT_TRUE(store.open(folder_));
-    tslb_batch_t *const batch = store.begin();
-    store.add_slot(batch, 3, 40);
-    ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0);
+    ASSERT_TRUE(store.commit_slot(3, 40)) << store.error.text;
     slots = content_of(store.array(SLOTS));
   }
   decls = test_decls();
@@ -377,11 +369,7 @@ TEST_F(DurableStore, StreamIsThatOfTheLibrary) {
   TestStore store;
   ASSERT_TRUE(store.open(folder_));
   std::mt19937 random(7);
-  for (int i = 0; i < 60; ++i) {
-    tslb_batch_t *const batch = store.begin();
-    store.change(batch, random);
-    ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0) << store.error.text;
-  }
+  ASSERT_TRUE(store.commit_changes(random, 60)) << store.error.text;
   ASSERT_EQ(tslb_store_snapshot(store.get(), &store.error), 0) << store.error.text;
   tslb_test_mode = 0;
   lib_config.tslb_enable_file_trimming_flag = 1;
@@ -490,11 +478,7 @@ TEST_F(DurableStore, ProgressRisesToAllBytes) {
   TestStore store;
   ASSERT_TRUE(store.open(folder_));
   std::mt19937 random(3);
-  for (int i = 0; i < 30; ++i) {
-    tslb_batch_t *const batch = store.begin();
-    store.change(batch, random);
-    ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0);
-  }
+  ASSERT_TRUE(store.commit_changes(random, 30)) << store.error.text;
   ASSERT_EQ(store.close(), 0);
   std::vector<std::pair<uint64_t, uint64_t>> reports;
   store.options.progress = [](void *arg, uint64_t done, uint64_t all) {
@@ -607,46 +591,4 @@ TEST_F(DurableStore, TicketsCanBeCheckedWithoutWaiting) {
   EXPECT_EQ(tslb_store_reserve(store.get(), uint64_t{1} << 60, &store.error), -1);
   EXPECT_EQ(store.error.code, TSLB_DURABLE_IO);
   EXPECT_NE(store.error.errnum, 0);
-}
-
-// The n-th allocation of the thread that writes the group fails, for each n. With compression its buffers are new in each
-// round, because the stored bytes are longer than before.
-TEST_F(DurableStore, RefusedMemoryRefusesTheGroup) {
-#if defined(TSLB_SANITIZES_ADDRESS) || defined(TSLB_SANITIZES_THREAD)
-  GTEST_SKIP() << "operator new is the sanitizer's";
-#endif
-  TestStore store;
-  ASSERT_TRUE(store.open(folder_, TSLB_STORE_CREATE));
-  tslb_batch_t *batch = store.begin();
-  for (int i = 0; i < 200; ++i) store.add_slot(batch, 1, 0);
-  ASSERT_EQ(tslb_batch_commit(batch, &store.error), 0);
-  int n_refused = 0;
-  for (int nth = 1;; ++nth) {
-    SCOPED_TRACE(fmt::format("allocation {}", nth));
-    ASSERT_EQ(store.close(), 0) << store.error.text;
-    ASSERT_TRUE(store.open(folder_, 0)) << store.error.text;
-    const std::string before = store.content();
-    bool struck, is_durable = false;
-    {
-      const fault_t fault(nth);
-      batch = store.begin();
-      if (batch != nullptr) {
-        for (uint32_t idx = 0; idx < 200; ++idx) {
-          static_cast<TestRecord *>(tslb_da_get_ptr(store.array(SLOTS), idx))->value = static_cast<uint32_t>(nth) * idx;
-          tslb_batch_log_record(batch, SLOTS, idx);
-        }
-        is_durable = tslb_batch_commit(batch, &store.error) == 0;
-      }
-      struck = fault.struck();
-    }
-    if (!is_durable) {
-      ASSERT_TRUE(store.error.code == TSLB_DURABLE_REFUSED || store.error.code == TSLB_DURABLE_NO_MEMORY)
-          << store.error.text;
-      ++n_refused;
-      ASSERT_EQ(tslb_store_restore(store.get(), &store.error), 0) << store.error.text;
-      ASSERT_EQ(store.content(), before);
-    }
-    if (!struck) break;
-  }
-  EXPECT_GT(n_refused, 5);
 }

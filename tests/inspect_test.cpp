@@ -207,9 +207,7 @@ TEST_F(Contradictions, OfHeadersAndSizes) {
   const std::string sound = stream_of(two_lists().get());
   const auto with_longer = [](std::string *stream) { *stream += "xyz"; };
   expect_told(sound, {
-                         {"an empty file", cut(0), "0: ends 0 bytes into DynHdr_t of 8"},
                          {"half a first header", cut(5), "5: ends 5 bytes into DynHdr_t of 8"},
-                         {"half of all headers", cut(70), "70: ends 70 bytes into headers of 84"},
                          {"another layout", put<uint8_t>(0, 3), "0: lib_version 3, expected 2"},
                          {"a longer stream", with_longer, "644: 3 more bytes after the last slot"},
                          {"a slot that is cut", cut(slot(19) + 9), "625: ends 9 bytes into slot 19 of 20"},
@@ -219,10 +217,6 @@ TEST_F(Contradictions, OfHeadersAndSizes) {
                          {"more ids than there can be", put<uint32_t>(72, 0xFFFFFFF0),
                           "72: n_used 4294967280 is more than an array with n_direct 3 can have\n"
                           "644: ends 0 bytes into slot 20 of 4294967280"},
-                         {"a direct area beyond limits", put<uint32_t>(76, 0x80000000),
-                          "76: n_direct 2147483648 is more than an array can have"},
-                         {"a direct area larger than block 0", put<uint32_t>(76, 0x7FFFFFFF),
-                          "76: n_direct 2147483647 with slots of 28 bytes exceeds the maximum size of block 0"},
                          {"nodes without a list", put<uint8_t>(36, 4),
                           "36: lltype 0x04 has no list flag, but lli_sz is not 0\n"
                           "324: 320 more bytes after the last slot"},
@@ -250,10 +244,7 @@ TEST_F(Contradictions, OfLists) {
            "32: the free list counts 3 slots, but has 2\n"
            "12: tail 9 of the free list, but its last slot is 2\n"
            "336: slot 9 has the status free, but is not on that list"},
-          {"a counter", put<uint32_t>(32, 4), "32: the free list counts 4 slots, but has 3"},
           {"a counter beyond the array", put<uint32_t>(24, 21), "24: the inactive list counts 21 slots of 20"},
-          {"a tail", put<uint32_t>(20, 7), "20: tail 7 of the inactive list, but its last slot is 5"},
-          {"a status on a list", put<uint32_t>(slot(5), 2), "224: status 2 on the inactive list, slot 5"},
           {"on no list", put<uint32_t>(slot(0), 3), "84: slot 0 has the status inactive, but is not on that list"},
           {"a status that does not exist", put<uint32_t>(slot(0), 9), "84: status 9 of slot 0 does not exist"},
           {"a back link", put<uint32_t>(slot(5) + prev, 3), "244: prev 3 of slot 5 on the inactive list, expected 7"},
@@ -268,8 +259,6 @@ TEST_F(Contradictions, OfPools) {
                   {"a cursor beyond the slots", put<uint32_t>(16, 3), "16: cur_slot_addr names slot 3 of 3"},
                   {"a cursor after its slot", put<uint32_t>(20, 65), "20: cur_slot_addr is at byte 65 of a slot of 64"},
                   {"a current slot that is free", put<uint32_t>(16, 0), "140: status 1 of the current slot, 0"},
-                  {"more used than there is", put<uint32_t>(slot1 + 8, 65),
-                   "228: bytes_used 65 of slot 1, but the slot has 64"},
                   {"more deleted", put<uint32_t>(slot1 + 12, 57), "232: bytes_del 57 of slot 1, but bytes_used is 56"},
                   {"a last slot cut too early", cut(slot2 + 39), "339: ends 39 bytes into slot 2 of 3"},
                   {"a last slot cut after its cursor", cut(slot2 + 41), "341: ends 41 bytes into slot 2 of 3"},

@@ -1,6 +1,5 @@
 // Tests with threads that take and free: slots of one array with lists and a reuse policy, and chunks of one pool with
 // concurrent sweeps. A table of owners detects a slot that two threads own at once. Afterwards everything is counted.
-// Where an outcome must be forced, another thread's work runs before the lock.
 #include <atomic>
 #include <random>
 
@@ -14,52 +13,6 @@
 constexpr int kThreads = 4;
 
 [[maybe_unused]] static const bool kThreadsChange = additions_yield = true;
-
-TEST(OneIndex, DecisionIsConfirmedUnderTheLock) {
-  using operation_t = int (*)(DynArrHandle_t *);
-  const operation_t free_it = [](DynArrHandle_t *array) { return tslb_da_free_idx(array, 3); };
-  const operation_t inactivate_it = [](DynArrHandle_t *array) { return tslb_da_inactivate_idx(array, 3, 5); };
-  const operation_t activate_it = [](DynArrHandle_t *array) { return tslb_da_activate_idx(array, 3); };
-  const operation_t ready_it = [](DynArrHandle_t *array) {
-    tslb_da_make_ready(array, tslb_da_get_ptr(array, 3));
-    return 0;
-  };
-  const operation_t ready_and_inactivate_it = [](DynArrHandle_t *array) {
-    tslb_da_make_ready(array, tslb_da_get_ptr(array, 3));
-    return tslb_da_inactivate_idx(array, 3, 5);
-  };
-  const struct {
-    const char *fault;
-    uint32_t status;
-    operation_t ours, others;
-    int result;
-    indices_t free, inactive;
-  } rows[] = {
-      {"put on the free list twice", TSLB_DA_SLOT_ACTIVE, free_it, free_it, 1, {1, 3}, {0}},
-      {"put on the inactive list twice", TSLB_DA_SLOT_ACTIVE, inactivate_it, inactivate_it, 1, {1}, {0, 3}},
-      {"on both lists, inactivated after a free", TSLB_DA_SLOT_ACTIVE, inactivate_it, free_it, 1, {1, 3}, {0}},
-      {"on both lists, freed after an inactivation", TSLB_DA_SLOT_ACTIVE, free_it, inactivate_it, 0, {1, 3}, {0}},
-      {"unlinked twice", TSLB_DA_SLOT_INACTIVE, activate_it, activate_it, 1, {1}, {0}},
-      {"active and on the free list", TSLB_DA_SLOT_INACTIVE, activate_it, free_it, 1, {1, 3}, {0}},
-      {"unlinked by the free though activated", TSLB_DA_SLOT_INACTIVE, free_it, activate_it, 0, {1, 3}, {0}},
-      {"active and on the inactive list", TSLB_DA_SLOT_NOT_READY, ready_it, ready_and_inactivate_it, 0, {1}, {0, 3}},
-  };
-  for (const auto &row : rows) {
-    SCOPED_TRACE(row.fault);
-    const array_t array(tslb_da_init_ll(16, 8, MPOOL_TYPE_DRAM_TMP, nullptr, 0, TSLB_DA_DAFLAG_INLL));
-    tslb_da_get_range(array.get(), 6);
-    tslb_da_free_idx(array.get(), 1);
-    tslb_da_inactivate_idx(array.get(), 0, 1);
-    if (row.status == TSLB_DA_SLOT_INACTIVE) inactivate_it(array.get());
-    if (row.status == TSLB_DA_SLOT_NOT_READY) forward_node(tslb_da_get_ptr(array.get(), 3)).status = row.status;
-    before_lock.arm(&array->spinlock, [&] { EXPECT_EQ(row.others(array.get()), 0); });
-    stderr_of([&] { EXPECT_EQ(row.ours(array.get()), row.result); });
-    ASSERT_EQ(before_lock.word, nullptr) << "the lock was not taken";
-    const lists_t lists = audit_lists(array.get());
-    EXPECT_EQ(lists.free, row.free);
-    EXPECT_EQ(lists.inactive, row.inactive);
-  }
-}
 
 class slot_user_t {
  public:
@@ -282,23 +235,4 @@ TEST(Chunks, ConcurrentTakeDeleteAndSweep) {
   EXPECT_EQ(used, deleted);
   EXPECT_EQ(used, slot_at(pool, current).bytes_used);
   EXPECT_EQ(audit_lists(pool.get()).free.size(), n_slots - 1);
-}
-
-// All deletions change one counter: if an addition were lost, the slot would never be freed.
-TEST(Chunks, SlotEmptiedByManyThreadsIsReleasedOnce) {
-  constexpr int kChunks = 12000, kRounds = 4;
-  const array_t pool = pool_of({}, 2, kChunks * 17);
-  for (uint32_t round = 0; round < kRounds; ++round) {
-    const auto chunks = take_several(pool, kChunks, 17);
-    const uint32_t filled = chunks[0].mslot_idx;
-    ASSERT_EQ(chunks.back().mslot_idx, filled);
-    const maddr_t next = take(pool, kChunks * 17);
-    on_threads(kThreads, [&](int self) {
-      for (size_t i = static_cast<size_t>(self); i < kChunks; i += kThreads) del(pool, chunks[i]);
-    });
-    ASSERT_EQ(slot_at(pool, filled).bytes_del, kChunks * 17u);
-    ASSERT_EQ(audit_lists(pool.get()).free, indices_t{filled});
-    del(pool, next);  // still current; the next round takes the slot that was freed
-    ASSERT_EQ(status_at(pool.get(), next.mslot_idx), TSLB_DA_SLOT_ACTIVE);
-  }
 }

@@ -1,10 +1,6 @@
-// A database is the same after it was closed and opened, and a failed write leaves the old state intact.
-#include <atomic>
+// A database is the same after it was closed and opened.
 #include <cstring>
 #include <limits>
-#include <set>
-#include <thread>
-#include <utility>
 
 #include "database_support.h"
 #include "query/report.h"
@@ -95,77 +91,6 @@ TEST_F(RoundTrip, PointsBitForBit) {
 }
 
 using Writing = SmallDatabase;
-
-// Limits on the file size make writes to each of the files fail.
-TEST_F(Writing, FailedWriteChangesNothing) {
-  ASSERT_NO_FATAL_FAILURE(keep_filled());
-  const auto before = tree_of(root_);
-  const auto old_handler = signal(SIGXFSZ, SIG_IGN);
-  std::set<std::string> refused_files;
-  const auto with_many_series = [this] {
-    OpenDatabase opened = open_to_change(db());
-    for (int i = 0; i < 3000; ++i) opened.store().add(fmt::format("many,n={} f", i % 40), {181 + i % 7, 1.0});
-    return opened;
-  };
-  for (const rlim_t max_bytes : {0, 100, 1500, 2300, 2500, 2800, 3500, 20'000}) {
-    OpenDatabase opened = with_many_series();
-    const std::string what = refusal_of([&] {
-      const limit_t tight(RLIMIT_FSIZE, max_bytes);
-      opened.write();
-    });
-    EXPECT_THAT(what, HasSubstr("cannot be written")) << max_bytes;
-    refused_files.insert(fs::path(what.substr(0, what.find(": "))).filename());
-  }
-  signal(SIGXFSZ, old_handler);
-  EXPECT_TRUE(tree_of(root_) == before);
-  EXPECT_GE(refused_files.size(), 2u) << "all limits affected the same file";
-  OpenDatabase opened = with_many_series();
-  const std::string figures = figures_of(opened.store());
-  opened.write();
-  EXPECT_EQ(figures_of(OpenDatabase(db()).store()), figures);
-}
-
-TEST_F(Writing, OneWriterAtATime) {
-  ASSERT_NO_FATAL_FAILURE(keep_filled());
-  std::optional<OpenDatabase> first(open_to_change(db()));
-  const auto write = [this] { open_to_change(db()); };
-  EXPECT_EQ(refusal_of(write), fmt::format("{}: another writer has the store: process {}", db(), getpid()));
-  EXPECT_EQ(OpenDatabase(db()).generation(), 1u) << "readers are kept out";
-  first.reset();
-  EXPECT_EQ(refusal_of(write), "");
-}
-
-TEST_F(Writing, ReadersSeeCompleteGenerations) {
-  {
-    OpenDatabase created = open_to_change(db(), config());
-    created.store().add("a f", {0, 0.0});
-    created.write();
-  }
-  std::atomic<bool> done{false};
-  std::string failure;
-  std::atomic<uint64_t> n_opened{0};
-  uint64_t last_points = 0;
-  std::thread reader([&] {
-    for (; !done && failure.empty(); ++n_opened)
-      failure = refusal_of([&] {
-        const OpenDatabase opened(db());
-        // A generation contains as many points as its number.
-        EXPECT_EQ(opened.store().n_points(), opened.generation());
-        EXPECT_GE(opened.store().n_points(), std::exchange(last_points, opened.store().n_points()));
-      });
-  });
-  // The reader may start late: the writer then goes on, more slowly, until enough generations were opened.
-  for (int i = 1; i < 60 || (n_opened <= 5 && i < 10000); ++i) {
-    OpenDatabase opened = open_to_change(db());
-    opened.store().append(0, {i, 0.0});
-    opened.write();
-    if (i >= 60) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  done = true;
-  reader.join();
-  EXPECT_EQ(failure, "");
-  EXPECT_GT(n_opened, 5u);
-}
 
 // 300 lines of an earlier version, which wrote runs and stored integers as real numbers. New points are in blocks beside them.
 TEST_F(Writing, DatabasesOfEarlierVersionsGoOn) {

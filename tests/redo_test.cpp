@@ -105,6 +105,24 @@ TEST(Redo, AllocationLogsAfterItsLock) {
   }
 }
 
+// One letter for each record: L if it is written under the lock.
+TEST(Redo, ChangesLogNeighboursUnderTheLockAndThemselvesAfterIt) {
+  const array_t array = worked_example();
+  redo_recorder_t log(&array->spinlock);
+  const auto records_of = [&](int result) {
+    EXPECT_EQ(result, 0);
+    std::string letters;
+    for (const auto &record : log.take()) letters += record.locked ? 'L' : '-';
+    return letters;
+  };
+  EXPECT_EQ(records_of(tslb_da_inactivate_idx(array.get(), 3, 1)), "-");
+  EXPECT_EQ(records_of(tslb_da_inactivate_idx(array.get(), 4, 1)), "L-");
+  EXPECT_EQ(records_of(tslb_da_inactivate_idx(array.get(), 5, 1)), "L-");
+  EXPECT_EQ(records_of(tslb_da_activate_idx(array.get(), 4)), "LL-");
+  EXPECT_EQ(records_of(tslb_da_free_idx(array.get(), 3)), "L--") << "its node and the header";
+  EXPECT_EQ(records_of(tslb_da_free_idx(array.get(), 5)), "L--");
+}
+
 TEST(Redo, ArraysThatAreNotLogged) {
   redo_recorder_t log;
   const auto count_of_own = [&log](const array_t &array, uint32_t idx) {

@@ -44,21 +44,9 @@ void finish_ring(uint32_t slot, uint32_t off) {
 }
 
 const scenario_t SCENARIOS[] = {
-    {"first_chunks", "two first chunks of an empty pool", 2, [] { pool_with_room(64, 0); }, [](int t) { take(t, 24); },
-     [] { finish(1, 0, 48); }},
-    {"first_chunks_3", "three first chunks", 3, [] { pool_with_room(64, 0); }, [](int t) { take(t, 20); },
-     [] { finish(1, 0, 60); }},
-    {"first_chunks_mixed", "the first chunks of an empty pool, with addresses of both widths", 2,
-     [] { pool_with_room(64, 0); }, [](int t) { t == 0 ? take(0, 24) : take_wide(1, 24); }, [] { finish(1, 0, 48); }},
-    {"slot_end", "two chunks, and room for one of them", 2, [] { pool_with_room(24, 24); }, [](int t) { take(t, 24); },
-     [] { finish(2, 1, 24); }},
-    {"slot_end_wide", "the same with 64-bit addresses", 2, [] { pool_with_room(24, 24); },
-     [](int t) { take_wide(t, 24); }, [] { finish(2, 1, 24); }},
-    {"slot_end_mixed", "the same with one address of each width", 2, [] { pool_with_room(24, 24); },
-     [](int t) { t == 0 ? take(0, 24) : take_wide(1, 24); }, [] { finish(2, 1, 24); }},
-    {"slot_end_3", "three chunks at the end of a full slot", 3, [] { pool_with_room(0, 20); },
-     [](int t) { take(t, 20); }, [] { finish(2, 1, 60); }},
-    {"slot_end_3_mixed", "three chunks at the end of a full slot, with addresses of both widths", 3,
+    {"first_chunks", "the first chunks of an empty pool, with addresses of both widths", 3,
+     [] { pool_with_room(64, 0); }, [](int t) { t == 2 ? take_wide(2, 20) : take(t, 20); }, [] { finish(1, 0, 60); }},
+    {"slot_end_3", "three chunks at the end of a full slot, with addresses of both widths", 3,
      [] { pool_with_room(0, 20); }, [](int t) { t == 2 ? take_wide(2, 20) : take(t, 20); }, [] { finish(2, 1, 60); }},
     {"smaller_chunk_fits", "a chunk that fits beside one that does not", 2, [] { pool_with_room(24, 40); },
      [](int t) { take(t, t == 0 ? 40 : 24); },
@@ -66,8 +54,6 @@ const scenario_t SCENARIOS[] = {
        const bool old_slot = cursor_off() == 40;
        finish(2, 1, old_slot ? 40 : 64);
      }},
-    {"two_slots_at_once", "two chunks, each of which fills a slot", 2, [] { pool_with_room(0, 64); },
-     [](int t) { take(t, 64); }, [] { finish(3, 2, 64); }},
     {"limit", "two chunks at the limit of slots: the room of the new slot is used, then requests are refused", 2,
      [] {
        make_pool(1, 64, {MPOOL_FLAG_COMPAT, TSLB_DA_DAFLAG_LL, 0, 2});
@@ -105,8 +91,8 @@ const scenario_t SCENARIOS[] = {
        EXPECT_THAT_AT_END(n_used() <= 3);
        audit_pool();
      }},
-    {"slot_end_4", "four chunks at the end of a slot with room for one", 4, [] { pool_with_room(24, 24); },
-     [](int t) { take(t, 24); }, [] { finish(3, 2, 24); }},
+    {"slot_end_4", "four chunks at the end of a slot with room for one, with addresses of both widths", 4,
+     [] { pool_with_room(24, 24); }, [](int t) { t < 2 ? take(t, 24) : take_wide(t, 24); }, [] { finish(3, 2, 24); }},
     {"totals", "sums of the pool are exact, whoever adds", 2,
      [] {
        make_pool(1, 64);
@@ -140,19 +126,13 @@ const scenario_t SCENARIOS[] = {
        EXPECT_THAT_AT_END(scene.ptr[1] == scene.ptr[0] && scene.value[1] == 64 - 16 - 1);
        finish(2, 1, 24);
      }},
-    {"ring_completion", "two threads need the last slot of a ring", 2, [] { ring_with(253, 24); },
-     [](int t) { take(t, 24); },
+    {"ring_completion", "three threads need the last slot of a ring, which has room for two of them", 3,
+     [] { ring_with(253, 32); }, [](int t) { take(t, 32); },
      [] {
-       EXPECT_THAT_AT_END(slot_at(253)->bytes_used == 48);
-       finish_ring(253, 48);
+       EXPECT_THAT_AT_END(slot_at(253)->bytes_used == 64);
+       finish_ring(0, 32);
      }},
-    {"ring_completion_and_wrap", "two threads fill the last slot of a ring, and one of them goes on in slot 0", 2,
-     [] { ring_with(253, 64); }, [](int t) { take(t, 64); }, [] { finish_ring(0, 64); }},
-    {"ring_completion_3", "three threads fill the last slot of a ring and go on", 3, [] { ring_with(253, 64); },
-     [](int t) { take(t, 64); }, [] { finish_ring(1, 64); }},
-    {"ring_wrap", "two threads at the end of a complete ring: one of them moves it", 2, [] { ring_with(254, 24); },
-     [](int t) { take(t, 24); }, [] { finish_ring(0, 48); }},
-    {"ring_wrap_3", "three threads at the end of a complete ring, one with a smaller chunk", 3,
+    {"ring_wrap", "three threads at the end of a complete ring, one with a smaller chunk", 3,
      [] {
        ring_with(253, 0);
        take_chunk(48);

@@ -54,8 +54,6 @@ void finish_without_sweep(uint32_t released) {
 }
 
 const scenario_t SCENARIOS[] = {
-    {"delete_2", "the two chunks of a slot are deleted by two threads: the slot is released once", 2,
-     [] { pool_of_chunks(3); }, del, [] { finish_without_sweep(0); }},
     {"delete_3", "three chunks of two slots are deleted, one of them in the current slot", 3, [] { pool_of_chunks(3); },
      del, [] { finish_without_sweep(0); }},
     {"delete_beside_change_of_slot", "the last chunk of the current slot is deleted while the slot is left", 2,
@@ -65,44 +63,11 @@ const scenario_t SCENARIOS[] = {
        monitor.largest_chunk = 32;
      },
      [](int t) { t == 0 ? del(0) : take(1, 32); }, [] { finish(); }},
-    {"late_reservation", "a chunk is reserved in a slot that is left, while its other chunk is deleted", 3,
-     [] {
-       pool_of_chunks(1);
-       monitor.largest_chunk = 64;
-     },
-     [](int t) {
-       if (t == 0) del(0);
-       if (t == 1) take(1, 32);
-       if (t == 2) take(2, 64);
-     },
-     [] { finish(); }},
-    {"late_reservation_deleted", "the same, and the owner of the late chunk deletes it at once", 3,
+    {"late_reservation", "a chunk is reserved in a slot that is left and deleted at once, like its other chunk", 3,
      [] { pool_of_chunks(1); },
      [](int t) {
        if (t == 0) del(0);
        if (t == 1) take(1, 32), del(4 + 1);
-       if (t == 2) take(2, 64);
-     },
-     [] { finish(); }},
-    {"late_reservation_swept", "a chunk is reserved in a slot that is left, beside a sweep", 3,
-     [] {
-       pool_of_chunks(1);
-       del(0);
-     },
-     [](int t) {
-       if (t == 0) sweep_in(0);
-       if (t == 1) take(1, 32);
-       if (t == 2) take(2, 64);
-     },
-     [] {
-       expect_sums(0, 128);
-       finish();
-     }},
-    {"late_wide_reservation", "a chunk with a 64-bit address is reserved in a slot that is left", 3,
-     [] { pool_of_chunks(1); },
-     [](int t) {
-       if (t == 0) del(0);
-       if (t == 1) scene.wide[1] = take_wide_chunk(32);
        if (t == 2) take(2, 64);
      },
      [] { finish(); }},
@@ -117,13 +82,6 @@ const scenario_t SCENARIOS[] = {
        if (t == 2) take(2, 64);
      },
      [] { finish(); }},
-    {"delete_beside_reuse", "the last chunk of a slot is deleted while another thread needs a slot", 2,
-     [] {
-       pool_of_chunks(2);
-       scene.chunk[2] = take_chunk(64);
-       del(0);
-     },
-     [](int t) { t == 0 ? del(1) : take(1, 64); }, [] { finish(); }},
     {"delete_sweep_reuse", "a slot is emptied, swept and taken again at the same time", 3,
      [] {
        pool_of_chunks(2);
@@ -139,17 +97,17 @@ const scenario_t SCENARIOS[] = {
        expect_sums(1, 192);
        finish();
      }},
-    {"two_sweeps", "two sweeps find the same empty slot: it is released once", 2,
+    {"two_sweeps", "two sweeps find the same empty slot while a thread needs one: it is released once", 3,
      [] {
        make_pool(4, 64);
        scene.chunk[0] = take_chunk(64);
        del(0);
        take_chunk(64);
      },
-     [](int t) { sweep_in(t); },
+     [](int t) { t == 2 ? take(2, 64) : sweep_in(t); },
      [] {
-       expect_sums(0, 128);
-       expect_sums(1, 128);
+       expect_sums(0, 192);
+       expect_sums(1, 192);
        finish();
      }},
     {"sweep_beside_take", "a sweep counts a slot that is being taken", 2,
@@ -191,24 +149,6 @@ const scenario_t SCENARIOS[] = {
        take(1, 64);
      },
      [] { finish(); }},
-    {"sweep_beside_reuse", "a slot is swept while another thread needs one", 2,
-     [] {
-       make_pool(4, 64);
-       scene.chunk[0] = take_chunk(64);
-       del(0);
-       take_chunk(64);
-     },
-     [](int t) { t == 0 ? take(0, 64) : sweep_in(1); },
-     [] {
-       expect_sums(1, 192);
-       finish();
-     }},
-    {"take_and_delete_2", "two threads take a chunk at the end of a slot and delete it", 2, [] { pool_of_chunks(1); },
-     [](int t) {
-       take(t, 32);
-       del(4 + t);
-     },
-     [] { finish(); }},
     {"take_and_delete_3", "three threads take chunks of different lengths at the end of a slot and delete them", 3,
      [] { pool_of_chunks(1); },
      [](int t) {
@@ -216,11 +156,15 @@ const scenario_t SCENARIOS[] = {
        del(4 + t);
      },
      [] { finish(); }},
-    {"late_reservation_4", "a late reservation, the deletion of the slot's other chunk, a change of slot and a sweep",
-     4, [] { pool_of_chunks(1); },
+    {"late_wide_reservation", "a late 64-bit chunk, the deletion of its slot's other chunk, a change of slot, a sweep",
+     4,
+     [] {
+       pool_of_chunks(1);
+       monitor.largest_chunk = 64;
+     },
      [](int t) {
        if (t == 0) del(0);
-       if (t == 1) take(1, 32);
+       if (t == 1) scene.wide[1] = take_wide_chunk(32);
        if (t == 2) take(2, 64);
        if (t == 3) sweep_in(3);
      },
@@ -260,21 +204,6 @@ const scenario_t SCENARIOS[] = {
        if (t == 1) take(1, 64);
      },
      [] { finish(); }},
-    {"deletion_before_reuse", "a chunk's owner reads it until the deletion; the next owner of its bytes writes them", 2,
-     [] {
-       make_pool(4, 64);
-       scene.chunk[0] = take_chunk(64);
-       take_chunk(64);
-     },
-     [](int t) {
-       if (t == 0) {
-         note_access(tslb_dynmem_get_maddr2ptr(scene.array, scene.chunk[0]), 8, false);
-         return del(0);
-       }
-       sweep();
-       take(1, 64);
-     },
-     [] { finish(); }},
     {"ring_with_lists_wraps", "a ring with lists is completed and starts again, while a chunk is deleted", 3,
      [] {
        make_pool(4, 64, {MPOOL_FLAG_COMPAT, TSLB_DA_DAFLAG_LL, MPOOL_FLAG_BV, 0, MPOOL_TYPE_DRAM_TMP});
@@ -282,17 +211,6 @@ const scenario_t SCENARIOS[] = {
        scene.chunk[0] = {5, 0};
      },
      [](int t) { t == 0 ? del(0) : take(t, 64); },
-     [] {
-       EXPECT_THAT_AT_END(n_used() < TSLB_RING_SLOTS || n_free() == 0);
-       audit_pool();
-     }},
-    {"ring_keeps_slots", "chunks are deleted while a ring with lists becomes complete: no slot is released", 2,
-     [] {
-       make_pool(4, 64, {MPOOL_FLAG_COMPAT, TSLB_DA_DAFLAG_LL, MPOOL_FLAG_BV, 0, MPOOL_TYPE_DRAM_TMP});
-       for (int i = 0; i < 253; ++i) take_chunk(64);
-       scene.chunk[0] = {5, 0};
-     },
-     [](int t) { t == 0 ? del(0) : take(1, 64); },
      [] {
        EXPECT_THAT_AT_END(n_used() < TSLB_RING_SLOTS || n_free() == 0);
        audit_pool();

@@ -17,29 +17,6 @@ extern "C" void explored_free(void *block);
 
 namespace {
 
-enum code_t {
-  LOAD,
-  LOAD_ACQUIRE,
-  STORE,
-  STORE_RELEASE,
-  SWAP,
-  ADD,
-  LOCK,
-  UNLOCK,
-  READ,
-  WRITE,
-  HOOK,
-  WAIT,
-  TAKE_MEMORY,
-  FREE
-};
-struct instruction_t {
-  code_t code;
-  int word;
-};
-using thread_t = std::vector<instruction_t>;
-using program_t = std::vector<thread_t>;
-
 struct words_t {
   uint64_t word[4];
   uint64_t plain[2];
@@ -47,59 +24,41 @@ struct words_t {
   uint16_t lock[2];
 };
 words_t *words;
-const program_t *program;
 
-void execute(const instruction_t &instruction, int thread) {
-  uint64_t *const word = &words->word[instruction.word];
-  switch (instruction.code) {
-    case LOAD:
-      explore_load(word, __ATOMIC_RELAXED);
-      break;
-    case LOAD_ACQUIRE:
-      explore_load(word, __ATOMIC_ACQUIRE);
-      break;
-    case STORE:
-      explore_store(word, static_cast<uint64_t>(thread) + 1, __ATOMIC_RELAXED);
-      break;
-    case STORE_RELEASE:
-      explore_store(word, static_cast<uint64_t>(thread) + 1, __ATOMIC_RELEASE);
-      break;
-    case SWAP:
-      cas64(word, 0, static_cast<uint64_t>(thread) + 1);
-      break;
-    case ADD:
-      get_and_inc64(word, 1);
-      break;
-    case LOCK:
-      cas16(&words->lock[instruction.word], 0, 1);
-      break;
-    case UNLOCK:
-      cas16(&words->lock[instruction.word], 1, 0);
-      break;
-    case READ:
-      note_access(&words->plain[instruction.word], 8, false);
-      break;
-    case WRITE:
-      note_access(&words->plain[instruction.word], 8, true);
-      break;
-    case HOOK:
-      reach_hook(word, 8, nullptr);
-      break;
-    case WAIT:
-      while (explore_load(word, __ATOMIC_ACQUIRE) == 0) {
-      }
-      break;
-    case TAKE_MEMORY:
-      words->block = explored_malloc(16);
-      break;
-    case FREE:
-      explored_free(words->block);
-      break;
-  }
+uint64_t mark_of(int thread) {
+  return static_cast<uint64_t>(thread) + 1;
 }
 
+// Operations on the word with an index, by a thread.
+using code_t = void (*)(int index, int thread);
+constexpr code_t LOAD = [](int i, int) { explore_load(&words->word[i], __ATOMIC_RELAXED); };
+constexpr code_t LOAD_ACQUIRE = [](int i, int) { explore_load(&words->word[i], __ATOMIC_ACQUIRE); };
+constexpr code_t STORE = [](int i, int t) { explore_store(&words->word[i], mark_of(t), __ATOMIC_RELAXED); };
+constexpr code_t STORE_RELEASE = [](int i, int t) { explore_store(&words->word[i], mark_of(t), __ATOMIC_RELEASE); };
+constexpr code_t SWAP = [](int i, int t) { cas64(&words->word[i], 0, mark_of(t)); };
+constexpr code_t ADD = [](int i, int) { get_and_inc64(&words->word[i], 1); };
+constexpr code_t LOCK = [](int i, int) { cas16(&words->lock[i], 0, 1); };
+constexpr code_t UNLOCK = [](int i, int) { cas16(&words->lock[i], 1, 0); };
+constexpr code_t READ = [](int i, int) { note_access(&words->plain[i], 8, false); };
+constexpr code_t WRITE = [](int i, int) { note_access(&words->plain[i], 8, true); };
+constexpr code_t HOOK = [](int i, int) { reach_hook(&words->word[i], 8, nullptr); };
+constexpr code_t WAIT = [](int i, int) {
+  while (explore_load(&words->word[i], __ATOMIC_ACQUIRE) == 0) {
+  }
+};
+constexpr code_t TAKE_MEMORY = [](int, int) { words->block = explored_malloc(16); };
+constexpr code_t FREE = [](int, int) { explored_free(words->block); };
+
+struct instruction_t {
+  code_t code;
+  int word;
+};
+using thread_t = std::vector<instruction_t>;
+using program_t = std::vector<thread_t>;
+const program_t *program;
+
 void body(int thread) {
-  for (const instruction_t &instruction : (*program)[static_cast<size_t>(thread)]) execute(instruction, thread);
+  for (const auto &[code, word] : (*program)[static_cast<size_t>(thread)]) code(word, thread);
 }
 
 // What distinguishes two traces: for each event the events before it by dependence, and what it read or stored.

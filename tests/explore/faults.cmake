@@ -10,7 +10,7 @@ set(path utils/dynarr/src/dynamic_array.cpp)
 explore_fault(lost_table_is_kept ids_without_root ${path}
   "  free(fresh);\n  return false;"
   "  return false;")
-explore_fault(block_is_counted_by_both "two_lookups_of_new_ids;ids_without_root_3" ${path}
+explore_fault(block_is_counted_by_both "two_lookups_of_new_ids;ids_without_root" ${path}
   "  if (published) {"
   "  if (published || addr != nullptr) {")
 explore_fault(entry_is_stored_without_swap "ids_at_table_end;two_lookups_of_new_ids" ${path}
@@ -19,39 +19,39 @@ explore_fault(entry_is_stored_without_swap "ids_at_table_end;two_lookups_of_new_
 explore_fault(entry_is_loaded_relaxed "lookup_beside_new_id;ids_without_root" ${path}
   "return __atomic_load_n(entry, __ATOMIC_ACQUIRE);"
   "return __atomic_load_n(entry, __ATOMIC_RELAXED);")
-explore_fault(id_without_atomic_addition "ids_at_block_end;ids_at_level_end" utils/dynarr/src/dynarr_lookup.h
+explore_fault(id_without_atomic_addition "ids_without_root;ids_at_table_end" utils/dynarr/src/dynarr_lookup.h
   "const uint32_t id = add32(hdr, &DynArrHdr_t::n_used, 1);"
   "const uint32_t id = get32(hdr, &DynArrHdr_t::n_used); set32(hdr, &DynArrHdr_t::n_used, id + 1);"
   SOURCES utils/dynarr/src/dynamic_array.cpp)
 
 # ---- Slots ----------------------------------------------------------------------------------------------------------
 set(path utils/dynarr/src/tslb_dynarr_alloc.cpp)
-explore_fault(take_without_lock "take_beside_take;take_3;take_and_free_3;reuse_2;take_beside_activation" ${path}
+explore_fault(take_without_lock "take_and_free;reuse_beside_inactivation" ${path}
   "  if (lock_use == TAKES_LOCK) lock_array(array);"
   "")
 explore_fault(old_record_without_lock last_value_beside_free ${path}
   "    lock_array(handle_dynarr);\n    const bool may_reuse"
   "    const bool may_reuse")
-explore_fault(range_without_lock "range_is_in_one_piece;range_beside_take;range_beside_reuse" ${path}
+explore_fault(range_without_lock "range_is_in_one_piece;range_beside_reuse" ${path}
   "  lock_array(handle_dynarr);\n  for (uint32_t i = 0; i < num_entries"
   "  for (uint32_t i = 0; i < num_entries")
 explore_fault(reuse_unlocks_early reuse_beside_inactivation ${path}
   "  *head_ts = get32(list.bw(slot_ptr), &node_bw::ts);"
   "  unlock_array(list.array); *head_ts = get32(list.bw(slot_ptr), &node_bw::ts);")
 set(path utils/dynarr/src/tslb_dynarr_lists.cpp)
-explore_fault(status_is_not_tested_again
-  "two_activations_of_one_index;two_inactivations_of_one_index;free_beside_inactivation;free_beside_activation" ${path}
+explore_fault(status_is_not_tested_again one_index ${path}
   "  if ((*status = status_of(slot_ptr)) == wanted) return true;"
   "  return true;")
-explore_fault(free_without_lock
-  "two_frees_of_one_index;two_frees_of_an_inactive_index;free_beside_take;free_take_free;neighbours_3;take_inactivate_free"
-  ${path}
+explore_fault(readiness_without_lock one_index ${path}
+  "  lock_array(handle_dynarr);\n  if (status_of(slot_ptr) == TSLB_DA_SLOT_NOT_READY)"
+  "  if (status_of(slot_ptr) == TSLB_DA_SLOT_NOT_READY)")
+explore_fault(free_without_lock "one_index;free_take_free;take_inactivate_free" ${path}
   "  lock_array(handle_dynarr);\n  const int refused"
   "  const int refused")
-explore_fault(removal_unlocks_early activate_neighbours ${path}
+explore_fault(removal_unlocks_early "one_index;redo_activate_neighbours" ${path}
   "  node_fw *const fw = fw_of(slot_ptr);\n"
   "  unlock_array(list.array); node_fw *const fw = fw_of(slot_ptr);\n")
-explore_fault(append_unlocks_early "inactivate_2;redo_inactivate_2" ${path}
+explore_fault(append_unlocks_early redo_inactivate ${path}
   "  if (tail != TSLB_DA_NIL_IDX) lists_relink_next(list, tail, idx);\n"
   "  unlock_array(list.array); if (tail != TSLB_DA_NIL_IDX) lists_relink_next(list, tail, idx);\n")
 explore_fault(head_is_read_twice inactive_head_beside_activation ${path}
@@ -64,22 +64,22 @@ explore_fault(status_is_loaded_relaxed make_ready_beside_neighbours utils/dynarr
 
 # ---- Chunks ---------------------------------------------------------------------------------------------------------
 set(path utils/dynmem/src/tslb_dynmem_chunk.cpp)
-explore_fault(reservation_without_swap "first_chunks_3;slot_end;slot_end_wide;slot_end_mixed;slot_end_4;smaller_chunk_fits" ${path}
+explore_fault(reservation_without_swap "first_chunks;slot_end_4;smaller_chunk_fits" ${path}
   "  return cas64(&hdr->cur_slot_addr, *seen, *seen + tslb_stored_cursor(0, len)) != 0 ? CLAIM_WON : CLAIM_RACED;"
   "  return __atomic_store_n(&hdr->cur_slot_addr, *seen + tslb_stored_cursor(0, len), __ATOMIC_RELEASE), CLAIM_WON;")
-explore_fault(change_of_slot_without_lock "two_slots_at_once;slot_end_3;first_chunks" ${path}
+explore_fault(change_of_slot_without_lock "slot_end_3;first_chunks;slot_end_4" ${path}
   "  lock_array(dynmem_handle);\n  // The caller's view"
   "  // The caller's view")
-explore_fault(old_view_of_the_cursor "first_chunks_mixed;slot_end_3;slot_end_3_mixed;reused_slot_at_the_end" ${path}
+explore_fault(old_view_of_the_cursor "first_chunks;slot_end_3;reused_slot_at_the_end" ${path}
   "  const bool is_stale = tslb_stored_cursor_slot(seen) != cslot_idx || !is_full(dynmem_hdr, seen, chunk_sz, last_slot);"
   "  const bool is_stale = false;")
 explore_fault(room_is_not_tested_again slot_current_again ${path}
   "  const bool is_stale = tslb_stored_cursor_slot(seen) != cslot_idx || !is_full(dynmem_hdr, seen, chunk_sz, last_slot);"
   "  const bool is_stale = tslb_stored_cursor_slot(seen) != cslot_idx;")
-explore_fault(cursor_moves_by_store "late_reservation;late_reservation_deleted" ${path}
+explore_fault(cursor_moves_by_store "late_reservation;late_wide_reservation" ${path}
   "  while (cas64(&dynmem_hdr->cur_slot_addr, seen, moved) == 0) seen = get64(dynmem_hdr, &DynMemHdr_t::cur_slot_addr);"
   "  __atomic_store_n(&dynmem_hdr->cur_slot_addr, moved, __ATOMIC_RELEASE);")
-explore_fault(counters_after_the_cursor "first_chunks_mixed;slot_end_3;ring_completion" ${path}
+explore_fault(counters_after_the_cursor "first_chunks;slot_end_3;ring_completion" ${path}
   "  TSLB_PROBE_POOL_SLOT(dynmem_handle, *new_mslot_idx_ref, cslot_idx, tslb_stored_cursor_off(seen));"
   "  set32(slot, &MemSlot_t::bytes_used, 0);")
 explore_fault(limit_is_tested_without_lock limit ${path}
@@ -88,10 +88,10 @@ explore_fault(limit_is_tested_without_lock limit ${path}
 explore_fault(sum_without_atomic_addition totals ${path}
   "  get_and_inc64(&hdr->total_mused, len);"
   "  hdr->total_mused += len;")
-explore_fault(ring_steps_twice "ring_wrap;ring_wrap_3;ring_completion_3;ring_mixed" ${path}
+explore_fault(ring_steps_twice "ring_wrap;ring_completion;ring_mixed" ${path}
   "    if (!is_stale) step_ring(dynmem_handle, dynmem_hdr, seen);"
   "    step_ring(dynmem_handle, dynmem_hdr, seen);")
-explore_fault(complete_ring_takes_new_slots ring_completion_and_wrap ${path}
+explore_fault(complete_ring_takes_new_slots ring_completion ${path}
   "  if (is_stale || Address::steps_ring(dynmem_handle)) {"
   "  if (is_stale) {")
 explore_fault(slot_is_looked_up_before_its_memory resolve_beside_take utils/dynarr/src/dynarr_lookup.h
@@ -100,11 +100,11 @@ explore_fault(slot_is_looked_up_before_its_memory resolve_beside_take utils/dyna
   SOURCES utils/dynmem/src/tslb_dynmem_address.cpp)
 
 # ---- Deletion -------------------------------------------------------------------------------------------------------
-explore_fault(no_note "late_reservation;late_reservation_deleted;late_wide_reservation;late_reservation_4;two_late_reservations" ${path}
+explore_fault(no_note "late_reservation;late_wide_reservation;two_late_reservations" ${path}
   "  if (cslot_idx != TSLB_DA_NIL_IDX) note_if_unsettled(dynmem_handle, {cslot_idx, tslb_stored_cursor_off(seen)});"
   "")
 set(path utils/dynmem/src/tslb_dynmem_release.cpp)
-explore_fault(notes_are_not_asked "late_reservation;late_reservation_swept" ${path}
+explore_fault(notes_are_not_asked "late_reservation;late_wide_reservation" ${path}
   "  return !has_notes(pool) || !is_noted(pool, slot_idx);"
   "  return !has_notes(pool) || slot_idx != TSLB_DA_NIL_IDX;")
 explore_fault(settled_slot_is_noted delete_beside_change_of_slot ${path}
@@ -116,20 +116,22 @@ explore_fault(no_wait_without_memory no_memory_for_a_note ${path}
 explore_fault(emptiness_is_not_tested_again release_after_second_use ${path}
   "is_settled(pool, slot_idx) && looks_empty(slot);"
   "is_settled(pool, slot_idx);")
-explore_fault(current_slot_is_released
-  "delete_3;take_and_delete_2;take_and_delete_3" ${path}
+explore_fault(counter_is_read_before_the_note late_wide_reservation ${path}
+  "is_settled(pool, slot_idx) && looks_empty(slot);"
+  "looks_empty(slot) && is_settled(pool, slot_idx);")
+explore_fault(current_slot_is_released "delete_3;take_and_delete_3" ${path}
   "  return tslb_stored_cursor_slot(get64(pool_hdr_of(pool), &DynMemHdr_t::cur_slot_addr)) == slot_idx;"
   "  return slot_idx == TSLB_DA_NIL_IDX && is_ring(pool);")
 explore_fault(cursor_is_not_tested_again "release_after_second_use;delete_sweep_reuse" ${path}
   "      !is_complete_ring(pool) && !is_current(pool, slot_idx) &&"
   "      !is_complete_ring(pool) &&")
-explore_fault(slot_of_a_ring_is_released "ring_keeps_slots;ring_with_lists_wraps" ${path}
+explore_fault(slot_of_a_ring_is_released ring_with_lists_wraps ${path}
   "      !is_complete_ring(pool) && !is_current(pool, slot_idx) &&"
   "      !is_current(pool, slot_idx) &&")
-explore_fault(deletion_without_atomic_addition "delete_2;two_owners_delete" ${path}
+explore_fault(deletion_without_atomic_addition "delete_3;two_owners_delete" ${path}
   "  add32(slot, &MemSlot_t::bytes_del, mchunk_len + TSLB_COMPAT_BYTES);"
   "  set32(slot, &MemSlot_t::bytes_del, get32(slot, &MemSlot_t::bytes_del) + mchunk_len + TSLB_COMPAT_BYTES);")
-explore_fault(mark_after_the_count "two_owners_delete;deletion_before_reuse" ${path}
+explore_fault(mark_after_the_count two_owners_delete ${path}
   "  add32(slot, &MemSlot_t::bytes_del, mchunk_len + TSLB_COMPAT_BYTES);"
   "  add32(slot, &MemSlot_t::bytes_del, mchunk_len + TSLB_COMPAT_BYTES); compat->flag = MCHUNK_FLAG_DELETED;")
 explore_fault(counters_are_read_once sweep_beside_second_use ${path}
@@ -138,7 +140,7 @@ explore_fault(counters_are_read_once sweep_beside_second_use ${path}
 explore_fault(gatekeeper_word_is_counted sweep_beside_take ${path}
   "  if (counts.bytes_used == TSLB_GATEKEEPER_WORD) return;"
   "")
-explore_fault(release_without_lock "two_sweeps;delete_beside_reuse;sweep_beside_reuse;sweeps_delete_take" ${path}
+explore_fault(release_without_lock "two_sweeps;sweeps_delete_take" ${path}
   "  lock_array(pool);\n"
   "")
 
@@ -147,12 +149,12 @@ explore_fault(tail_is_not_logged redo_two_frees utils/dynarr/src/dynarr_lists.h
   "    log_forward_node(list.array, tail);"
   ""
   SOURCES utils/dynarr/src/tslb_dynarr_lists.cpp)
-explore_fault(neighbour_is_not_logged "redo_inactivate_2;redo_activate_neighbours;redo_neighbours_mixed"
+explore_fault(neighbour_is_not_logged "redo_inactivate;redo_activate_neighbours;redo_neighbours_mixed"
   utils/dynarr/src/dynarr_lists.h
   "  if (slot_ptr != nullptr) set32(fw_of(slot_ptr), &node_fw::next, next);\n  log_slot(list.array, idx);"
   "  if (slot_ptr != nullptr) set32(fw_of(slot_ptr), &node_fw::next, next);"
   SOURCES utils/dynarr/src/tslb_dynarr_lists.cpp)
-explore_fault(taken_slot_is_not_logged "redo_two_takes;redo_free_beside_take;redo_pool;redo_3" utils/dynarr/src/tslb_dynarr_alloc.cpp
+explore_fault(taken_slot_is_not_logged "redo_two_takes;redo_pool;redo_3" utils/dynarr/src/tslb_dynarr_alloc.cpp
   "      redo_nodes(array, taken.idx, taken.slot_ptr);"
   "")
 # The header that a host logs at the end: growth records alone miss a slot.
@@ -162,11 +164,11 @@ explore_fault(header_is_not_logged growth_records utils/dynarr/src/tslb_dynarr_r
 
 # ---- Readers without a lock -----------------------------------------------------------------------------------------
 set(path metricdb/store/optimistic.h)
-explore_fault(version_is_not_compared "reader_of_a_version;readers_of_a_version" ${path}
+explore_fault(version_is_not_compared readers_of_a_version ${path}
   "    return !is_changing(seen) && value_.load(std::memory_order_relaxed) == seen;"
   "    return !is_changing(seen);"
   SOURCES tests/explore/reader_scenarios.cpp)
-explore_fault(odd_version_is_accepted "reader_of_a_version;readers_of_a_version" ${path}
+explore_fault(odd_version_is_accepted readers_of_a_version ${path}
   "    return !is_changing(seen) && value_.load(std::memory_order_relaxed) == seen;"
   "    return value_.load(std::memory_order_relaxed) == seen;"
   SOURCES tests/explore/reader_scenarios.cpp)

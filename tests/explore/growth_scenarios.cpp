@@ -45,28 +45,11 @@ static void finish(uint32_t n_blocks) {
 }
 
 static const scenario_t SCENARIOS[] = {
-    {"ids_without_root", "two new ids in an empty array: root, table and block are missing", 2,
+    {"ids_without_root", "three new ids in an empty array: root, table and block are missing", 3,
      [] { issued_up_to(0, false); }, issue,
-     [] {
-       expect_ids(2);
-       finish(1);
-     }},
-    {"ids_without_root_3", "three new ids in an empty array", 3, [] { issued_up_to(0, false); }, issue,
      [] {
        expect_ids(3);
        finish(1);
-     }},
-    {"ids_at_block_end", "two new ids: the last one of a block and the first one of the next", 2,
-     [] { issued_up_to(15, true); }, issue,
-     [] {
-       expect_ids(2);
-       finish(2);
-     }},
-    {"ids_at_level_end", "two new ids: the last one of the first level and the first one of the second", 2,
-     [] { issued_up_to(255, true); }, issue,
-     [] {
-       expect_ids(2);
-       finish(2);
      }},
     {"ids_at_table_end", "three new ids around a missing table of the second level", 3,
      [] { issued_up_to(256 + 255, true); }, issue,

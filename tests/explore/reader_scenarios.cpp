@@ -45,10 +45,8 @@ void check() {
 }
 
 const scenario_t SCENARIOS[] = {
-    {"reader_of_a_version", "two words are changed twice; a reader tries twice to copy them", 2, setup,
+    {"readers_of_a_version", "two words are changed twice; two readers try twice to copy them", 3, setup,
      [](int t) { t == 0 ? write_twice() : read(t); }, check},
-    {"readers_of_a_version", "the same with two readers", 3, setup, [](int t) { t == 0 ? write_twice() : read(t); },
-     check},
 };
 
 }  // namespace

@@ -32,8 +32,9 @@ const char *start_of(dynarr_t *array, uint32_t idx) {
   return static_cast<const char *>(tslb_da_get_ptr(array, idx)) - 8;
 }
 
-// The host logs the header at the end of its batch, while nothing changes.
+// The host logs the header at the end of its batch, while nothing changes. No operation was refused.
 void finish() {
+  EXPECT_THAT_AT_END(scene.result[0] == 0 && scene.result[1] == 0 && scene.result[2] == 0);
   tslb_redo_log_da_hdr(scene.array, 0, 0, TSLB_REDO_SLOT);
   if (!apply_log()) return;
   char error[256] = "";
@@ -98,28 +99,33 @@ const scenario_t SCENARIOS[] = {
     {"redo_3", "a slot is freed, one is taken and one is inactivated", 3, [] { array_with(3, {0}, {}); },
      [](int t) {
        if (t == 0) take(0);
-       if (t == 1) tslb_da_free_idx(scene.array, 1);
-       if (t == 2) tslb_da_inactivate_idx(scene.array, 2, 200);
+       if (t == 1) scene.result[1] = tslb_da_free_idx(scene.array, 1);
+       if (t == 2) scene.result[2] = tslb_da_inactivate_idx(scene.array, 2, 200);
      },
      finish},
     {"redo_two_frees", "two slots are freed: the replica's free list", 2, [] { array_with(2, {}, {}); },
-     [](int t) { tslb_da_free_idx(scene.array, static_cast<uint32_t>(t)); }, finish},
+     [](int t) { scene.result[t] = tslb_da_free_idx(scene.array, static_cast<uint32_t>(t)); }, finish},
     {"redo_two_takes", "two slots are taken, one of them from the free list", 2, [] { array_with(2, {1}, {}); }, take,
      finish},
-    {"redo_free_beside_take", "a slot is freed while another one is taken", 2, [] { array_with(2, {1}, {}); },
-     [](int t) { t == 0 ? take(0) : static_cast<void>(tslb_da_free_idx(scene.array, 0)); }, finish},
-    {"redo_inactivate_2", "two slots are inactivated: links and back links", 2, [] { array_with(3, {}, {2}); },
-     [](int t) { tslb_da_inactivate_idx(scene.array, static_cast<uint32_t>(t), 200); }, finish},
-    {"redo_activate_neighbours", "two inactive neighbours are activated", 2,
+    {"redo_inactivate", "slots are inactivated, the first ones of the list: links and back links", 3,
+     [] { array_with(3, {}, {}); },
+     [](int t) { scene.result[t] = tslb_da_inactivate_idx(scene.array, static_cast<uint32_t>(t), 200); }, finish},
+    {"redo_activate_neighbours", "three inactive neighbours are activated", 3,
      [] {
        array_with(4, {}, {0, 1, 2, 3});
      },
-     [](int t) { tslb_da_activate_idx(scene.array, 1 + static_cast<uint32_t>(t)); }, finish},
-    {"redo_neighbours_mixed", "an inactive slot is freed while its neighbour is activated", 2,
+     [](int t) { scene.result[t] = tslb_da_activate_idx(scene.array, 1 + static_cast<uint32_t>(t)); }, finish},
+    {"redo_neighbours_mixed", "an inactive slot is freed while its neighbour is activated and another is inactivated",
+     3,
      [] {
-       array_with(4, {}, {0, 1, 2, 3});
+       array_with(4, {}, {0, 1, 2});
      },
-     [](int t) { t == 0 ? tslb_da_free_idx(scene.array, 1) : tslb_da_activate_idx(scene.array, 2); }, finish},
+     [](int t) {
+       if (t == 0) scene.result[0] = tslb_da_free_idx(scene.array, 1);
+       if (t == 1) scene.result[1] = tslb_da_activate_idx(scene.array, 2);
+       if (t == 2) scene.result[2] = tslb_da_inactivate_idx(scene.array, 3, 200);
+     },
+     finish},
 };
 
 }  // namespace

@@ -72,82 +72,60 @@ std::vector<Op> with_synced_file(const std::string &bytes, const std::vector<Op>
   return ops;
 }
 
-TEST(DiskModel, FileHasItsSyncedBytes) {
-  EXPECT_EQ(states_after(with_synced_file(sectors("ab"), {})), (Texts{"f=ab"}));
-}
-
-TEST(DiskModel, NameNeedsASyncOfTheFolder) {
-  EXPECT_EQ(states_after({open_op(FILE_1, "f"), write_op(FILE_1, 0, "x"), sync_op(FILE_1)}), (Texts{"", "f=x"}));
-  EXPECT_EQ(states_after({open_op(FILE_1, "f"), write_op(FILE_1, 0, "x"), sync_op(FOLDER)}),
-            (Texts{"f=", "f=0", "f=x"}));
-}
-
-TEST(DiskModel, SectorsOfAWriteAreMissingInAnyCombination) {
-  EXPECT_EQ(states_after(with_synced_file(sectors("aaa"), {write_op(FILE_1, 0, sectors("bcd"))})),
-            (Texts{"f=aaa", "f=aad", "f=aca", "f=acd", "f=baa", "f=bad", "f=bca", "f=bcd"}));
-}
-
-TEST(DiskModel, SectorHasAnyContentSinceTheLastSync) {
-  const std::vector<Op> twice = {write_op(FILE_1, 0, sectors("b")), write_op(FILE_1, 0, sectors("c"))};
-  EXPECT_EQ(states_after(with_synced_file(sectors("a"), twice)), (Texts{"f=a", "f=b", "f=c"}));
-  const std::vector<Op> synced = {write_op(FILE_1, 0, sectors("b")), sync_op(FILE_1),
-                                  write_op(FILE_1, 0, sectors("c"))};
-  EXPECT_EQ(states_after(with_synced_file(sectors("a"), synced)), (Texts{"f=b", "f=c"}));
-}
-
-TEST(DiskModel, LongerFileEndsAtAnyBorderAndHasZerosForMissingBytes) {
-  EXPECT_EQ(states_after(with_synced_file("a", {write_op(FILE_1, 1, "x"), write_op(FILE_1, 512, sectors("bc"))})),
-            (Texts{"f=a",                                 // the old size
-                   "f=a0", "f=ax",                        // the size after the first write
-                   "f=a00", "f=ax00", "f=a0b", "f=ax0b",  // a border in the second write
-                   "f=a000", "f=ax000", "f=a0b0", "f=ax0b0", "f=a00c", "f=ax00c", "f=a0bc", "f=ax0bc"}));
-}
-
-TEST(DiskModel, TruncationIsBytesAndSize) {
-  EXPECT_EQ(states_after(with_synced_file(sectors("ab"), {truncate_op(FILE_1, 512)})), (Texts{"f=a", "f=ab", "f=a0"}));
-  EXPECT_EQ(states_after(with_synced_file(sectors("ab"), {truncate_op(FILE_1, 512), sync_op(FILE_1)})), (Texts{"f=a"}));
-}
-
-TEST(DiskModel, RenameIsWholeAndReplaces) {
+TEST(DiskModel, HasExactlyTheStatesThatACutCanLeave) {
+  const Op write_b = write_op(FILE_1, 0, sectors("b")), write_c = write_op(FILE_1, 0, sectors("c"));
   const std::vector<Op> replaced = {open_op(3, "f.new"), write_op(3, 0, "y"), sync_op(3),
                                     path_op(OpKind::rename, "f.new", "f")};
-  EXPECT_EQ(states_after(with_synced_file("x", replaced)), (Texts{"f=x", "f=x f.new=y", "f=y"}));
-  std::vector<Op> synced = replaced;
-  synced.push_back(sync_op(FOLDER));
-  EXPECT_EQ(states_after(with_synced_file("x", synced)), (Texts{"f=y"}));
-}
-
-TEST(DiskModel, ChangesOfNamesHappenInAnyCombination) {
-  const std::vector<Op> changes = {path_op(OpKind::remove, "f"), path_op(OpKind::make_folder, "g")};
-  EXPECT_EQ(states_after(with_synced_file("x", changes)), (Texts{"", "f=x", "g/", "f=x g/"}));
-}
-
-TEST(DiskModel, FolderHasNamesOfItsOwn) {
-  const std::vector<Op> ops = {path_op(OpKind::make_folder, "g"), open_op(2, "g", true), open_op(3, "g/f")};
-  EXPECT_EQ(states_after(ops), (Texts{"", "g/", "g/ g/f="}));
-  std::vector<Op> inner = ops;
-  inner.push_back(sync_op(2));
-  EXPECT_EQ(states_after(inner), (Texts{"", "g/ g/f="}));
-  std::vector<Op> outer = ops;
-  outer.push_back(sync_op(FOLDER));
-  EXPECT_EQ(states_after(outer), (Texts{"g/", "g/ g/f="}));
-}
-
-TEST(DiskModel, RemovedFolderComesBackWithAnyOfItsNames) {
-  const std::vector<Op> ops = {path_op(OpKind::make_folder, "g"),
-                               open_op(2, "g", true),
-                               open_op(3, "g/f"),
-                               sync_op(2),
-                               sync_op(FOLDER),
-                               path_op(OpKind::remove, "g/f"),
-                               path_op(OpKind::remove_folder, "g")};
-  EXPECT_EQ(states_after(ops), (Texts{"", "g/", "g/ g/f="}));
-}
-
-TEST(DiskModel, FailedSyncLosesBytesForGood) {
-  const std::vector<Op> ops = {write_op(FILE_1, 0, sectors("bc")), sync_op(FILE_1, OpKind::failed_sync),
-                               write_op(FILE_1, 512, sectors("d")), sync_op(FILE_1)};
-  EXPECT_EQ(states_after(with_synced_file(sectors("aa"), ops)), (Texts{"f=ad", "f=bd"}));
+  const std::vector<Op> folder = {path_op(OpKind::make_folder, "g"), open_op(2, "g", true), open_op(3, "g/f")};
+  const auto and_then = [](std::vector<Op> ops, const std::vector<Op> &more) {
+    ops.insert(ops.end(), more.begin(), more.end());
+    return ops;
+  };
+  const struct {
+    const char *what;
+    std::vector<Op> ops;
+    Texts states;
+  } rows[] = {
+      {"a file has its synced bytes", with_synced_file(sectors("ab"), {}), {"f=ab"}},
+      {"a name needs a sync of the folder",
+       {open_op(FILE_1, "f"), write_op(FILE_1, 0, "x"), sync_op(FILE_1)},
+       {"", "f=x"}},
+      {"bytes need a sync of the file",
+       {open_op(FILE_1, "f"), write_op(FILE_1, 0, "x"), sync_op(FOLDER)},
+       {"f=", "f=0", "f=x"}},
+      {"sectors of a write are missing in any combination",
+       with_synced_file(sectors("aaa"), {write_op(FILE_1, 0, sectors("bcd"))}),
+       {"f=aaa", "f=aad", "f=aca", "f=acd", "f=baa", "f=bad", "f=bca", "f=bcd"}},
+      {"a sector has any content", with_synced_file(sectors("a"), {write_b, write_c}), {"f=a", "f=b", "f=c"}},
+      {"since the last sync", with_synced_file(sectors("a"), {write_b, sync_op(FILE_1), write_c}), {"f=b", "f=c"}},
+      {"a longer file ends at any border and has zeros for missing bytes",
+       with_synced_file("a", {write_op(FILE_1, 1, "x"), write_op(FILE_1, 512, sectors("bc"))}),
+       {"f=a",                                 // the old size
+        "f=a0", "f=ax",                        // the size after the first write
+        "f=a00", "f=ax00", "f=a0b", "f=ax0b",  // a border in the second write
+        "f=a000", "f=ax000", "f=a0b0", "f=ax0b0", "f=a00c", "f=ax00c", "f=a0bc", "f=ax0bc"}},
+      {"a truncation is bytes and size",
+       with_synced_file(sectors("ab"), {truncate_op(FILE_1, 512)}),
+       {"f=a", "f=ab", "f=a0"}},
+      {"a synced one", with_synced_file(sectors("ab"), {truncate_op(FILE_1, 512), sync_op(FILE_1)}), {"f=a"}},
+      {"a rename is whole and replaces", with_synced_file("x", replaced), {"f=x", "f=x f.new=y", "f=y"}},
+      {"a synced rename", with_synced_file("x", and_then(replaced, {sync_op(FOLDER)})), {"f=y"}},
+      {"changes of names happen in any combination",
+       with_synced_file("x", {path_op(OpKind::remove, "f"), path_op(OpKind::make_folder, "g")}),
+       {"", "f=x", "g/", "f=x g/"}},
+      {"a folder has names of its own", folder, {"", "g/", "g/ g/f="}},
+      {"whose sync is not that of the folder", and_then(folder, {sync_op(2)}), {"", "g/ g/f="}},
+      {"nor the other way round", and_then(folder, {sync_op(FOLDER)}), {"g/", "g/ g/f="}},
+      {"a removed folder comes back with any of its names",
+       and_then(folder,
+                {sync_op(2), sync_op(FOLDER), path_op(OpKind::remove, "g/f"), path_op(OpKind::remove_folder, "g")}),
+       {"", "g/", "g/ g/f="}},
+      {"a failed sync loses bytes for good",
+       with_synced_file(sectors("aa"), {write_op(FILE_1, 0, sectors("bc")), sync_op(FILE_1, OpKind::failed_sync),
+                                        write_op(FILE_1, 512, sectors("d")), sync_op(FILE_1)}),
+       {"f=ad", "f=bd"}},
+  };
+  for (const auto &row : rows) EXPECT_EQ(states_after(row.ops), row.states) << row.what;
 }
 
 TEST(DiskModel, BeginsWithAState) {

@@ -122,6 +122,24 @@ class TestStore {
     return idx;
   }
 
+  // Makes a batch of these changes, and waits for it. Returns whether it is durable.
+  template <class Changes>
+  bool commit(Changes changes) {
+    tslb_batch_t *const batch = begin();
+    if (batch == nullptr) return false;
+    changes(batch);
+    return tslb_batch_commit(batch, &error) == 0;
+  }
+  bool commit_slot(uint32_t value, uint32_t chunk_bytes) {
+    return commit([&](tslb_batch_t *batch) { add_slot(batch, value, chunk_bytes); });
+  }
+  bool commit_changes(std::mt19937 &random, int n_batches = 1) {
+    bool is_durable = true;
+    for (; n_batches > 0 && is_durable; --n_batches)
+      is_durable = commit([&](tslb_batch_t *batch) { change(batch, random); });
+    return is_durable;
+  }
+
   uint32_t status_of(uint32_t idx) const { return tslb_da_slot_status(array(SLOTS), idx); }
 
   // Some changes of every kind.

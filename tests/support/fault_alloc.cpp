@@ -7,7 +7,6 @@
 static __thread int to_go;  // 0: no fault is armed
 static __thread bool struck_once;
 static __thread unsigned long count;
-__thread void (*on_free)(void *block);
 
 fault_t::fault_t(int nth) {
   struck_once = false;
@@ -54,13 +53,5 @@ extern "C" __attribute__((visibility("default"))) void *calloc(size_t n, size_t 
 extern "C" __attribute__((visibility("default"))) void *malloc(size_t size) {
   static const auto real = next<void *(*)(size_t)>("malloc");
   return strikes() ? nullptr : real(size);
-}
-#endif
-
-#if !defined(TSLB_SANITIZES_THREAD) && !defined(TSLB_SANITIZES_ADDRESS)
-extern "C" __attribute__((visibility("default"))) void free(void *block) {
-  static const auto real = next<void (*)(void *)>("free");
-  if (on_free != nullptr) on_free(block);
-  real(block);
 }
 #endif

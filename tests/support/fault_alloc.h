@@ -1,4 +1,4 @@
-// Makes the n-th allocation of the calling thread fail. Interposes calloc, malloc and free of the whole program.
+// Makes the n-th allocation of the calling thread fail. Interposes calloc and malloc of the whole program.
 #ifndef TSLB_TESTS_FAULT_ALLOC_H
 #define TSLB_TESTS_FAULT_ALLOC_H
 
@@ -12,9 +12,5 @@ struct fault_t {
 
 // Returns the number of allocations of the calling thread since its start.
 unsigned long allocations_so_far();
-
-// If set, called with each block that the calling thread frees. Not under a sanitizer, which needs its own free before
-// symbols can be looked up.
-extern __thread void (*on_free)(void *block);
 
 #endif
