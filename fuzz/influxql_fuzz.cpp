@@ -29,7 +29,8 @@ class FewSeries : public metricdb::SeriesSource {
     list = {series % 2 == 0 ? metricdb::ValueType::real : metricdb::ValueType::integer};
     const int64_t times_ns[] = {INT64_MIN, -1, 0, 0, 1'000'000'000, PRESENT_NS, PRESENT_NS + 1, INT64_MAX};
     for (const int64_t ts_ns : times_ns)
-      if (ts_ns >= what.from_ns && ts_ns <= what.to_ns) list.points.push_back({ts_ns, static_cast<double>(series) - 1.5});
+      if (ts_ns >= what.from_ns && ts_ns <= what.to_ns)
+        list.points.push_back({ts_ns, static_cast<double>(series) - 1.5});
   }
 
  private:

@@ -65,10 +65,10 @@ TEST(PointBlock, GoldenBlocks) {
   std::vector<Point> integers;
   for (int64_t i = 0; i < 16; ++i) integers.push_back(integer_point(i, i % 8 * 1000));
   EXPECT_EQ(hex(encoded(integers, INTEGER)),
-            "00000002"        // nanoseconds; the first time; equal differences of 1
-            "0400"            // differences; the first number
-            "c0d00f"          // from 1000 in both directions, in no bits, with exceptions
-            "0007ff7c");      // one, number 7: -8000
+            "00000002"    // nanoseconds; the first time; equal differences of 1
+            "0400"        // differences; the first number
+            "c0d00f"      // from 1000 in both directions, in no bits, with exceptions
+            "0007ff7c");  // one, number 7: -8000
 }
 
 static std::vector<Point> random_points(std::mt19937_64 &random, size_t n, ValueType type) {

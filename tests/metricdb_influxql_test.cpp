@@ -69,11 +69,13 @@ TEST(Influxql, Integers) {
               R"([20,9223372036854775807,9223372036854775808,4611686018427387904]])")},
       {"SELECT min(n), max(n), first(n), last(n), sum(n), spread(n), count(n), percentile(n, 60) FROM c "
        "WHERE time <= 10s AND (host = 'a' OR host = 'b')",
-       SERIES(R"("name":"c","columns":["time","min","max","first","last","sum","spread","count","percentile"],"values":[)"
-              R"([0,-7,9007199254740995,9007199254740993,9007199254740995,18014398509481981,9007199254741002,3,)"
-              R"(9007199254740993]])")},
+       SERIES(
+           R"("name":"c","columns":["time","min","max","first","last","sum","spread","count","percentile"],"values":[)"
+           R"([0,-7,9007199254740995,9007199254740993,9007199254740995,18014398509481981,9007199254741002,3,)"
+           R"(9007199254740993]])")},
       {"SELECT spread(n), mean(n) FROM c WHERE time >= 10s AND (host = 'a' OR host = 'b')",
-       SERIES(R"("name":"c","columns":["time","spread","mean"],"values":[[10,9223372036854775808,3077459745369839104]])")},
+       SERIES(
+           R"("name":"c","columns":["time","spread","mean"],"values":[[10,9223372036854775808,3077459745369839104]])")},
       // With the series of real numbers all are.
       {"SELECT max(n), sum(n), last(n) FROM c WHERE time <= 10s",
        SERIES(R"("name":"c","columns":["time","max","sum","last"],"values":[)"
@@ -477,7 +479,8 @@ TEST(Influxql, PartsOfManySeries) {
   }
   const auto values_of = [&](const std::string &measurement, const char *rest, unsigned n_threads, size_t n_cells) {
     const std::string text =
-        "SELECT count(v), sum(v), mean(v), min(v), max(v), first(v), last(v), spread(v), percentile(v, 70), stddev(v) FROM " +
+        "SELECT count(v), sum(v), mean(v), min(v), max(v), first(v), last(v), spread(v), percentile(v, 70), stddev(v) "
+        "FROM " +
         measurement + rest;
     influxql::Limits limits;
     limits.n_cells = n_cells;

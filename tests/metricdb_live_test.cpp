@@ -83,7 +83,7 @@ TEST(LiveReplacing, EachReadIsOfOneMoment) {
     const StoreSource source(store);
     source.for_each_series({}, [](uint32_t, const SeriesName &) {});
     PointList list;
-  const std::vector<Point> &points = list.points;
+    const std::vector<Point> &points = list.points;
     while (!is_done) {
       source.read(series, {}, list);
       bool is_good = points.size() == N_POINTS && points.front().value - points.back().value <= 1.0;
@@ -143,7 +143,7 @@ TEST_P(LiveReading, EachReadIsOfOneMoment) {
   for (const auto &[number, name] : names) {
     EXPECT_EQ(store.key(number), fmt::format("live,number={} field", name));
     PointList list;
-  const std::vector<Point> &points = list.points;
+    const std::vector<Point> &points = list.points;
     // Readers learn the limit of the retention at the end of a batch.
     source.read(number, {.from_ns = store.visible_from_ns()}, list);
     PointCursor cursor(store, number);

@@ -52,9 +52,10 @@ TEST(Loader, IntegersKeepAllBits) {
   std::string text = "m,t=a n=1i,x=1 1\nm,t=a g=1,n=2.5 2\nm,t=a x=3i,n=4u 3\nm,t=a n=9223372036854775808u 4\n";
   for (int64_t i = 0; i < 400; ++i) text += fmt::format("m,t=a n={}i {}\n", INT64_MIN + i * i * 1'000'003, 5 + i);
   loader.load(text, Precision::ns, NOW_NS);
-  EXPECT_EQ(messages, (std::vector<std::string>{"2: field type conflict: input field \"n\" on measurement \"m\" is type "
-                                                "float, already exists as type integer",
-                                                "4: field \"n\": \"9223372036854775808u\" is out of range"}));
+  EXPECT_EQ(messages,
+            (std::vector<std::string>{"2: field type conflict: input field \"n\" on measurement \"m\" is type "
+                                      "float, already exists as type integer",
+                                      "4: field \"n\": \"9223372036854775808u\" is out of range"}));
   EXPECT_EQ(loader.stats().malformed, 2u);
   EXPECT_FALSE(store.find("m,t=a g")) << "a series without points stays";
   expect_checked(checked(store, text), loader.stats().points, 0, "");

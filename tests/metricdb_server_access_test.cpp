@@ -95,8 +95,8 @@ TEST_F(Users, RequestsNeedAUserWithTheRight) {
       SCOPED_TRACE(row.fault);
       EXPECT_EQ(ask(peer, post("m f=1 5", "db=x" + row.arguments, row.headers)), row.write);
       EXPECT_EQ(ask(peer, get_with("/query?q=SELECT" + row.arguments, row.headers)), row.query);
-      EXPECT_EQ(ask(peer, "POST /query?q=create+database+x" + row.arguments +
-                              " HTTP/1.1\r\nContent-Length: 0\r\n" + row.headers + "\r\n"),
+      EXPECT_EQ(ask(peer, "POST /query?q=create+database+x" + row.arguments + " HTTP/1.1\r\nContent-Length: 0\r\n" +
+                              row.headers + "\r\n"),
                 row.creation);
       EXPECT_EQ(ask(peer, get_with("/metrics?" + row.arguments, row.headers)), row.query);
       EXPECT_EQ(ask(peer, get_with("/ping", row.headers)), 204);

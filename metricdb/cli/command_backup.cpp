@@ -26,7 +26,8 @@ int backup_of_server(const BackupArguments &arguments) {
       fmt::format("/backup?name={}&db={}", url_encoded(arguments.to), url_encoded(arguments.database));
   const FetchedAnswer answer = fetch(http_server_of(arguments.server), target, "application/json");
   const std::string text = answer.body.substr(0, answer.body.find_last_not_of('\n') + 1);
-  if (answer.status != 200) throw std::runtime_error(fmt::format("{}: {}: {}", arguments.server.address, answer.status, text));
+  if (answer.status != 200)
+    throw std::runtime_error(fmt::format("{}: {}: {}", arguments.server.address, answer.status, text));
   print(text + "\n");
   return EXIT_GOOD;
 }

@@ -97,9 +97,9 @@ struct ServeArguments {
 
 struct BackupArguments {
   std::string db;
-  ServerAccess server;  // in place of db
+  ServerAccess server;   // in place of db
   std::string database;  // its name, with `server`
-  std::string to;       // folder; with a server its name in the server's folder for backups
+  std::string to;        // folder; with a server its name in the server's folder for backups
 };
 
 struct RestoreArguments {

@@ -10,8 +10,7 @@ namespace {
 std::string password_of(const ServerAccess &access) {
   if (access.password_file.empty()) {
     const char *const password = std::getenv("METRICDB_PASSWORD");
-    if (password == nullptr)
-      throw std::runtime_error("--user needs --password-file or the variable METRICDB_PASSWORD");
+    if (password == nullptr) throw std::runtime_error("--user needs --password-file or the variable METRICDB_PASSWORD");
     return password;
   }
   std::ifstream file(access.password_file);
@@ -25,8 +24,7 @@ std::string password_of(const ServerAccess &access) {
 void check_server_or_db(const ServerAccess &access, const std::string &db) {
   if (db.empty() == access.address.empty()) throw std::runtime_error("use either --db or --server");
   const bool has_access = !access.ca_file.empty() || !access.user.empty() || !access.password_file.empty();
-  if (has_access && access.address.empty())
-    throw std::runtime_error("--ca, --user and --password-file need --server");
+  if (has_access && access.address.empty()) throw std::runtime_error("--ca, --user and --password-file need --server");
 }
 
 HttpServer http_server_of(const ServerAccess &access) {

@@ -30,11 +30,11 @@ constexpr double MAX_SCALED = 2251799813685248.0;  // 2^51
 constexpr double ROUNDER = 3 * MAX_SCALED;         // a sum with it has no bits after the point
 constexpr uint64_t SIGN = uint64_t{1} << 63;
 
-uint64_t folded(int64_t number) {
+uint64_t zigzag(int64_t number) {
   return static_cast<uint64_t>(number) << 1 ^ static_cast<uint64_t>(number >> 63);
 }
 
-int64_t unfolded(uint64_t code) {
+int64_t unzigzag(uint64_t code) {
   return static_cast<int64_t>(code >> 1 ^ (0 - (code & 1)));
 }
 
@@ -46,7 +46,7 @@ int64_t difference(int64_t a, int64_t b) {
   return static_cast<int64_t>(static_cast<uint64_t>(a) - static_cast<uint64_t>(b));
 }
 
-uint64_t low_bits(unsigned n) {
+uint64_t mask_of(unsigned n) {
   return n == 64 ? ~uint64_t{0} : (uint64_t{1} << n) - 1;
 }
 
@@ -64,12 +64,12 @@ class BlockWriter {
     for (; value >= 0x80; value >>= 7) byte(static_cast<unsigned>(value & 0x7F) | 0x80);
     byte(static_cast<unsigned>(value));
   }
-  void signed_number(int64_t value) { varint(folded(value)); }
+  void signed_number(int64_t value) { varint(zigzag(value)); }
 
   // Writes the lower bits of the n numbers number(i).
   template <class Number>
   void packed(size_t n, unsigned width, Number number) {
-    const uint64_t mask = low_bits(width);
+    const uint64_t mask = mask_of(width);
     uint64_t bits = 0;
     unsigned n_bits = 0;  // in `bits`
     for (size_t i = 0; i < n; ++i) {
@@ -108,13 +108,13 @@ struct GroupPlan {
 
 uint64_t offset_of(int64_t number, const GroupPlan &plan) {
   const int64_t offset = difference(number, plan.base);
-  return plan.both_signs ? folded(offset) : static_cast<uint64_t>(offset);
+  return plan.both_signs ? zigzag(offset) : static_cast<uint64_t>(offset);
 }
 
 void set_width(size_t n, unsigned longest, GroupPlan &plan) {
   plan.width = longest > MAX_PACKED_WIDTH ? 64 : longest;
   plan.n_exceptions = 0;
-  plan.bits = static_cast<unsigned>(n) * plan.width + 8 + varint_bits(length_of(folded(plan.base)));
+  plan.bits = static_cast<unsigned>(n) * plan.width + 8 + varint_bits(length_of(zigzag(plan.base)));
 }
 
 // Sets the width with the fewest bits: the offsets that are longer become exceptions.
@@ -154,7 +154,7 @@ bool has_outliers(std::span<const int64_t> numbers, int64_t typical, unsigned lo
   if (longest <= SAVED_BITS) return false;
   size_t n_far = 0;
   for (const int64_t number : numbers)
-    n_far += folded(difference(number, typical)) >> (longest - SAVED_BITS) != 0 ? 1 : 0;
+    n_far += zigzag(difference(number, typical)) >> (longest - SAVED_BITS) != 0 ? 1 : 0;
   return n_far * BITS_OF_EXCEPTION < numbers.size() * SAVED_BITS;
 }
 
@@ -264,8 +264,8 @@ bool are_differences_short(std::span<const int64_t> numbers) {
   const size_t n = numbers.size();
   if (n < 3) return false;
   const int64_t middle = typical_of(n, [numbers](size_t i) { return numbers[i]; });
-  const uint64_t distance = typical_of(n, [&](size_t i) { return folded(difference(numbers[i], middle)); });
-  const uint64_t change = typical_of(n - 1, [&](size_t i) { return folded(difference(numbers[i + 1], numbers[i])); });
+  const uint64_t distance = typical_of(n, [&](size_t i) { return zigzag(difference(numbers[i], middle)); });
+  const uint64_t change = typical_of(n - 1, [&](size_t i) { return zigzag(difference(numbers[i + 1], numbers[i])); });
   return change <= distance && distance != 0;
 }
 
@@ -378,7 +378,7 @@ class BlockReader {
       if (next < 0x80) return value;
     }
   }
-  int64_t signed_number() { return unfolded(varint()); }
+  int64_t signed_number() { return unzigzag(varint()); }
 
   // Calls emit(i, number) for the n numbers.
   template <class Emit>
@@ -421,7 +421,7 @@ class BlockReader {
     if ((head & HAS_EXCEPTIONS) != 0) add_exceptions({offsets.data(), n}, width);
     const bool both_signs = (head & BOTH_SIGNS) != 0;
     for (size_t i = 0; i < n; ++i)
-      emit(i, plus(base, both_signs ? static_cast<uint64_t>(unfolded(offsets[i])) : offsets[i]));
+      emit(i, plus(base, both_signs ? static_cast<uint64_t>(unzigzag(offsets[i])) : offsets[i]));
   }
 
   // Calls use(i, offset) for the n offsets. Their bytes exist.
@@ -435,7 +435,7 @@ class BlockReader {
       for (size_t i = 0; i < n; ++i) use(i, word_at(at_ + i * 8));
       return;
     }
-    const uint64_t mask = low_bits(width);
+    const uint64_t mask = mask_of(width);
     const char *const bytes = at_;
     const auto n_bytes = static_cast<size_t>(end_ - at_);
     // The offsets whose 8 bytes are in the block.
@@ -481,8 +481,9 @@ void read_times(BlockReader &in, std::span<Point> points) {
 void read_decimals(BlockReader &in, unsigned places, bool as_differences, std::span<Point> points) {
   if (places >= POWERS.size()) return in.fail();
   const double power = POWERS[places];
-  in.sequence(points.size(), as_differences,
-              [at = points.data(), power](size_t i, int64_t number) { at[i].value = static_cast<double>(number) / power; });
+  in.sequence(points.size(), as_differences, [at = points.data(), power](size_t i, int64_t number) {
+    at[i].value = static_cast<double>(number) / power;
+  });
   for (uint64_t n_left = in.varint(); n_left > 0 && in.is_valid(); --n_left) {
     const uint64_t index = in.varint();
     if (index >= points.size()) return in.fail();

@@ -33,7 +33,7 @@ struct ServerOptions {
   std::optional<int> influx_port;     // 0: any free port. Without a port the protocol is off
   std::optional<int> graphite_port;
   std::string graphite_database = {};  // of the lines of that protocol, for an Ingest with several databases
-  int influx_socket = -1;  // a listening socket that the server owns, in place of the port; -1: none
+  int influx_socket = -1;              // a listening socket that the server owns, in place of the port; -1: none
   int graphite_socket = -1;
 
   // PEM; for both protocols. Read again after `hang_up`, for new connections. Empty: no TLS.

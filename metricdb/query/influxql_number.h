@@ -15,7 +15,8 @@ class Number {
   // A missing value.
   Number() = default;
   // NaN is a missing value.
-  explicit Number(double real) : kind_(std::isnan(real) ? Kind::missing : Kind::real), bits_(std::bit_cast<uint64_t>(real)) {}
+  explicit Number(double real)
+      : kind_(std::isnan(real) ? Kind::missing : Kind::real), bits_(std::bit_cast<uint64_t>(real)) {}
   explicit Number(int64_t integer) : kind_(Kind::integer), bits_(static_cast<uint64_t>(integer)) {}
 
   static Number of(const Point &point, ValueType type) {

@@ -228,7 +228,8 @@ void read_points(const Environment &environment, const FoundSeries &series, int6
                                }},
                           list);
   if (is_cut) check_interruption(environment);
-  if (is_cut || list.points.size() > n_max) throw ExecutionFailed(fmt::format("more than {} points of a series", n_max));
+  if (is_cut || list.points.size() > n_max)
+    throw ExecutionFailed(fmt::format("more than {} points of a series", n_max));
   std::vector<Point> &points = list.points;
   size_t n = n_regular(list);
   for (size_t i = n; i < points.size(); ++i) {

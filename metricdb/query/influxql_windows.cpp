@@ -141,8 +141,8 @@ size_t WindowGrid::length_of_run(std::span<const Point> points) const {
     step *= 2;
   }
   const auto end = points.begin() + static_cast<ptrdiff_t>(std::min(inside + step, points.size()));
-  return static_cast<size_t>(
-      std::partition_point(points.begin() + static_cast<ptrdiff_t>(inside), end, is_inside) - points.begin());
+  return static_cast<size_t>(std::partition_point(points.begin() + static_cast<ptrdiff_t>(inside), end, is_inside) -
+                             points.begin());
 }
 
 void Aggregation::extend(size_t n_before, size_t n_after) {

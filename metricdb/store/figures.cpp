@@ -13,7 +13,7 @@ constexpr std::string_view MAGIC = "metricdb 4\n";  // the version of the databa
 // Its points are in runs (point_codec.h) only, and its programs cannot read blocks. The following lines are the same.
 constexpr std::string_view OLDER_MAGIC = "metricdb 3\n";
 static_assert(OLDER_MAGIC.size() == MAGIC.size());
-constexpr int MAX_SLOT_BYTES = 1 << 24;             // the limit of addresses
+constexpr int MAX_SLOT_BYTES = 1 << 24;  // the limit of addresses
 
 // Calls `field` for each line, in order, with the limits for the reader.
 template <class Config, class State, class Field>
@@ -75,7 +75,8 @@ void read_figures(std::string_view text, StoreConfig &config, StoreState &state)
     rest.remove_prefix(end + 1);
   });
   if (!rest.empty()) throw FiguresError("unexpected text after the last figure");
-  if (figures_text(config, state).substr(MAGIC.size()) != text.substr(MAGIC.size())) throw FiguresError("not the text that this program writes");
+  if (figures_text(config, state).substr(MAGIC.size()) != text.substr(MAGIC.size()))
+    throw FiguresError("not the text that this program writes");
 }
 
 }  // namespace metricdb

@@ -94,9 +94,10 @@ uint32_t Loader::series_of(const ParsedLine &line, const ParsedField &field) {
 void Loader::expect_type(const ParsedField &field, uint32_t series) {
   if (field.integer || store_.type(series) != ValueType::integer) return;
   const std::string_view head = parser_.line().head;
-  throw WrongType(fmt::format("field type conflict: input field \"{}\" on measurement \"{}\" is type float, already exists "
-                              "as type integer",
-                              printable(field.key), printable(head.substr(0, head.find(',')))));
+  throw WrongType(
+      fmt::format("field type conflict: input field \"{}\" on measurement \"{}\" is type float, already exists "
+                  "as type integer",
+                  printable(field.key), printable(head.substr(0, head.find(',')))));
 }
 
 bool Loader::is_known(const ParsedLine &line, size_t i) const {
@@ -140,8 +141,8 @@ void Loader::store_fields(const ParsedLine &line, int64_t ts_ns) {
   for (size_t i = 0; i < line.fields.size(); ++i) {
     const ParsedField &field = line.fields[i];
     const uint32_t series = fields_[i].series;
-    const Point point = store_.type(series) == ValueType::integer ? integer_point(ts_ns, *field.integer)
-                                                                  : Point{ts_ns, field.value};
+    const Point point =
+        store_.type(series) == ValueType::integer ? integer_point(ts_ns, *field.integer) : Point{ts_ns, field.value};
     if (!is_repeated(series, point)) store_.append(series, point);
   }
   if (!is_like_last) cache_.keep(line.head, fields_);

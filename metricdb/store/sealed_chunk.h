@@ -1,8 +1,8 @@
 // A chunk of encoded points of one series.
 #pragma once
 
-#include <tslb/tslb_stored.h>
 #include <tslb/tslb_dynmem.h>
+#include <tslb/tslb_stored.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -16,9 +16,10 @@ namespace metricdb {
 struct TSLB_UNALIGNED SealedChunk {
   static constexpr uint16_t BLOCK = 0x8000;
 
-  maddr_t next;             // 0 in the last chunk of a chain
-  uint16_t form_and_count;  // the number of points, and BLOCK for a block (point_block.h), which is what is written now;
-                            // without BLOCK, which earlier versions wrote, a run (point_codec.h)
+  maddr_t next;  // 0 in the last chunk of a chain
+  uint16_t
+      form_and_count;  // the number of points, and BLOCK for a block (point_block.h), which is what is written now;
+                       // without BLOCK, which earlier versions wrote, a run (point_codec.h)
   uint16_t bytes;
   int64_t oldest_ns;  // the minimum and the maximum timestamp in the chunk
   int64_t newest_ns;

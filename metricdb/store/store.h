@@ -202,7 +202,7 @@ class Store {
     char *open = nullptr;  // the points of its open chunk
     uint32_t n_open = 0;
     uint32_t capacity = 0;
-    uint32_t n_logged = 0;    // points of the open chunk in earlier batches
+    uint32_t n_logged = 0;  // points of the open chunk in earlier batches
     ValueType type = ValueType::real;
     bool is_changed = false;  // listed in changed_series_
   };
