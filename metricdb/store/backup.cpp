@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "store/database_writer.h"
+#include "store/folder_sync.h"
 #include "store/log.h"
 
 namespace metricdb {
@@ -28,15 +29,11 @@ namespace fs = std::filesystem;
 
 using OpenFile = std::unique_ptr<std::FILE, int (*)(std::FILE *)>;
 
-// mode  as for fopen; r also opens a folder.
+// mode  as for fopen.
 OpenFile opened(const std::string &path, const char *mode) {
   OpenFile file(std::fopen(path.c_str(), mode), std::fclose);
   if (!file) fail_backup(path, "cannot be opened");
   return file;
-}
-
-void sync_folder(const std::string &path) {
-  if (fsync(fileno(opened(path, "r").get())) != 0) fail_backup(path, "cannot be synced");
 }
 
 void write_copy(const std::string &from, const std::string &to) {

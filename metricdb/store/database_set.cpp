@@ -14,6 +14,7 @@
 #include <filesystem>
 
 #include "codec/printable.h"
+#include "store/folder_sync.h"
 #include "store/log.h"
 
 namespace metricdb {
@@ -37,16 +38,6 @@ bool is_database_name(std::string_view name) {
 [[noreturn]] void fail(const std::string &path) {
   const int error = errno;
   throw DatabaseError(fmt::format("{}: {}", path, std::strerror(error)));
-}
-
-// Makes the names in a folder durable.
-void sync_folder(const std::string &folder) {
-  const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  const bool is_synced = fd >= 0 && fsync(fd) == 0;
-  const int error = errno;
-  if (fd >= 0) ::close(fd);
-  errno = error;
-  if (!is_synced) fail(folder);
 }
 
 void rename_durably(const std::string &folder, const std::string &from, const std::string &to) {
