@@ -66,6 +66,7 @@ class Loading {
  private:
   void read_payload(const std::string &folder);
   void scan(const JournalState &journal);
+  bool is_left_out(std::string_view body);
   void count_bytes(const std::vector<JournalState> &journals);
   void report_done(uint64_t bytes);
 
@@ -78,6 +79,7 @@ class Loading {
   uint64_t done_bytes_ = 0;  // for the callback of the host
   uint64_t all_bytes_ = 0;
   bool is_gap_ = false;  // a journal ended without a seal
+  bool leaves_out_ = false;
 };
 
 void Loading::read_payload(const std::string &folder) {
@@ -111,6 +113,7 @@ void Loading::load_generation(uint64_t number, const std::vector<JournalState> &
   const std::string path = folder + "/" + MANIFEST;
   if (manifest.identity != loaded_.state.identity) throw damaged(path, "is the generation of another store");
   if (manifest.generation != number) throw damaged(path, fmt::format("is generation {}", manifest.generation));
+  loaded_.position = manifest.position;
   read_payload(folder);
   count_bytes(journals);
   for (const StoredArrayEntry &entry : manifest.arrays) {
@@ -118,6 +121,17 @@ void Loading::load_generation(uint64_t number, const std::vector<JournalState> &
     targets_.push_back({loaded_.arrays.back().get(), entry.kind});
     report_done(entry.file.bytes);
   }
+}
+
+// Returns whether the caller does not want this group or one before it.
+bool Loading::is_left_out(std::string_view body) {
+  const auto position = options_.keeps ? position_in(body) : std::nullopt;
+  if (!position || options_.keeps(body, *position)) return leaves_out_;
+  if (!leaves_out_)
+    loaded_.warning =
+        fmt::format("{}: the groups from {} of epoch {} on are left out", folder_, position->number, position->epoch);
+  loaded_.is_salvaged = leaves_out_ = true;
+  return true;
 }
 
 // Applies a journal. Throws StoreError if it is damaged, or is not the one that the state describes.
@@ -130,7 +144,8 @@ void Loading::scan(const JournalState &journal) {
         // The arrays lack the end of the journal before, so later groups do not fit them.
         if (is_gap_) return std::string("a group after a journal without a seal");
         report_done(position - std::exchange(done_at, position));
-        return apply_body(body, targets_, payload_, has_payload_);
+        if (is_left_out(body)) return std::string();
+        return apply_body(body, targets_, payload_, has_payload_, loaded_.position);
       });
   report_done(scan.bytes - done_at);
   loaded_.places.push_back(scan.place);
