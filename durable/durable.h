@@ -173,8 +173,8 @@ typedef struct tslb_store_log_t {
   /* Waits until all groups that were appended are in the log for good. Called before a leader's generation replaces
    * the journals, so the groups of a generation are in the log. Failure fails the snapshot. May be null. */
   int (*confirm)(void *arg, char *why, size_t capacity);
-  /* Called while the store is opened, with each group of its journals that has a position; perhaps again with the first ones,
-   * if a file is read again. n_batches is 0. 1: keep it. 0: leave out this group and all later ones; the
+  /* Called while the store is opened, with each group of its journals that has a position; perhaps again with the first
+   * ones, if a file is read again. n_batches is 0. 1: keep it. 0: leave out this group and all later ones; the
    * store then has the state before it, in a new generation. -1: the opening fails. May be null. */
   int (*found)(void *arg, const tslb_group_t *group, char *why, size_t capacity);
 } tslb_store_log_t;
@@ -389,8 +389,8 @@ int tslb_store_apply(tslb_store_t *store, const tslb_group_t *group, tslb_error_
  * -1: the store has its content of before, or is broken. Any thread. */
 int tslb_store_adopt(tslb_store_t *store, const char *folder, tslb_error_t *error);
 
-/* Makes a follower a leader: journals `position`, the begin of its epoch, without a call of `append`. Then batches can
- * begin. Result: 0, or -1: it is still a follower. Any thread. */
+/* Makes a follower a leader: journals `position`, the begin of its epoch, without a call of `append`, unless it is the
+ * store's position already. Then batches can begin. Result: 0, or -1: it is still a follower. Any thread. */
 int tslb_store_promote(tslb_store_t *store, const tslb_log_position_t *position, tslb_error_t *error);
 
 /* Between begin and end no group is applied, and no array restored or replaced: a thread that reads a follower sees a whole

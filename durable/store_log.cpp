@@ -89,8 +89,11 @@ void tslb_store_t::confirm_log() {
 
 // The arrays are as after the last group, when no batch was open: the counters of pools need not be settled.
 void tslb_store_t::promote(const tslb_log_position_t &position) {
-  apply({}, position, 0);
+  const tslb_log_position_t now = this->position();
+  if (now.epoch != position.epoch || now.number != position.number || now.number == 0) apply({}, position, 0);
   const std::lock_guard lock(mutex_);
+  expect_usable();
+  if (!is_follower_) throw StoreError(TSLB_DURABLE_INVALID, folder_ + ": is no follower", folder_);
   is_follower_ = false;
 }
 

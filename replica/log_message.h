@@ -1,8 +1,8 @@
 // Messages of the log and of snapshots.
 //
-// A message is a head and a chunk of a body. A group is the body that its leader journalled; a longer body than one message
-// takes several, in order, without other messages between them. The begin of an epoch has 16 random bytes as its body, so
-// that two are never the same. A snapshot is an archive (snapshot_archive.h) in chunks.
+// A message is a head and a chunk of a body. A group is the body that its leader journalled; a longer body than one
+// message takes several, in order, without other messages between them. The begin of an epoch has 16 random bytes as
+// its body, so that two are never the same. A snapshot is an archive (snapshot_archive.h) in chunks.
 //
 // clang-format off
 //   offset
@@ -103,13 +103,14 @@ class LogGap : public tslb_durable::StoreError {
   explicit LogGap(const std::string &what) : StoreError(TSLB_DURABLE_DAMAGED, what) {}
 };
 
-// Puts the messages of a log together, and checks that each is the next one. The position is that of the last whole group.
+// Puts the messages of a log together, and checks that each is the next one. The position is that of the last whole
+// group.
 class LogReader {
  public:
   LogReader(const MessageSource &source, const tslb_log_position_t &position) : source_(source), position_(position) {}
 
-  // Returns the group that a message completes. Its body is valid until the next call. Throws StoreError, also LogGap. A group
-  // whose leader ended before its last chunk is followed by the next epoch, and dropped.
+  // Returns the group that a message completes. Its body is valid until the next call. Throws StoreError, also LogGap.
+  // A group whose leader ended before its last chunk is followed by the next epoch, and dropped.
   std::optional<tslb_group_t> take(std::string_view bytes, const std::string &place);
   const tslb_log_position_t &position() const { return position_; }
   uint64_t made_ns() const { return made_ns_; }  // of the last message

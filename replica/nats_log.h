@@ -78,6 +78,9 @@ class NatsStream {
   // Throws Fenced if another message is in their place, Unreachable after the patience: they may be in the stream or not.
   void publish(const std::vector<std::string> &messages, uint64_t last);
 
+  // The same for one message, and one attempt. False: it is not in the stream, as far as is known.
+  bool try_append(const std::string &message, uint64_t last) { return send({message}, 0, last); }
+
   // Names a message in errors.
   std::string place(uint64_t sequence) const;
   const std::string &name() const { return name_; }

@@ -71,6 +71,21 @@ size_t chunk_bytes_of(const tslb_replica_options_t &options, uint64_t max_messag
   return std::min<uint64_t>(most, options.chunk_bytes != 0 ? options.chunk_bytes : DEFAULT_CHUNK_BYTES);
 }
 
+// Repeats an operation that fails because the servers do not answer, until the time is over.
+template <class Operation>
+auto repeated(Clock::time_point end, Operation operation) {
+  for (;;) {
+    try {
+      return operation();
+    } catch (const Unreachable &) {
+      if (Clock::now() > end) throw;
+    } catch (const LogGap &) {
+      if (Clock::now() > end) throw;
+    }
+    std::this_thread::sleep_for(RETRY_PROMOTION);
+  }
+}
+
 std::string random_bytes() {
   std::string bytes(16, '\0');
   if (getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size()))
@@ -182,55 +197,75 @@ void tslb_replica_t::promote() {
     if (role_ == TSLB_REPLICA_ENDED) throw StoreError(TSLB_DURABLE_INVALID, text_);
   }
   try {
-    const uint64_t epoch = position().epoch;
     const auto end = deadline();
-    for (;;) {
-      try {
-        const Span span = log_.log().span();
-        if (span.last == 0 && position().number == 0) return found_log();
-        begin_following();
-        follow_until([&] { return next_ > span.last || Clock::now() > end; });
-      } catch (const Unreachable &) {
-        if (Clock::now() > end) throw;
-        std::this_thread::sleep_for(RETRY_PROMOTION);
-        continue;
-      }
-      const tslb_log_position_t now = position();
-      if (now.epoch > epoch && epoch != 0)
-        throw Fenced(fmt::format("{}: another replica began epoch {}", log_.log().name(), now.epoch));
-      if (Clock::now() > end)
-        throw Unreachable(fmt::format("{}: its end was not reached in time", log_.log().name()));
-      try {
-        return begin_epoch({now.epoch + 1, now.number + 1}, next_ - 1);
-      } catch (const Fenced &) {
-        // A group of the leader before, or another that was promoted.
-      }
-    }
+    uint64_t epoch = 0;  // at the beginning
+    const bool is_empty = repeated(end, [&] {
+      const Span span = log_.log().span();
+      std::string bytes;
+      if (!span.is_empty()) epoch = head_at(span.last, bytes).head.epoch;
+      return span.last == 0;
+    });
+    if (is_empty && position().number == 0) return found_log();
+    follow_to(0, end);
+    const uint64_t begun = begin_epoch(epoch, end);
+    follow_to(begun, end);
+    promote_store(position());
+    lead(begun);
   } catch (...) {
     start_following();
     throw;
   }
 }
 
-void tslb_replica_t::begin_epoch(const tslb_log_position_t &position, uint64_t last) {
-  MessageHead head = make_message_head(source(), MessageKind::epoch, position, position.epoch - 1);
-  log_.log().publish(messages_of(head, random_bytes(), chunk_bytes_), last);
+// Applies the log up to a sequence; 0: to its present end.
+void tslb_replica_t::follow_to(uint64_t sequence, Clock::time_point end) {
+  repeated(end, [&] {
+    const uint64_t last = sequence != 0 ? sequence : log_.log().span().last;
+    begin_following();
+    follow_until([&] { return next_ > last || Clock::now() > end; });
+    if (next_ <= last) throw Unreachable(fmt::format("{}: its end was not reached in time", log_.log().name()));
+  });
+}
+
+// Appends the begin of the next epoch, and returns its sequence. A leader that still appends can be faster each time, so
+// nothing is done between reading the last message and the attempt; what that leader appended is applied later.
+uint64_t tslb_replica_t::begin_epoch(uint64_t epoch, Clock::time_point end) {
+  std::string own;
+  return repeated(end, [&] {
+    for (;;) {
+      const uint64_t last = log_.log().span().last;
+      std::string bytes;
+      const Message message = head_at(last, bytes);
+      if (bytes == own) return last;  // an attempt whose answer was lost
+      const uint64_t before = message.head.epoch;
+      if (before > epoch) throw Fenced(fmt::format("{}: another replica began epoch {}", log_.log().name(), before));
+      own = message_of_epoch({before + 1, message.is_last_chunk() ? message.head.number + 1 : message.head.number});
+      if (log_.log().try_append(own, last)) return last + 1;
+      if (Clock::now() > end) throw Unreachable(fmt::format("{}: another appended each time", log_.log().name()));
+    }
+  });
+}
+
+std::string tslb_replica_t::message_of_epoch(const tslb_log_position_t &position) const {
+  const MessageHead head = make_message_head(source(), MessageKind::epoch, position, position.epoch - 1);
+  return messages_of(head, random_bytes(), chunk_bytes_).front();
+}
+
+void tslb_replica_t::promote_store(const tslb_log_position_t &position) {
   tslb_error_t error = {};
-  if (this->position().number < position.number && tslb_store_promote(store_, &position, &error) != 0)
-    throw StoreError(static_cast<tslb_durable_code_t>(error.code), error.text, error.file, error.byte, error.errnum);
-  lead(last + 1);
+  if (tslb_store_promote(store_, &position, &error) == 0) return;
+  throw StoreError(static_cast<tslb_durable_code_t>(error.code), error.text, error.file, error.byte, error.errnum);
 }
 
 // The first leader. Its store can have content, which followers get from its snapshot. The position is journalled before
 // the message is published: a store with content and without a position follows no log.
 void tslb_replica_t::found_log() {
   const tslb_log_position_t position = {1, 1};
-  tslb_error_t error = {};
-  if (tslb_store_promote(store_, &position, &error) != 0)
-    throw StoreError(static_cast<tslb_durable_code_t>(error.code), error.text, error.file, error.byte, error.errnum);
+  promote_store(position);
   try {
     publish_copy(false);
-    begin_epoch(position, 0);
+    log_.log().publish({message_of_epoch(position)}, 0);
+    lead(1);
     if (!is_snapshot_ours()) publish_copy(true);  // another that was promoted at once has replaced it
   } catch (const std::exception &failure) {
     end_role(failure.what());
@@ -328,8 +363,7 @@ void tslb_replica_t::publish_snapshot(bool cuts_log) {
   publish_copy(true);
   if (!cuts_log) return;
   const Span span = log_.log().span();
-  const uint64_t kept =
-      first_after(span, [&](const MessageHead &head) { return head.number > contained.number; });
+  const uint64_t kept = first_after(span, [&](const MessageHead &head) { return head.number > contained.number; });
   // The last message stays: it shows where the log ends.
   log_.log().purge_before(std::min(kept, span.last));
 }

@@ -15,7 +15,7 @@ using tslb_durable::StoreError;
 namespace {
 
 constexpr std::chrono::milliseconds RECEIVE_TIME{50};
-constexpr std::chrono::milliseconds ASK_TIME{200};   // between two questions for the end of the log
+constexpr std::chrono::milliseconds ASK_TIME{200};      // between two questions for the end of the log
 constexpr std::chrono::milliseconds SILENT_TIME{1000};  // then the consumer is made again
 constexpr std::chrono::milliseconds PAUSE{100};
 

@@ -1,7 +1,7 @@
 // A replica: a store, its log, and the threads between them.
 //
-// Locks, in the order in which they are taken: role_mutex_ (one change of the role, or publication of a snapshot, at a time),
-// those of the store, mutex_. The functions that the store calls take mutex_ alone.
+// Locks, in the order in which they are taken: role_mutex_ (one change of the role, or publication of a snapshot, at a
+// time), those of the store, mutex_. The functions that the store calls take mutex_ alone.
 #pragma once
 
 #include <tslb/replica.h>
@@ -46,7 +46,8 @@ struct tslb_replica_t {
   uint64_t last_number_in_log(uint64_t epoch);
   void set_aside(const tslb_group_t &group);
   tslb_replica::Message head_at(uint64_t sequence, std::string &bytes);
-  uint64_t first_after(const tslb_replica::Span &span, const std::function<bool(const tslb_replica::MessageHead &)> &is_after);
+  uint64_t first_after(const tslb_replica::Span &span,
+                       const std::function<bool(const tslb_replica::MessageHead &)> &is_after);
   uint64_t next_sequence(const tslb_replica::Span &span);
   void bootstrap();
   bool has_content() const;
@@ -59,7 +60,10 @@ struct tslb_replica_t {
 
   // Leading.
   void found_log();
-  void begin_epoch(const tslb_log_position_t &position, uint64_t last);
+  void follow_to(uint64_t sequence, tslb_replica::Clock::time_point end);
+  uint64_t begin_epoch(uint64_t epoch, tslb_replica::Clock::time_point end);
+  std::string message_of_epoch(const tslb_log_position_t &position) const;
+  void promote_store(const tslb_log_position_t &position);
   void lead(uint64_t last);
   void stop_leading();
   void run_publishing() noexcept;
@@ -68,7 +72,7 @@ struct tslb_replica_t {
   bool is_snapshot_ours();
   tslb_replica::MessageSource source() const;
   tslb_log_position_t position() const { return tslb_store_position(store_); }
-  std::chrono::steady_clock::time_point deadline() const { return tslb_replica::Clock::now() + nats_.patience; }
+  tslb_replica::Clock::time_point deadline() const { return tslb_replica::Clock::now() + nats_.patience; }
   void say(const std::string &text);
 
   const std::string folder_;
@@ -95,7 +99,7 @@ struct tslb_replica_t {
   bool is_stopping_ = false;
   tslb_replica::MessageSource source_ = {};  // of a leader's messages
   uint64_t last_ = 0;                        // leader: last sequence of the log
-  std::deque<std::string> waiting_;  // messages that are not published, of ASYNC
+  std::deque<std::string> waiting_;          // messages that are not published, of ASYNC
   uint64_t behind_ = 0;
   uint64_t applied_ns_ = 0;  // when the last group that was applied was made
   std::chrono::steady_clock::time_point answered_ = tslb_replica::Clock::now();

@@ -111,10 +111,10 @@ class ArchiveReader {
   void begin_file(const std::string &place) {
     const std::string name = start_.substr(LENGTHS_BYTES);
     std::memcpy(&left_, start_.data() + sizeof(uint32_t), sizeof left_);
-    if (name.empty() || name[0] == '/' || name.find("..") != name.npos ||
-        name.find('\0') != name.npos)
+    if (name.empty() || name[0] == '/' || name.find("..") != name.npos || name.find('\0') != name.npos)
       throw StoreError(TSLB_DURABLE_DAMAGED, fmt::format("{}: a file with the name \"{}\"", place, name));
-    if (const size_t slash = name.rfind('/'); slash != name.npos) make_folder_if_missing(folder_ + "/" + name.substr(0, slash));
+    if (const size_t slash = name.rfind('/'); slash != name.npos)
+      make_folder_if_missing(folder_ + "/" + name.substr(0, slash));
     file_.emplace(File::create(folder_ + "/" + name));
   }
   void end_file() {

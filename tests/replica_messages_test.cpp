@@ -14,7 +14,8 @@ MessageHead head_of(uint64_t number, uint64_t epoch = 3, uint64_t before = 3, Me
   return make_message_head(SOURCE, kind, {epoch, number}, before);
 }
 
-std::string group(uint64_t number, void (*change)(MessageHead &) = [](MessageHead &) {}) {
+std::string group(
+    uint64_t number, void (*change)(MessageHead &) = [](MessageHead &) {}) {
   MessageHead head = head_of(number);
   change(head);
   head.body_bytes = 4;

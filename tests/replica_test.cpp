@@ -90,7 +90,8 @@ class Replica : public DurableTest {
 
 }  // namespace
 
-// Any part is started again at random: a follower, the leader, the server. Small chunks, so most groups are several messages.
+// Any part is started again at random: a follower, the leader, the server. Small chunks, so most groups are several
+// messages.
 TEST_F(Replica, FollowersEqualTheLeaderAfterAnyRestart) {
   std::vector<std::unique_ptr<TestReplica>> replicas;
   for (const char *const name : {"a", "b", "c"}) {
@@ -173,7 +174,8 @@ TEST_F(Replica, OfSeveralThatArePromotedAtOnceOneLeads) {
     // If one came after the other had led already, it deposed it.
     ASSERT_TRUE(has_won[0] || has_won[1]) << a->error.text << "; " << b->error.text;
     int n_acknowledged = 0;
-    for (TestReplica *const replica : {a.get(), b.get(), c.get()}) n_acknowledged += replica->change(random_) == 0 ? 1 : 0;
+    for (TestReplica *const replica : {a.get(), b.get(), c.get()})
+      n_acknowledged += replica->change(random_) == 0 ? 1 : 0;
     EXPECT_EQ(n_acknowledged, 1);
     const TestReplica *const leader = a->info().role == TSLB_REPLICA_LEADER ? a.get() : b.get();
     for (TestReplica *const replica : replicas) {
