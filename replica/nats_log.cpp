@@ -36,6 +36,8 @@ Connection connect(const NatsOptions &options) {
   for (const std::string &server : servers) urls.push_back(server.c_str());
   natsStatus status = natsOptions_SetServers(made, urls.data(), static_cast<int>(urls.size()));
   if (status == NATS_OK) status = natsOptions_SetTimeout(made, API_WAIT_MS);
+  // Otherwise a thread of the client sends what was collected for a millisecond.
+  if (status == NATS_OK) status = natsOptions_SetSendAsap(made, true);
   if (status == NATS_OK) status = natsOptions_SetMaxReconnect(made, -1);
   if (status == NATS_OK) status = natsOptions_SetReconnectWait(made, RETRY.count());
   if (status == NATS_OK) status = natsOptions_SetReconnectJitter(made, RETRY.count(), RETRY.count());
