@@ -161,6 +161,7 @@ struct tslb_store_t {
   // Groups, in store_group.cpp.
   uint64_t end(tslb_batch_t *batch) noexcept;
   void settle_ticket(uint64_t ticket);
+  void end_writing() noexcept;
   bool flush();  // flush_mutex_ is held; returns whether there was a group
   void copy_group(CopiedGroup &group);
   void write_group(CopiedGroup &group);
@@ -226,6 +227,8 @@ struct tslb_store_t {
   mutable std::mutex mutex_;  // guards the following members
   std::condition_variable work_;
   std::condition_variable snapshot_work_;
+  std::condition_variable written_;    // by a waiting thread
+  bool is_written_by_waiter_ = false;  // a thread that waits for its ticket writes groups
   PendingGroup pending_;
   std::vector<std::unique_ptr<tslb_batch_t>> spare_batches_;
   uint64_t last_ticket_ = 0;

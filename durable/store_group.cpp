@@ -139,12 +139,35 @@ void tslb_store_t::wait(uint64_t ticket) {
   if (const std::string *const why = refusal_of(ticket)) throw refusal(*why);
 }
 
-// The calling thread writes groups until the ticket is settled.
+// One of the waiting threads writes groups, and the others wait for it: a thread whose batch another one has written goes on
+// at once, and its next batch is in the next group. If all waited for flush_mutex_, the thread that has just released it would
+// often get it again, with a group of its own batch alone.
 void tslb_store_t::settle_ticket(uint64_t ticket) {
-  while (settled() < ticket) {
-    const std::lock_guard flushing(flush_mutex_);
-    if (settled() < ticket) flush();
+  std::unique_lock lock(mutex_);
+  while (settled_ < ticket) {
+    if (is_written_by_waiter_) {
+      written_.wait(lock, [&] { return settled_ >= ticket || !is_written_by_waiter_; });
+      continue;
+    }
+    is_written_by_waiter_ = true;
+    lock.unlock();
+    try {
+      const std::lock_guard flushing(flush_mutex_);
+      if (settled() < ticket) flush();
+    } catch (...) {
+      lock.lock();
+      end_writing();
+      throw;
+    }
+    lock.lock();
+    end_writing();
   }
+}
+
+// mutex_ is held.
+void tslb_store_t::end_writing() noexcept {
+  is_written_by_waiter_ = false;
+  written_.notify_all();
 }
 
 uint64_t tslb_store_t::settled() {
