@@ -29,6 +29,15 @@ if(TSLB_BUILD_DURABLE)
   install(EXPORT tslb-durable-targets NAMESPACE tslb:: DESTINATION ${TSLB_CMAKE_DIR} COMPONENT dev)
   list(APPEND pc_names tslb-durable)
 endif()
+# In a package of its own, which needs the client of NATS.
+if(TSLB_BUILD_REPLICA)
+  set_target_properties(tslb_replica PROPERTIES PUBLIC_HEADER "${TSLB_REPLICA_PUBLIC_HEADERS}")
+  install(TARGETS tslb_replica EXPORT tslb-replica-targets
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT replica
+    PUBLIC_HEADER DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tslb COMPONENT replica
+    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+  install(EXPORT tslb-replica-targets NAMESPACE tslb:: DESTINATION ${TSLB_CMAKE_DIR} COMPONENT replica)
+endif()
 
 set(generated ${PROJECT_BINARY_DIR}/install)
 configure_package_config_file(cmake/tslb-config.cmake.in ${generated}/tslb-config.cmake
@@ -46,6 +55,10 @@ foreach(name IN LISTS pc_names)
   configure_file(cmake/${name}.pc.in ${generated}/${name}.pc @ONLY)
   install(FILES ${generated}/${name}.pc DESTINATION ${TSLB_PKGCONFIG_DIR} COMPONENT dev)
 endforeach()
+if(TSLB_BUILD_REPLICA)
+  configure_file(cmake/tslb-replica.pc.in ${generated}/tslb-replica.pc @ONLY)
+  install(FILES ${generated}/tslb-replica.pc DESTINATION ${TSLB_PKGCONFIG_DIR} COMPONENT replica)
+endif()
 
 # Documents for developers of hosts, the hosts of the README, and event_store. For the prefix /usr they are in Debian's folder for
 # documents of a package.
@@ -55,6 +68,7 @@ if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
   set(doc_dir ${CMAKE_INSTALL_DATADIR}/doc/libtslb-dev)
 endif()
 install(FILES docs/architecture.md docs/hosting.md docs/formats.md docs/debugging.md docs/performance.md docs/durable.md
+  docs/scale.md
   DESTINATION ${doc_dir} COMPONENT dev)
 install(FILES CHANGELOG.md DESTINATION ${doc_dir} COMPONENT dev)
 install(DIRECTORY examples/converters DESTINATION ${doc_dir}/examples COMPONENT dev)

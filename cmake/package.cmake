@@ -1,10 +1,14 @@
-# Debian packages, one per component: the library, the development files, the tools, and the database metricdb.
+# Debian packages, one per component: the library, the development files, those of replicas, the tools, and the database
+# metricdb.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_CONTACT "tslb developers <maintainers@tslb.example>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # otherwise it precedes the first line of each description
 set(CPACK_COMPONENTS_ALL runtime dev tools)
 if(TARGET metricdb)
   list(APPEND CPACK_COMPONENTS_ALL metricdb)
+endif()
+if(TSLB_BUILD_REPLICA)
+  list(APPEND CPACK_COMPONENTS_ALL replica)
 endif()
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
@@ -44,6 +48,13 @@ set(CPACK_COMPONENT_DEV_DESCRIPTION "storage primitives for time-series database
 Headers, the link to the shared library, static libraries with a stand-in for
 the host's symbols and with the durable store, files for CMake and pkg-config,
 documents, and small hosts as examples.")
+
+set(CPACK_DEBIAN_REPLICA_PACKAGE_NAME libtslb-replica-dev)
+set(CPACK_DEBIAN_REPLICA_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_REPLICA_PACKAGE_DEPENDS "libtslb-dev ${same_version}, libnats-dev")
+set(CPACK_COMPONENT_REPLICA_DESCRIPTION "durable stores that other machines follow (development files)
+Header and static library with which a durable store of tslb is followed by
+others, through NATS JetStream, and the files for CMake and pkg-config.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME tslb-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION database)

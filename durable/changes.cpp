@@ -15,6 +15,7 @@ namespace {
 constexpr uint64_t NO_TRANSACTION = UINT64_MAX;
 constexpr uint32_t NO_AUX = UINT32_MAX;
 constexpr size_t MAX_NUMBER_BYTES = 10;
+constexpr uint64_t POSITION_SECTION = UINT32_MAX;  // more than any number of an array
 
 uint64_t cursor_in(const char *headers) {
   uint64_t cursor;
@@ -28,6 +29,12 @@ void append_number(std::string &text, uint64_t number) {
   for (; number >= 0x80; number >>= 7) bytes[n_bytes++] = static_cast<char>(number | 0x80);
   bytes[n_bytes++] = static_cast<char>(number);
   text.append(bytes, n_bytes);
+}
+
+void append_position(std::string &body, const LogPosition &position) {
+  append_number(body, POSITION_SECTION);
+  append_number(body, position.epoch);
+  append_number(body, position.number);
 }
 
 // Reads a body. After a fault all reads return nothing, and is_sound() is false.
@@ -82,8 +89,18 @@ std::string apply_bytes(const ReplayTarget &target, uint64_t position, std::stri
   return fmt::format("array \"{}\": {}", array->ctx_name, why);
 }
 
-std::string apply_section(BodyReader &reader, const std::vector<ReplayTarget> &targets, uint32_t max_slots) {
+LogPosition read_position(BodyReader &reader) {
+  const uint64_t epoch = reader.number();
+  return {epoch, reader.number()};
+}
+
+std::string apply_section(BodyReader &reader, const std::vector<ReplayTarget> &targets, LogPosition &position,
+                          uint32_t max_slots) {
   const uint64_t number = reader.number();
+  if (reader.is_sound() && number == POSITION_SECTION) {
+    position = read_position(reader);
+    return reader.is_sound() && position.number != 0 ? "" : "a position that is cut";
+  }
   const uint64_t header_bytes = reader.number();
   const uint64_t n_ranges = reader.number();
   if (!reader.is_sound() || number >= targets.size() || n_ranges > reader.n_left()) return "a section of no array";
@@ -183,7 +200,7 @@ void normalize(const std::vector<LoggedArray> &arrays, std::vector<Range> &range
 }
 
 void append_body(std::vector<LoggedArray> &arrays, const std::vector<Range> &ranges, const std::string *payload,
-                 std::string &body) {
+                 const LogPosition &position, std::string &body) {
   append_number(body, payload != nullptr ? payload->size() + 1 : 0);
   if (payload != nullptr) body += *payload;
   struct Section {
@@ -198,7 +215,8 @@ void append_body(std::vector<LoggedArray> &arrays, const std::vector<Range> &ran
     sections[i] = {first, at, arrays[i].are_headers_changed()};
     n_sections += first != at || sections[i].has_headers ? 1 : 0;
   }
-  append_number(body, n_sections);
+  append_number(body, n_sections + (position.number != 0 ? 1 : 0));
+  if (position.number != 0) append_position(body, position);
   for (uint32_t i = 0; i < arrays.size(); ++i) {
     LoggedArray &array = arrays[i];
     const Section &section = sections[i];
@@ -224,8 +242,24 @@ void append_body(std::vector<LoggedArray> &arrays, const std::vector<Range> &ran
   }
 }
 
+std::string body_of_position(const LogPosition &position) {
+  std::string body;
+  append_number(body, 0);  // no payload
+  append_number(body, 1);
+  append_position(body, position);
+  return body;
+}
+
+std::optional<LogPosition> position_in(std::string_view body) {
+  BodyReader reader(body);
+  if (const uint64_t payload_size = reader.number(); payload_size != 0) reader.bytes(payload_size - 1);
+  if (reader.number() == 0 || reader.number() != POSITION_SECTION) return std::nullopt;
+  const LogPosition position = read_position(reader);
+  return reader.is_sound() ? std::optional(position) : std::nullopt;
+}
+
 std::string apply_body(std::string_view body, const std::vector<ReplayTarget> &targets, std::string &payload,
-                       bool &has_payload, uint32_t max_slots) {
+                       bool &has_payload, LogPosition &position, uint32_t max_slots) {
   BodyReader reader(body);
   const uint64_t payload_size = reader.number();
   if (payload_size != 0) {
@@ -234,7 +268,7 @@ std::string apply_body(std::string_view body, const std::vector<ReplayTarget> &t
   }
   const uint64_t n_sections = reader.number();
   for (uint64_t i = 0; i < n_sections && reader.is_sound(); ++i)
-    if (std::string why = apply_section(reader, targets, max_slots); !why.empty()) return why;
+    if (std::string why = apply_section(reader, targets, position, max_slots); !why.empty()) return why;
   return reader.is_sound() && reader.n_left() == 0 ? "" : "a body of another length";
 }
 

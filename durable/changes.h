@@ -4,7 +4,8 @@
 // The body of a group, all numbers as LEB128:
 //
 //   payload          0, or the number of its bytes plus 1, then the bytes
-//   number of sections, then for each array with changes
+//   number of sections: the position of the group in a log, if it has one, then each array with changes
+//     4294967295     the section is a position: epoch and number follow, and nothing else
 //     array          its number in the manifest
 //     header bytes   0, or the size of the array's headers
 //     ranges         their number, then for each one
@@ -19,6 +20,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -28,6 +30,9 @@
 namespace tslb_durable {
 
 inline constexpr size_t MAX_PAYLOAD_BYTES = 1 << 16;
+
+// The position of a group in a log that other stores follow. Number 0: the store has none.
+using LogPosition = tslb_log_position_t;
 
 // Changed bytes within one slot.
 struct Range {
@@ -71,7 +76,13 @@ void normalize(const std::vector<LoggedArray> &arrays, std::vector<Range> &range
 // Appends the body of a group with the current bytes of the ranges and of changed headers. The ranges are normalized.
 // No other thread changes the arrays.
 void append_body(std::vector<LoggedArray> &arrays, const std::vector<Range> &ranges, const std::string *payload,
-                 std::string &body);
+                 const LogPosition &position, std::string &body);
+
+// Returns the body of a group that changes nothing but the position.
+std::string body_of_position(const LogPosition &position);
+
+// Returns the position in a body; nothing if it has none, or is no body.
+std::optional<LogPosition> position_in(std::string_view body);
 
 // The target of a replay: arrays in the order of the manifest.
 struct ReplayTarget {
@@ -81,9 +92,9 @@ struct ReplayTarget {
 
 inline constexpr uint32_t MAX_REPLAYED_SLOTS = 1u << 28;
 
-// Applies a body. Returns why it does not fit the arrays; empty if it does. Sets `payload` if there is one.
+// Applies a body. Returns why it does not fit the arrays; empty if it does. Sets `payload` and `position` if there is one.
 std::string apply_body(std::string_view body, const std::vector<ReplayTarget> &targets, std::string &payload,
-                       bool &has_payload, uint32_t max_slots = MAX_REPLAYED_SLOTS);
+                       bool &has_payload, LogPosition &position, uint32_t max_slots = MAX_REPLAYED_SLOTS);
 
 // The first difference between two arrays with the same parameters; empty if there is none.
 struct Difference {

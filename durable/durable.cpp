@@ -18,7 +18,7 @@ using namespace tslb_durable;
 namespace {
 
 constexpr uint32_t KNOWN_FLAGS = TSLB_STORE_CREATE | TSLB_STORE_IN_ANY | TSLB_STORE_READ_ONLY | TSLB_STORE_SALVAGE |
-                                 TSLB_STORE_SHADOW | TSLB_STORE_NO_FORK | TSLB_STORE_BULK;
+                                 TSLB_STORE_SHADOW | TSLB_STORE_NO_FORK | TSLB_STORE_BULK | TSLB_STORE_DETACH;
 
 constexpr uint32_t MAX_JOURNAL_LEVEL = 10;  // no compression
 
@@ -151,6 +151,7 @@ tslb_store_t *tslb_store_open(const char *folder, const tslb_array_decl_t *array
       refuse_argument(fmt::format("unknown sync {}", sync));
     if (chosen.journal_level > MAX_JOURNAL_LEVEL)
       refuse_argument(fmt::format("journal_level {}, but the maximum is {}", chosen.journal_level, MAX_JOURNAL_LEVEL));
+    if (chosen.log != nullptr && chosen.log->append == nullptr) refuse_argument("a log without append");
     return new tslb_store_t(folder, checked_decls(arrays, n_arrays), chosen);
   });
 }
@@ -373,6 +374,48 @@ int tslb_store_backup(tslb_store_t *store, const char *folder, tslb_error_t *err
     return 0;
   });
 }
+
+// ---- Stores with a log ---------------------------------------------------------------------------------------------
+
+tslb_log_position_t tslb_store_position(tslb_store_t *store) {
+  return store->is_of_parent() ? tslb_log_position_t{} : store->position();
+}
+
+uint32_t tslb_store_layout(tslb_store_t *store) {
+  return store->layout();
+}
+
+int tslb_store_apply(tslb_store_t *store, const tslb_group_t *group, tslb_error_t *error) {
+  return guarded_in(store, error, -1, [&] {
+    store->apply({static_cast<const char *>(group->body), group->bytes}, group->position, group->n_batches);
+    return 0;
+  });
+}
+
+int tslb_store_adopt(tslb_store_t *store, const char *folder, tslb_error_t *error) {
+  return guarded_in(store, error, -1, [&] {
+    if (folder == nullptr || folder[0] == '\0') refuse_argument("no folder");
+    store->adopt_copy(folder);
+    return 0;
+  });
+}
+
+int tslb_store_promote(tslb_store_t *store, const tslb_log_position_t *position, tslb_error_t *error) {
+  return guarded_in(store, error, -1, [&] {
+    store->promote(*position);
+    return 0;
+  });
+}
+
+void tslb_store_begin_reading(tslb_store_t *store) {
+  store->begin_reading();
+}
+
+void tslb_store_end_reading(tslb_store_t *store) {
+  store->end_reading();
+}
+
+// ---- Pools ---------------------------------------------------------------------------------------------------------
 
 int tslb_store_pool_room(tslb_store_t *store, uint32_t array, tslb_pool_room_t *room) {
   if (!is_pool_of(*store, array) || store->room(array) == nullptr) return -1;

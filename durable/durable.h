@@ -137,8 +137,47 @@ enum {
   TSLB_STORE_NO_FORK = 32, /* snapshots are written by the caller while batches wait, not by a child process */
   /* For imports: no batches and no journal. What is changed is durable when tslb_store_snapshot returns. Without it the
    * store stays as it was, and a new one is removed. One thread. */
-  TSLB_STORE_BULK = 64
+  TSLB_STORE_BULK = 64,
+  /* Opens a store that had a log as one without: it gets another identity, and a new generation without a position. */
+  TSLB_STORE_DETACH = 128
 };
+
+/* ---- Logs ---------------------------------------------------------------------------------------------------------
+ *
+ * The groups of one store, the leader, can be kept in a log outside of the store, from which others, its followers, get
+ * the same arrays. replica.h does this with NATS JetStream; what follows is the interface between it and a store. A store
+ * with a log keeps the position of its last group in the journal, with the group itself, and in each generation. Positions
+ * are given without gaps. A leader begins with an epoch of its own, so epoch and number name one group for all times.
+ *
+ * A store that is opened with a log is a follower: tslb_batch_begin fails with TSLB_DURABLE_INVALID until it is promoted.
+ * A store that has a position is opened with a log, to read, or with TSLB_STORE_DETACH. */
+typedef struct tslb_log_position_t {
+  uint64_t epoch;
+  uint64_t number; /* of the group, from 1; 0: none */
+} tslb_log_position_t;
+
+typedef struct tslb_group_t {
+  const void *body; /* as it is journalled, before compression */
+  size_t bytes;
+  uint32_t n_batches;
+  tslb_log_position_t position; /* also in the body */
+} tslb_group_t;
+
+/* What a store calls. The functions may not call functions of the store, except tslb_store_position. They return 0, or -1
+ * after writing why, as a line of text of at most `capacity` bytes with the final zero. */
+typedef struct tslb_store_log_t {
+  void *arg;
+  /* A leader's group was made durable, as `sync` says; its tickets are not settled. The groups come in order, one at a time,
+   * from the threads that write them. Failure refuses the tickets and breaks the store. */
+  int (*append)(void *arg, const tslb_group_t *group, char *why, size_t capacity);
+  /* Waits until all groups that were appended are in the log for good. Called before a leader's generation replaces
+   * the journals, so the groups of a generation are in the log. Failure fails the snapshot. May be null. */
+  int (*confirm)(void *arg, char *why, size_t capacity);
+  /* Called while the store is opened, with each group of its journals that has a position; perhaps again with the first
+   * ones, if a file is read again. n_batches is 0. 1: keep it. 0: leave out this group and all later ones; the
+   * store then has the state before it, in a new generation. -1: the opening fails. May be null. */
+  int (*found)(void *arg, const tslb_group_t *group, char *why, size_t capacity);
+} tslb_store_log_t;
 
 /* Options of tslb_store_open. A zeroed structure has the defaults. */
 typedef struct tslb_store_options_t {
@@ -151,6 +190,7 @@ typedef struct tslb_store_options_t {
   /* Called while the store is opened, with bytes done and in all; or NULL. */
   void (*progress)(void *arg, uint64_t done_bytes, uint64_t all_bytes);
   void *progress_arg;
+  const tslb_store_log_t *log; /* copied; or NULL */
 } tslb_store_options_t;
 
 /* What was found and done. Numbers are those of this opening. */
@@ -226,7 +266,8 @@ DynamicArray_t tslb_store_array(tslb_store_t *store, uint32_t idx);
 void tslb_store_get_info(tslb_store_t *store, tslb_store_info_t *info);
 
 /* Returns the payload of the last durable batch that had one, as it was found when the store was opened or restored, and
- * its size. NULL with size 0 if there was none. Valid until the store is restored or closed. */
+ * its size; of a follower, and of a leader that was one, the last that came from the log. NULL with size 0 if there was
+ * none. Valid until the store is restored or closed; of a follower until tslb_store_end_reading. */
 const void *tslb_store_payload(tslb_store_t *store, size_t *size);
 
 /* In an import (TSLB_STORE_BULK): sets the payload of the next snapshot. Result: 0, or -1. */
@@ -327,6 +368,37 @@ int tslb_store_snapshot(tslb_store_t *store, tslb_error_t *error);
  * that was opened to read. Result: 0, or -1: files of the copy were removed. If the process is killed, the folder has a part
  * of a copy; remove it. */
 int tslb_store_backup(tslb_store_t *store, const char *folder, tslb_error_t *error);
+
+/* ---- Stores with a log ----------------------------------------------------------------------------------------------- */
+
+/* Returns the position of the last settled group. Any thread. */
+tslb_log_position_t tslb_store_position(tslb_store_t *store);
+
+/* Returns a checksum of what bodies depend on: names, kinds and parameters of the arrays, and their numbers in bodies. A
+ * body can be applied to a store with the same layout. Any thread. */
+uint32_t tslb_store_layout(tslb_store_t *store);
+
+/* Applies a leader's group to a follower, journals it, and makes it durable as `sync` says. The body can be empty: only the
+ * position is journalled. Result: 0, or -1 with TSLB_DURABLE_INVALID: the store is no follower, the position is not
+ * after that of the store, or the body does not fit; or with another code as for a batch. Nothing is applied then: arrays
+ * that were changed in part are read from the disk again, as by tslb_store_restore. One thread at a time. */
+int tslb_store_apply(tslb_store_t *store, const tslb_group_t *group, tslb_error_t *error);
+
+/* Gives a follower the content of a copy of the leader's store (tslb_store_backup), in place, and with it the identity and
+ * the position: they are durable when the call returns. Pointers to arrays stay valid. Needs twice the memory. Result: 0, or
+ * -1: the store has its content of before, or is broken. Any thread. */
+int tslb_store_adopt(tslb_store_t *store, const char *folder, tslb_error_t *error);
+
+/* Makes a follower a leader: journals `position`, the begin of its epoch, without a call of `append`, unless it is the
+ * store's position already. Then batches can begin. Result: 0, or -1: it is still a follower. Any thread. */
+int tslb_store_promote(tslb_store_t *store, const tslb_log_position_t *position, tslb_error_t *error);
+
+/* Between begin and end no group is applied, and no array restored or replaced: a thread that reads a follower sees a whole
+ * state. Application waits meanwhile, so reading should be short. At most 64 threads read at once; others wait. Every store
+ * has these functions; those of a leader do not wait. A thread may not nest them, or call _apply, _adopt, _promote or
+ * _restore between them. */
+void tslb_store_begin_reading(tslb_store_t *store);
+void tslb_store_end_reading(tslb_store_t *store);
 
 /* Bytes of a pool that can still be taken. */
 typedef struct tslb_pool_room_t {

@@ -24,6 +24,7 @@ Registry &registry() {
 }
 
 thread_local std::vector<tslb_batch_t *> open_batches;
+thread_local bool applies_group = false;
 
 // The library passes the name that is in the handle.
 const DynArrHandle_t *handle_of(const char *ctx_name) {
@@ -31,6 +32,7 @@ const DynArrHandle_t *handle_of(const char *ctx_name) {
 }
 
 void report_outside_change(const DynArrHandle_t *array) {
+  if (applies_group) return;
   std::shared_lock lock(registry().mutex, std::defer_lock);
   if (forks_of_process() == 0)
     lock.lock();
@@ -82,6 +84,14 @@ void unregister_store(tslb_store_t *store) {
   const std::unique_lock lock(registry().mutex);
   std::erase(registry().stores, store);
   if (registry().stores.empty()) g_redo_handle = nullptr;
+}
+
+AppliesGroup::AppliesGroup() {
+  applies_group = true;
+}
+
+AppliesGroup::~AppliesGroup() {
+  applies_group = false;
 }
 
 void add_open_batch(tslb_batch_t *batch) {

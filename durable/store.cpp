@@ -78,6 +78,7 @@ tslb_store_t::tslb_store_t(const std::string &folder, std::vector<ArrayDecl> dec
       options_(options),
       is_reader_(has(options, TSLB_STORE_READ_ONLY)),
       is_bulk_(has(options, TSLB_STORE_BULK)),
+      log_(options.log != nullptr ? std::optional(*options.log) : std::nullopt),
       level_(level_of(options)),
       event_(File::event()) {
   spare_batches_.reserve(Gate::MAX_INSIDE);
@@ -100,6 +101,9 @@ tslb_store_t::~tslb_store_t() {
 void tslb_store_t::open_or_create() {
   if (is_reader_ && (has(options_, TSLB_STORE_CREATE) || is_bulk_))
     throw StoreError(TSLB_DURABLE_INVALID, "TSLB_STORE_READ_ONLY with TSLB_STORE_CREATE or TSLB_STORE_BULK");
+  if (log_ && (is_reader_ || is_bulk_ || has(options_, TSLB_STORE_DETACH)))
+    throw StoreError(TSLB_DURABLE_INVALID, "a log with TSLB_STORE_READ_ONLY, TSLB_STORE_BULK or TSLB_STORE_DETACH");
+  is_follower_ = log_.has_value();
   if (has(options_, TSLB_STORE_CREATE)) {
     made_folder_ = make_folder_if_missing(folder_);
     if (made_folder_) File::folder(folder_of(folder_)).sync();
@@ -112,6 +116,7 @@ void tslb_store_t::open_or_create() {
   if (info_.was_created == 0 || !is_bulk_) load();
   bind_arrays();
   if (is_reader_) return;
+  expect_log_is_used();
   folder_ = absolute_path(folder_);
   register_policies();
   if (is_bulk_) return;
@@ -121,7 +126,7 @@ void tslb_store_t::open_or_create() {
 }
 
 void tslb_store_t::load() {
-  LoadOptions load_options;
+  LoadOptions load_options = options_of_loading();
   load_options.salvage = has(options_, TSLB_STORE_SALVAGE);
   if (options_.progress != nullptr)
     load_options.progress = [this](uint64_t done, uint64_t all) {
@@ -236,6 +241,7 @@ void tslb_store_t::adopt(LoadedStore &loaded) {
   has_payload_ = loaded.has_payload;
   durable_payload_ = payload_;
   has_durable_payload_ = has_payload_;
+  position_ = loaded.position;
   info_.generation = loaded.generation;
   next_snapshot_at_ = options_.snapshot_bytes;
   std::memcpy(info_.identity, state_.identity.data(), sizeof info_.identity);
@@ -264,20 +270,29 @@ void tslb_store_t::bind_arrays() {
   }
 }
 
+uint32_t tslb_store_t::number_in(const Manifest &manifest, const std::string &name) {
+  const auto &entries = manifest.arrays;
+  const auto entry = std::find_if(entries.begin(), entries.end(), [&](const auto &one) { return one.name == name; });
+  return static_cast<uint32_t>(entry - entries.begin());
+}
+
 // Groups of a journal apply to the arrays of its generation. If the arrays in memory are not these arrays with the
 // journals applied, a new generation begins.
 void tslb_store_t::continue_journal() {
   const LoadedStore loaded = std::move(*loaded_);
   loaded_.reset();
-  if (loaded.is_salvaged || info_.was_upgraded != 0) {
-    write_generation_alone(std::max(loaded.state.generation, loaded.state.journals.back().number) + 1);
-    return;
+  const bool is_upgraded = info_.was_upgraded != 0;
+  for (uint32_t i = 0; i < decls_.size() && !is_upgraded; ++i)
+    logged_[i].set_number(number_in(loaded.manifest, decls_[i].name));
+  const bool is_detached = has(options_, TSLB_STORE_DETACH) && position_.number != 0;
+  if (is_detached) {
+    position_ = {};
+    state_.identity = new_identity();
+    std::memcpy(info_.identity, state_.identity.data(), sizeof info_.identity);
   }
-  for (uint32_t i = 0; i < decls_.size(); ++i) {
-    const auto &entries = loaded.manifest.arrays;
-    const auto entry =
-        std::find_if(entries.begin(), entries.end(), [&](const auto &one) { return one.name == decls_[i].name; });
-    logged_[i].set_number(static_cast<uint32_t>(entry - entries.begin()));
+  if (loaded.is_salvaged || is_upgraded || is_detached) {
+    write_generation_alone(std::max(loaded.state.generation, loaded.state.journals.back().number) + 1, !is_upgraded);
+    return;
   }
   // A journal before the last one is not continued. It is sealed, if the process ended before it could do so. A journal
   // with a seal is not opened again: the last one has groups, which no crash may leave after a journal without a seal.

@@ -75,6 +75,15 @@ struct tslb_store_t {
 
   void set_payload_of_import(std::vector<uint8_t> payload);
 
+  // Of a store with a log.
+  tslb_log_position_t position();
+  uint32_t layout() const;
+  void apply(std::string_view body, const tslb_log_position_t &position, uint32_t n_batches);
+  void promote(const tslb_log_position_t &position);
+  void adopt_copy(const std::string &folder);
+  void begin_reading() { read_gate_.enter(); }
+  void end_reading() { read_gate_.leave(); }
+
   tslb_batch_t *begin();
   // Ends the batch. With TSLB_SYNC_ALWAYS it waits until the ticket is settled; otherwise the journal thread writes it.
   uint64_t end_without_wait(tslb_batch_t *batch) noexcept;
@@ -119,6 +128,8 @@ struct tslb_store_t {
     bool has_payload = false;
     std::string failure;  // why it must be refused
     bool breaks = false;
+    tslb_log_position_t position = {};
+    bool is_from_log = false;
   };
   // A generation while it is written.
   struct NewGeneration;
@@ -132,15 +143,25 @@ struct tslb_store_t {
   void adopt(tslb_durable::LoadedStore &loaded);
   void register_policies();
   void bind_arrays();
+  static uint32_t number_in(const tslb_durable::Manifest &manifest, const std::string &name);
   void continue_journal();
   void start_threads();
   void stop_threads();
   void close_bulk();
   void seal();
 
+  // Stores with a log, in store_log.cpp.
+  void expect_log_is_used() const;
+  tslb_durable::LoadOptions options_of_loading();
+  void apply_to_arrays(std::vector<tslb_durable::Array> &arrays, CopiedGroup &group);
+  void append_to_log(const CopiedGroup &group);
+  void confirm_log();
+  void take_arrays(tslb_durable::LoadedStore &loaded);
+
   // Groups, in store_group.cpp.
   uint64_t end(tslb_batch_t *batch) noexcept;
   void settle_ticket(uint64_t ticket);
+  void end_writing() noexcept;
   bool flush();  // flush_mutex_ is held; returns whether there was a group
   void copy_group(CopiedGroup &group);
   void write_group(CopiedGroup &group);
@@ -153,11 +174,12 @@ struct tslb_store_t {
   void append_opened();
   tslb_durable::StoreError refusal(const std::string &reason) const;  // mutex_ is held
   void expect_usable() const;                                         // mutex_ is held
+  void expect_leader() const;                                         // mutex_ is held
   void expect_given(uint64_t ticket) const;                           // mutex_ is held
   const std::string *refusal_of(uint64_t ticket) const;               // mutex_ is held
 
   // Generations, in store_snapshot.cpp.
-  void write_generation_alone(uint64_t number);
+  void write_generation_alone(uint64_t number, bool keeps_numbers = false);
   bool forks() const { return (options_.flags & TSLB_STORE_NO_FORK) == 0; }
   void begin_next_journal(NewGeneration &next);
   std::optional<tslb_durable::StoreError> freeze(NewGeneration &next, tslb_durable::StreamChild &child);
@@ -178,6 +200,7 @@ struct tslb_store_t {
   const tslb_store_options_t options_;
   const bool is_reader_;
   const bool is_bulk_;
+  const std::optional<tslb_store_log_t> log_;
   const int level_;  // of compression; 0: none
   std::optional<tslb_durable::File> lock_;
   bool made_folder_ = false;
@@ -199,10 +222,13 @@ struct tslb_store_t {
   uint32_t n_raw_in_turn_ = 0;              // groups that were not worth compressing
 
   tslb_durable::Gate gate_;
+  tslb_durable::Gate read_gate_;  // closed while groups of a log are applied
 
   mutable std::mutex mutex_;  // guards the following members
   std::condition_variable work_;
   std::condition_variable snapshot_work_;
+  std::condition_variable written_;    // by a waiting thread
+  bool is_written_by_waiter_ = false;  // a thread that waits for its ticket writes groups
   PendingGroup pending_;
   std::vector<std::unique_ptr<tslb_batch_t>> spare_batches_;
   uint64_t last_ticket_ = 0;
@@ -210,6 +236,8 @@ struct tslb_store_t {
   std::vector<RefusedRange> refused_;
   std::string failed_;  // why batches are refused; empty if they are not
   bool is_broken_ = false;
+  bool is_follower_ = false;
+  tslb_log_position_t position_ = {};  // of the last settled group; written with flush_mutex_ held, too
   bool is_ending_ = false;
   bool is_snapshot_due_ = false;
   uint64_t next_snapshot_at_ = 0;         // bytes of the journals
@@ -235,5 +263,14 @@ void unregister_store(tslb_store_t *store);
 void add_open_batch(tslb_batch_t *batch);
 void remove_open_batch(const tslb_batch_t *batch);
 tslb_batch_t *open_batch_of(const tslb_store_t *store);
+
+// While it exists, changes of arrays by this thread belong to no batch, and are allowed.
+class AppliesGroup {
+ public:
+  AppliesGroup();
+  ~AppliesGroup();
+  AppliesGroup(const AppliesGroup &) = delete;
+  AppliesGroup &operator=(const AppliesGroup &) = delete;
+};
 
 }  // namespace tslb_durable

@@ -185,6 +185,8 @@ std::string manifest_text(const Manifest &manifest) {
   std::string text = fmt::format("{} {}\nidentity {}\ngeneration {}\n{}", GENERATION_MAGIC, GENERATION_VERSION,
                                  text_of_identity(manifest.identity), manifest.generation, manifest.environment);
   text += manifest.payload ? fmt::format("payload 1 {}\n", file_words(*manifest.payload)) : "payload 0\n";
+  if (manifest.position.number != 0)
+    text += fmt::format("position {} {}\n", manifest.position.epoch, manifest.position.number);
   text += fmt::format("arrays {}\n", manifest.arrays.size());
   for (const StoredArrayEntry &entry : manifest.arrays)
     text += fmt::format(
@@ -219,6 +221,10 @@ Manifest read_manifest(const std::string &folder) {
     manifest.payload = read_file_words(words);
   else
     words.expect("0");
+  if (words.take("position")) {
+    manifest.position.epoch = words.number<uint64_t>();
+    manifest.position.number = words.number<uint64_t>();
+  }
   words.expect("arrays");
   for (uint32_t left = words.number<uint32_t>(); left > 0; --left) manifest.arrays.push_back(read_array(words));
   if (!words.at_end()) words.fail("unexpected text after the last array");

@@ -77,6 +77,7 @@ Identity new_identity();
 //   library 0.1.0 lib_version 2 byte_order little
 //   clock factor 1 origin 0 offset 0 at 1795677865
 //   payload 0                                 or: payload 1 bytes 12 crc32c 1a2b3c4d
+//   position 2 4711                           epoch and number in a log; only of a store that has one
 //   arrays 2
 //   array events kind slots compat 0 table 5 rec_version 1 daflag 3 record_bytes 64 slots 1000 direct 64 bytes 81948 crc32c ...
 //   description TEXT                          of the array above; can be empty
@@ -107,6 +108,7 @@ struct Manifest {
   uint64_t generation = 0;
   std::string environment;  // the lines "library" and "clock", as they were written
   std::optional<StoredFile> payload;
+  tslb_log_position_t position = {};
   std::vector<StoredArrayEntry> arrays;
 };
 

@@ -43,6 +43,7 @@ tslb_batch_t *tslb_store_t::begin() {
   try {
     std::unique_lock lock(mutex_);
     expect_usable();
+    expect_leader();
     if (!spare_batches_.empty()) {
       batch = std::move(spare_batches_.back());
       spare_batches_.pop_back();
@@ -138,12 +139,35 @@ void tslb_store_t::wait(uint64_t ticket) {
   if (const std::string *const why = refusal_of(ticket)) throw refusal(*why);
 }
 
-// The calling thread writes groups until the ticket is settled.
+// One of the waiting threads writes groups, and the others wait for it: a thread whose batch another one has written goes on
+// at once, and its next batch is in the next group. If all waited for flush_mutex_, the thread that has just released it would
+// often get it again, with a group of its own batch alone.
 void tslb_store_t::settle_ticket(uint64_t ticket) {
-  while (settled() < ticket) {
-    const std::lock_guard flushing(flush_mutex_);
-    if (settled() < ticket) flush();
+  std::unique_lock lock(mutex_);
+  while (settled_ < ticket) {
+    if (is_written_by_waiter_) {
+      written_.wait(lock, [&] { return settled_ >= ticket || !is_written_by_waiter_; });
+      continue;
+    }
+    is_written_by_waiter_ = true;
+    lock.unlock();
+    try {
+      const std::lock_guard flushing(flush_mutex_);
+      if (settled() < ticket) flush();
+    } catch (...) {
+      lock.lock();
+      end_writing();
+      throw;
+    }
+    lock.lock();
+    end_writing();
   }
+}
+
+// mutex_ is held.
+void tslb_store_t::end_writing() noexcept {
+  is_written_by_waiter_ = false;
+  written_.notify_all();
 }
 
 uint64_t tslb_store_t::settled() {
@@ -167,6 +191,7 @@ void tslb_store_t::reserve(uint64_t bytes) {
   {
     const std::lock_guard lock(mutex_);
     expect_usable();
+    expect_leader();
   }
   reserved_left_ = journal_->reserve_space(bytes);
 }
@@ -224,9 +249,10 @@ void tslb_store_t::copy_group(CopiedGroup &group) {
   if (pending.n_batches == 0) return;
   try {
     body_.clear();
+    if (log_) group.position = {position_.epoch, position_.number + 1};
     for (uint32_t i = 0; i < logged_.size(); ++i) logged_[i].add_counters(i, pending.ranges);
     normalize(logged_, pending.ranges);
-    append_body(logged_, pending.ranges, pending.has_payload ? &pending.payload : nullptr, body_);
+    append_body(logged_, pending.ranges, pending.has_payload ? &pending.payload : nullptr, group.position, body_);
     group.n_ranges = pending.ranges.size();
     group.payload.assign(pending.payload.begin(), pending.payload.end());
     group.has_payload = pending.has_payload;
@@ -247,7 +273,8 @@ void tslb_store_t::compare_with_shadow(const PendingGroup &pending, CopiedGroup 
   for (uint32_t i = 0; i < shadows_.size(); ++i) targets[logged_[i].number()] = {shadows_[i].get(), decls_[i].kind};
   std::string payload;
   bool has_payload = false;
-  group.failure = apply_body(body_, targets, payload, has_payload);
+  LogPosition position = {};
+  group.failure = apply_body(body_, targets, payload, has_payload, position);
   for (uint32_t i = 0; i < shadows_.size() && group.failure.empty(); ++i) {
     const Difference difference = first_difference(arrays_[i].get(), shadows_[i].get());
     if (!difference) continue;
@@ -285,6 +312,12 @@ void tslb_store_t::write_group(CopiedGroup &group) {
   }
   journal_->mark();
   reserved_left_ = journal_->reserved_bytes();
+  try {
+    if (log_ && !group.is_from_log) append_to_log(group);
+  } catch (const StoreError &error) {
+    // The group can be in the log or not, and is in the journal.
+    return refuse(error.what(), true);
+  }
   const std::lock_guard lock(mutex_);
   ++info_.n_groups;
   info_.n_batches += group.n_batches;
@@ -307,6 +340,7 @@ void tslb_store_t::cut_and_refuse(const std::string &reason) {
 // mutex_ is held. The group is on the disk, so nothing here may fail: no memory is allocated.
 void tslb_store_t::settle(CopiedGroup &group) noexcept {
   settled_ = group.last_ticket;
+  if (group.position.number != 0) position_ = group.position;
   if (group.has_payload) {
     durable_payload_.swap(group.payload);
     has_durable_payload_ = true;
@@ -350,7 +384,7 @@ void tslb_store_t::restore() {
   expect_no_batch_of_this_thread();
   const std::lock_guard snapshots(snapshot_mutex_);
   const std::lock_guard flushing(flush_mutex_);
-  const GateClosed closed(gate_);
+  const GateClosed closed(gate_), read_closed(read_gate_);
   {
     CopiedGroup rest;
     copy_group(rest);  // refuses batches that ended after the refusal

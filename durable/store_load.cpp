@@ -71,6 +71,7 @@ class Loading {
   void hold(const std::string &path);
   void read_payload(const std::string &folder);
   void scan(const JournalState &journal);
+  bool is_left_out(std::string_view body);
   void count_bytes();
   void report_done(uint64_t bytes);
 
@@ -84,6 +85,7 @@ class Loading {
   uint64_t done_bytes_ = 0;  // for the callback of the host
   uint64_t all_bytes_ = 0;
   bool is_gap_ = false;  // a journal ended without a seal
+  bool leaves_out_ = false;
 };
 
 // Opens a file before the first one is read, and keeps it: a writer can replace the generation meanwhile, and removes the
@@ -120,6 +122,7 @@ void Loading::load_generation(uint64_t number, const std::vector<JournalState> &
   const std::string path = folder + "/" + MANIFEST;
   if (manifest.identity != loaded_.state.identity) throw damaged(path, "is the generation of another store");
   if (manifest.generation != number) throw damaged(path, fmt::format("is generation {}", manifest.generation));
+  loaded_.position = manifest.position;
   for (const StoredArrayEntry &entry : manifest.arrays) hold(stream_path(folder, entry));
   for (const JournalState &journal : journals)
     if (const std::string journal_file = journal_path(folder_, journal.number); access(journal_file.c_str(), F_OK) == 0)
@@ -133,6 +136,17 @@ void Loading::load_generation(uint64_t number, const std::vector<JournalState> &
   }
 }
 
+// Returns whether the caller does not want this group or one before it.
+bool Loading::is_left_out(std::string_view body) {
+  const auto position = options_.keeps ? position_in(body) : std::nullopt;
+  if (!position || options_.keeps(body, *position)) return leaves_out_;
+  if (!leaves_out_)
+    loaded_.warning =
+        fmt::format("{}: the groups from {} of epoch {} on are left out", folder_, position->number, position->epoch);
+  loaded_.is_salvaged = leaves_out_ = true;
+  return true;
+}
+
 // Applies a journal. Throws StoreError if it is damaged, or is not the one that the state describes.
 void Loading::scan(const JournalState &journal) {
   const std::string path = journal_path(folder_, journal.number);
@@ -144,7 +158,8 @@ void Loading::scan(const JournalState &journal) {
                                          // The arrays lack the end of the journal before, so later groups do not fit them.
                                          if (is_gap_) return std::string("a group after a journal without a seal");
                                          report_done(position - std::exchange(done_at, position));
-                                         return apply_body(body, targets_, payload_, has_payload_);
+                                         if (is_left_out(body)) return std::string();
+                                         return apply_body(body, targets_, payload_, has_payload_, loaded_.position);
                                        });
   report_done(scan.bytes - done_at);
   loaded_.places.push_back(scan.place);

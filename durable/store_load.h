@@ -20,6 +20,7 @@ struct LoadedStore {
   std::vector<Array> arrays;  // in the order of the manifest
   std::vector<uint8_t> payload;
   bool has_payload = false;
+  tslb_log_position_t position = {};
 
   std::vector<JournalPlace> places;  // where each journal of the state ends
   std::vector<bool> ends_with_seal;  // a journal of the state ends with its seal, and nothing follows it
@@ -34,6 +35,8 @@ struct LoadedStore {
 struct LoadOptions {
   bool salvage = false;
   std::function<void(uint64_t done_bytes, uint64_t all_bytes)> progress;
+  // Called with each group that has a position, before it is applied. False: it and all later groups are left out.
+  std::function<bool(std::string_view body, const tslb_log_position_t &position)> keeps;
 };
 
 // Returns the manifest of the generation of a store. Throws StoreError, as load_store does.

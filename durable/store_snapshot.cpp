@@ -80,6 +80,7 @@ struct tslb_store_t::NewGeneration {
   std::vector<uint32_t> numbers;  // of the arrays in the manifest
   std::vector<uint8_t> payload;
   bool has_payload = false;
+  LogPosition position = {};
   std::unique_ptr<JournalWriter> journal;  // that begins with the generation
   StreamWriter writer;
   bool is_in_place = false;
@@ -115,6 +116,7 @@ void tslb_store_t::finish_generation(NewGeneration &next) {
   manifest.identity = state_.identity;
   manifest.generation = next.number;
   manifest.environment = current_environment();
+  manifest.position = next.position;
   manifest.arrays.resize(decls_.size());
   for (size_t i = 0; i < decls_.size(); ++i) {
     const ArrayDecl &decl = decls_[i];
@@ -147,18 +149,20 @@ void tslb_store_t::finish_generation(NewGeneration &next) {
   File::folder(folder_).sync();
 }
 
-// Writes a generation and begins its journal, while no batch can be open: at creation and after an upgrade.
-void tslb_store_t::write_generation_alone(uint64_t number) {
+// Writes a generation and begins its journal, while no batch can be open: at creation and after an upgrade. The numbers of
+// the arrays in it are kept for a log, whose groups have them too.
+void tslb_store_t::write_generation_alone(uint64_t number, bool keeps_numbers) {
   // An ended process can have left these.
   remove_tree(generation_path(folder_, number));
   remove_file(journal_path(folder_, number));
   NewGeneration next(*this, number);
   for (uint32_t i = 0; i < arrays_.size(); ++i) {
     next.n_slots[i] = tslb_da_get_size(arrays_[i].get());
-    next.numbers[i] = i;
+    next.numbers[i] = keeps_numbers ? logged_[i].number() : i;
   }
   next.payload = durable_payload_;
   next.has_payload = has_durable_payload_;
+  next.position = position_;
   write_streams(next);
   finish_generation(next);
   journal_ = std::make_unique<JournalWriter>(journal_path(folder_, number), JournalName{state_.identity, number});
@@ -168,7 +172,7 @@ void tslb_store_t::write_generation_alone(uint64_t number) {
   journals_before_ = 0;
   info_.generation = number;
   for (uint32_t i = 0; i < logged_.size(); ++i) {
-    logged_[i].set_number(i);
+    logged_[i].set_number(next.numbers[i]);
     logged_[i].headers_are_logged();
   }
   remove_older_generations();
@@ -261,6 +265,7 @@ std::optional<StoreError> tslb_store_t::freeze(NewGeneration &next, StreamChild 
     if (!failed_.empty()) return refusal(failed_);
     next.payload = durable_payload_;
     next.has_payload = has_durable_payload_;
+    next.position = position_;
   }
   if (fork_error != 0)
     return StoreError(TSLB_DURABLE_IO, fmt::format("{}: cannot fork: {}", folder_, std::strerror(fork_error)), folder_,
@@ -270,6 +275,7 @@ std::optional<StoreError> tslb_store_t::freeze(NewGeneration &next, StreamChild 
 
 // Makes a generation that is in place the current one.
 void tslb_store_t::use_generation(uint64_t number) {
+  confirm_log();
   StoreState state = state_;
   state.generation = number;
   state.journals = {state_.journals.back()};

@@ -76,8 +76,9 @@ class Arrays {
   std::string apply(std::string_view body) {
     std::string payload;
     bool has_payload = false;
+    LogPosition position = {};
     constexpr uint32_t MAX_SLOTS = 1000;  // a few bytes can name many
-    return apply_body(body, targets_, payload, has_payload, MAX_SLOTS);
+    return apply_body(body, targets_, payload, has_payload, position, MAX_SLOTS);
   }
 
  private:

@@ -237,7 +237,7 @@ TEST(FormatsDocument, SizesOfRecordsMatchTheHeader) {
 TEST(Documents, SectionsThatSourcesReferToExist) {
   static const std::regex reference(R"re((docs/\w+\.md),(?:\s|//)+"([^"\n]+)")re");
   int n_references = 0;
-  for (const char *const folder : {"utils", "catalog", "host", "recovery", "durable", "metricdb", "tools"})
+  for (const char *const folder : {"utils", "catalog", "host", "recovery", "durable", "replica", "metricdb", "tools"})
     for (const auto &file : fs::recursive_directory_iterator(ROOT / folder)) {
       if (file.path().extension() != ".h" && file.path().extension() != ".cpp") continue;
       const std::string text = content_of(file.path());
@@ -252,16 +252,16 @@ TEST(Documents, SectionsThatSourcesReferToExist) {
 
 TEST(Documents, NamedFilesAndTestsExist) {
   std::string paths, tests;
-  for (const char *const folder :
-       {"utils", "catalog", "host", "recovery", "durable", "metricdb", "tools", "fuzz", "tests", "docs", "bench"})
+  for (const char *const folder : {"utils", "catalog", "host", "recovery", "durable", "replica", "metricdb", "tools",
+                                   "fuzz", "tests", "docs", "bench"})
     for (const auto &file : fs::recursive_directory_iterator(ROOT / folder)) paths += file.path().string() + "\n";
   for (const auto &file : fs::directory_iterator(ROOT)) paths += file.path().string() + "\n";
   for (const auto &file : fs::recursive_directory_iterator(ROOT / "tests"))
     if (file.path().extension() == ".cpp") tests += content_of(file.path());
   static const std::regex quoted("`([^`\n]+)`"), file(R"(([\w-]+/)*\w+\.(h|cpp|c|md))"),
       test(R"((?:\w+_test\.)?([A-Z]\w+)\.([A-Z]\w+))");
-  for (const char *const document :
-       {"docs/durable.md", "docs/formats.md", "docs/hosting.md", "docs/reliability.md", "CONTRIBUTING.md"}) {
+  for (const char *const document : {"docs/durable.md", "docs/formats.md", "docs/hosting.md", "docs/reliability.md",
+                                     "docs/scale.md", "CONTRIBUTING.md"}) {
     const std::string text = content_of(ROOT / document);
     int n_names = 0;
     for (std::sregex_iterator it(text.begin(), text.end(), quoted), end; it != end; ++it) {

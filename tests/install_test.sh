@@ -47,6 +47,9 @@ by_cmake() {
 }
 by_cmake "$scratch/by_cmake" "C;CXX"
 check_hosts "$scratch/by_cmake"
+if [ -e "$prefix/include/tslb/replica.h" ]; then
+  expect "$("$scratch/by_cmake/replica_host_c")" "no servers, code 2"
+fi
 by_cmake "$scratch/in_c" C
 check_host_c "$scratch/in_c"
 

@@ -19,6 +19,8 @@ struct store_t {
   Gate gate;
   std::mutex mutex;  // guards the tickets
   std::mutex flush_mutex;
+  std::condition_variable written;
+  bool is_written_by_waiter;
   uint64_t last_ticket, settled;
   uint32_t bytes[MAX_THREADS], copied[MAX_THREADS];
 };
@@ -63,9 +65,21 @@ uint64_t settled() {
   return store->settled;
 }
 void settle(uint64_t ticket) {
-  while (settled() < ticket) {
-    const std::lock_guard flushing(store->flush_mutex);
-    if (settled() < ticket) copy_group();
+  std::unique_lock lock(store->mutex);
+  while (store->settled < ticket) {
+    if (store->is_written_by_waiter) {
+      store->written.wait(lock, [&] { return store->settled >= ticket || !store->is_written_by_waiter; });
+      continue;
+    }
+    store->is_written_by_waiter = true;
+    lock.unlock();
+    {
+      const std::lock_guard flushing(store->flush_mutex);
+      if (settled() < ticket) copy_group();
+    }
+    lock.lock();
+    store->is_written_by_waiter = false;
+    store->written.notify_all();
   }
 }
 

@@ -82,6 +82,8 @@ class TestStore {
     return store_ != nullptr;
   }
   int close() { return tslb_store_close(std::exchange(store_, nullptr), &error); }
+  // A store that another object opened, and closes after abandon().
+  void use(tslb_store_t *store) { store_ = store; }
   // As a killed process leaves it: nothing is written any more. The memory is lost.
   tslb_store_t *abandon() { return std::exchange(store_, nullptr); }
 

@@ -1,0 +1,239 @@
+#include "nats_log.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <charconv>
+#include <thread>
+
+namespace tslb_replica {
+namespace {
+
+constexpr int64_t API_WAIT_MS = 2000;
+constexpr std::chrono::milliseconds RETRY{50};
+constexpr size_t MAX_UNANSWERED = 16;  // messages that are sent before the first is answered
+constexpr const char *EXPECTED_LAST = "Nats-Expected-Last-Sequence";
+
+void expect_ok(natsStatus status, const std::string &what) {
+  if (status != NATS_OK) throw Unreachable(fmt::format("{}: {}", what, natsStatus_GetText(status)));
+}
+
+std::string text_of(natsMsg *message) {
+  return {natsMsg_GetData(message), static_cast<size_t>(natsMsg_GetDataLength(message))};
+}
+
+Connection connect(const NatsOptions &options) {
+  natsOptions *made = nullptr;
+  expect_ok(natsOptions_Create(&made), "options");
+  const std::unique_ptr<natsOptions, Destroy<natsOptions_Destroy>> chosen(made);
+  std::vector<std::string> servers;
+  for (std::string_view rest = options.servers; !rest.empty();) {
+    const size_t end = std::min(rest.find(','), rest.size());
+    servers.emplace_back(rest.substr(0, end));
+    rest.remove_prefix(std::min(end + 1, rest.size()));
+  }
+  std::vector<const char *> urls;
+  for (const std::string &server : servers) urls.push_back(server.c_str());
+  natsStatus status = natsOptions_SetServers(made, urls.data(), static_cast<int>(urls.size()));
+  if (status == NATS_OK) status = natsOptions_SetTimeout(made, API_WAIT_MS);
+  // Otherwise a thread of the client sends what was collected for a millisecond.
+  if (status == NATS_OK) status = natsOptions_SetSendAsap(made, true);
+  if (status == NATS_OK) status = natsOptions_SetMaxReconnect(made, -1);
+  if (status == NATS_OK) status = natsOptions_SetReconnectWait(made, RETRY.count());
+  if (status == NATS_OK) status = natsOptions_SetReconnectJitter(made, RETRY.count(), RETRY.count());
+  if (status == NATS_OK) status = natsOptions_SetPingInterval(made, API_WAIT_MS);
+  if (status != NATS_OK)
+    throw tslb_durable::StoreError(TSLB_DURABLE_INVALID,
+                                   fmt::format("{}: {}", options.servers, natsStatus_GetText(status)));
+  const auto deadline = Clock::now() + options.patience;
+  for (;;) {
+    natsConnection *connection = nullptr;
+    status = natsConnection_Connect(&connection, made);
+    if (status == NATS_OK) return Connection(connection);
+    if (Clock::now() > deadline) expect_ok(status, options.servers);
+    std::this_thread::sleep_for(RETRY);
+  }
+}
+
+// Returns the number after a name in an answer of the servers; 0 if there is none. Their answers are flat JSON objects.
+uint64_t number_after(std::string_view answer, std::string_view name) {
+  const size_t at = answer.find(name);
+  uint64_t number = 0;
+  if (at != std::string_view::npos)
+    std::from_chars(answer.data() + at + name.size(), answer.data() + answer.size(), number);
+  return number;
+}
+
+}  // namespace
+
+// ---- One stream ----------------------------------------------------------------------------------------------------
+
+NatsStream::NatsStream(natsConnection *connection, jsCtx *js, const NatsOptions &options, const std::string &suffix,
+                       uint64_t max_bytes)
+    : connection_(connection),
+      js_(js),
+      name_(options.name + "_" + suffix),
+      subject_(options.name + "." + suffix),
+      patience_(options.patience) {
+  jsStreamConfig config;
+  jsStreamConfig_Init(&config);
+  const char *subjects[] = {subject_.c_str()};
+  config.Name = name_.c_str();
+  config.Subjects = subjects;
+  config.SubjectsLen = 1;
+  config.Storage = js_FileStorage;
+  config.Replicas = options.n_copies;
+  config.AllowDirect = true;
+  if (max_bytes != 0) config.MaxBytes = static_cast<int64_t>(max_bytes);
+  const auto deadline = Clock::now() + patience_;
+  for (;;) {
+    jsErrCode code = static_cast<jsErrCode>(0);
+    const natsStatus status = js_AddStream(nullptr, js_, &config, nullptr, &code);
+    if (status == NATS_OK) break;
+    // It exists with another configuration, which is the operator's decision.
+    jsStreamInfo *found = nullptr;
+    const bool exists = js_GetStreamInfo(&found, js_, name_.c_str(), nullptr, nullptr) == NATS_OK;
+    jsStreamInfo_Destroy(found);
+    if (exists) break;
+    if (Clock::now() > deadline)
+      throw Unreachable(fmt::format("stream {}: {} ({})", name_, natsStatus_GetText(status), static_cast<int>(code)));
+    std::this_thread::sleep_for(RETRY);
+  }
+  natsInbox *inbox = nullptr;
+  expect_ok(natsInbox_Create(&inbox), name_);
+  inbox_ = inbox;
+  natsInbox_Destroy(inbox);
+  natsSubscription *answers = nullptr;
+  expect_ok(natsConnection_SubscribeSync(&answers, connection_, (inbox_ + ".*").c_str()), name_);
+  answers_.reset(answers);
+}
+
+std::string NatsStream::place(uint64_t sequence) const {
+  return fmt::format("{}: sequence {}", name_, sequence);
+}
+
+Span NatsStream::span() {
+  jsStreamInfo *info = nullptr;
+  expect_ok(js_GetStreamInfo(&info, js_, name_.c_str(), nullptr, nullptr), name_);
+  Span span = {info->State.FirstSeq, info->State.LastSeq};
+  if (info->State.Msgs == 0) span.first = span.last + 1;
+  jsStreamInfo_Destroy(info);
+  return span;
+}
+
+std::optional<std::string> NatsStream::read(uint64_t sequence) {
+  natsMsg *message = nullptr;
+  const natsStatus status = js_GetMsg(&message, js_, name_.c_str(), sequence, nullptr, nullptr);
+  if (status == NATS_NOT_FOUND) return std::nullopt;
+  expect_ok(status, place(sequence));
+  return text_of(NatsMessage(message).get());
+}
+
+void NatsStream::purge_before(uint64_t sequence) {
+  jsOptions options;
+  jsOptions_Init(&options);
+  options.Stream.Purge.Sequence = sequence;
+  expect_ok(js_PurgeStream(js_, name_.c_str(), &options, nullptr), name_);
+}
+
+// Sends the messages from `first` on, and waits for the answers. Returns whether all are in the stream.
+bool NatsStream::send(const std::vector<std::string> &messages, size_t first, uint64_t last) {
+  const std::string batch = fmt::format("{}.{}-", inbox_, ++n_sent_);
+  const size_t end = std::min(messages.size(), first + MAX_UNANSWERED);
+  for (size_t i = first; i < end; ++i) {
+    natsMsg *made = nullptr;
+    expect_ok(natsMsg_Create(&made, subject_.c_str(), fmt::format("{}{}", batch, i).c_str(), messages[i].data(),
+                             static_cast<int>(messages[i].size())),
+              name_);
+    const NatsMessage message(made);
+    expect_ok(natsMsgHeader_Set(made, EXPECTED_LAST, fmt::format("{}", last + i).c_str()), name_);
+    if (natsConnection_PublishMsg(connection_, made) != NATS_OK) return false;
+  }
+  for (size_t n_answered = 0; n_answered < end - first;) {
+    natsMsg *received = nullptr;
+    if (natsSubscription_NextMsg(&received, answers_.get(), API_WAIT_MS) != NATS_OK) return false;
+    const NatsMessage answer(received);
+    if (!std::string_view(natsMsg_GetSubject(received)).starts_with(batch)) continue;  // of an attempt before
+    const std::string text = text_of(received);
+    if (natsMsg_IsNoResponders(received) || number_after(text, "\"seq\":") == 0 || text.find("\"error\"") != text.npos)
+      return false;
+    ++n_answered;
+  }
+  return true;
+}
+
+// Returns how many of the messages are in the stream. Throws Fenced.
+size_t NatsStream::count_published(const std::vector<std::string> &messages, uint64_t last) {
+  const Span found = span();
+  if (found.last < last)
+    throw Fenced(fmt::format("{}: ends with sequence {}, but sequence {} was in it", name_, found.last, last));
+  const size_t n_found = std::min<uint64_t>(messages.size(), found.last - last);
+  // The messages before are ours if this one is: each expected the one before it.
+  if (n_found != 0 && read(last + n_found) != messages[n_found - 1])
+    throw Fenced(fmt::format("{}: another replica has written", place(last + n_found)));
+  return n_found;
+}
+
+void NatsStream::publish(const std::vector<std::string> &messages, uint64_t last) {
+  const auto deadline = Clock::now() + patience_;
+  for (size_t n_published = 0; n_published < messages.size();) {
+    if (send(messages, n_published, last)) {
+      n_published = std::min(messages.size(), n_published + MAX_UNANSWERED);
+      continue;
+    }
+    // What was sent is in the stream, or not, or comes later. Sent again it is refused, or the other one is.
+    try {
+      n_published = count_published(messages, last);
+      if (n_published < messages.size() && Clock::now() > deadline)
+        throw Unreachable(fmt::format("{}: refuses messages after sequence {}", name_, last));
+    } catch (const Unreachable &) {
+      if (Clock::now() > deadline) throw;
+    }
+    std::this_thread::sleep_for(RETRY);
+  }
+}
+
+void NatsStream::subscribe(uint64_t sequence) {
+  subscription_.reset();
+  jsSubOptions options;
+  jsSubOptions_Init(&options);
+  options.Ordered = true;
+  options.Stream = name_.c_str();
+  options.Config.DeliverPolicy = js_DeliverByStartSequence;
+  options.Config.OptStartSeq = std::max<uint64_t>(sequence, 1);
+  natsSubscription *made = nullptr;
+  expect_ok(js_SubscribeSync(&made, js_, subject_.c_str(), nullptr, &options, nullptr), name_);
+  subscription_.reset(made);
+}
+
+std::optional<ReadMessage> NatsStream::receive(std::chrono::milliseconds time) {
+  natsMsg *received = nullptr;
+  const natsStatus status = natsSubscription_NextMsg(&received, subscription_.get(), time.count());
+  if (status == NATS_TIMEOUT) return std::nullopt;
+  expect_ok(status, name_);
+  const NatsMessage message(received);
+  jsMsgMetaData *meta = nullptr;
+  expect_ok(natsMsg_GetMetaData(&meta, received), name_);
+  const uint64_t sequence = meta->Sequence.Stream;
+  jsMsgMetaData_Destroy(meta);
+  return ReadMessage{sequence, text_of(received)};
+}
+
+// ---- Both streams --------------------------------------------------------------------------------------------------
+
+NatsLog::NatsLog(const NatsOptions &options) : connection_(connect(options)) {
+  jsOptions js_options;
+  jsOptions_Init(&js_options);
+  js_options.Wait = API_WAIT_MS;
+  jsCtx *js = nullptr;
+  expect_ok(natsConnection_JetStream(&js, connection_.get(), &js_options), options.servers);
+  js_.reset(js);
+  log_.emplace(connection_.get(), js, options, "log", options.log_bytes);
+  snapshots_.emplace(connection_.get(), js, options, "snapshot", 0);
+}
+
+uint64_t NatsLog::max_bytes() const {
+  return static_cast<uint64_t>(std::max<int64_t>(natsConnection_GetMaxPayload(connection_.get()), 1));
+}
+
+}  // namespace tslb_replica
