@@ -38,19 +38,25 @@ Connection connect(const NatsOptions &options) {
   if (status == NATS_OK) status = natsOptions_SetTimeout(made, API_WAIT_MS);
   // Otherwise a thread of the client sends what was collected for a millisecond.
   if (status == NATS_OK) status = natsOptions_SetSendAsap(made, true);
-  if (status == NATS_OK) status = natsOptions_SetMaxReconnect(made, -1);
-  if (status == NATS_OK) status = natsOptions_SetReconnectWait(made, RETRY.count());
-  if (status == NATS_OK) status = natsOptions_SetReconnectJitter(made, RETRY.count(), RETRY.count());
+  if (status == NATS_OK) status = natsOptions_SetAllowReconnect(made, false);
   if (status == NATS_OK) status = natsOptions_SetPingInterval(made, API_WAIT_MS);
   if (status != NATS_OK)
     throw tslb_durable::StoreError(TSLB_DURABLE_INVALID,
                                    fmt::format("{}: {}", options.servers, natsStatus_GetText(status)));
-  const auto deadline = Clock::now() + options.patience;
-  for (;;) {
-    natsConnection *connection = nullptr;
-    status = natsConnection_Connect(&connection, made);
-    if (status == NATS_OK) return Connection(connection);
-    if (Clock::now() > deadline) expect_ok(status, options.servers);
+  natsConnection *connection = nullptr;
+  expect_ok(natsConnection_Connect(&connection, made), options.servers);
+  return Connection(connection);
+}
+
+// Repeats an operation until it succeeds or the patience is over.
+template <class Operation>
+auto patiently(std::chrono::milliseconds patience, Operation operation) {
+  for (const auto deadline = Clock::now() + patience;;) {
+    try {
+      return operation();
+    } catch (const Unreachable &) {
+      if (Clock::now() > deadline) throw;
+    }
     std::this_thread::sleep_for(RETRY);
   }
 }
@@ -66,15 +72,33 @@ uint64_t number_after(std::string_view answer, std::string_view name) {
 
 }  // namespace
 
+std::shared_ptr<Link> Links::get() {
+  const std::lock_guard lock(mutex_);
+  if (link_ && !natsConnection_IsClosed(link_->connection.get())) return link_;
+  auto link = std::make_shared<Link>();
+  link->connection = connect(options_);
+  jsOptions js_options;
+  jsOptions_Init(&js_options);
+  js_options.Wait = API_WAIT_MS;
+  jsCtx *js = nullptr;
+  expect_ok(natsConnection_JetStream(&js, link->connection.get(), &js_options), options_.servers);
+  link->js.reset(js);
+  link_ = link;
+  return link;
+}
+
 // ---- One stream ----------------------------------------------------------------------------------------------------
 
-NatsStream::NatsStream(natsConnection *connection, jsCtx *js, const NatsOptions &options, const std::string &suffix,
-                       uint64_t max_bytes)
-    : connection_(connection),
-      js_(js),
+NatsStream::NatsStream(Links &links, const NatsOptions &options, const std::string &suffix, uint64_t max_bytes)
+    : links_(links),
       name_(options.name + "_" + suffix),
       subject_(options.name + "." + suffix),
       patience_(options.patience) {
+  patiently(patience_, [&] { make(max_bytes, options.n_copies); });
+}
+
+void NatsStream::make(uint64_t max_bytes, uint32_t n_copies) {
+  const std::shared_ptr<Link> link = links_.get();
   jsStreamConfig config;
   jsStreamConfig_Init(&config);
   const char *subjects[] = {subject_.c_str()};
@@ -82,30 +106,18 @@ NatsStream::NatsStream(natsConnection *connection, jsCtx *js, const NatsOptions 
   config.Subjects = subjects;
   config.SubjectsLen = 1;
   config.Storage = js_FileStorage;
-  config.Replicas = options.n_copies;
+  config.Replicas = n_copies;
   config.AllowDirect = true;
   if (max_bytes != 0) config.MaxBytes = static_cast<int64_t>(max_bytes);
-  const auto deadline = Clock::now() + patience_;
-  for (;;) {
-    jsErrCode code = static_cast<jsErrCode>(0);
-    const natsStatus status = js_AddStream(nullptr, js_, &config, nullptr, &code);
-    if (status == NATS_OK) break;
-    // It exists with another configuration, which is the operator's decision.
-    jsStreamInfo *found = nullptr;
-    const bool exists = js_GetStreamInfo(&found, js_, name_.c_str(), nullptr, nullptr) == NATS_OK;
-    jsStreamInfo_Destroy(found);
-    if (exists) break;
-    if (Clock::now() > deadline)
-      throw Unreachable(fmt::format("stream {}: {} ({})", name_, natsStatus_GetText(status), static_cast<int>(code)));
-    std::this_thread::sleep_for(RETRY);
-  }
-  natsInbox *inbox = nullptr;
-  expect_ok(natsInbox_Create(&inbox), name_);
-  inbox_ = inbox;
-  natsInbox_Destroy(inbox);
-  natsSubscription *answers = nullptr;
-  expect_ok(natsConnection_SubscribeSync(&answers, connection_, (inbox_ + ".*").c_str()), name_);
-  answers_.reset(answers);
+  jsErrCode code = static_cast<jsErrCode>(0);
+  const natsStatus status = js_AddStream(nullptr, link->js.get(), &config, nullptr, &code);
+  if (status == NATS_OK) return;
+  // It exists with another configuration, which is the operator's decision.
+  jsStreamInfo *found = nullptr;
+  const bool exists = js_GetStreamInfo(&found, link->js.get(), name_.c_str(), nullptr, nullptr) == NATS_OK;
+  jsStreamInfo_Destroy(found);
+  if (!exists)
+    throw Unreachable(fmt::format("stream {}: {} ({})", name_, natsStatus_GetText(status), static_cast<int>(code)));
 }
 
 std::string NatsStream::place(uint64_t sequence) const {
@@ -114,7 +126,8 @@ std::string NatsStream::place(uint64_t sequence) const {
 
 Span NatsStream::span() {
   jsStreamInfo *info = nullptr;
-  expect_ok(js_GetStreamInfo(&info, js_, name_.c_str(), nullptr, nullptr), name_);
+  const std::shared_ptr<Link> link = links_.get();
+  expect_ok(js_GetStreamInfo(&info, link->js.get(), name_.c_str(), nullptr, nullptr), name_);
   Span span = {info->State.FirstSeq, info->State.LastSeq};
   if (info->State.Msgs == 0) span.first = span.last + 1;
   jsStreamInfo_Destroy(info);
@@ -123,7 +136,8 @@ Span NatsStream::span() {
 
 std::optional<std::string> NatsStream::read(uint64_t sequence) {
   natsMsg *message = nullptr;
-  const natsStatus status = js_GetMsg(&message, js_, name_.c_str(), sequence, nullptr, nullptr);
+  const std::shared_ptr<Link> link = links_.get();
+  const natsStatus status = js_GetMsg(&message, link->js.get(), name_.c_str(), sequence, nullptr, nullptr);
   if (status == NATS_NOT_FOUND) return std::nullopt;
   expect_ok(status, place(sequence));
   return text_of(NatsMessage(message).get());
@@ -133,11 +147,27 @@ void NatsStream::purge_before(uint64_t sequence) {
   jsOptions options;
   jsOptions_Init(&options);
   options.Stream.Purge.Sequence = sequence;
-  expect_ok(js_PurgeStream(js_, name_.c_str(), &options, nullptr), name_);
+  const std::shared_ptr<Link> link = links_.get();
+  expect_ok(js_PurgeStream(link->js.get(), name_.c_str(), &options, nullptr), name_);
+}
+
+void NatsStream::receive_answers(const std::shared_ptr<Link> &link) {
+  if (answers_.link == link) return;
+  answers_.subscription.reset();
+  natsInbox *inbox = nullptr;
+  expect_ok(natsInbox_Create(&inbox), name_);
+  inbox_ = inbox;
+  natsInbox_Destroy(inbox);
+  natsSubscription *made = nullptr;
+  expect_ok(natsConnection_SubscribeSync(&made, link->connection.get(), (inbox_ + ".*").c_str()), name_);
+  answers_.subscription.reset(made);
+  answers_.link = link;
 }
 
 // Sends the messages from `first` on, and waits for the answers. Returns whether all are in the stream.
 bool NatsStream::send(const std::vector<std::string> &messages, size_t first, uint64_t last) {
+  const std::shared_ptr<Link> link = links_.get();
+  receive_answers(link);
   const std::string batch = fmt::format("{}.{}-", inbox_, ++n_sent_);
   const size_t end = std::min(messages.size(), first + MAX_UNANSWERED);
   for (size_t i = first; i < end; ++i) {
@@ -147,11 +177,11 @@ bool NatsStream::send(const std::vector<std::string> &messages, size_t first, ui
               name_);
     const NatsMessage message(made);
     expect_ok(natsMsgHeader_Set(made, EXPECTED_LAST, fmt::format("{}", last + i).c_str()), name_);
-    if (natsConnection_PublishMsg(connection_, made) != NATS_OK) return false;
+    if (natsConnection_PublishMsg(link->connection.get(), made) != NATS_OK) return false;
   }
   for (size_t n_answered = 0; n_answered < end - first;) {
     natsMsg *received = nullptr;
-    if (natsSubscription_NextMsg(&received, answers_.get(), API_WAIT_MS) != NATS_OK) return false;
+    if (natsSubscription_NextMsg(&received, answers_.subscription.get(), API_WAIT_MS) != NATS_OK) return false;
     const NatsMessage answer(received);
     if (!std::string_view(natsMsg_GetSubject(received)).starts_with(batch)) continue;  // of an attempt before
     const std::string text = text_of(received);
@@ -177,12 +207,12 @@ size_t NatsStream::count_published(const std::vector<std::string> &messages, uin
 void NatsStream::publish(const std::vector<std::string> &messages, uint64_t last) {
   const auto deadline = Clock::now() + patience_;
   for (size_t n_published = 0; n_published < messages.size();) {
-    if (send(messages, n_published, last)) {
-      n_published = std::min(messages.size(), n_published + MAX_UNANSWERED);
-      continue;
-    }
     // What was sent is in the stream, or not, or comes later. Sent again it is refused, or the other one is.
     try {
+      if (send(messages, n_published, last)) {
+        n_published = std::min(messages.size(), n_published + MAX_UNANSWERED);
+        continue;
+      }
       n_published = count_published(messages, last);
       if (n_published < messages.size() && Clock::now() > deadline)
         throw Unreachable(fmt::format("{}: refuses messages after sequence {}", name_, last));
@@ -194,7 +224,8 @@ void NatsStream::publish(const std::vector<std::string> &messages, uint64_t last
 }
 
 void NatsStream::subscribe(uint64_t sequence) {
-  subscription_.reset();
+  followed_.subscription.reset();
+  followed_.link = links_.get();
   jsSubOptions options;
   jsSubOptions_Init(&options);
   options.Ordered = true;
@@ -202,13 +233,13 @@ void NatsStream::subscribe(uint64_t sequence) {
   options.Config.DeliverPolicy = js_DeliverByStartSequence;
   options.Config.OptStartSeq = std::max<uint64_t>(sequence, 1);
   natsSubscription *made = nullptr;
-  expect_ok(js_SubscribeSync(&made, js_, subject_.c_str(), nullptr, &options, nullptr), name_);
-  subscription_.reset(made);
+  expect_ok(js_SubscribeSync(&made, followed_.link->js.get(), subject_.c_str(), nullptr, &options, nullptr), name_);
+  followed_.subscription.reset(made);
 }
 
 std::optional<ReadMessage> NatsStream::receive(std::chrono::milliseconds time) {
   natsMsg *received = nullptr;
-  const natsStatus status = natsSubscription_NextMsg(&received, subscription_.get(), time.count());
+  const natsStatus status = natsSubscription_NextMsg(&received, followed_.subscription.get(), time.count());
   if (status == NATS_TIMEOUT) return std::nullopt;
   expect_ok(status, name_);
   const NatsMessage message(received);
@@ -221,19 +252,14 @@ std::optional<ReadMessage> NatsStream::receive(std::chrono::milliseconds time) {
 
 // ---- Both streams --------------------------------------------------------------------------------------------------
 
-NatsLog::NatsLog(const NatsOptions &options) : connection_(connect(options)) {
-  jsOptions js_options;
-  jsOptions_Init(&js_options);
-  js_options.Wait = API_WAIT_MS;
-  jsCtx *js = nullptr;
-  expect_ok(natsConnection_JetStream(&js, connection_.get(), &js_options), options.servers);
-  js_.reset(js);
-  log_.emplace(connection_.get(), js, options, "log", options.log_bytes);
-  snapshots_.emplace(connection_.get(), js, options, "snapshot", 0);
+NatsLog::NatsLog(const NatsOptions &options) : links_(options) {
+  patiently(options.patience, [this] { links_.get(); });
+  log_.emplace(links_, options, "log", options.log_bytes);
+  snapshots_.emplace(links_, options, "snapshot", 0);
 }
 
-uint64_t NatsLog::max_bytes() const {
-  return static_cast<uint64_t>(std::max<int64_t>(natsConnection_GetMaxPayload(connection_.get()), 1));
+uint64_t NatsLog::max_bytes() {
+  return static_cast<uint64_t>(std::max<int64_t>(natsConnection_GetMaxPayload(links_.get()->connection.get()), 1));
 }
 
 }  // namespace tslb_replica

@@ -42,6 +42,12 @@ using Subscription = std::unique_ptr<natsSubscription, Destroy<natsSubscription_
 using NatsMessage = std::unique_ptr<natsMsg, Destroy<natsMsg_Destroy>>;
 using JetStream = std::unique_ptr<jsCtx, Destroy<jsCtx_Destroy>>;
 
+// A connection. Whoever uses it shares it, because another can replace it meanwhile.
+struct Link {
+  Connection connection;
+  JetStream js;  // released before the connection
+};
+
 struct NatsOptions {
   std::string servers;
   std::string name;
@@ -61,11 +67,24 @@ struct ReadMessage {
   std::string bytes;
 };
 
+// Connects, and connects again when a connection has ended. The client's own way to do that is not used: in its version
+// 3.4 a connection that fails again while it is made ends the process. Threads: any.
+class Links {
+ public:
+  explicit Links(const NatsOptions &options) : options_(options) {}
+  // Returns a connection. Throws Unreachable.
+  std::shared_ptr<Link> get();
+
+ private:
+  const NatsOptions options_;
+  std::mutex mutex_;
+  std::shared_ptr<Link> link_;
+};
+
 class NatsStream {
  public:
   // Makes the stream if it does not exist.
-  NatsStream(natsConnection *connection, jsCtx *js, const NatsOptions &options, const std::string &suffix,
-             uint64_t max_bytes);
+  NatsStream(Links &links, const NatsOptions &options, const std::string &suffix, uint64_t max_bytes);
 
   // Throw Unreachable.
   Span span();
@@ -91,16 +110,23 @@ class NatsStream {
   std::optional<ReadMessage> receive(std::chrono::milliseconds time);
 
  private:
+  // A subscription with its connection.
+  struct Receiver {
+    std::shared_ptr<Link> link;
+    Subscription subscription;  // released before the connection
+  };
+
+  void make(uint64_t max_bytes, uint32_t n_copies);
+  void receive_answers(const std::shared_ptr<Link> &link);
   bool send(const std::vector<std::string> &messages, size_t first, uint64_t last);
   size_t count_published(const std::vector<std::string> &messages, uint64_t last);
 
-  natsConnection *const connection_;
-  jsCtx *const js_;
+  Links &links_;
   const std::string name_, subject_;
   const std::chrono::milliseconds patience_;
-  Subscription subscription_;
+  Receiver followed_;
   std::string inbox_;
-  Subscription answers_;
+  Receiver answers_;
   uint64_t n_sent_ = 0;
 };
 
@@ -112,11 +138,10 @@ class NatsLog {
   NatsStream &log() { return *log_; }
   NatsStream &snapshots() { return *snapshots_; }
   // Bytes that a message may have.
-  uint64_t max_bytes() const;
+  uint64_t max_bytes();
 
  private:
-  Connection connection_;
-  JetStream js_;
+  Links links_;
   std::optional<NatsStream> log_, snapshots_;
 };
 
