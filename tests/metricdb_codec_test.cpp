@@ -23,7 +23,7 @@ static double of_bits(uint64_t bits) {
 }
 
 static bool same(const std::vector<Point> &a, const std::vector<Point> &b) {
-  return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(Point)) == 0;
+  return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(Point)) == 0);
 }
 
 // Uses an odd address and exactly the promised room, so that a sanitizer detects an access outside of it.
