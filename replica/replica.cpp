@@ -274,6 +274,7 @@ void tslb_replica_t::found_log() {
 }
 
 void tslb_replica_t::lead(uint64_t last) {
+  log_.log().unsubscribe();
   const MessageSource own = source();
   {
     const std::lock_guard lock(mutex_);
