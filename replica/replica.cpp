@@ -121,6 +121,7 @@ tslb_replica_t::tslb_replica_t(const std::string &folder, const tslb_array_decl_
   store_ = tslb_store_open(folder.c_str(), arrays, n_arrays, &store_options, &error);
   if (store_ == nullptr)
     throw StoreError(static_cast<tslb_durable_code_t>(error.code), error.text, error.file, error.byte, error.errnum);
+  if (set_aside_) set_aside_->sync();
   start_following();
 }
 
