@@ -12,6 +12,7 @@ namespace {
 constexpr int64_t API_WAIT_MS = 2000;
 constexpr std::chrono::milliseconds RETRY{50};
 constexpr size_t MAX_UNANSWERED = 16;  // messages that are sent before the first is answered
+constexpr int64_t HEARTBEAT_NS = 500'000'000;
 constexpr const char *EXPECTED_LAST = "Nats-Expected-Last-Sequence";
 
 void expect_ok(natsStatus status, const std::string &what) {
@@ -228,13 +229,24 @@ void NatsStream::subscribe(uint64_t sequence) {
   followed_.link = links_.get();
   jsSubOptions options;
   jsSubOptions_Init(&options);
-  options.Ordered = true;
   options.Stream = name_.c_str();
   options.Config.DeliverPolicy = js_DeliverByStartSequence;
   options.Config.OptStartSeq = std::max<uint64_t>(sequence, 1);
+  // An "ordered" subscription of the client, without its repair of gaps in a thread of its own: the reader of the log finds
+  // these, and subscribes again.
+  options.Config.AckPolicy = js_AckNone;
+  options.Config.FlowControl = true;
+  options.Config.Heartbeat = HEARTBEAT_NS;
+  options.Config.MemoryStorage = true;
+  options.Config.Replicas = 1;
   natsSubscription *made = nullptr;
   expect_ok(js_SubscribeSync(&made, followed_.link->js.get(), subject_.c_str(), nullptr, &options, nullptr), name_);
   followed_.subscription.reset(made);
+}
+
+void NatsStream::unsubscribe() {
+  followed_.subscription.reset();
+  followed_.link.reset();
 }
 
 std::optional<ReadMessage> NatsStream::receive(std::chrono::milliseconds time) {

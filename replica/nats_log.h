@@ -106,6 +106,7 @@ class NatsStream {
 
   // Begins to receive the messages from a sequence on.
   void subscribe(uint64_t sequence);
+  void unsubscribe();
   // Nothing after the time.
   std::optional<ReadMessage> receive(std::chrono::milliseconds time);
 

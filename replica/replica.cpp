@@ -121,6 +121,7 @@ tslb_replica_t::tslb_replica_t(const std::string &folder, const tslb_array_decl_
   store_ = tslb_store_open(folder.c_str(), arrays, n_arrays, &store_options, &error);
   if (store_ == nullptr)
     throw StoreError(static_cast<tslb_durable_code_t>(error.code), error.text, error.file, error.byte, error.errnum);
+  if (set_aside_) set_aside_->sync();
   start_following();
 }
 
@@ -274,6 +275,7 @@ void tslb_replica_t::found_log() {
 }
 
 void tslb_replica_t::lead(uint64_t last) {
+  log_.log().unsubscribe();
   const MessageSource own = source();
   {
     const std::lock_guard lock(mutex_);

@@ -92,21 +92,32 @@ uint64_t tslb_replica_t::next_sequence(const Span &span) {
 
 // ---- Groups that are not in the log --------------------------------------------------------------------------------
 
-// Returns the last group of an epoch that the log is known to have; 0 for none.
-uint64_t tslb_replica_t::last_number_in_log(uint64_t epoch) {
-  const Span span = log_.log().span();
-  if (span.is_empty()) return 0;
+// Returns the last group of an epoch that the log has, for groups that are not before its first message.
+uint64_t tslb_replica_t::last_number_in_log(uint64_t epoch, const Span &span) {
   std::string bytes;
-  Message end = head_at(span.last, bytes);
-  const tslb_durable::Identity own = tslb_durable::read_state(folder_).identity;
-  if (std::memcmp(end.head.identity, own.data(), own.size()) != 0)
-    throw StoreError(TSLB_DURABLE_INVALID, fmt::format("{}: of another store", log_.log().place(span.last)));
+  const Message end = head_at(span.last, bytes);
   if (end.head.epoch < epoch) return 0;
   if (end.head.epoch == epoch) return end.is_last_chunk() ? end.head.number : end.head.number - 1;
   const uint64_t later = first_after(span, [&](const MessageHead &head) { return head.epoch > epoch; });
-  end = head_at(later, bytes);
-  const bool is_known = later > span.first || (end.head.epoch_before == epoch && end.head.kind == MessageKind::epoch);
-  return is_known ? end.head.number - 1 : 0;
+  return head_at(later, bytes).head.number - 1;
+}
+
+// Returns whether the log has a group; nothing if it was cut after it.
+std::optional<bool> tslb_replica_t::is_in_log(const tslb_log_position_t &position) {
+  if (!found_span_) {
+    found_span_ = log_.log().span();
+    if (found_span_->is_empty()) return is_in_log(position);
+    std::string bytes;
+    found_first_ = head_at(found_span_->first, bytes).head;
+    const tslb_durable::Identity own = tslb_durable::read_state(folder_).identity;
+    if (std::memcmp(found_first_.identity, own.data(), own.size()) != 0)
+      throw StoreError(TSLB_DURABLE_INVALID, fmt::format("{}: of another store", log_.log().place(found_span_->first)));
+  }
+  if (found_span_->is_empty()) return found_span_->last == 0 ? std::optional(false) : std::nullopt;
+  if (position.number < found_first_.number) return std::nullopt;
+  if (!last_numbers_.contains(position.epoch))
+    last_numbers_[position.epoch] = last_number_in_log(position.epoch, *found_span_);
+  return position.number <= last_numbers_[position.epoch];
 }
 
 // The groups are whole messages, with the layout 0.
@@ -124,16 +135,24 @@ void tslb_replica_t::set_aside(const tslb_group_t &group) {
   const MessageSource source = {tslb_durable::read_state(folder_).identity, 0};
   const MessageHead head = make_message_head(source, MessageKind::group, group.position, group.position.epoch);
   set_aside_->write(messages_of(head, body, SIZE_MAX / 2).front());
-  set_aside_->sync();
   ++n_set_aside_;
 }
 
+// Groups that are not in the log are the last ones of a store. So all groups before one that is in the log are in it, too;
+// groups of which this is not known are set aside until such a one is found. If none is found, the log was cut after all of
+// them, and the store gets the content of a snapshot.
 int tslb_replica_t::found(const tslb_group_t &group, char *why, size_t capacity) noexcept {
   try {
-    const uint64_t epoch = group.position.epoch;
-    if (!last_numbers_.contains(epoch)) last_numbers_[epoch] = last_number_in_log(epoch);
-    if (group.position.number <= last_numbers_[epoch]) return 1;
+    const std::optional<bool> is_there = is_in_log(group.position);
+    if (is_there && *is_there) {
+      if (set_aside_) tslb_durable::remove_file(set_aside_->path());
+      set_aside_.reset();
+      n_set_aside_ = 0;
+      return 1;
+    }
     set_aside(group);
+    if (!is_there) return 1;
+    if (set_aside_) set_aside_->sync();
     return 0;
   } catch (const std::exception &failure) {
     tslb_durable::copy_text(failure.what(), why, capacity);

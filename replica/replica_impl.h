@@ -43,7 +43,8 @@ struct tslb_replica_t {
   int found(const tslb_group_t &group, char *why, size_t capacity) noexcept;
 
   // Following, in replica_follow.cpp.
-  uint64_t last_number_in_log(uint64_t epoch);
+  uint64_t last_number_in_log(uint64_t epoch, const tslb_replica::Span &span);
+  std::optional<bool> is_in_log(const tslb_log_position_t &position);
   void set_aside(const tslb_group_t &group);
   tslb_replica::Message head_at(uint64_t sequence, std::string &bytes);
   uint64_t first_after(const tslb_replica::Span &span,
@@ -81,7 +82,10 @@ struct tslb_replica_t {
   tslb_replica::NatsLog log_;
   const size_t window_;
   const size_t chunk_bytes_;
-  std::map<uint64_t, uint64_t> last_numbers_;  // epoch: its last group in the log; while the store is opened
+  // While the store is opened: the log as it was found, and the last group of each epoch in it.
+  std::optional<tslb_replica::Span> found_span_;
+  tslb_replica::MessageHead found_first_ = {};
+  std::map<uint64_t, uint64_t> last_numbers_;
   std::optional<tslb_durable::File> set_aside_;
   uint64_t last_set_aside_ = 0;
   tslb_store_t *store_ = nullptr;

@@ -196,11 +196,11 @@ TEST_F(Replica, OfSeveralThatArePromotedAtOnceOneLeads) {
 }
 
 TEST_F(Replica, FollowerBeginsFromASnapshotWhenTheLogWasCut) {
-  const auto leader = make("a"), late = make("b"), fresh = make("c");
+  const auto leader = make("a"), late = make("b"), fresh = make("c"), near = make("d");
   leader->options.mode = TSLB_REPLICA_ASYNC;
   ASSERT_TRUE(leader->open());
   ASSERT_TRUE(leader->promote()) << leader->error.text;
-  ASSERT_TRUE(late->open());
+  ASSERT_TRUE(late->open() && near->open());
   for (int i = 0; i < 20; ++i) ASSERT_EQ(leader->change(random_), 0);
   ASSERT_TRUE(follows(*late, *leader));
   EXPECT_EQ(late->info().n_bootstraps, 1u);
@@ -208,10 +208,13 @@ TEST_F(Replica, FollowerBeginsFromASnapshotWhenTheLogWasCut) {
   for (int i = 0; i < 20; ++i) ASSERT_EQ(leader->change(random_), 0);
   ASSERT_TRUE(leader->publish_snapshot(true)) << leader->error.text;
   for (int i = 0; i < 3; ++i) ASSERT_EQ(leader->change(random_), 0);
-  ASSERT_TRUE(late->open() && fresh->open());
-  for (TestReplica *const follower : {late.get(), fresh.get()}) {
+  ASSERT_TRUE(follows(*near, *leader));
+  ASSERT_TRUE(late->open() && fresh->open() && near->close() == 0 && near->open());
+  for (TestReplica *const follower : {late.get(), fresh.get(), near.get()}) {
     ASSERT_TRUE(follows(*follower, *leader)) << follower->info().text;
-    EXPECT_EQ(follower->info().n_bootstraps, 1u);
+    // The log has the end of what `near` has, so all of it was in the log.
+    EXPECT_EQ(follower->info().n_bootstraps, follower == near.get() ? 0 : 1u);
+    EXPECT_EQ(follower->info().n_set_aside > 0, follower == late.get()) << "what the log may lack is set aside";
     EXPECT_EQ(follower->content(), leader->content());
   }
   // It can lead at once, and the former leader follows it.

@@ -148,6 +148,8 @@ tslb_replica_t *open_replica(const char *folder, const char *servers, tslb_repli
   tslb_replica_options_t options = {};
   options.servers = servers;
   options.name = "events";
+  // A copy of the streams on each server.
+  options.n_copies = static_cast<uint32_t>(1 + std::count(servers, servers + std::strlen(servers), ','));
   options.mode = mode;
   options.store.flags = TSLB_STORE_CREATE;
   tslb_error_t error = {};

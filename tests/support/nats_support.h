@@ -3,6 +3,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -32,6 +33,7 @@ class NatsServer {
     const std::string port = std::to_string(port_);
     process_ = fork();
     if (process_ != 0) return;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);  // also if a test is killed
     const int null = open("/dev/null", O_WRONLY);
     dup2(null, 1);
     dup2(null, 2);
