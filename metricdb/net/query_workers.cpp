@@ -100,7 +100,7 @@ std::shared_ptr<QueryWorkers::Query> QueryWorkers::next() {
 
 void QueryWorkers::run() {
   // Of this thread, and of those that it starts: points that arrive come first. Without the right it stays as it is.
-  constexpr int LOWER_PRIORITY = 5;
+  constexpr int LOWER_PRIORITY = 15;
   [[maybe_unused]] const int ignored = setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), LOWER_PRIORITY);
   while (const std::shared_ptr<Query> query = next()) {
     Done done = answer(*query);
