@@ -231,7 +231,8 @@ class Store {
   void grow_or_seal(uint32_t series, Tail &tail);
   void grow_open(uint32_t series, Tail &tail);
   void seal_open(uint32_t series, Tail &tail);
-  maddr_t seal_run(const char *points, uint32_t count, ValueType type, const srcaddr_t &referrer, const maddr_t &next);
+  maddr_t seal_points(const char *points, uint32_t count, ValueType type, const srcaddr_t &referrer,
+                      const maddr_t &next);
   void set_next(const maddr_t &chunk, const maddr_t &next);
   void set_referrer(const maddr_t &chunk, const srcaddr_t &referrer);
 

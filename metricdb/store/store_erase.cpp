@@ -27,7 +27,7 @@ void Store::replace_sealed(const SeriesRecord &record, const maddr_t &address, c
       is_first ? referrer_of(CATALOGUE_TABLE, series, FIRST_SEALED_REFERENCE) : referrer_in_chunk(place_.previous);
   const SealedChunk head = *sealed_at(address);
   const LiveChange change(live_.get(), LiveChange::CHAIN, series);
-  const maddr_t fresh = count == 0 ? maddr_t{} : seal_run(points, count, record.type(), referrer, head.next);
+  const maddr_t fresh = count == 0 ? maddr_t{} : seal_points(points, count, record.type(), referrer, head.next);
   const maddr_t following = count == 0 ? maddr_t{head.next} : fresh;
   if (is_first)
     record.set_first_sealed(following);

@@ -80,8 +80,8 @@ void Store::grow_open(uint32_t series, Tail &tail) {
 }
 
 // Puts points into a new sealed chunk, which `referrer` is to refer to. Throws StoreFull before anything changes.
-maddr_t Store::seal_run(const char *points, uint32_t count, ValueType type, const srcaddr_t &referrer,
-                        const maddr_t &next) {
+maddr_t Store::seal_points(const char *points, uint32_t count, ValueType type, const srcaddr_t &referrer,
+                           const maddr_t &next) {
   sealed_.resize(max_sealed_chunk_bytes(count));
   const size_t bytes = seal_chunk(points, count, type, sealed_.data());
   reinterpret_cast<SealedChunk *>(sealed_.data())->next = next;
@@ -111,7 +111,7 @@ void Store::seal_open(uint32_t series, Tail &tail) {
   const maddr_t previous = record.last_sealed();
   const srcaddr_t referrer =
       n_sealed == 0 ? referrer_of(CATALOGUE_TABLE, series, FIRST_SEALED_REFERENCE) : referrer_in_chunk(previous);
-  const maddr_t address = seal_run(tail.open, tail.n_open, tail.type, referrer, {});
+  const maddr_t address = seal_points(tail.open, tail.n_open, tail.type, referrer, {});
   if (n_sealed == 0)
     record.set_first_sealed(address);
   else
