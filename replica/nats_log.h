@@ -42,7 +42,7 @@ using Subscription = std::unique_ptr<natsSubscription, Destroy<natsSubscription_
 using NatsMessage = std::unique_ptr<natsMsg, Destroy<natsMsg_Destroy>>;
 using JetStream = std::unique_ptr<jsCtx, Destroy<jsCtx_Destroy>>;
 
-// A connection. Whoever uses it shares it, because another can replace it meanwhile.
+// A connection. Each thread that uses it has a share, since another thread can replace it with a new one.
 struct Link {
   Connection connection;
   JetStream js;  // released before the connection

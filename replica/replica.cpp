@@ -121,8 +121,13 @@ tslb_replica_t::tslb_replica_t(const std::string &folder, const tslb_array_decl_
   store_ = tslb_store_open(folder.c_str(), arrays, n_arrays, &store_options, &error);
   if (store_ == nullptr)
     throw StoreError(static_cast<tslb_durable_code_t>(error.code), error.text, error.file, error.byte, error.errnum);
-  if (set_aside_) set_aside_->sync();
-  start_following();
+  try {
+    if (set_aside_) set_aside_->sync();
+    start_following();
+  } catch (...) {
+    tslb_store_close(store_, nullptr);
+    throw;
+  }
 }
 
 tslb_replica_t::~tslb_replica_t() {
@@ -163,11 +168,11 @@ tslb_replica_info_t tslb_replica_t::info() {
   info.position = position();
   const std::lock_guard lock(mutex_);
   info.role = role_;
-  info.behind = role_ == TSLB_REPLICA_LEADER ? waiting_.size() : behind_;
+  info.lag = role_ == TSLB_REPLICA_LEADER ? waiting_.size() : lag_;
   if (role_ != TSLB_REPLICA_LEADER) {
     const double silent_s = std::chrono::duration<double>(Clock::now() - answered_).count();
-    const double age_s = behind_ != 0 ? static_cast<double>(now_ns() - applied_ns_) / 1e9 : 0;
-    info.behind_s = std::max(silent_s > 2 ? silent_s : 0, applied_ns_ != 0 ? age_s : 0);
+    const double age_s = lag_ != 0 ? static_cast<double>(now_ns() - applied_ns_) / 1e9 : 0;
+    info.lag_s = std::max(silent_s > 2 ? silent_s : 0, applied_ns_ != 0 ? age_s : 0);
   }
   info.n_bootstraps = n_bootstraps_;
   info.n_set_aside = n_set_aside_;
@@ -283,7 +288,7 @@ void tslb_replica_t::lead(uint64_t last) {
     source_ = own;
     text_.clear();
     last_ = last;
-    behind_ = 0;
+    lag_ = 0;
   }
   if (mode_ == TSLB_REPLICA_ASYNC) publisher_ = std::thread([this] { run_publishing(); });
 }

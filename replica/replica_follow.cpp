@@ -248,14 +248,14 @@ void tslb_replica_t::follow_until(const std::function<bool()> &is_done) {
       const std::lock_guard lock(mutex_);
       applied_ns_ = reader_->made_ns();
       answered_ = now;
-      if (behind_ > 0) --behind_;
+      if (lag_ > 0) --lag_;
     }
     if (now - asked < ASK_TIME) continue;
     asked = now;
     const Span span = log_.log().span();
     {
       const std::lock_guard lock(mutex_);
-      behind_ = span.last + 1 > next_ ? span.last + 1 - next_ : 0;
+      lag_ = span.last + 1 > next_ ? span.last + 1 - next_ : 0;
       answered_ = now;
       text_.clear();
     }

@@ -104,7 +104,7 @@ struct tslb_replica_t {
   tslb_replica::MessageSource source_ = {};  // of a leader's messages
   uint64_t last_ = 0;                        // leader: last sequence of the log
   std::deque<std::string> waiting_;          // messages that are not published, of ASYNC
-  uint64_t behind_ = 0;
+  uint64_t lag_ = 0;
   uint64_t applied_ns_ = 0;  // when the last group that was applied was made
   std::chrono::steady_clock::time_point answered_ = tslb_replica::Clock::now();
   uint64_t n_bootstraps_ = 0;

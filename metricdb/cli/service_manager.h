@@ -1,4 +1,5 @@
-// The service manager that has started the process (systemd): the sockets that it passes, and what it is told of the state.
+// The service manager that has started the process (systemd): the sockets that it passes, and the notices of the state that
+// it gets.
 //
 // In a process that no such manager has started nothing is passed, and notices have no effect. The same in a program that
 // was built without libsystemd.

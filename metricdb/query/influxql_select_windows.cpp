@@ -176,6 +176,7 @@ class WindowSelector {
     const size_t n_parts = std::clamp<size_t>(n_members / MEMBERS_OF_PART, 1, MAX_PARTS);
     const size_t n_cells_max = selection_.environment.limits.n_cells;
     plan_.n_cells_max = n_cells_max / n_parts;
+    if (n_parts == 1) return add_to_one();
     try {
       std::vector<WindowPart> parts(n_parts, WindowPart(plan_));
       parallel_for(n_parts, selection_.environment.n_threads, [&](size_t i) {
@@ -187,8 +188,12 @@ class WindowSelector {
     } catch (const TooManyWindows &) {
       plan_.n_cells_max = n_cells_max;
       plan_.n_kept = 0;
-      for (const FoundSeries *const member : plan_.group.members) all_.add(*member);
+      add_to_one();
     }
+  }
+
+  void add_to_one() {
+    for (const FoundSeries *const member : plan_.group.members) all_.add(*member);
   }
 
   // Adds empty windows up to the limits of the statement.

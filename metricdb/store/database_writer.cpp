@@ -258,9 +258,12 @@ std::shared_ptr<StoreChange> DatabaseWriter::next_change(bool &has_more) {
 }
 
 void DatabaseWriter::end_changes(const std::string &why) {
+  {
+    // First, so that no change is requested after the others have failed.
+    const std::lock_guard lock(changes_mutex_);
+    why_no_changes_ = why;
+  }
   fail_changes(why);
-  const std::lock_guard lock(changes_mutex_);
-  why_no_changes_ = why;
 }
 
 void DatabaseWriter::fail_changes(const std::string &why) {

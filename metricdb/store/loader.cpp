@@ -82,8 +82,13 @@ void Loader::drop_stale_series() {
   last_ = {};
 }
 
-uint32_t Loader::series_of(const ParsedLine &line, const ParsedField &field) {
+void Loader::set_key(const ParsedLine &line, const ParsedField &field) {
   key_.assign(line.head).append(1, ' ').append(field.key);
+}
+
+// The line can have the same field again, whose series exists then.
+uint32_t Loader::new_series(const ParsedLine &line, const ParsedField &field) {
+  set_key(line, field);
   if (n_created() - n_created_before_ >= limits_.max_new_series && !store_.find(key_))
     throw StoreFull(fmt::format("no room for more than {} new series at a time", limits_.max_new_series));
   return store_.series_of(key_, type_of(field));
@@ -104,40 +109,39 @@ bool Loader::is_known(const ParsedLine &line, size_t i) const {
   return i < last_.size() && (i < line.n_likely || last_[i].name == line.fields[i].key);
 }
 
-// Before a series is made: one of a refused line would stay without points.
-void Loader::expect_types(const ParsedLine &line) {
+// Sets fields_ to the series that exist, and NO_SERIES. Throws before anything changes if one has another type.
+void Loader::find_series(const ParsedLine &line) {
+  fields_.clear();
   for (size_t i = 0; i < line.fields.size(); ++i) {
     const ParsedField &field = line.fields[i];
-    if (field.integer) continue;
+    uint32_t series = NO_SERIES;
     if (is_known(line, i)) {
-      expect_type(field, last_[i].series);
-      continue;
+      series = last_[i].series;
+    } else {
+      set_key(line, field);
+      series = store_.find(key_).value_or(NO_SERIES);
     }
-    key_.assign(line.head).append(1, ' ').append(field.key);
-    if (const std::optional<uint32_t> series = store_.find(key_)) expect_type(field, *series);
+    if (series != NO_SERIES) expect_type(field, series);
+    fields_.push_back({field.key, series});
   }
 }
 
 void Loader::store_fields(const ParsedLine &line, int64_t ts_ns) {
   drop_stale_series();
-  expect_types(line);
+  find_series(line);
   bool is_like_last = last_.size() == line.fields.size();
-  fields_.clear();
-  for (size_t i = 0; i < line.fields.size(); ++i) {
-    const ParsedField &field = line.fields[i];
-    uint32_t series;
-    if (is_known(line, i)) {
-      series = last_[i].series;
-    } else {
-      series = series_of(line, field);
-      is_like_last = false;
-      // The new series can have replaced another one. Not a series of this line: `make_room` has activated those.
-      drop_stale_series();
-    }
-    expect_type(field, series);  // the line can have an integer and a real number of one new series
-    store_.make_room(series);
-    fields_.push_back({field.key, series});
+  // Activates them, so that a new series replaces none of them.
+  for (size_t i = 0; i < fields_.size(); ++i) {
+    is_like_last = is_like_last && is_known(line, i);
+    if (fields_[i].series != NO_SERIES) store_.make_room(fields_[i].series);
   }
+  for (size_t i = 0; i < fields_.size(); ++i) {
+    if (fields_[i].series != NO_SERIES) continue;
+    fields_[i].series = new_series(line, line.fields[i]);
+    expect_type(line.fields[i], fields_[i].series);  // the line can have an integer and a real number of one new series
+    store_.make_room(fields_[i].series);
+  }
+  drop_stale_series();
   for (size_t i = 0; i < line.fields.size(); ++i) {
     const ParsedField &field = line.fields[i];
     const uint32_t series = fields_[i].series;

@@ -68,6 +68,8 @@ class Loader {
   const LoadStats &stats() const { return stats_; }
 
  private:
+  static constexpr uint32_t NO_SERIES = UINT32_MAX;
+
   bool keys_fit();
   std::string invalid_reason(LineParser::Outcome outcome);
   bool is_future();
@@ -76,11 +78,12 @@ class Loader {
   }
   void store_line(uint64_t number, int64_t now_ns);
   void skip_late(uint64_t number);
-  uint32_t series_of(const ParsedLine &line, const ParsedField &field);
+  void set_key(const ParsedLine &line, const ParsedField &field);
+  uint32_t new_series(const ParsedLine &line, const ParsedField &field);
   uint64_t n_created() const { return store_.n_series() + store_.n_forgotten_series(); }
   bool is_known(const ParsedLine &line, size_t i) const;
-  void expect_types(const ParsedLine &line);
   void expect_type(const ParsedField &field, uint32_t series);
+  void find_series(const ParsedLine &line);
   void store_fields(const ParsedLine &line, int64_t ts_ns);
   void drop_stale_series();
 

@@ -9,6 +9,8 @@
 namespace metricdb {
 namespace {
 
+static_assert(sizeof(SealedChunk) + max_block_bytes(MAX_SEALED_CHUNK_POINTS) <= TSLB_COMPAT_LEN_MAX);
+
 bool decode_run(const SealedChunk &head, const char *bytes, std::vector<Point> &points) {
   const size_t n_before = points.size();
   SealedPoints run(bytes, head.bytes, head.count());

@@ -38,6 +38,8 @@ inline const char *bytes_of(const SealedChunk *chunk) {
   return reinterpret_cast<const char *>(chunk + 1);
 }
 
+inline constexpr size_t MAX_SEALED_CHUNK_POINTS = 3'500;
+
 // Upper bound of the bytes that seal_chunk writes for n points.
 size_t max_sealed_chunk_bytes(size_t n);
 
@@ -45,7 +47,6 @@ size_t max_sealed_chunk_bytes(size_t n);
 //
 // points  n of them, 16 bytes each, at any alignment.
 // n       1 to MAX_SEALED_CHUNK_POINTS.
-inline constexpr size_t MAX_SEALED_CHUNK_POINTS = 3'500;  // fewer bytes than a chunk can have
 size_t seal_chunk(const char *points, size_t n, ValueType type, char *out);
 
 // Appends the points of a chunk to `points`. Accepts any header and any bytes after it, which must not change meanwhile.
