@@ -19,24 +19,24 @@ install(TARGETS tslb tslb_host EXPORT tslb-targets
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(EXPORT tslb-targets NAMESPACE tslb:: DESTINATION ${TSLB_CMAKE_DIR} COMPONENT dev)
 set(pc_names tslb tslb-host)
-# In a file of its own: programs without the durable store need no zstd.
-if(TSLB_BUILD_DURABLE)
-  set_target_properties(tslb_durable PROPERTIES PUBLIC_HEADER "${TSLB_DURABLE_PUBLIC_HEADERS}")
-  install(TARGETS tslb_durable EXPORT tslb-durable-targets
-    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev
-    PUBLIC_HEADER DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tslb COMPONENT dev
+# tslb_install_archive(name component headers...): the archive of tslb::name, with targets in a file of its own.
+function(tslb_install_archive name component)
+  set_target_properties(tslb_${name} PROPERTIES PUBLIC_HEADER "${ARGN}")
+  install(TARGETS tslb_${name} EXPORT tslb-${name}-targets
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ${component}
+    PUBLIC_HEADER DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tslb COMPONENT ${component}
     INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-  install(EXPORT tslb-durable-targets NAMESPACE tslb:: DESTINATION ${TSLB_CMAKE_DIR} COMPONENT dev)
+  install(EXPORT tslb-${name}-targets NAMESPACE tslb:: DESTINATION ${TSLB_CMAKE_DIR} COMPONENT ${component})
+endfunction()
+
+# Programs without the durable store need no zstd.
+if(TSLB_BUILD_DURABLE)
+  tslb_install_archive(durable dev ${TSLB_DURABLE_PUBLIC_HEADERS})
   list(APPEND pc_names tslb-durable)
 endif()
 # In a package of its own, which needs the client of NATS.
 if(TSLB_BUILD_REPLICA)
-  set_target_properties(tslb_replica PROPERTIES PUBLIC_HEADER "${TSLB_REPLICA_PUBLIC_HEADERS}")
-  install(TARGETS tslb_replica EXPORT tslb-replica-targets
-    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT replica
-    PUBLIC_HEADER DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tslb COMPONENT replica
-    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-  install(EXPORT tslb-replica-targets NAMESPACE tslb:: DESTINATION ${TSLB_CMAKE_DIR} COMPONENT replica)
+  tslb_install_archive(replica replica ${TSLB_REPLICA_PUBLIC_HEADERS})
 endif()
 
 set(generated ${PROJECT_BINARY_DIR}/install)
