@@ -119,8 +119,7 @@ tslb_replica_t::tslb_replica_t(const std::string &folder, const tslb_array_decl_
   if (mode_ == TSLB_REPLICA_STREAM) store_options.sync = TSLB_SYNC_NONE;
   tslb_error_t error = {};
   store_ = tslb_store_open(folder.c_str(), arrays, n_arrays, &store_options, &error);
-  if (store_ == nullptr)
-    throw StoreError(static_cast<tslb_durable_code_t>(error.code), error.text, error.file, error.byte, error.errnum);
+  if (store_ == nullptr) throw store_error_of(error);
   try {
     if (set_aside_) set_aside_->sync();
     start_following();
@@ -145,8 +144,7 @@ void tslb_replica_t::close() {
   const bool was_leader = publisher_.joinable();
   const bool is_confirmed = !was_leader || confirm(why, sizeof why) == 0;
   stop_leading();
-  if (closed != 0)
-    throw StoreError(static_cast<tslb_durable_code_t>(error.code), error.text, error.file, error.byte, error.errnum);
+  if (closed != 0) throw store_error_of(error);
   if (!is_confirmed) throw StoreError(TSLB_DURABLE_IO, folder_ + ": the last groups are not in the log: " + why);
 }
 
@@ -260,7 +258,7 @@ std::string tslb_replica_t::message_of_epoch(const tslb_log_position_t &position
 void tslb_replica_t::promote_store(const tslb_log_position_t &position) {
   tslb_error_t error = {};
   if (tslb_store_promote(store_, &position, &error) == 0) return;
-  throw StoreError(static_cast<tslb_durable_code_t>(error.code), error.text, error.file, error.byte, error.errnum);
+  throw store_error_of(error);
 }
 
 // The first leader. Its store can have content, which followers get from its snapshot. The position is journalled before

@@ -19,10 +19,6 @@ constexpr std::chrono::milliseconds ASK_TIME{200};      // between two questions
 constexpr std::chrono::milliseconds SILENT_TIME{1000};  // then the consumer is made again
 constexpr std::chrono::milliseconds PAUSE{100};
 
-StoreError store_error_of(const tslb_error_t &error) {
-  return StoreError(static_cast<tslb_durable_code_t>(error.code), error.text, error.file, error.byte, error.errnum);
-}
-
 // Removes a folder at the end.
 class ScratchFolder {
  public:

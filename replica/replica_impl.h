@@ -20,6 +20,17 @@
 #include "files.h"
 #include "log_message.h"
 #include "nats_log.h"
+#include "store_error.h"
+
+namespace tslb_replica {
+
+// What a function of the store has reported.
+inline tslb_durable::StoreError store_error_of(const tslb_error_t &error) {
+  return tslb_durable::StoreError(static_cast<tslb_durable_code_t>(error.code), error.text, error.file, error.byte,
+                                  error.errnum);
+}
+
+}  // namespace tslb_replica
 
 // The replica of the C interface. Its functions throw StoreError unless declared noexcept.
 struct tslb_replica_t {

@@ -40,8 +40,8 @@ struct QueryAnswer {
   std::string body;
 };
 
-// Asked now and then by a query: whether it should end. It can throw then.
-using IsInterrupted = std::function<bool()>;  // can be called on any thread of the query
+// Asked now and then by a query, on any of its threads: whether it should end. The query can throw then.
+using IsInterrupted = std::function<bool()>;
 
 // Called by several threads at once. An exception becomes an answer with status 500.
 using QueryFunction = std::function<QueryAnswer(const QueryRequest &, const IsInterrupted &)>;
