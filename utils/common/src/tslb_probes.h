@@ -24,9 +24,12 @@
 #define TSLB_PROBE_4(name, ...) STAP_PROBE4(tslb, name, __VA_ARGS__)
 #define TSLB_PROBE_5(name, ...) STAP_PROBE5(tslb, name, __VA_ARGS__)
 #else
-#define TSLB_PROBE_3(name, ...) static_cast<void>(0)
-#define TSLB_PROBE_4(name, ...) static_cast<void>(0)
-#define TSLB_PROBE_5(name, ...) static_cast<void>(0)
+// Never called: its arguments count as used, and are not evaluated.
+template <class... Arguments>
+char tslb_no_probe(const Arguments &...);
+#define TSLB_PROBE_3(name, ...) static_cast<void>(sizeof(tslb_no_probe(__VA_ARGS__)))
+#define TSLB_PROBE_4 TSLB_PROBE_3
+#define TSLB_PROBE_5 TSLB_PROBE_3
 #endif
 
 #define TSLB_PROBE_BLOCK_CREATED(array, number, bytes, at) TSLB_PROBE_4(block__created, array, number, bytes, at)
