@@ -5,6 +5,7 @@
 
 #include "influxql_support.h"
 #include "metricdb_support.h"
+#include "query/byte_text.h"
 #include "query/influxql.h"
 #include "query/influxql_execute.h"
 #include "query/influxql_parser.h"
@@ -46,6 +47,16 @@ struct StatementRow {
   const char *results;  // between the brackets of "results"
 };
 
+// Of three servers with a part of the series each, one of them without any.
+static InfluxqlAnswer answer_of_three(const MemorySource &source, InfluxqlRequest request) {
+  request.is_partial = true;
+  std::vector<std::string> bodies;
+  for (const MemorySource &part : {source.part(0, 2), source.part(1, 2), MemorySource()})
+    bodies.push_back(answer_influxql(part, request, {"metrics", "other"}).body);
+  request.is_partial = false;
+  return answer_of_servers(bodies, request);
+}
+
 static void expect_results(const MemorySource &source, std::span<const StatementRow> rows) {
   for (const StatementRow &row : rows) {
     InfluxqlRequest request{.text = row.text, .epoch = "s", .now_ns = PRESENT_NS};
@@ -53,7 +64,28 @@ static void expect_results(const MemorySource &source, std::span<const Statement
     EXPECT_EQ(answer.body, fmt::format("{{\"results\":[{}]}}\n", row.results)) << row.text;
     EXPECT_FALSE(answer.is_bad_request);
     EXPECT_EQ(answer.content_type, "application/json");
+    const std::string_view text = row.text;
+    if (!text.starts_with("S") || text.find("SHOW DATABASES") != text.npos) continue;
+    EXPECT_EQ(answer_of_three(source, request).body, answer.body) << "several servers: " << row.text;
   }
+}
+
+// A client refuses an answer that was cut anywhere, is longer, or is of another program, and reports the error of a server.
+TEST(Influxql, PartsOfServersAreWhole) {
+  const std::string text =
+      "SELECT percentile(load, 50), max(idle) FROM cpu GROUP BY time(20s), host; SELECT * FROM mem";
+  const InfluxqlRequest partial = {.text = text, .is_partial = true}, request = {.text = text};
+  const std::string body = answer_influxql(two_hosts(), partial, {}).body;
+  for (size_t n = 0; n < body.size(); ++n)
+    EXPECT_THROW(answer_of_servers(std::vector{body.substr(0, n)}, request), BytesDamaged) << n;
+  EXPECT_THROW(answer_of_servers(std::vector{body + "x"}, request), BytesDamaged);
+  EXPECT_THROW(answer_of_servers(std::vector<std::string>{"{}"}, request), BytesDamaged);
+  EXPECT_THROW(answer_of_servers(std::vector{body}, {.text = "SELECT * FROM mem"}), BytesDamaged);
+  const InfluxqlRequest failing = {.text = "SELECT max(idle) FROM cpu GROUP BY time(1ns); SHOW DATABASES",
+                                   .is_partial = true};
+  EXPECT_EQ(answer_of_servers(std::vector{answer_influxql(two_hosts(), failing, {}).body}, request).body,
+            "{\"results\":[{\"statement_id\":0,\"error\":\"GROUP BY time makes more than 100000 windows\"},"
+            "{\"statement_id\":1,\"error\":\"not executed\"}]}\n");
 }
 
 // One series, in statement 0.

@@ -24,10 +24,10 @@ void print_backup(const std::string &what, const BackupInfo &info, std::chrono::
 int backup_of_server(const BackupArguments &arguments) {
   const std::string target =
       fmt::format("/backup?name={}&db={}", url_encoded(arguments.to), url_encoded(arguments.database));
-  const FetchedAnswer answer = fetch(http_server_of(arguments.server), target, "application/json");
+  const FetchedAnswer answer = fetch(http_servers_of(arguments.server)[0], target, "application/json");
   const std::string text = answer.body.substr(0, answer.body.find_last_not_of('\n') + 1);
   if (answer.status != 200)
-    throw std::runtime_error(fmt::format("{}: {}: {}", arguments.server.address, answer.status, text));
+    throw std::runtime_error(fmt::format("{}: {}: {}", arguments.server.addresses[0], answer.status, text));
   print(text + "\n");
   return EXIT_GOOD;
 }
@@ -36,7 +36,7 @@ int backup_of_server(const BackupArguments &arguments) {
 
 int backup(const BackupArguments &arguments) {
   check_server_or_db(arguments.server, arguments.db);
-  if (!arguments.server.address.empty()) return backup_of_server(arguments);
+  if (!arguments.server.addresses.empty()) return backup_of_server(arguments);
   const auto begin = std::chrono::steady_clock::now();
   print_backup("backup           " + arguments.to, backup_database(arguments.db, arguments.to), begin);
   return EXIT_GOOD;

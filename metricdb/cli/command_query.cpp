@@ -4,7 +4,11 @@
 #include <algorithm>
 #include <chrono>
 #include <iterator>
+#include <set>
 #include <stdexcept>
+#include <thread>
+#include <utility>
+#include <vector>
 
 #include "cli/commands.h"
 #include "cli/open_databases.h"
@@ -13,6 +17,7 @@
 #include "extra/plot_svg.h"
 #include "net/http_client.h"
 #include "query/influxql.h"
+#include "query/parallel.h"
 #include "query/query.h"
 #include "query/query_text.h"
 #include "query/store_source.h"
@@ -47,7 +52,9 @@ std::string text_of(const std::string &format, const SeriesQuery &query, const s
 void check_usage(const QueryArguments &arguments) {
   check_server_or_db(arguments.server, arguments.db);
   if (arguments.key.empty() == arguments.statement.empty()) refuse_usage("use either a KEY or --influxql");
-  if (!arguments.server.address.empty() && arguments.statement.empty()) refuse_usage("--server needs --influxql");
+  if (!arguments.server.addresses.empty() && arguments.statement.empty()) refuse_usage("--server needs --influxql");
+  const std::vector<std::string> &servers = arguments.server.addresses;
+  if (std::set(servers.begin(), servers.end()).size() != servers.size()) refuse_usage("a --server is named twice");
   const bool has_options = !arguments.from.empty() || !arguments.to.empty() || !arguments.every.empty();
   if (has_options && !arguments.statement.empty()) refuse_usage("--from, --to and --every are for a KEY");
   if (arguments.format == "svg" && !arguments.statement.empty()) refuse_usage("--format svg is for a KEY");
@@ -80,30 +87,45 @@ InfluxqlAnswer answer_with_changes(const QueryArguments &arguments, const Influx
   return answer;
 }
 
+std::string target_of(const QueryArguments &arguments) {
+  return fmt::format("/query?db={}&q={}", url_encoded(arguments.database), url_encoded(arguments.statement));
+}
+
+InfluxqlAnswer answer_from_server(const QueryArguments &arguments, const InfluxqlRequest &request) {
+  const FetchedAnswer fetched = fetch(http_servers_of(arguments.server)[0], target_of(arguments),
+                                      request.csv ? "application/csv" : "application/json");
+  InfluxqlAnswer answer;
+  answer.is_bad_request = fetched.status != 200;
+  answer.body = fetched.body;
+  return answer;
+}
+
+// One that cannot answer, or not without an error of HTTP, fails the query: an answer without its series would be wrong.
+InfluxqlAnswer answer_from_servers(const QueryArguments &arguments, const InfluxqlRequest &request) {
+  const std::vector<HttpServer> servers = http_servers_of(arguments.server);
+  const std::string target = fmt::format("{}&parts=true&now={}", target_of(arguments), request.now_ns);
+  std::vector<std::string> bodies(servers.size());
+  parallel_for(servers.size(), static_cast<unsigned>(servers.size()), [&](size_t i) {
+    FetchedAnswer answer = fetch(servers[i], target, "application/csv");
+    if (answer.status != 200) throw HttpClientError(fmt::format("{}: {}", servers[i].address, last_line(answer.body)));
+    bodies[i] = std::move(answer.body);
+  });
+  return answer_of_servers(bodies, request);
+}
+
 // Prints JSON, or CSV for each other format.
 int answer_statement(const QueryArguments &arguments) {
-  const bool is_json = arguments.format == "json";
-  bool is_bad = false;
-  std::string body;
-  if (!arguments.server.address.empty()) {
-    const FetchedAnswer answer =
-        fetch(http_server_of(arguments.server),
-              fmt::format("/query?db={}&q={}", url_encoded(arguments.database), url_encoded(arguments.statement)),
-              is_json ? "application/json" : "application/csv");
-    is_bad = answer.status != 200;
-    body = answer.body;
-  } else {
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    const InfluxqlRequest request = {.text = arguments.statement,
-                                     .csv = !is_json,
-                                     .now_ns = std::chrono::duration_cast<std::chrono::nanoseconds>(now).count()};
-    const InfluxqlAnswer answer = changes_databases(arguments.statement) ? answer_with_changes(arguments, request)
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  const InfluxqlRequest request = {.text = arguments.statement,
+                                   .csv = arguments.format != "json",
+                                   .now_ns = std::chrono::duration_cast<std::chrono::nanoseconds>(now).count(),
+                                   .n_threads = std::thread::hardware_concurrency()};
+  const InfluxqlAnswer answer = arguments.server.addresses.size() > 1    ? answer_from_servers(arguments, request)
+                                : arguments.server.addresses.size() == 1 ? answer_from_server(arguments, request)
+                                : changes_databases(arguments.statement) ? answer_with_changes(arguments, request)
                                                                          : answer_from_files(arguments, request);
-    is_bad = answer.is_bad_request;
-    body = answer.body;
-  }
-  if (is_bad) throw std::runtime_error(last_line(body));
-  print(body);
+  if (answer.is_bad_request) throw std::runtime_error(last_line(answer.body));
+  print(answer.body);
   return EXIT_GOOD;
 }
 

@@ -130,7 +130,7 @@ CLI::App *add_snapshot(CLI::App &app, SnapshotArguments &arguments) {
 }
 
 void add_server(CLI::App *command, ServerAccess &server, const char *what) {
-  command->add_option("--server", server.address, what)->type_name("[https://]ADDRESS:PORT");
+  command->add_option("--server", server.addresses, what)->expected(1)->type_name("[https://]ADDRESS:PORT");
   command->add_option("--ca", server.ca_file, "with https: trust these authorities, in PEM, in place of the system's")
       ->type_name("FILE");
   command->add_option("--user", server.user, "user of the server; the password is in METRICDB_PASSWORD")
@@ -305,7 +305,12 @@ CLI::App *add_query(CLI::App &app, QueryArguments &arguments) {
   CLI::App *const command =
       app.add_subcommand("query", "print the points of a series, or the answer to a statement of InfluxQL");
   command->add_option("--db", arguments.db, "the folder of the database")->type_name("DIR");
-  add_server(command, arguments.server, "a running server, with --influxql, in place of --db");
+  add_server(command, arguments.server,
+             "a running server, with --influxql, in place of --db; several times: the answer of all");
+  command->get_option("--server")
+      ->expected(1, -1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+      ->allow_extra_args(false);
   command->add_option("--database", arguments.database, "with --server: the database of the statements")
       ->type_name("NAME");
   command->add_option("--influxql", arguments.statement, "statements, separated by semicolons")->type_name("TEXT");
@@ -333,6 +338,7 @@ CLI::App *add_query(CLI::App &app, QueryArguments &arguments) {
       "The answer to --influxql is CSV, or JSON with --format json:\n"
       "  metricdb query --db data --influxql \"SELECT mean(user) FROM cpu GROUP BY time(1m), host\"\n"
       "  metricdb query --server 127.0.0.1:8086 --influxql 'SHOW MEASUREMENTS'\n"
+      "Several servers, each with a part of the series, answer as one would. If one cannot, there is no answer.\n"
       "\n"
       "Exit: 0; 1 there is no such series, the database is damaged or cannot be read, or the\n"
       "arguments are wrong.");

@@ -22,15 +22,18 @@ std::string password_of(const ServerAccess &access) {
 }  // namespace
 
 void check_server_or_db(const ServerAccess &access, const std::string &db) {
-  if (db.empty() == access.address.empty()) throw std::runtime_error("use either --db or --server");
+  if (db.empty() == access.addresses.empty()) throw std::runtime_error("use either --db or --server");
   const bool has_access = !access.ca_file.empty() || !access.user.empty() || !access.password_file.empty();
-  if (has_access && access.address.empty()) throw std::runtime_error("--ca, --user and --password-file need --server");
+  if (has_access && access.addresses.empty())
+    throw std::runtime_error("--ca, --user and --password-file need --server");
 }
 
-HttpServer http_server_of(const ServerAccess &access) {
-  HttpServer server = {.address = access.address, .ca_file = access.ca_file, .user = access.user};
-  if (!server.user.empty()) server.password = password_of(access);
-  return server;
+std::vector<HttpServer> http_servers_of(const ServerAccess &access) {
+  const std::string password = access.user.empty() ? "" : password_of(access);
+  std::vector<HttpServer> servers;
+  for (const std::string &address : access.addresses)
+    servers.push_back({address, access.ca_file, access.user, password});
+  return servers;
 }
 
 }  // namespace metricdb

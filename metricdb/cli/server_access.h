@@ -1,22 +1,23 @@
-// How a command reaches a running server.
+// How a command reaches running servers.
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "net/http_client.h"
 
 namespace metricdb {
 
 struct ServerAccess {
-  std::string address;        // as in HttpServer; empty: no server
-  std::string ca_file, user;  // as in HttpServer
-  std::string password_file;  // empty: the variable METRICDB_PASSWORD
+  std::vector<std::string> addresses;  // as in HttpServer; empty: no server
+  std::string ca_file, user;           // as in HttpServer
+  std::string password_file;           // empty: the variable METRICDB_PASSWORD
 };
 
 // Throws std::runtime_error if both a server and a folder are named, or none of them, or what only a server needs.
 void check_server_or_db(const ServerAccess &access, const std::string &db);
 
 // Reads the password. Throws std::runtime_error.
-HttpServer http_server_of(const ServerAccess &access);
+std::vector<HttpServer> http_servers_of(const ServerAccess &access);
 
 }  // namespace metricdb

@@ -242,6 +242,10 @@ RoutedRequest InfluxApi::query(const HttpRequest &request, std::string_view argu
   const std::string rows = value_of("chunk_size").value_or("");
   std::from_chars(rows.data(), rows.data() + rows.size(), query.chunk_rows);
   query.is_csv = request.accept.starts_with("application/csv") || request.accept.starts_with("text/csv");
+  query.is_partial = value_of("parts") == "true";
+  int64_t now_ns;
+  const std::string now = value_of("now").value_or("");
+  if (std::from_chars(now.data(), now.data() + now.size(), now_ns).ec == std::errc()) query.now_ns = now_ns;
   query.database = value_of("db").value_or("");
   query.refusal_of_reads = refusal(request, arguments, Right::read);
   query.refusal_of_changes = request.method == HTTP_POST ? refusal(request, arguments, Right::write)

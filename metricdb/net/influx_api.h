@@ -7,7 +7,8 @@
 //   POST /backup?name=NAME&db=NAME             a backup of a database (backup_api.h)
 //   GET, POST /query?q=...&db=NAME             InfluxQL, also as the text of a form. GET only reads
 //
-// /write has a parameter `db` too. A server with one database ignores it. If there are users, all but /ping and /health
+// `metricdb query` asks several servers with parts=true, and all with the same now=NS. They answer with bytes of which it
+// makes the answer. /write has a parameter `db` too. A server with one database ignores it. If there are users, all but /ping and /health
 // need a user with a right: read for /metrics and statements that read, write for /write, /backup and statements that change
 // a database. The credentials are those of the parameters u and p, or else those of the header Authorization.
 #pragma once

@@ -12,6 +12,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -29,7 +30,9 @@ struct QueryRequest {
   bool is_chunked = false;
   size_t chunk_rows = 10'000;
   bool is_csv = false;
-  std::string database;  // of statements that name none
+  bool is_partial = false;        // for a client that asks several servers
+  std::optional<int64_t> now_ns;  // the value of now(); none: this server's
+  std::string database;           // of statements that name none
   // Why statements that only read, and those that change a database, are refused; empty: they are not.
   std::string refusal_of_reads = {}, refusal_of_changes = {};
 };

@@ -3,11 +3,14 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <optional>
+#include <utility>
 
 #include "codec/printable.h"
 #include "query/influxql_change.h"
 #include "query/influxql_execute.h"
 #include "query/influxql_parser.h"
+#include "query/influxql_parts.h"
 #include "query/influxql_render.h"
 
 namespace metricdb {
@@ -18,6 +21,8 @@ class DefaultNotFound : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
+
+constexpr const char *NOT_OF_SEVERAL = "the statement needs a single server";
 
 class NoSeries : public SeriesSource {
  public:
@@ -52,19 +57,30 @@ class Execution {
       : databases_(databases), request_(request), names_(databases.names()) {}
 
   std::vector<influxql::ResultSeries> execute(const influxql::Statement &statement) const {
+    if (influxql::is_about_series(statement)) return read(statement, influxql::execute);
     const std::string database = influxql::database_of(statement, request_.database);
-    if (!influxql::is_about_series(statement)) {
-      if (needs_database(statement)) check(database);
-      return influxql::execute_on(databases_, environment_of(NoSeries()), statement, database);
-    }
-    check(database);
-    std::vector<influxql::ResultSeries> result;
-    databases_.read(database,
-                    [&](const SeriesSource &source) { result = influxql::execute(environment_of(source), statement); });
-    return result;
+    if (needs_database(statement)) check(database);
+    return influxql::execute_on(databases_, environment_of(NoSeries()), statement, database);
+  }
+
+  std::vector<influxql::SeriesPart> parts(const influxql::Statement &statement) const {
+    if (!influxql::is_about_series(statement)) throw influxql::ExecutionFailed(NOT_OF_SEVERAL);
+    return read(statement, influxql::parts_of);
   }
 
  private:
+  template <class Item>
+  std::vector<Item> read(const influxql::Statement &statement,
+                         std::vector<Item> (*function)(const influxql::Environment &,
+                                                       const influxql::Statement &)) const {
+    const std::string database = influxql::database_of(statement, request_.database);
+    check(database);
+    std::vector<Item> result;
+    databases_.read(database,
+                    [&](const SeriesSource &source) { result = function(environment_of(source), statement); });
+    return result;
+  }
+
   influxql::Environment environment_of(const SeriesSource &source) const {
     return {source, names_, request_.now_ns, {}, request_.is_interrupted, request_.n_threads};
   }
@@ -88,38 +104,56 @@ class Execution {
   const std::vector<std::string> names_;
 };
 
-influxql::StatementResult result_of_statement(InfluxqlDatabases &databases, const InfluxqlRequest &request,
-                                              const influxql::Statement &statement, size_t id) {
-  influxql::StatementResult result;
-  result.id = id;
-  try {
-    result.series = Execution(databases, request).execute(statement);
-  } catch (const influxql::ExecutionFailed &error) {
-    result.error = error.what();
-  }
-  return result;
-}
-
-// Like InfluxDB, executes no statement after one that failed.
-void answer_statements(InfluxqlDatabases &databases, const InfluxqlRequest &request,
-                       const std::vector<influxql::Statement> &statements, influxql::Renderer &renderer) {
+// Executes the statements of a request, one after another: execute(i) returns the result of statement i, or throws
+// ExecutionFailed. Like InfluxDB, executes no statement after one that failed. `add` gets each result or error.
+template <class Execute, class Add>
+void execute_each(size_t n_statements, Execute execute, Add add) {
   bool has_failed = false;
-  for (size_t id = 0; id < statements.size(); ++id) {
-    influxql::StatementResult result;
-    result.id = id;
-    if (has_failed)
-      result.error = "not executed";
-    else
-      result = result_of_statement(databases, request, statements[id], id);
-    has_failed = has_failed || !result.error.empty();
-    renderer.add(result);
+  for (size_t i = 0; i < n_statements; ++i) {
+    decltype(execute(i)) result;
+    std::string error = has_failed ? "not executed" : "";
+    try {
+      if (!has_failed) result = execute(i);
+    } catch (const influxql::ExecutionFailed &failed) {
+      error = failed.what();
+      has_failed = true;
+    }
+    add(i, std::move(result), std::move(error));
   }
 }
 
-}  // namespace
+// Fills an answer with the results.
+template <class Execute>
+void render(const InfluxqlRequest &request, size_t n_statements, Execute execute, InfluxqlAnswer &answer) {
+  const auto renderer = request.csv ? influxql::make_csv_renderer(request, answer.body)
+                                    : influxql::make_json_renderer(request, answer.body);
+  try {
+    execute_each(n_statements, execute, [&](size_t i, std::vector<influxql::ResultSeries> series, std::string error) {
+      renderer->add({i, std::move(series), std::move(error)});
+    });
+    renderer->finish();
+  } catch (const influxql::AnswerTooLarge &error) {
+    answer.is_bad_request = true;
+    answer.body = influxql::error_text(request, error.what());
+  }
+}
 
-InfluxqlAnswer answer_influxql(InfluxqlDatabases &databases, const InfluxqlRequest &request) {
-  InfluxqlAnswer answer;
+// Fills an answer with what this server contributes.
+void answer_partially(const Execution &execution, const std::vector<influxql::Statement> &statements,
+                      InfluxqlAnswer &answer) {
+  std::vector<influxql::StatementParts> all;
+  execute_each(
+      statements.size(), [&](size_t i) { return execution.parts(statements[i]); },
+      [&](size_t, std::vector<influxql::SeriesPart> series, std::string error) {
+        all.push_back({std::move(series), std::move(error)});
+      });
+  answer.content_type = "application/octet-stream";
+  answer.body = influxql::bytes_of(all);
+}
+
+// Returns the statements of a request; nothing if one is not valid or refused, and the answer says so.
+std::optional<std::vector<influxql::Statement>> admitted_statements(const InfluxqlRequest &request,
+                                                                    InfluxqlAnswer &answer) {
   answer.content_type = request.csv ? "text/csv" : "application/json";
   std::vector<influxql::Statement> statements;
   try {
@@ -127,27 +161,59 @@ InfluxqlAnswer answer_influxql(InfluxqlDatabases &databases, const InfluxqlReque
   } catch (const influxql::BadStatement &error) {
     answer.is_bad_request = true;
     answer.body = influxql::error_text(request, error.what());
-    return answer;
+    return std::nullopt;
   }
   for (const influxql::Statement &statement : statements) {
     const std::string &refusal = influxql::is_change(statement) ? request.refusal_of_changes : request.refusal_of_reads;
     if (refusal.empty()) continue;
     answer.is_forbidden = true;
     answer.body = influxql::error_text(request, refusal);
-    return answer;
+    return std::nullopt;
   }
-  const auto renderer = request.csv ? influxql::make_csv_renderer(request, answer.body)
-                                    : influxql::make_json_renderer(request, answer.body);
+  return statements;
+}
+
+}  // namespace
+
+InfluxqlAnswer answer_influxql(InfluxqlDatabases &databases, const InfluxqlRequest &request) {
+  InfluxqlAnswer answer;
+  const auto statements = admitted_statements(request, answer);
+  if (!statements) return answer;
+  const Execution execution(databases, request);
   try {
-    answer_statements(databases, request, statements, *renderer);
-    renderer->finish();
-  } catch (const influxql::AnswerTooLarge &error) {
-    answer.is_bad_request = true;
-    answer.body = influxql::error_text(request, error.what());
+    if (request.is_partial)
+      answer_partially(execution, *statements, answer);
+    else
+      render(
+          request, statements->size(), [&](size_t i) { return execution.execute((*statements)[i]); }, answer);
   } catch (const DefaultNotFound &error) {
     answer.is_not_found = true;
     answer.body = influxql::error_text(request, error.what());
   }
+  return answer;
+}
+
+InfluxqlAnswer answer_of_servers(std::span<const std::string> bodies, const InfluxqlRequest &request) {
+  InfluxqlAnswer answer;
+  const auto statements = admitted_statements(request, answer);
+  if (!statements) return answer;
+  std::vector<std::vector<influxql::StatementParts>> of_servers;
+  for (const std::string &body : bodies) {
+    of_servers.push_back(influxql::parts_of_bytes(body));
+    if (of_servers.back().size() != statements->size()) throw BytesDamaged("the answer is to other statements");
+  }
+  const NoSeries none;
+  const auto execute = [&](size_t i) {
+    if (!influxql::is_about_series((*statements)[i])) throw influxql::ExecutionFailed(NOT_OF_SEVERAL);
+    std::vector<std::vector<influxql::SeriesPart>> parts;
+    for (std::vector<influxql::StatementParts> &of_server : of_servers) {
+      if (!of_server[i].error.empty()) throw influxql::ExecutionFailed(of_server[i].error);
+      parts.push_back(std::move(of_server[i].series));
+    }
+    return influxql::execute_on_parts({none, {}, request.now_ns, {}, request.is_interrupted, request.n_threads},
+                                      (*statements)[i], parts);
+  };
+  render(request, statements->size(), execute, answer);
   return answer;
 }
 

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -13,11 +14,12 @@
 namespace metricdb {
 
 struct InfluxqlRequest {
-  std::string text = {};      // statements, separated by semicolons
-  std::string epoch = {};     // unit of the times in the answer: ns, u, ms, s, m, h; empty: texts
-  bool pretty = false;        // JSON with indentation
-  bool chunked = false;       // several documents of JSON, each with rows of one series, at most chunk_size
-  bool csv = false;           // CSV instead of JSON; its times are always numbers
+  std::string text = {};    // statements, separated by semicolons
+  std::string epoch = {};   // unit of the times in the answer: ns, u, ms, s, m, h; empty: texts
+  bool pretty = false;      // JSON with indentation
+  bool chunked = false;     // several documents of JSON, each with rows of one series, at most chunk_size
+  bool csv = false;         // CSV instead of JSON; its times are always numbers
+  bool is_partial = false;  // what this server contributes to an answer of several (influxql_parts.h), instead of JSON
   size_t chunk_size = 10000;  // at least 1
   int64_t now_ns = 0;         // value of now()
   std::string database = {};  // of statements that name none
@@ -47,6 +49,12 @@ InfluxqlAnswer answer_influxql(InfluxqlDatabases &databases, const InfluxqlReque
 // databases  its names
 InfluxqlAnswer answer_influxql(const SeriesSource &source, const InfluxqlRequest &request,
                                const std::vector<std::string> &databases);
+
+// Answers a request from what each of several servers has returned to the same request with is_partial. Its first error is
+// that of the answer.
+//
+// bodies  by server. Throws BytesDamaged if one is no such answer.
+InfluxqlAnswer answer_of_servers(std::span<const std::string> bodies, const InfluxqlRequest &request);
 
 // Whether the text has statements that InfluxqlRequest::refusal_of_changes refuses.
 bool changes_databases(const std::string &text);

@@ -170,30 +170,96 @@ void set_range(const Environment &environment, Selection &selection) {
 
 }  // namespace
 
-std::vector<ResultSeries> execute_select(const Environment &environment, const SelectStatement &select) {
+namespace {
+
+// Calls use(selection, series) for each measurement whose series a statement reads. `series` are all that match.
+template <class Use>
+void for_each_measurement(const Environment &environment, const SelectStatement &select, Use use) {
   const SeriesByMeasurement found = series_of(environment, select);
   const Columns columns = columns_of_all(select, found);
-  std::vector<ResultSeries> results;
-  std::atomic<size_t> n_cells{0};
   for (const auto &[measurement, series] : found) {
-    Environment of_group = environment;
-    Selection selection{of_group, select, columns};
+    Selection selection{environment, select, columns};
     set_range(environment, selection);
     if (select.range.is_empty || selection.from_ns > selection.to_ns || columns.leaves.empty()) continue;
     resolve_references(selection.columns, series);
+    use(selection, series);
+  }
+}
+
+// Calls work(selection, group, i) for each group, on several threads: several groups at a time, or several parts of one.
+template <class Work>
+void for_each_group(const Selection &selection, const std::vector<Group> &groups, Work work) {
+  Environment of_group = selection.environment;
+  if (groups.size() > 1) of_group.n_threads = 1;
+  const Selection of_groups{of_group, selection.select, selection.columns, selection.from_ns, selection.to_ns};
+  parallel_for(groups.size(), selection.environment.n_threads, [&](size_t i) { work(of_groups, groups[i], i); });
+}
+
+// The groups, each as one series for each field.
+void add_aggregated(const Selection &selection, const std::vector<FoundSeries> &series,
+                    std::vector<SeriesPart> &parts) {
+  const std::vector<Group> groups = groups_of(selection.select, selection.columns, series);
+  std::vector<std::vector<SeriesPart>> of_groups(groups.size());
+  for_each_group(selection, groups, [&](const Selection &of_group, const Group &group, size_t i) {
+    for (auto &[field, aggregated] : aggregate(of_group, group)) {
+      SeriesName name = {group.members[0]->name.measurement, group.tags, field};
+      std::erase_if(name.tags, [](const auto &tag) { return tag.second.empty(); });
+      of_groups[i].push_back({std::move(name), {}, std::move(aggregated)});
+    }
+  });
+  for (std::vector<SeriesPart> &of_group : of_groups)
+    parts.insert(parts.end(), std::make_move_iterator(of_group.begin()), std::make_move_iterator(of_group.end()));
+}
+
+// Points of which rows or derivatives are made. A row among the first ones has none of a series' later points.
+PointList points_to_page(const Selection &selection, const FoundSeries &series) {
+  PointList list;
+  read_points(selection.environment, series, selection.from_ns, selection.to_ns, list);
+  const uint64_t n_max = selection.columns.leaves[0].derivative ? UINT64_MAX : n_rows_to_page(selection.select);
+  std::vector<Point> &points = list.points;
+  if (points.size() <= n_max) return list;
+  if (selection.select.is_descending)
+    points.erase(points.begin(), points.end() - static_cast<ptrdiff_t>(n_max));
+  else
+    points.resize(n_max);
+  return list;
+}
+
+}  // namespace
+
+std::vector<ResultSeries> execute_select(const Environment &environment, const SelectStatement &select) {
+  std::vector<ResultSeries> results;
+  std::atomic<size_t> n_cells{0};
+  for_each_measurement(environment, select, [&](const Selection &selection, const std::vector<FoundSeries> &series) {
     std::vector<Group> groups = groups_of(select, selection.columns, series);
     cut_page(groups, select.series);
     std::vector<ResultSeries> of_groups(groups.size());
-    if (groups.size() > 1) of_group.n_threads = 1;  // several groups at a time, or several parts of one
-    parallel_for(groups.size(), environment.n_threads, [&](size_t i) {
-      of_groups[i] = result_of_group(selection, groups[i]);
+    for_each_group(selection, groups, [&](const Selection &of_group, const Group &group, size_t i) {
+      of_groups[i] = result_of_group(of_group, group);
       if (n_cells.fetch_add(of_groups[i].cells.size()) + of_groups[i].cells.size() > environment.limits.n_cells)
         throw ExecutionFailed(fmt::format("more than {} values in the result", environment.limits.n_cells));
     });
     for (ResultSeries &result : of_groups)
       if (!result.times_ns.empty()) results.push_back(std::move(result));
-  }
+  });
   return results;
+}
+
+std::vector<SeriesPart> parts_of_select(const Environment &environment, const SelectStatement &select) {
+  std::vector<SeriesPart> parts;
+  size_t n_points = 0;
+  for_each_measurement(environment, select, [&](const Selection &selection, const std::vector<FoundSeries> &series) {
+    if (selection.columns.leaves[0].aggregate) return add_aggregated(selection, series, parts);
+    for (const FoundSeries &one : series) {
+      parts.push_back({one.name, {}, {}});
+      if (!is_read(selection.columns, one)) continue;
+      parts.back().points = points_to_page(selection, one);
+      n_points += parts.back().points.points.size();
+      if (n_points > environment.limits.n_points)
+        throw ExecutionFailed(fmt::format("more than {} points at a time", environment.limits.n_points));
+    }
+  });
+  return parts;
 }
 
 namespace {

@@ -11,12 +11,17 @@
 
 #include "query/influxql_columns.h"
 #include "query/influxql_execute.h"
+#include "query/influxql_parts.h"
 #include "query/influxql_series.h"
+#include "query/influxql_windows.h"
 
 namespace metricdb::influxql {
 
 // Throws ExecutionFailed.
 std::vector<ResultSeries> execute_select(const Environment &environment, const SelectStatement &select);
+
+// What several sources together make the rows of a SELECT of. Throws ExecutionFailed.
+std::vector<SeriesPart> parts_of_select(const Environment &environment, const SelectStatement &select);
 
 // What the parts of an execution share. All series are of one measurement.
 struct Selection {
@@ -72,6 +77,15 @@ void select_rows(const Selection &selection, const Group &group, ResultSeries &r
 void select_derivatives(const Selection &selection, const Group &group, ResultSeries &result);  // the same
 void select_windows(const Selection &selection, const Group &group,
                     ResultSeries &result);  // influxql_select_windows.cpp
+
+// What select_windows makes its rows of, by field.
+std::vector<std::pair<std::string, AggregatedSeries>> aggregate(const Selection &selection, const Group &group);
+
+// The number of rows from which the page is cut; the maximum for all.
+uint64_t n_rows_to_page(const SelectStatement &select);
+
+// The result has real values if one of the lists has.
+void append_points(const PointList &more, PointList &all);
 
 // The rate of change of points in order of time, for each pair of following ones.
 PointList derivative_of(const PointList &list, Function function, int64_t unit_ns);

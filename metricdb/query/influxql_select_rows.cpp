@@ -26,13 +26,6 @@ void erase_rows(ResultSeries &result, size_t begin, size_t n) {
   result.cells.erase(cell, cell + static_cast<ptrdiff_t>(n) * n_cells);
 }
 
-// The number of rows from which the page is cut; the maximum for all.
-uint64_t n_rows_to_page(const SelectStatement &select) {
-  const Page &page = select.rows;
-  uint64_t n_max;
-  return page.limit == 0 || __builtin_add_overflow(page.limit, page.offset, &n_max) ? UINT64_MAX : n_max;
-}
-
 // Erases rows after `begin` that are not in the page, since they are sorted by time.
 void cut_rows(const SelectStatement &select, size_t begin, ResultSeries &result) {
   const uint64_t n_max = n_rows_to_page(select);
@@ -129,16 +122,6 @@ void sort_by_time(ResultSeries &result) {
   result.cells = std::move(cells);
 }
 
-// The result has real values if one of the lists has.
-void append_points(PointList &more, PointList &all) {
-  if (all.points.empty()) all.type = more.type;
-  if (all.type != more.type) {
-    all.make_real();
-    more.make_real();
-  }
-  all.points.insert(all.points.end(), more.points.begin(), more.points.end());
-}
-
 // The points of all series of the field, in order of time.
 PointList points_of_field(const Selection &selection, const Group &group, const std::string &field) {
   PointList all;
@@ -156,6 +139,21 @@ PointList points_of_field(const Selection &selection, const Group &group, const 
 }
 
 }  // namespace
+
+uint64_t n_rows_to_page(const SelectStatement &select) {
+  const Page &page = select.rows;
+  uint64_t n_max;
+  return page.limit == 0 || __builtin_add_overflow(page.limit, page.offset, &n_max) ? UINT64_MAX : n_max;
+}
+
+void append_points(const PointList &more, PointList &all) {
+  if (all.points.empty()) all.type = more.type;
+  if (all.type != more.type) all.make_real();
+  if (all.type == more.type)
+    all.points.insert(all.points.end(), more.points.begin(), more.points.end());
+  else
+    for (const Point &point : more.points) all.points.push_back({point.ts_ns, real_of(point, more.type)});
+}
 
 void select_rows(const Selection &selection, const Group &group, ResultSeries &result) {
   RowSelector selector(selection, result);

@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <map>
+#include <utility>
 
 #include "query/influxql_select.h"
 #include "query/influxql_windows.h"
@@ -57,6 +59,10 @@ class WindowPart {
 
   void add(const FoundSeries &member) {
     const Selection &selection = plan_.selection;
+    if (const AggregatedSeries *const aggregated = selection.environment.source.aggregated(member.series)) {
+      add_aggregated(member.name.field, *aggregated);
+      return;
+    }
     read_points(selection.environment, member, plan_.from_ns, selection.to_ns, list_, wanted_of(member));
     if (list_.points.empty()) return;
     cover(plan_.grid.number_of(list_.points.front().ts_ns), plan_.grid.number_of(list_.points.back().ts_ns));
@@ -105,6 +111,21 @@ class WindowPart {
   std::vector<Aggregation> &aggregations() { return aggregations_; }
 
  private:
+  void add_aggregated(const std::string &field, const AggregatedSeries &added) {
+    cover(added.first_number, added.first_number + static_cast<int64_t>(added.aggregations[0].n_windows() - 1));
+    const auto at = static_cast<size_t>(added.first_number - first_number_);
+    const std::vector<Leaf> &leaves = plan_.selection.columns.leaves;
+    for (size_t i = 0; i < leaves.size(); ++i) {
+      const auto same = std::find_if(added.aggregations.begin(), added.aggregations.end(), [&](const Aggregation &one) {
+        return one.has_function(*leaves[i].aggregate, leaves[i].percent);
+      });
+      if (leaves[i].name != field || same == added.aggregations.end()) continue;
+      check_kept(same->n_kept());
+      Aggregation copy = *same;
+      aggregations_[i].merge(copy, at);
+    }
+  }
+
   void add_to_all(std::span<Aggregation *const> aggregations) {
     if (aggregations.empty()) return;
     for (std::span<const Point> rest(list_.points); !rest.empty();) {
@@ -125,10 +146,14 @@ class WindowPart {
     return std::all_of(leaves.begin(), leaves.end(), needs_newest) ? Wanted::newest : Wanted::all;
   }
 
-  void add(Aggregation &aggregation, size_t window, std::span<const Point> points) {
+  void check_kept(size_t n_more) {
     const size_t n_max = plan_.selection.environment.limits.n_points;
-    if (aggregation.keeps_points() && plan_.n_kept.fetch_add(points.size()) + points.size() > n_max)
+    if (plan_.n_kept.fetch_add(n_more) + n_more > n_max)
       throw ExecutionFailed(fmt::format("more than {} points for a percentile", n_max));
+  }
+
+  void add(Aggregation &aggregation, size_t window, std::span<const Point> points) {
+    if (aggregation.keeps_points()) check_kept(points.size());
     aggregation.add(window, points);
   }
 
@@ -166,6 +191,18 @@ class WindowSelector {
       for (size_t i = 0; i < values.size(); ++i) row[i] = values[i][window];
       if (is_wanted(row)) add_row(window, row, result);
     }
+  }
+
+  std::vector<std::pair<std::string, AggregatedSeries>> aggregated() {
+    add_members();
+    std::map<std::string, AggregatedSeries> by_field;
+    if (!all_.has_points()) return {};
+    for (size_t i = 0; i < all_.aggregations().size(); ++i) {
+      AggregatedSeries &series = by_field[selection_.columns.leaves[i].name];
+      series.first_number = all_.first_number();
+      series.aggregations.push_back(std::move(all_.aggregations()[i]));
+    }
+    return {by_field.begin(), by_field.end()};
   }
 
  private:
@@ -290,6 +327,10 @@ class WindowSelector {
 
 void select_windows(const Selection &selection, const Group &group, ResultSeries &result) {
   WindowSelector(selection, group).select(result);
+}
+
+std::vector<std::pair<std::string, AggregatedSeries>> aggregate(const Selection &selection, const Group &group) {
+  return WindowSelector(selection, group).aggregated();
 }
 
 }  // namespace metricdb::influxql

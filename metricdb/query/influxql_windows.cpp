@@ -253,6 +253,32 @@ std::optional<WindowResult> Aggregation::result(size_t window) {
   }
 }
 
+size_t Aggregation::n_kept() const {
+  size_t n = 0;
+  for (const std::vector<Point> &points : kept_) n += points.size();
+  return n;
+}
+
+void Aggregation::put_to(std::string &bytes) const {
+  put(bytes, function_);
+  put(bytes, percent_);
+  put(bytes, type_);
+  put_all(bytes, cells_);
+  for (const std::vector<Point> &points : kept_) put_all(bytes, points);
+}
+
+Aggregation Aggregation::of_bytes(ByteReader &reader) {
+  const auto function = reader.get<Function>();
+  if (function < Function::count || function >= Function::derivative) throw BytesDamaged("an unknown function");
+  Aggregation aggregation(function, reader.get<double>());
+  aggregation.type_ = reader.get<ValueType>();
+  if (aggregation.type_ > ValueType::integer) throw BytesDamaged("an unknown type");
+  aggregation.cells_ = reader.all<Cell>();
+  if (aggregation.keeps_points())
+    for (size_t i = 0; i < aggregation.cells_.size(); ++i) aggregation.kept_.push_back(reader.all<Point>());
+  return aggregation;
+}
+
 // The nearest rank, rounded as InfluxDB does.
 std::optional<WindowResult> Aggregation::percentile_of(std::vector<Point> &points) const {
   const double rank = std::floor(static_cast<double>(points.size()) * percent_ / 100.0 + 0.5) - 1.0;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "codec/point.h"
+#include "query/byte_text.h"
 #include "query/influxql_ast.h"
 #include "query/influxql_number.h"
 
@@ -59,6 +60,12 @@ class Aggregation {
 
   bool keeps_points() const { return function_ == Function::percentile; }
   Function function() const { return function_; }
+  bool has_function(Function function, double percent) const { return function_ == function && percent_ == percent; }
+  size_t n_windows() const { return cells_.size(); }
+  size_t n_kept() const;  // points of percentiles in all windows
+
+  void put_to(std::string &bytes) const;
+  static Aggregation of_bytes(ByteReader &reader);  // throws BytesDamaged
 
  private:
   struct Cell {
@@ -77,6 +84,12 @@ class Aggregation {
   ValueType type_;
   std::vector<Cell> cells_;
   std::vector<std::vector<Point>> kept_;  // of a percentile
+};
+
+// Series of one field that were aggregated elsewhere. All aggregations have as many windows, at least one.
+struct AggregatedSeries {
+  int64_t first_number = 0;  // of the windows
+  std::vector<Aggregation> aggregations = {};
 };
 
 }  // namespace metricdb::influxql

@@ -10,6 +10,10 @@
 
 namespace metricdb {
 
+namespace influxql {
+struct AggregatedSeries;
+}
+
 struct SeriesRead {
   int64_t from_ns = INT64_MIN;  // both included
   int64_t to_ns = INT64_MAX;
@@ -32,6 +36,9 @@ class SeriesSource {
   // Sets `list` to the visible points of a series, in order of time; points with the same time stay in order of arrival.
   // Empty if the series does not exist any more. Threads: any number at a time, while none visits series.
   virtual void read(uint32_t series, const SeriesRead &what, PointList &list) const = 0;
+
+  // Null, or what the points of the series were aggregated to. Then the series is not read. Threads: as for `read`.
+  virtual const influxql::AggregatedSeries *aggregated(uint32_t /*series*/) const { return nullptr; }
 };
 
 }  // namespace metricdb

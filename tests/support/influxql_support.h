@@ -28,6 +28,13 @@ class MemorySource : public SeriesSource {
   // Replaces the points of the series that was added last.
   void set_last(const std::vector<Point> &points, ValueType type) { series_.back().second = {type, points}; }
 
+  // Every `step`-th series.
+  MemorySource part(size_t first, size_t step) const {
+    MemorySource part;
+    for (size_t i = first; i < series_.size(); i += step) part.series_.push_back(series_[i]);
+    return part;
+  }
+
   void for_each_series(const SeriesFilter &filter, const Visit &visit) const override {
     for (uint32_t i = 0; i < series_.size(); ++i) {
       if (!is_admitted(filter, series_[i].first)) continue;

@@ -1,0 +1,154 @@
+#include "query/influxql_parts.h"
+
+#include <algorithm>
+#include <map>
+#include <tuple>
+
+#include "query/influxql_select.h"
+#include "query/influxql_series.h"
+
+namespace metricdb::influxql {
+namespace {
+
+constexpr std::string_view HEADING = "metricdb parts 1\n";
+constexpr size_t MIN_PART_BYTES = 5 * sizeof(uint64_t);  // of a series
+
+void put_part(std::string &bytes, const SeriesPart &part) {
+  put_text(bytes, part.name.measurement);
+  put(bytes, static_cast<uint64_t>(part.name.tags.size()));
+  for (const auto &[name, value] : part.name.tags) {
+    put_text(bytes, name);
+    put_text(bytes, value);
+  }
+  put_text(bytes, part.name.field);
+  put(bytes, part.points.type);
+  put_all(bytes, part.points.points);
+  put(bytes, static_cast<uint64_t>(part.aggregated.aggregations.size()));
+  if (part.aggregated.aggregations.empty()) return;
+  put(bytes, part.aggregated.first_number);
+  for (const Aggregation &aggregation : part.aggregated.aggregations) aggregation.put_to(bytes);
+}
+
+SeriesPart get_part(ByteReader &reader) {
+  SeriesPart part;
+  part.name.measurement = reader.text();
+  for (size_t n = reader.count(2 * sizeof(uint64_t)); n != 0; --n) {
+    const std::string_view name = reader.text();
+    part.name.tags.emplace_back(name, reader.text());
+  }
+  part.name.field = reader.text();
+  part.points.type = reader.get<ValueType>();
+  if (part.points.type > ValueType::integer) throw BytesDamaged("an unknown type");
+  part.points.points = reader.all<Point>();
+  const size_t n = reader.count(sizeof(uint64_t));
+  if (n == 0) return part;
+  part.aggregated.first_number = reader.get<int64_t>();
+  std::vector<Aggregation> &aggregations = part.aggregated.aggregations;
+  while (aggregations.size() < n) {
+    aggregations.push_back(Aggregation::of_bytes(reader));
+    const size_t n_windows = aggregations.back().n_windows();
+    if (n_windows == 0 || n_windows != aggregations[0].n_windows()) throw BytesDamaged("windows are missing");
+  }
+  return part;
+}
+
+// Series of all servers. Those with the same name are one if they have points.
+class PartsSource : public SeriesSource {
+ public:
+  explicit PartsSource(std::span<const std::vector<SeriesPart>> of_servers) {
+    std::map<std::tuple<std::string_view, const decltype(SeriesName::tags) &, std::string_view>, size_t> by_name;
+    for (const std::vector<SeriesPart> &of_server : of_servers)
+      for (const SeriesPart &part : of_server) {
+        if (part.aggregated.aggregations.empty()) {
+          const SeriesName &name = part.name;
+          const auto [at, is_new] = by_name.try_emplace({name.measurement, name.tags, name.field}, series_.size());
+          if (!is_new) {
+            series_[at->second].push_back(&part);
+            continue;
+          }
+        }
+        series_.push_back({&part});
+      }
+  }
+
+  void for_each_series(const SeriesFilter & /*filter*/, const Visit &visit) const override {
+    for (uint32_t i = 0; i < series_.size(); ++i) visit(i, series_[i][0]->name);
+  }
+
+  void read(uint32_t series, const SeriesRead & /*what*/, PointList &list) const override {
+    list = series_[series][0]->points;
+    if (series_[series].size() == 1) return;
+    for (const SeriesPart *const part : std::span(series_[series]).subspan(1)) append_points(part->points, list);
+    std::stable_sort(list.points.begin(), list.points.end(),
+                     [](const Point &a, const Point &b) { return a.ts_ns < b.ts_ns; });
+  }
+
+  const AggregatedSeries *aggregated(uint32_t series) const override {
+    const AggregatedSeries &aggregated = series_[series][0]->aggregated;
+    return aggregated.aggregations.empty() ? nullptr : &aggregated;
+  }
+
+ private:
+  std::vector<std::vector<const SeriesPart *>> series_;
+};
+
+// The servers have applied the conditions already, to all tags of the series, and know the databases.
+void drop_conditions(std::vector<Source> &sources, Condition &condition) {
+  for (Source &source : sources) source.database.clear();
+  condition = {};
+}
+
+}  // namespace
+
+std::vector<SeriesPart> parts_of(const Environment &environment, const Statement &statement) {
+  if (const auto *const select = std::get_if<SelectStatement>(&statement)) return parts_of_select(environment, *select);
+  const auto &show = std::get<ShowStatement>(statement);
+  check_database(environment, show.database);
+  std::vector<SeriesPart> parts;
+  for_each_matching(environment, show.sources, show.condition, {},
+                    [&](uint32_t, const SeriesName &name) { parts.push_back({name}); });
+  return parts;
+}
+
+std::string bytes_of(std::span<const StatementParts> statements) {
+  std::string bytes(HEADING);
+  put(bytes, static_cast<uint64_t>(statements.size()));
+  for (const StatementParts &parts : statements) {
+    put_text(bytes, parts.error);
+    put(bytes, static_cast<uint64_t>(parts.series.size()));
+    for (const SeriesPart &part : parts.series) put_part(bytes, part);
+  }
+  return bytes;
+}
+
+std::vector<StatementParts> parts_of_bytes(std::string_view bytes) {
+  if (!bytes.starts_with(HEADING)) throw BytesDamaged("not of this version of metricdb");
+  ByteReader reader(bytes.substr(HEADING.size()));
+  std::vector<StatementParts> statements(reader.count(2 * sizeof(uint64_t)));
+  for (StatementParts &parts : statements) {
+    parts.error = reader.text();
+    for (size_t n = reader.count(MIN_PART_BYTES); n != 0; --n) parts.series.push_back(get_part(reader));
+  }
+  if (!reader.is_at_end()) throw BytesDamaged("more bytes than expected");
+  return statements;
+}
+
+std::vector<ResultSeries> execute_on_parts(const Environment &environment, const Statement &statement,
+                                           std::span<const std::vector<SeriesPart>> of_servers) {
+  const PartsSource source(of_servers);
+  const Environment of_parts = {source,
+                                environment.databases,
+                                environment.now_ns,
+                                environment.limits,
+                                environment.is_interrupted,
+                                environment.n_threads};
+  Statement of_all = statement;
+  if (auto *const select = std::get_if<SelectStatement>(&of_all)) drop_conditions(select->sources, select->condition);
+  if (auto *const show = std::get_if<ShowStatement>(&of_all)) {
+    show->database.clear();
+    drop_conditions(show->sources, show->condition);
+  }
+  return execute(of_parts, of_all);
+}
+
+}  // namespace metricdb::influxql
