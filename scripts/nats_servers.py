@@ -18,6 +18,18 @@ def urls_of(ports):
     return ",".join(f"nats://127.0.0.1:{port}" for port in ports)
 
 
+def server_command(i, ports, routes, folder):
+    """Of server i of a cluster, or of a single one."""
+    command = [SERVER, "-js", "-a", "127.0.0.1", "-p", str(ports[i]), "-sd", f"{folder}.{i}", "-n", f"server{i}"]
+    if len(ports) > 1:
+        command += ["--cluster", routes[i], "--cluster_name", "loopback", "--routes", ",".join(routes), "--no_advertise"]
+    return command
+
+
+def forwarder_command(port, to):
+    return [FORWARDER, f"TCP-LISTEN:{port},bind=127.0.0.1,reuseaddr,fork", f"TCP:127.0.0.1:{to}"]
+
+
 class Servers:
     """One NATS server, or several in a cluster. Clients learn no other addresses than they were given."""
 
@@ -34,11 +46,7 @@ class Servers:
         for i, process in enumerate(self.processes):
             if process:
                 continue
-            command = [SERVER, "-js", "-a", "127.0.0.1", "-p", str(self.ports[i]), "-sd", f"{self.folder}.{i}",
-                       "-n", f"server{i}"]
-            if len(self.processes) > 1:
-                command += ["--cluster", self.routes[i], "--cluster_name", "loopback", "--routes", ",".join(self.routes),
-                            "--no_advertise"]
+            command = server_command(i, self.ports, self.routes, self.folder)
             self.processes[i] = subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
                                                  start_new_session=True)
 
@@ -60,8 +68,7 @@ class Network:
         self.ports = [free_port() for _ in ports]
         self.urls = urls_of(self.ports)
         self.forwarders = [
-            subprocess.Popen([FORWARDER, f"TCP-LISTEN:{port},bind=127.0.0.1,reuseaddr,fork", f"TCP:127.0.0.1:{to}"],
-                             stderr=subprocess.DEVNULL, start_new_session=True)
+            subprocess.Popen(forwarder_command(port, to), stderr=subprocess.DEVNULL, start_new_session=True)
             for port, to in zip(self.ports, ports)]
 
     def signal(self, number):
