@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "checksum.h"
 #include "store_error.h"
 
 namespace tslb_durable {
@@ -123,6 +124,19 @@ char *slot_start(DynArrHandle_t *array, const Geometry &geometry, uint32_t idx) 
 
 uint32_t n_alloc_at(DynArrHandle_t *array) {
   return arr_hdr_at(array) + static_cast<uint32_t>(offsetof(DynArrHdr_t, n_alloc));
+}
+
+Digest digest_of(DynArrHandle_t *array) {
+  const Geometry geometry(array);
+  const auto *const headers = static_cast<const char *>(array->arr_base);
+  const uint32_t hidden = n_alloc_at(array), zero = 0, after = hidden + static_cast<uint32_t>(sizeof zero);
+  uint32_t checksum = crc32c(headers, hidden);
+  checksum = crc32c(&zero, sizeof zero, checksum);
+  checksum = crc32c(headers + after, geometry.header_bytes - after, checksum);
+  const uint32_t n_used = tslb_da_get_size(array);
+  for (uint32_t idx = 0; idx < n_used; ++idx)
+    checksum = crc32c(slot_start(array, geometry, idx), geometry.slot_bytes, checksum);
+  return {checksum, tslb_stored_slot_at(geometry.header_bytes, geometry.slot_bytes, n_used)};
 }
 
 uint8_t rec_version_of(DynArrHandle_t *array) {

@@ -69,6 +69,15 @@ char *slot_start(DynArrHandle_t *array, const Geometry &geometry, uint32_t idx);
 // Offset of n_alloc in the headers. It counts the memory of one process, so it is neither logged nor compared.
 uint32_t n_alloc_at(DynArrHandle_t *array);
 
+// Of the bytes that two copies of an array share (first_difference in changes.h): the headers, with zeroes for n_alloc, and
+// the slots with their nodes, in the order of their ids.
+struct Digest {
+  uint32_t crc32c;
+  uint64_t bytes;
+};
+// Threads: as a reader of the array.
+Digest digest_of(DynArrHandle_t *array);
+
 inline DynMemHdr_t *pool_header_of(DynArrHandle_t *pool) {
   return static_cast<DynMemHdr_t *>(tslb_da_get_usrhdr(pool));
 }

@@ -36,6 +36,21 @@ TEST_F(InspectStore, ShowsArraysWithTheBatchesOfTheJournal) {
   EXPECT_THAT(text.out, HasSubstr("4bc6d52237dab1cde7a4156d47c8ceab"));
 }
 
+TEST_F(InspectStore, DigestsHaveTheJournalAndNoNamesOfFolders) {
+  fs::copy(path("store"), path("other"), fs::copy_options::recursive);
+  const run_t ran = run("--digest --store store"), other = run("--digest --store other");
+  EXPECT_EQ(ran.exit_code, 0) << ran.err;
+  EXPECT_EQ(ran.out, other.out);
+  EXPECT_THAT(ran.out, HasSubstr(" (payload)\n"));
+  EXPECT_EQ(std::count(ran.out.begin(), ran.out.end(), '\n'), 5);
+  // The journal has changes of this array.
+  const run_t generation = run("--digest store/generation.2/slots.stream");
+  EXPECT_EQ(ran.out.find(generation.out.substr(0, 8)), std::string::npos);
+  const std::string journal = read("store/journal.2");
+  write("store/journal.2", journal.substr(0, journal.size() / 2));
+  EXPECT_NE(run("--digest --store store").out, other.out);
+}
+
 TEST_F(InspectStore, ReportsDamageWithItsPlace) {
   std::string journal = read("store/journal.2");
   journal[70] = static_cast<char>(journal[70] ^ 1);
@@ -58,6 +73,7 @@ TEST_F(InspectStore, FilesOfAStoreAreNotReadAsArrays) {
       {"store/store", "store/store: is a text file of a durable store; --store FOLDER shows a durable store"},
       {"--store store/generation.2", "store/generation.2: is not a store"},
       {"--store store --record 1", "--record excludes --store"},
+      {"--digest --json --store store", "--json excludes --digest"},
       {"", "FILE is required"},
   };
   for (const auto &row : rows) {

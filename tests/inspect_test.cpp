@@ -112,6 +112,46 @@ TEST_F(Inspect, SlotArraysOfBothForms) {
   EXPECT_EQ(inspect("ctx/12.2.darr ctx/12.1.darr", 0)["name"], "ctx/12.0.darr");
 }
 
+#ifdef TSLB_DURABLE_IMAGE
+TEST_F(Inspect, DigestsOfCopiesAreEqual) {
+  tslb_set_base_path(folder_.path.c_str());
+  array_t array = two_lists(MPOOL_TYPE_SHM, "ctx");
+  const std::string stream = stream_of(array.get());
+  array.reset();
+  const auto digest_of = [this](const std::string &file) {
+    const run_t ran = run("--digest " + file);
+    EXPECT_EQ(ran.exit_code, 0) << ran.err;
+    EXPECT_TRUE(ran.out.ends_with(" " + file + "\n")) << ran.out;
+    return ran.out.substr(0, ran.out.find(' ', 9 + 12));
+  };
+  write("in", stream);
+  const std::string digest = digest_of("in");
+  EXPECT_THAT(digest, HasSubstr(" " + std::to_string(slot(20))));
+  EXPECT_EQ(digest_of("ctx/12.1.darr"), digest);
+  const struct {
+    const char *what;
+    size_t at;
+    bool differs;
+  } rows[] = {
+      {"n_alloc", HEADER_BYTES - 16, false},
+      {"rec_version", offsetof(DynHdr_t, rec_version), true},
+      {"the time of a node", slot(7) + 24, true},
+      {"the last byte of a record", slot(19) + 19, true},
+  };
+  for (const auto &row : rows) {
+    std::string changed = stream;
+    changed[row.at] = static_cast<char>(changed[row.at] ^ 1);
+    write("in", changed);
+    EXPECT_EQ(digest_of("in") != digest, row.differs) << row.what;
+  }
+  write("in", stream.substr(0, slot(20) - 1));
+  const run_t refused = run("--digest in ctx/12.0.darr");
+  EXPECT_EQ(refused.exit_code, 2);
+  EXPECT_THAT(refused.err, HasSubstr("tslb-inspect: in: byte "));
+  EXPECT_EQ(refused.out.find(digest), 0u) << "the other array was left out";
+}
+#endif
+
 TEST_F(Inspect, LevelsBlocksAndTables) {
   const array_t array(tslb_da_init_v5(8, 4, MPOOL_TYPE_DRAM, nullptr, 1));
   for (uint32_t i = 0; i < 4 + 256 + 5 * 16 + 1; ++i) tslb_da_get_newidx(array.get());

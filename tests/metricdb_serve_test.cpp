@@ -92,6 +92,7 @@ TEST_F(Serve, ExampleOfAConfigurationIsAccepted) {
   std::string example;
   for (std::string line; std::getline(lines, line);) {
     if (line.find("/run/credentials/") != std::string::npos) continue;  // files that are not here
+    if (line.starts_with("# nats = ")) continue;                            // its server neither
     if (line.starts_with("# ") && line.find(" = ") != std::string::npos) line.erase(0, 2);
     for (const std::string folder : {"/var/lib/metricdb/", "/var/log/metricdb/"})
       if (const size_t at = line.find(folder); at != std::string::npos) line.erase(at, folder.size());

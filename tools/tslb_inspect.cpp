@@ -19,6 +19,7 @@
 #include <tslb/tslb_version.h>
 #include "inspect/analysis.h"
 #ifdef TSLB_WITH_DURABLE
+#include "inspect/digest.h"
 #include "inspect/durable_store.h"
 #endif
 #include "inspect/render.h"
@@ -34,7 +35,7 @@ struct arguments_t {
   std::vector<std::string> files;
   std::string svg, html, store;
   inspect::options_t options;
-  bool json = false, force = false;
+  bool json = false, force = false, digest = false;
 };
 
 int print_error(const std::string &what) {
@@ -128,11 +129,29 @@ int inspect_durable(const arguments_t &arguments) {
   return inspection.is_sound ? EXIT_SOUND : EXIT_FAULTS;
 }
 
+int print_digests(const arguments_t &arguments) {
+  if (!arguments.store.empty()) print(inspect::digests_of_store(arguments.store));
+  int status = EXIT_SOUND;
+  for (const std::string &file : arrays_of(arguments.files)) {
+    try {
+      inspect::expect_no_store(file);
+      print(inspect::digest_of_file(file, arguments.options.kind));
+    } catch (const inspect::unreadable_t &error) {
+      status = print_error(inspect::printable(error.what()));
+    }
+  }
+  return status;
+}
+
 void add_store_option(CLI::App *app, arguments_t *arguments) {
   CLI::Option *const store =
       app->add_option("--store", arguments->store, "load and verify a durable store, and show it");
   store->type_name("FOLDER");
   for (const char *other : {"FILE", "--kind", "--record", "--svg", "--html"}) store->excludes(other);
+  CLI::Option *const digest = app->add_flag("--digest", arguments->digest,
+                                            "print a line for each array: CRC-32C, bytes and name. Copies with the\n"
+                                            "same content have the same line");
+  for (const char *other : {"--json", "--record", "--svg", "--html"}) digest->excludes(other);
 }
 #endif
 
@@ -185,9 +204,12 @@ int main(int argc, char **argv) {
   try {
     app.parse(argc, argv);
 #ifdef TSLB_WITH_DURABLE
-    if (!arguments.store.empty()) return inspect_durable(arguments);
+    if (!arguments.store.empty() && !arguments.digest) return inspect_durable(arguments);
 #endif
-    if (arguments.files.empty()) throw CLI::RequiredError("FILE");
+    if (arguments.files.empty() && arguments.store.empty()) throw CLI::RequiredError("FILE");
+#ifdef TSLB_WITH_DURABLE
+    if (arguments.digest) return print_digests(arguments);
+#endif
     return inspect_all(arguments);
   } catch (const CLI::Success &help) {
     return app.exit(help);

@@ -20,6 +20,7 @@
 #include "cli/log_file.h"
 #include "cli/open_databases.h"
 #include "cli/output.h"
+#include "cli/server_access.h"
 #include "cli/service_manager.h"
 #include "cli/write_options.h"
 #include "net/backup_api.h"
@@ -111,7 +112,17 @@ std::string port_text(const char *name, const ServeArguments &arguments, bool is
 std::string ports_of(const ServeArguments &arguments, const PassedSockets &sockets, const Server &server) {
   return port_text("influx", arguments, arguments.influx_port.has_value(), sockets.influx, server.influx_port()) +
          port_text("graphite", arguments, arguments.graphite_port.has_value(), sockets.graphite,
-                   server.graphite_port());
+                   server.graphite_port()) +
+         (arguments.nats.subject.empty() ? "" : " nats " + arguments.nats.subject);
+}
+
+NatsOptions nats_options_of(const ServeArguments &arguments) {
+  NatsOptions options = arguments.nats;
+  options.ack_wait = std::chrono::seconds(arguments.nats_ack_wait_s);
+  if (options.user.empty() != arguments.nats_password_file.empty())
+    throw std::runtime_error("--nats-user and --nats-password-file need each other");
+  if (!options.user.empty()) options.password = password_in(arguments.nats_password_file);
+  return options;
 }
 
 std::string counters_line(const ServerCounters &counters) {
@@ -245,6 +256,7 @@ class Opening {
     } else {
       served_.set = std::make_unique<DatabaseSet>(arguments_.data, options);
       if (arguments_.graphite_port) served_.set->create(arguments_.graphite_database, {});
+      if (!arguments_.nats.subject.empty()) served_.set->create(arguments_.nats.database, {});
     }
     report_warnings(served_.warnings());
     const std::string line = "serving         " + ports_ + "\n";
@@ -283,8 +295,9 @@ class Opening {
 
 int serve(const ServeArguments &arguments) {
   const PassedSockets sockets = take_passed_sockets();
-  if (!arguments.influx_port && !arguments.graphite_port && sockets.influx < 0 && sockets.graphite < 0)
-    throw std::runtime_error("nothing to serve: use --influx, --graphite or both");
+  if (!arguments.influx_port && !arguments.graphite_port && sockets.influx < 0 && sockets.graphite < 0 &&
+      arguments.nats.subject.empty())
+    throw std::runtime_error("nothing to serve: use --influx, --graphite or --nats");
   if (arguments.tls_certificate_file.empty() != arguments.tls_key_file.empty())
     throw std::runtime_error("--tls-cert and --tls-key need each other");
   check_exposure(arguments, sockets);
@@ -300,6 +313,7 @@ int serve(const ServeArguments &arguments) {
   options.influx_socket = sockets.influx;
   options.graphite_socket = sockets.graphite;
   options.graphite_database = arguments.graphite_database;
+  options.nats = nats_options_of(arguments);
   std::atomic<const Served *> readable = nullptr;
   DatabaseNames names;
   options.query = [&](const QueryRequest &request, const IsInterrupted &is_interrupted) {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "cli/server_access.h"
+#include "net/nats_options.h"
 #include "store/forgetting.h"
 
 namespace metricdb {
@@ -93,6 +94,9 @@ struct ServeArguments {
   uint64_t max_new_series = 50'000;
   bool drop_strings = false;
   std::string backup_folder;  // empty: no backups
+  NatsOptions nats;
+  int nats_ack_wait_s = 60;
+  std::string nats_password_file;  // with nats.user
 };
 
 struct BackupArguments {

@@ -225,6 +225,9 @@ const char *const SERVE_FOOTER =
     "initial requests of agents to /query are answered too. /health answers 503 while points cannot be\n"
     "made durable, and /metrics has figures for Prometheus.\n"
     "Graphite: the plaintext protocol, `path[;tag=value] value seconds`, which has no answers.\n"
+    "NATS: the payload of a message is line protocol with nanoseconds. It is acknowledged when its points are\n"
+    "durable; lines that are malformed, too old or too new are skipped. A message that cannot be stored at the\n"
+    "moment stays in the stream. A stream that is made here keeps messages until they are acknowledged.\n"
     "A point with the time of a recent point of its series replaces it, so requests can be sent again.\n"
     "--retain counts from the clock of this machine, so that one odd timestamp does not matter; with --data\n"
     "it is for new databases. --idle refers to data time, which is the newest timestamp so far. --max-future\n"
@@ -240,6 +243,32 @@ const char *const SERVE_FOOTER =
     "users are read again.\n"
     "\n"
     "Exit: 0 after a signal; 1 a port is in use, DIR cannot be used, or the disk failed.";
+
+void add_nats(CLI::App *command, ServeArguments &arguments) {
+  const auto add = [command](const char *name, std::string &value, const char *what, const char *type) {
+    return command->add_option(name, value, what)->type_name(type);
+  };
+  NatsOptions &nats = arguments.nats;
+  add("--nats", nats.subject, "store messages of NATS JetStream with this subject; see below", "SUBJECT");
+  add("--nats-servers", nats.servers, "servers of NATS", "URL[,URL...]")->capture_default_str();
+  add("--nats-stream", nats.stream, "the stream; default: the one with the subject, or a new one", "NAME");
+  add("--nats-durable", nats.consumer, "the name of the durable consumer; default: made of the subject", "NAME")
+      ->check([](const std::string &name) {
+        return name.empty() || name.find_first_of(".*>/\\ ") != name.npos ? "a name without . * > / \\ and spaces" : "";
+      });
+  command
+      ->add_option("--nats-ack-wait", arguments.nats_ack_wait_s,
+                   "of a new consumer: a message that was not acknowledged for so long comes again")
+      ->check(CLI::Range(1, 3600).description(""))
+      ->capture_default_str()
+      ->type_name("SECONDS");
+  add("--nats-user", nats.user, "user of NATS", "NAME");
+  add("--nats-password-file", arguments.nats_password_file, "a file whose first line is the password", "FILE");
+  add("--nats-creds", nats.credentials_file, "credentials of NATS: a JWT and its key", "FILE");
+  add("--nats-ca", nats.ca_file, "speak TLS with servers whose certificates are of these authorities, in PEM", "FILE");
+  add("--nats-db", nats.database, "with --data: the database of messages without the header db", "NAME")
+      ->capture_default_str();
+}
 
 CLI::App *add_serve(CLI::App &app, ServeArguments &arguments) {
   CLI::App *const command = app.add_subcommand("serve", "receive points from agents over TCP");
@@ -287,6 +316,7 @@ CLI::App *add_serve(CLI::App &app, ServeArguments &arguments) {
       ->add_option("--backup-folder", arguments.backup_folder,
                    "answer POST /backup?name=NAME by writing a backup to this folder")
       ->type_name("DIR");
+  add_nats(command, arguments);
   command->add_flag("--drop-strings", arguments.drop_strings,
                     "store the other fields of a line with strings; without it such lines are refused");
   command->footer(SERVE_FOOTER);

@@ -13,13 +13,17 @@ std::string password_of(const ServerAccess &access) {
     if (password == nullptr) throw std::runtime_error("--user needs --password-file or the variable METRICDB_PASSWORD");
     return password;
   }
-  std::ifstream file(access.password_file);
-  std::string password;
-  if (!std::getline(file, password)) throw std::runtime_error(access.password_file + ": no line with a password");
-  return password;
+  return password_in(access.password_file);
 }
 
 }  // namespace
+
+std::string password_in(const std::string &file) {
+  std::ifstream lines(file);
+  std::string password;
+  if (!std::getline(lines, password)) throw std::runtime_error(file + ": no line with a password");
+  return password;
+}
 
 void check_server_or_db(const ServerAccess &access, const std::string &db) {
   if (db.empty() == access.addresses.empty()) throw std::runtime_error("use either --db or --server");

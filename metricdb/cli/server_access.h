@@ -14,6 +14,9 @@ struct ServerAccess {
   std::string password_file;           // empty: the variable METRICDB_PASSWORD
 };
 
+// Returns the first line of a file. Throws std::runtime_error.
+std::string password_in(const std::string &file);
+
 // Throws std::runtime_error if both a server and a folder are named, or none of them, or what only a server needs.
 void check_server_or_db(const ServerAccess &access, const std::string &db);
 

@@ -209,10 +209,13 @@ RoutedRequest InfluxApi::route(const HttpRequest &request) {
 }
 
 HttpAnswer InfluxApi::health() const {
-  const std::string why = view_.why_unhealthy();
+  const std::string why = view_.why_unhealthy(), warning = view_.warning();
+  const std::string message = warning.empty() ? "ready for writes" : "ready for writes; " + warning;
   HttpAnswer answer = json_answer({{"name", "metricdb"},
-                                   {"message", why.empty() ? "ready for writes" : why},
-                                   {"status", why.empty() ? "pass" : "fail"}});
+                                   {"message", why.empty() ? message : why},
+                                   {"status", !why.empty()      ? "fail"
+                                              : warning.empty() ? "pass"
+                                                                : "warn"}});
   if (!why.empty()) answer.status = HTTP_STATUS_SERVICE_UNAVAILABLE;
   return answer;
 }

@@ -43,6 +43,7 @@ using RoutedRequest = std::variant<WriteRequest, QueryRequest, BackupRequest, Ht
 // What the server says about itself.
 struct OperatorView {
   std::function<std::string()> why_unhealthy;  // empty if it is healthy
+  std::function<std::string()> warning;        // that points do not arrive on one path; empty if they do on all
   std::function<std::string()> metrics;
 };
 

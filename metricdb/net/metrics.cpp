@@ -9,6 +9,7 @@
 
 #include "net/connection.h"
 #include "net/influx_api.h"
+#include "net/nats_source.h"
 
 namespace metricdb {
 namespace {
@@ -94,6 +95,23 @@ void append_queries(MetricsText &metrics, const Hub &hub) {
   hub.query_times.append_to(metrics.text(), "metricdb_query_seconds");
 }
 
+void append_nats(MetricsText &metrics, const NatsSource &nats) {
+  const NatsState state = nats.state();
+  metrics.add("metricdb_nats_connected", "gauge", "1 while messages of NATS can arrive.", state.is_connected ? 1 : 0);
+  metrics.add("metricdb_nats_connects_total", "counter", "Connections to NATS.", state.n_connects);
+  const char *const messages = "metricdb_nats_messages_total";
+  metrics.begin(messages, "counter", "Messages of NATS by their answer.");
+  metrics.add_labelled(messages, "result", "acknowledged", nats.n_acknowledged());
+  metrics.add_labelled(messages, "result", "returned", nats.n_returned());
+  metrics.add("metricdb_nats_redelivered_messages_total", "counter", "Messages of NATS that came again.",
+              state.n_redelivered);
+  metrics.add("metricdb_nats_unacknowledged_messages", "gauge", "Messages that were taken and are not answered.",
+              state.n_unacknowledged);
+  metrics.add("metricdb_nats_unacknowledged_bytes", "gauge", "Bytes of these messages.", state.unacknowledged_bytes);
+  metrics.add("metricdb_nats_stream_messages", "gauge", "Messages that waited in the stream when the last one came.",
+              state.n_in_stream);
+}
+
 using FiguresOfAll = std::vector<std::pair<std::string, IngestFigures>>;
 
 // One line for each database. The names need no escapes.
@@ -151,11 +169,13 @@ void DurationHistogram::append_to(std::string &text, const char *name) const {
       fmt::format("{}_bucket{{le=\"+Inf\"}} {}\n{}_sum {}\n{}_count {}\n", name, n_up_to, name, sum_s_, name, n_up_to);
 }
 
-std::string metrics_text(const Hub &hub, const DeniedRequests &denied, size_t n_waiting_batches) {
+std::string metrics_text(const Hub &hub, const DeniedRequests &denied, size_t n_waiting_batches,
+                         const NatsSource *nats) {
   MetricsText metrics;
   append_server(metrics, hub, n_waiting_batches);
   append_denied(metrics, denied);
   append_queries(metrics, hub);
+  if (nats != nullptr) append_nats(metrics, *nats);
   append_stores(metrics, hub.figures_of_all());
   metrics.add("process_resident_memory_bytes", "gauge", "Resident memory of the process.", resident_bytes());
   return std::move(metrics.text());

@@ -10,6 +10,7 @@ namespace metricdb {
 
 struct DeniedRequests;
 struct Hub;
+class NatsSource;
 
 // Counts durations by their length. Threads: one.
 class DurationHistogram {
@@ -27,6 +28,8 @@ class DurationHistogram {
 };
 
 // n_waiting_batches  committed and not settled.
-std::string metrics_text(const Hub &hub, const DeniedRequests &denied, size_t n_waiting_batches);
+// nats               null without messages of NATS.
+std::string metrics_text(const Hub &hub, const DeniedRequests &denied, size_t n_waiting_batches,
+                         const NatsSource *nats);
 
 }  // namespace metricdb

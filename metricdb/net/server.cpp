@@ -21,6 +21,7 @@
 #include "net/http_connection.h"
 #include "net/listener.h"
 #include "net/metrics.h"
+#include "net/nats_source.h"
 #include "store/log.h"
 
 namespace metricdb {
@@ -91,8 +92,9 @@ class Server::Loop {
   void check_times();
   void log_snapshots();
   std::string why_unhealthy();
+  std::string metrics() const;
   void begin_drain();
-  bool is_drained() const { return is_draining_ && n_connections_ == 0; }
+  bool is_drained() const { return is_draining_ && n_connections_ == 0 && (!nats_ || nats_->is_drained()); }
   milliseconds tick() const;
 
   Hub hub_;
@@ -107,6 +109,7 @@ class Server::Loop {
   Descriptor epoll_;
   Listener influx_;
   Listener graphite_;
+  std::optional<NatsSource> nats_;
   // By descriptor. The following lists contain descriptors too. If a descriptor was reused by another connection, that
   // one is processed without effect.
   std::vector<Place> places_;
@@ -129,7 +132,8 @@ class Server::Loop {
 
 Server::Loop::Loop(const ServerOptions &options)
     : hub_(options),
-      api_({[this] { return why_unhealthy(); }, [this] { return metrics_text(hub_, api_.denied(), batches_.size()); }},
+      api_({[this] { return why_unhealthy(); }, [this] { return nats_ ? nats_->why_disconnected() : ""; },
+            [this] { return metrics(); }},
            hub_.access),
       epoll_(tslb_epoll_init(static_cast<int>(MAX_EVENTS), nullptr)),
       influx_(options.address, options.influx_port, options.influx_socket),
@@ -141,6 +145,9 @@ Server::Loop::Loop(const ServerOptions &options)
   watch(hub_.queries.event_fd(), EPOLLIN);
   watch(hub_.backups.event_fd(), EPOLLIN);
   if (influx_.fd() >= 0) watch(influx_.fd(), EPOLLIN);
+  if (options.nats.subject.empty()) return;
+  nats_.emplace(hub_, options.nats);
+  watch(nats_->event_fd(), EPOLLIN);
 }
 
 void Server::Loop::watch(int fd, uint32_t events) {
@@ -165,6 +172,7 @@ void Server::Loop::begin_ingest(Ingest &ingest) {
   hub_.ingest = &ingest;
   watch(ingest.settled_fd(), EPOLLIN);
   if (graphite_.fd() >= 0) watch(graphite_.fd(), EPOLLIN);
+  if (nats_ && !is_draining_) nats_->start();
 }
 
 void Server::Loop::request(std::atomic<bool> &flag) noexcept {
@@ -213,6 +221,7 @@ void Server::Loop::run() {
     run_round();
   }
   places_.clear();
+  if (nats_) nats_->close();
   log_snapshots();
   hub_.log.end();
   TSLB_DLOG(LOG_PROGRESS, "stopped");
@@ -226,6 +235,7 @@ void Server::Loop::run_round() {
     answer_queries(hub_.backups);
   }
   process_active();
+  if (nats_) nats_->process();
   work();
   commit();
   if (hub_.now >= next_check_) check_times();
@@ -234,7 +244,8 @@ void Server::Loop::run_round() {
 void Server::Loop::wait_for_events() {
   std::array<epoll_event, MAX_EVENTS> events;
   const auto until = std::chrono::ceil<milliseconds>(next_check_ - Clock::now());
-  const int wait_ms = active_.empty() && !has_more_work_ ? static_cast<int>(std::max<int64_t>(until.count(), 0)) : 0;
+  const bool is_idle = active_.empty() && !has_more_work_ && !(nats_ && nats_->is_ready());
+  const int wait_ms = is_idle ? static_cast<int>(std::max<int64_t>(until.count(), 0)) : 0;
   const int n = epoll_wait(epoll_.get(), events.data(), static_cast<int>(events.size()), wait_ms);
   if (n < 0 && errno != EINTR) fail("epoll");
   hub_.now = Clock::now();
@@ -249,6 +260,8 @@ void Server::Loop::on_event(const epoll_event &event) {
     is_settled_readable_ = true;
   } else if (fd == hub_.queries.event_fd() || fd == hub_.backups.event_fd()) {
     has_query_answers_ = true;
+  } else if (nats_ && fd == nats_->event_fd()) {
+    nats_->on_event();
   } else if (fd == influx_.fd()) {
     accept_some(influx_);
   } else if (fd == graphite_.fd()) {
@@ -367,6 +380,7 @@ void Server::Loop::commit() {
     batches_.push_back({ticket, hub_.open_bytes, Clock::now()});
     for (const int fd : ingested_)
       if (const auto &connection = places_[static_cast<size_t>(fd)].connection) connection->committed(ticket);
+    if (nats_) nats_->committed(ticket);
   }
   ingested_.clear();
   hub_.has_open_points = false;
@@ -385,6 +399,7 @@ void Server::Loop::settle() {
       refusals.push_back({ticket, std::move(database), std::move(reason)});
     }
   }
+  if (nats_) nats_->settled(settled, refusals);
   Fds waiting;
   waiting.swap(waiting_);
   for (const int fd : waiting) {
@@ -451,6 +466,10 @@ std::string Server::Loop::why_unhealthy() {
   return hub_.why_not_writable();
 }
 
+std::string Server::Loop::metrics() const {
+  return metrics_text(hub_, api_.denied(), batches_.size(), nats_ ? &*nats_ : nullptr);
+}
+
 void Server::Loop::check_times() {
   next_check_ = hub_.now + tick();
   if (hub_.options.on_tick) hub_.options.on_tick();
@@ -468,6 +487,7 @@ void Server::Loop::begin_drain() {
   if (hub_.options.on_stop) hub_.options.on_stop();
   drain_deadline_ = hub_.now + hub_.options.drain_timeout;
   next_check_ = hub_.now + tick();
+  if (nats_) nats_->drain();
   influx_.close();
   graphite_.close();
   for (Place &place : places_) {

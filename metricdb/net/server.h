@@ -2,7 +2,7 @@
 //
 // There are two protocols, each on its own port: the HTTP interface of InfluxDB 1.x (influx_api.h), which answers each
 // request, and the plaintext protocol of Graphite (graphite.h), which answers nothing. Graphite lines that are refused
-// are counted and lost.
+// are counted and lost. Messages of a NATS stream are acknowledged when they are durable (nats_source.h).
 //
 // One thread runs everything but queries, in rounds. A round receives once per connection, passes all complete requests to
 // the Ingest and commits them as one batch. Their answers wait for the ticket of this batch, while the following rounds
@@ -18,6 +18,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "net/nats_options.h"
 #include "net/query_workers.h"
 #include "store/ingest.h"
 
@@ -35,6 +36,7 @@ struct ServerOptions {
   std::string graphite_database = {};  // of the lines of that protocol, for an Ingest with several databases
   int influx_socket = -1;              // a listening socket that the server owns, in place of the port; -1: none
   int graphite_socket = -1;
+  NatsOptions nats = {};  // messages of a stream, beside the ports (nats_source.h)
 
   // PEM; for both protocols. Read again after `hang_up`, for new connections. Empty: no TLS.
   std::string tls_certificate_file = {}, tls_key_file = {};

@@ -29,6 +29,7 @@
 #include <vector>
 
 #include "checksum.h"
+#include "stored_array.h"
 
 namespace {
 
@@ -111,11 +112,8 @@ uint64_t write_event(tslb_store_t *store, uint32_t source, uint32_t event_bytes,
 uint32_t digest_of(tslb_store_t *store) {
   uint32_t digest = 0;
   for (uint32_t array : {SOURCES, EVENTS}) {
-    DynamicArray_t const handle = tslb_store_array(store, array);
-    const uint32_t n_used = tslb_da_get_size(handle);
-    digest = tslb_durable::crc32c(&n_used, sizeof n_used, digest);
-    for (uint32_t idx = 0; idx < n_used; ++idx)
-      digest = tslb_durable::crc32c(record_at<char>(store, array, idx), tslb_da_get_record_size(handle), digest);
+    const uint32_t next = tslb_durable::digest_of(tslb_store_array(store, array)).crc32c;
+    digest = tslb_durable::crc32c(&next, sizeof next, digest);
   }
   return digest;
 }

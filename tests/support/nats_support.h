@@ -12,6 +12,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -21,7 +22,12 @@ class NatsServer {
   static constexpr const char *PROGRAM = "/usr/sbin/nats-server";
   static bool is_installed() { return access(PROGRAM, X_OK) == 0; }
 
-  explicit NatsServer(std::string folder) : folder_(std::move(folder)), port_(free_port()) { start(); }
+  // config  of the server, beside streams and port.
+  explicit NatsServer(std::string folder, const std::string &config = {})
+      : folder_(std::move(folder)), config_(folder_ + ".conf"), port_(free_port()) {
+    std::ofstream(config_) << config << "\n";
+    start();
+  }
   ~NatsServer() { kill_now(); }
   NatsServer(const NatsServer &) = delete;
   NatsServer &operator=(const NatsServer &) = delete;
@@ -37,7 +43,8 @@ class NatsServer {
     const int null = open("/dev/null", O_WRONLY);
     dup2(null, 1);
     dup2(null, 2);
-    execl(PROGRAM, PROGRAM, "-js", "-a", "127.0.0.1", "-p", port.c_str(), "-sd", folder_.c_str(), nullptr);
+    execl(PROGRAM, PROGRAM, "-js", "-a", "127.0.0.1", "-p", port.c_str(), "-sd", folder_.c_str(), "-c", config_.c_str(),
+          nullptr);
     _exit(127);
   }
   void kill_now() {
@@ -59,7 +66,7 @@ class NatsServer {
     return ntohs(address.sin_port);
   }
 
-  const std::string folder_;
+  const std::string folder_, config_;
   const int port_;
   pid_t process_ = -1;
 };
