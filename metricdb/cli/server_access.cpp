@@ -1,5 +1,7 @@
 #include "cli/server_access.h"
 
+#include <fmt/format.h>
+
 #include <cstdlib>
 #include <fstream>
 #include <stdexcept>
@@ -31,6 +33,13 @@ HttpServer http_server_of(const ServerAccess &access) {
   HttpServer server = {.address = access.address, .ca_file = access.ca_file, .user = access.user};
   if (!server.user.empty()) server.password = password_of(access);
   return server;
+}
+
+std::string answer_of_server(const ServerAccess &access, const std::string &target) {
+  const FetchedAnswer answer = fetch(http_server_of(access), target, "application/json");
+  const std::string text = answer.body.substr(0, answer.body.find_last_not_of('\n') + 1);
+  if (answer.status != 200) throw std::runtime_error(fmt::format("{}: {}: {}", access.address, answer.status, text));
+  return text + "\n";
 }
 
 }  // namespace metricdb

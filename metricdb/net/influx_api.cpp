@@ -106,6 +106,11 @@ RoutedRequest route_write(const HttpRequest &request, std::string_view arguments
 
 }  // namespace
 
+const char *role_name(ReplicaFigures::Role role) {
+  if (role == ReplicaFigures::Role::ended) return "ended";
+  return role == ReplicaFigures::Role::leader ? "leader" : "follower";
+}
+
 HttpAnswer error_answer(http_status status, std::string reason) {
   HttpAnswer answer;
   answer.status = status;
@@ -199,20 +204,36 @@ RoutedRequest InfluxApi::route(const HttpRequest &request) {
                                                                      argument(target->arguments, "db").value_or("")})
                                        : RoutedRequest(not_allowed("POST"));
   }
+  if (target->path == "/promote") {
+    if (auto answer = denied(Right::write)) return *std::move(answer);
+    return request.method == HTTP_POST ? RoutedRequest(PromoteRequest()) : RoutedRequest(not_allowed("POST"));
+  }
   if (target->path == "/ping") return reads ? HttpAnswer() : not_allowed("GET, HEAD");
   if (target->path == "/health") return reads ? health() : not_allowed("GET, HEAD");
   if (target->path == "/metrics") {
     if (auto answer = denied(Right::read)) return *std::move(answer);
     return reads ? metrics() : not_allowed("GET, HEAD");
   }
-  return error_answer(HTTP_STATUS_NOT_FOUND, "the paths are /write, /query, /ping, /health, /metrics and /backup");
+  return error_answer(HTTP_STATUS_NOT_FOUND,
+                      "the paths are /write, /query, /ping, /health, /metrics, /backup and /promote");
 }
 
 HttpAnswer InfluxApi::health() const {
   const std::string why = view_.why_unhealthy();
-  HttpAnswer answer = json_answer({{"name", "metricdb"},
-                                   {"message", why.empty() ? "ready for writes" : why},
-                                   {"status", why.empty() ? "pass" : "fail"}});
+  const std::optional<ReplicaFigures> replica = view_.replica();
+  const bool follows = replica && replica->role == ReplicaFigures::Role::follower;
+  Json json = {{"name", "metricdb"},
+               {"message", !why.empty() ? why
+                           : follows    ? "ready for queries, follows " + replica->name
+                                        : "ready for writes"},
+               {"status", why.empty() ? "pass" : "fail"}};
+  if (replica)
+    json["replica"] = {{"role", role_name(replica->role)},
+                       {"epoch", replica->epoch},
+                       {"number", replica->number},
+                       {"lag_messages", replica->lag},
+                       {"lag_seconds", replica->lag_s}};
+  HttpAnswer answer = json_answer(json);
   if (!why.empty()) answer.status = HTTP_STATUS_SERVICE_UNAVAILABLE;
   return answer;
 }

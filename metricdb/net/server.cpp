@@ -129,7 +129,8 @@ class Server::Loop {
 
 Server::Loop::Loop(const ServerOptions &options)
     : hub_(options),
-      api_({[this] { return why_unhealthy(); }, [this] { return metrics_text(hub_, api_.denied(), batches_.size()); }},
+      api_({[this] { return why_unhealthy(); }, [this] { return metrics_text(hub_, api_.denied(), batches_.size()); },
+            [this] { return hub_.ingest != nullptr ? hub_.ingest->replica() : std::nullopt; }},
            hub_.access),
       epoll_(tslb_epoll_init(static_cast<int>(MAX_EVENTS), nullptr)),
       influx_(options.address, options.influx_port, options.influx_socket),
@@ -140,6 +141,7 @@ Server::Loop::Loop(const ServerOptions &options)
   watch(wake_.fd(), EPOLLIN);
   watch(hub_.queries.event_fd(), EPOLLIN);
   watch(hub_.backups.event_fd(), EPOLLIN);
+  watch(hub_.promotions.event_fd(), EPOLLIN);
   if (influx_.fd() >= 0) watch(influx_.fd(), EPOLLIN);
 }
 
@@ -199,6 +201,7 @@ void Server::Loop::run() {
     ~StopQueries() {
       hub.queries.stop();
       hub.backups.stop();
+      hub.promotions.stop();
     }
   } const stop_queries{hub_};
   TSLB_DLOG(LOG_PROGRESS, "serving: influx %d, graphite %d on %s", influx_port(), graphite_port(),
@@ -224,6 +227,7 @@ void Server::Loop::run_round() {
   if (std::exchange(has_query_answers_, false)) {
     answer_queries(hub_.queries);
     answer_queries(hub_.backups);
+    answer_queries(hub_.promotions);
   }
   process_active();
   work();
@@ -247,7 +251,7 @@ void Server::Loop::on_event(const epoll_event &event) {
     on_requests();
   } else if (hub_.ingest != nullptr && fd == hub_.ingest->settled_fd()) {
     is_settled_readable_ = true;
-  } else if (fd == hub_.queries.event_fd() || fd == hub_.backups.event_fd()) {
+  } else if (fd == hub_.queries.event_fd() || fd == hub_.backups.event_fd() || fd == hub_.promotions.event_fd()) {
     has_query_answers_ = true;
   } else if (fd == influx_.fd()) {
     accept_some(influx_);
