@@ -129,7 +129,7 @@ Span NatsStream::span() {
   jsStreamInfo *info = nullptr;
   const std::shared_ptr<Link> link = links_.get();
   expect_ok(js_GetStreamInfo(&info, link->js.get(), name_.c_str(), nullptr, nullptr), name_);
-  Span span = {info->State.FirstSeq, info->State.LastSeq};
+  Span span = {info->State.FirstSeq, info->State.LastSeq, info->State.Bytes};
   if (info->State.Msgs == 0) span.first = span.last + 1;
   jsStreamInfo_Destroy(info);
   return span;

@@ -59,6 +59,7 @@ struct NatsOptions {
 // Sequences of a stream's messages. last + 1 is the next one; if there are no messages, first is last + 1.
 struct Span {
   uint64_t first = 1, last = 0;
+  uint64_t bytes = 0;  // of the messages
   bool is_empty() const { return last < first; }
 };
 

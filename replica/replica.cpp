@@ -188,7 +188,7 @@ void tslb_replica_t::end_role(const std::string &why) noexcept {
 
 // ---- Leading -------------------------------------------------------------------------------------------------------
 
-void tslb_replica_t::promote() {
+void tslb_replica_t::promote(const std::optional<uint64_t> &only_after) {
   const std::lock_guard one(role_mutex_);
   {
     const std::lock_guard lock(mutex_);
@@ -209,6 +209,9 @@ void tslb_replica_t::promote() {
       if (!span.is_empty()) epoch = head_at(span.last, bytes).head.epoch;
       return span.last == 0;
     });
+    if (only_after && !is_empty && epoch != *only_after)
+      throw Fenced(
+          fmt::format("{}: has epoch {}, so another has led after epoch {}", log_.log().name(), epoch, *only_after));
     if (is_empty && position().number == 0) return found_log();
     follow_to(0, end);
     const uint64_t begun = begin_epoch(epoch, end);
@@ -403,7 +406,21 @@ void tslb_replica_get_info(tslb_replica_t *replica, tslb_replica_info_t *info) {
 
 int tslb_replica_promote(tslb_replica_t *replica, tslb_error_t *error) {
   return guarded_replica(error, -1, [&] {
-    replica->promote();
+    replica->promote(std::nullopt);
+    return 0;
+  });
+}
+
+int tslb_replica_promote_after(tslb_replica_t *replica, uint64_t epoch, tslb_error_t *error) {
+  return guarded_replica(error, -1, [&] {
+    replica->promote(epoch);
+    return 0;
+  });
+}
+
+int tslb_replica_get_log_bytes(tslb_replica_t *replica, uint64_t *bytes, tslb_error_t *error) {
+  return guarded_replica(error, -1, [&] {
+    *bytes = replica->log_bytes();
     return 0;
   });
 }

@@ -91,11 +91,21 @@ void tslb_replica_get_info(tslb_replica_t *replica, tslb_replica_info_t *info);
  * can be deposed all the same. Any thread; one at a time. */
 int tslb_replica_promote(tslb_replica_t *replica, tslb_error_t *error);
 
+/* The same, unless another has led since: only if the log is empty, or `epoch` is its last epoch. Otherwise this fails with
+ * TSLB_DURABLE_REFUSED, and deposes nobody. For a leader that is started again without an operator's decision. 0: only an
+ * empty log. Any thread; one at a time. */
+int tslb_replica_promote_after(tslb_replica_t *replica, uint64_t epoch, tslb_error_t *error);
+
 /* Publishes a snapshot of the store, and removes older ones after that. Leader or follower. Batches and following go on.
  *
  * cuts_log not 0: removes the groups from the log that the snapshot contains. Followers that lack them begin from the
- * snapshot. Result 0, or -1: the snapshot before is still there. Any thread; one at a time. */
+ * snapshot. Result 0, or -1: the snapshot before is still there; with TSLB_DURABLE_REFUSED it is newer, or another leads.
+ * Any thread; one at a time. */
 int tslb_replica_publish_snapshot(tslb_replica_t *replica, int cuts_log, tslb_error_t *error);
+
+/* Asks the servers how many bytes the log has: a host publishes a snapshot when they are many. Result: 0, or -1. Any
+ * thread. */
+int tslb_replica_get_log_bytes(tslb_replica_t *replica, uint64_t *bytes, tslb_error_t *error);
 
 TSLB_END_DECLS
 

@@ -67,7 +67,7 @@ uint64_t tslb_replica_t::first_after(const Span &span, const std::function<bool(
   return from;
 }
 
-// Returns the sequence after the position of the store; 0 if the log begins later.
+// Returns the sequence after the position of the store; 0 if the log begins later, or does not continue the store's past.
 uint64_t tslb_replica_t::next_sequence(const Span &span) {
   const tslb_log_position_t own = position();
   const uint64_t next = first_after(span, [&](const MessageHead &head) { return head.number > own.number; });
@@ -80,8 +80,10 @@ uint64_t tslb_replica_t::next_sequence(const Span &span) {
                      fmt::format("{}: ends with group {} of epoch {}, but the store has group {} of epoch {}",
                                  log_.log().name(), number, epoch, own.number, own.epoch));
   }
-  if (number == own.number + 1 && head.chunk == 0) return next;
-  if (next == span.first) return 0;
+  const bool is_next = number == own.number + 1 && head.chunk == 0;
+  // The last group of the store can be one that the log never had, and the log be cut just there.
+  if (next == span.first && (!is_next || head.epoch_before != own.epoch)) return 0;
+  if (is_next) return next;
   throw StoreError(TSLB_DURABLE_DAMAGED, fmt::format("{}: group {}, but group {} is the next one",
                                                      log_.log().place(next), number, own.number + 1));
 }
@@ -116,6 +118,20 @@ std::optional<bool> tslb_replica_t::is_in_log(const tslb_log_position_t &positio
   return position.number <= last_numbers_[position.epoch];
 }
 
+// The same. The log can be cut meanwhile: then it is asked again.
+std::optional<bool> tslb_replica_t::is_surely_in_log(const tslb_log_position_t &position) {
+  for (const auto end = deadline();;) {
+    try {
+      return is_in_log(position);
+    } catch (const Unreachable &) {
+      if (Clock::now() > end) throw;
+    }
+    found_span_.reset();
+    last_numbers_.clear();
+    std::this_thread::sleep_for(PAUSE);
+  }
+}
+
 // The groups are whole messages, with the layout 0.
 void tslb_replica_t::set_aside(const tslb_group_t &group) {
   if (group.position.number <= last_set_aside_) return;  // the store reads its journal again
@@ -139,7 +155,7 @@ void tslb_replica_t::set_aside(const tslb_group_t &group) {
 // them, and the store gets the content of a snapshot.
 int tslb_replica_t::found(const tslb_group_t &group, char *why, size_t capacity) noexcept {
   try {
-    const std::optional<bool> is_there = is_in_log(group.position);
+    const std::optional<bool> is_there = is_surely_in_log(group.position);
     if (is_there && *is_there) {
       if (set_aside_) tslb_durable::remove_file(set_aside_->path());
       set_aside_.reset();
@@ -235,18 +251,26 @@ void tslb_replica_t::follow_until(const std::function<bool()> &is_done) {
   auto asked = Clock::now(), received = asked;
   while (!is_done()) {
     const std::optional<ReadMessage> message = log_.log().receive(RECEIVE_TIME);
-    const auto now = Clock::now();
     if (message) {
-      received = now;
+      {
+        const std::lock_guard lock(mutex_);
+        lag_ = std::max<uint64_t>(lag_, 1);  // readers of the store can delay its application
+      }
       const std::optional<tslb_group_t> group = reader_->take(message->bytes, log_.log().place(message->sequence));
       if (group) apply(*group);
       next_ = message->sequence + 1;
+    }
+    const auto now = Clock::now();
+    const bool is_asking = now - asked >= ASK_TIME;
+    if (message) {
+      received = now;
       const std::lock_guard lock(mutex_);
       applied_ns_ = reader_->made_ns();
       answered_ = now;
-      if (lag_ > 0) --lag_;
+      // While the servers are asked, the messages that came meanwhile are not known.
+      if (!is_asking) --lag_;
     }
-    if (now - asked < ASK_TIME) continue;
+    if (!is_asking) continue;
     asked = now;
     const Span span = log_.log().span();
     {

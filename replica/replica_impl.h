@@ -43,7 +43,9 @@ struct tslb_replica_t {
 
   tslb_store_t *store() const { return store_; }
   tslb_replica_info_t info();
-  void promote();
+  // only_after  as in tslb_replica_promote_after.
+  void promote(const std::optional<uint64_t> &only_after);
+  uint64_t log_bytes() { return log_.log().span().bytes; }
   void publish_snapshot(bool cuts_log);
   void close();
 
@@ -56,6 +58,7 @@ struct tslb_replica_t {
   // Following, in replica_follow.cpp.
   uint64_t last_number_in_log(uint64_t epoch, const tslb_replica::Span &span);
   std::optional<bool> is_in_log(const tslb_log_position_t &position);
+  std::optional<bool> is_surely_in_log(const tslb_log_position_t &position);
   void set_aside(const tslb_group_t &group);
   tslb_replica::Message head_at(uint64_t sequence, std::string &bytes);
   uint64_t first_after(const tslb_replica::Span &span,

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "files.h"
 
@@ -150,6 +151,20 @@ uint64_t first_of_last_snapshot(NatsStream &stream) {
   return 0;
 }
 
+// A leader that does not know yet that it was deposed, or a slow follower, could replace a snapshot where the log was cut by
+// one before. Then no new follower could begin.
+void expect_none_newer(NatsStream &stream, const MessageHead &own) {
+  const uint64_t first = first_of_last_snapshot(stream);
+  const auto bytes = first != 0 ? stream.read(first) : std::nullopt;
+  if (!bytes) return;
+  const MessageHead there = expect_chunk(*bytes, stream.place(first)).head;
+  if (std::memcmp(there.identity, own.identity, sizeof own.identity) != 0) return;  // of a log that was not founded
+  const uint64_t epoch = there.epoch, number = there.number;
+  if (std::pair(epoch, number) > std::pair<uint64_t, uint64_t>(own.epoch, own.number))
+    throw StoreError(TSLB_DURABLE_REFUSED,
+                     fmt::format("{}: has a newer snapshot, of group {} of epoch {}", stream.name(), number, epoch));
+}
+
 }  // namespace
 
 void publish_archive(NatsStream &stream, const MessageHead &head, const std::string &folder, size_t chunk_bytes) {
@@ -160,7 +175,8 @@ void publish_archive(NatsStream &stream, const MessageHead &head, const std::str
   for (const std::string &name : names)
     first.body_bytes += start_of(name, 0).size() + File::open(folder + "/" + name).bytes();
   first.n_chunks = static_cast<uint32_t>(std::max<uint64_t>(1, (first.body_bytes + chunk_bytes - 1) / chunk_bytes));
-  const uint64_t last = stream.span().last;
+  const uint64_t last = stream.span().last;  // what another publishes from here on is refused, or this is
+  expect_none_newer(stream, head);
   ArchiveWriter writer(stream, first, last, chunk_bytes);
   std::string part(chunk_bytes, '\0');
   for (const std::string &name : names) {

@@ -11,7 +11,7 @@
 
 namespace tslb_replica {
 
-// Publishes the files of a folder, and removes older snapshots after that. Throws StoreError.
+// Publishes the files of a folder, and removes older snapshots after that. Throws StoreError, also if a newer one is there.
 void publish_archive(NatsStream &stream, const MessageHead &head, const std::string &folder, size_t chunk_bytes);
 
 // Writes the files of the last complete snapshot to a folder, which is made. Returns a head of it; nothing if there is no

@@ -31,6 +31,7 @@ class TestReplica {
     store.abandon();
     return tslb_replica_close(std::exchange(replica_, nullptr), &error);
   }
+  tslb_replica_t *get() const { return replica_; }
   bool promote() { return tslb_replica_promote(replica_, &error) == 0; }
   bool publish_snapshot(bool cuts_log) { return tslb_replica_publish_snapshot(replica_, cuts_log, &error) == 0; }
   tslb_replica_info_t info() const {
@@ -225,6 +226,30 @@ TEST_F(Replica, FollowerBeginsFromASnapshotWhenTheLogWasCut) {
   ASSERT_TRUE(leader->open()) << leader->error.text;
   ASSERT_TRUE(follows(*leader, *fresh));
   EXPECT_EQ(leader->content(), fresh->content());
+}
+
+// Its last group has the number before the log's first one, but the log had another group with that number.
+TEST_F(Replica, FormerLeaderBeginsFromASnapshotWhenTheLogWasCutWhereTheyPart) {
+  const auto former = make("a"), next = make("b");
+  ASSERT_TRUE(former->open() && next->open());
+  ASSERT_TRUE(former->promote()) << former->error.text;
+  ASSERT_EQ(former->change(random_), 0);
+  EXPECT_EQ(tslb_replica_promote_after(next->get(), 0, &next->error), -1) << "it deposed a leader";
+  EXPECT_EQ(next->error.code, TSLB_DURABLE_REFUSED);
+  EXPECT_EQ(tslb_replica_promote_after(next->get(), 1, &next->error), 0) << next->error.text;
+  ASSERT_EQ(next->change(random_), 0);
+  uint64_t before = 0, after = 0;
+  EXPECT_EQ(tslb_replica_get_log_bytes(next->get(), &before, nullptr), 0);
+  ASSERT_TRUE(next->publish_snapshot(true)) << next->error.text;
+  EXPECT_EQ(tslb_replica_get_log_bytes(next->get(), &after, nullptr), 0);
+  EXPECT_LT(after, before);
+  EXPECT_FALSE(former->publish_snapshot(false)) << "nobody could begin from it";
+  EXPECT_THAT(former->error.text, HasSubstr("has a newer snapshot"));
+  ASSERT_EQ(former->change(random_), -1);
+  former->close();
+  ASSERT_TRUE(former->open()) << former->error.text;
+  ASSERT_TRUE(follows(*former, *next)) << former->info().text;
+  EXPECT_EQ(former->content(), next->content());
 }
 
 TEST_F(Replica, FaultInTheLogEndsFollowingWithItsPlace) {

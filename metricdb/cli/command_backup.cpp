@@ -4,7 +4,6 @@
 #include <fmt/format.h>
 
 #include <chrono>
-#include <stdexcept>
 
 #include "cli/commands.h"
 #include "cli/output.h"
@@ -24,11 +23,7 @@ void print_backup(const std::string &what, const BackupInfo &info, std::chrono::
 int backup_of_server(const BackupArguments &arguments) {
   const std::string target =
       fmt::format("/backup?name={}&db={}", url_encoded(arguments.to), url_encoded(arguments.database));
-  const FetchedAnswer answer = fetch(http_servers_of(arguments.server)[0], target, "application/json");
-  const std::string text = answer.body.substr(0, answer.body.find_last_not_of('\n') + 1);
-  if (answer.status != 200)
-    throw std::runtime_error(fmt::format("{}: {}: {}", arguments.server.addresses[0], answer.status, text));
-  print(text + "\n");
+  print(answer_of_server(arguments.server, target));
   return EXIT_GOOD;
 }
 

@@ -20,10 +20,13 @@
 #include "cli/log_file.h"
 #include "cli/open_databases.h"
 #include "cli/output.h"
+#include "cli/replica_options.h"
 #include "cli/server_access.h"
 #include "cli/service_manager.h"
 #include "cli/write_options.h"
 #include "net/backup_api.h"
+#include "net/influx_api.h"
+#include "net/promote_api.h"
 #include "net/server.h"
 #include "query/influxql.h"
 #include "store/log.h"
@@ -146,9 +149,12 @@ struct Served {
 
   Ingest &ingest() const { return set ? static_cast<Ingest &>(*set) : *only; }
   const std::string &warnings() const { return set ? set->warnings() : only->warnings(); }
+  // Returns why a replica is to be started again; empty if it is not.
+  std::string why_ended() const { return only ? only->why_ended() : ""; }
   // Returns why the last batch was refused; empty if it was not.
   std::string close() const {
     if (set) return set->close();
+    if (const std::string why = why_ended(); !why.empty()) throw DatabaseError(why);
     std::string why = only->wait(only->commit());
     only->close();
     return why;
@@ -165,6 +171,9 @@ http_status status_of(const InfluxqlAnswer &answer) {
 QueryAnswer answer_query(const Served *served, DatabaseNames &names, const QueryRequest &request,
                          const IsInterrupted &is_interrupted) {
   if (served == nullptr) return {HTTP_STATUS_SERVICE_UNAVAILABLE, "application/json", "{\"error\":\"starting\"}\n"};
+  if (const std::string why = served->only ? served->only->why_unreadable() : ""; !why.empty())
+    return {HTTP_STATUS_SERVICE_UNAVAILABLE, "application/json",
+            error_answer(HTTP_STATUS_SERVICE_UNAVAILABLE, why).json};
   const InfluxqlRequest query = {.text = request.text,
                                  .epoch = request.epoch,
                                  .pretty = request.is_pretty,
@@ -192,6 +201,12 @@ QueryAnswer answer_backup_request(const Served *served, const std::string &folde
   return answer_backup(folder, request.text, [writer](const std::string &to) { return writer->backup(to); });
 }
 
+// On a thread of its own. served: as in answer_query.
+QueryAnswer answer_promote_request(const Served *served) {
+  if (served == nullptr) return {HTTP_STATUS_SERVICE_UNAVAILABLE, "application/json", "{\"error\":\"starting\"}\n"};
+  return answer_promotion([served] { return served->only->promote(); });
+}
+
 WriterOptions serve_writer_options(const ServeArguments &arguments) {
   WriterOptions options = writer_options_of(arguments.write);
   options.max_future_ns = arguments.max_future_s * NS_PER_S;
@@ -201,6 +216,7 @@ WriterOptions serve_writer_options(const ServeArguments &arguments) {
   options.one_per_time = true;
   options.is_live = true;
   options.retains_by_clock = true;
+  options.replica = replica_options_of(arguments);
   return options;
 }
 
@@ -302,6 +318,7 @@ int serve(const ServeArguments &arguments) {
     throw std::runtime_error("--tls-cert and --tls-key need each other");
   check_exposure(arguments, sockets);
   if (arguments.write.db.empty() == arguments.data.empty()) throw std::runtime_error("use either --db or --data");
+  const bool is_replica = replica_options_of(arguments).has_value();
   ignore_harmless_signals();
   ServerOptions options;
   options.address = arguments.address;
@@ -323,12 +340,22 @@ int serve(const ServeArguments &arguments) {
     options.backup = [&readable, &arguments](const QueryRequest &request, const IsInterrupted &) {
       return answer_backup_request(readable, arguments.backup_folder, request);
     };
+  if (is_replica)
+    options.promote = [&readable](const QueryRequest &, const IsInterrupted &) {
+      return answer_promote_request(readable);
+    };
   options.max_connections = connection_limit(options.max_connections);
   ServiceNotices notices;
   options.on_hang_up = reopen_log;
-  options.on_tick = [&notices] { notices.alive(); };
+  Server *running = nullptr;
+  options.on_tick = [&] {
+    notices.alive();
+    const Served *const served = readable;
+    if (served != nullptr && !served->why_ended().empty()) running->stop();
+  };
   options.on_stop = [&notices] { notices.stopping(); };
   Server server(options);
+  running = &server;
   const ServerSignals signals(server);
   Opening opening(arguments, server, readable, notices, ports_of(arguments, sockets, server));
   server.run();

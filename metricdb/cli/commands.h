@@ -80,8 +80,17 @@ struct IngestArguments {
   bool acks = false;
 };
 
+struct ReplicaArguments {  // as in ReplicaOptions
+  std::string name, servers;
+  std::string mode = "both";
+  uint32_t n_copies = 1;
+  double snapshot_mb = 256;
+  bool leads = false;
+};
+
 struct ServeArguments {
   WriteArguments write;
+  ReplicaArguments replica;
   std::string data;  // the folder of several databases, in place of write.db
   std::string graphite_database = "graphite";
   std::string address = "127.0.0.1";
@@ -104,6 +113,10 @@ struct BackupArguments {
   ServerAccess server;   // in place of db
   std::string database;  // its name, with `server`
   std::string to;        // folder; with a server its name in the server's folder for backups
+};
+
+struct PromoteArguments {
+  ServerAccess server;
 };
 
 struct RestoreArguments {
@@ -133,6 +146,7 @@ int stat(const VerifyArguments &arguments);
 int series(const SeriesArguments &arguments);
 int export_points(const SeriesArguments &arguments);
 int backup(const BackupArguments &arguments);
+int promote(const PromoteArguments &arguments);
 int restore(const RestoreArguments &arguments);
 int record(const RecordArguments &arguments);
 

@@ -14,6 +14,7 @@
 #include "cli/config_file.h"
 #include "cli/log_file.h"
 #include "cli/output.h"
+#include "cli/replica_options.h"
 #include "cli/service_manager.h"
 #include "store/log.h"
 #include "store/series_record.h"
@@ -154,6 +155,16 @@ CLI::App *add_backup(CLI::App &app, BackupArguments &arguments) {
   return command;
 }
 
+CLI::App *add_promote(CLI::App &app, PromoteArguments &arguments) {
+  CLI::App *const command = app.add_subcommand("promote", "make a server that follows the leader of its replicas");
+  add_server(command, arguments.server, "the server, which runs with --replica");
+  command->footer(
+      "The server applies the rest of the log, and then takes points. Another leader takes no more.\n"
+      "\n"
+      "Exit: 0 it leads; 1 it does not, and the message says why.");
+  return command;
+}
+
 CLI::App *add_restore(CLI::App &app, RestoreArguments &arguments) {
   CLI::App *const command = app.add_subcommand("restore", "verify a backup and make a new database of it");
   command->add_option("FROM", arguments.from, "the folder of the backup, which is not changed")
@@ -238,11 +249,15 @@ const char *const SERVE_FOOTER =
     "/write, r for queries and /metrics. /ping and /health need no user.\n"
     "TLS: for both ports. Without it and users the command serves loopback addresses only; see --insecure.\n"
     "The ports are open before the database is; meanwhile the answer is 503 with the progress.\n"
+    "Replicas: a server with --replica follows the leader, answers queries, and refuses points with 503 until\n"
+    "POST /promote or `metricdb promote` makes it the leader. A leader ends with 1 when another leads, or when\n"
+    "the log does not answer for 10 s.\n"
     "SIGTERM and SIGINT: requests that have arrived are processed and answered, then the command ends.\n"
     "SIGHUP: the log is opened again, for example after it was renamed, and the certificate and the\n"
     "users are read again.\n"
     "\n"
-    "Exit: 0 after a signal; 1 a port is in use, DIR cannot be used, or the disk failed.";
+    "Exit: 0 after a signal; 1 a port is in use, DIR cannot be used, the disk failed, or a replica neither leads\n"
+    "nor follows any more.";
 
 void add_nats(CLI::App *command, ServeArguments &arguments) {
   const auto add = [command](const char *name, std::string &value, const char *what, const char *type) {
@@ -319,6 +334,7 @@ CLI::App *add_serve(CLI::App &app, ServeArguments &arguments) {
   add_nats(command, arguments);
   command->add_flag("--drop-strings", arguments.drop_strings,
                     "store the other fields of a line with strings; without it such lines are refused");
+  add_replica(command, arguments.replica);
   command->footer(SERVE_FOOTER);
   return command;
 }
@@ -431,10 +447,10 @@ int main(int argc, char **argv) {
   hold_standard_streams();
   CLI::App app("metricdb: a small time-series database on tslb's arrays", "metricdb");
   app.require_subcommand(1);
-  app.set_version_flag(
-      "--version",
-      fmt::format("metricdb {}, {} systemd", TSLB_VERSION_STRING, KNOWS_SERVICE_MANAGER ? "with" : "without"),
-      "show the version, and whether services of systemd are supported");
+  app.set_version_flag("--version",
+                       fmt::format("metricdb {}, {} systemd, {} replicas", TSLB_VERSION_STRING,
+                                   KNOWS_SERVICE_MANAGER ? "with" : "without", KNOWS_REPLICAS ? "with" : "without"),
+                       "show the version, and whether services of systemd and replicas are supported");
   app.fallthrough();
   LogArguments log;
   LoadArguments load_arguments;
@@ -448,6 +464,7 @@ int main(int argc, char **argv) {
   QueryArguments query_arguments;
   VerifyArguments stat_arguments;
   BackupArguments backup_arguments;
+  PromoteArguments promote_arguments;
   RestoreArguments restore_arguments;
   add_log(app, log);
   const CLI::App *const is_load = add_load(app, load_arguments);
@@ -456,6 +473,7 @@ int main(int argc, char **argv) {
   const CLI::App *const is_serve = add_serve(app, serve_arguments);
   const CLI::App *const is_snapshot = add_snapshot(app, snapshot_arguments);
   const CLI::App *const is_backup = add_backup(app, backup_arguments);
+  const CLI::App *const is_promote = add_promote(app, promote_arguments);
   const CLI::App *const is_restore = add_restore(app, restore_arguments);
   const CLI::App *const is_verify = add_verify(app, verify_arguments);
   const CLI::App *const is_stat = add_stat(app, stat_arguments);
@@ -478,6 +496,7 @@ int main(int argc, char **argv) {
     if (*is_serve) return serve(serve_arguments);
     if (*is_snapshot) return snapshot(snapshot_arguments);
     if (*is_backup) return backup(backup_arguments);
+    if (*is_promote) return promote(promote_arguments);
     if (*is_restore) return restore(restore_arguments);
     if (*is_verify) return verify(verify_arguments);
     if (*is_stat) return metricdb::stat(stat_arguments);

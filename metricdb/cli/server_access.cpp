@@ -1,5 +1,7 @@
 #include "cli/server_access.h"
 
+#include <fmt/format.h>
+
 #include <cstdlib>
 #include <fstream>
 #include <stdexcept>
@@ -38,6 +40,14 @@ std::vector<HttpServer> http_servers_of(const ServerAccess &access) {
   for (const std::string &address : access.addresses)
     servers.push_back({address, access.ca_file, access.user, password});
   return servers;
+}
+
+std::string answer_of_server(const ServerAccess &access, const std::string &target) {
+  const FetchedAnswer answer = fetch(http_servers_of(access)[0], target, "application/json");
+  const std::string text = answer.body.substr(0, answer.body.find_last_not_of('\n') + 1);
+  if (answer.status != 200)
+    throw std::runtime_error(fmt::format("{}: {}: {}", access.addresses[0], answer.status, text));
+  return text + "\n";
 }
 
 }  // namespace metricdb

@@ -20,6 +20,10 @@ std::string password_in(const std::string &file);
 // Throws std::runtime_error if both a server and a folder are named, or none of them, or what only a server needs.
 void check_server_or_db(const ServerAccess &access, const std::string &db);
 
+// Sends a POST request, and returns the line of JSON that is the answer. Throws std::runtime_error for another status than
+// 200.
+std::string answer_of_server(const ServerAccess &access, const std::string &target);
+
 // Reads the password. Throws std::runtime_error.
 std::vector<HttpServer> http_servers_of(const ServerAccess &access);
 

@@ -43,6 +43,7 @@ IngestResult Hub::take(const std::string &database, std::string_view text, Preci
     result = ingest->take_for(database, text, precision);
   } catch (const IngestRefused &) {
     refused.add(1);
+    if (ingest != nullptr && !ingest->why_read_only().empty()) read_only.add(1);
     throw;
   }
   points.add(result.points);

@@ -47,6 +47,7 @@ struct Hub {
         tls(tls_of(options)),
         queries(options.query, options.n_query_threads, options.max_waiting_queries, options.max_query_time),
         backups(server_options.backup, 1, 1, server_options.max_query_time),
+        promotions(server_options.promote, 1, 1, server_options.max_query_time),
         log(server_options.max_log_lines, server_options.log_interval) {}
 
   // None without a certificate. Throws TlsError.
@@ -71,14 +72,15 @@ struct Hub {
   bool has_open_points = false;
   QueryWorkers queries;
   QueryWorkers backups;                         // not interrupted; one is written, and one can wait
-  uint64_t last_query = 0;                      // of both
+  QueryWorkers promotions;                      // the same
+  uint64_t last_query = 0;                      // of all three
   size_t query_bytes = 0;                       // of answers to queries that are not sent completely
   std::unordered_map<uint64_t, int> query_fds;  // connections that wait for queries
   LimitedLog log;
   DurationHistogram batch_times;
   Counter accepted, closed, turned_away, stalled, requests, bytes, points, malformed, late, future, no_room, slow;
   Counter tls_failed;
-  Counter refused, lost;  // lost: refused because their batch was
+  Counter refused, lost, read_only;  // lost: refused because their batch was; read_only: another server leads
   DurationHistogram query_times;
   Counter queries_answered, queries_failed, queries_refused, queries_interrupted;
 };

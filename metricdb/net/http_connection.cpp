@@ -47,6 +47,8 @@ void HttpConnection::answer_request() {
     begin_query(*query);
   } else if (const auto *backup = std::get_if<BackupRequest>(&routed)) {
     begin_backup(*backup);
+  } else if (std::holds_alternative<PromoteRequest>(routed)) {
+    begin_promotion();
   } else {
     const HttpAnswer &answer = std::get<HttpAnswer>(routed);
     if (!answer.log.empty()) log(answer.log, LogTopic::denials);
@@ -73,6 +75,15 @@ void HttpConnection::begin_backup(const BackupRequest &backup) {
   request.database = backup.database;
   if (!hub().backups.submit(id, std::move(request)))
     return queue_answer(error_answer(HTTP_STATUS_SERVICE_UNAVAILABLE, "another backup waits, try again"));
+  wait_for_query(id);
+}
+
+void HttpConnection::begin_promotion() {
+  if (!hub().options.promote)
+    return queue_answer(error_answer(HTTP_STATUS_FORBIDDEN, "this server is no replica: it has no --replica"));
+  const uint64_t id = ++hub().last_query;
+  if (!hub().promotions.submit(id, {}))
+    return queue_answer(error_answer(HTTP_STATUS_SERVICE_UNAVAILABLE, "another promotion waits, try again"));
   wait_for_query(id);
 }
 
@@ -169,7 +180,10 @@ void HttpConnection::queue_answer(const HttpAnswer &answer, uint64_t ticket, siz
 void HttpConnection::refuse(PendingAnswer &answer, const std::string &reason) {
   const bool keep_alive = answer.text.find("\r\nConnection: close\r\n") == answer.text.npos;
   const bool is_http_1_0 = answer.text.find("\r\nConnection: keep-alive\r\n") != answer.text.npos;
-  answer.text = answer_text(error_answer(HTTP_STATUS_INSUFFICIENT_STORAGE, reason), HTTP_POST, keep_alive, is_http_1_0);
+  // If another server leads now, the lines are to be sent to it.
+  const bool is_read_only = hub().ingest != nullptr && !hub().ingest->why_read_only().empty();
+  const http_status status = is_read_only ? HTTP_STATUS_SERVICE_UNAVAILABLE : HTTP_STATUS_INSUFFICIENT_STORAGE;
+  answer.text = answer_text(error_answer(status, reason), HTTP_POST, keep_alive, is_http_1_0);
 }
 
 }  // namespace metricdb

@@ -32,6 +32,7 @@ class HttpConnection : public Connection {
   void write_lines(const WriteRequest &request, std::string_view lines);
   void begin_query(const QueryRequest &query);
   void check_head();
+  void begin_promotion();
   void begin_backup(const BackupRequest &backup);
   // Queues the answer of a query or a backup, which follows later.
   void wait_for_query(uint64_t id);

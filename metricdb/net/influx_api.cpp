@@ -106,6 +106,11 @@ RoutedRequest route_write(const HttpRequest &request, std::string_view arguments
 
 }  // namespace
 
+const char *role_name(ReplicaFigures::Role role) {
+  if (role == ReplicaFigures::Role::ended) return "ended";
+  return role == ReplicaFigures::Role::leader ? "leader" : "follower";
+}
+
 HttpAnswer error_answer(http_status status, std::string reason) {
   HttpAnswer answer;
   answer.status = status;
@@ -199,23 +204,36 @@ RoutedRequest InfluxApi::route(const HttpRequest &request) {
                                                                      argument(target->arguments, "db").value_or("")})
                                        : RoutedRequest(not_allowed("POST"));
   }
+  if (target->path == "/promote") {
+    if (auto answer = denied(Right::write)) return *std::move(answer);
+    return request.method == HTTP_POST ? RoutedRequest(PromoteRequest()) : RoutedRequest(not_allowed("POST"));
+  }
   if (target->path == "/ping") return reads ? HttpAnswer() : not_allowed("GET, HEAD");
   if (target->path == "/health") return reads ? health() : not_allowed("GET, HEAD");
   if (target->path == "/metrics") {
     if (auto answer = denied(Right::read)) return *std::move(answer);
     return reads ? metrics() : not_allowed("GET, HEAD");
   }
-  return error_answer(HTTP_STATUS_NOT_FOUND, "the paths are /write, /query, /ping, /health, /metrics and /backup");
+  return error_answer(HTTP_STATUS_NOT_FOUND,
+                      "the paths are /write, /query, /ping, /health, /metrics, /backup and /promote");
 }
 
 HttpAnswer InfluxApi::health() const {
   const std::string why = view_.why_unhealthy(), warning = view_.warning();
-  const std::string message = warning.empty() ? "ready for writes" : "ready for writes; " + warning;
-  HttpAnswer answer = json_answer({{"name", "metricdb"},
-                                   {"message", why.empty() ? message : why},
-                                   {"status", !why.empty()      ? "fail"
-                                              : warning.empty() ? "pass"
-                                                                : "warn"}});
+  const std::optional<ReplicaFigures> replica = view_.replica();
+  const bool follows = replica && replica->role == ReplicaFigures::Role::follower;
+  std::string message = why;
+  if (why.empty()) message = follows ? "ready for queries, follows " + replica->name : "ready for writes";
+  if (why.empty() && !warning.empty()) message += "; " + warning;
+  const char *const status = !why.empty() ? "fail" : warning.empty() ? "pass" : "warn";
+  Json json = {{"name", "metricdb"}, {"message", message}, {"status", status}};
+  if (replica)
+    json["replica"] = {{"role", role_name(replica->role)},
+                       {"epoch", replica->epoch},
+                       {"number", replica->number},
+                       {"lag_messages", replica->lag},
+                       {"lag_seconds", replica->lag_s}};
+  HttpAnswer answer = json_answer(json);
   if (!why.empty()) answer.status = HTTP_STATUS_SERVICE_UNAVAILABLE;
   return answer;
 }

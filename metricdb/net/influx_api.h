@@ -4,13 +4,15 @@
 //   GET, HEAD /ping                            checks the connection; the header has the version
 //   GET /health                                whether points can be made durable, as JSON; 503 if not
 //   GET /metrics                               the server's figures for Prometheus
+//   POST /promote                              makes a follower the leader (promote_api.h)
 //   POST /backup?name=NAME&db=NAME             a backup of a database (backup_api.h)
 //   GET, POST /query?q=...&db=NAME             InfluxQL, also as the text of a form. GET only reads
 //
 // `metricdb query` asks several servers with parts=true, and all with the same now=NS. They answer with bytes of which it
-// makes the answer. /write has a parameter `db` too. A server with one database ignores it. If there are users, all but /ping and /health
-// need a user with a right: read for /metrics and statements that read, write for /write, /backup and statements that change
-// a database. The credentials are those of the parameters u and p, or else those of the header Authorization.
+// makes the answer. /write has a parameter `db` too. A server with one database ignores it. If there are users, all but
+// /ping and /health need a user with a right: read for /metrics and statements that read, write for /write, /backup,
+// /promote and statements that change a database. The credentials are those of the parameters u and p, or else those of
+// the header Authorization.
 #pragma once
 
 #include <functional>
@@ -38,13 +40,16 @@ struct BackupRequest {
   std::string database;
 };
 
-using RoutedRequest = std::variant<WriteRequest, QueryRequest, BackupRequest, HttpAnswer>;
+struct PromoteRequest {};
+
+using RoutedRequest = std::variant<WriteRequest, QueryRequest, BackupRequest, PromoteRequest, HttpAnswer>;
 
 // What the server says about itself.
 struct OperatorView {
   std::function<std::string()> why_unhealthy;  // empty if it is healthy
   std::function<std::string()> warning;        // that points do not arrive on one path; empty if they do on all
   std::function<std::string()> metrics;
+  std::function<std::optional<ReplicaFigures>()> replica;
 };
 
 // Requests that were answered without their effect, by the reason.
@@ -77,6 +82,9 @@ class InfluxApi {
   Access &access_;
   DeniedRequests denied_;
 };
+
+// The names of the parts of a replica, for answers and metrics.
+const char *role_name(ReplicaFigures::Role role);
 
 HttpAnswer error_answer(http_status status, std::string reason);
 

@@ -56,7 +56,8 @@ void append_server(MetricsText &metrics, const Hub &hub, size_t n_waiting_batche
   metrics.add_reason(skipped, "no_room", hub.no_room.value());
   const char *const refused = "metricdb_refused_requests_total";
   metrics.begin(refused, "counter", "Requests of which no point was stored, and pieces of Graphite streams.");
-  metrics.add_reason(refused, "no_room", hub.refused.value() - hub.lost.value());
+  metrics.add_reason(refused, "no_room", hub.refused.value() - hub.lost.value() - hub.read_only.value());
+  metrics.add_reason(refused, "read_only", hub.read_only.value());
   metrics.add_reason(refused, "batch_lost", hub.lost.value());
   metrics.add("metricdb_slow_requests_total", "counter", "Requests that were answered slowly.", hub.slow.value());
   metrics.add("metricdb_connections", "gauge", "Open connections.", hub.accepted.value() - hub.closed.value());
@@ -110,6 +111,28 @@ void append_nats(MetricsText &metrics, const NatsSource &nats) {
   metrics.add("metricdb_nats_unacknowledged_bytes", "gauge", "Bytes of these messages.", state.unacknowledged_bytes);
   metrics.add("metricdb_nats_stream_messages", "gauge", "Messages that waited in the stream when the last one came.",
               state.n_in_stream);
+}
+
+void append_replica(MetricsText &metrics, const ReplicaFigures &replica) {
+  metrics.begin("metricdb_replica_role", "gauge", "1 for the part of this server among the replicas.");
+  for (const auto role : {ReplicaFigures::Role::follower, ReplicaFigures::Role::leader, ReplicaFigures::Role::ended})
+    metrics.add_labelled("metricdb_replica_role", "role", role_name(role), role == replica.role ? 1 : 0);
+  metrics.add("metricdb_replica_lag_messages", "gauge",
+              "Messages that a follower has not applied, or that the log has not confirmed to a leader.", replica.lag);
+  metrics.add("metricdb_replica_lag_seconds", "gauge", "Age of what a follower has, if messages are missing.",
+              replica.lag_s);
+  metrics.add("metricdb_replica_epoch", "gauge", "Epoch of the last group of batches.", replica.epoch);
+  metrics.add("metricdb_replica_number", "gauge", "Number of the last group of batches.", replica.number);
+  metrics.add("metricdb_replica_bootstraps_total", "counter", "Snapshots that a follower has taken over.",
+              replica.n_bootstraps);
+  metrics.add("metricdb_replica_set_aside", "gauge", "Groups that were set aside when the database was opened.",
+              replica.n_set_aside);
+  metrics.add("metricdb_replica_log_bytes", "gauge", "Bytes of the log, as a leader has seen them last.",
+              replica.log_bytes);
+  metrics.add("metricdb_replica_snapshots_total", "counter", "Snapshots that were published for followers.",
+              replica.n_snapshots);
+  metrics.add("metricdb_replica_snapshot_failed", "gauge", "1 if the last of them failed.",
+              replica.snapshot_failure.empty() ? 0 : 1);
 }
 
 using FiguresOfAll = std::vector<std::pair<std::string, IngestFigures>>;
@@ -177,6 +200,8 @@ std::string metrics_text(const Hub &hub, const DeniedRequests &denied, size_t n_
   append_queries(metrics, hub);
   if (nats != nullptr) append_nats(metrics, *nats);
   append_stores(metrics, hub.figures_of_all());
+  if (hub.ingest != nullptr)
+    if (const auto replica = hub.ingest->replica()) append_replica(metrics, *replica);
   metrics.add("process_resident_memory_bytes", "gauge", "Resident memory of the process.", resident_bytes());
   return std::move(metrics.text());
 }

@@ -43,7 +43,7 @@ void NatsSource::take(NatsMessage message) {
     if (result.n_skipped() != 0)
       log(LogTopic::skipped_lines,
           fmt::format("{} lines were skipped; the first: {}", result.n_skipped(), result.first_reason));
-    if (result.points == 0) return answer(message, true);
+    if (result.points == 0) return answer(message, result.no_room == 0);
     taken_.push_back({std::move(message), database, OPEN_TICKET, result.no_room == 0});
   } catch (const IngestRefused &refusal) {
     log(LogTopic::refusals, fmt::format("a message is returned: {}", refusal.what()));
@@ -73,7 +73,7 @@ void NatsSource::answer(const NatsMessage &message, bool is_stored) {
 
 std::string NatsSource::why_disconnected() const {
   const NatsState state = client_.state();
-  return state.is_connected || state.why.empty() ? "" : fmt::format("no messages of NATS: {}", state.why);
+  return !has_started_ || state.is_connected || state.why.empty() ? "" : fmt::format("no messages of NATS: {}", state.why);
 }
 
 void NatsSource::log(LogTopic topic, const std::string &what) {

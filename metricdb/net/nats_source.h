@@ -9,6 +9,7 @@
 
 #include <deque>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "net/connection.h"
@@ -21,8 +22,10 @@ class NatsSource {
   // Throws ServerError as NatsClient does.
   NatsSource(Hub &hub, const NatsOptions &options) : hub_(hub), options_(options), client_(options) {}
 
-  // Called when the Hub has an Ingest.
-  void start() { client_.start(); }
+  // Called when the Hub has an Ingest that stores points; again without effect.
+  void start() {
+    if (!std::exchange(has_started_, true)) client_.start();
+  }
   int event_fd() const { return client_.event_fd(); }
 
   // Passes messages that have arrived to the Ingest.
@@ -64,6 +67,7 @@ class NatsSource {
   Hub &hub_;
   const NatsOptions options_;
   NatsClient client_;
+  bool has_started_ = false;
   std::deque<NatsMessage> waiting_;
   std::deque<Taken> taken_;  // in the order of their tickets
   uint64_t n_acknowledged_ = 0;

@@ -91,6 +91,7 @@ class Server::Loop {
   void activate(Place &place);
   void check_times();
   void log_snapshots();
+  void start_nats();
   std::string why_unhealthy();
   std::string metrics() const;
   void begin_drain();
@@ -133,7 +134,8 @@ class Server::Loop {
 Server::Loop::Loop(const ServerOptions &options)
     : hub_(options),
       api_({[this] { return why_unhealthy(); }, [this] { return nats_ ? nats_->why_disconnected() : ""; },
-            [this] { return metrics(); }},
+            [this] { return metrics(); },
+            [this] { return hub_.ingest != nullptr ? hub_.ingest->replica() : std::nullopt; }},
            hub_.access),
       epoll_(tslb_epoll_init(static_cast<int>(MAX_EVENTS), nullptr)),
       influx_(options.address, options.influx_port, options.influx_socket),
@@ -144,6 +146,7 @@ Server::Loop::Loop(const ServerOptions &options)
   watch(wake_.fd(), EPOLLIN);
   watch(hub_.queries.event_fd(), EPOLLIN);
   watch(hub_.backups.event_fd(), EPOLLIN);
+  watch(hub_.promotions.event_fd(), EPOLLIN);
   if (influx_.fd() >= 0) watch(influx_.fd(), EPOLLIN);
   if (options.nats.subject.empty()) return;
   nats_.emplace(hub_, options.nats);
@@ -172,7 +175,12 @@ void Server::Loop::begin_ingest(Ingest &ingest) {
   hub_.ingest = &ingest;
   watch(ingest.settled_fd(), EPOLLIN);
   if (graphite_.fd() >= 0) watch(graphite_.fd(), EPOLLIN);
-  if (nats_ && !is_draining_) nats_->start();
+  start_nats();
+}
+
+// A follower would take the messages from its leader. So they wait until it leads.
+void Server::Loop::start_nats() {
+  if (nats_ && !is_draining_ && hub_.ingest != nullptr && hub_.ingest->why_read_only().empty()) nats_->start();
 }
 
 void Server::Loop::request(std::atomic<bool> &flag) noexcept {
@@ -207,6 +215,7 @@ void Server::Loop::run() {
     ~StopQueries() {
       hub.queries.stop();
       hub.backups.stop();
+      hub.promotions.stop();
     }
   } const stop_queries{hub_};
   TSLB_DLOG(LOG_PROGRESS, "serving: influx %d, graphite %d on %s", influx_port(), graphite_port(),
@@ -233,6 +242,7 @@ void Server::Loop::run_round() {
   if (std::exchange(has_query_answers_, false)) {
     answer_queries(hub_.queries);
     answer_queries(hub_.backups);
+    answer_queries(hub_.promotions);
   }
   process_active();
   if (nats_) nats_->process();
@@ -258,7 +268,7 @@ void Server::Loop::on_event(const epoll_event &event) {
     on_requests();
   } else if (hub_.ingest != nullptr && fd == hub_.ingest->settled_fd()) {
     is_settled_readable_ = true;
-  } else if (fd == hub_.queries.event_fd() || fd == hub_.backups.event_fd()) {
+  } else if (fd == hub_.queries.event_fd() || fd == hub_.backups.event_fd() || fd == hub_.promotions.event_fd()) {
     has_query_answers_ = true;
   } else if (nats_ && fd == nats_->event_fd()) {
     nats_->on_event();
@@ -475,6 +485,7 @@ void Server::Loop::check_times() {
   if (hub_.options.on_tick) hub_.options.on_tick();
   hub_.log.end_intervals(hub_.now);
   log_snapshots();
+  start_nats();
   for (Place &place : places_) {
     if (!place.connection) continue;
     place.connection->check_time();

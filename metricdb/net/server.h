@@ -42,8 +42,9 @@ struct ServerOptions {
   std::string tls_certificate_file = {}, tls_key_file = {};
   std::string user_file = {};  // for access.h, read again after `hang_up`; empty: clients need no password
 
-  QueryFunction backup = nullptr;  // writes a backup with the name in `text`; without it they are refused
-  QueryFunction query = nullptr;   // answers statements; without it they are refused
+  QueryFunction backup = nullptr;   // writes a backup with the name in `text`; without it they are refused
+  QueryFunction promote = nullptr;  // makes the replica the leader; without it that is refused
+  QueryFunction query = nullptr;    // answers statements; without it they are refused
   unsigned n_query_threads = 2;
   size_t max_waiting_queries = 64;
   std::chrono::milliseconds max_query_time{30'000};  // then a query is interrupted

@@ -91,6 +91,25 @@ Store store_of(const std::string &folder, const DurableArrays &durable, const St
   }
 }
 
+IngestFigures figures_of(const Store &store, const tslb_store_info_t &info) {
+  const PoolBytes keys = store.key_bytes(), points = store.point_bytes();
+  IngestFigures figures;
+  figures.series = store.n_series();
+  figures.inactive_series = store.n_inactive();
+  figures.points = store.n_points();
+  figures.key_bytes = keys.used;
+  figures.max_key_bytes = keys.max;
+  figures.point_bytes = points.used;
+  figures.max_point_bytes = points.max;
+  figures.memory_bytes = store.bytes_reserved();
+  figures.journal_bytes = info.journal_bytes;
+  figures.generation = info.generation;
+  figures.snapshots = info.n_snapshots;
+  figures.snapshot_pause_ns = info.snapshot_pause_ns;
+  figures.snapshot_failure = info.snapshot_failure;
+  return figures;
+}
+
 OpenDatabase::OpenDatabase(const std::string &folder, const OpenOptions &options, Use use,
                            const std::optional<StoreConfig> &config)
     : folder_(without_slash(folder)),

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "store/durable_arrays.h"
+#include "store/ingest.h"
 #include "store/store.h"
 
 namespace metricdb {
@@ -80,6 +81,9 @@ class OpenDatabase {
 // Restores the store of durable arrays from their payload. Throws DatabaseError. `new_config` is for arrays that were
 // never written.
 Store store_of(const std::string &folder, const DurableArrays &durable, const StoreConfig &new_config);
+
+// The figures of a store and of its durable arrays, which nobody changes meanwhile.
+IngestFigures figures_of(const Store &store, const tslb_store_info_t &info);
 
 // Returns the parameters with which a database is opened. Throws DatabaseError if the layout cannot be.
 ArrayParameters parameters_of(const std::string &folder, const std::optional<uint8_t> &layout,

@@ -51,7 +51,14 @@ DatabaseWriter::DatabaseWriter(const std::string &folder, const WriterOptions &o
     : folder_(folder), options_(options) {
   if (!stored_parameters(folder)) OpenDatabase(folder, {}, OpenDatabase::Use::load, new_config(options)).write();
   open(parameters_of(folder, options.layout, std::nullopt));
-  apply_forgetting_options();
+  if (!view_) apply_forgetting_options();
+  if (!view_ || !options.replica->leads) return;
+  try {
+    promote_unless(true);
+  } catch (const ReplicaRefused &refusal) {
+    warnings_ += fmt::format("{}this server follows, and does not lead by itself: {}", warnings_.empty() ? "" : "\n",
+                             refusal.what());
+  }
 }
 
 DatabaseWriter::~DatabaseWriter() {
@@ -66,9 +73,12 @@ void DatabaseWriter::open(const ArrayParameters &parameters) {
   options.snapshot_bytes = options_.snapshot_bytes;
   options.progress = report_progress;
   options.progress_arg = const_cast<WriterOptions *>(&options_);
-  durable_.emplace(folder_, parameters, options);
+  const ReplicaOptions *const replica = options_.replica ? &*options_.replica : nullptr;
+  durable_.emplace(folder_, parameters, options, replica);
   warnings_ = durable_->info().warning;
-  read_store();
+  if (replica == nullptr) return read_store();
+  view_ = std::make_unique<FollowerView>(*durable_, options_.retains_by_clock);
+  view_->begin([this]() -> Store & { return store_.emplace(store_of(folder_, *durable_, {})); });
 }
 
 // Makes the store and the loader anew, from the arrays and their payload.
@@ -76,11 +86,15 @@ void DatabaseWriter::read_store() {
   loader_.reset();
   store_.reset();
   store_.emplace(store_of(folder_, *durable_, {}));
+  make_loader();
+  if (options_.is_live) store_->go_live();
+}
+
+void DatabaseWriter::make_loader() {
   loader_ = std::make_unique<Loader>(
       *store_, Loader::OnFull::skip_line,
       [this](uint64_t line, const std::string &reason) { on_skipped_line(lines_before_ + line, reason); });
   set_clock(now_ns());
-  if (options_.is_live) store_->go_live();
 }
 
 void DatabaseWriter::set_clock(int64_t now_ns) {
@@ -97,10 +111,99 @@ void DatabaseWriter::apply_forgetting_options() {
   if (const std::string why = wait(commit()); !why.empty()) throw DatabaseError(why);
 }
 
+// ---- Replicas ----
+
+uint64_t DatabaseWriter::promote() {
+  if (!view_) throw ReplicaRefused("this server is no replica: it has no --replica");
+  return promote_unless(false);
+}
+
+uint64_t DatabaseWriter::promote_unless(bool others_led) {
+  const std::lock_guard one(promotion_mutex_);
+  Replica &replica = *durable_->replica();
+  if (follows()) {
+    replica.promote(others_led);
+    try {
+      // The server's thread uses neither store nor loader until this has ended.
+      view_->end([this](Store &store) {
+        store.lead();
+        make_loader();
+        apply_forgetting_options();
+      });
+    } catch (const std::exception &failure) {
+      const std::lock_guard lock(changes_mutex_);
+      why_ended_ = failure.what();
+      throw;
+    }
+    replica.begin_snapshots();
+    TSLB_DLOG(LOG_PROGRESS, "leads %s, epoch %llu", replica.name().c_str(),
+              static_cast<unsigned long long>(replica.figures().epoch));
+  }
+  const ReplicaFigures now = replica.figures(true);
+  if (now.role != ReplicaFigures::Role::leader) throw ReplicaRefused(why_read_only());
+  return now.epoch;
+}
+
+std::optional<ReplicaFigures> DatabaseWriter::replica() {
+  return view_ ? std::optional(durable_->replica()->figures()) : std::nullopt;
+}
+
+std::string DatabaseWriter::why_ended() const {
+  if (!view_) return "";
+  {
+    const std::lock_guard lock(changes_mutex_);
+    if (!why_ended_.empty()) return why_ended_;
+  }
+  const ReplicaFigures now = durable_->replica()->figures(!follows());
+  if (now.role != ReplicaFigures::Role::ended) return "";
+  return fmt::format("this server {} {} no more: {}", follows() ? "follows" : "leads", now.name, now.text);
+}
+
+std::string DatabaseWriter::why_read_only() {
+  if (!view_) return "";
+  std::string why = why_ended();
+  if (!why.empty() || !follows()) return why;
+  return fmt::format("this server follows {} and takes no points: send them to its leader",
+                     durable_->replica()->name());
+}
+
+std::string DatabaseWriter::why_unreadable() const {
+  if (!follows()) return "";
+  const ReplicaFigures now = durable_->replica()->figures();
+  if (now.number != 0) return "";
+  return fmt::format("this server follows {} and has no data yet{}{}", now.name, now.text.empty() ? "" : ": ",
+                     now.text);
+}
+
+std::string DatabaseWriter::why_not_following() const {
+  constexpr double MAX_LAG_S = 30;
+  if (std::string why = why_ended(); !why.empty()) return why;
+  if (std::string why = why_unreadable(); !why.empty()) return why;
+  const ReplicaFigures now = durable_->replica()->figures();
+  if (now.lag_s <= MAX_LAG_S) return "";
+  return fmt::format("this server follows {} with a lag of {} messages, {:.0f} s{}{}", now.name, now.lag, now.lag_s,
+                     now.text.empty() ? "" : ": ", now.text);
+}
+
+// Lines that were accepted would be lost.
+void DatabaseWriter::expect_leading() {
+  if (const std::string why = why_read_only(); !why.empty()) throw IngestRefused(why);
+}
+
+// Of a leader. Without points it would not notice that another leads, or that the log does not answer. The batch has no
+// content, so it is not set aside if another leads.
+void DatabaseWriter::beat() {
+  if (!view_ || batch_ != nullptr || Clock::now() - ended_at_ < options_.replica->heartbeat) return;
+  ended_at_ = Clock::now();
+  if (tslb_batch_t *const empty = durable_->begin()) last_ended_ = tslb_batch_end(empty);
+}
+
 // ---- Batches ----
 
 // After a refused batch the arrays are brought back to the last durable one.
 void DatabaseWriter::restore(const std::string &why) {
+  if (!why_ended().empty()) fail_changes(why);
+  expect_leading();
   report_refusal(fmt::format("a batch was refused, the arrays are loaded again: {}", why));
   const std::unique_lock alone(store_mutex_);
   fail_changes(why);
@@ -113,6 +216,7 @@ void DatabaseWriter::restore(const std::string &why) {
 void DatabaseWriter::read(const std::function<void(const Store &)> &use) const {
   const std::shared_lock lock(store_mutex_);
   if (!store_) throw DatabaseError(folder_ + ": is not open");  // it could not be made anew
+  if (view_) return view_->read(use);
   use(*store_);
 }
 
@@ -135,7 +239,10 @@ void DatabaseWriter::expect_room(size_t text_bytes) {
     restore(error.text);
     result = tslb_store_reserve(durable_->get(), bytes, &error);
   }
-  if (result != 0 && error.code == TSLB_DURABLE_BROKEN) throw DatabaseError(error.text);
+  if (result != 0 && error.code == TSLB_DURABLE_BROKEN) {
+    expect_leading();
+    throw DatabaseError(error.text);
+  }
   if (result != 0) throw IngestRefused(error.text);
 }
 
@@ -183,6 +290,7 @@ void DatabaseWriter::load_within_bounds(std::string_view text, Precision precisi
 }
 
 IngestResult DatabaseWriter::take(std::string_view text, Precision precision) {
+  expect_leading();
   // A batch that began before a refusal would be refused too.
   if (batch_ != nullptr && !has_points_ && !failure(last_ended_).empty()) commit();
   // Before a batch is open: the group that is written while space is reserved waits for open batches.
@@ -209,6 +317,7 @@ uint64_t DatabaseWriter::commit() {
   const std::string figures = figures_text(store_->config(), store_->state());
   tslb_batch_set_payload(batch_, figures.data(), figures.size(), nullptr);
   last_ended_ = tslb_batch_end(std::exchange(batch_, nullptr));
+  ended_at_ = Clock::now();
   // A batch without points need not be waited for.
   if (std::exchange(has_points_, false)) last_ticket_ = last_ended_;
   for (auto &change : std::exchange(made_changes_, {})) done_changes_.emplace_back(last_ended_, std::move(change));
@@ -216,6 +325,7 @@ uint64_t DatabaseWriter::commit() {
 }
 
 uint64_t DatabaseWriter::settled() {
+  if (follows()) return 0;
   uint64_t n_events;
   [[maybe_unused]] const ssize_t got = ::read(settled_fd(), &n_events, sizeof n_events);  // before the ticket is read
   const uint64_t settled = tslb_store_settled(durable_->get());
@@ -236,12 +346,14 @@ std::string DatabaseWriter::failure(uint64_t ticket) {
 
 std::shared_ptr<StoreChange> DatabaseWriter::request(StoreChange::Step step) {
   auto change = std::make_shared<StoreChange>(std::move(step));
+  const std::string read_only = why_read_only();
   {
     const std::lock_guard lock(changes_mutex_);
-    if (why_no_changes_.empty())
+    const std::string why = why_no_changes_.empty() ? read_only : why_no_changes_;
+    if (why.empty())
       changes_.push_back(change);
     else
-      change->end(why_no_changes_);
+      change->end(why);
   }
   const uint64_t one = 1;
   // Fails only if the counter is at its maximum, and then the event is readable.
@@ -277,7 +389,9 @@ void DatabaseWriter::fail_changes(const std::string &why) {
 }
 
 Ingest::Work DatabaseWriter::work() {
+  if (follows()) return {};
   set_clock(now_ns());
+  beat();
   Work work;
   std::shared_ptr<StoreChange> change = next_change(work.has_more);
   if (!change) return work;
@@ -303,26 +417,12 @@ Ingest::Work DatabaseWriter::work() {
 }
 
 IngestFigures DatabaseWriter::figures() {
-  const tslb_store_info_t info = durable_->info();
-  const PoolBytes keys = store_->key_bytes(), points = store_->point_bytes();
-  IngestFigures figures;
-  figures.series = store_->n_series();
-  figures.inactive_series = store_->n_inactive();
-  figures.points = store_->n_points();
-  figures.key_bytes = keys.used;
-  figures.max_key_bytes = keys.max;
-  figures.point_bytes = points.used;
-  figures.max_point_bytes = points.max;
-  figures.memory_bytes = store_->bytes_reserved();
-  figures.journal_bytes = info.journal_bytes;
-  figures.generation = info.generation;
-  figures.snapshots = info.n_snapshots;
-  figures.snapshot_pause_ns = info.snapshot_pause_ns;
-  figures.snapshot_failure = info.snapshot_failure;
-  return figures;
+  return follows() ? view_->figures() : figures_of(*store_, durable_->info());
 }
 
 std::string DatabaseWriter::why_not_writable() {
+  if (follows()) return why_not_following();
+  if (std::string why = why_read_only(); !why.empty()) return why;
   // An open batch has its room.
   if (batch_ != nullptr) return "";
   try {
@@ -352,6 +452,14 @@ GenerationInfo DatabaseWriter::snapshot() {
 }
 
 void DatabaseWriter::close() {
+  if (view_ && (follows() || !why_ended().empty())) {
+    fail_changes("the database is closed");
+    const std::unique_lock alone(store_mutex_);
+    loader_.reset();
+    view_.reset();
+    store_.reset();
+    return durable_->close();
+  }
   const std::string why = wait(commit());
   // The next opening reads the arrays and the journal. If the journal is larger, it is replaced.
   const uint64_t journal_bytes = durable_->info().journal_bytes;
@@ -367,6 +475,7 @@ void DatabaseWriter::close() {
   end_changes("the database is closed");
   const std::unique_lock alone(store_mutex_);
   loader_.reset();
+  view_.reset();
   store_.reset();
   durable_->close();
 }

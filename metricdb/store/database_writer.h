@@ -5,9 +5,13 @@
 // brought back to the last durable batch, which takes as long as opening. A full disk is usually detected before, because
 // room in the journal is reserved before a text is stored.
 //
-// Threads: one, except for `read` and `request`.
+// With WriterOptions::replica it is one of several replicas of a database. It follows the leader's: points and changes are
+// refused, and `read` sees a state between two batches. After `promote` it takes points, until another replica leads.
+//
+// Threads: one, except for `read`, `request`, `backup`, `promote`, `why_ended` and `why_unreadable`.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -21,6 +25,7 @@
 #include "store/backup.h"
 #include "store/database.h"
 #include "store/fair_shared_mutex.h"
+#include "store/follower_view.h"
 #include "store/ingest.h"
 #include "store/loader.h"
 #include "store/store_change.h"
@@ -40,7 +45,8 @@ struct WriterOptions {
   uint64_t max_new_series = UINT64_MAX;
   bool refuse_strings = false;  // as in LoadLimits
   bool one_per_time = false;
-  bool retains_by_clock = false;  // Store::set_clock
+  bool retains_by_clock = false;               // Store::set_clock
+  std::optional<ReplicaOptions> replica = {};  // with is_live
   // Called while the database is opened.
   std::function<void(uint64_t done_bytes, uint64_t all_bytes)> on_progress = {};
 };
@@ -59,6 +65,8 @@ class DatabaseWriter final : public Ingest {
   Work work() override;
   IngestFigures figures() override;
   std::string why_not_writable() override;
+  std::string why_read_only() override;
+  std::optional<ReplicaFigures> replica() override;
   int settled_fd() const override { return tslb_store_event_fd(durable_->get()); }
 
   // From here on changes are not made. Those that were requested fail.
@@ -86,14 +94,33 @@ class DatabaseWriter final : public Ingest {
   // that are not durable fail. Any thread.
   std::shared_ptr<StoreChange> request(StoreChange::Step step);
 
+  // Makes a follower the leader, and returns its epoch; also that of a replica that leads already. `read` goes on. Throws
+  // ReplicaRefused, and DatabaseError if the log does not answer. Any thread.
+  uint64_t promote();
+
+  // Returns why this replica neither leads nor follows any more: it is to be closed, and opened again. Empty if it does, or
+  // is no replica. Any thread.
+  std::string why_ended() const;
+
+  // Returns why nothing can be read: a new follower has no snapshot yet. Any thread.
+  std::string why_unreadable() const;
+
   const Store &store() const { return *store_; }
   // What was remarkable when the database was opened, one line; empty if nothing was.
   const std::string &warnings() const { return warnings_; }
   tslb_store_info_t info() const { return durable_->info(); }
 
  private:
+  using Clock = std::chrono::steady_clock;
+
   void open(const ArrayParameters &parameters);
   void read_store();
+  void make_loader();
+  bool follows() const { return view_ && !view_->is_over(); }
+  uint64_t promote_unless(bool others_led);
+  std::string why_not_following() const;
+  void expect_leading();
+  void beat();
   void apply_forgetting_options();
   void restore(const std::string &why);
   void fail_changes(const std::string &why);
@@ -112,6 +139,7 @@ class DatabaseWriter final : public Ingest {
   std::optional<DurableArrays> durable_;
   mutable FairSharedMutex store_mutex_;  // held to read the store, and alone to make it anew
   std::optional<Store> store_;
+  std::unique_ptr<FollowerView> view_;  // of a replica, also when it leads
   std::unique_ptr<Loader> loader_;
   IngestResult result_;        // of the current call of `take`
   uint64_t lines_before_ = 0;  // of its text, before the current piece
@@ -120,7 +148,10 @@ class DatabaseWriter final : public Ingest {
   bool has_points_ = false;   // the batch has points, or changed limits
   uint64_t last_ticket_ = 0;  // of a batch with points
   uint64_t last_ended_ = 0;   // of any batch
+  Clock::time_point ended_at_ = Clock::now();
+  std::mutex promotion_mutex_;
   mutable std::mutex changes_mutex_;
+  std::string why_ended_;                                   // with the mutex locked; a promotion failed in part
   std::string why_no_changes_;                              // with the mutex locked; empty: they are made
   std::deque<std::shared_ptr<StoreChange>> changes_;        // requested, with the mutex locked
   std::vector<std::shared_ptr<StoreChange>> made_changes_;  // in the open batch

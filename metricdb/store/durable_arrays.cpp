@@ -57,7 +57,7 @@ std::optional<ArrayParameters> stored_parameters(const std::string &folder) {
 }
 
 DurableArrays::DurableArrays(const std::string &folder, const ArrayParameters &parameters,
-                             const tslb_store_options_t &options) {
+                             const tslb_store_options_t &options, const ReplicaOptions *replica) {
   tslb_array_decl_t decls[N_ARRAYS] = {
       {},
       pool_decl(ARRAY_NAMES[KEYS], TSLB_POOL_BIG_BUFFER, KEYS_TABLE, parameters.key_slot_bytes),
@@ -72,52 +72,60 @@ DurableArrays::DurableArrays(const std::string &folder, const ArrayParameters &p
   catalogue.rec_version = parameters.layout;
   catalogue.convert = convert_record;
   catalogue.converts_newer = 1;
+  if (replica != nullptr) {
+    replica_ = std::make_unique<Replica>(folder, decls, N_ARRAYS, options, *replica);
+    return;
+  }
   tslb_error_t error = {};
   store_.reset(tslb_store_open(folder.c_str(), decls, N_ARRAYS, &options, &error));
   if (!store_) throw DatabaseError(error.text);
 }
 
 StoreArrays DurableArrays::arrays() const {
-  const auto view = [this](uint32_t idx) { return Array(tslb_store_array(store_.get(), idx), {.owns = false}); };
+  const auto view = [this](uint32_t idx) { return Array(tslb_store_array(get(), idx), {.owns = false}); };
   return {view(CATALOGUE), view(KEYS), view(POINTS)};
 }
 
 tslb_store_info_t DurableArrays::info() const {
   tslb_store_info_t info;
-  tslb_store_get_info(store_.get(), &info);
+  tslb_store_get_info(get(), &info);
   return info;
 }
 
 std::string DurableArrays::payload() const {
   size_t size;
-  const void *const bytes = tslb_store_payload(store_.get(), &size);
+  const void *const bytes = tslb_store_payload(get(), &size);
   return bytes == nullptr ? std::string() : std::string(static_cast<const char *>(bytes), size);
 }
 
 tslb_batch_t *DurableArrays::begin() const {
   tslb_error_t error = {};
-  tslb_batch_t *const batch = tslb_batch_begin(store_.get(), &error);
+  tslb_batch_t *const batch = tslb_batch_begin(get(), &error);
   if (batch == nullptr) error_ = error.text;
   return batch;
 }
 
 void DurableArrays::set_payload(const std::string &payload) const {
   tslb_error_t error = {};
-  if (tslb_store_set_payload(store_.get(), payload.data(), payload.size(), &error) != 0)
-    throw DatabaseError(error.text);
+  if (tslb_store_set_payload(get(), payload.data(), payload.size(), &error) != 0) throw DatabaseError(error.text);
 }
 
 void DurableArrays::snapshot() const {
   tslb_error_t error = {};
-  if (tslb_store_snapshot(store_.get(), &error) != 0) throw DatabaseError(error.text);
+  if (tslb_store_snapshot(get(), &error) != 0) throw DatabaseError(error.text);
 }
 
 void DurableArrays::restore() const {
   tslb_error_t error = {};
-  if (tslb_store_restore(store_.get(), &error) != 0) throw DatabaseError(error.text);
+  if (tslb_store_restore(get(), &error) != 0) throw DatabaseError(error.text);
 }
 
 void DurableArrays::close() {
+  if (replica_) {
+    replica_->close();
+    replica_.reset();
+    return;
+  }
   tslb_error_t error = {};
   if (tslb_store_close(store_.release(), &error) != 0) throw DatabaseError(error.text);
 }

@@ -7,17 +7,13 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
-#include <stdexcept>
 #include <string>
 
+#include "store/database_error.h"
+#include "store/replica.h"
 #include "store/store.h"
 
 namespace metricdb {
-
-class DatabaseError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
 
 // Parameters of the arrays, which a store keeps.
 struct ArrayParameters {
@@ -32,9 +28,13 @@ std::optional<ArrayParameters> stored_parameters(const std::string &folder);
 // An open durable store. Its functions throw DatabaseError unless they return a result.
 class DurableArrays {
  public:
-  DurableArrays(const std::string &folder, const ArrayParameters &parameters, const tslb_store_options_t &options);
+  // replica  null: a store of its own.
+  DurableArrays(const std::string &folder, const ArrayParameters &parameters, const tslb_store_options_t &options,
+                const ReplicaOptions *replica = nullptr);
 
-  tslb_store_t *get() const { return store_.get(); }
+  tslb_store_t *get() const { return replica_ ? replica_->store() : store_.get(); }
+  // Null if it is none.
+  Replica *replica() const { return replica_.get(); }
   // Views of the arrays, which belong to this object.
   StoreArrays arrays() const;
   tslb_store_info_t info() const;
@@ -51,7 +51,8 @@ class DurableArrays {
   struct Close {
     void operator()(tslb_store_t *store) const { tslb_store_close(store, nullptr); }
   };
-  std::unique_ptr<tslb_store_t, Close> store_;
+  std::unique_ptr<tslb_store_t, Close> store_;  // one of both
+  std::unique_ptr<Replica> replica_;
   mutable std::string error_;
 };
 

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -52,6 +53,24 @@ struct IngestFigures {
   std::string snapshot_failure = {};  // why the last snapshot failed; empty if it did not
 };
 
+// The part of a server among replicas of one database.
+struct ReplicaFigures {
+  enum class Role { follower, leader, ended };
+  std::string name;  // of the log
+  Role role = Role::follower;
+  uint64_t epoch = 0, number = 0;  // of the last batches; number 0: none yet
+  uint64_t lag = 0;                // messages; as in tslb/replica.h
+  double lag_s = 0;
+  std::string text = {};  // why the role ended, or what a follower waits for
+  uint64_t n_bootstraps = 0;
+  uint64_t n_set_aside = 0;
+  std::string set_aside = {};  // the file with them
+  // Of this process, while it leads.
+  uint64_t n_snapshots = 0;
+  std::string snapshot_failure = {};  // why the last one failed; empty if it did not
+  uint64_t log_bytes = 0;             // when they were asked for
+};
+
 class Ingest {
  public:
   virtual ~Ingest() = default;
@@ -78,8 +97,15 @@ class Ingest {
 
   virtual IngestFigures figures() = 0;
 
-  // Returns why points cannot be made durable at the moment, in one line; empty if they can.
+  // Returns why points cannot be made durable at the moment, in one line; empty if they can. Of a follower: why it does not
+  // follow.
   virtual std::string why_not_writable() = 0;
+
+  // Returns why this process takes no points at all: another leads, or does now. Empty if it takes them.
+  virtual std::string why_read_only() { return ""; }
+
+  // None: the database is no replica.
+  virtual std::optional<ReplicaFigures> replica() { return std::nullopt; }
 
   // An Ingest with several databases overrides the following functions. One with a single database takes lines for any name,
   // and its name is empty.

@@ -167,11 +167,21 @@ class Store {
   void go_live();
   const LiveState *live() const { return live_.get(); }
 
+  // A store that follows another one with the same arrays, which it does not change itself. It is live. Takes over what has
+  // changed in the arrays since the last call, and the other store's configuration and state at this moment. Nobody reads
+  // meanwhile, and nothing changes the arrays. The cost is at most in proportion to the slots of the catalogue.
+  //
+  // compares_all  the arrays can have become those of another past: every slot is compared.
+  void follow(const StoreConfig &config, const StoreState &state, bool compares_all);
+
+  // Ends following: from here on the store is changed by its own thread. Others may read. Throws StoreDamaged.
+  void lead();
+
   // The series are the slots below n_slots for which holds_series is true, inactive ones included.
   uint32_t n_slots() const { return tslb_da_get_size(catalogue_.get()); }
   bool holds_series(uint32_t slot_index) const;
   bool is_inactive(uint32_t series) const;
-  uint32_t n_series() const { return static_cast<uint32_t>(series_by_key_.size()); }
+  uint32_t n_series() const { return followed_ ? followed_->n_series : static_cast<uint32_t>(series_by_key_.size()); }
   uint32_t n_inactive() const;
 
   uint64_t n_points() const { return n_points_; }  // in chunks, hidden ones included
@@ -214,6 +224,13 @@ class Store {
     uint32_t n_passed = 0;
     maddr_t previous = {};
     int64_t newest_ns = INT64_MIN;  // of the chunks that were passed
+  };
+
+  // What a store that follows knows of the arrays. It has no tails, and no series by their keys: these refer to texts in
+  // the arrays, which change.
+  struct Followed {
+    std::vector<std::string> keys;  // by slot; empty: no series
+    uint32_t n_series = 0;
   };
 
   void register_reuse_policy();
@@ -269,6 +286,7 @@ class Store {
   uint64_t n_since_sweep_ = 0;
   ForgetCounts forgotten_;
   ChainPlace place_;
+  std::optional<Followed> followed_;
 
   std::unique_ptr<LiveState> live_;  // null: no other thread reads the store
   tslb_batch_t *batch_ = nullptr;

@@ -45,6 +45,10 @@ class ServeProcess {
   // Returns the exit status; -1 if it was killed.
   int end(int number) {
     kill(pid_, number);
+    return wait();
+  }
+  // The same, of a process that ends by itself.
+  int wait() {
     int status = 0;
     waitpid(std::exchange(pid_, -1), &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
