@@ -145,6 +145,7 @@ std::optional<std::string> NatsStream::read(uint64_t sequence) {
 }
 
 void NatsStream::purge_before(uint64_t sequence) {
+  if (sequence <= 1) return;  // there is nothing before, and the server takes 1 for all messages
   jsOptions options;
   jsOptions_Init(&options);
   options.Stream.Purge.Sequence = sequence;

@@ -233,7 +233,12 @@ TEST_F(Replica, FormerLeaderBeginsFromASnapshotWhenTheLogWasCutWhereTheyPart) {
   const auto former = make("a"), next = make("b");
   ASSERT_TRUE(former->open() && next->open());
   ASSERT_TRUE(former->promote()) << former->error.text;
+  // The log has the begin of the epoch alone. It stays.
+  ASSERT_TRUE(former->publish_snapshot(true)) << former->error.text;
+  ASSERT_TRUE(follows(*next, *former)) << next->info().text;
   ASSERT_EQ(former->change(random_), 0);
+  ASSERT_TRUE(follows(*next, *former)) << next->info().text;
+  EXPECT_EQ(next->info().n_bootstraps, 1u) << "a group was not in the log";
   EXPECT_EQ(tslb_replica_promote_after(next->get(), 0, &next->error), -1) << "it deposed a leader";
   EXPECT_EQ(next->error.code, TSLB_DURABLE_REFUSED);
   EXPECT_EQ(tslb_replica_promote_after(next->get(), 1, &next->error), 0) << next->error.text;

@@ -286,7 +286,7 @@ class Store {
   uint64_t n_since_sweep_ = 0;
   ForgetCounts forgotten_;
   ChainPlace place_;
-  std::optional<Followed> followed_;
+  std::unique_ptr<Followed> followed_;  // null: this process changes the store
 
   std::unique_ptr<LiveState> live_;  // null: no other thread reads the store
   tslb_batch_t *batch_ = nullptr;

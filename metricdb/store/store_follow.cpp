@@ -9,7 +9,7 @@ namespace metricdb {
 
 void Store::follow(const StoreConfig &config, const StoreState &state, bool compares_all) {
   if (!followed_) {
-    followed_.emplace();
+    followed_ = std::make_unique<Followed>();
     live_ = std::make_unique<LiveState>();
     series_by_key_.clear();
     tails_.clear();
