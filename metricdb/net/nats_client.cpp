@@ -37,7 +37,10 @@ struct NatsFailure : std::runtime_error {
 void expect_ok(natsStatus status, const std::string &what) {
   if (status == NATS_OK) return;
   const char *const last = nats_GetLastError(nullptr);
-  throw NatsFailure(fmt::format("{}: {}", what, last != nullptr && *last != '\0' ? last : natsStatus_GetText(status)));
+  std::string_view why = last != nullptr ? last : "";
+  // It begins with a place in the source of the client: "(unix/sock.c:58): Timeout".
+  if (const size_t end = why.find("): "); why.starts_with('(') && end != why.npos) why.remove_prefix(end + 3);
+  throw NatsFailure(fmt::format("{}: {}", what, why.empty() ? natsStatus_GetText(status) : why));
 }
 
 template <auto destroy>
