@@ -11,7 +11,7 @@ foreach(dir IN ITEMS ${CMAKE_INSTALL_LIBDIR} ${CMAKE_INSTALL_INCLUDEDIR} ${CMAKE
 endforeach()
 
 set_target_properties(tslb PROPERTIES PUBLIC_HEADER "${TSLB_PUBLIC_HEADERS}")
-set_target_properties(tslb_host PROPERTIES PUBLIC_HEADER "${TSLB_HOST_PUBLIC_HEADERS}" EXPORT_NAME host)
+set_target_properties(tslb_host PROPERTIES PUBLIC_HEADER "${TSLB_HOST_PUBLIC_HEADERS};${TSLB_HOST_CPP_HEADERS}" EXPORT_NAME host)
 install(TARGETS tslb tslb_host EXPORT tslb-targets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev
@@ -31,7 +31,7 @@ endfunction()
 
 # Programs without the durable store need no zstd.
 if(TSLB_BUILD_DURABLE)
-  tslb_install_archive(durable dev ${TSLB_DURABLE_PUBLIC_HEADERS})
+  tslb_install_archive(durable dev ${TSLB_DURABLE_PUBLIC_HEADERS} ${TSLB_DURABLE_CPP_HEADERS})
   list(APPEND pc_names tslb-durable)
 endif()
 # In a package of its own, which needs the client of NATS.
@@ -68,14 +68,14 @@ if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
   set(doc_dir ${CMAKE_INSTALL_DATADIR}/doc/libtslb-dev)
 endif()
 install(FILES docs/architecture.md docs/hosting.md docs/formats.md docs/debugging.md docs/performance.md docs/durable.md
-  docs/scale.md
+  docs/scale.md docs/cpp.md
   DESTINATION ${doc_dir} COMPONENT dev)
 install(FILES CHANGELOG.md DESTINATION ${doc_dir} COMPONENT dev)
 install(DIRECTORY examples/converters DESTINATION ${doc_dir}/examples COMPONENT dev)
 install(FILES ${TSLB_README_HOST} DESTINATION ${doc_dir}/examples COMPONENT dev)
 if(TSLB_BUILD_DURABLE)
   install(FILES ${TSLB_README_DURABLE_HOST} DESTINATION ${doc_dir}/examples COMPONENT dev)
-  install(DIRECTORY examples/event_store DESTINATION ${doc_dir}/examples COMPONENT dev)
+  install(DIRECTORY examples/event_store examples/typed_readings DESTINATION ${doc_dir}/examples COMPONENT dev)
 endif()
 
 # gdb reads a script with a library's name together with that library: from its own share/gdb/auto-load, which it

@@ -1,5 +1,5 @@
-# Debian packages, one per component: the library, the development files, those of replicas, the tools, and the database
-# metricdb.
+# Debian packages, one per component: the library, the development files, those of replicas, the tools, the package of
+# Python, and the database metricdb.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_CONTACT "tslb developers <maintainers@tslb.example>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # otherwise it precedes the first line of each description
@@ -9,6 +9,9 @@ if(TARGET metricdb)
 endif()
 if(TSLB_BUILD_REPLICA)
   list(APPEND CPACK_COMPONENTS_ALL replica)
+endif()
+if(TARGET tslb_python)
+  list(APPEND CPACK_COMPONENTS_ALL python)
 endif()
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
@@ -63,6 +66,16 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libtslb0 ${same_version}")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "tools for the stored arrays of tslb databases
 Command line programs for arrays that the tslb library stored: tslb-inspect
 shows their contents and faults, tslb-convert converts them to older layouts.")
+
+set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-tslb)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "libtslb0 ${same_version}, python3, python3-cffi, python3-numpy")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS "python3-pandas, python3-matplotlib")
+set(CPACK_COMPONENT_PYTHON_DESCRIPTION "stored arrays of tslb databases in Python
+Opens snapshot streams, block files and durable stores of tslb: records are
+NumPy arrays, chunks are memoryviews, and faults are exceptions with file and
+byte. Durable stores can also be written, in batches.")
 
 set(CPACK_DEBIAN_METRICDB_PACKAGE_NAME metricdb)
 set(CPACK_DEBIAN_METRICDB_PACKAGE_SECTION database)

@@ -315,6 +315,16 @@ uint64_t tslb_batch_end(tslb_batch_t *batch) {
   return batch->store->is_of_parent() ? 0 : batch->store->end_without_wait(batch);
 }
 
+uint64_t tslb_batch_refuse(tslb_batch_t *batch, const char *why) {
+  if (batch->store->is_of_parent()) return 0;
+  try {
+    batch->fault = fmt::format("a batch was given up: {}", why);
+  } catch (const std::bad_alloc &) {
+    batch->fault = "given up";  // fits a std::string without allocation
+  }
+  return tslb_batch_end(batch);
+}
+
 int tslb_batch_commit(tslb_batch_t *batch, tslb_error_t *error) {
   tslb_store_t *const store = batch->store;
   return guarded_in(store, error, -1, [&] {

@@ -15,8 +15,9 @@
  * began it, which has one batch of a store at a time and ends it; at most 64 are open at once. A function of the library
  * that changes a store's array outside of a batch breaks the store. The store cannot see a direct write to a record outside
  * of a batch: without a shadow the write is lost at the next opening. Reading needs no batch, but sees changes that are not durable yet. A group ends
- * at a moment without an open batch, so a batch should be short: while one is open, nothing becomes durable. A batch cannot
- * be given up: a host that fails halfway changes the arrays back itself, and ends the batch.
+ * at a moment without an open batch, so a batch should be short: while one is open, nothing becomes durable. A batch has no
+ * undo of its own: a host that fails halfway changes the arrays back itself, and ends the batch; or it refuses the batch,
+ * with its group, and restores the store.
  *
  * Locks of the host. tslb_batch_begin and _commit, tslb_store_wait, _snapshot, _backup, _reserve, _restore and _close wait
  * until no batch of another thread is open. So a lock that a thread takes within a batch is not held when one of them is
@@ -319,6 +320,11 @@ int tslb_batch_set_payload(tslb_batch_t *batch, const void *bytes, size_t size, 
 /* Ends the batch and releases it. Thread of the batch. Returns its ticket. With TSLB_SYNC_ALWAYS it waits until the ticket is settled. */
 uint64_t tslb_batch_end(tslb_batch_t *batch);
 
+/* Ends the batch, and refuses its group: nothing of it becomes durable, and tslb_store_restore is next. For a host that
+ * cannot change the arrays back. `why` is in the text of the errors. Thread of the batch. Returns the ticket, as
+ * tslb_batch_end does. */
+uint64_t tslb_batch_refuse(tslb_batch_t *batch, const char *why);
+
 /* Ends the batch, releases it, and waits until it is settled; the calling thread writes the group if no other does. Thread of
  * the batch. Result: 0: it is durable. -1: it was refused. */
 int tslb_batch_commit(tslb_batch_t *batch, tslb_error_t *error);
@@ -349,11 +355,11 @@ int tslb_store_event_fd(tslb_store_t *store);
  * continue after the last one.
  *
  * After TSLB_DURABLE_REFUSED: brings the arrays back to the last durable batch, in place, so pointers to arrays stay
- * valid. Afterwards batches can begin again. Reads the store from the disk, and needs twice the memory meanwhile. No
- * batch may be open, and no thread may read the arrays. State of the host that follows from the arrays is made anew by the
- * host. Result: 0, also if nothing was refused. -1 with _BROKEN: close the store and open it again. -1 with another code:
- * reading failed, memory was refused, or the disk has no space for the entry that the journal gets then; it can be tried
- * again. */
+ * valid. Afterwards batches can begin again. A batch that ended and is not written yet is written before, or refused. Reads
+ * the store from the disk, and needs twice the memory meanwhile. No batch may be open, and no thread may read the arrays.
+ * State of the host that follows from the arrays is made anew by the host. Result: 0, also if nothing was refused. -1 with
+ * _BROKEN: close the store and open it again. -1 with another code: reading failed, memory was refused, or the disk has no
+ * space for the entry that the journal gets then; it can be tried again. */
 int tslb_store_restore(tslb_store_t *store, tslb_error_t *error);
 
 /* ---- Generations --------------------------------------------------------------------------------------------------- */

@@ -382,16 +382,23 @@ void tslb_store_t::append_opened() {
 
 void tslb_store_t::restore() {
   expect_no_batch_of_this_thread();
+  uint64_t last_ended;
+  {
+    const std::lock_guard lock(mutex_);
+    last_ended = last_ticket_;
+  }
+  // A group that is not written yet is written now, or refused: this call may be for that refusal.
+  settle_ticket(last_ended);
   const std::lock_guard snapshots(snapshot_mutex_);
   const std::lock_guard flushing(flush_mutex_);
   const GateClosed closed(gate_), read_closed(read_gate_);
   {
-    CopiedGroup rest;
-    copy_group(rest);  // refuses batches that ended after the refusal
     const std::lock_guard lock(mutex_);
-    if (failed_.empty()) return;
+    if (failed_.empty()) return;  // a batch that ended meanwhile stays pending
     if (is_broken_) throw StoreError(TSLB_DURABLE_BROKEN, failed_, folder_);
   }
+  CopiedGroup rest;
+  copy_group(rest);              // refuses batches that ended after the refusal
   write_state(folder_, state_);  // a snapshot that failed can have left a state that names its journal
   LoadedStore loaded = load_store(folder_, {});
   if (loaded.places.back().position != journal_->place().position)

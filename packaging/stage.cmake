@@ -16,7 +16,7 @@ foreach(root IN LISTS packages)
   execute_process(COMMAND gzip -9n ${to_compress} COMMAND_ERROR_IS_FATAL ANY)
 
   set(strip strip --remove-section=.comment --remove-section=.note)
-  file(GLOB binaries ${root}/usr/bin/* ${root}/usr/lib/*/*.so.*.*)
+  file(GLOB binaries ${root}/usr/bin/* ${root}/usr/lib/*/*.so.*.* ${root}/usr/lib/python3/dist-packages/tslb/_shim.so)
   file(GLOB archives ${root}/usr/lib/*/*.a)
   if(binaries)
     execute_process(COMMAND ${strip} --strip-unneeded ${binaries} COMMAND_ERROR_IS_FATAL ANY)

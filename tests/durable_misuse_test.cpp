@@ -55,6 +55,30 @@ TEST_F(DurableMisuse, CloseWithAnOpenBatchReleasesNothing) {
   EXPECT_EQ(store.content(), expected);
 }
 
+// A restoration took the group that was not written yet, and lost it.
+TEST_F(DurableMisuse, RestorationKeepsOrRefusesBatchesThatWereNotWrittenYet) {
+  TestStore store;
+  ASSERT_TRUE(store.open(folder_));
+  tslb_batch_t *batch = store.begin();
+  store.add_slot(batch, 1, 16);
+  const uint64_t kept = tslb_batch_end(batch);
+  ASSERT_EQ(tslb_store_restore(store.get(), &store.error), 0) << store.error.text;
+  EXPECT_EQ(tslb_store_check(store.get(), kept, &store.error), 0) << store.error.text;
+  const std::string expected = store.content();
+  batch = store.begin();
+  store.add_slot(batch, 2, 16);
+  const uint64_t given_up = tslb_batch_refuse(batch, "no reason");
+  ASSERT_EQ(tslb_store_restore(store.get(), &store.error), 0) << store.error.text;
+  EXPECT_EQ(tslb_store_check(store.get(), given_up, &store.error), -1);
+  EXPECT_NE(std::string(store.error.text).find("a batch was given up: no reason"), std::string::npos);
+  EXPECT_EQ(store.content(), expected);
+  ASSERT_TRUE(store.commit_slot(3, 16)) << store.error.text;
+  const std::string last = store.content();
+  ASSERT_EQ(store.close(), 0) << store.error.text;
+  ASSERT_TRUE(store.open(folder_));
+  EXPECT_EQ(store.content(), last);
+}
+
 // As a daemon does after it has read its configuration.
 TEST_F(DurableMisuse, WorkingFolderMayChange) {
   const auto run = [this] {

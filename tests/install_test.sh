@@ -93,10 +93,26 @@ by_hand=$(sed -n '/^```sh$/,/^```$/{/^```/d;/^cd build\/example$/,/^cd /p}' "$re
 "$scratch/event_store/event_store" run "$scratch/events" --events 100 --shadow >"$scratch/log"
 "$scratch/event_store/event_store" check "$scratch/events" >"$scratch/log" || fail "$(cat "$scratch/log")"
 
+# The example of the typed layer too.
+{
+  "$cmake" -S "$examples/typed_readings" -B "$scratch/typed" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_BUILD_TYPE=None \
+    && "$cmake" --build "$scratch/typed"
+} >"$scratch/log" 2>&1 || fail "$(cat "$scratch/log")"
+expect "$("$scratch/typed/typed_readings" "$scratch/typed/store")" "$(printf '0 hill 20.0\n1 roof 21.5')"
+
+# Python's modules, whose shared object finds the library in the moved installation.
+modules=$prefix/lib/python3/dist-packages
+if [ -e "$modules/tslb/_shim.so" ]; then
+  expect "$(env -u LD_LIBRARY_PATH PYTHONDONTWRITEBYTECODE=1 PYTHONPATH="$modules" /usr/bin/python3 -c \
+    'import sys, tslb; print(len(tslb.open_store(sys.argv[1])["readings"]), "readings")' "$scratch/typed/store")" "2 readings"
+fi
+
 # No header includes a header that is not installed.
 for header in "$prefix"/include/tslb/*.h; do echo "#include <tslb/${header##*/}>"; done >"$scratch/all.c"
 "$CC" -std=c11 "${strict[@]}" "${cflags[@]}" -fsyntax-only "$scratch/all.c"
 "$CXX" -std=c++17 "${strict[@]}" "${cflags[@]}" -fsyntax-only -x c++ "$scratch/all.c"
+for header in "$prefix"/include/tslb/*.hpp; do echo "#include <tslb/${header##*/}>"; done >>"$scratch/all.c"
+"$CXX" -std=c++20 "${strict[@]}" "${cflags[@]}" -fsyntax-only -x c++ "$scratch/all.c"
 
 # The tools find the library in the moved installation, and each has its man page.
 for tool in "$prefix"/bin/*; do

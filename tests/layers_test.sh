@@ -8,8 +8,8 @@ source=$1
 
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
-for folder in utils catalog host recovery durable examples tools bench fuzz metricdb tests cmake; do
-  (cd "$source" && find "$folder" \( -name '*.h' -o -name '*.cpp' -o -name '*.c' -o -name headers.cmake \) -print0 |
+for folder in utils catalog host recovery durable cpp python examples tools bench fuzz metricdb tests cmake; do
+  (cd "$source" && find "$folder" \( -name '*.h' -o -name '*.hpp' -o -name '*.cpp' -o -name '*.c' -o -name headers.cmake \) -print0 |
     xargs -0 cp --parents -t "$scratch")
 done
 "$source/scripts/layers" "$scratch"
@@ -32,6 +32,7 @@ expect_report utils/dynmem/src/tslb_dynmem.cpp '<tslb/tslb_dynarr.h>'          #
 expect_report tests/pool_test.cpp '"dynarr_lookup.h"'                          # a private header outside the library
 expect_report recovery/array_loader.cpp '<tslb/dynarr_lookup.h>'
 expect_report recovery/array_loader.cpp '<tslb/durable.h>'                     # an installed header of a higher folder
+expect_report durable/durable.cpp '<tslb/durable.hpp>'                         # the typed layer is above all others
 expect_report tools/tslb_convert.cpp '"journal_writer.h"'
 expect_report metricdb/codec/point_codec.cpp '"store/store.h"'
 expect_report metricdb/query/query.cpp '"net/server.h"'
