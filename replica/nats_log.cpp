@@ -11,6 +11,7 @@ namespace {
 
 constexpr int64_t API_WAIT_MS = 2000;
 constexpr std::chrono::milliseconds RETRY{50};
+constexpr std::chrono::milliseconds PAUSE{200};
 constexpr size_t MAX_UNANSWERED = 16;  // messages that are sent before the first is answered
 constexpr int64_t HEARTBEAT_NS = 500'000'000;
 constexpr const char *EXPECTED_LAST = "Nats-Expected-Last-Sequence";
@@ -94,6 +95,7 @@ NatsStream::NatsStream(Links &links, const NatsOptions &options, const std::stri
     : links_(links),
       name_(options.name + "_" + suffix),
       subject_(options.name + "." + suffix),
+      pause_subject_(subject_ + ".pause"),
       patience_(options.patience) {
   patiently(patience_, [&] { make(max_bytes, options.n_copies); });
 }
@@ -153,17 +155,41 @@ void NatsStream::purge_before(uint64_t sequence) {
   expect_ok(js_PurgeStream(link->js.get(), name_.c_str(), &options, nullptr), name_);
 }
 
+namespace {
+
+Subscription subscription_to(const Link &link, const std::string &subject) {
+  natsSubscription *made = nullptr;
+  expect_ok(natsConnection_SubscribeSync(&made, link.connection.get(), subject.c_str()), subject);
+  return Subscription(made);
+}
+
+}  // namespace
+
 void NatsStream::receive_answers(const std::shared_ptr<Link> &link) {
   if (answers_.link == link) return;
   answers_.subscription.reset();
+  pauses_.subscription.reset();
   natsInbox *inbox = nullptr;
   expect_ok(natsInbox_Create(&inbox), name_);
   inbox_ = inbox;
   natsInbox_Destroy(inbox);
-  natsSubscription *made = nullptr;
-  expect_ok(natsConnection_SubscribeSync(&made, link->connection.get(), (inbox_ + ".*").c_str()), name_);
-  answers_.subscription.reset(made);
-  answers_.link = link;
+  pauses_ = {link, subscription_to(*link, pause_subject_)};
+  answers_ = {link, subscription_to(*link, inbox_ + ".*")};
+}
+
+void NatsStream::request_pause() {
+  const std::shared_ptr<Link> link = links_.get();
+  expect_ok(natsConnection_PublishString(link->connection.get(), pause_subject_.c_str(), ""), name_);
+}
+
+void NatsStream::pause_if_requested() {
+  bool is_requested = false;
+  natsMsg *received = nullptr;
+  while (pauses_.subscription && natsSubscription_NextMsg(&received, pauses_.subscription.get(), 0) == NATS_OK) {
+    natsMsg_Destroy(received);
+    is_requested = true;
+  }
+  if (is_requested) std::this_thread::sleep_for(PAUSE);
 }
 
 // Sends the messages from `first` on, and waits for the answers. Returns whether all are in the stream.
@@ -207,6 +233,7 @@ size_t NatsStream::count_published(const std::vector<std::string> &messages, uin
 }
 
 void NatsStream::publish(const std::vector<std::string> &messages, uint64_t last) {
+  pause_if_requested();
   const auto deadline = Clock::now() + patience_;
   for (size_t n_published = 0; n_published < messages.size();) {
     // What was sent is in the stream, or not, or comes later. Sent again it is refused, or the other one is.

@@ -101,6 +101,10 @@ class NatsStream {
   // The same for one message, and one attempt. False: it is not in the stream, as far as is known.
   bool try_append(const std::string &message, uint64_t last) { return send({message}, 0, last); }
 
+  // Asks who publishes to this stream to wait for some time. A single writer would otherwise always be faster than another
+  // one that first has to ask for the last sequence.
+  void request_pause();
+
   // Names a message in errors.
   std::string place(uint64_t sequence) const;
   const std::string &name() const { return name_; }
@@ -120,15 +124,16 @@ class NatsStream {
 
   void make(uint64_t max_bytes, uint32_t n_copies);
   void receive_answers(const std::shared_ptr<Link> &link);
+  void pause_if_requested();
   bool send(const std::vector<std::string> &messages, size_t first, uint64_t last);
   size_t count_published(const std::vector<std::string> &messages, uint64_t last);
 
   Links &links_;
-  const std::string name_, subject_;
+  const std::string name_, subject_, pause_subject_;
   const std::chrono::milliseconds patience_;
   Receiver followed_;
   std::string inbox_;
-  Receiver answers_;
+  Receiver answers_, pauses_;
   uint64_t n_sent_ = 0;
 };
 

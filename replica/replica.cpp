@@ -235,7 +235,8 @@ void tslb_replica_t::follow_to(uint64_t sequence, Clock::time_point end) {
 }
 
 // Appends the begin of the next epoch, and returns its sequence. A leader that still appends can be faster each time, so
-// nothing is done between reading the last message and the attempt; what that leader appended is applied later.
+// nothing is done between reading the last message and the attempt, and it is asked to wait; what that leader appended is
+// applied later.
 uint64_t tslb_replica_t::begin_epoch(uint64_t epoch, Clock::time_point end) {
   std::string own;
   return repeated(end, [&] {
@@ -249,6 +250,7 @@ uint64_t tslb_replica_t::begin_epoch(uint64_t epoch, Clock::time_point end) {
       own = message_of_epoch({before + 1, message.is_last_chunk() ? message.head.number + 1 : message.head.number});
       if (log_.log().try_append(own, last)) return last + 1;
       if (Clock::now() > end) throw Unreachable(fmt::format("{}: another appended each time", log_.log().name()));
+      log_.log().request_pause();
     }
   });
 }
