@@ -155,6 +155,8 @@ def test_errors_have_class_file_and_byte(filled, tmp_path):
             with pytest.raises(tslb.Error):  # a batch is open
                 store.close()
         assert store.warning == ""
+    assert [(d.name, d.kind, d.record_bytes) for d in tslb.describe(filled)] == [
+        (d.name, d.kind, d.record_bytes) for d in ARRAYS]
     with pytest.raises(tslb.MismatchError, match="pairs"):
         tslb.open_store(filled, create=ARRAYS[:1])
     with pytest.raises(ValueError, match="24 bytes, but the dtype 16"):

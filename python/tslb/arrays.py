@@ -74,7 +74,8 @@ class Array:
 
     @property
     def name(self) -> str:
-        return os.fsdecode(ffi.string(self._info.name))
+        info = self._info  # which its field does not keep
+        return os.fsdecode(ffi.string(info.name))
 
     @property
     def tbl_id(self) -> int:

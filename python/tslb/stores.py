@@ -62,7 +62,7 @@ class Declaration:
             decl.daflag = 2 if self.has_inactive else 1
 
 
-def _describe(folder: str | os.PathLike[str]) -> Any:
+def _describe(folder: str | os.PathLike[str]) -> tuple[Any, int]:
     error = new_error()
     capacity = 16
     while True:
@@ -71,14 +71,15 @@ def _describe(folder: str | os.PathLike[str]) -> Any:
         if n_arrays < 0:
             raise_error(error)
         if n_arrays <= capacity:
-            return ffi.unpack(decls, n_arrays), decls, n_arrays
+            return decls, n_arrays
         capacity = n_arrays
 
 
 def describe(folder: str | os.PathLike[str]) -> list[Declaration]:
     """The arrays of a store, without loading them."""
     found = []
-    for decl in _describe(folder)[0]:
+    decls, n_arrays = _describe(folder)
+    for decl in ffi.unpack(decls, n_arrays):
         kind = Kind(decl.kind)
         found.append(Declaration(
             os.fsdecode(ffi.string(decl.name)), kind, decl.tbl_id, None, decl.record_bytes, decl.n_direct,
@@ -104,7 +105,7 @@ class Store(Mapping[str, Array]):
     def __init__(self, folder: str | os.PathLike[str], write: bool, create: Sequence[Declaration] | None,
                  dtypes: Mapping[str, npt.DTypeLike], shadow: bool) -> None:
         if create is None:
-            _, decls, n_arrays = _describe(folder)
+            decls, n_arrays = _describe(folder)
         else:
             n_arrays = len(create)
             decls = ffi.new("tslb_py_decl[]", n_arrays)
