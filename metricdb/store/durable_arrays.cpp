@@ -72,6 +72,7 @@ DurableArrays::DurableArrays(const std::string &folder, const ArrayParameters &p
   catalogue.rec_version = parameters.layout;
   catalogue.convert = convert_record;
   catalogue.converts_newer = 1;
+  for (tslb_array_decl_t &decl : decls) decl.compresses = 1;
   tslb_error_t error = {};
   store_.reset(tslb_store_open(folder.c_str(), decls, N_ARRAYS, &options, &error));
   if (!store_) throw DatabaseError(error.text);
