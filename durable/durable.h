@@ -113,6 +113,9 @@ typedef struct tslb_array_decl_t {
   tslb_record_converter_t convert;
   void *convert_arg;
   uint8_t converts_newer; /* not 0: `convert` is used for a newer rec_version too */
+  /* Not 0: snapshot streams are zstd frames, and what no chunk of a pool with compaction headers has is zero in them. Streams
+   * are read either way, but earlier versions of the library refuse a generation with compressed ones. */
+  uint8_t compresses;
 } tslb_array_decl_t;
 
 /* ---- Stores -------------------------------------------------------------------------------------------------------- */

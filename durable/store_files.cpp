@@ -21,12 +21,14 @@ constexpr std::string_view STATE_MAGIC = "tslb-store";
 constexpr std::string_view GENERATION_MAGIC = "tslb-generation";
 constexpr uint32_t STATE_VERSION = 1;
 constexpr uint32_t GENERATION_VERSION = 3;
+constexpr uint32_t COMPRESSED_GENERATION_VERSION = 4;  // with compressed streams
 constexpr size_t MAX_TEXT_BYTES = 64 << 20;
 
-void expect_magic(Words &words, std::string_view magic, uint32_t version) {
+void expect_magic(Words &words, std::string_view magic, uint32_t version, uint32_t newest_version) {
   words.expect(magic);
   const auto found = words.number<uint32_t>();
-  if (found != version) words.fail(fmt::format("unknown format version {}, expected {}", found, version));
+  if (found < version || found > newest_version)
+    words.fail(fmt::format("unknown format version {}, expected {}", found, version));
 }
 
 Identity read_identity(Words &words) {
@@ -84,6 +86,7 @@ StoredArrayEntry read_array(Words &words) {
   read_named(words, "slots", entry.n_slots);
   read_named(words, "direct", entry.n_direct);
   entry.file = read_file_words(words);
+  entry.is_compressed = words.take("zstd");
   words.expect("description");
   entry.description = words.rest_of_line();
   return entry;
@@ -141,7 +144,7 @@ StoreState read_state(const std::string &folder) {
   const std::string text = text_of(File::open(path), MAX_TEXT_BYTES);
   Words words(text, path);
   StoreState state;
-  expect_magic(words, STATE_MAGIC, STATE_VERSION);
+  expect_magic(words, STATE_MAGIC, STATE_VERSION, STATE_VERSION);
   state.identity = read_identity(words);
   read_named(words, "generation", state.generation);
   while (!words.at_end()) {
@@ -182,7 +185,10 @@ std::string current_environment() {
 }
 
 std::string manifest_text(const Manifest &manifest) {
-  std::string text = fmt::format("{} {}\nidentity {}\ngeneration {}\n{}", GENERATION_MAGIC, GENERATION_VERSION,
+  const bool is_compressed = std::any_of(manifest.arrays.begin(), manifest.arrays.end(),
+                                         [](const StoredArrayEntry &entry) { return entry.is_compressed; });
+  std::string text = fmt::format("{} {}\nidentity {}\ngeneration {}\n{}", GENERATION_MAGIC,
+                                 is_compressed ? COMPRESSED_GENERATION_VERSION : GENERATION_VERSION,
                                  text_of_identity(manifest.identity), manifest.generation, manifest.environment);
   text += manifest.payload ? fmt::format("payload 1 {}\n", file_words(*manifest.payload)) : "payload 0\n";
   if (manifest.position.number != 0)
@@ -191,9 +197,10 @@ std::string manifest_text(const Manifest &manifest) {
   for (const StoredArrayEntry &entry : manifest.arrays)
     text += fmt::format(
         "array {} kind {} compat {:d} table {} rec_version {} daflag {} record_bytes {} slots {} direct {} "
-        "{}\ndescription {}\n",
+        "{}{}\ndescription {}\n",
         entry.name, KIND_NAMES[entry.kind], entry.has_compat, entry.tbl_id, entry.rec_version, entry.daflag,
-        entry.record_bytes, entry.n_slots, entry.n_direct, file_words(entry.file), entry.description);
+        entry.record_bytes, entry.n_slots, entry.n_direct, file_words(entry.file), entry.is_compressed ? " zstd" : "",
+        entry.description);
   append_checksum(text);
   return text;
 }
@@ -203,7 +210,7 @@ Manifest read_manifest(const std::string &folder) {
   const std::string text = text_of(File::open(path), MAX_TEXT_BYTES);
   Words words(text, path);
   Manifest manifest;
-  expect_magic(words, GENERATION_MAGIC, GENERATION_VERSION);
+  expect_magic(words, GENERATION_MAGIC, GENERATION_VERSION, COMPRESSED_GENERATION_VERSION);
   manifest.identity = read_identity(words);
   read_named(words, "generation", manifest.generation);
   words.expect("library");

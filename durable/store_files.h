@@ -80,6 +80,7 @@ Identity new_identity();
 //   position 2 4711                           epoch and number in a log; only of a store that has one
 //   arrays 2
 //   array events kind slots compat 0 table 5 rec_version 1 daflag 3 record_bytes 64 slots 1000 direct 64 bytes 81948 crc32c ...
+//                                             with " zstd" at its end if the stream is compressed, and then the version is 4
 //   description TEXT                          of the array above; can be empty
 //   ...
 //   crc32c 5e6f7a8b                           of all lines above
@@ -101,6 +102,7 @@ struct StoredArrayEntry {
   uint32_t n_direct = 0;
   StoredFile file;
   std::string description;
+  bool is_compressed = false;
 };
 
 struct Manifest {

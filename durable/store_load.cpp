@@ -13,6 +13,7 @@
 
 #include "changes.h"
 #include "store_error.h"
+#include "stream_source.h"
 
 namespace tslb_durable {
 namespace {
@@ -48,7 +49,8 @@ Array load_array(const File &file, const StoredArrayEntry &entry) {
   options.rec_version = entry.rec_version;
   options.record_size = entry.record_bytes;
   char why[256];
-  Array array(array_load_stream(file.fd(), &options, why, sizeof why));
+  const StreamSource source(file, entry.is_compressed);
+  Array array(array_load_stream(source.fd(), &options, why, sizeof why));
   expect_file(path, sum.get(), entry.file);
   if (!array) throw damaged(path, why);
   if (array->daflag != entry.daflag || tslb_da_get_size(array.get()) != entry.n_slots ||

@@ -106,8 +106,7 @@ tslb_store_t::NewGeneration::NewGeneration(const tslb_store_t &store, uint64_t t
 // Writes all streams. No thread changes the arrays, or this is a child process.
 void tslb_store_t::write_streams(NewGeneration &next) {
   for (size_t i = 0; i < decls_.size(); ++i)
-    next.results[i].error =
-        next.writer.write(arrays_[i].get(), is_pool(decls_[i].kind), next.streams[i].fd(), next.results[i].file);
+    next.results[i].error = next.writer.write(arrays_[i].get(), decls_[i], next.streams[i].fd(), next.results[i].file);
 }
 
 // Completes the folder of a generation whose streams are written, and puts it in place.
@@ -127,9 +126,9 @@ void tslb_store_t::finish_generation(NewGeneration &next) {
     next.streams[i].sync();
     // The numbers stay those of the generation before, because groups of the next journal must fit both.
     StoredArrayEntry &entry = manifest.arrays[next.numbers[i]];
-    entry = {decl.name,       decl.kind,         decl.has_compat, decl.tbl_id,          decl.rec_version,
-             decl.daflag,     decl.record_bytes, next.n_slots[i], arrays_[i]->n_direct, next.results[i].file,
-             decl.description};
+    entry = {decl.name,        decl.kind,         decl.has_compat, decl.tbl_id,          decl.rec_version,
+             decl.daflag,      decl.record_bytes, next.n_slots[i], arrays_[i]->n_direct, next.results[i].file,
+             decl.description, decl.compresses};
   }
   if (next.has_payload) {
     const File file = File::create(next.folder + "/" + PAYLOAD);

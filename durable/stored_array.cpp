@@ -66,6 +66,7 @@ ArrayDecl copied(const tslb_array_decl_t &decl) {
   own.convert = decl.convert;
   own.convert_arg = decl.convert_arg;
   own.converts_newer = decl.converts_newer != 0;
+  own.compresses = decl.compresses != 0;
   return own;
 }
 

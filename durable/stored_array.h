@@ -48,6 +48,7 @@ struct ArrayDecl {
   tslb_record_converter_t convert = nullptr;
   void *convert_arg = nullptr;
   bool converts_newer = false;
+  bool compresses = false;
 };
 
 // Throws StoreError with TSLB_DURABLE_INVALID.

@@ -7,7 +7,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstring>
 #include <ctime>
+#include <new>
 
 #include "checksum.h"
 #include "io_faults.h"
@@ -18,6 +20,8 @@ namespace {
 constexpr size_t MAX_PIECES = IOV_MAX;
 constexpr size_t FLUSH_BYTES = 4 << 20;  // with a limit of bytes per second, the step of the throttle
 constexpr size_t SPREAD_BYTES = 4 << 20;
+constexpr size_t COMPRESSED_BYTES = 128 << 10, ZERO_BYTES = 64 << 10;
+constexpr int COMPRESSION_LEVEL = 1;
 constexpr int64_t NS_PER_S = 1'000'000'000;
 
 int64_t now_ns() {
@@ -51,27 +55,66 @@ void Throttle::wrote(uint64_t bytes) {
   nanosleep(&pause, nullptr);
 }
 
-StreamWriter::StreamWriter(uint64_t bytes_per_s) : throttle_(bytes_per_s), pieces_(MAX_PIECES) {}
+// The first compression allocates what all of them need, with the same parameters and unknown sizes.
+StreamWriter::StreamWriter(uint64_t bytes_per_s)
+    : throttle_(bytes_per_s),
+      pieces_(MAX_PIECES),
+      compressor_(ZSTD_createCCtx(), ZSTD_freeCCtx),
+      compressed_(COMPRESSED_BYTES),
+      zeros_(ZERO_BYTES) {
+  if (!compressor_) throw std::bad_alloc();
+  ZSTD_CCtx_setParameter(compressor_.get(), ZSTD_c_compressionLevel, COMPRESSION_LEVEL);
+  compress(true);
+}
 
-int StreamWriter::write(DynArrHandle_t *array, bool is_pool, int fd, StoredFile &written) {
+int StreamWriter::write(DynArrHandle_t *array, const ArrayDecl &decl, int fd, StoredFile &written) {
+  array_ = array;
+  decl_ = &decl;
   fd_ = fd;
   error_ = 0;
   written_ = {};
-  bytes_left_ = stream_bytes(array, is_pool);
+  bytes_left_ = stream_bytes(array, is_pool(decl.kind));
   on_disk_ = on_way_ = 0;
   tslb_iterate_dyn_array_blocks(array, add_block, this);
   if (error_ == 0) error_ = flush();
+  if (error_ == 0 && decl.compresses) error_ = compress(true);
   // The walk ends early if a block is missing: an id was issued and memory for it was refused.
   if (error_ == 0 && bytes_left_ != 0) error_ = ENOMEM;
   written = written_;
   return error_;
 }
 
-int StreamWriter::add_block(DynamicArray_t, void *block, int, size_t bytes, int, int, int, int, void *self) {
+int StreamWriter::add_block(DynamicArray_t, void *block, int, size_t bytes, int hdr_size, int, int, int, void *self) {
   auto *const writer = static_cast<StreamWriter *>(self);
   const size_t used = std::min<uint64_t>(bytes, writer->bytes_left_);
   writer->bytes_left_ -= used;
-  return writer->error_ = writer->add(static_cast<char *>(block), used);
+  auto *const from = static_cast<char *>(block);
+  const bool has_unused = writer->decl_->compresses && writer->decl_->has_compat;
+  if (!has_unused) return writer->error_ = writer->add(from, used);
+  const Geometry geometry(writer->array_);
+  size_t part = static_cast<size_t>(hdr_size);  // of block 0
+  writer->error_ = writer->add(from, part);
+  for (size_t at = part; writer->error_ == 0 && at < used; at += part) {
+    part = std::min<size_t>(used - at, geometry.slot_bytes);
+    writer->error_ = writer->add_pool_slot(from + at, part, geometry);
+  }
+  return writer->error_;
+}
+
+// Adds zeros in place of the bytes of a memory slot that no chunk has. What was in them would be compressed badly.
+int StreamWriter::add_pool_slot(char *slot, size_t bytes, const Geometry &geometry) {
+  MemSlot_t head;
+  std::memcpy(&head, slot + geometry.shift, sizeof head);
+  const bool is_free = geometry.shift != 0 && reinterpret_cast<const node_fw *>(slot)->status == TSLB_DA_SLOT_FREE;
+  const size_t first_unused = geometry.shift + sizeof head + (is_free ? 0 : head.bytes_used);
+  const size_t end = std::min<size_t>(bytes, geometry.shift + geometry.record_bytes);  // without the second node
+  if (first_unused >= end) return add(slot, bytes);
+  int error = add(slot, first_unused);
+  for (size_t at = first_unused, part; error == 0 && at < end; at += part) {
+    part = std::min(end - at, zeros_.size());
+    error = add(zeros_.data(), part);
+  }
+  return error == 0 ? add(slot + end, bytes - end) : error;
 }
 
 int StreamWriter::add(char *from, size_t bytes) {
@@ -82,18 +125,43 @@ int StreamWriter::add(char *from, size_t bytes) {
 }
 
 int StreamWriter::flush() {
-  for (size_t i = 0; i < n_pieces_; ++i)
-    written_.crc32c = crc32c(pieces_[i].iov_base, pieces_[i].iov_len, written_.crc32c);
-  written_.bytes += piece_bytes_;
+  const int error = decl_->compresses ? compress(false) : put(pieces_.data(), n_pieces_, piece_bytes_);
+  n_pieces_ = 0;
+  piece_bytes_ = 0;
+  return error;
+}
+
+// Compresses the pieces, or ends the frame.
+int StreamWriter::compress(bool is_end) {
+  for (size_t i = 0; i < (is_end ? 1 : n_pieces_); ++i) {
+    ZSTD_inBuffer in = {nullptr, 0, 0};
+    if (!is_end) in = {pieces_[i].iov_base, pieces_[i].iov_len, 0};
+    for (size_t n_left = 1; is_end ? n_left != 0 : in.pos < in.size;) {
+      ZSTD_outBuffer out = {compressed_.data(), compressed_.size(), 0};
+      n_left = ZSTD_compressStream2(compressor_.get(), &out, &in, is_end ? ZSTD_e_end : ZSTD_e_continue);
+      if (ZSTD_isError(n_left)) return EIO;
+      iovec piece = {compressed_.data(), out.pos};
+      if (out.pos == 0 || fd_ < 0) continue;
+      if (const int error = put(&piece, 1, out.pos); error != 0) return error;
+    }
+  }
+  return 0;
+}
+
+// Writes `bytes` bytes of pieces, which it changes.
+int StreamWriter::put(iovec *pieces, size_t n_pieces, size_t bytes) {
+  for (size_t i = 0; i < n_pieces; ++i)
+    written_.crc32c = crc32c(pieces[i].iov_base, pieces[i].iov_len, written_.crc32c);
+  written_.bytes += bytes;
   if (const int fault = take_io_step(); fault != 0) return fault;
-  for (size_t first = 0; first < n_pieces_;) {
-    const ssize_t n_written = writev(fd_, pieces_.data() + first, static_cast<int>(n_pieces_ - first));
+  for (size_t first = 0; first < n_pieces;) {
+    const ssize_t n_written = writev(fd_, pieces + first, static_cast<int>(n_pieces - first));
     if (n_written < 0) {
       if (errno == EINTR) continue;
       return errno;
     }
     for (auto left = static_cast<size_t>(n_written); left != 0;) {
-      iovec &piece = pieces_[first];
+      iovec &piece = pieces[first];
       const size_t part = std::min(left, piece.iov_len);
       piece.iov_base = static_cast<char *>(piece.iov_base) + part;
       piece.iov_len -= part;
@@ -101,9 +169,7 @@ int StreamWriter::flush() {
       first += piece.iov_len == 0 ? 1 : 0;
     }
   }
-  throttle_.wrote(piece_bytes_);
-  n_pieces_ = 0;
-  piece_bytes_ = 0;
+  throttle_.wrote(bytes);
   return spread();
 }
 

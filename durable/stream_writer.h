@@ -1,10 +1,13 @@
 // Writes the snapshot stream of an array, as tslb_create_dump_for_dynarr does, with few system calls, and computes its
-// checksum on the way. A pool's last slot is cut after the last chunk if it is the current one.
+// checksum on the way. A pool's last slot is cut after the last chunk if it is the current one. A compressed stream is one zstd
+// frame.
 #pragma once
 
 #include <sys/uio.h>
+#include <zstd.h>
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "store_files.h"
@@ -30,19 +33,27 @@ class StreamWriter {
   explicit StreamWriter(uint64_t bytes_per_s);
 
   // Writes the stream of `array` to an open, empty file. Returns 0 or an error number. No thread changes the array.
-  int write(DynArrHandle_t *array, bool is_pool, int fd, StoredFile &written);
+  int write(DynArrHandle_t *array, const ArrayDecl &decl, int fd, StoredFile &written);
 
  private:
   static int add_block(DynamicArray_t array, void *block, int n_block_elem, size_t bytes, int hdr_size, int level,
                        int record_size, int reserved, void *self);
   int add(char *from, size_t bytes);
+  int add_pool_slot(char *slot, size_t bytes, const Geometry &geometry);
   int flush();
+  int compress(bool is_end);
+  int put(iovec *pieces, size_t n_pieces, size_t bytes);
   int spread();
 
   Throttle throttle_;
   std::vector<iovec> pieces_;  // allocated at construction
   size_t n_pieces_ = 0;
   size_t piece_bytes_ = 0;
+  std::unique_ptr<ZSTD_CCtx, size_t (*)(ZSTD_CCtx *)> compressor_;
+  std::vector<char> compressed_;
+  std::vector<char> zeros_;
+  DynArrHandle_t *array_ = nullptr;
+  const ArrayDecl *decl_ = nullptr;
   int fd_ = -1;
   int error_ = 0;
   uint64_t bytes_left_ = 0;  // of the stream

@@ -38,6 +38,47 @@ TEST_F(DurableStore, FolderIsOnlyTakenWhenAllowed) {
   EXPECT_EQ(bytes_of(folder_ + "/notes.txt"), "mine");
 }
 
+// They are read by programs that compress and by others, without the bytes that no chunk has, and each changed byte is noticed.
+TEST_F(DurableStore, CompressedStreams) {
+  std::vector<tslb_array_decl_t> decls = test_decls();
+  const auto used = [](const TestStore &store) {
+    std::string all =
+        content_of(store.array(RECORDS)) + content_of(store.array(SLOTS)) + content_of(store.array(BYTES));
+    for (uint32_t idx = 0; idx < tslb_da_get_size(store.array(BITS)); ++idx) {
+      const auto *const slot = static_cast<const MemSlot_t *>(tslb_da_get_ptr(store.array(BITS), idx));
+      const node_fw *const node = reinterpret_cast<const node_fw *>(slot) - 1;
+      all.append(reinterpret_cast<const char *>(node), sizeof *node + sizeof *slot);
+      if (node->status != TSLB_DA_SLOT_FREE) all.append(slot->mslot, slot->bytes_used);
+    }
+    return all;
+  };
+  std::mt19937 random(11);
+  std::string before;
+  uint64_t generation = 1;
+  for (const bool compresses : {true, true, false, false}) {
+    for (tslb_array_decl_t &decl : decls) decl.compresses = compresses;
+    TestStore store(decls);
+    ASSERT_TRUE(store.open(folder_)) << store.error.text;
+    if (!before.empty()) EXPECT_TRUE(used(store) == before);
+    ASSERT_TRUE(store.commit_changes(random, 40)) << store.error.text;
+    ASSERT_EQ(tslb_store_snapshot(store.get(), &store.error), 0) << store.error.text;
+    ASSERT_TRUE(store.commit_changes(random, 3)) << store.error.text;
+    before = used(store);
+    const std::string folder = fmt::format("{}/generation.{}", folder_, ++generation);
+    EXPECT_EQ(bytes_of(folder + "/manifest").starts_with("tslb-generation 4\n"), compresses);
+    const std::string stream = folder + "/bits.stream", whole = bytes_of(stream);
+    for (size_t at = 0; compresses && at < whole.size(); at += 1 + at / 50) {
+      std::string changed = whole;
+      changed[at] = static_cast<char>(changed[at] ^ 4);
+      put_bytes(stream, changed);
+      TestStore reader(decls);
+      EXPECT_FALSE(reader.open(folder_, TSLB_STORE_READ_ONLY)) << "byte " << at;
+      EXPECT_EQ(reader.error.code, TSLB_DURABLE_DAMAGED);
+    }
+    put_bytes(stream, whole);
+  }
+}
+
 // Each array is loaded while the writer replaces the generation that is being read.
 TEST_F(DurableStore, ReaderIsNotDisturbedByLaterGenerations) {
   TestStore store;

@@ -92,24 +92,32 @@ TEST_F(RoundTrip, PointsBitForBit) {
 
 using Writing = SmallDatabase;
 
-// 300 lines of an earlier version, which wrote runs and stored integers as real numbers. New points are in blocks beside them.
+// 300 lines of earlier versions: 3, which wrote runs and stored integers as real numbers, and 4, whose blocks have at most 128
+// points. New points are in blocks beside them, and packing joins both.
 TEST_F(Writing, DatabasesOfEarlierVersionsGoOn) {
   const auto line = [](int i) {
     return fmt::format("cpu,host=a load={},n={}i,on={} {}\n", 20 + i * i % 7 * 0.25, 1'000'000 * i, i % 7 != 0,
                        1'700'000'000'000'000'000 + i * 10'000'000'000 + i % 3);
   };
-  std::string text;
-  for (int i = 0; i < 300; ++i) text += line(i);
-  fs::copy(METRICDB_OLD_DATABASE, db(), fs::copy_options::recursive);
-  expect_checked(checked(OpenDatabase(db()).store(), text), 900, 0, "");
-  for (int round = 0; round < 2; ++round) {
-    OpenDatabase opened = open_to_change(db());
-    std::string more;
-    for (int i = 300 * (round + 1); i < 300 * (round + 2); ++i) more += line(i);
-    load(opened.store(), more);
-    opened.write();
-    text += more;
-    expect_checked(checked(OpenDatabase(db()).store(), text), 900u * (static_cast<unsigned>(round) + 2), 0, "");
+  for (const char *version : {"/version_3", "/version_4"}) {
+    SCOPED_TRACE(version);
+    std::string text;
+    for (int i = 0; i < 300; ++i) text += line(i);
+    fs::remove_all(db());
+    fs::copy(METRICDB_OLD_DATABASE + std::string(version), db(), fs::copy_options::recursive);
+    expect_checked(checked(OpenDatabase(db()).store(), text), 900, 0, "");
+    for (int round = 0; round < 2; ++round) {
+      OpenDatabase opened = open_to_change(db());
+      std::string more;
+      for (int i = 300 * (round + 1); i < 300 * (round + 2); ++i) more += line(i);
+      load(opened.store(), more);
+      EXPECT_GT(opened.store().record(0).n_sealed(), 1u);
+      EXPECT_EQ(opened.store().pack(0), 3u);
+      EXPECT_EQ(opened.store().record(0).n_sealed(), 1u);
+      opened.write();
+      text += more;
+      expect_checked(checked(OpenDatabase(db()).store(), text), 900u * (static_cast<unsigned>(round) + 2), 0, "");
+    }
   }
 }
 
@@ -121,7 +129,7 @@ TEST_F(Writing, FiguresHaveOneTextAndLimits) {
   const struct {
     const char *fault, *found, *put, *message;
   } rows[] = {
-      {"a later version", "metricdb 4\n", "metricdb 5\n", "unknown format \"metricdb 5\""},
+      {"a later version", "metricdb 5\n", "metricdb 6\n", "unknown format \"metricdb 6\""},
       {"an unknown layout", "layout 1", "layout 2", "layout \"2\""},
       {"a line left out", "retain_ns 100\n", "", "\"idle_ns 50\", expected \"retain_ns\""},
       {"a negative time span", "retain_ns 100", "retain_ns -100", "retain_ns \"-100\""},

@@ -62,6 +62,7 @@ struct Scenario {
   uint64_t n_series;       // at a time
   uint64_t n_rounds;       // each adds a point to each series
   uint64_t rounds_of_one;  // then other series are written; 0: always the same
+  bool packs = false;      // now and then
 };
 
 class LiveReading : public testing::TestWithParam<Scenario> {};
@@ -122,6 +123,9 @@ TEST_P(LiveReading, EachReadIsOfOneMoment) {
     if (scenario.rounds_of_one != 0 && round % scenario.rounds_of_one == 0) first += scenario.n_series;
     const auto ts_ns = static_cast<int64_t>(round);
     for (uint64_t i = first; i < first + scenario.n_series; ++i) store.add(key_of(i), {ts_ns, value_of(i, ts_ns)});
+    if (!scenario.packs || round % 700 != 0) continue;
+    store.pack(0);
+    EXPECT_TRUE(store.compact(true));
   }
   is_done = true;
   for (std::thread &reader : readers) reader.join();
@@ -159,6 +163,8 @@ TEST_P(LiveReading, EachReadIsOfOneMoment) {
 INSTANTIATE_TEST_SUITE_P(
     Scenarios, LiveReading,
     testing::Values(Scenario{"appending", {}, 3, 60'000, 0}, Scenario{"retention", {.retain_ns = 3'000}, 3, 60'000, 0},
+                    Scenario{"packing", {}, 3, 60'000, 0, true},
+                    Scenario{"packing_and_retention", {.retain_ns = 3'000}, 3, 60'000, 0, true},
                     Scenario{"new_series", {.retain_ns = 300}, 50, 4'000, 60},
                     Scenario{"replaced_series", {.idle_ns = 100, .reuse_inactive_pct = 1}, 20, 6'000, 150}),
     [](const auto &scenario) { return std::string(scenario.param.name); });

@@ -18,6 +18,42 @@ TEST(Store, FullPoolStopsALoadAtItsLine) {
   EXPECT_THROW(store.series_of(std::string(64, 'k')), StoreFull) << "longer than a slot";
 }
 
+// The chunks at the end of a chain are joined, and an end of the database joins them with the open points: the chain stays short
+// whether points come all at once or a few between two openings. The slots of what was joined become free.
+TEST(Store, ChainsAreJoinedAndPacked) {
+  for (const int per_opening : {100'000, 700, 37}) {
+    SCOPED_TRACE(per_opening);
+    constexpr uint32_t N_SERIES = 5;
+    constexpr int N_POINTS = 6'000;
+    const StoreConfig config = {.point_slot_bytes = 1 << 14};
+    std::optional<Store> store(std::in_place, config);
+    std::string text;
+    for (int i = 0; i < N_POINTS; ++i) {
+      for (uint32_t s = 0; s < N_SERIES; ++s) {
+        const std::string line = fmt::format("m,n={} f={} {}\n", s, i * (s + 7) % 101, i);
+        load(*store, line);
+        text += line;
+      }
+      if (i % per_opening != per_opening - 1) continue;
+      EXPECT_EQ(store->pack(0), N_SERIES);
+      EXPECT_TRUE(store->compact(true));
+    }
+    const uint32_t long_chunks = N_POINTS / 1'500;
+    for (uint32_t s = 0; s < N_SERIES; ++s) EXPECT_LE(store->record(s).n_sealed(), long_chunks + 16);
+    EXPECT_EQ(store->pack(0), N_SERIES);
+    for (uint32_t s = 0; s < N_SERIES; ++s) {
+      EXPECT_LE(store->record(s).n_sealed(), long_chunks + 1);
+      EXPECT_EQ(store->record(s).flags() & SERIES_HAS_OPEN, 0);
+    }
+    EXPECT_TRUE(store->compact(true));
+    const PoolBytes bytes = store->point_bytes();
+    EXPECT_LE(bytes.deleted, bytes.used / 10 + config.point_slot_bytes);
+    expect_checked(checked(*store, text), N_SERIES * N_POINTS, 0, "");
+    store->add("m,n=0 f", {N_POINTS, 1.0});
+    EXPECT_EQ(store->record(0).n_open(), 1u);
+  }
+}
+
 using Files = Folder;
 
 TEST_F(Files, InputIsReadTwiceOrHeld) {

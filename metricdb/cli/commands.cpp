@@ -185,11 +185,13 @@ class Load {
   uint64_t lines_before_ = 0;  // of the current piece in it
 };
 
-// Writes a generation and prints a line about it.
-template <class Write>
-void write_generation(const std::string &db, Write write_files) {
+// Writes a generation, as small as it can be, and prints a line about it.
+void write_generation(OpenDatabase &opened) {
   const Clock::time_point begin = Clock::now();
-  const GenerationInfo stored = write_files();
+  const std::string db = opened.folder();
+  opened.store().pack(0);
+  opened.store().compact(true);
+  const GenerationInfo stored = opened.write();
   const double seconds = seconds_of(Clock::now() - begin);
   const double megabytes = static_cast<double>(stored.bytes()) / 1e6;
   TSLB_DLOG(LOG_PROGRESS, "%s: generation %llu written, %llu bytes, %.3f s", db.c_str(), as_llu(stored.number),
@@ -199,7 +201,7 @@ void write_generation(const std::string &db, Write write_files) {
 }
 
 void Load::write() {
-  write_generation(database_->folder(), [this] { return database_->write(); });
+  write_generation(*database_);
 }
 
 int64_t wall_clock_ns() {
@@ -227,7 +229,7 @@ int snapshot(const SnapshotArguments &arguments) {
   if (arguments.layout) options.layout = static_cast<uint8_t>(*arguments.layout);
   OpenDatabase opened(arguments.db, options, OpenDatabase::Use::load);
   report_warnings(opened.warnings());
-  write_generation(opened.folder(), [&opened] { return opened.write(); });
+  write_generation(opened);
   return EXIT_GOOD;
 }
 

@@ -8,14 +8,17 @@
 #include <optional>
 #include <span>
 
+#include "codec/block_bytes.h"
+#include "codec/coded_numbers.h"
+
 namespace metricdb {
 namespace {
-
-static_assert(std::endian::native == std::endian::little, "numbers are written as they are in memory");
 
 constexpr size_t GROUP = 128;
 constexpr unsigned MAX_PACKED_WIDTH = 57;  // of a number that any 8 bytes contain, whatever its first bit in them
 constexpr unsigned WHOLE_WIDTH_CODE = 58;  // for 64 bits
+constexpr unsigned EQUAL_CODE = 59, CODED_CODE = 60;
+constexpr size_t MIN_CODED_NUMBERS = 200;  // with fewer the table of the symbols costs more than it saves
 constexpr uint8_t WIDTH_MASK = 0x3F, BOTH_SIGNS = 0x40, HAS_EXCEPTIONS = 0x80;
 
 enum Kind : uint8_t { INTEGERS, DECIMALS, BITS };
@@ -29,73 +32,6 @@ constexpr std::array<double, 19> POWERS = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1
 constexpr double MAX_SCALED = 2251799813685248.0;  // 2^51
 constexpr double ROUNDER = 3 * MAX_SCALED;         // a sum with it has no bits after the point
 constexpr uint64_t SIGN = uint64_t{1} << 63;
-
-uint64_t zigzag(int64_t number) {
-  return static_cast<uint64_t>(number) << 1 ^ static_cast<uint64_t>(number >> 63);
-}
-
-int64_t unzigzag(uint64_t code) {
-  return static_cast<int64_t>(code >> 1 ^ (0 - (code & 1)));
-}
-
-int64_t plus(int64_t a, uint64_t b) {
-  return static_cast<int64_t>(static_cast<uint64_t>(a) + b);
-}
-
-int64_t difference(int64_t a, int64_t b) {
-  return static_cast<int64_t>(static_cast<uint64_t>(a) - static_cast<uint64_t>(b));
-}
-
-uint64_t mask_of(unsigned n) {
-  return n == 64 ? ~uint64_t{0} : (uint64_t{1} << n) - 1;
-}
-
-class BlockWriter {
- public:
-  explicit BlockWriter(char *at) : at_(at) {}
-
-  char *at() const { return at_; }
-  void byte(unsigned value) { *at_++ = static_cast<char>(value); }
-  void word(uint64_t value) {
-    std::memcpy(at_, &value, sizeof value);
-    at_ += sizeof value;
-  }
-  void varint(uint64_t value) {
-    for (; value >= 0x80; value >>= 7) byte(static_cast<unsigned>(value & 0x7F) | 0x80);
-    byte(static_cast<unsigned>(value));
-  }
-  void signed_number(int64_t value) { varint(zigzag(value)); }
-
-  // Writes the lower bits of the n numbers number(i).
-  template <class Number>
-  void packed(size_t n, unsigned width, Number number) {
-    const uint64_t mask = mask_of(width);
-    uint64_t bits = 0;
-    unsigned n_bits = 0;  // in `bits`
-    for (size_t i = 0; i < n; ++i) {
-      const uint64_t low = number(i) & mask;
-      bits |= low << n_bits;
-      n_bits += width;
-      if (n_bits >= 64) {
-        word(bits);
-        n_bits -= 64;
-        bits = n_bits == 0 ? 0 : low >> (width - n_bits);
-      }
-    }
-    for (; n_bits > 0; n_bits -= std::min(n_bits, 8u), bits >>= 8) byte(bits & 0xFF);
-  }
-
- private:
-  char *at_;
-};
-
-unsigned length_of(uint64_t number) {
-  return static_cast<unsigned>(64 - std::countl_zero(number));
-}
-
-constexpr unsigned varint_bits(unsigned length) {
-  return length == 0 ? 8 : (length + 6) / 7 * 8;
-}
 
 // How a group is packed.
 struct GroupPlan {
@@ -202,11 +138,41 @@ void write_group(std::span<const int64_t> numbers, const GroupPlan &plan, BlockW
   }
 }
 
-void write_groups(std::span<const int64_t> numbers, BlockWriter &out) {
-  for (; !numbers.empty(); numbers = numbers.subspan(std::min(numbers.size(), GROUP))) {
-    const std::span<const int64_t> group = numbers.first(std::min(numbers.size(), GROUP));
-    write_group(group, plan_of(group), out);
+bool are_equal(std::span<const int64_t> numbers) {
+  uint64_t any = 0;
+  for (const int64_t number : numbers) any |= static_cast<uint64_t>(number) ^ static_cast<uint64_t>(numbers[0]);
+  return any == 0;
+}
+
+// The numbers in a group of that kind if n_left follow.
+size_t n_in_group(unsigned head, size_t n_left) {
+  return head == EQUAL_CODE ? n_left : std::min(n_left, head == CODED_CODE ? MAX_CODED_NUMBERS : GROUP);
+}
+
+// Writes groups of 128 for at most MAX_CODED_NUMBERS numbers, or one of coded numbers.
+void write_some(std::span<const int64_t> numbers, BlockWriter &out) {
+  std::array<GroupPlan, (MAX_CODED_NUMBERS + GROUP - 1) / GROUP> plans;
+  const size_t n = numbers.size();
+  const auto group_at = [numbers](size_t i) { return numbers.subspan(i, std::min(numbers.size() - i, GROUP)); };
+  size_t bits = 0;
+  for (size_t i = 0; i < n; i += GROUP) bits += (plans[i / GROUP] = plan_of(group_at(i))).bits;
+  if (n >= MIN_CODED_NUMBERS) {
+    const CodePlan code = code_plan(numbers);
+    if (code.bits < bits) {
+      out.byte(CODED_CODE);
+      return write_coded(numbers, code, out);
+    }
   }
+  for (size_t i = 0; i < n; i += GROUP) write_group(group_at(i), plans[i / GROUP], out);
+}
+
+void write_groups(std::span<const int64_t> numbers, BlockWriter &out) {
+  if (numbers.size() > GROUP && are_equal(numbers)) {
+    out.byte(EQUAL_CODE);
+    return out.signed_number(numbers[0]);
+  }
+  for (; !numbers.empty(); numbers = numbers.subspan(std::min(numbers.size(), MAX_CODED_NUMBERS)))
+    write_some(numbers.first(std::min(numbers.size(), MAX_CODED_NUMBERS)), out);
 }
 
 // Replaces each number except for the first one by its difference to the previous one. Returns whether one has wrapped.
@@ -215,12 +181,6 @@ bool make_differences(std::span<int64_t> numbers) {
   for (size_t i = numbers.size() - 1; i > 0; --i)
     has_wrapped |= __builtin_sub_overflow(numbers[i], numbers[i - 1], &numbers[i]);
   return has_wrapped;
-}
-
-bool are_equal(std::span<const int64_t> numbers) {
-  uint64_t any = 0;
-  for (const int64_t number : numbers) any |= static_cast<uint64_t>(number) ^ static_cast<uint64_t>(numbers[0]);
-  return any == 0;
 }
 
 void write_differences(std::span<const int64_t> numbers, BlockWriter &out) {
@@ -341,139 +301,80 @@ void write_bits(std::span<const double> values, BlockWriter &out) {
   write_values(BITS, numbers, out, shift);
 }
 
-// Reads a block. After the first invalid byte all results are undefined, and `is_valid` is false.
-class BlockReader {
- public:
-  BlockReader(const char *bytes, size_t size) : at_(bytes), end_(bytes + size) {}
-
-  bool is_valid() const { return is_valid_; }
-  bool is_at_end() const { return at_ == end_; }
-  void fail() { is_valid_ = false; }
-
-  unsigned byte() {
-    if (at_ == end_) {
-      fail();
-      return 0;
-    }
-    return static_cast<uint8_t>(*at_++);
+void add_exceptions(BlockReader &in, std::span<uint64_t> offsets, unsigned width) {
+  for (unsigned n_left = in.byte() + 1; n_left > 0; --n_left) {
+    const unsigned index = in.byte();
+    const uint64_t upper = in.varint();
+    if (!in.is_valid() || index >= offsets.size() || width == 64) return in.fail();
+    offsets[index] |= upper << width;
   }
-  uint64_t word() {
-    if (end_ - at_ < 8) {
-      fail();
-      return 0;
-    }
-    uint64_t value;
-    std::memcpy(&value, at_, sizeof value);
-    at_ += sizeof value;
-    return value;
-  }
-  uint64_t varint() {
-    uint64_t value = 0;
-    for (unsigned shift = 0;; shift += 7) {
-      const unsigned next = byte();
-      // The tenth byte has one bit.
-      if (shift == 63 && next > 1) fail();
-      if (!is_valid_) return 0;
-      value |= uint64_t{next & 0x7F} << shift;
-      if (next < 0x80) return value;
-    }
-  }
-  int64_t signed_number() { return unzigzag(varint()); }
+}
 
-  // Calls emit(i, number) for the n numbers.
-  template <class Emit>
-  void sequence(size_t n, bool as_differences, Emit emit) {
-    if (as_differences) {
-      auto sum = static_cast<uint64_t>(signed_number());
-      emit(size_t{0}, static_cast<int64_t>(sum));
-      groups(1, n, [&sum, emit](size_t i, int64_t change) {
-        sum += static_cast<uint64_t>(change);
-        emit(i, static_cast<int64_t>(sum));
-      });
+template <class Emit>
+void read_group(BlockReader &in, unsigned head, size_t n, Emit emit) {
+  const unsigned code = head & WIDTH_MASK;
+  if (code > WHOLE_WIDTH_CODE) return in.fail();
+  const unsigned width = code == WHOLE_WIDTH_CODE ? 64 : code;
+  const int64_t base = in.signed_number();
+  if ((head & (BOTH_SIGNS | HAS_EXCEPTIONS)) == 0) {
+    in.packed(width, n, [emit, base](size_t i, uint64_t offset) { emit(i, plus(base, offset)); });
+    return;
+  }
+  std::array<uint64_t, GROUP> offsets;
+  in.packed(width, n, [&](size_t i, uint64_t offset) { offsets[i] = offset; });
+  if (in.is_valid() && (head & HAS_EXCEPTIONS) != 0) add_exceptions(in, {offsets.data(), n}, width);
+  if (!in.is_valid()) return;
+  const bool both_signs = (head & BOTH_SIGNS) != 0;
+  for (size_t i = 0; i < n; ++i)
+    emit(i, plus(base, both_signs ? static_cast<uint64_t>(unzigzag(offsets[i])) : offsets[i]));
+}
+
+// Out of line, because the numbers take much of the stack.
+template <class Emit>
+__attribute__((noinline)) void read_coded_group(BlockReader &in, size_t n, Emit emit) {
+  std::array<int64_t, MAX_CODED_NUMBERS> numbers;
+  read_coded(in, {numbers.data(), n});
+  if (!in.is_valid()) return;
+  for (size_t i = 0; i < n; ++i) emit(i, numbers[i]);
+}
+
+// Calls emit(i, number) for the numbers from begin to end.
+template <class Emit>
+void read_groups(BlockReader &in, size_t begin, size_t end, Emit &emit) {
+  while (begin < end && in.is_valid()) {
+    const unsigned head = in.byte();
+    const size_t n = n_in_group(head, end - begin);
+    const auto emit_here = [&emit, begin](size_t i, int64_t number) { emit(begin + i, number); };
+    if (head == EQUAL_CODE) {
+      const int64_t number = in.signed_number();
+      for (size_t i = 0; in.is_valid() && i < n; ++i) emit_here(i, number);
+    } else if (head == CODED_CODE) {
+      read_coded_group(in, n, emit_here);
     } else {
-      groups(0, n, emit);
+      read_group(in, head, n, emit_here);
     }
+    begin += n;
   }
+}
 
- private:
-  template <class Emit>
-  void groups(size_t begin, size_t end, Emit emit) {
-    for (; begin < end && is_valid_; begin += std::min(end - begin, GROUP))
-      group(std::min(end - begin, GROUP), [emit, begin](size_t i, int64_t number) { emit(begin + i, number); });
-  }
-
-  template <class Emit>
-  void group(size_t n, Emit emit) {
-    const unsigned head = byte(), code = head & WIDTH_MASK;
-    if (code > WHOLE_WIDTH_CODE) fail();
-    const unsigned width = code == WHOLE_WIDTH_CODE ? 64 : code;
-    const int64_t base = signed_number();
-    const size_t n_bytes = (n * width + 7) / 8;
-    if (!is_valid_ || static_cast<size_t>(end_ - at_) < n_bytes) return fail();
-    if ((head & (BOTH_SIGNS | HAS_EXCEPTIONS)) == 0) {
-      unpack(width, n, [emit, base](size_t i, uint64_t offset) { emit(i, plus(base, offset)); });
-      at_ += n_bytes;
-      return;
-    }
-    std::array<uint64_t, GROUP> offsets;
-    unpack(width, n, [&](size_t i, uint64_t offset) { offsets[i] = offset; });
-    at_ += n_bytes;
-    if ((head & HAS_EXCEPTIONS) != 0) add_exceptions({offsets.data(), n}, width);
-    const bool both_signs = (head & BOTH_SIGNS) != 0;
-    for (size_t i = 0; i < n; ++i)
-      emit(i, plus(base, both_signs ? static_cast<uint64_t>(unzigzag(offsets[i])) : offsets[i]));
-  }
-
-  // Calls use(i, offset) for the n offsets. Their bytes exist.
-  template <class Use>
-  void unpack(unsigned width, size_t n, Use use) const {
-    if (width == 0) {
-      for (size_t i = 0; i < n; ++i) use(i, 0);
-      return;
-    }
-    if (width == 64) {
-      for (size_t i = 0; i < n; ++i) use(i, word_at(at_ + i * 8));
-      return;
-    }
-    const uint64_t mask = mask_of(width);
-    const char *const bytes = at_;
-    const auto n_bytes = static_cast<size_t>(end_ - at_);
-    // The offsets whose 8 bytes are in the block.
-    const size_t n_whole = std::min(n, n_bytes < 8 ? 0 : ((n_bytes - 8) * 8 + 7) / width + 1);
-    size_t i = 0, bit = 0;
-    for (; i < n_whole; ++i, bit += width) use(i, word_at(bytes + bit / 8) >> bit % 8 & mask);
-    for (; i < n; ++i, bit += width) {
-      uint64_t last = 0;
-      std::memcpy(&last, bytes + bit / 8, std::min<size_t>(8, n_bytes - bit / 8));
-      use(i, last >> bit % 8 & mask);
-    }
-  }
-
-  static uint64_t word_at(const char *bytes) {
-    uint64_t word;
-    std::memcpy(&word, bytes, sizeof word);
-    return word;
-  }
-
-  void add_exceptions(std::span<uint64_t> offsets, unsigned width) {
-    for (unsigned n_left = byte() + 1; n_left > 0; --n_left) {
-      const unsigned index = byte();
-      const uint64_t upper = varint();
-      if (!is_valid_ || index >= offsets.size() || width == 64) return fail();
-      offsets[index] |= upper << width;
-    }
-  }
-
-  const char *at_;
-  const char *const end_;
-  bool is_valid_ = true;
-};
+// Calls emit(i, number) for the n numbers of a sequence.
+template <class Emit>
+void read_sequence(BlockReader &in, size_t n, bool as_differences, Emit emit) {
+  if (!as_differences) return read_groups(in, 0, n, emit);
+  auto sum = static_cast<uint64_t>(in.signed_number());
+  emit(size_t{0}, static_cast<int64_t>(sum));
+  auto add = [sum, emit](size_t i, int64_t change) mutable {
+    sum += static_cast<uint64_t>(change);
+    emit(i, static_cast<int64_t>(sum));
+  };
+  read_groups(in, 1, n, add);
+}
 
 void read_times(BlockReader &in, std::span<Point> points) {
   const unsigned unit = in.byte();
   if (unit >= TIME_UNITS.size()) return in.fail();
   const auto factor = static_cast<uint64_t>(TIME_UNITS[unit]);
-  in.sequence(points.size(), true, [at = points.data(), factor](size_t i, int64_t time) {
+  read_sequence(in, points.size(), true, [at = points.data(), factor](size_t i, int64_t time) {
     at[i].ts_ns = static_cast<int64_t>(static_cast<uint64_t>(time) * factor);
   });
 }
@@ -481,7 +382,7 @@ void read_times(BlockReader &in, std::span<Point> points) {
 void read_decimals(BlockReader &in, unsigned places, bool as_differences, std::span<Point> points) {
   if (places >= POWERS.size()) return in.fail();
   const double power = POWERS[places];
-  in.sequence(points.size(), as_differences, [at = points.data(), power](size_t i, int64_t number) {
+  read_sequence(in, points.size(), as_differences, [at = points.data(), power](size_t i, int64_t number) {
     at[i].value = static_cast<double>(number) / power;
   });
   for (uint64_t n_left = in.varint(); n_left > 0 && in.is_valid(); --n_left) {
@@ -494,7 +395,7 @@ void read_decimals(BlockReader &in, unsigned places, bool as_differences, std::s
 void read_bits(BlockReader &in, bool as_differences, std::span<Point> points) {
   const unsigned shift = in.byte();
   if (shift > 62) return in.fail();
-  in.sequence(points.size(), as_differences, [at = points.data(), shift](size_t i, int64_t number) {
+  read_sequence(in, points.size(), as_differences, [at = points.data(), shift](size_t i, int64_t number) {
     const auto code = static_cast<uint64_t>(number);
     at[i].value = std::bit_cast<double>(number < 0 ? ~code << shift | SIGN : code << shift);
   });
@@ -507,8 +408,8 @@ void read_values(BlockReader &in, ValueType type, std::span<Point> points) {
   if (kind == DECIMALS) return read_decimals(in, places, as_differences, points);
   if (kind == BITS) return read_bits(in, as_differences, points);
   if (kind != INTEGERS) return in.fail();
-  in.sequence(points.size(), as_differences,
-              [at = points.data()](size_t i, int64_t number) { at[i].value = std::bit_cast<double>(number); });
+  read_sequence(in, points.size(), as_differences,
+                [at = points.data()](size_t i, int64_t number) { at[i].value = std::bit_cast<double>(number); });
 }
 
 }  // namespace

@@ -25,7 +25,11 @@
 //   exceptions     with bit 7 only: their number - 1 in one byte, and for each its index in the group in one byte and the
 //                  upper bits of its offset as a varint
 //
-// where number = base + offset, or with bit 6 number = base + ((offset >> 1) ^ -(offset & 1)).
+// where number = base + offset, or with bit 6 number = base + ((offset >> 1) ^ -(offset & 1)). A first byte of 59 or 60
+// begins another group, which earlier versions cannot read:
+//
+//   59             all remaining numbers of the sequence are equal: a signed number follows
+//   60             the next 4,096 numbers, or as many as remain, are coded (coded_numbers.h)
 //
 // One content has many blocks. The encoder chooses a small one.
 //
@@ -46,7 +50,8 @@ inline constexpr size_t MAX_BLOCK_POINTS = 32'767;
 constexpr size_t max_block_bytes(size_t n) {
   constexpr size_t GROUP = 128, BYTES_PER_GROUP = 1 + 10;
   constexpr size_t BYTES_PER_NUMBER = 8;
-  return 2 * (n * BYTES_PER_NUMBER + (n / GROUP + 1) * BYTES_PER_GROUP + 10) + n * (3 + 8) / 8 + 16;
+  // Coded numbers are chosen by their approximate length, which can be a bit for each too small.
+  return 2 * (n * BYTES_PER_NUMBER + n / 8 + (n / GROUP + 1) * BYTES_PER_GROUP + 10) + n * (3 + 8) / 8 + 32;
 }
 
 // Encodes the n points at `points`, 16 bytes each, at any alignment. Writes to `out`, which has room for

@@ -14,16 +14,32 @@ uint32_t ChunkPool::n_free_slots() const {
   return lists_of(array())->n_free;
 }
 
+// Calls visit(index, slot) for the memory slots that are not free.
+template <class Visit>
+void ChunkPool::for_each_slot(Visit visit) const {
+  for (uint32_t index = 0; index < tslb_da_get_size(array()); ++index) {
+    const auto *const slot = static_cast<const MemSlot_t *>(tslb_da_get_ptr(array(), index));
+    if (slot != nullptr && status_of(slot) == TSLB_DA_SLOT_ACTIVE) visit(index, *slot);
+  }
+}
+
 PoolBytes ChunkPool::bytes() const {
   PoolBytes bytes;
   bytes.max = uint64_t{max_slots_} * header_of(array())->mslot_sz;
-  for (uint32_t index = 0; index < tslb_da_get_size(array()); ++index) {
-    const auto *const slot = static_cast<const MemSlot_t *>(tslb_da_get_ptr(array(), index));
-    if (slot == nullptr || status_of(slot) != TSLB_DA_SLOT_ACTIVE) continue;
-    bytes.used += slot->bytes_used;
-    bytes.deleted += slot->bytes_del;
-  }
+  for_each_slot([&bytes](uint32_t, const MemSlot_t &slot) {
+    bytes.used += slot.bytes_used;
+    bytes.deleted += slot.bytes_del;
+  });
   return bytes;
+}
+
+std::vector<bool> ChunkPool::slots_with_deleted(uint32_t min_percent) const {
+  std::vector<bool> found(tslb_da_get_size(array()));
+  const uint32_t current = tslb_stored_cursor_slot(header_of(array())->cur_slot_addr);
+  for_each_slot([&](uint32_t index, const MemSlot_t &slot) {
+    found[index] = index != current && uint64_t{slot.bytes_del} * 100 >= uint64_t{slot.bytes_used} * min_percent;
+  });
+  return found;
 }
 
 // The library stops the process if a pool needs a slot beyond its addresses, so such a chunk is refused before. A chunk
@@ -53,6 +69,7 @@ char *ChunkPool::take(size_t bytes, const srcaddr_t &referrer, maddr_t &address)
 
 uint32_t ChunkPool::remove(const maddr_t &address) {
   const uint32_t free_before = n_free_slots();
+  n_deleted_ += compat_of(data(address))->mchunk_len + TSLB_COMPAT_BYTES;
   if (batch_ != nullptr)
     tslb_batch_delete_chunk(batch_, number_, address);
   else

@@ -15,6 +15,7 @@
 #include <memory>
 #include <stdexcept>
 #include <utility>
+#include <vector>
 
 namespace metricdb {
 
@@ -69,6 +70,12 @@ class ChunkPool {
   // Reserves a chunk. Returns its data and sets `address`. Throws StoreFull.
   char *take(size_t bytes, const srcaddr_t &referrer, maddr_t &address);
 
+  // Bytes of chunks that were deleted, since this object was made.
+  uint64_t n_deleted() const { return n_deleted_; }
+
+  // Returns which memory slots have that many percent of deleted bytes or more, without the current one.
+  std::vector<bool> slots_with_deleted(uint32_t min_percent) const;
+
   // Marks a chunk deleted. Returns the number of memory slots that went to the free list.
   uint32_t remove(const maddr_t &address);
 
@@ -87,12 +94,16 @@ class ChunkPool {
   void log_data(const maddr_t &address, size_t bytes);
 
  private:
+  template <class Visit>
+  void for_each_slot(Visit visit) const;
+
   Array array_;
   const char *name_;
   uint32_t max_slots_;
   uint32_t number_;
   tslb_batch_t *batch_ = nullptr;
   uint64_t batch_bytes_ = 0;
+  uint64_t n_deleted_ = 0;
 };
 
 }  // namespace metricdb

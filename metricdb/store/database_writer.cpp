@@ -25,7 +25,9 @@ constexpr size_t CHANGE_TEXT_BYTES = 256 << 10;
 constexpr uint64_t MAX_BATCH_BYTES = 128 << 20;  // of journal, before compression
 constexpr size_t PIECE_BYTES = 256 << 10;
 
-constexpr uint64_t MIN_REPLACED_JOURNAL_BYTES = 4 << 20;
+// A journal at the end that is longer than that, and than a part of the arrays, is replaced by a generation.
+constexpr uint64_t MIN_REPLACED_JOURNAL_BYTES = 64 << 10;
+constexpr uint64_t REPLACED_PART_OF_ARRAYS = 8;
 
 // The time of points without a timestamp.
 int64_t now_ns() {
@@ -313,6 +315,7 @@ IngestResult DatabaseWriter::take(std::string_view text, Precision precision) {
 
 uint64_t DatabaseWriter::commit() {
   if (batch_ == nullptr) return last_ticket_;
+  store_->compact();
   store_->end_batch();
   const std::string figures = figures_text(store_->config(), store_->state());
   tslb_batch_set_payload(batch_, figures.data(), figures.size(), nullptr);
@@ -451,6 +454,18 @@ GenerationInfo DatabaseWriter::snapshot() {
   return generation_info(folder_, durable_->info().generation);
 }
 
+// Makes the arrays as small as they can be, in batches.
+void DatabaseWriter::pack() {
+  bool is_packed = false;
+  for (uint32_t series = 0; !is_packed;) {
+    begin_batch();
+    series = store_->pack(series);
+    is_packed = series == store_->n_slots() && store_->compact(true);
+    has_points_ = true;
+    if (const std::string why = wait(commit()); !why.empty()) throw DatabaseError(why);
+  }
+}
+
 void DatabaseWriter::close() {
   if (view_ && (follows() || !why_ended().empty())) {
     fail_changes("the database is closed");
@@ -461,11 +476,11 @@ void DatabaseWriter::close() {
     return durable_->close();
   }
   const std::string why = wait(commit());
-  // The next opening reads the arrays and the journal. If the journal is larger, it is replaced.
   const uint64_t journal_bytes = durable_->info().journal_bytes;
   if (why.empty() && options_.snapshot_bytes != 0 && journal_bytes > MIN_REPLACED_JOURNAL_BYTES &&
-      journal_bytes > store_->bytes_in_use()) {
+      journal_bytes > store_->bytes_in_use() / REPLACED_PART_OF_ARRAYS) {
     try {
+      pack();
       snapshot();
     } catch (const DatabaseError &error) {
       report_refusal(fmt::format("the new generation cannot be written: {}", error.what()));

@@ -123,6 +123,7 @@ class DatabaseWriter final : public Ingest {
   void beat();
   void apply_forgetting_options();
   void restore(const std::string &why);
+  void pack();
   void fail_changes(const std::string &why);
   std::shared_ptr<StoreChange> next_change(bool &has_more);
   void set_clock(int64_t now_ns);

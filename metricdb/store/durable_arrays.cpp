@@ -72,6 +72,7 @@ DurableArrays::DurableArrays(const std::string &folder, const ArrayParameters &p
   catalogue.rec_version = parameters.layout;
   catalogue.convert = convert_record;
   catalogue.converts_newer = 1;
+  for (tslb_array_decl_t &decl : decls) decl.compresses = 1;
   if (replica != nullptr) {
     replica_ = std::make_unique<Replica>(folder, decls, N_ARRAYS, options, *replica);
     return;

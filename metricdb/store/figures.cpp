@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <charconv>
 #include <iterator>
 #include <limits>
@@ -9,10 +10,10 @@
 namespace metricdb {
 namespace {
 
-constexpr std::string_view MAGIC = "metricdb 4\n";  // the version of the database
-// Its points are in runs (point_codec.h) only, and its programs cannot read blocks. The following lines are the same.
-constexpr std::string_view OLDER_MAGIC = "metricdb 3\n";
-static_assert(OLDER_MAGIC.size() == MAGIC.size());
+constexpr std::string_view MAGIC = "metricdb 5\n";  // the version of the database
+// The following lines are the same. Programs of version 4 cannot read coded numbers (coded_numbers.h), and need an open chunk
+// beside sealed ones; those of version 3 can read runs (point_codec.h) only.
+constexpr std::string_view OLDER_MAGICS[] = {"metricdb 4\n", "metricdb 3\n"};
 constexpr int MAX_SLOT_BYTES = 1 << 24;  // the limit of addresses
 
 // Calls `field` for each line, in order, with the limits for the reader.
@@ -65,7 +66,8 @@ std::string figures_text(const StoreConfig &config, const StoreState &state) {
 }
 
 void read_figures(std::string_view text, StoreConfig &config, StoreState &state) {
-  if (!text.starts_with(MAGIC) && !text.starts_with(OLDER_MAGIC))
+  const auto is_start = [text](std::string_view magic) { return text.starts_with(magic); };
+  if (!is_start(MAGIC) && std::none_of(std::begin(OLDER_MAGICS), std::end(OLDER_MAGICS), is_start))
     throw FiguresError(fmt::format("unknown format \"{}\"", text.substr(0, text.find('\n'))));
   std::string_view rest = text.substr(MAGIC.size());
   for_each_figure(config, state, [&rest](const char *name, auto &value, auto min, auto max) {

@@ -15,8 +15,10 @@ const SealedChunk *RepeatedPoints::chunk_at(const maddr_t &address) const {
   return static_cast<const SealedChunk *>(tslb_dynmem_get_maddr2ptr(store_.points(), address));
 }
 
-// Addresses are valid until a chunk is deleted.
+// Addresses are valid until a chunk is deleted; those of joined and moved ones are found by series.
 void RepeatedPoints::forget_with_store() {
+  if (n_moved_ != store_.n_moves()) decoded_ = nullptr;
+  n_moved_ = store_.n_moves();
   if (n_forgotten_ == store_.forgotten().chunks) return;
   n_forgotten_ = store_.forgotten().chunks;
   chains_.clear();
@@ -28,14 +30,11 @@ void RepeatedPoints::list_next(Chain &chain, const SeriesRecord &record) {
   std::vector<Chunk> &chunks = chain.chunks;
   const maddr_t address = chunks.empty() ? record.first_sealed() : chunk_at(chunks.back().address)->next;
   const int64_t newest_before_ns = chunks.empty() ? INT64_MIN : chunks.back().newest_up_to_ns;
-  if (chunks.size() == 2 * MAX_CHUNKS) {
-    chunks.erase(chunks.begin(), chunks.begin() + MAX_CHUNKS);
-    n_listed_ -= MAX_CHUNKS;
-  }
+  if (chunks.size() == 2 * MAX_CHUNKS) chunks.erase(chunks.begin(), chunks.begin() + MAX_CHUNKS);
   const SealedChunk *const chunk = chunk_at(address);
   const int64_t newest_ns = chunk->newest_ns;
   chunks.push_back({chunk->oldest_ns, newest_ns, std::max(newest_before_ns, newest_ns), address});
-  ++n_listed_;
+  n_listed_ += 1 + chunk->count() / SEALED_POINTS;
   ++chain.n_walked;
 }
 
@@ -45,6 +44,10 @@ RepeatedPoints::Chain &RepeatedPoints::chain_of(uint32_t series, const SeriesRec
     n_listed_ = 0;
   }
   Chain &chain = chains_[series];
+  if (const uint32_t n_moves = store_.n_moves(series); chain.n_moves != n_moves) {
+    chain = {};
+    chain.n_moves = n_moves;
+  }
   while (chain.n_walked < record.n_sealed()) list_next(chain, record);
   return chain;
 }
@@ -53,10 +56,11 @@ RepeatedPoints::Chain &RepeatedPoints::chain_of(uint32_t series, const SeriesRec
 bool RepeatedPoints::can_have(Chunk &chunk, ValueType type, int64_t ts_ns) {
   if (ts_ns < chunk.oldest_ns || ts_ns > chunk.newest_ns) return false;
   if (!chunk.times) {
-    chunk.times = std::make_unique<Filter>();
-    for (const Point &point : points_of(chunk.address, type)) chunk.times->set(hash_of(point.ts_ns));
+    const std::vector<Point> &points = points_of(chunk.address, type);
+    chunk.times.emplace(std::bit_ceil(points.size()) * BITS_PER_TIME);
+    for (const Point &point : points) (*chunk.times)[hash_of(point.ts_ns) % chunk.times->size()] = true;
   }
-  return chunk.times->test(hash_of(ts_ns));
+  return (*chunk.times)[hash_of(ts_ns) % chunk.times->size()];
 }
 
 const std::vector<Point> &RepeatedPoints::points_of(const maddr_t &address, ValueType type) {
@@ -99,7 +103,7 @@ bool Store::replace_open(uint32_t series, const Point &point) {
     if (std::bit_cast<uint64_t>(stored.value) == std::bit_cast<uint64_t>(point.value)) return true;
     const LiveChange change(live_.get(), LiveChange::HEAD, series);
     std::memcpy(at + offsetof(Point, value), &point.value, sizeof point.value);
-    tail.n_logged = std::min(tail.n_logged, index - 1);
+    tail.n_logged = static_cast<uint16_t>(std::min<uint32_t>(tail.n_logged, index - 1));
     mark_changed(series, tail);
     return true;
   }

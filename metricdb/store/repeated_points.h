@@ -10,10 +10,9 @@
 // Threads: one.
 #pragma once
 
-#include <bitset>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
+#include <optional>
 #include <unordered_map>
 #include <vector>
 
@@ -34,21 +33,23 @@ class RepeatedPoints {
   }
 
  private:
-  // Of all series. Then all lists are made anew.
+  // Of all series, in units of SEALED_POINTS points. Then all lists are made anew.
   static constexpr size_t MAX_LISTED = 256 << 10;
 
   // Hashes of the times in a chunk.
-  using Filter = std::bitset<1024>;
+  using Filter = std::vector<bool>;
+  static constexpr size_t BITS_PER_TIME = 8;
   struct Chunk {
     int64_t oldest_ns, newest_ns;
     int64_t newest_up_to_ns;  // of this chunk and all earlier ones
     maddr_t address;
-    std::unique_ptr<Filter> times = {};  // once the chunk was decoded
+    std::optional<Filter> times = {};  // once the chunk was decoded
   };
   // The last sealed chunks of a series.
   struct Chain {
     std::vector<Chunk> chunks;
     uint32_t n_walked = 0;  // sealed chunks of the series when it was walked
+    uint32_t n_moves = 0;   // Store::n_moves at that time
   };
 
   bool is_sealed(uint32_t series, const Point &point);
@@ -56,12 +57,13 @@ class RepeatedPoints {
   void forget_with_store();
   void list_next(Chain &chain, const SeriesRecord &record);
   Chain &chain_of(uint32_t series, const SeriesRecord &record);
-  size_t hash_of(int64_t ts_ns) const { return static_cast<size_t>((static_cast<uint64_t>(ts_ns) * seed_) >> 54); }
+  size_t hash_of(int64_t ts_ns) const { return static_cast<size_t>((static_cast<uint64_t>(ts_ns) * seed_) >> 40); }
   bool can_have(Chunk &chunk, ValueType type, int64_t ts_ns);
   const std::vector<Point> &points_of(const maddr_t &address, ValueType type);
 
   Store &store_;
   uint64_t n_forgotten_ = 0;  // chunks, when the following were valid
+  uint64_t n_moved_ = 0;      // likewise
   const uint64_t seed_;       // random, so that no client can choose times with equal hashes
   std::unordered_map<uint32_t, Chain> chains_;
   size_t n_listed_ = 0;

@@ -5,7 +5,9 @@
 //   points      bit-vector pool. The newest points of a series are in its open chunk, unencoded. An open chunk grows
 //               from 8 over 32 to 128 points, so that a short series needs little memory. When it has 128 points it is
 //               sealed: its points are encoded (sealed_chunk.h) into a chunk of the necessary length, which is appended
-//               to the series' chain of sealed chunks, and the open chunk is empty again. The order of arrival is kept.
+//               to the series' chain of sealed chunks, and the open chunk is empty again. When the chunks at the end of
+//               the chain have about 2,048 points they are joined into one, which needs fewer bytes a point
+//               (store_join.cpp). The order of arrival is kept.
 //               An erasure (erasure.h) replaces sealed chunks by ones with fewer points.
 //
 // No stored structure contains a pointer: chunks are named by addresses, which are valid wherever the memory is mapped.
@@ -42,7 +44,8 @@
 
 namespace metricdb {
 
-inline constexpr size_t SEALED_POINTS = 128;  // in an open chunk when it is sealed
+inline constexpr size_t SEALED_POINTS = 128;        // in an open chunk when it is sealed
+inline constexpr size_t MAX_JOINED_POINTS = 2'048;  // in a chunk that is made of others
 
 // The arrays or figures of a store contradict themselves.
 class StoreDamaged : public std::runtime_error {
@@ -157,6 +160,19 @@ class Store {
   // max_work  ends the call: the unit is about 10 ns.
   bool erase_some(Erasure &erasure, uint32_t max_work);
 
+  // Seals what the series from `series` on have in open chunks, joins it with the sealed chunks before it, and releases the
+  // open chunks: for arrays that are written and not changed for some time. Returns the series from which on it has not
+  // done this, because the batch is large enough; n_slots() at the end. Of a series without room for that it does nothing.
+  uint32_t pack(uint32_t series);
+
+  // Moves chunks out of memory slots with many deleted bytes, so that the slots become free. Does a part of the work if a part
+  // is worth it. `is_final`: all of it, also for fewer deleted bytes, unless the batch is large enough; false then.
+  bool compact(bool is_final = false);
+
+  // Changes when sealed chunks of the series were joined or moved: their addresses are invalid then.
+  uint32_t n_moves(uint32_t series) const { return tails_[series].n_moves; }
+  uint64_t n_moves() const { return n_moves_; }  // of all series
+
   // Changes between these calls belong to the batch. The arrays must be those of the batch's durable store.
   void begin_batch(tslb_batch_t *batch);
   void end_batch();
@@ -210,11 +226,16 @@ class Store {
   struct Tail {
     SeriesRecord record;
     char *open = nullptr;  // the points of its open chunk
-    uint32_t n_open = 0;
-    uint32_t capacity = 0;
-    uint32_t n_logged = 0;  // points of the open chunk in earlier batches
+    uint16_t n_open = 0;
+    uint16_t capacity = 0;
+    uint16_t n_logged = 0;  // points of the open chunk in earlier batches
     ValueType type = ValueType::real;
     bool is_changed = false;  // listed in changed_series_
+    // The sealed chunks at the end of the chain that will be joined, their points, and the chunk before them if there is one.
+    uint32_t n_short = 0;
+    uint32_t n_short_points = 0;
+    maddr_t before_short = {};
+    uint32_t n_moves = 0;
   };
 
   // A place in the chain of a series: after `previous`, which is valid if n_passed is not 0. Only an erasure has one.
@@ -252,6 +273,19 @@ class Store {
                       const maddr_t &next);
   void set_next(const maddr_t &chunk, const maddr_t &next);
   void set_referrer(const maddr_t &chunk, const srcaddr_t &referrer);
+
+  // Joining and moving.
+  void find_short(Tail &tail) const;
+  bool is_being_erased(uint32_t series) const { return place_.series == series && place_.n_passed != 0; }
+  bool join_short(uint32_t series, Tail &tail, bool with_open = false);
+  void replace_short(uint32_t series, Tail &tail, maddr_t first, const maddr_t &joined, uint32_t n_chunks);
+  void pack_series(uint32_t series, Tail &tail);
+  void choose_slots(bool is_final);
+  bool is_chosen(const maddr_t &address) const;
+  uint32_t move_chunks(uint32_t series, Tail &tail);
+  maddr_t copy_chunk(const maddr_t &address, const srcaddr_t &referrer, size_t n_used_bytes);
+  void move_open(uint32_t series, Tail &tail);
+  maddr_t move_sealed(uint32_t series, Tail &tail, const maddr_t *previous, const maddr_t &address);
 
   // Forgetting.
   bool are_all_hidden(const char *points, uint32_t count) const;
@@ -293,6 +327,13 @@ class Store {
   std::vector<uint32_t> changed_series_;  // in this batch
   std::vector<char> sealed_;              // a chunk that is being made
   std::vector<Point> erased_chunk_;       // what an erasure leaves of a chunk
+  std::vector<Point> joined_;
+  uint64_t n_moves_ = 0;
+  // While chunks are moved: the slots that are to become free, and the next series.
+  std::vector<bool> chosen_slots_;
+  uint32_t next_moved_ = 0;
+  bool is_final_choice_ = false;
+  uint64_t n_deleted_at_choice_ = 0;  // ChunkPool::n_deleted when slots were chosen
 };
 
 // Timestamps, both limits included.

@@ -204,7 +204,7 @@ class SeriesAudit {
     const uint8_t flags = record_.flags() & static_cast<uint8_t>(~SERIES_HAS_INTEGERS);
     if (flags != SERIES_READY && flags != (SERIES_READY | SERIES_HAS_OPEN))
       fail(fmt::format("flags 0x{:02x}", record_.flags()));
-    if (flags == SERIES_READY && record_.n_open() + record_.n_sealed() != 0) fail("it has points but no open chunk");
+    if (flags == SERIES_READY && record_.n_open() != 0) fail("it has points but no open chunk");
     if (flags == SERIES_READY) return;
     const auto fail_chunk = [this](const std::string &what) { fail("its open chunk " + what); };
     uint32_t bytes;

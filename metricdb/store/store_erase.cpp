@@ -36,6 +36,14 @@ void Store::replace_sealed(const SeriesRecord &record, const maddr_t &address, c
   if (is_last) record.set_last_sealed(count == 0 ? place_.previous : fresh);
   if (!is_last) set_referrer(head.next, count == 0 ? referrer : referrer_in_chunk(fresh));
   if (count == 0) record.set_n_sealed(record.n_sealed() - 1);
+  Tail &tail = tails_[series];
+  const uint32_t n_before_short = record.n_sealed() + (count == 0 ? 1 : 0) - tail.n_short;
+  if (place_.n_passed >= n_before_short) {
+    tail.n_short -= count == 0 ? 1 : 0;
+    tail.n_short_points -= head.count() - count;
+  } else if (place_.n_passed + 1 == n_before_short) {
+    tail.before_short = count == 0 ? place_.previous : fresh;
+  }
   remove_points_chunk(record, address, head.count() - count);
   if (count == 0) return;
   place_.previous = fresh;
@@ -85,8 +93,8 @@ void Store::erase_in_open(uint32_t series, Tail &tail, const TimeRange &range) {
   n_points_ -= n_erased;
   tail.record.set_n_points(tail.record.n_points() - n_erased);
   tail.record.set_n_open(n_kept);
-  tail.n_open = n_kept;
-  tail.n_logged = std::min(tail.n_logged, first);
+  tail.n_open = static_cast<uint16_t>(n_kept);
+  tail.n_logged = static_cast<uint16_t>(std::min<uint32_t>(tail.n_logged, first));
   mark_changed(series, tail);
 }
 
@@ -119,6 +127,7 @@ bool Store::erase_some(Erasure &erasure, uint32_t max_work) {
     }
     if (erasure.has_begun) work += end_series(tails_[which.series], erasure.range);
     work += LOOK_WORK;
+    place_ = {};
     erasure.has_begun = false;
     ++erasure.n_done;
   }

@@ -39,6 +39,11 @@ void Store::drop_first_sealed(uint32_t series, const SeriesRecord &record) {
   const LiveChange change(live_.get(), LiveChange::CHAIN, series);
   // Copied, because the deletion can put the chunk's slot on the free list.
   const SealedChunk head = *sealed_at(record.first_sealed());
+  Tail &tail = tails_[series];
+  if (tail.n_short == record.n_sealed()) {
+    --tail.n_short;
+    tail.n_short_points -= head.count();
+  }
   remove_points_chunk(record, record.first_sealed(), head.count());
   record.set_n_sealed(record.n_sealed() - 1);
   if (place_.series == series && place_.n_passed != 0) --place_.n_passed;

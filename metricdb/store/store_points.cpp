@@ -13,10 +13,11 @@ SealedChunk *Store::sealed_at(const maddr_t &address) const {
 // The tail of an existing series. All its points are in the redo log, or older than it.
 Store::Tail Store::tail_of(const SeriesRecord &record) const {
   Tail tail = {.record = record, .type = record.type()};
+  find_short(tail);
   if ((record.flags() & SERIES_HAS_OPEN) == 0) return tail;
   tail.open = points_.data(record.open());
-  tail.capacity = compat_of(tail.open)->mchunk_len / sizeof(Point);
-  tail.n_open = tail.n_logged = record.n_open();
+  tail.capacity = static_cast<uint16_t>(compat_of(tail.open)->mchunk_len / sizeof(Point));
+  tail.n_open = tail.n_logged = static_cast<uint16_t>(record.n_open());
   return tail;
 }
 
@@ -56,10 +57,9 @@ void Store::make_room(uint32_t series) {
 void Store::grow_or_seal(uint32_t series, Tail &tail) {
   mark_changed(series, tail);
   const LiveChange change(live_.get(), LiveChange::HEAD, series);
-  if (tail.capacity == SEALED_POINTS)
-    seal_open(series, tail);
-  else
-    grow_open(series, tail);
+  if (tail.capacity != SEALED_POINTS) return grow_open(series, tail);
+  seal_open(series, tail);
+  while (tail.n_short_points + SEALED_POINTS > MAX_JOINED_POINTS && join_short(series, tail)) continue;
 }
 
 void Store::grow_open(uint32_t series, Tail &tail) {
@@ -75,7 +75,7 @@ void Store::grow_open(uint32_t series, Tail &tail) {
   tail.record.set_flags(tail.record.flags() | SERIES_HAS_OPEN);
   points_.log_data(address, tail.n_open * sizeof(Point));
   tail.open = grown;
-  tail.capacity = capacity;
+  tail.capacity = static_cast<uint16_t>(capacity);
   tail.n_logged = tail.n_open;
 }
 
@@ -119,6 +119,8 @@ void Store::seal_open(uint32_t series, Tail &tail) {
   record.set_last_sealed(address);
   record.set_n_sealed(n_sealed + 1);
   record.set_n_open(0);
+  ++tail.n_short;
+  tail.n_short_points += tail.n_open;
   tail.n_open = tail.n_logged = 0;
 }
 

@@ -109,15 +109,24 @@ class Folder : public testing::Test {
   fs::path root_;
 };
 
-// All blocks of the arrays, with headers, nodes and lists.
+// All blocks of the catalogue, with headers, nodes and lists. Of the pools the same, without the bytes of memory slots that no
+// chunk has: a generation does not keep them.
 inline std::string image_of(const Store &store) {
   std::string image;
-  for (DynArrHandle_t *array : {store.catalogue(), store.keys(), store.points()}) {
-    const auto add = [](DynamicArray_t, void *block, int, size_t bytes, int, int, int, int, void *to) {
-      static_cast<std::string *>(to)->append(static_cast<const char *>(block), bytes);
-      return 0;
-    };
-    tslb_iterate_dyn_array_blocks(array, add, &image);
+  const auto add = [](DynamicArray_t, void *block, int, size_t bytes, int, int, int, int, void *to) {
+    static_cast<std::string *>(to)->append(static_cast<const char *>(block), bytes);
+    return 0;
+  };
+  tslb_iterate_dyn_array_blocks(store.catalogue(), add, &image);
+  for (dynmem_t *const pool : {store.keys(), store.points()}) {
+    image.append(static_cast<const char *>(tslb_da_get_usrhdr(pool)), sizeof(DynMemHdr_t));
+    image.append(static_cast<const char *>(tslb_da_get_lli(pool)), sizeof(DynArrLLI_t));
+    for (uint32_t index = 0; index < tslb_da_get_size(pool); ++index) {
+      const auto *const slot = static_cast<const MemSlot_t *>(tslb_da_get_ptr(pool, index));
+      const node_fw *const node = reinterpret_cast<const node_fw *>(slot) - 1;
+      image.append(reinterpret_cast<const char *>(node), sizeof *node + sizeof *slot);
+      if (node->status == TSLB_DA_SLOT_ACTIVE) image.append(slot->mslot, slot->bytes_used);
+    }
   }
   return image;
 }

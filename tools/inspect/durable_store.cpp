@@ -103,6 +103,9 @@ void expect_no_store(const std::string &path) {
   if (!fs::is_regular_file(path, ignored)) return;
   if (first_bytes(path, tslb_durable::JOURNAL_MAGIC.size()) == tslb_durable::JOURNAL_MAGIC)
     throw unreadable_t(path + ": is a journal" + hint);
+  constexpr std::string_view ZSTD_MAGIC = "\x28\xB5\x2F\xFD";
+  if (first_bytes(path, ZSTD_MAGIC.size()) == ZSTD_MAGIC)
+    throw unreadable_t(path + ": is compressed; zstd -d makes a stream of it" + hint);
   if (first_bytes(path, 5) == "tslb-") throw unreadable_t(path + ": is a text file of a durable store" + hint);
 }
 

@@ -1,0 +1,69 @@
+#include "stream_source.h"
+
+#include <sys/socket.h>
+#include <zstd.h>
+
+#include <cerrno>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "store_error.h"
+
+namespace tslb_durable {
+namespace {
+
+// Not a pipe: a write to one that nobody reads would end the process.
+bool send_all(int fd, const char *bytes, size_t n_bytes) {
+  while (n_bytes != 0) {
+    const ssize_t n_sent = send(fd, bytes, n_bytes, MSG_NOSIGNAL);
+    if (n_sent < 0 && errno == EINTR) continue;
+    if (n_sent < 0) return false;
+    bytes += n_sent;
+    n_bytes -= static_cast<size_t>(n_sent);
+  }
+  return true;
+}
+
+// Ends at the first byte that cannot be decompressed or that nobody wants: the reader finds the end of the stream there.
+void decompress(const File &file, const File &to) {
+  const std::unique_ptr<ZSTD_DCtx, size_t (*)(ZSTD_DCtx *)> context(ZSTD_createDCtx(), ZSTD_freeDCtx);
+  if (!context) return;
+  std::vector<char> compressed(ZSTD_DStreamInSize()), bytes(ZSTD_DStreamOutSize());
+  uint64_t at = 0;
+  while (const size_t n_read = file.read_at(at, compressed.data(), compressed.size())) {
+    at += n_read;
+    ZSTD_inBuffer in = {compressed.data(), n_read, 0};
+    for (bool is_full = true; in.pos < in.size || is_full;) {
+      ZSTD_outBuffer out = {bytes.data(), bytes.size(), 0};
+      if (ZSTD_isError(ZSTD_decompressStream(context.get(), &out, &in))) return;
+      if (!send_all(to.fd(), bytes.data(), out.pos)) return;
+      is_full = out.pos == out.size;
+    }
+  }
+}
+
+}  // namespace
+
+StreamSource::StreamSource(const File &file, bool is_compressed) : file_(file) {
+  if (!is_compressed) return;
+  int ends[2];
+  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) fail_file(file.path(), "cannot be decompressed");
+  reader_.emplace(File::adopt(ends[0], file.path()));
+  File writer = File::adopt(ends[1], file.path());
+  decompression_ = std::async(std::launch::async, [&file, to = std::move(writer)] {
+    try {
+      decompress(file, to);
+    } catch (const std::exception &) {
+      // The stream ends early, which its loader reports.
+    }
+    shutdown(to.fd(), SHUT_RDWR);
+  });
+}
+
+StreamSource::~StreamSource() {
+  reader_.reset();  // ends a decompression that was not read to its end
+  if (decompression_.valid()) decompression_.wait();
+}
+
+}  // namespace tslb_durable
