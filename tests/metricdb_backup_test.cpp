@@ -62,7 +62,7 @@ class Backup : public Folder {
  protected:
   void load_points() {
     std::string text;
-    for (int i = 0; i < 3000; ++i) text += fmt::format("m,n={} f={} {}\n", i % 7, i, i);
+    for (int i = 0; i < 3000; ++i) text += fmt::format("m,n={} f={} {}\n", i % 7, i * 7919 % 100'003, i);
     write_file(path("input.lp"), text);
     ASSERT_EQ(run("load input.lp --db db").exit_code, 0);
   }
@@ -112,13 +112,13 @@ TEST_F(Backup, RefusalsNameTheReasonAndLeaveNothing) {
       {"backup --db db db/inside", "is in the folder of the store"},
       {"backup --db db no/folder", "no/folder.partial: cannot be created: No such file or directory"},
       {"backup --db db killed", "killed.partial: is left by a backup"},
-      {"backup --db db to", "File too large", "ulimit -f 20;"},
+      {"backup --db db to", "File too large", "ulimit -f 4;"},
       {"backup to", "use either --db or --server"},
       {"restore good --db db", "db: exists already"},
       {"restore missing --db to", "missing: holds no database"},
       {"restore damaged --db to", "damaged/generation.1/points.stream"},
       {"restore cut --db to", "cut/journal.1"},
-      {"restore good --db to", "points.stream: cannot be written: File too large", "ulimit -f 20;"},
+      {"restore good --db to", "points.stream: cannot be written: File too large", "ulimit -f 4;"},
   };
   for (const auto &row : rows) {
     const Outcome outcome = run(row.arguments, row.environment);

@@ -59,7 +59,7 @@ class Nats : public Folder {
   void start(const std::string &config = "") { nats_.emplace(path("nats"), config); }
 
   ServerOptions options() const {
-    ServerOptions options = {.influx_port = 0};
+    ServerOptions options = {.influx_port = 0, .graphite_port = {}};
     options.nats.subject = "points.>";
     options.nats.servers = nats_->url();
     options.nats.return_delay = options.nats.retry = milliseconds(50);

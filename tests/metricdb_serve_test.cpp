@@ -89,14 +89,14 @@ TEST_F(Serve, HangUpOpensTheLogAgain) {
 // Every option of the example is one that the command has, with a value that it takes.
 TEST_F(Serve, ExampleOfAConfigurationIsAccepted) {
   std::istringstream lines(read_file(METRICDB_PACKAGING "/metricdb.toml"));
-  std::string example;
+  std::string example, of_clusters;  // the second part names servers that are not here
   for (std::string line; std::getline(lines, line);) {
     if (line.find("/run/credentials/") != std::string::npos) continue;  // files that are not here
-    if (line.starts_with("# nats = ")) continue;                            // its server neither
     if (line.starts_with("# ") && line.find(" = ") != std::string::npos) line.erase(0, 2);
     for (const std::string folder : {"/var/lib/metricdb/", "/var/log/metricdb/"})
       if (const size_t at = line.find(folder); at != std::string::npos) line.erase(at, folder.size());
-    example += line + "\n";
+    const bool is_of_cluster = line.starts_with("nats") || line.starts_with("replica") || line.starts_with("lead ");
+    (is_of_cluster ? of_clusters : example) += line + "\n";
   }
   write_file(path("metricdb.toml"), example);
   EXPECT_EQ(count_of(example, "\n# log-level"), 0u) << "the examples are not tested";
@@ -104,6 +104,9 @@ TEST_F(Serve, ExampleOfAConfigurationIsAccepted) {
   ASSERT_NE(serve.port(), 0) << serve.output();
   EXPECT_EQ(serve.end(SIGTERM), 0);
   EXPECT_TRUE(fs::exists(path("db")));
+  write_file(path("cluster.toml"), example + of_clusters);
+  EXPECT_THAT(run("serve --config cluster.toml --salvage").err,
+              HasSubstr("--replica and --salvage exclude each other"));
 }
 
 TEST_F(Serve, CommandLineReplacesTheConfiguration) {

@@ -51,6 +51,7 @@ class FixedDatabases : public InfluxqlDatabases {
   const std::vector<std::string> names_;
 };
 
+// Of one statement: the databases before it can have been changed.
 class Execution {
  public:
   Execution(InfluxqlDatabases &databases, const InfluxqlRequest &request)
@@ -139,11 +140,11 @@ void render(const InfluxqlRequest &request, size_t n_statements, Execute execute
 }
 
 // Fills an answer with what this server contributes.
-void answer_partially(const Execution &execution, const std::vector<influxql::Statement> &statements,
-                      InfluxqlAnswer &answer) {
+void answer_partially(InfluxqlDatabases &databases, const InfluxqlRequest &request,
+                      const std::vector<influxql::Statement> &statements, InfluxqlAnswer &answer) {
   std::vector<influxql::StatementParts> all;
   execute_each(
-      statements.size(), [&](size_t i) { return execution.parts(statements[i]); },
+      statements.size(), [&](size_t i) { return Execution(databases, request).parts(statements[i]); },
       [&](size_t, std::vector<influxql::SeriesPart> series, std::string error) {
         all.push_back({std::move(series), std::move(error)});
       });
@@ -179,13 +180,12 @@ InfluxqlAnswer answer_influxql(InfluxqlDatabases &databases, const InfluxqlReque
   InfluxqlAnswer answer;
   const auto statements = admitted_statements(request, answer);
   if (!statements) return answer;
-  const Execution execution(databases, request);
+  const auto execute = [&](size_t i) { return Execution(databases, request).execute((*statements)[i]); };
   try {
     if (request.is_partial)
-      answer_partially(execution, *statements, answer);
+      answer_partially(databases, request, *statements, answer);
     else
-      render(
-          request, statements->size(), [&](size_t i) { return execution.execute((*statements)[i]); }, answer);
+      render(request, statements->size(), execute, answer);
   } catch (const DefaultNotFound &error) {
     answer.is_not_found = true;
     answer.body = influxql::error_text(request, error.what());

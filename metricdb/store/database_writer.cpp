@@ -328,9 +328,9 @@ uint64_t DatabaseWriter::commit() {
 }
 
 uint64_t DatabaseWriter::settled() {
-  if (follows()) return 0;
   uint64_t n_events;
   [[maybe_unused]] const ssize_t got = ::read(settled_fd(), &n_events, sizeof n_events);  // before the ticket is read
+  if (follows()) return 0;  // the store can be replaced just now, which takes long
   const uint64_t settled = tslb_store_settled(durable_->get());
   std::erase_if(done_changes_, [&](const auto &done) {
     if (done.first > settled) return false;

@@ -55,6 +55,10 @@ FollowerView::FollowerView(const DurableArrays &durable, bool retains_by_clock)
     : durable_(durable), retains_by_clock_(retains_by_clock) {}
 
 FollowerView::~FollowerView() {
+  stop();
+}
+
+void FollowerView::stop() {
   {
     const std::lock_guard lock(turn_mutex_);
     is_ending_ = true;
@@ -138,6 +142,7 @@ void FollowerView::run() {
 }
 
 void FollowerView::end(const std::function<void(Store &)> &take_over) {
+  stop();  // its figures are those of a follower
   bring_up_to_date();
   const std::lock_guard lock(view_mutex_);
   take_over(*store_);

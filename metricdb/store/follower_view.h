@@ -52,6 +52,7 @@ class FollowerView {
   void bring_up_to_date();
   void set_figures(const Store &store);
   void run();
+  void stop();
   bool is_following_due();
 
   const DurableArrays &durable_;

@@ -17,7 +17,7 @@ namespace {
 constexpr uint64_t MIN_DELETED_BYTES = 4 << 20;  // between two choices of slots
 // A part of the work: chunks that are looked at or moved, in units of about 100 ns.
 constexpr uint32_t MAX_MOVE_WORK = 10'000, MOVE_WORK = 5;
-constexpr uint64_t MAX_BATCH_BYTES = 16 << 20;
+constexpr uint64_t MAX_JOINING_BATCH_BYTES = 16 << 20;
 
 }  // namespace
 
@@ -122,7 +122,7 @@ void Store::replace_short(uint32_t series, Tail &tail, maddr_t first, const madd
 
 uint32_t Store::pack(uint32_t series) {
   for (; series < n_slots(); ++series) {
-    if (batch_ != nullptr && batch_bytes() > MAX_BATCH_BYTES) return series;
+    if (batch_ != nullptr && batch_bytes() > MAX_JOINING_BATCH_BYTES) return series;
     if (holds_series(series)) pack_series(series, tails_[series]);
   }
   return series;
@@ -245,7 +245,7 @@ bool Store::compact(bool is_final) {
   if (chosen_slots_.empty()) return true;
   try {
     for (uint32_t work = 0; next_moved_ < n_slots(); ++next_moved_) {
-      if (is_final ? batch_ != nullptr && batch_bytes() > MAX_BATCH_BYTES : work > MAX_MOVE_WORK) return false;
+      if (is_final ? batch_ != nullptr && batch_bytes() > MAX_JOINING_BATCH_BYTES : work > MAX_MOVE_WORK) return false;
       if (holds_series(next_moved_)) work += move_chunks(next_moved_, tails_[next_moved_]);
     }
   } catch (const StoreFull &) {
