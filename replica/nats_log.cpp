@@ -11,7 +11,7 @@ namespace {
 
 constexpr int64_t API_WAIT_MS = 2000;
 constexpr std::chrono::milliseconds RETRY{50};
-constexpr std::chrono::milliseconds PAUSE{200};
+constexpr std::chrono::milliseconds REQUESTED_PAUSE{200};
 constexpr size_t MAX_UNANSWERED = 16;  // messages that are sent before the first is answered
 constexpr int64_t HEARTBEAT_NS = 500'000'000;
 constexpr const char *EXPECTED_LAST = "Nats-Expected-Last-Sequence";
@@ -189,7 +189,7 @@ void NatsStream::pause_if_requested() {
     natsMsg_Destroy(received);
     is_requested = true;
   }
-  if (is_requested) std::this_thread::sleep_for(PAUSE);
+  if (is_requested) std::this_thread::sleep_for(REQUESTED_PAUSE);
 }
 
 // Sends the messages from `first` on, and waits for the answers. Returns whether all are in the stream.
