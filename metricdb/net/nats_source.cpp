@@ -73,7 +73,8 @@ void NatsSource::answer(const NatsMessage &message, bool is_stored) {
 
 std::string NatsSource::why_disconnected() const {
   const NatsState state = client_.state();
-  return !has_started_ || state.is_connected || state.why.empty() ? "" : fmt::format("no messages of NATS: {}", state.why);
+  return !has_started_ || state.is_connected || state.why.empty() ? ""
+                                                                  : fmt::format("no messages of NATS: {}", state.why);
 }
 
 void NatsSource::log(LogTopic topic, const std::string &what) {

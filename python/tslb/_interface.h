@@ -63,7 +63,7 @@ void tslb_py_release(void *array);
 void tslb_py_describe(void *array, tslb_py_array *described);
 void *tslb_py_block0(void *array);
 char *tslb_py_record(void *array, uint32_t idx); /* NULL: there is no such slot */
-void tslb_py_flatten(void *array, void *image); /* header_bytes + n_used * slot_bytes bytes */
+void tslb_py_flatten(void *array, void *image);  /* header_bytes + n_used * slot_bytes bytes */
 /* Slot of a chunk, and the byte in the slot's record at which its data begins. `wide`: a 64-bit address. */
 void tslb_py_place(void *array, uint64_t address, int wide, uint32_t *slot, uint32_t *byte);
 
