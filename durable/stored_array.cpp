@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <tslb/tslb_stored.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string_view>
 
@@ -127,6 +128,14 @@ uint32_t n_alloc_at(DynArrHandle_t *array) {
   return arr_hdr_at(array) + static_cast<uint32_t>(offsetof(DynArrHdr_t, n_alloc));
 }
 
+size_t bytes_to_unused(const char *slot, const Geometry &geometry) {
+  MemSlot_t head;
+  std::memcpy(&head, slot + geometry.shift, sizeof head);
+  const bool is_free = geometry.shift != 0 && reinterpret_cast<const node_fw *>(slot)->status == TSLB_DA_SLOT_FREE;
+  const size_t unused = geometry.shift + sizeof head + (is_free ? 0 : head.bytes_used);
+  return std::min<size_t>(unused, geometry.shift + geometry.record_bytes);
+}
+
 Digest digest_of(DynArrHandle_t *array) {
   const Geometry geometry(array);
   const auto *const headers = static_cast<const char *>(array->arr_base);
@@ -134,9 +143,15 @@ Digest digest_of(DynArrHandle_t *array) {
   uint32_t checksum = crc32c(headers, hidden);
   checksum = crc32c(&zero, sizeof zero, checksum);
   checksum = crc32c(headers + after, geometry.header_bytes - after, checksum);
+  const bool has_unused =
+      dyn_hdr_of(array)->hdr_size == TSLB_POOL_HDR_BYTES && (pool_header_of(array)->flag & MPOOL_FLAG_COMPAT) != 0;
+  const size_t end = geometry.shift + geometry.record_bytes;
   const uint32_t n_used = tslb_da_get_size(array);
-  for (uint32_t idx = 0; idx < n_used; ++idx)
-    checksum = crc32c(slot_start(array, geometry, idx), geometry.slot_bytes, checksum);
+  for (uint32_t idx = 0; idx < n_used; ++idx) {
+    const char *const slot = slot_start(array, geometry, idx);
+    checksum = crc32c(slot, has_unused ? bytes_to_unused(slot, geometry) : end, checksum);
+    checksum = crc32c(slot + end, geometry.slot_bytes - end, checksum);
+  }
   return {checksum, tslb_stored_slot_at(geometry.header_bytes, geometry.slot_bytes, n_used)};
 }
 

@@ -70,8 +70,12 @@ char *slot_start(DynArrHandle_t *array, const Geometry &geometry, uint32_t idx);
 // Offset of n_alloc in the headers. It counts the memory of one process, so it is neither logged nor compared.
 uint32_t n_alloc_at(DynArrHandle_t *array);
 
-// Of the bytes that two copies of an array share (first_difference in changes.h): the headers, with zeroes for n_alloc, and
-// the slots with their nodes, in the order of their ids.
+// The bytes of a memory slot, from its first one, that chunks can have; at most up to the second node. The rest of the record is
+// in no chunk: a compressed stream has zeros there. Of pools with compaction headers, whose slots can be taken again.
+size_t bytes_to_unused(const char *slot, const Geometry &geometry);
+
+// Of the bytes that two copies of an array share: the headers, with zeroes for n_alloc, and the slots with their nodes, in the
+// order of their ids, without what bytes_to_unused leaves out. `bytes` is the length of the whole.
 struct Digest {
   uint32_t crc32c;
   uint64_t bytes;

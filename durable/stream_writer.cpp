@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <cstring>
 #include <ctime>
 #include <new>
 
@@ -103,10 +102,7 @@ int StreamWriter::add_block(DynamicArray_t, void *block, int, size_t bytes, int 
 
 // Adds zeros in place of the bytes of a memory slot that no chunk has. What was in them would be compressed badly.
 int StreamWriter::add_pool_slot(char *slot, size_t bytes, const Geometry &geometry) {
-  MemSlot_t head;
-  std::memcpy(&head, slot + geometry.shift, sizeof head);
-  const bool is_free = geometry.shift != 0 && reinterpret_cast<const node_fw *>(slot)->status == TSLB_DA_SLOT_FREE;
-  const size_t first_unused = geometry.shift + sizeof head + (is_free ? 0 : head.bytes_used);
+  const size_t first_unused = bytes_to_unused(slot, geometry);
   const size_t end = std::min<size_t>(bytes, geometry.shift + geometry.record_bytes);  // without the second node
   if (first_unused >= end) return add(slot, bytes);
   int error = add(slot, first_unused);

@@ -195,13 +195,21 @@ void for_each_group(const Selection &selection, const std::vector<Group> &groups
   parallel_for(groups.size(), selection.environment.n_threads, [&](size_t i) { work(of_groups, groups[i], i); });
 }
 
+void check_cells(const Environment &environment, size_t n_cells) {
+  if (n_cells > environment.limits.n_cells)
+    throw ExecutionFailed(fmt::format("more than {} values in the result", environment.limits.n_cells));
+}
+
 // The groups, each as one series for each field.
 void add_aggregated(const Selection &selection, const std::vector<FoundSeries> &series,
                     std::vector<SeriesPart> &parts) {
   const std::vector<Group> groups = groups_of(selection.select, selection.columns, series);
   std::vector<std::vector<SeriesPart>> of_groups(groups.size());
+  std::atomic<size_t> n_cells{0};
   for_each_group(selection, groups, [&](const Selection &of_group, const Group &group, size_t i) {
     for (auto &[field, aggregated] : aggregate(of_group, group)) {
+      const size_t n_added = aggregated.aggregations.size() * aggregated.aggregations[0].n_windows();
+      check_cells(selection.environment, n_cells.fetch_add(n_added) + n_added);
       SeriesName name = {group.members[0]->name.measurement, group.tags, field};
       std::erase_if(name.tags, [](const auto &tag) { return tag.second.empty(); });
       of_groups[i].push_back({std::move(name), {}, std::move(aggregated)});
@@ -236,8 +244,7 @@ std::vector<ResultSeries> execute_select(const Environment &environment, const S
     std::vector<ResultSeries> of_groups(groups.size());
     for_each_group(selection, groups, [&](const Selection &of_group, const Group &group, size_t i) {
       of_groups[i] = result_of_group(of_group, group);
-      if (n_cells.fetch_add(of_groups[i].cells.size()) + of_groups[i].cells.size() > environment.limits.n_cells)
-        throw ExecutionFailed(fmt::format("more than {} values in the result", environment.limits.n_cells));
+      check_cells(environment, n_cells.fetch_add(of_groups[i].cells.size()) + of_groups[i].cells.size());
     });
     for (ResultSeries &result : of_groups)
       if (!result.times_ns.empty()) results.push_back(std::move(result));
