@@ -71,13 +71,24 @@ class BlockWriter {
   }
   void signed_number(int64_t value) { varint(zigzag(value)); }
 
-  // Writes the lower bits of the n numbers number(i).
+  // Writes the lower bits of the n numbers number(i). Uses at most 8 bytes of room after the last one.
   template <class Number>
   void packed(size_t n, unsigned width, Number number) {
     const uint64_t mask = mask_of(width);
+    size_t i = 0;
+    if (width <= 8) {
+      // Eight numbers fill whole bytes. The bytes after them are written again.
+      char *at = at_;
+      for (; i + 16 <= n; i += 8, at += width) {
+        uint64_t bits = 0;
+        for (unsigned k = 0; k < 8; ++k) bits |= (number(i + k) & mask) << k * width;
+        std::memcpy(at, &bits, sizeof bits);
+      }
+      at_ = at;
+    }
     uint64_t bits = 0;
     unsigned n_bits = 0;  // in `bits`
-    for (size_t i = 0; i < n; ++i) {
+    for (; i < n; ++i) {
       const uint64_t low = number(i) & mask;
       bits |= low << n_bits;
       n_bits += width;
@@ -186,12 +197,19 @@ class BlockReader {
     // The numbers whose 8 bytes are in the block.
     const size_t n_whole = std::min(n, n_bytes < 8 ? 0 : ((n_bytes - 8) * 8 + 7) / width + 1);
     size_t i = 0, bit = 0;
+    if (width <= 8) {
+      // Eight numbers begin at a byte and are within one word.
+      for (; i + 8 <= n_whole; i += 8, bit += 8 * width) {
+        const uint64_t word = word_at(bytes + bit / 8);
+        for (unsigned k = 0; k < 8; ++k) use(i + k, word >> k * width & mask);
+      }
+    }
     for (; i < n_whole; ++i, bit += width) use(i, word_at(bytes + bit / 8) >> bit % 8 & mask);
     for (; i < n; ++i, bit += width) use(i, bits_at(bytes, n_bytes, bit) & mask);
   }
 
   const char *at_;
-  const char *const end_;
+  const char *end_;
   bool is_valid_ = true;
 };
 

@@ -4,6 +4,8 @@
 #include <array>
 #include <cmath>
 
+#include "codec/wide_instructions.h"
+
 namespace metricdb {
 namespace {
 
@@ -42,10 +44,6 @@ void spread(const Frequencies &frequencies, Place place) {
       place(symbol, state);
 }
 
-uint64_t code_of(int64_t number, const CodePlan &plan) {
-  return zigzag(difference(number, plan.base));
-}
-
 // ---- Choosing -----------------------------------------------------------------------------------------------------
 
 // Zero, unless the numbers are mostly on one side of it: with zero, codes of numbers and their opposites are neighbours.
@@ -63,6 +61,20 @@ int64_t base_of(std::span<const int64_t> numbers) {
 
 // Numbers of codes by their upper parts. The last one counts all larger ones.
 using Histogram = std::array<uint32_t, 64>;
+constexpr uint64_t LAST_PART = std::tuple_size_v<Histogram> - 1;
+using Lengths = std::array<uint32_t, 65>;  // numbers of codes by their lengths
+
+// Returns how many bits the parts that are counted leave out: so many that most codes have 5 bits more, or fewer. Parts are
+// joined for larger values of `low`.
+unsigned fine_of(std::span<const uint64_t> codes) {
+  const size_t step = std::max<size_t>(1, codes.size() / 256);
+  Lengths n_of_length = {};
+  size_t n = 0;
+  for (size_t i = 0; i < codes.size(); i += step, ++n) ++n_of_length[length_of(codes[i])];
+  unsigned usual = 64;
+  for (size_t n_longer = n_of_length[usual]; usual > 0 && n_longer * 16 <= n;) n_longer += n_of_length[--usual];
+  return usual < 5 ? 0 : std::min(usual - 5, MAX_LOW - 2);
+}
 
 // The weight that is nearest to count / most as a ratio, and not 0.
 unsigned weight_of(uint32_t count, uint32_t most) {
@@ -73,8 +85,8 @@ unsigned weight_of(uint32_t count, uint32_t most) {
 }
 
 // Sets weights and bits for `low`. `exponents` are the lengths of the codes, for the large ones.
-void choose_weights(const std::array<uint32_t, N_SYMBOLS> &counts, size_t n,
-                    const std::array<uint32_t, 65> &n_of_length, CodePlan &plan) {
+void choose_weights(const std::array<uint32_t, N_SYMBOLS> &counts, size_t n, const Lengths &n_of_length,
+                    CodePlan &plan) {
   const uint32_t most = *std::max_element(counts.begin(), counts.end());
   plan.weights = 0;
   for (unsigned symbol = 0; symbol < N_SYMBOLS; ++symbol)
@@ -90,21 +102,23 @@ void choose_weights(const std::array<uint32_t, N_SYMBOLS> &counts, size_t n,
     plan.bits += n_of_length[length] * varint_bits(length - plan.low);
 }
 
-}  // namespace
-
-CodePlan code_plan(std::span<const int64_t> numbers) {
+CodePlan plan_codes(std::span<const int64_t> numbers, std::span<uint64_t> codes) {
   CodePlan plan;
   plan.base = base_of(numbers);
-  std::array<uint32_t, 65> n_of_length = {};
-  for (const int64_t number : numbers) ++n_of_length[length_of(code_of(number, plan))];
-  // Most codes are shorter than `usual`. Finer parts are counted, which are joined for the larger values of `low`.
-  unsigned usual = 64;
-  for (size_t n_longer = n_of_length[usual]; usual > 0 && n_longer * 16 <= numbers.size();)
-    n_longer += n_of_length[--usual];
-  const unsigned fine = usual < 5 ? 0 : std::min(usual - 5, MAX_LOW - 2);
+  for (size_t i = 0; i < numbers.size(); ++i) codes[i] = zigzag(difference(numbers[i], plan.base));
+  const unsigned fine = fine_of(codes);
+  // Four histograms in turn: an increment waits for the last one of the same counter.
+  std::array<Histogram, 4> histograms = {};
+  Lengths n_of_length = {};
+  for (size_t i = 0; i < codes.size(); ++i) {
+    const uint64_t part = std::min<uint64_t>(codes[i] >> fine, LAST_PART);
+    ++histograms[i % histograms.size()][part];
+    if (part == LAST_PART) ++n_of_length[length_of(codes[i])];
+  }
   Histogram histogram = {};
-  for (const int64_t number : numbers)
-    ++histogram[std::min<uint64_t>(code_of(number, plan) >> fine, histogram.size() - 1)];
+  for (const Histogram &some : histograms)
+    for (size_t part = 0; part < histogram.size(); ++part) histogram[part] += some[part];
+  for (unsigned part = 0; part < LAST_PART; ++part) n_of_length[length_of(uint64_t{part} << fine)] += histogram[part];
   CodePlan best;
   best.bits = SIZE_MAX;
   for (unsigned joined = 0; joined < 3; ++joined) {
@@ -117,9 +131,17 @@ CodePlan code_plan(std::span<const int64_t> numbers) {
   return best;
 }
 
+}  // namespace
+
+CodePlan code_plan(std::span<const int64_t> numbers, std::span<uint64_t> codes) {
+  return run_widest([&] { return plan_codes(numbers, codes); });
+}
+
 // ---- Writing ------------------------------------------------------------------------------------------------------
 
-void write_coded(std::span<const int64_t> numbers, const CodePlan &plan, BlockWriter &out) {
+namespace {
+
+void write_codes(std::span<const uint64_t> codes, const CodePlan &plan, BlockWriter &out) {
   // For a symbol: what is added to a state so that its upper half is the number of bits to write, and where its next
   // states begin.
   struct Step {
@@ -150,10 +172,8 @@ void write_coded(std::span<const int64_t> numbers, const CodePlan &plan, BlockWr
   out.signed_number(plan.base);
   out.byte(plan.low);
   out.word(plan.weights);
-  std::array<uint64_t, MAX_CODED_NUMBERS> codes;
-  const size_t n = numbers.size();
-  for (size_t i = 0; i < n; ++i) codes[i] = code_of(numbers[i], plan);
-  if (plan.low != 0) out.packed(n, plan.low, [&codes](size_t i) { return codes[i]; });
+  const size_t n = codes.size();
+  if (plan.low != 0) out.packed(n, plan.low, [codes](size_t i) { return codes[i]; });
 
   // What the states write, from the last number on: the decoder reads in the other direction.
   std::array<uint16_t, MAX_CODED_NUMBERS> written;  // bits in the lower half, their number in the upper one
@@ -175,6 +195,12 @@ void write_coded(std::span<const int64_t> numbers, const CodePlan &plan, BlockWr
   if ((plan.weights >> 4 * LARGE) == 0) return;
   for (size_t i = 0; i < n; ++i)
     if (const uint64_t upper = codes[i] >> plan.low; upper >= LARGE) out.varint(upper - LARGE);
+}
+
+}  // namespace
+
+void write_coded(std::span<const uint64_t> codes, const CodePlan &plan, BlockWriter &out) {
+  run_widest([&] { write_codes(codes, plan, out); });
 }
 
 // ---- Reading ------------------------------------------------------------------------------------------------------
@@ -238,9 +264,7 @@ class SymbolReader {
   std::array<Entry, N_TABLE> table_;
 };
 
-}  // namespace
-
-void read_coded(BlockReader &in, std::span<int64_t> numbers) {
+void read_numbers(BlockReader &in, std::span<int64_t> numbers) {
   const int64_t base = in.signed_number();
   const unsigned low = in.byte();
   const Frequencies frequencies = frequencies_of(in.word());
@@ -251,16 +275,21 @@ void read_coded(BlockReader &in, std::span<int64_t> numbers) {
   std::array<uint8_t, MAX_CODED_NUMBERS> symbols;
   SymbolReader(frequencies).read(in, {symbols.data(), numbers.size()});
   if (!in.is_valid()) return;
-  if (frequencies[LARGE] == 0) {
-    low_bits.packed(low, numbers.size(), [&symbols, numbers, low, base](size_t i, uint64_t bits) {
-      numbers[i] = plus(base, static_cast<uint64_t>(unzigzag(uint64_t{symbols[i]} << low | bits)));
-    });
-    return;
-  }
-  low_bits.packed(low, numbers.size(), [&](size_t i, uint64_t bits) {
-    const uint64_t upper = symbols[i] == LARGE ? LARGE + in.varint() : symbols[i];
-    numbers[i] = plus(base, static_cast<uint64_t>(unzigzag(upper << low | bits)));
+  int64_t *const to = numbers.data();
+  low_bits.packed(low, numbers.size(), [&symbols, to, low](size_t i, uint64_t bits) {
+    to[i] = static_cast<int64_t>(uint64_t{symbols[i]} << low | bits);
   });
+  if (frequencies[LARGE] != 0)
+    for (size_t i = 0; i < numbers.size(); ++i)
+      if (symbols[i] == LARGE) to[i] = plus(to[i], in.varint() << low);
+  for (size_t i = 0; i < numbers.size(); ++i)
+    to[i] = plus(base, static_cast<uint64_t>(unzigzag(static_cast<uint64_t>(to[i]))));
+}
+
+}  // namespace
+
+void read_coded(BlockReader &in, std::span<int64_t> numbers) {
+  run_widest([&] { read_numbers(in, numbers); });
 }
 
 }  // namespace metricdb

@@ -42,11 +42,13 @@ struct CodePlan {
   size_t bits = 0;  // approximately, of all
 };
 
+// Sets the codes, one for each number.
+//
 // numbers  1 to MAX_CODED_NUMBERS of them.
-CodePlan code_plan(std::span<const int64_t> numbers);
+CodePlan code_plan(std::span<const int64_t> numbers, std::span<uint64_t> codes);
 
 // Writes at most a bit for each number more than the plan says.
-void write_coded(std::span<const int64_t> numbers, const CodePlan &plan, BlockWriter &out);
+void write_coded(std::span<const uint64_t> codes, const CodePlan &plan, BlockWriter &out);
 
 // Sets the numbers. `in` is invalid afterwards if its bytes are not a form of so many numbers.
 void read_coded(BlockReader &in, std::span<int64_t> numbers);

@@ -5,11 +5,13 @@
 #include <bit>
 #include <cmath>
 #include <cstring>
+#include <memory>
 #include <optional>
 #include <span>
 
 #include "codec/block_bytes.h"
 #include "codec/coded_numbers.h"
+#include "codec/wide_instructions.h"
 
 namespace metricdb {
 namespace {
@@ -32,6 +34,19 @@ constexpr std::array<double, 19> POWERS = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1
 constexpr double MAX_SCALED = 2251799813685248.0;  // 2^51
 constexpr double ROUNDER = 3 * MAX_SCALED;         // a sum with it has no bits after the point
 constexpr uint64_t SIGN = uint64_t{1} << 63;
+
+// Memory for n numbers of a block, which is on the stack for a short block.
+template <class Number>
+class Scratch {
+ public:
+  explicit Scratch(size_t n) : n_(n), heap_(n <= few_.size() ? nullptr : std::make_unique_for_overwrite<Number[]>(n)) {}
+  std::span<Number> all() { return {heap_ ? heap_.get() : few_.data(), n_}; }
+
+ private:
+  const size_t n_;
+  std::array<Number, 512> few_;
+  const std::unique_ptr<Number[]> heap_;
+};
 
 // How a group is packed.
 struct GroupPlan {
@@ -154,15 +169,23 @@ void write_some(std::span<const int64_t> numbers, BlockWriter &out) {
   std::array<GroupPlan, (MAX_CODED_NUMBERS + GROUP - 1) / GROUP> plans;
   const size_t n = numbers.size();
   const auto group_at = [numbers](size_t i) { return numbers.subspan(i, std::min(numbers.size() - i, GROUP)); };
-  size_t bits = 0;
-  for (size_t i = 0; i < n; i += GROUP) bits += (plans[i / GROUP] = plan_of(group_at(i))).bits;
   if (n >= MIN_CODED_NUMBERS) {
-    const CodePlan code = code_plan(numbers);
-    if (code.bits < bits) {
+    std::array<uint64_t, MAX_CODED_NUMBERS> code_memory;
+    const std::span<uint64_t> codes(code_memory.data(), n);
+    const CodePlan code = code_plan(numbers, codes);
+    // A few groups show which form is shorter.
+    constexpr size_t EVERY = 4 * GROUP;
+    size_t n_seen = 0, bits = 0;
+    for (size_t i = 0; i < n; i += EVERY) {
+      bits += plan_of(group_at(i)).bits;
+      n_seen += group_at(i).size();
+    }
+    if (code.bits * n_seen < bits * n) {
       out.byte(CODED_CODE);
-      return write_coded(numbers, code, out);
+      return write_coded(codes, code, out);
     }
   }
+  for (size_t i = 0; i < n; i += GROUP) plans[i / GROUP] = plan_of(group_at(i));
   for (size_t i = 0; i < n; i += GROUP) write_group(group_at(i), plans[i / GROUP], out);
 }
 
@@ -177,10 +200,14 @@ void write_groups(std::span<const int64_t> numbers, BlockWriter &out) {
 
 // Replaces each number except for the first one by its difference to the previous one. Returns whether one has wrapped.
 bool make_differences(std::span<int64_t> numbers) {
-  bool has_wrapped = false;
-  for (size_t i = numbers.size() - 1; i > 0; --i)
-    has_wrapped |= __builtin_sub_overflow(numbers[i], numbers[i - 1], &numbers[i]);
-  return has_wrapped;
+  uint64_t wrapped = 0;  // in the sign bit
+  for (size_t i = numbers.size() - 1; i > 0; --i) {
+    const auto number = static_cast<uint64_t>(numbers[i]), previous = static_cast<uint64_t>(numbers[i - 1]);
+    const uint64_t change = number - previous;
+    wrapped |= (number ^ previous) & (number ^ change);
+    numbers[i] = static_cast<int64_t>(change);
+  }
+  return (wrapped & SIGN) != 0;
 }
 
 void write_differences(std::span<const int64_t> numbers, BlockWriter &out) {
@@ -268,16 +295,32 @@ std::optional<unsigned> places_of(std::span<const double> values) {
   return places;
 }
 
-bool write_decimals(std::span<const double> values, BlockWriter &out) {
+// Sets the numbers to the scaled values. Returns false if one of them has no such number: the numbers are undefined then.
+bool scale_all(std::span<const double> values, unsigned places, std::span<int64_t> numbers) {
+  const double power = POWERS[places];
+  uint64_t n_without = 0;
+  for (size_t i = 0; i < values.size(); ++i) {
+    const double product = values[i] * power, shifted = product + ROUNDER, number = shifted - ROUNDER;
+    // The mantissa of `shifted` is the number.
+    numbers[i] = difference(std::bit_cast<int64_t>(shifted), std::bit_cast<int64_t>(ROUNDER));
+    const bool is_same = std::bit_cast<int64_t>(number / power) == std::bit_cast<int64_t>(values[i]);
+    const bool is_short = std::fabs(product) < MAX_SCALED;
+    n_without += static_cast<uint64_t>(!is_same | !is_short);  // without a jump
+  }
+  return n_without == 0;
+}
+
+bool write_decimals(std::span<const double> values, std::span<int64_t> numbers, BlockWriter &out) {
   const std::optional<unsigned> places = places_of(values);
   if (!places) return false;
-  std::vector<int64_t> numbers(values.size());
   std::vector<size_t> exceptions;
-  int64_t previous = 0;
-  for (size_t i = 0; i < values.size(); ++i) {
-    const std::optional<int64_t> number = scaled(values[i], *places);
-    if (!number) exceptions.push_back(i);
-    numbers[i] = previous = number.value_or(previous);
+  if (!scale_all(values, *places, numbers)) {
+    int64_t previous = 0;
+    for (size_t i = 0; i < values.size(); ++i) {
+      const std::optional<int64_t> number = scaled(values[i], *places);
+      if (!number) exceptions.push_back(i);
+      numbers[i] = previous = number.value_or(previous);
+    }
   }
   if (exceptions.size() > values.size() / 8) return false;
   write_values(static_cast<uint8_t>(DECIMALS | *places << PLACES_SHIFT), numbers, out);
@@ -289,11 +332,10 @@ bool write_decimals(std::span<const double> values, BlockWriter &out) {
   return true;
 }
 
-void write_bits(std::span<const double> values, BlockWriter &out) {
+void write_bits(std::span<const double> values, std::span<int64_t> numbers, BlockWriter &out) {
   uint64_t any = 0;
   for (const double value : values) any |= std::bit_cast<uint64_t>(value) & ~SIGN;
   const unsigned shift = any == 0 ? 0 : static_cast<unsigned>(std::countr_zero(any));
-  std::vector<int64_t> numbers(values.size());
   for (size_t i = 0; i < values.size(); ++i) {
     const uint64_t bits = std::bit_cast<uint64_t>(values[i]), magnitude = (bits & ~SIGN) >> shift;
     numbers[i] = static_cast<int64_t>((bits & SIGN) != 0 ? ~magnitude : magnitude);
@@ -310,114 +352,132 @@ void add_exceptions(BlockReader &in, std::span<uint64_t> offsets, unsigned width
   }
 }
 
-template <class Emit>
-void read_group(BlockReader &in, unsigned head, size_t n, Emit emit) {
+// Sets the numbers of a group of at most 128.
+void read_group(BlockReader &in, unsigned head, std::span<int64_t> numbers) {
   const unsigned code = head & WIDTH_MASK;
   if (code > WHOLE_WIDTH_CODE) return in.fail();
   const unsigned width = code == WHOLE_WIDTH_CODE ? 64 : code;
   const int64_t base = in.signed_number();
-  if ((head & (BOTH_SIGNS | HAS_EXCEPTIONS)) == 0) {
-    in.packed(width, n, [emit, base](size_t i, uint64_t offset) { emit(i, plus(base, offset)); });
-    return;
-  }
+  int64_t *const to = numbers.data();
+  if ((head & (BOTH_SIGNS | HAS_EXCEPTIONS)) == 0)
+    return in.packed(width, numbers.size(), [to, base](size_t i, uint64_t offset) { to[i] = plus(base, offset); });
   std::array<uint64_t, GROUP> offsets;
-  in.packed(width, n, [&](size_t i, uint64_t offset) { offsets[i] = offset; });
-  if (in.is_valid() && (head & HAS_EXCEPTIONS) != 0) add_exceptions(in, {offsets.data(), n}, width);
+  in.packed(width, numbers.size(), [&offsets](size_t i, uint64_t offset) { offsets[i] = offset; });
+  if (in.is_valid() && (head & HAS_EXCEPTIONS) != 0) add_exceptions(in, {offsets.data(), numbers.size()}, width);
   if (!in.is_valid()) return;
   const bool both_signs = (head & BOTH_SIGNS) != 0;
-  for (size_t i = 0; i < n; ++i)
-    emit(i, plus(base, both_signs ? static_cast<uint64_t>(unzigzag(offsets[i])) : offsets[i]));
+  for (size_t i = 0; i < numbers.size(); ++i)
+    to[i] = plus(base, both_signs ? static_cast<uint64_t>(unzigzag(offsets[i])) : offsets[i]);
 }
 
-// Out of line, because the numbers take much of the stack.
-template <class Emit>
-__attribute__((noinline)) void read_coded_group(BlockReader &in, size_t n, Emit emit) {
-  std::array<int64_t, MAX_CODED_NUMBERS> numbers;
-  read_coded(in, {numbers.data(), n});
-  if (!in.is_valid()) return;
-  for (size_t i = 0; i < n; ++i) emit(i, numbers[i]);
-}
-
-// Calls emit(i, number) for the numbers from begin to end.
-template <class Emit>
-void read_groups(BlockReader &in, size_t begin, size_t end, Emit &emit) {
-  while (begin < end && in.is_valid()) {
+void read_groups(BlockReader &in, std::span<int64_t> numbers) {
+  while (!numbers.empty() && in.is_valid()) {
     const unsigned head = in.byte();
-    const size_t n = n_in_group(head, end - begin);
-    const auto emit_here = [&emit, begin](size_t i, int64_t number) { emit(begin + i, number); };
-    if (head == EQUAL_CODE) {
-      const int64_t number = in.signed_number();
-      for (size_t i = 0; in.is_valid() && i < n; ++i) emit_here(i, number);
-    } else if (head == CODED_CODE) {
-      read_coded_group(in, n, emit_here);
-    } else {
-      read_group(in, head, n, emit_here);
-    }
-    begin += n;
+    const std::span<int64_t> group = numbers.first(n_in_group(head, numbers.size()));
+    if (head == EQUAL_CODE)
+      std::fill(group.begin(), group.end(), in.signed_number());
+    else if (head == CODED_CODE)
+      read_coded(in, group);
+    else
+      read_group(in, head, group);
+    numbers = numbers.subspan(group.size());
   }
 }
 
-// Calls emit(i, number) for the n numbers of a sequence.
-template <class Emit>
-void read_sequence(BlockReader &in, size_t n, bool as_differences, Emit emit) {
-  if (!as_differences) return read_groups(in, 0, n, emit);
+// Sets the numbers of a sequence.
+void read_sequence(BlockReader &in, bool as_differences, std::span<int64_t> numbers) {
+  if (!as_differences) return read_groups(in, numbers);
   auto sum = static_cast<uint64_t>(in.signed_number());
-  emit(size_t{0}, static_cast<int64_t>(sum));
-  auto add = [sum, emit](size_t i, int64_t change) mutable {
-    sum += static_cast<uint64_t>(change);
-    emit(i, static_cast<int64_t>(sum));
-  };
-  read_groups(in, 1, n, add);
+  numbers[0] = static_cast<int64_t>(sum);
+  read_groups(in, numbers.subspan(1));
+  if (!in.is_valid()) return;
+  for (int64_t &number : numbers.subspan(1)) number = static_cast<int64_t>(sum += static_cast<uint64_t>(number));
 }
 
-void read_times(BlockReader &in, std::span<Point> points) {
+// The functions read_times to read_values set a field of the points. `numbers` is memory for as many numbers.
+
+// Returns false, and reads nothing, if not all differences are one equal group.
+bool read_regular_times(BlockReader &in, uint64_t factor, std::span<Point> points) {
+  BlockReader regular = in;
+  uint64_t time = static_cast<uint64_t>(regular.signed_number()) * factor;
+  if (points.size() == 1 || regular.byte() != EQUAL_CODE) return false;
+  const uint64_t step = static_cast<uint64_t>(regular.signed_number()) * factor;
+  in = regular;
+  for (Point &point : points) {
+    point.ts_ns = static_cast<int64_t>(time);
+    time += step;
+  }
+  return true;
+}
+
+void read_times(BlockReader &in, std::span<int64_t> numbers, Point *points) {
   const unsigned unit = in.byte();
   if (unit >= TIME_UNITS.size()) return in.fail();
   const auto factor = static_cast<uint64_t>(TIME_UNITS[unit]);
-  read_sequence(in, points.size(), true, [at = points.data(), factor](size_t i, int64_t time) {
-    at[i].ts_ns = static_cast<int64_t>(static_cast<uint64_t>(time) * factor);
-  });
+  if (read_regular_times(in, factor, {points, numbers.size()})) return;
+  read_sequence(in, true, numbers);
+  if (!in.is_valid()) return;
+  for (size_t i = 0; i < numbers.size(); ++i)
+    points[i].ts_ns = static_cast<int64_t>(static_cast<uint64_t>(numbers[i]) * factor);
 }
 
-void read_decimals(BlockReader &in, unsigned places, bool as_differences, std::span<Point> points) {
+// Whether all numbers are smaller than MAX_SCALED.
+bool are_short(std::span<const int64_t> numbers) {
+  uint64_t any = 0;
+  for (const int64_t number : numbers) any |= static_cast<uint64_t>(plus(number, uint64_t{1} << 51));
+  return any >> 52 == 0;
+}
+
+void read_decimals(BlockReader &in, unsigned places, bool as_differences, std::span<int64_t> numbers, Point *points) {
   if (places >= POWERS.size()) return in.fail();
+  read_sequence(in, as_differences, numbers);
+  if (!in.is_valid()) return;
   const double power = POWERS[places];
-  read_sequence(in, points.size(), as_differences, [at = points.data(), power](size_t i, int64_t number) {
-    at[i].value = static_cast<double>(number) / power;
-  });
+  if (are_short(numbers)) {
+    // As in scale_all: few processors convert several numbers at a time.
+    for (size_t i = 0; i < numbers.size(); ++i) {
+      const int64_t shifted = plus(numbers[i], std::bit_cast<uint64_t>(ROUNDER));
+      points[i].value = (std::bit_cast<double>(shifted) - ROUNDER) / power;
+    }
+  } else {
+    for (size_t i = 0; i < numbers.size(); ++i) points[i].value = static_cast<double>(numbers[i]) / power;
+  }
   for (uint64_t n_left = in.varint(); n_left > 0 && in.is_valid(); --n_left) {
     const uint64_t index = in.varint();
-    if (index >= points.size()) return in.fail();
+    if (index >= numbers.size()) return in.fail();
     points[index].value = std::bit_cast<double>(in.word());
   }
 }
 
-void read_bits(BlockReader &in, bool as_differences, std::span<Point> points) {
+void read_bits(BlockReader &in, bool as_differences, std::span<int64_t> numbers, Point *points) {
   const unsigned shift = in.byte();
   if (shift > 62) return in.fail();
-  read_sequence(in, points.size(), as_differences, [at = points.data(), shift](size_t i, int64_t number) {
-    const auto code = static_cast<uint64_t>(number);
-    at[i].value = std::bit_cast<double>(number < 0 ? ~code << shift | SIGN : code << shift);
-  });
+  read_sequence(in, as_differences, numbers);
+  if (!in.is_valid()) return;
+  for (size_t i = 0; i < numbers.size(); ++i) {
+    const auto code = static_cast<uint64_t>(numbers[i]);
+    points[i].value = std::bit_cast<double>(numbers[i] < 0 ? ~code << shift | SIGN : code << shift);
+  }
 }
 
-void read_values(BlockReader &in, ValueType type, std::span<Point> points) {
+void read_values(BlockReader &in, ValueType type, std::span<int64_t> numbers, Point *points) {
   const unsigned head = in.byte(), kind = head & KIND_MASK, places = head >> PLACES_SHIFT;
   const bool as_differences = (head & AS_DIFFERENCES) != 0;
   if ((kind == INTEGERS) != (type == ValueType::integer) || (kind != DECIMALS && places != 0)) return in.fail();
-  if (kind == DECIMALS) return read_decimals(in, places, as_differences, points);
-  if (kind == BITS) return read_bits(in, as_differences, points);
+  if (kind == DECIMALS) return read_decimals(in, places, as_differences, numbers, points);
+  if (kind == BITS) return read_bits(in, as_differences, numbers, points);
   if (kind != INTEGERS) return in.fail();
-  read_sequence(in, points.size(), as_differences,
-                [at = points.data()](size_t i, int64_t number) { at[i].value = std::bit_cast<double>(number); });
+  read_sequence(in, as_differences, numbers);
+  if (!in.is_valid()) return;
+  for (size_t i = 0; i < numbers.size(); ++i) points[i].value = std::bit_cast<double>(numbers[i]);
 }
 
-}  // namespace
-
-size_t encode_block(const char *points, size_t n, ValueType type, char *out) {
+size_t encode(const char *points, size_t n, ValueType type, char *out) {
   BlockWriter writer(out);
-  std::vector<int64_t> numbers(n);
-  std::vector<double> values(n);
+  Scratch<int64_t> number_memory(n);
+  Scratch<double> value_memory(n);
+  const std::span<int64_t> numbers = number_memory.all();
+  const std::span<double> values = value_memory.all();
   for (size_t i = 0; i < n; ++i) {
     Point point;
     std::memcpy(&point, points + i * sizeof point, sizeof point);
@@ -428,10 +488,24 @@ size_t encode_block(const char *points, size_t n, ValueType type, char *out) {
   if (type == ValueType::integer) {
     std::memcpy(numbers.data(), values.data(), n * sizeof(int64_t));
     write_values(INTEGERS, numbers, writer);
-  } else if (!write_decimals(values, writer)) {
-    write_bits(values, writer);
+  } else if (!write_decimals(values, numbers, writer)) {
+    write_bits(values, numbers, writer);
   }
   return static_cast<size_t>(writer.at() - out);
+}
+
+bool decode(BlockReader &in, size_t n, ValueType type, Point *points) {
+  Scratch<int64_t> memory(n);
+  const std::span<int64_t> numbers = memory.all();
+  read_times(in, numbers, points);
+  if (in.is_valid()) read_values(in, type, numbers, points);
+  return in.is_valid() && in.is_at_end();
+}
+
+}  // namespace
+
+size_t encode_block(const char *points, size_t n, ValueType type, char *out) {
+  return run_widest([=] { return encode(points, n, type, out); });
 }
 
 bool decode_block(const char *bytes, size_t size, size_t n, ValueType type, std::vector<Point> &points) {
@@ -439,10 +513,7 @@ bool decode_block(const char *bytes, size_t size, size_t n, ValueType type, std:
   BlockReader in(bytes, size);
   const size_t n_before = points.size();
   points.resize(n_before + n);
-  const std::span<Point> decoded(points.data() + n_before, n);
-  read_times(in, decoded);
-  if (in.is_valid()) read_values(in, type, decoded);
-  if (in.is_valid() && in.is_at_end()) return true;
+  if (run_widest([&] { return decode(in, n, type, points.data() + n_before); })) return true;
   points.resize(n_before);
   return false;
 }
