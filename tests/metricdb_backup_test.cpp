@@ -2,6 +2,7 @@
 #include <atomic>
 #include <thread>
 
+#include "extent.h"
 #include "serve_process.h"
 
 namespace {
@@ -135,7 +136,7 @@ TEST_F(Backup, IsCompleteOrAbsentAfterEachFault) {
   ASSERT_EQ(run("backup --db db good").exit_code, 0);
   const std::string points = exported("good");
   int n_failures = 0, n_kills = 0;
-  for (int k = 1, n_good = 0; n_good < 2; k += 2) {
+  for (int k = 1, n_good = 0; n_good < 2; k += 2 * EVERY) {
     n_good = 0;
     for (const bool kills : {false, true}) {
       const std::string fault = kills ? fmt::format("CRASH_AT={}", k) : fmt::format("FAIL_AT={}:ENOSPC", k);
@@ -156,8 +157,8 @@ TEST_F(Backup, IsCompleteOrAbsentAfterEachFault) {
     }
     ASSERT_LT(k, 1000);
   }
-  EXPECT_GT(n_failures, 5);
-  EXPECT_GT(n_kills, 5);
+  EXPECT_GT(n_failures, 5 / EVERY);
+  EXPECT_GT(n_kills, 5 / EVERY);
   EXPECT_EQ(exported("db"), points);
 }
 
@@ -204,7 +205,7 @@ TEST_F(Backup, ExportBesideAServerHasAllAcknowledgedBatches) {
   const int port = serve.port();
   Feeder feeder(port);
   ASSERT_TRUE(feeder.wait_for(20));
-  for (int i = 0; i < 15; ++i) {
+  for (int i = 0; i < 15 / EVERY; ++i) {
     const int n_before = feeder.n_acknowledged();
     expect_batches(exported("db"), n_before);
     if (HasFailure()) break;

@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "database_support.h"
+#include "extent.h"
 #include "query/report.h"
 
 using Damage = SmallDatabase;
@@ -119,7 +120,7 @@ TEST_F(Damage, InconsistentStores) {
 // swept.
 TEST_F(Damage, RandomBytesAreRefusedOrUsable) {
   constexpr uint32_t SEED = 20250608;
-  constexpr int ROUNDS = 500;
+  constexpr int ROUNDS = 500 / EVERY;
   ASSERT_NO_FATAL_FAILURE(keep_filled());
   fs::copy(db(), path("whole"), fs::copy_options::recursive);
   std::mt19937 random(SEED);

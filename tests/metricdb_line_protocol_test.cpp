@@ -4,6 +4,7 @@
 #include "codec/line_protocol.h"
 #include "codec/line_scanner.h"
 #include "codec/printable.h"
+#include "extent.h"
 #include "extra/reference_reader.h"
 #include "metricdb_support.h"
 #include "store/series_cache.h"
@@ -137,7 +138,7 @@ TEST(LineProtocol, ExpectedContentDoesNotChangeTheResult) {
   SeriesCache cache;
   LineParser plain, helped;
   uint64_t n_likely = 0;
-  for (uint32_t i = 0; i < 50'000; ++i) {
+  for (uint32_t i = 0; i < 50'000 / EVERY; ++i) {
     std::string line(origins[random() % std::size(origins)]);
     for (uint32_t n = random() % 4; n > 0; --n) {
       const size_t at = random() % line.size();
@@ -191,7 +192,7 @@ TEST(LineProtocol, LinesOfRandomTexts) {
   constexpr std::string_view PARTS[] = {"m,a=b ", "m ",  "s=\"", "\"",      "\\", "\n",      "\r\n",      ",",
                                         "=",      "f=1", " 5\n", "g=\"x\"", "#",  "m f=1\n", "\nm f=2\n", " "};
   uint64_t n_long = 0, n_points = 0;
-  for (int i = 0; i < 50'000; ++i) {
+  for (int i = 0; i < 50'000 / EVERY; ++i) {
     std::string text;
     for (uint32_t n = 1 + random() % 12; n > 0; --n) text += PARTS[random() % std::size(PARTS)];
     SCOPED_TRACE(text);

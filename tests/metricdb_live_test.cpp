@@ -4,6 +4,7 @@
 #include <atomic>
 #include <thread>
 
+#include "extent.h"
 #include "metricdb_support.h"
 #include "query/store_source.h"
 
@@ -72,7 +73,7 @@ class LiveReading : public testing::TestWithParam<Scenario> {};
 // The writer raises the values from the first point to the last, again and again. At each moment no value is larger than
 // that of an earlier point, and the smallest is at most 1 less than the largest.
 TEST(LiveReplacing, EachReadIsOfOneMoment) {
-  constexpr int N_POINTS = 100, N_ROUNDS = 5'000;
+  constexpr int N_POINTS = 100, N_ROUNDS = 5'000 / EVERY;
   Store store;
   store.go_live();
   const uint32_t series = store.series_of(key_of(1));

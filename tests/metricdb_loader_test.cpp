@@ -1,4 +1,5 @@
 // Loading with cached heads, and the check of loaded points.
+#include "extent.h"
 #include "metricdb_support.h"
 #include "store/series_cache.h"
 
@@ -124,10 +125,11 @@ TEST(RepeatedPoints, BatchesThatAreSentAgainChangeNothing) {
   SCOPED_TRACE(SEED);
   std::mt19937 random(SEED);
   std::vector<std::string> batches;
-  for (int batch = 0; batch < 40; ++batch) {
+  constexpr uint32_t N_BATCHES = 40 / EVERY;
+  for (uint32_t batch = 0; batch < N_BATCHES; ++batch) {
     std::string text;
-    for (int i = 0; i < 400; ++i) {
-      const int time = batch * 400 + i;
+    for (uint32_t i = 0; i < 400; ++i) {
+      const uint32_t time = batch * 400 + i;
       text += fmt::format("m a={} {}\nm b={} {}\n", random() % 100, time, random() % 100,
                           time / 100 * 100 + 99 - time % 100);
     }
@@ -144,7 +146,7 @@ TEST(RepeatedPoints, BatchesThatAreSentAgainChangeNothing) {
     ASSERT_EQ(again.n_points(), once.n_points()) << "after batch " << batch;
   }
   EXPECT_EQ(content_of(again), content_of(once));
-  EXPECT_EQ(once.n_points(), 40u * 800);
+  EXPECT_EQ(once.n_points(), N_BATCHES * 800);
 }
 
 TEST(RepeatedPoints, TheLastValueOfATimeWins) {

@@ -3,6 +3,7 @@
 #include <limits>
 
 #include "cli/input.h"
+#include "extent.h"
 #include "extra/proc_sampler.h"
 #include "metricdb_support.h"
 #include "query/report.h"
@@ -21,7 +22,7 @@ TEST(Store, FullPoolStopsALoadAtItsLine) {
 // The chunks at the end of a chain are joined, and an end of the database joins them with the open points: the chain stays short
 // whether points come all at once or a few between two openings. The slots of what was joined become free.
 TEST(Store, ChainsAreJoinedAndPacked) {
-  for (const int per_opening : {100'000, 700, 37}) {
+  for (const int per_opening : {100'000, 700, 37 * EVERY}) {
     SCOPED_TRACE(per_opening);
     constexpr uint32_t N_SERIES = 5;
     constexpr int N_POINTS = 6'000;
