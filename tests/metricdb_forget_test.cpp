@@ -61,8 +61,8 @@ TEST(Retention, ForgottenSeriesReturnsAsNew) {
 }
 
 TEST(Reuse, ReplacesTheSeriesInactiveLongest) {
-  // A memory slot holds one chunk of 128 points, or several smaller ones.
-  Store store({.point_slot_bytes = 16 + 128 * 16, .forgetting = {.idle_ns = 100, .reuse_inactive_pct = 50}});
+  // A memory slot holds one open chunk of 32 points, or several smaller chunks.
+  Store store({.point_slot_bytes = 16 + 32 * 16, .forgetting = {.idle_ns = 100, .reuse_inactive_pct = 50}});
   load(store, "b f=1 1\n" + points_text("a f", 1, 84) + "b f=2 100\nc f=1 205\nd f=1 205\n");
   store.sweep();
   const uint32_t a = slot_of(store, "a f");
@@ -77,13 +77,13 @@ TEST(Reuse, ReplacesTheSeriesInactiveLongest) {
   store.sweep();
   EXPECT_EQ(store.n_inactive(), 4u);
 
-  const uint32_t free_before = lists_of(store.points())->n_free;
+  const uint64_t released_before = store.forgotten().point_slots;
   load(store, "new f=1 401\n");
   EXPECT_EQ(slot_of(store, "new f"), a) << "a was last written at 84, d at 205, b at 206, e at 207";
   EXPECT_EQ(store.forgotten().series_reused, 1u);
-  EXPECT_EQ(store.forgotten().chunks, 1u);
+  EXPECT_EQ(store.forgotten().chunks, 2u);
   EXPECT_EQ(store.forgotten().points, 84u);
-  EXPECT_EQ(lists_of(store.points())->n_free, free_before + 1) << "the slot of a's large chunk is not released";
+  EXPECT_EQ(store.forgotten().point_slots, released_before + 1) << "the slot of a's large chunk is not released";
   const Content expected = {
       {"b f", "1@1 2@100 3@206 "}, {"c f", "1@205 2@400 "}, {"d f", "1@205 "}, {"e f", "1@207 "}, {"new f", "1@401 "}};
   EXPECT_EQ(content_of(store), expected);
@@ -210,6 +210,6 @@ TEST(Report, ForgottenData) {
   for (const char *line :
        {"\npoints per s     202 (1.000 s", "series           2, 1 inactive\n", "points           202\n",
         "visible points   6, 67 hidden\n", "forgotten        128 points in 1 chunks, 1 late; 0 series aged, 0 reused\n",
-        "points swept     1 memory slots released; last sweep: 0 free before, 0 after; "})
+        "points swept     1 memory slots released; last sweep: 0 free before, 1 after; "})
     EXPECT_THAT(summary, HasSubstr(line));
 }

@@ -1,5 +1,7 @@
 // InfluxQL: the answers to statements.
+#include <algorithm>
 #include <array>
+#include <cmath>
 #include <limits>
 #include <random>
 
@@ -9,6 +11,7 @@
 #include "query/influxql.h"
 #include "query/influxql_execute.h"
 #include "query/influxql_parser.h"
+#include "query/store_source.h"
 
 namespace metricdb {
 
@@ -536,6 +539,55 @@ TEST(Influxql, PartsOfManySeries) {
   }
   EXPECT_EQ(values_of("parts", " GROUP BY zone", 4, 20).size(), 20u);
   EXPECT_THROW(values_of("parts", " GROUP BY zone", 4, 19), influxql::ExecutionFailed);
+}
+
+// Of a store whose long chunks have summaries, and of the same points without a store. Some series have points at earlier times,
+// again at the same times, or that are not numbers, so that some chunks overlap others or have no summary.
+TEST(Influxql, SummariesOfChunksChangeNoAnswer) {
+  std::mt19937 random(11);
+  constexpr int N = 7'000;
+  size_t n_summaries = 0;
+  for (int round = 0; round < 8; ++round) {
+    SCOPED_TRACE(round);
+    Store store;
+    store.go_live();
+    MemorySource plain;
+    for (const bool are_integers : {false, true}) {
+      const std::string host = are_integers ? "a" : "b";
+      const ValueType type = are_integers ? ValueType::integer : ValueType::real;
+      std::vector<Point> points;
+      const uint32_t series = store.series_of(fmt::format("m,host={} v", host), type);
+      for (int i = 0; i < N; ++i) {
+        // In quarters, so that sums are exact.
+        const int value = static_cast<int>(random() % 4'000) - 2'000;
+        int at = i;
+        if (round % 2 != 0 && random() % 700 == 0) at -= static_cast<int>(random() % 3'000);
+        const bool is_number = round % 4 < 2 || are_integers || random() % 2'000 != 0;
+        const int64_t ts_ns = at * SECOND_NS;
+        const Point point = are_integers ? integer_point(ts_ns, value) : Point{ts_ns, is_number ? value / 4.0 : NAN};
+        store.append(series, point);
+        points.push_back(point);
+      }
+      if (round % 3 == 0) store.pack(0);
+      std::stable_sort(points.begin(), points.end(), [](auto &a, auto &b) { return a.ts_ns < b.ts_ns; });
+      plain.add("m", {{"host", host}}, "v", {});
+      plain.set_last(points, type);
+    }
+    const StoreSource source(store);
+    for (const char *range : {"", " WHERE time >= 1000s AND time < 6500s", " WHERE time >= 2000s AND time <= 2001s"})
+      for (const char *group : {"", " GROUP BY host", " GROUP BY time(1000s),host", " GROUP BY time(3000s)"})
+        for (const char *functions :
+             {"count(v),sum(v),mean(v),min(v),max(v),first(v),last(v),spread(v)", "max(v)", "min(v)", "first(v)",
+              "last(v)", "stddev(v),count(v)", "percentile(v,90),sum(v)"}) {
+          const std::string text = fmt::format("SELECT {} FROM m{}{}", functions, range, group);
+          const InfluxqlRequest request{.text = text, .now_ns = N * SECOND_NS};
+          EXPECT_EQ(answer_influxql(source, request, {}).body, answer_influxql(plain, request, {}).body) << text;
+        }
+    PointList list;
+    source.read(0, {.is_summary_enough = [](int64_t, int64_t) { return true; }}, list);
+    n_summaries += list.summaries.size();
+  }
+  EXPECT_GT(n_summaries, 4u) << "too few summaries were used";
 }
 
 TEST(Influxql, InterruptedQueries) {

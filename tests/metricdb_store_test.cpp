@@ -55,6 +55,29 @@ TEST(Store, ChainsAreJoinedAndPacked) {
   }
 }
 
+// The points of a short series are in one sealed chunk, which grows in place, and a small open one.
+TEST(Store, ShortSeriesTakeLittleMemory) {
+  constexpr uint32_t N_SERIES = 200;
+  const struct {
+    uint32_t n_points;
+    uint64_t max_bytes;  // of a series, with what was deleted
+  } rows[] = {{1, 150}, {9, 270}, {33, 270}, {64, 900}, {128, 3'200}};
+  Store store;
+  std::string text;
+  uint32_t n_points = 0;
+  for (const auto &row : rows) {
+    for (; n_points < row.n_points; ++n_points)
+      for (uint32_t s = 0; s < N_SERIES; ++s) {
+        const std::string line = fmt::format("m,n={} f={} {}\n", s, 50 + (n_points * (s + 7) % 5), n_points * 10);
+        load(store, line);
+        text += line;
+      }
+    EXPECT_LE(store.point_bytes().used / N_SERIES, row.max_bytes) << row.n_points;
+    EXPECT_LE(store.record(0).n_sealed(), 1u);
+    expect_checked(checked(store, text), N_SERIES * n_points, 0, "");
+  }
+}
+
 using Files = Folder;
 
 TEST_F(Files, InputIsReadTwiceOrHeld) {

@@ -30,14 +30,30 @@ inline double real_of(const Point &point, ValueType type) {
   return type == ValueType::integer ? static_cast<double>(integer_of(point)) : point.value;
 }
 
+// Several points of one type with different times, at least one.
+struct PointSummary {
+  uint64_t n;
+  Point first, last;  // in time
+  Point min, max;     // the earliest of those with this value
+  double sum;         // in a series of integers: the bits of an int64_t, which has not wrapped
+};
+
 // Points of one type.
 struct PointList {
   ValueType type = ValueType::real;
   std::vector<Point> points = {};
+  std::vector<PointSummary> summaries = {};  // of further points
+
+  bool is_empty() const { return points.empty() && summaries.empty(); }
 
   // Rounds integers above 2^53.
   void make_real() {
-    for (Point &point : points) point.value = real_of(point, type);
+    const auto convert = [this](Point &point) { point.value = real_of(point, type); };
+    for (Point &point : points) convert(point);
+    for (PointSummary &summary : summaries) {
+      for (Point *const point : {&summary.first, &summary.last, &summary.min, &summary.max}) convert(*point);
+      summary.sum = real_of({0, summary.sum}, type);
+    }
     type = ValueType::real;
   }
 };

@@ -286,7 +286,7 @@ size_t n_regular(const PointList &list) {
 }  // namespace
 
 void read_points(const Environment &environment, const FoundSeries &series, int64_t from_ns, int64_t to_ns,
-                 PointList &list, Wanted wanted) {
+                 PointList &list, Wanted wanted, const std::function<bool(int64_t, int64_t)> &is_summary_enough) {
   check_interruption(environment);
   const size_t n_max = environment.limits.n_points;
   bool is_cut = false;
@@ -298,7 +298,8 @@ void read_points(const Environment &environment, const FoundSeries &series, int6
                                [&](size_t n_points) {
                                  is_cut = n_points > n_max || is_interrupted(environment);
                                  return !is_cut;
-                               }},
+                               },
+                           .is_summary_enough = is_summary_enough},
                           list);
   if (is_cut) check_interruption(environment);
   if (is_cut || list.points.size() > n_max)

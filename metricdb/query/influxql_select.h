@@ -44,9 +44,10 @@ enum class Wanted {
 };
 
 // Sets the points of a series in a range of time: one for each time, and with a number. The last one to arrive at a time
-// is used.
+// is used. Some can be in summaries, for whose time span is_summary_enough(oldest_ns, newest_ns) is true.
 void read_points(const Environment &environment, const FoundSeries &series, int64_t from_ns, int64_t to_ns,
-                 PointList &list, Wanted wanted = Wanted::all);
+                 PointList &list, Wanted wanted = Wanted::all,
+                 const std::function<bool(int64_t, int64_t)> &is_summary_enough = {});
 
 // Calls row(ts_ns, values) for each time at which one of the lists has a point, in order. The times of each list are
 // ascending and different.

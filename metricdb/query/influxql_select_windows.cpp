@@ -63,9 +63,10 @@ class WindowPart {
       add_aggregated(member.name.field, *aggregated);
       return;
     }
-    read_points(selection.environment, member, plan_.from_ns, selection.to_ns, list_, wanted_of(member));
-    if (list_.points.empty()) return;
-    cover(plan_.grid.number_of(list_.points.front().ts_ns), plan_.grid.number_of(list_.points.back().ts_ns));
+    read_points(selection.environment, member, plan_.from_ns, selection.to_ns, list_, wanted_of(member),
+                summaries_of(member));
+    if (list_.is_empty()) return;
+    cover_list();
     std::vector<Aggregation *> of_integers, of_reals;
     for (size_t i = 0; i < aggregations_.size(); ++i) {
       if (selection.columns.leaves[i].name != member.name.field) continue;
@@ -126,8 +127,20 @@ class WindowPart {
     }
   }
 
+  void cover_list() {
+    const WindowGrid &grid = plan_.grid;
+    if (!list_.points.empty())
+      cover(grid.number_of(list_.points.front().ts_ns), grid.number_of(list_.points.back().ts_ns));
+    for (const PointSummary &summary : list_.summaries)
+      cover(grid.number_of(summary.first.ts_ns), grid.number_of(summary.last.ts_ns));
+  }
+
   void add_to_all(std::span<Aggregation *const> aggregations) {
     if (aggregations.empty()) return;
+    for (const PointSummary &summary : list_.summaries) {
+      const auto window = static_cast<size_t>(plan_.grid.number_of(summary.first.ts_ns) - first_number_);
+      for (Aggregation *const aggregation : aggregations) aggregation->add(window, summary);
+    }
     for (std::span<const Point> rest(list_.points); !rest.empty();) {
       const size_t n = plan_.grid.length_of_run(rest);
       const auto window = static_cast<size_t>(plan_.grid.number_of(rest[0].ts_ns) - first_number_);
@@ -144,6 +157,15 @@ class WindowPart {
     };
     const std::vector<Leaf> &leaves = plan_.selection.columns.leaves;
     return std::all_of(leaves.begin(), leaves.end(), needs_newest) ? Wanted::newest : Wanted::all;
+  }
+
+  // Which summaries of the series' points have all that the functions need: of points in one window.
+  std::function<bool(int64_t, int64_t)> summaries_of(const FoundSeries &member) const {
+    for (size_t i = 0; i < aggregations_.size(); ++i)
+      if (plan_.selection.columns.leaves[i].name == member.name.field && !aggregations_[i].takes_summaries()) return {};
+    return [&grid = plan_.grid](int64_t oldest_ns, int64_t newest_ns) {
+      return grid.number_of(oldest_ns) == grid.number_of(newest_ns);
+    };
   }
 
   void check_kept(size_t n_more) {

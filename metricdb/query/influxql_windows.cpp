@@ -213,6 +213,26 @@ void Aggregation::add(size_t window, std::span<const Point> points) {
   cell.n += points.size();
 }
 
+void Aggregation::add(size_t window, const PointSummary &summary) {
+  Cell &cell = cells_[window];
+  switch (function_) {
+    case Function::sum:
+    case Function::mean:
+      add_values(cell, std::array{Point{0, summary.sum}});
+      break;
+    case Function::first:
+      add_values(cell, {&summary.first, 1});
+      break;
+    case Function::last:
+      add_values(cell, {&summary.last, 1});
+      break;
+    default:
+      add_values(cell, std::array{summary.min, summary.max});  // of no use to a count
+      break;
+  }
+  cell.n += summary.n;
+}
+
 void Aggregation::merge(Aggregation &other, size_t at) {
   if (type_ == ValueType::real) other.make_real();
   if (other.type_ == ValueType::real) make_real();

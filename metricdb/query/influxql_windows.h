@@ -48,6 +48,9 @@ class Aggregation {
   // numbers of the aggregation's type.
   void add(size_t window, std::span<const Point> points);
 
+  // The same for points of which only this is known.
+  void add(size_t window, const PointSummary &summary);
+
   // Adds all windows of another aggregation of the same function. Its first one is window `at` here.
   void merge(Aggregation &other, size_t at);
 
@@ -59,6 +62,7 @@ class Aggregation {
   std::optional<WindowResult> result(size_t window);
 
   bool keeps_points() const { return function_ == Function::percentile; }
+  bool takes_summaries() const { return !keeps_points() && function_ != Function::stddev; }
   Function function() const { return function_; }
   bool has_function(Function function, double percent) const { return function_ == function && percent_ == percent; }
   size_t n_windows() const { return cells_.size(); }

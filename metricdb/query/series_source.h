@@ -22,6 +22,9 @@ struct SeriesRead {
   bool is_newest_enough = false;
   // Called now and then with the number of points so far. If it returns false the reading ends, with any points.
   std::function<bool(size_t n_points)> goes_on = {};
+  // With one, the list may get summaries of points for whose time span it returns true, in place of these points. No two
+  // points of a summary, and none of the list, have the same time as another.
+  std::function<bool(int64_t oldest_ns, int64_t newest_ns)> is_summary_enough = {};
 };
 
 class SeriesSource {

@@ -22,9 +22,11 @@ void StoreSource::read(uint32_t series, const SeriesRead &what, PointList &list)
 
 void StoreSource::read_as(LiveRead how, uint32_t series, const SeriesRead &what, PointList &list) const {
   list.points.clear();
+  list.summaries.clear();
   const auto stamp = stamps_.find(series);
   if (stamp == stamps_.end()) return;
-  read_live(store_, {series, stamp->second}, {what.from_ns, what.to_ns}, list, how, what.goes_on);
+  read_live(store_, {series, stamp->second}, {what.from_ns, what.to_ns}, list, how, what.goes_on,
+            what.is_summary_enough);
   std::vector<Point> &points = list.points;
   const auto is_earlier = [](const Point &a, const Point &b) { return a.ts_ns < b.ts_ns; };
   if (!std::is_sorted(points.begin(), points.end(), is_earlier))

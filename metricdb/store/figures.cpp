@@ -10,10 +10,11 @@
 namespace metricdb {
 namespace {
 
-constexpr std::string_view MAGIC = "metricdb 5\n";  // the version of the database
-// The following lines are the same. Programs of version 4 cannot read coded numbers (coded_numbers.h), and need an open chunk
+constexpr std::string_view MAGIC = "metricdb 6\n";  // the version of the database
+// The following lines are the same. Programs of version 5 cannot read chunks with a summary, or with room for more points
+// (sealed_chunk.h); those of version 4 cannot read coded numbers (coded_numbers.h), and need an open chunk
 // beside sealed ones; those of version 3 can read runs (point_codec.h) only.
-constexpr std::string_view OLDER_MAGICS[] = {"metricdb 4\n", "metricdb 3\n"};
+constexpr std::string_view OLDER_MAGICS[] = {"metricdb 5\n", "metricdb 4\n", "metricdb 3\n"};
 constexpr int MAX_SLOT_BYTES = 1 << 24;  // the limit of addresses
 
 // Calls `field` for each line, in order, with the limits for the reader.

@@ -28,9 +28,10 @@ enum class Outcome { done, gone, moved };
 class Reader {
  public:
   Reader(const Store &store, const LiveSeries &which, const TimeRange &range, PointList &list, LiveRead what,
-         const std::function<bool(size_t)> &goes_on)
+         const std::function<bool(size_t)> &goes_on, const IsSummaryEnough &is_summary_enough)
       : what_(what),
         goes_on_(goes_on),
+        is_summary_enough_(is_summary_enough),
         store_(store),
         live_(*store.live()),
         which_(which),
@@ -41,11 +42,13 @@ class Reader {
 
   Outcome attempt() {
     points_.clear();
+    list_.summaries.clear();
     if (versions_ == nullptr) return Outcome::gone;
     chain_seen_ = versions_->chain.begin_read();
     if (const Outcome outcome = copy_head(); outcome != Outcome::done) return outcome;
     list_.type = head_.record.type();
     if (what_ == LiveRead::newest && !find_newest()) return Outcome::moved;
+    if (is_summary_enough_ && !find_alone()) return Outcome::moved;
     if (!walk_chain()) return Outcome::moved;
     for (uint32_t i = 0; i < head_.n_open; ++i) add(point_at(head_.open.data(), i));
     return Outcome::done;
@@ -111,8 +114,12 @@ class Reader {
 
   bool walk_chain() {
     const int64_t from_ns = what_ == LiveRead::newest ? needed_from_ns_ : range_.from_ns;
+    size_t number = 0;
     const bool is_complete = for_each_sealed([&](const SealedChunk &sealed, const char *chunk) {
+      const bool is_alone = is_summary_enough_ && is_alone_[number];
+      ++number;
       if (sealed.newest_ns < from_ns || sealed.oldest_ns > range_.to_ns) return true;
+      if (is_alone && is_summary_enough(sealed)) return add_summary(sealed, chunk);
       if (!add_sealed(sealed, chunk)) return false;
       is_stopped_ = goes_on_ && !goes_on_(points_.size());
       return !is_stopped_;
@@ -120,9 +127,42 @@ class Reader {
     return is_complete || is_stopped_;
   }
 
+  // Sets `is_alone_`: for each chunk, whether no other point of the series has a time in its span.
+  bool find_alone() {
+    std::vector<TimeRange> spans;
+    const bool is_complete = for_each_sealed([&spans](const SealedChunk &sealed, const char *) {
+      spans.push_back({sealed.oldest_ns, sealed.newest_ns});
+      return true;
+    });
+    is_alone_.resize(spans.size());
+    int64_t newest_before_ns = INT64_MIN, oldest_after_ns = INT64_MAX;
+    for (size_t i = 0; i < spans.size(); ++i) {
+      is_alone_[i] = i == 0 || spans[i].from_ns > newest_before_ns;
+      newest_before_ns = std::max(newest_before_ns, spans[i].to_ns);
+    }
+    for (uint32_t i = 0; i < head_.n_open; ++i)
+      oldest_after_ns = std::min(oldest_after_ns, point_at(head_.open.data(), i).ts_ns);
+    for (size_t i = spans.size(); i-- > 0; oldest_after_ns = std::min(oldest_after_ns, spans[i].from_ns))
+      if (spans[i].to_ns >= oldest_after_ns) is_alone_[i] = false;
+    return is_complete;
+  }
+
+  bool is_summary_enough(const SealedChunk &sealed) const {
+    return sealed.has_summary() && sealed.oldest_ns >= range_.from_ns && sealed.newest_ns <= range_.to_ns &&
+           is_summary_enough_(sealed.oldest_ns, sealed.newest_ns);
+  }
+
+  bool add_summary(const SealedChunk &sealed, const char *chunk) {
+    ChunkSummary summary;
+    copy_racing(&summary, chunk + sizeof sealed, sizeof summary);
+    if (!versions_->chain.is_unchanged(chain_seen_)) return false;
+    list_.summaries.push_back(summary_of(sealed, summary));
+    return true;
+  }
+
   bool add_sealed(const SealedChunk &sealed, const char *chunk) {
     encoded_.resize(sealed.bytes);
-    copy_racing(encoded_.data(), chunk + sizeof sealed, sealed.bytes);
+    copy_racing(encoded_.data(), chunk + head_bytes_of(sealed), sealed.bytes);
     if (!versions_->chain.is_unchanged(chain_seen_)) return false;
     const size_t n_added_before = points_.size();
     open_chunk(sealed, encoded_.data(), head_.record.type(), points_);
@@ -142,6 +182,7 @@ class Reader {
 
   const LiveRead what_;
   const std::function<bool(size_t)> &goes_on_;
+  const IsSummaryEnough &is_summary_enough_;
   bool is_stopped_ = false;
   const Store &store_;
   const LiveState &live_;
@@ -154,13 +195,14 @@ class Reader {
   int64_t needed_from_ns_ = INT64_MIN;
   Head head_;
   std::vector<char> encoded_;
+  std::vector<bool> is_alone_;  // by sealed chunk
 };
 
 }  // namespace
 
 void read_live(const Store &store, const LiveSeries &which, const TimeRange &range, PointList &list, LiveRead what,
-               const std::function<bool(size_t)> &goes_on) {
-  Reader reader(store, which, range, list, what, goes_on);
+               const std::function<bool(size_t)> &goes_on, const IsSummaryEnough &is_summary_enough) {
+  Reader reader(store, which, range, list, what, goes_on, is_summary_enough);
   for (int i = 0; i < MAX_ATTEMPTS; ++i) {
     if (reader.attempt() != Outcome::moved) return;
     n_repeated.fetch_add(1, std::memory_order_relaxed);

@@ -2,12 +2,13 @@
 //
 //   catalogue   slot array, one record per series (series_record.h). Its index is the number of the series.
 //   keys        big-buffer pool, one chunk per series: its key and a terminating zero.
-//   points      bit-vector pool. The newest points of a series are in its open chunk, unencoded. An open chunk grows
-//               from 8 over 32 to 128 points, so that a short series needs little memory. When it has 128 points it is
+//   points      bit-vector pool. The newest points of a series are in its open chunk, unencoded. When that is full it is
 //               sealed: its points are encoded (sealed_chunk.h) into a chunk of the necessary length, which is appended
-//               to the series' chain of sealed chunks, and the open chunk is empty again. When the chunks at the end of
-//               the chain have about 2,048 points they are joined into one, which needs fewer bytes a point
-//               (store_join.cpp). The order of arrival is kept.
+//               to the series' chain of sealed chunks, and the open chunk is empty again. The first 128 points of a
+//               series go to one sealed chunk instead, and its open chunk has room for 8, later 32 points, so that a
+//               short series needs little memory; then it has room for 128. When the chunks at the end of the chain have
+//               about 2,048 points they are joined into one, which needs fewer bytes a point (store_join.cpp). The order
+//               of arrival is kept.
 //               An erasure (erasure.h) replaces sealed chunks by ones with fewer points.
 //
 // No stored structure contains a pointer: chunks are named by addresses, which are valid wherever the memory is mapped.
@@ -269,8 +270,12 @@ class Store {
   void grow_or_seal(uint32_t series, Tail &tail);
   void grow_open(uint32_t series, Tail &tail);
   void seal_open(uint32_t series, Tail &tail);
+  enum class Room { none, for_more };
   maddr_t seal_points(const char *points, uint32_t count, ValueType type, const srcaddr_t &referrer,
-                      const maddr_t &next);
+                      const maddr_t &next, Room room = Room::none);
+  void set_sealed(char *chunk, size_t n_bytes, size_t chunk_bytes) const;
+  bool add_open_to_short(uint32_t series, Tail &tail);
+  bool rewrite_short(uint32_t series, Tail &tail);
   void set_next(const maddr_t &chunk, const maddr_t &next);
   void set_referrer(const maddr_t &chunk, const srcaddr_t &referrer);
 

@@ -185,15 +185,17 @@ class SeriesAudit {
       };
       uint32_t bytes;
       const auto *const chunk = reinterpret_cast<const SealedChunk *>(points.claim(address, from, bytes, fail_chunk));
-      if (bytes < sizeof(SealedChunk) || bytes != sizeof(SealedChunk) + padded(chunk->bytes))
-        fail_chunk(fmt::format("has {} bytes, which is not the size of its points", bytes));
-      if (chunk->count() == 0 || chunk->count() > MAX_SEALED_CHUNK_POINTS)
+      const bool is_whole = bytes >= sizeof(SealedChunk);
+      if (is_whole && (chunk->count() == 0 || chunk->count() > MAX_SEALED_CHUNK_POINTS))
         fail_chunk(fmt::format("holds {} points", chunk->count()));
+      const size_t needed = is_whole ? padded_bytes_of(*chunk) : sizeof(SealedChunk);
+      if (bytes < needed || (bytes > needed && chunk->count() > MAX_POINTS_WITH_ROOM))
+        fail_chunk(fmt::format("has {} bytes, which is not the size of its points", bytes));
       const bool is_last = number + 1 == record_.n_sealed();
       if (is_last && bits_of(address) != bits_of(record_.last_sealed()))
         fail("its last sealed chunk is not the end of its chain");
       if (is_last && bits_of(chunk->next) != 0) fail_chunk("is the last one, but names a next chunk");
-      expect_points(*chunk, fail_chunk);
+      expect_points(*chunk, bytes, fail_chunk);
       n_points_ += chunk->count();
       from = referrer_in_chunk(address);
       address = chunk->next;
@@ -220,13 +222,13 @@ class SeriesAudit {
   }
 
   template <class Fail>
-  void expect_points(const SealedChunk &chunk, Fail fail_chunk) {
+  void expect_points(const SealedChunk &chunk, uint32_t bytes, Fail fail_chunk) {
     chunk_points_.clear();
     const bool is_whole = open_chunk(chunk, bytes_of(&chunk), record_.type(), chunk_points_);
-    const char *const end = bytes_of(&chunk) + chunk.bytes;
-    const bool is_padded =
-        std::all_of(end, bytes_of(&chunk) + padded(chunk.bytes), [](char byte) { return byte == '\0'; });
+    const char *const end = bytes_of(&chunk) + chunk.bytes, *const begin = reinterpret_cast<const char *>(&chunk);
+    const bool is_padded = std::all_of(end, begin + bytes, [](char byte) { return byte == '\0'; });
     if (!is_whole || !is_padded) fail_chunk("cannot be read");
+    if (chunk.has_summary() && !has_its_summary(chunk)) fail_chunk("has another summary than its points");
     int64_t oldest_ns = INT64_MAX;
     int64_t newest_ns = INT64_MIN;
     for (const Point &point : chunk_points_) {
@@ -236,6 +238,13 @@ class SeriesAudit {
     if (oldest_ns != chunk.oldest_ns || newest_ns != chunk.newest_ns)
       fail_chunk(fmt::format("holds times from {} to {}, but its header has others", oldest_ns, newest_ns));
     expect_time(newest_ns);
+  }
+
+  // Of the points in chunk_points_.
+  bool has_its_summary(const SealedChunk &chunk) const {
+    const std::optional<ChunkSummary> summary =
+        summarize(reinterpret_cast<const char *>(chunk_points_.data()), chunk_points_.size(), record_.type());
+    return summary && std::memcmp(&*summary, &chunk + 1, sizeof *summary) == 0;
   }
 
   void expect_time(int64_t ts_ns) const {

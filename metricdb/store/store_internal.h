@@ -40,6 +40,11 @@ inline constexpr size_t padded(size_t bytes) {
   return (bytes + TSLB_BV_UNIT_BYTES - 1) / TSLB_BV_UNIT_BYTES * TSLB_BV_UNIT_BYTES;
 }
 
+// Bytes of a sealed chunk, without room for more points.
+inline size_t padded_bytes_of(const SealedChunk &chunk) {
+  return padded(head_bytes_of(chunk) + chunk.bytes);
+}
+
 inline DynMemHdr_t *header_of(dynmem_t *pool) {
   return static_cast<DynMemHdr_t *>(tslb_da_get_usrhdr(pool));
 }

@@ -196,7 +196,7 @@ maddr_t Store::move_sealed(uint32_t series, Tail &tail, const maddr_t *previous,
   const maddr_t fresh = copy_chunk(
       address,
       previous == nullptr ? referrer_of(CATALOGUE_TABLE, series, FIRST_SEALED_REFERENCE) : referrer_in_chunk(*previous),
-      sizeof *chunk + padded(chunk->bytes));
+      compat_of(points_.data(address))->mchunk_len);
   const LiveChange change(live_.get(), LiveChange::CHAIN, series);
   if (previous == nullptr)
     record.set_first_sealed(fresh);

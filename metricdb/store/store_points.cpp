@@ -57,7 +57,10 @@ void Store::make_room(uint32_t series) {
 void Store::grow_or_seal(uint32_t series, Tail &tail) {
   mark_changed(series, tail);
   const LiveChange change(live_.get(), LiveChange::HEAD, series);
-  if (tail.capacity != SEALED_POINTS) return grow_open(series, tail);
+  if (tail.capacity != SEALED_POINTS) {
+    if (tail.capacity == 0 || !add_open_to_short(series, tail)) grow_open(series, tail);
+    return;
+  }
   seal_open(series, tail);
   while (tail.n_short_points + SEALED_POINTS > MAX_JOINED_POINTS && join_short(series, tail)) continue;
 }
@@ -81,16 +84,89 @@ void Store::grow_open(uint32_t series, Tail &tail) {
 
 // Puts points into a new sealed chunk, which `referrer` is to refer to. Throws StoreFull before anything changes.
 maddr_t Store::seal_points(const char *points, uint32_t count, ValueType type, const srcaddr_t &referrer,
-                           const maddr_t &next) {
+                           const maddr_t &next, Room room) {
   sealed_.resize(max_sealed_chunk_bytes(count));
   const size_t bytes = seal_chunk(points, count, type, sealed_.data());
   reinterpret_cast<SealedChunk *>(sealed_.data())->next = next;
   maddr_t address;
-  char *const chunk = points_.take(padded(bytes), referrer, address);
-  std::memcpy(chunk, sealed_.data(), bytes);
-  std::memset(chunk + bytes, 0, padded(bytes) - bytes);
-  points_.log_data(address, padded(bytes));
+  // Points that are added need less than a quarter of these bytes mostly, because they share the header.
+  const size_t chunk_bytes = padded(room == Room::none ? bytes : bytes + bytes / 4 + 32);
+  set_sealed(points_.take(chunk_bytes, referrer, address), bytes, chunk_bytes);
+  points_.log_data(address, chunk_bytes);
   return address;
+}
+
+// Writes the first bytes of sealed_, and zeros after them.
+void Store::set_sealed(char *chunk, size_t n_bytes, size_t chunk_bytes) const {
+  std::memcpy(chunk, sealed_.data(), n_bytes);
+  std::memset(chunk + n_bytes, 0, chunk_bytes - n_bytes);
+}
+
+// A series with few points keeps most of them in one sealed chunk, and has a small open one beside it: a hundred bytes and
+// 128, in place of an open chunk of 2,048. When the open chunk is full, its points are added to the sealed one, in place if
+// there is room. Returns false if this is not such a series, or if there is no room for another chunk.
+bool Store::add_open_to_short(uint32_t series, Tail &tail) {
+  const SeriesRecord &record = tail.record;
+  const uint32_t n_points = tail.n_short_points + tail.n_open;
+  if (n_points > MAX_POINTS_WITH_ROOM || tail.n_short > 1 || (tail.n_short == 0 && record.n_sealed() != 0))
+    return false;
+  if (is_being_erased(series)) return false;
+  joined_.clear();
+  if (tail.n_short != 0) {
+    const SealedChunk *const chunk = sealed_at(record.last_sealed());
+    open_chunk(*chunk, bytes_of(chunk), tail.type, joined_);
+  }
+  for (uint32_t i = 0; i < tail.n_open; ++i) joined_.push_back(point_at(tail.open, i));
+  if (tail.n_short == 0 || !rewrite_short(series, tail)) {
+    const bool is_only = record.n_sealed() == tail.n_short;
+    const srcaddr_t referrer =
+        is_only ? referrer_of(CATALOGUE_TABLE, series, FIRST_SEALED_REFERENCE) : referrer_in_chunk(tail.before_short);
+    try {
+      const maddr_t fresh = seal_points(reinterpret_cast<const char *>(joined_.data()), n_points, tail.type, referrer,
+                                        {}, n_points < MAX_POINTS_WITH_ROOM ? Room::for_more : Room::none);
+      if (tail.n_short == 0) {
+        record.set_first_sealed(fresh);
+        record.set_last_sealed(fresh);
+        record.set_n_sealed(1);
+      } else {
+        replace_short(series, tail, record.last_sealed(), fresh, 1);
+      }
+    } catch (const StoreFull &) {
+      return false;
+    }
+  }
+  record.set_n_open(0);
+  tail.n_open = tail.n_logged = 0;
+  tail.n_short = 1;
+  tail.n_short_points = n_points;
+  // Larger chunks as the series gets longer: it is encoded again each time.
+  const uint32_t capacity = n_points >= SEALED_POINTS       ? SEALED_POINTS
+                            : n_points >= SEALED_POINTS / 2 ? 32
+                                                            : FIRST_CAPACITY;
+  if (capacity <= tail.capacity) return true;
+  try {
+    grow_open(series, tail);
+  } catch (const StoreFull &) {
+    // The smaller one is empty.
+  }
+  return true;
+}
+
+// Encodes the points in joined_ into the short chunk. Returns false if they do not fit.
+bool Store::rewrite_short(uint32_t series, Tail &tail) {
+  const maddr_t address = tail.record.last_sealed();
+  char *const chunk = points_.data(address);
+  const size_t chunk_bytes = compat_of(chunk)->mchunk_len;
+  sealed_.resize(max_sealed_chunk_bytes(joined_.size()));
+  const size_t bytes =
+      seal_chunk(reinterpret_cast<const char *>(joined_.data()), joined_.size(), tail.type, sealed_.data());
+  if (padded(bytes) > chunk_bytes) return false;
+  const LiveChange change(live_.get(), LiveChange::CHAIN, series);
+  set_sealed(chunk, bytes, chunk_bytes);
+  points_.log_data(address, chunk_bytes);
+  ++tail.n_moves;
+  ++n_moves_;
+  return true;
 }
 
 void Store::set_next(const maddr_t &chunk, const maddr_t &next) {
