@@ -143,8 +143,12 @@ function use() {
   const first = status()[0], byBytes = ink();
   [...part('map').querySelectorAll('button')].find(button => button.textContent === 'Status').click();
   const byStatus = ink();
+  const live = part('slots').querySelectorAll('th button')[2];
+  live.click();
+  live.click();
+  const fullest = rows('slots').map(row => row[0]).slice(0, 3), less = search('slots', 'live<50');
   search('slots', 'current');
-  return {whole, second, third, scrolls, zoomed, all, tip, first, byBytes, byStatus, dimmed: ink(), current: rows('slots')};
+  return {whole, second, third, scrolls, zoomed, all, tip, first, byBytes, byStatus, fullest, less, dimmed: ink(), current: rows('slots')};
 })");
   EXPECT_EQ(result["whole"], "18 slots");
   EXPECT_EQ(result["second"],
@@ -159,6 +163,8 @@ function use() {
   EXPECT_EQ(result["first"], "Slot 0: free");
   EXPECT_EQ(result["byBytes"][3], 0) << "a slot without chunks is hollow";
   EXPECT_EQ(result["byStatus"][3], 255);
+  EXPECT_EQ(result["fullest"], json_t({"1", "2", "0"})) << "slots without chunks come last";
+  EXPECT_EQ(result["less"], json_t({"1", "2"}));
   EXPECT_LT(result["dimmed"][3], 100) << "the search does not show in the map";
   EXPECT_EQ(result["current"], json_t({{"2", "active, current", "38 %", "24", "0", "40"}}));
 }

@@ -1,7 +1,7 @@
 'use strict';
-// The script of the page, which is put together from this file, page_map.js, page_table.js and page_sections.js. Each section
-// of the page has its data as JSON: columns of numbers for the cells of the map, and rows of texts for the records. Texts are
-// only added as text, never as HTML.
+// The script of the page, which is put together from this file, page_map.js, page_table.js and page_sections.js. Each
+// section of the page has its data as JSON: columns of numbers for the cells of the map, and rows of texts for the
+// records. Texts are only added as text, never as HTML.
 
 const GROUP = new Intl.NumberFormat('en', {useGrouping: true});
 const shown = value => GROUP.format(value).replaceAll(',', '\u202F');
@@ -27,10 +27,15 @@ class Cells {
   last(i) { return Math.min(this.first(i) + this.perCell, this.slots) - 1; }
   size(i) { return this.last(i) - this.first(i) + 1; }
   count(use, i) { return this.uses[use] ? this.uses[use][i] : 0; }
+  holds(i, slot) { return this.first(i) <= slot && slot <= this.last(i); }
+  // Bytes of a pool's slots.
+  deleted(i) { return this.pool.used[i] - this.pool.live[i]; }
+  unused(i) { return Math.max(this.pool.room[i] - this.pool.used[i], 0); }
   // Share of the bytes that are in live chunks. Undefined if no slot of the cell can have chunks.
   live(i) { return this.pool && this.pool.room[i] ? Math.min(this.pool.live[i] / this.pool.room[i], 1) : undefined; }
   title(i) {
-    return this.size(i) === 1 ? `Slot ${shown(this.first(i))}` : `Slots ${shown(this.first(i))} to ${shown(this.last(i))}`;
+    const first = shown(this.first(i));
+    return this.size(i) === 1 ? `Slot ${first}` : `Slots ${first} to ${shown(this.last(i))}`;
   }
   // Lines of a tooltip: the number of a colour, or undefined, and a text.
   lines(i) {
@@ -41,10 +46,10 @@ class Cells {
     });
     if (this.strays.has(i)) lines.push([undefined, 'not on the list of its status']);
     if (this.live(i) === undefined) return lines;
-    const {live, used, room, current} = this.pool;
-    lines.push([undefined, `${shown(live[i])} of ${shown(room[i])} bytes in live chunks (${Math.round(100 * this.live(i))} %)`]);
-    lines.push([undefined, `${shown(used[i] - live[i])} bytes deleted, ${shown(Math.max(room[i] - used[i], 0))} without a chunk`]);
-    if (current !== undefined && Math.floor(current / this.perCell) === i) lines.push([undefined, `slot ${shown(current)} is current`]);
+    const {live, room, current} = this.pool, percent = Math.round(100 * this.live(i));
+    lines.push([undefined, `${shown(live[i])} of ${shown(room[i])} bytes in live chunks (${percent} %)`]);
+    lines.push([undefined, `${shown(this.deleted(i))} bytes deleted, ${shown(this.unused(i))} without a chunk`]);
+    if (this.holds(i, current)) lines.push([undefined, `slot ${shown(current)} is current`]);
     return lines;
   }
   text(i) { return `${this.title(i)}: ${this.lines(i).map(line => line[1]).join(', ')}`; }

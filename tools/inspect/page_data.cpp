@@ -103,7 +103,10 @@ json_t records_json(const report_t &report) {
   size_t n_chars = 0;
   for (const sample_t &sample : report.samples)
     if (n_chars < MAX_RECORDS_CHARS) rows.push_back(record_row(report, sample, &n_chars));
-  return {{"columns", record_columns(report)}, {"rows", rows}};
+  const statuses_t &counts = report.statuses;
+  const uint64_t n_records =
+      report.has_nodes ? report.geometry->n_present - counts.n_free - counts.n_unset : report.geometry->n_present;
+  return {{"columns", record_columns(report)}, {"isAll", rows.size() == n_records}, {"rows", rows}};
 }
 
 }  // namespace

@@ -4,7 +4,8 @@ const MAX_CELL_PIXELS = 72, GUTTER = 74, STEPS = 5;
 
 class SlotMap {
   constructor(host, cells, onChoose) {
-    Object.assign(this, {host, cells, onChoose, scale: 1, x: 0, y: 0, chosen: -1, hovered: -1, byBytes: Boolean(cells.pool)});
+    Object.assign(this, {host, cells, onChoose, scale: 1, x: 0, y: 0, chosen: -1, hovered: -1});
+    this.byBytes = Boolean(cells.pool);
     this.matches = null;  // by cell, while a search is active
     this.pointers = new Map();
     this.build();
@@ -16,13 +17,9 @@ class SlotMap {
   build() {
     const {cells} = this;
     const mode = (byBytes, text) => element('button', {type: 'button', 'aria-pressed': String(this.byBytes === byBytes),
-      onclick: event => {
-        this.byBytes = byBytes;
-        for (const other of event.target.parentNode.children) other.setAttribute('aria-pressed', String(other === event.target));
-        this.showLegend();
-        this.draw();
-      }}, text);
-    const zoom = (label, text, work) => element('button', {type: 'button', 'aria-label': label, title: label, onclick: work}, text);
+      onclick: event => this.colorBy(byBytes, event.target)}, text);
+    const zoom = (label, text, onclick) =>
+      element('button', {type: 'button', 'aria-label': label, title: label, onclick}, text);
     this.canvas = element('canvas', {tabindex: 0, role: 'application', 'aria-label': 'Map of slots'});
     this.tip = element('div', {class: 'tip', hidden: true});
     this.legend = element('p', {class: 'legend'});
@@ -36,9 +33,17 @@ class SlotMap {
           zoom('Show all slots', 'All', () => this.reset()), zoom('Zoom in', '+', () => this.zoom(1.6)))),
       this.legend, element('div', {class: 'map'}, this.canvas, this.tip),
       element('p', {class: 'status'}, this.status, this.range),
-      element('p', {class: 'status hint'}, 'Click a cell, then: wheel or + \u2212 zoom, drag moves, arrow keys choose, 0 shows all.'));
+      element('p', {class: 'status hint'},
+        'Click a cell, then: wheel or + \u2212 zoom, drag moves, arrow keys choose, 0 shows all.'));
     this.showLegend();
     this.listen();
+  }
+
+  colorBy(byBytes, button) {
+    this.byBytes = byBytes;
+    for (const other of button.parentNode.children) other.setAttribute('aria-pressed', String(other === button));
+    this.showLegend();
+    this.draw();
   }
 
   listen() {
@@ -120,10 +125,11 @@ class SlotMap {
 
   onKey(event) {
     const page = Math.max(Math.floor(this.height / this.pixels) - 1, 1) * this.columns;
-    const steps = {ArrowLeft: -1, ArrowRight: 1, ArrowUp: -this.columns, ArrowDown: this.columns, PageUp: -page, PageDown: page,
-      Home: -Infinity, End: Infinity};
+    const steps = {ArrowLeft: -1, ArrowRight: 1, ArrowUp: -this.columns, ArrowDown: this.columns, PageUp: -page,
+      PageDown: page, Home: -Infinity, End: Infinity};
     if (event.ctrlKey || event.metaKey || event.altKey) return;
-    if (event.key in steps) this.choose(clamp((this.chosen < 0 ? 0 : this.chosen) + steps[event.key], 0, this.cells.cells - 1));
+    if (event.key in steps)
+      this.choose(clamp((this.chosen < 0 ? 0 : this.chosen) + steps[event.key], 0, this.cells.cells - 1));
     else if (event.key === '+' || event.key === '=') this.zoomAtChosen(1.6);
     else if (event.key === '-') this.zoomAtChosen(1 / 1.6);
     else if (event.key === '0') this.reset();
@@ -163,8 +169,9 @@ class SlotMap {
   }
   pinch(before, event) {
     const other = [...this.pointers.values()].find(pointer => pointer.pointerId !== event.pointerId);
-    const distance = pointer => Math.max(Math.hypot(pointer.offsetX - other.offsetX, pointer.offsetY - other.offsetY), 1);
-    this.zoom(distance(event) / distance(before), (event.offsetX + other.offsetX) / 2, (event.offsetY + other.offsetY) / 2);
+    const distance = ({offsetX, offsetY}) => Math.max(Math.hypot(offsetX - other.offsetX, offsetY - other.offsetY), 1);
+    const middleX = (event.offsetX + other.offsetX) / 2, middleY = (event.offsetY + other.offsetY) / 2;
+    this.zoom(distance(event) / distance(before), middleX, middleY);
   }
   onRelease(event) {
     this.canvas.classList.remove('dragging');
@@ -191,7 +198,8 @@ class SlotMap {
   color(name) { return getComputedStyle(document.documentElement).getPropertyValue(name).trim(); }
   // Slots that were not issued, and those without chunks, are hollow.
   swatch(use) {
-    return use === 5 ? element('i', {class: 'hollow'}) : element('i', {style: `background:var(--${this.byBytes ? 'heat' : 'use'}${use})`});
+    if (use === 5) return element('i', {class: 'hollow'});
+    return element('i', {style: `background:var(--${this.byBytes ? 'heat' : 'use'}${use})`});
   }
   showLegend() {
     const item = (step, text) => element('span', {}, this.swatch(step), text);
@@ -200,18 +208,20 @@ class SlotMap {
       ? [...Array(STEPS).keys()].map(step => item(step, `${100 * step / STEPS} to ${100 * (step + 1) / STEPS} %`))
           .concat(item(5, 'no chunks'))
       : this.cells.useNames.flatMap((name, use) => sums[use] ? [item(use, `${shown(sums[use])} ${name}`)] : [])));
-    if (this.cells.strays.size) this.legend.append(element('span', {}, element('i', {class: 'stray'}), 'not on the list of its status'));
+    if (this.cells.strays.size)
+      this.legend.append(element('span', {}, element('i', {class: 'stray'}), 'not on the list of its status'));
   }
   palette() {
-    const palette = {uses: [0, 1, 2, 3, 4].map(use => this.color(`--use${use}`)), heat: [...Array(STEPS).keys()].map(step => this.color(`--heat${step}`))};
+    const colors = name => [0, 1, 2, 3, 4].map(i => this.color(`--${name}${i}`));
+    const palette = {uses: colors('use'), heat: colors('heat')};
     for (const name of ['edge', 'muted', 'ink', 'bad', 'paper']) palette[name] = this.color(`--${name}`);
     return palette;
   }
   draw() {
     const {context, pixels, columns, cells} = this, palette = this.palette();
     context.clearRect(0, 0, this.width, this.height);
-    const firstRow = Math.floor(this.y / pixels), lastRow = Math.min(Math.ceil((this.y + this.height) / pixels), this.rows);
-    const firstColumn = Math.floor(this.x / pixels);
+    const firstRow = Math.floor(this.y / pixels), firstColumn = Math.floor(this.x / pixels);
+    const lastRow = Math.min(Math.ceil((this.y + this.height) / pixels), this.rows);
     const lastColumn = Math.min(Math.ceil((this.x + this.width - GUTTER) / pixels), columns);
     context.save();
     context.beginPath();
@@ -225,8 +235,12 @@ class SlotMap {
     for (const [i, color] of [[this.hovered, palette.muted], [this.chosen, palette.ink]]) this.outline(i, color);
     context.restore();
     this.drawLabels(firstRow, lastRow, palette);
-    const first = cells.first(firstRow * columns), last = cells.last(Math.min(lastRow * columns, cells.cells) - 1);
-    this.range.textContent = this.scale > 1 ? `rows of slots ${shown(first)} to ${shown(last)} of ${shown(cells.slots)}` : `${shown(cells.slots)} slots`;
+    this.showRange(cells.first(firstRow * columns), cells.last(Math.min(lastRow * columns, cells.cells) - 1));
+  }
+  showRange(first, last) {
+    const all = shown(this.cells.slots);
+    const isPart = this.scale > 1;
+    this.range.textContent = isPart ? `rows of slots ${shown(first)} to ${shown(last)} of ${all}` : `${all} slots`;
   }
   drawCell(i, x, y, palette) {
     const {context, cells, pixels} = this, gap = pixels >= 14 ? 2 : pixels >= 4 ? 1 : 0, side = pixels - gap;
@@ -281,10 +295,11 @@ class SlotMap {
   }
   outline(i, color) {
     if (i < 0) return;
-    const {context, pixels} = this, side = Math.max(pixels, 5);
+    const {context, pixels} = this, side = Math.max(pixels, 5) - 1;
     context.strokeStyle = color;
     context.lineWidth = 2;
-    context.strokeRect(GUTTER + i % this.columns * pixels - this.x, Math.floor(i / this.columns) * pixels - this.y, side - 1, side - 1);
+    const x = GUTTER + i % this.columns * pixels - this.x, y = Math.floor(i / this.columns) * pixels - this.y;
+    context.strokeRect(x, y, side, side);
   }
   drawLabels(firstRow, lastRow, palette) {
     const {context, pixels} = this, every = Math.ceil(18 / pixels);
@@ -294,7 +309,8 @@ class SlotMap {
     context.textBaseline = 'middle';
     for (let row = Math.ceil(firstRow / every) * every; row < lastRow; row += every) {
       const top = row * pixels - this.y, y = Math.max(top + Math.min(pixels / 2, 9), 7);
-      if (top + pixels >= Math.min(pixels, 14)) context.fillText(shown(this.cells.first(row * this.columns)), GUTTER - 10, y);
+      if (top + pixels < Math.min(pixels, 14)) continue;  // the row is almost hidden
+      context.fillText(shown(this.cells.first(row * this.columns)), GUTTER - 10, y);
     }
   }
 }

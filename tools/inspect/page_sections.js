@@ -1,26 +1,28 @@
 // Fills the parts of each section, and connects them.
 
-function numbers(name, value, cell, width) {
-  return {name, isNumber: true, value, text: row => shown(value(row)), cell, width};
+function numbers(name, value) {
+  return {name, isNumber: true, value, text: row => shown(value(row))};
 }
 
 function slotColumns(cells) {
   const columns = cells.perCell === 1 ? [numbers('slot', i => cells.first(i))] :
     [numbers('first', i => cells.first(i)), numbers('last', i => cells.last(i))];
+  const status = i => cells.useNames.filter((_, use) => cells.count(use, i)).join() +
+    (cells.strays.has(i) ? ', stray' : '') + (cells.pool && cells.pool.current === i ? ', current' : '');
   if (cells.perCell === 1)
-    columns.push({name: 'status', text: i => cells.useNames.filter((_, use) => cells.count(use, i)).join() + (cells.strays.has(i) ? ', stray' : '') +
-      (cells.pool && cells.pool.current === i ? ', current' : ''), width: 18});
+    columns.push({name: 'status', text: status, width: 18});
   else
     cells.useNames.forEach((name, use) => {
       if (cells.uses[use]) columns.push(numbers(name, i => cells.count(use, i)));
     });
   if (!cells.pool) return columns;
-  const {live, used, room} = cells.pool;
-  const percent = i => cells.live(i) === undefined ? -1 : Math.round(100 * cells.live(i));
-  const meter = i => percent(i) < 0 ? [''] : [element('span', {class: 'meter'}, element('i', {style: `width:${percent(i)}%`})), `${percent(i)} %`];
-  columns.push({name: 'live', isNumber: true, value: percent, text: i => percent(i) < 0 ? '' : `${percent(i)} %`, cell: meter, width: 22});
-  columns.push(numbers('live bytes', i => live[i]), numbers('deleted', i => used[i] - live[i]),
-    numbers('without chunk', i => Math.max(room[i] - used[i], 0)));
+  const percent = i => Math.round(100 * cells.live(i));  // NaN without chunks
+  const text = i => isNaN(percent(i)) ? '' : `${percent(i)} %`;
+  const bar = i => element('span', {class: 'meter'}, element('i', {style: `width:${percent(i)}%`}));
+  const cell = i => text(i) ? [bar(i), text(i)] : [];
+  columns.push({name: 'live', isNumber: true, value: percent, text, cell, width: 22});
+  columns.push(numbers('live bytes', i => cells.pool.live[i]), numbers('deleted', i => cells.deleted(i)),
+    numbers('without chunk', i => cells.unused(i)));
   return columns;
 }
 
@@ -40,7 +42,7 @@ function show(section) {
   slots = new DataTable(part('slots'), {
     title: 'Slots', columns: slotColumns(cells), count: cells.cells,
     note: cells.perCell === 1 ? shown(cells.slots) : `${shown(cells.slots)} in ranges of ${shown(cells.perCell)}`,
-    holds: (i, slot) => cells.first(i) <= slot && slot <= cells.last(i),
+    holds: (i, slot) => cells.holds(i, slot),
     placeholder: `a slot, ${cells.perCell === 1 ? 'free' : 'free>0'}${cells.pool ? ', live<50' : ''}`,
     onChoose: i => map.choose(i, true),
     onSearch: order => {
@@ -49,10 +51,10 @@ function show(section) {
       map.draw();
     }});
   if (!data.records) return;
-  const {records} = data, used = data.uses.slice(0, 4).reduce((sum, column, use) => sum + (column && use !== 1 ? column.reduce((a, b) => a + b, 0) : 0), 0);
-  const n = records.rows.length;
+  const {records} = data, n = records.rows.length;
   new DataTable(part('records'), {
-    title: 'Records', columns: recordColumns(records), count: n, note: n < used ? `the first ${shown(n)}` : shown(n),
+    title: 'Records', columns: recordColumns(records), count: n,
+    note: records.isAll ? shown(n) : `the first ${shown(n)}`,
     holds: (row, id) => Number(records.rows[row][0]) === id || records.rows[row].includes(String(id)),
     placeholder: 'a record, a text, FIELD>10',
     onChoose: row => {

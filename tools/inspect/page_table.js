@@ -1,15 +1,18 @@
 // Tables that can be searched and sorted.
 
 const ROW_PIXELS = 28, COMPARISON = /^(.+?)(<=|>=|<|>|=)(.+)$/;
-const SIGNS = {'<': (a, b) => a < b, '>': (a, b) => a > b, '<=': (a, b) => a <= b, '>=': (a, b) => a >= b, '=': (a, b) => a === b};
+const SIGNS = {
+  '<': (a, b) => a < b, '>': (a, b) => a > b, '<=': (a, b) => a <= b, '>=': (a, b) => a >= b, '=': (a, b) => a === b};
 
 // A table of which only the visible rows are elements. A column has name, isNumber, text(row), value(row), and perhaps
-// cell(row), its elements. The last column is empty and takes the rest of the width. holds(row, number) says whether a searched number names the row.
+// cell(row), its elements. The last column is empty and takes the rest of the width. holds(row, number) says whether a
+// searched number names the row.
 class DataTable {
   constructor(host, {title, note, columns, count, holds, placeholder, onChoose, onSearch}) {
     Object.assign(this, {columns, count, holds, onChoose, onSearch, chosen: -1, sorted: -1, isDown: false, texts: []});
     this.order = [...Array(count).keys()];
-    this.search = element('input', {type: 'search', placeholder, 'aria-label': `Search: ${title}`, oninput: () => this.filter()});
+    this.search = element('input',
+      {type: 'search', placeholder, 'aria-label': `Search: ${title}`, oninput: () => this.filter()});
     this.counter = element('span', {class: 'count', 'aria-live': 'polite'});
     this.note = note;
     this.heads = columns.map((column, at) => element('th', {class: column.isNumber ? 'n' : '', scope: 'col'},
@@ -36,7 +39,7 @@ class DataTable {
     return this.search.value.toLowerCase().split(/\s+/).filter(Boolean).map(word => {
       const [, name, sign, limit] = COMPARISON.exec(word) || [];
       const column = name && this.columns.find(other => other.name.toLowerCase().replaceAll(' ', '') === name);
-      if (column && column.isNumber && limit !== '' && !isNaN(limit)) return row => SIGNS[sign](column.value(row), Number(limit));
+      if (column && column.isNumber && !isNaN(limit)) return row => SIGNS[sign](column.value(row), Number(limit));
       if (column && sign === '=') return row => column.text(row).toLowerCase() === limit;
       if (this.holds && /^\d+$/.test(word)) return row => this.holds(row, Number(word));
       return row => this.textOf(row).includes(word);
@@ -63,9 +66,12 @@ class DataTable {
   // Rows without a value come last.
   arrange() {
     const column = this.columns[this.sorted], sign = this.isDown ? -1 : 1;
-    const compare = (a, b) => column.isNumber ? (a < b ? -1 : a > b ? 1 : isNaN(a) - isNaN(b) || 0) : a.localeCompare(b);
-    const valueOf = row => column.isNumber ? column.value(row) : column.text(row);
-    if (column) this.order.sort((a, b) => sign * compare(valueOf(a), valueOf(b)) || a - b);
+    const compare = (a, b) => {
+      if (!column.isNumber) return sign * column.text(a).localeCompare(column.text(b));
+      const left = column.value(a), right = column.value(b);
+      return isNaN(left) - isNaN(right) || sign * (left < right ? -1 : left > right ? 1 : 0);
+    };
+    if (column) this.order.sort((a, b) => compare(a, b) || a - b);
     this.rows.scrollTop = 0;
     this.draw(true);
   }
@@ -74,17 +80,21 @@ class DataTable {
     const last = Math.min(first + Math.ceil((this.rows.clientHeight || 372) / ROW_PIXELS) + 16, this.order.length);
     if (!isChanged && first === this.firstDrawn && last === this.lastDrawn) return;
     Object.assign(this, {firstDrawn: first, lastDrawn: last});
-    const spacer = count => element('tr', {class: 'spacer'}, element('td', {colspan: this.columns.length + 1, style: `height:${count * ROW_PIXELS}px`}));
+    const wide = this.columns.length + 1;
+    const spacer = count =>
+      element('tr', {class: 'spacer'}, element('td', {colspan: wide, style: `height:${count * ROW_PIXELS}px`}));
     const rows = this.order.slice(first, last).map(row => this.rowOf(row));
-    if (!this.order.length) rows.push(element('tr', {}, element('td', {class: 'none', colspan: this.columns.length + 1}, 'Nothing matches.')));
+    if (!rows.length) rows.push(element('tr', {}, element('td', {class: 'none', colspan: wide}, 'Nothing matches.')));
     this.body.replaceChildren(spacer(first), ...rows, spacer(this.order.length - last));
   }
   rowOf(row) {
-    return element('tr', {'data-row': row, 'aria-selected': row === this.chosen && 'true', onclick: () => this.choose(row, true)},
-      ...this.columns.map(column => {
-        const text = column.text(row);
-        return element('td', {class: column.isNumber ? 'n' : '', title: text.length > 16 && text}, ...(column.cell ? column.cell(row) : [text]));
-      }), element('td'));
+    const cells = this.columns.map(column => {
+      const text = column.text(row), content = column.cell ? column.cell(row) : [text];
+      return element('td', {class: column.isNumber ? 'n' : '', title: text.length > 16 && text}, ...content);
+    });
+    const isChosen = row === this.chosen && 'true';
+    return element('tr', {'data-row': row, 'aria-selected': isChosen, onclick: () => this.choose(row, true)}, ...cells,
+      element('td'));
   }
   choose(row, isClicked = false) {
     this.chosen = row;
