@@ -180,8 +180,6 @@ TEST_F(Sidecar, Refusals) {
       {"--seal damaged", 1,
        "damaged: is not sealed, since it has faults; the first: damaged: byte 84: status 9 of slot 0 does not exist"},
       {"--seal --layout pair.layout pool", 1, "pool: is a pool, whose records have no fields"},
-      {"--seal --layout long.layout damaged", 1,
-       "damaged: is not sealed, since it has faults; the first: damaged: byte 84: status 9 of slot 0 does not exist"},
       {"--seal --force --layout long.layout in", 1, "in: a record has 12 bytes, but 13 in the layout \"long\""},
       {"--layout long.layout in", 2, "in: a record has 12 bytes, but 13 in the layout \"long\""},
       {"--seal --wide-addresses --force in", 1, "in: is no pool, so it has no addresses of chunks"},
