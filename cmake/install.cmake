@@ -70,6 +70,8 @@ endif()
 install(FILES docs/architecture.md docs/hosting.md docs/formats.md docs/debugging.md docs/performance.md docs/durable.md
   docs/scale.md docs/cpp.md
   DESTINATION ${doc_dir} COMPONENT dev)
+# The picture of debugging.md.
+install(FILES docs/inspector.png DESTINATION ${doc_dir} COMPONENT dev)
 install(FILES CHANGELOG.md DESTINATION ${doc_dir} COMPONENT dev)
 install(DIRECTORY examples/converters DESTINATION ${doc_dir}/examples COMPONENT dev)
 install(FILES ${TSLB_README_HOST} DESTINATION ${doc_dir}/examples COMPONENT dev)

@@ -65,7 +65,8 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libtslb0 ${same_version}")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "tools for the stored arrays of tslb databases
 Command line programs for arrays that the tslb library stored: tslb-inspect
-shows their contents and faults, tslb-convert converts them to older layouts.")
+shows their contents and faults and seals them with checksums, tslb-convert
+converts them to older layouts.")
 
 set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-tslb)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)

@@ -67,7 +67,7 @@ static void check_report(const inspect::report_t &report, const inspect::store_t
   need(!inspect::text_of(report).empty(), "a text");
 }
 
-// One form per input: rendering takes much longer than the analysis.
+// One form per input: rendering takes much longer than the analysis, and a page longest.
 static void show(const inspect::report_t &report, inspect::slot_rows_t *rows, size_t choice) {
   const inspect::reports_t reports = {report};
   if (choice % 16 == 0) {
@@ -79,9 +79,19 @@ static void show(const inspect::report_t &report, inspect::slot_rows_t *rows, si
     need(!json.is_discarded() && json["arrays"][0]["sound"] == report.is_sound(), "JSON can be read back");
   } else if (choice % 16 == 1) {
     need(inspect::svg_of(reports).size() < 1 << 20, "a picture of bounded size");
-  } else if (choice % 16 == 2) {
-    need(!inspect::html_of(reports).empty(), "a page");
+  } else if (choice % 64 == 2) {
+    need(inspect::html_of(reports).size() < 8 << 20, "a page of bounded size");
   }
+}
+
+// Fields that overlap, and of which most records have only some.
+static std::optional<inspect::layout_t> layout_for(const inspect::report_t &report) {
+  if (!report.geometry) return std::nullopt;
+  return inspect::layout_t{"fuzz",
+                           64,
+                           {{"a", 0, *inspect::parse_type("u32:3-9")},
+                            {"b", 2, *inspect::parse_type("char[60]")},
+                            {"c", 56, *inspect::parse_type("f64")}}};
 }
 
 static void compare_with_loader(const inspect::report_t &report, const uint8_t *data, size_t size, uint8_t kind) {
@@ -104,10 +114,11 @@ static void compare_with_loader(const inspect::report_t &report, const uint8_t *
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const uint8_t choice = size > offsetof(DynHdr_t, rec_version) ? data[offsetof(DynHdr_t, rec_version)] : 0;
   static const uint8_t kinds[] = {ARRAY_LOAD_POOL_BY_SIZE, ARRAY_LOAD_POOL_BY_SIZE, ARRAY_LOAD_ANY, ARRAY_LOAD_POOL};
-  const inspect::options_t options = {kinds[(choice >> 5) & 3], choice & 31u};
+  const inspect::options_t options = {kinds[(choice >> 5) & 3], choice & 31u, size % 64 == 2};
   for (const bool is_stream : {true, false}) {
     bytes_store_t store(data, size, is_stream);
-    const inspect::analysis_result_t analysed = inspect::analyse(&store, options);
+    inspect::analysis_result_t analysed = inspect::analyse(&store, options);
+    if (choice % 2 == 0) analysed.report.layout = layout_for(analysed.report);
     const inspect::report_t &report = analysed.report;
     check_report(report, store);
     show(report, analysed.rows.get(), size);

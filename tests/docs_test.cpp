@@ -6,40 +6,12 @@
 #include <sstream>
 
 #include "array_support.h"
+#include "document.h"
 #include "own_time.h"  // nodes contain it
 #include "redo_recorder.h"
 #include "stored_image.h"
 
 constexpr time_t START = 1700000000;
-static const fs::path ROOT = TSLB_SOURCE_DIR;
-
-// Returns the text between "```dump name" and "```".
-static std::string block_of(const std::string &name) {
-  const std::string document = content_of(ROOT / "docs/formats.md");
-  const std::string begin = "\n```" + name + "\n";
-  const size_t at = document.find(begin);
-  if (at == std::string::npos) {
-    ADD_FAILURE() << "no block \"" << name << "\"";
-    return "";
-  }
-  return document.substr(at + begin.size(), document.find("```", at + begin.size()) - at - begin.size());
-}
-
-// Parses lines such as "0008  ff ff ff ff  ; no slot is free", which begin with their offset.
-static std::string bytes_of_dump(const std::string &dump) {
-  std::string bytes;
-  std::istringstream lines(dump);
-  for (std::string line; std::getline(lines, line);) {
-    std::istringstream words(line.substr(0, line.find(';')));
-    size_t offset = 0;
-    EXPECT_TRUE(words >> std::hex >> offset) << line;
-    EXPECT_EQ(offset, bytes.size()) << line;
-    for (unsigned byte; words >> std::hex >> byte;) bytes += static_cast<char>(byte);
-    EXPECT_TRUE(words.eof()) << line;
-  }
-  return bytes;
-}
-
 static std::string dump_of(std::string_view bytes) {
   std::string text;
   char piece[24];

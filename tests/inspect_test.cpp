@@ -4,43 +4,11 @@
 #include <nlohmann/json.hpp>
 
 #include <gmock/gmock.h>
-#include "array_support.h"
-#include "tool_support.h"
+#include "inspect_support.h"
 
 using json_t = nlohmann::json;
 using namespace nlohmann::literals;
 using testing::HasSubstr;
-
-// 20 slots, 3 of them direct. Free: 4, 2, 9. Inactive: 7, 5. Record i begins with the word i.
-static array_t two_lists(char mem_type = MPOOL_TYPE_DRAM, const char *ctx_name = nullptr) {
-  array_t array(tslb_da_init_ver(12, 3, mem_type, ctx_name, 12, TSLB_DA_DAFLAG_INLL, 5));
-  for (uint32_t i = 0; i < 20; ++i) {
-    uint32_t idx;
-    write_at(tslb_da_get_newptr(array.get(), &idx), 0, i);
-  }
-  for (const uint32_t idx : {4u, 2u, 9u}) tslb_da_free_idx(array.get(), idx);
-  for (const uint32_t idx : {7u, 5u}) tslb_da_inactivate_idx(array.get(), idx, 1000);
-  return array;
-}
-constexpr size_t SLOT_BYTES = 28, HEADER_BYTES = 84;
-static size_t slot(size_t idx) {
-  return HEADER_BYTES + idx * SLOT_BYTES;
-}
-
-// Slots of 64 bytes. Slot 0 is freed; slot 1 has 32 of 56 bytes deleted; slot 2 is current and has 24.
-static array_t chunk_pool() {
-  array_t pool(tslb_init_dynmem_ex1(64, 2, MPOOL_FLAG_COMPAT, MPOOL_TYPE_DRAM, 1, nullptr, BBP_TBLID, TSLB_DA_DAFLAG_LL,
-                                    7, 0, 0));
-  std::vector<maddr_t> chunks;
-  for (const int bytes : {40, 16, 8, 8}) {
-    maddr_t address;
-    tslb_dynmem_get_mchunk(pool.get(), &address, bytes, srcaddr_t{1, 2, 3, {0, 0}});
-    chunks.push_back(address);
-  }
-  for (const size_t i : {0u, 1u}) tslb_dynmem_del_mchunk(pool.get(), chunks[i]);
-  return pool;
-}
-constexpr size_t POOL_SLOT_BYTES = 80, POOL_HEADER_BYTES = 140;
 
 class Inspect : public ToolTest {
  protected:
@@ -377,7 +345,12 @@ TEST_F(Inspect, NamesDoNotControlTheTerminal) {
   write(name, damaged);
   const std::string shown = "a\\x1b[2J\\x0ab\\\\x0a";
   const run_t text = run(arguments_t{"--record", "1", name});
-  EXPECT_EQ(count_of(text.out, shown), 3u) << text.out;
+#ifdef TSLB_DURABLE_IMAGE
+  constexpr size_t N_SHOWN = 4;  // with the name of its sidecar
+#else
+  constexpr size_t N_SHOWN = 3;
+#endif
+  EXPECT_EQ(count_of(text.out, shown), N_SHOWN) << text.out;
   EXPECT_EQ(text.out.find('\x1b'), std::string::npos);
   EXPECT_EQ(run(arguments_t{name + "1"}).err,
             "tslb-inspect: " + shown + "1: cannot be read: No such file or directory\n");
@@ -437,36 +410,6 @@ TEST_F(Inspect, OutputsReplaceFilesOnlyWithForce) {
   EXPECT_EQ(read("in"), sound);
   EXPECT_EQ(run("--force --svg old in").exit_code, 0);
   EXPECT_EQ(read("old").find("<?xml"), 0u);
-}
-
-// A browser parses the page and runs its scripts, if there are any. The test examines the resulting tree.
-TEST_F(Inspect, PageInABrowser) {
-  const char *const browser = "/usr/bin/chromium";
-  if (access(browser, X_OK) != 0) GTEST_SKIP() << "chromium is not installed";
-  std::string damaged = stream_of(two_lists().get());
-  write_at(damaged.data(), slot(0), uint32_t{3});
-  const std::string hostile = "<script>document.title='run'<!--";
-  write(hostile, damaged);
-  write("pool", stream_of(chunk_pool().get()));
-  ASSERT_EQ(run({"--html", "page.html", "--svg", "picture.svg", hostile, "pool"}).exit_code, 1);
-  const std::string profile = "--user-data-dir=" + (folder_.path / "profile").string();
-  const auto tree_of = [&](const std::string &file) {
-    const run_t ran = run_program(browser, {"--headless", "--no-sandbox", "--disable-gpu", profile, "--dump-dom",
-                                            "file://" + (folder_.path / file).string()});
-    EXPECT_EQ(ran.exit_code, 0) << ran.err;
-    return ran.out;
-  };
-  const std::string page = tree_of("page.html");
-  EXPECT_NE(page.find("<title>Stored arrays</title>"), std::string::npos) << "a file's name ran as a script";
-  EXPECT_EQ(count_of(page, "<section>"), 2u);
-  EXPECT_EQ(count_of(page, "<title>slot "), 35u + 2 * 18u) << "each slot is one cell, two in a pool";
-  EXPECT_EQ(count_of(page, "class=\"m-stray\""), 2u) << "the slot and the legend";
-  EXPECT_THAT(page, HasSubstr("slot 0: inactive, not on the list of its status"));
-  EXPECT_THAT(page, HasSubstr("<td>slot 0 has the status inactive, but is not on that list</td>"));
-  EXPECT_EQ(page.find("http"), std::string::npos) << "nothing is loaded from elsewhere";
-  const std::string picture = tree_of("picture.svg");
-  EXPECT_EQ(picture.find("parsererror"), std::string::npos);
-  EXPECT_EQ(count_of(picture, "<title>slot "), 35u + 2 * 18u);
 }
 
 TEST_F(Inspect, ManySlotsShareCells) {

@@ -121,6 +121,10 @@ for tool in "$prefix"/bin/*; do
   [ -e "$prefix/share/man/man1/${tool##*/}.1" ] || fail "${tool##*/} has no man page"
 done
 
+# tslb-inspect finds the installed descriptions of layouts.
+"$prefix/bin/tslb-inspect" --layout none "$scratch/tree/build/example/names.stream" 2>"$scratch/log" && fail "a layout \"none\""
+grep -q 'there are: .*, g_mt_t_v1, ' "$scratch/log" || fail "$(cat "$scratch/log")"
+
 # metricdb is a project of its own on the installed library. Unoptimized and one source per library, which takes a third
 # of the time: the test is that it builds and works.
 metricdb=$(cd "$(dirname "$0")/../metricdb" && pwd)

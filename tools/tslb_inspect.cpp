@@ -8,11 +8,14 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <tslb/array_loader.h>
@@ -21,6 +24,7 @@
 #ifdef TSLB_WITH_DURABLE
 #include "inspect/digest.h"
 #include "inspect/durable_store.h"
+#include "inspect/seal.h"
 #endif
 #include "inspect/render.h"
 #include "refusal.h"
@@ -30,13 +34,24 @@ namespace {
 constexpr int EXIT_SOUND = 0;
 constexpr int EXIT_FAULTS = 1;
 constexpr int EXIT_ERROR = 2;
+constexpr int EXIT_CONTRADICTED = 3;
 
 struct arguments_t {
   std::vector<std::string> files;
   std::string svg, html, store;
   inspect::options_t options;
-  bool json = false, force = false, digest = false;
+  std::optional<inspect::layout_t> layout;
+  bool json = false, force = false, digest = false, seal = false;
+#ifdef TSLB_WITH_DURABLE
+  inspect::seal_options_t seal_options;
+#endif
 };
+
+// A file that cannot be read matters more than a contradiction to a sidecar, and that more than a fault.
+int worse_of(int left, int right) {
+  const auto rank = [](int status) { return status == EXIT_ERROR ? 4 : status; };
+  return rank(left) > rank(right) ? left : right;
+}
 
 int print_error(const std::string &what) {
   fmt::print(stderr, "tslb-inspect: {}\n", what);
@@ -92,6 +107,29 @@ void expect_record(const inspect::report_t &report, const arguments_t &arguments
       fmt::format("{}: no record {}, n_used is {}", report.name, *arguments.options.record, n_used));
 }
 
+void expect_layout_fits(const inspect::report_t &report) {
+  if (!report.layout || !report.geometry || report.layout->record_bytes == report.geometry->record_bytes) return;
+  throw inspect::unreadable_t(fmt::format("{}: a record has {} bytes, but {} in the layout \"{}\"", report.name,
+                                          report.geometry->record_bytes, report.layout->record_bytes,
+                                          report.layout->name));
+}
+
+int status_of(const inspect::report_t &report) {
+  const int status = report.is_sound() ? EXIT_SOUND : EXIT_FAULTS;
+  const bool is_contradicted = report.seal && report.seal->state == inspect::seal_state_t::CONTRADICTED;
+  return is_contradicted ? EXIT_CONTRADICTED : status;
+}
+
+inspect::analysis_result_t analyse(inspect::store_t *store, const arguments_t &arguments) {
+  inspect::analysis_result_t analysed = inspect::analyse(store, arguments.options);
+  analysed.report.layout = arguments.layout;
+  expect_layout_fits(analysed.report);
+#ifdef TSLB_WITH_DURABLE
+  inspect::verify_seal(store, &analysed.report);
+#endif
+  return analysed;
+}
+
 int inspect_all(const arguments_t &arguments) {
   inspect::reports_t reports;
   inspect::json_writer_t json(print);
@@ -102,13 +140,13 @@ int inspect_all(const arguments_t &arguments) {
       inspect::expect_no_store(file);
 #endif
       const auto store = inspect::open_store(file);
-      inspect::analysis_result_t analysed = inspect::analyse(store.get(), arguments.options);
+      inspect::analysis_result_t analysed = analyse(store.get(), arguments);
       if (arguments.json)
         json.add(analysed.report, analysed.rows.get());
       else
         print((reports.empty() ? "" : "\n") + inspect::text_of(analysed.report));
       reports.push_back(std::move(analysed.report));
-      if (!reports.back().is_sound()) status = std::max(status, EXIT_FAULTS);
+      status = worse_of(status, status_of(reports.back()));
       expect_record(reports.back(), arguments);
     } catch (const inspect::unreadable_t &error) {
       status = print_error(inspect::printable(error.what()));
@@ -123,6 +161,26 @@ int inspect_all(const arguments_t &arguments) {
 }
 
 #ifdef TSLB_WITH_DURABLE
+// Prints a line for each sidecar that was written.
+int seal_all(const arguments_t &arguments) {
+  int status = EXIT_SOUND;
+  for (const std::string &file : arrays_of(arguments.files)) {
+    try {
+      inspect::expect_no_store(file);
+      const auto store = inspect::open_store(file);
+      const inspect::report_t report = inspect::analyse(store.get(), arguments.options).report;
+      const std::string path = inspect::seal(store.get(), report, arguments.seal_options);
+      print(fmt::format("sealed {}\n", inspect::printable(path)));
+    } catch (const inspect::refused_t &error) {
+      print_error(inspect::printable(error.what()));
+      status = worse_of(status, EXIT_FAULTS);
+    } catch (const inspect::unreadable_t &error) {
+      status = print_error(inspect::printable(error.what()));
+    }
+  }
+  return status;
+}
+
 int inspect_durable(const arguments_t &arguments) {
   const inspect::store_inspection_t inspection = inspect::inspect_store(arguments.store, arguments.json);
   print(inspection.output);
@@ -147,11 +205,33 @@ void add_store_option(CLI::App *app, arguments_t *arguments) {
   CLI::Option *const store =
       app->add_option("--store", arguments->store, "load and verify a durable store, and show it");
   store->type_name("FOLDER");
-  for (const char *other : {"FILE", "--kind", "--record", "--svg", "--html"}) store->excludes(other);
+  for (const char *other : {"FILE", "--kind", "--layout", "--record", "--svg", "--html"}) store->excludes(other);
   CLI::Option *const digest = app->add_flag("--digest", arguments->digest,
                                             "print a line for each array: CRC-32C, bytes and name. Copies with the\n"
                                             "same content have the same line");
-  for (const char *other : {"--json", "--record", "--svg", "--html"}) digest->excludes(other);
+  for (const char *other : {"--json", "--layout", "--record", "--svg", "--html"}) digest->excludes(other);
+}
+
+void add_seal_options(CLI::App *app, arguments_t *arguments) {
+  inspect::seal_options_t *const options = &arguments->seal_options;
+  CLI::Option *const seal = app->add_flag("--seal", arguments->seal,
+                                          "write a sidecar FILE.tslb: versions, geometry and checksums of a sound\n"
+                                          "array, and its layout. Later inspections compare the files with it");
+  for (const char *other : {"--json", "--record", "--svg", "--html", "--store", "--digest"}) seal->excludes(other);
+  app->add_option("--table", options->table, "with --seal: table id of a stream")->type_name("ID")->needs(seal);
+  app->add_option("--context", options->context, "with --seal: context of a stream")->type_name("NAME")->needs(seal);
+  app->add_flag("--wide-addresses", options->is_wide, "with --seal: the chunks of a pool have 64-bit addresses")
+      ->needs(seal);
+  app->add_option_function<std::tuple<double, int64_t, int64_t>>(
+         "--clock",
+         [options](const std::tuple<double, int64_t, int64_t> &clock) {
+           options->clock = {std::get<0>(clock), std::get<1>(clock), std::get<2>(clock)};
+           if (!std::isfinite(options->clock->factor) || options->clock->factor <= 0)
+             throw CLI::ValidationError("--clock", "the factor is not above 0");
+         },
+         "with --seal: settings of the writer's clock; else 1 0 0")
+      ->type_name("FACTOR ORIGIN OFFSET")
+      ->needs(seal);
 }
 #endif
 
@@ -162,16 +242,19 @@ const char *const FOOTER =
     "table; any of them that is in the same folder as file 0 can be given. Files are only read.\n"
     "\n"
     "The output shows headers, geometry, lists, and the chunk bytes in each slot of a pool. A fault is\n"
-    "reported with its file and byte, and the inspection continues. A remark is not a fault.\n"
+    "reported with its file and byte, and the inspection continues. A remark is not a fault. If there is a\n"
+    "sidecar FILE.tslb, the files are compared with it.\n"
     "\n"
     "Examples:\n"
     "  tslb-inspect snapshot.stream\n"
     "  tslb-inspect --json data/metrics/12.0.darr\n"
     "  tslb-inspect --record 17 --html report.html data/metrics/12.*.darr\n"
+    "  tslb-inspect --seal --layout g_mt_t_v1 snapshot.stream\n"
     "\n"
     "Exit: 0 all arrays are sound\n"
     "      1 faults were found\n"
-    "      2 wrong usage, or a file that cannot be read or written; see stderr";
+    "      2 wrong usage, or a file that cannot be read or written; see stderr\n"
+    "      3 the files are not those that were sealed, or the sidecar is damaged";
 
 void add_options(CLI::App *app, arguments_t *arguments) {
   static const std::map<std::string, uint8_t> kinds = {
@@ -184,12 +267,19 @@ void add_options(CLI::App *app, arguments_t *arguments) {
       ->type_name("KIND")
       ->check(CLI::IsMember({"auto", "pool", "array"}).description(""));
   app->add_option("--record", arguments->options.record, "also show the bytes of record N")->type_name("N");
+  app->add_option_function<std::string>(
+         "--layout", [arguments](const std::string &name) { arguments->layout = inspect::load_layout(name); },
+         "fields of the records: the name of an installed description, or a file\n"
+         "NAME.layout; else those of the sidecar")
+      ->type_name("NAME");
   app->add_flag("--json", arguments->json, "JSON instead of text");
   app->add_option("--svg", arguments->svg, "write an SVG picture of the slots")->type_name("OUT");
-  app->add_option("--html", arguments->html, "write an HTML page with the picture and all tables")->type_name("OUT");
+  app->add_option("--html", arguments->html, "write an HTML page with a map of the slots and all tables")
+      ->type_name("OUT");
   app->add_flag("--force", arguments->force, "replace an existing file OUT");
 #ifdef TSLB_WITH_DURABLE
   add_store_option(app, arguments);
+  add_seal_options(app, arguments);
 #endif
   app->footer(FOOTER);
 }
@@ -203,12 +293,18 @@ int main(int argc, char **argv) {
   add_options(&app, &arguments);
   try {
     app.parse(argc, argv);
+    arguments.options.for_page = !arguments.html.empty();
 #ifdef TSLB_WITH_DURABLE
     if (!arguments.store.empty() && !arguments.digest) return inspect_durable(arguments);
 #endif
     if (arguments.files.empty() && arguments.store.empty()) throw CLI::RequiredError("FILE");
 #ifdef TSLB_WITH_DURABLE
     if (arguments.digest) return print_digests(arguments);
+    if (arguments.seal) {
+      arguments.seal_options.layout = arguments.layout;
+      arguments.seal_options.replaces = arguments.force;
+      return seal_all(arguments);
+    }
 #endif
     return inspect_all(arguments);
   } catch (const CLI::Success &help) {

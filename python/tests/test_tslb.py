@@ -13,6 +13,7 @@ import numpy as np
 import pytest
 
 import tslb
+from tslb import _sidecar
 
 IMAGES = pathlib.Path(os.environ["TSLB_IMAGES"])
 READING = np.dtype([("gatekeeper", "<u4"), ("place", "S12"), ("celsius", "<f4"), ("name", "<u4")])
@@ -189,6 +190,46 @@ def test_streams_of_the_library(name, tmp_path):
     with pytest.raises(tslb.DamagedError) as damage:
         tslb.open_stream(damaged)
     assert damage.value.byte >= len(path.read_bytes()) and damage.value.file == str(damaged)
+
+
+def documented(name):
+    """A block of docs/formats.md."""
+    text = (IMAGES.parent / "docs" / "formats.md").read_text()
+    return re.search(rf"```{name}\n(.*?)```", text, re.S).group(1)
+
+
+def test_dtype_of_the_sidecar(tmp_path):
+    path, sidecar = tmp_path / "readings", tmp_path / "readings.tslb"
+    dump = [line[4:].split(";")[0] for line in documented("dump readings").splitlines()]
+    path.write_bytes(bytes.fromhex("".join(dump)))
+    sealed = documented("sidecar").encode()
+    sidecar.write_bytes(sealed)
+    records = tslb.open_stream(path).records()
+    assert records.dtype == np.dtype([("gatekeeper", "<u4"), ("celsius", "<f4")])
+    assert list(records["celsius"]) == [20.0, 21.5, 22.0, 23.5]
+    assert tslb.open_stream(path, "V8").records().dtype == np.dtype("V8")
+    shutil.copy(IMAGES / "golden" / "free_list.stream", tmp_path / "other")
+    (tmp_path / "other.tslb").write_bytes(sealed)
+    for broken in (b"", sealed[:100], sealed.replace(b"f32", b"f64"), sealed.replace(b"sidecar 1", b"sidecar 2")):
+        sidecar.write_bytes(broken)
+        with pytest.raises(tslb.DamagedError) as damage:
+            tslb.open_stream(path)
+        assert damage.value.file == str(sidecar)
+    with pytest.raises(tslb.DamagedError, match="another size"):
+        tslb.open_stream(tmp_path / "other")
+
+
+def test_dtype_of_every_type(tmp_path):
+    fields = [("a", 0, "u8:0-2"), ("a2", 0, "u8"), ("b", 1, "i16[2]"), ("c", 5, "f64"), ("d", 13, "char[3]"),
+              ("e[1].f", 16, "bytes[4]")]
+    lines = "tslb-sidecar 1\ngeometry header_bytes 84 daflag 2 record_bytes 20 slot_bytes 36 direct 1 slots 2\n"
+    lines += "".join(f"field {name} {offset} {kind}\n" for name, offset, kind in fields)
+    path = tmp_path / "a.tslb"
+    path.write_text(lines + f"crc32c {_sidecar._crc32c(lines.encode()):08x}\n")
+    dtype = _sidecar.described_dtype(path, 20, 2)
+    assert dtype.names == ("a:0-2", "a2", "b", "c", "d", "e[1].f") and dtype.itemsize == 20
+    assert [dtype.fields[name][1] for name in dtype.names] == [0, 0, 1, 5, 13, 16]
+    assert [dtype[name].str for name in ("c", "d", "e[1].f")] == ["<f8", "|S3", "|V4"] and dtype["b"].shape == (2,)
 
 
 def test_block_files_of_the_library(tmp_path):

@@ -12,6 +12,7 @@ import numpy as np
 import numpy.typing as npt
 
 from ._native import Handle, ffi, lib, new_error, raise_error
+from ._sidecar import described_dtype
 
 #: End of a list, no slot.
 NIL = 0xFFFFFFFF
@@ -280,7 +281,8 @@ def open_stream(path: str | os.PathLike[str], dtype: npt.DTypeLike = None, *, re
     """Opens a snapshot stream: an Array, or a Pool. Records are views of the mapped file, nothing is copied.
 
     The stream is loaded and checked as a whole before: DamagedError with the byte. It is not changed meanwhile; a
-    program that writes streams writes new files."""
+    program that writes streams writes new files. Without `dtype`, that of the sidecar `path`.tslb is used, if there is
+    one that has a layout."""
     error = new_error()
     pointer = lib.tslb_py_load_stream(os.fsencode(path), rebuild_lists, error)
     if pointer == ffi.NULL:
@@ -297,16 +299,24 @@ def open_stream(path: str | os.PathLike[str], dtype: npt.DTypeLike = None, *, re
                 return native_image(handle, handle.pointer)
             return memoryview(mmap.mmap(stream.fileno(), 0, access=mmap.ACCESS_READ))
 
+    if dtype is None:
+        dtype = described_dtype(os.fsdecode(path) + ".tslb", info.record_bytes, info.n_used)
     return array_of(lambda: handle.pointer, image, dtype)
 
 
 def open_block_files(base_path: str | os.PathLike[str], name: str, tbl_id: int, dtype: npt.DTypeLike = None, *,
                      rebuild_lists: bool = False) -> Array:
     """Opens the block files base_path/name/tbl_id.N.darr, while no process writes them. Records beyond block 0 are
-    copied once. With `rebuild_lists` the lists are made from the statuses, for files that a kill left."""
+    copied once. With `rebuild_lists` the lists are made from the statuses, for files that a kill left. Without `dtype`,
+    that of the sidecar base_path/name/tbl_id.darr.tslb is used, if there is one that has a layout."""
     error = new_error()
     pointer = lib.tslb_py_load_block_files(os.fsencode(base_path), os.fsencode(name), tbl_id, rebuild_lists, error)
     if pointer == ffi.NULL:
         raise_error(error)
     handle = Handle(pointer, lib.tslb_py_release)
+    if dtype is None:
+        info = ffi.new("tslb_py_array *")
+        lib.tslb_py_describe(pointer, info)
+        sidecar = os.path.join(os.fsdecode(base_path), os.fsdecode(name), f"{tbl_id}.darr.tslb")
+        dtype = described_dtype(sidecar, info.record_bytes, info.n_used)
     return array_of(lambda: handle.pointer, lambda: native_image(handle, handle.pointer), dtype)

@@ -7,6 +7,7 @@
 
 #include <tslb/array_loader.h>
 #include "analysis_internal.h"
+#include "heat_map.h"
 
 namespace inspect {
 namespace {
@@ -68,6 +69,7 @@ report_t analysis_t::run() {
   rules_.check_pool(options_.kind, false);
   cut_bytes_ = rules_.last_slot_bytes();
   store_->is_stream() ? check_stream_end() : check_files();
+  report_.is_cut = cut_bytes_ != 0;
   n_present_ = geometry().n_present = present_slots();
   if (report_.has_nodes) read_nodes();
   rules_.check_nodes(this, static_cast<uint32_t>(n_present_));
@@ -76,7 +78,9 @@ report_t analysis_t::run() {
   rules_.check_counters(this, static_cast<uint32_t>(n_present_));
   count_cells();
   if (is_pool()) sum_pool();
+  report_.map = merged_map(report_.page_map, MAX_CELLS);
   copy_record();
+  if (options_.for_page && !is_pool()) copy_samples();
   return report_;
 }
 
@@ -242,18 +246,35 @@ uint64_t analysis_t::present_slots() const {
 
 // ---- A record ------------------------------------------------------------------------------------------------------
 
+// Fewer bytes than a slot has if its end is missing.
+std::string analysis_t::slot_bytes(location_t at) {
+  const stored_file_t *const file = store_->file_of(at.block_num);
+  if (file == nullptr || at.offset >= file->bytes) return "";
+  std::string bytes(std::min(geometry().slot_bytes, file->bytes - at.offset), '\0');
+  bytes.resize(store_->read(*file, at.offset, bytes.data(), bytes.size()));
+  return bytes;
+}
+
 void analysis_t::copy_record() {
   const geometry_t &g = geometry();
   if (!options_.record || *options_.record >= std::min(g.n_used, g.capacity)) return;
   const location_t at = slot_at(*options_.record);
-  const stored_file_t *const file = store_->file_of(at.block_num);
-  std::string bytes;
-  if (file != nullptr && at.offset < file->bytes) {
-    bytes.resize(std::min(g.slot_bytes, file->bytes - at.offset));
-    bytes.resize(store_->read(*file, at.offset, bytes.data(), bytes.size()));
-  }
-  report_.record = {*options_.record, store_->file_name(at.block_num), at.offset, g.slot_bytes, bytes,
+  report_.record = {*options_.record, store_->file_name(at.block_num), at.offset, g.slot_bytes, slot_bytes(at),
                     g.shift,          g.node_bytes - g.shift};
+}
+
+// A pool's records are memory slots, which the page shows as such.
+void analysis_t::copy_samples() {
+  const geometry_t &g = geometry();
+  size_t room = MAX_SAMPLE_BYTES;
+  for (uint64_t idx = 0; idx < n_present_ && report_.samples.size() < MAX_SAMPLES && room >= g.record_bytes; ++idx) {
+    const uint32_t id = static_cast<uint32_t>(idx);
+    const uint32_t status = report_.has_nodes ? status_of(id) : TSLB_DA_SLOT_ACTIVE;
+    if (status == TSLB_DA_SLOT_FREE || status == TSLB_DA_SLOT_UNSET) continue;
+    const std::string slot = slot_bytes(slot_at(idx));
+    report_.samples.push_back({id, status, slot.substr(std::min(g.shift, slot.size()), g.record_bytes)});
+    room -= g.record_bytes;
+  }
 }
 
 analysis_result_t analyse(store_t *store, const options_t &options) {

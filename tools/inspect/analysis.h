@@ -15,6 +15,7 @@ namespace inspect {
 struct options_t {
   uint8_t kind = 2;                // ARRAY_LOAD_* of array_loader.h; the default is ARRAY_LOAD_POOL_BY_SIZE
   std::optional<uint32_t> record;  // id of a record to copy into the report
+  bool for_page = false;           // with more cells, and the first records in use
 };
 
 struct analysis_result_t {

@@ -17,6 +17,8 @@
 namespace inspect {
 
 constexpr uint64_t MAX_FINDINGS = 200;  // findings kept in the report; all are counted
+constexpr size_t MAX_SAMPLES = 1000;
+constexpr size_t MAX_SAMPLE_BYTES = 1 << 20;  // of all samples together
 
 class analysis_t final : public slot_rows_t, private rule_sink_t, private slot_source_t {
  public:
@@ -38,7 +40,9 @@ class analysis_t final : public slot_rows_t, private rule_sink_t, private slot_s
   void check_files();
   void check_file_size(const stored_file_t &file, uint64_t wanted);
   uint64_t present_slots() const;
+  std::string slot_bytes(location_t at);
   void copy_record();
+  void copy_samples();
 
   // In audit.cpp: nodes and lists.
   void read_nodes();

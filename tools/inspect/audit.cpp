@@ -63,10 +63,10 @@ slot_source_t::nodes_t analysis_t::nodes_of(uint32_t idx) {
 }
 
 void analysis_t::count_cells() {
-  report_.map = empty_map_of(report_);
+  report_.page_map = empty_map_of(report_, options_.for_page ? MAX_PAGE_CELLS : MAX_CELLS);
   for (uint32_t idx = 0; idx < n_node_slots(); ++idx) {
     const uint32_t status = status_of(idx);
-    count_slot(idx, status, rules_.is_stray(idx, status), &report_.map);
+    count_slot(idx, status, rules_.is_stray(idx, status), &report_.page_map);
   }
 }
 

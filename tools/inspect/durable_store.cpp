@@ -106,6 +106,8 @@ void expect_no_store(const std::string &path) {
   constexpr std::string_view ZSTD_MAGIC = "\x28\xB5\x2F\xFD";
   if (first_bytes(path, ZSTD_MAGIC.size()) == ZSTD_MAGIC)
     throw unreadable_t(path + ": is compressed; zstd -d makes a stream of it" + hint);
+  if (first_bytes(path, 13) == "tslb-sidecar ")
+    throw unreadable_t(path + ": is a sidecar, which is read with the array beside it");
   if (first_bytes(path, 5) == "tslb-") throw unreadable_t(path + ": is a text file of a durable store" + hint);
 }
 

@@ -31,7 +31,7 @@ uint64_t overlap(const cell_t &cell, uint64_t from, uint64_t to) {
 cell_t empty_cell(const report_t &report, uint64_t first, uint64_t slots) {
   const geometry_t &g = *report.geometry;
   const uint64_t n_used = std::min(g.n_used, g.capacity);
-  cell_t cell = {first, slots, {}, false, 0, 0};
+  cell_t cell = {first, slots, {}, false, 0, 0, 0};
   cell.counts[USE_ABSENT] = overlap(cell, g.n_present, n_used);
   cell.counts[USE_UNISSUED] = overlap(cell, n_used, UINT64_MAX);
   if (!report.has_nodes) cell.counts[USE_ACTIVE] = overlap(cell, 0, g.n_present);
@@ -40,13 +40,32 @@ cell_t empty_cell(const report_t &report, uint64_t first, uint64_t slots) {
 
 }  // namespace
 
-heat_map_t empty_map_of(const report_t &report) {
+heat_map_t empty_map_of(const report_t &report, size_t max_cells) {
   heat_map_t map;
   const uint64_t total = report.geometry->n_direct + report.geometry->data_blocks * TSLB_SLOTS_PER_BLOCK;
-  while (total > map.slots_per_cell * MAX_CELLS) map.slots_per_cell *= 2;
+  while (total > map.slots_per_cell * max_cells) map.slots_per_cell *= 2;
   for (uint64_t first = 0; first < total; first += map.slots_per_cell)
     map.cells.push_back(empty_cell(report, first, std::min(map.slots_per_cell, total - first)));
   return map;
+}
+
+heat_map_t merged_map(const heat_map_t &map, size_t max_cells) {
+  heat_map_t merged = {map.slots_per_cell, {}};
+  size_t together = 1;  // cells that become one
+  while (map.cells.size() > together * max_cells) together *= 2;
+  merged.slots_per_cell *= together;
+  for (size_t i = 0; i < map.cells.size(); ++i) {
+    const cell_t &cell = map.cells[i];
+    if (i % together == 0) merged.cells.push_back({cell.first, 0, {}, false, 0, 0, 0});
+    cell_t &sum = merged.cells.back();
+    sum.slots += cell.slots;
+    for (size_t use = 0; use < N_USES; ++use) sum.counts[use] += cell.counts[use];
+    sum.has_stray |= cell.has_stray;
+    sum.live += cell.live;
+    sum.used += cell.used;
+    sum.room += cell.room;
+  }
+  return merged;
 }
 
 void count_slot(uint32_t idx, uint32_t status, bool is_stray, heat_map_t *map) {
@@ -59,6 +78,7 @@ void count_pool_slot(uint32_t idx, const pool_slot_t &slot, uint64_t capacity, h
   if (slot.state == pool_slot_state_t::FREE || slot.state == pool_slot_state_t::UNSET) return;
   cell_t &cell = map->cells[idx / map->slots_per_cell];
   cell.live += slot.used > slot.deleted ? slot.used - slot.deleted : 0;
+  cell.used += slot.used;
   cell.room += capacity;
 }
 

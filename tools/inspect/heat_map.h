@@ -9,9 +9,12 @@
 
 namespace inspect {
 
-// Returns cells for all slots of the geometry. Counts the slots that are absent or not issued, and all present slots of
-// an array without nodes.
-heat_map_t empty_map_of(const report_t &report);
+// Returns up to `max_cells` cells for all slots of the geometry. Counts the slots that are absent or not issued, and all
+// present slots of an array without nodes.
+heat_map_t empty_map_of(const report_t &report, size_t max_cells);
+
+// Returns the same slots in up to `max_cells` cells.
+heat_map_t merged_map(const heat_map_t &map, size_t max_cells);
 
 // Count a present slot with nodes, and a slot of a pool.
 void count_slot(uint32_t idx, uint32_t status, bool is_stray, heat_map_t *map);

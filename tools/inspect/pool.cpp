@@ -32,6 +32,7 @@ void analysis_t::sum_pool() {
   pool.kind = (rules_.pool_hdr().flag & MPOOL_FLAG_BV) != 0 ? "bit-vector" : "big-buffer";
   pool.slot_capacity = rules_.slot_capacity();
   pool.n_slots = n_present_;
+  pool.current = rules_.current_slot();
   for (uint64_t idx = 0; idx < n_present_; ++idx) {
     const pool_slot_t slot = pool_slot(static_cast<uint32_t>(idx));
     if (idx < MAX_POOL_ROWS) pool.first_slots.push_back(slot);
@@ -47,7 +48,7 @@ void analysis_t::add_to_sums(uint32_t idx, const pool_slot_t &slot) {
   pool.used += slot.used;
   pool.deleted += slot.deleted;
   (slot.state == pool_slot_state_t::CURRENT ? pool.tail_open : pool.tail_lost) += slot.tail;
-  count_pool_slot(idx, slot, pool.slot_capacity, &report_.map);
+  count_pool_slot(idx, slot, pool.slot_capacity, &report_.page_map);
 }
 
 }  // namespace inspect

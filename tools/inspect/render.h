@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -44,8 +45,11 @@ class json_writer_t {
 // A complete SVG 1.1 file. Its colours follow the viewer's light or dark setting.
 std::string svg_of(const reports_t &reports);
 
-// An HTML page with the same pictures. It loads nothing and runs no script.
+// An HTML page with a map of the slots that can be zoomed, and with tables that can be searched and sorted. It loads
+// nothing. Its size is bounded by that of its parts: at most MAX_PAGE_CELLS cells, the samples, and the findings.
 std::string html_of(const reports_t &reports);
+// The cells and the samples of a report, as JSON that can be in an HTML element "script".
+std::string page_data_of(const report_t &report);
 
 // Texts of values that all renderers use.
 std::string printable(const std::string &text);  // with control characters and backslashes escaped
@@ -54,6 +58,9 @@ std::string index_text(uint32_t idx);  // "none" for TSLB_DA_NIL_IDX
 const char *state_text(pool_slot_state_t state);
 std::string kind_text(const report_t &report);
 std::string verdict_text(const report_t &report);
+std::string seal_text(const seal_t &seal);           // "contents verified", without paths
+std::string status_text(uint32_t status);            // "2 (active)"
+std::string_view record_of(const record_t &record);  // its bytes without the nodes
 
 }  // namespace inspect
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "page_parts.h"
 #include "picture.h"
 #include "render.h"
 
@@ -10,18 +11,6 @@ namespace inspect {
 namespace {
 
 using row_t = std::vector<std::string>;
-
-const char *const PAGE_STYLE =
-    "body{margin:0 auto;max-width:860px;padding:24px;background:var(--paper);color:var(--ink);"
-    "font:14px/1.45 ui-sans-serif,system-ui,sans-serif}\n"
-    "h1{font-size:20px}h2{font-size:17px;margin:32px 0 8px;overflow-wrap:anywhere}h3{font-size:14px;margin:20px 0 "
-    "6px}\n"
-    "svg{max-width:100%;height:auto}\n"
-    ".scroll{overflow-x:auto}\n"
-    "table{border-collapse:collapse;font-variant-numeric:tabular-nums}\n"
-    "th,td{text-align:left;vertical-align:top;padding:3px 16px 3px 0;border-bottom:1px solid var(--edge)}\n"
-    "th{color:var(--muted);font-weight:600}.n{text-align:right}\n"
-    "td{overflow-wrap:anywhere}.bad{color:var(--bad);font-weight:600}\n";
 
 bool is_number(const std::string &cell) {
   return !cell.empty() && std::all_of(cell.begin(), cell.end(), [](char c) { return c >= '0' && c <= '9'; });
@@ -95,47 +84,144 @@ std::string geometry_tables(const geometry_t &g) {
                levels);
 }
 
-std::string slot_tables(const report_t &report) {
+std::string lists_table(const report_t &report) {
   std::vector<row_t> lists;
   for (const list_t &list : report.lists)
     lists.push_back({list.name, number(list.length), number(list.count), index_text(list.head), index_text(list.tail),
                      index_text(list.last), list.is_complete ? "yes" : "no"});
-  std::string html = table("Lists", {"List", "Slots", "Counter", "Head", "Tail", "Walk ends with", "Complete"}, lists);
-  if (!report.pool) return html;
-  const pool_t &pool = *report.pool;
-  std::vector<row_t> rows;
-  for (const pool_slot_t &slot : pool.first_slots)
-    rows.push_back(
-        {number(rows.size()), state_text(slot.state), number(slot.used), number(slot.deleted), number(slot.tail)});
-  rows.push_back({"all", "", number(pool.used), number(pool.deleted), number(pool.tail_lost + pool.tail_open)});
-  const std::string title = pool.n_slots > MAX_POOL_ROWS
-                                ? fmt::format("Pool, the first {} of {} slots", MAX_POOL_ROWS, pool.n_slots)
-                                : "Pool";
-  return html + table(title, {"Slot", "State", "Used", "Deleted", "Tail"}, rows);
+  return table("Lists", {"List", "Slots", "Counter", "Head", "Tail", "Walk ends with", "Complete"}, lists);
 }
 
-std::string section(const report_t &report) {
-  const picture_t picture = picture_of(report, false);
-  return fmt::format(
-             "<section>\n<h2>{}</h2>\n<p{}>{}: {}</p>\n"
-             "<svg role=\"img\" aria-label=\"slots\" width=\"{}\" height=\"{}\" viewBox=\"0 0 {} {}\">\n{}</svg>\n",
-             escaped(report.name), report.is_sound() ? "" : " class=\"bad\"", escaped(kind_text(report)),
-             escaped(verdict_text(report)), PICTURE_WIDTH, picture.height, PICTURE_WIDTH, picture.height,
-             picture.elements) +
-         findings_table(report) + header_tables(report) + (report.geometry ? geometry_tables(*report.geometry) : "") +
-         slot_tables(report) + "</section>\n";
+std::string layout_table(const report_t &report) {
+  std::vector<row_t> rows;
+  if (report.layout)
+    for (const layout_field_t &field : report.layout->fields)
+      rows.push_back({number(field.offset), field.name, type_text(field.type)});
+  return rows.empty() ? "" : table("Layout " + report.layout->name, {"Byte", "Field", "Type"}, rows);
+}
+
+// The record that was asked for, with all of its fields.
+std::string record_table(const report_t &report) {
+  if (!report.record || !report.layout) return "";
+  std::vector<row_t> rows;
+  for (const layout_field_t &field : report.layout->fields)
+    rows.push_back({number(field.offset), field.name, field_text(field, record_of(*report.record))});
+  return table(fmt::format("Record {}", report.record->id), {"Byte", "Field", "Value"}, rows);
+}
+
+// ---- Overview ------------------------------------------------------------------------------------------------------
+
+// With a blank between groups of three digits, which does not break the line.
+std::string grouped(uint64_t value) {
+  std::string digits = number(value);
+  for (size_t at = digits.size(); at > 3; at -= 3) digits.insert(at - 3, "&#8239;");
+  return digits;
+}
+
+std::string size_text(uint64_t bytes) {
+  static const char *const units[] = {"bytes", "kB", "MB", "GB", "TB"};
+  double value = static_cast<double>(bytes);
+  size_t unit = 0;
+  for (; value >= 1000 && unit + 1 < std::size(units); ++unit) value /= 1000;
+  return fmt::format("{:.{}f} {}", value, unit != 0 ? 1 : 0, units[unit]);
+}
+
+std::string tile(const char *title, const std::string &value, const std::string &note) {
+  return fmt::format("<div><dt>{}</dt><dd>{}</dd><dd class=\"note\">{}</dd></div>\n", title, value, note);
+}
+
+std::string pool_tiles(const pool_t &pool) {
+  const auto percent = [&pool](uint64_t bytes) {
+    const double all = static_cast<double>(pool.used + pool.tail_lost + pool.tail_open);
+    return fmt::format("{:.1f} %", all == 0 ? 0 : 100 * static_cast<double>(bytes) / all);
+  };
+  const uint64_t live = pool.used > pool.deleted ? pool.used - pool.deleted : 0;
+  return tile("Live chunks", size_text(live), percent(live) + " of slots in use") +
+         tile("Deleted chunks", size_text(pool.deleted), percent(pool.deleted)) +
+         tile("Lost in tails", size_text(pool.tail_lost), percent(pool.tail_lost));
+}
+
+std::string tiles(const report_t &report) {
+  if (!report.geometry) return "";
+  const geometry_t &g = *report.geometry;
+  const size_t n_files = report.files.size();
+  std::string html = tile("Slots", grouped(g.n_used), "of at most " + grouped(g.capacity)) +
+                     tile("Stored", size_text(g.stored_bytes), n_files == 1 ? "1 file" : grouped(n_files) + " files") +
+                     tile(report.pool ? "Memory slot" : "Record", size_text(g.record_bytes),
+                          grouped(g.node_bytes) + " bytes of nodes");
+  if (report.has_nodes)
+    html +=
+        tile("Active", grouped(report.statuses.n_active),
+             fmt::format("{} free, {} inactive", grouped(report.statuses.n_free), grouped(report.statuses.n_inactive)));
+  return "<dl class=\"tiles\">\n" + html + (report.pool ? pool_tiles(*report.pool) : "") + "</dl>\n";
+}
+
+std::string badge(const char *kind, const std::string &text) {
+  return fmt::format("<span class=\"badge {}\">{}</span>\n", kind, escaped(text));
+}
+
+std::string badges(const report_t &report) {
+  std::string html = badge("", kind_text(report)) + badge(report.is_sound() ? "good" : "bad", verdict_text(report));
+  if (report.layout) html += badge("", "layout " + report.layout->name);
+  if (!report.seal) return html;
+  static const char *const kinds[] = {"", "good", "bad"};
+  return html + badge(kinds[static_cast<size_t>(report.seal->state)], seal_text(*report.seal));
+}
+
+std::string seal_faults(const report_t &report) {
+  std::vector<row_t> rows;
+  if (report.seal)
+    for (const std::string &fault : report.seal->faults) rows.push_back({fault});
+  return table("Sidecar", {"Contradiction"}, rows);
+}
+
+// ---- Page ----------------------------------------------------------------------------------------------------------
+
+std::string details(const std::string &title, const std::string &content) {
+  return content.empty() ? "" : "<details><summary>" + title + "</summary>\n" + content + "</details>\n";
+}
+
+// The script fills the parts.
+std::string section(const report_t &report, size_t idx) {
+  return fmt::format("<section id=\"array-{}\">\n<h2>{}</h2>\n<p class=\"badges\">\n{}</p>\n", idx,
+                     escaped(report.name), badges(report)) +
+         tiles(report) + findings_table(report) + seal_faults(report) + record_table(report) +
+         "<div class=\"part\" data-part=\"map\"></div>\n<div class=\"part\" data-part=\"records\"></div>\n"
+         "<div class=\"part\" data-part=\"slots\"></div>\n" +
+         details("Lists and geometry",
+                 lists_table(report) + (report.geometry ? geometry_tables(*report.geometry) : "")) +
+         details("Headers, field by field", header_tables(report)) +
+         details("Fields of a record", layout_table(report)) + "<script type=\"application/json\">" +
+         page_data_of(report) + "</script>\n</section>\n";
+}
+
+std::string navigation(const reports_t &reports) {
+  if (reports.size() < 2) return "";
+  std::string html;
+  for (size_t i = 0; i < reports.size(); ++i) {
+    const std::optional<seal_t> &seal = reports[i].seal;
+    const bool is_bad = !reports[i].is_sound() || (seal && seal->state == seal_state_t::CONTRADICTED);
+    html +=
+        fmt::format("<a href=\"#array-{}\"{}>{}</a>\n", i, is_bad ? " class=\"bad\"" : "", escaped(reports[i].name));
+  }
+  return "<nav>\n" + html + "</nav>\n";
 }
 
 }  // namespace
 
+// The policy forbids the browser to load anything.
 std::string html_of(const reports_t &reports) {
   std::string sections;
-  for (const report_t &report : reports) sections += section(report);
+  for (size_t i = 0; i < reports.size(); ++i) sections += section(reports[i], i);
   return fmt::format(
       "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
-      "<meta name=\"viewport\" content=\"width=device-width\">\n<title>Stored arrays</title>\n"
-      "<style>\n{}{}</style>\n</head>\n<body>\n<h1>Stored arrays</h1>\n{}</body>\n</html>\n",
-      picture_style(), PAGE_STYLE, sections);
+      "<meta http-equiv=\"Content-Security-Policy\" content=\"default-src 'none'; style-src 'unsafe-inline'; "
+      "script-src 'unsafe-inline'\">\n"
+      "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n<title>Stored arrays</title>\n"
+      "<style>\n{}{}</style>\n</head>\n<body>\n<h1>Stored arrays</h1>\n"
+      "<noscript><p>The map and the tables of slots and records need JavaScript.</p></noscript>\n{}{}"
+      "<script>\n{}</script>\n</body>\n</html>\n",
+      picture_style(), PAGE_CSS, navigation(reports), sections, PAGE_JS);
 }
 
 }  // namespace inspect

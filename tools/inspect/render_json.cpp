@@ -91,13 +91,31 @@ json_t pool_json(const pool_t &pool) {
           {"deleted", pool.deleted}, {"tail_lost", pool.tail_lost},         {"tail_open", pool.tail_open}};
 }
 
-json_t record_json(const record_t &record) {
-  return {{"id", record.id},
-          {"file", record.file},
-          {"offset", record.offset},
-          {"node_bytes_before", record.head_bytes},
-          {"node_bytes_after", record.tail_bytes},
-          {"hex", hex_of(record.bytes)}};
+json_t record_json(const record_t &record, const std::optional<layout_t> &layout) {
+  json_t json = {{"id", record.id},
+                 {"file", record.file},
+                 {"offset", record.offset},
+                 {"node_bytes_before", record.head_bytes},
+                 {"node_bytes_after", record.tail_bytes},
+                 {"hex", hex_of(record.bytes)}};
+  if (!layout) return json;
+  json["layout"] = layout->name;
+  json["fields"] = json_t::array();
+  for (const layout_field_t &field : layout->fields)
+    json["fields"].push_back({{"name", field.name},
+                              {"offset", field.offset},
+                              {"type", type_text(field.type)},
+                              {"value", field_text(field, record_of(record))}});
+  return json;
+}
+
+json_t seal_json(const seal_t &seal) {
+  static const char *const states[] = {"absent", "verified", "contradicted"};
+  json_t json = {{"path", seal.path}, {"state", states[static_cast<size_t>(seal.state)]}, {"faults", seal.faults}};
+  if (seal.time.empty()) return json;
+  json["writer"] = seal.writer;
+  json["time"] = seal.time;
+  return json;
 }
 
 json_t summary_json(const report_t &report) {
@@ -118,6 +136,7 @@ json_t summary_json(const report_t &report) {
                  {"findings", findings},
                  {"files", files},
                  {"headers", headers}};
+  if (report.seal) json["sidecar"] = seal_json(*report.seal);
   if (report.geometry) json["geometry"] = geometry_json(*report.geometry);
   return json;
 }
@@ -202,7 +221,8 @@ void json_writer_t::add(const report_t &report, slot_rows_t *rows) {
   }
   if (report.pool) add_pool(report, rows);
   if (report.record)
-    pending_ += member_text("record", MEMBER_INDENT) + text_of(record_json(*report.record), MEMBER_INDENT);
+    pending_ +=
+        member_text("record", MEMBER_INDENT) + text_of(record_json(*report.record, report.layout), MEMBER_INDENT);
   pending_ += line_of(ARRAY_INDENT) + "}";
   flush_at(1);
 }

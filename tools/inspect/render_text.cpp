@@ -46,6 +46,23 @@ std::string kind_text(const report_t &report) {
   return form + (report.has_nodes ? ", slot array" : ", plain array");
 }
 
+std::string status_text(uint32_t status) {
+  static const char *const names[] = {"unset", "free", "active", "inactive"};
+  return status < std::size(names) ? fmt::format("{} ({})", status, names[status]) : std::to_string(status);
+}
+
+std::string_view record_of(const record_t &record) {
+  const std::string_view slot = record.bytes;
+  const size_t before = std::min<size_t>(record.head_bytes, slot.size());
+  return slot.substr(before, record.slot_bytes - record.head_bytes - record.tail_bytes);
+}
+
+std::string seal_text(const seal_t &seal) {
+  static const char *const texts[] = {"contents unverified, since there is no sidecar", "contents verified",
+                                      "the contents are not those that were sealed"};
+  return texts[static_cast<size_t>(seal.state)];
+}
+
 std::string verdict_text(const report_t &report) {
   const auto counted = [](uint64_t count, const char *what) {
     return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
@@ -57,6 +74,14 @@ std::string verdict_text(const report_t &report) {
 namespace {
 
 // ---- Sections ------------------------------------------------------------------------------------------------------
+
+std::string contents_text(const seal_t &seal) {
+  std::string text = fmt::format("  {}: {}", printable(seal.path), seal_text(seal));
+  if (!seal.time.empty()) text += fmt::format(", sealed {} by {}", seal.time, printable(seal.writer));
+  text += "\n";
+  for (const std::string &fault : seal.faults) text += fmt::format("    {}\n", printable(fault));
+  return text;
+}
 
 std::string findings_text(const report_t &report) {
   std::string text;
@@ -172,12 +197,14 @@ std::string hex_lines(const std::string &bytes, uint64_t offset) {
   return text;
 }
 
-std::string status_text(uint32_t status) {
-  static const char *const names[] = {"unset", "free", "active", "inactive"};
-  return status < std::size(names) ? fmt::format("{} ({})", status, names[status]) : std::to_string(status);
+std::string fields_text(const layout_t &layout, std::string_view record) {
+  std::string text = fmt::format("    fields of {}\n", layout.name);
+  for (const layout_field_t &field : layout.fields)
+    text += fmt::format("    {:>6}  {:<50}  {}\n", field.offset, field.name, field_text(field, record));
+  return text;
 }
 
-std::string record_text(const record_t &record) {
+std::string record_text(const record_t &record, const std::optional<layout_t> &layout) {
   std::string text =
       fmt::format("  record {}, slot at byte {} of {}\n", record.id, record.offset, printable(record.file));
   if (record.bytes.empty()) return text + "    its bytes are missing\n";
@@ -190,6 +217,7 @@ std::string record_text(const record_t &record) {
   };
   if (head == sizeof(node_fw))
     text += fmt::format("    status {}, next {}\n", status_text(word(0)), index_text(word(4)));
+  if (layout) text += fields_text(*layout, record_of(record));
   text += hex_lines(record.bytes.substr(head), record.offset + head);
   if (record.bytes.size() < record.slot_bytes)
     return text +
@@ -204,12 +232,12 @@ std::string record_text(const record_t &record) {
 
 std::string text_of(const report_t &report) {
   std::string text = fmt::format("{}: {}: {}\n", printable(report.name), kind_text(report), verdict_text(report)) +
-                     findings_text(report);
+                     (report.seal ? contents_text(*report.seal) : "") + findings_text(report);
   for (const header_t &header : report.headers) text += header_text(header);
   if (report.geometry) text += geometry_text(*report.geometry);
   text += lists_text(report);
   if (report.pool) text += pool_text(*report.pool);
-  if (report.record) text += record_text(*report.record);
+  if (report.record) text += record_text(*report.record, report.layout);
   return text;
 }
 

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "layout.h"
+
 namespace inspect {
 
 // Position in a file. A stream has the block number 0.
@@ -100,22 +102,25 @@ struct pool_t {
   uint64_t n_slots = 0;
   std::vector<pool_slot_t> first_slots;  // up to MAX_POOL_ROWS
   uint64_t n_filled = 0, n_free = 0, n_unset = 0;
+  uint32_t current = 0;  // index of the current slot; n_slots or more if there is none
   uint64_t used = 0, deleted = 0, tail_lost = 0, tail_open = 0;
 };
 
 // Use of a slot in the picture. ABSENT: its bytes are missing. UNISSUED: it has memory, but its id was not issued.
 enum use_t { USE_ACTIVE, USE_FREE, USE_INACTIVE, USE_OTHER, USE_ABSENT, USE_UNISSUED, N_USES };
 
-// The slots of an array in a bounded number of cells, for pictures.
+// The slots of an array in a bounded number of cells, for pictures and for the map of a page.
 constexpr size_t CELL_COLUMNS = 32;
 constexpr size_t MAX_CELLS = CELL_COLUMNS * 20;
+constexpr size_t MAX_PAGE_CELLS = 1 << 14;
 
 struct cell_t {
   uint64_t first, slots;
   std::array<uint64_t, N_USES> counts;
   bool has_stray;
-  // Of a pool's slots that are neither free nor unset: bytes in chunks that are not deleted, and bytes for chunks.
-  uint64_t live, room;
+  // Of a pool's slots that are neither free nor unset: bytes in chunks that are not deleted, bytes in all chunks, and
+  // bytes for chunks.
+  uint64_t live, used, room;
 };
 
 struct heat_map_t {
@@ -131,6 +136,24 @@ struct record_t {
   std::string bytes;    // bytes of the slot that are in the file
   uint64_t head_bytes;  // size of the node before the record
   uint64_t tail_bytes;  // size of the node after the record
+};
+
+// A record in a page.
+struct sample_t {
+  uint32_t id;
+  uint32_t status;    // TSLB_DA_SLOT_*; active in an array without nodes
+  std::string bytes;  // of the record that are in the file
+};
+
+// What the sidecar of the files says. ABSENT: there is none, so nothing says whether the contents are as they were
+// written. CONTRADICTED: the files are not those that were sealed, or the sidecar is damaged.
+enum class seal_state_t { ABSENT, VERIFIED, CONTRADICTED };
+
+struct seal_t {
+  seal_state_t state;
+  std::string path;
+  std::string writer, time;         // empty if the sidecar cannot be read
+  std::vector<std::string> faults;  // one line each
 };
 
 struct stored_file_t {
@@ -154,15 +177,20 @@ class slot_rows_t {
 struct report_t {
   std::string name;
   bool is_stream = true;
+  bool is_cut = false;  // a stream whose last slot is cut at the pool's cursor
   std::vector<stored_file_t> files;
+  std::optional<seal_t> seal;      // not set if sidecars are not examined
+  std::optional<layout_t> layout;  // of the records
   std::vector<header_t> headers;
   std::optional<geometry_t> geometry;  // set if the headers are complete
   bool has_nodes = false;
   statuses_t statuses;
   std::vector<list_t> lists;
   std::optional<pool_t> pool;
-  heat_map_t map;
+  heat_map_t map;       // of up to MAX_CELLS
+  heat_map_t page_map;  // of up to MAX_PAGE_CELLS, if the analysis is for a page
   std::optional<record_t> record;
+  std::vector<sample_t> samples;    // the first records in use
   std::vector<finding_t> findings;  // at most MAX_FINDINGS, in the order of the checks
   uint64_t n_faults = 0, n_remarks = 0;
 

@@ -1,0 +1,76 @@
+"""Sidecars of streams and block files, as tslb-inspect --seal writes them: the layout of the records."""
+
+from __future__ import annotations
+
+import os
+import re
+from typing import Any
+
+import numpy as np
+
+from ._native import DamagedError
+
+_TYPE = re.compile(r"(u|i|f|char|bytes)(8|16|32|64)?(?:\[(\d+)\])?(?::(\d+-\d+))?")
+
+
+def _crc32c_table() -> list[int]:
+    table = []
+    for byte in range(256):
+        for _ in range(8):
+            byte = byte >> 1 ^ (0x82F63B78 if byte & 1 else 0)
+        table.append(byte)
+    return table
+
+
+def _crc32c(data: bytes) -> int:
+    table, crc = _crc32c_table(), 0xFFFFFFFF
+    for byte in data:
+        crc = crc >> 8 ^ table[(crc ^ byte) & 0xFF]
+    return crc ^ 0xFFFFFFFF
+
+
+def _field(name: str, offset: str, kind: str) -> tuple[str, Any, int]:
+    """Name, format and offset for a dtype. Bits of a number are that number, under the name with the bits."""
+    matched = _TYPE.fullmatch(kind)
+    if matched is None:
+        raise ValueError(f"unknown type {kind!r}")
+    base, bits, count, places = matched.groups()
+    if base in ("char", "bytes"):
+        return name, f"{'S' if base == 'char' else 'V'}{int(count)}", int(offset)
+    number = f"<{base}{int(bits) // 8}"
+    return (f"{name}:{places}" if places else name), (number, (int(count),)) if count else number, int(offset)
+
+
+def _lines(text: bytes, path: str) -> list[list[str]]:
+    """The words of each line but the last one, which is the checksum of the others."""
+    body, _, last = text[:-1].rpartition(b"\n")
+    if not text.startswith(b"tslb-sidecar ") or not text.endswith(b"\n"):
+        raise DamagedError(f"{path}: is not a sidecar", path)
+    if text.split(b"\n", 1)[0] != b"tslb-sidecar 1":
+        raise DamagedError(f"{path}: has a version that this package does not read", path)
+    if last != b"crc32c %08x" % _crc32c(body + b"\n"):
+        raise DamagedError(f"{path}: wrong checksum, or unexpected end", path)
+    return [line.split(" ") for line in body.decode("utf-8", "surrogateescape").split("\n")]
+
+
+def described_dtype(path: str | os.PathLike[str], record_bytes: int, n_slots: int) -> np.dtype[Any] | None:
+    """The dtype of the records, or None without a sidecar or without a layout in it. DamagedError for a damaged sidecar,
+    and for that of another array. The contents of the array's files are not compared with their checksums."""
+    name = os.fsdecode(path)
+    try:
+        with open(path, "rb") as file:
+            lines = _lines(file.read(), name)
+    except FileNotFoundError:
+        return None
+    try:
+        geometry = next(words for words in lines if words[0] == "geometry")
+        sealed = dict(zip(geometry[1::2], map(int, geometry[2::2])))
+        if (sealed["record_bytes"], sealed["slots"]) != (record_bytes, n_slots):
+            raise DamagedError(f"{name}: seals an array of another size", name)
+        fields = [_field(*words[1:]) for words in lines if words[0] == "field"]
+        if not fields:
+            return None
+        names, formats, offsets = zip(*fields)
+        return np.dtype({"names": names, "formats": formats, "offsets": offsets, "itemsize": record_bytes})
+    except (StopIteration, KeyError, TypeError, ValueError) as error:
+        raise DamagedError(f"{name}: is not a sidecar that tslb-inspect writes: {error}", name) from None
