@@ -240,17 +240,18 @@ bool LineParser::parse_field() {
   if (!at('=')) return fail(fmt::format("field {} has no value", quoted(key)));
   ++pos_;
   if (at('"')) return parse_string(key);
-  ParsedField field{key, 0.0, {}};
+  // In place: a copy would wait for the stores of its parts.
+  ParsedField &field = line_.fields.emplace_back();
+  field.key = key;
   if (parse_common_value(field)) {
-    line_.fields.push_back(field);
     line_.n_likely += is_likely ? 1 : 0;
     return true;
   }
   const char *const begin = pos_;
   while (pos_ != end_ && *pos_ != ',' && *pos_ != ' ') ++pos_;
-  if (!parse_value({begin, static_cast<size_t>(pos_ - begin)}, field)) return false;
-  line_.fields.push_back(field);
-  return true;
+  if (parse_value({begin, static_cast<size_t>(pos_ - begin)}, field)) return true;
+  line_.fields.pop_back();
+  return false;
 }
 
 // Converts most values. Leaves unusual and invalid values to parse_value.

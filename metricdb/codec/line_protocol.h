@@ -32,8 +32,8 @@ enum class Precision : int64_t { ns = 1, us = 1'000, ms = 1'000'000, s = 1'000'0
 
 struct ParsedField {
   std::string_view key;
-  double value;                    // 0 or 1 for a boolean
-  std::optional<int64_t> integer;  // the value, if it has the suffix of an integer
+  double value = 0.0;                   // 0 or 1 for a boolean
+  std::optional<int64_t> integer = {};  // the value, if it has the suffix of an integer
 };
 
 // A field of an earlier line with the same head, and its series.

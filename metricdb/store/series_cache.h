@@ -60,6 +60,7 @@ class SeriesCache {
 
   std::string_view name_of(std::string_view name);
   Entry *entry_of(std::string_view line);
+  void fetch_after(const Entry &next) const;
 
   const size_t max_bytes_;
   size_t n_bytes_ = 0;

@@ -96,6 +96,9 @@ class SeriesRecord {
   // Returns whether all unused bytes are zero.
   bool is_clean() const;
 
+  // Where the fields begin that change with each point.
+  static constexpr size_t FIRST_COUNTER = offsetof(ty_sub_t_v1, rsb_arr) + sizeof(rsb_t_v1);
+
  private:
   static constexpr size_t N_SEALED = offsetof(ty_sub_t_v1, nodes_group);
   static constexpr size_t FLAGS = offsetof(ty_sub_t_v1, flag_bitmask);

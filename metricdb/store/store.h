@@ -150,7 +150,7 @@ class Store {
   bool replace_open(uint32_t series, const Point &point);
 
   // Appends a point to the series, of its type. Throws StoreFull.
-  void append(uint32_t series, const Point &point);
+  void append(uint32_t series, Point point);
 
   // Applies the limits, and releases empty memory slots.
   Sweep sweep();
@@ -224,7 +224,7 @@ class Store {
 
  private:
   // A series as `append` needs it. Records and chunks never move.
-  struct Tail {
+  struct alignas(64) Tail {  // in one cache line
     SeriesRecord record;
     char *open = nullptr;  // the points of its open chunk
     uint16_t n_open = 0;
