@@ -1,8 +1,8 @@
 // Cost of taking and freeing a slot.
 //
 // Measured: tslb_da_get_newptr and tslb_da_free_idx on slot arrays with a free list (LL) and also with an inactive list
-// (INLL), records of 100 bytes and of 1 KiB, with 1 and 2 threads. A thread takes 64 slots, writes a word to each,
-// reads it back, and frees the slots in the same order. 512 slots are free at the start, so the list is never empty.
+// (INLL), records of 100 bytes and of 1 KiB, with 1, 2, 4 and 8 threads. A thread takes 64 slots, writes a word to each,
+// reads it back, and frees the slots in the same order. 1,024 slots are free at the start, so the list is never empty.
 // Compared with the floor (floor.h: the clock, two locks and unlocks through the host's cas16, the words of list and
 // nodes, clearing the payload, in an array of the same kind), with malloc, mimalloc and jemalloc, with the standard
 // library's synchronized_pool_resource, and with two free lists of as many slots: Boost's lock-free stack, and a
@@ -33,10 +33,10 @@
 #include <boost/lockfree/stack.hpp>
 #endif
 
-constexpr uint32_t N_SLOTS = 512;
+constexpr uint32_t N_SLOTS = 1024;
 constexpr uint32_t BATCH = 64;
 constexpr uint32_t BATCHES_PER_THREAD = 128;
-constexpr unsigned MAX_THREADS = 2;
+constexpr unsigned MAX_THREADS = 8;
 static_assert(MAX_THREADS * BATCH < N_SLOTS, "the free list is never empty");
 
 // A slot that a thread owns.
@@ -201,13 +201,13 @@ static std::vector<candidate_t> make_candidates(int record_size, const kind_t &k
 }
 
 static void add_cases() {
-  for (const unsigned threads : {1u, MAX_THREADS})
+  for (const unsigned threads : {1u, 2u, 4u, MAX_THREADS})
     for (const kind_t &kind : {kind_t{"LL", TSLB_DA_DAFLAG_LL, false}, kind_t{"INLL", TSLB_DA_DAFLAG_INLL, false},
                                kind_t{"reused by policy", TSLB_DA_DAFLAG_INLL, true}})
       for (const int record_size : {100, 1024})
         add_case(
-            std::string(kind.name) + ", " + (record_size == 100 ? "100 bytes, " : "1 KiB, ") +
-                (threads == 1 ? "1 thread" : "2 threads"),
+            std::string(kind.name) + ", " + (record_size == 100 ? "100 bytes, " : "1 KiB, ") + std::to_string(threads) +
+                (threads == 1 ? " thread" : " threads"),
             threads, [record_size, kind] { return make_candidates(record_size, kind); },
             uint64_t{threads} * BATCHES_PER_THREAD * BATCH);
 }
