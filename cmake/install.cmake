@@ -60,24 +60,31 @@ if(TSLB_BUILD_REPLICA)
   install(FILES ${generated}/tslb-replica.pc DESTINATION ${TSLB_PKGCONFIG_DIR} COMPONENT replica)
 endif()
 
-# Documents for developers of hosts, the hosts of the README, and event_store. For the prefix /usr they are in Debian's folder for
-# documents of a package.
+# The documents, in the folders of this tree, so that their links hold; and the examples: the hosts of the README, event_store,
+# typed_readings and converters. For the prefix /usr both are in Debian's folders for documents of a package.
 include(cmake/readme_host.cmake)
 set(doc_dir ${CMAKE_INSTALL_DATADIR}/doc/tslb)
+set(example_dir ${doc_dir}/examples)
+set(markdown_dir ${doc_dir})
 if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
-  set(doc_dir ${CMAKE_INSTALL_DATADIR}/doc/libtslb-dev)
+  set(doc_dir ${CMAKE_INSTALL_DATADIR}/doc/tslb-doc)
+  set(markdown_dir ${doc_dir}/markdown)
+  set(example_dir ${CMAKE_INSTALL_DATADIR}/doc/libtslb-dev/examples)
 endif()
-install(FILES docs/architecture.md docs/hosting.md docs/formats.md docs/debugging.md docs/performance.md docs/durable.md
-  docs/scale.md docs/cpp.md
-  DESTINATION ${doc_dir} COMPONENT dev)
-# The picture of debugging.md.
-install(FILES docs/inspector.png DESTINATION ${doc_dir} COMPONENT dev)
-install(FILES CHANGELOG.md DESTINATION ${doc_dir} COMPONENT dev)
-install(DIRECTORY examples/converters DESTINATION ${doc_dir}/examples COMPONENT dev)
-install(FILES ${TSLB_README_HOST} DESTINATION ${doc_dir}/examples COMPONENT dev)
+file(GLOB documents CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/*.md ${PROJECT_SOURCE_DIR}/docs/*.png)
+install(FILES ${documents} DESTINATION ${markdown_dir}/docs COMPONENT doc)
+install(FILES README.md CHANGELOG.md CONTRIBUTING.md SECURITY.md DESTINATION ${markdown_dir} COMPONENT doc)
+install(FILES bench/RESULTS.md DESTINATION ${markdown_dir}/bench COMPONENT doc)
+# With the reference, as pages: scripts/site makes them.
+set(TSLB_SITE "" CACHE PATH "Folder of the documents as pages, which is installed too")
+if(TSLB_SITE)
+  install(DIRECTORY ${TSLB_SITE}/ DESTINATION ${doc_dir}/html COMPONENT doc)
+endif()
+install(DIRECTORY examples/converters DESTINATION ${example_dir} COMPONENT dev)
+install(FILES ${TSLB_README_HOST} DESTINATION ${example_dir} COMPONENT dev)
 if(TSLB_BUILD_DURABLE)
-  install(FILES ${TSLB_README_DURABLE_HOST} DESTINATION ${doc_dir}/examples COMPONENT dev)
-  install(DIRECTORY examples/event_store examples/typed_readings DESTINATION ${doc_dir}/examples COMPONENT dev)
+  install(FILES ${TSLB_README_DURABLE_HOST} DESTINATION ${example_dir} COMPONENT dev)
+  install(DIRECTORY examples/event_store examples/typed_readings DESTINATION ${example_dir} COMPONENT dev)
 endif()
 
 # gdb reads a script with a library's name together with that library: from its own share/gdb/auto-load, which it

@@ -1,9 +1,9 @@
-# Debian packages, one per component: the library, the development files, those of replicas, the tools, the package of
-# Python, and the database metricdb.
+# Debian packages, one per component: the library, the development files, those of replicas, the documents, the tools, the
+# package of Python, and the database metricdb.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_CONTACT "tslb developers <maintainers@tslb.example>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # otherwise it precedes the first line of each description
-set(CPACK_COMPONENTS_ALL runtime dev tools)
+set(CPACK_COMPONENTS_ALL runtime dev doc tools)
 if(TARGET metricdb)
   list(APPEND CPACK_COMPONENTS_ALL metricdb)
 endif()
@@ -50,7 +50,16 @@ set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libtslb0 ${same_version}, libstdc++-12-dev
 set(CPACK_COMPONENT_DEV_DESCRIPTION "storage primitives for time-series databases (development files)
 Headers, the link to the shared library, static libraries with a stand-in for
 the host's symbols and with the durable store, files for CMake and pkg-config,
-documents, and small hosts as examples.")
+and small hosts as examples. The package tslb-doc has the documents.")
+set(CPACK_DEBIAN_DEV_PACKAGE_SUGGESTS "tslb-doc, pkg-config, cmake")
+
+set(CPACK_DEBIAN_DOC_PACKAGE_NAME tslb-doc)
+set(CPACK_DEBIAN_DOC_PACKAGE_SECTION doc)
+set(CPACK_DEBIAN_DOC_PACKAGE_ARCHITECTURE all)
+set(CPACK_COMPONENT_DOC_DESCRIPTION "storage primitives for time-series databases (documents)
+The documents of tslb, of its durable stores and of metricdb, the manual pages,
+and the reference of all headers, as pages for a browser that need no network.
+The documents are also there as Markdown.")
 
 set(CPACK_DEBIAN_REPLICA_PACKAGE_NAME libtslb-replica-dev)
 set(CPACK_DEBIAN_REPLICA_PACKAGE_SECTION libdevel)
@@ -72,7 +81,10 @@ set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-tslb)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "libtslb0 ${same_version}, python3, python3-cffi, python3-numpy")
-set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS "python3-pandas, python3-matplotlib")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS "python3-pandas, python3-matplotlib, tslb-doc")
+# Compile the modules at the installation, and remove what Python compiled.
+set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/python/postinst
+  ${PROJECT_SOURCE_DIR}/packaging/python/prerm)
 set(CPACK_COMPONENT_PYTHON_DESCRIPTION "stored arrays of tslb databases in Python
 Opens snapshot streams, block files and durable stores of tslb: records are
 NumPy arrays, chunks are memoryviews, and faults are exceptions with file and
@@ -82,6 +94,7 @@ set(CPACK_DEBIAN_METRICDB_PACKAGE_NAME metricdb)
 set(CPACK_DEBIAN_METRICDB_PACKAGE_SECTION database)
 set(CPACK_DEBIAN_METRICDB_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_METRICDB_PACKAGE_DEPENDS "libtslb0 ${same_version}")
+set(CPACK_DEBIAN_METRICDB_PACKAGE_SUGGESTS "tslb-doc")
 set(CPACK_DEBIAN_METRICDB_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/metricdb/conffiles
   ${PROJECT_SOURCE_DIR}/packaging/metricdb/postinst ${PROJECT_SOURCE_DIR}/packaging/metricdb/prerm
   ${PROJECT_SOURCE_DIR}/packaging/metricdb/postrm)

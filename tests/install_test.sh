@@ -107,6 +107,16 @@ if [ -e "$modules/tslb/_shim.so" ]; then
     'import sys, tslb; print(len(tslb.open_store(sys.argv[1])["readings"]), "readings")' "$scratch/typed/store")" "2 readings"
 fi
 
+# The steps of the start page, in an empty folder.
+if [ -e "$modules/tslb/_shim.so" ]; then
+  mkdir "$scratch/start"
+  (
+    cd "$scratch/start"
+    LD_RUN_PATH=$(pkg-config --variable=libdir tslb) PATH=$prefix/bin:$PATH PYTHONDONTWRITEBYTECODE=1 PYTHONPATH=$modules \
+      "$hosts/../document_steps.py" "$hosts/../../docs/start.md" "/usr/share/doc/libtslb-dev/examples=$examples"
+  )
+fi
+
 # No header includes a header that is not installed.
 for header in "$prefix"/include/tslb/*.h; do echo "#include <tslb/${header##*/}>"; done >"$scratch/all.c"
 "$CC" -std=c11 "${strict[@]}" "${cflags[@]}" -fsyntax-only "$scratch/all.c"

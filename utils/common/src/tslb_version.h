@@ -3,13 +3,13 @@
 #define TSLB_VERSION_H
 
 #define TSLB_VERSION_MAJOR 0
-#define TSLB_VERSION_MINOR 1
+#define TSLB_VERSION_MINOR 2
 #define TSLB_VERSION_PATCH 0
 
 #define TSLB_VERSION_TEXT_OF_(x) #x
 #define TSLB_VERSION_TEXT_(x) TSLB_VERSION_TEXT_OF_(x)
 
-/* The version as text, for example "0.1.0". */
+/* The version as text, for example "0.2.0". */
 #define TSLB_VERSION_STRING              \
   TSLB_VERSION_TEXT_(TSLB_VERSION_MAJOR) \
   "." TSLB_VERSION_TEXT_(TSLB_VERSION_MINOR) "." TSLB_VERSION_TEXT_(TSLB_VERSION_PATCH)
