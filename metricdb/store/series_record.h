@@ -96,8 +96,9 @@ class SeriesRecord {
   // Returns whether all unused bytes are zero.
   bool is_clean() const;
 
-  // Where the fields begin that change with each point.
-  static constexpr size_t FIRST_COUNTER = offsetof(ty_sub_t_v1, rsb_arr) + sizeof(rsb_t_v1);
+  // Where the fields lie that change with each point: from n_open to newest_ns.
+  static constexpr uint32_t FIRST_COUNTER = offsetof(ty_sub_t_v1, ag);
+  uint32_t counter_bytes() const { return static_cast<uint32_t>(rsb(3) + sizeof(int64_t)) - FIRST_COUNTER; }
 
  private:
   static constexpr size_t N_SEALED = offsetof(ty_sub_t_v1, nodes_group);

@@ -223,6 +223,9 @@ class Store {
   dynmem_t *points() const { return points_.array(); }
 
  private:
+  // What of a record has changed. Most batches change only what each point changes, which is half of it.
+  enum class Change : uint8_t { none, counters, all };
+
   // A series as `append` needs it. Records and chunks never move.
   struct alignas(64) Tail {  // in one cache line
     SeriesRecord record;
@@ -231,7 +234,7 @@ class Store {
     uint16_t capacity = 0;
     uint16_t n_logged = 0;  // points of the open chunk in earlier batches
     ValueType type = ValueType::real;
-    bool is_changed = false;  // listed in changed_series_
+    Change change = Change::none;  // in this batch; listed in changed_series_ if there is one
     // The sealed chunks at the end of the chain that will be joined, their points, and the chunk before them if there is one.
     uint32_t n_short = 0;
     uint32_t n_short_points = 0;
@@ -310,7 +313,7 @@ class Store {
   uint32_t end_series(Tail &tail, const TimeRange &range);
 
   // Batches.
-  void mark_changed(uint32_t series, Tail &tail);
+  void mark_changed(uint32_t series, Tail &tail, Change change = Change::all);
   void log_series(uint32_t series, Tail &tail);
 
   StoreConfig config_;

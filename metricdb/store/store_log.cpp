@@ -15,15 +15,18 @@ void Store::begin_batch(tslb_batch_t *batch) {
   points_.set_batch(batch);
 }
 
-void Store::mark_changed(uint32_t series, Tail &tail) {
-  if (batch_ == nullptr || tail.is_changed) return;
-  tail.is_changed = true;
-  changed_series_.push_back(series);
+void Store::mark_changed(uint32_t series, Tail &tail, Change change) {
+  if (batch_ == nullptr || tail.change >= change) return;
+  if (tail.change == Change::none) changed_series_.push_back(series);
+  tail.change = change;
 }
 
 void Store::log_series(uint32_t series, Tail &tail) {
-  tail.is_changed = false;
-  tslb_batch_log_record(batch_, CATALOGUE, series);
+  if (tail.change == Change::all)
+    tslb_batch_log_record(batch_, CATALOGUE, series);
+  else
+    tslb_batch_log_bytes(batch_, CATALOGUE, series, SeriesRecord::FIRST_COUNTER, tail.record.counter_bytes());
+  tail.change = Change::none;
   if (tail.n_logged == tail.n_open) return;
   points_.log(tail.record.open(), tail.open + tail.n_logged * sizeof(Point),
               (tail.n_open - tail.n_logged) * sizeof(Point));

@@ -43,11 +43,12 @@ void Store::append(uint32_t series, Point point) {
     record.set_newest_ns(point.ts_ns);
   }
   activate(series, tail);
-  mark_changed(series, tail);
+  mark_changed(series, tail, Change::counters);
 }
 
 void Store::activate(uint32_t series, Tail &tail) {
   if (status_of(tail.record.at()) != TSLB_DA_SLOT_INACTIVE) return;
+  mark_changed(series, tail);
   tslb_da_activate_idx(catalogue_.get(), series);
 }
 
