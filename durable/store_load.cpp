@@ -11,6 +11,7 @@
 #include <map>
 #include <utility>
 
+#include "beside.h"
 #include "changes.h"
 #include "store_error.h"
 #include "stream_source.h"
@@ -39,8 +40,7 @@ std::string stream_path(const std::string &folder, const StoredArrayEntry &entry
 // One stored array. The checksum of a long file is computed beside the loading.
 Array load_array(const File &file, const StoredArrayEntry &entry) {
   const std::string &path = file.path();
-  const auto policy = entry.file.bytes > MIN_PARALLEL_BYTES ? std::launch::async : std::launch::deferred;
-  std::future<FileSum> sum = std::async(policy, [&file] { return sum_of(file); });
+  std::future<FileSum> sum = run_beside(entry.file.bytes > MIN_PARALLEL_BYTES, [&file] { return sum_of(file); });
   array_load_options_t options = {};
   options.ctx_name = entry.name.c_str();
   options.tbl_id = entry.tbl_id;
