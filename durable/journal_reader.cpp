@@ -14,7 +14,7 @@ namespace {
 
 constexpr uint64_t JOURNAL_READ_BYTES = 1 << 20;
 // The next frame is read beside the visit of a longer body. A thread for it costs about as much as the visit of 64 KiB.
-constexpr size_t MIN_PARALLEL_BYTES = 1 << 18;
+constexpr size_t MIN_LONG_BODY_BYTES = 1 << 18;
 
 // A part of the file in memory, from the first byte that is still needed on. It grows on demand.
 class Window {
@@ -230,7 +230,7 @@ void Scan::read_frames() {
     fault_ = now.fault;
     is_certain_damage_ = now.is_certain_damage;
     if (!fault_.empty()) return;
-    const bool is_long = now.kind == FrameKind::group && now.body.size() >= MIN_PARALLEL_BYTES;
+    const bool is_long = now.kind == FrameKind::group && now.body.size() >= MIN_LONG_BODY_BYTES;
     std::future<void> reading = run_beside(is_long, [this, &now, &next] { find(now.after, next); });
     visit_frame(now);
     if (!fault_.empty()) return;

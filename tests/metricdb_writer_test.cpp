@@ -397,11 +397,6 @@ TEST_F(Writer, FaultOfTheLowestSeriesIsReported) {
       {"keys are read before the points of lower series",
        [](Store &store) { damage_count(store, LOW), store.record(HIGH).set_written_at_ns(INT64_MAX); },
        fmt::format("series {}: its chunks hold {} points", LOW, N_POINTS)},
-      {"threads take parts in turn",
-       [](Store &store) {
-         for (uint32_t series = N_SERIES - 1; series >= LOW; --series) damage_count(store, series);
-       },
-       fmt::format("series {}: its chunks hold {} points", LOW, N_POINTS)},
       {"the owner of a chunk comes after the thread of a higher series",
        [](Store &store) { share_chunk(store, HIGH, LOW); }, "but another reference names the same chunk"},
   };

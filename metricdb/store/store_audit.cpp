@@ -157,7 +157,7 @@ bool is_series(const SeriesRecord &record, uint32_t index) {
 }
 
 // With fewer bytes of points, threads cost more than they save.
-constexpr uint64_t MIN_PARALLEL_BYTES = 256 << 10;
+constexpr uint64_t MIN_SHARED_BYTES = 256 << 10;
 constexpr uint32_t PART_SERIES = 16;
 
 // Calls visit(first, last) for the parts of 0 to n - 1 on as many threads as there are processors. One of them is the
@@ -204,7 +204,7 @@ Store::Store(const StoreConfig &config, StoreArrays arrays, const StoreState &st
   ChunkMap points(points_.array(), Where::points, MPOOL_FLAG_BV, MAX_POINT_SLOTS, config.point_slot_bytes);
   tails_.resize(n_slots());
   series_by_key_.reserve(n_series());
-  if (points.used_bytes() < MIN_PARALLEL_BYTES || !take_in_parts(keys, points)) take_in_order(keys, points);
+  if (points.used_bytes() < MIN_SHARED_BYTES || !take_in_parts(keys, points)) take_in_order(keys, points);
   keys.expect_all_claimed();
   points.expect_all_claimed();
   if (n_series() != state.n_series || n_points_ != state.n_points)
