@@ -34,7 +34,7 @@ class SeriesAudit {
  public:
   SeriesAudit(uint32_t series, const SeriesRecord &record) : series_(series), record_(record) {}
 
-  std::string_view take_key(ChunkMap &keys, int64_t data_time_ns) const {
+  void take_key(ChunkMap &keys, int64_t data_time_ns) const {
     if (!record_.is_clean()) fail("unused bytes are not zero");
     if (record_.written_at_ns() > data_time_ns || record_.newest_ns() > data_time_ns)
       fail("its times are after data time");
@@ -42,7 +42,6 @@ class SeriesAudit {
     const char *const text = keys.claim(record_.key(), referrer_of(CATALOGUE_TABLE, series_, KEY_REFERENCE), bytes,
                                         [this](const std::string &what) { fail("its key " + what); });
     if (bytes == 0 || text[bytes - 1] != '\0') fail("its key does not end with a zero");
-    return {text, bytes - 1};
   }
 
   // memory  for the points of a chunk.
@@ -160,30 +159,50 @@ bool is_series(const SeriesRecord &record, uint32_t index) {
 constexpr uint64_t MIN_SHARED_BYTES = 256 << 10;
 constexpr uint32_t PART_SERIES = 16;
 
-// Calls visit(first, last) for the parts of 0 to n - 1 on as many threads as there are processors. One of them is the
-// calling thread, which calls `before` first. Returns false if something has thrown; parts can be left out then.
-template <class Before, class Visit>
-bool visit_in_parts(uint32_t n, Before before, Visit visit) {
-  std::atomic<uint64_t> next{0};
+// Calls visit(first, last) for the parts of 0 to n - 1 on as many threads as there are processors, the calling thread
+// included. That one also calls collect(first, last) for all parts in order, each after its visit. Returns false if something
+// has thrown; parts can be left out then.
+template <class Visit, class Collect>
+bool visit_in_parts(uint32_t n, Visit visit, Collect collect) {
+  const uint32_t n_parts = n / PART_SERIES + (n % PART_SERIES != 0 ? 1 : 0);
+  const auto call = [n](auto &function, uint32_t part) {
+    function(part * PART_SERIES, std::min<uint64_t>(n, (uint64_t{part} + 1) * PART_SERIES));
+  };
+  std::vector<std::atomic<bool>> is_visited(n_parts);
+  std::atomic<uint32_t> next{0};
   std::atomic<bool> has_failed{false};
-  const auto run = [&](const auto &first_work) {
+  // Returns false if no part is left.
+  const auto visit_next = [&] {
+    const uint32_t part = has_failed ? n_parts : next.fetch_add(1);
+    if (part >= n_parts) return false;
     try {
-      first_work();
-      for (uint64_t first; !has_failed && (first = next.fetch_add(PART_SERIES)) < n;)
-        visit(static_cast<uint32_t>(first), static_cast<uint32_t>(std::min<uint64_t>(n, first + PART_SERIES)));
+      call(visit, part);
+      is_visited[part].store(true, std::memory_order_release);  // what the visit wrote is collected
     } catch (...) {
       has_failed = true;
     }
+    return true;
   };
   std::vector<std::thread> others;
   try {
     const uint32_t n_others = std::max(std::thread::hardware_concurrency(), 1u) - 1;
     others.reserve(n_others);
-    while (others.size() < n_others) others.emplace_back(run, [] {});
+    while (others.size() < n_others)
+      others.emplace_back([&] {
+        while (visit_next()) continue;
+      });
   } catch (const std::exception &) {
     // Fewer threads do all parts.
   }
-  run(before);
+  try {
+    for (uint32_t part = 0; part < n_parts && !has_failed; ++part) {
+      while (!is_visited[part].load(std::memory_order_acquire) && !has_failed)
+        if (!visit_next()) std::this_thread::yield();
+      if (!has_failed) call(collect, part);
+    }
+  } catch (...) {
+    has_failed = true;
+  }
   for (std::thread &other : others) other.join();
   return !has_failed;
 }
@@ -215,51 +234,55 @@ Store::Store(const StoreConfig &config, StoreArrays arrays, const StoreState &st
 }
 
 // Returns whether the slot holds a series.
-bool Store::take_key(uint32_t index, ChunkMap &keys) {
+bool Store::take_key(uint32_t index, ChunkMap &keys) const {
   const SeriesRecord record = slot(index);
   if (!is_series(record, index)) return false;
-  const std::string_view key = SeriesAudit(index, record).take_key(keys, data_time_ns_);
-  if (series_by_key_.emplace(key, index).second) return true;
-  throw StoreDamaged(Where::catalogue, index,
-                     fmt::format("series {}: another series has the same key \"{}\"", index, key));
+  SeriesAudit(index, record).take_key(keys, data_time_ns_);
+  return true;
 }
 
-// Returns the number of points.
-uint64_t Store::take_points(uint32_t index, ChunkMap &points, std::vector<Point> &memory) {
+void Store::take_points(uint32_t index, ChunkMap &points, std::vector<Point> &memory) {
   const SeriesRecord record = slot(index);
   SeriesAudit(index, record).take_points(points, memory);
   tails_[index] = tail_of(record);
-  return record.n_points();
+}
+
+void Store::take_series(uint32_t index) {
+  const SeriesRecord record = slot(index);
+  const std::string_view key = key_of(record);
+  if (!series_by_key_.emplace(key, index).second)
+    throw StoreDamaged(Where::catalogue, index,
+                       fmt::format("series {}: another series has the same key \"{}\"", index, key));
+  n_points_ += record.n_points();
 }
 
 // Finds the fault of the lowest series.
 void Store::take_in_order(ChunkMap &keys, ChunkMap &points) {
   std::vector<Point> memory;
-  for (uint32_t index = 0; index < n_slots(); ++index)
-    if (take_key(index, keys)) n_points_ += take_points(index, points, memory);
+  for (uint32_t index = 0; index < n_slots(); ++index) {
+    if (!take_key(index, keys)) continue;
+    take_series(index);
+    take_points(index, points, memory);
+  }
 }
 
 // Returns false if there is a fault, and nothing was taken then. Which fault is found is due to the threads: of two
 // references to a chunk, the one that comes later is refused.
 bool Store::take_in_parts(ChunkMap &keys, ChunkMap &points) {
-  std::atomic<uint64_t> n_points{0};
-  const auto take_keys = [&] {
-    for (uint32_t index = 0; index < n_slots(); ++index) take_key(index, keys);
-  };
-  const auto take_part = [&](uint32_t first, uint32_t last) {
+  const auto visit = [&](uint32_t first, uint32_t last) {
     std::vector<Point> memory;
-    uint64_t n_of_part = 0;
     for (uint32_t index = first; index < last; ++index)
-      if (holds_series(index)) n_of_part += take_points(index, points, memory);
-    n_points += n_of_part;
+      if (take_key(index, keys)) take_points(index, points, memory);
   };
-  if (visit_in_parts(n_slots(), take_keys, take_part)) {
-    n_points_ = n_points;
-    return true;
-  }
+  const auto collect = [this](uint32_t first, uint32_t last) {
+    for (uint32_t index = first; index < last; ++index)
+      if (holds_series(index)) take_series(index);
+  };
+  if (visit_in_parts(n_slots(), visit, collect)) return true;
   keys.forget_claims();
   points.forget_claims();
   series_by_key_.clear();
+  n_points_ = 0;
   return false;
 }
 
