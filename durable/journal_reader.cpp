@@ -3,18 +3,22 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
+#include <condition_variable>
 #include <cstring>
-#include <future>
+#include <exception>
+#include <mutex>
+#include <thread>
 
-#include "beside.h"
 #include "checksum.h"
 
 namespace tslb_durable {
 namespace {
 
 constexpr uint64_t JOURNAL_READ_BYTES = 1 << 20;
-// The next frame is read beside the visit of a longer body. A thread for it costs about as much as the visit of 64 KiB.
-constexpr size_t MIN_LONG_BODY_BYTES = 1 << 18;
+// A thread reads the frames of a longer journal while their groups are visited.
+constexpr uint64_t MIN_LONG_JOURNAL_BYTES = 1 << 18;
+constexpr uint64_t MAX_WAITING_BYTES = 8 << 20;  // of groups that are read and not visited
 
 // A part of the file in memory, from the first byte that is still needed on. It grows on demand.
 class Window {
@@ -94,6 +98,62 @@ struct Found {
   std::string fault;
   bool is_certain_damage = false;  // the fault is in a frame whose checksum is right
   bool is_end = false;
+  std::exception_ptr failure;  // of the file
+  bool is_last() const { return is_end || !fault.empty() || failure != nullptr; }
+};
+
+// Frames on their way from the thread that reads them to the one that visits them. Each side waits rarely: the reader, when it
+// had to wait, until half of the frames are visited. Otherwise the threads would switch at each frame.
+class FrameQueue {
+ public:
+  // Returns where the next frame is put; null: no frame is taken any more.
+  Found *begin_put() {
+    std::unique_lock lock(mutex_);
+    if (n_waiting() == frames_.size() || n_bytes_ > MAX_WAITING_BYTES)
+      is_drained_.wait(lock, [this] { return is_half_empty() || is_stopped_; });
+    return is_stopped_ ? nullptr : &frames_[n_put_ % frames_.size()];
+  }
+  void end_put() {
+    {
+      const std::lock_guard lock(mutex_);
+      n_bytes_ += frames_[n_put_ % frames_.size()].body.size();
+      ++n_put_;
+    }
+    is_filled_.notify_one();
+  }
+  const Found &begin_take() {
+    std::unique_lock lock(mutex_);
+    is_filled_.wait(lock, [this] { return n_waiting() != 0; });
+    return frames_[n_taken_ % frames_.size()];
+  }
+  void end_take() {
+    bool is_ready;
+    {
+      const std::lock_guard lock(mutex_);
+      n_bytes_ -= frames_[n_taken_ % frames_.size()].body.size();
+      ++n_taken_;
+      is_ready = is_half_empty();
+    }
+    if (is_ready) is_drained_.notify_one();
+  }
+  void stop() {
+    {
+      const std::lock_guard lock(mutex_);
+      is_stopped_ = true;
+    }
+    is_drained_.notify_one();
+  }
+
+ private:
+  size_t n_waiting() const { return n_put_ - n_taken_; }
+  bool is_half_empty() const { return n_waiting() <= frames_.size() / 2 && n_bytes_ <= MAX_WAITING_BYTES / 2; }
+
+  std::mutex mutex_;
+  std::condition_variable is_filled_, is_drained_;
+  std::array<Found, 4> frames_;  // their memory is used again
+  size_t n_put_ = 0, n_taken_ = 0;
+  uint64_t n_bytes_ = 0;  // of the bodies that wait
+  bool is_stopped_ = false;
 };
 
 class Scan {
@@ -114,7 +174,9 @@ class Scan {
   bool is_zero_to_end(uint64_t from);
   std::string_view whole_frame(const JournalPlace &place, std::string &fault);
   void find(const JournalPlace &place, Found &found);
+  void find_all(JournalPlace place, FrameQueue &queue);
   void read_frames();
+  bool take(const Found &found);
   void visit_frame(const Found &found);
   void classify_tail();
   bool proves_that_fault_was_synced(uint64_t at);
@@ -196,6 +258,7 @@ std::string_view Scan::whole_frame(const JournalPlace &place, std::string &fault
 void Scan::find(const JournalPlace &place, Found &found) {
   found.fault.clear();
   found.is_certain_damage = false;
+  found.body.clear();  // frames without one
   window_.discard_before(place.position);
   found.is_end = place.position >= window_.end() || is_zero_to_end(place.position);
   if (found.is_end) return;
@@ -218,24 +281,54 @@ void Scan::find(const JournalPlace &place, Found &found) {
                  crc32c(frame.data(), frame.size(), place.crc32c), head.durable};
 }
 
-// While a long body is visited another thread reads and decompresses the next one. What it finds counts only if the visit
-// finds no fault.
-void Scan::read_frames() {
-  Found found[2];
-  find(result_.place, found[0]);
-  for (size_t n = 0;; ++n) {
-    const Found &now = found[n % 2];
-    Found &next = found[(n + 1) % 2];
-    if (now.is_end) return;
-    fault_ = now.fault;
-    is_certain_damage_ = now.is_certain_damage;
-    if (!fault_.empty()) return;
-    const bool is_long = now.kind == FrameKind::group && now.body.size() >= MIN_LONG_BODY_BYTES;
-    std::future<void> reading = run_beside(is_long, [this, &now, &next] { find(now.after, next); });
-    visit_frame(now);
-    if (!fault_.empty()) return;
-    reading.get();
+// Ends after a frame that is the last one, or when the queue is stopped.
+void Scan::find_all(JournalPlace place, FrameQueue &queue) {
+  while (Found *const found = queue.begin_put()) {
+    try {
+      find(place, *found);
+    } catch (...) {
+      found->failure = std::current_exception();
+    }
+    const bool is_last = found->is_last();
+    place = found->after;
+    queue.end_put();
+    if (is_last) return;
   }
+}
+
+// What the other thread finds counts only if the visits before it find no fault.
+void Scan::read_frames() {
+  struct Reader {
+    ~Reader() {
+      queue.stop();
+      if (thread.joinable()) thread.join();
+    }
+    FrameQueue queue;
+    std::thread thread;
+  } reader;
+  try {
+    if (result_.bytes >= MIN_LONG_JOURNAL_BYTES)
+      reader.thread = std::thread([this, &reader, from = result_.place] { find_all(from, reader.queue); });
+  } catch (const std::exception &) {
+    // This thread reads the frames.
+  }
+  if (!reader.thread.joinable()) {
+    Found found;
+    do find(result_.place, found);
+    while (take(found));
+    return;
+  }
+  while (take(reader.queue.begin_take())) reader.queue.end_take();
+}
+
+// Returns whether the next frame is to be taken.
+bool Scan::take(const Found &found) {
+  if (found.failure) std::rethrow_exception(found.failure);
+  if (found.is_end) return false;
+  fault_ = found.fault;
+  is_certain_damage_ = found.is_certain_damage;
+  if (fault_.empty()) visit_frame(found);
+  return fault_.empty();
 }
 
 void Scan::visit_frame(const Found &found) {

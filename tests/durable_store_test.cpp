@@ -450,7 +450,7 @@ TEST_F(DurableStore, LargeGenerationReplacesAnother) {
   EXPECT_TRUE(store.content() == expected);
 }
 
-// While a long group is applied the next one is read. A fault in that one must not cost the group before it.
+// While a group is applied the next ones are read. A fault in them must not cost the groups before it.
 TEST_F(DurableStore, LongGroupsAreReplayedUpToTheDamage) {
   constexpr uint32_t N_GROUPS = 6, N_RECORDS = 8, RECORD_BYTES = 1 << 16;
   const std::vector<tslb_array_decl_t> decls = {decl_of("large", TSLB_ARRAY_RECORDS, 1, RECORD_BYTES, 0, 0)};
