@@ -102,8 +102,8 @@ struct Found {
   bool is_last() const { return is_end || !fault.empty() || failure != nullptr; }
 };
 
-// Frames on their way from the thread that reads them to the one that visits them. Each side waits rarely: the reader, when it
-// had to wait, until half of the frames are visited. Otherwise the threads would switch at each frame.
+// Frames between the thread that reads them and the one that visits them. A reader that had to wait goes on when half of
+// the frames are visited. Otherwise the threads would switch at each frame.
 class FrameQueue {
  public:
   // Returns where the next frame is put; null: no frame is taken any more.
