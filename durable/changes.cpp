@@ -89,6 +89,35 @@ std::string apply_bytes(const ReplayTarget &target, uint64_t position, std::stri
   return fmt::format("array \"{}\": {}", array->ctx_name, why);
 }
 
+// Writes ranges to slots that exist. A journal has millions of short ranges, and most of them follow one in the same slot.
+class RangeWriter {
+ public:
+  RangeWriter(DynArrHandle_t *array, uint32_t max_slots)
+      : array_(array), geometry_(array), n_slots_(std::min(tslb_da_get_size(array), max_slots)) {}
+
+  const Geometry &geometry() const { return geometry_; }
+
+  // Returns false, and writes nothing, if apply_bytes must say why the range does not fit.
+  bool write(const Range &range, std::string_view bytes) {
+    if (range.idx >= n_slots_ || bytes.empty() || bytes.size() > geometry_.slot_bytes - range.offset) return false;
+    if (slot_ == nullptr || range.idx != idx_) {
+      char *const record = static_cast<char *>(tslb_da_get_ptr(array_, range.idx));
+      if (record == nullptr) return false;
+      slot_ = record - geometry_.shift;
+      idx_ = range.idx;
+    }
+    std::memcpy(slot_ + range.offset, bytes.data(), bytes.size());
+    return true;
+  }
+
+ private:
+  DynArrHandle_t *const array_;
+  const Geometry geometry_;
+  const uint32_t n_slots_;
+  uint32_t idx_ = 0;  // of slot_
+  char *slot_ = nullptr;
+};
+
 LogPosition read_position(BodyReader &reader) {
   const uint64_t epoch = reader.number();
   return {epoch, reader.number()};
@@ -115,13 +144,15 @@ std::string apply_section(BodyReader &reader, const std::vector<ReplayTarget> &t
   const std::string_view headers = reader.bytes(header_bytes);
   if (!reader.is_sound()) return "a section that is cut";
   std::string why = headers.empty() ? "" : apply_bytes(target, 0, headers, max_slots);
-  const Geometry geometry(target.array);
+  RangeWriter writer(target.array, max_slots);
+  const Geometry &geometry = writer.geometry();
+  const uint32_t n_slots = tslb_da_get_size(target.array);  // the headers of a group name all ids
   for (const Range &range : ranges) {
     const std::string_view bytes = reader.bytes(range.bytes);
     if (!why.empty()) break;
     if (!reader.is_sound() || range.offset >= geometry.slot_bytes) return "a range outside of its slot, or cut";
-    // The headers of a group name all ids.
-    if (range.idx >= tslb_da_get_size(target.array)) return "a range of a slot that does not exist";
+    if (range.idx >= n_slots) return "a range of a slot that does not exist";
+    if (writer.write(range, bytes)) continue;
     const uint64_t at = tslb_stored_slot_at(geometry.header_bytes, geometry.slot_bytes, range.idx);
     why = apply_bytes(target, at + range.offset, bytes, max_slots);
   }

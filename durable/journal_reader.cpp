@@ -3,7 +3,12 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
+#include <condition_variable>
 #include <cstring>
+#include <exception>
+#include <mutex>
+#include <thread>
 
 #include "checksum.h"
 
@@ -11,6 +16,9 @@ namespace tslb_durable {
 namespace {
 
 constexpr uint64_t JOURNAL_READ_BYTES = 1 << 20;
+// A thread reads the frames of a longer journal while their groups are visited.
+constexpr uint64_t MIN_LONG_JOURNAL_BYTES = 1 << 18;
+constexpr uint64_t MAX_WAITING_BYTES = 8 << 20;  // of groups that are read and not visited
 
 // A part of the file in memory, from the first byte that is still needed on. It grows on demand.
 class Window {
@@ -29,6 +37,12 @@ class Window {
 
   // Bytes before `at` are not needed any more.
   void discard_before(uint64_t at) { needed_ = at; }
+
+  // Only bytes from `at` on are needed, which can have been discarded.
+  void restart_at(uint64_t at) {
+    bytes_.clear();
+    base_ = needed_ = at;
+  }
 
  private:
   void read_on(uint64_t until) {
@@ -75,6 +89,73 @@ bool is_sound(const FrameHead &head) {
          head.raw_bytes == 0 && head.n_batches == 0 && head.compression == Compression::none;
 }
 
+// What follows a place of the file: a frame, a fault, or nothing but zeros.
+struct Found {
+  JournalPlace after;  // the frame
+  FrameKind kind = FrameKind::group;
+  uint32_t n_batches = 0;
+  std::string body;  // of a group
+  std::string fault;
+  bool is_certain_damage = false;  // the fault is in a frame whose checksum is right
+  bool is_end = false;
+  std::exception_ptr failure;  // of the file
+  bool is_last() const { return is_end || !fault.empty() || failure != nullptr; }
+};
+
+// Frames between the thread that reads them and the one that visits them. A reader that had to wait goes on when half of
+// the frames are visited. Otherwise the threads would switch at each frame.
+class FrameQueue {
+ public:
+  // Returns where the next frame is put; null: no frame is taken any more.
+  Found *begin_put() {
+    std::unique_lock lock(mutex_);
+    if (n_waiting() == frames_.size() || n_bytes_ > MAX_WAITING_BYTES)
+      is_drained_.wait(lock, [this] { return is_half_empty() || is_stopped_; });
+    return is_stopped_ ? nullptr : &frames_[n_put_ % frames_.size()];
+  }
+  void end_put() {
+    {
+      const std::lock_guard lock(mutex_);
+      n_bytes_ += frames_[n_put_ % frames_.size()].body.size();
+      ++n_put_;
+    }
+    is_filled_.notify_one();
+  }
+  const Found &begin_take() {
+    std::unique_lock lock(mutex_);
+    is_filled_.wait(lock, [this] { return n_waiting() != 0; });
+    return frames_[n_taken_ % frames_.size()];
+  }
+  void end_take() {
+    bool is_ready;
+    {
+      const std::lock_guard lock(mutex_);
+      n_bytes_ -= frames_[n_taken_ % frames_.size()].body.size();
+      ++n_taken_;
+      is_ready = is_half_empty();
+    }
+    if (is_ready) is_drained_.notify_one();
+  }
+  void stop() {
+    {
+      const std::lock_guard lock(mutex_);
+      is_stopped_ = true;
+    }
+    is_drained_.notify_one();
+  }
+
+ private:
+  size_t n_waiting() const { return n_put_ - n_taken_; }
+  bool is_half_empty() const { return n_waiting() <= frames_.size() / 2 && n_bytes_ <= MAX_WAITING_BYTES / 2; }
+
+  std::mutex mutex_;
+  std::condition_variable is_filled_, is_drained_;
+  std::array<Found, 4> frames_;  // their memory is used again
+  size_t n_put_ = 0, n_taken_ = 0;
+  uint64_t n_bytes_ = 0;  // of the bodies that wait
+  bool is_stopped_ = false;
+};
+
 class Scan {
  public:
   Scan(const File &file, const JournalName &name, const GroupVisitor &visit)
@@ -83,16 +164,20 @@ class Scan {
   ScanResult run() {
     result_.bytes = window_.end();
     read_head();
-    while (fault_.empty() && result_.place.position < window_.end() && !is_zero_to_end()) read_frame();
+    read_frames();
     if (!fault_.empty()) classify_tail();
     return result_;
   }
 
  private:
   void read_head();
-  bool is_zero_to_end();
-  std::string_view whole_frame();
-  void read_frame();
+  bool is_zero_to_end(uint64_t from);
+  std::string_view whole_frame(const JournalPlace &place, std::string &fault);
+  void find(const JournalPlace &place, Found &found);
+  void find_all(JournalPlace place, FrameQueue &queue);
+  void read_frames();
+  bool take(const Found &found);
+  void visit_frame(const Found &found);
   void classify_tail();
   bool proves_that_fault_was_synced(uint64_t at);
   uint64_t count_later_frames();
@@ -100,11 +185,10 @@ class Scan {
   const File &file_;
   const JournalName &name_;
   const GroupVisitor &visit_;
-  Window window_;
+  Window window_;  // of the thread that reads the next frame
   ScanResult result_;
   std::string fault_;
-  bool is_certain_damage_ = false;  // the fault is in a frame whose checksum is right
-  std::string body_;                // decompressed
+  bool is_certain_damage_ = false;
 };
 
 void Scan::read_head() {
@@ -132,10 +216,10 @@ void Scan::read_head() {
 }
 
 // Reserved space is zero. A frame is not: its length is never 0.
-bool Scan::is_zero_to_end() {
-  const std::string_view start = window_.view(result_.place.position, sizeof(uint32_t));
+bool Scan::is_zero_to_end(uint64_t from) {
+  const std::string_view start = window_.view(from, sizeof(uint32_t));
   if (n_zeros(start) != start.size()) return false;
-  for (uint64_t at = result_.place.position; at < window_.end();) {
+  for (uint64_t at = from; at < window_.end();) {
     const std::string_view bytes = window_.view(at, std::min(JOURNAL_READ_BYTES, window_.end() - at));
     if (bytes.empty()) break;
     if (n_zeros(bytes) != bytes.size()) return false;
@@ -145,54 +229,123 @@ bool Scan::is_zero_to_end() {
 }
 
 // Returns the frame at the place. Returns nothing and sets the fault if it is not valid.
-std::string_view Scan::whole_frame() {
-  const uint64_t at = result_.place.position;
+std::string_view Scan::whole_frame(const JournalPlace &place, std::string &fault) {
+  const uint64_t at = place.position;
   const uint64_t left = window_.end() - at;
   const std::string_view start = window_.view(at, sizeof(FrameHead));
   if (start.size() < sizeof(FrameHead)) {
-    fault_ = "the file ends within the head of a frame";
+    fault = "the file ends within the head of a frame";
     return {};
   }
   const FrameHead head = head_in(start);
   const uint32_t length = head.length;
   if (length < sizeof head || length > left) {
-    fault_ = fmt::format("a frame of {} bytes, but only {} are left", length, left);
+    fault = fmt::format("a frame of {} bytes, but only {} are left", length, left);
     return {};
   }
   const std::string_view frame = window_.view(at, length);
   const uint64_t sequence = head.sequence;
   if (frame.size() < length || sum_of_frame(name_, at, frame) != head.crc32c)
-    fault_ = "the checksum of a frame is wrong";
-  else if (sequence != result_.place.next_sequence)
-    fault_ = fmt::format("sequence {}, expected {}", sequence, result_.place.next_sequence);
+    fault = "the checksum of a frame is wrong";
+  else if (sequence != place.next_sequence)
+    fault = fmt::format("sequence {}, expected {}", sequence, place.next_sequence);
   else if (!is_sound(head))
-    fault_ = "a frame contradicts itself";
-  return fault_.empty() ? frame : std::string_view();
+    fault = "a frame contradicts itself";
+  return fault.empty() ? frame : std::string_view();
 }
 
-void Scan::read_frame() {
-  const std::string_view frame = whole_frame();
+// Sets what follows the place. Uses the window, and not the result.
+void Scan::find(const JournalPlace &place, Found &found) {
+  found.fault.clear();
+  found.is_certain_damage = false;
+  found.body.clear();  // frames without one
+  window_.discard_before(place.position);
+  found.is_end = place.position >= window_.end() || is_zero_to_end(place.position);
+  if (found.is_end) return;
+  const std::string_view frame = whole_frame(place, found.fault);
   if (frame.empty()) return;
   const FrameHead head = head_in(frame);
+  found.kind = head.kind;
+  found.n_batches = head.n_batches;
   if (head.kind == FrameKind::group) {
     bool ok = false;
-    const std::string_view body = decompress(head, frame.substr(sizeof head), body_, ok);
-    fault_ = ok ? visit_(body, result_.place.position) : "the body of a group cannot be decompressed";
+    const std::string_view body = decompress(head, frame.substr(sizeof head), found.body, ok);
+    if (!ok) {
+      found.fault = "the body of a group cannot be decompressed";
+      found.is_certain_damage = true;
+      return;
+    }
+    if (body.data() != found.body.data()) found.body = body;  // the window moves on before the body is visited
+  }
+  found.after = {place.position + frame.size(), place.next_sequence + 1,
+                 crc32c(frame.data(), frame.size(), place.crc32c), head.durable};
+}
+
+// Ends after a frame that is the last one, or when the queue is stopped.
+void Scan::find_all(JournalPlace place, FrameQueue &queue) {
+  while (Found *const found = queue.begin_put()) {
+    try {
+      find(place, *found);
+    } catch (...) {
+      found->failure = std::current_exception();
+    }
+    const bool is_last = found->is_last();
+    place = found->after;
+    queue.end_put();
+    if (is_last) return;
+  }
+}
+
+// What the other thread finds counts only if the visits before it find no fault.
+void Scan::read_frames() {
+  struct Reader {
+    ~Reader() {
+      queue.stop();
+      if (thread.joinable()) thread.join();
+    }
+    FrameQueue queue;
+    std::thread thread;
+  } reader;
+  try {
+    if (result_.bytes >= MIN_LONG_JOURNAL_BYTES)
+      reader.thread = std::thread([this, &reader, from = result_.place] { find_all(from, reader.queue); });
+  } catch (const std::exception &) {
+    // This thread reads the frames.
+  }
+  if (!reader.thread.joinable()) {
+    Found found;
+    do find(result_.place, found);
+    while (take(found));
+    return;
+  }
+  while (take(reader.queue.begin_take())) reader.queue.end_take();
+}
+
+// Returns whether the next frame is to be taken.
+bool Scan::take(const Found &found) {
+  if (found.failure) std::rethrow_exception(found.failure);
+  if (found.is_end) return false;
+  fault_ = found.fault;
+  is_certain_damage_ = found.is_certain_damage;
+  if (fault_.empty()) visit_frame(found);
+  return fault_.empty();
+}
+
+void Scan::visit_frame(const Found &found) {
+  if (found.kind == FrameKind::group) {
+    fault_ = visit_(found.body, result_.place.position);
     is_certain_damage_ = !fault_.empty();
     if (is_certain_damage_) return;
     ++result_.n_groups;
-    result_.n_batches += head.n_batches;
+    result_.n_batches += found.n_batches;
   }
-  result_.is_sealed = head.kind == FrameKind::sealed;
-  result_.place.crc32c = crc32c(frame.data(), frame.size(), result_.place.crc32c);
-  result_.place.position += frame.size();
-  result_.place.synced = head.durable;
-  ++result_.place.next_sequence;
-  window_.discard_before(result_.place.position);
+  result_.is_sealed = found.kind == FrameKind::sealed;
+  result_.place = found.after;
 }
 
 void Scan::classify_tail() {
   const uint64_t at = result_.place.position;
+  window_.restart_at(at);
   const uint64_t n_later = count_later_frames();
   result_.end = n_later != 0 || is_certain_damage_ ? JournalEnd::damaged : JournalEnd::torn;
   result_.is_sealed = false;

@@ -9,8 +9,10 @@
 #include <algorithm>
 #include <future>
 #include <map>
+#include <thread>
 #include <utility>
 
+#include "beside.h"
 #include "changes.h"
 #include "store_error.h"
 #include "stream_source.h"
@@ -39,8 +41,7 @@ std::string stream_path(const std::string &folder, const StoredArrayEntry &entry
 // One stored array. The checksum of a long file is computed beside the loading.
 Array load_array(const File &file, const StoredArrayEntry &entry) {
   const std::string &path = file.path();
-  const auto policy = entry.file.bytes > MIN_PARALLEL_BYTES ? std::launch::async : std::launch::deferred;
-  std::future<FileSum> sum = std::async(policy, [&file] { return sum_of(file); });
+  std::future<FileSum> sum = run_beside(entry.file.bytes > MIN_PARALLEL_BYTES, [&file] { return sum_of(file); });
   array_load_options_t options = {};
   options.ctx_name = entry.name.c_str();
   options.tbl_id = entry.tbl_id;
@@ -72,6 +73,7 @@ class Loading {
  private:
   void hold(const std::string &path);
   void read_payload(const std::string &folder);
+  void load_arrays(const std::string &folder);
   void scan(const JournalState &journal);
   bool is_left_out(std::string_view body);
   void count_bytes();
@@ -131,10 +133,24 @@ void Loading::load_generation(uint64_t number, const std::vector<JournalState> &
       hold(journal_file);
   read_payload(folder);
   count_bytes();
-  for (const StoredArrayEntry &entry : manifest.arrays) {
-    loaded_.arrays.push_back(load_array(files_.at(stream_path(folder, entry)), entry));
-    targets_.push_back({loaded_.arrays.back().get(), entry.kind});
-    report_done(entry.file.bytes);
+  load_arrays(folder);
+}
+
+// Several arrays at a time. The fault of the first one is reported.
+void Loading::load_arrays(const std::string &folder) {
+  const std::vector<StoredArrayEntry> &entries = loaded_.manifest.arrays;
+  const size_t n_at_once = std::max(std::thread::hardware_concurrency(), 1u);
+  std::vector<std::future<Array>> loads;
+  for (size_t i = 0; i < entries.size(); ++i) {
+    for (; loads.size() < std::min(entries.size(), i + n_at_once);) {
+      const StoredArrayEntry &entry = entries[loads.size()];
+      const File &file = files_.at(stream_path(folder, entry));
+      loads.push_back(
+          run_beside(entry.file.bytes > MIN_PARALLEL_BYTES, [&file, &entry] { return load_array(file, entry); }));
+    }
+    loaded_.arrays.push_back(loads[i].get());
+    targets_.push_back({loaded_.arrays.back().get(), entries[i].kind});
+    report_done(entries[i].file.bytes);
   }
 }
 

@@ -13,7 +13,23 @@
 
 namespace {
 
-// Buffers its reads. Slots can be a few bytes, and one system call per slot would dominate the run time.
+constexpr size_t PAGE_BYTES = 4096;
+
+bool are_zero(const char *bytes, size_t count) {
+  return count == 0 || (bytes[0] == 0 && memcmp(bytes, bytes + 1, count - 1) == 0);
+}
+
+// Zeroes are not written: untouched pages of new memory are zero and occupy no physical memory. Most of a
+// free slot of a pool is zero.
+void copy_but_zeroes(char *to, const char *from, size_t bytes) {
+  for (size_t part; bytes != 0; to += part, from += part, bytes -= part) {
+    part = std::min(bytes, PAGE_BYTES - reinterpret_cast<uintptr_t>(to) % PAGE_BYTES);
+    if (!are_zero(from, part) || !are_zero(to, part)) memcpy(to, from, part);
+  }
+}
+
+// Buffers its reads. Slots can be a few bytes, and one system call per slot would dominate the run time; long slots have
+// pages of zeroes, which a read would touch.
 class stream_t : public image_source_t {
  public:
   explicit stream_t(int fd) : fd_(fd) {}
@@ -21,18 +37,8 @@ class stream_t : public image_source_t {
   ssize_t read(void *to, size_t bytes, refusal_t *refusal) override {
     size_t filled = take_buffered(to, bytes);
     while (filled < bytes && !ended_) {
-      const size_t missing = bytes - filled;
-      char *const rest = static_cast<char *>(to) + filled;
-      if (missing >= sizeof(buffer_)) {
-        const ssize_t got = read_fully(fd_, rest, missing);
-        if (got < 0) return fail(refusal);
-        ended_ = static_cast<size_t>(got) < missing;
-        n_consumed_ += static_cast<size_t>(got);
-        filled += static_cast<size_t>(got);
-      } else {
-        if (!refill()) return fail(refusal);
-        filled += take_buffered(rest, missing);
-      }
+      if (!refill()) return fail(refusal);
+      filled += take_buffered(static_cast<char *>(to) + filled, bytes - filled);
     }
     return static_cast<ssize_t>(filled);
   }
@@ -53,8 +59,7 @@ class stream_t : public image_source_t {
  private:
   size_t take_buffered(void *to, size_t bytes) {
     const size_t taken = std::min(bytes, end_ - begin_);
-    // Zeroes are not written: untouched pages of new memory are zero and occupy no physical memory.
-    if (memcmp(to, buffer_ + begin_, taken) != 0) memcpy(to, buffer_ + begin_, taken);
+    copy_but_zeroes(static_cast<char *>(to), buffer_ + begin_, taken);
     begin_ += taken;
     n_consumed_ += taken;
     return taken;
@@ -80,7 +85,7 @@ class stream_t : public image_source_t {
   bool ended_ = false;
   size_t begin_ = 0, end_ = 0;  // unread part of buffer_
   uint64_t n_consumed_ = 0;     // bytes that read has returned
-  char buffer_[16384];
+  char buffer_[65536];
 };
 
 // The stream of an array that is converted and written again.

@@ -450,6 +450,57 @@ TEST_F(DurableStore, LargeGenerationReplacesAnother) {
   EXPECT_TRUE(store.content() == expected);
 }
 
+// While a group is applied the next ones are read. A fault in them must not cost the groups before it.
+TEST_F(DurableStore, LongGroupsAreReplayedUpToTheDamage) {
+  constexpr uint32_t N_GROUPS = 6, N_RECORDS = 8, RECORD_BYTES = 1 << 16;
+  const std::vector<tslb_array_decl_t> decls = {decl_of("large", TSLB_ARRAY_RECORDS, 1, RECORD_BYTES, 0, 0)};
+  std::vector<std::string> contents;
+  std::vector<uint64_t> ends;  // of the groups in the journal
+  const std::string killed = folder_ + ".killed", journal = killed + "/journal.1";
+  {
+    TestStore store(decls);
+    ASSERT_TRUE(store.open(folder_, TSLB_STORE_CREATE)) << store.error.text;
+    for (uint32_t group = 0; group < N_GROUPS; ++group) {
+      ASSERT_TRUE(store.commit([&](tslb_batch_t *batch) {
+        while (tslb_da_get_size(store.array(0)) < N_RECORDS) get_dyn_arr_new_record_id(store.array(0));
+        for (uint32_t id = 0; id < N_RECORDS; ++id) {
+          std::memset(tslb_da_get_ptr(store.array(0), id), static_cast<int>(1 + group * N_RECORDS + id), RECORD_BYTES);
+          tslb_batch_log_record(batch, 0, id);
+        }
+      })) << store.error.text;
+      contents.push_back(store.content());
+      ends.push_back(store.info().journal_bytes);
+    }
+    fs::copy(folder_, killed, fs::copy_options::recursive);
+  }
+  const std::string intact = bytes_of(journal);
+  static const struct {
+    uint32_t group;  // whose last byte is changed
+    uint32_t flags;
+    const char *text;
+  } rows[] = {
+      {N_GROUPS, TSLB_STORE_READ_ONLY, ""},
+      {N_GROUPS - 1, TSLB_STORE_READ_ONLY, "were cut"},
+      {3, TSLB_STORE_READ_ONLY | TSLB_STORE_SALVAGE, "what follows is lost"},
+      {3, TSLB_STORE_READ_ONLY, nullptr},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(fmt::format("group {}, flags {}", row.group, row.flags));
+    std::string changed = intact;
+    if (row.group < N_GROUPS) changed[ends[row.group] - 1] ^= 1;
+    put_bytes(journal, changed);
+    TestStore store(decls);
+    const std::string place = row.group < N_GROUPS ? fmt::format("byte {}: ", ends[row.group - 1]) : "";
+    ASSERT_EQ(store.open(killed, row.flags), row.text != nullptr) << store.error.text;
+    const std::string text = row.text != nullptr ? store.info().warning : store.error.text;
+    EXPECT_NE(text.find(place), std::string::npos) << text;
+    if (row.text == nullptr) continue;
+    EXPECT_NE(text.find(row.text), std::string::npos) << text;
+    EXPECT_EQ(store.info().n_batches_found, row.group);
+    EXPECT_TRUE(store.content() == contents[row.group - 1]);
+  }
+}
+
 TEST_F(DurableStore, PoolRefusesAtItsLastSlot) {
   std::vector<tslb_array_decl_t> decls = test_decls();
   decls[BITS].kind = TSLB_POOL_BIG_BUFFER;

@@ -381,6 +381,39 @@ TEST_F(Writer, DamageIsReportedAndSalvaged) {
 
 // The disk is simulated by a limit on the file size. Batches are refused while there is no space, and all others are
 // stored.
+// The first series has so many points that another thread finds the faults of later series before.
+TEST_F(Writer, FaultOfTheLowestSeriesIsReported) {
+  constexpr uint32_t N_SERIES = 200, N_POINTS = 1'000'000;
+  static const auto damage_count = [](Store &store, uint32_t series) { store.record(series).set_n_points(1); };
+  static const struct {
+    const char *fault;
+    void (*damage)(Store &store);
+    std::string message;
+  } rows[] = {
+      {"what is found first is reported",
+       [](Store &store) {
+         for (uint32_t series = 0; series < N_SERIES; ++series) damage_count(store, series);
+       },
+       fmt::format("series 0: its chunks hold {} points", N_POINTS)},
+      {"a reference is refused where threads found it",
+       [](Store &store) { store.record(150).set_open(store.record(0).open()); },
+       "but another reference names the same chunk"},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.fault);
+    fs::remove_all(db());
+    {
+      OpenDatabase database(db(), {}, OpenDatabase::Use::load, StoreConfig());
+      for (uint32_t series = 0; series < N_SERIES; ++series)
+        for (uint32_t i = 0; i < (series == 0 ? N_POINTS : 1); ++i)
+          database.store().add(fmt::format("m,n={} f", series), {i, static_cast<double>(i * 2654435761u)});
+      row.damage(database.store());
+      database.write();
+    }
+    EXPECT_THAT(refusal_of([this] { OpenDatabase opened(db()); }), HasSubstr(row.message));
+  }
+}
+
 TEST_F(Writer, FullDiskRefusesBatches) {
   std::vector<int> kept;
   int n_refused = 0;

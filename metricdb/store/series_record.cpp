@@ -31,7 +31,7 @@ bool SeriesRecord::is_clean() const {
   clear(N_OPEN, sizeof(uint32_t));
   for (size_t number = 0; number < 4; ++number) clear(rsb(number), 2 * sizeof(uint32_t));
   if (layout_ == NEWEST_LAYOUT) clear(INTERVAL, sizeof(uint32_t));
-  return std::all_of(rest, rest + bytes, [](char byte) { return byte == '\0'; });
+  return rest[0] == '\0' && std::memcmp(rest, rest + 1, bytes - 1) == 0;
 }
 
 }  // namespace metricdb

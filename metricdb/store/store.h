@@ -101,6 +101,7 @@ struct Sweep {
 
 struct Erasure;
 struct TimeRange;
+class ChunkMap;
 
 class Store {
  public:
@@ -259,6 +260,13 @@ class Store {
   };
 
   void register_reuse_policy();
+
+  // Restoring.
+  bool take_key(uint32_t index, ChunkMap &keys) const;
+  void take_series(uint32_t index);
+  void take_points(uint32_t index, ChunkMap &points, std::vector<Point> &memory);
+  void take_in_order(ChunkMap &keys, ChunkMap &points);
+  bool take_in_parts(ChunkMap &keys, ChunkMap &points);
 
   // Series.
   SeriesRecord slot(uint32_t series) const;

@@ -15,9 +15,12 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <atomic>
+#include <thread>
 #include <utility>
 #include <vector>
 
+#include "store/chunk_map.h"
 #include "store/store.h"
 #include "store/store_internal.h"
 
@@ -26,145 +29,24 @@ namespace {
 
 using Where = StoreDamaged::Where;
 
-void expect_shape(Where where, DynArrHandle_t *array, uint8_t daflag, uint8_t record_version,
-                  uint16_t user_header_bytes, uint32_t record_bytes) {
-  const auto expect = [where](const char *what, uint32_t found, uint32_t expected) {
-    if (found != expected)
-      throw StoreDamaged(where, StoreDamaged::NO_SLOT, fmt::format("{} {}, expected {}", what, found, expected));
-  };
-  DynHdr_t header;
-  std::memcpy(&header, tslb_da_get_dynhdr(array), sizeof header);
-  expect("record version", header.rec_version, record_version);
-  expect("list flags", array->daflag, daflag);
-  expect("user header size", header.hdr_size, user_header_bytes);
-  expect("record size", tslb_da_get_record_size(array), record_bytes);
-}
-
-// The chunks of a pool that are not deleted, by slot and offset, and whether a reference to each was found.
-class ChunkMap {
- public:
-  ChunkMap(dynmem_t *pool, Where where, uint8_t kind_flag, uint32_t max_slots, int configured_slot_bytes)
-      : pool_(pool), where_(where) {
-    const uint32_t slot_bytes = (static_cast<uint32_t>(configured_slot_bytes) + 3) / 4 * 4;
-    expect_shape(where, pool, TSLB_DA_DAFLAG_LL, POOL_RECORD_VERSION, sizeof(DynMemHdr_t),
-                 slot_bytes + static_cast<uint32_t>(sizeof(MemSlot_t)));
-    const DynMemHdr_t *const header = header_of(pool);
-    // The persistence flag depends on the memory type, which can have changed.
-    const auto flag = static_cast<uint8_t>(header->flag & ~MPOOL_FLAG_PERSIST);
-    if (flag != (MPOOL_FLAG_COMPAT | kind_flag)) fail(fmt::format("the pool has flags 0x{:02x}", flag));
-    if (header->max_slots != 0) fail(fmt::format("the pool is limited to {} slots", short{header->max_slots}));
-    const uint32_t n_slots = tslb_da_get_size(pool);
-    if (n_slots > max_slots) fail(fmt::format("{} memory slots; the maximum is {}", n_slots, max_slots));
-    slots_.resize(n_slots);
-    const uint64_t cursor = header->cur_slot_addr;
-    if (tslb_stored_cursor_slot(cursor) == TSLB_DA_NIL_IDX && n_slots != 0)
-      fail("slots are in use, but none is current");
-    for (uint32_t slot = 0; slot < n_slots; ++slot) read_slot(slot, cursor);
-    if (header->total_mused < used_bytes_)
-      fail(fmt::format("{} bytes are in use, but only {} were reserved", used_bytes_, uint64_t{header->total_mused}));
-  }
-
-  // Returns the data of the chunk at this address and sets its length. `from` is the reference to it.
-  template <class Fail>
-  char *claim(const maddr_t &address, const srcaddr_t &from, uint32_t &bytes, Fail fail_reference) {
-    const tslb_chunk_place_t place = place_of(pool_, address);
-    const auto refuse = [&](const char *why) {
-      fail_reference(fmt::format("names slot {}, byte {}, {}", place.slot_idx, place.byte_off, why));
-    };
-    if (place.slot_idx >= slots_.size()) refuse("but there is no such slot");
-    Slot &slot = slots_[place.slot_idx];
-    const auto found = std::lower_bound(slot.offsets.begin(), slot.offsets.end(), place.byte_off);
-    if (found == slot.offsets.end() || *found != place.byte_off) refuse("where no chunk in use begins");
-    const auto index = static_cast<size_t>(found - slot.offsets.begin());
-    if (slot.is_claimed[index]) refuse("but another reference names the same chunk");
-    slot.is_claimed[index] = true;
-    compat_t header;
-    char *const chunk = memory(place.slot_idx)->mslot + place.byte_off;
-    std::memcpy(&header, chunk, sizeof header);
-    if (std::memcmp(&header.srcaddr, &from, sizeof from) != 0)
-      refuse("but the header of that chunk names another reference");
-    bytes = header.mchunk_len;
-    return chunk + sizeof header;
-  }
-
-  void expect_all_claimed() const {
-    for (uint32_t slot = 0; slot < slots_.size(); ++slot) {
-      const auto lost = std::find(slots_[slot].is_claimed.begin(), slots_[slot].is_claimed.end(), false);
-      if (lost != slots_[slot].is_claimed.end())
-        fail(fmt::format("nothing refers to the chunk at byte {}",
-                         slots_[slot].offsets[static_cast<size_t>(lost - slots_[slot].is_claimed.begin())]),
-             slot);
-    }
-  }
-
- private:
-  struct Slot {
-    std::vector<uint32_t> offsets;  // ascending
-    std::vector<bool> is_claimed;
-  };
-
-  [[noreturn]] void fail(const std::string &what, uint32_t slot = StoreDamaged::NO_SLOT) const {
-    throw StoreDamaged(where_, slot, slot == StoreDamaged::NO_SLOT ? what : fmt::format("slot {}: {}", slot, what));
-  }
-
-  MemSlot_t *memory(uint32_t slot) const { return static_cast<MemSlot_t *>(tslb_da_get_ptr(pool_, slot)); }
-
-  void read_slot(uint32_t slot, uint64_t cursor) {
-    const MemSlot_t *const mem = memory(slot);
-    const uint32_t status = status_of(mem);
-    const bool is_current = slot == tslb_stored_cursor_slot(cursor);
-    if (status == TSLB_DA_SLOT_FREE && !is_current) return;
-    if (status != TSLB_DA_SLOT_ACTIVE) fail(fmt::format("status {}", status), slot);
-    if (mem->bytes_used > header_of(pool_)->mslot_sz)
-      fail(fmt::format("{} bytes in use of {}", mem->bytes_used, header_of(pool_)->mslot_sz), slot);
-    if (is_current && mem->bytes_used != tslb_stored_cursor_off(cursor))
-      fail(fmt::format("{} bytes in use, but the cursor is at {}", mem->bytes_used, tslb_stored_cursor_off(cursor)),
-           slot);
-    used_bytes_ += mem->bytes_used;
-    uint64_t deleted = 0;
-    for (uint32_t offset = 0; offset < mem->bytes_used;) {
-      compat_t header;
-      const uint32_t left = mem->bytes_used - offset;
-      if (left >= sizeof header) std::memcpy(&header, mem->mslot + offset, sizeof header);
-      if (left < sizeof header || left - sizeof header < header.mchunk_len)
-        fail(fmt::format("the chunk at byte {} exceeds the bytes in use", offset), slot);
-      const uint32_t bytes = static_cast<uint32_t>(sizeof header) + header.mchunk_len;
-      if ((header.flag & MCHUNK_FLAG_DELETED) != 0)
-        deleted += bytes;
-      else
-        slots_[slot].offsets.push_back(offset);
-      offset += bytes;
-    }
-    slots_[slot].is_claimed.resize(slots_[slot].offsets.size());
-    if (deleted != mem->bytes_del)
-      fail(fmt::format("{} bytes are deleted, but the slot counts {}", deleted, mem->bytes_del), slot);
-  }
-
-  dynmem_t *const pool_;
-  const Where where_;
-  std::vector<Slot> slots_;
-  uint64_t used_bytes_ = 0;  // of all slots that are not free
-};
-
 // One series: its record and the chunks that it refers to.
 class SeriesAudit {
  public:
-  SeriesAudit(uint32_t series, const SeriesRecord &record, int64_t data_time_ns) : series_(series), record_(record) {
-    if (!record.is_clean()) fail("unused bytes are not zero");
-    if (record.written_at_ns() > data_time_ns || record.newest_ns() > data_time_ns)
-      fail("its times are after data time");
-  }
+  SeriesAudit(uint32_t series, const SeriesRecord &record) : series_(series), record_(record) {}
 
-  std::string_view take_key(ChunkMap &keys) const {
+  void take_key(ChunkMap &keys, int64_t data_time_ns) const {
+    if (!record_.is_clean()) fail("unused bytes are not zero");
+    if (record_.written_at_ns() > data_time_ns || record_.newest_ns() > data_time_ns)
+      fail("its times are after data time");
     uint32_t bytes;
     const char *const text = keys.claim(record_.key(), referrer_of(CATALOGUE_TABLE, series_, KEY_REFERENCE), bytes,
                                         [this](const std::string &what) { fail("its key " + what); });
     if (bytes == 0 || text[bytes - 1] != '\0') fail("its key does not end with a zero");
-    return {text, bytes - 1};
   }
 
-  void take_points(ChunkMap &points) {
-    take_sealed(points);
+  // memory  for the points of a chunk.
+  void take_points(ChunkMap &points, std::vector<Point> &memory) {
+    take_sealed(points, memory);
     take_open(points);
     if (n_points_ != record_.n_points())
       fail(fmt::format("its chunks hold {} points, but its record counts {}", n_points_, record_.n_points()));
@@ -176,7 +58,7 @@ class SeriesAudit {
   }
 
   // Ends even if the chain is a ring, because each chunk is claimed once.
-  void take_sealed(ChunkMap &points) {
+  void take_sealed(ChunkMap &points, std::vector<Point> &memory) {
     maddr_t address = record_.first_sealed();
     srcaddr_t from = referrer_of(CATALOGUE_TABLE, series_, FIRST_SEALED_REFERENCE);
     for (uint32_t number = 0; number < record_.n_sealed(); ++number) {
@@ -195,7 +77,7 @@ class SeriesAudit {
       if (is_last && bits_of(address) != bits_of(record_.last_sealed()))
         fail("its last sealed chunk is not the end of its chain");
       if (is_last && bits_of(chunk->next) != 0) fail_chunk("is the last one, but names a next chunk");
-      expect_points(*chunk, bytes, fail_chunk);
+      expect_points(*chunk, bytes, memory, fail_chunk);
       n_points_ += chunk->count();
       from = referrer_in_chunk(address);
       address = chunk->next;
@@ -222,16 +104,16 @@ class SeriesAudit {
   }
 
   template <class Fail>
-  void expect_points(const SealedChunk &chunk, uint32_t bytes, Fail fail_chunk) {
-    chunk_points_.clear();
-    const bool is_whole = open_chunk(chunk, bytes_of(&chunk), record_.type(), chunk_points_);
+  void expect_points(const SealedChunk &chunk, uint32_t bytes, std::vector<Point> &memory, Fail fail_chunk) {
+    memory.clear();
+    const bool is_whole = open_chunk(chunk, bytes_of(&chunk), record_.type(), memory);
     const char *const end = bytes_of(&chunk) + chunk.bytes, *const begin = reinterpret_cast<const char *>(&chunk);
     const bool is_padded = std::all_of(end, begin + bytes, [](char byte) { return byte == '\0'; });
     if (!is_whole || !is_padded) fail_chunk("cannot be read");
-    if (chunk.has_summary() && !has_its_summary(chunk)) fail_chunk("has another summary than its points");
+    if (chunk.has_summary() && !has_its_summary(chunk, memory)) fail_chunk("has another summary than its points");
     int64_t oldest_ns = INT64_MAX;
     int64_t newest_ns = INT64_MIN;
-    for (const Point &point : chunk_points_) {
+    for (const Point &point : memory) {
       oldest_ns = std::min(oldest_ns, point.ts_ns);
       newest_ns = std::max(newest_ns, point.ts_ns);
     }
@@ -240,10 +122,9 @@ class SeriesAudit {
     expect_time(newest_ns);
   }
 
-  // Of the points in chunk_points_.
-  bool has_its_summary(const SealedChunk &chunk) const {
+  bool has_its_summary(const SealedChunk &chunk, const std::vector<Point> &points) const {
     const std::optional<ChunkSummary> summary =
-        summarize(reinterpret_cast<const char *>(chunk_points_.data()), chunk_points_.size(), record_.type());
+        summarize(reinterpret_cast<const char *>(points.data()), points.size(), record_.type());
     return summary && std::memcmp(&*summary, &chunk + 1, sizeof *summary) == 0;
   }
 
@@ -255,7 +136,6 @@ class SeriesAudit {
   const uint32_t series_;
   const SeriesRecord record_;
   uint64_t n_points_ = 0;
-  std::vector<Point> chunk_points_;
 };
 
 // Returns whether the slot holds a series. Status, flags and gatekeeper word must agree.
@@ -275,6 +155,58 @@ bool is_series(const SeriesRecord &record, uint32_t index) {
   return is_in_use;
 }
 
+// With fewer bytes of points, threads cost more than they save.
+constexpr uint64_t MIN_SHARED_BYTES = 256 << 10;
+constexpr uint32_t PART_SERIES = 16;
+
+// Calls visit(first, last) for the parts of 0 to n - 1 on as many threads as there are processors, the calling thread
+// included. That one also calls collect(first, last) for all parts in order, each after its visit. Returns false if something
+// has thrown; parts can be left out then.
+template <class Visit, class Collect>
+bool visit_in_parts(uint32_t n, Visit visit, Collect collect) {
+  const uint32_t n_parts = n / PART_SERIES + (n % PART_SERIES != 0 ? 1 : 0);
+  const auto call = [n](auto &function, uint32_t part) {
+    function(part * PART_SERIES, std::min<uint64_t>(n, (uint64_t{part} + 1) * PART_SERIES));
+  };
+  std::vector<std::atomic<bool>> is_visited(n_parts);
+  std::atomic<uint32_t> next{0};
+  std::atomic<bool> has_failed{false};
+  // Returns false if no part is left.
+  const auto visit_next = [&] {
+    const uint32_t part = has_failed ? n_parts : next.fetch_add(1);
+    if (part >= n_parts) return false;
+    try {
+      call(visit, part);
+      is_visited[part].store(true, std::memory_order_release);  // what the visit wrote is collected
+    } catch (...) {
+      has_failed = true;
+    }
+    return true;
+  };
+  std::vector<std::thread> others;
+  try {
+    const uint32_t n_others = std::max(std::thread::hardware_concurrency(), 1u) - 1;
+    others.reserve(n_others);
+    while (others.size() < n_others)
+      others.emplace_back([&] {
+        while (visit_next()) continue;
+      });
+  } catch (const std::exception &) {
+    // Fewer threads do all parts.
+  }
+  try {
+    for (uint32_t part = 0; part < n_parts && !has_failed; ++part) {
+      while (!is_visited[part].load(std::memory_order_acquire) && !has_failed)
+        if (!visit_next()) std::this_thread::yield();
+      if (!has_failed) call(collect, part);
+    }
+  } catch (...) {
+    has_failed = true;
+  }
+  for (std::thread &other : others) other.join();
+  return !has_failed;
+}
+
 }  // namespace
 
 Store::Store(const StoreConfig &config, StoreArrays arrays, const StoreState &state)
@@ -290,18 +222,8 @@ Store::Store(const StoreConfig &config, StoreArrays arrays, const StoreState &st
   ChunkMap keys(keys_.array(), Where::keys, 0, MAX_KEY_SLOTS, config.key_slot_bytes);
   ChunkMap points(points_.array(), Where::points, MPOOL_FLAG_BV, MAX_POINT_SLOTS, config.point_slot_bytes);
   tails_.resize(n_slots());
-  for (uint32_t index = 0; index < n_slots(); ++index) {
-    const SeriesRecord record = slot(index);
-    if (!is_series(record, index)) continue;
-    SeriesAudit audit(index, record, data_time_ns_);
-    const std::string_view key = audit.take_key(keys);
-    if (!series_by_key_.emplace(key, index).second)
-      throw StoreDamaged(Where::catalogue, index,
-                         fmt::format("series {}: another series has the same key \"{}\"", index, key));
-    audit.take_points(points);
-    n_points_ += record.n_points();
-    tails_[index] = tail_of(record);
-  }
+  series_by_key_.reserve(n_series());
+  if (points.used_bytes() < MIN_SHARED_BYTES || !take_in_parts(keys, points)) take_in_order(keys, points);
   keys.expect_all_claimed();
   points.expect_all_claimed();
   if (n_series() != state.n_series || n_points_ != state.n_points)
@@ -309,6 +231,59 @@ Store::Store(const StoreConfig &config, StoreArrays arrays, const StoreState &st
                        fmt::format("the figures say {} series with {} points, but the arrays hold {} with {}",
                                    state.n_series, state.n_points, n_series(), n_points_));
   register_reuse_policy();
+}
+
+// Returns whether the slot holds a series.
+bool Store::take_key(uint32_t index, ChunkMap &keys) const {
+  const SeriesRecord record = slot(index);
+  if (!is_series(record, index)) return false;
+  SeriesAudit(index, record).take_key(keys, data_time_ns_);
+  return true;
+}
+
+void Store::take_points(uint32_t index, ChunkMap &points, std::vector<Point> &memory) {
+  const SeriesRecord record = slot(index);
+  SeriesAudit(index, record).take_points(points, memory);
+  tails_[index] = tail_of(record);
+}
+
+void Store::take_series(uint32_t index) {
+  const SeriesRecord record = slot(index);
+  const std::string_view key = key_of(record);
+  if (!series_by_key_.emplace(key, index).second)
+    throw StoreDamaged(Where::catalogue, index,
+                       fmt::format("series {}: another series has the same key \"{}\"", index, key));
+  n_points_ += record.n_points();
+}
+
+// Finds the fault of the lowest series.
+void Store::take_in_order(ChunkMap &keys, ChunkMap &points) {
+  std::vector<Point> memory;
+  for (uint32_t index = 0; index < n_slots(); ++index) {
+    if (!take_key(index, keys)) continue;
+    take_series(index);
+    take_points(index, points, memory);
+  }
+}
+
+// Returns false if there is a fault, and nothing was taken then. Which fault is found is due to the threads: of two
+// references to a chunk, the one that comes later is refused.
+bool Store::take_in_parts(ChunkMap &keys, ChunkMap &points) {
+  const auto visit = [&](uint32_t first, uint32_t last) {
+    std::vector<Point> memory;
+    for (uint32_t index = first; index < last; ++index)
+      if (take_key(index, keys)) take_points(index, points, memory);
+  };
+  const auto collect = [this](uint32_t first, uint32_t last) {
+    for (uint32_t index = first; index < last; ++index)
+      if (holds_series(index)) take_series(index);
+  };
+  if (visit_in_parts(n_slots(), visit, collect)) return true;
+  keys.forget_claims();
+  points.forget_claims();
+  series_by_key_.clear();
+  n_points_ = 0;
+  return false;
 }
 
 }  // namespace metricdb
