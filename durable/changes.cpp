@@ -8,6 +8,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <numeric>
+#include <span>
 
 namespace tslb_durable {
 namespace {
@@ -195,12 +197,35 @@ void LoggedArray::add_counters(uint32_t declaration, std::vector<Range> &ranges)
   for (uint32_t idx = n_logged(); idx < tslb_da_get_size(array_); ++idx) add(idx);
 }
 
+namespace {
+
+bool is_before(const Range &a, const Range &b) {
+  return a.idx != b.idx ? a.idx < b.idx : a.offset < b.offset;
+}
+
+// Sorts the ranges of one array. Batches often end with many ranges in order, those of all records or chunks that they have
+// changed: only what comes before them is sorted.
+void sort_ranges(std::span<Range> ranges) {
+  size_t first = ranges.size();  // of the ranges in order at the end
+  while (first > 0 && (first == ranges.size() || !is_before(ranges[first], ranges[first - 1]))) --first;
+  const auto middle = ranges.begin() + static_cast<ptrdiff_t>(first);
+  if (first > ranges.size() / 2) return std::sort(ranges.begin(), ranges.end(), is_before);
+  std::sort(ranges.begin(), middle, is_before);
+  std::inplace_merge(ranges.begin(), middle, ranges.end(), is_before);
+}
+
+}  // namespace
+
 void normalize(const std::vector<LoggedArray> &arrays, std::vector<Range> &ranges) {
-  // The key of each comparison is one number, because most ranges differ in the slot.
-  std::sort(ranges.begin(), ranges.end(), [](const Range &a, const Range &b) {
-    const uint64_t slot_a = uint64_t{a.array} << 32 | a.idx, slot_b = uint64_t{b.array} << 32 | b.idx;
-    return slot_a != slot_b ? slot_a < slot_b : a.offset < b.offset;
-  });
+  // By array first, in the order in which they were named.
+  std::vector<size_t> begins(arrays.size() + 1);
+  for (const Range &range : ranges) ++begins[range.array + 1];
+  std::partial_sum(begins.begin(), begins.end(), begins.begin());
+  std::vector<Range> sorted(ranges.size());
+  std::vector<size_t> ends(begins.begin(), begins.end() - 1);
+  for (const Range &range : ranges) sorted[ends[range.array]++] = range;
+  for (size_t i = 0; i < arrays.size(); ++i) sort_ranges({sorted.data() + begins[i], begins[i + 1] - begins[i]});
+  ranges.swap(sorted);
   std::vector<Range> joined;
   joined.reserve(ranges.size());
   const auto add = [&joined](const Range &range) {
