@@ -188,7 +188,7 @@ TEST(Retention, AgreesWithAModel) {
       n_idle += is_idle ? 1 : 0;
     }
   }
-  EXPECT_GT(store.forgotten().series_aged, 20u) << "too few series are forgotten";
+  EXPECT_GT(store.forgotten().series_aged, EVERY == 1 ? 20u : 10u) << "too few series are forgotten";
   EXPECT_GT(n_idle, 100u) << "too few are idle";
   EXPECT_GT(store.forgotten().late_points, 100u);
 }
