@@ -104,8 +104,8 @@ TEST_F(Descriptors, FailedReadIsReported) {
   const std::string stream = stream_of(slot_array(0, 20000, 3, 0, 4).get());
   script({-2});
   expect_refused(load(stream), "byte 0: the stream cannot be read: Input/output error");
-  script({16384, 3640, -1, -2});  // after the bytes of the read buffer, in the first slot
-  expect_refused(load(stream), "byte 16384: the stream cannot be read: Input/output error");
+  script({65536, 3640, -1, -2});  // after the bytes of the read buffer, in the last slot
+  expect_refused(load(stream), "byte 65536: the stream cannot be read: Input/output error");
 
   char error[256];
   EXPECT_EQ(array_load_stream(-1, &ANY, error, sizeof(error)), nullptr);
