@@ -78,6 +78,13 @@ def test_values_that_do_not_fit(store, field, value, text):
     assert len(store["events"]) == 0 and len(store["plain"]) == 0
 
 
+def test_dtypes_that_are_set_later(store):
+    for dtype in ("<u8", [("gatekeeper", "<u4"), ("name", object)]):
+        with pytest.raises(ValueError, match="^events: "):
+            store["events"].dtype = dtype
+    assert store["events"].dtype == EVENT
+
+
 def test_values_at_the_limits_are_stored(store):
     limits = event(source=65535, level=255, host="abcd", at=np.datetime64("2026-01-02T03:04:05.000000006"),
                    load=float("inf"), parts=(-32768, 32767), wide=(1 << 64) - 1)

@@ -69,8 +69,19 @@ class Array:
         self._file = file  # of a stream, which does not contain a name
         self._is_mapped = is_mapped
         self._cached: memoryview | None = None
-        self.dtype: np.dtype[Any] | None = None if dtype is None else checked_dtype(dtype, self.name)
+        self._dtype: np.dtype[Any] | None = None
+        if dtype is not None:
+            self.dtype = dtype
+
+    @property
+    def dtype(self) -> np.dtype[Any] | None:
         """Type of the records for calls that are given none."""
+        return self._dtype
+
+    @dtype.setter
+    def dtype(self, dtype: npt.DTypeLike) -> None:
+        is_written_slots = self._changes and self.has_lists
+        self._dtype = None if dtype is None else checked_dtype(dtype, self.name, is_written_slots)
 
     @property
     def _info(self) -> Any:
@@ -352,6 +363,8 @@ def open_block_files(base_path: str | os.PathLike[str], name: str, tbl_id: int, 
     copied once. With `rebuild_lists` the lists are made from the statuses, for files that a kill left. Without `dtype`,
     that of the sidecar base_path/name/tbl_id.darr.tslb is used, if there is one that has a layout.
     With `verify` the files are compared with the checksums in the sidecar before: DamagedError."""
+    if not -1 << 31 <= checked_index(tbl_id, "tbl_id") < 1 << 31:
+        raise ValueError(f"tbl_id: {tbl_id} does not fit 32 bits")
     files = os.path.join(os.fsdecode(base_path), os.fsdecode(name), str(tbl_id))
     sidecar = files + ".darr.tslb"
     if verify:

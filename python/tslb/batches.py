@@ -168,6 +168,8 @@ class Batch:
     def _change(self, name: str, idx: int, what: int, time: int) -> None:
         _ = self._open
         _, array, native = self._find(name, idx)
+        if not -1 << 63 <= checked_index(time, f"{name}: the time") < 1 << 63:
+            raise ValueError(f"{name}: the time {time} does not fit 64 bits")
         if isinstance(array, Pool) or not array.has_lists or (what != 0 and not array.has_inactive):
             raise ValueError(f"{name} has no such list")
         # Asked before: the library would write a line about a refusal.

@@ -24,9 +24,9 @@ class Kind(enum.IntEnum):
     SLOTS = 1
     """Slots for records: a freed one is taken again. The first 4 bytes of a record are the library's."""
     BIG_BUFFER = 2
-    """Chunks of any length. Addresses have 32 bits, so that records can refer to them, or 64."""
+    """Chunks of any length, in up to 256 memory slots with 32-bit addresses."""
     BIT_VECTOR = 3
-    """Chunks whose length is a multiple of 8: more of them can have 32-bit addresses."""
+    """Chunks whose length is a multiple of 8, in up to 2,041 memory slots with 32-bit addresses."""
 
 
 _NAME = re.compile("[a-zA-Z0-9_-]{1,31}")

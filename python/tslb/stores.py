@@ -51,6 +51,9 @@ class Store(Mapping[str, Array]):
     def __init__(self, folder: str | os.PathLike[str], write: bool, create: Sequence[Declaration] | None,
                  dtypes: Mapping[str, npt.DTypeLike], shadow: bool) -> None:
         declarations = describe(folder) if create is None else list(create)
+        for declaration in declarations:
+            if not isinstance(declaration, Declaration):
+                raise TypeError(f"create is a list of Declaration, not of {type(declaration).__name__}")
         types = checked_dtypes(dtypes, declarations)
         error = new_error()
         pointer = lib.tslb_py_store_open(os.fsencode(folder), native_decls(declarations), len(declarations), write,
