@@ -75,6 +75,8 @@ def test_values_that_do_not_fit(store, field, value, text):
                 change()
         with pytest.raises(ValueError, match=r"^plain\[1\]: 70000 does not fit <u2"):
             batch.add_many("plain", np.array([1, 70000]))
+        with pytest.raises(ValueError, match="^events: has the shape"):
+            batch.add("events", np.zeros(3, EVENT))
     assert len(store["events"]) == 0 and len(store["plain"]) == 0
 
 

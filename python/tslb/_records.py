@@ -49,6 +49,8 @@ def _fill(to: npt.NDArray[Any], value: Any, place: str) -> None:
     if names is None:
         _fill_field(to, value, place)
     elif isinstance(value, (np.void, np.ndarray)) and value.dtype.names is not None:
+        if value.shape != to.shape:
+            raise ValueError(f"{place}: has the shape {to.shape}, not {value.shape}")
         if value.dtype == to.dtype:
             to[...] = value
         elif value.dtype.names != names:

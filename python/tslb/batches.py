@@ -11,7 +11,7 @@ import numpy as np
 import numpy.typing as npt
 
 from ._native import FullError, ffi, lib, new_error, raise_error
-from ._records import GATEKEEPER_BYTES, packed
+from ._records import GATEKEEPER_BYTES, checked_dtype, packed
 from .arrays import NIL, Array, Pool, checked_index
 
 if TYPE_CHECKING:
@@ -104,15 +104,15 @@ class Batch:
         array, native = self._records(name)
         if array.dtype is None and not isinstance(records, np.ndarray):
             raise ValueError(f"{name} has no dtype, so its records are added as a structured array")
-        dtype = records.dtype if array.dtype is None else array.dtype
-        made = np.ascontiguousarray(packed(dtype, records, name, (len(records),)))
-        self._expect_size(array, made.itemsize)
-        indices = np.empty(len(made), np.uint32)
+        dtype = checked_dtype(records.dtype, name) if array.dtype is None else array.dtype
+        self._expect_size(array, dtype.itemsize)
+        indices = np.empty(len(records), np.uint32)
         n_added = lib.tslb_py_add_many(batch, self._store._indices[name], native, array.has_lists,
-                                       GATEKEEPER_BYTES if array.has_lists else 0, ffi.from_buffer(made.view("u1")),
-                                       made.itemsize, len(made), ffi.from_buffer("uint32_t[]", indices))
-        if n_added != len(made):
-            raise FullError(f"{name}: there is a slot for {n_added} of {len(made)} records")
+                                       GATEKEEPER_BYTES if array.has_lists else 0,
+                                       packed(dtype, records, name, (len(records),)).tobytes(), dtype.itemsize,
+                                       len(records), ffi.from_buffer("uint32_t[]", indices))
+        if n_added != len(records):
+            raise FullError(f"{name}: there is a slot for {n_added} of {len(records)} records")
         return indices
 
     def _records(self, name: str) -> tuple[Array, Any]:
