@@ -46,9 +46,11 @@ bool has_writer_ended(const File &lock) {
   return writer != 0 && kill(writer, 0) != 0 && errno == ESRCH;
 }
 
-std::string writer_in(const File &lock) {
+// A program that opens a store twice looks for another one in vain.
+std::string holder_of(const File &lock) {
   const pid_t writer = named_writer(lock);
-  return writer != 0 ? fmt::format(": process {}", writer) : "";
+  if (writer == getpid()) return "this process has the store open to write";
+  return "another writer has the store" + (writer != 0 ? fmt::format(": process {}", writer) : "");
 }
 
 std::string without_slash(std::string folder) {
@@ -184,8 +186,7 @@ void tslb_store_t::take_lock() {
   while (flock(file.fd(), LOCK_EX | LOCK_NB) != 0) {
     if (errno != EWOULDBLOCK) fail_file(file.path(), "cannot be locked");
     if (!has_writer_ended(file) || std::chrono::steady_clock::now() > deadline)
-      throw StoreError(TSLB_DURABLE_LOCKED, fmt::format("{}: another writer has the store{}", folder_, writer_in(file)),
-                       folder_);
+      throw StoreError(TSLB_DURABLE_LOCKED, fmt::format("{}: {}", folder_, holder_of(file)), folder_);
     std::this_thread::sleep_for(LOCK_RETRY);
   }
   // Not with the functions for files that a recovery needs. If it fails, the lock is not tried again.

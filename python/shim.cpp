@@ -1,6 +1,7 @@
 // The shared object of the Python package. Its functions have parameters of simple types, so that cffi can call them;
 // what they do is done by the loaders and the durable store, which it contains.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <tslb/array_loader.h>
 #include <tslb/block_files.h>
 #include <tslb/durable.h>
@@ -13,7 +14,10 @@
 #include <cstdio>
 #include <cstring>
 #include <new>
+#include <string_view>
 #include <vector>
+
+#include "checksum.h"
 
 #pragma GCC visibility push(default)
 extern "C" {
@@ -83,6 +87,20 @@ tslb_array_decl_t c_decl(const tslb_py_decl &decl) {
   return made;
 }
 
+// Returns why an open file is no stream; nullptr if it can be one.
+const char *fault_of_stream(int fd, int *errnum) {
+  struct stat status;
+  if (fstat(fd, &status) == 0 && S_ISDIR(status.st_mode)) {
+    *errnum = EISDIR;
+    return "is a folder; open_store opens a durable store";
+  }
+  constexpr std::string_view ZSTD_MAGIC = "\x28\xB5\x2F\xFD";
+  char first[ZSTD_MAGIC.size()];
+  if (pread(fd, first, sizeof(first), 0) != sizeof(first) || std::string_view(first, sizeof(first)) != ZSTD_MAGIC)
+    return nullptr;
+  return "is compressed; zstd -d makes a stream of it";
+}
+
 }  // namespace
 
 void *tslb_py_load_stream(const char *path, int rebuilds_lists, tslb_py_error *error) {
@@ -90,6 +108,12 @@ void *tslb_py_load_stream(const char *path, int rebuilds_lists, tslb_py_error *e
   if (fd == -1) {
     const int errnum = errno;
     set_error(error, TSLB_DURABLE_IO, errnum, path, strerror(errnum));
+    return nullptr;
+  }
+  int errnum = 0;
+  if (const char *const fault = fault_of_stream(fd, &errnum); fault != nullptr) {
+    close(fd);
+    set_error(error, TSLB_DURABLE_IO, errnum, path, fault);
     return nullptr;
   }
   char why[512];
@@ -117,6 +141,10 @@ void *tslb_py_load_block_files(const char *base_path, const char *name, int32_t 
   if (end != nullptr) snprintf(file, sizeof(file), "%.*s", static_cast<int>(end + 5 - why), why);
   set_error(error, TSLB_DURABLE_DAMAGED, 0, file, end != nullptr ? end + 7 : why);
   return nullptr;
+}
+
+uint32_t tslb_py_crc32c(const void *bytes, size_t n_bytes, uint32_t previous) {
+  return tslb_durable::crc32c(bytes, n_bytes, previous);
 }
 
 void tslb_py_release(void *array) {
@@ -285,6 +313,18 @@ int tslb_py_write(void *batch, uint32_t index, void *array, uint32_t idx, uint32
   memcpy(record + offset, bytes, n_bytes);
   tslb_batch_log_bytes(batch_of(batch), index, idx, offset, n_bytes);
   return 0;
+}
+
+uint32_t tslb_py_add_many(void *batch, uint32_t index, void *array, int has_lists, uint32_t offset, const void *records,
+                          uint32_t record_bytes, uint32_t n_records, uint32_t *indices) {
+  const auto *record = static_cast<const char *>(records);
+  for (uint32_t i = 0; i < n_records; ++i, record += record_bytes) {
+    indices[i] = tslb_py_take(array, has_lists);
+    if (indices[i] == TSLB_DA_NIL_IDX ||
+        tslb_py_write(batch, index, array, indices[i], offset, record + offset, record_bytes - offset) != 0)
+      return i;
+  }
+  return n_records;
 }
 
 int tslb_py_change(void *array, uint32_t idx, int what, int64_t time) {

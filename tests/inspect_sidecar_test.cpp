@@ -126,6 +126,9 @@ TEST_F(Sidecar, ChangedFilesAreNamed) {
     const run_t ran = run("ctx/12.0.darr");
     EXPECT_EQ(ran.exit_code, 3);
     EXPECT_THAT(ran.out, HasSubstr("\n    " + std::string(row.fault))) << ran.out;
+    run("--html page.html ctx/12.0.darr");
+    EXPECT_THAT(read("page.html"), Not(HasSubstr("badge good")));
+    EXPECT_THAT(ran.out.substr(0, ran.out.find('\n')), HasSubstr(", but not as sealed"));
     EXPECT_THAT(ran.out, HasSubstr("  ctx/12.darr.tslb: the contents are not those that were sealed"));
   }
 }
@@ -151,6 +154,7 @@ TEST_F(Sidecar, WrongSidecarsAreNamed) {
     write("in.tslb", row.text);
     const run_t ran = run("in");
     EXPECT_EQ(ran.exit_code, 3);
+    EXPECT_THAT(ran.out, HasSubstr(": sound, but its sidecar cannot be read"));
     EXPECT_THAT(ran.out, HasSubstr("\n    " + row.fault));
     EXPECT_EQ(run("--seal in").err,
               "tslb-inspect: " + row.fault.substr(0, row.fault.size() - 1) + "; --force replaces it\n");

@@ -116,8 +116,7 @@ void expect_layout_fits(const inspect::report_t &report) {
 
 int status_of(const inspect::report_t &report) {
   const int status = report.is_sound() ? EXIT_SOUND : EXIT_FAULTS;
-  const bool is_contradicted = report.seal && report.seal->state == inspect::seal_state_t::CONTRADICTED;
-  return is_contradicted ? EXIT_CONTRADICTED : status;
+  return report.is_contradicted() ? EXIT_CONTRADICTED : status;
 }
 
 inspect::analysis_result_t analyse(inspect::store_t *store, const arguments_t &arguments) {

@@ -266,6 +266,8 @@ def test_the_document_runs(tmp_path, monkeypatch, capsys):
     printed = capsys.readouterr().out
     assert printed.startswith("21.5\n2 [1] []\nb'under the tree\\x00\\x00'\n0 0 16 False\n")
     assert "/nowhere" in printed and len(names["frame"]) == 0  # the batch is in the journal
+    assert names["text"] == "it is windy" and names["referrers"] == [(1, 0, 12)] and len(names["indices"]) == 100
+    assert len(tslb.open_stream("events.stream", tslb.read_layout("event.layout")).records()) == 101
 
 
 @pytest.mark.skipif("METRICDB" not in os.environ, reason="metricdb is not built")

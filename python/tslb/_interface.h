@@ -59,6 +59,9 @@ void *tslb_py_load_block_files(const char *base_path, const char *name, int32_t 
                                tslb_py_error *error);
 void tslb_py_release(void *array);
 
+/* CRC-32C (Castagnoli). `previous`: that of the bytes before these, or 0. */
+uint32_t tslb_py_crc32c(const void *bytes, size_t n_bytes, uint32_t previous);
+
 /* Any array. */
 void tslb_py_describe(void *array, tslb_py_array *described);
 void *tslb_py_block0(void *array);
@@ -87,6 +90,10 @@ uint32_t tslb_py_take(void *array, int has_lists); /* 0xFFFFFFFF: there is no sl
 /* Copies bytes to a record and names them. The range is within the record. */
 int tslb_py_write(void *batch, uint32_t index, void *array, uint32_t idx, uint32_t offset, const void *bytes,
                   uint32_t n_bytes);
+/* Adds records, which lie one after the other, from their byte `offset` on. Fills the indices. Result: the number of
+ * records for which there was a slot. */
+uint32_t tslb_py_add_many(void *batch, uint32_t index, void *array, int has_lists, uint32_t offset, const void *records,
+                          uint32_t record_bytes, uint32_t n_records, uint32_t *indices);
 /* what: 0: free, 1: inactivate, 2: activate. Result: 0, 1: refused, -1: there is no such slot. */
 int tslb_py_change(void *array, uint32_t idx, int what, int64_t time);
 uint32_t tslb_py_status(void *array, uint32_t idx);

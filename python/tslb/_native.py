@@ -25,12 +25,16 @@ class Error(Exception):
         self.errno = errno
 
 
+class InvalidError(Error, ValueError):
+    """A declaration or a call that is not allowed, as the store says it."""
+
+
 class NoStoreError(Error):
-    """The folder is not a store."""
+    """The folder is not a store, or does not exist."""
 
 
 class LockedError(Error):
-    """Another writer has the store."""
+    """Another writer has the store, or this process has: a Store that was not closed."""
 
 
 class DamagedError(Error):
@@ -55,7 +59,8 @@ class BrokenError(Error):
 
 # By tslb_durable_code_t. The others are Error.
 _CLASSES: dict[int, type[Error]] = {
-    4: NoStoreError, 6: LockedError, 7: DamagedError, 8: MismatchError, 9: FullError, 10: RefusedError, 11: BrokenError,
+    1: InvalidError, 4: NoStoreError, 6: LockedError, 7: DamagedError, 8: MismatchError, 9: FullError,
+    10: RefusedError, 11: BrokenError,
 }
 
 

@@ -2,34 +2,25 @@
 
 from __future__ import annotations
 
+import errno
+import mmap
 import os
 import re
+from collections.abc import Callable
 from typing import Any
 
 import numpy as np
 
-from ._native import DamagedError
+from ._native import DamagedError, Error, ffi, lib
 
 _TYPE = re.compile(r"(u|i|f|char|bytes)(8|16|32|64)?(?:\[(\d+)\])?(?::(\d+-\d+))?")
 
 
-def _crc32c_table() -> list[int]:
-    table = []
-    for byte in range(256):
-        for _ in range(8):
-            byte = byte >> 1 ^ (0x82F63B78 if byte & 1 else 0)
-        table.append(byte)
-    return table
+def _crc32c(data: Any) -> int:
+    return int(lib.tslb_py_crc32c(ffi.from_buffer(data), len(data), 0))
 
 
-def _crc32c(data: bytes) -> int:
-    table, crc = _crc32c_table(), 0xFFFFFFFF
-    for byte in data:
-        crc = crc >> 8 ^ table[(crc ^ byte) & 0xFF]
-    return crc ^ 0xFFFFFFFF
-
-
-def _field(name: str, offset: str, kind: str) -> tuple[str, Any, int]:
+def field_of(name: str, offset: str, kind: str) -> tuple[str, Any, int]:
     """Name, format and offset for a dtype. Bits of a number are that number, under the name with the bits."""
     matched = _TYPE.fullmatch(kind)
     if matched is None:
@@ -54,8 +45,8 @@ def _lines(text: bytes, path: str) -> list[list[str]]:
 
 
 def described_dtype(path: str | os.PathLike[str], record_bytes: int, n_slots: int) -> np.dtype[Any] | None:
-    """The dtype of the records, or None without a sidecar or without a layout in it. DamagedError for a damaged sidecar,
-    and for that of another array. The contents of the array's files are not compared with their checksums."""
+    """The dtype of the records, or None without a sidecar or without a layout in it. DamagedError for a damaged
+    sidecar, and for that of another array. The contents of the array's files are not compared with their checksums."""
     name = os.fsdecode(path)
     try:
         with open(path, "rb") as file:
@@ -67,10 +58,35 @@ def described_dtype(path: str | os.PathLike[str], record_bytes: int, n_slots: in
         sealed = dict(zip(geometry[1::2], map(int, geometry[2::2])))
         if (sealed["record_bytes"], sealed["slots"]) != (record_bytes, n_slots):
             raise DamagedError(f"{name}: seals an array of another size", name)
-        fields = [_field(*words[1:]) for words in lines if words[0] == "field"]
+        fields = [field_of(*words[1:]) for words in lines if words[0] == "field"]
         if not fields:
             return None
         names, formats, offsets = zip(*fields)
         return np.dtype({"names": names, "formats": formats, "offsets": offsets, "itemsize": record_bytes})
     except (StopIteration, KeyError, TypeError, ValueError) as error:
         raise DamagedError(f"{name}: is not a sidecar that tslb-inspect writes: {error}", name) from None
+
+
+def verify_files(path: str, file_of: Callable[[str], str]) -> None:
+    """Compares files, which `file_of` finds by their numbers, with lengths and checksums in the sidecar."""
+    try:
+        with open(path, "rb") as file:
+            lines = _lines(file.read(), path)
+    except FileNotFoundError:
+        raise Error(f"{path}: there is no sidecar to verify with", path, errno=errno.ENOENT) from None
+    for words in lines:
+        if words[0] == "file":
+            _verify_file(file_of(words[1]), int(words[3]), int(words[5], 16))
+
+
+def _verify_file(path: str, n_bytes: int, checksum: int) -> None:
+    try:
+        with open(path, "rb") as file:
+            found = os.fstat(file.fileno()).st_size
+            if found != n_bytes:
+                raise DamagedError(f"{path}: has {found} bytes, but {n_bytes} were sealed", path)
+            with mmap.mmap(file.fileno(), 0, access=mmap.ACCESS_READ) as contents:
+                if _crc32c(contents) != checksum:
+                    raise DamagedError(f"{path}: the contents are not those that were sealed", path)
+    except OSError as why:
+        raise Error(f"{path}: {why.strerror}", path, errno=why.errno or 0) from None

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import enum
 import mmap
+import operator
 import os
 from collections.abc import Callable, Iterator
 from typing import Any, NamedTuple
@@ -11,8 +12,9 @@ from typing import Any, NamedTuple
 import numpy as np
 import numpy.typing as npt
 
-from ._native import Handle, ffi, lib, new_error, raise_error
-from ._sidecar import described_dtype
+from ._native import Error, Handle, ffi, lib, new_error, raise_error
+from ._records import check_size, checked_dtype
+from ._sidecar import described_dtype, verify_files
 
 #: End of a list, no slot.
 NIL = 0xFFFFFFFF
@@ -44,6 +46,14 @@ class Chunk(NamedTuple):
     data: memoryview
 
 
+def checked_index(value: Any, what: str) -> int:
+    """The value as a number, or TypeError."""
+    try:
+        return operator.index(value)
+    except TypeError:
+        raise TypeError(f"{what} is a number, not {value!r}") from None
+
+
 class Array:
     """A record array or a slot array.
 
@@ -52,13 +62,26 @@ class Array:
     each call."""
 
     def __init__(self, native: Any, image: Callable[[], memoryview], dtype: npt.DTypeLike = None,
-                 changes: bool = False) -> None:
+                 changes: bool = False, file: str = "", is_mapped: bool = False) -> None:
         self._native = native
         self._image = image
         self._changes = changes
+        self._file = file  # of a stream, which does not contain a name
+        self._is_mapped = is_mapped
         self._cached: memoryview | None = None
-        self.dtype: np.dtype[Any] | None = None if dtype is None else np.dtype(dtype)
+        self._dtype: np.dtype[Any] | None = None
+        if dtype is not None:
+            self.dtype = dtype
+
+    @property
+    def dtype(self) -> np.dtype[Any] | None:
         """Type of the records for calls that are given none."""
+        return self._dtype
+
+    @dtype.setter
+    def dtype(self, dtype: npt.DTypeLike) -> None:
+        is_written_slots = self._changes and self.has_lists
+        self._dtype = None if dtype is None else checked_dtype(dtype, self.name, is_written_slots)
 
     @property
     def _info(self) -> Any:
@@ -75,6 +98,9 @@ class Array:
 
     @property
     def name(self) -> str:
+        """Name of the array; of a stream, that of the file."""
+        if self._file:
+            return self._file
         info = self._info  # which its field does not keep
         return os.fsdecode(ffi.string(info.name))
 
@@ -90,6 +116,17 @@ class Array:
     @property
     def rec_version(self) -> int:
         return int(self._info.rec_version)
+
+    @property
+    def n_direct(self) -> int:
+        """The number of slots in block 0. Later ones are in blocks of 16."""
+        return int(self._info.n_direct)
+
+    @property
+    def is_copied(self) -> bool:
+        """Whether the image is a copy of the array's memory: by each call, or once if the array does not change."""
+        info = self._info
+        return self._changes or (not self._is_mapped and info.n_used > info.n_direct)
 
     @property
     def has_lists(self) -> bool:
@@ -121,11 +158,10 @@ class Array:
         """All records, also those of slots that are not active, by index.
 
         `dtype` has the bytes of a record. Without one, and without Array.dtype, records are bytes (np.void)."""
-        wanted = np.dtype(dtype) if dtype is not None else self.dtype
+        wanted = checked_dtype(dtype, self.name) if dtype is not None else self.dtype
         if wanted is None:
             wanted = np.dtype((np.void, self.record_bytes))
-        if wanted.itemsize != self.record_bytes:
-            raise ValueError(f"{self.name}: a record has {self.record_bytes} bytes, but the dtype {wanted.itemsize}")
+        check_size(wanted, self.name, self.record_bytes)
         return self._column(wanted, self._info.record_at)
 
     @property
@@ -208,10 +244,18 @@ class Pool(Array):
         address; a number is one with `wide`. The address has to be one that the pool issued: of others, only those that
         lie outside of the pool are refused."""
         if isinstance(address, (bytes, np.void)):
-            wide = len(bytes(address)) == 8
-            address = int.from_bytes(bytes(address), "little")
+            bytes_ = bytes(address)
+            if len(bytes_) not in (4, 8):
+                raise ValueError(f"{self.name}: an address has 4 or 8 bytes, not {len(bytes_)}")
+            wide = len(bytes_) == 8
+            address = int.from_bytes(bytes_, "little")
+        address = checked_index(address, f"{self.name}: an address")
+        if not 0 <= address < 1 << (64 if wide else 32):
+            raise IndexError(f"{self.name}: {address:#x} is no address of {64 if wide else 32} bits")
+        if n_bytes is not None and checked_index(n_bytes, f"{self.name}: n_bytes") < 0:
+            raise ValueError(f"{self.name}: n_bytes is {n_bytes}")
         slot, byte = ffi.new("uint32_t *"), ffi.new("uint32_t *")
-        lib.tslb_py_place(self._native(), int(address), wide, slot, byte)
+        lib.tslb_py_place(self._native(), address, wide, slot, byte)
         record = self._record(slot[0])
         if n_bytes is None:
             if not self.has_headers:
@@ -219,7 +263,7 @@ class Pool(Array):
             n_bytes = int.from_bytes(record[byte[0] - 2:byte[0]], "little")
         data = record[byte[0]:byte[0] + n_bytes]
         if len(data) != n_bytes or byte[0] > len(record):
-            raise IndexError(f"{self.name}: {n_bytes} bytes at address {int(address):#x} are not in the pool")
+            raise IndexError(f"{self.name}: {n_bytes} bytes at address {address:#x} are not in the pool")
         return memoryview(bytes(data)) if self._changes else data
 
     def chunks(self) -> Iterator[Chunk]:
@@ -253,10 +297,11 @@ class Pool(Array):
         return (self.image if image is None else image)[at:at + info.record_bytes]
 
 
-def array_of(native: Any, image: Callable[[], memoryview], dtype: npt.DTypeLike = None, changes: bool = False) -> Array:
+def array_of(native: Any, image: Callable[[], memoryview], dtype: npt.DTypeLike = None, changes: bool = False,
+             file: str = "", is_mapped: bool = False) -> Array:
     info = ffi.new("tslb_py_array *")
     lib.tslb_py_describe(native(), info)
-    return (Pool if info.is_pool else Array)(native, image, dtype, changes)
+    return (Pool if info.is_pool else Array)(native, image, dtype, changes, file, is_mapped)
 
 
 def copied_image(native: Any) -> memoryview:
@@ -277,12 +322,16 @@ def native_image(handle: Handle, native: Any) -> memoryview:
     return handle.view(lib.tslb_py_block0(native), info.header_bytes + info.n_used * info.slot_bytes)
 
 
-def open_stream(path: str | os.PathLike[str], dtype: npt.DTypeLike = None, *, rebuild_lists: bool = False) -> Array:
+def open_stream(path: str | os.PathLike[str], dtype: npt.DTypeLike = None, *, rebuild_lists: bool = False,
+                verify: bool = False) -> Array:
     """Opens a snapshot stream: an Array, or a Pool. Records are views of the mapped file, nothing is copied.
 
     The stream is loaded and checked as a whole before: DamagedError with the byte. It is not changed meanwhile; a
     program that writes streams writes new files. Without `dtype`, that of the sidecar `path`.tslb is used, if there is
-    one that has a layout."""
+    one that has a layout. With `verify` the file is compared with the checksum in the sidecar before: DamagedError."""
+    file = os.fsdecode(path)
+    if verify:
+        verify_files(file + ".tslb", lambda _: file)
     error = new_error()
     pointer = lib.tslb_py_load_stream(os.fsencode(path), rebuild_lists, error)
     if pointer == ffi.NULL:
@@ -293,22 +342,33 @@ def open_stream(path: str | os.PathLike[str], dtype: npt.DTypeLike = None, *, re
     lib.tslb_py_describe(pointer, info)
     n_bytes = info.header_bytes + info.n_used * info.slot_bytes
 
+    is_mapped = not rebuild_lists and os.stat(path).st_size == n_bytes
+
     def image() -> memoryview:
+        if not is_mapped:
+            return native_image(handle, handle.pointer)
         with open(path, "rb") as stream:
-            if rebuild_lists or os.fstat(stream.fileno()).st_size != n_bytes:
-                return native_image(handle, handle.pointer)
+            if os.fstat(stream.fileno()).st_size < n_bytes:
+                raise Error(f"{file}: was changed after it was opened", file)
             return memoryview(mmap.mmap(stream.fileno(), 0, access=mmap.ACCESS_READ))
 
     if dtype is None:
-        dtype = described_dtype(os.fsdecode(path) + ".tslb", info.record_bytes, info.n_used)
-    return array_of(lambda: handle.pointer, image, dtype)
+        dtype = described_dtype(file + ".tslb", info.record_bytes, info.n_used)
+    return array_of(lambda: handle.pointer, image, dtype, file=os.path.basename(file), is_mapped=is_mapped)
 
 
 def open_block_files(base_path: str | os.PathLike[str], name: str, tbl_id: int, dtype: npt.DTypeLike = None, *,
-                     rebuild_lists: bool = False) -> Array:
+                     rebuild_lists: bool = False, verify: bool = False) -> Array:
     """Opens the block files base_path/name/tbl_id.N.darr, while no process writes them. Records beyond block 0 are
     copied once. With `rebuild_lists` the lists are made from the statuses, for files that a kill left. Without `dtype`,
-    that of the sidecar base_path/name/tbl_id.darr.tslb is used, if there is one that has a layout."""
+    that of the sidecar base_path/name/tbl_id.darr.tslb is used, if there is one that has a layout.
+    With `verify` the files are compared with the checksums in the sidecar before: DamagedError."""
+    if not -1 << 31 <= checked_index(tbl_id, "tbl_id") < 1 << 31:
+        raise ValueError(f"tbl_id: {tbl_id} does not fit 32 bits")
+    files = os.path.join(os.fsdecode(base_path), os.fsdecode(name), str(tbl_id))
+    sidecar = files + ".darr.tslb"
+    if verify:
+        verify_files(sidecar, lambda number: f"{files}.{number}.darr")
     error = new_error()
     pointer = lib.tslb_py_load_block_files(os.fsencode(base_path), os.fsencode(name), tbl_id, rebuild_lists, error)
     if pointer == ffi.NULL:
@@ -317,6 +377,5 @@ def open_block_files(base_path: str | os.PathLike[str], name: str, tbl_id: int, 
     if dtype is None:
         info = ffi.new("tslb_py_array *")
         lib.tslb_py_describe(pointer, info)
-        sidecar = os.path.join(os.fsdecode(base_path), os.fsdecode(name), f"{tbl_id}.darr.tslb")
         dtype = described_dtype(sidecar, info.record_bytes, info.n_used)
     return array_of(lambda: handle.pointer, lambda: native_image(handle, handle.pointer), dtype)

@@ -161,7 +161,7 @@ std::string badge(const char *kind, const std::string &text) {
 }
 
 std::string badges(const report_t &report) {
-  std::string html = badge("", kind_text(report)) + badge(report.is_sound() ? "good" : "bad", verdict_text(report));
+  std::string html = badge("", kind_text(report)) + badge(report.is_good() ? "good" : "bad", verdict_text(report));
   if (report.layout) html += badge("", "layout " + report.layout->name);
   if (!report.seal) return html;
   static const char *const kinds[] = {"", "good", "bad"};
@@ -199,8 +199,7 @@ std::string navigation(const reports_t &reports) {
   if (reports.size() < 2) return "";
   std::string html;
   for (size_t i = 0; i < reports.size(); ++i) {
-    const std::optional<seal_t> &seal = reports[i].seal;
-    const bool is_bad = !reports[i].is_sound() || (seal && seal->state == seal_state_t::CONTRADICTED);
+    const bool is_bad = !reports[i].is_good();
     html +=
         fmt::format("<a href=\"#array-{}\"{}>{}</a>\n", i, is_bad ? " class=\"bad\"" : "", escaped(reports[i].name));
   }

@@ -52,7 +52,7 @@ class painter_t {
   void titles() {
     y_ = MARGIN - 4;
     line_of("title", shortened(report_.name));
-    line_of(report_.is_sound() ? "note" : "fault", kind_text(report_) + ": " + verdict_text(report_));
+    line_of(report_.is_good() ? "note" : "fault", kind_text(report_) + ": " + verdict_text(report_));
     for (const list_t &list : report_.lists)
       line_of("note", fmt::format("{}: length {}, counter {}, head {}, tail {}", list.name, list.length, list.count,
                                   index_text(list.head), index_text(list.tail)));

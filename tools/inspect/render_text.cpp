@@ -67,7 +67,10 @@ std::string verdict_text(const report_t &report) {
   const auto counted = [](uint64_t count, const char *what) {
     return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
   };
-  const std::string faults = report.is_sound() ? "sound" : counted(report.n_faults, "fault");
+  std::string faults = report.is_sound() ? "sound" : counted(report.n_faults, "fault");
+  // Often the only line that is read. A sidecar that could not be read has no time.
+  if (report.is_contradicted())
+    faults += report.seal->time.empty() ? ", but its sidecar cannot be read" : ", but not as sealed";
   return report.n_remarks == 0 ? faults : faults + ", " + counted(report.n_remarks, "remark");
 }
 

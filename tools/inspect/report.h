@@ -194,7 +194,10 @@ struct report_t {
   std::vector<finding_t> findings;  // at most MAX_FINDINGS, in the order of the checks
   uint64_t n_faults = 0, n_remarks = 0;
 
+  // Of the headers and lists alone: the contents can be others than those that were sealed.
   bool is_sound() const { return n_faults == 0; }
+  bool is_contradicted() const { return seal && seal->state == seal_state_t::CONTRADICTED; }
+  bool is_good() const { return is_sound() && !is_contradicted(); }
 };
 
 }  // namespace inspect
