@@ -140,7 +140,8 @@ Identity new_identity() {
 StoreState read_state(const std::string &folder) {
   const std::string path = state_path(folder);
   if (access(path.c_str(), F_OK) != 0 && (errno == ENOENT || errno == ENOTDIR))
-    throw StoreError(TSLB_DURABLE_NO_STORE, folder + ": is not a store", folder);
+    throw StoreError(TSLB_DURABLE_NO_STORE,
+                     folder + (access(folder.c_str(), F_OK) == 0 ? ": is not a store" : ": does not exist"), folder);
   const std::string text = text_of(File::open(path), MAX_TEXT_BYTES);
   Words words(text, path);
   StoreState state;
