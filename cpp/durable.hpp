@@ -280,7 +280,8 @@ class writer {
   explicit writer(store &of, std::function<void()> after_restore = {}, int max_attempts = 5)
       : store_(of), after_restore_(std::move(after_restore)), max_attempts_(max_attempts) {}
 
-  /* Makes a batch and waits until it is durable. fill(batch) changes the arrays and names the changes. It is called again
+  /* Makes a batch and waits until it is durable. fill(batch) changes the arrays and names the changes. For a payload it
+   * ends the batch itself, under a lock of the host, and returns the ticket. It is called again
    * after a restoration, so its results are assigned, not accumulated. An exception of it refuses the batch, and is thrown on
    * after the restoration; if that failed, the next call restores. After max_attempts the last refusal is returned: the
    * arrays are restored then, too. Not within fill or read. */
@@ -319,8 +320,12 @@ class writer {
     result<batch> begun = store_.begin();
     if (!begun) return begun.error();
     batch made = *std::move(begun);
-    fill(made);
-    return made.commit();
+    if constexpr (std::is_same_v<std::invoke_result_t<Fill &, batch &>, ticket>) {
+      return store_.wait(fill(made));
+    } else {
+      fill(made);
+      return made.commit();
+    }
   }
   /* Unless another thread has restored the store since n_restored was read. */
   result<void> restore(uint64_t n_restored) {

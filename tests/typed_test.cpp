@@ -16,6 +16,7 @@ struct subject_t {};
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <mutex>
 #include <ranges>
 #include <thread>
 #include <tslb/durable.hpp>
@@ -437,8 +438,14 @@ TEST_F(TypedStore, WriterRestoresAfterExceptionsAndRefusals) {
   const std::string folder = (root_ / "store").string();
   tslb::store store = tslb::store::open(folder, schema_, {.creates = true, .has_shadow = true}).value();
   std::atomic<uint32_t> n_restored = 0, n_thrown = 0;
-  tslb::writer writer(
-      store, [&] { ++n_restored; }, INT_MAX);
+  std::mutex mutex;
+  uint64_t n_ended = 0;  // the payload
+  const auto count_again = [&] {
+    ++n_restored;
+    n_ended = 0;
+    if (!store.payload().empty()) std::memcpy(&n_ended, store.payload().data(), sizeof(n_ended));
+  };
+  tslb::writer writer(store, count_again, INT_MAX);
   std::vector<std::thread> threads;
   for (uint32_t t = 0; t < N_THREADS; ++t)
     threads.emplace_back([&, t] {
@@ -449,6 +456,10 @@ TEST_F(TypedStore, WriterRestoresAfterExceptionsAndRefusals) {
             store.add(batch, times, {t, i});
             if (throws) throw std::runtime_error("halfway");
             store.add(batch, times, {t, i});
+            const std::lock_guard lock(mutex);
+            ++n_ended;
+            batch.set_payload(std::as_bytes(std::span(&n_ended, 1))).value();
+            return batch.end();
           });
           EXPECT_TRUE(done && !throws);
         } catch (const std::runtime_error &) {
@@ -477,6 +488,8 @@ TEST_F(TypedStore, WriterRestoresAfterExceptionsAndRefusals) {
   for (uint32_t i = 0; i < store.get(times).size(); ++i)
     ++found[{store.get(times)[i].gatekeeper, store.get(times)[i].time}];
   EXPECT_EQ(found.size(), N_THREADS * N_BATCHES - N_BATCHES / 10);
+  count_again();
+  EXPECT_EQ(n_ended, found.size());
   for (const auto &[key, n] : found) EXPECT_EQ(n, 2) << key.first << " " << key.second;
 }
 
