@@ -281,10 +281,10 @@ class writer {
       : store_(of), after_restore_(std::move(after_restore)), max_attempts_(max_attempts) {}
 
   /* Makes a batch and waits until it is durable. fill(batch) changes the arrays and names the changes. For a payload it
-   * ends the batch itself, under a lock of the host, and returns the ticket. It is called again
-   * after a restoration, so its results are assigned, not accumulated. An exception of it refuses the batch, and is thrown on
-   * after the restoration; if that failed, the next call restores. After max_attempts the last refusal is returned: the
-   * arrays are restored then, too. Not within fill or read. */
+   * ends the batch itself, under a lock of the host, and returns the ticket. It is called again after a restoration, so
+   * its results are assigned, not accumulated. An exception of it refuses the batch, and is thrown on after the
+   * restoration; if that failed, the next call restores. After max_attempts the last refusal is returned: the arrays are
+   * restored then, too. Not within fill or read. */
   template <class Fill>
   result<void> commit(Fill &&fill) {
     for (int attempt = 1;; ++attempt) {
