@@ -3,114 +3,29 @@
  *   schema    the declarations of a store's arrays. Each declaration returns a key, which has the type of the array.
  *   store     owns a store. get(key) returns the typed view of an array.
  *   batch     owns an open batch. It ends with end() or commit(). A batch that is destroyed without one of them is
- *             refused, with its group: after an exception halfway, half a change would be durable otherwise. The store
- *             accepts no batch then until restore() brings the arrays back to the last durable batch. Nothing that was
- *             acknowledged is lost; batches of other threads in the same group are refused as well, and made again.
+ *             refused, with its group: after an exception halfway, half a change would be durable otherwise. The group
+ *             ends soon after. Batches that begin before belong to it and are refused when they are committed; then
+ *             begin() fails until restore() has brought the arrays back to the last durable batch. Nothing that was
+ *             acknowledged is lost.
  *   ticket    says when a batch is durable.
+ *   writer    makes batches with several threads, restores the store after a refusal, and makes them again.
  *
  * Calls of a store cost more than those of an array, and return results with texts. What is not here, such as logs
  * and followers, is done with store::native(). */
 #ifndef TSLB_DURABLE_HPP
 #define TSLB_DURABLE_HPP
 
-#include <tslb/durable.h>
+#include <tslb/durable_schema.hpp>
 
-#include <tslb/tslb.hpp>
-#include <vector>
+#include <algorithm>
+#include <bit>
+#include <cstddef>
+#include <exception>
+#include <functional>
+#include <mutex>
+#include <shared_mutex>
 
 namespace tslb {
-
-static_assert(static_cast<int>(code::invalid) == TSLB_DURABLE_INVALID);
-static_assert(static_cast<int>(code::full) == TSLB_DURABLE_FULL);
-static_assert(static_cast<int>(code::broken) == TSLB_DURABLE_BROKEN, "both lists have the same order");
-
-namespace detail {
-inline failure failure_of(const tslb_error_t &error) {
-  return {static_cast<code>(error.code), error.errnum, error.byte, error.file, error.text};
-}
-inline result<void> done_or(int outcome, const tslb_error_t &error) {
-  if (outcome == 0) return {};
-  return failure_of(error);
-}
-}  // namespace detail
-
-/* Names an array of a store: made by the schema that the store was opened with. */
-template <class View>
-struct array_key {
-  uint32_t index;
-};
-
-/* What a declaration can have besides name and type (tslb_array_decl_t). */
-struct decl_options {
-  int32_t tbl_id = 0;
-  uint32_t n_direct = 16;
-  uint8_t rec_version = 0;
-  const char *description = nullptr;
-  tslb_record_converter_t convert = nullptr;
-  void *convert_arg = nullptr;
-};
-struct pool_decl_options {
-  int32_t tbl_id = 0;
-  uint32_t slot_bytes = 65536;
-  uint32_t n_direct = 1;
-  bool frees_slots = true;
-  int16_t max_slots = 0;
-  const char *description = nullptr;
-};
-
-/* Declarations of arrays. Names and descriptions are not copied until a store is opened. */
-class schema {
- public:
-  template <slot_record T, lists L = lists::free_only>
-  array_key<slot_view<T, L>> slots(const char *name, const decl_options &wanted = {}) {
-    return {add(name, TSLB_ARRAY_SLOTS, sizeof(T), static_cast<uint8_t>(L), wanted)};
-  }
-  template <plain_record T>
-  array_key<record_view<T>> records(const char *name, const decl_options &wanted = {}) {
-    return {add(name, TSLB_ARRAY_RECORDS, sizeof(T), 0, wanted)};
-  }
-  template <kind K, headers H = headers::compact>
-  array_key<pool_view<K, H>> pool(const char *name, const pool_decl_options &wanted = {}) {
-    decl_options common;
-    common.tbl_id = wanted.tbl_id;
-    common.n_direct = wanted.n_direct;
-    common.description = wanted.description;
-    const uint32_t index = add(name, K == kind::bit_vector ? TSLB_POOL_BIT_VECTOR : TSLB_POOL_BIG_BUFFER,
-                               wanted.slot_bytes, wanted.frees_slots ? TSLB_DA_DAFLAG_LL : 0, common);
-    decls_[index].has_compat = H == headers::compact;
-    decls_[index].max_slots = wanted.max_slots;
-    is_valid_ = is_valid_ && (K != kind::big_buffer || wanted.slot_bytes <= pool_view<K, H>::max_slot_bytes);
-    return {index};
-  }
-  /* For what the options lack, such as a reuse policy. */
-  template <class View>
-  tslb_array_decl_t &declaration(array_key<View> key) {
-    return decls_[key.index];
-  }
-  const std::vector<tslb_array_decl_t> &declarations() const noexcept { return decls_; }
-  /* False if a pool has slots in which the null address is a chunk's: pool_view::max_slot_bytes. */
-  bool is_valid() const noexcept { return is_valid_; }
-
- private:
-  uint32_t add(const char *name, tslb_array_kind_t of, uint32_t bytes, uint8_t daflag, const decl_options &wanted) {
-    tslb_array_decl_t decl = {};
-    decl.name = name;
-    decl.kind = of;
-    decl.tbl_id = wanted.tbl_id;
-    decl.record_bytes = bytes;
-    decl.n_direct = wanted.n_direct;
-    decl.daflag = daflag;
-    decl.rec_version = wanted.rec_version;
-    decl.description = wanted.description;
-    decl.convert = wanted.convert;
-    decl.convert_arg = wanted.convert_arg;
-    decls_.push_back(decl);
-    return static_cast<uint32_t>(decls_.size() - 1);
-  }
-
-  std::vector<tslb_array_decl_t> decls_;
-  bool is_valid_ = true;
-};
 
 /* Number of a batch, in the order of their ends. */
 enum class ticket : uint64_t {};
@@ -142,11 +57,10 @@ class [[nodiscard]] batch {
   void log(array_key<View> array, uint32_t idx) { tslb_batch_log_record(batch_, array.index, idx); }
   template <class View, class Member>
   void log(array_key<View> array, uint32_t idx, Member View::record::*member) {
-    // The offset of a member of a type with standard layout is the same in every object.
-    alignas(typename View::record) static constexpr std::byte place[sizeof(typename View::record)] = {};
-    const auto *const record = reinterpret_cast<const typename View::record *>(place);
-    const auto *const at = reinterpret_cast<const std::byte *>(std::addressof(record->*member));
-    tslb_batch_log_bytes(batch_, array.index, idx, static_cast<uint32_t>(at - place), sizeof(Member));
+    // In the ABI of the platform a pointer to a data member is its offset. A reference could be unaligned.
+    static_assert(sizeof(member) == sizeof(std::ptrdiff_t));
+    const auto offset = static_cast<uint32_t>(std::bit_cast<std::ptrdiff_t>(member));
+    tslb_batch_log_bytes(batch_, array.index, idx, offset, sizeof(Member));
   }
   template <kind K, headers H>
   void log(array_key<pool_view<K, H>> pool, chunk_ref<K> chunk, uint32_t offset, uint32_t bytes) {
@@ -160,24 +74,17 @@ class [[nodiscard]] batch {
   template <kind K, headers H>
   result<chunk<K>> take_chunk(array_key<pool_view<K, H>> pool, chunk_length<K, H> length,
                               const typename pool_view<K, H>::referrer &from = {}) {
-    typename chunk_ref<K>::address_t address;
-    tslb_error_t error;
-    void *data;
-    if constexpr (K == kind::wide)
-      data = tslb_batch_take_chunk64(batch_, pool.index, length.bytes(), from, &address, &error);
-    else
-      data = tslb_batch_take_chunk(batch_, pool.index, length.bytes(), from, &address, &error);
-    if (data == nullptr) return detail::failure_of(error);
-    return chunk<K>{chunk_ref<K>(address), {static_cast<std::byte *>(data), length.bytes()}};
+    return take_bytes(pool, length.bytes(), from);
   }
-  /* Takes a chunk, copies bytes to it and names them. The bytes after a rounded length are zero. */
+  /* Takes a chunk, copies bytes to it and names them. The bytes after a rounded length are zero. No bytes are
+   * code::invalid, and so is a longer span than the pool has chunks: a record without data keeps the null address. */
   template <kind K, headers H>
   result<chunk<K>> put(array_key<pool_view<K, H>> pool, std::span<const std::byte> bytes,
                        const typename pool_view<K, H>::referrer &from = {}) {
     const auto length = chunk_length<K, H>::from(bytes.size());
-    if (!length)
-      return failure{code::invalid, 0, 0, {}, "a chunk of " + std::to_string(bytes.size()) + " bytes does not exist"};
-    result<chunk<K>> taken = take_chunk(pool, *length, from);
+    // An invalid length is refused with the pool's name and maximum.
+    const size_t taken_bytes = length ? length->bytes() : std::min<size_t>(bytes.size(), UINT32_MAX);
+    result<chunk<K>> taken = take_bytes(pool, static_cast<uint32_t>(taken_bytes), from);
     if (taken) {
       memcpy(taken->data.data(), bytes.data(), bytes.size());
       log(pool, taken->ref, 0, static_cast<uint32_t>(bytes.size()));
@@ -210,7 +117,39 @@ class [[nodiscard]] batch {
   }
 
  private:
+  template <kind K, headers H>
+  result<chunk<K>> take_bytes(array_key<pool_view<K, H>> pool, uint32_t bytes,
+                              const typename pool_view<K, H>::referrer &from) {
+    typename chunk_ref<K>::address_t address;
+    tslb_error_t error;
+    void *data;
+    if constexpr (K == kind::wide)
+      data = tslb_batch_take_chunk64(batch_, pool.index, bytes, from, &address, &error);
+    else
+      data = tslb_batch_take_chunk(batch_, pool.index, bytes, from, &address, &error);
+    if (data == nullptr) return detail::failure_of(error);
+    return chunk<K>{chunk_ref<K>(address), {static_cast<std::byte *>(data), bytes}};
+  }
+
   tslb_batch_t *batch_;
+};
+
+/* A view of a store's pool. Chunks are taken, deleted and swept through a batch, which logs it. */
+template <kind K, headers H>
+class stored_pool_view : private pool_view<K, H> {
+ public:
+  using typename pool_view<K, H>::ref;
+  using typename pool_view<K, H>::length;
+  using pool_view<K, H>::native;
+  using pool_view<K, H>::size;
+  using pool_view<K, H>::save;
+  using pool_view<K, H>::find;
+  using pool_view<K, H>::data;
+  using pool_view<K, H>::stats;
+  using pool_view<K, H>::operator bool;
+
+  stored_pool_view() = default;
+  explicit stored_pool_view(pool_view<K, H> of) noexcept : pool_view<K, H>(of) {}
 };
 
 /* Owns a store. */
@@ -229,7 +168,12 @@ class store {
   ~store() { tslb_store_close(store_, nullptr); }
 
   /* Opens or creates a store: tslb_store_open, with its flags and options. */
-  static result<store> open(const std::string &folder, const schema &arrays, const tslb_store_options_t &options = {}) {
+  static result<store> open(const std::string &folder, const schema &arrays, const store_options &options = {}) {
+    return open(folder, arrays, options.native());
+  }
+  /* A template, so that options in braces are store_options. */
+  template <std::same_as<tslb_store_options_t> Options>
+  static result<store> open(const std::string &folder, const schema &arrays, const Options &options) {
     if (!arrays.is_valid()) return failure{code::invalid, 0, 0, {}, "a pool without headers has slots of 16 MiB"};
     tslb_error_t error;
     const std::vector<tslb_array_decl_t> &decls = arrays.declarations();
@@ -245,6 +189,23 @@ class store {
   template <class View>
   View get(array_key<View> key) const noexcept {
     return View::unchecked(tslb_store_array(store_, key.index));
+  }
+  template <kind K, headers H>
+  stored_pool_view<K, H> get(array_key<pool_view<K, H>> key) const noexcept {
+    return stored_pool_view<K, H>(pool_view<K, H>::unchecked(tslb_store_array(store_, key.index)));
+  }
+  /* Takes a record, copies `value` to it, and names it in the batch. What is written to it before the batch ends belongs to
+   * the batch as well. False if the array is full or memory was refused. */
+  template <class View>
+  requires requires { typename View::record; }
+  entry<typename View::record> add(batch &in, array_key<View> array, const typename View::record &value) const {
+    entry<typename View::record> taken;
+    if constexpr (requires(View view) { view.add(value); })
+      taken = get(array).add(value);
+    else if ((taken = get(array).add()))
+      *taken.record = value;
+    if (taken) in.log(array, taken.idx);
+    return taken;
   }
 
   /* Closes the store, and returns whether everything was written. It stays open with code::invalid: a batch is open. */
@@ -308,6 +269,79 @@ class store {
   }
 
   tslb_store_t *store_ = nullptr;
+};
+
+/* Makes batches with any number of threads. After a refusal the store is restored, by one thread while no other has a
+ * batch, and the refused batches are made again. All batches of the store are made with one writer, and state that fill
+ * or read uses is guarded by locks of the host that are taken and released within them. */
+class writer {
+ public:
+  /* The store outlives the writer. after_restore makes anew what the host derives from the arrays; it runs alone. */
+  explicit writer(store &of, std::function<void()> after_restore = {}, int max_attempts = 5)
+      : store_(of), after_restore_(std::move(after_restore)), max_attempts_(max_attempts) {}
+
+  /* Makes a batch and waits until it is durable. fill(batch) changes the arrays and names the changes. For a payload it
+   * ends the batch itself, under a lock of the host, and returns the ticket. It is called again after a restoration, so
+   * its results are assigned, not accumulated. An exception of it refuses the batch, and is thrown on after the
+   * restoration; if that failed, the next call restores. After max_attempts the last refusal is returned: the arrays are
+   * restored then, too. Not within fill or read. */
+  template <class Fill>
+  result<void> commit(Fill &&fill) {
+    for (int attempt = 1;; ++attempt) {
+      result<void> done;
+      std::exception_ptr thrown;
+      uint64_t n_restored;
+      {
+        const std::shared_lock lock(mutex_);
+        n_restored = n_restored_;
+        try {
+          done = make(fill);
+        } catch (...) {
+          thrown = std::current_exception();
+        }
+      }
+      if (!thrown && (done || done.error().what != code::refused)) return done;
+      const result<void> restored = restore(n_restored);
+      if (thrown) std::rethrow_exception(thrown);
+      if (!restored) return restored;
+      if (attempt >= max_attempts_) return done;
+    }
+  }
+  /* Calls a function that reads the arrays: no restoration changes them meanwhile. Not within fill or read. */
+  template <class Function>
+  decltype(auto) read(Function &&function) {
+    const std::shared_lock lock(mutex_);
+    return std::forward<Function>(function)();
+  }
+
+ private:
+  template <class Fill>
+  result<void> make(Fill &fill) {
+    result<batch> begun = store_.begin();
+    if (!begun) return begun.error();
+    batch made = *std::move(begun);
+    if constexpr (std::is_same_v<std::invoke_result_t<Fill &, batch &>, ticket>) {
+      return store_.wait(fill(made));
+    } else {
+      fill(made);
+      return made.commit();
+    }
+  }
+  /* Unless another thread has restored the store since n_restored was read. */
+  result<void> restore(uint64_t n_restored) {
+    const std::unique_lock lock(mutex_);
+    if (n_restored_ != n_restored) return {};
+    if (result<void> done = store_.restore(); !done) return done;
+    ++n_restored_;
+    if (after_restore_) after_restore_();
+    return {};
+  }
+
+  store &store_;
+  std::function<void()> after_restore_;
+  int max_attempts_;
+  std::shared_mutex mutex_;  // shared from begin to the settled ticket, so a restoration finds no open batch
+  uint64_t n_restored_ = 0;
 };
 
 }  // namespace tslb

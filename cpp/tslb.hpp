@@ -401,8 +401,9 @@ template <class T>
 concept plain_record = storable<T> && alignof(T) <= 8;
 
 /* Records of slot arrays: the first member is a uint32_t with the name gatekeeper, to which the library writes
- * 0xFFFFFFFF when it takes or frees the slot. Slots of block 0 begin at multiples of 4 bytes, so a member that needs 8
- * is declared packed (TSLB_UNALIGNED); and the size is a multiple of 4, so that the words of the lists are aligned. */
+ * 0xFFFFFFFF when it takes or frees the slot. Slots of block 0 begin at multiples of 4 bytes, so a type with a member
+ * that needs 8 is enclosed in #pragma pack(push, 4) and #pragma pack(pop); TSLB_UNALIGNED is not for types with a
+ * chunk_ref. The size is a multiple of 4, so that the words of the lists are aligned. */
 template <class T>
 concept slot_record = storable<T> && alignof(T) <= 4 && sizeof(T) % 4 == 0 && requires(T &record) {
   { record.gatekeeper } -> std::same_as<uint32_t &>;
@@ -595,7 +596,8 @@ using record_array = owned<record_view<T>>;
 
 /* ---- Pools ------------------------------------------------------------------------------------------------------- */
 
-/* Kinds of pools, by their addresses (tslb_dynmem.h). */
+/* Kinds of pools, by their addresses (tslb_dynmem.h). The width of addresses is not stored: big_buffer and wide are one
+ * kind to a store and to the loaders, so a pool of one can be opened as the other. A program keeps to one of them. */
 enum class kind {
   big_buffer, /* 32 bits: 256 slots of up to 16 MiB */
   bit_vector, /* 32 bits: 2,041 slots; lengths are multiples of 8 */

@@ -113,11 +113,13 @@ void expect_length(const tslb_store_t &store, uint32_t array, uint32_t bytes) {
   const ArrayDecl &decl = store.decl(array);
   const uint64_t total = uint64_t{bytes} + compat_bytes(store, array);
   const uint64_t slot_bytes = decl.record_bytes - TSLB_MEM_SLOT_HDR_BYTES;
-  if (bytes == 0 || total > slot_bytes)
-    refuse_argument(fmt::format("pool \"{}\": a chunk of {} bytes in slots of {}", decl.name, total, slot_bytes));
-  if (decl.has_compat && bytes > TSLB_COMPAT_LEN_MAX)
-    refuse_argument(fmt::format("pool \"{}\": a chunk of {} bytes, but a compaction header counts {}", decl.name, bytes,
-                                TSLB_COMPAT_LEN_MAX));
+  const uint64_t header_bytes = total - bytes;
+  uint64_t max_total = decl.has_compat ? std::min(slot_bytes, TSLB_COMPAT_LEN_MAX + header_bytes) : slot_bytes;
+  if (decl.kind == TSLB_POOL_BIT_VECTOR) max_total -= max_total % TSLB_BV_UNIT_BYTES;
+  if (bytes == 0 || total > max_total)
+    refuse_argument(fmt::format("pool \"{}\": a chunk has 1 to {} bytes in this pool, not {}{}", decl.name,
+                                max_total - header_bytes, bytes,
+                                total > slot_bytes ? fmt::format(": {} bytes in slots of {}", total, slot_bytes) : ""));
   if (decl.kind == TSLB_POOL_BIT_VECTOR && total % TSLB_BV_UNIT_BYTES != 0)
     refuse_argument(
         fmt::format("pool \"{}\": a chunk of {} bytes is not a multiple of {}", decl.name, total, TSLB_BV_UNIT_BYTES));

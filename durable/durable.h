@@ -12,12 +12,18 @@
  *   generation   one stored state of all arrays: a snapshot stream for each, and a manifest.
  *
  * Batches. Changes between tslb_batch_begin and tslb_batch_end belong to the batch; they are made by the thread that
- * began it, which has one batch of a store at a time and ends it; at most 64 are open at once. A function of the library
- * that changes a store's array outside of a batch breaks the store. The store cannot see a direct write to a record outside
- * of a batch: without a shadow the write is lost at the next opening. Reading needs no batch, but sees changes that are not durable yet. A group ends
- * at a moment without an open batch, so a batch should be short: while one is open, nothing becomes durable. A batch has no
- * undo of its own: a host that fails halfway changes the arrays back itself, and ends the batch; or it refuses the batch,
- * with its group, and restores the store.
+ * began it, which has one batch of a store at a time and ends it; at most 64 are open at once.
+ *
+ * Changes outside of a batch. Taking, freeing, inactivating and activating a slot of a store's array, and taking or
+ * releasing a memory slot of its pool, break the store: the library reports them. It does not report direct writes, new
+ * ids of record arrays, and chunks that are taken or deleted in a memory slot which stays. Headers and counters that these
+ * change are in the next group, the contents are not: after the next opening such a record or chunk exists and is zero,
+ * and a deleted chunk is not deleted. With a shadow the store is broken at the end of that group.
+ *
+ * Groups. Reading needs no batch, but sees changes that are not durable yet. A group ends at a moment without an open
+ * batch, so a batch should be short: while one is open, nothing becomes durable. A batch has no undo of its own: a host
+ * that fails halfway changes the arrays back itself, and ends the batch; or it refuses the batch, with its group, and
+ * restores the store.
  *
  * Locks of the host. tslb_batch_begin and _commit, tslb_store_wait, _snapshot, _backup, _reserve, _restore and _close wait
  * until no batch of another thread is open. So a lock that a thread takes within a batch is not held when one of them is
@@ -66,7 +72,7 @@ typedef enum tslb_durable_code_t {
   TSLB_DURABLE_INVALID,   /* an argument or a declaration is invalid, or a call is not allowed now */
   TSLB_DURABLE_IO,        /* a system call failed: errnum */
   TSLB_DURABLE_NO_MEMORY, /* memory was refused */
-  TSLB_DURABLE_NO_STORE,  /* the folder is not a store */
+  TSLB_DURABLE_NO_STORE,  /* the folder does not exist, or is not a store */
   TSLB_DURABLE_NOT_EMPTY, /* the folder has other content, so no store is created in it */
   TSLB_DURABLE_LOCKED,    /* another writer has the store */
   TSLB_DURABLE_DAMAGED,   /* stored bytes are not what a writer left, and no crash explains it */
@@ -89,7 +95,7 @@ typedef struct tslb_error_t {
 typedef enum tslb_array_kind_t {
   TSLB_ARRAY_RECORDS,   /* without nodes: ids only (get_dyn_arr_new_record_id_ex with daflag 0) */
   TSLB_ARRAY_SLOTS,     /* with lists: tslb_dynarr.h */
-  TSLB_POOL_BIG_BUFFER, /* chunk pool with maddr_t, or with maddr64_t (tslb_dynmem.h) */
+  TSLB_POOL_BIG_BUFFER, /* chunk pool with maddr_t or with maddr64_t (tslb_dynmem.h); which of them is not stored */
   TSLB_POOL_BIT_VECTOR  /* chunk pool with maddrBV_t */
 } tslb_array_kind_t;
 
@@ -187,7 +193,8 @@ typedef struct tslb_store_log_t {
 typedef struct tslb_store_options_t {
   uint32_t flags; /* TSLB_STORE_* */
   tslb_sync_t sync;
-  uint64_t snapshot_bytes; /* writes a generation by itself when the journal has grown by so much; 0: never */
+  uint64_t snapshot_bytes; /* writes a generation by itself when the journal has grown by so much; 0: never, so the
+                            * journal grows until tslb_store_snapshot is called */
   uint32_t keep;           /* older generations that are kept, with their journals */
   uint64_t bytes_per_s;    /* limits the writing of generations by a child; 0: no limit */
   uint32_t journal_level;  /* compression of the journal: 0: the default, 1 to 9: zstd, 10: none */
@@ -354,7 +361,8 @@ uint64_t tslb_store_settled(tslb_store_t *store);
 int tslb_store_event_fd(tslb_store_t *store);
 
 /* A refusal concerns a whole group, and all batches that were open then or had ended: their tickets are settled and fail.
- * Until this call tslb_batch_begin, tslb_store_reserve, _snapshot and _backup fail with TSLB_DURABLE_REFUSED. Tickets
+ * From the end of that group until this call tslb_batch_begin, tslb_store_reserve, _snapshot and _backup fail with
+ * TSLB_DURABLE_REFUSED. After tslb_batch_refuse, batches can begin until the group ends; they are refused with it. Tickets
  * continue after the last one.
  *
  * After TSLB_DURABLE_REFUSED: brings the arrays back to the last durable batch, in place, so pointers to arrays stay

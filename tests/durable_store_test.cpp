@@ -15,10 +15,12 @@ TEST_F(DurableStore, FolderIsOnlyTakenWhenAllowed) {
   TestStore store;
   EXPECT_FALSE(store.open(folder_, 0));
   EXPECT_EQ(store.error.code, TSLB_DURABLE_NO_STORE);
+  EXPECT_THAT(store.error.text, HasSubstr("does not exist"));
   fs::create_directory(folder_);
   put_bytes(folder_ + "/notes.txt", "mine");
   EXPECT_FALSE(store.open(folder_, 0));
   EXPECT_EQ(store.error.code, TSLB_DURABLE_NO_STORE);
+  EXPECT_THAT(store.error.text, HasSubstr("is not a store"));
   EXPECT_FALSE(store.open(folder_, TSLB_STORE_CREATE));
   EXPECT_EQ(store.error.code, TSLB_DURABLE_NOT_EMPTY);
   EXPECT_THAT(store.error.text, HasSubstr("notes.txt"));
@@ -29,7 +31,7 @@ TEST_F(DurableStore, FolderIsOnlyTakenWhenAllowed) {
   TestStore second;
   EXPECT_FALSE(second.open(folder_, TSLB_STORE_CREATE));
   EXPECT_EQ(second.error.code, TSLB_DURABLE_LOCKED);
-  EXPECT_THAT(second.error.text, HasSubstr(fmt::format("process {}", getpid())));
+  EXPECT_THAT(second.error.text, HasSubstr("this process has the store open"));
   ASSERT_TRUE(store.commit_slot(5, 16)) << store.error.text;
   TestStore reader;
   ASSERT_TRUE(reader.open(folder_, TSLB_STORE_READ_ONLY)) << reader.error.text;
@@ -262,6 +264,33 @@ TEST_F(DurableStore, ChangeOutsideOfABatchBreaksTheStore) {
   EXPECT_EQ(store.begin(), nullptr);
   EXPECT_EQ(store.error.code, TSLB_DURABLE_BROKEN);
   EXPECT_THAT(store.error.text, HasSubstr("\"slots\" was changed outside of a batch"));
+}
+
+// The library reports no ids of records and no chunks within a memory slot.
+TEST_F(DurableStore, UnreportedChangeOutsideOfABatchReachesTheNextGroupInPart) {
+  for (const bool has_shadow : {false, true}) {
+    fs::remove_all(folder_);
+    TestStore store;
+    ASSERT_TRUE(store.open(folder_, TSLB_STORE_CREATE | (has_shadow ? TSLB_STORE_SHADOW : 0)));
+    ASSERT_TRUE(store.commit_slot(5, 16)) << store.error.text;
+    maddr_t address;
+    ASSERT_NE(tslb_dynmem_get_mchunk(store.array(BITS), &address, 16, {}), nullptr);
+    std::memset(tslb_dynmem_get_maddr2ptr(store.array(BITS), address), 7, 16);
+    void *record;
+    get_dyn_arr_new_record_id_ex(store.array(RECORDS), &record, 0);
+    std::memset(record, 7, 20);
+    EXPECT_EQ(store.commit_slot(6, 16), !has_shadow);
+    if (has_shadow) {
+      EXPECT_EQ(store.error.code, TSLB_DURABLE_BROKEN);
+      EXPECT_THAT(store.error.text, HasSubstr("a thread outside of a batch, changed array \"records\""));
+      continue;
+    }
+    ASSERT_EQ(store.close(), 0);
+    ASSERT_TRUE(store.open(folder_)) << store.error.text;
+    ASSERT_EQ(tslb_da_get_size(store.array(RECORDS)), 1u);
+    EXPECT_EQ(*static_cast<char *>(tslb_da_get_ptr(store.array(RECORDS), 0)), 0);
+    EXPECT_EQ(*static_cast<char *>(tslb_dynmem_get_maddr2ptr(store.array(BITS), address)), 0);
+  }
 }
 
 TEST_F(DurableStore, BatchWithAnInvalidRangeIsRefusedAndTakenBack) {

@@ -12,8 +12,11 @@ struct subject_t {};
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <mutex>
 #include <ranges>
 #include <thread>
 #include <tslb/durable.hpp>
@@ -53,10 +56,20 @@ struct TSLB_UNALIGNED odd_size {
   uint32_t gatekeeper;
   char rest;
 };
+#pragma pack(push, 4)
+struct event {
+  uint32_t gatekeeper = 0;
+  uint64_t time = 0;
+  uint32_t source = 0;
+  uint64_t number = 0;  // where this is aligned to 8 bytes, time is not
+  tslb::chunk_ref<kind::wide> text = {};
+};
+#pragma pack(pop)
 struct larger {
   uint32_t gatekeeper, rest[4];
 };
 static_assert(tslb::slot_record<reading> && !tslb::slot_record<const reading> && !tslb::slot_record<uint32_t>);
+static_assert(tslb::slot_record<event> && sizeof(event) == 32);
 static_assert(!tslb::slot_record<late_gatekeeper> && !tslb::slot_record<wide_gatekeeper>);
 static_assert(!tslb::slot_record<with_text> && !tslb::slot_record<aligned_to_8> && !tslb::slot_record<odd_size>);
 static_assert(tslb::plain_record<aligned_to_8> && !tslb::plain_record<with_text> && !tslb::plain_record<int &>);
@@ -84,6 +97,10 @@ concept finds = requires(Pool pool, Ref ref) {
 };
 static_assert(erases<bits_t, bits_t::ref> && !erases<bytes_t, bytes_t::ref> && !erases<wide_t, wide_t::ref>);
 static_assert(!finds<bits_t, bytes_t::ref> && !finds<bits_t, wide_t::ref> && !finds<bits_t, maddr_t>);
+// Chunks of a store are taken and deleted through a batch.
+using stored_bits_t = decltype(tslb::store().get(tslb::array_key<tslb::pool_view<kind::bit_vector>>()));
+static_assert(finds<stored_bits_t, bits_t::ref> && !erases<stored_bits_t, bits_t::ref>);
+static_assert(!std::is_convertible_v<stored_bits_t, tslb::pool_view<kind::bit_vector>>);
 // A constant length is checked where it is written.
 template <class Pool, uint32_t BYTES>
 concept takes = requires {
@@ -321,9 +338,7 @@ class TypedStore : public TypedFiles {
     return tslb::store::open((root_ / "store").string(), schema_, options);
   }
   static uint32_t add(tslb::store &store, tslb::batch &batch, key_t slots, float celsius) {
-    const uint32_t idx = store.get(slots).add({0, celsius, {}}).idx;
-    batch.log(slots, idx);
-    return idx;
+    return store.add(batch, slots, {0, celsius, {}}).idx;
   }
 
   tslb::schema schema_;
@@ -339,9 +354,13 @@ TEST_F(TypedStore, EndedBatchesAreThereAfterOpening) {
     tslb::batch batch = store.begin().value();
     const uint32_t idx = add(store, batch, readings_, 1);
     reading &hill = store.get(readings_)[idx];
-    hill.place = batch.put(places_, std::as_bytes(std::span(name)), {1, idx, 8, {}}).value().ref;
+    hill.place = batch.put(places_, std::as_bytes(std::span(name)), tslb::referrer(1, idx, 8)).value().ref;
     batch.log(readings_, idx, &reading::place);
-    EXPECT_EQ(batch.put(places_, {}).error().what, code::invalid);
+    for (const size_t bytes : {0, 65528, 70000}) {
+      const tslb::failure why = batch.put(places_, std::vector<std::byte>(bytes)).error();
+      EXPECT_EQ(why.what, code::invalid);
+      EXPECT_THAT(why.text, HasSubstr("a chunk has 1 to 65520 bytes in this pool, not " + std::to_string(bytes)));
+    }
     const tslb::ticket first = batch.end();
     EXPECT_FALSE(batch);
     EXPECT_TRUE(store.wait(first));
@@ -383,6 +402,99 @@ TEST_F(TypedStore, BatchWithoutEndIsRefusedAndCostsNothingDurable) {
   tslb::batch again = store.begin().value();
   EXPECT_EQ(add(store, again, readings_, 3), 1u);
   EXPECT_TRUE(again.commit());
+}
+
+// The shadow compares what was named.
+TEST_F(TypedStore, MembersOf8BytesAndPlainRecordsAreNamed) {
+  const auto events = schema_.slots<event>("events", {.tbl_id = 3});
+  const auto texts = schema_.pool<kind::wide>("texts", {.tbl_id = 4});
+  const auto times = schema_.records<aligned_to_8>("times", {.tbl_id = 5});
+  {
+    tslb::store store = open().value();
+    for (uint32_t i = 0; i < 3; ++i) {
+      tslb::batch batch = store.begin().value();
+      const auto added = store.add(batch, events, {.time = 1});
+      ASSERT_EQ(store.add(batch, times, {i, 10 + i}).idx, i);
+      const auto from = tslb::referrer(3, added.idx, offsetof(event, text));
+      added->text = batch.put(texts, std::as_bytes(std::span("text")), from).value().ref;
+      ASSERT_TRUE(batch.commit());
+      batch = store.begin().value();
+      added->time = (uint64_t{1} << 40) + i;
+      added->number = i;
+      batch.log(events, added.idx, &event::time);
+      batch.log(events, added.idx, &event::number);
+      ASSERT_TRUE(batch.commit());
+    }
+  }
+  const tslb::store store = open(TSLB_STORE_READ_ONLY).value();
+  for (const auto [idx, record] : store.get(events).active()) {
+    const uint64_t time = record->time;
+    EXPECT_EQ(time, (uint64_t{1} << 40) + idx);
+    EXPECT_EQ(store.get(times)[idx].time, 10 + idx);
+    EXPECT_EQ(store.get(texts).data(record->text).size(), 5u);
+  }
+  EXPECT_EQ(store.get(events).size(), 3u);
+}
+
+TEST_F(TypedStore, WriterRestoresAfterExceptionsAndRefusals) {
+  const auto times = schema_.records<aligned_to_8>("times", {.tbl_id = 5});
+  constexpr uint32_t N_THREADS = 4, N_BATCHES = 60;
+  const std::string folder = (root_ / "store").string();
+  tslb::store store = tslb::store::open(folder, schema_, {.creates = true, .has_shadow = true}).value();
+  std::atomic<uint32_t> n_restored = 0, n_thrown = 0;
+  std::mutex mutex;
+  uint64_t n_ended = 0;  // the payload
+  const auto count_again = [&] {
+    ++n_restored;
+    n_ended = 0;
+    if (!store.payload().empty()) std::memcpy(&n_ended, store.payload().data(), sizeof(n_ended));
+  };
+  tslb::writer writer(store, count_again, INT_MAX);
+  std::vector<std::thread> threads;
+  for (uint32_t t = 0; t < N_THREADS; ++t)
+    threads.emplace_back([&, t] {
+      for (uint32_t i = 0; i < N_BATCHES; ++i) {
+        const bool throws = t == 0 && i % 10 == 0;
+        try {
+          const auto done = writer.commit([&](tslb::batch &batch) {
+            store.add(batch, times, {t, i});
+            if (throws) throw std::runtime_error("halfway");
+            store.add(batch, times, {t, i});
+            const std::lock_guard lock(mutex);
+            ++n_ended;
+            batch.set_payload(std::as_bytes(std::span(&n_ended, 1))).value();
+            return batch.end();
+          });
+          EXPECT_TRUE(done && !throws);
+        } catch (const std::runtime_error &) {
+          ++n_thrown;
+        }
+      }
+    });
+  for (std::thread &thread : threads) thread.join();
+  EXPECT_EQ(n_thrown, N_BATCHES / 10);
+  EXPECT_GT(n_restored, 0u);
+
+  int n_calls = 0;
+  tslb::writer impatient(store, {}, 3);
+  const auto refused = impatient.commit([&](tslb::batch &batch) {
+    ++n_calls;
+    store.add(batch, times, {9, 9});
+    batch.log(times, 1000000);
+  });
+  EXPECT_EQ(refused.error().what, code::refused);
+  EXPECT_EQ(n_calls, 3);
+  EXPECT_TRUE(impatient.commit([&](tslb::batch &batch) { add(store, batch, readings_, 1); }));
+  ASSERT_TRUE(store.close());
+
+  store = tslb::store::open(folder, schema_, {.reads_only = true}).value();
+  std::map<std::pair<uint32_t, uint64_t>, int> found;
+  for (uint32_t i = 0; i < store.get(times).size(); ++i)
+    ++found[{store.get(times)[i].gatekeeper, store.get(times)[i].time}];
+  EXPECT_EQ(found.size(), N_THREADS * N_BATCHES - N_BATCHES / 10);
+  count_again();
+  EXPECT_EQ(n_ended, found.size());
+  for (const auto &[key, n] : found) EXPECT_EQ(n, 2) << key.first << " " << key.second;
 }
 
 TEST_F(TypedStore, FailuresHaveCodeFileAndText) {

@@ -23,7 +23,7 @@ struct RunOptions {
   int layout = 2;
   bool shadow = false;
   bool no_fork = false;
-  uint64_t snapshot_bytes = 0;
+  uint64_t snapshot_bytes = 64 << 20;
   uint32_t snapshot_ms = 0;
   std::string acknowledged;
 };
@@ -145,7 +145,8 @@ int main(int argc, char **argv) {
   run_command->add_option("--keep", options.keep, "events that stay; older ones are deleted")->capture_default_str();
   run_command->add_option("--layout", options.layout, "version of the records")->check(CLI::Range(1, 2));
   run_command->add_flag("--shadow", options.shadow, "compare the arrays with what the journal has");
-  run_command->add_option("--snapshot-bytes", options.snapshot_bytes, "journal bytes per generation; 0: never");
+  run_command->add_option("--snapshot-bytes", options.snapshot_bytes, "journal bytes per generation; 0: never")
+      ->capture_default_str();
   run_command->add_option("--snapshot-ms", options.snapshot_ms, "also write a generation after so much time");
   run_command->add_flag("--no-fork", options.no_fork, "write generations without a child process");
   run_command->add_option("--acknowledged", options.acknowledged, "file for the numbers that are durable, a line each");

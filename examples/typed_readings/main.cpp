@@ -1,4 +1,5 @@
 // Readings of places, in a store that survives the end of the process. Each run adds two and prints all.
+#include <cstddef>
 #include <cstdio>
 #include <span>
 #include <string>
@@ -14,19 +15,19 @@ struct reading {
 class readings {
  public:
   explicit readings(const std::string &folder) {
-    tslb_store_options_t options = {};
-    // The shadow reports a change that was not named with log(). Remove it when the program is tested.
-    options.flags = TSLB_STORE_CREATE | TSLB_STORE_SHADOW;
+    // The shadow reports a change that was not named. Remove it when the program is tested. A generation replaces the
+    // journal each time it has grown by snapshot_bytes.
+    const tslb::store_options options = {.creates = true, .has_shadow = true, .snapshot_bytes = 64 << 20};
     store_ = tslb::store::open(folder, schema_, options).value();  // throws the failure's text
   }
 
   void add(std::string_view place, float celsius) {
     tslb::batch batch = store_.begin().value();
     // An exception from here to commit refuses the batch: nothing of it is ever durable.
-    const auto taken = store_.get(slots_).add({.celsius = celsius});
+    const auto taken = store_.add(batch, slots_, {.celsius = celsius});  // names the record, too
     if (!taken) throw std::runtime_error("no slot for " + std::string(place));
-    taken->place = batch.put(places_, std::as_bytes(std::span(place)), {1, taken.idx, 8, {}}).value().ref;
-    batch.log(slots_, taken.idx);
+    const tslb::referrer from(1, taken.idx, offsetof(reading, place));
+    taken->place = batch.put(places_, std::as_bytes(std::span(place)), from).value().ref;
     batch.commit().value();
   }
 
