@@ -46,11 +46,13 @@ bool has_writer_ended(const File &lock) {
   return writer != 0 && kill(writer, 0) != 0 && errno == ESRCH;
 }
 
-// A program that opens a store twice looks for another one in vain.
+// A program that opens a store twice looks for another process in vain. A child has the locks of its parent until it executes
+// another program, also after the parent has closed the store.
 std::string holder_of(const File &lock) {
   const pid_t writer = named_writer(lock);
-  if (writer == getpid()) return "this process has the store open to write";
-  return "another writer has the store" + (writer != 0 ? fmt::format(": process {}", writer) : "");
+  if (writer == 0) return "another writer has the store";
+  return writer == getpid() ? "another writer has the store: this process, or a child of it"
+                            : fmt::format("another writer has the store: process {}", writer);
 }
 
 std::string without_slash(std::string folder) {

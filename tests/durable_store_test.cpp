@@ -31,7 +31,7 @@ TEST_F(DurableStore, FolderIsOnlyTakenWhenAllowed) {
   TestStore second;
   EXPECT_FALSE(second.open(folder_, TSLB_STORE_CREATE));
   EXPECT_EQ(second.error.code, TSLB_DURABLE_LOCKED);
-  EXPECT_THAT(second.error.text, HasSubstr("this process has the store open"));
+  EXPECT_THAT(second.error.text, HasSubstr("another writer has the store: this process, or a child of it"));
   ASSERT_TRUE(store.commit_slot(5, 16)) << store.error.text;
   TestStore reader;
   ASSERT_TRUE(reader.open(folder_, TSLB_STORE_READ_ONLY)) << reader.error.text;

@@ -84,7 +84,7 @@ unsigned weight_of(uint32_t count, uint32_t most) {
   return weight;
 }
 
-// Sets weights and bits for `low`. `exponents` are the lengths of the codes, for the large ones.
+// Sets weights and bits for `low`. `n_of_length` counts the codes by their lengths, for the large ones.
 void choose_weights(const std::array<uint32_t, N_SYMBOLS> &counts, size_t n, const Lengths &n_of_length,
                     CodePlan &plan) {
   const uint32_t most = *std::max_element(counts.begin(), counts.end());

@@ -285,7 +285,10 @@ class Store {
   maddr_t seal_points(const char *points, uint32_t count, ValueType type, const srcaddr_t &referrer,
                       const maddr_t &next, Room room = Room::none);
   void set_sealed(char *chunk, size_t n_bytes, size_t chunk_bytes) const;
+  srcaddr_t short_referrer(uint32_t series, const Tail &tail) const;
   bool add_open_to_short(uint32_t series, Tail &tail);
+  void put_in_short(uint32_t series, Tail &tail);
+  void grow_with_series(uint32_t series, Tail &tail);
   bool rewrite_short(uint32_t series, Tail &tail);
   void set_next(const maddr_t &chunk, const maddr_t &next);
   void set_referrer(const maddr_t &chunk, const srcaddr_t &referrer);

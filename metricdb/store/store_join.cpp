@@ -55,8 +55,7 @@ bool Store::join_short(uint32_t series, Tail &tail, bool with_open) {
   if (is_being_erased(series)) return false;
   const SeriesRecord &record = tail.record;
   const bool is_whole = record.n_sealed() == tail.n_short;
-  const srcaddr_t referrer =
-      is_whole ? referrer_of(CATALOGUE_TABLE, series, FIRST_SEALED_REFERENCE) : referrer_in_chunk(tail.before_short);
+  const srcaddr_t referrer = short_referrer(series, tail);
   const maddr_t first = is_whole ? record.first_sealed() : maddr_t{sealed_at(tail.before_short)->next};
   maddr_t following = first;
   uint32_t n_chunks = 0;

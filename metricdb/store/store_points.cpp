@@ -109,54 +109,63 @@ void Store::set_sealed(char *chunk, size_t n_bytes, size_t chunk_bytes) const {
   std::memset(chunk + n_bytes, 0, chunk_bytes - n_bytes);
 }
 
+// The place that refers to the first short chunk of a series, or will.
+srcaddr_t Store::short_referrer(uint32_t series, const Tail &tail) const {
+  return tail.record.n_sealed() == tail.n_short ? referrer_of(CATALOGUE_TABLE, series, FIRST_SEALED_REFERENCE)
+                                                : referrer_in_chunk(tail.before_short);
+}
+
 // A series with few points keeps most of them in one sealed chunk, and has a small open one beside it: a hundred bytes and
 // 128, in place of an open chunk of 2,048. When the open chunk is full, its points are added to the sealed one, in place if
 // there is room. Returns false if this is not such a series, or if there is no room for another chunk.
 bool Store::add_open_to_short(uint32_t series, Tail &tail) {
-  const SeriesRecord &record = tail.record;
   const uint32_t n_points = tail.n_short_points + tail.n_open;
-  if (n_points > MAX_POINTS_WITH_ROOM || tail.n_short > 1 || (tail.n_short == 0 && record.n_sealed() != 0))
-    return false;
-  if (is_being_erased(series)) return false;
+  const bool has_one = tail.n_short == 1, has_none = tail.record.n_sealed() == 0;
+  if (n_points > MAX_POINTS_WITH_ROOM || !(has_one || has_none) || is_being_erased(series)) return false;
   joined_.clear();
-  if (tail.n_short != 0) {
-    const SealedChunk *const chunk = sealed_at(record.last_sealed());
+  if (has_one) {
+    const SealedChunk *const chunk = sealed_at(tail.record.last_sealed());
     open_chunk(*chunk, bytes_of(chunk), tail.type, joined_);
   }
   for (uint32_t i = 0; i < tail.n_open; ++i) joined_.push_back(point_at(tail.open, i));
-  if (tail.n_short == 0 || !rewrite_short(series, tail)) {
-    const bool is_only = record.n_sealed() == tail.n_short;
-    const srcaddr_t referrer =
-        is_only ? referrer_of(CATALOGUE_TABLE, series, FIRST_SEALED_REFERENCE) : referrer_in_chunk(tail.before_short);
-    try {
-      const maddr_t fresh = seal_points(reinterpret_cast<const char *>(joined_.data()), n_points, tail.type, referrer,
-                                        {}, n_points < MAX_POINTS_WITH_ROOM ? Room::for_more : Room::none);
-      if (tail.n_short == 0) {
-        record.set_first_sealed(fresh);
-        record.set_last_sealed(fresh);
-        record.set_n_sealed(1);
-      } else {
-        replace_short(series, tail, record.last_sealed(), fresh, 1);
-      }
-    } catch (const StoreFull &) {
-      return false;
-    }
+  try {
+    if (has_none || !rewrite_short(series, tail)) put_in_short(series, tail);
+  } catch (const StoreFull &) {
+    return false;
   }
-  record.set_n_open(0);
+  tail.record.set_n_open(0);
   tail.n_open = tail.n_logged = 0;
   tail.n_short = 1;
   tail.n_short_points = n_points;
-  // Larger chunks as the series gets longer: it is encoded again each time.
-  const uint32_t capacity = n_points >= SEALED_POINTS       ? SEALED_POINTS
-                            : n_points >= SEALED_POINTS / 2 ? 32
-                                                            : FIRST_CAPACITY;
-  if (capacity <= tail.capacity) return true;
+  grow_with_series(series, tail);
+  return true;
+}
+
+// Puts the points in joined_ into a new chunk, in place of the short one if there is one. Throws StoreFull.
+void Store::put_in_short(uint32_t series, Tail &tail) {
+  const SeriesRecord &record = tail.record;
+  const Room room = joined_.size() < MAX_POINTS_WITH_ROOM ? Room::for_more : Room::none;
+  const maddr_t fresh =
+      seal_points(reinterpret_cast<const char *>(joined_.data()), static_cast<uint32_t>(joined_.size()), tail.type,
+                  short_referrer(series, tail), {}, room);
+  if (tail.n_short != 0) return replace_short(series, tail, record.last_sealed(), fresh, 1);
+  record.set_first_sealed(fresh);
+  record.set_last_sealed(fresh);
+  record.set_n_sealed(1);
+}
+
+// Replaces an empty open chunk by a larger one as the series gets longer: its short chunk is encoded again each time.
+void Store::grow_with_series(uint32_t series, Tail &tail) {
+  const uint32_t n_points = tail.n_short_points;
+  const uint32_t wanted = n_points >= SEALED_POINTS       ? SEALED_POINTS
+                          : n_points >= SEALED_POINTS / 2 ? FIRST_CAPACITY * CAPACITY_STEP
+                                                          : FIRST_CAPACITY;
+  if (wanted <= tail.capacity) return;
   try {
     grow_open(series, tail);
   } catch (const StoreFull &) {
     // The smaller one is empty.
   }
-  return true;
 }
 
 // Encodes the points in joined_ into the short chunk. Returns false if they do not fit.

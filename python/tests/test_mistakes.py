@@ -131,7 +131,7 @@ def test_addresses(store, address, error, text):
 
 
 def test_a_dropped_store_is_closed(tmp_path, store):
-    with pytest.raises(tslb.LockedError, match="this process has the store open to write"):
+    with pytest.raises(tslb.LockedError, match="another writer has the store: this process, or a child of it"):
         tslb.open_store(tmp_path / "db", write=True)
     store.close()
     gc.disable()
