@@ -14,9 +14,10 @@ void StoreSource::for_each_series(const SeriesFilter &filter, const Visit &visit
 
 void StoreSource::read(uint32_t series, const SeriesRead &what, PointList &list) const {
   read_as(what.is_newest_enough ? LiveRead::newest : LiveRead::all, series, what, list);
-  // A chunk does not say whether its newest point is a number.
-  const bool has_newest =
-      !list.points.empty() && (list.type == ValueType::integer || !std::isnan(list.points.back().value));
+  // A chunk without a summary does not say whether its newest point is a number.
+  const bool has_newest = list.points.empty()
+                              ? !list.summaries.empty()
+                              : list.type == ValueType::integer || !std::isnan(list.points.back().value);
   if (what.is_newest_enough && !has_newest) read_as(LiveRead::all, series, what, list);
 }
 
