@@ -14,27 +14,27 @@ class Gate {
 
   void enter() {
     std::unique_lock lock(mutex_);
-    opened_.wait(lock, [this] { return !is_closed_ && n_inside_ < MAX_INSIDE; });
+    opened_.wait(lock, [this] { return n_closings_ == 0 && n_inside_ < MAX_INSIDE; });
     ++n_inside_;
   }
 
   void leave() {
     const std::lock_guard lock(mutex_);
     if (n_inside_-- == MAX_INSIDE) opened_.notify_all();
-    if (is_closed_ && n_inside_ == 0) emptied_.notify_one();
+    if (n_closings_ != 0 && n_inside_ == 0) emptied_.notify_all();
   }
 
-  // Waits until no batch is inside. One thread at a time closes the gate.
+  // Waits until no batch is inside. The gate is closed until every thread that closed it has opened it.
   void close() {
     std::unique_lock lock(mutex_);
-    is_closed_ = true;
+    ++n_closings_;
     emptied_.wait(lock, [this] { return n_inside_ == 0; });
   }
 
   void open() {
     {
       const std::lock_guard lock(mutex_);
-      is_closed_ = false;
+      --n_closings_;
     }
     opened_.notify_all();
   }
@@ -44,7 +44,7 @@ class Gate {
   std::condition_variable opened_;
   std::condition_variable emptied_;
   uint32_t n_inside_ = 0;
-  bool is_closed_ = false;
+  uint32_t n_closings_ = 0;
 };
 
 // Closes a gate during its lifetime.

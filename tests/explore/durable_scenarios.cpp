@@ -6,12 +6,14 @@
 #include "machine.h"
 #include "monitor.h"
 #include "scenario.h"
+#include "waiters.h"
 
 namespace {
 
 using tslb_durable::ChunkRoom;
 using tslb_durable::Gate;
 using tslb_durable::GateClosed;
+using tslb_durable::Waiters;
 
 // The part of a store that concerns groups: a batch changes its bytes inside the gate, and a group copies them while the
 // gate is closed.
@@ -19,8 +21,7 @@ struct store_t {
   Gate gate;
   std::mutex mutex;  // guards the tickets
   std::mutex flush_mutex;
-  std::condition_variable written;
-  bool is_written_by_waiter;
+  Waiters waiters;
   uint64_t last_ticket, settled;
   uint32_t bytes[MAX_THREADS], copied[MAX_THREADS];
 };
@@ -66,21 +67,10 @@ uint64_t settled() {
 }
 void settle(uint64_t ticket) {
   std::unique_lock lock(store->mutex);
-  while (store->settled < ticket) {
-    if (store->is_written_by_waiter) {
-      store->written.wait(lock, [&] { return store->settled >= ticket || !store->is_written_by_waiter; });
-      continue;
-    }
-    store->is_written_by_waiter = true;
-    lock.unlock();
-    {
-      const std::lock_guard flushing(store->flush_mutex);
-      if (settled() < ticket) copy_group();
-    }
-    lock.lock();
-    store->is_written_by_waiter = false;
-    store->written.notify_all();
-  }
+  store->waiters.settle(lock, store->settled, ticket, [ticket]() noexcept {
+    const std::lock_guard flushing(store->flush_mutex);
+    if (settled() < ticket) copy_group();
+  });
 }
 
 ChunkRoom *room;

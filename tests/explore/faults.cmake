@@ -178,7 +178,7 @@ if(TSLB_BUILD_DURABLE)
   set(path durable/gate.h)
   set(from SOURCES tests/explore/durable_scenarios.cpp durable/chunk_room.cpp)
   explore_fault(closed_gate_lets_in "gate_closes;tickets;tickets_3" ${path}
-    "[this] { return !is_closed_ && n_inside_ < MAX_INSIDE; }"
+    "[this] { return n_closings_ == 0 && n_inside_ < MAX_INSIDE; }"
     "[this] { return n_inside_ < MAX_INSIDE; }"
     ${from})
   explore_fault(close_does_not_wait gate_closes ${path}
@@ -190,8 +190,21 @@ if(TSLB_BUILD_DURABLE)
     "    --n_inside_;"
     ${from})
   explore_fault(last_batch_wakes_nobody "gate_closes;gate_is_full_and_closes" ${path}
-    "    if (is_closed_ && n_inside_ == 0) emptied_.notify_one();"
+    "    if (n_closings_ != 0 && n_inside_ == 0) emptied_.notify_all();"
     ""
+    ${from})
+  set(path durable/waiters.h)
+  explore_fault(written_group_wakes_nobody "tickets;tickets_3" ${path}
+    "      written_.notify_all();"
+    ""
+    ${from})
+  explore_fault(waiters_flag_is_kept "tickets;tickets_3" ${path}
+    "      is_writing_ = false;"
+    ""
+    ${from})
+  explore_fault(waiter_wants_no_turn "tickets;tickets_3" ${path}
+    "[&] { return settled >= ticket || !is_writing_; }"
+    "[&] { return settled >= ticket; }"
     ${from})
   explore_fault(limit_without_lock last_slot_of_a_limit durable/chunk_room.cpp
     "  const std::lock_guard lock(mutex_);\n  while"
