@@ -62,22 +62,16 @@ Result guarded_in(const tslb_store_t *store, tslb_error_t *error, Result failed,
 // Adds bytes of a record. An invalid range becomes the fault of the batch.
 void add_range(tslb_batch_t *batch, uint32_t array, uint32_t idx, uint64_t offset, uint64_t bytes) noexcept {
   const tslb_store_t &store = *batch->store;
-  try {
-    if (array >= store.n_arrays()) {
-      batch->fault = fmt::format("a range of array {}, but {} are declared", array, store.n_arrays());
-    } else if (const uint32_t n_used = tslb_da_get_size(store.array(array)); idx >= n_used) {
-      batch->fault =
-          fmt::format("array \"{}\": record {} was named, but the array has {}", store.decl(array).name, idx, n_used);
-    } else if (offset + bytes > store.geometry(array).record_bytes) {
-      batch->fault = fmt::format("array \"{}\": {} bytes at byte {} of record {} are not in the array",
-                                 store.decl(array).name, bytes, offset, idx);
-    } else if (bytes != 0) {
-      batch->add(
-          {array, idx, static_cast<uint32_t>(offset) + store.geometry(array).shift, static_cast<uint32_t>(bytes)});
-    }
-  } catch (const std::bad_alloc &) {
-    batch->fault = "no memory";
-  }
+  if (array >= store.n_arrays())
+    set_reason(batch->fault, "a range of array {}, but {} are declared", array, store.n_arrays());
+  else if (const uint32_t n_used = tslb_da_get_size(store.array(array)); idx >= n_used)
+    set_reason(batch->fault, "array \"{}\": record {} was named, but the array has {}", store.decl(array).name, idx,
+               n_used);
+  else if (offset + bytes > store.geometry(array).record_bytes)
+    set_reason(batch->fault, "array \"{}\": {} bytes at byte {} of record {} are not in the array",
+               store.decl(array).name, bytes, offset, idx);
+  else if (bytes != 0)
+    batch->add({array, idx, static_cast<uint32_t>(offset) + store.geometry(array).shift, static_cast<uint32_t>(bytes)});
 }
 
 bool has_compat(const tslb_store_t &store, uint32_t array) {
@@ -89,11 +83,7 @@ bool is_pool_of(const tslb_store_t &store, uint32_t array) {
 }
 
 void set_fault_no_pool(tslb_batch_t *batch, uint32_t array) noexcept {
-  try {
-    batch->fault = fmt::format("array {} is not a pool", array);
-  } catch (const std::bad_alloc &) {
-    batch->fault = "no memory";
-  }
+  set_reason(batch->fault, "array {} is not a pool", array);
 }
 
 tslb_chunk_place_t place_of(const tslb_store_t &store, uint32_t array, const maddr_t &address) {
@@ -319,11 +309,7 @@ uint64_t tslb_batch_end(tslb_batch_t *batch) {
 
 uint64_t tslb_batch_refuse(tslb_batch_t *batch, const char *why) {
   if (batch->store->is_of_parent()) return 0;
-  try {
-    batch->fault = fmt::format("a batch was given up: {}", why);
-  } catch (const std::bad_alloc &) {
-    batch->fault = "given up";  // fits a std::string without allocation
-  }
+  set_reason(batch->fault, "a batch was given up: {}", why);
   return tslb_batch_end(batch);
 }
 

@@ -412,8 +412,9 @@ int tslb_store_promote(tslb_store_t *store, const tslb_log_position_t *position,
 
 /* Between begin and end no group is applied, and no array restored or replaced: a thread that reads a follower sees a whole
  * state. Application waits meanwhile, so reading should be short. At most 64 threads read at once; others wait. Every store
- * has these functions; those of a leader do not wait. A thread may not nest them, or call _apply, _adopt, _promote or
- * _restore between them. */
+ * has these functions; those of a leader do not wait. Between them a thread may not
+ * begin again, and may not call a function of the store that waits for a group: a batch and its ticket, _reserve, _snapshot,
+ * _backup, _restore, _apply, _adopt, _promote and _close. */
 void tslb_store_begin_reading(tslb_store_t *store);
 void tslb_store_end_reading(tslb_store_t *store);
 

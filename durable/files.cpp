@@ -207,7 +207,11 @@ void File::sync_data() const {
 }
 
 bool File::try_lock(bool is_exclusive) const {
-  return flock(fd_, (is_exclusive ? LOCK_EX : LOCK_SH) | LOCK_NB) == 0 || errno != EWOULDBLOCK;
+  int result;
+  do {
+    result = flock(fd_, (is_exclusive ? LOCK_EX : LOCK_SH) | LOCK_NB);
+  } while (result != 0 && errno == EINTR);
+  return result == 0 || errno != EWOULDBLOCK;
 }
 
 void File::truncate(uint64_t bytes) const {

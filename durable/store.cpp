@@ -294,7 +294,8 @@ void tslb_store_t::continue_journal() {
     std::memcpy(info_.identity, state_.identity.data(), sizeof info_.identity);
   }
   if (loaded.is_salvaged || is_upgraded || is_detached) {
-    write_generation_alone(std::max(loaded.state.generation, loaded.state.journals.back().number) + 1, !is_upgraded);
+    write_generation_alone(std::max(loaded.state.generation, loaded.state.journals.back().number) + 1, !is_upgraded,
+                           loaded.is_salvaged ? options_.keep : 0);
     return;
   }
   // A journal before the last one is not continued. It is sealed, if the process ended before it could do so. A journal
@@ -316,8 +317,8 @@ void tslb_store_t::continue_journal() {
   state_.journals.back() = {state_.journals.back().number, false, 0, 0};
   write_state(folder_, state_);
   const uint64_t last = state_.journals.back().number;
-  journal_ = std::make_unique<JournalWriter>(journal_path(folder_, last), JournalName{state_.identity, last},
-                                             loaded.places.back());
+  use_journal(std::make_unique<JournalWriter>(journal_path(folder_, last), JournalName{state_.identity, last},
+                                              loaded.places.back()));
 }
 
 void tslb_store_t::start_threads() {

@@ -29,6 +29,7 @@
 #include "store_files.h"
 #include "store_load.h"
 #include "stored_array.h"
+#include "waiters.h"
 
 namespace tslb_durable {
 class StreamChild;
@@ -160,35 +161,36 @@ struct tslb_store_t {
 
   // Groups, in store_group.cpp.
   uint64_t end(tslb_batch_t *batch) noexcept;
-  void settle_ticket(uint64_t ticket);
-  void end_writing() noexcept;
-  bool flush();  // flush_mutex_ is held; returns whether there was a group
-  void copy_group(CopiedGroup &group);
-  void write_group(CopiedGroup &group);
+  void settle_ticket(uint64_t ticket) noexcept;
+  bool flush() noexcept;  // flush_mutex_ is held; returns whether there was a group
+  void copy_group(CopiedGroup &group) noexcept;
+  void write_group(CopiedGroup &group) noexcept;
   void compare_with_shadow(const PendingGroup &pending, CopiedGroup &group);
-  void cut_and_refuse(const std::string &reason);
-  void refuse(const std::string &reason, bool for_good);
+  void cut_and_refuse(std::string_view reason) noexcept;
+  void refuse(std::string_view reason, bool for_good) noexcept;
+  void refuse_unsettled() noexcept;  // mutex_ is held
   void settle(CopiedGroup &group) noexcept;
   void signal_settled();
   void run_journal();
   void append_opened();
-  tslb_durable::StoreError refusal(const std::string &reason) const;  // mutex_ is held
-  void expect_usable() const;                                         // mutex_ is held
-  void expect_leader() const;                                         // mutex_ is held
-  void expect_given(uint64_t ticket) const;                           // mutex_ is held
-  const std::string *refusal_of(uint64_t ticket) const;               // mutex_ is held
+  tslb_durable::StoreError refusal(const std::string &reason) const noexcept;  // mutex_ is held
+  void expect_usable() const;                                                  // mutex_ is held
+  void expect_leader() const;                                                  // mutex_ is held
+  void expect_given(uint64_t ticket) const;                                    // mutex_ is held
+  const std::string *refusal_of(uint64_t ticket) const;                        // mutex_ is held
 
   // Generations, in store_snapshot.cpp.
-  void write_generation_alone(uint64_t number, bool keeps_numbers = false);
+  void write_generation_alone(uint64_t number, bool keeps_numbers = false, uint32_t n_older = 0);
+  void use_journal(std::unique_ptr<tslb_durable::JournalWriter> journal);
   bool forks() const { return (options_.flags & TSLB_STORE_NO_FORK) == 0; }
   void begin_next_journal(NewGeneration &next);
-  std::optional<tslb_durable::StoreError> freeze(NewGeneration &next, tslb_durable::StreamChild &child);
-  std::optional<tslb_durable::StoreError> switch_journal(NewGeneration &next);
+  void freeze(NewGeneration &next, tslb_durable::StreamChild &child);
+  void switch_journal(NewGeneration &next);
   void use_generation(uint64_t number);
   tslb_durable::JournalState sealed_state() const;
   void write_streams(NewGeneration &next);
   void finish_generation(NewGeneration &next);
-  void remove_older_generations();
+  void remove_older_generations(uint32_t n_kept);
   void snapshot_of_bulk();
   void expect_backup_folder(const std::string &target) const;
   void write_backup(tslb_durable::StoreState copy, const std::string &target) const;
@@ -218,7 +220,7 @@ struct tslb_store_t {
   uint64_t journals_before_ = 0;  // bytes of the journals of the generation before this one
   std::string body_;
   std::string compressed_;
-  std::atomic<uint64_t> reserved_left_{0};  // bytes of the journal that need no new disk space
+  std::atomic<uint64_t> reserved_left_{0};  // bytes of the journal that need no new disk space; 0 after a refusal
   uint32_t n_raw_in_turn_ = 0;              // groups that were not worth compressing
 
   tslb_durable::Gate gate_;
@@ -227,8 +229,7 @@ struct tslb_store_t {
   mutable std::mutex mutex_;  // guards the following members
   std::condition_variable work_;
   std::condition_variable snapshot_work_;
-  std::condition_variable written_;    // by a waiting thread
-  bool is_written_by_waiter_ = false;  // a thread that waits for its ticket writes groups
+  tslb_durable::Waiters waiters_;
   PendingGroup pending_;
   std::vector<std::unique_ptr<tslb_batch_t>> spare_batches_;
   uint64_t last_ticket_ = 0;

@@ -20,14 +20,20 @@ void tslb_batch_t::add(const Range &range) noexcept {
   try {
     ranges.push_back(range);
   } catch (const std::bad_alloc &) {
-    fault = "no memory";  // fits a std::string without allocation
+    fault = NO_MEMORY;
   }
 }
 
 // ---- Batches -------------------------------------------------------------------------------------------------------
 
-StoreError tslb_store_t::refusal(const std::string &reason) const {
-  return StoreError(is_broken_ ? TSLB_DURABLE_BROKEN : TSLB_DURABLE_REFUSED, reason, folder_);
+// A refusal is reported as such also if memory is short.
+StoreError tslb_store_t::refusal(const std::string &reason) const noexcept {
+  const tslb_durable_code_t code = is_broken_ ? TSLB_DURABLE_BROKEN : TSLB_DURABLE_REFUSED;
+  try {
+    return StoreError(code, reason, folder_);
+  } catch (const std::bad_alloc &) {
+    return StoreError(code, NO_MEMORY);
+  }
 }
 
 void tslb_store_t::expect_usable() const {
@@ -44,6 +50,8 @@ tslb_batch_t *tslb_store_t::begin() {
     std::unique_lock lock(mutex_);
     expect_usable();
     expect_leader();
+    // For a refusal of the group of this batch, and for one of the batches that are open then: a refusal allocates nothing.
+    if (refused_.capacity() - refused_.size() < 2) refused_.reserve(2 * refused_.size() + 2);
     if (!spare_batches_.empty()) {
       batch = std::move(spare_batches_.back());
       spare_batches_.pop_back();
@@ -73,7 +81,7 @@ uint64_t tslb_store_t::end(tslb_batch_t *ended) noexcept {
       else
         pending_.ranges.insert(pending_.ranges.end(), batch->ranges.begin(), batch->ranges.end());
     } catch (const std::bad_alloc &) {
-      batch->fault = "no memory";
+      batch->fault = NO_MEMORY;
     }
     if (batch->has_payload) {
       pending_.payload.swap(batch->payload);
@@ -106,13 +114,10 @@ void tslb_store_t::commit(tslb_batch_t *batch) {
 
 void tslb_store_t::changed_outside_of_batch(const DynArrHandle_t *array) noexcept {
   if (is_of_parent()) return;  // the arrays are the child's own copies
-  try {
-    const std::lock_guard lock(mutex_);
-    is_broken_ = true;
-    failed_ = fmt::format("{}: array \"{}\" was changed outside of a batch", folder_, array->ctx_name);
-  } catch (const std::bad_alloc &) {
-    failed_ = "no memory";
-  }
+  const std::lock_guard lock(mutex_);
+  is_broken_ = true;
+  reserved_left_ = 0;
+  set_reason(failed_, "{}: array \"{}\" was changed outside of a batch", folder_, array->ctx_name);
 }
 
 // ---- Tickets -------------------------------------------------------------------------------------------------------
@@ -139,35 +144,12 @@ void tslb_store_t::wait(uint64_t ticket) {
   if (const std::string *const why = refusal_of(ticket)) throw refusal(*why);
 }
 
-// One of the waiting threads writes groups, and the others wait for it: a thread whose batch another one has written goes on
-// at once, and its next batch is in the next group. If all waited for flush_mutex_, the thread that has just released it would
-// often get it again, with a group of its own batch alone.
-void tslb_store_t::settle_ticket(uint64_t ticket) {
+void tslb_store_t::settle_ticket(uint64_t ticket) noexcept {
   std::unique_lock lock(mutex_);
-  while (settled_ < ticket) {
-    if (is_written_by_waiter_) {
-      written_.wait(lock, [&] { return settled_ >= ticket || !is_written_by_waiter_; });
-      continue;
-    }
-    is_written_by_waiter_ = true;
-    lock.unlock();
-    try {
-      const std::lock_guard flushing(flush_mutex_);
-      if (settled() < ticket) flush();
-    } catch (...) {
-      lock.lock();
-      end_writing();
-      throw;
-    }
-    lock.lock();
-    end_writing();
-  }
-}
-
-// mutex_ is held.
-void tslb_store_t::end_writing() noexcept {
-  is_written_by_waiter_ = false;
-  written_.notify_all();
+  waiters_.settle(lock, settled_, ticket, [&]() noexcept {
+    const std::lock_guard flushing(flush_mutex_);
+    if (settled() < ticket) flush();
+  });
 }
 
 uint64_t tslb_store_t::settled() {
@@ -186,7 +168,7 @@ bool tslb_store_t::check(uint64_t ticket) {
 // Rarely waits for a group that is written, because space is reserved in large steps.
 void tslb_store_t::reserve(uint64_t bytes) {
   expect_no_batch_of_this_thread();
-  if (reserved_left_ >= bytes) return;
+  if (bytes != 0 && reserved_left_ >= bytes) return;
   const std::lock_guard flushing(flush_mutex_);
   {
     const std::lock_guard lock(mutex_);
@@ -216,7 +198,7 @@ void tslb_store_t::run_journal() {
 
 // ---- Groups --------------------------------------------------------------------------------------------------------
 
-bool tslb_store_t::flush() {
+bool tslb_store_t::flush() noexcept {
   CopiedGroup group;
   {
     const GateClosed closed(gate_);
@@ -228,24 +210,17 @@ bool tslb_store_t::flush() {
 }
 
 // Copies the bytes of the pending batches. The gate is closed.
-void tslb_store_t::copy_group(CopiedGroup &group) {
+void tslb_store_t::copy_group(CopiedGroup &group) noexcept {
   PendingGroup pending;
   {
     const std::lock_guard lock(mutex_);
     std::swap(pending, pending_);
-    if (!failed_.empty()) {
-      // These batches began before the refusal. Their changes are in the arrays until these are restored.
-      if (pending.n_batches != 0) {
-        refused_.push_back({pending.first_ticket, last_ticket_, failed_});
-        settled_ = last_ticket_;
-        signal_settled();
-      }
-      return;
-    }
+    // These batches began before the refusal. Their changes are in the arrays until these are restored.
+    if (!failed_.empty()) return refuse_unsettled();
   }
   group.n_batches = pending.n_batches;
   group.last_ticket = pending.first_ticket + pending.n_batches - 1;
-  group.failure = pending.fault;
+  group.failure.swap(pending.fault);
   if (pending.n_batches == 0) return;
   try {
     body_.clear();
@@ -259,10 +234,8 @@ void tslb_store_t::copy_group(CopiedGroup &group) {
     if (body_.size() > MAX_BODY_BYTES && group.failure.empty())
       group.failure = fmt::format("a group of {} bytes is too long", body_.size());
     if (!shadows_.empty() && group.failure.empty()) compare_with_shadow(pending, group);
-  } catch (const std::bad_alloc &) {
-    group.failure = "no memory";
-  } catch (const StoreError &error) {
-    group.failure = error.what();
+  } catch (const std::exception &error) {
+    set_reason(group.failure, "{}", reason_of(error));
   }
 }
 
@@ -287,9 +260,13 @@ void tslb_store_t::compare_with_shadow(const PendingGroup &pending, CopiedGroup 
   group.breaks = !group.failure.empty();
 }
 
-// Writes a group to the journal, and settles its tickets.
-void tslb_store_t::write_group(CopiedGroup &group) {
-  if (!group.failure.empty()) return refuse(fmt::format("{}: {}", folder_, group.failure), group.breaks);
+// Writes a group to the journal, and settles its tickets in any case: nobody else knows of the group.
+void tslb_store_t::write_group(CopiedGroup &group) noexcept {
+  if (!group.failure.empty()) {
+    std::string reason;
+    set_reason(reason, "{}: {}", folder_, group.failure);
+    return refuse(reason, group.breaks);
+  }
   Frame frame = {FrameKind::group, Compression::none, static_cast<uint32_t>(body_.size()), group.n_batches};
   const bool is_tried = level_ != 0 && (n_raw_in_turn_ == 0 || ++n_raw_in_turn_ > MAX_RAW_IN_TURN);
   std::string_view stored = body_;
@@ -299,24 +276,22 @@ void tslb_store_t::write_group(CopiedGroup &group) {
       n_raw_in_turn_ = frame.compression == Compression::none ? 1 : 0;
     }
     journal_->append_group(frame, stored);
-  } catch (const StoreError &error) {
-    return cut_and_refuse(error.what());
-  } catch (const std::bad_alloc &) {
-    return cut_and_refuse("no memory");
+  } catch (const std::exception &error) {
+    return cut_and_refuse(reason_of(error));
   }
   try {
     if (options_.sync != TSLB_SYNC_NONE) journal_->sync();
-  } catch (const StoreError &error) {
+  } catch (const std::exception &error) {
     // The content of the disk is unknown, and a second sync would not report the error again.
-    return refuse(error.what(), true);
+    return refuse(reason_of(error), true);
   }
   journal_->mark();
   reserved_left_ = journal_->reserved_bytes();
   try {
     if (log_ && !group.is_from_log) append_to_log(group);
-  } catch (const StoreError &error) {
+  } catch (const std::exception &error) {
     // The group can be in the log or not, and is in the journal.
-    return refuse(error.what(), true);
+    return refuse(reason_of(error), true);
   }
   const std::lock_guard lock(mutex_);
   ++info_.n_groups;
@@ -328,11 +303,13 @@ void tslb_store_t::write_group(CopiedGroup &group) {
 }
 
 // The cut is synced before the refusal is reported. Otherwise a crash could restore a refused batch.
-void tslb_store_t::cut_and_refuse(const std::string &reason) {
+void tslb_store_t::cut_and_refuse(std::string_view reason) noexcept {
   try {
     journal_->cut();
-  } catch (const StoreError &error) {
-    return refuse(fmt::format("{}; {}", reason, error.what()), true);
+  } catch (const std::exception &error) {
+    std::string both;
+    set_reason(both, "{}; {}", reason, reason_of(error));
+    return refuse(both, true);
   }
   refuse(reason, false);
 }
@@ -354,13 +331,21 @@ void tslb_store_t::settle(CopiedGroup &group) noexcept {
   signal_settled();
 }
 
-void tslb_store_t::refuse(const std::string &reason, bool for_good) {
+void tslb_store_t::refuse(std::string_view reason, bool for_good) noexcept {
   const std::lock_guard lock(mutex_);
-  failed_ = reason;
+  set_reason(failed_, "{}", reason);
   is_broken_ = for_good;
-  refused_.push_back({settled_ + 1, last_ticket_, failed_});
-  settled_ = last_ticket_;
+  reserved_left_ = 0;
+  refuse_unsettled();
   pending_ = {};
+}
+
+// mutex_ is held. begin() has reserved the element.
+void tslb_store_t::refuse_unsettled() noexcept {
+  if (settled_ == last_ticket_) return;
+  refused_.push_back({settled_ + 1, last_ticket_, {}});
+  set_reason(refused_.back().reason, "{}", failed_);
+  settled_ = last_ticket_;
   signal_settled();
 }
 
@@ -374,7 +359,7 @@ void tslb_store_t::append_opened() {
   } catch (const StoreError &error) {
     const std::lock_guard lock(mutex_);
     if (journal_->place().position == position) throw;
-    failed_ = error.what();
+    set_reason(failed_, "{}", error.what());
     is_broken_ = true;
     throw refusal(failed_);
   }
@@ -411,7 +396,7 @@ void tslb_store_t::restore() {
   }
   append_opened();
   const std::lock_guard lock(mutex_);
-  payload_ = loaded.payload;
+  payload_ = std::move(loaded.payload);
   has_payload_ = loaded.has_payload;
   failed_.clear();
 }

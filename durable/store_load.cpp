@@ -10,6 +10,7 @@
 #include <future>
 #include <map>
 #include <thread>
+#include <tuple>
 #include <utility>
 
 #include "beside.h"
@@ -236,25 +237,59 @@ LoadedStore load_from(const std::string &folder, const StoreState &state, uint64
   return loaded;
 }
 
-// An older generation with the journals since then leads to the same state.
+// Returns whether the journals of one generation fit the arrays of the other.
+bool have_same_arrays(const Manifest &one, const Manifest &other) {
+  return std::equal(
+      one.arrays.begin(), one.arrays.end(), other.arrays.begin(), other.arrays.end(),
+      [](const StoredArrayEntry &a, const StoredArrayEntry &b) {
+        return std::tie(a.name, a.kind, a.has_compat, a.tbl_id, a.rec_version, a.daflag, a.record_bytes, a.n_direct) ==
+               std::tie(b.name, b.kind, b.has_compat, b.tbl_id, b.rec_version, b.daflag, b.record_bytes, b.n_direct);
+      });
+}
+
+// The journals since a generation, and why later ones are not among them.
+struct Chain {
+  std::vector<JournalState> journals;
+  std::string end;
+};
+
+// The chain ends at a missing journal, and at a generation with other arrays, to which no journal leads.
+Chain chain_since(const std::string &folder, const StoreState &state, uint64_t generation) {
+  Chain chain;
+  const Manifest manifest = read_manifest(generation_path(folder, generation));
+  for (uint64_t number = generation; number <= state.journals.back().number; ++number) {
+    const std::string journal = journal_path(folder, number), next = generation_path(folder, number);
+    if (access(journal.c_str(), F_OK) != 0) chain.end = journal + ": is missing";
+    try {
+      if (access(next.c_str(), F_OK) == 0 && !have_same_arrays(manifest, read_manifest(next)))
+        chain.end = next + ": has other arrays than the generation before";
+    } catch (const StoreError &) {
+      // This can be the damage. A generation to which no journal leads is written without older ones.
+    }
+    if (!chain.end.empty()) break;
+    chain.journals.push_back({number, false, 0, 0});
+  }
+  return chain;
+}
+
+// An older generation with the journals since then leads to the same state, if none of them is missing.
 std::optional<LoadedStore> load_older(const std::string &folder, const StoreState &state, const LoadOptions &options,
                                       const std::string &why) {
-  std::vector<uint64_t> generations, journals;
+  std::vector<uint64_t> generations;
   for_each_name(folder, [&](const std::string &name) {
     if (const auto number = number_of(name, GENERATION_PREFIX)) generations.push_back(*number);
-    if (const auto number = number_of(name, JOURNAL_PREFIX)) journals.push_back(*number);
   });
   std::sort(generations.rbegin(), generations.rend());
-  std::sort(journals.begin(), journals.end());
   for (const uint64_t generation : generations) {
     if (generation >= state.generation) continue;
-    std::vector<JournalState> chain;
-    for (const uint64_t number : journals)
-      if (number >= generation && number <= state.journals.back().number) chain.push_back({number, false, 0, 0});
     try {
-      LoadedStore loaded = load_from(folder, state, generation, chain, options);
+      const Chain chain = chain_since(folder, state, generation);
+      LoadedStore loaded = load_from(folder, state, generation, chain.journals, options);
       loaded.is_salvaged = true;
-      loaded.warning = fmt::format("{}; generation {} and the journals since it were used", why, generation);
+      std::string warning = fmt::format("{}; generation {} and the journals since it were used", why, generation);
+      if (!loaded.warning.empty()) warning += "; " + loaded.warning;
+      if (!chain.end.empty()) warning += "; " + chain.end + "; what follows is lost";
+      loaded.warning = std::move(warning);
       return loaded;
     } catch (const StoreError &) {
       // The next one may be sound.

@@ -112,6 +112,7 @@ void tslb_store_t::apply_to_arrays(std::vector<Array> &arrays, CopiedGroup &grou
 void tslb_store_t::apply(std::string_view body, const tslb_log_position_t &position, uint32_t n_batches) {
   expect_no_batch_of_this_thread();
   CopiedGroup group;
+  std::optional<GateClosed> read_closed;  // until all of the group is applied, or nothing
   {
     const std::lock_guard flushing(flush_mutex_);
     {
@@ -133,15 +134,21 @@ void tslb_store_t::apply(std::string_view body, const tslb_log_position_t &posit
     group.position = position;
     group.is_from_log = true;
     {
-      const GateClosed closed(gate_), read_closed(read_gate_);
+      const GateClosed closed(gate_);
+      read_closed.emplace(read_gate_);
       const AppliesGroup applies;
-      apply_to_arrays(arrays_, group);
-      if (!shadows_.empty() && group.failure.empty()) apply_to_arrays(shadows_, group);
-      for (LoggedArray &array : logged_) array.headers_are_logged();
-      if (group.has_payload && group.failure.empty()) {
-        payload_ = group.payload;
-        has_payload_ = true;
+      try {
+        apply_to_arrays(arrays_, group);
+        if (!shadows_.empty() && group.failure.empty()) apply_to_arrays(shadows_, group);
+        for (LoggedArray &array : logged_) array.headers_are_logged();
+        if (group.has_payload && group.failure.empty()) {
+          payload_ = group.payload;
+          has_payload_ = true;
+        }
+      } catch (const std::exception &error) {
+        set_reason(group.failure, "{}", reason_of(error));  // a part can be applied: the arrays are restored below
       }
+      if (group.failure.empty()) read_closed.reset();
     }
     write_group(group);
     const std::lock_guard lock(mutex_);
@@ -208,7 +215,7 @@ void tslb_store_t::adopt_copy(const std::string &folder) {
     position_ = loaded.position;
     write_generation_alone(state_.journals.back().number + 1, true);
   } catch (const std::exception &error) {
-    refuse(error.what(), true);
+    refuse(reason_of(error), true);
     throw;
   }
 }

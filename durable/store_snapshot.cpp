@@ -148,9 +148,15 @@ void tslb_store_t::finish_generation(NewGeneration &next) {
   File::folder(folder_).sync();
 }
 
+void tslb_store_t::use_journal(std::unique_ptr<JournalWriter> journal) {
+  journal_ = std::move(journal);
+  reserved_left_ = journal_->reserved_bytes();
+}
+
 // Writes a generation and begins its journal, while no batch can be open: at creation and after an upgrade. The numbers of
-// the arrays in it are kept for a log, whose groups have them too.
-void tslb_store_t::write_generation_alone(uint64_t number, bool keeps_numbers) {
+// the arrays in it are kept for a log, whose groups have them too. No journal leads from an older generation to this one, so
+// older ones are of use only if they are evidence of damage.
+void tslb_store_t::write_generation_alone(uint64_t number, bool keeps_numbers, uint32_t n_older) {
   // An ended process can have left these.
   remove_tree(generation_path(folder_, number));
   remove_file(journal_path(folder_, number));
@@ -164,7 +170,7 @@ void tslb_store_t::write_generation_alone(uint64_t number, bool keeps_numbers) {
   next.position = position_;
   write_streams(next);
   finish_generation(next);
-  journal_ = std::make_unique<JournalWriter>(journal_path(folder_, number), JournalName{state_.identity, number});
+  use_journal(std::make_unique<JournalWriter>(journal_path(folder_, number), JournalName{state_.identity, number}));
   state_.generation = number;
   state_.journals = {{number, false, 0, 0}};
   write_state(folder_, state_);
@@ -174,20 +180,20 @@ void tslb_store_t::write_generation_alone(uint64_t number, bool keeps_numbers) {
     logged_[i].set_number(next.numbers[i]);
     logged_[i].headers_are_logged();
   }
-  remove_older_generations();
+  remove_older_generations(n_older);
 }
 
-// Removes what the state does not need, except for the generations to keep and the journals since them.
-void tslb_store_t::remove_older_generations() {
+// Removes what the state does not need, except for some older generations and the journals since them.
+void tslb_store_t::remove_older_generations(uint32_t n_kept) {
   std::vector<uint64_t> generations;
   for_each_name(folder_, [&](const std::string &name) {
     if (const auto number = number_of(name, GENERATION_PREFIX); number && *number < state_.generation)
       generations.push_back(*number);
   });
   std::sort(generations.rbegin(), generations.rend());
-  const uint64_t oldest_kept = options_.keep == 0 || generations.empty()
+  const uint64_t oldest_kept = n_kept == 0 || generations.empty()
                                    ? state_.generation
-                                   : generations[std::min<size_t>(options_.keep, generations.size()) - 1];
+                                   : generations[std::min<size_t>(n_kept, generations.size()) - 1];
   for_each_name(folder_, [&](const std::string &name) {
     const auto generation = number_of(name, GENERATION_PREFIX), journal = number_of(name, JOURNAL_PREFIX);
     if (generation && *generation < oldest_kept) remove_generation(folder_ + "/" + name);
@@ -209,33 +215,34 @@ void tslb_store_t::begin_next_journal(NewGeneration &next) {
   write_state(folder_, with_next);
 }
 
-// Seals the journal, and goes on with that of the next generation. Returns why it cannot. flush_mutex_ is held.
-std::optional<StoreError> tslb_store_t::switch_journal(NewGeneration &next) {
+// Seals the journal, and goes on with that of the next generation. flush_mutex_ is held.
+void tslb_store_t::switch_journal(NewGeneration &next) {
   state_.journals.reserve(state_.journals.size() + 1);  // after the seal no memory may be refused
   try {
     journal_->seal();
-  } catch (const StoreError &error) {
+  } catch (const std::exception &error) {
     // Groups must not follow a seal of which a part may be missing on the disk.
     try {
       journal_->cut();
-    } catch (const StoreError &cut_error) {
-      refuse(fmt::format("{}; {}", error.what(), cut_error.what()), true);
-      return cut_error;
+    } catch (const std::exception &cut_error) {
+      std::string both;
+      set_reason(both, "{}; {}", reason_of(error), reason_of(cut_error));
+      refuse(both, true);
     }
-    return error;
+    throw;
   }
   state_.journals.back() = sealed_state();
   state_.journals.push_back({next.number, false, 0, 0});
   journals_before_ += journal_->place().position;
-  journal_ = std::move(next.journal);
-  return std::nullopt;
+  use_journal(std::move(next.journal));
 }
 
 // The moment of a snapshot. Without an open batch, the pending group is copied and the process forks: the child has the
-// arrays as they are then. Later groups go to the next journal. Returns why the snapshot fails.
-std::optional<StoreError> tslb_store_t::freeze(NewGeneration &next, StreamChild &child) {
+// arrays as they are then. Later groups go to the next journal.
+void tslb_store_t::freeze(NewGeneration &next, StreamChild &child) {
   const std::lock_guard flushing(flush_mutex_);
   CopiedGroup group;
+  std::exception_ptr failure;
   int fork_error = 0;
   uint64_t fork_ns = 0;
   const auto start = Clock::now();
@@ -251,25 +258,30 @@ std::optional<StoreError> tslb_store_t::freeze(NewGeneration &next, StreamChild 
       fork_error = child.start(next.results, lock_->fd(), [this, &next] { write_streams(next); });
       fork_ns = ns_since(before_fork);
     } else {
-      write_streams(next);
+      try {
+        write_streams(next);
+      } catch (const std::exception &) {
+        failure = std::current_exception();  // the group is written first
+      }
     }
   }
   const uint64_t pause_ns = ns_since(start);
   if (group.n_batches != 0) write_group(group);
+  if (failure) std::rethrow_exception(failure);
   {
     const std::lock_guard lock(mutex_);
     info_.fork_ns = fork_ns;
     info_.snapshot_pause_ns = pause_ns;
     info_.max_pause_ns = std::max(info_.max_pause_ns, pause_ns);
-    if (!failed_.empty()) return refusal(failed_);
+    if (!failed_.empty()) throw refusal(failed_);
     next.payload = durable_payload_;
     next.has_payload = has_durable_payload_;
     next.position = position_;
   }
   if (fork_error != 0)
-    return StoreError(TSLB_DURABLE_IO, fmt::format("{}: cannot fork: {}", folder_, std::strerror(fork_error)), folder_,
-                      0, fork_error);
-  return switch_journal(next);
+    throw StoreError(TSLB_DURABLE_IO, fmt::format("{}: cannot fork: {}", folder_, std::strerror(fork_error)), folder_,
+                     0, fork_error);
+  switch_journal(next);
 }
 
 // Makes a generation that is in place the current one.
@@ -280,13 +292,15 @@ void tslb_store_t::use_generation(uint64_t number) {
   state.journals = {state_.journals.back()};
   write_state(folder_, state);
   state_ = std::move(state);
-  remove_older_generations();
+  remove_older_generations(options_.keep);
   const std::lock_guard flushing(flush_mutex_);
   journals_before_ = 0;
   const std::lock_guard lock(mutex_);
   info_.generation = number;
   ++info_.n_snapshots;
   info_.journal_bytes = journal_->place().position;
+  info_.snapshot_failure[0] = '\0';
+  next_snapshot_at_ = options_.snapshot_bytes;
 }
 
 // The files of the next generation and the next journal are made while batches go on.
@@ -302,12 +316,13 @@ void tslb_store_t::snapshot() {
   begin_next_journal(next);
   if (forks()) use_huge_pages(arrays_);
   StreamChild child(folder_);
-  std::optional<StoreError> failure = freeze(next, child);
-  if (!failure && forks() && !child.receive(next.results))
-    failure.emplace(TSLB_DURABLE_IO, folder_ + ": the child process that writes a generation ended", folder_);
-  if (failure) {
+  try {
+    freeze(next, child);
+    if (forks() && !child.receive(next.results))
+      throw StoreError(TSLB_DURABLE_IO, folder_ + ": the child process that writes a generation ended", folder_);
+  } catch (const std::exception &) {
     write_state(folder_, state_);
-    throw *failure;
+    throw;
   }
   finish_generation(next);
   use_generation(next.number);
@@ -330,11 +345,12 @@ void tslb_store_t::run_snapshots() {
     try {
       snapshot();
     } catch (const std::exception &error) {
-      failure = error.what();
+      set_reason(failure, "{}", reason_of(error));
     }
     const std::lock_guard lock(mutex_);
     is_snapshot_due_ = false;
-    next_snapshot_at_ = options_.snapshot_bytes + (failure.empty() ? 0 : info_.journal_bytes);
+    if (failure.empty()) continue;
+    next_snapshot_at_ = options_.snapshot_bytes + info_.journal_bytes;
     copy_text(failure, info_.snapshot_failure, sizeof info_.snapshot_failure);
   }
 }

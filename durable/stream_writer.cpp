@@ -54,7 +54,8 @@ void Throttle::wrote(uint64_t bytes) {
   nanosleep(&pause, nullptr);
 }
 
-// The first compression allocates what all of them need, with the same parameters and unknown sizes.
+// The first compression allocates what all of them need: with the same parameters, and a size that zstd does not know before
+// the end.
 StreamWriter::StreamWriter(uint64_t bytes_per_s)
     : throttle_(bytes_per_s),
       pieces_(MAX_PIECES),
@@ -63,6 +64,10 @@ StreamWriter::StreamWriter(uint64_t bytes_per_s)
       zeros_(ZERO_BYTES) {
   if (!compressor_) throw std::bad_alloc();
   ZSTD_CCtx_setParameter(compressor_.get(), ZSTD_c_compressionLevel, COMPRESSION_LEVEL);
+  pieces_[0] = {zeros_.data(), 1};
+  n_pieces_ = 1;
+  compress(false);
+  n_pieces_ = 0;
   compress(true);
 }
 

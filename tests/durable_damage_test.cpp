@@ -47,6 +47,12 @@ class DurableDamage : public DurableTest {
     }
   }
 
+  static void flip(const std::string &path, size_t at) {
+    std::string changed = bytes_of(path);
+    changed.at(at) ^= 1;
+    put_bytes(path, changed);
+  }
+
   // Bytes of the journal up to the end of its last group. Zeros follow, which later groups would replace.
   size_t bytes_of_groups() const {
     TestStore store;
@@ -97,7 +103,8 @@ TEST_F(DurableDamage, EachFlippedBitAfterAnOrderlyEndIsRefused) {
       TestStore store;
       ASSERT_FALSE(store.open(folder_, TSLB_STORE_READ_ONLY)) << name << ", byte " << at;
       ASSERT_EQ(store.error.code, TSLB_DURABLE_DAMAGED) << store.error.text;
-      ASSERT_THAT(store.error.text, HasSubstr(folder_));
+      ASSERT_EQ(store.error.file, path) << store.error.text;
+      ASSERT_THAT(store.error.text, testing::StartsWith(path + ": "));
     }
     put_bytes(path, intact);
   }
@@ -120,6 +127,7 @@ TEST_F(DurableDamage, FlippedBitInAnOpenJournalCostsAtMostTheLastGroup) {
     TestStore store;
     if (!store.open(folder_, TSLB_STORE_READ_ONLY)) {
       ASSERT_EQ(store.error.code, TSLB_DURABLE_DAMAGED);
+      ASSERT_EQ(store.error.file, path);
       ++n_refused;
       continue;
     }
@@ -285,17 +293,63 @@ TEST_F(DurableDamage, KeptGenerationLeadsToTheSameState) {
   EXPECT_TRUE(fs::exists(folder_ + "/generation.2"));
   EXPECT_FALSE(fs::exists(folder_ + "/generation.1")) << "more generations than requested are kept";
   EXPECT_FALSE(fs::exists(folder_ + "/journal.1"));
-  std::string changed = bytes_of(folder_ + "/generation.3/slots.stream");
-  changed[100] ^= 1;
-  put_bytes(folder_ + "/generation.3/slots.stream", changed);
-  TestStore store;
-  EXPECT_FALSE(store.open(folder_));
-  ASSERT_TRUE(store.open(folder_, TSLB_STORE_SALVAGE | TSLB_STORE_SHADOW)) << store.error.text;
-  EXPECT_EQ(store.content(), contents_.back());
-  EXPECT_THAT(store.info().warning, HasSubstr("generation 2 and the journals since it were used"));
-  ASSERT_EQ(store.close(), 0);
+  flip(folder_ + "/generation.3/slots.stream", 100);
+  fs::rename(folder_, root_ + "/damaged");
+  const std::string journal = folder_ + "/journal.2";
+  const struct {
+    std::function<void()> damage;
+    int last;  // batch that is there
+    std::string why;
+  } rows[] = {
+      {[] {}, 11, ""},
+      {[&] { fs::remove(journal); }, 4, "journal.2: is missing; what follows is lost"},
+      {[&] { flip(journal, 200); }, 4, "what follows is lost"},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.why);
+    fs::remove_all(folder_);
+    fs::copy(root_ + "/damaged", folder_, fs::copy_options::recursive);
+    row.damage();
+    TestStore store;
+    EXPECT_FALSE(store.open(folder_));
+    ASSERT_TRUE(store.open(folder_, TSLB_STORE_SALVAGE | TSLB_STORE_SHADOW)) << store.error.text;
+    EXPECT_TRUE(store.content() == contents_[static_cast<size_t>(row.last)]);
+    EXPECT_THAT(store.info().warning, HasSubstr("generation 2 and the journals since it were used"));
+    EXPECT_THAT(store.info().warning, HasSubstr(row.why));
+    ASSERT_EQ(store.close(), 0);
+    ASSERT_TRUE(store.open(folder_)) << store.error.text;
+    EXPECT_TRUE(store.content() == contents_[static_cast<size_t>(row.last)]);
+  }
+}
+
+// No journal leads to the generation of an upgrade, also if older ones are there.
+TEST_F(DurableDamage, OlderGenerationWithOtherArraysGetsNoLaterGroups) {
+  ASSERT_NO_FATAL_FAILURE(fill(folder_, true, 1));
+  fs::copy(folder_, root_ + "/old", fs::copy_options::recursive);
+  std::vector<tslb_array_decl_t> decls = test_decls();
+  decls.insert(decls.begin(), decl_of("added", TSLB_ARRAY_RECORDS, 9, 20, 2, 0));
+  const auto content = [](const TestStore &store) {
+    std::string all;
+    for (uint32_t i = 1; i <= 4; ++i) all += content_of(store.array(i));
+    return all;
+  };
+  TestStore store(decls);
+  store.options.keep = 1;
   ASSERT_TRUE(store.open(folder_)) << store.error.text;
-  EXPECT_EQ(store.content(), contents_.back());
+  const std::string before = content(store);
+  EXPECT_FALSE(fs::exists(folder_ + "/generation.3"));
+  ASSERT_TRUE(store.commit([&](tslb_batch_t *batch) {
+    const int32_t id = get_dyn_arr_new_record_id(store.array(0));
+    tslb_batch_log_record(batch, 0, static_cast<uint32_t>(id));
+  }));
+  ASSERT_EQ(store.close(), 0);
+  for (const char *const name : {"/generation.3", "/journal.3"})
+    fs::copy(root_ + "/old" + name, folder_ + name, fs::copy_options::recursive);
+  flip(folder_ + "/generation.4/slots.stream", 100);
+  ASSERT_TRUE(store.open(folder_, TSLB_STORE_SALVAGE)) << store.error.text;
+  EXPECT_EQ(content(store), before);
+  EXPECT_EQ(tslb_da_get_size(store.array(0)), 0u);
+  EXPECT_THAT(store.info().warning, HasSubstr("has other arrays than the generation before; what follows is lost"));
 }
 
 TEST_F(DurableDamage, BackupIsAStoreOfTheSettledState) {

@@ -4,6 +4,7 @@
 #include <cerrno>
 
 #include "durable_support.h"
+#include "fault_alloc.h"
 #include "io_faults.h"
 
 using testing::HasSubstr;
@@ -161,6 +162,26 @@ TEST_F(DurableLog, NothingOfAnInvalidGroupIsApplied) {
   ASSERT_EQ(follower.close(), 0);
   ASSERT_TRUE(follower.open(root_ + "/follower")) << follower.error.text;
   EXPECT_EQ(follower.content(), states_[7]);
+}
+
+TEST_F(DurableLog, RefusedAllocationAppliesAllOfAGroupOrNothing) {
+  if (!fault_t::works()) GTEST_SKIP();
+  LoggedStore leader(log_);
+  lead(leader);
+  TestLog other;
+  LoggedStore follower(other);
+  ASSERT_TRUE(follower.open(root_ + "/follower"));
+  for (size_t i = 0; i < 6; ++i) ASSERT_TRUE(follower.apply(log_.groups[i].view()));
+  int n_struck = 0;
+  for (bool is_applied = false; !is_applied; ++n_struck) {
+    const tslb_group_t group = log_.groups[6].view();
+    {
+      const fault_t fault(n_struck + 1);
+      is_applied = tslb_store_apply(follower.get(), &group, &follower.error) == 0;
+    }
+    ASSERT_EQ(follower.content(), states_[is_applied ? 7 : 6]) << "allocation " << n_struck + 1;
+  }
+  EXPECT_GT(n_struck, 5);
 }
 
 TEST_F(DurableLog, FailureOfTheLogBreaksTheStore) {

@@ -1,11 +1,14 @@
 // Durable stores: opening, batches, what is named and what is forgotten, upgrades, payloads.
 #include <gmock/gmock.h>
 #include <poll.h>
+#include <sys/stat.h>
 
 #include <set>
 
 #include "durable_support.h"
+#include "fault_alloc.h"
 #include "stored_array.h"
+#include "stream_writer.h"
 
 using testing::HasSubstr;
 
@@ -74,6 +77,26 @@ TEST_F(DurableStore, CompressedStreams) {
       EXPECT_EQ(reader.error.code, TSLB_DURABLE_DAMAGED);
     }
     put_bytes(stream, whole);
+  }
+}
+
+// The child that writes a generation has the heap as some thread left it.
+TEST_F(DurableStore, StreamsAreWrittenWithoutAnAllocation) {
+  std::vector<tslb_array_decl_t> decls = test_decls();
+  for (tslb_array_decl_t &decl : decls) decl.compresses = 1;
+  TestStore store(decls);
+  ASSERT_TRUE(store.open(folder_)) << store.error.text;
+  std::mt19937 random(3);
+  ASSERT_TRUE(store.commit_changes(random, 40)) << store.error.text;
+  const auto checked = tslb_durable::checked_decls(decls.data(), static_cast<uint32_t>(decls.size()));
+  tslb_durable::StreamWriter writer(0);
+  for (uint32_t i = 0; i < decls.size(); ++i) {
+    const tslb_durable::File file = tslb_durable::File::create(root_ + "/" + decls[i].name);
+    tslb_durable::StoredFile written;
+    const unsigned long before = allocations_so_far();
+    ASSERT_EQ(writer.write(store.array(i), checked[i], file.fd(), written), 0);
+    EXPECT_EQ(allocations_so_far(), before) << decls[i].name;
+    EXPECT_GT(written.bytes, 0u);
   }
 }
 
@@ -694,6 +717,8 @@ TEST_F(DurableStore, TicketsCanBeCheckedWithoutWaiting) {
   const uint64_t refused = tslb_batch_end(batch);
   EXPECT_EQ(tslb_store_wait(store.get(), refused, &store.error), -1);
   EXPECT_EQ(tslb_store_check(store.get(), durable, &store.error), 0);
+  EXPECT_EQ(tslb_store_reserve(store.get(), 0, &store.error), -1);
+  EXPECT_EQ(store.error.code, TSLB_DURABLE_REFUSED);
   EXPECT_EQ(tslb_store_check(store.get(), refused, &store.error), -1);
   EXPECT_THAT(store.error.text, HasSubstr("array \"slots\": record 99 was named, but the array has 1"));
   ASSERT_EQ(tslb_store_restore(store.get(), &store.error), 0);
@@ -705,6 +730,12 @@ TEST_F(DurableStore, TicketsCanBeCheckedWithoutWaiting) {
   EXPECT_EQ(store.error.code, TSLB_DURABLE_INVALID);
   tslb_batch_end(batch);
   EXPECT_EQ(tslb_store_reserve(store.get(), 10 << 20, &store.error), 0);
+  // What was reserved in one journal is not in the next.
+  ASSERT_EQ(tslb_store_snapshot(store.get(), &store.error), 0) << store.error.text;
+  EXPECT_EQ(tslb_store_reserve(store.get(), 1 << 20, &store.error), 0);
+  struct stat journal;
+  ASSERT_EQ(stat((folder_ + "/journal.2").c_str(), &journal), 0);
+  EXPECT_GE(journal.st_blocks * 512, 1 << 20);
   EXPECT_EQ(tslb_store_reserve(store.get(), uint64_t{1} << 60, &store.error), -1);
   EXPECT_EQ(store.error.code, TSLB_DURABLE_IO);
   EXPECT_NE(store.error.errnum, 0);

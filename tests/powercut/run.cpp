@@ -1,6 +1,8 @@
 // Steps of scenarios, and the recovery of a folder.
 #include <algorithm>
 
+#include <fault_alloc.h>
+
 #include "search.h"
 
 namespace powercut {
@@ -86,21 +88,19 @@ void StoreRun::open(uint32_t flags) {
 }
 
 // Only a fault explains that a step failed.
-void StoreRun::expect_fault(const std::string &what) const {
-  const int code = store_->error.code;
+void StoreRun::expect_fault(const std::string &what, const tslb_error_t &error) const {
+  const int code = error.code;
   const bool is_explained = code == TSLB_DURABLE_IO || code == TSLB_DURABLE_NO_MEMORY || code == TSLB_DURABLE_REFUSED ||
                             code == TSLB_DURABLE_BROKEN;
   const bool had_fault =
-      fault_struck() == Struck::fault || had_fault_ || (can_be_broken_ && code == TSLB_DURABLE_BROKEN);
-  if (!had_fault || !is_explained) fail(what, store_->error);
+      fault_struck() == Struck::fault || has_memory_faults || (can_be_broken_ && code == TSLB_DURABLE_BROKEN);
+  if (!had_fault || !is_explained) fail(what, error);
 }
 
 bool StoreRun::attempt(const std::function<bool()> &step) {
-  if (!with_fault) return step();
-  had_fault_ = true;
-  bool is_done = false;
-  std::exchange(with_fault, nullptr)([&] { is_done = step(); });
-  return is_done;
+  if (!has_memory_faults) return step();
+  const counted_t counted;
+  return step();
 }
 
 int StoreRun::begin_batch() {
@@ -111,7 +111,8 @@ int StoreRun::begin_batch() {
 void StoreRun::commit() {
   for (bool is_done = false; !is_done;) {
     const int number = begin_batch();
-    tslb_batch_t *const batch = store_->begin();
+    tslb_batch_t *batch = nullptr;
+    attempt([&] { return (batch = store_->begin()) != nullptr; });
     if (batch != nullptr) {
       change(*store_, batch, static_cast<uint32_t>(number));
       contents_.back() = content_of_store(*store_, payload_of(number));
@@ -129,16 +130,30 @@ void StoreRun::commit() {
         replace_broken(number);
       else if (store_->error.code == TSLB_DURABLE_REFUSED)
         restore(number);
-      else
+      else if (batch != nullptr)
         fail("a batch is neither there nor refused", store_->error);
     }
   }
 }
 
+void StoreRun::refuse() {
+  const int number = begin_batch();
+  tslb_batch_t *const batch = store_->begin();
+  if (batch == nullptr) fail("a batch cannot begin", store_->error);
+  change(*store_, batch, static_cast<uint32_t>(number));
+  record_mark(MarkKind::begun, static_cast<uint32_t>(number));
+  uint64_t ticket = 0;
+  attempt([&] { return (ticket = tslb_batch_refuse(batch, "a reason that is longer than a short string")) != 0; });
+  if (attempt([&] { return tslb_store_wait(store_->get(), ticket, &store_->error) == 0; }))
+    throw Failure{"a batch that was given up is there"};
+  if (store_->error.code != TSLB_DURABLE_REFUSED) fail("a batch that was given up is not refused", store_->error);
+  restore(number);
+}
+
 void StoreRun::restore(int refused) {
   record_mark(MarkKind::refused, static_cast<uint32_t>(refused));
   if (before_restoration) std::exchange(before_restoration, nullptr)();
-  if (tslb_store_restore(store_->get(), &store_->error) != 0) {
+  if (!attempt([&] { return tslb_store_restore(store_->get(), &store_->error) == 0; })) {
     expect_fault("a store cannot be restored");
     if (store_->error.code == TSLB_DURABLE_BROKEN) return replace_broken(refused);
     if (tslb_store_restore(store_->get(), &store_->error) != 0) {
@@ -194,8 +209,15 @@ void StoreRun::use_saved() {
 }
 
 void StoreRun::import() {
-  store_ = new_store();
-  if (!store_->open(store_folder(), TSLB_STORE_CREATE | TSLB_STORE_BULK)) fail("no import", store_->error);
+  const std::string folder = store_folder();
+  const auto open = [&] {
+    store_ = new_store();
+    return attempt([&] { return store_->open(folder, TSLB_STORE_CREATE | TSLB_STORE_BULK); });
+  };
+  if (!open()) {
+    expect_fault("no import");
+    if (!open()) fail("no import", store_->error);
+  }
   contents_.push_back(content_of_store(*store_, payload_of(0)));
   last_ = begin_batch();
   uint32_t idx;
@@ -205,13 +227,35 @@ void StoreRun::import() {
   tslb_store_set_payload(store_->get(), payload.data(), payload.size(), nullptr);
   contents_.back() = content_of_store(*store_, payload);
   record_mark(MarkKind::begun, static_cast<uint32_t>(last_));
-  snapshot();
+  if (!snapshot() && !snapshot()) fail("an import cannot be stored again", store_->error);
 }
 
 void StoreRun::back_up() {
-  if (tslb_store_backup(store_->get(), (root_ + "/backup").c_str(), &store_->error) != 0)
-    fail("no backup", store_->error);
+  const std::string folder = root_ + "/backup";
+  const auto copy = [&] {
+    return attempt([&] { return tslb_store_backup(store_->get(), folder.c_str(), &store_->error) == 0; });
+  };
+  if (!copy()) {
+    expect_fault("no backup");
+    fs::remove_all(folder);
+    if (!copy()) fail("no backup after a failure", store_->error);
+  }
   record_mark(MarkKind::acknowledged, static_cast<uint32_t>(last_));
+}
+
+void StoreRun::read() {
+  const std::string folder = store_folder();
+  std::unique_ptr<TestStore> reader;
+  const auto open = [&] {
+    reader = new_store();
+    return attempt([&] { return reader->open(folder, TSLB_STORE_READ_ONLY); });
+  };
+  if (!open()) {
+    expect_fault("a reader cannot open the store", reader->error);
+    if (!open()) fail("a reader cannot open the store again", reader->error);
+  }
+  if (content_of_store(*reader, reader->payload()) != contents_[static_cast<size_t>(last_)])
+    throw Failure{fmt::format("a reader has not batch {}", last_)};
 }
 
 // ---- Recovery ------------------------------------------------------------------------------------------------------

@@ -48,6 +48,8 @@ class StoreRun {
   void use_saved();  // and replaces it with the copy: as a process leaves it that is killed at the time of the copy
   void import();     // creates the store with batch 1
   void back_up();    // to the folder "backup"
+  void read();       // by a reader beside the store
+  void refuse();     // a batch that is given up; then the store is restored
   std::mt19937_64 &random() { return random_; }
 
   bool is_open() const { return store_ && store_->get() != nullptr; }
@@ -56,11 +58,11 @@ class StoreRun {
   std::string store_folder() const { return root_ + "/store"; }
 
   tslb_store_options_t options = {};
-  std::function<void()> before_restoration;                           // called once
-  std::function<void(const std::function<void()> &step)> with_fault;  // calls the next step of the store
-  size_t padding = 0;                                                 // bytes that make the groups longer
-  bool has_added_array = false;                                       // openings from then on declare another array
-  bool marks_backup_only = false;                                     // the backup is recovered, not the store
+  std::function<void()> before_restoration;  // called once
+  bool has_memory_faults = false;            // steps are counted (fault_alloc.h)
+  size_t padding = 0;                        // bytes that make the groups longer
+  bool has_added_array = false;              // openings from then on declare another array
+  bool marks_backup_only = false;            // the backup is recovered, not the store
 
   // Recovers what a cut left in the folder, twice, and then goes on with it or not. Returns the batch that was found. Throws
   // Failure.
@@ -73,7 +75,8 @@ class StoreRun {
   int begin_batch();
   void acknowledge();
   bool attempt(const std::function<bool()> &step);
-  void expect_fault(const std::string &what) const;
+  void expect_fault(const std::string &what) const { expect_fault(what, store_->error); }
+  void expect_fault(const std::string &what, const tslb_error_t &error) const;
   void restore(int refused);
   void replace_broken(int number);
   int found_in(const TestStore &store, const Bounds &bounds) const;
@@ -90,7 +93,6 @@ class StoreRun {
   std::vector<std::string> contents_;  // after each batch, with its payload; 0 is the empty store
   int last_ = 0;                       // batch that the store has
   int saved_ = 0;                      // batch of the saved folder
-  bool had_fault_ = false;             // of memory
   bool can_be_broken_ = false;         // by a snapshot that failed
 };
 

@@ -52,6 +52,14 @@ const Part PARTS[] = {
        make_store(run);
      },
      [](StoreRun &run) { run.snapshot(); }},
+    {"batch that is given up", make_store, [](StoreRun &run) { run.refuse(); }},
+    {"backup", make_store, [](StoreRun &run) { run.back_up(); }},
+    {"reader", make_store, [](StoreRun &run) { run.read(); }},
+    {"import", [](StoreRun &) {},
+     [](StoreRun &run) {
+       run.import();
+       run.close();
+     }},
     {"end", make_store, [](StoreRun &run) { run.close(); }},
     {"recovery",
      [](StoreRun &run) {
@@ -79,7 +87,7 @@ class SyscallFaults : public DurableTest {
   }
 
   // Runs a part with a fault. Then the store goes on, or is opened again.
-  void run_with_fault(const Part &part, const std::function<void(StoreRun &)> &faulty) {
+  void run_with_fault(const Part &part, bool goes_on, const std::function<void(StoreRun &)> &faulty) {
     fs::remove_all(folder_);
     fs::create_directory(folder_);
     begin_recording(folder_);  // makes reservations of disk space cost nothing
@@ -90,7 +98,7 @@ class SyscallFaults : public DurableTest {
     run.commit();
     run.close();
     const Bounds bounds = {run.last(), run.last(), {}};
-    run.recover(run.store_folder(), bounds, true);
+    run.recover(run.store_folder(), bounds, goes_on);
   }
 };
 
@@ -103,7 +111,7 @@ TEST_F(SyscallFaults, EachErrorOfEachCallLosesNothing) {
         SCOPED_TRACE(fmt::format("{}: call {} fails with its error {}", part.name, n, which));
         Struck became = Struck::no;
         try {
-          run_with_fault(part, [&](StoreRun &run) {
+          run_with_fault(part, n % 4 == 1, [&](StoreRun &run) {
             fail_call(n, which);
             part.run(run);
             became = fault_struck();
@@ -135,14 +143,14 @@ TEST_F(SyscallFaults, EachRefusedAllocationLosesNothing) {
       SCOPED_TRACE(fmt::format("{}: allocation {} is refused", part.name, n));
       bool has_struck = false;
       try {
-        run_with_fault(part, [&](StoreRun &run) {
-          run.with_fault = [&](const std::function<void()> &call) {
-            const fault_t fault(n);
-            call();
+        run_with_fault(part, n % 4 == 1, [&](StoreRun &run) {
+          run.has_memory_faults = true;
+          {
+            const fault_everywhere_t fault(n);
+            part.run(run);
             has_struck = fault.struck();
-          };
-          part.run(run);
-          run.with_fault = nullptr;
+          }
+          run.has_memory_faults = false;
         });
       } catch (const Failure &failure) {
         FAIL() << failure.what;

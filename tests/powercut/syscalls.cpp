@@ -339,7 +339,7 @@ WRAP(int, sync_file_range, int fd, off_t at, off_t count, unsigned flags) {
 }
 
 WRAP(int, ftruncate, int fd, off_t size) {
-  return attempt("ftruncate", {EIO, EINTR, ENOSPC}, [=] {
+  return attempt("ftruncate", {EIO, EINTR, ENOSPC, EDQUOT}, [=] {
     const uint32_t file = opening_of(fd);
     if (file == 0) return __real_ftruncate(fd, size);
     const Locked locked;
