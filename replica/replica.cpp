@@ -121,7 +121,7 @@ tslb_replica_t::tslb_replica_t(const std::string &folder, const tslb_array_decl_
   store_ = tslb_store_open(folder.c_str(), arrays, n_arrays, &store_options, &error);
   if (store_ == nullptr) throw store_error_of(error);
   try {
-    if (set_aside_) set_aside_->sync();
+    if (set_aside_) set_aside_->file.sync();
     start_following();
   } catch (...) {
     tslb_store_close(store_, nullptr);
@@ -173,8 +173,10 @@ tslb_replica_info_t tslb_replica_t::info() {
     info.lag_s = std::max(silent_s > 2 ? silent_s : 0, applied_ns_ != 0 ? age_s : 0);
   }
   info.n_bootstraps = n_bootstraps_;
-  info.n_set_aside = n_set_aside_;
-  if (set_aside_) tslb_durable::copy_text(set_aside_->path(), info.set_aside, sizeof info.set_aside);
+  if (set_aside_) {
+    info.n_set_aside = set_aside_->n_groups;
+    tslb_durable::copy_text(set_aside_->file.path(), info.set_aside, sizeof info.set_aside);
+  }
   tslb_durable::copy_text(text_, info.text, sizeof info.text);
   return info;
 }

@@ -134,20 +134,20 @@ std::optional<bool> tslb_replica_t::is_surely_in_log(const tslb_log_position_t &
 
 // The groups are whole messages, with the layout 0.
 void tslb_replica_t::set_aside(const tslb_group_t &group) {
-  if (group.position.number <= last_set_aside_) return;  // the store reads its journal again
-  last_set_aside_ = group.position.number;
+  if (set_aside_ && group.position.number <= set_aside_->last) return;  // the store reads its journal again
   const std::string_view body(static_cast<const char *>(group.body), group.bytes);
   if (body == tslb_durable::body_of_position(group.position)) return;
   if (!set_aside_) {
     const std::string path = fmt::format("{}/set_aside.{}.{}", folder_, group.position.epoch, group.position.number);
     tslb_durable::remove_file(path);  // of an opening that did not end
-    set_aside_.emplace(tslb_durable::File::create(path));
+    set_aside_.emplace(SetAside{tslb_durable::File::create(path)});
     tslb_durable::File::folder(folder_).sync();
   }
   const MessageSource source = {tslb_durable::read_state(folder_).identity, 0};
   const MessageHead head = make_message_head(source, MessageKind::group, group.position, group.position.epoch);
-  set_aside_->write(messages_of(head, body, SIZE_MAX / 2).front());
-  ++n_set_aside_;
+  set_aside_->file.write(messages_of(head, body, SIZE_MAX / 2).front());
+  set_aside_->last = group.position.number;
+  ++set_aside_->n_groups;
 }
 
 // Groups that are not in the log are the last ones of a store. So all groups before one that is in the log are in it, too;
@@ -157,14 +157,13 @@ int tslb_replica_t::found(const tslb_group_t &group, char *why, size_t capacity)
   try {
     const std::optional<bool> is_there = is_surely_in_log(group.position);
     if (is_there && *is_there) {
-      if (set_aside_) tslb_durable::remove_file(set_aside_->path());
+      if (set_aside_) tslb_durable::remove_file(set_aside_->file.path());
       set_aside_.reset();
-      n_set_aside_ = 0;
       return 1;
     }
     set_aside(group);
     if (!is_there) return 1;
-    if (set_aside_) set_aside_->sync();
+    if (set_aside_) set_aside_->file.sync();
     return 0;
   } catch (const std::exception &failure) {
     tslb_durable::copy_text(failure.what(), why, capacity);

@@ -100,8 +100,12 @@ struct tslb_replica_t {
   std::optional<tslb_replica::Span> found_span_;
   tslb_replica::MessageHead found_first_ = {};
   std::map<uint64_t, uint64_t> last_numbers_;
-  std::optional<tslb_durable::File> set_aside_;
-  uint64_t last_set_aside_ = 0;
+  struct SetAside {
+    tslb_durable::File file;
+    uint64_t n_groups = 0;
+    uint64_t last = 0;  // number of the last group in the file
+  };
+  std::optional<SetAside> set_aside_;
   tslb_store_t *store_ = nullptr;
 
   std::mutex role_mutex_;
@@ -122,5 +126,4 @@ struct tslb_replica_t {
   uint64_t applied_ns_ = 0;  // when the last group that was applied was made
   std::chrono::steady_clock::time_point answered_ = tslb_replica::Clock::now();
   uint64_t n_bootstraps_ = 0;
-  uint64_t n_set_aside_ = 0;
 };

@@ -3,7 +3,10 @@
 #include <nats/nats.h>
 #include <tslb/replica.h>
 
+#include <algorithm>
+
 #include "durable_support.h"
+#include "log_message.h"
 #include "nats_support.h"
 
 using testing::HasSubstr;
@@ -293,4 +296,51 @@ TEST_F(Replica, ForeignContentIsNeitherMixedInNorLost) {
   ASSERT_TRUE(becomes([&] { return foreign->info().role == TSLB_REPLICA_ENDED; }));
   EXPECT_THAT(foreign->info().text, HasSubstr("content that is not from the log"));
   EXPECT_FALSE(foreign->promote());
+}
+
+// The seal of the journal is damaged when the store reads it first, and right when it reads it again.
+TEST_F(Replica, GroupsAreSetAsideIfTheJournalIsReadTwice) {
+  struct Damage {
+    std::string folder, journal;
+    void flip() const {
+      std::fstream file(journal, std::ios::in | std::ios::out | std::ios::binary);
+      file.seekg(-1, std::ios::end);
+      const char last = static_cast<char>(file.get() ^ 1);
+      file.seekp(-1, std::ios::end);
+      file.put(last);
+    }
+    bool has_set_aside() const {
+      return std::any_of(fs::directory_iterator(folder), {},
+                         [](const auto &entry) { return entry.path().filename().string().starts_with("set_aside"); });
+    }
+    bool is_there = true;
+  } damage = {root_ + "/a", root_ + "/a/journal.1"};
+  const auto former = make("a");
+  former->options.mode = TSLB_REPLICA_ASYNC;
+  former->options.patience_ms = 1000;
+  ASSERT_TRUE(former->open());
+  ASSERT_TRUE(former->promote()) << former->error.text;
+  for (int i = 0; i < 3; ++i) ASSERT_EQ(former->change(random_), 0);
+  ASSERT_TRUE(becomes([&] { return former->info().lag == 0; }));
+  server_->kill_now();
+  for (int i = 0; i < 5; ++i) ASSERT_EQ(former->change(random_), 0);
+  EXPECT_EQ(former->close(), -1) << "the groups are in the log";
+  server_->start();
+  damage.flip();
+  former->options.patience_ms = 20'000;
+  former->options.store.progress = [](void *arg, uint64_t, uint64_t) {
+    Damage &made = *static_cast<Damage *>(arg);
+    if (!made.is_there || !made.has_set_aside()) return;
+    made.flip();
+    made.is_there = false;
+  };
+  former->options.store.progress_arg = &damage;
+  ASSERT_TRUE(former->open()) << former->error.text;
+  EXPECT_FALSE(damage.is_there) << "the journal was read once";
+  EXPECT_EQ(former->info().position.number, 4u);
+  EXPECT_EQ(former->info().n_set_aside, 5u);
+  const std::string groups = bytes_of(former->info().set_aside);
+  size_t n_groups = 0;
+  for (size_t at = 0; (at = groups.find(tslb_replica::MESSAGE_MAGIC, at)) != std::string::npos; ++at) ++n_groups;
+  EXPECT_EQ(n_groups, 5u);
 }
