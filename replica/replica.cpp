@@ -169,8 +169,10 @@ tslb_replica_info_t tslb_replica_t::info() {
   info.lag = role_ == TSLB_REPLICA_LEADER ? waiting_.size() : lag_;
   if (role_ != TSLB_REPLICA_LEADER) {
     const double silent_s = std::chrono::duration<double>(Clock::now() - answered_).count();
-    const double age_s = lag_ != 0 ? static_cast<double>(now_ns() - applied_ns_) / 1e9 : 0;
-    info.lag_s = std::max(silent_s > 2 ? silent_s : 0, applied_ns_ != 0 ? age_s : 0);
+    // Negative if the leader's clock is fast.
+    const auto age_ns = static_cast<int64_t>(now_ns() - applied_ns_);
+    const bool has_age = lag_ != 0 && applied_ns_ != 0 && age_ns > 0;
+    info.lag_s = std::max(silent_s > 2 ? silent_s : 0, has_age ? static_cast<double>(age_ns) / 1e9 : 0);
   }
   info.n_bootstraps = n_bootstraps_;
   if (set_aside_) {

@@ -63,7 +63,8 @@ typedef struct tslb_replica_info_t {
   tslb_log_position_t position; /* of the store */
   uint64_t lag;                 /* follower: messages of the log that are not applied; leader: not confirmed */
   double lag_s;          /* follower: age of the last applied group if messages are missing, by the clocks of both
-                                 * machines, or the time since the servers answered last if that is longer; else 0 */
+                                 * machines and at least 0, or the time since the servers answered last if that is longer;
+                                 * else 0 */
   uint64_t n_bootstraps; /* snapshots that were taken over since the opening */
   uint64_t n_set_aside;  /* groups that were set aside by the opening */
   char set_aside[512];   /* the file with them; empty if there is none */

@@ -5,8 +5,10 @@
 
 #include <algorithm>
 
+#include "changes.h"
 #include "durable_support.h"
 #include "log_message.h"
+#include "nats_log.h"
 #include "nats_support.h"
 
 using testing::HasSubstr;
@@ -343,4 +345,33 @@ TEST_F(Replica, GroupsAreSetAsideIfTheJournalIsReadTwice) {
   size_t n_groups = 0;
   for (size_t at = 0; (at = groups.find(tslb_replica::MESSAGE_MAGIC, at)) != std::string::npos; ++at) ++n_groups;
   EXPECT_EQ(n_groups, 5u);
+}
+
+TEST_F(Replica, LagIsNotNegativeIfTheClockOfTheLeaderIsFast) {
+  const auto leader = make("a"), follower = make("b");
+  ASSERT_TRUE(leader->open() && follower->open());
+  ASSERT_TRUE(leader->promote()) << leader->error.text;
+  ASSERT_EQ(leader->change(random_), 0);
+  ASSERT_TRUE(follows(*follower, *leader));
+  tslb_replica::NatsLog log({server_->url(), "test"});
+  uint64_t last = log.log().span().last;
+  tslb_replica::MessageHead head = tslb_replica::read_message(log.log().read(last).value(), "").head;
+  head.n_chunks = 1;
+  head.chunk = 0;
+  head.made_ns += 3'600'000'000'000;
+  const auto publish_next = [&] {
+    ++head.number;
+    const std::string body = tslb_durable::body_of_position({head.epoch, head.number});
+    log.log().publish(tslb_replica::messages_of(head, body, body.size()), last++);
+  };
+  publish_next();
+  ASSERT_TRUE(becomes([&] { return follower->info().position.number == head.number && follower->info().lag == 0; }))
+      << follower->info().text;
+  tslb_store_begin_reading(follower->store.get());
+  publish_next();
+  EXPECT_TRUE(becomes([&] { return follower->info().lag == 1; }));
+  const double lag_s = follower->info().lag_s;
+  tslb_store_end_reading(follower->store.get());
+  EXPECT_GE(lag_s, 0);
+  EXPECT_LT(lag_s, 30);
 }
