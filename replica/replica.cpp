@@ -8,7 +8,7 @@
 #include <cstring>
 #include <new>
 
-#include "changes.h"
+#include "store.h"
 
 using namespace tslb_replica;
 using tslb_durable::StoreError;
@@ -395,8 +395,9 @@ tslb_replica_t *tslb_replica_open(const char *folder, const tslb_array_decl_t *a
 
 int tslb_replica_close(tslb_replica_t *replica, tslb_error_t *error) {
   if (replica == nullptr) return 0;
-  const std::unique_ptr<tslb_replica_t> released(replica);
   return guarded_replica(error, -1, [&] {
+    replica->store()->expect_no_batch_of_this_thread();
+    const std::unique_ptr<tslb_replica_t> released(replica);
     replica->close();
     return 0;
   });

@@ -77,7 +77,8 @@ tslb_replica_t *tslb_replica_open(const char *folder, const tslb_array_decl_t *a
                                   const tslb_replica_options_t *options, tslb_error_t *error);
 
 /* Ends following or leading, waits for the log with TSLB_REPLICA_ASYNC, and closes the store. Null is ignored. No other
- * thread uses the replica or its store. Result: 0, or -1: it is released all the same. */
+ * thread uses the replica or its store. Result: 0, or -1: it is released all the same, except with TSLB_DURABLE_INVALID: a
+ * batch of this thread is open, and the replica goes on. */
 int tslb_replica_close(tslb_replica_t *replica, tslb_error_t *error);
 
 /* Returns the store, which belongs to the replica. Any thread. */

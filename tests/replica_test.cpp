@@ -375,3 +375,17 @@ TEST_F(Replica, LagIsNotNegativeIfTheClockOfTheLeaderIsFast) {
   EXPECT_GE(lag_s, 0);
   EXPECT_LT(lag_s, 30);
 }
+
+TEST_F(Replica, OpenBatchKeepsAReplicaFromClosing) {
+  const auto replica = make("a");
+  ASSERT_TRUE(replica->open());
+  ASSERT_TRUE(replica->promote()) << replica->error.text;
+  tslb_batch_t *const batch = replica->store.begin();
+  ASSERT_NE(batch, nullptr);
+  tslb_error_t error = {};
+  ASSERT_EQ(tslb_replica_close(replica->get(), &error), -1);
+  EXPECT_EQ(error.code, TSLB_DURABLE_INVALID) << error.text;
+  replica->store.add_slot(batch, 1, 8);
+  EXPECT_EQ(tslb_batch_commit(batch, &error), 0) << error.text;
+  EXPECT_EQ(replica->close(), 0) << replica->error.text;
+}
