@@ -19,6 +19,15 @@ constexpr std::chrono::milliseconds ASK_TIME{200};      // between two questions
 constexpr std::chrono::milliseconds SILENT_TIME{1000};  // then the consumer is made again
 constexpr std::chrono::milliseconds PAUSE{100};
 
+// Throws what the store has reported. A full disk, or memory that was refused, is no reason to end: the group is read again
+// later.
+[[noreturn]] void fail_in_store(const tslb_error_t &error) {
+  const bool is_repeated =
+      error.code == TSLB_DURABLE_REFUSED || error.code == TSLB_DURABLE_NO_MEMORY || error.code == TSLB_DURABLE_IO;
+  if (is_repeated) throw Unreachable(error.text);
+  throw store_error_of(error);
+}
+
 // Removes a folder at the end.
 class ScratchFolder {
  public:
@@ -224,6 +233,7 @@ bool tslb_replica_t::is_snapshot_ours() {
 // ---- Following -----------------------------------------------------------------------------------------------------
 
 void tslb_replica_t::begin_following() {
+  restore_store();
   Span span = log_.log().span();
   if (span.is_empty()) throw Unreachable(log_.log().name() + (span.last == 0 ? ": is empty" : ": has no messages"));
   if (position().number == 0) bootstrap();
@@ -241,9 +251,16 @@ void tslb_replica_t::begin_following() {
 void tslb_replica_t::apply(const tslb_group_t &group) {
   tslb_error_t error = {};
   if (tslb_store_apply(store_, &group, &error) == 0) return;
-  // A full disk, for example: the group is read again later.
-  if (error.code == TSLB_DURABLE_REFUSED || error.code == TSLB_DURABLE_NO_MEMORY) throw Unreachable(error.text);
-  throw store_error_of(error);
+  is_restoration_due_ = true;
+  fail_in_store(error);
+}
+
+// Repeats the restoration that the store has tried after a refused group. It accepts no group before one succeeds.
+void tslb_replica_t::restore_store() {
+  if (!is_restoration_due_) return;
+  tslb_error_t error = {};
+  if (tslb_store_restore(store_, &error) != 0) fail_in_store(error);
+  is_restoration_due_ = false;
 }
 
 void tslb_replica_t::follow_until(const std::function<bool()> &is_done) {

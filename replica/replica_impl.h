@@ -72,6 +72,7 @@ struct tslb_replica_t {
   void start_following();
   void stop_following();
   void apply(const tslb_group_t &group);
+  void restore_store();
 
   // Leading.
   void found_log();
@@ -113,6 +114,7 @@ struct tslb_replica_t {
   std::thread publisher_;
   std::optional<tslb_replica::LogReader> reader_;  // of the thread that follows, with the next member
   uint64_t next_ = 1;                              // sequence of the next message; leader: not used
+  bool is_restoration_due_ = false;                // the store has refused a group, and perhaps not restored its arrays
 
   std::mutex mutex_;  // guards the following members
   std::condition_variable changed_;

@@ -1,9 +1,11 @@
 // Replicas with a NATS server: followers equal the leader, one replica leads, and what is not in the log is set aside.
 #include <gmock/gmock.h>
 #include <nats/nats.h>
+#include <sys/resource.h>
 #include <tslb/replica.h>
 
 #include <algorithm>
+#include <csignal>
 
 #include "changes.h"
 #include "durable_support.h"
@@ -79,6 +81,23 @@ bool becomes(const std::function<bool()> &condition) {
 bool follows(const TestReplica &follower, const TestReplica &leader) {
   return becomes([&] { return follower.info().position.number == leader.info().position.number; });
 }
+
+// Files of this process cannot become longer, as if the disk were full.
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(uint64_t bytes) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    getrlimit(RLIMIT_FSIZE, &before_);
+    const rlimit limit = {bytes, before_.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &before_); }
+  FileSizeLimit(const FileSizeLimit &) = delete;
+  FileSizeLimit &operator=(const FileSizeLimit &) = delete;
+
+ private:
+  rlimit before_;
+};
 
 class Replica : public DurableTest {
  protected:
@@ -388,4 +407,25 @@ TEST_F(Replica, OpenBatchKeepsAReplicaFromClosing) {
   replica->store.add_slot(batch, 1, 8);
   EXPECT_EQ(tslb_batch_commit(batch, &error), 0) << error.text;
   EXPECT_EQ(replica->close(), 0) << replica->error.text;
+}
+
+// A group does not fit on the disk, nor does the frame with which the arrays are restored.
+TEST_F(Replica, FollowerGoesOnWhenADiskIsNoLongerFull) {
+  const auto leader = make("a"), follower = make("b");
+  ASSERT_TRUE(leader->open() && follower->open());
+  ASSERT_TRUE(leader->promote()) << leader->error.text;
+  for (int i = 0; i < 20; ++i) ASSERT_EQ(leader->change(random_), 0);
+  ASSERT_TRUE(follows(*follower, *leader)) << follower->info().text;
+  tslb_store_begin_reading(follower->store.get());
+  for (int i = 0; i < 3; ++i) ASSERT_EQ(leader->change(random_), 0);
+  {
+    const FileSizeLimit limit(follower->store.info().journal_bytes + 10);
+    tslb_store_end_reading(follower->store.get());
+    EXPECT_TRUE(
+        becomes([&] { return std::string(follower->info().text).find("File too large") != std::string::npos; }));
+    EXPECT_EQ(follower->info().role, TSLB_REPLICA_FOLLOWER) << follower->info().text;
+  }
+  ASSERT_TRUE(follows(*follower, *leader)) << follower->info().text;
+  EXPECT_EQ(follower->content(), leader->content());
+  EXPECT_EQ(follower->info().n_bootstraps, 1u);
 }
