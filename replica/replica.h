@@ -89,8 +89,9 @@ void tslb_replica_get_info(tslb_replica_t *replica, tslb_replica_info_t *info);
 
 /* Makes a follower the leader: applies the rest of the log, and begins the next epoch. An empty log is founded: the store
  * becomes its first snapshot. A leader that still leads is deposed by this. If another begins an epoch meanwhile, this
- * fails with TSLB_DURABLE_REFUSED. Result: 0, or -1: the replica still follows; with TSLB_DURABLE_IO the leader before
- * can be deposed all the same. Any thread; one at a time. */
+ * fails with TSLB_DURABLE_REFUSED. Batches can begin when this is done. Result: 0, or -1: the replica still follows; with
+ * TSLB_DURABLE_IO the leader before can be deposed all the same. If an empty log was being founded, the role can have ended
+ * (TSLB_REPLICA_ENDED). Any thread; one at a time. */
 int tslb_replica_promote(tslb_replica_t *replica, tslb_error_t *error);
 
 /* The same, unless another has led since: only if the log is empty, or `epoch` is its last epoch. Otherwise this fails with

@@ -215,7 +215,7 @@ void tslb_replica_t::publish_copy(bool with_generation) {
   bool is_leader;
   {
     const std::lock_guard lock(mutex_);
-    is_leader = role_ == TSLB_REPLICA_LEADER;
+    is_leader = role_ == Role::leading;
   }
   char why[256];
   if (is_leader && confirm(why, sizeof why) != 0) throw StoreError(TSLB_DURABLE_REFUSED, why);
@@ -316,7 +316,8 @@ void tslb_replica_t::run_following() noexcept {
       std::unique_lock lock(mutex_);
       changed_.wait_for(lock, PAUSE, [this] { return is_stopping_; });
     } catch (const std::exception &failure) {
-      return end_role(failure.what());
+      change_role(Role::ended, failure.what());
+      return;
     }
   }
 }
@@ -324,19 +325,20 @@ void tslb_replica_t::run_following() noexcept {
 void tslb_replica_t::start_following() {
   {
     const std::lock_guard lock(mutex_);
-    if (role_ != TSLB_REPLICA_FOLLOWER) return;
     is_stopping_ = false;
   }
   follower_ = std::thread([this] { run_following(); });
 }
 
+// Does nothing if the thread does not run: is_stopping_ would end the publisher of a leader.
 void tslb_replica_t::stop_following() {
+  if (!follower_.joinable()) return;
   {
     const std::lock_guard lock(mutex_);
     is_stopping_ = true;
   }
   changed_.notify_all();
-  if (follower_.joinable()) follower_.join();
+  follower_.join();
   const std::lock_guard lock(mutex_);
   is_stopping_ = false;
 }

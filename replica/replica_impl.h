@@ -1,5 +1,9 @@
 // A replica: a store, its log, and the threads between them.
 //
+// Roles: following, promoting (again following if it fails), leading, ended. Each of them can end, and a replica that has
+// ended stays so. change_role makes all changes. A promotion lets batches in as its last step, when the log is ready for
+// their groups.
+//
 // Locks, in the order in which they are taken: role_mutex_ (one change of the role, or publication of a snapshot, at a
 // time), those of the store, mutex_. The functions that the store calls take mutex_ alone.
 #pragma once
@@ -23,6 +27,8 @@
 #include "store_error.h"
 
 namespace tslb_replica {
+
+enum class Role { following, promoting, leading, ended };
 
 // What a function of the store has reported.
 inline tslb_durable::StoreError store_error_of(const tslb_error_t &error) {
@@ -83,7 +89,7 @@ struct tslb_replica_t {
   void lead(uint64_t last);
   void stop_leading();
   void run_publishing() noexcept;
-  void end_role(const std::string &why) noexcept;
+  bool change_role(tslb_replica::Role next, std::string text = {}) noexcept;
   void publish_copy(bool with_generation);
   bool is_snapshot_ours();
   tslb_replica::MessageSource source() const;
@@ -118,7 +124,7 @@ struct tslb_replica_t {
 
   std::mutex mutex_;  // guards the following members
   std::condition_variable changed_;
-  tslb_replica_role_t role_ = TSLB_REPLICA_FOLLOWER;
+  tslb_replica::Role role_ = tslb_replica::Role::following;
   std::string text_;
   bool is_stopping_ = false;
   tslb_replica::MessageSource source_ = {};  // of a leader's messages

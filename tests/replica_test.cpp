@@ -319,6 +319,32 @@ TEST_F(Replica, ForeignContentIsNeitherMixedInNorLost) {
   EXPECT_FALSE(foreign->promote());
 }
 
+// A thread tries all the time to begin a batch. The first one that can begin is acknowledged, also while a log is founded.
+TEST_F(Replica, BatchThatBeginsDuringAPromotionIsAcknowledged) {
+  const auto a = make("a"), b = make("b");
+  b->options.mode = TSLB_REPLICA_ASYNC;
+  ASSERT_TRUE(a->open() && b->open());
+  for (TestReplica *const replica : {a.get(), b.get(), a.get(), b.get()}) {
+    std::thread batches([&] {
+      tslb_batch_t *batch = nullptr;
+      tslb_error_t refused = {};
+      while ((batch = tslb_batch_begin(replica->store.get(), &refused)) == nullptr &&
+             refused.code == TSLB_DURABLE_INVALID)
+        std::this_thread::sleep_for(std::chrono::microseconds(50));
+      ASSERT_NE(batch, nullptr) << refused.text;
+      replica->store.add_slot(batch, 1, 8);
+      EXPECT_EQ(tslb_batch_commit(batch, &refused), 0) << refused.text;
+    });
+    EXPECT_TRUE(replica->promote()) << replica->error.text;
+    batches.join();
+    EXPECT_EQ(replica->info().role, TSLB_REPLICA_LEADER) << replica->info().text;
+    ASSERT_EQ(replica->change(random_), 0) << replica->error.text;
+    TestReplica &other = replica == a.get() ? *b : *a;
+    other.close();
+    ASSERT_TRUE(other.open()) << other.error.text;
+  }
+}
+
 // The seal of the journal is damaged when the store reads it first, and right when it reads it again.
 TEST_F(Replica, GroupsAreSetAsideIfTheJournalIsReadTwice) {
   struct Damage {
@@ -366,6 +392,33 @@ TEST_F(Replica, GroupsAreSetAsideIfTheJournalIsReadTwice) {
   EXPECT_EQ(n_groups, 5u);
 }
 
+// A group does not fit on the disk, nor does the frame with which the arrays are restored.
+TEST_F(Replica, FollowerGoesOnWhenADiskIsNoLongerFull) {
+  const auto leader = make("a"), follower = make("b");
+  ASSERT_TRUE(leader->open() && follower->open());
+  {
+    const FileSizeLimit limit(leader->store.info().journal_bytes + 10);
+    EXPECT_FALSE(leader->promote());
+    EXPECT_EQ(leader->error.code, TSLB_DURABLE_IO) << leader->error.text;
+    EXPECT_EQ(leader->info().role, TSLB_REPLICA_FOLLOWER) << leader->info().text;
+  }
+  ASSERT_TRUE(leader->promote()) << leader->error.text;
+  for (int i = 0; i < 20; ++i) ASSERT_EQ(leader->change(random_), 0);
+  ASSERT_TRUE(follows(*follower, *leader)) << follower->info().text;
+  tslb_store_begin_reading(follower->store.get());
+  for (int i = 0; i < 3; ++i) ASSERT_EQ(leader->change(random_), 0);
+  {
+    const FileSizeLimit limit(follower->store.info().journal_bytes + 10);
+    tslb_store_end_reading(follower->store.get());
+    EXPECT_TRUE(
+        becomes([&] { return std::string(follower->info().text).find("File too large") != std::string::npos; }));
+    EXPECT_EQ(follower->info().role, TSLB_REPLICA_FOLLOWER) << follower->info().text;
+  }
+  ASSERT_TRUE(follows(*follower, *leader)) << follower->info().text;
+  EXPECT_EQ(follower->content(), leader->content());
+  EXPECT_EQ(follower->info().n_bootstraps, 1u);
+}
+
 TEST_F(Replica, LagIsNotNegativeIfTheClockOfTheLeaderIsFast) {
   const auto leader = make("a"), follower = make("b");
   ASSERT_TRUE(leader->open() && follower->open());
@@ -407,25 +460,4 @@ TEST_F(Replica, OpenBatchKeepsAReplicaFromClosing) {
   replica->store.add_slot(batch, 1, 8);
   EXPECT_EQ(tslb_batch_commit(batch, &error), 0) << error.text;
   EXPECT_EQ(replica->close(), 0) << replica->error.text;
-}
-
-// A group does not fit on the disk, nor does the frame with which the arrays are restored.
-TEST_F(Replica, FollowerGoesOnWhenADiskIsNoLongerFull) {
-  const auto leader = make("a"), follower = make("b");
-  ASSERT_TRUE(leader->open() && follower->open());
-  ASSERT_TRUE(leader->promote()) << leader->error.text;
-  for (int i = 0; i < 20; ++i) ASSERT_EQ(leader->change(random_), 0);
-  ASSERT_TRUE(follows(*follower, *leader)) << follower->info().text;
-  tslb_store_begin_reading(follower->store.get());
-  for (int i = 0; i < 3; ++i) ASSERT_EQ(leader->change(random_), 0);
-  {
-    const FileSizeLimit limit(follower->store.info().journal_bytes + 10);
-    tslb_store_end_reading(follower->store.get());
-    EXPECT_TRUE(
-        becomes([&] { return std::string(follower->info().text).find("File too large") != std::string::npos; }));
-    EXPECT_EQ(follower->info().role, TSLB_REPLICA_FOLLOWER) << follower->info().text;
-  }
-  ASSERT_TRUE(follows(*follower, *leader)) << follower->info().text;
-  EXPECT_EQ(follower->content(), leader->content());
-  EXPECT_EQ(follower->info().n_bootstraps, 1u);
 }
