@@ -8,7 +8,7 @@
 #include <cstring>
 #include <new>
 
-#include "changes.h"
+#include "store.h"
 
 using namespace tslb_replica;
 using tslb_durable::StoreError;
@@ -121,7 +121,7 @@ tslb_replica_t::tslb_replica_t(const std::string &folder, const tslb_array_decl_
   store_ = tslb_store_open(folder.c_str(), arrays, n_arrays, &store_options, &error);
   if (store_ == nullptr) throw store_error_of(error);
   try {
-    if (set_aside_) set_aside_->sync();
+    if (set_aside_) set_aside_->file.sync();
     start_following();
   } catch (...) {
     tslb_store_close(store_, nullptr);
@@ -165,40 +165,48 @@ tslb_replica_info_t tslb_replica_t::info() {
   tslb_replica_info_t info = {};
   info.position = position();
   const std::lock_guard lock(mutex_);
-  info.role = role_;
-  info.lag = role_ == TSLB_REPLICA_LEADER ? waiting_.size() : lag_;
-  if (role_ != TSLB_REPLICA_LEADER) {
+  info.role = role_ == Role::leading ? TSLB_REPLICA_LEADER
+              : role_ == Role::ended ? TSLB_REPLICA_ENDED
+                                     : TSLB_REPLICA_FOLLOWER;
+  info.lag = role_ == Role::leading ? waiting_.size() : lag_;
+  if (role_ != Role::leading) {
     const double silent_s = std::chrono::duration<double>(Clock::now() - answered_).count();
-    const double age_s = lag_ != 0 ? static_cast<double>(now_ns() - applied_ns_) / 1e9 : 0;
-    info.lag_s = std::max(silent_s > 2 ? silent_s : 0, applied_ns_ != 0 ? age_s : 0);
+    // Negative if the leader's clock is fast.
+    const auto age_ns = static_cast<int64_t>(now_ns() - applied_ns_);
+    const bool has_age = lag_ != 0 && applied_ns_ != 0 && age_ns > 0;
+    info.lag_s = std::max(silent_s > 2 ? silent_s : 0, has_age ? static_cast<double>(age_ns) / 1e9 : 0);
   }
   info.n_bootstraps = n_bootstraps_;
-  info.n_set_aside = n_set_aside_;
-  if (set_aside_) tslb_durable::copy_text(set_aside_->path(), info.set_aside, sizeof info.set_aside);
+  if (set_aside_) {
+    info.n_set_aside = set_aside_->n_groups;
+    tslb_durable::copy_text(set_aside_->file.path(), info.set_aside, sizeof info.set_aside);
+  }
   tslb_durable::copy_text(text_, info.text, sizeof info.text);
   return info;
 }
 
-void tslb_replica_t::end_role(const std::string &why) noexcept {
+// Changes the role. Returns false, and changes nothing, if the present role does not lead to this one: a role that has
+// ended stays so, with the first reason.
+bool tslb_replica_t::change_role(Role next, std::string text) noexcept {
   const std::lock_guard lock(mutex_);
-  role_ = TSLB_REPLICA_ENDED;
-  text_ = why;
+  const bool is_allowed = next == Role::promoting                            ? role_ == Role::following
+                          : next == Role::leading || next == Role::following ? role_ == Role::promoting
+                                                                             : role_ != Role::ended;
+  if (!is_allowed) return false;
+  role_ = next;
+  if (next == Role::leading || next == Role::ended) text_ = std::move(text);
   changed_.notify_all();
+  return true;
 }
 
 // ---- Leading -------------------------------------------------------------------------------------------------------
 
 void tslb_replica_t::promote(const std::optional<uint64_t> &only_after) {
   const std::lock_guard one(role_mutex_);
-  {
-    const std::lock_guard lock(mutex_);
-    if (role_ != TSLB_REPLICA_FOLLOWER)
-      throw StoreError(TSLB_DURABLE_INVALID, folder_ + ": is no follower" + (text_.empty() ? "" : ": " + text_));
-  }
   stop_following();
-  {
+  if (!change_role(Role::promoting)) {
     const std::lock_guard lock(mutex_);
-    if (role_ == TSLB_REPLICA_ENDED) throw StoreError(TSLB_DURABLE_INVALID, text_);
+    throw StoreError(TSLB_DURABLE_INVALID, folder_ + ": is no follower" + (text_.empty() ? "" : ": " + text_));
   }
   try {
     const auto end = deadline();
@@ -216,10 +224,9 @@ void tslb_replica_t::promote(const std::optional<uint64_t> &only_after) {
     follow_to(0, end);
     const uint64_t begun = begin_epoch(epoch, end);
     follow_to(begun, end);
-    promote_store(position());
     lead(begun);
   } catch (...) {
-    start_following();
+    if (change_role(Role::following)) start_following();
     throw;
   }
 }
@@ -260,40 +267,42 @@ std::string tslb_replica_t::message_of_epoch(const tslb_log_position_t &position
   return messages_of(head, random_bytes(), chunk_bytes_).front();
 }
 
-void tslb_replica_t::promote_store(const tslb_log_position_t &position) {
-  tslb_error_t error = {};
-  if (tslb_store_promote(store_, &position, &error) == 0) return;
-  throw store_error_of(error);
-}
-
 // The first leader. Its store can have content, which followers get from its snapshot. The position is journalled before
-// the message is published: a store with content and without a position follows no log.
+// the message is published: a store with content and without a position follows no log. A failure after that ends the
+// role: the message can be in the log or not, which the next opening finds out.
 void tslb_replica_t::found_log() {
   const tslb_log_position_t position = {1, 1};
-  promote_store(position);
+  restore_store();
+  apply({nullptr, 0, 0, position});
   try {
     publish_copy(false);
     log_.log().publish({message_of_epoch(position)}, 0);
-    lead(1);
     if (!is_snapshot_ours()) publish_copy(true);  // another that was promoted at once has replaced it
   } catch (const std::exception &failure) {
-    end_role(failure.what());
+    change_role(Role::ended, failure.what());
     throw;
   }
+  lead(1);
 }
 
+// The end of a promotion: lets batches in. The log ends with the begin of the epoch, which the store has.
 void tslb_replica_t::lead(uint64_t last) {
   log_.log().unsubscribe();
   const MessageSource own = source();
   {
     const std::lock_guard lock(mutex_);
-    role_ = TSLB_REPLICA_LEADER;
     source_ = own;
-    text_.clear();
     last_ = last;
     lag_ = 0;
   }
   if (mode_ == TSLB_REPLICA_ASYNC) publisher_ = std::thread([this] { run_publishing(); });
+  const tslb_log_position_t begin = position();
+  tslb_error_t error = {};
+  if (tslb_store_promote(store_, &begin, &error) != 0) {
+    stop_leading();
+    throw store_error_of(error);
+  }
+  change_role(Role::leading);
 }
 
 void tslb_replica_t::stop_leading() {
@@ -313,10 +322,13 @@ int tslb_replica_t::append(const tslb_group_t &group, char *why, size_t capacity
     std::vector<std::string> messages =
         messages_of(head, {static_cast<const char *>(group.body), group.bytes}, chunk_bytes_);
     std::unique_lock lock(mutex_);
-    if (role_ != TSLB_REPLICA_LEADER) throw Fenced("leads no more: " + text_);
+    // A batch can begin just before the role is `leading`.
+    changed_.wait(lock, [this] {
+      return role_ != Role::promoting &&
+             (role_ != Role::leading || mode_ != TSLB_REPLICA_ASYNC || waiting_.size() < window_);
+    });
+    if (role_ != Role::leading) throw Fenced("leads no more: " + text_);
     if (mode_ == TSLB_REPLICA_ASYNC) {
-      changed_.wait(lock, [this] { return waiting_.size() < window_ || role_ != TSLB_REPLICA_LEADER; });
-      if (role_ != TSLB_REPLICA_LEADER) throw Fenced("leads no more: " + text_);
       for (std::string &message : messages) waiting_.push_back(std::move(message));
       changed_.notify_all();
       return 0;
@@ -328,7 +340,7 @@ int tslb_replica_t::append(const tslb_group_t &group, char *why, size_t capacity
     last_ = last + messages.size();
     return 0;
   } catch (const std::exception &failure) {
-    end_role(failure.what());
+    change_role(Role::ended, failure.what());
     tslb_durable::copy_text(failure.what(), why, capacity);
     return -1;
   }
@@ -336,8 +348,8 @@ int tslb_replica_t::append(const tslb_group_t &group, char *why, size_t capacity
 
 int tslb_replica_t::confirm(char *why, size_t capacity) noexcept {
   std::unique_lock lock(mutex_);
-  changed_.wait(lock, [this] { return waiting_.empty() || role_ != TSLB_REPLICA_LEADER; });
-  if (role_ == TSLB_REPLICA_LEADER) return 0;
+  changed_.wait(lock, [this] { return role_ != Role::promoting && (role_ != Role::leading || waiting_.empty()); });
+  if (role_ == Role::leading) return 0;
   tslb_durable::copy_text(text_, why, capacity);
   return -1;
 }
@@ -348,7 +360,7 @@ void tslb_replica_t::run_publishing() noexcept {
     std::unique_lock lock(mutex_);
     for (;;) {
       changed_.wait(lock, [this] { return is_stopping_ || !waiting_.empty(); });
-      if (waiting_.empty() || role_ != TSLB_REPLICA_LEADER) return;
+      if (waiting_.empty() || role_ != Role::leading) return;
       const size_t count = std::min(waiting_.size(), PUBLISHED_AT_ONCE);
       const std::vector<std::string> messages(waiting_.begin(), waiting_.begin() + static_cast<ptrdiff_t>(count));
       const uint64_t last = last_;
@@ -360,7 +372,7 @@ void tslb_replica_t::run_publishing() noexcept {
       changed_.notify_all();
     }
   } catch (const std::exception &failure) {
-    end_role(failure.what());
+    change_role(Role::ended, failure.what());
   }
 }
 
@@ -391,8 +403,9 @@ tslb_replica_t *tslb_replica_open(const char *folder, const tslb_array_decl_t *a
 
 int tslb_replica_close(tslb_replica_t *replica, tslb_error_t *error) {
   if (replica == nullptr) return 0;
-  const std::unique_ptr<tslb_replica_t> released(replica);
   return guarded_replica(error, -1, [&] {
+    replica->store()->expect_no_batch_of_this_thread();
+    const std::unique_ptr<tslb_replica_t> released(replica);
     replica->close();
     return 0;
   });

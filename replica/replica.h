@@ -63,7 +63,8 @@ typedef struct tslb_replica_info_t {
   tslb_log_position_t position; /* of the store */
   uint64_t lag;                 /* follower: messages of the log that are not applied; leader: not confirmed */
   double lag_s;          /* follower: age of the last applied group if messages are missing, by the clocks of both
-                                 * machines, or the time since the servers answered last if that is longer; else 0 */
+                                 * machines and at least 0, or the time since the servers answered last if that is longer;
+                                 * else 0 */
   uint64_t n_bootstraps; /* snapshots that were taken over since the opening */
   uint64_t n_set_aside;  /* groups that were set aside by the opening */
   char set_aside[512];   /* the file with them; empty if there is none */
@@ -76,7 +77,8 @@ tslb_replica_t *tslb_replica_open(const char *folder, const tslb_array_decl_t *a
                                   const tslb_replica_options_t *options, tslb_error_t *error);
 
 /* Ends following or leading, waits for the log with TSLB_REPLICA_ASYNC, and closes the store. Null is ignored. No other
- * thread uses the replica or its store. Result: 0, or -1: it is released all the same. */
+ * thread uses the replica or its store. Result: 0, or -1: it is released all the same, except with TSLB_DURABLE_INVALID: a
+ * batch of this thread is open, and the replica goes on. */
 int tslb_replica_close(tslb_replica_t *replica, tslb_error_t *error);
 
 /* Returns the store, which belongs to the replica. Any thread. */
@@ -87,8 +89,9 @@ void tslb_replica_get_info(tslb_replica_t *replica, tslb_replica_info_t *info);
 
 /* Makes a follower the leader: applies the rest of the log, and begins the next epoch. An empty log is founded: the store
  * becomes its first snapshot. A leader that still leads is deposed by this. If another begins an epoch meanwhile, this
- * fails with TSLB_DURABLE_REFUSED. Result: 0, or -1: the replica still follows; with TSLB_DURABLE_IO the leader before
- * can be deposed all the same. Any thread; one at a time. */
+ * fails with TSLB_DURABLE_REFUSED. Batches can begin when this is done. Result: 0, or -1: the replica still follows; with
+ * TSLB_DURABLE_IO the leader before can be deposed all the same. If an empty log was being founded, the role can have ended
+ * (TSLB_REPLICA_ENDED). Any thread; one at a time. */
 int tslb_replica_promote(tslb_replica_t *replica, tslb_error_t *error);
 
 /* The same, unless another has led since: only if the log is empty, or `epoch` is its last epoch. Otherwise this fails with

@@ -19,6 +19,15 @@ constexpr std::chrono::milliseconds ASK_TIME{200};      // between two questions
 constexpr std::chrono::milliseconds SILENT_TIME{1000};  // then the consumer is made again
 constexpr std::chrono::milliseconds PAUSE{100};
 
+// Throws what the store has reported. A full disk, or memory that was refused, is no reason to end: the group is read again
+// later.
+[[noreturn]] void fail_in_store(const tslb_error_t &error) {
+  const bool is_repeated =
+      error.code == TSLB_DURABLE_REFUSED || error.code == TSLB_DURABLE_NO_MEMORY || error.code == TSLB_DURABLE_IO;
+  if (is_repeated) throw Unreachable(error.text);
+  throw store_error_of(error);
+}
+
 // Removes a folder at the end.
 class ScratchFolder {
  public:
@@ -134,20 +143,20 @@ std::optional<bool> tslb_replica_t::is_surely_in_log(const tslb_log_position_t &
 
 // The groups are whole messages, with the layout 0.
 void tslb_replica_t::set_aside(const tslb_group_t &group) {
-  if (group.position.number <= last_set_aside_) return;  // the store reads its journal again
-  last_set_aside_ = group.position.number;
+  if (set_aside_ && group.position.number <= set_aside_->last) return;  // the store reads its journal again
   const std::string_view body(static_cast<const char *>(group.body), group.bytes);
   if (body == tslb_durable::body_of_position(group.position)) return;
   if (!set_aside_) {
     const std::string path = fmt::format("{}/set_aside.{}.{}", folder_, group.position.epoch, group.position.number);
     tslb_durable::remove_file(path);  // of an opening that did not end
-    set_aside_.emplace(tslb_durable::File::create(path));
+    set_aside_.emplace(SetAside{tslb_durable::File::create(path)});
     tslb_durable::File::folder(folder_).sync();
   }
   const MessageSource source = {tslb_durable::read_state(folder_).identity, 0};
   const MessageHead head = make_message_head(source, MessageKind::group, group.position, group.position.epoch);
-  set_aside_->write(messages_of(head, body, SIZE_MAX / 2).front());
-  ++n_set_aside_;
+  set_aside_->file.write(messages_of(head, body, SIZE_MAX / 2).front());
+  set_aside_->last = group.position.number;
+  ++set_aside_->n_groups;
 }
 
 // Groups that are not in the log are the last ones of a store. So all groups before one that is in the log are in it, too;
@@ -157,14 +166,13 @@ int tslb_replica_t::found(const tslb_group_t &group, char *why, size_t capacity)
   try {
     const std::optional<bool> is_there = is_surely_in_log(group.position);
     if (is_there && *is_there) {
-      if (set_aside_) tslb_durable::remove_file(set_aside_->path());
+      if (set_aside_) tslb_durable::remove_file(set_aside_->file.path());
       set_aside_.reset();
-      n_set_aside_ = 0;
       return 1;
     }
     set_aside(group);
     if (!is_there) return 1;
-    if (set_aside_) set_aside_->sync();
+    if (set_aside_) set_aside_->file.sync();
     return 0;
   } catch (const std::exception &failure) {
     tslb_durable::copy_text(failure.what(), why, capacity);
@@ -207,7 +215,7 @@ void tslb_replica_t::publish_copy(bool with_generation) {
   bool is_leader;
   {
     const std::lock_guard lock(mutex_);
-    is_leader = role_ == TSLB_REPLICA_LEADER;
+    is_leader = role_ == Role::leading;
   }
   char why[256];
   if (is_leader && confirm(why, sizeof why) != 0) throw StoreError(TSLB_DURABLE_REFUSED, why);
@@ -225,6 +233,7 @@ bool tslb_replica_t::is_snapshot_ours() {
 // ---- Following -----------------------------------------------------------------------------------------------------
 
 void tslb_replica_t::begin_following() {
+  restore_store();
   Span span = log_.log().span();
   if (span.is_empty()) throw Unreachable(log_.log().name() + (span.last == 0 ? ": is empty" : ": has no messages"));
   if (position().number == 0) bootstrap();
@@ -242,9 +251,16 @@ void tslb_replica_t::begin_following() {
 void tslb_replica_t::apply(const tslb_group_t &group) {
   tslb_error_t error = {};
   if (tslb_store_apply(store_, &group, &error) == 0) return;
-  // A full disk, for example: the group is read again later.
-  if (error.code == TSLB_DURABLE_REFUSED || error.code == TSLB_DURABLE_NO_MEMORY) throw Unreachable(error.text);
-  throw store_error_of(error);
+  is_restoration_due_ = true;
+  fail_in_store(error);
+}
+
+// Repeats the restoration that the store has tried after a refused group. It accepts no group before one succeeds.
+void tslb_replica_t::restore_store() {
+  if (!is_restoration_due_) return;
+  tslb_error_t error = {};
+  if (tslb_store_restore(store_, &error) != 0) fail_in_store(error);
+  is_restoration_due_ = false;
 }
 
 void tslb_replica_t::follow_until(const std::function<bool()> &is_done) {
@@ -300,7 +316,8 @@ void tslb_replica_t::run_following() noexcept {
       std::unique_lock lock(mutex_);
       changed_.wait_for(lock, PAUSE, [this] { return is_stopping_; });
     } catch (const std::exception &failure) {
-      return end_role(failure.what());
+      change_role(Role::ended, failure.what());
+      return;
     }
   }
 }
@@ -308,19 +325,20 @@ void tslb_replica_t::run_following() noexcept {
 void tslb_replica_t::start_following() {
   {
     const std::lock_guard lock(mutex_);
-    if (role_ != TSLB_REPLICA_FOLLOWER) return;
     is_stopping_ = false;
   }
   follower_ = std::thread([this] { run_following(); });
 }
 
+// Does nothing if the thread does not run: is_stopping_ would end the publisher of a leader.
 void tslb_replica_t::stop_following() {
+  if (!follower_.joinable()) return;
   {
     const std::lock_guard lock(mutex_);
     is_stopping_ = true;
   }
   changed_.notify_all();
-  if (follower_.joinable()) follower_.join();
+  follower_.join();
   const std::lock_guard lock(mutex_);
   is_stopping_ = false;
 }

@@ -1,5 +1,9 @@
 // A replica: a store, its log, and the threads between them.
 //
+// Roles: following, promoting (again following if it fails), leading, ended. Each of them can end, and a replica that has
+// ended stays so. change_role makes all changes. A promotion lets batches in as its last step, when the log is ready for
+// their groups.
+//
 // Locks, in the order in which they are taken: role_mutex_ (one change of the role, or publication of a snapshot, at a
 // time), those of the store, mutex_. The functions that the store calls take mutex_ alone.
 #pragma once
@@ -23,6 +27,8 @@
 #include "store_error.h"
 
 namespace tslb_replica {
+
+enum class Role { following, promoting, leading, ended };
 
 // What a function of the store has reported.
 inline tslb_durable::StoreError store_error_of(const tslb_error_t &error) {
@@ -72,6 +78,7 @@ struct tslb_replica_t {
   void start_following();
   void stop_following();
   void apply(const tslb_group_t &group);
+  void restore_store();
 
   // Leading.
   void found_log();
@@ -82,7 +89,7 @@ struct tslb_replica_t {
   void lead(uint64_t last);
   void stop_leading();
   void run_publishing() noexcept;
-  void end_role(const std::string &why) noexcept;
+  bool change_role(tslb_replica::Role next, std::string text = {}) noexcept;
   void publish_copy(bool with_generation);
   bool is_snapshot_ours();
   tslb_replica::MessageSource source() const;
@@ -100,8 +107,12 @@ struct tslb_replica_t {
   std::optional<tslb_replica::Span> found_span_;
   tslb_replica::MessageHead found_first_ = {};
   std::map<uint64_t, uint64_t> last_numbers_;
-  std::optional<tslb_durable::File> set_aside_;
-  uint64_t last_set_aside_ = 0;
+  struct SetAside {
+    tslb_durable::File file;
+    uint64_t n_groups = 0;
+    uint64_t last = 0;  // number of the last group in the file
+  };
+  std::optional<SetAside> set_aside_;
   tslb_store_t *store_ = nullptr;
 
   std::mutex role_mutex_;
@@ -109,10 +120,11 @@ struct tslb_replica_t {
   std::thread publisher_;
   std::optional<tslb_replica::LogReader> reader_;  // of the thread that follows, with the next member
   uint64_t next_ = 1;                              // sequence of the next message; leader: not used
+  bool is_restoration_due_ = false;                // the store has refused a group, and perhaps not restored its arrays
 
   std::mutex mutex_;  // guards the following members
   std::condition_variable changed_;
-  tslb_replica_role_t role_ = TSLB_REPLICA_FOLLOWER;
+  tslb_replica::Role role_ = tslb_replica::Role::following;
   std::string text_;
   bool is_stopping_ = false;
   tslb_replica::MessageSource source_ = {};  // of a leader's messages
@@ -122,5 +134,4 @@ struct tslb_replica_t {
   uint64_t applied_ns_ = 0;  // when the last group that was applied was made
   std::chrono::steady_clock::time_point answered_ = tslb_replica::Clock::now();
   uint64_t n_bootstraps_ = 0;
-  uint64_t n_set_aside_ = 0;
 };

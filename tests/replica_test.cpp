@@ -1,9 +1,16 @@
 // Replicas with a NATS server: followers equal the leader, one replica leads, and what is not in the log is set aside.
 #include <gmock/gmock.h>
 #include <nats/nats.h>
+#include <sys/resource.h>
 #include <tslb/replica.h>
 
+#include <algorithm>
+#include <csignal>
+
+#include "changes.h"
 #include "durable_support.h"
+#include "log_message.h"
+#include "nats_log.h"
 #include "nats_support.h"
 
 using testing::HasSubstr;
@@ -74,6 +81,23 @@ bool becomes(const std::function<bool()> &condition) {
 bool follows(const TestReplica &follower, const TestReplica &leader) {
   return becomes([&] { return follower.info().position.number == leader.info().position.number; });
 }
+
+// Files of this process cannot become longer, as if the disk were full.
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(uint64_t bytes) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    getrlimit(RLIMIT_FSIZE, &before_);
+    const rlimit limit = {bytes, before_.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &before_); }
+  FileSizeLimit(const FileSizeLimit &) = delete;
+  FileSizeLimit &operator=(const FileSizeLimit &) = delete;
+
+ private:
+  rlimit before_;
+};
 
 class Replica : public DurableTest {
  protected:
@@ -293,4 +317,147 @@ TEST_F(Replica, ForeignContentIsNeitherMixedInNorLost) {
   ASSERT_TRUE(becomes([&] { return foreign->info().role == TSLB_REPLICA_ENDED; }));
   EXPECT_THAT(foreign->info().text, HasSubstr("content that is not from the log"));
   EXPECT_FALSE(foreign->promote());
+}
+
+// A thread tries all the time to begin a batch. The first one that can begin is acknowledged, also while a log is founded.
+TEST_F(Replica, BatchThatBeginsDuringAPromotionIsAcknowledged) {
+  const auto a = make("a"), b = make("b");
+  b->options.mode = TSLB_REPLICA_ASYNC;
+  ASSERT_TRUE(a->open() && b->open());
+  for (TestReplica *const replica : {a.get(), b.get(), a.get(), b.get()}) {
+    std::thread batches([&] {
+      tslb_batch_t *batch = nullptr;
+      tslb_error_t refused = {};
+      while ((batch = tslb_batch_begin(replica->store.get(), &refused)) == nullptr &&
+             refused.code == TSLB_DURABLE_INVALID)
+        std::this_thread::sleep_for(std::chrono::microseconds(50));
+      ASSERT_NE(batch, nullptr) << refused.text;
+      replica->store.add_slot(batch, 1, 8);
+      EXPECT_EQ(tslb_batch_commit(batch, &refused), 0) << refused.text;
+    });
+    EXPECT_TRUE(replica->promote()) << replica->error.text;
+    batches.join();
+    EXPECT_EQ(replica->info().role, TSLB_REPLICA_LEADER) << replica->info().text;
+    ASSERT_EQ(replica->change(random_), 0) << replica->error.text;
+    TestReplica &other = replica == a.get() ? *b : *a;
+    other.close();
+    ASSERT_TRUE(other.open()) << other.error.text;
+  }
+}
+
+// The seal of the journal is damaged when the store reads it first, and right when it reads it again.
+TEST_F(Replica, GroupsAreSetAsideIfTheJournalIsReadTwice) {
+  struct Damage {
+    std::string folder, journal;
+    void flip() const {
+      std::fstream file(journal, std::ios::in | std::ios::out | std::ios::binary);
+      file.seekg(-1, std::ios::end);
+      const char last = static_cast<char>(file.get() ^ 1);
+      file.seekp(-1, std::ios::end);
+      file.put(last);
+    }
+    bool has_set_aside() const {
+      return std::any_of(fs::directory_iterator(folder), {},
+                         [](const auto &entry) { return entry.path().filename().string().starts_with("set_aside"); });
+    }
+    bool is_there = true;
+  } damage = {root_ + "/a", root_ + "/a/journal.1"};
+  const auto former = make("a");
+  former->options.mode = TSLB_REPLICA_ASYNC;
+  former->options.patience_ms = 1000;
+  ASSERT_TRUE(former->open());
+  ASSERT_TRUE(former->promote()) << former->error.text;
+  for (int i = 0; i < 3; ++i) ASSERT_EQ(former->change(random_), 0);
+  ASSERT_TRUE(becomes([&] { return former->info().lag == 0; }));
+  server_->kill_now();
+  for (int i = 0; i < 5; ++i) ASSERT_EQ(former->change(random_), 0);
+  EXPECT_EQ(former->close(), -1) << "the groups are in the log";
+  server_->start();
+  damage.flip();
+  former->options.patience_ms = 20'000;
+  former->options.store.progress = [](void *arg, uint64_t, uint64_t) {
+    Damage &made = *static_cast<Damage *>(arg);
+    if (!made.is_there || !made.has_set_aside()) return;
+    made.flip();
+    made.is_there = false;
+  };
+  former->options.store.progress_arg = &damage;
+  ASSERT_TRUE(former->open()) << former->error.text;
+  EXPECT_FALSE(damage.is_there) << "the journal was read once";
+  EXPECT_EQ(former->info().position.number, 4u);
+  EXPECT_EQ(former->info().n_set_aside, 5u);
+  const std::string groups = bytes_of(former->info().set_aside);
+  size_t n_groups = 0;
+  for (size_t at = 0; (at = groups.find(tslb_replica::MESSAGE_MAGIC, at)) != std::string::npos; ++at) ++n_groups;
+  EXPECT_EQ(n_groups, 5u);
+}
+
+// A group does not fit on the disk, nor does the frame with which the arrays are restored.
+TEST_F(Replica, FollowerGoesOnWhenADiskIsNoLongerFull) {
+  const auto leader = make("a"), follower = make("b");
+  ASSERT_TRUE(leader->open() && follower->open());
+  {
+    const FileSizeLimit limit(leader->store.info().journal_bytes + 10);
+    EXPECT_FALSE(leader->promote());
+    EXPECT_EQ(leader->error.code, TSLB_DURABLE_IO) << leader->error.text;
+    EXPECT_EQ(leader->info().role, TSLB_REPLICA_FOLLOWER) << leader->info().text;
+  }
+  ASSERT_TRUE(leader->promote()) << leader->error.text;
+  for (int i = 0; i < 20; ++i) ASSERT_EQ(leader->change(random_), 0);
+  ASSERT_TRUE(follows(*follower, *leader)) << follower->info().text;
+  tslb_store_begin_reading(follower->store.get());
+  for (int i = 0; i < 3; ++i) ASSERT_EQ(leader->change(random_), 0);
+  {
+    const FileSizeLimit limit(follower->store.info().journal_bytes + 10);
+    tslb_store_end_reading(follower->store.get());
+    EXPECT_TRUE(
+        becomes([&] { return std::string(follower->info().text).find("File too large") != std::string::npos; }));
+    EXPECT_EQ(follower->info().role, TSLB_REPLICA_FOLLOWER) << follower->info().text;
+  }
+  ASSERT_TRUE(follows(*follower, *leader)) << follower->info().text;
+  EXPECT_EQ(follower->content(), leader->content());
+  EXPECT_EQ(follower->info().n_bootstraps, 1u);
+}
+
+TEST_F(Replica, LagIsNotNegativeIfTheClockOfTheLeaderIsFast) {
+  const auto leader = make("a"), follower = make("b");
+  ASSERT_TRUE(leader->open() && follower->open());
+  ASSERT_TRUE(leader->promote()) << leader->error.text;
+  ASSERT_EQ(leader->change(random_), 0);
+  ASSERT_TRUE(follows(*follower, *leader));
+  tslb_replica::NatsLog log({server_->url(), "test"});
+  uint64_t last = log.log().span().last;
+  tslb_replica::MessageHead head = tslb_replica::read_message(log.log().read(last).value(), "").head;
+  head.n_chunks = 1;
+  head.chunk = 0;
+  head.made_ns += 3'600'000'000'000;
+  const auto publish_next = [&] {
+    ++head.number;
+    const std::string body = tslb_durable::body_of_position({head.epoch, head.number});
+    log.log().publish(tslb_replica::messages_of(head, body, body.size()), last++);
+  };
+  publish_next();
+  ASSERT_TRUE(becomes([&] { return follower->info().position.number == head.number && follower->info().lag == 0; }))
+      << follower->info().text;
+  tslb_store_begin_reading(follower->store.get());
+  publish_next();
+  EXPECT_TRUE(becomes([&] { return follower->info().lag == 1; }));
+  const double lag_s = follower->info().lag_s;
+  tslb_store_end_reading(follower->store.get());
+  EXPECT_GE(lag_s, 0);
+  EXPECT_LT(lag_s, 30);
+}
+
+TEST_F(Replica, OpenBatchKeepsAReplicaFromClosing) {
+  const auto replica = make("a");
+  ASSERT_TRUE(replica->open());
+  ASSERT_TRUE(replica->promote()) << replica->error.text;
+  tslb_batch_t *const batch = replica->store.begin();
+  ASSERT_NE(batch, nullptr);
+  tslb_error_t error = {};
+  ASSERT_EQ(tslb_replica_close(replica->get(), &error), -1);
+  EXPECT_EQ(error.code, TSLB_DURABLE_INVALID) << error.text;
+  replica->store.add_slot(batch, 1, 8);
+  EXPECT_EQ(tslb_batch_commit(batch, &error), 0) << error.text;
+  EXPECT_EQ(replica->close(), 0) << replica->error.text;
 }
