@@ -1,8 +1,6 @@
 // Steps of scenarios, and the recovery of a folder.
 #include <algorithm>
 
-#include <fault_alloc.h>
-
 #include "search.h"
 
 namespace powercut {
@@ -93,14 +91,12 @@ void StoreRun::expect_fault(const std::string &what, const tslb_error_t &error) 
   const bool is_explained = code == TSLB_DURABLE_IO || code == TSLB_DURABLE_NO_MEMORY || code == TSLB_DURABLE_REFUSED ||
                             code == TSLB_DURABLE_BROKEN;
   const bool had_fault =
-      fault_struck() == Struck::fault || has_memory_faults || (can_be_broken_ && code == TSLB_DURABLE_BROKEN);
+      fault_struck() == Struck::fault || around_step || (can_be_broken_ && code == TSLB_DURABLE_BROKEN);
   if (!had_fault || !is_explained) fail(what, error);
 }
 
 bool StoreRun::attempt(const std::function<bool()> &step) {
-  if (!has_memory_faults) return step();
-  const counted_t counted;
-  return step();
+  return around_step ? around_step(step) : step();
 }
 
 int StoreRun::begin_batch() {

@@ -59,10 +59,11 @@ class StoreRun {
 
   tslb_store_options_t options = {};
   std::function<void()> before_restoration;  // called once
-  bool has_memory_faults = false;            // steps are counted (fault_alloc.h)
-  size_t padding = 0;                        // bytes that make the groups longer
-  bool has_added_array = false;              // openings from then on declare another array
-  bool marks_backup_only = false;            // the backup is recovered, not the store
+  std::function<bool(const std::function<bool()> &step)>
+      around_step;                 // calls each step of the store; memory may be refused
+  size_t padding = 0;              // bytes that make the groups longer
+  bool has_added_array = false;    // openings from then on declare another array
+  bool marks_backup_only = false;  // the backup is recovered, not the store
 
   // Recovers what a cut left in the folder, twice, and then goes on with it or not. Returns the batch that was found. Throws
   // Failure.

@@ -144,13 +144,16 @@ TEST_F(SyscallFaults, EachRefusedAllocationLosesNothing) {
       bool has_struck = false;
       try {
         run_with_fault(part, n % 4 == 1, [&](StoreRun &run) {
-          run.has_memory_faults = true;
+          run.around_step = [](const std::function<bool()> &step) {
+            const counted_t counted;
+            return step();
+          };
           {
             const fault_everywhere_t fault(n);
             part.run(run);
             has_struck = fault.struck();
           }
-          run.has_memory_faults = false;
+          run.around_step = nullptr;
         });
       } catch (const Failure &failure) {
         FAIL() << failure.what;
