@@ -3,6 +3,7 @@
 import gc
 import os
 import pathlib
+import shutil
 import subprocess
 
 import numpy as np
@@ -204,7 +205,10 @@ def test_sealed_streams_and_layouts(tmp_path):
     changed = bytearray(stream.read_bytes())
     changed[-1] ^= 1
     stream.write_bytes(changed)
-    assert len(tslb.open_stream(stream)) == len(array)
+    opened = tslb.open_stream(stream)
+    os.replace(shutil.copy(STREAM.with_name("plain.stream"), tmp_path / "next"), stream)
+    assert len(opened) == len(opened.records()) == len(array) and bytes(opened.image) == changed
+    stream.write_bytes(changed)
     with pytest.raises(tslb.DamagedError, match="not those that were sealed"):
         tslb.open_stream(stream, verify=True)
     for text, fault in (("field a 0 u32\n", "line 1: expected"),

@@ -91,6 +91,25 @@ def test_views_outlive_the_store(filled):
         readings.records()
 
 
+def test_images_while_another_thread_adds_records(folder):
+    """An image has the slots that the array had when the image was begun, and its header says so."""
+    with tslb.open_store(folder, create=ARRAYS) as store:
+        def add():
+            for _ in range(40):
+                with store.batch() as batch:
+                    batch.add_many("pairs", np.ones(5000, PAIR))
+        thread = threading.Thread(target=add)
+        thread.start()
+        while thread.is_alive():
+            image = store["pairs"].image
+            n_used = int.from_bytes(image[12:16], "little")
+            assert len(image) == 24 + n_used * PAIR.itemsize
+            n_written = (np.frombuffer(image, PAIR, offset=24)["a"] == 1).sum()
+            assert n_written >= n_used - 5000  # of one batch the other thread may be writing the records
+        thread.join()
+        assert (store["pairs"].records()["a"] == 1).sum() == 200_000
+
+
 def test_exception_in_a_batch_changes_nothing(filled):
     with tslb.open_store(filled, write=True, dtypes={"readings": READING}) as store:
         with pytest.raises(KeyError, match="halfway"):
