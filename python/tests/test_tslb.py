@@ -1,5 +1,6 @@
 """What Python reads is what the library stored, what it writes is durable or raises, and views outlive their owners."""
 
+import dataclasses
 import gc
 import os
 import pathlib
@@ -108,6 +109,20 @@ def test_images_while_another_thread_adds_records(folder):
             assert n_written >= n_used - 5000  # of one batch the other thread may be writing the records
         thread.join()
         assert (store["pairs"].records()["a"] == 1).sum() == 200_000
+
+
+@pytest.mark.parametrize("name, daflag", [("names", 2), ("names", 3), ("readings", 3)])
+def test_flags_that_a_declaration_has_no_field_for(folder, name, daflag):
+    declared = next(array for array in ARRAYS if array.name == name)
+    other = dataclasses.replace(declared, _described=(declared.has_inactive, declared.frees_slots, daflag))
+    tslb.open_store(folder, create=[other]).close()
+    assert len(tslb.open_store(folder)[name]) == 0
+    described = tslb.describe(folder)
+    tslb.open_store(folder, create=[dataclasses.replace(described[0], description="as it was")]).close()
+    described[0].has_inactive = not described[0].has_inactive
+    described[0].frees_slots = not described[0].frees_slots
+    with pytest.raises(tslb.MismatchError, match="daflag"):
+        tslb.open_store(folder, create=described)
 
 
 def test_exception_in_a_batch_changes_nothing(filled):
