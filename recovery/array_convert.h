@@ -31,7 +31,8 @@ typedef struct array_conversion_t {
  * from      not changed. Its record size and rec_version are compared with the conversion.
  * mem_type, ctx_name, tbl_id
  *           of the new array, as at creation. An MPOOL_TYPE_SHM array is refused if block files with its name exist in
- *           g_base_path. With a name, the new array writes redo records as every array does.
+ *           g_base_path; on failure the files that were created are removed. With a name, the new array writes redo
+ *           records as every array does.
  * to        receives the new array, which the caller owns; null on failure. n_direct is that of `from`.
  * error     error_size bytes; receives one line without a line end, cut to fit. Empty with RECOVERY_DONE. May be null
  *           with size 0.
