@@ -2,7 +2,10 @@
 #include <tslb/array_convert.h>
 
 #include <errno.h>
+#include <limits.h>
 #include <string.h>
+
+#include <algorithm>
 
 #include <tslb/array_loader.h>
 #include <tslb/block_files.h>
@@ -51,6 +54,13 @@ bool is_new(char mem_type, const char *ctx_name, int32_t tbl_id, refusal_t *refu
   else
     refusal->add("block files of table %d: %s", tbl_id, strerror(errno));
   return false;
+}
+
+// Returns how many converted slots fit block 0, which has at most INT_MAX bytes.
+uint32_t direct_room(dynarr_t *from, uint32_t to_bytes) {
+  const uint64_t node_bytes = tslb_da_get_slotsz(from, nullptr) - tslb_da_get_record_size(from);
+  const uint64_t room = static_cast<uint64_t>(INT_MAX - tslb_dynmem_get_hdrsz(from));
+  return static_cast<uint32_t>(room / std::max<uint64_t>(node_bytes + to_bytes, 1));
 }
 
 // Issues ids until `array` has as many as requested, with their memory.
@@ -172,8 +182,10 @@ recovery_result_t array_convert_stream(int fd_in, int fd_out, const array_conver
   const array_t from(load_stream_for_conversion(fd_in, &options, &refusal, &n_direct));
   if (from == nullptr) return RECOVERY_BAD_STREAM;
   array_t to;
-  const destination_t destination = {get_dyn_hdr(from.get())->n_direct, MPOOL_TYPE_DRAM, nullptr, 0};
+  // The ids of slots do not depend on n_direct, so records that became longer can be in data blocks.
+  const uint32_t room = direct_room(from.get(), conversion->to_bytes);
+  const destination_t destination = {std::min(get_dyn_hdr(from.get())->n_direct, room), MPOOL_TYPE_DRAM, nullptr, 0};
   const recovery_result_t result = convert(from.get(), *conversion, destination, &to, &refusal);
   if (result != RECOVERY_DONE) return result;
-  return finish_conversion(from.get(), to.get(), n_direct, dry_run != 0, fd_out, counts, &refusal);
+  return finish_conversion(from.get(), to.get(), std::min(n_direct, room), dry_run != 0, fd_out, counts, &refusal);
 }

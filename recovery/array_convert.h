@@ -44,7 +44,8 @@ recovery_result_t array_convert(DynamicArray_t from, const array_conversion_t *c
                                 size_t error_size);
 
 /* Converts a snapshot stream to a snapshot stream. Descriptors, counts, error and result are those of
- * recovery_convert_stream. Both arrays are in memory, with the slots that were read.
+ * recovery_convert_stream. Both arrays are in memory, with the slots that were read. n_direct of the new stream is less
+ * if block 0 would have more than INT_MAX bytes with the new records.
  *
  * dry_run   not 0: converts in memory and writes nothing. */
 recovery_result_t array_convert_stream(int fd_in, int fd_out, const array_conversion_t *conversion, int dry_run,

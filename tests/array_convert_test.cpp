@@ -193,6 +193,28 @@ TEST(ArrayConvert, FailureLeavesNoBlockFiles) {
   }
 }
 
+// Block 0 has at most INT_MAX bytes, in memory and in what is written. The records stay zero, which takes no memory.
+TEST(ArrayConvert, RecordsThatDoNotFitBlock0AnyMore) {
+#ifndef TSLB_SANITIZES_ADDRESS
+  converter_t unused;
+  array_conversion_t conversion = conversion_to(4 << 20, &unused);
+  conversion.convert = [](void *, uint8_t, const void *, uint32_t, void *, uint32_t) { return 0; };
+  const converted_t many = convert_stream(store(OLD_BYTES, 0, 7, 600).stream, conversion, 1);
+  EXPECT_EQ(many.result, RECOVERY_DONE) << many.error;
+  EXPECT_EQ(many.counts.stream_bytes_after, 24 + (uint64_t{600 * 4} << 20));
+
+  std::string wide = store(OLD_BYTES, 0, 7, 3).stream;
+  write_at(wide.data(), 8 + 0, uint32_t{12'000'000});  // n_alloc
+  write_at(wide.data(), 8 + 8, uint32_t{12'000'000});  // n_direct
+  conversion.to_bytes = 200;
+  const converted_t few = convert_stream(wide, conversion);
+  ASSERT_EQ(few.result, RECOVERY_DONE) << few.error;
+  const load_result_t loaded = load(few.output);
+  ASSERT_NE(loaded.array, nullptr) << loaded.error;
+  EXPECT_EQ(tslb_da_get_size(loaded.array.get()), 3u);
+#endif
+}
+
 TEST(ArrayConvert, RefusedMemoryLeavesNothing) {
   const load_result_t from = load(store(OLD_BYTES, TSLB_DA_DAFLAG_INLL, 7, 60).stream);
   converter_t converter;
