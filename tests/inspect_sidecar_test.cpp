@@ -95,6 +95,7 @@ TEST_F(Sidecar, AddressesAndFormsOfPools) {
     EXPECT_THAT(read("pool.tslb"), HasSubstr("\nform " + row.form + "\n"));
     EXPECT_THAT(read("pool.tslb"), HasSubstr("\naddress " + row.address + "\n"));
     EXPECT_EQ(run("pool").exit_code, 0);
+    EXPECT_THAT(run("--kind array pool").out, HasSubstr("contents verified")) << "addresses and cursor are not known";
   }
 }
 

@@ -63,6 +63,7 @@ report_t analysis_t::run() {
   report_.name = store_->name();
   report_.is_stream = store_->is_stream();
   report_.files = store_->files();
+  report_.kind = options_.kind;
   if (!read_headers()) return report_;
   measure();
   // Before check_stream_end, which needs the cursor: a stream may end there.

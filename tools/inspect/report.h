@@ -179,6 +179,7 @@ struct report_t {
   bool is_stream = true;
   bool is_cut = false;  // a stream whose last slot is cut at the pool's cursor
   std::vector<stored_file_t> files;
+  uint8_t kind = 0;                // ARRAY_LOAD_* by which the user header was read
   std::optional<seal_t> seal;      // not set if sidecars are not examined
   std::optional<layout_t> layout;  // of the records
   std::vector<header_t> headers;
