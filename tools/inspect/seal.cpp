@@ -241,6 +241,10 @@ void verify_seal(store_t *store, report_t *report) {
       if (!report->layout && fits) report->layout = sidecar->layout;
     }
   } catch (const tslb_durable::StoreError &error) {
+    if (error.code() != TSLB_DURABLE_DAMAGED) {
+      report->unread_sidecar = error.what();
+      return;
+    }
     seal.state = seal_state_t::CONTRADICTED;
     seal.faults.push_back(error.what());
   }
