@@ -19,6 +19,7 @@ from ._sidecar import described_dtype, verify_files
 #: End of a list, no slot.
 NIL = 0xFFFFFFFF
 
+_FOLDER_BYTES = 32  # of the name of a context, in the folder of data blocks
 _MEM_SLOT_HEADER = np.dtype([("bytes_used", "<u4"), ("bytes_deleted", "<u4")])
 _COMPAT = np.dtype([("tbl_id", "<u4"), ("idx", "<u4"), ("offset", "<i2"), ("", "V2"), ("flag", "u1"), ("", "V1"),
                     ("length", "<u2")])
@@ -382,10 +383,12 @@ def open_block_files(base_path: str | os.PathLike[str], name: str, tbl_id: int, 
     With `verify` the files are compared with the checksums in the sidecar before: DamagedError."""
     if not -1 << 31 <= checked_index(tbl_id, "tbl_id") < 1 << 31:
         raise ValueError(f"tbl_id: {tbl_id} does not fit 32 bits")
-    files = os.path.join(os.fsdecode(base_path), os.fsdecode(name), str(tbl_id))
-    sidecar = files + ".darr.tslb"
+    base, whole_name = os.fsdecode(base_path), os.fsdecode(name)
+    # Block 0 is in the folder with the whole name, the data blocks are in that with its beginning.
+    folders = [os.path.join(base, part) for part in (whole_name, os.fsdecode(os.fsencode(name)[:_FOLDER_BYTES]))]
+    sidecar = os.path.join(folders[0], f"{tbl_id}.darr.tslb")
     if verify:
-        verify_files(sidecar, lambda number: f"{files}.{number}.darr")
+        verify_files(sidecar, lambda number: os.path.join(folders[number != "0"], f"{tbl_id}.{number}.darr"))
     error = new_error()
     pointer = lib.tslb_py_load_block_files(os.fsencode(base_path), os.fsencode(name), tbl_id, rebuild_lists, error)
     if pointer == ffi.NULL:
