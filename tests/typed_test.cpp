@@ -485,6 +485,15 @@ TEST_F(TypedStore, WriterRestoresAfterExceptionsAndRefusals) {
   EXPECT_EQ(refused.error().what, code::refused);
   EXPECT_EQ(n_calls, 3);
   EXPECT_TRUE(impatient.commit([&](tslb::batch &batch) { add(store, batch, readings_, 1); }));
+
+  int n_renewed = 0;
+  tslb::writer forgetful(store, [&] {
+    if (++n_renewed == 1) throw std::runtime_error("not yet");
+  });
+  const auto fail = [](tslb::batch &) { throw std::logic_error("fill"); };
+  EXPECT_THROW(static_cast<void>(forgetful.commit(fail)), std::runtime_error);
+  forgetful.read([&] { EXPECT_EQ(n_renewed, 2) << "reads what is derived from the arrays before the restoration"; });
+  forgetful.read([&] { EXPECT_EQ(n_renewed, 2); });
   ASSERT_TRUE(store.close());
 
   store = tslb::store::open(folder, schema_, {.reads_only = true}).value();
