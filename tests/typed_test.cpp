@@ -292,6 +292,7 @@ TEST_F(TypedFiles, LoadedArrayIsTheSavedOneOrAFailureSaysWhere) {
   const tslb::failure missing = slots_t::load_files(root_.c_str(), {.name = "none", .tbl_id = 3}).error();
   EXPECT_EQ(missing.what, code::io);
   EXPECT_EQ(missing.errnum, ENOENT);
+  EXPECT_EQ(slots_t::load_files(nullptr, {.name = "no_such_context", .tbl_id = 3}).error().errnum, ENOENT);
   fs::create_directory(root_ / "none");
   std::ofstream(root_ / "none" / "3.0.darr") << "short";
   const tslb::failure cut = slots_t::load_files(root_.c_str(), {.name = "none", .tbl_id = 3}).error();
