@@ -276,7 +276,8 @@ class store {
  * or read uses is guarded by locks of the host that are taken and released within them. */
 class writer {
  public:
-  /* The store outlives the writer. after_restore makes anew what the host derives from the arrays; it runs alone. */
+  /* The store outlives the writer. after_restore makes anew what the host derives from the arrays; it runs alone. An
+   * exception of it is thrown on, and the next call of commit or read calls it again first. */
   explicit writer(store &of, std::function<void()> after_restore = {}, int max_attempts = 5)
       : store_(of), after_restore_(std::move(after_restore)), max_attempts_(max_attempts) {}
 
@@ -292,7 +293,7 @@ class writer {
       std::exception_ptr thrown;
       uint64_t n_restored;
       {
-        const std::shared_lock lock(mutex_);
+        const auto lock = enter();
         n_restored = n_restored_;
         try {
           done = make(fill);
@@ -310,7 +311,7 @@ class writer {
   /* Calls a function that reads the arrays: no restoration changes them meanwhile. Not within fill or read. */
   template <class Function>
   decltype(auto) read(Function &&function) {
-    const std::shared_lock lock(mutex_);
+    const auto lock = enter();
     return std::forward<Function>(function)();
   }
 
@@ -327,14 +328,34 @@ class writer {
       return made.commit();
     }
   }
+  /* Returns a shared lock under which what is derived from the arrays is theirs. */
+  std::shared_lock<std::shared_mutex> enter() {
+    std::shared_lock lock(mutex_);
+    while (is_stale_) {
+      lock.unlock();
+      {
+        const std::unique_lock alone(mutex_);
+        renew();
+      }
+      lock.lock();
+    }
+    return lock;
+  }
   /* Unless another thread has restored the store since n_restored was read. */
   result<void> restore(uint64_t n_restored) {
-    const std::unique_lock lock(mutex_);
-    if (n_restored_ != n_restored) return {};
-    if (result<void> done = store_.restore(); !done) return done;
-    ++n_restored_;
-    if (after_restore_) after_restore_();
+    const std::unique_lock alone(mutex_);
+    if (n_restored_ == n_restored) {
+      if (result<void> done = store_.restore(); !done) return done;
+      ++n_restored_;
+      is_stale_ = true;
+    }
+    renew();
     return {};
+  }
+  /* Called with the unique lock. */
+  void renew() {
+    if (is_stale_ && after_restore_) after_restore_();
+    is_stale_ = false;
   }
 
   store &store_;
@@ -342,6 +363,7 @@ class writer {
   int max_attempts_;
   std::shared_mutex mutex_;  // shared from begin to the settled ticket, so a restoration finds no open batch
   uint64_t n_restored_ = 0;
+  bool is_stale_ = false;  // the store was restored, and after_restore has not returned since
 };
 
 }  // namespace tslb

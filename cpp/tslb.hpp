@@ -348,11 +348,14 @@ class owned : public View {
     const array_load_options_t options = c_options(wanted);
     return loaded(array_load_stream(fd, &options, error, sizeof(error)), error);
   }
-  /* Loads the block files below a folder (block_files.h). Name and table id of the options name them. */
+  /* Loads the block files below a folder (block_files.h). Name and table id of the options name them. Without a folder,
+   * paths begin with the name. */
   static result<owned> load_files(const char *base_path, const load_options &wanted) {
     if (const int found = block_files_exist(base_path, wanted.name, wanted.tbl_id); found <= 0) {
       const int errnum = found == 0 ? ENOENT : errno;
-      return failure{code::io, errnum, 0, base_path, std::string(base_path) + ": no block files: " + strerror(errnum)};
+      const char *const name = wanted.name != nullptr ? wanted.name : "";
+      const std::string folder = base_path != nullptr && *base_path != '\0' ? base_path : name;
+      return failure{code::io, errnum, 0, folder, folder + ": no block files: " + strerror(errnum)};
     }
     char error[512];
     const array_load_options_t options = c_options(wanted);

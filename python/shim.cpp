@@ -1,6 +1,6 @@
 // The shared object of the Python package. Its functions have parameters of simple types, so that cffi can call them;
 // what they do is done by the loaders and the durable store, which it contains.
-#include <fcntl.h>
+#include <malloc.h>
 #include <sys/stat.h>
 #include <tslb/array_loader.h>
 #include <tslb/block_files.h>
@@ -103,23 +103,15 @@ const char *fault_of_stream(int fd, int *errnum) {
 
 }  // namespace
 
-void *tslb_py_load_stream(const char *path, int rebuilds_lists, tslb_py_error *error) {
-  const int fd = open(path, O_RDONLY | O_CLOEXEC);
-  if (fd == -1) {
-    const int errnum = errno;
-    set_error(error, TSLB_DURABLE_IO, errnum, path, strerror(errnum));
-    return nullptr;
-  }
+void *tslb_py_load_stream(int fd, const char *path, int rebuilds_lists, tslb_py_error *error) {
   int errnum = 0;
   if (const char *const fault = fault_of_stream(fd, &errnum); fault != nullptr) {
-    close(fd);
     set_error(error, TSLB_DURABLE_IO, errnum, path, fault);
     return nullptr;
   }
   char why[512];
   const array_load_options_t options = load_options(nullptr, 0, rebuilds_lists);
   const DynamicArray_t array = array_load_stream(fd, &options, why, sizeof(why));
-  close(fd);
   if (array == nullptr) set_error(error, TSLB_DURABLE_DAMAGED, 0, path, why);
   return array;
 }
@@ -149,6 +141,10 @@ uint32_t tslb_py_crc32c(const void *bytes, size_t n_bytes, uint32_t previous) {
 
 void tslb_py_release(void *array) {
   destroy_dyn_arr(array_of(array));
+#ifdef __GLIBC__
+  // Blocks of 16 slots are small, and the allocator keeps their pages.
+  malloc_trim(0);
+#endif
 }
 
 void tslb_py_describe(void *handle, tslb_py_array *described) {
@@ -198,33 +194,32 @@ char *tslb_py_record(void *array, uint32_t idx) {
   return static_cast<char *>(tslb_da_get_ptr(array_of(array), idx));
 }
 
-void tslb_py_flatten(void *handle, void *image) {
+void tslb_py_flatten(void *handle, uint32_t n_slots, void *image) {
   tslb_py_array array;
   tslb_py_describe(handle, &array);
   auto *to = static_cast<char *>(image);
-  const uint32_t n_direct = std::min(array.n_used, array.n_direct);
+  const uint32_t n_direct = std::min(n_slots, array.n_direct);
   memcpy(to, array_of(handle)->arr_base, array.header_bytes + array.slot_bytes * n_direct);
-  for (uint32_t idx = n_direct; idx < array.n_used; idx += TSLB_SLOTS_PER_BLOCK) {
-    const uint32_t n_slots = std::min(TSLB_SLOTS_PER_BLOCK, array.n_used - idx);
+  memcpy(to + array.header_bytes - sizeof(DynArrHdr_t) + offsetof(DynArrHdr_t, n_used), &n_slots, sizeof(n_slots));
+  for (uint32_t idx = n_direct; idx < n_slots; idx += TSLB_SLOTS_PER_BLOCK) {
+    const uint64_t bytes = array.slot_bytes * std::min(TSLB_SLOTS_PER_BLOCK, n_slots - idx);
     const void *const record = tslb_da_get_ptr(array_of(handle), idx);
-    if (record == nullptr) {
-      memset(to + tslb_stored_slot_at(array.header_bytes, array.slot_bytes, idx), 0, array.slot_bytes * n_slots);
-      continue;
-    }
-    memcpy(to + tslb_stored_slot_at(array.header_bytes, array.slot_bytes, idx),
-           static_cast<const char *>(record) - array.record_at, array.slot_bytes * n_slots);
+    char *const slot = to + tslb_stored_slot_at(array.header_bytes, array.slot_bytes, idx);
+    if (record == nullptr)
+      memset(slot, 0, bytes);
+    else
+      memcpy(slot, static_cast<const char *>(record) - array.record_at, bytes);
   }
 }
 
-void tslb_py_place(void *handle, uint64_t address, int wide, uint32_t *slot, uint32_t *byte) {
-  const DynMemHdr_t &hdr = pool_header(array_of(handle));
+void tslb_py_place(const tslb_py_array *pool, uint64_t address, int wide, uint32_t *slot, uint32_t *byte) {
   const auto word = static_cast<uint32_t>(address);
   tslb_chunk_place_t place = {word, static_cast<uint32_t>(address >> 32)};
   if (wide == 0)
-    place = (hdr.flag & MPOOL_FLAG_BV) != 0 ? tslb_stored_decode_bitvector(word) : tslb_stored_decode_bigbuffer(word);
+    place = pool->is_bit_vector != 0 ? tslb_stored_decode_bitvector(word) : tslb_stored_decode_bigbuffer(word);
   *slot = place.slot_idx;
   *byte = place.byte_off + TSLB_MEM_SLOT_HDR_BYTES;
-  if ((hdr.flag & MPOOL_FLAG_COMPAT) != 0) *byte += TSLB_COMPAT_BYTES;
+  if (pool->has_compat != 0) *byte += TSLB_COMPAT_BYTES;
 }
 
 int32_t tslb_py_store_describe(const char *folder, tslb_py_decl *arrays, uint32_t capacity, tslb_py_error *error) {

@@ -2,11 +2,15 @@
 #include <tslb/array_convert.h>
 
 #include <errno.h>
+#include <limits.h>
 #include <string.h>
+
+#include <algorithm>
 
 #include <tslb/array_loader.h>
 #include <tslb/block_files.h>
 #include "array_reader.h"
+#include "block_files_internal.h"
 #include "converted_stream.h"
 
 namespace {
@@ -52,6 +56,13 @@ bool is_new(char mem_type, const char *ctx_name, int32_t tbl_id, refusal_t *refu
   return false;
 }
 
+// Returns how many converted slots fit block 0, which has at most INT_MAX bytes.
+uint32_t direct_room(dynarr_t *from, uint32_t to_bytes) {
+  const uint64_t node_bytes = tslb_da_get_slotsz(from, nullptr) - tslb_da_get_record_size(from);
+  const uint64_t room = static_cast<uint64_t>(INT_MAX - tslb_dynmem_get_hdrsz(from));
+  return static_cast<uint32_t>(room / std::max<uint64_t>(node_bytes + to_bytes, 1));
+}
+
 // Issues ids until `array` has as many as requested, with their memory.
 bool issue_ids(dynarr_t *array, uint32_t n_used) {
   while (tslb_da_get_size(array) < n_used) {
@@ -62,12 +73,20 @@ bool issue_ids(dynarr_t *array, uint32_t n_used) {
   return true;
 }
 
-array_t make_destination(dynarr_t *from, const array_conversion_t &conversion, char mem_type, const char *ctx_name,
-                         int32_t tbl_id, refusal_t *refusal) {
+// The array that a conversion makes.
+struct destination_t {
+  uint32_t n_direct;
+  char mem_type;
+  const char *ctx_name;
+  int32_t tbl_id;
+};
+
+array_t make_array(dynarr_t *from, const array_conversion_t &conversion, const destination_t &destination,
+                   refusal_t *refusal) {
   const uint32_t n_used = tslb_da_get_size(from);
-  array_t to(get_default_dyn_array_ex_ex(dyn_hdr_of(from)->hdr_size, static_cast<int32_t>(conversion.to_bytes),
-                                         static_cast<int32_t>(get_dyn_hdr(from)->n_direct), mem_type, tbl_id, ctx_name,
-                                         from->daflag, conversion.to_version));
+  array_t to(get_default_dyn_array_ex_ex(
+      dyn_hdr_of(from)->hdr_size, static_cast<int32_t>(conversion.to_bytes), static_cast<int32_t>(destination.n_direct),
+      destination.mem_type, destination.tbl_id, destination.ctx_name, from->daflag, conversion.to_version));
   if (to != nullptr && issue_ids(to.get(), n_used)) return to;
   refusal->add("cannot create an array of version %u for %u records: %s", conversion.to_version, n_used,
                strerror(errno));
@@ -113,16 +132,26 @@ void copy_roots(dynarr_t *from, dynarr_t *to) {
   memcpy(tslb_da_get_usrhdr(to), tslb_da_get_usrhdr(from), size_t{hdr->hdr_size} + hdr->lli_sz);
 }
 
-recovery_result_t convert(dynarr_t *from, const array_conversion_t &conversion, char mem_type, const char *ctx_name,
-                          int32_t tbl_id, array_t *to, refusal_t *refusal) {
-  if (!fits(from, conversion, refusal)) return RECOVERY_DOES_NOT_FIT;
-  if (!is_new(mem_type, ctx_name, tbl_id, refusal)) return RECOVERY_FAILED;
-  *to = make_destination(from, conversion, mem_type, ctx_name, tbl_id, refusal);
+recovery_result_t make_converted(dynarr_t *from, const array_conversion_t &conversion, const destination_t &destination,
+                                 array_t *to, refusal_t *refusal) {
+  *to = make_array(from, conversion, destination, refusal);
   if (*to == nullptr) return RECOVERY_FAILED;
   copy_roots(from, to->get());
-  if (convert_slots(from, to->get(), conversion, refusal)) return RECOVERY_DONE;
+  return convert_slots(from, to->get(), conversion, refusal) ? RECOVERY_DONE : RECOVERY_DOES_NOT_FIT;
+}
+
+recovery_result_t convert(dynarr_t *from, const array_conversion_t &conversion, const destination_t &destination,
+                          array_t *to, refusal_t *refusal) {
+  const auto &[n_direct, mem_type, ctx_name, tbl_id] = destination;
+  if (!fits(from, conversion, refusal)) return RECOVERY_DOES_NOT_FIT;
+  if (!is_new(mem_type, ctx_name, tbl_id, refusal)) return RECOVERY_FAILED;
+  const recovery_result_t result = make_converted(from, conversion, destination, to, refusal);
+  if (result == RECOVERY_DONE) return result;
   to->reset();
-  return RECOVERY_DOES_NOT_FIT;
+  // A part of the records would load as a sound array.
+  if (mem_type == MPOOL_TYPE_SHM && remove_block_files(g_base_path, ctx_name, tbl_id) != 0)
+    refusal->add("; block files of table %d were not removed: %s", tbl_id, strerror(errno));
+  return result;
 }
 
 }  // namespace
@@ -132,7 +161,8 @@ recovery_result_t array_convert(DynamicArray_t from, const array_conversion_t *c
                                 size_t error_size) {
   refusal_t refusal(error, error_size);
   array_t converted;
-  const recovery_result_t result = convert(from, *conversion, mem_type, ctx_name, tbl_id, &converted, &refusal);
+  const destination_t destination = {get_dyn_hdr(from)->n_direct, mem_type, ctx_name, tbl_id};
+  const recovery_result_t result = convert(from, *conversion, destination, &converted, &refusal);
   *to = converted.release();
   return result;
 }
@@ -152,7 +182,10 @@ recovery_result_t array_convert_stream(int fd_in, int fd_out, const array_conver
   const array_t from(load_stream_for_conversion(fd_in, &options, &refusal, &n_direct));
   if (from == nullptr) return RECOVERY_BAD_STREAM;
   array_t to;
-  const recovery_result_t result = convert(from.get(), *conversion, MPOOL_TYPE_DRAM, nullptr, 0, &to, &refusal);
+  // The ids of slots do not depend on n_direct, so records that became longer can be in data blocks.
+  const uint32_t room = direct_room(from.get(), conversion->to_bytes);
+  const destination_t destination = {std::min(get_dyn_hdr(from.get())->n_direct, room), MPOOL_TYPE_DRAM, nullptr, 0};
+  const recovery_result_t result = convert(from.get(), *conversion, destination, &to, &refusal);
   if (result != RECOVERY_DONE) return result;
-  return finish_conversion(from.get(), to.get(), n_direct, dry_run != 0, fd_out, counts, &refusal);
+  return finish_conversion(from.get(), to.get(), std::min(n_direct, room), dry_run != 0, fd_out, counts, &refusal);
 }

@@ -31,7 +31,8 @@ typedef struct array_conversion_t {
  * from      not changed. Its record size and rec_version are compared with the conversion.
  * mem_type, ctx_name, tbl_id
  *           of the new array, as at creation. An MPOOL_TYPE_SHM array is refused if block files with its name exist in
- *           g_base_path. With a name, the new array writes redo records as every array does.
+ *           g_base_path; on failure the files that were created are removed. With a name, the new array writes redo
+ *           records as every array does.
  * to        receives the new array, which the caller owns; null on failure. n_direct is that of `from`.
  * error     error_size bytes; receives one line without a line end, cut to fit. Empty with RECOVERY_DONE. May be null
  *           with size 0.
@@ -43,7 +44,8 @@ recovery_result_t array_convert(DynamicArray_t from, const array_conversion_t *c
                                 size_t error_size);
 
 /* Converts a snapshot stream to a snapshot stream. Descriptors, counts, error and result are those of
- * recovery_convert_stream. Both arrays are in memory, with the slots that were read.
+ * recovery_convert_stream. Both arrays are in memory, with the slots that were read. n_direct of the new stream is less
+ * if block 0 would have more than INT_MAX bytes with the new records.
  *
  * dry_run   not 0: converts in memory and writes nothing. */
 recovery_result_t array_convert_stream(int fd_in, int fd_out, const array_conversion_t *conversion, int dry_run,

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "array_reader.h"
+#include "block_files_internal.h"
 
 namespace {
 
@@ -136,7 +137,7 @@ DynamicArray_t array_load_block_files(const char *base_path, const array_load_op
   return files.open_block0(&refusal) ? load_image(&files, options, &refusal) : nullptr;
 }
 
-// ---- Presence ------------------------------------------------------------------------------------------------------
+// ---- Folders -------------------------------------------------------------------------------------------------------
 
 static bool is_block_file_of(const char *name, int32_t tbl_id) {
   int found_id, block_num, length = 0;
@@ -144,8 +145,10 @@ static bool is_block_file_of(const char *name, int32_t tbl_id) {
          name[length] == '\0' && found_id == tbl_id;
 }
 
-// Returns 1, 0 or -1 as block_files_exist. A folder that does not exist has no file.
-static int folder_has_file(const char *path, int32_t tbl_id) {
+// Calls use(descriptor of the folder, name of the file) for each file of the array until a result is not 0. Returns the
+// last result, or -1 with errno. A folder that does not exist has no file.
+template <class Use>
+static int use_files_in(const char *path, int32_t tbl_id, Use use) {
   DIR *const folder = opendir(path);
   if (folder == nullptr) return errno == ENOENT ? 0 : -1;
   int result = 0;
@@ -153,7 +156,7 @@ static int folder_has_file(const char *path, int32_t tbl_id) {
   while (result == 0) {
     const dirent *const entry = readdir(folder);
     if (entry == nullptr) break;
-    result = is_block_file_of(entry->d_name, tbl_id) ? 1 : 0;
+    if (is_block_file_of(entry->d_name, tbl_id)) result = use(dirfd(folder), entry->d_name);
   }
   const int err = errno;
   closedir(folder);
@@ -161,7 +164,8 @@ static int folder_has_file(const char *path, int32_t tbl_id) {
   return result == 0 && err != 0 ? -1 : result;
 }
 
-int block_files_exist(const char *base_path, const char *ctx_name, int32_t tbl_id) {
+template <class Use>
+static int use_files(const char *base_path, const char *ctx_name, int32_t tbl_id, Use use) {
   const char *const base = base_path != nullptr ? base_path : "";
   const char *const name = ctx_name != nullptr ? ctx_name : "";
   path_t path;
@@ -173,7 +177,15 @@ int block_files_exist(const char *base_path, const char *ctx_name, int32_t tbl_i
       errno = ENAMETOOLONG;
       return -1;
     }
-    if (const int found = folder_has_file(path.text, tbl_id); found != 0) return found;
+    if (const int result = use_files_in(path.text, tbl_id, use); result != 0) return result;
   }
   return 0;
+}
+
+int block_files_exist(const char *base_path, const char *ctx_name, int32_t tbl_id) {
+  return use_files(base_path, ctx_name, tbl_id, [](int, const char *) { return 1; });
+}
+
+int remove_block_files(const char *base_path, const char *ctx_name, int32_t tbl_id) {
+  return use_files(base_path, ctx_name, tbl_id, [](int folder, const char *name) { return unlinkat(folder, name, 0); });
 }

@@ -1,6 +1,8 @@
 // Tests of conversions with a host's converter: results against streams that are assembled byte by byte, and refusals.
 #include <fcntl.h>
 
+#include <climits>
+
 #include <tslb/array_convert.h>
 #include <tslb/block_files.h>
 #include "convert_support.h"
@@ -169,6 +171,48 @@ TEST(ArrayConvert, BlockFilesAreNotOverwritten) {
       [&](char *text, size_t size) { return array_load_block_files(folder.path.c_str(), &options, text, size); });
   ASSERT_NE(stored.array, nullptr) << stored.error;
   EXPECT_TRUE(stream_of(stored.array.get()) == want);
+}
+
+// First the converter fails, then each allocation. Files of a failed call would load as an array with fewer records.
+TEST(ArrayConvert, FailureLeavesNoBlockFiles) {
+  const base_path_t folder;
+  const std::string name(40, 'c');  // data blocks are in another folder than block 0
+  const load_result_t from = load(store(OLD_BYTES, TSLB_DA_DAFLAG_INLL, 7, 60).stream);
+  recovery_result_t result = RECOVERY_FAILED;
+  for (int nth = 0; result != RECOVERY_DONE; ++nth) {
+    converter_t converter = {nth == 0 ? 5u : UINT32_MAX};
+    const array_conversion_t conversion = conversion_to(20, &converter);
+    DynamicArray_t to = nullptr;
+    stderr_of([&] {
+      const fault_t fault(nth == 0 ? INT_MAX : nth);
+      result = array_convert(from.array.get(), &conversion, MPOOL_TYPE_SHM, name.c_str(), 5, &to, nullptr, 0);
+    });
+    const array_t owner(to);
+    ASSERT_EQ(block_files_exist(folder.path.c_str(), name.c_str(), 5), result == RECOVERY_DONE ? 1 : 0) << nth;
+    ASSERT_TRUE(result != RECOVERY_DONE || nth > 3) << "headers, levels and blocks are allocated";
+  }
+}
+
+// Block 0 has at most INT_MAX bytes, in memory and in what is written. The records stay zero, which takes no memory.
+TEST(ArrayConvert, RecordsThatDoNotFitBlock0AnyMore) {
+#ifndef TSLB_SANITIZES_ADDRESS
+  converter_t unused;
+  array_conversion_t conversion = conversion_to(4 << 20, &unused);
+  conversion.convert = [](void *, uint8_t, const void *, uint32_t, void *, uint32_t) { return 0; };
+  const converted_t many = convert_stream(store(OLD_BYTES, 0, 7, 600).stream, conversion, 1);
+  EXPECT_EQ(many.result, RECOVERY_DONE) << many.error;
+  EXPECT_EQ(many.counts.stream_bytes_after, 24 + (uint64_t{600 * 4} << 20));
+
+  std::string wide = store(OLD_BYTES, 0, 7, 3).stream;
+  write_at(wide.data(), 8 + 0, uint32_t{12'000'000});  // n_alloc
+  write_at(wide.data(), 8 + 8, uint32_t{12'000'000});  // n_direct
+  conversion.to_bytes = 200;
+  const converted_t few = convert_stream(wide, conversion);
+  ASSERT_EQ(few.result, RECOVERY_DONE) << few.error;
+  const load_result_t loaded = load(few.output);
+  ASSERT_NE(loaded.array, nullptr) << loaded.error;
+  EXPECT_EQ(tslb_da_get_size(loaded.array.get()), 3u);
+#endif
 }
 
 TEST(ArrayConvert, RefusedMemoryLeavesNothing) {

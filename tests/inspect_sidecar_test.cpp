@@ -95,6 +95,7 @@ TEST_F(Sidecar, AddressesAndFormsOfPools) {
     EXPECT_THAT(read("pool.tslb"), HasSubstr("\nform " + row.form + "\n"));
     EXPECT_THAT(read("pool.tslb"), HasSubstr("\naddress " + row.address + "\n"));
     EXPECT_EQ(run("pool").exit_code, 0);
+    EXPECT_THAT(run("--kind array pool").out, HasSubstr("contents verified")) << "addresses and cursor are not known";
   }
 }
 
@@ -162,6 +163,12 @@ TEST_F(Sidecar, WrongSidecarsAreNamed) {
   seal("--force in", "in.tslb");
   EXPECT_EQ(without_time(read("in.tslb")), without_time(sound));
   EXPECT_EQ(run("in.tslb").err, "tslb-inspect: in.tslb: is a sidecar, which is read with the array beside it\n");
+  fs::remove(path("in.tslb"));
+  fs::create_symlink("nowhere", path("in.tslb"));
+  const run_t unread = run("in");
+  EXPECT_EQ(unread.exit_code, 2) << "is not known to be damaged";
+  EXPECT_THAT(unread.out, testing::StartsWith("in: snapshot stream, slot array: sound\n"));
+  EXPECT_THAT(unread.err, testing::StartsWith("tslb-inspect: in.tslb: cannot be "));
 }
 
 TEST_F(Sidecar, Refusals) {

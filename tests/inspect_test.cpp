@@ -76,6 +76,7 @@ TEST_F(Inspect, SlotArraysOfBothForms) {
     expect_two_lists(blocks);
     EXPECT_EQ(blocks["files"].size(), 3u);
     EXPECT_EQ(blocks["geometry"]["stored_bytes"], slot(3 + 32));
+    expect_two_lists(inspect(ctx_name + "/./12.0.darr", 0));
   }
   EXPECT_EQ(inspect("ctx/12.2.darr ctx/12.1.darr", 0)["name"], "ctx/12.0.darr");
 }

@@ -292,6 +292,7 @@ TEST_F(TypedFiles, LoadedArrayIsTheSavedOneOrAFailureSaysWhere) {
   const tslb::failure missing = slots_t::load_files(root_.c_str(), {.name = "none", .tbl_id = 3}).error();
   EXPECT_EQ(missing.what, code::io);
   EXPECT_EQ(missing.errnum, ENOENT);
+  EXPECT_EQ(slots_t::load_files(nullptr, {.name = "no_such_context", .tbl_id = 3}).error().errnum, ENOENT);
   fs::create_directory(root_ / "none");
   std::ofstream(root_ / "none" / "3.0.darr") << "short";
   const tslb::failure cut = slots_t::load_files(root_.c_str(), {.name = "none", .tbl_id = 3}).error();
@@ -485,6 +486,15 @@ TEST_F(TypedStore, WriterRestoresAfterExceptionsAndRefusals) {
   EXPECT_EQ(refused.error().what, code::refused);
   EXPECT_EQ(n_calls, 3);
   EXPECT_TRUE(impatient.commit([&](tslb::batch &batch) { add(store, batch, readings_, 1); }));
+
+  int n_renewed = 0;
+  tslb::writer forgetful(store, [&] {
+    if (++n_renewed == 1) throw std::runtime_error("not yet");
+  });
+  const auto fail = [](tslb::batch &) { throw std::logic_error("fill"); };
+  EXPECT_THROW(static_cast<void>(forgetful.commit(fail)), std::runtime_error);
+  forgetful.read([&] { EXPECT_EQ(n_renewed, 2) << "reads what is derived from the arrays before the restoration"; });
+  forgetful.read([&] { EXPECT_EQ(n_renewed, 2); });
   ASSERT_TRUE(store.close());
 
   store = tslb::store::open(folder, schema_, {.reads_only = true}).value();

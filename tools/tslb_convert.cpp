@@ -152,6 +152,16 @@ std::string directory_of(const std::string &path) {
   return slash == std::string::npos ? "." : path.substr(0, slash + 1);
 }
 
+// Renames a file, as rename(2). An existing file is replaced only if `replaces`.
+int rename_file(const char *from, const char *to, bool replaces) {
+  if (replaces) return rename(from, to);
+  if (renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE) == 0) return 0;
+  // Some file systems refuse the flag. The new name is complete even if the old one stays.
+  if (errno != EINVAL || link(from, to) != 0) return -1;
+  unlink(from);
+  return 0;
+}
+
 // The output under a temporary name. The destructor removes it unless keep has renamed it.
 class output_t {
  public:
@@ -174,8 +184,7 @@ class output_t {
   // Syncs the bytes before the rename and the folder after it, so that a crash leaves the whole file or none.
   void keep(bool force) {
     if (fsync(file_.get()) != 0) throw_with_errno(path_, "cannot be written");
-    const unsigned flags = force ? 0 : RENAME_NOREPLACE;
-    if (renameat2(AT_FDCWD, temporary_.c_str(), AT_FDCWD, path_.c_str(), flags) != 0)
+    if (rename_file(temporary_.c_str(), path_.c_str(), force) != 0)
       throw_with_errno(path_, "the temporary file cannot be renamed");
     temporary_.clear();
     const std::string directory = directory_of(path_);

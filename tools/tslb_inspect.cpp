@@ -114,6 +114,10 @@ void expect_layout_fits(const inspect::report_t &report) {
                                           report.layout->name));
 }
 
+void expect_sidecar_was_read(const inspect::report_t &report) {
+  if (!report.unread_sidecar.empty()) throw inspect::unreadable_t(report.unread_sidecar);
+}
+
 int status_of(const inspect::report_t &report) {
   const int status = report.is_sound() ? EXIT_SOUND : EXIT_FAULTS;
   return report.is_contradicted() ? EXIT_CONTRADICTED : status;
@@ -146,6 +150,7 @@ int inspect_all(const arguments_t &arguments) {
         print((reports.empty() ? "" : "\n") + inspect::text_of(analysed.report));
       reports.push_back(std::move(analysed.report));
       status = worse_of(status, status_of(reports.back()));
+      expect_sidecar_was_read(reports.back());
       expect_record(reports.back(), arguments);
     } catch (const inspect::unreadable_t &error) {
       status = print_error(inspect::printable(error.what()));

@@ -3,6 +3,7 @@
 import gc
 import os
 import pathlib
+import shutil
 import subprocess
 
 import numpy as np
@@ -184,6 +185,17 @@ def test_openings(store, tmp_path, opens, error, text):
 
 
 @pytest.mark.skipif("TSLB_INSPECT" not in os.environ, reason="tslb-inspect is not built")
+def test_sealed_block_files_of_a_long_name(tmp_path):
+    for file in STREAM.with_name("block_files").glob("metrics/*"):
+        folder = tmp_path / ("c" * (40 if ".0." in file.name else 32))
+        folder.mkdir(exist_ok=True)
+        shutil.copy(file, folder)
+    subprocess.run([os.environ["TSLB_INSPECT"], "--seal", "12.0.darr"], cwd=tmp_path / ("c" * 40), check=True,
+                   capture_output=True)
+    assert len(tslb.open_block_files(tmp_path, "c" * 40, 12, verify=True)) > 16
+
+
+@pytest.mark.skipif("TSLB_INSPECT" not in os.environ, reason="tslb-inspect is not built")
 def test_sealed_streams_and_layouts(tmp_path):
     fields = np.dtype([("gatekeeper", "<u4"), ("flags:0-2", "u1"), ("flags:3-7", "<u2"), ("at", "<M8[ns]"),
                        ("places", [("name", "S3"), ("x", "<f4", (2,))], (2,)), ("rest", "V5")])
@@ -204,7 +216,10 @@ def test_sealed_streams_and_layouts(tmp_path):
     changed = bytearray(stream.read_bytes())
     changed[-1] ^= 1
     stream.write_bytes(changed)
-    assert len(tslb.open_stream(stream)) == len(array)
+    opened = tslb.open_stream(stream)
+    os.replace(shutil.copy(STREAM.with_name("plain.stream"), tmp_path / "next"), stream)
+    assert len(opened) == len(opened.records()) == len(array) and bytes(opened.image) == changed
+    stream.write_bytes(changed)
     with pytest.raises(tslb.DamagedError, match="not those that were sealed"):
         tslb.open_stream(stream, verify=True)
     for text, fault in (("field a 0 u32\n", "line 1: expected"),

@@ -1,5 +1,6 @@
 """What Python reads is what the library stored, what it writes is durable or raises, and views outlive their owners."""
 
+import dataclasses
 import gc
 import os
 import pathlib
@@ -89,6 +90,39 @@ def test_views_outlive_the_store(filled):
         with tslb.open_store(filled, write=True) as closed:
             readings = closed["readings"]
         readings.records()
+
+
+def test_images_while_another_thread_adds_records(folder):
+    """An image has the slots that the array had when the image was begun, and its header says so."""
+    with tslb.open_store(folder, create=ARRAYS) as store:
+        def add():
+            for _ in range(40):
+                with store.batch() as batch:
+                    batch.add_many("pairs", np.ones(5000, PAIR))
+        thread = threading.Thread(target=add)
+        thread.start()
+        while thread.is_alive():
+            image = store["pairs"].image
+            n_used = int.from_bytes(image[12:16], "little")
+            assert len(image) == 24 + n_used * PAIR.itemsize
+            n_written = (np.frombuffer(image, PAIR, offset=24)["a"] == 1).sum()
+            assert n_written >= n_used - 5000  # of one batch the other thread may be writing the records
+        thread.join()
+        assert (store["pairs"].records()["a"] == 1).sum() == 200_000
+
+
+@pytest.mark.parametrize("name, daflag", [("names", 2), ("names", 3), ("readings", 3)])
+def test_flags_that_a_declaration_has_no_field_for(folder, name, daflag):
+    declared = next(array for array in ARRAYS if array.name == name)
+    other = dataclasses.replace(declared, _described=(declared.has_inactive, declared.frees_slots, daflag))
+    tslb.open_store(folder, create=[other]).close()
+    assert len(tslb.open_store(folder)[name]) == 0
+    described = tslb.describe(folder)
+    tslb.open_store(folder, create=[dataclasses.replace(described[0], description="as it was")]).close()
+    described[0].has_inactive = not described[0].has_inactive
+    described[0].frees_slots = not described[0].frees_slots
+    with pytest.raises(tslb.MismatchError, match="daflag"):
+        tslb.open_store(folder, create=described)
 
 
 def test_exception_in_a_batch_changes_nothing(filled):

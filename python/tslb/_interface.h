@@ -53,8 +53,8 @@ typedef struct tslb_py_decl {
   int16_t max_slots;
 } tslb_py_decl;
 
-/* Arrays that are loaded from files. The caller releases them. */
-void *tslb_py_load_stream(const char *path, int rebuilds_lists, tslb_py_error *error);
+/* Arrays that are loaded from files. The caller releases them. `path` of an open stream is for the error. */
+void *tslb_py_load_stream(int fd, const char *path, int rebuilds_lists, tslb_py_error *error);
 void *tslb_py_load_block_files(const char *base_path, const char *name, int32_t tbl_id, int rebuilds_lists,
                                tslb_py_error *error);
 void tslb_py_release(void *array);
@@ -66,9 +66,11 @@ uint32_t tslb_py_crc32c(const void *bytes, size_t n_bytes, uint32_t previous);
 void tslb_py_describe(void *array, tslb_py_array *described);
 void *tslb_py_block0(void *array);
 char *tslb_py_record(void *array, uint32_t idx); /* NULL: there is no such slot */
-void tslb_py_flatten(void *array, void *image);  /* header_bytes + n_used * slot_bytes bytes */
+/* Copies the headers and the first n_slots slots, at most n_used: header_bytes + n_slots * slot_bytes bytes. The image
+ * is that of an array with n_slots slots, also while other threads add some. */
+void tslb_py_flatten(void *array, uint32_t n_slots, void *image);
 /* Slot of a chunk, and the byte in the slot's record at which its data begins. `wide`: a 64-bit address. */
-void tslb_py_place(void *array, uint64_t address, int wide, uint32_t *slot, uint32_t *byte);
+void tslb_py_place(const tslb_py_array *pool, uint64_t address, int wide, uint32_t *slot, uint32_t *byte);
 
 /* Stores. */
 int32_t tslb_py_store_describe(const char *folder, tslb_py_decl *arrays, uint32_t capacity, tslb_py_error *error);

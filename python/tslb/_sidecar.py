@@ -67,8 +67,9 @@ def described_dtype(path: str | os.PathLike[str], record_bytes: int, n_slots: in
         raise DamagedError(f"{name}: is not a sidecar that tslb-inspect writes: {error}", name) from None
 
 
-def verify_files(path: str, file_of: Callable[[str], str]) -> None:
-    """Compares files, which `file_of` finds by their numbers, with lengths and checksums in the sidecar."""
+def verify_files(path: str, file_of: Callable[[str], str], fd: int | None = None) -> None:
+    """Compares files, which `file_of` finds by their numbers, with lengths and checksums in the sidecar. `fd`: the open
+    file of a stream, of which the path is a name alone."""
     try:
         with open(path, "rb") as file:
             lines = _lines(file.read(), path)
@@ -76,12 +77,12 @@ def verify_files(path: str, file_of: Callable[[str], str]) -> None:
         raise Error(f"{path}: there is no sidecar to verify with", path, errno=errno.ENOENT) from None
     for words in lines:
         if words[0] == "file":
-            _verify_file(file_of(words[1]), int(words[3]), int(words[5], 16))
+            _verify_file(file_of(words[1]), fd, int(words[3]), int(words[5], 16))
 
 
-def _verify_file(path: str, n_bytes: int, checksum: int) -> None:
+def _verify_file(path: str, fd: int | None, n_bytes: int, checksum: int) -> None:
     try:
-        with open(path, "rb") as file:
+        with open(path if fd is None else fd, "rb", closefd=fd is None) as file:
             found = os.fstat(file.fileno()).st_size
             if found != n_bytes:
                 raise DamagedError(f"{path}: has {found} bytes, but {n_bytes} were sealed", path)

@@ -19,6 +19,7 @@ from ._sidecar import described_dtype, verify_files
 #: End of a list, no slot.
 NIL = 0xFFFFFFFF
 
+_FOLDER_BYTES = 32  # of the name of a context, in the folder of data blocks
 _MEM_SLOT_HEADER = np.dtype([("bytes_used", "<u4"), ("bytes_deleted", "<u4")])
 _COMPAT = np.dtype([("tbl_id", "<u4"), ("idx", "<u4"), ("offset", "<i2"), ("", "V2"), ("flag", "u1"), ("", "V1"),
                     ("length", "<u2")])
@@ -54,6 +55,17 @@ def checked_index(value: Any, what: str) -> int:
         raise TypeError(f"{what} is a number, not {value!r}") from None
 
 
+def described(native: Any) -> Any:
+    """What the headers of an array in memory say."""
+    info = ffi.new("tslb_py_array *")
+    lib.tslb_py_describe(native, info)
+    return info
+
+
+def image_bytes(info: Any) -> int:
+    return int(info.header_bytes + info.n_used * info.slot_bytes)
+
+
 class Array:
     """A record array or a slot array.
 
@@ -62,12 +74,12 @@ class Array:
     each call."""
 
     def __init__(self, native: Any, image: Callable[[], memoryview], dtype: npt.DTypeLike = None,
-                 changes: bool = False, file: str = "", is_mapped: bool = False) -> None:
-        self._native = native
+                 changes: bool = False, file: str = "", mapped: Any = None) -> None:
+        self._native = native  # of an array in memory
         self._image = image
         self._changes = changes
         self._file = file  # of a stream, which does not contain a name
-        self._is_mapped = is_mapped
+        self._mapped = mapped  # what the headers of a mapped stream say, whose array is not in memory
         self._cached: memoryview | None = None
         self._dtype: np.dtype[Any] | None = None
         if dtype is not None:
@@ -85,9 +97,7 @@ class Array:
 
     @property
     def _info(self) -> Any:
-        info = ffi.new("tslb_py_array *")
-        lib.tslb_py_describe(self._native(), info)
-        return info
+        return described(self._native()) if self._mapped is None else self._mapped
 
     def __len__(self) -> int:
         """The number of ids that were issued."""
@@ -126,7 +136,7 @@ class Array:
     def is_copied(self) -> bool:
         """Whether the image is a copy of the array's memory: by each call, or once if the array does not change."""
         info = self._info
-        return self._changes or (not self._is_mapped and info.n_used > info.n_direct)
+        return self._changes or (self._mapped is None and info.n_used > info.n_direct)
 
     @property
     def has_lists(self) -> bool:
@@ -194,7 +204,7 @@ class Array:
             return []
         following = self._column("<u4", 4)
         indices: list[int] = []
-        while idx != NIL and len(indices) < n_slots:
+        while idx < len(following) and len(indices) < n_slots:
             indices.append(int(idx))
             idx = following[idx]
         return indices
@@ -255,7 +265,7 @@ class Pool(Array):
         if n_bytes is not None and checked_index(n_bytes, f"{self.name}: n_bytes") < 0:
             raise ValueError(f"{self.name}: n_bytes is {n_bytes}")
         slot, byte = ffi.new("uint32_t *"), ffi.new("uint32_t *")
-        lib.tslb_py_place(self._native(), address, wide, slot, byte)
+        lib.tslb_py_place(self._info, address, wide, slot, byte)
         record = self._record(slot[0])
         if n_bytes is None:
             if not self.has_headers:
@@ -298,63 +308,71 @@ class Pool(Array):
 
 
 def array_of(native: Any, image: Callable[[], memoryview], dtype: npt.DTypeLike = None, changes: bool = False,
-             file: str = "", is_mapped: bool = False) -> Array:
-    info = ffi.new("tslb_py_array *")
-    lib.tslb_py_describe(native(), info)
-    return (Pool if info.is_pool else Array)(native, image, dtype, changes, file, is_mapped)
+             file: str = "", mapped: Any = None) -> Array:
+    info = described(native()) if mapped is None else mapped
+    return (Pool if info.is_pool else Array)(native, image, dtype, changes, file, mapped)
 
 
 def copied_image(native: Any) -> memoryview:
-    """A flat image of its own."""
-    info = ffi.new("tslb_py_array *")
-    lib.tslb_py_describe(native, info)
-    image = bytearray(info.header_bytes + info.n_used * info.slot_bytes)
-    lib.tslb_py_flatten(native, ffi.from_buffer(image))
+    """A flat image of its own, of the slots that the array has now."""
+    info = described(native)
+    image = bytearray(image_bytes(info))
+    lib.tslb_py_flatten(native, info.n_used, ffi.from_buffer(image))
     return memoryview(image).toreadonly()
 
 
 def native_image(handle: Handle, native: Any) -> memoryview:
     """A view of the array's memory if all slots are in block 0, else a copy."""
-    info = ffi.new("tslb_py_array *")
-    lib.tslb_py_describe(native, info)
+    info = described(native)
     if info.n_used > info.n_direct:
         return copied_image(native)
-    return handle.view(lib.tslb_py_block0(native), info.header_bytes + info.n_used * info.slot_bytes)
+    return handle.view(lib.tslb_py_block0(native), image_bytes(info))
 
 
 def open_stream(path: str | os.PathLike[str], dtype: npt.DTypeLike = None, *, rebuild_lists: bool = False,
                 verify: bool = False) -> Array:
     """Opens a snapshot stream: an Array, or a Pool. Records are views of the mapped file, nothing is copied.
 
-    The stream is loaded and checked as a whole before: DamagedError with the byte. It is not changed meanwhile; a
-    program that writes streams writes new files. Without `dtype`, that of the sidecar `path`.tslb is used, if there is
-    one that has a layout. With `verify` the file is compared with the checksum in the sidecar before: DamagedError."""
+    The stream is loaded and checked as a whole before: DamagedError with the byte. The memory for this is released. No
+    program changes the file, not even later; one that writes streams writes new files. Without `dtype`, that of the
+    sidecar `path`.tslb is used, if there is one that has a layout. With `verify` the file is compared with the checksum
+    in the sidecar before: DamagedError."""
     file = os.fsdecode(path)
+    try:
+        fd = os.open(path, os.O_RDONLY)
+    except OSError as why:
+        raise Error(f"{file}: {why.strerror}", file, errno=why.errno or 0) from None
+    try:
+        return _stream_of(fd, file, dtype, rebuild_lists, verify)
+    finally:
+        os.close(fd)
+
+
+def _stream_of(fd: int, file: str, dtype: npt.DTypeLike, rebuild_lists: bool, verify: bool) -> Array:
+    """The stream of an open file. The path names it in errors, and its sidecar; another file can be there meanwhile."""
     if verify:
-        verify_files(file + ".tslb", lambda _: file)
+        verify_files(file + ".tslb", lambda _: file, fd)
     error = new_error()
-    pointer = lib.tslb_py_load_stream(os.fsencode(path), rebuild_lists, error)
+    pointer = lib.tslb_py_load_stream(fd, os.fsencode(file), rebuild_lists, error)
     if pointer == ffi.NULL:
         raise_error(error)
     handle = Handle(pointer, lib.tslb_py_release)
-    # Rebuilt lists are in memory alone, and so is the rest of a last slot that is cut in the file.
-    info = ffi.new("tslb_py_array *")
-    lib.tslb_py_describe(pointer, info)
-    n_bytes = info.header_bytes + info.n_used * info.slot_bytes
-
-    is_mapped = not rebuild_lists and os.stat(path).st_size == n_bytes
-
-    def image() -> memoryview:
-        if not is_mapped:
-            return native_image(handle, handle.pointer)
-        with open(path, "rb") as stream:
-            if os.fstat(stream.fileno()).st_size < n_bytes:
-                raise Error(f"{file}: was changed after it was opened", file)
-            return memoryview(mmap.mmap(stream.fileno(), 0, access=mmap.ACCESS_READ))
-
+    info = described(pointer)
+    n_bytes = image_bytes(info)
     if dtype is None:
         dtype = described_dtype(file + ".tslb", info.record_bytes, info.n_used)
-    return array_of(lambda: handle.pointer, image, dtype, file=os.path.basename(file), is_mapped=is_mapped)
+    name = os.path.basename(file)
+    # Rebuilt lists are in memory alone, and so is the rest of a last slot that is cut in the file.
+    if rebuild_lists or os.fstat(fd).st_size != n_bytes:
+        return array_of(lambda: handle.pointer, lambda: native_image(handle, handle.pointer), dtype, file=name)
+    mapped = mmap.mmap(fd, n_bytes, access=mmap.ACCESS_READ)
+
+    def image() -> memoryview:
+        if mapped.size() < n_bytes:  # of the file
+            raise Error(f"{file}: was changed after it was opened", file)
+        return memoryview(mapped)
+
+    return array_of(None, image, dtype, file=name, mapped=info)
 
 
 def open_block_files(base_path: str | os.PathLike[str], name: str, tbl_id: int, dtype: npt.DTypeLike = None, *,
@@ -365,17 +383,18 @@ def open_block_files(base_path: str | os.PathLike[str], name: str, tbl_id: int, 
     With `verify` the files are compared with the checksums in the sidecar before: DamagedError."""
     if not -1 << 31 <= checked_index(tbl_id, "tbl_id") < 1 << 31:
         raise ValueError(f"tbl_id: {tbl_id} does not fit 32 bits")
-    files = os.path.join(os.fsdecode(base_path), os.fsdecode(name), str(tbl_id))
-    sidecar = files + ".darr.tslb"
+    base, whole_name = os.fsdecode(base_path), os.fsdecode(name)
+    # Block 0 is in the folder with the whole name, the data blocks are in that with its beginning.
+    folders = [os.path.join(base, part) for part in (whole_name, os.fsdecode(os.fsencode(name)[:_FOLDER_BYTES]))]
+    sidecar = os.path.join(folders[0], f"{tbl_id}.darr.tslb")
     if verify:
-        verify_files(sidecar, lambda number: f"{files}.{number}.darr")
+        verify_files(sidecar, lambda number: os.path.join(folders[number != "0"], f"{tbl_id}.{number}.darr"))
     error = new_error()
     pointer = lib.tslb_py_load_block_files(os.fsencode(base_path), os.fsencode(name), tbl_id, rebuild_lists, error)
     if pointer == ffi.NULL:
         raise_error(error)
     handle = Handle(pointer, lib.tslb_py_release)
     if dtype is None:
-        info = ffi.new("tslb_py_array *")
-        lib.tslb_py_describe(pointer, info)
+        info = described(pointer)
         dtype = described_dtype(sidecar, info.record_bytes, info.n_used)
     return array_of(lambda: handle.pointer, lambda: native_image(handle, handle.pointer), dtype)

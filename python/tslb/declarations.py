@@ -52,6 +52,8 @@ class Declaration:
     max_slots: int = 0  # pools: limit of memory slots; 0: that of the addresses
     rec_version: int = 0  # of the records' format, 0 to 255, for the program's own use
     description: str = ""  # for readers of the store, at most 255 bytes
+    # Of a described array: the fields that stand for its flags, and the flags themselves, which can say more.
+    _described: tuple[bool, bool, int] | None = dataclasses.field(default=None, repr=False, compare=False)
 
     def __post_init__(self) -> None:
         if not isinstance(self.name, str) or _NAME.fullmatch(self.name) is None:
@@ -88,10 +90,15 @@ class Declaration:
         decl.kind = int(self.kind)
         decl.tbl_id, decl.record_bytes, decl.n_direct = self.tbl_id, self.record_bytes, self.n_direct
         decl.rec_version, decl.max_slots = self.rec_version, self.max_slots
+        decl.daflag, decl.has_compat = self._daflag, self.is_pool and self.has_headers
+
+    @property
+    def _daflag(self) -> int:
+        if self._described is not None and self._described[:2] == (self.has_inactive, self.frees_slots):
+            return self._described[2]
         if self.is_pool:
-            decl.daflag, decl.has_compat = int(self.frees_slots), self.has_headers
-        elif self.kind == Kind.SLOTS:
-            decl.daflag = 2 if self.has_inactive else 1
+            return int(self.frees_slots)
+        return 0 if self.kind == Kind.RECORDS else 2 if self.has_inactive else 1
 
 
 def native_decls(declarations: list[Declaration]) -> Any:
@@ -114,10 +121,12 @@ def describe(folder: str | os.PathLike[str]) -> list[Declaration]:
     found = []
     for decl in ffi.unpack(decls, n_arrays):
         kind = Kind(decl.kind)
-        found.append(Declaration(
+        declaration = Declaration(
             os.fsdecode(ffi.string(decl.name)), kind, decl.tbl_id, None, decl.record_bytes, decl.n_direct,
             kind == Kind.SLOTS and decl.daflag & 2 != 0, decl.daflag != 0, decl.has_compat != 0, decl.max_slots,
-            decl.rec_version, os.fsdecode(ffi.string(decl.description))))
+            decl.rec_version, os.fsdecode(ffi.string(decl.description)))
+        declaration._described = (declaration.has_inactive, declaration.frees_slots, decl.daflag)
+        found.append(declaration)
     return found
 
 

@@ -63,6 +63,7 @@ report_t analysis_t::run() {
   report_.name = store_->name();
   report_.is_stream = store_->is_stream();
   report_.files = store_->files();
+  report_.kind = options_.kind;
   if (!read_headers()) return report_;
   measure();
   // Before check_stream_end, which needs the cursor: a stream may end there.
@@ -226,13 +227,14 @@ void analysis_t::check_files() {
   report_missing(g.data_blocks + 1);
 }
 
-// Counts slots up to the first one that is not completely in the files.
+// Counts slots up to the first one that is not completely in the files, or cut at the cursor. At most the capacity:
+// other ids have no place in the maps.
 uint64_t analysis_t::present_slots() const {
   const geometry_t &g = geometry();
   if (g.slot_bytes == 0) return 0;
   const uint64_t n_used = std::min(g.n_used, g.capacity);
   const uint64_t in_file0 = (store_->files().front().bytes - g.header_bytes) / g.slot_bytes;
-  if (store_->is_stream()) return cut_bytes_ != 0 ? g.n_used : std::min(in_file0, n_used);
+  if (store_->is_stream()) return std::min(in_file0 + (cut_bytes_ != 0 ? 1 : 0), n_used);
   uint64_t present = std::min(in_file0, g.n_direct_used);
   if (present < g.n_direct) return present;
   for (uint64_t block = 1; block <= g.data_blocks; ++block) {

@@ -179,7 +179,9 @@ struct report_t {
   bool is_stream = true;
   bool is_cut = false;  // a stream whose last slot is cut at the pool's cursor
   std::vector<stored_file_t> files;
-  std::optional<seal_t> seal;      // not set if sidecars are not examined
+  uint8_t kind = 0;                // ARRAY_LOAD_* by which the user header was read
+  std::optional<seal_t> seal;      // not set if sidecars are not examined, or this one could not be read
+  std::string unread_sidecar;      // why not; the text begins with the path
   std::optional<layout_t> layout;  // of the records
   std::vector<header_t> headers;
   std::optional<geometry_t> geometry;  // set if the headers are complete

@@ -9,6 +9,7 @@
 #include <memory>
 #include <vector>
 
+#include <tslb/array_loader.h>
 #include <tslb/tslb_dynarr.h>
 #include <tslb/tslb_dynmem.h>
 #include <tslb/tslb_version.h>
@@ -134,14 +135,16 @@ class comparison_t {
       return add("{}: seals the form {}, but this is {}", seal_->path, form_text(sidecar.form), form_text(form));
     if (report_.geometry && sidecar.headers != headers_of(report_))
       add("{}: the geometry or the versions are not those of the headers", report_.name);
-    if (report_.geometry && sidecar.address != address_of(report_, sidecar.address == address_t::WIDE))
+    // Otherwise it is not known whether this is a pool, with addresses and a cursor.
+    const bool has_kind = report_.kind != ARRAY_LOAD_ANY;
+    if (report_.geometry && has_kind && sidecar.address != address_of(report_, sidecar.address == address_t::WIDE))
       add("{}: the kind of addresses is not that of the array", seal_->path);
     for (const sealed_file_t &sealed : sidecar.files) compare_file(sealed);
     for (const stored_file_t &file : report_.files)
       if (report_.geometry && is_part(report_, file) && file.block_num >= sidecar.files.size())
         add("{}: is not sealed", file.name);
     // A stream that was cut later has another length, which says more.
-    if (seal_->faults.empty() && sidecar.form != form)
+    if (seal_->faults.empty() && has_kind && sidecar.form != form)
       add("{}: seals the form {}, but this is {}", seal_->path, form_text(sidecar.form), form_text(form));
     if (n_faults_ > MAX_FAULTS) seal_->faults.push_back(fmt::format("and {} more", n_faults_ - MAX_FAULTS));
   }
@@ -238,6 +241,10 @@ void verify_seal(store_t *store, report_t *report) {
       if (!report->layout && fits) report->layout = sidecar->layout;
     }
   } catch (const tslb_durable::StoreError &error) {
+    if (error.code() != TSLB_DURABLE_DAMAGED) {
+      report->unread_sidecar = error.what();
+      return;
+    }
     seal.state = seal_state_t::CONTRADICTED;
     seal.faults.push_back(error.what());
   }

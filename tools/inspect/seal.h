@@ -31,7 +31,8 @@ struct refused_t : std::runtime_error {
 std::string sidecar_path(const store_t &store);
 
 // Compares the files with the sidecar, if there is one, and sets report->seal. Takes the layout from it if the report
-// has none. Throws unreadable_t if a file of the array cannot be read.
+// has none. If the sidecar cannot be read, report->unread_sidecar is set instead. Throws unreadable_t if a file of the
+// array cannot be read.
 void verify_seal(store_t *store, report_t *report);
 
 // Writes the sidecar of a sound array and returns its path. The file appears as a whole or not at all, and is synced.

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cstring>
+#include <filesystem>
 #include <optional>
 #include <string_view>
 
@@ -154,13 +155,17 @@ std::optional<block_name_t> parse_block_name(std::string_view path) {
 }
 
 // File 0 is in the folder with the whole context name, data blocks in the folder with its first NAME_CHARS characters.
+// A path such as "./" does not end with that name.
 std::string data_directory_of(const std::string &directory) {
-  if (directory.empty()) return directory;
-  const size_t end = directory.find_last_not_of('/');
-  if (end == std::string::npos) return directory;
-  const size_t slash = directory.rfind('/', end);
-  const size_t begin = slash == std::string::npos ? 0 : slash + 1;
-  return end + 1 - begin > NAME_CHARS ? directory.substr(0, begin + NAME_CHARS) + "/" : directory;
+  const size_t end = directory.find_last_not_of('/') + 1;
+  const size_t begin = end == 0 ? 0 : directory.rfind('/', end - 1) + 1;
+  std::string name = directory.substr(begin, end - begin), parent = directory.substr(0, begin);
+  if (name.empty() || name == "." || name == "..") {
+    std::error_code ignored;
+    name = std::filesystem::canonical(directory.empty() ? "." : directory, ignored).filename();
+    parent = directory + "../";
+  }
+  return name.size() > NAME_CHARS ? parent + name.substr(0, NAME_CHARS) + "/" : directory;
 }
 
 class block_store_t final : public store_t {
