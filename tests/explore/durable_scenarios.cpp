@@ -92,7 +92,7 @@ const scenario_t SCENARIOS[] = {
      [] { EXPECT_THAT_AT_END(store->copied[0] <= 1 && store->bytes[0] == 1); }},
     {"tickets_3", "three batches wait until their groups are copied", 3, [] { make_store(); },
      [](int t) { settle(batch_with_ticket(t)); },
-     [] { EXPECT_THAT_AT_END(store->copied[0] == 1 && store->copied[1] == 1 && store->copied[2] == 1); }, 2},
+     [] { EXPECT_THAT_AT_END(store->copied[0] == 1 && store->copied[1] == 1 && store->copied[2] == 1); }},
     {"tickets", "two batches wait until their groups are copied", 2, [] { make_store(); },
      [](int t) {
        settle(batch_with_ticket(t));
