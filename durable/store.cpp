@@ -302,8 +302,8 @@ void tslb_store_t::continue_journal() {
   // with a seal is not opened again: the last one has groups, which no crash may leave after a journal without a seal.
   for (size_t i = 0; i + 1 < state_.journals.size(); ++i) {
     JournalState &journal = state_.journals[i];
-    JournalPlace place = loaded.places[i];
-    if (!loaded.ends_with_seal[i]) {
+    JournalPlace place = loaded.journals[i].end;
+    if (!loaded.journals[i].ends_with_seal) {
       const JournalName name = {state_.identity, journal.number};
       JournalWriter writer(journal_path(folder_, journal.number), name, place);
       writer.seal();
@@ -318,7 +318,7 @@ void tslb_store_t::continue_journal() {
   write_state(folder_, state_);
   const uint64_t last = state_.journals.back().number;
   use_journal(std::make_unique<JournalWriter>(journal_path(folder_, last), JournalName{state_.identity, last},
-                                              loaded.places.back()));
+                                              loaded.journals.back().end));
 }
 
 void tslb_store_t::start_threads() {

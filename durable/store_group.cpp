@@ -386,8 +386,8 @@ void tslb_store_t::restore() {
   copy_group(rest);              // refuses batches that ended after the refusal
   write_state(folder_, state_);  // a snapshot that failed can have left a state that names its journal
   LoadedStore loaded = load_store(folder_, {});
-  if (loaded.places.back().position != journal_->place().position)
-    throw damaged_at(journal_->path(), loaded.places.back().position, "ends before the last settled batch");
+  if (const uint64_t end = loaded.journals.back().end.position; end != journal_->place().position)
+    throw damaged_at(journal_->path(), end, "ends before the last settled batch");
   for (uint32_t i = 0; i < arrays_.size(); ++i) {
     DynArrHandle_t *const stored = loaded.arrays[logged_[i].number()].get();
     copy_content(stored, arrays_[i].get());

@@ -160,8 +160,8 @@ bool Loading::is_left_out(std::string_view body) {
   const auto position = options_.keeps ? position_in(body) : std::nullopt;
   if (!position || options_.keeps(body, *position)) return leaves_out_;
   if (!leaves_out_)
-    loaded_.warning =
-        fmt::format("{}: the groups from {} of epoch {} on are left out", folder_, position->number, position->epoch);
+    loaded_.warn(
+        fmt::format("{}: the groups from {} of epoch {} on are left out", folder_, position->number, position->epoch));
   loaded_.is_salvaged = leaves_out_ = true;
   return true;
 }
@@ -181,8 +181,7 @@ void Loading::scan(const JournalState &journal) {
                                          return apply_body(body, targets_, payload_, has_payload_, loaded_.position);
                                        });
   report_done(scan.bytes - done_at);
-  loaded_.places.push_back(scan.place);
-  loaded_.ends_with_seal.push_back(scan.is_sealed && scan.bytes == scan.place.position);
+  loaded_.journals.push_back({scan.place, scan.is_sealed && scan.bytes == scan.place.position});
   loaded_.is_sealed = scan.is_sealed;
   loaded_.journal_bytes += scan.place.position;
   loaded_.n_batches += scan.n_batches;
@@ -195,7 +194,7 @@ void Loading::scan(const JournalState &journal) {
     throw damaged(path, fmt::format("has {} bytes, but was sealed with {}", scan.bytes, journal.bytes));
   if (must_be_whole && (!scan.is_sealed || scan.place.crc32c != journal.crc32c))
     throw damaged(path, "is not the journal that was sealed");
-  if (!scan.fault.empty()) loaded_.warning = fmt::format("{}; {} bytes were cut", scan.fault, scan.bytes_cut);
+  if (!scan.fault.empty()) loaded_.warn(fmt::format("{}; {} bytes were cut", scan.fault, scan.bytes_cut));
 }
 
 void Loading::load_journals(const std::vector<JournalState> &journals) {
@@ -204,7 +203,7 @@ void Loading::load_journals(const std::vector<JournalState> &journals) {
   } catch (const StoreError &error) {
     if (error.code() != TSLB_DURABLE_DAMAGED || !options_.salvage) throw;
     loaded_.is_salvaged = true;
-    loaded_.warning = fmt::format("{}; what follows is lost", error.what());
+    loaded_.warn(fmt::format("{}; what follows is lost", error.what()));
   }
   if (!has_payload_) return;
   loaded_.payload.assign(payload_.begin(), payload_.end());
@@ -227,9 +226,10 @@ void Loading::check_arrays() {
 }
 
 LoadedStore load_from(const std::string &folder, const StoreState &state, uint64_t generation,
-                      const std::vector<JournalState> &journals, const LoadOptions &options) {
+                      const std::vector<JournalState> &journals, const LoadOptions &options, std::string warning = {}) {
   LoadedStore loaded;
   loaded.state = state;
+  loaded.warning = std::move(warning);
   Loading loading(folder, options, loaded);
   loading.load_generation(generation, journals);
   loading.load_journals(journals);
@@ -284,12 +284,11 @@ std::optional<LoadedStore> load_older(const std::string &folder, const StoreStat
     if (generation >= state.generation) continue;
     try {
       const Chain chain = chain_since(folder, state, generation);
-      LoadedStore loaded = load_from(folder, state, generation, chain.journals, options);
+      LoadedStore loaded =
+          load_from(folder, state, generation, chain.journals, options,
+                    fmt::format("{}; generation {} and the journals since it were used", why, generation));
       loaded.is_salvaged = true;
-      std::string warning = fmt::format("{}; generation {} and the journals since it were used", why, generation);
-      if (!loaded.warning.empty()) warning += "; " + loaded.warning;
-      if (!chain.end.empty()) warning += "; " + chain.end + "; what follows is lost";
-      loaded.warning = std::move(warning);
+      if (!chain.end.empty()) loaded.warn(chain.end + "; what follows is lost");
       return loaded;
     } catch (const StoreError &) {
       // The next one may be sound.

@@ -5,6 +5,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "journal_reader.h"
@@ -12,6 +13,12 @@
 #include "stored_array.h"
 
 namespace tslb_durable {
+
+// A journal that was read.
+struct LoadedJournal {
+  JournalPlace end;
+  bool ends_with_seal;  // and nothing follows it
+};
 
 struct LoadedStore {
   StoreState state;
@@ -22,14 +29,15 @@ struct LoadedStore {
   bool has_payload = false;
   tslb_log_position_t position = {};
 
-  std::vector<JournalPlace> places;  // where each journal of the state ends
-  std::vector<bool> ends_with_seal;  // a journal of the state ends with its seal, and nothing follows it
-  bool is_sealed = false;            // the last writer ended orderly
-  uint64_t journal_bytes = 0;        // of all journals that were read
-  uint64_t n_batches = 0;            // in them
+  std::vector<LoadedJournal> journals;  // since the generation
+  bool is_sealed = false;               // the last writer ended orderly
+  uint64_t journal_bytes = 0;           // of all journals that were read
+  uint64_t n_batches = 0;               // in them
   uint64_t cut_bytes = 0;
   bool is_salvaged = false;  // the arrays are not what generation and journals of the state would give
   std::string warning;
+
+  void warn(std::string_view text) { warning.append(warning.empty() ? "" : "; ").append(text); }
 };
 
 struct LoadOptions {

@@ -12,6 +12,7 @@
 
 #include "codec/point_block.h"
 #include "codec/point_codec.h"
+#include "codec/wide_instructions.h"
 #include "extent.h"
 
 using namespace metricdb;
@@ -39,12 +40,17 @@ static std::vector<char> encoded(const std::vector<Point> &points, ValueType typ
 }
 
 static void expect_back(const std::vector<Point> &points, ValueType type) {
-  std::vector<Point> found = {{1, 2.0}};
   const std::vector<char> bytes = encoded(points, type);
-  ASSERT_TRUE(decode_block(bytes.data(), bytes.size(), points.size(), type, found));
-  EXPECT_EQ(found[0].ts_ns, 1) << "points before are replaced";
-  found.erase(found.begin());
-  ASSERT_TRUE(same(found, points));
+  const bool is_wide = uses_wide_instructions;
+  for (const bool uses : {false, is_wide}) {
+    uses_wide_instructions = uses;
+    std::vector<Point> found = {{1, 2.0}};
+    EXPECT_EQ(encoded(points, type), bytes) << "other instructions give other bytes";
+    ASSERT_TRUE(decode_block(bytes.data(), bytes.size(), points.size(), type, found));
+    EXPECT_EQ(found[0].ts_ns, 1) << "points before are replaced";
+    found.erase(found.begin());
+    ASSERT_TRUE(same(found, points));
+  }
 }
 
 static std::string hex(const std::vector<char> &bytes) {

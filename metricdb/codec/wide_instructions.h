@@ -4,11 +4,9 @@
 
 namespace metricdb {
 
-inline bool has_wide_instructions() {
-  static const bool has =
-      __builtin_cpu_supports("avx2") != 0 && __builtin_cpu_supports("bmi") != 0 && __builtin_cpu_supports("bmi2") != 0;
-  return has;
-}
+// Not changed, except by tests of the other path.
+inline bool uses_wide_instructions =
+    __builtin_cpu_supports("avx2") != 0 && __builtin_cpu_supports("bmi") != 0 && __builtin_cpu_supports("bmi2") != 0;
 
 // Everything that work() calls and that can be inlined is compiled for these processors, and only here: an inline function
 // that is called from elsewhere, too, stays as it is.
@@ -20,7 +18,7 @@ template <class Work>
 // Returns work(). `work` is compiled twice.
 template <class Work>
 auto run_widest(const Work &work) {
-  return has_wide_instructions() ? run_wide(work) : work();
+  return uses_wide_instructions ? run_wide(work) : work();
 }
 
 }  // namespace metricdb
