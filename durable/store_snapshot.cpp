@@ -93,7 +93,8 @@ tslb_store_t::NewGeneration::NewGeneration(const tslb_store_t &store, uint64_t t
       results(store.decls_.size()),
       n_slots(store.decls_.size()),
       numbers(store.decls_.size()),
-      writer(store.options_.bytes_per_s) {
+      writer(store.options_.bytes_per_s, std::any_of(store.decls_.begin(), store.decls_.end(),
+                                                     [](const ArrayDecl &decl) { return decl.compresses; })) {
   for_each_name(store.folder_, [&store](const std::string &name) {
     if (name.starts_with(GENERATION_PREFIX) && name.ends_with(UNFINISHED_SUFFIX))
       remove_unused(store.folder_ + "/" + name);

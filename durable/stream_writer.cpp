@@ -56,12 +56,13 @@ void Throttle::wrote(uint64_t bytes) {
 
 // The first compression allocates what all of them need: with the same parameters, and a size that zstd does not know before
 // the end.
-StreamWriter::StreamWriter(uint64_t bytes_per_s)
+StreamWriter::StreamWriter(uint64_t bytes_per_s, bool compresses)
     : throttle_(bytes_per_s),
       pieces_(MAX_PIECES),
-      compressor_(ZSTD_createCCtx(), ZSTD_freeCCtx),
-      compressed_(COMPRESSED_BYTES),
-      zeros_(ZERO_BYTES) {
+      compressor_(compresses ? ZSTD_createCCtx() : nullptr, ZSTD_freeCCtx),
+      compressed_(compresses ? COMPRESSED_BYTES : 0),
+      zeros_(compresses ? ZERO_BYTES : 0) {
+  if (!compresses) return;
   if (!compressor_) throw std::bad_alloc();
   ZSTD_CCtx_setParameter(compressor_.get(), ZSTD_c_compressionLevel, COMPRESSION_LEVEL);
   pieces_[0] = {zeros_.data(), 1};

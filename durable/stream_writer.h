@@ -30,7 +30,8 @@ class Throttle {
 // Neither allocates memory nor throws after its construction, so a forked child of a process with threads can use it.
 class StreamWriter {
  public:
-  explicit StreamWriter(uint64_t bytes_per_s);
+  // compresses  whether write() gets arrays whose declarations ask for it
+  StreamWriter(uint64_t bytes_per_s, bool compresses);
 
   // Writes the stream of `array` to an open, empty file. Returns 0 or an error number. No thread changes the array.
   int write(DynArrHandle_t *array, const ArrayDecl &decl, int fd, StoredFile &written);
@@ -49,7 +50,7 @@ class StreamWriter {
   std::vector<iovec> pieces_;  // allocated at construction
   size_t n_pieces_ = 0;
   size_t piece_bytes_ = 0;
-  std::unique_ptr<ZSTD_CCtx, size_t (*)(ZSTD_CCtx *)> compressor_;
+  std::unique_ptr<ZSTD_CCtx, size_t (*)(ZSTD_CCtx *)> compressor_;  // null if no array is compressed
   std::vector<char> compressed_;
   std::vector<char> zeros_;
   DynArrHandle_t *array_ = nullptr;

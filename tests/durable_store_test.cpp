@@ -89,7 +89,7 @@ TEST_F(DurableStore, StreamsAreWrittenWithoutAnAllocation) {
   std::mt19937 random(3);
   ASSERT_TRUE(store.commit_changes(random, 40)) << store.error.text;
   const auto checked = tslb_durable::checked_decls(decls.data(), static_cast<uint32_t>(decls.size()));
-  tslb_durable::StreamWriter writer(0);
+  tslb_durable::StreamWriter writer(0, true);
   for (uint32_t i = 0; i < decls.size(); ++i) {
     const tslb_durable::File file = tslb_durable::File::create(root_ + "/" + decls[i].name);
     tslb_durable::StoredFile written;
