@@ -11,6 +11,8 @@
 #include <numeric>
 #include <span>
 
+#include "store_error.h"
+
 namespace tslb_durable {
 namespace {
 
@@ -88,6 +90,7 @@ std::string apply_bytes(const ReplayTarget &target, uint64_t position, std::stri
   char why[256];
   const uint8_t kind = is_pool(target.kind) ? ARRAY_LOAD_POOL : ARRAY_LOAD_ANY;
   if (redo_apply(array, &record, kind, max_slots, why, sizeof why) == 0) return {};
+  expect_memory(why);
   return fmt::format("array \"{}\": {}", array->ctx_name, why);
 }
 

@@ -1,9 +1,11 @@
 #include "journal_format.h"
 
 #include <zstd.h>
+#include <zstd_errors.h>
 
 #include <cstring>
 #include <memory>
+#include <new>
 
 #include "checksum.h"
 
@@ -86,6 +88,7 @@ std::string_view decompress(const FrameHead &head, std::string_view stored, std:
   }
   buffer.resize(head.raw_bytes);
   const size_t size = ZSTD_decompress(buffer.data(), buffer.size(), stored.data(), stored.size());
+  if (ZSTD_getErrorCode(size) == ZSTD_error_memory_allocation) throw std::bad_alloc();  // is no damage
   ok = head.compression == Compression::zstd && size == head.raw_bytes;
   return buffer;
 }

@@ -54,6 +54,11 @@ void set_reason(std::string &reason, fmt::format_string<Arguments...> format, Ar
   }
 }
 
+// Throws std::bad_alloc if a function of recovery/ failed for want of memory, which its text says: that is no damage.
+inline void expect_memory(std::string_view why) {
+  if (why.find("no memory for ") != why.npos) throw std::bad_alloc();
+}
+
 // Copies a text to an array of `size` bytes, cut to fit.
 void copy_text(std::string_view text, char *to, size_t size);
 

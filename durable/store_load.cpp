@@ -51,9 +51,11 @@ Array load_array(const File &file, const StoredArrayEntry &entry) {
   options.rec_version = entry.rec_version;
   options.record_size = entry.record_bytes;
   char why[256];
-  const StreamSource source(file, entry.is_compressed);
+  StreamSource source(file, entry.is_compressed);
   Array array(array_load_stream(source.fd(), &options, why, sizeof why));
+  source.finish();
   expect_file(path, sum.get(), entry.file);
+  if (!array) expect_memory(why);
   if (!array) throw damaged(path, why);
   if (array->daflag != entry.daflag || tslb_da_get_size(array.get()) != entry.n_slots ||
       array->n_direct != entry.n_direct)
@@ -214,9 +216,11 @@ void Loading::load_journals(const std::vector<JournalState> &journals) {
 void Loading::check_arrays() {
   for (const ReplayTarget &target : targets_) {
     char why[256];
-    if (array_check(target.array, load_kind_of(target.kind), why, sizeof why) != 0)
+    if (array_check(target.array, load_kind_of(target.kind), why, sizeof why) != 0) {
+      expect_memory(why);
       throw StoreError(TSLB_DURABLE_DAMAGED, fmt::format("{}: array \"{}\": {}", folder_, target.array->ctx_name, why),
                        folder_);
+    }
     if (is_pool(target.kind) && array_settle(target.array) != 0)
       throw StoreError(
           TSLB_DURABLE_DAMAGED,

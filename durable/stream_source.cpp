@@ -2,9 +2,11 @@
 
 #include <sys/socket.h>
 #include <zstd.h>
+#include <zstd_errors.h>
 
 #include <cerrno>
 #include <memory>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -28,7 +30,7 @@ bool send_all(int fd, const char *bytes, size_t n_bytes) {
 // Ends at the first byte that cannot be decompressed or that nobody wants: the reader finds the end of the stream there.
 void decompress(const File &file, const File &to) {
   const std::unique_ptr<ZSTD_DCtx, size_t (*)(ZSTD_DCtx *)> context(ZSTD_createDCtx(), ZSTD_freeDCtx);
-  if (!context) return;
+  if (!context) throw std::bad_alloc();
   std::vector<char> compressed(ZSTD_DStreamInSize()), bytes(ZSTD_DStreamOutSize());
   uint64_t at = 0;
   while (const size_t n_read = file.read_at(at, compressed.data(), compressed.size())) {
@@ -36,7 +38,9 @@ void decompress(const File &file, const File &to) {
     ZSTD_inBuffer in = {compressed.data(), n_read, 0};
     for (bool is_full = true; in.pos < in.size || is_full;) {
       ZSTD_outBuffer out = {bytes.data(), bytes.size(), 0};
-      if (ZSTD_isError(ZSTD_decompressStream(context.get(), &out, &in))) return;
+      const size_t result = ZSTD_decompressStream(context.get(), &out, &in);
+      if (ZSTD_getErrorCode(result) == ZSTD_error_memory_allocation) throw std::bad_alloc();
+      if (ZSTD_isError(result)) return;
       if (!send_all(to.fd(), bytes.data(), out.pos)) return;
       is_full = out.pos == out.size;
     }
@@ -54,11 +58,19 @@ StreamSource::StreamSource(const File &file, bool is_compressed) : file_(file) {
   decompression_ = std::async(std::launch::async, [&file, to = std::move(writer)] {
     try {
       decompress(file, to);
-    } catch (const std::exception &) {
+    } catch (const StoreError &) {
       // The stream ends early, which its loader reports.
+    } catch (const std::bad_alloc &) {
+      shutdown(to.fd(), SHUT_RDWR);
+      throw;
     }
     shutdown(to.fd(), SHUT_RDWR);
   });
+}
+
+void StreamSource::finish() {
+  reader_.reset();
+  if (decompression_.valid()) decompression_.get();
 }
 
 StreamSource::~StreamSource() {

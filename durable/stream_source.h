@@ -15,6 +15,9 @@ class StreamSource {
   ~StreamSource();
   StreamSource(const StreamSource &) = delete;
 
+  // Ends the stream after its loading, also if that failed. Throws if it was cut for want of memory.
+  void finish();
+
   // The stream, from its first byte. Bytes that are no zstd frame end it.
   int fd() const { return reader_ ? reader_->fd() : file_.fd(); }
 

@@ -36,6 +36,7 @@ std::unique_ptr<TestStore> StoreRun::new_store() const {
       decl_of("slots", TSLB_ARRAY_SLOTS, 2, sizeof(TestRecord), 2, TSLB_DA_DAFLAG_INLL)};
   if (arrays_ == Arrays::large) decls = test_decls();
   if (has_added_array) decls.push_back(decl_of("added", TSLB_ARRAY_RECORDS, 9, 20, 2, 0));
+  for (tslb_array_decl_t &decl : decls) decl.compresses = compresses;
   auto store = std::make_unique<TestStore>(decls);
   store->options = options;
   return store;

@@ -62,6 +62,7 @@ class StoreRun {
   std::function<bool(const std::function<bool()> &step)>
       around_step;                 // calls each step of the store; memory may be refused
   size_t padding = 0;              // bytes that make the groups longer
+  bool compresses = false;         // streams
   bool has_added_array = false;    // openings from then on declare another array
   bool marks_backup_only = false;  // the backup is recovered, not the store
 

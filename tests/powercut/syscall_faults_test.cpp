@@ -68,6 +68,16 @@ const Part PARTS[] = {
        run.use_saved();
      },
      [](StoreRun &run) { run.open(); }},
+    // What is not decompressed for want of memory is not damaged, and salvage cuts nothing.
+    {"salvage of compressed files",
+     [](StoreRun &run) {
+       run.compresses = true;
+       run.padding = 2000;
+       make_store(run);
+       run.save();
+       run.use_saved();
+     },
+     [](StoreRun &run) { run.open(TSLB_STORE_CREATE | TSLB_STORE_SALVAGE); }},
     {"recovery with two journals", make_two_journals, [](StoreRun &run) { run.open(); }},
     {"upgrade",
      [](StoreRun &run) {
