@@ -23,8 +23,8 @@ StoreChange::Step erasing(Erasure erasure, uint32_t max_work) {
 
 // Makes all requested changes, and waits until they are durable.
 void make_changes(DatabaseWriter &writer) {
-  for (Ingest::Work work = {.has_changed = false, .has_more = true}; work.has_more;) {
-    work = writer.work();
+  for (bool has_more = true; has_more;) {
+    has_more = writer.work();
     writer.wait(writer.commit());
   }
   writer.settled();
@@ -80,7 +80,7 @@ TEST_F(Erasing, AgreesWithAModel) {
     const bool is_mixed = erasure.range.to_ns < now - 900;
     const uint64_t n_chunks = writer->store().forgotten().chunks;
     const auto change = writer->request(erasing(erasure, is_mixed ? 600 : 100'000));
-    while (writer->work().has_more)
+    while (writer->work())
       if (is_mixed) put_some();
     make_changes(*writer);
     ASSERT_EQ(change->wait(nullptr), "");
@@ -224,7 +224,9 @@ TEST_F(Erasing, InterruptedChangeIsNotMade) {
   ASSERT_EQ(put(writer, "m f=1 1\n"), "");
   const auto change = writer.request(erasing({.series = all_series(writer.store())}, 1'000));
   EXPECT_NE(change->wait([] { return true; }), "");
-  EXPECT_FALSE(writer.work().has_changed);
+  const uint64_t ticket = writer.commit();
+  EXPECT_FALSE(writer.work());
+  EXPECT_EQ(writer.commit(), ticket);
   EXPECT_EQ(writer.store().n_points(), 1u);
 }
 

@@ -149,15 +149,15 @@ IngestResult DatabaseSet::take_for(const std::string &database, std::string_view
     if (found != members_.end()) member = found->second;
   }
   if (!member) throw IngestRefused(fmt::format("database not found: \"{}\"", printable(database)));
-  const IngestResult result = member->writer->take(text, precision);
-  member->has_open_points |= result.points != 0;
-  return result;
+  return member->writer->take(text, precision);
 }
 
 uint64_t DatabaseSet::commit() {
   Batch batch = {last_ticket_ + 1, {}};
-  for (const auto &member : members())
-    if (std::exchange(member->has_open_points, false)) batch.parts.push_back({member, member->writer->commit()});
+  for (const auto &member : members()) {
+    const uint64_t ticket = member->writer->commit();
+    if (std::exchange(member->last_ticket, ticket) != ticket) batch.parts.push_back({member, ticket});
+  }
   if (batch.parts.empty()) return last_ticket_;
   batches_.push_back(std::move(batch));
   return ++last_ticket_;
@@ -194,16 +194,11 @@ std::string DatabaseSet::failure(uint64_t ticket) {
   return all.empty() ? "" : all.front().second;
 }
 
-Ingest::Work DatabaseSet::work() {
+bool DatabaseSet::work() {
   release_dropped();
-  Work all;
-  for (const auto &member : members()) {
-    const Work one = member->writer->work();
-    member->has_open_points |= one.has_changed;
-    all.has_changed |= one.has_changed;
-    all.has_more |= one.has_more;
-  }
-  return all;
+  bool has_more = false;
+  for (const auto &member : members()) has_more |= member->writer->work();
+  return has_more;
 }
 
 std::vector<std::pair<std::string, IngestFigures>> DatabaseSet::figures_of_all() {
@@ -262,7 +257,7 @@ void DatabaseSet::create(const std::string &name, std::optional<int64_t> retain_
 
 // The thread of the Ingest. Whether batches refer to the member.
 bool DatabaseSet::is_in_use(const Member &member) const {
-  return member.has_open_points || std::any_of(batches_.begin(), batches_.end(), [&](const Batch &batch) {
+  return member.writer->has_open_batch() || std::any_of(batches_.begin(), batches_.end(), [&](const Batch &batch) {
            return std::any_of(batch.parts.begin(), batch.parts.end(),
                               [&](const Part &part) { return part.member.get() == &member; });
          });

@@ -44,7 +44,7 @@ class DatabaseSet final : public Ingest {
   uint64_t settled() override;
   std::string failure(uint64_t ticket) override;
   Lost lost(uint64_t ticket) override;
-  Work work() override;
+  bool work() override;
   IngestFigures figures() override { return {}; }
   std::vector<std::pair<std::string, IngestFigures>> figures_of_all() override;
   std::string why_not_writable() override;
@@ -72,8 +72,8 @@ class DatabaseSet final : public Ingest {
   struct Member {
     std::string name;
     std::shared_ptr<DatabaseWriter> writer;
-    bool has_open_points = false;  // the thread of the Ingest
-    bool is_released = false;      // by that thread; with the mutex locked
+    uint64_t last_ticket = 0;  // of the writer, when it was committed; the thread of the Ingest
+    bool is_released = false;  // by that thread; with the mutex locked
   };
   using Members = std::vector<std::shared_ptr<Member>>;
   struct Part {
