@@ -194,10 +194,16 @@ std::string DatabaseSet::failure(uint64_t ticket) {
   return all.empty() ? "" : all.front().second;
 }
 
+// Changes of databases that are being dropped wait: if a drop is interrupted, they are made.
 bool DatabaseSet::work() {
   release_dropped();
+  Members kept;
+  {
+    const std::lock_guard lock(mutex_);
+    for (const auto &[name, member] : members_) kept.push_back(member);
+  }
   bool has_more = false;
-  for (const auto &member : members()) has_more |= member->writer->work();
+  for (const auto &member : kept) has_more |= member->writer->work();
   return has_more;
 }
 
@@ -266,8 +272,8 @@ bool DatabaseSet::is_in_use(const Member &member) const {
 void DatabaseSet::release_dropped() {
   const std::lock_guard lock(mutex_);
   std::erase_if(dropped_, [&](const std::shared_ptr<Member> &member) {
-    member->writer->end_changes("the database is dropped");
     if (is_in_use(*member)) return false;
+    member->writer->end_changes("the database is dropped");
     epoll_ctl(events_, EPOLL_CTL_DEL, member->writer->settled_fd(), nullptr);
     member->is_released = true;
     released_.notify_all();
@@ -290,6 +296,7 @@ void DatabaseSet::drop(const std::string &name, const std::function<bool()> &is_
     if (member->is_released || !is_interrupted || !is_interrupted()) continue;
     std::erase(dropped_, member);
     members_.emplace(name, member);
+    wake();
     throw DatabaseError("interrupted; the database is not dropped");
   }
   // Readers end, because they are interrupted after some time.

@@ -62,7 +62,8 @@ class DatabaseSet final : public Ingest {
   void create(const std::string &name, std::optional<int64_t> retain_ns);
 
   // Removes a database and its folder, after its readers. Lines that are not durable are lost. Does nothing if it does not
-  // exist. Waits for `work`, which another thread calls. Throws DatabaseError, also if is_interrupted returns true.
+  // exist. Waits for `work`, which another thread calls. Throws DatabaseError, also if is_interrupted returns true: then the
+  // database is as before, and the changes that were requested meanwhile are made.
   void drop(const std::string &name, const std::function<bool()> &is_interrupted);
 
   // What was remarkable when the databases were opened, one line; empty if nothing was.
