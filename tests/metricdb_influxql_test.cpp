@@ -324,6 +324,11 @@ TEST(Influxql, Derivatives) {
       // The window before the range gives the first one a value.
       {"SELECT derivative(max(free), 1s) FROM mem WHERE time >= 10s AND time <= 20s GROUP BY time(10s)",
        SERIES(R"("name":"mem","columns":["time","derivative"],"values":[[10,-4],[20,8]])")},
+      // Points before the range that are in its first window count in neither.
+      {"SELECT derivative(max(free), 1s), count(free) FROM mem WHERE time >= 5s AND time <= 20s GROUP BY time(10s)",
+       SERIES(R"("name":"mem","columns":["time","derivative","count"],"values":[[0,null,0],[10,null,1],[20,8,1]])")},
+      {"SELECT derivative(max(load), 1s), count(load) FROM cpu WHERE time >= 15s AND time < 30s GROUP BY time(10s)",
+       SERIES(R"("name":"cpu","columns":["time","derivative","count"],"values":[[10,null,0],[20,-0.3,1]])")},
       // It is not a row of the result.
       {"SELECT derivative(max(free), 1s), max(free) FROM mem WHERE time >= 10s AND time <= 20s GROUP BY time(10s)",
        SERIES(R"("name":"mem","columns":["time","derivative","max"],"values":[[10,-4,60],[20,8,140]])")},
@@ -578,7 +583,7 @@ TEST(Influxql, SummariesOfChunksChangeNoAnswer) {
       for (const char *group : {"", " GROUP BY host", " GROUP BY time(1000s),host", " GROUP BY time(3000s)"})
         for (const char *functions :
              {"count(v),sum(v),mean(v),min(v),max(v),first(v),last(v),spread(v)", "max(v)", "min(v)", "first(v)",
-              "last(v)", "stddev(v),count(v)", "percentile(v,90),sum(v)"}) {
+              "last(v)", "stddev(v),count(v)", "percentile(v,90),sum(v)", "derivative(max(v)),count(v)"}) {
           const std::string text = fmt::format("SELECT {} FROM m{}{}", functions, range, group);
           const InfluxqlRequest request{.text = text, .now_ns = N * SECOND_NS};
           EXPECT_EQ(answer_influxql(source, request, {}).body, answer_influxql(plain, request, {}).body) << text;
