@@ -765,6 +765,25 @@ TEST(Influxql, CsvAnswer) {
             "\nerror\ndatabase not found: x\n");
 }
 
+TEST(Influxql, RefusedStatements) {
+  static const std::pair<const char *, const char *> rows[] = {
+      {"SELECT load FROM cpu", "no reading"},
+      {"SHOW DATABASES", "no reading"},
+      {"CREATE DATABASE x", "no creation"},
+      {"DROP DATABASE x", "no change"},
+      {"DELETE FROM cpu; CREATE DATABASE x", "no change"},
+  };
+  for (const auto &[text, why] : rows) {
+    const InfluxqlRequest request{.text = text,
+                                  .refusal_of_reads = "no reading",
+                                  .refusal_of_creations = "no creation",
+                                  .refusal_of_changes = "no change"};
+    const InfluxqlAnswer answer = answer_influxql(two_hosts(), request, {});
+    EXPECT_TRUE(answer.is_forbidden);
+    EXPECT_EQ(answer.body, fmt::format("{{\"error\":\"{}\"}}\n", why)) << text;
+  }
+}
+
 TEST(Influxql, BadRequests) {
   InfluxqlRequest request{.text = "SHOW DATABASES; SELECT \"a\" FRM cpu"};
   InfluxqlAnswer answer = answer_influxql(two_hosts(), request, {});
