@@ -158,6 +158,24 @@ TEST(LiveErasing, EachReadIsOfOneMoment) {
   EXPECT_EQ(n_faults, 0) << "of " << n_reads;
 }
 
+// An erasure that is given up, here after the first chunk, no longer keeps the chunks of its series from being joined.
+TEST(LiveErasing, GivenUpErasureHoldsNothing) {
+  Store store;
+  store.go_live();
+  const uint32_t series = store.series_of("m f");
+  auto append = [&store, series, ts_ns = int64_t{0}](int n) mutable {
+    for (; n > 0; --n) store.append(series, {ts_ns++, 0.0});
+  };
+  append(3'000);
+  {
+    Erasure erasure = {.series = all_series(store), .range = {5, 5}};
+    ASSERT_FALSE(store.erase_some(erasure, 1));
+  }
+  append(20'000);
+  EXPECT_EQ(store.n_points(), 22'999u);
+  EXPECT_LT(store.record(series).n_sealed(), 30u);
+}
+
 TEST_F(Erasing, RoomComesBack) {
   Store store({.key_slot_bytes = 256, .point_slot_bytes = 2400});
   store.go_live();
