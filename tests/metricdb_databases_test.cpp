@@ -81,6 +81,31 @@ TEST_F(Databases, OtherContentIsRefused) {
   EXPECT_THAT(why_refused(), HasSubstr("notes: is not a database"));
 }
 
+// Each step of the file operations fails once while a database is created, from the last ones in its temporary folder on.
+// Its name stays usable.
+TEST_F(Databases, CreationThatFailsLeavesNothing) {
+  const uint64_t begin = tslb_durable::io_operations();
+  { const DatabaseWriter one(path("one"), live_options()); }
+  const uint64_t n_temporary = tslb_durable::io_operations() - begin;
+  DatabaseSet set(data(), live_options());
+  uint64_t n_failed = 0;
+  bool met_end = false;
+  for (uint64_t k = n_temporary - 2; !met_end; ++k) {
+    ASSERT_LT(k, n_temporary + 100) << "too many steps";
+    const std::string name = fmt::format("d{}", k);
+    const uint64_t before = tslb_durable::io_operations();
+    tslb_durable::fail_at_io(k, ENOSPC);
+    const std::string why = refusal_of([&] { set.create(name, {}); });
+    met_end = tslb_durable::io_operations() - before < k;
+    tslb_durable::fail_at_io(0, 0);
+    n_failed += why.empty() ? 0 : 1;
+    EXPECT_EQ(fs::exists(path("data/" + name)), why.empty()) << why;
+    ASSERT_EQ(refusal_of([&] { set.create(name, {}); }), "") << "after: " << why;
+    put_in(set, {name});
+  }
+  EXPECT_GT(n_failed, 4u);
+}
+
 // A batch without points is not waited for, but keeps a database from being dropped until it has ended, and others wait for
 // its end. A drop that is interrupted changes nothing.
 TEST_F(Databases, EachBatchEndsBeforeADrop) {

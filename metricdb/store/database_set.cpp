@@ -40,11 +40,6 @@ bool is_database_name(std::string_view name) {
   throw DatabaseError(fmt::format("{}: {}", path, std::strerror(error)));
 }
 
-void rename_durably(const std::string &folder, const std::string &from, const std::string &to) {
-  if (rename(from.c_str(), to.c_str()) != 0) fail(from);
-  sync_folder(folder);
-}
-
 // Errors are not important: what is left has a name that no database has, and is removed by the next start.
 void remove_quietly(const std::string &path) {
   std::error_code ignored;
@@ -255,13 +250,28 @@ void DatabaseSet::create(const std::string &name, std::optional<int64_t> retain_
   const std::string fresh = path_of(std::string(NEW_PREFIX) + name);
   remove_quietly(fresh);
   { const DatabaseWriter created(fresh, options); }
-  rename_durably(folder_, fresh, path_of(name));
-  add(name, options);
+  if (rename(fresh.c_str(), path_of(name).c_str()) != 0) fail(fresh);
+  try {
+    sync_folder(folder_);
+    add(name, options);
+  } catch (...) {
+    // Otherwise the name could not be used until the next start.
+    remove_folder(name);
+    throw;
+  }
   wake();
   TSLB_DLOG(LOG_PROGRESS, "%s: created", path_of(name).c_str());
 }
 
-// The thread of the Ingest. Whether batches refer to the member.
+void DatabaseSet::remove_folder(const std::string &name) const {
+  const std::string dropped = path_of(std::string(DROPPED_PREFIX) + name);
+  remove_quietly(dropped);
+  if (rename(path_of(name).c_str(), dropped.c_str()) != 0) fail(path_of(name));
+  sync_folder(folder_);
+  remove_quietly(dropped);
+}
+
+// The thread of the Ingest. Whether a batch is open in the member, which only this thread can end, or batches refer to it.
 bool DatabaseSet::is_in_use(const Member &member) const {
   return member.writer->has_open_batch() || std::any_of(batches_.begin(), batches_.end(), [&](const Batch &batch) {
            return std::any_of(batch.parts.begin(), batch.parts.end(),
@@ -303,10 +313,7 @@ void DatabaseSet::drop(const std::string &name, const std::function<bool()> &is_
   while (member.use_count() > 1 || member->writer.use_count() > 1) released_.wait_for(lock, ASKED_EVERY);
   lock.unlock();
   member.reset();
-  const std::string dropped = path_of(std::string(DROPPED_PREFIX) + name);
-  remove_quietly(dropped);
-  rename_durably(folder_, path_of(name), dropped);
-  remove_quietly(dropped);
+  remove_folder(name);
   TSLB_DLOG(LOG_PROGRESS, "%s: dropped", path_of(name).c_str());
 }
 

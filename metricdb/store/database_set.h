@@ -90,6 +90,7 @@ class DatabaseSet final : public Ingest {
   void lock_folder();
   void open_all();
   void add(const std::string &name, const WriterOptions &options);
+  void remove_folder(const std::string &name) const;
   Members members() const;
   bool is_in_use(const Member &member) const;
   void release_dropped();
