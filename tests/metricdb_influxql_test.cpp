@@ -119,6 +119,9 @@ TEST(Influxql, Integers) {
        SERIES(R"("name":"c","columns":["time","derivative"],"values":[[10,0.2]])")},
       {"SELECT sum(n) FROM c WHERE time >= 0 AND time <= 20s AND host = 'b' GROUP BY time(10s) fill(previous)",
        SERIES(R"("name":"c","columns":["time","sum"],"values":[[0,null],[10,-7],[20,-7]])")},
+      {"SHOW FIELD KEYS WHERE host = 'a' OR host = 'b'",
+       SERIES(R"("name":"c","columns":["fieldKey","fieldType"],"values":[["n","integer"]])")},
+      {"SHOW FIELD KEYS", SERIES(R"("name":"c","columns":["fieldKey","fieldType"],"values":[["n","float"]])")},
   };
   expect_results(counters(), rows);
 }
@@ -588,6 +591,7 @@ TEST(Influxql, SummariesOfChunksChangeNoAnswer) {
           const InfluxqlRequest request{.text = text, .now_ns = N * SECOND_NS};
           EXPECT_EQ(answer_influxql(source, request, {}).body, answer_influxql(plain, request, {}).body) << text;
         }
+    EXPECT_EQ(source.type(*store.find("m,host=a v")), ValueType::integer);
     PointList list;
     source.read(0, {.is_summary_enough = [](int64_t, int64_t) { return true; }}, list);
     n_summaries += list.summaries.size();

@@ -28,6 +28,7 @@ class NoSeries : public SeriesSource {
  public:
   void for_each_series(const SeriesFilter &, const Visit &) const override {}
   void read(uint32_t, const SeriesRead &, PointList &list) const override { list.points.clear(); }
+  std::optional<ValueType> type(uint32_t) const override { return std::nullopt; }
 };
 
 // One source, whatever the name. Nothing can be changed.
