@@ -81,6 +81,62 @@ TEST_F(Databases, OtherContentIsRefused) {
   EXPECT_THAT(why_refused(), HasSubstr("notes: is not a database"));
 }
 
+// Each step of the file operations fails once while a database is created, from the last ones in its temporary folder on.
+// Its name stays usable.
+TEST_F(Databases, CreationThatFailsLeavesNothing) {
+  const uint64_t begin = tslb_durable::io_operations();
+  { const DatabaseWriter one(path("one"), live_options()); }
+  const uint64_t n_temporary = tslb_durable::io_operations() - begin;
+  DatabaseSet set(data(), live_options());
+  uint64_t n_failed = 0;
+  bool met_end = false;
+  for (uint64_t k = n_temporary - 2; !met_end; ++k) {
+    ASSERT_LT(k, n_temporary + 100) << "too many steps";
+    const std::string name = fmt::format("d{}", k);
+    const uint64_t before = tslb_durable::io_operations();
+    tslb_durable::fail_at_io(k, ENOSPC);
+    const std::string why = refusal_of([&] { set.create(name, {}); });
+    met_end = tslb_durable::io_operations() - before < k;
+    tslb_durable::fail_at_io(0, 0);
+    n_failed += why.empty() ? 0 : 1;
+    EXPECT_EQ(fs::exists(path("data/" + name)), why.empty()) << why;
+    ASSERT_EQ(refusal_of([&] { set.create(name, {}); }), "") << "after: " << why;
+    put_in(set, {name});
+  }
+  EXPECT_GT(n_failed, 4u);
+}
+
+// A batch without points is not waited for, but keeps a database from being dropped until it has ended, and others wait for
+// its end. A drop that is interrupted changes nothing.
+TEST_F(Databases, EachBatchEndsBeforeADrop) {
+  DatabaseSet set(data(), live_options());
+  for (const char *const name : {"a", "b"}) set.create(name, {});
+  put_in(set, {"a", "b"});
+  for (const char *const text : {"m f=1 7", "nonsense"}) {
+    SCOPED_TRACE(text);
+    set.take_for("a", text, Precision::ns);
+    const auto change = set.find("a")->request([](Store &) { return true; });
+    std::atomic<bool> is_interrupted = false;
+    std::string refusal;
+    std::thread dropping([&] { refusal = refusal_of([&] { set.drop("a", [&] { return is_interrupted.load(); }); }); });
+    while (set.has("a")) std::this_thread::yield();
+    set.work();
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    is_interrupted = true;
+    dropping.join();
+    EXPECT_THAT(refusal, HasSubstr("interrupted"));
+    ASSERT_TRUE(set.has("a"));
+    set.work();
+    const uint64_t ticket = set.commit();
+    while (set.settled() < ticket) std::this_thread::yield();
+    EXPECT_EQ(change->wait([] { return true; }), "") << "a change was not made after the interrupted drop";
+  }
+  const uint64_t ticket = set.commit();
+  set.take_for("a", "nonsense", Precision::ns);
+  EXPECT_EQ(set.commit(), ticket);
+  EXPECT_EQ(refusal_of([&] { set.find("a")->backup(path("backup")); }), "");
+}
+
 // A thread writes to two databases, and does what is requested, while others are created, read and dropped.
 TEST_F(Databases, ComeAndGoBesideWritesAndReads) {
   constexpr int N_ROUNDS = 12;

@@ -23,8 +23,8 @@ StoreChange::Step erasing(Erasure erasure, uint32_t max_work) {
 
 // Makes all requested changes, and waits until they are durable.
 void make_changes(DatabaseWriter &writer) {
-  for (Ingest::Work work = {.has_changed = false, .has_more = true}; work.has_more;) {
-    work = writer.work();
+  for (bool has_more = true; has_more;) {
+    has_more = writer.work();
     writer.wait(writer.commit());
   }
   writer.settled();
@@ -80,7 +80,7 @@ TEST_F(Erasing, AgreesWithAModel) {
     const bool is_mixed = erasure.range.to_ns < now - 900;
     const uint64_t n_chunks = writer->store().forgotten().chunks;
     const auto change = writer->request(erasing(erasure, is_mixed ? 600 : 100'000));
-    while (writer->work().has_more)
+    while (writer->work())
       if (is_mixed) put_some();
     make_changes(*writer);
     ASSERT_EQ(change->wait(nullptr), "");
@@ -158,6 +158,24 @@ TEST(LiveErasing, EachReadIsOfOneMoment) {
   EXPECT_EQ(n_faults, 0) << "of " << n_reads;
 }
 
+// An erasure that is given up, here after the first chunk, no longer keeps the chunks of its series from being joined.
+TEST(LiveErasing, GivenUpErasureHoldsNothing) {
+  Store store;
+  store.go_live();
+  const uint32_t series = store.series_of("m f");
+  auto append = [&store, series, ts_ns = int64_t{0}](int n) mutable {
+    for (; n > 0; --n) store.append(series, {ts_ns++, 0.0});
+  };
+  append(3'000);
+  {
+    Erasure erasure = {.series = all_series(store), .range = {5, 5}};
+    ASSERT_FALSE(store.erase_some(erasure, 1));
+  }
+  append(20'000);
+  EXPECT_EQ(store.n_points(), 22'999u);
+  EXPECT_LT(store.record(series).n_sealed(), 30u);
+}
+
 TEST_F(Erasing, RoomComesBack) {
   Store store({.key_slot_bytes = 256, .point_slot_bytes = 2400});
   store.go_live();
@@ -224,7 +242,9 @@ TEST_F(Erasing, InterruptedChangeIsNotMade) {
   ASSERT_EQ(put(writer, "m f=1 1\n"), "");
   const auto change = writer.request(erasing({.series = all_series(writer.store())}, 1'000));
   EXPECT_NE(change->wait([] { return true; }), "");
-  EXPECT_FALSE(writer.work().has_changed);
+  const uint64_t ticket = writer.commit();
+  EXPECT_FALSE(writer.work());
+  EXPECT_EQ(writer.commit(), ticket);
   EXPECT_EQ(writer.store().n_points(), 1u);
 }
 

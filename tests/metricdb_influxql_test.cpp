@@ -119,6 +119,9 @@ TEST(Influxql, Integers) {
        SERIES(R"("name":"c","columns":["time","derivative"],"values":[[10,0.2]])")},
       {"SELECT sum(n) FROM c WHERE time >= 0 AND time <= 20s AND host = 'b' GROUP BY time(10s) fill(previous)",
        SERIES(R"("name":"c","columns":["time","sum"],"values":[[0,null],[10,-7],[20,-7]])")},
+      {"SHOW FIELD KEYS WHERE host = 'a' OR host = 'b'",
+       SERIES(R"("name":"c","columns":["fieldKey","fieldType"],"values":[["n","integer"]])")},
+      {"SHOW FIELD KEYS", SERIES(R"("name":"c","columns":["fieldKey","fieldType"],"values":[["n","float"]])")},
   };
   expect_results(counters(), rows);
 }
@@ -324,6 +327,11 @@ TEST(Influxql, Derivatives) {
       // The window before the range gives the first one a value.
       {"SELECT derivative(max(free), 1s) FROM mem WHERE time >= 10s AND time <= 20s GROUP BY time(10s)",
        SERIES(R"("name":"mem","columns":["time","derivative"],"values":[[10,-4],[20,8]])")},
+      // Points before the range that are in its first window count in neither.
+      {"SELECT derivative(max(free), 1s), count(free) FROM mem WHERE time >= 5s AND time <= 20s GROUP BY time(10s)",
+       SERIES(R"("name":"mem","columns":["time","derivative","count"],"values":[[0,null,0],[10,null,1],[20,8,1]])")},
+      {"SELECT derivative(max(load), 1s), count(load) FROM cpu WHERE time >= 15s AND time < 30s GROUP BY time(10s)",
+       SERIES(R"("name":"cpu","columns":["time","derivative","count"],"values":[[10,null,0],[20,-0.3,1]])")},
       // It is not a row of the result.
       {"SELECT derivative(max(free), 1s), max(free) FROM mem WHERE time >= 10s AND time <= 20s GROUP BY time(10s)",
        SERIES(R"("name":"mem","columns":["time","derivative","max"],"values":[[10,-4,60],[20,8,140]])")},
@@ -578,11 +586,12 @@ TEST(Influxql, SummariesOfChunksChangeNoAnswer) {
       for (const char *group : {"", " GROUP BY host", " GROUP BY time(1000s),host", " GROUP BY time(3000s)"})
         for (const char *functions :
              {"count(v),sum(v),mean(v),min(v),max(v),first(v),last(v),spread(v)", "max(v)", "min(v)", "first(v)",
-              "last(v)", "stddev(v),count(v)", "percentile(v,90),sum(v)"}) {
+              "last(v)", "stddev(v),count(v)", "percentile(v,90),sum(v)", "derivative(max(v)),count(v)"}) {
           const std::string text = fmt::format("SELECT {} FROM m{}{}", functions, range, group);
           const InfluxqlRequest request{.text = text, .now_ns = N * SECOND_NS};
           EXPECT_EQ(answer_influxql(source, request, {}).body, answer_influxql(plain, request, {}).body) << text;
         }
+    EXPECT_EQ(source.type(*store.find("m,host=a v")), ValueType::integer);
     PointList list;
     source.read(0, {.is_summary_enough = [](int64_t, int64_t) { return true; }}, list);
     n_summaries += list.summaries.size();
@@ -758,6 +767,25 @@ TEST(Influxql, CsvAnswer) {
             "\nname,tags,tagKey\ncpu,,host\ncpu,,zone\n"
             "\nname,tags,time,x\n\"a,\"\"b\"\"\",\"k=v\\,w\",5,1000000000000000000000\n"
             "\nerror\ndatabase not found: x\n");
+}
+
+TEST(Influxql, RefusedStatements) {
+  static const std::pair<const char *, const char *> rows[] = {
+      {"SELECT load FROM cpu", "no reading"},
+      {"SHOW DATABASES", "no reading"},
+      {"CREATE DATABASE x", "no creation"},
+      {"DROP DATABASE x", "no change"},
+      {"DELETE FROM cpu; CREATE DATABASE x", "no change"},
+  };
+  for (const auto &[text, why] : rows) {
+    const InfluxqlRequest request{.text = text,
+                                  .refusal_of_reads = "no reading",
+                                  .refusal_of_creations = "no creation",
+                                  .refusal_of_changes = "no change"};
+    const InfluxqlAnswer answer = answer_influxql(two_hosts(), request, {});
+    EXPECT_TRUE(answer.is_forbidden);
+    EXPECT_EQ(answer.body, fmt::format("{{\"error\":\"{}\"}}\n", why)) << text;
+  }
 }
 
 TEST(Influxql, BadRequests) {

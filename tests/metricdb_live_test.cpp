@@ -185,12 +185,14 @@ TEST(LiveReading, NumberOfAForgottenSeriesReadsNothing) {
   const std::vector<Point> &points = list.points;
   source.read(number, {}, list);
   EXPECT_EQ(points.size(), 1u);
+  EXPECT_EQ(source.type(number), ValueType::real);
   store.add("m,a=2 f", {100, 2.0});
   store.sweep();
   store.add("m,a=3 f", {100, 3.0});
   ASSERT_EQ(store.find("m,a=3 f"), number) << "the slot was not taken again";
   source.read(number, {}, list);
   EXPECT_EQ(points.size(), 0u);
+  EXPECT_EQ(source.type(number), std::nullopt);
 }
 
 // Points out of order, some of them at the same time or not numbers, in ranges that cut chunks.

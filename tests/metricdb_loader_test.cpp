@@ -162,6 +162,13 @@ TEST(RepeatedPoints, TheLastValueOfATimeWins) {
   for (int i = 0; i < 2; ++i) load_once(store, loader, "s f=7 3\ns f=3 3\ns f=8 3\n");
   EXPECT_EQ(store.record(*store.find("s f")).n_points(), 301u);
   EXPECT_TRUE(content_of(store).at("s f").ends_with("299@299 8@3 ")) << content_of(store).at("s f");
+  // Older points in later chunks hide no point.
+  for (const int from : {5'000, 0, 5'000, 0}) {
+    text.clear();
+    for (int i = from; i < from + 4'500; ++i) text += fmt::format("t f={} {}\n", i, i);
+    load_once(store, loader, text);
+  }
+  EXPECT_EQ(store.record(*store.find("t f")).n_points(), 9'000u);
 }
 
 // With a retention the chunks that were examined are deleted, and their memory is used again.

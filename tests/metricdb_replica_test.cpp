@@ -126,7 +126,7 @@ void drop(DatabaseWriter &writer, const std::string &name) {
         filter, [&](uint32_t series, const SeriesName &) { erasure.series.push_back(source.live_series(series)); });
     change = writer.request([erasure](Store &changed) mutable { return changed.erase_some(erasure, MAX_WORK); });
   });
-  while (writer.work().has_more) writer.wait(writer.commit());
+  while (writer.work()) writer.wait(writer.commit());
   writer.wait(writer.commit());
 }
 

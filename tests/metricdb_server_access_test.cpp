@@ -60,8 +60,8 @@ TEST_F(Users, FilesThatAreRefused) {
 TEST_F(Users, RequestsNeedAUserWithTheRight) {
   ServerOptions options = {.influx_port = 0, .graphite_port = {}, .user_file = write_users(three_users())};
   options.query = [](const QueryRequest &request, const IsInterrupted &) {
-    const bool is_change = request.text.starts_with("create");
-    const bool is_refused = !(is_change ? request.refusal_of_changes : request.refusal_of_reads).empty();
+    const bool is_creation = request.text.starts_with("create");
+    const bool is_refused = !(is_creation ? request.refusal_of_creations : request.refusal_of_reads).empty();
     return QueryAnswer{is_refused ? HTTP_STATUS_FORBIDDEN : HTTP_STATUS_OK, "", "1"};
   };
   RunningServer server(options);
@@ -95,8 +95,8 @@ TEST_F(Users, RequestsNeedAUserWithTheRight) {
       SCOPED_TRACE(row.fault);
       EXPECT_EQ(ask(peer, post("m f=1 5", "db=x" + row.arguments, row.headers)), row.write);
       EXPECT_EQ(ask(peer, get_with("/query?q=SELECT" + row.arguments, row.headers)), row.query);
-      EXPECT_EQ(ask(peer, "POST /query?q=create+database+x" + row.arguments + " HTTP/1.1\r\nContent-Length: 0\r\n" +
-                              row.headers + "\r\n"),
+      EXPECT_EQ(ask(peer, (round == 0 ? "POST" : "GET") + (" /query?q=create+database+x" + row.arguments) +
+                              " HTTP/1.1\r\nContent-Length: 0\r\n" + row.headers + "\r\n"),
                 row.creation);
       EXPECT_EQ(ask(peer, get_with("/metrics?" + row.arguments, row.headers)), row.query);
       EXPECT_EQ(ask(peer, get_with("/ping", row.headers)), 204);

@@ -48,6 +48,7 @@ TEST(Influx, AnswersToRequests) {
     EXPECT_TRUE(body_of(answer).empty() || nlohmann::json::accept(body_of(answer))) << answer;
     points += row.points;
     EXPECT_EQ(server.ingest().points().size(), points);
+    ASSERT_TRUE(wait_until([&] { return !server.ingest().is_open(); })) << "the batch stays open";
     pipeline += row.request;
   }
   EXPECT_EQ(server.counters().requests, std::size(rows));

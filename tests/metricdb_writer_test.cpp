@@ -184,7 +184,9 @@ TEST_F(Writer, RetentionByTheClock) {
         store.set_forgetting({.retain_ns = retain_ns});
         return true;
       });
-      EXPECT_TRUE(writer.work().has_changed);
+      const uint64_t ticket = writer.commit();
+      writer.work();
+      EXPECT_GT(writer.commit(), ticket);
       writer.wait(writer.commit());
       writer.settled();
       EXPECT_EQ(change->wait(nullptr), "");

@@ -184,6 +184,7 @@ QueryAnswer answer_query(const Served *served, DatabaseNames &names, const Query
                                  .now_ns = request.now_ns.value_or(now_ns()),
                                  .database = request.database,
                                  .refusal_of_reads = request.refusal_of_reads,
+                                 .refusal_of_creations = request.refusal_of_creations,
                                  .refusal_of_changes = request.refusal_of_changes,
                                  .is_interrupted = is_interrupted,
                                  .n_threads = std::thread::hardware_concurrency()};

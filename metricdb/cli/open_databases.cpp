@@ -91,7 +91,7 @@ void OpenDatabases::set_retention(const std::string &database, int64_t retention
 std::string OnlyDatabase::await(DatabaseWriter &writer, StoreChange &change) const {
   if (!is_own_) return OpenDatabases::await(writer, change);
   for (bool has_more = true; has_more;) {
-    has_more = writer.work().has_more;
+    has_more = writer.work();
     // What is refused fails the change, too.
     writer.wait(writer.commit());
   }

@@ -52,7 +52,6 @@ IngestResult Hub::take(const std::string &database, std::string_view text, Preci
   future.add(result.future);
   no_room.add(result.no_room);
   if (result.points == 0) return result;
-  has_open_points = true;
   unanswered_bytes += text.size();
   open_bytes += text.size();
   return result;

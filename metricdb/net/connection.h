@@ -69,7 +69,6 @@ struct Hub {
   Clock::time_point now;        // the time of the current round
   size_t unanswered_bytes = 0;  // passed to the Ingest and not settled
   size_t open_bytes = 0;        // of these, not committed yet
-  bool has_open_points = false;
   QueryWorkers queries;
   QueryWorkers backups;                         // not interrupted; one is written, and one can wait
   QueryWorkers promotions;                      // the same

@@ -269,7 +269,8 @@ RoutedRequest InfluxApi::query(const HttpRequest &request, std::string_view argu
   if (std::from_chars(now.data(), now.data() + now.size(), now_ns).ec == std::errc()) query.now_ns = now_ns;
   query.database = value_of("db").value_or("");
   query.refusal_of_reads = refusal(request, arguments, Right::read);
-  query.refusal_of_changes = request.method == HTTP_POST ? refusal(request, arguments, Right::write)
+  query.refusal_of_creations = refusal(request, arguments, Right::write);
+  query.refusal_of_changes = request.method == HTTP_POST ? query.refusal_of_creations
                                                          : "a statement that changes the database needs a POST request";
   return query;
 }

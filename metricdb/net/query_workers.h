@@ -33,8 +33,8 @@ struct QueryRequest {
   bool is_partial = false;        // for a client that asks several servers
   std::optional<int64_t> now_ns;  // the value of now(); none: this server's
   std::string database;           // of statements that name none
-  // Why statements that only read, and those that change a database, are refused; empty: they are not.
-  std::string refusal_of_reads = {}, refusal_of_changes = {};
+  // As in InfluxqlRequest.
+  std::string refusal_of_reads = {}, refusal_of_creations = {}, refusal_of_changes = {};
 };
 
 struct QueryAnswer {

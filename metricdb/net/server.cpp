@@ -121,6 +121,7 @@ class Server::Loop {
   Fds waiting_;       // for the Ingest
   Fds held_;          // by limits that other connections can cause
   std::deque<Batch> batches_;
+  uint64_t last_ticket_ = 0;
   std::map<std::string, IngestFigures> figures_;  // by database, when snapshots were logged
   bool is_settled_readable_ = false;
   bool has_query_answers_ = false;
@@ -379,21 +380,18 @@ bool Server::Loop::close_stalled() {
 void Server::Loop::work() {
   has_more_work_ = false;
   if (hub_.ingest == nullptr || batches_.size() >= MAX_BATCHES_OF_WORK) return;
-  const Ingest::Work work = hub_.ingest->work();
-  has_more_work_ = work.has_more;
-  hub_.has_open_points |= work.has_changed;
+  has_more_work_ = hub_.ingest->work();
 }
 
 void Server::Loop::commit() {
-  if (hub_.has_open_points) {
-    const uint64_t ticket = hub_.ingest->commit();
+  const uint64_t ticket = hub_.ingest == nullptr ? 0 : hub_.ingest->commit();
+  if (std::exchange(last_ticket_, ticket) != ticket) {
     batches_.push_back({ticket, hub_.open_bytes, Clock::now()});
     for (const int fd : ingested_)
       if (const auto &connection = places_[static_cast<size_t>(fd)].connection) connection->committed(ticket);
     if (nats_) nats_->committed(ticket);
   }
   ingested_.clear();
-  hub_.has_open_points = false;
   hub_.open_bytes = 0;
 }
 

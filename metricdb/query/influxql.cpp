@@ -28,6 +28,7 @@ class NoSeries : public SeriesSource {
  public:
   void for_each_series(const SeriesFilter &, const Visit &) const override {}
   void read(uint32_t, const SeriesRead &, PointList &list) const override { list.points.clear(); }
+  std::optional<ValueType> type(uint32_t) const override { return std::nullopt; }
 };
 
 // One source, whatever the name. Nothing can be changed.
@@ -152,6 +153,18 @@ void answer_partially(InfluxqlDatabases &databases, const InfluxqlRequest &reque
   answer.body = influxql::bytes_of(all);
 }
 
+const std::string &refusal_of(const influxql::Statement &statement, const InfluxqlRequest &request) {
+  switch (influxql::need_of(statement)) {
+    case influxql::Need::writing:
+      return request.refusal_of_creations;
+    case influxql::Need::changing:
+      return request.refusal_of_changes;
+    case influxql::Need::reading:
+      break;
+  }
+  return request.refusal_of_reads;
+}
+
 // Returns the statements of a request; nothing if one is not valid or refused, and the answer says so.
 std::optional<std::vector<influxql::Statement>> admitted_statements(const InfluxqlRequest &request,
                                                                     InfluxqlAnswer &answer) {
@@ -165,7 +178,7 @@ std::optional<std::vector<influxql::Statement>> admitted_statements(const Influx
     return std::nullopt;
   }
   for (const influxql::Statement &statement : statements) {
-    const std::string &refusal = influxql::is_change(statement) ? request.refusal_of_changes : request.refusal_of_reads;
+    const std::string &refusal = refusal_of(statement, request);
     if (refusal.empty()) continue;
     answer.is_forbidden = true;
     answer.body = influxql::error_text(request, refusal);
@@ -226,7 +239,9 @@ InfluxqlAnswer answer_influxql(const SeriesSource &source, const InfluxqlRequest
 bool changes_databases(const std::string &text) {
   try {
     const auto statements = influxql::parse_statements(text, 0);
-    return std::any_of(statements.begin(), statements.end(), influxql::is_change);
+    return std::any_of(statements.begin(), statements.end(), [](const influxql::Statement &statement) {
+      return influxql::need_of(statement) == influxql::Need::changing;
+    });
   } catch (const influxql::BadStatement &) {
     return false;
   }

@@ -23,9 +23,9 @@ struct InfluxqlRequest {
   size_t chunk_size = 10000;  // at least 1
   int64_t now_ns = 0;         // value of now()
   std::string database = {};  // of statements that name none
-  // Why statements that only read, and those that change a database, are refused; empty: they are not. If one of the
-  // statements is refused, none is executed.
-  std::string refusal_of_reads = {}, refusal_of_changes = {};
+  // Why statements that only read, CREATE DATABASE, and those that change a database, are refused; empty: they are not. If
+  // one of the statements is refused, none is executed.
+  std::string refusal_of_reads = {}, refusal_of_creations = {}, refusal_of_changes = {};
   // Asked again and again, on any thread of the query, at least for each sealed chunk that is read. If it returns true the
   // statement fails with "query interrupted", and the others are not executed. None: nothing interrupts a query.
   std::function<bool()> is_interrupted = {};

@@ -87,9 +87,12 @@ std::string database_of(const Statement &statement, const std::string &default_n
   return found.empty() ? default_name : found;
 }
 
-bool is_change(const Statement &statement) {
-  return std::holds_alternative<EraseStatement>(statement) || std::holds_alternative<RetentionStatement>(statement) ||
-         std::holds_alternative<DropDatabaseStatement>(statement);
+Need need_of(const Statement &statement) {
+  if (std::holds_alternative<CreateDatabaseStatement>(statement)) return Need::writing;
+  const bool is_change = std::holds_alternative<EraseStatement>(statement) ||
+                         std::holds_alternative<RetentionStatement>(statement) ||
+                         std::holds_alternative<DropDatabaseStatement>(statement);
+  return is_change ? Need::changing : Need::reading;
 }
 
 bool is_about_series(const Statement &statement) {

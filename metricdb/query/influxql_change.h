@@ -14,8 +14,13 @@ namespace metricdb::influxql {
 // is more than one.
 std::string database_of(const Statement &statement, const std::string &default_name);
 
-// Whether the statement must not be executed for a request that only reads. CREATE DATABASE may be: agents send it so.
-bool is_change(const Statement &statement);
+// What a request needs so that the statement is executed.
+enum class Need {
+  reading,
+  writing,   // CREATE DATABASE, which agents also send with GET
+  changing,  // as `writing`, and a method that does not only read
+};
+Need need_of(const Statement &statement);
 
 // Whether `execute` answers the statement from the series of a database.
 bool is_about_series(const Statement &statement);

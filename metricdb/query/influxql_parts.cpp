@@ -83,6 +83,12 @@ class PartsSource : public SeriesSource {
                      [](const Point &a, const Point &b) { return a.ts_ns < b.ts_ns; });
   }
 
+  std::optional<ValueType> type(uint32_t series) const override {
+    const auto is_integer = [](const SeriesPart *part) { return part->points.type == ValueType::integer; };
+    const auto &parts = series_[series];
+    return std::all_of(parts.begin(), parts.end(), is_integer) ? ValueType::integer : ValueType::real;
+  }
+
   const AggregatedSeries *aggregated(uint32_t series) const override {
     const AggregatedSeries &aggregated = series_[series][0]->aggregated;
     return aggregated.aggregations.empty() ? nullptr : &aggregated;
@@ -105,8 +111,13 @@ std::vector<SeriesPart> parts_of(const Environment &environment, const Statement
   const auto &show = std::get<ShowStatement>(statement);
   check_database(environment, show.database);
   std::vector<SeriesPart> parts;
-  for_each_matching(environment, show.sources, show.condition, {},
-                    [&](uint32_t, const SeriesName &name) { parts.push_back({name}); });
+  std::vector<uint32_t> numbers;
+  for_each_matching(environment, show.sources, show.condition, {}, [&](uint32_t series, const SeriesName &name) {
+    parts.push_back({name});
+    numbers.push_back(series);
+  });
+  for (size_t i = 0; show.shown == Shown::field_keys && i < parts.size(); ++i)
+    parts[i].points.type = environment.source.type(numbers[i]).value_or(ValueType::integer);
   return parts;
 }
 

@@ -42,9 +42,10 @@ struct WindowPlan {
   const Selection &selection;
   const Group &group;
   WindowGrid grid;
-  int64_t from_ns;             // of the points that are read
-  size_t n_cells_max;          // of a part
-  std::atomic<size_t> n_kept;  // points of percentiles in all parts
+  int64_t from_ns;         // of the points that are read
+  int64_t gap_from_ns;     // the beginning of the range's first window; points from here to the range are left out
+  size_t n_cells_max = 0;  // of a part
+  std::atomic<size_t> n_kept = 0;  // points of percentiles in all parts
 };
 
 // A part would have more windows than it may. Then there are no parts.
@@ -65,6 +66,7 @@ class WindowPart {
     }
     read_points(selection.environment, member, plan_.from_ns, selection.to_ns, list_, wanted_of(member),
                 summaries_of(member));
+    leave_gap();
     if (list_.is_empty()) return;
     cover_list();
     std::vector<Aggregation *> of_integers, of_reals;
@@ -112,6 +114,14 @@ class WindowPart {
   std::vector<Aggregation> &aggregations() { return aggregations_; }
 
  private:
+  // Leaves out the points before the range that are in its first window.
+  void leave_gap() {
+    const auto is_before = [](const Point &point, int64_t ts_ns) { return point.ts_ns < ts_ns; };
+    std::vector<Point> &points = list_.points;
+    const auto begin = std::lower_bound(points.begin(), points.end(), plan_.gap_from_ns, is_before);
+    points.erase(begin, std::lower_bound(begin, points.end(), plan_.selection.from_ns, is_before));
+  }
+
   void add_aggregated(const std::string &field, const AggregatedSeries &added) {
     cover(added.first_number, added.first_number + static_cast<int64_t>(added.aggregations[0].n_windows() - 1));
     const auto at = static_cast<size_t>(added.first_number - first_number_);
@@ -163,8 +173,9 @@ class WindowPart {
   std::function<bool(int64_t, int64_t)> summaries_of(const FoundSeries &member) const {
     for (size_t i = 0; i < aggregations_.size(); ++i)
       if (plan_.selection.columns.leaves[i].name == member.name.field && !aggregations_[i].takes_summaries()) return {};
-    return [&grid = plan_.grid](int64_t oldest_ns, int64_t newest_ns) {
-      return grid.number_of(oldest_ns) == grid.number_of(newest_ns);
+    return [&plan = plan_](int64_t oldest_ns, int64_t newest_ns) {
+      return plan.grid.number_of(oldest_ns) == plan.grid.number_of(newest_ns) &&
+             (oldest_ns >= plan.selection.from_ns || newest_ns < plan.gap_from_ns);
     };
   }
 
@@ -190,16 +201,22 @@ class WindowSelector {
  public:
   WindowSelector(const Selection &selection, const Group &group)
       : selection_(selection),
-        plan_{selection, group, {selection.select.every_ns, selection.select.offset_ns}, selection.from_ns, 0, 0},
+        plan_{selection,
+              group,
+              {selection.select.every_ns, selection.select.offset_ns},
+              selection.from_ns,
+              selection.from_ns},
         all_(plan_) {
     const bool has_derivative = std::any_of(selection.columns.leaves.begin(), selection.columns.leaves.end(),
                                             [](const Leaf &leaf) { return leaf.derivative.has_value(); });
     // A derivative has a value in the first window if there is one before it.
     if (has_derivative && selection.select.range.from_ns &&
-        !__builtin_sub_overflow(selection.from_ns, selection.select.every_ns, &plan_.from_ns))
+        !__builtin_sub_overflow(selection.from_ns, selection.select.every_ns, &plan_.from_ns)) {
       n_extra_ = 1;
-    else
+      plan_.gap_from_ns = plan_.grid.begin_of(plan_.grid.number_of(selection.from_ns));
+    } else {
       plan_.from_ns = selection.from_ns;
+    }
   }
 
   void select(ResultSeries &result) {

@@ -92,11 +92,26 @@ void add_rows(const ShowStatement &show, const SeriesName &name, Listing &listin
         if (show.key->admits(tag)) listing.add(name.measurement, {tag, value});
       break;
     case Shown::field_keys:
-      listing.add(name.measurement, {name.field, "float"});
-      break;
     case Shown::databases:
     case Shown::retention_policies:
       break;
+  }
+}
+
+// A field is an integer if it is one in all its series: a statement over series of both types computes with floats.
+void add_field_keys(const Environment &environment, const ShowStatement &show, Listing &listing) {
+  std::map<std::pair<std::string, std::string>, std::vector<uint32_t>> fields;
+  for_each_matching(environment, show.sources, show.condition, std::nullopt,
+                    [&](uint32_t series, const SeriesName &name) {
+                      fields[{name.measurement, name.field}].push_back(series);
+                    });
+  for (const auto &[name, all_series] : fields) {
+    check_interruption(environment);
+    // A series that is gone has no type.
+    const bool is_integer = std::all_of(all_series.begin(), all_series.end(), [&](uint32_t series) {
+      return environment.source.type(series).value_or(ValueType::integer) == ValueType::integer;
+    });
+    listing.add(name.first, {name.second, is_integer ? "integer" : "float"});
   }
 }
 
@@ -125,6 +140,10 @@ std::vector<ResultSeries> execute_show(const Environment &environment, const Sho
   }
   check_database(environment, show.database);
   Listing listing(environment.limits.n_cells);
+  if (show.shown == Shown::field_keys) {
+    add_field_keys(environment, show, listing);
+    return listing.tables(show, columns_of(show.shown));
+  }
   for_each_matching(environment, show.sources, show.condition, std::nullopt,
                     [&](uint32_t, const SeriesName &name) { add_rows(show, name, listing); });
   return listing.tables(show, columns_of(show.shown));

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <vector>
 
 #include "codec/point.h"
@@ -39,6 +40,9 @@ class SeriesSource {
   // Sets `list` to the visible points of a series, in order of time; points with the same time stay in order of arrival.
   // Empty if the series does not exist any more. Threads: any number at a time, while none visits series.
   virtual void read(uint32_t series, const SeriesRead &what, PointList &list) const = 0;
+
+  // Nothing if the series does not exist any more. Threads: as for `read`.
+  virtual std::optional<ValueType> type(uint32_t series) const = 0;
 
   // Null, or what the points of the series were aggregated to. Then the series is not read. Threads: as for `read`.
   virtual const influxql::AggregatedSeries *aggregated(uint32_t /*series*/) const { return nullptr; }

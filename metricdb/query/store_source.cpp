@@ -21,17 +21,23 @@ void StoreSource::read(uint32_t series, const SeriesRead &what, PointList &list)
   if (what.is_newest_enough && !has_newest) read_as(LiveRead::all, series, what, list);
 }
 
-void StoreSource::read_as(LiveRead how, uint32_t series, const SeriesRead &what, PointList &list) const {
+std::optional<ValueType> StoreSource::type(uint32_t series) const {
+  PointList list;
+  return read_as(LiveRead::type, series, {}, list) ? std::optional(list.type) : std::nullopt;
+}
+
+bool StoreSource::read_as(LiveRead how, uint32_t series, const SeriesRead &what, PointList &list) const {
   list.points.clear();
   list.summaries.clear();
   const auto stamp = stamps_.find(series);
-  if (stamp == stamps_.end()) return;
-  read_live(store_, {series, stamp->second}, {what.from_ns, what.to_ns}, list, how, what.goes_on,
-            what.is_summary_enough);
+  if (stamp == stamps_.end()) return false;
+  const bool is_there = read_live(store_, {series, stamp->second}, {what.from_ns, what.to_ns}, list, how, what.goes_on,
+                                  what.is_summary_enough);
   std::vector<Point> &points = list.points;
   const auto is_earlier = [](const Point &a, const Point &b) { return a.ts_ns < b.ts_ns; };
   if (!std::is_sorted(points.begin(), points.end(), is_earlier))
     std::stable_sort(points.begin(), points.end(), is_earlier);
+  return is_there;
 }
 
 }  // namespace metricdb

@@ -16,12 +16,13 @@ class StoreSource : public SeriesSource {
 
   void for_each_series(const SeriesFilter &filter, const Visit &visit) const override;
   void read(uint32_t series, const SeriesRead &what, PointList &list) const override;
+  std::optional<ValueType> type(uint32_t series) const override;
 
   // Of a number that was visited.
   LiveSeries live_series(uint32_t series) const { return {series, stamps_.at(series)}; }
 
  private:
-  void read_as(LiveRead how, uint32_t series, const SeriesRead &what, PointList &list) const;
+  bool read_as(LiveRead how, uint32_t series, const SeriesRead &what, PointList &list) const;
 
   const Store &store_;
   mutable std::unordered_map<uint32_t, uint32_t> stamps_;  // of the series that were visited

@@ -40,11 +40,6 @@ bool is_database_name(std::string_view name) {
   throw DatabaseError(fmt::format("{}: {}", path, std::strerror(error)));
 }
 
-void rename_durably(const std::string &folder, const std::string &from, const std::string &to) {
-  if (rename(from.c_str(), to.c_str()) != 0) fail(from);
-  sync_folder(folder);
-}
-
 // Errors are not important: what is left has a name that no database has, and is removed by the next start.
 void remove_quietly(const std::string &path) {
   std::error_code ignored;
@@ -149,15 +144,15 @@ IngestResult DatabaseSet::take_for(const std::string &database, std::string_view
     if (found != members_.end()) member = found->second;
   }
   if (!member) throw IngestRefused(fmt::format("database not found: \"{}\"", printable(database)));
-  const IngestResult result = member->writer->take(text, precision);
-  member->has_open_points |= result.points != 0;
-  return result;
+  return member->writer->take(text, precision);
 }
 
 uint64_t DatabaseSet::commit() {
   Batch batch = {last_ticket_ + 1, {}};
-  for (const auto &member : members())
-    if (std::exchange(member->has_open_points, false)) batch.parts.push_back({member, member->writer->commit()});
+  for (const auto &member : members()) {
+    const uint64_t ticket = member->writer->commit();
+    if (std::exchange(member->last_ticket, ticket) != ticket) batch.parts.push_back({member, ticket});
+  }
   if (batch.parts.empty()) return last_ticket_;
   batches_.push_back(std::move(batch));
   return ++last_ticket_;
@@ -194,16 +189,17 @@ std::string DatabaseSet::failure(uint64_t ticket) {
   return all.empty() ? "" : all.front().second;
 }
 
-Ingest::Work DatabaseSet::work() {
+// Changes of databases that are being dropped wait: if a drop is interrupted, they are made.
+bool DatabaseSet::work() {
   release_dropped();
-  Work all;
-  for (const auto &member : members()) {
-    const Work one = member->writer->work();
-    member->has_open_points |= one.has_changed;
-    all.has_changed |= one.has_changed;
-    all.has_more |= one.has_more;
+  Members kept;
+  {
+    const std::lock_guard lock(mutex_);
+    for (const auto &[name, member] : members_) kept.push_back(member);
   }
-  return all;
+  bool has_more = false;
+  for (const auto &member : kept) has_more |= member->writer->work();
+  return has_more;
 }
 
 std::vector<std::pair<std::string, IngestFigures>> DatabaseSet::figures_of_all() {
@@ -254,15 +250,30 @@ void DatabaseSet::create(const std::string &name, std::optional<int64_t> retain_
   const std::string fresh = path_of(std::string(NEW_PREFIX) + name);
   remove_quietly(fresh);
   { const DatabaseWriter created(fresh, options); }
-  rename_durably(folder_, fresh, path_of(name));
-  add(name, options);
+  if (rename(fresh.c_str(), path_of(name).c_str()) != 0) fail(fresh);
+  try {
+    sync_folder(folder_);
+    add(name, options);
+  } catch (...) {
+    // Otherwise the name could not be used until the next start.
+    remove_folder(name);
+    throw;
+  }
   wake();
   TSLB_DLOG(LOG_PROGRESS, "%s: created", path_of(name).c_str());
 }
 
-// The thread of the Ingest. Whether batches refer to the member.
+void DatabaseSet::remove_folder(const std::string &name) const {
+  const std::string dropped = path_of(std::string(DROPPED_PREFIX) + name);
+  remove_quietly(dropped);
+  if (rename(path_of(name).c_str(), dropped.c_str()) != 0) fail(path_of(name));
+  sync_folder(folder_);
+  remove_quietly(dropped);
+}
+
+// The thread of the Ingest. Whether a batch is open in the member, which only this thread can end, or batches refer to it.
 bool DatabaseSet::is_in_use(const Member &member) const {
-  return member.has_open_points || std::any_of(batches_.begin(), batches_.end(), [&](const Batch &batch) {
+  return member.writer->has_open_batch() || std::any_of(batches_.begin(), batches_.end(), [&](const Batch &batch) {
            return std::any_of(batch.parts.begin(), batch.parts.end(),
                               [&](const Part &part) { return part.member.get() == &member; });
          });
@@ -271,8 +282,8 @@ bool DatabaseSet::is_in_use(const Member &member) const {
 void DatabaseSet::release_dropped() {
   const std::lock_guard lock(mutex_);
   std::erase_if(dropped_, [&](const std::shared_ptr<Member> &member) {
-    member->writer->end_changes("the database is dropped");
     if (is_in_use(*member)) return false;
+    member->writer->end_changes("the database is dropped");
     epoll_ctl(events_, EPOLL_CTL_DEL, member->writer->settled_fd(), nullptr);
     member->is_released = true;
     released_.notify_all();
@@ -295,16 +306,14 @@ void DatabaseSet::drop(const std::string &name, const std::function<bool()> &is_
     if (member->is_released || !is_interrupted || !is_interrupted()) continue;
     std::erase(dropped_, member);
     members_.emplace(name, member);
+    wake();
     throw DatabaseError("interrupted; the database is not dropped");
   }
   // Readers end, because they are interrupted after some time.
   while (member.use_count() > 1 || member->writer.use_count() > 1) released_.wait_for(lock, ASKED_EVERY);
   lock.unlock();
   member.reset();
-  const std::string dropped = path_of(std::string(DROPPED_PREFIX) + name);
-  remove_quietly(dropped);
-  rename_durably(folder_, path_of(name), dropped);
-  remove_quietly(dropped);
+  remove_folder(name);
   TSLB_DLOG(LOG_PROGRESS, "%s: dropped", path_of(name).c_str());
 }
 

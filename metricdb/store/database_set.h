@@ -44,7 +44,7 @@ class DatabaseSet final : public Ingest {
   uint64_t settled() override;
   std::string failure(uint64_t ticket) override;
   Lost lost(uint64_t ticket) override;
-  Work work() override;
+  bool work() override;
   IngestFigures figures() override { return {}; }
   std::vector<std::pair<std::string, IngestFigures>> figures_of_all() override;
   std::string why_not_writable() override;
@@ -62,7 +62,8 @@ class DatabaseSet final : public Ingest {
   void create(const std::string &name, std::optional<int64_t> retain_ns);
 
   // Removes a database and its folder, after its readers. Lines that are not durable are lost. Does nothing if it does not
-  // exist. Waits for `work`, which another thread calls. Throws DatabaseError, also if is_interrupted returns true.
+  // exist. Waits for `work`, which another thread calls. Throws DatabaseError, also if is_interrupted returns true: then the
+  // database is as before, and the changes that were requested meanwhile are made.
   void drop(const std::string &name, const std::function<bool()> &is_interrupted);
 
   // What was remarkable when the databases were opened, one line; empty if nothing was.
@@ -72,8 +73,8 @@ class DatabaseSet final : public Ingest {
   struct Member {
     std::string name;
     std::shared_ptr<DatabaseWriter> writer;
-    bool has_open_points = false;  // the thread of the Ingest
-    bool is_released = false;      // by that thread; with the mutex locked
+    uint64_t last_ticket = 0;  // of the writer, when it was committed; the thread of the Ingest
+    bool is_released = false;  // by that thread; with the mutex locked
   };
   using Members = std::vector<std::shared_ptr<Member>>;
   struct Part {
@@ -89,6 +90,7 @@ class DatabaseSet final : public Ingest {
   void lock_folder();
   void open_all();
   void add(const std::string &name, const WriterOptions &options);
+  void remove_folder(const std::string &name) const;
   Members members() const;
   bool is_in_use(const Member &member) const;
   void release_dropped();

@@ -64,8 +64,9 @@ DatabaseWriter::DatabaseWriter(const std::string &folder, const WriterOptions &o
 }
 
 DatabaseWriter::~DatabaseWriter() {
-  // The end of a batch is part of the interface of batches; the rest of an orderly end is close().
-  if (batch_ != nullptr) DatabaseWriter::commit();
+  // The end of a batch is part of the interface of batches; the rest of an orderly end is close(). One is open after an
+  // exception, on the thread that began it.
+  if (batch_.is_open()) end_batch();
 }
 
 void DatabaseWriter::open(const ArrayParameters &parameters) {
@@ -109,8 +110,7 @@ void DatabaseWriter::apply_forgetting_options() {
   if (forgetting == store_->config().forgetting) return;
   begin_batch();
   store_->set_forgetting(forgetting);
-  has_points_ = true;
-  if (const std::string why = wait(commit()); !why.empty()) throw DatabaseError(why);
+  if (const std::string why = wait(end_batch()); !why.empty()) throw DatabaseError(why);
 }
 
 // ---- Replicas ----
@@ -195,9 +195,12 @@ void DatabaseWriter::expect_leading() {
 // Of a leader. Without points it would not notice that another leads, or that the log does not answer. The batch has no
 // content, so it is not set aside if another leads.
 void DatabaseWriter::beat() {
-  if (!view_ || batch_ != nullptr || Clock::now() - ended_at_ < options_.replica->heartbeat) return;
+  if (!view_ || batch_.is_open() || Clock::now() - ended_at_ < options_.replica->heartbeat) return;
   ended_at_ = Clock::now();
-  if (tslb_batch_t *const empty = durable_->begin()) last_ended_ = tslb_batch_end(empty);
+  tslb_batch_t *const empty = durable_->begin();
+  if (empty == nullptr) return;
+  batch_.begin(empty);
+  batch_.end();
 }
 
 // ---- Batches ----
@@ -223,14 +226,15 @@ void DatabaseWriter::read(const std::function<void(const Store &)> &use) const {
 }
 
 void DatabaseWriter::begin_batch() {
-  if (batch_ != nullptr) return;
-  batch_ = durable_->begin();
-  if (batch_ == nullptr) {
+  if (batch_.is_open()) return;
+  tslb_batch_t *batch = durable_->begin();
+  if (batch == nullptr) {
     restore(durable_->error());
-    batch_ = durable_->begin();
-    if (batch_ == nullptr) throw DatabaseError(durable_->error());
+    batch = durable_->begin();
+    if (batch == nullptr) throw DatabaseError(durable_->error());
   }
-  store_->begin_batch(batch_);
+  batch_.begin(batch);
+  store_->begin_batch(batch);
 }
 
 void DatabaseWriter::expect_room(size_t text_bytes) {
@@ -294,9 +298,9 @@ void DatabaseWriter::load_within_bounds(std::string_view text, Precision precisi
 IngestResult DatabaseWriter::take(std::string_view text, Precision precision) {
   expect_leading();
   // A batch that began before a refusal would be refused too.
-  if (batch_ != nullptr && !has_points_ && !failure(last_ended_).empty()) commit();
+  if (batch_.is_open() && !batch_.has_content() && !failure(batch_.last_ended()).empty()) end_batch();
   // Before a batch is open: the group that is written while space is reserved waits for open batches.
-  if (batch_ == nullptr) expect_room(text.size());
+  if (!batch_.is_open()) expect_room(text.size());
   begin_batch();
   result_ = {};
   stats_before_ = loader_->stats();
@@ -308,23 +312,27 @@ IngestResult DatabaseWriter::take(std::string_view text, Precision precision) {
   result_.late = stats.late - before.late;
   result_.future = stats.future - before.future;
   result_.no_room += stats.refused - before.refused;
-  has_points_ |= result_.points != 0;
+  if (result_.points != 0) batch_.add_content();
   if (result_.points == 0 && result_.no_room != 0) throw IngestRefused(result_.room_reason);
   return result_;
 }
 
-uint64_t DatabaseWriter::commit() {
-  if (batch_ == nullptr) return last_ticket_;
+// Returns the ticket of the open batch, with or without content.
+uint64_t DatabaseWriter::end_batch() {
   store_->compact();
   store_->end_batch();
   const std::string figures = figures_text(store_->config(), store_->state());
-  tslb_batch_set_payload(batch_, figures.data(), figures.size(), nullptr);
-  last_ended_ = tslb_batch_end(std::exchange(batch_, nullptr));
+  tslb_batch_set_payload(batch_.get(), figures.data(), figures.size(), nullptr);
+  const uint64_t ticket = batch_.end();
   ended_at_ = Clock::now();
-  // A batch without points need not be waited for.
-  if (std::exchange(has_points_, false)) last_ticket_ = last_ended_;
-  for (auto &change : std::exchange(made_changes_, {})) done_changes_.emplace_back(last_ended_, std::move(change));
-  return last_ticket_;
+  for (auto &change : std::exchange(made_changes_, {})) done_changes_.emplace_back(ticket, std::move(change));
+  return ticket;
+}
+
+uint64_t DatabaseWriter::commit() {
+  if (follows()) return 0;  // the batch is that of the thread that promotes
+  if (batch_.is_open()) end_batch();
+  return batch_.last_ticket();
 }
 
 uint64_t DatabaseWriter::settled() {
@@ -365,11 +373,10 @@ std::shared_ptr<StoreChange> DatabaseWriter::request(StoreChange::Step step) {
 }
 
 // Null: none. Interrupted changes are dropped.
-std::shared_ptr<StoreChange> DatabaseWriter::next_change(bool &has_more) {
+std::shared_ptr<StoreChange> DatabaseWriter::next_change() {
   const std::lock_guard lock(changes_mutex_);
   while (!changes_.empty() && changes_.front()->is_over()) changes_.pop_front();
-  has_more = !changes_.empty();
-  return has_more ? changes_.front() : nullptr;
+  return changes_.empty() ? nullptr : changes_.front();
 }
 
 void DatabaseWriter::end_changes(const std::string &why) {
@@ -391,20 +398,19 @@ void DatabaseWriter::fail_changes(const std::string &why) {
   }
 }
 
-Ingest::Work DatabaseWriter::work() {
-  if (follows()) return {};
+bool DatabaseWriter::work() {
+  if (follows()) return false;
   set_clock(now_ns());
   beat();
-  Work work;
-  std::shared_ptr<StoreChange> change = next_change(work.has_more);
-  if (!change) return work;
+  const std::shared_ptr<StoreChange> change = next_change();
+  if (!change) return false;
   bool is_complete = true;
   try {
-    if (batch_ == nullptr) expect_room(CHANGE_TEXT_BYTES);
+    if (!batch_.is_open()) expect_room(CHANGE_TEXT_BYTES);
     begin_batch();
     // Both can have made the store anew, without this change.
-    if (change->is_over()) return {false, next_change(work.has_more) != nullptr};
-    has_points_ = work.has_changed = true;
+    if (change->is_over()) return next_change() != nullptr;
+    batch_.add_content();
     is_complete = change->step_(*store_);
   } catch (const std::exception &error) {
     if (dynamic_cast<const DatabaseError *>(&error) != nullptr) throw;
@@ -415,8 +421,7 @@ Ingest::Work DatabaseWriter::work() {
     const std::lock_guard lock(changes_mutex_);
     std::erase(changes_, change);
   }
-  next_change(work.has_more);
-  return work;
+  return next_change() != nullptr;
 }
 
 IngestFigures DatabaseWriter::figures() {
@@ -427,7 +432,7 @@ std::string DatabaseWriter::why_not_writable() {
   if (follows()) return why_not_following();
   if (std::string why = why_read_only(); !why.empty()) return why;
   // An open batch has its room.
-  if (batch_ != nullptr) return "";
+  if (batch_.is_open()) return "";
   try {
     expect_room(EXPECTED_TEXT_BYTES);
     return "";
@@ -448,8 +453,7 @@ std::string DatabaseWriter::wait(uint64_t ticket) {
 }
 
 GenerationInfo DatabaseWriter::snapshot() {
-  commit();
-  if (const std::string why = wait(last_ticket_); !why.empty()) throw DatabaseError(why);
+  if (const std::string why = wait(commit()); !why.empty()) throw DatabaseError(why);
   durable_->snapshot();
   return generation_info(folder_, durable_->info().generation);
 }
@@ -461,8 +465,7 @@ void DatabaseWriter::pack() {
     begin_batch();
     series = store_->pack(series);
     is_packed = series == store_->n_slots() && store_->compact(true);
-    has_points_ = true;
-    if (const std::string why = wait(commit()); !why.empty()) throw DatabaseError(why);
+    if (const std::string why = wait(end_batch()); !why.empty()) throw DatabaseError(why);
   }
 }
 

@@ -28,6 +28,7 @@
 #include "store/follower_view.h"
 #include "store/ingest.h"
 #include "store/loader.h"
+#include "store/open_batch.h"
 #include "store/store_change.h"
 
 namespace metricdb {
@@ -62,12 +63,15 @@ class DatabaseWriter final : public Ingest {
   uint64_t commit() override;
   uint64_t settled() override;
   std::string failure(uint64_t ticket) override;
-  Work work() override;
+  bool work() override;
   IngestFigures figures() override;
   std::string why_not_writable() override;
   std::string why_read_only() override;
   std::optional<ReplicaFigures> replica() override;
   int settled_fd() const override { return tslb_store_event_fd(durable_->get()); }
+
+  // The thread of `take`.
+  bool has_open_batch() const { return batch_.is_open(); }
 
   // From here on changes are not made. Those that were requested fail.
   void end_changes(const std::string &why);
@@ -125,9 +129,10 @@ class DatabaseWriter final : public Ingest {
   void restore(const std::string &why);
   void pack();
   void fail_changes(const std::string &why);
-  std::shared_ptr<StoreChange> next_change(bool &has_more);
+  std::shared_ptr<StoreChange> next_change();
   void set_clock(int64_t now_ns);
   void begin_batch();
+  uint64_t end_batch();
   void expect_room(size_t text_bytes);
   void load_within_bounds(std::string_view text, Precision precision);
   void set_limits(int64_t now_ns);
@@ -145,10 +150,7 @@ class DatabaseWriter final : public Ingest {
   IngestResult result_;        // of the current call of `take`
   uint64_t lines_before_ = 0;  // of its text, before the current piece
   LoadStats stats_before_;     // before the call
-  tslb_batch_t *batch_ = nullptr;
-  bool has_points_ = false;   // the batch has points, or changed limits
-  uint64_t last_ticket_ = 0;  // of a batch with points
-  uint64_t last_ended_ = 0;   // of any batch
+  OpenBatch batch_;
   Clock::time_point ended_at_ = Clock::now();
   std::mutex promotion_mutex_;
   mutable std::mutex changes_mutex_;

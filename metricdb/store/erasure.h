@@ -5,6 +5,7 @@
 // (forgetting.h). Points that arrive meanwhile are deleted if they are in the range and in a chunk that was not reached yet.
 #pragma once
 
+#include <memory>
 #include <vector>
 
 #include "store/store.h"
@@ -14,9 +15,10 @@ namespace metricdb {
 struct Erasure {
   std::vector<LiveSeries> series;  // those that exist no more are skipped
   TimeRange range = {};
-  // Progress.
-  size_t n_done = 0;       // series
-  bool has_begun = false;  // with the next one
+  // Progress: series, and the place in the next one, if it has begun. While the place exists, that series is not joined,
+  // packed or moved.
+  size_t n_done = 0;
+  std::shared_ptr<ChainPlace> place = {};
 };
 
 }  // namespace metricdb

@@ -78,7 +78,9 @@ class Ingest {
   // Stores complete lines of line protocol; the last one needs no line feed. Throws IngestRefused.
   virtual IngestResult take(std::string_view text, Precision precision) = 0;
 
-  // Ends the batch, and returns its ticket: 1, 2 and so on. Without new points it returns the ticket of the last batch.
+  // Ends the batch if one is open, and returns its ticket: 1, 2 and so on. If nobody has to wait, because it has neither
+  // points nor changes, it returns the last ticket. Called after `take` and `work`, whatever they return or throw: an open
+  // batch delays snapshots, backups and the end of other batches.
   virtual uint64_t commit() = 0;
 
   // Returns the last settled ticket. All batches up to it are durable, or refused if `failure` returns a reason.
@@ -88,12 +90,8 @@ class Ingest {
   virtual std::string failure(uint64_t ticket) = 0;
 
   // Does a part of the changes that other threads have requested (DatabaseWriter::request), a few milliseconds at most.
-  // Called now and then, and after settled_fd became readable.
-  struct Work {
-    bool has_changed = false;  // a batch is open, and must be committed
-    bool has_more = false;
-  };
-  virtual Work work() { return {}; }
+  // Called now and then, and after settled_fd became readable. Returns whether there is more to do.
+  virtual bool work() { return false; }
 
   virtual IngestFigures figures() = 0;
 

@@ -47,6 +47,7 @@ class Reader {
     chain_seen_ = versions_->chain.begin_read();
     if (const Outcome outcome = copy_head(); outcome != Outcome::done) return outcome;
     list_.type = head_.record.type();
+    if (what_ == LiveRead::type) return Outcome::done;
     if (what_ == LiveRead::newest && !find_newest()) return Outcome::moved;
     if (is_summary_enough_ && !find_alone()) return Outcome::moved;
     if (!walk_chain()) return Outcome::moved;
@@ -200,16 +201,16 @@ class Reader {
 
 }  // namespace
 
-void read_live(const Store &store, const LiveSeries &which, const TimeRange &range, PointList &list, LiveRead what,
+bool read_live(const Store &store, const LiveSeries &which, const TimeRange &range, PointList &list, LiveRead what,
                const std::function<bool(size_t)> &goes_on, const IsSummaryEnough &is_summary_enough) {
   Reader reader(store, which, range, list, what, goes_on, is_summary_enough);
   for (int i = 0; i < MAX_ATTEMPTS; ++i) {
-    if (reader.attempt() != Outcome::moved) return;
+    if (const Outcome outcome = reader.attempt(); outcome != Outcome::moved) return outcome == Outcome::done;
     n_repeated.fetch_add(1, std::memory_order_relaxed);
   }
   n_locked.fetch_add(1, std::memory_order_relaxed);
   const std::lock_guard lock(store.live()->changes);
-  reader.attempt();
+  return reader.attempt() == Outcome::done;
 }
 
 LiveReadCounts live_read_counts() {

@@ -11,14 +11,15 @@ namespace metricdb {
 
 enum class LiveRead {
   all,
-  newest  // may leave out points that are older than the newest one
+  newest,  // may leave out points that are older than the newest one
+  type     // no points
 };
 
 // Asked for the time span of points; true if a summary of them is enough.
 using IsSummaryEnough = std::function<bool(int64_t oldest_ns, int64_t newest_ns)>;
 
 // Sets `list` to the visible points of the series in the range, in order of arrival: those of one moment between call and
-// return, perhaps not durable yet. Nothing if the series does not exist any more.
+// return, perhaps not durable yet. Returns false, with no points, if the series does not exist any more.
 //
 // goes_on  asked after each sealed chunk with the number of points so far; if it returns false the reading ends, and `list`
 //          has any points. Not called without one.
@@ -28,7 +29,7 @@ using IsSummaryEnough = std::function<bool(int64_t oldest_ns, int64_t newest_ns)
 //
 // It takes no lock, unless what it reads was moved many times meanwhile; then it holds the lock of `changes` for this
 // series, for which the store's thread can wait.
-void read_live(const Store &store, const LiveSeries &which, const TimeRange &range, PointList &list,
+bool read_live(const Store &store, const LiveSeries &which, const TimeRange &range, PointList &list,
                LiveRead what = LiveRead::all, const std::function<bool(size_t n_points)> &goes_on = {},
                const IsSummaryEnough &is_summary_enough = {});
 

@@ -76,8 +76,7 @@ const std::vector<Point> &RepeatedPoints::points_of(const maddr_t &address, Valu
 bool RepeatedPoints::is_sealed(uint32_t series, const Point &point) {
   forget_with_store();
   const SeriesRecord record = store_.record(series);
-  // Most points that are not in order belong into the open chunk.
-  if (record.n_sealed() == 0 || chunk_at(record.last_sealed())->newest_ns < point.ts_ns) return false;
+  if (record.n_sealed() == 0) return false;
   std::vector<Chunk> &chunks = chain_of(series, record).chunks;
   int n_decoded = 0;
   for (size_t i = chunks.size(); i > 0 && chunks.size() - i < MAX_CHUNKS && n_decoded < MAX_DECODED; --i) {

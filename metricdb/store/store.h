@@ -99,6 +99,15 @@ struct Sweep {
   PoolSweep points;
 };
 
+// A place in the chain of a series: after `previous`, which is valid if n_passed is not 0. An erasure owns it, and can be
+// destroyed by any thread. Meanwhile others append to the chain, and delete from its front.
+struct ChainPlace {
+  uint32_t series = 0;
+  uint32_t n_passed = 0;
+  maddr_t previous = {};
+  int64_t newest_ns = INT64_MIN;  // of the chunks that were passed
+};
+
 struct Erasure;
 struct TimeRange;
 class ChunkMap;
@@ -243,15 +252,6 @@ class Store {
     uint32_t n_moves = 0;
   };
 
-  // A place in the chain of a series: after `previous`, which is valid if n_passed is not 0. Only an erasure has one.
-  // Meanwhile others append to the chain, and delete from its front.
-  struct ChainPlace {
-    uint32_t series = 0;
-    uint32_t n_passed = 0;
-    maddr_t previous = {};
-    int64_t newest_ns = INT64_MIN;  // of the chunks that were passed
-  };
-
   // What a store that follows knows of the arrays. It has no tails, and no series by their keys: these refer to texts in
   // the arrays, which change.
   struct Followed {
@@ -295,7 +295,8 @@ class Store {
 
   // Joining and moving.
   void find_short(Tail &tail) const;
-  bool is_being_erased(uint32_t series) const { return place_.series == series && place_.n_passed != 0; }
+  std::shared_ptr<ChainPlace> place_in(uint32_t series) const;
+  bool is_being_erased(uint32_t series) const { return place_in(series) != nullptr; }
   bool join_short(uint32_t series, Tail &tail, bool with_open = false);
   void replace_short(uint32_t series, Tail &tail, maddr_t first, const maddr_t &joined, uint32_t n_chunks);
   void pack_series(uint32_t series, Tail &tail);
@@ -318,10 +319,10 @@ class Store {
 
   // Erasing.
   bool is_same(const LiveSeries &which) const;
-  uint32_t erase_in_sealed(const TimeRange &range);
-  void replace_sealed(const SeriesRecord &record, const maddr_t &address, const char *points, uint32_t count);
+  uint32_t erase_in_sealed(ChainPlace &place, const TimeRange &range);
+  void replace_sealed(ChainPlace &place, const maddr_t &address, const char *points, uint32_t count);
   void erase_in_open(uint32_t series, Tail &tail, const TimeRange &range);
-  uint32_t end_series(Tail &tail, const TimeRange &range);
+  uint32_t end_series(const ChainPlace &place, const TimeRange &range);
 
   // Batches.
   void mark_changed(uint32_t series, Tail &tail, Change change = Change::all);
@@ -338,7 +339,7 @@ class Store {
   std::optional<int64_t> clock_ns_;
   uint64_t n_since_sweep_ = 0;
   ForgetCounts forgotten_;
-  ChainPlace place_;
+  std::weak_ptr<ChainPlace> place_;     // of the erasure that was continued last
   std::unique_ptr<Followed> followed_;  // null: this process changes the store
 
   std::unique_ptr<LiveState> live_;  // null: no other thread reads the store

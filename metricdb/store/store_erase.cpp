@@ -19,12 +19,19 @@ bool Store::is_same(const LiveSeries &which) const {
          holds_series(which.series);
 }
 
+// The place of an erasure that has passed chunks of the series; null if there is none.
+std::shared_ptr<ChainPlace> Store::place_in(uint32_t series) const {
+  std::shared_ptr<ChainPlace> place = place_.lock();
+  return place && place->series == series && place->n_passed != 0 ? place : nullptr;
+}
+
 // Replaces the chunk after the place by one with these points, and passes it; without points the chunk is left out.
-void Store::replace_sealed(const SeriesRecord &record, const maddr_t &address, const char *points, uint32_t count) {
-  const uint32_t series = place_.series;
-  const bool is_first = place_.n_passed == 0, is_last = place_.n_passed + 1 == record.n_sealed();
+void Store::replace_sealed(ChainPlace &place, const maddr_t &address, const char *points, uint32_t count) {
+  const uint32_t series = place.series;
+  const SeriesRecord &record = tails_[series].record;
+  const bool is_first = place.n_passed == 0, is_last = place.n_passed + 1 == record.n_sealed();
   const srcaddr_t referrer =
-      is_first ? referrer_of(CATALOGUE_TABLE, series, FIRST_SEALED_REFERENCE) : referrer_in_chunk(place_.previous);
+      is_first ? referrer_of(CATALOGUE_TABLE, series, FIRST_SEALED_REFERENCE) : referrer_in_chunk(place.previous);
   const SealedChunk head = *sealed_at(address);
   const LiveChange change(live_.get(), LiveChange::CHAIN, series);
   const maddr_t fresh = count == 0 ? maddr_t{} : seal_points(points, count, record.type(), referrer, head.next);
@@ -32,29 +39,29 @@ void Store::replace_sealed(const SeriesRecord &record, const maddr_t &address, c
   if (is_first)
     record.set_first_sealed(following);
   else
-    set_next(place_.previous, following);
-  if (is_last) record.set_last_sealed(count == 0 ? place_.previous : fresh);
+    set_next(place.previous, following);
+  if (is_last) record.set_last_sealed(count == 0 ? place.previous : fresh);
   if (!is_last) set_referrer(head.next, count == 0 ? referrer : referrer_in_chunk(fresh));
   if (count == 0) record.set_n_sealed(record.n_sealed() - 1);
   Tail &tail = tails_[series];
   const uint32_t n_before_short = record.n_sealed() + (count == 0 ? 1 : 0) - tail.n_short;
-  if (place_.n_passed >= n_before_short) {
+  if (place.n_passed >= n_before_short) {
     tail.n_short -= count == 0 ? 1 : 0;
     tail.n_short_points -= head.count() - count;
-  } else if (place_.n_passed + 1 == n_before_short) {
-    tail.before_short = count == 0 ? place_.previous : fresh;
+  } else if (place.n_passed + 1 == n_before_short) {
+    tail.before_short = count == 0 ? place.previous : fresh;
   }
   remove_points_chunk(record, address, head.count() - count);
   if (count == 0) return;
-  place_.previous = fresh;
-  place_.newest_ns = std::max<int64_t>(place_.newest_ns, sealed_at(fresh)->newest_ns);
-  ++place_.n_passed;
+  place.previous = fresh;
+  place.newest_ns = std::max<int64_t>(place.newest_ns, sealed_at(fresh)->newest_ns);
+  ++place.n_passed;
 }
 
 // Erases in the sealed chunk after the place. Returns the work.
-uint32_t Store::erase_in_sealed(const TimeRange &range) {
-  Tail &tail = tails_[place_.series];
-  const maddr_t address = place_.n_passed == 0 ? tail.record.first_sealed() : sealed_at(place_.previous)->next;
+uint32_t Store::erase_in_sealed(ChainPlace &place, const TimeRange &range) {
+  Tail &tail = tails_[place.series];
+  const maddr_t address = place.n_passed == 0 ? tail.record.first_sealed() : sealed_at(place.previous)->next;
   const SealedChunk *const chunk = sealed_at(address);
   uint32_t n_kept = 0, work = REMOVE_WORK;
   erased_chunk_.clear();
@@ -68,13 +75,13 @@ uint32_t Store::erase_in_sealed(const TimeRange &range) {
     work = REPLACE_WORK;
   }
   if (n_kept != chunk->count()) {
-    replace_sealed(tail.record, address, reinterpret_cast<const char *>(erased_chunk_.data()), n_kept);
-    mark_changed(place_.series, tail);
+    replace_sealed(place, address, reinterpret_cast<const char *>(erased_chunk_.data()), n_kept);
+    mark_changed(place.series, tail);
     return work;
   }
-  place_.previous = address;
-  place_.newest_ns = std::max<int64_t>(place_.newest_ns, chunk->newest_ns);
-  ++place_.n_passed;
+  place.previous = address;
+  place.newest_ns = std::max<int64_t>(place.newest_ns, chunk->newest_ns);
+  ++place.n_passed;
   return work;
 }
 
@@ -99,18 +106,19 @@ void Store::erase_in_open(uint32_t series, Tail &tail, const TimeRange &range) {
 }
 
 // Ends the erasure in the series, all of whose sealed chunks were passed. Returns the work.
-uint32_t Store::end_series(Tail &tail, const TimeRange &range) {
-  erase_in_open(place_.series, tail, range);
+uint32_t Store::end_series(const ChainPlace &place, const TimeRange &range) {
+  Tail &tail = tails_[place.series];
+  erase_in_open(place.series, tail, range);
   if (tail.record.n_points() == 0) {
-    free_series(place_.series);
+    free_series(place.series);
     return FREE_WORK;
   }
   if (range.contains(tail.record.newest_ns())) {
-    int64_t newest_ns = place_.newest_ns;
+    int64_t newest_ns = place.newest_ns;
     for (uint32_t index = 0; index < tail.n_open; ++index)
       newest_ns = std::max<int64_t>(newest_ns, point_at(tail.open, index).ts_ns);
     tail.record.set_newest_ns(newest_ns);
-    mark_changed(place_.series, tail);
+    mark_changed(place.series, tail);
   }
   return REMOVE_WORK;
 }
@@ -119,16 +127,19 @@ bool Store::erase_some(Erasure &erasure, uint32_t max_work) {
   for (uint32_t work = 0; erasure.n_done < erasure.series.size();) {
     if (work >= max_work) return false;
     const LiveSeries &which = erasure.series[erasure.n_done];
-    const bool has_begun = std::exchange(erasure.has_begun, is_same(which));
-    if (!has_begun) place_ = {which.series};
-    if (erasure.has_begun && place_.n_passed < tails_[which.series].record.n_sealed()) {
-      work += erase_in_sealed(erasure.range);
+    std::shared_ptr<ChainPlace> &place = erasure.place;
+    if (!is_same(which))
+      place.reset();
+    else if (!place)
+      place = std::make_shared<ChainPlace>(ChainPlace{which.series});
+    place_ = place;
+    if (place && place->n_passed < tails_[which.series].record.n_sealed()) {
+      work += erase_in_sealed(*place, erasure.range);
       continue;
     }
-    if (erasure.has_begun) work += end_series(tails_[which.series], erasure.range);
+    if (place) work += end_series(*place, erasure.range);
     work += LOOK_WORK;
-    place_ = {};
-    erasure.has_begun = false;
+    place.reset();
     ++erasure.n_done;
   }
   Sweep found;

@@ -46,7 +46,7 @@ void Store::drop_first_sealed(uint32_t series, const SeriesRecord &record) {
   }
   remove_points_chunk(record, record.first_sealed(), head.count());
   record.set_n_sealed(record.n_sealed() - 1);
-  if (place_.series == series && place_.n_passed != 0) --place_.n_passed;
+  if (const auto place = place_in(series)) --place->n_passed;
   if (record.n_sealed() == 0) return;
   record.set_first_sealed(head.next);
   set_referrer(head.next, referrer_of(CATALOGUE_TABLE, series, FIRST_SEALED_REFERENCE));

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -49,6 +50,8 @@ class MemorySource : public SeriesSource {
       if (point.ts_ns >= what.from_ns && point.ts_ns <= what.to_ns) list.points.push_back(point);
     std::atomic_ref(n_read) += list.points.size();
   }
+
+  std::optional<ValueType> type(uint32_t series) const override { return series_[series].second.type; }
 
   mutable size_t n_visited = 0;
   mutable size_t n_read = 0;

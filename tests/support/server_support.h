@@ -37,6 +37,7 @@ class FakeIngest : public Ingest {
  public:
   IngestResult take(std::string_view text, Precision precision) override {
     const std::lock_guard lock(mutex_);
+    is_open_ = true;
     if (!refusal_.empty()) throw IngestRefused(refusal_);
     LineParser parser(precision);
     IngestResult taken;
@@ -60,6 +61,7 @@ class FakeIngest : public Ingest {
 
   uint64_t commit() override {
     const std::lock_guard lock(mutex_);
+    is_open_ = false;
     if (std::exchange(has_more_, false)) ++ticket_;
     settle_some();
     return ticket_;
@@ -121,6 +123,11 @@ class FakeIngest : public Ingest {
     const std::lock_guard lock(mutex_);
     refusal_ = reason;
   }
+  // Whether `commit` was not called after `take`.
+  bool is_open() const {
+    const std::lock_guard lock(mutex_);
+    return is_open_;
+  }
   // Number of committed batches.
   uint64_t n_batches() const {
     const std::lock_guard lock(mutex_);
@@ -144,6 +151,7 @@ class FakeIngest : public Ingest {
   uint64_t ticket_ = 0;
   uint64_t settled_ = 0;
   uint64_t allowed_ = std::numeric_limits<uint64_t>::max();
+  bool is_open_ = false;
   bool has_more_ = false;
   std::string refusal_;
   std::string why_not_writable_;
