@@ -86,6 +86,11 @@ class DurableLog : public DurableTest {
     }
   }
 
+  void follow(LoggedStore &follower, size_t n_groups) {
+    ASSERT_TRUE(follower.open(root_ + "/follower")) << follower.error.text;
+    for (size_t i = 0; i < n_groups; ++i) ASSERT_TRUE(follower.apply(log_.groups[i].view())) << follower.error.text;
+  }
+
   TestLog log_;
   std::vector<std::string> states_;
 };
@@ -138,8 +143,7 @@ TEST_F(DurableLog, NothingOfAnInvalidGroupIsApplied) {
   lead(leader);
   TestLog other;
   LoggedStore follower(other);
-  ASSERT_TRUE(follower.open(root_ + "/follower"));
-  for (size_t i = 0; i < 6; ++i) ASSERT_TRUE(follower.apply(log_.groups[i].view()));
+  ASSERT_NO_FATAL_FAILURE(follow(follower, 6));
   const LoggedGroup &next = log_.groups[6];
   for (size_t bytes = 1; bytes < next.body.size(); ++bytes) {
     tslb_group_t cut = next.view();
@@ -170,8 +174,7 @@ TEST_F(DurableLog, RefusedAllocationAppliesAllOfAGroupOrNothing) {
   lead(leader);
   TestLog other;
   LoggedStore follower(other);
-  ASSERT_TRUE(follower.open(root_ + "/follower"));
-  for (size_t i = 0; i < 6; ++i) ASSERT_TRUE(follower.apply(log_.groups[i].view()));
+  ASSERT_NO_FATAL_FAILURE(follow(follower, 6));
   int n_struck = 0;
   for (bool is_applied = false; !is_applied; ++n_struck) {
     const tslb_group_t group = log_.groups[6].view();
