@@ -276,8 +276,8 @@ class store {
  * or read uses is guarded by locks of the host that are taken and released within them. */
 class writer {
  public:
-  /* The store outlives the writer. after_restore makes anew what the host derives from the arrays; it runs alone. An
-   * exception of it is thrown on, and the next call of commit or read calls it again first. */
+  /* The store outlives the writer. after_restore makes anew what the host derives from the arrays; it runs alone. If it
+   * throws, commit throws that exception, and the next call of commit or read calls it again first. */
   explicit writer(store &of, std::function<void()> after_restore = {}, int max_attempts = 5)
       : store_(of), after_restore_(std::move(after_restore)), max_attempts_(max_attempts) {}
 
@@ -328,7 +328,7 @@ class writer {
       return made.commit();
     }
   }
-  /* Returns a shared lock under which what is derived from the arrays is theirs. */
+  /* Returns a shared lock. Calls after_restore first if it is due. */
   std::shared_lock<std::shared_mutex> enter() {
     std::shared_lock lock(mutex_);
     while (is_stale_) {

@@ -295,7 +295,7 @@ void tslb_store_t::continue_journal() {
   }
   if (loaded.is_salvaged || is_upgraded || is_detached) {
     write_generation_alone(std::max(loaded.state.generation, loaded.state.journals.back().number) + 1, !is_upgraded,
-                           loaded.is_salvaged ? options_.keep : 0);
+                           loaded.is_damaged && !is_upgraded ? options_.keep : 0);
     return;
   }
   // A journal before the last one is not continued. It is sealed, if the process ended before it could do so. A journal

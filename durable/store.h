@@ -220,8 +220,10 @@ struct tslb_store_t {
   uint64_t journals_before_ = 0;  // bytes of the journals of the generation before this one
   std::string body_;
   std::string compressed_;
-  std::atomic<uint64_t> reserved_left_{0};  // bytes of the journal that need no new disk space; 0 after a refusal
-  uint32_t n_raw_in_turn_ = 0;              // groups that were not worth compressing
+  std::atomic<uint64_t> reserved_left_{
+      0};  // bytes of the journal that need no new disk space; written with mutex_ held
+  std::optional<tslb_durable::GateClosed> read_closed_;  // while a group is applied in part
+  uint32_t n_raw_in_turn_ = 0;                           // groups that were not worth compressing
 
   tslb_durable::Gate gate_;
   tslb_durable::Gate read_gate_;  // closed while groups of a log are applied

@@ -175,7 +175,10 @@ void tslb_store_t::reserve(uint64_t bytes) {
     expect_usable();
     expect_leader();
   }
-  reserved_left_ = journal_->reserve_space(bytes);
+  const uint64_t left = journal_->reserve_space(bytes);
+  const std::lock_guard lock(mutex_);
+  expect_usable();
+  reserved_left_ = left;
 }
 
 void tslb_store_t::signal_settled() {
@@ -260,7 +263,7 @@ void tslb_store_t::compare_with_shadow(const PendingGroup &pending, CopiedGroup 
   group.breaks = !group.failure.empty();
 }
 
-// Writes a group to the journal, and settles its tickets in any case: nobody else knows of the group.
+// Writes a group to the journal, and settles its tickets in any case: no other code holds the group.
 void tslb_store_t::write_group(CopiedGroup &group) noexcept {
   if (!group.failure.empty()) {
     std::string reason;
@@ -286,7 +289,6 @@ void tslb_store_t::write_group(CopiedGroup &group) noexcept {
     return refuse(reason_of(error), true);
   }
   journal_->mark();
-  reserved_left_ = journal_->reserved_bytes();
   try {
     if (log_ && !group.is_from_log) append_to_log(group);
   } catch (const std::exception &error) {
@@ -317,6 +319,7 @@ void tslb_store_t::cut_and_refuse(std::string_view reason) noexcept {
 // mutex_ is held. The group is on the disk, so nothing here may fail: no memory is allocated.
 void tslb_store_t::settle(CopiedGroup &group) noexcept {
   settled_ = group.last_ticket;
+  reserved_left_ = failed_.empty() ? journal_->reserved_bytes() : 0;
   if (group.position.number != 0) position_ = group.position;
   if (group.has_payload) {
     durable_payload_.swap(group.payload);
@@ -394,6 +397,7 @@ void tslb_store_t::restore() {
     logged_[i].headers_are_logged();
     if (!shadows_.empty()) copy_content(stored, shadows_[i].get());
   }
+  read_closed_.reset();
   append_opened();
   const std::lock_guard lock(mutex_);
   payload_ = std::move(loaded.payload);

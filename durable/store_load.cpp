@@ -204,7 +204,7 @@ void Loading::load_journals(const std::vector<JournalState> &journals) {
     for (const JournalState &journal : journals) scan(journal);
   } catch (const StoreError &error) {
     if (error.code() != TSLB_DURABLE_DAMAGED || !options_.salvage) throw;
-    loaded_.is_salvaged = true;
+    loaded_.is_salvaged = loaded_.is_damaged = true;
     loaded_.warn(fmt::format("{}; what follows is lost", error.what()));
   }
   if (!has_payload_) return;
@@ -268,7 +268,7 @@ Chain chain_since(const std::string &folder, const StoreState &state, uint64_t g
       if (access(next.c_str(), F_OK) == 0 && !have_same_arrays(manifest, read_manifest(next)))
         chain.end = next + ": has other arrays than the generation before";
     } catch (const StoreError &) {
-      // This can be the damage. A generation to which no journal leads is written without older ones.
+      // This can be the damage. A generation to which no journal leads replaces all older ones when it is written.
     }
     if (!chain.end.empty()) break;
     chain.journals.push_back({number, false, 0, 0});
@@ -291,7 +291,7 @@ std::optional<LoadedStore> load_older(const std::string &folder, const StoreStat
       LoadedStore loaded =
           load_from(folder, state, generation, chain.journals, options,
                     fmt::format("{}; generation {} and the journals since it were used", why, generation));
-      loaded.is_salvaged = true;
+      loaded.is_salvaged = loaded.is_damaged = true;
       if (!chain.end.empty()) loaded.warn(chain.end + "; what follows is lost");
       return loaded;
     } catch (const StoreError &) {

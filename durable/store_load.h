@@ -34,6 +34,7 @@ struct LoadedStore {
   uint64_t journal_bytes = 0;           // of all journals that were read
   uint64_t n_batches = 0;               // in them
   uint64_t cut_bytes = 0;
+  bool is_damaged = false;   // a part was lost by damage, or read from an older generation
   bool is_salvaged = false;  // the arrays are not what generation and journals of the state would give
   std::string warning;
 

@@ -112,7 +112,7 @@ void tslb_store_t::apply_to_arrays(std::vector<Array> &arrays, CopiedGroup &grou
 void tslb_store_t::apply(std::string_view body, const tslb_log_position_t &position, uint32_t n_batches) {
   expect_no_batch_of_this_thread();
   CopiedGroup group;
-  std::optional<GateClosed> read_closed;  // until all of the group is applied, or nothing
+  tslb_durable_code_t code = TSLB_DURABLE_INVALID;
   {
     const std::lock_guard flushing(flush_mutex_);
     {
@@ -135,7 +135,7 @@ void tslb_store_t::apply(std::string_view body, const tslb_log_position_t &posit
     group.is_from_log = true;
     {
       const GateClosed closed(gate_);
-      read_closed.emplace(read_gate_);
+      read_closed_.emplace(read_gate_);
       const AppliesGroup applies;
       try {
         apply_to_arrays(arrays_, group);
@@ -145,10 +145,11 @@ void tslb_store_t::apply(std::string_view body, const tslb_log_position_t &posit
           payload_ = group.payload;
           has_payload_ = true;
         }
-      } catch (const std::exception &error) {
-        set_reason(group.failure, "{}", reason_of(error));  // a part can be applied: the arrays are restored below
+      } catch (const std::bad_alloc &) {
+        group.failure = NO_MEMORY;  // a part can be applied: the arrays are restored below
+        code = TSLB_DURABLE_NO_MEMORY;
       }
-      if (group.failure.empty()) read_closed.reset();
+      if (group.failure.empty()) read_closed_.reset();
     }
     write_group(group);
     const std::lock_guard lock(mutex_);
@@ -157,7 +158,7 @@ void tslb_store_t::apply(std::string_view body, const tslb_log_position_t &posit
   }
   const std::string why = group.failure.empty() ? "the group was not written" : group.failure;
   restore();
-  throw StoreError(group.failure.empty() ? TSLB_DURABLE_REFUSED : TSLB_DURABLE_INVALID,
+  throw StoreError(group.failure.empty() ? TSLB_DURABLE_REFUSED : code,
                    fmt::format("{}: group {} of epoch {}: {}", folder_, position.number, position.epoch, why), folder_);
 }
 

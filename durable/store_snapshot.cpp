@@ -151,12 +151,12 @@ void tslb_store_t::finish_generation(NewGeneration &next) {
 
 void tslb_store_t::use_journal(std::unique_ptr<JournalWriter> journal) {
   journal_ = std::move(journal);
-  reserved_left_ = journal_->reserved_bytes();
+  reserved_left_ = 0;  // until the next group or reservation
 }
 
 // Writes a generation and begins its journal, while no batch can be open: at creation and after an upgrade. The numbers of
-// the arrays in it are kept for a log, whose groups have them too. No journal leads from an older generation to this one, so
-// older ones are of use only if they are evidence of damage.
+// the arrays in it are kept for a log, whose groups have them too. `n_older` generations are kept: none, except after a
+// salvage, since no journal leads from them to this one.
 void tslb_store_t::write_generation_alone(uint64_t number, bool keeps_numbers, uint32_t n_older) {
   // An ended process can have left these.
   remove_tree(generation_path(folder_, number));

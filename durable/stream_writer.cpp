@@ -67,9 +67,8 @@ StreamWriter::StreamWriter(uint64_t bytes_per_s, bool compresses)
   ZSTD_CCtx_setParameter(compressor_.get(), ZSTD_c_compressionLevel, COMPRESSION_LEVEL);
   pieces_[0] = {zeros_.data(), 1};
   n_pieces_ = 1;
-  compress(false);
+  if (compress(false) != 0 || compress(true) != 0) throw std::bad_alloc();
   n_pieces_ = 0;
-  compress(true);
 }
 
 int StreamWriter::write(DynArrHandle_t *array, const ArrayDecl &decl, int fd, StoredFile &written) {

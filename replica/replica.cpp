@@ -189,10 +189,17 @@ tslb_replica_info_t tslb_replica_t::info() {
 // ended stays so, with the first reason.
 bool tslb_replica_t::change_role(Role next, std::string text) noexcept {
   const std::lock_guard lock(mutex_);
-  const bool is_allowed = next == Role::promoting                            ? role_ == Role::following
-                          : next == Role::leading || next == Role::following ? role_ == Role::promoting
-                                                                             : role_ != Role::ended;
-  if (!is_allowed) return false;
+  switch (next) {
+    case Role::promoting:
+      if (role_ != Role::following) return false;
+      break;
+    case Role::leading:
+    case Role::following:
+      if (role_ != Role::promoting) return false;
+      break;
+    case Role::ended:
+      if (role_ == Role::ended) return false;
+  }
   role_ = next;
   if (next == Role::leading || next == Role::ended) text_ = std::move(text);
   changed_.notify_all();
@@ -302,7 +309,10 @@ void tslb_replica_t::lead(uint64_t last) {
     stop_leading();
     throw store_error_of(error);
   }
-  change_role(Role::leading);
+  // A batch that began just now can have ended the role.
+  if (change_role(Role::leading)) return;
+  const std::lock_guard lock(mutex_);
+  throw StoreError(TSLB_DURABLE_BROKEN, folder_ + ": " + text_);
 }
 
 void tslb_replica_t::stop_leading() {

@@ -85,7 +85,6 @@ struct tslb_replica_t {
   void follow_to(uint64_t sequence, tslb_replica::Clock::time_point end);
   uint64_t begin_epoch(uint64_t epoch, tslb_replica::Clock::time_point end);
   std::string message_of_epoch(const tslb_log_position_t &position) const;
-  void promote_store(const tslb_log_position_t &position);
   void lead(uint64_t last);
   void stop_leading();
   void run_publishing() noexcept;

@@ -53,7 +53,7 @@ class Declaration:
     rec_version: int = 0  # of the records' format, 0 to 255, for the program's own use
     description: str = ""  # for readers of the store, at most 255 bytes
     # Of a described array: the fields that stand for its flags, and the flags themselves, which can say more.
-    _described: tuple[bool, bool, int] | None = dataclasses.field(default=None, repr=False, compare=False)
+    _described: tuple[Kind, bool, bool, int] | None = dataclasses.field(default=None, repr=False, compare=False)
 
     def __post_init__(self) -> None:
         if not isinstance(self.name, str) or _NAME.fullmatch(self.name) is None:
@@ -94,8 +94,8 @@ class Declaration:
 
     @property
     def _daflag(self) -> int:
-        if self._described is not None and self._described[:2] == (self.has_inactive, self.frees_slots):
-            return self._described[2]
+        if self._described is not None and self._described[:3] == (self.kind, self.has_inactive, self.frees_slots):
+            return self._described[3]
         if self.is_pool:
             return int(self.frees_slots)
         return 0 if self.kind == Kind.RECORDS else 2 if self.has_inactive else 1
@@ -125,7 +125,7 @@ def describe(folder: str | os.PathLike[str]) -> list[Declaration]:
             os.fsdecode(ffi.string(decl.name)), kind, decl.tbl_id, None, decl.record_bytes, decl.n_direct,
             kind == Kind.SLOTS and decl.daflag & 2 != 0, decl.daflag != 0, decl.has_compat != 0, decl.max_slots,
             decl.rec_version, os.fsdecode(ffi.string(decl.description)))
-        declaration._described = (declaration.has_inactive, declaration.frees_slots, decl.daflag)
+        declaration._described = (kind, declaration.has_inactive, declaration.frees_slots, decl.daflag)
         found.append(declaration)
     return found
 

@@ -91,8 +91,8 @@ void StoreRun::expect_fault(const std::string &what, const tslb_error_t &error) 
   const int code = error.code;
   const bool is_explained = code == TSLB_DURABLE_IO || code == TSLB_DURABLE_NO_MEMORY || code == TSLB_DURABLE_REFUSED ||
                             code == TSLB_DURABLE_BROKEN;
-  const bool had_fault =
-      fault_struck() == Struck::fault || around_step || (can_be_broken_ && code == TSLB_DURABLE_BROKEN);
+  const bool had_fault = fault_struck() == Struck::fault || (was_memory_refused && was_memory_refused()) ||
+                         (can_be_broken_ && code == TSLB_DURABLE_BROKEN);
   if (!had_fault || !is_explained) fail(what, error);
 }
 

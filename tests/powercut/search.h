@@ -59,8 +59,9 @@ class StoreRun {
 
   tslb_store_options_t options = {};
   std::function<void()> before_restoration;  // called once
-  std::function<bool(const std::function<bool()> &step)>
-      around_step;                 // calls each step of the store; memory may be refused
+  // Call each step of the store, and return whether memory was refused since then; null if it never is.
+  std::function<bool(const std::function<bool()> &step)> around_step;
+  std::function<bool()> was_memory_refused;
   size_t padding = 0;              // bytes that make the groups longer
   bool compresses = false;         // streams
   bool has_added_array = false;    // openings from then on declare another array

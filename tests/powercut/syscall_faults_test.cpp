@@ -160,10 +160,12 @@ TEST_F(SyscallFaults, EachRefusedAllocationLosesNothing) {
           };
           {
             const fault_everywhere_t fault(n);
+            run.was_memory_refused = [&fault] { return fault.struck(); };
             part.run(run);
             has_struck = fault.struck();
           }
           run.around_step = nullptr;
+          run.was_memory_refused = nullptr;
         });
       } catch (const Failure &failure) {
         FAIL() << failure.what;

@@ -11,7 +11,8 @@ struct fault_t {
   static bool works();  // not under ThreadSanitizer, which allocates before it can be interposed
 };
 
-// Of all threads and of forked children, but of the thread that makes this object only while it has a counted_t.
+// Counts the allocations of all threads and forked children; those of the thread that makes this object only while it has a
+// counted_t.
 struct fault_everywhere_t {
   explicit fault_everywhere_t(int nth);
   ~fault_everywhere_t();
