@@ -23,29 +23,79 @@ void Bounds::apply(const Op &op) {
       break;
     case MarkKind::refused:
       refused.push_back(number);
+      break;
+    case MarkKind::logged:
+      logged = number;
   }
 }
 
 bool Bounds::allows(int batch) const {
-  return batch >= acknowledged && batch <= begun && std::find(refused.begin(), refused.end(), batch) == refused.end();
+  return batch >= std::min(acknowledged, logged) && batch <= std::min(begun, logged) &&
+         std::find(refused.begin(), refused.end(), batch) == refused.end();
 }
 
-std::unique_ptr<TestStore> StoreRun::new_store() const {
+// ---- Log -----------------------------------------------------------------------------------------------------------
+
+const tslb_store_log_t *Log::functions() {
+  static constexpr auto of = [](void *log) { return static_cast<Log *>(log); };
+  functions_ = {this, [](void *arg, const tslb_group_t *group, char *, size_t) { return of(arg)->append(*group), 0; },
+                [](void *arg, char *, size_t) { return of(arg)->get_all(), 0; },
+                [](void *arg, const tslb_group_t *group, char *, size_t) { return of(arg)->has(*group) ? 1 : 0; }};
+  return &functions_;
+}
+
+void Log::get_all() {
+  record_mark(MarkKind::logged, static_cast<uint32_t>(groups.size()));
+}
+
+void Log::begin_epoch(const tslb_log_position_t &position) {
+  groups.push_back({position, {}});
+  get_all();
+}
+
+// A group is durable before it is appended.
+void Log::append(const tslb_group_t &group) {
+  groups.push_back({group.position, {static_cast<const char *>(group.body), group.bytes}});
+  if (!is_late) get_all();
+  record_mark(MarkKind::acknowledged, static_cast<uint32_t>(groups.size()));
+}
+
+bool Log::has(const tslb_group_t &group) const {
+  if (group.position.number > groups.size()) return false;
+  const auto &[position, body] = groups[group.position.number - 1];
+  const std::string_view found(static_cast<const char *>(group.body), group.bytes);
+  return position.epoch == group.position.epoch && (body.empty() || body == found);
+}
+
+// ---- Stores --------------------------------------------------------------------------------------------------------
+
+std::unique_ptr<TestStore> StoreRun::new_store(Log *its_log) const {
   std::vector<tslb_array_decl_t> decls = {
       decl_of("records", TSLB_ARRAY_RECORDS, 1, 20, 2, 0),
       decl_of("slots", TSLB_ARRAY_SLOTS, 2, sizeof(TestRecord), 2, TSLB_DA_DAFLAG_INLL)};
   if (arrays_ == Arrays::large) decls = test_decls();
+  if (arrays_ == Arrays::one) decls.resize(1);
   if (has_added_array) decls.push_back(decl_of("added", TSLB_ARRAY_RECORDS, 9, 20, 2, 0));
   for (tslb_array_decl_t &decl : decls) decl.compresses = compresses;
   auto store = std::make_unique<TestStore>(decls);
   store->options = options;
+  if (its_log != nullptr) store->options.log = its_log->functions();
   return store;
 }
 
 std::string StoreRun::content_of_store(const TestStore &store, const std::string &payload) const {
   std::string content = payload + ":";
-  for (uint32_t i = 0; i < (arrays_ == Arrays::large ? 4u : 2u); ++i) content += content_of(store.array(i));
+  for (uint32_t i = 0; i < (arrays_ == Arrays::large ? 4u : arrays_ == Arrays::small ? 2u : 1u); ++i)
+    content += content_of(store.array(i));
   return content;
+}
+
+// Returns whether the content, and the position of the store, are those after the batch.
+bool StoreRun::is_batch(const TestStore &store, const std::string &content, int batch) const {
+  const auto number = static_cast<size_t>(batch);
+  const auto [epoch, n_groups] = tslb_store_position(store.get());
+  const uint64_t expected_epoch = has_log && batch != 0 ? log.groups[number - 1].position.epoch : 0;
+  return content == contents_[number] && epoch == expected_epoch && n_groups == (has_log ? number : 0);
 }
 
 // The same for the same number and content.
@@ -59,8 +109,10 @@ void StoreRun::change(TestStore &store, tslb_batch_t *batch, uint32_t number) co
         static_cast<char *>(get_dyn_arr_record_position(store.array(RECORDS), static_cast<uint32_t>(id)));
     std::memset(record, static_cast<int>(number), 20);
     tslb_batch_log_record(batch, RECORDS, static_cast<uint32_t>(id));
-    const uint32_t idx = store.add_slot(batch, number, 0);
-    if (number % 2 == 0) tslb_da_free_idx(store.array(SLOTS), idx);
+    if (arrays_ == Arrays::small) {
+      const uint32_t idx = store.add_slot(batch, number, 0);
+      if (number % 2 == 0) tslb_da_free_idx(store.array(SLOTS), idx);
+    }
   }
   const std::string payload = payload_of(static_cast<int>(number));
   tslb_batch_set_payload(batch, payload.data(), payload.size(), nullptr);
@@ -73,15 +125,16 @@ void StoreRun::acknowledge() {
 }
 
 void StoreRun::open(uint32_t flags) {
-  store_ = new_store();
+  store_ = new_store(has_log ? &log : nullptr);
   const std::string folder = store_folder();
+  if (has_log) log.get_all();
   if (!attempt([&] { return store_->open(folder, flags | options.flags); })) {
     expect_fault("a store cannot be opened");
-    store_ = new_store();
+    store_ = new_store(has_log ? &log : nullptr);
     if (!store_->open(folder, flags | options.flags)) fail("a store cannot be opened again", store_->error);
   }
   if (contents_.empty()) contents_.push_back(content_of_store(*store_, payload_of(0)));
-  if (content_of_store(*store_, store_->payload()) != contents_[static_cast<size_t>(last_)])
+  if (!is_batch(*store_, content_of_store(*store_, store_->payload()), last_))
     throw Failure{fmt::format("a store without a cut was not opened with batch {}", last_)};
   acknowledge();
 }
@@ -118,7 +171,7 @@ void StoreRun::commit() {
     }
     if (is_done) {
       last_ = number;
-      if (content_of_store(*store_, payload_of(number)) != contents_.back())
+      if (!is_batch(*store_, content_of_store(*store_, payload_of(number)), number))
         throw Failure{"the end of a batch changed the arrays"};
       if (options.sync != TSLB_SYNC_NONE) acknowledge();
     } else {
@@ -255,48 +308,112 @@ void StoreRun::read() {
     throw Failure{fmt::format("a reader has not batch {}", last_)};
 }
 
+void StoreRun::fill_log(int n_batches) {
+  StoreRun leader(arrays_, seed_, root_ + ".leader");
+  fs::create_directory(leader.root_);
+  leader.has_log = true;
+  leader.open();
+  leader.lead();
+  for (int left = n_batches; left > 0; --left) leader.commit();
+  leader.close();
+  log = leader.log;
+  contents_ = leader.contents_;
+  // Its marks do not concern this store.
+  record_mark(MarkKind::begun, 0);
+  record_mark(MarkKind::acknowledged, static_cast<uint32_t>(-1));
+}
+
+void StoreRun::apply(TestStore &store, const LoggedGroup &next) const {
+  const tslb_group_t group = {next.body.data(), next.body.size(), next.body.empty() ? 0u : 1u, next.position};
+  if (tslb_store_apply(store.get(), &group, &store.error) != 0) fail("a group cannot be applied", store.error);
+  if (!is_batch(store, content_of_store(store, store.payload()), static_cast<int>(next.position.number)))
+    throw Failure{"a store that applied a group has another content"};
+}
+
+void StoreRun::apply() {
+  record_mark(MarkKind::begun, static_cast<uint32_t>(last_ + 1));
+  apply(*store_, log.groups[static_cast<size_t>(last_)]);
+  ++last_;
+  acknowledge();
+}
+
+void StoreRun::promote(TestStore &store, Log &its_log) const {
+  const tslb_log_position_t now = tslb_store_position(store.get()), next = {now.epoch + 1, now.number + 1};
+  its_log.begin_epoch(next);
+  if (tslb_store_promote(store.get(), &next, &store.error) != 0) fail("a store cannot be promoted", store.error);
+}
+
+void StoreRun::lead() {
+  contents_.push_back(contents_[static_cast<size_t>(last_)]);
+  record_mark(MarkKind::begun, static_cast<uint32_t>(last_ + 1));
+  promote(*store_, log);
+  ++last_;
+  acknowledge();
+}
+
 // ---- Recovery ------------------------------------------------------------------------------------------------------
 
 int StoreRun::found_in(const TestStore &store, const Bounds &bounds) const {
   const std::string found = content_of_store(store, store.payload());
   for (size_t batch = 0; batch < contents_.size(); ++batch)
-    if (found == contents_[batch] && bounds.allows(static_cast<int>(batch))) return static_cast<int>(batch);
+    if (bounds.allows(static_cast<int>(batch)) && is_batch(store, found, static_cast<int>(batch)))
+      return static_cast<int>(batch);
   std::string what = "that of no batch";
   for (size_t batch = 0; batch < contents_.size(); ++batch)
-    if (found == contents_[batch]) what = fmt::format("that of batch {}", batch);
+    if (is_batch(store, found, static_cast<int>(batch))) what = fmt::format("that of batch {}", batch);
   throw Failure{fmt::format("the content is {}; {} is acknowledged, {} begun, {} refused", what, bounds.acknowledged,
                             bounds.begun, bounds.refused.size())};
 }
 
 int StoreRun::recover(const std::string &folder, const Bounds &bounds, bool goes_on) const {
   const bool must_exist = bounds.acknowledged >= 0;
+  Log logged;
+  Log *const its_log = has_log ? &logged : nullptr;
+  if (has_log) logged.groups.assign(log.groups.begin(), log.groups.begin() + bounds.logged);
+  // A reader has no log, and finds what is in the journals.
+  Bounds of_reader = bounds;
+  of_reader.acknowledged = std::min(bounds.acknowledged, bounds.logged);
+  of_reader.logged = INT_MAX;
   int seen = -1;
   if (!has_added_array) {
     const std::unique_ptr<TestStore> reader = new_store();
     if (reader->open(folder, TSLB_STORE_READ_ONLY))
-      seen = found_in(*reader, bounds);
+      seen = found_in(*reader, of_reader);
     else if (must_exist || reader->error.code != TSLB_DURABLE_NO_STORE)
       fail("a reader is refused", reader->error);
     else if (marks_backup_only)
       return -1;  // a part of a backup is no store
   }
-  std::unique_ptr<TestStore> store = new_store();
+  std::unique_ptr<TestStore> store = new_store(its_log);
   if (!store->open(folder, TSLB_STORE_CREATE | TSLB_STORE_SHADOW | TSLB_STORE_NO_FORK))
     fail("the store is refused", store->error);
   const int found = found_in(*store, bounds);
   record_mark(MarkKind::acknowledged, static_cast<uint32_t>(found));
-  if (seen >= 0 && seen != found) throw Failure{fmt::format("a reader found batch {}, the writer {}", seen, found)};
+  if (seen >= 0 && std::min(seen, bounds.logged) != found)
+    throw Failure{fmt::format("a reader found batch {}, the writer {}", seen, found)};
   store->close();
-  store = new_store();
+  store = new_store(its_log);
   if (!store->open(folder, TSLB_STORE_SHADOW | TSLB_STORE_NO_FORK))
     fail("the store is refused after its recovery", store->error);
   if (found_in(*store, bounds) != found) throw Failure{"the second recovery found another batch"};
-  if (goes_on) use(*store, folder);
+  if (goes_on) use(*store, its_log, folder);
   return found;
 }
 
 // The recovered store goes on.
-void StoreRun::use(TestStore &store, const std::string &folder) const {
+void StoreRun::use(TestStore &store, Log *its_log, const std::string &folder) const {
+  if (its_log != nullptr) {
+    for (size_t number = tslb_store_position(store.get()).number; number < its_log->groups.size(); ++number)
+      apply(store, its_log->groups[number]);
+    promote(store, *its_log);
+    // If the journal still had groups that were left out, those after them would be left out too.
+    store.close();
+    if (!store.open(folder, TSLB_STORE_SHADOW | TSLB_STORE_NO_FORK))
+      fail("the store is refused after its promotion", store.error);
+    if (tslb_store_position(store.get()).number != its_log->groups.size())
+      throw Failure{"the begin of an epoch after the recovery is lost"};
+    promote(store, *its_log);
+  }
   constexpr uint32_t FIRST = 200;
   for (uint32_t number = FIRST; number < FIRST + 2; ++number) {
     tslb_batch_t *const batch = store.begin();
@@ -308,10 +425,12 @@ void StoreRun::use(TestStore &store, const std::string &folder) const {
   }
   const std::string expected = content_of_store(store, payload_of(FIRST + 1));
   if (store.close() != 0) fail("the store cannot be closed after its recovery", store.error);
-  const std::unique_ptr<TestStore> again = new_store();
+  const std::unique_ptr<TestStore> again = new_store(its_log);
   if (!again->open(folder, TSLB_STORE_SHADOW | TSLB_STORE_NO_FORK))
     fail("the store is refused after its use", again->error);
-  if (content_of_store(*again, again->payload()) != expected) throw Failure{"a batch after the recovery is lost"};
+  if (content_of_store(*again, again->payload()) != expected ||
+      tslb_store_position(again->get()).number != (its_log != nullptr ? its_log->groups.size() : 0))
+    throw Failure{"a batch after the recovery is lost"};
 }
 
 }  // namespace powercut

@@ -137,6 +137,49 @@ void failed_sync_at_a_border(StoreRun &run) {
   run.commit();
 }
 
+// An end and a second epoch. Keeps the first generation, so that its removal does not multiply the states.
+void leader(StoreRun &run) {
+  run.has_log = true;
+  run.options.keep = 1;
+  run.open();
+  run.lead();
+  commit_batches(run, 2);
+  run.snapshot();
+  run.commit();
+  run.close();
+  run.open();
+  run.lead();
+  run.commit();
+}
+
+// Until a generation is to be used, the log lacks a group of it, and one of the journal after it.
+void leader_with_a_late_log(StoreRun &run) {
+  run.has_log = run.log.is_late = true;
+  run.open();
+  run.lead();
+  run.commit();
+  call_before_renames([&run, n_left = 3]() mutable {
+    if (--n_left == 0) run.commit();  // the generation is not in place yet
+  });
+  run.snapshot();
+  call_before_renames(nullptr);
+}
+
+// Groups of another store, and own ones after them.
+void follower(StoreRun &run) {
+  run.has_log = true;
+  run.fill_log(3);
+  run.options.keep = 1;
+  run.open();
+  run.apply();
+  run.apply();
+  run.snapshot();
+  run.apply();
+  run.apply();
+  run.lead();
+  run.commit();
+}
+
 // The calls of a snapshot that can change what a cut leaves, and more than it makes of each.
 constexpr struct {
   const char *name;
@@ -198,7 +241,10 @@ const std::vector<Scenario> &short_scenarios() {
                                        {"backup", Arrays::small, backup},
                                        {"refused-batches", Arrays::small, refused_batches},
                                        {"failed-restorations", Arrays::small, failed_restorations},
-                                       {"failed-sync-at-a-border", Arrays::small, failed_sync_at_a_border}};
+                                       {"failed-sync-at-a-border", Arrays::small, failed_sync_at_a_border},
+                                       {"leader", Arrays::small, leader},
+                                       {"leader-with-a-late-log", Arrays::one, leader_with_a_late_log},
+                                       {"follower", Arrays::small, follower}};
     for (const auto &[call, n_max] : SNAPSHOT_CALLS)
       for (uint64_t n = 1; n <= n_max; ++n)
         scenarios.push_back({fmt::format("failed-snapshot-{}-{}", call, n), Arrays::small,

@@ -7,7 +7,7 @@ namespace powercut {
 namespace {
 
 size_t hash_of(const DiskState &state, const Bounds &bounds) {
-  std::string text = std::to_string(bounds.acknowledged);
+  std::string text = fmt::format("{} {}", bounds.acknowledged, bounds.logged);
   for (const int batch : bounds.refused) text += ',' + std::to_string(batch);
   for (const auto &[path, file] : state)
     text += fmt::format("\n{} {:d} {} {} ", path, file.is_folder, file.size, file.bytes.size()) + file.bytes;
@@ -51,7 +51,7 @@ void put_file(const std::string &path, const DiskFile &file) {
 void print(const Op &op) {
   static const char *const NAMES[] = {"open",        "write",  "truncate", "sync",          "failed sync",
                                       "make folder", "rename", "remove",   "remove folder", "mark"};
-  static const char *const MARKS[] = {"begun", "acknowledged", "refused"};
+  static const char *const MARKS[] = {"begun", "acknowledged", "refused", "logged"};
   const char *const what =
       op.kind == OpKind::mark ? MARKS[static_cast<int>(op.mark)] : NAMES[static_cast<int>(op.kind)];
   std::printf("%-13s %3u %8llu %6zu bytes %s\n", what, op.file, static_cast<unsigned long long>(op.at), op.text.size(),

@@ -1,6 +1,7 @@
 // Runs that are cut, and the search through the states that the cuts leave.
 #pragma once
 
+#include <climits>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -19,18 +20,42 @@ struct Bounds {
   int acknowledged = -1;  // -1: the creation has not returned
   int begun = 0;
   std::vector<int> refused;
+  int logged = INT_MAX;  // last one that the log has: later ones are left out
 
   void apply(const Op &mark);
   bool allows(int batch) const;
 };
 
 enum class Arrays {
+  one,    // of those of `small`, for scenarios in which many generations are half written
   small,  // two arrays of one or two sectors, so that all states can be visited
   large   // of every kind, with changes of every kind
 };
 
 struct Failure {
   std::string what;
+};
+
+struct LoggedGroup {
+  tslb_log_position_t position;
+  std::string body;  // empty at the begin of an epoch
+};
+
+// A log that a cut does not change. Group n is that of batch n; the begin of an epoch is a batch without changes.
+class Log {
+ public:
+  const tslb_store_log_t *functions();  // valid while the log is at its address
+  void begin_epoch(const tslb_log_position_t &position);
+  void get_all();
+
+  std::vector<LoggedGroup> groups;  // that were appended
+  bool is_late = false;             // gets groups when it must confirm them, or an epoch begins
+
+ private:
+  void append(const tslb_group_t &group);
+  bool has(const tslb_group_t &group) const;
+
+  tslb_store_log_t functions_ = {};
 };
 
 // The store of a scenario, in the folder "store" below a root, and the contents that it had.
@@ -50,6 +75,9 @@ class StoreRun {
   void back_up();    // to the folder "backup"
   void read();       // by a reader beside the store
   void refuse();     // a batch that is given up; then the store is restored
+  void fill_log(int n_batches);  // with those of another store, which began an epoch
+  void apply();                  // the next group of the log
+  void lead();                   // begins an epoch
   std::mt19937_64 &random() { return random_; }
 
   bool is_open() const { return store_ && store_->get() != nullptr; }
@@ -66,13 +94,15 @@ class StoreRun {
   bool compresses = false;         // streams
   bool has_added_array = false;    // openings from then on declare another array
   bool marks_backup_only = false;  // the backup is recovered, not the store
+  bool has_log = false;            // openings from then on have the log
+  Log log;
 
   // Recovers what a cut left in the folder, twice, and then goes on with it or not. Returns the batch that was found. Throws
   // Failure.
   int recover(const std::string &folder, const Bounds &bounds, bool goes_on) const;
 
  private:
-  std::unique_ptr<TestStore> new_store() const;
+  std::unique_ptr<TestStore> new_store(Log *its_log = nullptr) const;
   std::string content_of_store(const TestStore &store, const std::string &payload) const;
   void change(TestStore &store, tslb_batch_t *batch, uint32_t number) const;
   int begin_batch();
@@ -83,7 +113,10 @@ class StoreRun {
   void restore(int refused);
   void replace_broken(int number);
   int found_in(const TestStore &store, const Bounds &bounds) const;
-  void use(TestStore &store, const std::string &folder) const;
+  bool is_batch(const TestStore &store, const std::string &content, int batch) const;
+  void apply(TestStore &store, const LoggedGroup &group) const;
+  void promote(TestStore &store, Log &its_log) const;
+  void use(TestStore &store, Log *its_log, const std::string &folder) const;
   std::string payload_of(int batch) const {
     return batch == 0 ? "none" : std::to_string(batch) + std::string(padding, '.');
   }

@@ -23,7 +23,7 @@ enum class OpKind : uint8_t {
   mark            // of the scenario
 };
 
-enum class MarkKind : uint8_t { begun, acknowledged, refused };
+enum class MarkKind : uint8_t { begun, acknowledged, refused, logged };
 
 struct Op {
   OpKind kind = OpKind::mark;
