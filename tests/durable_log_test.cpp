@@ -176,14 +176,15 @@ TEST_F(DurableLog, RefusedAllocationAppliesAllOfAGroupOrNothing) {
   LoggedStore follower(other);
   ASSERT_NO_FATAL_FAILURE(follow(follower, 6));
   int n_struck = 0;
-  for (bool is_applied = false; !is_applied; ++n_struck) {
+  for (bool is_applied = false;; ++n_struck) {
     const tslb_group_t group = log_.groups[6].view();
     {
       const fault_t fault(n_struck + 1);
       is_applied = tslb_store_apply(follower.get(), &group, &follower.error) == 0;
     }
     ASSERT_EQ(follower.content(), states_[is_applied ? 7 : 6]) << "allocation " << n_struck + 1;
-    if (!is_applied) EXPECT_THAT(follower.error.code, testing::AnyOf(TSLB_DURABLE_NO_MEMORY, TSLB_DURABLE_REFUSED));
+    if (is_applied) break;
+    EXPECT_THAT(follower.error.code, testing::AnyOf(TSLB_DURABLE_NO_MEMORY, TSLB_DURABLE_REFUSED));
   }
   EXPECT_GT(n_struck, 5);
 }
