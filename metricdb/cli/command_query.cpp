@@ -97,6 +97,7 @@ InfluxqlAnswer answer_from_server(const QueryArguments &arguments, const Influxq
   InfluxqlAnswer answer;
   answer.is_bad_request = fetched.status != 200;
   answer.body = fetched.body;
+  answer.first_error = fetched.error;
   return answer;
 }
 
@@ -126,6 +127,7 @@ int answer_statement(const QueryArguments &arguments) {
                                                                          : answer_from_files(arguments, request);
   if (answer.is_bad_request) throw std::runtime_error(last_line(answer.body));
   print(answer.body);
+  if (!answer.first_error.empty()) throw std::runtime_error(answer.first_error);
   return EXIT_GOOD;
 }
 

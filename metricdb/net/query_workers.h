@@ -41,6 +41,7 @@ struct QueryAnswer {
   http_status status = HTTP_STATUS_OK;
   std::string content_type;
   std::string body;
+  std::string error = {};  // in one line, for the header; empty: none
 };
 
 // Asked now and then by a query, on any of its threads: whether it should end. The query can throw then.

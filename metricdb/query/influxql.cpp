@@ -107,21 +107,27 @@ class Execution {
 };
 
 // Executes the statements of a request, one after another: execute(i) returns the result of statement i, or throws
-// ExecutionFailed. Like InfluxDB, executes no statement after one that failed. `add` gets each result or error.
+// ExecutionFailed. Like InfluxDB, executes no statement after one that failed. `add` gets each result or error. Returns the
+// first error; empty if there is none.
 template <class Execute, class Add>
-void execute_each(size_t n_statements, Execute execute, Add add) {
-  bool has_failed = false;
+std::string execute_each(size_t n_statements, Execute execute, Add add) {
+  std::string first_error;
   for (size_t i = 0; i < n_statements; ++i) {
     decltype(execute(i)) result;
-    std::string error = has_failed ? "not executed" : "";
+    std::string error = first_error.empty() ? "" : "not executed";
     try {
-      if (!has_failed) result = execute(i);
+      if (first_error.empty()) result = execute(i);
     } catch (const influxql::ExecutionFailed &failed) {
-      error = failed.what();
-      has_failed = true;
+      error = first_error = failed.what();
     }
     add(i, std::move(result), std::move(error));
   }
+  return first_error;
+}
+
+void refuse_size(const InfluxqlRequest &request, const influxql::AnswerTooLarge &error, InfluxqlAnswer &answer) {
+  answer.is_bad_request = true;
+  answer.body = influxql::error_text(request, error.what());
 }
 
 // Fills an answer with the results.
@@ -130,13 +136,13 @@ void render(const InfluxqlRequest &request, size_t n_statements, Execute execute
   const auto renderer = request.csv ? influxql::make_csv_renderer(request, answer.body)
                                     : influxql::make_json_renderer(request, answer.body);
   try {
-    execute_each(n_statements, execute, [&](size_t i, std::vector<influxql::ResultSeries> series, std::string error) {
-      renderer->add({i, std::move(series), std::move(error)});
-    });
+    answer.first_error = execute_each(n_statements, execute,
+                                      [&](size_t i, std::vector<influxql::ResultSeries> series, std::string error) {
+                                        renderer->add({i, std::move(series), std::move(error)});
+                                      });
     renderer->finish();
   } catch (const influxql::AnswerTooLarge &error) {
-    answer.is_bad_request = true;
-    answer.body = influxql::error_text(request, error.what());
+    refuse_size(request, error, answer);
   }
 }
 

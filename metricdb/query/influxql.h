@@ -39,6 +39,7 @@ struct InfluxqlAnswer {
   bool is_not_found = false;    // the database of the request does not exist: HTTP 404
   std::string content_type;
   std::string body;
+  std::string first_error = {};  // of a statement; empty if none has failed
 };
 
 // Executes the statements of a request. Threads: any number, if the databases allow it.
