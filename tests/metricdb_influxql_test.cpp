@@ -91,6 +91,21 @@ TEST(Influxql, PartsOfServersAreWhole) {
             "{\"statement_id\":1,\"error\":\"not executed\"}]}\n");
 }
 
+// A long answer for a client of several servers ends in the statement that exceeds the limit.
+TEST(Influxql, PartsOfServersAreLimited) {
+  constexpr size_t N_POINTS = 4'000'000, N_STATEMENTS_READ = 5;  // of 64 MB each
+  MemorySource source;
+  std::vector<Point> points(N_POINTS);
+  for (size_t i = 0; i < N_POINTS; ++i) points[i].ts_ns = static_cast<int64_t>(i);
+  source.add("m", {}, "v", std::move(points));
+  InfluxqlRequest request{.is_partial = true};
+  for (size_t i = 0; i < N_STATEMENTS_READ + 2; ++i) request.text += "SELECT v FROM m;";
+  const InfluxqlAnswer answer = answer_influxql(source, request, {});
+  EXPECT_TRUE(answer.is_bad_request);
+  EXPECT_EQ(answer.body.substr(0, 100), "{\"error\":\"the answer is larger than 268435456 bytes\"}\n");
+  EXPECT_EQ(source.n_read, N_STATEMENTS_READ * N_POINTS);
+}
+
 // One series, in statement 0.
 #define SERIES(text) R"({"statement_id":0,"series":[{)" text R"(}]})"
 

@@ -149,14 +149,17 @@ void render(const InfluxqlRequest &request, size_t n_statements, Execute execute
 // Fills an answer with what this server contributes.
 void answer_partially(InfluxqlDatabases &databases, const InfluxqlRequest &request,
                       const std::vector<influxql::Statement> &statements, InfluxqlAnswer &answer) {
-  std::vector<influxql::StatementParts> all;
-  execute_each(
-      statements.size(), [&](size_t i) { return Execution(databases, request).parts(statements[i]); },
-      [&](size_t, std::vector<influxql::SeriesPart> series, std::string error) {
-        all.push_back({std::move(series), std::move(error)});
-      });
-  answer.content_type = "application/octet-stream";
-  answer.body = influxql::bytes_of(all);
+  influxql::PartsWriter writer(answer.body, statements.size());
+  try {
+    answer.first_error = execute_each(
+        statements.size(), [&](size_t i) { return Execution(databases, request).parts(statements[i]); },
+        [&](size_t, std::vector<influxql::SeriesPart> series, std::string error) {
+          writer.add({std::move(series), std::move(error)});
+        });
+    answer.content_type = "application/octet-stream";
+  } catch (const influxql::AnswerTooLarge &error) {
+    refuse_size(request, error, answer);
+  }
 }
 
 const std::string &refusal_of(const influxql::Statement &statement, const InfluxqlRequest &request) {
