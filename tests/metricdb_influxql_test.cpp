@@ -412,6 +412,27 @@ TEST(Influxql, Listings) {
   expect_results(two_hosts(), rows);
 }
 
+// A server whose series have no points in the range contributes their fields, tags and groups.
+TEST(Influxql, NamesWithoutPointsCount) {
+  MemorySource source;
+  source.add("m", {{"host", "a"}}, "v", points_at_seconds({{0, 1}}));
+  source.add("m", {{"host", "b"}, {"rack", "1"}}, "w", points_at_seconds({{50, 2}}));
+  source.add("m", {{"host", "c"}}, "v", points_at_seconds({{50, 3}}));
+  static const StatementRow rows[] = {
+      {"SELECT mean(v) FROM m WHERE time >= 40s GROUP BY host SLIMIT 1", R"({"statement_id":0})"},
+      {"SELECT mean(v) FROM m WHERE time >= 40s GROUP BY time(20s), host fill(none) SLIMIT 1 SOFFSET 1",
+       SERIES(R"("name":"m","tags":{"host":"c"},"columns":["time","mean"],"values":[[40,3]])")},
+      {"SELECT mean(*) FROM m WHERE time < 40s GROUP BY *",
+       SERIES(
+           R"("name":"m","tags":{"host":"a","rack":""},"columns":["time","mean_v","mean_w"],"values":[[0,1,null]])")},
+      {"SELECT max(/^v/) FROM m WHERE host != 'a' GROUP BY /./",
+       SERIES(R"("name":"m","tags":{"host":"c","rack":""},"columns":["time","max_v"],"values":[[50,3]])")},
+      {"SELECT mean(no), max(*) FROM m",
+       SERIES(R"("name":"m","columns":["time","mean","max_v","max_w"],"values":[[0,null,3,2]])")},
+  };
+  expect_results(source, rows);
+}
+
 // Of points with the same time the greater value is selected, and of the same value the earlier point. Fails if the order
 // of the series decides.
 TEST(Influxql, SelectedPointsOfSeveralSeries) {
