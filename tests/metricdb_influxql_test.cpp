@@ -187,7 +187,8 @@ TEST(Influxql, PointsOfFields) {
       {"SELECT nothing FROM cpu", R"({"statement_id":0})"},
       {"SELECT *::tag FROM cpu", R"({"statement_id":0})"},
       {"SELECT load FROM cpu WHERE time > 5 AND time < 5", R"({"statement_id":0})"},
-      {"SELECT free FROM missing.autogen.mem", R"({"statement_id":0,"error":"database not found: missing"})"},
+      {"SELECT free FROM any.autogen.mem LIMIT 1",
+       SERIES(R"("name":"mem","columns":["time","free"],"values":[[0,100]])")},
   };
   expect_results(two_hosts(), rows);
 }
@@ -397,7 +398,9 @@ TEST(Influxql, Listings) {
       {"SHOW FIELD KEYS FROM cpu",
        SERIES(R"("name":"cpu","columns":["fieldKey","fieldType"],"values":[["idle","float"],["load","float"]])")},
       {"SHOW TAG KEYS FROM nothing", R"({"statement_id":0})"},
-      {"SHOW SERIES ON missing", R"({"statement_id":0,"error":"database not found: missing"})"},
+      {"SHOW SERIES ON any FROM any..net", SERIES(R"("columns":["key"],"values":[["net"]])")},
+      {"SHOW SERIES ON any FROM other..net",
+       R"({"statement_id":0,"error":"a statement about several databases is not supported"})"},
       {"CREATE DATABASE new", R"({"statement_id":0})"},
       {"DELETE FROM cpu; SHOW DATABASES",
        R"({"statement_id":0,"error":"the database is open for reading only"},{"statement_id":1,"error":"not executed"})"},
@@ -405,8 +408,8 @@ TEST(Influxql, Listings) {
       {"CREATE DATABASE new; SHOW FIELD KEYS FROM net;",
        R"({"statement_id":0},{"statement_id":1,"series":[{"name":"net","columns":["fieldKey","fieldType"],)"
        R"("values":[["rx","float"]]}]})"},
-      {"CREATE DATABASE new; SHOW SERIES ON missing; SHOW DATABASES",
-       R"({"statement_id":0},{"statement_id":1,"error":"database not found: missing"},)"
+      {"CREATE DATABASE new; SELECT rx FROM a..net, b..net; SHOW DATABASES",
+       R"({"statement_id":0},{"statement_id":1,"error":"a statement about several databases is not supported"},)"
        R"({"statement_id":2,"error":"not executed"})"},
   };
   expect_results(two_hosts(), rows);
@@ -771,8 +774,7 @@ TEST(Influxql, PrettyAnswer) {
 }
 
 TEST(Influxql, ChunkedAnswer) {
-  InfluxqlRequest request{
-      .text = "SELECT load FROM cpu GROUP BY host; SHOW SERIES ON x", .epoch = "s", .chunked = true};
+  InfluxqlRequest request{.text = "SELECT load FROM cpu GROUP BY host; DROP DATABASE x", .epoch = "s", .chunked = true};
   request.chunk_size = 3;
   EXPECT_EQ(answer_influxql(two_hosts(), request, {}).body,
             R"({"results":[{"statement_id":0,"series":[{"name":"cpu","tags":{"host":"a"},"columns":["time","load"],)"
@@ -784,7 +786,7 @@ TEST(Influxql, ChunkedAnswer) {
             R"({"results":[{"statement_id":0,"series":[{"name":"cpu","tags":{"host":"b"},"columns":["time","load"],)"
             R"("values":[[5,10],[10,20],[65,30]]}]}]})"
             "\n"
-            R"({"results":[{"statement_id":1,"error":"database not found: x"}]})"
+            R"({"results":[{"statement_id":1,"error":"the database is open for reading only"}]})"
             "\n");
 }
 
@@ -794,7 +796,7 @@ TEST(Influxql, CsvAnswer) {
   const InfluxqlRequest request{
       .text =
           "SELECT load, idle FROM cpu WHERE time <= 5s GROUP BY host, rack; SELECT x FROM z; CREATE DATABASE q; "
-          "SHOW TAG KEYS FROM cpu; SELECT x FROM /b/ GROUP BY k; SHOW SERIES ON x",
+          "SHOW TAG KEYS FROM cpu; SELECT x FROM /b/ GROUP BY k; DROP DATABASE x",
       .csv = true};
   const InfluxqlAnswer answer = answer_influxql(source, request, {});
   EXPECT_EQ(answer.content_type, "text/csv");
@@ -802,7 +804,7 @@ TEST(Influxql, CsvAnswer) {
             "name,tags,time,load,idle\ncpu,host=a,0,1,90\ncpu,host=b,5000000000,10,\n"
             "\nname,tags,tagKey\ncpu,,host\ncpu,,zone\n"
             "\nname,tags,time,x\n\"a,\"\"b\"\"\",\"k=v\\,w\",5,1000000000000000000000\n"
-            "\nerror\ndatabase not found: x\n");
+            "\nerror\nthe database is open for reading only\n");
 }
 
 TEST(Influxql, RefusedStatements) {

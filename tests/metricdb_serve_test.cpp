@@ -211,6 +211,9 @@ TEST_F(Serve, StatementsThatChangeDatabases) {
     }
     EXPECT_THAT(answer_to(peer, get("/query?db=d&q=DELETE+FROM+a")), HasSubstr("needs a POST request"));
     EXPECT_EQ(Peer::status_of(ask_for("SHOW SERIES", "missing")), is_only ? 200 : 404);
+    for (const char *statement : {"SHOW SERIES ON missing", "SELECT x FROM missing..a", "DELETE FROM missing..z"})
+      EXPECT_EQ(body_of(ask_for(statement, "d")).find("database not found: missing") == std::string::npos, is_only)
+          << statement;
     // The point of h=2 is too old now.
     EXPECT_THAT(ask_for("SELECT count(x) FROM a", "d"), Not(HasSubstr("series")));
     EXPECT_THAT(body_of(answer_to(peer, get("/metrics"))),

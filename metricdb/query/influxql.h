@@ -45,7 +45,7 @@ struct InfluxqlAnswer {
 // Executes the statements of a request. Threads: any number, if the databases allow it.
 InfluxqlAnswer answer_influxql(InfluxqlDatabases &databases, const InfluxqlRequest &request);
 
-// The same for one database that is read only.
+// The same for one database that is read only. Statements can use any name for it.
 //
 // databases  its names
 InfluxqlAnswer answer_influxql(const SeriesSource &source, const InfluxqlRequest &request,

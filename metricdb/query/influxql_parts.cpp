@@ -104,18 +104,11 @@ class PartsSource : public SeriesSource {
   std::vector<std::vector<const SeriesPart *>> series_;
 };
 
-// The servers have applied the conditions already, to all tags of the series, and know the databases.
-void drop_conditions(std::vector<Source> &sources, Condition &condition) {
-  for (Source &source : sources) source.database.clear();
-  condition = {};
-}
-
 }  // namespace
 
 std::vector<SeriesPart> parts_of(const Environment &environment, const Statement &statement) {
   if (const auto *const select = std::get_if<SelectStatement>(&statement)) return parts_of_select(environment, *select);
   const auto &show = std::get<ShowStatement>(statement);
-  check_database(environment, show.database);
   std::vector<SeriesPart> parts;
   std::vector<uint32_t> numbers;
   for_each_matching(environment, show.sources, show.condition, {}, [&](uint32_t series, const SeriesName &name) {
@@ -162,12 +155,10 @@ std::vector<ResultSeries> execute_on_parts(const Environment &environment, const
                                 environment.limits,
                                 environment.is_interrupted,
                                 environment.n_threads};
+  // The servers have applied the conditions already, to all tags of the series.
   Statement of_all = statement;
-  if (auto *const select = std::get_if<SelectStatement>(&of_all)) drop_conditions(select->sources, select->condition);
-  if (auto *const show = std::get_if<ShowStatement>(&of_all)) {
-    show->database.clear();
-    drop_conditions(show->sources, show->condition);
-  }
+  if (auto *const select = std::get_if<SelectStatement>(&of_all)) select->condition = {};
+  if (auto *const show = std::get_if<ShowStatement>(&of_all)) show->condition = {};
   return execute(of_parts, of_all);
 }
 
