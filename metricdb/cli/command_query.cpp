@@ -69,7 +69,8 @@ std::string last_line(std::string_view text) {
 InfluxqlAnswer answer_from_files(const QueryArguments &arguments, const InfluxqlRequest &request) {
   OpenDatabase opened = open_to_read(arguments.db, arguments.salvage);
   opened.store().go_live();
-  return answer_influxql(StoreSource(opened.store()), request, {"metricdb"});
+  return answer_influxql(StoreSource(opened.store()), request, {"metricdb"},
+                         opened.store().config().forgetting.retain_ns);
 }
 
 // No other process may have the database open.

@@ -34,15 +34,19 @@ class NoSeries : public SeriesSource {
 // One source, whatever the name. Nothing can be changed.
 class FixedDatabases : public InfluxqlDatabases {
  public:
-  FixedDatabases(const SeriesSource &source, const std::vector<std::string> &names) : source_(source), names_(names) {}
+  FixedDatabases(const SeriesSource &source, const std::vector<std::string> &names, int64_t retention_ns)
+      : source_(source), names_(names), retention_ns_(retention_ns) {}
 
   std::vector<std::string> names() const override { return names_; }
   bool has(const std::string &) const override { return true; }
   void read(const std::string &, const Use &use) const override { use(source_); }
   void erase(const std::string &, const Choose &, int64_t, int64_t) override { refuse(); }
-  int64_t retention_ns(const std::string &) const override { return 0; }
+  int64_t retention_ns(const std::string &) const override { return retention_ns_; }
   void set_retention(const std::string &, int64_t) override { refuse(); }
-  void create(const std::string &, std::optional<int64_t>) override {}
+  void create(const std::string &, std::optional<int64_t> retention_ns) override {
+    if (retention_ns.value_or(retention_ns_) != retention_ns_)
+      throw influxql::ExecutionFailed("retention policy conflicts with an existing policy");
+  }
   void drop(const std::string &) override { refuse(); }
 
  private:
@@ -50,6 +54,7 @@ class FixedDatabases : public InfluxqlDatabases {
 
   const SeriesSource &source_;
   const std::vector<std::string> names_;
+  const int64_t retention_ns_;
 };
 
 // Of one statement: the databases before it can have been changed.
@@ -240,8 +245,8 @@ InfluxqlAnswer answer_of_servers(std::span<const std::string> bodies, const Infl
 }
 
 InfluxqlAnswer answer_influxql(const SeriesSource &source, const InfluxqlRequest &request,
-                               const std::vector<std::string> &databases) {
-  FixedDatabases fixed(source, databases);
+                               const std::vector<std::string> &databases, int64_t retention_ns) {
+  FixedDatabases fixed(source, databases, retention_ns);
   return answer_influxql(fixed, request);
 }
 

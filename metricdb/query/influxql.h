@@ -47,9 +47,10 @@ InfluxqlAnswer answer_influxql(InfluxqlDatabases &databases, const InfluxqlReque
 
 // The same for one database that is read only. Statements can use any name for it.
 //
-// databases  its names
+// databases     the names that SHOW DATABASES has
+// retention_ns  its retention; 0: all points stay
 InfluxqlAnswer answer_influxql(const SeriesSource &source, const InfluxqlRequest &request,
-                               const std::vector<std::string> &databases);
+                               const std::vector<std::string> &databases, int64_t retention_ns = 0);
 
 // Answers a request from what each of several servers has returned to the same request with is_partial. Its first error is
 // that of the answer.
