@@ -91,6 +91,21 @@ TEST(Influxql, PartsOfServersAreWhole) {
             "{\"statement_id\":1,\"error\":\"not executed\"}]}\n");
 }
 
+// A long answer for a client of several servers ends in the statement that exceeds the limit.
+TEST(Influxql, PartsOfServersAreLimited) {
+  constexpr size_t N_POINTS = 4'000'000, N_STATEMENTS_READ = 5;  // of 64 MB each
+  MemorySource source;
+  std::vector<Point> points(N_POINTS);
+  for (size_t i = 0; i < N_POINTS; ++i) points[i].ts_ns = static_cast<int64_t>(i);
+  source.add("m", {}, "v", std::move(points));
+  InfluxqlRequest request{.is_partial = true};
+  for (size_t i = 0; i < N_STATEMENTS_READ + 2; ++i) request.text += "SELECT v FROM m;";
+  const InfluxqlAnswer answer = answer_influxql(source, request, {});
+  EXPECT_TRUE(answer.is_bad_request);
+  EXPECT_EQ(answer.body.substr(0, 100), "{\"error\":\"the answer is larger than 268435456 bytes\"}\n");
+  EXPECT_EQ(source.n_read, N_STATEMENTS_READ * N_POINTS);
+}
+
 // One series, in statement 0.
 #define SERIES(text) R"({"statement_id":0,"series":[{)" text R"(}]})"
 
@@ -172,7 +187,8 @@ TEST(Influxql, PointsOfFields) {
       {"SELECT nothing FROM cpu", R"({"statement_id":0})"},
       {"SELECT *::tag FROM cpu", R"({"statement_id":0})"},
       {"SELECT load FROM cpu WHERE time > 5 AND time < 5", R"({"statement_id":0})"},
-      {"SELECT free FROM missing.autogen.mem", R"({"statement_id":0,"error":"database not found: missing"})"},
+      {"SELECT free FROM any.autogen.mem LIMIT 1",
+       SERIES(R"("name":"mem","columns":["time","free"],"values":[[0,100]])")},
   };
   expect_results(two_hosts(), rows);
 }
@@ -382,7 +398,9 @@ TEST(Influxql, Listings) {
       {"SHOW FIELD KEYS FROM cpu",
        SERIES(R"("name":"cpu","columns":["fieldKey","fieldType"],"values":[["idle","float"],["load","float"]])")},
       {"SHOW TAG KEYS FROM nothing", R"({"statement_id":0})"},
-      {"SHOW SERIES ON missing", R"({"statement_id":0,"error":"database not found: missing"})"},
+      {"SHOW SERIES ON any FROM any..net", SERIES(R"("columns":["key"],"values":[["net"]])")},
+      {"SHOW SERIES ON any FROM other..net",
+       R"({"statement_id":0,"error":"a statement about several databases is not supported"})"},
       {"CREATE DATABASE new", R"({"statement_id":0})"},
       {"DELETE FROM cpu; SHOW DATABASES",
        R"({"statement_id":0,"error":"the database is open for reading only"},{"statement_id":1,"error":"not executed"})"},
@@ -390,11 +408,32 @@ TEST(Influxql, Listings) {
       {"CREATE DATABASE new; SHOW FIELD KEYS FROM net;",
        R"({"statement_id":0},{"statement_id":1,"series":[{"name":"net","columns":["fieldKey","fieldType"],)"
        R"("values":[["rx","float"]]}]})"},
-      {"CREATE DATABASE new; SHOW SERIES ON missing; SHOW DATABASES",
-       R"({"statement_id":0},{"statement_id":1,"error":"database not found: missing"},)"
+      {"CREATE DATABASE new; SELECT rx FROM a..net, b..net; SHOW DATABASES",
+       R"({"statement_id":0},{"statement_id":1,"error":"a statement about several databases is not supported"},)"
        R"({"statement_id":2,"error":"not executed"})"},
   };
   expect_results(two_hosts(), rows);
+}
+
+// A server whose series have no points in the range contributes their fields, tags and groups.
+TEST(Influxql, NamesWithoutPointsCount) {
+  MemorySource source;
+  source.add("m", {{"host", "a"}}, "v", points_at_seconds({{0, 1}}));
+  source.add("m", {{"host", "b"}, {"rack", "1"}}, "w", points_at_seconds({{50, 2}}));
+  source.add("m", {{"host", "c"}}, "v", points_at_seconds({{50, 3}}));
+  static const StatementRow rows[] = {
+      {"SELECT mean(v) FROM m WHERE time >= 40s GROUP BY host SLIMIT 1", R"({"statement_id":0})"},
+      {"SELECT mean(v) FROM m WHERE time >= 40s GROUP BY time(20s), host fill(none) SLIMIT 1 SOFFSET 1",
+       SERIES(R"("name":"m","tags":{"host":"c"},"columns":["time","mean"],"values":[[40,3]])")},
+      {"SELECT mean(*) FROM m WHERE time < 40s GROUP BY *",
+       SERIES(
+           R"("name":"m","tags":{"host":"a","rack":""},"columns":["time","mean_v","mean_w"],"values":[[0,1,null]])")},
+      {"SELECT max(/^v/) FROM m WHERE host != 'a' GROUP BY /./",
+       SERIES(R"("name":"m","tags":{"host":"c","rack":""},"columns":["time","max_v"],"values":[[50,3]])")},
+      {"SELECT mean(no), max(*) FROM m",
+       SERIES(R"("name":"m","columns":["time","mean","max_v","max_w"],"values":[[0,null,3,2]])")},
+  };
+  expect_results(source, rows);
 }
 
 // Of points with the same time the greater value is selected, and of the same value the earlier point. Fails if the order
@@ -735,8 +774,7 @@ TEST(Influxql, PrettyAnswer) {
 }
 
 TEST(Influxql, ChunkedAnswer) {
-  InfluxqlRequest request{
-      .text = "SELECT load FROM cpu GROUP BY host; SHOW SERIES ON x", .epoch = "s", .chunked = true};
+  InfluxqlRequest request{.text = "SELECT load FROM cpu GROUP BY host; DROP DATABASE x", .epoch = "s", .chunked = true};
   request.chunk_size = 3;
   EXPECT_EQ(answer_influxql(two_hosts(), request, {}).body,
             R"({"results":[{"statement_id":0,"series":[{"name":"cpu","tags":{"host":"a"},"columns":["time","load"],)"
@@ -748,7 +786,7 @@ TEST(Influxql, ChunkedAnswer) {
             R"({"results":[{"statement_id":0,"series":[{"name":"cpu","tags":{"host":"b"},"columns":["time","load"],)"
             R"("values":[[5,10],[10,20],[65,30]]}]}]})"
             "\n"
-            R"({"results":[{"statement_id":1,"error":"database not found: x"}]})"
+            R"({"results":[{"statement_id":1,"error":"the database is open for reading only"}]})"
             "\n");
 }
 
@@ -758,7 +796,7 @@ TEST(Influxql, CsvAnswer) {
   const InfluxqlRequest request{
       .text =
           "SELECT load, idle FROM cpu WHERE time <= 5s GROUP BY host, rack; SELECT x FROM z; CREATE DATABASE q; "
-          "SHOW TAG KEYS FROM cpu; SELECT x FROM /b/ GROUP BY k; SHOW SERIES ON x",
+          "SHOW TAG KEYS FROM cpu; SELECT x FROM /b/ GROUP BY k; DROP DATABASE x",
       .csv = true};
   const InfluxqlAnswer answer = answer_influxql(source, request, {});
   EXPECT_EQ(answer.content_type, "text/csv");
@@ -766,7 +804,7 @@ TEST(Influxql, CsvAnswer) {
             "name,tags,time,load,idle\ncpu,host=a,0,1,90\ncpu,host=b,5000000000,10,\n"
             "\nname,tags,tagKey\ncpu,,host\ncpu,,zone\n"
             "\nname,tags,time,x\n\"a,\"\"b\"\"\",\"k=v\\,w\",5,1000000000000000000000\n"
-            "\nerror\ndatabase not found: x\n");
+            "\nerror\nthe database is open for reading only\n");
 }
 
 TEST(Influxql, RefusedStatements) {

@@ -71,6 +71,11 @@ TEST_F(Program, RetentionIsStoredWithTheDatabase) {
   expect_good("stat --db db", "series           1, 0 inactive\nvisible points   1, 0 hidden");
   expect_good("load --db db --precision ms --retain 100000 old.lp");
   expect_good("stat --db db", "series           2, 0 inactive\nvisible points   2, 0 hidden");
+  // Statements see it too.
+  expect_good("query --db db --influxql 'CREATE DATABASE x WITH DURATION 100000s; SHOW RETENTION POLICIES'",
+              ",autogen,27h46m40s,");
+  expect_refused("query --db db --influxql 'CREATE DATABASE x WITH DURATION 2h'",
+                 StartsWith("metricdb: retention policy conflicts with an existing policy\n"));
 }
 
 TEST_F(Program, RefusesInOneLineAndChangesNothing) {

@@ -211,6 +211,9 @@ TEST_F(Serve, StatementsThatChangeDatabases) {
     }
     EXPECT_THAT(answer_to(peer, get("/query?db=d&q=DELETE+FROM+a")), HasSubstr("needs a POST request"));
     EXPECT_EQ(Peer::status_of(ask_for("SHOW SERIES", "missing")), is_only ? 200 : 404);
+    for (const char *statement : {"SHOW SERIES ON missing", "SELECT x FROM missing..a", "DELETE FROM missing..z"})
+      EXPECT_EQ(body_of(ask_for(statement, "d")).find("database not found: missing") == std::string::npos, is_only)
+          << statement;
     // The point of h=2 is too old now.
     EXPECT_THAT(ask_for("SELECT count(x) FROM a", "d"), Not(HasSubstr("series")));
     EXPECT_THAT(body_of(answer_to(peer, get("/metrics"))),
@@ -226,6 +229,26 @@ TEST_F(Serve, StatementsThatChangeDatabases) {
   EXPECT_THAT(run("verify --db only").out, HasSubstr("series           0 in "));
   EXPECT_EQ(run("query --db missing --influxql 'DROP SERIES FROM a'").exit_code, 1);
   EXPECT_FALSE(fs::exists(path("missing")));
+}
+
+// The answers to the other statements are printed.
+TEST_F(Serve, FailedStatementsFailTheQuery) {
+  const auto expect_failure = [&](const std::string &arguments, const std::string &first = "SHOW SERIES") {
+    const Outcome outcome = run(fmt::format("query {} --influxql '{}; SELECT x FROM a..m, b..m'", arguments, first));
+    EXPECT_EQ(outcome.exit_code, 1) << arguments;
+    EXPECT_EQ(outcome.err, "metricdb: a statement about several databases is not supported\n") << arguments;
+    EXPECT_EQ(outcome.out.find("m,h=1") != std::string::npos, first == "SHOW SERIES") << arguments << outcome.out;
+  };
+  ServeProcess serve(root_, "--influx 0 --db db");
+  Peer peer(serve.port());
+  EXPECT_EQ(ask(peer, post("m,h=1 x=1 5")), 204);
+  const std::string server = fmt::format("--server 127.0.0.1:{}", serve.port());
+  expect_failure(server);
+  expect_failure(server + " --format json");
+  expect_failure(fmt::format("{} --server localhost:{}", server, serve.port()));
+  EXPECT_EQ(serve.end(SIGTERM), 0);
+  expect_failure("--db db");
+  expect_failure("--db db", "DELETE FROM other");
 }
 
 // The manual pages have each option of each command.

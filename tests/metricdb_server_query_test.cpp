@@ -133,6 +133,29 @@ TEST(Queries, UnreadAnswersAreLimited) {
   EXPECT_TRUE(wait_until([&] { return ask(peer, get("/query?q=short")) == 200; })) << "an answer that was read counts";
 }
 
+// They were admitted when there was none.
+TEST(Queries, UnreadAnswersRefuseThoseThatWait) {
+  constexpr size_t BYTES = 32 << 20;
+  std::atomic<bool> is_open = false;
+  ServerOptions options = options_with([&](const QueryRequest &, const IsInterrupted &) {
+    wait_until([&] { return is_open.load(); });
+    return QueryAnswer{HTTP_STATUS_OK, "text/plain", std::string(BYTES, 'x')};
+  });
+  options.n_query_threads = 1;
+  options.max_query_bytes = BYTES / 4;
+  RunningServer server(options);
+  Peer slow(server.influx_port()), peer(server.influx_port());
+  ASSERT_TRUE(slow.send(get("/query?q=1") + get("/query?q=2") + get("/query?q=3")));
+  ASSERT_TRUE(wait_until([&] { return server.counters().requests == 3; }));
+  is_open = true;
+  const char *const two_refused = "metricdb_queries_total{result=\"refused\"} 2\n";
+  EXPECT_TRUE(wait_until([&] { return answer_to(peer, get("/metrics")).find(two_refused) != std::string::npos; }));
+  EXPECT_EQ(slow.answer().size() / BYTES, 1u);
+  for (int i = 0; i < 2; ++i)
+    EXPECT_THAT(slow.answer().substr(0, 300), HasSubstr("too many answers are not read, try again"));
+  EXPECT_EQ(ask(peer, get("/query?q=4")), 200) << "an answer that was read counts";
+}
+
 TEST(Queries, ParametersAndFailures) {
   RunningServer server(options_with([](const QueryRequest &request, const IsInterrupted &) -> QueryAnswer {
     if (request.text == "fail") throw std::runtime_error("it failed");

@@ -69,7 +69,8 @@ std::string last_line(std::string_view text) {
 InfluxqlAnswer answer_from_files(const QueryArguments &arguments, const InfluxqlRequest &request) {
   OpenDatabase opened = open_to_read(arguments.db, arguments.salvage);
   opened.store().go_live();
-  return answer_influxql(StoreSource(opened.store()), request, {"metricdb"});
+  return answer_influxql(StoreSource(opened.store()), request, {"metricdb"},
+                         opened.store().config().forgetting.retain_ns);
 }
 
 // No other process may have the database open.
@@ -97,6 +98,7 @@ InfluxqlAnswer answer_from_server(const QueryArguments &arguments, const Influxq
   InfluxqlAnswer answer;
   answer.is_bad_request = fetched.status != 200;
   answer.body = fetched.body;
+  answer.first_error = fetched.error;
   return answer;
 }
 
@@ -126,6 +128,7 @@ int answer_statement(const QueryArguments &arguments) {
                                                                          : answer_from_files(arguments, request);
   if (answer.is_bad_request) throw std::runtime_error(last_line(answer.body));
   print(answer.body);
+  if (!answer.first_error.empty()) throw std::runtime_error(answer.first_error);
   return EXIT_GOOD;
 }
 

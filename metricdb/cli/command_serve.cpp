@@ -189,9 +189,9 @@ QueryAnswer answer_query(const Served *served, DatabaseNames &names, const Query
                                  .is_interrupted = is_interrupted,
                                  .n_threads = std::thread::hardware_concurrency()};
   const auto answer_from = [&query](InfluxqlDatabases &&databases) { return answer_influxql(databases, query); };
-  const InfluxqlAnswer answer = served->set ? answer_from(SeveralDatabases(*served->set, is_interrupted))
-                                            : answer_from(OnlyDatabase(served->only, names, false, is_interrupted));
-  return {status_of(answer), answer.content_type, answer.body};
+  InfluxqlAnswer answer = served->set ? answer_from(SeveralDatabases(*served->set, is_interrupted))
+                                      : answer_from(OnlyDatabase(served->only, names, false, is_interrupted));
+  return {status_of(answer), answer.content_type, std::move(answer.body), answer.first_error};
 }
 
 // On a thread of its own. served: as in answer_query. request: the name is its text.

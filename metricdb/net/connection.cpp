@@ -63,6 +63,7 @@ std::string Hub::why_not_writable() const {
 }
 
 void Hub::count(const QueryWorkers::Done &done) {
+  if (done.result == QueryResult::refused) return queries_refused.add(1);
   Counter &result = done.result == QueryResult::answered ? queries_answered
                     : done.result == QueryResult::failed ? queries_failed
                                                          : queries_interrupted;
@@ -202,8 +203,7 @@ void Connection::answered(uint64_t query, const QueryAnswer &answer) {
   for (PendingAnswer &pending : pending_) {
     if (pending.query != query) continue;
     pending.text = text_of(query, answer);
-    query_bytes_ += pending.text.size();
-    hub_.query_bytes += pending.text.size();
+    query_bytes_ += pending.query_bytes = answer.body.size();
     pending.ticket = pending.query = 0;
   }
   send_answers();
@@ -223,6 +223,7 @@ void Connection::send_answers() {
   while (!pending_.empty() && pending_.front().ticket == 0) {
     check_speed(pending_.front());
     pending_bytes_ -= pending_.front().bytes;
+    out_query_bytes_ += pending_.front().query_bytes;
     out_ += pending_.front().text;
     pending_.pop_front();
   }
@@ -242,7 +243,8 @@ void Connection::send_out() {
     if (out_sent_ < out_.size()) continue;
     out_.clear();
     out_sent_ = 0;
-    if (pending_.empty()) hub_.query_bytes -= std::exchange(query_bytes_, 0);
+    query_bytes_ -= out_query_bytes_;
+    hub_.query_bytes -= std::exchange(out_query_bytes_, 0);
   }
 }
 

@@ -45,9 +45,10 @@ struct Hub {
         blocks(server_options.max_buffered_bytes),
         access(options.user_file),
         tls(tls_of(options)),
-        queries(options.query, options.n_query_threads, options.max_waiting_queries, options.max_query_time),
-        backups(server_options.backup, 1, 1, server_options.max_query_time),
-        promotions(server_options.promote, 1, 1, server_options.max_query_time),
+        queries(options.query, options.n_query_threads, options.max_waiting_queries, options.max_query_time,
+                query_bytes, options.max_query_bytes),
+        backups(server_options.backup, 1, 1, server_options.max_query_time, query_bytes, SIZE_MAX),
+        promotions(server_options.promote, 1, 1, server_options.max_query_time, query_bytes, SIZE_MAX),
         log(server_options.max_log_lines, server_options.log_interval) {}
 
   // None without a certificate. Throws TlsError.
@@ -66,14 +67,14 @@ struct Hub {
   BlockPool blocks;
   Access access;
   std::optional<TlsContext> tls;
-  Clock::time_point now;        // the time of the current round
-  size_t unanswered_bytes = 0;  // passed to the Ingest and not settled
-  size_t open_bytes = 0;        // of these, not committed yet
+  Clock::time_point now;                // the time of the current round
+  size_t unanswered_bytes = 0;          // passed to the Ingest and not settled
+  size_t open_bytes = 0;                // of these, not committed yet
+  std::atomic<size_t> query_bytes = 0;  // of answers to queries that are not sent completely
   QueryWorkers queries;
   QueryWorkers backups;                         // not interrupted; one is written, and one can wait
   QueryWorkers promotions;                      // the same
   uint64_t last_query = 0;                      // of all three
-  size_t query_bytes = 0;                       // of answers to queries that are not sent completely
   std::unordered_map<uint64_t, int> query_fds;  // connections that wait for queries
   LimitedLog log;
   DurationHistogram batch_times;
@@ -137,6 +138,7 @@ class Connection {
     std::string text;
     std::string database = {};     // of its lines
     uint64_t query = 0;            // with QUERY_TICKET: the query it waits for
+    size_t query_bytes = 0;        // of the Hub's, when it was answered
     Clock::time_point since = {};  // when it was queued
   };
 
@@ -182,8 +184,9 @@ class Connection {
   ByteBuffer input_;
   std::deque<PendingAnswer> pending_;
   size_t pending_bytes_ = 0;
-  size_t query_bytes_ = 0;  // of this connection in the Hub's
-  std::string out_;         // answers to send, from out_sent_ on
+  size_t query_bytes_ = 0;      // of this connection in the Hub's
+  size_t out_query_bytes_ = 0;  // of these, in `out_`
+  std::string out_;             // answers to send, from out_sent_ on
   size_t out_sent_ = 0;
   size_t drain_left_ = 0;
   Clock::time_point last_activity_;

@@ -181,6 +181,7 @@ int HttpReader::on_head() {
   if (!request_.transfer_encoding.empty() && request_.transfer_encoding != "chunked")
     return refuse(HTTP_STATUS_NOT_IMPLEMENTED, "only chunked is supported as transfer encoding");
   const bool has_length = (parser_.flags & F_CONTENTLENGTH) != 0;
+  request_.has_body = (parser_.flags & F_CHUNKED) != 0 || (has_length && parser_.content_length != 0);
   return has_length && parser_.content_length > max_body_bytes_ ? refuse_long_body() : 0;
 }
 

@@ -24,6 +24,7 @@ struct HttpRequest {
   std::string accept;
   std::string transfer_encoding;
   std::string_view body;
+  bool has_body = false;  // known with the head: a body follows, or has arrived
   bool keep_alive = false;
   bool is_http_1_0 = false;  // HTTP/1.0
 };

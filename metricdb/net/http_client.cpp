@@ -92,6 +92,15 @@ bool remove_scheme(std::string &address) {
   return is_https;
 }
 
+// Returns the value of a header that this program's servers send; empty if there is none.
+std::string header_of(std::string_view head, const char *name) {
+  const std::string begin = fmt::format("\r\n{}: ", name);
+  const size_t at = head.find(begin);
+  if (at == head.npos) return "";
+  head.remove_prefix(at + begin.size());
+  return std::string(head.substr(0, head.find("\r\n")));
+}
+
 }  // namespace
 
 std::string url_encoded(std::string_view text) {
@@ -120,11 +129,12 @@ FetchedAnswer fetch(const HttpServer &server, std::string_view target, std::stri
   const std::string text = received(server.address, transport);
   const size_t head_end = text.find("\r\n\r\n");
   if (!text.starts_with("HTTP/1.") || head_end == text.npos) fail(server.address, "the answer is no HTTP");
-  FetchedAnswer answer = {std::atoi(text.c_str() + std::strlen("HTTP/1.1 ")), text.substr(head_end + 4)};
+  const std::string_view head = std::string_view(text).substr(0, head_end);
+  FetchedAnswer answer = {std::atoi(text.c_str() + std::strlen("HTTP/1.1 ")), text.substr(head_end + 4),
+                          header_of(head, "X-Influxdb-Error")};
   // The end of a connection does not say that the answer is complete.
-  const size_t length = text.find("\r\nContent-Length: ");
-  if (length < head_end &&
-      std::strtoull(&text[length + std::strlen("\r\nContent-Length: ")], nullptr, 10) != answer.body.size())
+  const std::string length = header_of(head, "Content-Length");
+  if (!length.empty() && std::strtoull(length.c_str(), nullptr, 10) != answer.body.size())
     fail(server.address, "the answer is incomplete");
   return answer;
 }

@@ -16,6 +16,7 @@ class HttpClientError : public std::runtime_error {
 struct FetchedAnswer {
   int status;
   std::string body;
+  std::string error = {};  // of the server; also with status 200, if a statement failed
 };
 
 struct HttpServer {

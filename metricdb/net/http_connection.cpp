@@ -104,6 +104,7 @@ std::string HttpConnection::text_of(uint64_t query, const QueryAnswer &answer) {
   http.status = answer.status;
   http.json = answer.body;
   http.content_type = answer.content_type;
+  http.error = answer.error;
   return answer_text(http, form.method, form.keep_alive, form.is_http_1_0);
 }
 

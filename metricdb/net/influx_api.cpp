@@ -83,6 +83,10 @@ std::optional<Credentials> credentials_of(const HttpRequest &request, std::strin
   return name.empty() || password.empty() ? basic_credentials(request.authorization) : Credentials{name, password};
 }
 
+bool is_reading(const HttpRequest &request) {
+  return request.method == HTTP_GET || request.method == HTTP_HEAD;
+}
+
 HttpAnswer not_allowed(const char *methods) {
   HttpAnswer answer = error_answer(HTTP_STATUS_METHOD_NOT_ALLOWED, fmt::format("allowed methods: {}", methods));
   answer.allow = methods;
@@ -174,8 +178,12 @@ std::string InfluxApi::refusal(const HttpRequest &request, std::string_view argu
 
 std::optional<HttpAnswer> InfluxApi::denial_of_head(const HttpRequest &request) {
   const std::optional<Target> target = target_of(request);
-  if (!target || (target->path != "/write" && target->path != "/query")) return std::nullopt;
-  return denial(request, target->arguments, target->path == "/write" ? Right::write : Right::any);
+  const bool is_write = target && target->path == "/write";
+  if (is_write || (target && target->path == "/query"))
+    return denial(request, target->arguments, is_write ? Right::write : Right::any);
+  const RoutedRequest routed = route(request);
+  const auto *const answer = std::get_if<HttpAnswer>(&routed);
+  return answer != nullptr ? std::optional(*answer) : std::nullopt;
 }
 
 std::optional<HttpAnswer> InfluxApi::answer_to_head(const HttpRequest &request) {
@@ -189,29 +197,38 @@ std::optional<HttpAnswer> InfluxApi::answer_to_head(const HttpRequest &request) 
 RoutedRequest InfluxApi::route(const HttpRequest &request) {
   const std::optional<Target> target = target_of(request);
   if (!target) return error_answer(HTTP_STATUS_BAD_REQUEST, "the target of the request is not a URL");
-  const bool reads = request.method == HTTP_GET || request.method == HTTP_HEAD;
-  const auto denied = [&](Right right) { return denial(request, target->arguments, right); };
   if (target->path == "/write") {
-    if (auto answer = denied(Right::write)) return *std::move(answer);
+    if (auto answer = denial(request, target->arguments, Right::write)) return *std::move(answer);
     return route_write(request, target->arguments);
   }
   if (target->path == "/query")
-    return reads || request.method == HTTP_POST ? query(request, target->arguments)
-                                                : RoutedRequest(not_allowed("GET, POST"));
-  if (target->path == "/backup") {
-    if (auto answer = denied(Right::write)) return *std::move(answer);
-    return request.method == HTTP_POST ? RoutedRequest(BackupRequest{argument(target->arguments, "name").value_or(""),
-                                                                     argument(target->arguments, "db").value_or("")})
+    return is_reading(request) || request.method == HTTP_POST ? query(request, target->arguments)
+                                                              : RoutedRequest(not_allowed("GET, POST"));
+  RoutedRequest routed = route_without_body(request, target->path, target->arguments);
+  const auto *const answer = std::get_if<HttpAnswer>(&routed);
+  const bool is_refused = answer != nullptr && !answer->error.empty();
+  if (request.has_body && !is_refused)
+    return error_answer(HTTP_STATUS_BAD_REQUEST, "only /write and /query have a body");
+  return routed;
+}
+
+RoutedRequest InfluxApi::route_without_body(const HttpRequest &request, std::string_view path,
+                                            std::string_view arguments) {
+  const bool reads = is_reading(request);
+  if (path == "/backup") {
+    if (auto answer = denial(request, arguments, Right::write)) return *std::move(answer);
+    return request.method == HTTP_POST ? RoutedRequest(BackupRequest{argument(arguments, "name").value_or(""),
+                                                                     argument(arguments, "db").value_or("")})
                                        : RoutedRequest(not_allowed("POST"));
   }
-  if (target->path == "/promote") {
-    if (auto answer = denied(Right::write)) return *std::move(answer);
+  if (path == "/promote") {
+    if (auto answer = denial(request, arguments, Right::write)) return *std::move(answer);
     return request.method == HTTP_POST ? RoutedRequest(PromoteRequest()) : RoutedRequest(not_allowed("POST"));
   }
-  if (target->path == "/ping") return reads ? HttpAnswer() : not_allowed("GET, HEAD");
-  if (target->path == "/health") return reads ? health() : not_allowed("GET, HEAD");
-  if (target->path == "/metrics") {
-    if (auto answer = denied(Right::read)) return *std::move(answer);
+  if (path == "/ping") return reads ? HttpAnswer() : not_allowed("GET, HEAD");
+  if (path == "/health") return reads ? health() : not_allowed("GET, HEAD");
+  if (path == "/metrics") {
+    if (auto answer = denial(request, arguments, Right::read)) return *std::move(answer);
     return reads ? metrics() : not_allowed("GET, HEAD");
   }
   return error_answer(HTTP_STATUS_NOT_FOUND,

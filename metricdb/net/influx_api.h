@@ -8,11 +8,11 @@
 //   POST /backup?name=NAME&db=NAME             a backup of a database (backup_api.h)
 //   GET, POST /query?q=...&db=NAME             InfluxQL, also as the text of a form. GET only reads
 //
-// `metricdb query` asks several servers with parts=true, and all with the same now=NS. They answer with bytes of which it
-// makes the answer. /write has a parameter `db` too. A server with one database ignores it. If there are users, all but
-// /ping and /health need a user with a right: read for /metrics and statements that read, write for /write, /backup,
-// /promote and statements that change a database. The credentials are those of the parameters u and p, or else those of
-// the header Authorization.
+// Only /write and /query have a body. `metricdb query` asks several servers with parts=true, and all with the same now=NS.
+// They answer with bytes of which it makes the answer. /write has a parameter `db` too. A server with one database ignores
+// it. If there are users, all but /ping and /health need a user with a right: read for /metrics and statements that read,
+// write for /write, /backup, /promote and statements that change a database. The credentials are those of the parameters u
+// and p, or else those of the header Authorization.
 #pragma once
 
 #include <functional>
@@ -64,7 +64,8 @@ class InfluxApi {
   // Returns the write, the query or the backup to execute, or the answer to any other request.
   RoutedRequest route(const HttpRequest &request);
 
-  // Of a request whose header is known. Returns the answer if its sender may send no body.
+  // Of a request whose header is known. Returns the answer if its sender may send no body: without the right, and to the
+  // paths that use none.
   std::optional<HttpAnswer> denial_of_head(const HttpRequest &request);
   // Of such a request. Returns the answer if no body can change it.
   static std::optional<HttpAnswer> answer_to_head(const HttpRequest &request);
@@ -74,6 +75,7 @@ class InfluxApi {
  private:
   std::optional<HttpAnswer> denial(const HttpRequest &request, std::string_view arguments, Right right);
   std::string refusal(const HttpRequest &request, std::string_view arguments, Right right) const;
+  RoutedRequest route_without_body(const HttpRequest &request, std::string_view path, std::string_view arguments);
   RoutedRequest query(const HttpRequest &request, std::string_view arguments);
   HttpAnswer health() const;
   HttpAnswer metrics() const;

@@ -1,5 +1,6 @@
 #include "net/query_workers.h"
 
+#include <fmt/format.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -9,10 +10,22 @@
 #include <utility>
 
 namespace metricdb {
+namespace {
+
+QueryAnswer refusal_with(const char *why) {
+  return {HTTP_STATUS_SERVICE_UNAVAILABLE, "application/json", fmt::format("{{\"error\":\"{}\"}}\n", why), why};
+}
+
+}  // namespace
 
 QueryWorkers::QueryWorkers(QueryFunction function, unsigned n_threads, size_t max_waiting,
-                           std::chrono::milliseconds max_duration)
-    : function_(std::move(function)), max_waiting_(max_waiting), max_duration_(max_duration) {
+                           std::chrono::milliseconds max_duration, std::atomic<size_t> &unread_bytes,
+                           size_t max_unread_bytes)
+    : function_(std::move(function)),
+      max_waiting_(max_waiting),
+      max_duration_(max_duration),
+      unread_bytes_(unread_bytes),
+      max_unread_bytes_(max_unread_bytes) {
   try {
     for (unsigned i = 0; function_ && i < n_threads; ++i) threads_.emplace_back([this] { run(); });
   } catch (...) {
@@ -50,12 +63,15 @@ void QueryWorkers::interrupt(uint64_t id) {
   if (const auto running = find(running_, id); running != running_.end()) (*running)->is_interrupted = true;
   const auto waiting = find(waiting_, id);
   if (waiting == waiting_.end()) return;
-  done_.push_back({id,
-                   {HTTP_STATUS_SERVICE_UNAVAILABLE, "application/json", "{\"error\":\"query interrupted\"}\n"},
-                   QueryResult::interrupted,
-                   Clock::now() - (*waiting)->since});
+  add_done({id, refusal_with("query interrupted"), QueryResult::interrupted, Clock::now() - (*waiting)->since});
   waiting_.erase(waiting);
   event_.raise();
+}
+
+// With the mutex locked.
+void QueryWorkers::add_done(Done done) {
+  unread_bytes_ += done.answer.body.size();
+  done_.push_back(std::move(done));
 }
 
 QueryWorkers::Load QueryWorkers::load() const {
@@ -76,6 +92,9 @@ QueryWorkers::Done QueryWorkers::answer(const Query &query) const {
     if (is_ending_ || query.is_interrupted || Clock::now() > end) was_interrupted = true;
     return was_interrupted.load();
   };
+  // Queries that were admitted together can have long answers.
+  if (unread_bytes_ > max_unread_bytes_)
+    return {query.id, refusal_with("too many answers are not read, try again"), QueryResult::refused, {}};
   Done done = {query.id, {}, QueryResult::answered, {}};
   try {
     done.answer = function_(query.request, is_interrupted);
@@ -107,7 +126,7 @@ void QueryWorkers::run() {
     {
       const std::lock_guard lock(mutex_);
       running_.erase(find(running_, query->id));
-      done_.push_back(std::move(done));
+      add_done(std::move(done));
     }
     event_.raise();
   }

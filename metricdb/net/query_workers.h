@@ -41,6 +41,7 @@ struct QueryAnswer {
   http_status status = HTTP_STATUS_OK;
   std::string content_type;
   std::string body;
+  std::string error = {};  // in one line, for the header; empty: none
 };
 
 // Asked now and then by a query, on any of its threads: whether it should end. The query can throw then.
@@ -49,7 +50,7 @@ using IsInterrupted = std::function<bool()>;
 // Called by several threads at once. An exception becomes an answer with status 500.
 using QueryFunction = std::function<QueryAnswer(const QueryRequest &, const IsInterrupted &)>;
 
-enum class QueryResult { answered, failed, interrupted };
+enum class QueryResult { answered, failed, interrupted, refused };
 
 class QueryWorkers {
  public:
@@ -67,8 +68,11 @@ class QueryWorkers {
 
   // Without a function no thread is started, and `submit` is not called.
   //
-  // max_duration  after which a query is interrupted.
-  QueryWorkers(QueryFunction function, unsigned n_threads, size_t max_waiting, std::chrono::milliseconds max_duration);
+  // max_duration      after which a query is interrupted.
+  // unread_bytes      bytes of answers in memory. Each answer is added; the caller subtracts it when it is sent.
+  // max_unread_bytes  while there are more, a query whose turn comes is refused.
+  QueryWorkers(QueryFunction function, unsigned n_threads, size_t max_waiting, std::chrono::milliseconds max_duration,
+               std::atomic<size_t> &unread_bytes, size_t max_unread_bytes);
   ~QueryWorkers() { stop(); }
   QueryWorkers(const QueryWorkers &) = delete;
   QueryWorkers &operator=(const QueryWorkers &) = delete;
@@ -101,10 +105,13 @@ class QueryWorkers {
   void run();
   std::shared_ptr<Query> next();
   Done answer(const Query &query) const;
+  void add_done(Done done);
 
   const QueryFunction function_;
   const size_t max_waiting_;
   const std::chrono::milliseconds max_duration_;
+  std::atomic<size_t> &unread_bytes_;
+  const size_t max_unread_bytes_;
   Event event_;
   mutable std::mutex mutex_;  // guards the following members
   std::condition_variable work_;

@@ -425,7 +425,10 @@ void Server::Loop::answer_queries(QueryWorkers &workers) {
   for (const QueryWorkers::Done &done : workers.take_answers()) {
     if (&workers == &hub_.queries) hub_.count(done);
     const auto waiting = hub_.query_fds.find(done.id);
-    if (waiting == hub_.query_fds.end()) continue;
+    if (waiting == hub_.query_fds.end()) {
+      hub_.query_bytes -= done.answer.body.size();
+      continue;
+    }
     Place &place = places_[static_cast<size_t>(waiting->second)];
     hub_.query_fds.erase(waiting);
     place.connection->answered(done.id, done.answer);

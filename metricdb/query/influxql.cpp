@@ -34,15 +34,19 @@ class NoSeries : public SeriesSource {
 // One source, whatever the name. Nothing can be changed.
 class FixedDatabases : public InfluxqlDatabases {
  public:
-  FixedDatabases(const SeriesSource &source, const std::vector<std::string> &names) : source_(source), names_(names) {}
+  FixedDatabases(const SeriesSource &source, const std::vector<std::string> &names, int64_t retention_ns)
+      : source_(source), names_(names), retention_ns_(retention_ns) {}
 
   std::vector<std::string> names() const override { return names_; }
   bool has(const std::string &) const override { return true; }
   void read(const std::string &, const Use &use) const override { use(source_); }
   void erase(const std::string &, const Choose &, int64_t, int64_t) override { refuse(); }
-  int64_t retention_ns(const std::string &) const override { return 0; }
+  int64_t retention_ns(const std::string &) const override { return retention_ns_; }
   void set_retention(const std::string &, int64_t) override { refuse(); }
-  void create(const std::string &, std::optional<int64_t>) override {}
+  void create(const std::string &, std::optional<int64_t> retention_ns) override {
+    if (retention_ns.value_or(retention_ns_) != retention_ns_)
+      throw influxql::ExecutionFailed("retention policy conflicts with an existing policy");
+  }
   void drop(const std::string &) override { refuse(); }
 
  private:
@@ -50,6 +54,7 @@ class FixedDatabases : public InfluxqlDatabases {
 
   const SeriesSource &source_;
   const std::vector<std::string> names_;
+  const int64_t retention_ns_;
 };
 
 // Of one statement: the databases before it can have been changed.
@@ -107,21 +112,27 @@ class Execution {
 };
 
 // Executes the statements of a request, one after another: execute(i) returns the result of statement i, or throws
-// ExecutionFailed. Like InfluxDB, executes no statement after one that failed. `add` gets each result or error.
+// ExecutionFailed. Like InfluxDB, executes no statement after one that failed. `add` gets each result or error. Returns the
+// first error; empty if there is none.
 template <class Execute, class Add>
-void execute_each(size_t n_statements, Execute execute, Add add) {
-  bool has_failed = false;
+std::string execute_each(size_t n_statements, Execute execute, Add add) {
+  std::string first_error;
   for (size_t i = 0; i < n_statements; ++i) {
     decltype(execute(i)) result;
-    std::string error = has_failed ? "not executed" : "";
+    std::string error = first_error.empty() ? "" : "not executed";
     try {
-      if (!has_failed) result = execute(i);
+      if (first_error.empty()) result = execute(i);
     } catch (const influxql::ExecutionFailed &failed) {
-      error = failed.what();
-      has_failed = true;
+      error = first_error = failed.what();
     }
     add(i, std::move(result), std::move(error));
   }
+  return first_error;
+}
+
+void refuse_size(const InfluxqlRequest &request, const influxql::AnswerTooLarge &error, InfluxqlAnswer &answer) {
+  answer.is_bad_request = true;
+  answer.body = influxql::error_text(request, error.what());
 }
 
 // Fills an answer with the results.
@@ -130,27 +141,30 @@ void render(const InfluxqlRequest &request, size_t n_statements, Execute execute
   const auto renderer = request.csv ? influxql::make_csv_renderer(request, answer.body)
                                     : influxql::make_json_renderer(request, answer.body);
   try {
-    execute_each(n_statements, execute, [&](size_t i, std::vector<influxql::ResultSeries> series, std::string error) {
-      renderer->add({i, std::move(series), std::move(error)});
-    });
+    answer.first_error = execute_each(n_statements, execute,
+                                      [&](size_t i, std::vector<influxql::ResultSeries> series, std::string error) {
+                                        renderer->add({i, std::move(series), std::move(error)});
+                                      });
     renderer->finish();
   } catch (const influxql::AnswerTooLarge &error) {
-    answer.is_bad_request = true;
-    answer.body = influxql::error_text(request, error.what());
+    refuse_size(request, error, answer);
   }
 }
 
 // Fills an answer with what this server contributes.
 void answer_partially(InfluxqlDatabases &databases, const InfluxqlRequest &request,
                       const std::vector<influxql::Statement> &statements, InfluxqlAnswer &answer) {
-  std::vector<influxql::StatementParts> all;
-  execute_each(
-      statements.size(), [&](size_t i) { return Execution(databases, request).parts(statements[i]); },
-      [&](size_t, std::vector<influxql::SeriesPart> series, std::string error) {
-        all.push_back({std::move(series), std::move(error)});
-      });
-  answer.content_type = "application/octet-stream";
-  answer.body = influxql::bytes_of(all);
+  influxql::PartsWriter writer(answer.body, statements.size());
+  try {
+    answer.first_error = execute_each(
+        statements.size(), [&](size_t i) { return Execution(databases, request).parts(statements[i]); },
+        [&](size_t, std::vector<influxql::SeriesPart> series, std::string error) {
+          writer.add({std::move(series), std::move(error)});
+        });
+    answer.content_type = "application/octet-stream";
+  } catch (const influxql::AnswerTooLarge &error) {
+    refuse_size(request, error, answer);
+  }
 }
 
 const std::string &refusal_of(const influxql::Statement &statement, const InfluxqlRequest &request) {
@@ -231,8 +245,8 @@ InfluxqlAnswer answer_of_servers(std::span<const std::string> bodies, const Infl
 }
 
 InfluxqlAnswer answer_influxql(const SeriesSource &source, const InfluxqlRequest &request,
-                               const std::vector<std::string> &databases) {
-  FixedDatabases fixed(source, databases);
+                               const std::vector<std::string> &databases, int64_t retention_ns) {
+  FixedDatabases fixed(source, databases, retention_ns);
   return answer_influxql(fixed, request);
 }
 

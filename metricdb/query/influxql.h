@@ -39,16 +39,18 @@ struct InfluxqlAnswer {
   bool is_not_found = false;    // the database of the request does not exist: HTTP 404
   std::string content_type;
   std::string body;
+  std::string first_error = {};  // of a statement; empty if none has failed
 };
 
 // Executes the statements of a request. Threads: any number, if the databases allow it.
 InfluxqlAnswer answer_influxql(InfluxqlDatabases &databases, const InfluxqlRequest &request);
 
-// The same for one database that is read only.
+// The same for one database that is read only. Statements can use any name for it.
 //
-// databases  its names
+// databases     the names that SHOW DATABASES has
+// retention_ns  its retention; 0: all points stay
 InfluxqlAnswer answer_influxql(const SeriesSource &source, const InfluxqlRequest &request,
-                               const std::vector<std::string> &databases);
+                               const std::vector<std::string> &databases, int64_t retention_ns = 0);
 
 // Answers a request from what each of several servers has returned to the same request with is_partial. Its first error is
 // that of the answer.

@@ -74,14 +74,14 @@ void take_database(std::string &found, const std::string &name) {
 std::string database_of(const Statement &statement, const std::string &default_name) {
   std::string found;
   const auto take_sources = [&](const std::vector<Source> &sources) {
-    for (const Source &source : sources) take_database(found, source.database.empty() ? default_name : source.database);
+    const std::string unnamed = found.empty() ? default_name : found;
+    for (const Source &source : sources) take_database(found, source.database.empty() ? unnamed : source.database);
   };
   if (const auto *const select = std::get_if<SelectStatement>(&statement)) take_sources(select->sources);
   if (const auto *const erase = std::get_if<EraseStatement>(&statement)) take_sources(erase->sources);
   if (const auto *const show = std::get_if<ShowStatement>(&statement)) {
     found = show->database;
-    // FROM has no database of its own if there is an ON.
-    if (found.empty()) take_sources(show->sources);
+    take_sources(show->sources);
   }
   if (const auto *const retention = std::get_if<RetentionStatement>(&statement)) found = retention->database;
   return found.empty() ? default_name : found;

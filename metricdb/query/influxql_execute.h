@@ -23,7 +23,7 @@ struct Limits {
 
 struct Environment {
   const SeriesSource &source;
-  std::span<const std::string> databases;
+  std::span<const std::string> databases;  // for SHOW DATABASES
   int64_t now_ns = 0;
   Limits limits = {};
   std::function<bool()> is_interrupted = {};

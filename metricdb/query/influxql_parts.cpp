@@ -4,6 +4,7 @@
 #include <map>
 #include <tuple>
 
+#include "query/influxql_render.h"
 #include "query/influxql_select.h"
 #include "query/influxql_series.h"
 
@@ -13,6 +14,7 @@ namespace {
 constexpr std::string_view HEADING = "metricdb parts 1\n";
 constexpr size_t MIN_PART_BYTES = 5 * sizeof(uint64_t);  // of a series
 
+// Points and aggregations are as large as the limits of a statement permit, so the size is checked before and after each.
 void put_part(std::string &bytes, const SeriesPart &part) {
   put_text(bytes, part.name.measurement);
   put(bytes, static_cast<uint64_t>(part.name.tags.size()));
@@ -22,11 +24,15 @@ void put_part(std::string &bytes, const SeriesPart &part) {
   }
   put_text(bytes, part.name.field);
   put(bytes, part.points.type);
+  check_size(bytes, part.points.points.size() * sizeof(Point));
   put_all(bytes, part.points.points);
   put(bytes, static_cast<uint64_t>(part.aggregated.aggregations.size()));
   if (part.aggregated.aggregations.empty()) return;
   put(bytes, part.aggregated.first_number);
-  for (const Aggregation &aggregation : part.aggregated.aggregations) aggregation.put_to(bytes);
+  for (const Aggregation &aggregation : part.aggregated.aggregations) {
+    aggregation.put_to(bytes);
+    check_size(bytes);
+  }
 }
 
 SeriesPart get_part(ByteReader &reader) {
@@ -98,18 +104,11 @@ class PartsSource : public SeriesSource {
   std::vector<std::vector<const SeriesPart *>> series_;
 };
 
-// The servers have applied the conditions already, to all tags of the series, and know the databases.
-void drop_conditions(std::vector<Source> &sources, Condition &condition) {
-  for (Source &source : sources) source.database.clear();
-  condition = {};
-}
-
 }  // namespace
 
 std::vector<SeriesPart> parts_of(const Environment &environment, const Statement &statement) {
   if (const auto *const select = std::get_if<SelectStatement>(&statement)) return parts_of_select(environment, *select);
   const auto &show = std::get<ShowStatement>(statement);
-  check_database(environment, show.database);
   std::vector<SeriesPart> parts;
   std::vector<uint32_t> numbers;
   for_each_matching(environment, show.sources, show.condition, {}, [&](uint32_t series, const SeriesName &name) {
@@ -121,15 +120,18 @@ std::vector<SeriesPart> parts_of(const Environment &environment, const Statement
   return parts;
 }
 
-std::string bytes_of(std::span<const StatementParts> statements) {
-  std::string bytes(HEADING);
-  put(bytes, static_cast<uint64_t>(statements.size()));
-  for (const StatementParts &parts : statements) {
-    put_text(bytes, parts.error);
-    put(bytes, static_cast<uint64_t>(parts.series.size()));
-    for (const SeriesPart &part : parts.series) put_part(bytes, part);
+PartsWriter::PartsWriter(std::string &bytes, size_t n_statements) : bytes_(bytes) {
+  bytes_ = HEADING;
+  put(bytes_, static_cast<uint64_t>(n_statements));
+}
+
+void PartsWriter::add(StatementParts parts) {
+  put_text(bytes_, parts.error);
+  put(bytes_, static_cast<uint64_t>(parts.series.size()));
+  for (SeriesPart &part : parts.series) {
+    put_part(bytes_, part);
+    part = {};
   }
-  return bytes;
 }
 
 std::vector<StatementParts> parts_of_bytes(std::string_view bytes) {
@@ -153,12 +155,10 @@ std::vector<ResultSeries> execute_on_parts(const Environment &environment, const
                                 environment.limits,
                                 environment.is_interrupted,
                                 environment.n_threads};
+  // The servers have applied the conditions already, to all tags of the series.
   Statement of_all = statement;
-  if (auto *const select = std::get_if<SelectStatement>(&of_all)) drop_conditions(select->sources, select->condition);
-  if (auto *const show = std::get_if<ShowStatement>(&of_all)) {
-    show->database.clear();
-    drop_conditions(show->sources, show->condition);
-  }
+  if (auto *const select = std::get_if<SelectStatement>(&of_all)) select->condition = {};
+  if (auto *const show = std::get_if<ShowStatement>(&of_all)) show->condition = {};
   return execute(of_parts, of_all);
 }
 

@@ -28,7 +28,18 @@ struct StatementParts {
 // Of a SELECT or a SHOW about series. Throws ExecutionFailed.
 std::vector<SeriesPart> parts_of(const Environment &environment, const Statement &statement);
 
-std::string bytes_of(std::span<const StatementParts> statements);
+// Writes what is returned of each statement of a request, in their order.
+class PartsWriter {
+ public:
+  // `bytes` gets them, and lives longer.
+  PartsWriter(std::string &bytes, size_t n_statements);
+  // Throws AnswerTooLarge. Then the bytes are not complete.
+  void add(StatementParts parts);
+
+ private:
+  std::string &bytes_;
+};
+
 std::vector<StatementParts> parts_of_bytes(std::string_view bytes);  // throws BytesDamaged
 
 // Executes a statement on the parts of all servers. Of points with the same time in several servers the last one is used,

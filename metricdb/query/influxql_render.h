@@ -26,9 +26,11 @@ class AnswerTooLarge : public std::runtime_error {
 };
 
 // Throws AnswerTooLarge. Called for each row: a row repeats texts that its result has once.
+//
+// n_more  bytes that are to be added
 inline constexpr size_t BODY_BYTES_MAX = size_t{256} << 20;
-inline void check_size(const std::string &body) {
-  if (body.size() > BODY_BYTES_MAX) throw AnswerTooLarge();
+inline void check_size(const std::string &body, size_t n_more = 0) {
+  if (body.size() + n_more > BODY_BYTES_MAX) throw AnswerTooLarge();
 }
 
 // Results are added in order of their statements.

@@ -180,7 +180,7 @@ void for_each_measurement(const Environment &environment, const SelectStatement 
   for (const auto &[measurement, series] : found) {
     Selection selection{environment, select, columns};
     set_range(environment, selection);
-    if (select.range.is_empty || selection.from_ns > selection.to_ns || columns.leaves.empty()) continue;
+    if (select.range.is_empty || selection.from_ns > selection.to_ns) continue;
     resolve_references(selection.columns, series);
     use(selection, series);
   }
@@ -200,14 +200,16 @@ void check_cells(const Environment &environment, size_t n_cells) {
     throw ExecutionFailed(fmt::format("more than {} values in the result", environment.limits.n_cells));
 }
 
-// The groups, each as one series for each field.
+// The groups, each as one series for each field that has aggregates.
 void add_aggregated(const Selection &selection, const std::vector<FoundSeries> &series,
                     std::vector<SeriesPart> &parts) {
   const std::vector<Group> groups = groups_of(selection.select, selection.columns, series);
   std::vector<std::vector<SeriesPart>> of_groups(groups.size());
+  const Names fields = fields_of(series);
   std::atomic<size_t> n_cells{0};
   for_each_group(selection, groups, [&](const Selection &of_group, const Group &group, size_t i) {
     for (auto &[field, aggregated] : aggregate(of_group, group)) {
+      if (fields.count(field) == 0) continue;
       const size_t n_added = aggregated.aggregations.size() * aggregated.aggregations[0].n_windows();
       check_cells(selection.environment, n_cells.fetch_add(n_added) + n_added);
       SeriesName name = {group.members[0]->name.measurement, group.tags, field};
@@ -217,6 +219,21 @@ void add_aggregated(const Selection &selection, const std::vector<FoundSeries> &
   });
   for (std::vector<SeriesPart> &of_group : of_groups)
     parts.insert(parts.end(), std::make_move_iterator(of_group.begin()), std::make_move_iterator(of_group.end()));
+}
+
+// The names of the other series, with the tags of their groups. Groups and fields without points count for pages and
+// wildcards.
+void add_names(const Selection &selection, const std::vector<FoundSeries> &series, size_t n_before,
+               std::vector<SeriesPart> &parts) {
+  using Name = std::tuple<decltype(SeriesName::tags), std::string>;
+  std::set<Name> known;
+  for (size_t i = n_before; i < parts.size(); ++i) known.emplace(parts[i].name.tags, parts[i].name.field);
+  const Names dimensions = dimensions_of(selection.select, tags_of(series));
+  for (const FoundSeries &one : series) {
+    SeriesName name = one.name;
+    std::erase_if(name.tags, [&](const auto &tag) { return dimensions.count(tag.first) == 0; });
+    if (known.emplace(name.tags, name.field).second) parts.push_back({std::move(name)});
+  }
 }
 
 // Points of which rows or derivatives are made. A row among the first ones has none of a series' later points.
@@ -239,6 +256,7 @@ std::vector<ResultSeries> execute_select(const Environment &environment, const S
   std::vector<ResultSeries> results;
   std::atomic<size_t> n_cells{0};
   for_each_measurement(environment, select, [&](const Selection &selection, const std::vector<FoundSeries> &series) {
+    if (selection.columns.leaves.empty()) return;
     std::vector<Group> groups = groups_of(select, selection.columns, series);
     cut_page(groups, select.series);
     std::vector<ResultSeries> of_groups(groups.size());
@@ -256,7 +274,12 @@ std::vector<SeriesPart> parts_of_select(const Environment &environment, const Se
   std::vector<SeriesPart> parts;
   size_t n_points = 0;
   for_each_measurement(environment, select, [&](const Selection &selection, const std::vector<FoundSeries> &series) {
-    if (selection.columns.leaves[0].aggregate) return add_aggregated(selection, series, parts);
+    const std::vector<Leaf> &leaves = selection.columns.leaves;
+    if (!leaves.empty() && leaves[0].aggregate) {
+      const size_t n_before = parts.size();
+      add_aggregated(selection, series, parts);
+      return add_names(selection, series, n_before, parts);
+    }
     for (const FoundSeries &one : series) {
       parts.push_back({one.name, {}, {}});
       if (!is_read(selection.columns, one)) continue;

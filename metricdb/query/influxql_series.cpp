@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <set>
 
-#include "codec/printable.h"
 #include "query/influxql_lexer.h"
 
 namespace metricdb::influxql {
@@ -67,15 +66,8 @@ void check_interruption(const Environment &environment) {
   if (is_interrupted(environment)) throw ExecutionFailed("query interrupted");
 }
 
-void check_database(const Environment &environment, const std::string &database) {
-  const auto &all = environment.databases;
-  if (!database.empty() && std::find(all.begin(), all.end(), database) == all.end())
-    throw ExecutionFailed(fmt::format("database not found: {}", printable(database)));
-}
-
 void for_each_matching(const Environment &environment, const std::vector<Source> &sources, const Condition &condition,
                        const std::optional<std::string> &field, const SeriesSource::Visit &visit) {
-  for (const Source &source : sources) check_database(environment, source.database);
   SeriesFilter filter;
   filter.field = field;
   collect_exact_tags(condition, filter);

@@ -29,7 +29,4 @@ struct FoundSeries {
 
 using SeriesByMeasurement = std::map<std::string, std::vector<FoundSeries>>;
 
-// Throws ExecutionFailed if the database is not there. An empty name is the default database.
-void check_database(const Environment &environment, const std::string &database);
-
 }  // namespace metricdb::influxql

@@ -138,7 +138,6 @@ std::vector<ResultSeries> execute_show(const Environment &environment, const Sho
     for (const std::string &database : environment.databases) rows.push_back({database});
     return {table_of("databases", columns_of(show.shown), rows, show.rows)};
   }
-  check_database(environment, show.database);
   Listing listing(environment.limits.n_cells);
   if (show.shown == Shown::field_keys) {
     add_field_keys(environment, show, listing);
