@@ -184,7 +184,8 @@ recovery_result_t array_convert_stream(int fd_in, int fd_out, const array_conver
   array_t to;
   // The ids of slots do not depend on n_direct, so records that became longer can be in data blocks.
   const uint32_t room = direct_room(from.get(), conversion->to_bytes);
-  const destination_t destination = {std::min(uint32_t{get_dyn_hdr(from.get())->n_direct}, room), MPOOL_TYPE_DRAM, nullptr, 0};
+  const destination_t destination = {std::min(uint32_t{get_dyn_hdr(from.get())->n_direct}, room), MPOOL_TYPE_DRAM,
+                                     nullptr, 0};
   const recovery_result_t result = convert(from.get(), *conversion, destination, &to, &refusal);
   if (result != RECOVERY_DONE) return result;
   return finish_conversion(from.get(), to.get(), std::min(n_direct, room), dry_run != 0, fd_out, counts, &refusal);
