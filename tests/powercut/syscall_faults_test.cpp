@@ -10,7 +10,7 @@ namespace {
 
 // A sanitizer slows a process down by ten times.
 #if defined(TSLB_SANITIZES_ADDRESS)
-constexpr uint64_t STEP = 4;
+constexpr uint64_t STEP = 13;
 #else
 constexpr uint64_t STEP = 1;
 #endif
