@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -26,11 +27,15 @@ class FewSeries : public metricdb::SeriesSource {
   }
 
   void read(uint32_t series, const metricdb::SeriesRead &what, metricdb::PointList &list) const override {
-    list = {series % 2 == 0 ? metricdb::ValueType::real : metricdb::ValueType::integer};
+    list = {*type(series)};
     const int64_t times_ns[] = {INT64_MIN, -1, 0, 0, 1'000'000'000, PRESENT_NS, PRESENT_NS + 1, INT64_MAX};
     for (const int64_t ts_ns : times_ns)
       if (ts_ns >= what.from_ns && ts_ns <= what.to_ns)
         list.points.push_back({ts_ns, static_cast<double>(series) - 1.5});
+  }
+
+  std::optional<metricdb::ValueType> type(uint32_t series) const override {
+    return series % 2 == 0 ? metricdb::ValueType::real : metricdb::ValueType::integer;
   }
 
  private:
