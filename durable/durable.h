@@ -195,9 +195,10 @@ typedef struct tslb_store_options_t {
   tslb_sync_t sync;
   uint64_t snapshot_bytes; /* writes a generation by itself when the journal has grown by so much; 0: never, so the
                             * journal grows until tslb_store_snapshot is called */
-  uint32_t keep;        /* older generations that are kept, with their journals, by snapshots; an upgrade, an import, an
-                            * adopted copy and a detachment replace all of them */
-  uint64_t bytes_per_s; /* limits the writing of generations by a child; 0: no limit */
+  /* Older generations that a snapshot keeps, with their journals. An upgrade, an import, an adopted copy and a detachment keep
+   * none: no journal leads from an older generation to theirs. */
+  uint32_t keep;
+  uint64_t bytes_per_s;   /* limits the writing of generations by a child; 0: no limit */
   uint32_t journal_level; /* compression of the journal: 0: the default, 1 to 9: zstd, 10: none */
   /* Called while the store is opened, with bytes done and in all; or NULL. */
   void (*progress)(void *arg, uint64_t done_bytes, uint64_t all_bytes);
@@ -413,10 +414,9 @@ int tslb_store_promote(tslb_store_t *store, const tslb_log_position_t *position,
 
 /* Between begin and end no group is applied, and no array restored or replaced: a thread that reads a follower sees a whole
  * state. Application waits meanwhile, so reading should be short. At most 64 threads read at once; others wait. Every store
- * has these functions; those of a leader do not wait. After a group that
- * could be neither applied nor taken back, readers wait until a tslb_store_restore succeeds. Not allowed between begin and
- * end: another begin, beginning or ending a batch, waiting for a ticket, _reserve, _snapshot, _backup, _restore, _apply,
- * _adopt, _promote and _close. */
+ * has these functions; those of a leader do not wait. If a group could be neither applied nor taken back, readers wait until
+ * a tslb_store_restore succeeds. Not allowed between begin and end: another begin, beginning or ending a batch, waiting for a
+ * ticket, _reserve, _snapshot, _backup, _restore, _apply, _adopt, _promote and _close. */
 void tslb_store_begin_reading(tslb_store_t *store);
 void tslb_store_end_reading(tslb_store_t *store);
 

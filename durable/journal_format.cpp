@@ -88,7 +88,8 @@ std::string_view decompress(const FrameHead &head, std::string_view stored, std:
   }
   buffer.resize(head.raw_bytes);
   const size_t size = ZSTD_decompress(buffer.data(), buffer.size(), stored.data(), stored.size());
-  if (ZSTD_getErrorCode(size) == ZSTD_error_memory_allocation) throw std::bad_alloc();  // is no damage
+  // Otherwise a sound frame would be reported as damaged, and the last group of a journal would be cut.
+  if (ZSTD_getErrorCode(size) == ZSTD_error_memory_allocation) throw std::bad_alloc();
   ok = head.compression == Compression::zstd && size == head.raw_bytes;
   return buffer;
 }

@@ -54,7 +54,8 @@ void set_reason(std::string &reason, fmt::format_string<Arguments...> format, Ar
   }
 }
 
-// Throws std::bad_alloc if a function of recovery/ failed for want of memory, which its text says: that is no damage.
+// Throws std::bad_alloc if a function of recovery/ failed because memory was refused. Its text is the only sign of this, and
+// the array must not be reported as damaged then.
 inline void expect_memory(std::string_view why) {
   if (why.find("no memory for ") != why.npos) throw std::bad_alloc();
 }
