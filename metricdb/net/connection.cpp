@@ -88,29 +88,29 @@ void Connection::log(const std::string &what, LogTopic topic) const {
 }
 
 void Connection::close_with_error(const char *why) {
-  if (!is_broken_) log(std::string(why) + "; connection closed");
-  is_broken_ = true;
+  if (!is_finished()) log(std::string(why) + "; connection closed");
+  phase_ = Phase::finished;
 }
 
 bool Connection::is_within_limits() const {
-  return !is_input_over_ && hub_.unanswered_bytes < hub_.options.max_unanswered_bytes &&
+  return phase_ == Phase::receiving && hub_.unanswered_bytes < hub_.options.max_unanswered_bytes &&
          pending_bytes_ < hub_.options.max_connection_bytes && pending_.size() < MAX_PENDING_ANSWERS &&
          out_.size() < MAX_OUT_BYTES;
 }
 
 bool Connection::is_ready() const {
-  return is_closing_ ? is_readable_ : is_within_limits() && (is_readable_ || is_deferred_);
+  return phase_ == Phase::closing ? is_readable_ : is_within_limits() && (is_readable_ || is_deferred_);
 }
 
 bool Connection::is_held() const {
-  return !is_input_over_ && !is_within_limits() && (is_readable_ || is_deferred_);
+  return phase_ == Phase::receiving && !is_within_limits() && (is_readable_ || is_deferred_);
 }
 
 void Connection::on_events(uint32_t events) {
   const bool is_unblocked = (events & EPOLLOUT) != 0 && transport_.receives_after_sending();
   if (is_unblocked || (events & (EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) is_readable_ = true;
   if ((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) is_hung_up_ = true;
-  if ((events & (EPOLLHUP | EPOLLERR)) != 0 && is_closing_) is_broken_ = true;
+  if ((events & (EPOLLHUP | EPOLLERR)) != 0 && phase_ == Phase::closing) phase_ = Phase::finished;
 }
 
 void Connection::process() {
@@ -123,34 +123,34 @@ void Connection::process() {
     if (!input_.empty() || is_inside_request()) consume();
   }
   // The limits left bytes that may be complete requests.
-  is_deferred_ = !input_.empty() && !is_input_over_ && !is_within_limits();
-  if (is_closing_) discard();
-  if (is_hung_up_ || is_peer_done_) on_hung_up();
+  is_deferred_ = !input_.empty() && phase_ == Phase::receiving && !is_within_limits();
+  if (phase_ == Phase::closing) discard();
+  if (is_hung_up_) on_hung_up();
   send_answers();
 }
 
 void Connection::receive() {
-  if (is_draining_ && drain_left_ == 0) return end_input();
+  if (drain_left_ == size_t{0}) return end_input();
   if (!input_.make_room(room_wanted())) return refuse_room();
   size_t max_bytes = std::min(input_.room(), MAX_READ_BYTES);
-  if (is_draining_) max_bytes = std::min(max_bytes, drain_left_);
+  if (is_draining()) max_bytes = std::min(max_bytes, *drain_left_);
   const ssize_t got = transport_.receive(input_.tail(), max_bytes);
   if (got > 0) {
     on_received(static_cast<size_t>(got));
     // The next byte causes an event. A pending close has caused its event already, so then it stays readable.
-    if (transport_.is_emptied() && !is_hung_up_ && !is_draining_) is_readable_ = false;
+    if (transport_.is_emptied() && !is_hung_up_ && !is_draining()) is_readable_ = false;
     return;
   }
   input_.drop_front(0);
   if (got == 0) {
-    is_peer_done_ = true;
+    is_hung_up_ = has_read_end_ = true;
     end_input();
     on_input_end();
   } else if (errno == EINTR) {
     return;
   } else if (is_temporary(errno)) {
     is_readable_ = false;
-    if (is_draining_) end_input();
+    if (is_draining()) end_input();
   } else {
     on_error();
   }
@@ -161,7 +161,7 @@ void Connection::on_error() {
     hub_.tls_failed.add(1);
     close_with_error(("TLS failed: " + transport_.tls_failure()).c_str());
   }
-  is_broken_ = true;
+  phase_ = Phase::finished;
 }
 
 void Connection::on_received(size_t n) {
@@ -169,7 +169,7 @@ void Connection::on_received(size_t n) {
   input_.append_room(n);
   last_activity_ = hub_.now;
   hub_.bytes.add(n);
-  if (is_draining_) drain_left_ -= n;
+  if (is_draining()) *drain_left_ -= n;
 }
 
 void Connection::queue(PendingAnswer answer) {
@@ -228,14 +228,14 @@ void Connection::send_answers() {
     pending_.pop_front();
   }
   send_out();
-  if (is_input_over_ && !is_closing_ && !has_pending() && !is_broken_) begin_close();
+  if (phase_ == Phase::answering && !has_pending()) begin_close();
 }
 
 void Connection::send_out() {
-  while (!out_.empty() && !is_broken_) {
+  while (!out_.empty() && !is_finished()) {
     const ssize_t sent = transport_.send(out_.data() + out_sent_, out_.size() - out_sent_);
     if (sent < 0) {
-      is_broken_ = !is_temporary(errno);
+      if (!is_temporary(errno)) phase_ = Phase::finished;
       return;
     }
     last_activity_ = hub_.now;
@@ -252,11 +252,9 @@ void Connection::send_out() {
 // is closed first, and received bytes are discarded until the peer closes its side or a time limit is reached.
 void Connection::begin_close() {
   const bool has_read_all = transport_.unread_bytes() == 0 && input_.empty() && !is_inside_request();
-  if (is_draining_ && has_read_all) is_peer_done_ = true;
-  if (is_peer_done_) return;
   input_.drop_front(input_.size());
-  if (!transport_.end_sending()) is_broken_ = true;
-  is_closing_ = true;
+  const bool is_over = has_read_end_ || (is_draining() && has_read_all);
+  phase_ = is_over || !transport_.end_sending() ? Phase::finished : Phase::closing;
   is_readable_ = true;
   last_activity_ = request_begin_ = hub_.now;
 }
@@ -264,17 +262,19 @@ void Connection::begin_close() {
 void Connection::discard() {
   if (!is_readable_) return;
   const ssize_t got = transport_.discard(MAX_READ_BYTES);
-  if (got == 0) is_peer_done_ = true;
-  if (got < 0 && is_temporary(errno)) is_readable_ = false;
-  if (got < 0 && !is_temporary(errno)) is_broken_ = true;
+  if (got > 0) return;
+  if (got < 0 && is_temporary(errno))
+    is_readable_ = false;
+  else
+    phase_ = Phase::finished;
 }
 
 void Connection::check_time() {
   const Clock::duration silence = hub_.now - last_activity_;
-  if (is_closing_) {
-    if (hub_.now - request_begin_ > (is_draining_ ? DRAIN_CLOSE_TIMEOUT : hub_.options.request_timeout))
-      is_broken_ = true;
-  } else if (is_draining_ && !out_.empty() && silence > hub_.options.drain_read_timeout) {
+  if (phase_ == Phase::closing) {
+    if (hub_.now - request_begin_ > (is_draining() ? DRAIN_CLOSE_TIMEOUT : hub_.options.request_timeout))
+      phase_ = Phase::finished;
+  } else if (is_draining() && !out_.empty() && silence > hub_.options.drain_read_timeout) {
     close_with_error("the answers are not read");
   } else if (out_.empty() && (!pending_.empty() || is_held() || is_ready())) {
     // The peer waits for the server. Its time limit begins when the answers are sent.
@@ -289,12 +289,11 @@ void Connection::check_time() {
 }
 
 Clock::duration Connection::stalled_for() const {
-  const bool is_waited_for = is_inside_request() && !is_input_over_ && !is_readable_ && !is_deferred_;
+  const bool is_waited_for = is_inside_request() && phase_ == Phase::receiving && !is_readable_ && !is_deferred_;
   return is_waited_for && pending_.empty() && input_.capacity() != 0 ? hub_.now - last_activity_ : Clock::duration(0);
 }
 
 void Connection::drain() {
-  is_draining_ = true;
   last_activity_ = hub_.now;
   drain_left_ = transport_.unread_bytes();
   is_readable_ = true;

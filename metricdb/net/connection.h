@@ -5,6 +5,7 @@
 // the peer has not read. Events are edge-triggered, so a connection keeps whether its socket may be readable.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <deque>
@@ -123,7 +124,7 @@ class Connection {
   bool is_ready() const;
   // Whether it would have something to do without the limits.
   bool is_held() const;
-  bool is_finished() const { return is_broken_ || (is_input_over_ && !has_pending() && is_peer_done_); }
+  bool is_finished() const { return phase_ == Phase::finished; }
   bool has_pending() const { return !pending_.empty() || !out_.empty(); }
   bool waits_for_ingest() const { return pending_bytes_ != 0; }
 
@@ -165,11 +166,19 @@ class Connection {
   void queue(PendingAnswer answer);
   void begin_next_request() { request_begin_ = hub_.now; }
   // Nothing more is received. Pending answers are still sent, and then the connection is closed.
-  void end_input() { is_input_over_ = true; }
+  void end_input() { phase_ = std::max(phase_, Phase::answering); }
   void close_with_error(const char *why);
   void log(const std::string &what, LogTopic topic = LogTopic::connections) const;
 
  private:
+  // In this order: a phase may be left out, and none comes back.
+  enum class Phase {
+    receiving,
+    answering,  // nothing more is received, and pending answers are sent
+    closing,    // everything is sent; waits until the peer closes its side
+    finished,   // can be removed; also after an error, with answers that are not sent
+  };
+
   void check_speed(const PendingAnswer &answer);
   void receive();
   void on_error();
@@ -178,6 +187,7 @@ class Connection {
   void send_out();
   void begin_close();
   void discard();
+  bool is_draining() const { return drain_left_.has_value(); }
 
   Hub &hub_;
   Transport transport_;
@@ -188,17 +198,14 @@ class Connection {
   size_t out_query_bytes_ = 0;  // of these, in `out_`
   std::string out_;             // answers to send, from out_sent_ on
   size_t out_sent_ = 0;
-  size_t drain_left_ = 0;
+  Phase phase_ = Phase::receiving;
+  std::optional<size_t> drain_left_;  // after `drain`: bytes that had arrived by then and are not received yet
   Clock::time_point last_activity_;
   Clock::time_point request_begin_;
   bool is_readable_ = true;
-  bool is_hung_up_ = false;   // the peer has closed its side; unread bytes can be left
-  bool is_deferred_ = false;  // the input contains bytes that the limits excluded
-  bool is_draining_ = false;
-  bool is_input_over_ = false;
-  bool is_closing_ = false;  // everything is sent; waits until the peer closes its side
-  bool is_peer_done_ = false;
-  bool is_broken_ = false;
+  bool is_hung_up_ = false;    // the peer has closed its side; unread bytes can be left
+  bool has_read_end_ = false;  // it has, and none are left
+  bool is_deferred_ = false;   // the input contains bytes that the limits excluded
 };
 
 }  // namespace metricdb
