@@ -43,8 +43,8 @@ Arguments arguments_of(int argc, char **argv) {
     if (name == "--list") {
       std::set<std::string> families;
       for (const auto *const scenarios : {&short_scenarios(), &long_scenarios()})
-        for (const Scenario &scenario : *scenarios) families.insert(scenario.family);
-      for (const std::string &family : families) std::puts(family.c_str());
+        for (const Scenario &scenario : *scenarios)
+          if (families.insert(scenario.family).second) std::puts(scenario.family.c_str());
       std::exit(0);
     }
     if (++i == argc) usage();
