@@ -100,6 +100,9 @@ tslb_store_t::NewGeneration::NewGeneration(const tslb_store_t &store, uint64_t t
       remove_unused(store.folder_ + "/" + name);
   });
   remove_tree(folder);  // again, to report a failure: it must not exist
+  // A generation that is not in the stored state: of a process that ended before it wrote this, in an upgrade or while it
+  // adopted a copy.
+  remove_tree(final_folder);
   make_folder(folder);
   for (const ArrayDecl &decl : store.decls_) streams.push_back(File::create(folder + "/" + stream_name(decl.name)));
 }
@@ -158,9 +161,7 @@ void tslb_store_t::use_journal(std::unique_ptr<JournalWriter> journal) {
 // the arrays in it are kept for a log, whose groups have them too. `n_older` generations are kept: none, except after a
 // salvage, since no journal leads from them to this one.
 void tslb_store_t::write_generation_alone(uint64_t number, bool keeps_numbers, uint32_t n_older) {
-  // An ended process can have left these.
-  remove_tree(generation_path(folder_, number));
-  remove_file(journal_path(folder_, number));
+  remove_file(journal_path(folder_, number));  // an ended process can have left it
   NewGeneration next(*this, number);
   for (uint32_t i = 0; i < arrays_.size(); ++i) {
     next.n_slots[i] = tslb_da_get_size(arrays_[i].get());

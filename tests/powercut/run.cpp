@@ -48,9 +48,10 @@ void Log::get_all() {
   record_mark(MarkKind::logged, static_cast<uint32_t>(groups.size()));
 }
 
-void Log::begin_epoch(const tslb_log_position_t &position) {
-  groups.push_back({position, {}});
+tslb_log_position_t Log::begin_epoch_after(const tslb_log_position_t &last) {
+  groups.push_back({{last.epoch + 1, last.number + 1}, {}});
   get_all();
+  return groups.back().position;
 }
 
 // A group is durable before it is appended.
@@ -218,13 +219,13 @@ void StoreRun::restore(int refused) {
 // The batch that broke the store can be there or not.
 void StoreRun::replace_broken(int number) {
   if (store_->close() == 0) throw Failure{"a broken store was closed without an error"};
-  store_ = new_store();
+  store_ = new_store(has_log ? &log : nullptr);
   can_be_broken_ = false;
   if (!store_->open(store_folder(), options.flags)) fail("a broken store cannot be opened", store_->error);
   const std::string found = content_of_store(*store_, store_->payload());
-  if (found == contents_[static_cast<size_t>(number)])
+  if (is_batch(*store_, found, number))
     last_ = number;
-  else if (found == contents_[static_cast<size_t>(last_)])
+  else if (is_batch(*store_, found, last_))
     record_mark(MarkKind::refused, static_cast<uint32_t>(number));
   else
     throw Failure{"a broken store was opened with another content"};
@@ -310,11 +311,13 @@ void StoreRun::read() {
 
 void StoreRun::fill_log(int n_batches) {
   StoreRun leader(arrays_, seed_, root_ + ".leader");
+  fs::remove_all(leader.root_);
   fs::create_directory(leader.root_);
   leader.has_log = true;
   leader.open();
   leader.lead();
   for (int left = n_batches; left > 0; --left) leader.commit();
+  leader.back_up();
   leader.close();
   log = leader.log;
   contents_ = leader.contents_;
@@ -324,31 +327,54 @@ void StoreRun::fill_log(int n_batches) {
 }
 
 void StoreRun::apply(TestStore &store, const LoggedGroup &next) const {
-  const tslb_group_t group = {next.body.data(), next.body.size(), next.body.empty() ? 0u : 1u, next.position};
+  const tslb_group_t group = next.view();
   if (tslb_store_apply(store.get(), &group, &store.error) != 0) fail("a group cannot be applied", store.error);
   if (!is_batch(store, content_of_store(store, store.payload()), static_cast<int>(next.position.number)))
     throw Failure{"a store that applied a group has another content"};
 }
 
-void StoreRun::apply() {
-  record_mark(MarkKind::begun, static_cast<uint32_t>(last_ + 1));
-  apply(*store_, log.groups[static_cast<size_t>(last_)]);
-  ++last_;
+// Repeats a step until it succeeds. Then the store has the batch.
+void StoreRun::advance_to(int batch, const std::string &failure, const std::function<int()> &step) {
+  record_mark(MarkKind::begun, static_cast<uint32_t>(batch));
+  while (!attempt([&] { return step() == 0; })) {
+    expect_fault(failure);
+    if (store_->error.code == TSLB_DURABLE_BROKEN)
+      replace_broken(batch);
+    else
+      restore(batch);
+  }
+  last_ = batch;
+  if (!is_batch(*store_, content_of_store(*store_, store_->payload()), batch))
+    throw Failure{fmt::format("a store that follows a log has not batch {}", batch)};
   acknowledge();
 }
 
+void StoreRun::apply() {
+  const int batch = last_ + 1;
+  const tslb_group_t group = log.groups[static_cast<size_t>(last_)].view();
+  advance_to(batch, "a group cannot be applied",
+             [&] { return last_ == batch ? 0 : tslb_store_apply(store_->get(), &group, &store_->error); });
+}
+
+void StoreRun::adopt() {
+  const auto batch = static_cast<int>(log.groups.size());
+  for (int skipped = last_ + 1; skipped < batch; ++skipped)
+    record_mark(MarkKind::refused, static_cast<uint32_t>(skipped));
+  const std::string copy = root_ + ".leader/backup";
+  advance_to(batch, "a copy cannot be adopted",
+             [&] { return tslb_store_adopt(store_->get(), copy.c_str(), &store_->error); });
+}
+
 void StoreRun::promote(TestStore &store, Log &its_log) const {
-  const tslb_log_position_t now = tslb_store_position(store.get()), next = {now.epoch + 1, now.number + 1};
-  its_log.begin_epoch(next);
+  const tslb_log_position_t next = its_log.begin_epoch_after(tslb_store_position(store.get()));
   if (tslb_store_promote(store.get(), &next, &store.error) != 0) fail("a store cannot be promoted", store.error);
 }
 
 void StoreRun::lead() {
   contents_.push_back(contents_[static_cast<size_t>(last_)]);
-  record_mark(MarkKind::begun, static_cast<uint32_t>(last_ + 1));
-  promote(*store_, log);
-  ++last_;
-  acknowledge();
+  const tslb_log_position_t next = log.begin_epoch_after(tslb_store_position(store_->get()));
+  advance_to(last_ + 1, "a store cannot be promoted",
+             [&] { return tslb_store_promote(store_->get(), &next, &store_->error); });
 }
 
 // ---- Recovery ------------------------------------------------------------------------------------------------------

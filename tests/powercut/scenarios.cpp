@@ -201,6 +201,17 @@ void failed_snapshot(StoreRun &run, const char *call, uint64_t n, uint64_t n_max
   run.commit();
 }
 
+// A follower gets a copy of its leader's store instead of the groups that it lacks.
+void adopted_copy(StoreRun &run) {
+  run.has_log = true;
+  run.fill_log(2);
+  run.open();
+  run.apply();
+  run.adopt();
+  run.lead();
+  run.commit();
+}
+
 // Any of the above, in any order.
 void random_steps(StoreRun &run) {
   std::mt19937_64 &random = run.random();
@@ -245,6 +256,7 @@ const std::vector<Scenario> &short_scenarios() {
                                           {"leader-with-a-late-log", Arrays::one, leader_with_a_late_log},
                                           {"without-syncs", Arrays::small, without_syncs},
                                           {"follower", Arrays::small, follower},
+                                          {"adopted-copy", Arrays::small, adopted_copy},
                                           {"kept-generations", Arrays::small, kept_generations},
                                           {"refused-batches", Arrays::small, refused_batches},
                                           {"batches-in-a-snapshot", Arrays::small, batches_in_a_snapshot},

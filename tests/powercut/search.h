@@ -39,13 +39,15 @@ struct Failure {
 struct LoggedGroup {
   tslb_log_position_t position;
   std::string body;  // empty at the begin of an epoch
+
+  tslb_group_t view() const { return {body.data(), body.size(), body.empty() ? 0u : 1u, position}; }
 };
 
 // A log that a cut does not change. Group n is that of batch n; the begin of an epoch is a batch without changes.
 class Log {
  public:
   const tslb_store_log_t *functions();  // valid while the log is at its address
-  void begin_epoch(const tslb_log_position_t &position);
+  tslb_log_position_t begin_epoch_after(const tslb_log_position_t &last);
   void get_all();
 
   std::vector<LoggedGroup> groups;  // that were appended
@@ -77,6 +79,7 @@ class StoreRun {
   void refuse();     // a batch that is given up; then the store is restored
   void fill_log(int n_batches);  // with those of another store, which began an epoch
   void apply();                  // the next group of the log
+  void adopt();                  // a copy of the store that filled the log
   void lead();                   // begins an epoch
   std::mt19937_64 &random() { return random_; }
 
@@ -114,6 +117,7 @@ class StoreRun {
   void replace_broken(int number);
   int found_in(const TestStore &store, const Bounds &bounds) const;
   bool is_batch(const TestStore &store, const std::string &content, int batch) const;
+  void advance_to(int batch, const std::string &failure, const std::function<int()> &step);
   void apply(TestStore &store, const LoggedGroup &group) const;
   void promote(TestStore &store, Log &its_log) const;
   void use(TestStore &store, Log *its_log, const std::string &folder) const;

@@ -41,6 +41,14 @@ void make_two_journals(StoreRun &run) {
   if (!fs::exists(run.store_folder() + "/journal.2")) throw Failure{"the snapshot did not change to the next journal"};
 }
 
+// A follower lacks two groups of the log.
+void make_follower(StoreRun &run) {
+  run.has_log = true;
+  run.fill_log(2);
+  run.open();
+  run.apply();
+}
+
 const Part PARTS[] = {
     {"creation", [](StoreRun &) {}, [](StoreRun &run) { run.open(); }},
     {"first batch", [](StoreRun &run) { run.open(); }, [](StoreRun &run) { run.commit(); }},
@@ -86,6 +94,17 @@ const Part PARTS[] = {
        run.has_added_array = true;
      },
      [](StoreRun &run) { run.open(); }},
+    {"applied group", make_follower,
+     [](StoreRun &run) {
+       run.apply();
+       run.apply();
+       run.lead();
+     }},
+    {"adopted copy", make_follower,
+     [](StoreRun &run) {
+       run.adopt();
+       run.lead();
+     }},
 };
 
 class SyscallFaults : public DurableTest {
@@ -107,7 +126,8 @@ class SyscallFaults : public DurableTest {
     if (!run.is_open()) run.open();
     run.commit();
     run.close();
-    const Bounds bounds = {run.last(), run.last(), {}};
+    Bounds bounds = {run.last(), run.last(), {}};
+    if (run.has_log) bounds.logged = run.last();
     run.recover(run.store_folder(), bounds, goes_on);
   }
 };
