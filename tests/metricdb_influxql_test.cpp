@@ -11,6 +11,7 @@
 #include "query/influxql.h"
 #include "query/influxql_execute.h"
 #include "query/influxql_parser.h"
+#include "query/influxql_select.h"
 #include "query/store_source.h"
 
 namespace metricdb {
@@ -428,6 +429,9 @@ TEST(Influxql, NamesWithoutPointsCount) {
       {"SELECT mean(*) FROM m WHERE time < 40s GROUP BY *",
        SERIES(
            R"("name":"m","tags":{"host":"a","rack":""},"columns":["time","mean_v","mean_w"],"values":[[0,1,null]])")},
+      {"SELECT v FROM m GROUP BY /./ LIMIT 1",
+       SERIES(R"("name":"m","tags":{"host":"a","rack":""},"columns":["time","v"],"values":[[0,1]]},)"
+              R"({"name":"m","tags":{"host":"c","rack":""},"columns":["time","v"],"values":[[50,3]])")},
       {"SELECT max(/^v/) FROM m WHERE host != 'a' GROUP BY /./",
        SERIES(R"("name":"m","tags":{"host":"c","rack":""},"columns":["time","max_v"],"values":[[50,3]])")},
       {"SELECT mean(no), max(*) FROM m",
@@ -538,6 +542,12 @@ TEST(Influxql, Limits) {
       EXPECT_STREQ(error.what(), row.error);
     }
   }
+  // One group after another is executed, but all groups are in the answer to a client of several servers.
+  const auto grouped = influxql::parse_statements("SELECT percentile(v, 50) FROM m GROUP BY host", 0)[0];
+  const influxql::Environment few_points = {source, {}, 0, {.n_points = 19}};
+  EXPECT_EQ(influxql::execute(few_points, grouped).size(), 5U);
+  EXPECT_THROW(influxql::parts_of_select(few_points, std::get<influxql::SelectStatement>(grouped)),
+               influxql::ExecutionFailed);
 }
 
 // The points of one series, and the same points in a hundred, which several threads read in parts and merge. With few
@@ -659,18 +669,22 @@ TEST(Influxql, PagesOfManySeries) {
   MemorySource source;
   for (int i = 0; i < 3'000; ++i)
     source.add("m", {{"host", fmt::format("{:04}", i)}}, "v", points_at_seconds({{i, i}, {4'000, i}, {9'000 - i, i}}));
+  std::vector<Point> points(9'000);
+  for (size_t i = 0; i < points.size(); ++i) points[i].ts_ns = static_cast<int64_t>(i) * SECOND_NS;
+  source.add("long", {}, "v", std::move(points));
   static const struct {
-    const char *order;
+    const char *text;
     std::vector<std::pair<int64_t, double>> rows;
   } rows[] = {
-      {"LIMIT 3 OFFSET 1", {{1, 1}, {2, 2}, {3, 3}}},
-      {"LIMIT 2 OFFSET 2999", {{2'999, 2'999}, {4'000, 0}}},
-      {"ORDER BY time DESC LIMIT 2 OFFSET 2", {{8'998, 2}, {8'997, 3}}},
-      {"ORDER BY time DESC LIMIT 2 OFFSET 2999", {{6'001, 2'999}, {4'000, 2'999}}},
+      {"m LIMIT 3 OFFSET 1", {{1, 1}, {2, 2}, {3, 3}}},
+      {"m LIMIT 2 OFFSET 2999", {{2'999, 2'999}, {4'000, 0}}},
+      {"m ORDER BY time DESC LIMIT 2 OFFSET 2", {{8'998, 2}, {8'997, 3}}},
+      {"m ORDER BY time DESC LIMIT 2 OFFSET 2999", {{6'001, 2'999}, {4'000, 2'999}}},
+      {"long ORDER BY time DESC LIMIT 2 OFFSET 1", {{8'998, 0}, {8'997, 0}}},
   };
   for (const auto &row : rows) {
-    SCOPED_TRACE(row.order);
-    const auto statement = influxql::parse_statements(fmt::format("SELECT v FROM m {}", row.order), 0).at(0);
+    SCOPED_TRACE(row.text);
+    const auto statement = influxql::parse_statements(fmt::format("SELECT v FROM {}", row.text), 0).at(0);
     const auto results = influxql::execute({source, {}, 0, {.n_cells = 8'000}}, statement);
     ASSERT_EQ(results.size(), 1U);
     std::vector<std::pair<int64_t, double>> found;

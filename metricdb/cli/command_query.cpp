@@ -124,7 +124,7 @@ int answer_statement(const QueryArguments &arguments) {
                                    .n_threads = std::thread::hardware_concurrency()};
   const InfluxqlAnswer answer = arguments.server.addresses.size() > 1    ? answer_from_servers(arguments, request)
                                 : arguments.server.addresses.size() == 1 ? answer_from_server(arguments, request)
-                                : changes_databases(arguments.statement) ? answer_with_changes(arguments, request)
+                                : changes_databases(request)             ? answer_with_changes(arguments, request)
                                                                          : answer_from_files(arguments, request);
   if (answer.is_bad_request) throw std::runtime_error(last_line(answer.body));
   print(answer.body);

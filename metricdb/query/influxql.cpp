@@ -250,9 +250,9 @@ InfluxqlAnswer answer_influxql(const SeriesSource &source, const InfluxqlRequest
   return answer_influxql(fixed, request);
 }
 
-bool changes_databases(const std::string &text) {
+bool changes_databases(const InfluxqlRequest &request) {
   try {
-    const auto statements = influxql::parse_statements(text, 0);
+    const auto statements = influxql::parse_statements(request.text, request.now_ns);
     return std::any_of(statements.begin(), statements.end(), [](const influxql::Statement &statement) {
       return influxql::need_of(statement) == influxql::Need::changing;
     });

@@ -58,7 +58,7 @@ InfluxqlAnswer answer_influxql(const SeriesSource &source, const InfluxqlRequest
 // bodies  by server. Throws BytesDamaged if one is no such answer.
 InfluxqlAnswer answer_of_servers(std::span<const std::string> bodies, const InfluxqlRequest &request);
 
-// Whether the text has statements that InfluxqlRequest::refusal_of_changes refuses.
-bool changes_databases(const std::string &text);
+// Whether the request has statements that InfluxqlRequest::refusal_of_changes refuses.
+bool changes_databases(const InfluxqlRequest &request);
 
 }  // namespace metricdb

@@ -16,9 +16,12 @@ namespace {
 
 using Names = std::set<std::string>;
 
-// The field, if all series of the statement have it.
+// The field, if the statement needs no other series. Patterns of dimensions need all series, for their tags.
 std::optional<std::string> only_field_of(const SelectStatement &select) {
-  if (select.fields.size() != 1) return std::nullopt;
+  const bool has_pattern =
+      std::any_of(select.dimensions.begin(), select.dimensions.end(),
+                  [](const Dimension &dimension) { return dimension.kind != Dimension::Kind::tag; });
+  if (select.fields.size() != 1 || has_pattern) return std::nullopt;
   const Expression *part = &select.fields[0].expression;
   while (part->kind == Expression::Kind::call) part = part->args.data();
   if (part->kind != Expression::Kind::reference || part->reference_kind == ReferenceKind::tag) return std::nullopt;
@@ -206,12 +209,14 @@ void add_aggregated(const Selection &selection, const std::vector<FoundSeries> &
   const std::vector<Group> groups = groups_of(selection.select, selection.columns, series);
   std::vector<std::vector<SeriesPart>> of_groups(groups.size());
   const Names fields = fields_of(series);
-  std::atomic<size_t> n_cells{0};
+  std::atomic<size_t> n_cells{0}, n_kept{0};
   for_each_group(selection, groups, [&](const Selection &of_group, const Group &group, size_t i) {
     for (auto &[field, aggregated] : aggregate(of_group, group)) {
       if (fields.count(field) == 0) continue;
       const size_t n_added = aggregated.aggregations.size() * aggregated.aggregations[0].n_windows();
       check_cells(selection.environment, n_cells.fetch_add(n_added) + n_added);
+      for (const Aggregation &aggregation : aggregated.aggregations)
+        check_points(selection.environment, n_kept += aggregation.n_kept());
       SeriesName name = {group.members[0]->name.measurement, group.tags, field};
       std::erase_if(name.tags, [](const auto &tag) { return tag.second.empty(); });
       of_groups[i].push_back({std::move(name), {}, std::move(aggregated)});
@@ -234,20 +239,6 @@ void add_names(const Selection &selection, const std::vector<FoundSeries> &serie
     std::erase_if(name.tags, [&](const auto &tag) { return dimensions.count(tag.first) == 0; });
     if (known.emplace(name.tags, name.field).second) parts.push_back({std::move(name)});
   }
-}
-
-// Points of which rows or derivatives are made. A row among the first ones has none of a series' later points.
-PointList points_to_page(const Selection &selection, const FoundSeries &series) {
-  PointList list;
-  read_points(selection.environment, series, selection.from_ns, selection.to_ns, list);
-  const uint64_t n_max = selection.columns.leaves[0].derivative ? UINT64_MAX : n_rows_to_page(selection.select);
-  std::vector<Point> &points = list.points;
-  if (points.size() <= n_max) return list;
-  if (selection.select.is_descending)
-    points.erase(points.begin(), points.end() - static_cast<ptrdiff_t>(n_max));
-  else
-    points.resize(n_max);
-  return list;
 }
 
 }  // namespace
@@ -283,10 +274,10 @@ std::vector<SeriesPart> parts_of_select(const Environment &environment, const Se
     for (const FoundSeries &one : series) {
       parts.push_back({one.name, {}, {}});
       if (!is_read(selection.columns, one)) continue;
-      parts.back().points = points_to_page(selection, one);
-      n_points += parts.back().points.points.size();
-      if (n_points > environment.limits.n_points)
-        throw ExecutionFailed(fmt::format("more than {} points at a time", environment.limits.n_points));
+      PointList &list = parts.back().points;
+      read_points(selection.environment, one, selection.from_ns, selection.to_ns, list);
+      if (!leaves[0].derivative) cut_points(select, list);
+      check_points(environment, n_points += list.points.size());
     }
   });
   return parts;

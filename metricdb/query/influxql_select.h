@@ -85,6 +85,12 @@ std::vector<std::pair<std::string, AggregatedSeries>> aggregate(const Selection 
 // The number of rows from which the page is cut; the maximum for all.
 uint64_t n_rows_to_page(const SelectStatement &select);
 
+// Leaves out points of a series that are in no row of the page: a row among the first ones has none of the later points.
+void cut_points(const SelectStatement &select, PointList &list);
+
+// Throws ExecutionFailed if a statement holds more points than it may.
+void check_points(const Environment &environment, size_t n_held);
+
 // The result has real values if one of the lists has.
 void append_points(const PointList &more, PointList &all);
 

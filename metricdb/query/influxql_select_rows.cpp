@@ -33,11 +33,6 @@ void cut_rows(const SelectStatement &select, size_t begin, ResultSeries &result)
   if (n > n_max) erase_rows(result, begin + (select.is_descending ? 0 : n_max), n - n_max);
 }
 
-void check_points(const Environment &environment, size_t n_held) {
-  if (n_held > environment.limits.n_points)
-    throw ExecutionFailed(fmt::format("more than {} points at a time", environment.limits.n_points));
-}
-
 // Reads the points of series with the same tags, and appends their rows.
 class RowSelector {
  public:
@@ -50,6 +45,7 @@ class RowSelector {
     lists_.assign(lists_.size(), {});
     for (const FoundSeries *const member : members) {
       read_points(selection_.environment, *member, selection_.from_ns, selection_.to_ns, list);
+      cut_points(selection_.select, list);
       for (size_t i = 0; i < lists_.size(); ++i) {
         const Leaf &leaf = selection_.columns.leaves[i];
         if (leaf.reference_kind == ReferenceKind::field && leaf.name == member->name.field) {
@@ -144,6 +140,21 @@ uint64_t n_rows_to_page(const SelectStatement &select) {
   const Page &page = select.rows;
   uint64_t n_max;
   return page.limit == 0 || __builtin_add_overflow(page.limit, page.offset, &n_max) ? UINT64_MAX : n_max;
+}
+
+void cut_points(const SelectStatement &select, PointList &list) {
+  const uint64_t n_max = n_rows_to_page(select);
+  std::vector<Point> &points = list.points;
+  if (points.size() <= n_max) return;
+  if (select.is_descending)
+    points.erase(points.begin(), points.end() - static_cast<ptrdiff_t>(n_max));
+  else
+    points.resize(n_max);
+}
+
+void check_points(const Environment &environment, size_t n_held) {
+  if (n_held > environment.limits.n_points)
+    throw ExecutionFailed(fmt::format("more than {} points at a time", environment.limits.n_points));
 }
 
 void append_points(const PointList &more, PointList &all) {
