@@ -148,7 +148,8 @@ enum {
   /* For imports: no batches and no journal. What is changed is durable when tslb_store_snapshot returns. Without it the
    * store stays as it was, and a new one is removed. One thread. */
   TSLB_STORE_BULK = 64,
-  /* Opens a store that had a log as one without: it gets another identity, and a new generation without a position. */
+  /* Opens a store that had a log as one without: it gets another identity, and a new generation without a position. Not
+   * with BULK. */
   TSLB_STORE_DETACH = 128
 };
 

@@ -55,18 +55,6 @@ std::string holder_of(const File &lock) {
                             : fmt::format("another writer has the store: process {}", writer);
 }
 
-std::string without_slash(std::string folder) {
-  while (folder.size() > 1 && folder.back() == '/') folder.pop_back();
-  return folder;
-}
-
-std::string absolute_path(const std::string &folder) {
-  std::error_code error;
-  std::string path = std::filesystem::absolute(folder, error);
-  if (!error) return path;
-  throw StoreError(TSLB_DURABLE_IO, folder + ": the working folder: " + error.message(), folder, 0, error.value());
-}
-
 std::atomic<uint32_t> n_forks{0};
 
 }  // namespace
@@ -105,6 +93,8 @@ tslb_store_t::~tslb_store_t() {
 void tslb_store_t::open_or_create() {
   if (is_reader_ && (has(options_, TSLB_STORE_CREATE) || is_bulk_))
     throw StoreError(TSLB_DURABLE_INVALID, "TSLB_STORE_READ_ONLY with TSLB_STORE_CREATE or TSLB_STORE_BULK");
+  if (is_bulk_ && has(options_, TSLB_STORE_DETACH))
+    throw StoreError(TSLB_DURABLE_INVALID, "TSLB_STORE_BULK with TSLB_STORE_DETACH");
   if (log_ && (is_reader_ || is_bulk_ || has(options_, TSLB_STORE_DETACH)))
     throw StoreError(TSLB_DURABLE_INVALID, "a log with TSLB_STORE_READ_ONLY, TSLB_STORE_BULK or TSLB_STORE_DETACH");
   is_follower_ = log_.has_value();
@@ -357,9 +347,16 @@ void tslb_store_t::close() {
   seal();
 }
 
-// Removes a store that was created for an import and has no generation.
+// Removes a store that was created for an import and has no generation, with what is left of attempts to write one.
 void tslb_store_t::close_bulk() {
+  remove_attempt(number_of_import());
   if (state_.generation != 0) return seal();
+  const std::string generation = generation_path(folder_, FIRST_GENERATION);
+  const std::string journal = journal_path(folder_, FIRST_GENERATION);
+  for (const std::string &path : {generation, journal}) {
+    remove_tree(path);
+    remove_tree(path + std::string(UNFINISHED_SUFFIX));
+  }
   remove_file(state_path(folder_));
   remove_file(lock_path(folder_));
   if (made_folder_) remove_folder_if_empty(folder_);

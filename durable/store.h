@@ -14,6 +14,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <exception>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -158,6 +159,7 @@ struct tslb_store_t {
   void append_to_log(const CopiedGroup &group);
   void confirm_log();
   void take_arrays(tslb_durable::LoadedStore &loaded);
+  std::exception_ptr replace_content(tslb_durable::LoadedStore &loaded);
 
   // Groups, in store_group.cpp.
   uint64_t end(tslb_batch_t *batch) noexcept;
@@ -181,6 +183,8 @@ struct tslb_store_t {
 
   // Generations, in store_snapshot.cpp.
   void write_generation_alone(uint64_t number, bool keeps_numbers = false, uint32_t n_older = 0);
+  void remove_attempt(uint64_t number);
+  uint64_t number_of_import() const;
   void use_journal(std::unique_ptr<tslb_durable::JournalWriter> journal);
   bool forks() const { return (options_.flags & TSLB_STORE_NO_FORK) == 0; }
   void begin_next_journal(NewGeneration &next);
@@ -222,8 +226,9 @@ struct tslb_store_t {
   std::string compressed_;
   std::atomic<uint64_t> reserved_left_{
       0};  // bytes of the journal that need no new disk space; written with mutex_ held
-  std::optional<tslb_durable::GateClosed> read_closed_;  // while a group is applied in part
-  uint32_t n_raw_in_turn_ = 0;                           // groups that were not worth compressing
+  // While a group is applied, or the content replaced, in part.
+  std::optional<tslb_durable::GateClosed> read_closed_;
+  uint32_t n_raw_in_turn_ = 0;  // groups that were not worth compressing
 
   tslb_durable::Gate gate_;
   tslb_durable::Gate read_gate_;  // closed while groups of a log are applied

@@ -397,10 +397,13 @@ void tslb_store_t::restore() {
     logged_[i].headers_are_logged();
     if (!shadows_.empty()) copy_content(stored, shadows_[i].get());
   }
+  {
+    const std::lock_guard lock(mutex_);
+    payload_ = std::move(loaded.payload);
+    has_payload_ = loaded.has_payload;
+  }
   read_closed_.reset();
   append_opened();
   const std::lock_guard lock(mutex_);
-  payload_ = std::move(loaded.payload);
-  has_payload_ = loaded.has_payload;
   failed_.clear();
 }

@@ -187,10 +187,8 @@ void tslb_store_t::take_arrays(LoadedStore &loaded) {
   loaded.arrays = std::move(taken);
 }
 
-void tslb_store_t::adopt_copy(const std::string &folder) {
-  expect_no_batch_of_this_thread();
-  LoadedStore loaded = load_store(folder, {});
-  take_arrays(loaded);
+// Returns why the arrays are replaced in part, and readers wait; null if everything is replaced.
+std::exception_ptr tslb_store_t::replace_content(LoadedStore &loaded) {
   const std::lock_guard snapshots(snapshot_mutex_);
   const std::lock_guard flushing(flush_mutex_);
   const GateClosed closed(gate_), read_closed(read_gate_);
@@ -200,23 +198,43 @@ void tslb_store_t::adopt_copy(const std::string &folder) {
     expect_usable();
     if (!is_follower_) throw StoreError(TSLB_DURABLE_INVALID, folder_ + ": is no follower", folder_);
   }
+  const uint64_t number = state_.journals.back().number + 1;
+  remove_attempt(number);
+  std::vector<uint8_t> payload = loaded.payload;
   try {
     for (uint32_t i = 0; i < arrays_.size(); ++i) {
       copy_content(loaded.arrays[i].get(), arrays_[i].get());
       if (!shadows_.empty()) copy_content(loaded.arrays[i].get(), shadows_[i].get());
-      logged_[i].set_number(number_in(loaded.manifest, decls_[i].name));
     }
+  } catch (const std::exception &error) {
+    read_closed_.emplace(read_gate_);
+    refuse(reason_of(error), false);
+    return std::current_exception();
+  }
+  try {
+    for (uint32_t i = 0; i < arrays_.size(); ++i) logged_[i].set_number(number_in(loaded.manifest, decls_[i].name));
     const std::lock_guard lock(mutex_);
     state_.identity = loaded.state.identity;
     std::memcpy(info_.identity, state_.identity.data(), sizeof info_.identity);
-    durable_payload_ = loaded.payload;
+    durable_payload_ = std::move(payload);
     has_durable_payload_ = loaded.has_payload;
     payload_ = std::move(loaded.payload);
     has_payload_ = loaded.has_payload;
     position_ = loaded.position;
-    write_generation_alone(state_.journals.back().number + 1, true);
+    write_generation_alone(number, true);
   } catch (const std::exception &error) {
     refuse(reason_of(error), true);
     throw;
   }
+  return nullptr;
+}
+
+void tslb_store_t::adopt_copy(const std::string &folder) {
+  expect_no_batch_of_this_thread();
+  LoadedStore loaded = load_store(folder, {});
+  take_arrays(loaded);
+  const std::exception_ptr failure = replace_content(loaded);
+  if (!failure) return;
+  restore();
+  std::rethrow_exception(failure);
 }

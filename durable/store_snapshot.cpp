@@ -172,10 +172,13 @@ void tslb_store_t::write_generation_alone(uint64_t number, bool keeps_numbers, u
   next.position = position_;
   write_streams(next);
   finish_generation(next);
-  use_journal(std::make_unique<JournalWriter>(journal_path(folder_, number), JournalName{state_.identity, number}));
-  state_.generation = number;
-  state_.journals = {{number, false, 0, 0}};
-  write_state(folder_, state_);
+  auto journal = std::make_unique<JournalWriter>(journal_path(folder_, number), JournalName{state_.identity, number});
+  StoreState state = state_;
+  state.generation = number;
+  state.journals = {{number, false, 0, 0}};
+  write_state(folder_, state);
+  state_ = std::move(state);
+  use_journal(std::move(journal));
   journals_before_ = 0;
   info_.generation = number;
   for (uint32_t i = 0; i < logged_.size(); ++i) {
@@ -203,14 +206,19 @@ void tslb_store_t::remove_older_generations(uint32_t n_kept) {
   });
 }
 
+// Removes the journal of an attempt to write a generation, if it failed. The stored state can name it, so the state is
+// written anew before.
+void tslb_store_t::remove_attempt(uint64_t number) {
+  const std::string path = journal_path(folder_, number);
+  if (access(path.c_str(), F_OK) != 0) return;
+  write_state(folder_, state_);
+  remove_file(path);
+}
+
 // Makes the journal of the next generation, and names it in the stored state before it gets a group.
 void tslb_store_t::begin_next_journal(NewGeneration &next) {
   const std::string path = journal_path(folder_, next.number);
-  if (access(path.c_str(), F_OK) == 0) {
-    // Of an attempt that failed. The stored state can name it, so it is written anew before the journal is removed.
-    write_state(folder_, state_);
-    remove_file(path);
-  }
+  remove_attempt(next.number);
   next.journal = std::make_unique<JournalWriter>(path, JournalName{state_.identity, next.number});
   StoreState with_next = state_;
   with_next.journals.push_back({next.number, false, 0, 0});
@@ -316,9 +324,9 @@ void tslb_store_t::snapshot() {
   }
   NewGeneration next(*this, state_.journals.back().number + 1);
   begin_next_journal(next);
-  if (forks()) use_huge_pages(arrays_);
-  StreamChild child(folder_);
   try {
+    if (forks()) use_huge_pages(arrays_);
+    StreamChild child(folder_);
     freeze(next, child);
     if (forks() && !child.receive(next.results))
       throw StoreError(TSLB_DURABLE_IO, folder_ + ": the child process that writes a generation ended", folder_);
@@ -330,9 +338,16 @@ void tslb_store_t::snapshot() {
   use_generation(next.number);
 }
 
+// A number is left out, so that no journal leads from an older generation to an import.
+uint64_t tslb_store_t::number_of_import() const {
+  return state_.journals.empty() ? FIRST_GENERATION : state_.journals.back().number + 2;
+}
+
 // The arrays were changed without a journal.
 void tslb_store_t::snapshot_of_bulk() {
-  write_generation_alone(state_.journals.empty() ? FIRST_GENERATION : state_.journals.back().number + 1);
+  const uint64_t number = number_of_import();
+  remove_attempt(number);
+  write_generation_alone(number);
   ++info_.n_snapshots;
 }
 

@@ -121,6 +121,8 @@ tslb_replica_t::tslb_replica_t(const std::string &folder, const tslb_array_decl_
   store_ = tslb_store_open(folder.c_str(), arrays, n_arrays, &store_options, &error);
   if (store_ == nullptr) throw store_error_of(error);
   try {
+    // A process may move, and names of other folders begin with this one.
+    folder_ = tslb_durable::absolute_path(tslb_durable::without_slash(folder_));
     if (set_aside_) set_aside_->file.sync();
     start_following();
   } catch (...) {
@@ -227,7 +229,7 @@ void tslb_replica_t::promote(const std::optional<uint64_t> &only_after) {
     if (only_after && !is_empty && epoch != *only_after)
       throw Fenced(
           fmt::format("{}: has epoch {}, so another has led after epoch {}", log_.log().name(), epoch, *only_after));
-    if (is_empty && position().number == 0) return found_log();
+    if (is_empty && position().number <= 1) return found_log();
     follow_to(0, end);
     const uint64_t begun = begin_epoch(epoch, end);
     follow_to(begun, end);
@@ -276,11 +278,12 @@ std::string tslb_replica_t::message_of_epoch(const tslb_log_position_t &position
 
 // The first leader. Its store can have content, which followers get from its snapshot. The position is journalled before
 // the message is published: a store with content and without a position follows no log. A failure after that ends the
-// role: the message can be in the log or not, which the next opening finds out.
+// role: the message can be in the log or not, which the next opening finds out. The position is there already if a
+// snapshot came between.
 void tslb_replica_t::found_log() {
   const tslb_log_position_t position = {1, 1};
   restore_store();
-  apply({nullptr, 0, 0, position});
+  if (this->position().number == 0) apply({nullptr, 0, 0, position});
   try {
     publish_copy(false);
     log_.log().publish({message_of_epoch(position)}, 0);

@@ -117,7 +117,13 @@ std::optional<bool> tslb_replica_t::is_in_log(const tslb_log_position_t &positio
     std::string bytes;
     found_first_ = head_at(found_span_->first, bytes).head;
     const tslb_durable::Identity own = tslb_durable::read_state(folder_).identity;
-    if (std::memcmp(found_first_.identity, own.data(), own.size()) != 0)
+    const bool is_of_this = std::memcmp(found_first_.identity, own.data(), own.size()) == 0;
+    if (!is_of_this && position.number == 1) {
+      // The begin of a log that another store founded at the same time. A second group belongs to another log.
+      found_span_.reset();
+      return false;
+    }
+    if (!is_of_this)
       throw StoreError(TSLB_DURABLE_INVALID, fmt::format("{}: of another store", log_.log().place(found_span_->first)));
   }
   if (found_span_->is_empty()) return found_span_->last == 0 ? std::optional(false) : std::nullopt;
@@ -199,7 +205,10 @@ void tslb_replica_t::bootstrap() {
   if (std::memcmp(head->identity, last.head.identity, sizeof head->identity) != 0)
     throw Unreachable(log_.snapshots().name() + ": the snapshot is of another store than the log");
   tslb_error_t error = {};
-  if (tslb_store_adopt(store_, copy.path().c_str(), &error) != 0) throw store_error_of(error);
+  if (tslb_store_adopt(store_, copy.path().c_str(), &error) != 0) {
+    is_restoration_due_ = true;
+    fail_in_store(error);
+  }
   const std::lock_guard lock(mutex_);
   ++n_bootstraps_;
 }

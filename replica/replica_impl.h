@@ -96,7 +96,7 @@ struct tslb_replica_t {
   tslb_replica::Clock::time_point deadline() const { return tslb_replica::Clock::now() + nats_.patience; }
   void say(const std::string &text);
 
-  const std::string folder_;
+  std::string folder_;  // as given while the store is opened; then absolute
   const tslb_replica_mode_t mode_;
   const tslb_replica::NatsOptions nats_;
   tslb_replica::NatsLog log_;

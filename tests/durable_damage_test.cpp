@@ -352,6 +352,28 @@ TEST_F(DurableDamage, OlderGenerationWithOtherArraysGetsNoLaterGroups) {
   EXPECT_THAT(store.info().warning, HasSubstr("has other arrays than the generation before; what follows is lost"));
 }
 
+// Nor does one lead to the generation of an import.
+TEST_F(DurableDamage, OlderGenerationGetsNoGroupsAfterAnImport) {
+  ASSERT_NO_FATAL_FAILURE(fill(folder_, true));
+  fs::copy(folder_, root_ + "/old", fs::copy_options::recursive);
+  TestStore store;
+  ASSERT_TRUE(store.open(folder_, TSLB_STORE_BULK)) << store.error.text;
+  uint32_t idx;
+  tslb_da_get_newptr(store.array(SLOTS), &idx);
+  ASSERT_EQ(tslb_store_snapshot(store.get(), &store.error), 0) << store.error.text;
+  ASSERT_EQ(store.close(), 0);
+  std::mt19937 random(3);
+  ASSERT_TRUE(store.open(folder_) && store.commit_changes(random)) << store.error.text;
+  const uint64_t generation = store.info().generation;
+  ASSERT_EQ(store.close(), 0);
+  for (const char *const name : {"/generation.3", "/journal.3"})
+    fs::copy(root_ + "/old" + name, folder_ + name, fs::copy_options::recursive);
+  flip(fmt::format("{}/generation.{}/slots.stream", folder_, generation), 100);
+  ASSERT_TRUE(store.open(folder_, TSLB_STORE_SALVAGE)) << store.error.text;
+  EXPECT_EQ(store.content(), contents_.back());
+  EXPECT_THAT(store.info().warning, HasSubstr("is missing; what follows is lost"));
+}
+
 TEST_F(DurableDamage, BackupIsAStoreOfTheSettledState) {
   TestStore store;
   ASSERT_TRUE(store.open(folder_));

@@ -235,6 +235,7 @@ TEST_F(DurableLog, WithoutItsLogAStoreIsOnlyReadOrDetached) {
   TestStore alone;
   EXPECT_FALSE(alone.open(folder_));
   EXPECT_THAT(alone.error.text, HasSubstr("TSLB_STORE_DETACH"));
+  EXPECT_FALSE(alone.open(folder_, TSLB_STORE_DETACH | TSLB_STORE_BULK)) << "another content for the same position";
   ASSERT_TRUE(alone.open(folder_, TSLB_STORE_READ_ONLY)) << alone.error.text;
   EXPECT_EQ(tslb_store_position(alone.get()).number, N_GROUPS);
   ASSERT_EQ(alone.close(), 0);
@@ -243,6 +244,27 @@ TEST_F(DurableLog, WithoutItsLogAStoreIsOnlyReadOrDetached) {
   ASSERT_EQ(alone.close(), 0);
   ASSERT_TRUE(alone.open(folder_)) << alone.error.text;
   EXPECT_EQ(alone.content(), states_.back());
+}
+
+// The restoration of a group that the full disk refuses finds no room either. What readers see is the state before.
+TEST_F(DurableLog, ReadersSeeOneStateWhileADiskIsFull) {
+  LoggedStore leader(log_);
+  lead(leader);
+  TestLog none;
+  LoggedStore follower(none);
+  ASSERT_NO_FATAL_FAILURE(follow(follower, 5));
+  {
+    const FileSizeLimit limit(follower.info().journal_bytes + 10);
+    ASSERT_FALSE(follower.apply(log_.groups[5].view()));
+    EXPECT_EQ(follower.error.code, TSLB_DURABLE_IO) << follower.error.text;
+  }
+  tslb_store_begin_reading(follower.get());
+  EXPECT_EQ(follower.content(), states_[5]);
+  EXPECT_EQ(follower.payload(), "5");
+  tslb_store_end_reading(follower.get());
+  ASSERT_EQ(tslb_store_restore(follower.get(), &follower.error), 0) << follower.error.text;
+  ASSERT_TRUE(follower.apply(log_.groups[5].view())) << follower.error.text;
+  EXPECT_EQ(follower.content(), states_[6]);
 }
 
 // The position and the arrays are of one group at every moment, also while a copy of the leader is adopted.

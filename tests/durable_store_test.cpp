@@ -7,6 +7,7 @@
 
 #include "durable_support.h"
 #include "fault_alloc.h"
+#include "io_faults.h"
 #include "stored_array.h"
 #include "stream_writer.h"
 
@@ -659,6 +660,37 @@ TEST_F(DurableStore, ImportIsDurableWithItsSnapshotOnly) {
   ASSERT_TRUE(store.open(folder_)) << store.error.text;
   EXPECT_EQ(store.content(), imported);
   EXPECT_EQ(store.info().was_sealed, 1);
+}
+
+// Each step of an import fails once, and it is given up: a new store is gone, another one is as it was.
+TEST_F(DurableStore, FailedImportChangesNothing) {
+  for (const bool is_new : {true, false}) {
+    std::string before;
+    if (!is_new) {
+      TestStore store;
+      ASSERT_TRUE(store.open(folder_)) << store.error.text;
+      before = store.content();
+    }
+    int n_failed = 0;
+    for (uint64_t k = 1;; ++k) {
+      SCOPED_TRACE(k);
+      TestStore store;
+      ASSERT_TRUE(store.open(folder_, TSLB_STORE_CREATE | TSLB_STORE_BULK)) << store.error.text;
+      uint32_t idx;
+      tslb_da_get_newptr(store.array(SLOTS), &idx);
+      tslb_durable::fail_at_io(k, ENOSPC);
+      const bool is_stored = tslb_store_snapshot(store.get(), &store.error) == 0;
+      tslb_durable::fail_at_io(0, 0);
+      ASSERT_EQ(store.close(), 0) << store.error.text;
+      if (is_stored) break;
+      ++n_failed;
+      ASSERT_EQ(fs::exists(folder_), !is_new);
+      if (is_new) continue;
+      ASSERT_TRUE(store.open(folder_)) << store.error.text;
+      ASSERT_EQ(store.content(), before);
+    }
+    EXPECT_GT(n_failed, 20);
+  }
 }
 
 TEST_F(DurableStore, DescriptionNamesTheArrays) {

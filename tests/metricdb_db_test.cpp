@@ -60,8 +60,8 @@ TEST_F(RoundTrip, ReopenedStoreContinuesUnchanged) {
     EXPECT_TRUE(image_of(opened.store()) == image_of(straight)) << "it did not continue as the original";
     EXPECT_EQ(series_table(opened.store(), "*"), series_table(straight, "*"));
 
-    EXPECT_EQ(opened.write().number, 2u);
-    EXPECT_THAT(names_in(path("db")), ElementsAre("generation.2", "journal.2", "lock", "store"));
+    EXPECT_EQ(opened.write().number, 3u);
+    EXPECT_THAT(names_in(path("db")), ElementsAre("generation.3", "journal.3", "lock", "store"));
     const OpenDatabase again(path("db"));
     EXPECT_EQ(figures_of(again.store()), figures_of(straight));
     EXPECT_TRUE(image_of(again.store()) == image_of(straight));

@@ -46,9 +46,9 @@ TEST_F(Program, LoadStatSeriesCheckAndSnapshot) {
   expect_good("series --db db 'cpu*user'", "cpu,host=a user    500    0  499  249.5   499  ▁");
   expect_good("series --db db", "load one ");
   expect_good("check --db db first.lp", "check: 1500 points match\n");
-  expect_good("load --db db second.lp", ": generation 2, ");
+  expect_good("load --db db second.lp", ": generation 3, ");
   expect_good("check --db db first.lp second.lp", "check: 2500 points match\n");
-  expect_good("snapshot --db db", ": generation 3, ");
+  expect_good("snapshot --db db", ": generation 5, ");
   expect_good("check --db db first.lp second.lp", "check: 2500 points match\n");
   const Outcome wrong = run("check --db db second.lp");
   EXPECT_EQ(wrong.exit_code, 1);
@@ -168,7 +168,7 @@ TEST_F(Program, LogsItsProgress) {
        {"|sweep: ", "line skipped", "refused"}},
       {"load --db db first.lp bad.lp --log-level 3",
        {"|metricdb|start: load\n", "|metricdb|sweep: 4 series, ",
-        "|metricdb|bad.lp:2: ", "|metricdb|db: opened, generation 1, 4 series, 1501 points\n", "generation 2 written"},
+        "|metricdb|bad.lp:2: ", "|metricdb|db: opened, generation 1, 4 series, 1501 points\n", "generation 3 written"},
        {"refused"}},
       {"stat --db none --log-level 1", {"|metricdb|refused: none: holds no database\n"}, {"start"}},
       {"stat --db db --log-level 1", {}, {"|"}},

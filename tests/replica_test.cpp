@@ -1,11 +1,9 @@
 // Replicas with a NATS server: followers equal the leader, one replica leads, and what is not in the log is set aside.
 #include <gmock/gmock.h>
 #include <nats/nats.h>
-#include <sys/resource.h>
 #include <tslb/replica.h>
 
 #include <algorithm>
-#include <csignal>
 
 #include "changes.h"
 #include "durable_support.h"
@@ -81,23 +79,6 @@ bool becomes(const std::function<bool()> &condition) {
 bool follows(const TestReplica &follower, const TestReplica &leader) {
   return becomes([&] { return follower.info().position.number == leader.info().position.number; });
 }
-
-// Files of this process cannot become longer, as if the disk were full.
-class FileSizeLimit {
- public:
-  explicit FileSizeLimit(uint64_t bytes) {
-    std::signal(SIGXFSZ, SIG_IGN);
-    getrlimit(RLIMIT_FSIZE, &before_);
-    const rlimit limit = {bytes, before_.rlim_max};
-    setrlimit(RLIMIT_FSIZE, &limit);
-  }
-  ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &before_); }
-  FileSizeLimit(const FileSizeLimit &) = delete;
-  FileSizeLimit &operator=(const FileSizeLimit &) = delete;
-
- private:
-  rlimit before_;
-};
 
 class Replica : public DurableTest {
  protected:
@@ -221,7 +202,7 @@ TEST_F(Replica, OfSeveralThatArePromotedAtOnceOneLeads) {
 }
 
 TEST_F(Replica, FollowerBeginsFromASnapshotWhenTheLogWasCut) {
-  const auto leader = make("a"), late = make("b"), fresh = make("c"), near = make("d");
+  const auto leader = make("a/"), late = make("b"), fresh = make("c"), near = make("d");
   leader->options.mode = TSLB_REPLICA_ASYNC;
   ASSERT_TRUE(leader->open());
   ASSERT_TRUE(leader->promote()) << leader->error.text;
@@ -317,6 +298,29 @@ TEST_F(Replica, ForeignContentIsNeitherMixedInNorLost) {
   ASSERT_TRUE(becomes([&] { return foreign->info().role == TSLB_REPLICA_ENDED; }));
   EXPECT_THAT(foreign->info().text, HasSubstr("content that is not from the log"));
   EXPECT_FALSE(foreign->promote());
+}
+
+// The process ended after the store had the position of the begin, or after a generation had it, and before the log had it.
+TEST_F(Replica, InterruptedFoundingIsRepeatedOrLeftOut) {
+  for (const char *const name : {"a", "b"}) {
+    TestStore store;
+    const tslb_store_log_t log = {nullptr, [](void *, const tslb_group_t *, char *, size_t) { return 0; }, nullptr,
+                                  nullptr};
+    store.options.log = &log;
+    ASSERT_TRUE(store.open(root_ + "/" + name)) << store.error.text;
+    const tslb_log_position_t begin = {1, 1};
+    ASSERT_EQ(tslb_store_promote(store.get(), &begin, &store.error), 0) << store.error.text;
+    if (*name == 'a') {
+      ASSERT_EQ(tslb_store_snapshot(store.get(), &store.error), 0) << store.error.text;
+    }
+  }
+  const auto leader = make("a"), follower = make("b");
+  ASSERT_TRUE(leader->open()) << leader->error.text;
+  ASSERT_TRUE(leader->promote()) << leader->error.text;
+  ASSERT_EQ(leader->change(random_), 0);
+  ASSERT_TRUE(follower->open()) << follower->error.text;
+  ASSERT_TRUE(follows(*follower, *leader)) << follower->info().text;
+  EXPECT_EQ(follower->content(), leader->content());
 }
 
 // A thread tries all the time to begin a batch. The first one that can begin is acknowledged, also while a log is founded.

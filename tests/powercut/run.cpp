@@ -338,7 +338,11 @@ void StoreRun::advance_to(int batch, const std::string &failure, const std::func
   record_mark(MarkKind::begun, static_cast<uint32_t>(batch));
   while (!attempt([&] { return step() == 0; })) {
     expect_fault(failure);
-    if (store_->error.code == TSLB_DURABLE_BROKEN)
+    const std::string found = content_of_store(*store_, store_->payload());
+    const bool is_broken = store_->error.code == TSLB_DURABLE_BROKEN;
+    if (is_broken && found != contents_[static_cast<size_t>(batch)] && found != contents_[static_cast<size_t>(last_)])
+      throw Failure{"readers of a broken follower see parts of two states"};
+    if (is_broken)
       replace_broken(batch);
     else
       restore(batch);

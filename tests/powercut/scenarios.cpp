@@ -201,12 +201,16 @@ void failed_snapshot(StoreRun &run, const char *call, uint64_t n, uint64_t n_max
   run.commit();
 }
 
-// A follower gets a copy of its leader's store instead of the groups that it lacks.
+// A follower gets a copy of its leader's store instead of the groups that it lacks. The stored state names the journal of
+// a snapshot that failed.
 void adopted_copy(StoreRun &run) {
   run.has_log = true;
   run.fill_log(2);
   run.open();
   run.apply();
+  fail_call(4, 0, "fsync");  // of the folder, after the renaming of the state
+  run.snapshot();
+  fail_call(0, 0);
   run.adopt();
   run.lead();
   run.commit();

@@ -41,10 +41,10 @@ void make_two_journals(StoreRun &run) {
   if (!fs::exists(run.store_folder() + "/journal.2")) throw Failure{"the snapshot did not change to the next journal"};
 }
 
-// A follower lacks two groups of the log.
+// A follower lacks groups of the log, with which an array gets another block.
 void make_follower(StoreRun &run) {
   run.has_log = true;
-  run.fill_log(2);
+  run.fill_log(3);
   run.open();
   run.apply();
 }
@@ -96,8 +96,7 @@ const Part PARTS[] = {
      [](StoreRun &run) { run.open(); }},
     {"applied group", make_follower,
      [](StoreRun &run) {
-       run.apply();
-       run.apply();
+       for (int left = 3; left > 0; --left) run.apply();
        run.lead();
      }},
     {"adopted copy", make_follower,

@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <tslb/durable.h>
 #include <tslb/tslb_rd_api.h>
@@ -10,6 +11,7 @@
 #include <tslb/tslb_stored.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -199,6 +201,23 @@ class TestStore {
  private:
   std::vector<tslb_array_decl_t> decls_;
   tslb_store_t *store_ = nullptr;
+};
+
+// Files of this process cannot become longer, as if the disk were full.
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(uint64_t bytes) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    getrlimit(RLIMIT_FSIZE, &before_);
+    const rlimit limit = {bytes, before_.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &before_); }
+  FileSizeLimit(const FileSizeLimit &) = delete;
+  FileSizeLimit &operator=(const FileSizeLimit &) = delete;
+
+ private:
+  rlimit before_;
 };
 
 class DurableTest : public testing::Test {
