@@ -671,7 +671,11 @@ TEST(Influxql, PagesOfManySeries) {
     source.add("m", {{"host", fmt::format("{:04}", i)}}, "v", points_at_seconds({{i, i}, {4'000, i}, {9'000 - i, i}}));
   std::vector<Point> points(9'000);
   for (size_t i = 0; i < points.size(); ++i) points[i].ts_ns = static_cast<int64_t>(i) * SECOND_NS;
-  source.add("long", {}, "v", std::move(points));
+  source.add("long", {}, "v", points);
+  for (int field = 0; field < 5; ++field) {
+    source.add("wide", {}, fmt::format("f{}", field), points);
+    for (Point &point : points) point.ts_ns += SECOND_NS / 20;
+  }
   static const struct {
     const char *text;
     std::vector<std::pair<int64_t, double>> rows;
@@ -680,16 +684,18 @@ TEST(Influxql, PagesOfManySeries) {
       {"m LIMIT 2 OFFSET 2999", {{2'999, 2'999}, {4'000, 0}}},
       {"m ORDER BY time DESC LIMIT 2 OFFSET 2", {{8'998, 2}, {8'997, 3}}},
       {"m ORDER BY time DESC LIMIT 2 OFFSET 2999", {{6'001, 2'999}, {4'000, 2'999}}},
+      {"wide ORDER BY time DESC LIMIT 1 OFFSET 404", {{8'919, 0}}},
       {"long ORDER BY time DESC LIMIT 2 OFFSET 1", {{8'998, 0}, {8'997, 0}}},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.text);
-    const auto statement = influxql::parse_statements(fmt::format("SELECT v FROM {}", row.text), 0).at(0);
+    const char *const column = row.text[0] == 'w' ? "*" : "v";
+    const auto statement = influxql::parse_statements(fmt::format("SELECT {} FROM {}", column, row.text), 0).at(0);
     const auto results = influxql::execute({source, {}, 0, {.n_cells = 8'000}}, statement);
     ASSERT_EQ(results.size(), 1U);
     std::vector<std::pair<int64_t, double>> found;
     for (size_t i = 0; i < results[0].n_rows(); ++i)
-      found.emplace_back(results[0].times_ns[i] / SECOND_NS, results[0].cells[i].number);
+      found.emplace_back(results[0].times_ns[i] / SECOND_NS, results[0].cells[i * results[0].n_cells_of_row()].number);
     EXPECT_EQ(found, row.rows);
   }
 }

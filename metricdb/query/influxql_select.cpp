@@ -203,20 +203,24 @@ void check_cells(const Environment &environment, size_t n_cells) {
     throw ExecutionFailed(fmt::format("more than {} values in the result", environment.limits.n_cells));
 }
 
+// What the parts of a statement hold.
+struct HeldByParts {
+  std::atomic<size_t> n_cells{0}, n_points{0};
+};
+
 // The groups, each as one series for each field that has aggregates.
-void add_aggregated(const Selection &selection, const std::vector<FoundSeries> &series,
+void add_aggregated(const Selection &selection, const std::vector<FoundSeries> &series, HeldByParts &held,
                     std::vector<SeriesPart> &parts) {
   const std::vector<Group> groups = groups_of(selection.select, selection.columns, series);
   std::vector<std::vector<SeriesPart>> of_groups(groups.size());
   const Names fields = fields_of(series);
-  std::atomic<size_t> n_cells{0}, n_kept{0};
   for_each_group(selection, groups, [&](const Selection &of_group, const Group &group, size_t i) {
     for (auto &[field, aggregated] : aggregate(of_group, group)) {
       if (fields.count(field) == 0) continue;
       const size_t n_added = aggregated.aggregations.size() * aggregated.aggregations[0].n_windows();
-      check_cells(selection.environment, n_cells.fetch_add(n_added) + n_added);
+      check_cells(selection.environment, held.n_cells += n_added);
       for (const Aggregation &aggregation : aggregated.aggregations)
-        check_points(selection.environment, n_kept += aggregation.n_kept());
+        check_points(selection.environment, held.n_points += aggregation.n_kept());
       SeriesName name = {group.members[0]->name.measurement, group.tags, field};
       std::erase_if(name.tags, [](const auto &tag) { return tag.second.empty(); });
       of_groups[i].push_back({std::move(name), {}, std::move(aggregated)});
@@ -263,12 +267,12 @@ std::vector<ResultSeries> execute_select(const Environment &environment, const S
 
 std::vector<SeriesPart> parts_of_select(const Environment &environment, const SelectStatement &select) {
   std::vector<SeriesPart> parts;
-  size_t n_points = 0;
+  HeldByParts held;
   for_each_measurement(environment, select, [&](const Selection &selection, const std::vector<FoundSeries> &series) {
     const std::vector<Leaf> &leaves = selection.columns.leaves;
     if (!leaves.empty() && leaves[0].aggregate) {
       const size_t n_before = parts.size();
-      add_aggregated(selection, series, parts);
+      add_aggregated(selection, series, held, parts);
       return add_names(selection, series, n_before, parts);
     }
     for (const FoundSeries &one : series) {
@@ -277,7 +281,7 @@ std::vector<SeriesPart> parts_of_select(const Environment &environment, const Se
       PointList &list = parts.back().points;
       read_points(selection.environment, one, selection.from_ns, selection.to_ns, list);
       if (!leaves[0].derivative) cut_points(select, list);
-      check_points(environment, n_points += list.points.size());
+      check_points(environment, held.n_points += list.points.size());
     }
   });
   return parts;

@@ -59,9 +59,16 @@ class RowSelector {
     const size_t n_before = result_.times_ns.size();
     const size_t n_max = selection_.select.is_descending ? SIZE_MAX : n_rows_to_page(selection_.select);
     merge_by_time(lists_, [&](int64_t ts_ns, std::span<const Number> values) {
-      if (result_.times_ns.size() - n_before < n_max) add_row(ts_ns, values);
+      if (result_.times_ns.size() - n_before >= n_max) return;
+      if (has_many_more_rows(result_.times_ns.size() - n_before)) cut_rows(selection_.select, n_before, result_);
+      add_row(ts_ns, values);
     });
     cut_rows(selection_.select, n_before, result_);
+  }
+
+  // Whether so many rows, of which a page has few, need memory for nothing.
+  bool has_many_more_rows(size_t n) const {
+    return n / 2 >= UNSORTED_ROWS && n / 2 >= n_rows_to_page(selection_.select);
   }
 
  private:
@@ -172,9 +179,7 @@ void select_rows(const Selection &selection, const Group &group, ResultSeries &r
   for (size_t begin = 0, end = 0; begin < all.size(); begin = end) {
     while (end < all.size() && all[end]->name.tags == all[begin]->name.tags) ++end;
     selector.add(all.subspan(begin, end - begin));
-    // Many series of which a page has few rows would need memory for all of their first rows.
-    if (result.times_ns.size() / 2 < UNSORTED_ROWS || result.times_ns.size() / 2 < n_rows_to_page(selection.select))
-      continue;
+    if (!selector.has_many_more_rows(result.times_ns.size())) continue;
     sort_by_time(result);
     cut_rows(selection.select, 0, result);
   }
