@@ -406,7 +406,7 @@ int tslb_store_apply(tslb_store_t *store, const tslb_group_t *group, tslb_error_
 
 /* Gives a follower the content of a copy of the leader's store (tslb_store_backup), in place, and with it the identity and
  * the position: they are durable when the call returns. Pointers to arrays stay valid. Needs twice the memory. Result: 0, or
- * -1: the store has its content of before, or is broken. Any thread. */
+ * -1: the store has its content of before, or is broken, or readers wait until a tslb_store_restore succeeds. Any thread. */
 int tslb_store_adopt(tslb_store_t *store, const char *folder, tslb_error_t *error);
 
 /* Makes a follower a leader: journals `position`, the begin of its epoch, without a call of `append`, unless it is the
@@ -415,8 +415,8 @@ int tslb_store_promote(tslb_store_t *store, const tslb_log_position_t *position,
 
 /* Between begin and end no group is applied, and no array restored or replaced: a thread that reads a follower sees a whole
  * state. Application waits meanwhile, so reading should be short. At most 64 threads read at once; others wait. Every store
- * has these functions; those of a leader do not wait. If a group could be neither applied nor taken back, readers wait until
- * a tslb_store_restore succeeds. Not allowed between begin and end: another begin, beginning or ending a batch, waiting for a
+ * has these functions; those of a leader do not wait. If a group or a copy could be neither applied nor taken back, readers wait
+ * until a tslb_store_restore succeeds. Not allowed between begin and end: another begin, beginning or ending a batch, waiting for a
  * ticket, _reserve, _snapshot, _backup, _restore, _apply, _adopt, _promote and _close. */
 void tslb_store_begin_reading(tslb_store_t *store);
 void tslb_store_end_reading(tslb_store_t *store);

@@ -259,18 +259,6 @@ void remove_file(const std::string &path) {
   if ((!begin_step() || unlink(path.c_str()) != 0) && errno != ENOENT) fail_file(path, "cannot be removed");
 }
 
-std::string without_slash(std::string folder) {
-  while (folder.size() > 1 && folder.back() == '/') folder.pop_back();
-  return folder;
-}
-
-std::string absolute_path(const std::string &path) {
-  std::error_code error;
-  std::string absolute = fs::absolute(path, error);
-  if (!error) return absolute;
-  throw StoreError(TSLB_DURABLE_IO, path + ": the working folder: " + error.message(), path, 0, error.value());
-}
-
 void remove_folder_if_empty(const std::string &path) {
   if (begin_step() && rmdir(path.c_str()) == 0) return;
   if (errno != ENOENT && errno != ENOTEMPTY) fail_file(path, "cannot be removed");

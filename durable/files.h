@@ -76,9 +76,6 @@ void copy_file(const std::string &from, const std::string &to, uint64_t bytes);
 // Returns whether an existing path leads to a folder or to something in it.
 bool is_within(const std::string &path, const std::string &folder);
 
-std::string without_slash(std::string folder);
-std::string absolute_path(const std::string &path);
-
 // Returns the folder that contains a path.
 std::string folder_of(const std::string &path);
 

@@ -55,6 +55,18 @@ std::string holder_of(const File &lock) {
                             : fmt::format("another writer has the store: process {}", writer);
 }
 
+std::string without_slash(std::string folder) {
+  while (folder.size() > 1 && folder.back() == '/') folder.pop_back();
+  return folder;
+}
+
+std::string absolute_path(const std::string &folder) {
+  std::error_code error;
+  std::string path = std::filesystem::absolute(folder, error);
+  if (!error) return path;
+  throw StoreError(TSLB_DURABLE_IO, folder + ": the working folder: " + error.message(), folder, 0, error.value());
+}
+
 std::atomic<uint32_t> n_forks{0};
 
 }  // namespace

@@ -184,6 +184,7 @@ struct tslb_store_t {
   // Generations, in store_snapshot.cpp.
   void write_generation_alone(uint64_t number, bool keeps_numbers = false, uint32_t n_older = 0);
   void remove_attempt(uint64_t number);
+  void withdraw_attempt(uint64_t number) noexcept;
   uint64_t number_of_import() const;
   void use_journal(std::unique_ptr<tslb_durable::JournalWriter> journal);
   bool forks() const { return (options_.flags & TSLB_STORE_NO_FORK) == 0; }
@@ -194,7 +195,7 @@ struct tslb_store_t {
   tslb_durable::JournalState sealed_state() const;
   void write_streams(NewGeneration &next);
   void finish_generation(NewGeneration &next);
-  void remove_older_generations(uint32_t n_kept);
+  void remove_older_generations(uint32_t n_kept) noexcept;
   void snapshot_of_bulk();
   void expect_backup_folder(const std::string &target) const;
   void write_backup(tslb_durable::StoreState copy, const std::string &target) const;

@@ -188,22 +188,27 @@ void tslb_store_t::write_generation_alone(uint64_t number, bool keeps_numbers, u
   remove_older_generations(n_older);
 }
 
-// Removes what the state does not need, except for some older generations and the journals since them.
-void tslb_store_t::remove_older_generations(uint32_t n_kept) {
-  std::vector<uint64_t> generations;
-  for_each_name(folder_, [&](const std::string &name) {
-    if (const auto number = number_of(name, GENERATION_PREFIX); number && *number < state_.generation)
-      generations.push_back(*number);
-  });
-  std::sort(generations.rbegin(), generations.rend());
-  const uint64_t oldest_kept = n_kept == 0 || generations.empty()
-                                   ? state_.generation
-                                   : generations[std::min<size_t>(n_kept, generations.size()) - 1];
-  for_each_name(folder_, [&](const std::string &name) {
-    const auto generation = number_of(name, GENERATION_PREFIX), journal = number_of(name, JOURNAL_PREFIX);
-    if (generation && *generation < oldest_kept) remove_generation(folder_ + "/" + name);
-    if (journal && *journal < oldest_kept) remove_journal(folder_ + "/" + name);
-  });
+// Removes what the state does not need, except for some older generations and the journals since them. What cannot be
+// removed stays, and the next generation tries again.
+void tslb_store_t::remove_older_generations(uint32_t n_kept) noexcept {
+  try {
+    std::vector<uint64_t> generations;
+    for_each_name(folder_, [&](const std::string &name) {
+      if (const auto number = number_of(name, GENERATION_PREFIX); number && *number < state_.generation)
+        generations.push_back(*number);
+    });
+    std::sort(generations.rbegin(), generations.rend());
+    const uint64_t oldest_kept = n_kept == 0 || generations.empty()
+                                     ? state_.generation
+                                     : generations[std::min<size_t>(n_kept, generations.size()) - 1];
+    for_each_name(folder_, [&](const std::string &name) {
+      const auto generation = number_of(name, GENERATION_PREFIX), journal = number_of(name, JOURNAL_PREFIX);
+      if (generation && *generation < oldest_kept) remove_generation(folder_ + "/" + name);
+      if (journal && *journal < oldest_kept) remove_journal(folder_ + "/" + name);
+    });
+  } catch (const std::exception &) {
+    // The state is written: the generation is the current one.
+  }
 }
 
 // Removes the journal of an attempt to write a generation, if it failed. The stored state can name it, so the state is
@@ -213,6 +218,15 @@ void tslb_store_t::remove_attempt(uint64_t number) {
   if (access(path.c_str(), F_OK) != 0) return;
   write_state(folder_, state_);
   remove_file(path);
+}
+
+// The same after a failure, as far as possible.
+void tslb_store_t::withdraw_attempt(uint64_t number) noexcept {
+  try {
+    remove_attempt(number);
+  } catch (const std::exception &) {
+    // The next attempt, or the end, tries again.
+  }
 }
 
 // Makes the journal of the next generation, and names it in the stored state before it gets a group.
@@ -347,7 +361,12 @@ uint64_t tslb_store_t::number_of_import() const {
 void tslb_store_t::snapshot_of_bulk() {
   const uint64_t number = number_of_import();
   remove_attempt(number);
-  write_generation_alone(number);
+  try {
+    write_generation_alone(number);
+  } catch (const std::exception &) {
+    withdraw_attempt(number);
+    throw;
+  }
   ++info_.n_snapshots;
 }
 

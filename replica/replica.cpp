@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <new>
 
 #include "store.h"
@@ -122,7 +123,7 @@ tslb_replica_t::tslb_replica_t(const std::string &folder, const tslb_array_decl_
   if (store_ == nullptr) throw store_error_of(error);
   try {
     // A process may move, and names of other folders begin with this one.
-    folder_ = tslb_durable::absolute_path(tslb_durable::without_slash(folder_));
+    folder_ = std::filesystem::canonical(folder_);
     if (set_aside_) set_aside_->file.sync();
     start_following();
   } catch (...) {

@@ -241,11 +241,22 @@ bool tslb_replica_t::is_snapshot_ours() {
 
 // ---- Following -----------------------------------------------------------------------------------------------------
 
+// A store with the begin of a log only can have lost the log to another that founded it at the same time. Throws if it has
+// content, or groups of another log.
+bool tslb_replica_t::is_log_of_this_store(const Span &span) {
+  std::string bytes;
+  const MessageHead head = head_at(span.last, bytes).head;
+  const MessageSource own = source();
+  if (std::memcmp(head.identity, own.identity.data(), own.identity.size()) == 0) return true;
+  if (position().number == 1 && !has_content()) return false;
+  throw StoreError(TSLB_DURABLE_INVALID, fmt::format("{}: of another store", log_.log().place(span.last)));
+}
+
 void tslb_replica_t::begin_following() {
   restore_store();
   Span span = log_.log().span();
   if (span.is_empty()) throw Unreachable(log_.log().name() + (span.last == 0 ? ": is empty" : ": has no messages"));
-  if (position().number == 0) bootstrap();
+  if (position().number == 0 || !is_log_of_this_store(span)) bootstrap();
   next_ = next_sequence(span);
   if (next_ == 0) {
     bootstrap();

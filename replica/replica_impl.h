@@ -71,6 +71,7 @@ struct tslb_replica_t {
                        const std::function<bool(const tslb_replica::MessageHead &)> &is_after);
   uint64_t next_sequence(const tslb_replica::Span &span);
   void bootstrap();
+  bool is_log_of_this_store(const tslb_replica::Span &span);
   bool has_content() const;
   void begin_following();
   void follow_until(const std::function<bool()> &is_done);
