@@ -365,10 +365,8 @@ void tslb_store_t::close_bulk() {
   if (state_.generation != 0) return seal();
   const std::string generation = generation_path(folder_, FIRST_GENERATION);
   const std::string journal = journal_path(folder_, FIRST_GENERATION);
-  for (const std::string &path : {generation, journal}) {
-    remove_tree(path);
-    remove_tree(path + std::string(UNFINISHED_SUFFIX));
-  }
+  const std::string suffix(UNFINISHED_SUFFIX);
+  for (const std::string &path : {generation, generation + suffix, journal + suffix}) remove_tree(path);
   remove_file(state_path(folder_));
   remove_file(lock_path(folder_));
   if (made_folder_) remove_folder_if_empty(folder_);

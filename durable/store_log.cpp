@@ -187,7 +187,8 @@ void tslb_store_t::take_arrays(LoadedStore &loaded) {
   loaded.arrays = std::move(taken);
 }
 
-// Returns why the arrays are replaced in part, and readers wait; null if everything is replaced.
+// Replaces the arrays and what belongs to them. Returns null, or why only a part of the arrays is replaced: then the store
+// must be restored, and readers wait until it is.
 std::exception_ptr tslb_store_t::replace_content(LoadedStore &loaded) {
   const std::lock_guard snapshots(snapshot_mutex_);
   const std::lock_guard flushing(flush_mutex_);

@@ -100,8 +100,7 @@ tslb_store_t::NewGeneration::NewGeneration(const tslb_store_t &store, uint64_t t
       remove_unused(store.folder_ + "/" + name);
   });
   remove_tree(folder);  // again, to report a failure: it must not exist
-  // A generation that is not in the stored state: of a process that ended before it wrote this, in an upgrade or while it
-  // adopted a copy.
+  // Of a process that ended before it wrote a state with this generation, in an upgrade or while it adopted a copy.
   remove_tree(final_folder);
   make_folder(folder);
   for (const ArrayDecl &decl : store.decls_) streams.push_back(File::create(folder + "/" + stream_name(decl.name)));
@@ -211,8 +210,8 @@ void tslb_store_t::remove_older_generations(uint32_t n_kept) noexcept {
   }
 }
 
-// Removes the journal of an attempt to write a generation, if it failed. The stored state can name it, so the state is
-// written anew before.
+// Removes the journal that a failed attempt to write a generation has left. The stored state can name this journal, so
+// the state is written anew first.
 void tslb_store_t::remove_attempt(uint64_t number) {
   const std::string path = journal_path(folder_, number);
   if (access(path.c_str(), F_OK) != 0) return;
@@ -231,9 +230,9 @@ void tslb_store_t::withdraw_attempt(uint64_t number) noexcept {
 
 // Makes the journal of the next generation, and names it in the stored state before it gets a group.
 void tslb_store_t::begin_next_journal(NewGeneration &next) {
-  const std::string path = journal_path(folder_, next.number);
   remove_attempt(next.number);
-  next.journal = std::make_unique<JournalWriter>(path, JournalName{state_.identity, next.number});
+  next.journal =
+      std::make_unique<JournalWriter>(journal_path(folder_, next.number), JournalName{state_.identity, next.number});
   StoreState with_next = state_;
   with_next.journals.push_back({next.number, false, 0, 0});
   write_state(folder_, with_next);

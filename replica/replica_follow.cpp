@@ -241,8 +241,8 @@ bool tslb_replica_t::is_snapshot_ours() {
 
 // ---- Following -----------------------------------------------------------------------------------------------------
 
-// A store with the begin of a log only can have lost the log to another that founded it at the same time. Throws if it has
-// content, or groups of another log.
+// Returns false if another store has founded the log, and this one had begun to, without content. Throws if the log is of
+// another store, and this one has content or more groups.
 bool tslb_replica_t::is_log_of_this_store(const Span &span) {
   std::string bytes;
   const MessageHead head = head_at(span.last, bytes).head;
